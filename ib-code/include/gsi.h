@@ -1,0 +1,76 @@
+// The GSI layer: management datagrams to and from QP1 of every port (IBA volume 1, 13.5).
+#pragma once
+
+#include "kernel/export.h"
+#include "mad.h"
+#include "verbs.h"
+
+struct gsi_class_t;
+struct gsi_dtgrm_pool_t;
+using gsi_class_handle_t = gsi_class_t*;
+using gsi_dtgrm_pool_handle_t = gsi_dtgrm_pool_t*;
+
+// One datagram as the GSI layer and its clients exchange it. Packed, because the layer's binaries agree on it.
+struct __attribute__((packed)) gsi_dtgrm_t {
+    uint8_t priv[104]; // the GSI layer's own
+    uint8_t mad[MAD_SIZE];
+    uint8_t cache_pad[24];
+    void* rmpp_payload;
+    int32_t rmpp_payload_size;
+    void* rmpp_context;
+    int32_t rmpp_dir_switch_needed;
+    uint32_t rqp;     // remote QP number, host order like all that follows
+    uint32_t rqk;     // remote Q_Key; 0: the GSI layer supplies that of QP1
+    uint16_t rlid;    // remote LID
+    uint8_t sl;       // service level
+    int32_t pkey_idx; // P_Key table index; the pool hands out index 0, the one clients advertise
+    uint64_t guid;
+    uint8_t path_bits;
+    uint8_t static_rate;
+    uint8_t is_marked_for_release; // the GSI layer's own
+    uint8_t is_in_use;             // the GSI layer's own
+};
+static_assert(sizeof(gsi_dtgrm_t) == 435);
+static_assert(offsetof(gsi_dtgrm_t, priv) == 0 && offsetof(gsi_dtgrm_t, mad) == 104);
+static_assert(offsetof(gsi_dtgrm_t, cache_pad) == 360 && offsetof(gsi_dtgrm_t, rmpp_payload) == 384);
+static_assert(offsetof(gsi_dtgrm_t, rmpp_payload_size) == 392 && offsetof(gsi_dtgrm_t, rmpp_context) == 396);
+static_assert(offsetof(gsi_dtgrm_t, rmpp_dir_switch_needed) == 404 && offsetof(gsi_dtgrm_t, rqp) == 408);
+static_assert(offsetof(gsi_dtgrm_t, rqk) == 412 && offsetof(gsi_dtgrm_t, rlid) == 416);
+static_assert(offsetof(gsi_dtgrm_t, sl) == 418 && offsetof(gsi_dtgrm_t, pkey_idx) == 419);
+static_assert(offsetof(gsi_dtgrm_t, guid) == 423 && offsetof(gsi_dtgrm_t, path_bits) == 431);
+static_assert(offsetof(gsi_dtgrm_t, static_rate) == 432 && offsetof(gsi_dtgrm_t, is_marked_for_release) == 433);
+static_assert(offsetof(gsi_dtgrm_t, is_in_use) == 434);
+
+// Called in the HCA's completion context: one completion of an HCA at a time, in order; must not sleep. The
+// callee owns the datagram from then on and returns it with gsi_dtgrm_pool_put.
+using gsi_completion_fn_t = void (*)(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* dtgrm);
+
+// All calls that return int return 0 on success and a negative number otherwise.
+
+// Registers a client for one management class on one port. The two int arguments after the port choose redirection
+// and RMPP; 0 leaves both off. Responses of the class that arrive on the port go to `received`. Callbacks may start
+// before the call returns, once the handle is stored.
+KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
+                                  int redirection, int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received,
+                                  void* context, gsi_class_handle_t* handle);
+
+// Ends a registration. Fails, and changes nothing, while a datagram of the class is in flight or a callback of it
+// runs; the caller tries again later. After success no callback of the class runs.
+KERNEL_API int gsi_deregister_class(gsi_class_handle_t handle);
+
+// A pool of `size` datagrams under a name for reports. May sleep.
+KERNEL_API int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, const char* name);
+
+// Destroys a pool. A datagram that is not back is a hard error that tells its history. May sleep.
+KERNEL_API int gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool);
+
+// Takes one free datagram; fails when none is free. Allocates nothing, any context.
+KERNEL_API int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm);
+
+// Returns a datagram to where it came from. Any context. A second put is a hard error.
+KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
+
+// Queues the datagram's MAD for sending, assigns its TransactionID and stores that (host order) in
+// `transaction_id` unless null. On success the datagram belongs to the GSI layer until `sent` is called with it; on
+// failure it stays with the caller. Any context; allocates nothing.
+KERNEL_API int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id);

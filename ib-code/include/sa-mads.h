@@ -1,0 +1,90 @@
+// Subnet Administration datagrams (IBA volume 1, 15.2) and the ServiceRecord they carry (15.2.5.14).
+#pragma once
+
+#include "mad.h"
+
+// Attribute identifiers, IBA 15.2.5.
+constexpr uint16_t SA_ATTR_NOTICE = 0x0002;
+constexpr uint16_t SA_ATTR_INFORM_INFO = 0x0003;
+constexpr uint16_t SA_ATTR_NODE_RECORD = 0x0011;
+constexpr uint16_t SA_ATTR_PORT_INFO_RECORD = 0x0012;
+constexpr uint16_t SA_ATTR_SERVICE_RECORD = 0x0031;
+constexpr uint16_t SA_ATTR_PATH_RECORD = 0x0035;
+constexpr uint16_t SA_ATTR_MC_MEMBER_RECORD = 0x0038;
+constexpr uint16_t SA_ATTR_MULTI_PATH_RECORD = 0x003A;
+
+// Class-specific status codes (IBA 15.2.4): the high byte of the status word.
+enum sa_status_t : uint8_t {
+    SA_STATUS_SUCCESS = 0,
+    SA_STATUS_NO_RESOURCES = 1,
+    SA_STATUS_REQ_INVALID = 2,
+    SA_STATUS_NO_RECORDS = 3,
+    SA_STATUS_TOO_MANY_RECORDS = 4,
+    SA_STATUS_REQ_INVALID_GID = 5,
+    SA_STATUS_REQ_INSUFFICIENT_COMPONENTS = 6,
+};
+
+struct sa_mad_v2_t {
+    mad_hdr_t hdr;
+    uint8_t rmpp_version;
+    uint8_t rmpp_type;
+    uint8_t rmpp_flags;
+    uint8_t rmpp_status;
+    be32_t segment_num;
+    be32_t payload_len;
+    be64_t sm_key;
+    be16_t attr_offset;
+    be16_t reserved;
+    be64_t component_mask;
+    uint8_t payload[200];
+};
+static_assert(sizeof(sa_mad_v2_t) == MAD_SIZE);
+static_assert(offsetof(sa_mad_v2_t, rmpp_version) == 24 && offsetof(sa_mad_v2_t, rmpp_type) == 25);
+static_assert(offsetof(sa_mad_v2_t, rmpp_flags) == 26 && offsetof(sa_mad_v2_t, rmpp_status) == 27);
+static_assert(offsetof(sa_mad_v2_t, segment_num) == 28 && offsetof(sa_mad_v2_t, payload_len) == 32);
+static_assert(offsetof(sa_mad_v2_t, sm_key) == 36 && offsetof(sa_mad_v2_t, attr_offset) == 44);
+static_assert(offsetof(sa_mad_v2_t, reserved) == 46 && offsetof(sa_mad_v2_t, component_mask) == 48);
+static_assert(offsetof(sa_mad_v2_t, payload) == 56);
+
+struct ib_service_record_v2_t {
+    be64_t service_id;
+    wire_gid_t service_gid;
+    be16_t service_pkey;
+    be16_t reserved1;
+    be32_t service_lease; // seconds; all ones: for ever
+    uint8_t service_key[16];
+    char service_name[64];
+    uint8_t service_data8[16];
+    uint8_t service_data16[16];
+    uint8_t service_data32[16];
+    uint8_t service_data64[16];
+};
+static_assert(sizeof(ib_service_record_v2_t) == 176);
+static_assert(offsetof(ib_service_record_v2_t, service_id) == 0);
+static_assert(offsetof(ib_service_record_v2_t, service_gid) == 8);
+static_assert(offsetof(ib_service_record_v2_t, service_pkey) == 24);
+static_assert(offsetof(ib_service_record_v2_t, reserved1) == 26);
+static_assert(offsetof(ib_service_record_v2_t, service_lease) == 28);
+static_assert(offsetof(ib_service_record_v2_t, service_key) == 32);
+static_assert(offsetof(ib_service_record_v2_t, service_name) == 48);
+static_assert(offsetof(ib_service_record_v2_t, service_data8) == 112);
+static_assert(offsetof(ib_service_record_v2_t, service_data16) == 128);
+static_assert(offsetof(ib_service_record_v2_t, service_data32) == 144);
+static_assert(offsetof(ib_service_record_v2_t, service_data64) == 160);
+static_assert(sizeof(ib_service_record_v2_t) <= sizeof(sa_mad_v2_t::payload));
+
+// Component mask bits of a ServiceRecord query (IBA 15.2.5.14), as bit numbers.
+enum service_record_component_t : int {
+    SR_COMPONENT_SERVICE_ID = 0,
+    SR_COMPONENT_SERVICE_GID = 1,
+    SR_COMPONENT_SERVICE_P_KEY = 2,
+    SR_COMPONENT_RESERVED = 3,
+    SR_COMPONENT_SERVICE_LEASE = 4,
+    SR_COMPONENT_SERVICE_KEY = 5,
+    SR_COMPONENT_SERVICE_NAME = 6,
+    SR_COMPONENT_SERVICE_DATA8 = 7,   // 16 of them, one per byte
+    SR_COMPONENT_SERVICE_DATA16 = 23, // 8, one per 16-bit number
+    SR_COMPONENT_SERVICE_DATA32 = 31, // 4
+    SR_COMPONENT_SERVICE_DATA64 = 35, // 2
+    SR_COMPONENT_COUNT = 37,
+};

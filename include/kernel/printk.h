@@ -1,0 +1,9 @@
+// The kernel log.
+#pragma once
+
+#include "kernel/export.h"
+
+// Appends one formatted text to the machine's log, with the current tick. A leading "<n>" (n from 0 to 7) is its
+// priority, otherwise the default priority holds. Texts are kept as they are: a text without a line end is
+// continued by the next one. May be called from any context; does not sleep. Texts beyond 1023 bytes are cut.
+KERNEL_API void printk(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -1,0 +1,40 @@
+// The /proc tree.
+#pragma once
+
+#include <sys/types.h>
+
+#include "kernel/export.h"
+#include "kernel/module.h"
+
+constexpr size_t PROC_PAGE_SIZE = 4096;
+
+// Opaque here: an open file of the writer. Handlers get it and ignore it.
+struct file;
+
+// Fills `page` (PROC_PAGE_SIZE bytes). `*start` is where the answer for offset `off` begins, `*eof` is set to 1
+// when it reaches the end. Returns the number of bytes from `*start`, or a negative error number. May sleep.
+using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof, void* data);
+
+// Takes `count` bytes at `user_buffer` (reach them with copy_from_user). Returns the number of bytes taken or a
+// negative error number. May sleep.
+using write_proc_t = int(struct file* file, const char* user_buffer, unsigned long count, void* data);
+
+// One entry. The caller of create_proc_entry sets the last four fields before the call returns to user space;
+// an entry with an owner is not entered any more once the owner's unloading has begun.
+struct proc_dir_entry {
+    read_proc_t* read_proc;
+    write_proc_t* write_proc;
+    void* data;
+    kernel_module_t* owner;
+};
+
+// Creates a file at `path` (relative to the /proc root, no leading slash); mode 0 means 0444. Null when a
+// directory on the path is missing, the name exists already, or memory ran out. The tree owns the entry.
+KERNEL_API proc_dir_entry* create_proc_entry(const char* path, mode_t mode);
+
+// Creates a directory, likewise.
+KERNEL_API proc_dir_entry* proc_mkdir(const char* path);
+
+// Removes the entry at `path` after the handlers that run in it have returned. A missing entry is ignored.
+// May sleep.
+KERNEL_API void remove_proc_entry(const char* path);
