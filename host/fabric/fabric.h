@@ -1,0 +1,104 @@
+// The whole boundary between a host and a wire. GSI and verbs are written once against it; what is behind it, a
+// simulated subnet or real ports, they cannot tell. Names are the InfiniBand Architecture's; numbers are host order,
+// datagrams are wire bytes.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace fabric
+{
+
+using mad_bytes = std::array<uint8_t, 256>;
+
+constexpr uint32_t qp1_q_key = 0x80010000; // IBA 10.2.5: the well-known Q_Key of every QP1
+
+// A GID in wire order.
+using gid_bytes = std::array<uint8_t, 16>;
+
+// Where a datagram goes to, or came from.
+struct address {
+    uint16_t lid = 0;
+    uint8_t sl = 0;
+    uint8_t path_bits = 0;
+    uint8_t static_rate = 0;
+    uint32_t qpn = 1;
+    uint32_t q_key = qp1_q_key;
+    uint16_t p_key_index = 0;
+};
+
+// IBA 14.2.5.6, PortInfo.PortState.
+enum class link_state : uint8_t { down = 1, init = 2, armed = 3, active = 4 };
+
+// What a port says of itself at one moment (PortInfo, GUIDInfo and P_KeyTable of IBA 14.2.5).
+struct port_attributes {
+    link_state state = link_state::down;
+    uint16_t lid = 0;
+    uint8_t lmc = 0;
+    uint16_t sm_lid = 0;
+    uint8_t sm_sl = 0;
+    uint8_t mtu = 4; // PortInfo encoding: 1 is 256 bytes, 5 is 4096
+    uint8_t max_vls = 1;
+    uint32_t capability_mask = 0;
+    uint32_t bad_p_keys = 0;
+    uint32_t bad_q_keys = 0;
+    std::vector<gid_bytes> gids; // entry 0 first
+    std::vector<uint16_t> p_keys;
+};
+
+enum class port_change { link_up, link_down, sm_change };
+
+// Told of what happens at an HCA. Called in the fabric's own context, one call of an HCA at a time, with no lock of
+// the fabric held that a call back into it would need; must not sleep.
+class listener
+{
+  public:
+    // A datagram arrived at QP1 of `port`.
+    virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
+
+    // `port` changed; `new_sm_lid` holds for sm_change only. Its attributes read the new state already.
+    virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;
+
+  protected:
+    ~listener() = default;
+};
+
+// One host channel adapter as plugged into a host. The fabric owns it and outlives its users. Every call may come
+// from any thread; none throws on bad input.
+class hca
+{
+  public:
+    virtual const std::string& name() const = 0;
+    virtual int port_count() const = 0; // ports are numbered from 1
+
+    // The port as it is now. `port` must exist (the caller has checked it against port_count()). Real ports may
+    // take their time over this: it may sleep.
+    virtual port_attributes read_port(int port) = 0;
+
+    // Hands one datagram to the wire from QP1 of `port`. True: accepted (it may still be lost); false: the send
+    // queue takes nothing now or the port does not exist. Does not sleep and does not allocate in the sender's
+    // account.
+    virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
+
+    // Sets who is told, or nobody (null). When it returns, the previous listener is not running and is not called
+    // again. May sleep; must not be called by the listener itself.
+    virtual void listen(listener* to) = 0;
+
+  protected:
+    ~hca() = default;
+};
+
+// Sees every datagram that crosses a boundary, in order. Called in the crossing context; must not sleep.
+class tap
+{
+  public:
+    virtual void crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad) = 0;
+
+  protected:
+    ~tap() = default;
+};
+
+} // namespace fabric

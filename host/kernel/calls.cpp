@@ -1,0 +1,136 @@
+// The kernel calls of a module that lead straight to a part of its machine.
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "host/kernel/machine.h"
+#include "host/kernel/print-capture.h"
+#include "kernel/memory.h"
+#include "kernel/printk.h"
+#include "kernel/proc.h"
+#include "kernel/time.h"
+
+using kernel::current_machine;
+using kernel::might_sleep;
+
+namespace
+{
+
+constexpr size_t longest_print = 1024; // with its NUL
+
+// Where a call may sleep in a real kernel, others may run.
+kernel::machine& machine_where_others_may_run(const char* call)
+{
+    might_sleep(call);
+    kernel::machine& home = current_machine(call);
+    home.exec().switch_point();
+    return home;
+}
+
+} // namespace
+
+void printk(const char* format, ...)
+{
+    char text[longest_print];
+    va_list arguments;
+    va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of clang-tidy 14
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    kernel::machine& home = current_machine(__func__);
+    kernel::print_capture* capture = kernel::current_task()->capture;
+    if (capture && !capture->take(text)) return;
+    home.log.append(home.exec().now(), text);
+}
+
+void* kmalloc(size_t size, gfp_t flags)
+{
+    kernel::machine& home = flags == GFP_KERNEL ? machine_where_others_may_run(__func__) : current_machine(__func__);
+    if (home.faults.should_fail(__func__)) return nullptr;
+    return home.memory.allocate(size, __builtin_return_address(0));
+}
+
+void kfree(const void* memory)
+{
+    if (memory && !current_machine(__func__).memory.release(memory))
+        kernel::panic("kfree: %p is not memory of this machine, or was freed before", memory);
+}
+
+unsigned long copy_from_user(void* to, const void* from, unsigned long count)
+{
+    if (machine_where_others_may_run(__func__).faults.should_fail(__func__)) return count;
+    std::memcpy(to, from, count);
+    return 0;
+}
+
+void get_random_bytes(void* buffer, int count)
+{
+    current_machine(__func__).random.fill(buffer, count);
+}
+
+unsigned long get_jiffies()
+{
+    return current_machine(__func__).exec().now();
+}
+
+void inter_module_register(const char* name, kernel_module_t* owner, const void* pointer)
+{
+    current_machine(__func__).inter_modules.publish(name, owner, pointer);
+}
+
+void inter_module_unregister(const char* name)
+{
+    current_machine(__func__).inter_modules.withdraw(name);
+}
+
+const void* inter_module_get(const char* name)
+{
+    kernel::machine& home = current_machine(__func__);
+    return home.faults.should_fail(__func__) ? nullptr : home.inter_modules.get(name);
+}
+
+void inter_module_put(const char* name)
+{
+    current_machine(__func__).inter_modules.put(name);
+}
+
+proc_dir_entry* create_proc_entry(const char* path, mode_t mode)
+{
+    kernel::machine& home = current_machine(__func__);
+    return home.faults.should_fail(__func__) ? nullptr : home.proc.create(path, mode, false);
+}
+
+proc_dir_entry* proc_mkdir(const char* path)
+{
+    kernel::machine& home = current_machine(__func__);
+    return home.faults.should_fail(__func__) ? nullptr : home.proc.create(path, 0, true);
+}
+
+void remove_proc_entry(const char* path)
+{
+    might_sleep(__func__);
+    current_machine(__func__).proc.remove(path);
+}
+
+namespace kernel
+{
+
+print_capture::print_capture(where to) : to_(to), outer_(current_task_of("print_capture").capture)
+{
+    current_task()->capture = this;
+}
+
+print_capture::~print_capture()
+{
+    current_task()->capture = outer_;
+}
+
+bool print_capture::take(const char* printed)
+{
+    const bool marked = printed[0] == '<' && printed[1] != '\0' && printed[2] == '>';
+    text_ += printed + (marked ? 3 : 0);
+    return to_ == also_log && (!outer_ || outer_->take(printed));
+}
+
+} // namespace kernel

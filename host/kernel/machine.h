@@ -1,0 +1,94 @@
+// One host computer. A process can hold many; kernel calls find theirs through the calling task.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <typeindex>
+#include <unordered_map>
+#include <vector>
+
+#include "host/fabric/fabric.h"
+#include "host/kernel/executor.h"
+#include "host/kernel/fault.h"
+#include "host/kernel/inter-module.h"
+#include "host/kernel/loader.h"
+#include "host/kernel/log.h"
+#include "host/kernel/memory.h"
+#include "host/kernel/proc-tree.h"
+#include "host/kernel/random.h"
+
+namespace kernel
+{
+
+// A part of a machine that a layer above the kernel brings along (verbs, GSI, timing, the registry, ...).
+class service
+{
+  public:
+    virtual ~service() = default;
+};
+
+struct machine_options {
+    uint64_t random_seed = 0; // 0: the system's randomness
+};
+
+class machine
+{
+  public:
+    machine(executor& runs_it, std::string name, const machine_options& options = {});
+
+    // Everything must be unloaded: a loaded module is a hard error. Services end in reverse order of creation.
+    ~machine();
+    machine(const machine&) = delete;
+    machine& operator=(const machine&) = delete;
+
+    executor& exec() const { return exec_; }
+    const std::string& name() const { return name_; }
+
+    // HCAs are plugged before a module that looks for them is loaded; the fabric owns them.
+    void plug(fabric::hca& adapter) { hcas_.push_back(&adapter); }
+    const std::vector<fabric::hca*>& hcas() const { return hcas_; }
+
+    // The machine's only `service_t`, made with service_t(machine&) at its first use. Services are made in a
+    // thread that may sleep: what runs in other contexts keeps a pointer.
+    template <class service_t>
+    service_t& get();
+
+    // Runs `body` inside this machine for a thread from outside; see executor::enter.
+    void enter(const std::string& task_name, const std::function<void()>& body) { exec_.enter(this, task_name, body); }
+
+    // Starts a task inside this machine; its reports read "machine/name".
+    task& start(const std::string& task_name, std::function<void()> body)
+    {
+        return exec_.start(this, task_name, std::move(body));
+    }
+
+    kernel::log log;
+    fault_injector faults;
+    memory_account memory;
+    random_source random;
+    proc_tree proc;
+    inter_module_registry inter_modules;
+    loader modules;
+
+  private:
+    service& find_or_make(std::type_index type, std::unique_ptr<service> (*make)(machine&));
+
+    executor& exec_;
+    const std::string name_;
+    std::vector<fabric::hca*> hcas_;
+    std::mutex services_mutex_;
+    std::unordered_map<std::type_index, service*> services_by_type_;
+    std::vector<std::unique_ptr<service>> services_; // in order of creation
+};
+
+template <class service_t>
+service_t& machine::get()
+{
+    return static_cast<service_t&>(find_or_make(typeid(service_t), [](machine& self) -> std::unique_ptr<service> {
+        return std::make_unique<service_t>(self);
+    }));
+}
+
+} // namespace kernel

@@ -1,0 +1,107 @@
+#include "host/kernel/memory.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <link.h>
+
+namespace kernel
+{
+
+namespace
+{
+
+std::string with_offset(const std::string& image, const void* code, const void* base)
+{
+    char offset[32];
+    std::snprintf(offset, sizeof offset, "+0x%tx", static_cast<const char*>(code) - static_cast<const char*>(base));
+    return image + offset;
+}
+
+const void* image_of(const void* code)
+{
+    Dl_info found{};
+    return dladdr(code, &found) != 0 ? found.dli_fbase : nullptr;
+}
+
+std::string describe(const void* code)
+{
+    Dl_info found{};
+    void* extra = nullptr;
+    if (dladdr1(code, &found, &extra, RTLD_DL_SYMENT) == 0) return "unknown code";
+    const auto* symbol = static_cast<const ElfW(Sym)*>(extra);
+    // The nearest exported symbol may be another function's than the caller's.
+    const bool is_inside =
+        symbol && static_cast<const char*>(code) < static_cast<const char*>(found.dli_saddr) + symbol->st_size;
+    return is_inside ? found.dli_sname : with_offset(found.dli_fname, code, found.dli_fbase);
+}
+
+} // namespace
+
+memory_account::~memory_account()
+{
+    for (const auto& [memory, held] : live_) std::free(const_cast<void*>(memory));
+}
+
+size_t memory_account::blocks() const
+{
+    const std::lock_guard lock(mutex_);
+    return live_.size();
+}
+
+size_t memory_account::bytes() const
+{
+    const std::lock_guard lock(mutex_);
+    return bytes_;
+}
+
+uint64_t memory_account::total_allocations() const
+{
+    const std::lock_guard lock(mutex_);
+    return total_;
+}
+
+std::vector<std::string> memory_account::leaks() const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> lines;
+    for (const auto& [memory, held] : live_)
+        lines.push_back(std::to_string(held.size) + " bytes allocated by " +
+                        (held.caller_was.empty() ? describe(held.caller) : held.caller_was));
+    return lines;
+}
+
+void memory_account::image_leaves(const std::string& module_name, const void* code)
+{
+    const void* base = image_of(code);
+    const std::lock_guard lock(mutex_);
+    for (auto& [memory, held] : live_)
+        if (held.caller_was.empty() && image_of(held.caller) == base)
+            held.caller_was = with_offset(module_name, held.caller, base);
+}
+
+void* memory_account::allocate(size_t size, const void* caller)
+{
+    void* memory = std::malloc(size);
+    if (!memory) return nullptr;
+    const std::lock_guard lock(mutex_);
+    live_[memory] = {size, caller, ""};
+    bytes_ += size;
+    ++total_;
+    return memory;
+}
+
+bool memory_account::release(const void* memory)
+{
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = live_.find(memory);
+        if (found == live_.end()) return false;
+        bytes_ -= found->second.size;
+        live_.erase(found);
+    }
+    std::free(const_cast<void*>(memory));
+    return true;
+}
+
+} // namespace kernel

@@ -1,0 +1,49 @@
+// Accounted kernel memory: one door that counts, fails on demand and knows what leaked.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kernel
+{
+
+class memory_account
+{
+  public:
+    memory_account() = default;
+    ~memory_account(); // frees what leaked
+    memory_account(const memory_account&) = delete;
+    memory_account& operator=(const memory_account&) = delete;
+
+    // What kmalloc asked for and has not freed.
+    size_t blocks() const;
+    size_t bytes() const;
+    uint64_t total_allocations() const;
+
+    // One line per block still held: its size and the code that asked for it, a symbol or an offset into its image:
+    // "ats+0x1a2b", as addr2line takes it.
+    std::vector<std::string> leaks() const;
+
+    // The image that holds `code` is about to be unmapped: blocks it asked for are listed under the module's name.
+    void image_leaves(const std::string& module_name, const void* code);
+
+    void* allocate(size_t size, const void* caller);
+    bool release(const void* memory); // false: not a live block of this machine
+
+  private:
+    struct block {
+        size_t size;
+        const void* caller;
+        std::string caller_was; // once the caller's image has gone
+    };
+    mutable std::mutex mutex_;
+    std::unordered_map<const void*, block> live_;
+    size_t bytes_ = 0;
+    uint64_t total_ = 0;
+};
+
+} // namespace kernel

@@ -1,0 +1,37 @@
+// A module image mapped privately.
+#pragma once
+
+#include <string>
+
+struct kernel_module_t;
+
+namespace kernel
+{
+
+// Each image comes from a copy of the file in memory of its own, because the dynamic linker maps a file only once.
+class module_image
+{
+  public:
+    module_image() = default;
+    ~module_image();
+    module_image(module_image&& other) noexcept;
+    module_image& operator=(module_image&&) = delete;
+
+    struct failure {
+        int error = 0; // or a negative error number and one line that says why
+        std::string why;
+    };
+
+    // Maps a copy of the file.
+    failure map(const std::string& path);
+
+    kernel_module_t* declaration() const { return declaration_; }
+    void* symbol(const std::string& name) const; // of the image itself; null when it exports no such one
+
+  private:
+    int copy_ = -1; // stays open: the linker takes equal paths for one object
+    void* handle_ = nullptr;
+    kernel_module_t* declaration_ = nullptr;
+};
+
+} // namespace kernel

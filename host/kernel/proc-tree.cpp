@@ -1,0 +1,190 @@
+#include "host/kernel/proc-tree.h"
+
+#include "host/kernel/machine.h"
+#include "kernel/errno.h"
+#include "kernel/proc.h"
+
+namespace kernel
+{
+
+struct proc_tree::node {
+    proc_dir_entry entry{};
+    mode_t mode = 0;
+    bool is_directory = false;
+    const kernel_module_t* made_by = nullptr; // the module that was starting; it completes `entry` after creation
+    int users = 0;                            // tasks in its handlers
+    task* remover = nullptr;                  // waits for them to leave
+    std::map<std::string, std::shared_ptr<node>> children;
+};
+
+namespace
+{
+
+constexpr mode_t default_mode = 0444;
+
+// "a/b/c" as its folder "a/b" and its name "c".
+std::pair<std::string, std::string> split(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return {"", path};
+    return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+} // namespace
+
+proc_tree::proc_tree(machine& home) : home_(home), root_(std::make_shared<node>())
+{
+    root_->is_directory = true;
+}
+
+proc_tree::~proc_tree() = default;
+
+std::shared_ptr<proc_tree::node> proc_tree::find(const std::string& path) const
+{
+    std::shared_ptr<node> at = root_;
+    for (size_t begin = 0; begin < path.size() && at;) {
+        const size_t end = std::min(path.find('/', begin), path.size());
+        const auto child = at->children.find(path.substr(begin, end - begin));
+        at = child == at->children.end() ? nullptr : child->second;
+        begin = end + 1;
+    }
+    return at;
+}
+
+std::string proc_tree::path_of_entry(const node& in, const kernel_module_t& owner)
+{
+    for (const auto& [name, child] : in.children) {
+        if (child->entry.owner == &owner) return name;
+        std::string below = path_of_entry(*child, owner);
+        if (!below.empty()) return below.insert(0, "/").insert(0, name);
+    }
+    return "";
+}
+
+int proc_tree::list(const std::string& path, std::vector<proc_listing>* into) const
+{
+    const std::lock_guard lock(mutex_);
+    const std::shared_ptr<node> at = find(path);
+    if (!at) return -EK_NOENT;
+    if (!at->is_directory) return -EK_INVAL;
+    for (const auto& [name, child] : at->children) into->push_back({name, child->is_directory, child->mode});
+    return 0;
+}
+
+int proc_tree::stat(const std::string& path, proc_listing* into) const
+{
+    const std::lock_guard lock(mutex_);
+    const std::shared_ptr<node> at = find(path);
+    if (!at) return -EK_NOENT;
+    *into = {split(path).second, at->is_directory, at->mode};
+    return 0;
+}
+
+// Keeps an entry and its owner in place while a handler of it runs.
+class proc_tree::visit
+{
+  public:
+    visit(proc_tree& tree, const std::string& path) : tree_(tree)
+    {
+        const std::lock_guard lock(tree_.mutex_);
+        const std::shared_ptr<node> at = tree_.find(path);
+        if (!at) return;
+        is_file_ = !at->is_directory;
+        loader& modules = tree_.home_.modules;
+        if (modules.is_starting_elsewhere(at->made_by) || !modules.enter(at->entry.owner)) return;
+        at_ = at;
+        owner_ = at->entry.owner;
+        ++at_->users;
+    }
+
+    ~visit()
+    {
+        if (!at_) return;
+        {
+            const std::lock_guard lock(tree_.mutex_);
+            if (--at_->users == 0 && at_->remover) at_->remover->exec.wake(*at_->remover);
+        }
+        tree_.home_.modules.leave(owner_);
+    }
+    visit(const visit&) = delete;
+    visit& operator=(const visit&) = delete;
+
+    node* operator->() const { return at_.get(); }
+    int error() const { return at_ ? (is_file_ ? 0 : -EK_INVAL) : -EK_NOENT; }
+
+  private:
+    proc_tree& tree_;
+    std::shared_ptr<node> at_;
+    const kernel_module_t* owner_ = nullptr;
+    bool is_file_ = false;
+};
+
+int proc_tree::read(const std::string& path, size_t offset, size_t size, std::string* into)
+{
+    const visit at(*this, path);
+    if (at.error() != 0) return at.error();
+    if (!at->entry.read_proc) return -EK_INVAL;
+    std::string page(PROC_PAGE_SIZE, '\0');
+    while (into->size() < size) {
+        char* start = page.data();
+        int eof = 0;
+        const size_t wanted = std::min(size - into->size(), PROC_PAGE_SIZE);
+        const int got = at->entry.read_proc(page.data(), &start, static_cast<off_t>(offset), static_cast<int>(wanted),
+                                            &eof, at->entry.data);
+        if (got < 0) return got;
+        into->append(start, static_cast<size_t>(got));
+        offset += static_cast<size_t>(got);
+        if (eof != 0 || got == 0) break;
+    }
+    return static_cast<int>(into->size());
+}
+
+int proc_tree::write(const std::string& path, const std::string& bytes)
+{
+    const visit at(*this, path);
+    if (at.error() != 0) return at.error();
+    if (!at->entry.write_proc) return -EK_INVAL;
+    return at->entry.write_proc(nullptr, bytes.data(), bytes.size(), at->entry.data);
+}
+
+proc_dir_entry* proc_tree::create(const std::string& path, mode_t mode, bool directory)
+{
+    const auto [folder, name] = split(path);
+    const std::lock_guard lock(mutex_);
+    const std::shared_ptr<node> parent = find(folder);
+    if (!parent || !parent->is_directory || name.empty() || parent->children.contains(name)) return nullptr;
+    auto made = std::make_shared<node>();
+    made->is_directory = directory;
+    made->mode = mode != 0 ? mode : default_mode;
+    made->made_by = home_.modules.started_here();
+    parent->children[name] = made;
+    return &made->entry;
+}
+
+void proc_tree::remove(const std::string& path)
+{
+    const auto [folder, name] = split(path);
+    std::shared_ptr<node> removed;
+    {
+        const std::lock_guard lock(mutex_);
+        const std::shared_ptr<node> parent = find(folder);
+        if (!parent || !parent->children.contains(name)) return;
+        removed = parent->children[name];
+        if (!removed->children.empty()) panic("remove_proc_entry: %s is not empty", path.c_str());
+        parent->children.erase(name);
+        removed->remover = current_task();
+    }
+    const auto in_use = [&] {
+        const std::lock_guard lock(mutex_);
+        return removed->users > 0;
+    };
+    while (in_use()) current_task()->exec.park(never, "remove_proc_entry", name.c_str());
+}
+
+std::string proc_tree::owned_by(const kernel_module_t& owner) const
+{
+    const std::lock_guard lock(mutex_);
+    return path_of_entry(*root_, owner);
+}
+
+} // namespace kernel

@@ -1,0 +1,214 @@
+#include "kernel/sync.h"
+
+#include "host/kernel/machine.h"
+#include "kernel/errno.h"
+
+using kernel::might_sleep;
+using kernel::never;
+using kernel::task;
+
+namespace
+{
+
+task& self(const char* caller = __builtin_FUNCTION())
+{
+    return kernel::current_task_of(caller);
+}
+
+// The caller has let something go: a place for another task to run, unless it holds a spin lock itself.
+void posted()
+{
+    if (self().spin_locks == 0) self().exec.switch_point();
+}
+
+// Excludes others from a few instructions. Nothing sleeps while one is held, so that waiting is spinning.
+class guarded
+{
+  public:
+    explicit guarded(kernel_guard_t& guard) : guard_(guard)
+    {
+        while (guard_.state.exchange(1, std::memory_order_acquire) != 0) self().exec.relax();
+    }
+    ~guarded() { guard_.state.store(0, std::memory_order_release); }
+    guarded(const guarded&) = delete;
+    guarded& operator=(const guarded&) = delete;
+
+  private:
+    kernel_guard_t& guard_;
+};
+
+// One task in a semaphore's queue; lives on its stack.
+struct semaphore_waiter {
+    list_head link;
+    task* waiting;
+    bool served; // guarded by the semaphore
+};
+
+bool is_served(semaphore* sem, const semaphore_waiter& waiter)
+{
+    const guarded inside(sem->guard);
+    return waiter.served;
+}
+
+// Leaves the queue. False: a unit was handed over meanwhile, and is the caller's.
+bool give_up(semaphore* sem, semaphore_waiter& waiter)
+{
+    const guarded inside(sem->guard);
+    if (waiter.served) return false;
+    list_del_init(&waiter.link);
+    return true;
+}
+
+// Takes a unit or joins the queue; true when it has the unit.
+bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
+{
+    const guarded inside(sem->guard);
+    if (sem->count > 0) {
+        --sem->count;
+        return true;
+    }
+    waiter = {.link = {}, .waiting = &self(), .served = false};
+    list_add_tail(&waiter.link, &sem->waiters);
+    return false;
+}
+
+unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool interruptible)
+{
+    might_sleep(call);
+    task& sleeper = self();
+    const uint64_t begin = sleeper.exec.now();
+    const uint64_t deadline = timeout_ticks < never - begin ? begin + timeout_ticks : never;
+    const char* object = sleeper.wait_queue ? sleeper.wait_queue : "";
+    if (interruptible) {
+        sleeper.interruptible = true;
+        if (!sleeper.signal) sleeper.exec.park(deadline, call, object);
+        sleeper.interruptible = false;
+    } else {
+        do {
+            sleeper.exec.park(deadline, call, object);
+        } while (!sleeper.wait_queue && sleeper.exec.now() < deadline);
+    }
+    const uint64_t end = sleeper.exec.now();
+    return end < deadline ? deadline - end : 0;
+}
+
+} // namespace
+
+void sema_init_named(semaphore* sem, int32_t count, const char* name)
+{
+    sem->guard.state = 0;
+    sem->count = count;
+    list_init(&sem->waiters);
+    sem->name = name;
+}
+
+void down(semaphore* sem)
+{
+    might_sleep("down");
+    self().exec.switch_point();
+    semaphore_waiter waiter;
+    if (take_or_queue(sem, waiter)) return;
+    while (!is_served(sem, waiter)) self().exec.park(never, "down", sem->name);
+}
+
+int down_interruptible(semaphore* sem)
+{
+    might_sleep("down_interruptible");
+    if (kernel::current_machine(__func__).faults.should_fail(__func__)) return -EK_RESTARTSYS;
+    task& waits = self();
+    waits.exec.switch_point();
+    semaphore_waiter waiter;
+    if (take_or_queue(sem, waiter)) return 0;
+    waits.interruptible = true;
+    while (!waits.signal && !is_served(sem, waiter)) waits.exec.park(never, "down_interruptible", sem->name);
+    waits.interruptible = false;
+    return give_up(sem, waiter) ? -EK_RESTARTSYS : 0;
+}
+
+void up(semaphore* sem)
+{
+    {
+        const guarded inside(sem->guard);
+        if (list_empty(&sem->waiters)) {
+            ++sem->count;
+        } else {
+            auto* first = list_entry(sem->waiters.next, semaphore_waiter, link);
+            list_del_init(&first->link);
+            first->served = true;
+            // Woken under the guard: once it is released the waiter, and the record on its stack, may be gone.
+            first->waiting->exec.wake(*first->waiting);
+        }
+    }
+    posted();
+}
+
+void spin_lock_init(spinlock_t* lock)
+{
+    lock->state = 0;
+}
+
+unsigned long spin_lock_irqsave(spinlock_t* lock)
+{
+    task& taker = self();
+    taker.exec.switch_point();
+    while (lock->state.exchange(1, std::memory_order_acquire) != 0) taker.exec.relax();
+    return static_cast<unsigned long>(taker.spin_locks++);
+}
+
+void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags)
+{
+    task& holder = self();
+    holder.spin_locks = static_cast<int>(flags);
+    if (lock->state.exchange(0, std::memory_order_release) == 0)
+        kernel::panic("spin_unlock_irqrestore: the lock is not held");
+    holder.exec.switch_point();
+}
+
+void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name)
+{
+    queue->guard.state = 0;
+    list_init(&queue->sleepers);
+    queue->name = name;
+}
+
+void wake_up_interruptible(wait_queue_head_t* queue)
+{
+    {
+        const guarded inside(queue->guard);
+        for (list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
+            self().exec.wake(*static_cast<task*>(list_entry(link, wait_queue_t, link)->task));
+    }
+    posted();
+}
+
+void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
+{
+    const guarded inside(queue->guard);
+    for (const list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
+        if (link == &sleeper->link) return; // stands in the queue already
+    sleeper->task = &self();
+    self().wait_queue = queue->name;
+    list_add_tail(&sleeper->link, &queue->sleepers);
+}
+
+void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
+{
+    const guarded inside(queue->guard);
+    list_del_init(&sleeper->link);
+    self().wait_queue = nullptr;
+}
+
+unsigned long schedule_timeout_interruptible(unsigned long timeout_ticks)
+{
+    return sleep_until(timeout_ticks, "schedule_timeout_interruptible", true);
+}
+
+unsigned long schedule_timeout_uninterruptible(unsigned long timeout_ticks)
+{
+    return sleep_until(timeout_ticks, "schedule_timeout_uninterruptible", false);
+}
+
+bool signal_pending()
+{
+    return self().signal;
+}

@@ -1,0 +1,87 @@
+#include "host/kernel/task.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/kernel/current-task.h"
+#include "host/kernel/machine.h"
+
+namespace kernel
+{
+
+namespace
+{
+
+thread_local task* running_task = nullptr;
+
+} // namespace
+
+task* current_task()
+{
+    return running_task;
+}
+
+void set_current_task(task* running)
+{
+    running_task = running;
+}
+
+task& current_task_of(const char* caller)
+{
+    task* self = current_task();
+    if (!self) panic("%s is called outside of any task", caller);
+    return *self;
+}
+
+machine& current_machine(const char* caller)
+{
+    machine* home = current_task_of(caller).home;
+    if (!home) panic("%s is called outside of any machine", caller);
+    return *home;
+}
+
+void send_signal(task& to)
+{
+    to.signal = true;
+    if (to.interruptible) to.exec.wake(to);
+}
+
+void clear_signal(task& of)
+{
+    of.signal = false;
+}
+
+atomic_section::atomic_section(const char* context) : outer_(current_task_of(context).atomic_context)
+{
+    current_task()->atomic_context = context;
+}
+
+atomic_section::~atomic_section()
+{
+    current_task()->atomic_context = outer_;
+}
+
+void might_sleep(const char* call)
+{
+    const task& self = current_task_of(call);
+    if (self.atomic_context) panic("%s may sleep, and is called in %s, which may not", call, self.atomic_context);
+    if (self.spin_locks > 0) panic("%s may sleep, and is called with a spin lock held", call);
+}
+
+void panic(const char* format, ...)
+{
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of clang-tidy 14
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    const task* self = current_task();
+    std::fprintf(stderr, "kernel panic on %s, in %s: %s\n",
+                 self && self->home ? self->home->name().c_str() : "no machine", self ? self->name.c_str() : "no task",
+                 text);
+    std::abort();
+}
+
+} // namespace kernel

@@ -1,0 +1,279 @@
+// insmod and rmmod of a small module, and what others may do with it meanwhile.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "host/kernel/print-capture.h"
+#include "kernel/errno.h"
+#include "kernel/module.h"
+#include "kernel/proc.h"
+#include "tests/kernel/one-machine.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace
+{
+
+const std::string probe = ATS_MODULE_DIR "/probe.so";
+
+constexpr const char* valid_parameters =
+    "; valid are text (text), number (whole number), result (whole number), start_ticks (whole number), "
+    "leak_bytes (whole number), keep_name (whole number)";
+
+template <class result_t>
+result_t ask(kernel::machine& of, const char* symbol)
+{
+    return reinterpret_cast<result_t (*)()>(of.modules.symbol("probe", symbol))();
+}
+
+struct loading : testing::Test, one_machine {
+    void expect_nothing_left()
+    {
+        EXPECT_THAT(host.modules.loaded(), IsEmpty());
+        EXPECT_THAT(host.inter_modules.names(), IsEmpty());
+        std::vector<kernel::proc_listing> entries;
+        EXPECT_EQ(host.proc.list("", &entries), 0);
+        EXPECT_TRUE(entries.empty());
+    }
+};
+
+TEST_F(loading, sets_parameters_as_they_are_written)
+{
+    struct {
+        const char* parameters;
+        const char* text;
+        int number;
+    } const cases[] = {
+        {"", "default", 7},
+        {"text=word number=-2147483648", "word", INT32_MIN},
+        {"  number=2147483647\ttext=\"two words\"\n", "two words", INT32_MAX},
+        {"text=\"\" number=\"12\"", "", 12},
+        {"text= number=0", "", 0},
+        {"text=a=b", "a=b", 7},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.parameters);
+        const kernel::load_result result = host.modules.insmod(probe, each.parameters);
+        ASSERT_TRUE(result) << result.why;
+        EXPECT_STREQ(ask<const char*>(host, "probe_text"), each.text);
+        EXPECT_EQ(ask<int>(host, "probe_number"), each.number);
+        EXPECT_TRUE(host.modules.rmmod("probe"));
+    }
+}
+
+TEST_F(loading, refuses_malformed_parameters_and_says_what_is_valid)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"speed=1", "unknown parameter 'speed'"},
+        {"number", "'number' is no parameter: write name=value"},
+        {"number =1", "'number' is no parameter: write name=value"},
+        {"number=1 number=2", "parameter 'number' is given twice"},
+        {"text=\"open", "the value of 'text' lacks its closing quotation mark"},
+        {"text=\"a\"number=1", "a blank is missing after the value of 'text'"},
+        {"number=2147483648", "'2147483648' is no value for 'number': write a whole decimal number of 32 bits"},
+        {"number=0x10", "'0x10' is no value for 'number': write a whole decimal number of 32 bits"},
+        {"number=1.5", "'1.5' is no value for 'number': write a whole decimal number of 32 bits"},
+        {"number=", "'' is no value for 'number': write a whole decimal number of 32 bits"},
+        {"number=\" 1\"", "' 1' is no value for 'number': write a whole decimal number of 32 bits"},
+    };
+    for (const auto& [parameters, why] : cases) {
+        const kernel::load_result result = host.modules.insmod(probe, parameters);
+        EXPECT_EQ(result.error, -EK_INVAL) << parameters;
+        EXPECT_EQ(result.why, "insmod probe: " + std::string(why) + valid_parameters);
+    }
+    expect_nothing_left();
+}
+
+TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"/nowhere/ats.so",
+         "insmod: no module image at /nowhere/ats.so (No such file or directory): build it or give its path"},
+        {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
+        {ATS_MODULE_DIR, "insmod: no module image at "},
+    };
+    for (const auto& [path, why] : cases) {
+        const kernel::load_result result = host.modules.insmod(path);
+        EXPECT_LT(result.error, 0);
+        EXPECT_THAT(result.why, StartsWith(why));
+    }
+    ASSERT_TRUE(host.modules.insmod(probe));
+    const kernel::load_result again = host.modules.insmod(probe);
+    EXPECT_EQ(again.error, -EK_EXIST);
+    EXPECT_EQ(again.why, "insmod probe: it is loaded already; unload it first");
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+    EXPECT_EQ(host.modules.rmmod("probe").error, -EK_NOENT);
+}
+
+TEST_F(loading, every_machine_and_every_load_has_statics_of_its_own)
+{
+    kernel::machine second(*sim, "node2"), third(*sim, "node3");
+    const auto call = [](kernel::machine& in) {
+        int result = 0;
+        in.enter("caller", [&] {
+            const auto* function = inter_module_get("probe_call");
+            result = reinterpret_cast<int (*)()>(const_cast<void*>(function))();
+            inter_module_put("probe_call");
+        });
+        return result;
+    };
+    for (kernel::machine* each : {&host, &second, &third})
+        ASSERT_TRUE(each->modules.insmod(probe, "text=" + each->name()));
+    EXPECT_EQ(call(host), 1);
+    EXPECT_EQ(call(host), 2);
+    EXPECT_EQ(call(second), 1);
+    EXPECT_STREQ(ask<const char*>(second, "probe_text"), "node2");
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+    ASSERT_TRUE(host.modules.insmod(probe));
+    EXPECT_EQ(call(host), 1) << "the image is fresh";
+    EXPECT_EQ(call(second), 2);
+    for (kernel::machine* each : {&host, &second, &third}) EXPECT_TRUE(each->modules.rmmod("probe"));
+}
+
+TEST_F(loading, gives_symbols_of_the_module_only_and_keeps_it_while_they_are_held)
+{
+    ASSERT_TRUE(host.modules.insmod(probe));
+    EXPECT_EQ(host.modules.symbol("probe", "printf"), nullptr) << "that is the C library's";
+    EXPECT_EQ(host.modules.symbol("other", "probe_text"), nullptr);
+    {
+        const kernel::held_symbol text(host.modules, "probe", "probe_text");
+        ASSERT_TRUE(text);
+        EXPECT_EQ(host.modules.rmmod("probe").error, -EK_BUSY);
+    }
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+    EXPECT_FALSE(kernel::held_symbol(host.modules, "probe", "probe_text"));
+}
+
+TEST_F(loading, unloading_is_refused_while_a_name_of_the_module_is_held)
+{
+    ASSERT_TRUE(host.modules.insmod(probe));
+    run([&] {
+        EXPECT_EQ(inter_module_get("nobody"), nullptr);
+        EXPECT_NE(inter_module_get("probe_call"), nullptr);
+        EXPECT_NE(inter_module_get("probe_call"), nullptr);
+    });
+    EXPECT_EQ(host.inter_modules.references("probe_call"), 2);
+    const kernel::load_result refused = host.modules.rmmod("probe");
+    EXPECT_EQ(refused.error, -EK_BUSY);
+    EXPECT_EQ(refused.why, "rmmod probe: it is in use (2 references); unload its users first");
+    EXPECT_DEATH(run([] { inter_module_unregister("probe_call"); }), "probe_call is held 2 times");
+    run([] {
+        inter_module_put("probe_call");
+        inter_module_put("probe_call");
+    });
+    EXPECT_DEATH(run([] { inter_module_put("probe_call"); }), "inter_module_put: probe_call is not held");
+    EXPECT_DEATH(run([] { inter_module_register("probe_call", nullptr, nullptr); }), "the name probe_call is taken");
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+}
+
+TEST_F(loading, unloading_waits_for_a_handler_and_lets_no_new_one_in)
+{
+    ASSERT_TRUE(host.modules.insmod(probe));
+    std::vector<int> results;
+    const auto write = [&] { results.push_back(host.proc.write("probe", "early")); };
+    at(0, "writer", write); // takes 50 ticks
+    at(10, "unloader", [&] {
+        EXPECT_TRUE(host.modules.rmmod("probe"));
+        EXPECT_EQ(get_jiffies(), 50u);
+    });
+    at(20, "late writer", write);
+    at(20, "late caller", [] { EXPECT_EQ(inter_module_get("probe_call"), nullptr); });
+    at(20, "second unloader", [&] { EXPECT_EQ(host.modules.rmmod("probe").error, -EK_NOENT); });
+    finish();
+    EXPECT_THAT(results, ElementsAre(-EK_NOENT, 5));
+    EXPECT_EQ(host.log.raw(), "<6>probe wrote early\n<6>probe stopped\n");
+    expect_nothing_left();
+}
+
+TEST_F(loading, while_a_module_starts_its_names_can_be_used_but_not_its_unfinished_entries)
+{
+    at(0, "loader", [&] { EXPECT_TRUE(host.modules.insmod(probe, "start_ticks=30")); });
+    at(10, "user", [&] {
+        EXPECT_NE(inter_module_get("probe_call"), nullptr);
+        inter_module_put("probe_call");
+        std::string text;
+        EXPECT_EQ(host.proc.read("probe", 0, 100, &text), -EK_NOENT);
+        EXPECT_EQ(host.modules.rmmod("probe").why, "rmmod probe: it is still starting; try again later");
+    });
+    at(40, "reader", [&] {
+        std::string text;
+        EXPECT_EQ(host.proc.read("probe", 0, 100, &text), 10);
+    });
+    finish();
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+}
+
+TEST_F(loading, a_failed_start_leaves_nothing_and_waits_for_those_who_hold_the_module)
+{
+    kernel::load_result result = host.modules.insmod(probe, "result=-6");
+    EXPECT_EQ(result.error, -EK_NXIO);
+    EXPECT_EQ(result.why, "insmod probe: start-up failed with -6 (No such device or address); the kernel log says why");
+    expect_nothing_left();
+
+    at(0, "loader", [&] { result = host.modules.insmod(probe, "result=-12 start_ticks=30"); });
+    at(35, "late user", [&] { EXPECT_FALSE(kernel::held_symbol(host.modules, "probe", "probe_text")); });
+    at(10, "user", [&] {
+        const kernel::held_symbol text(host.modules, "probe", "probe_text");
+        ASSERT_TRUE(text);
+        schedule_timeout_uninterruptible(40);
+        EXPECT_STREQ(text.as<const char* (*)()>()(), "default");
+        EXPECT_TRUE(host.modules.is_loaded("probe"));
+    });
+    finish();
+    EXPECT_EQ(result.error, -EK_NOMEM);
+    expect_nothing_left();
+}
+
+TEST_F(loading, the_logger_level_reaches_every_image_before_it_starts_and_later)
+{
+    host.modules.set_logger_level(3);
+    ASSERT_TRUE(host.modules.insmod(probe));
+    EXPECT_EQ(ask<int>(host, "probe_logger_level"), 3);
+    host.modules.set_logger_level(1);
+    EXPECT_EQ(ask<int>(host, "probe_logger_level"), 1);
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+}
+
+TEST_F(loading, what_a_module_forgets_is_found)
+{
+    EXPECT_DEATH(
+        {
+            host.modules.insmod(probe, "keep_name=1");
+            host.modules.rmmod("probe");
+        },
+        "probe goes without withdrawing the inter-module name probe_call");
+    EXPECT_DEATH(
+        {
+            kernel::machine gone(*sim, "node2");
+            gone.modules.insmod(probe);
+        },
+        "machine node2 goes while probe is loaded");
+
+    ASSERT_TRUE(host.modules.insmod(probe, "leak_bytes=33"));
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+    EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
+}
+
+// Every image keeps a descriptor; a thousand machines need more than a shell allows at first.
+TEST_F(loading, many_copies_of_one_image_find_enough_descriptors)
+{
+    rlimit allowed{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &allowed), 0);
+    const rlimit few{.rlim_cur = 64, .rlim_max = allowed.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    std::vector<std::unique_ptr<kernel::machine>> machines;
+    for (int i = 0; i < 100; ++i) {
+        machines.push_back(std::make_unique<kernel::machine>(*sim, "node"));
+        const kernel::load_result result = machines.back()->modules.insmod(probe, "number=" + std::to_string(i));
+        ASSERT_TRUE(result) << result.why;
+        EXPECT_EQ(ask<int>(*machines.back(), "probe_number"), i);
+    }
+    EXPECT_EQ(ask<int>(*machines.front(), "probe_number"), 0);
+    for (const auto& each : machines) EXPECT_TRUE(each->modules.rmmod("probe"));
+    setrlimit(RLIMIT_NOFILE, &allowed);
+}
+
+} // namespace

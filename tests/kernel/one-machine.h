@@ -1,0 +1,40 @@
+// A simulated machine to call the kernel in, and tasks in it that a story needs.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/kernel/machine.h"
+#include "kernel/sync.h"
+#include "kernel/time.h"
+
+struct one_machine {
+    explicit one_machine(const kernel::simulation_options& options = {}) : sim(kernel::make_simulation(options)) {}
+    ~one_machine() { finish(); }
+
+    // A task that begins at `tick`.
+    kernel::task& at(uint64_t tick, const std::string& name, std::function<void()> body)
+    {
+        tasks.push_back(&host.start(name, [tick, work = std::move(body)] {
+            const uint64_t now = get_jiffies();
+            if (now < tick) schedule_timeout_uninterruptible(tick - now);
+            work();
+        }));
+        return *tasks.back();
+    }
+
+    // Runs `body` in a task of the machine and returns when it has ended.
+    void run(const std::function<void()>& body) { host.enter("test", body); }
+
+    // Waits for every task, the last one first: it may refer to those before it.
+    void finish()
+    {
+        for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());
+    }
+
+    std::unique_ptr<kernel::simulation> sim;
+    kernel::machine host{*sim, "node1", {.random_seed = 1}};
+    std::vector<kernel::task*> tasks;
+};

@@ -1,0 +1,133 @@
+// The /proc tree as its users and its modules see it.
+#include <cstring>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "kernel/errno.h"
+#include "kernel/proc.h"
+#include "tests/kernel/one-machine.h"
+
+using testing::ElementsAre;
+using testing::FieldsAre;
+
+namespace
+{
+
+std::string long_text()
+{
+    std::string text;
+    for (int i = 0; text.size() < 3 * PROC_PAGE_SIZE; ++i) text += std::to_string(i) + "\n";
+    return text;
+}
+
+struct answering {
+    std::string text;
+    std::vector<std::pair<off_t, int>> asked{};
+    int result = 0; // when not 0
+    bool tells_end = true;
+};
+
+// Answers as old handlers do: from `start`, at most `count` bytes of what follows `off`.
+int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
+{
+    auto& answer = *static_cast<answering*>(data);
+    answer.asked.emplace_back(off, count);
+    if (answer.result != 0) return answer.result;
+    const std::string rest = static_cast<size_t>(off) < answer.text.size() ? answer.text.substr(off) : "";
+    const int length = std::min(count, static_cast<int>(rest.size()));
+    *start = page;
+    std::memcpy(page, rest.data(), static_cast<size_t>(length));
+    *eof = answer.tells_end && length == static_cast<int>(rest.size());
+    return length;
+}
+
+struct proc : testing::Test, one_machine {
+    void add(answering& answer)
+    {
+        proc_dir_entry* entry = create_proc_entry("report", 0);
+        ASSERT_NE(entry, nullptr);
+        entry->read_proc = read_text;
+        entry->data = &answer;
+    }
+};
+
+TEST_F(proc, a_long_answer_is_read_page_by_page_from_any_offset)
+{
+    answering answer{.text = long_text()};
+    const int size = static_cast<int>(answer.text.size());
+    run([&] {
+        add(answer);
+        for (const bool tells_end : {true, false}) {
+            answer.tells_end = tells_end;
+            std::string whole;
+            EXPECT_EQ(host.proc.read("report", 0, 100'000, &whole), size);
+            EXPECT_EQ(whole, answer.text);
+        }
+        answer.asked.clear();
+        std::string part;
+        EXPECT_EQ(host.proc.read("report", 1000, 5000, &part), 5000);
+        EXPECT_EQ(part, answer.text.substr(1000, 5000));
+        EXPECT_THAT(answer.asked, ElementsAre(FieldsAre(1000, 4096), FieldsAre(5096, 904)));
+
+        std::string beyond;
+        EXPECT_EQ(host.proc.read("report", 100'000, 10, &beyond), 0);
+        answer.result = -EK_NXIO;
+        EXPECT_EQ(host.proc.read("report", 0, 10, &beyond), -EK_NXIO);
+        EXPECT_EQ(beyond, "");
+    });
+}
+
+TEST_F(proc, an_entry_needs_its_directory_and_a_free_name)
+{
+    answering answer{.text = "x"};
+    run([&] {
+        EXPECT_EQ(create_proc_entry("dorvex/ats/control", 0644), nullptr);
+        EXPECT_EQ(proc_mkdir("dorvex/ats"), nullptr);
+        EXPECT_NE(proc_mkdir("dorvex"), nullptr);
+        EXPECT_EQ(proc_mkdir("dorvex"), nullptr);
+        EXPECT_NE(proc_mkdir("dorvex/ats"), nullptr);
+        EXPECT_NE(create_proc_entry("dorvex/ats/control", 0644), nullptr);
+        EXPECT_NE(create_proc_entry("dorvex/ats/version", 0), nullptr);
+        EXPECT_EQ(create_proc_entry("dorvex/ats/control", 0644), nullptr);
+        EXPECT_EQ(create_proc_entry("dorvex/ats/control/below", 0644), nullptr);
+
+        std::vector<kernel::proc_listing> entries;
+        EXPECT_EQ(host.proc.list("dorvex/ats", &entries), 0);
+        EXPECT_THAT(entries, ElementsAre(FieldsAre("control", false, 0644u), FieldsAre("version", false, 0444u)));
+        kernel::proc_listing directory;
+        EXPECT_EQ(host.proc.stat("dorvex/ats", &directory), 0);
+        EXPECT_TRUE(directory.is_directory);
+        EXPECT_EQ(host.proc.list("dorvex/ats/control", &entries), -EK_INVAL);
+        EXPECT_EQ(host.proc.stat("dorvex/none", &directory), -EK_NOENT);
+
+        std::string text;
+        EXPECT_EQ(host.proc.read("dorvex/ats", 0, 10, &text), -EK_INVAL);
+        EXPECT_EQ(host.proc.read("dorvex/ats/control", 0, 10, &text), -EK_INVAL) << "it has no handler";
+        EXPECT_EQ(host.proc.write("dorvex/ats/none", "x"), -EK_NOENT);
+
+        remove_proc_entry("dorvex/ats/none");
+        remove_proc_entry("dorvex/ats/control");
+        EXPECT_EQ(host.proc.write("dorvex/ats/control", "x"), -EK_NOENT);
+    });
+    EXPECT_DEATH(run([] { remove_proc_entry("dorvex"); }), "remove_proc_entry: dorvex is not empty");
+}
+
+TEST_F(proc, removal_waits_for_every_handler_that_runs)
+{
+    run([&] {
+        proc_dir_entry* entry = create_proc_entry("slow", 0644);
+        entry->write_proc = [](struct file*, const char*, unsigned long count, void*) {
+            schedule_timeout_uninterruptible(count);
+            return static_cast<int>(count);
+        };
+    });
+    for (const size_t ticks : {20, 30})
+        at(0, "writer", [&, ticks] { EXPECT_EQ(host.proc.write("slow", std::string(ticks, 'x')), int(ticks)); });
+    at(5, "remover", [&] {
+        remove_proc_entry("slow");
+        EXPECT_EQ(get_jiffies(), 30u);
+    });
+    at(6, "latecomer", [&] { EXPECT_EQ(host.proc.write("slow", "x"), -EK_NOENT); });
+}
+
+} // namespace

@@ -1,0 +1,241 @@
+// The simulation itself: order, time, stands, and what fibers must not mix up.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+
+#include "kernel/printk.h"
+#include "tests/kernel/one-machine.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace
+{
+
+// What a busy machine logs: everything that the seed may decide shows in it.
+std::string busy_machine(const kernel::simulation_options& options)
+{
+    one_machine at(options);
+    semaphore sem;
+    sema_init(&sem, 1);
+    for (int name = 0; name < 5; ++name) {
+        at.at(static_cast<uint64_t>(name / 2), "task", [&, name] {
+            for (int i = 0; i < 4; ++i) {
+                down(&sem);
+                printk("%d", name);
+                up(&sem);
+                if (i == name) schedule_timeout_uninterruptible(1);
+            }
+        });
+    }
+    at.finish();
+    return at.host.log.raw();
+}
+
+TEST(order, is_the_seeds_and_only_the_seeds)
+{
+    std::set<std::string> runs;
+    for (uint64_t seed = 1; seed <= 20; ++seed) {
+        const kernel::simulation_options options{.seed = seed, .explore_switches = true};
+        const std::string run = busy_machine(options);
+        EXPECT_EQ(run, busy_machine(options)) << "with seed " << seed;
+        runs.insert(run);
+    }
+    EXPECT_GT(runs.size(), 10u);
+    EXPECT_EQ(busy_machine({.seed = 1}), busy_machine({.seed = 2})) << "nobody asked for exploration";
+}
+
+TEST(order, is_that_of_becoming_ready_however_many_there_are)
+{
+    one_machine at;
+    std::vector<int> order, expected;
+    for (int i = 0; i < 110; ++i) {
+        if (i == 10) at.sim->settle(); // from here on the queue does not begin where it began
+        at.at(0, "task", [&, i] { order.push_back(i); });
+        expected.push_back(i);
+    }
+    at.finish();
+    EXPECT_EQ(order, expected);
+}
+
+TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
+{
+    one_machine at({.start_tick = 1000});
+    std::vector<std::string> seen;
+    const auto note = [&](const char* what) { seen.push_back(what + std::to_string(at.sim->now())); };
+    at.at(1020, "b", [&] { note("b"); });
+    at.at(1010, "a", [&] {
+        note("a");
+        schedule_timeout_uninterruptible(10);
+        note("a");
+    });
+    at.at(1020, "c", [&] { note("c"); });
+    at.sim->run_until(1019);
+    EXPECT_THAT(seen, ElementsAre("a1010"));
+    EXPECT_EQ(at.sim->now(), 1019u);
+    at.sim->run_for(1);
+    EXPECT_THAT(seen, ElementsAre("a1010", "b1020", "c1020", "a1020"));
+    at.sim->run_until(500'000'000); // nothing is due: costs nothing
+    EXPECT_EQ(at.sim->now(), 500'000'000u);
+}
+
+TEST(time, a_task_that_sleeps_until_a_past_tick_lets_the_others_run)
+{
+    one_machine at;
+    bool done = false;
+    at.at(0, "impatient", [&] {
+        while (!done) at.sim->park(0, "nothing", "");
+    });
+    at.at(0, "other", [&] { done = true; });
+    at.finish();
+}
+
+TEST(wake_ups, are_never_lost_and_several_are_one)
+{
+    one_machine at;
+    std::vector<uint64_t> woken_at;
+    kernel::task& sleeper = at.at(0, "sleeper", [&] {
+        schedule_timeout_uninterruptible(5);
+        at.sim->wake(*kernel::current_task());
+        at.sim->wake(*kernel::current_task());
+        for (int i = 0; i < 4; ++i) {
+            at.sim->park(get_jiffies() + 100, "mail", "box");
+            woken_at.push_back(get_jiffies());
+        }
+    });
+    at.at(7, "postman", [&] {
+        at.sim->wake(sleeper);
+        at.sim->wake(sleeper);
+    });
+    at.at(9, "postman", [&] { at.sim->wake(sleeper); });
+    at.finish();
+    EXPECT_THAT(woken_at, ElementsAre(5u, 7u, 9u, 109u));
+}
+
+TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
+{
+    one_machine at;
+    semaphore mine;
+    sema_init_named(&mine, 0, "&ats->ats_sem");
+    wait_queue_head_t answers;
+    init_waitqueue_head_named(&answers, "&ats->delete_resp_wq");
+    kernel::task& worker = at.at(0, "worker", [&] {
+        wait_event_interruptible_timeout(
+            &answers, [] { return false; }, ULONG_MAX);
+    });
+    std::string report;
+    try {
+        at.run([&] {
+            schedule_timeout_uninterruptible(20);
+            down(&mine);
+        });
+    } catch (const kernel::stalled& stand) {
+        report = stand.what();
+    }
+    EXPECT_EQ(report, "deadlock: test cannot go on at tick 20\n"
+                      "node1/worker waits for schedule_timeout_interruptible(&ats->delete_resp_wq) since tick 0\n"
+                      "node1/test waits for down(&ats->ats_sem) since tick 20\n");
+    EXPECT_THROW(at.sim->join(worker), kernel::stalled);
+
+    // Life goes on without the one whose caller has gone, and with those who can be helped.
+    kernel::send_signal(worker);
+    at.finish();
+    EXPECT_EQ(at.sim->report(), "");
+}
+
+TEST(stands, no_end_in_sight_is_one_too)
+{
+    one_machine at({.patience_ticks = 100});
+    at.run([] { schedule_timeout_uninterruptible(100); });
+    try {
+        at.run([] { schedule_timeout_uninterruptible(101); });
+        ADD_FAILURE() << "it waited";
+    } catch (const kernel::stalled& stand) {
+        EXPECT_THAT(stand.what(), HasSubstr("no end in sight: test cannot go on at tick 100"));
+    }
+}
+
+TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
+{
+    one_machine at;
+    spinlock_t lock;
+    spin_lock_init(&lock);
+    const auto take = [&] { spin_lock_irqsave(&lock); };
+    at.run(take); // never released
+    kernel::task& other = at.host.start("other", take);
+    try {
+        at.run(take);
+        ADD_FAILURE() << "it has the lock";
+    } catch (const kernel::stalled& stand) {
+        EXPECT_THAT(stand.what(), HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));
+    }
+    at.run([&] { spin_unlock_irqrestore(&lock, 1); });
+    at.sim->join(other);
+}
+
+TEST(stands, the_world_can_go_while_tasks_are_stuck_with_things_in_hand)
+{
+    one_machine at;
+    semaphore sem;
+    sema_init(&sem, 0);
+    EXPECT_THROW(at.run([&] {
+        const std::vector<std::string> in_hand(3, "text that does not fit into the string itself");
+        down(&sem);
+    }),
+                 kernel::stalled);
+}
+
+TEST(exceptions, come_out_of_enter_whatever_their_type)
+{
+    one_machine at;
+    EXPECT_THROW(at.run([] { throw std::out_of_range("x"); }), std::out_of_range);
+    EXPECT_THROW(at.run([] { throw 5; }), int);
+    at.run([&] { // entered again by a task: the same task
+        EXPECT_THROW(at.run([] { throw 6; }), int);
+        EXPECT_EQ(kernel::current_task()->name, "test");
+    });
+    EXPECT_EQ(kernel::current_task(), nullptr);
+    EXPECT_DEATH(
+        {
+            at.at(0, "worker", [] { throw std::runtime_error("lost"); });
+            at.finish();
+        },
+        "node1, in worker: an exception escaped: lost");
+}
+
+TEST(exceptions, of_two_tasks_in_their_handlers_are_not_mixed_up)
+{
+    one_machine at;
+    std::vector<int> rethrown;
+    for (const int number : {1, 2, 3}) {
+        at.at(0, "catcher", [&, number] {
+            try {
+                try {
+                    throw number;
+                } catch (int) {
+                    schedule_timeout_uninterruptible(static_cast<unsigned long>(number));
+                    throw; // the one this task caught
+                }
+            } catch (int caught) {
+                EXPECT_EQ(caught, number);
+                rethrown.push_back(caught);
+            }
+        });
+    }
+    at.finish();
+    EXPECT_THAT(rethrown, ElementsAre(1, 2, 3));
+}
+
+TEST(misuse, dies_with_a_clear_line)
+{
+    one_machine at;
+    semaphore sem;
+    sema_init(&sem, 1);
+    EXPECT_DEATH(down(&sem), "down is called outside of any task");
+    EXPECT_DEATH(printk("x"), "printk is called outside of any task");
+    EXPECT_DEATH(at.sim->enter(nullptr, "world", [] { printk("x"); }), "printk is called outside of any machine");
+    EXPECT_DEATH(std::thread([&] { at.run([] {}); }).join(), "a simulation is for one thread");
+}
+
+} // namespace

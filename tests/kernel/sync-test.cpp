@@ -1,0 +1,258 @@
+// Semaphores, wait queues, sleeps, signals and spin locks, on simulated time.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "kernel/errno.h"
+#include "kernel/memory.h"
+#include "kernel/proc.h"
+#include "tests/kernel/one-machine.h"
+
+using testing::ElementsAre;
+
+namespace
+{
+
+TEST(semaphores, a_latecomer_does_not_overtake_those_who_wait)
+{
+    one_machine at;
+    semaphore sem;
+    sema_init(&sem, 1);
+    std::vector<std::string> order;
+    const auto take = [&](const char* name, bool interruptible) {
+        return [&sem, &order, name, interruptible] {
+            if (interruptible)
+                EXPECT_EQ(down_interruptible(&sem), 0);
+            else
+                down(&sem);
+            order.emplace_back(name);
+            up(&sem);
+        };
+    };
+    at.at(1, "first", take("first", false));
+    at.at(2, "second", take("second", true));
+    at.at(3, "third", take("third", false));
+    at.run([&] {
+        down(&sem);
+        schedule_timeout_uninterruptible(10);
+        up(&sem);
+        down(&sem); // no unit is free: it went to the first in the queue
+        order.emplace_back("latecomer");
+        up(&sem);
+    });
+    EXPECT_THAT(order, ElementsAre("first", "second", "third", "latecomer"));
+}
+
+TEST(semaphores, a_signal_ends_a_wait_but_does_not_refuse_a_free_unit)
+{
+    one_machine at;
+    semaphore sem;
+    sema_init(&sem, 1);
+    at.run([&] {
+        kernel::send_signal(*kernel::current_task());
+        EXPECT_EQ(down_interruptible(&sem), 0) << "a unit was free";
+        EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS) << "it would have had to wait";
+        EXPECT_EQ(get_jiffies(), 0u);
+    });
+    kernel::task& deaf = at.at(0, "deaf", [&] {
+        down(&sem);
+        EXPECT_EQ(get_jiffies(), 9u);
+    });
+    kernel::task& sleeper = at.at(0, "sleeper", [&] {
+        EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS);
+        EXPECT_EQ(get_jiffies(), 5u);
+        kernel::clear_signal(*kernel::current_task());
+        EXPECT_FALSE(signal_pending());
+    });
+    at.at(5, "sender", [&] {
+        kernel::send_signal(sleeper);
+        kernel::send_signal(deaf);
+    });
+    at.at(9, "giver", [&] { up(&sem); });
+    at.finish();
+    EXPECT_EQ(sem.count, 0);
+}
+
+TEST(semaphores, a_unit_handed_to_a_signalled_task_is_never_lost)
+{
+    bool taken = false;
+    bool interrupted = false;
+    for (uint64_t seed = 1; seed <= 100; ++seed) {
+        one_machine at({.seed = seed, .explore_switches = true});
+        semaphore sem;
+        sema_init(&sem, 0);
+        kernel::task& waiter = at.at(0, "waiter", [&] {
+            const bool has_unit = down_interruptible(&sem) == 0;
+            (has_unit ? taken : interrupted) = true;
+            if (has_unit) up(&sem);
+        });
+        at.at(3, "sender", [&] { kernel::send_signal(waiter); });
+        at.at(3, "giver", [&] { up(&sem); });
+        at.finish();
+        EXPECT_EQ(sem.count, 1) << "with seed " << seed;
+    }
+    EXPECT_TRUE(taken);
+    EXPECT_TRUE(interrupted);
+}
+
+TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_tick_longer)
+{
+    struct {
+        const char* what;
+        uint64_t wake_at, true_at, signal_at, timeout, expected_end;
+    } const cases[] = {
+        {"woken with the condition", 115, 115, 0, 20, 115},
+        {"woken in vain goes back to sleep for the rest", 105, 0, 0, 20, 120},
+        {"woken in vain, then with the condition", 105, 110, 0, 20, 110},
+        {"nobody comes", 0, 0, 0, 20, 120},
+        {"a signal", 0, 0, 107, 20, 107},
+        {"a signal that was pending", 0, 0, 100, 20, 100},
+        {"the condition holds already", 0, 100, 0, 20, 100},
+        {"no time at all", 0, 0, 0, 0, 100},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.what);
+        one_machine at({.start_tick = 100});
+        wait_queue_head_t queue;
+        init_waitqueue_head(&queue);
+        kernel::task* sleeper = nullptr;
+        bool condition = false;
+        if (each.wake_at != 0) at.at(each.wake_at, "waker", [&] { wake_up_interruptible(&queue); });
+        if (each.true_at != 0) {
+            at.at(each.true_at, "setter", [&] {
+                condition = true;
+                wake_up_interruptible(&queue);
+            });
+        }
+        sleeper = &at.at(100, "sleeper", [&] {
+            wait_event_interruptible_timeout(
+                &queue, [&] { return condition; }, each.timeout);
+            EXPECT_EQ(get_jiffies(), each.expected_end);
+            EXPECT_TRUE(list_empty(&queue.sleepers));
+        });
+        if (each.signal_at == 100) kernel::send_signal(*sleeper);
+        if (each.signal_at > 100) at.at(each.signal_at, "sender", [&] { kernel::send_signal(*sleeper); });
+        at.finish();
+    }
+}
+
+TEST(wait_queues, a_wake_up_ends_an_uninterruptible_sleep_and_a_signal_does_not)
+{
+    one_machine at;
+    wait_queue_head_t queue;
+    init_waitqueue_head(&queue);
+    kernel::task& deaf = at.at(0, "deaf", [&] {
+        wait_queue_t sleeper;
+        prepare_to_wait(&queue, &sleeper);
+        EXPECT_EQ(schedule_timeout_uninterruptible(100), 93u);
+        prepare_to_wait(&queue, &sleeper); // stands there already
+        EXPECT_EQ(schedule_timeout_uninterruptible(10), 0u);
+        finish_wait(&queue, &sleeper);
+    });
+    at.at(5, "sender", [&] { kernel::send_signal(deaf); });
+    at.at(7, "waker", [&] { wake_up_interruptible(&queue); });
+    at.finish();
+    EXPECT_TRUE(list_empty(&queue.sleepers));
+}
+
+TEST(sleeps, only_the_interruptible_ends_early_and_tells_what_is_left)
+{
+    one_machine at;
+    unsigned long interruptible_left = 0;
+    kernel::task& light = at.at(0, "light", [&] { interruptible_left = schedule_timeout_interruptible(20); });
+    kernel::task& deep = at.at(0, "deep", [&] {
+        EXPECT_EQ(schedule_timeout_uninterruptible(20), 0u);
+        EXPECT_EQ(get_jiffies(), 20u);
+        EXPECT_EQ(schedule_timeout_interruptible(20), 20u) << "the signal is still pending";
+    });
+    at.at(8, "disturber", [&] {
+        for (kernel::task* each : {&light, &deep}) {
+            kernel::send_signal(*each);
+            at.sim->wake(*each);
+        }
+    });
+    at.finish();
+    EXPECT_EQ(interruptible_left, 12u);
+}
+
+// Two tasks add to a counter; somebody may come between reading and writing it.
+int count_together(uint64_t seed, bool locked)
+{
+    one_machine at({.seed = seed, .explore_switches = true});
+    spinlock_t lock;
+    spin_lock_init(&lock);
+    int counter = 0;
+    const auto add = [&] {
+        for (int i = 0; i < 10; ++i) {
+            const unsigned long flags = locked ? spin_lock_irqsave(&lock) : 0;
+            const int seen = counter;
+            at.sim->switch_point();
+            counter = seen + 1;
+            if (locked) spin_unlock_irqrestore(&lock, flags);
+        }
+    };
+    at.at(0, "one", add);
+    at.at(0, "other", add);
+    at.finish();
+    return counter;
+}
+
+TEST(spin_locks, exploring_seeds_finds_the_update_that_a_missing_lock_loses)
+{
+    int seeds_that_lose = 0;
+    for (uint64_t seed = 1; seed <= 50; ++seed) {
+        EXPECT_EQ(count_together(seed, true), 20) << "with seed " << seed;
+        if (count_together(seed, false) != 20) ++seeds_that_lose;
+    }
+    EXPECT_GT(seeds_that_lose, 0);
+}
+
+TEST(spin_locks, a_release_without_a_lock_dies)
+{
+    one_machine at;
+    spinlock_t lock;
+    spin_lock_init(&lock);
+    EXPECT_DEATH(at.run([&] { spin_unlock_irqrestore(&lock, 0); }), "the lock is not held");
+}
+
+TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
+{
+    one_machine at;
+    semaphore sem;
+    sema_init(&sem, 1); // the call could go through this time, and is a fault none the less
+    spinlock_t lock;
+    spin_lock_init(&lock);
+    char byte = 0;
+    const std::pair<const char*, std::function<void()>> calls[] = {
+        {"down", [&] { down(&sem); }},
+        {"down_interruptible", [&] { down_interruptible(&sem); }},
+        {"schedule_timeout_interruptible", [] { schedule_timeout_interruptible(1); }},
+        {"schedule_timeout_uninterruptible", [] { schedule_timeout_uninterruptible(1); }},
+        {"kmalloc", [] { kmalloc(1, GFP_KERNEL); }},
+        {"copy_from_user", [&] { copy_from_user(&byte, &byte, 1); }},
+        {"remove_proc_entry", [] { remove_proc_entry("none"); }},
+        {"mail", [&] { at.sim->park(5, "mail", "box"); }},
+        {"insmod", [&] { at.host.modules.insmod("none.so"); }},
+    };
+    for (const auto& each : calls) {
+        const auto& call = each.second;
+        const auto in_completion = [&] {
+            const kernel::atomic_section completion("a send completion");
+            call();
+        };
+        const auto under_lock = [&] {
+            spin_lock_irqsave(&lock);
+            call();
+        };
+        const std::string who = "node1, in test: " + std::string(each.first) + " may sleep, and is called ";
+        EXPECT_DEATH(at.run(in_completion), who + "in a send completion, which may not");
+        EXPECT_DEATH(at.run(under_lock), who + "with a spin lock held");
+    }
+    at.run([&] { // and these may be called there
+        const kernel::atomic_section completion("a send completion");
+        up(&sem);
+        kfree(kmalloc(1, GFP_ATOMIC));
+        kernel::send_signal(*kernel::current_task());
+    });
+}
+
+} // namespace
