@@ -1,0 +1,190 @@
+#include "host/fabric/capture.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "host/fabric/packet-crc.h"
+#include "ib-types.h"
+
+namespace fabric
+{
+
+namespace
+{
+
+// libpcap's file formats are in the byte order of the writer, which the magic number tells.
+struct pcap_file_header {
+    uint32_t magic = 0xA1B2C3D4; // timestamps in microseconds
+    uint16_t major = 2;
+    uint16_t minor = 4;
+    int32_t time_zone = 0;
+    uint32_t accuracy = 0;
+    uint32_t longest_packet = 65535;
+    uint32_t link_type = 197; // ERF
+};
+static_assert(sizeof(pcap_file_header) == 24);
+
+struct pcap_packet_header {
+    uint32_t seconds;
+    uint32_t microseconds;
+    uint32_t captured_bytes;
+    uint32_t packet_bytes;
+};
+
+struct erf_header {
+    uint64_t timestamp; // little-endian seconds and fractions of 2^32
+    uint8_t type;
+    uint8_t flags;
+    be16_t record_bytes;
+    be16_t lost;
+    be16_t wire_bytes;
+};
+static_assert(sizeof(erf_header) == 16);
+constexpr uint8_t erf_infiniband = 21;
+constexpr uint8_t erf_varying_length = 0x04;
+
+struct local_route_header { // IBA 7.7
+    uint8_t vl_and_version;
+    uint8_t sl_and_next; // next header 2: BTH
+    be16_t destination_lid;
+    be16_t length_in_words; // up to the VCRC, in 4 bytes
+    be16_t source_lid;
+};
+
+struct base_transport_header { // IBA 9.2
+    uint8_t opcode;
+    uint8_t flags;
+    be16_t p_key;
+    be32_t destination_qpn; // the first byte reserved
+    be32_t sequence_number; // 24 bits
+};
+constexpr uint8_t ud_send_only = 0x64; // IBA 9.2.1
+
+struct datagram_extended_header { // IBA 9.3.3
+    be32_t q_key;
+    be32_t source_qpn;
+};
+
+struct packet {
+    local_route_header lrh;
+    base_transport_header bth;
+    datagram_extended_header deth;
+    mad_bytes mad;
+    uint8_t icrc[4];
+    uint8_t vcrc[2];
+};
+static_assert(sizeof(packet) == 8 + 12 + 8 + 256 + 4 + 2);
+
+struct record {
+    pcap_packet_header pcap;
+    erf_header erf;
+    packet ib;
+};
+static_assert(offsetof(record, ib) == 32);
+constexpr size_t record_size = offsetof(record, ib) + sizeof(packet);
+
+constexpr uint16_t default_p_key = 0xFFFF;
+constexpr uint32_t sequence_mask = 0xFFFFFF;
+
+packet make_packet(uint64_t number, uint16_t source_lid, const address& destination, const mad_bytes& mad)
+{
+    packet made;
+    made.lrh = {.vl_and_version = 0,
+                .sl_and_next = static_cast<uint8_t>(destination.sl << 4 | 2),
+                .destination_lid = to_wire(destination.lid),
+                .length_in_words = to_wire(static_cast<uint16_t>(offsetof(packet, vcrc) / 4)),
+                .source_lid = to_wire(source_lid)};
+    made.bth = {.opcode = ud_send_only,
+                .flags = 0,
+                .p_key = to_wire(default_p_key),
+                .destination_qpn = to_wire(destination.qpn & sequence_mask),
+                .sequence_number = to_wire(static_cast<uint32_t>(number & sequence_mask))};
+    made.deth = {.q_key = to_wire(destination.q_key), .source_qpn = to_wire(uint32_t{1})};
+    made.mad = mad;
+
+    uint8_t bytes[sizeof(packet)];
+    memcpy(bytes, &made, sizeof bytes);
+    write_invariant_crc(bytes, offsetof(packet, icrc), made.icrc);
+    memcpy(bytes + offsetof(packet, icrc), made.icrc, sizeof made.icrc);
+    write_variant_crc(bytes, offsetof(packet, vcrc), made.vcrc);
+    return made;
+}
+
+} // namespace
+
+capture::capture(std::string path, uint64_t start_unix_ms)
+    : path_(std::move(path)), start_unix_ms_(start_unix_ms), file_(std::fopen(path_.c_str(), "wb"))
+{
+    const pcap_file_header header;
+    if (file_)
+        write(&header, sizeof header);
+    else
+        note_failure();
+}
+
+capture::~capture()
+{
+    close();
+}
+
+void capture::crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad)
+{
+    std::lock_guard lock(mutex_);
+    if (!file_ || !failure_.empty()) return;
+    const uint64_t ms = start_unix_ms_ + now_ticks;
+    const uint64_t seconds = ms / 1000;
+    record added;
+    added.pcap = {.seconds = static_cast<uint32_t>(seconds),
+                  .microseconds = static_cast<uint32_t>(ms % 1000 * 1000),
+                  .captured_bytes = record_size - sizeof(pcap_packet_header),
+                  .packet_bytes = record_size - sizeof(pcap_packet_header)};
+    added.erf = {.timestamp = seconds << 32 | ((ms % 1000) << 32) / 1000,
+                 .type = erf_infiniband,
+                 .flags = erf_varying_length,
+                 .record_bytes = to_wire(static_cast<uint16_t>(sizeof(erf_header) + sizeof(packet))),
+                 .lost = {},
+                 .wire_bytes = to_wire(static_cast<uint16_t>(sizeof(packet)))};
+    added.ib = make_packet(packets_, source_lid, destination, mad);
+    write(&added, record_size);
+    if (failure_.empty()) ++packets_;
+}
+
+void capture::write(const void* bytes, size_t size)
+{
+    if (std::fwrite(bytes, 1, size, file_) != size) note_failure();
+}
+
+void capture::note_failure()
+{
+    if (failure_.empty()) failure_ = "cannot write the capture " + path_ + ": " + std::strerror(errno);
+}
+
+std::string capture::failure() const
+{
+    std::lock_guard lock(mutex_);
+    return failure_;
+}
+
+std::string capture::flush()
+{
+    std::lock_guard lock(mutex_);
+    if (file_ && std::fflush(file_) != 0) note_failure();
+    return failure_;
+}
+
+std::string capture::close()
+{
+    std::lock_guard lock(mutex_);
+    if (file_ && std::fclose(file_) != 0) note_failure();
+    file_ = nullptr;
+    return failure_;
+}
+
+uint64_t capture::packets() const
+{
+    std::lock_guard lock(mutex_);
+    return packets_;
+}
+
+} // namespace fabric

@@ -1,0 +1,224 @@
+// How the embedded subnet carries datagrams: what a send does, and the fabric task.
+#include "host/fabric/embedded/adapter.h"
+#include "host/kernel/task.h"
+
+namespace embedded
+{
+
+namespace
+{
+
+constexpr uint32_t qp1 = 1;
+static_assert(kernel::never == UINT64_MAX, "an empty delivery queue has its next datagram due at no time");
+
+// IBA 10.9.3: two P_Keys match when they name the same partition and at least one is of a full member. Returns the
+// index in the table, or -1.
+int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
+{
+    constexpr uint16_t full_member = 0x8000;
+    if ((p_key & ~full_member) == 0) return -1;
+    for (size_t i = 0; i < table.size(); ++i)
+        if (((table[i] ^ p_key) & ~full_member) == 0 && ((table[i] | p_key) & full_member)) return static_cast<int>(i);
+    return -1;
+}
+
+} // namespace
+
+fabric::port_attributes adapter::read_port(int port)
+{
+    std::lock_guard lock(net_.mutex_);
+    const port_record& now = ports.at(static_cast<size_t>(port - 1));
+    return {.state = now.state,
+            .lid = now.lid,
+            .sm_lid = now.sm_lid,
+            .sm_sl = now.sm_sl,
+            .mtu = net_.options_.mtu,
+            .bad_p_keys = now.bad_p_keys,
+            .bad_q_keys = now.bad_q_keys,
+            .gids = {now.gid},
+            .p_keys = now.p_keys};
+}
+
+bool subnet::send(adapter& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad)
+{
+    if (port < 1 || port > from.port_count()) return false;
+    const port_record& source = from.ports[static_cast<size_t>(port - 1)];
+    lock_guard lock(mutex_);
+    datagram* leaving = faults.queue_full ? nullptr : queue_.take();
+    if (!leaving) {
+        ++counts_.refused;
+        return false;
+    }
+    ++counts_.sent;
+    if (!source.is_active() || destination.p_key_index >= source.p_keys.size()) {
+        lose(*leaving);
+        return true;
+    }
+    *leaving = {.mad = mad,
+                .source_lid = source.lid,
+                .destination_lid = destination.lid,
+                .destination_qpn = destination.qpn,
+                .q_key = destination.q_key,
+                .p_key = source.p_keys[destination.p_key_index],
+                .sl = destination.sl,
+                .static_rate = destination.static_rate,
+                .from_sa = false};
+    const uint64_t now_ticks = exec_.now();
+    if (tap_) tap_->crossed(now_ticks, source.lid, destination, mad);
+    set_out(*leaving, now_ticks);
+    wake_fabric(lock);
+    return true;
+}
+
+void subnet::set_listener(adapter& of, fabric::listener* to)
+{
+    if (kernel::current_task() == fabric_task_) kernel::panic("%s: a listener called listen()", of.name().c_str());
+    lock_guard lock(mutex_);
+    of.told = to;
+    // A running call is short: it may not sleep.
+    while (calling_ == &of) {
+        lock.unlock();
+        exec_.relax();
+        lock.lock();
+    }
+}
+
+void subnet::wake_fabric(lock_guard& lock)
+{
+    const bool wake = asleep_;
+    asleep_ = false;
+    lock.unlock();
+    if (wake) exec_.wake(*fabric_task_);
+}
+
+void subnet::carry()
+{
+    lock_guard lock(mutex_);
+    while (!stopping_) {
+        if (tell_next_change(lock)) continue;
+        if (datagram* due = queue_.next_due(exec_.now())) {
+            deliver(*due, lock);
+            continue;
+        }
+        asleep_ = true;
+        const uint64_t next_due_tick = queue_.next_due_tick();
+        lock.unlock();
+        exec_.park(next_due_tick, "datagrams", "fabric");
+        lock.lock();
+        asleep_ = false;
+    }
+}
+
+template <class call_t>
+void subnet::call_listener(adapter& at, lock_guard& lock, const call_t& call)
+{
+    fabric::listener& listener = *at.told;
+    calling_ = &at;
+    lock.unlock();
+    call(listener);
+    lock.lock();
+    calling_ = nullptr;
+}
+
+bool subnet::tell_next_change(lock_guard& lock)
+{
+    if (changes_.empty()) return false;
+    const pending_change next = changes_.front();
+    changes_.pop_front();
+    if (next.at->told)
+        call_listener(*next.at, lock,
+                      [&](fabric::listener& told) { told.port_changed(next.port, next.change, next.sm_lid); });
+    return true;
+}
+
+void subnet::deliver(datagram& arriving, lock_guard& lock)
+{
+    if (arriving.destination_lid != sm_lid_)
+        deliver_to_port(arriving, lock);
+    else if (answer_as_sa(arriving))
+        set_out(arriving, exec_.now());
+    else
+        lose(arriving);
+}
+
+bool subnet::answer_as_sa(datagram& request)
+{
+    if (request.destination_qpn != qp1 || request.q_key != fabric::qp1_q_key) return false;
+    const int p_key_index = matching_p_key(options_.p_keys, request.p_key);
+    if (p_key_index < 0 || faults.sa_silent) return false;
+
+    bool answered;
+    if (use_up(faults.sa_status_count))
+        answered = sa_.refuse(request.mad, faults.sa_status, counts_);
+    else if (faults.sa_busy)
+        answered = sa_.refuse(request.mad, MAD_STATUS_BUSY, counts_);
+    else
+        answered = sa_.answer(request.mad, exec_.now(), counts_);
+    if (!answered || use_up(faults.drop_next_answers)) return false;
+
+    std::swap(request.source_lid, request.destination_lid); // back by the path it came
+    request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
+    request.from_sa = true;
+    return true;
+}
+
+void subnet::deliver_to_port(datagram& arriving, lock_guard& lock)
+{
+    const uint16_t lid = arriving.destination_lid;
+    port_record* port = lid < port_by_lid_.size() ? port_by_lid_[lid] : nullptr;
+    if (!port || !port->is_active() || arriving.destination_qpn != qp1) return lose(arriving);
+    const int p_key_index = matching_p_key(port->p_keys, arriving.p_key);
+    if (p_key_index < 0) {
+        ++port->bad_p_keys;
+        return lose(arriving);
+    }
+    if (arriving.q_key != fabric::qp1_q_key) {
+        ++port->bad_q_keys;
+        return lose(arriving);
+    }
+
+    // From here on the far end's address: the path is the same both ways.
+    fabric::address far{.lid = lid,
+                        .sl = arriving.sl,
+                        .static_rate = arriving.static_rate,
+                        .p_key_index = static_cast<uint16_t>(p_key_index)};
+    if (tap_ && arriving.from_sa) tap_->crossed(exec_.now(), arriving.source_lid, far, arriving.mad);
+    if (!port->owner->told) return lose(arriving);
+    far.lid = arriving.source_lid;
+    ++counts_.arrived;
+    call_listener(*port->owner, lock,
+                  [&](fabric::listener& told) { told.mad_arrived(port->number, far, arriving.mad); });
+    queue_.put(arriving);
+}
+
+void subnet::set_out(datagram& leaving, uint64_t now_ticks)
+{
+    if (use_up(faults.drop_next) || chance(faults.loss_percent)) return lose(leaving);
+    queue_.post(leaving, due_tick(now_ticks));
+    if (!chance(faults.duplicate_percent)) return;
+    if (datagram* twin = queue_.take()) {
+        *twin = leaving;
+        queue_.post(*twin, due_tick(now_ticks));
+        ++counts_.duplicated;
+    }
+}
+
+void subnet::lose(datagram& lost)
+{
+    ++counts_.dropped;
+    queue_.put(lost);
+}
+
+uint64_t subnet::due_tick(uint64_t now_ticks)
+{
+    uint64_t due = now_ticks + faults.latency_ticks;
+    if (const uint64_t jitter = faults.jitter_ticks) due += dice_() % (jitter + 1);
+    return chance(faults.reorder_percent) ? due + 1 : due;
+}
+
+bool subnet::chance(uint32_t percent)
+{
+    return percent > 0 && dice_() % 100 < percent;
+}
+
+} // namespace embedded

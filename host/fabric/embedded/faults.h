@@ -1,0 +1,61 @@
+// How an embedded subnet misbehaves, and what it counted. Every switch may be turned at any time by any thread and
+// holds for the datagrams that set out after it; chances are drawn from the subnet's fault seed. Latency, jitter,
+// loss, duplication and reordering apply to each way on its own: to a request and again to its answer.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace embedded
+{
+
+struct fault_switches {
+    static constexpr uint32_t every = UINT32_MAX;
+
+    std::atomic<uint32_t> latency_ticks{0};
+    std::atomic<uint32_t> jitter_ticks{0}; // 0 to this many ticks more, drawn for each: datagrams overtake each other
+
+    std::atomic<uint32_t> loss_percent{0};
+    std::atomic<uint32_t> duplicate_percent{0}; // arrives twice
+    std::atomic<uint32_t> reorder_percent{0};   // held back one tick more, so that later ones overtake it
+
+    std::atomic<uint32_t> drop_next{0};         // so many datagrams are lost, whichever way they go
+    std::atomic<uint32_t> drop_next_answers{0}; // so many answers of the SA are lost after it did what was asked
+
+    std::atomic<bool> queue_full{false}; // no send is accepted
+    std::atomic<bool> sa_silent{false};  // the SA does and answers nothing
+    std::atomic<bool> sa_busy{false};    // the SA does nothing and answers BUSY
+
+    // The SA does nothing and answers the next `count` requests with this status word.
+    void answer_with(uint16_t status, uint32_t count = every)
+    {
+        sa_status = status;
+        sa_status_count = count;
+    }
+    std::atomic<uint16_t> sa_status{0};
+    std::atomic<uint32_t> sa_status_count{0}; // `every`: until it is set to 0
+};
+
+// True, and one less to come, while `count` is not used up.
+inline bool use_up(std::atomic<uint32_t>& count)
+{
+    uint32_t left = count;
+    while (left > 0 && left < fault_switches::every && !count.compare_exchange_weak(left, left - 1)) {}
+    return left > 0;
+}
+
+struct traffic_counts {
+    uint64_t sent = 0;       // accepted from hosts
+    uint64_t arrived = 0;    // handed to hosts
+    uint64_t dropped = 0;    // lost on the way, for whatever reason
+    uint64_t duplicated = 0; // arrivals more than sent
+    uint64_t refused = 0;    // not accepted: queue full
+
+    // What the SA was asked.
+    uint64_t sa_gets = 0;
+    uint64_t sa_sets = 0;
+    uint64_t sa_deletes = 0;
+    uint64_t sa_others = 0;
+};
+
+} // namespace embedded

@@ -1,0 +1,147 @@
+#include "host/fabric/embedded/subnet-administrator.h"
+
+#include <bit>
+#include <cstring>
+#include <utility>
+
+namespace embedded
+{
+
+namespace
+{
+
+constexpr uint64_t component(service_record_component_t bit)
+{
+    return uint64_t{1} << bit;
+}
+
+constexpr uint16_t status_word(sa_status_t code)
+{
+    return static_cast<uint16_t>(code << 8);
+}
+
+uint16_t status_word(matches count)
+{
+    switch (count) {
+    case matches::one:
+        return 0;
+    case matches::none:
+        return status_word(SA_STATUS_NO_RECORDS);
+    default:
+        return status_word(SA_STATUS_TOO_MANY_RECORDS);
+    }
+}
+
+// What the SA answers at all: requests of its own class.
+bool is_request(const sa_mad_v2_t& mad)
+{
+    return mad.hdr.mgt_class == MAD_CLASS_SUBN_ADM && !mad.hdr.m.r;
+}
+
+void count(const mad_hdr_t& header, traffic_counts& counts)
+{
+    switch (header.m.method) {
+    case MAD_METHOD_GET:
+        ++counts.sa_gets;
+        break;
+    case MAD_METHOD_SET:
+        ++counts.sa_sets;
+        break;
+    case MAD_METHOD_DELETE:
+        ++counts.sa_deletes;
+        break;
+    default:
+        ++counts.sa_others;
+        break;
+    }
+}
+
+// Everything that is not said here stays as it was asked: transaction, attribute, mask and payload.
+void make_response(sa_mad_v2_t& mad, uint16_t status)
+{
+    // A Set is answered with SubnAdmGetResp, any other method with its own response (IBA 15.2.2).
+    if (mad.hdr.m.method == MAD_METHOD_SET) mad.hdr.m.method = MAD_METHOD_GET;
+    mad.hdr.m.r = 1;
+    mad.hdr.u.ns.status.raw16 = to_wire(status);
+}
+
+} // namespace
+
+subnet_administrator::subnet_administrator(size_t record_limit,
+                                           std::function<bool(const fabric::gid_bytes&)> is_known_gid)
+    : records(record_limit), is_known_gid_(std::move(is_known_gid))
+{
+}
+
+bool subnet_administrator::answer(fabric::mad_bytes& bytes, uint64_t now_ticks, traffic_counts& counts)
+{
+    auto mad = std::bit_cast<sa_mad_v2_t>(bytes);
+    if (!is_request(mad)) return false;
+    count(mad.hdr, counts);
+
+    ib_service_record_v2_t record;
+    memcpy(&record, mad.payload, sizeof record);
+    const uint16_t status = serve(mad.hdr, from_wire(mad.component_mask), record, now_ticks);
+    if (status == 0) memcpy(mad.payload, &record, sizeof record);
+    make_response(mad, status);
+    bytes = std::bit_cast<fabric::mad_bytes>(mad);
+    return true;
+}
+
+bool subnet_administrator::refuse(fabric::mad_bytes& bytes, uint16_t status, traffic_counts& counts)
+{
+    auto mad = std::bit_cast<sa_mad_v2_t>(bytes);
+    if (!is_request(mad)) return false;
+    count(mad.hdr, counts);
+    make_response(mad, status);
+    bytes = std::bit_cast<fabric::mad_bytes>(mad);
+    return true;
+}
+
+uint16_t subnet_administrator::serve(const mad_hdr_t& header, uint64_t component_mask, ib_service_record_v2_t& record,
+                                     uint64_t now_ticks)
+{
+    if (header.base_ver != MAD_BASE_VERSION || header.class_ver != MAD_CLASS_VERSION_SUBN_ADM)
+        return MAD_STATUS_BAD_VERSION;
+    const uint8_t method = header.m.method;
+    if (method != MAD_METHOD_GET && method != MAD_METHOD_SET && method != MAD_METHOD_DELETE)
+        return MAD_STATUS_UNSUPPORTED_METHOD;
+    // On the wire the AttributeID is in network order, whatever its declared type.
+    if (from_wire(std::bit_cast<be16_t>(header.attrib_id)) != SA_ATTR_SERVICE_RECORD)
+        return MAD_STATUS_UNSUPPORTED_METHOD_ATTRIBUTE;
+
+    switch (method) {
+    case MAD_METHOD_SET:
+        return set(component_mask, record, now_ticks);
+    case MAD_METHOD_DELETE:
+        return remove(component_mask, record, now_ticks);
+    // A Get that selects nothing matches every record, as a cleared bit is a wildcard (IBA 15.4.4).
+    default:
+        return status_word(records.get(component_mask, record, now_ticks, record));
+    }
+}
+
+uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
+{
+    // A record without an ID or a GID of its own could not be found again.
+    constexpr uint64_t needed = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
+    if ((component_mask & needed) != needed) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
+    if (!is_known_gid_(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
+
+    ib_service_record_v2_t stored = components_of(component_mask, record);
+    if (!(component_mask & component(SR_COMPONENT_SERVICE_LEASE))) stored.service_lease = to_wire(infinite_lease);
+    if (from_wire(stored.service_lease) == 0) return status_word(SA_STATUS_REQ_INVALID); // it would be gone already
+    if (!records.set(stored, now_ticks)) return status_word(SA_STATUS_NO_RESOURCES);
+    record = stored;
+    return 0;
+}
+
+uint16_t subnet_administrator::remove(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
+{
+    // Deleting is of one record (IBA 15.4): a request that selects by nothing is refused, and so is one that selects
+    // several. Nothing is deleted then.
+    if ((component_mask & defined_components) == 0) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
+    return status_word(records.remove(component_mask, record, now_ticks, record));
+}
+
+} // namespace embedded

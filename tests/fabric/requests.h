@@ -1,0 +1,111 @@
+// Requests to an SA, and a listener that keeps what it hears.
+#pragma once
+
+#include <bit>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host/fabric/fabric.h"
+#include "sa-mads.h"
+
+namespace test
+{
+
+constexpr uint64_t ats_service_id = 0x10000CE100415453;
+constexpr char ats_service_name[] = "DAPL Address Translation Service";
+
+constexpr uint64_t mask_all = UINT64_MAX;
+constexpr uint64_t mask_gid_lookup = 0x43;
+constexpr uint64_t mask_address_lookup = 0x7FFFC1;
+
+constexpr uint8_t get_response = MAD_METHOD_GET | MAD_METHOD_RESPONSE;
+constexpr uint8_t delete_response = MAD_METHOD_DELETE | MAD_METHOD_RESPONSE;
+
+using record_t = ib_service_record_v2_t;
+
+// What a host registers; `octet` is the last of its address 10.0.0.x.
+inline record_t host_record(const fabric::gid_bytes& gid, uint8_t octet, uint16_t p_key = 0xFFFF,
+                            uint32_t lease = UINT32_MAX)
+{
+    record_t record{};
+    record.service_id = to_wire(ats_service_id);
+    record.service_gid = std::bit_cast<wire_gid_t>(gid);
+    record.service_pkey = to_wire(p_key);
+    record.service_lease = to_wire(lease);
+    memcpy(record.service_name, ats_service_name, sizeof ats_service_name);
+    memcpy(record.service_data8 + 12, std::array<uint8_t, 4>{10, 0, 0, octet}.data(), 4);
+    memcpy(record.service_data32, "node", 4);
+    record.service_data32[4] = static_cast<uint8_t>('0' + octet % 10);
+    return record;
+}
+
+inline sa_mad_v2_t request(uint8_t method, uint64_t component_mask, const record_t& record, uint64_t transaction = 7)
+{
+    sa_mad_v2_t mad{};
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.m.method = method & 0x7F;
+    mad.hdr.transact_id = to_wire(transaction);
+    mad.hdr.attrib_id = std::bit_cast<uint16_t>(to_wire(SA_ATTR_SERVICE_RECORD));
+    mad.component_mask = to_wire(component_mask);
+    memcpy(mad.payload, &record, sizeof record);
+    return mad;
+}
+
+inline fabric::mad_bytes bytes_of(const sa_mad_v2_t& mad)
+{
+    return std::bit_cast<fabric::mad_bytes>(mad);
+}
+
+inline record_t record_in(const sa_mad_v2_t& mad)
+{
+    record_t record;
+    memcpy(&record, mad.payload, sizeof record);
+    return record;
+}
+
+inline uint8_t method_of(const sa_mad_v2_t& mad)
+{
+    return bytes_of(mad)[3];
+}
+
+inline bool same(const record_t& a, const record_t& b)
+{
+    return memcmp(&a, &b, sizeof a) == 0;
+}
+
+struct listening final : fabric::listener {
+    struct arrival {
+        int port;
+        fabric::address source;
+        sa_mad_v2_t mad;
+        uint64_t transaction() const { return from_wire(mad.hdr.transact_id); }
+        uint16_t status() const { return from_wire(mad.hdr.u.ns.status.raw16); }
+    };
+    std::vector<arrival> arrivals;
+    std::vector<std::string> changes; // "up 1", "down 2", "sm 1 to 9"
+
+    void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override
+    {
+        arrivals.push_back({port, source, std::bit_cast<sa_mad_v2_t>(mad)});
+    }
+    void port_changed(int port, fabric::port_change change, uint16_t new_sm_lid) override
+    {
+        const std::string number = std::to_string(port);
+        if (change == fabric::port_change::link_up) changes.push_back("up " + number);
+        if (change == fabric::port_change::link_down) changes.push_back("down " + number);
+        if (change == fabric::port_change::sm_change)
+            changes.push_back("sm " + number + " to " + std::to_string(new_sm_lid));
+    }
+
+    std::vector<uint64_t> transactions() const
+    {
+        std::vector<uint64_t> list;
+        for (const arrival& each : arrivals) list.push_back(each.transaction());
+        return list;
+    }
+};
+
+} // namespace test

@@ -1,0 +1,171 @@
+#include "host/fabric/embedded/service-records.h"
+
+#include <gtest/gtest.h>
+#include <random>
+
+#include "requests.h"
+
+namespace
+{
+
+using namespace embedded;
+using test::record_t;
+
+fabric::gid_bytes gid_number(int number)
+{
+    fabric::gid_bytes gid{0xFE, 0x80};
+    gid[15] = static_cast<uint8_t>(number);
+    return gid;
+}
+
+// Where component `bit` is, told independently of the implementation: first byte and size.
+std::pair<size_t, size_t> place_of_component(int bit)
+{
+    if (bit >= SR_COMPONENT_SERVICE_DATA64) return {160 + 8 * (bit - SR_COMPONENT_SERVICE_DATA64), 8};
+    if (bit >= SR_COMPONENT_SERVICE_DATA32) return {144 + 4 * (bit - SR_COMPONENT_SERVICE_DATA32), 4};
+    if (bit >= SR_COMPONENT_SERVICE_DATA16) return {128 + 2 * (bit - SR_COMPONENT_SERVICE_DATA16), 2};
+    if (bit >= SR_COMPONENT_SERVICE_DATA8) return {112 + (bit - SR_COMPONENT_SERVICE_DATA8), 1};
+    constexpr std::pair<size_t, size_t> fixed[] = {{0, 8}, {8, 16}, {24, 2}, {26, 2}, {28, 4}, {32, 16}, {48, 64}};
+    return fixed[bit];
+}
+
+bool naively_equal(uint64_t mask, const record_t& a, const record_t& b)
+{
+    for (int bit = 0; bit < SR_COMPONENT_COUNT; ++bit) {
+        if (!(mask >> bit & 1)) continue;
+        const auto [offset, size] = place_of_component(bit);
+        const auto* left = reinterpret_cast<const char*>(&a) + offset;
+        if (memcmp(left, reinterpret_cast<const char*>(&b) + offset, size) != 0) return false;
+    }
+    return true;
+}
+
+TEST(service_records, every_byte_counts_for_its_component_alone)
+{
+    const record_t record = test::host_record(gid_number(1), 1);
+    for (int bit = 0; bit < SR_COMPONENT_COUNT; ++bit) {
+        const auto [offset, size] = place_of_component(bit);
+        const uint64_t mask = uint64_t{1} << bit;
+        for (size_t i = 0; i < size; ++i) {
+            record_t other = record;
+            reinterpret_cast<uint8_t*>(&other)[offset + i] ^= 0x10;
+            EXPECT_FALSE(equal_in(mask, record, other)) << "component " << bit << " byte " << i;
+            EXPECT_TRUE(equal_in(~mask, record, other)) << "component " << bit << " byte " << i;
+
+            // The same through a store, for masks that go by an index and for those that do not.
+            service_records store(8);
+            store.set(record, 0);
+            record_t found;
+            EXPECT_EQ(store.get(test::mask_all, other, 0, found), matches::none);
+            EXPECT_EQ(store.get(test::mask_all & ~mask, other, 0, found), matches::one);
+        }
+    }
+    // Undefined components select nothing, and none selects everything.
+    EXPECT_TRUE(equal_in(test::mask_all << SR_COMPONENT_COUNT, record, record_t{}));
+}
+
+// Records drawn from so few values that they clash in every way.
+struct clashing_records {
+    std::mt19937 dice{42};
+    int draw(int below) { return static_cast<int>(dice() % static_cast<unsigned>(below)); }
+    record_t next()
+    {
+        record_t record = test::host_record(gid_number(draw(6)), static_cast<uint8_t>(draw(4)),
+                                            draw(2) ? 0xFFFF : 0x8001, draw(3) ? UINT32_MAX : 1 + dice() % 5);
+        record.service_id = to_wire(test::ats_service_id + static_cast<uint64_t>(draw(2)));
+        record.service_data16[0] = static_cast<uint8_t>(draw(2));
+        return record;
+    }
+    uint64_t next_mask()
+    {
+        constexpr uint64_t usual[] = {test::mask_gid_lookup, test::mask_address_lookup, test::mask_all, 0, 2, 4};
+        const uint64_t mask = usual[draw(6)];
+        return draw(2) ? mask : mask ^ uint64_t { 1 } << draw(SR_COMPONENT_COUNT);
+    }
+};
+
+// The same store without an index, a lease or a thought for speed.
+struct naive_store {
+    struct held {
+        record_t record;
+        uint64_t expires;
+    };
+    std::vector<held> all;
+
+    void advance(uint64_t now)
+    {
+        std::erase_if(all, [&](const held& each) { return each.expires <= now; });
+        for (held& each : all)
+            if (each.expires != UINT64_MAX)
+                each.record.service_lease = to_wire(static_cast<uint32_t>((each.expires - now + 999) / 1000));
+    }
+    void set(const record_t& record, uint64_t now)
+    {
+        std::erase_if(all, [&](const held& each) { return naively_equal(7, each.record, record); });
+        const uint32_t lease = from_wire(record.service_lease);
+        all.push_back({record, lease == UINT32_MAX ? UINT64_MAX : now + lease * 1000ull});
+    }
+    std::vector<record_t> select(uint64_t mask, const record_t& like) const
+    {
+        std::vector<record_t> selected;
+        for (const held& each : all)
+            if (naively_equal(mask, each.record, like)) selected.push_back(each.record);
+        return selected;
+    }
+};
+
+TEST(service_records, an_index_never_answers_otherwise_than_a_search)
+{
+    clashing_records draw;
+    service_records store(1000);
+    naive_store naive;
+    uint64_t now = 0;
+    int counted[3] = {};
+    for (int step = 0; step < 100'000; ++step) {
+        now += static_cast<uint64_t>(draw.draw(300));
+        naive.advance(now);
+        const record_t record = draw.next();
+        const int action = draw.draw(8);
+        if (action < 3) {
+            ASSERT_TRUE(store.set(record, now));
+            naive.set(record, now);
+            continue;
+        }
+        if (action == 3 && draw.draw(20) == 0) {
+            const fabric::gid_bytes gid = std::to_array(record.service_gid.bytes);
+            ASSERT_EQ(store.forget(gid, now), std::erase_if(naive.all, [&](const auto& each) {
+                          return naively_equal(2, each.record, record);
+                      }));
+            continue;
+        }
+        const uint64_t mask = draw.next_mask();
+        const std::vector<record_t> expected = naive.select(mask, record);
+        const matches expected_count = static_cast<matches>(std::min<size_t>(expected.size(), 2));
+        record_t found{};
+        const matches count = action < 6 ? store.get(mask, record, now, found) : store.remove(mask, record, now, found);
+        ASSERT_EQ(count, expected_count) << "step " << step << " mask " << std::hex << mask;
+        ++counted[static_cast<int>(count)];
+        if (count == matches::one) {
+            ASSERT_TRUE(test::same(found, expected[0])) << "step " << step;
+            if (action >= 6)
+                std::erase_if(naive.all, [&](const auto& each) { return naively_equal(7, each.record, found); });
+        }
+        ASSERT_EQ(store.all(now).size(), naive.all.size()) << "step " << step;
+    }
+    for (const int times : counted) EXPECT_GT(times, 1000) << "the draw must try every outcome often";
+}
+
+TEST(service_records, a_full_store_refuses_new_keys_only)
+{
+    service_records store(2);
+    EXPECT_TRUE(store.set(test::host_record(gid_number(1), 1), 0));
+    EXPECT_TRUE(store.set(test::host_record(gid_number(2), 2, 0xFFFF, 5), 0));
+    EXPECT_FALSE(store.set(test::host_record(gid_number(3), 3), 0));
+    EXPECT_TRUE(store.set(test::host_record(gid_number(1), 9), 0)) << "a record may always be replaced";
+    EXPECT_EQ(store.all(4999).size(), 2u);
+    EXPECT_TRUE(store.set(test::host_record(gid_number(3), 3), 5000)) << "an expired record makes room";
+    EXPECT_EQ(store.clear(5000), 2u);
+    EXPECT_TRUE(store.all(5000).empty());
+}
+
+} // namespace

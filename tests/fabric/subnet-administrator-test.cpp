@@ -1,0 +1,185 @@
+#include "host/fabric/embedded/subnet-administrator.h"
+
+#include <gtest/gtest.h>
+#include <random>
+
+#include "requests.h"
+
+namespace
+{
+
+using namespace embedded;
+using test::record_t;
+using test::request;
+
+constexpr fabric::gid_bytes gid_a{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x10, 0x11};
+constexpr fabric::gid_bytes gid_b{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 1};
+constexpr fabric::gid_bytes gid_elsewhere{0xFE, 0xC0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 1};
+
+bool is_known_gid(const fabric::gid_bytes& gid)
+{
+    return gid == gid_a || gid == gid_b;
+}
+
+record_t like_gid(const fabric::gid_bytes& gid)
+{
+    record_t like{};
+    like.service_id = to_wire(test::ats_service_id);
+    like.service_gid = std::bit_cast<wire_gid_t>(gid);
+    memcpy(like.service_name, test::ats_service_name, sizeof test::ats_service_name);
+    return like;
+}
+
+record_t like_address(uint8_t octet)
+{
+    record_t like = like_gid({});
+    memcpy(like.service_data8, test::host_record({}, octet).service_data8, sizeof like.service_data8);
+    return like;
+}
+
+sa_mad_v2_t with(sa_mad_v2_t mad, size_t byte, uint8_t value)
+{
+    reinterpret_cast<uint8_t*>(&mad)[byte] = value;
+    return mad;
+}
+
+constexpr size_t base_version_byte = 0, class_version_byte = 2, attribute_byte = 17;
+
+struct exchange {
+    const char* name;
+    std::vector<record_t> stored;
+    sa_mad_v2_t asked;
+    uint16_t status; // as a number: the class-specific code is the high byte
+    uint8_t method;
+    record_t answered; // the record in the response
+    size_t left;       // records stored afterwards
+};
+
+void PrintTo(const exchange& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
+const record_t a1 = test::host_record(gid_a, 1), a2 = test::host_record(gid_a, 2), b1 = test::host_record(gid_b, 1);
+const record_t a1_other_partition = test::host_record(gid_a, 1, 0x8001),
+               elsewhere = test::host_record(gid_elsewhere, 1);
+const record_t a1_no_p_key = test::host_record(gid_a, 1, 0), a1_no_lease = test::host_record(gid_a, 1, 0xFFFF, 0);
+
+constexpr uint8_t got = test::get_response, deleted = test::delete_response;
+constexpr uint8_t get = MAD_METHOD_GET, set = MAD_METHOD_SET, del = MAD_METHOD_DELETE;
+constexpr uint64_t by_gid = test::mask_gid_lookup, by_address = test::mask_address_lookup, all = test::mask_all;
+constexpr uint16_t invalid = 0x200, no_records = 0x300, too_many = 0x400, invalid_gid = 0x500, insufficient = 0x600;
+
+class subnet_administrator_table : public testing::TestWithParam<exchange>
+{
+};
+
+TEST_P(subnet_administrator_table, answers)
+{
+    const exchange& row = GetParam();
+    subnet_administrator sa(3, is_known_gid);
+    for (const record_t& record : row.stored) ASSERT_TRUE(sa.records.set(record, 0));
+    traffic_counts counts;
+
+    fabric::mad_bytes mad = test::bytes_of(row.asked);
+    ASSERT_TRUE(sa.answer(mad, 0, counts));
+
+    const auto answer = std::bit_cast<sa_mad_v2_t>(mad);
+    EXPECT_EQ(from_wire(answer.hdr.u.ns.status.raw16), row.status);
+    EXPECT_EQ(test::method_of(answer), row.method);
+    EXPECT_TRUE(test::same(test::record_in(answer), row.answered));
+    EXPECT_EQ(sa.records.all(0).size(), row.left);
+    // All else of the header comes back as it was asked.
+    sa_mad_v2_t expected = row.asked;
+    expected.hdr.m = answer.hdr.m;
+    expected.hdr.u = answer.hdr.u;
+    EXPECT_EQ(memcmp(&answer, &expected, offsetof(sa_mad_v2_t, payload)), 0);
+}
+
+const exchange exchanges[] = {
+    {"set_first", {}, request(set, all, a1), 0, got, a1, 1},
+    {"set_replaces", {a1}, request(set, all, a2), 0, got, a2, 1},
+    {"set_other_p_key_is_another_record", {a1}, request(set, all, a1_other_partition), 0, got, a1_other_partition, 2},
+    {"set_no_p_key", {a1}, request(set, all, a1_no_p_key), 0, got, a1_no_p_key, 2},
+    {"set_unselected_p_key_is_none", {}, request(set, all & ~uint64_t{4}, a1), 0, got, a1_no_p_key, 1},
+    {"set_unselected_lease_is_infinite", {}, request(set, all & ~uint64_t{0x10}, a1_no_lease), 0, got, a1, 1},
+    {"set_no_lease", {}, request(set, all, a1_no_lease), invalid, got, a1_no_lease, 0},
+    {"set_gid_of_another_subnet", {}, request(set, all, elsewhere), invalid_gid, got, elsewhere, 0},
+    {"set_no_gid", {}, request(set, all & ~uint64_t{2}, a1), insufficient, got, a1, 0},
+    {"set_full", {a1, a1_other_partition, a1_no_p_key}, request(set, all, b1), 0x100, got, b1, 3},
+
+    {"get_by_gid", {a1, b1}, request(get, by_gid, like_gid(gid_b)), 0, got, b1, 2},
+    {"get_by_address", {a2, b1}, request(get, by_address, like_address(2)), 0, got, a2, 2},
+    {"get_none", {a1}, request(get, by_gid, like_gid(gid_b)), no_records, got, like_gid(gid_b), 1},
+    {"get_address_clash", {a1, b1}, request(get, by_address, like_address(1)), too_many, got, like_address(1), 2},
+    {"get_anything_of_one", {a1}, request(get, 0, record_t{}), 0, got, a1, 1},
+    {"get_anything_of_two", {a1, b1}, request(get, 0, record_t{}), too_many, got, record_t{}, 2},
+    {"get_by_name_alone", {a1}, request(get, 0x40, like_gid({})), 0, got, a1, 1},
+
+    {"delete_by_gid", {a1, b1}, request(del, by_gid, like_gid(gid_a)), 0, deleted, a1, 1},
+    {"delete_by_address", {a1}, request(del, by_address, like_address(1)), 0, deleted, a1, 0},
+    {"delete_none", {b1}, request(del, by_gid, like_gid({})), no_records, deleted, like_gid({}), 1},
+    {"delete_two", {a1, b1}, request(del, 1, a1), too_many, deleted, a1, 2},
+    {"delete_anything", {a1}, request(del, 0, a1), insufficient, deleted, a1, 1},
+    {"delete_undefined_components", {a1}, request(del, all << 37, a1), insufficient, deleted, a1, 1},
+
+    {"get_table", {a1}, request(MAD_METHOD_GET_TABLE, 0, a1), 0x08, 0x92, a1, 1},
+    {"path_record", {a1}, with(request(get, by_gid, a1), attribute_byte, 0x35), 0x0C, got, a1, 1},
+    {"base_version", {a1}, with(request(del, by_gid, a1), base_version_byte, 2), 0x04, deleted, a1, 1},
+    {"class_version", {}, with(request(set, all, a1), class_version_byte, 1), 0x04, got, a1, 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(requests, subnet_administrator_table, testing::ValuesIn(exchanges),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(subnet_administrator, a_lease_runs_out_and_says_what_remains)
+{
+    subnet_administrator sa(8, is_known_gid);
+    traffic_counts counts;
+    auto ask = [&](const sa_mad_v2_t& asked, uint64_t now) {
+        fabric::mad_bytes mad = test::bytes_of(asked);
+        EXPECT_TRUE(sa.answer(mad, now, counts));
+        return std::bit_cast<sa_mad_v2_t>(mad);
+    };
+    const record_t ten_seconds = test::host_record(gid_a, 1, 0xFFFF, 10);
+    const sa_mad_v2_t get_it = request(get, by_gid, like_gid(gid_a));
+    ask(request(set, all, ten_seconds), 100);
+    ask(request(set, all, b1), 100);
+    EXPECT_EQ(from_wire(test::record_in(ask(get_it, 4099)).service_lease), 7u);
+    EXPECT_EQ(from_wire(ask(get_it, 10'099).hdr.u.ns.status.raw16), 0);
+    EXPECT_EQ(from_wire(ask(get_it, 10'100).hdr.u.ns.status.raw16), no_records);
+    EXPECT_EQ(sa.records.all(10'100).size(), 1u) << "an infinite lease stays";
+    EXPECT_EQ(counts.sa_sets, 2u);
+    EXPECT_EQ(counts.sa_gets, 3u);
+}
+
+TEST(subnet_administrator, hostile_datagrams_change_nothing_they_may_not)
+{
+    subnet_administrator sa(64, is_known_gid);
+    traffic_counts counts;
+    std::mt19937_64 dice(7);
+    int answered = 0;
+    for (int round = 0; round < 300'000; ++round) {
+        // A well-formed request with a few bytes spoiled, or nothing but noise.
+        sa_mad_v2_t mad =
+            request(round % 3 ? get : set, dice(), test::host_record(gid_a, static_cast<uint8_t>(dice())));
+        auto* bytes = reinterpret_cast<uint8_t*>(&mad);
+        const size_t spoiled = round % 4 ? dice() % 6 : sizeof mad;
+        for (size_t i = 0; i < spoiled; ++i) bytes[dice() % sizeof mad] = static_cast<uint8_t>(dice());
+        fabric::mad_bytes raw = test::bytes_of(mad);
+        const bool for_the_sa = mad.hdr.mgt_class == MAD_CLASS_SUBN_ADM && !mad.hdr.m.r;
+        ASSERT_EQ(sa.answer(raw, static_cast<uint64_t>(round), counts), for_the_sa);
+        if (!for_the_sa) {
+            ASSERT_EQ(raw, test::bytes_of(mad));
+            continue;
+        }
+        ++answered;
+        ASSERT_TRUE(raw[3] & MAD_METHOD_RESPONSE);
+        ASSERT_EQ(memcmp(raw.data() + 6, bytes + 6, offsetof(sa_mad_v2_t, payload) - 6), 0);
+    }
+    EXPECT_GT(answered, 100'000);
+    for (const record_t& record : sa.records.all(300'000))
+        EXPECT_TRUE(is_known_gid(std::to_array(record.service_gid.bytes)));
+}
+
+} // namespace

@@ -1,0 +1,355 @@
+#include "host/fabric/embedded/subnet.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <thread>
+
+#include "requests.h"
+
+namespace
+{
+
+using namespace embedded;
+using fabric::link_state;
+using test::listening;
+using test::request;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr fabric::address sa_address{.lid = 1};
+
+// Two hosts on a subnet, links up: node1 with two ports (LIDs 2 and 3), node2 with one (LID 4).
+struct small_world {
+    explicit small_world(const subnet_options& options = {}) : net(*sim, options)
+    {
+        first.listen(&at_first);
+        second.listen(&at_second);
+        for (int port : {1, 2}) EXPECT_TRUE(net.link_up("node1", "mthca0", port));
+        EXPECT_TRUE(net.link_up("node2", "mthca0", 1));
+        sim->settle();
+        at_first.changes.clear();
+        at_second.changes.clear();
+    }
+    ~small_world()
+    {
+        first.listen(nullptr);
+        second.listen(nullptr);
+    }
+
+    static fabric::gid_bytes gid_of(fabric::hca& hca, int port) { return hca.read_port(port).gids.at(0); }
+    fabric::mad_bytes set_first(uint64_t transaction = 1)
+    {
+        const auto record = test::host_record(gid_of(first, 1), 1);
+        return test::bytes_of(request(MAD_METHOD_SET, test::mask_all, record, transaction));
+    }
+    fabric::mad_bytes get_first(uint64_t transaction = 1)
+    {
+        const auto record = test::host_record(gid_of(first, 1), 1);
+        return test::bytes_of(request(MAD_METHOD_GET, test::mask_gid_lookup, record, transaction));
+    }
+    void send_numbered(int count)
+    {
+        for (int i = 0; i < count; ++i) ASSERT_TRUE(first.send(1, {.lid = 4}, get_first(static_cast<uint64_t>(i))));
+    }
+
+    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    subnet net;
+    fabric::hca& first = net.add_hca("node1", "mthca0", 2);
+    fabric::hca& second = *net.add_host("node2").at(0);
+    listening at_first, at_second;
+};
+struct two_hosts : testing::Test, small_world {
+};
+
+TEST_F(two_hosts, a_request_is_answered_by_the_path_it_came)
+{
+    ASSERT_TRUE(first.send(2, {.lid = 1, .sl = 3}, set_first()));
+    EXPECT_THAT(at_first.arrivals, IsEmpty()) << "nothing arrives inside a send";
+    sim->settle();
+    ASSERT_EQ(at_first.arrivals.size(), 1u);
+    const auto& answer = at_first.arrivals[0];
+    EXPECT_EQ(answer.port, 2);
+    EXPECT_EQ(answer.status(), 0);
+    EXPECT_EQ(answer.source.lid, 1);
+    EXPECT_EQ(answer.source.sl, 3);
+    EXPECT_EQ(answer.source.qpn, 1u);
+    EXPECT_EQ(answer.source.q_key, fabric::qp1_q_key);
+
+    const auto records = net.service_records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].gid, "0xFE800000000000000200000000010001");
+    EXPECT_EQ(records[0].ipv4, "10.0.0.1");
+    EXPECT_EQ(records[0].host_name, "node1");
+    EXPECT_EQ(records[0].service_name, test::ats_service_name);
+    EXPECT_EQ(records[0].lease_seconds, UINT32_MAX);
+    EXPECT_EQ(records[0].p_key, 0xFFFF);
+    EXPECT_EQ(records[0].service_id, test::ats_service_id);
+}
+
+TEST_F(two_hosts, datagrams_between_hosts_arrive_in_order)
+{
+    send_numbered(100);
+    ASSERT_TRUE(first.send(1, {.lid = 3}, get_first(7))); // to its own other port
+    sim->settle();
+    std::vector<uint64_t> expected(100);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(at_second.transactions(), expected);
+    EXPECT_EQ(at_second.arrivals[0].source.lid, 2);
+    EXPECT_THAT(at_first.transactions(), ElementsAre(7));
+}
+
+TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)
+{
+    EXPECT_EQ(second.read_port(1).state, link_state::active);
+    EXPECT_EQ(second.read_port(1).lid, 4);
+
+    ASSERT_TRUE(net.link_down("node2", "mthca0", 1));
+    ASSERT_TRUE(net.set_sm(9, 5));
+    sim->settle();
+    EXPECT_THAT(at_first.changes, ElementsAre("sm 1 to 9", "sm 2 to 9"));
+    EXPECT_THAT(at_second.changes, ElementsAre("down 1")) << "a port without a link hears of no SM";
+    EXPECT_EQ(first.read_port(2).sm_lid, 9);
+    EXPECT_EQ(first.read_port(2).sm_sl, 5);
+    EXPECT_EQ(second.read_port(1).state, link_state::down);
+    EXPECT_EQ(second.read_port(1).sm_lid, 1);
+
+    // The SA answers at its new LID only, and a port without a link neither sends nor receives.
+    ASSERT_TRUE(first.send(1, sa_address, get_first(1)));
+    ASSERT_TRUE(first.send(1, {.lid = 9}, get_first(2)));
+    ASSERT_TRUE(first.send(1, {.lid = 4}, get_first(3)));
+    ASSERT_TRUE(second.send(1, {.lid = 9}, get_first(4)));
+    sim->settle();
+    EXPECT_THAT(at_first.transactions(), ElementsAre(2));
+    EXPECT_THAT(at_second.arrivals, IsEmpty());
+
+    ASSERT_TRUE(net.link_up("node2", "mthca0", 1));
+    sim->settle();
+    EXPECT_THAT(at_second.changes, ElementsAre("down 1", "up 1"));
+    EXPECT_EQ(second.read_port(1).sm_lid, 9);
+}
+
+TEST_F(two_hosts, a_link_that_goes_down_loses_what_is_under_way)
+{
+    net.faults.latency_ticks = 10;
+    ASSERT_TRUE(first.send(1, sa_address, get_first()));
+    sim->run_for(15);
+    ASSERT_TRUE(net.link_down("node1", "mthca0", 1));
+    sim->run_for(100);
+    EXPECT_EQ(net.counts().sa_gets, 1u);
+    EXPECT_THAT(at_first.arrivals, IsEmpty());
+    EXPECT_EQ(net.counts().dropped, 1u);
+}
+
+TEST_F(two_hosts, wrong_addresses_are_lost_and_counted_where_they_arrive)
+{
+    const fabric::address lost[] = {
+        {.lid = 0},
+        {.lid = 77},
+        {.lid = 0xC001},
+        {.lid = 0xFFFF},
+        {.lid = 4, .qpn = 0},
+        {.lid = 4, .q_key = 1},
+        {.lid = 1, .qpn = 2},
+        {.lid = 1, .q_key = 0},
+        {.lid = 4, .p_key_index = 1},
+    };
+    for (const fabric::address& to : lost) EXPECT_TRUE(first.send(1, to, get_first()));
+    for (const int port : {0, 3, -1}) EXPECT_FALSE(first.send(port, sa_address, get_first()));
+    sim->settle();
+    EXPECT_EQ(net.counts().dropped, std::size(lost));
+    EXPECT_EQ(net.counts().sent, std::size(lost));
+    EXPECT_EQ(net.counts().sa_gets, 0u);
+    EXPECT_THAT(at_second.arrivals, IsEmpty());
+    EXPECT_EQ(second.read_port(1).bad_q_keys, 1u);
+}
+
+TEST_F(two_hosts, partitions_keep_hosts_apart)
+{
+    listening at_third;
+    fabric::hca& third = net.add_hca("node3", {.p_keys = {0x7FFF, 0x8001}});
+    fabric::hca& fourth = net.add_hca("node4", {.p_keys = {0x0001}});
+    third.listen(&at_third);
+    for (const char* host : {"node3", "node4"}) ASSERT_TRUE(net.link_up(host, "mthca0", 1));
+
+    ASSERT_TRUE(third.send(1, sa_address, get_first(1)));                   // a limited member asks a full one
+    ASSERT_TRUE(third.send(1, {.lid = 1, .p_key_index = 1}, get_first(2))); // a partition that the SA is not in
+    ASSERT_TRUE(fourth.send(1, {.lid = 5}, get_first(3)));                  // limited to full, index 1 there
+    ASSERT_TRUE(third.send(1, {.lid = 6, .p_key_index = 0}, get_first(4))); // another partition
+    sim->settle();
+    ASSERT_THAT(at_third.transactions(), ElementsAre(3, 1));
+    EXPECT_EQ(at_third.arrivals[0].source.p_key_index, 1);
+    EXPECT_EQ(at_third.arrivals[1].source.p_key_index, 0);
+    EXPECT_EQ(fourth.read_port(1).bad_p_keys, 1u);
+    third.listen(nullptr);
+}
+
+TEST_F(two_hosts, chance_faults_follow_the_seed)
+{
+    auto campaign = [](uint64_t seed) {
+        small_world world({.fault_seed = seed});
+        world.net.faults.loss_percent = 20;
+        world.net.faults.duplicate_percent = 10;
+        world.net.faults.reorder_percent = 10;
+        for (int i = 0; i < 1000; ++i) {
+            EXPECT_TRUE(world.first.send(1, {.lid = 4}, world.get_first(static_cast<uint64_t>(i))));
+            world.sim->run_for(i % 2);
+        }
+        world.sim->run_for(5);
+        const traffic_counts counts = world.net.counts();
+        EXPECT_EQ(counts.arrived, counts.sent - counts.dropped + counts.duplicated);
+        EXPECT_NEAR(static_cast<double>(counts.dropped), 200, 60);
+        EXPECT_NEAR(static_cast<double>(counts.duplicated), 80, 40);
+        EXPECT_FALSE(std::ranges::is_sorted(world.at_second.transactions()));
+        return world.at_second.transactions();
+    };
+    const auto run = campaign(5);
+    EXPECT_EQ(run, campaign(5));
+    EXPECT_NE(run, campaign(6));
+}
+
+TEST_F(two_hosts, latency_counts_each_way_and_jitter_adds_to_it)
+{
+    net.faults.latency_ticks = 10;
+    ASSERT_TRUE(first.send(1, sa_address, set_first()));
+    sim->run_for(19);
+    EXPECT_EQ(net.counts().sa_sets, 1u);
+    EXPECT_THAT(at_first.arrivals, IsEmpty());
+    sim->run_for(1);
+    EXPECT_EQ(at_first.arrivals.size(), 1u);
+
+    net.faults.jitter_ticks = 5;
+    send_numbered(200);
+    sim->run_for(9);
+    EXPECT_THAT(at_second.arrivals, IsEmpty());
+    sim->run_for(6);
+    EXPECT_EQ(at_second.arrivals.size(), 200u);
+    EXPECT_FALSE(std::ranges::is_sorted(at_second.transactions()));
+}
+
+TEST_F(two_hosts, faults_of_the_sa_come_and_go)
+{
+    uint64_t transaction = 0;
+    // Asks once and tells the status of the answer, or -1 for none.
+    auto ask = [&](const fabric::mad_bytes& mad) {
+        at_first.arrivals.clear();
+        EXPECT_TRUE(first.send(1, sa_address, mad));
+        sim->settle();
+        return at_first.arrivals.empty() ? -1 : int{at_first.arrivals[0].status()};
+    };
+    net.faults.sa_silent = true;
+    EXPECT_EQ(ask(set_first(++transaction)), -1);
+    net.faults.sa_silent = false;
+    EXPECT_EQ(ask(get_first(++transaction)), 0x0300) << "a silent SA does nothing either";
+
+    net.faults.drop_next_answers = 1;
+    EXPECT_EQ(ask(set_first(++transaction)), -1);
+    EXPECT_EQ(ask(get_first(++transaction)), 0) << "only the answer was lost";
+
+    net.faults.answer_with(0x0700, 1);
+    EXPECT_EQ(ask(get_first(++transaction)), 0x0700);
+    EXPECT_EQ(test::method_of(at_first.arrivals[0].mad), test::get_response);
+    EXPECT_EQ(ask(get_first(++transaction)), 0);
+    net.faults.sa_busy = true;
+    EXPECT_EQ(ask(get_first(++transaction)), 0x0001);
+    net.faults.sa_busy = false;
+
+    net.faults.drop_next = 2;
+    EXPECT_EQ(ask(get_first(++transaction)), -1);
+    EXPECT_EQ(ask(get_first(++transaction)), -1);
+    EXPECT_EQ(ask(get_first(++transaction)), 0);
+
+    EXPECT_EQ(net.forget(gid_of(second, 1)), 0u);
+    EXPECT_EQ(net.forget(gid_of(first, 1)), 1u);
+    EXPECT_EQ(ask(get_first(++transaction)), 0x0300);
+}
+
+TEST(subnet, the_queue_is_bounded_and_empties_again)
+{
+    small_world world({.queue_capacity = 8});
+    world.send_numbered(8);
+    EXPECT_FALSE(world.first.send(1, {.lid = 4}, world.get_first()));
+    world.sim->settle();
+    EXPECT_EQ(world.at_second.arrivals.size(), 8u);
+    world.send_numbered(8);
+    world.sim->settle();
+    EXPECT_EQ(world.at_second.arrivals.size(), 16u);
+
+    world.net.faults.queue_full = true;
+    EXPECT_FALSE(world.first.send(1, {.lid = 4}, world.get_first()));
+    EXPECT_EQ(world.net.counts().refused, 2u);
+}
+
+TEST(subnet, hosts_get_what_they_asked_for_or_a_clear_error)
+{
+    auto sim = kernel::make_simulation();
+    subnet net(*sim, {.gid_prefix = 0xFEC0000000000001, .sm_lid = 3});
+    EXPECT_EQ(net.link_up("node1", "mthca0", 1).why, "there are no hosts");
+    net.add_host("node1", {{.name = "mthca0", .ports = 2, .port_guids = {0x0A0B0C0D0E0F1011}}, {.name = "mthca1"}});
+    net.add_host("node2");
+
+    const auto ports = net.ports();
+    ASSERT_EQ(ports.size(), 4u);
+    EXPECT_EQ(ports[0].gid, "0xFEC00000000000010A0B0C0D0E0F1011");
+    EXPECT_EQ(ports[1].gid, "0xFEC00000000000010200000000010002");
+    EXPECT_EQ(ports[1].lid, 0) << "no LID before the first link";
+    for (int port : {1, 2}) ASSERT_TRUE(net.link_up("node1", "mthca0", port));
+    EXPECT_EQ(net.ports()[1].lid, 4) << "LID 3 is the SM's";
+
+    EXPECT_EQ(net.link_up("node9", "mthca0", 1).why, "there is no host 'node9'; there are node1, node2");
+    EXPECT_EQ(net.find("node1", "mthca3").why, "node1 has no HCA 'mthca3'; it has mthca0, mthca1");
+    EXPECT_EQ(net.link_down("node1", "mthca0", 3).why, "mthca0 of node1 has no port 3; its ports are 1 to 2");
+    EXPECT_EQ(net.link_down("node1", "mthca1", 0).why, "mthca1 of node1 has no port 0; its only port is 1");
+    EXPECT_EQ(net.set_sm(4, 0).why, "LID 4 is that of port 2 of mthca0 of node1");
+    EXPECT_FALSE(net.set_sm(0, 0));
+    EXPECT_FALSE(net.set_sm(0xC000, 0));
+    EXPECT_NE(net.find("node2", "mthca0").hca, nullptr);
+
+    EXPECT_THROW(net.add_host("node1"), std::invalid_argument);
+    EXPECT_THROW(net.add_hca("node3", "mthca0", 0), std::invalid_argument);
+    EXPECT_THROW(net.add_hca("node3", {.port_guids = {0x0A0B0C0D0E0F1011}}), std::invalid_argument);
+    EXPECT_EQ(net.find("node3", "mthca0").hca, nullptr);
+}
+
+// Many threads send while links flap and listeners come and go: what the thread sanitizer is for.
+TEST(subnet, threads_share_it)
+{
+    auto exec = kernel::make_threaded_executor();
+    subnet net(*exec);
+    struct counting final : fabric::listener {
+        std::atomic<bool> listening{false};
+        std::atomic<int> arrived{0}, uninvited{0};
+        void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override
+        {
+            ++arrived;
+            if (!listening) ++uninvited;
+        }
+        void port_changed(int, fabric::port_change, uint16_t) override {}
+    } told;
+    fabric::hca& hca = net.add_hca("node1", "mthca0", 2);
+    ASSERT_TRUE(net.link_up("node1", "mthca0", 1));
+    const auto record = test::host_record(hca.read_port(1).gids[0], 1);
+    std::vector<std::thread> senders;
+    for (const uint8_t method : {MAD_METHOD_SET, MAD_METHOD_GET, MAD_METHOD_DELETE})
+        senders.emplace_back([&, method] {
+            for (uint64_t i = 0; i < 5000; ++i)
+                while (!hca.send(1, sa_address, test::bytes_of(request(method, test::mask_gid_lookup, record, i))))
+                    std::this_thread::yield();
+        });
+    for (int i = 0; i < 500; ++i) {
+        told.listening = true;
+        hca.listen(&told);
+        EXPECT_TRUE(net.link_up("node1", "mthca0", 2));
+        EXPECT_TRUE(net.link_down("node1", "mthca0", 2));
+        net.service_records();
+        net.faults.drop_next = 1;
+        hca.listen(nullptr);
+        told.listening = false;
+    }
+    for (std::thread& each : senders) each.join();
+    EXPECT_EQ(told.uninvited, 0);
+    EXPECT_EQ(net.counts().sent, 15'000u);
+}
+
+} // namespace
