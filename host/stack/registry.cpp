@@ -1,0 +1,182 @@
+#include "host/stack/registry.h"
+
+#include "host/stack/logger.h"
+#include "kernel/errno.h"
+
+namespace stack
+{
+
+namespace
+{
+
+// "/a//b/" is "a/b".
+std::string normal_path(const std::string& path)
+{
+    std::string normal;
+    for (size_t begin = 0; begin < path.size();) {
+        const size_t end = std::min(path.find('/', begin), path.size());
+        if (end > begin) normal += (normal.empty() ? "" : "/") + path.substr(begin, end - begin);
+        begin = end + 1;
+    }
+    return normal;
+}
+
+std::string below(const std::string& parent, const std::string& path)
+{
+    return normal_path(parent + "/" + path);
+}
+
+bool is_at_or_below(const std::string& path, const std::string& top)
+{
+    return top.empty() || path == top || path.starts_with(top + "/");
+}
+
+} // namespace
+
+registry::registry(kernel::machine& home) : home_(home)
+{
+    sema_init_named(&changes_, 1, "registry changes");
+    make_key("");
+    make_key(logger::registry_key).values[logger::registry_value_name] = home.modules.logger_level();
+    rep_notifier_t never_taken_back;
+    rep_key_t logger_key;
+    open(root, logger::registry_key, &logger_key);
+    follow(logger_key, logger::level_changed, &home, &never_taken_back);
+    close(logger_key);
+}
+
+void registry::set(const std::string& path, const std::string& name, intptr_t value)
+{
+    home_.enter("registry", [&] {
+        const std::string changed = normal_path(path);
+        down(&changes_);
+        std::vector<subscription> followers;
+        {
+            const std::lock_guard lock(mutex_);
+            make_key(changed).values[name] = value;
+            followers = followers_of(changed);
+        }
+        for (const subscription& follower : followers) {
+            const kernel::atomic_section no_sleep("a registry notification");
+            follower.changed(name.c_str(), value, follower.context);
+        }
+        up(&changes_);
+    });
+}
+
+bool registry::get(const std::string& path, const std::string& name, intptr_t* value) const
+{
+    const std::lock_guard lock(mutex_);
+    const auto holder = keys_.find(normal_path(path));
+    if (holder == keys_.end()) return false;
+    const auto found = holder->second.values.find(name);
+    if (found == holder->second.values.end()) return false;
+    *value = found->second;
+    return true;
+}
+
+bool registry::remove(const std::string& path)
+{
+    const std::string top = normal_path(path);
+    const std::lock_guard lock(mutex_);
+    if (top.empty()) return false;
+    return std::erase_if(keys_, [&](const auto& each) { return is_at_or_below(each.first, top); }) > 0;
+}
+
+std::vector<registry_value> registry::list(const std::string& path) const
+{
+    const std::string top = normal_path(path);
+    const std::lock_guard lock(mutex_);
+    std::vector<registry_value> values;
+    for (const auto& [key_path, holder] : keys_) {
+        if (!is_at_or_below(key_path, top)) continue;
+        for (const auto& [name, value] : holder.values) values.push_back({key_path, name, value});
+    }
+    return values;
+}
+
+int registry::open(rep_key_t parent, const char* path, rep_key_t* opened)
+{
+    const std::lock_guard lock(mutex_);
+    std::string parent_path;
+    if (!find(parent, &parent_path)) return -EK_INVAL;
+    const std::string wanted = below(parent_path, path);
+    const auto found = keys_.find(wanted);
+    if (found == keys_.end()) return -EK_NOENT;
+    *opened = next_handle_++;
+    open_[*opened] = {wanted, found->second.serial};
+    return 0;
+}
+
+int registry::read(rep_key_t of, const char* name, intptr_t* value) const
+{
+    const std::lock_guard lock(mutex_);
+    const key* holder = find(of, nullptr);
+    if (!holder) return -EK_INVAL;
+    const auto found = holder->values.find(name);
+    if (found == holder->values.end()) return -EK_NOENT;
+    *value = found->second;
+    return 0;
+}
+
+int registry::follow(rep_key_t followed, rep_change_fn_t changed, void* context, rep_notifier_t* notifier)
+{
+    const std::lock_guard lock(mutex_);
+    std::string path;
+    const key* holder = find(followed, &path);
+    if (!holder) return -EK_INVAL;
+    *notifier = next_handle_++;
+    subscriptions_[*notifier] = {{path, holder->serial}, changed, context};
+    return 0;
+}
+
+void registry::close(rep_key_t closed)
+{
+    const std::lock_guard lock(mutex_);
+    open_.erase(closed);
+}
+
+void registry::unfollow(rep_notifier_t notifier)
+{
+    if (notifier == 0) return;
+    down(&changes_);
+    {
+        const std::lock_guard lock(mutex_);
+        subscriptions_.erase(notifier);
+    }
+    up(&changes_);
+}
+
+registry::key& registry::make_key(const std::string& path)
+{
+    for (size_t end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1))
+        if (keys_.try_emplace(path.substr(0, end), key{next_serial_, {}}).second) ++next_serial_;
+    const auto [made, is_new] = keys_.try_emplace(path, key{next_serial_, {}});
+    if (is_new) ++next_serial_;
+    return made->second;
+}
+
+const registry::key* registry::find(const reference& to) const
+{
+    const auto found = keys_.find(to.path);
+    return found != keys_.end() && found->second.serial == to.serial ? &found->second : nullptr;
+}
+
+const registry::key* registry::find(rep_key_t handle, std::string* path) const
+{
+    if (handle == root) return &keys_.at("");
+    const auto opened = open_.find(handle);
+    if (opened == open_.end()) return nullptr;
+    if (path) *path = opened->second.path;
+    return find(opened->second);
+}
+
+std::vector<registry::subscription> registry::followers_of(const std::string& path) const
+{
+    std::vector<subscription> followers;
+    for (const auto& [handle, each] : subscriptions_)
+        if (each.to.path == path && find(each.to)) followers.push_back(each);
+    return followers;
+}
+
+} // namespace stack

@@ -1,0 +1,46 @@
+// A task that a service keeps for its own work: started when the first work comes, rung when there is more, ended with
+// the service.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "host/kernel/machine.h"
+
+namespace stack
+{
+
+class service_task
+{
+  public:
+    service_task(kernel::machine& home, std::string name) : home_(home), name_(std::move(name)) {}
+    ~service_task() { stop(); }
+    service_task(const service_task&) = delete;
+    service_task& operator=(const service_task&) = delete;
+
+    // `body` looks for work and sleep()s in turn until is_stopping(). Once only; does not sleep.
+    void start(std::function<void()> body);
+    bool is_started() const { return task_ != nullptr; }
+
+    // There is work: ends the task's sleep, or its next one. Any context; nothing happens before start().
+    void ring();
+
+    // By the task itself: sleeps until rung or until the clock reaches `deadline`; may return early.
+    void sleep(uint64_t deadline, const char* reason) const;
+
+    bool is_stopping() const { return stopping_; }
+    bool is_current() const { return task_ && task_ == kernel::current_task(); }
+
+    // Waits until the body has ended. Nobody may ring any more. By a task that may sleep, or from outside.
+    void stop();
+
+  private:
+    kernel::machine& home_;
+    const std::string name_;
+    std::atomic<kernel::task*> task_{nullptr};
+    std::atomic<bool> stopping_{false};
+};
+
+} // namespace stack
