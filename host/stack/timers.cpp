@@ -1,0 +1,119 @@
+#include "host/stack/timers.h"
+
+using kernel::never;
+
+namespace stack
+{
+
+timers::timers(kernel::machine& home) : home_(home), atomic_(home, "timer"), sleeping_(home, "sleeping timers")
+{
+    init_waitqueue_head_named(&handler_ended_, "the end of a timer's handler");
+}
+
+timers::~timers()
+{
+    sleeping_.task.stop();
+    atomic_.task.stop();
+    if (const size_t left = armed(); left > 0) {
+        const lane& holder = atomic_.queue.size() > 0 ? atomic_ : sleeping_;
+        const armed_timer& first = holder.queue.first();
+        kernel::panic("machine %s goes with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(), left,
+                      reinterpret_cast<const void*>(first.function),
+                      static_cast<unsigned long long>(first.expires_tick));
+    }
+}
+
+void timers::arm(const timing_t& timer)
+{
+    if (!timer.function) kernel::panic("add_timing: the timer has no function");
+    const std::lock_guard lock(mutex_);
+    for (lane* each : {&atomic_, &sleeping_}) {
+        if (each->running == &timer && each->arming_is_void) return;
+        each->queue.remove(&timer);
+    }
+    lane& home_lane = timer.atomic ? atomic_ : sleeping_;
+    home_lane.queue.add({timer.expires, ++times_armed_, &timer, timer.function, timer.data});
+    if (!home_lane.task.is_started())
+        home_lane.task.start([this, &home_lane] { run(home_lane); });
+    else if (home_lane.queue.first().record == &timer)
+        home_lane.task.ring();
+}
+
+void timers::disarm_and_wait(const timing_t& timer)
+{
+    wait_queue_t sleeper;
+    prepare_to_wait(&handler_ended_, &sleeper);
+    while (still_runs(timer)) schedule_timeout_uninterruptible(never);
+    finish_wait(&handler_ended_, &sleeper);
+}
+
+// Disarms the timer, and sees to it that a handler at work cannot arm it again.
+bool timers::still_runs(const timing_t& timer)
+{
+    const std::lock_guard lock(mutex_);
+    bool runs = false;
+    for (lane* each : {&atomic_, &sleeping_}) {
+        each->queue.remove(&timer);
+        if (each->running != &timer) continue;
+        if (each->task.is_current()) kernel::panic("del_timing_sync: a timer's handler deletes its own timer");
+        each->arming_is_void = true;
+        runs = true;
+    }
+    return runs;
+}
+
+size_t timers::armed() const
+{
+    const std::lock_guard lock(mutex_);
+    return atomic_.queue.size() + sleeping_.queue.size();
+}
+
+void timers::run(lane& self)
+{
+    while (!self.task.is_stopping())
+        if (!run_next(self)) self.task.sleep(next_deadline(self), "timers");
+}
+
+bool timers::run_next(lane& self)
+{
+    armed_timer next;
+    if (!take_next(self, next)) return false;
+    if (&self == &atomic_) {
+        const kernel::atomic_section no_sleep("the timer context");
+        next.function(next.data);
+    } else {
+        next.function(next.data);
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        self.running = nullptr;
+        self.arming_is_void = false;
+    }
+    wake_up_interruptible(&handler_ended_);
+    return true;
+}
+
+bool timers::take_next(lane& self, armed_timer& next)
+{
+    const uint64_t now = home_.exec().now();
+    const std::lock_guard lock(mutex_);
+    if (!self.queue.is_due(now)) return false;
+    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return false;
+    next = self.queue.first();
+    self.queue.remove(next.record);
+    self.running = next.record;
+    return true;
+}
+
+// Until when a lane that has nothing to run may sleep. Handlers that may sleep stand back while others are due, and
+// are rung for when those have run.
+uint64_t timers::next_deadline(lane& self)
+{
+    const uint64_t now = home_.exec().now();
+    const std::lock_guard lock(mutex_);
+    if (&self == &atomic_ && !atomic_.queue.is_due(now) && sleeping_.queue.is_due(now)) sleeping_.task.ring();
+    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return never;
+    return self.queue.size() > 0 ? self.queue.first().expires_tick : never;
+}
+
+} // namespace stack

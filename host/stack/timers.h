@@ -1,0 +1,53 @@
+// The timing service of a machine. Handlers that never sleep run in its timer context; those that may sleep run in a
+// task of their own, so that they delay nobody but each other. Whatever is due at one tick runs in this order: the
+// handlers that never sleep, then the others, each kind by deadline and then in the order of arming.
+#pragma once
+
+#include <mutex>
+
+#include "host/stack/service-task.h"
+#include "host/stack/timer-queue.h"
+#include "kernel/sync.h"
+
+namespace stack
+{
+
+class timers final : public kernel::service
+{
+  public:
+    explicit timers(kernel::machine& home);
+
+    // A timer that is still armed is a hard error: its record, or the module that it calls into, may be gone.
+    ~timers() override;
+
+    // timing.h tells about these.
+    void arm(const timing_t& timer);
+    void disarm_and_wait(const timing_t& timer);
+
+    size_t armed() const;
+
+  private:
+    // One of the two contexts that run handlers. Guarded by mutex_, but for the task.
+    struct lane {
+        lane(kernel::machine& home, const char* name) : task(home, name) {}
+        timer_queue queue;
+        const timing_t* running = nullptr; // whose handler is at work
+        bool arming_is_void = false;       // somebody waits for that handler in order to delete its timer
+        service_task task;
+    };
+
+    void run(lane& self);
+    bool run_next(lane& self);
+    bool take_next(lane& self, armed_timer& next);
+    uint64_t next_deadline(lane& self);
+    bool still_runs(const timing_t& timer);
+
+    kernel::machine& home_;
+    mutable std::mutex mutex_;
+    uint64_t times_armed_ = 0;
+    wait_queue_head_t handler_ended_;
+    lane atomic_;
+    lane sleeping_;
+};
+
+} // namespace stack

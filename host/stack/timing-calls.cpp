@@ -1,0 +1,32 @@
+// timing.h, led to the timing service of the calling machine.
+#include "host/stack/timers.h"
+
+namespace
+{
+
+stack::timers& timers_here(const char* call)
+{
+    return kernel::current_machine(call).get<stack::timers>();
+}
+
+} // namespace
+
+void init_timing(timing_t* timer)
+{
+    timers_here(__func__); // made here, where the caller can wait: a timer may be armed where it cannot
+    *timer = {};
+}
+
+void add_timing(timing_t* timer)
+{
+    timers_here(__func__).arm(*timer);
+    // A place for the handler to run first, as it might on another processor.
+    if (const kernel::task& self = *kernel::current_task(); self.spin_locks == 0) self.exec.switch_point();
+}
+
+void del_timing_sync(timing_t* timer)
+{
+    kernel::might_sleep(__func__);
+    kernel::current_task()->exec.switch_point();
+    timers_here(__func__).disarm_and_wait(*timer);
+}
