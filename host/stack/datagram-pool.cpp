@@ -1,0 +1,98 @@
+#include "host/stack/datagram-pool.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "host/kernel/task.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) && !defined(__SANITIZE_ADDRESS__)
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#else
+#define ASAN_POISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
+#define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
+#endif
+
+namespace stack
+{
+
+namespace
+{
+
+constexpr size_t client_part = offsetof(gsi_dtgrm_t, mad);
+constexpr size_t address_part = offsetof(gsi_dtgrm_t, rmpp_payload);
+
+// The address sanitizer finds who uses a datagram that is in its pool.
+void allow_use(gsi_dtgrm_t& datagram, bool allowed)
+{
+    char* begin = reinterpret_cast<char*>(&datagram) + client_part;
+    if (allowed)
+        ASAN_UNPOISON_MEMORY_REGION(begin, sizeof datagram - client_part);
+    else
+        ASAN_POISON_MEMORY_REGION(begin, sizeof datagram - client_part);
+}
+
+} // namespace
+
+std::unique_ptr<datagram_pool> datagram_pool::make(const kernel::executor& exec, std::string name, size_t size)
+{
+    slot_memory slots(static_cast<slot*>(std::aligned_alloc(alignof(slot), size * sizeof(slot))));
+    if (!slots) return nullptr;
+    return std::unique_ptr<datagram_pool>(new datagram_pool(exec, std::move(name), size, std::move(slots)));
+}
+
+datagram_pool::~datagram_pool()
+{
+    for (size_t i = 0; i < touched_; ++i) {
+        gsi_dtgrm_t& datagram = slots_[i].datagram;
+        const datagram_record& record = datagram_record::of(&datagram, "the end of a datagram pool");
+        if (record.state() != datagram_state::free)
+            kernel::panic("datagram %p does not come back to pool '%s', which goes with %zu of %zu free: %s",
+                          static_cast<const void*>(&datagram), name_.c_str(), free_, size_, record.history().c_str());
+        allow_use(datagram, true);
+    }
+}
+
+size_t datagram_pool::free() const
+{
+    const std::lock_guard lock(mutex_);
+    return free_;
+}
+
+datagram_record* datagram_pool::take()
+{
+    datagram_record* taken;
+    {
+        const std::lock_guard lock(mutex_);
+        if (free_ == 0) return nullptr;
+        --free_;
+        taken = first_free_;
+        if (taken)
+            first_free_ = taken->next;
+        else
+            taken = &datagram_record::make(slots_[touched_++].datagram, *this);
+        taken->become(datagram_state::held);
+    }
+    gsi_dtgrm_t& datagram = taken->datagram();
+    allow_use(datagram, true);
+    std::memset(reinterpret_cast<char*>(&datagram) + address_part, 0, sizeof datagram - address_part);
+    return taken;
+}
+
+void datagram_pool::put(datagram_record& returned)
+{
+    returned.take_over(datagram_state::free, "gsi_dtgrm_pool_put");
+    returned.note(exec_.now(), datagram_event::put);
+    allow_use(returned.datagram(), false);
+    const std::lock_guard lock(mutex_);
+    returned.next = first_free_;
+    first_free_ = &returned;
+    ++free_;
+}
+
+} // namespace stack

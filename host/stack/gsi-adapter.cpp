@@ -1,0 +1,216 @@
+#include "host/stack/gsi-adapter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "kernel/errno.h"
+
+namespace stack
+{
+
+namespace
+{
+
+// More than the answers to what a client's pool can send at a time; memory is taken only for those that are used.
+constexpr size_t receive_pool_size = 256;
+
+constexpr size_t class_byte = offsetof(mad_hdr_t, mgt_class);
+constexpr size_t method_byte = class_byte + 2;
+static_assert(offsetof(mad_hdr_t, u) == method_byte + 1);
+
+void count(std::atomic<uint64_t>& counter)
+{
+    counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+mad_hdr_t& header_of(gsi_dtgrm_t& datagram)
+{
+    return *reinterpret_cast<mad_hdr_t*>(datagram.mad);
+}
+
+fabric::address destination_of(const gsi_dtgrm_t& datagram)
+{
+    return {.lid = datagram.rlid,
+            .sl = datagram.sl,
+            .path_bits = datagram.path_bits,
+            .static_rate = datagram.static_rate,
+            .qpn = datagram.rqp,
+            .q_key = datagram.rqk != 0 ? datagram.rqk : fabric::qp1_q_key,
+            .p_key_index = static_cast<uint16_t>(datagram.pkey_idx)};
+}
+
+void fill(gsi_dtgrm_t& datagram, const fabric::address& source, const fabric::mad_bytes& mad)
+{
+    std::memcpy(datagram.mad, mad.data(), mad.size());
+    header_of(datagram).attrib_id = __builtin_bswap16(header_of(datagram).attrib_id);
+    datagram.rqp = source.qpn;
+    datagram.rqk = source.q_key;
+    datagram.rlid = source.lid;
+    datagram.sl = source.sl;
+    datagram.pkey_idx = source.p_key_index;
+    datagram.path_bits = source.path_bits;
+    datagram.static_rate = source.static_rate;
+}
+
+} // namespace
+
+gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomic<uint64_t>& last_transaction_id)
+    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().of(adapter)), last_transaction_id_(last_transaction_id),
+      context_name_("GSI completion of " + adapter.name()),
+      receive_pool_(datagram_pool::make(home.exec(), adapter.name() + " receive", receive_pool_size)),
+      task_(home, context_name_)
+{
+    if (!receive_pool_) kernel::panic("%s: no memory for a receive pool", context_name_.c_str());
+}
+
+gsi_adapter::~gsi_adapter()
+{
+    if (!registered_.empty())
+        kernel::panic("machine %s goes while class %d of port %d of %s is registered with GSI", home_.name().c_str(),
+                      registered_[0]->mgt_class, registered_[0]->port, hca_.name().c_str());
+}
+
+int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle)
+{
+    {
+        const std::lock_guard lock(mutex_);
+        if (find(client->port, client->mgt_class)) return -EK_EXIST;
+        *handle = client.get();
+        registered_.push_back(client.get());
+        classes_.push_back(std::move(client));
+        if (!task_.is_started()) task_.start([this] { complete(); });
+    }
+    hub_.attach(*this);
+    return 0;
+}
+
+int gsi_adapter::deregister(gsi_class_t& ending)
+{
+    {
+        const std::lock_guard lock(mutex_);
+        if (ending.has_ended()) return -EK_INVAL;
+        if (!ending.end()) return -EK_BUSY;
+        std::erase(registered_, &ending);
+    }
+    hub_.detach(*this);
+    return 0;
+}
+
+int gsi_adapter::post(gsi_class_t& sender, datagram_record& record, uint64_t* transaction_id)
+{
+    if (!sender.enter()) return -EK_INVAL;
+    record.take_over(datagram_state::posted, "gsi_post_send_dtgrm");
+    record.client = &sender;
+    const uint64_t now_ticks = home_.exec().now();
+    const uint64_t assigned = last_transaction_id_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (!put_on_wire(sender.port, record.datagram(), assigned)) {
+        record.note(now_ticks, datagram_event::refused, sender.mgt_class, sender.port);
+        record.become(datagram_state::held);
+        sender.leave();
+        count(counters_.refused);
+        return -EK_BUSY;
+    }
+    record.note(now_ticks, datagram_event::posted, sender.mgt_class, sender.port);
+    count(counters_.posted);
+    if (transaction_id) *transaction_id = assigned;
+    // The answer may be here before the send completes. A place for that to happen, unless the poster excludes others.
+    if (kernel::current_task()->spin_locks == 0) home_.exec().switch_point();
+    lock_guard lock(mutex_);
+    queue(record, lock);
+    return 0;
+}
+
+// The client sees the AttributeID in host order only, after a refused post as after a completion.
+bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id)
+{
+    mad_hdr_t& header = header_of(datagram);
+    const mad_hdr_t as_handed_over = header;
+    header.transact_id = to_wire(transaction_id);
+    header.attrib_id = __builtin_bswap16(header.attrib_id);
+    const bool is_accepted =
+        hca_.send(port, destination_of(datagram), reinterpret_cast<const fabric::mad_bytes&>(datagram.mad));
+    header.attrib_id = as_handed_over.attrib_id;
+    if (!is_accepted) header.transact_id = as_handed_over.transact_id;
+    return is_accepted;
+}
+
+void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad)
+{
+    if (!(mad[method_byte] & MAD_METHOD_RESPONSE)) return count(counters_.dropped_no_response);
+    lock_guard lock(mutex_);
+    gsi_class_t* client = find(port, mad[class_byte]);
+    if (!client) return count(counters_.dropped_no_class);
+    datagram_record* record = receive_pool_->take();
+    if (!record) return count(counters_.dropped_no_datagram);
+    client->enter(); // cannot have ended: it would not have been found
+    fill(record->datagram(), source, mad);
+    record->client = client;
+    record->note(home_.exec().now(), datagram_event::received, client->mgt_class, client->port);
+    record->become(datagram_state::received);
+    queue(*record, lock);
+}
+
+gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class) const
+{
+    for (gsi_class_t* each : registered_)
+        if (each->port == port && each->mgt_class == mgt_class) return each;
+    return nullptr;
+}
+
+void gsi_adapter::queue(datagram_record& record, lock_guard& lock)
+{
+    record.next = nullptr;
+    (last_ ? last_->next : first_) = &record;
+    last_ = &record;
+    const bool ring = std::exchange(asleep_, false);
+    lock.unlock();
+    if (ring) task_.ring();
+}
+
+void gsi_adapter::complete()
+{
+    while (!task_.is_stopping()) {
+        datagram_record* batch = take_all();
+        if (!batch) {
+            task_.sleep(kernel::never, "completions");
+            continue;
+        }
+        const kernel::atomic_section no_sleep(context_name_.c_str());
+        const uint64_t now_ticks = home_.exec().now();
+        while (batch) hand_out(*std::exchange(batch, batch->next), now_ticks);
+    }
+}
+
+datagram_record* gsi_adapter::take_all()
+{
+    const std::lock_guard lock(mutex_);
+    asleep_ = !first_;
+    last_ = nullptr;
+    return std::exchange(first_, nullptr);
+}
+
+void gsi_adapter::hand_out(datagram_record& record, uint64_t now_ticks)
+{
+    gsi_class_t& client = *record.client;
+    const bool was_posted = record.state() == datagram_state::posted;
+    record.note(now_ticks, was_posted ? datagram_event::sent : datagram_event::delivered, client.mgt_class,
+                client.port);
+    record.become(datagram_state::held);
+    count(was_posted ? counters_.completed : counters_.delivered);
+    (was_posted ? client.sent : client.received)(&client, client.context, &record.datagram());
+    client.leave();
+}
+
+gsi_counts gsi_adapter::counts() const
+{
+    return {.posted = counters_.posted,
+            .refused = counters_.refused,
+            .completed = counters_.completed,
+            .delivered = counters_.delivered,
+            .dropped_no_response = counters_.dropped_no_response,
+            .dropped_no_class = counters_.dropped_no_class,
+            .dropped_no_datagram = counters_.dropped_no_datagram};
+}
+
+} // namespace stack

@@ -1,0 +1,100 @@
+// gsi.h, led to the GSI service of the calling machine.
+#include "host/stack/gsi-service.h"
+#include "kernel/errno.h"
+
+using kernel::current_machine;
+using stack::datagram_pool;
+using stack::datagram_record;
+
+namespace
+{
+
+constexpr int no_redirection = 0;
+constexpr int no_rmpp = 0;
+
+datagram_pool* pool_of(gsi_dtgrm_pool_handle_t handle)
+{
+    return reinterpret_cast<datagram_pool*>(handle);
+}
+
+kernel::machine& machine_where_others_may_run(const char* call)
+{
+    kernel::might_sleep(call);
+    kernel::machine& home = current_machine(call);
+    home.exec().switch_point();
+    return home;
+}
+
+} // namespace
+
+int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num, int redirection,
+                       int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context,
+                       gsi_class_handle_t* handle)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__)) return -EK_NOMEM;
+    if (!hca || redirection != no_redirection || rmpp != no_rmpp || !sent || !received || !handle) return -EK_INVAL;
+    stack::gsi_adapter* adapter = home.get<stack::gsi>().adapter(hca->name);
+    if (!adapter) return -EK_NXIO;
+    if (port_num < 1 || port_num > adapter->hca().port_count()) return -EK_INVAL;
+    auto client = std::unique_ptr<gsi_class_t>(new gsi_class_t{.adapter = *adapter,
+                                                               .port = static_cast<uint8_t>(port_num),
+                                                               .mgt_class = mgt_class,
+                                                               .class_ver = class_ver,
+                                                               .sent = sent,
+                                                               .received = received,
+                                                               .context = context});
+    return adapter->register_class(std::move(client), handle);
+}
+
+int gsi_deregister_class(gsi_class_handle_t handle)
+{
+    kernel::machine& home = current_machine(__func__);
+    if (home.faults.should_fail(__func__)) return -EK_BUSY;
+    if (!handle) return -EK_INVAL;
+    return handle->adapter.deregister(*handle);
+}
+
+int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, const char* name)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__)) return -EK_NOMEM;
+    if (size < 1 || !pool || !name) return -EK_INVAL;
+    datagram_pool* made = home.get<stack::gsi>().create_pool(name, static_cast<size_t>(size));
+    if (!made) return -EK_NOMEM;
+    *pool = reinterpret_cast<gsi_dtgrm_pool_handle_t>(made);
+    return 0;
+}
+
+int gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    return home.get<stack::gsi>().destroy_pool(pool_of(pool)) ? 0 : -EK_INVAL;
+}
+
+int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm)
+{
+    kernel::machine& home = current_machine(__func__);
+    if (home.faults.should_fail(__func__)) return -EK_NOMEM;
+    if (!pool || !dtgrm) return -EK_INVAL;
+    datagram_record* taken = pool_of(pool)->take();
+    if (!taken) return -EK_NOMEM;
+    taken->note(home.exec().now(), stack::datagram_event::taken);
+    *dtgrm = &taken->datagram();
+    return 0;
+}
+
+void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm)
+{
+    datagram_record& returned = datagram_record::of(dtgrm, __func__);
+    returned.home.put(returned);
+}
+
+int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id)
+{
+    kernel::machine& home = current_machine(__func__);
+    datagram_record& record = datagram_record::of(dtgrm, __func__);
+    if (home.faults.should_fail(__func__)) return -EK_BUSY;
+    if (!handle) return -EK_INVAL;
+    return handle->adapter.post(*handle, record, transaction_id);
+}

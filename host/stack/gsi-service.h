@@ -1,0 +1,50 @@
+// The GSI service of a machine: its HCAs as GSI sees them, its clients' datagram pools, and the transaction IDs, which
+// are the host's.
+#pragma once
+
+#include "host/stack/gsi-adapter.h"
+
+namespace stack
+{
+
+struct gsi_adapter_view {
+    std::string hca;
+    gsi_counts counts;
+};
+
+struct gsi_pool_view {
+    std::string name;
+    size_t size;
+    size_t free;
+};
+
+class gsi final : public kernel::service
+{
+  public:
+    explicit gsi(kernel::machine& home);
+
+    // What a client has not taken back (a class, a pool, a received datagram) is a hard error.
+    ~gsi() override;
+
+    // For reports: the HCAs that classes were registered on, and the pools that there are.
+    std::vector<gsi_adapter_view> adapters() const;
+    std::vector<gsi_pool_view> pools() const;
+
+    // Null: the machine has no HCA of that name.
+    gsi_adapter* adapter(const char* name_in_stack);
+
+    // Null: no memory.
+    datagram_pool* create_pool(const char* name, size_t size);
+
+    // False: there is no such pool.
+    bool destroy_pool(const datagram_pool* pool);
+
+  private:
+    kernel::machine& home_;
+    std::atomic<uint64_t> last_transaction_id_{0}; // counted: no 2^32 of one host are ever under way at a time
+    mutable std::mutex mutex_;
+    std::vector<std::unique_ptr<gsi_adapter>> adapters_;
+    std::vector<std::unique_ptr<datagram_pool>> pools_;
+};
+
+} // namespace stack

@@ -1,0 +1,66 @@
+// An HCA whose wire is the test: it keeps what is sent, and says what arrives and what changes when it is told to.
+#pragma once
+
+#include <vector>
+
+#include "host/fabric/fabric.h"
+#include "sa-mads.h"
+#include "tests/fabric/requests.h"
+#include "tests/kernel/one-machine.h"
+
+struct fake_hca final : fabric::hca {
+    struct sent_mad {
+        int port;
+        fabric::address destination;
+        fabric::mad_bytes mad;
+    };
+
+    const std::string& name() const override { return called; }
+    int port_count() const override { return static_cast<int>(ports.size()); }
+    fabric::port_attributes read_port(int port) override
+    {
+        fabric::port_attributes now = ports[static_cast<size_t>(port - 1)];
+        if (while_read) while_read(port);
+        return now;
+    }
+    bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override
+    {
+        if (accepts) sent.push_back({port, destination, mad});
+        return accepts;
+    }
+    void listen(fabric::listener* to) override { listener = to; }
+
+    void arrive(int port, const sa_mad_v2_t& mad, const fabric::address& source = {.lid = 1}) const
+    {
+        listener->mad_arrived(port, source, test::bytes_of(mad));
+    }
+    // As a fabric announces it: the state reads new already.
+    void change(int port, fabric::port_change change, uint16_t sm_lid = 0)
+    {
+        if (change != fabric::port_change::sm_change)
+            ports[static_cast<size_t>(port - 1)].state =
+                change == fabric::port_change::link_up ? fabric::link_state::active : fabric::link_state::down;
+        if (listener) listener->port_changed(port, change, sm_lid);
+    }
+
+    std::string called = "mthca0";
+    std::vector<fabric::port_attributes> ports{2};
+    std::function<void(int port)> while_read; // happens after the state was read, before the reader knows it
+    bool accepts = true;
+    std::vector<sent_mad> sent;
+    fabric::listener* listener = nullptr;
+};
+
+// A machine with that HCA in it.
+struct machine_with_fake : one_machine {
+    explicit machine_with_fake(const kernel::simulation_options& options = {}) : one_machine(options)
+    {
+        host.plug(hca);
+    }
+    ~machine_with_fake() { finish(); }
+
+    // Runs everything that is ready now.
+    void settle() const { sim->settle(); }
+
+    fake_hca hca;
+};
