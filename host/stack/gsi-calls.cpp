@@ -1,10 +1,12 @@
 // gsi.h, led to the GSI service of the calling machine.
 #include "host/stack/gsi-service.h"
+#include "host/stack/sleeping-call.h"
 #include "kernel/errno.h"
 
 using kernel::current_machine;
 using stack::datagram_pool;
 using stack::datagram_record;
+using stack::machine_where_others_may_run;
 
 namespace
 {
@@ -15,14 +17,6 @@ constexpr int no_rmpp = 0;
 datagram_pool* pool_of(gsi_dtgrm_pool_handle_t handle)
 {
     return reinterpret_cast<datagram_pool*>(handle);
-}
-
-kernel::machine& machine_where_others_may_run(const char* call)
-{
-    kernel::might_sleep(call);
-    kernel::machine& home = current_machine(call);
-    home.exec().switch_point();
-    return home;
 }
 
 } // namespace

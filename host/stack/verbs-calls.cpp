@@ -1,0 +1,129 @@
+// verbs.h, led to the verbs service of the calling machine.
+#include <algorithm>
+#include <bit>
+
+#include "host/stack/sleeping-call.h"
+#include "host/stack/verbs-service.h"
+
+using stack::machine_where_others_may_run;
+
+namespace
+{
+
+constexpr int shared_use = 0;
+constexpr uint32_t largest_message = 0x80000000; // IBA 9.2: bytes
+
+// What the call asks the port for: its attributes now. Anything but kq_return_ok: the call fails with it.
+kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabric::port_attributes& now)
+{
+    kernel::machine& home = machine_where_others_may_run(call);
+    if (home.faults.should_fail(call)) return kq_return_err_general;
+    const stack::hca_events* opened = home.get<stack::verbs>().find(hca);
+    if (!opened) return kq_return_err_invalid_hca;
+    if (port < 1 || port > opened->hca().port_count()) return kq_return_err_invalid_port;
+    now = opened->hca().read_port(port);
+    return kq_return_ok;
+}
+
+// Stores as many entries as there is room for, and their number.
+template <class source_t, class entry_t, class convert_t>
+kq_return_t store(const std::vector<source_t>& table, int* count, entry_t* entries, const convert_t& convert)
+{
+    if (!count || *count < 0 || !entries) return kq_return_err_general;
+    *count = std::min(*count, static_cast<int>(table.size()));
+    std::transform(table.begin(), table.begin() + *count, entries, convert);
+    return kq_return_ok;
+}
+
+} // namespace
+
+int kq_list_hcas(kq_hca_name* names, int capacity)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__) || !names || capacity < 0) return kq_return_err_general;
+    const int count = std::min(capacity, static_cast<int>(home.hcas().size()));
+    std::transform(home.hcas().begin(), home.hcas().begin() + count, names,
+                   [](const fabric::hca* each) { return stack::name_in_stack(*each); });
+    return count;
+}
+
+kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__) || !name || flags != shared_use || !hca) return kq_return_err_general;
+    const kq_hca_h_t opened = home.get<stack::verbs>().open(name->name);
+    if (!opened) return kq_return_err_invalid_hca;
+    *hca = opened;
+    return kq_return_ok;
+}
+
+kq_return_t kq_hca_close(kq_hca_h_t hca)
+{
+    return machine_where_others_may_run(__func__).get<stack::verbs>().close(hca);
+}
+
+kq_return_t kq_hca_query(kq_hca_h_t hca, kq_hca_attrib_t* attributes)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__) || !attributes) return kq_return_err_general;
+    const stack::hca_events* opened = home.get<stack::verbs>().find(hca);
+    if (!opened) return kq_return_err_invalid_hca;
+    attributes->port_num = static_cast<uint8_t>(opened->hca().port_count());
+    return kq_return_ok;
+}
+
+kq_return_t kq_port_query(kq_hca_h_t hca, kq_port_num_t port, kq_port_attrib_t* attributes)
+{
+    fabric::port_attributes now;
+    if (const kq_return_t failure = read_port(__func__, hca, port, now)) return failure;
+    if (!attributes) return kq_return_err_general;
+    *attributes = {
+        .port_num = port,
+        .port_mtu = static_cast<kq_mtu_t>(now.mtu),
+        .port_message_size = largest_message,
+        .port_state = static_cast<kq_port_state_t>(now.state),
+        .port_base_lid = now.lid,
+        .port_lmc = now.lmc,
+        .port_sgid_table_size = static_cast<uint32_t>(now.gids.size()),
+        .port_parti_table_size = static_cast<uint32_t>(now.p_keys.size()),
+        .port_max_vl_num = now.max_vls,
+        .port_bad_p_key_count = now.bad_p_keys,
+        .port_bad_q_key_count = now.bad_q_keys,
+        .port_sma_address_info = {.port_num = port, .sm_lid = now.sm_lid, .service_level = now.sm_sl},
+        .port_capability_support = now.capability_mask,
+    };
+    return kq_return_ok;
+}
+
+kq_return_t kq_get_port_gid_tbl(kq_hca_h_t hca, kq_port_num_t port, int* count, kq_gid_t* gids)
+{
+    fabric::port_attributes now;
+    if (const kq_return_t failure = read_port(__func__, hca, port, now)) return failure;
+    return store(now.gids, count, gids,
+                 [](const fabric::gid_bytes& gid) { return from_wire(std::bit_cast<wire_gid_t>(gid)); });
+}
+
+kq_return_t kq_get_port_partition_tbl(kq_hca_h_t hca, kq_port_num_t port, int* count, kq_p_key_t* p_keys)
+{
+    fabric::port_attributes now;
+    if (const kq_return_t failure = read_port(__func__, hca, port, now)) return failure;
+    return store(now.p_keys, count, p_keys, [](uint16_t p_key) { return p_key; });
+}
+
+kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
+                                            kq_async_event_fn_t callback)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__) || !request || !callback) return kq_return_err_general;
+    if (request->req_event_type != kq_async_even_all) return kq_return_err_general;
+    stack::hca_events* opened = home.get<stack::verbs>().find(hca);
+    if (!opened) return kq_return_err_invalid_hca;
+    return opened->subscribe(hca, callback) ? kq_return_ok : kq_return_err_busy;
+}
+
+kq_return_t kq_dell_sleepable_async_event_cb(kq_hca_h_t hca, kq_async_event_fn_t callback)
+{
+    stack::hca_events* opened = machine_where_others_may_run(__func__).get<stack::verbs>().find(hca);
+    if (!opened) return kq_return_err_invalid_hca;
+    return opened->unsubscribe(hca, callback) ? kq_return_ok : kq_return_err_general;
+}

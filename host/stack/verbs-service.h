@@ -1,0 +1,38 @@
+// The verbs service of a machine: its open HCAs. A handle is a number that is never used twice, so that a stale one is
+// told from a good one.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "host/stack/hca-events.h"
+
+namespace stack
+{
+
+class verbs final : public kernel::service
+{
+  public:
+    explicit verbs(kernel::machine& home);
+
+    // An HCA that was not closed is a hard error.
+    ~verbs() override;
+
+    // Null: the machine has no HCA of that name.
+    kq_hca_h_t open(const char* name_in_stack);
+
+    // Null: the handle is stale or was never given out. What it leads to stays for as long as the machine.
+    hca_events* find(kq_hca_h_t handle) const;
+
+    kq_return_t close(kq_hca_h_t handle);
+
+  private:
+    kernel::machine& home_;
+    mutable std::mutex mutex_;
+    std::map<fabric::hca*, std::unique_ptr<hca_events>> adapters_;
+    std::map<kq_hca_h_t, hca_events*> open_;
+    uintptr_t last_handle_ = 0;
+};
+
+} // namespace stack
