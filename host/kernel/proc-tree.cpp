@@ -3,6 +3,7 @@
 #include "host/kernel/machine.h"
 #include "kernel/errno.h"
 #include "kernel/proc.h"
+#include "kernel/sync.h"
 
 namespace kernel
 {
@@ -14,6 +15,7 @@ struct proc_tree::node {
     const kernel_module_t* made_by = nullptr; // the module that was starting; it completes `entry` after creation
     int users = 0;                            // tasks in its handlers
     task* remover = nullptr;                  // waits for them to leave
+    semaphore writing;                        // held over the write handler
     std::map<std::string, std::shared_ptr<node>> children;
 };
 
@@ -144,7 +146,10 @@ int proc_tree::write(const std::string& path, const std::string& bytes)
     const visit at(*this, path);
     if (at.error() != 0) return at.error();
     if (!at->entry.write_proc) return -EK_INVAL;
-    return at->entry.write_proc(nullptr, bytes.data(), bytes.size(), at->entry.data);
+    down(&at->writing);
+    const int result = at->entry.write_proc(nullptr, bytes.data(), bytes.size(), at->entry.data);
+    up(&at->writing);
+    return result;
 }
 
 proc_dir_entry* proc_tree::create(const std::string& path, mode_t mode, bool directory)
@@ -157,6 +162,7 @@ proc_dir_entry* proc_tree::create(const std::string& path, mode_t mode, bool dir
     made->is_directory = directory;
     made->mode = mode != 0 ? mode : default_mode;
     made->made_by = home_.modules.started_here();
+    sema_init_named(&made->writing, 1, "a /proc entry's writers");
     parent->children[name] = made;
     return &made->entry;
 }

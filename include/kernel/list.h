@@ -1,5 +1,5 @@
 // A circular doubly linked list whose links live inside the listed records. No operation allocates, locks or
-// fails; the caller guards the list.
+// fails; the caller guards the list. Only list_empty may be asked without the guard, for a hint.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ inline void list_init(list_head* head)
 
 inline bool list_empty(const list_head* head)
 {
-    return head->next == head;
+    return __atomic_load_n(&head->next, __ATOMIC_RELAXED) == head;
 }
 
 inline void list_insert_between(list_head* entry, list_head* prev, list_head* next)
@@ -25,7 +25,7 @@ inline void list_insert_between(list_head* entry, list_head* prev, list_head* ne
     entry->next = next;
     entry->prev = prev;
     next->prev = entry;
-    prev->next = entry;
+    __atomic_store_n(&prev->next, entry, __ATOMIC_RELAXED);
 }
 
 // Inserts `entry` right after `head`: first in walking order.
@@ -43,7 +43,7 @@ inline void list_add_tail(list_head* entry, list_head* head)
 // Unlinks `entry` and leaves it as an empty list of its own.
 inline void list_del_init(list_head* entry)
 {
-    entry->prev->next = entry->next;
+    __atomic_store_n(&entry->prev->next, entry->next, __ATOMIC_RELAXED);
     entry->next->prev = entry->prev;
     list_init(entry);
 }

@@ -16,7 +16,7 @@ struct file;
 using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof, void* data);
 
 // Takes `count` bytes at `user_buffer` (reach them with copy_from_user). Returns the number of bytes taken or a
-// negative error number. May sleep.
+// negative error number. May sleep. The writes of one entry come one at a time.
 using write_proc_t = int(struct file* file, const char* user_buffer, unsigned long count, void* data);
 
 // One entry. The caller of create_proc_entry sets the last four fields before the call returns to user space;

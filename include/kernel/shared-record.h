@@ -1,0 +1,46 @@
+// A record that any context may read at any moment, whole and without a lock, while another writes it: a sequence
+// lock. All zero is a valid, zero record. Neither call sleeps; a reader repeats itself while a writer is at it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+template <class record_t>
+class shared_record
+{
+    static_assert(std::is_trivially_copyable_v<record_t>);
+
+  public:
+    // Writers exclude each other for the few instructions that it takes.
+    void store(const record_t& record)
+    {
+        uint64_t words[word_count] = {};
+        memcpy(words, &record, sizeof record);
+        uint32_t even = sequence_.load(std::memory_order_relaxed) & ~1u;
+        while (!sequence_.compare_exchange_weak(even, even + 1, std::memory_order_acquire)) even &= ~1u;
+        // A reader that sees one of these sees the odd number too.
+        for (size_t i = 0; i < word_count; ++i) words_[i].store(words[i], std::memory_order_release);
+        sequence_.store(even + 2, std::memory_order_release);
+    }
+
+    record_t load() const
+    {
+        uint64_t words[word_count];
+        uint32_t before;
+        do {
+            before = sequence_.load(std::memory_order_acquire);
+            for (size_t i = 0; i < word_count; ++i) words[i] = words_[i].load(std::memory_order_acquire);
+        } while ((before & 1) != 0 || sequence_.load(std::memory_order_relaxed) != before);
+        record_t record;
+        memcpy(&record, words, sizeof record);
+        return record;
+    }
+
+  private:
+    static constexpr size_t word_count = (sizeof(record_t) + sizeof(uint64_t) - 1) / sizeof(uint64_t);
+
+    std::atomic<uint32_t> sequence_; // odd while a writer is at work
+    std::atomic<uint64_t> words_[word_count];
+};
