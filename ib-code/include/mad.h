@@ -17,6 +17,7 @@ constexpr uint8_t MAD_METHOD_GET_TABLE = 0x12;
 constexpr uint8_t MAD_METHOD_DELETE = 0x15;
 
 // Common status bits (IBA 13.4.7): the low byte of the status word.
+constexpr uint16_t MAD_STATUS_COMMON_BITS = 0x00FF;
 constexpr uint16_t MAD_STATUS_BUSY = 0x0001;
 constexpr uint16_t MAD_STATUS_REDIRECT = 0x0002;
 constexpr uint16_t MAD_STATUS_BAD_VERSION = 0x0004;

@@ -1,0 +1,143 @@
+// The version report of a module: the read-only /proc file "dorvex/NAME/version" with one line that says what was
+// loaded and how it was built. Included by one unit of a module, which calls the first two functions at its start-up
+// and its shut-down, both in a thread that may sleep.
+//
+// The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL, texts in parentheses.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "kernel/memory.h"
+#include "kernel/proc.h"
+
+#ifndef MODULE_VERSION_COMPILER
+#define MODULE_VERSION_COMPILER ""
+#endif
+#ifndef MODULE_VERSION_KERNEL
+#define MODULE_VERSION_KERNEL ""
+#endif
+
+// The report line, or null while there is none.
+inline char* module_banner;
+
+inline bool version_is_space(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// `str`, or `def` when it is null, empty or white space only.
+inline const char* check_str_notempty(const char* str, const char* def)
+{
+    for (const char* c = str; c && *c; ++c)
+        if (!version_is_space(*c)) return str;
+    return def;
+}
+
+// Cuts white space off both ends, in place; returns where the rest begins.
+inline char* ktrim(char* str)
+{
+    while (version_is_space(*str)) ++str;
+    for (size_t length = strlen(str); length > 0 && version_is_space(str[length - 1]); --length) str[length - 1] = '\0';
+    return str;
+}
+
+// What a revision keyword such as "$Name: ATS_1_21 $" says, cut to what fits in `into` and trimmed; null when `text` is
+// no keyword.
+template <size_t size>
+const char* version_keyword_value(const char* text, char (&into)[size])
+{
+    const char* begin = strchr(text, ':');
+    const char* end = begin ? strchr(begin, '$') : nullptr;
+    if (!end) return nullptr;
+    ++begin;
+    const size_t length = static_cast<size_t>(end - begin) < size ? static_cast<size_t>(end - begin) : size - 1;
+    memcpy(into, begin, length);
+    into[length] = '\0';
+    return ktrim(into);
+}
+
+// The report line, in memory of kmalloc; null when there is none to be had.
+inline char* build_module_ver_str(const char* module_name, const char* version_string, const char* tag_name)
+{
+    const char* name = check_str_notempty(module_name, "Unknown");
+    const char* version = check_str_notempty(version_string, "0");
+    char version_value[10];
+    if (const char* value = version_keyword_value(version, version_value)) version = check_str_notempty(value, "0");
+
+    // A tag that is no keyword says nothing about the build, and is not shown.
+    char tag_value[30];
+    const char* tag = version_keyword_value(check_str_notempty(tag_name, "NoTag"), tag_value);
+    tag = check_str_notempty(tag, "NoTag");
+
+    const char* compiler = check_str_notempty(MODULE_VERSION_COMPILER, "(Unknown Compiler)");
+    const char* kernel = check_str_notempty(MODULE_VERSION_KERNEL, "(Unknown Kernel)");
+    constexpr const char date[] = "(" __DATE__ ")";
+    constexpr size_t separators = 8; // six blanks, the line end and the NUL
+    const size_t size = strlen(name) + strlen(version) + strlen(tag) + strlen(compiler) + strlen(kernel) +
+                        strlen(date) + strlen(__TIME__) + separators;
+    char* line = static_cast<char*>(kmalloc(size, GFP_KERNEL));
+    if (line) snprintf(line, size, "%s %s %s %s %s %s %s\n", name, version, tag, compiler, kernel, date, __TIME__);
+    return line;
+}
+
+// Paths are built in place: removing an entry must not fail for want of memory, as its handler is about to go.
+struct version_path_t {
+    char text[128];
+};
+
+// "dorvex/NAME" and `rest`. False when there is no name, or one that is too long for a path.
+inline bool module_proc_str_create(version_path_t* path, const char* module_name, const char* rest)
+{
+    const int length = module_name ? snprintf(path->text, sizeof path->text, "dorvex/%s%s", module_name, rest) : -1;
+    return length >= 0 && static_cast<size_t>(length) < sizeof path->text;
+}
+
+// A /proc read handler.
+inline int version_read_proc(char* page, char** start, off_t off, int count, int* eof, void*)
+{
+    strcpy(page, module_banner ? module_banner : "Error\n");
+    const off_t length = static_cast<off_t>(strlen(page));
+    if (length <= off + count) *eof = 1;
+    *start = page + off;
+    const off_t rest = length - off;
+    return static_cast<int>(rest < 0 ? 0 : rest < count ? rest : count);
+}
+
+// Creates the file entry, and before it the directories above it that are missing.
+inline proc_dir_entry* version_create_entry(const char* path, const char* directory)
+{
+    if (proc_dir_entry* entry = create_proc_entry(path, 0)) return entry;
+    const bool made = proc_mkdir(directory) || (proc_mkdir("dorvex") && proc_mkdir(directory));
+    return made ? create_proc_entry(path, 0) : nullptr;
+}
+
+// Creates the file. The texts may be null. Returns 0, or -1 with nothing left behind.
+inline int32_t module_version_init(const char* module_name, const char* version_string, const char* tag_name)
+{
+    module_banner = build_module_ver_str(module_name, version_string, tag_name);
+    version_path_t path, directory;
+    const bool named = module_banner && module_proc_str_create(&path, module_name, "/version") &&
+                       module_proc_str_create(&directory, module_name, "");
+    proc_dir_entry* entry = named ? version_create_entry(path.text, directory.text) : nullptr;
+    if (!entry) {
+        kfree(module_banner);
+        module_banner = nullptr;
+        return -1;
+    }
+    entry->read_proc = version_read_proc;
+    entry->data = nullptr;
+    return 0;
+}
+
+// Removes it; the directories stay for the next load. Returns 0, or -1 when there is no name to go by.
+inline int32_t module_version_exit(const char* module_name)
+{
+    version_path_t path;
+    if (!module_proc_str_create(&path, module_name, "/version")) return -1;
+    remove_proc_entry(path.text);
+    kfree(module_banner);
+    module_banner = nullptr;
+    return 0;
+}
