@@ -1,0 +1,203 @@
+// The module's model: one context per HCA in a table that is never allocated, two ports in each, and the requests that
+// wait for an answer of the Subnet Administrator (SA). A context has one active port, through which its
+// ServiceRecord is registered and every request goes out.
+//
+// IPv4 addresses are in network byte order throughout: their octets in memory order, never converted.
+#pragma once
+
+#include <atomic>
+
+#include "devucm-exports.h"
+#include "gsi.h"
+#include "kernel/list.h"
+#include "kernel/module.h"
+#include "kernel/proc.h"
+#include "kernel/shared-record.h"
+#include "kernel/sync.h"
+#include "sa-mads.h"
+#include "timing.h"
+#include "verbs.h"
+
+constexpr int32_t ATS_MAX_HCAS = 32;
+constexpr int32_t ATS_PORTS_PER_HCA = 2;
+constexpr size_t ATS_HOST_NAME_SIZE = 30;
+constexpr unsigned long ATS_REQ_TIMER_PERIOD_TICKS = 1000;
+
+enum ats_port_state_t : int32_t {
+    ATS_PORT_DOWN = 0,   // link down, or not reported up yet
+    ATS_PORT_UP = 1,     // link up: a standby port
+    ATS_PORT_ACTIVE = 2, // the context's one active port
+};
+
+// What is asked of the SA.
+enum ats_sa_op_t : uint32_t {
+    ATS_SET_SR_OP = 0xF00D,
+    ATS_DEL_SR_OP = 0xBEEF,
+    ATS_GET_SR_ARP_OP = 0xBEEC,  // the record of an IPv4 address
+    ATS_GET_SR_RARP_OP = 0xEEEB, // the record of a GID
+};
+
+// Padded with NULs; a name of the full length has none.
+struct ats_host_name_t {
+    char text[ATS_HOST_NAME_SIZE];
+};
+
+struct ats_context_t;
+
+// `state`, `port_attrib`, `port_gid` and `port_pkey` are written with `ats_sem` held, `port_ipaddr` also without; all
+// of them are read at any moment by sends and reports.
+struct ats_port_ctx_t {
+    int32_t port_num; // from 1
+    std::atomic<kq_p_key_t> port_pkey;
+    shared_record<kq_gid_t> port_gid;
+    std::atomic<uint32_t> port_ipaddr;
+    shared_record<kq_port_attrib_t> port_attrib;
+    gsi_class_handle_t gsi_handle; // null: not registered
+    std::atomic<ats_port_state_t> state;
+    std::atomic<uint64_t> gsi_tx_pkts; // completions, counted by the HCA's completion context
+    std::atomic<uint64_t> gsi_rx_pkts;
+    ats_context_t* ats_context;
+};
+
+struct ats_context_t {
+    // The bindings to IBAT and UCM: null when not held. Only the first HCA's context has any.
+    void* ibat_handle;
+    ibat_attach_fn_t ibat_attach;
+    ibat_detach_fn_t ibat_detach;
+    std::atomic<ibat_process_arp_data_fn_t> ibat_process_arp_data; // called by the completion context
+    ibat_seq_cache_lookup_fn_t ibat_seq_cache_lookup;
+    void* ucm_rarp_handle;
+    ucm_rarp_attach_fn_t ucm_rarp_attach;
+    ucm_rarp_detach_fn_t ucm_rarp_detach;
+
+    uint64_t service_id; // host order
+    gsi_dtgrm_pool_handle_t pool_handle;
+    ats_port_ctx_t ib_ports[ATS_PORTS_PER_HCA]; // index i is port i + 1
+
+    std::atomic<ats_port_ctx_t*> active_port;  // null: none. Written with `ats_sem` held; read once per send
+    shared_record<kq_gid_t> sm_registered_gid; // what the next Delete names
+    int32_t num_of_hca_ports;                  // used ones: at most ATS_PORTS_PER_HCA
+
+    // A one-shot event: the SA has answered a Delete. Cleared by who sends one and waits.
+    std::atomic<int32_t> resp_recv;
+    wait_queue_head_t delete_resp_wq;
+
+    int32_t gsi_pool_size;
+    ibat_arp_data_t rcv_arp_data; // the last reply, the completion context's own
+
+    list_head rarp_reqs_pending; // oldest first
+    spinlock_t rarp_reqs_lock;   // guards that list; held over nothing else
+
+    shared_record<ats_host_name_t> host_name; // written with `ats_sem` held
+    semaphore ats_sem;                        // port states, the active port, registration, and lookups being sent
+    timing_t ats_req_timer;
+    timing_t timing_request; // self-verification
+    kq_hca_h_t hca;          // null: not open
+    kq_hca_name hca_name;
+
+    // Held, and to be given back by the stop. A class has its handle for that, a pool and the HCA theirs.
+    bool holds_events;
+    bool holds_req_timer;
+
+    std::atomic<uint32_t> ibat_calls;       // calls of `ibat_process_arp_data` in progress
+    std::atomic<uint32_t> sets_begun;       // tells the stop of a Set that came behind its Deletes
+    std::atomic<uint32_t> identity_changes; // of what a Set carries; tells of one that a Set may have missed
+};
+
+// One request for the address of a GID. On the pending list until an answer or the request timer takes it off; who
+// takes it off calls back once and frees it.
+struct ats_rarp_req_t {
+    list_head link;
+    list_head found_list_link;
+    kq_gid_t dgid;
+    ats_rarp_reply_fn_t user_cb;
+    void* user_context;
+    uint32_t timestamp; // low 32 bits of the tick count when it was queued
+};
+
+// The octets of an address, as arguments for "%d.%d.%d.%d".
+inline int ats_octet(uint32_t ip, int index)
+{
+    return reinterpret_cast<const uint8_t*>(&ip)[index];
+}
+#define ATS_IP_ARGS(ip) ats_octet(ip, 0), ats_octet(ip, 1), ats_octet(ip, 2), ats_octet(ip, 3)
+
+extern ats_context_t ats_cntx[ATS_MAX_HCAS];
+extern int32_t ats_n_hcas; // contexts in use; zero or negative: none
+
+// The module parameters.
+extern const char* ats_ipaddr_str;
+extern const char* ats_hostName_str;
+extern int32_t ats_attach_ibat;
+
+// ---- ats-module ----
+
+// The context of an open HCA, or null.
+ats_context_t* ats_find_context(kq_hca_h_t hca);
+
+// The advertised identity, changed on every HCA in turn until one fails. 0, or the first failure (-1). May sleep.
+// A null name, and a text that is null or no address, are failures.
+MODULE_EXPORT int32_t ats_sa_set_hostname(const char* host_name);
+MODULE_EXPORT int32_t ats_sa_set_ip_addrs(uint32_t port_ipaddr);
+MODULE_EXPORT int32_t ats_sa_set_ip_addrs_str(const char* ip_add_str);
+
+// ---- ats-api ----
+
+// Starts a context whose `hca_name` is set; with `sa_only` the SA client alone, without IBAT and UCM. 0, or a negative
+// value; what a failed start still holds is for ats_stop to release.
+int32_t ats_init(ats_context_t* ats, int32_t attach_ibat, int32_t sa_only);
+
+// Stops every context, and does no harm to one that was never started. May sleep.
+void ats_stop();
+
+// Hands the decoded reply in `rcv_arp_data` to IBAT and to the requests waiting for its GID. `mad_stat` is the MAD's
+// status in host order. Completion context only.
+void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats);
+
+// Self-verification of the first `n_hcas` contexts. When end_verification returns, no check runs or will run.
+void start_verification(int32_t n_hcas);
+void end_verification(int32_t n_hcas);
+
+// The handlers of the control file.
+write_proc_t ats_proc_write;
+read_proc_t ats_proc_read;
+
+// Each returns its text in one buffer, which the next call in the same thread overwrites.
+const char* print_ibat_stat(ibat_stat_t stat);
+const char* print_ipaddr(uint32_t addr);
+
+// ---- ats-sa ----
+
+// Opens the HCA and registers with everything the SA client needs; sends nothing. 0, or -1 with what was acquired left
+// for ats_sa_stop. May sleep.
+int32_t ats_sa_init(ats_context_t* ats);
+
+// Deletes the record at the SA and releases everything the context holds. May sleep.
+void ats_sa_stop(ats_context_t* ats);
+
+// Posts one request to the SA through the active port. 0 when it was posted, -1 otherwise; whether and what the SA
+// answers comes through the completion context. Takes no lock, does not sleep, allocates nothing. `arp_data` is the
+// query of a Get.
+int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
+                                                uint8_t is_set, uint8_t is_get, uint8_t is_table);
+
+// Ask for the record of `arp_data->dst_ip`, or of `arp_data->gid`. 0 when posted, -1 when there is no active port, a
+// signal came or the send failed. May sleep; `ats_sem` must not be held.
+int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
+int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
+
+// Change the identity of one context, and register it anew if a port is active; otherwise that waits until one is.
+// 0, or -1: a signal came, the name is null, or the Set could not be sent (the new value is kept then). May sleep;
+// `ats_sem` must not be held.
+int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
+int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
+
+// ---- ats-misc ----
+
+// Reads four dotted decimal numbers, generously. ibat_stat_ok, or ibat_stat_error with `*ip` untouched.
+ibat_stat_t ats_parseipstr(const char* s, uint32_t* ip);
+
+// Reads "0x" and up to 32 hexadecimal digits. ibat_stat_ok, or ibat_stat_error. May overwrite the "x" of `s`.
+ibat_stat_t ats_parsegidstr(char* s, kq_gid_t* gid);
+
+const char* ats_port_state2str(ats_port_state_t state);
