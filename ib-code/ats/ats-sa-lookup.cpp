@@ -1,0 +1,95 @@
+// Lookups on the way out, and the request timer that ends those without an answer.
+#include "ats-sa.h"
+
+#include "kernel/memory.h"
+#include "kernel/time.h"
+
+namespace
+{
+
+// Sends a Get while the active port can neither change nor register.
+int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, ats_sa_op_t op, const char* operation,
+                    const char* kind)
+{
+    ATS_TRACE_AS(operation, ZR_DEBUG, "ATS %s down_interruptible\n", kind);
+    if (down_interruptible(&ats->ats_sem) != 0) {
+        ATS_TRACE_AS(operation, ZR_ERROR, "down_interruptible is not OK\n");
+        return -1;
+    }
+    if (!ats->active_port.load()) {
+        ATS_TRACE_AS(operation, ZR_ERROR, "ATS - Can't Send %s there is no active port, Check your link!\n", kind);
+        up(&ats->ats_sem);
+        return -1;
+    }
+    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, op, arp_data, 0, 1, 0);
+    ATS_TRACE_AS(operation, ZR_DEBUG, "ATS arp sem up\n");
+    up(&ats->ats_sem);
+    return ret;
+}
+
+// Moves the requests that have waited long enough to the head of `expired`, the newest first.
+void take_expired(ats_context_t* ats, list_head* expired, const char* operation)
+{
+    const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
+    for (list_head* link = ats->rarp_reqs_pending.next; link != &ats->rarp_reqs_pending;) {
+        ats_rarp_req_t* req = list_entry(link, ats_rarp_req_t, link);
+        link = link->next;
+        ATS_TRACE_AS(operation, ZR_FUNC, "Checking RARP request entry: <0x%p>\n", static_cast<void*>(req));
+        if (static_cast<uint32_t>(jiffies) - req->timestamp < ATS_REQ_TIMER_PERIOD_TICKS) continue;
+        ATS_TRACE_AS(operation, ZR_FUNC, "\t\t-> timeouted!\n");
+        list_del_init(&req->link);
+        list_add(&req->link, expired);
+    }
+    spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
+}
+
+} // namespace
+
+int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
+{
+    return send_lookup(ats, arp_data, ATS_GET_SR_ARP_OP, __func__, "arp");
+}
+
+int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
+{
+    return send_lookup(ats, arp_data, ATS_GET_SR_RARP_OP, __func__, "rarp");
+}
+
+void ats_req_timer_handler(unsigned long context)
+{
+    auto* ats = reinterpret_cast<ats_context_t*>(context);
+    if (!list_empty(&ats->rarp_reqs_pending)) { // looked at without the lock: who comes now is seen the next time
+        ATS_DEBUG("Pending RARP requests present.\n");
+        list_head expired;
+        list_init(&expired);
+        take_expired(ats, &expired, __func__);
+        while (!list_empty(&expired)) {
+            ats_rarp_req_t* req = list_entry(expired.next, ats_rarp_req_t, link);
+            req->user_cb(ibat_stat_timeout, nullptr, req->user_context);
+            list_del_init(&req->link);
+            ATS_FUNC("found entry : 0x%p\n", static_cast<void*>(req));
+            kfree(req);
+        }
+    }
+    ats->ats_req_timer.expires = jiffies + ATS_REQ_TIMER_PERIOD_TICKS;
+    add_timing(&ats->ats_req_timer);
+}
+
+void ats_sa_drop_pending_requests(ats_context_t* ats)
+{
+    if (!ats->rarp_reqs_pending.next) return; // never started
+    list_head dropped;
+    list_init(&dropped);
+    const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
+    while (!list_empty(&ats->rarp_reqs_pending)) {
+        list_head* link = ats->rarp_reqs_pending.next;
+        list_del_init(link);
+        list_add(link, &dropped);
+    }
+    spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
+    while (!list_empty(&dropped)) {
+        ats_rarp_req_t* req = list_entry(dropped.next, ats_rarp_req_t, link);
+        list_del_init(&req->link);
+        kfree(req);
+    }
+}

@@ -1,0 +1,307 @@
+// The ServiceRecord datagram: its four requests, the decoding of replies, and the ways out and in.
+#include "ats-sa.h"
+
+#include <cstring>
+
+namespace
+{
+
+constexpr char service_name[] = "DAPL Address Translation Service";
+constexpr uint8_t service_data16_marker[] = {0x5C, 0x27};
+constexpr uint32_t infinite_lease = 0xFFFFFFFF;
+constexpr uint32_t payload_length = 0xF0;
+constexpr uint32_t sa_qp = 1;
+
+// What a request selects by (IBA 15.2.5.14). A Set sets every bit, those that name no component included.
+constexpr uint64_t mask_of_set = UINT64_MAX;
+constexpr uint64_t mask_by_gid =
+    1 << SR_COMPONENT_SERVICE_ID | 1 << SR_COMPONENT_SERVICE_GID | 1 << SR_COMPONENT_SERVICE_NAME;
+constexpr uint64_t mask_by_address =
+    1 << SR_COMPONENT_SERVICE_ID | 1 << SR_COMPONENT_SERVICE_NAME | 0xFFFF << SR_COMPONENT_SERVICE_DATA8;
+static_assert(mask_by_gid == 0x43 && mask_by_address == 0x7FFFC1);
+
+// An address stands in the last four bytes of ServiceData8.
+constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
+
+// Where in the host name ServiceData64 takes over from ServiceData32.
+constexpr size_t name_split = sizeof ib_service_record_v2_t::service_data32;
+
+// Reverses the bytes of a number between wire and host order, in place too. `Size` is 8 or 16.
+void ntoh(void* dest, const void* src, uint8_t Size)
+{
+    uint64_t first, last;
+    memcpy(&first, src, sizeof first);
+    memcpy(&last, static_cast<const uint8_t*>(src) + Size - sizeof last, sizeof last);
+    first = __builtin_bswap64(first);
+    last = __builtin_bswap64(last);
+    memcpy(dest, &last, sizeof last);
+    memcpy(static_cast<uint8_t*>(dest) + Size - sizeof first, &first, sizeof first);
+}
+
+sa_mad_v2_t& sa_mad_of(gsi_dtgrm_t* dtgrm)
+{
+    return *reinterpret_cast<sa_mad_v2_t*>(dtgrm->mad);
+}
+
+ib_service_record_v2_t& service_record_of(sa_mad_v2_t& mad)
+{
+    return *reinterpret_cast<ib_service_record_v2_t*>(mad.payload);
+}
+
+void fill_set(ib_service_record_v2_t& record, const ats_context_t* ats, const ats_port_ctx_t* port)
+{
+    const kq_gid_t gid = port->port_gid.load();
+    const uint32_t ipaddr = port->port_ipaddr;
+    const ats_host_name_t name = ats->host_name.load();
+    ntoh(&record.service_gid, &gid, sizeof gid);
+    record.service_pkey = to_wire(uint16_t{port->port_pkey});
+    record.service_lease = to_wire(infinite_lease);
+    memcpy(record.service_data8 + address_offset, &ipaddr, sizeof ipaddr);
+    memcpy(record.service_data16, service_data16_marker, sizeof service_data16_marker);
+    memcpy(record.service_data32, name.text, name_split);
+    memcpy(record.service_data64, name.text + name_split, ATS_HOST_NAME_SIZE - name_split);
+}
+
+void fill_gid(ib_service_record_v2_t& record, const kq_gid_t& gid)
+{
+    ntoh(&record.service_gid, &gid, sizeof gid);
+}
+
+// The SA sits at the SM's LID. The GSI layer knows the Q_Key and the P_Key index.
+void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
+{
+    const kq_sm_address_info_t sm = port->port_attrib.load().port_sma_address_info;
+    dtgrm->rlid = sm.sm_lid;
+    dtgrm->sl = sm.service_level;
+    dtgrm->rqp = sa_qp;
+    dtgrm->rqk = 0;
+    dtgrm->guid = 0;
+    dtgrm->path_bits = 0;
+    dtgrm->static_rate = 0;
+}
+
+// Takes a datagram from the context's pool and fills it with a request that leaves through `port`. The port comes from
+// the caller, who has read it once: the active port may change at any moment. 0, or -1 with no datagram taken.
+int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+                                                  const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
+                                                  uint8_t is_table, gsi_dtgrm_t** dt)
+{
+    gsi_dtgrm_t* dtgrm;
+    if (const int result = gsi_dtgrm_pool_get(ats->pool_handle, &dtgrm); result != 0) {
+        ATS_ERROR("gsi_dtgrm_pool_get() failed <%d>\n", result);
+        return -1;
+    }
+    memset(dtgrm->mad, 0, sizeof dtgrm->mad);
+    address_to_sa(dtgrm, port);
+
+    sa_mad_v2_t& mad = sa_mad_of(dtgrm);
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.attrib_id = SA_ATTR_SERVICE_RECORD;
+    mad.payload_len = to_wire(payload_length);
+
+    ib_service_record_v2_t& record = service_record_of(mad);
+    ntoh(&record.service_id, &ats->service_id, sizeof ats->service_id);
+    memcpy(record.service_name, service_name, sizeof service_name);
+    uint64_t component_mask = mask_by_gid;
+    if (is_set) {
+        mad.hdr.m.method = MAD_METHOD_SET;
+        component_mask = mask_of_set;
+        fill_set(record, ats, port);
+    } else if (!is_get) {
+        mad.hdr.m.method = MAD_METHOD_DELETE;
+        fill_gid(record, ats->sm_registered_gid.load());
+    } else {
+        mad.hdr.m.method = is_table ? MAD_METHOD_GET_TABLE : MAD_METHOD_GET;
+        if (op == ATS_GET_SR_ARP_OP) {
+            component_mask = mask_by_address;
+            memcpy(record.service_data8 + address_offset, &arp_data->dst_ip, sizeof arp_data->dst_ip);
+        } else {
+            fill_gid(record, arp_data->gid);
+        }
+    }
+    ntoh(&mad.component_mask, &component_mask, sizeof component_mask);
+    *dt = dtgrm;
+    return 0;
+}
+
+struct quarters_t { // of a 16-byte field, as numbers of the host's order
+    uint32_t at[4];
+};
+
+quarters_t quarters_of(const uint8_t (&field)[16])
+{
+    quarters_t quarters;
+    memcpy(&quarters, field, sizeof quarters);
+    return quarters;
+}
+
+struct halves_t {
+    uint64_t at[2];
+};
+
+halves_t halves_of(const uint8_t (&field)[16])
+{
+    halves_t halves;
+    memcpy(&halves, field, sizeof halves);
+    return halves;
+}
+
+// Shows a ServiceRecord MAD. It ends the service name with a NUL, whether anything is shown or not.
+void ats_sa_dump_service_record_mad(mad_t* sa_mad)
+{
+    ib_service_record_v2_t& record = service_record_of(*reinterpret_cast<sa_mad_v2_t*>(sa_mad));
+    record.service_name[sizeof record.service_name - 1] = '\0';
+    if (!zr_is_traced(ZR_FUNC, ATS_trace_level)) return;
+
+    uint64_t service_id;
+    kq_gid_t gid;
+    ntoh(&service_id, &record.service_id, sizeof service_id);
+    ntoh(&gid, &record.service_gid, sizeof gid);
+    ATS_FUNC("================================================================\n");
+    ATS_FUNC("service id   : 0x%016LX\n", static_cast<unsigned long long>(service_id));
+    ATS_FUNC("service gid  : " KQ_GID_FORMAT "\n", KQ_GID_ARGS(gid));
+    ATS_FUNC("service pkey : 0x%X\n", from_wire(record.service_pkey));
+    ATS_FUNC("service lease: 0x%X\n", from_wire(record.service_lease));
+    ATS_FUNC("service_name : %s\n", record.service_name);
+    const quarters_t data8 = quarters_of(record.service_data8);
+    const quarters_t data16 = quarters_of(record.service_data16);
+    const quarters_t data32 = quarters_of(record.service_data32);
+    const halves_t data64 = halves_of(record.service_data64);
+    ATS_FUNC("service_data8 : %#.8x %.8x %.8x %.8x\n", data8.at[0], data8.at[1], data8.at[2], data8.at[3]);
+    ATS_FUNC("service_data16: %#.8x %.8x %.8x %.8x\n", data16.at[0], data16.at[1], data16.at[2], data16.at[3]);
+    ATS_FUNC("service_data32: %#.8x %.8x %.8x %.8x\n", data32.at[0], data32.at[1], data32.at[2], data32.at[3]);
+    ATS_FUNC("service_data64: %#.16Lx  %.16Lx \n", static_cast<unsigned long long>(data64.at[0]),
+             static_cast<unsigned long long>(data64.at[1]));
+    ATS_FUNC("service_data32 string %c%c%c%c\n", data32.at[0], data32.at[1], data32.at[2], data32.at[3]);
+    ATS_FUNC("================================================================\n");
+}
+
+bool is_other_sa_attribute(uint16_t attrib_id)
+{
+    switch (attrib_id) {
+    case SA_ATTR_NOTICE:
+    case SA_ATTR_INFORM_INFO:
+    case SA_ATTR_NODE_RECORD:
+    case SA_ATTR_PORT_INFO_RECORD:
+    case SA_ATTR_PATH_RECORD:
+    case SA_ATTR_MC_MEMBER_RECORD:
+    case SA_ATTR_MULTI_PATH_RECORD:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Decodes a reply into the context's cleared `rcv_arp_data`. 0 for a ServiceRecord with a good status, whose
+// class-specific code may still be an error; otherwise -1, with the GID at most.
+int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t* dtgrm)
+{
+    sa_mad_v2_t& mad = sa_mad_of(dtgrm);
+    const uint16_t attrib_id = mad.hdr.attrib_id;
+    if (mad.hdr.base_ver != MAD_BASE_VERSION || mad.hdr.mgt_class != MAD_CLASS_SUBN_ADM ||
+        mad.hdr.class_ver != MAD_CLASS_VERSION_SUBN_ADM)
+        ATS_WARNING("Invalid base version, mgmt class or class version\n");
+    if (is_other_sa_attribute(attrib_id)) {
+        ATS_ERROR("ATS - unexpected attribute ID. <0x%04X>\n", attrib_id);
+        return -1;
+    }
+    if (attrib_id != SA_ATTR_SERVICE_RECORD) {
+        ATS_ERROR("ATS - Unrequested/unsupported attribute ID. <0x%04X>\n", attrib_id);
+        return -1;
+    }
+    unsigned long long transact_id; // shown as it stands in the datagram
+    memcpy(&transact_id, &mad.hdr.transact_id, sizeof transact_id);
+    ATS_DEBUG(" ServiceRecord reply MAD received, transaction-id 0x%016LX\n", transact_id);
+    ats_sa_dump_service_record_mad(reinterpret_cast<mad_t*>(dtgrm->mad));
+
+    const ib_service_record_v2_t& record = service_record_of(mad);
+    ibat_arp_data_t& reply = ats_port->ats_context->rcv_arp_data;
+    reply.mask |= IBAT_MASK_GID;
+    ntoh(&reply.gid, &record.service_gid, sizeof reply.gid);
+
+    // Only the common status bits make a reply bad; the class-specific code is an answer.
+    const uint16_t status = from_wire(mad.hdr.u.ns.status.raw16);
+    if ((status & MAD_STATUS_COMMON_BITS) != 0) {
+        ATS_ERROR("ATS - Incoming mad has an error status <0x%04X> .\n", status);
+        return -1;
+    }
+    ATS_DEBUG(" Incoming mad has status SUCCESS.\n");
+
+    const uint32_t own_ip = ats_port->port_ipaddr;
+    reply.mask |= IBAT_MASK_SRC_IP | IBAT_MASK_DST_IP | IBAT_MASK_LOCAL_PORT_NUM;
+    reply.local_port_num = static_cast<uint32_t>(ats_port->port_num);
+    reply.src_ip = own_ip;
+    memcpy(&reply.dst_ip, record.service_data8 + address_offset, sizeof reply.dst_ip);
+    if (reply.dst_ip == own_ip) {
+        ATS_DEBUG(" arp reply for local ip addr %d.%d.%d.%d setting it to be static !\n", ATS_IP_ARGS(reply.dst_ip));
+        reply.mask |= IBAT_MASK_STATIC;
+    }
+    return 0;
+}
+
+} // namespace
+
+int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
+                                                uint8_t is_set, uint8_t is_get, uint8_t is_table)
+{
+    // Read once: not every caller holds `ats_sem`, and without it the active port may go at any moment.
+    ats_port_ctx_t* port = ats->active_port;
+    if (!port) {
+        ATS_ERROR("ats_sa_send_service_rec_set_get_del_mad No active port, exit\n");
+        return -1;
+    }
+    gsi_dtgrm_t* dtgrm;
+    if (const int32_t ret =
+            ats_sa_encode_service_rec_set_get_del_mad(ats, port, op, arp_data, is_set, is_get, is_table, &dtgrm);
+        ret != 0) {
+        ATS_ERROR("ats_sa_encode_service_rec_set_get_del_mad failed <%d>\n", ret);
+        return -1;
+    }
+    ATS_DEBUG(" about to send MAD:\n");
+    ats_sa_dump_service_record_mad(reinterpret_cast<mad_t*>(dtgrm->mad));
+    ATS_DEBUG("send mad via port %d(%p), gsi handle %p\n", port->port_num, static_cast<void*>(port),
+              static_cast<void*>(port->gsi_handle));
+    uint64_t transaction_id;
+    if (const int ret = gsi_post_send_dtgrm(port->gsi_handle, dtgrm, &transaction_id); ret != 0) {
+        ATS_ERROR("gsi_post_send_dtgrm() failed <%d>\n", ret);
+        gsi_dtgrm_pool_put(dtgrm);
+        return -1;
+    }
+    // The datagram may have completed already: only its address is shown.
+    ATS_DEBUG(" gsi_post_send_dtgrm() on dtgrm %p succeeded ret = %d\n", static_cast<void*>(dtgrm), 0);
+    ATS_DEBUG(" sent dtgrm transaction id is 0x%016LX\n", static_cast<unsigned long long>(transaction_id));
+    return 0;
+}
+
+void ats_sa_gsi_send_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
+{
+    ATS_DEBUG("Datagram <%p> sent.\n", static_cast<void*>(dtgrm));
+    static_cast<ats_port_ctx_t*>(context)->gsi_tx_pkts.fetch_add(1, std::memory_order_relaxed);
+    gsi_dtgrm_pool_put(dtgrm);
+}
+
+// Replies are told apart by their method alone: an answer to a Delete ends somebody's wait, whatever it says; any other
+// goes on to those who look for its content.
+void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
+{
+    ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));
+    auto* port = static_cast<ats_port_ctx_t*>(context);
+    ats_context_t* ats = port->ats_context;
+    port->gsi_rx_pkts.fetch_add(1, std::memory_order_relaxed);
+    ats->rcv_arp_data = {};
+    ats_sa_gsi_decode_recv_dtgrm(port, dtgrm);
+
+    const mad_hdr_t& header = sa_mad_of(dtgrm).hdr;
+    const uint8_t method = header.m.method;
+    const uint16_t mad_stat = from_wire(header.u.ns.status.raw16);
+    gsi_dtgrm_pool_put(dtgrm);
+    if (method == MAD_METHOD_DELETE) {
+        ats->resp_recv = 1;
+        wake_up_interruptible(&ats->delete_resp_wq);
+        ATS_DEBUG(" Drop delete response mad\n");
+    } else {
+        ats_process_sa_reply(mad_stat, ats);
+    }
+}

@@ -1,0 +1,39 @@
+// Inside the SA client. The unit ats-sa stands in four files, by what they do; its trace lines name the unit.
+#pragma once
+
+#define ATS_TRACE_UNIT "ats_sa.cpp"
+
+#include "ats.h"
+#include "debug-support.h"
+
+constexpr unsigned long ATS_DELETE_WAIT_TICKS = 20; // for the SA's answer to a Delete
+
+// ---- ats-sa-mad: the ServiceRecord datagram, sent and received ----
+
+// GSI's callbacks; the context is the port. In the HCA's completion context, one at a time.
+void ats_sa_gsi_send_compl_cb(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* dtgrm);
+void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* dtgrm);
+
+// ---- ats-sa-ports: the active port, its registration, and port events ----
+
+// Forgets earlier answers and sends a Delete of the record that `sm_registered_gid` names. 0, or -1: not sent.
+int32_t ats_sa_send_delete(ats_context_t* ats);
+
+// Sleeps until the SA has answered, a signal is pending or ATS_DELETE_WAIT_TICKS have passed.
+void ats_sa_wait_for_delete_answer(ats_context_t* ats);
+
+// Replaces the record at the SA: deletes the one registered last, whether that works or not, and sets that of the
+// active port, which the caller has made sure of, with `ats_sem` held. 0 when the Set was posted, otherwise -1. May
+// sleep.
+int32_t ats_sa_set_new_sr(ats_context_t* ats);
+
+// The verbs layer's callback. May sleep.
+void ats_async_event_cb(kq_event_record_st event_record);
+
+// ---- ats-sa-lookup: requests for others, and their request timer ----
+
+// The request timer's function; `context` is the ats_context_t. Does not sleep.
+void ats_req_timer_handler(unsigned long context);
+
+// Frees every pending request without a word: their askers have detached.
+void ats_sa_drop_pending_requests(ats_context_t* ats);
