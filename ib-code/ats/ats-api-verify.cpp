@@ -1,0 +1,157 @@
+// Self-verification: each context asks the SA from time to time which address its own GID has, and registers anew when
+// that is not its own.
+#include "ats-api.h"
+
+#include <cstdio>
+
+#include "kernel/memory.h"
+#include "kernel/time.h"
+
+std::atomic<int32_t> verification_period{60};
+std::atomic<int32_t> verification_period_skew_percent{1};
+
+namespace
+{
+
+constexpr unsigned long off_ticks = 60 * HZ; // how often to see whether verification has been switched on
+constexpr int64_t whole_skew = 100 * 255;    // a skew of 100 percent, for the largest random byte
+
+// The tick of the next check: a period, lengthened at random by up to the skew, so that hosts drift apart.
+unsigned long calc_verify_timeout()
+{
+    uint8_t random;
+    get_random_bytes(&random, sizeof random);
+    // A period below zero counts as zero, which is off.
+    const int64_t period = verification_period > 0 ? int64_t{verification_period} : 0;
+    const int64_t delay = period * HZ + period * verification_period_skew_percent * random * HZ / whole_skew;
+    ATS_DEBUG("timeout=%lu\n", static_cast<unsigned long>(delay));
+    return jiffies + static_cast<unsigned long>(delay);
+}
+
+void restore_registration(ats_context_t* ats, const char* operation)
+{
+    int32_t ret;
+    uint32_t changes;
+    // An identity that changes between the encoding and the post has sent its own Set, which must not be the older one.
+    do {
+        changes = ats->identity_changes;
+        ++ats->sets_begun;
+        ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    } while (ret == 0 && ats->identity_changes != changes);
+    if (ret != 0) ATS_TRACE_AS(operation, ZR_DEBUG, "Can't start SA set of service record   ret=%d\n", ret);
+}
+
+void show_addresses(uint32_t held_by_sa, uint32_t own, const char* operation)
+{
+    if (!zr_is_traced(ZR_DEBUG, ATS_trace_level)) return;
+    char first[30]; // the next text comes in the same buffer
+    snprintf(first, sizeof first, "%s", print_ipaddr(held_by_sa));
+    ATS_TRACE_AS(operation, ZR_DEBUG, "ipaddresses [%s, %s]\n", first, print_ipaddr(own));
+}
+
+// What the SA says of a context's own GID. In the completion context, or from the request timer.
+void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
+{
+    ATS_DEBUG("status=%s  arp_data=%p  context=%p\n", print_ibat_stat(status), static_cast<void*>(arp_data), context);
+    auto* ats = static_cast<ats_context_t*>(context);
+    const ats_port_ctx_t* port = ats->active_port;
+    if (!port) {
+        ATS_DEBUG("no active port\n");
+        return;
+    }
+    if (arp_data && status == ibat_stat_ok) {
+        const uint32_t own_ip = port->port_ipaddr;
+        show_addresses(arp_data->dst_ip, own_ip, __func__);
+        if (arp_data->dst_ip == own_ip) {
+            ATS_DEBUG("ipaddress match\n");
+            return;
+        }
+    }
+    ATS_DEBUG("gid & ipaddress don't match\n");
+    restore_registration(ats, __func__);
+}
+
+// The timer's function; `data` is the context's index. May sleep.
+void verification_callback(unsigned long data)
+{
+    ATS_DEBUG("data=%lu\n", data);
+    if (data >= ATS_MAX_HCAS) {
+        ATS_ERROR("hca index too big %lu !!!!!!!\n", data);
+        return;
+    }
+    ats_context_t* ats = &ats_cntx[data];
+    timing_t* timer = &ats->timing_request;
+    timer->function = verification_callback;
+    const bool is_on = verification_period > 0;
+    timer->expires = is_on ? calc_verify_timeout() : jiffies + off_ticks;
+    add_timing(timer);
+    if (!is_on) return;
+
+    const ats_port_ctx_t* port = ats->active_port;
+    if (!port) {
+        ATS_DEBUG("no active port\n");
+        return;
+    }
+    ibat_arp_data_t query{};
+    query.gid = port->port_gid.load();
+    ATS_DEBUG("call ats_rarp_send_nocache()  hca %lu\n", data);
+    const ibat_stat_t ret = ats_rarp_send_nocache(&query, rarp_callback, ats, ats);
+    if (ret == ibat_stat_pending)
+        ATS_DEBUG("call ats_rarp_send_nocache() returned %s - sent successfully, now waiting for reply\n",
+                  print_ibat_stat(ret));
+    else
+        ATS_DEBUG("call ats_rarp_send_nocache() returned %s\n", print_ibat_stat(ret));
+}
+
+} // namespace
+
+void start_verification(int32_t n_hcas)
+{
+    for (int32_t i = 0; i < n_hcas; ++i) {
+        timing_t* timer = &ats_cntx[i].timing_request;
+        init_timing(timer);
+        timer->expires = calc_verify_timeout();
+        timer->data = static_cast<unsigned long>(i);
+        timer->function = verification_callback;
+        add_timing(timer);
+    }
+}
+
+void end_verification(int32_t n_hcas)
+{
+    for (int32_t i = 0; i < n_hcas; ++i) del_timing_sync(&ats_cntx[i].timing_request);
+}
+
+// A buffer for each thread: contexts that trace at the same moment do not share one.
+
+const char* print_ibat_stat(ibat_stat_t stat)
+{
+    thread_local char text[200];
+    const char* name = "unknown status code";
+    switch (stat) {
+    case ibat_stat_ok:
+        name = "ibat_stat_ok";
+        break;
+    case ibat_stat_pending:
+        name = "ibat_stat_pending";
+        break;
+    case ibat_stat_timeout:
+        name = "ibat_stat_timeout";
+        break;
+    case ibat_stat_error:
+        name = "ibat_stat_error";
+        break;
+    case ibat_stat_not_found:
+        name = "ibat_stat_not_found";
+        break;
+    }
+    snprintf(text, sizeof text, "%s (%d)", name, stat);
+    return text;
+}
+
+const char* print_ipaddr(uint32_t addr)
+{
+    thread_local char text[30];
+    snprintf(text, sizeof text, "%d.%d.%d.%d", ATS_IP_ARGS(addr));
+    return text;
+}

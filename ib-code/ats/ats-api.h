@@ -1,0 +1,54 @@
+// Inside the resolution service. The unit ats-api stands in four files, by what they do; its trace lines name the unit.
+#pragma once
+
+#define ATS_TRACE_UNIT "ats_api.cpp"
+
+#include "ats.h"
+#include "debug-support.h"
+
+// Takes the function published under `name` into `slot`, with a reference that ats_put_peer returns. False: nobody
+// published it.
+template <class slot_t>
+bool ats_get_peer(const char* name, slot_t* slot)
+{
+    // The registry holds plain pointers; the name says which function it is.
+    *slot = reinterpret_cast<slot_t>(const_cast<void*>(inter_module_get(name)));
+    return *slot != nullptr;
+}
+
+// Returns the reference, if one is held, and empties the slot.
+template <class slot_t>
+void ats_put_peer(const char* name, slot_t* slot)
+{
+    if (*slot) inter_module_put(name);
+    *slot = nullptr;
+}
+
+// ---- ats-api: the binding to IBAT, and replies on their way to who asked ----
+
+ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat);
+void ats_ibat_stop(ats_context_t* ats);
+
+// ---- ats-api-rarp: reverse resolution, and the binding to UCM ----
+
+ucm_stat_t ats_ucm_init(ats_context_t* ats);
+void ats_ucm_stop(ats_context_t* ats);
+
+// Both are send_rarp_fn_t; the provider's context is the ats_context_t. The second passes IBAT's cache by. The callback
+// comes in the completion context or from the request timer, under no lock; it does not sleep and does not keep the
+// record. A request that was queued but could not be sent returns ibat_stat_error, and times out all the same.
+ibat_stat_t ats_rarp_send(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
+                          void* provider_context);
+ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
+                                  void* provider_context);
+
+// Completes every request for the GID in `rcv_arp_data`, the newest first. `mad_stat` as in ats_process_sa_reply.
+void ats_process_rarp_data(uint16_t mad_stat, ats_context_t* ats);
+
+// A completion callback that shows what came.
+void ats_dummy_user_cb(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context);
+
+// ---- ats-api-verify: self-verification ----
+
+extern std::atomic<int32_t> verification_period;              // seconds; 0 or less: off
+extern std::atomic<int32_t> verification_period_skew_percent; // 0 to 100
