@@ -80,17 +80,11 @@ void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
     dtgrm->static_rate = 0;
 }
 
-// Takes a datagram from the context's pool and fills it with a request that leaves through `port`. The port comes from
-// the caller, who has read it once: the active port may change at any moment. 0, or -1 with no datagram taken.
-int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
-                                                  const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
-                                                  uint8_t is_table, gsi_dtgrm_t** dt)
+// Fills a datagram with a request that leaves through `port`. Only `is_set`, `is_get` and, for a lookup, whether `op`
+// is ATS_GET_SR_ARP_OP decide what it asks.
+void encode(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+            const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
-    gsi_dtgrm_t* dtgrm;
-    if (const int result = gsi_dtgrm_pool_get(ats->pool_handle, &dtgrm); result != 0) {
-        ATS_ERROR("gsi_dtgrm_pool_get() failed <%d>\n", result);
-        return -1;
-    }
     memset(dtgrm->mad, 0, sizeof dtgrm->mad);
     address_to_sa(dtgrm, port);
 
@@ -122,7 +116,19 @@ int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, cons
         }
     }
     ntoh(&mad.component_mask, &component_mask, sizeof component_mask);
-    *dt = dtgrm;
+}
+
+// Takes a datagram from the context's pool and encodes a request in it. The port comes from the caller, who has read it
+// once: the active port may change at any moment. 0, or -1 with no datagram taken.
+int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+                                                  const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
+                                                  uint8_t is_table, gsi_dtgrm_t** dt)
+{
+    if (const int result = gsi_dtgrm_pool_get(ats->pool_handle, dt); result != 0) {
+        ATS_ERROR("gsi_dtgrm_pool_get() failed <%d>\n", result);
+        return -1;
+    }
+    encode(*dt, ats, port, op, arp_data, is_set, is_get, is_table);
     return 0;
 }
 
