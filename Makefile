@@ -1,0 +1,59 @@
+# The front door. `make demo` and `make test` install what is missing (as root, on Debian), build, and run.
+
+PRESET ?= release
+BUILD := build/$(PRESET)
+
+.PHONY: help build demo test test-all bench format check-format tidy coverage install clean
+
+help:
+	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
+	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
+	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
+	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts"
+	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
+
+build:
+	@scripts/install-dependencies build
+	@cmake --preset $(PRESET) >$(or $(TMPDIR),/tmp)/ats-configure.log 2>&1 || { cat $(or $(TMPDIR),/tmp)/ats-configure.log; exit 1; }
+	@cmake --build --preset $(PRESET)
+
+demo: build
+	@$(BUILD)/cli/ats demo
+
+test:
+	@scripts/install-dependencies test
+	cmake --preset $(PRESET)
+	cmake --build --preset $(PRESET)
+	ctest --preset $(PRESET)
+
+test-all:
+	$(MAKE) test PRESET=asan
+	$(MAKE) test PRESET=tsan
+	$(MAKE) test PRESET=release
+
+bench:
+	@scripts/install-dependencies bench
+	cmake --preset release
+	cmake --build --preset release
+	build/release/bench/ats-bench
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+check-format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+
+tidy:
+	cmake --preset clang
+	git ls-files 'ib-code/*.cpp' 'host/*.cpp' 'cli/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
+
+coverage:
+	$(MAKE) test PRESET=coverage
+	gcovr --root . --object-directory build/coverage --exclude tests --exclude bench --print-summary
+
+PREFIX ?= /usr/local
+install: build
+	cmake --install build/release --prefix $(PREFIX)
+
+clean:
+	rm -rf build
