@@ -1,0 +1,157 @@
+// The module's frame: its parameters, the functions it publishes, loading and unloading.
+#include <iterator>
+
+#include "host/peers/ibat/resolver.h"
+#include "kernel/errno.h"
+#include "kernel/module.h"
+#include "kernel/printk.h"
+
+namespace
+{
+
+int32_t lifetime_seconds = 600;
+int32_t negative_seconds = 2;
+int32_t retry_ticks = 500;
+int32_t retries = 3;
+int32_t capacity = 4096;
+
+const module_parameter_t parameters[] = {
+    {"ibat_lifetime_seconds", module_parameter_int, &lifetime_seconds,
+     "How long a learned address is used before it is asked for again"},
+    {"ibat_negative_seconds", module_parameter_int, &negative_seconds,
+     "How long it is remembered that an address has no owner; 0: not at all"},
+    {"ibat_retry_ticks", module_parameter_int, &retry_ticks, "How long an attempt waits for its answer"},
+    {"ibat_retries", module_parameter_int, &retries, "How many attempts are made for an address in all"},
+    {"ibat_capacity", module_parameter_int, &capacity, "How many addresses are kept; the oldest gives way"},
+};
+
+struct range_t {
+    int32_t least;
+    int32_t most;
+};
+const range_t ranges[] = {{1, 365 * 24 * 3600}, {0, 3600}, {1, 3'600'000}, {1, 1000}, {1, 1 << 24}};
+static_assert(std::size(ranges) == std::size(parameters));
+
+ibat::resolver service;
+
+ibat_stat_t attach(get_if_info_fn_t, send_arp_data_fn_t send_arp, void* context, void** handle)
+{
+    return service.attach(send_arp, context, handle);
+}
+
+ibat_stat_t detach(void* handle)
+{
+    return service.detach(handle);
+}
+
+ibat_stat_t process_arp_data(ibat_arp_data_t* arp_data)
+{
+    return service.process_arp(*arp_data);
+}
+
+ibat_stat_t seq_cache_lookup(kq_gid_t* gid, ibat_arp_data_t* arp_data)
+{
+    return service.look_up_gid(*gid, arp_data);
+}
+
+ibat_stat_t get_ib_data(uint32_t ip, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t user_cb, void* user_context)
+{
+    return service.resolve(ip, arp_data, user_cb, user_context);
+}
+
+ibat_stat_t refresh(uint32_t ip, ibat_get_ib_data_reply_fn_t user_cb, void* user_context)
+{
+    return service.refresh(ip, user_cb, user_context);
+}
+
+int32_t cancel(ibat_get_ib_data_reply_fn_t user_cb, void* user_context)
+{
+    return service.cancel(user_cb, user_context);
+}
+
+ibat_stat_t peek(uint32_t ip, ibat_arp_data_t* arp_data)
+{
+    return service.peek(ip, arp_data);
+}
+
+int32_t cache_list(ibat_cache_entry_t* entries, int32_t capacity)
+{
+    return service.list(entries, capacity);
+}
+
+void counters(ibat_counters_t* counters)
+{
+    *counters = service.counters();
+}
+
+int32_t flush()
+{
+    return service.flush();
+}
+
+template <class function_t>
+const void* published(function_t function)
+{
+    return reinterpret_cast<const void*>(function);
+}
+
+const struct {
+    const char* name;
+    const void* function;
+} publications[] = {
+    {"ibat_attach_fn", published<ibat_attach_fn_t>(attach)},
+    {"ibat_detach_fn", published<ibat_detach_fn_t>(detach)},
+    {"ibat_process_arp_data_fn", published<ibat_process_arp_data_fn_t>(process_arp_data)},
+    {"ibat_seq_cache_lookup_fn", published<ibat_seq_cache_lookup_fn_t>(seq_cache_lookup)},
+    {"ibat_get_ib_data_fn", published<ibat_get_ib_data_fn_t>(get_ib_data)},
+    {"ibat_refresh_fn", published<ibat_refresh_fn_t>(refresh)},
+    {"ibat_cancel_fn", published<ibat_cancel_fn_t>(cancel)},
+    {"ibat_peek_fn", published<ibat_peek_fn_t>(peek)},
+    {"ibat_cache_list_fn", published<ibat_cache_list_fn_t>(cache_list)},
+    {"ibat_counters_fn", published<ibat_counters_fn_t>(counters)},
+    {"ibat_flush_fn", published<ibat_flush_fn_t>(flush)},
+};
+
+bool parameters_are_in_range()
+{
+    for (size_t i = 0; i < std::size(parameters); ++i) {
+        const int32_t value = *static_cast<const int32_t*>(parameters[i].value);
+        if (value >= ranges[i].least && value <= ranges[i].most) continue;
+        printk("ibat: %s=%d is out of range, choose %d to %d\n", parameters[i].name, value, ranges[i].least,
+               ranges[i].most);
+        return false;
+    }
+    return true;
+}
+
+int load()
+{
+    if (!parameters_are_in_range()) return -EK_INVAL;
+    ibat::resolver_limits limits{};
+    limits.cache.capacity = capacity;
+    limits.cache.lifetime_ticks = static_cast<unsigned long>(lifetime_seconds) * HZ;
+    limits.cache.negative_ticks = static_cast<unsigned long>(negative_seconds) * HZ;
+    limits.attempts = retries;
+    limits.retry_ticks = static_cast<unsigned long>(retry_ticks);
+    if (!service.open(limits)) return -EK_NOMEM;
+    for (const auto& each : publications) inter_module_register(each.name, THIS_MODULE, each.function);
+    return 0;
+}
+
+void unload()
+{
+    for (const auto& each : publications) inter_module_unregister(each.name);
+    service.close();
+}
+
+} // namespace
+
+kernel_module_t this_module = {
+    .name = "ibat",
+    .description = "IP-over-InfiniBand address cache",
+    .init = load,
+    .exit = unload,
+    .parameters = parameters,
+    .parameter_count = static_cast<int32_t>(std::size(parameters)),
+    .logger_level = nullptr,
+};

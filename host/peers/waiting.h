@@ -1,0 +1,38 @@
+// Locking and waiting the way both peers do it.
+#pragma once
+
+#include "kernel/sync.h"
+#include "kernel/time.h"
+
+// Holds a spin lock for a scope.
+class spin_guard
+{
+  public:
+    explicit spin_guard(spinlock_t* lock) : lock_(lock), flags_(spin_lock_irqsave(lock)) {}
+    ~spin_guard() { spin_unlock_irqrestore(lock_, flags_); }
+    spin_guard(const spin_guard&) = delete;
+    spin_guard& operator=(const spin_guard&) = delete;
+
+  private:
+    spinlock_t* lock_;
+    unsigned long flags_;
+};
+
+// Sleeps until `condition()` holds, whatever signals arrive. The condition is looked at under `lock`, at first and
+// after every wake-up of `queue`.
+template <class condition_t>
+void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t condition)
+{
+    const auto holds = [&] {
+        spin_guard guard(lock);
+        return condition();
+    };
+    constexpr unsigned long look_again_ticks = 60 * HZ;
+    wait_queue_t sleeper;
+    prepare_to_wait(queue, &sleeper);
+    while (!holds()) {
+        schedule_timeout_uninterruptible(look_again_ticks);
+        prepare_to_wait(queue, &sleeper);
+    }
+    finish_wait(queue, &sleeper);
+}
