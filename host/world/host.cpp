@@ -1,0 +1,79 @@
+#include "host/world/host.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "host/stack/registry.h"
+
+namespace world
+{
+
+namespace
+{
+
+constexpr const char* ats_registry_key = "dorvex/modules/ats";
+
+std::string quoted(const std::string& text)
+{
+    return '"' + text + '"';
+}
+
+} // namespace
+
+std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4)
+{
+    return {{"ibat", ""},
+            {"ucm", ""},
+            {"ats", "ats_ipaddr_str=" + quoted(ipv4) + " ats_hostName_str=" + quoted(host_name)}};
+}
+
+host::host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
+           uint64_t random_seed)
+    : plan_(plan), module_folder_(std::move(module_folder)),
+      machine_(std::make_unique<kernel::machine>(exec, plan.name, kernel::machine_options{.random_seed = random_seed}))
+{
+    for (const hca_plan& hca : plan_.hcas) machine_->plug(subnet.add_hca(plan_.name, hca.name, hca.ports));
+    machine_->enter(
+        "boot", [this] { machine_->get<stack::registry>().set(ats_registry_key, "debug-level", plan_.trace_level); });
+}
+
+host::~host()
+{
+    const kernel::load_result result = unload();
+    if (!result) std::fprintf(stderr, "%s: %s\n", name().c_str(), result.why.c_str());
+}
+
+kernel::load_result host::load()
+{
+    for (const module_plan& module : plan_.modules) {
+        const std::string image = module_folder_ + "/" + module.name + ".so";
+        kernel::load_result result = machine_->modules.insmod(image, module.parameters);
+        if (!result) return result;
+    }
+    return {};
+}
+
+kernel::load_result host::unload()
+{
+    const std::vector<std::string> loaded = machine_->modules.loaded();
+    for (auto module = loaded.rbegin(); module != loaded.rend(); ++module) {
+        kernel::load_result result = machine_->modules.rmmod(*module);
+        if (!result) return result;
+    }
+    return {};
+}
+
+std::string default_module_folder()
+{
+    if (const char* chosen = std::getenv("ATS_MODULE_DIR")) return chosen;
+    std::error_code ignored;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+    for (const char* candidate : {"../modules", "../lib/ats"}) {
+        const std::filesystem::path folder = (program / candidate).lexically_normal();
+        if (std::filesystem::exists(folder / "ats.so", ignored)) return folder.string();
+    }
+    return (program / "../modules").lexically_normal().string();
+}
+
+} // namespace world

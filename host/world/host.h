@@ -1,0 +1,68 @@
+// One host of a world: a machine with its HCAs plugged, its registry filled and its modules loaded.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/fabric/embedded/subnet.h"
+#include "host/kernel/machine.h"
+
+namespace world
+{
+
+constexpr int trace_level_error = 1;
+constexpr int trace_level_debug = 4;
+
+struct hca_plan {
+    std::string name = "mthca0";
+    int ports = 1;
+};
+
+// A module to load: the image's name in the module folder, and its parameters as insmod takes them.
+struct module_plan {
+    std::string name;
+    std::string parameters;
+};
+
+struct host_plan {
+    std::string name;
+    std::vector<hca_plan> hcas = {hca_plan{}};
+    int trace_level = trace_level_error; // of ats, in the registry
+    std::vector<module_plan> modules;    // in loading order; see usual_modules()
+};
+
+// IBAT, UCM and ats for a host of that name and address, in the order that their bindings need.
+std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4);
+
+class host
+{
+  public:
+    // Plugs the HCAs into `subnet` (links down) and fills the registry. Modules come from `module_folder`.
+    host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
+         uint64_t random_seed);
+
+    // Unloads what is loaded.
+    ~host();
+
+    kernel::machine& machine() { return *machine_; }
+    const std::string& name() const { return plan_.name; }
+    const host_plan& plan() const { return plan_; }
+
+    // Loads the planned modules in order; stops at the first that fails. What was loaded before it stays.
+    kernel::load_result load();
+
+    // Unloads every loaded module, the latest first; stops at the first refusal.
+    kernel::load_result unload();
+
+  private:
+    host_plan plan_;
+    std::string module_folder_;
+    std::unique_ptr<kernel::machine> machine_;
+};
+
+// Where the modules of this build are: beside the program, in its installation, or $ATS_MODULE_DIR.
+std::string default_module_folder();
+
+} // namespace world

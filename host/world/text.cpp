@@ -1,0 +1,63 @@
+#include "host/world/text.h"
+
+#include <arpa/inet.h>
+#include <charconv>
+#include <cstdio>
+
+namespace world
+{
+
+namespace
+{
+
+std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
+{
+    uint64_t number = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [stopped, error] = std::from_chars(digits.data(), end, number, 16);
+    if (error != std::errc() || stopped != end) return std::nullopt;
+    return number;
+}
+
+} // namespace
+
+std::optional<uint32_t> parse_ipv4(const std::string& text)
+{
+    in_addr parsed{};
+    if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) return std::nullopt;
+    return parsed.s_addr;
+}
+
+std::string format_ipv4(uint32_t ip)
+{
+    char text[INET_ADDRSTRLEN];
+    const in_addr address{ip};
+    return inet_ntop(AF_INET, &address, text, sizeof text);
+}
+
+std::optional<kq_gid_t> parse_gid(const std::string& text)
+{
+    constexpr size_t digits_per_half = 16;
+    if (text.starts_with("0x")) {
+        const std::string digits = text.substr(2);
+        if (digits.empty() || digits.size() > 2 * digits_per_half) return std::nullopt;
+        const std::string padded = std::string(2 * digits_per_half - digits.size(), '0') + digits;
+        const auto subnet = parse_hexadecimal(padded.substr(0, digits_per_half));
+        const auto eui64 = parse_hexadecimal(padded.substr(digits_per_half));
+        if (!subnet || !eui64) return std::nullopt;
+        return kq_gid_t{.eui64 = *eui64, .subnet = *subnet};
+    }
+    wire_gid_t wire;
+    if (inet_pton(AF_INET6, text.c_str(), wire.bytes) != 1) return std::nullopt;
+    return from_wire(wire);
+}
+
+std::string format_gid(const kq_gid_t& gid)
+{
+    char text[40];
+    std::snprintf(text, sizeof text, "0x%016llx%016llx", static_cast<unsigned long long>(gid.subnet),
+                  static_cast<unsigned long long>(gid.eui64));
+    return text;
+}
+
+} // namespace world

@@ -1,0 +1,23 @@
+// Addresses and GIDs as people write them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "ib-types.h"
+
+namespace world
+{
+
+// Exactly four numbers from 0 to 255 between points; network order.
+std::optional<uint32_t> parse_ipv4(const std::string& text);
+std::string format_ipv4(uint32_t ip);
+
+// "0x" and up to 32 hexadecimal digits, or the notation of IPv6 ("fe80::1").
+std::optional<kq_gid_t> parse_gid(const std::string& text);
+
+// "0x" and 32 hexadecimal digits, as the kernel log shows it and the control file takes it.
+std::string format_gid(const kq_gid_t& gid);
+
+} // namespace world
