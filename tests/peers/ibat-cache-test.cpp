@@ -1,0 +1,244 @@
+// What IBAT believes, and for how long.
+#include "tests/peers/ibat-world.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A, ip_d = 0x0400000A;
+
+TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
+{
+    for (uint64_t start : {uint64_t{0}, uint64_t{0xFFFFFFFF} - 9'000}) {
+        ibat_world world("ibat_lifetime_seconds=10", {.start_tick = start});
+        asker first, second, third;
+        EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
+        EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(start, ip_a)));
+
+        world.until(start + 40);
+        EXPECT_EQ(world.reply(world.answer(ip_a, gid_of(1), 2)), ibat_stat_ok);
+        ASSERT_EQ(first.replies.size(), 1u);
+        EXPECT_EQ(first.replies[0].status, ibat_stat_ok);
+        EXPECT_EQ(first.replies[0].tick, start + 40);
+        EXPECT_EQ(first.replies[0].record.gid, gid_of(1));
+        EXPECT_EQ(first.replies[0].record.dst_ip, ip_a);
+
+        world.until(start + 40 + 9'999);
+        EXPECT_EQ(world.ask(ip_a, second), ibat_stat_ok);
+        EXPECT_EQ(world.record.gid, gid_of(1));
+        EXPECT_EQ(world.record.local_port_num, 2u);
+        EXPECT_EQ(world.address_of(gid_of(1)), ip_a);
+        EXPECT_EQ(world.resolver.sent.size(), 1u);
+
+        world.until(start + 40 + 10'000);
+        EXPECT_EQ(world.known(ip_a), "unknown");
+        EXPECT_EQ(world.address_of(gid_of(1)), 0u);
+        EXPECT_EQ(world.ask(ip_a, third), ibat_stat_pending);
+        EXPECT_EQ(world.resolver.sent.size(), 2u);
+        EXPECT_THAT(second.replies, IsEmpty());
+    }
+}
+
+TEST(ibat_cache, aged_entries_give_their_memory_back_without_a_lookup)
+{
+    ibat_world world("ibat_lifetime_seconds=10");
+    const size_t before = world.host.memory.blocks();
+    for (uint32_t i = 1; i <= 500; ++i) world.reply(world.answer(i, gid_of(i)));
+    EXPECT_EQ(world.counters().entries, 500u);
+    world.until(20'001);
+    EXPECT_EQ(world.counters().entries, 0u);
+    EXPECT_EQ(world.host.memory.blocks(), before);
+}
+
+TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
+{
+    ibat_world world;
+    asker first, second;
+    world.ask(ip_a, first);
+    // The host's own address can be absent as well: then the reply is marked as its own, and still names no GID.
+    world.reply(world.own(ip_a, kq_gid_t{}));
+    ASSERT_EQ(first.replies.size(), 1u);
+    EXPECT_EQ(first.replies[0].status, ibat_stat_not_found);
+    EXPECT_EQ(first.replies[0].record.dst_ip, ip_a);
+    EXPECT_EQ(world.address_of(kq_gid_t{}), 0u);
+
+    world.until(1'999);
+    EXPECT_EQ(world.ask(ip_a, second), ibat_stat_not_found);
+    EXPECT_EQ(world.resolver.sent.size(), 1u);
+    world.until(2'000);
+    EXPECT_EQ(world.ask(ip_a, second), ibat_stat_pending);
+    EXPECT_EQ(world.resolver.sent.size(), 2u);
+    world.reply(world.answer(ip_a, gid_of(1)));
+    EXPECT_EQ(world.known(ip_a), "1");
+    world.reply(world.absence(ip_a)); // it has gone meanwhile
+    EXPECT_EQ(world.known(ip_a), "none");
+    EXPECT_EQ(world.address_of(gid_of(1)), 0u);
+
+    ibat_world forgetful("ibat_negative_seconds=0");
+    forgetful.reply(forgetful.answer(ip_a, gid_of(1)));
+    forgetful.reply(forgetful.absence(ip_a));
+    EXPECT_EQ(forgetful.known(ip_a), "unknown");
+}
+
+TEST(ibat_cache, full_cache_gives_up_absences_then_the_oldest_but_not_the_own_mapping)
+{
+    ibat_world world("ibat_capacity=3");
+    world.reply(world.own(0x6300000A, gid_of(99)));
+    world.reply(world.answer(ip_a, gid_of(1)));
+    world.reply(world.absence(ip_b));
+    world.reply(world.answer(ip_c, gid_of(3)));
+    EXPECT_EQ(world.known(ip_b), "unknown");
+    world.reply(world.answer(ip_a, gid_of(1))); // refreshed: now c is the oldest
+    world.reply(world.answer(ip_d, gid_of(4)));
+    EXPECT_EQ(world.known(ip_c), "unknown");
+    EXPECT_EQ(world.address_of(gid_of(3)), 0u);
+    EXPECT_EQ(world.known(ip_a), "1");
+    EXPECT_EQ(world.known(ip_d), "4");
+    EXPECT_EQ(world.known(0x6300000A), "99 own");
+    EXPECT_EQ(world.counters().entries, 3u);
+}
+
+TEST(ibat_cache, newer_answer_moves_an_address_or_a_gid)
+{
+    ibat_world world;
+    world.reply(world.answer(ip_a, gid_of(1)));
+    world.reply(world.answer(ip_b, gid_of(2)));
+    world.reply(world.answer(ip_a, gid_of(2))); // b's port took a's address
+    EXPECT_EQ(world.known(ip_a), "2");
+    EXPECT_EQ(world.known(ip_b), "unknown");
+    EXPECT_EQ(world.address_of(gid_of(1)), 0u);
+    EXPECT_EQ(world.address_of(gid_of(2)), ip_a);
+    EXPECT_EQ(world.counters().entries, 1u);
+}
+
+TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
+{
+    ibat_world world("ibat_lifetime_seconds=10");
+    world.reply(world.own(ip_a, gid_of(1), 1));
+    world.until(60'000);
+    EXPECT_EQ(world.known(ip_a), "1 own");
+    world.run([&] { world.flush(); });
+    world.reply(world.absence(ip_a));
+    world.reply(world.answer(ip_a, gid_of(9))); // another host claims the address
+    world.reply(world.answer(ip_b, gid_of(1))); // a stale record claims the GID
+    EXPECT_EQ(world.known(ip_a), "1 own");
+    EXPECT_EQ(world.address_of(gid_of(1)), ip_a);
+    EXPECT_EQ(world.known(ip_b), "unknown");
+    EXPECT_EQ(world.counters().conflicts, 2u);
+
+    world.reply(world.own(ip_b, gid_of(1), 1)); // the address has changed
+    EXPECT_EQ(world.known(ip_a), "unknown");
+    EXPECT_EQ(world.known(ip_b), "1 own");
+    world.reply(world.own(ip_b, gid_of(2), 2)); // fail-over to the second port
+    EXPECT_EQ(world.known(ip_b), "2 own");
+    EXPECT_EQ(world.address_of(gid_of(1)), 0u);
+    world.reply(world.own(ip_c, gid_of(1), 1)); // back, with another address: the other port's is only hearsay now
+    EXPECT_EQ(world.known(ip_c), "1 own");
+    EXPECT_EQ(world.known(ip_b), "2");
+    world.until(70'000);
+    EXPECT_EQ(world.known(ip_b), "unknown");
+
+    ibat_arp_data_t unnumbered = world.own(0, gid_of(7), 1); // the address was taken away from the port
+    EXPECT_EQ(world.reply(unnumbered), ibat_stat_error);
+    EXPECT_EQ(world.known(ip_c), "unknown");
+}
+
+TEST(ibat_cache, own_mapping_ages_once_the_resolver_is_gone)
+{
+    ibat_world world("ibat_lifetime_seconds=10");
+    world.reply(world.own(ip_a, gid_of(1)));
+    world.until(30'000);
+    world.run([&] { EXPECT_EQ(world.detach(world.handle), ibat_stat_ok); });
+    EXPECT_EQ(world.known(ip_a), "1");
+    world.until(40'000);
+    EXPECT_EQ(world.known(ip_a), "unknown");
+    world.until(50'001);
+    EXPECT_EQ(world.counters().entries, 0u);
+}
+
+TEST(ibat_cache, lookup_by_gid_reads_the_gid_before_it_writes_the_record_and_leaves_it_alone_on_a_miss)
+{
+    ibat_world world;
+    world.reply(world.answer(ip_a, gid_of(1), 2));
+    world.run([&] {
+        kernel::atomic_section section("completion");
+        ibat_arp_data_t record{};
+        int own_context = 0;
+        record.context = &own_context;
+        record.gid = gid_of(1);
+        EXPECT_EQ(world.look_up_gid(&record.gid, &record), ibat_stat_ok);
+        EXPECT_EQ(record.dst_ip, ip_a);
+        EXPECT_EQ(record.gid, gid_of(1));
+        EXPECT_EQ(record.mask, IBAT_MASK_DST_IP | IBAT_MASK_GID | IBAT_MASK_LOCAL_PORT_NUM);
+        EXPECT_EQ(record.context, &own_context);
+        record = {};
+        record.gid = gid_of(2);
+        EXPECT_NE(world.look_up_gid(&record.gid, &record), ibat_stat_ok);
+        EXPECT_EQ(record.gid, gid_of(2));
+        EXPECT_EQ(record.mask, 0u);
+    });
+}
+
+TEST(ibat_cache, unusable_replies_change_nothing)
+{
+    ibat_world world;
+    asker waiting;
+    world.ask(ip_a, waiting);
+    std::vector<ibat_arp_data_t> replies(6, world.answer(ip_a, gid_of(1)));
+    replies[0].arp_operation = 1;
+    replies[1].mask = 0;
+    replies[2].mask &= ~IBAT_MASK_SRC_IP;
+    replies[3].mask &= ~IBAT_MASK_DST_IP;
+    replies[4].mask &= ~IBAT_MASK_GID;
+    replies[5].src_ip = 0; // a GID lookup without a record, or a host without an address
+    for (const auto& reply : replies) EXPECT_EQ(world.reply(reply), ibat_stat_error);
+    EXPECT_THAT(waiting.replies, IsEmpty());
+    const ibat_counters_t counters = world.counters();
+    EXPECT_EQ(counters.entries, 0u);
+    EXPECT_EQ(counters.ignored, replies.size());
+    EXPECT_EQ(counters.pending, 1u);
+}
+
+TEST(ibat_cache, listing_shows_what_is_held_and_for_how_long)
+{
+    ibat_world world("ibat_lifetime_seconds=10");
+    world.reply(world.answer(ip_b, gid_of(2)));
+    world.until(300);
+    world.reply(world.own(ip_a, gid_of(1)));
+    world.reply(world.absence(ip_c));
+    world.until(1'000);
+    world.run([&] {
+        std::vector<ibat_cache_entry_t> entries(8);
+        ASSERT_EQ(world.list(entries.data(), 8), 3);
+        EXPECT_EQ(entries[0].ip, ip_a);
+        EXPECT_TRUE(entries[0].is_static);
+        EXPECT_EQ(entries[1].ip, ip_b);
+        EXPECT_EQ(entries[1].age_ticks, 1'000u);
+        EXPECT_EQ(entries[1].expires_ticks, 9'000u);
+        EXPECT_EQ(entries[2].ip, ip_c);
+        EXPECT_TRUE(entries[2].is_negative);
+        EXPECT_EQ(entries[2].expires_ticks, 1'300u);
+
+        ibat_cache_entry_t one{};
+        EXPECT_EQ(world.list(&one, 1), 3);
+        EXPECT_EQ(one.ip, ip_a);
+        EXPECT_EQ(world.flush(), 2);
+        EXPECT_EQ(world.list(&one, 1), 1);
+    });
+}
+
+TEST(ibat_module, parameters_out_of_range_are_refused_with_the_range)
+{
+    for (const char* wrong : {"ibat_lifetime_seconds=0", "ibat_negative_seconds=-1", "ibat_retry_ticks=0",
+                              "ibat_retries=0", "ibat_capacity=0"}) {
+        ibat_world world(wrong);
+        EXPECT_FALSE(world.loaded) << wrong;
+        EXPECT_THAT(world.host.log.raw(), testing::HasSubstr("out of range"));
+        EXPECT_EQ(world.host.memory.blocks(), 0u);
+    }
+}
+
+} // namespace

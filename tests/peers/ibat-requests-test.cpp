@@ -1,0 +1,230 @@
+// Requests of IBAT: joined, repeated, given up, withdrawn.
+#include "tests/peers/ibat-world.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A;
+
+// The ticks and statuses of an asker's callbacks.
+std::vector<std::pair<uint64_t, ibat_stat_t>> told(const asker& who)
+{
+    std::vector<std::pair<uint64_t, ibat_stat_t>> told;
+    for (const auto& reply : who.replies) told.emplace_back(reply.tick, reply.status);
+    return told;
+}
+
+TEST(ibat_requests, unanswered_request_is_repeated_and_given_up_to_the_tick_for_all_who_joined)
+{
+    ibat_world world;
+    asker first, joined, other;
+    world.until(7);
+    EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
+    world.until(100);
+    EXPECT_EQ(world.ask(ip_b, other), ibat_stat_pending);
+    world.until(700);
+    EXPECT_EQ(world.ask(ip_a, joined), ibat_stat_pending);
+    world.until(1'506);
+    EXPECT_THAT(first.replies, IsEmpty());
+    world.until(5'000);
+    EXPECT_THAT(told(first), ElementsAre(Pair(1'507, ibat_stat_timeout)));
+    EXPECT_THAT(told(joined), ElementsAre(Pair(1'507, ibat_stat_timeout)));
+    EXPECT_THAT(told(other), ElementsAre(Pair(1'600, ibat_stat_timeout)));
+    EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(7, ip_a), Pair(100, ip_b), Pair(507, ip_a), Pair(600, ip_b),
+                                                 Pair(1'007, ip_a), Pair(1'100, ip_b)));
+
+    world.reply(world.answer(ip_a, gid_of(1))); // too late for them, not for the next
+    EXPECT_EQ(first.replies.size() + joined.replies.size(), 2u);
+    EXPECT_EQ(world.ask(ip_a, first), ibat_stat_ok);
+
+    const ibat_counters_t counters = world.counters();
+    EXPECT_EQ(counters.requests, 2u);
+    EXPECT_EQ(counters.retries, 4u);
+    EXPECT_EQ(counters.timeouts, 2u);
+    EXPECT_EQ(counters.unsolicited, 1u);
+    EXPECT_EQ(counters.lookups, 4u);
+    EXPECT_EQ(counters.hits, 1u);
+    EXPECT_EQ(counters.misses, 3u);
+    EXPECT_EQ(counters.pending, 0u);
+}
+
+TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_error)
+{
+    struct {
+        const char* parameters;
+        std::vector<ibat_stat_t> results; // of the attempts, in order
+        uint64_t told_at;
+        ibat_stat_t told;
+    } const cases[] = {
+        {"", {ibat_stat_error, ibat_stat_error, ibat_stat_error}, 1'000, ibat_stat_error},
+        {"", {ibat_stat_error, ibat_stat_error, ibat_stat_ok}, 1'500, ibat_stat_timeout},
+        {"", {ibat_stat_ok, ibat_stat_error, ibat_stat_error}, 1'500, ibat_stat_timeout},
+        {"ibat_retries=1", {ibat_stat_error}, 0, ibat_stat_error},
+        {"ibat_retries=2 ibat_retry_ticks=30", {ibat_stat_error, ibat_stat_ok}, 60, ibat_stat_timeout},
+    };
+    for (const auto& each : cases) {
+        ibat_world world(each.parameters);
+        size_t attempt = 0;
+        world.resolver.then = [&](uint32_t) { world.resolver.result = each.results.at(attempt++); };
+        asker who;
+        EXPECT_EQ(world.ask(ip_a, who), ibat_stat_pending);
+        world.until(10'000);
+        EXPECT_THAT(told(who), ElementsAre(Pair(each.told_at, each.told)));
+        EXPECT_EQ(attempt, each.results.size());
+    }
+}
+
+TEST(ibat_requests, callback_may_ask_again_whatever_ended_the_request)
+{
+    ibat_world world("ibat_retries=1");
+    asker first, second, third;
+    first.then = [&] {
+        EXPECT_EQ(world.get_ib_data(ip_b, &world.record, asker::called_back, &second), ibat_stat_pending);
+    };
+    second.then = [&] {
+        EXPECT_EQ(world.get_ib_data(ip_c, &world.record, asker::called_back, &third), ibat_stat_pending);
+    };
+    world.ask(ip_a, first);
+    world.reply(world.answer(ip_a, gid_of(1))); // comes in a context that may not sleep
+    world.until(10'000);
+    EXPECT_THAT(told(first), ElementsAre(Pair(0, ibat_stat_ok)));
+    EXPECT_THAT(told(second), ElementsAre(Pair(500, ibat_stat_timeout)));
+    EXPECT_THAT(told(third), ElementsAre(Pair(1'000, ibat_stat_timeout)));
+}
+
+TEST(ibat_requests, answer_that_overtakes_the_sending_call_counts)
+{
+    ibat_world world;
+    asker who;
+    world.resolver.takes_ticks = 40;
+    world.resolver.then = [&](uint32_t ip) { world.reply_here(world.answer(ip, gid_of(1))); };
+    EXPECT_EQ(world.ask(ip_a, who), ibat_stat_pending);
+    world.until(10'000);
+    EXPECT_THAT(told(who), ElementsAre(Pair(40, ibat_stat_ok)));
+    EXPECT_EQ(world.resolver.sent.size(), 1u);
+    EXPECT_EQ(world.counters().requests, 1u);
+}
+
+TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
+{
+    ibat_world world;
+    asker sending, waiting, late;
+    EXPECT_EQ(world.ask(ip_a, waiting), ibat_stat_pending);
+    world.resolver.takes_ticks = 300;
+    kernel::task& slow = world.host.start("slow", [&] {
+        ibat_arp_data_t record{};
+        EXPECT_EQ(world.get_ib_data(ip_b, &record, asker::called_back, &sending), ibat_stat_pending);
+    });
+    world.until(100);
+    world.run([&] {
+        void* unused;
+        EXPECT_EQ(world.attach(nullptr, recording_resolver::send_arp, nullptr, &unused), ibat_stat_error);
+        EXPECT_EQ(world.detach(nullptr), ibat_stat_error);
+        EXPECT_EQ(world.detach(world.handle), ibat_stat_ok);
+        EXPECT_EQ(get_jiffies(), 300u);
+        EXPECT_EQ(world.resolver.running, 0);
+        EXPECT_EQ(world.detach(world.handle), ibat_stat_error); // stale
+    });
+    world.sim->join(slow);
+    EXPECT_EQ(world.ask(ip_c, late), ibat_stat_error);
+    world.until(10'000);
+    EXPECT_THAT(told(waiting), ElementsAre(Pair(100, ibat_stat_error)));
+    EXPECT_THAT(told(sending), ElementsAre(Pair(100, ibat_stat_error)));
+    EXPECT_THAT(late.replies, IsEmpty());
+    EXPECT_EQ(world.resolver.sent.size(), 2u);
+
+    world.resolver.takes_ticks = 0;
+    world.run([&] {
+        EXPECT_EQ(world.attach(nullptr, recording_resolver::send_arp, &world.resolver, &world.handle), ibat_stat_ok);
+    });
+    EXPECT_EQ(world.ask(ip_c, late), ibat_stat_pending);
+    EXPECT_EQ(world.resolver.sent.size(), 3u);
+}
+
+TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_waited_for)
+{
+    ibat_world world;
+    asker leaves, stays, slow;
+    world.ask(ip_a, leaves);
+    world.ask(ip_a, stays);
+    world.ask(ip_b, leaves);
+    world.run([&] { EXPECT_EQ(world.cancel(asker::called_back, &leaves), 2); });
+    EXPECT_EQ(world.counters().pending, 1u); // nobody waits for b any more
+    world.reply(world.answer(ip_a, gid_of(1)));
+    EXPECT_EQ(stays.replies.size(), 1u);
+
+    slow.then = [] { schedule_timeout_uninterruptible(200); };
+    world.ask(ip_c, slow);
+    world.reply(world.answer(ip_c, gid_of(3)));
+    ASSERT_EQ(slow.replies.size(), 1u);
+    world.until(50);
+    world.run([&] {
+        EXPECT_EQ(world.cancel(asker::called_back, &stays), 0);
+        EXPECT_EQ(get_jiffies(), 50u);
+        EXPECT_EQ(world.cancel(asker::called_back, &slow), 0);
+        EXPECT_EQ(get_jiffies(), 200u);
+    });
+    world.until(10'000);
+    EXPECT_THAT(leaves.replies, IsEmpty());
+    EXPECT_EQ(world.resolver.sent.size(), 3u);
+}
+
+TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
+{
+    ibat_world world;
+    asker waiting;
+    world.reply(world.own(ip_b, gid_of(2)));
+    world.reply(world.answer(ip_c, gid_of(3)));
+    world.ask(ip_a, waiting);
+    waiting.then = [&] {
+        EXPECT_EQ(world.get_ib_data(ip_a, &world.record, asker::called_back, &waiting), ibat_stat_error);
+    };
+    EXPECT_TRUE(world.unload());
+    EXPECT_EQ(waiting.replies.size(), 1u);
+    EXPECT_EQ(waiting.replies.at(0).status, ibat_stat_error);
+    EXPECT_EQ(world.host.memory.blocks(), 0u) << testing::PrintToString(world.host.memory.leaks());
+    EXPECT_THAT(world.host.inter_modules.names(), IsEmpty());
+    world.until(10'000); // no timer is left that would enter the unloaded image
+}
+
+TEST(ibat_requests, any_allocation_may_fail_without_losing_or_doubling_a_callback)
+{
+    for (uint64_t n = 1;; ++n) {
+        ibat_world world;
+        asker first, joined;
+        world.host.faults.fail_nth(n);
+        const ibat_stat_t first_status = world.ask(ip_a, first);
+        const ibat_stat_t joined_status = world.ask(ip_a, joined);
+        world.reply(world.answer(ip_a, gid_of(1)));
+        world.reply(world.answer(ip_b, gid_of(2)));
+        const bool has_failed = !world.host.faults.failed_call().empty();
+        world.host.faults.disarm();
+        for (const auto& [status, who] : {std::pair{first_status, &first}, std::pair{joined_status, &joined}}) {
+            EXPECT_TRUE(status == ibat_stat_pending || status == ibat_stat_error);
+            EXPECT_EQ(who->replies.size(), status == ibat_stat_pending ? 1u : 0u) << n;
+        }
+        EXPECT_TRUE(world.unload());
+        EXPECT_EQ(world.host.memory.blocks(), 0u);
+        if (!has_failed) break;
+        ASSERT_LT(n, 100u);
+    }
+    for (uint64_t n = 1;; ++n) {
+        ibat_world world; // loads once undisturbed, then again with the n-th call failing
+        world.unload();
+        world.host.faults.fail_nth(n);
+        const bool is_loaded = bool(world.host.modules.insmod(ATS_MODULE_DIR "/ibat.so"));
+        const bool has_failed = !world.host.faults.failed_call().empty();
+        world.host.faults.disarm();
+        EXPECT_EQ(is_loaded, !has_failed);
+        world.unload();
+        EXPECT_EQ(world.host.memory.blocks(), 0u);
+        if (!has_failed) break;
+        ASSERT_LT(n, 100u);
+    }
+}
+
+} // namespace

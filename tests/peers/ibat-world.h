@@ -1,0 +1,137 @@
+// A host with IBAT and a resolver that writes down what it is asked.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/peers/peer-world.h"
+
+struct recording_resolver {
+    std::vector<std::pair<uint64_t, uint32_t>> sent; // tick and address of each attempt, refused ones too
+    ibat_stat_t result = ibat_stat_ok;
+    unsigned long takes_ticks = 0;
+    int running = 0;
+    std::function<void(uint32_t)> then;
+
+    static ibat_stat_t send_arp(ibat_arp_data_t* arp_data, void* self, int)
+    {
+        auto* it = static_cast<recording_resolver*>(self);
+        EXPECT_TRUE(arp_data->mask & IBAT_MASK_DST_IP);
+        ++it->running;
+        it->sent.emplace_back(get_jiffies(), arp_data->dst_ip);
+        if (it->takes_ticks) schedule_timeout_uninterruptible(it->takes_ticks);
+        if (it->then) it->then(arp_data->dst_ip);
+        --it->running;
+        return it->result;
+    }
+};
+
+class ibat_world : public peer_world
+{
+  public:
+    explicit ibat_world(const std::string& parameters = "", const kernel::simulation_options& options = {})
+        : ibat_world(parameters, kernel::make_simulation(options))
+    {
+    }
+
+    ibat_world(const std::string& parameters, std::unique_ptr<kernel::executor> runs_it)
+        : peer_world("ibat", parameters, std::move(runs_it))
+    {
+        if (!loaded) return;
+        attach = published<ibat_attach_fn_t>("ibat_attach_fn");
+        detach = published<ibat_detach_fn_t>("ibat_detach_fn");
+        process = published<ibat_process_arp_data_fn_t>("ibat_process_arp_data_fn");
+        look_up_gid = published<ibat_seq_cache_lookup_fn_t>("ibat_seq_cache_lookup_fn");
+        get_ib_data = published<ibat_get_ib_data_fn_t>("ibat_get_ib_data_fn");
+        cancel = published<ibat_cancel_fn_t>("ibat_cancel_fn");
+        peek = published<ibat_peek_fn_t>("ibat_peek_fn");
+        list = published<ibat_cache_list_fn_t>("ibat_cache_list_fn");
+        read_counters = published<ibat_counters_fn_t>("ibat_counters_fn");
+        flush = published<ibat_flush_fn_t>("ibat_flush_fn");
+        run([&] { EXPECT_EQ(attach(nullptr, recording_resolver::send_arp, &resolver, &handle), ibat_stat_ok); });
+    }
+
+    ibat_stat_t ask(uint32_t ip, asker& who)
+    {
+        ibat_stat_t status{};
+        run([&] { status = get_ib_data(ip, &record, asker::called_back, &who); });
+        return status;
+    }
+
+    // A reply as the receive path hands it over, in a context that may not sleep.
+    ibat_stat_t reply(const ibat_arp_data_t& arp)
+    {
+        ibat_stat_t status{};
+        run([&] { status = reply_here(arp); });
+        return status;
+    }
+    ibat_stat_t reply_here(ibat_arp_data_t arp)
+    {
+        kernel::atomic_section section("completion");
+        return process(&arp);
+    }
+
+    static ibat_arp_data_t answer(uint32_t ip, kq_gid_t gid, uint32_t port = 1, uint32_t more_mask = 0)
+    {
+        ibat_arp_data_t arp{};
+        arp.mask = IBAT_MASK_SRC_IP | IBAT_MASK_DST_IP | IBAT_MASK_GID | IBAT_MASK_LOCAL_PORT_NUM | more_mask;
+        arp.arp_operation = IBAT_ARP_REPLY;
+        arp.src_ip = ip;
+        arp.gid = gid;
+        arp.local_port_num = port;
+        return arp;
+    }
+    static ibat_arp_data_t own(uint32_t ip, kq_gid_t gid, uint32_t port = 1)
+    {
+        return answer(ip, gid, port, IBAT_MASK_STATIC);
+    }
+    static ibat_arp_data_t absence(uint32_t ip) { return answer(ip, kq_gid_t{}); }
+
+    // What the cache holds about an address, as a text: "1", "1 own" (the GID's number), "none" or "unknown".
+    std::string known(uint32_t ip)
+    {
+        std::string text;
+        run([&] {
+            ibat_arp_data_t found{};
+            const ibat_stat_t status = peek(ip, &found);
+            text = status == ibat_stat_ok          ? std::to_string(found.gid.eui64 - gid_of(0).eui64)
+                   : status == ibat_stat_not_found ? "none"
+                                                   : "unknown";
+            if (status == ibat_stat_ok && found.mask & IBAT_MASK_STATIC) text += " own";
+        });
+        return text;
+    }
+
+    // The address of a GID by the cache, 0 for none.
+    uint32_t address_of(kq_gid_t gid)
+    {
+        uint32_t ip = 0;
+        run([&] {
+            ibat_arp_data_t found{};
+            if (look_up_gid(&gid, &found) == ibat_stat_ok) ip = found.dst_ip;
+        });
+        return ip;
+    }
+
+    ibat_counters_t counters()
+    {
+        ibat_counters_t now{};
+        run([&] { read_counters(&now); });
+        return now;
+    }
+
+    recording_resolver resolver;
+    void* handle = nullptr;
+    ibat_arp_data_t record{}; // what ask() had filled
+
+    ibat_attach_fn_t attach;
+    ibat_detach_fn_t detach;
+    ibat_process_arp_data_fn_t process;
+    ibat_seq_cache_lookup_fn_t look_up_gid;
+    ibat_get_ib_data_fn_t get_ib_data;
+    ibat_cancel_fn_t cancel;
+    ibat_peek_fn_t peek;
+    ibat_cache_list_fn_t list;
+    ibat_counters_fn_t read_counters;
+    ibat_flush_fn_t flush;
+};

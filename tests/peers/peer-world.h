@@ -1,0 +1,93 @@
+// One simulated host with a peer module loaded, reached the way other modules reach it: by published name.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "host/kernel/machine.h"
+#include "host/peers/ibat-exports.h"
+#include "kernel/sync.h"
+#include "kernel/time.h"
+
+inline std::ostream& operator<<(std::ostream& out, const kq_gid_t& gid)
+{
+    return out << std::hex << gid.subnet << ":" << gid.eui64 << std::dec;
+}
+
+class peer_world
+{
+  public:
+    // On a simulation of its own.
+    peer_world(const std::string& module, const std::string& parameters, const kernel::simulation_options& options)
+        : peer_world(module, parameters, kernel::make_simulation(options))
+    {
+    }
+
+    peer_world(std::string module, const std::string& parameters, std::unique_ptr<kernel::executor> runs_it)
+        : exec(std::move(runs_it)), sim(dynamic_cast<kernel::simulation*>(exec.get())), host(*exec, "host"),
+          module_(std::move(module))
+    {
+        loaded = host.modules.insmod(ATS_MODULE_DIR "/" + module_ + ".so", parameters);
+    }
+
+    ~peer_world() { unload(); }
+
+    kernel::load_result unload()
+    {
+        if (!host.modules.is_loaded(module_)) return {};
+        return host.modules.rmmod(module_);
+    }
+
+    // Functions stay callable while the module is loaded; no reference is kept.
+    template <class function_t>
+    function_t published(const char* name)
+    {
+        const void* function = host.inter_modules.get(name);
+        if (!function) kernel::panic("%s is not published", name);
+        host.inter_modules.put(name);
+        return reinterpret_cast<function_t>(const_cast<void*>(function));
+    }
+
+    // Runs `body` in a task of the host, then in a simulation everything that it made ready.
+    void run(const std::function<void()>& body)
+    {
+        host.enter("test", body);
+        if (sim) sim->settle();
+    }
+
+    void until(uint64_t tick) { sim->run_until(tick); }
+
+    std::unique_ptr<kernel::executor> exec;
+    kernel::simulation* sim; // null on other executors
+    kernel::machine host;
+    kernel::load_result loaded;
+
+  private:
+    std::string module_;
+};
+
+// Somebody who asks, and what he was told through callbacks.
+struct asker {
+    struct reply {
+        uint64_t tick;
+        ibat_stat_t status;
+        ibat_arp_data_t record;
+    };
+    std::vector<reply> replies;
+    std::function<void()> then; // what his callback does beyond writing down
+
+    static void called_back(ibat_stat_t status, ibat_arp_data_t* record, void* self)
+    {
+        auto* him = static_cast<asker*>(self);
+        him->replies.push_back({get_jiffies(), status, *record});
+        if (him->then) him->then();
+    }
+};
+
+inline constexpr kq_gid_t gid_of(uint64_t number)
+{
+    return {0xA0B0C0D000000000 + number, 0xFE80000000000000};
+}
