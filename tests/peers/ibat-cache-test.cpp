@@ -13,8 +13,8 @@ constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A, ip_d
 TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
 {
     for (uint64_t start : {uint64_t{0}, uint64_t{0xFFFFFFFF} - 9'000}) {
-        ibat_world world("ibat_lifetime_seconds=10", {.start_tick = start});
         asker first, second, third;
+        ibat_world world("ibat_lifetime_seconds=10", {.start_tick = start});
         EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
         EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(start, ip_a)));
 
@@ -55,8 +55,8 @@ TEST(ibat_cache, aged_entries_give_their_memory_back_without_a_lookup)
 
 TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
 {
-    ibat_world world;
     asker first, second;
+    ibat_world world;
     world.ask(ip_a, first);
     // The host's own address can be absent as well: then the reply is marked as its own, and still names no GID.
     world.reply(world.own(ip_a, kq_gid_t{}));
@@ -184,8 +184,8 @@ TEST(ibat_cache, lookup_by_gid_reads_the_gid_before_it_writes_the_record_and_lea
 
 TEST(ibat_cache, unusable_replies_change_nothing)
 {
-    ibat_world world;
     asker waiting;
+    ibat_world world;
     world.ask(ip_a, waiting);
     std::vector<ibat_arp_data_t> replies(6, world.answer(ip_a, gid_of(1)));
     replies[0].arp_operation = 1;

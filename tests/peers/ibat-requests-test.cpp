@@ -20,8 +20,8 @@ std::vector<std::pair<uint64_t, ibat_stat_t>> told(const asker& who)
 
 TEST(ibat_requests, unanswered_request_is_repeated_and_given_up_to_the_tick_for_all_who_joined)
 {
-    ibat_world world;
     asker first, joined, other;
+    ibat_world world;
     world.until(7);
     EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
     world.until(100);
@@ -67,10 +67,10 @@ TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_
         {"ibat_retries=2 ibat_retry_ticks=30", {ibat_stat_error, ibat_stat_ok}, 60, ibat_stat_timeout},
     };
     for (const auto& each : cases) {
+        asker who;
         ibat_world world(each.parameters);
         size_t attempt = 0;
         world.resolver.then = [&](uint32_t) { world.resolver.result = each.results.at(attempt++); };
-        asker who;
         EXPECT_EQ(world.ask(ip_a, who), ibat_stat_pending);
         world.until(10'000);
         EXPECT_THAT(told(who), ElementsAre(Pair(each.told_at, each.told)));
@@ -80,8 +80,8 @@ TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_
 
 TEST(ibat_requests, callback_may_ask_again_whatever_ended_the_request)
 {
-    ibat_world world("ibat_retries=1");
     asker first, second, third;
+    ibat_world world("ibat_retries=1");
     first.then = [&] {
         EXPECT_EQ(world.get_ib_data(ip_b, &world.record, asker::called_back, &second), ibat_stat_pending);
     };
@@ -98,8 +98,8 @@ TEST(ibat_requests, callback_may_ask_again_whatever_ended_the_request)
 
 TEST(ibat_requests, answer_that_overtakes_the_sending_call_counts)
 {
-    ibat_world world;
     asker who;
+    ibat_world world;
     world.resolver.takes_ticks = 40;
     world.resolver.then = [&](uint32_t ip) { world.reply_here(world.answer(ip, gid_of(1))); };
     EXPECT_EQ(world.ask(ip_a, who), ibat_stat_pending);
@@ -109,10 +109,39 @@ TEST(ibat_requests, answer_that_overtakes_the_sending_call_counts)
     EXPECT_EQ(world.counters().requests, 1u);
 }
 
+TEST(ibat_requests, refresh_asks_whatever_the_cache_holds_and_the_answer_corrects_it)
+{
+    asker sure, too;
+    ibat_world world;
+    const auto refresh = [&](asker& who) {
+        world.run([&] { EXPECT_EQ(world.refresh(ip_a, asker::called_back, &who), ibat_stat_pending); });
+    };
+    world.reply(world.answer(ip_a, gid_of(1)));
+    refresh(sure);
+    refresh(too);
+    EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(0, ip_a))); // one request for both
+    world.reply(world.answer(ip_a, gid_of(2)));
+    EXPECT_THAT(told(sure), ElementsAre(Pair(0, ibat_stat_ok)));
+    EXPECT_THAT(told(too), ElementsAre(Pair(0, ibat_stat_ok)));
+    EXPECT_EQ(sure.replies[0].record.gid, gid_of(2));
+    EXPECT_EQ(world.known(ip_a), "2");
+
+    refresh(sure);
+    world.reply(world.absence(ip_a));
+    EXPECT_EQ(told(sure).back(), std::pair(uint64_t{0}, ibat_stat_not_found));
+    refresh(sure);
+    world.until(5'000);
+    EXPECT_EQ(told(sure).back(), std::pair(uint64_t{1'500}, ibat_stat_timeout));
+    world.run([&] {
+        EXPECT_EQ(world.detach(world.handle), ibat_stat_ok);
+        EXPECT_EQ(world.refresh(ip_a, asker::called_back, &sure), ibat_stat_error);
+    });
+}
+
 TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
 {
-    ibat_world world;
     asker sending, waiting, late;
+    ibat_world world;
     EXPECT_EQ(world.ask(ip_a, waiting), ibat_stat_pending);
     world.resolver.takes_ticks = 300;
     kernel::task& slow = world.host.start("slow", [&] {
@@ -147,8 +176,8 @@ TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
 
 TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_waited_for)
 {
-    ibat_world world;
     asker leaves, stays, slow;
+    ibat_world world;
     world.ask(ip_a, leaves);
     world.ask(ip_a, stays);
     world.ask(ip_b, leaves);
@@ -175,8 +204,8 @@ TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_wait
 
 TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
 {
-    ibat_world world;
     asker waiting;
+    ibat_world world;
     world.reply(world.own(ip_b, gid_of(2)));
     world.reply(world.answer(ip_c, gid_of(3)));
     world.ask(ip_a, waiting);
@@ -194,8 +223,8 @@ TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
 TEST(ibat_requests, any_allocation_may_fail_without_losing_or_doubling_a_callback)
 {
     for (uint64_t n = 1;; ++n) {
-        ibat_world world;
         asker first, joined;
+        ibat_world world;
         world.host.faults.fail_nth(n);
         const ibat_stat_t first_status = world.ask(ip_a, first);
         const ibat_stat_t joined_status = world.ask(ip_a, joined);

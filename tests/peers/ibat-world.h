@@ -43,6 +43,7 @@ class ibat_world : public peer_world
         process = published<ibat_process_arp_data_fn_t>("ibat_process_arp_data_fn");
         look_up_gid = published<ibat_seq_cache_lookup_fn_t>("ibat_seq_cache_lookup_fn");
         get_ib_data = published<ibat_get_ib_data_fn_t>("ibat_get_ib_data_fn");
+        refresh = published<ibat_refresh_fn_t>("ibat_refresh_fn");
         cancel = published<ibat_cancel_fn_t>("ibat_cancel_fn");
         peek = published<ibat_peek_fn_t>("ibat_peek_fn");
         list = published<ibat_cache_list_fn_t>("ibat_cache_list_fn");
@@ -129,6 +130,7 @@ class ibat_world : public peer_world
     ibat_process_arp_data_fn_t process;
     ibat_seq_cache_lookup_fn_t look_up_gid;
     ibat_get_ib_data_fn_t get_ib_data;
+    ibat_refresh_fn_t refresh;
     ibat_cancel_fn_t cancel;
     ibat_peek_fn_t peek;
     ibat_cache_list_fn_t list;

@@ -69,7 +69,7 @@ class peer_world
     std::string module_;
 };
 
-// Somebody who asks, and what he was told through callbacks.
+// Somebody who asks, and what he was told through callbacks. Outlives the world, whose end may still call him back.
 struct asker {
     struct reply {
         uint64_t tick;

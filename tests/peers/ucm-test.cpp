@@ -133,8 +133,8 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(testing::Message() << "case " << &each - cases);
-        ucm_world world;
         asker who;
+        ucm_world world;
         world.provider.result = each.result;
         if (each.before != none) world.provider.before_return = [&](const auto& owed) { owed.make(each.before); };
         EXPECT_EQ(world.ask(1, who), each.returned);
@@ -158,8 +158,8 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
 
 TEST(ucm, detach_waits_for_a_running_call_and_ends_what_is_outstanding_once)
 {
-    ucm_world world;
     asker outstanding, calling, failing, late;
+    ucm_world world;
     world.ask(1, outstanding);
     world.provider.takes_ticks = 300;
     kernel::task& slow = world.host.start("slow", [&] {
@@ -189,8 +189,8 @@ TEST(ucm, detach_waits_for_a_running_call_and_ends_what_is_outstanding_once)
 
 TEST(ucm, callback_may_ask_again_and_a_withdrawn_asker_hears_nothing)
 {
-    ucm_world world;
     asker first, second, leaves;
+    ucm_world world;
     first.then = [&] {
         const kq_gid_t gid = gid_of(2);
         EXPECT_EQ(world.get_ip(&gid, &world.record, asker::called_back, &second), ibat_stat_pending);
