@@ -1,0 +1,43 @@
+// Hosts on one simulated fabric, registered at its SA and ready to be measured.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/world/host.h"
+
+struct bench_world {
+    explicit bench_world(int count)
+    {
+        for (int i = 1; i <= count; ++i) {
+            world::host_plan plan;
+            plan.name = "node" + std::to_string(i);
+            plan.modules = world::usual_modules(plan.name, address_of(i));
+            hosts.push_back(
+                std::make_unique<world::host>(*sim, subnet, plan, ATS_MODULE_DIR, static_cast<uint64_t>(i)));
+        }
+    }
+    ~bench_world() { hosts.clear(); }
+
+    static std::string address_of(int number)
+    {
+        return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
+    }
+
+    // Loads every host and brings its link up; returns what went wrong, or "".
+    std::string bring_up()
+    {
+        for (const auto& host : hosts) {
+            if (const kernel::load_result loaded = host->load(); !loaded) return loaded.why;
+            if (const embedded::outcome up = subnet.link_up(host->name(), host->plan().hcas[0].name, 1); !up)
+                return up.why;
+        }
+        sim->run_for(1);
+        return "";
+    }
+
+    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    embedded::subnet subnet{*sim};
+    std::vector<std::unique_ptr<world::host>> hosts;
+};

@@ -1,0 +1,94 @@
+// What the module does for every request and every trace line, each beside a measure that explains it. The module hides
+// these steps, so that its source is part of this unit.
+#include <benchmark/benchmark.h>
+
+#include "ib-code/ats/ats-sa-mad.cpp"
+
+std::atomic<int32_t> ATS_trace_level;
+std::atomic<int32_t> logger_trace_level;
+
+void ats_process_sa_reply(uint16_t, ats_context_t*) {}
+
+namespace
+{
+
+struct sender {
+    sender()
+    {
+        context.service_id = 0x10000CE100415453;
+        context.num_of_hca_ports = 1;
+        context.host_name.store({"node1"});
+        ats_port_ctx_t& port = context.ib_ports[0];
+        port.port_num = 1;
+        port.port_gid.store({.eui64 = 0x0A0B0C0D0E0F1011, .subnet = 0xFE80000000000000});
+        port.ats_context = &context;
+        context.active_port = &port;
+    }
+
+    ats_context_t context{};
+    gsi_dtgrm_t datagram{};
+    ibat_arp_data_t query{};
+};
+
+void clear_and_copy_256_bytes(benchmark::State& state)
+{
+    uint8_t from[MAD_SIZE] = {1}, to[MAD_SIZE];
+    for (auto _ : state) {
+        memset(to, 0, sizeof to);
+        benchmark::DoNotOptimize(to);
+        benchmark::ClobberMemory();
+        memcpy(to, from, sizeof to);
+        benchmark::DoNotOptimize(to);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(clear_and_copy_256_bytes);
+
+template <ats_sa_op_t op>
+void encode_request(benchmark::State& state)
+{
+    sender from;
+    constexpr bool is_get = op == ATS_GET_SR_ARP_OP || op == ATS_GET_SR_RARP_OP;
+    for (auto _ : state) {
+        encode(&from.datagram, &from.context, from.context.active_port, op, &from.query, op == ATS_SET_SR_OP, is_get,
+               0);
+        benchmark::DoNotOptimize(from.datagram);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(encode_request<ATS_SET_SR_OP>);
+BENCHMARK(encode_request<ATS_DEL_SR_OP>);
+BENCHMARK(encode_request<ATS_GET_SR_ARP_OP>);
+BENCHMARK(encode_request<ATS_GET_SR_RARP_OP>);
+
+void decode_reply(benchmark::State& state)
+{
+    sender from;
+    encode(&from.datagram, &from.context, from.context.active_port, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    for (auto _ : state) {
+        from.context.rcv_arp_data = {};
+        benchmark::DoNotOptimize(ats_sa_gsi_decode_recv_dtgrm(from.context.active_port, &from.datagram));
+        benchmark::DoNotOptimize(from.context.rcv_arp_data);
+    }
+}
+BENCHMARK(decode_reply);
+
+void empty_loop(benchmark::State& state)
+{
+    for (auto _ : state) benchmark::ClobberMemory();
+}
+BENCHMARK(empty_loop);
+
+// The argument would stop the program if it were evaluated.
+void trace_line_that_is_off(benchmark::State& state)
+{
+    for (auto _ : state) {
+        ATS_DEBUG("%d\n", (abort(), 0));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(trace_line_that_is_off);
+
+} // namespace
+
+BENCHMARK_MAIN();
