@@ -1,6 +1,5 @@
 #include "host/stack/datagram-pool.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -13,9 +12,6 @@
 #endif
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
-#else
-#define ASAN_POISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
-#define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
 #endif
 
 namespace stack
@@ -24,17 +20,19 @@ namespace stack
 namespace
 {
 
-constexpr size_t client_part = offsetof(gsi_dtgrm_t, mad);
 constexpr size_t address_part = offsetof(gsi_dtgrm_t, rmpp_payload);
 
 // The address sanitizer finds who uses a datagram that is in its pool.
-void allow_use(gsi_dtgrm_t& datagram, bool allowed)
+void allow_use([[maybe_unused]] gsi_dtgrm_t& datagram, [[maybe_unused]] bool allowed)
 {
+#ifdef __SANITIZE_ADDRESS__
+    constexpr size_t client_part = offsetof(gsi_dtgrm_t, mad);
     char* begin = reinterpret_cast<char*>(&datagram) + client_part;
     if (allowed)
-        ASAN_UNPOISON_MEMORY_REGION(begin, sizeof datagram - client_part);
+        __asan_unpoison_memory_region(begin, sizeof datagram - client_part);
     else
-        ASAN_POISON_MEMORY_REGION(begin, sizeof datagram - client_part);
+        __asan_poison_memory_region(begin, sizeof datagram - client_part);
+#endif
 }
 
 } // namespace

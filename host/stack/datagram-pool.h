@@ -2,6 +2,7 @@
 // for the first time, so that a large pool costs what is used of it.
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>

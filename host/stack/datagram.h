@@ -30,11 +30,11 @@ struct datagram_step {
     uint8_t port;
 };
 
-// Written by whoever has the datagram; only `state` may be looked at by others.
+// Touched by whoever has the datagram in hand; others may look at its state.
 class datagram_record
 {
   public:
-    // Gives the datagram its private area. It is aligned as this record is, and out of its pool.
+    // Makes the record of a datagram that was never out of its pool, and is aligned for it.
     static datagram_record& make(gsi_dtgrm_t& datagram, datagram_pool& home);
 
     // The record of a datagram that a client hands to `call`. A hard error when it is none of a pool's.

@@ -51,7 +51,7 @@ kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !name || flags != shared_use || !hca) return kq_return_err_general;
-    const kq_hca_h_t opened = home.get<stack::verbs>().open(name->name);
+    kq_hca_h_t opened = home.get<stack::verbs>().open(name->name);
     if (!opened) return kq_return_err_invalid_hca;
     *hca = opened;
     return kq_return_ok;

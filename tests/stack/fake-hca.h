@@ -51,16 +51,17 @@ struct fake_hca final : fabric::hca {
     fabric::listener* listener = nullptr;
 };
 
-// A machine with that HCA in it.
-struct machine_with_fake : one_machine {
+struct plugged_fake {
+    fake_hca hca;
+};
+
+// A machine with that HCA in it, which outlives it.
+struct machine_with_fake : plugged_fake, one_machine {
     explicit machine_with_fake(const kernel::simulation_options& options = {}) : one_machine(options)
     {
         host.plug(hca);
     }
-    ~machine_with_fake() { finish(); }
 
     // Runs everything that is ready now.
     void settle() const { sim->settle(); }
-
-    fake_hca hca;
 };

@@ -11,6 +11,24 @@ using testing::ElementsAre;
 namespace
 {
 
+stack::gsi_counts counts_of(machine_with_fake& at)
+{
+    return at.host.get<stack::gsi>().adapters().at(0).counts;
+}
+
+size_t free_in_pool(machine_with_fake& at)
+{
+    return at.host.get<stack::gsi>().pools().at(0).free;
+}
+
+sa_mad_v2_t answer(uint64_t transaction_id, uint8_t method = test::get_response, uint8_t mgt_class = MAD_CLASS_SUBN_ADM)
+{
+    sa_mad_v2_t mad = test::request(method, 0, {}, transaction_id);
+    mad.hdr.m.r = method >> 7;
+    mad.hdr.mgt_class = mgt_class;
+    return mad;
+}
+
 TEST(gsi, supplies_on_the_wire_what_clients_leave_to_it)
 {
     machine_with_fake at;
@@ -24,7 +42,9 @@ TEST(gsi, supplies_on_the_wire_what_clients_leave_to_it)
         uint64_t id = 0;
         ASSERT_EQ(gsi_post_send_dtgrm(client.classes[1], datagram, &id), 0);
         EXPECT_THAT(client.lines, ElementsAre()) << "a completion never comes inside the post";
-        ASSERT_NE(client.post(1), id);
+        datagram = client.make();
+        datagram->rqk = 0x1234;
+        ASSERT_EQ(gsi_post_send_dtgrm(client.classes[0], datagram, nullptr), 0);
         client.close();
         EXPECT_THAT(client.lines, ElementsAre("sent 1 on port 2", "sent 2"));
 
@@ -38,9 +58,201 @@ TEST(gsi, supplies_on_the_wire_what_clients_leave_to_it)
         EXPECT_EQ(to.qpn, 1u);
         EXPECT_EQ(to.q_key, 0x80010000u);
         EXPECT_EQ(to.p_key_index, 0);
-        sa_mad_v2_t expected = test::request(MAD_METHOD_GET, test::mask_gid_lookup, {}, id); // in wire order
-        EXPECT_EQ(mad, test::bytes_of(expected));
+        EXPECT_EQ(id, 1u);
+        EXPECT_EQ(mad, test::bytes_of(test::request(MAD_METHOD_GET, test::mask_gid_lookup, {}, id)));
+        EXPECT_EQ(at.hca.sent[1].destination.q_key, 0x1234u);
     });
+}
+
+TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
+{
+    machine_with_fake at;
+    at.run([&] {
+        gsi_client client;
+        client.then = [&](const gsi_dtgrm_t* datagram) {
+            if (client.lines.size() == 2) client.post(1); // from a callback: queued behind what is there
+            if (client.lines.size() != 3) return;
+            EXPECT_EQ(datagram->rlid, 77);
+            EXPECT_EQ(datagram->sl, 4);
+            EXPECT_EQ(datagram->pkey_idx, 2);
+        };
+        client.post(2);
+        at.hca.arrive(1, answer(50));
+        at.hca.arrive(2, answer(51), {.lid = 77, .sl = 4, .p_key_index = 2});
+        client.post(1);
+        at.hca.arrive(1, answer(50)); // twice is the client's business
+        schedule_timeout_uninterruptible(1);
+        EXPECT_THAT(client.lines,
+                    ElementsAre("sent 1 on port 2", "got 50", "got 51 on port 2", "sent 2", "got 50", "sent 3"));
+        client.close();
+        EXPECT_EQ(counts_of(at).completed, 3u);
+        EXPECT_EQ(counts_of(at).delivered, 3u);
+    });
+}
+
+TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
+{
+    constexpr uint8_t performance_management = 0x04;
+    constexpr uint64_t receive_pool = 256;
+    machine_with_fake at;
+    at.run([&] {
+        gsi_client client(1, 1);
+        at.hca.arrive(1, answer(1, MAD_METHOD_GET));
+        at.hca.arrive(1, answer(2, test::get_response, performance_management));
+        at.hca.arrive(2, answer(3)); // the class is not registered there
+        sa_mad_v2_t of_another_version = answer(4);
+        of_another_version.hdr.class_ver = 1;
+        at.hca.arrive(1, of_another_version); // the client's to judge
+        schedule_timeout_uninterruptible(1);
+        EXPECT_THAT(client.lines, ElementsAre("got 4"));
+        EXPECT_EQ(counts_of(at).dropped_no_response, 1u);
+        EXPECT_EQ(counts_of(at).dropped_no_class, 2u);
+
+        client.keep = true;
+        for (uint64_t i = 0; i < receive_pool + 5; ++i) at.hca.arrive(1, answer(i));
+        schedule_timeout_uninterruptible(1);
+        EXPECT_EQ(client.kept.size(), receive_pool);
+        EXPECT_EQ(counts_of(at).dropped_no_datagram, 5u);
+        for (gsi_dtgrm_t* each : client.kept) gsi_dtgrm_pool_put(each);
+        at.hca.arrive(1, answer(9));
+        schedule_timeout_uninterruptible(1);
+        EXPECT_EQ(client.lines.back(), "got 9");
+        gsi_dtgrm_pool_put(client.kept.back());
+        client.close();
+    });
+}
+
+TEST(gsi, a_pool_runs_out_and_a_refused_post_leaves_the_datagram_as_it_was)
+{
+    machine_with_fake at;
+    at.run([&] {
+        gsi_client client(3);
+        for (int i = 0; i < 3; ++i) client.post();
+        EXPECT_EQ(client.make(), nullptr);
+        schedule_timeout_uninterruptible(1);
+        EXPECT_EQ(free_in_pool(at), 3u);
+
+        gsi_dtgrm_t* datagram = client.make();
+        gsi_dtgrm_t before;
+        memcpy(&before, datagram, sizeof before);
+        at.hca.accepts = false;
+        EXPECT_LT(gsi_post_send_dtgrm(client.classes[0], datagram, nullptr), 0);
+        EXPECT_EQ(memcmp(before.mad, datagram->mad, sizeof before - offsetof(gsi_dtgrm_t, mad)), 0);
+        at.hca.accepts = true;
+        EXPECT_EQ(gsi_post_send_dtgrm(client.classes[0], datagram, nullptr), 0);
+        schedule_timeout_uninterruptible(1);
+        EXPECT_EQ(free_in_pool(at), 3u);
+        EXPECT_EQ(counts_of(at).refused, 1u);
+        EXPECT_EQ(counts_of(at).posted, 4u);
+        client.close();
+    });
+}
+
+TEST(gsi, a_class_ends_only_when_nothing_of_it_is_under_way)
+{
+    machine_with_fake at;
+    at.run([&] {
+        gsi_client client(2, 1);
+        gsi_class_t* handle = client.classes[0];
+        int refused_inside = 0;
+        client.then = [&](gsi_dtgrm_t*) { refused_inside += gsi_deregister_class(handle) != 0; };
+        client.post();
+        EXPECT_NE(gsi_deregister_class(handle), 0) << "a send has not completed";
+        schedule_timeout_uninterruptible(1);
+        at.hca.arrive(1, answer(5));
+        EXPECT_NE(gsi_deregister_class(handle), 0) << "an answer is not delivered";
+        schedule_timeout_uninterruptible(1);
+        EXPECT_EQ(refused_inside, 2) << "a callback is running";
+        client.close();
+
+        at.hca.listener = nullptr; // nobody may be told any more
+        EXPECT_NE(gsi_deregister_class(handle), 0);
+        gsi_client next(2, 1);
+        EXPECT_NE(next.classes[0], handle);
+        gsi_dtgrm_t* datagram = next.make();
+        EXPECT_NE(gsi_post_send_dtgrm(handle, datagram, nullptr), 0) << "a stale handle";
+        gsi_dtgrm_pool_put(datagram);
+        next.post();
+        next.close();
+        EXPECT_THAT(client.lines, ElementsAre("sent 1", "got 5"));
+        EXPECT_THAT(next.lines, ElementsAre("sent 2"));
+    });
+}
+
+TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
+{
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    struct {
+        const char* panic;
+        void (*misuse)(gsi_client& client, machine_with_fake& at);
+    } const cases[] = {
+        {"put: datagram .* of pool 'client' is back in its pool: taken at tick 0, put at tick 0",
+         [](gsi_client& client, machine_with_fake&) {
+             gsi_dtgrm_t* datagram = client.make();
+             gsi_dtgrm_pool_put(datagram);
+             gsi_dtgrm_pool_put(datagram);
+         }},
+        {"put: .* is posted and has not completed: taken at tick 0, posted at tick 5 by class 3 of port 2",
+         [](gsi_client& client, machine_with_fake&) {
+             gsi_dtgrm_t* datagram = client.make();
+             schedule_timeout_uninterruptible(5);
+             gsi_post_send_dtgrm(client.classes[1], datagram, nullptr);
+             gsi_dtgrm_pool_put(datagram);
+         }},
+        {"post_send_dtgrm: .* is posted and has not completed",
+         [](gsi_client& client, machine_with_fake&) {
+             gsi_dtgrm_t* datagram = client.make();
+             gsi_post_send_dtgrm(client.classes[0], datagram, nullptr);
+             gsi_post_send_dtgrm(client.classes[0], datagram, nullptr);
+         }},
+        {"post_send_dtgrm: .* is back in its pool: taken at tick 1, .*sent at tick 1 by class 3 of port 1, put at tick "
+         "2",
+         [](gsi_client& client, machine_with_fake&) {
+             client.keep = true;
+             schedule_timeout_uninterruptible(1);
+             client.post();
+             schedule_timeout_uninterruptible(1);
+             gsi_dtgrm_pool_put(client.kept[0]);
+             gsi_post_send_dtgrm(client.classes[0], client.kept[0], nullptr);
+         }},
+        {"put: 0x[0-9a-f]+ is not a datagram of any pool",
+         [](gsi_client&, machine_with_fake&) {
+             gsi_dtgrm_t of_nobody{};
+             gsi_dtgrm_pool_put(&of_nobody);
+         }},
+        {"does not come back to pool 'client', which goes with 15 of 16 free: taken at tick 0",
+         [](gsi_client& client, machine_with_fake&) {
+             client.make();
+             gsi_dtgrm_pool_destroy(client.pool);
+         }},
+        {"down may sleep, and is called in GSI completion of mthca0",
+         [](gsi_client& client, machine_with_fake&) {
+             semaphore sem;
+             sema_init(&sem, 1);
+             client.then = [&](gsi_dtgrm_t*) { down(&sem); };
+             client.post();
+             schedule_timeout_uninterruptible(1);
+         }},
+        {"pool 'mthca0 receive', which goes with 255 of 256 free: received at .* by class 3 of port 1, delivered",
+         [](gsi_client& client, machine_with_fake& at) {
+             client.keep = true;
+             at.hca.arrive(1, answer(1));
+             client.close();
+         }},
+        {"machine node1 goes while datagram pool 'client' exists", [](gsi_client&, machine_with_fake&) {}},
+        {"machine node1 goes while class 3 of port 1 of mthca0 is registered",
+         [](gsi_client& client, machine_with_fake&) { gsi_dtgrm_pool_destroy(client.pool); }},
+    };
+    for (const auto& each : cases)
+        EXPECT_DEATH(
+            {
+                machine_with_fake at;
+                at.run([&] {
+                    gsi_client client;
+                    each.misuse(client, at);
+                });
+            },
+            each.panic);
 }
 
 } // namespace

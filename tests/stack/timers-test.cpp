@@ -10,50 +10,37 @@ using testing::ElementsAre;
 namespace
 {
 
-// A timer with a story: writes down when it ran, as "name@tick", and does what it is told.
-struct story {
-    story(std::vector<std::string>& log, std::string its_name, bool never_sleeps, std::function<void(timing_t&)> does)
-        : lines(log), name(std::move(its_name)), then(std::move(does)), atomic(never_sleeps)
-    {
-    }
-    story(const story&) = delete;
-    story& operator=(const story&) = delete;
-
-    void arm(uint64_t tick)
-    {
-        if (!prepared) {
-            init_timing(&timer);
-            timer.function = [](unsigned long self) { reinterpret_cast<story*>(self)->run(); };
-            timer.data = reinterpret_cast<unsigned long>(this);
-            timer.atomic = atomic;
-            prepared = true;
-        }
-        timer.expires = tick;
-        add_timing(&timer);
-    }
-    void run()
-    {
-        lines.push_back(name + "@" + std::to_string(get_jiffies()));
-        if (then) then(timer);
-    }
-
-    std::vector<std::string>& lines;
-    std::string name;
-    std::function<void(timing_t&)> then;
-    bool atomic;
-    bool prepared = false;
-    timing_t timer;
-};
-
 class timers_test : public testing::Test
 {
   protected:
-    story& make(const std::string& name, bool atomic, std::function<void(timing_t&)> then = {})
+    struct story {
+        timing_t timer;
+        std::string name;
+        std::function<void(timing_t&)> then;
+        std::vector<std::string>& lines;
+    };
+
+    // A timer that writes down when it ran, as "name@tick", and does what it is told. By a task.
+    timing_t& arm(const std::string& name, bool atomic, uint64_t tick, std::function<void(timing_t&)> then = {})
     {
-        stories.push_back(std::make_unique<story>(lines, name, atomic, std::move(then)));
-        return *stories.back();
+        stories.push_back(std::unique_ptr<story>(new story{{}, name, std::move(then), lines}));
+        timing_t& timer = stories.back()->timer;
+        init_timing(&timer);
+        timer.function = [](unsigned long self) {
+            auto* run = reinterpret_cast<story*>(self);
+            run->lines.push_back(run->name + "@" + std::to_string(get_jiffies()));
+            if (run->then) run->then(run->timer);
+        };
+        timer.data = reinterpret_cast<unsigned long>(stories.back().get());
+        timer.atomic = atomic;
+        move(timer, tick);
+        return timer;
     }
-    size_t armed() { return at.host.get<stack::timers>().armed(); }
+    static void move(timing_t& timer, uint64_t tick)
+    {
+        timer.expires = tick;
+        add_timing(&timer);
+    }
 
     std::vector<std::string> lines;
     std::vector<std::unique_ptr<story>> stories;
@@ -63,39 +50,36 @@ class timers_test : public testing::Test
 TEST_F(timers_test, run_at_their_tick_and_those_of_one_tick_in_order)
 {
     at.run([&] {
-        make("late", true).arm(130);
-        make("sleeper b", false).arm(120);
-        make("sleeper a", false).arm(119);
-        make("atomic 1", true).arm(120);
-        make("atomic 2", true).arm(120);
-        make("past", false).arm(7);
+        arm("late", true, 130);
+        arm("sleeper b", false, 120);
+        arm("sleeper a", false, 119);
+        arm("atomic 1", true, 120);
+        arm("atomic 2", true, 120);
+        arm("past", false, 7);
         spinlock_t lock;
         spin_lock_init(&lock);
-        story& under_lock = make("under lock", true);
         const unsigned long flags = spin_lock_irqsave(&lock);
-        under_lock.arm(120);
+        arm("under lock", true, 120);
         spin_unlock_irqrestore(&lock, flags);
-        EXPECT_EQ(armed(), 7u);
     });
     at.sim->run_until(129);
     EXPECT_THAT(lines, ElementsAre("past@100", "sleeper a@119", "atomic 1@120", "atomic 2@120", "under lock@120",
                                    "sleeper b@120"));
+    EXPECT_EQ(at.host.get<stack::timers>().armed(), 1u);
     at.sim->run_until(200);
     EXPECT_EQ(lines.back(), "late@130");
-    EXPECT_EQ(armed(), 0u);
 }
 
 TEST_F(timers_test, arming_again_moves_a_timer_and_a_handler_may_arm_its_own)
 {
     at.run([&] {
         for (const bool atomic : {true, false}) {
-            make("moved", atomic).arm(110);
-            stories.back()->arm(150);
-            stories.back()->arm(140);
-            make("periodic", atomic, [](timing_t& self) {
-                self.expires = get_jiffies() + 100;
-                if (get_jiffies() < 300) add_timing(&self);
-            }).arm(105);
+            timing_t& moved = arm("moved", atomic, 110);
+            move(moved, 150);
+            move(moved, 140);
+            arm("periodic", atomic, 105, [](timing_t& self) {
+                if (get_jiffies() < 300) move(self, get_jiffies() + 100);
+            });
         }
     });
     at.sim->run_until(1000);
@@ -106,88 +90,70 @@ TEST_F(timers_test, arming_again_moves_a_timer_and_a_handler_may_arm_its_own)
 TEST_F(timers_test, a_handler_that_sleeps_delays_its_like_but_no_other)
 {
     kernel::machine other{*at.sim, "node2"};
-    std::vector<std::string> other_lines;
-    story neighbour(other_lines, "neighbour", false, {});
     at.run([&] {
-        make("slow", false, [](timing_t&) { schedule_timeout_uninterruptible(50); }).arm(110);
-        make("waits", false).arm(120);
-        make("atomic", true).arm(120);
+        arm("slow", false, 110, [](timing_t&) { schedule_timeout_uninterruptible(50); });
+        arm("waits", false, 120);
+        arm("atomic", true, 120);
     });
-    other.enter("test", [&] { neighbour.arm(120); });
+    other.enter("test", [&] { arm("neighbour", false, 121); });
     at.sim->run_until(200);
-    EXPECT_THAT(lines, ElementsAre("slow@110", "atomic@120", "waits@160"));
-    EXPECT_THAT(other_lines, ElementsAre("neighbour@120"));
+    EXPECT_THAT(lines, ElementsAre("slow@110", "atomic@120", "neighbour@121", "waits@160"));
 }
 
 TEST_F(timers_test, deletion_waits_for_the_handler_and_voids_its_arming)
 {
     at.run([&] {
-        story& slow = make("slow", false, [](timing_t& self) {
+        timing_t& slow = arm("slow", false, 110, [](timing_t& self) {
+            if (get_jiffies() > 110) return;
             schedule_timeout_uninterruptible(50);
-            self.expires = get_jiffies();
-            add_timing(&self);
+            move(self, get_jiffies());
         });
-        slow.arm(110);
         schedule_timeout_uninterruptible(20);
-        del_timing_sync(&slow.timer);
+        del_timing_sync(&slow);
         EXPECT_EQ(get_jiffies(), 160u);
-        schedule_timeout_uninterruptible(20);
-        EXPECT_THAT(lines, ElementsAre("slow@110"));
-
-        slow.then = {};
-        slow.arm(200); // deleted is not dead
-        schedule_timeout_uninterruptible(30);
-        EXPECT_THAT(lines, ElementsAre("slow@110", "slow@200"));
-
-        slow.arm(300);
-        del_timing_sync(&slow.timer); // disarms at once
-        EXPECT_EQ(get_jiffies(), 210u);
+        move(slow, 200); // deleted is not dead
+        schedule_timeout_uninterruptible(50);
+        move(slow, 300);
+        del_timing_sync(&slow);
+        EXPECT_EQ(get_jiffies(), 210u) << "nothing runs";
     });
     at.sim->run_until(400);
-    EXPECT_EQ(lines.size(), 2u);
+    EXPECT_THAT(lines, ElementsAre("slow@110", "slow@200"));
 }
 
-TEST(timers, a_deleted_timer_never_runs_whatever_the_interleaving)
+TEST_F(timers_test, deleted_never_run_whatever_the_interleaving)
 {
     bool ran_before = false;
     bool never_ran = false;
     for (uint64_t seed = 1; seed <= 200; ++seed) {
-        std::vector<std::string> lines;
-        one_machine at({.seed = seed, .explore_switches = true});
-        story busy(lines, "busy", seed % 2 == 0, [](timing_t& self) { add_timing(&self); });
-        at.at(10, "owner", [&] {
-            busy.arm(10);
-            for (uint64_t i = 0; i < seed % 5; ++i) at.sim->switch_point();
-            del_timing_sync(&busy.timer);
+        one_machine world({.seed = seed, .explore_switches = true});
+        lines.clear();
+        world.run([&] {
+            timing_t& busy = arm("busy", seed % 2 == 0, 0, [](timing_t& self) { move(self, 0); });
+            for (uint64_t i = 0; i < seed % 5; ++i) world.sim->switch_point();
+            del_timing_sync(&busy);
             const size_t runs = lines.size();
             (runs > 0 ? ran_before : never_ran) = true;
             schedule_timeout_uninterruptible(5);
             EXPECT_EQ(lines.size(), runs) << "with seed " << seed;
         });
-        at.finish();
     }
     EXPECT_TRUE(ran_before);
     EXPECT_TRUE(never_ran);
 }
 
-TEST(timers, misuse_is_a_hard_error)
+TEST_F(timers_test, misuse_is_a_hard_error)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
-    const auto run_one = [](bool atomic, const std::function<void(timing_t&)>& handler) {
-        std::vector<std::string> lines;
-        one_machine at;
-        story it(lines, "it", atomic, handler);
-        at.run([&] { it.arm(1); });
-        at.sim->run_until(10);
+    const auto run = [this](bool atomic, const std::function<void(timing_t&)>& handler) {
+        one_machine world;
+        world.run([&] { arm("it", atomic, 1, handler); });
+        world.sim->run_until(10);
     };
-    EXPECT_DEATH(run_one(false, [](timing_t& self) { del_timing_sync(&self); }), "deletes its own timer");
-    EXPECT_DEATH(run_one(true, [](timing_t&) { schedule_timeout_uninterruptible(1); }),
+    EXPECT_DEATH(run(false, [](timing_t& self) { del_timing_sync(&self); }), "deletes its own timer");
+    EXPECT_DEATH(run(true, [](timing_t&) { schedule_timeout_uninterruptible(1); }),
                  "schedule_timeout_uninterruptible may sleep, and is called in the timer context");
-    EXPECT_DEATH(run_one(true,
-                         [](timing_t& self) {
-                             self.expires = 1000;
-                             add_timing(&self);
-                         }),
+    EXPECT_DEATH(run(true, [](timing_t& self) { move(self, 1000); }),
                  "machine node1 goes with 1 armed timers; one calls 0x[0-9a-f]+ at tick 1000");
 }
 

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/stack/fake-hca.h"
 #include "verbs.h"
 
@@ -35,18 +37,20 @@ class verbs_events : public testing::Test
     {
         told.clear();
         then = {};
-        at.run([&] { ASSERT_EQ(kq_hca_open(&mthca0, 0, &hca), kq_return_ok); });
     }
     ~verbs_events() override
     {
         at.run([&] {
             kq_dell_sleepable_async_event_cb(hca, event_callback);
-            EXPECT_EQ(kq_hca_close(hca), kq_return_ok);
+            kq_hca_close(hca);
         });
     }
     void subscribe()
     {
-        at.run([&] { ASSERT_EQ(kq_set_sleepable_async_event_cb(hca, &all_events, event_callback), kq_return_ok); });
+        at.run([&] {
+            ASSERT_EQ(kq_hca_open(&mthca0, 0, &hca), kq_return_ok);
+            ASSERT_EQ(kq_set_sleepable_async_event_cb(hca, &all_events, event_callback), kq_return_ok);
+        });
         at.settle();
     }
 
@@ -63,6 +67,148 @@ TEST_F(verbs_events, come_in_order_after_the_links_that_were_up_already)
     at.hca.change(1, port_change::sm_change, 9);
     at.settle();
     EXPECT_THAT(told, ElementsAre("up 2@0", "up 1@0", "down 2@0", "sm at 9 1@0"));
+}
+
+// A port is active before the fabric says so; a subscription may fall anywhere around that.
+struct link_story {
+    const char* name;
+    std::vector<port_change> while_read; // after the port was read, and before the reader knows
+    uint64_t later_tick;
+    std::vector<port_change> later;
+    std::vector<std::string> expected;
+};
+
+class verbs_subscription : public verbs_events, public testing::WithParamInterface<link_story>
+{
+};
+
+TEST_P(verbs_subscription, tells_once_of_a_link_that_comes_up_meanwhile)
+{
+    at.hca.ports[0].state = fabric::link_state::active;
+    at.hca.while_read = [&](int port) {
+        for (const port_change change : GetParam().while_read)
+            if (port == 1) at.hca.change(1, change);
+    };
+    subscribe();
+    at.sim->run_until(GetParam().later_tick);
+    for (const port_change change : GetParam().later) at.hca.change(1, change);
+    at.settle();
+    EXPECT_EQ(told, GetParam().expected);
+}
+
+constexpr port_change up = port_change::link_up;
+constexpr port_change down = port_change::link_down;
+INSTANTIATE_TEST_SUITE_P(, verbs_subscription,
+                         testing::Values(link_story{"up_long_ago", {}, 0, {}, {"up 1@0"}},
+                                         link_story{"told_first_by_the_fabric", {up}, 0, {}, {"up 1@0"}},
+                                         link_story{"told_a_moment_later", {}, 1, {up}, {"up 1@0"}},
+                                         link_story{"told_again", {}, 2, {up}, {"up 1@0", "up 1@2"}},
+                                         link_story{"down_meanwhile", {down}, 0, {}, {"down 1@0"}},
+                                         link_story{"down_and_up", {down, up}, 0, {}, {"down 1@0", "up 1@0"}},
+                                         link_story{
+                                             "down_and_up_later", {}, 0, {down, up}, {"up 1@0", "down 1@0", "up 1@0"}}),
+                         [](const auto& story) { return std::string(story.param.name); });
+
+TEST_F(verbs_events, unsubscribing_waits_for_the_callback_and_drops_the_rest)
+{
+    subscribe();
+    then = [] { schedule_timeout_uninterruptible(30); };
+    at.hca.change(1, port_change::link_up);
+    at.hca.change(1, port_change::link_down); // waits for the first callback
+    at.run([&] {
+        schedule_timeout_uninterruptible(10);
+        EXPECT_EQ(kq_hca_close(hca), kq_return_err_busy);
+        EXPECT_EQ(kq_dell_sleepable_async_event_cb(hca, event_callback), kq_return_ok);
+        EXPECT_EQ(get_jiffies(), 30u);
+        EXPECT_EQ(at.hca.listener, nullptr);
+        EXPECT_EQ(kq_dell_sleepable_async_event_cb(hca, event_callback), kq_return_err_general);
+    });
+    at.sim->run_until(100);
+    EXPECT_THAT(told, ElementsAre("up 1@0"));
+
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_DEATH(
+        {
+            subscribe();
+            then = [&] { kq_dell_sleepable_async_event_cb(hca, event_callback); };
+            at.hca.change(1, port_change::link_up);
+            at.settle();
+        },
+        "an event callback of mthca0 ends its own subscription");
+}
+
+TEST_F(verbs_events, a_storm_is_cut_short_but_not_its_end)
+{
+    subscribe();
+    then = [] { schedule_timeout_uninterruptible(1); };
+    for (int i = 0; i < 1000; ++i) {
+        at.hca.change(1, i % 2 == 0 ? port_change::link_down : port_change::link_up);
+        at.hca.change(1, port_change::sm_change, static_cast<uint16_t>(i));
+        if (i == 500) at.hca.change(2, port_change::link_up); // another port's only event
+    }
+    at.sim->run_until(200);
+    EXPECT_LT(told.size(), 40u);
+    const auto is_link = [](const std::string& line) {
+        return line.find(" 1@") != std::string::npos && line[0] != 's';
+    };
+    EXPECT_THAT(*std::find_if(told.rbegin(), told.rend(), is_link), testing::StartsWith("up 1"));
+    EXPECT_THAT(told.back(), testing::StartsWith("sm at 999 1"));
+    EXPECT_EQ(std::count_if(told.begin(), told.end(), [](const auto& line) { return line.starts_with("up 2"); }), 1);
+}
+
+TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
+{
+    machine_with_fake at;
+    at.hca.ports[1] = {.state = fabric::link_state::active,
+                       .lid = 12,
+                       .sm_lid = 3,
+                       .sm_sl = 2,
+                       .mtu = 5,
+                       .bad_p_keys = 6,
+                       .gids = {{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8}, {}},
+                       .p_keys = {0x8001, 0xFFFF, 0x7FFF}};
+    at.run([&] {
+        kq_hca_name names[3];
+        EXPECT_EQ(kq_list_hcas(names, 0), 0);
+        EXPECT_EQ(kq_list_hcas(names, 3), 1);
+        kq_hca_h_t hca, other;
+        const kq_hca_name unknown{"mthca1"};
+        EXPECT_EQ(kq_hca_open(&unknown, 0, &hca), kq_return_err_invalid_hca);
+        ASSERT_EQ(kq_hca_open(names, 0, &hca), kq_return_ok);
+        ASSERT_EQ(kq_hca_open(names, 0, &other), kq_return_ok);
+
+        kq_hca_attrib_t attributes;
+        ASSERT_EQ(kq_hca_query(hca, &attributes), kq_return_ok);
+        EXPECT_EQ(attributes.port_num, 2);
+        kq_port_attrib_t port;
+        ASSERT_EQ(kq_port_query(hca, 2, &port), kq_return_ok);
+        EXPECT_EQ(port.port_mtu, kq_mtu_4096);
+        EXPECT_EQ(port.port_state, kq_state_linkActive);
+        EXPECT_EQ(port.port_base_lid, 12);
+        EXPECT_EQ(port.port_sgid_table_size, 2u);
+        EXPECT_EQ(port.port_parti_table_size, 3u);
+        EXPECT_EQ(port.port_bad_p_key_count, 6u);
+        EXPECT_EQ(port.port_sma_address_info.sm_lid, 3);
+        EXPECT_EQ(port.port_sma_address_info.service_level, 2);
+        int count = 1;
+        kq_gid_t gid;
+        ASSERT_EQ(kq_get_port_gid_tbl(hca, 2, &count, &gid), kq_return_ok);
+        EXPECT_EQ(count, 1);
+        EXPECT_EQ(gid, (kq_gid_t{.eui64 = 0x0102030405060708, .subnet = 0xFE80000000000000}));
+        kq_p_key_t p_keys[9];
+        count = 9;
+        ASSERT_EQ(kq_get_port_partition_tbl(hca, 2, &count, p_keys), kq_return_ok);
+        EXPECT_EQ(count, 3);
+        EXPECT_EQ(p_keys[2], 0x7FFF);
+
+        for (const kq_port_num_t missing : {0, 3})
+            EXPECT_EQ(kq_port_query(hca, missing, &port), kq_return_err_invalid_port);
+        EXPECT_EQ(kq_hca_close(hca), kq_return_ok);
+        EXPECT_EQ(kq_hca_query(hca, &attributes), kq_return_err_invalid_hca) << "a stale handle";
+        EXPECT_EQ(kq_hca_close(hca), kq_return_err_invalid_hca);
+        EXPECT_EQ(kq_port_query(other, 1, &port), kq_return_ok) << "another one's handle";
+        EXPECT_EQ(kq_hca_close(other), kq_return_ok);
+    });
 }
 
 } // namespace
