@@ -30,38 +30,37 @@ void event_callback(kq_event_record_st event)
     if (then) then();
 }
 
-class verbs_events : public testing::Test
-{
-  protected:
-    verbs_events()
+// Somebody who can subscribe to the fake HCA's events, and unsubscribes in the end.
+struct subscriber : machine_with_fake {
+    subscriber()
     {
         told.clear();
         then = {};
     }
-    ~verbs_events() override
+    ~subscriber()
     {
-        at.run([&] {
-            kq_dell_sleepable_async_event_cb(hca, event_callback);
-            kq_hca_close(hca);
+        run([&] {
+            kq_dell_sleepable_async_event_cb(handle, event_callback);
+            kq_hca_close(handle);
         });
     }
     void subscribe()
     {
-        at.run([&] {
-            ASSERT_EQ(kq_hca_open(&mthca0, 0, &hca), kq_return_ok);
-            ASSERT_EQ(kq_set_sleepable_async_event_cb(hca, &all_events, event_callback), kq_return_ok);
+        run([&] {
+            ASSERT_EQ(kq_hca_open(&mthca0, 0, &handle), kq_return_ok);
+            ASSERT_EQ(kq_set_sleepable_async_event_cb(handle, &all_events, event_callback), kq_return_ok);
         });
-        at.settle();
+        settle();
     }
 
-    machine_with_fake at;
-    kq_hca_h_t hca = nullptr;
+    kq_hca_h_t handle = nullptr;
 };
 
-TEST_F(verbs_events, come_in_order_after_the_links_that_were_up_already)
+TEST(verbs_events, come_in_order_after_the_links_that_were_up_already)
 {
+    subscriber at;
     at.hca.change(2, port_change::link_up);
-    subscribe();
+    at.subscribe();
     at.hca.change(1, port_change::link_up);
     at.hca.change(2, port_change::link_down);
     at.hca.change(1, port_change::sm_change, 9);
@@ -70,58 +69,54 @@ TEST_F(verbs_events, come_in_order_after_the_links_that_were_up_already)
 }
 
 // A port is active before the fabric says so; a subscription may fall anywhere around that.
-struct link_story {
-    const char* name;
-    std::vector<port_change> while_read; // after the port was read, and before the reader knows
-    uint64_t later_tick;
-    std::vector<port_change> later;
-    std::vector<std::string> expected;
-};
-
-class verbs_subscription : public verbs_events, public testing::WithParamInterface<link_story>
+TEST(verbs_events, tell_once_of_a_link_that_comes_up_while_one_subscribes)
 {
-};
-
-TEST_P(verbs_subscription, tells_once_of_a_link_that_comes_up_meanwhile)
-{
-    at.hca.ports[0].state = fabric::link_state::active;
-    at.hca.while_read = [&](int port) {
-        for (const port_change change : GetParam().while_read)
-            if (port == 1) at.hca.change(1, change);
+    constexpr port_change up = port_change::link_up;
+    constexpr port_change down = port_change::link_down;
+    struct {
+        const char* what;
+        std::vector<port_change> while_read; // after the port was read, and before the reader knows
+        uint64_t later_tick;
+        std::vector<port_change> later;
+        std::vector<std::string> expected;
+    } const cases[] = {
+        {"up long ago", {}, 0, {}, {"up 1@0"}},
+        {"the fabric tells first", {up}, 0, {}, {"up 1@0"}},
+        {"the fabric tells a moment later", {}, 1, {up}, {"up 1@0"}},
+        {"told again, as any other event", {}, 2, {up}, {"up 1@0", "up 1@2"}},
+        {"down meanwhile", {down}, 0, {}, {"down 1@0"}},
+        {"down and up meanwhile", {down, up}, 0, {}, {"down 1@0", "up 1@0"}},
+        {"down and up later", {}, 0, {down, up}, {"up 1@0", "down 1@0", "up 1@0"}},
     };
-    subscribe();
-    at.sim->run_until(GetParam().later_tick);
-    for (const port_change change : GetParam().later) at.hca.change(1, change);
-    at.settle();
-    EXPECT_EQ(told, GetParam().expected);
+    for (const auto& each : cases) {
+        subscriber at;
+        at.hca.ports[0].state = fabric::link_state::active;
+        at.hca.while_read = [&](int port) {
+            for (const port_change change : each.while_read)
+                if (port == 1) at.hca.change(1, change);
+        };
+        at.subscribe();
+        at.sim->run_until(each.later_tick);
+        for (const port_change change : each.later) at.hca.change(1, change);
+        at.settle();
+        EXPECT_EQ(told, each.expected) << each.what;
+    }
 }
 
-constexpr port_change up = port_change::link_up;
-constexpr port_change down = port_change::link_down;
-INSTANTIATE_TEST_SUITE_P(, verbs_subscription,
-                         testing::Values(link_story{"up_long_ago", {}, 0, {}, {"up 1@0"}},
-                                         link_story{"told_first_by_the_fabric", {up}, 0, {}, {"up 1@0"}},
-                                         link_story{"told_a_moment_later", {}, 1, {up}, {"up 1@0"}},
-                                         link_story{"told_again", {}, 2, {up}, {"up 1@0", "up 1@2"}},
-                                         link_story{"down_meanwhile", {down}, 0, {}, {"down 1@0"}},
-                                         link_story{"down_and_up", {down, up}, 0, {}, {"down 1@0", "up 1@0"}},
-                                         link_story{
-                                             "down_and_up_later", {}, 0, {down, up}, {"up 1@0", "down 1@0", "up 1@0"}}),
-                         [](const auto& story) { return std::string(story.param.name); });
-
-TEST_F(verbs_events, unsubscribing_waits_for_the_callback_and_drops_the_rest)
+TEST(verbs_events, unsubscribing_waits_for_the_callback_and_drops_the_rest)
 {
-    subscribe();
+    subscriber at;
+    at.subscribe();
     then = [] { schedule_timeout_uninterruptible(30); };
     at.hca.change(1, port_change::link_up);
     at.hca.change(1, port_change::link_down); // waits for the first callback
     at.run([&] {
         schedule_timeout_uninterruptible(10);
-        EXPECT_EQ(kq_hca_close(hca), kq_return_err_busy);
-        EXPECT_EQ(kq_dell_sleepable_async_event_cb(hca, event_callback), kq_return_ok);
+        EXPECT_EQ(kq_hca_close(at.handle), kq_return_err_busy);
+        EXPECT_EQ(kq_dell_sleepable_async_event_cb(at.handle, event_callback), kq_return_ok);
         EXPECT_EQ(get_jiffies(), 30u);
         EXPECT_EQ(at.hca.listener, nullptr);
-        EXPECT_EQ(kq_dell_sleepable_async_event_cb(hca, event_callback), kq_return_err_general);
+        EXPECT_EQ(kq_dell_sleepable_async_event_cb(at.handle, event_callback), kq_return_err_general);
     });
     at.sim->run_until(100);
     EXPECT_THAT(told, ElementsAre("up 1@0"));
@@ -129,17 +124,18 @@ TEST_F(verbs_events, unsubscribing_waits_for_the_callback_and_drops_the_rest)
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_DEATH(
         {
-            subscribe();
-            then = [&] { kq_dell_sleepable_async_event_cb(hca, event_callback); };
+            at.subscribe();
+            then = [&] { kq_dell_sleepable_async_event_cb(at.handle, event_callback); };
             at.hca.change(1, port_change::link_up);
             at.settle();
         },
         "an event callback of mthca0 ends its own subscription");
 }
 
-TEST_F(verbs_events, a_storm_is_cut_short_but_not_its_end)
+TEST(verbs_events, a_storm_is_cut_short_but_not_its_end)
 {
-    subscribe();
+    subscriber at;
+    at.subscribe();
     then = [] { schedule_timeout_uninterruptible(1); };
     for (int i = 0; i < 1000; ++i) {
         at.hca.change(1, i % 2 == 0 ? port_change::link_down : port_change::link_up);
