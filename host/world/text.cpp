@@ -55,7 +55,7 @@ std::optional<kq_gid_t> parse_gid(const std::string& text)
 std::string format_gid(const kq_gid_t& gid)
 {
     char text[40];
-    std::snprintf(text, sizeof text, "0x%016llx%016llx", static_cast<unsigned long long>(gid.subnet),
+    std::snprintf(text, sizeof text, "0x%016llX%016llX", static_cast<unsigned long long>(gid.subnet),
                   static_cast<unsigned long long>(gid.eui64));
     return text;
 }
