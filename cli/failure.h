@@ -1,0 +1,31 @@
+// How a command ends when it cannot go on.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace cli
+{
+
+// The same for every subcommand; `ats --help` and ats(8) list them.
+enum exit_code : int {
+    exit_ok = 0,
+    exit_failed = 1,      // carried out, and the answer is no: not found, timed out, a step failed
+    exit_usage = 2,       // the command line, an argument, a file or a folder is wrong
+    exit_unreachable = 3, // no service answers on the socket
+};
+
+// what() is one line that says what is wrong and what would be right.
+struct failure : std::runtime_error {
+    failure(exit_code code, const std::string& why) : std::runtime_error(why), code(code) {}
+    const exit_code code;
+};
+
+// What a person wrote, as an error line repeats it: in quotation marks, and not at any length.
+inline std::string quoted(const std::string& word)
+{
+    constexpr size_t longest = 60;
+    return word.size() <= longest ? "'" + word + "'" : "'" + word.substr(0, longest) + "...'";
+}
+
+} // namespace cli

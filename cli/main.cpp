@@ -1,0 +1,59 @@
+#include <cstdio>
+
+#include "cli/commands.h"
+
+namespace
+{
+
+constexpr const char* summary =
+    "InfiniBand address translation service: which GID owns an IPv4 address, and the other way round.";
+
+constexpr const char* footer =
+    "Exit codes: 0  done\n"
+    "            1  carried out, and the answer is no (not found, timed out, a step failed)\n"
+    "            2  the command line, an argument, a file or a folder is wrong\n"
+    "            3  no service answers on the socket\n"
+    "\n"
+    "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
+    "See ats(8), ats-run(8).";
+
+// The subcommand that was being parsed, as it is typed.
+std::string typed(const CLI::App& program)
+{
+    std::string name = program.get_name();
+    for (const CLI::App* chosen : program.get_subcommands()) name += " " + typed(*chosen);
+    return name;
+}
+
+int run(CLI::App& program, int argc, char** argv, const int& exit_code)
+{
+    try {
+        program.parse(argc, argv);
+        return exit_code;
+    } catch (const CLI::Success& shown) { // --help and --version
+        return program.exit(shown);
+    } catch (const CLI::ParseError& wrong) {
+        std::fprintf(stderr, "ats: %s\nTry '%s --help'.\n", wrong.what(), typed(program).c_str());
+        return cli::exit_usage;
+    } catch (const cli::failure& failed) {
+        std::fprintf(stderr, "ats: %s\n", failed.what());
+        return failed.code;
+    } catch (const std::exception& failed) {
+        std::fprintf(stderr, "ats: %s\n", failed.what());
+        return cli::exit_failed;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App program(summary, "ats");
+    program.footer(footer);
+    program.set_version_flag("--version", "ats " ATS_VERSION);
+    program.require_subcommand(1);
+
+    int exit_code = cli::exit_ok;
+    cli::add_run(program, exit_code);
+    return run(program, argc, argv, exit_code);
+}

@@ -1,0 +1,16 @@
+// Stands in for the mount in a build without libfuse.
+
+#include "cli/failure.h"
+#include "cli/proc-mount.h"
+
+namespace cli
+{
+
+std::unique_ptr<proc_mount> proc_mount::open(const std::string&, std::vector<kernel::machine*>)
+{
+    throw failure(exit_usage,
+                  "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "
+                  "or leave --mount out ('ats control' and 'ats log' do without)");
+}
+
+} // namespace cli

@@ -1,0 +1,97 @@
+// Requests about the embedded fabric itself: links and the Subnet Administrator.
+
+#include "cli/requests-fabric.h"
+
+#include <charconv>
+
+#include "host/world/text.h"
+
+namespace cli
+{
+
+namespace
+{
+
+std::string word_text(uint16_t word)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%04X", word);
+    return text;
+}
+
+json show_records(site& at)
+{
+    json records = json::array();
+    for (const embedded::service_record_view& record : at.subnet().service_records()) {
+        const bool endless = record.lease_seconds == embedded::infinite_lease;
+        records.push_back({{"gid", record.gid},
+                           {"p_key", word_text(record.p_key)},
+                           {"address", record.ipv4},
+                           {"host_name", record.host_name},
+                           {"lease", endless ? "infinite" : std::to_string(record.lease_seconds) + " s"}});
+    }
+    const embedded::fault_switches& faults = at.subnet().faults;
+    const bool has_status = faults.sa_status_count != 0;
+    return {{"records", records},
+            {"silent", faults.sa_silent.load()},
+            {"status", has_status ? json(word_text(faults.sa_status)) : json()}};
+}
+
+json forget(site& at, const std::string& gid)
+{
+    size_t forgotten = 0;
+    if (gid.empty()) {
+        forgotten = at.subnet().forget_all();
+    } else {
+        const auto parsed = world::parse_gid(gid);
+        if (!parsed) throw failure(exit_usage, quoted(gid) + " is no GID: take one from 'ats sa show'");
+        const wire_gid_t wire = to_wire(*parsed);
+        forgotten = at.subnet().forget(std::to_array(wire.bytes));
+    }
+    return done("The SA forgot " + std::to_string(forgotten) + (forgotten == 1 ? " record." : " records."));
+}
+
+json answer_with_status(site& at, const std::string& word)
+{
+    uint16_t status = 0;
+    const bool hexadecimal = word.starts_with("0x");
+    const char* const begin = word.data() + (hexadecimal ? 2 : 0);
+    const char* const end = word.data() + word.size();
+    const auto [stopped, error] = std::from_chars(begin, end, status, hexadecimal ? 16 : 10);
+    if (error != std::errc() || stopped != end)
+        throw failure(exit_usage, quoted(word) + " is no status word: write a number up to 65535, as in 0x0300");
+    at.subnet().faults.answer_with(status, status == 0 ? 0 : embedded::fault_switches::every);
+    return done(status == 0 ? "The SA answers as it should."
+                            : "The SA answers everything with status " + word_text(status) + ".");
+}
+
+} // namespace
+
+json answer_link(site& at, const json& request)
+{
+    world::host& host = at.host_named(request.value("host", ""));
+    std::string hca = request.value("hca", "");
+    if (hca.empty()) hca = host.plan().hcas.front().name;
+    const int port = request.value("port", 1);
+    const bool up = request.at("direction") == "up";
+    const embedded::outcome changed =
+        up ? at.subnet().link_up(host.name(), hca, port) : at.subnet().link_down(host.name(), hca, port);
+    if (!changed) throw failure(exit_usage, changed.why);
+    return done(host.name() + " " + hca + " port " + std::to_string(port) + (up ? " is up." : " is down."));
+}
+
+json answer_sa(site& at, const json& request)
+{
+    const std::string action = request.at("action");
+    if (action == "show") return show_records(at);
+    if (action == "forget") return forget(at, request.value("gid", ""));
+    if (action == "status") return answer_with_status(at, request.at("word"));
+    if (action == "silence") {
+        const bool on = request.at("state") == "on";
+        at.subnet().faults.sa_silent = on;
+        return done(on ? "The SA is silent." : "The SA answers.");
+    }
+    throw failure(exit_usage, "this service does not know the SA action " + quoted(action));
+}
+
+} // namespace cli

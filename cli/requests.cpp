@@ -1,0 +1,119 @@
+#include "cli/requests.h"
+
+#include <map>
+
+#include "cli/requests-fabric.h"
+#include "host/kernel/print-capture.h"
+#include "host/stack/registry.h"
+#include "host/world/text.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr const char* ats_registry_key = "dorvex/modules/ats";
+constexpr const char* control_file = "dorvex/ats/control";
+constexpr size_t longest_host_name = 30; // what a ServiceRecord carries
+constexpr int highest_trace_level = 5;
+
+world::host& host_of(site& at, const json& request)
+{
+    return at.host_named(request.value("host", ""));
+}
+
+failure not_loaded(const kernel::machine& machine)
+{
+    return {exit_failed, "ats is not loaded on " + machine.name()};
+}
+
+// Writes one command to the control file, and returns what the module printed about it.
+json control(site& at, const json& request)
+{
+    kernel::machine& machine = host_of(at, request).machine();
+    const std::string command = request.at("command").get<std::string>() + "\n";
+    json result;
+    machine.enter("control", [&] {
+        kernel::print_capture capture(kernel::print_capture::also_log);
+        if (machine.proc.write(control_file, command) < 0) throw not_loaded(machine);
+        result["output"] = capture.text();
+    });
+    return result;
+}
+
+json set_trace(site& at, const json& request)
+{
+    const int level = request.at("level");
+    if (level < 0 || level > highest_trace_level)
+        throw failure(exit_usage, "a trace level is a number from 0 (nothing) to 5 (everything)");
+    const std::string only = request.value("host", "");
+    if (!only.empty()) at.host_named(only);
+    for (const auto& host : at.hosts())
+        if (only.empty() || host->name() == only)
+            host->machine().enter(
+                "trace", [&] { host->machine().get<stack::registry>().set(ats_registry_key, "debug-level", level); });
+    return done("ats traces at level " + std::to_string(level) + (only.empty() ? "." : " on " + only + "."));
+}
+
+// Calls an identity function that ats exports. Its module stays loaded for the call.
+template <class argument_t>
+void set_identity(kernel::machine& machine, const char* exported, argument_t argument)
+{
+    machine.enter(exported, [&] {
+        const kernel::held_symbol symbol(machine.modules, "ats", exported);
+        if (!symbol) throw not_loaded(machine);
+        auto* const set = symbol.as<int32_t (*)(argument_t)>();
+        if (set(argument) != 0)
+            throw failure(exit_failed, "kept, but not registered everywhere: 'ats log --level 1' says why");
+    });
+}
+
+json set_name(site& at, const json& request)
+{
+    const std::string name = request.at("name");
+    if (name.empty() || name.size() > longest_host_name || name.find_first_of(" \t\n\v\f\r") != std::string::npos)
+        throw failure(exit_usage, quoted(name) + " cannot be a host name: take 1 to 30 characters without blanks");
+    world::host& host = host_of(at, request);
+    set_identity(host.machine(), "ats_sa_set_hostname", name.c_str());
+    return done(host.name() + " is now called " + name + ".");
+}
+
+json set_address(site& at, const json& request)
+{
+    const std::string address = request.at("address");
+    world::host& host = host_of(at, request);
+    set_identity(host.machine(), "ats_sa_set_ip_addrs", address_of(address));
+    return done(host.name() + " now has the address " + address + ".");
+}
+
+} // namespace
+
+json done(const std::string& what)
+{
+    return {{"done", what}};
+}
+
+uint32_t address_of(const std::string& text)
+{
+    const auto ip = world::parse_ipv4(text);
+    if (!ip)
+        throw failure(exit_usage,
+                      quoted(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
+    return *ip;
+}
+
+json answer_request(site& at, const json& request)
+{
+    static const std::map<std::string, json (*)(site&, const json&)> requests = {
+        {"status", answer_status},    {"resolve", answer_resolve}, {"reverse", answer_reverse},
+        {"control", control},         {"trace", set_trace},        {"set-name", set_name},
+        {"set-address", set_address}, {"link", answer_link},       {"sa", answer_sa},
+    };
+    const std::string name = request.value("request", "");
+    const auto found = requests.find(name);
+    if (found == requests.end()) throw failure(exit_usage, "this service does not know the request " + quoted(name));
+    return found->second(at, request);
+}
+
+} // namespace cli

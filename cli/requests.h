@@ -1,0 +1,28 @@
+// What a client can ask of a running site, as JSON: one function a request. An answer is an object; a request that
+// cannot be carried out throws a failure.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "cli/site.h"
+
+namespace cli
+{
+
+using json = nlohmann::json;
+
+// Carries out {"request": NAME, ...} and returns its answer. Unknown names are refused.
+json answer_request(site& at, const json& request);
+
+// {"host"}: HCAs, ports, verification, IBAT's cache and counters of that host, or of all.
+json answer_status(site& at, const json& request);
+
+// {"address" or "gid", "cached", "verify"}: what it resolves to, who said so, and how long that took.
+json answer_resolve(site& at, const json& request);
+json answer_reverse(site& at, const json& request);
+
+// What several of them need: the answer of an order that was carried out, and an address as a person wrote it.
+json done(const std::string& what);
+uint32_t address_of(const std::string& text);
+
+} // namespace cli

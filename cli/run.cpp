@@ -1,0 +1,113 @@
+// `ats run`: hosts in real time on the embedded fabric, until a signal.
+
+#include <csignal>
+#include <iostream>
+#include <memory>
+
+#include "cli/commands.h"
+#include "cli/proc-mount.h"
+#include "cli/server.h"
+#include "cli/site.h"
+#include "cli/socket.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr int most_numbered_hosts = 1000;
+
+struct run_options {
+    int hosts = 3; // node1, node2, node3
+    std::string config;
+    std::string socket = default_socket_path();
+    std::string mount;
+    std::string modules = world::default_module_folder();
+};
+
+// The signals that ask for an end, blocked in this thread and in all that it starts, so that only wait() takes them.
+class ending_signals
+{
+  public:
+    ending_signals()
+    {
+        sigemptyset(&set_);
+        for (const int ending : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set_, ending);
+        pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+        signal(SIGPIPE, SIG_IGN); // a terminal that is gone is no reason to leave records behind
+    }
+
+    void wait() const
+    {
+        int caught = 0;
+        sigwait(&set_, &caught);
+    }
+
+  private:
+    sigset_t set_;
+};
+
+std::unique_ptr<proc_mount> mount(const std::string& directory, const site& running)
+{
+    if (directory.empty()) return nullptr;
+    std::vector<kernel::machine*> machines;
+    for (const auto& host : running.hosts()) machines.push_back(&host->machine());
+    return proc_mount::open(directory, std::move(machines));
+}
+
+void announce(const run_options& options, size_t hosts)
+{
+    std::cout << "ats: " << hosts << (hosts == 1 ? " host" : " hosts") << " up; clients are served on "
+              << options.socket;
+    if (!options.mount.empty()) std::cout << ", files are in " << options.mount;
+    std::cout << ". Stop with Ctrl-C." << std::endl;
+}
+
+int unload(site& running)
+{
+    const std::vector<std::string> refusals = running.stop();
+    for (const std::string& refusal : refusals) std::cerr << "ats: " << refusal << '\n';
+    if (!refusals.empty()) return exit_failed;
+    std::cout << "ats: all hosts have unloaded." << std::endl;
+    return exit_ok;
+}
+
+int serve(const run_options& options)
+{
+    const world_config config =
+        options.config.empty() ? numbered_hosts(options.hosts) : read_world_config(options.config);
+    const ending_signals signals;
+    auto listening = std::make_unique<listening_socket>(options.socket);
+    site running(config, options.modules);
+    running.start();
+    {
+        const std::unique_ptr<proc_mount> files = mount(options.mount, running);
+        const server serving(running, std::move(listening));
+        announce(options, running.hosts().size());
+        signals.wait();
+    }
+    return unload(running);
+}
+
+} // namespace
+
+void add_run(CLI::App& program, int& exit_code)
+{
+    CLI::App* command = program.add_subcommand("run", "Keep hosts running on an embedded fabric until a signal");
+    auto options = std::make_shared<run_options>();
+    auto* hosts = command->add_option("--hosts", options->hosts, "How many hosts node1, node2, ... to run")
+                      ->check(CLI::Range(1, most_numbered_hosts))
+                      ->capture_default_str();
+    command->add_option("--config", options->config, "A TOML file of [[host]] tables, in place of --hosts")
+        ->check(CLI::ExistingFile)
+        ->excludes(hosts);
+    command->add_option("--socket", options->socket, "Where clients are served")->capture_default_str();
+    command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder");
+    command->add_option("--modules", options->modules, "The folder of ats.so, ibat.so and ucm.so")
+        ->check(CLI::ExistingDirectory)
+        ->capture_default_str();
+    command->callback([options, &exit_code] { exit_code = serve(*options); });
+}
+
+} // namespace cli

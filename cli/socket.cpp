@@ -1,0 +1,198 @@
+#include "cli/socket.h"
+
+#include "cli/failure.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr const char* choose_another = ": choose another path with --socket";
+
+std::string reason()
+{
+    return std::string(": ") + std::strerror(errno);
+}
+
+sockaddr_un address_of(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path)
+        throw failure(exit_usage, "a socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) +
+                                      " bytes: " + quoted(path) + " cannot be one");
+    path.copy(address.sun_path, path.size());
+    return address;
+}
+
+descriptor new_socket()
+{
+    descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (made.get() < 0) throw failure(exit_failed, "cannot make a socket" + reason());
+    return made;
+}
+
+bool connects(const descriptor& to, const sockaddr_un& address)
+{
+    return connect(to.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+// A service that ended without cleaning up leaves its socket file behind; nobody answers there.
+void remove_stale(const std::string& path, const sockaddr_un& address)
+{
+    struct stat found {
+    };
+    if (lstat(path.c_str(), &found) != 0) return;
+    if (!S_ISSOCK(found.st_mode)) throw failure(exit_usage, path + " exists and is no socket" + choose_another);
+    if (connects(new_socket(), address))
+        throw failure(exit_usage, "a service is listening on " + path +
+                                      " already: stop it, or choose another path "
+                                      "with --socket");
+    if (errno == EACCES) throw failure(exit_usage, path + " belongs to another user" + choose_another);
+    if (errno != ECONNREFUSED || (unlink(path.c_str()) != 0 && errno != ENOENT))
+        throw failure(exit_usage, "cannot take over the stale socket " + path + reason() + choose_another);
+}
+
+// Whether the process at the other end is of this user or of root.
+bool is_trusted(const descriptor& connected)
+{
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(connected.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
+    return peer.uid == geteuid() || peer.uid == 0;
+}
+
+[[noreturn]] void refuse_foreign(const std::string& path)
+{
+    throw failure(exit_unreachable,
+                  "the service on " + path + " belongs to another user: start your own with 'ats run'");
+}
+
+} // namespace
+
+descriptor::~descriptor()
+{
+    if (fd_ >= 0) close(fd_);
+}
+
+descriptor& descriptor::operator=(descriptor&& other) noexcept
+{
+    if (this != &other) {
+        if (fd_ >= 0) close(fd_);
+        fd_ = other.release();
+    }
+    return *this;
+}
+
+int descriptor::release()
+{
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
+
+std::string default_socket_path()
+{
+    if (const char* chosen = std::getenv("ATS_SOCKET")) return chosen;
+    if (geteuid() == 0) return "/run/ats.sock";
+    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR")) return std::string(runtime) + "/ats.sock";
+    return "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
+}
+
+listening_socket::listening_socket(const std::string& path) : path_(path)
+{
+    const sockaddr_un address = address_of(path);
+    remove_stale(path, address);
+
+    socket_ = new_socket();
+    const mode_t previous = umask(0177); // 0600 from the first moment on
+    const int bound = bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int bind_error = errno;
+    umask(previous);
+    errno = bind_error;
+    if (bound != 0) throw failure(exit_usage, "cannot create the socket " + path + reason() + choose_another);
+    if (listen(socket_.get(), SOMAXCONN) != 0) throw failure(exit_failed, "cannot listen on " + path + reason());
+}
+
+// The file goes first: once nobody listens, another service may put its own there.
+listening_socket::~listening_socket()
+{
+    unlink(path_.c_str());
+}
+
+std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
+{
+    constexpr int pause_ms = 100;
+    while (true) {
+        pollfd waits[] = {{socket_.get(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        if (poll(waits, 2, -1) < 0) continue; // interrupted
+        if (waits[1].revents != 0) return std::nullopt;
+        descriptor client(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (client.get() < 0) {
+            // Out of descriptors is no reason to spin or to end: let the clients that are there leave.
+            if (errno == EMFILE || errno == ENFILE) poll(&waits[1], 1, pause_ms);
+            continue;
+        }
+        if (is_trusted(client)) return client;
+        line_channel(std::move(client)).write(R"({"error":"this service belongs to another user","exit_code":3})");
+    }
+}
+
+descriptor connect_to(const std::string& path)
+{
+    descriptor made = new_socket();
+    if (connects(made, address_of(path))) {
+        // Root may look at everybody's; nobody else believes what a stranger's process says.
+        if (geteuid() != 0 && !is_trusted(made)) refuse_foreign(path);
+        return made;
+    }
+    if (errno == EACCES) refuse_foreign(path);
+    throw failure(exit_unreachable,
+                  "no service on " + path + reason() + " (start one with 'ats run', or name its --socket)");
+}
+
+std::optional<std::string> line_channel::read()
+{
+    while (true) {
+        if (const size_t end = unread_.find('\n'); end != std::string::npos) {
+            std::string line = unread_.substr(0, end);
+            unread_.erase(0, end + 1);
+            return line;
+        }
+        if (unread_.size() > line_limit) return std::nullopt;
+        char piece[4096];
+        const ssize_t got = recv(socket_.get(), piece, sizeof piece, 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return std::nullopt;
+        unread_.append(piece, static_cast<size_t>(got));
+    }
+}
+
+bool line_channel::write(const std::string& line)
+{
+    const std::string whole = line + '\n';
+    for (size_t sent = 0; sent < whole.size();) {
+        const ssize_t took = send(socket_.get(), whole.data() + sent, whole.size() - sent, MSG_NOSIGNAL);
+        if (took < 0 && errno == EINTR) continue;
+        if (took <= 0) return false;
+        sent += static_cast<size_t>(took);
+    }
+    return true;
+}
+
+void line_channel::hang_up()
+{
+    shutdown(socket_.get(), SHUT_RDWR);
+}
+
+} // namespace cli

@@ -1,0 +1,75 @@
+// The Unix socket between `ats run` and its clients: one JSON text a line, each way.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace cli
+{
+
+// A descriptor that is closed with its owner.
+class descriptor
+{
+  public:
+    explicit descriptor(int fd = -1) : fd_(fd) {}
+    ~descriptor();
+    descriptor(descriptor&& other) noexcept : fd_(other.release()) {}
+    descriptor& operator=(descriptor&& other) noexcept;
+
+    int get() const { return fd_; }
+    int release();
+
+  private:
+    int fd_;
+};
+
+// $ATS_SOCKET, or /run/ats.sock for root, or ats.sock in $XDG_RUNTIME_DIR, or /tmp/ats-UID.sock.
+std::string default_socket_path();
+
+// A socket at `path` with mode 0600. One left behind by a service that is gone is replaced; a live one, or a file that
+// is no socket, is refused with a failure.
+class listening_socket
+{
+  public:
+    explicit listening_socket(const std::string& path);
+    ~listening_socket(); // removes the file
+    listening_socket(const listening_socket&) = delete;
+    listening_socket& operator=(const listening_socket&) = delete;
+
+    // Waits for a client, or for `stop_fd` to become readable (then nothing). Clients of other users (root excepted)
+    // are turned away.
+    std::optional<descriptor> accept_client(int stop_fd) const;
+
+  private:
+    std::string path_;
+    descriptor socket_;
+};
+
+// Throws a failure when nobody listens there, or another user does.
+descriptor connect_to(const std::string& path);
+
+// One line at a time over a connected socket. Lines longer than `line_limit` end the conversation.
+class line_channel
+{
+  public:
+    static constexpr size_t line_limit = 1 << 20;
+
+    explicit line_channel(descriptor connected) : socket_(std::move(connected)) {}
+
+    // The next line without its end; nothing when the other side has gone.
+    std::optional<std::string> read();
+
+    // False when the other side has gone.
+    bool write(const std::string& line);
+
+    // Ends a read that waits in another thread.
+    void hang_up();
+
+    int fd() const { return socket_.get(); }
+
+  private:
+    descriptor socket_;
+    std::string unread_;
+};
+
+} // namespace cli

@@ -1,0 +1,199 @@
+#include "cli/world-config.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <set>
+
+#include <toml++/toml.h>
+
+#include "cli/failure.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr int max_hosts = 1000;
+constexpr int max_hcas = 32;
+
+// One table being read: every key must be asked for, and what nobody asked for is refused.
+class table_reader
+{
+  public:
+    table_reader(const toml::table& table, std::string file) : table_(table), file_(std::move(file)) {}
+
+    [[noreturn]] void refuse(const toml::node& where, const std::string& why) const
+    {
+        throw failure(exit_usage, file_ + ":" + std::to_string(where.source().begin.line) + ": " + why);
+    }
+
+    // The node of that key, or null.
+    const toml::node* find(const std::string& key)
+    {
+        known_.insert(key);
+        return table_.get(key);
+    }
+
+    std::string text(const std::string& key, const std::string& otherwise)
+    {
+        const toml::node* node = find(key);
+        if (!node) return otherwise;
+        if (!node->is_string()) refuse(*node, "'" + key + "' must be a text in quotation marks");
+        return node->as_string()->get();
+    }
+
+    int number(const std::string& key, int otherwise, int least, int most)
+    {
+        const toml::node* node = find(key);
+        if (!node) return otherwise;
+        const int64_t value = node->is_integer() ? node->as_integer()->get() : int64_t{least} - 1;
+        if (value < least || value > most)
+            refuse(*node, "'" + key + "' must be a whole number from " + std::to_string(least) + " to " +
+                              std::to_string(most));
+        return static_cast<int>(value);
+    }
+
+    const toml::table* table(const std::string& key)
+    {
+        const toml::node* node = find(key);
+        if (node && !node->is_table()) refuse(*node, "'" + key + "' must be a table");
+        return node ? node->as_table() : nullptr;
+    }
+
+    // The tables of an [[array]].
+    std::vector<const toml::table*> tables(const std::string& key)
+    {
+        std::vector<const toml::table*> found;
+        const toml::node* node = find(key);
+        if (!node) return found;
+        if (!node->is_array_of_tables()) refuse(*node, "'" + key + "' must be written as [[" + key + "]] tables");
+        for (const toml::node& element : *node->as_array()) found.push_back(element.as_table());
+        return found;
+    }
+
+    // To be called last: refuses the first key that nobody asked for.
+    void finish() const
+    {
+        for (const auto& [key, value] : table_) {
+            if (known_.contains(key.str())) continue;
+            std::string valid;
+            for (const std::string& name : known_) valid += (valid.empty() ? "" : ", ") + name;
+            throw failure(exit_usage, file_ + ":" + std::to_string(key.source().begin.line) + ": unknown key " +
+                                          quoted(std::string(key.str())) + "; valid here are " + valid);
+        }
+    }
+
+    const std::string& file() const { return file_; }
+
+  private:
+    const toml::table& table_;
+    std::string file_;
+    std::set<std::string, std::less<>> known_;
+};
+
+// Module parameters are passed on as they are written: insmod knows their names and types.
+std::string read_parameters(table_reader& reader, const toml::table* parameters)
+{
+    std::string text;
+    if (!parameters) return text;
+    for (const auto& [name, value] : *parameters) {
+        text += " " + std::string(name.str()) + "=";
+        if (value.is_string() && value.as_string()->get().find('"') == std::string::npos)
+            text += '"' + value.as_string()->get() + '"';
+        else if (value.is_integer())
+            text += std::to_string(value.as_integer()->get());
+        else
+            reader.refuse(value, "a module parameter is a whole number, or a text without quotation marks");
+    }
+    return text;
+}
+
+// Host number i, from 1, when it has no address of its own.
+std::string numbered_address(size_t i)
+{
+    return "10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256);
+}
+
+world::hca_plan read_hca(const toml::table& table, const std::string& file, size_t index)
+{
+    table_reader reader(table, file);
+    world::hca_plan plan;
+    plan.name = reader.text("name", "mthca" + std::to_string(index));
+    plan.ports = reader.number("ports", 1, 1, 2);
+    reader.finish();
+    return plan;
+}
+
+world::host_plan read_host(const toml::table& table, const std::string& file, size_t index)
+{
+    table_reader reader(table, file);
+    const std::string number = std::to_string(index + 1);
+    world::host_plan plan;
+    plan.name = reader.text("name", "node" + number);
+    if (plan.name.empty() || plan.name.find_first_of("/ \t\n\"") != std::string::npos)
+        reader.refuse(table, "a host's name has no blanks, slashes or quotation marks");
+
+    const std::string address = reader.text("address", numbered_address(index + 1));
+    in_addr parsed{};
+    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1)
+        reader.refuse(*reader.find("address"), quoted(address) + " is no IPv4 address like 10.0.0.1");
+
+    plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
+    const std::vector<const toml::table*> hcas = reader.tables("hca");
+    if (!hcas.empty()) plan.hcas.clear();
+    if (hcas.size() > max_hcas) reader.refuse(*hcas.back(), "a host has at most 32 HCAs");
+    std::set<std::string> names;
+    for (size_t i = 0; i < hcas.size(); ++i) {
+        plan.hcas.push_back(read_hca(*hcas[i], file, i));
+        if (!names.insert(plan.hcas.back().name).second)
+            reader.refuse(*hcas[i], "there are two HCAs named " + quoted(plan.hcas.back().name) + " on one host");
+    }
+
+    plan.modules = world::usual_modules(plan.name, address);
+    for (world::module_plan& module : plan.modules)
+        module.parameters += read_parameters(reader, reader.table(module.name));
+    reader.finish();
+    return plan;
+}
+
+} // namespace
+
+world_config numbered_hosts(int count)
+{
+    world_config config;
+    for (int i = 1; i <= count; ++i) {
+        world::host_plan plan;
+        plan.name = "node" + std::to_string(i);
+        plan.modules = world::usual_modules(plan.name, numbered_address(static_cast<size_t>(i)));
+        config.hosts.push_back(std::move(plan));
+    }
+    return config;
+}
+
+world_config read_world_config(const std::string& path)
+{
+    toml::table root;
+    try {
+        root = toml::parse_file(path);
+    } catch (const toml::parse_error& error) {
+        const uint32_t line = error.source().begin.line; // 0: it cannot be read at all
+        throw failure(exit_usage,
+                      path + (line > 0 ? ":" + std::to_string(line) : "") + ": " + std::string(error.description()));
+    }
+
+    table_reader reader(root, path);
+    world_config config;
+    std::set<std::string> names;
+    for (const toml::table* host : reader.tables("host")) {
+        config.hosts.push_back(read_host(*host, path, config.hosts.size()));
+        if (!names.insert(config.hosts.back().name).second)
+            reader.refuse(*host, "there are two hosts named " + quoted(config.hosts.back().name));
+    }
+    reader.finish();
+    if (config.hosts.empty()) throw failure(exit_usage, path + ":1: no [[host]] table: name at least one host");
+    if (config.hosts.size() > max_hosts) throw failure(exit_usage, path + ":1: more than 1000 hosts");
+    return config;
+}
+
+} // namespace cli
