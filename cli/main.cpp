@@ -55,5 +55,6 @@ int main(int argc, char** argv)
 
     int exit_code = cli::exit_ok;
     cli::add_run(program, exit_code);
+    cli::add_clients(program, exit_code);
     return run(program, argc, argv, exit_code);
 }

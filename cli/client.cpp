@@ -1,0 +1,61 @@
+#include "cli/client.h"
+
+#include <iostream>
+
+namespace cli
+{
+
+std::shared_ptr<client_options> add_client_options(CLI::App& command, bool about_a_host)
+{
+    auto options = std::make_shared<client_options>();
+    command.add_option("--socket", options->socket, "The socket of 'ats run'")->capture_default_str();
+    command.add_flag("--json", options->as_json, "Print JSON");
+    if (about_a_host) command.add_option("--host", options->host, "The host to ask (default: the first)");
+    return options;
+}
+
+client::client(const client_options& options) : options_(options), channel_(connect_to(options.socket)) {}
+
+json client::ask(json request)
+{
+    if (!options_.host.empty()) request["host"] = options_.host;
+    std::string line;
+    try {
+        line = request.dump();
+    } catch (const json::type_error&) {
+        throw failure(exit_usage, "an argument holds bytes that are no text (UTF-8)");
+    }
+    channel_.write(line); // whether it got there shows in the answer
+    return next();
+}
+
+json client::next()
+{
+    const std::optional<std::string> line = channel_.read();
+    if (!line) throw failure(exit_unreachable, "the service on " + options_.socket + " hung up: look at its terminal");
+    json answer = json::parse(*line, nullptr, false);
+    if (!answer.is_object())
+        throw failure(exit_unreachable,
+                      "what listens on " + options_.socket + " is no 'ats run': name another --socket");
+    return answer;
+}
+
+void throw_if_refused(const json& answer)
+{
+    if (answer.contains("error"))
+        throw failure(static_cast<exit_code>(answer.value("exit_code", int{exit_failed})),
+                      answer["error"].get<std::string>());
+}
+
+void ask_and_show(const client_options& options, const json& request, void (*show)(std::ostream&, const json&))
+{
+    client service(options);
+    const json answer = service.ask(request);
+    throw_if_refused(answer);
+    if (options.as_json)
+        std::cout << answer.dump(2) << '\n';
+    else
+        show(std::cout, answer);
+}
+
+} // namespace cli

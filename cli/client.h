@@ -1,0 +1,50 @@
+// What every client command shares: the socket, the host it is about, and how answers are shown.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <string>
+
+#include "cli/commands.h"
+#include "cli/socket.h"
+
+namespace cli
+{
+
+using json = nlohmann::json;
+
+struct client_options {
+    std::string socket = default_socket_path();
+    std::string host; // "": the first
+    bool as_json = false;
+};
+
+// Adds --socket, --json and (when `about_a_host`) --host to a client command.
+std::shared_ptr<client_options> add_client_options(CLI::App& command, bool about_a_host);
+
+// One conversation with the service. Throws a failure when nobody answers.
+class client
+{
+  public:
+    explicit client(const client_options& options);
+
+    // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, comes back like any other answer.
+    json ask(json request);
+
+    // The next line of an answer that goes on.
+    json next();
+
+  private:
+    client_options options_;
+    line_channel channel_;
+};
+
+// Throws the failure that a refusal stands for; nothing for any other answer.
+void throw_if_refused(const json& answer);
+
+// Asks once and writes the answer: as JSON, or with `show` for people.
+void ask_and_show(const client_options& options, const json& request, void (*show)(std::ostream&, const json&));
+
+} // namespace cli

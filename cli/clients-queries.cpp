@@ -1,0 +1,145 @@
+#include "cli/clients.h"
+
+#include <chrono>
+#include <iostream>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+#include "cli/client.h"
+#include "cli/log-filter.h"
+#include "cli/show.h"
+
+namespace cli
+{
+
+namespace
+{
+
+struct resolve_options {
+    std::vector<std::string> asked;
+    bool verify = false;
+    bool cached = false;
+};
+
+// Whether everything that was asked for was found, and proved right where that was asked for too.
+bool is_yes(const json& answer)
+{
+    return answer["status"] == "ok" && (!answer.contains("verified") || answer["verified"] == true);
+}
+
+// Several questions, an answer each. A malformed one does not keep the others from being asked.
+int run_resolutions(const client_options& common, const resolve_options& options, const std::string& request,
+                    const std::string& key)
+{
+    client service(common);
+    json answers = json::array();
+    int worst = exit_ok;
+    for (const std::string& asked : options.asked) {
+        json answer =
+            service.ask({{"request", request}, {key, asked}, {"verify", options.verify}, {"cached", options.cached}});
+        answer["asked"] = asked;
+        if (answer.contains("error"))
+            worst = std::max<int>(worst, answer.value("exit_code", int{exit_failed}));
+        else if (!is_yes(answer))
+            worst = std::max<int>(worst, exit_failed);
+        if (common.as_json)
+            answers.push_back(answer);
+        else if (answer.contains("error"))
+            std::cerr << "ats: " << answer["error"].get<std::string>() << std::endl;
+        else
+            show_resolution(std::cout, answer);
+    }
+    if (common.as_json) std::cout << answers.dump(2) << '\n';
+    return worst;
+}
+
+void add_resolutions(CLI::App& program, int& exit_code, const std::string& name, const std::string& summary,
+                     const std::string& key, const std::string& key_help)
+{
+    CLI::App* command = program.add_subcommand(name, summary);
+    auto common = add_client_options(*command, true);
+    auto options = std::make_shared<resolve_options>();
+    command->add_option(key, options->asked, key_help)->required();
+    auto* verify = command->add_flag("--verify", options->verify,
+                                     "When the cache answers, ask the SA as well, and say so when the cache was wrong");
+    command->add_flag("--cached", options->cached, "Ask nobody: look in the cache only")->excludes(verify);
+    command->callback([=, &exit_code] { exit_code = run_resolutions(*common, *options, name, key); });
+}
+
+// One after another until interrupted, each over the one before when this is a terminal.
+void watch_status(const client_options& common)
+{
+    constexpr std::chrono::seconds redraw_period(1);
+    const bool on_terminal = isatty(STDOUT_FILENO) == 1;
+    client service(common);
+    while (true) {
+        const json answer = service.ask({{"request", "status"}});
+        throw_if_refused(answer);
+        std::ostringstream picture;
+        if (common.as_json)
+            picture << answer.dump() << '\n';
+        else
+            show_status(picture, answer);
+        std::cout << (on_terminal && !common.as_json ? over_the_last(picture.str()) : picture.str()) << std::flush;
+        std::this_thread::sleep_for(redraw_period);
+    }
+}
+
+void add_status(CLI::App& program)
+{
+    CLI::App* command = program.add_subcommand("status", "Show hosts, ports, addresses, counters and caches");
+    auto common = add_client_options(*command, false);
+    command->add_option("--host", common->host, "Show this host only");
+    auto watch = std::make_shared<bool>(false);
+    command->add_flag("--watch", *watch, "Draw it anew every second until interrupted");
+    command->callback([=] {
+        if (*watch)
+            watch_status(*common);
+        else
+            ask_and_show(*common, {{"request", "status"}}, show_status);
+    });
+}
+
+struct log_options {
+    bool follow = false;
+    int level = trace_level_everything;
+};
+
+void show_log(const client_options& common, const log_options& options)
+{
+    client service(common);
+    json line = service.ask({{"request", "log"}, {"follow", options.follow}, {"level", options.level}});
+    throw_if_refused(line);
+    for (; !line.contains("end"); line = service.next()) {
+        std::cout << (common.as_json ? line.dump() : line["line"].get<std::string>()) << '\n';
+        if (options.follow) std::cout.flush();
+    }
+}
+
+void add_log(CLI::App& program)
+{
+    CLI::App* command = program.add_subcommand("log", "Show a host's kernel log");
+    auto common = add_client_options(*command, true);
+    auto options = std::make_shared<log_options>();
+    command->add_flag("-f,--follow", options->follow, "Go on with new lines until interrupted");
+    command
+        ->add_option("--level", options->level,
+                     "Leave out trace lines above this level: 1 shows errors, 2 warnings too, 4 progress, 5 everything")
+        ->check(CLI::Range(0, trace_level_everything))
+        ->capture_default_str();
+    command->callback([=] { show_log(*common, *options); });
+}
+
+} // namespace
+
+void add_queries(CLI::App& program, int& exit_code)
+{
+    add_status(program);
+    add_resolutions(program, exit_code, "resolve", "Find the GID of IPv4 addresses", "address", "As in 10.0.0.2");
+    add_resolutions(program, exit_code, "reverse", "Find the IPv4 address of GIDs", "gid",
+                    "0x and up to 32 hexadecimal digits, or as in fe80::1");
+    add_log(program);
+}
+
+} // namespace cli

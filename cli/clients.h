@@ -1,0 +1,15 @@
+// The commands that ask a running service.
+#pragma once
+
+#include "cli/commands.h"
+
+namespace cli
+{
+
+// Commands that look: status, resolve, reverse, log.
+void add_queries(CLI::App& program, int& exit_code);
+
+// Commands that change something: control, trace, set-name, set-address, link, sa.
+void add_orders(CLI::App& program);
+
+} // namespace cli

@@ -1,0 +1,151 @@
+#include "cli/show.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace cli
+{
+
+namespace
+{
+
+std::string cell(const json& value)
+{
+    return value.is_string() ? value.get<std::string>() : value.is_null() ? "-" : value.dump();
+}
+
+// The values of `keys` in every element of `elements`, under `headings`.
+std::vector<std::vector<std::string>> rows_of(const json& elements, const std::vector<std::string>& headings,
+                                              const std::vector<const char*>& keys)
+{
+    std::vector<std::vector<std::string>> rows = {headings};
+    for (const json& element : elements) {
+        std::vector<std::string> row;
+        for (const char* key : keys) row.push_back(cell(element.value(key, json())));
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+void show_hca(std::ostream& to, const json& hca)
+{
+    to << "  " << cell(hca["name"]) << ", ";
+    if (hca["active_port"].is_null())
+        to << "no active port\n";
+    else
+        to << "active port " << cell(hca["active_port"]) << '\n';
+    to << format_table(rows_of(hca["ports"], {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
+                               {"port", "link", "state", "lid", "gid", "address", "sent", "received"}),
+                       4);
+}
+
+void show_verification(std::ostream& to, const json& verification)
+{
+    if (verification["period"] == 0)
+        to << "  registration is not checked\n";
+    else
+        to << "  registration is checked every " << cell(verification["period"]) << " s, up to "
+           << cell(verification["skew"]) << " % later\n";
+}
+
+void show_ibat(std::ostream& to, const json& ibat)
+{
+    const json& counters = ibat["counters"];
+    to << "  IBAT: " << counters["hits"] << " hits, " << counters["misses"] << " misses, " << counters["requests"]
+       << " requests, " << counters["retries"] << " retries, " << counters["timeouts"] << " time-outs\n";
+    if (ibat["cache"].empty()) return;
+    to << format_table(rows_of(ibat["cache"], {"ADDRESS", "GID", "KIND", "AGE", "EXPIRES"},
+                               {"address", "gid", "kind", "age", "expires"}),
+                       4);
+}
+
+std::string duration(uint64_t microseconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f ms", static_cast<double>(microseconds) / 1000);
+    return text;
+}
+
+// What the SA said when it was asked as well; "" when it was not.
+std::string verdict(const json& answer)
+{
+    if (!answer.contains("verified")) return "";
+    if (answer["verified"].is_null()) return "; could not be verified: " + cell(answer["sa"]);
+    if (answer["verified"].get<bool>()) return "; the SA agrees";
+    return "; WRONG, the SA says: " + cell(answer["sa"]);
+}
+
+} // namespace
+
+std::string format_table(const std::vector<std::vector<std::string>>& rows, int indent)
+{
+    std::vector<size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const auto& row : rows) {
+        std::string line(static_cast<size_t>(indent), ' ');
+        for (size_t i = 0; i < row.size(); ++i) line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+        text += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
+    }
+    return text;
+}
+
+void show_status(std::ostream& to, const json& answer)
+{
+    for (const json& host : answer["hosts"]) {
+        to << cell(host["name"]) << ": " << cell(host["version"]) << ", trace level " << cell(host["trace"]) << '\n';
+        for (const json& hca : host["hcas"]) show_hca(to, hca);
+        if (host.contains("verification")) show_verification(to, host["verification"]);
+        if (host.contains("ibat")) show_ibat(to, host["ibat"]);
+    }
+}
+
+void show_resolution(std::ostream& to, const json& answer)
+{
+    to << cell(answer["asked"]) << "  ";
+    if (answer["status"] == "ok")
+        to << cell(answer["found"]);
+    else
+        to << cell(answer["status"]) << ": " << cell(answer["reason"]);
+    to << "  (";
+    if (!answer["source"].is_null()) to << "from the " << cell(answer["source"]) << ", ";
+    to << duration(answer["microseconds"]) << verdict(answer) << ")" << std::endl;
+}
+
+void show_records(std::ostream& to, const json& answer)
+{
+    if (answer["records"].empty())
+        to << "The SA holds no ServiceRecord.\n";
+    else
+        to << format_table(rows_of(answer["records"], {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
+                                   {"gid", "p_key", "address", "host_name", "lease"}),
+                           0);
+    if (answer["silent"].get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
+    if (!answer["status"].is_null())
+        to << "It answers everything with status " << cell(answer["status"]) << " ('ats sa status 0' ends that).\n";
+}
+
+void show_output(std::ostream& to, const json& answer)
+{
+    to << answer["output"].get<std::string>();
+}
+
+void show_done(std::ostream& to, const json& answer)
+{
+    to << cell(answer["done"]) << '\n';
+}
+
+std::string over_the_last(const std::string& picture)
+{
+    constexpr const char* home = "\033[H";
+    constexpr const char* clear_to_line_end = "\033[K\n";
+    constexpr const char* clear_below = "\033[J";
+    std::string drawn = home;
+    for (const char each : picture) each == '\n' ? drawn += clear_to_line_end : drawn += each;
+    return drawn + clear_below;
+}
+
+} // namespace cli

@@ -1,0 +1,26 @@
+// Answers of the service, for people.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace cli
+{
+
+using json = nlohmann::json;
+
+// Rows under a heading, each column as wide as its widest cell, indented.
+std::string format_table(const std::vector<std::vector<std::string>>& rows, int indent);
+
+void show_status(std::ostream& to, const json& answer);
+void show_resolution(std::ostream& to, const json& answer);
+void show_records(std::ostream& to, const json& answer);
+void show_output(std::ostream& to, const json& answer); // of a control command
+void show_done(std::ostream& to, const json& answer);
+
+// A picture as it is sent to a terminal that shows the last one: drawn over it, line by line, without a flicker.
+std::string over_the_last(const std::string& picture);
+
+} // namespace cli
