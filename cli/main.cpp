@@ -54,6 +54,7 @@ int main(int argc, char** argv)
     program.require_subcommand(1);
 
     int exit_code = cli::exit_ok;
+    cli::add_demo(program, exit_code);
     cli::add_run(program, exit_code);
     cli::add_clients(program, exit_code);
     return run(program, argc, argv, exit_code);
