@@ -1,0 +1,119 @@
+// One real port: what leaves and arrives through it, and what is known of it. A task of the port receives, asks the
+// port for its attributes in intervals, and tells the HCA's listener of both.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+
+#include "host/fabric/umad/device.h"
+#include "host/fabric/umad/own-records.h"
+#include "host/fabric/umad/port-watch.h"
+#include "host/fabric/umad/sa-remarks.h"
+#include "host/fabric/umad/transactions.h"
+#include "host/fabric/umad/umad.h"
+
+namespace umad
+{
+
+traffic_counts operator+(const traffic_counts& a, const traffic_counts& b);
+
+// What the ports of a fabric have in common.
+class surroundings
+{
+  public:
+    surroundings(kernel::executor& executor, options wanted_options) : exec(executor), wanted(std::move(wanted_options))
+    {
+    }
+
+    kernel::executor& exec;
+    const options wanted;
+
+    void say(const std::string& text) const
+    {
+        if (wanted.say) wanted.say(text);
+    }
+
+    // Any thread.
+    void show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad);
+    void set_tap(fabric::tap* to);
+
+  private:
+    std::mutex tap_mutex_; // held over the tap
+    std::atomic<fabric::tap*> tap_{nullptr};
+};
+
+// What a port does to its HCA.
+struct port_events {
+    std::function<void(const fabric::address& source, const fabric::mad_bytes& mad)> arrived;
+    std::function<void(fabric::port_change change, uint16_t sm_lid)> changed;
+};
+
+class port
+{
+  public:
+    port(surroundings& around, own_records& records, const std::string& hca, int number, port_events events);
+    ~port();
+    port(const port&) = delete;
+    port& operator=(const port&) = delete;
+
+    // Opens the port and waits, for a second at the most, until it has told its attributes. Empty, or why it cannot be
+    // opened. Before start().
+    std::string open();
+    void start();
+
+    // Any thread.
+    bool send(const fabric::address& destination, const fabric::mad_bytes& mad);
+    fabric::port_attributes read() const;
+    traffic_counts counts() const;
+
+  private:
+    // The port's task, and open() before it runs.
+    void run();
+    void drain();
+    void receive_all();
+    void take(device::packet& arrived);
+    void deliver(device::packet& arrived);
+    void take_returned(device::packet& arrived);
+    void look(uint64_t now_ticks);
+    void ask(const fabric::mad_bytes& question);
+    void learn(const fabric::port_attributes& now, port_condition condition);
+    void learn_down(port_condition condition);
+    void lose_device();
+    void watch_sa(uint64_t now_ticks);
+
+    void say(const std::string& text) const;
+    void say_once(std::atomic<bool>& said, const char* text) const;
+
+    surroundings& around_;
+    const std::string hca_;
+    const int number_;
+    const std::string called_; // "mlx5_0 port 1"
+    const port_events events_;
+
+    device device_;
+    own_records& records_;
+    transactions under_way_;
+    mutable std::mutex mutex_; // guards known_
+    fabric::port_attributes known_;
+
+    struct {
+        std::atomic<uint64_t> sent{0}, refused{0}, arrived{0}, timed_out{0}, too_short{0}, strays{0}, completed{0};
+    } counts_;
+    std::atomic<bool> said_refused_{false}, said_short_{false}, said_stray_{false};
+    std::atomic<uint32_t> sent_since_answer_{0};
+    std::atomic<uint64_t> waiting_since_tick_{0};
+
+    // The port task's.
+    port_watch watch_;
+    sa_remarks remarks_;
+    port_condition condition_ = port_condition::unknown;
+    std::string said_state_;
+    bool reads_files_ = false; // the port does not tell its attributes, the system's files do
+    bool sa_is_silent_ = false;
+
+    std::atomic<bool> stopping_{false};
+    kernel::task* task_ = nullptr;
+};
+
+} // namespace umad

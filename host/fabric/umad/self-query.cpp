@@ -1,0 +1,183 @@
+#include "host/fabric/umad/self-query.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include "mad.h"
+
+namespace umad
+{
+
+namespace
+{
+
+// IBA 14.2.1.2: the header of a directed-route SMP, and its 64 bytes of attribute.
+struct directed_route_smp {
+    mad_hdr_t hdr; // of the status word the low half tells hop pointer and hop count
+    be64_t m_key;
+    be16_t dr_source_lid;
+    be16_t dr_destination_lid;
+    uint8_t reserved[28];
+    uint8_t attribute[64];
+    uint8_t initial_path[64];
+    uint8_t return_path[64];
+};
+static_assert(sizeof(directed_route_smp) == MAD_SIZE && offsetof(directed_route_smp, attribute) == 64);
+
+constexpr uint16_t permissive_lid = 0xFFFF;
+constexpr size_t guids_in_block = 8;
+constexpr size_t p_keys_in_block = 32;
+
+// IBA 14.2.5.
+constexpr uint16_t attribute_node_info = 0x0011;
+constexpr uint16_t attribute_guid_info = 0x0014;
+constexpr uint16_t attribute_port_info = 0x0015;
+constexpr uint16_t attribute_p_key_table = 0x0016;
+
+template <class number_t>
+number_t number_at(const uint8_t* bytes)
+{
+    number_t number;
+    std::memcpy(&number, bytes, sizeof number);
+    return number;
+}
+uint16_t number16(const uint8_t* bytes)
+{
+    return from_wire(number_at<be16_t>(bytes));
+}
+uint64_t number64(const uint8_t* bytes)
+{
+    return from_wire(number_at<be64_t>(bytes));
+}
+
+// IBA 14.2.5.6: 1 to 4, and 5 for a port that may still be active for a moment.
+fabric::link_state state_of(uint8_t port_state)
+{
+    constexpr uint8_t active_deferred = 5;
+    if (port_state == active_deferred) return fabric::link_state::active;
+    const bool is_known = port_state >= 1 && port_state <= 4;
+    return is_known ? static_cast<fabric::link_state>(port_state) : fabric::link_state::down;
+}
+
+uint8_t vls_of(uint8_t vl_cap)
+{
+    constexpr uint8_t table[] = {1, 1, 2, 4, 8, 15};
+    return vl_cap < std::size(table) ? table[vl_cap] : 1;
+}
+
+} // namespace
+
+fabric::gid_bytes make_gid(uint64_t prefix, uint64_t guid)
+{
+    return std::to_array(to_wire(kq_gid_t{.eui64 = guid, .subnet = prefix}).bytes);
+}
+
+void self_query::restart()
+{
+    asked_ = subject::node_info;
+    p_key_block_ = 0;
+    heard_ = {};
+}
+
+fabric::mad_bytes self_query::next_question()
+{
+    directed_route_smp smp{};
+    smp.hdr.base_ver = MAD_BASE_VERSION;
+    smp.hdr.mgt_class = class_directed_route;
+    smp.hdr.class_ver = class_version_smp;
+    smp.hdr.m.method = MAD_METHOD_GET;
+    smp.hdr.transact_id = to_wire(uint64_t{++transaction_});
+    smp.dr_source_lid = smp.dr_destination_lid = to_wire(permissive_lid);
+
+    uint16_t attribute = attribute_node_info;
+    uint32_t modifier = 0;
+    if (asked_ == subject::port_info) {
+        attribute = attribute_port_info;
+        modifier = static_cast<uint32_t>(port_);
+    } else if (asked_ == subject::guids) {
+        attribute = attribute_guid_info;
+    } else if (asked_ == subject::p_keys) {
+        attribute = attribute_p_key_table;
+        modifier = p_key_block_;
+    }
+    smp.hdr.attrib_id = std::bit_cast<uint16_t>(to_wire(attribute));
+    smp.hdr.attrib_modifier = to_wire(modifier);
+    return std::bit_cast<fabric::mad_bytes>(smp);
+}
+
+bool self_query::accept(const fabric::mad_bytes& answer)
+{
+    const auto smp = std::bit_cast<directed_route_smp>(answer);
+    constexpr uint8_t status_bits = 0x7F; // IBA 14.2.1.2: the top bit is the direction
+    const uint8_t* status = smp.hdr.u.ns.status.raw16.bytes;
+    const bool is_awaited =
+        smp.hdr.m.r && static_cast<uint32_t>(from_wire(smp.hdr.transact_id)) == transaction_ && asked_ != subject::none;
+    if (!is_awaited || (status[0] & status_bits) != 0 || status[1] != 0) return false;
+
+    switch (asked_) {
+    case subject::node_info:
+        accept_node(smp.attribute);
+        break;
+    case subject::port_info:
+        accept_port(smp.attribute);
+        break;
+    case subject::guids:
+        accept_guids(smp.attribute);
+        break;
+    default:
+        accept_p_keys(smp.attribute);
+        break;
+    }
+    return true;
+}
+
+void self_query::accept_node(const uint8_t* node_info)
+{
+    constexpr size_t partition_cap = 28;
+    const uint16_t p_keys = number16(node_info + partition_cap);
+    p_key_blocks_ = static_cast<uint16_t>(std::max<size_t>(1, (p_keys + p_keys_in_block - 1) / p_keys_in_block));
+    asked_ = subject::port_info;
+}
+
+void self_query::accept_port(const uint8_t* port_info)
+{
+    gid_prefix_ = number64(port_info + 8);
+    heard_.lid = number16(port_info + 16);
+    heard_.sm_lid = number16(port_info + 18);
+    heard_.capability_mask = from_wire(number_at<be32_t>(port_info + 20));
+    heard_.state = state_of(port_info[32] & 0x0F);
+    heard_.lmc = port_info[34] & 0x07;
+    heard_.mtu = port_info[36] >> 4;
+    heard_.sm_sl = port_info[36] & 0x0F;
+    heard_.max_vls = vls_of(port_info[37] >> 4);
+    heard_.bad_p_keys = number16(port_info + 46);
+    heard_.bad_q_keys = number16(port_info + 48);
+    asked_ = subject::guids;
+}
+
+void self_query::accept_guids(const uint8_t* block)
+{
+    size_t used = 1;
+    for (size_t i = 0; i < guids_in_block; ++i)
+        if (number64(block + i * 8) != 0) used = i + 1;
+    for (size_t i = 0; i < used; ++i) heard_.gids.push_back(make_gid(gid_prefix_, number64(block + i * 8)));
+    asked_ = subject::p_keys;
+}
+
+void self_query::accept_p_keys(const uint8_t* block)
+{
+    for (size_t i = 0; i < p_keys_in_block; ++i) heard_.p_keys.push_back(number16(block + i * 2));
+    if (++p_key_block_ < p_key_blocks_) return;
+    // Unused entries in between keep their index.
+    while (!heard_.p_keys.empty() && heard_.p_keys.back() == 0) heard_.p_keys.pop_back();
+    asked_ = subject::none;
+}
+
+std::optional<fabric::port_attributes> self_query::result() const
+{
+    if (asked_ != subject::none) return std::nullopt;
+    return heard_;
+}
+
+} // namespace umad

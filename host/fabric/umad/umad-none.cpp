@@ -1,0 +1,35 @@
+// Stands in for real ports in a build without libibumad.
+#include "host/fabric/umad/umad.h"
+
+namespace umad
+{
+
+namespace
+{
+
+const char* const not_built = "this ats was built without libibumad and knows no real fabric: install libibumad-dev "
+                              "and build it anew";
+
+} // namespace
+
+bool is_infiniband(const port_listing&)
+{
+    return false;
+}
+
+bool is_available()
+{
+    return false;
+}
+
+listing list_hcas()
+{
+    return {.hcas = {}, .why = not_built};
+}
+
+opened open(kernel::executor&, const options&)
+{
+    return {nullptr, not_built};
+}
+
+} // namespace umad

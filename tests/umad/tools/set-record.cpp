@@ -1,0 +1,90 @@
+// Another client of the SA, as an administrator might have one: registers or deletes one ATS record with nothing but
+// libibumad.
+//   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
+//   set-record -d GID P_KEY                SubnAdmDelete, by record identifier
+// Prints the status of the answer, in hex, and exits with 0 if that is 0.
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/fabric/umad/libibumad.h"
+#include "sa-mads.h"
+
+namespace
+{
+
+constexpr int answer_wait_ms = 1000;
+constexpr int tries = 5; // OpenSM drops requests while it is busy
+constexpr uint32_t transaction = 0x5E7;
+
+[[noreturn]] void fail(const char* what)
+{
+    std::fprintf(stderr, "set-record: %s\n", what);
+    std::exit(2);
+}
+
+sa_mad_v2_t make_request(bool remove, char** arguments)
+{
+    ib_service_record_v2_t record{};
+    record.service_id = to_wire(uint64_t{0x10000CE100415453});
+    if (inet_pton(AF_INET6, arguments[0], &record.service_gid) != 1) fail("the GID is not one");
+    record.service_pkey = to_wire(static_cast<uint16_t>(std::strtoul(arguments[1], nullptr, 0)));
+    std::strcpy(record.service_name, "DAPL Address Translation Service");
+    if (!remove) {
+        record.service_lease = to_wire(UINT32_MAX);
+        if (inet_pton(AF_INET, arguments[2], record.service_data8 + 12) != 1) fail("the address is not one");
+        record.service_data16[0] = 0x5C;
+        record.service_data16[1] = 0x27;
+        // The name runs on from ServiceData32 into ServiceData64; the last two bytes stay zero.
+        char name[30] = {};
+        std::memcpy(name, arguments[3], strnlen(arguments[3], sizeof name));
+        std::memcpy(record.service_data32, name, 16);
+        std::memcpy(record.service_data64, name + 16, sizeof name - 16);
+    }
+
+    sa_mad_v2_t mad{};
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.m.method = remove ? MAD_METHOD_DELETE : MAD_METHOD_SET;
+    mad.hdr.transact_id = to_wire(uint64_t{transaction});
+    mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
+    mad.component_mask = to_wire(remove ? uint64_t{0x47} : UINT64_MAX);
+    std::memcpy(mad.payload, &record, sizeof record);
+    return mad;
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    const bool remove = count == 4 && std::strcmp(arguments[1], "-d") == 0;
+    if (!remove && count != 5) fail("expected GID P_KEY ADDRESS NAME, or -d GID P_KEY");
+    const sa_mad_v2_t request = make_request(remove, arguments + (remove ? 2 : 1));
+
+    umad_port_t port;
+    if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
+    const int opened = umad_open_port(port.ca_name, port.portnum);
+    if (opened < 0) fail("cannot open the port");
+    const int agent = umad_register(opened, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
+    if (agent < 0) fail("cannot register the SA class");
+
+    alignas(8) char buffer[sizeof(ib_user_mad_t) + MAD_SIZE];
+    for (int i = 0; i < tries; ++i) {
+        std::memset(buffer, 0, sizeof buffer);
+        umad_set_addr(buffer, static_cast<int>(port.sm_lid), 1, static_cast<int>(port.sm_sl),
+                      static_cast<int>(0x80010000));
+        std::memcpy(umad_get_mad(buffer), &request, sizeof request);
+        if (umad_send(opened, agent, buffer, MAD_SIZE, answer_wait_ms, 0) < 0) fail("the request was not sent");
+        int length = MAD_SIZE;
+        if (umad_recv(opened, buffer, &length, answer_wait_ms) < 0 || umad_status(buffer) != 0) continue;
+        sa_mad_v2_t answer;
+        std::memcpy(&answer, umad_get_mad(buffer), sizeof answer);
+        if (static_cast<uint32_t>(from_wire(answer.hdr.transact_id)) != transaction) continue;
+        const unsigned status = from_wire(answer.hdr.u.ns.status.raw16);
+        std::printf("0x%04X\n", status);
+        return status == 0 ? 0 : 1;
+    }
+    fail("the SA does not answer");
+}
