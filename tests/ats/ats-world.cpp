@@ -1,0 +1,322 @@
+#include "tests/ats/ats-world.h"
+
+#include <bit>
+#include <regex>
+
+#include "host/stack/gsi-service.h"
+#include "host/stack/registry.h"
+#include "host/stack/timers.h"
+
+namespace
+{
+
+constexpr uint64_t first_random_seed = 7;
+constexpr const char* registry_key = "dorvex/modules/ats";
+constexpr const char* registry_value = "debug-level";
+
+std::string parameters_of(const host_setup& setup)
+{
+    return "ats_ipaddr_str=" + setup.address + " ats_hostName_str=\"" + setup.name + "\" " + setup.more_parameters;
+}
+
+world::host_plan plan_of(const host_setup& setup)
+{
+    world::host_plan plan{.name = setup.name, .hcas = {}, .trace_level = setup.trace, .modules = {}};
+    for (size_t i = 0; i < setup.ports.size(); ++i)
+        plan.hcas.push_back({"mthca" + std::to_string(i), setup.ports[i]});
+    return plan;
+}
+
+std::string readable(const std::string& raw_line)
+{
+    static const std::regex pointer("0x[0-9a-f]{9,14}(?![0-9a-f])");
+    static const std::regex traced(
+        "<6>(ERROR  |WARNING|DEBUG  |FUNC   ) : ATS : ([a-z_]+):\\(ats_(api|misc|module|sa)\\.cpp\\):([^]*)");
+    std::smatch parts;
+    std::string line = std::regex_replace(raw_line, pointer, "PTR");
+    if (line.ends_with('\n')) line.pop_back();
+    if (!std::regex_match(line, parts, traced)) return line;
+    const std::string padded_level = parts[1];
+    return padded_level.substr(0, padded_level.find(' ')) + " " + parts[3].str() + "/" + parts[2].str() + ": " +
+           parts[4].str();
+}
+
+} // namespace
+
+void asker::called_back(ibat_stat_t status, ibat_arp_data_t* record, void* self)
+{
+    auto* him = static_cast<asker*>(self);
+    him->answers.push_back({get_jiffies(), status, record ? record->dst_ip : 0});
+    him->order = ++told;
+    if (him->then) him->then(record);
+}
+
+std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
+{
+    return out << answer.tick << " " << answer.status << " " << world::format_ipv4(answer.ip);
+}
+
+ats_host::ats_host(kernel::executor& exec, embedded::subnet& subnet, const host_setup& setup)
+    : setup_(setup), exec_(exec), subnet_(subnet),
+      host_(std::make_unique<world::host>(exec, subnet, plan_of(setup), ATS_MODULE_DIR, first_random_seed))
+{
+    if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
+    if (setup.has_ibat) peers().publish_ibat();
+    if (setup.has_ucm) peers().publish_ucm();
+}
+
+kernel::load_result ats_host::try_load(const std::string& image)
+{
+    kernel::load_result result = machine().modules.insmod(image, parameters_of(setup_));
+    run([] {});
+    return result;
+}
+
+ats_host& ats_host::load()
+{
+    EXPECT_TRUE(try_load());
+    return *this;
+}
+
+void ats_host::unload()
+{
+    EXPECT_TRUE(machine().modules.rmmod("ats"));
+}
+
+void ats_host::link_up(int port, int hca)
+{
+    EXPECT_TRUE(subnet_.link_up(setup_.name, hca_name(hca), port));
+    run([] {});
+}
+
+void ats_host::link_down(int port, int hca)
+{
+    EXPECT_TRUE(subnet_.link_down(setup_.name, hca_name(hca), port));
+    run([] {});
+}
+
+kq_gid_t ats_host::gid(int port, int hca) const
+{
+    fabric::hca* at = subnet_.find(setup_.name, hca_name(hca)).hca;
+    return from_wire(std::bit_cast<wire_gid_t>(at->read_port(port).gids[0]));
+}
+
+void ats_host::run(const std::function<void()>& body)
+{
+    machine().enter("test", body);
+    if (auto* sim = dynamic_cast<kernel::simulation*>(&exec_)) sim->settle();
+}
+
+ibat_stat_t ats_host::reverse(const kq_gid_t& gid, asker& who, uint32_t* at_once)
+{
+    ibat_stat_t status{};
+    run([&] {
+        ibat_arp_data_t query{};
+        query.gid = gid;
+        status = peers().send_rarp(&query, asker::called_back, &who, peers().rarp_context);
+        if (at_once) *at_once = query.dst_ip;
+    });
+    return status;
+}
+
+ibat_stat_t ats_host::resolve(const std::string& address)
+{
+    ibat_stat_t status{};
+    run([&] {
+        ibat_arp_data_t query{};
+        query.dst_ip = ip_of(address);
+        status = peers().send_arp(&query, peers().arp_context, 0);
+    });
+    return status;
+}
+
+kernel::task& ats_host::start(const std::string& task_name, std::function<void()> body)
+{
+    return machine().start(task_name, std::move(body));
+}
+
+int ats_host::control(const std::string& written)
+{
+    int result = 0;
+    run([&] { result = machine().proc.write("dorvex/ats/control", written); });
+    return result;
+}
+
+std::string ats_host::read(const std::string& proc_file)
+{
+    std::string text;
+    run([&] { EXPECT_GE(machine().proc.read(proc_file, 0, 65536, &text), 0); });
+    return text;
+}
+
+void ats_host::trace(int level)
+{
+    machine().get<stack::registry>().set(registry_key, registry_value, level);
+}
+
+void ats_host::set_verify_period(int seconds, int skew_percent)
+{
+    control("sa_verify_period " + std::to_string(seconds) + " " + std::to_string(skew_percent));
+}
+
+std::vector<std::string> ats_host::log()
+{
+    std::vector<std::string> lines;
+    for (const kernel::log_line& line : machine().log.lines_from(next_line_, SIZE_MAX, &next_line_))
+        lines.push_back(readable(line.raw));
+    return lines;
+}
+
+std::string ats_host::held()
+{
+    std::string text;
+    for (const std::string& leak : machine().memory.leaks()) text += "memory: " + leak + "\n";
+    if (const int count = peers().references()) text += std::to_string(count) + " references on peers\n";
+    if (machine().modules.is_loaded("ats")) text += "the module is loaded\n";
+    for (const stack::gsi_pool_view& pool : machine().get<stack::gsi>().pools()) text += "pool " + pool.name + "\n";
+    if (const size_t armed = machine().get<stack::timers>().armed()) text += std::to_string(armed) + " timers\n";
+    for (const char* file : {"version", "control"}) {
+        kernel::proc_listing entry;
+        if (machine().proc.stat(std::string("dorvex/ats/") + file, &entry) == 0) text += std::string(file) + " file\n";
+    }
+    for (const std::string& name : machine().inter_modules.names())
+        if (name == "ATS_SA_SET_IP_ADDR") text += "its inter-module name\n";
+    trace(trace_error); // a subscription would write into an image that has gone
+    return text;
+}
+
+ats_world::ats_world(const kernel::simulation_options& options, embedded::subnet_options subnet_options)
+    : sim(kernel::make_simulation(options)), subnet(*sim, std::move(subnet_options)), begin_tick_(options.start_tick)
+{
+    subnet.set_tap(this);
+}
+
+ats_world::~ats_world()
+{
+    hosts_.clear();
+}
+
+ats_host& ats_world::add(const host_setup& setup)
+{
+    hosts_.push_back(std::make_unique<ats_host>(*sim, subnet, setup));
+    return *hosts_.back();
+}
+
+ats_host& ats_world::add_registered(const host_setup& setup)
+{
+    ats_host& host = add(setup).load();
+    host.link_up(1);
+    raw_requests();
+    host.log();
+    host.peers().processed.clear();
+    return host;
+}
+
+void ats_world::crossed(uint64_t now, uint16_t source_lid, const fabric::address& destination,
+                        const fabric::mad_bytes& mad)
+{
+    constexpr size_t method_byte = 3;
+    if (!(mad[method_byte] & MAD_METHOD_RESPONSE)) requests_.push_back({now, source_lid, destination, mad});
+}
+
+std::vector<wire_request> ats_world::raw_requests()
+{
+    return std::exchange(requests_, {});
+}
+
+std::vector<std::string> ats_world::requests()
+{
+    std::vector<std::string> texts;
+    for (const wire_request& each : raw_requests()) texts.push_back(describe(each));
+    return texts;
+}
+
+std::string ats_world::describe(const wire_request& request) const
+{
+    const auto mad = std::bit_cast<sa_mad_v2_t>(request.mad);
+    const test::record_t record = test::record_in(mad);
+    const embedded::service_record_view view = embedded::view_of(record);
+    const std::string gid = port_name(std::to_array(record.service_gid.bytes));
+    std::string text = std::to_string(request.tick - begin_tick_) + " " + port_name(request.source_lid);
+    switch (test::method_of(mad)) {
+    case MAD_METHOD_SET:
+        return text + " SET " + gid + " " + view.ipv4 + " " + view.host_name;
+    case MAD_METHOD_DELETE:
+        return text + " DELETE " + gid;
+    case MAD_METHOD_GET:
+        return text + " GET " + (from_wire(mad.component_mask) == test::mask_gid_lookup ? gid : view.ipv4);
+    default:
+        return text + " method " + std::to_string(test::method_of(mad));
+    }
+}
+
+namespace
+{
+
+// "node1.2"; of an HCA other than the host's first "node1.mthca1.2".
+std::string name_of(const embedded::port_view& port)
+{
+    const std::string hca = port.hca_name == "mthca0" ? "" : port.hca_name + ".";
+    return port.host_name + "." + hca + std::to_string(port.port);
+}
+
+} // namespace
+
+std::string ats_world::port_name(uint16_t lid) const
+{
+    // A datagram crosses inside of the subnet, but is described later.
+    for (const embedded::port_view& port : subnet.ports())
+        if (port.lid == lid) return name_of(port);
+    return "LID " + std::to_string(lid);
+}
+
+std::string ats_world::port_name(const fabric::gid_bytes& gid) const
+{
+    if (gid == fabric::gid_bytes{}) return "none";
+    for (const embedded::port_view& port : subnet.ports())
+        if (port.gid == embedded::text_of(gid)) return name_of(port);
+    return embedded::text_of(gid);
+}
+
+std::vector<std::string> ats_world::records() const
+{
+    std::vector<std::string> texts;
+    const std::vector<embedded::port_view> ports = subnet.ports();
+    for (const embedded::service_record_view& record : subnet.service_records()) {
+        const auto owner = std::ranges::find(ports, record.gid, &embedded::port_view::gid);
+        texts.push_back((owner == ports.end() ? record.gid : name_of(*owner)) + " " + record.ipv4 + " " +
+                        record.host_name);
+    }
+    return texts;
+}
+
+void ats_world::inject(const ats_host& to, int port, const fabric::mad_bytes& mad)
+{
+    if (!stranger_) {
+        stranger_ = &subnet.add_hca("stranger", "hca", 1);
+        EXPECT_TRUE(subnet.link_up("stranger", "hca", 1));
+    }
+    const std::vector<embedded::port_view> ports = subnet.ports();
+    const auto at = std::ranges::find(ports, to.name() + "." + std::to_string(port), name_of);
+    EXPECT_TRUE(at != ports.end() && stranger_->send(1, {.lid = at->lid}, mad));
+    sim->settle();
+}
+
+fabric::mad_bytes sa_reply(const kq_gid_t& gid, const std::string& address, uint16_t status, uint8_t method,
+                           uint16_t attribute)
+{
+    test::record_t record{};
+    record.service_gid = to_wire(gid);
+    const uint32_t ip = ip_of(address);
+    memcpy(record.service_data8 + 12, &ip, sizeof ip);
+    sa_mad_v2_t mad = test::request(method, 0, record);
+    mad.hdr.m.r = 1;
+    mad.hdr.u.ns.status.raw16 = to_wire(status);
+    mad.hdr.attrib_id = std::bit_cast<uint16_t>(to_wire(attribute));
+    return test::bytes_of(mad);
+}
+
+uint32_t ip_of(const std::string& address)
+{
+    return world::parse_ipv4(address).value();
+}

@@ -1,0 +1,114 @@
+// IBAT and UCM as ats meets them: what it hands over is written down, and what they answer is the test's to say.
+// One pair for each machine, published under the names that the real ones use.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "devucm-exports.h"
+#include "host/kernel/machine.h"
+#include "kernel/time.h"
+
+class recording_peers final : public kernel::service
+{
+  public:
+    explicit recording_peers(kernel::machine& home) : home_(home) {}
+
+    static recording_peers& here() { return kernel::current_machine("a peer's function").get<recording_peers>(); }
+
+    void publish_ibat()
+    {
+        publish("ibat_attach_fn", static_cast<ibat_attach_fn_t>(attach));
+        publish("ibat_detach_fn", static_cast<ibat_detach_fn_t>(detach));
+        publish("ibat_process_arp_data_fn", static_cast<ibat_process_arp_data_fn_t>(process));
+        publish("ibat_seq_cache_lookup_fn", static_cast<ibat_seq_cache_lookup_fn_t>(look_up));
+    }
+    void publish_ucm()
+    {
+        publish("ucm_rarp_attach_fn", static_cast<ucm_rarp_attach_fn_t>(ucm_attach));
+        publish("ucm_rarp_detach_fn", static_cast<ucm_rarp_detach_fn_t>(ucm_detach));
+    }
+    void withdraw(const std::string& name) { home_.inter_modules.withdraw(name); }
+
+    // References that the module holds on the functions of both.
+    int references() const
+    {
+        int sum = 0;
+        for (const std::string& name : home_.inter_modules.names()) sum += home_.inter_modules.references(name);
+        return sum;
+    }
+
+    std::vector<std::string> calls; // "attach", "detach", "ucm attach", "ucm detach", in order
+    bool accepts = true;            // the next attach of IBAT
+    bool ucm_accepts = true;
+
+    send_arp_data_fn_t send_arp = nullptr; // while attached
+    void* arp_context = nullptr;
+    send_rarp_fn_t send_rarp = nullptr;
+    void* rarp_context = nullptr;
+
+    std::vector<ibat_arp_data_t> processed;
+    std::function<void(ibat_arp_data_t&)> on_process; // what else IBAT does with a reply
+    std::vector<std::pair<kq_gid_t, uint32_t>> cache; // what IBAT knows of GIDs
+
+  private:
+    template <class function_t>
+    void publish(const char* name, function_t function)
+    {
+        home_.inter_modules.publish(name, nullptr, reinterpret_cast<const void*>(function));
+    }
+
+    static ibat_stat_t attach(get_if_info_fn_t get_if_info, send_arp_data_fn_t send_arp, void* context, void** handle)
+    {
+        recording_peers& self = here();
+        self.calls.push_back(get_if_info ? "attach with get_if_info" : "attach");
+        if (!self.accepts) return ibat_stat_error;
+        self.send_arp = send_arp;
+        self.arp_context = context;
+        *handle = &self.send_arp;
+        return ibat_stat_ok;
+    }
+    static ibat_stat_t detach(void* handle)
+    {
+        recording_peers& self = here();
+        self.calls.push_back(handle == &self.send_arp ? "detach" : "detach of another handle");
+        self.send_arp = nullptr;
+        return ibat_stat_ok;
+    }
+    static ibat_stat_t process(ibat_arp_data_t* reply)
+    {
+        recording_peers& self = here();
+        self.processed.push_back(*reply);
+        if (self.on_process) self.on_process(*reply);
+        return ibat_stat_error; // of no interest to ats
+    }
+    static ibat_stat_t look_up(kq_gid_t* gid, ibat_arp_data_t* found)
+    {
+        for (const auto& [known, ip] : here().cache) {
+            if (!(known == *gid)) continue;
+            found->dst_ip = ip;
+            return ibat_stat_ok;
+        }
+        return ibat_stat_not_found;
+    }
+    static ucm_stat_t ucm_attach(send_rarp_fn_t send_rarp, void* context, void** handle)
+    {
+        recording_peers& self = here();
+        self.calls.push_back("ucm attach");
+        if (!self.ucm_accepts) return ucm_stat_error;
+        self.send_rarp = send_rarp;
+        self.rarp_context = context;
+        *handle = &self.send_rarp;
+        return ucm_stat_ok;
+    }
+    static ucm_stat_t ucm_detach(void* handle)
+    {
+        recording_peers& self = here();
+        self.calls.push_back(handle == &self.send_rarp ? "ucm detach" : "ucm detach of another handle");
+        self.send_rarp = nullptr;
+        return ucm_stat_ok;
+    }
+
+    kernel::machine& home_;
+};
