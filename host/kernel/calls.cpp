@@ -1,5 +1,6 @@
 // The kernel calls of a module that lead straight to a part of its machine.
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -36,8 +37,10 @@ void printk(const char* format, ...)
     va_list arguments;
     va_start(arguments, format);
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of clang-tidy 14
-    std::vsnprintf(text, sizeof text, format, arguments);
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
+    // A NUL that was printed as a character shows nothing, and does not end the text.
+    if (length > 0) *std::remove(text, text + std::min<size_t>(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& home = current_machine(__func__);
     kernel::print_capture* capture = kernel::current_task()->capture;
     if (capture && !capture->take(text)) return;

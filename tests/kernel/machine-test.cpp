@@ -98,7 +98,7 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
     const int handle = at.host.log.follow([&](const kernel::log_line& line) { followed.push_back(line.text); });
     at.run([] {
         printk("<6>INFO : one\n");
-        printk("two %d", 2);
+        printk("tw%co %d", 0, 2);
         printk(", continued <3>here\n\n");
         printk("<1>%s", (std::string(2000, 'x') + "\n").c_str()); // cut, so that its line stays open
         printk("!\n");
