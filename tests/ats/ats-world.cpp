@@ -22,8 +22,7 @@ std::string parameters_of(const host_setup& setup)
 world::host_plan plan_of(const host_setup& setup)
 {
     world::host_plan plan{.name = setup.name, .hcas = {}, .trace_level = setup.trace, .modules = {}};
-    for (size_t i = 0; i < setup.ports.size(); ++i)
-        plan.hcas.push_back({"mthca" + std::to_string(i), setup.ports[i]});
+    for (size_t i = 0; i < setup.ports.size(); ++i) plan.hcas.push_back({"mthca" + std::to_string(i), setup.ports[i]});
     return plan;
 }
 

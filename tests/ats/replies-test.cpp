@@ -1,0 +1,185 @@
+// What becomes of a reply, good, hostile or cut off: the lines it leaves, what IBAT gets to see of it, and what the
+// requests that wait for its GID are told. Replies come over the wire from a port that is not the SA's.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+constexpr kq_gid_t far_gid = {0x0123456789ABCDEF, 0xFE80000000000000};
+constexpr uint32_t mask_answer = 0x207, mask_own = 0x8207;
+
+struct replies : testing::Test {
+    ats_world w;
+    ats_host& host = w.add_registered({.ports = {2}, .trace = trace_debug});
+
+    // The lines of the decoder and of who comes behind it, those about the pending list left out.
+    std::vector<std::string> lines()
+    {
+        std::vector<std::string> kept = host.log();
+        std::erase_if(kept, [](const std::string& line) {
+            return !line.ends_with("!") &&
+                   (line.find("Datagram <PTR>") != std::string::npos || line.find("ats_process_") != std::string::npos);
+        });
+        return kept;
+    }
+    std::string counters(int port)
+    {
+        host.read("dorvex/ats/control");
+        std::string found;
+        for (const std::string& line : host.log())
+            if (line.starts_with("Send Counter") && port-- == 1) found = line;
+        return found;
+    }
+};
+
+std::string decoded(const std::string& level, const std::string& message)
+{
+    return level + " sa/ats_sa_gsi_decode_recv_dtgrm: " + message;
+}
+
+const std::string is_record = decoded("DEBUG", " ServiceRecord reply MAD received, transaction-id 0x0700000000000000");
+const std::string is_good = decoded("DEBUG", " Incoming mad has status SUCCESS.");
+const std::string is_odd = decoded("WARNING", "Invalid base version, mgmt class or class version");
+const std::string is_delete = "DEBUG sa/ats_sa_gsi_recv_compl_cb:  Drop delete response mad";
+const std::string is_own = decoded("DEBUG", " arp reply for local ip addr 10.0.0.1 setting it to be static !");
+
+fabric::mad_bytes with_byte(fabric::mad_bytes mad, size_t offset, uint8_t value)
+{
+    mad[offset] = value;
+    return mad;
+}
+
+TEST_F(replies, each_kind_leaves_its_lines_and_reaches_whom_it_concerns)
+{
+    const auto bad_status = [](const std::string& status) {
+        return decoded("ERROR", "ATS - Incoming mad has an error status <" + status + "> .");
+    };
+    const auto reply = [](uint16_t status, uint16_t attribute = 0x0031, uint8_t method = 1) {
+        return sa_reply(far_gid, "10.0.0.9", status, method, attribute);
+    };
+    struct {
+        const char* what;
+        fabric::mad_bytes mad;
+        std::vector<std::string> lines;
+        bool reaches_ibat;
+        uint32_t mask;
+    } table[] = {
+        {"an answer", reply(0), {is_record, is_good}, true, mask_answer},
+        {"an answer to a Set", reply(0, 0x0031, 2), {is_record, is_good}, true, mask_answer},
+        {"the own address", sa_reply(far_gid, "10.0.0.1"), {is_record, is_good, is_own}, true, mask_own},
+        {"base version 2", with_byte(reply(0), 0, 2), {is_odd, is_record, is_good}, true, mask_answer},
+        {"class version 1", with_byte(reply(0), 2, 1), {is_odd, is_record, is_good}, true, mask_answer},
+        {"no records", reply(0x0300), {is_record, is_good}, true, mask_answer},
+        {"code 9 of the class", reply(0x0900), {is_record, is_good}, true, mask_answer},
+        {"the highest code", reply(0xFF00), {is_record, is_good}, true, mask_answer},
+        {"busy", reply(0x0001), {is_record, bad_status("0x0001")}, false, 0},
+        {"invalid field, with a code", reply(0x031C), {is_record, bad_status("0x031C")}, false, 0},
+        {"a delete's answer", reply(0, 0x0031, 0x15), {is_record, is_good, is_delete}, false, 0},
+        {"a refused delete", reply(0x0300, 0x0031, 0x15), {is_record, is_good, is_delete}, false, 0},
+        {"all zero but its class",
+         with_byte(with_byte({}, 1, 3), 3, 0x81),
+         {is_odd, decoded("ERROR", "ATS - Unrequested/unsupported attribute ID. <0x0000>")},
+         true,
+         0},
+    };
+    for (const auto& each : table) {
+        SCOPED_TRACE(each.what);
+        w.inject(host, 1, each.mad);
+        EXPECT_EQ(lines(), each.lines);
+        ASSERT_EQ(host.peers().processed.size(), each.reaches_ibat ? 1u : 0u);
+        EXPECT_EQ(each.reaches_ibat ? host.peers().processed[0].mask : 0, each.mask);
+        host.peers().processed.clear();
+    }
+    for (const auto& [attribute, word] : std::map<uint16_t, const char*>{
+             {0x0002, "unexpected"},
+             {0x0003, "unexpected"},
+             {0x0010, "Unrequested/unsupported"},
+             {0x0011, "unexpected"},
+             {0x0012, "unexpected"},
+             {0x0035, "unexpected"},
+             {0x0036, "Unrequested/unsupported"},
+             {0x0038, "unexpected"},
+             {0x003A, "unexpected"},
+             {0x3100, "Unrequested/unsupported"},
+         }) {
+        char line[80];
+        std::snprintf(line, sizeof line, "ATS - %s attribute ID. <0x%04X>", word, attribute);
+        w.inject(host, 1, reply(0, attribute));
+        EXPECT_EQ(lines(), std::vector{decoded("ERROR", line)});
+        EXPECT_EQ(host.peers().processed.back().mask, 0u);
+    }
+    EXPECT_THAT(w.requests(), IsEmpty());
+}
+
+TEST_F(replies, ibat_sees_an_arp_reply_and_nothing_of_the_one_before)
+{
+    w.inject(host, 1, sa_reply(far_gid, "10.0.0.9"));
+    host.link_up(2);
+    w.inject(host, 2, sa_reply({}, "0.0.0.0", 0, MAD_METHOD_GET, SA_ATTR_PATH_RECORD));
+    w.inject(host, 2, sa_reply(far_gid, "10.0.0.8", 0x0300));
+    ASSERT_EQ(host.peers().processed.size(), 3u);
+
+    ibat_arp_data_t expected{};
+    const auto same = [&](const ibat_arp_data_t& seen) { return memcmp(&seen, &expected, sizeof seen) == 0; };
+    expected.mask = mask_answer;
+    expected.arp_operation = IBAT_ARP_REPLY;
+    expected.src_ip = ip_of("10.0.0.9");
+    expected.dst_ip = ip_of("10.0.0.1");
+    expected.gid = far_gid;
+    expected.local_port_num = 1;
+    EXPECT_TRUE(same(host.peers().processed[0]));
+    expected.src_ip = ip_of("10.0.0.8");
+    expected.local_port_num = 2;
+    EXPECT_TRUE(same(host.peers().processed[2]));
+    expected = {};
+    expected.arp_operation = IBAT_ARP_REPLY;
+    EXPECT_TRUE(same(host.peers().processed[1]));
+}
+
+TEST_F(replies, are_counted_on_their_port_and_no_datagram_is_kept)
+{
+    const std::string before = counters(1);
+    EXPECT_EQ(before, "Send Counter 0x2 , Receive Counter 0x2");
+    host.link_up(2);
+    for (int i = 0; i < 300; ++i)
+        w.inject(host, 2, sa_reply(far_gid, "10.0.0.9", 0, i % 2 ? 0x15 : 1, i % 3 ? 0x31 : 2));
+    host.log();
+    EXPECT_EQ(counters(1), before);
+    EXPECT_EQ(counters(2), "Send Counter 0x0 , Receive Counter 0x12C");
+    host.unload(); // a datagram that is out would be a hard error here
+    EXPECT_EQ(host.held(), "");
+}
+
+TEST_F(replies, dumps_show_the_record_and_end_an_unterminated_name)
+{
+    fabric::mad_bytes mad = sa_reply(far_gid, "10.1.2.3");
+    std::fill_n(mad.begin() + 56, 8, 0x11);
+    mad[80] = 0x81, mad[81] = 0x23; // P_Key
+    mad[87] = 0x3C;                 // lease
+    std::fill_n(mad.begin() + 104, 64, 'n');
+    mad[168] = 0x01;
+    std::fill_n(mad.begin() + 184, 16, 0x5C);
+    for (int i = 0; i < 16; ++i) mad[200 + i] = static_cast<uint8_t>('A' + i);
+    for (int i = 0; i < 16; ++i) mad[216 + i] = static_cast<uint8_t>(i + 1);
+    host.trace(trace_func);
+    host.log();
+    w.inject(host, 1, mad);
+    std::vector<std::string> dump = host.log();
+    std::erase_if(dump, [](const std::string& line) { return line.find("dump_service_record") == std::string::npos; });
+    for (std::string& line : dump) line.erase(0, line.find(": ") + 2);
+    const std::string rule(64, '=');
+    EXPECT_THAT(dump, ElementsAre(rule, "service id   : 0x1111111111111111",
+                                  "service gid  : 0xFE800000000000000123456789ABCDEF", "service pkey : 0x8123",
+                                  "service lease: 0x3C", "service_name : " + std::string(63, 'n'),
+                                  "service_data8 : 0x00000001 00000000 00000000 0302010a",
+                                  "service_data16: 0x5c5c5c5c 5c5c5c5c 5c5c5c5c 5c5c5c5c",
+                                  "service_data32: 0x44434241 48474645 4c4b4a49 504f4e4d",
+                                  "service_data64: 0x0807060504030201  100f0e0d0c0b0a09 ", "service_data32 string AEIM",
+                                  rule));
+
+    w.inject(host, 1, sa_reply(far_gid, "10.1.2.3"));
+    EXPECT_THAT(host.log(), Contains("FUNC sa/ats_sa_dump_service_record_mad: service_data32 string "))
+        << "four NULs do not swallow the line end";
+}
+
+} // namespace
