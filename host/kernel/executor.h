@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "host/kernel/task.h"
 
@@ -65,16 +66,19 @@ struct stalled : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+class schedule;
+
 struct simulation_options {
-    uint64_t seed = 1; // decides the order of tasks that are ready at one instant
+    uint64_t seed = 1; // decides the order of tasks, when interleavings are explored
     uint64_t start_tick = 0;
-    bool explore_switches = false;       // switch_point() may switch
+    bool explore_switches = false;       // tasks run in an order drawn from the seed, and switch_point() may switch
+    schedule* order = nullptr;           // decides instead; must outlive the simulation
     uint64_t patience_ticks = 3'600'000; // how long an awaited task may take before the world counts as stalled
 };
 
 // One thread, many fibers, and a clock that jumps to the next deadline when every task is parked. Tasks ready at
-// one instant run in the order they became ready, or with explore_switches in an order drawn from the seed. The same
-// options and the same calls give the same run. A call from a second thread is a hard error.
+// one instant run in the order they became ready, unless the options name another order. The same options and the same
+// calls give the same run. A call from a second thread is a hard error.
 class simulation : public executor
 {
   public:
@@ -87,6 +91,9 @@ class simulation : public executor
 
     // Every parked task and what it waits for, a line each.
     virtual std::string report() const = 0;
+
+    // Every task that has not ended, the oldest first; each is there until it is joined.
+    virtual std::vector<task*> tasks() const = 0;
 };
 
 std::unique_ptr<simulation> make_simulation(const simulation_options& options = {});

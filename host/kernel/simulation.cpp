@@ -1,10 +1,10 @@
-#include <random>
 #include <thread>
 
 #include "host/kernel/current-task.h"
 #include "host/kernel/executor.h"
 #include "host/kernel/fiber-task.h"
 #include "host/kernel/ready-queue.h"
+#include "host/kernel/schedule.h"
 
 namespace kernel
 {
@@ -15,9 +15,12 @@ namespace
 class simulated_executor final : public simulation
 {
   public:
-    explicit simulated_executor(const simulation_options& options)
-        : options_(options), now_(options.start_tick), dice_(options.seed)
+    explicit simulated_executor(const simulation_options& options) : options_(options), now_(options.start_tick)
     {
+        if (!options_.order && options_.explore_switches) {
+            seeded_order_ = std::make_unique<random_schedule>(options_.seed);
+            options_.order = seeded_order_.get();
+        }
     }
 
     ~simulated_executor() override
@@ -97,8 +100,12 @@ class simulated_executor final : public simulation
 
     void switch_point() override
     {
-        if (!options_.explore_switches || (ready_.empty() && spinning_.empty())) return;
-        if (fiber_task* self = running(); self && dice_() % one_switch_in == 0) yield(*self);
+        if (!options_.order || (ready_.empty() && spinning_.empty())) return;
+        fiber_task* self = running();
+        if (!self) return;
+        others_may_go_on();
+        if (const size_t chosen = options_.order->choose(ready_.size() + 1, choice_point::switch_point))
+            give_way(*self, ready_.take(chosen - 1));
     }
 
     void relax() override
@@ -132,9 +139,15 @@ class simulated_executor final : public simulation
         return text;
     }
 
-  private:
-    static constexpr uint64_t one_switch_in = 3;
+    std::vector<task*> tasks() const override
+    {
+        std::vector<task*> living;
+        for (fiber_task* each : tasks_)
+            if (each->state != task_state::ended && each->state != task_state::abandoned) living.push_back(each);
+        return living;
+    }
 
+  private:
     fiber_task* running() const { return static_cast<fiber_task*>(current_task()); }
 
     void check_thread(const char* call) const
@@ -229,8 +242,14 @@ class simulated_executor final : public simulation
     void yield(fiber_task& self)
     {
         others_may_go_on();
+        if (!ready_.empty()) give_way(self, take_ready());
+    }
+
+    void give_way(fiber_task& self, fiber_task* next)
+    {
         ready_.push(&self);
-        switch_away(self);
+        set_current_task(next);
+        fiber::switch_between(self.thread, next->thread);
     }
 
     // Goes on with a ready task, or with the thread from outside when there is none, or when what it awaits is here.
@@ -245,7 +264,8 @@ class simulated_executor final : public simulation
 
     fiber_task* take_ready()
     {
-        return options_.explore_switches ? ready_.take(dice_() % ready_.size()) : ready_.take_first();
+        if (!options_.order || ready_.size() == 1) return ready_.take_first();
+        return ready_.take(options_.order->choose(ready_.size(), choice_point::stop));
     }
 
     // From outside: runs what is ready. False when nothing was.
@@ -282,10 +302,10 @@ class simulated_executor final : public simulation
         }
     }
 
-    const simulation_options options_;
+    simulation_options options_;
+    std::unique_ptr<schedule> seeded_order_;
     const std::thread::id thread_ = std::this_thread::get_id();
     uint64_t now_;
-    std::mt19937_64 dice_;
     fiber outside_;
     fiber_stack_pool stacks_;
     std::list<fiber_task*> tasks_;

@@ -4,6 +4,7 @@
 #include <set>
 #include <thread>
 
+#include "host/kernel/schedule.h"
 #include "kernel/printk.h"
 #include "tests/kernel/one-machine.h"
 
@@ -57,6 +58,42 @@ TEST(order, is_that_of_becoming_ready_however_many_there_are)
     }
     at.finish();
     EXPECT_EQ(order, expected);
+}
+
+// Two tasks that each read a number, are somewhere else, and write it back plus one: what they end up with.
+std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
+{
+    kernel::systematic_schedule order(deviations);
+    std::set<int> outcomes;
+    do {
+        one_machine at({.order = &order});
+        semaphore elsewhere; // never waited for: only a place to switch
+        sema_init(&elsewhere, 2);
+        int number = 0;
+        const auto add_one = [&] {
+            const int read = number;
+            down(&elsewhere);
+            up(&elsewhere);
+            number = read + 1;
+        };
+        at.at(0, "first", add_one);
+        at.at(0, "second", add_one);
+        order.explore(true);
+        at.sim->settle();
+        outcomes.insert(number);
+        at.finish();
+    } while (order.next());
+    *orders = order.orders_tried();
+    return outcomes;
+}
+
+TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_loses_an_update)
+{
+    uint64_t orders;
+    EXPECT_THAT(outcomes_of_a_race(0, &orders), ElementsAre(2));
+    EXPECT_EQ(orders, 1u);
+    EXPECT_THAT(outcomes_of_a_race(1, &orders), ElementsAre(1, 2));
+    EXPECT_EQ(orders, 4u); // the first in order, the second first, a switch at the down or at the up
 }
 
 TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
