@@ -260,9 +260,28 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
     EXPECT_EQ(ask(get_first(++transaction)), -1);
     EXPECT_EQ(ask(get_first(++transaction)), 0);
 
+    const auto saved = net.save_records();
     EXPECT_EQ(net.forget(gid_of(second, 1)), 0u);
     EXPECT_EQ(net.forget(gid_of(first, 1)), 1u);
     EXPECT_EQ(ask(get_first(++transaction)), 0x0300);
+    net.restore_records(saved);
+    EXPECT_EQ(ask(get_first(++transaction)), 0) << "the SA came back with what it held before";
+
+    net.faults.corrupt_percent = 100;
+    EXPECT_TRUE(second.send(1, {.lid = 2}, get_first(++transaction)));
+    sim->settle();
+    const fabric::mad_bytes sent = get_first(transaction), came = test::bytes_of(at_first.arrivals.back().mad);
+    EXPECT_EQ(std::inner_product(sent.begin(), sent.end(), came.begin(), 0, std::plus{}, std::not_equal_to{}), 1);
+}
+
+TEST_F(two_hosts, a_slow_sa_serves_one_request_after_another)
+{
+    net.faults.sa_service_ticks = 10;
+    for (uint64_t i = 1; i <= 3; ++i) ASSERT_TRUE(first.send(1, sa_address, get_first(i)));
+    sim->run_for(29);
+    EXPECT_EQ(at_first.arrivals.size(), 2u);
+    sim->run_for(1);
+    EXPECT_THAT(at_first.transactions(), ElementsAre(1, 2, 3));
 }
 
 TEST(subnet, the_queue_is_bounded_and_empties_again)

@@ -1,4 +1,6 @@
 // How the embedded subnet carries datagrams: what a send does, and the fabric task.
+#include <algorithm>
+
 #include "host/fabric/embedded/adapter.h"
 #include "host/kernel/task.h"
 
@@ -44,7 +46,7 @@ bool subnet::send(adapter& from, int port, const fabric::address& destination, c
     if (port < 1 || port > from.port_count()) return false;
     const port_record& source = from.ports[static_cast<size_t>(port - 1)];
     lock_guard lock(mutex_);
-    datagram* leaving = faults.queue_full ? nullptr : queue_.take();
+    datagram* leaving = faults.queue_full || chance(faults.refuse_percent) ? nullptr : queue_.take();
     if (!leaving) {
         ++counts_.refused;
         return false;
@@ -136,7 +138,7 @@ void subnet::deliver(datagram& arriving, lock_guard& lock)
     if (arriving.destination_lid != sm_lid_)
         deliver_to_port(arriving, lock);
     else if (answer_as_sa(arriving))
-        set_out(arriving, exec_.now());
+        set_out(arriving, served_tick(exec_.now()));
     else
         lose(arriving);
 }
@@ -194,6 +196,10 @@ void subnet::deliver_to_port(datagram& arriving, lock_guard& lock)
 void subnet::set_out(datagram& leaving, uint64_t now_ticks)
 {
     if (use_up(faults.drop_next) || chance(faults.loss_percent)) return lose(leaving);
+    if (chance(faults.corrupt_percent)) {
+        leaving.mad[dice_() % leaving.mad.size()] ^= static_cast<uint8_t>(1 + dice_() % UINT8_MAX);
+        ++counts_.corrupted;
+    }
     queue_.post(leaving, due_tick(now_ticks));
     if (!chance(faults.duplicate_percent)) return;
     if (datagram* twin = queue_.take()) {
@@ -214,6 +220,13 @@ uint64_t subnet::due_tick(uint64_t now_ticks)
     uint64_t due = now_ticks + faults.latency_ticks;
     if (const uint64_t jitter = faults.jitter_ticks) due += dice_() % (jitter + 1);
     return chance(faults.reorder_percent) ? due + 1 : due;
+}
+
+// When the SA is through with a request that it takes up behind those it has.
+uint64_t subnet::served_tick(uint64_t now_ticks)
+{
+    sa_busy_until_tick_ = std::max(sa_busy_until_tick_, now_ticks) + faults.sa_service_ticks;
+    return sa_busy_until_tick_;
 }
 
 bool subnet::chance(uint32_t percent)

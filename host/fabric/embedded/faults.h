@@ -1,6 +1,6 @@
 // How an embedded subnet misbehaves, and what it counted. Every switch may be turned at any time by any thread and
 // holds for the datagrams that set out after it; chances are drawn from the subnet's fault seed. Latency, jitter,
-// loss, duplication and reordering apply to each way on its own: to a request and again to its answer.
+// loss, duplication, reordering and corruption apply to each way on its own: to a request and again to its answer.
 #pragma once
 
 #include <atomic>
@@ -18,13 +18,17 @@ struct fault_switches {
     std::atomic<uint32_t> loss_percent{0};
     std::atomic<uint32_t> duplicate_percent{0}; // arrives twice
     std::atomic<uint32_t> reorder_percent{0};   // held back one tick more, so that later ones overtake it
+    std::atomic<uint32_t> corrupt_percent{0};   // a byte of it, any one, arrives as another
 
     std::atomic<uint32_t> drop_next{0};         // so many datagrams are lost, whichever way they go
     std::atomic<uint32_t> drop_next_answers{0}; // so many answers of the SA are lost after it did what was asked
 
-    std::atomic<bool> queue_full{false}; // no send is accepted
-    std::atomic<bool> sa_silent{false};  // the SA does and answers nothing
-    std::atomic<bool> sa_busy{false};    // the SA does nothing and answers BUSY
+    std::atomic<bool> queue_full{false};       // no send is accepted
+    std::atomic<uint32_t> refuse_percent{0};   // of the sends that are not accepted
+    std::atomic<uint32_t> sa_service_ticks{0}; // the SA serves one request after another, so long each
+
+    std::atomic<bool> sa_silent{false}; // the SA does and answers nothing
+    std::atomic<bool> sa_busy{false};   // the SA does nothing and answers BUSY
 
     // The SA does nothing and answers the next `count` requests with this status word.
     void answer_with(uint16_t status, uint32_t count = every)
@@ -49,7 +53,8 @@ struct traffic_counts {
     uint64_t arrived = 0;    // handed to hosts
     uint64_t dropped = 0;    // lost on the way, for whatever reason
     uint64_t duplicated = 0; // arrivals more than sent
-    uint64_t refused = 0;    // not accepted: queue full
+    uint64_t corrupted = 0;
+    uint64_t refused = 0; // not accepted: queue full
 
     // What the SA was asked.
     uint64_t sa_gets = 0;

@@ -226,6 +226,19 @@ size_t subnet::forget_all()
     return sa_.records.clear(exec_.now());
 }
 
+std::vector<ib_service_record_v2_t> subnet::save_records() const
+{
+    lock_guard lock(mutex_);
+    return sa_.records.all(exec_.now());
+}
+
+void subnet::restore_records(const std::vector<ib_service_record_v2_t>& saved)
+{
+    lock_guard lock(mutex_);
+    sa_.records.clear(exec_.now());
+    for (const ib_service_record_v2_t& record : saved) sa_.records.set(record, exec_.now());
+}
+
 traffic_counts subnet::counts() const
 {
     lock_guard lock(mutex_);

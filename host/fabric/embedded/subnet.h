@@ -93,6 +93,10 @@ class subnet
     size_t forget(const fabric::gid_bytes& gid);
     size_t forget_all();
 
+    // What the SA holds, to be kept; and an SA that comes back with that, whatever has been set and deleted since.
+    std::vector<ib_service_record_v2_t> save_records() const;
+    void restore_records(const std::vector<ib_service_record_v2_t>& saved);
+
     fault_switches faults;
     traffic_counts counts() const;
 
@@ -130,6 +134,7 @@ class subnet
     void set_out(datagram& leaving, uint64_t now_ticks);
     void lose(datagram& lost);
     uint64_t due_tick(uint64_t now_ticks);
+    uint64_t served_tick(uint64_t now_ticks);
     bool chance(uint32_t percent);
 
     kernel::executor& exec_;
@@ -155,6 +160,7 @@ class subnet
     };
     std::deque<pending_change> changes_; // told before any datagram is delivered
     delivery_queue queue_;
+    uint64_t sa_busy_until_tick_ = 0;
     std::mt19937_64 dice_;
     adapter* calling_ = nullptr; // whose listener is running
     bool asleep_ = false;        // the fabric task has parked, and nobody has woken it since
