@@ -164,6 +164,11 @@ void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags)
     holder.exec.switch_point();
 }
 
+void must_not_hold_spin_lock(const char* entry)
+{
+    if (self().spin_locks > 0) kernel::panic("%s is called with a spin lock held", entry);
+}
+
 void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name)
 {
     queue->guard.state = 0;

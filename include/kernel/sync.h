@@ -46,6 +46,10 @@ KERNEL_API void spin_lock_init(spinlock_t* lock);
 KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock); // the interrupt state to restore
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
+// An entry whose callers must have let go of their spin locks says so: holding one is a hard error that names it. A
+// callback made under a lock is found here, before it comes back for that lock.
+KERNEL_API void must_not_hold_spin_lock(const char* entry);
+
 // ---- wait queue ----
 
 struct wait_queue_head_t {

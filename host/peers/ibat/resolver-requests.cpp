@@ -164,6 +164,7 @@ bool resolver::next_due(send_order* order)
 
 ibat_stat_t resolver::process_arp(const ibat_arp_data_t& reply)
 {
+    must_not_hold_spin_lock("IBAT's process_arp_data");
     spin_guard guard(&lock_);
     const bool is_usable = reply.arp_operation == IBAT_ARP_REPLY && (reply.mask & usable_reply) == usable_reply;
     if (!is_usable || reply.src_ip == 0) {

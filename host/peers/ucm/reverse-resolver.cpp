@@ -140,6 +140,7 @@ ibat_stat_t reverse_resolver::end_send(uint64_t id, ibat_stat_t status)
 
 void reverse_resolver::answered(ibat_stat_t status, const ibat_arp_data_t* record, void* user_context)
 {
+    must_not_hold_spin_lock("UCM's completion callback");
     spin_guard guard(&lock_);
     request* asked = by_id_.find(reinterpret_cast<uint64_t>(user_context));
     if (!asked) {
