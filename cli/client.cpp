@@ -5,12 +5,13 @@
 namespace cli
 {
 
-std::shared_ptr<client_options> add_client_options(CLI::App& command, bool about_a_host)
+std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning)
 {
     auto options = std::make_shared<client_options>();
-    command.add_option("--socket", options->socket, "The socket of 'ats run'")->capture_default_str();
+    if (!host_meaning.empty()) command.add_option("--host", options->host, host_meaning)->option_text("NAME");
     command.add_flag("--json", options->as_json, "Print JSON");
-    if (about_a_host) command.add_option("--host", options->host, "The host to ask (default: the first)");
+    command.add_option("--socket", options->socket, "The socket of 'ats run' (default: " + options->socket + ")")
+        ->option_text("PATH");
     return options;
 }
 

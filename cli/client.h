@@ -21,8 +21,11 @@ struct client_options {
     bool as_json = false;
 };
 
-// Adds --socket, --json and (when `about_a_host`) --host to a client command.
-std::shared_ptr<client_options> add_client_options(CLI::App& command, bool about_a_host);
+constexpr const char* one_host = "The host to ask (default: the first)";
+constexpr const char* no_host = "";
+
+// Adds --json, --socket and, unless it means nothing to the command, --host.
+std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning);
 
 // One conversation with the service. Throws a failure when nobody answers.
 class client

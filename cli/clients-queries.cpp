@@ -55,15 +55,18 @@ int run_resolutions(const client_options& common, const resolve_options& options
 }
 
 void add_resolutions(CLI::App& program, int& exit_code, const std::string& name, const std::string& summary,
-                     const std::string& key, const std::string& key_help)
+                     const std::string& key, const std::string& argument, const std::string& argument_help)
 {
     CLI::App* command = program.add_subcommand(name, summary);
-    auto common = add_client_options(*command, true);
     auto options = std::make_shared<resolve_options>();
-    command->add_option(key, options->asked, key_help)->required();
+    command->add_option(argument, options->asked, argument_help)->required()->option_text("...");
     auto* verify = command->add_flag("--verify", options->verify,
-                                     "When the cache answers, ask the SA as well, and say so when the cache was wrong");
-    command->add_flag("--cached", options->cached, "Ask nobody: look in the cache only")->excludes(verify);
+                                     "When the cache answers, ask the SA too, and say whether it was right");
+    verify->option_text(" "); // what excludes what is for the error line
+    command->add_flag("--cached", options->cached, "Ask nobody: look in the cache only")
+        ->excludes(verify)
+        ->option_text(" ");
+    auto common = add_client_options(*command, one_host);
     command->callback([=, &exit_code] { exit_code = run_resolutions(*common, *options, name, key); });
 }
 
@@ -89,10 +92,9 @@ void watch_status(const client_options& common)
 void add_status(CLI::App& program)
 {
     CLI::App* command = program.add_subcommand("status", "Show hosts, ports, addresses, counters and caches");
-    auto common = add_client_options(*command, false);
-    command->add_option("--host", common->host, "Show this host only");
     auto watch = std::make_shared<bool>(false);
     command->add_flag("--watch", *watch, "Draw it anew every second until interrupted");
+    auto common = add_client_options(*command, "Show this host only");
     command->callback([=] {
         if (*watch)
             watch_status(*common);
@@ -120,14 +122,14 @@ void show_log(const client_options& common, const log_options& options)
 void add_log(CLI::App& program)
 {
     CLI::App* command = program.add_subcommand("log", "Show a host's kernel log");
-    auto common = add_client_options(*command, true);
     auto options = std::make_shared<log_options>();
     command->add_flag("-f,--follow", options->follow, "Go on with new lines until interrupted");
     command
         ->add_option("--level", options->level,
-                     "Leave out trace lines above this level: 1 shows errors, 2 warnings too, 4 progress, 5 everything")
+                     "Only trace lines up to this level: 1 errors, 2 warnings, 4 progress, 5 all (default)")
         ->check(CLI::Range(0, trace_level_everything))
-        ->capture_default_str();
+        ->option_text("N");
+    auto common = add_client_options(*command, one_host);
     command->callback([=] { show_log(*common, *options); });
 }
 
@@ -136,8 +138,9 @@ void add_log(CLI::App& program)
 void add_queries(CLI::App& program, int& exit_code)
 {
     add_status(program);
-    add_resolutions(program, exit_code, "resolve", "Find the GID of IPv4 addresses", "address", "As in 10.0.0.2");
-    add_resolutions(program, exit_code, "reverse", "Find the IPv4 address of GIDs", "gid",
+    add_resolutions(program, exit_code, "resolve", "Find the GID of IPv4 addresses", "address", "ADDRESS",
+                    "As in 10.0.0.2");
+    add_resolutions(program, exit_code, "reverse", "Find the IPv4 address of GIDs", "gid", "GID",
                     "0x and up to 32 hexadecimal digits, or as in fe80::1");
     add_log(program);
 }

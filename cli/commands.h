@@ -9,6 +9,14 @@
 namespace cli
 {
 
+// --modules; `folder` holds the default.
+inline void add_module_folder_option(CLI::App& command, std::string& folder)
+{
+    command.add_option("--modules", folder, "The folder of ats.so, ibat.so and ucm.so (default: " + folder + ")")
+        ->check(CLI::ExistingDirectory)
+        ->option_text("DIR");
+}
+
 void add_demo(CLI::App& program, int& exit_code);
 void add_run(CLI::App& program, int& exit_code);
 void add_clients(CLI::App& program, int& exit_code);

@@ -90,10 +90,9 @@ void add_demo(CLI::App& program, int& exit_code)
         program.add_subcommand("demo", "Show the service at work: three hosts on a simulated fabric, in a moment");
     auto path = std::make_shared<std::string>();
     auto modules = std::make_shared<std::string>(world::default_module_folder());
-    command->add_option("--capture", *path, "Write every datagram to this file, for Wireshark and tshark");
-    command->add_option("--modules", *modules, "The folder of ats.so, ibat.so and ucm.so")
-        ->check(CLI::ExistingDirectory)
-        ->capture_default_str();
+    command->add_option("--capture", *path, "Write every datagram to this file, for Wireshark and tshark")
+        ->option_text("FILE");
+    add_module_folder_option(*command, *modules);
     command->callback([=, &exit_code] {
         exit_code = path->empty() ? run_demo(*modules, nullptr) : run_captured_demo(*modules, *path);
     });

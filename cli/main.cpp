@@ -17,12 +17,23 @@ constexpr const char* footer =
     "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
     "See ats(8), ats-run(8).";
 
-// The subcommand that was being parsed, as it is typed.
-std::string typed(const CLI::App& program)
+// What is wrong with a command line, and where to look it up.
+int refuse(const CLI::App& program, const CLI::ParseError& wrong)
 {
-    std::string name = program.get_name();
-    for (const CLI::App* chosen : program.get_subcommands()) name += " " + typed(*chosen);
-    return name;
+    const CLI::App* command = &program; // the one that was being parsed
+    std::string typed = program.get_name();
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().front();
+        typed += " " + command->get_name();
+    }
+    const std::vector<std::string> strange = command->remaining();
+    const bool wants_command = command->get_require_subcommand_min() > 0;
+    std::string why = wrong.what();
+    if (wants_command && !strange.empty())
+        why =
+            (strange.front().starts_with("-") ? "unknown option " : "unknown command ") + cli::quoted(strange.front());
+    std::fprintf(stderr, "ats: %s\nTry '%s --help'.\n", why.c_str(), typed.c_str());
+    return cli::exit_usage;
 }
 
 int run(CLI::App& program, int argc, char** argv, const int& exit_code)
@@ -33,8 +44,7 @@ int run(CLI::App& program, int argc, char** argv, const int& exit_code)
     } catch (const CLI::Success& shown) { // --help and --version
         return program.exit(shown);
     } catch (const CLI::ParseError& wrong) {
-        std::fprintf(stderr, "ats: %s\nTry '%s --help'.\n", wrong.what(), typed(program).c_str());
-        return cli::exit_usage;
+        return refuse(program, wrong);
     } catch (const cli::failure& failed) {
         std::fprintf(stderr, "ats: %s\n", failed.what());
         return failed.code;
@@ -57,5 +67,9 @@ int main(int argc, char** argv)
     cli::add_demo(program, exit_code);
     cli::add_run(program, exit_code);
     cli::add_clients(program, exit_code);
+    if (argc < 2) {
+        std::fputs(program.help().c_str(), stderr);
+        return cli::exit_usage;
+    }
     return run(program, argc, argv, exit_code);
 }

@@ -6,7 +6,7 @@
 namespace cli
 {
 
-std::unique_ptr<proc_mount> proc_mount::open(const std::string&, std::vector<kernel::machine*>)
+std::unique_ptr<proc_mount> proc_mount::open(const std::string&, const std::vector<kernel::machine*>&)
 {
     throw failure(exit_usage,
                   "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "

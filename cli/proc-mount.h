@@ -17,7 +17,8 @@ class proc_mount
   public:
     // Mounts on the folder `directory`, or throws a failure that says what to do. The machines outlive the mount. Calls
     // come in from FUSE's threads.
-    static std::unique_ptr<proc_mount> open(const std::string& directory, std::vector<kernel::machine*> machines);
+    static std::unique_ptr<proc_mount> open(const std::string& directory,
+                                            const std::vector<kernel::machine*>& machines);
 
     virtual ~proc_mount() = default; // unmounts, after the calls in progress
 };

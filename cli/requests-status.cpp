@@ -36,8 +36,8 @@ json ibat_status(kernel::machine& machine)
                          {"kind", entry.is_static     ? "own"
                                   : entry.is_negative ? "none"
                                                       : "learned"},
-                         {"age", entry.age_ticks / ticks_per_second},
-                         {"expires", entry.is_static ? json() : json(entry.expires_ticks / ticks_per_second)}});
+                         {"age_seconds", entry.age_ticks / ticks_per_second},
+                         {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / ticks_per_second)}});
 
     ibat_counters_t counters;
     (*count)(&counters);

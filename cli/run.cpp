@@ -42,6 +42,7 @@ class ending_signals
     {
         int caught = 0;
         sigwait(&set_, &caught);
+        pthread_sigmask(SIG_UNBLOCK, &set_, nullptr); // a second one ends the program at once
     }
 
   private:
@@ -53,7 +54,7 @@ std::unique_ptr<proc_mount> mount(const std::string& directory, const site& runn
     if (directory.empty()) return nullptr;
     std::vector<kernel::machine*> machines;
     for (const auto& host : running.hosts()) machines.push_back(&host->machine());
-    return proc_mount::open(directory, std::move(machines));
+    return proc_mount::open(directory, machines);
 }
 
 void announce(const run_options& options, size_t hosts)
@@ -96,17 +97,19 @@ void add_run(CLI::App& program, int& exit_code)
 {
     CLI::App* command = program.add_subcommand("run", "Keep hosts running on an embedded fabric until a signal");
     auto options = std::make_shared<run_options>();
-    auto* hosts = command->add_option("--hosts", options->hosts, "How many hosts node1, node2, ... to run")
-                      ->check(CLI::Range(1, most_numbered_hosts))
-                      ->capture_default_str();
-    command->add_option("--config", options->config, "A TOML file of [[host]] tables, in place of --hosts")
+    auto* hosts =
+        command->add_option("--hosts", options->hosts, "How many hosts to run: node1, node2, ... (default: 3)")
+            ->check(CLI::Range(1, most_numbered_hosts))
+            ->option_text("N");
+    command->add_option("--config", options->config, "A TOML file of [[host]] tables, instead of --hosts")
         ->check(CLI::ExistingFile)
-        ->excludes(hosts);
-    command->add_option("--socket", options->socket, "Where clients are served")->capture_default_str();
-    command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder");
-    command->add_option("--modules", options->modules, "The folder of ats.so, ibat.so and ucm.so")
-        ->check(CLI::ExistingDirectory)
-        ->capture_default_str();
+        ->excludes(hosts)
+        ->option_text("FILE");
+    command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
+        ->option_text("DIR");
+    command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")
+        ->option_text("PATH");
+    add_module_folder_option(*command, options->modules);
     command->callback([options, &exit_code] { exit_code = serve(*options); });
 }
 

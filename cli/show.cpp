@@ -54,8 +54,8 @@ void show_ibat(std::ostream& to, const json& ibat)
     to << "  IBAT: " << counters["hits"] << " hits, " << counters["misses"] << " misses, " << counters["requests"]
        << " requests, " << counters["retries"] << " retries, " << counters["timeouts"] << " time-outs\n";
     if (ibat["cache"].empty()) return;
-    to << format_table(rows_of(ibat["cache"], {"ADDRESS", "GID", "KIND", "AGE", "EXPIRES"},
-                               {"address", "gid", "kind", "age", "expires"}),
+    to << format_table(rows_of(ibat["cache"], {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
+                               {"address", "gid", "kind", "age_seconds", "expires_seconds"}),
                        4);
 }
 
