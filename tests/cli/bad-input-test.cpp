@@ -1,0 +1,269 @@
+// What is wrong gets one clear line and its exit code, and loses nothing.
+#include <algorithm>
+#include <optional>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "cli/socket.h"
+#include "tests/cli/mounting.h"
+#include "tests/cli/program.h"
+
+namespace
+{
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct bad_input {
+    std::vector<std::string> arguments;
+    int exit_code;
+    const char* complaint; // in the line on stderr
+};
+
+// One line ("ats: ..."), or two where the second is where to look further.
+void expect_refused(const program_result& result, const bad_input& wanted)
+{
+    SCOPED_TRACE(testing::PrintToString(wanted.arguments));
+    EXPECT_EQ(result.exit_code, wanted.exit_code);
+    EXPECT_THAT(result.err, StartsWith("ats: "));
+    EXPECT_THAT(result.err, HasSubstr(wanted.complaint));
+    EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 2);
+    EXPECT_LT(result.err.size(), 400u) << "not a line that anybody reads";
+    EXPECT_EQ(result.out, "");
+}
+
+TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
+{
+    const std::string overlong(5000, 'a');
+    const service ats({"--hosts", "2"});
+    const bad_input cases[] = {
+        {{"resolve", "10.0.0"}, 2, "'10.0.0' is no IPv4 address: write four numbers"},
+        {{"resolve", "10.0.0.256"}, 2, "is no IPv4 address"},
+        {{"resolve", ""}, 2, "'' is no IPv4 address"},
+        {{"resolve", overlong}, 2, "aaa...' is no IPv4 address"},
+        {{"resolve"}, 2, "ADDRESS is required"},
+        {{"resolve", "--verify", "--cached", "10.0.0.1"}, 2, "excludes"},
+        {{"resolve", "10.0.0.1", "--host", "node9"}, 2, "no host 'node9'; there are node1, node2"},
+        {{"reverse", "node1"}, 2, "is no GID: write 0x and up to 32 hexadecimal digits"},
+        {{"reverse", "0x"}, 2, "is no GID"},
+        {{"reverse", "0x" + std::string(33, '1')}, 2, "is no GID"},
+        {{"reverse", "0x12g4"}, 2, "is no GID"},
+        {{"set-name", "two words"}, 2, "cannot be a host name: take 1 to 30 characters without blanks"},
+        {{"set-name", ""}, 2, "cannot be a host name"},
+        {{"set-name", std::string(31, 'n')}, 2, "cannot be a host name"},
+        {{"set-name", "\xff\xfe"}, 2, "no text (UTF-8)"},
+        {{"set-address", "1.2.3"}, 2, "'1.2.3' is no IPv4 address"},
+        {{"trace", "6"}, 2, "not in range"},
+        {{"trace", "high"}, 2, "high"},
+        {{"log", "--level", "-1"}, 2, "not in range"},
+        {{"log", "--host", "node9"}, 2, "no host 'node9'"},
+        {{"status", "--host", "node9"}, 2, "no host 'node9'"},
+        {{"link", "up", "--port", "9"}, 2, "9"},
+        {{"link", "up", "--hca", "mlx5"}, 2, "mlx5"},
+        {{"link"}, 2, "Try 'ats link --help'"},
+        {{"sa", "forget", "node1"}, 2, "is no GID: take one from 'ats sa show'"},
+        {{"sa", "silence", "maybe"}, 2, "maybe"},
+        {{"sa", "status", "0x10000"}, 2, "is no status word"},
+        {{"sa", "status", "busy"}, 2, "'busy' is no status word: write a number up to 65535"},
+        {{"control"}, 2, "COMMAND is required"},
+        {{"conrol", "x"}, 2, "unknown command 'conrol'"},
+        {{overlong}, 2, "unknown command 'aaa"},
+        {{"sa", "hide"}, 2, "unknown command 'hide'"},
+        {{"--jsn"}, 2, "unknown option '--jsn'"},
+        {{"status", "--jsn"}, 2, "--jsn"},
+    };
+    for (const bad_input& each : cases) expect_refused(ats.ask(each.arguments), each);
+    EXPECT_EQ(ats.ask({"resolve", "10.0.0.2"}).exit_code, 0);
+}
+
+TEST(bad_input, one_malformed_question_does_not_keep_the_others_from_being_asked)
+{
+    const service ats({"--hosts", "2"});
+    std::vector<std::string> many = {"resolve", "nonsense"};
+    for (int i = 0; i < 40; ++i) many.push_back("10.0.0.2");
+    const program_result result = ats.ask(many);
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 40);
+    EXPECT_THAT(result.err, HasSubstr("'nonsense' is no IPv4 address"));
+}
+
+TEST(bad_input, control_commands_of_any_length_reach_the_module_and_hurt_nobody)
+{
+    const service ats({"--hosts", "2"});
+    const std::string word(45, 'w');
+    EXPECT_THAT(ats.ask({"control", word}).out, HasSubstr("unknown command: '" + word.substr(5) + "' 'wwwww'\n"));
+    std::vector<std::string> many = {"control"};
+    for (int i = 1; i <= 35; ++i) many.push_back("word" + std::to_string(i));
+    const std::string answer = ats.ask(many).out;
+    EXPECT_THAT(answer, HasSubstr(" 'word30'\n"));
+    EXPECT_THAT(answer, testing::Not(HasSubstr("word31")));
+    const program_result overlong = ats.ask({"control", std::string(100'000, 'x')});
+    EXPECT_EQ(overlong.exit_code, 0);
+    EXPECT_EQ(std::count(overlong.out.begin(), overlong.out.end(), '\n'), 1) << overlong.out;
+    EXPECT_THAT(ats.ask({"control", "rarp", "0xfg"}).out, HasSubstr("Could not parse dgid address."));
+    EXPECT_EQ(ats.ask({"resolve", "10.0.0.1", "--host", "node2"}).exit_code, 0);
+}
+
+// Speaks to the service without the program's manners.
+class raw_client
+{
+  public:
+    explicit raw_client(const std::string& path) : channel_(cli::connect_to(path)) {}
+
+    std::string say(const std::string& line)
+    {
+        channel_.write(line);
+        return channel_.read().value_or("(hung up)");
+    }
+
+  private:
+    cli::line_channel channel_;
+};
+
+TEST(bad_input, service_survives_clients_without_manners)
+{
+    const service ats({"--hosts", "2"});
+    const struct {
+        std::string line;
+        const char* answer;
+    } cases[] = {
+        {"", "a request is one JSON object on a line"},
+        {"status", "a request is one JSON object on a line"},
+        {"[1]", "a request is one JSON object on a line"},
+        {"{}", "does not know the request"},
+        {R"({"request":7})", "malformed"},
+        {R"({"request":"fly"})", "does not know the request 'fly'"},
+        {R"({"request":"resolve"})", "malformed"},
+        {R"({"request":"resolve","address":5})", "malformed"},
+        {R"({"request":"status","host":[]})", "malformed"},
+        {R"({"request":"log","host":5})", "malformed"},
+        {R"({"request":"log","level":"all"})", "malformed"},
+        {R"({"request":"trace","level":17})", "a trace level is a number from 0"},
+        {R"({"request":"sa","action":"explode"})", "does not know the SA action 'explode'"},
+        {R"({"request":"control","command":"set_host_name \u0000\u0001"})", "output"},
+        {std::string(3 << 20, 'x'), "(hung up)"},
+    };
+    for (const auto& each : cases) {
+        raw_client client(ats.socket());
+        EXPECT_THAT(client.say(each.line), HasSubstr(each.answer)) << each.line.substr(0, 80);
+    }
+    EXPECT_EQ(ats.ask({"set-name", "plain"}).exit_code, 0);
+    EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
+}
+
+TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
+{
+    const scratch_folder folder;
+    const auto config = [&](const std::string& name, const std::string& text) {
+        write_file(folder / name, text);
+        return folder / name;
+    };
+    const std::string socket = folder / "socket";
+    write_file(folder / "file", "x");
+    const bad_input cases[] = {
+        {{"--hosts", "0"}, 2, "not in range"},
+        {{"--hosts", "many"}, 2, "many"},
+        {{"--hosts", "2", "--config", config("ok", "[[host]]")}, 2, "excludes"},
+        {{"--config", folder / "missing"}, 2, "missing"},
+        {{"--config", config("typo", "[[host]]\n\nnam = \"a\"")}, 2, ":3: unknown key 'nam'"},
+        {{"--config", config("parameter", "[[host]]\n[host.ats]\nats_speed = 1")}, 2, "ats_ipaddr_str"},
+        {{"--config", config("number", "[[host]]\n[host.ibat]\nibat_retries = \"x\"")}, 2, "ibat_retries"},
+        {{"--modules", folder / "missing"}, 2, "missing"},
+        {{"--socket", std::string(200, 's')}, 2, "a socket's path has 1 to 107 bytes"},
+        {{"--socket", folder / "missing/socket"}, 2, "choose another path with --socket"},
+        {{"--socket", folder / "file"}, 2, "exists and is no socket"},
+        {{"--mount", folder / "missing"}, 2, mounts_work() ? "make it with mkdir" : "mount"},
+        {{"--mount", folder / "file"}, 2, mounts_work() ? "is no folder" : "mount"},
+    };
+    for (bad_input each : cases) {
+        each.arguments.insert(each.arguments.begin(), "run");
+        if (std::ranges::find(each.arguments, "--socket") == each.arguments.end())
+            each.arguments.insert(each.arguments.end(), {"--socket", socket});
+        program_result result = run_ats(each.arguments);
+        result.err.erase(std::min(result.err.size(), result.err.find("\n  ["))); // the host's log
+        expect_refused(result, each);
+        EXPECT_FALSE(std::filesystem::exists(socket));
+    }
+    EXPECT_EQ(text_of_file(folder / "file"), "x");
+    const program_result no_modules = run_ats({"run", "--modules", folder / "", "--socket", socket});
+    EXPECT_EQ(no_modules.exit_code, 1);
+    EXPECT_THAT(no_modules.err, HasSubstr("no module image at"));
+}
+
+TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_but_a_live_one_is_not)
+{
+    std::optional<service> ats(std::in_place, std::vector<std::string>{"--hosts", "1"});
+    const std::string socket = ats->socket();
+    expect_refused(run_ats({"run", "--socket", socket}), {{"live"}, 2, "a service is listening on"});
+    EXPECT_EQ(ats->ask({"resolve", "10.0.0.1"}).exit_code, 0);
+    EXPECT_EQ(ats->stop(SIGKILL), -SIGKILL);
+    ASSERT_TRUE(std::filesystem::exists(socket));
+
+    expect_refused(run_ats({"status", "--socket", socket}), {{"stale"}, 3, "no service on"});
+    {
+        const scratch_folder folder;
+        ats_process successor({"run", "--hosts", "1", "--socket", socket}, folder / "out", folder / "err");
+        EXPECT_TRUE(eventually([&] { return run_ats({"status", "--socket", socket}).exit_code == 0; }));
+        struct stat attributes {
+        };
+        ASSERT_EQ(stat(socket.c_str(), &attributes), 0);
+        EXPECT_EQ(attributes.st_mode & 0777, 0600u);
+        EXPECT_EQ(successor.stop(), 0);
+    }
+    expect_refused(run_ats({"status", "--socket", socket}), {{"none"}, 3, "start one with 'ats run'"});
+}
+
+// What `connect_to` says to a process of another user.
+std::string heard_by_another_user(const std::string& socket)
+{
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t other = fork();
+    if (other == 0) {
+        std::string heard;
+        try {
+            if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
+            heard = raw_client(socket).say(R"({"request":"status"})");
+        } catch (const cli::failure& refused) {
+            heard = refused.what();
+        }
+        _exit(write(ends[1], heard.data(), heard.size()) == static_cast<ssize_t>(heard.size()) ? 0 : 1);
+    }
+    close(ends[1]);
+    std::string heard(4096, '\0');
+    heard.resize(static_cast<size_t>(std::max<ssize_t>(0, read(ends[0], heard.data(), heard.size()))));
+    close(ends[0]);
+    waitpid(other, nullptr, 0);
+    return heard;
+}
+
+TEST(bad_input, other_users_are_turned_away_by_the_file_and_by_the_service)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be two users";
+    const service ats({"--hosts", "1"});
+    chmod((ats.folder / "").c_str(), 0755);
+    EXPECT_THAT(heard_by_another_user(ats.socket()), HasSubstr("belongs to another user"));
+    chmod(ats.socket().c_str(), 0666);
+    EXPECT_THAT(heard_by_another_user(ats.socket()), HasSubstr("this service belongs to another user"));
+}
+
+TEST(bad_input, busy_or_deserted_mount_points_are_refused_and_nobody_else_is_disturbed)
+{
+    if (!mounts_work()) GTEST_SKIP() << "no FUSE here";
+    const scratch_folder folder;
+    const std::string mnt = folder / "mnt";
+    mkdir(mnt.c_str(), 0755);
+    service first({"--hosts", "1", "--mount", mnt});
+    const bad_input busy = {{"run", "--mount", mnt, "--socket", folder / "other"}, 2, "already: choose another folder"};
+    expect_refused(run_ats(busy.arguments), busy);
+    EXPECT_THAT(text_of_file(mnt + "/node1/proc/dorvex/ats/version"), HasSubstr("ats 1.21"));
+
+    EXPECT_EQ(first.stop(SIGKILL), -SIGKILL);
+    const bad_input deserted = {busy.arguments, 2, "is a mount whose service is gone: run 'fusermount3 -u"};
+    expect_refused(run_ats(deserted.arguments), deserted);
+    EXPECT_EQ(system(("fusermount3 -u " + mnt).c_str()), 0); // what the line says helps
+    service second({"--hosts", "1", "--mount", mnt});
+    EXPECT_EQ(second.stop(), 0);
+}
+
+} // namespace

@@ -1,0 +1,32 @@
+// Whether this machine lets a test mount.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cli/failure.h"
+#include "cli/proc-mount.h"
+#include "tests/cli/program.h"
+
+// Tries it once, in a process of its own.
+inline bool mounts_work()
+{
+    static const bool works = [] {
+        const scratch_folder folder;
+        mkdir((folder / "mnt").c_str(), 0755);
+        const pid_t trial = fork();
+        if (trial == 0) {
+            try {
+                cli::proc_mount::open(folder / "mnt", {});
+                _exit(0);
+            } catch (const cli::failure&) {
+                _exit(1);
+            }
+        }
+        int status = 0;
+        waitpid(trial, &status, 0);
+        return status == 0;
+    }();
+    return works;
+}

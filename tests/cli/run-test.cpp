@@ -1,0 +1,283 @@
+// A day in the life of `ats run`: every client and the mounted files, in one scenario, until it is told to stop.
+#include <fcntl.h>
+
+#include "cli/proc-mount.h"
+#include "tests/cli/mounting.h"
+#include "tests/cli/program.h"
+
+namespace
+{
+
+using testing::Contains;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr const char* gid_of_node2_port1 = "0xFE800000000000000200000000020001";
+constexpr const char* gid_of_node2_port2 = "0xFE800000000000000200000000020002";
+
+constexpr const char* three_hosts = R"(
+[[host]]
+name = "node1"
+[[host]]
+name = "node2"
+[[host.hca]]
+ports = 2
+[[host]]
+name = "node3"
+)";
+
+class running_service : public testing::Test
+{
+  protected:
+    running_service()
+    {
+        write_file(folder / "world.toml", three_hosts);
+        mkdir((folder / "mnt").c_str(), 0755);
+        std::vector<std::string> options = {"--config", folder / "world.toml"};
+        if (mounts_work()) options.insert(options.end(), {"--mount", folder / "mnt"});
+        ats.emplace(options);
+        EXPECT_TRUE(eventually([&] { return records().size() == 3; })) << records();
+    }
+
+    json records() { return ats->ask_json({"sa", "show"})["records"]; }
+
+    // The record of that host name, or null.
+    json record_of(const std::string& host_name)
+    {
+        for (const json& record : records())
+            if (record["host_name"] == host_name) return record;
+        return nullptr;
+    }
+
+    json host_status(const std::string& name) { return ats->ask_json({"status", "--host", name})["hosts"].at(0); }
+
+    std::string file(const std::string& name) const { return folder / ("mnt/" + name); }
+
+    void look();
+    void look_up();
+    void find_a_stale_cache();
+    void upset_the_sa();
+    void fail_over();
+    void change_identity();
+    void follow_the_log();
+    void use_the_files();
+    void interrupt_a_write();
+
+    scratch_folder folder;
+    std::optional<service> ats;
+};
+
+void running_service::look()
+{
+    const json status = ats->ask_json({"status"});
+    ASSERT_EQ(status["hosts"].size(), 3u);
+    const json& node2 = status["hosts"][1];
+    EXPECT_THAT(node2["version"].get<std::string>(), HasSubstr("ats 1.21"));
+    EXPECT_EQ(node2["trace"], 1);
+    EXPECT_EQ(node2["verification"], json({{"period", 60}, {"skew", 1}}));
+    const json& hca = node2["hcas"].at(0);
+    EXPECT_EQ(hca["active_port"], 1);
+    EXPECT_EQ(hca["ports"][0]["state"], "Active");
+    EXPECT_EQ(hca["ports"][1]["state"], "UP");
+    EXPECT_EQ(hca["ports"][1]["link"], "up");
+    EXPECT_EQ(hca["ports"][0]["gid"], gid_of_node2_port1);
+    EXPECT_EQ(hca["ports"][0]["lid"], 3);
+    EXPECT_EQ(hca["ports"][0]["address"], "10.0.0.2");
+    EXPECT_EQ(node2["ibat"]["cache"].at(0)["kind"], "own");
+    EXPECT_EQ(record_of("node2"), json({{"gid", gid_of_node2_port1},
+                                        {"p_key", "0xFFFF"},
+                                        {"address", "10.0.0.2"},
+                                        {"host_name", "node2"},
+                                        {"lease", "infinite"}}));
+    const program_result picture = ats->ask({"status"});
+    for (const char* part : {"node1: ats 1.21", "mthca0, active port 1", "PORT  LINK  STATE", gid_of_node2_port2})
+        EXPECT_THAT(picture.out, HasSubstr(part));
+}
+
+void running_service::look_up()
+{
+    const program_result both = ats->ask({"resolve", "10.0.0.2", "10.0.0.77", "--json"});
+    EXPECT_EQ(both.exit_code, 1);
+    EXPECT_EQ(both.answer()[0]["gid"], gid_of_node2_port1);
+    EXPECT_EQ(both.answer()[0]["source"], "SA");
+    EXPECT_EQ(both.answer()[1]["status"], "not found");
+    EXPECT_THAT(both.answer()[1]["reason"].get<std::string>(), HasSubstr("names no owner"));
+
+    const program_result again = ats->ask({"resolve", "--verify", "10.0.0.2"});
+    EXPECT_EQ(again.exit_code, 0);
+    EXPECT_THAT(again.out, HasSubstr(gid_of_node2_port1));
+    EXPECT_THAT(again.out, HasSubstr("from the cache"));
+    EXPECT_THAT(again.out, HasSubstr("the SA agrees"));
+
+    const json elsewhere = ats->ask_json({"reverse", gid_of_node2_port1, "--host", "node3"});
+    EXPECT_EQ(elsewhere[0]["address"], "10.0.0.2");
+    EXPECT_EQ(elsewhere[0]["source"], "SA");
+    const program_result unknown = ats->ask({"reverse", "fe80::98", "--cached"});
+    EXPECT_EQ(unknown.exit_code, 1);
+    EXPECT_THAT(unknown.out, HasSubstr("not cached: it is not in the cache"));
+}
+
+void running_service::find_a_stale_cache()
+{
+    EXPECT_EQ(ats->ask({"resolve", "10.0.0.3"}).exit_code, 0);
+    EXPECT_EQ(ats->ask({"set-address", "10.0.0.33", "--host", "node3"}).exit_code, 0);
+    EXPECT_TRUE(eventually([&] { return record_of("node3").value("address", "") == "10.0.0.33"; }));
+    const program_result wrong = ats->ask({"resolve", "10.0.0.3", "--verify"});
+    EXPECT_EQ(wrong.exit_code, 1);
+    EXPECT_THAT(wrong.out, HasSubstr("from the cache"));
+    EXPECT_THAT(wrong.out, HasSubstr("WRONG, the SA says: the SA names no owner"));
+    EXPECT_EQ(ats->ask_json({"resolve", "10.0.0.33"})[0]["status"], "ok");
+}
+
+void running_service::upset_the_sa()
+{
+    EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
+    EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("It is silent"));
+    const program_result silence = ats->ask({"resolve", "10.0.0.98"});
+    EXPECT_EQ(silence.exit_code, 1);
+    EXPECT_THAT(silence.out, HasSubstr("timed out: the SA did not answer in time"));
+    EXPECT_EQ(ats->ask({"sa", "silence", "off"}).exit_code, 0);
+
+    EXPECT_EQ(ats->ask_json({"sa", "status", "0x0400"})["done"], "The SA answers everything with status 0x0400.");
+    EXPECT_EQ(ats->ask_json({"reverse", "0x98"})[0]["reason"], "the SA refused the question");
+    EXPECT_EQ(ats->ask({"sa", "status", "0"}).exit_code, 0);
+
+    EXPECT_THAT(ats->ask({"sa", "forget", gid_of_node2_port1}).out, HasSubstr("1 record."));
+    EXPECT_EQ(record_of("node2"), nullptr);
+    EXPECT_THAT(ats->ask({"sa", "forget"}).out, HasSubstr("2 records."));
+    EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("The SA holds no ServiceRecord."));
+}
+
+void running_service::fail_over()
+{
+    EXPECT_EQ(ats->ask({"link", "down", "--host", "node2"}).exit_code, 0);
+    EXPECT_TRUE(eventually([&] { return record_of("node2").value("gid", "") == gid_of_node2_port2; }));
+    const json hca = host_status("node2")["hcas"].at(0);
+    EXPECT_EQ(hca["active_port"], 2);
+    EXPECT_EQ(hca["ports"][0]["link"], "down");
+    EXPECT_EQ(ats->ask({"link", "down", "--host", "node2", "--hca", "mthca0", "--port", "2"}).exit_code, 0);
+    EXPECT_TRUE(eventually([&] { return host_status("node2")["hcas"].at(0)["active_port"].is_null(); }));
+    EXPECT_THAT(ats->ask({"status", "--host", "node2"}).out, HasSubstr("no active port"));
+    const program_result cut_off = ats->ask({"reverse", "0x98", "--host", "node2"});
+    EXPECT_EQ(cut_off.exit_code, 1);
+    EXPECT_THAT(cut_off.out, HasSubstr("failed: the request could not be sent"));
+    EXPECT_EQ(ats->ask({"link", "up", "--host", "node2"}).exit_code, 0);
+    EXPECT_TRUE(eventually([&] { return record_of("node2").value("gid", "") == gid_of_node2_port1; }));
+}
+
+void running_service::change_identity()
+{
+    EXPECT_EQ(ats->ask({"set-name", "front"}).exit_code, 0);
+    EXPECT_TRUE(eventually([&] { return record_of("front").is_object(); }));
+    EXPECT_EQ(ats->ask({"control", "set_host_name node1"}).out, "");
+    EXPECT_TRUE(eventually([&] { return record_of("node1").is_object(); }));
+    EXPECT_EQ(ats->ask({"control", "sa_verify_period", "300", "7"}).exit_code, 0);
+    EXPECT_EQ(host_status("node1")["verification"], json({{"period", 300}, {"skew", 7}}));
+    EXPECT_THAT(ats->ask({"control", "help"}).out,
+                HasSubstr("kqt /proc: unknown command: 'help'\nusage:\nshow_local "));
+}
+
+void running_service::follow_the_log()
+{
+    EXPECT_EQ(ats->ask({"trace", "4", "--host", "node1"}).exit_code, 0);
+    EXPECT_EQ(host_status("node1")["trace"], 4);
+    EXPECT_EQ(host_status("node3")["trace"], 1);
+    ats_process follower({"log", "-f", "--socket", ats->socket()}, folder / "followed", folder / "complaints");
+    const auto followed = [&](const std::string& text) {
+        return eventually([&] { return text_of_file(folder / "followed").find(text) != std::string::npos; });
+    };
+    EXPECT_TRUE(followed("LOGGER: Added key"));
+    EXPECT_EQ(ats->ask({"control", "rarp", gid_of_node2_port1}).exit_code, 0);
+    EXPECT_TRUE(followed(":Status OK received."));
+    EXPECT_EQ(follower.stop(SIGINT), -SIGINT);
+    EXPECT_THAT(ats->ask({"log"}).out, HasSubstr("DEBUG  "));
+    EXPECT_THAT(ats->ask({"log", "--level", "1"}).out, Not(HasSubstr("DEBUG  ")));
+    EXPECT_THAT(ats->ask({"log", "--json"}).out, HasSubstr(R"("tick":)"));
+    EXPECT_EQ(ats->ask({"trace", "1"}).exit_code, 0);
+}
+
+void running_service::use_the_files()
+{
+    EXPECT_THAT(text_of_file(file("node1/proc/dorvex/ats/version")), HasSubstr("ats 1.21"));
+    EXPECT_EQ(text_of_file(file("node1/proc/dorvex/ats/control")), "");
+    EXPECT_THAT(text_of_file(file("node1/log")), HasSubstr("SA verification period:300   verification skew(%): 7"));
+    write_file(file("node3/proc/dorvex/ats/control"), "set_host_name filed\n");
+    EXPECT_TRUE(eventually([&] { return record_of("filed").is_object(); }));
+    EXPECT_FALSE(std::filesystem::exists(file("node1/proc/dorvex/ats/parameters")));
+    EXPECT_EQ(open(file("node1/log").c_str(), O_WRONLY), -1);
+    EXPECT_EQ(open(file("node1/proc/dorvex/ats/version").c_str(), O_WRONLY), -1);
+
+    std::ifstream log(file("node3/log"));
+    std::stringstream before;
+    before << log.rdbuf();
+    write_file(file("node3/proc/dorvex/ats/control"), "what\n");
+    log.clear();
+    std::string line;
+    EXPECT_TRUE(std::getline(log, line));
+    EXPECT_THAT(line, HasSubstr("kqt /proc: unknown command: 'what'"));
+}
+
+// The writer waits for an SA that says nothing; a signal ends its waits, and the module says so.
+void running_service::interrupt_a_write()
+{
+    EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
+    const auto interrupted = [&] {
+        return text_of_file(file("node3/log")).find("Interrupted by a signal") != std::string::npos;
+    };
+    EXPECT_TRUE(eventually([&] {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            signal(SIGALRM, [](int) {});
+            const int control = open(file("node3/proc/dorvex/ats/control").c_str(), O_WRONLY);
+            ualarm(10'000, 0);
+            _exit(write(control, "set_host_name node3", 19) == 19 ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(writer, &status, 0);
+        EXPECT_EQ(status, 0);
+        return interrupted();
+    }));
+    EXPECT_EQ(ats->ask({"sa", "silence", "off"}).exit_code, 0);
+}
+
+TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
+{
+    look();
+    look_up();
+    find_a_stale_cache();
+    upset_the_sa();
+    fail_over();
+    change_identity();
+    follow_the_log();
+    if (mounts_work()) {
+        use_the_files();
+        interrupt_a_write();
+    }
+    const std::string socket = ats->socket();
+    std::ifstream still_open(file("node1/log"));
+    EXPECT_EQ(ats->stop(SIGINT), 0);
+    EXPECT_THAT(ats->output(), HasSubstr("all hosts have unloaded"));
+    EXPECT_THAT(ats->complaints(), IsEmpty());
+    EXPECT_FALSE(std::filesystem::exists(socket));
+    EXPECT_FALSE(std::filesystem::exists(file("node1")));
+    if (!mounts_work()) GTEST_SKIP() << "no FUSE here: the mounted files were not tried";
+}
+
+TEST_F(running_service, watching_and_following_end_with_the_service)
+{
+    ats_process watching({"status", "--watch", "--socket", ats->socket()}, folder / "watched", folder / "complaints");
+    ats_process following({"log", "-f", "--socket", ats->socket()}, folder / "followed", folder / "complaints2");
+    EXPECT_TRUE(eventually([&] {
+        const std::string picture = text_of_file(folder / "watched");
+        return picture.find("node1:") != picture.rfind("node1:"); // drawn twice
+    }));
+    EXPECT_TRUE(eventually([&] { return !text_of_file(folder / "followed").empty(); }));
+    EXPECT_EQ(ats->stop(), 0);
+    EXPECT_EQ(watching.wait(), 3);
+    EXPECT_THAT(text_of_file(folder / "complaints"), HasSubstr("hung up"));
+    EXPECT_EQ(following.wait(), 3);
+}
+
+} // namespace

@@ -1,0 +1,91 @@
+// The configuration of `ats run`: what is read, and what is refused with its line.
+#include "cli/failure.h"
+#include "cli/world-config.h"
+#include "tests/cli/program.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::Field;
+using testing::HasSubstr;
+using world::hca_plan;
+
+std::vector<world::host_plan> read(const std::string& text)
+{
+    const scratch_folder folder;
+    write_file(folder / "world.toml", text);
+    return cli::read_world_config(folder / "world.toml").hosts;
+}
+
+TEST(world_config, hosts_hcas_parameters_and_levels_are_read_and_the_rest_has_defaults)
+{
+    const auto hosts = read(R"(
+[[host]]
+name = "store"
+address = "10.1.2.3"
+trace = 4
+[[host.hca]]
+name = "left"
+ports = 2
+[[host.hca]]
+[host.ats]
+ats_attach_ibat = 0
+[host.ibat]
+ibat_lifetime_seconds = 30
+
+[[host]]
+)");
+    ASSERT_EQ(hosts.size(), 2u);
+    EXPECT_EQ(hosts[0].name, "store");
+    EXPECT_EQ(hosts[0].trace_level, 4);
+    EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::name, "left"), Field(&hca_plan::name, "mthca1")));
+    EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::ports, 2), Field(&hca_plan::ports, 1)));
+    ASSERT_EQ(hosts[0].modules.size(), 3u); // the peers first: ats binds to them as it starts
+    EXPECT_EQ(hosts[0].modules[0].name, "ibat");
+    EXPECT_EQ(hosts[0].modules[0].parameters, " ibat_lifetime_seconds=30");
+    EXPECT_EQ(hosts[0].modules[2].parameters,
+              R"(ats_ipaddr_str="10.1.2.3" ats_hostName_str="store" ats_attach_ibat=0)");
+    EXPECT_EQ(hosts[1].name, "node2");
+    EXPECT_THAT(hosts[1].modules[2].parameters, HasSubstr("10.0.0.2"));
+}
+
+TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_right)
+{
+    const struct {
+        const char* text;
+        const char* complaint;
+    } cases[] = {
+        {"[[host]]\nnmae = \"x\"", ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, name, trace, ucm"},
+        {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
+        {"hosts = 3", ":1: unknown key 'hosts'; valid here are host"},
+        {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},
+        {"[[host]]\nname = \"a/b\"", "no blanks, slashes or quotation marks"},
+        {"[[host]]\nname = \"a\"\n[[host]]\nname = \"a\"", ":3: there are two hosts named 'a'"},
+        {"[[host]]\naddress = \"10.0.0\"", ":2: '10.0.0' is no IPv4 address like 10.0.0.1"},
+        {"[[host]]\ntrace = 6", ":2: 'trace' must be a whole number from 0 to 5"},
+        {"[[host]]\ntrace = \"high\"", ":2: 'trace' must be a whole number from 0 to 5"},
+        {"[[host]]\n[[host.hca]]\nports = 3", ":3: 'ports' must be a whole number from 1 to 2"},
+        {"[[host]]\nhca = 1", ":2: 'hca' must be written as [[hca]] tables"},
+        {"[[host]]\n[[host.hca]]\nname = \"m\"\n[[host.hca]]\nname = \"m\"", ":4: there are two HCAs named 'm'"},
+        {"[[host]]\nats = 1", ":2: 'ats' must be a table"},
+        {"[[host]]\n[host.ats]\nats_attach_ibat = 1.5", ":3: a module parameter is a whole number, or a text"},
+        {"[[host]]\n[host.ats]\nx = \"a\\\"b\"", ":3: a module parameter is a whole number, or a text"},
+        {"[host]\nname = \"x\"", ":1: 'host' must be written as [[host]] tables"},
+        {"[[host]\n", ":1: "},
+        {"", ":1: no [[host]] table"},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.text);
+        try {
+            read(each.text);
+            ADD_FAILURE() << "was accepted";
+        } catch (const cli::failure& refused) {
+            EXPECT_THAT(refused.what(), HasSubstr(each.complaint));
+            EXPECT_THAT(refused.what(), HasSubstr("world.toml"));
+            EXPECT_EQ(refused.code, cli::exit_usage);
+        }
+    }
+}
+
+} // namespace
