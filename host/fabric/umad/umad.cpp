@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cstring>
+#include <filesystem>
 
 #include "host/fabric/umad/adapter.h"
 
@@ -14,10 +14,15 @@ namespace
 
 constexpr unsigned channel_adapter = 1; // IBA 14.2.5.3, NodeInfo.NodeType
 
-const char* const no_management = "this machine has no InfiniBand management devices: load ib_umad ('modprobe "
-                                  "ib_umad'), and the driver of your HCA";
-const char* const no_hca = "this machine has no InfiniBand HCA, or its driver is not loaded: look at 'lspci' and "
-                           "'dmesg'";
+// Why there is nothing to list.
+std::string what_is_missing()
+{
+    std::error_code none;
+    const auto drivers = std::filesystem::directory_iterator(SYS_INFINIBAND, none);
+    if (!none && drivers != std::filesystem::directory_iterator())
+        return "the HCAs of this machine have no management devices for InfiniBand: load ib_umad ('modprobe ib_umad')";
+    return "this machine has no InfiniBand HCA, or its driver is not loaded: look at 'lspci' and 'dmesg'";
+}
 
 class opened_fabric final : public real_fabric
 {
@@ -89,7 +94,7 @@ bool is_available()
 
 listing list_hcas()
 {
-    if (umad_init() < 0) return {.hcas = {}, .why = no_management};
+    if (umad_init() < 0) return {.hcas = {}, .why = what_is_missing()};
     char names[UMAD_MAX_DEVICES][UMAD_CA_NAME_LEN];
     const int count = umad_get_cas_names(names, UMAD_MAX_DEVICES);
     listing found;
@@ -97,7 +102,7 @@ listing list_hcas()
         hca_listing each = describe(names[i]);
         if (std::ranges::any_of(each.ports, is_infiniband)) found.hcas.push_back(std::move(each));
     }
-    if (found.hcas.empty()) found.why = no_hca;
+    if (found.hcas.empty()) found.why = what_is_missing();
     return found;
 }
 

@@ -1,0 +1,144 @@
+#include "tools/fabric/ibsim-fabric.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <glob.h>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace fabric_tools
+{
+
+namespace
+{
+
+namespace files = std::filesystem;
+
+std::string find_program(const std::string& name)
+{
+    for (const char* folder : {"/usr/sbin/", "/usr/bin/", "/usr/local/sbin/", "/usr/local/bin/"})
+        if (access((folder + name).c_str(), X_OK) == 0) return folder + name;
+    return "";
+}
+
+void write_net(const std::string& path, const std::vector<std::string>& nodes)
+{
+    std::ofstream net(path);
+    net << "Switch " << nodes.size() + 1 << " \"switch\"\n";
+    for (size_t i = 0; i < nodes.size(); ++i) net << "[" << i + 1 << "] \"" << nodes[i] << "\"[1]\n";
+    for (size_t i = 0; i < nodes.size(); ++i)
+        net << "\nHca 1 \"" << nodes[i] << "\"\n[1] \"switch\"[" << i + 1 << "]\n";
+}
+
+} // namespace
+
+std::string ibsim_fabric::library()
+{
+    glob_t found;
+    std::string path;
+    if (glob("/usr/lib/*/umad2sim/libumad2sim.so", 0, nullptr, &found) == 0) path = found.gl_pathv[0];
+    globfree(&found);
+    return path;
+}
+
+std::string ibsim_fabric::missing()
+{
+    if (find_program("ibsim").empty() || library().empty()) return "ibsim is missing: install ibsim-utils";
+    if (find_program("opensm").empty()) return "OpenSM is missing: install opensm";
+    if (find_program("saquery").empty()) return "saquery is missing: install infiniband-diags";
+    return "";
+}
+
+ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes)
+{
+    std::string name = files::temp_directory_path() / "ats-fabric-XXXXXX";
+    if (!mkdtemp(name.data())) throw std::runtime_error("cannot make a folder like " + name);
+    folder_ = name;
+    // Sockets have names of their own, so that many fabrics can stand side by side.
+    static std::atomic<int> count = 0;
+    socket_name_ = "ats" + std::to_string(getpid()) + "." + std::to_string(++count);
+    write_net(folder_ + "/net", nodes);
+    ibsim_ = std::make_unique<process>(command{.arguments = {find_program("ibsim"), "-s", folder_ + "/net"},
+                                               .environment = {"IBSIM_SOCKNAME=" + socket_name_},
+                                               .directory = folder_,
+                                               .output = folder_ + "/ibsim.out"});
+    if (!ibsim_->wait_line("Network simulator ready")) {
+        const std::string said = ibsim_->output();
+        files::remove_all(folder_);
+        throw std::runtime_error("ibsim does not start: " + said);
+    }
+}
+
+ibsim_fabric::~ibsim_fabric()
+{
+    ibsim_.reset();
+    std::error_code ignored;
+    if (std::getenv("ATS_KEEP_FABRIC"))
+        std::fprintf(stderr, "kept: %s\n", folder_.c_str());
+    else
+        files::remove_all(folder_, ignored);
+}
+
+std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std::string& name,
+                                             const std::vector<std::string>& arguments,
+                                             const std::vector<std::string>& environment)
+{
+    // ibsim's library keeps a folder of its own where a program is started.
+    const std::string own_folder = folder_ + "/" + name + "-" + std::to_string(++started_);
+    files::create_directory(own_folder);
+    std::vector<std::string> variables = environment;
+    variables.insert(variables.end(), {"IBSIM_SOCKNAME=" + socket_name_, "SIM_HOST=" + node, "LD_PRELOAD=" + library(),
+                                       "ASAN_OPTIONS=verify_asan_link_order=0", "OSM_TMP_DIR=" + own_folder,
+                                       "OSM_CACHE_DIR=" + own_folder});
+    return std::make_unique<process>(command{
+        .arguments = arguments, .environment = variables, .directory = own_folder, .output = own_folder + "/out"});
+}
+
+std::string ibsim_fabric::run(const std::string& node, const std::vector<std::string>& arguments)
+{
+    const auto program = start(node, "tool", arguments);
+    if (!program->wait_end(60s)) kill(*program);
+    return program->output();
+}
+
+std::unique_ptr<process> ibsim_fabric::start_sm(const std::string& node, const sm_options& options)
+{
+    const std::string settings = folder_ + "/" + node + "-" + std::to_string(started_) + ".conf";
+    std::ofstream(settings) << "sm_priority " << options.priority << "\n"
+                            << "sminfo_polling_timeout 200\npolling_retry_number 2\n"
+                            << options.settings << "\n";
+    return start(node, "sm", {find_program("opensm"), "-F", settings, "-f", "-"});
+}
+
+bool ibsim_fabric::wait_master(process& sm, duration longest)
+{
+    return sm.wait_line("SUBNET UP", longest).has_value();
+}
+
+void ibsim_fabric::kill(process& program)
+{
+    console("Attached");
+    if (const auto line = ibsim_->wait_line(": pid " + std::to_string(program.pid()) + " connected", 2s)) {
+        const size_t number = line->find("Client ") + 7;
+        console("X " + line->substr(number, line->find(':') - number));
+        console("Verbose"); // answered when all before is done
+        ibsim_->wait_line("verbose level");
+    }
+    program.signal(SIGKILL);
+    program.wait_end();
+}
+
+void ibsim_fabric::console(const std::string& line)
+{
+    ibsim_->write_line(line);
+}
+
+void ibsim_fabric::lose(const std::string& node, int percent)
+{
+    console("Error \"" + node + "\"[1] " + std::to_string(percent));
+}
+
+} // namespace fabric_tools
