@@ -54,12 +54,12 @@ int split_into_arguments(const char* bytes, size_t count)
     return complete;
 }
 
-// What a decimal number at the start of `text` says. False when there is none.
+// What a decimal number at the start of `text` says. False when there is none, or none that an int holds.
 bool parse_int(const char* text, int32_t* number)
 {
     char* end;
     const long value = strtol(text, &end, 10);
-    if (end == text) return false;
+    if (end == text || value != static_cast<int32_t>(value)) return false;
     *number = static_cast<int32_t>(value);
     return true;
 }
