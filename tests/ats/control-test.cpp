@@ -1,0 +1,176 @@
+// What is written to the control file: how it is cut into words, and what each command does with good and bad ones.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+const lines usage = {
+    "usage:",
+    "show_local   - shows the local data (used in the ATS SER).",
+    "dump_requests - shows the outstanding requests.",
+    "rarp         - [GID] Initiate ats rarp request.",
+    "set_host_name - [hostname] Set new hostname",
+    "set_ip_addrs - [ip_addrs] Set new ip address",
+    "sa_verify_period - [seconds_period skew_percentage] Set new verification duration (0=off)",
+    "delete_ip    - [ip_addrs] Remove ip address from sa",
+};
+
+lines unknown(const std::string& words)
+{
+    lines expected = {"kqt /proc: unknown command:" + words};
+    expected.insert(expected.end(), usage.begin(), usage.end());
+    return expected;
+}
+
+std::string repeated(const std::string& word, int times)
+{
+    std::string all;
+    while (times-- > 0) all += word;
+    return all;
+}
+
+struct control : testing::Test {
+    ats_world w;
+    ats_host& host = w.add_registered({.ports = {2}});
+
+    std::string verification()
+    {
+        host.read("dorvex/ats/control");
+        return host.log().back();
+    }
+};
+
+TEST_F(control, bad_input_says_so_and_changes_nothing)
+{
+    const std::string nul(1, '\0'), forty(40, 'w'), forty_five = forty + "tail!";
+    const auto api_error = [](const std::string& rest) { return "ERROR api/ats_proc_cmd_" + rest; };
+    const struct {
+        std::string written;
+        lines expected;
+    } table[] = {
+        {"", usage},
+        {" \t\n\v\f\r ", usage},
+        {"help", unknown(" 'help'")},
+        {"RARP 0x1\n", unknown(" 'RARP' '0x1'")},
+        {"\n\n  two\t\v\f\rwords \n", unknown(" 'two' 'words'")},
+        {forty, unknown(" '" + forty + "'")},
+        {forty_five, unknown(" '" + forty + "' 'tail!'")},
+        {forty + forty + "x y", unknown(" '" + forty + "' '" + forty + "' 'x' 'y'")},
+        {repeated("w ", 29) + "x", unknown(repeated(" 'w'", 29) + " 'x'")},
+        {repeated("w ", 35), unknown(repeated(" 'w'", 30))},
+        {repeated("w ", 29) + forty_five, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
+        {repeated("w ", 29) + forty, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
+        {"half" + nul + "rest", unknown(" 'half'")},
+        {"half " + nul + "rest", unknown(" 'half' ''")}, // the last byte is none of white space: one more word
+        {"half" + nul + " ", usage},
+        {nul, unknown(" ''")},
+        {"w" + std::string(4095, ' '), unknown(" 'w'")},
+        {"w" + std::string(4096, ' '), {"ATS - a command has at most 4096 bytes, ignoring one of 4097"}},
+        {"rarp", {"Wrong usage. <1>"}},
+        {"rarp 1 2\n", {"Wrong usage. <3>"}},
+        {"set_host_name", {api_error("update_hostname: Wrong usage. <1>")}},
+        {"set_host_name two words", {api_error("update_hostname: Wrong usage. <3>")}},
+        {"set_ip_addrs", {"Wrong usage. <1>"}},
+        {"set_ip_addrs 1.2.3\n",
+         {"ATS - can't parse ip addr 1.2.3", api_error("update_ip_addrs: ats_sa_update_ip_addrs FAIL")}},
+        {"sa_verify_period", {"Wrong usage: <period   skew percentage>     1"}},
+        {"sa_verify_period 5", {"Wrong usage: <period   skew percentage>     2"}},
+        {"sa_verify_period x 5", {"ATS - can't parse values 0"}},
+        {"sa_verify_period 5 x", {"ATS - can't parse values 0"}},
+        {"sa_verify_period 9999999999 5", {"ATS - can't parse values 0"}},
+        {"sa_verify_period 5 -99999999999999999999", {"ATS - can't parse values 0"}},
+        {"delete_ip", {"Wrong usage. <1>"}},
+        {"delete_ip 10.1.2", {"ATS - can't parse ip addr 10.1.2"}},
+        {"show_local", {}},
+        {"dump_requests with words", {}},
+    };
+    const std::string verified_before = verification();
+    for (const auto& [written, expected] : table) {
+        SCOPED_TRACE(testing::PrintToString(written));
+        EXPECT_EQ(host.control(written), static_cast<int>(written.size()));
+        EXPECT_EQ(host.log(), expected);
+    }
+    EXPECT_THAT(w.requests(), IsEmpty());
+    EXPECT_EQ(verification(), verified_before);
+}
+
+TEST_F(control, an_unreadable_writer_is_said)
+{
+    host.faults().fail_calls("copy_from_user", 1);
+    EXPECT_EQ(host.control("help"), 4);
+    EXPECT_THAT(host.log(), ElementsAre("ATS - can't read the command"));
+}
+
+TEST_F(control, verification_settings_are_kept_within_their_range)
+{
+    const std::map<std::string, std::string> table = {
+        {"300 250", "SA verification period:300   verification skew(%): 100"},
+        {"300 -5", "SA verification period:300   verification skew(%): 0"},
+        {"0 0", "SA verification period:0   verification skew(%): 0"},
+        {"-7 7", "SA verification period:-7   verification skew(%): 7"},
+        {"+61s 2%", "SA verification period:61   verification skew(%): 2"},
+        {"2147483647 1", "SA verification period:2147483647   verification skew(%): 1"},
+        {"-2147483648 1", "SA verification period:-2147483648   verification skew(%): 1"},
+    };
+    EXPECT_EQ(verification(), "SA verification period:60   verification skew(%): 1");
+    for (const auto& [written, shown] : table) {
+        host.control("sa_verify_period " + written);
+        EXPECT_EQ(verification(), shown);
+    }
+}
+
+TEST_F(control, names_and_addresses_are_registered_at_once)
+{
+    host.control("set_host_name node-a\n");
+    host.control("set_ip_addrs 10.0.0.7\n");
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 10.0.0.1 node-a",
+                                          "0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 10.0.0.7 node-a"));
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 node-a"));
+}
+
+// The record goes, and whatever registers next carries the new address.
+TEST_F(control, delete_ip_takes_the_record_away_and_keeps_the_address_for_the_next)
+{
+    host.control("delete_ip 10.1.2.3\n");
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1"));
+    EXPECT_THAT(w.records(), IsEmpty());
+    w.at(70'000);
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.1.2.3 node1"));
+    host.link_up(2);
+    host.link_down(1);
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.1.2.3 node1"));
+}
+
+// rarp says at once what became of the request, and later what came of it.
+TEST_F(control, rarp_tells_what_it_is_told)
+{
+    const auto at_once = [](const std::string& what) { return "DEBUG api/ats_proc_cmd_rarp: Status " + what; };
+    const auto later = [](const std::string& what) { return "DEBUG api/ats_dummy_user_cb: Status " + what; };
+    const auto told = [&](const std::string& gid) {
+        host.log();
+        host.control("rarp " + gid);
+        w.at(host.machine().exec().now() + 2000);
+        lines kept = host.log();
+        std::erase_if(kept, [](const std::string& line) {
+            return line.find(": Status ") == std::string::npos && line.find(": IP:") == std::string::npos;
+        });
+        return kept;
+    };
+    host.trace(trace_debug);
+    EXPECT_THAT(told(world::format_gid(host.gid(1))), ElementsAre(at_once("PENDING received."), later("OK received."),
+                                                                  "DEBUG api/ats_dummy_user_cb: IP:10.0.0.1"));
+    EXPECT_THAT(told("0x99"), ElementsAre(at_once("PENDING received."), later("-256 received.")));
+    w.subnet.faults.answer_with(0x0400, 1);
+    EXPECT_THAT(told("0x99"), ElementsAre(at_once("PENDING received."), later("ERROR received.")));
+    w.subnet.faults.sa_silent = true;
+    EXPECT_THAT(told("0x99"), ElementsAre(at_once("PENDING received."), later("TIMEOUT received.")));
+    host.peers().cache = {{kq_gid_t{0x99, 0}, ip_of("10.0.0.9")}};
+    EXPECT_THAT(told("0x99"), ElementsAre(at_once("OK received."), "DEBUG api/ats_proc_cmd_rarp: IP:10.0.0.9"));
+    host.link_down(1);
+    EXPECT_THAT(told("0x98"),
+                ElementsAre("ERROR api/ats_proc_cmd_rarp: Status ERROR received.", later("TIMEOUT received.")));
+}
+
+} // namespace

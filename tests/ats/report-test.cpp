@@ -1,0 +1,68 @@
+// The two files of the module, to the letter: the report that a read of the control file puts into the log, and the
+// version.
+#include <regex>
+
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+TEST(report, shows_every_hca_and_port)
+{
+    ats_world w;
+    ats_host& host = w.add({.ports = {2, 1}}).load();
+    host.link_up(2);
+    host.set_verify_period(300, 7);
+    host.log();
+    EXPECT_EQ(host.read("dorvex/ats/control"), "");
+    const auto port = [](int number, const char* state, const char* gid, const char* lid, const char* counters) {
+        return "Port" + std::to_string(number) + " Info:\n=============\nPort State " + state +
+               "\nPort service gid  : " + gid + "\nPort lid " + lid + "\nPort IP Address 10.0.0.1 (100000a)\n" +
+               counters + "\n=================================================\n";
+    };
+    const char* none = "0x00000000000000000000000000000000";
+    const std::string expected =
+        "mthca0: ATS Ports Info\n==============\nThe Active Port Is Port Number 2\n" +
+        port(1, "Down", none, "0x0 (0)", "Send Counter 0x0 , Receive Counter 0x0") +
+        port(2, "Active", "0xFE800000000000000200000000010002", "0x3 (3)", "Send Counter 0x2 , Receive Counter 0x2") +
+        "==============\n"
+        "mthca1: ATS Ports Info\n==============\nThere is No Active Port !!!\n" +
+        port(1, "Down", none, "0x0 (0)", "Send Counter 0x0 , Receive Counter 0x0") +
+        "==============\n"
+        "SA verification period:300   verification skew(%): 7\n";
+    std::string reported;
+    for (const std::string& line : host.log()) reported += line + "\n";
+    EXPECT_EQ(reported, expected);
+
+    host.link_up(1);
+    host.trace(trace_debug);
+    host.read("dorvex/ats/control");
+    const std::vector<std::string> lines = host.log();
+    EXPECT_THAT(lines, Contains("Port State UP"));
+    EXPECT_THAT(lines, Contains(StartsWith("DEBUG api/ats_proc_read: page = PTR, *start = PTR, off = 0, count = ")));
+}
+
+TEST(report, tells_the_version_however_it_is_read)
+{
+    ats_world w;
+    ats_host& host = w.add().load();
+    const std::string whole = host.read("dorvex/ats/version");
+    const std::regex form("ats 1\\.21 ATS_1_21_RELEASE \\([0-9.]+\\) \\(hosted-[0-9.]+\\) "
+                          "\\([A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4}\\) [0-9]{2}:[0-9]{2}:[0-9]{2}\n");
+    EXPECT_TRUE(std::regex_match(whole, form)) << whole;
+    host.run([&] {
+        std::string pieces;
+        for (size_t offset = 0; offset <= whole.size() + 10; offset += 10) {
+            std::string piece;
+            EXPECT_GE(host.machine().proc.read("dorvex/ats/version", offset, 10, &piece), 0);
+            pieces += piece;
+        }
+        EXPECT_EQ(pieces, whole);
+    });
+    host.unload();
+    EXPECT_EQ(host.held(), "");
+    EXPECT_TRUE(host.try_load()) << "the directories that stayed are found";
+    EXPECT_EQ(host.read("dorvex/ats/version"), whole);
+}
+
+} // namespace

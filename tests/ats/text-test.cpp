@@ -1,0 +1,96 @@
+// Addresses and GIDs as text, read by the calls and commands that take them, and seen in what they send.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+struct text : testing::Test {
+    ats_world w;
+    ats_host& host = w.add_registered();
+};
+
+TEST_F(text, ipv4_addresses)
+{
+    const std::map<std::string, std::string> table = {
+        {"10.0.0.1", "10.0.0.1"},
+        {"1.2.3", "refused"}, // the fourth field is missing
+        {"1.2.3.", "1.2.3.0"},
+        {"1.2.3.4.5", "1.2.3.4"},
+        {"1..3.4", "1.0.3.4"},
+        {"...", "0.0.0.0"},
+        {"..", "refused"},
+        {"", "refused"},
+        {"256.1.1.1", "0.1.1.1"},
+        {"300.2.3.4", "44.2.3.4"},
+        {"4294967295.1.1.1", "refused"}, // the value that means no address
+        {"1.1.1.4294967295", "refused"},
+        {"8589934591.1.1.1", "refused"}, // the same, in the low 32 bits
+        {"4294967296.1.1.1", "0.1.1.1"},
+        {"255.255.255.255", "255.255.255.255"},
+        {"a.b.c.d", "0.0.0.0"},
+        {"1x.2.3.4", "1.2.3.4"},
+        {"-1.+2.3.4", "0.0.3.4"},
+        {" 1.2.3.4", "0.2.3.4"},
+        {"001.002.003.004.05", "1.2.3.4"},
+        {"001.002.003.004.005", "refused"}, // 19 characters
+    };
+    auto* set_ip_addrs_str = host.symbol<int32_t (*)(const char*)>("ats_sa_set_ip_addrs_str");
+    for (const auto& [written, read] : table) {
+        SCOPED_TRACE(written);
+        int32_t result = 0;
+        host.run([&, &written = written] { result = set_ip_addrs_str(written.c_str()); });
+        if (read == "refused") {
+            EXPECT_EQ(result, -1);
+            EXPECT_THAT(w.requests(), IsEmpty());
+            EXPECT_THAT(host.log(), ElementsAre("ATS - can't parse ip addr " + written));
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_THAT(w.requests(),
+                        ElementsAre("0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 " + read + " node1"));
+            EXPECT_THAT(host.log(), IsEmpty());
+        }
+    }
+    host.run([&] { EXPECT_EQ(set_ip_addrs_str(nullptr), -1); });
+    EXPECT_THAT(host.log(), IsEmpty());
+}
+
+TEST_F(text, gids)
+{
+    const std::string too_long = "ERROR misc/ats_parsegidstr: The gid string is too long or too short";
+    const std::string no_prefix = "ERROR misc/ats_parsegidstr: The gid string should start with 0x";
+    const std::string no_digit = "ERROR misc/ats_parsegidstr: Invalid character found in gid address.";
+    const std::map<std::string, std::string> table = {
+        {"0x1", "0x00000000000000000000000000000001"},
+        {"0x123", "0x00000000000000000000000000000123"},
+        {"0x0A", "0x0000000000000000000000000000000A"},
+        {"0xfe800000000000000011223344556677", "0xFE800000000000000011223344556677"},
+        {"0xFE80000000000000AABBCCDDEEFF0099", "0xFE80000000000000AABBCCDDEEFF0099"},
+        {"0xfe80000000000000aabbccddeeff009", "0x0FE80000000000000AABBCCDDEEFF009"},
+        {"0x", too_long},
+        {"0", too_long},
+        {"0xfe8000000000000000112233445566778", too_long}, // 35 characters
+        {"0X12", no_prefix},
+        {"00x1", no_prefix},
+        {"1x12", no_prefix},
+        {"fe80", no_prefix},
+        {"0x12g4", no_digit},
+        {"0xg", no_digit},
+        {"0x1:", no_digit},
+        {"0x1@", no_digit},
+        {"0x/1", no_digit},
+        {"0x0`", no_digit},
+    };
+    for (const auto& [written, expected] : table) {
+        SCOPED_TRACE(written);
+        host.control("rarp " + written);
+        if (expected.starts_with("0x")) {
+            EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET " + expected));
+            EXPECT_THAT(host.log(), IsEmpty());
+        } else {
+            EXPECT_THAT(w.requests(), IsEmpty());
+            EXPECT_THAT(host.log(), ElementsAre(expected, "Could not parse dgid address."));
+        }
+    }
+}
+
+} // namespace
