@@ -1,0 +1,235 @@
+// Two ports and their events: which port is active, what is asked of the SA for it and when, and what is left alone.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+struct port_events : testing::Test {
+    ats_world w;
+    ats_host& host = w.add({.ports = {2}}).load();
+
+    // "Down Active", of both ports.
+    std::string states()
+    {
+        host.log();
+        host.read("dorvex/ats/control");
+        std::string text;
+        for (const std::string& line : host.log())
+            if (line.starts_with("Port State ")) text += (text.empty() ? "" : " ") + line.substr(11);
+        return text;
+    }
+
+    // The trace lines of the functions that handle an event, without their prefix.
+    lines told_by(const std::string& operation)
+    {
+        lines kept;
+        for (const std::string& line : host.log())
+            if (const size_t at = line.find("/" + operation + ": "); at != std::string::npos)
+                kept.push_back(line.substr(at + operation.size() + 3));
+        return kept;
+    }
+};
+
+TEST_F(port_events, the_record_follows_the_active_port)
+{
+    EXPECT_THAT(w.requests(), IsEmpty()) << "nothing comes before the first link";
+    host.link_up(2);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.2 DELETE none", "0 node1.2 SET node1.2 10.0.0.1 node1"));
+    host.link_up(1);
+    host.link_up(2);
+    EXPECT_EQ(states(), "UP Active");
+    host.link_down(1);
+    host.link_down(1);
+    EXPECT_EQ(states(), "Down Active");
+    host.link_up(1);
+    EXPECT_THAT(w.requests(), IsEmpty()) << "a standby port is no business of the SA's";
+
+    host.link_down(2);
+    EXPECT_EQ(states(), "Active Down");
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.2", "0 node1.1 SET node1.1 10.0.0.1 node1"));
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
+
+    host.link_down(1);
+    EXPECT_EQ(states(), "Down Down");
+    EXPECT_THAT(w.requests(), IsEmpty()) << "no port is left to ask through";
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
+    host.link_up(2);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.2 DELETE node1.1", "0 node1.2 SET node1.2 10.0.0.1 node1"));
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.1 node1"));
+}
+
+TEST_F(port_events, links_that_are_up_at_loading_are_told_of)
+{
+    host.unload();
+    host.link_up(2);
+    host.link_up(1);
+    host.load();
+    EXPECT_EQ(states(), "Active UP");
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "0 node1.1 SET node1.1 10.0.0.1 node1"));
+}
+
+TEST_F(port_events, a_silent_sa_costs_three_waits)
+{
+    host.trace(trace_debug);
+    w.subnet.faults.sa_silent = true;
+    host.link_up(1);
+    w.at(59);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "20 node1.1 DELETE none", "40 node1.1 DELETE none"));
+    w.at(60);
+    EXPECT_THAT(w.requests(), ElementsAre("60 node1.1 SET node1.1 10.0.0.1 node1"));
+    const std::string timeout = "timeout on send DEL SR MAD";
+    EXPECT_THAT(told_by("ats_sa_set_new_sr"), ElementsAre(timeout, timeout, timeout, "ATS - ERROR DEL SR Failed"));
+}
+
+TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
+{
+    w.subnet.faults.latency_ticks = 15; // the first Delete is answered while the second waits
+    host.link_up(1);
+    w.at(30);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "20 node1.1 DELETE none",
+                                          "30 node1.1 SET node1.1 10.0.0.1 node1"));
+    w.at(100);
+    w.subnet.faults.latency_ticks = 0;
+    w.subnet.faults.answer_with(MAD_STATUS_BUSY, 1);
+    host.control("set_host_name other");
+    EXPECT_THAT(w.requests(), ElementsAre("100 node1.1 DELETE node1.1", "100 node1.1 SET node1.1 10.0.0.1 other"));
+}
+
+// The link is gone before the registration through it has ended: one event after the other.
+TEST_F(port_events, events_wait_for_the_registration_before_them)
+{
+    w.subnet.faults.sa_silent = true;
+    host.link_up(1);
+    w.at(10);
+    host.link_down(1);
+    host.link_up(2);
+    w.at(200);
+    EXPECT_EQ(states(), "Down Active");
+    EXPECT_THAT(w.requests(),
+                ElementsAre("0 node1.1 DELETE none", "60 node1.2 DELETE node1.1", "80 node1.2 DELETE node1.1",
+                            "100 node1.2 DELETE node1.1", "120 node1.2 SET node1.2 10.0.0.1 node1"))
+        << "what port 1 sends after its link is down does not reach the wire";
+}
+
+TEST_F(port_events, refused_sends_do_not_wait_and_do_not_stop_what_comes_next)
+{
+    const lines no_datagram = {
+        "ERROR sa/ats_sa_encode_service_rec_set_get_del_mad: gsi_dtgrm_pool_get() failed <-12>",
+        "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: ats_sa_encode_service_rec_set_get_del_mad failed <-1>"};
+    const lines refused = {"ERROR sa/ats_sa_send_service_rec_set_get_del_mad: gsi_post_send_dtgrm() failed <-16>"};
+    const std::string no_delete = "ERROR sa/ats_sa_set_new_sr: Can't start SA del of service record, ret - -1";
+    const std::string no_set = "ERROR sa/ats_sa_set_new_sr: Can't start SA set of service record ret - -1";
+    for (const auto& [call, reason] :
+         std::map<std::string, lines>{{"gsi_dtgrm_pool_get", no_datagram}, {"gsi_post_send_dtgrm", refused}}) {
+        SCOPED_TRACE(call);
+        lines expected;
+        for (const std::string& failure : {no_delete, no_delete, no_delete, no_set}) {
+            expected.insert(expected.end(), reason.begin(), reason.end());
+            expected.push_back(failure);
+        }
+        host.faults().fail_calls(call);
+        host.log();
+        host.link_up(1);
+        EXPECT_EQ(host.log(), expected);
+        EXPECT_EQ(states(), "Active Down") << "it is active with no record";
+        EXPECT_THAT(w.requests(), IsEmpty());
+
+        host.faults().fail_calls(call, 3); // the Deletes alone
+        host.link_down(1);
+        host.link_up(1);
+        EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 SET node1.1 10.0.0.1 node1"));
+        host.faults().disarm();
+        host.link_down(1);
+    }
+}
+
+// A Set that was not sent leaves the record of before to be deleted.
+TEST_F(port_events, a_refused_set_keeps_what_the_next_delete_names)
+{
+    host.link_up(2);
+    host.link_up(1);
+    w.requests();
+    constexpr uint64_t kq_calls = 0, delete_calls = 2, set_calls = 2; // pool and post, each
+    host.faults().fail_nth(kq_calls + delete_calls + set_calls);
+    host.link_down(2);
+    EXPECT_EQ(host.faults().failed_call(), "gsi_post_send_dtgrm");
+    host.faults().disarm();
+    host.control("set_host_name again");
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.2", "0 node1.1 DELETE node1.2",
+                                          "0 node1.1 SET node1.1 10.0.0.1 again"));
+}
+
+TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later)
+{
+    const struct {
+        const char* call;
+        const char* last_request; // with what was not read; without the port's attributes it knows no SM to ask
+    } table[] = {{"kq_port_query", "60 node1.1 SET none 10.0.0.1 node1"},
+                 {"kq_get_port_gid_tbl", "0 node1.1 SET none 10.0.0.1 node1"},
+                 {"kq_get_port_partition_tbl", "0 node1.1 SET node1.1 10.0.0.1 node1"}};
+    for (const auto& [call, last_request] : table) {
+        SCOPED_TRACE(call);
+        ats_world fresh;
+        ats_host& other = fresh.add({.ports = {2}}).load();
+        other.log();
+        other.faults().fail_calls(call, 2);
+        other.link_up(1);
+        EXPECT_THAT(other.log(), ElementsAre("ERROR sa/handle_link_up: Fail to get port attributes on link up", ""));
+        EXPECT_THAT(fresh.requests(), IsEmpty());
+        other.link_up(1);
+        other.log();
+        other.link_up(2);
+        fresh.at(100);
+        EXPECT_THAT(fresh.requests().back(), last_request)
+            << "through the lowest-numbered one, not the one that was read";
+
+        other.link_down(2);
+        other.faults().fail_calls(call, 1);
+        other.link_up(2);
+        EXPECT_THAT(other.log(), ElementsAre("ERROR sa/handle_link_up: ATS - handle_link_up:458 Fail to get port "
+                                             "attributes on link up"));
+        EXPECT_THAT(fresh.requests(), IsEmpty());
+    }
+}
+
+TEST_F(port_events, requests_go_to_the_sm_of_the_moment)
+{
+    host.link_up(1);
+    host.link_up(2);
+    w.raw_requests();
+    host.trace(trace_debug);
+    host.log();
+    EXPECT_TRUE(w.subnet.set_sm(99, 3));
+    w.sim->settle();
+    EXPECT_THAT(told_by("ats_async_event_cb"),
+                testing::IsSupersetOf({"Received sm_lid_change <port:1>, <new sm lid:63>",
+                                       "Received sm_lid_change <port:2>, <new sm lid:63>"}));
+    EXPECT_THAT(w.raw_requests(), IsEmpty());
+    EXPECT_EQ(states(), "Active UP");
+    host.resolve("10.0.0.1");
+    const std::vector<wire_request> sent = w.raw_requests();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].destination.lid, 99);
+    EXPECT_EQ(sent[0].destination.sl, 3);
+}
+
+TEST_F(port_events, a_third_port_is_left_out_and_said)
+{
+    ats_host& big = w.add({.name = "big", .ports = {3}});
+    EXPECT_TRUE(big.try_load());
+    EXPECT_THAT(big.log(), Contains("ATS - hca mthca0 has 3 ports, only the first 2 are used"));
+    big.link_up(3);
+    EXPECT_THAT(big.log(), ElementsAre("ERROR sa/handle_link_up: no port 3, this hca has 2"));
+    EXPECT_TRUE(w.subnet.set_sm(99, 0));
+    w.sim->settle();
+    big.link_down(3);
+    EXPECT_THAT(big.log(), ElementsAre("ERROR sa/ats_sa_get_port_attr_and_sgid: no port 3, this hca has 2",
+                                       "ERROR sa/handle_link_down: no port 3, this hca has 2"));
+    EXPECT_THAT(w.requests(), IsEmpty());
+    big.link_up(2);
+    EXPECT_THAT(w.requests(), ElementsAre("0 big.2 DELETE none", "0 big.2 SET big.2 10.0.0.1 big"));
+}
+
+} // namespace

@@ -1,0 +1,115 @@
+// Which lines are printed, and their exact form: two levels must admit a line, and both can change at any time.
+#include <set>
+
+#include "host/stack/logger.h"
+#include "repository.h"
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+// The levels that an event leaves lines of. The event fails in part, so that each level has one.
+std::set<std::string> levels_of_an_event(ats_world& w, ats_host& host)
+{
+    host.log();
+    host.faults().fail_calls("kq_port_query", 1);
+    host.link_up(2);
+    host.faults().disarm();
+    fabric::mad_bytes odd = sa_reply({}, "10.0.0.9");
+    odd[0] = 2;
+    w.inject(host, 1, odd);
+    host.link_down(2);
+    std::set<std::string> levels;
+    for (const std::string& line : host.log()) levels.insert(line.substr(0, line.find(' ')));
+    levels.erase(""); // a message with two line ends
+    return levels;
+}
+
+TEST(trace, both_levels_must_admit_a_line)
+{
+    ats_world w;
+    ats_host& host = w.add({.ports = {2}}).load();
+    host.link_up(1);
+    const struct {
+        int logger, module;
+        std::set<std::string> levels;
+    } table[] = {
+        {5, 0, {}},
+        {0, 5, {}},
+        {5, 1, {"ERROR"}},
+        {1, 5, {"ERROR"}},
+        {2, 3, {"ERROR", "WARNING"}},
+        {4, 4, {"ERROR", "WARNING", "DEBUG"}},
+        {5, 5, {"ERROR", "WARNING", "DEBUG", "FUNC"}},
+        {99, 99, {"ERROR", "WARNING", "DEBUG", "FUNC"}},
+        {-1, 5, {}},
+    };
+    for (const auto& [logger, module, levels] : table) {
+        SCOPED_TRACE(testing::Message() << "logger " << logger << ", ats " << module);
+        host.machine().get<stack::logger>().set_level(logger);
+        host.trace(module);
+        EXPECT_EQ(levels_of_an_event(w, host), levels);
+        EXPECT_EQ(*host.symbol<std::atomic<int32_t>*>("ATS_trace_level"), module);
+    }
+    EXPECT_NE(*host.symbol<rep_notifier_t*>("ATS_log_rep_h"), 0);
+}
+
+TEST(trace, a_line_names_level_operation_and_unit)
+{
+    ats_world w;
+    ats_host& host = w.add({.trace = trace_func}).load();
+    host.machine().log.clear();
+    host.control("rarp 0x");
+    w.inject(host, 1, sa_reply({}, "10.0.0.9"));
+    host.unload();
+    const std::string raw = host.machine().log.raw();
+    for (const char* line : {
+             "<6>ERROR   : ATS : ats_parsegidstr:(ats_misc.cpp):The gid string is too long or too short\n",
+             "<6>DEBUG   : ATS : ats_stop:(ats_api.cpp):stop hca 0\n",
+             "<6>ERROR   : ATS : ats_sa_stop:(ats_sa.cpp):Can't start SA del of service record, ret - -1\n",
+         })
+        EXPECT_THAT(raw, HasSubstr(line));
+
+    kernel::load_result failed;
+    host.faults().fail_calls("kq_hca_open");
+    EXPECT_EQ(host.try_load().error, -6);
+    EXPECT_THAT(host.machine().log.raw(),
+                HasSubstr("<6>ERROR   : ATS : ats_init:(ats_api.cpp):ats_sa_init failed -1\n"
+                          "<6>ERROR   : ATS : ats_module_init:(ats_module.cpp):ATS init error  mthca0\n"));
+}
+
+TEST(trace, without_a_registry_value_it_is_off_and_said)
+{
+    const std::string no_key = "ZR_LOGGER: rep_open_key failed for, dorvex/modules/ats/ -- disabling logging";
+    const std::string no_value = "ZR_LOGGER: rep_get_value failed for, dorvex/modules/ats/ -- disabling logging";
+    const std::string found = "LOGGER: Added key dorvex/modules/ats/, trace level 4";
+    const struct {
+        const char* failing;
+        std::string line;
+        bool traces;
+    } table[] = {{"rep_open_key", no_key, false},
+                 {"rep_get_value", no_value, false},
+                 {"rep_notify_key_change", found, true},
+                 {"", found, true}};
+    for (const auto& [failing, line, traces] : table) {
+        SCOPED_TRACE(failing);
+        ats_world w;
+        ats_host& host = w.add({.trace = trace_debug});
+        host.faults().fail_calls(failing);
+        host.load();
+        const std::vector<std::string> lines = host.log();
+        EXPECT_EQ(lines[0], line);
+        EXPECT_EQ(lines.size() > 1, traces);
+        EXPECT_EQ(*host.symbol<rep_notifier_t*>("ATS_log_rep_h") != 0, !*failing);
+        host.unload();
+        EXPECT_EQ(host.held(), "");
+    }
+    ats_world w;
+    ats_host& host = w.add({.has_key = false}).load();
+    EXPECT_THAT(host.log(), ElementsAre(no_key));
+    host.trace(trace_func);
+    host.unload();
+    EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "off until it is loaded again";
+}
+
+} // namespace
