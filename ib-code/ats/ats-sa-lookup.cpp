@@ -77,7 +77,6 @@ void ats_req_timer_handler(unsigned long context)
 
 void ats_sa_drop_pending_requests(ats_context_t* ats)
 {
-    if (!ats->rarp_reqs_pending.next) return; // never started
     list_head dropped;
     list_init(&dropped);
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);

@@ -175,9 +175,9 @@ int32_t ats_sa_init(ats_context_t* ats)
 
     if (const kq_return_t ret = kq_hca_open(&ats->hca_name, 0, &ats->hca); ret != kq_return_ok) {
         ATS_ERROR("kq_hca_open() failed <%d>\n", ret);
-        ats->hca = nullptr;
         return -1;
     }
+    ats->holds_hca = true;
     if (ats_init_static_port_attributes(ats) != 0) {
         ATS_ERROR("Can't set local port static attributes.\n");
         return -1;
@@ -230,6 +230,7 @@ int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr)
 
 void ats_sa_stop(ats_context_t* ats)
 {
+    if (!ats->holds_hca) return; // taken first and given back last: nothing else is held either
     const uint32_t sets_before = ats->sets_begun;
     delete_all_records(ats, __func__);
     if (ats->holds_req_timer) del_timing_sync(&ats->ats_req_timer);
@@ -253,6 +254,6 @@ void ats_sa_stop(ats_context_t* ats)
         ATS_DEBUG(" Packets received through the GSI port %d: %llu.\n", port->port_num,
                   static_cast<unsigned long long>(port->gsi_rx_pkts));
     }
-    if (ats->hca) kq_hca_close(ats->hca);
-    ats->hca = nullptr;
+    kq_hca_close(ats->hca); // the handle stays: the events of other HCAs look through the table
+    ats->holds_hca = false;
 }

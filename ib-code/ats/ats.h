@@ -92,10 +92,11 @@ struct ats_context_t {
     semaphore ats_sem;                        // port states, the active port, registration, and lookups being sent
     timing_t ats_req_timer;
     timing_t timing_request; // self-verification
-    kq_hca_h_t hca;          // null: not open
+    kq_hca_h_t hca;          // written once, when it is opened
     kq_hca_name hca_name;
 
-    // Held, and to be given back by the stop. A class has its handle for that, a pool and the HCA theirs.
+    // Held, and to be given back by the stop. A class has its handle for that, and a pool its own.
+    bool holds_hca;
     bool holds_events;
     bool holds_req_timer;
 
