@@ -8,6 +8,7 @@
 
 #include "devucm-exports.h"
 #include "host/kernel/machine.h"
+#include "kernel/sync.h"
 #include "kernel/time.h"
 
 class recording_peers final : public kernel::service
@@ -41,6 +42,7 @@ class recording_peers final : public kernel::service
 
     std::vector<std::string> calls; // "attach", "detach", "ucm attach", "ucm detach", in order
     bool accepts = true;            // the next attach of IBAT
+    unsigned long attach_takes_ticks = 0;
     bool ucm_accepts = true;
 
     send_arp_data_fn_t send_arp = nullptr; // while attached
@@ -63,6 +65,7 @@ class recording_peers final : public kernel::service
     {
         recording_peers& self = here();
         self.calls.push_back(get_if_info ? "attach with get_if_info" : "attach");
+        if (self.attach_takes_ticks) schedule_timeout_uninterruptible(self.attach_takes_ticks);
         if (!self.accepts) return ibat_stat_error;
         self.send_arp = send_arp;
         self.arp_context = context;

@@ -1,0 +1,235 @@
+// Loading the module on hosts of every kind, and failing to: whichever platform call fails, nothing is left behind, and
+// the next attempt succeeds.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+// Runs `scenario` on a fresh world with the first failable call of it failing, then the second, until none is left.
+// The scenario arms the host's faults itself, by the number it is given, and disarms them.
+void for_every_failing_call(const std::function<std::string(uint64_t n)>& scenario)
+{
+    std::map<std::string, int> failures;
+    for (uint64_t n = 1;; ++n) {
+        const std::string failed = scenario(n);
+        if (failed.empty()) break;
+        ++failures[failed];
+        ASSERT_FALSE(testing::Test::HasFailure()) << "call " << n << ", " << failed;
+        ASSERT_LT(n, 1000u);
+    }
+    EXPECT_GT(failures.size(), 3u) << testing::PrintToString(failures);
+}
+
+struct start_up : testing::TestWithParam<std::vector<int>> {
+};
+
+TEST_P(start_up, leaves_nothing_behind_whatever_fails)
+{
+    for_every_failing_call([](uint64_t n) {
+        ats_world w;
+        ats_host& host = w.add({.ports = GetParam()});
+        for (size_t hca = 0; hca < GetParam().size(); ++hca) host.link_up(1, static_cast<int>(hca));
+        host.faults().fail_nth(n);
+        const kernel::load_result result = host.try_load();
+        const std::string failed = host.faults().failed_call();
+        host.faults().disarm();
+        w.at(300);
+        if (result) host.unload();
+        EXPECT_EQ(host.held(), "");
+        EXPECT_THAT(w.records(), IsEmpty());
+        host.load();
+        EXPECT_EQ(w.records().size(), GetParam().size());
+        host.unload();
+        EXPECT_EQ(host.held(), "");
+        return failed;
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(hcas, start_up, testing::Values(std::vector{2}, std::vector{1, 2}),
+                         [](const auto& info) { return std::to_string(info.param.size()); });
+
+TEST(start_up_of, three_hcas_binds_the_first_one_only)
+{
+    ats_world w;
+    ats_host& host = w.add({.ports = {1, 1, 1}, .trace = trace_debug}).load();
+    lines order;
+    for (const std::string& line : host.log())
+        if (line.find("init ats for hca") != std::string::npos || line.find(" ctxt=") != std::string::npos)
+            order.push_back(line.substr(line.find(": ") + 2));
+    EXPECT_THAT(order, ElementsAre("init ats for hca mthca0", "full functionality  ctxt=PTR", "init ats for hca mthca1",
+                                   "sa_only!!  ctxt=PTR", "init ats for hca mthca2", "sa_only!!  ctxt=PTR"));
+    EXPECT_THAT(host.peers().calls, ElementsAre("attach", "ucm attach"));
+    EXPECT_EQ(host.peers().references(), 6);
+    for (int hca : {2, 0, 1}) host.link_up(1, hca);
+    EXPECT_EQ(w.records().size(), 3u);
+    host.unload();
+    EXPECT_THAT(host.peers().calls, ElementsAre("attach", "ucm attach", "ucm detach", "detach"));
+    EXPECT_THAT(w.records(), IsEmpty());
+}
+
+// Context 0 is stopped again, its record included; 1 gives back what it had; 2 was never started.
+TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
+{
+    for (const auto& [call, messages] : std::map<std::string, lines>{
+             {"kq_hca_query",
+              {"ats_init_static_port_attributes:618 - fail to query hca", "Can't set local port static attributes."}},
+             {"kq_hca_open", {"kq_hca_open() failed <-176>"}},
+             {"gsi_register_class",
+              {"Can't register to GSI<6>ERROR   : ATS : ats_sa_init:(ats_sa.cpp):ATS - Can't "
+               "register to GSI ret -12"}},
+             {"gsi_dtgrm_pool_create_named",
+              {"Can't allocate GSI datagram pool<6>ERROR   : ATS : "
+               "ats_sa_init:(ats_sa.cpp):ATS - Can't allocate GSI datagram pool ret -12"}},
+             {"kq_set_sleepable_async_event_cb", {"ATS - kq_set_sleepable_async_event_cb() failed <-176>", ""}},
+         }) {
+        SCOPED_TRACE(call);
+        // The first call succeeds, for the first HCA; it is the only one of its name there.
+        ats_world w;
+        ats_host& host = w.add({.ports = {1, 1, 1}});
+        host.link_up(1, 0);
+        host.link_up(1, 1);
+        uint64_t n = 1;
+        kernel::load_result result;
+        for (int seen = 0; seen < 2; ++n) {
+            host.faults().fail_nth(n);
+            result = host.try_load();
+            if (host.faults().failed_call() == call) ++seen;
+            host.faults().disarm();
+            if (result) host.unload();
+            if (seen < 2) host.log();
+        }
+        EXPECT_EQ(result.error, -6);
+        lines errors;
+        for (const std::string& line : host.log()) {
+            if (line.starts_with("ERROR sa/ats_sa_send") || line.find("Can't start SA del") != std::string::npos)
+                continue;
+            if (line.starts_with("LOGGER")) continue;
+            errors.push_back(line.starts_with("ERROR ") ? line.substr(line.find(": ") + 2) : line);
+        }
+        lines expected = messages;
+        expected.push_back("ats_sa_init failed -1");
+        expected.push_back("ATS init error  mthca1");
+        EXPECT_EQ(errors, expected);
+        EXPECT_THAT(w.records(), IsEmpty());
+        EXPECT_EQ(host.held(), "");
+    }
+}
+
+TEST(start_up_of, no_hca_loads_and_does_nothing)
+{
+    ats_world w;
+    ats_host& host = w.add({.ports = {}, .trace = trace_debug}).load();
+    EXPECT_THAT(host.log(), ElementsAre("LOGGER: Added key dorvex/modules/ats/, trace level 4",
+                                        "DEBUG module/ats_module_init: ats_attach_ibat is 1",
+                                        "ERROR module/ats_get_hcas_names: kq_list_hcas() failed with n_hcas=0",
+                                        "DEBUG module/ats_module_init: ats_module_init - got -176 hcas"));
+    EXPECT_THAT(host.peers().calls, IsEmpty());
+    EXPECT_THAT(host.machine().inter_modules.names(), Contains("ATS_SA_SET_IP_ADDR"));
+    for (const char* command : {"rarp 0x1", "set_host_name other", "set_ip_addrs 10.0.0.2", "delete_ip 10.0.0.2"})
+        host.control(command);
+    host.read("dorvex/ats/control");
+    EXPECT_THAT(host.log(), ElementsAre("ATS - there is no hca, can't send rarp",
+                                        "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: "
+                                        "ats_sa_send_service_rec_set_get_del_mad No active port, exit",
+                                        StartsWith("DEBUG api/ats_proc_read: page"),
+                                        "SA verification period:60   verification "
+                                        "skew(%): 1"));
+    host.unload();
+    EXPECT_EQ(host.held(), "");
+}
+
+TEST(start_up_of, a_host_with_odd_parameters)
+{
+    ats_world w;
+    ats_host& host = w.add({.name = "", .address = "1.2.3"}).load();
+    host.link_up(1);
+    EXPECT_THAT(host.log(), ElementsAre("LOGGER: Added key dorvex/modules/ats/, trace level 1",
+                                        "ERROR sa/ats_init_static_port_attributes: ATS - can't parse ip addr 1.2.3"));
+    EXPECT_THAT(w.records(), ElementsAre(".1 0.0.0.0 "));
+
+    ats_host& plain = w.add({.name = "plain", .trace = trace_debug});
+    EXPECT_TRUE(plain.machine().modules.insmod(ATS_MODULE_DIR "/ats.so"));
+    plain.link_up(1);
+    EXPECT_THAT(w.records(), ElementsAre(".1 0.0.0.0 ", "plain.1 0.0.0.0 No hostname"));
+}
+
+// ---- the peers ----
+
+TEST(binding, needs_of_ibat_what_it_is_asked_for)
+{
+    const lines names = {"ibat_attach_fn", "ibat_detach_fn", "ibat_process_arp_data_fn", "ibat_seq_cache_lookup_fn"};
+    const lines words = {"attach", "detach", "process arp data", "seq cache lookup"};
+    for (size_t i = 0; i < names.size(); ++i) {
+        for (int attach_ibat : {0, 1}) {
+            SCOPED_TRACE(names[i] + (attach_ibat ? "" : ", no attachment"));
+            ats_world w;
+            ats_host& host = w.add({.more_parameters = "ats_attach_ibat=" + std::to_string(attach_ibat)});
+            host.link_up(1);
+            host.peers().withdraw(names[i]);
+            const kernel::load_result result = host.try_load();
+            if (!attach_ibat && names[i] != "ibat_seq_cache_lookup_fn") {
+                EXPECT_TRUE(result);
+                EXPECT_THAT(host.peers().calls, ElementsAre("ucm attach")) << "IBAT's attach is never called";
+                EXPECT_EQ(host.peers().references(), 3);
+                host.unload();
+            } else {
+                EXPECT_EQ(result.error, -6);
+                EXPECT_THAT(host.log(),
+                            ElementsAre(StartsWith("LOGGER"),
+                                        "ERROR api/ats_ibat_init: Could not get IBAT " + words[i] + " function",
+                                        "ERROR api/ats_init: ats_ibat_init failed -255",
+                                        "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: "
+                                        "ats_sa_send_service_rec_set_get_del_mad No active port, exit",
+                                        "ERROR sa/ats_sa_stop: Can't start SA del of service record, ret - -1",
+                                        "ERROR module/ats_module_init: ATS init error  mthca0"))
+                    << "its SA client is stopped once";
+            }
+            EXPECT_EQ(host.held(), "");
+            EXPECT_THAT(w.records(), IsEmpty());
+        }
+    }
+}
+
+TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
+{
+    ats_world w;
+    ats_host& host = w.add();
+    host.link_up(1);
+    host.peers().accepts = false;
+    host.peers().attach_takes_ticks = 50; // while the port becomes active
+    EXPECT_EQ(host.try_load().error, -6);
+    EXPECT_THAT(host.log(), ElementsAre(StartsWith("LOGGER"), "ERROR api/ats_ibat_init: Could not attach to IBAT",
+                                        "ERROR api/ats_init: ats_ibat_init failed -255",
+                                        "ERROR module/ats_module_init: ATS init error  mthca0"));
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "0 node1.1 SET node1.1 10.0.0.1 node1",
+                                          "50 node1.1 DELETE node1.1"));
+    EXPECT_EQ(host.held(), "");
+    host.log();
+
+    host.peers().accepts = true;
+    host.peers().ucm_accepts = false;
+    host.trace(2);
+    host.load();
+    EXPECT_THAT(host.log(), ElementsAre(StartsWith("LOGGER"), "ERROR api/ats_ucm_init: Could not attach to UCM",
+                                        "WARNING api/ats_init: ats_ucm_init failed -255"));
+    EXPECT_EQ(host.peers().references(), 4);
+    host.unload();
+    EXPECT_EQ(host.held(), "");
+
+    for (const auto& [name, line] : std::map<std::string, std::string>{
+             {"ucm_rarp_attach_fn", "WARNING api/ats_ucm_init: Could not get UCM RARP attach function"},
+             {"ucm_rarp_detach_fn", "ERROR api/ats_ucm_init: Could not get UCM RARP detach function"}}) {
+        ats_host& other = w.add({.name = name, .trace = trace_debug});
+        other.peers().withdraw(name);
+        other.load();
+        EXPECT_THAT(other.log(), Contains(line));
+        EXPECT_EQ(other.peers().references(), 4);
+        other.unload();
+        EXPECT_THAT(other.log(), Contains("DEBUG api/ats_ucm_stop: Was not attached to UCM module"));
+        EXPECT_EQ(other.held(), "");
+    }
+}
+
+} // namespace
