@@ -1,7 +1,10 @@
 // A simulated fabric of probes: programs that are the umad layer and nothing above it.
 #pragma once
 
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
+#include <sstream>
 
 #include "tools/fabric/ibsim-fabric.h"
 
@@ -46,6 +49,18 @@ struct fabric_of_probes : testing::Test {
     {
         if (const std::string why = fabric_tools::ibsim_fabric::missing(); !why.empty()) GTEST_SKIP() << why;
         net.emplace(std::vector<std::string>{"sm1", "sm2", "node1", "node2"});
+    }
+
+    // What a sanitizer finds in a program that is killed later is told nowhere else.
+    void TearDown() override
+    {
+        if (!net) return;
+        for (const auto& file : std::filesystem::recursive_directory_iterator(net->folder())) {
+            if (file.path().filename() != "out") continue;
+            std::ostringstream said;
+            said << std::ifstream(file.path()).rdbuf();
+            EXPECT_THAT(said.str(), testing::Not(testing::HasSubstr("Sanitizer:"))) << file.path();
+        }
     }
 
     void start_sm(const std::string& node = "sm1")

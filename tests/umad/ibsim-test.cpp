@@ -1,6 +1,4 @@
 // The layer over libibumad on a fabric that ibsim simulates and OpenSM manages.
-#include <filesystem>
-#include <fstream>
 #include <unistd.h>
 
 #include "tests/umad/fabric-of-probes.h"
