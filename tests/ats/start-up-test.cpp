@@ -1,26 +1,11 @@
 // Loading the module on hosts of every kind, and failing to: whichever platform call fails, nothing is left behind, and
 // the next attempt succeeds.
-#include "tests/ats/ats-world.h"
+#include "tests/ats/failing-calls.h"
 
 namespace
 {
 
 using lines = std::vector<std::string>;
-
-// Runs `scenario` on a fresh world with the first failable call of it failing, then the second, until none is left.
-// The scenario arms the host's faults itself, by the number it is given, and disarms them.
-void for_every_failing_call(const std::function<std::string(uint64_t n)>& scenario)
-{
-    std::map<std::string, int> failures;
-    for (uint64_t n = 1;; ++n) {
-        const std::string failed = scenario(n);
-        if (failed.empty()) break;
-        ++failures[failed];
-        ASSERT_FALSE(testing::Test::HasFailure()) << "call " << n << ", " << failed;
-        ASSERT_LT(n, 1000u);
-    }
-    EXPECT_GT(failures.size(), 3u) << testing::PrintToString(failures);
-}
 
 struct start_up : testing::TestWithParam<std::vector<int>> {
 };
@@ -31,10 +16,8 @@ TEST_P(start_up, leaves_nothing_behind_whatever_fails)
         ats_world w;
         ats_host& host = w.add({.ports = GetParam()});
         for (size_t hca = 0; hca < GetParam().size(); ++hca) host.link_up(1, static_cast<int>(hca));
-        host.faults().fail_nth(n);
-        const kernel::load_result result = host.try_load();
-        const std::string failed = host.faults().failed_call();
-        host.faults().disarm();
+        kernel::load_result result;
+        const std::string failed = with_failing_call(host, n, [&] { result = host.try_load(); });
         w.at(300);
         if (result) host.unload();
         EXPECT_EQ(host.held(), "");
@@ -93,10 +76,7 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
         uint64_t n = 1;
         kernel::load_result result;
         for (int seen = 0; seen < 2; ++n) {
-            host.faults().fail_nth(n);
-            result = host.try_load();
-            if (host.faults().failed_call() == call) ++seen;
-            host.faults().disarm();
+            if (with_failing_call(host, n, [&] { result = host.try_load(); }) == call) ++seen;
             if (result) host.unload();
             if (seen < 2) host.log();
         }

@@ -1,0 +1,187 @@
+// Unloading: the record is deleted, everything is given back, and it ends, whatever state it meets.
+#include "tests/ats/failing-calls.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+// What the stop says, without the Deletes' own lines.
+lines told_by_stop(ats_host& host)
+{
+    lines kept;
+    for (const std::string& line : host.log())
+        if (const size_t at = line.find("sa/ats_sa_stop: "); at != std::string::npos)
+            kept.push_back(line.substr(at + 16));
+    return kept;
+}
+
+const std::string timeout = "timeout on send DEL SR MAD", received = "Received response on send DEL SR MAD";
+const std::string interrupted = "Interrupted by a signal", deregistered = "Deregistered GSI class";
+
+struct shut_down : testing::Test {
+    ats_world w;
+    ats_host& host = w.add_registered({.ports = {2}, .trace = trace_debug});
+};
+
+TEST_F(shut_down, gives_each_delete_its_time)
+{
+    host.link_up(2);
+    w.requests();
+    w.subnet.faults.drop_next_answers = 1;
+    host.unload();
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "20 node1.1 DELETE node1.2"));
+    EXPECT_EQ(w.sim->now(), 20u);
+    EXPECT_THAT(told_by_stop(host), testing::IsSupersetOf({timeout, received}));
+    EXPECT_THAT(w.records(), IsEmpty());
+    EXPECT_EQ(host.held(), "");
+}
+
+TEST_F(shut_down, is_not_held_up_by_a_silent_sa_or_a_signal)
+{
+    w.subnet.faults.sa_silent = true;
+    kernel::task& unloading = host.start("rmmod", [&] { host.unload(); });
+    w.at(10);
+    kernel::send_signal(unloading);
+    host.finish(unloading);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "10 node1.1 DELETE none"));
+    lines told = told_by_stop(host);
+    told.resize(4);
+    EXPECT_THAT(told, ElementsAre(timeout, interrupted, timeout, interrupted));
+    EXPECT_EQ(host.held(), "");
+}
+
+TEST_F(shut_down, waits_for_gsi_to_let_go)
+{
+    host.faults().fail_calls("gsi_deregister_class", 2);
+    host.unload();
+    EXPECT_EQ(w.sim->now(), 200u);
+    lines told = told_by_stop(host);
+    const std::string again = "Can't deregister GSI class - returned -16. Try again";
+    told.resize(6);
+    EXPECT_THAT(told, ElementsAre(received, received, again, again, deregistered, deregistered));
+    EXPECT_EQ(host.held(), "");
+}
+
+TEST_F(shut_down, without_an_active_port_has_nothing_to_wait_for)
+{
+    host.link_down(1);
+    host.log();
+    host.unload();
+    EXPECT_EQ(w.sim->now(), 0u);
+    const std::string no_port = "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: "
+                                "ats_sa_send_service_rec_set_get_del_mad No active port, exit";
+    const std::string no_delete = "ERROR sa/ats_sa_stop: Can't start SA del of service record, ret - -1";
+    lines log = host.log();
+    EXPECT_THAT(log[0], "DEBUG api/ats_stop: stop hca 0");
+    EXPECT_THAT(lines(log.begin() + 1, log.begin() + 5), ElementsAre(no_port, no_delete, no_port, no_delete));
+    EXPECT_EQ(log.back(), "ATS - module stopped ");
+}
+
+TEST_F(shut_down, is_refused_while_somebody_may_call)
+{
+    ASSERT_NE(host.machine().inter_modules.get("ATS_SA_SET_IP_ADDR"), nullptr);
+    EXPECT_EQ(host.machine().modules.rmmod("ats").error, -16);
+    EXPECT_THAT(host.log(), IsEmpty());
+    host.machine().inter_modules.put("ATS_SA_SET_IP_ADDR");
+    host.unload();
+}
+
+TEST_F(shut_down, drops_requests_without_a_word)
+{
+    w.subnet.faults.sa_silent = true;
+    asker who;
+    EXPECT_EQ(host.reverse({1, 1}, who), ibat_stat_pending);
+    host.control("rarp 0x1");
+    host.unload();
+    EXPECT_EQ(host.held(), "");
+    w.at(5000);
+    EXPECT_THAT(who.answers, IsEmpty());
+}
+
+// At every moment of a registration, an update and a change of ports, through a slow SA.
+TEST(shut_down_at_any_moment, removes_the_record)
+{
+    for (uint64_t tick = 0; tick <= 150; tick += 3) {
+        SCOPED_TRACE(tick);
+        ats_world w;
+        ats_host& host = w.add({.ports = {2}, .trace = trace_debug}).load();
+        w.subnet.faults.latency_ticks = 7;
+        kernel::task& others = host.start("others", [&] {
+            EXPECT_TRUE(w.subnet.link_up("node1", "mthca0", 2));
+            schedule_timeout_uninterruptible(50);
+            host.machine().proc.write("dorvex/ats/control", "set_ip_addrs 10.0.0.5");
+            EXPECT_TRUE(w.subnet.link_up("node1", "mthca0", 1));
+            schedule_timeout_uninterruptible(30);
+            EXPECT_TRUE(w.subnet.link_down("node1", "mthca0", 2));
+        });
+        w.at(tick);
+        host.unload();
+        host.finish(others);
+        w.at(w.sim->now() + 100);
+        EXPECT_THAT(w.records(), IsEmpty());
+        EXPECT_EQ(host.held(), "");
+    }
+}
+
+// ---- the same for each failing call ----
+
+TEST(failing_calls, of_an_unload_leave_nothing_behind)
+{
+    for_every_failing_call([](uint64_t n) {
+        ats_world w;
+        ats_host& host = w.add_registered({.ports = {2, 1}});
+        host.link_up(2);
+        const std::string failed = with_failing_call(host, n, [&] { host.unload(); });
+        EXPECT_EQ(host.held(), "");
+        return failed;
+    });
+}
+
+TEST(failing_calls, of_an_update_leave_the_host_able_to_do_the_next)
+{
+    for (const char* command : {"set_ip_addrs 10.0.0.5", "set_host_name other"}) {
+        for_every_failing_call([command](uint64_t n) {
+            ats_world w;
+            ats_host& host = w.add_registered({.ports = {2, 1}});
+            host.link_up(1, 1);
+            const std::string failed = with_failing_call(host, n, [&] { host.control(command); });
+            w.at(100);
+            host.control("set_host_name last");
+            EXPECT_THAT(w.records(), ElementsAre(HasSubstr(" last"), HasSubstr(" last")));
+            host.unload();
+            EXPECT_THAT(w.records(), IsEmpty());
+            EXPECT_EQ(host.held(), "");
+            return failed;
+        });
+    }
+}
+
+TEST(failing_calls, of_a_resolution_are_told_to_who_asked)
+{
+    for_every_failing_call([](uint64_t n) {
+        ats_world w;
+        ats_host& host = w.add_registered();
+        asker who;
+        ibat_stat_t by_address{}, by_gid{};
+        const std::string failed = with_failing_call(host, n, [&] {
+            by_address = host.resolve("10.0.0.1");
+            by_gid = host.reverse(host.gid(1), who);
+        });
+        w.at(2000);
+        const bool first_failed = by_address == ibat_stat_error, second_failed = by_gid == ibat_stat_error;
+        EXPECT_EQ(first_failed + second_failed, failed.empty() ? 0 : 1);
+        EXPECT_EQ(who.answers.size(), failed == "kmalloc" ? 0u : 1u);
+        if (failed == "kmalloc") {
+            EXPECT_THAT(host.log(), ElementsAre("ATS - can't allocate 72 bytes for ats_rarp_req_t"));
+        } else {
+            EXPECT_EQ(who.answers[0].status, second_failed ? ibat_stat_timeout : ibat_stat_ok);
+        }
+        EXPECT_EQ(host.peers().processed.size(), second_failed || first_failed ? 1u : 2u);
+        host.unload();
+        EXPECT_EQ(host.held(), "");
+        return failed;
+    });
+}
+
+} // namespace
