@@ -103,7 +103,8 @@ kq_gid_t ats_host::gid(int port, int hca) const
 void ats_host::run(const std::function<void()>& body)
 {
     machine().enter("test", body);
-    if (auto* sim = dynamic_cast<kernel::simulation*>(&exec_)) sim->settle();
+    auto* sim = dynamic_cast<kernel::simulation*>(&exec_);
+    if (sim && !kernel::current_task()) sim->settle();
 }
 
 ibat_stat_t ats_host::reverse(const kq_gid_t& gid, asker& who, uint32_t* at_once)

@@ -45,6 +45,7 @@ struct asker {
         uint64_t tick;
         ibat_stat_t status;
         uint32_t ip; // of no record: 0
+        bool operator==(const answer&) const = default;
     };
     std::vector<answer> answers;
     std::function<void(const ibat_arp_data_t* record)> then;
@@ -74,7 +75,7 @@ class ats_host
     void link_down(int port, int hca = 0);
     kq_gid_t gid(int port, int hca = 0) const;
 
-    // Runs `body` in a task of the host, then in a simulation everything that it made ready.
+    // Runs `body` in a task of the host, then, called from outside of a simulation, everything that it made ready.
     void run(const std::function<void()>& body);
 
     // Asks as UCM would; the answer comes to `who` unless the result says otherwise.

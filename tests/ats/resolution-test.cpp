@@ -1,0 +1,225 @@
+// Lookups for IBAT and UCM: what is asked of the SA, who is told what and when, and that a request ends once.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+asker::answer told(uint64_t tick, ibat_stat_t status, const std::string& address = "0.0.0.0")
+{
+    return {tick, status, ip_of(address)};
+}
+
+struct resolution : testing::Test {
+    ats_world w;
+    ats_host& host = w.add_registered();
+    ats_host& other = w.add_registered({.name = "node2", .address = "10.0.0.2"});
+    asker who;
+};
+
+TEST_F(resolution, of_an_address_comes_back_as_an_arp_reply)
+{
+    EXPECT_EQ(host.resolve("10.0.0.2"), ibat_stat_ok);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET 10.0.0.2"));
+    ASSERT_EQ(host.peers().processed.size(), 1u);
+    const ibat_arp_data_t& reply = host.peers().processed[0];
+    EXPECT_EQ(reply.mask, 0x207u);
+    EXPECT_EQ(reply.arp_operation, IBAT_ARP_REPLY);
+    EXPECT_EQ(reply.src_ip, ip_of("10.0.0.2"));
+    EXPECT_EQ(reply.dst_ip, ip_of("10.0.0.1"));
+    EXPECT_TRUE(reply.gid == other.gid(1));
+
+    other.unload();
+    EXPECT_EQ(host.resolve("10.0.0.2"), ibat_stat_ok);
+    ASSERT_EQ(host.peers().processed.size(), 2u) << "IBAT hears of absence too";
+    EXPECT_TRUE(host.peers().processed[1].gid == kq_gid_t{});
+    host.resolve("10.0.0.1");
+    EXPECT_EQ(host.peers().processed[2].mask, 0x8207u) << "the own mapping is marked";
+}
+
+TEST_F(resolution, of_a_gid_asks_the_cache_and_then_the_sa)
+{
+    uint32_t at_once = 0;
+    host.peers().cache = {{other.gid(1), ip_of("10.9.9.9")}};
+    EXPECT_EQ(host.reverse(other.gid(1), who, &at_once), ibat_stat_ok);
+    EXPECT_EQ(at_once, ip_of("10.9.9.9"));
+    EXPECT_THAT(w.requests(), IsEmpty());
+    host.peers().cache.clear();
+    EXPECT_EQ(host.reverse(other.gid(1), who), ibat_stat_pending);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET node2.1"));
+    EXPECT_THAT(who.answers, ElementsAre(told(0, ibat_stat_ok, "10.0.0.2")));
+}
+
+TEST_F(resolution, maps_what_the_sa_says)
+{
+    const std::map<int, ibat_stat_t> table = {
+        {0, ibat_stat_ok},    {1, ibat_stat_not_found}, {2, ibat_stat_error}, {3, ibat_stat_not_found},
+        {4, ibat_stat_error}, {5, ibat_stat_not_found}, {6, ibat_stat_error}, {7, ibat_stat_error},
+        {9, ibat_stat_error}, {255, ibat_stat_error}};
+    w.subnet.faults.sa_silent = true;
+    host.trace(trace_debug);
+    for (const auto& [code, status] : table) {
+        SCOPED_TRACE(code);
+        asker each;
+        host.reverse({7, 7}, each);
+        host.log();
+        w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7", static_cast<uint16_t>(code << 8)));
+        EXPECT_THAT(each.answers, ElementsAre(told(0, status, "10.0.0.7")));
+        const std::string bad = "DEBUG api/ats_process_rarp_data: bad SA status " + std::to_string(code);
+        EXPECT_EQ(std::ranges::count(host.log(), bad), code > 6 ? 1 : 0);
+    }
+}
+
+TEST_F(resolution, one_answer_completes_all_who_wait_for_its_gid_the_newest_first)
+{
+    w.subnet.faults.sa_silent = true;
+    asker first, second, third, else_where;
+    host.reverse({7, 7}, first);
+    host.reverse({8, 7}, else_where);
+    host.reverse({7, 7}, second);
+    host.reverse({7, 7}, third);
+    host.trace(trace_debug);
+    host.log();
+    w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7"));
+    for (const asker* each : {&first, &second, &third})
+        EXPECT_THAT(each->answers, ElementsAre(told(0, ibat_stat_ok, "10.0.0.7")));
+    EXPECT_LT(third.order, second.order);
+    EXPECT_LT(second.order, first.order);
+    EXPECT_THAT(else_where.answers, IsEmpty());
+
+    lines log;
+    for (const std::string& line : host.log())
+        if (const size_t at = line.find("ats_process_rarp_data: "); at != std::string::npos)
+            log.push_back(line.substr(at + 23));
+    const std::string looked_at = "check match against gid 0x00000000000000070000000000000007", found = "found match";
+    EXPECT_EQ(log, (lines{looked_at, found, "check match against gid 0x00000000000000070000000000000008", looked_at,
+                          found, looked_at, found, log[7], log[8], log[9],
+                          "found 3 maching RARP reqs for gid 0x00000000000000070000000000000007"}));
+    EXPECT_THAT(lines(log.begin() + 7, log.begin() + 10), testing::Each("call callback PTR  PTR"));
+}
+
+TEST_F(resolution, an_answer_that_is_no_answer_leaves_requests_to_time_out)
+{
+    w.subnet.faults.answer_with(MAD_STATUS_BUSY, 1);
+    host.reverse({7, 7}, who);
+    w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7", 0x0300, MAD_METHOD_DELETE));
+    w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7", 0, MAD_METHOD_GET, SA_ATTR_PATH_RECORD));
+    w.at(2000);
+    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
+}
+
+// The timer looks once a second and takes what is a second old; the tick count wraps at 32 bits meanwhile.
+TEST(time_out, comes_to_the_tick)
+{
+    for (const uint64_t begin : {uint64_t{0}, uint64_t{0xFFFFFE00}, uint64_t{0x7FFFFFFF}}) {
+        SCOPED_TRACE(testing::Message() << "starting at tick " << begin);
+        ats_world w({.start_tick = begin});
+        ats_host& host = w.add_registered({.trace = trace_func});
+        w.subnet.faults.sa_silent = true;
+        asker at_0, at_1, at_1_too, at_1000;
+        host.reverse({7, 7}, at_0);
+        w.at(1);
+        host.reverse({7, 7}, at_1);
+        host.reverse({8, 7}, at_1_too);
+        w.at(999);
+        EXPECT_THAT(at_0.answers, IsEmpty());
+        host.log();
+        w.at(1000);
+        EXPECT_THAT(at_0.answers, ElementsAre(told(begin + 1000, ibat_stat_timeout)));
+        EXPECT_THAT(at_1.answers, IsEmpty()) << "999 ticks old";
+        const std::string handler = "FUNC sa/ats_req_timer_handler: ";
+        const std::string looked_at = handler + "Checking RARP request entry: <0xPTR>";
+        EXPECT_THAT(host.log(),
+                    ElementsAre("DEBUG sa/ats_req_timer_handler: Pending RARP requests present.", looked_at,
+                                handler + "\t\t-> timeouted!", looked_at, looked_at, handler + "found entry : 0xPTR"));
+        host.reverse({7, 7}, at_1000);
+        w.at(1999);
+        EXPECT_THAT(at_1.answers, IsEmpty());
+        w.at(2000);
+        EXPECT_THAT(at_1.answers, ElementsAre(told(begin + 2000, ibat_stat_timeout)));
+        EXPECT_THAT(at_1000.answers, ElementsAre(told(begin + 2000, ibat_stat_timeout)));
+        EXPECT_LT(at_1000.order, at_1_too.order) << "the newest first";
+        EXPECT_LT(at_1_too.order, at_1.order);
+    }
+}
+
+TEST_F(resolution, ends_once_however_late_the_answer_is)
+{
+    w.subnet.faults.latency_ticks = 1250;
+    host.reverse(other.gid(1), who);
+    w.at(2400);
+    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
+    asker again;
+    host.reverse(other.gid(1), again);
+    w.at(6000);
+    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
+    EXPECT_THAT(again.answers, ElementsAre(told(2500, ibat_stat_ok, "10.0.0.2"))) << "by the answer to the first";
+}
+
+// Whoever is called back may see to it that the next request follows; what waits for the same GID is over by then.
+TEST_F(resolution, a_callback_may_lead_to_the_next_request)
+{
+    asker second;
+    kernel::task* next = nullptr;
+    who.then = [&](const ibat_arp_data_t*) { next = &host.start("next", [&] { host.reverse(other.gid(1), second); }); };
+    host.reverse(other.gid(1), who);
+    ASSERT_TRUE(next);
+    host.finish(*next);
+    w.sim->settle();
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET node2.1", "0 node1.1 GET node2.1"));
+    EXPECT_EQ(who.answers.size(), 1u);
+    EXPECT_EQ(second.answers.size(), 1u);
+}
+
+TEST_F(resolution, without_an_active_port_fails_and_still_times_out)
+{
+    host.link_down(1);
+    EXPECT_EQ(host.resolve("10.0.0.2"), ibat_stat_error);
+    EXPECT_EQ(host.reverse(other.gid(1), who), ibat_stat_error);
+    const std::string rest = " there is no active port, Check your link!";
+    EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_arp_send: ATS - Can't Send arp" + rest,
+                                        "ERROR sa/ats_sa_rarp_send: ATS - Can't Send rarp" + rest));
+    w.at(5000);
+    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
+    EXPECT_THAT(w.requests(), IsEmpty());
+}
+
+// A registration holds the semaphore for 60 ticks. A lookup waits for it, unless a signal comes.
+TEST_F(resolution, waits_for_a_registration_and_not_through_a_signal)
+{
+    w.subnet.faults.sa_silent = true;
+    kernel::task& updating = host.start("update", [&] { host.control("set_host_name slow"); });
+    w.at(10);
+    ibat_stat_t interrupted{}, patient{};
+    kernel::task& first = host.start("first", [&] { interrupted = host.resolve("10.0.0.2"); });
+    kernel::task& second = host.start("second", [&] { patient = host.resolve("10.0.0.2"); });
+    w.at(30);
+    kernel::send_signal(first);
+    w.at(31);
+    EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_arp_send: down_interruptible is not OK"));
+    w.at(100);
+    for (kernel::task* each : {&updating, &first, &second}) host.finish(*each);
+    EXPECT_EQ(interrupted, ibat_stat_error);
+    EXPECT_EQ(patient, ibat_stat_ok);
+    const lines sent = w.requests();
+    EXPECT_THAT(lines(sent.end() - 2, sent.end()),
+                ElementsAre("60 node1.1 SET node1.1 10.0.0.1 slow", "60 node1.1 GET 10.0.0.2"));
+}
+
+TEST_F(resolution, traces_both_kinds_in_their_words)
+{
+    host.trace(trace_debug);
+    host.log();
+    host.resolve("10.0.0.2");
+    EXPECT_EQ(host.log().front(), "DEBUG sa/ats_sa_arp_send: ATS arp down_interruptible");
+    host.reverse(other.gid(1), who);
+    const lines log = host.log();
+    EXPECT_EQ(log.front(), "DEBUG sa/ats_sa_rarp_send: ATS rarp down_interruptible");
+    EXPECT_THAT(log, Contains("DEBUG sa/ats_sa_rarp_send: ATS arp sem up")) << "of both";
+    host.peers().cache = {{other.gid(1), ip_of("10.9.9.9")}};
+    host.reverse(other.gid(1), who);
+    EXPECT_THAT(host.log(), ElementsAre("DEBUG api/ats_rarp_send: RARP resolved by ibat cache lookup"));
+}
+
+} // namespace
