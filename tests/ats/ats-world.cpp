@@ -10,7 +10,6 @@
 namespace
 {
 
-constexpr uint64_t first_random_seed = 7;
 constexpr const char* registry_key = "dorvex/modules/ats";
 constexpr const char* registry_value = "debug-level";
 
@@ -57,7 +56,7 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
 
 ats_host::ats_host(kernel::executor& exec, embedded::subnet& subnet, const host_setup& setup)
     : setup_(setup), exec_(exec), subnet_(subnet),
-      host_(std::make_unique<world::host>(exec, subnet, plan_of(setup), ATS_MODULE_DIR, first_random_seed))
+      host_(std::make_unique<world::host>(exec, subnet, plan_of(setup), ATS_MODULE_DIR, host_random_seed))
 {
     if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
     if (setup.has_ibat) peers().publish_ibat();

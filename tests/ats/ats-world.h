@@ -26,6 +26,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
+constexpr uint64_t host_random_seed = 7; // of every host
+
 constexpr int trace_error = 1, trace_debug = 4, trace_func = 5;
 
 struct host_setup {

@@ -1,0 +1,213 @@
+// Name and address, changed at run time by other modules: what every HCA registers, and what a failure leaves.
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+struct identity : testing::Test {
+    ats_world w;
+    ats_host& host = w.add({.ports = {2}}).load();
+
+    int32_t set_name(const char* name)
+    {
+        int32_t result = 0;
+        host.run([&] { result = host.symbol<int32_t (*)(const char*)>("ats_sa_set_hostname")(name); });
+        return result;
+    }
+    int32_t set_address(const std::string& address)
+    {
+        int32_t result = 0;
+        const uint32_t ip = ip_of(address);
+        const void* published = host.machine().inter_modules.get("ATS_SA_SET_IP_ADDR");
+        host.run([&] { result = reinterpret_cast<int32_t (*)(uint32_t)>(const_cast<void*>(published))(ip); });
+        host.machine().inter_modules.put("ATS_SA_SET_IP_ADDR");
+        return result;
+    }
+};
+
+TEST_F(identity, waits_for_a_port_to_become_active)
+{
+    EXPECT_EQ(set_name("early"), 0);
+    EXPECT_EQ(set_address("10.0.0.7"), 0);
+    EXPECT_THAT(host.log(), ElementsAre(StartsWith("LOGGER"), "ERROR sa/ats_sa_update_hostname: No active port update "
+                                                              "hostname will be when link Active"));
+    host.link_up(1);
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 early"));
+    EXPECT_EQ(set_name(""), 0);
+    host.link_up(2);
+    host.link_down(1);
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 "));
+    EXPECT_EQ(set_name("a-name-of-forty-characters-or-thereabouts"), 0);
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 a-name-of-forty-characters-or-"));
+    EXPECT_EQ(set_name("short"), 0);
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "nothing of the long one is left";
+}
+
+TEST_F(identity, needs_a_name)
+{
+    host.link_up(1);
+    w.requests();
+    host.log();
+    EXPECT_EQ(set_name(nullptr), -1);
+    EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_update_hostname: ATS hostname is empty !"));
+    EXPECT_THAT(w.requests(), IsEmpty());
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
+}
+
+TEST_F(identity, traces_its_steps)
+{
+    host.link_up(1);
+    host.trace(trace_debug);
+    host.log();
+    const auto steps = [&](const char* operation) {
+        lines kept;
+        for (const std::string& line : host.log())
+            if (const size_t at = line.find(operation); at != std::string::npos) kept.push_back(line);
+        return kept;
+    };
+    set_name("a-name-of-more-than-thirty-characters");
+    EXPECT_THAT(steps("_hostname: "),
+                ElementsAre("DEBUG module/ats_sa_set_hostname: update hostname hca=0x1  "
+                            "host_name=a-name-of-more-than-thirty-characters",
+                            "DEBUG sa/ats_sa_update_hostname: ATS ats_sa_update_hostname going to down_interruptible",
+                            "DEBUG sa/ats_sa_update_hostname: host_name is a-name-of-more-than-thirty-characters",
+                            "DEBUG sa/ats_sa_update_hostname: ATS ats_sa_update_hostname sem up"));
+    set_address("10.0.0.7");
+    EXPECT_THAT(
+        steps("ip"),
+        testing::IsSupersetOf({"DEBUG module/ats_sa_set_ip_addrs: update ipaddr hca=0x1 ",
+                               "DEBUG sa/ats_sa_do_update_ip: ATS ats_sa_update_ip_addrs is going down_interruptible",
+                               "DEBUG sa/ats_sa_do_update_ip: ATS ats_sa_update_ip_addrs sem up"}));
+    host.link_down(1);
+    host.log();
+    set_address("10.0.0.8");
+    EXPECT_THAT(host.log(),
+                Contains("DEBUG sa/ats_sa_do_update_ip: No active port update ip address will be when link Active"));
+}
+
+// The first call that fails ends it. The values of those before it are new, the failing one may have its own stored.
+TEST(identity_of_three_hcas, stops_at_the_first_failure)
+{
+    const struct {
+        const char* command;
+        lines errors;
+    } table[] = {
+        {"set_host_name new",
+         {"ERROR sa/ats_sa_update_hostname: down_interruptible is not OK",
+          "ERROR api/ats_proc_cmd_update_hostname: ats_sa_update_hostname FAILED  hca 1"}},
+        {"set_ip_addrs 10.0.0.7",
+         {"ERROR sa/ats_sa_do_update_ip: down_interruptible is not OK",
+          "ERROR api/ats_proc_cmd_update_ip_addrs: ats_sa_update_ip_addrs FAIL"}},
+    };
+    for (const auto& [command, errors] : table) {
+        SCOPED_TRACE(command);
+        ats_world w;
+        ats_host& host = w.add_registered({.ports = {1, 1, 1}});
+        for (int hca : {1, 2}) host.link_up(1, hca);
+        w.requests();
+        constexpr uint64_t copy = 1, of_one_update = 5; // the semaphore, and two datagrams with their posts
+        host.faults().fail_nth(copy + of_one_update + 1);
+        host.control(command);
+        EXPECT_EQ(host.faults().failed_call(), "down_interruptible");
+        host.faults().disarm();
+        EXPECT_EQ(host.log(), errors);
+        const std::string set = w.requests().back();
+        EXPECT_THAT(set, StartsWith("0 node1.1 SET ")) << "the second sent nothing, and the third was not tried";
+
+        // An address is in the ports even so; a name is not.
+        host.link_down(1, 1);
+        host.link_up(1, 1);
+        host.link_down(1, 2);
+        host.link_up(1, 2);
+        const bool is_address = std::string(command).starts_with("set_ip");
+        EXPECT_THAT(w.records(),
+                    ElementsAre(is_address ? "node1.1 10.0.0.7 node1" : "node1.1 10.0.0.1 new",
+                                is_address ? "node1.mthca1.1 10.0.0.7 node1" : "node1.mthca1.1 10.0.0.1 node1",
+                                "node1.mthca2.1 10.0.0.1 node1"));
+    }
+}
+
+TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
+{
+    host.link_up(1);
+    host.faults().fail_calls("gsi_post_send_dtgrm");
+    host.log();
+    EXPECT_EQ(set_name("kept"), -1);
+    EXPECT_EQ(host.log().back(), "ERROR sa/ats_sa_update_hostname: ats_sa_set_new_sr Failded");
+    EXPECT_EQ(set_address("10.0.0.7"), -1);
+    EXPECT_EQ(host.log().back(), "ERROR sa/ats_sa_do_update_ip:  ats_sa_set_new_sr Faild");
+    host.faults().disarm();
+    host.link_down(1);
+    host.link_up(1);
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
+}
+
+// A writer with a signal pending gets the semaphore if it is free, and then waits for nothing.
+TEST_F(identity, a_pending_signal_ends_every_wait)
+{
+    host.link_up(1);
+    w.requests();
+    host.log();
+    w.subnet.faults.sa_silent = true;
+    kernel::task& writer = host.start("writer", [&] {
+        kernel::send_signal(*kernel::current_task());
+        host.control("set_ip_addrs 10.0.0.7");
+    });
+    w.at(0);
+    host.finish(writer);
+    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "0 node1.1 DELETE node1.1",
+                                          "0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 10.0.0.7 node1"));
+    const std::string interrupted = "ERROR sa/ats_sa_set_new_sr: Interrupted by a signal";
+    EXPECT_THAT(host.log(), ElementsAre(interrupted, interrupted, interrupted));
+
+    // While another holds the semaphore it gives up; the address is stored all the same.
+    kernel::task& other = host.start("other", [&] { host.control("set_host_name slow"); });
+    w.at(5);
+    int32_t result = 0;
+    kernel::task& second = host.start("second", [&] {
+        kernel::send_signal(*kernel::current_task());
+        result = set_address("10.0.0.8");
+    });
+    w.at(6);
+    EXPECT_EQ(result, -1);
+    EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_do_update_ip: down_interruptible is not OK"));
+    w.at(100);
+    host.finish(second);
+    host.finish(other);
+    EXPECT_EQ(w.requests().back(), "60 node1.1 SET node1.1 10.0.0.8 slow");
+}
+
+// ---- machines of one process ----
+
+TEST(identity_of_three_machines, is_their_own)
+{
+    ats_world w;
+    std::vector<ats_host*> hosts;
+    for (const char* number : {"1", "2", "3"})
+        hosts.push_back(
+            &w.add_registered({.name = "node" + std::string(number), .address = "10.0.0." + std::string(number)}));
+    hosts[1]->control("set_host_name other");
+    hosts[1]->set_verify_period(7);
+    hosts[2]->trace(trace_debug);
+    hosts[0]->unload();
+    EXPECT_THAT(w.records(), ElementsAre("node2.1 10.0.0.2 other", "node3.1 10.0.0.3 node3"));
+    hosts[0]->load();
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1", "node2.1 10.0.0.2 other", "node3.1 10.0.0.3 node3"));
+    const lines verifications = {"60", "7", "60"};
+    for (int i = 0; i < 3; ++i) {
+        hosts[i]->log();
+        hosts[i]->read("dorvex/ats/control");
+        const lines report = hosts[i]->log();
+        EXPECT_THAT(report.back(), StartsWith("SA verification period:" + verifications[i] + " "));
+        EXPECT_EQ(report[0].starts_with("DEBUG"), i == 2);
+    }
+    asker who;
+    hosts[1]->peers().processed.clear();
+    hosts[0]->reverse(hosts[2]->gid(1), who);
+    EXPECT_EQ(who.answers.at(0).ip, ip_of("10.0.0.3"));
+    EXPECT_THAT(hosts[1]->peers().processed, IsEmpty());
+}
+
+} // namespace

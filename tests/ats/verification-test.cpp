@@ -1,0 +1,218 @@
+// Each HCA watches over its own record: when it looks, what it does about what it finds, and what it leaves alone.
+#include <set>
+
+#include "host/kernel/random.h"
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+// A host that looks every 10 seconds, beginning at second 60.
+struct verification : testing::Test {
+    verification()
+    {
+        host.set_verify_period(0);
+        w.at(59'999);
+        host.set_verify_period(10);
+        w.at(60'600); // the check that was armed at the start has found itself switched on again
+        const lines sent = w.requests();
+        EXPECT_EQ(sent.size(), 1u);
+        next_check = std::stoull(sent.at(0)) + 10'000;
+    }
+
+    // Lets everything of the next check happen, the time-out of its request included, and returns what was sent, with
+    // ticks from the check on.
+    lines check()
+    {
+        w.requests();
+        host.log();
+        w.at(next_check + 2000);
+        lines sent = w.requests();
+        for (std::string& each : sent)
+            each = std::to_string(std::stoull(each) - next_check) + each.substr(each.find(' '));
+        next_check += 10'000;
+        return sent;
+    }
+
+    ats_world w;
+    ats_host& host = w.add_registered({.ports = {2}});
+    uint64_t next_check = 0;
+};
+
+TEST_F(verification, leaves_a_sound_record_alone)
+{
+    EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1"));
+    host.trace(trace_debug);
+    EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1"));
+    lines log = host.log();
+    std::erase_if(log, [](const std::string& line) {
+        return line.find("verification_callback") == std::string::npos &&
+               line.find("api/rarp_callback") == std::string::npos &&
+               line.find("calc_verify_timeout") == std::string::npos;
+    });
+    EXPECT_THAT(log,
+                ElementsAre("DEBUG api/verification_callback: data=0", "DEBUG api/calc_verify_timeout: timeout=10000",
+                            "DEBUG api/verification_callback: call ats_rarp_send_nocache()  hca 0",
+                            "DEBUG api/verification_callback: call ats_rarp_send_nocache() returned "
+                            "ibat_stat_pending (-253) - sent successfully, now waiting for reply",
+                            "DEBUG api/rarp_callback: status=ibat_stat_ok (0)  arp_data=PTR  context=PTR",
+                            "DEBUG api/rarp_callback: ipaddresses [10.0.0.1, 10.0.0.1]",
+                            "DEBUG api/rarp_callback: ipaddress match"));
+}
+
+TEST_F(verification, restores_what_the_sa_has_lost_or_will_not_tell)
+{
+    w.subnet.forget_all();
+    EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1", "0 node1.1 SET node1.1 10.0.0.1 node1"));
+    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
+    w.subnet.faults.answer_with(0x0400, 1);
+    EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1", "0 node1.1 SET node1.1 10.0.0.1 node1"));
+    host.peers().cache = {{host.gid(1), ip_of("10.0.0.1")}};
+    w.subnet.forget_all();
+    EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1", "0 node1.1 SET node1.1 10.0.0.1 node1"))
+        << "IBAT's cache is no witness";
+}
+
+TEST_F(verification, restores_after_silence_when_the_request_has_timed_out)
+{
+    w.subnet.faults.drop_next_answers = 1;
+    const lines sent = check();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0], "0 node1.1 GET node1.1");
+    const uint64_t waited = std::stoull(sent[1]);
+    EXPECT_TRUE(waited >= 1000 && waited < 2000) << waited;
+    EXPECT_THAT(sent[1], HasSubstr("SET node1.1 10.0.0.1 node1"));
+}
+
+TEST_F(verification, restores_over_a_wrong_address)
+{
+    host.trace(trace_debug);
+    w.subnet.faults.sa_silent = true;
+    w.at(next_check);
+    w.requests();
+    w.inject(host, 1, sa_reply(host.gid(1), "10.0.0.9"));
+    EXPECT_THAT(w.requests(), ElementsAre(std::to_string(next_check) + " node1.1 SET node1.1 10.0.0.1 node1"));
+    const lines log = host.log();
+    EXPECT_THAT(log, Contains("DEBUG api/rarp_callback: ipaddresses [10.0.0.9, 10.0.0.1]"));
+    EXPECT_THAT(log, Contains("DEBUG api/rarp_callback: gid & ipaddress don't match"));
+}
+
+// The answer to a registration names the own GID, too: it settles a check that is waiting.
+TEST_F(verification, is_settled_by_the_answer_to_a_registration)
+{
+    w.subnet.faults.drop_next_answers = 1;
+    w.at(next_check);
+    w.requests();
+    host.control("set_ip_addrs 10.0.0.4");
+    const std::string now = std::to_string(next_check);
+    w.at(next_check + 3000);
+    EXPECT_THAT(w.requests(),
+                ElementsAre(now + " node1.1 DELETE node1.1", now + " node1.1 SET node1.1 10.0.0.4 node1"));
+}
+
+TEST_F(verification, needs_an_active_port)
+{
+    host.trace(trace_debug);
+    w.subnet.faults.sa_silent = true;
+    w.at(next_check);
+    host.link_down(1);
+    w.requests();
+    w.at(next_check + 2000); // its request times out
+    EXPECT_THAT(w.requests(), IsEmpty());
+    EXPECT_THAT(host.log(), Contains("DEBUG api/rarp_callback: no active port"));
+    next_check += 10'000;
+    EXPECT_THAT(check(), IsEmpty());
+    EXPECT_THAT(host.log(),
+                ElementsAre("DEBUG api/verification_callback: data=0", "DEBUG api/calc_verify_timeout: timeout=10000",
+                            "DEBUG api/verification_callback: no active port"));
+    w.subnet.faults.sa_silent = false;
+    host.link_up(2);
+    EXPECT_THAT(check(), ElementsAre("0 node1.2 GET node1.2"));
+}
+
+TEST_F(verification, says_what_it_could_not_send)
+{
+    host.trace(trace_debug);
+    host.faults().fail_calls("kmalloc");
+    EXPECT_THAT(check(), IsEmpty());
+    EXPECT_THAT(
+        host.log(),
+        Contains("DEBUG api/verification_callback: call ats_rarp_send_nocache() returned ibat_stat_error (-255)"));
+    w.subnet.forget_all();
+    w.at(next_check - 1);
+    host.faults().fail_nth(5); // memory, the semaphore, a datagram, its post; then the Set has no datagram
+    w.at(next_check);
+    EXPECT_EQ(host.faults().failed_call(), "gsi_dtgrm_pool_get");
+    EXPECT_THAT(host.log(), Contains("DEBUG api/rarp_callback: Can't start SA set of service record   ret=-1"));
+}
+
+TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
+{
+    for (const int off : {0, -5}) {
+        ats_world w;
+        ats_host& host = w.add_registered({.trace = trace_debug});
+        host.set_verify_period(off);
+        w.at(60'600); // the first check meets it
+        w.subnet.forget_all();
+        host.log();
+        w.at(300'000);
+        EXPECT_THAT(w.requests(), IsEmpty());
+        EXPECT_EQ(std::ranges::count(host.log(), "DEBUG api/verification_callback: data=0"), 3) << "once a minute";
+        host.set_verify_period(1);
+        w.at(360'600);
+        EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
+        host.log();
+        w.at(370'600);
+        EXPECT_EQ(std::ranges::count(host.log(), "DEBUG api/verification_callback: data=0"), 10);
+        host.unload();
+        EXPECT_EQ(host.held(), "");
+    }
+}
+
+// A period, and a random part of the skew on top; the dice of the host are known.
+TEST(verification_period, is_lengthened_by_up_to_the_skew)
+{
+    struct {
+        int64_t period, skew;
+    } table[] = {{60, 1}, {3600, 100}, {1, 0}, {7, 33}, {2'000'000, 100}};
+    ats_world w;
+    ats_host& host = w.add({.trace = trace_debug}).load();
+    kernel::random_source dice(host_random_seed);
+    const auto expected_delay = [&](int64_t period, int64_t skew) {
+        uint8_t byte;
+        dice.fill(&byte, 1);
+        return static_cast<uint64_t>(period * 1000 + (period * 1000 * skew / 100) * byte / 255);
+    };
+    const auto line = [](uint64_t delay) { return "DEBUG api/calc_verify_timeout: timeout=" + std::to_string(delay); };
+    uint64_t delay = expected_delay(60, 1);
+    EXPECT_EQ(host.log().back(), line(delay));
+    for (const auto& [period, skew] : table) {
+        host.set_verify_period(static_cast<int>(period), static_cast<int>(skew));
+        w.at(w.sim->now() + delay);
+        delay = expected_delay(period, skew);
+        EXPECT_THAT(host.log(), ElementsAre("DEBUG api/verification_callback: data=0", line(delay),
+                                            "DEBUG api/verification_callback: no active port"));
+    }
+}
+
+TEST(verification_of, two_hcas_and_two_hosts_go_their_own_ways)
+{
+    ats_world w;
+    ats_host& one = w.add_registered({.ports = {1, 1}});
+    one.link_up(1, 1);
+    w.add_registered({.name = "node2", .address = "10.0.0.2"});
+    w.requests();
+    w.subnet.forget_all();
+    w.at(60'700);
+    EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.1 10.0.0.1 node1", "node1.mthca1.1 10.0.0.1 node1",
+                                                           "node2.1 10.0.0.2 node2"));
+    const lines sent = w.requests();
+    EXPECT_EQ(sent.size(), 6u);
+    std::set<uint64_t> ticks;
+    for (const std::string& each : sent) ticks.insert(std::stoull(each));
+    EXPECT_GT(ticks.size(), 1u);
+}
+
+} // namespace
