@@ -2,6 +2,7 @@
 #include <iterator>
 
 #include "host/peers/ibat/resolver.h"
+#include "host/peers/publications.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
 #include "kernel/printk.h"
@@ -89,27 +90,18 @@ int32_t flush()
     return service.flush();
 }
 
-template <class function_t>
-const void* published(function_t function)
-{
-    return reinterpret_cast<const void*>(function);
-}
-
-const struct {
-    const char* name;
-    const void* function;
-} publications[] = {
-    {"ibat_attach_fn", published<ibat_attach_fn_t>(attach)},
-    {"ibat_detach_fn", published<ibat_detach_fn_t>(detach)},
-    {"ibat_process_arp_data_fn", published<ibat_process_arp_data_fn_t>(process_arp_data)},
-    {"ibat_seq_cache_lookup_fn", published<ibat_seq_cache_lookup_fn_t>(seq_cache_lookup)},
-    {"ibat_get_ib_data_fn", published<ibat_get_ib_data_fn_t>(get_ib_data)},
-    {"ibat_refresh_fn", published<ibat_refresh_fn_t>(refresh)},
-    {"ibat_cancel_fn", published<ibat_cancel_fn_t>(cancel)},
-    {"ibat_peek_fn", published<ibat_peek_fn_t>(peek)},
-    {"ibat_cache_list_fn", published<ibat_cache_list_fn_t>(cache_list)},
-    {"ibat_counters_fn", published<ibat_counters_fn_t>(counters)},
-    {"ibat_flush_fn", published<ibat_flush_fn_t>(flush)},
+const publication publications[] = {
+    publication::of<ibat_attach_fn_t>("ibat_attach_fn", attach),
+    publication::of<ibat_detach_fn_t>("ibat_detach_fn", detach),
+    publication::of<ibat_process_arp_data_fn_t>("ibat_process_arp_data_fn", process_arp_data),
+    publication::of<ibat_seq_cache_lookup_fn_t>("ibat_seq_cache_lookup_fn", seq_cache_lookup),
+    publication::of<ibat_get_ib_data_fn_t>("ibat_get_ib_data_fn", get_ib_data),
+    publication::of<ibat_refresh_fn_t>("ibat_refresh_fn", refresh),
+    publication::of<ibat_cancel_fn_t>("ibat_cancel_fn", cancel),
+    publication::of<ibat_peek_fn_t>("ibat_peek_fn", peek),
+    publication::of<ibat_cache_list_fn_t>("ibat_cache_list_fn", cache_list),
+    publication::of<ibat_counters_fn_t>("ibat_counters_fn", counters),
+    publication::of<ibat_flush_fn_t>("ibat_flush_fn", flush),
 };
 
 bool parameters_are_in_range()
@@ -134,13 +126,13 @@ int load()
     limits.attempts = retries;
     limits.retry_ticks = static_cast<unsigned long>(retry_ticks);
     if (!service.open(limits)) return -EK_NOMEM;
-    for (const auto& each : publications) inter_module_register(each.name, THIS_MODULE, each.function);
+    publish(publications);
     return 0;
 }
 
 void unload()
 {
-    for (const auto& each : publications) inter_module_unregister(each.name);
+    withdraw(publications);
     service.close();
 }
 

@@ -1,4 +1,5 @@
 // The module's frame: the functions it publishes, loading and unloading.
+#include "host/peers/publications.h"
 #include "host/peers/ucm/reverse-resolver.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
@@ -39,33 +40,24 @@ void counters(ucm_counters_t* counters)
     *counters = service.counters();
 }
 
-template <class function_t>
-const void* published(function_t function)
-{
-    return reinterpret_cast<const void*>(function);
-}
-
-const struct {
-    const char* name;
-    const void* function;
-} publications[] = {
-    {"ucm_rarp_attach_fn", published<ucm_rarp_attach_fn_t>(rarp_attach)},
-    {"ucm_rarp_detach_fn", published<ucm_rarp_detach_fn_t>(rarp_detach)},
-    {"ucm_get_ip_fn", published<ucm_get_ip_fn_t>(get_ip)},
-    {"ucm_cancel_fn", published<ucm_cancel_fn_t>(cancel)},
-    {"ucm_counters_fn", published<ucm_counters_fn_t>(counters)},
+const publication publications[] = {
+    publication::of<ucm_rarp_attach_fn_t>("ucm_rarp_attach_fn", rarp_attach),
+    publication::of<ucm_rarp_detach_fn_t>("ucm_rarp_detach_fn", rarp_detach),
+    publication::of<ucm_get_ip_fn_t>("ucm_get_ip_fn", get_ip),
+    publication::of<ucm_cancel_fn_t>("ucm_cancel_fn", cancel),
+    publication::of<ucm_counters_fn_t>("ucm_counters_fn", counters),
 };
 
 int load()
 {
     if (!service.open(reply)) return -EK_NOMEM;
-    for (const auto& each : publications) inter_module_register(each.name, THIS_MODULE, each.function);
+    publish(publications);
     return 0;
 }
 
 void unload()
 {
-    for (const auto& each : publications) inter_module_unregister(each.name);
+    withdraw(publications);
     service.close();
 }
 
