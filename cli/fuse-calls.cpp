@@ -14,12 +14,6 @@ namespace
 
 constexpr double no_caching = 0.0; // entries come and go with the modules that made them
 
-// What an open file is: the log of a host with its reader, or (null) a /proc entry.
-struct open_file {
-    std::mutex mutex;
-    std::unique_ptr<log_reader> log;
-};
-
 mounted& of(fuse_req_t request)
 {
     return *static_cast<mounted*>(fuse_req_userdata(request));
@@ -104,28 +98,26 @@ void on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* file)
         fuse_reply_err(request, EACCES);
         return;
     }
-    auto* opened = new open_file;
-    opened->log = mount.tree.open_log(path);
-    file->fh = reinterpret_cast<uint64_t>(opened);
+    file->fh = mount.logs.add(mount.tree.open_log(path));
     file->direct_io = 1; // sizes of /proc entries say nothing, and every read asks the module
     fuse_reply_open(request, file);
 }
 
 void on_release(fuse_req_t request, fuse_ino_t, fuse_file_info* file)
 {
-    delete reinterpret_cast<open_file*>(file->fh);
+    of(request).logs.remove(file->fh);
     fuse_reply_err(request, 0);
 }
 
 void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info* file)
 {
     mounted& mount = of(request);
-    auto& opened = *reinterpret_cast<open_file*>(file->fh);
     std::string bytes;
     int result = 0;
-    if (opened.log) {
-        const std::lock_guard lock(opened.mutex);
-        bytes = opened.log->read(static_cast<size_t>(offset), size);
+    if (file->fh != open_logs::no_log) {
+        const auto opened = mount.logs.find(file->fh);
+        const std::lock_guard lock(opened->mutex);
+        bytes = opened->reader->read(static_cast<size_t>(offset), size);
     } else {
         result = mount.tree.read_proc(mount.inodes.path(inode), static_cast<size_t>(offset), size, &bytes);
     }

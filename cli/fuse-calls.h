@@ -39,10 +39,47 @@ class inode_table
     std::map<std::string, fuse_ino_t> numbers_{{"", 1}};
 };
 
+// The logs that are open, by file handle. One that nobody closes before the mount ends goes with it.
+class open_logs
+{
+  public:
+    struct open_log {
+        std::mutex mutex;
+        std::unique_ptr<log_reader> reader;
+    };
+    static constexpr uint64_t no_log = 0; // the handle of a /proc entry
+
+    uint64_t add(std::unique_ptr<log_reader> reader)
+    {
+        if (!reader) return no_log;
+        const std::lock_guard lock(mutex_);
+        auto opened = std::make_shared<open_log>();
+        opened->reader = std::move(reader);
+        logs_[++last_handle_] = std::move(opened);
+        return last_handle_;
+    }
+    std::shared_ptr<open_log> find(uint64_t handle)
+    {
+        const std::lock_guard lock(mutex_);
+        return logs_.at(handle);
+    }
+    void remove(uint64_t handle)
+    {
+        const std::lock_guard lock(mutex_);
+        logs_.erase(handle);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::map<uint64_t, std::shared_ptr<open_log>> logs_;
+    uint64_t last_handle_ = no_log;
+};
+
 struct mounted {
     explicit mounted(const std::vector<kernel::machine*>& machines) : tree(machines) {}
     mount_tree tree;
     inode_table inodes;
+    open_logs logs; // before the tree they belong to goes
     const time_t since = time(nullptr);
 
     struct stat attributes(const std::string& path, const mount_entry& entry)

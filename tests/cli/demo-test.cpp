@@ -1,0 +1,85 @@
+// The demo tells the whole story, fails when a part of it does not happen, and its capture can be read by others.
+#include <algorithm>
+
+#include "tests/cli/program.h"
+
+namespace
+{
+
+using testing::HasSubstr;
+using testing::Not;
+
+std::string output_of(const std::string& shell_line)
+{
+    FILE* pipe = popen(shell_line.c_str(), "r");
+    std::string output;
+    char piece[65536];
+    while (const size_t got = fread(piece, 1, sizeof piece, pipe)) output.append(piece, got);
+    pclose(pipe);
+    return output;
+}
+
+size_t count(const std::string& text, const std::string& part)
+{
+    size_t found = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++found;
+    return found;
+}
+
+TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshark_reads)
+{
+    const scratch_folder folder;
+    const std::string capture = folder / "demo.pcap";
+    const program_result demo = run_ats({"demo", "--capture", capture});
+    EXPECT_EQ(demo.exit_code, 0) << demo.out;
+    EXPECT_EQ(demo.err, "");
+    EXPECT_LE(std::count(demo.out.begin(), demo.out.end(), '\n'), 50);
+    for (const char* part : {" 1. Three hosts", "0xFFFF  10.0.0.2  node2      infinite", "from IBAT's cache",
+                             "Setting port 2 to be the active port", "gid & ipaddress don't match",
+                             "No host holds memory", "All 12 steps happened"})
+        EXPECT_THAT(demo.out, HasSubstr(part));
+
+    if (std::system("command -v tshark >/dev/null") != 0) GTEST_SKIP() << "no tshark here";
+    const std::string packets = output_of("tshark -V -r " + capture + " 2>/dev/null");
+    const size_t frames = count(packets, "Frame Number: ");
+    EXPECT_GT(frames, 50u);
+    EXPECT_EQ(count(packets, "alformed"), 0u);
+    EXPECT_EQ(count(packets, "Attribute (ServiceRecord)"), frames);
+    // node1's registration, down to the address and the name.
+    for (const char* field :
+         {"ServiceID: 0x10000ce100415453", "ServiceGID: fe80::200:0:1:1", "ServiceP_Key: 0xffff",
+          "ServiceLease: 0xffffffff", "ServiceName: 4441504c2041646472657373205472616e736c6174696f6e2053657276696365",
+          "ServiceData: 0000000000000000000000000a000001", "ServiceData: 6e6f6465310000000000000000000000"})
+        EXPECT_THAT(packets, HasSubstr(field));
+}
+
+TEST(demo, step_that_does_not_happen_ends_it_with_a_failure)
+{
+    const scratch_folder folder;
+    const std::filesystem::path modules = ATS_MODULE_DIR;
+    const auto demo_with = [&](const std::string& name, const std::string& stand_in) {
+        const std::string changed = folder / name;
+        std::filesystem::create_directory(changed);
+        for (const char* module : {"ibat.so", "ucm.so", "ats.so"})
+            std::filesystem::copy(modules / module, changed + "/" + module);
+        std::filesystem::copy(modules / stand_in, changed + "/ucm.so",
+                              std::filesystem::copy_options::overwrite_existing);
+        return run_ats({"demo", "--modules", changed});
+    };
+    const program_result no_ucm = demo_with("probe", "probe.so");
+    EXPECT_EQ(no_ucm.exit_code, 1);
+    EXPECT_THAT(no_ucm.out, HasSubstr("FAILED. This was to hold, and did not"));
+    EXPECT_THAT(no_ucm.out, HasSubstr(" 3. "));
+    EXPECT_THAT(no_ucm.out, Not(HasSubstr(" 4. ")));
+
+    const program_result twice_ibat = demo_with("twice", "ibat.so");
+    EXPECT_EQ(twice_ibat.exit_code, 1);
+    EXPECT_THAT(twice_ibat.out, HasSubstr(" 1. "));
+    EXPECT_THAT(twice_ibat.out, Not(HasSubstr(" 2. ")));
+
+    const program_result nowhere = run_ats({"demo", "--capture", folder / "missing/demo.pcap"});
+    EXPECT_EQ(nowhere.exit_code, 2);
+    EXPECT_THAT(nowhere.err, HasSubstr("missing/demo.pcap"));
+}
+
+} // namespace
