@@ -19,8 +19,10 @@ std::string word_text(uint16_t word)
     return text;
 }
 
+// The SA of a real fabric is asked by the client itself, which may be where this service has no port.
 json show_records(site& at)
 {
+    if (at.is_real()) return {{"real", true}};
     json records = json::array();
     for (const embedded::service_record_view& record : at.subnet().service_records()) {
         const bool endless = record.lease_seconds == embedded::infinite_lease;
@@ -69,6 +71,7 @@ json answer_with_status(site& at, const std::string& word)
 
 json answer_link(site& at, const json& request)
 {
+    at.subnet();
     world::host& host = at.host_named(request.value("host", ""));
     std::string hca = request.value("hca", "");
     if (hca.empty()) hca = host.plan().hcas.front().name;

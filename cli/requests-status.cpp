@@ -56,17 +56,17 @@ json ibat_status(kernel::machine& machine)
 }
 
 // What the fabric knows of a port that the module does not report: whether its link is up.
-void add_links(site& at, const std::string& host, json& hcas)
+void add_links(const kernel::machine& machine, json& hcas)
 {
     std::map<std::pair<std::string, int>, const char*> links;
-    for (const embedded::port_view& port : at.subnet().ports())
-        if (port.host_name == host)
-            links[{port.hca_name, port.port}] = port.state == fabric::link_state::active ? "up" : "down";
+    for (fabric::hca* hca : machine.hcas())
+        for (int port = 1; port <= hca->port_count(); ++port)
+            links[{hca->name(), port}] = hca->read_port(port).state == fabric::link_state::active ? "up" : "down";
     for (json& hca : hcas)
         for (json& port : hca["ports"]) port["link"] = links[{hca["name"], port["port"]}];
 }
 
-json host_status(site& at, world::host& host)
+json host_status(world::host& host)
 {
     kernel::machine& machine = host.machine();
     json status = {
@@ -84,7 +84,7 @@ json host_status(site& at, world::host& host)
             status.update(parse_control_report(capture.text()));
         if (json ibat = ibat_status(machine); !ibat.is_null()) status["ibat"] = std::move(ibat);
     });
-    add_links(at, host.name(), status["hcas"]);
+    add_links(machine, status["hcas"]);
     return status;
 }
 
@@ -93,9 +93,9 @@ json host_status(site& at, world::host& host)
 json answer_status(site& at, const json& request)
 {
     const std::string only = request.value("host", "");
-    if (!only.empty()) return {{"hosts", json::array({host_status(at, at.host_named(only))})}};
+    if (!only.empty()) return {{"hosts", json::array({host_status(at.host_named(only))})}};
     json hosts = json::array();
-    for (const auto& host : at.hosts()) hosts.push_back(host_status(at, *host));
+    for (const auto& host : at.hosts()) hosts.push_back(host_status(*host));
     return {{"hosts", hosts}};
 }
 

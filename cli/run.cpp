@@ -1,12 +1,14 @@
-// `ats run`: hosts in real time on the embedded fabric, until a signal.
+// `ats run`: hosts in real time, on the embedded fabric or this one on its real ports, until a signal.
 
 #include <csignal>
 #include <iostream>
 #include <memory>
 
 #include "cli/commands.h"
+#include "cli/fabric-options.h"
 #include "cli/proc-mount.h"
 #include "cli/server.h"
+#include "cli/service-notice.h"
 #include "cli/site.h"
 #include "cli/socket.h"
 
@@ -24,6 +26,7 @@ struct run_options {
     std::string socket = default_socket_path();
     std::string mount;
     std::string modules = world::default_module_folder();
+    fabric_options fabric;
 };
 
 // The signals that ask for an end, blocked in this thread and in all that it starts, so that only wait() takes them.
@@ -74,10 +77,19 @@ int unload(site& running)
     return exit_ok;
 }
 
+world_config configuration_of(const run_options& options)
+{
+    world_config given;
+    if (!options.config.empty())
+        given = read_world_config(options.config);
+    else if (!wants_real_host(options.fabric))
+        given = numbered_hosts(options.hosts);
+    return with_fabric(std::move(given), options.fabric);
+}
+
 int serve(const run_options& options)
 {
-    const world_config config =
-        options.config.empty() ? numbered_hosts(options.hosts) : read_world_config(options.config);
+    const world_config config = configuration_of(options);
     const ending_signals signals;
     auto listening = std::make_unique<listening_socket>(options.socket);
     site running(config, options.modules);
@@ -86,7 +98,9 @@ int serve(const run_options& options)
         const std::unique_ptr<proc_mount> files = mount(options.mount, running);
         const server serving(running, std::move(listening));
         announce(options, running.hosts().size());
+        notify_service_manager("READY=1");
         signals.wait();
+        notify_service_manager("STOPPING=1");
     }
     return unload(running);
 }
@@ -95,16 +109,18 @@ int serve(const run_options& options)
 
 void add_run(CLI::App& program, int& exit_code)
 {
-    CLI::App* command = program.add_subcommand("run", "Keep hosts running on an embedded fabric until a signal");
+    CLI::App* command = program.add_subcommand("run", "Keep hosts running on a fabric until a signal");
     auto options = std::make_shared<run_options>();
     auto* hosts =
         command->add_option("--hosts", options->hosts, "How many hosts to run: node1, node2, ... (default: 3)")
             ->check(CLI::Range(1, most_numbered_hosts))
             ->option_text("N");
-    command->add_option("--config", options->config, "A TOML file of [[host]] tables, instead of --hosts")
-        ->check(CLI::ExistingFile)
-        ->excludes(hosts)
-        ->option_text("FILE");
+    auto* config =
+        command->add_option("--config", options->config, "A TOML file of [[host]] tables, instead of --hosts")
+            ->check(CLI::ExistingFile)
+            ->excludes(hosts)
+            ->option_text("FILE");
+    add_fabric_options(*command, options->fabric, hosts, config);
     command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
         ->option_text("DIR");
     command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")

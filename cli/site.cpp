@@ -1,6 +1,7 @@
 #include "cli/site.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "kernel/errno.h"
 
@@ -25,17 +26,55 @@ failure did_not_start(world::host& host, const kernel::load_result& loaded)
 
 } // namespace
 
-site::site(const world_config& config, const std::string& module_folder)
-    : exec_(kernel::make_threaded_executor()), subnet_(std::make_unique<embedded::subnet>(*exec_))
+site::site(const world_config& config, const std::string& module_folder) : exec_(kernel::make_threaded_executor())
 {
+    if (config.fabric.is_real) {
+        umad::opened opened = umad::open(*exec_, config.fabric.ports);
+        if (!opened.fabric) throw failure(exit_failed, opened.why);
+        real_ = std::move(opened.fabric);
+    } else {
+        subnet_ = std::make_unique<embedded::subnet>(*exec_);
+    }
+    if (!config.fabric.capture.empty()) start_capture(config.fabric.capture);
     for (const world::host_plan& plan : config.hosts)
-        hosts_.push_back(std::make_unique<world::host>(*exec_, *subnet_, plan, module_folder, system_randomness));
+        hosts_.push_back(
+            real_ ? std::make_unique<world::host>(*exec_, real_->hcas(), plan, module_folder, system_randomness)
+                  : std::make_unique<world::host>(*exec_, *subnet_, plan, module_folder, system_randomness));
 }
 
 site::~site()
 {
     stop();
-    hosts_.clear(); // the machines let go of their HCAs before the subnet and the clock go
+    hosts_.clear(); // the machines let go of their HCAs before the fabric and the clock go
+}
+
+embedded::subnet& site::subnet()
+{
+    if (subnet_) return *subnet_;
+    throw failure(exit_usage, "the fabric is a real one: its links and its SA are not ats's to change");
+}
+
+void site::start_capture(const std::string& path)
+{
+    using namespace std::chrono;
+    const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
+    capture_ = std::make_unique<fabric::capture>(path, static_cast<uint64_t>(now.count()) - exec_->now());
+    if (const std::string why = capture_->failure(); !why.empty()) throw failure(exit_usage, why);
+    if (real_)
+        real_->set_tap(capture_.get());
+    else
+        subnet_->set_tap(capture_.get());
+}
+
+void site::stop_capture(std::vector<std::string>& complaints)
+{
+    if (!capture_) return;
+    if (real_)
+        real_->set_tap(nullptr);
+    else
+        subnet_->set_tap(nullptr);
+    if (const std::string why = capture_->close(); !why.empty()) complaints.push_back(why);
+    capture_.reset();
 }
 
 void site::start()
@@ -44,6 +83,7 @@ void site::start()
         const kernel::load_result loaded = host->load();
         if (!loaded) throw did_not_start(*host, loaded);
     }
+    if (is_real()) return;
     for (const auto& host : hosts_)
         for (const world::hca_plan& hca : host->plan().hcas)
             for (int port = 1; port <= hca.ports; ++port)
@@ -58,6 +98,7 @@ std::vector<std::string> site::stop()
         const kernel::load_result unloaded = (*host)->unload();
         if (!unloaded) refusals.push_back((*host)->name() + ": " + unloaded.why);
     }
+    stop_capture(refusals);
     return refusals;
 }
 

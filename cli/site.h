@@ -1,4 +1,5 @@
-// The running world of `ats run`: an embedded fabric in real time, its hosts, and what a client can ask of them.
+// The running world of `ats run`: a fabric in real time, its hosts, and what a client can ask of them. The fabric is an
+// embedded one, or this machine's real ports with one host.
 #pragma once
 
 #include <memory>
@@ -7,6 +8,7 @@
 
 #include "cli/failure.h"
 #include "cli/world-config.h"
+#include "host/fabric/capture.h"
 #include "host/fabric/embedded/subnet.h"
 #include "host/kernel/executor.h"
 #include "host/world/host.h"
@@ -17,27 +19,38 @@ namespace cli
 class site
 {
   public:
-    // Builds the fabric and the hosts, links down. Modules come from `module_folder`.
+    // Builds the fabric and the hosts; links of an embedded fabric are down. Modules come from `module_folder`. Throws
+    // a failure when real ports cannot be opened, or the capture file cannot be written.
     site(const world_config& config, const std::string& module_folder);
 
     // Unloads every host's modules; see stop().
     ~site();
 
-    // Loads every host's modules and brings all links up. Throws a failure naming the host that did not start.
+    // Loads every host's modules and brings all links of an embedded fabric up. Throws a failure naming the host that
+    // did not start.
     void start();
 
-    // Takes the hosts down again, in reverse order. Returns a line for each that refused.
+    // Takes the hosts down again, in reverse order. Returns a line for each that refused, and for a capture that is
+    // not whole.
     std::vector<std::string> stop();
 
-    embedded::subnet& subnet() { return *subnet_; }
+    bool is_real() const { return real_ != nullptr; }
+
+    // The embedded fabric. Throws a failure when there is none.
+    embedded::subnet& subnet();
     const std::vector<std::unique_ptr<world::host>>& hosts() const { return hosts_; }
 
     // The host of that name; the first one for "". Throws a failure with the names there are.
     world::host& host_named(const std::string& name);
 
   private:
+    void start_capture(const std::string& path);
+    void stop_capture(std::vector<std::string>& complaints);
+
     std::unique_ptr<kernel::executor> exec_;
-    std::unique_ptr<embedded::subnet> subnet_;
+    std::unique_ptr<fabric::capture> capture_; // before the fabric: it is written to until that is gone
+    std::unique_ptr<embedded::subnet> subnet_; // this or the next
+    std::unique_ptr<umad::real_fabric> real_;
     std::vector<std::unique_ptr<world::host>> hosts_;
 };
 

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <climits>
+#include <cstring>
 #include <set>
+#include <unistd.h>
 
 #include <toml++/toml.h>
 
@@ -109,43 +112,53 @@ std::string read_parameters(table_reader& reader, const toml::table* parameters)
     return text;
 }
 
+// What this machine calls itself, without a domain.
+std::string name_of_machine()
+{
+    char name[HOST_NAME_MAX + 1] = {};
+    gethostname(name, HOST_NAME_MAX);
+    return std::string(name, strcspn(name, "."));
+}
+
 // Host number i, from 1, when it has no address of its own.
 std::string numbered_address(size_t i)
 {
     return "10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256);
 }
 
-world::hca_plan read_hca(const toml::table& table, const std::string& file, size_t index)
+world::hca_plan read_hca(const toml::table& table, const std::string& file, size_t index, bool is_real)
 {
     table_reader reader(table, file);
     world::hca_plan plan;
-    plan.name = reader.text("name", "mthca" + std::to_string(index));
-    plan.ports = reader.number("ports", 1, 1, 2);
+    plan.name = reader.text("name", is_real ? "" : "mthca" + std::to_string(index));
+    if (plan.name.empty()) reader.refuse(table, "an HCA of a real fabric needs its name; 'ats check' lists them");
+    if (!is_real) plan.ports = reader.number("ports", 1, 1, 2);
     reader.finish();
     return plan;
 }
 
-world::host_plan read_host(const toml::table& table, const std::string& file, size_t index)
+world::host_plan read_host(const toml::table& table, const std::string& file, size_t index, bool is_real)
 {
     table_reader reader(table, file);
     const std::string number = std::to_string(index + 1);
     world::host_plan plan;
-    plan.name = reader.text("name", "node" + number);
+    plan.name = reader.text("name", is_real ? name_of_machine() : "node" + number);
     if (plan.name.empty() || plan.name.find_first_of("/ \t\n\"") != std::string::npos)
         reader.refuse(table, "a host's name has no blanks, slashes or quotation marks");
 
-    const std::string address = reader.text("address", numbered_address(index + 1));
+    const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
     in_addr parsed{};
+    if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
     if (inet_pton(AF_INET, address.c_str(), &parsed) != 1)
         reader.refuse(*reader.find("address"), quoted(address) + " is no IPv4 address like 10.0.0.1");
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
     const std::vector<const toml::table*> hcas = reader.tables("hca");
-    if (!hcas.empty()) plan.hcas.clear();
+    if (is_real || !hcas.empty()) plan.hcas.clear();
     if (hcas.size() > max_hcas) reader.refuse(*hcas.back(), "a host has at most 32 HCAs");
     std::set<std::string> names;
     for (size_t i = 0; i < hcas.size(); ++i) {
-        plan.hcas.push_back(read_hca(*hcas[i], file, i));
+        plan.hcas.push_back(read_hca(*hcas[i], file, i, is_real));
         if (!names.insert(plan.hcas.back().name).second)
             reader.refuse(*hcas[i], "there are two HCAs named " + quoted(plan.hcas.back().name) + " on one host");
     }
@@ -157,7 +170,45 @@ world::host_plan read_host(const toml::table& table, const std::string& file, si
     return plan;
 }
 
+fabric_config read_fabric(const toml::table& table, const std::string& file)
+{
+    table_reader reader(table, file);
+    fabric_config fabric;
+    const auto word = [&](const char* key, const char* otherwise, std::initializer_list<std::string> valid) {
+        const std::string chosen = reader.text(key, otherwise);
+        if (std::ranges::count(valid, chosen) > 0) return chosen;
+        std::string words;
+        for (const std::string& each : valid) words += (words.empty() ? "" : " or ") + quoted(each);
+        reader.refuse(*reader.find(key), "'" + std::string(key) + "' must be " + words);
+    };
+    fabric.is_real = word("kind", "embedded", {"embedded", "umad"}) == "umad";
+    fabric.capture = reader.text("capture", "");
+    if (fabric.is_real) {
+        constexpr int longest_interval_ms = 60'000;
+        fabric.ports.sa_delete_p_key = delete_p_key_of(word("sa_delete_pkey", "auto", {"auto", "on", "off"}));
+        fabric.ports.watch_interval_ticks =
+            static_cast<uint64_t>(reader.number("port_interval_ms", 1000, 10, longest_interval_ms));
+    }
+    reader.finish();
+    return fabric;
+}
+
 } // namespace
+
+umad::delete_p_key delete_p_key_of(const std::string& word)
+{
+    if (word == "on") return umad::delete_p_key::on;
+    return word == "off" ? umad::delete_p_key::off : umad::delete_p_key::automatic;
+}
+
+world_config real_host(const std::string& name, const std::string& address, const umad::options& ports)
+{
+    world::host_plan plan;
+    plan.name = name.empty() ? name_of_machine() : name;
+    plan.hcas.clear();
+    plan.modules = world::usual_modules(plan.name, address);
+    return {.hosts = {plan}, .fabric = {.is_real = true, .ports = ports}};
+}
 
 world_config numbered_hosts(int count)
 {
@@ -184,15 +235,20 @@ world_config read_world_config(const std::string& path)
 
     table_reader reader(root, path);
     world_config config;
+    if (const toml::table* fabric = reader.table("fabric")) config.fabric = read_fabric(*fabric, path);
     std::set<std::string> names;
     for (const toml::table* host : reader.tables("host")) {
-        config.hosts.push_back(read_host(*host, path, config.hosts.size()));
+        if (config.fabric.is_real && !config.hosts.empty())
+            reader.refuse(*host, "on a real fabric there is one host, which is this machine");
+        config.hosts.push_back(read_host(*host, path, config.hosts.size(), config.fabric.is_real));
         if (!names.insert(config.hosts.back().name).second)
             reader.refuse(*host, "there are two hosts named " + quoted(config.hosts.back().name));
     }
     reader.finish();
     if (config.hosts.empty()) throw failure(exit_usage, path + ":1: no [[host]] table: name at least one host");
     if (config.hosts.size() > max_hosts) throw failure(exit_usage, path + ":1: more than 1000 hosts");
+    if (config.fabric.is_real)
+        for (const world::hca_plan& hca : config.hosts.front().hcas) config.fabric.ports.hcas.push_back(hca.name);
     return config;
 }
 

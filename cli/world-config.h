@@ -1,20 +1,34 @@
-// The configuration of `ats run`: which hosts stand on the embedded fabric.
+// The configuration of `ats run`: which hosts stand on which fabric.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "host/fabric/umad/umad.h"
 #include "host/world/host.h"
 
 namespace cli
 {
 
+struct fabric_config {
+    bool is_real = false;     // real ports, of this machine, for one host
+    umad::options ports = {}; // of a real fabric
+    std::string capture = {}; // the file that takes every datagram, "" for none
+};
+
 struct world_config {
-    std::vector<world::host_plan> hosts;
+    std::vector<world::host_plan> hosts = {};
+    fabric_config fabric = {};
 };
 
 // `count` hosts node1, node2, ... with one one-port HCA each and the addresses 10.0.0.1 onwards.
 world_config numbered_hosts(int count);
+
+// One host of that name and address on real ports, its HCAs as `ports` says. "" stands for this machine's name.
+world_config real_host(const std::string& name, const std::string& address, const umad::options& ports);
+
+// "auto", "on" or "off".
+umad::delete_p_key delete_p_key_of(const std::string& word);
 
 // Reads a TOML file of [[host]] tables; ats-run(8) lists the keys. Unknown keys, wrong types, names used twice and
 // numbers out of range are refused with a failure: "FILE:LINE: what is wrong and what would be right".

@@ -19,6 +19,13 @@ std::string quoted(const std::string& text)
     return '"' + text + '"';
 }
 
+std::vector<fabric::hca*> add_to(embedded::subnet& subnet, const host_plan& plan)
+{
+    std::vector<fabric::hca*> added;
+    for (const hca_plan& hca : plan.hcas) added.push_back(&subnet.add_hca(plan.name, hca.name, hca.ports));
+    return added;
+}
+
 } // namespace
 
 std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4)
@@ -30,10 +37,16 @@ std::vector<module_plan> usual_modules(const std::string& host_name, const std::
 
 host::host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
            uint64_t random_seed)
+    : host(exec, add_to(subnet, plan), plan, std::move(module_folder), random_seed)
+{
+}
+
+host::host(kernel::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
+           std::string module_folder, uint64_t random_seed)
     : plan_(plan), module_folder_(std::move(module_folder)),
       machine_(std::make_unique<kernel::machine>(exec, plan.name, kernel::machine_options{.random_seed = random_seed}))
 {
-    for (const hca_plan& hca : plan_.hcas) machine_->plug(subnet.add_hca(plan_.name, hca.name, hca.ports));
+    for (fabric::hca* each : adapters) machine_->plug(*each);
     machine_->enter(
         "boot", [this] { machine_->get<stack::registry>().set(ats_registry_key, "debug-level", plan_.trace_level); });
 }

@@ -43,6 +43,10 @@ class host
     host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
 
+    // The same with HCAs of any fabric, whatever the plan says of them.
+    host(kernel::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
+         std::string module_folder, uint64_t random_seed);
+
     // Unloads what is loaded.
     ~host();
 

@@ -1,0 +1,84 @@
+#include "cli/fabric-options.h"
+
+#include <cstdio>
+
+#include "host/world/text.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr size_t longest_host_name = 30; // what a ServiceRecord carries
+
+// A line for whoever watches the service: on the terminal, or in the journal.
+void tell(const std::string& line)
+{
+    std::fprintf(stderr, "ats: %s\n", line.c_str());
+}
+
+} // namespace
+
+void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option* hosts, CLI::Option* config)
+{
+    auto* kind = command
+                     .add_option("--fabric", options.kind,
+                                 "embedded: hosts on a fabric inside the program (default); umad: this machine on its "
+                                 "real InfiniBand ports")
+                     ->check(CLI::IsMember({"embedded", "umad"}))
+                     ->excludes(config)
+                     ->option_text("KIND");
+    const auto of_real_host = [&](CLI::Option* option, const char* text) {
+        option->needs(kind)->excludes(hosts)->option_text(text);
+    };
+    of_real_host(command.add_option("--hca", options.hcas, "Use this HCA; may be given several times (default: all)")
+                     ->take_all(),
+                 "NAME");
+    of_real_host(command.add_option("--name", options.name, "The host name to register (default: this machine's)"),
+                 "NAME");
+    of_real_host(command.add_option("--address", options.address, "The IPv4 address to register"), "ADDRESS");
+    of_real_host(command
+                     .add_option("--sa-delete-pkey", options.sa_delete_pkey,
+                                 "Give Deletes the P_Key of this host's record: auto, on or off (default: auto)")
+                     ->check(CLI::IsMember({"auto", "on", "off"})),
+                 "WHEN");
+    of_real_host(command
+                     .add_option("--port-interval", options.port_interval_ms,
+                                 "How often ports are asked for their state, in ms (default: 1000)")
+                     ->check(CLI::Range(10, 60'000)),
+                 "MS");
+    command.add_option("--capture", options.capture, "Write every datagram to this file, for Wireshark and tshark")
+        ->option_text("FILE");
+}
+
+bool wants_real_host(const fabric_options& options)
+{
+    return options.kind == "umad";
+}
+
+world_config with_fabric(world_config given, const fabric_options& options)
+{
+    if (wants_real_host(options)) {
+        if (!world::parse_ipv4(options.address))
+            throw failure(exit_usage, options.address.empty()
+                                          ? "a host on a real fabric needs its address: add --address, as in "
+                                            "--address 10.0.0.1 (that of its IPoIB interface, if it has one)"
+                                          : quoted(options.address) + " is no IPv4 address like 10.0.0.1");
+        if (options.name.size() > longest_host_name || options.name.find_first_of("/ \t\n\"") != std::string::npos)
+            throw failure(exit_usage, quoted(options.name) + " cannot be a host name: take up to 30 characters without "
+                                                             "blanks, slashes or quotation marks");
+        given = real_host(options.name, options.address,
+                          {.hcas = options.hcas,
+                           .watch_interval_ticks = static_cast<uint64_t>(options.port_interval_ms),
+                           .sa_delete_p_key = delete_p_key_of(options.sa_delete_pkey)});
+    }
+    if (!wants_real_host(options) && !(options.hcas.empty() && options.name.empty() && options.address.empty()))
+        throw failure(exit_usage, "--hca, --name and --address are for --fabric umad; hosts on the embedded fabric are "
+                                  "described by --config");
+    given.fabric.ports.say = tell;
+    if (!options.capture.empty()) given.fabric.capture = options.capture;
+    return given;
+}
+
+} // namespace cli
