@@ -133,6 +133,7 @@ void ats_ucm_stop(ats_context_t* ats)
         return;
     }
     ats->ucm_rarp_detach(ats->ucm_rarp_handle);
+    ats_sa_drop_pending_requests(ats); // UCM may go as soon as it is let go of, and its callbacks with it
     put_ucm(ats);
 }
 

@@ -21,15 +21,13 @@ ibat_stat_t ats_arp_send(ibat_arp_data_t* arp_data, void* context, int)
 void put_process_arp_data(ats_context_t* ats)
 {
     if (!ats->ibat_process_arp_data.exchange(nullptr)) return;
-    while (ats->ibat_calls != 0) schedule_timeout_uninterruptible(1);
+    ats_wait_for_deliveries(ats);
     inter_module_put("ibat_process_arp_data_fn");
 }
 
 void call_process_arp_data(ats_context_t* ats)
 {
-    ++ats->ibat_calls;
     if (const ibat_process_arp_data_fn_t process = ats->ibat_process_arp_data) process(&ats->rcv_arp_data);
-    --ats->ibat_calls;
 }
 
 // Returns what is held of IBAT, the latest first.
@@ -127,10 +125,12 @@ void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats)
     if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // who asked will time out
 
     // IBAT sees an ARP reply: the source is the host that was asked for.
+    ++ats->deliveries;
     ibat_arp_data_t& reply = ats->rcv_arp_data;
     reply.arp_operation = IBAT_ARP_REPLY;
     u32_swap(&reply.src_ip, &reply.dst_ip);
     call_process_arp_data(ats);
     u32_swap(&reply.src_ip, &reply.dst_ip);
     ats_process_rarp_data(mad_stat, ats);
+    --ats->deliveries;
 }

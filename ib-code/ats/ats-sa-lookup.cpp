@@ -60,6 +60,7 @@ void ats_req_timer_handler(unsigned long context)
     auto* ats = reinterpret_cast<ats_context_t*>(context);
     if (!list_empty(&ats->rarp_reqs_pending)) { // looked at without the lock: who comes now is seen the next time
         ATS_DEBUG("Pending RARP requests present.\n");
+        ++ats->deliveries;
         list_head expired;
         list_init(&expired);
         take_expired(ats, &expired, __func__);
@@ -70,6 +71,7 @@ void ats_req_timer_handler(unsigned long context)
             ATS_FUNC("found entry : 0x%p\n", static_cast<void*>(req));
             kfree(req);
         }
+        --ats->deliveries;
     }
     ats->ats_req_timer.expires = jiffies + ATS_REQ_TIMER_PERIOD_TICKS;
     add_timing(&ats->ats_req_timer);
@@ -91,4 +93,11 @@ void ats_sa_drop_pending_requests(ats_context_t* ats)
         list_del_init(&req->link);
         kfree(req);
     }
+    // Who took a request off the list before that calls back now.
+    ats_wait_for_deliveries(ats);
+}
+
+void ats_wait_for_deliveries(ats_context_t* ats)
+{
+    while (ats->deliveries != 0) schedule_timeout_uninterruptible(1);
 }

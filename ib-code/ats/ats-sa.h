@@ -34,6 +34,3 @@ void ats_async_event_cb(kq_event_record_st event_record);
 
 // The request timer's function; `context` is the ats_context_t. Does not sleep.
 void ats_req_timer_handler(unsigned long context);
-
-// Frees every pending request without a word: their askers have detached.
-void ats_sa_drop_pending_requests(ats_context_t* ats);

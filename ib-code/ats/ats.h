@@ -100,7 +100,7 @@ struct ats_context_t {
     bool holds_events;
     bool holds_req_timer;
 
-    std::atomic<uint32_t> ibat_calls;       // calls of `ibat_process_arp_data` in progress
+    std::atomic<uint32_t> deliveries;       // replies and time-outs on their way to IBAT and to requests' callbacks
     std::atomic<uint32_t> sets_begun;       // tells the stop of a Set that came behind its Deletes
     std::atomic<uint32_t> identity_changes; // of what a Set carries; tells of one that a Set may have missed
 };
@@ -181,6 +181,13 @@ void ats_sa_stop(ats_context_t* ats);
 // query of a Get.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
+
+// Returns at a moment when no delivery is under way. May sleep.
+void ats_wait_for_deliveries(ats_context_t* ats);
+
+// Frees every pending request without a word. When it returns, no callback of a request runs or will run, if nobody
+// can ask any more. May sleep.
+void ats_sa_drop_pending_requests(ats_context_t* ats);
 
 // Ask for the record of `arp_data->dst_ip`, or of `arp_data->gid`. 0 when posted, -1 when there is no active port, a
 // signal came or the send failed. May sleep; `ats_sem` must not be held.
