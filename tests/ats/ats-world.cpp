@@ -1,7 +1,7 @@
 #include "tests/ats/ats-world.h"
 
 #include <bit>
-#include <regex>
+#include <cstdio>
 
 #include "host/stack/gsi-service.h"
 #include "host/stack/registry.h"
@@ -25,18 +25,31 @@ world::host_plan plan_of(const host_setup& setup)
     return plan;
 }
 
+// A pointer has 9 to 14 digits, in lower case; other numbers that are printed have fewer or more.
+std::string without_pointers(const std::string& line)
+{
+    constexpr const char* digits = "0123456789abcdef";
+    std::string text = line;
+    for (size_t at = text.find("0x"); at != std::string::npos; at = text.find("0x", at + 1)) {
+        const size_t end = std::min(text.find_first_not_of(digits, at + 2), text.size());
+        if (end - at - 2 >= 9 && end - at - 2 <= 14) text.replace(at, end - at, "PTR");
+    }
+    return text;
+}
+
 std::string readable(const std::string& raw_line)
 {
-    static const std::regex pointer("0x[0-9a-f]{9,14}(?![0-9a-f])");
-    static const std::regex traced(
-        "<6>(ERROR  |WARNING|DEBUG  |FUNC   ) : ATS : ([a-z_]+):\\(ats_(api|misc|module|sa)\\.cpp\\):([^]*)");
-    std::smatch parts;
-    std::string line = std::regex_replace(raw_line, pointer, "PTR");
+    std::string line = without_pointers(raw_line);
     if (line.ends_with('\n')) line.pop_back();
-    if (!std::regex_match(line, parts, traced)) return line;
-    const std::string padded_level = parts[1];
-    return padded_level.substr(0, padded_level.find(' ')) + " " + parts[3].str() + "/" + parts[2].str() + ": " +
-           parts[4].str();
+    char level[8] = {}, operation[64], unit[8];
+    int read = 0;
+    std::sscanf(line.c_str(), "<6>%7c : ATS : %63[a-z_]:(ats_%7[a-z].cpp):%n", level, operation, unit, &read);
+    if (read == 0) return line;
+    const std::string prefix =
+        std::string("<6>") + level + " : ATS : " + operation + ":(ats_" + unit + ".cpp):"; // to the last blank
+    if (!line.starts_with(prefix)) return line;
+    const std::string name = std::string(level).substr(0, std::string(level).find(' '));
+    return name + " " + unit + "/" + operation + ": " + line.substr(prefix.size());
 }
 
 } // namespace
