@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "host/kernel/machine.h"
 #include "host/kernel/print-capture.h"
@@ -18,7 +19,7 @@ using kernel::might_sleep;
 namespace
 {
 
-constexpr size_t longest_print = 1024; // with its NUL
+constexpr size_t longest_print = 2048; // with its NUL
 
 // Where a call may sleep in a real kernel, others may run.
 kernel::machine& machine_where_others_may_run(const char* call)
@@ -39,6 +40,8 @@ void printk(const char* format, ...)
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of clang-tidy 14
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
+    if (length >= static_cast<int>(sizeof text) && std::string_view(format).ends_with('\n'))
+        text[sizeof text - 2] = '\n'; // what is cut still ends its line
     // A NUL that was printed as a character shows nothing, and does not end the text.
     if (length > 0) *std::remove(text, text + std::min<size_t>(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& home = current_machine(__func__);

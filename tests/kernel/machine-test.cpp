@@ -100,20 +100,22 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
         printk("<6>INFO : one\n");
         printk("tw%co %d", 0, 2);
         printk(", continued <3>here\n\n");
-        printk("<1>%s", (std::string(2000, 'x') + "\n").c_str()); // cut, so that its line stays open
+        printk("<1>%s\n", std::string(3000, 'x').c_str()); // cut, and still a line
         printk("!\n");
     });
     at.host.log.unfollow(handle);
     const std::vector<kernel::log_line> lines = at.host.log.lines();
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 5u);
     EXPECT_EQ(kernel::format_line(lines[0]), "[   12.345] INFO : one");
     EXPECT_EQ(lines[0].raw, "<6>INFO : one\n");
     EXPECT_EQ(lines[0].priority, 6);
     EXPECT_EQ(lines[1].text, "two 2, continued <3>here");
     EXPECT_EQ(lines[1].priority, kernel::log_default_priority);
     EXPECT_EQ(lines[2].text, "");
-    EXPECT_EQ(lines[3].text, std::string(1020, 'x') + "!") << "1023 bytes of one text with its priority";
-    EXPECT_THAT(followed, ElementsAre(lines[0].text, lines[1].text, lines[2].text, lines[3].text));
+    EXPECT_EQ(lines[3].text, std::string(2043, 'x')) << "2047 bytes with its priority and its line end";
+    EXPECT_EQ(lines[4].text, "!");
+    ASSERT_EQ(followed.size(), lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(followed[i], lines[i].text);
 }
 
 TEST(log, drops_the_oldest_lines_and_numbers_go_on)
