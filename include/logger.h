@@ -42,7 +42,7 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
 // Reads the level of a module from the registry key at `key_path` and subscribes to its changes. When the key or its
-// value is missing, says so in the log and leaves the level at 0. May sleep.
+// value is missing, says so in the log and leaves the level as it is, at 0 after loading. May sleep.
 inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_level, rep_notifier_t* notifier)
 {
     intptr_t level = 0;
@@ -55,13 +55,13 @@ inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_le
             printk("ZR_LOGGER: rep_get_value failed for, %s -- disabling logging\n", key_path);
         } else {
             printk("LOGGER: Added key %s, trace level %d\n", key_path, static_cast<int>(level));
+            *module_level = static_cast<int32_t>(level); // before the first change can be told
             // Without a subscription the level stays as it was read.
             (void)rep_notify_key_change(key, REP_NOTIFY_THIS_KEY, REP_NOTIFY_ON_VALUE, trace_lvl_change_cb,
                                         module_level, notifier);
         }
         rep_close_key(key);
     }
-    *module_level = static_cast<int32_t>(level);
 }
 
 // Ends the subscription; the level keeps its last value. A notifier of 0 stands for none. May sleep.
