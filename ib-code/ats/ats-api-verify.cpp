@@ -2,6 +2,7 @@
 // that is not its own.
 #include "ats-api.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "kernel/memory.h"
@@ -13,30 +14,33 @@ std::atomic<int32_t> verification_period_skew_percent{1};
 namespace
 {
 
+constexpr int64_t ticks_per_second = HZ;
 constexpr unsigned long off_ticks = 60 * HZ; // how often to see whether verification has been switched on
-constexpr int64_t whole_skew = 100 * 255;    // a skew of 100 percent, for the largest random byte
+constexpr size_t ipaddr_text_size = 30;
+constexpr int64_t whole_skew = 100 * 255; // a skew of 100 percent, for the largest random byte
 
 // The tick of the next check: a period, lengthened at random by up to the skew, so that hosts drift apart.
 unsigned long calc_verify_timeout()
 {
     uint8_t random;
     get_random_bytes(&random, sizeof random);
-    // A period below zero counts as zero, which is off.
-    const int64_t period = verification_period > 0 ? int64_t{verification_period} : 0;
-    const int64_t delay = period * HZ + period * verification_period_skew_percent * random * HZ / whole_skew;
+    const int64_t period_ticks =
+        std::max(verification_period.load(), 0) * ticks_per_second; // below zero is off, as zero
+    const int64_t delay = period_ticks + period_ticks * verification_period_skew_percent * random / whole_skew;
     ATS_DEBUG("timeout=%lu\n", static_cast<unsigned long>(delay));
     return jiffies + static_cast<unsigned long>(delay);
 }
 
 void restore_registration(ats_context_t* ats, const char* operation)
 {
+    // One Set, as a rule. If the identity changes while it is encoded and posted, it may be the old identity's and yet
+    // follow the Set of the new one: then another one has to go, and the last to go is right.
     int32_t ret;
     uint32_t changes;
-    // An identity that changes between the encoding and the post has sent its own Set, which must not be the older one.
     do {
         changes = ats->identity_changes;
-        ++ats->sets_begun;
         ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+        ++ats->sets_tried;
     } while (ret == 0 && ats->identity_changes != changes);
     if (ret != 0) ATS_TRACE_AS(operation, ZR_DEBUG, "Can't start SA set of service record   ret=%d\n", ret);
 }
@@ -44,7 +48,7 @@ void restore_registration(ats_context_t* ats, const char* operation)
 void show_addresses(uint32_t held_by_sa, uint32_t own, const char* operation)
 {
     if (!zr_is_traced(ZR_DEBUG, ATS_trace_level)) return;
-    char first[30]; // the next text comes in the same buffer
+    char first[ipaddr_text_size]; // the next text comes in the same buffer
     snprintf(first, sizeof first, "%s", print_ipaddr(held_by_sa));
     ATS_TRACE_AS(operation, ZR_DEBUG, "ipaddresses [%s, %s]\n", first, print_ipaddr(own));
 }
@@ -151,7 +155,7 @@ const char* print_ibat_stat(ibat_stat_t stat)
 
 const char* print_ipaddr(uint32_t addr)
 {
-    thread_local char text[30];
+    thread_local char text[ipaddr_text_size];
     snprintf(text, sizeof text, "%d.%d.%d.%d", ATS_IP_ARGS(addr));
     return text;
 }

@@ -11,7 +11,7 @@ constexpr int32_t delete_tries = 3;
 ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* operation)
 {
     if (port_num >= 1 && port_num <= ats->num_of_hca_ports) return &ats->ib_ports[port_num - 1];
-    ATS_TRACE_AS(operation, ZR_ERROR, "no port %d, this hca has %d\n", port_num, ats->num_of_hca_ports);
+    ATS_TRACE_AS(operation, ZR_ERROR, "port %d is not used\n", port_num);
     return nullptr;
 }
 
@@ -50,7 +50,7 @@ int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
               attributes.port_sma_address_info.service_level);
 
     int count = 1;
-    kq_gid_t gid{};
+    kq_gid_t gid = port->port_gid.load(); // stays when the table is empty
     if (const kq_return_t ret = kq_get_port_gid_tbl(ats->hca, number, &count, &gid); ret != kq_return_ok) {
         ATS_DEBUG("kq_get_port_gid_tbl() failed <%d>\n", ret);
         return -1;
@@ -58,7 +58,7 @@ int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
     port->port_gid.store(gid);
 
     count = 1;
-    kq_p_key_t p_key = 0;
+    kq_p_key_t p_key = port->port_pkey;
     if (const kq_return_t ret = kq_get_port_partition_tbl(ats->hca, number, &count, &p_key); ret != kq_return_ok) {
         ATS_DEBUG("kq_get_port_partition_tbl() failed <%d>\n", ret);
         return -1;
@@ -70,7 +70,7 @@ int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
 
 void handle_link_up(ats_context_t* ats, uint8_t port_num)
 {
-    constexpr int line_of_report = 458; // known to those who read these logs
+    constexpr int line_of_report = 458; // a fixed number that log readers look for, no line of this file
     ats_port_ctx_t* port = find_port(ats, port_num, __func__);
     if (!port || port->state == ATS_PORT_ACTIVE) return;
     port->state = ATS_PORT_UP;
@@ -145,8 +145,9 @@ int32_t ats_sa_set_new_sr(ats_context_t* ats)
     if (!answered && ats->resp_recv == 0) ATS_DEBUG("ATS - ERROR DEL SR Failed\n");
 
     ats->resp_recv = 0;
-    ++ats->sets_begun;
-    if (const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0); ret != 0) {
+    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    ++ats->sets_tried;
+    if (ret != 0) {
         ATS_ERROR("Can't start SA set of service record ret - %d\n", ret);
         return ret;
     }

@@ -13,7 +13,7 @@ constexpr unsigned long deregister_pause_ticks = 100;
 
 int32_t ats_init_static_port_attributes(ats_context_t* ats)
 {
-    constexpr int line_of_report = 618; // known to those who read these logs
+    constexpr int line_of_report = 618; // a fixed number that log readers look for, no line of this file
     ATS_FUNC("hca handle is 0x%p\n", static_cast<void*>(ats->hca));
     kq_hca_attrib_t attributes{};
     if (kq_hca_query(ats->hca, &attributes) != kq_return_ok) {
@@ -231,7 +231,7 @@ int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr)
 void ats_sa_stop(ats_context_t* ats)
 {
     if (!ats->holds_hca) return; // taken first and given back last: nothing else is held either
-    const uint32_t sets_before = ats->sets_begun;
+    const uint32_t sets_before = ats->sets_tried;
     delete_all_records(ats, __func__);
     if (ats->holds_req_timer) del_timing_sync(&ats->ats_req_timer);
     ats->holds_req_timer = false;
@@ -241,7 +241,7 @@ void ats_sa_stop(ats_context_t* ats)
 
     // A port event or a check may have registered the record behind the Deletes. Nobody can any more: a record left
     // at the SA has no end, and makes the address useless to its next owner.
-    if (ats->sets_begun != sets_before) delete_all_records(ats, __func__);
+    if (ats->sets_tried != sets_before) delete_all_records(ats, __func__);
 
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)
         if (ats->ib_ports[i].gsi_handle) deregister_until_released(&ats->ib_ports[i], __func__);

@@ -22,6 +22,7 @@ constexpr int32_t ATS_MAX_HCAS = 32;
 constexpr int32_t ATS_PORTS_PER_HCA = 2;
 constexpr size_t ATS_HOST_NAME_SIZE = 30;
 constexpr unsigned long ATS_REQ_TIMER_PERIOD_TICKS = 1000;
+constexpr unsigned long ATS_REQ_AGE_LIMIT_TICKS = 1000;
 
 enum ats_port_state_t : int32_t {
     ATS_PORT_DOWN = 0,   // link down, or not reported up yet
@@ -60,7 +61,7 @@ struct ats_port_ctx_t {
 };
 
 struct ats_context_t {
-    // The bindings to IBAT and UCM: null when not held. Only the first HCA's context has any.
+    // The bindings to IBAT and UCM: functions are null when not held. Only the first HCA's context has any.
     void* ibat_handle;
     ibat_attach_fn_t ibat_attach;
     ibat_detach_fn_t ibat_detach;
@@ -76,9 +77,9 @@ struct ats_context_t {
 
     std::atomic<ats_port_ctx_t*> active_port;  // null: none. Written with `ats_sem` held; read once per send
     shared_record<kq_gid_t> sm_registered_gid; // what the next Delete names
-    int32_t num_of_hca_ports;                  // used ones: at most ATS_PORTS_PER_HCA
+    int32_t num_of_hca_ports;                  // those that are used: at most ATS_PORTS_PER_HCA
 
-    // A one-shot event: the SA has answered a Delete. Cleared by who sends one and waits.
+    // A one-shot event: the SA has answered a Delete, whoever sent it. Cleared by who is about to wait.
     std::atomic<int32_t> resp_recv;
     wait_queue_head_t delete_resp_wq;
 
@@ -86,7 +87,7 @@ struct ats_context_t {
     ibat_arp_data_t rcv_arp_data; // the last reply, the completion context's own
 
     list_head rarp_reqs_pending; // oldest first
-    spinlock_t rarp_reqs_lock;   // guards that list; held over nothing else
+    spinlock_t rarp_reqs_lock;   // guards that list; no callback runs under it
 
     shared_record<ats_host_name_t> host_name; // written with `ats_sem` held
     semaphore ats_sem;                        // port states, the active port, registration, and lookups being sent
@@ -95,13 +96,13 @@ struct ats_context_t {
     kq_hca_h_t hca;          // written once, when it is opened
     kq_hca_name hca_name;
 
-    // Held, and to be given back by the stop. A class has its handle for that, and a pool its own.
+    // Held, and to be given back by the stop. Classes and the pool have their handles for that.
     bool holds_hca;
     bool holds_events;
     bool holds_req_timer;
 
     std::atomic<uint32_t> deliveries;       // replies and time-outs on their way to IBAT and to requests' callbacks
-    std::atomic<uint32_t> sets_begun;       // tells the stop of a Set that came behind its Deletes
+    std::atomic<uint32_t> sets_tried;       // tells the stop of a Set that came behind its Deletes
     std::atomic<uint32_t> identity_changes; // of what a Set carries; tells of one that a Set may have missed
 };
 
@@ -169,8 +170,8 @@ const char* print_ipaddr(uint32_t addr);
 
 // ---- ats-sa ----
 
-// Opens the HCA and registers with everything the SA client needs; sends nothing. 0, or -1 with what was acquired left
-// for ats_sa_stop. May sleep.
+// Opens the HCA and registers with everything the SA client needs; sends nothing. 0, or -1; what is still held then is
+// for ats_sa_stop to release. May sleep.
 int32_t ats_sa_init(ats_context_t* ats);
 
 // Deletes the record at the SA and releases everything the context holds. May sleep.

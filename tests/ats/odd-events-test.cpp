@@ -71,7 +71,7 @@ TEST(odd_events, are_told_and_change_nothing)
         return dispatch + "Received async event <type: " + type + "> <port:" + std::to_string(port) + ">";
     };
     const auto no_port = [](const char* handler, int port) {
-        return std::string("ERROR sa/") + handler + ": no port " + std::to_string(port) + ", this hca has 2";
+        return std::string("ERROR sa/") + handler + ": port " + std::to_string(port) + " is not used";
     };
     const auto received = [&](const std::string& what) { return dispatch + "Received " + what; };
     const char* refresh = "ats_sa_get_port_attr_and_sgid";
