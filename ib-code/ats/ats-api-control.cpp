@@ -1,9 +1,9 @@
 // The control file: a write runs one command, a read puts a report into the kernel log.
 #include "ats-api.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 #include "kernel/memory.h"
 #include "kernel/printk.h"
@@ -186,9 +186,10 @@ void show_usage()
 
 void show_unknown_command(int argc, char** argv)
 {
-    printk("kqt /proc: unknown command:");
-    for (int i = 0; i < argc; ++i) printk(" '%s'", argv[i]);
-    printk("\n");
+    char words[max_arguments * (argument_size + 3)] = ""; // printed at once, so that no other line comes in between
+    for (int i = 0, length = 0; i < argc; ++i)
+        length += snprintf(words + length, sizeof words - static_cast<size_t>(length), " '%s'", argv[i]);
+    printk("kqt /proc: unknown command:%s\n", words);
 }
 
 void run_command(int argc, char** argv)
@@ -206,10 +207,11 @@ void report_port(const ats_port_ctx_t& port, int32_t number)
 {
     const uint32_t ip = port.port_ipaddr;
     const kq_lid_t lid = port.port_attrib.load().port_base_lid;
+    const kq_gid_t gid = port.port_gid.load();
     printk("Port%d Info:\n", number);
     printk("=============\n");
     printk("Port State %s\n", ats_port_state2str(port.state));
-    printk("Port service gid  : " KQ_GID_FORMAT "\n", KQ_GID_ARGS(port.port_gid.load()));
+    printk("Port service gid  : " KQ_GID_FORMAT "\n", KQ_GID_ARGS(gid));
     printk("Port lid 0x%x (%d)\n", lid, lid);
     printk("Port IP Address %d.%d.%d.%d (%x)\n", ATS_IP_ARGS(ip), ip);
     printk("Send Counter 0x%LX , Receive Counter 0x%LX\n", static_cast<unsigned long long>(port.gsi_tx_pkts),

@@ -3,8 +3,6 @@
 
 #include <utility>
 
-#include "kernel/time.h"
-
 namespace
 {
 
@@ -25,11 +23,6 @@ void put_process_arp_data(ats_context_t* ats)
     inter_module_put("ibat_process_arp_data_fn");
 }
 
-void call_process_arp_data(ats_context_t* ats)
-{
-    if (const ibat_process_arp_data_fn_t process = ats->ibat_process_arp_data) process(&ats->rcv_arp_data);
-}
-
 // Returns what is held of IBAT, the latest first.
 void put_ibat(ats_context_t* ats)
 {
@@ -39,17 +32,20 @@ void put_ibat(ats_context_t* ats)
     ats_put_peer("ibat_attach_fn", &ats->ibat_attach);
 }
 
-// What is missing of IBAT, or null when all that `attach_ibat` asks for is held.
+// What to say of a function that IBAT does not publish, or null when all that `attach_ibat` asks for is held.
 const char* get_ibat(ats_context_t* ats, int32_t attach_ibat)
 {
     if (attach_ibat != 0) {
-        if (!ats_get_peer("ibat_attach_fn", &ats->ibat_attach)) return "attach";
-        if (!ats_get_peer("ibat_detach_fn", &ats->ibat_detach)) return "detach";
+        if (!ats_get_peer("ibat_attach_fn", &ats->ibat_attach)) return "Could not get IBAT attach function\n";
+        if (!ats_get_peer("ibat_detach_fn", &ats->ibat_detach)) return "Could not get IBAT detach function\n";
         ibat_process_arp_data_fn_t process;
-        if (!ats_get_peer("ibat_process_arp_data_fn", &process)) return "process arp data";
+        if (!ats_get_peer("ibat_process_arp_data_fn", &process))
+            return "Could not get IBAT process arp data function\n";
         ats->ibat_process_arp_data = process;
     }
-    return ats_get_peer("ibat_seq_cache_lookup_fn", &ats->ibat_seq_cache_lookup) ? nullptr : "seq cache lookup";
+    return ats_get_peer("ibat_seq_cache_lookup_fn", &ats->ibat_seq_cache_lookup)
+               ? nullptr
+               : "Could not get IBAT seq cache lookup function\n";
 }
 
 void u32_swap(uint32_t* x, uint32_t* y)
@@ -98,7 +94,7 @@ void ats_stop()
 ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat)
 {
     if (const char* missing = get_ibat(ats, attach_ibat)) {
-        ATS_ERROR("Could not get IBAT %s function\n", missing);
+        ATS_ERROR("%s", missing);
         put_ibat(ats);
         return ibat_stat_error;
     }
@@ -129,7 +125,7 @@ void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats)
     ibat_arp_data_t& reply = ats->rcv_arp_data;
     reply.arp_operation = IBAT_ARP_REPLY;
     u32_swap(&reply.src_ip, &reply.dst_ip);
-    call_process_arp_data(ats);
+    if (const ibat_process_arp_data_fn_t process = ats->ibat_process_arp_data) process(&reply);
     u32_swap(&reply.src_ip, &reply.dst_ip);
     ats_process_rarp_data(mad_stat, ats);
     --ats->deliveries;

@@ -1,12 +1,12 @@
 // The module's frame: loading and unloading, the table of contexts, and the calls by which others set the identity.
 #define ATS_TRACE_UNIT "ats_module.cpp"
 
-#include <cstring>
 #include <iterator>
 
 #include "ats.h"
 #include "debug-support.h"
 #include "kernel/errno.h"
+#include "kernel/printk.h"
 #include "module-version.h"
 
 ats_context_t ats_cntx[ATS_MAX_HCAS];

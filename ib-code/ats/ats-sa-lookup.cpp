@@ -7,22 +7,41 @@
 namespace
 {
 
+// How the two lookups differ.
+struct lookup_t {
+    ats_sa_op_t op;
+    const char* operation;
+    const char* waiting;
+    const char* no_port;
+};
+constexpr lookup_t arp = {
+    .op = ATS_GET_SR_ARP_OP,
+    .operation = "ats_sa_arp_send",
+    .waiting = "ATS arp down_interruptible\n",
+    .no_port = "ATS - Can't Send arp there is no active port, Check your link!\n",
+};
+constexpr lookup_t rarp = {
+    .op = ATS_GET_SR_RARP_OP,
+    .operation = "ats_sa_rarp_send",
+    .waiting = "ATS rarp down_interruptible\n",
+    .no_port = "ATS - Can't Send rarp there is no active port, Check your link!\n",
+};
+
 // Sends a Get while the active port can neither change nor register.
-int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, ats_sa_op_t op, const char* operation,
-                    const char* kind)
+int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const lookup_t& lookup)
 {
-    ATS_TRACE_AS(operation, ZR_DEBUG, "ATS %s down_interruptible\n", kind);
+    ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "%s", lookup.waiting);
     if (down_interruptible(&ats->ats_sem) != 0) {
-        ATS_TRACE_AS(operation, ZR_ERROR, "down_interruptible is not OK\n");
+        ATS_TRACE_AS(lookup.operation, ZR_ERROR, "down_interruptible is not OK\n");
         return -1;
     }
     if (!ats->active_port.load()) {
-        ATS_TRACE_AS(operation, ZR_ERROR, "ATS - Can't Send %s there is no active port, Check your link!\n", kind);
+        ATS_TRACE_AS(lookup.operation, ZR_ERROR, "%s", lookup.no_port);
         up(&ats->ats_sem);
         return -1;
     }
-    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, op, arp_data, 0, 1, 0);
-    ATS_TRACE_AS(operation, ZR_DEBUG, "ATS arp sem up\n");
+    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, lookup.op, arp_data, 0, 1, 0);
+    ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "ATS arp sem up\n"); // of both
     up(&ats->ats_sem);
     return ret;
 }
@@ -35,7 +54,7 @@ void take_expired(ats_context_t* ats, list_head* expired, const char* operation)
         ats_rarp_req_t* req = list_entry(link, ats_rarp_req_t, link);
         link = link->next;
         ATS_TRACE_AS(operation, ZR_FUNC, "Checking RARP request entry: <0x%p>\n", static_cast<void*>(req));
-        if (static_cast<uint32_t>(jiffies) - req->timestamp < ATS_REQ_TIMER_PERIOD_TICKS) continue;
+        if (static_cast<uint32_t>(jiffies) - req->timestamp < ATS_REQ_AGE_LIMIT_TICKS) continue;
         ATS_TRACE_AS(operation, ZR_FUNC, "\t\t-> timeouted!\n");
         list_del_init(&req->link);
         list_add(&req->link, expired);
@@ -47,12 +66,12 @@ void take_expired(ats_context_t* ats, list_head* expired, const char* operation)
 
 int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
 {
-    return send_lookup(ats, arp_data, ATS_GET_SR_ARP_OP, __func__, "arp");
+    return send_lookup(ats, arp_data, arp);
 }
 
 int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
 {
-    return send_lookup(ats, arp_data, ATS_GET_SR_RARP_OP, __func__, "rarp");
+    return send_lookup(ats, arp_data, rarp);
 }
 
 void ats_req_timer_handler(unsigned long context)

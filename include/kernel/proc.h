@@ -19,7 +19,7 @@ using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof
 // negative error number. May sleep. The writes of one entry come one at a time.
 using write_proc_t = int(struct file* file, const char* user_buffer, unsigned long count, void* data);
 
-// One entry. The caller of create_proc_entry sets the last four fields before the call returns to user space;
+// One entry. The caller of create_proc_entry sets the fields before the call returns to user space;
 // an entry with an owner is not entered any more once the owner's unloading has begun.
 struct proc_dir_entry {
     read_proc_t* read_proc;

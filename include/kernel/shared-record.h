@@ -1,5 +1,6 @@
 // A record that any context may read at any moment, whole and without a lock, while another writes it: a sequence
-// lock. All zero is a valid, zero record. Neither call sleeps; a reader repeats itself while a writer is at it.
+// lock. All zero is a valid, zero record. Neither call sleeps; a reader repeats itself while a writer is at it, and so
+// must not interrupt one on its own processor.
 #pragma once
 
 #include <atomic>
