@@ -38,7 +38,16 @@ class running_service : public testing::Test
         std::vector<std::string> options = {"--config", folder / "world.toml"};
         if (mounts_work()) options.insert(options.end(), {"--mount", folder / "mnt"});
         ats.emplace(options);
-        EXPECT_TRUE(eventually([&] { return records().size() == 3; })) << records();
+        EXPECT_TRUE(eventually([&] { return is_settled(); })) << ats->ask({"status"}).out;
+    }
+
+    // Every host has heard the answer to its registration, and node2 of its second link.
+    bool is_settled()
+    {
+        const json status = ats->ask_json({"status"});
+        for (const json& host : status["hosts"])
+            if (host["ibat"]["cache"].empty()) return false;
+        return status["hosts"][1]["hcas"][0]["ports"][1]["state"] == "UP";
     }
 
     json records() { return ats->ask_json({"sa", "show"})["records"]; }
