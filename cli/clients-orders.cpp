@@ -1,6 +1,7 @@
 #include "cli/clients.h"
 
 #include "cli/client.h"
+#include "cli/sa-show.h"
 #include "cli/show.h"
 
 namespace cli
@@ -83,12 +84,10 @@ CLI::Option* add_sa_action(CLI::App& sa, const std::string& action, const std::s
 
 void add_sa(CLI::App& program)
 {
-    CLI::App* sa = program.add_subcommand("sa", "Look into the Subnet Administrator, or upset it (embedded fabric)");
+    CLI::App* sa =
+        program.add_subcommand("sa", "Look into the Subnet Administrator, or upset that of an embedded fabric");
     sa->require_subcommand(1);
-    CLI::App* show = sa->add_subcommand("show", "List its ServiceRecords");
-    auto common = add_client_options(*show, no_host);
-    show->callback([=] { ask_and_show(*common, {{"request", "sa"}, {"action", "show"}}, show_records); });
-
+    add_sa_show(*sa);
     add_sa_action(*sa, "forget", "Make it forget a GID's record, or all records", "gid", "GID",
                   "The ServiceGID (default: all records)");
     add_sa_action(*sa, "silence", "Make it answer nothing, or answer again", "state", "STATE", "on or off")

@@ -19,6 +19,7 @@ inline void add_module_folder_option(CLI::App& command, std::string& folder)
 
 void add_demo(CLI::App& program, int& exit_code);
 void add_run(CLI::App& program, int& exit_code);
+void add_check(CLI::App& program, int& exit_code);
 void add_clients(CLI::App& program, int& exit_code);
 
 } // namespace cli

@@ -66,6 +66,7 @@ int main(int argc, char** argv)
     int exit_code = cli::exit_ok;
     cli::add_demo(program, exit_code);
     cli::add_run(program, exit_code);
+    cli::add_check(program, exit_code);
     cli::add_clients(program, exit_code);
     if (argc < 2) {
         std::fputs(program.help().c_str(), stderr);

@@ -123,4 +123,9 @@ std::unique_ptr<proc_mount> proc_mount::open(const std::string& directory,
     return std::make_unique<fuse_mount>(directory, machines);
 }
 
+bool proc_mount::is_available()
+{
+    return true;
+}
+
 } // namespace cli

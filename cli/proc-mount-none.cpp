@@ -13,4 +13,9 @@ std::unique_ptr<proc_mount> proc_mount::open(const std::string&, const std::vect
                   "or leave --mount out ('ats control' and 'ats log' do without)");
 }
 
+bool proc_mount::is_available()
+{
+    return false;
+}
+
 } // namespace cli

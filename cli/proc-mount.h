@@ -20,6 +20,9 @@ class proc_mount
     static std::unique_ptr<proc_mount> open(const std::string& directory,
                                             const std::vector<kernel::machine*>& machines);
 
+    // False: built without libfuse, and open() refuses.
+    static bool is_available();
+
     virtual ~proc_mount() = default; // unmounts, after the calls in progress
 };
 

@@ -4,6 +4,7 @@
 
 #include <charconv>
 
+#include "cli/sa-show.h"
 #include "host/world/text.h"
 
 namespace cli
@@ -24,14 +25,8 @@ json show_records(site& at)
 {
     if (at.is_real()) return {{"real", true}};
     json records = json::array();
-    for (const embedded::service_record_view& record : at.subnet().service_records()) {
-        const bool endless = record.lease_seconds == embedded::infinite_lease;
-        records.push_back({{"gid", record.gid},
-                           {"p_key", word_text(record.p_key)},
-                           {"address", record.ipv4},
-                           {"host_name", record.host_name},
-                           {"lease", endless ? "infinite" : std::to_string(record.lease_seconds) + " s"}});
-    }
+    for (const embedded::service_record_view& record : at.subnet().service_records())
+        records.push_back(record_answer(record));
     const embedded::fault_switches& faults = at.subnet().faults;
     const bool has_status = faults.sa_status_count != 0;
     return {{"records", records},

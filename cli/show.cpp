@@ -123,6 +123,7 @@ void show_records(std::ostream& to, const json& answer)
         to << format_table(rows_of(answer["records"], {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
                                    {"gid", "p_key", "address", "host_name", "lease"}),
                            0);
+    for (const json& remark : answer.value("remarks", json::array())) to << "Note: " << cell(remark) << ".\n";
     if (answer["silent"].get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
     if (!answer["status"].is_null())
         to << "It answers everything with status " << cell(answer["status"]) << " ('ats sa status 0' ends that).\n";

@@ -52,6 +52,16 @@ std::string device_file(const std::string& hca, int port)
     return "";
 }
 
+std::string why_not_opened(const std::string& hca, int port, int reason)
+{
+    const std::string called = hca + " port " + std::to_string(port);
+    const std::string file = device_file(hca, port);
+    if (file.empty()) return called + " has no management device: load ib_umad ('modprobe ib_umad')";
+    if (reason == EACCES || reason == EPERM)
+        return called + ": no permission for " + file + ": run as root, or give your group the file (a udev rule)";
+    return called + ": cannot open " + file + ": " + std::strerror(reason);
+}
+
 device::device(std::string hca, int port)
     : hca_(std::move(hca)), port_(port), wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
@@ -69,14 +79,7 @@ std::string device::open()
     const std::lock_guard lock(sending_);
     errno = 0;
     const int opened = umad_open_port(hca_.c_str(), port_);
-    if (opened < 0) {
-        const int reason = errno;
-        const std::string file = device_file(hca_, port_);
-        if (file.empty()) return called + " has no management device: load ib_umad ('modprobe ib_umad')";
-        if (reason == EACCES || reason == EPERM)
-            return called + ": no permission for " + file + ": run as root, or give your group the file (a udev rule)";
-        return called + ": cannot open " + file + ": " + std::strerror(reason);
-    }
+    if (opened < 0) return why_not_opened(hca_, port_, errno);
     descriptor_ = opened;
     poll_descriptor_ = umad_get_fd(opened);
     is_broken_ = false;

@@ -74,4 +74,7 @@ class device
 // The file behind a port, "" if it has none.
 std::string device_file(const std::string& hca, int port);
 
+// What is in the way when libibumad does not open a port, given errno, and what to do about it.
+std::string why_not_opened(const std::string& hca, int port, int reason);
+
 } // namespace umad

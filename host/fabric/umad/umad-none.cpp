@@ -1,4 +1,5 @@
 // Stands in for real ports in a build without libibumad.
+#include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
 
 namespace umad
@@ -27,9 +28,24 @@ listing list_hcas()
     return {.hcas = {}, .why = not_built};
 }
 
+std::string try_port(const std::string&, int)
+{
+    return not_built;
+}
+
 opened open(kernel::executor&, const options&)
 {
     return {nullptr, not_built};
+}
+
+opened_sa_client open_sa_client(const std::string&, int)
+{
+    return {nullptr, not_built};
+}
+
+record_list list_records(sa_client&, const record_filter&)
+{
+    return {.records = {}, .remarks = {}, .why = not_built};
 }
 
 } // namespace umad

@@ -106,6 +106,12 @@ listing list_hcas()
     return found;
 }
 
+std::string try_port(const std::string& hca, int port)
+{
+    device tried(hca, port);
+    return tried.open();
+}
+
 opened open(kernel::executor& exec, const options& wanted)
 {
     const listing found = list_hcas();

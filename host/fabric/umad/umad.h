@@ -86,6 +86,9 @@ struct listing {
 };
 listing list_hcas();
 
+// Empty: the port could be opened, and was closed again. Or why not, and what to do about it.
+std::string try_port(const std::string& hca, int port);
+
 // False: built without libibumad; then open() and list_hcas() say so.
 bool is_available();
 

@@ -1,0 +1,19 @@
+// `ats sa show`: the records that the SA holds. That of an embedded fabric tells them through the service; that of a
+// real fabric is asked by this process itself, whether a service runs on this machine or not.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "host/fabric/embedded/views.h"
+
+namespace cli
+{
+
+void add_sa_show(CLI::App& sa);
+
+// A record as answers carry it.
+nlohmann::json record_answer(const embedded::service_record_view& record);
+
+} // namespace cli
