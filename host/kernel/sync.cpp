@@ -15,12 +15,6 @@ task& self(const char* caller = __builtin_FUNCTION())
     return kernel::current_task_of(caller);
 }
 
-// The caller has let something go: a place for another task to run, unless it holds a spin lock itself.
-void posted()
-{
-    if (self().spin_locks == 0) self().exec.switch_point();
-}
-
 // Excludes others from a few instructions. Nothing sleeps while one is held, so that waiting is spinning.
 class guarded
 {
@@ -139,7 +133,7 @@ void up(semaphore* sem)
             first->waiting->exec.wake(*first->waiting);
         }
     }
-    posted();
+    kernel::preemption_point();
 }
 
 void spin_lock_init(spinlock_t* lock)
@@ -183,7 +177,7 @@ void wake_up_interruptible(wait_queue_head_t* queue)
         for (list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
             self().exec.wake(*static_cast<task*>(list_entry(link, wait_queue_t, link)->task));
     }
-    posted();
+    kernel::preemption_point();
 }
 
 void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)

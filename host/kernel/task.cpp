@@ -69,6 +69,11 @@ void might_sleep(const char* call)
     if (self.spin_locks > 0) panic("%s may sleep, and is called with a spin lock held", call);
 }
 
+void preemption_point()
+{
+    if (const task& self = *current_task(); self.spin_locks == 0) self.exec.switch_point();
+}
+
 void panic(const char* format, ...)
 {
     char text[2048];

@@ -71,6 +71,10 @@ class atomic_section
 // Every call that may block begins with this: a hard error in a context that may not sleep.
 void might_sleep(const char* call);
 
+// A place where another task could run next, unless the calling task excludes others with a spin lock. Kernel calls
+// have one before and behind what others can see of them.
+void preemption_point();
+
 // An invariant of the kernel or of its user is broken: prints the text, the task and its machine, and aborts.
 [[noreturn]] void panic(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

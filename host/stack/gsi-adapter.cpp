@@ -114,8 +114,7 @@ int gsi_adapter::post(gsi_class_t& sender, datagram_record& record, uint64_t* tr
     record.note(now_ticks, datagram_event::posted, sender.mgt_class, sender.port);
     count(counters_.posted);
     if (transaction_id) *transaction_id = assigned;
-    // The answer may be here before the send completes. A place for that to happen, unless the poster excludes others.
-    if (kernel::current_task()->spin_locks == 0) home_.exec().switch_point();
+    kernel::preemption_point(); // the answer may be here before the send completes
     lock_guard lock(mutex_);
     queue(record, lock);
     return 0;

@@ -21,7 +21,7 @@ void add_timing(timing_t* timer)
 {
     timers_here(__func__).arm(*timer);
     // A place for the handler to run first, as it might on another processor.
-    if (const kernel::task& self = *kernel::current_task(); self.spin_locks == 0) self.exec.switch_point();
+    kernel::preemption_point();
 }
 
 void del_timing_sync(timing_t* timer)
