@@ -1,0 +1,59 @@
+// What happens in a campaign: a fabric, and acts that each begin and end at a tick. All of it is drawn from a seed
+// before anything runs, so that a list of acts can be replayed, and shortened until only what matters is left.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace campaign
+{
+
+struct arena;
+
+// How far the truth may suffer from an act while it lasts.
+enum class harm {
+    none,
+    host,    // one host's registration may fail
+    network, // anybody's may
+};
+
+struct act {
+    uint64_t begin_tick;
+    uint64_t end_tick;
+    uint32_t kind; // index into act_kinds
+    uint32_t host; // each kind makes of these what it needs
+    uint32_t a;
+    uint32_t b;
+};
+
+struct act_kind {
+    const char* name;
+    int weight; // how often it is drawn
+    harm does;
+    uint64_t longest_ticks; // 0: it has no length
+    void (*begin)(arena&, const act&);
+    void (*end)(arena&, const act&); // null: nothing to undo
+};
+extern const std::vector<act_kind> act_kinds;
+
+struct host_shape {
+    int hcas;
+    int ports;
+    bool has_watching_ucm; // see watching-ucm.h
+    bool traces;           // at the debug level, and is compared with the model
+};
+
+struct plan {
+    uint64_t seed;
+    std::vector<host_shape> hosts;
+    std::vector<act> acts; // by begin_tick
+    uint64_t faults_end_tick;
+};
+
+plan draw_plan(uint64_t seed);
+
+// "17 at 1234 for 500: loss host=3 a=17 b=4"
+std::string describe(const plan& of, size_t act_number);
+
+} // namespace campaign
