@@ -31,6 +31,8 @@ json answer_or_refusal(const answer_t& answer)
         return {{"error", wrong.what()}, {"exit_code", int{wrong.code}}};
     } catch (const json::exception& wrong) {
         return {{"error", std::string("the request is malformed: ") + wrong.what()}, {"exit_code", int{exit_usage}}};
+    } catch (const std::exception& wrong) {
+        return {{"error", wrong.what()}, {"exit_code", int{exit_failed}}};
     }
 }
 
@@ -120,7 +122,11 @@ void server::accept_clients()
         reap();
         const std::lock_guard lock(mutex_);
         conversation& with = conversations_.emplace_back(std::move(*client));
-        with.thread = std::thread([this, &with] { converse(with); });
+        try {
+            with.thread = std::thread([this, &with] { converse(with); });
+        } catch (const std::system_error&) { // no more threads: this client is hung up on, the others go on
+            conversations_.pop_back();
+        }
     }
 }
 

@@ -58,7 +58,7 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
     } cases[] = {
         {"[[host]]\nnmae = \"x\"", ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, name, trace, ucm"},
         {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
-        {"hosts = 3", ":1: unknown key 'hosts'; valid here are host"},
+        {"hosts = 3", ":1: unknown key 'hosts'; valid here are fabric, host"},
         {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},
         {"[[host]]\nname = \"a/b\"", "no blanks, slashes or quotation marks"},
         {"[[host]]\nname = \"a\"\n[[host]]\nname = \"a\"", ":3: there are two hosts named 'a'"},
