@@ -50,6 +50,31 @@ ibat_lifetime_seconds = 30
     EXPECT_THAT(hosts[1].modules[2].parameters, HasSubstr("10.0.0.2"));
 }
 
+TEST(world_config, a_real_fabric_has_this_machine_and_the_hcas_it_names)
+{
+    const scratch_folder folder;
+    write_file(folder / "ats.toml", R"(
+[fabric]
+kind = "umad"
+sa_delete_pkey = "on"
+port_interval_ms = 250
+capture = "/tmp/all.pcap"
+[[host]]
+address = "10.1.2.3"
+[[host.hca]]
+name = "mlx5_1"
+)");
+    const cli::world_config config = cli::read_world_config(folder / "ats.toml");
+    EXPECT_TRUE(config.fabric.is_real);
+    EXPECT_EQ(config.fabric.capture, "/tmp/all.pcap");
+    EXPECT_EQ(config.fabric.ports.sa_delete_p_key, umad::delete_p_key::on);
+    EXPECT_EQ(config.fabric.ports.watch_interval_ticks, 250u);
+    EXPECT_THAT(config.fabric.ports.hcas, ElementsAre("mlx5_1"));
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    EXPECT_EQ(config.hosts.at(0).name, std::string(name).substr(0, std::string(name).find('.')));
+}
+
 TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_right)
 {
     const struct {
@@ -73,6 +98,13 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         {"[[host]]\n[host.ats]\nx = \"a\\\"b\"", ":3: a module parameter is a whole number, or a text"},
         {"[host]\nname = \"x\"", ":1: 'host' must be written as [[host]] tables"},
         {"[[host]\n", ":1: "},
+        {"[fabric]\nkind = \"ib\"\n[[host]]", ":2: 'kind' must be 'embedded' or 'umad'"},
+        {"[fabric]\nsa_delete_pkey = \"on\"\n[[host]]", ":2: unknown key 'sa_delete_pkey'"},
+        {"[fabric]\nkind = \"umad\"\nsa_delete_pkey = \"yes\"\n[[host]]", ":3: 'sa_delete_pkey' must be 'auto' or"},
+        {"[fabric]\nkind = \"umad\"\n[[host]]\nname = \"a\"", ":3: a host on a real fabric needs its 'address'"},
+        {"[fabric]\nkind = \"umad\"\n[[host]]\naddress = \"10.0.0.1\"\n[[host]]", ":5: on a real fabric there is one"},
+        {"[fabric]\nkind = \"umad\"\n[[host]]\naddress = \"10.0.0.1\"\n[[host.hca]]",
+         ":5: an HCA of a real fabric needs"},
         {"", ":1: no [[host]] table"},
     };
     for (const auto& each : cases) {

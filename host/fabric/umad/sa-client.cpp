@@ -166,20 +166,6 @@ std::optional<sa_table> umad_sa_client::ask_table(const sa_mad_v2_t& request)
 
 } // namespace
 
-sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const void* payload,
-                            size_t payload_size)
-{
-    sa_mad_v2_t mad{};
-    mad.hdr.base_ver = MAD_BASE_VERSION;
-    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
-    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
-    mad.hdr.m.method = method & 0x7F;
-    mad.hdr.attrib_id = std::bit_cast<uint16_t>(to_wire(attribute));
-    mad.component_mask = to_wire(component_mask);
-    std::memcpy(mad.payload, payload, std::min(payload_size, sizeof mad.payload));
-    return mad;
-}
-
 opened_sa_client open_sa_client(const std::string& hca, int port)
 {
     const listing found = list_hcas();

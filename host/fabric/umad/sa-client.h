@@ -2,6 +2,9 @@
 // answered. For hosts there is real_fabric.
 #pragma once
 
+#include <algorithm>
+#include <bit>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,8 +41,19 @@ class sa_client
 };
 
 // A request to the SA, of which attribute, method, mask and payload make the difference.
-sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const void* payload,
-                            size_t payload_size);
+inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const void* payload,
+                                   size_t payload_size)
+{
+    sa_mad_v2_t mad{};
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.m.method = method & 0x7F;
+    mad.hdr.attrib_id = std::bit_cast<uint16_t>(to_wire(attribute));
+    mad.component_mask = to_wire(component_mask);
+    std::memcpy(mad.payload, payload, std::min(payload_size, sizeof mad.payload));
+    return mad;
+}
 
 // A client, or one line that says what is in the way and what to do about it.
 struct opened_sa_client {
