@@ -117,7 +117,7 @@ TEST(time_out, comes_to_the_tick)
         ats_world w({.start_tick = begin});
         ats_host& host = w.add_registered({.trace = trace_func});
         w.subnet.faults.sa_silent = true;
-        asker at_0, at_1, at_1_too, at_1000;
+        asker at_0, at_1, at_1_too, at_1000, at_1500;
         host.reverse({7, 7}, at_0);
         w.at(1);
         host.reverse({7, 7}, at_1);
@@ -134,6 +134,8 @@ TEST(time_out, comes_to_the_tick)
                     ElementsAre("DEBUG sa/ats_req_timer_handler: Pending RARP requests present.", looked_at,
                                 handler + "\t\t-> timeouted!", looked_at, looked_at, handler + "found entry : 0xPTR"));
         host.reverse({7, 7}, at_1000);
+        w.at(1500);
+        host.reverse({9, 9}, at_1500);
         w.at(1999);
         EXPECT_THAT(at_1.answers, IsEmpty());
         w.at(2000);
@@ -141,6 +143,9 @@ TEST(time_out, comes_to_the_tick)
         EXPECT_THAT(at_1000.answers, ElementsAre(told(begin + 2000, ibat_stat_timeout)));
         EXPECT_LT(at_1000.order, at_1_too.order) << "the newest first";
         EXPECT_LT(at_1_too.order, at_1.order);
+        EXPECT_THAT(at_1500.answers, IsEmpty());
+        w.at(3000);
+        EXPECT_THAT(at_1500.answers, ElementsAre(told(begin + 3000, ibat_stat_timeout)));
     }
 }
 
