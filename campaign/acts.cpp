@@ -75,10 +75,7 @@ void withdraw_some(arena& in, const act& it)
 void report(arena& in, const act& it)
 {
     node& at = in.host(it);
-    at.start("report", [&at] {
-        std::vector<hca_report> shown;
-        at.read_control(&shown);
-    });
+    at.start("report", [&at] { at.read_control(); });
 }
 
 void write_line(node& at, const std::string& text)

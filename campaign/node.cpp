@@ -26,6 +26,18 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
     return plan;
 }
 
+// The one active port is that which is said to be.
+std::string contradiction_in(const cli::json& hca)
+{
+    cli::json active; // null: none
+    for (const cli::json& port : hca["ports"]) {
+        if (port["state"] != "Active") continue;
+        if (!active.is_null()) return "there are two active ports";
+        active = port["port"];
+    }
+    return active == hca["active_port"] ? "" : "the active port is not the one that is in that state";
+}
+
 } // namespace
 
 node::node(arena& at, size_t its_number, const host_shape& shape)
@@ -119,21 +131,21 @@ bool node::write_control(const std::string& text, std::string* said)
     return taken == static_cast<int>(text.size());
 }
 
-bool node::read_control(std::vector<hca_report>* shown)
+cli::json node::read_control()
 {
     std::string file, text;
     {
         const kernel::print_capture capture(kernel::print_capture::also_log);
-        if (machine().proc.read(control_file, 0, 1, &file) < 0) return false;
+        if (machine().proc.read(control_file, 0, 1, &file) < 0) return nullptr;
         text = capture.text();
     }
-    *shown = read_report(text);
-    for (size_t i = 0; i < shown->size(); ++i) {
-        std::string wrong = contradiction_in((*shown)[i]);
-        if (wrong.empty() && i < models.size()) wrong = models[i].compare((*shown)[i]);
+    const cli::json shown = cli::parse_control_report(text)["hcas"];
+    for (size_t i = 0; i < shown.size(); ++i) {
+        std::string wrong = contradiction_in(shown[i]);
+        if (wrong.empty() && i < models.size()) wrong = models[i].compare(shown[i]);
         if (!wrong.empty()) in.violate(host.name() + ": " + wrong);
     }
-    return true;
+    return shown;
 }
 
 bool node::load(const std::string& module)

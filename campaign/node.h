@@ -9,7 +9,7 @@
 
 #include "campaign/port-model.h"
 #include "campaign/questions.h"
-#include "campaign/report.h"
+#include "cli/control-report.h"
 #include "host/world/host.h"
 
 namespace campaign
@@ -39,9 +39,10 @@ struct node {
     // nothing did harm are its effects certain; then `settled` is called.
     void change_identity(const std::function<bool()>& change, const std::function<void()>& settled);
 
-    // The control file, from a task of the host. write: whether it was taken, with what was logged about it.
+    // The control file, from a task of the host. write: whether it was taken, with what was logged about it. read: the
+    // HCAs as its report shows them, after a look for contradictions; null when there is no such file.
     bool write_control(const std::string& text, std::string* said = nullptr);
-    bool read_control(std::vector<hca_report>* shown);
+    cli::json read_control();
 
     // Loads a module with the present identity, or unloads it; from a task of the host.
     bool load(const std::string& module);

@@ -106,14 +106,13 @@ std::string port_model::sent(const kernel::task& by, uint8_t method, const fabri
     return "";
 }
 
-std::string port_model::compare(const hca_report& shown) const
+std::string port_model::compare(const cli::json& shown_hca) const
 {
+    static const char* const names[] = {"Down", "UP", "Active"};
     if (!is_on_) return "";
-    if (shown.active_port != active_)
-        return "port " + std::to_string(shown.active_port) + " is active, the model has " + std::to_string(active_);
-    for (size_t i = 0; i < shown.ports.size() && i < states_.size(); ++i)
-        if (shown.ports[i].state != states_[i])
-            return "the state of port " + std::to_string(i + 1) + " is not the model's";
+    for (size_t i = 0; i < static_cast<size_t>(ports_); ++i)
+        if (const auto& shown = shown_hca["ports"][i]["state"]; shown != names[static_cast<size_t>(states_[i])])
+            return "port " + std::to_string(i + 1) + " is " + shown.get<std::string>() + ", against the model";
     return "";
 }
 

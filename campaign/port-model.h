@@ -7,12 +7,14 @@
 #include <cstdint>
 #include <string>
 
-#include "campaign/report.h"
+#include "cli/control-report.h"
 #include "host/fabric/fabric.h"
 #include "host/kernel/task.h"
 
 namespace campaign
 {
+
+enum class port_state { down, up, active };
 
 class port_model
 {
@@ -27,7 +29,7 @@ class port_model
     // `link_is_sure`.
     std::string logged(const kernel::task& by, const std::string& line, bool link_is_sure);
     std::string sent(const kernel::task& by, uint8_t method, const fabric::gid_bytes& gid);
-    std::string compare(const hca_report& shown) const;
+    std::string compare(const cli::json& shown_hca) const;
 
   private:
     std::string event(const std::string& line);

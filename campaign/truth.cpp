@@ -59,24 +59,24 @@ bool is_of_service(const ib_service_record_v2_t& record)
     return memcmp(&like, &record, sizeof record) == 0;
 }
 
-flaw flaw_of(node& at, size_t hca, const port_report& port, const records_t& records)
+flaw flaw_of(node& at, size_t hca, const std::string& gid, const std::string& ipv4, const records_t& records)
 {
-    const auto has_gid = [&](const auto& each) { return view_of(each).gid == port.gid; };
+    const auto has_gid = [&](const auto& each) { return view_of(each).gid == gid; };
     const auto found = std::ranges::find_if(records, has_gid);
-    if (found == records.end()) return {"there is no record of " + port.gid};
+    if (found == records.end()) return {"there is no record of " + gid};
     if (std::ranges::count_if(records, has_gid) > 1)
-        return {"there are several records of " + port.gid, excuse::false_record};
+        return {"there are several records of " + gid, excuse::false_record};
     const embedded::service_record_view held = view_of(*found);
-    if (held.ipv4 != port.ipv4) return {port.gid + " has the address " + held.ipv4 + ", not " + port.ipv4};
-    if (at.address_is_certain && port.ipv4 != world::format_ipv4(at.address[hca]))
-        return {"the host has the address " + port.ipv4 + ", not " + world::format_ipv4(at.address[hca])};
+    if (held.ipv4 != ipv4) return {gid + " has the address " + held.ipv4 + ", not " + ipv4};
+    if (at.address_is_certain && ipv4 != world::format_ipv4(at.address[hca]))
+        return {"the host has the address " + ipv4 + ", not " + world::format_ipv4(at.address[hca])};
     if (std::ranges::find(at.addresses_given, *world::parse_ipv4(held.ipv4)) == at.addresses_given.end())
         return {"nobody gave the address " + held.ipv4};
     if (held.p_key != at.hcas[hca]->read_port(1).p_keys[0] || !is_of_service(*found))
-        return {"the P_Key or what should be the same in all records is another in that of " + port.gid,
+        return {"the P_Key or what should be the same in all records is another in that of " + gid,
                 excuse::false_record};
     if (at.name_is_certain && held.host_name != at.name.substr(0, 30))
-        return {port.gid + " has the name " + held.host_name + ", not " + at.name, excuse::harm_since_named};
+        return {gid + " has the name " + held.host_name + ", not " + at.name, excuse::harm_since_named};
     if (std::ranges::find(at.names_given, held.host_name) == at.names_given.end())
         return {"nobody gave the name " + held.host_name, excuse::false_record};
     return {};
@@ -91,20 +91,21 @@ struct finding {
 finding examine(node& at)
 {
     finding found;
-    std::vector<hca_report> shown;
-    if (!at.read_control(&shown)) return found;
+    const cli::json shown = at.read_control();
+    if (shown.is_null()) return found;
     const records_t records = at.in.net.save_records();
     if (shown.size() != at.hcas.size()) found.flaws.push_back({"it does not serve each HCA"});
     for (size_t i = 0; i < shown.size(); ++i) {
-        const hca_report& hca = shown[i];
+        const cli::json& active = shown[i]["active_port"];
         ++at.in.done.truths;
-        if ((hca.active_port != 0) != at.has_link(i)) {
-            found.flaws.push_back({hca.name + (hca.active_port ? " has an active port without a link"
-                                                               : " has no active port in spite of a link")});
-        } else if (hca.active_port != 0) {
-            const port_report& port = hca.ports[static_cast<size_t>(hca.active_port - 1)];
-            found.gids.push_back(port.gid);
-            if (flaw wrong = flaw_of(at, i, port, records); !wrong.what.empty()) found.flaws.push_back(wrong);
+        if (active.is_null() == at.has_link(i)) {
+            found.flaws.push_back(
+                {active.is_null() ? "no port is active in spite of a link" : "a port is active without a link"});
+        } else if (!active.is_null()) {
+            const cli::json& port = shown[i]["ports"][active.get<size_t>() - 1];
+            found.gids.push_back(port["gid"]);
+            if (flaw wrong = flaw_of(at, i, port["gid"], port["address"], records); !wrong.what.empty())
+                found.flaws.push_back(wrong);
         }
     }
     return found;
@@ -133,20 +134,14 @@ void end_faults(arena& in)
     }
 }
 
-// One that was loaded when the HCAs could not be listed serves none.
-bool serves_nothing(node& at)
-{
-    std::vector<hca_report> shown;
-    return at.read_control(&shown) && shown.empty();
-}
-
 // Three of four hosts that are down come back, and everybody verifies as usual.
 void bring_hosts_up(arena& in)
 {
     uint64_t longest_period = 0;
     for (node& each : in.hosts) {
         each.machine().enter("insmod", [&] {
-            if (each.may_be_misread && serves_nothing(each)) each.unload("ats");
+            // Loaded when the HCAs could not be listed, it serves none.
+            if (each.may_be_misread && each.read_control() == cli::json::array()) each.unload("ats");
             if (!each.is_live() && (in.what.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})
                 if (!each.machine().modules.is_loaded(module)) each.load(module);
