@@ -12,12 +12,12 @@ struct start_up : testing::TestWithParam<std::vector<int>> {
 
 TEST_P(start_up, leaves_nothing_behind_whatever_fails)
 {
-    for_every_failing_call([](uint64_t n) {
+    for_every_failing_call([](failing_calls which) {
         ats_world w;
         ats_host& host = w.add({.ports = GetParam()});
         for (size_t hca = 0; hca < GetParam().size(); ++hca) host.link_up(1, static_cast<int>(hca));
         kernel::load_result result;
-        const std::string failed = with_failing_call(host, n, [&] { result = host.try_load(); });
+        const failed_calls failed = with_failing_calls(host, which, [&] { result = host.try_load(); });
         w.at(300);
         if (result) host.unload();
         EXPECT_EQ(host.held(), "");
