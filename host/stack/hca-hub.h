@@ -36,8 +36,8 @@ class hca_hub final : public fabric::listener
         int times;
     };
     fabric::hca& adapter_;
-    semaphore changing_;              // held over listen(), so that its calls come in the order of the changes
-    std::mutex mutex_;                // guards attached_; held over the listeners
+    semaphore changing_; // held over listen(), so that its calls come in the order of the changes
+    std::mutex mutex_;   // guards attached_; held over the listeners
     std::vector<attached> attached_;
 };
 

@@ -73,7 +73,7 @@ class registry final : public kernel::service
     std::vector<subscription> followers_of(const std::string& path) const;
 
     kernel::machine& home_;
-    semaphore changes_; // held over set() with its callbacks, and to take a subscription back
+    semaphore changes_;        // held over set() with its callbacks, and to take a subscription back
     mutable std::mutex mutex_; // guards the rest; never held over a callback
     key_map keys_;
     std::map<rep_key_t, reference> open_;

@@ -13,7 +13,8 @@ struct kq_gid_t {
 };
 static_assert(sizeof(kq_gid_t) == 16 && offsetof(kq_gid_t, subnet) == 8);
 
-// How every GID is printed: `subnet` first, then `eui64`, each cast to unsigned long long. The argument is evaluated twice.
+// How every GID is printed: `subnet` first, then `eui64`, each cast to unsigned long long. The argument is evaluated
+// twice.
 #define KQ_GID_FORMAT "0x%016LX%016LX"
 #define KQ_GID_ARGS(gid) static_cast<unsigned long long>((gid).subnet), static_cast<unsigned long long>((gid).eui64)
 
