@@ -3,12 +3,13 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help build demo test test-all bench format check-format tidy coverage install clean
+.PHONY: help build demo test test-all campaign bench format check-format tidy coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
 	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
+	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: just once each)"
 	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
@@ -30,6 +31,11 @@ test-all:
 	$(MAKE) test PRESET=asan
 	$(MAKE) test PRESET=tsan
 	$(MAKE) test PRESET=release
+
+SEEDS ?= 1000
+HOURS ?= 0
+campaign: build
+	$(BUILD)/campaign/ats-campaign --seeds $(SEEDS) --hours $(HOURS)
 
 bench:
 	@scripts/install-dependencies bench
