@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help build demo test test-all campaign bench format check-format tidy coverage install clean
+.PHONY: help build demo test test-all test-threads campaign bench format check-format tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -37,6 +37,13 @@ HOURS ?= 0
 campaign: build
 	$(BUILD)/campaign/ats-campaign --seeds $(SEEDS) --hours $(HOURS)
 
+# What runs on real threads, under the thread sanitizer.
+test-threads:
+	@scripts/install-dependencies test
+	cmake --preset tsan
+	cmake --build --preset tsan --target test-kernel test-stack test-peers test-ats
+	ctest --preset tsan -E '_NOT_BUILT|^campaign$$'
+
 bench:
 	@scripts/install-dependencies bench
 	cmake --preset release
@@ -52,6 +59,11 @@ check-format:
 tidy:
 	cmake --preset clang
 	git ls-files 'ib-code/*.cpp' 'host/*.cpp' 'cli/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
+
+# The module alone, which is what continuous integration has the time for.
+tidy-module:
+	cmake --preset clang
+	git ls-files 'ib-code/*.cpp' | xargs -P 2 -n 3 clang-tidy --quiet -p build/clang
 
 coverage:
 	$(MAKE) test PRESET=coverage
