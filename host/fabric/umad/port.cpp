@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <bit>
+#include <thread>
 
 #include "host/fabric/umad/port-files.h"
 
@@ -14,6 +15,7 @@ namespace
 constexpr uint64_t first_look_ticks = 1000;
 constexpr uint64_t quiet_ms = 20; // at the end: nothing more is coming
 constexpr int most_drained = 4096;
+constexpr int looks_before_wait = 4;
 
 // A port is silent towards its SA when so many requests have gone out for so long without any answer. Less would
 // take a lost datagram for it, or an SA that is busy for a moment.
@@ -148,9 +150,19 @@ void port::run()
         watch_sa(now);
         const uint64_t due = watch_.next_due();
         device_.wait(due > now ? due - now : 0);
-        receive_all();
+        receive_while_busy(due);
     }
     drain();
+}
+
+// Where one answer comes in, more are likely to follow: to look again costs less than to sleep and to be woken.
+void port::receive_while_busy(uint64_t until)
+{
+    int idle = 0;
+    do {
+        idle = receive_all() ? 0 : idle + 1;
+        if (idle > 0) std::this_thread::yield();
+    } while (idle < looks_before_wait && !stopping_ && around_.exec.now() < until);
 }
 
 // A program under ibsim that ends while datagrams are on their way to it may hang in the simulator's exit handler.
@@ -165,16 +177,17 @@ void port::drain()
     device_.close();
 }
 
-void port::receive_all()
+bool port::receive_all()
 {
     constexpr int most_at_a_time = 64; // so that the watch has its turn
     device::packet arrived;
     for (int i = 0; i < most_at_a_time && device_.is_open(); ++i) {
         switch (device_.receive(arrived)) {
         case device::outcome::nothing:
-            return;
+            return i > 0;
         case device::outcome::gone:
-            return lose_device();
+            lose_device();
+            return false;
         case device::outcome::returned:
             take_returned(arrived);
             break;
@@ -183,6 +196,7 @@ void port::receive_all()
             break;
         }
     }
+    return true;
 }
 
 void port::take(device::packet& arrived)

@@ -71,7 +71,8 @@ class port
     // The port's task, and open() before it runs.
     void run();
     void drain();
-    void receive_all();
+    void receive_while_busy(uint64_t until);
+    bool receive_all(); // false: there was nothing
     void take(device::packet& arrived);
     void deliver(device::packet& arrived);
     void take_returned(device::packet& arrived);
