@@ -14,8 +14,7 @@ namespace test
 using namespace std::chrono_literals;
 using fabric_tools::process;
 
-inline const std::string host_probe = ATS_TEST_PROGRAMS "/host-probe";
-inline const std::string set_record = ATS_TEST_PROGRAMS "/set-record";
+inline const std::string host_probe = HOST_PROBE;
 
 // Sends a command and returns the line that answers it, "" if there is none.
 inline std::string ask(process& probe, const std::string& command, const std::string& answer)

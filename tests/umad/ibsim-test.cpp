@@ -140,9 +140,8 @@ TEST_F(real_fabric, survives_answers_that_are_none)
     const std::string broken = net->folder() + "/broken";
     const auto breaking = [&](const std::string& how) { std::ofstream(broken) << how; };
     breaking("");
-    const auto probe = start_probe("node1", {},
-                                   {"BROKEN_UMAD=" + broken, "LD_PRELOAD=" ATS_MODULE_DIR "/broken-umad.so:" +
-                                                                 fabric_tools::ibsim_fabric::library()});
+    const auto probe = start_probe(
+        "node1", {}, {"BROKEN_UMAD=" + broken, "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()});
     for (const char* how : {"short", "stray", "request", "short", "stray", "request"}) {
         breaking(how);
         probe->write_line("get 10.1.0.1");

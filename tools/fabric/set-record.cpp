@@ -24,11 +24,21 @@ constexpr uint32_t transaction = 0x5E7;
     std::exit(2);
 }
 
+// "fe80::1", or "0x" and 32 digits.
+bool parse_gid(const char* text, wire_gid_t& gid)
+{
+    if (inet_pton(AF_INET6, text, &gid) == 1) return true;
+    if (std::strlen(text) != 2 + 2 * sizeof gid) return false;
+    for (size_t i = 0; i < sizeof gid; ++i)
+        if (std::sscanf(text + 2 + 2 * i, "%2hhx", &gid.bytes[i]) != 1) return false;
+    return true;
+}
+
 sa_mad_v2_t make_request(bool remove, char** arguments)
 {
     ib_service_record_v2_t record{};
     record.service_id = to_wire(uint64_t{0x10000CE100415453});
-    if (inet_pton(AF_INET6, arguments[0], &record.service_gid) != 1) fail("the GID is not one");
+    if (!parse_gid(arguments[0], record.service_gid)) fail("the GID is not one");
     record.service_pkey = to_wire(static_cast<uint16_t>(std::strtoul(arguments[1], nullptr, 0)));
     std::strcpy(record.service_name, "DAPL Address Translation Service");
     if (!remove) {
