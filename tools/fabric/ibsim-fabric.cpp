@@ -91,7 +91,7 @@ std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std:
                                              const std::vector<std::string>& environment)
 {
     // ibsim's library keeps a folder of its own where a program is started.
-    const std::string own_folder = folder_ + "/" + name + "-" + std::to_string(++started_);
+    const std::string own_folder = new_file(name);
     files::create_directory(own_folder);
     std::vector<std::string> variables = environment;
     variables.insert(variables.end(), {"IBSIM_SOCKNAME=" + socket_name_, "SIM_HOST=" + node, "LD_PRELOAD=" + library(),

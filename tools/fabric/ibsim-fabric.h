@@ -63,6 +63,9 @@ class ibsim_fabric
 
     const std::string& folder() const { return folder_; }
 
+    // The name of a file in it that nothing else has.
+    std::string new_file(const std::string& name) { return folder_ + "/" + name + "-" + std::to_string(++started_); }
+
   private:
     std::string folder_;
     std::string socket_name_;

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace fabric_tools
 {
@@ -20,6 +21,9 @@ namespace
 {
 
 constexpr duration look_again = 2ms;
+
+volatile sig_atomic_t was_interrupted = 0;
+bool is_ending = false; // the wait was interrupted; destructors are at work and are let alone
 
 std::vector<char*> pointers_to(const std::vector<std::string>& texts)
 {
@@ -48,6 +52,7 @@ std::vector<std::string> whole_environment(const std::vector<std::string>& added
                          int input)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setpgid(0, 0);
     const int output = ::open(started.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
     const bool is_ready = getppid() == parent && output >= 0 && dup2(input, 0) == 0 && dup2(output, 1) == 1 &&
                           dup2(output, 2) == 2 && chdir(started.directory.c_str()) == 0;
@@ -57,10 +62,16 @@ std::vector<std::string> whole_environment(const std::vector<std::string>& added
 
 } // namespace
 
+void throw_when_interrupted()
+{
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, [](int) { was_interrupted = 1; });
+}
+
 bool wait_until(const std::function<bool()>& holds, duration longest)
 {
     const auto deadline = std::chrono::steady_clock::now() + longest;
     while (!holds()) {
+        if (was_interrupted && !std::exchange(is_ending, true)) throw interrupted();
         if (std::chrono::steady_clock::now() >= deadline) return holds();
         std::this_thread::sleep_for(look_again);
     }

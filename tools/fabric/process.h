@@ -18,6 +18,12 @@ using duration = std::chrono::milliseconds;
 // Looks again and again, every few milliseconds, until `holds` does. False: it did not in time.
 bool wait_until(const std::function<bool()>& holds, duration longest);
 
+// From now on SIGINT, SIGTERM and SIGHUP make the wait that is going on, or the next, throw `interrupted`, so that all
+// that was started is ended by destructors. Children are not reached by the terminal's signals.
+void throw_when_interrupted();
+struct interrupted {
+};
+
 struct command {
     std::vector<std::string> arguments;        // the program first, found as a shell finds it
     std::vector<std::string> environment = {}; // NAME=value, besides the parent's
@@ -54,7 +60,7 @@ class process
 
     void signal(int number) const;
 
-    // Asks it to end, and kills it if it does not.
+    // Asks it to end, and kills it if it does not. Its exit code as wait_end() tells it.
     std::optional<int> stop(duration longest = 10s);
 
   private:

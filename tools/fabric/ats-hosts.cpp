@@ -1,0 +1,92 @@
+#include "tools/fabric/ats-hosts.h"
+
+#include <algorithm>
+
+namespace fabric_tools
+{
+
+namespace
+{
+
+const std::string ats = ATS_PROGRAM;
+
+json parse(const std::string& text)
+{
+    json parsed = json::parse(text, nullptr, false);
+    return parsed.is_discarded() ? json() : parsed;
+}
+
+} // namespace
+
+std::string node_name(int number)
+{
+    return "node" + std::to_string(number);
+}
+
+std::string address_of(int number)
+{
+    return "10.0.0." + std::to_string(number);
+}
+
+std::vector<std::string> node_names(int count, std::vector<std::string> others)
+{
+    for (int i = 1; i <= count; ++i) others.push_back(node_name(i));
+    return others;
+}
+
+ats_host::ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more)
+    : net_(net), name_(node_name(number)), socket_(net.folder() + "/" + name_ + ".sock")
+{
+    std::vector<std::string> arguments = {ats,   "run",       "--fabric",         "umad",     "--name",
+                                          name_, "--address", address_of(number), "--socket", socket_};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    running_ = net.start(name_, name_, arguments);
+}
+
+bool ats_host::wait_serving(duration longest)
+{
+    return running_->wait_line("clients are served", longest).has_value();
+}
+
+// Clients are not on the fabric, and take no place there.
+json ats_host::ask(std::vector<std::string> command) const
+{
+    command.insert(command.begin(), ats);
+    command.insert(command.end(), {"--json", "--socket", socket_});
+    process client({.arguments = command, .output = net_.new_file("client")});
+    client.wait_end(60s);
+    return parse(client.output());
+}
+
+json ats_host::port() const
+{
+    const json status = ask({"status"});
+    const auto first = json::json_pointer("/hosts/0/hcas/0/ports/0");
+    return status.contains(first) ? status[first] : json::object();
+}
+
+json records_at_sa(ibsim_fabric& net, const std::string& node, const std::vector<std::string>& filter)
+{
+    std::vector<std::string> command = {ats, "sa", "show", "--real", "--json"};
+    command.insert(command.end(), filter.begin(), filter.end());
+    const json answer = parse(net.run(node, command));
+    return answer.is_object() ? answer.value("records", json()) : json();
+}
+
+int count_records(ibsim_fabric& net, const std::string& node)
+{
+    const json records = records_at_sa(net, node);
+    return records.is_array() ? static_cast<int>(records.size()) : -1;
+}
+
+std::vector<std::string> texts_of(const json& records)
+{
+    std::vector<std::string> texts;
+    for (const json& record : records)
+        texts.push_back(record.value("host_name", "") + " " + record.value("address", "") + " " +
+                        record.value("gid", ""));
+    std::ranges::sort(texts);
+    return texts;
+}
+
+} // namespace fabric_tools

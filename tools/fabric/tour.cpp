@@ -1,0 +1,217 @@
+// `make fabric`: real hosts on a simulated fabric under OpenSM, through what happens to a fabric in its life. Prints a
+// line for each thing, with what was seen and how long it took; the exit code is 1 when anything was not as it should
+// be.
+//   ats-fabric [HOSTS]
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "tools/fabric/ats-hosts.h"
+
+namespace
+{
+
+using namespace fabric_tools;
+using clock = std::chrono::steady_clock;
+
+constexpr int least_hosts = 2;
+constexpr int most_hosts = most_programs - 3; // an SM and two tools
+const std::string tool_node = "desk";
+
+class tour
+{
+  public:
+    explicit tour(int hosts) : count_(hosts), net_(node_names(hosts, {"sm", tool_node}))
+    {
+        std::printf("%-44s %-42s %10s\n", "WHAT HAPPENS", "WHAT IS SEEN", "AFTER");
+    }
+
+    void run()
+    {
+        start_sm("OpenSM starts");
+        start_hosts();
+        resolve_all();
+        lose_and_find_a_link();
+        restart_sm();
+        kill_a_host();
+        stop_hosts();
+    }
+
+    bool is_good() const { return is_good_; }
+
+  private:
+    // Does something and waits for what is to come of it.
+    template <class action_t>
+    void step(const std::string& what, const std::string& seen, const action_t& action,
+              const std::function<bool()>& holds)
+    {
+        const auto begin = clock::now();
+        action();
+        const bool is_seen = wait_until(holds, 60s);
+        const std::chrono::duration<double, std::milli> took = clock::now() - begin;
+        is_good_ = is_good_ && is_seen;
+        const std::string text = is_seen ? seen : "NOT SEEN: " + seen;
+        std::printf("%-44s %-42s %7.0f ms\n", what.c_str(), text.c_str(), took.count());
+        std::fflush(stdout);
+    }
+
+    void start_sm(const std::string& what)
+    {
+        step(
+            what, "the subnet is up", [&] { sm_ = net_.start_sm("sm"); },
+            [&] { return sm_->output().find("SUBNET UP") != std::string::npos; });
+    }
+
+    int records() { return count_records(net_, tool_node); }
+
+    void start_hosts()
+    {
+        const std::string all = std::to_string(count_);
+        step(
+            all + " hosts start", "the SA holds " + all + " records",
+            [&] {
+                for (int i = 1; i <= count_; ++i) hosts_.push_back(std::make_unique<ats_host>(net_, i));
+                for (const auto& host : hosts_) host->wait_serving();
+            },
+            [&] { return records() == count_; });
+        for (const auto& host : hosts_) {
+            gids_.push_back(host->port().value("gid", ""));
+        }
+    }
+
+    // Every host finds every other one in both directions. Which direction comes first changes, so that both are asked
+    // of the SA, and not of a cache that has learned from the other.
+    void resolve_all()
+    {
+        int right = 0, from_sa = 0;
+        const auto count = [&](const json& answers, const std::string& expected) {
+            const json answer = answers.is_array() && !answers.empty() ? answers[0] : json::object();
+            if (answer.value("found", "") != expected) return;
+            ++right;
+            if (answer.value("source", "") == "SA") ++from_sa;
+        };
+        const auto resolve = [&](int i, int j) { count(hosts_[i]->ask({"resolve", address_of(j + 1)}), gids_[j]); };
+        const auto reverse = [&](int i, int j) { count(hosts_[i]->ask({"reverse", gids_[j]}), address_of(j + 1)); };
+        const int wanted = 2 * count_ * (count_ - 1);
+        const auto all_pairs = [&] {
+            for (int i = 0; i < count_; ++i) {
+                for (int j = 0; j < count_; ++j) {
+                    if (i == j) continue;
+                    if ((i + j) % 2 == 0) resolve(i, j);
+                    reverse(i, j);
+                    if ((i + j) % 2 != 0) resolve(i, j);
+                }
+            }
+            seen_ = std::to_string(right) + " right, " + std::to_string(from_sa) + " of the SA";
+        };
+        const auto begin = clock::now();
+        all_pairs();
+        const std::chrono::duration<double, std::milli> took = clock::now() - begin;
+        is_good_ = is_good_ && right == wanted && from_sa >= wanted / 2;
+        std::printf("%-44s %-42s %7.0f ms\n", ("all find each other: " + std::to_string(wanted) + " questions").c_str(),
+                    seen_.c_str(), took.count());
+    }
+
+    void lose_and_find_a_link()
+    {
+        ats_host& host = *hosts_.front();
+        const auto state_is = [&](const std::string& state) {
+            return [&host, state] { return host.port().value("state", "") == state; };
+        };
+        const int received = host.port().value("received", 0);
+        step(
+            "node1's link is unplugged", "node1 has no active port", [&] { net_.unplug("node1"); }, state_is("Down"));
+        step(
+            "... and plugged again", "node1's port is active", [&] { net_.plug("node1"); }, state_is("Active"));
+        // The answers to a Delete and a Set.
+        step(
+            "", "node1 has registered anew", [] {}, [&] { return host.port().value("received", 0) >= received + 2; });
+    }
+
+    void restart_sm()
+    {
+        step(
+            "OpenSM ends", "it is gone", [&] { sm_->stop(); }, [&] { return sm_->has_ended(); });
+        start_sm("OpenSM starts again");
+        step(
+            "", "its SA knows nothing", [] {}, [&] { return records() == 0; });
+        step(
+            "hosts check their records (after a minute)", "the SA holds all records again", [] {},
+            [&] { return records() == count_; });
+    }
+
+    void kill_a_host()
+    {
+        ats_host& host = *hosts_.back();
+        const std::string name = host.name();
+        step(
+            name + " is killed without warning", "its record stays, for it has no end", [&] { host.kill(); },
+            [&] { return records() == count_; });
+        step(
+            name + " starts again", "one record, its own, is the SA's",
+            [&] {
+                hosts_.back() = std::make_unique<ats_host>(net_, count_);
+                hosts_.back()->wait_serving();
+            },
+            [&] {
+                return hosts_.back()->port().value("state", "") == "Active" &&
+                       records_at_sa(net_, tool_node, {"--name", name}).size() == 1;
+            });
+    }
+
+    void stop_hosts()
+    {
+        bool all_in_order = true;
+        step(
+            "all hosts stop", "the SA holds no record",
+            [&] {
+                for (const auto& host : hosts_) all_in_order = host->stop() == 0 && all_in_order;
+            },
+            [&] { return records() == 0; });
+        is_good_ = is_good_ && all_in_order;
+    }
+
+    const int count_;
+    ibsim_fabric net_;
+    std::unique_ptr<process> sm_;
+    std::vector<std::unique_ptr<ats_host>> hosts_;
+    std::vector<std::string> gids_;
+    std::string seen_;
+    bool is_good_ = true;
+};
+
+int show(int hosts)
+{
+    if (const std::string why = ibsim_fabric::missing(); !why.empty()) {
+        std::cerr << "ats-fabric: " << why << '\n';
+        return 2;
+    }
+    throw_when_interrupted();
+    try {
+        tour life(hosts);
+        life.run();
+        std::puts(life.is_good() ? "All was as it should be." : "Something was not as it should be.");
+        return life.is_good() ? 0 : 1;
+    } catch (const interrupted&) {
+        std::cerr << "ats-fabric: interrupted; everything is ended and removed\n";
+        return 130;
+    } catch (const std::exception& failed) {
+        std::cerr << "ats-fabric: " << failed.what() << '\n';
+        return 1;
+    }
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    const long hosts = count > 1 ? std::strtol(arguments[1], nullptr, 10) : least_hosts;
+    if (count > 2 || hosts < least_hosts || hosts > most_hosts) {
+        std::cerr << "usage: ats-fabric [HOSTS]\nHOSTS is " << least_hosts << " to " << most_hosts
+                  << ": ibsim takes no more than " << most_programs << " programs\n";
+        return 2;
+    }
+    return show(static_cast<int>(hosts));
+}
