@@ -1,0 +1,138 @@
+// Lookups by a whole host on its real port: IBAT asks ats, which asks the SA, and so back, with as many requests in
+// flight as for the yardstick of bare-lookups.
+//   ats-lookups OWN_ADDRESS LOOKUPS ADDRESS...
+// One request in flight for each of the addresses; two for the same would be joined. Prints the lookups per second.
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/fabric/umad/umad.h"
+#include "host/peers/ibat-exports.h"
+#include "host/world/host.h"
+#include "host/world/published.h"
+#include "host/world/resolution.h"
+#include "host/world/text.h"
+#include "kernel/sync.h"
+
+namespace
+{
+
+[[noreturn]] void fail(const std::string& why)
+{
+    std::fprintf(stderr, "ats-lookups: %s\n", why.c_str());
+    std::exit(2);
+}
+
+// Asks the SA for each address again as soon as it is answered.
+class asking
+{
+  public:
+    asking(kernel::machine& host, const std::vector<uint32_t>& addresses)
+        : refresh_(host, "ibat_refresh_fn"), questions_(addresses.size())
+    {
+        sema_init(&answered_, 0);
+        for (size_t i = 0; i < addresses.size(); ++i) questions_[i] = {this, addresses[i]};
+    }
+
+    void run(uint64_t wanted)
+    {
+        for (question& each : questions_) ask(each);
+        uint64_t asked = questions_.size();
+        for (uint64_t done = 0; done < wanted; ++done) {
+            down(&answered_);
+            question* next = nullptr;
+            {
+                const std::lock_guard lock(mutex_);
+                next = free_.back();
+                free_.pop_back();
+            }
+            if (asked < wanted) {
+                ask(*next);
+                ++asked;
+            }
+        }
+    }
+
+    uint64_t wrong() const { return wrong_; }
+
+  private:
+    struct question {
+        asking* owner = nullptr;
+        uint32_t ip = 0;
+    };
+
+    void ask(question& about)
+    {
+        if ((*refresh_)(about.ip, take, &about) != ibat_stat_pending) fail("a request was refused");
+    }
+
+    static void take(ibat_stat_t status, ibat_arp_data_t*, void* context)
+    {
+        auto& answered = *static_cast<question*>(context);
+        asking& self = *answered.owner;
+        if (status != ibat_stat_ok) ++self.wrong_;
+        {
+            const std::lock_guard lock(self.mutex_);
+            self.free_.push_back(&answered);
+        }
+        up(&self.answered_);
+    }
+
+    const world::published<ibat_refresh_fn_t> refresh_;
+    std::vector<question> questions_;
+    semaphore answered_;
+    std::mutex mutex_;
+    std::vector<question*> free_;
+    std::atomic<uint64_t> wrong_{0};
+};
+
+// Empty once the host finds the first of the addresses.
+std::string wait_ready(kernel::machine& host, uint32_t first)
+{
+    constexpr int tries = 20;
+    std::string why;
+    for (int i = 0; i < tries; ++i) {
+        const world::resolution found = world::resolve_address(host, first, world::ask::sa_only);
+        if (found.status == ibat_stat_ok) return "";
+        why = found.why;
+        host.enter("bench", [] { schedule_timeout_uninterruptible(100); });
+    }
+    return why;
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    if (count < 4) fail("expected OWN_ADDRESS LOOKUPS ADDRESS...");
+    std::vector<uint32_t> addresses;
+    for (int i = 3; i < count; ++i) {
+        const auto ip = world::parse_ipv4(arguments[i]);
+        if (!ip) fail(std::string(arguments[i]) + " is no IPv4 address");
+        addresses.push_back(*ip);
+    }
+    const uint64_t wanted = std::strtoull(arguments[2], nullptr, 10);
+    if (wanted < addresses.size()) fail("expected more lookups than addresses");
+
+    const auto exec = kernel::make_threaded_executor();
+    const umad::opened opened = umad::open(*exec, {});
+    if (!opened.fabric) fail(opened.why);
+    const world::host_plan plan{.name = "bench", .hcas = {}, .modules = world::usual_modules("bench", arguments[1])};
+    world::host host(*exec, opened.fabric->hcas(), plan, ATS_MODULE_DIR, 0);
+    if (const kernel::load_result loaded = host.load(); !loaded) fail(loaded.why);
+    if (const std::string why = wait_ready(host.machine(), addresses.front()); !why.empty()) fail(why);
+
+    std::chrono::duration<double> took{};
+    uint64_t wrong = 0;
+    host.machine().enter("bench", [&] {
+        asking questions(host.machine(), addresses);
+        const auto begin = std::chrono::steady_clock::now();
+        questions.run(wanted);
+        took = std::chrono::steady_clock::now() - begin;
+        wrong = questions.wrong();
+    });
+    std::printf("%.0f lookups/s (%llu wrong)\n", static_cast<double>(wanted) / took.count(),
+                static_cast<unsigned long long>(wrong));
+    return wrong == 0 ? 0 : 1;
+}

@@ -1,0 +1,180 @@
+// The figures of a real fabric, all on one simulated one under one OpenSM: lookups of a whole host against a bare
+// libibumad loop and against saquery, and how long records take to stand.
+//   fabric-bench [LOOKUPS]
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "tools/fabric/ats-hosts.h"
+
+namespace
+{
+
+using namespace fabric_tools;
+using clock = std::chrono::steady_clock;
+
+constexpr int window = 16;
+constexpr int rounds = 5; // of each figure the median counts
+constexpr int hosts = most_programs - 3;
+constexpr int first_target = 101; // 10.0.0.101 onwards are the addresses that are looked up
+const std::string asker = "asker", sm_node = "sm";
+
+std::string target_address(int i)
+{
+    return address_of(first_target + i);
+}
+
+double milliseconds_since(clock::time_point begin)
+{
+    return std::chrono::duration<double, std::milli>(clock::now() - begin).count();
+}
+
+double median(std::vector<double> figures)
+{
+    std::ranges::sort(figures);
+    return figures[figures.size() / 2];
+}
+
+[[noreturn]] void fail(const std::string& why)
+{
+    throw std::runtime_error(why);
+}
+
+std::vector<std::string> node_list()
+{
+    std::vector<std::string> nodes = node_names(hosts, {sm_node, asker});
+    for (int i = 0; i < window; ++i) nodes.push_back("target" + std::to_string(i));
+    return nodes;
+}
+
+class bench
+{
+  public:
+    explicit bench(std::string lookups) : lookups_(std::move(lookups)), net_(node_list()) {}
+
+    void run()
+    {
+        start_sm();
+        set_targets();
+        measure_lookups();
+        measure_registrations();
+    }
+
+  private:
+    void start_sm()
+    {
+        sm_ = net_.start_sm(sm_node);
+        if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
+    }
+
+    // Another client of the SA registers what is looked up, under the GIDs of nodes where nothing runs.
+    void set_targets()
+    {
+        for (int i = 0; i < window; ++i) {
+            const std::string node = "target" + std::to_string(i);
+            const std::string guid = net_.run(node, {"ibstat", "-p"}); // "0x", 16 digits and a line end
+            if (guid.size() != 19) fail("ibstat tells no port GUID of " + node + ": " + guid);
+            const std::string gid = "0xFE80000000000000" + guid.substr(2, 16);
+            if (net_.run(asker, {SET_RECORD, gid, "0xFFFF", target_address(i), node}) != "0x0000\n")
+                fail("no record of " + node + " with " + gid);
+        }
+    }
+
+    double rate(const std::vector<std::string>& command)
+    {
+        const std::string said = net_.run(asker, command);
+        if (said.find("lookups/s") == std::string::npos) fail(command.front() + ": " + said);
+        return std::atof(said.c_str() + said.rfind('\n', said.find("lookups/s")) + 1);
+    }
+
+    void measure_lookups()
+    {
+        std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};
+        for (int i = 0; i < window; ++i) ats.push_back(target_address(i));
+        std::vector<double> of_ats, of_bare, of_saquery;
+        for (int i = 0; i < rounds; ++i) { // in turns, so that what else the machine does befalls both
+            of_bare.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
+            of_ats.push_back(rate(ats));
+        }
+        constexpr int queries = 20;
+        const auto begin = clock::now();
+        for (int i = 0; i < queries; ++i) net_.run(asker, {"saquery", "SR"});
+        of_saquery.push_back(queries / milliseconds_since(begin) * 1000);
+
+        std::printf("lookups, %d in flight      %9.0f /s   ats\n", window, median(of_ats));
+        std::printf("                          %9.0f /s   a bare libibumad loop: ats reaches %.2f of it\n",
+                    median(of_bare), median(of_ats) / median(of_bare));
+        std::printf("                          %9.0f /s   saquery, once per lookup: ats is %.0f times as fast\n",
+                    median(of_saquery), median(of_ats) / median(of_saquery));
+        std::fflush(stdout);
+    }
+
+    void measure_registrations()
+    {
+        std::vector<std::unique_ptr<ats_host>> running;
+        for (int i = 1; i <= hosts; ++i) running.push_back(std::make_unique<ats_host>(net_, i));
+        for (const auto& host : running)
+            if (!host->wait_serving()) fail(host->output());
+        const auto registered = [&] {
+            const json records = records_at_sa(net_, asker);
+            return std::ranges::count_if(
+                records, [](const json& record) { return record.value("host_name", "").starts_with("node"); });
+        };
+        if (!wait_until([&] { return registered() == hosts; }, 60s)) fail("not all hosts register");
+
+        std::vector<double> after_link_up;
+        for (int i = 0; i < rounds; ++i) after_link_up.push_back(time_link_up(*running.front()));
+        std::printf("record after link-up      %9.0f ms   (a port is asked once a second)\n", median(after_link_up));
+
+        for (const auto& host : running) host->ask({"control", "sa_verify_period 1 1"});
+        for (const char* period : {"60 s, the default", "1 s"}) {
+            sm_->stop();
+            const auto begin = clock::now();
+            start_sm();
+            if (!wait_until([&] { return registered() == hosts; }, 120s)) fail("records do not come back");
+            std::printf("%d records after SM start  %9.0f ms   (records are checked every %s)\n", hosts,
+                        milliseconds_since(begin), period);
+        }
+        for (const auto& host : running)
+            if (host->stop() != 0) fail(host->output());
+    }
+
+    // From the plug in the socket to the record at the SA, which had lost it meanwhile.
+    double time_link_up(ats_host& host)
+    {
+        const std::string gid = host.port().value("gid", "");
+        net_.unplug(host.name());
+        if (!wait_until([&] { return host.port().value("state", "") == "Down"; }, 30s)) fail("the link stays up");
+        const auto own = [&] { return records_at_sa(net_, asker, {"--gid", gid}).size(); };
+        net_.run(asker, {SET_RECORD, "-d", gid, "0xFFFF"});
+        if (own() != 0) fail("the record cannot be removed");
+        const auto begin = clock::now();
+        net_.plug(host.name());
+        if (!wait_until([&] { return own() == 1; }, 60s)) fail("no record after link-up");
+        return milliseconds_since(begin);
+    }
+
+    const std::string lookups_;
+    ibsim_fabric net_;
+    std::unique_ptr<process> sm_;
+};
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    if (const std::string why = ibsim_fabric::missing(); !why.empty()) {
+        std::printf("no figures of a real fabric: %s\n", why.c_str());
+        return 0;
+    }
+    throw_when_interrupted();
+    try {
+        bench(count > 1 ? arguments[1] : "200000").run();
+        return 0;
+    } catch (const interrupted&) {
+        return 130;
+    } catch (const std::exception& failed) {
+        std::fprintf(stderr, "fabric-bench: %s\n", failed.what());
+        return 1;
+    }
+}
