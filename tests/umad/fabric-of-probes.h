@@ -47,7 +47,7 @@ struct fabric_of_probes : testing::Test {
     void SetUp() override
     {
         if (const std::string why = fabric_tools::ibsim_fabric::missing(); !why.empty()) GTEST_SKIP() << why;
-        net.emplace(std::vector<std::string>{"sm1", "sm2", "node1", "node2"});
+        net.emplace(std::vector<std::string>{"sm1", "sm2", "node1", "node2", "node3", "node4", "node5", "node6", "node7"});
     }
 
     // What a sanitizer finds in a program that is killed later is told nowhere else.

@@ -28,6 +28,11 @@ std::string address_of(int number)
     return "10.0.0." + std::to_string(number);
 }
 
+std::string ats_program()
+{
+    return ats;
+}
+
 std::vector<std::string> node_names(int count, std::vector<std::string> others)
 {
     for (int i = 1; i <= count; ++i) others.push_back(node_name(i));

@@ -18,6 +18,9 @@ std::string node_name(int number);
 std::string address_of(int number);
 std::vector<std::string> node_names(int count, std::vector<std::string> others);
 
+// The path of `ats`.
+std::string ats_program();
+
 class ats_host
 {
   public:
@@ -37,6 +40,7 @@ class ats_host
     std::string output() const { return running_->output(); }
     process& running() { return *running_; }
     const std::string& name() const { return name_; }
+    const std::string& folder() const { return running_->folder(); } // where it was started
 
     // Ends it in good order; its exit code.
     std::optional<int> stop() { return running_->stop(30s); }

@@ -78,7 +78,7 @@ bool wait_until(const std::function<bool()>& holds, duration longest)
     return true;
 }
 
-process::process(const command& started) : output_path_(started.output)
+process::process(const command& started) : folder_(started.directory), output_path_(started.output)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");

@@ -43,6 +43,7 @@ class process
     process& operator=(const process&) = delete;
 
     pid_t pid() const { return pid_; }
+    const std::string& folder() const { return folder_; }
 
     // To its stdin; a process that has ended does not read it.
     void write_line(const std::string& line);
@@ -64,6 +65,7 @@ class process
     std::optional<int> stop(duration longest = 10s);
 
   private:
+    const std::string folder_;
     const std::string output_path_;
     pid_t pid_ = -1;
     int stdin_ = -1;

@@ -18,6 +18,10 @@ constexpr int answer_wait_ms = 1000;
 constexpr int tries = 5; // OpenSM drops requests while it is busy
 constexpr uint32_t transaction = 0x5E7;
 
+// ServiceID, ServiceGID and ServiceName. OpenSM looks at the P_Key without being told to; told to, it refuses when the
+// port of the GID is gone.
+constexpr uint64_t by_identifier = 0x43;
+
 [[noreturn]] void fail(const char* what)
 {
     std::fprintf(stderr, "set-record: %s\n", what);
@@ -60,7 +64,7 @@ sa_mad_v2_t make_request(bool remove, char** arguments)
     mad.hdr.m.method = remove ? MAD_METHOD_DELETE : MAD_METHOD_SET;
     mad.hdr.transact_id = to_wire(uint64_t{transaction});
     mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
-    mad.component_mask = to_wire(remove ? uint64_t{0x47} : UINT64_MAX);
+    mad.component_mask = to_wire(remove ? by_identifier : UINT64_MAX);
     std::memcpy(mad.payload, &record, sizeof record);
     return mad;
 }
