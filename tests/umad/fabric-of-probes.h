@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <iostream>
 #include <sstream>
 
 #include "tools/fabric/ibsim-fabric.h"
@@ -47,13 +48,15 @@ struct fabric_of_probes : testing::Test {
     void SetUp() override
     {
         if (const std::string why = fabric_tools::ibsim_fabric::missing(); !why.empty()) GTEST_SKIP() << why;
-        net.emplace(std::vector<std::string>{"sm1", "sm2", "node1", "node2", "node3", "node4", "node5", "node6", "node7"});
+        net.emplace(
+            std::vector<std::string>{"sm1", "sm2", "node1", "node2", "node3", "node4", "node5", "node6", "node7"});
     }
 
     // What a sanitizer finds in a program that is killed later is told nowhere else.
     void TearDown() override
     {
         if (!net) return;
+        if (HasFailure()) std::cerr << "ibsim said:\n" << net->output();
         for (const auto& file : std::filesystem::recursive_directory_iterator(net->folder())) {
             if (file.path().filename() != "out") continue;
             std::ostringstream said;

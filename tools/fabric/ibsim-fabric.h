@@ -62,6 +62,7 @@ class ibsim_fabric
     void lose(const std::string& node, int percent);
 
     const std::string& folder() const { return folder_; }
+    std::string output() const { return ibsim_->output(); } // of ibsim
 
     // The name of a file in it that nothing else has.
     std::string new_file(const std::string& name) { return folder_ + "/" + name + "-" + std::to_string(++started_); }

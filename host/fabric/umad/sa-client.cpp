@@ -20,7 +20,7 @@ namespace
 using clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr size_t window = 16;
+constexpr size_t window = 8;          // sockets under ibsim hold ten, and more are lost
 constexpr milliseconds patience(250); // then a request is sent again
 constexpr int most_tries = 12;
 constexpr size_t longest_answer = 1 << 20; // some thousand records
