@@ -3,14 +3,16 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help build demo test test-all test-threads campaign bench format check-format tidy tidy-module coverage install clean
+.PHONY: help build demo fabric package test test-all test-threads campaign bench format check-format tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
 	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
 	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: just once each)"
-	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts"
+	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, through what a fabric goes through (HOSTS=2..7)"
+	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts, a real fabric"
+	@echo "make package   a package for Debian, in build/release"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
 build:
@@ -20,6 +22,16 @@ build:
 
 demo: build
 	@$(BUILD)/cli/ats demo
+
+HOSTS ?= 2
+fabric:
+	@scripts/install-dependencies test
+	@$(MAKE) --no-print-directory build PRESET=release
+	@build/release/tools/ats-fabric $(HOSTS)
+
+package:
+	@$(MAKE) --no-print-directory build PRESET=release
+	cd build/release && cpack
 
 test:
 	@scripts/install-dependencies test
@@ -49,6 +61,7 @@ bench:
 	cmake --preset release
 	cmake --build --preset release
 	build/release/bench/ats-bench
+	test ! -x build/release/bench/fabric-bench || build/release/bench/fabric-bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
