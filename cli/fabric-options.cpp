@@ -22,6 +22,7 @@ void tell(const std::string& line)
 
 void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option* hosts, CLI::Option* config)
 {
+    options.hosts = hosts;
     auto* kind = command
                      .add_option("--fabric", options.kind,
                                  "embedded: hosts on a fabric inside the program (default); umad: this machine on its "
@@ -60,6 +61,9 @@ bool wants_real_host(const fabric_options& options)
 world_config with_fabric(world_config given, const fabric_options& options)
 {
     if (wants_real_host(options)) {
+        if (options.hosts->count() > 0)
+            throw failure(exit_usage,
+                          "--hosts is for the embedded fabric: on a real one there is one host, this machine");
         if (!world::parse_ipv4(options.address))
             throw failure(exit_usage, options.address.empty()
                                           ? "a host on a real fabric needs its address: add --address, as in "

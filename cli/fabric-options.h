@@ -18,6 +18,7 @@ struct fabric_options {
     std::string capture;
     std::string sa_delete_pkey = "auto";
     int port_interval_ms = 1000;
+    const CLI::Option* hosts = nullptr; // the command's
 };
 
 // `hosts` and `config` are the options of the command that make no sense together with a real host's.
