@@ -13,7 +13,8 @@ namespace kernel
 {
 
 enum class choice_point {
-    stop,         // the task that ran has stopped: one of those that are ready goes on, 0 being ready the longest
+    stop,         // the task that ran has stopped: one of those that are ready goes on; 0 is ready the longest, and
+                  // those that were preempted come last
     switch_point, // 0 is the running task, which could go on; the others are as above
 };
 
@@ -37,7 +38,8 @@ class random_schedule final : public schedule
     std::mt19937_64 dice_;
 };
 
-// Every order that deviates at most so many times from "who runs goes on, and then first come, first served". A
+// Every order that deviates at most so many times from "who runs goes on, and then first come, first served". A task
+// that is preempted waits until nobody else can run, so that one deviation lets a whole chain of others overtake it. A
 // scenario runs again and again, each time in a new simulation with this schedule, until next() finds no order that was
 // not tried:
 //

@@ -100,12 +100,16 @@ class simulated_executor final : public simulation
 
     void switch_point() override
     {
-        if (!options_.order || (ready_.empty() && spinning_.empty())) return;
+        if (!options_.order) return;
         fiber_task* self = running();
         if (!self) return;
         others_may_go_on();
-        if (const size_t chosen = options_.order->choose(ready_.size() + 1, choice_point::switch_point))
-            give_way(*self, ready_.take(chosen - 1));
+        if (ready_count() == 0) return;
+        if (const size_t chosen = options_.order->choose(ready_count() + 1, choice_point::switch_point)) {
+            fiber_task* next = take_ready(chosen - 1);
+            preempted_.push(self);
+            go_on(*self, next);
+        }
     }
 
     void relax() override
@@ -242,12 +246,14 @@ class simulated_executor final : public simulation
     void yield(fiber_task& self)
     {
         others_may_go_on();
-        if (!ready_.empty()) give_way(self, take_ready());
+        if (ready_count() == 0) return;
+        fiber_task* next = choose_ready();
+        ready_.push(&self);
+        go_on(self, next);
     }
 
-    void give_way(fiber_task& self, fiber_task* next)
+    void go_on(fiber_task& self, fiber_task* next)
     {
-        ready_.push(&self);
         set_current_task(next);
         fiber::switch_between(self.thread, next->thread);
     }
@@ -255,24 +261,31 @@ class simulated_executor final : public simulation
     // Goes on with a ready task, or with the thread from outside when there is none, or when what it awaits is here.
     void switch_away(fiber_task& self)
     {
-        const bool to_outside = ready_.empty() || (awaited_ && awaited_->state == task_state::ended);
-        fiber_task* next = to_outside ? nullptr : take_ready();
+        const bool to_outside = ready_count() == 0 || (awaited_ && awaited_->state == task_state::ended);
+        fiber_task* next = to_outside ? nullptr : choose_ready();
         if (next == &self) return;
         set_current_task(next);
         fiber::switch_between(self.thread, next ? next->thread : outside_, self.state == task_state::ended);
     }
 
-    fiber_task* take_ready()
+    size_t ready_count() const { return ready_.size() + preempted_.size(); }
+
+    fiber_task* take_ready(size_t index)
     {
-        if (!options_.order || ready_.size() == 1) return ready_.take_first();
-        return ready_.take(options_.order->choose(ready_.size(), choice_point::stop));
+        return index < ready_.size() ? ready_.take(index) : preempted_.take(index - ready_.size());
+    }
+
+    fiber_task* choose_ready()
+    {
+        const bool is_open = options_.order && ready_count() > 1;
+        return take_ready(is_open ? options_.order->choose(ready_count(), choice_point::stop) : 0);
     }
 
     // From outside: runs what is ready. False when nothing was.
     bool run_ready()
     {
-        if (ready_.empty()) return false;
-        fiber_task* next = take_ready();
+        if (ready_count() == 0) return false;
+        fiber_task* next = choose_ready();
         set_current_task(next);
         fiber::switch_between(outside_, next->thread);
         return true;
@@ -310,7 +323,8 @@ class simulated_executor final : public simulation
     fiber_stack_pool stacks_;
     std::list<fiber_task*> tasks_;
     ready_queue<fiber_task> ready_;
-    ready_queue<fiber_task> spinning_; // not ready before another task has run
+    ready_queue<fiber_task> preempted_; // ready too, but behind those
+    ready_queue<fiber_task> spinning_;  // not ready before another task has run
     deadline_map deadlines_;
     const fiber_task* awaited_ = nullptr; // whose end the thread from outside is waiting for
 };
