@@ -159,7 +159,7 @@ void ats_proc_cmd_delete_ip(int argc, char** argv)
     }
     ats_context_t* ats = &ats_cntx[0];
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) ats->ib_ports[i].port_ipaddr = ip;
-    ++ats->identity_changes;
+    ats_sa_wait_for_restores(ats);
     (void)ats_sa_send_service_rec_set_get_del_mad(ats, ATS_DEL_SR_OP, nullptr, 0, 0, 0);
 }
 

@@ -33,15 +33,12 @@ unsigned long calc_verify_timeout()
 
 void restore_registration(ats_context_t* ats, const char* operation)
 {
-    // One Set, as a rule. If the identity changes while it is encoded and posted, it may be the old identity's and yet
-    // follow the Set of the new one: then another one has to go, and the last to go is right.
-    int32_t ret;
-    uint32_t changes;
-    do {
-        changes = ats->identity_changes;
-        ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
-        ++ats->sets_tried;
-    } while (ret == 0 && ats->identity_changes != changes);
+    // Nothing here may sleep for `ats_sem`. Who registers anew, for another port or another identity, waits for this
+    // Set to be posted, so that its own Delete and Set come behind.
+    ++ats->restores_running;
+    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    ++ats->sets_tried;
+    --ats->restores_running;
     if (ret != 0) ATS_TRACE_AS(operation, ZR_DEBUG, "Can't start SA set of service record   ret=%d\n", ret);
 }
 

@@ -126,8 +126,15 @@ void ats_sa_wait_for_delete_answer(ats_context_t* ats)
         &ats->delete_resp_wq, [ats] { return ats->resp_recv != 0; }, ATS_DELETE_WAIT_TICKS);
 }
 
+void ats_sa_wait_for_restores(ats_context_t* ats)
+{
+    // An exchange, so that the counter and what was changed before are seen in the same order by both sides.
+    while (ats->restores_running.fetch_add(0) != 0) schedule_timeout_uninterruptible(1);
+}
+
 int32_t ats_sa_set_new_sr(ats_context_t* ats)
 {
+    ats_sa_wait_for_restores(ats);
     bool answered = false;
     for (int32_t i = 0; i < delete_tries && !answered; ++i) {
         if (const int32_t ret = ats_sa_send_delete(ats); ret != 0) {

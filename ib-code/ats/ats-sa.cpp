@@ -114,7 +114,6 @@ void deregister_until_released(ats_port_ctx_t* port, const char* operation)
 void set_port_addresses(ats_context_t* ats, uint32_t port_ipaddr)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) ats->ib_ports[i].port_ipaddr = port_ipaddr;
-    ++ats->identity_changes;
 }
 
 void set_host_name(ats_context_t* ats, const char* host_name)
@@ -122,7 +121,6 @@ void set_host_name(ats_context_t* ats, const char* host_name)
     ats_host_name_t name{};
     memcpy(name.text, host_name, strnlen(host_name, sizeof name.text));
     ats->host_name.store(name);
-    ++ats->identity_changes;
 }
 
 int32_t ats_sa_do_update_ip(ats_context_t* ats, uint32_t port_ipaddr)

@@ -103,7 +103,7 @@ struct ats_context_t {
 
     std::atomic<uint32_t> deliveries;       // replies and time-outs on their way to IBAT and to requests' callbacks
     std::atomic<uint32_t> sets_tried;       // tells the stop of a Set that came behind its Deletes
-    std::atomic<uint32_t> identity_changes; // of what a Set carries; tells of one that a Set may have missed
+    std::atomic<uint32_t> restores_running; // Sets on their way that self-verification sends without `ats_sem`
 };
 
 // One request for the address of a GID. On the pending list until an answer or the request timer takes it off; who
@@ -200,6 +200,10 @@ int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 // `ats_sem` must not be held.
 int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
+
+// Sleeps until no Set of self-verification is on its way that may carry what the caller has just changed: the active
+// port or the identity. One that begins later carries the new.
+void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // ---- ats-misc ----
 
