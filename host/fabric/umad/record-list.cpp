@@ -176,8 +176,8 @@ void put_in_order(std::vector<ib_service_record_v2_t>& records)
         return bytes;
     };
     std::ranges::sort(records, {}, key);
-    const auto repeated = std::ranges::unique(records, {}, key);
-    records.erase(repeated.begin(), repeated.end());
+    const auto has_same_key = [&](const auto& left, const auto& right) { return key(left) == key(right); };
+    records.erase(std::unique(records.begin(), records.end(), has_same_key), records.end());
 }
 
 } // namespace
