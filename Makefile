@@ -3,13 +3,14 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help build demo fabric package test test-all test-threads campaign bench format check-format tidy tidy-module coverage install clean
+.PHONY: help build demo fabric package test test-all test-threads campaign fuzz bench format check-format tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
 	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
 	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: just once each)"
+	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, through what a fabric goes through (HOSTS=2..7)"
 	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make package   a package for Debian, in build/release"
@@ -55,6 +56,13 @@ test-threads:
 	cmake --preset tsan
 	cmake --build --preset tsan --target test-kernel test-stack test-peers test-ats
 	ctest --preset tsan -E '_NOT_BUILT|^campaign$$'
+
+SECONDS ?= 300
+fuzz:
+	@scripts/install-dependencies fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	scripts/fuzz $(SECONDS)
 
 bench:
 	@scripts/install-dependencies bench
