@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help build demo fabric package test test-all test-threads campaign fuzz bench format check-format tidy tidy-module coverage install clean
+.PHONY: help build demo fabric package test test-all test-threads campaign fuzz report bench format check-format tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -11,6 +11,7 @@ help:
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
 	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: just once each)"
 	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
+	@echo "make report    what campaigns, searches, coverage and measurements say, as docs/report.md with pictures"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, through what a fabric goes through (HOSTS=2..7)"
 	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make package   a package for Debian, in build/release"
@@ -63,6 +64,12 @@ fuzz:
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	scripts/fuzz $(SECONDS)
+
+report: build
+	@scripts/install-dependencies report
+	cmake --preset release && cmake --build --preset release --target test-ats ats-figures
+	cmake --preset coverage && cmake --build --preset coverage --target test-ats ats-campaign
+	scripts/report
 
 bench:
 	@scripts/install-dependencies bench

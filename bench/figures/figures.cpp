@@ -1,0 +1,203 @@
+// ats-figures: measures what docs/report.md shows, one JSON object a line. `scripts/report` runs it and draws.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <unistd.h>
+
+#include "bench/bench-world.h"
+#include "host/world/resolution.h"
+#include "host/world/text.h"
+#include "ib-code/ats/ats-sa-mad.cpp"
+
+std::atomic<int32_t> ATS_trace_level;
+std::atomic<int32_t> logger_trace_level;
+void ats_process_sa_reply(uint16_t, ats_context_t*) {}
+
+namespace
+{
+
+constexpr uint64_t second = 1000;
+
+double resident_bytes()
+{
+    size_t total = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+// Requests to the SA, by the second in which they are sent.
+class load_meter final : public fabric::tap
+{
+  public:
+    explicit load_meter(embedded::subnet& net) : net_(net) { net_.set_tap(this); }
+    ~load_meter() { net_.set_tap(nullptr); }
+
+    void crossed(uint64_t now_ticks, uint16_t, const fabric::address&, const fabric::mad_bytes& mad) override
+    {
+        if (!(mad[3] & MAD_METHOD_RESPONSE)) ++by_second_[now_ticks / second];
+    }
+
+    struct load {
+        double mean;
+        uint64_t peak;
+        std::string series; // "[0,3,...]"
+    };
+    load between(uint64_t from_second, uint64_t to_second) const
+    {
+        load found{0, 0, "["};
+        for (uint64_t at = from_second; at < to_second; ++at) {
+            const auto counted = by_second_.find(at);
+            const uint64_t count = counted == by_second_.end() ? 0 : counted->second;
+            found.mean += static_cast<double>(count) / static_cast<double>(to_second - from_second);
+            found.peak = std::max(found.peak, count);
+            found.series += (at > from_second ? "," : "") + std::to_string(count);
+        }
+        found.series += "]";
+        return found;
+    }
+
+  private:
+    embedded::subnet& net_;
+    std::map<uint64_t, uint64_t> by_second_;
+};
+
+void show_load(const char* name, const load_meter::load& load)
+{
+    std::printf("\"%s\":{\"mean\":%.2f,\"peak\":%llu,\"series\":%s}", name, load.mean,
+                static_cast<unsigned long long>(load.peak), load.series.c_str());
+}
+
+// So many hosts that start together, an hour later an SM that has lost all records and is somewhere else, several
+// times, and an SA that is silent for two minutes while every host asks for another.
+int scale(int hosts)
+{
+    const double before = resident_bytes();
+    bench_world world(hosts);
+    if (const std::string why = world.bring_up(); !why.empty()) return std::fprintf(stderr, "%s\n", why.c_str()), 1;
+    const double bytes_per_host = (resident_bytes() - before) / hosts;
+    load_meter meter(world.subnet);
+    const auto seconds_now = [&] { return world.sim->now() / second; };
+
+    world.sim->run_until(600 * second);
+    const load_meter::load first = meter.between(0, seconds_now());
+    world.sim->run_until(3600 * second);
+    const load_meter::load steady = meter.between(3000, seconds_now());
+
+    // At six moments between two of a host's checks: how long it takes depends on which.
+    uint64_t restart = 0, longest_ticks = 0, sum_ticks = 0;
+    constexpr int restarts = 6;
+    for (int i = 0; i < restarts; ++i) {
+        world.sim->run_for(130 * second);
+        restart = seconds_now();
+        world.subnet.forget_all();
+        if (!world.subnet.set_sm(static_cast<uint16_t>(40000 + i), 0)) return 1;
+        while (world.subnet.service_records().size() < static_cast<size_t>(hosts)) world.sim->run_for(100);
+        longest_ticks = std::max(longest_ticks, world.sim->now() - restart * second);
+        sum_ticks += world.sim->now() - restart * second;
+    }
+    world.sim->run_until((restart + 120) * second);
+    const load_meter::load restarted = meter.between(restart, restart + 120);
+
+    world.sim->run_until((restart + 200) * second);
+    world.subnet.faults.sa_silent = true;
+    std::vector<kernel::task*> askers;
+    for (const auto& host : world.hosts)
+        askers.push_back(&host->machine().start("asker", [&] {
+            world::resolve_address(host->machine(), *world::parse_ipv4("10.0.0.1"), world::ask::sa_only);
+        }));
+    world.sim->run_for(120 * second);
+    world.subnet.faults.sa_silent = false;
+    world.sim->run_for(120 * second);
+    for (kernel::task* each : askers) world.sim->join(*each);
+    const load_meter::load silent = meter.between(restart + 200, restart + 440);
+
+    std::printf("{\"hosts\":%d,\"kib_per_host\":%.1f,\"module_bytes\":%zu,\"converged_mean_s\":%.1f,"
+                "\"converged_longest_s\":%.1f,",
+                hosts, bytes_per_host / 1024, world.hosts[0]->machine().memory.bytes(),
+                static_cast<double>(sum_ticks) / restarts / second, static_cast<double>(longest_ticks) / second);
+    show_load("first", first), std::printf(",");
+    show_load("steady", steady), std::printf(",");
+    show_load("restart", restarted), std::printf(",");
+    show_load("silence", silent), std::printf("}\n");
+    return 0;
+}
+
+// Real threads and real time: how long a lookup takes that goes to the SA and back.
+int lookups(int count)
+{
+    const auto exec = kernel::make_threaded_executor();
+    embedded::subnet net(*exec);
+    world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
+    world::host host(*exec, net, plan, ATS_MODULE_DIR, 1);
+    if (!host.load() || !net.link_up("node1", "mthca0", 1)) return 1;
+    while (net.service_records().empty()) usleep(1000);
+    std::vector<uint64_t> took;
+    const auto begun = std::chrono::steady_clock::now();
+    for (int i = 0; i < count; ++i) {
+        const world::resolution answer =
+            world::resolve_address(host.machine(), *world::parse_ipv4("10.0.0.1"), world::ask::sa_only);
+        if (answer.status == ibat_stat_ok) took.push_back(answer.took_nanoseconds);
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+    std::ranges::sort(took);
+    std::printf("{\"lookups\":%zu,\"per_second\":%.0f,\"percentiles_us\":[", took.size(), count / seconds);
+    for (int percent = 1; percent <= 100; ++percent)
+        std::printf("%s%.1f", percent > 1 ? "," : "",
+                    static_cast<double>(took[(took.size() - 1) * static_cast<size_t>(percent) / 100]) / 1000);
+    std::printf("]}\n");
+    return 0;
+}
+
+// One step, so many times: a counter of instructions around the process tells what each costs, when it runs twice.
+int repeat(const std::string& step, int count)
+{
+    if (step == "encode" || step == "decode") {
+        static ats_context_t context{};
+        static gsi_dtgrm_t datagram{};
+        context.ib_ports[0].ats_context = &context;
+        for (int i = 0; i < (step == "encode" ? count : 1); ++i)
+            encode(&datagram, &context, &context.ib_ports[0], ATS_SET_SR_OP, nullptr, 1, 0, 0);
+        for (int i = 0; i < (step == "decode" ? count : 0); ++i)
+            ats_sa_gsi_decode_recv_dtgrm(&context.ib_ports[0], &datagram);
+        return 0;
+    }
+    bench_world world(2);
+    fabric::hca& stranger = world.subnet.add_hca("stranger", "mthca0", 1);
+    if (!world.bring_up().empty() || !world.subnet.link_up("stranger", "mthca0", 1)) return 1;
+    kernel::machine& host = world.hosts[0]->machine();
+    const uint32_t other = *world::parse_ipv4("10.0.0.2");
+    fabric::mad_bytes answer{1, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, MAD_METHOD_GET | MAD_METHOD_RESPONSE};
+    answer[17] = SA_ATTR_SERVICE_RECORD;
+    answer[64] = answer[183] = 1; // a GID and an address
+    world.subnet.faults.sa_silent = step == "send";
+    for (int i = 0; i < count; ++i) {
+        if (step == "receive") {
+            stranger.send(1, {.lid = 2}, answer);
+            world.sim->settle();
+        } else if (step == "send") { // a control command that sends one request, which nobody answers
+            host.enter("writer", [&] { host.proc.write("dorvex/ats/control", "delete_ip 10.0.0.1"); });
+            world.sim->settle();
+        } else if (world::resolve_address(host, other, world::ask::sa_only).status != ibat_stat_ok) {
+            return std::fprintf(stderr, "lookup %d failed\n", i), 1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string what = argc > 1 ? argv[1] : "";
+    const int count = argc > 2 ? std::atoi(argv[2]) : 0;
+    if (what == "scale" && count > 0) return scale(count);
+    if (what == "lookups" && count > 0) return lookups(count);
+    for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
+        if (what == step && count > 0) return repeat(what, count);
+    std::fprintf(stderr, "usage: ats-figures scale HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
+    return 2;
+}
