@@ -51,7 +51,7 @@ inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t 
     mad.hdr.m.method = method & 0x7F;
     mad.hdr.attrib_id = std::bit_cast<uint16_t>(to_wire(attribute));
     mad.component_mask = to_wire(component_mask);
-    std::memcpy(mad.payload, payload, std::min(payload_size, sizeof mad.payload));
+    if (payload_size > 0) std::memcpy(mad.payload, payload, std::min(payload_size, sizeof mad.payload));
     return mad;
 }
 
