@@ -79,6 +79,7 @@ class ats_process
         pointers.push_back(nullptr);
         pid_ = fork();
         if (pid_ != 0) return;
+        signal(SIGINT, SIG_DFL); // a test in the background of a shell is told to ignore it
         if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr)) _exit(126);
         execv(pointers[0], pointers.data());
         _exit(127);
