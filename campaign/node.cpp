@@ -22,7 +22,7 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
     plan.name = "node" + std::to_string(number);
     plan.hcas.clear();
     for (int i = 0; i < shape.hcas; ++i) plan.hcas.push_back({"mthca" + std::to_string(i), shape.ports});
-    plan.trace_level = shape.traces ? world::trace_level_debug : world::trace_level_error;
+    plan.trace_level = shape.trace_level;
     return plan;
 }
 
@@ -45,7 +45,7 @@ node::node(arena& at, size_t its_number, const host_shape& shape)
       harm_(std::make_unique<harm_watch>())
 {
     hcas = machine().hcas();
-    if (shape.traces)
+    if (shape.trace_level >= world::trace_level_debug)
         for (const fabric::hca* each : hcas) {
             std::array<fabric::gid_bytes, 2> gids{};
             for (int port = 1; port <= each->port_count(); ++port)

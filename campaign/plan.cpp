@@ -37,7 +37,10 @@ std::vector<host_shape> draw_hosts(dice& roll)
         host.hcas = roll.one_in(4) ? 2 : 1;
         host.ports = roll.one_in(3) ? 1 : 2;
         host.has_watching_ucm = roll.one_in(3);
-        host.traces = traces && &host - hosts.data() < 3;
+        if (traces && &host - hosts.data() < 3)
+            host.trace_level = roll.one_in(4) ? 5 : 4;
+        else
+            host.trace_level = roll.one_in(6) ? 0 : 1;
     }
     return hosts;
 }
@@ -56,13 +59,20 @@ uint32_t draw_kind(dice& roll, harm worst)
     }
 }
 
-// Half of the acts follow closely on one another, and some of the others fall on or beside the ticks of the request
-// timers.
-uint64_t draw_tick(dice& roll, uint64_t last_tick, uint64_t end_tick)
+// When and where an act happens. Half of them follow closely on the one before, and mostly at the same host; some of
+// the others fall on or beside the ticks of the request timers.
+void place(act& placed, dice& roll, const act* last, const plan& in)
 {
-    if (roll.one_in(2)) return last_tick + (roll.one_in(2) ? 0 : roll.below(cluster_ticks));
-    const uint64_t tick = roll.below(end_tick);
-    return roll.one_in(2) ? tick : (tick / request_timer_ticks + 1) * request_timer_ticks - 1 + roll.below(3);
+    placed.host = static_cast<uint32_t>(roll.below(in.hosts.size()));
+    if (last && roll.one_in(2)) {
+        placed.begin_tick = last->begin_tick + (roll.one_in(2) ? 0 : roll.below(cluster_ticks));
+        if (!roll.one_in(3)) placed.host = last->host;
+    } else {
+        placed.begin_tick = roll.below(in.faults_end_tick);
+        if (roll.one_in(2))
+            placed.begin_tick += request_timer_ticks - placed.begin_tick % request_timer_ticks - 1 + roll.below(3);
+    }
+    placed.begin_tick = std::min(placed.begin_tick, in.faults_end_tick);
 }
 
 } // namespace
@@ -74,19 +84,14 @@ plan draw_plan(uint64_t seed)
     drawn.faults_end_tick = shortest_run + roll.below(longest_run - shortest_run);
     const harm worst = !roll.one_in(3) ? harm::network : !roll.one_in(3) ? harm::host : harm::none;
     const size_t count = 50 + roll.below(50 + 20 * drawn.hosts.size());
-    uint64_t tick = 0;
     for (size_t i = 0; i < count; ++i) {
-        tick = draw_tick(roll, tick, drawn.faults_end_tick);
-        const uint32_t kind = draw_kind(roll, worst);
-        const uint64_t length = act_kinds[kind].longest_ticks;
+        act next{.kind = draw_kind(roll, worst), .a = roll.bits(), .b = roll.bits()};
+        place(next, roll, drawn.acts.empty() ? nullptr : &drawn.acts.back(), drawn);
+        const uint64_t longest = act_kinds[next.kind].longest_ticks;
         // Short ones are as likely as long ones.
-        const uint64_t lasts = length > 0 ? 1 + roll.below(1 + (length >> roll.below(12))) : 0;
-        drawn.acts.push_back({.begin_tick = std::min(tick, drawn.faults_end_tick),
-                              .end_tick = std::min(tick + lasts, drawn.faults_end_tick),
-                              .kind = kind,
-                              .host = static_cast<uint32_t>(roll.below(drawn.hosts.size())),
-                              .a = roll.bits(),
-                              .b = roll.bits()});
+        const uint64_t lasts = longest > 0 ? 1 + roll.below(1 + (longest >> roll.below(12))) : 0;
+        next.end_tick = std::min(next.begin_tick + lasts, drawn.faults_end_tick);
+        drawn.acts.push_back(next);
     }
     std::ranges::stable_sort(drawn.acts, {}, &act::begin_tick);
     return drawn;

@@ -19,12 +19,12 @@ enum class harm {
 };
 
 struct act {
-    uint64_t begin_tick;
-    uint64_t end_tick;
-    uint32_t kind; // index into act_kinds
-    uint32_t host; // each kind makes of these what it needs
-    uint32_t a;
-    uint32_t b;
+    uint64_t begin_tick = 0;
+    uint64_t end_tick = 0;
+    uint32_t kind = 0; // index into act_kinds
+    uint32_t host = 0; // each kind makes of these what it needs
+    uint32_t a = 0;
+    uint32_t b = 0;
 };
 
 struct act_kind {
@@ -41,7 +41,7 @@ struct host_shape {
     int hcas;
     int ports;
     bool has_watching_ucm; // see watching-ucm.h
-    bool traces;           // at the debug level, and is compared with the model
+    int trace_level;       // from 4, debug, on it is compared with the model
 };
 
 struct plan {
