@@ -97,7 +97,7 @@ inline bool module_proc_str_create(version_path_t* path, const char* module_name
 // A /proc read handler.
 inline int version_read_proc(char* page, char** start, off_t off, int count, int* eof, void*)
 {
-    strcpy(page, module_banner ? module_banner : "Error\n");
+    snprintf(page, PROC_PAGE_SIZE, "%s", module_banner ? module_banner : "Error\n");
     const off_t length = static_cast<off_t>(strlen(page));
     if (length <= off + count) *eof = 1;
     *start = page + off;

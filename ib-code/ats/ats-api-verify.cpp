@@ -17,7 +17,7 @@ namespace
 constexpr int64_t ticks_per_second = HZ;
 constexpr unsigned long off_ticks = 60 * HZ; // how often to see whether verification has been switched on
 constexpr size_t ipaddr_text_size = 30;
-constexpr int64_t whole_skew = 100 * 255; // a skew of 100 percent, for the largest random byte
+constexpr int64_t whole_skew = int64_t{100} * 255; // a skew of 100 percent, for the largest random byte
 
 // The tick of the next check: a period, lengthened at random by up to the skew, so that hosts drift apart.
 unsigned long calc_verify_timeout()
