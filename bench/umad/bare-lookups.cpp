@@ -119,6 +119,7 @@ int main(int count, char** arguments)
 
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
+    umad_release_port(&port); // only its P_Keys go
     lookups made;
     made.port = umad_open_port(port.ca_name, port.portnum);
     if (made.port < 0 || umad_size() != sizeof(ib_user_mad_t)) fail("cannot open the port");

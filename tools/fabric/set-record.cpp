@@ -79,6 +79,7 @@ int main(int count, char** arguments)
 
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
+    umad_release_port(&port); // only its P_Keys go
     const int opened = umad_open_port(port.ca_name, port.portnum);
     if (opened < 0) fail("cannot open the port");
     const int agent = umad_register(opened, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
