@@ -10,7 +10,6 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t minute = 60'000;
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
 constexpr uint64_t request_timer_ticks = 1000;
 constexpr uint64_t cluster_ticks = 40; // about as long as the service waits for an answer

@@ -11,6 +11,8 @@ namespace campaign
 
 struct arena;
 
+constexpr uint64_t minute = 60'000; // ticks
+
 // How far the truth may suffer from an act while it lasts.
 enum class harm {
     none,

@@ -8,8 +8,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A, ip_d = 0x0400000A;
-
 TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
 {
     for (uint64_t start : {uint64_t{0}, uint64_t{0xFFFFFFFF} - 9'000}) {

@@ -8,8 +8,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A;
-
 // The ticks and statuses of an asker's callbacks.
 std::vector<std::pair<uint64_t, ibat_stat_t>> told(const asker& who)
 {

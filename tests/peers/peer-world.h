@@ -17,6 +17,8 @@ inline std::ostream& operator<<(std::ostream& out, const kq_gid_t& gid)
     return out << std::hex << gid.subnet << ":" << gid.eui64 << std::dec;
 }
 
+constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A, ip_d = 0x0400000A;
+
 class peer_world
 {
   public:

@@ -14,8 +14,6 @@ namespace
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr uint32_t ip_a = 0x0100000A;
-
 // A provider that keeps the callbacks it owes, so that a test makes them when it likes.
 struct scripted_provider {
     struct owed_callback {

@@ -13,7 +13,7 @@
 namespace
 {
 
-constexpr kq_request_event_record_t all_events{kq_async_even_all, nullptr};
+constexpr kq_request_event_record_t every_event{kq_async_even_all, nullptr};
 
 void hear_event(kq_event_record_st event)
 {
@@ -31,7 +31,7 @@ void start_talk_and_stop(size_t answers)
     client.then = [&](gsi_dtgrm_t*) {
         if (client.lines.size() % 3 == 0) client.post();
     };
-    ASSERT_EQ(kq_set_sleepable_async_event_cb(hca, &all_events, hear_event), kq_return_ok);
+    ASSERT_EQ(kq_set_sleepable_async_event_cb(hca, &every_event, hear_event), kq_return_ok);
     struct {
         timing_t timer;
         gsi_client* client;
@@ -126,7 +126,7 @@ TEST(stack_calls, fail_on_demand_and_leave_nothing_behind)
         {"kq_get_port_gid_tbl", [&] { return kq_get_port_gid_tbl(hca, 1, &count, &gid); }},
         {"kq_get_port_partition_tbl", [&] { return kq_get_port_partition_tbl(hca, 1, &count, &p_key); }},
         {"kq_set_sleepable_async_event_cb",
-         [&] { return kq_set_sleepable_async_event_cb(hca, &all_events, hear_event); }},
+         [&] { return kq_set_sleepable_async_event_cb(hca, &every_event, hear_event); }},
         {"gsi_register_class", [&] { return gsi_register_class(3, 2, &name, 1, 0, 0, put, put, nullptr, &handle); }},
         {"gsi_dtgrm_pool_create_named", [&] { return gsi_dtgrm_pool_create_named(1, &pool, "one"); }},
         {"gsi_dtgrm_pool_get", [&] { return gsi_dtgrm_pool_get(pool, &datagram); }},
