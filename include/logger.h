@@ -42,9 +42,10 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
 // Reads the level of a module from the registry key at `key_path` and subscribes to its changes. When the key or its
-// value is missing, says so in the log and leaves the level as it is, at 0 after loading. May sleep.
+// value is missing, says so in the log and sets the level to 0. May sleep.
 inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_level, rep_notifier_t* notifier)
 {
+    *module_level = 0;
     intptr_t level = 0;
     rep_key_t key;
     if (rep_open_key(rep_get_root(), key_path, REP_OPEN_EXISTING, &key) != 0) {

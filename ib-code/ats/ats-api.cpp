@@ -93,6 +93,10 @@ void ats_stop()
 
 ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat)
 {
+    ats->ibat_attach = nullptr;
+    ats->ibat_detach = nullptr;
+    ats->ibat_process_arp_data = nullptr;
+    ats->ibat_seq_cache_lookup = nullptr;
     if (const char* missing = get_ibat(ats, attach_ibat)) {
         ATS_ERROR("%s", missing);
         put_ibat(ats);

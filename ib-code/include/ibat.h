@@ -55,7 +55,7 @@ constexpr uint32_t IBAT_MASK_STATIC = 0x8000; // the answer is the receiving por
 constexpr uint16_t IBAT_ARP_REPLY = 2;
 
 // Exchanged by pointer between separately built modules: the layout is the interface.
-struct ibat_arp_data_t {
+struct ibat_arp_data {
     uint32_t mask;
     uint16_t arp_operation;
     uint32_t src_ip; // IPv4, network order
@@ -72,6 +72,7 @@ struct ibat_arp_data_t {
     ib_path_record_v2_t paths[3];
     void* context;
 };
+using ibat_arp_data_t = ibat_arp_data;
 static_assert(sizeof(ibat_arp_data_t) == 272);
 static_assert(offsetof(ibat_arp_data_t, mask) == 0 && offsetof(ibat_arp_data_t, arp_operation) == 4);
 static_assert(offsetof(ibat_arp_data_t, src_ip) == 8 && offsetof(ibat_arp_data_t, dst_ip) == 12);
