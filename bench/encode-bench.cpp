@@ -7,8 +7,6 @@
 std::atomic<int32_t> ATS_trace_level;
 std::atomic<int32_t> logger_trace_level;
 
-void ats_process_sa_reply(uint16_t, ats_context_t*) {}
-
 namespace
 {
 

@@ -1,4 +1,4 @@
-// The ServiceRecord datagram: its four requests, the decoding of replies, and the ways out and in.
+// The ServiceRecord datagram: its four requests, the decoding of replies, and how it is shown.
 #include "ats-sa.h"
 
 #include <cstring>
@@ -38,11 +38,6 @@ void ntoh(void* dest, const void* src, uint8_t Size)
     memcpy(static_cast<uint8_t*>(dest) + Size - sizeof first, &first, sizeof first);
 }
 
-sa_mad_v2_t& sa_mad_of(gsi_dtgrm_t* dtgrm)
-{
-    return *reinterpret_cast<sa_mad_v2_t*>(dtgrm->mad);
-}
-
 ib_service_record_v2_t& service_record_of(sa_mad_v2_t& mad)
 {
     return *reinterpret_cast<ib_service_record_v2_t*>(mad.payload);
@@ -80,8 +75,7 @@ void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
     dtgrm->static_rate = 0;
 }
 
-// Fills a datagram with a request that leaves through `port`. Only `is_set`, `is_get` and, for a lookup, whether `op`
-// is ATS_GET_SR_ARP_OP decide what it asks.
+// Fills a datagram with a request that leaves through `port`.
 void encode(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
             const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
@@ -118,20 +112,6 @@ void encode(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* 
     ntoh(&mad.component_mask, &component_mask, sizeof component_mask);
 }
 
-// Takes a datagram from the context's pool and encodes a request in it. The port comes from the caller, who has read it
-// once: the active port may change at any moment. 0, or -1 with no datagram taken.
-int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
-                                                  const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
-                                                  uint8_t is_table, gsi_dtgrm_t** dt)
-{
-    if (const int result = gsi_dtgrm_pool_get(ats->pool_handle, dt); result != 0) {
-        ATS_ERROR("gsi_dtgrm_pool_get() failed <%d>\n", result);
-        return -1;
-    }
-    encode(*dt, ats, port, op, arp_data, is_set, is_get, is_table);
-    return 0;
-}
-
 struct quarters_t { // of a 16-byte field, as numbers of the host's order
     uint32_t at[4];
 };
@@ -154,7 +134,36 @@ halves_t halves_of(const uint8_t (&field)[16])
     return halves;
 }
 
-// Shows a ServiceRecord MAD. It ends the service name with a NUL, whether anything is shown or not.
+bool is_other_sa_attribute(uint16_t attrib_id)
+{
+    switch (attrib_id) {
+    case SA_ATTR_NOTICE:
+    case SA_ATTR_INFORM_INFO:
+    case SA_ATTR_NODE_RECORD:
+    case SA_ATTR_PORT_INFO_RECORD:
+    case SA_ATTR_PATH_RECORD:
+    case SA_ATTR_MC_MEMBER_RECORD:
+    case SA_ATTR_MULTI_PATH_RECORD:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+                                                  const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
+                                                  uint8_t is_table, gsi_dtgrm_t** dt)
+{
+    if (const int result = gsi_dtgrm_pool_get(ats->pool_handle, dt); result != 0) {
+        ATS_ERROR("gsi_dtgrm_pool_get() failed <%d>\n", result);
+        return -1;
+    }
+    encode(*dt, ats, port, op, arp_data, is_set, is_get, is_table);
+    return 0;
+}
+
 void ats_sa_dump_service_record_mad(mad_t* sa_mad)
 {
     ib_service_record_v2_t& record = service_record_of(*reinterpret_cast<sa_mad_v2_t*>(sa_mad));
@@ -184,24 +193,6 @@ void ats_sa_dump_service_record_mad(mad_t* sa_mad)
     ATS_FUNC("================================================================\n");
 }
 
-bool is_other_sa_attribute(uint16_t attrib_id)
-{
-    switch (attrib_id) {
-    case SA_ATTR_NOTICE:
-    case SA_ATTR_INFORM_INFO:
-    case SA_ATTR_NODE_RECORD:
-    case SA_ATTR_PORT_INFO_RECORD:
-    case SA_ATTR_PATH_RECORD:
-    case SA_ATTR_MC_MEMBER_RECORD:
-    case SA_ATTR_MULTI_PATH_RECORD:
-        return true;
-    default:
-        return false;
-    }
-}
-
-// Decodes a reply into the context's cleared `rcv_arp_data`. 0 for a ServiceRecord with a good status, whose
-// class-specific code may still be an error; otherwise -1, with the GID at most.
 int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t* dtgrm)
 {
     sa_mad_v2_t& mad = sa_mad_of(dtgrm);
@@ -245,69 +236,4 @@ int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t
         reply.mask |= IBAT_MASK_STATIC;
     }
     return 0;
-}
-
-} // namespace
-
-int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
-                                                uint8_t is_set, uint8_t is_get, uint8_t is_table)
-{
-    // Read once: not every caller holds `ats_sem`, and without it the active port may go at any moment.
-    ats_port_ctx_t* port = ats->active_port;
-    if (!port) {
-        ATS_ERROR("ats_sa_send_service_rec_set_get_del_mad No active port, exit\n");
-        return -1;
-    }
-    gsi_dtgrm_t* dtgrm;
-    if (const int32_t ret =
-            ats_sa_encode_service_rec_set_get_del_mad(ats, port, op, arp_data, is_set, is_get, is_table, &dtgrm);
-        ret != 0) {
-        ATS_ERROR("ats_sa_encode_service_rec_set_get_del_mad failed <%d>\n", ret);
-        return -1;
-    }
-    ATS_DEBUG(" about to send MAD:\n");
-    ats_sa_dump_service_record_mad(reinterpret_cast<mad_t*>(dtgrm->mad));
-    ATS_DEBUG("send mad via port %d(%p), gsi handle %p\n", port->port_num, static_cast<void*>(port),
-              static_cast<void*>(port->gsi_handle));
-    uint64_t transaction_id;
-    if (const int ret = gsi_post_send_dtgrm(port->gsi_handle, dtgrm, &transaction_id); ret != 0) {
-        ATS_ERROR("gsi_post_send_dtgrm() failed <%d>\n", ret);
-        gsi_dtgrm_pool_put(dtgrm);
-        return -1;
-    }
-    // The datagram may have completed already: only its address is shown.
-    ATS_DEBUG(" gsi_post_send_dtgrm() on dtgrm %p succeeded ret = %d\n", static_cast<void*>(dtgrm), 0);
-    ATS_DEBUG(" sent dtgrm transaction id is 0x%016LX\n", static_cast<unsigned long long>(transaction_id));
-    return 0;
-}
-
-void ats_sa_gsi_send_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
-{
-    ATS_DEBUG("Datagram <%p> sent.\n", static_cast<void*>(dtgrm));
-    static_cast<ats_port_ctx_t*>(context)->gsi_tx_pkts.fetch_add(1, std::memory_order_relaxed);
-    gsi_dtgrm_pool_put(dtgrm);
-}
-
-// Replies are told apart by their method alone: an answer to a Delete ends somebody's wait, whatever it says; any other
-// goes on to those who look for its content.
-void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
-{
-    ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));
-    auto* port = static_cast<ats_port_ctx_t*>(context);
-    ats_context_t* ats = port->ats_context;
-    port->gsi_rx_pkts.fetch_add(1, std::memory_order_relaxed);
-    ats->rcv_arp_data = {};
-    ats_sa_gsi_decode_recv_dtgrm(port, dtgrm);
-
-    const mad_hdr_t& header = sa_mad_of(dtgrm).hdr;
-    const uint8_t method = header.m.method;
-    const uint16_t mad_stat = from_wire(header.u.ns.status.raw16);
-    gsi_dtgrm_pool_put(dtgrm);
-    if (method == MAD_METHOD_DELETE) {
-        ats->resp_recv = 1;
-        wake_up_interruptible(&ats->delete_resp_wq);
-        ATS_DEBUG(" Drop delete response mad\n");
-    } else {
-        ats_process_sa_reply(mad_stat, ats);
-    }
 }

@@ -1,4 +1,4 @@
-// Inside the SA client. The unit ats-sa stands in four files, by what they do; its trace lines name the unit.
+// Inside the SA client. The unit ats-sa stands in five files, by what they do; its trace lines name the unit.
 #pragma once
 
 #define ATS_TRACE_UNIT "ats_sa.cpp"
@@ -8,7 +8,28 @@
 
 constexpr unsigned long ATS_DELETE_WAIT_TICKS = 20; // for the SA's answer to a Delete
 
-// ---- ats-sa-mad: the ServiceRecord datagram, sent and received ----
+// ---- ats-sa-mad: the ServiceRecord datagram ----
+
+inline sa_mad_v2_t& sa_mad_of(gsi_dtgrm_t* dtgrm)
+{
+    return *reinterpret_cast<sa_mad_v2_t*>(dtgrm->mad);
+}
+
+// Takes a datagram from the context's pool and encodes a request in it. Only `is_set`, `is_get` and, for a lookup,
+// whether `op` is ATS_GET_SR_ARP_OP decide what it asks. The port comes from the caller, who has read it once: the
+// active port may change at any moment. 0, or -1 with no datagram taken.
+int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+                                                  const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
+                                                  uint8_t is_table, gsi_dtgrm_t** dt);
+
+// Decodes a reply into the context's cleared `rcv_arp_data`. 0 for a ServiceRecord with a good status, whose
+// class-specific code may still be an error; otherwise -1, with the GID at most.
+int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t* dtgrm);
+
+// Shows a ServiceRecord MAD. It ends the service name with a NUL, whether anything is shown or not.
+void ats_sa_dump_service_record_mad(mad_t* sa_mad);
+
+// ---- ats-sa-dtgrm: datagrams on their way out and in ----
 
 // GSI's callbacks; the context is the port. In the HCA's completion context, one at a time.
 void ats_sa_gsi_send_compl_cb(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* dtgrm);
