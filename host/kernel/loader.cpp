@@ -58,8 +58,7 @@ load_result loader::load(const std::string& path, const std::string& parameters)
     if (result >= 0) return {};
 
     const std::string number = std::to_string(result);
-    wait_for_users(loading, "insmod");
-    unmap(loading);
+    unmap(loading); // nobody uses it: its names are withdrawn, and all else was not to be had yet
     return {result,
             title + "start-up failed with " + number + " (" + std::strerror(-result) + "); the kernel log says why"};
 }
@@ -99,21 +98,21 @@ load_result loader::unload(const std::string& name)
                                   " references); unload its users first"};
         leaving->is_unloading = true;
     }
-    wait_for_users(*leaving, "rmmod");
+    wait_for_users(*leaving);
     leaving->declaration().exit();
     unmap(*leaving);
     return {};
 }
 
 // Nobody can become a user any more.
-void loader::wait_for_users(loaded_module& leaving, const char* call)
+void loader::wait_for_users(loaded_module& leaving)
 {
     const auto has_users = [&] {
         const std::lock_guard lock(mutex_);
         leaving.unloader = current_task();
         return leaving.references + leaving.visitors > 0;
     };
-    while (has_users()) current_task()->exec.park(never, call, leaving.name());
+    while (has_users()) current_task()->exec.park(never, "rmmod", leaving.name());
 }
 
 // The module has ended.
@@ -152,7 +151,7 @@ void* loader::symbol(const std::string& module_name, const std::string& symbol) 
 {
     const std::lock_guard lock(mutex_);
     const loaded_module* found = find(module_name);
-    return found ? found->image.symbol(symbol) : nullptr;
+    return found && !found->starter && !found->is_unloading ? found->image.symbol(symbol) : nullptr;
 }
 
 bool loader::hold(const kernel_module_t* owner)

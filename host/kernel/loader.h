@@ -47,7 +47,8 @@ class loader
     bool is_loaded(const std::string& name) const;
     std::vector<std::string> loaded() const; // in order of loading
 
-    // The address of an exported symbol of a loaded module, or null.
+    // The address of an exported symbol of a loaded module, or null. While the module starts, or leaves, it has none:
+    // what it exports may not be initialised.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
     // References on a module, such as the inter-module registry hands out. hold() is false once unloading has begun.
@@ -72,7 +73,7 @@ class loader
     load_result load(const std::string& path, const std::string& parameters);
     load_result unload(const std::string& name);
     int start(loaded_module& loading);
-    void wait_for_users(loaded_module& leaving, const char* call);
+    void wait_for_users(loaded_module& leaving);
     void unmap(loaded_module& leaving);
     bool add_user(const kernel_module_t* owner, int loaded_module::*count);
     void drop_user(const kernel_module_t* owner, int loaded_module::*count);
