@@ -85,8 +85,9 @@ std::string device::open()
     is_broken_ = false;
     sa_agent_ = register_client(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM);
     if (sa_agent_ < 0) {
-        umad_close_port(std::exchange(descriptor_, -1));
-        return called + " lets nobody talk to the SA through it: " + std::strerror(errno);
+        const std::string why = std::strerror(errno);
+        close_port();
+        return called + " lets nobody talk to the SA through it: " + why;
     }
     self_agent_ = register_client(class_directed_route, class_version_smp);
 
@@ -109,6 +110,13 @@ void device::close()
     if (descriptor_ < 0) return;
     for (int* agent : {&sa_agent_, &self_agent_})
         if (*agent >= 0) umad_unregister(descriptor_, std::exchange(*agent, -1));
+    close_port();
+}
+
+// A poll of a descriptor that is closed, or is another file's by now, would return at once.
+void device::close_port()
+{
+    poll_descriptor_ = -1;
     umad_close_port(std::exchange(descriptor_, -1));
 }
 

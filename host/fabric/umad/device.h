@@ -60,6 +60,7 @@ class device
 
   private:
     int register_client(uint8_t mgt_class, uint8_t class_version);
+    void close_port();
 
     const std::string hca_;
     const int port_;

@@ -196,7 +196,7 @@ bool port::receive_all()
             break;
         }
     }
-    return true;
+    return device_.is_open();
 }
 
 void port::take(device::packet& arrived)
