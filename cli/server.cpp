@@ -120,6 +120,7 @@ void server::accept_clients()
 {
     while (std::optional<descriptor> client = listening_->accept_client(stop_read_.get())) {
         reap();
+        if (client->get() < 0) continue;
         const std::lock_guard lock(mutex_);
         conversation& with = conversations_.emplace_back(std::move(*client));
         try {

@@ -139,9 +139,9 @@ std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
         if (waits[1].revents != 0) return std::nullopt;
         descriptor client(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (client.get() < 0) {
-            // Out of descriptors is no reason to spin or to end: let the clients that are there leave.
-            if (errno == EMFILE || errno == ENFILE) poll(&waits[1], 1, pause_ms);
-            continue;
+            if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) continue;
+            poll(&waits[1], 1, pause_ms);
+            return client;
         }
         if (is_trusted(client)) return client;
         line_channel(std::move(client)).write(R"({"error":"this service belongs to another user","exit_code":3})");

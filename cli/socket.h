@@ -37,7 +37,8 @@ class listening_socket
     listening_socket& operator=(const listening_socket&) = delete;
 
     // Waits for a client, or for `stop_fd` to become readable (then nothing). Clients of other users (root excepted)
-    // are turned away.
+    // are turned away. An empty descriptor, after a pause: there is none left for the client that waits, until the
+    // caller closes those of clients that have gone.
     std::optional<descriptor> accept_client(int stop_fd) const;
 
   private:

@@ -1,6 +1,8 @@
 // What is wrong gets one clear line and its exit code, and loses nothing.
 #include <algorithm>
+#include <list>
 #include <optional>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -149,6 +151,22 @@ TEST(bad_input, service_survives_clients_without_manners)
     }
     EXPECT_EQ(ats.ask({"set-name", "plain"}).exit_code, 0);
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
+}
+
+TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_leave)
+{
+    const service ats({"--hosts", "1"});
+    constexpr int limit = 40;
+    const rlimit few{limit, limit};
+    ASSERT_EQ(prlimit(ats.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    const std::filesystem::directory_iterator none;
+    const auto used = [&] { return std::filesystem::directory_iterator("/proc/" + std::to_string(ats.pid()) + "/fd"); };
+    {
+        std::list<raw_client> crowd;
+        for (int i = 0; i < limit; ++i) crowd.emplace_back(ats.socket());
+        EXPECT_TRUE(eventually([&] { return std::distance(used(), none) >= limit; }));
+    }
+    EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
 TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
