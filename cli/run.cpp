@@ -1,8 +1,10 @@
 // `ats run`: hosts in real time, on the embedded fabric or this one on its real ports, until a signal.
 
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <memory>
+#include <thread>
 
 #include "cli/commands.h"
 #include "cli/fabric-options.h"
@@ -41,11 +43,17 @@ class ending_signals
         signal(SIGPIPE, SIG_IGN); // a terminal that is gone is no reason to leave records behind
     }
 
+    // A signal may come twice at once, as from timeout(1), which tells the process and then its group. Only one that
+    // comes later is impatience, and ends the program there and then.
     void wait() const
     {
+        constexpr std::chrono::milliseconds repeats_follow_within(100);
+        constexpr timespec no_wait{};
         int caught = 0;
         sigwait(&set_, &caught);
-        pthread_sigmask(SIG_UNBLOCK, &set_, nullptr); // a second one ends the program at once
+        std::this_thread::sleep_for(repeats_follow_within);
+        while (sigtimedwait(&set_, nullptr, &no_wait) > 0) continue;
+        pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
     }
 
   private:

@@ -48,7 +48,8 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     EXPECT_EQ(notice, "READY=1");
     EXPECT_EQ(running.ask({"status"}).exit_code, 0) << "it was not ready";
     EXPECT_EQ(notices.next(), "");
-    EXPECT_EQ(running.stop(), 0);
+    kill(running.pid(), SIGHUP);
+    EXPECT_EQ(running.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
 }
 
