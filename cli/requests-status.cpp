@@ -63,7 +63,10 @@ void add_links(const kernel::machine& machine, json& hcas)
         for (int port = 1; port <= hca->port_count(); ++port)
             links[{hca->name(), port}] = hca->read_port(port).state == fabric::link_state::active ? "up" : "down";
     for (json& hca : hcas)
-        for (json& port : hca["ports"]) port["link"] = links[{hca["name"], port["port"]}];
+        for (json& port : hca["ports"]) {
+            const auto link = links.find({hca["name"], port["port"]});
+            port["link"] = link != links.end() ? json(link->second) : json();
+        }
 }
 
 json host_status(world::host& host)

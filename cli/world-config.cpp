@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <climits>
 #include <cstring>
 #include <set>
@@ -10,6 +11,7 @@
 #include <toml++/toml.h>
 
 #include "cli/failure.h"
+#include "verbs.h"
 
 namespace cli
 {
@@ -120,6 +122,13 @@ std::string name_of_machine()
     return std::string(name, strcspn(name, "."));
 }
 
+bool is_hca_name(const std::string& name)
+{
+    constexpr size_t longest = sizeof(kq_hca_name) - 1;
+    return !name.empty() && name.size() <= longest &&
+           std::ranges::all_of(name, [](unsigned char each) { return std::isprint(each); });
+}
+
 // Host number i, from 1, when it has no address of its own.
 std::string numbered_address(size_t i)
 {
@@ -130,8 +139,10 @@ world::hca_plan read_hca(const toml::table& table, const std::string& file, size
 {
     table_reader reader(table, file);
     world::hca_plan plan;
-    plan.name = reader.text("name", is_real ? "" : "mthca" + std::to_string(index));
-    if (plan.name.empty()) reader.refuse(table, "an HCA of a real fabric needs its name; 'ats check' lists them");
+    const toml::node* const named = reader.find("name");
+    if (is_real && !named) reader.refuse(table, "an HCA of a real fabric needs its name; 'ats check' lists them");
+    plan.name = reader.text("name", "mthca" + std::to_string(index));
+    if (!is_hca_name(plan.name)) reader.refuse(*named, "an HCA's name has 1 to 99 printable characters");
     if (!is_real) plan.ports = reader.number("ports", 1, 1, 2);
     reader.finish();
     return plan;

@@ -93,6 +93,8 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         {"[[host]]\n[[host.hca]]\nports = 3", ":3: 'ports' must be a whole number from 1 to 2"},
         {"[[host]]\nhca = 1", ":2: 'hca' must be written as [[hca]] tables"},
         {"[[host]]\n[[host.hca]]\nname = \"m\"\n[[host.hca]]\nname = \"m\"", ":4: there are two HCAs named 'm'"},
+        {"[[host]]\n[[host.hca]]\nname = \"\"", ":3: an HCA's name has 1 to 99 printable characters"},
+        {"[[host]]\n[[host.hca]]\nname = \"a\\nb\"", ":3: an HCA's name has 1 to 99"},
         {"[[host]]\nats = 1", ":2: 'ats' must be a table"},
         {"[[host]]\n[host.ats]\nats_attach_ibat = 1.5", ":3: a module parameter is a whole number, or a text"},
         {"[[host]]\n[host.ats]\nx = \"a\\\"b\"", ":3: a module parameter is a whole number, or a text"},
