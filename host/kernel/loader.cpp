@@ -52,6 +52,7 @@ load_result loader::load(const std::string& path, const std::string& parameters)
         const std::lock_guard lock(mutex_);
         if (find(std::string(loading.name()))) return {-EK_EXIST, title + "it is loaded already; unload it first"};
         if (loading.declaration().logger_level) *loading.declaration().logger_level = logger_level_;
+        loading.starter = current_task(); // as soon as it is seen: nobody may unload it before it has started
         modules_.push_back(std::move(image));
     }
     const int result = start(loading);
@@ -65,10 +66,6 @@ load_result loader::load(const std::string& path, const std::string& parameters)
 
 int loader::start(loaded_module& loading)
 {
-    {
-        const std::lock_guard lock(mutex_);
-        loading.starter = current_task();
-    }
     const int result = loading.declaration().init();
     const std::lock_guard lock(mutex_);
     loading.starter = nullptr;
