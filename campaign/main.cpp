@@ -1,7 +1,7 @@
 // ats-campaign: tries to break the service, one seed after another, and replays and shortens what broke it.
+#include <algorithm>
+#include <charconv>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <sstream>
 
 #include "campaign/runner.h"
@@ -13,11 +13,13 @@ using namespace campaign;
 
 constexpr double ticks_per_hour = 3'600'000;
 
+constexpr const char* no_acts = "none"; // some seeds fail without any
+
 constexpr const char* usage =
-    "usage: ats-campaign [--seeds N | A-B] [--hours H] [--jobs J]      run seeds; H: until so many hours are "
+    "usage: ats-campaign [--seeds N | A-B] [--hours H] [--jobs J]           run seeds; H: until so many hours are "
     "simulated\n"
-    "       ats-campaign --seed N [--only A,B,..] [--log F] [--capture F]  replay one, or some of its acts\n"
-    "       ats-campaign --seed N [--only A,B,..] --minimise             find the acts that it takes to fail\n";
+    "       ats-campaign --seed N [--only A,B,..|none] [--log F] [--capture F]  replay one, or some of its acts\n"
+    "       ats-campaign --seed N [--only A,B,..] --minimise                  find the acts that it takes to fail\n";
 
 struct request {
     uint64_t first = 1, last = 30;
@@ -28,6 +30,16 @@ struct request {
     std::string only;
     options chosen;
 };
+
+template <class number_t>
+number_t number_in(std::string_view text)
+{
+    number_t number{};
+    const char* const end = text.data() + text.size();
+    const auto [stopped, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || stopped != end) throw std::invalid_argument("'" + std::string(text) + "' is no number");
+    return number;
+}
 
 request read_arguments(int argc, char** argv)
 {
@@ -42,16 +54,18 @@ request read_arguments(int argc, char** argv)
         const char* value = i + 1 < argc ? argv[++i] : nullptr;
         if (!value) throw std::invalid_argument(name + " needs a value, or is unknown");
         if (name == "--seeds") {
-            const char* dash = std::strchr(value, '-');
-            read.first = dash ? std::strtoull(value, nullptr, 10) : 1;
-            read.last = std::strtoull(dash ? dash + 1 : value, nullptr, 10);
+            const std::string_view range = value;
+            const size_t dash = range.find('-');
+            read.first = dash == range.npos ? 1 : number_in<uint64_t>(range.substr(0, dash));
+            read.last = number_in<uint64_t>(range.substr(dash == range.npos ? 0 : dash + 1));
+            if (read.last < read.first) throw std::invalid_argument("there is no seed in " + std::string(range));
         } else if (name == "--seed") {
-            read.first = read.last = std::strtoull(value, nullptr, 10);
+            read.first = read.last = number_in<uint64_t>(value);
             read.is_replay = true;
         } else if (name == "--hours") {
-            read.hours = std::strtod(value, nullptr);
+            read.hours = number_in<double>(value);
         } else if (name == "--jobs") {
-            read.jobs = std::atoi(value);
+            read.jobs = std::max(1, number_in<int>(value));
         } else if (name == "--only") {
             read.only = value;
         } else if (name == "--log") {
@@ -65,8 +79,10 @@ request read_arguments(int argc, char** argv)
     return read;
 }
 
+// As --only takes them.
 std::string join(const std::vector<size_t>& numbers)
 {
+    if (numbers.empty()) return no_acts;
     std::string text;
     for (const size_t number : numbers) text += (text.empty() ? "" : ",") + std::to_string(number);
     return text;
@@ -75,11 +91,14 @@ std::string join(const std::vector<size_t>& numbers)
 std::vector<size_t> acts_chosen(const plan& of, const std::string& only)
 {
     if (only.empty()) return all_acts(of);
+    if (only == no_acts) return {};
     std::vector<size_t> numbers;
     std::istringstream list(only);
-    for (std::string number; std::getline(list, number, ',');)
-        numbers.push_back(std::strtoull(number.c_str(), nullptr, 10));
-    std::erase_if(numbers, [&](size_t number) { return number >= of.acts.size(); });
+    for (std::string number; std::getline(list, number, ',');) {
+        numbers.push_back(number_in<size_t>(number));
+        if (numbers.back() >= of.acts.size())
+            throw std::invalid_argument("there is no act " + number + ", only " + std::to_string(of.acts.size()));
+    }
     return numbers;
 }
 
@@ -117,7 +136,7 @@ int replay(const request& asked)
     if (!asked.minimise) return 1;
     acts = shorten(drawn, acts, asked.chosen);
     for (const size_t number : acts) std::printf("  %s\n", describe(drawn, number).c_str());
-    complain(run_apart(drawn, acts, asked.chosen), acts.empty() ? "none" : join(acts));
+    complain(run_apart(drawn, acts, asked.chosen), join(acts));
     return 1;
 }
 
