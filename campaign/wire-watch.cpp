@@ -25,7 +25,11 @@ bool is_zero(const void* field, size_t size)
 
 void wire_watch::begin(const std::string& capture_path)
 {
-    if (!capture_path.empty()) capture_ = std::make_unique<fabric::capture>(capture_path);
+    if (!capture_path.empty()) {
+        auto opened = std::make_unique<fabric::capture>(capture_path);
+        if (const std::string why = opened->failure(); !why.empty()) in_.violate(why);
+        capture_ = std::move(opened);
+    }
     for (node& host : in_.hosts)
         for (size_t hca = 0; hca < host.hcas.size(); ++hca)
             for (int port = 1; port <= host.hcas[hca]->port_count(); ++port) {

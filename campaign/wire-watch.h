@@ -28,6 +28,9 @@ class wire_watch final : public fabric::tap
     // Every host has its HCAs: learns which port has which LID. `capture_path` may be empty.
     void begin(const std::string& capture_path);
 
+    // Writes out what is captured. Empty, or why it is not whole.
+    std::string flush_capture() { return capture_ ? capture_->flush() : ""; }
+
     void crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::address& destination,
                  const fabric::mad_bytes& mad) override;
 
