@@ -56,34 +56,34 @@ std::string ibsim_fabric::missing()
     return "";
 }
 
-ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes)
+ibsim_fabric::own_folder::own_folder()
 {
     std::string name = files::temp_directory_path() / "ats-fabric-XXXXXX";
     if (!mkdtemp(name.data())) throw std::runtime_error("cannot make a folder like " + name);
-    folder_ = name;
+    path = name;
+}
+
+ibsim_fabric::own_folder::~own_folder()
+{
+    std::error_code ignored;
+    if (std::getenv("ATS_KEEP_FABRIC"))
+        std::fprintf(stderr, "kept: %s\n", path.c_str());
+    else
+        files::remove_all(path, ignored);
+}
+
+ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes)
+{
     // Sockets have names of their own, so that many fabrics can stand side by side.
     static std::atomic<int> count = 0;
     socket_name_ = "ats" + std::to_string(getpid()) + "." + std::to_string(++count);
-    write_net(folder_ + "/net", nodes);
-    ibsim_ = std::make_unique<process>(command{.arguments = {find_program("ibsim"), "-s", folder_ + "/net"},
+    write_net(folder() + "/net", nodes);
+    ibsim_ = std::make_unique<process>(command{.arguments = {find_program("ibsim"), "-s", folder() + "/net"},
                                                .environment = {"IBSIM_SOCKNAME=" + socket_name_},
-                                               .directory = folder_,
-                                               .output = folder_ + "/ibsim.out"});
-    if (!ibsim_->wait_line("Network simulator ready")) {
-        const std::string said = ibsim_->output();
-        files::remove_all(folder_);
-        throw std::runtime_error("ibsim does not start: " + said);
-    }
-}
-
-ibsim_fabric::~ibsim_fabric()
-{
-    ibsim_.reset();
-    std::error_code ignored;
-    if (std::getenv("ATS_KEEP_FABRIC"))
-        std::fprintf(stderr, "kept: %s\n", folder_.c_str());
-    else
-        files::remove_all(folder_, ignored);
+                                               .directory = folder(),
+                                               .output = folder() + "/ibsim.out"});
+    if (!ibsim_->wait_line("Network simulator ready"))
+        throw std::runtime_error("ibsim does not start: " + ibsim_->output());
 }
 
 std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std::string& name,
@@ -109,7 +109,7 @@ std::string ibsim_fabric::run(const std::string& node, const std::vector<std::st
 
 std::unique_ptr<process> ibsim_fabric::start_sm(const std::string& node, const sm_options& options)
 {
-    const std::string settings = folder_ + "/" + node + "-" + std::to_string(started_) + ".conf";
+    const std::string settings = folder() + "/" + node + "-" + std::to_string(started_) + ".conf";
     std::ofstream(settings) << "sm_priority " << options.priority << "\n"
                             << "sminfo_polling_timeout 200\npolling_retry_number 2\n"
                             << options.settings << "\n";

@@ -30,7 +30,6 @@ class ibsim_fabric
 
     // The nodes are on one switch. Throws std::runtime_error when ibsim does not start.
     explicit ibsim_fabric(const std::vector<std::string>& nodes);
-    ~ibsim_fabric();
     ibsim_fabric(const ibsim_fabric&) = delete;
     ibsim_fabric& operator=(const ibsim_fabric&) = delete;
 
@@ -61,14 +60,23 @@ class ibsim_fabric
     // Of what reaches the node over its link, SMPs to itself excepted, so much is lost.
     void lose(const std::string& node, int percent);
 
-    const std::string& folder() const { return folder_; }
+    const std::string& folder() const { return folder_.path; }
     std::string output() const { return ibsim_->output(); } // of ibsim
 
     // The name of a file in it that nothing else has.
-    std::string new_file(const std::string& name) { return folder_ + "/" + name + "-" + std::to_string(++started_); }
+    std::string new_file(const std::string& name) { return folder() + "/" + name + "-" + std::to_string(++started_); }
 
   private:
-    std::string folder_;
+    // Goes with the object, and also when its construction is interrupted. $ATS_KEEP_FABRIC keeps it.
+    struct own_folder {
+        own_folder();
+        ~own_folder();
+        own_folder(const own_folder&) = delete;
+        own_folder& operator=(const own_folder&) = delete;
+        std::string path;
+    };
+
+    own_folder folder_; // the programs in it end before it goes
     std::string socket_name_;
     std::unique_ptr<process> ibsim_;
     int started_ = 0;
