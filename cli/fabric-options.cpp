@@ -10,8 +10,6 @@ namespace cli
 namespace
 {
 
-constexpr size_t longest_host_name = 30; // what a ServiceRecord carries
-
 // A line for whoever watches the service: on the terminal, or in the journal.
 void tell(const std::string& line)
 {
@@ -69,9 +67,6 @@ world_config with_fabric(world_config given, const fabric_options& options)
                                           ? "a host on a real fabric needs its address: add --address, as in "
                                             "--address 10.0.0.1 (that of its IPoIB interface, if it has one)"
                                           : quoted(options.address) + " is no IPv4 address like 10.0.0.1");
-        if (options.name.size() > longest_host_name || options.name.find_first_of("/ \t\n\"") != std::string::npos)
-            throw failure(exit_usage, quoted(options.name) + " cannot be a host name: take up to 30 characters without "
-                                                             "blanks, slashes or quotation marks");
         given = real_host(options.name, options.address,
                           {.hcas = options.hcas,
                            .watch_interval_ticks = static_cast<uint64_t>(options.port_interval_ms),

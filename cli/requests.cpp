@@ -15,7 +15,6 @@ namespace
 
 constexpr const char* ats_registry_key = "dorvex/modules/ats";
 constexpr const char* control_file = "dorvex/ats/control";
-constexpr size_t longest_host_name = 30; // what a ServiceRecord carries
 constexpr int highest_trace_level = 5;
 
 world::host& host_of(site& at, const json& request)
@@ -72,8 +71,7 @@ void set_identity(kernel::machine& machine, const char* exported, argument_t arg
 json set_name(site& at, const json& request)
 {
     const std::string name = request.at("name");
-    if (name.empty() || name.size() > longest_host_name || name.find_first_of(" \t\n\v\f\r") != std::string::npos)
-        throw failure(exit_usage, quoted(name) + " cannot be a host name: take 1 to 30 characters without blanks");
+    if (!is_host_name(name)) throw failure(exit_usage, quoted(name) + " cannot be a host name: take " + host_name_rule);
     world::host& host = host_of(at, request);
     set_identity(host.machine(), "ats_sa_set_hostname", name.c_str());
     return done(host.name() + " is now called " + name + ".");

@@ -154,8 +154,8 @@ world::host_plan read_host(const toml::table& table, const std::string& file, si
     const std::string number = std::to_string(index + 1);
     world::host_plan plan;
     plan.name = reader.text("name", is_real ? name_of_machine() : "node" + number);
-    if (plan.name.empty() || plan.name.find_first_of("/ \t\n\"") != std::string::npos)
-        reader.refuse(table, "a host's name has no blanks, slashes or quotation marks");
+    if (!is_host_name(plan.name))
+        reader.refuse(table, quoted(plan.name) + " cannot be a host name: give it a 'name' of " + host_name_rule);
 
     const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
     in_addr parsed{};
@@ -206,6 +206,13 @@ fabric_config read_fabric(const toml::table& table, const std::string& file)
 
 } // namespace
 
+bool is_host_name(const std::string& name)
+{
+    constexpr size_t longest = 30; // what a ServiceRecord carries
+    const auto fits = [](unsigned char each) { return each > ' ' && each != '/' && each != '"' && each != '\x7F'; };
+    return !name.empty() && name.size() <= longest && std::ranges::all_of(name, fits);
+}
+
 umad::delete_p_key delete_p_key_of(const std::string& word)
 {
     if (word == "on") return umad::delete_p_key::on;
@@ -216,6 +223,8 @@ world_config real_host(const std::string& name, const std::string& address, cons
 {
     world::host_plan plan;
     plan.name = name.empty() ? name_of_machine() : name;
+    if (!is_host_name(plan.name))
+        throw failure(exit_usage, quoted(plan.name) + " cannot be a host name: give --name " + host_name_rule);
     plan.hcas.clear();
     plan.modules = world::usual_modules(plan.name, address);
     return {.hosts = {plan}, .fabric = {.is_real = true, .ports = ports}};

@@ -10,6 +10,11 @@
 namespace cli
 {
 
+// Whether a host may be called so: of what a ServiceRecord can carry, and what does as a folder and in a module's
+// parameters. What one that may not needs is in `host_name_rule`.
+bool is_host_name(const std::string& name);
+constexpr const char* host_name_rule = "1 to 30 characters without blanks, slashes or quotation marks";
+
 struct fabric_config {
     bool is_real = false;     // real ports, of this machine, for one host
     umad::options ports = {}; // of a real fabric
@@ -24,7 +29,8 @@ struct world_config {
 // `count` hosts node1, node2, ... with one one-port HCA each and the addresses 10.0.0.1 onwards.
 world_config numbered_hosts(int count);
 
-// One host of that name and address on real ports, its HCAs as `ports` says. "" stands for this machine's name.
+// One host of that name and address on real ports, its HCAs as `ports` says. "" stands for this machine's name. Throws
+// a failure when that is no host name.
 world_config real_host(const std::string& name, const std::string& address, const umad::options& ports);
 
 // "auto", "on" or "off".
