@@ -30,6 +30,7 @@ void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option*
                      ->option_text("KIND");
     const auto of_real_host = [&](CLI::Option* option, const char* text) {
         option->needs(kind)->excludes(hosts)->option_text(text);
+        options.of_real_host.push_back(option);
     };
     of_real_host(command.add_option("--hca", options.hcas, "Use this HCA; may be given several times (default: all)")
                      ->take_all(),
@@ -72,9 +73,11 @@ world_config with_fabric(world_config given, const fabric_options& options)
                            .watch_interval_ticks = static_cast<uint64_t>(options.port_interval_ms),
                            .sa_delete_p_key = delete_p_key_of(options.sa_delete_pkey)});
     }
-    if (!wants_real_host(options) && !(options.hcas.empty() && options.name.empty() && options.address.empty()))
-        throw failure(exit_usage, "--hca, --name and --address are for --fabric umad; hosts on the embedded fabric are "
-                                  "described by --config");
+    for (const CLI::Option* option : options.of_real_host)
+        if (!wants_real_host(options) && option->count() > 0)
+            throw failure(exit_usage,
+                          option->get_name() +
+                              " is for --fabric umad; hosts on the embedded fabric are described by --config");
     given.fabric.ports.say = tell;
     if (!options.capture.empty()) given.fabric.capture = options.capture;
     return given;

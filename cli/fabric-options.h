@@ -18,7 +18,8 @@ struct fabric_options {
     std::string capture;
     std::string sa_delete_pkey = "auto";
     int port_interval_ms = 1000;
-    const CLI::Option* hosts = nullptr; // the command's
+    const CLI::Option* hosts = nullptr;           // the command's
+    std::vector<const CLI::Option*> of_real_host; // those that an embedded fabric has no use for
 };
 
 // `hosts` and `config` are the options of the command that make no sense together with a real host's.

@@ -84,7 +84,8 @@ TEST(service, of_a_real_host_is_refused_what_is_not_whole)
         {{"--fabric", "umad", "--address", "10.0.0.1", "--name", "a b"}, "'a b' cannot be a host name"},
         {{"--fabric", "umad", "--hosts", "2"}, "--hosts is for the embedded fabric"},
         {{"--hca", "mlx5_0"}, "--hca requires --fabric"},
-        {{"--fabric", "embedded", "--address", "10.0.0.1"}, "are for --fabric umad"},
+        {{"--fabric", "embedded", "--address", "10.0.0.1"}, "--address is for --fabric umad"},
+        {{"--fabric", "embedded", "--port-interval", "50"}, "--port-interval is for --fabric umad"},
         {{"--fabric", "umad", "--sa-delete-pkey", "maybe"}, "--sa-delete-pkey"},
     };
     for (const auto& each : cases) {
