@@ -85,6 +85,7 @@ json find_records(const client_options& common, const show_options& options)
     throw_if_refused(answer);
     if (answer.value("real", false)) return ask_real_sa(options, filter);
     select(answer, filter);
+    answer["remarks"] = json::array(); // what only a real one gives rise to
     return answer;
 }
 
@@ -122,7 +123,7 @@ void add_sa_show(CLI::App& sa)
         if (common->as_json)
             std::cout << answer.dump(2) << '\n';
         else
-            show_records(std::cout, answer);
+            show_records(std::cout, answer, !(options->address + options->gid + options->name).empty());
     });
 }
 

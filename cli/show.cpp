@@ -115,15 +115,15 @@ void show_resolution(std::ostream& to, const json& answer)
     to << duration(answer["microseconds"]) << verdict(answer) << ")" << std::endl;
 }
 
-void show_records(std::ostream& to, const json& answer)
+void show_records(std::ostream& to, const json& answer, bool is_selection)
 {
     if (answer["records"].empty())
-        to << "The SA holds no ServiceRecord.\n";
+        to << (is_selection ? "The SA holds no such ServiceRecord.\n" : "The SA holds no ServiceRecord.\n");
     else
         to << format_table(rows_of(answer["records"], {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
                                    {"gid", "p_key", "address", "host_name", "lease"}),
                            0);
-    for (const json& remark : answer.value("remarks", json::array())) to << "Note: " << cell(remark) << ".\n";
+    for (const json& remark : answer["remarks"]) to << "Note: " << cell(remark) << ".\n";
     if (answer["silent"].get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
     if (!answer["status"].is_null())
         to << "It answers everything with status " << cell(answer["status"]) << " ('ats sa status 0' ends that).\n";

@@ -16,8 +16,8 @@ std::string format_table(const std::vector<std::vector<std::string>>& rows, int 
 
 void show_status(std::ostream& to, const json& answer);
 void show_resolution(std::ostream& to, const json& answer);
-void show_records(std::ostream& to, const json& answer);
-void show_output(std::ostream& to, const json& answer); // of a control command
+void show_records(std::ostream& to, const json& answer, bool is_selection); // whether there may be others
+void show_output(std::ostream& to, const json& answer);                     // of a control command
 void show_done(std::ostream& to, const json& answer);
 
 // A picture as it is sent to a terminal that shows the last one: drawn over it, line by line, without a flicker.
