@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <iostream>
 
 #include "cli/commands.h"
 
@@ -54,6 +55,15 @@ int run(CLI::App& program, int argc, char** argv, const int& exit_code)
     }
 }
 
+// Output that did not get where it was to go, onto a full disk say, is no success.
+int after_output(int exit_code)
+{
+    const bool is_whole = std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (is_whole) return exit_code;
+    std::fputs("ats: not all of the output could be written\n", stderr);
+    return exit_code == cli::exit_ok ? cli::exit_failed : exit_code;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -72,5 +82,5 @@ int main(int argc, char** argv)
         std::fputs(program.help().c_str(), stderr);
         return cli::exit_usage;
     }
-    return run(program, argc, argv, exit_code);
+    return after_output(run(program, argc, argv, exit_code));
 }

@@ -169,6 +169,13 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
+TEST(bad_input, output_that_is_lost_is_no_success)
+{
+    const scratch_folder folder;
+    EXPECT_EQ(ats_process({"--version"}, "/dev/full", folder / "err").wait(), 1);
+    EXPECT_EQ(text_of_file(folder / "err"), "ats: not all of the output could be written\n");
+}
+
 TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
 {
     const scratch_folder folder;
