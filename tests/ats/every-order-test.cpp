@@ -95,13 +95,14 @@ TEST(every_order, of_a_stop_a_failover_and_the_answers_to_their_deletes)
     });
 }
 
-TEST(every_order, of_the_answer_the_time_out_and_the_stop_of_one_request)
+TEST(every_order, of_the_answer_its_duplicate_the_time_out_and_the_stop_of_one_request)
 {
     in_every_order(2, [](moment& at) {
         ats_host& host = at.w.add_registered();
         asker who;
         at.w.at(1000); // the request timer's ticks are the full thousands
         at.w.subnet.faults.latency_ticks = 500;
+        at.w.subnet.faults.duplicate_percent = 100;
         EXPECT_EQ(host.reverse(host.gid(1), who), ibat_stat_pending);
         at.w.at(1999);
         const std::vector<kernel::task*> tasks = {&host.start("rmmod", [&host] {

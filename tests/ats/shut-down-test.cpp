@@ -99,31 +99,6 @@ TEST_F(shut_down, drops_requests_without_a_word)
     EXPECT_THAT(who.answers, IsEmpty());
 }
 
-// At every moment of a registration, an update and a change of ports, through a slow SA.
-TEST(shut_down_at_any_moment, removes_the_record)
-{
-    for (uint64_t tick = 0; tick <= 150; tick += 3) {
-        SCOPED_TRACE(tick);
-        ats_world w;
-        ats_host& host = w.add({.ports = {2}, .trace = trace_debug}).load();
-        w.subnet.faults.latency_ticks = 7;
-        kernel::task& others = host.start("others", [&] {
-            EXPECT_TRUE(w.subnet.link_up("node1", "mthca0", 2));
-            schedule_timeout_uninterruptible(50);
-            host.machine().proc.write("dorvex/ats/control", "set_ip_addrs 10.0.0.5");
-            EXPECT_TRUE(w.subnet.link_up("node1", "mthca0", 1));
-            schedule_timeout_uninterruptible(30);
-            EXPECT_TRUE(w.subnet.link_down("node1", "mthca0", 2));
-        });
-        w.at(tick);
-        host.unload();
-        host.finish(others);
-        w.at(w.sim->now() + 100);
-        EXPECT_THAT(w.records(), IsEmpty());
-        EXPECT_EQ(host.held(), "");
-    }
-}
-
 // ---- the same for each failing call ----
 
 TEST(failing_calls, of_an_unload_leave_nothing_behind)

@@ -30,12 +30,7 @@ class ibat_world : public peer_world
 {
   public:
     explicit ibat_world(const std::string& parameters = "", const kernel::simulation_options& options = {})
-        : ibat_world(parameters, kernel::make_simulation(options))
-    {
-    }
-
-    ibat_world(const std::string& parameters, std::unique_ptr<kernel::executor> runs_it)
-        : peer_world("ibat", parameters, std::move(runs_it))
+        : peer_world("ibat", parameters, options)
     {
         if (!loaded) return;
         attach = published<ibat_attach_fn_t>("ibat_attach_fn");

@@ -22,15 +22,9 @@ constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A, ip_d
 class peer_world
 {
   public:
-    // On a simulation of its own.
-    peer_world(const std::string& module, const std::string& parameters, const kernel::simulation_options& options)
-        : peer_world(module, parameters, kernel::make_simulation(options))
-    {
-    }
-
-    peer_world(std::string module, const std::string& parameters, std::unique_ptr<kernel::executor> runs_it)
-        : exec(std::move(runs_it)), sim(dynamic_cast<kernel::simulation*>(exec.get())), host(*exec, "host"),
-          module_(std::move(module))
+    explicit peer_world(std::string module, const std::string& parameters = "",
+                        const kernel::simulation_options& options = {})
+        : sim(kernel::make_simulation(options)), module_(std::move(module))
     {
         loaded = host.modules.insmod(ATS_MODULE_DIR "/" + module_ + ".so", parameters);
     }
@@ -53,18 +47,17 @@ class peer_world
         return reinterpret_cast<function_t>(const_cast<void*>(function));
     }
 
-    // Runs `body` in a task of the host, then in a simulation everything that it made ready.
+    // Runs `body` in a task of the host, then everything that it made ready.
     void run(const std::function<void()>& body)
     {
         host.enter("test", body);
-        if (sim) sim->settle();
+        sim->settle();
     }
 
     void until(uint64_t tick) { sim->run_until(tick); }
 
-    std::unique_ptr<kernel::executor> exec;
-    kernel::simulation* sim; // null on other executors
-    kernel::machine host;
+    std::unique_ptr<kernel::simulation> sim;
+    kernel::machine host{*sim, "host"};
     kernel::load_result loaded;
 
   private:

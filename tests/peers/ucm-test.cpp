@@ -1,12 +1,9 @@
 // Reverse resolution through UCM: one completion each, whatever the provider does.
-#include <mutex>
-#include <optional>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "host/peers/ucm-exports.h"
-#include "tests/peers/campaign.h"
+#include "tests/peers/peer-world.h"
 
 namespace
 {
@@ -58,10 +55,7 @@ struct scripted_provider {
 class ucm_world : public peer_world
 {
   public:
-    ucm_world() : ucm_world("", kernel::make_simulation()) {}
-
-    ucm_world(const std::string& parameters, std::unique_ptr<kernel::executor> runs_it)
-        : peer_world("ucm", parameters, std::move(runs_it))
+    ucm_world() : peer_world("ucm")
     {
         if (!loaded) kernel::panic("%s", loaded.why.c_str());
         attach = published<ucm_rarp_attach_fn_t>("ucm_rarp_attach_fn");
@@ -207,77 +201,6 @@ TEST(ucm, callback_may_ask_again_and_a_withdrawn_asker_hears_nothing)
     EXPECT_EQ(second.replies.size(), 1u);
     EXPECT_EQ(world.host.memory.blocks(), 0u);
     EXPECT_THAT(world.host.inter_modules.names(), IsEmpty());
-}
-
-// A provider with every habit.
-class ucm_campaign : public campaign<ucm_world>
-{
-  public:
-    explicit ucm_campaign(std::unique_ptr<kernel::executor> runs_it) : campaign(std::move(runs_it), "") {}
-
-  private:
-    ibat_stat_t ask(question& asked) override
-    {
-        const kq_gid_t gid = gid_of(dice() % 4);
-        ibat_arp_data_t record{};
-        return world.get_ip(&gid, &record, question::called_back, &asked);
-    }
-
-    static ibat_stat_t send_rarp(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t callback, void* context, void* self)
-    {
-        auto* it = static_cast<ucm_campaign*>(self);
-        it->called_through_attachment();
-        if (one_in(4)) return ibat_stat_ok;
-        if (one_in(6)) return ibat_stat_error; // and no callback
-        {
-            std::lock_guard guard(it->mutex_);
-            it->owed_.push_back({arp_data->gid, callback, context});
-        }
-        if (one_in(3)) it->pause(20);
-        it->called_through_attachment();
-        return one_in(4) ? ibat_stat_error : ibat_stat_pending;
-    }
-
-    void network() override
-    {
-        for (int i = 0; i < 80; ++i) {
-            if (one_in(2)) pause(5);
-            std::optional<scripted_provider::owed_callback> owed;
-            {
-                std::lock_guard guard(mutex_);
-                if (owed_.empty()) continue;
-                owed = owed_.back();
-                owed_.pop_back();
-            }
-            owed->make(one_in(3) ? ibat_stat_timeout : ibat_stat_ok);
-        }
-    }
-
-    void service() override
-    {
-        for (int i = 0; i < 6; ++i) {
-            is_attached = true;
-            EXPECT_EQ(world.attach(send_rarp, this, &world.handle), ucm_stat_ok);
-            pause(40);
-            EXPECT_EQ(world.detach(world.handle), ucm_stat_ok);
-            is_attached = false;
-        }
-        is_attached = true;
-        EXPECT_EQ(world.attach(send_rarp, this, &world.handle), ucm_stat_ok);
-    }
-
-    std::mutex mutex_;
-    std::vector<scripted_provider::owed_callback> owed_;
-};
-
-TEST(ucm_interleavings, every_question_is_settled_once_in_any_simulated_order)
-{
-    run_simulated_campaigns<ucm_campaign>();
-}
-
-TEST(ucm_interleavings, every_question_is_settled_once_on_threads)
-{
-    run_threaded_campaigns<ucm_campaign>();
 }
 
 } // namespace
