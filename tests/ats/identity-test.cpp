@@ -43,48 +43,10 @@ TEST_F(identity, waits_for_a_port_to_become_active)
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 a-name-of-forty-characters-or-"));
     EXPECT_EQ(set_name("short"), 0);
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "nothing of the long one is left";
-}
-
-TEST_F(identity, needs_a_name)
-{
-    host.link_up(1);
-    w.requests();
     host.log();
     EXPECT_EQ(set_name(nullptr), -1);
     EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_update_hostname: ATS hostname is empty !"));
-    EXPECT_THAT(w.requests(), IsEmpty());
-    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
-}
-
-TEST_F(identity, traces_its_steps)
-{
-    host.link_up(1);
-    host.trace(trace_debug);
-    host.log();
-    const auto steps = [&](const char* operation) {
-        lines kept;
-        for (const std::string& line : host.log())
-            if (const size_t at = line.find(operation); at != std::string::npos) kept.push_back(line);
-        return kept;
-    };
-    set_name("a-name-of-more-than-thirty-characters");
-    EXPECT_THAT(steps("_hostname: "),
-                ElementsAre("DEBUG module/ats_sa_set_hostname: update hostname hca=0x1  "
-                            "host_name=a-name-of-more-than-thirty-characters",
-                            "DEBUG sa/ats_sa_update_hostname: ATS ats_sa_update_hostname going to down_interruptible",
-                            "DEBUG sa/ats_sa_update_hostname: host_name is a-name-of-more-than-thirty-characters",
-                            "DEBUG sa/ats_sa_update_hostname: ATS ats_sa_update_hostname sem up"));
-    set_address("10.0.0.7");
-    EXPECT_THAT(
-        steps("ip"),
-        testing::IsSupersetOf({"DEBUG module/ats_sa_set_ip_addrs: update ipaddr hca=0x1 ",
-                               "DEBUG sa/ats_sa_do_update_ip: ATS ats_sa_update_ip_addrs is going down_interruptible",
-                               "DEBUG sa/ats_sa_do_update_ip: ATS ats_sa_update_ip_addrs sem up"}));
-    host.link_down(1);
-    host.log();
-    set_address("10.0.0.8");
-    EXPECT_THAT(host.log(),
-                Contains("DEBUG sa/ats_sa_do_update_ip: No active port update ip address will be when link Active"));
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short"));
 }
 
 // The first call that fails ends it. The values of those before it are new, the failing one may have its own stored.

@@ -212,19 +212,4 @@ TEST_F(resolution, waits_for_a_registration_and_not_through_a_signal)
                 ElementsAre("60 node1.1 SET node1.1 10.0.0.1 slow", "60 node1.1 GET 10.0.0.2"));
 }
 
-TEST_F(resolution, traces_both_kinds_in_their_words)
-{
-    host.trace(trace_debug);
-    host.log();
-    host.resolve("10.0.0.2");
-    EXPECT_EQ(host.log().front(), "DEBUG sa/ats_sa_arp_send: ATS arp down_interruptible");
-    host.reverse(other.gid(1), who);
-    const lines log = host.log();
-    EXPECT_EQ(log.front(), "DEBUG sa/ats_sa_rarp_send: ATS rarp down_interruptible");
-    EXPECT_THAT(log, Contains("DEBUG sa/ats_sa_rarp_send: ATS arp sem up")) << "of both";
-    host.peers().cache = {{other.gid(1), ip_of("10.9.9.9")}};
-    host.reverse(other.gid(1), who);
-    EXPECT_THAT(host.log(), ElementsAre("DEBUG api/ats_rarp_send: RARP resolved by ibat cache lookup"));
-}
-
 } // namespace
