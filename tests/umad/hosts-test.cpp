@@ -1,7 +1,11 @@
 // Whole hosts, each an `ats run` of its own, on a fabric that ibsim simulates and OpenSM manages.
+#include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
+#include <iostream>
+#include <sstream>
+#include <unistd.h>
 
-#include "tests/umad/fabric-of-probes.h"
 #include "tools/fabric/ats-hosts.h"
 
 namespace
@@ -10,16 +14,55 @@ namespace
 using fabric_tools::address_of;
 using fabric_tools::ats_host;
 using fabric_tools::json;
+using fabric_tools::process;
 using fabric_tools::records_at_sa;
 using fabric_tools::wait_until;
-using test::times_in;
 using testing::HasSubstr;
 using testing::Not;
 using testing::SizeIs;
 using namespace std::chrono_literals;
 
-struct hosts_on_fabric : test::fabric_of_probes {
+size_t times_in(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;
+    return count;
+}
+
+std::string text_of(const std::string& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+struct hosts_on_fabric : testing::Test {
+    std::optional<fabric_tools::ibsim_fabric> net;
+    std::unique_ptr<process> sm;
     std::vector<std::unique_ptr<ats_host>> hosts;
+
+    void SetUp() override
+    {
+        if (const std::string why = fabric_tools::ibsim_fabric::missing(); !why.empty()) GTEST_SKIP() << why;
+        net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
+    }
+
+    // What a sanitizer finds in a program that is killed later is told nowhere else.
+    void TearDown() override
+    {
+        if (!net) return;
+        if (HasFailure()) std::cerr << "ibsim said:\n" << net->output();
+        for (const auto& file : std::filesystem::recursive_directory_iterator(net->folder()))
+            if (file.path().filename() == "out") {
+                EXPECT_THAT(text_of(file.path()), Not(HasSubstr("Sanitizer:"))) << file.path();
+            }
+    }
+
+    void start_sm(const std::string& node = "sm1")
+    {
+        sm = net->start_sm(node);
+        ASSERT_TRUE(net->wait_master(*sm)) << sm->output();
+    }
 
     void start_hosts(int count, const std::vector<std::string>& more = {})
     {
@@ -87,11 +130,12 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_THAT(seen, Not(HasSubstr("Malformed")));
 }
 
-TEST_F(hosts_on_fabric, register_anew_when_their_link_comes_back)
+TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_back)
 {
-    start_sm();
     start_hosts(2, {"--port-interval", "50"});
+    start_sm();
     ASSERT_TRUE(sa_comes_to_hold(2));
+    EXPECT_EQ(times_in(hosts[0]->output(), "the link is up, but no subnet manager"), 1u) << hosts[0]->output();
     const std::string own = gid(1);
     net->unplug("node1");
     ASSERT_TRUE(comes_to(*hosts[0], "Down"));
@@ -130,7 +174,7 @@ TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)
 TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
 {
     start_sm();
-    start_hosts(2);
+    start_hosts(2, {"--sa-delete-pkey", "off"});
     ASSERT_TRUE(sa_comes_to_hold(2));
     const std::string there = gid(2);
     for (const char* node : {"node1", "node2"}) net->lose(node, 40);
@@ -138,9 +182,65 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
         hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
         EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), there);
     }
+    const auto is_silent = [&] {
+        hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
+        return times_in(hosts[0]->output(), "answers no request") == 1;
+    };
+    net->lose("node1", 100); // its requests still get through, for ibsim loses what arrives
+    EXPECT_TRUE(wait_until(is_silent, 30s)) << hosts[0]->output();
     for (const char* node : {"node1", "node2"}) net->lose(node, 0);
+    hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
+    EXPECT_TRUE(hosts[0]->running().wait_line("the SA answers again")) << hosts[0]->output();
+    EXPECT_EQ(hosts[0]->port().value("state", ""), "Active") << "the port itself answers all the time";
+
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_comes_to_hold(0));
+    EXPECT_TRUE(sa_comes_to_hold(2)) << "a delete without a P_Key finds nothing";
+}
+
+TEST_F(hosts_on_fabric, survive_answers_that_are_none_an_hca_that_goes_and_a_fabric_that_falls_silent)
+{
+    start_sm();
+    const std::string broken = net->folder() + "/broken";
+    const auto breaking = [&](const std::string& how) { std::ofstream(broken) << how; };
+    breaking("");
+    hosts.push_back(std::make_unique<ats_host>(
+        *net, 1, std::vector<std::string>{"--port-interval", "50"},
+        std::vector<std::string>{"BROKEN_UMAD=" + broken,
+                                 "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()}));
+    ats_host& host = *hosts[0];
+    ASSERT_TRUE(sa_comes_to_hold(1)) << host.output();
+    int nobody = 100;
+    for (const char* how : {"short", "stray", "request", "short", "stray", "request"}) {
+        breaking(how);
+        EXPECT_EQ(answer(host, "resolve", address_of(++nobody)), "not found") << how;
+        EXPECT_EQ(text_of(broken), "") << how << " never happened";
+    }
+    EXPECT_EQ(times_in(host.output(), "shorter than a record"), 1u) << host.output();
+    EXPECT_EQ(times_in(host.output(), "answers no request under way"), 1u) << host.output();
+
+    breaking("gone");
+    EXPECT_TRUE(comes_to(host, "Down")) << host.output();
+    EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "failed");
+    breaking("");
+    EXPECT_TRUE(comes_to(host, "Active")) << host.output();
+    EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "not found");
+    EXPECT_EQ(times_in(host.output(), "the device is gone"), 1u) << host.output();
+
+    net->console("Baselid \"node1\"[1] 40"); // another LID, for which this SM has no route
+    EXPECT_TRUE(wait_until([&] { return host.port().value("lid", 0) == 40; }, 30s)) << host.output();
+
+    const auto used_ticks = [&] {
+        std::ifstream stat("/proc/" + std::to_string(host.running().pid()) + "/stat");
+        std::string field;
+        long used = 0;
+        for (int i = 1; stat >> field && i <= 15; ++i)
+            if (i >= 14) used += std::stol(field);
+        return used;
+    };
+    net->die();
+    const long before = used_ticks();
+    EXPECT_TRUE(host.running().wait_line("does not tell its state", 30s)) << host.output();
+    EXPECT_LT(used_ticks() - before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
 }
 
 // Hosts look after their records once a minute.
@@ -172,9 +272,15 @@ TEST_F(hosts_on_fabric, are_told_what_a_machine_lacks)
     net->unplug("node1");
     EXPECT_THAT(net->run("node1", check),
                 testing::AllOf(HasSubstr("the link is down"), HasSubstr("no port is active")));
-    EXPECT_THAT(net->run("node1", {fabric_tools::ats_program(), "run", "--fabric", "umad", "--address", "10.0.0.1",
-                                   "--hca", "mlx4_0"}),
-                HasSubstr("ats: there is no HCA 'mlx4_0'; there is ibsim0"));
+    const auto running = [&](std::vector<std::string> words, const std::vector<std::string>& more) {
+        for (const char* word : {"run", "--fabric", "umad", "--address", "10.0.0.1"}) words.emplace_back(word);
+        words.insert(words.end(), more.begin(), more.end());
+        return net->run("node1", words);
+    };
+    const std::string ats = fabric_tools::ats_program();
+    EXPECT_THAT(running({ats}, {"--hca", "mlx4_0"}), HasSubstr("ats: there is no HCA 'mlx4_0'; there is ibsim0"));
+    if (std::filesystem::exists("/sys/class/infiniband")) GTEST_SKIP() << "this machine has InfiniBand";
+    EXPECT_THAT(running({"env", "-u", "LD_PRELOAD", ats}, {}), HasSubstr("no InfiniBand HCA"));
 }
 
 } // namespace

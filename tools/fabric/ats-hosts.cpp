@@ -39,13 +39,14 @@ std::vector<std::string> node_names(int count, std::vector<std::string> others)
     return others;
 }
 
-ats_host::ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more)
+ats_host::ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more,
+                   const std::vector<std::string>& environment)
     : net_(net), name_(node_name(number)), socket_(net.folder() + "/" + name_ + ".sock")
 {
     std::vector<std::string> arguments = {ats,   "run",       "--fabric",         "umad",     "--name",
                                           name_, "--address", address_of(number), "--socket", socket_};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    running_ = net.start(name_, name_, arguments);
+    running_ = net.start(name_, name_, arguments, environment);
 }
 
 bool ats_host::wait_serving(duration longest)

@@ -25,7 +25,8 @@ class ats_host
 {
   public:
     // Starts it. `more` are further options of `ats run`.
-    ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more = {});
+    ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more = {},
+             const std::vector<std::string>& environment = {});
 
     // Whether it serves clients.
     bool wait_serving(duration longest = 30s);
