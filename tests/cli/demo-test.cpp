@@ -47,8 +47,10 @@ TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshar
     EXPECT_EQ(count(packets, "Attribute (ServiceRecord)"), frames);
     // node1's registration, down to the address and the name.
     for (const char* field :
-         {"ServiceID: 0x10000ce100415453", "ServiceGID: fe80::200:0:1:1", "ServiceP_Key: 0xffff",
-          "ServiceLease: 0xffffffff", "ServiceName: 4441504c2041646472657373205472616e736c6174696f6e2053657276696365",
+         {"Destination Local ID: 1\n", "Destination Queue Pair: 0x000001", "Queue Key: 0x0000000080010000",
+          "Method: Set() (0x02)", "ServiceID: 0x10000ce100415453", "ServiceGID: fe80::200:0:1:1",
+          "ServiceP_Key: 0xffff", "ServiceLease: 0xffffffff",
+          "ServiceName: 4441504c2041646472657373205472616e736c6174696f6e2053657276696365",
           "ServiceData: 0000000000000000000000000a000001", "ServiceData: 6e6f6465310000000000000000000000"})
         EXPECT_THAT(packets, HasSubstr(field));
 }
@@ -57,25 +59,15 @@ TEST(demo, step_that_does_not_happen_ends_it_with_a_failure)
 {
     const scratch_folder folder;
     const std::filesystem::path modules = ATS_MODULE_DIR;
-    const auto demo_with = [&](const std::string& name, const std::string& stand_in) {
-        const std::string changed = folder / name;
-        std::filesystem::create_directory(changed);
-        for (const char* module : {"ibat.so", "ucm.so", "ats.so"})
-            std::filesystem::copy(modules / module, changed + "/" + module);
-        std::filesystem::copy(modules / stand_in, changed + "/ucm.so",
-                              std::filesystem::copy_options::overwrite_existing);
-        return run_ats({"demo", "--modules", changed});
-    };
-    const program_result no_ucm = demo_with("probe", "probe.so");
+    const std::string changed = folder / "no-ucm";
+    std::filesystem::create_directory(changed);
+    for (const char* module : {"ibat.so", "ats.so"}) std::filesystem::copy(modules / module, changed + "/" + module);
+    std::filesystem::copy(modules / "probe.so", changed + "/ucm.so");
+    const program_result no_ucm = run_ats({"demo", "--modules", changed});
     EXPECT_EQ(no_ucm.exit_code, 1);
     EXPECT_THAT(no_ucm.out, HasSubstr("FAILED. This was to hold, and did not"));
     EXPECT_THAT(no_ucm.out, HasSubstr(" 3. "));
     EXPECT_THAT(no_ucm.out, Not(HasSubstr(" 4. ")));
-
-    const program_result twice_ibat = demo_with("twice", "ibat.so");
-    EXPECT_EQ(twice_ibat.exit_code, 1);
-    EXPECT_THAT(twice_ibat.out, HasSubstr(" 1. "));
-    EXPECT_THAT(twice_ibat.out, Not(HasSubstr(" 2. ")));
 
     const program_result nowhere = run_ats({"demo", "--capture", folder / "missing/demo.pcap"});
     EXPECT_EQ(nowhere.exit_code, 2);

@@ -1,7 +1,6 @@
 #include "host/fabric/embedded/subnet-administrator.h"
 
 #include <gtest/gtest.h>
-#include <random>
 
 #include "requests.h"
 
@@ -131,55 +130,5 @@ const exchange exchanges[] = {
 
 INSTANTIATE_TEST_SUITE_P(requests, subnet_administrator_table, testing::ValuesIn(exchanges),
                          [](const auto& row) { return row.param.name; });
-
-TEST(subnet_administrator, a_lease_runs_out_and_says_what_remains)
-{
-    subnet_administrator sa(8, is_known_gid);
-    traffic_counts counts;
-    auto ask = [&](const sa_mad_v2_t& asked, uint64_t now) {
-        fabric::mad_bytes mad = test::bytes_of(asked);
-        EXPECT_TRUE(sa.answer(mad, now, counts));
-        return std::bit_cast<sa_mad_v2_t>(mad);
-    };
-    const record_t ten_seconds = test::host_record(gid_a, 1, 0xFFFF, 10);
-    const sa_mad_v2_t get_it = request(get, by_gid, like_gid(gid_a));
-    ask(request(set, all, ten_seconds), 100);
-    ask(request(set, all, b1), 100);
-    EXPECT_EQ(from_wire(test::record_in(ask(get_it, 4099)).service_lease), 7u);
-    EXPECT_EQ(from_wire(ask(get_it, 10'099).hdr.u.ns.status.raw16), 0);
-    EXPECT_EQ(from_wire(ask(get_it, 10'100).hdr.u.ns.status.raw16), no_records);
-    EXPECT_EQ(sa.records.all(10'100).size(), 1u) << "an infinite lease stays";
-    EXPECT_EQ(counts.sa_sets, 2u);
-    EXPECT_EQ(counts.sa_gets, 3u);
-}
-
-TEST(subnet_administrator, hostile_datagrams_change_nothing_they_may_not)
-{
-    subnet_administrator sa(64, is_known_gid);
-    traffic_counts counts;
-    std::mt19937_64 dice(7);
-    int answered = 0;
-    for (int round = 0; round < 300'000; ++round) {
-        // A well-formed request with a few bytes spoiled, or nothing but noise.
-        sa_mad_v2_t mad =
-            request(round % 3 ? get : set, dice(), test::host_record(gid_a, static_cast<uint8_t>(dice())));
-        auto* bytes = reinterpret_cast<uint8_t*>(&mad);
-        const size_t spoiled = round % 4 ? dice() % 6 : sizeof mad;
-        for (size_t i = 0; i < spoiled; ++i) bytes[dice() % sizeof mad] = static_cast<uint8_t>(dice());
-        fabric::mad_bytes raw = test::bytes_of(mad);
-        const bool for_the_sa = mad.hdr.mgt_class == MAD_CLASS_SUBN_ADM && !mad.hdr.m.r;
-        ASSERT_EQ(sa.answer(raw, static_cast<uint64_t>(round), counts), for_the_sa);
-        if (!for_the_sa) {
-            ASSERT_EQ(raw, test::bytes_of(mad));
-            continue;
-        }
-        ++answered;
-        ASSERT_TRUE(raw[3] & MAD_METHOD_RESPONSE);
-        ASSERT_EQ(memcmp(raw.data() + 6, bytes + 6, offsetof(sa_mad_v2_t, payload) - 6), 0);
-    }
-    EXPECT_GT(answered, 100'000);
-    for (const record_t& record : sa.records.all(300'000))
-        EXPECT_TRUE(is_known_gid(std::to_array(record.service_gid.bytes)));
-}
 
 } // namespace

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <numeric>
-#include <thread>
 
 #include "requests.h"
 
@@ -329,46 +328,6 @@ TEST(subnet, hosts_get_what_they_asked_for_or_a_clear_error)
     EXPECT_THROW(net.add_hca("node3", "mthca0", 0), std::invalid_argument);
     EXPECT_THROW(net.add_hca("node3", {.port_guids = {0x0A0B0C0D0E0F1011}}), std::invalid_argument);
     EXPECT_EQ(net.find("node3", "mthca0").hca, nullptr);
-}
-
-// Many threads send while links flap and listeners come and go: what the thread sanitizer is for.
-TEST(subnet, threads_share_it)
-{
-    auto exec = kernel::make_threaded_executor();
-    subnet net(*exec);
-    struct counting final : fabric::listener {
-        std::atomic<bool> listening{false};
-        std::atomic<int> arrived{0}, uninvited{0};
-        void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override
-        {
-            ++arrived;
-            if (!listening) ++uninvited;
-        }
-        void port_changed(int, fabric::port_change, uint16_t) override {}
-    } told;
-    fabric::hca& hca = net.add_hca("node1", "mthca0", 2);
-    ASSERT_TRUE(net.link_up("node1", "mthca0", 1));
-    const auto record = test::host_record(hca.read_port(1).gids[0], 1);
-    std::vector<std::thread> senders;
-    for (const uint8_t method : {MAD_METHOD_SET, MAD_METHOD_GET, MAD_METHOD_DELETE})
-        senders.emplace_back([&, method] {
-            for (uint64_t i = 0; i < 5000; ++i)
-                while (!hca.send(1, sa_address, test::bytes_of(request(method, test::mask_gid_lookup, record, i))))
-                    std::this_thread::yield();
-        });
-    for (int i = 0; i < 500; ++i) {
-        told.listening = true;
-        hca.listen(&told);
-        EXPECT_TRUE(net.link_up("node1", "mthca0", 2));
-        EXPECT_TRUE(net.link_down("node1", "mthca0", 2));
-        net.service_records();
-        net.faults.drop_next = 1;
-        hca.listen(nullptr);
-        told.listening = false;
-    }
-    for (std::thread& each : senders) each.join();
-    EXPECT_EQ(told.uninvited, 0);
-    EXPECT_EQ(net.counts().sent, 15'000u);
 }
 
 } // namespace

@@ -108,31 +108,6 @@ TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
     EXPECT_EQ(host.modules.rmmod("probe").error, -EK_NOENT);
 }
 
-TEST_F(loading, every_machine_and_every_load_has_statics_of_its_own)
-{
-    kernel::machine second(*sim, "node2"), third(*sim, "node3");
-    const auto call = [](kernel::machine& in) {
-        int result = 0;
-        in.enter("caller", [&] {
-            const auto* function = inter_module_get("probe_call");
-            result = reinterpret_cast<int (*)()>(const_cast<void*>(function))();
-            inter_module_put("probe_call");
-        });
-        return result;
-    };
-    for (kernel::machine* each : {&host, &second, &third})
-        ASSERT_TRUE(each->modules.insmod(probe, "text=" + each->name()));
-    EXPECT_EQ(call(host), 1);
-    EXPECT_EQ(call(host), 2);
-    EXPECT_EQ(call(second), 1);
-    EXPECT_STREQ(ask<const char*>(second, "probe_text"), "node2");
-    EXPECT_TRUE(host.modules.rmmod("probe"));
-    ASSERT_TRUE(host.modules.insmod(probe));
-    EXPECT_EQ(call(host), 1) << "the image is fresh";
-    EXPECT_EQ(call(second), 2);
-    for (kernel::machine* each : {&host, &second, &third}) EXPECT_TRUE(each->modules.rmmod("probe"));
-}
-
 TEST_F(loading, gives_symbols_of_the_module_only_and_keeps_it_while_they_are_held)
 {
     ASSERT_TRUE(host.modules.insmod(probe));
@@ -213,16 +188,6 @@ TEST_F(loading, a_failed_start_leaves_nothing)
     EXPECT_EQ(result.error, -EK_NXIO);
     EXPECT_EQ(result.why, "insmod probe: start-up failed with -6 (No such device or address); the kernel log says why");
     expect_nothing_left();
-}
-
-TEST_F(loading, the_logger_level_reaches_every_image_before_it_starts_and_later)
-{
-    host.modules.set_logger_level(3);
-    ASSERT_TRUE(host.modules.insmod(probe));
-    EXPECT_EQ(ask<int>(host, "probe_logger_level"), 3);
-    host.modules.set_logger_level(1);
-    EXPECT_EQ(ask<int>(host, "probe_logger_level"), 1);
-    EXPECT_TRUE(host.modules.rmmod("probe"));
 }
 
 TEST_F(loading, what_a_module_forgets_is_found)

@@ -47,19 +47,6 @@ TEST(order, is_the_seeds_and_only_the_seeds)
     EXPECT_EQ(busy_machine({.seed = 1}), busy_machine({.seed = 2})) << "nobody asked for exploration";
 }
 
-TEST(order, is_that_of_becoming_ready_however_many_there_are)
-{
-    one_machine at;
-    std::vector<int> order, expected;
-    for (int i = 0; i < 110; ++i) {
-        if (i == 10) at.sim->settle(); // from here on the queue does not begin where it began
-        at.at(0, "task", [&, i] { order.push_back(i); });
-        expected.push_back(i);
-    }
-    at.finish();
-    EXPECT_EQ(order, expected);
-}
-
 // Two tasks that each read a number, are somewhere else, and write it back plus one: what they end up with.
 std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
 {
@@ -115,17 +102,6 @@ TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
     EXPECT_THAT(seen, ElementsAre("a1010", "b1020", "c1020", "a1020"));
     at.sim->run_until(500'000'000); // nothing is due: costs nothing
     EXPECT_EQ(at.sim->now(), 500'000'000u);
-}
-
-TEST(time, a_task_that_sleeps_until_a_past_tick_lets_the_others_run)
-{
-    one_machine at;
-    bool done = false;
-    at.at(0, "impatient", [&] {
-        while (!done) at.sim->park(0, "nothing", "");
-    });
-    at.at(0, "other", [&] { done = true; });
-    at.finish();
 }
 
 TEST(wake_ups, are_never_lost_and_several_are_one)

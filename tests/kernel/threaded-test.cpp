@@ -74,31 +74,6 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
     EXPECT_EQ(host.log.lines().size(), static_cast<size_t>(expected));
 }
 
-TEST_F(threads, answer_each_other_through_wait_queues_and_wakes)
-{
-    wait_queue_head_t queue;
-    init_waitqueue_head(&queue);
-    std::atomic<int> ball = 0;
-    kernel::task& player = start("player", [&] {
-        for (int i = 0; i < rounds; ++i) {
-            while (ball != 2 * i + 1) exec->park(kernel::never, "ball", "player");
-            ++ball;
-            wake_up_interruptible(&queue);
-        }
-    });
-    host.enter("server", [&] {
-        for (int i = 0; i < rounds; ++i) {
-            ++ball;
-            exec->wake(player);
-            wait_event_interruptible_timeout(
-                &queue, [&] { return ball == 2 * i + 2; }, 600 * HZ);
-        }
-    });
-    EXPECT_LT(exec->now(), 600 * HZ) << "a wake-up was lost";
-    finish();
-    EXPECT_EQ(ball, 2 * rounds);
-}
-
 TEST_F(threads, use_a_module_while_it_comes_and_goes)
 {
     std::atomic<bool> done = false;
@@ -127,15 +102,6 @@ TEST_F(threads, use_a_module_while_it_comes_and_goes)
     done = true;
     finish();
     EXPECT_GE(answers, 20);
-}
-
-TEST_F(threads, deadlines_come_and_not_early)
-{
-    host.enter("sleeper", [] {
-        const unsigned long begin = jiffies;
-        schedule_timeout_uninterruptible(2);
-        EXPECT_GE(jiffies, begin + 2);
-    });
 }
 
 TEST_F(threads, a_task_that_throws_or_sleeps_where_it_may_not_dies)

@@ -89,8 +89,3 @@ MODULE_EXPORT int probe_number()
 
 kernel_module_t this_module = {
     "probe", "a probe for tests", start, stop, parameters, sizeof parameters / sizeof parameters[0], &logger_level};
-
-MODULE_EXPORT int probe_logger_level()
-{
-    return logger_level;
-}
