@@ -1,7 +1,7 @@
 #include "tests/ats/ats-world.h"
 
 #include <bit>
-#include <cstdio>
+#include <regex>
 
 #include "host/stack/gsi-service.h"
 #include "host/stack/registry.h"
@@ -11,7 +11,6 @@ namespace
 {
 
 constexpr const char* registry_key = "dorvex/modules/ats";
-constexpr const char* registry_value = "debug-level";
 
 std::string parameters_of(const host_setup& setup)
 {
@@ -26,30 +25,19 @@ world::host_plan plan_of(const host_setup& setup)
 }
 
 // A pointer has 9 to 14 digits, in lower case; other numbers that are printed have fewer or more.
-std::string without_pointers(const std::string& line)
+std::string readable(std::string line)
 {
-    constexpr const char* digits = "0123456789abcdef";
-    std::string text = line;
-    for (size_t at = text.find("0x"); at != std::string::npos; at = text.find("0x", at + 1)) {
-        const size_t end = std::min(text.find_first_not_of(digits, at + 2), text.size());
-        if (end - at - 2 >= 9 && end - at - 2 <= 14) text.replace(at, end - at, "PTR");
-    }
-    return text;
+    static const std::regex pointer("0x[0-9a-f]{9,14}(?![0-9a-f])");
+    static const std::regex traced("^<6>(ERROR|WARNING|DEBUG|FUNC) *: ATS : ([a-z_]+):\\(ats_([a-z]+)\\.cpp\\):([^]*)");
+    if (line.ends_with('\n')) line.pop_back();
+    return std::regex_replace(std::regex_replace(line, pointer, "PTR"), traced, "$1 $3/$2: $4");
 }
 
-std::string readable(const std::string& raw_line)
+// "node1.2"; of an HCA other than the host's first "node1.mthca1.2".
+std::string name_of(const embedded::port_view& port)
 {
-    std::string line = without_pointers(raw_line);
-    if (line.ends_with('\n')) line.pop_back();
-    char level[8] = {}, operation[64], unit[8];
-    int read = 0;
-    std::sscanf(line.c_str(), "<6>%7c : ATS : %63[a-z_]:(ats_%7[a-z].cpp):%n", level, operation, unit, &read);
-    if (read == 0) return line;
-    const std::string prefix =
-        std::string("<6>") + level + " : ATS : " + operation + ":(ats_" + unit + ".cpp):"; // to the last blank
-    if (!line.starts_with(prefix)) return line;
-    const std::string name = std::string(level).substr(0, std::string(level).find(' '));
-    return name + " " + unit + "/" + operation + ": " + line.substr(prefix.size());
+    const std::string hca = port.hca_name == "mthca0" ? "" : port.hca_name + ".";
+    return port.host_name + "." + hca + std::to_string(port.port);
 }
 
 } // namespace
@@ -67,12 +55,11 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
     return out << answer.tick << " " << answer.status << " " << world::format_ipv4(answer.ip);
 }
 
-ats_host::ats_host(kernel::executor& exec, embedded::subnet& subnet, const host_setup& setup)
-    : setup_(setup), exec_(exec), subnet_(subnet),
-      host_(std::make_unique<world::host>(exec, subnet, plan_of(setup), ATS_MODULE_DIR, host_random_seed))
+ats_host::ats_host(kernel::simulation& sim, embedded::subnet& subnet, const host_setup& setup)
+    : setup_(setup), sim_(sim), subnet_(subnet), host_(sim, subnet, plan_of(setup), ATS_MODULE_DIR, host_random_seed)
 {
     if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
-    if (setup.has_ibat) peers().publish_ibat();
+    peers().publish_ibat();
     if (setup.has_ucm) peers().publish_ucm();
 }
 
@@ -115,8 +102,7 @@ kq_gid_t ats_host::gid(int port, int hca) const
 void ats_host::run(const std::function<void()>& body)
 {
     machine().enter("test", body);
-    auto* sim = dynamic_cast<kernel::simulation*>(&exec_);
-    if (sim && !kernel::current_task()) sim->settle();
+    if (!kernel::current_task()) sim_.settle();
 }
 
 ibat_stat_t ats_host::reverse(const kq_gid_t& gid, asker& who, uint32_t* at_once)
@@ -142,11 +128,6 @@ ibat_stat_t ats_host::resolve(const std::string& address)
     return status;
 }
 
-kernel::task& ats_host::start(const std::string& task_name, std::function<void()> body)
-{
-    return machine().start(task_name, std::move(body));
-}
-
 int ats_host::control(const std::string& written)
 {
     int result = 0;
@@ -163,12 +144,7 @@ std::string ats_host::read(const std::string& proc_file)
 
 void ats_host::trace(int level)
 {
-    machine().get<stack::registry>().set(registry_key, registry_value, level);
-}
-
-void ats_host::set_verify_period(int seconds, int skew_percent)
-{
-    control("sa_verify_period " + std::to_string(seconds) + " " + std::to_string(skew_percent));
+    machine().get<stack::registry>().set(registry_key, "debug-level", level);
 }
 
 std::vector<std::string> ats_host::log()
@@ -201,11 +177,6 @@ ats_world::ats_world(const kernel::simulation_options& options, embedded::subnet
     : sim(kernel::make_simulation(options)), subnet(*sim, std::move(subnet_options)), begin_tick_(options.start_tick)
 {
     subnet.set_tap(this);
-}
-
-ats_world::~ats_world()
-{
-    hosts_.clear();
 }
 
 ats_host& ats_world::add(const host_setup& setup)
@@ -248,7 +219,7 @@ std::string ats_world::describe(const wire_request& request) const
     const auto mad = std::bit_cast<sa_mad_v2_t>(request.mad);
     const test::record_t record = test::record_in(mad);
     const embedded::service_record_view view = embedded::view_of(record);
-    const std::string gid = port_name(std::to_array(record.service_gid.bytes));
+    const std::string gid = port_name(view.gid);
     std::string text = std::to_string(request.tick - begin_tick_) + " " + port_name(request.source_lid);
     switch (test::method_of(mad)) {
     case MAD_METHOD_SET:
@@ -262,18 +233,6 @@ std::string ats_world::describe(const wire_request& request) const
     }
 }
 
-namespace
-{
-
-// "node1.2"; of an HCA other than the host's first "node1.mthca1.2".
-std::string name_of(const embedded::port_view& port)
-{
-    const std::string hca = port.hca_name == "mthca0" ? "" : port.hca_name + ".";
-    return port.host_name + "." + hca + std::to_string(port.port);
-}
-
-} // namespace
-
 std::string ats_world::port_name(uint16_t lid) const
 {
     // A datagram crosses inside of the subnet, but is described later.
@@ -282,23 +241,19 @@ std::string ats_world::port_name(uint16_t lid) const
     return "LID " + std::to_string(lid);
 }
 
-std::string ats_world::port_name(const fabric::gid_bytes& gid) const
+std::string ats_world::port_name(const std::string& gid) const
 {
-    if (gid == fabric::gid_bytes{}) return "none";
+    if (gid == embedded::text_of(fabric::gid_bytes{})) return "none";
     for (const embedded::port_view& port : subnet.ports())
-        if (port.gid == embedded::text_of(gid)) return name_of(port);
-    return embedded::text_of(gid);
+        if (port.gid == gid) return name_of(port);
+    return gid;
 }
 
 std::vector<std::string> ats_world::records() const
 {
     std::vector<std::string> texts;
-    const std::vector<embedded::port_view> ports = subnet.ports();
-    for (const embedded::service_record_view& record : subnet.service_records()) {
-        const auto owner = std::ranges::find(ports, record.gid, &embedded::port_view::gid);
-        texts.push_back((owner == ports.end() ? record.gid : name_of(*owner)) + " " + record.ipv4 + " " +
-                        record.host_name);
-    }
+    for (const embedded::service_record_view& record : subnet.service_records())
+        texts.push_back(port_name(record.gid) + " " + record.ipv4 + " " + record.host_name);
     return texts;
 }
 

@@ -36,7 +36,6 @@ struct host_setup {
     std::vector<int> ports = {1}; // of the HCAs mthca0, mthca1, ...
     std::string more_parameters = "";
     int trace = trace_error;
-    bool has_ibat = true;
     bool has_ucm = true;
     bool has_key = true; // its trace level in the registry
 };
@@ -62,9 +61,9 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer); // "7 
 class ats_host
 {
   public:
-    ats_host(kernel::executor& exec, embedded::subnet& subnet, const host_setup& setup);
+    ats_host(kernel::simulation& sim, embedded::subnet& subnet, const host_setup& setup);
 
-    kernel::machine& machine() { return host_->machine(); }
+    kernel::machine& machine() { return host_.machine(); }
     kernel::fault_injector& faults() { return machine().faults; }
     recording_peers& peers() { return machine().get<recording_peers>(); }
     const std::string& name() const { return setup_.name; }
@@ -77,7 +76,7 @@ class ats_host
     void link_down(int port, int hca = 0);
     kq_gid_t gid(int port, int hca = 0) const;
 
-    // Runs `body` in a task of the host, then, called from outside of a simulation, everything that it made ready.
+    // Runs `body` in a task of the host, then, called from outside of any task, everything that it made ready.
     void run(const std::function<void()>& body);
 
     // Asks as UCM would; the answer comes to `who` unless the result says otherwise.
@@ -87,13 +86,15 @@ class ats_host
     ibat_stat_t resolve(const std::string& address);
 
     // A task of the host's own that a story may signal or wait for.
-    kernel::task& start(const std::string& task_name, std::function<void()> body);
+    kernel::task& start(const std::string& task_name, std::function<void()> body)
+    {
+        return machine().start(task_name, std::move(body));
+    }
     void finish(kernel::task& started) { machine().exec().join(started); }
 
     int control(const std::string& written); // one write to the control file
     std::string read(const std::string& proc_file);
     void trace(int level);
-    void set_verify_period(int seconds, int skew_percent = 0);
 
     // The lines since the last call. A trace line reads "LEVEL unit/operation: text", a plain one "text"; pointers read
     // PTR. One that does not have the form of a trace line stays as it is.
@@ -112,9 +113,9 @@ class ats_host
     std::string hca_name(int hca) const { return "mthca" + std::to_string(hca); }
 
     host_setup setup_;
-    kernel::executor& exec_;
+    kernel::simulation& sim_;
     embedded::subnet& subnet_;
-    std::unique_ptr<world::host> host_;
+    world::host host_;
     uint64_t next_line_ = 0;
 };
 
@@ -129,7 +130,6 @@ class ats_world final : fabric::tap
 {
   public:
     explicit ats_world(const kernel::simulation_options& options = {}, embedded::subnet_options subnet_options = {});
-    ~ats_world();
 
     // A host with its peers, not loaded.
     ats_host& add(const host_setup& setup = {});
@@ -157,13 +157,13 @@ class ats_world final : fabric::tap
     void crossed(uint64_t now, uint16_t source_lid, const fabric::address& destination,
                  const fabric::mad_bytes& mad) override;
     std::string port_name(uint16_t lid) const;
-    std::string port_name(const fabric::gid_bytes& gid) const;
+    std::string port_name(const std::string& gid) const;
     std::string describe(const wire_request& request) const;
 
     const uint64_t begin_tick_;
-    std::vector<std::unique_ptr<ats_host>> hosts_;
     std::vector<wire_request> requests_;
     fabric::hca* stranger_ = nullptr;
+    std::vector<std::unique_ptr<ats_host>> hosts_; // the first to go, for they say farewell
 };
 
 // An answer to a lookup, as the SA of another fabric might give it.

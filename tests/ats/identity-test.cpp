@@ -151,7 +151,7 @@ TEST(identity_of_three_machines, is_their_own)
         hosts.push_back(
             &w.add_registered({.name = "node" + std::string(number), .address = "10.0.0." + std::string(number)}));
     hosts[1]->control("set_host_name other");
-    hosts[1]->set_verify_period(7);
+    hosts[1]->control("sa_verify_period 7 0");
     hosts[2]->trace(trace_debug);
     hosts[0]->unload();
     EXPECT_THAT(w.records(), ElementsAre("node2.1 10.0.0.2 other", "node3.1 10.0.0.3 node3"));

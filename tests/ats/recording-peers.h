@@ -51,7 +51,6 @@ class recording_peers final : public kernel::service
     void* rarp_context = nullptr;
 
     std::vector<ibat_arp_data_t> processed;
-    std::function<void(ibat_arp_data_t&)> on_process; // what else IBAT does with a reply
     std::vector<std::pair<kq_gid_t, uint32_t>> cache; // what IBAT knows of GIDs
 
   private:
@@ -81,9 +80,7 @@ class recording_peers final : public kernel::service
     }
     static ibat_stat_t process(ibat_arp_data_t* reply)
     {
-        recording_peers& self = here();
-        self.processed.push_back(*reply);
-        if (self.on_process) self.on_process(*reply);
+        here().processed.push_back(*reply);
         return ibat_stat_error; // of no interest to ats
     }
     static ibat_stat_t look_up(kq_gid_t* gid, ibat_arp_data_t* found)

@@ -10,7 +10,7 @@ TEST(report, shows_every_hca_and_port)
     ats_world w;
     ats_host& host = w.add({.ports = {2, 1}}).load();
     host.link_up(2);
-    host.set_verify_period(300, 7);
+    host.control("sa_verify_period 300 7");
     host.log();
     EXPECT_EQ(host.read("dorvex/ats/control"), "");
     const auto port = [](int number, const char* state, const char* gid, const char* lid, const char* counters) {

@@ -11,9 +11,9 @@ using lines = std::vector<std::string>;
 struct verification : testing::Test {
     verification()
     {
-        host.set_verify_period(0);
+        host.control("sa_verify_period 0 0");
         w.at(59'999);
-        host.set_verify_period(10);
+        host.control("sa_verify_period 10 0");
         w.at(60'600); // the check that was armed at the start has found itself switched on again
         const lines sent = w.requests();
         EXPECT_EQ(sent.size(), 1u);
@@ -135,17 +135,17 @@ TEST_F(verification, says_what_it_could_not_send)
 
 TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
 {
-    for (const int off : {0, -5}) {
+    for (const char* off : {"0", "-5"}) {
         ats_world w;
         ats_host& host = w.add_registered({.trace = trace_debug});
-        host.set_verify_period(off);
+        host.control("sa_verify_period " + std::string(off) + " 0");
         w.at(60'600); // the first check meets it
         w.subnet.forget_all();
         host.log();
         w.at(300'000);
         EXPECT_THAT(w.requests(), IsEmpty());
         EXPECT_EQ(std::ranges::count(host.log(), "DEBUG api/verification_callback: data=0"), 3) << "once a minute";
-        host.set_verify_period(1);
+        host.control("sa_verify_period 1 0");
         w.at(360'600);
         EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
         host.log();
@@ -174,7 +174,7 @@ TEST(verification_period, is_lengthened_by_up_to_the_skew)
     uint64_t delay = expected_delay(60, 1);
     EXPECT_EQ(host.log().back(), line(delay));
     for (const auto& [period, skew] : table) {
-        host.set_verify_period(static_cast<int>(period), static_cast<int>(skew));
+        host.control("sa_verify_period " + std::to_string(period) + " " + std::to_string(skew));
         w.at(w.sim->now() + delay);
         delay = expected_delay(period, skew);
         EXPECT_THAT(host.log(), ElementsAre("DEBUG api/verification_callback: data=0", line(delay),
