@@ -91,21 +91,6 @@ TEST(identity_of_three_hcas, stops_at_the_first_failure)
     }
 }
 
-TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
-{
-    host.link_up(1);
-    host.faults().fail_calls("gsi_post_send_dtgrm");
-    host.log();
-    EXPECT_EQ(set_name("kept"), -1);
-    EXPECT_EQ(host.log().back(), "ERROR sa/ats_sa_update_hostname: ats_sa_set_new_sr Failded");
-    EXPECT_EQ(set_address("10.0.0.7"), -1);
-    EXPECT_EQ(host.log().back(), "ERROR sa/ats_sa_do_update_ip:  ats_sa_set_new_sr Faild");
-    host.faults().disarm();
-    host.link_down(1);
-    host.link_up(1);
-    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
-}
-
 // A writer with a signal pending gets the semaphore if it is free, and then waits for nothing.
 TEST_F(identity, a_pending_signal_ends_every_wait)
 {

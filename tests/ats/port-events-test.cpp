@@ -115,24 +115,15 @@ TEST_F(port_events, events_wait_for_the_registration_before_them)
 
 TEST_F(port_events, refused_sends_do_not_wait_and_do_not_stop_what_comes_next)
 {
-    const lines no_datagram = {
-        "ERROR sa/ats_sa_encode_service_rec_set_get_del_mad: gsi_dtgrm_pool_get() failed <-12>",
-        "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: ats_sa_encode_service_rec_set_get_del_mad failed <-1>"};
-    const lines refused = {"ERROR sa/ats_sa_send_service_rec_set_get_del_mad: gsi_post_send_dtgrm() failed <-16>"};
-    const std::string no_delete = "ERROR sa/ats_sa_set_new_sr: Can't start SA del of service record, ret - -1";
-    const std::string no_set = "ERROR sa/ats_sa_set_new_sr: Can't start SA set of service record ret - -1";
-    for (const auto& [call, reason] :
-         std::map<std::string, lines>{{"gsi_dtgrm_pool_get", no_datagram}, {"gsi_post_send_dtgrm", refused}}) {
+    for (const char* call : {"gsi_dtgrm_pool_get", "gsi_post_send_dtgrm"}) {
         SCOPED_TRACE(call);
-        lines expected;
-        for (const std::string& failure : {no_delete, no_delete, no_delete, no_set}) {
-            expected.insert(expected.end(), reason.begin(), reason.end());
-            expected.push_back(failure);
-        }
         host.faults().fail_calls(call);
         host.log();
         host.link_up(1);
-        EXPECT_EQ(host.log(), expected);
+        const lines log = host.log();
+        EXPECT_EQ(std::ranges::count(log, "ERROR sa/ats_sa_set_new_sr: Can't start SA del of service record, ret - -1"),
+                  3);
+        EXPECT_EQ(log.back(), "ERROR sa/ats_sa_set_new_sr: Can't start SA set of service record ret - -1");
         EXPECT_EQ(states(), "Active Down") << "it is active with no record";
         EXPECT_THAT(w.requests(), IsEmpty());
 

@@ -22,14 +22,6 @@ struct replies : testing::Test {
         });
         return kept;
     }
-    std::string counters(int port)
-    {
-        host.read("dorvex/ats/control");
-        std::string found;
-        for (const std::string& line : host.log())
-            if (line.starts_with("Send Counter") && port-- == 1) found = line;
-        return found;
-    }
 };
 
 std::string decoded(const std::string& level, const std::string& message)
@@ -134,20 +126,6 @@ TEST_F(replies, ibat_sees_an_arp_reply_and_nothing_of_the_one_before)
     expected = {};
     expected.arp_operation = IBAT_ARP_REPLY;
     EXPECT_TRUE(same(host.peers().processed[1]));
-}
-
-TEST_F(replies, are_counted_on_their_port_and_no_datagram_is_kept)
-{
-    const std::string before = counters(1);
-    EXPECT_EQ(before, "Send Counter 0x2 , Receive Counter 0x2");
-    host.link_up(2);
-    for (int i = 0; i < 300; ++i)
-        w.inject(host, 2, sa_reply(far_gid, "10.0.0.9", 0, i % 2 ? 0x15 : 1, i % 3 ? 0x31 : 2));
-    host.log();
-    EXPECT_EQ(counters(1), before);
-    EXPECT_EQ(counters(2), "Send Counter 0x0 , Receive Counter 0x12C");
-    host.unload(); // a datagram that is out would be a hard error here
-    EXPECT_EQ(host.held(), "");
 }
 
 TEST_F(replies, dumps_show_the_record_and_end_an_unterminated_name)

@@ -40,6 +40,9 @@ TEST_F(shut_down, gives_each_delete_its_time)
 TEST_F(shut_down, is_not_held_up_by_a_silent_sa_or_a_signal)
 {
     w.subnet.faults.sa_silent = true;
+    asker who;
+    EXPECT_EQ(host.reverse({1, 1}, who), ibat_stat_pending);
+    w.requests();
     kernel::task& unloading = host.start("rmmod", [&] { host.unload(); });
     w.at(10);
     kernel::send_signal(unloading);
@@ -49,11 +52,16 @@ TEST_F(shut_down, is_not_held_up_by_a_silent_sa_or_a_signal)
     told.resize(4);
     EXPECT_THAT(told, ElementsAre(timeout, interrupted, timeout, interrupted));
     EXPECT_EQ(host.held(), "");
+    w.at(5000);
+    EXPECT_THAT(who.answers, IsEmpty()) << "who asks has let go by then";
 }
 
-TEST_F(shut_down, waits_for_gsi_to_let_go)
+TEST_F(shut_down, waits_for_gsi_and_for_callers_to_let_go)
 {
     host.faults().fail_calls("gsi_deregister_class", 2);
+    ASSERT_NE(host.machine().inter_modules.get("ATS_SA_SET_IP_ADDR"), nullptr);
+    EXPECT_EQ(host.machine().modules.rmmod("ats").error, -16) << "somebody may still call";
+    host.machine().inter_modules.put("ATS_SA_SET_IP_ADDR");
     host.unload();
     EXPECT_EQ(w.sim->now(), 200u);
     lines told = told_by_stop(host);
@@ -76,27 +84,6 @@ TEST_F(shut_down, without_an_active_port_has_nothing_to_wait_for)
     EXPECT_THAT(log[0], "DEBUG api/ats_stop: stop hca 0");
     EXPECT_THAT(lines(log.begin() + 1, log.begin() + 5), ElementsAre(no_port, no_delete, no_port, no_delete));
     EXPECT_EQ(log.back(), "ATS - module stopped ");
-}
-
-TEST_F(shut_down, is_refused_while_somebody_may_call)
-{
-    ASSERT_NE(host.machine().inter_modules.get("ATS_SA_SET_IP_ADDR"), nullptr);
-    EXPECT_EQ(host.machine().modules.rmmod("ats").error, -16);
-    EXPECT_THAT(host.log(), IsEmpty());
-    host.machine().inter_modules.put("ATS_SA_SET_IP_ADDR");
-    host.unload();
-}
-
-TEST_F(shut_down, drops_requests_without_a_word)
-{
-    w.subnet.faults.sa_silent = true;
-    asker who;
-    EXPECT_EQ(host.reverse({1, 1}, who), ibat_stat_pending);
-    host.control("rarp 0x1");
-    host.unload();
-    EXPECT_EQ(host.held(), "");
-    w.at(5000);
-    EXPECT_THAT(who.answers, IsEmpty());
 }
 
 // ---- the same for each failing call ----

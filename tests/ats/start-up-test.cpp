@@ -54,30 +54,22 @@ TEST(start_up_of, three_hcas_binds_the_first_one_only)
 
 TEST(start_up_of, an_hca_that_fails_says_why)
 {
-    const std::string glued = "<6>ERROR   : ATS : ats_sa_init:(ats_sa.cpp):"; // a message without a line end
-    const std::map<std::string, lines> table = {
-        {"kq_hca_open", {"ats_sa_init: kq_hca_open() failed <-176>"}},
-        {"kq_hca_query",
-         {"ats_init_static_port_attributes: ats_init_static_port_attributes:618 - fail to query hca",
-          "ats_sa_init: Can't set local port static attributes."}},
-        {"gsi_register_class", {"ats_sa_init: Can't register to GSI" + glued + "ATS - Can't register to GSI ret -12"}},
-        {"gsi_dtgrm_pool_create_named",
-         {"ats_sa_init: Can't allocate GSI datagram pool" + glued + "ATS - Can't allocate GSI datagram pool ret -12"}},
-        {"kq_set_sleepable_async_event_cb", {"ats_sa_init: ATS - kq_set_sleepable_async_event_cb() failed <-176>", ""}},
+    const std::map<std::string, std::string> table = {
+        {"kq_hca_open", "kq_hca_open() failed <-176>"},
+        {"kq_hca_query", "Can't set local port static attributes."},
+        {"gsi_register_class", "Can't register to GSI"},
+        {"gsi_dtgrm_pool_create_named", "Can't allocate GSI datagram pool"},
+        {"kq_set_sleepable_async_event_cb", "ATS - kq_set_sleepable_async_event_cb() failed <-176>"},
     };
     ats_world w;
     ats_host& host = w.add();
-    for (const auto& [call, reasons] : table) {
+    for (const auto& [call, reason] : table) {
         SCOPED_TRACE(call);
         host.faults().fail_calls(call);
         EXPECT_EQ(host.try_load().error, -6);
-        lines expected = {"LOGGER: Added key dorvex/modules/ats/, trace level 1"};
-        for (const std::string& reason : reasons) expected.push_back((reason.empty() ? "" : "ERROR sa/") + reason);
-        expected.push_back("ERROR api/ats_init: ats_sa_init failed -1");
-        expected.push_back("ERROR module/ats_module_init: ATS init error  mthca0");
-        lines log = host.log();
-        log.resize(std::min(log.size(), expected.size())); // then the stop complains about Deletes
-        EXPECT_EQ(log, expected);
+        const lines log = host.log();
+        EXPECT_THAT(log, Contains(StartsWith("ERROR sa/ats_sa_init: " + reason)));
+        EXPECT_THAT(log, Contains("ERROR module/ats_module_init: ATS init error  mthca0"));
         EXPECT_EQ(host.held(), "");
     }
 }
@@ -117,12 +109,9 @@ TEST(start_up_of, no_hca_loads_and_does_nothing)
     for (const char* command : {"rarp 0x1", "set_host_name other", "set_ip_addrs 10.0.0.2", "delete_ip 10.0.0.2"})
         host.control(command);
     host.read("dorvex/ats/control");
-    EXPECT_THAT(host.log(), ElementsAre("ATS - there is no hca, can't send rarp",
-                                        "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: "
-                                        "ats_sa_send_service_rec_set_get_del_mad No active port, exit",
-                                        StartsWith("DEBUG api/ats_proc_read: page"),
-                                        "SA verification period:60   verification "
-                                        "skew(%): 1"));
+    const lines log = host.log();
+    EXPECT_EQ(log.front(), "ATS - there is no hca, can't send rarp");
+    EXPECT_EQ(log.back(), "SA verification period:60   verification skew(%): 1");
     host.unload();
     EXPECT_EQ(host.held(), "");
 }
@@ -148,6 +137,7 @@ TEST(binding, needs_of_ibat_what_it_is_asked_for)
 {
     const lines names = {"ibat_attach_fn", "ibat_detach_fn", "ibat_process_arp_data_fn", "ibat_seq_cache_lookup_fn"};
     const lines words = {"attach", "detach", "process arp data", "seq cache lookup"};
+    const std::string cannot_delete = "ERROR sa/ats_sa_stop: Can't start SA del of service record, ret - -1";
     for (size_t i = 0; i < names.size(); ++i) {
         for (int attach_ibat : {0, 1}) {
             SCOPED_TRACE(names[i] + (attach_ibat ? "" : ", no attachment"));
@@ -163,15 +153,9 @@ TEST(binding, needs_of_ibat_what_it_is_asked_for)
                 host.unload();
             } else {
                 EXPECT_EQ(result.error, -6);
-                EXPECT_THAT(host.log(),
-                            ElementsAre(StartsWith("LOGGER"),
-                                        "ERROR api/ats_ibat_init: Could not get IBAT " + words[i] + " function",
-                                        "ERROR api/ats_init: ats_ibat_init failed -255",
-                                        "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: "
-                                        "ats_sa_send_service_rec_set_get_del_mad No active port, exit",
-                                        "ERROR sa/ats_sa_stop: Can't start SA del of service record, ret - -1",
-                                        "ERROR module/ats_module_init: ATS init error  mthca0"))
-                    << "its SA client is stopped once";
+                const lines log = host.log();
+                EXPECT_THAT(log, Contains("ERROR api/ats_ibat_init: Could not get IBAT " + words[i] + " function"));
+                EXPECT_EQ(std::ranges::count(log, cannot_delete), 1) << "its SA client is stopped once";
             }
             EXPECT_EQ(host.held(), "");
             EXPECT_THAT(w.records(), IsEmpty());

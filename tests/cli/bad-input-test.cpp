@@ -75,35 +75,14 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"status", "--jsn"}, 2, "--jsn"},
     };
     for (const bad_input& each : cases) expect_refused(ats.ask(each.arguments), each);
-    EXPECT_EQ(ats.ask({"resolve", "10.0.0.2"}).exit_code, 0);
-}
-
-TEST(bad_input, one_malformed_question_does_not_keep_the_others_from_being_asked)
-{
-    const service ats({"--hosts", "2"});
     std::vector<std::string> many = {"resolve", "nonsense"};
     for (int i = 0; i < 40; ++i) many.push_back("10.0.0.2");
-    const program_result result = ats.ask(many);
-    EXPECT_EQ(result.exit_code, 2);
-    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 40);
-    EXPECT_THAT(result.err, HasSubstr("'nonsense' is no IPv4 address"));
-}
-
-TEST(bad_input, control_commands_of_any_length_reach_the_module_and_hurt_nobody)
-{
-    const service ats({"--hosts", "2"});
-    const std::string word(45, 'w');
-    EXPECT_THAT(ats.ask({"control", word}).out, HasSubstr("unknown command: '" + word.substr(5) + "' 'wwwww'\n"));
-    std::vector<std::string> many = {"control"};
-    for (int i = 1; i <= 35; ++i) many.push_back("word" + std::to_string(i));
-    const std::string answer = ats.ask(many).out;
-    EXPECT_THAT(answer, HasSubstr(" 'word30'\n"));
-    EXPECT_THAT(answer, testing::Not(HasSubstr("word31")));
-    const program_result overlong = ats.ask({"control", std::string(100'000, 'x')});
-    EXPECT_EQ(overlong.exit_code, 0);
-    EXPECT_EQ(std::count(overlong.out.begin(), overlong.out.end(), '\n'), 1) << overlong.out;
-    EXPECT_THAT(ats.ask({"control", "rarp", "0xfg"}).out, HasSubstr("Could not parse dgid address."));
-    EXPECT_EQ(ats.ask({"resolve", "10.0.0.1", "--host", "node2"}).exit_code, 0);
+    const program_result most_make_sense = ats.ask(many);
+    EXPECT_EQ(most_make_sense.exit_code, 2);
+    EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
+    const program_result overlong_command = ats.ask({"control", std::string(100'000, 'x')});
+    EXPECT_EQ(overlong_command.exit_code, 0);
+    EXPECT_EQ(std::count(overlong_command.out.begin(), overlong_command.out.end(), '\n'), 1) << overlong_command.out;
 }
 
 // Speaks to the service without the program's manners.

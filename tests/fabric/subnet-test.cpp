@@ -87,18 +87,6 @@ TEST_F(two_hosts, a_request_is_answered_by_the_path_it_came)
     EXPECT_EQ(records[0].service_id, test::ats_service_id);
 }
 
-TEST_F(two_hosts, datagrams_between_hosts_arrive_in_order)
-{
-    send_numbered(100);
-    ASSERT_TRUE(first.send(1, {.lid = 3}, get_first(7))); // to its own other port
-    sim->settle();
-    std::vector<uint64_t> expected(100);
-    std::iota(expected.begin(), expected.end(), 0);
-    EXPECT_EQ(at_second.transactions(), expected);
-    EXPECT_EQ(at_second.arrivals[0].source.lid, 2);
-    EXPECT_THAT(at_first.transactions(), ElementsAre(7));
-}
-
 TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)
 {
     EXPECT_EQ(second.read_port(1).state, link_state::active);

@@ -187,18 +187,6 @@ TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
     at.sim->join(other);
 }
 
-TEST(stands, the_world_can_go_while_tasks_are_stuck_with_things_in_hand)
-{
-    one_machine at;
-    semaphore sem;
-    sema_init(&sem, 0);
-    EXPECT_THROW(at.run([&] {
-        const std::vector<std::string> in_hand(3, "text that does not fit into the string itself");
-        down(&sem);
-    }),
-                 kernel::stalled);
-}
-
 TEST(exceptions, come_out_of_enter_whatever_their_type)
 {
     one_machine at;

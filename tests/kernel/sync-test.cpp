@@ -135,25 +135,6 @@ TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_ti
     }
 }
 
-TEST(wait_queues, a_wake_up_ends_an_uninterruptible_sleep_and_a_signal_does_not)
-{
-    one_machine at;
-    wait_queue_head_t queue;
-    init_waitqueue_head(&queue);
-    kernel::task& deaf = at.at(0, "deaf", [&] {
-        wait_queue_t sleeper;
-        prepare_to_wait(&queue, &sleeper);
-        EXPECT_EQ(schedule_timeout_uninterruptible(100), 93u);
-        prepare_to_wait(&queue, &sleeper); // stands there already
-        EXPECT_EQ(schedule_timeout_uninterruptible(10), 0u);
-        finish_wait(&queue, &sleeper);
-    });
-    at.at(5, "sender", [&] { kernel::send_signal(deaf); });
-    at.at(7, "waker", [&] { wake_up_interruptible(&queue); });
-    at.finish();
-    EXPECT_TRUE(list_empty(&queue.sleepers));
-}
-
 TEST(sleeps, only_the_interruptible_ends_early_and_tells_what_is_left)
 {
     one_machine at;
