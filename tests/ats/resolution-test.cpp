@@ -70,29 +70,21 @@ TEST_F(resolution, maps_what_the_sa_says)
 TEST_F(resolution, one_answer_completes_all_who_wait_for_its_gid_the_newest_first)
 {
     w.subnet.faults.sa_silent = true;
-    asker first, second, third, else_where;
+    asker first, second, third, else_where, in_another_subnet;
     host.reverse({7, 7}, first);
     host.reverse({8, 7}, else_where);
+    host.reverse({7, 8}, in_another_subnet);
     host.reverse({7, 7}, second);
     host.reverse({7, 7}, third);
     host.trace(trace_debug);
-    host.log();
     w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7"));
     for (const asker* each : {&first, &second, &third})
         EXPECT_THAT(each->answers, ElementsAre(told(0, ibat_stat_ok, "10.0.0.7")));
     EXPECT_LT(third.order, second.order);
     EXPECT_LT(second.order, first.order);
-    EXPECT_THAT(else_where.answers, IsEmpty());
-
-    lines log;
-    for (const std::string& line : host.log())
-        if (const size_t at = line.find("ats_process_rarp_data: "); at != std::string::npos)
-            log.push_back(line.substr(at + 23));
-    const std::string looked_at = "check match against gid 0x00000000000000070000000000000007", found = "found match";
-    EXPECT_EQ(log, (lines{looked_at, found, "check match against gid 0x00000000000000070000000000000008", looked_at,
-                          found, looked_at, found, log[7], log[8], log[9],
-                          "found 3 maching RARP reqs for gid 0x00000000000000070000000000000007"}));
-    EXPECT_THAT(lines(log.begin() + 7, log.begin() + 10), testing::Each("call callback PTR  PTR"));
+    for (const asker* each : {&else_where, &in_another_subnet}) EXPECT_THAT(each->answers, IsEmpty());
+    EXPECT_THAT(host.log(), Contains("DEBUG api/ats_process_rarp_data: found 3 maching RARP reqs for gid "
+                                     "0x00000000000000070000000000000007"));
 }
 
 TEST_F(resolution, an_answer_that_is_no_answer_leaves_requests_to_time_out)
@@ -120,15 +112,9 @@ TEST(time_out, comes_to_the_tick)
         host.reverse({8, 7}, at_1_too);
         w.at(999);
         EXPECT_THAT(at_0.answers, IsEmpty());
-        host.log();
         w.at(1000);
         EXPECT_THAT(at_0.answers, ElementsAre(told(begin + 1000, ibat_stat_timeout)));
         EXPECT_THAT(at_1.answers, IsEmpty()) << "999 ticks old";
-        const std::string handler = "FUNC sa/ats_req_timer_handler: ";
-        const std::string looked_at = handler + "Checking RARP request entry: <0xPTR>";
-        EXPECT_THAT(host.log(),
-                    ElementsAre("DEBUG sa/ats_req_timer_handler: Pending RARP requests present.", looked_at,
-                                handler + "\t\t-> timeouted!", looked_at, looked_at, handler + "found entry : 0xPTR"));
         host.reverse({7, 7}, at_1000);
         w.at(1500);
         host.reverse({9, 9}, at_1500);

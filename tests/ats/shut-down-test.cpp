@@ -77,12 +77,9 @@ TEST_F(shut_down, without_an_active_port_has_nothing_to_wait_for)
     host.log();
     host.unload();
     EXPECT_EQ(w.sim->now(), 0u);
-    const std::string no_port = "ERROR sa/ats_sa_send_service_rec_set_get_del_mad: "
-                                "ats_sa_send_service_rec_set_get_del_mad No active port, exit";
     const std::string no_delete = "ERROR sa/ats_sa_stop: Can't start SA del of service record, ret - -1";
-    lines log = host.log();
-    EXPECT_THAT(log[0], "DEBUG api/ats_stop: stop hca 0");
-    EXPECT_THAT(lines(log.begin() + 1, log.begin() + 5), ElementsAre(no_port, no_delete, no_port, no_delete));
+    const lines log = host.log();
+    EXPECT_EQ(std::ranges::count(log, no_delete), 2);
     EXPECT_EQ(log.back(), "ATS - module stopped ");
 }
 

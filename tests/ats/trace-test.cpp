@@ -69,13 +69,6 @@ TEST(trace, a_line_names_level_operation_and_unit)
              "<6>ERROR   : ATS : ats_sa_stop:(ats_sa.cpp):Can't start SA del of service record, ret - -1\n",
          })
         EXPECT_THAT(raw, HasSubstr(line));
-
-    kernel::load_result failed;
-    host.faults().fail_calls("kq_hca_open");
-    EXPECT_EQ(host.try_load().error, -6);
-    EXPECT_THAT(host.machine().log.raw(),
-                HasSubstr("<6>ERROR   : ATS : ats_init:(ats_api.cpp):ats_sa_init failed -1\n"
-                          "<6>ERROR   : ATS : ats_module_init:(ats_module.cpp):ATS init error  mthca0\n"));
 }
 
 TEST(trace, without_a_registry_value_it_is_off_and_said)

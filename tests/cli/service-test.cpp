@@ -7,8 +7,6 @@
 namespace
 {
 
-using testing::HasSubstr;
-
 // What a service manager listens on, as NOTIFY_SOCKET of the programs started while it is there.
 class notice_socket
 {
@@ -53,7 +51,7 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     EXPECT_EQ(notices.next(), "STOPPING=1");
 }
 
-TEST(service, captures_an_embedded_fabric_and_says_when_it_cannot)
+TEST(service, captures_an_embedded_fabric)
 {
     const scratch_folder folder;
     {
@@ -61,40 +59,11 @@ TEST(service, captures_an_embedded_fabric_and_says_when_it_cannot)
         EXPECT_EQ(running.ask({"resolve", "10.0.0.2"}).exit_code, 0);
         EXPECT_EQ(running.stop(), 0);
     }
-    // Two registrations, a lookup and two farewells, each a request and its answer.
+    // At least two registrations, a lookup and two farewells, each a request and its answer.
     constexpr size_t file_header = 24, packet = 322;
     const size_t bytes = std::filesystem::file_size(folder / "all.pcap");
     EXPECT_EQ((bytes - file_header) % packet, 0u) << bytes;
     EXPECT_GE((bytes - file_header) / packet, 14u);
-    EXPECT_LE((bytes - file_header) / packet, 16u);
-
-    const program_result refused = run_ats({"run", "--socket", folder / "socket", "--capture", folder / "no/all.pcap"});
-    EXPECT_EQ(refused.exit_code, 2);
-    EXPECT_THAT(refused.err, HasSubstr("cannot write the capture"));
-}
-
-TEST(service, of_a_real_host_is_refused_what_is_not_whole)
-{
-    const struct {
-        std::vector<std::string> arguments;
-        const char* complaint;
-    } cases[] = {
-        {{"--fabric", "umad"}, "needs its address: add --address"},
-        {{"--fabric", "umad", "--address", "10.0.0"}, "'10.0.0' is no IPv4 address"},
-        {{"--fabric", "umad", "--address", "10.0.0.1", "--name", "a b"}, "'a b' cannot be a host name"},
-        {{"--fabric", "umad", "--hosts", "2"}, "--hosts is for the embedded fabric"},
-        {{"--hca", "mlx5_0"}, "--hca requires --fabric"},
-        {{"--fabric", "embedded", "--address", "10.0.0.1"}, "--address is for --fabric umad"},
-        {{"--fabric", "embedded", "--port-interval", "50"}, "--port-interval is for --fabric umad"},
-        {{"--fabric", "umad", "--sa-delete-pkey", "maybe"}, "--sa-delete-pkey"},
-    };
-    for (const auto& each : cases) {
-        std::vector<std::string> arguments = {"run"};
-        arguments.insert(arguments.end(), each.arguments.begin(), each.arguments.end());
-        const program_result refused = run_ats(arguments);
-        EXPECT_EQ(refused.exit_code, 2) << refused.err;
-        EXPECT_THAT(refused.err, HasSubstr(each.complaint));
-    }
 }
 
 } // namespace

@@ -155,17 +155,4 @@ TEST(service_records, an_index_never_answers_otherwise_than_a_search)
     for (const int times : counted) EXPECT_GT(times, 1000) << "the draw must try every outcome often";
 }
 
-TEST(service_records, a_full_store_refuses_new_keys_only)
-{
-    service_records store(2);
-    EXPECT_TRUE(store.set(test::host_record(gid_number(1), 1), 0));
-    EXPECT_TRUE(store.set(test::host_record(gid_number(2), 2, 0xFFFF, 5), 0));
-    EXPECT_FALSE(store.set(test::host_record(gid_number(3), 3), 0));
-    EXPECT_TRUE(store.set(test::host_record(gid_number(1), 9), 0)) << "a record may always be replaced";
-    EXPECT_EQ(store.all(4999).size(), 2u);
-    EXPECT_TRUE(store.set(test::host_record(gid_number(3), 3), 5000)) << "an expired record makes room";
-    EXPECT_EQ(store.clear(5000), 2u);
-    EXPECT_TRUE(store.all(5000).empty());
-}
-
 } // namespace

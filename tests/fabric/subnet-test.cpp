@@ -117,18 +117,6 @@ TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)
     EXPECT_EQ(second.read_port(1).sm_lid, 9);
 }
 
-TEST_F(two_hosts, a_link_that_goes_down_loses_what_is_under_way)
-{
-    net.faults.latency_ticks = 10;
-    ASSERT_TRUE(first.send(1, sa_address, get_first()));
-    sim->run_for(15);
-    ASSERT_TRUE(net.link_down("node1", "mthca0", 1));
-    sim->run_for(100);
-    EXPECT_EQ(net.counts().sa_gets, 1u);
-    EXPECT_THAT(at_first.arrivals, IsEmpty());
-    EXPECT_EQ(net.counts().dropped, 1u);
-}
-
 TEST_F(two_hosts, wrong_addresses_are_lost_and_counted_where_they_arrive)
 {
     const fabric::address lost[] = {
@@ -196,25 +184,6 @@ TEST_F(two_hosts, chance_faults_follow_the_seed)
     EXPECT_NE(run, campaign(6));
 }
 
-TEST_F(two_hosts, latency_counts_each_way_and_jitter_adds_to_it)
-{
-    net.faults.latency_ticks = 10;
-    ASSERT_TRUE(first.send(1, sa_address, set_first()));
-    sim->run_for(19);
-    EXPECT_EQ(net.counts().sa_sets, 1u);
-    EXPECT_THAT(at_first.arrivals, IsEmpty());
-    sim->run_for(1);
-    EXPECT_EQ(at_first.arrivals.size(), 1u);
-
-    net.faults.jitter_ticks = 5;
-    send_numbered(200);
-    sim->run_for(9);
-    EXPECT_THAT(at_second.arrivals, IsEmpty());
-    sim->run_for(6);
-    EXPECT_EQ(at_second.arrivals.size(), 200u);
-    EXPECT_FALSE(std::ranges::is_sorted(at_second.transactions()));
-}
-
 TEST_F(two_hosts, faults_of_the_sa_come_and_go)
 {
     uint64_t transaction = 0;
@@ -259,16 +228,6 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
     sim->settle();
     const fabric::mad_bytes sent = get_first(transaction), came = test::bytes_of(at_first.arrivals.back().mad);
     EXPECT_EQ(std::inner_product(sent.begin(), sent.end(), came.begin(), 0, std::plus{}, std::not_equal_to{}), 1);
-}
-
-TEST_F(two_hosts, a_slow_sa_serves_one_request_after_another)
-{
-    net.faults.sa_service_ticks = 10;
-    for (uint64_t i = 1; i <= 3; ++i) ASSERT_TRUE(first.send(1, sa_address, get_first(i)));
-    sim->run_for(29);
-    EXPECT_EQ(at_first.arrivals.size(), 2u);
-    sim->run_for(1);
-    EXPECT_THAT(at_first.transactions(), ElementsAre(1, 2, 3));
 }
 
 TEST(subnet, the_queue_is_bounded_and_empties_again)

@@ -94,11 +94,7 @@ TEST_F(proc, an_entry_needs_its_directory_and_a_free_name)
         std::vector<kernel::proc_listing> entries;
         EXPECT_EQ(host.proc.list("dorvex/ats", &entries), 0);
         EXPECT_THAT(entries, ElementsAre(FieldsAre("control", false, 0644u), FieldsAre("version", false, 0444u)));
-        kernel::proc_listing directory;
-        EXPECT_EQ(host.proc.stat("dorvex/ats", &directory), 0);
-        EXPECT_TRUE(directory.is_directory);
         EXPECT_EQ(host.proc.list("dorvex/ats/control", &entries), -EK_INVAL);
-        EXPECT_EQ(host.proc.stat("dorvex/none", &directory), -EK_NOENT);
 
         std::string text;
         EXPECT_EQ(host.proc.read("dorvex/ats", 0, 10, &text), -EK_INVAL);

@@ -157,18 +157,6 @@ TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
     EXPECT_EQ(at.sim->report(), "");
 }
 
-TEST(stands, no_end_in_sight_is_one_too)
-{
-    one_machine at({.patience_ticks = 100});
-    at.run([] { schedule_timeout_uninterruptible(100); });
-    try {
-        at.run([] { schedule_timeout_uninterruptible(101); });
-        ADD_FAILURE() << "it waited";
-    } catch (const kernel::stalled& stand) {
-        EXPECT_THAT(stand.what(), HasSubstr("no end in sight: test cannot go on at tick 100"));
-    }
-}
-
 TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
 {
     one_machine at;
@@ -185,24 +173,6 @@ TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
     }
     at.run([&] { spin_unlock_irqrestore(&lock, 1); });
     at.sim->join(other);
-}
-
-TEST(exceptions, come_out_of_enter_whatever_their_type)
-{
-    one_machine at;
-    EXPECT_THROW(at.run([] { throw std::out_of_range("x"); }), std::out_of_range);
-    EXPECT_THROW(at.run([] { throw 5; }), int);
-    at.run([&] { // entered again by a task: the same task
-        EXPECT_THROW(at.run([] { throw 6; }), int);
-        EXPECT_EQ(kernel::current_task()->name, "test");
-    });
-    EXPECT_EQ(kernel::current_task(), nullptr);
-    EXPECT_DEATH(
-        {
-            at.at(0, "worker", [] { throw std::runtime_error("lost"); });
-            at.finish();
-        },
-        "node1, in worker: an exception escaped: lost");
 }
 
 TEST(exceptions, of_two_tasks_in_their_handlers_are_not_mixed_up)

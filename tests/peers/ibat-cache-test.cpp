@@ -200,34 +200,6 @@ TEST(ibat_cache, unusable_replies_change_nothing)
     EXPECT_EQ(counters.pending, 1u);
 }
 
-TEST(ibat_cache, listing_shows_what_is_held_and_for_how_long)
-{
-    ibat_world world("ibat_lifetime_seconds=10");
-    world.reply(world.answer(ip_b, gid_of(2)));
-    world.until(300);
-    world.reply(world.own(ip_a, gid_of(1)));
-    world.reply(world.absence(ip_c));
-    world.until(1'000);
-    world.run([&] {
-        std::vector<ibat_cache_entry_t> entries(8);
-        ASSERT_EQ(world.list(entries.data(), 8), 3);
-        EXPECT_EQ(entries[0].ip, ip_a);
-        EXPECT_TRUE(entries[0].is_static);
-        EXPECT_EQ(entries[1].ip, ip_b);
-        EXPECT_EQ(entries[1].age_ticks, 1'000u);
-        EXPECT_EQ(entries[1].expires_ticks, 9'000u);
-        EXPECT_EQ(entries[2].ip, ip_c);
-        EXPECT_TRUE(entries[2].is_negative);
-        EXPECT_EQ(entries[2].expires_ticks, 1'300u);
-
-        ibat_cache_entry_t one{};
-        EXPECT_EQ(world.list(&one, 1), 3);
-        EXPECT_EQ(one.ip, ip_a);
-        EXPECT_EQ(world.flush(), 2);
-        EXPECT_EQ(world.list(&one, 1), 1);
-    });
-}
-
 TEST(ibat_module, parameters_out_of_range_are_refused_with_the_range)
 {
     for (const char* wrong : {"ibat_lifetime_seconds=0", "ibat_negative_seconds=-1", "ibat_retry_ticks=0",

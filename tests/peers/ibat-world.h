@@ -41,7 +41,6 @@ class ibat_world : public peer_world
         refresh = published<ibat_refresh_fn_t>("ibat_refresh_fn");
         cancel = published<ibat_cancel_fn_t>("ibat_cancel_fn");
         peek = published<ibat_peek_fn_t>("ibat_peek_fn");
-        list = published<ibat_cache_list_fn_t>("ibat_cache_list_fn");
         read_counters = published<ibat_counters_fn_t>("ibat_counters_fn");
         flush = published<ibat_flush_fn_t>("ibat_flush_fn");
         run([&] { EXPECT_EQ(attach(nullptr, recording_resolver::send_arp, &resolver, &handle), ibat_stat_ok); });
@@ -128,7 +127,6 @@ class ibat_world : public peer_world
     ibat_refresh_fn_t refresh;
     ibat_cancel_fn_t cancel;
     ibat_peek_fn_t peek;
-    ibat_cache_list_fn_t list;
     ibat_counters_fn_t read_counters;
     ibat_flush_fn_t flush;
 };

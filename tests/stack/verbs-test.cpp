@@ -56,18 +56,6 @@ struct subscriber : machine_with_fake {
     kq_hca_h_t handle = nullptr;
 };
 
-TEST(verbs_events, come_in_order_after_the_links_that_were_up_already)
-{
-    subscriber at;
-    at.hca.change(2, port_change::link_up);
-    at.subscribe();
-    at.hca.change(1, port_change::link_up);
-    at.hca.change(2, port_change::link_down);
-    at.hca.change(1, port_change::sm_change, 9);
-    at.settle();
-    EXPECT_THAT(told, ElementsAre("up 2@0", "up 1@0", "down 2@0", "sm at 9 1@0"));
-}
-
 // A port is active before the fabric says so; a subscription may fall anywhere around that.
 TEST(verbs_events, tell_once_of_a_link_that_comes_up_while_one_subscribes)
 {
@@ -159,8 +147,6 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
                        .lid = 12,
                        .sm_lid = 3,
                        .sm_sl = 2,
-                       .mtu = 5,
-                       .bad_p_keys = 6,
                        .gids = {{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8}, {}},
                        .p_keys = {0x8001, 0xFFFF, 0x7FFF}};
     at.run([&] {
@@ -178,12 +164,8 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
         EXPECT_EQ(attributes.port_num, 2);
         kq_port_attrib_t port;
         ASSERT_EQ(kq_port_query(hca, 2, &port), kq_return_ok);
-        EXPECT_EQ(port.port_mtu, kq_mtu_4096);
         EXPECT_EQ(port.port_state, kq_state_linkActive);
         EXPECT_EQ(port.port_base_lid, 12);
-        EXPECT_EQ(port.port_sgid_table_size, 2u);
-        EXPECT_EQ(port.port_parti_table_size, 3u);
-        EXPECT_EQ(port.port_bad_p_key_count, 6u);
         EXPECT_EQ(port.port_sma_address_info.sm_lid, 3);
         EXPECT_EQ(port.port_sma_address_info.service_level, 2);
         int count = 1;
