@@ -4,6 +4,8 @@
 #include <cstdlib>
 
 #include "host/kernel/schedule.h"
+#include "host/peers/ucm-exports.h"
+#include "host/world/published.h"
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -114,6 +116,38 @@ TEST(every_order, of_the_answer_its_duplicate_the_time_out_and_the_stop_of_one_r
         at.finish(host, tasks);
         EXPECT_LE(who.answers.size(), 1u);
         EXPECT_EQ(host.held(), "");
+    });
+}
+
+// UCM is unloaded right behind ats: nobody may call into it any more.
+TEST(every_order, of_a_time_out_and_the_unloading_of_ats_and_of_who_asked_it)
+{
+    in_every_order(1, [](moment& at) {
+        asker who;
+        const world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
+        world::host host(*at.w.sim, at.w.subnet, plan, ATS_MODULE_DIR, host_random_seed);
+        kernel::machine& machine = host.machine();
+        ASSERT_TRUE(host.load());
+        EXPECT_TRUE(at.w.subnet.link_up("node1", "mthca0", 1));
+        at.w.sim->settle();
+        at.w.subnet.faults.drop_next_answers = 1;
+        machine.enter("asker", [&] {
+            const world::published<ucm_get_ip_fn_t> get_ip(machine, "ucm_get_ip_fn");
+            const kq_gid_t gid{7, 7};
+            ibat_arp_data_t record{};
+            EXPECT_EQ((*get_ip)(&gid, &record, asker::called_back, &who), ibat_stat_pending);
+        });
+        at.w.at(999);
+        std::vector<kernel::task*> tasks;
+        for (const char* module : {"ats", "ucm"})
+            tasks.push_back(&machine.start(module, [&machine, module] {
+                schedule_timeout_uninterruptible(1);
+                while (!machine.modules.rmmod(module)) schedule_timeout_uninterruptible(1);
+            }));
+        at.explore(4);
+        for (kernel::task* each : tasks) at.w.sim->join(*each);
+        EXPECT_EQ(who.answers.size(), 1u);
+        EXPECT_THAT(at.w.records(), IsEmpty());
     });
 }
 
