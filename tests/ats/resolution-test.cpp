@@ -18,22 +18,6 @@ struct resolution : testing::Test {
     asker who;
 };
 
-TEST_F(resolution, of_an_address_comes_back_as_an_arp_reply)
-{
-    EXPECT_EQ(host.resolve("10.0.0.2"), ibat_stat_ok);
-    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET 10.0.0.2"));
-    ASSERT_EQ(host.peers().processed.size(), 1u);
-    EXPECT_EQ(host.peers().processed[0].src_ip, ip_of("10.0.0.2"));
-    EXPECT_TRUE(host.peers().processed[0].gid == other.gid(1));
-
-    other.unload();
-    EXPECT_EQ(host.resolve("10.0.0.2"), ibat_stat_ok);
-    ASSERT_EQ(host.peers().processed.size(), 2u) << "IBAT hears of absence too";
-    EXPECT_TRUE(host.peers().processed[1].gid == kq_gid_t{});
-    host.resolve("10.0.0.1");
-    EXPECT_EQ(host.peers().processed[2].mask, 0x8207u) << "the own mapping is marked";
-}
-
 TEST_F(resolution, of_a_gid_asks_the_cache_and_then_the_sa)
 {
     uint32_t at_once = 0;

@@ -203,6 +203,7 @@ void running_service::follow_the_log()
     EXPECT_EQ(follower.stop(SIGINT), -SIGINT);
     EXPECT_THAT(ats->ask({"log"}).out, HasSubstr("DEBUG  "));
     EXPECT_THAT(ats->ask({"log", "--level", "1"}).out, Not(HasSubstr("DEBUG  ")));
+    EXPECT_THAT(ats->ask({"log"}).out, Not(HasSubstr("ATS Ports Info"))) << "status is asked for without a trace";
     EXPECT_THAT(ats->ask({"log", "--json"}).out, HasSubstr(R"("tick":)"));
     EXPECT_EQ(ats->ask({"trace", "1"}).exit_code, 0);
 }

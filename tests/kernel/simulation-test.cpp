@@ -157,6 +157,18 @@ TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
     EXPECT_EQ(at.sim->report(), "");
 }
 
+TEST(stands, no_end_in_sight_is_one_too)
+{
+    one_machine at({.patience_ticks = 100});
+    at.run([] { schedule_timeout_uninterruptible(100); });
+    try {
+        at.run([] { schedule_timeout_uninterruptible(101); });
+        ADD_FAILURE() << "it waited";
+    } catch (const kernel::stalled& stand) {
+        EXPECT_THAT(stand.what(), HasSubstr("no end in sight: test cannot go on at tick 100"));
+    }
+}
+
 TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
 {
     one_machine at;
