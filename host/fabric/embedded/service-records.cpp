@@ -78,14 +78,6 @@ ib_service_record_v2_t components_of(uint64_t component_mask, const ib_service_r
     return selected;
 }
 
-size_t service_records::spread::operator()(const index_key& key) const
-{
-    uint64_t halves[2];
-    memcpy(halves, key.data(), sizeof halves);
-    const uint64_t mixed = (halves[0] * 0x9E3779B97F4A7C15 ^ halves[1]) * 0xC2B2AE3D27D4EB4F;
-    return mixed ^ mixed >> 32;
-}
-
 bool service_records::set(const ib_service_record_v2_t& record, uint64_t now_ticks)
 {
     expire(now_ticks);

@@ -6,7 +6,7 @@
 
 #include <array>
 #include <cstdint>
-#include <unordered_map>
+#include <map>
 #include <vector>
 
 #include "host/fabric/fabric.h"
@@ -57,11 +57,8 @@ class service_records
         ib_service_record_v2_t record;
         uint64_t expires_tick;
     };
-    struct spread {
-        size_t operator()(const index_key& key) const;
-    };
-    using by_gid_map = std::unordered_multimap<index_key, entry, spread>;
-    using by_address_map = std::unordered_multimap<index_key, by_gid_map::iterator, spread>;
+    using by_gid_map = std::multimap<index_key, entry>;
+    using by_address_map = std::multimap<index_key, by_gid_map::iterator>; // an insertion leaves iterators valid
 
     struct selection {
         matches count = matches::none;
