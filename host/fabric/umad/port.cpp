@@ -125,11 +125,11 @@ bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad
     to.pkey_index = destination.p_key_index;
 
     sa_mad_v2_t& request = as_sa_mad(leaving.mad());
-    const fabric::port_attributes here = read();
-    if (records_.leaving(request, here)) count(counts_.completed);
+    const bool is_lookup = request.hdr.m.method == MAD_METHOD_GET; // most are, and need nothing else of the port
+    if (!is_lookup && records_.leaving(request, read())) count(counts_.completed);
     const uint64_t transaction = from_wire(request.hdr.transact_id);
     if (!is_response(request)) under_way_.begin(transaction);
-    around_.show_tap(here.lid, destination, leaving.mad());
+    around_.show_tap(lid_, destination, leaving.mad());
     if (!device_.send(device::client::sa, leaving)) {
         under_way_.end(transaction);
         count(counts_.refused);
@@ -223,14 +223,13 @@ void port::take(device::packet& arrived)
 void port::deliver(device::packet& arrived)
 {
     const ib_mad_addr_t& from = arrived.address();
-    const uint16_t own_lid = read().lid;
     fabric::address far{.lid = ntohs(from.lid),
                         .sl = from.sl,
                         .path_bits = from.path_bits,
                         .qpn = ntohl(from.qpn),
                         .p_key_index = from.pkey_index};
     fabric::address here = far;
-    here.lid = own_lid;
+    here.lid = lid_;
     here.qpn = 1;
     around_.show_tap(far.lid, here, arrived.mad());
     count(counts_.arrived);
@@ -279,6 +278,7 @@ void port::learn(const fabric::port_attributes& now, port_condition condition)
         const std::lock_guard lock(mutex_);
         changes = changes_between(known_, now);
         known_ = now;
+        lid_ = now.lid;
     }
     condition_ = condition;
     if (std::string text = text_of(condition, now); text != said_state_) {

@@ -97,6 +97,7 @@ class port
     transactions under_way_;
     mutable std::mutex mutex_; // guards known_
     fabric::port_attributes known_;
+    std::atomic<uint16_t> lid_{0}; // of known_, for every datagram
 
     struct {
         std::atomic<uint64_t> sent{0}, refused{0}, arrived{0}, timed_out{0}, too_short{0}, strays{0}, completed{0};
