@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -47,6 +49,12 @@ bool connects(const descriptor& to, const sockaddr_un& address)
     return connect(to.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+[[noreturn]] void refuse_live(const std::string& path)
+{
+    throw failure(exit_usage,
+                  "a service is listening on " + path + " already: stop it, or choose another path with --socket");
+}
+
 // A service that ended without cleaning up leaves its socket file behind; nobody answers there.
 void remove_stale(const std::string& path, const sockaddr_un& address)
 {
@@ -54,10 +62,7 @@ void remove_stale(const std::string& path, const sockaddr_un& address)
     };
     if (lstat(path.c_str(), &found) != 0) return;
     if (!S_ISSOCK(found.st_mode)) throw failure(exit_usage, path + " exists and is no socket" + choose_another);
-    if (connects(new_socket(), address))
-        throw failure(exit_usage, "a service is listening on " + path +
-                                      " already: stop it, or choose another path "
-                                      "with --socket");
+    if (connects(new_socket(), address)) refuse_live(path);
     if (errno == EACCES) throw failure(exit_usage, path + " belongs to another user" + choose_another);
     if (errno != ECONNREFUSED || (unlink(path.c_str()) != 0 && errno != ENOENT))
         throw failure(exit_usage, "cannot take over the stale socket " + path + reason() + choose_another);
@@ -109,7 +114,27 @@ std::string default_socket_path()
     return "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
 }
 
-listening_socket::listening_socket(const std::string& path) : path_(path)
+path_lock::path_lock(const std::string& path) : file_(path + ".lock")
+{
+    struct stat locked {
+    }, named{};
+    do {
+        held_ = descriptor(open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (held_.get() < 0) throw failure(exit_usage, "cannot create " + file_ + reason() + choose_another);
+        if (flock(held_.get(), LOCK_EX | LOCK_NB) != 0) {
+            if (errno == EWOULDBLOCK) refuse_live(path);
+            throw failure(exit_usage, "cannot lock " + file_ + reason() + choose_another);
+        }
+        // Its last owner may have removed the file meanwhile, and another stands there now.
+    } while (fstat(held_.get(), &locked) != 0 || stat(file_.c_str(), &named) != 0 || locked.st_ino != named.st_ino);
+}
+
+path_lock::~path_lock()
+{
+    unlink(file_.c_str());
+}
+
+listening_socket::listening_socket(const std::string& path) : path_(address_of(path).sun_path), lock_(path_)
 {
     const sockaddr_un address = address_of(path);
     remove_stale(path, address);

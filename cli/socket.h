@@ -26,6 +26,21 @@ class descriptor
 // $ATS_SOCKET, or /run/ats.sock for root, or ats.sock in $XDG_RUNTIME_DIR, or /tmp/ats-UID.sock.
 std::string default_socket_path();
 
+// PATH.lock, held by the one service that may listen on PATH. Throws a failure when another holds it. The file goes
+// with its owner.
+class path_lock
+{
+  public:
+    explicit path_lock(const std::string& path);
+    ~path_lock();
+    path_lock(const path_lock&) = delete;
+    path_lock& operator=(const path_lock&) = delete;
+
+  private:
+    const std::string file_;
+    descriptor held_;
+};
+
 // A socket at `path` with mode 0600. One left behind by a service that is gone is replaced; a live one, or a file that
 // is no socket, is refused with a failure.
 class listening_socket
@@ -42,7 +57,8 @@ class listening_socket
     std::optional<descriptor> accept_client(int stop_fd) const;
 
   private:
-    std::string path_;
+    const std::string path_;
+    const path_lock lock_; // two that start at once do not each remove the other's socket
     descriptor socket_;
 };
 

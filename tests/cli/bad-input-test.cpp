@@ -226,6 +226,14 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
     expect_refused(run_ats({"status", "--socket", socket}), {{"none"}, 3, "start one with 'ats run'"});
 }
 
+TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
+{
+    const scratch_folder folder;
+    const cli::listening_socket first(folder / "socket");
+    std::filesystem::remove(folder / "socket"); // the moment before the first makes its own
+    EXPECT_THROW(cli::listening_socket(folder / "socket"), cli::failure);
+}
+
 // What `connect_to` says to a process of another user.
 std::string heard_by_another_user(const std::string& socket)
 {
