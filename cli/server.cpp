@@ -42,6 +42,23 @@ bool client_is_gone(int fd)
     return poll(&wait, 1, 0) > 0;
 }
 
+// Hears of a log's lines as long as it lives.
+class follower
+{
+  public:
+    follower(kernel::log& log, std::function<void(const kernel::log_line&)> seen)
+        : log_(log), handle_(log.follow(std::move(seen)))
+    {
+    }
+    ~follower() { log_.unfollow(handle_); }
+    follower(const follower&) = delete;
+    follower& operator=(const follower&) = delete;
+
+  private:
+    kernel::log& log_;
+    const int handle_;
+};
+
 struct log_request {
     kernel::log& log;
     int level;
@@ -55,7 +72,7 @@ void stream_log(const log_request& wanted, line_channel& to)
     std::mutex mutex;
     std::condition_variable rung;
     bool news = true;
-    const int follower = wanted.log.follow([&](const kernel::log_line&) {
+    const follower rings(wanted.log, [&](const kernel::log_line&) {
         const std::lock_guard lock(mutex);
         news = true;
         rung.notify_one();
@@ -77,7 +94,6 @@ void stream_log(const log_request& wanted, line_channel& to)
         news = false;
         connected = !client_is_gone(to.fd());
     }
-    wanted.log.unfollow(follower);
 }
 
 json answer_log(site& at, const json& request, line_channel& to)
