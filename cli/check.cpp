@@ -126,7 +126,11 @@ void check_fabric(report& to)
     for (const umad::hca_listing& hca : found.hcas) {
         for (const umad::port_listing& port : hca.ports) {
             if (!check_port(to, hca.name, port) || std::exchange(is_any_active, true)) continue;
-            check_sa(to, hca.name, port.number);
+            try {
+                check_sa(to, hca.name, port.number);
+            } catch (const std::runtime_error& failed) {
+                to.add(verdict::missing, "SA", failed.what());
+            }
         }
     }
     if (!is_any_active) to.add(verdict::missing, "SA", "cannot be asked: no port is active");

@@ -36,6 +36,17 @@ std::string text_of(const std::string& path)
     return text.str();
 }
 
+// Processor time.
+long ticks_used_by(const fabric_tools::process& program)
+{
+    std::ifstream stat("/proc/" + std::to_string(program.pid()) + "/stat");
+    std::string field;
+    long used = 0;
+    for (int i = 1; stat >> field && i <= 15; ++i)
+        if (i >= 14) used += std::stol(field);
+    return used;
+}
+
 struct hosts_on_fabric : testing::Test {
     std::optional<fabric_tools::ibsim_fabric> net;
     std::unique_ptr<process> sm;
@@ -203,10 +214,9 @@ TEST_F(hosts_on_fabric, survive_answers_that_are_none_an_hca_that_goes_and_a_fab
     const std::string broken = net->folder() + "/broken";
     const auto breaking = [&](const std::string& how) { std::ofstream(broken) << how; };
     breaking("");
-    hosts.push_back(std::make_unique<ats_host>(
-        *net, 1, std::vector<std::string>{"--port-interval", "50"},
-        std::vector<std::string>{"BROKEN_UMAD=" + broken,
-                                 "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()}));
+    const std::vector<std::string> breakable = {"BROKEN_UMAD=" + broken,
+                                                "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()};
+    hosts.push_back(std::make_unique<ats_host>(*net, 1, std::vector<std::string>{"--port-interval", "50"}, breakable));
     ats_host& host = *hosts[0];
     ASSERT_TRUE(sa_comes_to_hold(1)) << host.output();
     int nobody = 100;
@@ -221,26 +231,27 @@ TEST_F(hosts_on_fabric, survive_answers_that_are_none_an_hca_that_goes_and_a_fab
     breaking("gone");
     EXPECT_TRUE(comes_to(host, "Down")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "failed");
+    const long used = ticks_used_by(host.running());
+    EXPECT_FALSE(host.running().wait_line("the link is up", 1s));
+    EXPECT_LT(ticks_used_by(host.running()) - used, sysconf(_SC_CLK_TCK) / 5) << "a spin";
     breaking("");
     EXPECT_TRUE(comes_to(host, "Active")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "not found");
     EXPECT_EQ(times_in(host.output(), "the device is gone"), 1u) << host.output();
 
+    breaking("deaf");
+    const auto asking = net->start("node2", "tool", {fabric_tools::ats_program(), "sa", "show", "--real"}, breakable);
+    EXPECT_EQ(asking->wait_end(), 1);
+    EXPECT_THAT(asking->output(), HasSubstr("ats: ibsim0 port 1 cannot be read from: Input/output error"));
+    breaking("");
+
     net->console("Baselid \"node1\"[1] 40"); // another LID, for which this SM has no route
     EXPECT_TRUE(wait_until([&] { return host.port().value("lid", 0) == 40; }, 30s)) << host.output();
 
-    const auto used_ticks = [&] {
-        std::ifstream stat("/proc/" + std::to_string(host.running().pid()) + "/stat");
-        std::string field;
-        long used = 0;
-        for (int i = 1; stat >> field && i <= 15; ++i)
-            if (i >= 14) used += std::stol(field);
-        return used;
-    };
     net->die();
-    const long before = used_ticks();
+    const long before = ticks_used_by(host.running());
     EXPECT_TRUE(host.running().wait_line("does not tell its state", 30s)) << host.output();
-    EXPECT_LT(used_ticks() - before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
+    EXPECT_LT(ticks_used_by(host.running()) - before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
 }
 
 // Hosts look after their records once a minute.

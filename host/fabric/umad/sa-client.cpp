@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <stdexcept>
 
 #include "host/fabric/umad/device.h"
 #include "host/fabric/umad/libibumad.h"
@@ -38,13 +39,13 @@ class umad_sa_client final : public sa_client
     // Empty, or why not.
     std::string open(const std::string& hca)
     {
+        called_ = hca + " port " + std::to_string(listed_.number);
         descriptor_ = umad_open_port(hca.c_str(), listed_.number);
         if (descriptor_ < 0) return why_not_opened(hca, listed_.number, errno);
         agent_ = umad_register(descriptor_, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, kernel_does_rmpp, nullptr);
         buffer_.resize(umad_size() + sizeof(sa_mad_v2_t)); // what precedes a MAD is known only now
         if (agent_ >= 0) return "";
-        return hca + " port " + std::to_string(listed_.number) +
-               " lets nobody talk to the SA through it: " + std::strerror(errno);
+        return called_ + " lets nobody talk to the SA through it: " + std::strerror(errno);
     }
 
     std::vector<std::optional<sa_mad_v2_t>> ask(const std::vector<sa_mad_v2_t>& requests) override;
@@ -67,6 +68,7 @@ class umad_sa_client final : public sa_client
     sa_mad_v2_t received(size_t length) const;
 
     const port_listing listed_;
+    std::string called_; // "mlx5_0 port 1"
     int descriptor_ = -1;
     int agent_ = -1;
     uint32_t last_transaction_ = 0;
@@ -91,12 +93,18 @@ void umad_sa_client::send(sa_mad_v2_t request, asked& as)
 
 size_t umad_sa_client::receive(milliseconds longest)
 {
+    errno = 0; // else libibumad leaves it what it was
     int length = static_cast<int>(buffer_.size() - umad_size());
     int agent = umad_recv(descriptor_, buffer_.data(), &length, static_cast<int>(longest.count()));
-    if (agent == -ENOSPC && length > 0 && static_cast<size_t>(length) <= longest_answer) {
+    if (agent == -ENOSPC && length > 0) {
+        if (static_cast<size_t>(length) > longest_answer)
+            throw std::runtime_error("the SA's answer has " + std::to_string(length) + " bytes: ask for fewer records");
         buffer_.resize(umad_size() + static_cast<size_t>(length));
         agent = umad_recv(descriptor_, buffer_.data(), &length, 0);
     }
+    const bool is_early = agent == -ETIMEDOUT || agent == -EWOULDBLOCK || errno == EWOULDBLOCK || errno == EINTR;
+    if (agent < 0 && !is_early)
+        throw std::runtime_error(called_ + " cannot be read from: " + std::strerror(errno != 0 ? errno : -agent));
     // What comes back unanswered is waited for until its time is over: it may have come back at once.
     const bool is_answer = agent >= 0 && umad_status(buffer_.data()) == 0;
     return is_answer && static_cast<size_t>(length) >= offsetof(sa_mad_v2_t, payload) ? static_cast<size_t>(length) : 0;

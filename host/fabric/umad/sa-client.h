@@ -24,7 +24,8 @@ struct sa_table {
     bool is_whole = true;
 };
 
-// One thread.
+// One thread. Asking throws std::runtime_error with one line when the port fails, or the answer is longer than any that
+// makes sense.
 class sa_client
 {
   public:

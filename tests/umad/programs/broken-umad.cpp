@@ -1,6 +1,6 @@
 // Preloaded before libibumad, does to a program what a broken HCA would. The file that BROKEN_UMAD names holds what:
 // "short" cuts the next SA answer, "stray" makes it answer another request, "request" makes it one (each once), and
-// "gone" takes the device away for as long as the file says so.
+// "gone" takes the device away, and "deaf" lets nothing be read, for as long as the file says so.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -60,7 +60,7 @@ PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout
 PRELOADED int umad_recv(int port, void* umad, int* length, int timeout_ms)
 {
     const std::string wanted = fault();
-    if (wanted == "gone") return fail();
+    if (wanted == "gone" || wanted == "deaf") return fail();
     const int agent = real<decltype(umad_recv)>("umad_recv")(port, umad, length, timeout_ms);
     auto* mad = static_cast<mad_hdr_t*>(umad_get_mad(umad));
     if (agent < 0 || wanted.empty() || mad->mgt_class != MAD_CLASS_SUBN_ADM) return agent;
