@@ -19,7 +19,8 @@ help:
 
 build:
 	@scripts/install-dependencies build
-	@cmake --preset $(PRESET) >$(or $(TMPDIR),/tmp)/ats-configure.log 2>&1 || { cat $(or $(TMPDIR),/tmp)/ats-configure.log; exit 1; }
+	@mkdir -p build
+	@cmake --preset $(PRESET) >$(BUILD)-configure.log 2>&1 || { cat $(BUILD)-configure.log; exit 1; }
 	@cmake --build --preset $(PRESET)
 
 demo: build
@@ -99,7 +100,7 @@ coverage:
 
 PREFIX ?= /usr/local
 install: build
-	cmake --install build/release --prefix $(PREFIX)
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
 	rm -rf build
