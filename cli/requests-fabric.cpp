@@ -62,18 +62,26 @@ json answer_with_status(site& at, const std::string& word)
                             : "The SA answers everything with status " + word_text(status) + ".");
 }
 
+// Of two words, whether it is the first. Throws a failure when it is neither.
+bool is_first_of(const std::string& first, const std::string& second, const std::string& word)
+{
+    if (word != first && word != second)
+        throw failure(exit_usage, quoted(word) + " is neither '" + first + "' nor '" + second + "'");
+    return word == first;
+}
+
 } // namespace
 
 json answer_link(site& at, const json& request)
 {
-    at.subnet();
+    embedded::subnet& fabric = at.subnet();
     world::host& host = at.host_named(request.value("host", ""));
     std::string hca = request.value("hca", "");
     if (hca.empty()) hca = host.plan().hcas.front().name;
     const int port = request.value("port", 1);
-    const bool up = request.at("direction") == "up";
+    const bool up = is_first_of("up", "down", request.at("direction"));
     const embedded::outcome changed =
-        up ? at.subnet().link_up(host.name(), hca, port) : at.subnet().link_down(host.name(), hca, port);
+        up ? fabric.link_up(host.name(), hca, port) : fabric.link_down(host.name(), hca, port);
     if (!changed) throw failure(exit_usage, changed.why);
     return done(host.name() + " " + hca + " port " + std::to_string(port) + (up ? " is up." : " is down."));
 }
@@ -85,7 +93,7 @@ json answer_sa(site& at, const json& request)
     if (action == "forget") return forget(at, request.value("gid", ""));
     if (action == "status") return answer_with_status(at, request.at("word"));
     if (action == "silence") {
-        const bool on = request.at("state") == "on";
+        const bool on = is_first_of("on", "off", request.at("state"));
         at.subnet().faults.sa_silent = on;
         return done(on ? "The SA is silent." : "The SA answers.");
     }

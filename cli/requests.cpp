@@ -1,11 +1,13 @@
 #include "cli/requests.h"
 
+#include <cstring>
 #include <map>
 
 #include "cli/requests-fabric.h"
 #include "host/kernel/print-capture.h"
 #include "host/stack/registry.h"
 #include "host/world/text.h"
+#include "kernel/errno.h"
 
 namespace cli
 {
@@ -35,7 +37,11 @@ json control(site& at, const json& request)
     json result;
     machine.enter("control", [&] {
         kernel::print_capture capture(kernel::print_capture::also_log);
-        if (machine.proc.write(control_file, command) < 0) throw not_loaded(machine);
+        const int written = machine.proc.write(control_file, command);
+        if (written == -EK_NOENT) throw not_loaded(machine);
+        if (written < 0)
+            throw failure(exit_failed,
+                          "ats on " + machine.name() + " did not take the command: " + std::strerror(-written));
         result["output"] = capture.text();
     });
     return result;

@@ -120,6 +120,7 @@ TEST(bad_input, service_survives_clients_without_manners)
         {R"({"request":"log","host":5})", "malformed"},
         {R"({"request":"log","level":"all"})", "malformed"},
         {R"({"request":"trace","level":17})", "a trace level is a number from 0"},
+        {R"({"request":"link","direction":"sideways"})", "'sideways' is neither 'up' nor 'down'"},
         {R"({"request":"sa","action":"explode"})", "does not know the SA action 'explode'"},
         {R"({"request":"control","command":"set_host_name \u0000\u0001"})", "output"},
         {std::string(3 << 20, 'x'), "(hung up)"},
