@@ -39,7 +39,7 @@ class log
     // ask for next time. Lines dropped meanwhile are skipped.
     std::vector<log_line> lines_from(uint64_t first, size_t limit, uint64_t* next) const;
 
-    // Every raw text ever kept, as one text: what a test compares.
+    // The raw texts of all lines kept, as one text: what a test compares.
     std::string raw() const;
 
     // Calls `seen` for each finished line from now on, in the printing context: it must not sleep and must not

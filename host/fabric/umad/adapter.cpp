@@ -27,7 +27,8 @@ std::string adapter::open()
 {
     for (size_t i = 0; i < ports_.size(); ++i) {
         if (!is_infiniband_[i]) {
-            around_.say(name_ + " port " + std::to_string(i + 1) + ": not InfiniBand, and left alone");
+            around_.say(name_ + " port " + std::to_string(i + 1) +
+                        ": not InfiniBand, or without a management device: left alone");
             continue;
         }
         if (const std::string why = ports_[i]->open(); !why.empty()) return why;
