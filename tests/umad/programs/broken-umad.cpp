@@ -53,7 +53,9 @@ PRELOADED int umad_open_port(const char* name, int port)
 
 PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout_ms, int retries)
 {
-    if (fault() == "gone") return fail();
+    const std::string wanted = fault();
+    if (wanted == "gone") return fail();
+    if (wanted == "deaf") return 0; // sent to nobody: under ibsim no answer may be on its way when a program ends
     return real<decltype(umad_send)>("umad_send")(port, agent, umad, length, timeout_ms, retries);
 }
 
