@@ -96,7 +96,7 @@ tidy-module:
 
 coverage:
 	$(MAKE) test PRESET=coverage
-	gcovr --root . --object-directory build/coverage --exclude tests --exclude bench --print-summary
+	gcovr --root . --object-directory build/coverage --gcov-ignore-parse-errors --exclude tests --exclude bench --print-summary
 
 PREFIX ?= /usr/local
 install: build
