@@ -14,21 +14,13 @@
 #include "kernel/time.h"
 
 using kernel::current_machine;
+using kernel::machine_where_others_may_run;
 using kernel::might_sleep;
 
 namespace
 {
 
 constexpr size_t longest_print = 2048; // with its NUL
-
-// Where a call may sleep in a real kernel, others may run.
-kernel::machine& machine_where_others_may_run(const char* call)
-{
-    might_sleep(call);
-    kernel::machine& home = current_machine(call);
-    home.exec().switch_point();
-    return home;
-}
 
 } // namespace
 

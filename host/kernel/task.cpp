@@ -69,6 +69,14 @@ void might_sleep(const char* call)
     if (self.spin_locks > 0) panic("%s may sleep, and is called with a spin lock held", call);
 }
 
+machine& machine_where_others_may_run(const char* call)
+{
+    might_sleep(call);
+    machine& home = current_machine(call);
+    home.exec().switch_point();
+    return home;
+}
+
 void preemption_point()
 {
     if (const task& self = *current_task(); self.spin_locks == 0) self.exec.switch_point();

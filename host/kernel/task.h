@@ -71,6 +71,9 @@ class atomic_section
 // Every call that may block begins with this: a hard error in a context that may not sleep.
 void might_sleep(const char* call);
 
+// The same for a call of a module. The calling machine: where a call may sleep in a real kernel, others may run.
+machine& machine_where_others_may_run(const char* call);
+
 // A place where another task could run next, unless the calling task excludes others with a spin lock. Kernel calls
 // have one before and behind what others can see of them.
 void preemption_point();

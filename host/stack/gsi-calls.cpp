@@ -1,12 +1,11 @@
 // gsi.h, led to the GSI service of the calling machine.
 #include "host/stack/gsi-service.h"
-#include "host/stack/sleeping-call.h"
 #include "kernel/errno.h"
 
 using kernel::current_machine;
+using kernel::machine_where_others_may_run;
 using stack::datagram_pool;
 using stack::datagram_record;
-using stack::machine_where_others_may_run;
 
 namespace
 {

@@ -2,10 +2,9 @@
 #include <algorithm>
 #include <bit>
 
-#include "host/stack/sleeping-call.h"
 #include "host/stack/verbs-service.h"
 
-using stack::machine_where_others_may_run;
+using kernel::machine_where_others_may_run;
 
 namespace
 {
