@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include "host/kernel/module-image.h"
+
 namespace kernel
 {
 
@@ -16,12 +18,6 @@ std::string with_offset(const std::string& image, const void* code, const void* 
     char offset[32];
     std::snprintf(offset, sizeof offset, "+0x%tx", static_cast<const char*>(code) - static_cast<const char*>(base));
     return image + offset;
-}
-
-const void* image_of(const void* code)
-{
-    Dl_info found{};
-    return dladdr(code, &found) != 0 ? found.dli_fbase : nullptr;
 }
 
 std::string describe(const void* code)

@@ -9,7 +9,6 @@
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 #include "kernel/errno.h"
 #include "kernel/module.h"
@@ -47,14 +46,13 @@ std::string path_of(int descriptor)
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// The image that an address belongs to.
-void* base_of(const void* address)
+} // namespace
+
+const void* image_of(const void* address)
 {
     Dl_info found{};
     return dladdr(address, &found) != 0 ? found.dli_fbase : nullptr;
 }
-
-} // namespace
 
 module_image::~module_image()
 {
@@ -67,12 +65,6 @@ module_image::~module_image()
         }
     }
     if (copy_ >= 0 && is_unmapped) close(copy_);
-}
-
-module_image::module_image(module_image&& other) noexcept
-    : copy_(std::exchange(other.copy_, -1)), handle_(std::exchange(other.handle_, nullptr)),
-      declaration_(std::exchange(other.declaration_, nullptr))
-{
 }
 
 module_image::failure module_image::map(const std::string& path)
@@ -100,7 +92,7 @@ module_image::failure module_image::map(const std::string& path)
 void* module_image::symbol(const std::string& name) const
 {
     void* found = dlsym(handle_, name.c_str());
-    return found && base_of(found) == base_of(declaration_) ? found : nullptr; // not one of the libraries it needs
+    return found && image_of(found) == image_of(declaration_) ? found : nullptr; // not one of the libraries it needs
 }
 
 } // namespace kernel

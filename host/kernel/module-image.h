@@ -14,8 +14,8 @@ class module_image
   public:
     module_image() = default;
     ~module_image();
-    module_image(module_image&& other) noexcept;
-    module_image& operator=(module_image&&) = delete;
+    module_image(const module_image&) = delete;
+    module_image& operator=(const module_image&) = delete;
 
     struct failure {
         int error = 0; // or a negative error number and one line that says why
@@ -33,5 +33,8 @@ class module_image
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;
 };
+
+// The beginning of the mapped image, a module's or another, that an address belongs to; null: of none.
+const void* image_of(const void* address);
 
 } // namespace kernel
