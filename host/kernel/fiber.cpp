@@ -7,14 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) && !defined(__SANITIZE_ADDRESS__)
-#define __SANITIZE_ADDRESS__ 1
-#endif
-#if __has_feature(thread_sanitizer) && !defined(__SANITIZE_THREAD__)
-#define __SANITIZE_THREAD__ 1
-#endif
-#endif
+#include "host/kernel/sanitizers.h"
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>

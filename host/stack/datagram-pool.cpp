@@ -3,13 +3,9 @@
 #include <cstring>
 #include <new>
 
+#include "host/kernel/sanitizers.h"
 #include "host/kernel/task.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) && !defined(__SANITIZE_ADDRESS__)
-#define __SANITIZE_ADDRESS__ 1
-#endif
-#endif
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
 #endif
