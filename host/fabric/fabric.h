@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "ib-types.h"
+
 namespace fabric
 {
 
@@ -18,6 +20,11 @@ constexpr uint32_t qp1_q_key = 0x80010000; // IBA 10.2.5: the well-known Q_Key o
 
 // A GID in wire order.
 using gid_bytes = std::array<uint8_t, 16>;
+
+inline gid_bytes make_gid(uint64_t prefix, uint64_t guid)
+{
+    return std::to_array(to_wire(kq_gid_t{.eui64 = guid, .subnet = prefix}).bytes);
+}
 
 // Where a datagram goes to, or came from.
 struct address {
@@ -32,6 +39,12 @@ struct address {
 
 // IBA 14.2.5.6, PortInfo.PortState.
 enum class link_state : uint8_t { down = 1, init = 2, armed = 3, active = 4 };
+
+// The state of that number; of another one, down.
+constexpr link_state link_state_of(unsigned number)
+{
+    return number >= 1 && number <= 4 ? static_cast<link_state>(number) : link_state::down;
+}
 
 // What a port says of itself at one moment (PortInfo, GUIDInfo and P_KeyTable of IBA 14.2.5).
 struct port_attributes {

@@ -168,9 +168,9 @@ TEST(umad_port, is_read_from_its_own_answers)
     EXPECT_EQ(told->max_vls, 8);
     EXPECT_EQ(told->bad_p_keys, 17u);
     EXPECT_EQ(told->bad_q_keys, 18u);
-    EXPECT_THAT(told->gids, ElementsAre(umad::make_gid(0xFEC0000000000001, 0x0002C90300010203),
-                                        umad::make_gid(0xFEC0000000000001, 0),
-                                        umad::make_gid(0xFEC0000000000001, 0x0002C90300010204)));
+    EXPECT_THAT(told->gids, ElementsAre(fabric::make_gid(0xFEC0000000000001, 0x0002C90300010203),
+                                        fabric::make_gid(0xFEC0000000000001, 0),
+                                        fabric::make_gid(0xFEC0000000000001, 0x0002C90300010204)));
     ASSERT_EQ(told->p_keys.size(), 34u) << "entries keep their index";
     EXPECT_EQ(told->p_keys[0], 0xFFFF);
     EXPECT_EQ(told->p_keys[33], 0x8005);

@@ -22,11 +22,6 @@ uint64_t assigned_guid(size_t hca_number, int port)
     return 0x0200000000000000 | static_cast<uint64_t>(hca_number) << 16 | static_cast<uint64_t>(port);
 }
 
-fabric::gid_bytes make_gid(uint64_t prefix, uint64_t guid)
-{
-    return std::to_array(to_wire(kq_gid_t{.eui64 = guid, .subnet = prefix}).bytes);
-}
-
 bool is_unicast(uint16_t lid)
 {
     return lid >= 1 && lid <= last_unicast_lid;
@@ -117,7 +112,7 @@ void subnet::plug_port(adapter& owner, uint64_t guid, const std::vector<uint16_t
     owner.ports.push_back({.owner = &owner,
                            .number = owner.port_count() + 1,
                            .assigned_lid = lid,
-                           .gid = make_gid(options_.gid_prefix, guid),
+                           .gid = fabric::make_gid(options_.gid_prefix, guid),
                            .p_keys = p_keys.empty() ? options_.p_keys : p_keys});
     port_by_lid_.resize(std::max<size_t>(port_by_lid_.size(), lid + 1u));
     port_by_lid_[lid] = &owner.ports.back();

@@ -55,9 +55,7 @@ uint64_t number64(const uint8_t* bytes)
 fabric::link_state state_of(uint8_t port_state)
 {
     constexpr uint8_t active_deferred = 5;
-    if (port_state == active_deferred) return fabric::link_state::active;
-    const bool is_known = port_state >= 1 && port_state <= 4;
-    return is_known ? static_cast<fabric::link_state>(port_state) : fabric::link_state::down;
+    return port_state == active_deferred ? fabric::link_state::active : fabric::link_state_of(port_state);
 }
 
 uint8_t vls_of(uint8_t vl_cap)
@@ -67,11 +65,6 @@ uint8_t vls_of(uint8_t vl_cap)
 }
 
 } // namespace
-
-fabric::gid_bytes make_gid(uint64_t prefix, uint64_t guid)
-{
-    return std::to_array(to_wire(kq_gid_t{.eui64 = guid, .subnet = prefix}).bytes);
-}
 
 void self_query::restart()
 {
@@ -161,7 +154,7 @@ void self_query::accept_guids(const uint8_t* block)
     size_t used = 1;
     for (size_t i = 0; i < guids_in_block; ++i)
         if (number64(block + i * 8) != 0) used = i + 1;
-    for (size_t i = 0; i < used; ++i) heard_.gids.push_back(make_gid(gid_prefix_, number64(block + i * 8)));
+    for (size_t i = 0; i < used; ++i) heard_.gids.push_back(fabric::make_gid(gid_prefix_, number64(block + i * 8)));
     asked_ = subject::p_keys;
 }
 

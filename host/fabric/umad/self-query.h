@@ -48,7 +48,4 @@ class self_query
     fabric::port_attributes heard_;
 };
 
-// A GID in wire order from host-order halves.
-fabric::gid_bytes make_gid(uint64_t prefix, uint64_t guid);
-
 } // namespace umad

@@ -60,12 +60,11 @@ port_listing describe(const umad_port_t& port)
     return {.number = port.portnum,
             .link_layer = port.link_layer,
             .device = device_file(port.ca_name, port.portnum),
-            .state = port.state >= 1 && port.state <= 4 ? static_cast<fabric::link_state>(port.state)
-                                                        : fabric::link_state::down,
+            .state = fabric::link_state_of(port.state),
             .lid = static_cast<uint16_t>(port.base_lid),
             .sm_lid = static_cast<uint16_t>(port.sm_lid),
             .sm_sl = static_cast<uint8_t>(port.sm_sl),
-            .gid = make_gid(be64toh(port.gid_prefix), be64toh(port.port_guid))};
+            .gid = fabric::make_gid(be64toh(port.gid_prefix), be64toh(port.port_guid))};
 }
 
 hca_listing describe(const char* name)
