@@ -1,7 +1,6 @@
 #include "cli/world-config.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cctype>
 #include <climits>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include <toml++/toml.h>
 
 #include "cli/failure.h"
+#include "host/world/text.h"
 #include "verbs.h"
 
 namespace cli
@@ -158,9 +158,8 @@ world::host_plan read_host(const toml::table& table, const std::string& file, si
         reader.refuse(table, quoted(plan.name) + " cannot be a host name: give it a 'name' of " + host_name_rule);
 
     const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
-    in_addr parsed{};
     if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
-    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1)
+    if (!world::parse_ipv4(address))
         reader.refuse(*reader.find("address"), quoted(address) + " is no IPv4 address like 10.0.0.1");
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
