@@ -70,13 +70,13 @@ void add_resolutions(CLI::App& program, int& exit_code, const std::string& name,
     command->callback([=, &exit_code] { exit_code = run_resolutions(*common, *options, name, key); });
 }
 
-// One after another until interrupted, each over the one before when this is a terminal.
+// One after another until interrupted or unable to write, each over the one before when this is a terminal.
 void watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);
     const bool on_terminal = isatty(STDOUT_FILENO) == 1;
     client service(common);
-    while (true) {
+    while (std::cout) {
         const json answer = service.ask({{"request", "status"}});
         throw_if_refused(answer);
         std::ostringstream picture;
@@ -115,7 +115,7 @@ void show_log(const client_options& common, const log_options& options)
     throw_if_refused(line);
     for (; !line.contains("end"); line = service.next()) {
         std::cout << (common.as_json ? line.dump() : line["line"].get<std::string>()) << '\n';
-        if (options.follow) std::cout.flush();
+        if (options.follow && !std::cout.flush()) return;
     }
 }
 
