@@ -39,6 +39,7 @@ std::string port_model::logged(const kernel::task& by, const std::string& line, 
 
 std::string port_model::event(const std::string& line)
 {
+    if (says(line, "Received ")) event_port_ = number_behind(line, "<port:");
     if (const int port = number_behind(line, "Received link_up <port:"); port >= 1 && port <= ports_) {
         port_state& state = states_[port - 1];
         if (state == port_state::active) return "";
@@ -55,6 +56,9 @@ std::string port_model::event(const std::string& line)
         must_choose_ = was_active && lowest_up() > 0;
     } else if (says(line, "() failed <")) {
         refresh_failed_ = true;
+        // The P_Key is read last; what was read before it is kept.
+        if (says(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
+            known_gids_[event_port_ - 1] = gids_[event_port_ - 1];
     } else if (const int port = number_behind(line, ": port "); port > 0 && says(line, " pkey 0x")) {
         known_gids_[port - 1] = gids_[port - 1];
     } else if (const int port = number_behind(line, "Setting port "); port > 0 && says(line, "to be the active port")) {

@@ -49,6 +49,7 @@ class port_model
     fabric::gid_bytes registered_{}; // what the next delete names
 
     // Of the event that is being handled.
+    int event_port_ = 0;
     bool must_choose_ = false;
     bool refresh_failed_ = false;
     bool registering_ = false;
