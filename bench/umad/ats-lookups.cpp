@@ -24,34 +24,21 @@ namespace
     std::exit(2);
 }
 
-// Asks the SA for each address again as soon as it is answered.
+// Asks the SA for each address again as soon as it is answered, from the callback.
 class asking
 {
   public:
-    asking(kernel::machine& host, const std::vector<uint32_t>& addresses)
-        : refresh_(host, "ibat_refresh_fn"), questions_(addresses.size())
+    asking(kernel::machine& host, const std::vector<uint32_t>& addresses, uint64_t wanted)
+        : refresh_(host, "ibat_refresh_fn"), questions_(addresses.size()), still_to_ask_(static_cast<int64_t>(wanted))
     {
-        sema_init(&answered_, 0);
+        sema_init(&ended_, 0);
         for (size_t i = 0; i < addresses.size(); ++i) questions_[i] = {this, addresses[i]};
     }
 
-    void run(uint64_t wanted)
+    void run()
     {
         for (question& each : questions_) ask(each);
-        uint64_t asked = questions_.size();
-        for (uint64_t done = 0; done < wanted; ++done) {
-            down(&answered_);
-            question* next = nullptr;
-            {
-                const std::lock_guard lock(mutex_);
-                next = free_.back();
-                free_.pop_back();
-            }
-            if (asked < wanted) {
-                ask(*next);
-                ++asked;
-            }
-        }
+        for (size_t i = 0; i < questions_.size(); ++i) down(&ended_);
     }
 
     uint64_t wrong() const { return wrong_; }
@@ -64,26 +51,21 @@ class asking
 
     void ask(question& about)
     {
+        if (still_to_ask_-- <= 0) return up(&ended_);
         if ((*refresh_)(about.ip, take, &about) != ibat_stat_pending) fail("a request was refused");
     }
 
     static void take(ibat_stat_t status, ibat_arp_data_t*, void* context)
     {
         auto& answered = *static_cast<question*>(context);
-        asking& self = *answered.owner;
-        if (status != ibat_stat_ok) ++self.wrong_;
-        {
-            const std::lock_guard lock(self.mutex_);
-            self.free_.push_back(&answered);
-        }
-        up(&self.answered_);
+        if (status != ibat_stat_ok) ++answered.owner->wrong_;
+        answered.owner->ask(answered);
     }
 
     const world::published<ibat_refresh_fn_t> refresh_;
     std::vector<question> questions_;
-    semaphore answered_;
-    std::mutex mutex_;
-    std::vector<question*> free_;
+    std::atomic<int64_t> still_to_ask_;
+    semaphore ended_;
     std::atomic<uint64_t> wrong_{0};
 };
 
@@ -126,9 +108,9 @@ int main(int count, char** arguments)
     std::chrono::duration<double> took{};
     uint64_t wrong = 0;
     host.machine().enter("bench", [&] {
-        asking questions(host.machine(), addresses);
+        asking questions(host.machine(), addresses, wanted);
         const auto begin = std::chrono::steady_clock::now();
-        questions.run(wanted);
+        questions.run();
         took = std::chrono::steady_clock::now() - begin;
         wrong = questions.wrong();
     });
