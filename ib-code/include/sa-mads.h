@@ -24,6 +24,12 @@ enum sa_status_t : uint8_t {
     SA_STATUS_REQ_INSUFFICIENT_COMPONENTS = 6,
 };
 
+// The status word, in host order, of an answer that says just that.
+constexpr uint16_t status_word(sa_status_t code)
+{
+    return static_cast<uint16_t>(code << 8);
+}
+
 struct sa_mad_v2_t {
     mad_hdr_t hdr;
     uint8_t rmpp_version;

@@ -15,11 +15,6 @@ constexpr uint64_t component(service_record_component_t bit)
     return uint64_t{1} << bit;
 }
 
-constexpr uint16_t status_word(sa_status_t code)
-{
-    return static_cast<uint16_t>(code << 8);
-}
-
 uint16_t status_word(matches count)
 {
     switch (count) {

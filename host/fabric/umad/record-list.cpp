@@ -20,9 +20,6 @@ constexpr size_t host_name_size = 30; // it runs on from ServiceData32 into Serv
 constexpr size_t address_at = 12; // in ServiceData8
 constexpr size_t octets = 4;
 
-constexpr uint16_t no_records = SA_STATUS_NO_RECORDS << 8;
-constexpr uint16_t too_many_records = SA_STATUS_TOO_MANY_RECORDS << 8;
-
 constexpr uint64_t component(int bit)
 {
     return uint64_t{1} << bit;
@@ -95,11 +92,11 @@ void search::count_answers(const std::vector<selection>& asked, std::vector<sele
     const auto answers = sa_.ask(requests);
     for (size_t i = 0; i < asked.size(); ++i) {
         const uint16_t status = answers[i] ? from_wire(answers[i]->hdr.u.ns.status.raw16) : 0;
-        if (status == too_many_records)
+        if (status == status_word(SA_STATUS_TOO_MANY_RECORDS))
             several.push_back(asked[i]);
         else if (answers[i] && status == 0)
             std::memcpy(&list_.records.emplace_back(), answers[i]->payload, sizeof(ib_service_record_v2_t));
-        else if (status != no_records && !std::exchange(has_missed_, true))
+        else if (status != status_word(SA_STATUS_NO_RECORDS) && !std::exchange(has_missed_, true))
             list_.remarks.emplace_back("some requests were not answered: records may be missing");
     }
 }
@@ -195,7 +192,7 @@ record_list list_records(sa_client& sa, const record_filter& filter)
     if (!table) {
         list.why = "the SA at LID " + std::to_string(sa.sm_lid()) +
                    " does not answer: is its subnet manager running, and the master?";
-    } else if (table->status != 0 && table->status != no_records) {
+    } else if (table->status != 0 && table->status != status_word(SA_STATUS_NO_RECORDS)) {
         char text[64];
         std::snprintf(text, sizeof text, "the SA refuses to list records (status 0x%04X)", table->status);
         list.why = text;

@@ -13,7 +13,6 @@ namespace
 
 constexpr size_t most_said = 256; // different things; then all has been said that helps
 
-constexpr uint16_t too_many_records = SA_STATUS_TOO_MANY_RECORDS << 8;
 constexpr uint64_t all_components = UINT64_MAX; // what a Set selects
 constexpr uint64_t address_components = uint64_t{0xFFFF} << SR_COMPONENT_SERVICE_DATA8;
 
@@ -27,7 +26,7 @@ std::string text_of(uint16_t status, uint64_t mask, uint32_t address)
     if (mask == all_components)
         return std::string("the SA refuses this host's record of ") + dotted + " (status " + hex +
                "): see the SM's log; 'ats check' looks at the port's P_Keys and the SA's abilities";
-    if (status == too_many_records && (mask & address_components) == address_components)
+    if (status == status_word(SA_STATUS_TOO_MANY_RECORDS) && (mask & address_components) == address_components)
         return std::string("two or more records hold ") + dotted +
                ", and the SA tells neither: 'ats sa show --address " + dotted + "' lists them; remove the stale ones";
     return "";
