@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory_resource>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -41,7 +42,8 @@ class memory_account
         std::string caller_was; // once the caller's image has gone
     };
     mutable std::mutex mutex_;
-    std::unordered_map<const void*, block> live_;
+    std::pmr::unsynchronized_pool_resource nodes_; // of the map, which changes with every call
+    std::pmr::unordered_map<const void*, block> live_{&nodes_};
     size_t bytes_ = 0;
     uint64_t total_ = 0;
 };
