@@ -64,13 +64,18 @@ struct port_attributes {
 
 enum class port_change { link_up, link_down, sm_change };
 
-// Told of what happens at an HCA. Called in the fabric's own context, one call of an HCA at a time, with no lock of
-// the fabric held that a call back into it would need; must not sleep.
+// Told of what happens at an HCA. Called in the fabric's own context or in that of a poll(), one call of an HCA at a
+// time, with no lock of the fabric held that a send() would need; must not sleep.
 class listener
 {
   public:
     // A datagram arrived at QP1 of `port`.
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
+
+    // All that has arrived was reported, and the listener may do in the calling task what follows from it. `again`:
+    // another such call follows within a few ticks even if nothing arrives, so that work may be left for it. A fabric
+    // that has no task to spare never makes this call.
+    virtual void caught_up(bool /*again*/) {}
 
     // `port` changed; `new_sm_lid` holds for sm_change only. Its attributes read the new state already.
     virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;
@@ -95,6 +100,12 @@ class hca
     // queue takes nothing now or the port does not exist. Does not sleep and does not allocate in the sender's
     // account.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
+
+    // Busy polling, for a task that expects answers and would only sleep: it does for a moment what the fabric's own
+    // task does, which is to take in what arrives and to call the listener. Waits for a tick at the most at each port
+    // where something arrived a moment ago, and not at all at others. False: nothing arrived. Called by tasks that may
+    // sleep, never by the listener.
+    virtual bool poll() { return false; }
 
     // Sets who is told, or nobody (null). When it returns, the previous listener is not running and is not called
     // again. May sleep; must not be called by the listener itself.

@@ -27,6 +27,7 @@ class datagram_pool
     const std::string& name() const { return name_; }
     size_t size() const { return size_; }
     size_t free() const;
+    bool runs_low() const { return free() <= size_ / 2; }
 
     // A datagram with everything but its MAD zero, in a client's hands; null when none is free. Any thread.
     datagram_record* take();

@@ -79,9 +79,18 @@ int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_h
         *handle = client.get();
         registered_.push_back(client.get());
         classes_.push_back(std::move(client));
-        if (!task_.is_started()) task_.start([this] { complete(); });
+        if (!task_.is_started())
+            task_.start([this] {
+                while (!task_.is_stopping())
+                    if (!complete()) task_.sleep(kernel::never, "completions");
+            });
     }
     hub_.attach(*this);
+    {
+        const std::lock_guard lock(mutex_);
+        will_be_called_ = false; // the fabric may have taken that back while nobody heard it
+    }
+    task_.ring();
     return 0;
 }
 
@@ -116,7 +125,7 @@ int gsi_adapter::post(gsi_class_t& sender, datagram_record& record, uint64_t* tr
     if (transaction_id) *transaction_id = assigned;
     kernel::preemption_point(); // the answer may be here before the send completes
     lock_guard lock(mutex_);
-    queue(record, lock);
+    queue(record, lock, !record.home.runs_low());
     return 0;
 }
 
@@ -147,7 +156,16 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
     record->client = client;
     record->note(home_.exec().now(), datagram_event::received, client->mgt_class, client->port);
     record->become(datagram_state::received);
-    queue(*record, lock);
+    queue(*record, lock, true);
+}
+
+void gsi_adapter::caught_up(bool again)
+{
+    {
+        const std::lock_guard lock(mutex_);
+        will_be_called_ = again;
+    }
+    home_.enter(context_name_, [this] { complete(); });
 }
 
 gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class) const
@@ -157,34 +175,36 @@ gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class) const
     return nullptr;
 }
 
-void gsi_adapter::queue(datagram_record& record, lock_guard& lock)
+// `may_be_deferred`: until the fabric calls caught_up(), if it will.
+void gsi_adapter::queue(datagram_record& record, lock_guard& lock, bool may_be_deferred)
 {
     record.next = nullptr;
     (last_ ? last_->next : first_) = &record;
     last_ = &record;
-    const bool ring = std::exchange(asleep_, false);
+    const bool ring = !completing_ && !(will_be_called_ && may_be_deferred);
     lock.unlock();
     if (ring) task_.ring();
 }
 
-void gsi_adapter::complete()
+// False: there was nothing to do, or it is being done.
+bool gsi_adapter::complete()
 {
-    while (!task_.is_stopping()) {
-        datagram_record* batch = take_all();
-        if (!batch) {
-            task_.sleep(kernel::never, "completions");
-            continue;
-        }
-        const kernel::atomic_section no_sleep(context_name_.c_str());
+    datagram_record* batch = take_all(false);
+    if (!batch) return false;
+    const kernel::atomic_section no_sleep(context_name_.c_str());
+    do {
         const uint64_t now_ticks = home_.exec().now();
         while (batch) hand_out(*std::exchange(batch, batch->next), now_ticks);
-    }
+        batch = take_all(true);
+    } while (batch);
+    return true;
 }
 
-datagram_record* gsi_adapter::take_all()
+datagram_record* gsi_adapter::take_all(bool goes_on)
 {
     const std::lock_guard lock(mutex_);
-    asleep_ = !first_;
+    if (completing_ && !goes_on) return nullptr;
+    completing_ = first_ != nullptr;
     last_ = nullptr;
     return std::exchange(first_, nullptr);
 }

@@ -1,5 +1,6 @@
 // The GSI layer of one HCA. Datagrams that were sent and datagrams that arrived stand in one queue, in the order in
-// which that happened; the HCA's completion context takes all that is there at a time and hands it out one by one.
+// which that happened; the HCA's completion context takes all that is there at a time and hands it out one by one. It
+// is one context, whoever runs it: a task of its own, or one that the fabric has at hand when answers have come in.
 #pragma once
 
 #include <memory>
@@ -79,6 +80,7 @@ class gsi_adapter final : public fabric::listener
     gsi_counts counts() const;
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
+    void caught_up(bool again) override;
     void port_changed(int, fabric::port_change, uint16_t) override {}
 
   private:
@@ -90,11 +92,11 @@ class gsi_adapter final : public fabric::listener
 
     gsi_class_t* find(int port, uint8_t mgt_class) const;
     bool put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id);
-    void queue(datagram_record& record, lock_guard& lock);
+    void queue(datagram_record& record, lock_guard& lock, bool may_be_deferred);
 
     // The completion context.
-    void complete();
-    datagram_record* take_all();
+    bool complete();
+    datagram_record* take_all(bool goes_on);
     void hand_out(datagram_record& record, uint64_t now_ticks);
 
     kernel::machine& home_;
@@ -110,7 +112,8 @@ class gsi_adapter final : public fabric::listener
     std::vector<gsi_class_t*> registered_;
     datagram_record* first_ = nullptr;
     datagram_record* last_ = nullptr;
-    bool asleep_ = false; // the completion context found nothing, and nobody has rung since
+    bool completing_ = false;     // somebody runs the completion context, and will look into the queue once more
+    bool will_be_called_ = false; // the fabric will call caught_up() again
     service_task task_;
 };
 

@@ -20,14 +20,15 @@ class hca_hub final : public fabric::listener
   public:
     explicit hca_hub(fabric::hca& adapter);
 
-    // Tells `to` from now on. It is called with the hub locked: it does not sleep, and does not call the hub or the
-    // HCA. Attaching twice needs two detaches. May sleep.
+    // Tells `to` from now on. It is called with the hub locked: it does not sleep, and calls neither the hub nor
+    // the HCA, but for its send(). Attaching twice needs two detaches. May sleep.
     void attach(fabric::listener& to);
 
     // When this returns after the last attach is taken back, `from` is not running and is not called again. May sleep.
     void detach(fabric::listener& from);
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
+    void caught_up(bool again) override;
     void port_changed(int port, fabric::port_change change, uint16_t new_sm_lid) override;
 
   private:

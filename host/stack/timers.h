@@ -1,6 +1,7 @@
 // The timing service of a machine. Handlers that never sleep run in its timer context; those that may sleep run in a
-// task of their own, so that they delay nobody but each other. Whatever is due at one tick runs in this order: the
-// handlers that never sleep, then the others, each kind by deadline and then in the order of arming.
+// task of their own, so that they delay nobody but each other; it may be a tick late, for it also polls for answers.
+// Whatever is due at one tick runs in this order: the handlers that never sleep, then the others, each kind by deadline
+// and then in the order of arming.
 #pragma once
 
 #include <mutex>
@@ -37,6 +38,7 @@ class timers final : public kernel::service
     };
 
     void run(lane& self);
+    bool polls_for_answers(const lane& self) const;
     bool run_next(lane& self);
     bool take_next(lane& self, armed_timer& next);
     uint64_t next_deadline(lane& self);

@@ -28,6 +28,7 @@ struct fake_hca final : fabric::hca {
         if (accepts) sent.push_back({port, destination, mad});
         return accepts;
     }
+    bool poll() override { return while_polled && while_polled(); }
     void listen(fabric::listener* to) override { listener = to; }
 
     void arrive(int port, const sa_mad_v2_t& mad, const fabric::address& source = {.lid = 1}) const
@@ -46,6 +47,7 @@ struct fake_hca final : fabric::hca {
     std::string called = "mthca0";
     std::vector<fabric::port_attributes> ports{2};
     std::function<void(int port)> while_read; // happens after the state was read, before the reader knows it
+    std::function<bool()> while_polled;       // happens then; true: something arrived
     bool accepts = true;
     std::vector<sent_mad> sent;
     fabric::listener* listener = nullptr;

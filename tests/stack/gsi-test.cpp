@@ -90,6 +90,47 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     });
 }
 
+TEST(gsi, is_run_by_the_fabrics_task_and_sends_wait_for_answers_while_that_lends_itself)
+{
+    machine_with_fake at;
+    at.run([&] {
+        gsi_client client(4);
+        client.then = [](gsi_dtgrm_t*) { EXPECT_TRUE(kernel::current_task()->atomic_context); };
+        const auto told = [&](bool at_once) {
+            if (!at_once) schedule_timeout_uninterruptible(1);
+            return std::exchange(client.lines, {});
+        };
+        client.post();
+        at.hca.arrive(2, answer(50));
+        at.hca.listener->caught_up(true);
+        EXPECT_THAT(told(true), ElementsAre("sent 1", "got 50 on port 2"));
+        EXPECT_THAT(told(false), ElementsAre()) << "the task that was rung for them comes too late";
+        client.post();
+        EXPECT_THAT(told(false), ElementsAre());
+        at.hca.arrive(1, answer(51));
+        EXPECT_THAT(told(false), ElementsAre());
+        at.hca.listener->caught_up(true);
+        EXPECT_THAT(told(true), ElementsAre("sent 2", "got 51"));
+
+        for (int i = 0; i < 4; ++i) client.post();
+        EXPECT_THAT(told(false), ElementsAre("sent 3", "sent 4", "sent 5", "sent 6")) << "the pool had run low";
+
+        client.post();
+        at.hca.listener->caught_up(false);
+        EXPECT_THAT(told(true), ElementsAre("sent 7"));
+        client.post();
+        EXPECT_THAT(told(false), ElementsAre("sent 8"));
+
+        at.hca.listener->caught_up(true);
+        client.close();
+        gsi_client next(4);
+        next.post();
+        schedule_timeout_uninterruptible(1);
+        EXPECT_THAT(next.lines, ElementsAre("sent 9")) << "what was said to nobody holds no longer";
+        next.close();
+    });
+}
+
 TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
 {
     constexpr uint8_t performance_management = 0x04;

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/stack/timers.h"
-#include "tests/kernel/one-machine.h"
+#include "tests/stack/fake-hca.h"
 
 using testing::ElementsAre;
 
@@ -102,6 +102,22 @@ TEST_F(timers_test, a_handler_that_sleeps_delays_its_like_but_no_other)
     other.enter("test", [&] { arm("neighbour", false, 121); });
     at.sim->run_until(200);
     EXPECT_THAT(lines, ElementsAre("slow@110", "atomic@120", "neighbour@121", "waits@160"));
+}
+
+TEST_F(timers_test, the_task_of_handlers_that_sleep_takes_in_answers_between_them)
+{
+    machine_with_fake world({.start_tick = 100});
+    int answers = 0;
+    world.hca.while_polled = [&] {
+        if (answers > 0) arm("answer " + std::to_string(answers), false, get_jiffies());
+        return answers-- > 0;
+    };
+    world.run([&] {
+        arm("atomic", true, 105);
+        arm("asks", false, 110, [&](timing_t&) { answers = 2; });
+        schedule_timeout_uninterruptible(20);
+    });
+    EXPECT_THAT(lines, ElementsAre("atomic@105", "asks@110", "answer 2@110", "answer 1@110"));
 }
 
 TEST_F(timers_test, deletion_waits_for_the_handler_and_voids_its_arming)
