@@ -14,7 +14,7 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int window = 16;
-constexpr int rounds = 5; // of each figure the median counts
+constexpr int rounds = 9; // of each figure the median counts
 constexpr int hosts = most_programs - 3;
 constexpr int first_target = 101; // 10.0.0.101 onwards are the addresses that are looked up
 const std::string asker = "asker", sm_node = "sm";

@@ -20,10 +20,6 @@ namespace
 using clock = std::chrono::steady_clock;
 using tick_duration = std::chrono::milliseconds;
 
-// While work keeps coming, the next wake-up is on its way already when a task parks: to look for it a few times costs
-// less than a sleep, and it spares the waker a system call.
-constexpr int yields_before_sleep = 4;
-
 // The steady clock is CLOCK_MONOTONIC, which is what futexes go by.
 timespec as_timespec(clock::time_point when)
 {
@@ -85,10 +81,6 @@ class threaded_executor final : public executor
     {
         might_sleep(reason);
         std::atomic<uint32_t>& state = static_cast<thread_task&>(*current_task()).state;
-        for (int i = 0; i < yields_before_sleep; ++i) {
-            if (state == woken) break;
-            std::this_thread::yield();
-        }
         uint32_t expected = running;
         if (state.compare_exchange_strong(expected, sleeping)) {
             const timespec until = as_timespec(started_ + tick_duration(std::min(deadline, centuries_in_ticks)));

@@ -14,6 +14,7 @@ adapter::adapter(surroundings& around, const hca_listing& listed)
                 [this, number](const fabric::address& source, const fabric::mad_bytes& mad) {
                     tell([&](fabric::listener& to) { to.mad_arrived(number, source, mad); });
                 },
+            .caught_up = [this](bool again) { tell([&](fabric::listener& to) { to.caught_up(again); }); },
             .changed =
                 [this, number](fabric::port_change change, uint16_t sm_lid) {
                     tell([&](fabric::listener& to) { to.port_changed(number, change, sm_lid); });
@@ -59,6 +60,13 @@ fabric::port_attributes adapter::read_port(int port)
 bool adapter::send(int port, const fabric::address& destination, const fabric::mad_bytes& mad)
 {
     return port >= 1 && port <= port_count() && ports_[static_cast<size_t>(port - 1)]->send(destination, mad);
+}
+
+bool adapter::poll()
+{
+    bool any = false;
+    for (const auto& each : ports_) any |= each->poll();
+    return any;
 }
 
 traffic_counts adapter::counts() const

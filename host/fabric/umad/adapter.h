@@ -24,6 +24,7 @@ class adapter final : public fabric::hca
     // nobody has to wait for an HCA that is slow to answer.
     fabric::port_attributes read_port(int port) override;
     bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override;
+    bool poll() override;
     void listen(fabric::listener* to) override;
 
     traffic_counts counts() const;

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "host/fabric/umad/self-query.h"
-#include "sa-mads.h"
 
 namespace umad
 {
@@ -137,7 +136,8 @@ void device::wait(uint64_t longest_ms)
     if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (ready > 0 && (both[0].revents & (POLLERR | POLLHUP | POLLNVAL))) is_broken_ = true;
     uint64_t wakeups;
-    if (ready > 0 && both[1].revents != 0 && ::read(wakeup_, &wakeups, sizeof wakeups) < 0) sees_wakeup_ = false;
+    if (ready > 0 && both[1].revents != 0 && ::read(wakeup_, &wakeups, sizeof wakeups) < 0 && errno != EAGAIN)
+        sees_wakeup_ = false;
 }
 
 device::outcome device::receive(packet& arrived)

@@ -8,9 +8,12 @@
 
 #include "host/fabric/fabric.h"
 #include "host/fabric/umad/libibumad.h"
+#include "sa-mads.h"
 
 namespace umad
 {
+
+static_assert(sizeof(sa_mad_v2_t) == sizeof(fabric::mad_bytes));
 
 class device
 {
@@ -26,6 +29,7 @@ class device
     {
       public:
         fabric::mad_bytes& mad() { return *static_cast<fabric::mad_bytes*>(umad_get_mad(bytes_)); }
+        sa_mad_v2_t& sa_mad() { return reinterpret_cast<sa_mad_v2_t&>(mad()); }
         ib_mad_addr_t& address() { return *umad_get_mad_addr(bytes_); }
         void* bytes() { return bytes_; }
 
@@ -41,7 +45,7 @@ class device
     device(const device&) = delete;
     device& operator=(const device&) = delete;
 
-    // Empty, or what is in the way and what to do about it. These, too, are called by the thread that receives.
+    // Empty, or what is in the way and what to do about it. These are not called while another thread receives.
     std::string open();
     void close();
     bool is_open() const { return descriptor_ >= 0; }
@@ -50,9 +54,10 @@ class device
     // False: libibumad did not take it. The packet's address is the caller's to fill in. Any thread.
     bool send(client from, packet& leaving);
 
-    // Waits until there is something to receive, or for `longest_ms`, or until wake(); may return early. This and
-    // receive(), which does not wait, are called by one thread.
+    // Waits until there is something to receive, or for `longest_ms`, or until wake(); may return early. Any thread.
     void wait(uint64_t longest_ms);
+
+    // Does not wait. One thread at a time.
     outcome receive(packet& arrived);
 
     // Ends the wait, or the next one. Any thread.
@@ -65,10 +70,11 @@ class device
     const std::string hca_;
     const int port_;
     const int wakeup_; // an eventfd
-    bool sees_wakeup_ = true;
-    bool is_broken_ = false; // poll said so
-    std::mutex sending_;     // held to send, and to change what a sender uses
-    int descriptor_ = -1, poll_descriptor_ = -1;
+    std::atomic<bool> sees_wakeup_{true};
+    std::atomic<bool> is_broken_{false}; // poll said so
+    std::mutex sending_;                 // held to send, and to change what a sender uses
+    int descriptor_ = -1;
+    std::atomic<int> poll_descriptor_{-1};
     int sa_agent_ = -1, self_agent_ = -1;
 };
 

@@ -1,5 +1,6 @@
 // One real port: what leaves and arrives through it, and what is known of it. A task of the port receives, asks the
-// port for its attributes in intervals, and tells the HCA's listener of both.
+// port for its attributes in intervals, and tells the HCA's listener of both. While answers keep coming, a task that
+// waits for them may receive in its place.
 #pragma once
 
 #include <atomic>
@@ -10,42 +11,18 @@
 #include "host/fabric/umad/own-records.h"
 #include "host/fabric/umad/port-watch.h"
 #include "host/fabric/umad/sa-remarks.h"
+#include "host/fabric/umad/surroundings.h"
 #include "host/fabric/umad/transactions.h"
-#include "host/fabric/umad/umad.h"
 
 namespace umad
 {
 
 traffic_counts operator+(const traffic_counts& a, const traffic_counts& b);
 
-// What the ports of a fabric have in common.
-class surroundings
-{
-  public:
-    surroundings(kernel::executor& executor, options wanted_options) : exec(executor), wanted(std::move(wanted_options))
-    {
-    }
-
-    kernel::executor& exec;
-    const options wanted;
-
-    void say(const std::string& text) const
-    {
-        if (wanted.say) wanted.say(text);
-    }
-
-    // Any thread.
-    void show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad);
-    void set_tap(fabric::tap* to);
-
-  private:
-    std::mutex tap_mutex_; // held over the tap
-    std::atomic<fabric::tap*> tap_{nullptr};
-};
-
 // What a port does to its HCA.
 struct port_events {
     std::function<void(const fabric::address& source, const fabric::mad_bytes& mad)> arrived;
+    std::function<void(bool again)> caught_up;
     std::function<void(fabric::port_change change, uint16_t sm_lid)> changed;
 };
 
@@ -64,15 +41,21 @@ class port
 
     // Any thread.
     bool send(const fabric::address& destination, const fabric::mad_bytes& mad);
+    bool poll(); // as of fabric::hca
     fabric::port_attributes read() const;
     traffic_counts counts() const;
 
   private:
-    // The port's task, and open() before it runs.
+    // The port's task.
     void run();
+    void watch();
+    void stand_back();
+    void receive();
     void drain();
-    void receive_while_busy(uint64_t until);
-    bool receive_all(); // false: there was nothing
+
+    // Whoever has `receiving_`; open(), before anybody needs it. False: nothing came, or nothing for the listener.
+    bool take_in();
+    bool receive_one();
     void take(device::packet& arrived);
     void deliver(device::packet& arrived);
     void take_returned(device::packet& arrived);
@@ -106,7 +89,9 @@ class port
     std::atomic<uint32_t> sent_since_answer_{0};
     std::atomic<uint64_t> waiting_since_tick_{0};
 
-    // The port task's.
+    // Held by whoever takes in what arrives or looks at the port. Guards the device but for its sends, the next six,
+    // and every change of is_busy_.
+    std::mutex receiving_;
     port_watch watch_;
     sa_remarks remarks_;
     port_condition condition_ = port_condition::unknown;
@@ -114,6 +99,9 @@ class port
     bool reads_files_ = false; // the port does not tell its attributes, the system's files do
     bool sa_is_silent_ = false;
 
+    std::atomic<uint64_t> look_due_{0};  // the tick
+    std::atomic<bool> is_busy_{false};   // something arrived just now, and more may follow
+    std::atomic<bool> is_polled_{false}; // by a task in whose favour the port's stands back
     std::atomic<bool> stopping_{false};
     kernel::task* task_ = nullptr;
 };
