@@ -11,8 +11,6 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t first_spare_lid = 0x1000;
-
 // Addresses of memory differ from run to run: "0x7f0012345678" becomes "0x*". GIDs and transactions have 16 digits
 // and more, ports and statuses have few.
 std::string without_addresses(const std::string& line)
