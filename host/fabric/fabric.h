@@ -72,10 +72,10 @@ class listener
     // A datagram arrived at QP1 of `port`.
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
 
-    // All that has arrived was reported, and the listener may do in the calling task what follows from it. `again`:
-    // another such call follows within a few ticks even if nothing arrives, so that work may be left for it. A fabric
-    // that has no task to spare never makes this call.
-    virtual void caught_up(bool /*again*/) {}
+    // The listener may do in the calling task what follows from the arrivals that it was told of. `again`: another such
+    // call follows within a few ticks even if nothing arrives, so that work may be left for it. A fabric that has no
+    // task to spare never makes this call.
+    virtual void may_complete(bool /*again*/) {}
 
     // `port` changed; `new_sm_lid` holds for sm_change only. Its attributes read the new state already.
     virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;

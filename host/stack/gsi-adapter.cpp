@@ -159,7 +159,7 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
     queue(*record, lock, true);
 }
 
-void gsi_adapter::caught_up(bool again)
+void gsi_adapter::may_complete(bool again)
 {
     {
         const std::lock_guard lock(mutex_);
@@ -175,7 +175,7 @@ gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class) const
     return nullptr;
 }
 
-// `may_be_deferred`: until the fabric calls caught_up(), if it will.
+// `may_be_deferred`: until the fabric calls may_complete(), if it will.
 void gsi_adapter::queue(datagram_record& record, lock_guard& lock, bool may_be_deferred)
 {
     record.next = nullptr;

@@ -80,7 +80,7 @@ class gsi_adapter final : public fabric::listener
     gsi_counts counts() const;
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
-    void caught_up(bool again) override;
+    void may_complete(bool again) override;
     void port_changed(int, fabric::port_change, uint16_t) override {}
 
   private:
@@ -113,7 +113,7 @@ class gsi_adapter final : public fabric::listener
     datagram_record* first_ = nullptr;
     datagram_record* last_ = nullptr;
     bool completing_ = false;     // somebody runs the completion context, and will look into the queue once more
-    bool will_be_called_ = false; // the fabric will call caught_up() again
+    bool will_be_called_ = false; // the fabric will call may_complete() again
     service_task task_;
 };
 

@@ -51,10 +51,10 @@ void hca_hub::mad_arrived(int port, const fabric::address& source, const fabric:
     for (const attached& each : attached_) each.listener->mad_arrived(port, source, mad);
 }
 
-void hca_hub::caught_up(bool again)
+void hca_hub::may_complete(bool again)
 {
     const std::lock_guard lock(mutex_);
-    for (const attached& each : attached_) each.listener->caught_up(again);
+    for (const attached& each : attached_) each.listener->may_complete(again);
 }
 
 void hca_hub::port_changed(int port, fabric::port_change change, uint16_t new_sm_lid)

@@ -28,7 +28,7 @@ class hca_hub final : public fabric::listener
     void detach(fabric::listener& from);
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
-    void caught_up(bool again) override;
+    void may_complete(bool again) override;
     void port_changed(int port, fabric::port_change change, uint16_t new_sm_lid) override;
 
   private:

@@ -14,7 +14,7 @@ adapter::adapter(surroundings& around, const hca_listing& listed)
                 [this, number](const fabric::address& source, const fabric::mad_bytes& mad) {
                     tell([&](fabric::listener& to) { to.mad_arrived(number, source, mad); });
                 },
-            .caught_up = [this](bool again) { tell([&](fabric::listener& to) { to.caught_up(again); }); },
+            .may_complete = [this](bool again) { tell([&](fabric::listener& to) { to.may_complete(again); }); },
             .changed =
                 [this, number](fabric::port_change change, uint16_t sm_lid) {
                     tell([&](fabric::listener& to) { to.port_changed(number, change, sm_lid); });

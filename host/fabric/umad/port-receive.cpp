@@ -86,7 +86,7 @@ bool port::take_in()
     const bool was_busy = is_busy_;
     is_busy_ = device_.is_open() && receive_one();
     look_due_ = watch_.next_due();
-    if (is_busy_ || was_busy) events_.caught_up(is_busy_);
+    if (is_busy_ || was_busy) events_.may_complete(is_busy_);
     return is_busy_;
 }
 

@@ -22,7 +22,7 @@ traffic_counts operator+(const traffic_counts& a, const traffic_counts& b);
 // What a port does to its HCA.
 struct port_events {
     std::function<void(const fabric::address& source, const fabric::mad_bytes& mad)> arrived;
-    std::function<void(bool again)> caught_up;
+    std::function<void(bool again)> may_complete;
     std::function<void(fabric::port_change change, uint16_t sm_lid)> changed;
 };
 
