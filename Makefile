@@ -56,7 +56,7 @@ campaign: build
 test-threads:
 	@scripts/install-dependencies test
 	cmake --preset tsan
-	cmake --build --preset tsan --target test-kernel test-stack test-peers test-ats
+	cmake --build --preset tsan --target tests-of-threads
 	ctest --preset tsan -E '_NOT_BUILT|^campaign$$'
 
 SECONDS ?= 300

@@ -184,6 +184,23 @@ TEST_F(two_hosts, chance_faults_follow_the_seed)
     EXPECT_NE(run, campaign(6));
 }
 
+TEST_F(two_hosts, jitter_lets_datagrams_overtake_each_other_within_its_bounds)
+{
+    constexpr int count = 40;
+    const auto arrived = [&](uint64_t ticks) {
+        sim->run_for(ticks);
+        return at_second.arrivals.size();
+    };
+    sim->run_until(10);
+    net.faults.jitter_ticks = 5;
+    send_numbered(count);
+    const size_t at_once = arrived(0), soon = arrived(2);
+    EXPECT_LT(at_once, soon);
+    EXPECT_LT(soon, size_t{count});
+    EXPECT_EQ(arrived(3), size_t{count});
+    EXPECT_FALSE(std::ranges::is_sorted(at_second.transactions()));
+}
+
 TEST_F(two_hosts, faults_of_the_sa_come_and_go)
 {
     uint64_t transaction = 0;

@@ -35,6 +35,28 @@ TEST(memory, what_is_not_freed_is_listed_and_told_when_the_machine_goes)
     EXPECT_DEATH(at.run(free_twice), "kfree: .* is not memory of this machine, or was freed before");
 }
 
+TEST(fault_injector, forgets_one_plan_when_it_is_given_the_next)
+{
+    kernel::fault_injector faults;
+    const auto failing = [&](const char* call) {
+        std::string pattern;
+        for (int i = 0; i < 5; ++i) pattern += faults.should_fail(call) ? 'x' : '.';
+        return pattern;
+    };
+    faults.fail_nth(2, 2);
+    EXPECT_EQ(failing("kmalloc"), ".x.x.");
+    EXPECT_EQ(faults.failed_call(), "kmalloc");
+    faults.fail_nth(2, 2);
+    faults.fail_calls("add_timing", 3);
+    EXPECT_EQ(failing("kmalloc"), ".....");
+    EXPECT_EQ(failing("add_timing"), "xxx..");
+    faults.fail_nth(1);
+    EXPECT_EQ(failing("add_timing"), "x....");
+    faults.disarm();
+    EXPECT_EQ(failing("add_timing"), ".....");
+    EXPECT_EQ(faults.failures(), 0u);
+}
+
 TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
 {
     one_machine at({.start_tick = 12'345});
