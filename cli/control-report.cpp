@@ -1,5 +1,6 @@
 #include "cli/control-report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
@@ -45,7 +46,7 @@ json parse_control_report(const std::string& text)
             hcas.push_back({{"name", name}, {"active_port", nullptr}, {"ports", json::array()}});
         } else if (std::sscanf(line.c_str(), "SA verification period:%d verification skew(%%): %d", &number, &skew) ==
                    2) {
-            report["verification"] = {{"period", number}, {"skew", skew}};
+            report["verification"] = {{"period", std::max(number, 0)}, {"skew", skew}}; // below 0 is off as well
         } else if (hcas.empty()) {
             continue;
         } else if (std::sscanf(line.c_str(), "The Active Port Is Port Number %d", &number) == 1) {

@@ -182,6 +182,8 @@ void running_service::change_identity()
     EXPECT_TRUE(eventually([&] { return !record_of("front").empty(); }));
     EXPECT_EQ(ats->ask({"control", "set_host_name node1"}).out, "");
     EXPECT_TRUE(eventually([&] { return !record_of("node1").empty(); }));
+    EXPECT_EQ(ats->ask({"control", "sa_verify_period -5 7"}).exit_code, 0);
+    EXPECT_THAT(ats->ask({"status"}).out, HasSubstr("registration is not checked"));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period", "300", "7"}).exit_code, 0);
     EXPECT_EQ(host_status("node1")["verification"], json({{"period", 300}, {"skew", 7}}));
     EXPECT_THAT(ats->ask({"control", "help"}).out,
