@@ -1,5 +1,7 @@
 #include "host/stack/timers.h"
 
+#include <utility>
+
 using kernel::never;
 
 namespace stack
@@ -115,14 +117,19 @@ bool timers::take_next(lane& self, armed_timer& next)
     return true;
 }
 
-// Until when a lane that has nothing to run may sleep. Handlers that may sleep stand back while others are due, and
-// are rung for when those have run.
+// Returns until when a lane that has nothing to run may sleep. While an atomic timer is due the sleeping lane stands
+// back without a deadline. The atomic lane comes here once no atomic timer is due, and rings then: also if the sleeping
+// timer was deleted or armed meanwhile, and whatever tick the two lanes read.
 uint64_t timers::next_deadline(lane& self)
 {
     const uint64_t now = home_.exec().now();
     const std::lock_guard lock(mutex_);
-    if (&self == &atomic_ && !atomic_.queue.is_due(now) && sleeping_.queue.is_due(now)) sleeping_.task.ring();
-    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return never;
+    if (&self == &sleeping_ && atomic_.queue.is_due(now)) {
+        sleeping_stands_back_ = true;
+        return never;
+    }
+    if (&self == &atomic_ && !atomic_.queue.is_due(now) && std::exchange(sleeping_stands_back_, false))
+        sleeping_.task.ring();
     return self.queue.size() > 0 ? self.queue.first().expires_tick : never;
 }
 

@@ -47,6 +47,7 @@ class timers final : public kernel::service
     kernel::machine& home_;
     mutable std::mutex mutex_;
     uint64_t times_armed_ = 0;
+    bool sleeping_stands_back_ = false; // the sleeping lane waits, without a deadline, for the atomic one to ring
     wait_queue_head_t handler_ended_;
     lane atomic_;
     lane sleeping_;

@@ -1,4 +1,6 @@
 // The timing service, through the calls that modules make.
+#include <chrono>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -72,6 +74,51 @@ TEST_F(timers_test, run_at_their_tick_and_those_of_one_tick_in_order_however_tas
         world.sim->run_until(200);
         EXPECT_EQ(lines.back(), "late@130");
     }
+}
+
+// The task of the handlers that may sleep stands back while another handler is due. Whatever happens to the timers
+// meanwhile, it must come back.
+TEST_F(timers_test, a_sleeping_timer_is_not_lost_behind_an_atomic_one_that_is_due)
+{
+    for (uint64_t seed = 1; seed <= 50; ++seed) {
+        one_machine world({.seed = seed, .start_tick = 100, .explore_switches = true});
+        lines.clear();
+        world.run([&] {
+            timing_t& moved = arm("moved", false, 110);
+            arm("atomic", true, 110, [&](timing_t&) { move(moved, 150); });
+            arm("sleeper", false, 120);
+            schedule_timeout_uninterruptible(30);
+            arm("atomic", true, 130);
+            arm("armed", false, 131);
+        });
+        world.sim->run_until(200);
+        ASSERT_THAT(lines, ElementsAre("atomic@110", "sleeper@120", "atomic@130", "armed@131", "moved@150")) << seed;
+    }
+}
+
+TEST_F(timers_test, a_sleeping_timer_is_not_lost_on_threads)
+{
+    const std::unique_ptr<kernel::executor> exec = kernel::make_threaded_executor();
+    kernel::machine host{*exec, "node1"};
+    std::atomic<int> ended = 0;
+    host.enter("test", [&] {
+        timing_t atomic, sleeping;
+        init_timing(&atomic);
+        init_timing(&sleeping);
+        atomic.function = [](unsigned long) {};
+        atomic.atomic = true;
+        sleeping.function = [](unsigned long count) { ++*reinterpret_cast<std::atomic<int>*>(count); };
+        sleeping.data = reinterpret_cast<unsigned long>(&ended);
+        const auto patience_ends = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        for (int round = 1; round <= 300 && ended == round - 1; ++round) {
+            move(atomic, get_jiffies());
+            move(sleeping, get_jiffies() + 1);
+            while (ended < round && std::chrono::steady_clock::now() < patience_ends) exec->relax();
+        }
+        del_timing_sync(&sleeping);
+        del_timing_sync(&atomic);
+    });
+    EXPECT_EQ(ended, 300);
 }
 
 TEST_F(timers_test, arming_again_moves_a_timer_and_a_handler_may_arm_its_own)
