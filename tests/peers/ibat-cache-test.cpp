@@ -151,9 +151,12 @@ TEST(ibat_cache, own_mapping_ages_once_the_resolver_is_gone)
     world.until(30'000);
     world.run([&] { EXPECT_EQ(world.detach(world.handle), ibat_stat_ok); });
     EXPECT_EQ(world.known(ip_a), "1");
+    world.until(35'000);
+    world.reply(world.own(ip_b, gid_of(2))); // was on its way while the resolver went
+    EXPECT_EQ(world.known(ip_b), "2");
     world.until(40'000);
     EXPECT_EQ(world.known(ip_a), "unknown");
-    world.until(50'001);
+    world.until(60'001);
     EXPECT_EQ(world.counters().entries, 0u);
 }
 

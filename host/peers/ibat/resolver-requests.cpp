@@ -186,7 +186,8 @@ ibat_stat_t resolver::process_arp(const ibat_arp_data_t& reply)
 void resolver::take_positive(const ibat_arp_data_t& reply)
 {
     ++counters_.answers;
-    const bool is_own = reply.mask & IBAT_MASK_STATIC;
+    // Only the one attached vouches for the host's own mapping; a later answer is like that of any other host.
+    const bool is_own = reply.mask & IBAT_MASK_STATIC && send_arp_;
     const uint32_t port = reply.mask & IBAT_MASK_LOCAL_PORT_NUM ? reply.local_port_num : 0;
     const bool is_kept =
         is_own ? cache_.learn_own(reply.src_ip, reply.gid, port) : cache_.learn(reply.src_ip, reply.gid, port);
