@@ -57,7 +57,7 @@ void fill(gsi_dtgrm_t& datagram, const fabric::address& source, const fabric::ma
 
 gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomic<uint64_t>& last_transaction_id)
     : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().of(adapter)), last_transaction_id_(last_transaction_id),
-      context_name_("GSI completion of " + adapter.name()),
+      context_name_("GSI completion of " + adapter.name()), registrations_(home.exec()),
       receive_pool_(datagram_pool::make(home.exec(), adapter.name() + " receive", receive_pool_size)),
       task_(home, context_name_)
 {
@@ -136,8 +136,11 @@ bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transact
     const mad_hdr_t as_handed_over = header;
     header.transact_id = to_wire(transaction_id);
     header.attrib_id = __builtin_bswap16(header.attrib_id);
-    const bool is_accepted =
-        hca_.send(port, destination_of(datagram), reinterpret_cast<const fabric::mad_bytes&>(datagram.mad));
+    const fabric::address destination = destination_of(datagram);
+    const auto& mad = reinterpret_cast<const fabric::mad_bytes&>(datagram.mad);
+    registrations_.leaving(port, destination.lid, mad); // the answer may be here before send() returns
+    const bool is_accepted = hca_.send(port, destination, mad);
+    if (!is_accepted) registrations_.not_taken(mad);
     header.attrib_id = as_handed_over.attrib_id;
     if (!is_accepted) header.transact_id = as_handed_over.transact_id;
     return is_accepted;
@@ -146,6 +149,7 @@ bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transact
 void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad)
 {
     if (!(mad[method_byte] & MAD_METHOD_RESPONSE)) return count(counters_.dropped_no_response);
+    registrations_.arrived(mad);
     lock_guard lock(mutex_);
     gsi_class_t* client = find(port, mad[class_byte]);
     if (!client) return count(counters_.dropped_no_class);

@@ -9,6 +9,7 @@
 
 #include "host/stack/datagram-pool.h"
 #include "host/stack/hca-hub.h"
+#include "host/stack/registrations.h"
 #include "host/stack/service-task.h"
 
 namespace stack
@@ -78,6 +79,7 @@ class gsi_adapter final : public fabric::listener
 
     const fabric::hca& hca() const { return hca_; }
     gsi_counts counts() const;
+    const stack::registrations& registrations() const { return registrations_; }
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
     void may_complete(bool again) override;
@@ -105,6 +107,7 @@ class gsi_adapter final : public fabric::listener
     std::atomic<uint64_t>& last_transaction_id_;
     const std::string context_name_;
     counters counters_;
+    stack::registrations registrations_;
     const std::unique_ptr<datagram_pool> receive_pool_;
 
     mutable std::mutex mutex_;                          // guards the rest, but for the task

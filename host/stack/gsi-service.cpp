@@ -56,6 +56,15 @@ std::vector<gsi_adapter_view> gsi::adapters() const
     return list;
 }
 
+std::vector<registration_view> gsi::registrations() const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<registration_view> list;
+    for (const auto& each : adapters_)
+        for (const registration& record : each->registrations().list()) list.push_back({each->hca().name(), record});
+    return list;
+}
+
 std::vector<gsi_pool_view> gsi::pools() const
 {
     const std::lock_guard lock(mutex_);

@@ -12,6 +12,11 @@ struct gsi_adapter_view {
     gsi_counts counts;
 };
 
+struct registration_view {
+    std::string hca;
+    registration record;
+};
+
 struct gsi_pool_view {
     std::string name;
     size_t size;
@@ -29,6 +34,9 @@ class gsi final : public kernel::service
     // For reports: the HCAs that classes were registered on, and the pools that there are.
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
+
+    // For reports: what the SA has said of the records that were registered through each HCA.
+    std::vector<registration_view> registrations() const;
 
     // Null: the machine has no HCA of that name.
     gsi_adapter* adapter(const char* name_in_stack);

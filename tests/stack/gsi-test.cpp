@@ -135,6 +135,59 @@ TEST(gsi, is_run_by_the_fabrics_task_and_sends_wait_for_answers_while_that_lends
     });
 }
 
+TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
+{
+    using enum stack::registration_state;
+    constexpr uint8_t set = MAD_METHOD_SET, get = MAD_METHOD_GET, remove = MAD_METHOD_DELETE;
+    constexpr uint16_t none = status_word(SA_STATUS_NO_RECORDS), full = status_word(SA_STATUS_NO_RESOURCES);
+    constexpr int lost = -1;
+    const auto gid = fabric::make_gid(1, 2);
+    const test::record_t first = test::host_record(gid, 1), second = test::host_record(gid, 2);
+    const test::record_t foreign = test::host_record(fabric::make_gid(1, 3), 1);
+    const struct {
+        uint8_t method;
+        test::record_t record; // of the request
+        int status;            // of the answer
+        test::record_t shown;  // by the answer
+        stack::registration_state expected;
+        uint64_t confirmations;
+        bool is_unanswered = false;
+    } steps[] = {
+        {set, first, 0, first, confirmed, 1},        {set, second, lost, {}, asked, 1, true},
+        {get, second, 0, second, confirmed, 2}, // stands in for the lost answer
+        {get, second, none, second, missing, 2},     {set, second, full, {}, refused, 2},
+        {get, second, 0, first, different, 2},       {get, foreign, 0, foreign, different, 2},
+        {remove, foreign, 0, foreign, different, 2}, {remove, second, lost, {}, different, 2, true},
+        {remove, second, 0, second, withdrawn, 2},
+    };
+    machine_with_fake at;
+    at.run([&] {
+        gsi_client client;
+        const auto seen = [&] { return at.host.get<stack::gsi>().registrations().at(0).record; };
+        uint64_t transaction = 0;
+        for (const auto& step : steps) {
+            SCOPED_TRACE(transaction);
+            gsi_dtgrm_t* datagram = client.make();
+            sa_mad_v2_t mad = test::request(step.method, test::mask_gid_lookup, step.record);
+            mad.hdr.attrib_id = SA_ATTR_SERVICE_RECORD;
+            memcpy(datagram->mad, &mad, MAD_SIZE);
+            ASSERT_EQ(gsi_post_send_dtgrm(client.classes[1], datagram, &transaction), 0);
+            mad = test::request(step.method == remove ? test::delete_response : test::get_response, 0, step.shown,
+                                transaction);
+            mad.hdr.m.r = 1;
+            mad.hdr.u.ns.status.raw16 = to_wire(static_cast<uint16_t>(step.status));
+            if (step.status != lost) at.hca.arrive(2, mad);
+            EXPECT_EQ(seen().state, step.expected);
+            EXPECT_EQ(seen().confirmations, step.confirmations);
+            EXPECT_EQ(seen().is_unanswered, step.is_unanswered);
+        }
+        EXPECT_EQ(seen().port, 2);
+        EXPECT_EQ(seen().sm_lid, 1);
+        EXPECT_TRUE(test::same(seen().record, second));
+        client.close();
+    });
+}
+
 TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
 {
     constexpr uint8_t performance_management = 0x04;

@@ -1,0 +1,43 @@
+// The ServiceRecord by which a host makes its name and address known at the Subnet Administrator (IBA 15.2.5.14): which
+// service it belongs to, where its fields hold what, and how an SA's answer about it reads.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "ib-types.h"
+#include "sa-mads.h"
+
+namespace records
+{
+
+constexpr uint64_t service_id = 0x10000CE100415453; // ends in the letters A, T, S
+constexpr char service_name[] = "DAPL Address Translation Service";
+
+// The IPv4 address stands in the last four bytes of ServiceData8.
+constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
+
+// The host name begins in ServiceData32 and runs on into ServiceData64; a shorter one is padded with zero bytes.
+constexpr size_t host_name_size = 30;
+
+struct host_record {
+    kq_gid_t gid{};
+    uint16_t p_key = 0;
+    uint32_t address = 0;  // network order
+    std::string host_name; // up to host_name_size bytes, as they are
+};
+
+// True if the record belongs to the service; only such a record can be decoded.
+bool is_host_record(const ib_service_record_v2_t& record);
+host_record decode(const ib_service_record_v2_t& record);
+
+// The record as a host registers it: its lease does not end. A name that is too long is cut.
+ib_service_record_v2_t encode(const host_record& host);
+
+// The name with a '?' for every byte that cannot be printed.
+std::string printable(const std::string& host_name);
+
+// A status word of the SA and its meaning (IBA 13.4.7, 15.2.4), as in "0x0300 (it holds no such record)".
+std::string status_text(uint16_t word);
+
+} // namespace records
