@@ -10,15 +10,19 @@ namespace cli
 namespace
 {
 
-// A command whose one argument becomes the `key` of the request of the command's name.
-void add_order(CLI::App& program, const std::string& name, const std::string& summary, const std::string& key,
-               const std::string& argument_name, const std::string& argument_help)
+// An order that changes the host's record; its argument becomes the `key` of the request of the command's name.
+void add_record_order(CLI::App& program, const std::string& name, const std::string& summary, const std::string& key,
+                      const std::string& argument_name, const std::string& argument_help)
 {
     CLI::App* command = program.add_subcommand(name, summary);
     auto argument = std::make_shared<std::string>();
+    auto no_wait = std::make_shared<bool>(false);
     command->add_option(argument_name, *argument, argument_help)->required()->option_text(" ");
+    command->add_flag("--no-wait", *no_wait, "Do not wait until the SA has confirmed the new record");
     auto common = add_client_options(*command, one_host);
-    command->callback([=] { ask_and_show(*common, {{"request", name}, {key, *argument}}, show_done); });
+    command->callback([=] {
+        ask_and_show(*common, {{"request", name}, {key, *argument}, {"no_wait", *no_wait}}, show_done);
+    });
 }
 
 void add_control(CLI::App& program)
@@ -104,10 +108,10 @@ void add_orders(CLI::App& program)
 {
     add_control(program);
     add_trace(program);
-    add_order(program, "set-name", "Change the host name that is registered", "name", "NAME",
-              "Up to 30 characters, no blanks");
-    add_order(program, "set-address", "Change the IPv4 address that is registered", "address", "ADDRESS",
-              "As in 10.0.0.9");
+    add_record_order(program, "set-name", "Change the host name that is registered", "name", "NAME",
+                     "Up to 30 characters, no blanks");
+    add_record_order(program, "set-address", "Change the IPv4 address that is registered", "address", "ADDRESS",
+                     "As in 10.0.0.9");
     add_link(program);
     add_sa(program);
 }

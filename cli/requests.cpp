@@ -3,6 +3,7 @@
 #include <cstring>
 #include <map>
 
+#include "cli/registration.h"
 #include "cli/requests-fabric.h"
 #include "host/kernel/print-capture.h"
 #include "host/stack/registry.h"
@@ -61,17 +62,37 @@ json set_trace(site& at, const json& request)
     return done("ats traces at level " + std::to_string(level) + (only.empty() ? "." : " on " + only + "."));
 }
 
-// Calls an identity function that ats exports. Its module stays loaded for the call.
+// Calls an identity function that ats exports. Its module stays loaded for the call. Returns whether it was carried out
+// on every HCA; the new identity is stored even if not.
 template <class argument_t>
-void set_identity(kernel::machine& machine, const char* exported, argument_t argument)
+bool set_identity(kernel::machine& machine, const char* exported, argument_t argument)
 {
+    bool is_done = false;
     machine.enter(exported, [&] {
         const kernel::held_symbol symbol(machine.modules, "ats", exported);
         if (!symbol) throw not_loaded(machine);
         auto* const set = symbol.as<int32_t (*)(argument_t)>();
-        if (set(argument) != 0)
-            throw failure(exit_failed, "kept, but not registered everywhere: 'ats log --level 1' says why");
+        is_done = set(argument) == 0;
     });
+    return is_done;
+}
+
+// Gives an order that changes the registered record, and waits until the SA has confirmed the new one unless the
+// request says "no_wait". Throws a failure with the reason when it is not confirmed.
+void change_record(world::host& host, const json& request, const confirmation::is_wanted_t& is_wanted,
+                   const std::function<bool()>& order)
+{
+    constexpr const char* see_the_log = "'ats log --level 1' says why";
+    if (request.value("no_wait", false)) {
+        if (!order())
+            throw failure(exit_failed, std::string("stored, but not registered on every HCA: ") + see_the_log);
+        return;
+    }
+    confirmation confirmed(host, is_wanted);
+    const bool is_done = order();
+    std::string why = confirmed.wait();
+    if (why.empty() && !is_done) why = see_the_log;
+    if (!why.empty()) throw failure(exit_failed, "stored, not confirmed by the SA: " + why);
 }
 
 json set_name(site& at, const json& request)
@@ -79,15 +100,20 @@ json set_name(site& at, const json& request)
     const std::string name = request.at("name");
     if (!is_host_name(name)) throw failure(exit_usage, quoted(name) + " cannot be a host name: take " + host_name_rule);
     world::host& host = host_of(at, request);
-    set_identity(host.machine(), "ats_sa_set_hostname", name.c_str());
+    change_record(
+        host, request, [&](const records::host_record& record) { return record.host_name == name; },
+        [&] { return set_identity(host.machine(), "ats_sa_set_hostname", name.c_str()); });
     return done(host.name() + " is now called " + name + ".");
 }
 
 json set_address(site& at, const json& request)
 {
     const std::string address = request.at("address");
+    const uint32_t ip = address_of(address);
     world::host& host = host_of(at, request);
-    set_identity(host.machine(), "ats_sa_set_ip_addrs", address_of(address));
+    change_record(
+        host, request, [&](const records::host_record& record) { return record.address == ip; },
+        [&] { return set_identity(host.machine(), "ats_sa_set_ip_addrs", ip); });
     return done(host.name() + " now has the address " + address + ".");
 }
 
