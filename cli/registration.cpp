@@ -124,8 +124,8 @@ json report_of(const hca_registration& hca, uint64_t now_ticks)
     report["sm_lid"] = seen.sm_lid;
     if (seen.state == registration_state::refused || seen.state == registration_state::missing)
         report["status"] = hexadecimal(seen.status);
-    if (seen.confirmations > 0) report["confirmed_seconds"] = seconds_since(seen.confirmed_tick, now_ticks);
-    if (seen.is_unanswered) report["unanswered_seconds"] = seconds_since(seen.unanswered_tick, now_ticks);
+    if (seen.confirmed_tick) report["confirmed_seconds"] = seconds_since(*seen.confirmed_tick, now_ticks);
+    if (why == no_answer) report["unanswered_seconds"] = seconds_since(seen.unanswered_tick, now_ticks);
     return report;
 }
 

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "cli/control-report.h"
+#include "cli/registration.h"
 #include "cli/requests.h"
 #include "host/kernel/print-capture.h"
 #include "host/peers/ibat-exports.h"
@@ -88,6 +89,7 @@ json host_status(world::host& host)
         if (json ibat = ibat_status(machine); !ibat.is_null()) status["ibat"] = std::move(ibat);
     });
     add_links(machine, status["hcas"]);
+    status["registrations"] = registrations_of(host);
     return status;
 }
 
@@ -96,10 +98,12 @@ json host_status(world::host& host)
 json answer_status(site& at, const json& request)
 {
     const std::string only = request.value("host", "");
-    if (!only.empty()) return {{"hosts", json::array({host_status(at.host_named(only))})}};
     json hosts = json::array();
-    for (const auto& host : at.hosts()) hosts.push_back(host_status(*host));
-    return {{"hosts", hosts}};
+    if (only.empty())
+        for (const auto& host : at.hosts()) hosts.push_back(host_status(*host));
+    else
+        hosts.push_back(host_status(at.host_named(only)));
+    return {{"fabric", at.is_real() ? "umad" : "embedded"}, {"uptime_seconds", at.uptime().count()}, {"hosts", hosts}};
 }
 
 } // namespace cli

@@ -27,6 +27,39 @@ std::vector<std::vector<std::string>> rows_of(const json& elements, const std::v
     return rows;
 }
 
+// As in "12 s", "3 min" or "2 h 10 min".
+std::string duration_of(uint64_t seconds)
+{
+    const uint64_t minutes = seconds / 60;
+    if (minutes == 0) return std::to_string(seconds) + " s";
+    if (minutes < 60) return std::to_string(minutes) + " min";
+    return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
+}
+
+// Whether the SA holds the host's record, with the HCA when the host has several.
+void show_registration(std::ostream& to, const json& registration, bool is_only_one)
+{
+    const bool is_registered = registration["registered"].get<bool>();
+    to << "  ";
+    if (!is_only_one) to << cell(registration["hca"]) << ": ";
+    if (!is_registered) {
+        to << "NOT registered: " << cell(registration["reason"]);
+        const json& unanswered = registration["unanswered_seconds"];
+        if (unanswered.is_number()) to << " (for " << duration_of(unanswered) << ")";
+        to << '\n';
+        if (registration["name"].is_null()) return;
+        to << "    last sent: ";
+    } else {
+        to << "registered: ";
+    }
+    to << cell(registration["name"]) << ", " << cell(registration["address"]) << ", P_Key "
+       << cell(registration["p_key"]) << ", SM LID " << cell(registration["sm_lid"]);
+    const json& confirmed = registration["confirmed_seconds"];
+    if (confirmed.is_number())
+        to << (is_registered ? "; confirmed " : "; the SA last confirmed it ") << duration_of(confirmed) << " ago";
+    to << '\n';
+}
+
 void show_hca(std::ostream& to, const json& hca)
 {
     to << "  " << cell(hca["name"]) << ", ";
@@ -95,8 +128,12 @@ std::string format_table(const std::vector<std::vector<std::string>>& rows, int 
 
 void show_status(std::ostream& to, const json& answer)
 {
+    to << (answer["fabric"] == "umad" ? "A real" : "An embedded") << " fabric, up for "
+       << duration_of(answer["uptime_seconds"]) << ".\n";
     for (const json& host : answer["hosts"]) {
         to << cell(host["name"]) << ": " << cell(host["version"]) << ", trace level " << cell(host["trace"]) << '\n';
+        for (const json& registration : host["registrations"])
+            show_registration(to, registration, host["registrations"].size() == 1);
         for (const json& hca : host["hcas"]) show_hca(to, hca);
         if (host.contains("verification")) show_verification(to, host["verification"]);
         if (host.contains("ibat")) show_ibat(to, host["ibat"]);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "cli/registration.h"
 #include "kernel/errno.h"
 
 namespace cli
@@ -102,6 +103,11 @@ std::vector<std::string> site::stop()
     return refusals;
 }
 
+std::chrono::seconds site::uptime() const
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - built_);
+}
+
 world::host& site::host_named(const std::string& name)
 {
     std::string names;
@@ -109,6 +115,14 @@ world::host& site::host_named(const std::string& name)
         if (name.empty() || host->name() == name) return *host;
         names += (names.empty() ? "" : ", ") + host->name();
     }
+    world::host* registered = nullptr;
+    for (const auto& host : hosts_) {
+        if (registered_name(*host) != name) continue;
+        if (registered)
+            throw failure(exit_usage, "several hosts are registered as " + quoted(name) + "; there are " + names);
+        registered = host.get();
+    }
+    if (registered) return *registered;
     throw failure(exit_usage, "no host " + quoted(name) + "; there are " + names);
 }
 

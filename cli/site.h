@@ -2,6 +2,7 @@
 // embedded one, or this machine's real ports with one host.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,19 +35,24 @@ class site
     // not whole.
     std::vector<std::string> stop();
 
+    // Since the site was built.
+    std::chrono::seconds uptime() const;
+
     bool is_real() const { return real_ != nullptr; }
 
     // The embedded fabric. Throws a failure when there is none.
     embedded::subnet& subnet();
     const std::vector<std::unique_ptr<world::host>>& hosts() const { return hosts_; }
 
-    // The host of that name; the first one for "". Throws a failure with the names there are.
+    // The host of that name, which is the service's own or the one it is registered under; the first one for "". Throws
+    // a failure with the names there are.
     world::host& host_named(const std::string& name);
 
   private:
     void start_capture(const std::string& path);
     void stop_capture(std::vector<std::string>& complaints);
 
+    const std::chrono::steady_clock::time_point built_ = std::chrono::steady_clock::now();
     std::unique_ptr<kernel::executor> exec_;
     std::unique_ptr<fabric::capture> capture_; // before the fabric: it is written to until that is gone
     std::unique_ptr<embedded::subnet> subnet_; // this or the next

@@ -83,6 +83,7 @@ void registrations::leaving(int port, uint16_t lid, const fabric::mad_bytes& mad
     if (is_set) {
         if (!entry && entries_.size() >= most_services) return;
         if (!entry) entry = &entries_.emplace_back();
+        if (!has_content_of(record, entry->record)) entry->confirmed_tick.reset();
         entry->record = record;
         entry->port = port;
         entry->sm_lid = lid;

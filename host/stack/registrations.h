@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "host/fabric/fabric.h"
@@ -31,9 +32,9 @@ struct registration {
     registration_state state = registration_state::asked;
     uint16_t status = 0;
     ib_service_record_v2_t held{};
-    uint64_t confirmed_tick = 0; // when the SA last confirmed a record of the service
-    uint64_t confirmations = 0;  // 0: it never has
-    bool is_unanswered = false;  // a Set, a Delete or a Get of the record waits for its answer
+    std::optional<uint64_t> confirmed_tick; // when the SA last confirmed this content; empty: never
+    uint64_t confirmations = 0;             // of every content
+    bool is_unanswered = false;             // a Set, a Delete or a Get of the record waits for its answer
     uint64_t unanswered_tick = 0;
 };
 

@@ -95,6 +95,21 @@ void running_service::look()
     const json& node2 = status["hosts"][1];
     EXPECT_THAT(node2["version"].get<std::string>(), HasSubstr("ats 1.21"));
     EXPECT_EQ(node2["trace"], 1);
+    EXPECT_EQ(status["fabric"], "embedded");
+    json registration = node2["registrations"].at(0);
+    EXPECT_LE(registration["confirmed_seconds"], status["uptime_seconds"]);
+    registration.erase("confirmed_seconds");
+    EXPECT_EQ(registration, json({{"hca", "mthca0"},
+                                  {"registered", true},
+                                  {"name", "node2"},
+                                  {"address", "10.0.0.2"},
+                                  {"gid", gid_of_node2_port1},
+                                  {"p_key", "0xFFFF"},
+                                  {"port", 1},
+                                  {"sm_lid", 1},
+                                  {"reason", nullptr},
+                                  {"status", nullptr},
+                                  {"unanswered_seconds", nullptr}}));
     EXPECT_EQ(node2["verification"], json({{"period", 60}, {"skew", 1}}));
     const json& hca = node2["hcas"].at(0);
     EXPECT_EQ(hca["active_port"], 1);
@@ -111,7 +126,9 @@ void running_service::look()
                                         {"host_name", "node2"},
                                         {"lease", "infinite"}}));
     const program_result picture = ats->ask({"status"});
-    for (const char* part : {"node1: ats 1.21", "mthca0, active port 1", "PORT  LINK  STATE", gid_of_node2_port2})
+    for (const char* part : {"An embedded fabric, up for", "node1: ats 1.21",
+                             "  registered: node2, 10.0.0.2, P_Key 0xFFFF, SM LID 1; confirmed",
+                             "mthca0, active port 1", "PORT  LINK  STATE", gid_of_node2_port2})
         EXPECT_THAT(picture.out, HasSubstr(part));
 }
 
@@ -159,11 +176,14 @@ void running_service::upset_the_sa()
     EXPECT_THAT(silence.out, HasSubstr("timed out: the SA did not answer in time"));
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.1", "--no-wait"}).exit_code, 0);
     expect_unconfirmed({"set-address", "10.0.0.1"}, "the SA did not answer");
+    EXPECT_EQ(host_status("node1")["registrations"][0]["reason"], "the SA did not answer");
     EXPECT_EQ(ats->ask({"sa", "silence", "off"}).exit_code, 0);
 
     EXPECT_EQ(ats->ask_json({"sa", "status", "0x0400"})["done"], "The SA answers everything with status 0x0400.");
     EXPECT_EQ(ats->ask_json({"reverse", "0x98"})[0]["reason"], "the SA refused the question");
     expect_unconfirmed({"set-name", "node1"}, "refused it with status 0x0400 (it holds several such records)");
+    EXPECT_THAT(ats->ask({"status"}).out, HasSubstr("\n  NOT registered: the SA refused it with status 0x0400"));
+    EXPECT_EQ(host_status("node1")["registrations"][0]["status"], "0x0400");
     EXPECT_EQ(ats->ask({"sa", "status", "0"}).exit_code, 0);
 
     EXPECT_THAT(ats->ask({"sa", "forget", gid_of_node2_port1}).out, HasSubstr("1 record."));
@@ -186,6 +206,7 @@ void running_service::fail_over()
     EXPECT_EQ(cut_off.exit_code, 1);
     EXPECT_THAT(cut_off.out, HasSubstr("failed: the request could not be sent"));
     expect_unconfirmed({"set-name", "node2", "--host", "node2"}, "no port is active");
+    EXPECT_THAT(ats->ask({"status", "--host", "node2"}).out, HasSubstr("NOT registered: no port is active"));
     EXPECT_EQ(ats->ask({"link", "up", "--host", "node2"}).exit_code, 0);
     EXPECT_TRUE(eventually([&] { return record_of("node2").value("gid", "") == gid_of_node2_port1; }));
 }
@@ -194,6 +215,7 @@ void running_service::change_identity()
 {
     EXPECT_EQ(ats->ask({"set-name", "front"}).exit_code, 0);
     EXPECT_FALSE(record_of("front").empty());
+    EXPECT_EQ(host_status("front")["name"], "node1") << "a host is found by the name that it is registered under";
     EXPECT_EQ(ats->ask({"control", "set_host_name node1"}).out, "");
     EXPECT_TRUE(eventually([&] { return !record_of("node1").empty(); }));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period -5 7"}).exit_code, 0);

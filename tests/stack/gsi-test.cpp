@@ -152,8 +152,9 @@ TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
         stack::registration_state expected;
         uint64_t confirmations;
         bool is_unanswered = false;
+        bool is_new = false; // never confirmed
     } steps[] = {
-        {set, first, 0, first, confirmed, 1},        {set, second, lost, {}, asked, 1, true},
+        {set, first, 0, first, confirmed, 1},        {set, second, lost, {}, asked, 1, true, true},
         {get, second, 0, second, confirmed, 2}, // stands in for the lost answer
         {get, second, none, second, missing, 2},     {set, second, full, {}, refused, 2},
         {get, second, 0, first, different, 2},       {get, foreign, 0, foreign, different, 2},
@@ -179,6 +180,7 @@ TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
             if (step.status != lost) at.hca.arrive(2, mad);
             EXPECT_EQ(seen().state, step.expected);
             EXPECT_EQ(seen().confirmations, step.confirmations);
+            EXPECT_EQ(seen().confirmed_tick.has_value(), !step.is_new) << "of this content";
             EXPECT_EQ(seen().is_unanswered, step.is_unanswered);
         }
         EXPECT_EQ(seen().port, 2);
