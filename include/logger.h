@@ -18,10 +18,10 @@ enum zr_trace_level_t : int32_t {
     ZR_FUNC = 5,  // the lowest detail
 };
 
-// As they are shown, by level.
+// The names of the levels in trace lines.
 inline constexpr const char* zrlog_levels[] = {"PANIC  ", "ERROR  ", "WARNING", "INFO   ", "DEBUG  ", "FUNC   "};
 
-// The logger's level as it stands in this image; the loader keeps it current. Defined by each module.
+// This image's copy of the logger's level. Each module defines it, and the loader keeps it current.
 extern std::atomic<int32_t> logger_trace_level;
 
 inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level)

@@ -1,5 +1,5 @@
-// The version report of a module: the read-only /proc file "dorvex/NAME/version" with one line that says what was
-// loaded and how it was built. Included by one unit of a module, which calls the first two functions at its start-up
+// The version report of a module: the read-only /proc file "dorvex/NAME/version" with one line that names the
+// loaded version and its build. Included by one unit of a module, which calls the first two functions at its start-up
 // and its shut-down, both in a thread that may sleep.
 //
 // The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL, texts in parentheses.
@@ -43,22 +43,22 @@ inline char* ktrim(char* str)
     return str;
 }
 
-// What a revision keyword such as "$Name: ATS_1_21 $" says, cut to what fits in `into` and trimmed; null when `text` is
-// no keyword.
+// Copies the value of a revision keyword such as "$Name: ATS_1_21 $" into `value`, cut to its size and trimmed. Null
+// when `text` is not a keyword.
 template <size_t size>
-const char* version_keyword_value(const char* text, char (&into)[size])
+const char* version_keyword_value(const char* text, char (&value)[size])
 {
     const char* begin = strchr(text, ':');
     const char* end = begin ? strchr(begin, '$') : nullptr;
     if (!end) return nullptr;
     ++begin;
     const size_t length = static_cast<size_t>(end - begin) < size ? static_cast<size_t>(end - begin) : size - 1;
-    memcpy(into, begin, length);
-    into[length] = '\0';
-    return ktrim(into);
+    memcpy(value, begin, length);
+    value[length] = '\0';
+    return ktrim(value);
 }
 
-// The report line, in memory of kmalloc; null when there is none to be had.
+// The report line, in memory of kmalloc that the caller frees. Null when there is no memory.
 inline char* build_module_ver_str(const char* module_name, const char* version_string, const char* tag_name)
 {
     const char* name = check_str_notempty(module_name, "Unknown");
@@ -66,7 +66,7 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     char version_value[10];
     if (const char* value = version_keyword_value(version, version_value)) version = check_str_notempty(value, "0");
 
-    // A tag that is no keyword says nothing about the build, and is not shown.
+    // A tag that is not a keyword carries no information and is not shown.
     char tag_value[30];
     const char* tag = version_keyword_value(check_str_notempty(tag_name, "NoTag"), tag_value);
     tag = check_str_notempty(tag, "NoTag");
@@ -82,7 +82,7 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     return line;
 }
 
-// Paths are built in place: removing an entry must not fail for want of memory, as its handler is about to go.
+// Paths are built without allocating: removing an entry must not fail, because its handler is about to be unmapped.
 struct version_path_t {
     char text[128];
 };
@@ -131,7 +131,7 @@ inline int32_t module_version_init(const char* module_name, const char* version_
     return 0;
 }
 
-// Removes it; the directories stay for the next load. Returns 0, or -1 when there is no name to go by.
+// Removes the file; the directories stay for the next load. Returns 0, or -1 when there is no name.
 inline int32_t module_version_exit(const char* module_name)
 {
     version_path_t path;

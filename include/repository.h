@@ -1,4 +1,4 @@
-// The registry: a tree of keys with integer values, settable at run time, whose changes can be followed.
+// The registry: a tree of keys with integer values that can be set and watched at run time.
 #pragma once
 
 #include <cstdint>

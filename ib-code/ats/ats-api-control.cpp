@@ -15,7 +15,7 @@ constexpr size_t input_size = 4096;
 constexpr int max_arguments = 30;
 constexpr size_t argument_size = 41; // with its NUL
 
-// One write at a time is parsed: the /proc tree enters the handler of an entry once at a time.
+// Shared by all writes: the /proc tree runs one write of an entry at a time.
 char input[input_size];
 char arguments[max_arguments][argument_size];
 char* argument_pointers[max_arguments];
@@ -25,8 +25,8 @@ bool is_space(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Splits the written bytes into words; returns how many. A longer word becomes several, and what comes after the last
-// word that there is room for is passed over.
+// Splits the written bytes into words and returns their number. A word that is too long becomes several; words beyond
+// `max_arguments` are ignored.
 int split_into_arguments(const char* bytes, size_t count)
 {
     for (int i = 0; i < max_arguments; ++i) {
@@ -54,7 +54,7 @@ int split_into_arguments(const char* bytes, size_t count)
     return complete;
 }
 
-// What a decimal number at the start of `text` says. False when there is none, or none that an int holds.
+// Reads the decimal number at the start of `text`. False when there is none, or when it does not fit into an int.
 bool parse_int(const char* text, int32_t* number)
 {
     char* end;
@@ -64,11 +64,11 @@ bool parse_int(const char* text, int32_t* number)
     return true;
 }
 
-// Says so when a command did not come with `wanted` words, itself included.
-bool has_arguments(int argc, int wanted)
+// Logs a line when the number of words, the command included, is not `expected`.
+bool has_arguments(int argc, int expected)
 {
-    if (argc != wanted) printk("Wrong usage. <%d>\n", argc);
-    return argc == wanted;
+    if (argc != expected) printk("Wrong usage. <%d>\n", argc);
+    return argc == expected;
 }
 
 void ats_proc_cmd_show_local(int, char**) {}
@@ -105,7 +105,7 @@ void ats_proc_cmd_rarp(int argc, char** argv)
         printk("Could not parse dgid address.\n");
         return;
     }
-    if (ats_n_hcas <= 0) { // no context whose cache or port could serve
+    if (ats_n_hcas <= 0) { // without a context there is neither a cache nor a port
         printk("ATS - there is no hca, can't send rarp\n");
         return;
     }
@@ -132,7 +132,7 @@ void ats_proc_cmd_update_ip_addrs(int argc, char** argv)
     if (ats_sa_set_ip_addrs_str(argv[1]) != 0) ATS_ERROR("ats_sa_update_ip_addrs FAIL\n");
 }
 
-// The new values hold from each timer's next expiry on.
+// The new values take effect at each timer's next expiry.
 void ats_proc_cmd_verify_period(int argc, char** argv)
 {
     if (argc != 3) {
@@ -148,7 +148,8 @@ void ats_proc_cmd_verify_period(int argc, char** argv)
     verification_period_skew_percent = skew < 0 ? 0 : skew > 100 ? 100 : skew;
 }
 
-// The Delete names the record by the GID registered last; the address is for the next registration.
+// The Delete names the record by the GID registered last. The address becomes this host's own, for the next
+// registration.
 void ats_proc_cmd_delete_ip(int argc, char** argv)
 {
     if (!has_arguments(argc, 2)) return;
@@ -186,7 +187,7 @@ void show_usage()
 
 void show_unknown_command(int argc, char** argv)
 {
-    char words[max_arguments * (argument_size + 3)] = ""; // printed at once, so that no other line comes in between
+    char words[max_arguments * (argument_size + 3)] = ""; // printed in one call, so that no other line comes in between
     for (int i = 0, length = 0; i < argc; ++i)
         length += snprintf(words + length, sizeof words - static_cast<size_t>(length), " '%s'", argv[i]);
     printk("kqt /proc: unknown command:%s\n", words);
@@ -235,7 +236,7 @@ void report_hca(const ats_context_t& ats)
 
 int ats_proc_write(struct file*, const char* user_buffer, unsigned long count, void*)
 {
-    // A write never fails: its writer cannot tell what became of the command, but the log can.
+    // A write never fails. The log tells what became of the command.
     if (count > input_size)
         printk("ATS - a command has at most %zu bytes, ignoring one of %lu\n", input_size, count);
     else if (copy_from_user(input, user_buffer, count) != 0)

@@ -1,5 +1,5 @@
-// Reverse resolution: which IPv4 address belongs to a GID. From IBAT's cache, or by asking the SA; every answer
-// completes all who wait for its GID.
+// Reverse resolution: finds the IPv4 address of a GID in IBAT's cache or by asking the SA. An answer completes all
+// requests that wait for its GID.
 #include "ats-api.h"
 
 #include "kernel/memory.h"
@@ -36,7 +36,7 @@ int32_t take_matching(ats_context_t* ats, list_head* found, const char* operatio
     return count;
 }
 
-// What the class-specific code of an answer means to who asked (IBA 15.2.4).
+// The status that the asker gets for a class-specific code of the answer (IBA 15.2.4).
 ibat_stat_t status_of(uint8_t sa_status, const char* operation)
 {
     switch (sa_status) {
@@ -88,7 +88,7 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
     req->user_cb = user_cb;
     req->user_context = user_context;
     queue_request(ats, req);
-    // Queued before it is sent, so that no answer comes too early. From here on an answer may free it.
+    // The request is queued already, so the answer cannot come too early. From here on an answer may free it.
     return ats_sa_rarp_send(ats, arp_data) == 0 ? ibat_stat_pending : ibat_stat_error;
 }
 
@@ -133,7 +133,7 @@ void ats_ucm_stop(ats_context_t* ats)
         return;
     }
     ats->ucm_rarp_detach(ats->ucm_rarp_handle);
-    ats_sa_drop_pending_requests(ats); // UCM may go as soon as it is let go of, and its callbacks with it
+    ats_sa_drop_pending_requests(ats); // UCM may be unloaded after put_ucm, and its callbacks with it
     put_ucm(ats);
 }
 

@@ -1,5 +1,5 @@
-// Self-verification: each context asks the SA from time to time which address its own GID has, and registers anew when
-// that is not its own.
+// Self-verification: each context periodically asks the SA for the address of its own GID, and registers anew when the
+// answer is not its own address.
 #include "ats-api.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace
 {
 
 constexpr int64_t ticks_per_second = HZ;
-constexpr unsigned long off_ticks = 60 * HZ; // how often to see whether verification has been switched on
+constexpr unsigned long off_ticks = 60 * HZ; // while off: how often to look whether it was switched on
 constexpr size_t ipaddr_text_size = 30;
 constexpr int64_t whole_skew = int64_t{100} * 255; // a skew of 100 percent, for the largest random byte
 
@@ -33,8 +33,8 @@ unsigned long calc_verify_timeout()
 
 void restore_registration(ats_context_t* ats, const char* operation)
 {
-    // Nothing here may sleep for `ats_sem`. Who registers anew, for another port or another identity, waits for this
-    // Set to be posted, so that its own Delete and Set come behind.
+    // This context may not sleep, so it cannot take `ats_sem`. A task that registers another port or another identity
+    // waits until this Set is posted, so that its own Delete and Set come later.
     ++ats->restores_running;
     const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
     ++ats->sets_tried;
@@ -45,12 +45,12 @@ void restore_registration(ats_context_t* ats, const char* operation)
 void show_addresses(uint32_t held_by_sa, uint32_t own, const char* operation)
 {
     if (!zr_is_traced(ZR_DEBUG, ATS_trace_level)) return;
-    char first[ipaddr_text_size]; // the next text comes in the same buffer
+    char first[ipaddr_text_size]; // print_ipaddr reuses its buffer
     snprintf(first, sizeof first, "%s", print_ipaddr(held_by_sa));
     ATS_TRACE_AS(operation, ZR_DEBUG, "ipaddresses [%s, %s]\n", first, print_ipaddr(own));
 }
 
-// What the SA says of a context's own GID. In the completion context, or from the request timer.
+// Takes the SA's answer about the context's own GID. Runs in the completion context or in the request timer.
 void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
 {
     ATS_DEBUG("status=%s  arp_data=%p  context=%p\n", print_ibat_stat(status), static_cast<void*>(arp_data), context);
@@ -123,7 +123,7 @@ void end_verification(int32_t n_hcas)
     for (int32_t i = 0; i < n_hcas; ++i) del_timing_sync(&ats_cntx[i].timing_request);
 }
 
-// A buffer for each thread: contexts that trace at the same moment do not share one.
+// Each thread has a buffer of its own, because several contexts may trace at the same moment.
 
 const char* print_ibat_stat(ibat_stat_t stat)
 {

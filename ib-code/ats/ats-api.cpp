@@ -1,4 +1,4 @@
-// Starting and stopping contexts, the binding to IBAT, and replies on their way to who asked.
+// Starts and stops contexts, binds to IBAT, and delivers replies.
 #include "ats-api.h"
 
 #include <utility>
@@ -15,7 +15,7 @@ ibat_stat_t ats_arp_send(ibat_arp_data_t* arp_data, void* context, int)
     return ats_sa_arp_send(static_cast<ats_context_t*>(context), arp_data) == 0 ? ibat_stat_ok : ibat_stat_error;
 }
 
-// A reply may be on its way through IBAT at this moment: the reference goes only when that call is over.
+// A reply may be inside IBAT at this moment, so the reference is returned only after that call.
 void put_process_arp_data(ats_context_t* ats)
 {
     if (!ats->ibat_process_arp_data.exchange(nullptr)) return;
@@ -23,7 +23,7 @@ void put_process_arp_data(ats_context_t* ats)
     inter_module_put("ibat_process_arp_data_fn");
 }
 
-// Returns what is held of IBAT, the latest first.
+// Returns the references on IBAT, the latest first.
 void put_ibat(ats_context_t* ats)
 {
     ats_put_peer("ibat_seq_cache_lookup_fn", &ats->ibat_seq_cache_lookup);
@@ -32,7 +32,8 @@ void put_ibat(ats_context_t* ats)
     ats_put_peer("ibat_attach_fn", &ats->ibat_attach);
 }
 
-// What to say of a function that IBAT does not publish, or null when all that `attach_ibat` asks for is held.
+// Takes the references that `attach_ibat` asks for. Null, or the text for the log when IBAT does not publish a
+// function.
 const char* get_ibat(ats_context_t* ats, int32_t attach_ibat)
 {
     if (attach_ibat != 0) {
@@ -102,7 +103,7 @@ ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat)
         put_ibat(ats);
         return ibat_stat_error;
     }
-    // Without an attachment only the cache is looked into, and IBAT never calls.
+    // Without an attachment the module only reads the cache, and IBAT never calls.
     if (!ats->ibat_attach) return ibat_stat_ok;
     if (ats->ibat_attach(nullptr, ats_arp_send, ats, &ats->ibat_handle) == ibat_stat_ok) return ibat_stat_ok;
     ATS_ERROR("Could not attach to IBAT\n");
@@ -122,7 +123,7 @@ void ats_ibat_stop(ats_context_t* ats)
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats)
 {
     ATS_DEBUG("mad_stat=%hd  ats=%p\n", mad_stat, static_cast<void*>(ats));
-    if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // who asked will time out
+    if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // the asker times out
 
     // IBAT sees an ARP reply: the source is the host that was asked for.
     ++ats->deliveries;

@@ -24,7 +24,7 @@ void ats_put_peer(const char* name, slot_t* slot)
     *slot = nullptr;
 }
 
-// ---- ats-api: the binding to IBAT, and replies on their way to who asked ----
+// ---- ats-api: the binding to IBAT, and the delivery of replies ----
 
 ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat);
 void ats_ibat_stop(ats_context_t* ats);
@@ -34,9 +34,9 @@ void ats_ibat_stop(ats_context_t* ats);
 ucm_stat_t ats_ucm_init(ats_context_t* ats);
 void ats_ucm_stop(ats_context_t* ats);
 
-// Both are send_rarp_fn_t; the provider's context is the ats_context_t. The second passes IBAT's cache by. The callback
-// comes in the completion context or from the request timer, under no lock; it does not sleep and does not keep the
-// record. A request that was queued but could not be sent returns ibat_stat_error, and times out all the same.
+// Both are send_rarp_fn_t; the provider's context is the ats_context_t. The second does not look in IBAT's cache. The
+// callback is made in the completion context or by the request timer, under no lock; it must not sleep and must not
+// keep the record. A request that was queued but could not be sent returns ibat_stat_error, and still times out.
 ibat_stat_t ats_rarp_send(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
                           void* provider_context);
 ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
@@ -45,7 +45,7 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
 // Completes every request for the GID in `rcv_arp_data`, the newest first. `mad_stat` as in ats_process_sa_reply.
 void ats_process_rarp_data(uint16_t mad_stat, ats_context_t* ats);
 
-// A completion callback that shows what came.
+// A completion callback that logs the result.
 void ats_dummy_user_cb(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context);
 
 // ---- ats-api-verify: self-verification ----

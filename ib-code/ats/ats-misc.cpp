@@ -9,7 +9,7 @@
 namespace
 {
 
-constexpr size_t longest_ip_text = 18; // generous: only the fields in it count
+constexpr size_t longest_ip_text = 18; // longer than an address needs: other text may follow a number
 constexpr int32_t ip_fields = 4;
 constexpr uint32_t refused_field = 0xFFFFFFFF;
 
@@ -65,7 +65,7 @@ ibat_stat_t ats_parsegidstr(char* s, kq_gid_t* gid)
         return ibat_stat_error;
     }
     const char* digits = s + gid_prefix_length;
-    if ((length - gid_prefix_length) % 2 != 0) { // one more digit in front makes whole bytes
+    if ((length - gid_prefix_length) % 2 != 0) { // a leading zero makes whole bytes
         s[1] = '0';
         --digits;
     }

@@ -1,4 +1,4 @@
-// The module's frame: loading and unloading, the table of contexts, and the calls by which others set the identity.
+// Loading and unloading, the table of contexts, and the exported calls that set the identity.
 #define ATS_TRACE_UNIT "ats_module.cpp"
 
 #include <iterator>
@@ -40,7 +40,7 @@ const module_parameter_t parameters[] = {
 // The verbs layer's list; it lives as long as the module.
 kq_hca_name hca_names[ATS_MAX_HCAS];
 
-// Names the contexts after the HCAs present; returns how many there are, or a negative status.
+// Gives each context the name of an HCA. Returns the number of HCAs, or a negative status.
 int32_t ats_get_hcas_names()
 {
     const int n_hcas = kq_list_hcas(hca_names, ATS_MAX_HCAS);
@@ -89,12 +89,12 @@ void remove_version_and_trace()
     zr_logger_exit(ATS_log_rep_h);
 }
 
-// 0, -EK_NXIO when an HCA did not start, or -EK_NOMEM when the control file could not be created.
+// The module's entry. 0, -EK_NXIO when an HCA did not start, or -EK_NOMEM when the control file could not be created.
 int ats_module_init()
 {
     zr_logger_init(registry_key, &ATS_trace_level, &ATS_log_rep_h);
     ATS_DEBUG("ats_attach_ibat is %d\n", ats_attach_ibat);
-    (void)module_version_init(module_name, module_version, version_tag); // the report is a convenience
+    (void)module_version_init(module_name, module_version, version_tag); // the module works without the report
     ats_n_hcas = ats_get_hcas_names();
     ATS_DEBUG("ats_module_init - got %d hcas\n", ats_n_hcas);
 

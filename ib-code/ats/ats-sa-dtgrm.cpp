@@ -1,10 +1,10 @@
-// Datagrams on their way out and in.
+// Sends datagrams, and takes those that complete or arrive.
 #include "ats-sa.h"
 
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
-    // Read once: not every caller holds `ats_sem`, and without it the active port may go at any moment.
+    // Read once: a caller without `ats_sem` may lose the active port at any moment.
     ats_port_ctx_t* port = ats->active_port;
     if (!port) {
         ATS_ERROR("ats_sa_send_service_rec_set_get_del_mad No active port, exit\n");
@@ -40,8 +40,8 @@ void ats_sa_gsi_send_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dt
     gsi_dtgrm_pool_put(dtgrm);
 }
 
-// Replies are told apart by their method alone: an answer to a Delete ends somebody's wait, whatever it says; any other
-// goes on to those who look for its content.
+// Only the method tells replies apart. An answer to a Delete wakes the waiting task, whatever its status. Any other
+// answer goes to IBAT and to the pending requests.
 void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
 {
     ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));

@@ -1,4 +1,4 @@
-// Lookups on the way out, and the request timer that ends those without an answer.
+// Sends lookups, and ends those that get no answer (the request timer).
 #include "ats-sa.h"
 
 #include "kernel/memory.h"
@@ -7,7 +7,7 @@
 namespace
 {
 
-// How the two lookups differ.
+// The differences between the two lookups.
 struct lookup_t {
     ats_sa_op_t op;
     const char* operation;
@@ -77,7 +77,7 @@ int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
 void ats_req_timer_handler(unsigned long context)
 {
     auto* ats = reinterpret_cast<ats_context_t*>(context);
-    if (!list_empty(&ats->rarp_reqs_pending)) { // looked at without the lock: who comes now is seen the next time
+    if (!list_empty(&ats->rarp_reqs_pending)) { // read without the lock: a request that comes now is seen the next time
         ATS_DEBUG("Pending RARP requests present.\n");
         ++ats->deliveries;
         list_head expired;
@@ -112,7 +112,7 @@ void ats_sa_drop_pending_requests(ats_context_t* ats)
         list_del_init(&req->link);
         kfree(req);
     }
-    // Who took a request off the list before that calls back now.
+    // Requests taken off earlier may still be in their callbacks; wait for them.
     ats_wait_for_deliveries(ats);
 }
 

@@ -1,4 +1,4 @@
-// The ServiceRecord datagram: its four requests, the decoding of replies, and how it is shown.
+// The ServiceRecord datagram: encodes its four requests, decodes replies, and logs it.
 #include "ats-sa.h"
 
 #include <cstring>
@@ -12,7 +12,7 @@ constexpr uint32_t infinite_lease = 0xFFFFFFFF;
 constexpr uint32_t payload_length = 0xF0;
 constexpr uint32_t sa_qp = 1;
 
-// What a request selects by (IBA 15.2.5.14). A Set sets every bit, those that name no component included.
+// The component masks of the requests (IBA 15.2.5.14). A Set sets every bit, even those that name no component.
 constexpr uint64_t mask_of_set = UINT64_MAX;
 constexpr uint64_t mask_by_gid =
     1 << SR_COMPONENT_SERVICE_ID | 1 << SR_COMPONENT_SERVICE_GID | 1 << SR_COMPONENT_SERVICE_NAME;
@@ -23,7 +23,7 @@ static_assert(mask_by_gid == 0x43 && mask_by_address == 0x7FFFC1);
 // An address stands in the last four bytes of ServiceData8.
 constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
 
-// Where in the host name ServiceData64 takes over from ServiceData32.
+// The host name begins in ServiceData32 and goes on in ServiceData64 at this offset.
 constexpr size_t name_split = sizeof ib_service_record_v2_t::service_data32;
 
 // Reverses the bytes of a number between wire and host order, in place too. `Size` is 8 or 16.
@@ -62,7 +62,7 @@ void fill_gid(ib_service_record_v2_t& record, const kq_gid_t& gid)
     ntoh(&record.service_gid, &gid, sizeof gid);
 }
 
-// The SA sits at the SM's LID. The GSI layer knows the Q_Key and the P_Key index.
+// The SA is reached at the SM's LID. The GSI layer supplies the Q_Key and the P_Key index.
 void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
 {
     const kq_sm_address_info_t sm = port->port_attrib.load().port_sma_address_info;
@@ -112,8 +112,8 @@ void encode(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* 
     ntoh(&mad.component_mask, &component_mask, sizeof component_mask);
 }
 
-struct quarters_t { // of a 16-byte field, as numbers of the host's order
-    uint32_t at[4];
+struct quarters_t { // the four quarters of a 16-byte field, read in host order
+    uint32_t number[4];
 };
 
 quarters_t quarters_of(const uint8_t (&field)[16])
@@ -124,7 +124,7 @@ quarters_t quarters_of(const uint8_t (&field)[16])
 }
 
 struct halves_t {
-    uint64_t at[2];
+    uint64_t number[2];
 };
 
 halves_t halves_of(const uint8_t (&field)[16])
@@ -184,12 +184,16 @@ void ats_sa_dump_service_record_mad(mad_t* sa_mad)
     const quarters_t data16 = quarters_of(record.service_data16);
     const quarters_t data32 = quarters_of(record.service_data32);
     const halves_t data64 = halves_of(record.service_data64);
-    ATS_FUNC("service_data8 : %#.8x %.8x %.8x %.8x\n", data8.at[0], data8.at[1], data8.at[2], data8.at[3]);
-    ATS_FUNC("service_data16: %#.8x %.8x %.8x %.8x\n", data16.at[0], data16.at[1], data16.at[2], data16.at[3]);
-    ATS_FUNC("service_data32: %#.8x %.8x %.8x %.8x\n", data32.at[0], data32.at[1], data32.at[2], data32.at[3]);
-    ATS_FUNC("service_data64: %#.16Lx  %.16Lx \n", static_cast<unsigned long long>(data64.at[0]),
-             static_cast<unsigned long long>(data64.at[1]));
-    ATS_FUNC("service_data32 string %c%c%c%c\n", data32.at[0], data32.at[1], data32.at[2], data32.at[3]);
+    ATS_FUNC("service_data8 : %#.8x %.8x %.8x %.8x\n", data8.number[0], data8.number[1], data8.number[2],
+             data8.number[3]);
+    ATS_FUNC("service_data16: %#.8x %.8x %.8x %.8x\n", data16.number[0], data16.number[1], data16.number[2],
+             data16.number[3]);
+    ATS_FUNC("service_data32: %#.8x %.8x %.8x %.8x\n", data32.number[0], data32.number[1], data32.number[2],
+             data32.number[3]);
+    ATS_FUNC("service_data64: %#.16Lx  %.16Lx \n", static_cast<unsigned long long>(data64.number[0]),
+             static_cast<unsigned long long>(data64.number[1]));
+    ATS_FUNC("service_data32 string %c%c%c%c\n", data32.number[0], data32.number[1], data32.number[2],
+             data32.number[3]);
     ATS_FUNC("================================================================\n");
 }
 
@@ -208,7 +212,7 @@ int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t
         ATS_ERROR("ATS - Unrequested/unsupported attribute ID. <0x%04X>\n", attrib_id);
         return -1;
     }
-    unsigned long long transact_id; // shown as it stands in the datagram
+    unsigned long long transact_id; // logged in the byte order of the datagram
     memcpy(&transact_id, &mad.hdr.transact_id, sizeof transact_id);
     ATS_DEBUG(" ServiceRecord reply MAD received, transaction-id 0x%016LX\n", transact_id);
     ats_sa_dump_service_record_mad(reinterpret_cast<mad_t*>(dtgrm->mad));

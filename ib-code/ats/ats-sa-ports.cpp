@@ -6,7 +6,7 @@ namespace
 
 constexpr int32_t delete_tries = 3;
 
-// The port of that number; null, and said in the log, when the context does not use one. An event that names such a
+// The port of that number. Null, with a line in the log, when the context does not use it: an event that names such a
 // port changes nothing.
 ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* operation)
 {
@@ -30,8 +30,8 @@ void handle_no_active_port(ats_context_t* ats)
     }
 }
 
-// Reads the port's attributes, its first GID and its first P_Key anew. 0, or -1 with what was read before the failure
-// kept. May sleep; the caller holds `ats_sem`.
+// Reads the port's attributes, its first GID and its first P_Key anew. 0, or -1; then what was read before
+// the failure is kept. May sleep; the caller holds `ats_sem`.
 int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
 {
     ats_port_ctx_t* port = find_port(ats, port_num, __func__);
@@ -70,7 +70,7 @@ int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
 
 void handle_link_up(ats_context_t* ats, uint8_t port_num)
 {
-    constexpr int line_of_report = 458; // a fixed number that log readers look for, no line of this file
+    constexpr int line_of_report = 458; // a fixed number that log readers search for; not a line of this file
     ats_port_ctx_t* port = find_port(ats, port_num, __func__);
     if (!port || port->state == ATS_PORT_ACTIVE) return;
     port->state = ATS_PORT_UP;

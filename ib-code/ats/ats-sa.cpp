@@ -13,7 +13,7 @@ constexpr unsigned long deregister_pause_ticks = 100;
 
 int32_t ats_init_static_port_attributes(ats_context_t* ats)
 {
-    constexpr int line_of_report = 618; // a fixed number that log readers look for, no line of this file
+    constexpr int line_of_report = 618; // a fixed number that log readers search for; not a line of this file
     ATS_FUNC("hca handle is 0x%p\n", static_cast<void*>(ats->hca));
     kq_hca_attrib_t attributes{};
     if (kq_hca_query(ats->hca, &attributes) != kq_return_ok) {
@@ -23,7 +23,7 @@ int32_t ats_init_static_port_attributes(ats_context_t* ats)
     ats->num_of_hca_ports = attributes.port_num;
     ATS_DEBUG("This hca has %d ports\n", ats->num_of_hca_ports);
     if (ats->num_of_hca_ports > ATS_PORTS_PER_HCA) {
-        // More than there is room for: the first ones serve, and the administrator is told why the others do not.
+        // The context has room for two ports. Tell the administrator that the others are not used.
         printk("ATS - hca %s has %d ports, only the first %d are used\n", ats->hca_name.name, ats->num_of_hca_ports,
                ATS_PORTS_PER_HCA);
         ats->num_of_hca_ports = ATS_PORTS_PER_HCA;
@@ -63,7 +63,7 @@ int32_t register_ports(ats_context_t* ats, const char* operation)
     return 0;
 }
 
-// One attempt for every port; what GSI does not release yet is left for the stop.
+// Tries once for every port. The stop tries again for those that GSI does not release yet.
 void deregister_ports(ats_context_t* ats)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)
@@ -81,7 +81,7 @@ void start_req_timer(ats_context_t* ats)
     ats->holds_req_timer = true;
 }
 
-// Deletes the record of every port through whichever is active, giving the SA a short time for each.
+// Deletes the record of every port, through the active port, and waits a short time for each answer.
 void delete_all_records(ats_context_t* ats, const char* operation)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) {
@@ -143,7 +143,7 @@ int32_t ats_sa_do_update_ip(ats_context_t* ats, uint32_t port_ipaddr)
     return ret;
 }
 
-// What an update of the name does with `ats_sem` held.
+// The part of a name update that runs with `ats_sem` held.
 int32_t store_and_register_name(ats_context_t* ats, const char* host_name, const char* operation)
 {
     if (!host_name) {
@@ -221,14 +221,14 @@ int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name)
 
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr)
 {
-    // Even if the rest fails, the next registration of any kind is to carry the new address.
+    // Stored first: even if the rest fails, the next registration of any kind must carry the new address.
     set_port_addresses(ats, port_ipaddr);
     return ats_sa_do_update_ip(ats, port_ipaddr);
 }
 
 void ats_sa_stop(ats_context_t* ats)
 {
-    if (!ats->holds_hca) return; // taken first and given back last: nothing else is held either
+    if (!ats->holds_hca) return; // opened first and closed last: without it nothing else is held
     const uint32_t sets_before = ats->sets_tried;
     delete_all_records(ats, __func__);
     if (ats->holds_req_timer) del_timing_sync(&ats->ats_req_timer);
@@ -237,8 +237,8 @@ void ats_sa_stop(ats_context_t* ats)
     ats->holds_events = false;
     ats_sa_drop_pending_requests(ats);
 
-    // A port event or a check may have registered the record behind the Deletes. Nobody can any more: a record left
-    // at the SA has no end, and makes the address useless to its next owner.
+    // A port event or a check may have registered the record after the Deletes; from here on neither can. Delete once
+    // more: a record left at the SA never expires, and makes the address useless to its next owner.
     if (ats->sets_tried != sets_before) delete_all_records(ats, __func__);
 
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)

@@ -1,4 +1,4 @@
-// Inside the SA client. The unit ats-sa stands in five files, by what they do; its trace lines name the unit.
+// Inside the SA client. The unit ats-sa is split into five files by task; their trace lines name the unit.
 #pragma once
 
 #define ATS_TRACE_UNIT "ats_sa.cpp"
@@ -16,8 +16,8 @@ inline sa_mad_v2_t& sa_mad_of(gsi_dtgrm_t* dtgrm)
 }
 
 // Takes a datagram from the context's pool and encodes a request in it. Only `is_set`, `is_get` and, for a lookup,
-// whether `op` is ATS_GET_SR_ARP_OP decide what it asks. The port comes from the caller, who has read it once: the
-// active port may change at any moment. 0, or -1 with no datagram taken.
+// whether `op` is ATS_GET_SR_ARP_OP decide what it asks. The caller passes the port that it has read once,
+// because the active port may change at any moment. 0, or -1 with no datagram taken.
 int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                                                   const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
                                                   uint8_t is_table, gsi_dtgrm_t** dt);
@@ -26,7 +26,7 @@ int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, cons
 // class-specific code may still be an error; otherwise -1, with the GID at most.
 int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t* dtgrm);
 
-// Shows a ServiceRecord MAD. It ends the service name with a NUL, whether anything is shown or not.
+// Logs a ServiceRecord MAD at level FUNC. Ends the service name with a NUL at any level.
 void ats_sa_dump_service_record_mad(mad_t* sa_mad);
 
 // ---- ats-sa-dtgrm: datagrams on their way out and in ----
@@ -43,9 +43,9 @@ int32_t ats_sa_send_delete(ats_context_t* ats);
 // Sleeps until the SA has answered, a signal is pending or ATS_DELETE_WAIT_TICKS have passed.
 void ats_sa_wait_for_delete_answer(ats_context_t* ats);
 
-// Replaces the record at the SA: deletes the one registered last, whether that works or not, and sets that of the
-// active port, which the caller has made sure of, with `ats_sem` held. 0 when the Set was posted, otherwise -1. May
-// sleep.
+// Replaces the record at the SA: deletes the one registered last (a failure is ignored) and sets that of
+// the active port. The caller holds `ats_sem` and has checked that there is an active port. 0 when the Set was posted,
+// otherwise -1. May sleep.
 int32_t ats_sa_set_new_sr(ats_context_t* ats);
 
 // The verbs layer's callback. May sleep.

@@ -1,4 +1,4 @@
-// The module's model: one context per HCA in a table that is never allocated, two ports in each, and the requests that
+// The module's model: one context for each HCA in a static table, two ports in each, and the requests that
 // wait for an answer of the Subnet Administrator (SA). A context has one active port, through which its
 // ServiceRecord is registered and every request goes out.
 //
@@ -30,7 +30,7 @@ enum ats_port_state_t : int32_t {
     ATS_PORT_ACTIVE = 2, // the context's one active port
 };
 
-// What is asked of the SA.
+// The requests to the SA.
 enum ats_sa_op_t : uint32_t {
     ATS_SET_SR_OP = 0xF00D,
     ATS_DEL_SR_OP = 0xBEEF,
@@ -45,8 +45,8 @@ struct ats_host_name_t {
 
 struct ats_context_t;
 
-// `state`, `port_attrib`, `port_gid` and `port_pkey` are written with `ats_sem` held, `port_ipaddr` also without; all
-// of them are read at any moment by sends and reports.
+// `state`, `port_attrib`, `port_gid` and `port_pkey` are written with `ats_sem` held; `port_ipaddr` is also written
+// without it. Sends and reports read all of them at any moment.
 struct ats_port_ctx_t {
     int32_t port_num; // from 1
     std::atomic<kq_p_key_t> port_pkey;
@@ -75,11 +75,11 @@ struct ats_context_t {
     gsi_dtgrm_pool_handle_t pool_handle;
     ats_port_ctx_t ib_ports[ATS_PORTS_PER_HCA]; // index i is port i + 1
 
-    std::atomic<ats_port_ctx_t*> active_port;  // null: none. Written with `ats_sem` held; read once per send
+    std::atomic<ats_port_ctx_t*> active_port;  // null: none. Written with `ats_sem` held. A send reads it once
     shared_record<kq_gid_t> sm_registered_gid; // what the next Delete names
-    int32_t num_of_hca_ports;                  // those that are used: at most ATS_PORTS_PER_HCA
+    int32_t num_of_hca_ports;                  // used ports: at most ATS_PORTS_PER_HCA
 
-    // A one-shot event: the SA has answered a Delete, whoever sent it. Cleared by who is about to wait.
+    // Set when the SA answers a Delete, whichever task sent it. A task clears it before it waits.
     std::atomic<int32_t> resp_recv;
     wait_queue_head_t delete_resp_wq;
 
@@ -96,18 +96,18 @@ struct ats_context_t {
     kq_hca_h_t hca;          // written once, when it is opened
     kq_hca_name hca_name;
 
-    // Held, and to be given back by the stop. Classes and the pool have their handles for that.
+    // Resources that the stop must release. A class and the pool are held while their handles are not null.
     bool holds_hca;
     bool holds_events;
     bool holds_req_timer;
 
     std::atomic<uint32_t> deliveries;       // replies and time-outs on their way to IBAT and to requests' callbacks
-    std::atomic<uint32_t> sets_tried;       // tells the stop of a Set that came behind its Deletes
-    std::atomic<uint32_t> restores_running; // Sets on their way that self-verification sends without `ats_sem`
+    std::atomic<uint32_t> sets_tried;       // Sets so far: shows the stop that a Set came after its Deletes
+    std::atomic<uint32_t> restores_running; // Sets that self-verification is sending, without `ats_sem`
 };
 
-// One request for the address of a GID. On the pending list until an answer or the request timer takes it off; who
-// takes it off calls back once and frees it.
+// One request for the address of a GID. It stays on the pending list until an answer or the request timer takes it off.
+// The code that takes it off calls back once and frees it.
 struct ats_rarp_req_t {
     list_head link;
     list_head found_list_link;
@@ -137,8 +137,8 @@ extern int32_t ats_attach_ibat;
 // The context of an open HCA, or null.
 ats_context_t* ats_find_context(kq_hca_h_t hca);
 
-// The advertised identity, changed on every HCA in turn until one fails. 0, or the first failure (-1). May sleep.
-// A null name, and a text that is null or no address, are failures.
+// Change the advertised identity on every HCA in turn, and stop at the first that fails. 0, or -1 of that failure. A
+// null name, a null text and a text that is not an address are failures. May sleep.
 MODULE_EXPORT int32_t ats_sa_set_hostname(const char* host_name);
 MODULE_EXPORT int32_t ats_sa_set_ip_addrs(uint32_t port_ipaddr);
 MODULE_EXPORT int32_t ats_sa_set_ip_addrs_str(const char* ip_add_str);
@@ -146,10 +146,10 @@ MODULE_EXPORT int32_t ats_sa_set_ip_addrs_str(const char* ip_add_str);
 // ---- ats-api ----
 
 // Starts a context whose `hca_name` is set; with `sa_only` the SA client alone, without IBAT and UCM. 0, or a negative
-// value; what a failed start still holds is for ats_stop to release.
+// value; ats_stop releases what a failed start still holds.
 int32_t ats_init(ats_context_t* ats, int32_t attach_ibat, int32_t sa_only);
 
-// Stops every context, and does no harm to one that was never started. May sleep.
+// Stops every context. Skips one that was never started. May sleep.
 void ats_stop();
 
 // Hands the decoded reply in `rcv_arp_data` to IBAT and to the requests waiting for its GID. `mad_stat` is the MAD's
@@ -170,15 +170,15 @@ const char* print_ipaddr(uint32_t addr);
 
 // ---- ats-sa ----
 
-// Opens the HCA and registers with everything the SA client needs; sends nothing. 0, or -1; what is still held then is
-// for ats_sa_stop to release. May sleep.
+// Opens the HCA and registers with everything the SA client needs; sends nothing. 0, or -1; then ats_sa_stop releases
+// what is still held. May sleep.
 int32_t ats_sa_init(ats_context_t* ats);
 
 // Deletes the record at the SA and releases everything the context holds. May sleep.
 void ats_sa_stop(ats_context_t* ats);
 
-// Posts one request to the SA through the active port. 0 when it was posted, -1 otherwise; whether and what the SA
-// answers comes through the completion context. Takes no lock, does not sleep, allocates nothing. `arp_data` is the
+// Posts one request to the SA through the active port. 0 when it was posted, -1 otherwise. The SA's answer, if any,
+// comes through the completion context. Takes no lock, does not sleep, allocates nothing. `arp_data` is the
 // query of a Get.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
@@ -186,8 +186,8 @@ int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t 
 // Returns at a moment when no delivery is under way. May sleep.
 void ats_wait_for_deliveries(ats_context_t* ats);
 
-// Frees every pending request without a word. When it returns, no callback of a request runs or will run, if nobody
-// can ask any more. May sleep.
+// Frees every pending request without calling back. The caller has made sure that no new request can come; then no
+// callback of a request runs or will run after the return. May sleep.
 void ats_sa_drop_pending_requests(ats_context_t* ats);
 
 // Ask for the record of `arp_data->dst_ip`, or of `arp_data->gid`. 0 when posted, -1 when there is no active port, a
@@ -195,19 +195,20 @@ void ats_sa_drop_pending_requests(ats_context_t* ats);
 int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 
-// Change the identity of one context, and register it anew if a port is active; otherwise that waits until one is.
-// 0, or -1: a signal came, the name is null, or the Set could not be sent (the new value is kept then). May sleep;
+// Change the identity of one context. Register it anew at once if a port is active, otherwise when one becomes active.
+// 0, or -1: a signal came, the name is null, or the Set could not be sent (then the new value is kept). May sleep;
 // `ats_sem` must not be held.
 int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
 
-// Sleeps until no Set of self-verification is on its way that may carry what the caller has just changed: the active
-// port or the identity. One that begins later carries the new.
+// Sleeps until self-verification is not sending a Set. The caller has just changed the active port or the identity, and
+// a Set that is under way may carry the old value. A Set that begins later carries the new one.
 void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // ---- ats-misc ----
 
-// Reads four dotted decimal numbers, generously. ibat_stat_ok, or ibat_stat_error with `*ip` untouched.
+// Reads four decimal numbers between points; tolerates other text after each number. ibat_stat_ok, or ibat_stat_error
+// with `*ip` untouched.
 ibat_stat_t ats_parseipstr(const char* s, uint32_t* ip);
 
 // Reads "0x" and up to 32 hexadecimal digits. ibat_stat_ok, or ibat_stat_error. May overwrite the "x" of `s`.

@@ -6,7 +6,7 @@
 MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // follows the registry
 MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to it; 0: none
 
-// For steps that are part of a larger function; the others below name the function that they stand in.
+// Names the operation explicitly, for a helper function of it. The macros below name the enclosing function.
 #define ATS_TRACE_AS(operation, level, ...)                                                                            \
     ZR_TRACE(level, ATS_trace_level, "ATS", operation, ATS_TRACE_UNIT, __VA_ARGS__)
 

@@ -10,7 +10,7 @@ struct gsi_dtgrm_pool_t;
 using gsi_class_handle_t = gsi_class_t*;
 using gsi_dtgrm_pool_handle_t = gsi_dtgrm_pool_t*;
 
-// One datagram as the GSI layer and its clients exchange it. Packed, because the layer's binaries agree on it.
+// One datagram, exchanged between the GSI layer and its clients. Packed: separately built binaries share the layout.
 struct __attribute__((packed)) gsi_dtgrm_t {
     uint8_t priv[104]; // the GSI layer's own
     uint8_t mad[MAD_SIZE];
@@ -48,8 +48,8 @@ using gsi_completion_fn_t = void (*)(gsi_class_handle_t handle, void* context, g
 // All calls that return int return 0 on success and a negative number otherwise.
 
 // Registers a client for one management class on one port. The two int arguments after the port choose redirection
-// and RMPP; 0 leaves both off. Responses of the class that arrive on the port go to `received`. Callbacks may start
-// before the call returns, once the handle is stored.
+// and RMPP; 0 leaves both off. Responses of the class that arrive on the port go to `received`. A callback may come
+// before the call returns; the handle is stored by then.
 KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                                   int redirection, int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received,
                                   void* context, gsi_class_handle_t* handle);

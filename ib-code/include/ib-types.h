@@ -23,7 +23,7 @@ using kq_p_key_t = uint16_t;
 using kq_port_num_t = uint8_t;
 
 // Numbers in wire order (most significant byte first), byte aligned so that a wire record needs no packing. They
-// share no arithmetic with host-order numbers: only from_wire and to_wire lead across.
+// have no arithmetic: from_wire and to_wire convert them.
 struct be16_t {
     uint8_t bytes[2];
 };

@@ -1,5 +1,5 @@
-// IBAT, the IP-over-InfiniBand address translation module: the record and status codes in which resolutions
-// travel, and the functions that IBAT publishes by inter-module name.
+// IBAT, the IP-over-InfiniBand address translation module: the record and the status codes of a resolution, and the
+// functions that IBAT publishes by inter-module name.
 #pragma once
 
 #include "ib-types.h"
@@ -98,7 +98,7 @@ using ibat_attach_fn_t = ibat_stat_t (*)(get_if_info_fn_t get_if_info, send_arp_
 using ibat_detach_fn_t = ibat_stat_t (*)(void* handle);
 
 // Takes an ARP reply during the call: `src_ip` the answered host's address, `gid` its GID, `dst_ip` the own
-// address. Does not sleep. What IBAT keeps it copies.
+// address. Does not sleep. IBAT copies what it keeps.
 using ibat_process_arp_data_fn_t = ibat_stat_t (*)(ibat_arp_data_t* arp_data);
 
 // Looks a GID up in the cache. ibat_stat_ok: a hit, the record filled, the address in `dst_ip`. Does not sleep.

@@ -24,7 +24,7 @@ enum sa_status_t : uint8_t {
     SA_STATUS_REQ_INSUFFICIENT_COMPONENTS = 6,
 };
 
-// The status word, in host order, of an answer that says just that.
+// The status word, in host order, with this class-specific code and no common status bits.
 constexpr uint16_t status_word(sa_status_t code)
 {
     return static_cast<uint16_t>(code << 8);

@@ -9,8 +9,8 @@ struct timing_t {
     unsigned long expires; // absolute, in ticks
     void (*function)(unsigned long data);
     unsigned long data;
-    // Set for a handler that never sleeps: it then runs in the timer context, ahead of every handler that may
-    // sleep, and is held to its promise.
+    // Set for a handler that never sleeps: it then runs in the timer context, before every handler that may
+    // sleep. A blocking call in it is a hard error.
     bool atomic;
 };
 
@@ -21,6 +21,6 @@ KERNEL_API void init_timing(timing_t* timer);
 // `data`. `function` may arm the timer again. Arming an armed timer moves it. Any context.
 KERNEL_API void add_timing(timing_t* timer);
 
-// Disarms the timer and returns when its function is not running; what that function armed meanwhile is disarmed
-// too. May sleep; must not be called by the function itself.
+// Disarms the timer and returns when its function is not running. Also disarms the timer if its function armed it
+// again meanwhile. May sleep; must not be called by the function itself.
 KERNEL_API void del_timing_sync(timing_t* timer);

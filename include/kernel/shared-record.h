@@ -1,6 +1,6 @@
 // A record that any context may read at any moment, whole and without a lock, while another writes it: a sequence
-// lock. All zero is a valid, zero record. Neither call sleeps; a reader repeats itself while a writer is at it, and so
-// must not interrupt one on its own processor.
+// lock. All zero is a valid, zero record. Neither call sleeps. A reader repeats while a writer is writing, so it
+// must not interrupt a writer on its own processor.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@ class shared_record
     static_assert(std::is_trivially_copyable_v<record_t>);
 
   public:
-    // Writers exclude each other for the few instructions that it takes.
+    // Writers exclude each other for a few instructions.
     void store(const record_t& record)
     {
         uint64_t words[word_count] = {};

@@ -46,8 +46,8 @@ KERNEL_API void spin_lock_init(spinlock_t* lock);
 KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock); // the interrupt state to restore
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
-// An entry whose callers must have let go of their spin locks says so: holding one is a hard error that names it. A
-// callback made under a lock is found here, before it comes back for that lock.
+// For entries that may only be called without a spin lock: holding one is a hard error that names the entry. This finds
+// a callback made under a lock before it deadlocks on that lock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----
