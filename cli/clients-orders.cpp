@@ -86,12 +86,12 @@ CLI::Option* add_sa_action(CLI::App& sa, const std::string& action, const std::s
     return option;
 }
 
-void add_sa(CLI::App& program)
+void add_sa(CLI::App& program, int& exit_code)
 {
     CLI::App* sa =
         program.add_subcommand("sa", "Look into the Subnet Administrator, or upset that of an embedded fabric");
     sa->require_subcommand(1);
-    add_sa_show(*sa);
+    add_sa_show(*sa, exit_code);
     add_sa_action(*sa, "forget", "Make it forget a GID's record, or all records", "gid", "GID",
                   "The ServiceGID (default: all records)");
     add_sa_action(*sa, "silence", "Make it answer nothing, or answer again", "state", "STATE", "on or off")
@@ -104,7 +104,7 @@ void add_sa(CLI::App& program)
 
 } // namespace
 
-void add_orders(CLI::App& program)
+void add_orders(CLI::App& program, int& exit_code)
 {
     add_control(program);
     add_trace(program);
@@ -113,13 +113,13 @@ void add_orders(CLI::App& program)
     add_record_order(program, "set-address", "Change the IPv4 address that is registered", "address", "ADDRESS",
                      "As in 10.0.0.9");
     add_link(program);
-    add_sa(program);
+    add_sa(program, exit_code);
 }
 
 void add_clients(CLI::App& program, int& exit_code)
 {
     add_queries(program, exit_code);
-    add_orders(program);
+    add_orders(program, exit_code);
 }
 
 } // namespace cli

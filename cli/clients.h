@@ -10,6 +10,6 @@ namespace cli
 void add_queries(CLI::App& program, int& exit_code);
 
 // Commands that change something: control, trace, set-name, set-address, link, sa.
-void add_orders(CLI::App& program);
+void add_orders(CLI::App& program, int& exit_code);
 
 } // namespace cli

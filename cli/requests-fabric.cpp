@@ -45,6 +45,8 @@ json forget(site& at, const std::string& gid)
         const wire_gid_t wire = to_wire(*parsed);
         forgotten = at.subnet().forget(std::to_array(wire.bytes));
     }
+    if (forgotten == 0)
+        throw failure(exit_failed, gid.empty() ? "the SA holds no record" : "the SA holds no record of " + gid);
     return done("The SA forgot " + std::to_string(forgotten) + (forgotten == 1 ? " record." : " records."));
 }
 

@@ -58,11 +58,11 @@ json ask_real_sa(const show_options& options, const umad::record_filter& filter)
 void select(json& answer, const umad::record_filter& filter)
 {
     const auto differs = [&](const json& record) {
-        return (filter.address && record["address"] != world::format_ipv4(*filter.address)) ||
-               (filter.gid && record["gid"] != embedded::text_of(*filter.gid)) ||
-               (filter.host_name && record["host_name"] != *filter.host_name);
+        return (filter.address && record.at("address") != world::format_ipv4(*filter.address)) ||
+               (filter.gid && record.at("gid") != embedded::text_of(*filter.gid)) ||
+               (filter.host_name && record.at("host_name") != *filter.host_name);
     };
-    json& records = answer["records"];
+    json& records = answer.at("records");
     records.erase(std::remove_if(records.begin(), records.end(), differs), records.end());
 }
 
@@ -103,7 +103,7 @@ json record_answer(const embedded::service_record_view& record)
             {"lease", is_endless ? "infinite" : std::to_string(record.lease_seconds) + " s"}};
 }
 
-void add_sa_show(CLI::App& sa)
+void add_sa_show(CLI::App& sa, int& exit_code)
 {
     CLI::App* command = sa.add_subcommand("show", "List the ATS records that the SA holds");
     auto options = std::make_shared<show_options>();
@@ -118,8 +118,9 @@ void add_sa_show(CLI::App& sa)
         ->needs(hca)
         ->option_text("N");
     auto common = add_client_options(*command, no_host);
-    command->callback([=] {
+    command->callback([=, &exit_code] {
         const json answer = find_records(*common, *options);
+        if (answer.at("records").empty()) exit_code = exit_failed;
         if (common->as_json)
             std::cout << answer.dump(2) << '\n';
         else

@@ -11,7 +11,7 @@
 namespace cli
 {
 
-void add_sa_show(CLI::App& sa);
+void add_sa_show(CLI::App& sa, int& exit_code);
 
 // A record as answers carry it.
 nlohmann::json record_answer(const embedded::service_record_view& record);
