@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "cli/service-origin.h"
+
 namespace cli
 {
 
@@ -12,10 +14,19 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
     command.add_flag("--json", options->as_json, "Print JSON");
     command.add_option("--socket", options->socket, "The socket of 'ats run' (default: " + options->socket + ")")
         ->option_text("PATH");
+    command
+        .add_option("--timeout", options->timeout_seconds,
+                    "Give up on a service without a sign of life for so long (default: 5)")
+        ->check(CLI::Range(0.1, 3600.0))
+        ->option_text("SECONDS");
     return options;
 }
 
-client::client(const client_options& options) : options_(options), channel_(connect_to(options.socket)) {}
+client::client(const client_options& options)
+    : options_(options), half_timeout_(static_cast<int64_t>(options.timeout_seconds * 1000 / 2)),
+      channel_(connect_to(options.socket, 2 * half_timeout_))
+{
+}
 
 json client::ask(json request)
 {
@@ -32,13 +43,31 @@ json client::ask(json request)
 
 json client::next()
 {
-    const std::optional<std::string> line = channel_.read();
-    if (!line) throw failure(exit_unreachable, "the service on " + options_.socket + " hung up: look at its terminal");
-    json answer = json::parse(*line, nullptr, false);
+    std::string line;
+    line_channel::outcome got = line_channel::outcome::silent;
+    while ((got = channel_.read(line, half_timeout_)) == line_channel::outcome::silent)
+        if (!is_alive()) throw no_sign_of_life(options_.socket, 2 * half_timeout_);
+    if (got == line_channel::outcome::gone)
+        throw failure(exit_unreachable,
+                      "the service on " + options_.socket + " hung up: " + where_to_look(options_.socket));
+    json answer = json::parse(line, nullptr, false);
     if (!answer.is_object())
         throw failure(exit_unreachable,
                       "what listens on " + options_.socket + " is no 'ats run': name another --socket");
     return answer;
+}
+
+// A refusal and a hang-up are signs of life as well.
+bool client::is_alive() const
+{
+    try {
+        line_channel second(connect_to(options_.socket, half_timeout_));
+        std::string line;
+        second.write(R"({"request":"ping"})");
+        return second.read(line, half_timeout_) != line_channel::outcome::silent;
+    } catch (const failure&) {
+        return false;
+    }
 }
 
 void throw_if_refused(const json& answer)

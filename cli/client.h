@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -19,15 +20,18 @@ struct client_options {
     std::string socket = default_socket_path();
     std::string host; // "": the first
     bool as_json = false;
+    double timeout_seconds = 5; // without a sign of life of the service
 };
 
 constexpr const char* one_host = "The host to ask (default: the first)";
 constexpr const char* no_host = "";
 
-// Adds --json, --socket and, unless it means nothing to the command, --host.
+// Adds --json, --socket, --timeout and, unless it means nothing to the command, --host.
 std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning);
 
-// One conversation with the service. Throws a failure when nobody answers.
+// One conversation with the service. Throws a failure when nobody answers. An answer may take its time, as that of a
+// silent SA does, and a followed log may have no news: a service that says nothing is asked on a second connection
+// whether it is alive, and the client waits as long as it is.
 class client
 {
   public:
@@ -40,7 +44,10 @@ class client
     json next();
 
   private:
-    client_options options_;
+    bool is_alive() const;
+
+    const client_options options_;
+    const std::chrono::milliseconds half_timeout_; // one half for the answer, the other for the sign of life
     line_channel channel_;
 };
 

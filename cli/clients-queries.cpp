@@ -25,7 +25,7 @@ struct resolve_options {
 // Whether everything that was asked for was found, and proved right where that was asked for too.
 bool is_yes(const json& answer)
 {
-    return answer["status"] == "ok" && (!answer.contains("verified") || answer["verified"] == true);
+    return answer.at("status") == "ok" && (!answer.contains("verified") || answer.at("verified") == true);
 }
 
 // Several questions, an answer each. A malformed one does not keep the others from being asked.
@@ -46,7 +46,7 @@ int run_resolutions(const client_options& common, const resolve_options& options
         if (common.as_json)
             answers.push_back(answer);
         else if (answer.contains("error"))
-            std::cerr << "ats: " << answer["error"].get<std::string>() << std::endl;
+            std::cerr << "ats: " << answer.at("error").get<std::string>() << std::endl;
         else
             show_resolution(std::cout, answer);
     }
@@ -114,7 +114,7 @@ void show_log(const client_options& common, const log_options& options)
     json line = service.ask({{"request", "log"}, {"follow", options.follow}, {"level", options.level}});
     throw_if_refused(line);
     for (; !line.contains("end"); line = service.next()) {
-        std::cout << (common.as_json ? line.dump() : line["line"].get<std::string>()) << '\n';
+        std::cout << (common.as_json ? line.dump() : line.at("line").get<std::string>()) << '\n';
         if (options.follow && !std::cout.flush()) return;
     }
 }

@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "cli/commands.h"
 
@@ -49,6 +50,10 @@ int run(CLI::App& program, int argc, char** argv, const int& exit_code)
     } catch (const cli::failure& failed) {
         std::fprintf(stderr, "ats: %s\n", failed.what());
         return failed.code;
+    } catch (const nlohmann::json::exception&) {
+        std::fputs("ats: the service gave an answer that this command does not understand: are both of one version?\n",
+                   stderr);
+        return cli::exit_unreachable;
     } catch (const std::exception& failed) {
         std::fprintf(stderr, "ats: %s\n", failed.what());
         return cli::exit_failed;

@@ -117,6 +117,12 @@ json set_address(site& at, const json& request)
     return done(host.name() + " now has the address " + address + ".");
 }
 
+// For clients that want to know whether the service is alive.
+json answer_ping(site&, const json&)
+{
+    return done("alive");
+}
+
 } // namespace
 
 json done(const std::string& what)
@@ -136,9 +142,9 @@ uint32_t address_of(const std::string& text)
 json answer_request(site& at, const json& request)
 {
     static const std::map<std::string, json (*)(site&, const json&)> requests = {
-        {"status", answer_status},    {"resolve", answer_resolve}, {"reverse", answer_reverse},
-        {"control", control},         {"trace", set_trace},        {"set-name", set_name},
-        {"set-address", set_address}, {"link", answer_link},       {"sa", answer_sa},
+        {"status", answer_status}, {"resolve", answer_resolve}, {"reverse", answer_reverse},  {"control", control},
+        {"trace", set_trace},      {"set-name", set_name},      {"set-address", set_address}, {"link", answer_link},
+        {"sa", answer_sa},         {"ping", answer_ping},
     };
     const std::string name = request.value("request", "");
     const auto found = requests.find(name);

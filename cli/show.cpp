@@ -39,22 +39,22 @@ std::string duration_of(uint64_t seconds)
 // Whether the SA holds the host's record, with the HCA when the host has several.
 void show_registration(std::ostream& to, const json& registration, bool is_only_one)
 {
-    const bool is_registered = registration["registered"].get<bool>();
+    const bool is_registered = registration.at("registered").get<bool>();
     to << "  ";
-    if (!is_only_one) to << cell(registration["hca"]) << ": ";
+    if (!is_only_one) to << cell(registration.at("hca")) << ": ";
     if (!is_registered) {
-        to << "NOT registered: " << cell(registration["reason"]);
-        const json& unanswered = registration["unanswered_seconds"];
+        to << "NOT registered: " << cell(registration.at("reason"));
+        const json& unanswered = registration.at("unanswered_seconds");
         if (unanswered.is_number()) to << " (for " << duration_of(unanswered) << ")";
         to << '\n';
-        if (registration["name"].is_null()) return;
+        if (registration.at("name").is_null()) return;
         to << "    last sent: ";
     } else {
         to << "registered: ";
     }
-    to << cell(registration["name"]) << ", " << cell(registration["address"]) << ", P_Key "
-       << cell(registration["p_key"]) << ", SM LID " << cell(registration["sm_lid"]);
-    const json& confirmed = registration["confirmed_seconds"];
+    to << cell(registration.at("name")) << ", " << cell(registration.at("address")) << ", P_Key "
+       << cell(registration.at("p_key")) << ", SM LID " << cell(registration.at("sm_lid"));
+    const json& confirmed = registration.at("confirmed_seconds");
     if (confirmed.is_number())
         to << (is_registered ? "; confirmed " : "; the SA last confirmed it ") << duration_of(confirmed) << " ago";
     to << '\n';
@@ -62,32 +62,33 @@ void show_registration(std::ostream& to, const json& registration, bool is_only_
 
 void show_hca(std::ostream& to, const json& hca)
 {
-    to << "  " << cell(hca["name"]) << ", ";
-    if (hca["active_port"].is_null())
+    to << "  " << cell(hca.at("name")) << ", ";
+    if (hca.at("active_port").is_null())
         to << "no active port\n";
     else
-        to << "active port " << cell(hca["active_port"]) << '\n';
-    to << format_table(rows_of(hca["ports"], {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
+        to << "active port " << cell(hca.at("active_port")) << '\n';
+    to << format_table(rows_of(hca.at("ports"), {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
                                {"port", "link", "state", "lid", "gid", "address", "sent", "received"}),
                        4);
 }
 
 void show_verification(std::ostream& to, const json& verification)
 {
-    if (verification["period"] == 0)
+    if (verification.at("period") == 0)
         to << "  registration is not checked\n";
     else
-        to << "  registration is checked every " << cell(verification["period"]) << " s, up to "
-           << cell(verification["skew"]) << " % later\n";
+        to << "  registration is checked every " << cell(verification.at("period")) << " s, up to "
+           << cell(verification.at("skew")) << " % later\n";
 }
 
 void show_ibat(std::ostream& to, const json& ibat)
 {
-    const json& counters = ibat["counters"];
-    to << "  IBAT: " << counters["hits"] << " hits, " << counters["misses"] << " misses, " << counters["requests"]
-       << " requests, " << counters["retries"] << " retries, " << counters["timeouts"] << " time-outs\n";
-    if (ibat["cache"].empty()) return;
-    to << format_table(rows_of(ibat["cache"], {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
+    const json& counters = ibat.at("counters");
+    to << "  IBAT: " << counters.at("hits") << " hits, " << counters.at("misses") << " misses, "
+       << counters.at("requests") << " requests, " << counters.at("retries") << " retries, " << counters.at("timeouts")
+       << " time-outs\n";
+    if (ibat.at("cache").empty()) return;
+    to << format_table(rows_of(ibat.at("cache"), {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
                                {"address", "gid", "kind", "age_seconds", "expires_seconds"}),
                        4);
 }
@@ -103,9 +104,9 @@ std::string duration(uint64_t microseconds)
 std::string verdict(const json& answer)
 {
     if (!answer.contains("verified")) return "";
-    if (answer["verified"].is_null()) return "; could not be verified: " + cell(answer["sa"]);
-    if (answer["verified"].get<bool>()) return "; the SA agrees";
-    return "; WRONG, the SA says: " + cell(answer["sa"]);
+    if (answer.at("verified").is_null()) return "; could not be verified: " + cell(answer.at("sa"));
+    if (answer.at("verified").get<bool>()) return "; the SA agrees";
+    return "; WRONG, the SA says: " + cell(answer.at("sa"));
 }
 
 } // namespace
@@ -128,52 +129,53 @@ std::string format_table(const std::vector<std::vector<std::string>>& rows, int 
 
 void show_status(std::ostream& to, const json& answer)
 {
-    to << (answer["fabric"] == "umad" ? "A real" : "An embedded") << " fabric, up for "
-       << duration_of(answer["uptime_seconds"]) << ".\n";
-    for (const json& host : answer["hosts"]) {
-        to << cell(host["name"]) << ": " << cell(host["version"]) << ", trace level " << cell(host["trace"]) << '\n';
-        for (const json& registration : host["registrations"])
-            show_registration(to, registration, host["registrations"].size() == 1);
-        for (const json& hca : host["hcas"]) show_hca(to, hca);
-        if (host.contains("verification")) show_verification(to, host["verification"]);
-        if (host.contains("ibat")) show_ibat(to, host["ibat"]);
+    to << (answer.at("fabric") == "umad" ? "A real" : "An embedded") << " fabric, up for "
+       << duration_of(answer.at("uptime_seconds")) << ".\n";
+    for (const json& host : answer.at("hosts")) {
+        to << cell(host.at("name")) << ": " << cell(host.at("version")) << ", trace level " << cell(host.at("trace"))
+           << '\n';
+        for (const json& registration : host.at("registrations"))
+            show_registration(to, registration, host.at("registrations").size() == 1);
+        for (const json& hca : host.at("hcas")) show_hca(to, hca);
+        if (host.contains("verification")) show_verification(to, host.at("verification"));
+        if (host.contains("ibat")) show_ibat(to, host.at("ibat"));
     }
 }
 
 void show_resolution(std::ostream& to, const json& answer)
 {
-    to << cell(answer["asked"]) << "  ";
-    if (answer["status"] == "ok")
-        to << cell(answer["found"]);
+    to << cell(answer.at("asked")) << "  ";
+    if (answer.at("status") == "ok")
+        to << cell(answer.at("found"));
     else
-        to << cell(answer["status"]) << ": " << cell(answer["reason"]);
+        to << cell(answer.at("status")) << ": " << cell(answer.at("reason"));
     to << "  (";
-    if (!answer["source"].is_null()) to << "from the " << cell(answer["source"]) << ", ";
-    to << duration(answer["microseconds"]) << verdict(answer) << ")" << std::endl;
+    if (!answer.at("source").is_null()) to << "from the " << cell(answer.at("source")) << ", ";
+    to << duration(answer.at("microseconds")) << verdict(answer) << ")" << std::endl;
 }
 
 void show_records(std::ostream& to, const json& answer, bool is_selection)
 {
-    if (answer["records"].empty())
+    if (answer.at("records").empty())
         to << (is_selection ? "The SA holds no such ServiceRecord.\n" : "The SA holds no ServiceRecord.\n");
     else
-        to << format_table(rows_of(answer["records"], {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
+        to << format_table(rows_of(answer.at("records"), {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
                                    {"gid", "p_key", "address", "host_name", "lease"}),
                            0);
-    for (const json& remark : answer["remarks"]) to << "Note: " << cell(remark) << ".\n";
-    if (answer["silent"].get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
-    if (!answer["status"].is_null())
-        to << "It answers everything with status " << cell(answer["status"]) << " ('ats sa status 0' ends that).\n";
+    for (const json& remark : answer.at("remarks")) to << "Note: " << cell(remark) << ".\n";
+    if (answer.at("silent").get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
+    if (!answer.at("status").is_null())
+        to << "It answers everything with status " << cell(answer.at("status")) << " ('ats sa status 0' ends that).\n";
 }
 
 void show_output(std::ostream& to, const json& answer)
 {
-    to << answer["output"].get<std::string>();
+    to << answer.at("output").get<std::string>();
 }
 
 void show_done(std::ostream& to, const json& answer)
 {
-    to << cell(answer["done"]) << '\n';
+    to << cell(answer.at("done")) << '\n';
 }
 
 std::string over_the_last(const std::string& picture)

@@ -1,7 +1,5 @@
 #include "cli/socket.h"
 
-#include "cli/failure.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +10,9 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include "cli/failure.h"
+#include "cli/service-origin.h"
 
 namespace cli
 {
@@ -77,6 +78,29 @@ bool is_trusted(const descriptor& connected)
     return peer.uid == geteuid() || peer.uid == 0;
 }
 
+// Its value; nothing when it is unset or empty.
+const char* variable(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+// Calls on this socket that send, connect() among them, give up after that long.
+void limit_sending(const descriptor& socket, std::chrono::milliseconds patience)
+{
+    using namespace std::chrono;
+    const auto whole = duration_cast<seconds>(patience);
+    const timeval limit{whole.count(), duration_cast<microseconds>(patience - whole).count()};
+    setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+std::string seconds_text(std::chrono::milliseconds time)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%g s", static_cast<double>(time.count()) / 1000);
+    return text;
+}
+
 [[noreturn]] void refuse_foreign(const std::string& path)
 {
     throw failure(exit_unreachable,
@@ -108,13 +132,13 @@ int descriptor::release()
 
 std::string default_socket_path()
 {
-    if (const char* chosen = std::getenv("ATS_SOCKET")) return chosen;
-    if (geteuid() == 0) return "/run/ats.sock";
-    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR")) return std::string(runtime) + "/ats.sock";
+    if (const char* chosen = variable("ATS_SOCKET")) return chosen;
+    if (geteuid() == 0) return socket_of_root;
+    if (const char* runtime = variable("XDG_RUNTIME_DIR")) return std::string(runtime) + "/ats.sock";
     return "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
 }
 
-path_lock::path_lock(const std::string& path) : file_(path + ".lock")
+path_lock::path_lock(const std::string& path) : file_(lock_file_of(path))
 {
     struct stat locked {
     }, named{};
@@ -127,6 +151,14 @@ path_lock::path_lock(const std::string& path) : file_(path + ".lock")
         }
         // Its last owner may have removed the file meanwhile, and another stands there now.
     } while (fstat(held_.get(), &locked) != 0 || stat(file_.c_str(), &named) != 0 || locked.st_ino != named.st_ino);
+
+    const std::string origin = origin_of_this_process();
+    if (ftruncate(held_.get(), 0) != 0 ||
+        write(held_.get(), origin.data(), origin.size()) != static_cast<ssize_t>(origin.size())) {
+        const std::string why = reason();
+        unlink(file_.c_str());
+        throw failure(exit_failed, "cannot write " + file_ + why);
+    }
 }
 
 path_lock::~path_lock()
@@ -173,32 +205,51 @@ std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
     }
 }
 
-descriptor connect_to(const std::string& path)
+failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience)
+{
+    return {exit_unreachable, "the service on " + path + " gives no sign of life for " + seconds_text(patience) + ": " +
+                                  how_to_wake(path)};
+}
+
+descriptor connect_to(const std::string& path, std::chrono::milliseconds patience)
 {
     descriptor made = new_socket();
+    if (patience != no_limit) limit_sending(made, patience);
     if (connects(made, address_of(path))) {
         // Root may look at everybody's; nobody else believes what a stranger's process says.
         if (geteuid() != 0 && !is_trusted(made)) refuse_foreign(path);
         return made;
     }
     if (errno == EACCES) refuse_foreign(path);
-    throw failure(exit_unreachable,
-                  "no service on " + path + reason() + " (start one with 'ats run', or name its --socket)");
+    if (errno == EAGAIN) throw no_sign_of_life(path, patience);
+    const std::string why = reason();
+    throw failure(exit_unreachable, "no service on " + path + why + " (" + how_to_start(path) + ")");
 }
 
 std::optional<std::string> line_channel::read()
 {
+    std::string line;
+    if (read(line, no_limit) == outcome::line) return line;
+    return std::nullopt;
+}
+
+line_channel::outcome line_channel::read(std::string& line, std::chrono::milliseconds patience)
+{
     while (true) {
         if (const size_t end = unread_.find('\n'); end != std::string::npos) {
-            std::string line = unread_.substr(0, end);
+            line = unread_.substr(0, end);
             unread_.erase(0, end + 1);
-            return line;
+            return outcome::line;
         }
-        if (unread_.size() > line_limit) return std::nullopt;
+        if (unread_.size() > line_limit) return outcome::gone;
+        pollfd wait{socket_.get(), POLLIN, 0};
+        const int ready = poll(&wait, 1, static_cast<int>(patience.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready == 0) return outcome::silent;
         char piece[4096];
         const ssize_t got = recv(socket_.get(), piece, sizeof piece, 0);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return std::nullopt;
+        if (got <= 0) return outcome::gone;
         unread_.append(piece, static_cast<size_t>(got));
     }
 }

@@ -1,8 +1,11 @@
 // The Unix socket between `ats run` and its clients: one JSON text a line, each way.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
+
+#include "cli/failure.h"
 
 namespace cli
 {
@@ -23,11 +26,14 @@ class descriptor
     int fd_;
 };
 
-// $ATS_SOCKET, or /run/ats.sock for root, or ats.sock in $XDG_RUNTIME_DIR, or /tmp/ats-UID.sock.
+constexpr const char* socket_of_root = "/run/ats.sock";
+
+// $ATS_SOCKET, or /run/ats.sock for root, or ats.sock in $XDG_RUNTIME_DIR, or /tmp/ats-UID.sock. An empty variable
+// counts as unset.
 std::string default_socket_path();
 
-// PATH.lock, held by the one service that may listen on PATH. Throws a failure when another holds it. The file goes
-// with its owner.
+// PATH.lock, held by the one service that may listen on PATH. Throws a failure when another holds it. It says how the
+// service was started. The file goes with its owner.
 class path_lock
 {
   public:
@@ -62,8 +68,14 @@ class listening_socket
     descriptor socket_;
 };
 
-// Throws a failure when nobody listens there, or another user does.
-descriptor connect_to(const std::string& path);
+constexpr std::chrono::milliseconds no_limit(-1);
+
+// Throws a failure when nobody listens there, when another user does, or when the listener takes no connection for
+// `patience`.
+descriptor connect_to(const std::string& path, std::chrono::milliseconds patience = no_limit);
+
+// The failure of a service that gave no sign of life for that long.
+failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience);
 
 // One line at a time over a connected socket. Lines longer than `line_limit` end the conversation.
 class line_channel
@@ -75,6 +87,10 @@ class line_channel
 
     // The next line without its end; nothing when the other side has gone.
     std::optional<std::string> read();
+
+    // The same into `line`, giving up when no byte came for `patience`; what came before is kept for the next read.
+    enum class outcome { line, gone, silent };
+    outcome read(std::string& line, std::chrono::milliseconds patience);
 
     // False when the other side has gone.
     bool write(const std::string& line);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <list>
 #include <optional>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -214,6 +215,9 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
     const std::string socket = ats->socket();
     expect_refused(run_ats({"run", "--socket", socket}), {{"live"}, 2, "a service is listening on"});
     EXPECT_EQ(ats->ask({"resolve", "10.0.0.1"}).exit_code, 0);
+    kill(ats->pid(), SIGSTOP);
+    expect_refused(ats->ask({"status", "--timeout", "0.2"}),
+                   {{"stopped"}, 3, "gives no sign of life for 0.2 s: it is"});
     EXPECT_EQ(ats->stop(SIGKILL), -SIGKILL);
     ASSERT_TRUE(std::filesystem::exists(socket));
 
@@ -229,6 +233,24 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
         EXPECT_EQ(successor.stop(), 0);
     }
     expect_refused(run_ats({"status", "--socket", socket}), {{"none"}, 3, "start one with 'ats run'"});
+}
+
+TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
+{
+    const scratch_folder folder;
+    const cli::listening_socket listening(folder / "socket");
+    const cli::descriptor no_stop(eventfd(0, EFD_CLOEXEC));
+    for (const char* nonsense : {R"({"hosts":[{"name":"x"}]})", R"({"error":5})", "{}", "[1]", "status"}) {
+        std::thread answering([&] {
+            cli::line_channel channel(std::move(listening.accept_client(no_stop.get()).value()));
+            channel.read();
+            channel.write(nonsense);
+        });
+        const program_result result = run_ats({"status", "--host", "x", "--socket", folder / "socket"});
+        answering.join();
+        EXPECT_EQ(result.exit_code, 3) << nonsense;
+        EXPECT_THAT(result.err, testing::ContainsRegex("^ats: (the service gave|what listens on)[^\n[]*\n$"));
+    }
 }
 
 TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)

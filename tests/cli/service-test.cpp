@@ -2,6 +2,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "cli/service-origin.h"
+#include "cli/socket.h"
 #include "tests/cli/program.h"
 
 namespace
@@ -49,6 +51,24 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     kill(running.pid(), SIGHUP);
     EXPECT_EQ(running.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
+}
+
+TEST(service, advice_fits_how_it_was_started)
+{
+    const scratch_folder folder;
+    const std::string path = folder / "socket";
+    for (const bool by_systemd : {true, false}) {
+        setenv("SYSTEMD_EXEC_PID", by_systemd ? std::to_string(getpid()).c_str() : "1", 1);
+        const cli::listening_socket listening(path);
+        EXPECT_EQ(cli::where_to_look(path).starts_with("'journalctl -u "), by_systemd);
+        EXPECT_EQ(cli::how_to_wake(path).starts_with("'systemctl status "), by_systemd);
+        EXPECT_EQ(cli::how_to_start(path).starts_with("'systemctl status "), by_systemd);
+    }
+    unsetenv("SYSTEMD_EXEC_PID");
+
+    setenv("ATS_SOCKET", "", 1);
+    EXPECT_THAT(cli::default_socket_path(), testing::EndsWith(".sock"));
+    unsetenv("ATS_SOCKET");
 }
 
 } // namespace
