@@ -19,7 +19,7 @@ struct options {
     std::string capture_path; // empty: no capture
 };
 
-// What one campaign has done; sums of several are formed field by field.
+// What one campaign has done; several are summed field by field, except the digest.
 struct figures {
     uint64_t seeds = 0;
     uint64_t simulated_ticks = 0;
@@ -29,8 +29,7 @@ struct figures {
     uint64_t answers = 0; // of questions that were called back
     uint64_t truths = 0;  // registrations and lookups compared with what must be
     uint64_t datagrams = 0;
-    uint64_t digest = 0; // of everything that happened; xor
-    static constexpr size_t count = 9;
+    uint64_t digest = 0; // of everything that happened; of several seeds, the xor
 };
 
 // For so long after its end, harm may show.

@@ -75,10 +75,13 @@ class child
 
 void add(figures& sum, const figures& one)
 {
-    const uint64_t digest = sum.digest ^ one.digest;
-    for (size_t i = 0; i < figures::count; ++i)
-        reinterpret_cast<uint64_t*>(&sum)[i] += reinterpret_cast<const uint64_t*>(&one)[i];
-    sum.digest = digest;
+    static constexpr uint64_t figures::*summed[] = {&figures::seeds,  &figures::simulated_ticks, &figures::acts,
+                                                    &figures::faults, &figures::questions,       &figures::answers,
+                                                    &figures::truths, &figures::datagrams};
+    static_assert(sizeof(figures) == sizeof(uint64_t) * (std::size(summed) + 1),
+                  "every figure but the digest is summed");
+    for (const auto member : summed) sum.*member += one.*member;
+    sum.digest ^= one.digest;
 }
 
 // Two complaints are of one kind when they differ in numbers only.
