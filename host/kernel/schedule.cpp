@@ -1,5 +1,7 @@
 #include "host/kernel/schedule.h"
 
+#include "host/kernel/task.h"
+
 namespace kernel
 {
 
@@ -13,14 +15,21 @@ size_t random_schedule::choose(size_t count, choice_point where)
 size_t systematic_schedule::choose(size_t count, choice_point)
 {
     if (!exploring_) return 0;
-    if (position_ == decisions_.size()) decisions_.push_back({0, deviations_ < most_deviations_ ? count : 1});
-    const size_t taken = decisions_[position_++].taken;
-    if (taken > 0) ++deviations_;
-    return taken < count ? taken : 0; // a scenario that is not the same each time is the caller's fault
+    if (position_ == decisions_.size()) decisions_.push_back({0, deviations_ < most_deviations_ ? count : 1, count});
+    const decision& made = decisions_[position_];
+    if (made.ready != count)
+        panic("the scenario is not the same in each run: choice %zu was among %zu tasks and is now among %zu",
+              position_, made.ready, count);
+    ++position_;
+    if (made.taken > 0) ++deviations_;
+    return made.taken;
 }
 
 bool systematic_schedule::next()
 {
+    if (position_ < decisions_.size())
+        panic("the scenario is not the same in each run: it made %zu choices, and now %zu", decisions_.size(),
+              position_);
     exploring_ = false;
     position_ = 0;
     deviations_ = 0;

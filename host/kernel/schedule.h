@@ -45,6 +45,9 @@ class random_schedule final : public schedule
 //
 //     systematic_schedule orders(2);
 //     do run_scenario(orders); while (orders.next());
+//
+// The scenario must do the same each time. A run whose choices differ from those recorded is a hard error: it would
+// count an order that never happened.
 class systematic_schedule final : public schedule
 {
   public:
@@ -66,7 +69,8 @@ class systematic_schedule final : public schedule
   private:
     struct decision {
         size_t taken;
-        size_t options;
+        size_t options; // how many of the ready tasks are tried: all, or the first when no deviation is left
+        size_t ready;
     };
 
     const int most_deviations_;

@@ -83,6 +83,27 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
     EXPECT_EQ(orders, 4u); // the first in order, the second first, a switch at the down or at the up
 }
 
+// Each run begins so many tasks at one instant: what the order says of the run before may not fit.
+void run_with_tasks(const std::vector<int>& tasks_of_each_run)
+{
+    kernel::systematic_schedule order(1);
+    for (const int tasks : tasks_of_each_run) {
+        one_machine at({.order = &order});
+        for (int i = 0; i < tasks; ++i) at.at(0, "task", [] {});
+        order.explore(true);
+        at.finish();
+        order.next();
+    }
+}
+
+TEST(order, systematic_refuses_a_scenario_that_is_not_the_same_in_each_run)
+{
+    run_with_tasks({3, 3});
+    EXPECT_DEATH(run_with_tasks({2, 3}), "choice 0 was among 2 tasks and is now among 3");
+    EXPECT_DEATH(run_with_tasks({3, 2}), "choice 0 was among 3 tasks and is now among 2");
+    EXPECT_DEATH(run_with_tasks({3, 1}), "it made 2 choices, and now 0");
+}
+
 TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
 {
     one_machine at({.start_tick = 1000});
