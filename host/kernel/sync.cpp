@@ -1,5 +1,7 @@
 #include "kernel/sync.h"
 
+#include <utility>
+
 #include "host/kernel/machine.h"
 #include "kernel/errno.h"
 
@@ -30,6 +32,13 @@ class guarded
   private:
     kernel_guard_t& guard_;
 };
+
+// The caller has slept for something else while it stands in a wait queue, and a wake-up from there may have ended that
+// sleep instead: let the next one end at once.
+void keep_outer_wake_up(task& waits)
+{
+    if (waits.wait_queue) waits.exec.wake(waits);
+}
 
 // One task in a semaphore's queue; lives on its stack.
 struct semaphore_waiter {
@@ -72,7 +81,7 @@ unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool in
     task& sleeper = self();
     const uint64_t begin = sleeper.exec.now();
     const uint64_t deadline = timeout_ticks < never - begin ? begin + timeout_ticks : never;
-    const char* object = sleeper.wait_queue ? sleeper.wait_queue : "";
+    const char* object = sleeper.wait_queue ? sleeper.wait_queue->queue_name : "";
     if (interruptible) {
         sleeper.interruptible = true;
         if (!sleeper.signal) sleeper.exec.park(deadline, call, object);
@@ -103,12 +112,18 @@ void down(semaphore* sem)
     semaphore_waiter waiter;
     if (take_or_queue(sem, waiter)) return;
     while (!is_served(sem, waiter)) self().exec.park(never, "down", sem->name);
+    keep_outer_wake_up(self());
 }
 
 int down_interruptible(semaphore* sem)
 {
-    might_sleep("down_interruptible");
     if (kernel::current_machine(__func__).faults.should_fail(__func__)) return -EK_RESTARTSYS;
+    return kernel::down_or_signal(sem);
+}
+
+int kernel::down_or_signal(semaphore* sem)
+{
+    might_sleep("down_interruptible");
     task& waits = self();
     waits.exec.switch_point();
     semaphore_waiter waiter;
@@ -116,6 +131,7 @@ int down_interruptible(semaphore* sem)
     waits.interruptible = true;
     while (!waits.signal && !is_served(sem, waiter)) waits.exec.park(never, "down_interruptible", sem->name);
     waits.interruptible = false;
+    keep_outer_wake_up(waits);
     return give_up(sem, waiter) ? -EK_RESTARTSYS : 0;
 }
 
@@ -185,16 +201,22 @@ void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
     const guarded inside(queue->guard);
     for (const list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
         if (link == &sleeper->link) return; // stands in the queue already
-    sleeper->task = &self();
-    self().wait_queue = queue->name;
+    task& waits = self();
+    sleeper->task = &waits;
+    sleeper->queue_name = queue->name;
+    sleeper->outer = std::exchange(waits.wait_queue, sleeper);
     list_add_tail(&sleeper->link, &queue->sleepers);
 }
 
 void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
+    task& waits = self();
+    if (waits.wait_queue != sleeper)
+        kernel::panic("finish_wait: the task does not stand in %s, or joined another wait queue later", queue->name);
     const guarded inside(queue->guard);
     list_del_init(&sleeper->link);
-    self().wait_queue = nullptr;
+    waits.wait_queue = sleeper->outer;
+    keep_outer_wake_up(waits);
 }
 
 unsigned long schedule_timeout_interruptible(unsigned long timeout_ticks)

@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <string>
 
+struct semaphore;
+struct wait_queue_t;
+
 // What wait queues and semaphores of the module-facing headers point at.
 struct kernel_task_t {
 };
@@ -34,7 +37,7 @@ struct task : kernel_task_t {
     // The innermost context entered that may not sleep, or null; `spin_locks` counts those held. The task's own.
     const char* atomic_context = nullptr;
     int spin_locks = 0;
-    const char* wait_queue = nullptr; // the name of the one it stands in; the task's own
+    const wait_queue_t* wait_queue = nullptr; // its place in the queue it joined last; the task's own
 
     print_capture* capture = nullptr; // who else wants what the task prints; the task's own
 
@@ -73,6 +76,9 @@ void might_sleep(const char* call);
 
 // The same for a call of a module. The calling machine: where a call may sleep in a real kernel, others may run.
 machine& machine_where_others_may_run(const char* call);
+
+// down_interruptible() for the kernel's own use: no injected fault fails it.
+int down_or_signal(semaphore* sem);
 
 // A place where another task could run next, unless the calling task excludes others with a spin lock. Kernel calls
 // have one before and behind what others can see of them.

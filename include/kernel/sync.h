@@ -62,6 +62,8 @@ struct wait_queue_head_t {
 struct wait_queue_t {
     list_head link;
     struct kernel_task_t* task;
+    const char* queue_name;
+    const wait_queue_t* outer; // where the task stood already, or null
 };
 
 KERNEL_API void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name);
@@ -70,7 +72,9 @@ KERNEL_API void init_waitqueue_head_named(wait_queue_head_t* queue, const char* 
 // Wakes every sleeper of the queue; each then looks at its condition again. Any context.
 KERNEL_API void wake_up_interruptible(wait_queue_head_t* queue);
 
-// Puts the calling task into the queue, unless it stands there already; finish_wait takes it out.
+// Puts the calling task into the queue, unless it stands there already; finish_wait takes it out. A task may wait in a
+// second queue, or for a semaphore, while it stands in one: its next sleep in the outer queue then ends at once, since
+// a wake-up may have come meanwhile. The queue that was joined last is left first; another order is a hard error.
 KERNEL_API void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 KERNEL_API void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 

@@ -155,6 +155,54 @@ TEST(sleeps, only_the_interruptible_ends_early_and_tells_what_is_left)
     EXPECT_EQ(interruptible_left, 12u);
 }
 
+// A condition that sleeps itself, as one that takes a lock does, uses up the wake-up.
+TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
+{
+    one_machine at;
+    wait_queue_head_t outer, inner;
+    semaphore sem;
+    init_waitqueue_head(&outer);
+    init_waitqueue_head(&inner);
+    sema_init(&sem, 0);
+    const std::function<void()> waits[] = {
+        [&] {
+            wait_event_interruptible_timeout(
+                &inner, [] { return false; }, 10);
+        },
+        [&] { down(&sem); },
+        [&] { EXPECT_EQ(down_interruptible(&sem), 0); },
+    };
+    uint64_t begin = 0;
+    for (const auto& wait : waits) {
+        bool is_done = false;
+        at.at(begin, "sleeper", [&] {
+            wait_queue_t sleeper;
+            prepare_to_wait(&outer, &sleeper);
+            for (bool seen = false; !seen; schedule_timeout_uninterruptible(seen ? 0 : 1000)) {
+                seen = is_done;
+                wait();
+            }
+            finish_wait(&outer, &sleeper);
+            EXPECT_EQ(get_jiffies(), begin + 20);
+        });
+        at.at(begin + 5, "waker", [&] {
+            is_done = true;
+            wake_up_interruptible(&outer);
+        });
+        for (const uint64_t later : {10, 20}) at.at(begin + later, "releaser", [&] { up(&sem); });
+        at.finish();
+        sema_init(&sem, 0);
+        begin = at.sim->now();
+    }
+    EXPECT_DEATH(at.run([&] {
+        wait_queue_t first, second;
+        prepare_to_wait(&outer, &first);
+        prepare_to_wait(&inner, &second);
+        finish_wait(&outer, &first);
+    }),
+                 "does not stand in &outer, or joined another wait queue later");
+}
+
 TEST(spin_locks, a_release_without_a_lock_dies)
 {
     one_machine at;
