@@ -126,8 +126,8 @@ inline int32_t module_version_init(const char* module_name, const char* version_
         module_banner = nullptr;
         return -1;
     }
-    entry->read_proc = version_read_proc;
     entry->data = nullptr;
+    entry->read_proc = version_read_proc;
     return 0;
 }
 

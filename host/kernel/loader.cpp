@@ -59,7 +59,8 @@ load_result loader::load(const std::string& path, const std::string& parameters)
     if (result >= 0) return {};
 
     const std::string number = std::to_string(result);
-    unmap(loading); // nobody uses it: its names are withdrawn, and all else was not to be had yet
+    wait_for_users(loading); // of /proc entries that it has removed
+    unmap(loading);
     return {result,
             title + "start-up failed with " + number + " (" + std::strerror(-result) + "); the kernel log says why"};
 }
@@ -190,21 +191,6 @@ void loader::drop_user(const kernel_module_t* owner, int loaded_module::*count)
     --(found->*count);
     // Woken under the lock: it goes on, and may end, only after it has looked at the counts.
     if (found->unloader) found->unloader->exec.wake(*found->unloader);
-}
-
-const kernel_module_t* loader::started_here() const
-{
-    const std::lock_guard lock(mutex_);
-    for (const auto& each : modules_)
-        if (each->starter && each->starter == current_task()) return &each->declaration();
-    return nullptr;
-}
-
-bool loader::is_starting_elsewhere(const kernel_module_t* started) const
-{
-    const std::lock_guard lock(mutex_);
-    const loaded_module* found = find(started);
-    return found && found->starter && found->starter != current_task();
 }
 
 void loader::set_logger_level(int32_t level)

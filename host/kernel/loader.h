@@ -60,11 +60,6 @@ class loader
     bool enter(const kernel_module_t* owner);
     void leave(const kernel_module_t* owner);
 
-    // The module whose entry function the calling task runs, or null; and whether a module is inside its entry
-    // function, in another task than the calling one.
-    const kernel_module_t* started_here() const;
-    bool is_starting_elsewhere(const kernel_module_t* started) const;
-
     // Writes the logger's level into every image, now and as each is loaded.
     void set_logger_level(int32_t level);
     int32_t logger_level() const;

@@ -1,7 +1,10 @@
 #include "host/kernel/proc-tree.h"
 
+#include <functional>
+
 #include "host/kernel/machine.h"
 #include "kernel/errno.h"
+#include "kernel/printk.h"
 #include "kernel/proc.h"
 #include "kernel/sync.h"
 
@@ -12,10 +15,9 @@ struct proc_tree::node {
     proc_dir_entry entry{};
     mode_t mode = 0;
     bool is_directory = false;
-    const kernel_module_t* made_by = nullptr; // the module that was starting; it completes `entry` after creation
-    int users = 0;                            // tasks in its handlers
-    task* remover = nullptr;                  // waits for them to leave
-    semaphore writing;                        // held over the write handler
+    int users = 0;           // tasks in its handlers
+    task* remover = nullptr; // waits for them to leave
+    semaphore writing;       // held over the write handler
     std::map<std::string, std::shared_ptr<node>> children;
 };
 
@@ -91,11 +93,12 @@ class proc_tree::visit
         const std::lock_guard lock(tree_.mutex_);
         const std::shared_ptr<node> at = tree_.find(path);
         if (!at) return;
-        is_file_ = !at->is_directory;
-        loader& modules = tree_.home_.modules;
-        if (modules.is_starting_elsewhere(at->made_by) || !modules.enter(at->entry.owner)) return;
-        at_ = at;
+        exists_ = true;
+        has_handler_ = at->entry.read_proc || at->entry.write_proc; // and then an owner
+        if (!has_handler_) return;
         owner_ = at->entry.owner;
+        if (!tree_.home_.modules.enter(owner_)) return;
+        at_ = at;
         ++at_->users;
     }
 
@@ -112,31 +115,60 @@ class proc_tree::visit
     visit& operator=(const visit&) = delete;
 
     node* operator->() const { return at_.get(); }
-    int error() const { return at_ ? (is_file_ ? 0 : -EK_INVAL) : -EK_NOENT; }
+    int error() const { return at_ ? 0 : exists_ && !has_handler_ ? -EK_INVAL : -EK_NOENT; }
 
   private:
     proc_tree& tree_;
     std::shared_ptr<node> at_;
     const kernel_module_t* owner_ = nullptr;
-    bool is_file_ = false;
+    bool exists_ = false;
+    bool has_handler_ = false;
 };
+
+namespace
+{
+
+// What a handler may answer with: from `start` on, inside of its page.
+struct proc_answer {
+    const char* start;
+    int length;
+};
+
+// Holds a handler's answer to its bounds, as kernel/proc.h says.
+proc_answer within_bounds(const std::string& path, const std::string& page, proc_answer answer, size_t wanted)
+{
+    if (answer.length <= 0) return answer;
+    const char* end = page.data() + page.size();
+    const std::less_equal<const char*> before; // of pointers that may have nothing in common
+    if (!before(page.data(), answer.start) || !before(answer.start, end))
+        panic("the read handler of /proc/%s answers from outside of its page", path.c_str());
+    const size_t room = std::min(static_cast<size_t>(end - answer.start), wanted);
+    if (static_cast<size_t>(answer.length) <= room) return answer;
+    printk("<4>/proc/%s: its read handler answers with %d bytes where there is room for %zu; the rest is cut off\n",
+           path.c_str(), answer.length, room);
+    return {answer.start, static_cast<int>(room)};
+}
+
+} // namespace
 
 int proc_tree::read(const std::string& path, size_t offset, size_t size, std::string* into)
 {
     const visit at(*this, path);
     if (at.error() != 0) return at.error();
-    if (!at->entry.read_proc) return -EK_INVAL;
+    read_proc_t* const handler = at->entry.read_proc;
+    if (!handler) return -EK_INVAL;
     std::string page(PROC_PAGE_SIZE, '\0');
     while (into->size() < size) {
         char* start = page.data();
         int eof = 0;
         const size_t wanted = std::min(size - into->size(), PROC_PAGE_SIZE);
-        const int got = at->entry.read_proc(page.data(), &start, static_cast<off_t>(offset), static_cast<int>(wanted),
-                                            &eof, at->entry.data);
-        if (got < 0) return got;
-        into->append(start, static_cast<size_t>(got));
-        offset += static_cast<size_t>(got);
-        if (eof != 0 || got == 0) break;
+        const int got =
+            handler(page.data(), &start, static_cast<off_t>(offset), static_cast<int>(wanted), &eof, at->entry.data);
+        const proc_answer answer = within_bounds(path, page, {start, got}, wanted);
+        if (answer.length < 0) return answer.length;
+        into->append(answer.start, static_cast<size_t>(answer.length));
+        offset += static_cast<size_t>(answer.length);
+        if (eof != 0 || answer.length == 0) break;
     }
     return static_cast<int>(into->size());
 }
@@ -145,9 +177,10 @@ int proc_tree::write(const std::string& path, const std::string& bytes)
 {
     const visit at(*this, path);
     if (at.error() != 0) return at.error();
-    if (!at->entry.write_proc) return -EK_INVAL;
-    down(&at->writing);
-    const int result = at->entry.write_proc(nullptr, bytes.data(), bytes.size(), at->entry.data);
+    write_proc_t* const handler = at->entry.write_proc;
+    if (!handler) return -EK_INVAL;
+    if (const int interrupted = down_or_signal(&at->writing); interrupted != 0) return interrupted;
+    const int result = handler(nullptr, bytes.data(), bytes.size(), at->entry.data);
     up(&at->writing);
     return result;
 }
@@ -161,7 +194,6 @@ proc_dir_entry* proc_tree::create(const std::string& path, mode_t mode, bool dir
     auto made = std::make_shared<node>();
     made->is_directory = directory;
     made->mode = mode != 0 ? mode : default_mode;
-    made->made_by = home_.modules.started_here();
     sema_init_named(&made->writing, 1, "a /proc entry's writers");
     parent->children[name] = made;
     return &made->entry;

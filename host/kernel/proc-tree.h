@@ -31,15 +31,17 @@ class proc_tree
 
     // Paths are relative to the root, "" is the root itself. Results are 0 or more, or a negative error number:
     // -EK_NOENT for no such entry or an owner that is unloading, -EK_INVAL for the wrong kind of entry or an entry
-    // without that handler. Called inside the machine: handlers run in the calling task and may sleep.
+    // without that handler (yet). Called inside the machine: handlers run in the calling task and may sleep.
     int list(const std::string& path, std::vector<proc_listing>* into) const;
     int stat(const std::string& path, proc_listing* into) const;
 
     // Reads on from `offset`, page by page as the kernel does, until `size` bytes, the handler's end of file or an
-    // empty answer. `into` receives what was read.
+    // empty answer. `into` receives what was read. A handler that answers beyond its bounds is dealt with as
+    // kernel/proc.h says.
     int read(const std::string& path, size_t offset, size_t size, std::string* into);
 
-    // One write call, handed to the handler whole. Returns what the handler returned.
+    // One write call, handed to the handler whole. Returns what the handler returned, or -EK_RESTARTSYS when a signal
+    // arrives while it waits for another writer.
     int write(const std::string& path, const std::string& bytes);
 
     // The module-facing calls.

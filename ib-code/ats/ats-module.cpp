@@ -76,10 +76,10 @@ int32_t create_control_file()
         ATS_TRACE_AS("ats_module_init", ZR_ERROR, "Error creating /proc entry.\n");
         return -EK_NOMEM;
     }
-    entry->read_proc = ats_proc_read;
-    entry->write_proc = ats_proc_write;
     entry->data = nullptr;
     entry->owner = THIS_MODULE;
+    entry->read_proc = ats_proc_read;
+    entry->write_proc = ats_proc_write;
     return 0;
 }
 

@@ -25,6 +25,8 @@ struct answering {
     std::vector<std::pair<off_t, int>> asked{};
     int result = 0; // when not 0
     bool tells_end = true;
+    int excess = 0;      // bytes more than are asked for
+    ptrdiff_t start = 0; // in the page
 };
 
 // Answers as old handlers do: from `start`, at most `count` bytes of what follows `off`.
@@ -34,9 +36,9 @@ int read_text(char* page, char** start, off_t off, int count, int* eof, void* da
     answer.asked.emplace_back(off, count);
     if (answer.result != 0) return answer.result;
     const std::string rest = static_cast<size_t>(off) < answer.text.size() ? answer.text.substr(off) : "";
-    const int length = std::min(count, static_cast<int>(rest.size()));
-    *start = page;
-    std::memcpy(page, rest.data(), static_cast<size_t>(length));
+    const int length = std::min(count + answer.excess, static_cast<int>(rest.size()));
+    *start = page + answer.start;
+    if (answer.start == 0) std::memcpy(page, rest.data(), std::min(static_cast<size_t>(length), PROC_PAGE_SIZE));
     *eof = answer.tells_end && length == static_cast<int>(rest.size());
     return length;
 }
@@ -46,8 +48,8 @@ struct proc : testing::Test, one_machine {
     {
         proc_dir_entry* entry = create_proc_entry("report", 0);
         ASSERT_NE(entry, nullptr);
-        entry->read_proc = read_text;
         entry->data = &answer;
+        entry->read_proc = read_text;
     }
 };
 
@@ -75,6 +77,28 @@ TEST_F(proc, a_long_answer_is_read_page_by_page_from_any_offset)
         EXPECT_EQ(host.proc.read("report", 0, 10, &beyond), -EK_NXIO);
         EXPECT_EQ(beyond, "");
     });
+}
+
+TEST_F(proc, a_handler_is_held_to_the_bounds_of_its_page)
+{
+    answering answer{.text = long_text(), .excess = 5};
+    std::string text;
+    run([&] {
+        add(answer);
+        EXPECT_EQ(host.proc.read("report", 0, 5000, &text), 5000);
+    });
+    EXPECT_EQ(text, answer.text.substr(0, 5000));
+    EXPECT_EQ(host.log.raw(),
+              "<4>/proc/report: its read handler answers with 4101 bytes where there is room for 4096; "
+              "the rest is cut off\n<4>/proc/report: its read handler answers with 909 bytes where there "
+              "is room for 904; the rest is cut off\n");
+    answer = {.text = "text", .start = PROC_PAGE_SIZE - 3};
+    run([&] { EXPECT_EQ(host.proc.read("report", 0, 3, &(text = "")), 3) << "there is room for three"; });
+    for (const ptrdiff_t outside : {ptrdiff_t{-1}, static_cast<ptrdiff_t>(PROC_PAGE_SIZE) + 1}) {
+        answer.start = outside;
+        EXPECT_DEATH(run([&] { host.proc.read("report", 0, 3, &(text = "")); }),
+                     "the read handler of /proc/report answers from outside of its page");
+    }
 }
 
 TEST_F(proc, an_entry_needs_its_directory_and_a_free_name)
@@ -119,6 +143,11 @@ TEST_F(proc, writes_come_one_at_a_time_and_removal_waits_for_them)
     });
     for (const size_t ticks : {20, 30})
         at(0, "writer", [&, ticks] { EXPECT_EQ(host.proc.write("slow", std::string(ticks, 'x')), int(ticks)); });
+    kernel::task& impatient = at(3, "impatient writer", [&] {
+        EXPECT_EQ(host.proc.write("slow", "x"), -EK_RESTARTSYS);
+        EXPECT_EQ(get_jiffies(), 4u);
+    });
+    at(4, "signal", [&] { kernel::send_signal(impatient); });
     at(5, "remover", [&] {
         remove_proc_entry("slow");
         EXPECT_EQ(get_jiffies(), 20u + 30u);

@@ -66,9 +66,9 @@ int start()
     proc_dir_entry* entry = create_proc_entry("probe", 0644);
     if (start_ticks > 0) schedule_timeout_uninterruptible(static_cast<unsigned long>(start_ticks));
     if (entry) {
+        entry->owner = THIS_MODULE;
         entry->read_proc = probe_read;
         entry->write_proc = probe_write;
-        entry->owner = THIS_MODULE;
     }
     if (leak_bytes > 0 && !kmalloc(static_cast<size_t>(leak_bytes), GFP_KERNEL)) result = -12;
     if (result < 0) stop();
