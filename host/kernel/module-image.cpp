@@ -4,6 +4,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/sendfile.h>
@@ -31,14 +32,39 @@ void allow_descriptors_beyond(int descriptor)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-bool copy_all(int from, int to)
+// Returns why it failed, or "".
+std::string copy_all(int from, int to)
 {
     struct stat attributes;
-    if (fstat(from, &attributes) != 0) return false;
+    if (fstat(from, &attributes) != 0) return std::strerror(errno);
+    if (!S_ISREG(attributes.st_mode)) return "it is not a regular file";
     off_t copied = 0;
-    while (copied < attributes.st_size)
-        if (sendfile(to, from, &copied, static_cast<size_t>(attributes.st_size - copied)) <= 0) return false;
-    return true;
+    while (copied < attributes.st_size) {
+        const ssize_t count = sendfile(to, from, &copied, static_cast<size_t>(attributes.st_size - copied));
+        if (count < 0) return std::strerror(errno);
+        if (count == 0) return "it became shorter while it was read";
+    }
+    return "";
+}
+
+// The same, for the file of that name. A FIFO without a writer must not block: it is opened, seen and refused.
+std::string copy_file(const std::string& path, int to)
+{
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file < 0) return std::strerror(errno);
+    const std::string failure = copy_all(file, to);
+    close(file);
+    return failure;
+}
+
+// The size of the object that begins at `address`, as its image's symbol table says; 0 when it is no object.
+size_t object_size(const void* address)
+{
+    Dl_info found{};
+    void* extra = nullptr;
+    if (dladdr1(address, &found, &extra, RTLD_DL_SYMENT) == 0 || !extra || found.dli_saddr != address) return 0;
+    const auto* symbol = static_cast<const ElfW(Sym)*>(extra);
+    return ELF64_ST_TYPE(symbol->st_info) == STT_OBJECT ? symbol->st_size : 0;
 }
 
 std::string path_of(int descriptor)
@@ -72,12 +98,8 @@ module_image::failure module_image::map(const std::string& path)
     copy_ = memfd_create("module", MFD_CLOEXEC);
     if (copy_ < 0) return {-EK_NOMEM, "no room for a copy of " + path + " (" + std::strerror(errno) + ")"};
     allow_descriptors_beyond(copy_);
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const bool is_copied = file >= 0 && copy_all(file, copy_);
-    const int error = errno;
-    if (file >= 0) close(file);
-    if (!is_copied)
-        return {-EK_NOENT, "no module image at " + path + " (" + std::strerror(error) + "): build it or give its path"};
+    if (const std::string why = copy_file(path, copy_); !why.empty())
+        return {-EK_NOENT, "no module image at " + path + " (" + why + "): build it or give its path"};
 
     handle_ = dlopen(path_of(copy_).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
@@ -86,13 +108,38 @@ module_image::failure module_image::map(const std::string& path)
     }
     declaration_ = static_cast<kernel_module_t*>(dlsym(handle_, "this_module"));
     if (!declaration_) return {-EK_INVAL, path + " is no kernel module: it does not export 'this_module'"};
+    if (const std::string why = misfit(); !why.empty())
+        return {-EK_INVAL, path + " does not fit this kernel: " + why + "; build both from the same source"};
     return {};
+}
+
+// Why the record is not one that this kernel can use, or "". Looks at each field only when the checks before say that
+// it is there.
+std::string module_image::misfit() const
+{
+    if (const size_t size = object_size(declaration_); size != sizeof(kernel_module_t))
+        return "its 'this_module' has " + std::to_string(size) + " bytes instead of " +
+               std::to_string(sizeof(kernel_module_t));
+    const kernel_module_t& record = *declaration_;
+    if (record.record_version != module_record_version)
+        return "its 'this_module' has version " + std::to_string(record.record_version) + " instead of " +
+               std::to_string(module_record_version);
+    if (!holds(record.name)) return "its 'this_module' has no name";
+    if (!holds(reinterpret_cast<const void*>(record.init))) return "its 'this_module' has no init function";
+    if (!holds(reinterpret_cast<const void*>(record.exit))) return "its 'this_module' has no exit function";
+    if (record.parameter_count != 0 && !holds(record.parameters)) return "its 'this_module' has no parameters";
+    return "";
+}
+
+bool module_image::holds(const void* address) const
+{
+    return address && image_of(address) == image_of(declaration_);
 }
 
 void* module_image::symbol(const std::string& name) const
 {
     void* found = dlsym(handle_, name.c_str());
-    return found && image_of(found) == image_of(declaration_) ? found : nullptr; // not one of the libraries it needs
+    return holds(found) ? found : nullptr; // not one of the libraries it needs
 }
 
 } // namespace kernel

@@ -22,13 +22,16 @@ class module_image
         std::string why;
     };
 
-    // Maps a copy of the file.
+    // Maps a copy of the file, and refuses one whose `this_module` is not a record that this kernel can use.
     failure map(const std::string& path);
 
     kernel_module_t* declaration() const { return declaration_; }
     void* symbol(const std::string& name) const; // of the image itself; null when it exports no such one
 
   private:
+    std::string misfit() const;
+    bool holds(const void* address) const;
+
     int copy_ = -1; // stays open: the linker takes equal paths for one object
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;

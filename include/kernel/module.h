@@ -18,10 +18,15 @@ struct module_parameter_t {
     const char* description;
 };
 
-// One per module image, exported under the name `this_module`. The loader sets the parameters, writes the
-// machine's logger level through `logger_level` (when not null), then calls `init`;
-// a negative result of `init` unloads the image again. All pointers are into the image itself.
+// Changes whenever kernel_module_t or what it points at does.
+constexpr int32_t module_record_version = 2;
+
+// One per module image, exported under the name `this_module`. The loader refuses an image whose record has another
+// size or version, or lacks its name, `init` or `exit`. It sets the parameters, writes the machine's logger level
+// through `logger_level` (when not null), then calls `init`; a negative result of `init` unloads the image again. All
+// pointers are into the image itself.
 struct kernel_module_t {
+    int32_t record_version = module_record_version;
     const char* name;
     const char* description;
     int (*init)();

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "host/kernel/print-capture.h"
 #include "kernel/errno.h"
@@ -89,17 +91,29 @@ TEST_F(loading, refuses_malformed_parameters_and_says_what_is_valid)
 
 TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
 {
-    const std::pair<const char*, const char*> cases[] = {
+    const std::string fifo = testing::TempDir() + "fifo-" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string misfit = ATS_MODULE_DIR "/misfit-";
+    const auto misfit_has = [&](const std::string& kind, const std::string& what) {
+        return "insmod: " + misfit + kind + ".so does not fit this kernel: its 'this_module' has " + what;
+    };
+    const std::pair<std::string, std::string> cases[] = {
         {"/nowhere/ats.so",
          "insmod: no module image at /nowhere/ats.so (No such file or directory): build it or give its path"},
         {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
-        {ATS_MODULE_DIR, "insmod: no module image at "},
+        {ATS_MODULE_DIR, "insmod: no module image at " ATS_MODULE_DIR " (it is not a regular file)"},
+        {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // and nobody writes to it
+        {misfit + "0.so", misfit_has("0", "4 bytes instead of 64")},
+        {misfit + "1.so", misfit_has("1", "version 1 instead of 2")},
+        {misfit + "2.so", misfit_has("2", "no init function")},
+        {misfit + "3.so", misfit_has("3", "no exit function")},
     };
     for (const auto& [path, why] : cases) {
         const kernel::load_result result = host.modules.insmod(path);
         EXPECT_LT(result.error, 0);
         EXPECT_THAT(result.why, StartsWith(why));
     }
+    unlink(fifo.c_str());
     ASSERT_TRUE(host.modules.insmod(probe));
     const kernel::load_result again = host.modules.insmod(probe);
     EXPECT_EQ(again.error, -EK_EXIST);

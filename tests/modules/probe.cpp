@@ -88,4 +88,11 @@ MODULE_EXPORT int probe_number()
 }
 
 kernel_module_t this_module = {
-    "probe", "a probe for tests", start, stop, parameters, sizeof parameters / sizeof parameters[0], &logger_level};
+    .name = "probe",
+    .description = "a probe for tests",
+    .init = start,
+    .exit = stop,
+    .parameters = parameters,
+    .parameter_count = sizeof parameters / sizeof parameters[0],
+    .logger_level = &logger_level,
+};
