@@ -121,7 +121,11 @@ void loader::unmap(loaded_module& leaving)
         panic("%s goes without withdrawing the inter-module name %s", declaration.name, left.c_str());
     if (const std::string left = home_.proc.owned_by(declaration); !left.empty())
         panic("%s goes without removing the /proc entry %s", declaration.name, left.c_str());
-    home_.memory.image_leaves(declaration.name, &declaration);
+    const module_code code(declaration.name, &declaration);
+    std::string left;
+    for (const std::string& each : home_.left_by(code)) left += (left.empty() ? "" : ", ") + each;
+    if (!left.empty()) panic("%s goes and leaves behind %s", declaration.name, left.c_str());
+    home_.memory.image_leaves(code);
 
     std::unique_ptr<loaded_module> unmapped; // without the lock: the image's destructors may call the kernel
     const std::lock_guard lock(mutex_);

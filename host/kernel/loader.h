@@ -40,8 +40,8 @@ class loader
 
     // Waits for the /proc handlers that run in the module, runs its exit function and unmaps it. Refused (-EK_BUSY)
     // while others hold references, (-EK_NOENT) for a name that is not loaded; the refusal names the holders' count.
-    // From the beginning of the unloading on the module's /proc entries refuse to be entered. A name or /proc entry
-    // that the exit function leaves behind is a hard error. May sleep.
+    // From the beginning of the unloading on the module's /proc entries refuse to be entered. What the exit function
+    // leaves behind (a name, a /proc entry, what a service of the machine holds) is a hard error. May sleep.
     load_result rmmod(const std::string& name);
 
     bool is_loaded(const std::string& name) const;

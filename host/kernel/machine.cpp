@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "host/kernel/module-image.h"
+
 namespace kernel
 {
 
@@ -17,6 +19,19 @@ machine::~machine()
         panic("machine %s goes while %s is loaded", name_.c_str(), loaded.back().c_str());
     while (!services_.empty()) services_.pop_back();
     for (const std::string& leak : memory.leaks()) std::fprintf(stderr, "%s leaked %s\n", name_.c_str(), leak.c_str());
+}
+
+std::vector<std::string> machine::left_by(const module_code& leaving) const
+{
+    std::vector<const service*> asked; // without the lock: a service may make another one under its own
+    {
+        const std::lock_guard lock(services_mutex_);
+        for (const auto& each : services_) asked.push_back(each.get());
+    }
+    std::vector<std::string> left;
+    for (const service* each : asked)
+        for (std::string& text : each->left_by(leaving)) left.push_back(std::move(text));
+    return left;
 }
 
 service& machine::find_or_make(std::type_index type, std::unique_ptr<service> (*make)(machine&))

@@ -27,6 +27,10 @@ class service
 {
   public:
     virtual ~service() = default;
+
+    // What the service still holds for a module whose exit function has run, one text each: what would call into the
+    // module later, and what nobody can give back any more. May sleep.
+    virtual std::vector<std::string> left_by(const module_code&) const { return {}; }
 };
 
 struct machine_options {
@@ -64,6 +68,9 @@ class machine
         return exec_.start(this, task_name, std::move(body));
     }
 
+    // What a module has left in any service.
+    std::vector<std::string> left_by(const module_code& leaving) const;
+
     kernel::log log;
     fault_injector faults;
     memory_account memory;
@@ -78,7 +85,7 @@ class machine
     executor& exec_;
     const std::string name_;
     std::vector<fabric::hca*> hcas_;
-    std::mutex services_mutex_;
+    mutable std::mutex services_mutex_;
     std::unordered_map<std::type_index, service*> services_by_type_;
     std::vector<std::unique_ptr<service>> services_; // in order of creation
 };

@@ -1,6 +1,5 @@
 #include "host/kernel/memory.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <link.h>
@@ -13,13 +12,6 @@ namespace kernel
 namespace
 {
 
-std::string with_offset(const std::string& image, const void* code, const void* base)
-{
-    char offset[32];
-    std::snprintf(offset, sizeof offset, "+0x%tx", static_cast<const char*>(code) - static_cast<const char*>(base));
-    return image + offset;
-}
-
 std::string describe(const void* code)
 {
     Dl_info found{};
@@ -29,7 +21,7 @@ std::string describe(const void* code)
     // The nearest exported symbol may be another function's than the caller's.
     const bool is_inside =
         symbol && static_cast<const char*>(code) < static_cast<const char*>(found.dli_saddr) + symbol->st_size;
-    return is_inside ? found.dli_sname : with_offset(found.dli_fname, code, found.dli_fbase);
+    return is_inside ? found.dli_sname : text_of_place(found.dli_fname, code, found.dli_fbase);
 }
 
 } // namespace
@@ -67,13 +59,11 @@ std::vector<std::string> memory_account::leaks() const
     return lines;
 }
 
-void memory_account::image_leaves(const std::string& module_name, const void* code)
+void memory_account::image_leaves(const module_code& leaving)
 {
-    const void* base = image_of(code);
     const std::lock_guard lock(mutex_);
     for (auto& [memory, held] : live_)
-        if (held.caller_was.empty() && image_of(held.caller) == base)
-            held.caller_was = with_offset(module_name, held.caller, base);
+        if (held.caller_was.empty() && leaving.holds(held.caller)) held.caller_was = leaving.place(held.caller);
 }
 
 void* memory_account::allocate(size_t size, const void* caller)

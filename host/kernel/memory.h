@@ -12,6 +12,8 @@
 namespace kernel
 {
 
+class module_code;
+
 class memory_account
 {
   public:
@@ -29,8 +31,8 @@ class memory_account
     // "ats+0x1a2b", as addr2line takes it.
     std::vector<std::string> leaks() const;
 
-    // The image that holds `code` is about to be unmapped: blocks it asked for are listed under the module's name.
-    void image_leaves(const std::string& module_name, const void* code);
+    // The image is about to be unmapped: blocks it asked for are listed under the module's name.
+    void image_leaves(const module_code& leaving);
 
     void* allocate(size_t size, const void* caller);
     bool release(const void* memory); // false: not a live block of this machine

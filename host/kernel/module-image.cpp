@@ -1,6 +1,7 @@
 #include "host/kernel/module-image.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -78,6 +79,28 @@ const void* image_of(const void* address)
 {
     Dl_info found{};
     return dladdr(address, &found) != 0 ? found.dli_fbase : nullptr;
+}
+
+std::string text_of_place(const std::string& image, const void* code, const void* base)
+{
+    char offset[32];
+    std::snprintf(offset, sizeof offset, "+0x%tx", static_cast<const char*>(code) - static_cast<const char*>(base));
+    return image + offset;
+}
+
+module_code::module_code(std::string module_name, const void* inside)
+    : name_(std::move(module_name)), base_(image_of(inside))
+{
+}
+
+bool module_code::holds(const void* code) const
+{
+    return base_ && image_of(code) == base_;
+}
+
+std::string module_code::place(const void* code) const
+{
+    return text_of_place(name_, code, base_);
 }
 
 module_image::~module_image()

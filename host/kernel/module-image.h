@@ -37,6 +37,39 @@ class module_image
     kernel_module_t* declaration_ = nullptr;
 };
 
+// The code of a loaded module, by which the kernel and its services know what the module holds.
+class module_code
+{
+  public:
+    // `inside` is any address in the image.
+    module_code(std::string module_name, const void* inside);
+
+    const std::string& name() const { return name_; }
+    bool holds(const void* code) const;
+
+    template <class result_t, class... arguments_t>
+    bool holds(result_t (*function)(arguments_t...)) const
+    {
+        return holds(reinterpret_cast<const void*>(function));
+    }
+
+    // "ats+0x1a2b", as addr2line takes it.
+    std::string place(const void* code) const;
+
+    template <class result_t, class... arguments_t>
+    std::string place(result_t (*function)(arguments_t...)) const
+    {
+        return place(reinterpret_cast<const void*>(function));
+    }
+
+  private:
+    const std::string name_;
+    const void* const base_;
+};
+
+// An offset into an image, as place() shows it.
+std::string text_of_place(const std::string& image, const void* code, const void* base);
+
 // The beginning of the mapped image, a module's or another, that an address belongs to; null: of none.
 const void* image_of(const void* address);
 

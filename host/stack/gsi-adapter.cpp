@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "host/kernel/module-image.h"
+
 #include "kernel/errno.h"
 
 namespace stack
@@ -104,6 +106,17 @@ int gsi_adapter::deregister(gsi_class_t& ending)
     }
     hub_.detach(*this);
     return 0;
+}
+
+std::vector<std::string> gsi_adapter::left_by(const kernel::module_code& leaving) const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> left;
+    for (const gsi_class_t* each : registered_)
+        if (leaving.holds(each->sent) || leaving.holds(each->received))
+            left.push_back("GSI class " + std::to_string(each->mgt_class) + " of port " + std::to_string(each->port) +
+                           " of " + hca_.name());
+    return left;
 }
 
 int gsi_adapter::post(gsi_class_t& sender, datagram_record& record, uint64_t* transaction_id)

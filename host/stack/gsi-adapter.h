@@ -81,6 +81,9 @@ class gsi_adapter final : public fabric::listener
     gsi_counts counts() const;
     const stack::registrations& registrations() const { return registrations_; }
 
+    // The classes that a module has left registered.
+    std::vector<std::string> left_by(const kernel::module_code& leaving) const;
+
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
     void may_complete(bool again) override;
     void port_changed(int, fabric::port_change, uint16_t) override {}

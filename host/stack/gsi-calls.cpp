@@ -53,7 +53,8 @@ int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, con
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (size < 1 || !pool || !name) return -EK_INVAL;
-    datagram_pool* made = home.get<stack::gsi>().create_pool(name, static_cast<size_t>(size));
+    datagram_pool* made =
+        home.get<stack::gsi>().create_pool(name, static_cast<size_t>(size), __builtin_return_address(0));
     if (!made) return -EK_NOMEM;
     *pool = reinterpret_cast<gsi_dtgrm_pool_handle_t>(made);
     return 0;

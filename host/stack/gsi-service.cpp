@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "host/kernel/module-image.h"
+
 namespace stack
 {
 
@@ -28,12 +30,13 @@ gsi_adapter* gsi::adapter(const char* name_in_stack)
     return adapters_.back().get();
 }
 
-datagram_pool* gsi::create_pool(const char* name, size_t size)
+datagram_pool* gsi::create_pool(const char* name, size_t size, const void* creator)
 {
     std::unique_ptr<datagram_pool> made = datagram_pool::make(home_.exec(), name, size);
     if (!made) return nullptr;
     const std::lock_guard lock(mutex_);
     pools_.push_back(std::move(made));
+    creators_[pools_.back().get()] = creator;
     return pools_.back().get();
 }
 
@@ -45,7 +48,19 @@ bool gsi::destroy_pool(const datagram_pool* pool)
     if (found == pools_.end()) return false;
     ending = std::move(*found);
     pools_.erase(found);
+    creators_.erase(pool);
     return true;
+}
+
+std::vector<std::string> gsi::left_by(const kernel::module_code& leaving) const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> left;
+    for (const auto& each : adapters_)
+        for (std::string& text : each->left_by(leaving)) left.push_back(std::move(text));
+    for (const auto& each : pools_)
+        if (leaving.holds(creators_.at(each.get()))) left.push_back("datagram pool '" + each->name() + "'");
+    return left;
 }
 
 std::vector<gsi_adapter_view> gsi::adapters() const

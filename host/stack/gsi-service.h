@@ -2,6 +2,8 @@
 // are the host's.
 #pragma once
 
+#include <map>
+
 #include "host/stack/gsi-adapter.h"
 
 namespace stack
@@ -38,11 +40,13 @@ class gsi final : public kernel::service
     // For reports: what the SA has said of the records that were registered through each HCA.
     std::vector<registration_view> registrations() const;
 
+    std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
+
     // Null: the machine has no HCA of that name.
     gsi_adapter* adapter(const char* name_in_stack);
 
-    // Null: no memory.
-    datagram_pool* create_pool(const char* name, size_t size);
+    // `creator` is the calling code. Null: no memory.
+    datagram_pool* create_pool(const char* name, size_t size, const void* creator);
 
     // False: there is no such pool.
     bool destroy_pool(const datagram_pool* pool);
@@ -52,6 +56,7 @@ class gsi final : public kernel::service
     std::atomic<uint64_t> last_transaction_id_{0}; // counted: no 2^32 of one host are ever under way at a time
     mutable std::mutex mutex_;
     std::vector<std::unique_ptr<gsi_adapter>> adapters_;
+    std::map<const datagram_pool*, const void*> creators_; // the code that created each pool
     std::vector<std::unique_ptr<datagram_pool>> pools_;
 };
 

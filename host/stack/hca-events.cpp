@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "host/kernel/module-image.h"
+
 using fabric::port_change;
 
 namespace stack
@@ -99,6 +101,12 @@ bool hca_events::is_subscribed(kq_hca_h_t handle) const
 {
     const std::lock_guard lock(mutex_);
     return std::ranges::any_of(subscriptions_, [&](const subscription& each) { return each.handle == handle; });
+}
+
+bool hca_events::calls(const kernel::module_code& module) const
+{
+    const std::lock_guard lock(mutex_);
+    return std::ranges::any_of(subscriptions_, [&](const subscription& each) { return module.holds(each.callback); });
 }
 
 bool hca_events::callback_runs(kq_hca_h_t handle) const

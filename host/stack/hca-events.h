@@ -30,6 +30,9 @@ class hca_events final : public fabric::listener
     bool unsubscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
     bool is_subscribed(kq_hca_h_t handle) const;
 
+    // True if a subscription calls into that module.
+    bool calls(const kernel::module_code& module) const;
+
     void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
     void port_changed(int port, fabric::port_change change, uint16_t new_sm_lid) override;
 

@@ -15,7 +15,7 @@ int rep_open_key(rep_key_t parent, const char* path, int flags, rep_key_t* key)
     kernel::machine& home = current_machine(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOENT;
     if (!path || flags != REP_OPEN_EXISTING || !key) return -EK_INVAL;
-    return home.get<registry>().open(parent, path, key);
+    return home.get<registry>().open(parent, path, key, __builtin_return_address(0));
 }
 
 int rep_get_value(rep_key_t key, const char* name, int flags, intptr_t* value, int* length)

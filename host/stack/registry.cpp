@@ -1,5 +1,6 @@
 #include "host/stack/registry.h"
 
+#include "host/kernel/module-image.h"
 #include "host/stack/logger.h"
 #include "kernel/errno.h"
 
@@ -40,7 +41,7 @@ registry::registry(kernel::machine& home) : home_(home)
     make_key(logger::registry_key).values[logger::registry_value_name] = home.modules.logger_level();
     rep_notifier_t never_taken_back;
     rep_key_t logger_key;
-    open(root, logger::registry_key, &logger_key);
+    open(root, logger::registry_key, &logger_key, nullptr);
     follow(logger_key, logger::level_changed, &home, &never_taken_back);
     close(logger_key);
 }
@@ -95,7 +96,19 @@ std::vector<registry_value> registry::list(const std::string& path) const
     return values;
 }
 
-int registry::open(rep_key_t parent, const char* path, rep_key_t* opened)
+std::vector<std::string> registry::left_by(const kernel::module_code& leaving) const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> left;
+    for (const auto& [handle, each] : open_)
+        if (leaving.holds(each.opener)) left.push_back("open registry key " + each.to.path);
+    for (const auto& [notifier, each] : subscriptions_)
+        if (leaving.holds(each.changed) || leaving.holds(each.context))
+            left.push_back("a subscription to the registry key " + each.to.path);
+    return left;
+}
+
+int registry::open(rep_key_t parent, const char* path, rep_key_t* opened, const void* opener)
 {
     const std::lock_guard lock(mutex_);
     std::string parent_path;
@@ -104,7 +117,7 @@ int registry::open(rep_key_t parent, const char* path, rep_key_t* opened)
     const auto found = keys_.find(wanted);
     if (found == keys_.end()) return -EK_NOENT;
     *opened = next_handle_++;
-    open_[*opened] = {wanted, found->second.serial};
+    open_[*opened] = {{wanted, found->second.serial}, opener};
     return 0;
 }
 
@@ -167,8 +180,8 @@ const registry::key* registry::find(rep_key_t handle, std::string* path) const
     if (handle == root) return &keys_.at("");
     const auto opened = open_.find(handle);
     if (opened == open_.end()) return nullptr;
-    if (path) *path = opened->second.path;
-    return find(opened->second);
+    if (path) *path = opened->second.to.path;
+    return find(opened->second.to);
 }
 
 std::vector<registry::subscription> registry::followers_of(const std::string& path) const

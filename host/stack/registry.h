@@ -40,8 +40,10 @@ class registry final : public kernel::service
     // The values of the key and of those below it, by path and name.
     std::vector<registry_value> list(const std::string& path = "") const;
 
-    // repository.h tells about these.
-    int open(rep_key_t parent, const char* path, rep_key_t* opened);
+    std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
+
+    // repository.h tells about these; `opener` is the calling code.
+    int open(rep_key_t parent, const char* path, rep_key_t* opened, const void* opener);
     int read(rep_key_t of, const char* name, intptr_t* value) const;
     int follow(rep_key_t followed, rep_change_fn_t changed, void* context, rep_notifier_t* notifier);
     void close(rep_key_t closed);
@@ -60,6 +62,10 @@ class registry final : public kernel::service
         std::string path;
         uint64_t serial;
     };
+    struct opened_key {
+        reference to;
+        const void* opener;
+    };
     struct subscription {
         reference to;
         rep_change_fn_t changed;
@@ -76,7 +82,7 @@ class registry final : public kernel::service
     semaphore changes_;        // held over set() with its callbacks, and to take a subscription back
     mutable std::mutex mutex_; // guards the rest; never held over a callback
     key_map keys_;
-    std::map<rep_key_t, reference> open_;
+    std::map<rep_key_t, opened_key> open_;
     std::map<rep_notifier_t, subscription> subscriptions_;
     uint64_t next_serial_ = 1;
     rep_key_t next_handle_ = root + 1;

@@ -33,6 +33,9 @@ class timer_queue
   public:
     size_t size() const { return by_deadline_.size(); }
 
+    // All of them, by deadline.
+    const std::set<armed_timer>& all() const { return by_deadline_; }
+
     // The next one to run; there must be one.
     const armed_timer& first() const { return *by_deadline_.begin(); }
     bool is_due(uint64_t now_ticks) const { return size() > 0 && first().expires_tick <= now_ticks; }

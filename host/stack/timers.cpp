@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "host/kernel/module-image.h"
+
 using kernel::never;
 
 namespace stack
@@ -70,6 +72,21 @@ size_t timers::armed() const
     return atomic_.queue.size() + sleeping_.queue.size();
 }
 
+std::vector<std::string> timers::left_by(const kernel::module_code& leaving) const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> left;
+    for (const lane* each : {&atomic_, &sleeping_}) {
+        for (const armed_timer& timer : each->queue.all())
+            if (leaving.holds(timer.function))
+                left.push_back("a timer that calls " + leaving.place(timer.function) + " at tick " +
+                               std::to_string(timer.expires_tick));
+        if (each->running && leaving.holds(each->handler))
+            left.push_back("a timer whose handler " + leaving.place(each->handler) + " runs");
+    }
+    return left;
+}
+
 void timers::run(lane& self)
 {
     while (!self.task.is_stopping())
@@ -114,6 +131,7 @@ bool timers::take_next(lane& self, armed_timer& next)
     next = self.queue.first();
     self.queue.remove(next.record);
     self.running = next.record;
+    self.handler = next.function;
     return true;
 }
 

@@ -27,13 +27,16 @@ class timers final : public kernel::service
 
     size_t armed() const;
 
+    std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
+
   private:
     // One of the two contexts that run handlers. Guarded by mutex_, but for the task.
     struct lane {
         lane(kernel::machine& home, const char* name) : task(home, name) {}
         timer_queue queue;
-        const timing_t* running = nullptr; // whose handler is at work
-        bool arming_is_void = false;       // somebody waits for that handler in order to delete its timer
+        const timing_t* running = nullptr;        // whose handler is at work
+        void (*handler)(unsigned long) = nullptr; // that handler
+        bool arming_is_void = false;              // somebody waits for that handler in order to delete its timer
         service_task task;
     };
 

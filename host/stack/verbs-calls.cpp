@@ -50,7 +50,7 @@ kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !name || flags != shared_use || !hca) return kq_return_err_general;
-    kq_hca_h_t opened = home.get<stack::verbs>().open(name->name);
+    kq_hca_h_t opened = home.get<stack::verbs>().open(name->name, __builtin_return_address(0));
     if (!opened) return kq_return_err_invalid_hca;
     *hca = opened;
     return kq_return_ok;

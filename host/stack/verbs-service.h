@@ -19,19 +19,25 @@ class verbs final : public kernel::service
     // An HCA that was not closed is a hard error.
     ~verbs() override;
 
-    // Null: the machine has no HCA of that name.
-    kq_hca_h_t open(const char* name_in_stack);
+    // `opener` is the calling code. Null: the machine has no HCA of that name.
+    kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
     // Null: the handle is stale or was never given out. What it leads to stays for as long as the machine.
     hca_events* find(kq_hca_h_t handle) const;
 
     kq_return_t close(kq_hca_h_t handle);
 
+    std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
+
   private:
+    struct opened {
+        hca_events* adapter;
+        const void* opener;
+    };
     kernel::machine& home_;
     mutable std::mutex mutex_;
     std::map<fabric::hca*, std::unique_ptr<hca_events>> adapters_;
-    std::map<kq_hca_h_t, hca_events*> open_;
+    std::map<kq_hca_h_t, opened> open_;
     uintptr_t last_handle_ = 0;
 };
 

@@ -23,7 +23,7 @@ const std::string probe = ATS_MODULE_DIR "/probe.so";
 
 constexpr const char* valid_parameters =
     "; valid are text (text), number (whole number), result (whole number), start_ticks (whole number), "
-    "leak_bytes (whole number), keep_name (whole number)";
+    "leak_bytes (whole number), forget (whole number)";
 
 template <class result_t>
 result_t ask(kernel::machine& of, const char* symbol)
@@ -208,7 +208,7 @@ TEST_F(loading, what_a_module_forgets_is_found)
 {
     EXPECT_DEATH(
         {
-            host.modules.insmod(probe, "keep_name=1");
+            host.modules.insmod(probe, "forget=1");
             host.modules.rmmod("probe");
         },
         "probe goes without withdrawing the inter-module name probe_call");

@@ -2,11 +2,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "gsi.h"
 #include "kernel/memory.h"
 #include "kernel/module.h"
 #include "kernel/printk.h"
 #include "kernel/proc.h"
 #include "kernel/sync.h"
+#include "logger.h"
+#include "timing.h"
+#include "verbs.h"
 
 namespace
 {
@@ -16,7 +20,7 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // how long start-up takes
 int32_t leak_bytes = 0;
-int32_t keep_name = 0; // leaves its published name behind
+int32_t forget = 0; // what it leaves behind: 1 its published name, 2 all that it holds of the stack
 std::atomic<int32_t> logger_level{-1};
 
 const module_parameter_t parameters[] = {
@@ -25,7 +29,7 @@ const module_parameter_t parameters[] = {
     {"result", module_parameter_int, &result, "what start-up returns"},
     {"start_ticks", module_parameter_int, &start_ticks, "how long start-up takes"},
     {"leak_bytes", module_parameter_int, &leak_bytes, "memory to forget"},
-    {"keep_name", module_parameter_int, &keep_name, "1: do not withdraw the name"},
+    {"forget", module_parameter_int, &forget, "1: the name, 2: the stack"},
 };
 
 std::atomic<int> calls; // each image has its own
@@ -56,8 +60,33 @@ int probe_write(struct file*, const char* user_buffer, unsigned long count, void
 void stop()
 {
     remove_proc_entry("probe");
-    if (keep_name == 0) inter_module_unregister("probe_call");
+    if (forget != 1) inter_module_unregister("probe_call");
     printk("<6>probe stopped\n");
+}
+
+// Takes one of each kind.
+void use_stack()
+{
+    static timing_t timer;
+    init_timing(&timer);
+    timer.function = [](unsigned long) {};
+    timer.expires = 1000;
+    add_timing(&timer);
+    kq_hca_name name;
+    kq_hca_h_t hca;
+    const kq_request_event_record_t events{kq_async_even_all, nullptr};
+    gsi_class_handle_t handle;
+    gsi_dtgrm_pool_handle_t pool;
+    const auto completed = [](gsi_class_handle_t, void*, gsi_dtgrm_t*) {};
+    if (kq_list_hcas(&name, 1) == 1 && kq_hca_open(&name, 0, &hca) == kq_return_ok &&
+        kq_set_sleepable_async_event_cb(hca, &events, [](kq_event_record_st) {}) == kq_return_ok &&
+        gsi_register_class(3, 2, &name, 1, 0, 0, completed, completed, nullptr, &handle) == 0)
+        gsi_dtgrm_pool_create_named(1, &pool, "probe");
+    rep_key_t key;
+    rep_notifier_t notifier;
+    if (rep_open_key(rep_get_root(), "dorvex/logger", REP_OPEN_EXISTING, &key) == 0)
+        rep_notify_key_change(key, REP_NOTIFY_THIS_KEY, REP_NOTIFY_ON_VALUE, trace_lvl_change_cb, &logger_level,
+                              &notifier);
 }
 
 int start()
@@ -71,6 +100,7 @@ int start()
         entry->write_proc = probe_write;
     }
     if (leak_bytes > 0 && !kmalloc(static_cast<size_t>(leak_bytes), GFP_KERNEL)) result = -12;
+    if (forget == 2) use_stack();
     if (result < 0) stop();
     return result;
 }

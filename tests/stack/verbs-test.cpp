@@ -179,4 +179,21 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
     });
 }
 
+// Whatever would call into an image that has gone, and whatever nobody could give back any more, is found before that.
+TEST(stack_services, name_what_a_module_leaves_behind)
+{
+    machine_with_fake at;
+    ASSERT_TRUE(at.host.modules.insmod(ATS_MODULE_DIR "/probe.so"));
+    EXPECT_TRUE(at.host.modules.rmmod("probe"));
+    const auto forgets = [&] {
+        at.host.modules.insmod(ATS_MODULE_DIR "/probe.so", "forget=2");
+        at.host.modules.rmmod("probe");
+    };
+    for (const char* what :
+         {"a timer that calls probe\\+0x[0-9a-f]+ at tick 1000", "open HCA mthca0",
+          "a subscription to the events of mthca0", "GSI class 3 of port 1 of mthca0", "datagram pool 'probe'",
+          "open registry key dorvex/logger", "a subscription to the registry key dorvex/logger"})
+        EXPECT_DEATH(forgets(), "probe goes and leaves behind .*" + std::string(what));
+}
+
 } // namespace
