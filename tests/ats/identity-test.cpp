@@ -52,6 +52,15 @@ TEST_F(identity, waits_for_a_port_to_become_active)
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short"));
 }
 
+TEST(identity_of_three_hcas, takes_a_name_on_each)
+{
+    ats_world w;
+    ats_host& host = w.add({.ports = {1, 1, 1}}).load();
+    for (int hca : {0, 1, 2}) host.link_up(1, hca);
+    host.run([&] { EXPECT_EQ(host.symbol<int32_t (*)(const char*)>("ats_sa_set_hostname")("other"), 0); });
+    EXPECT_THAT(w.records(), testing::Each(HasSubstr(" other")));
+}
+
 // The first call that fails ends it. The values of those before it are new, the failing one may have its own stored.
 TEST(identity_of_three_hcas, stops_at_the_first_failure)
 {

@@ -1,5 +1,6 @@
 // The two files of the module, to the letter: the report that a read of the control file puts into the log, and the
 // version.
+#include "module-version.h"
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -61,6 +62,18 @@ TEST(report, tells_the_version_however_it_is_read)
     EXPECT_EQ(host.held(), "");
     EXPECT_TRUE(host.try_load()) << "the directories that stayed are found";
     EXPECT_EQ(host.read("dorvex/ats/version"), whole);
+}
+
+// Some kernels read on until they are told of the end.
+TEST(report, tells_where_the_version_ends)
+{
+    std::vector<int> ends;
+    for (const auto& [offset, count] : {std::pair{0, 5}, {0, 6}, {4, 1}, {4, 2}, {6, 1}}) { // of "Error\n"
+        char page[PROC_PAGE_SIZE], *start = page;
+        ends.push_back(0);
+        version_read_proc(page, &start, offset, count, &ends.back(), nullptr);
+    }
+    EXPECT_THAT(ends, ElementsAre(0, 1, 0, 1, 1));
 }
 
 } // namespace

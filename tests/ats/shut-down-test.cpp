@@ -1,4 +1,5 @@
 // Unloading: the record is deleted, everything is given back, and it ends, whatever state it meets.
+#include "kernel/errno.h"
 #include "tests/ats/failing-calls.h"
 
 namespace
@@ -45,6 +46,8 @@ TEST_F(shut_down, is_not_held_up_by_a_silent_sa_or_a_signal)
     w.requests();
     kernel::task& unloading = host.start("rmmod", [&] { host.unload(); });
     w.at(10);
+    EXPECT_EQ(host.control("set_ip_addrs 10.0.0.9"), -EK_NOENT) << "the file has an owner, who leaves";
+    EXPECT_THAT(host.machine().inter_modules.names(), testing::Not(Contains("ATS_SA_SET_IP_ADDR")));
     kernel::send_signal(unloading);
     host.finish(unloading);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "10 node1.1 DELETE none"));
@@ -68,6 +71,22 @@ TEST_F(shut_down, waits_for_gsi_and_for_callers_to_let_go)
     const std::string again = "Can't deregister GSI class - returned -16. Try again";
     told.resize(6);
     EXPECT_THAT(told, ElementsAre(received, received, again, again, deregistered, deregistered));
+    EXPECT_EQ(host.held(), "");
+}
+
+// The first HCA has stopped, and waits for nothing, when its check would come.
+TEST(shut_down_of_two_hcas, ends_verification_first)
+{
+    ats_world w;
+    ats_host& host = w.add({.ports = {1, 1}, .trace = trace_debug}).load();
+    uint64_t first_check = 0;
+    for (const std::string& line : host.log())
+        if (const std::string what = "calc_verify_timeout: timeout="; line.find(what) != std::string::npos)
+            if (first_check == 0) first_check = std::stoull(line.substr(line.find(what) + what.size()));
+    for (int hca : {0, 1}) host.link_up(1, hca);
+    w.at(first_check - 30);
+    w.subnet.faults.sa_silent = true;
+    host.unload();
     EXPECT_EQ(host.held(), "");
 }
 
