@@ -25,6 +25,16 @@ void add_record_order(CLI::App& program, const std::string& name, const std::str
     });
 }
 
+void add_flush(CLI::App& program)
+{
+    CLI::App* command = program.add_subcommand("flush", "Make a host's address cache forget an entry, or all");
+    auto what = std::make_shared<std::string>();
+    command->add_option("WHAT", *what, "An address or a GID (default: everything but the host's own)")
+        ->option_text(" ");
+    auto common = add_client_options(*command, one_host);
+    command->callback([=] { ask_and_show(*common, {{"request", "flush"}, {"what", *what}}, show_done); });
+}
+
 void add_control(CLI::App& program)
 {
     CLI::App* command = program.add_subcommand("control", "Write a command to the control file of ats");
@@ -107,6 +117,7 @@ void add_sa(CLI::App& program, int& exit_code)
 void add_orders(CLI::App& program, int& exit_code)
 {
     add_control(program);
+    add_flush(program);
     add_trace(program);
     add_record_order(program, "set-name", "Change the host name that is registered", "name", "NAME",
                      "Up to 30 characters, no blanks");

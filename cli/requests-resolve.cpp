@@ -1,6 +1,8 @@
 // Resolution in both directions.
 
 #include "cli/requests.h"
+#include "host/peers/ibat-exports.h"
+#include "host/world/published.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
 
@@ -31,18 +33,7 @@ json source_of(const world::resolution& answer)
     return answer.from_cache ? "cache" : "SA";
 }
 
-// Asks the SA about an answer of the cache, and says in `result` whether the two agree: true, false, or null when the
-// SA could not be asked.
-void verify(kernel::machine& machine, const world::resolution& cached, json& result)
-{
-    const world::resolution sure = resolve_address(machine, cached.ip, world::ask::sa_only);
-    const bool is_answer = sure.status == ibat_stat_ok || sure.status == ibat_stat_not_found;
-    const bool agrees = sure.status == cached.status && (sure.status != ibat_stat_ok || sure.gid == cached.gid);
-    result["verified"] = is_answer ? json(agrees) : json();
-    result["sa"] = sure.status == ibat_stat_ok ? world::format_gid(sure.gid) : sure.why;
-}
-
-json shown(kernel::machine& machine, const json& request, const world::resolution& answer, world::ask how)
+json shown(const world::resolution& answer, world::ask how)
 {
     json result = {{"status", name_of(answer, how)},
                    {"source", source_of(answer)},
@@ -53,8 +44,48 @@ json shown(kernel::machine& machine, const json& request, const world::resolutio
     } else {
         result["reason"] = answer.why;
     }
-    if (request.value("verify", false) && result["source"] == "cache") verify(machine, answer, result);
     return result;
+}
+
+bool is_answer(const world::resolution& resolved)
+{
+    return resolved.status == ibat_stat_ok || resolved.status == ibat_stat_not_found;
+}
+
+bool agree(const world::resolution& one, const world::resolution& other)
+{
+    return one.status == other.status && (one.status != ibat_stat_ok || (one.ip == other.ip && one.gid == other.gid));
+}
+
+bool must_verify(const json& request, const json& result)
+{
+    return request.value("verify", false) && result["source"] == "cache";
+}
+
+// Adds to `result`, which shows what the cache said, whether the SA agrees. Where it does not, its answer takes the
+// place of the cache's, whose `key` moves to "cached"; `is_corrected` says whether the cache has let go of it.
+void compare(const world::resolution& cached, const world::resolution& sure, const char* key, bool is_corrected,
+             json& result)
+{
+    result["verified"] = is_answer(sure) ? json(agree(cached, sure)) : json();
+    if (!is_answer(sure)) result["unverified_reason"] = sure.why;
+    if (result["verified"] != false) return;
+    const json said = result.value(key, json());
+    result = shown(sure, world::ask::sa_only);
+    result.update({{"verified", false}, {"source", "SA"}, {"cached", said}, {"corrected", is_corrected}});
+}
+
+// What the SA says of a GID that the cache knows. The provider of UCM looks into the cache first: it is asked when the
+// cache, told of the SA's answer about the address, has let go of the GID.
+world::resolution ask_sa_for(kernel::machine& machine, const world::resolution& cached)
+{
+    world::resolution sure = resolve_address(machine, cached.ip, world::ask::sa_only);
+    if (!is_answer(sure) || agree(cached, sure)) return sure;
+    const world::resolution by_gid = resolve_gid(machine, cached.gid, world::ask::usual);
+    if (!by_gid.from_cache) return by_gid;
+    if (sure.status == ibat_stat_ok) sure.why = "the SA names another GID for " + world::format_ipv4(cached.ip);
+    sure.status = ibat_stat_not_found;
+    return sure;
 }
 
 world::ask how_to_ask(const json& request)
@@ -69,8 +100,13 @@ json answer_resolve(site& at, const json& request)
     kernel::machine& machine = at.host_named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
     const world::resolution answer = resolve_address(machine, address_of(request.at("address")), how);
-    json result = shown(machine, request, answer, how);
-    if (answer.status == ibat_stat_ok) result["found"] = result["gid"];
+    json result = shown(answer, how);
+    if (must_verify(request, result)) {
+        const world::resolution sure = resolve_address(machine, answer.ip, world::ask::sa_only);
+        const bool is_corrected = !agree(answer, resolve_address(machine, answer.ip, world::ask::cache_only));
+        compare(answer, sure, "gid", is_corrected, result);
+    }
+    if (result["status"] == "ok") result["found"] = result["gid"];
     return result;
 }
 
@@ -84,8 +120,33 @@ json answer_reverse(site& at, const json& request)
         throw failure(exit_usage,
                       quoted(asked) + " is no GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1:2:3:4");
     const world::resolution answer = resolve_gid(machine, *gid, how);
-    json result = shown(machine, request, answer, how);
-    if (answer.status == ibat_stat_ok) result["found"] = result["address"];
+    json result = shown(answer, how);
+    if (must_verify(request, result)) {
+        const world::resolution sure = ask_sa_for(machine, answer);
+        const bool is_corrected = !agree(answer, resolve_gid(machine, *gid, world::ask::cache_only));
+        compare(answer, sure, "address", is_corrected, result);
+    }
+    if (result["status"] == "ok") result["found"] = result["address"];
+    return result;
+}
+
+json answer_flush(site& at, const json& request)
+{
+    kernel::machine& machine = at.host_named(request.value("host", "")).machine();
+    const std::string what = request.value("what", "");
+    const auto gid = world::parse_gid(what);
+    const uint32_t ip = what.empty() || gid ? 0 : address_of(what);
+    const world::published<ibat_flush_fn_t> flush(machine, "ibat_flush_fn");
+    const world::published<ibat_forget_fn_t> forget(machine, "ibat_forget_fn");
+    if (!flush || !forget) throw failure(exit_failed, "ibat is not loaded on " + machine.name());
+    int32_t dropped = 0;
+    machine.enter("flush", [&] { dropped = what.empty() ? (*flush)() : (*forget)(ip, gid ? &*gid : nullptr); });
+    if (!what.empty() && dropped == 0)
+        throw failure(exit_failed, "the cache of " + machine.name() + " has no entry of " + what +
+                                       " that it could forget: 'ats status' shows it; its own mapping stays");
+    json result = done("The cache of " + machine.name() + " forgot " + std::to_string(dropped) +
+                       (dropped == 1 ? " entry." : " entries."));
+    result["dropped"] = dropped;
     return result;
 }
 

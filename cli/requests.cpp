@@ -142,8 +142,9 @@ uint32_t address_of(const std::string& text)
 json answer_request(site& at, const json& request)
 {
     static const std::map<std::string, json (*)(site&, const json&)> requests = {
-        {"status", answer_status}, {"resolve", answer_resolve}, {"reverse", answer_reverse},  {"control", control},
-        {"trace", set_trace},      {"set-name", set_name},      {"set-address", set_address}, {"link", answer_link},
+        {"status", answer_status}, {"resolve", answer_resolve},  {"reverse", answer_reverse},
+        {"flush", answer_flush},   {"control", control},         {"trace", set_trace},
+        {"set-name", set_name},    {"set-address", set_address}, {"link", answer_link},
         {"sa", answer_sa},         {"ping", answer_ping},
     };
     const std::string name = request.value("request", "");

@@ -21,6 +21,9 @@ json answer_status(site& at, const json& request);
 json answer_resolve(site& at, const json& request);
 json answer_reverse(site& at, const json& request);
 
+// {"what": an address, a GID or ""}: IBAT forgets its entry, or all of them.
+json answer_flush(site& at, const json& request);
+
 // What several of them need: the answer of an order that was carried out, and an address as a person wrote it.
 json done(const std::string& what);
 uint32_t address_of(const std::string& text);

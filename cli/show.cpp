@@ -100,13 +100,15 @@ std::string duration(uint64_t microseconds)
     return text;
 }
 
-// What the SA said when it was asked as well; "" when it was not.
+// What was wrong with the cache's answer, when the SA was asked as well; "" when it was not.
 std::string verdict(const json& answer)
 {
     if (!answer.contains("verified")) return "";
-    if (answer.at("verified").is_null()) return "; could not be verified: " + cell(answer.at("sa"));
+    if (answer.at("verified").is_null()) return "; could not be verified: " + cell(answer.at("unverified_reason"));
     if (answer.at("verified").get<bool>()) return "; the SA agrees";
-    return "; WRONG, the SA says: " + cell(answer.at("sa"));
+    const std::string cached = answer.at("cached").is_null() ? "no owner" : cell(answer.at("cached"));
+    return "; the cache was WRONG: " + cached +
+           (answer.at("corrected").get<bool>() ? "; it is corrected" : "; it keeps that as the host's own");
 }
 
 } // namespace

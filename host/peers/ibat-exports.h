@@ -71,3 +71,8 @@ using ibat_counters_fn_t = void (*)(ibat_counters_t* counters);
 // Published as "ibat_flush_fn": forgets everything but the host's own mapping. Pending requests go on. Returns how
 // many entries it dropped. Any context.
 using ibat_flush_fn_t = int32_t (*)();
+
+// Published as "ibat_forget_fn": forgets the learned or negative entry of the address `ip` or, if `gid` is not null,
+// the learned entry of that GID. Pending requests go on. Returns 1, or 0 when there was none; the host's own mapping
+// stays. Any context.
+using ibat_forget_fn_t = int32_t (*)(uint32_t ip, const kq_gid_t* gid);

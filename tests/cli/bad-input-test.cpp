@@ -44,6 +44,7 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"resolve", "10.0.0"}, 2, "'10.0.0' is no IPv4 address: write four numbers"},
         {{"resolve", "10.0.0.256"}, 2, "is no IPv4 address"},
         {{"resolve", ""}, 2, "'' is no IPv4 address"},
+        {{"flush", "10.0.0"}, 2, "'10.0.0' is no IPv4 address"},
         {{"resolve", overlong}, 2, "aaa...' is no IPv4 address"},
         {{"resolve"}, 2, "ADDRESS is required"},
         {{"resolve", "--verify", "--cached", "10.0.0.1"}, 2, "excludes"},

@@ -18,6 +18,8 @@ using testing::StartsWith;
 constexpr const char* gid_of_node2_port1 = "0xFE800000000000000200000000020001";
 constexpr const char* gid_of_node2_port2 = "0xFE800000000000000200000000020002";
 
+constexpr const char* gid_of_node3 = "0xFE800000000000000200000000030001";
+
 constexpr const char* three_hosts = R"(
 [[host]]
 name = "node1"
@@ -147,6 +149,16 @@ void running_service::look_up()
     EXPECT_THAT(again.out, HasSubstr("from the cache"));
     EXPECT_THAT(again.out, HasSubstr("the SA agrees"));
 
+    EXPECT_EQ(ats->ask_json({"flush", "10.0.0.2"})["dropped"], 1);
+    EXPECT_EQ(ats->ask({"resolve", "10.0.0.2", "--cached"}).exit_code, 1);
+    EXPECT_THAT(ats->ask({"flush", gid_of_node2_port1}).err,
+                HasSubstr("has no entry of " + std::string(gid_of_node2_port1)));
+    EXPECT_EQ(ats->ask({"resolve", "10.0.0.2", "10.0.0.3"}).exit_code, 0);
+    EXPECT_EQ(ats->ask_json({"flush", gid_of_node2_port1})["dropped"], 1);
+    EXPECT_EQ(ats->ask({"flush", "10.0.0.1"}).exit_code, 1) << "the own mapping";
+    EXPECT_EQ(ats->ask({"flush"}).exit_code, 0);
+    EXPECT_EQ(host_status("node1")["ibat"]["cache"].size(), 1u);
+
     const json elsewhere = ats->ask_json({"reverse", gid_of_node2_port1, "--host", "node3"});
     EXPECT_EQ(elsewhere[0]["address"], "10.0.0.2");
     EXPECT_EQ(elsewhere[0]["source"], "SA");
@@ -157,13 +169,19 @@ void running_service::look_up()
 
 void running_service::find_a_stale_cache()
 {
-    EXPECT_EQ(ats->ask({"resolve", "10.0.0.3"}).exit_code, 0);
+    for (const char* asker : {"node1", "node2"})
+        EXPECT_EQ(ats->ask({"resolve", "10.0.0.3", "--host", asker}).exit_code, 0);
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.33", "--host", "node3"}).exit_code, 0);
     EXPECT_EQ(record_of("node3").value("address", ""), "10.0.0.33") << "not there when the order was carried out";
     const program_result wrong = ats->ask({"resolve", "10.0.0.3", "--verify"});
     EXPECT_EQ(wrong.exit_code, 1);
-    EXPECT_THAT(wrong.out, HasSubstr("from the cache"));
-    EXPECT_THAT(wrong.out, HasSubstr("WRONG, the SA says: the SA names no owner"));
+    EXPECT_THAT(wrong.out, StartsWith("10.0.0.3  not found: the SA names no owner  (from the SA, "));
+    EXPECT_THAT(wrong.out, HasSubstr("; the cache was WRONG: " + std::string(gid_of_node3) + "; it is corrected)"));
+    EXPECT_NE(ats->ask_json({"resolve", "10.0.0.3", "--cached"})[0]["status"], "ok");
+    const json reversed = ats->ask({"reverse", gid_of_node3, "--verify", "--host", "node2", "--json"}).answer()[0];
+    EXPECT_EQ(reversed["found"], "10.0.0.33");
+    EXPECT_EQ(reversed["cached"], "10.0.0.3");
+    EXPECT_EQ(reversed["corrected"], true);
     EXPECT_EQ(ats->ask_json({"resolve", "10.0.0.33"})[0]["status"], "ok");
 }
 

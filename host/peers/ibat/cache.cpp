@@ -172,6 +172,14 @@ cache_entry* cache::oldest() const
     return nullptr;
 }
 
+bool cache::forget(cache_entry* entry)
+{
+    if (!entry || entry == own_) return false;
+    const bool was_live = is_live(entry);
+    drop(entry);
+    return was_live;
+}
+
 void cache::unlink(cache_entry* entry)
 {
     if (entry == own_) own_ = nullptr;

@@ -63,6 +63,10 @@ class cache
     // Drops everything but the own mapping.
     int32_t flush();
 
+    // Drops one entry. False: there is none that lives, or it is the own mapping.
+    bool forget(uint32_t address) { return forget(by_address_.find(address)); }
+    bool forget(const kq_gid_t& gid) { return forget(by_gid_.find(gid)); }
+
     bool is_own(const cache_entry* entry) const { return entry == own_; }
     bool has_ageing_entries() const { return !list_empty(&learned_) || !list_empty(&negative_); }
     int32_t count() const { return count_; }
@@ -76,6 +80,7 @@ class cache
     cache_entry* store(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
     cache_entry* allocate();
     cache_entry* oldest() const;
+    bool forget(cache_entry* entry);
     void unlink(cache_entry* entry);
     void drop(cache_entry* entry);
     int32_t drop_aged(list_head* entries, int32_t limit);

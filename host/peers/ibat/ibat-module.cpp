@@ -90,6 +90,11 @@ int32_t flush()
     return service.flush();
 }
 
+int32_t forget(uint32_t ip, const kq_gid_t* gid)
+{
+    return service.forget(ip, gid);
+}
+
 const publication publications[] = {
     publication::of<ibat_attach_fn_t>("ibat_attach_fn", attach),
     publication::of<ibat_detach_fn_t>("ibat_detach_fn", detach),
@@ -102,6 +107,7 @@ const publication publications[] = {
     publication::of<ibat_cache_list_fn_t>("ibat_cache_list_fn", cache_list),
     publication::of<ibat_counters_fn_t>("ibat_counters_fn", counters),
     publication::of<ibat_flush_fn_t>("ibat_flush_fn", flush),
+    publication::of<ibat_forget_fn_t>("ibat_forget_fn", forget),
 };
 
 bool parameters_are_in_range()

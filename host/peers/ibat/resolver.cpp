@@ -194,4 +194,10 @@ int32_t resolver::flush()
     return cache_.flush();
 }
 
+int32_t resolver::forget(uint32_t address, const kq_gid_t* gid)
+{
+    spin_guard guard(&lock_);
+    return gid ? cache_.forget(*gid) : cache_.forget(address);
+}
+
 } // namespace ibat

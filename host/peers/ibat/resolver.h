@@ -60,6 +60,7 @@ class resolver
     int32_t list(ibat_cache_entry_t* entries, int32_t capacity);
     ibat_counters_t counters();
     int32_t flush();
+    int32_t forget(uint32_t address, const kq_gid_t* gid);
 
   private:
     void end_attachment();
