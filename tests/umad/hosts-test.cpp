@@ -174,8 +174,8 @@ TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)
     for (const auto& host : hosts)
         ASSERT_TRUE(wait_until([&] { return times_in(host->output(), "the SM at LID 3") > 0; }, 30s)) << host->output();
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), "not found") << "the new SA knows no records";
-    hosts[0]->ask({"set-address", "10.0.0.11"});
-    hosts[1]->ask({"set-address", "10.0.0.12"});
+    EXPECT_TRUE(hosts[0]->ask({"set-address", "10.0.0.11"}).contains("done")) << "the new SA confirms it";
+    EXPECT_TRUE(hosts[1]->ask({"set-address", "10.0.0.12"}).contains("done"));
     EXPECT_TRUE(sa_comes_to_hold(2));
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.12"), gid(2));
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
