@@ -8,30 +8,6 @@
 namespace campaign
 {
 
-namespace
-{
-
-// Addresses of memory differ from run to run: "0x7f0012345678" becomes "0x*". GIDs and transactions have 16 digits
-// and more, ports and statuses have few.
-std::string without_addresses(const std::string& line)
-{
-    std::string text;
-    for (size_t at = 0; at < line.size();) {
-        const size_t digits =
-            line.compare(at, 2, "0x") == 0 ? line.find_first_not_of("0123456789abcdefABCDEF", at + 2) : at;
-        const size_t count = std::min(digits, line.size()) - at;
-        if (count > 2 + 8 && count < 2 + 16) {
-            text += "0x*";
-            at += count;
-        } else {
-            text += line[at++];
-        }
-    }
-    return text;
-}
-
-} // namespace
-
 arena::arena(const plan& of, const options& chosen)
     : module_folder(chosen.module_folder), what(of),
       sim(kernel::make_simulation({.seed = of.seed, .explore_switches = true})), net(*sim, {.fault_seed = of.seed}),
@@ -53,7 +29,7 @@ arena::~arena()
 
 void arena::note(const std::string& who, const std::string& what_happened)
 {
-    const std::string line = std::to_string(now()) + " " + who + ": " + without_addresses(what_happened) + "\n";
+    const std::string line = std::to_string(now()) + " " + who + ": " + what_happened + "\n";
     for (const char c : line) done.digest = (done.digest ^ static_cast<uint8_t>(c)) * 0x100000001B3; // FNV-1a
     if (log_) std::fputs(line.c_str(), log_);
 }

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
+#include "host/kernel/format.h"
 #include "host/kernel/machine.h"
 #include "host/kernel/print-capture.h"
 #include "kernel/memory.h"
@@ -22,6 +22,11 @@ namespace
 
 constexpr size_t longest_print = 2048; // with its NUL
 
+uint64_t shown_address(const void* pointer)
+{
+    return current_machine("printk").addresses.nominal(pointer);
+}
+
 } // namespace
 
 void printk(const char* format, ...)
@@ -29,13 +34,12 @@ void printk(const char* format, ...)
     char text[longest_print];
     va_list arguments;
     va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of clang-tidy 14
-    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    const size_t length = kernel::format_text(text, sizeof text, format, arguments, shown_address);
     va_end(arguments);
-    if (length >= static_cast<int>(sizeof text) && std::string_view(format).ends_with('\n'))
+    if (length >= sizeof text && std::string_view(format).ends_with('\n'))
         text[sizeof text - 2] = '\n'; // what is cut still ends its line
     // A NUL that was printed as a character shows nothing, and does not end the text.
-    if (length > 0) *std::remove(text, text + std::min<size_t>(length, sizeof text - 1), '\0') = '\0';
+    *std::remove(text, text + std::min(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& home = current_machine(__func__);
     kernel::print_capture* capture = kernel::current_task()->capture;
     if (capture && !capture->take(text)) return;

@@ -52,6 +52,8 @@ load_result loader::load(const std::string& path, const std::string& parameters)
         const std::lock_guard lock(mutex_);
         if (find(std::string(loading.name()))) return {-EK_EXIST, title + "it is loaded already; unload it first"};
         if (loading.declaration().logger_level) *loading.declaration().logger_level = logger_level_;
+        const image_range range = range_of_image(&loading.declaration());
+        home_.addresses.add_image(range.begin, range.bytes);
         loading.starter = current_task(); // as soon as it is seen: nobody may unload it before it has started
         modules_.push_back(std::move(image));
     }
@@ -126,6 +128,7 @@ void loader::unmap(loaded_module& leaving)
     for (const std::string& each : home_.left_by(code)) left += (left.empty() ? "" : ", ") + each;
     if (!left.empty()) panic("%s goes and leaves behind %s", declaration.name, left.c_str());
     home_.memory.image_leaves(code);
+    home_.addresses.remove(range_of_image(&declaration).begin);
 
     std::unique_ptr<loaded_module> unmapped; // without the lock: the image's destructors may call the kernel
     const std::lock_guard lock(mutex_);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/fabric/fabric.h"
+#include "host/kernel/address-layout.h"
 #include "host/kernel/executor.h"
 #include "host/kernel/fault.h"
 #include "host/kernel/inter-module.h"
@@ -35,6 +36,7 @@ class service
 
 struct machine_options {
     uint64_t random_seed = 0; // 0: the system's randomness
+    size_t log_bytes = default_log_bytes;
 };
 
 class machine
@@ -74,6 +76,7 @@ class machine
     kernel::log log;
     fault_injector faults;
     memory_account memory;
+    address_layout addresses{memory};
     random_source random;
     proc_tree proc;
     inter_module_registry inter_modules;

@@ -1,7 +1,9 @@
 #include "host/kernel/memory.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <functional>
 #include <link.h>
 
 #include "host/kernel/module-image.h"
@@ -11,6 +13,8 @@ namespace kernel
 
 namespace
 {
+
+constexpr size_t allocation_step = 64; // between the addresses that the log shows
 
 std::string describe(const void* code)
 {
@@ -71,10 +75,27 @@ void* memory_account::allocate(size_t size, const void* caller)
     void* memory = std::malloc(size);
     if (!memory) return nullptr;
     const std::lock_guard lock(mutex_);
-    live_[memory] = {size, caller, ""};
+    live_[memory] = {size, caller, next_nominal_, ""};
+    next_nominal_ += (size / allocation_step + 1) * allocation_step;
     bytes_ += size;
     ++total_;
     return memory;
+}
+
+bool memory_account::find_nominal(const void* pointer, uint64_t* nominal) const
+{
+    const std::lock_guard lock(mutex_);
+    auto found = live_.find(pointer);
+    if (found == live_.end())
+        found = std::find_if(live_.begin(), live_.end(), [pointer](const auto& entry) {
+            const std::less<const void*> lies_before;
+            const void* end = static_cast<const char*>(entry.first) + entry.second.size;
+            return lies_before(entry.first, pointer) && lies_before(pointer, end);
+        });
+    if (found == live_.end()) return false;
+    const auto offset = static_cast<const char*>(pointer) - static_cast<const char*>(found->first);
+    *nominal = found->second.nominal + static_cast<uint64_t>(offset);
+    return true;
 }
 
 bool memory_account::release(const void* memory)

@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/kernel/address-layout.h"
+
 namespace kernel
 {
 
@@ -35,12 +37,17 @@ class memory_account
     void image_leaves(const module_code& leaving);
 
     void* allocate(size_t size, const void* caller);
+
+    // The address that the log shows for a pointer to or into a live block. False: it points into none.
+    bool find_nominal(const void* pointer, uint64_t* nominal) const;
+
     bool release(const void* memory); // false: not a live block of this machine
 
   private:
     struct block {
         size_t size;
         const void* caller;
+        uint64_t nominal;       // the address that the log shows
         std::string caller_was; // once the caller's image has gone
     };
     mutable std::mutex mutex_;
@@ -48,6 +55,7 @@ class memory_account
     std::pmr::unordered_map<const void*, block> live_{&nodes_};
     size_t bytes_ = 0;
     uint64_t total_ = 0;
+    uint64_t next_nominal_ = nominal_allocations;
 };
 
 } // namespace kernel

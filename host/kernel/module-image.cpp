@@ -103,6 +103,14 @@ std::string module_code::place(const void* code) const
     return text_of_place(name_, code, base_);
 }
 
+image_range range_of_image(const void* address)
+{
+    dl_find_object found{};
+    if (_dl_find_object(const_cast<void*>(address), &found) != 0) return {};
+    const auto* begin = static_cast<const char*>(found.dlfo_map_start);
+    return {begin, static_cast<size_t>(static_cast<const char*>(found.dlfo_map_end) - begin)};
+}
+
 module_image::~module_image()
 {
     bool is_unmapped = true;

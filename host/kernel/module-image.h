@@ -1,6 +1,7 @@
 // A module image mapped privately.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 struct kernel_module_t;
@@ -69,6 +70,13 @@ class module_code
 
 // An offset into an image, as place() shows it.
 std::string text_of_place(const std::string& image, const void* code, const void* base);
+
+// Where the mapped image lies that an address belongs to; zero bytes: it belongs to none.
+struct image_range {
+    const void* begin = nullptr;
+    size_t bytes = 0;
+};
+image_range range_of_image(const void* address);
 
 // The beginning of the mapped image, a module's or another, that an address belongs to; null: of none.
 const void* image_of(const void* address);

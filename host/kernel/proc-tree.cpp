@@ -158,6 +158,7 @@ int proc_tree::read(const std::string& path, size_t offset, size_t size, std::st
     read_proc_t* const handler = at->entry.read_proc;
     if (!handler) return -EK_INVAL;
     std::string page(PROC_PAGE_SIZE, '\0');
+    const shown_object shown_page(home_.addresses, page.data(), page.size());
     while (into->size() < size) {
         char* start = page.data();
         int eof = 0;

@@ -27,6 +27,11 @@ class datagram_pool
     const std::string& name() const { return name_; }
     size_t size() const { return size_; }
     size_t free() const;
+
+    // The memory that the datagrams lie in.
+    const void* memory() const { return slots_.get(); }
+    size_t memory_bytes() const { return size_ * sizeof(slot); }
+
     bool runs_low() const { return free() <= size_ / 2; }
 
     // A datagram with everything but its MAD zero, in a client's hands; null when none is free. Any thread.

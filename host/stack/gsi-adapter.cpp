@@ -80,6 +80,7 @@ int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_h
         if (find(client->port, client->mgt_class)) return -EK_EXIST;
         *handle = client.get();
         registered_.push_back(client.get());
+        home_.addresses.add_object(client.get(), sizeof *client); // classes stay as long as the machine
         classes_.push_back(std::move(client));
         if (!task_.is_started())
             task_.start([this] {

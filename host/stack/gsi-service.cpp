@@ -34,6 +34,7 @@ datagram_pool* gsi::create_pool(const char* name, size_t size, const void* creat
 {
     std::unique_ptr<datagram_pool> made = datagram_pool::make(home_.exec(), name, size);
     if (!made) return nullptr;
+    home_.addresses.add_object(made->memory(), made->memory_bytes());
     const std::lock_guard lock(mutex_);
     pools_.push_back(std::move(made));
     creators_[pools_.back().get()] = creator;
@@ -47,6 +48,7 @@ bool gsi::destroy_pool(const datagram_pool* pool)
     const auto found = std::ranges::find(pools_, pool, &std::unique_ptr<datagram_pool>::get);
     if (found == pools_.end()) return false;
     ending = std::move(*found);
+    home_.addresses.remove(ending->memory());
     pools_.erase(found);
     creators_.erase(pool);
     return true;

@@ -1,0 +1,21 @@
+// Formats texts as the printk of a 2.6 kernel does. It differs from printf(3): "%p" is 16 hexadecimal digits without a
+// prefix, "%#x" of zero has its prefix, a zero-padded number keeps its zeros beside a precision, and 'L' makes an
+// integer a long long.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+
+namespace kernel
+{
+
+// The number that is printed for a pointer.
+using pointer_value_fn = uint64_t (*)(const void* pointer);
+
+// Writes the text into `buffer`, cut to `size` bytes with its NUL; `size` is at least 1. Returns the length that the
+// whole text has. Conversions: d i u x X o c s p %, with the flags - + space # 0, a width, a precision, and the sizes
+// hh h l ll L z t. A null text reads "<NULL>". Anything else is printed as it stands and takes no argument.
+size_t format_text(char* buffer, size_t size, const char* format, va_list arguments, pointer_value_fn value_of);
+
+} // namespace kernel
