@@ -9,6 +9,7 @@
 #include "cli/client.h"
 #include "cli/log-filter.h"
 #include "cli/show.h"
+#include "host/kernel/log.h"
 
 namespace cli
 {
@@ -108,13 +109,19 @@ struct log_options {
     int level = trace_level_everything;
 };
 
+std::string log_text(const json& line)
+{
+    if (line.contains("dropped")) return kernel::format_dropped(line["dropped"].get<uint64_t>());
+    return line["line"].get<std::string>();
+}
+
 void show_log(const client_options& common, const log_options& options)
 {
     client service(common);
     json line = service.ask({{"request", "log"}, {"follow", options.follow}, {"level", options.level}});
     throw_if_refused(line);
     for (; !line.contains("end"); line = service.next()) {
-        std::cout << (common.as_json ? line.dump() : line.at("line").get<std::string>()) << '\n';
+        std::cout << (common.as_json ? line.dump() : log_text(line)) << '\n';
         if (options.follow && !std::cout.flush()) return;
     }
 }

@@ -88,7 +88,9 @@ std::string log_reader::read(size_t offset, size_t size)
 
 bool log_reader::next_piece()
 {
-    std::string next = file_text(log_.lines_from(next_line_, lines_at_once, &next_line_));
+    uint64_t dropped = 0;
+    std::string next = file_text(log_.lines_from(next_line_, lines_at_once, &next_line_, &dropped));
+    if (dropped > 0) next.insert(0, kernel::format_dropped(dropped) + '\n');
     if (next.empty()) return false;
     piece_offset_ += piece_.size();
     piece_ = std::move(next);

@@ -26,6 +26,7 @@ struct run_options {
     int hosts = 3; // node1, node2, node3
     std::string config;
     std::string socket = default_socket_path();
+    int log_kib = 0; // 0: what the configuration says
     std::string mount;
     std::string modules = world::default_module_folder();
     fabric_options fabric;
@@ -92,7 +93,10 @@ world_config configuration_of(const run_options& options)
         given = read_world_config(options.config);
     else if (!wants_real_host(options.fabric))
         given = numbered_hosts(options.hosts);
-    return with_fabric(std::move(given), options.fabric);
+    given = with_fabric(std::move(given), options.fabric);
+    if (options.log_kib > 0)
+        for (world::host_plan& host : given.hosts) host.log_bytes = bytes_of_kib(options.log_kib);
+    return given;
 }
 
 int serve(const run_options& options)
@@ -129,6 +133,12 @@ void add_run(CLI::App& program, int& exit_code)
             ->excludes(hosts)
             ->option_text("FILE");
     add_fabric_options(*command, options->fabric, hosts, config);
+    command
+        ->add_option("--log-kib", options->log_kib,
+                     "Memory for each host's log; the oldest lines are dropped (default: " +
+                         std::to_string(default_log_kib) + ")")
+        ->check(CLI::Range(least_log_kib, most_log_kib))
+        ->option_text("KIB");
     command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
         ->option_text("DIR");
     command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")

@@ -83,7 +83,9 @@ void stream_log(const log_request& wanted, line_channel& to)
     uint64_t next = 0;
     bool connected = true;
     while (connected) {
-        const std::vector<kernel::log_line> lines = wanted.log.lines_from(next, lines_at_once, &next);
+        uint64_t dropped = 0;
+        const std::vector<kernel::log_line> lines = wanted.log.lines_from(next, lines_at_once, &next, &dropped);
+        if (dropped > 0) connected = to.write(line_of({{"dropped", dropped}}));
         for (const kernel::log_line& line : lines)
             if (connected && trace_level_of(line.text) <= wanted.level)
                 connected = to.write(line_of({{"tick", line.tick}, {"line", kernel::format_line(line)}}));

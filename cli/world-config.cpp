@@ -163,6 +163,7 @@ world::host_plan read_host(const toml::table& table, const std::string& file, si
         reader.refuse(*reader.find("address"), quoted(address) + " is no IPv4 address like 10.0.0.1");
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
+    plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
     const std::vector<const toml::table*> hcas = reader.tables("hca");
     if (is_real || !hcas.empty()) plan.hcas.clear();
     if (hcas.size() > max_hcas) reader.refuse(*hcas.back(), "a host has at most 32 HCAs");

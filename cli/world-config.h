@@ -15,6 +15,15 @@ namespace cli
 bool is_host_name(const std::string& name);
 constexpr const char* host_name_rule = "1 to 30 characters without blanks, slashes or quotation marks";
 
+// The memory of a host's log, in KiB.
+constexpr int default_log_kib = kernel::default_log_bytes / 1024;
+constexpr int least_log_kib = 16;
+constexpr int most_log_kib = 1024 * 1024;
+constexpr size_t bytes_of_kib(int kib)
+{
+    return static_cast<size_t>(kib) * 1024;
+}
+
 struct fabric_config {
     bool is_real = false;     // real ports, of this machine, for one host
     umad::options ports = {}; // of a real fabric

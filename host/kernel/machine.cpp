@@ -8,8 +8,8 @@ namespace kernel
 {
 
 machine::machine(executor& runs_it, std::string name, const machine_options& options)
-    : random(options.random_seed), proc(*this), inter_modules(*this), modules(*this), exec_(runs_it),
-      name_(std::move(name))
+    : log(options.log_bytes), random(options.random_seed), proc(*this), inter_modules(*this), modules(*this),
+      exec_(runs_it), name_(std::move(name))
 {
 }
 

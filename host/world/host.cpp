@@ -44,7 +44,8 @@ host::host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& pl
 host::host(kernel::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
            std::string module_folder, uint64_t random_seed)
     : plan_(plan), module_folder_(std::move(module_folder)),
-      machine_(std::make_unique<kernel::machine>(exec, plan.name, kernel::machine_options{.random_seed = random_seed}))
+      machine_(std::make_unique<kernel::machine>(
+          exec, plan.name, kernel::machine_options{.random_seed = random_seed, .log_bytes = plan.log_bytes}))
 {
     for (fabric::hca* each : adapters) machine_->plug(*each);
     machine_->enter(

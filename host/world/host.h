@@ -30,7 +30,8 @@ struct host_plan {
     std::string name;
     std::vector<hca_plan> hcas = {hca_plan{}};
     int trace_level = trace_level_error; // of ats, in the registry
-    std::vector<module_plan> modules;    // in loading order; see usual_modules()
+    size_t log_bytes = kernel::default_log_bytes;
+    std::vector<module_plan> modules; // in loading order; see usual_modules()
 };
 
 // IBAT, UCM and ats for a host of that name and address, in the order that their bindings need.

@@ -17,9 +17,12 @@ std::string parameters_of(const host_setup& setup)
     return "ats_ipaddr_str=" + setup.address + " ats_hostName_str=\"" + setup.name + "\" " + setup.more_parameters;
 }
 
+constexpr size_t log_bytes = 64 << 20; // a test reads its log late
+
 world::host_plan plan_of(const host_setup& setup)
 {
-    world::host_plan plan{.name = setup.name, .hcas = {}, .trace_level = setup.trace, .modules = {}};
+    world::host_plan plan{
+        .name = setup.name, .hcas = {}, .trace_level = setup.trace, .log_bytes = log_bytes, .modules = {}};
     for (size_t i = 0; i < setup.ports.size(); ++i) plan.hcas.push_back({"mthca" + std::to_string(i), setup.ports[i]});
     return plan;
 }
@@ -27,7 +30,7 @@ world::host_plan plan_of(const host_setup& setup)
 // A pointer has 9 to 14 digits, in lower case; other numbers that are printed have fewer or more.
 std::string readable(std::string line)
 {
-    static const std::regex pointer("0x[0-9a-f]{9,14}(?![0-9a-f])");
+    static const std::regex pointer("ffff[0-9a-f]{12}(?![0-9a-f])");
     static const std::regex traced("^<6>(ERROR|WARNING|DEBUG|FUNC) *: ATS : ([a-z_]+):\\(ats_([a-z]+)\\.cpp\\):([^]*)");
     if (line.ends_with('\n')) line.pop_back();
     return std::regex_replace(std::regex_replace(line, pointer, "PTR"), traced, "$1 $3/$2: $4");
@@ -151,7 +154,7 @@ std::vector<std::string> ats_host::log()
 {
     std::vector<std::string> lines;
     for (const kernel::log_line& line : machine().log.lines_from(next_line_, SIZE_MAX, &next_line_))
-        lines.push_back(readable(line.raw));
+        lines.push_back(readable(line.raw()));
     return lines;
 }
 

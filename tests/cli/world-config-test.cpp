@@ -25,6 +25,7 @@ TEST(world_config, hosts_hcas_parameters_and_levels_are_read_and_the_rest_has_de
 name = "store"
 address = "10.1.2.3"
 trace = 4
+log_kib = 64
 [[host.hca]]
 name = "left"
 ports = 2
@@ -39,6 +40,8 @@ ibat_lifetime_seconds = 30
     ASSERT_EQ(hosts.size(), 2u);
     EXPECT_EQ(hosts[0].name, "store");
     EXPECT_EQ(hosts[0].trace_level, 4);
+    EXPECT_EQ(hosts[0].log_bytes, 65536u);
+    EXPECT_EQ(hosts[1].log_bytes, kernel::default_log_bytes);
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::name, "left"), Field(&hca_plan::name, "mthca1")));
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::ports, 2), Field(&hca_plan::ports, 1)));
     ASSERT_EQ(hosts[0].modules.size(), 3u); // the peers first: ats binds to them as it starts
@@ -81,7 +84,8 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         const char* text;
         const char* complaint;
     } cases[] = {
-        {"[[host]]\nnmae = \"x\"", ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, name, trace, ucm"},
+        {"[[host]]\nnmae = \"x\"",
+         ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, log_kib, name, trace, ucm"},
         {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
         {"hosts = 3", ":1: unknown key 'hosts'; valid here are fabric, host"},
         {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},

@@ -1,7 +1,10 @@
 // The parts of a machine that keep account: memory and the log.
+#include <climits>
+#include <cstdarg>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/kernel/format.h"
 #include "kernel/memory.h"
 #include "kernel/printk.h"
 #include "tests/kernel/one-machine.h"
@@ -73,7 +76,7 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
     const std::vector<kernel::log_line> lines = at.host.log.lines();
     ASSERT_EQ(lines.size(), 5u);
     EXPECT_EQ(kernel::format_line(lines[0]), "[   12.345] INFO : one");
-    EXPECT_EQ(lines[0].raw, "<6>INFO : one\n");
+    EXPECT_EQ(lines[0].raw(), "<6>INFO : one\n");
     EXPECT_EQ(lines[0].priority, 6);
     EXPECT_EQ(lines[1].text, "two 2, continued <3>here");
     EXPECT_EQ(lines[1].priority, kernel::log_default_priority);
@@ -84,23 +87,109 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
     for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(followed[i], lines[i].text);
 }
 
+std::string formatted(const char* format, ...)
+{
+    char text[128];
+    va_list arguments;
+    va_start(arguments, format);
+    const size_t length = kernel::format_text(text, sizeof text, format, arguments,
+                                              [](const void* pointer) { return reinterpret_cast<uint64_t>(pointer); });
+    va_end(arguments);
+    return length < sizeof text ? text : std::to_string(length) + " bytes: " + text;
+}
+
+TEST(log, formats_as_a_kernel_does)
+{
+    void* const pointer = reinterpret_cast<void*>(0xffff8800000000c0);
+    const long long large = 0xFEDCBA9876543210;
+    const struct {
+        std::string text, expected;
+    } table[] = {
+        {formatted("0x%p|%p|%4p", pointer, nullptr, nullptr), "0xffff8800000000c0|0000000000000000|   0"},
+        {formatted("%#.8x|%#x|%#X|%#o|%#.16Lx", 0, 0, 255, 8, large), "0x00000000|0x0|0XFF|010|0xfedcba9876543210"},
+        {formatted("%5d|%-5i|%+d|% d|%05d|%.3d|%06.2d", -7, -7, 7, 7, -7, 7, 7), "   -7|-7   |+7| 7|-0007|007|000007"},
+        {formatted("%*d|%*d|%.*d|%.0d", 4, 1, -4, 1, 3, 1, 0), "   1|1   |001|0"},
+        {formatted("%hd|%hhd|%hu|%hhx", 0x18000, 0x180, 0x18000, 0x1ff), "-32768|-128|32768|ff"},
+        {formatted("%d|%u|%ld|%lu|%zu", INT_MIN, 0xFFFFFFFFU, LONG_MIN, ULONG_MAX, SIZE_MAX),
+         "-2147483648|4294967295|-9223372036854775808|18446744073709551615|18446744073709551615"},
+        {formatted("%lld|%llX|%08x|%-8x|", large, large, 0xabcU, 0xabcU),
+         "-81985529216486896|FEDCBA9876543210|00000abc|abc     |"},
+        {formatted("%s|%4s|%-4s|%.2s|%s", "text", "ab", "ab", "text", nullptr), "text|  ab|ab  |te|<NULL>"},
+        {formatted("%c|%3c|100%%|%5y|%", 'a', 'b'), "a|  b|100%|%5y|%"},
+        {formatted("%s", std::string(200, 'x').c_str()), "200 bytes: " + std::string(127, 'x')},
+    };
+    for (const auto& [text, expected] : table) EXPECT_EQ(text, expected);
+}
+
+TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
+{
+    one_machine at;
+    at.run([] {
+        char* freed = static_cast<char*>(kmalloc(64, GFP_KERNEL));
+        char* second = static_cast<char*>(kmalloc(64, GFP_KERNEL));
+        printk("%p %p\n", static_cast<void*>(freed), static_cast<void*>(second + 5));
+        kfree(freed);
+        void* reused = kmalloc(64, GFP_KERNEL); // at the same place, as a rule
+        printk("%p\n", reused);
+        kfree(reused);
+        kfree(second);
+        int here = 0, there = 0;
+        printk("%p %p %p\n", static_cast<void*>(&here), static_cast<void*>(&there), static_cast<void*>(&here));
+        printk("%p %p\n", nullptr, reinterpret_cast<void*>(0x98));
+    });
+    EXPECT_EQ(at.host.log.raw(), "ffff880000000000 ffff880000000085\n"
+                                 "ffff880000000100\n"
+                                 "ffff8f0000000000 ffff8f0000001000 ffff8f0000000000\n"
+                                 "0000000000000000 0000000000000098\n");
+    char image[100], later[100];
+    at.host.addresses.add_image(image, sizeof image);
+    at.host.addresses.add_image(later, sizeof later);
+    EXPECT_EQ(at.host.addresses.nominal(image + 99), kernel::nominal_images + 99);
+    EXPECT_EQ(at.host.addresses.nominal(later), kernel::nominal_images + 4096);
+    at.host.addresses.remove(image);
+    EXPECT_EQ(at.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
+}
+
+// The texts of the lines from number `first` on, and how many were dropped: "2 dropped;line 3;".
+std::string texts_from(const kernel::log& log, uint64_t* first, size_t limit)
+{
+    uint64_t dropped = 0;
+    std::string all;
+    for (const kernel::log_line& line : log.lines_from(*first, limit, first, &dropped)) all += line.text + ";";
+    return dropped > 0 ? std::to_string(dropped) + " dropped;" + all : all;
+}
+
 TEST(log, drops_the_oldest_lines_and_numbers_go_on)
 {
-    kernel::log small(3);
-    for (int i = 0; i < 5; ++i) small.append(1, "line " + std::to_string(i) + "\n");
-    small.append(2, "open");
+    kernel::log small(2 * sizeof(kernel::log_line));
     uint64_t next = 0;
-    const auto texts = [&](uint64_t first, size_t limit) {
-        std::string all;
-        for (const kernel::log_line& line : small.lines_from(first, limit, &next)) all += line.text + ";";
-        return all;
-    };
-    EXPECT_EQ(texts(0, 1), "line 3;");
-    EXPECT_EQ(texts(next, 10), "line 4;");
-    EXPECT_EQ(texts(next, 10), "") << "the last line is not finished";
+    for (int i = 0; i < 4; ++i) small.append(1, "line " + std::to_string(i) + "\n");
+    EXPECT_EQ(texts_from(small, &next, 1), "2 dropped;line 2;");
+    EXPECT_EQ(texts_from(small, &next, 10), "line 3;");
+    small.append(2, "open");
+    EXPECT_EQ(texts_from(small, &next, 10), "") << "the last line is not finished";
     small.append(2, "ed\n");
-    EXPECT_EQ(texts(next, 10), "opened;");
-    EXPECT_EQ(next, 6u);
+    EXPECT_EQ(texts_from(small, &next, 10), "opened;");
+    EXPECT_EQ(next, 5u);
+}
+
+TEST(log, is_bounded_in_bytes_even_without_line_ends_and_its_times_never_go_back)
+{
+    constexpr size_t longest = kernel::log::longest_line;
+    kernel::log log(4 * longest);
+    log.append(7, "<3>" + std::string(2 * longest, 'x'));
+    log.append(5, "y\n<6>\n");
+    EXPECT_EQ(log.raw(), "<3>" + std::string(2 * longest, 'x') + "y\n<6>\n");
+    std::vector<size_t> sizes;
+    for (const kernel::log_line& line : log.lines()) {
+        sizes.push_back(line.text.size());
+        EXPECT_EQ(line.tick, 7u);
+        EXPECT_EQ(line.priority, line.text.empty() ? 6 : 3);
+    }
+    EXPECT_THAT(sizes, testing::ElementsAre(longest, longest, 1, 0));
+    for (int i = 0; i < 1000; ++i) log.append(8, std::string(1000, 'x'));
+    EXPECT_LE(log.raw().size(), 4 * longest);
+    EXPECT_GE(log.raw().size(), 2 * longest);
 }
 
 } // namespace
