@@ -2,11 +2,12 @@
 
 #include <chrono>
 #include <iostream>
-#include <sstream>
+#include <optional>
 #include <thread>
 #include <unistd.h>
 
 #include "cli/client.h"
+#include "cli/full-screen.h"
 #include "cli/log-filter.h"
 #include "cli/show.h"
 #include "host/kernel/log.h"
@@ -71,21 +72,25 @@ void add_resolutions(CLI::App& program, int& exit_code, const std::string& name,
     command->callback([=, &exit_code] { exit_code = run_resolutions(*common, *options, name, key); });
 }
 
-// One after another until interrupted or unable to write, each over the one before when this is a terminal.
+// One after another until interrupted or unable to write: in the window of a terminal, or as documents.
 void watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);
-    const bool on_terminal = isatty(STDOUT_FILENO) == 1;
     client service(common);
+    std::optional<full_screen> screen;
     while (std::cout) {
         const json answer = service.ask({{"request", "status"}});
         throw_if_refused(answer);
-        std::ostringstream picture;
-        if (common.as_json)
-            picture << answer.dump() << '\n';
-        else
-            show_status(picture, answer);
-        std::cout << (on_terminal && !common.as_json ? over_the_last(picture.str()) : picture.str()) << std::flush;
+        if (common.as_json) {
+            std::cout << answer.dump() << std::endl;
+        } else if (isatty(STDOUT_FILENO) == 1) {
+            if (!screen) screen.emplace();
+            const auto [columns, lines] = screen->window();
+            screen->draw(fit_status(answer, columns, lines));
+        } else {
+            show_status(std::cout, answer);
+            std::cout << std::flush;
+        }
         std::this_thread::sleep_for(redraw_period);
     }
 }
@@ -94,7 +99,7 @@ void add_status(CLI::App& program)
 {
     CLI::App* command = program.add_subcommand("status", "Show hosts, ports, addresses, counters and caches");
     auto watch = std::make_shared<bool>(false);
-    command->add_flag("--watch", *watch, "Draw it anew every second until interrupted");
+    command->add_flag("--watch", *watch, "Show it anew every second until interrupted, on a terminal in its window");
     auto common = add_client_options(*command, "Show this host only");
     command->callback([=] {
         if (*watch)

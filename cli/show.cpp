@@ -180,14 +180,4 @@ void show_done(std::ostream& to, const json& answer)
     to << cell(answer.at("done")) << '\n';
 }
 
-std::string over_the_last(const std::string& picture)
-{
-    constexpr const char* home = "\033[H";
-    constexpr const char* clear_to_line_end = "\033[K\n";
-    constexpr const char* clear_below = "\033[J";
-    std::string drawn = home;
-    for (const char each : picture) each == '\n' ? drawn += clear_to_line_end : drawn += each;
-    return drawn + clear_below;
-}
-
 } // namespace cli

@@ -20,7 +20,8 @@ void show_records(std::ostream& to, const json& answer, bool is_selection); // w
 void show_output(std::ostream& to, const json& answer);                     // of a control command
 void show_done(std::ostream& to, const json& answer);
 
-// A picture as it is sent to a terminal that shows the last one: drawn over it, line by line, without a flicker.
-std::string over_the_last(const std::string& picture);
+// The status in a window of that many columns and lines: everything if it fits, otherwise a line for each port and
+// host; what still has no room is cut, and its last line says so.
+std::string fit_status(const json& answer, size_t columns, size_t lines);
 
 } // namespace cli

@@ -2,6 +2,8 @@
 #include <fcntl.h>
 
 #include "cli/proc-mount.h"
+#include "cli/show.h"
+#include "cli/socket.h"
 #include "tests/cli/mounting.h"
 #include "tests/cli/program.h"
 
@@ -127,6 +129,12 @@ void running_service::look()
                                         {"address", "10.0.0.2"},
                                         {"host_name", "node2"},
                                         {"lease", "infinite"}}));
+    std::istringstream window(cli::fit_status(status, 80, 24));
+    size_t lines = 0;
+    for (std::string line; std::getline(window, line); ++lines) EXPECT_LE(line.size(), 80u) << line;
+    EXPECT_LE(lines, 24u);
+    EXPECT_THAT(window.str(), HasSubstr("\nnode3  mthca0  1"));
+    EXPECT_THAT(cli::fit_status(status, 80, 5), testing::EndsWith("lines more: --host NAME shows one host"));
     const program_result picture = ats->ask({"status"});
     for (const char* part : {"An embedded fabric, up for", "node1: ats 1.21",
                              "  registered: node2, 10.0.0.2, P_Key 0xFFFF, SM LID 1; confirmed",
