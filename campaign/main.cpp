@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "campaign/runner.h"
+#include "cli/progress.h"
 
 namespace
 {
@@ -12,6 +13,7 @@ using namespace campaign;
 
 constexpr double ticks_per_hour = 3'600'000;
 constexpr int exit_usage = 2;
+constexpr int exit_interrupted = 130;   // as shells count a SIGINT
 constexpr const char* no_acts = "none"; // some seeds fail without any
 
 struct request {
@@ -100,19 +102,29 @@ int replay(const request& asked)
 int run(const request& asked)
 {
     const auto begun = std::chrono::steady_clock::now();
-    uint64_t failed = 0;
+    uint64_t failed = 0, ended = 0;
+    cli::progress shown;
+    stop_when_interrupted();
     const auto enough = [&](uint64_t begun_seeds, const figures& done) {
         const double hours = static_cast<double>(done.simulated_ticks) / ticks_per_hour;
         return begun_seeds > asked.last - asked.first && hours >= asked.hours;
     };
     const figures done = run_many(asked.first, asked.jobs, asked.chosen, enough, [&](const outcome& each) {
-        if (each.complaint.empty()) return;
-        ++failed;
-        complain(each, {});
+        ++ended;
+        if (!each.complaint.empty()) {
+            ++failed;
+            shown.clear();
+            complain(each, {});
+        }
+        const std::string all = asked.hours > 0 ? "" : " of " + std::to_string(asked.last - asked.first + 1);
+        shown.show(std::to_string(ended) + all + " seeds, " + std::to_string(failed) +
+                   " failed (Ctrl-C ends with a summary)");
     });
+    shown.clear();
     show(done, std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
     if (failed > 0) std::printf("%lu seeds FAILED\n", failed);
-    return failed > 0 ? 1 : 0;
+    if (is_interrupted()) std::printf("INTERRUPTED: not all seeds were run\n");
+    return is_interrupted() ? exit_interrupted : failed > 0 ? 1 : 0;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "campaign/runner.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <csignal>
 #include <cstring>
@@ -19,6 +20,9 @@ namespace
 {
 
 constexpr unsigned longest_run_seconds = 900; // of the wall clock
+
+std::atomic<bool> was_interrupted{false};
+bool notes_interrupts = false; // instead of dying of them
 
 // A process that runs a plan. What it says goes into memory that both see, and so do its figures.
 class child
@@ -54,6 +58,7 @@ class child
   private:
     [[noreturn]] void run(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen)
     {
+        if (notes_interrupts) signal(SIGINT, SIG_IGN); // a terminal sends it to all; the parent ends this one
         alarm(longest_run_seconds);
         dup2(said_, STDERR_FILENO);
         try {
@@ -95,6 +100,20 @@ std::string kind_of(const std::string& complaint)
 
 } // namespace
 
+void stop_when_interrupted()
+{
+    notes_interrupts = true;
+    struct sigaction noting {
+    };
+    noting.sa_handler = [](int) { was_interrupted = true; };
+    sigaction(SIGINT, &noting, nullptr); // without SA_RESTART: waitpid() is to end
+}
+
+bool is_interrupted()
+{
+    return was_interrupted;
+}
+
 outcome run_apart(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen)
 {
     child one(of, act_numbers, chosen);
@@ -112,7 +131,12 @@ figures run_many(uint64_t first, int jobs, const options& chosen,
     for (uint64_t seed = first;; ++seed) {
         while (!running.empty() && (running.size() >= static_cast<size_t>(jobs) || enough(seed - first, sum))) {
             int status;
-            const pid_t ended = waitpid(-1, &status, 0);
+            const pid_t ended = was_interrupted ? -1 : waitpid(-1, &status, 0);
+            if (was_interrupted) {
+                for (const auto& [pid, killed] : running) kill(pid, SIGKILL);
+                for (const auto& [pid, killed] : running) waitpid(pid, nullptr, 0);
+                return sum;
+            }
             const auto at = running.find(ended);
             if (at == running.end()) continue;
             const outcome result = at->second.end(status);
@@ -121,7 +145,7 @@ figures run_many(uint64_t first, int jobs, const options& chosen,
             if (!result.complaint.empty()) ++sum.seeds;
             told(result);
         }
-        if (enough(seed - first, sum)) return sum;
+        if (was_interrupted || enough(seed - first, sum)) return sum;
         const plan drawn = draw_plan(seed);
         child started(drawn, all_acts(drawn), chosen);
         running.emplace(started.pid(), started);

@@ -19,6 +19,11 @@ struct outcome {
 
 outcome run_apart(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen);
 
+// From now on a SIGINT (Ctrl-C) does not end this program: run_many starts no more seeds, ends those that run, which
+// count for nothing, and returns the sum so far.
+void stop_when_interrupted();
+bool is_interrupted();
+
 // Runs seeds from `first` on until `enough` says so (told how many have been begun, and what those that ended did),
 // `jobs` at a time. Returns the sum of what was done; `told` hears of each outcome in the order in which they come.
 figures run_many(uint64_t first, int jobs, const options& chosen,

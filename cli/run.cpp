@@ -9,6 +9,7 @@
 #include "cli/commands.h"
 #include "cli/fabric-options.h"
 #include "cli/proc-mount.h"
+#include "cli/progress.h"
 #include "cli/server.h"
 #include "cli/service-notice.h"
 #include "cli/site.h"
@@ -42,6 +43,14 @@ class ending_signals
         for (const int ending : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set_, ending);
         pthread_sigmask(SIG_BLOCK, &set_, nullptr);
         signal(SIGPIPE, SIG_IGN); // a terminal that is gone is no reason to leave records behind
+    }
+
+    bool has_come() const
+    {
+        sigset_t pending;
+        sigpending(&pending);
+        return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
+               sigismember(&pending, SIGHUP) == 1;
     }
 
     // A signal may come twice at once, as from timeout(1), which tells the process and then its group. Only one that
@@ -99,13 +108,28 @@ world_config configuration_of(const run_options& options)
     return given;
 }
 
+// False when a signal came meanwhile.
+bool start(site& running, const ending_signals& signals)
+{
+    const std::string all = std::to_string(running.hosts().size());
+    progress shown;
+    return running.start([&](size_t started) {
+        shown.show("starting host " + std::to_string(started + 1) + " of " + all);
+        return !signals.has_come();
+    });
+}
+
 int serve(const run_options& options)
 {
     const world_config config = configuration_of(options);
     const ending_signals signals;
     auto listening = std::make_unique<listening_socket>(options.socket);
     site running(config, options.modules);
-    running.start();
+    if (!start(running, signals)) {
+        std::cerr << "ats: told to end while hosts were starting\n";
+        signals.wait();
+        return unload(running);
+    }
     {
         const std::unique_ptr<proc_mount> files = mount(options.mount, running);
         const server serving(running, std::move(listening));

@@ -78,18 +78,21 @@ void site::stop_capture(std::vector<std::string>& complaints)
     capture_.reset();
 }
 
-void site::start()
+bool site::start(const std::function<bool(size_t)>& may_go_on)
 {
+    size_t started = 0;
     for (const auto& host : hosts_) {
+        if (!may_go_on(started++)) return false;
         const kernel::load_result loaded = host->load();
         if (!loaded) throw did_not_start(*host, loaded);
     }
-    if (is_real()) return;
+    if (is_real()) return true;
     for (const auto& host : hosts_)
         for (const world::hca_plan& hca : host->plan().hcas)
             for (int port = 1; port <= hca.ports; ++port)
                 if (const auto up = subnet_->link_up(host->name(), hca.name, port); !up)
                     throw failure(exit_failed, up.why);
+    return true;
 }
 
 std::vector<std::string> site::stop()

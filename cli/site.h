@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,8 +29,9 @@ class site
     ~site();
 
     // Loads every host's modules and brings all links of an embedded fabric up. Throws a failure naming the host that
-    // did not start.
-    void start();
+    // did not start. `may_go_on` is asked before each host, with the number of those that have started; on its false
+    // this ends early and returns false.
+    bool start(const std::function<bool(size_t)>& may_go_on);
 
     // Takes the hosts down again, in reverse order. Returns a line for each that refused, and for a capture that is
     // not whole.

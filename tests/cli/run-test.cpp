@@ -357,4 +357,14 @@ TEST_F(running_service, watching_and_following_end_with_the_service)
     EXPECT_EQ(following.wait(), 3);
 }
 
+TEST(run, obeys_a_signal_while_hosts_are_starting)
+{
+    const scratch_folder folder;
+    ats_process starting({"run", "--hosts", "1000", "--socket", folder / "socket"}, folder / "out", folder / "err");
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "socket"); }));
+    EXPECT_EQ(starting.stop(), 0);
+    EXPECT_EQ(text_of_file(folder / "err"), "ats: told to end while hosts were starting\n");
+    EXPECT_EQ(text_of_file(folder / "out"), "ats: all hosts have unloaded.\n");
+}
+
 } // namespace

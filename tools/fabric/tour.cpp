@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "cli/progress.h"
 #include "tools/fabric/ats-hosts.h"
 
 namespace
@@ -48,8 +49,17 @@ class tour
               const std::function<bool()>& holds)
     {
         const auto begin = clock::now();
+        const std::string waited_for = what.empty() ? seen : what;
+        cli::progress shown;
+        shown.show(waited_for);
         action();
-        const bool is_seen = wait_until(holds, 60s);
+        const auto holds_now = [&] {
+            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(clock::now() - begin).count();
+            shown.show(waited_for + ", " + std::to_string(seconds) + " s");
+            return holds();
+        };
+        const bool is_seen = wait_until(holds_now, 60s);
+        shown.clear();
         const std::chrono::duration<double, std::milli> took = clock::now() - begin;
         is_good_ = is_good_ && is_seen;
         const std::string text = is_seen ? seen : "NOT SEEN: " + seen;
@@ -95,8 +105,10 @@ class tour
         const auto resolve = [&](int i, int j) { count(hosts_[i]->ask({"resolve", address_of(j + 1)}), gids_[j]); };
         const auto reverse = [&](int i, int j) { count(hosts_[i]->ask({"reverse", gids_[j]}), address_of(j + 1)); };
         const int wanted = 2 * count_ * (count_ - 1);
+        cli::progress shown;
         const auto all_pairs = [&] {
             for (int i = 0; i < count_; ++i) {
+                shown.show("node" + std::to_string(i + 1) + " of " + std::to_string(count_) + " asks for the others");
                 for (int j = 0; j < count_; ++j) {
                     if (i == j) continue;
                     if ((i + j) % 2 == 0) resolve(i, j);
@@ -108,6 +120,7 @@ class tour
         };
         const auto begin = clock::now();
         all_pairs();
+        shown.clear();
         const std::chrono::duration<double, std::milli> took = clock::now() - begin;
         is_good_ = is_good_ && right == wanted && from_sa >= wanted / 2;
         std::printf("%-44s %-42s %7.0f ms\n", ("all find each other: " + std::to_string(wanted) + " questions").c_str(),

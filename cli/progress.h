@@ -1,0 +1,40 @@
+// How far something has come, in one line of a terminal that is written over. Where standard error is no terminal,
+// nothing is shown.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+
+namespace cli
+{
+
+class progress
+{
+  public:
+    progress() : is_shown_(isatty(STDERR_FILENO) == 1) {}
+    ~progress() { clear(); }
+    progress(const progress&) = delete;
+    progress& operator=(const progress&) = delete;
+
+    void show(const std::string& text)
+    {
+        if (!is_shown_) return;
+        std::fprintf(stderr, "\r\033[K%s", text.c_str());
+        is_empty_ = false;
+    }
+
+    // Before anything else is written to the terminal.
+    void clear()
+    {
+        if (is_empty_) return;
+        std::fputs("\r\033[K", stderr);
+        is_empty_ = true;
+    }
+
+  private:
+    const bool is_shown_;
+    bool is_empty_ = true;
+};
+
+} // namespace cli
