@@ -17,7 +17,7 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
     command
         .add_option("--timeout", options->timeout_seconds,
                     "Give up on a service without a sign of life for so long (default: 5)")
-        ->check(CLI::Range(0.1, 3600.0))
+        ->check(number_from(0.1, 3600.0))
         ->option_text("SECONDS");
     return options;
 }

@@ -1,6 +1,9 @@
 #include "cli/clients.h"
 
+#include <iostream>
+
 #include "cli/client.h"
+#include "cli/control-commands.h"
 #include "cli/sa-show.h"
 #include "cli/show.h"
 
@@ -35,20 +38,34 @@ void add_flush(CLI::App& program)
     command->callback([=] { ask_and_show(*common, {{"request", "flush"}, {"what", *what}}, show_done); });
 }
 
-void add_control(CLI::App& program)
+int run_control(const client_options& common, const std::vector<std::string>& words)
+{
+    const std::string line = control_line(words);
+    const json answer = client(common).ask({{"request", "control"}, {"command", line}});
+    throw_if_refused(answer);
+    if (common.as_json)
+        std::cout << answer.dump(2) << '\n';
+    else
+        show_output(std::cout, answer);
+    if (answer.value("failed", false)) return exit_failed;
+    if (const std::string warning = control_warning(line); !warning.empty()) std::cerr << "ats: " << warning << '\n';
+    return exit_ok;
+}
+
+void add_control(CLI::App& program, int& exit_code)
 {
     CLI::App* command = program.add_subcommand("control", "Write a command to the control file of ats");
     auto words = std::make_shared<std::vector<std::string>>();
-    command
-        ->add_option("COMMAND", *words,
-                     "As in 'sa_verify_period 60 1'; 'help' lists them. Quote it when a word begins with -")
-        ->required()
+    auto is_list = std::make_shared<bool>(false);
+    command->add_option("COMMAND", *words, "As in 'sa_verify_period 60 1'. Quote it when a word begins with -")
         ->option_text("...");
+    command->add_flag("--list", *is_list, "Show the commands and what each does");
     auto common = add_client_options(*command, one_host);
-    command->callback([=] {
-        std::string line;
-        for (const std::string& word : *words) line += (line.empty() ? "" : " ") + word;
-        ask_and_show(*common, {{"request", "control"}, {"command", line}}, show_output);
+    command->callback([=, &exit_code] {
+        if (*is_list || *words == std::vector<std::string>{"help"})
+            std::cout << list_control_commands();
+        else
+            exit_code = run_control(*common, *words);
     });
 }
 
@@ -58,7 +75,7 @@ void add_trace(CLI::App& program)
     auto level = std::make_shared<int>();
     command->add_option("LEVEL", *level, "0 nothing, 1 errors, 2 warnings, 4 progress, 5 everything")
         ->required()
-        ->check(CLI::Range(0, 5))
+        ->check(number_from(0, 5))
         ->option_text(" ");
     auto common = add_client_options(*command, "On this host only (default: all hosts)");
     command->callback([=] { ask_and_show(*common, {{"request", "trace"}, {"level", *level}}, show_done); });
@@ -106,7 +123,7 @@ void add_sa(CLI::App& program, int& exit_code)
                   "The ServiceGID (default: all records)");
     add_sa_action(*sa, "silence", "Make it answer nothing, or answer again", "state", "STATE", "on or off")
         ->required()
-        ->check(CLI::IsMember({"on", "off"}));
+        ->check(one_of({"on", "off"}));
     add_sa_action(*sa, "status", "Make it answer everything with a status word", "word", "WORD",
                   "16 bits, as in 0x0300; 0 to answer as it should again")
         ->required();
@@ -116,7 +133,7 @@ void add_sa(CLI::App& program, int& exit_code)
 
 void add_orders(CLI::App& program, int& exit_code)
 {
-    add_control(program);
+    add_control(program, exit_code);
     add_flush(program);
     add_trace(program);
     add_record_order(program, "set-name", "Change the host name that is registered", "name", "NAME",

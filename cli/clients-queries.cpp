@@ -139,7 +139,7 @@ void add_log(CLI::App& program)
     command
         ->add_option("--level", options->level,
                      "Only trace lines up to this level: 1 errors, 2 warnings, 4 progress, 5 all (default)")
-        ->check(CLI::Range(0, trace_level_everything))
+        ->check(number_from(0, trace_level_everything))
         ->option_text("N");
     auto common = add_client_options(*command, one_host);
     command->callback([=] { show_log(*common, *options); });

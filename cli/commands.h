@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/failure.h"
+#include "cli/usage.h"
 
 namespace cli
 {
@@ -13,7 +14,7 @@ namespace cli
 inline void add_module_folder_option(CLI::App& command, std::string& folder)
 {
     command.add_option("--modules", folder, "The folder of ats.so, ibat.so and ucm.so (default: " + folder + ")")
-        ->check(CLI::ExistingDirectory)
+        ->check(existing_folder())
         ->option_text("DIR");
 }
 

@@ -25,7 +25,7 @@ void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option*
                      .add_option("--fabric", options.kind,
                                  "embedded: hosts on a fabric inside the program (default); umad: this machine on its "
                                  "real InfiniBand ports")
-                     ->check(CLI::IsMember({"embedded", "umad"}))
+                     ->check(one_of({"embedded", "umad"}))
                      ->excludes(config)
                      ->option_text("KIND");
     const auto of_real_host = [&](CLI::Option* option, const char* text) {
@@ -41,12 +41,12 @@ void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option*
     of_real_host(command
                      .add_option("--sa-delete-pkey", options.sa_delete_pkey,
                                  "Give Deletes the P_Key of this host's record: auto, on or off (default: auto)")
-                     ->check(CLI::IsMember({"auto", "on", "off"})),
+                     ->check(one_of({"auto", "on", "off"})),
                  "WHEN");
     of_real_host(command
                      .add_option("--port-interval", options.port_interval_ms,
                                  "How often ports are asked for their state, in ms (default: 1000)")
-                     ->check(CLI::Range(10, 60'000)),
+                     ->check(number_from(10, 60'000)),
                  "MS");
     command.add_option("--capture", options.capture, "Write every datagram to this file, for Wireshark and tshark")
         ->option_text("FILE");

@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "cli/commands.h"
+#include "cli/usage.h"
 
 namespace
 {
@@ -19,34 +21,19 @@ constexpr const char* footer =
     "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
     "See ats(8), ats-run(8).";
 
-// What is wrong with a command line, and where to look it up.
-int refuse(const CLI::App& program, const CLI::ParseError& wrong)
-{
-    const CLI::App* command = &program; // the one that was being parsed
-    std::string typed = program.get_name();
-    while (!command->get_subcommands().empty()) {
-        command = command->get_subcommands().front();
-        typed += " " + command->get_name();
-    }
-    const std::vector<std::string> strange = command->remaining();
-    const bool wants_command = command->get_require_subcommand_min() > 0;
-    std::string why = wrong.what();
-    if (wants_command && !strange.empty())
-        why =
-            (strange.front().starts_with("-") ? "unknown option " : "unknown command ") + cli::quoted(strange.front());
-    std::fprintf(stderr, "ats: %s\nTry '%s --help'.\n", why.c_str(), typed.c_str());
-    return cli::exit_usage;
-}
-
-int run(CLI::App& program, int argc, char** argv, const int& exit_code)
+int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
 {
     try {
-        program.parse(argc, argv);
+        std::reverse(words.begin(), words.end()); // as CLI11 takes them
+        program.parse(words);
         return exit_code;
     } catch (const CLI::Success& shown) { // --help and --version
-        return program.exit(shown);
+        if (program.remaining().empty()) return program.exit(shown);
+        std::fprintf(stderr, "ats: %s\n", cli::complaint_about(program, shown).c_str());
+        return cli::exit_usage;
     } catch (const CLI::ParseError& wrong) {
-        return refuse(program, wrong);
+        std::fprintf(stderr, "ats: %s\n", cli::complaint_about(program, wrong).c_str());
+        return cli::exit_usage;
     } catch (const cli::failure& failed) {
         std::fprintf(stderr, "ats: %s\n", failed.what());
         return failed.code;
@@ -71,11 +58,22 @@ int after_output(int exit_code)
 
 } // namespace
 
+// `ats help COMMAND...` is `ats COMMAND... --help`, and `ats version` is `ats --version`.
+std::vector<std::string> as_options(std::vector<std::string> words)
+{
+    if (words.front() == "version" && words.size() == 1) words.front() = "--version";
+    if (words.front() != "help") return words;
+    if (words.size() > 1 && words[1].starts_with("-")) return words;
+    words.erase(words.begin());
+    words.emplace_back("--help");
+    return words;
+}
+
 int main(int argc, char** argv)
 {
     CLI::App program(summary, "ats");
     program.footer(footer);
-    program.set_version_flag("--version", "ats " ATS_VERSION);
+    program.set_version_flag("-v,--version", "ats " ATS_VERSION);
     program.require_subcommand(1);
 
     int exit_code = cli::exit_ok;
@@ -83,9 +81,11 @@ int main(int argc, char** argv)
     cli::add_run(program, exit_code);
     cli::add_check(program, exit_code);
     cli::add_clients(program, exit_code);
+    program.add_subcommand("help", "Say how to use ats, or a command of it: ats help COMMAND");
+    program.add_subcommand("version", "Print the version");
     if (argc < 2) {
         std::fputs(program.help().c_str(), stderr);
         return cli::exit_usage;
     }
-    return after_output(run(program, argc, argv, exit_code));
+    return after_output(run(program, as_options({argv + 1, argv + argc}), exit_code));
 }

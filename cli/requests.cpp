@@ -3,6 +3,7 @@
 #include <cstring>
 #include <map>
 
+#include "cli/control-commands.h"
 #include "cli/registration.h"
 #include "cli/requests-fabric.h"
 #include "host/kernel/print-capture.h"
@@ -43,7 +44,7 @@ json control(site& at, const json& request)
         if (written < 0)
             throw failure(exit_failed,
                           "ats on " + machine.name() + " did not take the command: " + std::strerror(-written));
-        result["output"] = capture.text();
+        result = {{"output", capture.text()}, {"failed", is_complaint(capture.text())}};
     });
     return result;
 }

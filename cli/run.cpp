@@ -149,11 +149,11 @@ void add_run(CLI::App& program, int& exit_code)
     auto options = std::make_shared<run_options>();
     auto* hosts =
         command->add_option("--hosts", options->hosts, "How many hosts to run: node1, node2, ... (default: 3)")
-            ->check(CLI::Range(1, most_numbered_hosts))
+            ->check(number_from(1, most_numbered_hosts))
             ->option_text("N");
     auto* config =
         command->add_option("--config", options->config, "A TOML file of [[host]] tables, instead of --hosts")
-            ->check(CLI::ExistingFile)
+            ->check(existing_file())
             ->excludes(hosts)
             ->option_text("FILE");
     add_fabric_options(*command, options->fabric, hosts, config);
@@ -161,7 +161,7 @@ void add_run(CLI::App& program, int& exit_code)
         ->add_option("--log-kib", options->log_kib,
                      "Memory for each host's log; the oldest lines are dropped (default: " +
                          std::to_string(default_log_kib) + ")")
-        ->check(CLI::Range(least_log_kib, most_log_kib))
+        ->check(number_from(least_log_kib, most_log_kib))
         ->option_text("KIB");
     command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
         ->option_text("DIR");

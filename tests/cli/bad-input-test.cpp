@@ -46,8 +46,8 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"resolve", ""}, 2, "'' is no IPv4 address"},
         {{"flush", "10.0.0"}, 2, "'10.0.0' is no IPv4 address"},
         {{"resolve", overlong}, 2, "aaa...' is no IPv4 address"},
-        {{"resolve"}, 2, "ADDRESS is required"},
-        {{"resolve", "--verify", "--cached", "10.0.0.1"}, 2, "excludes"},
+        {{"resolve"}, 2, "ADDRESS is missing"},
+        {{"resolve", "--verify", "--cached", "10.0.0.1"}, 2, "cannot go together with"},
         {{"resolve", "10.0.0.1", "--host", "node9"}, 2, "no host 'node9'; there are node1, node2"},
         {{"reverse", "node1"}, 2, "is no GID: write 0x and up to 32 hexadecimal digits"},
         {{"reverse", "0x"}, 2, "is no GID"},
@@ -58,24 +58,29 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"set-name", std::string(31, 'n')}, 2, "cannot be a host name"},
         {{"set-name", "\xff\xfe"}, 2, "no text (UTF-8)"},
         {{"set-address", "1.2.3"}, 2, "'1.2.3' is no IPv4 address"},
-        {{"trace", "6"}, 2, "not in range"},
-        {{"trace", "high"}, 2, "high"},
-        {{"log", "--level", "-1"}, 2, "not in range"},
+        {{"trace", "6"}, 2, "LEVEL: '6' is not possible: write a number from 0 to 5"},
+        {{"log", "--level", "-1"}, 2, "write a number from 0 to 5"},
         {{"log", "--host", "node9"}, 2, "no host 'node9'"},
         {{"status", "--host", "node9"}, 2, "no host 'node9'"},
         {{"link", "up", "--port", "9"}, 2, "9"},
         {{"link", "up", "--hca", "mlx5"}, 2, "mlx5"},
         {{"link"}, 2, "Try 'ats link --help'"},
         {{"sa", "forget", "node1"}, 2, "is no GID: take one from 'ats sa show'"},
-        {{"sa", "silence", "maybe"}, 2, "maybe"},
+        {{"sa", "silence", "maybe"}, 2, "STATE: 'maybe' is not possible: write on or off"},
         {{"sa", "status", "0x10000"}, 2, "is no status word"},
         {{"sa", "status", "busy"}, 2, "'busy' is no status word: write a number up to 65535"},
-        {{"control"}, 2, "COMMAND is required"},
-        {{"conrol", "x"}, 2, "unknown command 'conrol'"},
+        {{"control"}, 2, "COMMAND is empty"},
+        {{"control", "set_hostname x"}, 2, "no control command 'set_hostname'; did you mean 'set_host_name'?"},
+        {{"control", "rarp"}, 2, "write rarp GID, not 0 arguments"},
+        {{"control", "show_local", "x"}, 2, "write show_local alone, not 1 arguments"},
+        {{"control", "set_host_name", std::string(41, 'n')}, 2, "a word has at most 40 bytes"},
+        {{"conrol", "x"}, 2, "unknown command 'conrol'; did you mean 'control'?"},
         {{overlong}, 2, "unknown command 'aaa"},
         {{"sa", "hide"}, 2, "unknown command 'hide'"},
         {{"--jsn"}, 2, "unknown option '--jsn'"},
-        {{"status", "--jsn"}, 2, "--jsn"},
+        {{"status", "--jsn"}, 2, "unknown option '--jsn'; did you mean '--json'?"},
+        {{"status", "node1"}, 2, "'node1' is one argument too many"},
+        {{"help", "stauts"}, 2, "unknown command 'stauts'; did you mean 'status'?"},
     };
     for (const bad_input& each : cases) expect_refused(ats.ask(each.arguments), each);
     std::vector<std::string> many = {"resolve", "nonsense"};
@@ -83,9 +88,6 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     const program_result most_make_sense = ats.ask(many);
     EXPECT_EQ(most_make_sense.exit_code, 2);
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
-    const program_result overlong_command = ats.ask({"control", std::string(100'000, 'x')});
-    EXPECT_EQ(overlong_command.exit_code, 0);
-    EXPECT_EQ(std::count(overlong_command.out.begin(), overlong_command.out.end(), '\n'), 1) << overlong_command.out;
 }
 
 // Speaks to the service without the program's manners.
@@ -172,9 +174,9 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
     const std::string socket = folder / "socket";
     write_file(folder / "file", "x");
     const bad_input cases[] = {
-        {{"--hosts", "0"}, 2, "not in range"},
-        {{"--hosts", "many"}, 2, "many"},
-        {{"--hosts", "2", "--config", config("ok", "[[host]]")}, 2, "excludes"},
+        {{"--hosts", "0"}, 2, "write a number from 1 to 1000"},
+        {{"--hosts", "2.5"}, 2, "--hosts = 2.5 is no whole number"},
+        {{"--hosts", "2", "--config", config("ok", "[[host]]")}, 2, "cannot go together with"},
         {{"--config", folder / "missing"}, 2, "missing"},
         {{"--config", config("typo", "[[host]]\n\nnam = \"a\"")}, 2, ":3: unknown key 'nam'"},
         {{"--config", config("parameter", "[[host]]\n[host.ats]\nats_speed = 1")}, 2, "ats_ipaddr_str"},
@@ -185,9 +187,9 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
         {{"--fabric", "umad", "--address", "10.0.0.1", "--name", "a b"}, 2, "'a b' cannot be a host name"},
         {{"--fabric", "umad", "--hosts", "2"}, 2, "--hosts is for the embedded fabric"},
         {{"--fabric", "embedded", "--port-interval", "50"}, 2, "--port-interval is for --fabric umad"},
-        {{"--hca", "mlx5_0"}, 2, "--hca requires --fabric"},
+        {{"--hca", "mlx5_0"}, 2, "--hca needs --fabric"},
         {{"--fabric", "embedded", "--address", "10.0.0.1"}, 2, "--address is for --fabric umad"},
-        {{"--fabric", "umad", "--sa-delete-pkey", "maybe"}, 2, "--sa-delete-pkey"},
+        {{"--fabric", "umad", "--sa-delete-pkey", "maybe"}, 2, "write auto, on or off"},
         {{"--capture", folder / "no/all.pcap"}, 2, "cannot write the capture"},
         {{"--socket", std::string(200, 's')}, 2, "a socket's path has 1 to 107 bytes"},
         {{"--socket", folder / "missing/socket"}, 2, "choose another path with --socket"},

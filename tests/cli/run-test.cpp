@@ -251,8 +251,23 @@ void running_service::change_identity()
     EXPECT_THAT(ats->ask({"status"}).out, HasSubstr("registration is not checked"));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period", "300", "7"}).exit_code, 0);
     EXPECT_EQ(host_status("node1")["verification"], json({{"period", 300}, {"skew", 7}}));
-    EXPECT_THAT(ats->ask({"control", "help"}).out,
-                HasSubstr("kqt /proc: unknown command: 'help'\nusage:\nshow_local "));
+    const program_result refused = ats->ask({"control", "set_ip_addrs", "1.2.3"});
+    EXPECT_EQ(refused.exit_code, 1);
+    EXPECT_THAT(refused.out, HasSubstr("ats_sa_update_ip_addrs FAIL"));
+    EXPECT_EQ(ats->ask({"control", "rarp", "0xg"}).exit_code, 1) << "a plain line is a complaint too";
+    const std::string known = ats->ask({"control", "--list"}).out;
+    cli::line_channel service(cli::connect_to(ats->socket()));
+    service.write(R"({"request":"control","command":"help"})");
+    std::istringstream usage(json::parse(service.read().value()).at("output").get<std::string>());
+    int commands = 0;
+    for (std::string line; std::getline(usage, line);) {
+        const size_t dash = line.find(" - ");
+        if (dash == line.npos) continue;
+        ++commands;
+        EXPECT_THAT(known, HasSubstr("\n" + line.substr(0, line.find(' ')) + "  "));
+    }
+    EXPECT_EQ(commands, 7) << usage.str();
+    EXPECT_EQ(std::count(known.begin(), known.end(), '\n'), 8);
 }
 
 void running_service::follow_the_log()
