@@ -44,12 +44,12 @@ TEST_F(identity, waits_for_a_port_to_become_active)
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 "));
     EXPECT_EQ(set_name("a-name-of-forty-characters-or-thereabouts"), 0);
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 a-name-of-forty-characters-or-"));
-    EXPECT_EQ(set_name("short"), 0);
-    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "nothing of the long one is left";
     host.log();
     EXPECT_EQ(set_name(nullptr), -1);
     EXPECT_THAT(host.log(), Contains("ERROR sa/ats_sa_update_hostname: ATS hostname is empty !"));
-    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short"));
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 a-name-of-forty-characters-or-"));
+    EXPECT_EQ(set_name("short"), 0);
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "nothing of the long one is left";
 }
 
 TEST(identity_of_three_hcas, takes_a_name_on_each)
@@ -99,8 +99,15 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
 {
     host.link_up(1);
     host.faults().fail_calls("gsi_post_send_dtgrm");
-    EXPECT_EQ(set_name("kept"), -1);
-    EXPECT_EQ(set_address("10.0.0.7"), -1);
+    for (const auto& [command, operation] :
+         std::map<std::string, std::string>{{"set_host_name kept", "update_hostname: ats_sa_set_new_sr Failded"},
+                                            {"set_ip_addrs 10.0.0.7", "do_update_ip:  ats_sa_set_new_sr Faild"}}) {
+        host.control(command);
+        const lines log = host.log();
+        ASSERT_GT(log.size(), 2u);
+        EXPECT_EQ(log.end()[-2], "ERROR sa/ats_sa_" + operation);
+        EXPECT_THAT(log.back(), StartsWith("ERROR api/ats_proc_cmd_update_"));
+    }
     host.faults().disarm();
     host.link_down(1);
     host.link_up(1);

@@ -51,6 +51,7 @@ class recording_peers final : public kernel::service
     void* rarp_context = nullptr;
 
     std::vector<ibat_arp_data_t> processed;
+    std::function<void()> while_processing;
     std::vector<std::pair<kq_gid_t, uint32_t>> cache; // what IBAT knows of GIDs
 
   private:
@@ -81,6 +82,7 @@ class recording_peers final : public kernel::service
     static ibat_stat_t process(ibat_arp_data_t* reply)
     {
         here().processed.push_back(*reply);
+        if (here().while_processing) here().while_processing();
         return ibat_stat_error; // of no interest to ats
     }
     static ibat_stat_t look_up(kq_gid_t* gid, ibat_arp_data_t* found)

@@ -128,19 +128,18 @@ TEST_F(resolution, ends_once_however_late_the_answer_is)
     EXPECT_THAT(again.answers, ElementsAre(told(2500, ibat_stat_ok, "10.0.0.2"))) << "by the answer to the first";
 }
 
-// Whoever is called back may see to it that the next request follows; what waits for the same GID is over by then.
-TEST_F(resolution, a_callback_may_lead_to_the_next_request)
+TEST_F(resolution, of_twenty_at_once_four_find_no_datagram)
 {
-    asker second;
-    kernel::task* next = nullptr;
-    who.then = [&](const ibat_arp_data_t*) { next = &host.start("next", [&] { host.reverse(other.gid(1), second); }); };
-    host.reverse(other.gid(1), who);
-    ASSERT_TRUE(next);
-    host.finish(*next);
-    w.sim->settle();
-    EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET node2.1", "0 node1.1 GET node2.1"));
-    EXPECT_EQ(who.answers.size(), 1u);
-    EXPECT_EQ(second.answers.size(), 1u);
+    std::vector<asker> askers(20);
+    std::map<ibat_stat_t, int> at_once, in_the_end;
+    host.run([&] {
+        for (uint64_t i = 0; i < askers.size(); ++i) ++at_once[host.reverse({i, 7}, askers[i])];
+    });
+    EXPECT_THAT(at_once, ElementsAre(std::pair(ibat_stat_error, 4), std::pair(ibat_stat_pending, 16)));
+    EXPECT_THAT(host.log(), testing::SizeIs(8)); // two for each
+    w.at(2000);
+    for (const asker& each : askers) ++in_the_end[each.answers.at(0).status];
+    EXPECT_THAT(in_the_end, ElementsAre(std::pair(ibat_stat_not_found, 16), std::pair(ibat_stat_timeout, 4)));
 }
 
 TEST_F(resolution, without_an_active_port_fails_and_still_times_out)

@@ -54,6 +54,7 @@ TEST(semaphores, a_signal_ends_a_wait_but_does_not_refuse_a_free_unit)
         EXPECT_EQ(get_jiffies(), 0u);
     });
     kernel::task& deaf = at.at(0, "deaf", [&] {
+        kernel::send_signal(*kernel::current_task());
         down(&sem);
         EXPECT_EQ(get_jiffies(), 9u);
     });
