@@ -49,7 +49,6 @@ struct asker {
         bool operator==(const answer&) const = default;
     };
     std::vector<answer> answers;
-    std::function<void(const ibat_arp_data_t* record)> then;
     int64_t order = 0; // among all who were told
     static inline int64_t told = 0;
 
@@ -79,8 +78,8 @@ class ats_host
     // Runs `body` in a task of the host, then, called from outside of any task, everything that it made ready.
     void run(const std::function<void()>& body);
 
-    // Asks as UCM would; the answer comes to `who` unless the result says otherwise.
-    ibat_stat_t reverse(const kq_gid_t& gid, asker& who, uint32_t* at_once = nullptr);
+    // Asks as UCM would; the answer comes to `who`.
+    ibat_stat_t reverse(const kq_gid_t& gid, asker& who);
 
     // Asks as IBAT would.
     ibat_stat_t resolve(const std::string& address);

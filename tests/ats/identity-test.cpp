@@ -133,35 +133,4 @@ TEST_F(identity, a_pending_signal_ends_every_wait)
     EXPECT_THAT(host.log(), ElementsAre(interrupted, interrupted, interrupted));
 }
 
-// ---- machines of one process ----
-
-TEST(identity_of_three_machines, is_their_own)
-{
-    ats_world w;
-    std::vector<ats_host*> hosts;
-    for (const char* number : {"1", "2", "3"})
-        hosts.push_back(
-            &w.add_registered({.name = "node" + std::string(number), .address = "10.0.0." + std::string(number)}));
-    hosts[1]->control("set_host_name other");
-    hosts[1]->control("sa_verify_period 7 0");
-    hosts[2]->trace(trace_debug);
-    hosts[0]->unload();
-    EXPECT_THAT(w.records(), ElementsAre("node2.1 10.0.0.2 other", "node3.1 10.0.0.3 node3"));
-    hosts[0]->load();
-    EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1", "node2.1 10.0.0.2 other", "node3.1 10.0.0.3 node3"));
-    const lines verifications = {"60", "7", "60"};
-    for (int i = 0; i < 3; ++i) {
-        hosts[i]->log();
-        hosts[i]->read("dorvex/ats/control");
-        const lines report = hosts[i]->log();
-        EXPECT_THAT(report.back(), StartsWith("SA verification period:" + verifications[i] + " "));
-        EXPECT_EQ(report[0].starts_with("DEBUG"), i == 2);
-    }
-    asker who;
-    hosts[1]->peers().processed.clear();
-    hosts[0]->reverse(hosts[2]->gid(1), who);
-    EXPECT_EQ(who.answers.at(0).ip, ip_of("10.0.0.3"));
-    EXPECT_THAT(hosts[1]->peers().processed, IsEmpty());
-}
-
 } // namespace

@@ -54,23 +54,6 @@ TEST(trace, both_levels_must_admit_a_line)
     EXPECT_NE(*host.symbol<rep_notifier_t*>("ATS_log_rep_h"), 0);
 }
 
-TEST(trace, a_line_names_level_operation_and_unit)
-{
-    ats_world w;
-    ats_host& host = w.add({.trace = trace_func}).load();
-    host.machine().log.clear();
-    host.control("rarp 0x");
-    w.inject(host, 1, sa_reply({}, "10.0.0.9"));
-    host.unload();
-    const std::string raw = host.machine().log.raw();
-    for (const char* line : {
-             "<6>ERROR   : ATS : ats_parsegidstr:(ats_misc.cpp):The gid string is too long or too short\n",
-             "<6>DEBUG   : ATS : ats_stop:(ats_api.cpp):stop hca 0\n",
-             "<6>ERROR   : ATS : ats_sa_stop:(ats_sa.cpp):Can't start SA del of service record, ret - -1\n",
-         })
-        EXPECT_THAT(raw, HasSubstr(line));
-}
-
 TEST(trace, without_a_registry_value_it_is_off_and_said)
 {
     const std::string no_key = "ZR_LOGGER: rep_open_key failed for, dorvex/modules/ats/ -- disabling logging";

@@ -147,6 +147,17 @@ TEST(wake_ups, are_never_lost_and_several_are_one)
     EXPECT_THAT(woken_at, ElementsAre(5u, 7u, 9u, 109u));
 }
 
+// The report of the stand that `body` leads to.
+std::string stand_of(one_machine& at, const std::function<void()>& body)
+{
+    try {
+        at.run(body);
+    } catch (const kernel::stalled& stand) {
+        return stand.what();
+    }
+    return "it went on";
+}
+
 TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
 {
     one_machine at;
@@ -158,18 +169,14 @@ TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
         wait_event_interruptible_timeout(
             &answers, [] { return false; }, ULONG_MAX);
     });
-    std::string report;
-    try {
-        at.run([&] {
-            schedule_timeout_uninterruptible(20);
-            down(&mine);
-        });
-    } catch (const kernel::stalled& stand) {
-        report = stand.what();
-    }
-    EXPECT_EQ(report, "deadlock: test cannot go on at tick 20\n"
-                      "node1/worker waits for schedule_timeout_interruptible(&ats->delete_resp_wq) since tick 0\n"
-                      "node1/test waits for down(&ats->ats_sem) since tick 20\n");
+    const auto wait = [&] {
+        schedule_timeout_uninterruptible(20);
+        down(&mine);
+    };
+    EXPECT_EQ(stand_of(at, wait),
+              "deadlock: test cannot go on at tick 20\n"
+              "node1/worker waits for schedule_timeout_interruptible(&ats->delete_resp_wq) since tick 0\n"
+              "node1/test waits for down(&ats->ats_sem) since tick 20\n");
     EXPECT_THROW(at.sim->join(worker), kernel::stalled);
 
     // Life goes on without the one whose caller has gone, and with those who can be helped.
@@ -182,12 +189,8 @@ TEST(stands, no_end_in_sight_is_one_too)
 {
     one_machine at({.patience_ticks = 100});
     at.run([] { schedule_timeout_uninterruptible(100); });
-    try {
-        at.run([] { schedule_timeout_uninterruptible(101); });
-        ADD_FAILURE() << "it waited";
-    } catch (const kernel::stalled& stand) {
-        EXPECT_THAT(stand.what(), HasSubstr("no end in sight: test cannot go on at tick 100"));
-    }
+    EXPECT_THAT(stand_of(at, [] { schedule_timeout_uninterruptible(101); }),
+                HasSubstr("no end in sight: test cannot go on at tick 100"));
 }
 
 TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
@@ -198,12 +201,7 @@ TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
     const auto take = [&] { spin_lock_irqsave(&lock); };
     at.run(take); // never released
     kernel::task& other = at.host.start("other", take);
-    try {
-        at.run(take);
-        ADD_FAILURE() << "it has the lock";
-    } catch (const kernel::stalled& stand) {
-        EXPECT_THAT(stand.what(), HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));
-    }
+    EXPECT_THAT(stand_of(at, take), HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));
     at.run([&] { spin_unlock_irqrestore(&lock, 1); });
     at.sim->join(other);
 }

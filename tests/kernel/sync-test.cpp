@@ -115,23 +115,22 @@ TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_ti
         one_machine at({.start_tick = 100});
         wait_queue_head_t queue;
         init_waitqueue_head(&queue);
-        kernel::task* sleeper = nullptr;
         bool condition = false;
-        if (each.wake_at != 0) at.at(each.wake_at, "waker", [&] { wake_up_interruptible(&queue); });
-        if (each.true_at != 0) {
-            at.at(each.true_at, "setter", [&] {
-                condition = true;
+        for (const uint64_t tick : {each.wake_at, each.true_at}) {
+            if (tick == 0) continue;
+            at.at(tick, "waker", [&, tick] {
+                condition = tick == each.true_at;
                 wake_up_interruptible(&queue);
             });
         }
-        sleeper = &at.at(100, "sleeper", [&] {
+        kernel::task& sleeper = at.at(100, "sleeper", [&] {
             wait_event_interruptible_timeout(
                 &queue, [&] { return condition; }, each.timeout);
             EXPECT_EQ(get_jiffies(), each.expected_end);
             EXPECT_TRUE(list_empty(&queue.sleepers));
         });
-        if (each.signal_at == 100) kernel::send_signal(*sleeper);
-        if (each.signal_at > 100) at.at(each.signal_at, "sender", [&] { kernel::send_signal(*sleeper); });
+        if (each.signal_at == 100) kernel::send_signal(sleeper);
+        if (each.signal_at > 100) at.at(each.signal_at, "sender", [&] { kernel::send_signal(sleeper); });
         at.finish();
     }
 }

@@ -58,18 +58,12 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
     EXPECT_EQ(host.log.lines().size(), static_cast<size_t>(expected));
 }
 
-TEST_F(threads, a_task_that_throws_or_sleeps_where_it_may_not_dies)
+TEST_F(threads, a_task_that_throws_dies)
 {
     EXPECT_THROW(host.enter("test", [] { throw 5; }), int);
     EXPECT_EQ(kernel::current_task(), nullptr);
     EXPECT_DEATH(exec->join(host.start("worker", [] { throw std::runtime_error("lost"); })),
                  "node1, in worker: an exception escaped: lost");
-    EXPECT_DEATH(host.enter("test",
-                            [] {
-                                const kernel::atomic_section timer("the request timer");
-                                schedule_timeout_interruptible(1);
-                            }),
-                 "schedule_timeout_interruptible may sleep, and is called in the request timer");
 }
 
 } // namespace
