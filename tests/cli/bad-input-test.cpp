@@ -80,7 +80,7 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"--jsn"}, 2, "unknown option '--jsn'"},
         {{"status", "--jsn"}, 2, "unknown option '--jsn'; did you mean '--json'?"},
         {{"status", "node1"}, 2, "'node1' is one argument too many"},
-        {{"help", "stauts"}, 2, "unknown command 'stauts'; did you mean 'status'?"},
+        {{"help", "lgo"}, 2, "unknown command 'lgo'; did you mean 'log'?"},
     };
     for (const bad_input& each : cases) expect_refused(ats.ask(each.arguments), each);
     std::vector<std::string> many = {"resolve", "nonsense"};

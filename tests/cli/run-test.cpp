@@ -254,7 +254,7 @@ void running_service::change_identity()
     const program_result refused = ats->ask({"control", "set_ip_addrs", "1.2.3"});
     EXPECT_EQ(refused.exit_code, 1);
     EXPECT_THAT(refused.out, HasSubstr("ats_sa_update_ip_addrs FAIL"));
-    EXPECT_EQ(ats->ask({"control", "rarp", "0xg"}).exit_code, 1) << "a plain line is a complaint too";
+    EXPECT_EQ(ats->ask({"control", "sa_verify_period", "x", "5"}).exit_code, 1) << "a plain line is a complaint too";
     const std::string known = ats->ask({"control", "--list"}).out;
     cli::line_channel service(cli::connect_to(ats->socket()));
     service.write(R"({"request":"control","command":"help"})");
