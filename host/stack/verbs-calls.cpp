@@ -3,6 +3,7 @@
 #include <bit>
 
 #include "host/stack/verbs-service.h"
+#include "kernel/printk.h"
 
 using kernel::machine_where_others_may_run;
 
@@ -40,7 +41,10 @@ int kq_list_hcas(kq_hca_name* names, int capacity)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !names || capacity < 0) return kq_return_err_general;
-    const int count = std::min(capacity, static_cast<int>(home.hcas().size()));
+    const int present = static_cast<int>(home.hcas().size());
+    const int count = std::min(capacity, present);
+    if (count < present && count > 0 && home.get<stack::verbs>().is_first_cut())
+        printk("verbs - this host has %d hcas, only the first %d are used\n", present, count);
     std::transform(home.hcas().begin(), home.hcas().begin() + count, names,
                    [](const fabric::hca* each) { return stack::name_in_stack(*each); });
     return count;

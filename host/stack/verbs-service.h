@@ -2,6 +2,7 @@
 // told from a good one.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,9 @@ class verbs final : public kernel::service
 
     std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
 
+    // True for the first list of HCAs that has no room for all: it is worth a line in the log, once.
+    bool is_first_cut() { return !cut_.exchange(true); }
+
   private:
     struct opened {
         hca_events* adapter;
@@ -39,6 +43,7 @@ class verbs final : public kernel::service
     std::map<fabric::hca*, std::unique_ptr<hca_events>> adapters_;
     std::map<kq_hca_h_t, opened> open_;
     uintptr_t last_handle_ = 0;
+    std::atomic<bool> cut_{false};
 };
 
 } // namespace stack

@@ -139,6 +139,10 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
         kq_hca_name names[3];
         EXPECT_EQ(kq_list_hcas(names, 0), 0);
         EXPECT_EQ(kq_list_hcas(names, 3), 1);
+        EXPECT_EQ(at.host.log.raw(), "");
+        at.host.plug(at.hca);
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(kq_list_hcas(names, 1), 1);
+        EXPECT_EQ(at.host.log.raw(), "verbs - this host has 2 hcas, only the first 1 are used\n");
         kq_hca_h_t hca, other;
         const kq_hca_name unknown{"mthca1"};
         EXPECT_EQ(kq_hca_open(&unknown, 0, &hca), kq_return_err_invalid_hca);
