@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <new>
 
 #include "cli/commands.h"
 #include "cli/usage.h"
@@ -41,6 +42,9 @@ int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
         std::fputs("ats: the service gave an answer that this command does not understand: are both of one version?\n",
                    stderr);
         return cli::exit_unreachable;
+    } catch (const std::bad_alloc&) {
+        std::fputs("ats: the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)\n", stderr);
+        return cli::exit_failed;
     } catch (const std::exception& failed) {
         std::fprintf(stderr, "ats: %s\n", failed.what());
         return cli::exit_failed;

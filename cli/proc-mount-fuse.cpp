@@ -11,6 +11,7 @@
 
 #include "cli/failure.h"
 #include "cli/fuse-calls.h"
+#include "host/kernel/shortage.h"
 
 namespace cli
 {
@@ -70,12 +71,12 @@ class fuse_mount final : public proc_mount
         };
         waking.sa_handler = do_nothing;
         sigaction(SIGUSR1, &waking, nullptr);
-        server_ = std::thread([this] {
-            fuse_loop_config* config = fuse_loop_cfg_create();
-            fuse_session_loop_mt(session_, config);
-            fuse_loop_cfg_destroy(config);
-            ended_ = true;
-        });
+        try {
+            server_ = kernel::new_thread([this] { serve(); });
+        } catch (const kernel::shortage&) {
+            unmount();
+            throw;
+        }
     }
 
     // The loop has to end before the unmount: as long as somebody has a file open, an unmount wakes nobody in it. It
@@ -86,11 +87,24 @@ class fuse_mount final : public proc_mount
         fuse_session_exit(session_);
         for (; !ended_; std::this_thread::sleep_for(again)) pthread_kill(server_.native_handle(), SIGUSR1);
         server_.join();
+        unmount();
+    }
+
+  private:
+    void serve()
+    {
+        fuse_loop_config* config = fuse_loop_cfg_create();
+        fuse_session_loop_mt(session_, config);
+        fuse_loop_cfg_destroy(config);
+        ended_ = true;
+    }
+
+    void unmount()
+    {
         fuse_session_unmount(session_);
         fuse_session_destroy(session_);
     }
 
-  private:
     void mount(const std::string& directory)
     {
         const libfuse_complaints complaints;

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 
 #include "cli/commands.h"
 #include "cli/fabric-options.h"
@@ -14,6 +15,7 @@
 #include "cli/service-notice.h"
 #include "cli/site.h"
 #include "cli/socket.h"
+#include "host/kernel/shortage.h"
 
 namespace cli
 {
@@ -123,6 +125,7 @@ int serve(const run_options& options)
 {
     const world_config config = configuration_of(options);
     const ending_signals signals;
+    const kernel::reserve last_memory([] { kill(getpid(), SIGTERM); });
     auto listening = std::make_unique<listening_socket>(options.socket);
     site running(config, options.modules);
     if (!start(running, signals)) {
@@ -138,7 +141,10 @@ int serve(const run_options& options)
         signals.wait();
         notify_service_manager("STOPPING=1");
     }
-    return unload(running);
+    const int unloaded = unload(running);
+    if (!kernel::reserve::is_used()) return unloaded;
+    std::cerr << "ats: the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts\n";
+    return exit_failed;
 }
 
 } // namespace

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 
 #include "cli/registration.h"
+#include "host/kernel/shortage.h"
 #include "kernel/errno.h"
 
 namespace cli
@@ -25,6 +27,21 @@ failure did_not_start(world::host& host, const kernel::load_result& loaded)
     return {loaded.error == -EK_INVAL ? exit_usage : exit_failed, why};
 }
 
+// Takes a step of a host's start. Throws a failure that names the host when it came to a limit of the process.
+template <class step_t>
+void or_not_started(const std::string& host, const step_t& step)
+{
+    const std::string title = host + " does not start: ";
+    try {
+        step();
+        if (kernel::reserve::is_used()) kernel::throw_shortage("the memory is used up: run fewer hosts");
+    } catch (const kernel::shortage& shortage) {
+        throw failure(exit_failed, title + shortage.what());
+    } catch (const std::bad_alloc&) {
+        throw failure(exit_failed, title + "the memory is used up: run fewer hosts");
+    }
+}
+
 } // namespace
 
 site::site(const world_config& config, const std::string& module_folder) : exec_(kernel::make_threaded_executor())
@@ -38,9 +55,11 @@ site::site(const world_config& config, const std::string& module_folder) : exec_
     }
     if (!config.fabric.capture.empty()) start_capture(config.fabric.capture);
     for (const world::host_plan& plan : config.hosts)
-        hosts_.push_back(
-            real_ ? std::make_unique<world::host>(*exec_, real_->hcas(), plan, module_folder, system_randomness)
-                  : std::make_unique<world::host>(*exec_, *subnet_, plan, module_folder, system_randomness));
+        or_not_started(plan.name, [&] {
+            hosts_.push_back(
+                real_ ? std::make_unique<world::host>(*exec_, real_->hcas(), plan, module_folder, system_randomness)
+                      : std::make_unique<world::host>(*exec_, *subnet_, plan, module_folder, system_randomness));
+        });
 }
 
 site::~site()
@@ -83,8 +102,10 @@ bool site::start(const std::function<bool(size_t)>& may_go_on)
     size_t started = 0;
     for (const auto& host : hosts_) {
         if (!may_go_on(started++)) return false;
-        const kernel::load_result loaded = host->load();
-        if (!loaded) throw did_not_start(*host, loaded);
+        or_not_started(host->name(), [&] {
+            const kernel::load_result loaded = host->load();
+            if (!loaded) throw did_not_start(*host, loaded);
+        });
     }
     if (is_real()) return true;
     for (const auto& host : hosts_)

@@ -22,7 +22,8 @@ class site
 {
   public:
     // Builds the fabric and the hosts; links of an embedded fabric are down. Modules come from `module_folder`. Throws
-    // a failure when real ports cannot be opened, or the capture file cannot be written.
+    // a failure when real ports cannot be opened, the capture file cannot be written, or the process has no room for
+    // all hosts.
     site(const world_config& config, const std::string& module_folder);
 
     // Unloads every host's modules; see stop().

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <new>
 #include <unistd.h>
 
 #include "bench/bench-world.h"
@@ -187,9 +188,7 @@ int repeat(const std::string& step, int count)
     return 0;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     const std::string what = argc > 1 ? argv[1] : "";
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
@@ -199,4 +198,18 @@ int main(int argc, char** argv)
         if (what == step && count > 0) return repeat(what, count);
     std::fprintf(stderr, "usage: ats-figures scale HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
     return 2;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        std::fputs("ats-figures: the memory is used up: run fewer hosts\n", stderr);
+    } catch (const std::exception& failed) {
+        std::fprintf(stderr, "ats-figures: %s\n", failed.what());
+    }
+    return 1;
 }

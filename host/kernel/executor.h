@@ -26,7 +26,8 @@ class executor
     virtual uint64_t now() const = 0;
 
     // Starts a task inside `home` (null: a task of the world, such as the fabric's). The executor owns the task
-    // until it is joined; every task must be joined. The name is for reports. Any thread.
+    // until it is joined; every task must be joined. The name is for reports. Any thread. Throws a shortage when the
+    // process has no room for one more.
     virtual task& start(machine* home, std::string name, std::function<void()> body) = 0;
 
     // Waits until the task has ended and frees it. Called by a task, or by a thread from outside (which in the

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/kernel/sanitizers.h"
+#include "host/kernel/shortage.h"
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
@@ -67,6 +68,8 @@ constexpr size_t stack_bytes = size_t{256} * 1024; // instrumented frames are la
 constexpr size_t stack_bytes = size_t{64} * 1024;
 #endif
 
+constexpr const char* no_memory = "no memory is left for the stack of a task: free some, or run fewer hosts";
+
 } // namespace
 
 fiber_stack_pool::~fiber_stack_pool()
@@ -86,7 +89,11 @@ fiber_stack fiber_stack_pool::take()
     stack.mapped_bytes = stack_bytes + page;
     stack.mapping = mmap(nullptr, stack.mapped_bytes, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
-    if (stack.mapping == MAP_FAILED || mprotect(stack.mapping, page, PROT_NONE) != 0) std::abort();
+    if (stack.mapping == MAP_FAILED) throw_shortage(no_memory);
+    if (mprotect(stack.mapping, page, PROT_NONE) != 0) {
+        munmap(stack.mapping, stack.mapped_bytes);
+        throw_shortage(no_memory);
+    }
     stack.bottom = static_cast<char*>(stack.mapping) + page;
     stack.bytes = stack_bytes;
     return stack;

@@ -20,6 +20,8 @@ class fiber_stack_pool
 {
   public:
     ~fiber_stack_pool();
+
+    // Throws a shortage when none can be mapped.
     fiber_stack take();
 
     // A stack whose fiber has come to its end, or never began.

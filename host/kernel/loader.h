@@ -35,7 +35,7 @@ class loader
     // given as "name=value name=\"two words\"" (unknown names, malformed numbers and repeated names are refused with
     // the list of valid ones), writes the logger level, and runs its entry function. On any failure nothing stays
     // loaded. A module of the same name is refused (-EK_EXIST). Called inside the machine (or from outside: enters
-    // it). May sleep.
+    // it). Throws a shortage when the process has no room for the image. May sleep.
     load_result insmod(const std::string& path, const std::string& parameters = "");
 
     // Waits for the /proc handlers that run in the module, runs its exit function and unmaps it. Refused (-EK_BUSY)

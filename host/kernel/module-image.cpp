@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/kernel/shortage.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
 
@@ -127,13 +128,16 @@ module_image::~module_image()
 module_image::failure module_image::map(const std::string& path)
 {
     copy_ = memfd_create("module", MFD_CLOEXEC);
-    if (copy_ < 0) return {-EK_NOMEM, "no room for a copy of " + path + " (" + std::strerror(errno) + ")"};
+    if (copy_ < 0) throw_shortage("no room for a copy of " + path + " (" + std::strerror(errno) + ")");
     allow_descriptors_beyond(copy_);
-    if (const std::string why = copy_file(path, copy_); !why.empty())
+    if (const std::string why = copy_file(path, copy_); !why.empty()) {
+        throw_if_exhausted();
         return {-EK_NOENT, "no module image at " + path + " (" + why + "): build it or give its path"};
+    }
 
     handle_ = dlopen(path_of(copy_).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
+        throw_if_exhausted();
         const char* why = dlerror();
         return {-EK_INVAL, path + " cannot be mapped: " + (why ? why : "unknown reason")};
     }

@@ -10,6 +10,7 @@
 
 #include "host/kernel/current-task.h"
 #include "host/kernel/executor.h"
+#include "host/kernel/shortage.h"
 
 namespace kernel
 {
@@ -56,7 +57,7 @@ class threaded_executor final : public executor
     task& start(machine* home, std::string name, std::function<void()> body) override
     {
         auto made = std::make_unique<thread_task>(*this, home, std::move(name));
-        made->thread = std::thread([self = made.get(), work = std::move(body)] {
+        made->thread = new_thread([self = made.get(), work = std::move(body)] {
             set_current_task(self);
             try {
                 work();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "host/kernel/module-image.h"
@@ -63,7 +64,11 @@ gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomi
       receive_pool_(datagram_pool::make(home.exec(), adapter.name() + " receive", receive_pool_size)),
       task_(home, context_name_)
 {
-    if (!receive_pool_) kernel::panic("%s: no memory for a receive pool", context_name_.c_str());
+    if (!receive_pool_) throw std::bad_alloc();
+    task_.start([this] {
+        while (!task_.is_stopping())
+            if (!complete()) task_.sleep(kernel::never, "completions");
+    });
 }
 
 gsi_adapter::~gsi_adapter()
@@ -82,11 +87,6 @@ int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_h
         registered_.push_back(client.get());
         home_.addresses.add_object(client.get(), sizeof *client); // classes stay as long as the machine
         classes_.push_back(std::move(client));
-        if (!task_.is_started())
-            task_.start([this] {
-                while (!task_.is_stopping())
-                    if (!complete()) task_.sleep(kernel::never, "completions");
-            });
     }
     hub_.attach(*this);
     {

@@ -66,7 +66,7 @@ namespace stack
 class gsi_adapter final : public fabric::listener
 {
   public:
-    // `last_transaction_id` is the host's.
+    // `last_transaction_id` is the host's. Starts the completion task; throws a shortage when there is no room for it.
     gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomic<uint64_t>& last_transaction_id);
 
     // A class that is still registered is a hard error, and so is a received datagram that was not put back.

@@ -33,7 +33,7 @@ class gsi final : public kernel::service
     // What a client has not taken back (a class, a pool, a received datagram) is a hard error.
     ~gsi() override;
 
-    // For reports: the HCAs that classes were registered on, and the pools that there are.
+    // For reports: the HCAs that classes may be registered on, and the pools that there are.
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
 
@@ -42,7 +42,8 @@ class gsi final : public kernel::service
 
     std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
 
-    // Null: the machine has no HCA of that name.
+    // Null: the machine has no HCA of that name. The first call for an HCA starts its completion task; throws a
+    // shortage when there is no room for it.
     gsi_adapter* adapter(const char* name_in_stack);
 
     // `creator` is the calling code. Null: no memory.

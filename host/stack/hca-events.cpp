@@ -43,6 +43,7 @@ hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
     : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().of(adapter)), task_(home, adapter.name() + " events")
 {
     init_waitqueue_head_named(&callback_ended_, "the end of an event callback");
+    task_.start([this] { run(); });
 }
 
 hca_events::~hca_events()
@@ -57,7 +58,6 @@ bool hca_events::subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback)
         const std::lock_guard lock(mutex_);
         if (find(handle)) return false;
         subscriptions_.push_back({handle, callback, std::vector<port_progress>(hca_.port_count())});
-        if (!task_.is_started()) task_.start([this] { run(); });
     }
     hub_.attach(*this);
     announce_active_ports(handle);

@@ -1,5 +1,4 @@
-// A task that a service keeps for its own work: started when the first work comes, rung when there is more, ended with
-// the service.
+// A task that a service keeps for its own work: rung when there is some, ended with the service.
 #pragma once
 
 #include <atomic>
@@ -20,9 +19,9 @@ class service_task
     service_task(const service_task&) = delete;
     service_task& operator=(const service_task&) = delete;
 
-    // `body` looks for work and sleep()s in turn until is_stopping(). Once only; does not sleep.
+    // `body` looks for work and sleep()s in turn until is_stopping(). Once only; does not sleep. Throws
+    // a shortage when there is no room for a task.
     void start(std::function<void()> body);
-    bool is_started() const { return task_ != nullptr; }
 
     // There is work: ends the task's sleep, or its next one. Any context; nothing happens before start().
     void ring();

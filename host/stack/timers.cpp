@@ -12,6 +12,7 @@ namespace stack
 timers::timers(kernel::machine& home) : home_(home), atomic_(home, "timer"), sleeping_(home, "sleeping timers")
 {
     init_waitqueue_head_named(&handler_ended_, "the end of a timer's handler");
+    for (lane* each : {&atomic_, &sleeping_}) each->task.start([this, each] { run(*each); });
 }
 
 timers::~timers()
@@ -37,10 +38,7 @@ void timers::arm(const timing_t& timer)
     }
     lane& home_lane = timer.atomic ? atomic_ : sleeping_;
     home_lane.queue.add({timer.expires, ++times_armed_, &timer, timer.function, timer.data});
-    if (!home_lane.task.is_started())
-        home_lane.task.start([this, &home_lane] { run(home_lane); });
-    else if (home_lane.queue.first().record == &timer)
-        home_lane.task.ring();
+    if (home_lane.queue.first().record == &timer) home_lane.task.ring();
 }
 
 void timers::disarm_and_wait(const timing_t& timer)

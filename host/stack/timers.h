@@ -16,6 +16,7 @@ namespace stack
 class timers final : public kernel::service
 {
   public:
+    // Starts the tasks of both kinds. Throws a shortage when there is no room for them.
     explicit timers(kernel::machine& home);
 
     // A timer that is still armed is a hard error: its record, or the module that it calls into, may be gone.

@@ -17,15 +17,22 @@ verbs::~verbs()
                       open_.begin()->second.adapter->hca().name().c_str());
 }
 
+hca_events& verbs::events_of(fabric::hca& plugged)
+{
+    const std::lock_guard lock(mutex_);
+    std::unique_ptr<hca_events>& adapter = adapters_[&plugged];
+    if (!adapter) adapter = std::make_unique<hca_events>(home_, plugged);
+    return *adapter;
+}
+
 kq_hca_h_t verbs::open(const char* name_in_stack, const void* opener)
 {
     fabric::hca* plugged = find_hca(home_, name_in_stack);
     if (!plugged) return nullptr;
+    hca_events& adapter = events_of(*plugged);
     const std::lock_guard lock(mutex_);
-    std::unique_ptr<hca_events>& adapter = adapters_[plugged];
-    if (!adapter) adapter = std::make_unique<hca_events>(home_, *plugged);
     const auto handle = reinterpret_cast<kq_hca_h_t>(++last_handle_);
-    open_[handle] = {adapter.get(), opener};
+    open_[handle] = {&adapter, opener};
     return handle;
 }
 

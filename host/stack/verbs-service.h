@@ -23,6 +23,10 @@ class verbs final : public kernel::service
     // `opener` is the calling code. Null: the machine has no HCA of that name.
     kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
+    // The events of a plugged HCA. At the first call, starts the task that delivers them; throws a shortage when there
+    // is no room for it.
+    hca_events& events_of(fabric::hca& plugged);
+
     // Null: the handle is stale or was never given out. What it leads to stays for as long as the machine.
     hca_events* find(kq_hca_h_t handle) const;
 

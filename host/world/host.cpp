@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "host/stack/boot.h"
 #include "host/stack/registry.h"
 
 namespace world
@@ -48,8 +49,10 @@ host::host(kernel::executor& exec, const std::vector<fabric::hca*>& adapters, co
           exec, plan.name, kernel::machine_options{.random_seed = random_seed, .log_bytes = plan.log_bytes}))
 {
     for (fabric::hca* each : adapters) machine_->plug(*each);
-    machine_->enter(
-        "boot", [this] { machine_->get<stack::registry>().set(ats_registry_key, "debug-level", plan_.trace_level); });
+    machine_->enter("boot", [this] {
+        stack::boot(*machine_);
+        machine_->get<stack::registry>().set(ats_registry_key, "debug-level", plan_.trace_level);
+    });
 }
 
 host::~host()

@@ -40,7 +40,8 @@ std::vector<module_plan> usual_modules(const std::string& host_name, const std::
 class host
 {
   public:
-    // Plugs the HCAs into `subnet` (links down) and fills the registry. Modules come from `module_folder`.
+    // Plugs the HCAs into `subnet` (links down), starts the tasks of the stack and fills the registry. Modules come
+    // from `module_folder`. Throws a shortage when there is no room for the tasks.
     host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
 
@@ -55,7 +56,8 @@ class host
     const std::string& name() const { return plan_.name; }
     const host_plan& plan() const { return plan_; }
 
-    // Loads the planned modules in order; stops at the first that fails. What was loaded before it stays.
+    // Loads the planned modules in order; stops at the first that fails. What was loaded before it stays. Throws a
+    // shortage when there is no room for an image.
     kernel::load_result load();
 
     // Unloads every loaded module, the latest first; stops at the first refusal.

@@ -157,6 +157,27 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
+// Threads and module images are what hosts need most of; both fail here in the middle of a start.
+TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers need more than that themselves";
+#endif
+    const std::pair<process_limit, const char*> cases[] = {
+        {{RLIMIT_AS, rlim_t{300} << 20}, " does not start: the address space is used up (the limit is 300 MiB): raise"},
+        {{RLIMIT_NOFILE, 30}, " does not start: no more files can be opened (the limit is 30): raise"},
+    };
+    for (const auto& [limit, complaint] : cases) {
+        const scratch_folder folder;
+        const std::vector<std::string> arguments = {"run", "--hosts", "100", "--socket", folder / "socket"};
+        const int exit_code = ats_process(arguments, folder / "out", folder / "err", limit).wait();
+        expect_refused({exit_code, text_of_file(folder / "out"), text_of_file(folder / "err")},
+                       {arguments, 1, complaint});
+        EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
+        EXPECT_FALSE(std::filesystem::exists(folder / "socket.lock"));
+    }
+}
+
 TEST(bad_input, output_that_is_lost_is_no_success)
 {
     const scratch_folder folder;

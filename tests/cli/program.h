@@ -6,8 +6,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -67,11 +69,18 @@ inline bool eventually(const std::function<bool()>& holds)
     return true;
 }
 
+// A limit of a process: RLIMIT_AS say, and its value.
+struct process_limit {
+    __rlimit_resource_t resource;
+    rlim_t value;
+};
+
 // A process that runs `ats` with these arguments, its output going into two files.
 class ats_process
 {
   public:
-    ats_process(std::vector<std::string> arguments, const std::string& out, const std::string& err)
+    ats_process(std::vector<std::string> arguments, const std::string& out, const std::string& err,
+                const std::optional<process_limit>& limit = {})
     {
         arguments.insert(arguments.begin(), ATS_PROGRAM);
         std::vector<char*> pointers;
@@ -81,6 +90,10 @@ class ats_process
         if (pid_ != 0) return;
         signal(SIGINT, SIG_DFL); // a test in the background of a shell is told to ignore it
         if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr)) _exit(126);
+        if (limit) {
+            const rlimit both{limit->value, limit->value};
+            if (setrlimit(limit->resource, &both) != 0) _exit(126);
+        }
         execv(pointers[0], pointers.data());
         _exit(127);
     }

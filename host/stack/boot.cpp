@@ -1,0 +1,19 @@
+#include "host/stack/boot.h"
+
+#include "host/stack/gsi-service.h"
+#include "host/stack/timers.h"
+#include "host/stack/verbs-service.h"
+
+namespace stack
+{
+
+void boot(kernel::machine& home)
+{
+    home.get<timers>();
+    for (fabric::hca* each : home.hcas()) {
+        home.get<verbs>().events_of(*each);
+        home.get<gsi>().adapter(name_in_stack(*each).name);
+    }
+}
+
+} // namespace stack
