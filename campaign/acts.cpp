@@ -1,4 +1,5 @@
 // Everything that can happen in a campaign.
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -41,16 +42,49 @@ kq_gid_t any_gid(arena& in, uint32_t a)
     return read;
 }
 
+bool was_taken(const question& asked)
+{
+    return asked.returned == ibat_stat_ok || asked.returned == ibat_stat_pending;
+}
+
+// Whether more questions are open at the host than the service's pool has datagrams.
+bool has_many_open(const question& asked)
+{
+    constexpr ptrdiff_t pool_size = 16;
+    return std::ranges::count_if(asked.asked_at.questions, [](const question& each) { return !each.is_settled(); }) >
+           pool_size;
+}
+
+using takes_effect = bool (*)(const question& asked);
+
+void ask_gid_at(arena& in, const act& it, takes_effect took_effect)
+{
+    node& host = in.host(it);
+    host.start("ask", [&host, ip = any_address(in, it.a), it, took_effect] {
+        question& asked = new_question(host);
+        ask_for_gid(asked, ip, it.b % 2 == 0);
+        host.in.mark(it, took_effect(asked));
+    });
+}
+
+void ask_address_at(arena& in, const act& it, takes_effect took_effect)
+{
+    node& host = in.host(it);
+    host.start("ask", [&host, gid = any_gid(in, it.a), it, took_effect] {
+        question& asked = new_question(host);
+        ask_for_address(asked, gid);
+        host.in.mark(it, took_effect(asked));
+    });
+}
+
 void ask_gid(arena& in, const act& it)
 {
-    node& at = in.host(it);
-    at.start("ask", [&at, ip = any_address(in, it.a), b = it.b] { ask_for_gid(new_question(at), ip, b % 2 == 0); });
+    ask_gid_at(in, it, was_taken);
 }
 
 void ask_address(arena& in, const act& it)
 {
-    node& at = in.host(it);
-    at.start("ask", [&at, gid = any_gid(in, it.a)] { ask_for_address(new_question(at), gid); });
+    ask_address_at(in, it, was_taken);
 }
 
 // More at a time than a pool has datagrams.
@@ -59,33 +93,33 @@ void ask_many(arena& in, const act& it)
     for (uint32_t i = 0; i < 10 + it.b % 40; ++i) {
         act one = it;
         one.a += i << 8 | i;
-        (i % 2 == 0 ? ask_gid : ask_address)(in, one);
+        (i % 2 == 0 ? ask_gid_at : ask_address_at)(in, one, has_many_open);
     }
 }
 
 void withdraw_some(arena& in, const act& it)
 {
     node& at = in.host(it);
-    at.start("withdraw", [&at] {
+    at.start("withdraw", [&at, it] {
         for (size_t i = at.questions.size(); i-- > 0 && i + 4 > at.questions.size();)
-            if (!at.questions[i].is_closed) withdraw(at.questions[i]);
+            if (!at.questions[i].is_closed) at.in.mark(it, withdraw(at.questions[i]));
     });
 }
 
 void report(arena& in, const act& it)
 {
     node& at = in.host(it);
-    at.start("report", [&at] { at.read_control(); });
+    at.start("report", [&at, it] { at.in.mark(it, !at.read_control().empty()); });
 }
 
-void write_line(node& at, const std::string& text)
+void write_line(node& at, const act& it, const std::string& text)
 {
-    at.start("control", [&at, text] { at.write_control(text); });
+    at.start("control", [&at, it, text] { at.in.mark(it, at.write_control(text)); });
 }
 
 void control_rarp(arena& in, const act& it)
 {
-    write_line(in.host(it), "rarp " + world::format_gid(any_gid(in, it.a)));
+    write_line(in.host(it), it, "rarp " + world::format_gid(any_gid(in, it.a)));
 }
 
 // Words that are commands, words that are none, wrong numbers of them, bytes, and more than there is room for. None of
@@ -113,7 +147,7 @@ void control_garbage(arena& in, const act& it)
     if (it.a % 5 == 0) text += '\n';
     in.host(it).longest_period = 180;
     in.host(it).may_not_verify = true;
-    write_line(in.host(it), text);
+    write_line(in.host(it), it, text);
 }
 
 void verify_period(arena& in, const act& it)
@@ -122,7 +156,7 @@ void verify_period(arena& in, const act& it)
     node& at = in.host(it);
     at.longest_period = 180; // the longest of these, twice
     at.may_not_verify = true;
-    write_line(at, "sa_verify_period " + std::to_string(periods[it.a % 7]) + " " + std::to_string(skews[it.b % 6]));
+    write_line(at, it, "sa_verify_period " + std::to_string(periods[it.a % 7]) + " " + std::to_string(skews[it.b % 6]));
 }
 
 // ---- what the administrator changes; it must be true at the SA soon ----
@@ -164,7 +198,7 @@ void rename(arena& in, const act& it)
     at.start("rename", [&at, it] {
         const std::string name = at.next_name(it.b);
         const uint64_t began_tick = at.in.now();
-        at.change_identity([&] { return give_name(at, name, it.a); },
+        at.change_identity([&] { return at.in.mark(it, give_name(at, name, it.a)); },
                            [&] {
                                at.name = name;
                                at.name_is_certain = true;
@@ -179,7 +213,7 @@ void readdress(arena& in, const act& it)
     node& at = in.host(it);
     at.start("readdress", [&at, it] {
         const uint32_t ip = at.next_address();
-        at.change_identity([&] { return give_address(at, ip, it.a); },
+        at.change_identity([&] { return at.in.mark(it, give_address(at, ip, it.a)); },
                            [&] {
                                at.address.assign(at.hcas.size(), ip);
                                at.address_is_certain = true;
@@ -192,9 +226,10 @@ void readdress(arena& in, const act& it)
 void delete_ip(arena& in, const act& it)
 {
     node& at = in.host(it);
-    at.start("control", [&at] {
+    at.start("control", [&at, it] {
         const uint32_t ip = at.next_address();
-        at.change_identity([&] { return at.write_control("delete_ip " + world::format_ipv4(ip)); }, [] {});
+        at.change_identity([&] { return at.in.mark(it, at.write_control("delete_ip " + world::format_ipv4(ip))); },
+                           [] {});
     });
 }
 
@@ -208,14 +243,14 @@ void insmod(arena& in, const act& it)
 {
     node& at = in.host(it);
     at.start("insmod", [&at, it] {
-        if (at.load(any_module(it.a))) expect_truth_soon(at);
+        if (at.in.mark(it, at.load(any_module(it.a)))) expect_truth_soon(at);
     });
 }
 
 void rmmod(arena& in, const act& it)
 {
     node& at = in.host(it);
-    at.start("rmmod", [&at, it] { at.unload(any_module(it.a)); });
+    at.start("rmmod", [&at, it] { at.in.mark(it, at.unload(any_module(it.a))); });
 }
 
 // ---- links ----
@@ -225,18 +260,21 @@ fabric::hca& any_hca(node& at, const act& it)
     return *at.hcas[it.a % at.hcas.size()];
 }
 
-void change_link(arena& in, const act& it, bool up)
+// Whether the link was in the other state before.
+bool change_link(arena& in, const act& it, bool up)
 {
     node& at = in.host(it);
     fabric::hca& hca = any_hca(at, it);
     const int port = 1 + static_cast<int>(it.b % static_cast<uint32_t>(hca.port_count()));
+    const fabric::link_state before = hca.read_port(port).state;
     (void)(up ? in.net.link_up(at.host.name(), hca.name(), port) : in.net.link_down(at.host.name(), hca.name(), port));
     ++in.done.faults;
     expect_truth_soon(at);
+    return hca.read_port(port).state != before;
 }
 void link_goes_down(arena& in, const act& it)
 {
-    change_link(in, it, false);
+    in.mark(it, change_link(in, it, false));
 }
 void link_comes_up(arena& in, const act& it)
 {
@@ -247,14 +285,23 @@ void link_comes_up(arena& in, const act& it)
 void event_storm(arena& in, const act& it)
 {
     act one = it;
-    for (uint32_t i = 0; i < 2 + it.a % 60; ++i, one.b = one.b * 0x9E3779B1 + 1) change_link(in, one, one.b >> 31);
+    for (uint32_t i = 0; i < 2 + it.a % 60; ++i, one.b = one.b * 0x9E3779B1 + 1)
+        in.mark(it, change_link(in, one, one.b >> 31));
     for (one.b = 0; one.b < 2; ++one.b) change_link(in, one, true);
 }
 
 // ---- faults of a host ----
 
+// From here on the calls that fail are the act's, if any.
+void end_failing_calls(node& host, std::optional<act> next)
+{
+    if (host.failing_calls) host.in.done.marks[host.failing_calls->kind] += host.machine().faults.failures();
+    host.failing_calls = next;
+}
+
 void calls_fail_by_chance(arena& in, const act& it)
 {
+    end_failing_calls(in.host(it), it);
     in.host(it).may_be_misread = true;
     in.host(it).machine().faults.fail_some(1 + it.a % 40, it.b);
 }
@@ -264,6 +311,7 @@ void one_call_fails(arena& in, const act& it)
     static const char* const calls[] = {"gsi_dtgrm_pool_get",   "gsi_post_send_dtgrm",       "kq_port_query",
                                         "kq_get_port_gid_tbl",  "kq_get_port_partition_tbl", "kmalloc",
                                         "gsi_deregister_class", "down_interruptible",        "copy_from_user"};
+    end_failing_calls(in.host(it), it);
     in.host(it).may_be_misread = true;
     in.host(it).machine().faults.fail_calls(calls[it.a % 9], 1 + it.b % 30);
 }
@@ -271,6 +319,7 @@ void one_call_fails(arena& in, const act& it)
 void calls_work(arena& in, const act& it)
 {
     node& at = in.host(it);
+    end_failing_calls(at, std::nullopt);
     at.failed_calls += at.machine().faults.failures();
     at.machine().faults.disarm();
 }
@@ -287,31 +336,38 @@ void clear_signals(arena& in, const act& it)
 {
     for (kernel::task* each : in.sim->tasks())
         if (each->home == &in.host(it).machine()) kernel::clear_signal(*each);
+    in.done.marks[it.kind] += in.host(it).machine().interrupted_waits.exchange(0);
 }
 
 // ---- faults of the network and of the SA ----
 
 // A switch of the subnet's that is a number: set to 1 up to `most` while the act lasts.
 template <std::atomic<uint32_t> embedded::fault_switches::*knob, uint32_t most>
-act_kind turns(const char* name, int weight, uint64_t longest_ticks)
+act_kind turns(const char* name, int weight, uint64_t longest_ticks, const char* mark,
+               uint64_t embedded::fault_effects::*effect)
 {
     return {name,
             weight,
             harm::network,
             longest_ticks,
             [](arena& in, const act& it) { in.net.faults.*knob = 1 + it.a % most; },
-            [](arena& in, const act&) { in.net.faults.*knob = 0; }};
+            [](arena& in, const act&) { in.net.faults.*knob = 0; },
+            mark,
+            effect};
 }
 
 template <std::atomic<bool> embedded::fault_switches::*knob>
-act_kind switches(const char* name, int weight, uint64_t longest_ticks)
+act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
+                  uint64_t embedded::fault_effects::*effect)
 {
     return {name,
             weight,
             harm::network,
             longest_ticks,
             [](arena& in, const act&) { in.net.faults.*knob = true; },
-            [](arena& in, const act&) { in.net.faults.*knob = false; }};
+            [](arena& in, const act&) { in.net.faults.*knob = false; },
+            mark,
+            effect};
 }
 
 void sa_answers_a_status(arena& in, const act& it)
@@ -324,21 +380,24 @@ void sa_answers_again(arena& in, const act&)
     in.net.faults.sa_status_count = 0;
 }
 
-void sa_forgets_all(arena& in, const act&)
+void sa_forgets_all(arena& in, const act& it)
 {
-    in.net.forget_all();
+    in.mark(it, in.net.forget_all() > 0);
 }
 
 void sa_forgets_one(arena& in, const act& it)
 {
     node& at = in.host(it);
     fabric::hca& hca = any_hca(at, it);
-    for (int port = 1; port <= hca.port_count(); ++port) in.net.forget(hca.read_port(port).gids[0]);
+    for (int port = 1; port <= hca.port_count(); ++port) in.mark(it, in.net.forget(hca.read_port(port).gids[0]) > 0);
 }
 
 void sa_comes_back_from_the_past(arena& in, const act& it)
 {
+    const std::vector<ib_service_record_v2_t> before = in.net.save_records();
     in.net.restore_records(in.kept_records[it.a % in.kept_records.size()]);
+    const auto is_same = [](const auto& a, const auto& b) { return memcmp(&a, &b, sizeof a) == 0; };
+    in.mark(it, !std::ranges::equal(before, in.net.save_records(), is_same));
 }
 
 void sm_hands_over(arena& in, const act& it)
@@ -347,46 +406,56 @@ void sm_hands_over(arena& in, const act& it)
 }
 
 using faults = embedded::fault_switches;
+using effects = embedded::fault_effects;
 
 } // namespace
 
-const std::vector<act_kind> act_kinds = {
-    {"ask for a GID", 24, harm::none, 0, ask_gid, nullptr},
-    {"ask for an address", 24, harm::none, 0, ask_address, nullptr},
-    {"withdraw questions", 6, harm::none, 0, withdraw_some, nullptr},
-    {"report", 24, harm::none, 0, report, nullptr},
-    {"control: rarp", 5, harm::none, 0, control_rarp, nullptr},
-    {"control: garbage", 6, harm::none, 0, control_garbage, nullptr},
-    {"control: sa_verify_period", 4, harm::none, 0, verify_period, nullptr},
-    {"rename", 10, harm::none, 0, rename, nullptr},
-    {"readdress", 10, harm::none, 0, readdress, nullptr},
-    {"insmod", 10, harm::none, 0, insmod, nullptr},
-    {"rmmod", 8, harm::none, 0, rmmod, nullptr},
-    {"link down", 24, harm::none, 60 * second, link_goes_down, link_comes_up},
-    {"event storm", 4, harm::none, 0, event_storm, nullptr},
-    {"control: delete_ip", 3, harm::host, 0, delete_ip, nullptr},
-    {"ask many at once", 3, harm::host, 0, ask_many, nullptr},
-    {"calls fail by chance", 5, harm::host, 120 * second, calls_fail_by_chance, calls_work},
-    {"a call fails", 8, harm::host, 60 * second, one_call_fails, calls_work},
-    {"signal", 8, harm::host, 30 * second, signal_a_task, clear_signals},
-    turns<&faults::loss_percent, 60>("loss", 3, 120 * second),
-    turns<&faults::duplicate_percent, 60>("duplication", 2, 120 * second),
-    turns<&faults::reorder_percent, 60>("reordering", 2, 120 * second),
-    turns<&faults::corrupt_percent, 20>("corruption", 2, 120 * second),
-    turns<&faults::latency_ticks, 60>("latency", 2, 120 * second),
-    turns<&faults::jitter_ticks, 60>("jitter", 2, 120 * second),
-    turns<&faults::refuse_percent, 60>("refused sends", 2, 60 * second),
-    turns<&faults::sa_service_ticks, 30>("slow SA", 2, 60 * second),
-    turns<&faults::drop_next, 5>("drop some", 3, second),
-    turns<&faults::drop_next_answers, 5>("drop answers", 3, second),
-    switches<&faults::queue_full>("full queues", 1, 20 * second),
-    switches<&faults::sa_silent>("silent SA", 2, 60 * second),
-    switches<&faults::sa_busy>("busy SA", 2, 60 * second),
-    {"SA status", 4, harm::network, 20 * second, sa_answers_a_status, sa_answers_again},
-    {"amnesia", 1, harm::network, 0, sa_forgets_all, nullptr},
-    {"amnesia of one HCA", 2, harm::network, 0, sa_forgets_one, nullptr},
-    {"records of the past", 1, harm::network, 0, sa_comes_back_from_the_past, nullptr},
-    {"SM hand-over", 2, harm::network, 0, sm_hands_over, nullptr},
-};
+const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
+    {"ask for a GID", 24, harm::none, 0, ask_gid, nullptr, "questions taken"},
+    {"ask for an address", 24, harm::none, 0, ask_address, nullptr, "questions taken"},
+    {"withdraw questions", 6, harm::none, 0, withdraw_some, nullptr, "questions withdrawn"},
+    {"report", 24, harm::none, 0, report, nullptr, "reports of an HCA or more read"},
+    {"control: rarp", 5, harm::none, 0, control_rarp, nullptr, "lines taken"},
+    {"control: garbage", 6, harm::none, 0, control_garbage, nullptr, "lines taken"},
+    {"control: sa_verify_period", 4, harm::none, 0, verify_period, nullptr, "lines taken"},
+    {"rename", 10, harm::none, 0, rename, nullptr, "names taken"},
+    {"readdress", 10, harm::none, 0, readdress, nullptr, "addresses taken"},
+    {"insmod", 10, harm::none, 0, insmod, nullptr, "modules loaded"},
+    {"rmmod", 8, harm::none, 0, rmmod, nullptr, "modules unloaded"},
+    {"link down", 24, harm::none, 60 * second, link_goes_down, link_comes_up, "links that were up"},
+    {"event storm", 4, harm::none, 0, event_storm, nullptr, "links that changed"},
+    {"control: delete_ip", 3, harm::host, 0, delete_ip, nullptr, "lines taken"},
+    {"ask many at once", 3, harm::host, 0, ask_many, nullptr, "questions with more than 16 open"},
+    {"calls fail by chance", 5, harm::host, 120 * second, calls_fail_by_chance, calls_work, "calls that failed"},
+    {"a call fails", 8, harm::host, 60 * second, one_call_fails, calls_work, "calls that failed"},
+    {"signal", 8, harm::host, 30 * second, signal_a_task, clear_signals, "waits interrupted"},
+    turns<&faults::loss_percent, 60>("loss", 3, 120 * second, "datagrams lost", &effects::lost_by_chance),
+    turns<&faults::duplicate_percent, 60>("duplication", 2, 120 * second, "datagrams that arrived twice",
+                                          &effects::arrived_twice),
+    turns<&faults::reorder_percent, 60>("reordering", 2, 120 * second, "datagrams overtaken", &effects::overtaken),
+    turns<&faults::corrupt_percent, 20>("corruption", 2, 120 * second, "datagrams that arrived corrupted",
+                                        &effects::arrived_corrupted),
+    turns<&faults::latency_ticks, 60>("latency", 2, 120 * second, "datagrams that arrived late",
+                                      &effects::arrived_late),
+    turns<&faults::jitter_ticks, 60>("jitter", 2, 120 * second, "datagrams that arrived late",
+                                     &effects::arrived_jittered),
+    turns<&faults::refuse_percent, 60>("refused sends", 2, 60 * second, "sends refused",
+                                       &effects::sends_refused_by_chance),
+    turns<&faults::sa_service_ticks, 30>("slow SA", 2, 60 * second, "requests kept waiting",
+                                         &effects::requests_kept_waiting),
+    turns<&faults::drop_next, 5>("drop some", 3, second, "datagrams dropped", &effects::dropped_next),
+    turns<&faults::drop_next_answers, 5>("drop answers", 3, second, "answers dropped", &effects::answers_dropped),
+    switches<&faults::queue_full>("full queues", 1, 20 * second, "sends refused", &effects::sends_refused_queue_full),
+    switches<&faults::sa_silent>("silent SA", 2, 60 * second, "requests met by silence",
+                                 &effects::requests_met_by_silence),
+    switches<&faults::sa_busy>("busy SA", 2, 60 * second, "requests answered BUSY", &effects::requests_answered_busy),
+    {"SA status", 4, harm::network, 20 * second, sa_answers_a_status, sa_answers_again,
+     "requests answered with a status", &effects::requests_answered_status},
+    {"amnesia", 1, harm::network, 0, sa_forgets_all, nullptr, "acts that lost records"},
+    {"amnesia of one HCA", 2, harm::network, 0, sa_forgets_one, nullptr, "ports whose records were lost"},
+    {"records of the past", 1, harm::network, 0, sa_comes_back_from_the_past, nullptr, "acts that changed the records"},
+    {"SM hand-over", 2, harm::network, 0, sm_hands_over, nullptr, "requests to the SA's new LID",
+     &effects::requests_after_hand_over},
+});
 
 } // namespace campaign

@@ -68,6 +68,9 @@ void arena::run(const std::vector<size_t>& act_numbers)
         perform(what.acts[next.act], next.act, next.begins);
     }
     sim->run_until(what.faults_end_tick);
+    const embedded::fault_effects effects = net.effects();
+    for (size_t kind = 0; kind < act_kind_count; ++kind)
+        if (const auto effect = act_kinds[kind].effect) done.marks[kind] = effects.*effect;
     check_in_the_end(*this);
     for (node& each : hosts) done.faults += each.failed_calls;
     const embedded::traffic_counts counts = net.counts();

@@ -29,7 +29,8 @@ struct figures {
     uint64_t answers = 0; // of questions that were called back
     uint64_t truths = 0;  // registrations and lookups compared with what must be
     uint64_t datagrams = 0;
-    uint64_t digest = 0; // of everything that happened; of several seeds, the xor
+    std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
+    uint64_t digest = 0;                          // of everything that happened; of several seeds, the xor
 };
 
 // For so long after its end, harm may show.
@@ -56,6 +57,14 @@ struct arena {
     [[noreturn]] void violate(const std::string& what);
     void note(const std::string& who, const std::string& what); // for the log and the digest
     uint64_t now() const { return sim->now(); }
+
+    // Counts that the act took effect, if it did; returns whether it did.
+    bool mark(const act& it, bool took_effect = true)
+    {
+        done.marks[it.kind] += took_effect;
+        return took_effect;
+    }
+
     node& host(const act& of) { return hosts[of.host % hosts.size()]; }
 
     const std::string module_folder;

@@ -82,6 +82,26 @@ void show(const figures& done, double seconds)
                 done.digest, seconds);
 }
 
+// One line for each kind of act: how often it took effect.
+void show_marks(const figures& done)
+{
+    for (size_t kind = 0; kind < act_kind_count; ++kind)
+        std::printf("%10lu  %s: %s\n", done.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
+}
+
+// Complains of each kind of act that never took effect; returns how many there are. Few seeds do not draw every kind.
+int complain_of_idle_kinds(const figures& done)
+{
+    constexpr uint64_t seeds_with_every_kind = 60;
+    int idle = 0;
+    for (size_t kind = 0; kind < act_kind_count && done.seeds >= seeds_with_every_kind; ++kind) {
+        if (done.marks[kind] > 0) continue;
+        ++idle;
+        std::printf("FAILED: no act \"%s\" took effect in %lu seeds\n", act_kinds[kind].name, done.seeds);
+    }
+    return idle;
+}
+
 int replay(const request& asked)
 {
     const plan drawn = draw_plan(asked.first);
@@ -122,9 +142,11 @@ int run(const request& asked)
     });
     shown.clear();
     show(done, std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+    show_marks(done);
+    const int idle = is_interrupted() ? 0 : complain_of_idle_kinds(done);
     if (failed > 0) std::printf("%lu seeds FAILED\n", failed);
     if (is_interrupted()) std::printf("INTERRUPTED: not all seeds were run\n");
-    return is_interrupted() ? exit_interrupted : failed > 0 ? 1 : 0;
+    return is_interrupted() ? exit_interrupted : failed > 0 || idle > 0 ? 1 : 0;
 }
 
 } // namespace

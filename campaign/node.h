@@ -4,9 +4,11 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "campaign/plan.h"
 #include "campaign/port-model.h"
 #include "campaign/questions.h"
 #include "cli/control-report.h"
@@ -76,6 +78,7 @@ struct node {
     uint64_t longest_period = 61; // seconds between two of its verifications
     bool may_not_verify = false;  // they may be switched off
     uint64_t failed_calls = 0;
+    std::optional<act> failing_calls;   // the act whose calls fail now
     bool may_have_left_records = false; // it was unloaded when no delete could be sent
     bool may_be_misread = false;        // a query of a port may have failed
 

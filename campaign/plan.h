@@ -2,9 +2,12 @@
 // before anything runs, so that a list of acts can be replayed, and shortened until only what matters is left.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "host/fabric/embedded/faults.h"
 
 namespace campaign
 {
@@ -36,8 +39,14 @@ struct act_kind {
     uint64_t longest_ticks; // 0: it has no length
     void (*begin)(arena&, const act&);
     void (*end)(arena&, const act&); // null: nothing to undo
+
+    // What is counted when an act of the kind takes effect. The fabric counts the effects of its own faults; the
+    // other acts call arena::mark (null).
+    const char* mark;
+    uint64_t embedded::fault_effects::*effect = nullptr;
 };
-extern const std::vector<act_kind> act_kinds;
+constexpr size_t act_kind_count = 36;
+extern const std::array<act_kind, act_kind_count> act_kinds;
 
 struct host_shape {
     int hcas;

@@ -83,9 +83,10 @@ void add(figures& sum, const figures& one)
     static constexpr uint64_t figures::*summed[] = {&figures::seeds,  &figures::simulated_ticks, &figures::acts,
                                                     &figures::faults, &figures::questions,       &figures::answers,
                                                     &figures::truths, &figures::datagrams};
-    static_assert(sizeof(figures) == sizeof(uint64_t) * (std::size(summed) + 1),
+    static_assert(sizeof(figures) == sizeof(uint64_t) * (std::size(summed) + act_kind_count + 1),
                   "every figure but the digest is summed");
     for (const auto member : summed) sum.*member += one.*member;
+    for (size_t kind = 0; kind < act_kind_count; ++kind) sum.marks[kind] += one.marks[kind];
     sum.digest ^= one.digest;
 }
 

@@ -1,6 +1,7 @@
 // One host computer. A process can hold many; kernel calls find theirs through the calling task.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -75,6 +76,7 @@ class machine
 
     kernel::log log;
     fault_injector faults;
+    std::atomic<uint64_t> interrupted_waits{0}; // interruptible sleeps and downs that a signal ended
     memory_account memory;
     address_layout addresses{memory};
     random_source random;

@@ -75,6 +75,11 @@ bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
     return false;
 }
 
+void count_interrupted(const task& waiting)
+{
+    if (waiting.home) ++waiting.home->interrupted_waits;
+}
+
 unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool interruptible)
 {
     might_sleep(call);
@@ -86,6 +91,7 @@ unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool in
         sleeper.interruptible = true;
         if (!sleeper.signal) sleeper.exec.park(deadline, call, object);
         sleeper.interruptible = false;
+        if (sleeper.signal && sleeper.exec.now() < deadline) count_interrupted(sleeper);
     } else {
         do {
             sleeper.exec.park(deadline, call, object);
@@ -132,7 +138,9 @@ int kernel::down_or_signal(semaphore* sem)
     while (!waits.signal && !is_served(sem, waiter)) waits.exec.park(never, "down_interruptible", sem->name);
     waits.interruptible = false;
     keep_outer_wake_up(waits);
-    return give_up(sem, waiter) ? -EK_RESTARTSYS : 0;
+    if (!give_up(sem, waiter)) return 0;
+    count_interrupted(waits);
+    return -EK_RESTARTSYS;
 }
 
 void up(semaphore* sem)

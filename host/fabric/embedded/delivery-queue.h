@@ -21,6 +21,16 @@ struct datagram {
     uint8_t sl;
     uint8_t static_rate;
     bool from_sa;
+
+    // What faults did to it on its present way.
+    struct {
+        uint64_t departure = 0; // grows from one that sets out to the next
+        bool is_late = false;
+        bool is_jittered = false;
+        bool is_held_back = false;
+        bool is_corrupted = false;
+        bool is_twin = false;
+    } way = {};
 };
 
 class delivery_queue

@@ -46,7 +46,7 @@ bool subnet::send(adapter& from, int port, const fabric::address& destination, c
     if (port < 1 || port > from.port_count()) return false;
     const port_record& source = from.ports[static_cast<size_t>(port - 1)];
     lock_guard lock(mutex_);
-    datagram* leaving = faults.queue_full || chance(faults.refuse_percent) ? nullptr : queue_.take();
+    datagram* leaving = is_refused() ? nullptr : queue_.take();
     if (!leaving) {
         ++counts_.refused;
         return false;
@@ -70,6 +70,15 @@ bool subnet::send(adapter& from, int port, const fabric::address& destination, c
     set_out(*leaving, now_ticks);
     wake_fabric(lock);
     return true;
+}
+
+bool subnet::is_refused()
+{
+    const bool is_full = faults.queue_full;
+    const bool by_chance = !is_full && chance(faults.refuse_percent);
+    effects_.sends_refused_queue_full += is_full;
+    effects_.sends_refused_by_chance += by_chance;
+    return is_full || by_chance;
 }
 
 void subnet::set_listener(adapter& of, fabric::listener* to)
@@ -137,26 +146,51 @@ void subnet::deliver(datagram& arriving, lock_guard& lock)
 {
     if (arriving.destination_lid != sm_lid_)
         deliver_to_port(arriving, lock);
-    else if (answer_as_sa(arriving))
-        set_out(arriving, served_tick(exec_.now()));
-    else
-        lose(arriving);
+    else {
+        count_arrival(arriving);
+        if (answer_as_sa(arriving))
+            set_out(arriving, served_tick(exec_.now()));
+        else
+            lose(arriving);
+    }
+}
+
+void subnet::count_arrival(const datagram& arrived)
+{
+    effects_.arrived_late += arrived.way.is_late;
+    effects_.arrived_jittered += arrived.way.is_jittered;
+    effects_.arrived_corrupted += arrived.way.is_corrupted;
+    effects_.arrived_twice += arrived.way.is_twin;
+    effects_.overtaken += arrived.way.is_held_back && arrived.way.departure < latest_departure_arrived_;
+    latest_departure_arrived_ = std::max(latest_departure_arrived_, arrived.way.departure);
 }
 
 bool subnet::answer_as_sa(datagram& request)
 {
     if (request.destination_qpn != qp1 || request.q_key != fabric::qp1_q_key) return false;
     const int p_key_index = matching_p_key(options_.p_keys, request.p_key);
-    if (p_key_index < 0 || faults.sa_silent) return false;
+    if (p_key_index < 0) return false;
+    if (faults.sa_silent) {
+        ++effects_.requests_met_by_silence;
+        return false;
+    }
 
     bool answered;
-    if (use_up(faults.sa_status_count))
+    if (use_up(faults.sa_status_count)) {
         answered = sa_.refuse(request.mad, faults.sa_status, counts_);
-    else if (faults.sa_busy)
+        effects_.requests_answered_status += answered;
+    } else if (faults.sa_busy) {
         answered = sa_.refuse(request.mad, MAD_STATUS_BUSY, counts_);
-    else
+        effects_.requests_answered_busy += answered;
+    } else {
         answered = sa_.answer(request.mad, exec_.now(), counts_);
-    if (!answered || use_up(faults.drop_next_answers)) return false;
+    }
+    if (!answered) return false;
+    effects_.requests_after_hand_over += sm_lid_ != options_.sm_lid;
+    if (use_up(faults.drop_next_answers)) {
+        ++effects_.answers_dropped;
+        return false;
+    }
 
     std::swap(request.source_lid, request.destination_lid); // back by the path it came
     request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
@@ -188,6 +222,7 @@ void subnet::deliver_to_port(datagram& arriving, lock_guard& lock)
     if (!port->owner->told) return lose(arriving);
     far.lid = arriving.source_lid;
     ++counts_.arrived;
+    count_arrival(arriving);
     call_listener(*port->owner, lock,
                   [&](fabric::listener& told) { told.mad_arrived(port->number, far, arriving.mad); });
     queue_.put(arriving);
@@ -195,16 +230,26 @@ void subnet::deliver_to_port(datagram& arriving, lock_guard& lock)
 
 void subnet::set_out(datagram& leaving, uint64_t now_ticks)
 {
-    if (use_up(faults.drop_next) || chance(faults.loss_percent)) return lose(leaving);
+    if (use_up(faults.drop_next)) {
+        ++effects_.dropped_next;
+        return lose(leaving);
+    }
+    if (chance(faults.loss_percent)) {
+        ++effects_.lost_by_chance;
+        return lose(leaving);
+    }
+    leaving.way = {};
     if (chance(faults.corrupt_percent)) {
+        leaving.way.is_corrupted = true;
         leaving.mad[dice_() % leaving.mad.size()] ^= static_cast<uint8_t>(1 + dice_() % UINT8_MAX);
         ++counts_.corrupted;
     }
-    queue_.post(leaving, due_tick(now_ticks));
+    queue_.post(leaving, due_tick(leaving, now_ticks));
     if (!chance(faults.duplicate_percent)) return;
     if (datagram* twin = queue_.take()) {
         *twin = leaving;
-        queue_.post(*twin, due_tick(now_ticks));
+        twin->way.is_twin = true;
+        queue_.post(*twin, due_tick(*twin, now_ticks));
         ++counts_.duplicated;
     }
 }
@@ -215,17 +260,22 @@ void subnet::lose(datagram& lost)
     queue_.put(lost);
 }
 
-uint64_t subnet::due_tick(uint64_t now_ticks)
+uint64_t subnet::due_tick(datagram& leaving, uint64_t now_ticks)
 {
-    uint64_t due = now_ticks + faults.latency_ticks;
-    if (const uint64_t jitter = faults.jitter_ticks) due += dice_() % (jitter + 1);
-    return chance(faults.reorder_percent) ? due + 1 : due;
+    const uint64_t latency = faults.latency_ticks, most_jitter = faults.jitter_ticks;
+    const uint64_t jitter = most_jitter > 0 ? dice_() % (most_jitter + 1) : 0;
+    leaving.way.departure = ++departures_;
+    leaving.way.is_late = latency > 0;
+    leaving.way.is_jittered = jitter > 0;
+    leaving.way.is_held_back = chance(faults.reorder_percent);
+    return now_ticks + latency + jitter + leaving.way.is_held_back;
 }
 
 // When the SA is through with a request that it takes up behind those it has.
 uint64_t subnet::served_tick(uint64_t now_ticks)
 {
     sa_busy_until_tick_ = std::max(sa_busy_until_tick_, now_ticks) + faults.sa_service_ticks;
+    effects_.requests_kept_waiting += sa_busy_until_tick_ > now_ticks;
     return sa_busy_until_tick_;
 }
 

@@ -63,4 +63,27 @@ struct traffic_counts {
     uint64_t sa_others = 0;
 };
 
+// How often each fault took effect: counted when it happened to a datagram or a request, not when it was switched on.
+struct fault_effects {
+    // Datagrams. Those that arrive are counted at the SA or at the port's listener.
+    uint64_t lost_by_chance = 0;
+    uint64_t dropped_next = 0;
+    uint64_t arrived_twice = 0;
+    uint64_t overtaken = 0; // held back by reordering, and a later one arrived before
+    uint64_t arrived_corrupted = 0;
+    uint64_t arrived_late = 0;     // by the latency
+    uint64_t arrived_jittered = 0; // by one tick of jitter or more
+
+    uint64_t sends_refused_by_chance = 0;
+    uint64_t sends_refused_queue_full = 0;
+
+    // Requests that reached the SA.
+    uint64_t requests_kept_waiting = 0; // the SA took a tick or more
+    uint64_t requests_met_by_silence = 0;
+    uint64_t requests_answered_busy = 0;
+    uint64_t requests_answered_status = 0; // see answer_with()
+    uint64_t requests_after_hand_over = 0; // at another LID than the first one
+    uint64_t answers_dropped = 0;          // by drop_next_answers
+};
+
 } // namespace embedded

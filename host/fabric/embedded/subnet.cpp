@@ -240,6 +240,12 @@ traffic_counts subnet::counts() const
     return counts_;
 }
 
+fault_effects subnet::effects() const
+{
+    lock_guard lock(mutex_);
+    return effects_;
+}
+
 void subnet::set_tap(fabric::tap* to)
 {
     lock_guard lock(mutex_);

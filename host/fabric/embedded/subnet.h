@@ -99,6 +99,7 @@ class subnet
 
     fault_switches faults;
     traffic_counts counts() const;
+    fault_effects effects() const; // of `faults`, so far
 
     // Who sees every datagram once, as it crosses between a host and the fabric; null: nobody. It is called with the
     // fabric's lock held. When this returns, the one before is not called any more.
@@ -133,7 +134,9 @@ class subnet
     void deliver_to_port(datagram& arriving, lock_guard& lock);
     void set_out(datagram& leaving, uint64_t now_ticks);
     void lose(datagram& lost);
-    uint64_t due_tick(uint64_t now_ticks);
+    uint64_t due_tick(datagram& leaving, uint64_t now_ticks);
+    void count_arrival(const datagram& arrived);
+    bool is_refused();
     uint64_t served_tick(uint64_t now_ticks);
     bool chance(uint32_t percent);
 
@@ -150,6 +153,9 @@ class subnet
     uint16_t next_lid_ = 2;
     mutable subnet_administrator sa_; // listing the records expires them
     traffic_counts counts_;
+    fault_effects effects_;
+    uint64_t departures_ = 0;
+    uint64_t latest_departure_arrived_ = 0;
     fabric::tap* tap_ = nullptr;
 
     struct pending_change {
