@@ -336,7 +336,7 @@ void clear_signals(arena& in, const act& it)
 {
     for (kernel::task* each : in.sim->tasks())
         if (each->home == &in.host(it).machine()) kernel::clear_signal(*each);
-    in.done.marks[it.kind] += in.host(it).machine().interrupted_waits.exchange(0);
+    in.done.marks[it.kind] += in.host(it).machine().signals_seen.exchange(0);
 }
 
 // ---- faults of the network and of the SA ----
@@ -428,7 +428,7 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"ask many at once", 3, harm::host, 0, ask_many, nullptr, "questions with more than 16 open"},
     {"calls fail by chance", 5, harm::host, 120 * second, calls_fail_by_chance, calls_work, "calls that failed"},
     {"a call fails", 8, harm::host, 60 * second, one_call_fails, calls_work, "calls that failed"},
-    {"signal", 8, harm::host, 30 * second, signal_a_task, clear_signals, "waits interrupted"},
+    {"signal", 8, harm::host, 30 * second, signal_a_task, clear_signals, "signals seen by their task"},
     turns<&faults::loss_percent, 60>("loss", 3, 120 * second, "datagrams lost", &effects::lost_by_chance),
     turns<&faults::duplicate_percent, 60>("duplication", 2, 120 * second, "datagrams that arrived twice",
                                           &effects::arrived_twice),

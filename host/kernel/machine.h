@@ -76,7 +76,7 @@ class machine
 
     kernel::log log;
     fault_injector faults;
-    std::atomic<uint64_t> interrupted_waits{0}; // interruptible sleeps and downs that a signal ended
+    std::atomic<uint64_t> signals_seen{0}; // waits that a signal ended, and calls of signal_pending() that found one
     memory_account memory;
     address_layout addresses{memory};
     random_source random;

@@ -75,9 +75,9 @@ bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
     return false;
 }
 
-void count_interrupted(const task& waiting)
+void count_signal_seen(const task& waiting)
 {
-    if (waiting.home) ++waiting.home->interrupted_waits;
+    if (waiting.home) ++waiting.home->signals_seen;
 }
 
 unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool interruptible)
@@ -91,7 +91,7 @@ unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool in
         sleeper.interruptible = true;
         if (!sleeper.signal) sleeper.exec.park(deadline, call, object);
         sleeper.interruptible = false;
-        if (sleeper.signal && sleeper.exec.now() < deadline) count_interrupted(sleeper);
+        if (sleeper.signal && sleeper.exec.now() < deadline) count_signal_seen(sleeper);
     } else {
         do {
             sleeper.exec.park(deadline, call, object);
@@ -139,7 +139,7 @@ int kernel::down_or_signal(semaphore* sem)
     waits.interruptible = false;
     keep_outer_wake_up(waits);
     if (!give_up(sem, waiter)) return 0;
-    count_interrupted(waits);
+    count_signal_seen(waits);
     return -EK_RESTARTSYS;
 }
 
@@ -239,5 +239,7 @@ unsigned long schedule_timeout_uninterruptible(unsigned long timeout_ticks)
 
 bool signal_pending()
 {
-    return self().signal;
+    const bool is_pending = self().signal;
+    if (is_pending) count_signal_seen(self());
+    return is_pending;
 }
