@@ -178,6 +178,25 @@ TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
     }
 }
 
+TEST(bad_input, service_whose_memory_is_used_up_stops_in_good_order)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers need memory themselves";
+#endif
+    service ats({"--hosts", "1", "--log-kib", "65536"});
+    EXPECT_EQ(ats.ask({"trace", "5"}).exit_code, 0);
+    const size_t held = std::stoul(text_of_file("/proc/" + std::to_string(ats.pid()) + "/statm")) * getpagesize();
+    const rlimit all_held{held, held};
+    ASSERT_EQ(prlimit(ats.pid(), RLIMIT_AS, &all_held, nullptr), 0);
+    EXPECT_TRUE(eventually([&] {
+        ats.ask({"resolve", "10.0.0.1", "--verify"}); // the log grows
+        return !std::filesystem::exists(ats.socket());
+    }));
+    EXPECT_EQ(ats.stop(0), 1);
+    EXPECT_THAT(ats.output(), HasSubstr("all hosts have unloaded"));
+    EXPECT_THAT(ats.complaints(), StartsWith("ats: the memory was used up, so all hosts were stopped"));
+}
+
 TEST(bad_input, output_that_is_lost_is_no_success)
 {
     const scratch_folder folder;
