@@ -158,7 +158,7 @@ void show(const report& found, bool as_json)
     }
     json checks = json::array();
     for (const auto& row : found.rows()) checks.push_back({{"verdict", row[0]}, {"what", row[1]}, {"text", row[2]}});
-    std::cout << json{{"fit", found.is_fit()}, {"checks", checks}}.dump(2) << '\n';
+    show_json(std::cout, {{"fit", found.is_fit()}, {"checks", checks}});
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "cli/service-origin.h"
+#include "cli/show.h"
 
 namespace cli
 {
@@ -83,7 +84,7 @@ void ask_and_show(const client_options& options, const json& request, void (*sho
     const json answer = service.ask(request);
     throw_if_refused(answer);
     if (options.as_json)
-        std::cout << answer.dump(2) << '\n';
+        show_json(std::cout, answer);
     else
         show(std::cout, answer);
 }

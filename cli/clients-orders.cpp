@@ -137,7 +137,7 @@ void add_orders(CLI::App& program, int& exit_code)
     add_flush(program);
     add_trace(program);
     add_record_order(program, "set-name", "Change the host name that is registered", "name", "NAME",
-                     "Up to 30 characters, no blanks");
+                     "Up to 30 bytes of UTF-8, no blanks");
     add_record_order(program, "set-address", "Change the IPv4 address that is registered", "address", "ADDRESS",
                      "As in 10.0.0.9");
     add_link(program);

@@ -11,12 +11,15 @@
 #include "cli/log-filter.h"
 #include "cli/show.h"
 #include "host/kernel/log.h"
+#include "host/world/printable.h"
 
 namespace cli
 {
 
 namespace
 {
+
+constexpr int on_one_line = -1;
 
 struct resolve_options {
     std::vector<std::string> asked;
@@ -48,11 +51,11 @@ int run_resolutions(const client_options& common, const resolve_options& options
         if (common.as_json)
             answers.push_back(answer);
         else if (answer.contains("error"))
-            std::cerr << "ats: " << answer.at("error").get<std::string>() << std::endl;
+            std::cerr << "ats: " << world::printable_lines(answer.at("error").get<std::string>()) << std::endl;
         else
             show_resolution(std::cout, answer);
     }
-    if (common.as_json) std::cout << answers.dump(2) << '\n';
+    if (common.as_json) show_json(std::cout, answers);
     return worst;
 }
 
@@ -82,7 +85,8 @@ void watch_status(const client_options& common)
         const json answer = service.ask({{"request", "status"}});
         throw_if_refused(answer);
         if (common.as_json) {
-            std::cout << answer.dump() << std::endl;
+            show_json(std::cout, answer, on_one_line);
+            std::cout << std::flush;
         } else if (isatty(STDOUT_FILENO) == 1) {
             if (!screen) screen.emplace();
             const auto [columns, lines] = screen->window();
@@ -126,7 +130,10 @@ void show_log(const client_options& common, const log_options& options)
     json line = service.ask({{"request", "log"}, {"follow", options.follow}, {"level", options.level}});
     throw_if_refused(line);
     for (; !line.contains("end"); line = service.next()) {
-        std::cout << (common.as_json ? line.dump() : log_text(line)) << '\n';
+        if (common.as_json)
+            show_json(std::cout, line, on_one_line);
+        else
+            std::cout << world::printable_lines(log_text(line)) << '\n';
         if (options.follow && !std::cout.flush()) return;
     }
 }

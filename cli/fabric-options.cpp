@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "host/world/text.h"
+#include "host/world/printable.h"
 
 namespace cli
 {
@@ -13,7 +13,7 @@ namespace
 // A line for whoever watches the service: on the terminal, or in the journal.
 void tell(const std::string& line)
 {
-    std::fprintf(stderr, "ats: %s\n", line.c_str());
+    std::fprintf(stderr, "ats: %s\n", world::printable_lines(line).c_str());
 }
 
 } // namespace
@@ -63,11 +63,9 @@ world_config with_fabric(world_config given, const fabric_options& options)
         if (options.hosts->count() > 0)
             throw failure(exit_usage,
                           "--hosts is for the embedded fabric: on a real one there is one host, this machine");
-        if (!world::parse_ipv4(options.address))
-            throw failure(exit_usage, options.address.empty()
-                                          ? "a host on a real fabric needs its address: add --address, as in "
-                                            "--address 10.0.0.1 (that of its IPoIB interface, if it has one)"
-                                          : quoted(options.address) + " is no IPv4 address like 10.0.0.1");
+        if (options.address.empty())
+            throw failure(exit_usage, "a host on a real fabric needs its address: add --address, as in "
+                                      "--address 10.0.0.1 (that of its IPoIB interface, if it has one)");
         given = real_host(options.name, options.address,
                           {.hcas = options.hcas,
                            .watch_interval_ticks = static_cast<uint64_t>(options.port_interval_ms),

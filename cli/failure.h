@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "host/world/printable.h"
+
 namespace cli
 {
 
@@ -21,11 +23,12 @@ struct failure : std::runtime_error {
     const exit_code code;
 };
 
-// What a person wrote, as an error line repeats it: in quotation marks, and not at any length.
+// What a person wrote, as an error line repeats it: in quotation marks, not at any length, and fit for a terminal.
 inline std::string quoted(const std::string& word)
 {
     constexpr size_t longest = 60;
-    return word.size() <= longest ? "'" + word + "'" : "'" + word.substr(0, longest) + "...'";
+    const std::string shown = world::printable(world::cut_to_bytes(word, longest));
+    return word.size() <= longest ? "'" + shown + "'" : "'" + shown + "...'";
 }
 
 } // namespace cli

@@ -6,6 +6,7 @@
 
 #include "cli/commands.h"
 #include "cli/usage.h"
+#include "host/world/printable.h"
 
 namespace
 {
@@ -22,6 +23,12 @@ constexpr const char* footer =
     "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
     "See ats(8), ats-run(8).";
 
+// An error may repeat what others wrote, such as a line of a file.
+void complain(const std::string& why)
+{
+    std::fprintf(stderr, "ats: %s\n", world::printable_lines(why).c_str());
+}
+
 int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
 {
     try {
@@ -30,13 +37,13 @@ int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
         return exit_code;
     } catch (const CLI::Success& shown) { // --help and --version
         if (program.remaining().empty()) return program.exit(shown);
-        std::fprintf(stderr, "ats: %s\n", cli::complaint_about(program, shown).c_str());
+        complain(cli::complaint_about(program, shown));
         return cli::exit_usage;
     } catch (const CLI::ParseError& wrong) {
-        std::fprintf(stderr, "ats: %s\n", cli::complaint_about(program, wrong).c_str());
+        complain(cli::complaint_about(program, wrong));
         return cli::exit_usage;
     } catch (const cli::failure& failed) {
-        std::fprintf(stderr, "ats: %s\n", failed.what());
+        complain(failed.what());
         return failed.code;
     } catch (const nlohmann::json::exception&) {
         std::fputs("ats: the service gave an answer that this command does not understand: are both of one version?\n",
@@ -46,7 +53,7 @@ int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
         std::fputs("ats: the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)\n", stderr);
         return cli::exit_failed;
     } catch (const std::exception& failed) {
-        std::fprintf(stderr, "ats: %s\n", failed.what());
+        complain(failed.what());
         return cli::exit_failed;
     }
 }

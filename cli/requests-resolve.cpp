@@ -1,5 +1,6 @@
 // Resolution in both directions.
 
+#include "cli/identity.h"
 #include "cli/requests.h"
 #include "host/peers/ibat-exports.h"
 #include "host/world/published.h"

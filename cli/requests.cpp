@@ -2,13 +2,14 @@
 
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "cli/control-commands.h"
+#include "cli/identity.h"
 #include "cli/registration.h"
 #include "cli/requests-fabric.h"
 #include "host/kernel/print-capture.h"
 #include "host/stack/registry.h"
-#include "host/world/text.h"
 #include "kernel/errno.h"
 
 namespace cli
@@ -107,15 +108,32 @@ json set_name(site& at, const json& request)
     return done(host.name() + " is now called " + name + ".");
 }
 
+// The warning that the embedded SA holds a record of another host with that address; "" when it does not.
+std::string warning_of_another_owner(site& at, world::host& host, const std::string& address)
+{
+    if (at.is_real()) return "";
+    std::set<std::string> own_gids;
+    for (fabric::hca* hca : host.machine().hcas())
+        for (int port = 1; port <= hca->port_count(); ++port)
+            for (const fabric::gid_bytes& gid : hca->read_port(port).gids) own_gids.insert(embedded::text_of(gid));
+    for (const embedded::service_record_view& record : at.subnet().service_records())
+        if (record.ipv4 == address && !own_gids.contains(record.gid))
+            return shared_address_warning(host.name(), record.host_name, address);
+    return "";
+}
+
 json set_address(site& at, const json& request)
 {
     const std::string address = request.at("address");
-    const uint32_t ip = address_of(address);
+    const uint32_t ip = host_address_of(address);
     world::host& host = host_of(at, request);
+    const std::string warning = warning_of_another_owner(at, host, address);
     change_record(
         host, request, [&](const records::host_record& record) { return record.address == ip; },
         [&] { return set_identity(host.machine(), "ats_sa_set_ip_addrs", ip); });
-    return done(host.name() + " now has the address " + address + ".");
+    json answer = done(host.name() + " now has the address " + address + ".");
+    if (!warning.empty()) answer["warning"] = warning;
+    return answer;
 }
 
 // For clients that want to know whether the service is alive.
@@ -129,15 +147,6 @@ json answer_ping(site&, const json&)
 json done(const std::string& what)
 {
     return {{"done", what}};
-}
-
-uint32_t address_of(const std::string& text)
-{
-    const auto ip = world::parse_ipv4(text);
-    if (!ip)
-        throw failure(exit_usage,
-                      quoted(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
-    return *ip;
 }
 
 json answer_request(site& at, const json& request)

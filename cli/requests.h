@@ -24,8 +24,7 @@ json answer_reverse(site& at, const json& request);
 // {"what": an address, a GID or ""}: IBAT forgets its entry, or all of them.
 json answer_flush(site& at, const json& request);
 
-// What several of them need: the answer of an order that was carried out, and an address as a person wrote it.
+// The answer of an order that was carried out.
 json done(const std::string& what);
-uint32_t address_of(const std::string& text);
 
 } // namespace cli

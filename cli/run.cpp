@@ -16,6 +16,7 @@
 #include "cli/site.h"
 #include "cli/socket.h"
 #include "host/kernel/shortage.h"
+#include "host/world/printable.h"
 
 namespace cli
 {
@@ -91,7 +92,7 @@ void announce(const run_options& options, size_t hosts)
 int unload(site& running)
 {
     const std::vector<std::string> refusals = running.stop();
-    for (const std::string& refusal : refusals) std::cerr << "ats: " << refusal << '\n';
+    for (const std::string& refusal : refusals) std::cerr << "ats: " << world::printable_lines(refusal) << '\n';
     if (!refusals.empty()) return exit_failed;
     std::cout << "ats: all hosts have unloaded." << std::endl;
     return exit_ok;
@@ -124,6 +125,8 @@ bool start(site& running, const ending_signals& signals)
 int serve(const run_options& options)
 {
     const world_config config = configuration_of(options);
+    for (const std::string& remark : config.remarks)
+        std::cerr << "ats: warning: " << world::printable_lines(remark) << std::endl;
     const ending_signals signals;
     const kernel::reserve last_memory([] { kill(getpid(), SIGTERM); });
     auto listening = std::make_unique<listening_socket>(options.socket);

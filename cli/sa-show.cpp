@@ -122,7 +122,7 @@ void add_sa_show(CLI::App& sa, int& exit_code)
         const json answer = find_records(*common, *options);
         if (answer.at("records").empty()) exit_code = exit_failed;
         if (common->as_json)
-            std::cout << answer.dump(2) << '\n';
+            show_json(std::cout, answer);
         else
             show_records(std::cout, answer, !(options->address + options->gid + options->name).empty());
     });

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "host/world/printable.h"
+
 namespace cli
 {
 
@@ -11,7 +13,7 @@ namespace
 
 std::string cell(const json& value)
 {
-    return value.is_string() ? value.get<std::string>() : value.is_null() ? "-" : value.dump();
+    return value.is_string() ? world::printable(value.get<std::string>()) : value.is_null() ? "-" : value.dump();
 }
 
 // The values of `keys` in every element of `elements`, under `headings`.
@@ -118,12 +120,13 @@ std::string format_table(const std::vector<std::vector<std::string>>& rows, int 
     std::vector<size_t> widths;
     for (const auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], world::columns_of(row[i]));
     }
     std::string text;
     for (const auto& row : rows) {
         std::string line(static_cast<size_t>(indent), ' ');
-        for (size_t i = 0; i < row.size(); ++i) line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+        for (size_t i = 0; i < row.size(); ++i)
+            line += row[i] + std::string(widths[i] - world::columns_of(row[i]) + 2, ' ');
         text += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
     }
     return text;
@@ -170,14 +173,20 @@ void show_records(std::ostream& to, const json& answer, bool is_selection)
         to << "It answers everything with status " << cell(answer.at("status")) << " ('ats sa status 0' ends that).\n";
 }
 
+void show_json(std::ostream& to, const json& answer, int indent)
+{
+    to << world::printable_json(answer.dump(indent, ' ', false, json::error_handler_t::replace)) << '\n';
+}
+
 void show_output(std::ostream& to, const json& answer)
 {
-    to << answer.at("output").get<std::string>();
+    to << world::printable_lines(answer.at("output").get<std::string>());
 }
 
 void show_done(std::ostream& to, const json& answer)
 {
     to << cell(answer.at("done")) << '\n';
+    if (answer.contains("warning")) to << "Warning: " << cell(answer.at("warning")) << ".\n";
 }
 
 } // namespace cli

@@ -11,6 +11,10 @@ namespace cli
 
 using json = nlohmann::json;
 
+// A document for programs that may end up on a terminal. -1: on one line.
+constexpr int json_indent = 2;
+void show_json(std::ostream& to, const json& answer, int indent = json_indent);
+
 // Rows under a heading, each column as wide as its widest cell, indented.
 std::string format_table(const std::vector<std::vector<std::string>>& rows, int indent);
 

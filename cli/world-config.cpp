@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <cctype>
-#include <climits>
 #include <cstring>
+#include <map>
 #include <set>
-#include <unistd.h>
 
 #include <toml++/toml.h>
 
 #include "cli/failure.h"
-#include "host/world/text.h"
+#include "cli/identity.h"
 #include "verbs.h"
 
 namespace cli
@@ -28,9 +27,15 @@ class table_reader
   public:
     table_reader(const toml::table& table, std::string file) : table_(table), file_(std::move(file)) {}
 
+    // "FILE:LINE: "
+    std::string place_of(const toml::node& node) const
+    {
+        return file_ + ":" + std::to_string(node.source().begin.line) + ": ";
+    }
+
     [[noreturn]] void refuse(const toml::node& where, const std::string& why) const
     {
-        throw failure(exit_usage, file_ + ":" + std::to_string(where.source().begin.line) + ": " + why);
+        throw failure(exit_usage, place_of(where) + why);
     }
 
     // The node of that key, or null.
@@ -114,14 +119,6 @@ std::string read_parameters(table_reader& reader, const toml::table* parameters)
     return text;
 }
 
-// What this machine calls itself, without a domain.
-std::string name_of_machine()
-{
-    char name[HOST_NAME_MAX + 1] = {};
-    gethostname(name, HOST_NAME_MAX);
-    return std::string(name, strcspn(name, "."));
-}
-
 bool is_hca_name(const std::string& name)
 {
     constexpr size_t longest = sizeof(kq_hca_name) - 1;
@@ -148,19 +145,34 @@ world::hca_plan read_hca(const toml::table& table, const std::string& file, size
     return plan;
 }
 
-world::host_plan read_host(const toml::table& table, const std::string& file, size_t index, bool is_real)
+// A module's parameters may not say again, unchecked, what the host's own keys say.
+void refuse_identity_parameters(table_reader& reader, const toml::table* ats)
 {
+    for (const auto& [parameter, key] : {std::pair{"ats_ipaddr_str", "address"}, std::pair{"ats_hostName_str", "name"}})
+        if (const toml::node* const given = ats ? ats->get(parameter) : nullptr)
+            reader.refuse(*given, std::string("give '") + key + "' in the [[host]] table instead of " + parameter);
+}
+
+struct read_host_plan {
+    world::host_plan plan;
+    std::string address;
+};
+
+read_host_plan read_host(const toml::table& table, const std::string& file, world_config& config)
+{
+    const bool is_real = config.fabric.is_real;
+    const size_t index = config.hosts.size();
     table_reader reader(table, file);
     const std::string number = std::to_string(index + 1);
     world::host_plan plan;
-    plan.name = reader.text("name", is_real ? name_of_machine() : "node" + number);
+    const bool is_named = reader.find("name") || !is_real;
+    plan.name = is_named ? reader.text("name", "node" + number) : host_name_of_machine(config.remarks);
     if (!is_host_name(plan.name))
         reader.refuse(table, quoted(plan.name) + " cannot be a host name: give it a 'name' of " + host_name_rule);
 
     const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
     if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
-    if (!world::parse_ipv4(address))
-        reader.refuse(*reader.find("address"), quoted(address) + " is no IPv4 address like 10.0.0.1");
+    if (const toml::node* const given = reader.find("address")) host_address_of(address, reader.place_of(*given));
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
     plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
@@ -174,11 +186,12 @@ world::host_plan read_host(const toml::table& table, const std::string& file, si
             reader.refuse(*hcas[i], "there are two HCAs named " + quoted(plan.hcas.back().name) + " on one host");
     }
 
+    refuse_identity_parameters(reader, reader.table("ats"));
     plan.modules = world::usual_modules(plan.name, address);
     for (world::module_plan& module : plan.modules)
         module.parameters += read_parameters(reader, reader.table(module.name));
     reader.finish();
-    return plan;
+    return {plan, address};
 }
 
 fabric_config read_fabric(const toml::table& table, const std::string& file)
@@ -206,13 +219,6 @@ fabric_config read_fabric(const toml::table& table, const std::string& file)
 
 } // namespace
 
-bool is_host_name(const std::string& name)
-{
-    constexpr size_t longest = 30; // what a ServiceRecord carries
-    const auto fits = [](unsigned char each) { return each > ' ' && each != '/' && each != '"' && each != '\x7F'; };
-    return !name.empty() && name.size() <= longest && std::ranges::all_of(name, fits);
-}
-
 umad::delete_p_key delete_p_key_of(const std::string& word)
 {
     if (word == "on") return umad::delete_p_key::on;
@@ -221,13 +227,16 @@ umad::delete_p_key delete_p_key_of(const std::string& word)
 
 world_config real_host(const std::string& name, const std::string& address, const umad::options& ports)
 {
+    world_config config{.fabric = {.is_real = true, .ports = ports}};
     world::host_plan plan;
-    plan.name = name.empty() ? name_of_machine() : name;
+    plan.name = name.empty() ? host_name_of_machine(config.remarks) : name;
     if (!is_host_name(plan.name))
         throw failure(exit_usage, quoted(plan.name) + " cannot be a host name: give --name " + host_name_rule);
+    host_address_of(address);
     plan.hcas.clear();
     plan.modules = world::usual_modules(plan.name, address);
-    return {.hosts = {plan}, .fabric = {.is_real = true, .ports = ports}};
+    config.hosts = {plan};
+    return config;
 }
 
 world_config numbered_hosts(int count)
@@ -257,12 +266,16 @@ world_config read_world_config(const std::string& path)
     world_config config;
     if (const toml::table* fabric = reader.table("fabric")) config.fabric = read_fabric(*fabric, path);
     std::set<std::string> names;
+    std::map<std::string, std::string> owners; // by address
     for (const toml::table* host : reader.tables("host")) {
         if (config.fabric.is_real && !config.hosts.empty())
             reader.refuse(*host, "on a real fabric there is one host, which is this machine");
-        config.hosts.push_back(read_host(*host, path, config.hosts.size(), config.fabric.is_real));
-        if (!names.insert(config.hosts.back().name).second)
-            reader.refuse(*host, "there are two hosts named " + quoted(config.hosts.back().name));
+        const auto [plan, address] = read_host(*host, path, config);
+        config.hosts.push_back(plan);
+        if (!names.insert(plan.name).second) reader.refuse(*host, "there are two hosts named " + quoted(plan.name));
+        if (const auto [owner, is_new] = owners.emplace(address, plan.name); !is_new)
+            config.remarks.push_back(reader.place_of(*host) +
+                                     shared_address_warning(plan.name, owner->second, address));
     }
     reader.finish();
     if (config.hosts.empty()) throw failure(exit_usage, path + ":1: no [[host]] table: name at least one host");

@@ -10,11 +10,6 @@
 namespace cli
 {
 
-// Whether a host may be called so: of what a ServiceRecord can carry, and what does as a folder and in a module's
-// parameters. What one that may not needs is in `host_name_rule`.
-bool is_host_name(const std::string& name);
-constexpr const char* host_name_rule = "1 to 30 characters without blanks, slashes or quotation marks";
-
 // The memory of a host's log, in KiB.
 constexpr int default_log_kib = kernel::default_log_bytes / 1024;
 constexpr int least_log_kib = 16;
@@ -33,20 +28,22 @@ struct fabric_config {
 struct world_config {
     std::vector<world::host_plan> hosts = {};
     fabric_config fabric = {};
+    std::vector<std::string> remarks = {}; // what may not be meant, a line each
 };
 
 // `count` hosts node1, node2, ... with one one-port HCA each and the addresses 10.0.0.1 onwards.
 world_config numbered_hosts(int count);
 
 // One host of that name and address on real ports, its HCAs as `ports` says. "" stands for this machine's name. Throws
-// a failure when that is no host name.
+// a failure when that is no host name, or the address no host's.
 world_config real_host(const std::string& name, const std::string& address, const umad::options& ports);
 
 // "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
-// Reads a TOML file of [[host]] tables; ats-run(8) lists the keys. Unknown keys, wrong types, names used twice and
-// numbers out of range are refused with a failure: "FILE:LINE: what is wrong and what would be right".
+// Reads a TOML file of [[host]] tables; ats-run(8) lists the keys. Unknown keys, wrong types, names used twice,
+// addresses of no host and numbers out of range are refused with a failure: "FILE:LINE: what is wrong and what would be
+// right".
 world_config read_world_config(const std::string& path);
 
 } // namespace cli

@@ -242,9 +242,12 @@ void running_service::fail_over()
 
 void running_service::change_identity()
 {
-    EXPECT_EQ(ats->ask({"set-name", "front"}).exit_code, 0);
-    EXPECT_FALSE(record_of("front").empty());
-    EXPECT_EQ(host_status("front")["name"], "node1") << "a host is found by the name that it is registered under";
+    EXPECT_EQ(ats->ask({"set-name", "größenänderung"}).exit_code, 0);
+    EXPECT_FALSE(record_of("größenänderung").empty());
+    EXPECT_EQ(host_status("größenänderung")["name"], "node1") << "a host is found by the name it is registered under";
+    EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("10.0.0.1  größenänderung  infinite\n"));
+    EXPECT_THAT(ats->ask({"set-address", "10.0.0.2"}).out, HasSubstr("'node1' has the same address as 'node2'"));
+    EXPECT_EQ(ats->ask({"set-address", "10.0.0.1"}).exit_code, 0);
     EXPECT_EQ(ats->ask({"control", "set_host_name node1"}).out, "");
     EXPECT_TRUE(eventually([&] { return !record_of("node1").empty(); }));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period -5 7"}).exit_code, 0);
@@ -297,6 +300,9 @@ void running_service::use_the_files()
     EXPECT_THAT(text_of_file(file("node1/log")), HasSubstr("SA verification period:300   verification skew(%): 7"));
     write_file(file("node3/proc/dorvex/ats/control"), "set_host_name filed\n");
     EXPECT_TRUE(eventually([&] { return !record_of("filed").empty(); }));
+    write_file(file("node3/proc/dorvex/ats/control"), "set_host_name f\x1b[2J\xff\n");
+    EXPECT_TRUE(eventually([&] { return !record_of("f\x1b[2J\uFFFD").empty(); }));
+    EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("  f\\x1b[2J"));
     EXPECT_FALSE(std::filesystem::exists(file("node1/proc/dorvex/ats/parameters")));
     EXPECT_EQ(open(file("node1/log").c_str(), O_WRONLY), -1);
     EXPECT_EQ(open(file("node1/proc/dorvex/ats/version").c_str(), O_WRONLY), -1);
@@ -304,11 +310,12 @@ void running_service::use_the_files()
     std::ifstream log(file("node3/log"));
     std::stringstream before;
     before << log.rdbuf();
-    write_file(file("node3/proc/dorvex/ats/control"), "what\n");
+    write_file(file("node3/proc/dorvex/ats/control"), "wh\x1b[mat\n");
     log.clear();
     std::string line;
     EXPECT_TRUE(std::getline(log, line));
-    EXPECT_THAT(line, HasSubstr("kqt /proc: unknown command: 'what'"));
+    EXPECT_THAT(line, HasSubstr("kqt /proc: unknown command: 'wh\x1b[mat'"));
+    EXPECT_THAT(ats->ask({"log", "--host", "node3"}).out, HasSubstr("'wh\\x1b[mat'"));
 }
 
 // The writer waits for an SA that says nothing; a signal ends its waits, and the module says so.

@@ -1,5 +1,6 @@
 // The configuration of `ats run`: what is read, and what is refused with its line.
 #include "cli/failure.h"
+#include "cli/identity.h"
 #include "cli/world-config.h"
 #include "tests/cli/program.h"
 
@@ -78,6 +79,21 @@ name = "mlx5_1"
     EXPECT_EQ(config.hosts.at(0).name, std::string(name).substr(0, std::string(name).find('.')));
 }
 
+TEST(world_config, what_may_be_meant_is_taken_with_a_warning)
+{
+    const scratch_folder folder;
+    write_file(folder / "world.toml", "[[host]]\naddress = \"10.0.0.2\"\n[[host]]\n[[host]]");
+    const cli::world_config config = cli::read_world_config(folder / "world.toml");
+    EXPECT_EQ(config.hosts.size(), 3u);
+    EXPECT_THAT(config.remarks, ElementsAre(HasSubstr(":3: 'node2' has the same address as 'node1', 10.0.0.2")));
+
+    std::vector<std::string> remarks;
+    EXPECT_EQ(cli::host_name_for("thirty-bytes-are-what-it-takes.site", remarks), "thirty-bytes-are-what-it-takes");
+    EXPECT_THAT(remarks, testing::IsEmpty());
+    EXPECT_EQ(cli::host_name_for("thirty-bytes-end-in-this-umlaü", remarks), "thirty-bytes-end-in-this-umla");
+    EXPECT_THAT(remarks, ElementsAre(HasSubstr("31 bytes, and a record carries 30: it registers as 'thirty-bytes")));
+}
+
 TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_right)
 {
     const struct {
@@ -89,10 +105,13 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
         {"hosts = 3", ":1: unknown key 'hosts'; valid here are fabric, host"},
         {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},
-        {"[[host]]\nname = \"a/b\"", "'a/b' cannot be a host name: give it a 'name' of 1 to 30 characters without"},
+        {"[[host]]\nname = \"a/b\"", "'a/b' cannot be a host name: give it a 'name' of 1 to 30 bytes of UTF-8 without"},
         {"[[host]]\nname = \"a-name-that-no-record-can-carry\"", "cannot be a host name"},
+        {"[[host]]\nname = \"\\u001B[2J\"", "'\\x1b[2J' cannot be a host name"},
         {"[[host]]\nname = \"a\"\n[[host]]\nname = \"a\"", ":3: there are two hosts named 'a'"},
-        {"[[host]]\naddress = \"10.0.0\"", ":2: '10.0.0' is no IPv4 address like 10.0.0.1"},
+        {"[[host]]\naddress = \"10.0.0\"", ":2: '10.0.0' is no IPv4 address: write four numbers"},
+        {"[[host]]\naddress = \"127.1.2.3\"", ":2: '127.1.2.3' cannot be a host's address: it is a loopback"},
+        {"[[host]]\n[host.ats]\nats_ipaddr_str = \"127.1.2.3\"", ":3: give 'address' in the [[host]] table"},
         {"[[host]]\ntrace = 6", ":2: 'trace' must be a whole number from 0 to 5"},
         {"[[host]]\ntrace = \"high\"", ":2: 'trace' must be a whole number from 0 to 5"},
         {"[[host]]\n[[host.hca]]\nports = 3", ":3: 'ports' must be a whole number from 1 to 2"},

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 
 namespace embedded
 {
@@ -9,13 +10,11 @@ namespace embedded
 namespace
 {
 
-// The text at the start of a field, up to a zero byte or the field's end; what cannot be printed shows as '?'.
+// The bytes at the start of a field, up to a zero byte or the field's end.
 std::string text_in(const void* field, size_t size)
 {
-    const char* bytes = static_cast<const char*>(field);
-    std::string text;
-    for (size_t i = 0; i < size && bytes[i]; ++i) text += bytes[i] >= ' ' && bytes[i] <= '~' ? bytes[i] : '?';
-    return text;
+    const char* const bytes = static_cast<const char*>(field);
+    return {bytes, strnlen(bytes, size)};
 }
 
 } // namespace

@@ -20,7 +20,8 @@ struct port_view {
     std::string gid;
 };
 
-// A ServiceRecord of this service; of another one's, the address and the host name mean nothing.
+// A ServiceRecord of this service; of another one's, the address and the host name mean nothing. The names are the
+// bytes that the record holds, whatever they are.
 struct service_record_view {
     std::string gid; // "0x" and 32 digits
     uint16_t p_key;

@@ -1,0 +1,36 @@
+// What a host may be called, and which address may be its own: one rule for the configuration, the command line and
+// orders. What can never work is refused. What may be meant is done with a warning.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace cli
+{
+
+// What a ServiceRecord carries.
+constexpr size_t longest_host_name_bytes = 30;
+
+// True if the name fits a ServiceRecord, a module's parameter and the name of a folder. `host_name_rule` says what a
+// name needs.
+bool is_host_name(const std::string& name);
+constexpr const char* host_name_rule =
+    "1 to 30 bytes of UTF-8 without blanks, slashes, quotation marks and control characters, and neither . nor ..";
+
+// The host name that stands for a machine's: without its domain, and cut to what a ServiceRecord carries. A cut is told
+// in a line of `remarks`.
+std::string host_name_for(const std::string& machine_name, std::vector<std::string>& remarks);
+
+// The name of this machine, likewise.
+std::string host_name_of_machine(std::vector<std::string>& remarks);
+
+// Reads an IPv4 address in network order. Throws a failure of exit_usage, whose text begins with `place`, when it is
+// none, or for the second one when no host can have it: "this network", loopback, multicast and broadcast addresses.
+uint32_t address_of(const std::string& text, const std::string& place = "");
+uint32_t host_address_of(const std::string& text, const std::string& place = "");
+
+// The warning that two hosts of a fabric have one address, which is then nobody's.
+std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);
+
+} // namespace cli
