@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "cli/gids.h"
 #include "cli/service-origin.h"
 #include "cli/show.h"
 
@@ -21,6 +22,19 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
         ->check(number_from(0.1, 3600.0))
         ->option_text("SECONDS");
     return options;
+}
+
+void add_gid_format_option(CLI::App& command, client_options& options)
+{
+    command.add_option("--gid-format", options.gid_format, "Write GIDs as hex (default) or like ipv6 addresses")
+        ->check(one_of({"hex", "ipv6"}))
+        ->option_text("FORMAT");
+}
+
+json in_wanted_notation(json answer, const client_options& options)
+{
+    if (options.gid_format == "ipv6") use_ipv6_notation(answer);
+    return answer;
 }
 
 client::client(const client_options& options)
@@ -86,7 +100,7 @@ void ask_and_show(const client_options& options, const json& request, void (*sho
     if (options.as_json)
         show_json(std::cout, answer);
     else
-        show(std::cout, answer);
+        show(std::cout, in_wanted_notation(answer, options));
 }
 
 } // namespace cli

@@ -20,7 +20,8 @@ struct client_options {
     std::string socket = default_socket_path();
     std::string host; // "": the first
     bool as_json = false;
-    double timeout_seconds = 5; // without a sign of life of the service
+    std::string gid_format = "hex"; // of text, "hex" or "ipv6"
+    double timeout_seconds = 5;     // without a sign of life of the service
 };
 
 constexpr const char* one_host = "The host to ask (default: the first)";
@@ -28,6 +29,10 @@ constexpr const char* no_host = "";
 
 // Adds --json, --socket, --timeout and, unless it means nothing to the command, --host.
 std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning);
+
+// Adds --gid-format, for commands that show GIDs; and an answer with its GIDs in the notation that it asks for.
+void add_gid_format_option(CLI::App& command, client_options& options);
+json in_wanted_notation(json answer, const client_options& options);
 
 // One conversation with the service. Throws a failure when nobody answers. An answer may take its time, as that of a
 // silent SA does, and a followed log may have no news: a service that says nothing is asked on a second connection

@@ -6,6 +6,7 @@
 #include "cli/control-commands.h"
 #include "cli/sa-show.h"
 #include "cli/show.h"
+#include "host/world/printable.h"
 
 namespace cli
 {
@@ -44,11 +45,12 @@ int run_control(const client_options& common, const std::vector<std::string>& wo
     const json answer = client(common).ask({{"request", "control"}, {"command", line}});
     throw_if_refused(answer);
     if (common.as_json)
-        std::cout << answer.dump(2) << '\n';
+        show_json(std::cout, answer);
     else
         show_output(std::cout, answer);
     if (answer.value("failed", false)) return exit_failed;
-    if (const std::string warning = control_warning(line); !warning.empty()) std::cerr << "ats: " << warning << '\n';
+    if (const std::string warning = control_warning(line); !warning.empty())
+        std::cerr << "ats: " << world::printable_lines(warning) << '\n';
     return exit_ok;
 }
 

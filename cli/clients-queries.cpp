@@ -8,7 +8,9 @@
 
 #include "cli/client.h"
 #include "cli/full-screen.h"
+#include "cli/identity.h"
 #include "cli/log-filter.h"
+#include "cli/sa-show.h"
 #include "cli/show.h"
 #include "host/kernel/log.h"
 #include "host/world/printable.h"
@@ -33,28 +35,68 @@ bool is_yes(const json& answer)
     return answer.at("status") == "ok" && (!answer.contains("verified") || answer.at("verified") == true);
 }
 
-// Several questions, an answer each. A malformed one does not keep the others from being asked.
+// What `resolve` takes for a host name: no text of digits and points, which is an address or a mistyped one.
+bool is_name_to_resolve(const std::string& asked)
+{
+    return asked.find_first_not_of("0123456789.") != std::string::npos && is_host_name(asked);
+}
+
+// The SA's answer about a host name: one for every record of that name, as the answers about addresses are.
+json resolve_name(client& service, const std::string& host_name)
+{
+    json answer = service.ask({{"request", "resolve"}, {"name", host_name}});
+    if (answer.value("real", false)) {
+        const auto started = std::chrono::steady_clock::now();
+        const json records = real_records_of(host_name);
+        const auto took = std::chrono::steady_clock::now() - started;
+        answer = {{"status", records.empty() ? "not found" : "ok"},
+                  {"source", "SA"},
+                  {"reason", "the SA holds no record of that host name"},
+                  {"microseconds", std::chrono::duration_cast<std::chrono::microseconds>(took).count()},
+                  {"matches", records}};
+    }
+    if (answer.value("status", "") != "ok") return json::array({answer});
+    json found = json::array();
+    for (json match : answer.at("matches")) {
+        for (const char* key : {"status", "source", "microseconds"}) match[key] = answer.at(key);
+        match["found"] = match.at("gid");
+        found.push_back(std::move(match));
+    }
+    return found;
+}
+
+json resolve_one(client& service, const resolve_options& options, const std::string& request, const std::string& key,
+                 const std::string& asked)
+{
+    if (request == "resolve" && is_name_to_resolve(asked)) {
+        if (options.cached) throw failure(exit_usage, "--cached is for addresses: no cache knows host names");
+        return resolve_name(service, asked);
+    }
+    return json::array(
+        {service.ask({{"request", request}, {key, asked}, {"verify", options.verify}, {"cached", options.cached}})});
+}
+
+// Several questions, one or more answers each. A malformed one does not keep the others from being asked.
 int run_resolutions(const client_options& common, const resolve_options& options, const std::string& request,
                     const std::string& key)
 {
     client service(common);
     json answers = json::array();
     int worst = exit_ok;
-    for (const std::string& asked : options.asked) {
-        json answer =
-            service.ask({{"request", request}, {key, asked}, {"verify", options.verify}, {"cached", options.cached}});
-        answer["asked"] = asked;
-        if (answer.contains("error"))
-            worst = std::max<int>(worst, answer.value("exit_code", int{exit_failed}));
-        else if (!is_yes(answer))
-            worst = std::max<int>(worst, exit_failed);
-        if (common.as_json)
-            answers.push_back(answer);
-        else if (answer.contains("error"))
-            std::cerr << "ats: " << world::printable_lines(answer.at("error").get<std::string>()) << std::endl;
-        else
-            show_resolution(std::cout, answer);
-    }
+    for (const std::string& asked : options.asked)
+        for (json& answer : resolve_one(service, options, request, key, asked)) {
+            answer["asked"] = asked;
+            if (answer.contains("error"))
+                worst = std::max<int>(worst, answer.value("exit_code", int{exit_failed}));
+            else if (!is_yes(answer))
+                worst = std::max<int>(worst, exit_failed);
+            if (common.as_json)
+                answers.push_back(answer);
+            else if (answer.contains("error"))
+                std::cerr << "ats: " << world::printable_lines(answer.at("error").get<std::string>()) << std::endl;
+            else
+                show_resolution(std::cout, in_wanted_notation(answer, common));
+        }
     if (common.as_json) show_json(std::cout, answers);
     return worst;
 }
@@ -72,6 +114,7 @@ void add_resolutions(CLI::App& program, int& exit_code, const std::string& name,
         ->excludes(verify)
         ->option_text(" ");
     auto common = add_client_options(*command, one_host);
+    add_gid_format_option(*command, *common);
     command->callback([=, &exit_code] { exit_code = run_resolutions(*common, *options, name, key); });
 }
 
@@ -90,9 +133,9 @@ void watch_status(const client_options& common)
         } else if (isatty(STDOUT_FILENO) == 1) {
             if (!screen) screen.emplace();
             const auto [columns, lines] = screen->window();
-            screen->draw(fit_status(answer, columns, lines));
+            screen->draw(fit_status(in_wanted_notation(answer, common), columns, lines));
         } else {
-            show_status(std::cout, answer);
+            show_status(std::cout, in_wanted_notation(answer, common));
             std::cout << std::flush;
         }
         std::this_thread::sleep_for(redraw_period);
@@ -105,6 +148,7 @@ void add_status(CLI::App& program)
     auto watch = std::make_shared<bool>(false);
     command->add_flag("--watch", *watch, "Show it anew every second until interrupted, on a terminal in its window");
     auto common = add_client_options(*command, "Show this host only");
+    add_gid_format_option(*command, *common);
     command->callback([=] {
         if (*watch)
             watch_status(*common);
@@ -157,8 +201,8 @@ void add_log(CLI::App& program)
 void add_queries(CLI::App& program, int& exit_code)
 {
     add_status(program);
-    add_resolutions(program, exit_code, "resolve", "Find the GID of IPv4 addresses", "address", "ADDRESS",
-                    "As in 10.0.0.2");
+    add_resolutions(program, exit_code, "resolve", "Find the GID of IPv4 addresses or host names", "address", "ADDRESS",
+                    "As in 10.0.0.2, or a host name");
     add_resolutions(program, exit_code, "reverse", "Find the IPv4 address of GIDs", "gid", "GID",
                     "0x and up to 32 hexadecimal digits, or as in fe80::1");
     add_log(program);

@@ -5,9 +5,11 @@
 #include <sstream>
 
 #include "cli/failure.h"
+#include "cli/gids.h"
 #include "cli/log-filter.h"
 #include "cli/show.h"
 #include "cli/suggestion.h"
+#include "host/world/text.h"
 
 namespace cli
 {
@@ -27,8 +29,7 @@ struct control_command {
 constexpr std::array<control_command, 7> commands = {{
     {"show_local", "", 0, "Nothing; it is accepted for old scripts. 'ats status' shows the ports"},
     {"dump_requests", "", 0, "Nothing; it is accepted for old scripts"},
-    {"rarp", "GID", 1,
-     "Ask the cache or the SA for the address of 0x and 32 digits; the answer is in the log, level 4"},
+    {"rarp", "GID", 1, "Ask the cache or the SA for the address of a GID; the answer is in the log, level 4"},
     {"set_host_name", "NAME", 1, "Register this host name from now on, on every HCA"},
     {"set_ip_addrs", "ADDRESS", 1, "Register this IPv4 address from now on, on every HCA"},
     {"sa_verify_period", "SECONDS PERCENT", 2,
@@ -83,7 +84,9 @@ std::string control_line(const std::vector<std::string>& words)
                                       std::to_string(parts.size() - 1) + " arguments");
     }
     std::string line;
-    for (const std::string& part : parts) {
+    for (const std::string& word : parts) {
+        const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;
+        const std::string part = is_ipv6_notation ? world::format_gid(gid_of(word)) : word; // the module reads no other
         if (part.size() > longest_word)
             throw failure(exit_usage, quoted(part) + " is too long: a word has at most 40 bytes");
         line += (line.empty() ? "" : " ") + part;

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "host/stack/gsi-service.h"
+#include "host/world/printable.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
 #include "kernel/sync.h"
@@ -60,7 +61,7 @@ std::string text_of(const ib_service_record_v2_t& record)
 {
     if (!records::is_host_record(record)) return "of another service";
     const records::host_record host = records::decode(record);
-    return world::format_ipv4(host.address) + " " + records::printable(host.host_name);
+    return world::format_ipv4(host.address) + " " + world::printable(host.host_name);
 }
 
 // What the SA has made of the record that was sent last; "" when it holds it.
@@ -116,7 +117,7 @@ json report_of(const hca_registration& hca, uint64_t now_ticks)
     if (!hca.seen) return report;
     const stack::registration& seen = *hca.seen;
     const records::host_record record = records::decode(seen.record);
-    report["name"] = records::printable(record.host_name);
+    report["name"] = record.host_name;
     report["address"] = world::format_ipv4(record.address);
     report["gid"] = world::format_gid(record.gid);
     report["p_key"] = hexadecimal(record.p_key);

@@ -4,8 +4,8 @@
 
 #include <charconv>
 
+#include "cli/gids.h"
 #include "cli/sa-show.h"
-#include "host/world/text.h"
 
 namespace cli
 {
@@ -40,9 +40,7 @@ json forget(site& at, const std::string& gid)
     if (gid.empty()) {
         forgotten = at.subnet().forget_all();
     } else {
-        const auto parsed = world::parse_gid(gid);
-        if (!parsed) throw failure(exit_usage, quoted(gid) + " is no GID: take one from 'ats sa show'");
-        const wire_gid_t wire = to_wire(*parsed);
+        const wire_gid_t wire = to_wire(gid_of(gid));
         forgotten = at.subnet().forget(std::to_array(wire.bytes));
     }
     if (forgotten == 0)

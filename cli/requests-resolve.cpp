@@ -1,5 +1,6 @@
 // Resolution in both directions.
 
+#include "cli/gids.h"
 #include "cli/identity.h"
 #include "cli/requests.h"
 #include "host/peers/ibat-exports.h"
@@ -98,6 +99,7 @@ world::ask how_to_ask(const json& request)
 
 json answer_resolve(site& at, const json& request)
 {
+    if (request.contains("name")) return answer_resolve_name(at, request);
     kernel::machine& machine = at.host_named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
     const world::resolution answer = resolve_address(machine, address_of(request.at("address")), how);
@@ -115,16 +117,12 @@ json answer_reverse(site& at, const json& request)
 {
     kernel::machine& machine = at.host_named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
-    const std::string asked = request.at("gid");
-    const auto gid = world::parse_gid(asked);
-    if (!gid)
-        throw failure(exit_usage,
-                      quoted(asked) + " is no GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1:2:3:4");
-    const world::resolution answer = resolve_gid(machine, *gid, how);
+    const kq_gid_t gid = gid_of(request.at("gid"));
+    const world::resolution answer = resolve_gid(machine, gid, how);
     json result = shown(answer, how);
     if (must_verify(request, result)) {
         const world::resolution sure = ask_sa_for(machine, answer);
-        const bool is_corrected = !agree(answer, resolve_gid(machine, *gid, world::ask::cache_only));
+        const bool is_corrected = !agree(answer, resolve_gid(machine, gid, world::ask::cache_only));
         compare(answer, sure, "address", is_corrected, result);
     }
     if (result["status"] == "ok") result["found"] = result["address"];

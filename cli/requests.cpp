@@ -5,6 +5,7 @@
 #include <set>
 
 #include "cli/control-commands.h"
+#include "cli/gids.h"
 #include "cli/identity.h"
 #include "cli/registration.h"
 #include "cli/requests-fabric.h"
@@ -160,7 +161,9 @@ json answer_request(site& at, const json& request)
     const std::string name = request.value("request", "");
     const auto found = requests.find(name);
     if (found == requests.end()) throw failure(exit_usage, "this service does not know the request " + quoted(name));
-    return found->second(at, request);
+    json answer = found->second(at, request);
+    add_gid6(answer);
+    return answer;
 }
 
 } // namespace cli

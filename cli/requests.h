@@ -24,6 +24,10 @@ json answer_reverse(site& at, const json& request);
 // {"what": an address, a GID or ""}: IBAT forgets its entry, or all of them.
 json answer_flush(site& at, const json& request);
 
+// {"name"}: the records of that host name, as the SA of the embedded fabric tells them: {"matches"}. {"real": true} on
+// a real fabric, whose SA the client asks itself.
+json answer_resolve_name(site& site, const json& request);
+
 // The answer of an order that was carried out.
 json done(const std::string& what);
 

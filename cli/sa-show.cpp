@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "cli/client.h"
+#include "cli/gids.h"
 #include "cli/show.h"
 #include "host/fabric/embedded/service-records.h"
 #include "host/fabric/umad/record-list.h"
@@ -32,11 +33,7 @@ umad::record_filter filter_of(const show_options& options)
         if (!filter.address) throw failure(exit_usage, quoted(options.address) + " is no IPv4 address like 10.0.0.1");
     }
     if (!options.gid.empty()) {
-        const auto gid = world::parse_gid(options.gid);
-        if (!gid)
-            throw failure(exit_usage, quoted(options.gid) +
-                                          " is no GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1");
-        filter.gid = std::to_array(to_wire(*gid).bytes);
+        filter.gid = std::to_array(to_wire(gid_of(options.gid)).bytes);
     }
     if (!options.name.empty()) filter.host_name = options.name;
     return filter;
@@ -51,6 +48,7 @@ json ask_real_sa(const show_options& options, const umad::record_filter& filter)
     json records = json::array();
     for (const ib_service_record_v2_t& record : list.records)
         records.push_back(record_answer(embedded::view_of(record)));
+    add_gid6(records);
     return {{"records", records}, {"remarks", list.remarks}, {"silent", false}, {"status", nullptr}};
 }
 
@@ -91,6 +89,11 @@ json find_records(const client_options& common, const show_options& options)
 
 } // namespace
 
+json real_records_of(const std::string& host_name)
+{
+    return ask_real_sa({}, {.host_name = host_name}).at("records");
+}
+
 json record_answer(const embedded::service_record_view& record)
 {
     char p_key[sizeof "0x0000"];
@@ -118,13 +121,15 @@ void add_sa_show(CLI::App& sa, int& exit_code)
         ->needs(hca)
         ->option_text("N");
     auto common = add_client_options(*command, no_host);
+    add_gid_format_option(*command, *common);
     command->callback([=, &exit_code] {
         const json answer = find_records(*common, *options);
         if (answer.at("records").empty()) exit_code = exit_failed;
         if (common->as_json)
             show_json(std::cout, answer);
         else
-            show_records(std::cout, answer, !(options->address + options->gid + options->name).empty());
+            show_records(std::cout, in_wanted_notation(answer, *common),
+                         !(options->address + options->gid + options->name).empty());
     });
 }
 

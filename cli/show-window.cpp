@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "cli/show.h"
+#include "host/world/printable.h"
 
 namespace cli
 {
@@ -14,7 +15,7 @@ using table = std::vector<std::vector<std::string>>;
 
 std::string text_of(const json& value)
 {
-    return value.is_string() ? value.get<std::string>() : value.is_null() ? "-" : value.dump();
+    return value.is_string() ? world::printable(value.get<std::string>()) : value.is_null() ? "-" : value.dump();
 }
 
 std::vector<std::string> lines_of(const std::string& text)
@@ -65,7 +66,7 @@ table hosts_of(const json& answer)
 bool fits(const std::vector<std::string>& lines, size_t columns, size_t most_lines)
 {
     return lines.size() <= most_lines &&
-           std::ranges::all_of(lines, [&](const std::string& line) { return line.size() <= columns; });
+           std::ranges::all_of(lines, [&](const std::string& line) { return world::columns_of(line) <= columns; });
 }
 
 } // namespace
@@ -83,7 +84,8 @@ std::string fit_status(const json& answer, size_t columns, size_t most_lines)
         lines.push_back("... and " + std::to_string(hidden) + " lines more: --host NAME shows one host");
     }
     std::string picture;
-    for (const std::string& line : lines) picture += (picture.empty() ? "" : "\n") + line.substr(0, columns);
+    for (const std::string& line : lines)
+        picture += (picture.empty() ? "" : "\n") + world::cut_to_columns(line, columns);
     return picture;
 }
 

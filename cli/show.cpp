@@ -155,6 +155,7 @@ void show_resolution(std::ostream& to, const json& answer)
     else
         to << cell(answer.at("status")) << ": " << cell(answer.at("reason"));
     to << "  (";
+    if (answer.contains("host_name")) to << cell(answer.at("address")) << ", ";
     if (!answer.at("source").is_null()) to << "from the " << cell(answer.at("source")) << ", ";
     to << duration(answer.at("microseconds")) << verdict(answer) << ")" << std::endl;
 }

@@ -68,14 +68,6 @@ ib_service_record_v2_t encode(const host_record& host)
     return record;
 }
 
-std::string printable(const std::string& host_name)
-{
-    std::string text = host_name;
-    std::ranges::replace_if(
-        text, [](char byte) { return byte < ' ' || byte > '~'; }, '?');
-    return text;
-}
-
 std::string status_text(uint16_t word)
 {
     char text[80];

@@ -34,9 +34,6 @@ host_record decode(const ib_service_record_v2_t& record);
 // The record as a host registers it: its lease does not end. A name that is too long is cut.
 ib_service_record_v2_t encode(const host_record& host);
 
-// The name with a '?' for every byte that cannot be printed.
-std::string printable(const std::string& host_name);
-
 // A status word of the SA and its meaning (IBA 13.4.7, 15.2.4), as in "0x0300 (it holds no such record)".
 std::string status_text(uint16_t word);
 

@@ -119,4 +119,12 @@ size_t columns_of(std::string_view text)
     return static_cast<size_t>(std::ranges::count_if(text, [](char byte) { return !continues(byte); }));
 }
 
+std::string cut_to_columns(std::string_view text, size_t most)
+{
+    size_t end = 0;
+    for (size_t columns = 0; end < text.size(); ++end)
+        if (!continues(text[end]) && ++columns > most) break;
+    return std::string(text.substr(0, end));
+}
+
 } // namespace world

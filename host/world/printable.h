@@ -24,7 +24,8 @@ std::string printable_json(std::string_view document);
 // The longest beginning of the text that has at most `most` bytes and cuts no character.
 std::string cut_to_bytes(std::string_view text, size_t most);
 
-// How many columns the text takes: one for each character.
+// How many columns the text takes, one for each character; and its beginning that takes at most so many.
 size_t columns_of(std::string_view text);
+std::string cut_to_columns(std::string_view text, size_t most);
 
 } // namespace world

@@ -60,4 +60,11 @@ std::string format_gid(const kq_gid_t& gid)
     return text;
 }
 
+std::string format_gid6(const kq_gid_t& gid)
+{
+    char text[INET6_ADDRSTRLEN];
+    const wire_gid_t wire = to_wire(gid);
+    return inet_ntop(AF_INET6, wire.bytes, text, sizeof text);
+}
+
 } // namespace world

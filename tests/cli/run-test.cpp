@@ -108,6 +108,7 @@ void running_service::look()
                                   {"name", "node2"},
                                   {"address", "10.0.0.2"},
                                   {"gid", gid_of_node2_port1},
+                                  {"gid6", "fe80::200:0:2:1"},
                                   {"p_key", "0xFFFF"},
                                   {"port", 1},
                                   {"sm_lid", 1},
@@ -125,6 +126,7 @@ void running_service::look()
     EXPECT_EQ(hca["ports"][0]["address"], "10.0.0.2");
     EXPECT_EQ(node2["ibat"]["cache"].at(0)["kind"], "own");
     EXPECT_EQ(record_of("node2"), json({{"gid", gid_of_node2_port1},
+                                        {"gid6", "fe80::200:0:2:1"},
                                         {"p_key", "0xFFFF"},
                                         {"address", "10.0.0.2"},
                                         {"host_name", "node2"},
@@ -156,6 +158,14 @@ void running_service::look_up()
     EXPECT_THAT(again.out, HasSubstr(gid_of_node2_port1));
     EXPECT_THAT(again.out, HasSubstr("from the cache"));
     EXPECT_THAT(again.out, HasSubstr("the SA agrees"));
+
+    const program_result named = ats->ask({"resolve", "node2", "nobody", "--json"});
+    EXPECT_EQ(named.exit_code, 1);
+    EXPECT_EQ(named.answer()[0]["gid6"], "fe80::200:0:2:1");
+    EXPECT_EQ(named.answer()[0]["address"], "10.0.0.2");
+    EXPECT_EQ(named.answer()[1]["status"], "not found");
+    EXPECT_THAT(ats->ask({"reverse", "fe80:0000::200:0:2:1"}).out, HasSubstr("  10.0.0.2  "));
+    EXPECT_THAT(ats->ask({"resolve", "10.0.0.2", "--gid-format", "ipv6"}).out, HasSubstr("  fe80::200:0:2:1  "));
 
     EXPECT_EQ(ats->ask_json({"flush", "10.0.0.2"})["dropped"], 1);
     EXPECT_EQ(ats->ask({"resolve", "10.0.0.2", "--cached"}).exit_code, 1);
@@ -197,6 +207,7 @@ void running_service::upset_the_sa()
 {
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
     EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("It is silent"));
+    EXPECT_THAT(ats->ask({"resolve", "node2"}).out, HasSubstr("node2  timed out"));
     const program_result silence = ats->ask({"resolve", "10.0.0.98", "--timeout", "0.4"});
     EXPECT_EQ(silence.exit_code, 1) << "the service was alive, and the question took longer";
     EXPECT_THAT(silence.out, HasSubstr("timed out: the SA did not answer in time"));
@@ -248,6 +259,11 @@ void running_service::change_identity()
     EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("10.0.0.1  größenänderung  infinite\n"));
     EXPECT_THAT(ats->ask({"set-address", "10.0.0.2"}).out, HasSubstr("'node1' has the same address as 'node2'"));
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.1"}).exit_code, 0);
+    EXPECT_EQ(ats->ask({"set-name", "node2"}).exit_code, 0);
+    const json namesakes = ats->ask_json({"resolve", "node2"});
+    ASSERT_EQ(namesakes.size(), 2u) << namesakes;
+    EXPECT_EQ(namesakes[0]["address"], "10.0.0.1");
+    EXPECT_EQ(namesakes[1]["address"], "10.0.0.2");
     EXPECT_EQ(ats->ask({"control", "set_host_name node1"}).out, "");
     EXPECT_TRUE(eventually([&] { return !record_of("node1").empty(); }));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period -5 7"}).exit_code, 0);
@@ -283,7 +299,7 @@ void running_service::follow_the_log()
         return eventually([&] { return text_of_file(folder / "followed").find(text) != std::string::npos; });
     };
     EXPECT_TRUE(followed("LOGGER: Added key"));
-    EXPECT_EQ(ats->ask({"control", "rarp", gid_of_node2_port1}).exit_code, 0);
+    EXPECT_EQ(ats->ask({"control", "rarp", "fe80::200:0:2:1"}).exit_code, 0);
     EXPECT_TRUE(followed(":Status OK received."));
     EXPECT_EQ(follower.stop(SIGINT), -SIGINT);
     EXPECT_THAT(ats->ask({"log"}).out, HasSubstr("DEBUG  "));

@@ -169,7 +169,17 @@ bool subnet::answer_as_sa(datagram& request)
 {
     if (request.destination_qpn != qp1 || request.q_key != fabric::qp1_q_key) return false;
     const int p_key_index = matching_p_key(options_.p_keys, request.p_key);
-    if (p_key_index < 0) return false;
+    if (p_key_index < 0 || !serve_as_sa(request.mad)) return false;
+
+    std::swap(request.source_lid, request.destination_lid); // back by the path it came
+    request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
+    request.from_sa = true;
+    return true;
+}
+
+// Turns a request into the SA's answer, in place; false: none leaves. The caller holds the lock.
+bool subnet::serve_as_sa(fabric::mad_bytes& mad)
+{
     if (faults.sa_silent) {
         ++effects_.requests_met_by_silence;
         return false;
@@ -177,13 +187,13 @@ bool subnet::answer_as_sa(datagram& request)
 
     bool answered;
     if (use_up(faults.sa_status_count)) {
-        answered = sa_.refuse(request.mad, faults.sa_status, counts_);
+        answered = sa_.refuse(mad, faults.sa_status, counts_);
         effects_.requests_answered_status += answered;
     } else if (faults.sa_busy) {
-        answered = sa_.refuse(request.mad, MAD_STATUS_BUSY, counts_);
+        answered = sa_.refuse(mad, MAD_STATUS_BUSY, counts_);
         effects_.requests_answered_busy += answered;
     } else {
-        answered = sa_.answer(request.mad, exec_.now(), counts_);
+        answered = sa_.answer(mad, exec_.now(), counts_);
     }
     if (!answered) return false;
     effects_.requests_after_hand_over += sm_lid_ != options_.sm_lid;
@@ -191,11 +201,13 @@ bool subnet::answer_as_sa(datagram& request)
         ++effects_.answers_dropped;
         return false;
     }
-
-    std::swap(request.source_lid, request.destination_lid); // back by the path it came
-    request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
-    request.from_sa = true;
     return true;
+}
+
+bool subnet::ask_sa(fabric::mad_bytes& mad)
+{
+    const lock_guard lock(mutex_);
+    return serve_as_sa(mad);
 }
 
 void subnet::deliver_to_port(datagram& arriving, lock_guard& lock)

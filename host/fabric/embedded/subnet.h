@@ -97,6 +97,10 @@ class subnet
     std::vector<ib_service_record_v2_t> save_records() const;
     void restore_records(const std::vector<ib_service_record_v2_t>& saved);
 
+    // Asks the SA from its own node, where no wire loses anything: answers `mad` in place. The SA's own faults hold.
+    // False: it does not answer.
+    bool ask_sa(fabric::mad_bytes& mad);
+
     fault_switches faults;
     traffic_counts counts() const;
     fault_effects effects() const; // of `faults`, so far
@@ -131,6 +135,7 @@ class subnet
     void call_listener(adapter& at, lock_guard& lock, const call_t& call);
     void deliver(datagram& arriving, lock_guard& lock);
     bool answer_as_sa(datagram& request);
+    bool serve_as_sa(fabric::mad_bytes& mad);
     void deliver_to_port(datagram& arriving, lock_guard& lock);
     void set_out(datagram& leaving, uint64_t now_ticks);
     void lose(datagram& lost);
