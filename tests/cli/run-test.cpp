@@ -163,7 +163,7 @@ void running_service::look_up()
     EXPECT_EQ(named.exit_code, 1);
     EXPECT_EQ(named.answer()[0]["gid6"], "fe80::200:0:2:1");
     EXPECT_EQ(named.answer()[0]["address"], "10.0.0.2");
-    EXPECT_EQ(named.answer()[1]["status"], "not found");
+    EXPECT_EQ(named.answer()[1]["reason"], "the SA holds no record of that host name");
     EXPECT_THAT(ats->ask({"reverse", "fe80:0000::200:0:2:1"}).out, HasSubstr("  10.0.0.2  "));
     EXPECT_THAT(ats->ask({"resolve", "10.0.0.2", "--gid-format", "ipv6"}).out, HasSubstr("  fe80::200:0:2:1  "));
 
