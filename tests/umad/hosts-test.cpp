@@ -17,6 +17,7 @@ using fabric_tools::json;
 using fabric_tools::process;
 using fabric_tools::records_at_sa;
 using fabric_tools::wait_until;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using testing::SizeIs;
@@ -114,6 +115,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_THAT(net->run("sm2", {"saquery", "SR"}), HasSubstr("DAPL Address Translation Service"));
     EXPECT_THAT(records_at_sa(*net, "sm2", {"--name", "node2"})[0], json({{"address", "10.0.0.2"},
                                                                           {"gid", gid(2)},
+                                                                          {"gid6", hosts[1]->port().at("gid6")},
                                                                           {"host_name", "node2"},
                                                                           {"lease", "infinite"},
                                                                           {"p_key", "0xFFFF"}}));
@@ -127,10 +129,14 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.3", "other"}), "0x0000\n");
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.3"), third_gid);
     EXPECT_EQ(answer(*hosts[1], "reverse", third_gid), "10.0.0.3");
-    EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.2", "other"}), "0x0000\n");
+    EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.2", "node2"}), "0x0000\n");
     hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
     EXPECT_TRUE(hosts[0]->running().wait_line("two or more records hold 10.0.0.2")) << hosts[0]->output();
     EXPECT_THAT(records_at_sa(*net, "sm2", {"--address", "10.0.0.2"}), SizeIs(2));
+    const std::string asked_of = net->folder() + "/node1.sock";
+    EXPECT_THAT(net->run("sm2", {fabric_tools::ats_program(), "resolve", "node2", "node", "--socket", asked_of}),
+                AllOf(HasSubstr("node2  " + gid(2) + "  (10.0.0.2, from the SA"),
+                      HasSubstr("node2  " + third_gid + "  (10.0.0.2, from the SA"), HasSubstr("node  not found")));
 
     const std::string captured = hosts[0]->folder() + "/taken.pcap";
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
