@@ -14,7 +14,6 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t second = 1000;
 constexpr uint16_t spare_lids = 0x1000; // LIDs from here on are no port's
 
 // ---- what users do ----

@@ -12,6 +12,8 @@
 namespace campaign
 {
 
+constexpr uint64_t second = 1000; // in ticks
+
 struct arena;
 
 constexpr uint64_t minute = 60'000; // ticks

@@ -16,7 +16,6 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t second = 1000;
 constexpr uint64_t soon_ticks = 600;            // for a change to arrive at the SA
 constexpr uint64_t verification_ticks = 60'600; // the longest period, as it is by default
 constexpr uint64_t answer_ticks = 3 * second;   // for a question to be settled, and more

@@ -7,6 +7,7 @@
 #include "host/world/resolution.h"
 #include "host/world/text.h"
 #include "kernel/sync.h"
+#include "kernel/time.h"
 
 namespace cli
 {
@@ -17,7 +18,6 @@ namespace
 using nlohmann::json;
 using stack::registration_state;
 
-constexpr uint64_t ticks_per_second = 1000;
 constexpr uint64_t answer_limit_ticks = 1000; // for an answer of the SA
 constexpr unsigned long look_period_ticks = 5;
 constexpr const char* no_port = "no port is active; it is registered when a link comes up";
@@ -98,7 +98,7 @@ std::string why_not_registered(const hca_registration& hca, uint64_t now_ticks)
 
 json seconds_since(uint64_t tick, uint64_t now_ticks)
 {
-    return (now_ticks - std::min(tick, now_ticks)) / ticks_per_second;
+    return (now_ticks - std::min(tick, now_ticks)) / HZ;
 }
 
 std::string hexadecimal(uint16_t word)

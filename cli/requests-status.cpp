@@ -12,14 +12,13 @@
 #include "host/world/published.h"
 #include "host/world/text.h"
 #include "kernel/proc.h"
+#include "kernel/time.h"
 
 namespace cli
 {
 
 namespace
 {
-
-constexpr uint64_t ticks_per_second = 1000;
 
 json ibat_status(kernel::machine& machine)
 {
@@ -37,8 +36,8 @@ json ibat_status(kernel::machine& machine)
                          {"kind", entry.is_static     ? "own"
                                   : entry.is_negative ? "none"
                                                       : "learned"},
-                         {"age_seconds", entry.age_ticks / ticks_per_second},
-                         {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / ticks_per_second)}});
+                         {"age_seconds", entry.age_ticks / HZ},
+                         {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / HZ)}});
 
     ibat_counters_t counters;
     (*count)(&counters);

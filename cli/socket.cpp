@@ -27,7 +27,7 @@ std::string reason()
     return std::string(": ") + std::strerror(errno);
 }
 
-sockaddr_un address_of(const std::string& path)
+sockaddr_un socket_address(const std::string& path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -166,9 +166,9 @@ path_lock::~path_lock()
     unlink(file_.c_str());
 }
 
-listening_socket::listening_socket(const std::string& path) : path_(address_of(path).sun_path), lock_(path_)
+listening_socket::listening_socket(const std::string& path) : path_(socket_address(path).sun_path), lock_(path_)
 {
-    const sockaddr_un address = address_of(path);
+    const sockaddr_un address = socket_address(path);
     remove_stale(path, address);
 
     socket_ = new_socket();
@@ -215,7 +215,7 @@ descriptor connect_to(const std::string& path, std::chrono::milliseconds patienc
 {
     descriptor made = new_socket();
     if (patience != no_limit) limit_sending(made, patience);
-    if (connects(made, address_of(path))) {
+    if (connects(made, socket_address(path))) {
         // Root may look at everybody's; nobody else believes what a stranger's process says.
         if (geteuid() != 0 && !is_trusted(made)) refuse_foreign(path);
         return made;
