@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help build demo fabric package test test-all test-threads campaign fuzz report bench format check-format tidy tidy-module coverage install clean
+.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers bare tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -17,13 +17,22 @@ help:
 	@echo "make package   a package for Debian, in build/release"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
-build:
-	@scripts/install-dependencies build
+configure:
 	@mkdir -p build
 	@cmake --preset $(PRESET) >$(BUILD)-configure.log 2>&1 || { cat $(BUILD)-configure.log; exit 1; }
+
+build:
+	@scripts/install-dependencies build
+	@$(MAKE) --no-print-directory configure
 	@cmake --build --preset $(PRESET)
 
-demo: build
+# The command and its modules, and nothing else.
+program:
+	@scripts/install-dependencies build
+	@$(MAKE) --no-print-directory configure
+	@cmake --build --preset $(PRESET) --target ats
+
+demo: program
 	@$(BUILD)/cli/ats demo
 
 HOSTS ?= 2
@@ -79,6 +88,16 @@ bench:
 	build/release/bench/ats-bench
 	test ! -x build/release/bench/fabric-bench || build/release/bench/fabric-bench
 
+# The program with no library that it can do without.
+bare:
+	@scripts/install-dependencies build
+	@$(MAKE) --no-print-directory configure PRESET=bare
+	@cmake --build --preset bare
+	@build/bare/cli/ats demo | tail -n 1
+
+check-headers:
+	@scripts/check-headers
+
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
@@ -99,7 +118,7 @@ coverage:
 	gcovr --root . --object-directory build/coverage --gcov-ignore-parse-errors --exclude tests --exclude bench --print-summary
 
 PREFIX ?= /usr/local
-install: build
+install: program
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:

@@ -5,6 +5,7 @@
 
 #include "campaign/runner.h"
 #include "cli/progress.h"
+#include "host/world/module-folder.h"
 
 namespace
 {

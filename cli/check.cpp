@@ -13,7 +13,7 @@
 #include "cli/show.h"
 #include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
-#include "host/world/host.h"
+#include "host/world/module-folder.h"
 
 namespace cli
 {

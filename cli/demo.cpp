@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/demo-steps.h"
 #include "host/fabric/capture.h"
+#include "host/world/module-folder.h"
 
 namespace cli
 {

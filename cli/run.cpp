@@ -16,6 +16,7 @@
 #include "cli/site.h"
 #include "cli/socket.h"
 #include "host/kernel/shortage.h"
+#include "host/world/module-folder.h"
 #include "host/world/printable.h"
 
 namespace cli

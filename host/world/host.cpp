@@ -1,8 +1,6 @@
 #include "host/world/host.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 
 #include "host/stack/boot.h"
 #include "host/stack/registry.h"
@@ -79,18 +77,6 @@ kernel::load_result host::unload()
         if (!result) return result;
     }
     return {};
-}
-
-std::string default_module_folder()
-{
-    if (const char* chosen = std::getenv("ATS_MODULE_DIR")) return chosen;
-    std::error_code ignored;
-    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
-    for (const char* candidate : {"../modules", "../lib/ats"}) {
-        const std::filesystem::path folder = (program / candidate).lexically_normal();
-        if (std::filesystem::exists(folder / "ats.so", ignored)) return folder.string();
-    }
-    return (program / "../modules").lexically_normal().string();
 }
 
 } // namespace world

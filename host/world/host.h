@@ -69,7 +69,4 @@ class host
     std::unique_ptr<kernel::machine> machine_;
 };
 
-// Where the modules of this build are: beside the program, in its installation, or $ATS_MODULE_DIR.
-std::string default_module_folder();
-
 } // namespace world

@@ -60,7 +60,7 @@ std::map<words, std::set<std::string>> options_by_command(const words& command =
 // The source of a manual page, its dashes plain.
 std::string manual(const std::string& page)
 {
-    std::string source = text_of_file(ATS_SOURCE_DIR "/man/" + page);
+    std::string source = text_of_file(ATS_SOURCE_DIR "/man/" + page + ".in");
     for (size_t at = source.find("\\-"); at != std::string::npos; at = source.find("\\-", at)) source.erase(at, 1);
     return source;
 }

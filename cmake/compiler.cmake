@@ -1,0 +1,38 @@
+# How everything is compiled: the language, the warnings, the hardening of releases, and the instrumented builds.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# Modules find kernel calls in the program that loads them, and nothing else of it.
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+
+add_compile_options(-Wall -Wextra)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # False warnings of GCC 12 in inlined std::string and std::tuple code (GCC bugs 105651 and 105329). clang checks the same.
+  add_compile_options(-Wno-restrict -Wno-array-bounds -Wno-stringop-overflow)
+endif()
+
+option(ATS_COVERAGE "Measure test coverage" OFF)
+set(ATS_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
+if(ATS_SANITIZE)
+  add_compile_options(-fsanitize=${ATS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ATS_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+    add_compile_options(-Wno-maybe-uninitialized) # false warnings in instrumented std::regex and std::function
+  endif()
+elseif(ATS_COVERAGE)
+  add_compile_options(--coverage)
+  add_link_options(--coverage)
+else()
+  # A service of the host that everybody on it can reach is hardened as a distribution hardens its own.
+  include(CheckPIESupported)
+  check_pie_supported()
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+  add_compile_options($<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    add_compile_options(-fcf-protection)
+  endif()
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
