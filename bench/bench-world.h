@@ -37,7 +37,7 @@ struct bench_world {
         return "";
     }
 
-    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     embedded::subnet subnet{*sim};
     std::vector<std::unique_ptr<world::host>> hosts;
 };

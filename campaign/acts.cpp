@@ -325,16 +325,16 @@ void calls_work(arena& in, const act& it)
 
 void signal_a_task(arena& in, const act& it)
 {
-    std::vector<kernel::task*> own;
-    for (kernel::task* each : in.sim->tasks())
+    std::vector<exec::task*> own;
+    for (exec::task* each : in.sim->tasks())
         if (each->home == &in.host(it).machine()) own.push_back(each);
-    if (!own.empty()) kernel::send_signal(*own[it.a % own.size()]);
+    if (!own.empty()) exec::send_signal(*own[it.a % own.size()]);
 }
 
 void clear_signals(arena& in, const act& it)
 {
-    for (kernel::task* each : in.sim->tasks())
-        if (each->home == &in.host(it).machine()) kernel::clear_signal(*each);
+    for (exec::task* each : in.sim->tasks())
+        if (each->home == &in.host(it).machine()) exec::clear_signal(*each);
     in.done.marks[it.kind] += in.host(it).machine().signals_seen.exchange(0);
 }
 

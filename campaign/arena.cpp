@@ -10,7 +10,7 @@ namespace campaign
 
 arena::arena(const plan& of, const options& chosen)
     : module_folder(chosen.module_folder), what(of),
-      sim(kernel::make_simulation({.seed = of.seed, .explore_switches = true})), net(*sim, {.fault_seed = of.seed}),
+      sim(exec::make_simulation({.seed = of.seed, .explore_switches = true})), net(*sim, {.fault_seed = of.seed}),
       wire(*this)
 {
     if (!chosen.log_path.empty() && !(log_ = std::fopen(chosen.log_path.c_str(), "w")))

@@ -70,7 +70,7 @@ struct arena {
     const std::string module_folder;
     const plan what;
     figures done;
-    std::unique_ptr<kernel::simulation> sim;
+    std::unique_ptr<exec::simulation> sim;
     embedded::subnet net;
     wire_watch wire;
     std::deque<node> hosts;

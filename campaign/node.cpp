@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "campaign/arena.h"
-#include "host/kernel/print-capture.h"
+#include "host/exec/print-capture.h"
 #include "host/world/text.h"
 
 namespace campaign
@@ -63,7 +63,7 @@ node::~node() = default;
 void node::logged(const std::string& line)
 {
     in.note(host.name(), line);
-    const kernel::task& by = *kernel::current_task();
+    const exec::task& by = *exec::current_task();
     std::string wrong;
     if (line.find("gsi_post_send_dtgrm() on dtgrm") != std::string::npos) sent_ticks_[&by] = in.now();
     if (line.find("timeout on send DEL SR MAD") != std::string::npos && !by.signal)
@@ -125,7 +125,7 @@ void node::change_identity(const std::function<bool()>& change, const std::funct
 
 bool node::write_control(const std::string& text, std::string* said)
 {
-    const kernel::print_capture capture(kernel::print_capture::also_log);
+    const exec::print_capture capture(exec::print_capture::also_log);
     const int taken = machine().proc.write(control_file, text);
     if (said) *said = capture.text();
     return taken == static_cast<int>(text.size());
@@ -135,7 +135,7 @@ cli::json node::read_control()
 {
     std::string file, text;
     {
-        const kernel::print_capture capture(kernel::print_capture::also_log);
+        const exec::print_capture capture(exec::print_capture::also_log);
         if (machine().proc.read(control_file, 0, 1, &file) < 0) return nullptr;
         text = capture.text();
     }

@@ -86,7 +86,7 @@ struct node {
     void logged(const std::string& line);
 
     struct running_task {
-        kernel::task* task;
+        exec::task* task;
         bool has_ended = false;
     };
     std::deque<std::unique_ptr<running_task>> tasks_;
@@ -95,7 +95,7 @@ struct node {
     uint64_t changes_begun_ = 0;
     uint32_t addresses_made_ = 0;
     uint32_t names_made_ = 0;
-    std::map<const kernel::task*, uint64_t> sent_ticks_; // when each task sent something last
+    std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent something last
 };
 
 } // namespace campaign

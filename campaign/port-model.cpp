@@ -24,7 +24,7 @@ int number_behind(const std::string& line, const char* what)
 
 } // namespace
 
-std::string port_model::logged(const kernel::task& by, const std::string& line, bool link_is_sure)
+std::string port_model::logged(const exec::task& by, const std::string& line, bool link_is_sure)
 {
     link_is_sure_ = link_is_sure;
     if (says(line, "LOGGER: Added key")) {
@@ -90,7 +90,7 @@ std::string port_model::end_registration(const std::string& result)
     return "";
 }
 
-std::string port_model::sent(const kernel::task& by, uint8_t method, const fabric::gid_bytes& gid)
+std::string port_model::sent(const exec::task& by, uint8_t method, const fabric::gid_bytes& gid)
 {
     if (!is_on_) return "";
     if (by.name == event_task_) {

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "cli/control-report.h"
+#include "host/exec/task.h"
 #include "host/fabric/fabric.h"
-#include "host/kernel/task.h"
 
 namespace campaign
 {
@@ -27,8 +27,8 @@ class port_model
 
     // Each returns what is wrong, or nothing. `by` is the task that logs or sends; no link has changed lately when
     // `link_is_sure`.
-    std::string logged(const kernel::task& by, const std::string& line, bool link_is_sure);
-    std::string sent(const kernel::task& by, uint8_t method, const fabric::gid_bytes& gid);
+    std::string logged(const exec::task& by, const std::string& line, bool link_is_sure);
+    std::string sent(const exec::task& by, uint8_t method, const fabric::gid_bytes& gid);
     std::string compare(const cli::json& shown_hca) const;
 
   private:

@@ -30,7 +30,7 @@ void question::answered(ibat_stat_t status, ibat_arp_data_t* record, void* self)
     const std::string who = it.asked_at.host.name() + ": a question ";
     if (it.replies++ > 0) in.violate(who + "was answered twice");
     if (it.is_closed) in.violate(who + "was answered after it had been withdrawn");
-    if (kernel::current_task()->spin_locks > 0) in.violate(who + "was answered under a lock");
+    if (exec::current_task()->spin_locks > 0) in.violate(who + "was answered under a lock");
     if (it.of_service && status == ibat_stat_timeout && took < shortest_wait_ticks)
         in.violate(who + "timed out after " + std::to_string(took) + " ticks");
     if (took >= (it.of_service ? longest_wait_ticks : longest_wait_for_peers_ticks))

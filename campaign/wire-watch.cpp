@@ -55,7 +55,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
             *reinterpret_cast<const std::array<uint8_t, sizeof(ib_service_record_v2_t)>*>(mad.payload))
             .service_gid);
     if (wrong.empty() && !host.models.empty())
-        wrong = host.models[from.hca].sent(*kernel::current_task(), mad.hdr.m.method, gid);
+        wrong = host.models[from.hca].sent(*exec::current_task(), mad.hdr.m.method, gid);
     if (wrong.empty()) wrong = delay_in(host, mad.hdr.m.method, now_ticks);
     if (!wrong.empty()) in_.violate(who + ": " + wrong);
 }
@@ -63,7 +63,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
 // A registration goes on in the very tick in which its delete is answered.
 std::string wire_watch::delay_in(node& host, uint8_t method, uint64_t now_ticks)
 {
-    uint64_t& deleted_tick = deleted_ticks_[kernel::current_task()];
+    uint64_t& deleted_tick = deleted_ticks_[exec::current_task()];
     if (method == MAD_METHOD_DELETE) deleted_tick = now_ticks;
     const bool is_answered_at_once = in_.network.quiet_since(now_ticks - harm_lasts_ticks) &&
                                      host.harm().quiet_since(now_ticks - harm_lasts_ticks) &&

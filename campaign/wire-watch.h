@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "host/exec/task.h"
 #include "host/fabric/capture.h"
-#include "host/kernel/task.h"
 #include "sa-mads.h"
 
 namespace campaign
@@ -47,7 +47,7 @@ class wire_watch final : public fabric::tap
     std::string delay_in(node& host, uint8_t method, uint64_t now_ticks);
 
     arena& in_;
-    std::map<const kernel::task*, uint64_t> deleted_ticks_; // when each task sent its last delete
+    std::map<const exec::task*, uint64_t> deleted_ticks_; // when each task sent its last delete
     std::vector<sender> by_lid_;
     std::unique_ptr<fabric::capture> capture_;
 };

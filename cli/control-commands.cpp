@@ -59,7 +59,7 @@ const control_command& command_named(const std::string& name)
 {
     const auto* found = std::ranges::find(commands, name, &control_command::name);
     if (found == commands.end())
-        throw failure(exit_usage, "ats has no control command " + quoted(name) + suggestion_for(name, names()) +
+        throw failure(exit_usage, "ats has no control command " + quote(name) + suggestion_for(name, names()) +
                                       " ('ats control --list' shows them)");
     return *found;
 }
@@ -88,7 +88,7 @@ std::string control_line(const std::vector<std::string>& words)
         const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;
         const std::string part = is_ipv6_notation ? world::format_gid(gid_of(word)) : word; // the module reads no other
         if (part.size() > longest_word)
-            throw failure(exit_usage, quoted(part) + " is too long: a word has at most 40 bytes");
+            throw failure(exit_usage, quote(part) + " is too long: a word has at most 40 bytes");
         line += (line.empty() ? "" : " ") + part;
     }
     return line;

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "cli/show.h"
-#include "host/kernel/print-capture.h"
+#include "host/exec/print-capture.h"
 #include "host/world/text.h"
 #include "kernel/proc.h"
 
@@ -31,7 +31,7 @@ world::host_plan plan_of(const std::string& name, int ports, const std::string& 
 } // namespace
 
 stage::stage(const std::string& module_folder, fabric::tap* tap, bool is_terminal)
-    : is_terminal_(is_terminal), time_(kernel::make_simulation()), subnet_(std::make_unique<embedded::subnet>(*time_))
+    : is_terminal_(is_terminal), time_(exec::make_simulation()), subnet_(std::make_unique<embedded::subnet>(*time_))
 {
     subnet_->set_tap(tap);
     const world::host_plan plans[] = {plan_of("node1", 1, "10.0.0.1"), plan_of("node2", 2, "10.0.0.2"),
@@ -63,7 +63,7 @@ std::string stage::read_control(world::host& at)
     kernel::machine& machine = at.machine();
     std::string report;
     machine.enter("read", [&] {
-        kernel::print_capture capture(kernel::print_capture::also_log);
+        exec::print_capture capture(exec::print_capture::also_log);
         std::string nothing;
         expect(machine.proc.read(control_file, 0, PROC_PAGE_SIZE, &nothing) == 0, "the control file reads as empty");
         report = capture.text();

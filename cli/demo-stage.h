@@ -28,7 +28,7 @@ class stage
     // `module_folder`. `is_terminal`: what is told may use colours.
     stage(const std::string& module_folder, fabric::tap* tap, bool is_terminal);
 
-    kernel::simulation& time() { return *time_; }
+    exec::simulation& time() { return *time_; }
     embedded::subnet& subnet() { return *subnet_; }
     const std::vector<std::unique_ptr<world::host>>& hosts() const { return hosts_; }
     world::host& node1() { return *hosts_[0]; }
@@ -69,7 +69,7 @@ class stage
 
   private:
     bool is_terminal_;
-    std::unique_ptr<kernel::simulation> time_;
+    std::unique_ptr<exec::simulation> time_;
     std::unique_ptr<embedded::subnet> subnet_;
     std::vector<std::unique_ptr<world::host>> hosts_;
     std::vector<uint64_t> log_positions_; // of each host, when the step began

@@ -51,7 +51,7 @@ int play(stage& on)
         } catch (const step_failed& wrong) {
             std::printf("    FAILED. This was to hold, and did not: %s.\n", wrong.what());
             return exit_failed;
-        } catch (const kernel::stalled& stand) {
+        } catch (const exec::stalled& stand) {
             std::printf("    FAILED. The simulation came to a stand:\n%s\n", stand.what());
             return exit_failed;
         }

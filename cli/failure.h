@@ -24,7 +24,7 @@ struct failure : std::runtime_error {
 };
 
 // What a person wrote, as an error line repeats it: in quotation marks, not at any length, and fit for a terminal.
-inline std::string quoted(const std::string& word)
+inline std::string quote(const std::string& word)
 {
     constexpr size_t longest = 60;
     const std::string shown = world::printable(world::cut_to_bytes(word, longest));

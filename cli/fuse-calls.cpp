@@ -129,7 +129,7 @@ void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fu
 
 void on_interrupt(fuse_req_t, void* task)
 {
-    kernel::send_signal(*static_cast<kernel::task*>(task));
+    exec::send_signal(*static_cast<exec::task*>(task));
 }
 
 void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t size, off_t, fuse_file_info*)
@@ -138,7 +138,7 @@ void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t si
     // libfuse holds the request's lock around on_interrupt, so that none is running once it is withdrawn.
     const int result = mount.tree.write_proc(
         mount.inodes.path(inode), std::string(bytes, size),
-        [request](kernel::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },
+        [request](exec::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },
         [request] { fuse_req_interrupt_func(request, nullptr, nullptr); });
     if (result == -EK_RESTARTSYS) // a number that only kernels know
         fuse_reply_err(request, EINTR);

@@ -13,7 +13,7 @@ kq_gid_t gid_of(const std::string& text)
     const auto gid = world::parse_gid(text);
     if (!gid)
         throw failure(exit_usage,
-                      quoted(text) + " is no GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1");
+                      quote(text) + " is no GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1");
     return *gid;
 }
 

@@ -40,7 +40,7 @@ std::string host_name_for(const std::string& machine_name, std::vector<std::stri
     std::string name = world::cut_to_bytes(whole, longest_host_name_bytes);
     if (name != whole)
         remarks.push_back("this machine's name has " + std::to_string(whole.size()) +
-                          " bytes, and a record carries 30: it registers as " + quoted(name) +
+                          " bytes, and a record carries 30: it registers as " + quote(name) +
                           "; choose another name with --name, or 'name' in the configuration");
     return name;
 }
@@ -57,7 +57,7 @@ uint32_t address_of(const std::string& text, const std::string& place)
     const auto ip = world::parse_ipv4(text);
     if (!ip)
         throw failure(exit_usage,
-                      place + quoted(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
+                      place + quote(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
     return *ip;
 }
 
@@ -67,14 +67,14 @@ uint32_t host_address_of(const std::string& text, const std::string& place)
     const auto* const range = std::ranges::find_if(
         no_host_has, [&](const address_range& each) { return ntohl(ip) >= each.first && ntohl(ip) <= each.last; });
     if (range != std::end(no_host_has))
-        throw failure(exit_usage, place + quoted(text) + " cannot be a host's address: " + range->meaning +
+        throw failure(exit_usage, place + quote(text) + " cannot be a host's address: " + range->meaning +
                                       "; take one that other hosts reach it by, as in 10.0.0.1");
     return ip;
 }
 
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address)
 {
-    return quoted(host) + " has the same address as " + quoted(other) + ", " + address +
+    return quote(host) + " has the same address as " + quote(other) + ", " + address +
            ": the SA names no owner of it while both are registered";
 }
 

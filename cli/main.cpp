@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <new>
+#include <nlohmann/json.hpp>
 
 #include "cli/commands.h"
 #include "cli/usage.h"

@@ -109,7 +109,7 @@ int mount_tree::write_proc(const std::string& path, const std::string& bytes, st
     if (!machine) return -ENOENT;
     int result = 0;
     machine->enter("write " + proc_path, [&] {
-        started(*kernel::current_task());
+        started(*exec::current_task());
         result = machine->proc.write(proc_path, bytes);
         ended();
     });

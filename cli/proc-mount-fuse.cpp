@@ -11,7 +11,7 @@
 
 #include "cli/failure.h"
 #include "cli/fuse-calls.h"
-#include "host/kernel/shortage.h"
+#include "host/exec/shortage.h"
 
 namespace cli
 {
@@ -72,8 +72,8 @@ class fuse_mount final : public proc_mount
         waking.sa_handler = do_nothing;
         sigaction(SIGUSR1, &waking, nullptr);
         try {
-            server_ = kernel::new_thread([this] { serve(); });
-        } catch (const kernel::shortage&) {
+            server_ = exec::new_thread([this] { serve(); });
+        } catch (const exec::shortage&) {
             unmount();
             throw;
         }

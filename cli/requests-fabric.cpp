@@ -56,7 +56,7 @@ json answer_with_status(site& at, const std::string& word)
     const char* const end = word.data() + word.size();
     const auto [stopped, error] = std::from_chars(begin, end, status, hexadecimal ? 16 : 10);
     if (error != std::errc() || stopped != end)
-        throw failure(exit_usage, quoted(word) + " is no status word: write a number up to 65535, as in 0x0300");
+        throw failure(exit_usage, quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
     at.subnet().faults.answer_with(status, status == 0 ? 0 : embedded::fault_switches::every);
     return done(status == 0 ? "The SA answers as it should."
                             : "The SA answers everything with status " + word_text(status) + ".");
@@ -66,7 +66,7 @@ json answer_with_status(site& at, const std::string& word)
 bool is_first_of(const std::string& first, const std::string& second, const std::string& word)
 {
     if (word != first && word != second)
-        throw failure(exit_usage, quoted(word) + " is neither '" + first + "' nor '" + second + "'");
+        throw failure(exit_usage, quote(word) + " is neither '" + first + "' nor '" + second + "'");
     return word == first;
 }
 
@@ -97,7 +97,7 @@ json answer_sa(site& at, const json& request)
         at.subnet().faults.sa_silent = on;
         return done(on ? "The SA is silent." : "The SA answers.");
     }
-    throw failure(exit_usage, "this service does not know the SA action " + quoted(action));
+    throw failure(exit_usage, "this service does not know the SA action " + quote(action));
 }
 
 } // namespace cli

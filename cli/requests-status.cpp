@@ -6,7 +6,7 @@
 #include "cli/control-report.h"
 #include "cli/registration.h"
 #include "cli/requests.h"
-#include "host/kernel/print-capture.h"
+#include "host/exec/print-capture.h"
 #include "host/peers/ibat-exports.h"
 #include "host/stack/registry.h"
 #include "host/world/published.h"
@@ -81,7 +81,7 @@ json host_status(world::host& host)
         intptr_t level = 0;
         if (machine.get<stack::registry>().get("dorvex/modules/ats", "debug-level", &level)) status["trace"] = level;
 
-        kernel::print_capture capture(kernel::print_capture::instead_of_log);
+        exec::print_capture capture(exec::print_capture::instead_of_log);
         std::string empty;
         if (machine.proc.read("dorvex/ats/control", 0, PROC_PAGE_SIZE, &empty) >= 0)
             status.update(parse_control_report(capture.text()));

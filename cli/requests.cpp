@@ -9,7 +9,7 @@
 #include "cli/identity.h"
 #include "cli/registration.h"
 #include "cli/requests-fabric.h"
-#include "host/kernel/print-capture.h"
+#include "host/exec/print-capture.h"
 #include "host/stack/registry.h"
 #include "kernel/errno.h"
 
@@ -40,7 +40,7 @@ json control(site& at, const json& request)
     const std::string command = request.at("command").get<std::string>() + "\n";
     json result;
     machine.enter("control", [&] {
-        kernel::print_capture capture(kernel::print_capture::also_log);
+        exec::print_capture capture(exec::print_capture::also_log);
         const int written = machine.proc.write(control_file, command);
         if (written == -EK_NOENT) throw not_loaded(machine);
         if (written < 0)
@@ -101,7 +101,7 @@ void change_record(world::host& host, const json& request, const confirmation::i
 json set_name(site& at, const json& request)
 {
     const std::string name = request.at("name");
-    if (!is_host_name(name)) throw failure(exit_usage, quoted(name) + " cannot be a host name: take " + host_name_rule);
+    if (!is_host_name(name)) throw failure(exit_usage, quote(name) + " cannot be a host name: take " + host_name_rule);
     world::host& host = host_of(at, request);
     change_record(
         host, request, [&](const records::host_record& record) { return record.host_name == name; },
@@ -160,7 +160,7 @@ json answer_request(site& at, const json& request)
     };
     const std::string name = request.value("request", "");
     const auto found = requests.find(name);
-    if (found == requests.end()) throw failure(exit_usage, "this service does not know the request " + quoted(name));
+    if (found == requests.end()) throw failure(exit_usage, "this service does not know the request " + quote(name));
     json answer = found->second(at, request);
     add_gid6(answer);
     return answer;

@@ -15,7 +15,7 @@
 #include "cli/service-notice.h"
 #include "cli/site.h"
 #include "cli/socket.h"
-#include "host/kernel/shortage.h"
+#include "host/exec/shortage.h"
 #include "host/world/module-folder.h"
 #include "host/world/printable.h"
 
@@ -129,7 +129,7 @@ int serve(const run_options& options)
     for (const std::string& remark : config.remarks)
         std::cerr << "ats: warning: " << world::printable_lines(remark) << std::endl;
     const ending_signals signals;
-    const kernel::reserve last_memory([] { kill(getpid(), SIGTERM); });
+    const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
     auto listening = std::make_unique<listening_socket>(options.socket);
     site running(config, options.modules);
     if (!start(running, signals)) {
@@ -146,7 +146,7 @@ int serve(const run_options& options)
         notify_service_manager("STOPPING=1");
     }
     const int unloaded = unload(running);
-    if (!kernel::reserve::is_used()) return unloaded;
+    if (!exec::reserve::is_used()) return unloaded;
     std::cerr << "ats: the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts\n";
     return exit_failed;
 }

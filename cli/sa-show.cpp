@@ -30,7 +30,7 @@ umad::record_filter filter_of(const show_options& options)
     umad::record_filter filter;
     if (!options.address.empty()) {
         filter.address = world::parse_ipv4(options.address);
-        if (!filter.address) throw failure(exit_usage, quoted(options.address) + " is no IPv4 address like 10.0.0.1");
+        if (!filter.address) throw failure(exit_usage, quote(options.address) + " is no IPv4 address like 10.0.0.1");
     }
     if (!options.gid.empty()) {
         filter.gid = std::to_array(to_wire(gid_of(options.gid)).bytes);

@@ -7,7 +7,7 @@
 
 #include "cli/log-filter.h"
 #include "cli/requests.h"
-#include "host/kernel/shortage.h"
+#include "host/exec/shortage.h"
 
 namespace cli
 {
@@ -123,7 +123,7 @@ server::server(site& at, std::unique_ptr<listening_socket> listening) : at_(at),
     if (pipe2(ends, O_CLOEXEC) != 0) throw failure(exit_failed, "cannot make a pipe: too many open files?");
     stop_read_ = descriptor(ends[0]);
     stop_write_ = descriptor(ends[1]);
-    acceptor_ = kernel::new_thread([this] { accept_clients(); });
+    acceptor_ = exec::new_thread([this] { accept_clients(); });
 }
 
 server::~server()

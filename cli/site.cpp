@@ -5,7 +5,7 @@
 #include <new>
 
 #include "cli/registration.h"
-#include "host/kernel/shortage.h"
+#include "host/exec/shortage.h"
 #include "kernel/errno.h"
 
 namespace cli
@@ -34,8 +34,8 @@ void or_not_started(const std::string& host, const step_t& step)
     const std::string title = host + " does not start: ";
     try {
         step();
-        if (kernel::reserve::is_used()) kernel::throw_shortage("the memory is used up: run fewer hosts");
-    } catch (const kernel::shortage& shortage) {
+        if (exec::reserve::is_used()) exec::throw_shortage("the memory is used up: run fewer hosts");
+    } catch (const exec::shortage& shortage) {
         throw failure(exit_failed, title + shortage.what());
     } catch (const std::bad_alloc&) {
         throw failure(exit_failed, title + "the memory is used up: run fewer hosts");
@@ -44,7 +44,7 @@ void or_not_started(const std::string& host, const step_t& step)
 
 } // namespace
 
-site::site(const world_config& config, const std::string& module_folder) : exec_(kernel::make_threaded_executor())
+site::site(const world_config& config, const std::string& module_folder) : exec_(exec::make_threaded_executor())
 {
     if (config.fabric.is_real) {
         umad::opened opened = umad::open(*exec_, config.fabric.ports);
@@ -143,11 +143,11 @@ world::host& site::host_named(const std::string& name)
     for (const auto& host : hosts_) {
         if (registered_name(*host) != name) continue;
         if (registered)
-            throw failure(exit_usage, "several hosts are registered as " + quoted(name) + "; there are " + names);
+            throw failure(exit_usage, "several hosts are registered as " + quote(name) + "; there are " + names);
         registered = host.get();
     }
     if (registered) return *registered;
-    throw failure(exit_usage, "no host " + quoted(name) + "; there are " + names);
+    throw failure(exit_usage, "no host " + quote(name) + "; there are " + names);
 }
 
 } // namespace cli

@@ -10,9 +10,9 @@
 
 #include "cli/failure.h"
 #include "cli/world-config.h"
+#include "host/exec/executor.h"
 #include "host/fabric/capture.h"
 #include "host/fabric/embedded/subnet.h"
-#include "host/kernel/executor.h"
 #include "host/world/host.h"
 
 namespace cli
@@ -56,7 +56,7 @@ class site
     void stop_capture(std::vector<std::string>& complaints);
 
     const std::chrono::steady_clock::time_point built_ = std::chrono::steady_clock::now();
-    std::unique_ptr<kernel::executor> exec_;
+    std::unique_ptr<exec::executor> exec_;
     std::unique_ptr<fabric::capture> capture_; // before the fabric: it is written to until that is gone
     std::unique_ptr<embedded::subnet> subnet_; // this or the next
     std::unique_ptr<umad::real_fabric> real_;

@@ -33,7 +33,7 @@ sockaddr_un socket_address(const std::string& path)
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path)
         throw failure(exit_usage, "a socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) +
-                                      " bytes: " + quoted(path) + " cannot be one");
+                                      " bytes: " + quote(path) + " cannot be one");
     path.copy(address.sun_path, path.size());
     return address;
 }

@@ -46,11 +46,11 @@ std::string complaint_about_word(const CLI::App& command, const std::string& wor
 {
     if (word.starts_with("-")) {
         const std::string name = word.substr(0, word.find('='));
-        return "unknown option " + quoted(name) + suggestion_for(name, option_names(command));
+        return "unknown option " + quote(name) + suggestion_for(name, option_names(command));
     }
     if (command.get_require_subcommand_min() > 0)
-        return "unknown command " + quoted(word) + suggestion_for(word, command_names(command));
-    return quoted(word) + " is one argument too many";
+        return "unknown command " + quote(word) + suggestion_for(word, command_names(command));
+    return quote(word) + " is one argument too many";
 }
 
 // "A excludes B" and the like, as CLI11 writes them.
@@ -80,7 +80,7 @@ CLI::Validator one_of(const std::vector<std::string>& words)
             if (value == word) return "";
             known += (known.empty() ? "" : word == words.back() ? " or " : ", ") + word;
         }
-        return quoted(value) + " is not possible: write " + known;
+        return quote(value) + " is not possible: write " + known;
     });
 }
 
@@ -91,7 +91,7 @@ CLI::Validator number_from(double least, double most)
         const char* const end = value.data() + value.size();
         const auto [stopped, error] = std::from_chars(value.data(), end, number);
         if (error == std::errc() && stopped == end && number >= least && number <= most) return "";
-        return quoted(value) + " is not possible: write a number from " + number_text(least) + " to " +
+        return quote(value) + " is not possible: write a number from " + number_text(least) + " to " +
                number_text(most);
     });
 }
@@ -100,8 +100,8 @@ CLI::Validator existing_file()
 {
     return check([](const std::string& path) -> std::string {
         std::error_code ignored;
-        if (std::filesystem::is_directory(path, ignored)) return quoted(path) + " is a folder, not a file";
-        return std::filesystem::exists(path, ignored) ? "" : "there is no file " + quoted(path);
+        if (std::filesystem::is_directory(path, ignored)) return quote(path) + " is a folder, not a file";
+        return std::filesystem::exists(path, ignored) ? "" : "there is no file " + quote(path);
     });
 }
 
@@ -110,8 +110,8 @@ CLI::Validator existing_folder()
     return check([](const std::string& path) -> std::string {
         std::error_code ignored;
         if (std::filesystem::is_directory(path, ignored)) return "";
-        return std::filesystem::exists(path, ignored) ? quoted(path) + " is no folder"
-                                                      : "there is no folder " + quoted(path);
+        return std::filesystem::exists(path, ignored) ? quote(path) + " is no folder"
+                                                      : "there is no folder " + quote(path);
     });
 }
 

@@ -90,7 +90,7 @@ class table_reader
             std::string valid;
             for (const std::string& name : known_) valid += (valid.empty() ? "" : ", ") + name;
             throw failure(exit_usage, file_ + ":" + std::to_string(key.source().begin.line) + ": unknown key " +
-                                          cli::quoted(std::string(key.str())) + "; valid here are " + valid);
+                                          quote(std::string(key.str())) + "; valid here are " + valid);
         }
     }
 
@@ -168,7 +168,7 @@ read_host_plan read_host(const toml::table& table, const std::string& file, worl
     const bool is_named = reader.find("name") || !is_real;
     plan.name = is_named ? reader.text("name", "node" + number) : host_name_of_machine(config.remarks);
     if (!is_host_name(plan.name))
-        reader.refuse(table, cli::quoted(plan.name) + " cannot be a host name: give it a 'name' of " + host_name_rule);
+        reader.refuse(table, quote(plan.name) + " cannot be a host name: give it a 'name' of " + host_name_rule);
 
     const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
     if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
@@ -183,7 +183,7 @@ read_host_plan read_host(const toml::table& table, const std::string& file, worl
     for (size_t i = 0; i < hcas.size(); ++i) {
         plan.hcas.push_back(read_hca(*hcas[i], file, i, is_real));
         if (!names.insert(plan.hcas.back().name).second)
-            reader.refuse(*hcas[i], "there are two HCAs named " + cli::quoted(plan.hcas.back().name) + " on one host");
+            reader.refuse(*hcas[i], "there are two HCAs named " + quote(plan.hcas.back().name) + " on one host");
     }
 
     refuse_identity_parameters(reader, reader.table("ats"));
@@ -202,7 +202,7 @@ fabric_config read_fabric(const toml::table& table, const std::string& file)
         const std::string chosen = reader.text(key, otherwise);
         if (std::ranges::count(valid, chosen) > 0) return chosen;
         std::string words;
-        for (const std::string& each : valid) words += (words.empty() ? "" : " or ") + cli::quoted(each);
+        for (const std::string& each : valid) words += (words.empty() ? "" : " or ") + quote(each);
         reader.refuse(*reader.find(key), "'" + std::string(key) + "' must be " + words);
     };
     fabric.is_real = word("kind", "embedded", {"embedded", "umad"}) == "umad";
@@ -231,7 +231,7 @@ world_config real_host(const std::string& name, const std::string& address, cons
     world::host_plan plan;
     plan.name = name.empty() ? host_name_of_machine(config.remarks) : name;
     if (!is_host_name(plan.name))
-        throw failure(exit_usage, cli::quoted(plan.name) + " cannot be a host name: give --name " + host_name_rule);
+        throw failure(exit_usage, quote(plan.name) + " cannot be a host name: give --name " + host_name_rule);
     host_address_of(address);
     plan.hcas.clear();
     plan.modules = world::usual_modules(plan.name, address);
@@ -272,8 +272,7 @@ world_config read_world_config(const std::string& path)
             reader.refuse(*host, "on a real fabric there is one host, which is this machine");
         const auto [plan, address] = read_host(*host, path, config);
         config.hosts.push_back(plan);
-        if (!names.insert(plan.name).second)
-            reader.refuse(*host, "there are two hosts named " + cli::quoted(plan.name));
+        if (!names.insert(plan.name).second) reader.refuse(*host, "there are two hosts named " + quote(plan.name));
         if (const auto [owner, is_new] = owners.emplace(address, plan.name); !is_new)
             config.remarks.push_back(reader.place_of(*host) +
                                      shared_address_warning(plan.name, owner->second, address));

@@ -39,7 +39,7 @@ struct one_host {
         machine().log.clear();
     }
 
-    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     embedded::subnet net{*sim, {.service_record_limit = 64}};
     world::host host{*sim,
                      net,

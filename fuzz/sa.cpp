@@ -27,7 +27,7 @@ struct fabric_alone {
     ~fabric_alone() { hca.listen(nullptr); }
 
     static constexpr size_t record_limit = 8;
-    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     embedded::subnet net{*sim, {.service_record_limit = record_limit}};
     fabric::hca& hca = net.add_hca("stranger", "mthca0", 1);
     sa_client client;

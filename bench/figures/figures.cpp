@@ -104,7 +104,7 @@ int scale(int hosts)
 
     world.sim->run_until((restart + 200) * second);
     world.subnet.faults.sa_silent = true;
-    std::vector<kernel::task*> askers;
+    std::vector<exec::task*> askers;
     for (const auto& host : world.hosts)
         askers.push_back(&host->machine().start("asker", [&] {
             world::resolve_address(host->machine(), *world::parse_ipv4("10.0.0.1"), world::ask::sa_only);
@@ -112,7 +112,7 @@ int scale(int hosts)
     world.sim->run_for(120 * second);
     world.subnet.faults.sa_silent = false;
     world.sim->run_for(120 * second);
-    for (kernel::task* each : askers) world.sim->join(*each);
+    for (exec::task* each : askers) world.sim->join(*each);
     const load_meter::load silent = meter.between(restart + 200, restart + 440);
 
     std::printf("{\"hosts\":%d,\"kib_per_host\":%.1f,\"module_bytes\":%zu,\"converged_mean_s\":%.1f,"
@@ -129,7 +129,7 @@ int scale(int hosts)
 // Real threads and real time: how long a lookup takes that goes to the SA and back.
 int lookups(int count)
 {
-    const auto exec = kernel::make_threaded_executor();
+    const auto exec = exec::make_threaded_executor();
     embedded::subnet net(*exec);
     world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
     world::host host(*exec, net, plan, ATS_MODULE_DIR, 1);

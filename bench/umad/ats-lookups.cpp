@@ -97,7 +97,7 @@ int main(int count, char** arguments)
     const uint64_t wanted = std::strtoull(arguments[2], nullptr, 10);
     if (wanted < addresses.size()) fail("expected more lookups than addresses");
 
-    const auto exec = kernel::make_threaded_executor();
+    const auto exec = exec::make_threaded_executor();
     const umad::opened opened = umad::open(*exec, {});
     if (!opened.fabric) fail(opened.why);
     const world::host_plan plan{.name = "bench", .hcas = {}, .modules = world::usual_modules("bench", arguments[1])};

@@ -5,17 +5,17 @@
 #include <cstring>
 #include <string_view>
 
+#include "host/exec/print-capture.h"
 #include "host/kernel/format.h"
 #include "host/kernel/machine.h"
-#include "host/kernel/print-capture.h"
 #include "kernel/memory.h"
 #include "kernel/printk.h"
 #include "kernel/proc.h"
 #include "kernel/time.h"
 
+using exec::might_sleep;
 using kernel::current_machine;
 using kernel::machine_where_others_may_run;
-using kernel::might_sleep;
 
 namespace
 {
@@ -41,7 +41,7 @@ void printk(const char* format, ...)
     // A NUL that was printed as a character shows nothing, and does not end the text.
     *std::remove(text, text + std::min(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& home = current_machine(__func__);
-    kernel::print_capture* capture = kernel::current_task()->capture;
+    exec::print_capture* capture = exec::current_task()->capture;
     if (capture && !capture->take(text)) return;
     home.log.append(home.exec().now(), text);
 }
@@ -56,7 +56,7 @@ void* kmalloc(size_t size, gfp_t flags)
 void kfree(const void* memory)
 {
     if (memory && !current_machine(__func__).memory.release(memory))
-        kernel::panic("kfree: %p is not memory of this machine, or was freed before", memory);
+        exec::panic("kfree: %p is not memory of this machine, or was freed before", memory);
 }
 
 unsigned long copy_from_user(void* to, const void* from, unsigned long count)
@@ -114,25 +114,3 @@ void remove_proc_entry(const char* path)
     might_sleep(__func__);
     current_machine(__func__).proc.remove(path);
 }
-
-namespace kernel
-{
-
-print_capture::print_capture(where to) : to_(to), outer_(current_task_of("print_capture").capture)
-{
-    current_task()->capture = this;
-}
-
-print_capture::~print_capture()
-{
-    current_task()->capture = outer_;
-}
-
-bool print_capture::take(const char* printed)
-{
-    const bool marked = printed[0] == '<' && printed[1] != '\0' && printed[2] == '>';
-    text_ += printed + (marked ? 3 : 0);
-    return to_ == also_log && (!outer_ || outer_->take(printed));
-}
-
-} // namespace kernel

@@ -8,17 +8,17 @@ namespace kernel
 {
 
 machine::machine(executor& runs_it, std::string name, const machine_options& options)
-    : log(options.log_bytes), random(options.random_seed), proc(*this), inter_modules(*this), modules(*this),
-      exec_(runs_it), name_(std::move(name))
+    : task_home(std::move(name)), log(options.log_bytes), random(options.random_seed), proc(*this),
+      inter_modules(*this), modules(*this), exec_(runs_it)
 {
 }
 
 machine::~machine()
 {
     if (const std::vector<std::string> loaded = modules.loaded(); !loaded.empty())
-        panic("machine %s goes while %s is loaded", name_.c_str(), loaded.back().c_str());
+        panic("machine %s goes while %s is loaded", name().c_str(), loaded.back().c_str());
     while (!services_.empty()) services_.pop_back();
-    for (const std::string& leak : memory.leaks()) std::fprintf(stderr, "%s leaked %s\n", name_.c_str(), leak.c_str());
+    for (const std::string& leak : memory.leaks()) std::fprintf(stderr, "%s leaked %s\n", name().c_str(), leak.c_str());
 }
 
 std::vector<std::string> machine::left_by(const module_code& leaving) const

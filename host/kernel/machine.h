@@ -12,7 +12,7 @@
 
 #include "host/fabric/fabric.h"
 #include "host/kernel/address-layout.h"
-#include "host/kernel/executor.h"
+#include "host/kernel/current-machine.h"
 #include "host/kernel/fault.h"
 #include "host/kernel/inter-module.h"
 #include "host/kernel/loader.h"
@@ -20,6 +20,7 @@
 #include "host/kernel/memory.h"
 #include "host/kernel/proc-tree.h"
 #include "host/kernel/random.h"
+#include "host/kernel/tasks.h"
 
 namespace kernel
 {
@@ -40,7 +41,7 @@ struct machine_options {
     size_t log_bytes = default_log_bytes;
 };
 
-class machine
+class machine final : public exec::task_home
 {
   public:
     machine(executor& runs_it, std::string name, const machine_options& options = {});
@@ -51,7 +52,6 @@ class machine
     machine& operator=(const machine&) = delete;
 
     executor& exec() const { return exec_; }
-    const std::string& name() const { return name_; }
 
     // HCAs are plugged before a module that looks for them is loaded; the fabric owns them.
     void plug(fabric::hca& adapter) { hcas_.push_back(&adapter); }
@@ -88,7 +88,6 @@ class machine
     service& find_or_make(std::type_index type, std::unique_ptr<service> (*make)(machine&));
 
     executor& exec_;
-    const std::string name_;
     std::vector<fabric::hca*> hcas_;
     mutable std::mutex services_mutex_;
     std::unordered_map<std::type_index, service*> services_by_type_;

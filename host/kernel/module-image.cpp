@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host/kernel/shortage.h"
+#include "host/exec/shortage.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
 

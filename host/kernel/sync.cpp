@@ -5,16 +5,16 @@
 #include "host/kernel/machine.h"
 #include "kernel/errno.h"
 
-using kernel::might_sleep;
-using kernel::never;
-using kernel::task;
+using exec::might_sleep;
+using exec::never;
+using exec::task;
 
 namespace
 {
 
 task& self(const char* caller = __builtin_FUNCTION())
 {
-    return kernel::current_task_of(caller);
+    return exec::current_task_of(caller);
 }
 
 // Excludes others from a few instructions. Nothing sleeps while one is held, so that waiting is spinning.
@@ -77,7 +77,7 @@ bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
 
 void count_signal_seen(const task& waiting)
 {
-    if (waiting.home) ++waiting.home->signals_seen;
+    if (waiting.home) ++static_cast<kernel::machine*>(waiting.home)->signals_seen;
 }
 
 unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool interruptible)
@@ -157,7 +157,7 @@ void up(semaphore* sem)
             first->waiting->exec.wake(*first->waiting);
         }
     }
-    kernel::preemption_point();
+    exec::preemption_point();
 }
 
 void spin_lock_init(spinlock_t* lock)
@@ -178,13 +178,13 @@ void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags)
     task& holder = self();
     holder.spin_locks = static_cast<int>(flags);
     if (lock->state.exchange(0, std::memory_order_release) == 0)
-        kernel::panic("spin_unlock_irqrestore: the lock is not held");
+        exec::panic("spin_unlock_irqrestore: the lock is not held");
     holder.exec.switch_point();
 }
 
 void must_not_hold_spin_lock(const char* entry)
 {
-    if (self().spin_locks > 0) kernel::panic("%s is called with a spin lock held", entry);
+    if (self().spin_locks > 0) exec::panic("%s is called with a spin lock held", entry);
 }
 
 void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name)
@@ -201,7 +201,7 @@ void wake_up_interruptible(wait_queue_head_t* queue)
         for (list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
             self().exec.wake(*static_cast<task*>(list_entry(link, wait_queue_t, link)->task));
     }
-    kernel::preemption_point();
+    exec::preemption_point();
 }
 
 void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
@@ -220,7 +220,7 @@ void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
     task& waits = self();
     if (waits.wait_queue != sleeper)
-        kernel::panic("finish_wait: the task does not stand in %s, or joined another wait queue later", queue->name);
+        exec::panic("finish_wait: the task does not stand in %s, or joined another wait queue later", queue->name);
     const guarded inside(queue->guard);
     list_del_init(&sleeper->link);
     waits.wait_queue = sleeper->outer;

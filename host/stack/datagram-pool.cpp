@@ -3,8 +3,8 @@
 #include <cstring>
 #include <new>
 
-#include "host/kernel/sanitizers.h"
-#include "host/kernel/task.h"
+#include "host/exec/sanitizers.h"
+#include "host/exec/task.h"
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
@@ -33,7 +33,7 @@ void allow_use([[maybe_unused]] gsi_dtgrm_t& datagram, [[maybe_unused]] bool all
 
 } // namespace
 
-std::unique_ptr<datagram_pool> datagram_pool::make(const kernel::executor& exec, std::string name, size_t size)
+std::unique_ptr<datagram_pool> datagram_pool::make(const exec::executor& exec, std::string name, size_t size)
 {
     slot_memory slots(static_cast<slot*>(std::aligned_alloc(alignof(slot), size * sizeof(slot))));
     if (!slots) return nullptr;
@@ -46,8 +46,8 @@ datagram_pool::~datagram_pool()
         gsi_dtgrm_t& datagram = slots_[i].datagram;
         const datagram_record& record = datagram_record::of(&datagram, "the end of a datagram pool");
         if (record.state() != datagram_state::free)
-            kernel::panic("datagram %p does not come back to pool '%s', which goes with %zu of %zu free: %s",
-                          static_cast<const void*>(&datagram), name_.c_str(), free_, size_, record.history().c_str());
+            exec::panic("datagram %p does not come back to pool '%s', which goes with %zu of %zu free: %s",
+                        static_cast<const void*>(&datagram), name_.c_str(), free_, size_, record.history().c_str());
         allow_use(datagram, true);
     }
 }

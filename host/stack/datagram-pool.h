@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "host/kernel/executor.h"
+#include "host/exec/executor.h"
 #include "host/stack/datagram.h"
 
 namespace stack
@@ -17,7 +17,7 @@ class datagram_pool
 {
   public:
     // Null when there is no memory.
-    static std::unique_ptr<datagram_pool> make(const kernel::executor& exec, std::string name, size_t size);
+    static std::unique_ptr<datagram_pool> make(const exec::executor& exec, std::string name, size_t size);
 
     // A datagram that is out is a hard error that tells its history.
     ~datagram_pool();
@@ -50,12 +50,12 @@ class datagram_pool
     };
     using slot_memory = std::unique_ptr<slot[], free_memory>;
 
-    datagram_pool(const kernel::executor& exec, std::string name, size_t size, slot_memory slots)
+    datagram_pool(const exec::executor& exec, std::string name, size_t size, slot_memory slots)
         : exec_(exec), name_(std::move(name)), size_(size), slots_(std::move(slots))
     {
     }
 
-    const kernel::executor& exec_;
+    const exec::executor& exec_;
     const std::string name_;
     const size_t size_;
     const slot_memory slots_;

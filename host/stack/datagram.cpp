@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "host/kernel/task.h"
+#include "host/exec/task.h"
 #include "host/stack/datagram-pool.h"
 
 namespace stack
@@ -61,7 +61,7 @@ datagram_record& datagram_record::of(void* datagram, const char* call)
     auto* record = static_cast<datagram_record*>(datagram);
     const bool is_aligned = reinterpret_cast<uintptr_t>(datagram) % alignof(datagram_record) == 0;
     if (!datagram || !is_aligned || record->mark_ != mark)
-        kernel::panic("%s: %p is not a datagram of any pool", call, datagram);
+        exec::panic("%s: %p is not a datagram of any pool", call, datagram);
     return *record;
 }
 
@@ -82,8 +82,8 @@ std::string datagram_record::history() const
 
 void datagram_record::hand_over_panic(datagram_state state, const char* call) const
 {
-    kernel::panic("%s: datagram %p of pool '%s' %s: %s", call, static_cast<const void*>(this), home.name().c_str(),
-                  text_of(state), history().c_str());
+    exec::panic("%s: datagram %p of pool '%s' %s: %s", call, static_cast<const void*>(this), home.name().c_str(),
+                text_of(state), history().c_str());
 }
 
 } // namespace stack

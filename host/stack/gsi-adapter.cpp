@@ -67,15 +67,15 @@ gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomi
     if (!receive_pool_) throw std::bad_alloc();
     task_.start([this] {
         while (!task_.is_stopping())
-            if (!complete()) task_.sleep(kernel::never, "completions");
+            if (!complete()) task_.sleep(exec::never, "completions");
     });
 }
 
 gsi_adapter::~gsi_adapter()
 {
     if (!registered_.empty())
-        kernel::panic("machine %s goes while class %d of port %d of %s is registered with GSI", home_.name().c_str(),
-                      registered_[0]->mgt_class, registered_[0]->port, hca_.name().c_str());
+        exec::panic("machine %s goes while class %d of port %d of %s is registered with GSI", home_.name().c_str(),
+                    registered_[0]->mgt_class, registered_[0]->port, hca_.name().c_str());
 }
 
 int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle)
@@ -137,7 +137,7 @@ int gsi_adapter::post(gsi_class_t& sender, datagram_record& record, uint64_t* tr
     record.note(now_ticks, datagram_event::posted, sender.mgt_class, sender.port);
     count(counters_.posted);
     if (transaction_id) *transaction_id = assigned;
-    kernel::preemption_point(); // the answer may be here before the send completes
+    exec::preemption_point(); // the answer may be here before the send completes
     lock_guard lock(mutex_);
     queue(record, lock, !record.home.runs_low());
     return 0;
@@ -209,7 +209,7 @@ bool gsi_adapter::complete()
 {
     datagram_record* batch = take_all(false);
     if (!batch) return false;
-    const kernel::atomic_section no_sleep(context_name_.c_str());
+    const exec::atomic_section no_sleep(context_name_.c_str());
     do {
         const uint64_t now_ticks = home_.exec().now();
         while (batch) hand_out(*std::exchange(batch, batch->next), now_ticks);

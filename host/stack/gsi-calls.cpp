@@ -69,7 +69,7 @@ int gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool)
 int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm)
 {
     kernel::machine& home = current_machine(__func__);
-    kernel::preemption_point();
+    exec::preemption_point();
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (!pool || !dtgrm) return -EK_INVAL;
     datagram_record* taken = pool_of(pool)->take();
@@ -83,14 +83,14 @@ void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm)
 {
     datagram_record& returned = datagram_record::of(dtgrm, __func__);
     returned.home.put(returned);
-    kernel::preemption_point();
+    exec::preemption_point();
 }
 
 int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id)
 {
     kernel::machine& home = current_machine(__func__);
     datagram_record& record = datagram_record::of(dtgrm, __func__);
-    kernel::preemption_point();
+    exec::preemption_point();
     if (home.faults.should_fail(__func__)) return -EK_BUSY;
     if (!handle) return -EK_INVAL;
     return handle->adapter.post(*handle, record, transaction_id);

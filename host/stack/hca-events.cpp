@@ -49,7 +49,7 @@ hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
 hca_events::~hca_events()
 {
     if (!subscriptions_.empty())
-        kernel::panic("machine %s goes while %s is subscribed to", home_.name().c_str(), hca_.name().c_str());
+        exec::panic("machine %s goes while %s is subscribed to", home_.name().c_str(), hca_.name().c_str());
 }
 
 bool hca_events::subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback)
@@ -85,13 +85,13 @@ bool hca_events::unsubscribe(kq_hca_h_t handle, kq_async_event_fn_t callback)
         const subscription* ending = find(handle);
         if (!ending || ending->callback != callback) return false;
         if (running_ == handle && task_.is_current())
-            kernel::panic("an event callback of %s ends its own subscription", hca_.name().c_str());
+            exec::panic("an event callback of %s ends its own subscription", hca_.name().c_str());
         std::erase_if(subscriptions_, [&](const subscription& each) { return each.handle == handle; });
         std::erase_if(queue_, [&](const event& each) { return each.handle == handle; });
     }
     wait_queue_t sleeper;
     prepare_to_wait(&callback_ended_, &sleeper);
-    while (callback_runs(handle)) schedule_timeout_uninterruptible(kernel::never);
+    while (callback_runs(handle)) schedule_timeout_uninterruptible(exec::never);
     finish_wait(&callback_ended_, &sleeper);
     hub_.detach(*this);
     return true;
@@ -137,7 +137,7 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
 bool hca_events::repeats_announcement(const subscription& of, int port) const
 {
     const uint64_t announced = of.ports[port - 1].announced_tick;
-    if (announced == kernel::never) return false;
+    if (announced == exec::never) return false;
     if (home_.exec().now() - announced <= same_moment_ticks) return true;
     return std::ranges::any_of(queue_, [&](const event& each) {
         return each.handle == of.handle && each.port == port && each.is_announcement;
@@ -159,7 +159,7 @@ void hca_events::queue(const event& latest)
 void hca_events::run()
 {
     while (!task_.is_stopping())
-        if (!deliver_next()) task_.sleep(kernel::never, "events");
+        if (!deliver_next()) task_.sleep(exec::never, "events");
 }
 
 bool hca_events::deliver_next()

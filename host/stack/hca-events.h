@@ -38,8 +38,8 @@ class hca_events final : public fabric::listener
 
   private:
     struct port_progress {
-        bool link_heard = false;                 // the fabric has told of the link since the subscription
-        uint64_t announced_tick = kernel::never; // when the subscription told of the link itself
+        bool link_heard = false;               // the fabric has told of the link since the subscription
+        uint64_t announced_tick = exec::never; // when the subscription told of the link itself
     };
     struct subscription {
         kq_hca_h_t handle;

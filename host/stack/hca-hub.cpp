@@ -35,7 +35,7 @@ void hca_hub::detach(fabric::listener& from)
     {
         const std::lock_guard lock(mutex_);
         const auto known = std::ranges::find(attached_, &from, &attached::listener);
-        if (known == attached_.end()) kernel::panic("%s: detach without attach", adapter_.name().c_str());
+        if (known == attached_.end()) exec::panic("%s: detach without attach", adapter_.name().c_str());
         if (--known->times == 0) {
             attached_.erase(known);
             was_last = attached_.empty();

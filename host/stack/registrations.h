@@ -8,8 +8,8 @@
 #include <optional>
 #include <vector>
 
+#include "host/exec/executor.h"
 #include "host/fabric/fabric.h"
-#include "host/kernel/executor.h"
 #include "sa-mads.h"
 
 namespace stack
@@ -42,7 +42,7 @@ struct registration {
 class registrations
 {
   public:
-    explicit registrations(const kernel::executor& exec) : exec_(exec) {}
+    explicit registrations(const exec::executor& exec) : exec_(exec) {}
 
     // A MAD is about to leave `port` for `lid`; in wire order.
     void leaving(int port, uint16_t lid, const fabric::mad_bytes& mad);
@@ -68,7 +68,7 @@ class registrations
     void take_answer(watched& entry, uint16_t status, const ib_service_record_v2_t& record) const;
     void publish();
 
-    const kernel::executor& exec_;
+    const exec::executor& exec_;
 
     // What lookups of other hosts are told from without the lock.
     std::atomic<bool> awaits_answer_{false};

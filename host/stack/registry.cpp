@@ -58,7 +58,7 @@ void registry::set(const std::string& path, const std::string& name, intptr_t va
             followers = followers_of(changed);
         }
         for (const subscription& follower : followers) {
-            const kernel::atomic_section no_sleep("a registry notification");
+            const exec::atomic_section no_sleep("a registry notification");
             follower.changed(name.c_str(), value, follower.context);
         }
         up(&changes_);

@@ -12,7 +12,7 @@ void service_task::start(std::function<void()> body)
 
 void service_task::ring()
 {
-    if (kernel::task* rung = task_) home_.exec().wake(*rung);
+    if (exec::task* rung = task_) home_.exec().wake(*rung);
 }
 
 void service_task::sleep(uint64_t deadline, const char* reason) const
@@ -24,7 +24,7 @@ void service_task::stop()
 {
     stopping_ = true;
     ring();
-    if (kernel::task* ending = task_.exchange(nullptr)) home_.exec().join(*ending);
+    if (exec::task* ending = task_.exchange(nullptr)) home_.exec().join(*ending);
 }
 
 } // namespace stack

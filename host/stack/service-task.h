@@ -30,7 +30,7 @@ class service_task
     void sleep(uint64_t deadline, const char* reason) const;
 
     bool is_stopping() const { return stopping_; }
-    bool is_current() const { return task_ && task_ == kernel::current_task(); }
+    bool is_current() const { return task_ && task_ == exec::current_task(); }
 
     // Waits until the body has ended. Nobody may ring any more. By a task that may sleep, or from outside.
     void stop();
@@ -38,7 +38,7 @@ class service_task
   private:
     kernel::machine& home_;
     const std::string name_;
-    std::atomic<kernel::task*> task_{nullptr};
+    std::atomic<exec::task*> task_{nullptr};
     std::atomic<bool> stopping_{false};
 };
 

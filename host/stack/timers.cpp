@@ -4,7 +4,7 @@
 
 #include "host/kernel/module-image.h"
 
-using kernel::never;
+using exec::never;
 
 namespace stack
 {
@@ -22,15 +22,14 @@ timers::~timers()
     if (const size_t left = armed(); left > 0) {
         const lane& holder = atomic_.queue.size() > 0 ? atomic_ : sleeping_;
         const armed_timer& first = holder.queue.first();
-        kernel::panic("machine %s goes with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(), left,
-                      reinterpret_cast<const void*>(first.function),
-                      static_cast<unsigned long long>(first.expires_tick));
+        exec::panic("machine %s goes with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(), left,
+                    reinterpret_cast<const void*>(first.function), static_cast<unsigned long long>(first.expires_tick));
     }
 }
 
 void timers::arm(const timing_t& timer)
 {
-    if (!timer.function) kernel::panic("add_timing: the timer has no function");
+    if (!timer.function) exec::panic("add_timing: the timer has no function");
     const std::lock_guard lock(mutex_);
     for (lane* each : {&atomic_, &sleeping_}) {
         if (each->running == &timer && each->arming_is_void) return;
@@ -57,7 +56,7 @@ bool timers::still_runs(const timing_t& timer)
     for (lane* each : {&atomic_, &sleeping_}) {
         each->queue.remove(&timer);
         if (each->running != &timer) continue;
-        if (each->task.is_current()) kernel::panic("del_timing_sync: a timer's handler deletes its own timer");
+        if (each->task.is_current()) exec::panic("del_timing_sync: a timer's handler deletes its own timer");
         each->arming_is_void = true;
         runs = true;
     }
@@ -106,7 +105,7 @@ bool timers::run_next(lane& self)
     armed_timer next;
     if (!take_next(self, next)) return false;
     if (&self == &atomic_) {
-        const kernel::atomic_section no_sleep("the timer context");
+        const exec::atomic_section no_sleep("the timer context");
         next.function(next.data);
     } else {
         next.function(next.data);

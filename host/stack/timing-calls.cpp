@@ -21,12 +21,12 @@ void add_timing(timing_t* timer)
 {
     timers_here(__func__).arm(*timer);
     // A place for the handler to run first, as it might on another processor.
-    kernel::preemption_point();
+    exec::preemption_point();
 }
 
 void del_timing_sync(timing_t* timer)
 {
-    kernel::might_sleep(__func__);
-    kernel::current_task()->exec.switch_point();
+    exec::might_sleep(__func__);
+    exec::current_task()->exec.switch_point();
     timers_here(__func__).disarm_and_wait(*timer);
 }

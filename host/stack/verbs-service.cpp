@@ -13,8 +13,8 @@ verbs::verbs(kernel::machine& home) : home_(home)
 verbs::~verbs()
 {
     if (!open_.empty())
-        kernel::panic("machine %s goes while %s is open", home_.name().c_str(),
-                      open_.begin()->second.adapter->hca().name().c_str());
+        exec::panic("machine %s goes while %s is open", home_.name().c_str(),
+                    open_.begin()->second.adapter->hca().name().c_str());
 }
 
 hca_events& verbs::events_of(fabric::hca& plugged)

@@ -34,13 +34,13 @@ std::vector<module_plan> usual_modules(const std::string& host_name, const std::
             {"ats", "ats_ipaddr_str=" + quoted(ipv4) + " ats_hostName_str=" + quoted(host_name)}};
 }
 
-host::host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
+host::host(exec::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
            uint64_t random_seed)
     : host(exec, add_to(subnet, plan), plan, std::move(module_folder), random_seed)
 {
 }
 
-host::host(kernel::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
+host::host(exec::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
            std::string module_folder, uint64_t random_seed)
     : plan_(plan), module_folder_(std::move(module_folder)),
       machine_(std::make_unique<kernel::machine>(

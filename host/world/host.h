@@ -42,11 +42,11 @@ class host
   public:
     // Plugs the HCAs into `subnet` (links down), starts the tasks of the stack and fills the registry. Modules come
     // from `module_folder`. Throws a shortage when there is no room for the tasks.
-    host(kernel::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
+    host(exec::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
 
     // The same with HCAs of any fabric, whatever the plan says of them.
-    host(kernel::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
+    host(exec::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
          std::string module_folder, uint64_t random_seed);
 
     // Unloads what is loaded.

@@ -51,7 +51,7 @@ void asker::called_back(ibat_stat_t status, ibat_arp_data_t* record, void* self)
     auto* him = static_cast<asker*>(self);
     him->answers.push_back({get_jiffies(), status, record ? record->dst_ip : 0});
     him->order = ++told;
-    EXPECT_EQ(kernel::current_task()->spin_locks, 0) << "it may ask again";
+    EXPECT_EQ(exec::current_task()->spin_locks, 0) << "it may ask again";
 }
 
 std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
@@ -59,7 +59,7 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
     return out << answer.tick << " " << answer.status << " " << world::format_ipv4(answer.ip);
 }
 
-ats_host::ats_host(kernel::simulation& sim, embedded::subnet& subnet, const host_setup& setup)
+ats_host::ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_setup& setup)
     : setup_(setup), sim_(sim), subnet_(subnet), host_(sim, subnet, plan_of(setup), ATS_MODULE_DIR, host_random_seed)
 {
     if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
@@ -106,7 +106,7 @@ kq_gid_t ats_host::gid(int port, int hca) const
 void ats_host::run(const std::function<void()>& body)
 {
     machine().enter("test", body);
-    if (!kernel::current_task()) sim_.settle();
+    if (!exec::current_task()) sim_.settle();
 }
 
 ibat_stat_t ats_host::reverse(const kq_gid_t& gid, asker& who)
@@ -175,8 +175,8 @@ std::string ats_host::held()
     return text;
 }
 
-ats_world::ats_world(const kernel::simulation_options& options, embedded::subnet_options subnet_options)
-    : sim(kernel::make_simulation(options)), subnet(*sim, std::move(subnet_options)), begin_tick_(options.start_tick)
+ats_world::ats_world(const exec::simulation_options& options, embedded::subnet_options subnet_options)
+    : sim(exec::make_simulation(options)), subnet(*sim, std::move(subnet_options)), begin_tick_(options.start_tick)
 {
     subnet.set_tap(this);
 }

@@ -60,7 +60,7 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer); // "7 
 class ats_host
 {
   public:
-    ats_host(kernel::simulation& sim, embedded::subnet& subnet, const host_setup& setup);
+    ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_setup& setup);
 
     kernel::machine& machine() { return host_.machine(); }
     kernel::fault_injector& faults() { return machine().faults; }
@@ -85,11 +85,11 @@ class ats_host
     ibat_stat_t resolve(const std::string& address);
 
     // A task of the host's own that a story may signal or wait for.
-    kernel::task& start(const std::string& task_name, std::function<void()> body)
+    exec::task& start(const std::string& task_name, std::function<void()> body)
     {
         return machine().start(task_name, std::move(body));
     }
-    void finish(kernel::task& started) { machine().exec().join(started); }
+    void finish(exec::task& started) { machine().exec().join(started); }
 
     int control(const std::string& written); // one write to the control file
     std::string read(const std::string& proc_file);
@@ -112,7 +112,7 @@ class ats_host
     std::string hca_name(int hca) const { return "mthca" + std::to_string(hca); }
 
     host_setup setup_;
-    kernel::simulation& sim_;
+    exec::simulation& sim_;
     embedded::subnet& subnet_;
     world::host host_;
     uint64_t next_line_ = 0;
@@ -128,7 +128,7 @@ struct wire_request {
 class ats_world final : fabric::tap
 {
   public:
-    explicit ats_world(const kernel::simulation_options& options = {}, embedded::subnet_options subnet_options = {});
+    explicit ats_world(const exec::simulation_options& options = {}, embedded::subnet_options subnet_options = {});
 
     // A host with its peers, not loaded.
     ats_host& add(const host_setup& setup = {});
@@ -149,7 +149,7 @@ class ats_world final : fabric::tap
     // A datagram from a port that is not the SA's, to a port of a host; delivered before the call returns.
     void inject(const ats_host& to, int port, const fabric::mad_bytes& mad);
 
-    std::unique_ptr<kernel::simulation> sim;
+    std::unique_ptr<exec::simulation> sim;
     embedded::subnet subnet;
 
   private:

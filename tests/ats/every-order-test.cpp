@@ -3,7 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "host/kernel/schedule.h"
+#include "host/exec/schedule.h"
 #include "host/peers/ucm-exports.h"
 #include "host/world/published.h"
 #include "tests/ats/ats-world.h"
@@ -11,7 +11,7 @@
 namespace
 {
 
-const kernel::systematic_schedule* present_order = nullptr;
+const exec::systematic_schedule* present_order = nullptr;
 
 // A hard error ends the process: the order that led there is told before.
 void tell_order(int signal)
@@ -29,7 +29,7 @@ int deviations(int by_default)
 // The world of one order: scenarios set up their hosts, and then say which moment counts.
 struct moment {
     ats_world w;
-    kernel::systematic_schedule& order;
+    exec::systematic_schedule& order;
 
     // From this instant on for so many ticks, tasks go on in the order being tried.
     void explore(uint64_t ticks)
@@ -40,16 +40,16 @@ struct moment {
     }
 
     // Everything that was begun has come to its end.
-    void finish(ats_host& host, const std::vector<kernel::task*>& tasks)
+    void finish(ats_host& host, const std::vector<exec::task*>& tasks)
     {
-        for (kernel::task* each : tasks) host.finish(*each);
+        for (exec::task* each : tasks) host.finish(*each);
         w.sim->run_for(3000);
     }
 };
 
 void in_every_order(int bound, const std::function<void(moment&)>& scenario)
 {
-    kernel::systematic_schedule order(deviations(bound));
+    exec::systematic_schedule order(deviations(bound));
     present_order = &order;
     for (const int deadly : {SIGABRT, SIGSEGV}) std::signal(deadly, tell_order);
     do {
@@ -63,12 +63,12 @@ void in_every_order(int bound, const std::function<void(moment&)>& scenario)
     std::printf("%s: %llu orders\n", name, static_cast<unsigned long long>(order.orders_tried()));
 }
 
-kernel::task& unloading(ats_host& host)
+exec::task& unloading(ats_host& host)
 {
     return host.start("rmmod", [&host] { host.unload(); });
 }
 
-kernel::task& writing(ats_host& host, const std::string& command)
+exec::task& writing(ats_host& host, const std::string& command)
 {
     return host.start("writer", [&host, command] { host.machine().proc.write("dorvex/ats/control", command); });
 }
@@ -88,7 +88,7 @@ TEST(every_order, of_a_stop_a_failover_and_the_answers_to_their_deletes)
         ats_host& host = at.w.add_registered({.ports = {2}});
         host.link_up(2);
         at.w.subnet.faults.latency_ticks = 1;
-        const std::vector<kernel::task*> tasks = {&unloading(host)};
+        const std::vector<exec::task*> tasks = {&unloading(host)};
         EXPECT_TRUE(at.w.subnet.link_down("node1", "mthca0", 1));
         at.explore(8);
         at.finish(host, tasks);
@@ -107,7 +107,7 @@ TEST(every_order, of_the_answer_its_duplicate_the_time_out_and_the_stop_of_one_r
         at.w.subnet.faults.duplicate_percent = 100;
         EXPECT_EQ(host.reverse(host.gid(1), who), ibat_stat_pending);
         at.w.at(1999);
-        const std::vector<kernel::task*> tasks = {&host.start("rmmod", [&host] {
+        const std::vector<exec::task*> tasks = {&host.start("rmmod", [&host] {
             schedule_timeout_uninterruptible(1);
             host.unload();
         })};
@@ -138,14 +138,14 @@ TEST(every_order, of_a_time_out_and_the_unloading_of_ats_and_of_who_asked_it)
             EXPECT_EQ((*get_ip)(&gid, &record, asker::called_back, &who), ibat_stat_pending);
         });
         at.w.at(999);
-        std::vector<kernel::task*> tasks;
+        std::vector<exec::task*> tasks;
         for (const char* module : {"ats", "ucm"})
             tasks.push_back(&machine.start(module, [&machine, module] {
                 schedule_timeout_uninterruptible(1);
                 while (!machine.modules.rmmod(module)) schedule_timeout_uninterruptible(1);
             }));
         at.explore(4);
-        for (kernel::task* each : tasks) at.w.sim->join(*each);
+        for (exec::task* each : tasks) at.w.sim->join(*each);
         EXPECT_EQ(who.answers.size(), 1u);
         EXPECT_THAT(at.w.records(), IsEmpty());
     });
@@ -157,8 +157,8 @@ TEST(every_order, of_two_updates_and_a_failover)
         ats_host& host = at.w.add_registered({.ports = {2}});
         host.link_up(2);
         const auto set_address = host.symbol<int32_t (*)(uint32_t)>("ats_sa_set_ip_addrs");
-        const std::vector<kernel::task*> tasks = {&writing(host, "set_host_name other"),
-                                                  &host.start("caller", [&] { set_address(ip_of("10.0.0.9")); })};
+        const std::vector<exec::task*> tasks = {&writing(host, "set_host_name other"),
+                                                &host.start("caller", [&] { set_address(ip_of("10.0.0.9")); })};
         EXPECT_TRUE(at.w.subnet.link_down("node1", "mthca0", 1));
         at.explore(2);
         at.finish(host, tasks);
@@ -187,7 +187,7 @@ TEST_P(check_that_fails, in_every_order)
             at.w.subnet.faults.latency_ticks = 1;
             at.w.at(due_tick + 1);
         }
-        kernel::task& disturbing = host.start(other, [&] {
+        exec::task& disturbing = host.start(other, [&] {
             schedule_timeout_uninterruptible(1);
             if (other == "unload") host.unload();
             if (other == "rename") host.machine().proc.write("dorvex/ats/control", "set_host_name new");
@@ -212,7 +212,7 @@ TEST(every_order, of_a_load_and_the_events_of_its_ports)
 {
     in_every_order(2, [](moment& at) {
         ats_host& host = at.w.add({.ports = {2}});
-        const std::vector<kernel::task*> tasks = {&host.start("insmod", [&host] { host.load(); })};
+        const std::vector<exec::task*> tasks = {&host.start("insmod", [&host] { host.load(); })};
         EXPECT_TRUE(at.w.subnet.link_up("node1", "mthca0", 1));
         EXPECT_TRUE(at.w.subnet.link_down("node1", "mthca0", 1));
         EXPECT_TRUE(at.w.subnet.link_up("node1", "mthca0", 2));

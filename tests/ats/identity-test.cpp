@@ -121,8 +121,8 @@ TEST_F(identity, a_pending_signal_ends_every_wait)
     w.requests();
     host.log();
     w.subnet.faults.sa_silent = true;
-    kernel::task& writer = host.start("writer", [&] {
-        kernel::send_signal(*kernel::current_task());
+    exec::task& writer = host.start("writer", [&] {
+        exec::send_signal(*exec::current_task());
         host.control("set_ip_addrs 10.0.0.7");
     });
     w.at(0);

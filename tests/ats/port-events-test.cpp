@@ -101,7 +101,7 @@ TEST(port_events_of_two_hcas, wait_for_the_registration_before_them)
     host.link_up(2, 1);
     w.requests();
     w.subnet.faults.sa_silent = true;
-    kernel::task& renaming = host.start("rename", [&] { host.control("set_host_name new"); });
+    exec::task& renaming = host.start("rename", [&] { host.control("set_host_name new"); });
     w.at(10);
     host.link_down(1, 1);
     host.link_up(1, 0);

@@ -141,17 +141,17 @@ TEST_F(resolution, without_an_active_port_fails_and_still_times_out)
 TEST_F(resolution, waits_for_a_registration_and_not_through_a_signal)
 {
     w.subnet.faults.sa_silent = true;
-    kernel::task& updating = host.start("update", [&] { host.control("set_host_name slow"); });
+    exec::task& updating = host.start("update", [&] { host.control("set_host_name slow"); });
     w.at(10);
     ibat_stat_t interrupted{}, patient{};
-    kernel::task& first = host.start("first", [&] { interrupted = host.resolve("10.0.0.2"); });
-    kernel::task& second = host.start("second", [&] { patient = host.resolve("10.0.0.2"); });
+    exec::task& first = host.start("first", [&] { interrupted = host.resolve("10.0.0.2"); });
+    exec::task& second = host.start("second", [&] { patient = host.resolve("10.0.0.2"); });
     w.at(30);
-    kernel::send_signal(first);
+    exec::send_signal(first);
     w.at(31);
     EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_arp_send: down_interruptible is not OK"));
     w.at(100);
-    for (kernel::task* each : {&updating, &first, &second}) host.finish(*each);
+    for (exec::task* each : {&updating, &first, &second}) host.finish(*each);
     EXPECT_EQ(interrupted, ibat_stat_error);
     EXPECT_EQ(patient, ibat_stat_ok);
     const lines sent = w.requests();

@@ -48,11 +48,11 @@ TEST_F(shut_down, is_not_held_up_by_a_silent_sa_or_a_signal)
     asker who;
     EXPECT_EQ(host.reverse({1, 1}, who), ibat_stat_pending);
     w.requests();
-    kernel::task& unloading = host.start("rmmod", [&] { host.unload(); });
+    exec::task& unloading = host.start("rmmod", [&] { host.unload(); });
     w.at(10);
     EXPECT_EQ(host.control("set_ip_addrs 10.0.0.9"), -EK_NOENT) << "the file has an owner, who leaves";
     EXPECT_THAT(host.machine().inter_modules.names(), testing::Not(Contains("ATS_SA_SET_IP_ADDR")));
-    kernel::send_signal(unloading);
+    exec::send_signal(unloading);
     host.finish(unloading);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "10 node1.1 DELETE none"));
     lines told = told_by_stop(host);
@@ -96,7 +96,7 @@ TEST(shut_down_without_ucm, waits_for_an_answer_that_ibat_is_looking_at)
 {
     ats_world w;
     ats_host& host = w.add_registered({.has_ucm = false});
-    kernel::task* unloading = nullptr;
+    exec::task* unloading = nullptr;
     host.peers().while_processing = [&] {
         unloading = &host.start("rmmod", [&] { host.unload(); });
         for (int i = 0; i < 3; ++i) host.machine().exec().relax();

@@ -93,7 +93,7 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     ats_host& host = w.add({.ports = {1, 1, 1}, .trace = trace_debug});
     host.link_up(1);
     host.peers().attach_takes_ticks = 10;
-    kernel::task& loading = host.start("insmod", [&] { EXPECT_EQ(host.try_load().error, -6); });
+    exec::task& loading = host.start("insmod", [&] { EXPECT_EQ(host.try_load().error, -6); });
     w.at(5); // the first one has started, and registered
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
     host.faults().fail_calls("gsi_dtgrm_pool_create_named");
@@ -117,7 +117,7 @@ TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
         ats_host& host = w.add({.ports = {1, 1}, .trace = trace_debug});
         host.link_up(1);
         host.peers().attach_takes_ticks = 10;
-        kernel::task& loading = host.start("insmod", [&] { EXPECT_EQ(host.try_load().error, -6); });
+        exec::task& loading = host.start("insmod", [&] { EXPECT_EQ(host.try_load().error, -6); });
         w.at(5);
         host.faults().fail_calls(call);
         w.subnet.faults.sa_silent = true;
@@ -152,7 +152,7 @@ TEST(start_up_of, a_slow_host_shows_its_version_already)
     ats_world w;
     ats_host& host = w.add();
     host.peers().attach_takes_ticks = 10;
-    kernel::task& loading = host.start("insmod", [&] { host.load(); });
+    exec::task& loading = host.start("insmod", [&] { host.load(); });
     w.at(5);
     EXPECT_THAT(host.read("dorvex/ats/version"), StartsWith("ats 1.21 "));
     host.finish(loading);

@@ -13,7 +13,7 @@ namespace
 constexpr auto patience = std::chrono::seconds(60);
 
 template <class condition_t>
-bool eventually(kernel::executor& exec, const condition_t& holds)
+bool eventually(exec::executor& exec, const condition_t& holds)
 {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (!holds())
@@ -80,16 +80,16 @@ class running_hosts
 
     void finish()
     {
-        for (kernel::task* each : tasks) exec->join(*each);
+        for (exec::task* each : tasks) exec->join(*each);
         tasks.clear();
     }
 
     const std::vector<std::pair<std::string, std::string>> addresses = {
         {"node1", "10.0.0.1"}, {"node2", "10.0.0.2"}, {"node3", "10.0.0.3"}};
-    std::unique_ptr<kernel::executor> exec = kernel::make_threaded_executor();
+    std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
     embedded::subnet subnet{*exec};
     std::vector<std::unique_ptr<world::host>> hosts;
-    std::vector<kernel::task*> tasks;
+    std::vector<exec::task*> tasks;
     std::atomic<int> answered = 0;
 };
 

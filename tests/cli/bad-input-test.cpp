@@ -8,7 +8,7 @@
 #include <sys/un.h>
 
 #include "cli/socket.h"
-#include "host/kernel/sanitizers.h"
+#include "host/exec/sanitizers.h"
 #include "tests/cli/mounting.h"
 #include "tests/cli/program.h"
 

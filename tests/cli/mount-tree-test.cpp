@@ -77,12 +77,12 @@ class mount_tree : public testing::Test
     int write(const std::string& path, const std::string& bytes)
     {
         return tree.write_proc(
-            path, bytes, [](kernel::task&) {}, [] {});
+            path, bytes, [](exec::task&) {}, [] {});
     }
 
     void print(kernel::log& log, const std::string& text) { log.append(0, text + "\n"); }
 
-    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     kernel::machine first{*sim, "a", {.log_bytes = 4096}};
     kernel::machine second{*sim, "b"};
     cli::mount_tree tree{{&first, &second}};

@@ -53,7 +53,7 @@ struct small_world {
         for (int i = 0; i < count; ++i) ASSERT_TRUE(first.send(1, {.lid = 4}, get_first(static_cast<uint64_t>(i))));
     }
 
-    std::unique_ptr<kernel::simulation> sim = kernel::make_simulation();
+    std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     subnet net;
     fabric::hca& first = net.add_hca("node1", "mthca0", 2);
     fabric::hca& second = *net.add_host("node2").at(0);
@@ -265,7 +265,7 @@ TEST(subnet, the_queue_is_bounded_and_empties_again)
 
 TEST(subnet, hosts_get_what_they_asked_for_or_a_clear_error)
 {
-    auto sim = kernel::make_simulation();
+    auto sim = exec::make_simulation();
     subnet net(*sim, {.gid_prefix = 0xFEC0000000000001, .sm_lid = 3});
     EXPECT_EQ(net.link_up("node1", "mthca0", 1).why, "there are no hosts");
     net.add_host("node1", {{.name = "mthca0", .ports = 2, .port_guids = {0x0A0B0C0D0E0F1011}}, {.name = "mthca1"}});

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host/kernel/print-capture.h"
+#include "host/exec/print-capture.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
 #include "kernel/proc.h"

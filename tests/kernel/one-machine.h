@@ -11,11 +11,11 @@
 #include "kernel/time.h"
 
 struct one_machine {
-    explicit one_machine(const kernel::simulation_options& options = {}) : sim(kernel::make_simulation(options)) {}
+    explicit one_machine(const exec::simulation_options& options = {}) : sim(exec::make_simulation(options)) {}
     ~one_machine() { finish(); }
 
     // A task that begins at `tick`.
-    kernel::task& at(uint64_t tick, const std::string& name, std::function<void()> body)
+    exec::task& at(uint64_t tick, const std::string& name, std::function<void()> body)
     {
         tasks.push_back(&host.start(name, [tick, work = std::move(body)] {
             const uint64_t now = get_jiffies();
@@ -34,7 +34,7 @@ struct one_machine {
         for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());
     }
 
-    std::unique_ptr<kernel::simulation> sim;
+    std::unique_ptr<exec::simulation> sim;
     kernel::machine host{*sim, "node1", {.random_seed = 1}};
-    std::vector<kernel::task*> tasks;
+    std::vector<exec::task*> tasks;
 };

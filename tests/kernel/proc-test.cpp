@@ -143,11 +143,11 @@ TEST_F(proc, writes_come_one_at_a_time_and_removal_waits_for_them)
     });
     for (const size_t ticks : {20, 30})
         at(0, "writer", [&, ticks] { EXPECT_EQ(host.proc.write("slow", std::string(ticks, 'x')), int(ticks)); });
-    kernel::task& impatient = at(3, "impatient writer", [&] {
+    exec::task& impatient = at(3, "impatient writer", [&] {
         EXPECT_EQ(host.proc.write("slow", "x"), -EK_RESTARTSYS);
         EXPECT_EQ(get_jiffies(), 4u);
     });
-    at(4, "signal", [&] { kernel::send_signal(impatient); });
+    at(4, "signal", [&] { exec::send_signal(impatient); });
     at(5, "remover", [&] {
         remove_proc_entry("slow");
         EXPECT_EQ(get_jiffies(), 20u + 30u);

@@ -4,7 +4,7 @@
 #include <set>
 #include <thread>
 
-#include "host/kernel/schedule.h"
+#include "host/exec/schedule.h"
 #include "kernel/printk.h"
 #include "tests/kernel/one-machine.h"
 
@@ -15,7 +15,7 @@ namespace
 {
 
 // What a busy machine logs: everything that the seed may decide shows in it.
-std::string busy_machine(const kernel::simulation_options& options)
+std::string busy_machine(const exec::simulation_options& options)
 {
     one_machine at(options);
     semaphore sem;
@@ -38,7 +38,7 @@ TEST(order, is_the_seeds_and_only_the_seeds)
 {
     std::set<std::string> runs;
     for (uint64_t seed = 1; seed <= 20; ++seed) {
-        const kernel::simulation_options options{.seed = seed, .explore_switches = true};
+        const exec::simulation_options options{.seed = seed, .explore_switches = true};
         const std::string run = busy_machine(options);
         EXPECT_EQ(run, busy_machine(options)) << "with seed " << seed;
         runs.insert(run);
@@ -50,7 +50,7 @@ TEST(order, is_the_seeds_and_only_the_seeds)
 // Two tasks that each read a number, are somewhere else, and write it back plus one: what they end up with.
 std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
 {
-    kernel::systematic_schedule order(deviations);
+    exec::systematic_schedule order(deviations);
     std::set<int> outcomes;
     do {
         one_machine at({.order = &order});
@@ -86,7 +86,7 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
 // Each run begins so many tasks at one instant: what the order says of the run before may not fit.
 void run_with_tasks(const std::vector<int>& tasks_of_each_run)
 {
-    kernel::systematic_schedule order(1);
+    exec::systematic_schedule order(1);
     for (const int tasks : tasks_of_each_run) {
         one_machine at({.order = &order});
         for (int i = 0; i < tasks; ++i) at.at(0, "task", [] {});
@@ -129,10 +129,10 @@ TEST(wake_ups, are_never_lost_and_several_are_one)
 {
     one_machine at;
     std::vector<uint64_t> woken_at;
-    kernel::task& sleeper = at.at(0, "sleeper", [&] {
+    exec::task& sleeper = at.at(0, "sleeper", [&] {
         schedule_timeout_uninterruptible(5);
-        at.sim->wake(*kernel::current_task());
-        at.sim->wake(*kernel::current_task());
+        at.sim->wake(*exec::current_task());
+        at.sim->wake(*exec::current_task());
         for (int i = 0; i < 4; ++i) {
             at.sim->park(get_jiffies() + 100, "mail", "box");
             woken_at.push_back(get_jiffies());
@@ -152,7 +152,7 @@ std::string stand_of(one_machine& at, const std::function<void()>& body)
 {
     try {
         at.run(body);
-    } catch (const kernel::stalled& stand) {
+    } catch (const exec::stalled& stand) {
         return stand.what();
     }
     return "it went on";
@@ -165,7 +165,7 @@ TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
     sema_init_named(&mine, 0, "&ats->ats_sem");
     wait_queue_head_t answers;
     init_waitqueue_head_named(&answers, "&ats->delete_resp_wq");
-    kernel::task& worker = at.at(0, "worker", [&] {
+    exec::task& worker = at.at(0, "worker", [&] {
         wait_event_interruptible_timeout(
             &answers, [] { return false; }, ULONG_MAX);
     });
@@ -177,10 +177,10 @@ TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
               "deadlock: test cannot go on at tick 20\n"
               "node1/worker waits for schedule_timeout_interruptible(&ats->delete_resp_wq) since tick 0\n"
               "node1/test waits for down(&ats->ats_sem) since tick 20\n");
-    EXPECT_THROW(at.sim->join(worker), kernel::stalled);
+    EXPECT_THROW(at.sim->join(worker), exec::stalled);
 
     // Life goes on without the one whose caller has gone, and with those who can be helped.
-    kernel::send_signal(worker);
+    exec::send_signal(worker);
     at.finish();
     EXPECT_EQ(at.sim->report(), "");
 }
@@ -200,7 +200,7 @@ TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
     spin_lock_init(&lock);
     const auto take = [&] { spin_lock_irqsave(&lock); };
     at.run(take); // never released
-    kernel::task& other = at.host.start("other", take);
+    exec::task& other = at.host.start("other", take);
     EXPECT_THAT(stand_of(at, take), HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));
     at.run([&] { spin_unlock_irqrestore(&lock, 1); });
     at.sim->join(other);

@@ -48,25 +48,25 @@ TEST(semaphores, a_signal_ends_a_wait_but_does_not_refuse_a_free_unit)
     semaphore sem;
     sema_init(&sem, 1);
     at.run([&] {
-        kernel::send_signal(*kernel::current_task());
+        exec::send_signal(*exec::current_task());
         EXPECT_EQ(down_interruptible(&sem), 0) << "a unit was free";
         EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS) << "it would have had to wait";
         EXPECT_EQ(get_jiffies(), 0u);
     });
-    kernel::task& deaf = at.at(0, "deaf", [&] {
-        kernel::send_signal(*kernel::current_task());
+    exec::task& deaf = at.at(0, "deaf", [&] {
+        exec::send_signal(*exec::current_task());
         down(&sem);
         EXPECT_EQ(get_jiffies(), 9u);
     });
-    kernel::task& sleeper = at.at(0, "sleeper", [&] {
+    exec::task& sleeper = at.at(0, "sleeper", [&] {
         EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS);
         EXPECT_EQ(get_jiffies(), 5u);
-        kernel::clear_signal(*kernel::current_task());
+        exec::clear_signal(*exec::current_task());
         EXPECT_FALSE(signal_pending());
     });
     at.at(5, "sender", [&] {
-        kernel::send_signal(sleeper);
-        kernel::send_signal(deaf);
+        exec::send_signal(sleeper);
+        exec::send_signal(deaf);
     });
     at.at(9, "giver", [&] { up(&sem); });
     at.finish();
@@ -81,12 +81,12 @@ TEST(semaphores, a_unit_handed_to_a_signalled_task_is_never_lost)
         one_machine at({.seed = seed, .explore_switches = true});
         semaphore sem;
         sema_init(&sem, 0);
-        kernel::task& waiter = at.at(0, "waiter", [&] {
+        exec::task& waiter = at.at(0, "waiter", [&] {
             const bool has_unit = down_interruptible(&sem) == 0;
             (has_unit ? taken : interrupted) = true;
             if (has_unit) up(&sem);
         });
-        at.at(3, "sender", [&] { kernel::send_signal(waiter); });
+        at.at(3, "sender", [&] { exec::send_signal(waiter); });
         at.at(3, "giver", [&] { up(&sem); });
         at.finish();
         EXPECT_EQ(sem.count, 1) << "with seed " << seed;
@@ -123,14 +123,14 @@ TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_ti
                 wake_up_interruptible(&queue);
             });
         }
-        kernel::task& sleeper = at.at(100, "sleeper", [&] {
+        exec::task& sleeper = at.at(100, "sleeper", [&] {
             wait_event_interruptible_timeout(
                 &queue, [&] { return condition; }, each.timeout);
             EXPECT_EQ(get_jiffies(), each.expected_end);
             EXPECT_TRUE(list_empty(&queue.sleepers));
         });
-        if (each.signal_at == 100) kernel::send_signal(sleeper);
-        if (each.signal_at > 100) at.at(each.signal_at, "sender", [&] { kernel::send_signal(sleeper); });
+        if (each.signal_at == 100) exec::send_signal(sleeper);
+        if (each.signal_at > 100) at.at(each.signal_at, "sender", [&] { exec::send_signal(sleeper); });
         at.finish();
     }
 }
@@ -139,15 +139,15 @@ TEST(sleeps, only_the_interruptible_ends_early_and_tells_what_is_left)
 {
     one_machine at;
     unsigned long interruptible_left = 0;
-    kernel::task& light = at.at(0, "light", [&] { interruptible_left = schedule_timeout_interruptible(20); });
-    kernel::task& deep = at.at(0, "deep", [&] {
+    exec::task& light = at.at(0, "light", [&] { interruptible_left = schedule_timeout_interruptible(20); });
+    exec::task& deep = at.at(0, "deep", [&] {
         EXPECT_EQ(schedule_timeout_uninterruptible(20), 0u);
         EXPECT_EQ(get_jiffies(), 20u);
         EXPECT_EQ(schedule_timeout_interruptible(20), 20u) << "the signal is still pending";
     });
     at.at(8, "disturber", [&] {
-        for (kernel::task* each : {&light, &deep}) {
-            kernel::send_signal(*each);
+        for (exec::task* each : {&light, &deep}) {
+            exec::send_signal(*each);
             at.sim->wake(*each);
         }
     });
@@ -233,7 +233,7 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
     for (const auto& each : calls) {
         const auto& call = each.second;
         const auto in_completion = [&] {
-            const kernel::atomic_section completion("a send completion");
+            const exec::atomic_section completion("a send completion");
             call();
         };
         const auto under_lock = [&] {
@@ -245,10 +245,10 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
         EXPECT_DEATH(at.run(under_lock), who + "with a spin lock held");
     }
     at.run([&] { // and these may be called there
-        const kernel::atomic_section completion("a send completion");
+        const exec::atomic_section completion("a send completion");
         up(&sem);
         kfree(kmalloc(1, GFP_ATOMIC));
-        kernel::send_signal(*kernel::current_task());
+        exec::send_signal(*exec::current_task());
     });
 }
 

@@ -13,7 +13,7 @@ namespace
 constexpr int rounds = 300;
 
 struct threads : testing::Test {
-    std::unique_ptr<kernel::executor> exec = kernel::make_threaded_executor();
+    std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
     kernel::machine host{*exec, "node1"};
 };
 
@@ -31,7 +31,7 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
             ++under_lock;
             spin_unlock_irqrestore(&lock, flags);
             if (down_interruptible(&sem) != 0) {
-                kernel::clear_signal(*kernel::current_task());
+                exec::clear_signal(*exec::current_task());
                 continue;
             }
             ++under_semaphore;
@@ -41,16 +41,16 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
             up(&sem);
         }
     };
-    kernel::task& first = host.start("first", work);
-    kernel::task& second = host.start("second", work);
-    kernel::task& third = host.start("third", work);
+    exec::task& first = host.start("first", work);
+    exec::task& second = host.start("second", work);
+    exec::task& third = host.start("third", work);
     host.enter("sender", [&] {
         for (int i = 0; i < rounds; ++i) {
-            kernel::send_signal(i % 2 == 0 ? first : second);
+            exec::send_signal(i % 2 == 0 ? first : second);
             exec->relax();
         }
     });
-    for (kernel::task* each : {&first, &second, &third}) exec->join(*each);
+    for (exec::task* each : {&first, &second, &third}) exec->join(*each);
     EXPECT_EQ(under_semaphore, expected);
     EXPECT_EQ(under_lock, 3 * rounds);
     EXPECT_EQ(sem.count, 1);
@@ -61,7 +61,7 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
 TEST_F(threads, a_task_that_throws_dies)
 {
     EXPECT_THROW(host.enter("test", [] { throw 5; }), int);
-    EXPECT_EQ(kernel::current_task(), nullptr);
+    EXPECT_EQ(exec::current_task(), nullptr);
     EXPECT_DEATH(exec->join(host.start("worker", [] { throw std::runtime_error("lost"); })),
                  "node1, in worker: an exception escaped: lost");
 }

@@ -165,7 +165,7 @@ TEST(ibat_cache, lookup_by_gid_reads_the_gid_before_it_writes_the_record_and_lea
     ibat_world world;
     world.reply(world.answer(ip_a, gid_of(1), 2));
     world.run([&] {
-        kernel::atomic_section section("completion");
+        exec::atomic_section section("completion");
         ibat_arp_data_t record{};
         int own_context = 0;
         record.context = &own_context;

@@ -129,7 +129,7 @@ TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
     ibat_world world;
     EXPECT_EQ(world.ask(ip_a, waiting), ibat_stat_pending);
     world.resolver.takes_ticks = 300;
-    kernel::task& slow = world.host.start("slow", [&] {
+    exec::task& slow = world.host.start("slow", [&] {
         ibat_arp_data_t record{};
         EXPECT_EQ(world.get_ib_data(ip_b, &record, asker::called_back, &sending), ibat_stat_pending);
     });

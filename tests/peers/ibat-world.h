@@ -29,7 +29,7 @@ struct recording_resolver {
 class ibat_world : public peer_world
 {
   public:
-    explicit ibat_world(const std::string& parameters = "", const kernel::simulation_options& options = {})
+    explicit ibat_world(const std::string& parameters = "", const exec::simulation_options& options = {})
         : peer_world("ibat", parameters, options)
     {
         if (!loaded) return;
@@ -62,7 +62,7 @@ class ibat_world : public peer_world
     }
     ibat_stat_t reply_here(ibat_arp_data_t arp)
     {
-        kernel::atomic_section section("completion");
+        exec::atomic_section section("completion");
         return process(&arp);
     }
 

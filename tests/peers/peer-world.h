@@ -23,8 +23,8 @@ class peer_world
 {
   public:
     explicit peer_world(std::string module, const std::string& parameters = "",
-                        const kernel::simulation_options& options = {})
-        : sim(kernel::make_simulation(options)), module_(std::move(module))
+                        const exec::simulation_options& options = {})
+        : sim(exec::make_simulation(options)), module_(std::move(module))
     {
         loaded = host.modules.insmod(ATS_MODULE_DIR "/" + module_ + ".so", parameters);
     }
@@ -42,7 +42,7 @@ class peer_world
     function_t published(const char* name)
     {
         const void* function = host.inter_modules.get(name);
-        if (!function) kernel::panic("%s is not published", name);
+        if (!function) exec::panic("%s is not published", name);
         host.inter_modules.put(name);
         return reinterpret_cast<function_t>(const_cast<void*>(function));
     }
@@ -56,7 +56,7 @@ class peer_world
 
     void until(uint64_t tick) { sim->run_until(tick); }
 
-    std::unique_ptr<kernel::simulation> sim;
+    std::unique_ptr<exec::simulation> sim;
     kernel::machine host{*sim, "host"};
     kernel::load_result loaded;
 

@@ -20,7 +20,7 @@ struct scripted_provider {
 
         void make(ibat_stat_t status) const
         {
-            kernel::atomic_section section("completion");
+            exec::atomic_section section("completion");
             ibat_arp_data_t record{};
             record.mask = IBAT_MASK_GID | IBAT_MASK_DST_IP;
             record.gid = gid;
@@ -57,7 +57,7 @@ class ucm_world : public peer_world
   public:
     ucm_world() : peer_world("ucm")
     {
-        if (!loaded) kernel::panic("%s", loaded.why.c_str());
+        if (!loaded) exec::panic("%s", loaded.why.c_str());
         attach = published<ucm_rarp_attach_fn_t>("ucm_rarp_attach_fn");
         detach = published<ucm_rarp_detach_fn_t>("ucm_rarp_detach_fn");
         get_ip = published<ucm_get_ip_fn_t>("ucm_get_ip_fn");
@@ -154,7 +154,7 @@ TEST(ucm, detach_waits_for_a_running_call_and_ends_what_is_outstanding_once)
     ucm_world world;
     world.ask(1, outstanding);
     world.provider.takes_ticks = 300;
-    kernel::task& slow = world.host.start("slow", [&] {
+    exec::task& slow = world.host.start("slow", [&] {
         const kq_gid_t gid = gid_of(2);
         ibat_arp_data_t record{};
         EXPECT_EQ(world.get_ip(&gid, &record, asker::called_back, &calling), ibat_stat_pending);

@@ -59,10 +59,7 @@ struct plugged_fake {
 
 // A machine with that HCA in it, which outlives it.
 struct machine_with_fake : plugged_fake, one_machine {
-    explicit machine_with_fake(const kernel::simulation_options& options = {}) : one_machine(options)
-    {
-        host.plug(hca);
-    }
+    explicit machine_with_fake(const exec::simulation_options& options = {}) : one_machine(options) { host.plug(hca); }
 
     // Runs everything that is ready now.
     void settle() const { sim->settle(); }

@@ -99,7 +99,7 @@ TEST(gsi, is_run_by_the_fabrics_task_and_sends_wait_for_answers_while_that_lends
     machine_with_fake at;
     at.run([&] {
         gsi_client client(4);
-        client.then = [](gsi_dtgrm_t*) { EXPECT_TRUE(kernel::current_task()->atomic_context); };
+        client.then = [](gsi_dtgrm_t*) { EXPECT_TRUE(exec::current_task()->atomic_context); };
         const auto told = [&](bool at_once) {
             if (!at_once) schedule_timeout_uninterruptible(1);
             return std::exchange(client.lines, {});

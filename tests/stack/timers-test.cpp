@@ -98,7 +98,7 @@ TEST_F(timers_test, a_sleeping_timer_is_not_lost_behind_an_atomic_one_that_is_du
 
 TEST_F(timers_test, a_sleeping_timer_is_not_lost_on_threads)
 {
-    const std::unique_ptr<kernel::executor> exec = kernel::make_threaded_executor();
+    const std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
     kernel::machine host{*exec, "node1"};
     std::atomic<int> ended = 0;
     host.enter("test", [&] {

@@ -126,7 +126,7 @@ class umad_port : public testing::Test
         return condition();
     }
 
-    const std::unique_ptr<kernel::executor> exec = kernel::make_threaded_executor();
+    const std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
     std::atomic<bool> stopping{false}, is_keen{false}, naps{false}, is_away{false}, is_promised{false};
     std::atomic<uint64_t> polled{0}, told{0};
     uint64_t asked = 0;
@@ -142,7 +142,7 @@ class umad_port : public testing::Test
                               },
                           .may_complete = [this](bool again) { is_promised = again; },
                           .changed = [](fabric::port_change, uint16_t) {}});
-    kernel::task* poller = nullptr;
+    exec::task* poller = nullptr;
 };
 
 TEST_F(umad_port, tells_every_answer_once_whoever_receives_it_and_is_watched_meanwhile)

@@ -1,8 +1,8 @@
 // How the embedded subnet carries datagrams: what a send does, and the fabric task.
 #include <algorithm>
 
+#include "host/exec/task.h"
 #include "host/fabric/embedded/adapter.h"
-#include "host/kernel/task.h"
 
 namespace embedded
 {
@@ -11,7 +11,7 @@ namespace
 {
 
 constexpr uint32_t qp1 = 1;
-static_assert(kernel::never == UINT64_MAX, "an empty delivery queue has its next datagram due at no time");
+static_assert(exec::never == UINT64_MAX, "an empty delivery queue has its next datagram due at no time");
 
 // IBA 10.9.3: two P_Keys match when they name the same partition and at least one is of a full member. Returns the
 // index in the table, or -1.
@@ -83,7 +83,7 @@ bool subnet::is_refused()
 
 void subnet::set_listener(adapter& of, fabric::listener* to)
 {
-    if (kernel::current_task() == fabric_task_) kernel::panic("%s: a listener called listen()", of.name().c_str());
+    if (exec::current_task() == fabric_task_) exec::panic("%s: a listener called listen()", of.name().c_str());
     lock_guard lock(mutex_);
     of.told = to;
     // A running call is short: it may not sleep.

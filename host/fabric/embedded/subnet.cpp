@@ -47,7 +47,7 @@ class name_list
 
 } // namespace
 
-subnet::subnet(kernel::executor& exec, subnet_options options)
+subnet::subnet(exec::executor& exec, subnet_options options)
     : exec_(exec), options_(std::move(options)), sm_lid_(options_.sm_lid), sm_sl_(options_.sm_sl),
       sa_(options_.service_record_limit,
           [this](const fabric::gid_bytes& gid) {

@@ -14,12 +14,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/exec/executor.h"
 #include "host/fabric/embedded/delivery-queue.h"
 #include "host/fabric/embedded/faults.h"
 #include "host/fabric/embedded/subnet-administrator.h"
 #include "host/fabric/embedded/views.h"
 #include "host/fabric/fabric.h"
-#include "host/kernel/executor.h"
 
 namespace embedded
 {
@@ -60,7 +60,7 @@ struct port_record;
 class subnet
 {
   public:
-    explicit subnet(kernel::executor& exec, subnet_options options = {});
+    explicit subnet(exec::executor& exec, subnet_options options = {});
 
     // No HCA may be in use any more. What is under way is lost. Called by a task, or from outside.
     ~subnet();
@@ -145,7 +145,7 @@ class subnet
     uint64_t served_tick(uint64_t now_ticks);
     bool chance(uint32_t percent);
 
-    kernel::executor& exec_;
+    exec::executor& exec_;
     const subnet_options options_;
 
     mutable std::mutex mutex_; // all below
@@ -176,7 +176,7 @@ class subnet
     adapter* calling_ = nullptr; // whose listener is running
     bool asleep_ = false;        // the fabric task has parked, and nobody has woken it since
     bool stopping_ = false;
-    kernel::task* fabric_task_ = nullptr;
+    exec::task* fabric_task_ = nullptr;
 };
 
 } // namespace embedded

@@ -103,7 +103,7 @@ class port
     std::atomic<bool> is_busy_{false};   // something arrived just now, and more may follow
     std::atomic<bool> is_polled_{false}; // by a task in whose favour the port's stands back
     std::atomic<bool> stopping_{false};
-    kernel::task* task_ = nullptr;
+    exec::task* task_ = nullptr;
 };
 
 } // namespace umad

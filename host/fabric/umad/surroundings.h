@@ -13,11 +13,11 @@ namespace umad
 class surroundings
 {
   public:
-    surroundings(kernel::executor& executor, options wanted_options) : exec(executor), wanted(std::move(wanted_options))
+    surroundings(exec::executor& executor, options wanted_options) : exec(executor), wanted(std::move(wanted_options))
     {
     }
 
-    kernel::executor& exec;
+    exec::executor& exec;
     const options wanted;
 
     void say(const std::string& text) const

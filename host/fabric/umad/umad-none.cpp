@@ -33,7 +33,7 @@ std::string try_port(const std::string&, int)
     return not_built;
 }
 
-opened open(kernel::executor&, const options&)
+opened open(exec::executor&, const options&)
 {
     return {nullptr, not_built};
 }

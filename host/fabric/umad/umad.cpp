@@ -27,7 +27,7 @@ std::string what_is_missing()
 class opened_fabric final : public real_fabric
 {
   public:
-    opened_fabric(kernel::executor& exec, const options& wanted) : around_(exec, wanted) {}
+    opened_fabric(exec::executor& exec, const options& wanted) : around_(exec, wanted) {}
 
     // Empty, or why it cannot be used.
     std::string add(const hca_listing& listed)
@@ -111,7 +111,7 @@ std::string try_port(const std::string& hca, int port)
     return tried.open();
 }
 
-opened open(kernel::executor& exec, const options& wanted)
+opened open(exec::executor& exec, const options& wanted)
 {
     const listing found = list_hcas();
     if (!found.why.empty()) return {nullptr, found.why};

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/exec/executor.h"
 #include "host/fabric/fabric.h"
-#include "host/kernel/executor.h"
 
 namespace umad
 {
@@ -62,7 +62,7 @@ struct opened {
 };
 
 // `exec` must run in real time. Takes up to a second for each port that does not tell its state.
-opened open(kernel::executor& exec, const options& wanted);
+opened open(exec::executor& exec, const options& wanted);
 
 // What the machine has, whether it can be opened or not.
 struct port_listing {

@@ -7,11 +7,10 @@
 #include <map>
 #include <string>
 
-#include "host/kernel/fiber.h"
-#include "host/kernel/machine.h"
-#include "host/kernel/task.h"
+#include "host/exec/fiber.h"
+#include "host/exec/task.h"
 
-namespace kernel
+namespace exec
 {
 
 struct fiber_task;
@@ -28,9 +27,9 @@ enum class task_state {
 };
 
 struct fiber_task final : task {
-    fiber_task(executor& runs_it, machine* home_machine, std::string task_name, std::function<void()> work,
+    fiber_task(executor& runs_it, task_home* home_of_task, std::string task_name, std::function<void()> work,
                fiber_stack stack, void (*entry)(void*))
-        : task(runs_it, home_machine, std::move(task_name)), body(std::move(work)), thread(stack, entry, this)
+        : task(runs_it, home_of_task, std::move(task_name)), body(std::move(work)), thread(stack, entry, this)
     {
     }
 
@@ -63,4 +62,4 @@ struct fiber_task final : task {
     }
 };
 
-} // namespace kernel
+} // namespace exec

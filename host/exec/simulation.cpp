@@ -1,12 +1,12 @@
 #include <thread>
 
-#include "host/kernel/current-task.h"
-#include "host/kernel/executor.h"
-#include "host/kernel/fiber-task.h"
-#include "host/kernel/ready-queue.h"
-#include "host/kernel/schedule.h"
+#include "host/exec/current-task.h"
+#include "host/exec/executor.h"
+#include "host/exec/fiber-task.h"
+#include "host/exec/ready-queue.h"
+#include "host/exec/schedule.h"
 
-namespace kernel
+namespace exec
 {
 
 namespace
@@ -30,7 +30,7 @@ class simulated_executor final : public simulation
 
     uint64_t now() const override { return now_; }
 
-    task& start(machine* home, std::string name, std::function<void()> body) override
+    task& start(task_home* home, std::string name, std::function<void()> body) override
     {
         check_thread("start");
         return start_fiber(home, std::move(name), std::move(body));
@@ -76,7 +76,7 @@ class simulated_executor final : public simulation
         if (woken.state == task_state::parked) make_ready(woken);
     }
 
-    void enter(machine* home, const std::string& name, const std::function<void()>& body) override
+    void enter(task_home* home, const std::string& name, const std::function<void()>& body) override
     {
         check_thread("enter");
         if (fiber_task* self = running()) {
@@ -159,7 +159,7 @@ class simulated_executor final : public simulation
         if (std::this_thread::get_id() != thread_) panic("%s: a simulation is for one thread", call);
     }
 
-    fiber_task& start_fiber(machine* home, std::string name, std::function<void()> body)
+    fiber_task& start_fiber(task_home* home, std::string name, std::function<void()> body)
     {
         auto* made = new fiber_task(*this, home, std::move(name), std::move(body), stacks_.take(), run_body);
         made->position = tasks_.insert(tasks_.end(), made);
@@ -336,4 +336,4 @@ std::unique_ptr<simulation> make_simulation(const simulation_options& options)
     return std::make_unique<simulated_executor>(options);
 }
 
-} // namespace kernel
+} // namespace exec

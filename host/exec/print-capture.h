@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace kernel
+namespace exec
 {
 
 // While it lives, what the calling task prints is kept here too, or here instead of in the machine's log. Captures of
@@ -30,4 +30,4 @@ class print_capture
     std::string text_;
 };
 
-} // namespace kernel
+} // namespace exec

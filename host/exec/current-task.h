@@ -1,9 +1,9 @@
 // For executors: says which task the calling thread runs.
 #pragma once
 
-#include "host/kernel/task.h"
+#include "host/exec/task.h"
 
-namespace kernel
+namespace exec
 {
 
 void set_current_task(task* running);
@@ -12,14 +12,14 @@ void set_current_task(task* running);
 class inside_machine
 {
   public:
-    inside_machine(task& self, machine* home) : self_(self), outer_(self.home) { self_.home = home; }
+    inside_machine(task& self, task_home* home) : self_(self), outer_(self.home) { self_.home = home; }
     ~inside_machine() { self_.home = outer_; }
     inside_machine(const inside_machine&) = delete;
     inside_machine& operator=(const inside_machine&) = delete;
 
   private:
     task& self_;
-    machine* outer_;
+    task_home* outer_;
 };
 
-} // namespace kernel
+} // namespace exec

@@ -5,30 +5,45 @@
 #include <cstdint>
 #include <string>
 
-struct semaphore;
 struct wait_queue_t;
 
 // What wait queues and semaphores of the module-facing headers point at.
 struct kernel_task_t {
 };
 
-namespace kernel
+namespace exec
 {
 
 class executor;
 class print_capture;
-class machine;
+
+// The machine that a task runs in, as far as tasks must know it: its name, for reports. A layer above derives from it.
+class task_home
+{
+  public:
+    explicit task_home(std::string name) : name_(std::move(name)) {}
+    task_home(const task_home&) = delete;
+    task_home& operator=(const task_home&) = delete;
+
+    const std::string& name() const { return name_; }
+
+  protected:
+    ~task_home() = default;
+
+  private:
+    const std::string name_;
+};
 
 struct task : kernel_task_t {
-    task(executor& runs_it, machine* home_machine, std::string task_name)
-        : exec(runs_it), home(home_machine), name(std::move(task_name))
+    task(executor& runs_it, task_home* home_of_task, std::string task_name)
+        : exec(runs_it), home(home_of_task), name(std::move(task_name))
     {
     }
     task(const task&) = delete;
     task& operator=(const task&) = delete;
 
     executor& exec;
-    machine* home; // written by the task itself only
+    task_home* home; // written by the task itself only
     const std::string name;
 
     std::atomic<bool> signal{false};        // a signal is pending
@@ -51,9 +66,6 @@ task* current_task();
 // The calling task. A call from outside of any task is a hard error naming the `caller`.
 task& current_task_of(const char* caller);
 
-// The machine of the calling task. A call from outside of any machine is a hard error naming the `caller`.
-machine& current_machine(const char* caller);
-
 // Sends a signal: it stays pending until clear_signal, and ends an interruptible sleep. Any thread.
 void send_signal(task& to);
 void clear_signal(task& of);
@@ -74,12 +86,6 @@ class atomic_section
 // Every call that may block begins with this: a hard error in a context that may not sleep.
 void might_sleep(const char* call);
 
-// The same for a call of a module. The calling machine: where a call may sleep in a real kernel, others may run.
-machine& machine_where_others_may_run(const char* call);
-
-// down_interruptible() for the kernel's own use: no injected fault fails it.
-int down_or_signal(semaphore* sem);
-
 // A place where another task could run next, unless the calling task excludes others with a spin lock. Kernel calls
 // have one before and behind what others can see of them.
 void preemption_point();
@@ -87,4 +93,4 @@ void preemption_point();
 // An invariant of the kernel or of its user is broken: prints the text, the task and its machine, and aborts.
 [[noreturn]] void panic(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-} // namespace kernel
+} // namespace exec

@@ -8,11 +8,11 @@
 #include <thread>
 #include <unistd.h>
 
-#include "host/kernel/current-task.h"
-#include "host/kernel/executor.h"
-#include "host/kernel/shortage.h"
+#include "host/exec/current-task.h"
+#include "host/exec/executor.h"
+#include "host/exec/shortage.h"
 
-namespace kernel
+namespace exec
 {
 
 namespace
@@ -54,7 +54,7 @@ class threaded_executor final : public executor
         return static_cast<uint64_t>(std::chrono::duration_cast<tick_duration>(clock::now() - started_).count());
     }
 
-    task& start(machine* home, std::string name, std::function<void()> body) override
+    task& start(task_home* home, std::string name, std::function<void()> body) override
     {
         auto made = std::make_unique<thread_task>(*this, home, std::move(name));
         made->thread = new_thread([self = made.get(), work = std::move(body)] {
@@ -97,7 +97,7 @@ class threaded_executor final : public executor
         if (state.exchange(woken) == sleeping) syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 
-    void enter(machine* home, const std::string& name, const std::function<void()>& body) override
+    void enter(task_home* home, const std::string& name, const std::function<void()>& body) override
     {
         if (task* self = current_task()) {
             const inside_machine inside(*self, home);
@@ -129,4 +129,4 @@ std::unique_ptr<executor> make_threaded_executor()
     return std::make_unique<threaded_executor>();
 }
 
-} // namespace kernel
+} // namespace exec

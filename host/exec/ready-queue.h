@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-namespace kernel
+namespace exec
 {
 
 template <class task_t>
@@ -54,4 +54,4 @@ class ready_queue
     size_t count_ = 0;
 };
 
-} // namespace kernel
+} // namespace exec

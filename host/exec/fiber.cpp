@@ -1,4 +1,4 @@
-#include "host/kernel/fiber.h"
+#include "host/exec/fiber.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -7,8 +7,8 @@
 #include <unistd.h>
 #include <utility>
 
-#include "host/kernel/sanitizers.h"
-#include "host/kernel/shortage.h"
+#include "host/exec/sanitizers.h"
+#include "host/exec/shortage.h"
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
@@ -56,7 +56,7 @@ kernel_fiber_entry:
 .size kernel_fiber_entry, .-kernel_fiber_entry
 )");
 
-namespace kernel
+namespace exec
 {
 
 namespace
@@ -183,4 +183,4 @@ void fiber::first_steps(fiber* self)
     std::abort(); // an entry leaves for good by switching away
 }
 
-} // namespace kernel
+} // namespace exec

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/kernel/task.h"
+#include "host/exec/task.h"
 
-namespace kernel
+namespace exec
 {
 
 constexpr uint64_t never = UINT64_MAX; // a deadline that does not come
@@ -28,7 +28,7 @@ class executor
     // Starts a task inside `home` (null: a task of the world, such as the fabric's). The executor owns the task
     // until it is joined; every task must be joined. The name is for reports. Any thread. Throws a shortage when the
     // process has no room for one more.
-    virtual task& start(machine* home, std::string name, std::function<void()> body) = 0;
+    virtual task& start(task_home* home, std::string name, std::function<void()> body) = 0;
 
     // Waits until the task has ended and frees it. Called by a task, or by a thread from outside (which in the
     // simulation runs the world meanwhile).
@@ -46,7 +46,7 @@ class executor
     // Runs `body` inside `home` as a task named `name` for a thread that comes from outside, and returns when it
     // has ended; what `body` throws comes out here. Called by a task already, runs `body` in it, with its machine
     // changed for that long.
-    virtual void enter(machine* home, const std::string& name, const std::function<void()>& body) = 0;
+    virtual void enter(task_home* home, const std::string& name, const std::function<void()>& body) = 0;
 
     // A place where another task could run next: the simulation may switch here when it explores interleavings.
     // Called at locks, unlocks and posts.
@@ -99,4 +99,4 @@ class simulation : public executor
 
 std::unique_ptr<simulation> make_simulation(const simulation_options& options = {});
 
-} // namespace kernel
+} // namespace exec

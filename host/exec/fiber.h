@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace kernel
+namespace exec
 {
 
 // A mapped stack with a guard page below it. Untouched pages cost no memory.
@@ -75,4 +75,4 @@ class fiber
     [[maybe_unused]] void* thread_sanitizer_fiber_ = nullptr;
 };
 
-} // namespace kernel
+} // namespace exec

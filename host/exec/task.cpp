@@ -1,13 +1,13 @@
-#include "host/kernel/task.h"
+#include "host/exec/task.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
-#include "host/kernel/current-task.h"
-#include "host/kernel/machine.h"
+#include "host/exec/current-task.h"
+#include "host/exec/executor.h"
 
-namespace kernel
+namespace exec
 {
 
 namespace
@@ -32,13 +32,6 @@ task& current_task_of(const char* caller)
     task* self = current_task();
     if (!self) panic("%s is called outside of any task", caller);
     return *self;
-}
-
-machine& current_machine(const char* caller)
-{
-    machine* home = current_task_of(caller).home;
-    if (!home) panic("%s is called outside of any machine", caller);
-    return *home;
 }
 
 void send_signal(task& to)
@@ -69,14 +62,6 @@ void might_sleep(const char* call)
     if (self.spin_locks > 0) panic("%s may sleep, and is called with a spin lock held", call);
 }
 
-machine& machine_where_others_may_run(const char* call)
-{
-    might_sleep(call);
-    machine& home = current_machine(call);
-    home.exec().switch_point();
-    return home;
-}
-
 void preemption_point()
 {
     if (const task& self = *current_task(); self.spin_locks == 0) self.exec.switch_point();
@@ -97,4 +82,4 @@ void panic(const char* format, ...)
     std::abort();
 }
 
-} // namespace kernel
+} // namespace exec

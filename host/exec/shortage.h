@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-namespace kernel
+namespace exec
 {
 
 // what() is one line: what ran out, and what to do about it.
@@ -40,4 +40,4 @@ class reserve
     static bool is_used();
 };
 
-} // namespace kernel
+} // namespace exec

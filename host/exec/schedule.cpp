@@ -1,8 +1,8 @@
-#include "host/kernel/schedule.h"
+#include "host/exec/schedule.h"
 
-#include "host/kernel/task.h"
+#include "host/exec/task.h"
 
-namespace kernel
+namespace exec
 {
 
 size_t random_schedule::choose(size_t count, choice_point where)
@@ -49,4 +49,4 @@ std::string systematic_schedule::describe() const
     return text.empty() ? "no deviation" : text;
 }
 
-} // namespace kernel
+} // namespace exec

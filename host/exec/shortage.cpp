@@ -1,4 +1,4 @@
-#include "host/kernel/shortage.h"
+#include "host/exec/shortage.h"
 
 #include <algorithm>
 #include <atomic>
@@ -11,7 +11,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace kernel
+namespace exec
 {
 
 namespace
@@ -171,4 +171,4 @@ bool reserve::is_used()
     return reserve_was_used;
 }
 
-} // namespace kernel
+} // namespace exec

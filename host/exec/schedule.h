@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kernel
+namespace exec
 {
 
 enum class choice_point {
@@ -81,4 +81,4 @@ class systematic_schedule final : public schedule
     uint64_t orders_tried_ = 1;
 };
 
-} // namespace kernel
+} // namespace exec

@@ -1,0 +1,25 @@
+// The kernel uses the calls of host/exec as its own.
+#pragma once
+
+#include "host/exec/executor.h"
+#include "host/exec/shortage.h"
+#include "host/exec/task.h"
+
+namespace kernel
+{
+
+using exec::atomic_section;
+using exec::clear_signal;
+using exec::current_task;
+using exec::current_task_of;
+using exec::executor;
+using exec::might_sleep;
+using exec::never;
+using exec::panic;
+using exec::preemption_point;
+using exec::send_signal;
+using exec::task;
+using exec::throw_if_exhausted;
+using exec::throw_shortage;
+
+} // namespace kernel
