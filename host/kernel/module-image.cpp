@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host/exec/shortage.h"
+#include "host/kernel/tasks.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
 
