@@ -16,7 +16,7 @@ namespace
 std::string number_text(double number)
 {
     char text[32];
-    std::snprintf(text, sizeof text, "%g", number);
+    std::snprintf(text, sizeof text, "%.15g", number); // whole numbers in full
     return text;
 }
 

@@ -221,6 +221,7 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
     write_file(folder / "file", "x");
     const bad_input cases[] = {
         {{"--hosts", "0"}, 2, "write a number from 1 to 1000"},
+        {{"--log-kib", "3"}, 2, "write a number from 16 to 1048576"},
         {{"--hosts", "2.5"}, 2, "--hosts = 2.5 is no whole number"},
         {{"--hosts", "2", "--config", config("ok", "[[host]]")}, 2, "cannot go together with"},
         {{"--config", folder / "missing"}, 2, "missing"},
