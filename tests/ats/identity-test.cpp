@@ -52,13 +52,18 @@ TEST_F(identity, waits_for_a_port_to_become_active)
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "nothing of the long one is left";
 }
 
-TEST(identity_of_three_hcas, takes_a_name_on_each)
+TEST(identity_of_three_hcas, takes_a_name_on_each_and_restores_it)
 {
     ats_world w;
     ats_host& host = w.add({.ports = {1, 1, 1}}).load();
     for (int hca : {0, 1, 2}) host.link_up(1, hca);
     host.run([&] { EXPECT_EQ(host.symbol<int32_t (*)(const char*)>("ats_sa_set_hostname")("other"), 0); });
-    EXPECT_THAT(w.records(), testing::Each(HasSubstr(" other")));
+    const auto all = testing::UnorderedElementsAre("node1.1 10.0.0.1 other", "node1.mthca1.1 10.0.0.1 other",
+                                                   "node1.mthca2.1 10.0.0.1 other");
+    EXPECT_THAT(w.records(), all);
+    w.subnet.forget_all();
+    w.at(60'600);
+    EXPECT_THAT(w.records(), all);
 }
 
 // The first call that fails ends it. The values of those before it are new, the failing one may have its own stored.

@@ -1,5 +1,6 @@
 // Each HCA watches over its own record: when it looks, what it does about what it finds, and what it leaves alone.
 #include "host/kernel/random.h"
+#include "host/stack/timers.h"
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -117,6 +118,23 @@ TEST_F(verification, needs_an_active_port)
     EXPECT_THAT(check(), ElementsAre("0 node1.2 GET node1.2"));
 }
 
+// A registration that waits for its answer holds the query up, but not the check after it.
+TEST_F(verification, keeps_its_pace_when_a_query_has_waited)
+{
+    const stack::timers& timers = host.machine().get<stack::timers>();
+    w.at(next_check - 1);
+    const size_t armed = timers.armed();
+    w.subnet.faults.drop_next_answers = 1;
+    exec::task& writer = host.start("writer", [&] { host.control("set_ip_addrs 10.0.0.4"); });
+    w.at(next_check);
+    EXPECT_EQ(timers.armed(), armed);
+    host.finish(writer);
+    w.at(next_check + 5000);
+    EXPECT_THAT(w.requests().back(), HasSubstr("GET node1.1"));
+    next_check += 10'000;
+    EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1"));
+}
+
 TEST_F(verification, says_what_it_could_not_send)
 {
     host.trace(trace_debug);
@@ -138,18 +156,20 @@ TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
     for (const char* off : {"0", "-5"}) {
         ats_world w;
         ats_host& host = w.add_registered({.trace = trace_debug});
+        host.control("sa_verify_period 1 0");
+        w.at(60'600); // the first check, and the next one meets that it is off
+        const uint64_t off_tick = std::stoull(w.requests().at(0)) + 1000;
         host.control("sa_verify_period " + std::string(off) + " 0");
-        w.at(60'600); // the first check meets it
         w.subnet.forget_all();
         host.log();
-        w.at(300'000);
+        w.at(off_tick + 179'999);
         EXPECT_THAT(w.requests(), IsEmpty());
         EXPECT_EQ(std::ranges::count(host.log(), "DEBUG api/verification_callback: data=0"), 3) << "once a minute";
         host.control("sa_verify_period 1 0");
-        w.at(360'600);
+        w.at(off_tick + 180'000);
         EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
         host.log();
-        w.at(370'600);
+        w.at(off_tick + 190'000);
         EXPECT_EQ(std::ranges::count(host.log(), "DEBUG api/verification_callback: data=0"), 10);
         host.unload();
         EXPECT_EQ(host.held(), "");
