@@ -24,6 +24,13 @@ constexpr uint8_t delete_response = MAD_METHOD_DELETE | MAD_METHOD_RESPONSE;
 
 using record_t = ib_service_record_v2_t;
 
+inline fabric::gid_bytes gid_number(int number)
+{
+    fabric::gid_bytes gid{0xFE, 0x80};
+    gid[15] = static_cast<uint8_t>(number);
+    return gid;
+}
+
 // What a host registers; `octet` is the last of its address 10.0.0.x.
 inline record_t host_record(const fabric::gid_bytes& gid, uint8_t octet, uint16_t p_key = 0xFFFF,
                             uint32_t lease = UINT32_MAX)

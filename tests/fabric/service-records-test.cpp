@@ -9,14 +9,8 @@ namespace
 {
 
 using namespace embedded;
+using test::gid_number;
 using test::record_t;
-
-fabric::gid_bytes gid_number(int number)
-{
-    fabric::gid_bytes gid{0xFE, 0x80};
-    gid[15] = static_cast<uint8_t>(number);
-    return gid;
-}
 
 // Where component `bit` is, told independently of the implementation: first byte and size.
 std::pair<size_t, size_t> place_of_component(int bit)

@@ -10,15 +10,9 @@ namespace
 {
 
 using enum fabric::port_change;
+using test::gid_number;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-fabric::gid_bytes gid_number(uint8_t number)
-{
-    fabric::gid_bytes gid{0xFE, 0x80};
-    gid[15] = number;
-    return gid;
-}
 
 TEST(umad_transactions, of_the_low_half_lead_back_to_the_whole_and_once_only)
 {
@@ -37,49 +31,45 @@ TEST(umad_transactions, of_the_low_half_lead_back_to_the_whole_and_once_only)
 }
 
 // What a Delete of GID number 7 leaves with, P_Key first given: as written by the module, it is 0.
-struct delete_case {
-    const char* what;
-    umad::delete_p_key setting;
-    uint16_t registered; // the P_Key that the record was Set with in this run; 0: it was not
-    uint16_t given;
-    uint16_t sent;
-};
-void PrintTo(const delete_case& tried, std::ostream* out)
+TEST(umad_own_records, are_deleted_by_their_whole_identifier)
 {
-    *out << tried.what;
-}
-struct own_records_of : testing::TestWithParam<delete_case> {
-};
-TEST_P(own_records_of, a_host_are_deleted_by_their_whole_identifier)
-{
-    const delete_case& tried = GetParam();
+    using enum umad::delete_p_key;
+    const struct {
+        const char* what;
+        umad::delete_p_key setting;
+        uint16_t registered; // the P_Key that the record was Set with in this run; 0: it was not
+        uint16_t given;
+        uint16_t sent;
+    } cases[] = {
+        {"registered in this run", automatic, 0x8002, 0, 0x8002},
+        {"registered by an earlier run", automatic, 0, 0, 0},
+        {"with a P_Key already", automatic, 0x8002, 0x8003, 0x8003},
+        {"on, registered", on, 0x8002, 0, 0x8002},
+        {"on, by an earlier run", on, 0, 0, 0x8001},
+        {"off", off, 0x8002, 0, 0},
+    };
     const fabric::port_attributes port{.gids = {gid_number(1), gid_number(7)}, .p_keys = {0x8001, 0xFFFF}};
-    umad::own_records records(tried.setting);
-    auto set = test::request(MAD_METHOD_SET, test::mask_all, test::host_record(gid_number(7), 7, tried.registered));
-    if (tried.registered != 0) {
-        EXPECT_FALSE(records.leaving(set, port));
+    for (const auto& tried : cases) {
+        SCOPED_TRACE(tried.what);
+        umad::own_records records(tried.setting);
+        auto set = test::request(MAD_METHOD_SET, test::mask_all, test::host_record(gid_number(7), 7, tried.registered));
+        if (tried.registered != 0) {
+            EXPECT_FALSE(records.leaving(set, port));
+        }
+
+        test::record_t record = test::host_record(gid_number(7), 7, tried.given);
+        auto leaving = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, record);
+        EXPECT_EQ(records.leaving(leaving, port), tried.sent != tried.given);
+        record.service_pkey = to_wire(tried.sent);
+        EXPECT_TRUE(test::same(test::record_in(leaving), record)) << "nothing else may change";
+        EXPECT_EQ(from_wire(leaving.component_mask), test::mask_gid_lookup);
+
+        auto foreign = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, test::host_record(gid_number(9), 9, 0));
+        auto lookup = test::request(MAD_METHOD_GET, test::mask_gid_lookup, test::host_record(gid_number(7), 7, 0));
+        EXPECT_FALSE(records.leaving(foreign, port)) << "another host's record";
+        EXPECT_FALSE(records.leaving(lookup, port));
     }
-
-    test::record_t record = test::host_record(gid_number(7), 7, tried.given);
-    auto leaving = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, record);
-    EXPECT_EQ(records.leaving(leaving, port), tried.sent != tried.given);
-    record.service_pkey = to_wire(tried.sent);
-    EXPECT_TRUE(test::same(test::record_in(leaving), record)) << "nothing else may change";
-    EXPECT_EQ(from_wire(leaving.component_mask), test::mask_gid_lookup);
-
-    auto foreign = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, test::host_record(gid_number(9), 9, 0));
-    auto lookup = test::request(MAD_METHOD_GET, test::mask_gid_lookup, test::host_record(gid_number(7), 7, 0));
-    EXPECT_FALSE(records.leaving(foreign, port)) << "another host's record";
-    EXPECT_FALSE(records.leaving(lookup, port));
 }
-using enum umad::delete_p_key;
-INSTANTIATE_TEST_SUITE_P(umad, own_records_of,
-                         testing::Values(delete_case{"registered in this run", automatic, 0x8002, 0, 0x8002},
-                                         delete_case{"registered by an earlier run", automatic, 0, 0, 0},
-                                         delete_case{"with a P_Key already", automatic, 0x8002, 0x8003, 0x8003},
-                                         delete_case{"on, registered", on, 0x8002, 0, 0x8002},
-                                         delete_case{"on, by an earlier run", on, 0, 0, 0x8001},
-                                         delete_case{"off", off, 0x8002, 0, 0}));
 
 TEST(umad_port, tells_what_a_host_must_act_on)
 {
