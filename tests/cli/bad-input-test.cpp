@@ -42,7 +42,6 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     const service ats({"--hosts", "2"});
     const bad_input cases[] = {
         {{"resolve", "10.0.0"}, 2, "'10.0.0' is no IPv4 address: write four numbers"},
-        {{"resolve", "10.0.0.256"}, 2, "is no IPv4 address"},
         {{"resolve", ""}, 2, "'' is no IPv4 address"},
         {{"flush", "10.0.0"}, 2, "'10.0.0' is no IPv4 address"},
         {{"resolve", overlong}, 2, "aaa...' is no IPv4 address"},
@@ -60,7 +59,6 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"set-name", "a\u009b1mb"}, 2, "'a\\xc2\\x9b1mb' cannot be a host name"},
         {{"set-name", std::string(31, 'n')}, 2, "cannot be a host name"},
         {{"set-name", "\xff\xfe"}, 2, "no text (UTF-8)"},
-        {{"set-address", "1.2.3"}, 2, "'1.2.3' is no IPv4 address"},
         {{"set-address", "0.0.0.0"}, 2, "cannot be a host's address: it means 'this network'"},
         {{"set-address", "239.255.255.255"}, 2, "it is a multicast address"},
         {{"set-address", "255.255.255.255"}, 2, "it is the broadcast address"},
@@ -96,21 +94,13 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
 }
 
-// Speaks to the service without the program's manners.
-class raw_client
+// What the service answers to a line that the program would not send.
+std::string answer_to(const std::string& line, const std::string& socket)
 {
-  public:
-    explicit raw_client(const std::string& path) : channel_(cli::connect_to(path)) {}
-
-    std::string say(const std::string& line)
-    {
-        channel_.write(line);
-        return channel_.read().value_or("(hung up)");
-    }
-
-  private:
-    cli::line_channel channel_;
-};
+    cli::line_channel channel(cli::connect_to(socket));
+    channel.write(line);
+    return channel.read().value_or("(hung up)");
+}
 
 TEST(bad_input, service_survives_clients_without_manners)
 {
@@ -136,10 +126,8 @@ TEST(bad_input, service_survives_clients_without_manners)
         {R"({"request":"control","command":"set_host_name \u0000\u0001"})", "output"},
         {std::string(3 << 20, 'x'), "(hung up)"},
     };
-    for (const auto& each : cases) {
-        raw_client client(ats.socket());
-        EXPECT_THAT(client.say(each.line), HasSubstr(each.answer)) << each.line.substr(0, 80);
-    }
+    for (const auto& each : cases)
+        EXPECT_THAT(answer_to(each.line, ats.socket()), HasSubstr(each.answer)) << each.line.substr(0, 80);
     EXPECT_EQ(ats.ask({"set-name", "plain"}).exit_code, 0);
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
 }
@@ -156,8 +144,8 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     const std::filesystem::directory_iterator none;
     const auto used = [&] { return std::filesystem::directory_iterator("/proc/" + std::to_string(ats.pid()) + "/fd"); };
     {
-        std::list<raw_client> crowd;
-        for (int i = 0; i < limit; ++i) crowd.emplace_back(ats.socket());
+        std::list<cli::descriptor> crowd;
+        for (int i = 0; i < limit; ++i) crowd.push_back(cli::connect_to(ats.socket()));
         EXPECT_TRUE(eventually([&] { return std::distance(used(), none) >= limit; }));
     }
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
@@ -225,12 +213,10 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
         {{"--hosts", "2.5"}, 2, "--hosts = 2.5 is no whole number"},
         {{"--hosts", "2", "--config", config("ok", "[[host]]")}, 2, "cannot go together with"},
         {{"--config", folder / "missing"}, 2, "missing"},
-        {{"--config", config("typo", "[[host]]\n\nnam = \"a\"")}, 2, ":3: unknown key 'nam'"},
         {{"--config", config("parameter", "[[host]]\n[host.ats]\nats_speed = 1")}, 2, "ats_ipaddr_str"},
         {{"--config", config("number", "[[host]]\n[host.ibat]\nibat_retries = \"x\"")}, 2, "ibat_retries"},
         {{"--modules", folder / "missing"}, 2, "missing"},
         {{"--fabric", "umad"}, 2, "needs its address: add --address"},
-        {{"--fabric", "umad", "--address", "10.0.0"}, 2, "'10.0.0' is no IPv4 address"},
         {{"--fabric", "umad", "--address", "127.0.0.1"}, 2, "it is a loopback address"},
         {{"--fabric", "umad", "--address", "10.0.0.1", "--name", "a b"}, 2, "'a b' cannot be a host name"},
         {{"--fabric", "umad", "--hosts", "2"}, 2, "--hosts is for the embedded fabric"},
@@ -322,7 +308,7 @@ std::string heard_by_another_user(const std::string& socket)
         std::string heard;
         try {
             if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
-            heard = raw_client(socket).say(R"({"request":"status"})");
+            heard = answer_to(R"({"request":"status"})", socket);
         } catch (const cli::failure& refused) {
             heard = refused.what();
         }

@@ -371,28 +371,23 @@ TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
         interrupt_a_write();
     }
     const std::string socket = ats->socket();
+    ats_process watching({"status", "--watch", "--socket", socket}, folder / "watched", folder / "complaints");
+    EXPECT_TRUE(eventually([&] {
+        const std::string picture = text_of_file(folder / "watched");
+        return picture.find("node1:") != picture.rfind("node1:"); // drawn twice
+    }));
+    ats_process following({"log", "-f", "--socket", socket}, folder / "log", folder / "complaints2");
+    EXPECT_TRUE(eventually([&] { return !text_of_file(folder / "log").empty(); }));
     std::ifstream still_open(file("node1/log"));
     EXPECT_EQ(ats->stop(SIGINT), 0);
+    EXPECT_EQ(watching.wait(), 3);
+    EXPECT_THAT(text_of_file(folder / "complaints"), HasSubstr("hung up"));
+    EXPECT_EQ(following.wait(), 3);
     EXPECT_THAT(ats->output(), HasSubstr("all hosts have unloaded"));
     EXPECT_THAT(ats->complaints(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(socket));
     EXPECT_FALSE(std::filesystem::exists(file("node1")));
     if (!mounts_work()) GTEST_SKIP() << "no FUSE here: the mounted files were not tried";
-}
-
-TEST_F(running_service, watching_and_following_end_with_the_service)
-{
-    ats_process watching({"status", "--watch", "--socket", ats->socket()}, folder / "watched", folder / "complaints");
-    ats_process following({"log", "-f", "--socket", ats->socket()}, folder / "followed", folder / "complaints2");
-    EXPECT_TRUE(eventually([&] {
-        const std::string picture = text_of_file(folder / "watched");
-        return picture.find("node1:") != picture.rfind("node1:"); // drawn twice
-    }));
-    EXPECT_TRUE(eventually([&] { return !text_of_file(folder / "followed").empty(); }));
-    EXPECT_EQ(ats->stop(), 0);
-    EXPECT_EQ(watching.wait(), 3);
-    EXPECT_THAT(text_of_file(folder / "complaints"), HasSubstr("hung up"));
-    EXPECT_EQ(following.wait(), 3);
 }
 
 TEST(run, obeys_a_signal_while_hosts_are_starting)
