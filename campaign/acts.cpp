@@ -56,34 +56,26 @@ bool has_many_open(const question& asked)
 
 using takes_effect = bool (*)(const question& asked);
 
-void ask_gid_at(arena& in, const act& it, takes_effect took_effect)
+template <takes_effect took_effect>
+void ask_gid(arena& in, const act& it)
 {
     node& host = in.host(it);
-    host.start("ask", [&host, ip = any_address(in, it.a), it, took_effect] {
+    host.start("ask", [&host, ip = any_address(in, it.a), it] {
         question& asked = new_question(host);
         ask_for_gid(asked, ip, it.b % 2 == 0);
         host.in.mark(it, took_effect(asked));
     });
 }
 
-void ask_address_at(arena& in, const act& it, takes_effect took_effect)
+template <takes_effect took_effect>
+void ask_address(arena& in, const act& it)
 {
     node& host = in.host(it);
-    host.start("ask", [&host, gid = any_gid(in, it.a), it, took_effect] {
+    host.start("ask", [&host, gid = any_gid(in, it.a), it] {
         question& asked = new_question(host);
         ask_for_address(asked, gid);
         host.in.mark(it, took_effect(asked));
     });
-}
-
-void ask_gid(arena& in, const act& it)
-{
-    ask_gid_at(in, it, was_taken);
-}
-
-void ask_address(arena& in, const act& it)
-{
-    ask_address_at(in, it, was_taken);
 }
 
 // More at a time than a pool has datagrams.
@@ -92,7 +84,7 @@ void ask_many(arena& in, const act& it)
     for (uint32_t i = 0; i < 10 + it.b % 40; ++i) {
         act one = it;
         one.a += i << 8 | i;
-        (i % 2 == 0 ? ask_gid_at : ask_address_at)(in, one, has_many_open);
+        (i % 2 == 0 ? ask_gid<has_many_open> : ask_address<has_many_open>)(in, one);
     }
 }
 
@@ -340,22 +332,8 @@ void clear_signals(arena& in, const act& it)
 
 // ---- faults of the network and of the SA ----
 
-// A switch of the subnet's that is a number: set to 1 up to `most` while the act lasts.
-template <std::atomic<uint32_t> embedded::fault_switches::*knob, uint32_t most>
-act_kind turns(const char* name, int weight, uint64_t longest_ticks, const char* mark,
-               uint64_t embedded::fault_effects::*effect)
-{
-    return {name,
-            weight,
-            harm::network,
-            longest_ticks,
-            [](arena& in, const act& it) { in.net.faults.*knob = 1 + it.a % most; },
-            [](arena& in, const act&) { in.net.faults.*knob = 0; },
-            mark,
-            effect};
-}
-
-template <std::atomic<bool> embedded::fault_switches::*knob>
+// A switch of the subnet's, true or a number: set to 1 up to `most` while the act lasts.
+template <auto knob, uint32_t most = 1>
 act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
                   uint64_t embedded::fault_effects::*effect)
 {
@@ -363,8 +341,8 @@ act_kind switches(const char* name, int weight, uint64_t longest_ticks, const ch
             weight,
             harm::network,
             longest_ticks,
-            [](arena& in, const act&) { in.net.faults.*knob = true; },
-            [](arena& in, const act&) { in.net.faults.*knob = false; },
+            [](arena& in, const act& it) { in.net.faults.*knob = 1 + it.a % most; },
+            [](arena& in, const act&) { in.net.faults.*knob = 0; },
             mark,
             effect};
 }
@@ -410,8 +388,8 @@ using effects = embedded::fault_effects;
 } // namespace
 
 const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
-    {"ask for a GID", 24, harm::none, 0, ask_gid, nullptr, "questions taken"},
-    {"ask for an address", 24, harm::none, 0, ask_address, nullptr, "questions taken"},
+    {"ask for a GID", 24, harm::none, 0, ask_gid<was_taken>, nullptr, "questions taken"},
+    {"ask for an address", 24, harm::none, 0, ask_address<was_taken>, nullptr, "questions taken"},
     {"withdraw questions", 6, harm::none, 0, withdraw_some, nullptr, "questions withdrawn"},
     {"report", 24, harm::none, 0, report, nullptr, "reports of an HCA or more read"},
     {"control: rarp", 5, harm::none, 0, control_rarp, nullptr, "lines taken"},
@@ -428,22 +406,22 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"calls fail by chance", 5, harm::host, 120 * second, calls_fail_by_chance, calls_work, "calls that failed"},
     {"a call fails", 8, harm::host, 60 * second, one_call_fails, calls_work, "calls that failed"},
     {"signal", 8, harm::host, 30 * second, signal_a_task, clear_signals, "signals seen by their task"},
-    turns<&faults::loss_percent, 60>("loss", 3, 120 * second, "datagrams lost", &effects::lost_by_chance),
-    turns<&faults::duplicate_percent, 60>("duplication", 2, 120 * second, "datagrams that arrived twice",
-                                          &effects::arrived_twice),
-    turns<&faults::reorder_percent, 60>("reordering", 2, 120 * second, "datagrams overtaken", &effects::overtaken),
-    turns<&faults::corrupt_percent, 20>("corruption", 2, 120 * second, "datagrams that arrived corrupted",
-                                        &effects::arrived_corrupted),
-    turns<&faults::latency_ticks, 60>("latency", 2, 120 * second, "datagrams that arrived late",
-                                      &effects::arrived_late),
-    turns<&faults::jitter_ticks, 60>("jitter", 2, 120 * second, "datagrams that arrived late",
-                                     &effects::arrived_jittered),
-    turns<&faults::refuse_percent, 60>("refused sends", 2, 60 * second, "sends refused",
-                                       &effects::sends_refused_by_chance),
-    turns<&faults::sa_service_ticks, 30>("slow SA", 2, 60 * second, "requests kept waiting",
-                                         &effects::requests_kept_waiting),
-    turns<&faults::drop_next, 5>("drop some", 3, second, "datagrams dropped", &effects::dropped_next),
-    turns<&faults::drop_next_answers, 5>("drop answers", 3, second, "answers dropped", &effects::answers_dropped),
+    switches<&faults::loss_percent, 60>("loss", 3, 120 * second, "datagrams lost", &effects::lost_by_chance),
+    switches<&faults::duplicate_percent, 60>("duplication", 2, 120 * second, "datagrams that arrived twice",
+                                             &effects::arrived_twice),
+    switches<&faults::reorder_percent, 60>("reordering", 2, 120 * second, "datagrams overtaken", &effects::overtaken),
+    switches<&faults::corrupt_percent, 20>("corruption", 2, 120 * second, "datagrams that arrived corrupted",
+                                           &effects::arrived_corrupted),
+    switches<&faults::latency_ticks, 60>("latency", 2, 120 * second, "datagrams that arrived late",
+                                         &effects::arrived_late),
+    switches<&faults::jitter_ticks, 60>("jitter", 2, 120 * second, "datagrams that arrived late",
+                                        &effects::arrived_jittered),
+    switches<&faults::refuse_percent, 60>("refused sends", 2, 60 * second, "sends refused",
+                                          &effects::sends_refused_by_chance),
+    switches<&faults::sa_service_ticks, 30>("slow SA", 2, 60 * second, "requests kept waiting",
+                                            &effects::requests_kept_waiting),
+    switches<&faults::drop_next, 5>("drop some", 3, second, "datagrams dropped", &effects::dropped_next),
+    switches<&faults::drop_next_answers, 5>("drop answers", 3, second, "answers dropped", &effects::answers_dropped),
     switches<&faults::queue_full>("full queues", 1, 20 * second, "sends refused", &effects::sends_refused_queue_full),
     switches<&faults::sa_silent>("silent SA", 2, 60 * second, "requests met by silence",
                                  &effects::requests_met_by_silence),

@@ -49,13 +49,12 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     const auto mad = std::bit_cast<sa_mad_v2_t>(bytes);
     const std::string who = host.host.name();
     in_.note(who, "sends method " + std::to_string(mad.hdr.m.method) + " from LID " + std::to_string(source_lid));
-    std::string wrong = fault_in(from, mad);
-    const auto gid = std::bit_cast<fabric::gid_bytes>(
-        std::bit_cast<ib_service_record_v2_t>(
-            *reinterpret_cast<const std::array<uint8_t, sizeof(ib_service_record_v2_t)>*>(mad.payload))
-            .service_gid);
+    ib_service_record_v2_t record;
+    memcpy(&record, mad.payload, sizeof record);
+    std::string wrong = fault_in(from, mad, record);
     if (wrong.empty() && !host.models.empty())
-        wrong = host.models[from.hca].sent(*exec::current_task(), mad.hdr.m.method, gid);
+        wrong = host.models[from.hca].sent(*exec::current_task(), mad.hdr.m.method,
+                                           std::to_array(record.service_gid.bytes));
     if (wrong.empty()) wrong = delay_in(host, mad.hdr.m.method, now_ticks);
     if (!wrong.empty()) in_.violate(who + ": " + wrong);
 }
@@ -72,10 +71,8 @@ std::string wire_watch::delay_in(node& host, uint8_t method, uint64_t now_ticks)
     return deleted_tick == now_ticks ? "" : "a registration slept on after its delete was answered";
 }
 
-std::string wire_watch::fault_in(const sender& from, const sa_mad_v2_t& mad) const
+std::string wire_watch::fault_in(const sender& from, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const
 {
-    ib_service_record_v2_t record;
-    memcpy(&record, mad.payload, sizeof record);
     const uint64_t mask = from_wire(mad.component_mask);
     const bool names_gid = !is_zero(&record.service_gid, sizeof record.service_gid);
     const bool names_address = !is_zero(record.service_data8, sizeof record.service_data8);

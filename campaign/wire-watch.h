@@ -42,7 +42,7 @@ class wire_watch final : public fabric::tap
         fabric::gid_bytes gid;
         uint16_t p_key;
     };
-    std::string fault_in(const sender& from, const sa_mad_v2_t& mad) const;
+    std::string fault_in(const sender& from, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
 
     std::string delay_in(node& host, uint8_t method, uint64_t now_ticks);
 
