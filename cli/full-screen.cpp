@@ -12,14 +12,14 @@ namespace cli
 namespace
 {
 
-constexpr std::string_view enter = "\033[?1049h\033[?25l"; // the alternate screen, no cursor
-constexpr std::string_view leave = "\033[?25h\033[?1049l";
+constexpr std::string_view enter_screen = "\033[?1049h\033[?25l"; // the alternate screen, no cursor
+constexpr std::string_view leave_screen = "\033[?25h\033[?1049l";
 constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP};
 
 // Only calls that a signal handler may make.
 void leave_and_end(int signal_number)
 {
-    [[maybe_unused]] const ssize_t ignored = write(STDOUT_FILENO, leave.data(), leave.size());
+    [[maybe_unused]] const ssize_t ignored = write(STDOUT_FILENO, leave_screen.data(), leave_screen.size());
     signal(signal_number, SIG_DFL);
     raise(signal_number);
 }
@@ -29,12 +29,12 @@ void leave_and_end(int signal_number)
 full_screen::full_screen()
 {
     for (const int number : ending_signals) signal(number, leave_and_end);
-    std::cout << enter << std::flush;
+    std::cout << enter_screen << std::flush;
 }
 
 full_screen::~full_screen()
 {
-    std::cout << leave << std::flush;
+    std::cout << leave_screen << std::flush;
     for (const int number : ending_signals) signal(number, SIG_DFL);
 }
 
