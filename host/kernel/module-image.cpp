@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/exec/sanitizers.h"
 #include "host/kernel/tasks.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
@@ -72,6 +73,16 @@ size_t object_size(const void* address)
 std::string path_of(int descriptor)
 {
     return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
+// clang's address sanitizer counts the guard behind a variable into its size.
+bool is_size_of_declaration(size_t bytes)
+{
+#if defined(__SANITIZE_ADDRESS__) && defined(__clang__)
+    return bytes >= sizeof(kernel_module_t);
+#else
+    return bytes == sizeof(kernel_module_t);
+#endif
 }
 
 } // namespace
@@ -152,7 +163,7 @@ module_image::failure module_image::map(const std::string& path)
 // it is there.
 std::string module_image::misfit() const
 {
-    if (const size_t size = object_size(declaration_); size != sizeof(kernel_module_t))
+    if (const size_t size = object_size(declaration_); !is_size_of_declaration(size))
         return "its 'this_module' has " + std::to_string(size) + " bytes instead of " +
                std::to_string(sizeof(kernel_module_t));
     const kernel_module_t& record = *declaration_;
