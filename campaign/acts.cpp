@@ -46,7 +46,7 @@ bool was_taken(const question& asked)
     return asked.returned == ibat_stat_ok || asked.returned == ibat_stat_pending;
 }
 
-// Whether more questions are open at the host than the service's pool has datagrams.
+// True if the host has more open questions than the module's pool has datagrams.
 bool has_many_open(const question& asked)
 {
     constexpr ptrdiff_t pool_size = 16;
@@ -251,7 +251,7 @@ fabric::hca& any_hca(node& at, const act& it)
     return *at.hcas[it.a % at.hcas.size()];
 }
 
-// Whether the link was in the other state before.
+// Sets the link's state. True if the state changed.
 bool change_link(arena& in, const act& it, bool up)
 {
     node& at = in.host(it);
@@ -283,7 +283,7 @@ void event_storm(arena& in, const act& it)
 
 // ---- faults of a host ----
 
-// From here on the calls that fail are the act's, if any.
+// Counts the failed calls so far for the act that caused them. Later ones count for `next`, if any.
 void end_failing_calls(node& host, std::optional<act> next)
 {
     if (host.failing_calls) host.in.done.marks[host.failing_calls->kind] += host.machine().faults.failures();

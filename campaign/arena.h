@@ -19,7 +19,7 @@ struct options {
     std::string capture_path; // empty: no capture
 };
 
-// What one campaign has done; several are summed field by field, except the digest.
+// The figures of one campaign. Several campaigns are added field by field, except the digest.
 struct figures {
     uint64_t seeds = 0;
     uint64_t simulated_ticks = 0;

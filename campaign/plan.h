@@ -42,8 +42,8 @@ struct act_kind {
     void (*begin)(arena&, const act&);
     void (*end)(arena&, const act&); // null: nothing to undo
 
-    // What is counted when an act of the kind takes effect. The fabric counts the effects of its own faults; the
-    // other acts call arena::mark (null).
+    // The name of the effect that is counted for this kind, and the fabric's counter of it. Null: the act itself calls
+    // arena::mark.
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
 };

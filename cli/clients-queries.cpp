@@ -35,7 +35,7 @@ bool is_yes(const json& answer)
     return answer.at("status") == "ok" && (!answer.contains("verified") || answer.at("verified") == true);
 }
 
-// What `resolve` takes for a host name: no text of digits and points, which is an address or a mistyped one.
+// True if `resolve` takes the text for a host name. A text of digits and points is an address, perhaps a mistyped one.
 bool is_name_to_resolve(const std::string& asked)
 {
     return asked.find_first_not_of("0123456789.") != std::string::npos && is_host_name(asked);

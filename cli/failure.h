@@ -23,7 +23,7 @@ struct failure : std::runtime_error {
     const exit_code code;
 };
 
-// What a person wrote, as an error line repeats it: in quotation marks, not at any length, and fit for a terminal.
+// Repeats a person's text in an error line: in quotation marks, cut to 60 bytes, control characters escaped.
 inline std::string quote(const std::string& word)
 {
     constexpr size_t longest = 60;

@@ -1,5 +1,5 @@
-// What a host may be called, and which address may be its own: one rule for the configuration, the command line and
-// orders. What can never work is refused. What may be meant is done with a warning.
+// The rules for a host's name and address. The configuration, the command line and orders share them. A value that can
+// never work is refused; a value that may be deliberate gives a warning.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 namespace cli
 {
 
-// What a ServiceRecord carries.
+// The longest host name that fits into a ServiceRecord, in bytes.
 constexpr size_t longest_host_name_bytes = 30;
 
 // True if the name fits a ServiceRecord, a module's parameter and the name of a folder. `host_name_rule` says what a

@@ -1,4 +1,4 @@
-// How far something has come, in one line of a terminal that is written over. Where standard error is no terminal,
+// Shows progress in one line of the terminal, which it overwrites. If standard error is not a terminal,
 // nothing is shown.
 #pragma once
 

@@ -64,7 +64,7 @@ std::string text_of(const ib_service_record_v2_t& record)
     return world::format_ipv4(host.address) + " " + world::printable(host.host_name);
 }
 
-// What the SA has made of the record that was sent last; "" when it holds it.
+// Says why the SA does not hold the record that was sent last; "" if it holds it.
 std::string answer_of(const stack::registration& seen)
 {
     switch (seen.state) {
@@ -130,7 +130,7 @@ json report_of(const hca_registration& hca, uint64_t now_ticks)
     return report;
 }
 
-// Asks the SA who owns the address of the record that it has not confirmed. The stack sees the answer as well.
+// Asks the SA for the owner of the unconfirmed record's address. The stack sees the answer too.
 // Returns what is wrong with it, or "".
 std::string ask_for(kernel::machine& machine, const stack::registration& seen)
 {

@@ -1,4 +1,4 @@
-// Whether the SA holds a host's record, by what the host's stack has seen on the wire.
+// Tells if the SA holds a host's record, from the requests and answers that the host's stack saw on the wire.
 #pragma once
 
 #include <functional>

@@ -1,5 +1,5 @@
-// How a service was started, so that its clients can say where to look when it gives no answer. The service writes it
-// into its lock file: there it can be read even when the service is stopped or was killed.
+// Describes how a service was started, so that its clients can say where to look if it does not answer. The service
+// writes it into its lock file: there it can be read even when the service is stopped or was killed.
 #pragma once
 
 #include <string>
@@ -10,13 +10,13 @@ namespace cli
 // The line for this process: its process ID and, when systemd started it, the name of its unit.
 std::string origin_of_this_process();
 
-// Where to look for what a service on `socket_path` said or did: its unit's journal, or its terminal.
+// Says where the messages of the service on `socket_path` are: in its unit's journal, or on its terminal.
 std::string where_to_look(const std::string& socket_path);
 
-// What to do about a service on `socket_path` that gives no sign of life.
+// Advises on a service on `socket_path` that gives no sign of life.
 std::string how_to_wake(const std::string& socket_path);
 
-// What to do when no service listens on `socket_path`.
+// Advises on a `socket_path` where no service listens.
 std::string how_to_start(const std::string& socket_path);
 
 // The file beside a socket that its service holds locked.

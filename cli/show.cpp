@@ -38,7 +38,7 @@ std::string duration_of(uint64_t seconds)
     return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
 }
 
-// Whether the SA holds the host's record, with the HCA when the host has several.
+// Says if the SA holds the host's record. Names the HCA if the host has several.
 void show_registration(std::ostream& to, const json& registration, bool is_only_one)
 {
     const bool is_registered = registration.at("registered").get<bool>();
@@ -102,7 +102,7 @@ std::string duration(uint64_t microseconds)
     return text;
 }
 
-// What was wrong with the cache's answer, when the SA was asked as well; "" when it was not.
+// The result of a verification, in words; "" if none was asked for.
 std::string verdict(const json& answer)
 {
     if (!answer.contains("verified")) return "";

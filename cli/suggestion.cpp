@@ -8,7 +8,7 @@ namespace cli
 namespace
 {
 
-// How many letters are changed, left out, inserted or swapped with their neighbour between two words.
+// The edit distance of two words: letters changed, left out, inserted, or swapped with their neighbour.
 size_t distance_between(const std::string& a, const std::string& b)
 {
     std::vector<std::vector<size_t>> distances(a.size() + 1, std::vector<size_t>(b.size() + 1));
@@ -31,7 +31,7 @@ size_t distance_between(const std::string& a, const std::string& b)
 std::string nearest_word(const std::string& typed, const std::vector<std::string>& known)
 {
     constexpr size_t most_wrong = 2;
-    constexpr size_t longest_word = 40; // what is longer is no typing error
+    constexpr size_t longest_word = 40; // a longer word is not a typing error
     if (typed.size() > longest_word) return "";
     std::string nearest;
     size_t fewest = most_wrong + 1;

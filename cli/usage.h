@@ -1,4 +1,4 @@
-// What is wrong with a command line, in our words, and which values are right.
+// Explains an error in a command line in our words, and names the values that are right.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -14,7 +14,7 @@ CLI::Validator number_from(double least, double most);
 CLI::Validator existing_file();
 CLI::Validator existing_folder();
 
-// What is wrong with the command line that `program` was parsing, and, in a second line, where to look it up.
+// Explains the error in the command line that `program` was parsing. The second line names the help to read.
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& wrong);
 
 } // namespace cli

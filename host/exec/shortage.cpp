@@ -20,7 +20,7 @@ namespace
 constexpr size_t reserve_bytes = size_t{32} << 20;
 constexpr size_t reserve_pages_split = 128; // neighbours of unlike protection: each counts as a mapping
 
-// A call that failed has given back what it had got until then, so that a limit reads a little below its end.
+// A failed call has released what it had taken before it failed. So usage is read a little below the limit.
 constexpr size_t mappings_margin = 64;
 constexpr size_t bytes_margin = size_t{16} << 20;
 

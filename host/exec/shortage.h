@@ -1,4 +1,4 @@
-// What happens when the process comes to a limit: threads, memory mappings, address space, open files. The caller gets
+// Handles the limits of the process: threads, memory mappings, address space, open files. The caller gets
 // an exception that names what ran out. A reserve is let go then, so that what runs already can stop in good order.
 #pragma once
 

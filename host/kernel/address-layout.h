@@ -14,7 +14,7 @@ namespace kernel
 
 class memory_account;
 
-// Where the parts of a machine seem to lie.
+// The nominal addresses of a machine's parts.
 constexpr uint64_t nominal_allocations = 0xffff880000000000; // kmalloc's, in order of allocation
 constexpr uint64_t nominal_unknown = 0xffff8f0000000000;     // stacks and the like, in order of appearance
 constexpr uint64_t nominal_objects = 0xffffc90000000000;     // of the stack, in order of creation
@@ -28,8 +28,8 @@ class address_layout
     address_layout(const address_layout&) = delete;
     address_layout& operator=(const address_layout&) = delete;
 
-    // What to print for a pointer, which need not be valid. Null and small numbers in a pointer's place are shown as
-    // they are. Any thread, any context.
+    // The address to print for a pointer, which need not be valid. Null and small numbers in a pointer's place are
+    // shown as they are. Any thread, any context.
     uint64_t nominal(const void* pointer);
 
     // Memory that has an address of its own as long as it lives. Whoever frees it removes it first.

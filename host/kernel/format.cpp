@@ -50,7 +50,7 @@ class text_writer
     size_t length_ = 0;
 };
 
-// What stands between a '%' and its conversion letter.
+// The flags, width and size between a '%' and its conversion letter.
 struct conversion {
     bool left = false;
     bool plus = false;

@@ -80,7 +80,7 @@ class log
 // The way a log reader shows a line: "[    1.234567]" style seconds, then the text.
 std::string format_line(const log_line& line);
 
-// What a log reader shows in place of lines that are not kept any more: "5 lines were dropped".
+// The text that stands for dropped lines: "5 lines were dropped".
 std::string format_dropped(uint64_t lines);
 
 } // namespace kernel

@@ -71,7 +71,7 @@ class machine final : public exec::task_home
         return exec_.start(this, task_name, std::move(body));
     }
 
-    // What a module has left in any service.
+    // Lists what a module has left in any service.
     std::vector<std::string> left_by(const module_code& leaving) const;
 
     kernel::log log;

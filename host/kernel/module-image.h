@@ -71,7 +71,7 @@ class module_code
 // An offset into an image, as place() shows it.
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// Where the mapped image lies that an address belongs to; zero bytes: it belongs to none.
+// The mapped image that contains an address; zero bytes if no image does.
 struct image_range {
     const void* begin = nullptr;
     size_t bytes = 0;

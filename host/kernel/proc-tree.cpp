@@ -128,7 +128,7 @@ class proc_tree::visit
 namespace
 {
 
-// What a handler may answer with: from `start` on, inside of its page.
+// The bounds of a handler's answer: from `start` on, inside its page.
 struct proc_answer {
     const char* start;
     int length;

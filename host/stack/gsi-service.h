@@ -33,7 +33,7 @@ class gsi final : public kernel::service
     // What a client has not taken back (a class, a pool, a received datagram) is a hard error.
     ~gsi() override;
 
-    // For reports: the HCAs that classes may be registered on, and the pools that there are.
+    // For reports: the HCAs on which classes may be registered, and the pools.
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
 

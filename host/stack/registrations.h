@@ -70,7 +70,7 @@ class registrations
 
     const exec::executor& exec_;
 
-    // What lookups of other hosts are told from without the lock.
+    // Lets lookups of other hosts pass without the lock.
     std::atomic<bool> awaits_answer_{false};
     std::atomic<uint64_t> own_guid_{0}; // wire order, of the last Set
 

@@ -1,4 +1,4 @@
-// Where the modules of this build or installation are.
+// Finds the modules of this build or installation.
 #pragma once
 
 #include <string>

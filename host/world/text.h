@@ -20,7 +20,7 @@ std::optional<kq_gid_t> parse_gid(const std::string& text);
 // "0x" and 32 hexadecimal digits, as the kernel log shows it and the control file takes it.
 std::string format_gid(const kq_gid_t& gid);
 
-// As InfiniBand tools show it, like an IPv6 address: "fe80::2:0:1:1".
+// The GID in the notation of InfiniBand tools, like an IPv6 address: "fe80::2:0:1:1".
 std::string format_gid6(const kq_gid_t& gid);
 
 } // namespace world

@@ -18,7 +18,7 @@ struct module_parameter_t {
     const char* description;
 };
 
-// Changes whenever kernel_module_t or what it points at does.
+// Raised whenever the layout of kernel_module_t, or of a record that it points at, changes.
 constexpr int32_t module_record_version = 2;
 
 // One per module image, exported under the name `this_module`. The loader refuses an image whose record has another

@@ -78,7 +78,7 @@ class ats_host
     // Runs `body` in a task of the host, then, called from outside of any task, everything that it made ready.
     void run(const std::function<void()>& body);
 
-    // Asks as UCM would; the answer comes to `who`.
+    // Asks as UCM would. `who` gets the answer.
     ibat_stat_t reverse(const kq_gid_t& gid, asker& who);
 
     // Asks as IBAT would.

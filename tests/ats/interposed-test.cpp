@@ -1,6 +1,7 @@
-// What no fabric here does by itself: events of other kinds and of ports and HCAs that are not there, answers that are
-// faster than the call that asked, a link that goes down in the middle of a call. For these the test stands between ats
-// and the stack: it loads an image in which the names of some kernel calls are replaced by those of its own calls.
+// Events that no fabric here makes by itself: events of other kinds and of ports and HCAs that are not there, answers
+// that are faster than the call that asked, a link that goes down in the middle of a call. For these the test stands
+// between ats and the stack: it loads an image in which the names of some kernel calls are replaced by those of its own
+// calls.
 #include <filesystem>
 #include <fstream>
 #include <iterator>

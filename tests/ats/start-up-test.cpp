@@ -108,7 +108,7 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     EXPECT_EQ(host.held(), "");
 }
 
-// What the HCA that fails has taken is given back before the others are stopped, which takes its time.
+// The failing HCA's resources are released before the other HCAs are stopped, which takes a while.
 TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
 {
     for (const char* call : {"gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"}) {

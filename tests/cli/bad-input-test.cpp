@@ -94,7 +94,7 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
 }
 
-// What the service answers to a line that the program would not send.
+// Sends a line that the program would never send, and returns the service's answer.
 std::string answer_to(const std::string& line, const std::string& socket)
 {
     cli::line_channel channel(cli::connect_to(socket));

@@ -1,4 +1,4 @@
-// What a terminal would obey does not reach it, and what people can read does.
+// Control characters are escaped; readable text stays as it is.
 #include <gtest/gtest.h>
 
 #include "host/world/printable.h"

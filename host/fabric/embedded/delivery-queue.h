@@ -22,7 +22,7 @@ struct datagram {
     uint8_t static_rate;
     bool from_sa;
 
-    // What faults did to it on its present way.
+    // The faults that this datagram has met.
     struct {
         uint64_t departure = 0; // grows from one that sets out to the next
         bool is_late = false;

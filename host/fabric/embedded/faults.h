@@ -63,7 +63,7 @@ struct traffic_counts {
     uint64_t sa_others = 0;
 };
 
-// How often each fault took effect: counted when it happened to a datagram or a request, not when it was switched on.
+// Counts how often each fault took effect on a datagram or a request. Switching a fault on does not count.
 struct fault_effects {
     // Datagrams. Those that arrive are counted at the SA or at the port's listener.
     uint64_t lost_by_chance = 0;
