@@ -62,10 +62,12 @@ namespace exec
 namespace
 {
 
+// Only touched pages take memory, so that size is cheap. A task that loads or unloads a module needs the most: the
+// dynamic linker keeps arrays of all loaded images on the stack, some 10 bytes for each.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t stack_bytes = size_t{256} * 1024; // instrumented frames are larger
+constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are larger
 #else
-constexpr size_t stack_bytes = size_t{64} * 1024;
+constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
 constexpr const char* no_memory = "no memory is left for the stack of a task: free some, or run fewer hosts";
