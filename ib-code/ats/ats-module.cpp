@@ -25,8 +25,8 @@ namespace
 
 constexpr const char* registry_key = "dorvex/modules/ats/";
 constexpr const char* module_name = "ats";
-constexpr const char* module_version = "1.21";
-constexpr const char* version_tag = "$Name: ATS_1_21_RELEASE $";
+constexpr const char* module_version = ATS_MODULE_VERSION; // "1.21"; the build knows it
+constexpr const char* version_tag = "$Name: ATS_" ATS_MODULE_VERSION_TAG "_RELEASE $";
 constexpr const char* control_file = "dorvex/ats/control";
 constexpr mode_t control_file_mode = 0644;
 constexpr const char* set_ip_addrs_name = "ATS_SA_SET_IP_ADDR";
