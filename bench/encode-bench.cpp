@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "ib-code/ats/ats-sa-mad.cpp"
+#include "records/host-record.h"
 
 std::atomic<int32_t> ATS_trace_level;
 std::atomic<int32_t> logger_trace_level;
@@ -13,7 +14,7 @@ namespace
 struct sender {
     sender()
     {
-        context.service_id = 0x10000CE100415453;
+        context.service_id = records::service_id;
         context.num_of_hca_ports = 1;
         context.host_name.store({"node1"});
         ats_port_ctx_t& port = context.ib_ports[0];

@@ -9,6 +9,7 @@
 #include "host/world/published.h"
 #include "host/world/text.h"
 #include "kernel/sync.h"
+#include "records/host-record.h"
 
 namespace campaign
 {
@@ -42,19 +43,10 @@ bool is_excused(node& at, const flaw& wrong)
            (wrong.has == excuse::false_record && (at.in.network.ever || at.may_be_misread));
 }
 
-// Whether all that is the same in every record of the service is so.
-bool is_of_service(const ib_service_record_v2_t& record)
+// True if every byte of the record is as a host registers it.
+bool is_as_registered(const ib_service_record_v2_t& record)
 {
-    ib_service_record_v2_t like = record;
-    like.service_id = to_wire(service_id);
-    like.reserved1 = {};
-    like.service_lease = to_wire(UINT32_MAX);
-    memset(like.service_key, 0, sizeof like.service_key);
-    memcpy(like.service_name, service_name, sizeof like.service_name);
-    memset(like.service_data8, 0, 12);
-    memset(like.service_data16, 0, sizeof like.service_data16);
-    memcpy(like.service_data16, "\x5C\x27", 2);
-    memset(like.service_data64 + 14, 0, 2);
+    const ib_service_record_v2_t like = records::encode(records::decode(record));
     return memcmp(&like, &record, sizeof record) == 0;
 }
 
@@ -71,7 +63,7 @@ flaw flaw_of(node& at, size_t hca, const std::string& gid, const std::string& ip
         return {"the host has the address " + ipv4 + ", not " + world::format_ipv4(at.address[hca])};
     if (std::ranges::find(at.addresses_given, *world::parse_ipv4(held.ipv4)) == at.addresses_given.end())
         return {"nobody gave the address " + held.ipv4};
-    if (held.p_key != at.hcas[hca]->read_port(1).p_keys[0] || !is_of_service(*found))
+    if (held.p_key != at.hcas[hca]->read_port(1).p_keys[0] || !is_as_registered(*found))
         return {"the P_Key or what should be the same in all records is another in that of " + gid,
                 excuse::false_record};
     if (at.name_is_certain && held.host_name != at.name.substr(0, 30))
@@ -175,7 +167,7 @@ void compare_records(arena& in, std::vector<std::string>* to_forget)
     }
     for (const ib_service_record_v2_t& raw : in.net.save_records()) {
         const embedded::service_record_view record = view_of(raw);
-        if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_of_service(raw)) continue;
+        if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
         const node& owner = owner_of(in, record.gid);
         if (!to_forget || !(in.network.ever || owner.harm().ever || owner.may_have_left_records))
             in.violate("the SA still holds a record of " + record.gid + ", " + record.host_name);

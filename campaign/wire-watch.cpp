@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "campaign/arena.h"
+#include "records/host-record.h"
 
 namespace campaign
 {
@@ -79,7 +80,9 @@ std::string wire_watch::fault_in(const sender& from, const sa_mad_v2_t& mad, con
     if (!in_.hosts[from.host].is_live()) return "something is sent without the module";
     if (mad.hdr.base_ver != 1 || mad.hdr.mgt_class != 3 || mad.hdr.class_ver != 2 || mad.hdr.m.r != 0)
         return "the header sent is no SA request's";
-    if (from_wire(record.service_id) != service_id || memcmp(record.service_name, service_name, 64) != 0)
+    const ib_service_record_v2_t any_host = records::encode({});
+    if (!records::is_host_record(record) ||
+        memcmp(record.service_name, any_host.service_name, sizeof any_host.service_name) != 0)
         return "the record sent is of another service";
     if (!is_zero(mad.payload + sizeof record, sizeof mad.payload - sizeof record)) return "there is more than a record";
     switch (mad.hdr.m.method) {

@@ -17,9 +17,6 @@ namespace campaign
 struct arena;
 struct node;
 
-constexpr uint64_t service_id = 0x10000CE100415453;
-constexpr char service_name[64] = "DAPL Address Translation Service";
-
 class wire_watch final : public fabric::tap
 {
   public:

@@ -86,7 +86,7 @@ std::string answer_of(const stack::registration& seen)
     return "";
 }
 
-// Why the HCA counts as not registered now; "" when it is.
+// Says why the HCA counts as not registered now; "" if it is registered.
 std::string why_not_registered(const hca_registration& hca, uint64_t now_ticks)
 {
     if (!hca.has_link) return no_port;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/fabric/umad/libibumad.h"
+#include "records/host-record.h"
 #include "sa-mads.h"
 
 namespace
@@ -35,9 +36,10 @@ void prepare(umad_buffer& request, const umad_port_t& port, const char* address)
     umad_set_addr(&request, static_cast<int>(port.sm_lid), 1, static_cast<int>(port.sm_sl),
                   static_cast<int>(0x80010000));
     ib_service_record_v2_t record{};
-    record.service_id = to_wire(uint64_t{0x10000CE100415453});
-    std::strcpy(record.service_name, "DAPL Address Translation Service");
-    if (inet_pton(AF_INET, address, record.service_data8 + 12) != 1) fail("expected an IPv4 address");
+    record.service_id = to_wire(records::service_id);
+    std::strcpy(record.service_name, records::service_name);
+    if (inet_pton(AF_INET, address, record.service_data8 + records::address_offset) != 1)
+        fail("expected an IPv4 address");
     sa_mad_v2_t& mad = request.mad;
     mad.hdr.base_ver = MAD_BASE_VERSION;
     mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;

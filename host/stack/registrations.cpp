@@ -125,7 +125,7 @@ void registrations::arrived(const fabric::mad_bytes& mad)
             take_answer(entry, status, record);
         else if (header.m.method == MAD_METHOD_GET && status == 0 && has_content_of(record, entry.record) &&
                  entry.state != registration_state::withdrawn)
-            confirm(entry); // somebody has looked it up
+            confirm(entry); // the answer to a lookup of this host
     }
     publish();
 }

@@ -7,13 +7,11 @@
 #include <vector>
 
 #include "host/fabric/fabric.h"
+#include "records/host-record.h"
 #include "sa-mads.h"
 
 namespace test
 {
-
-constexpr uint64_t ats_service_id = 0x10000CE100415453;
-constexpr char ats_service_name[] = "DAPL Address Translation Service";
 
 constexpr uint64_t mask_all = UINT64_MAX;
 constexpr uint64_t mask_gid_lookup = 0x43;
@@ -36,11 +34,11 @@ inline record_t host_record(const fabric::gid_bytes& gid, uint8_t octet, uint16_
                             uint32_t lease = UINT32_MAX)
 {
     record_t record{};
-    record.service_id = to_wire(ats_service_id);
+    record.service_id = to_wire(records::service_id);
     record.service_gid = std::bit_cast<wire_gid_t>(gid);
     record.service_pkey = to_wire(p_key);
     record.service_lease = to_wire(lease);
-    memcpy(record.service_name, ats_service_name, sizeof ats_service_name);
+    memcpy(record.service_name, records::service_name, sizeof records::service_name);
     memcpy(record.service_data8 + 12, std::array<uint8_t, 4>{10, 0, 0, octet}.data(), 4);
     memcpy(record.service_data32, "node", 4);
     record.service_data32[4] = static_cast<uint8_t>('0' + octet % 10);

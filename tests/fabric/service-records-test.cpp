@@ -66,7 +66,7 @@ struct clashing_records {
     {
         record_t record = test::host_record(gid_number(draw(6)), static_cast<uint8_t>(draw(4)),
                                             draw(2) ? 0xFFFF : 0x8001, draw(3) ? UINT32_MAX : 1 + dice() % 5);
-        record.service_id = to_wire(test::ats_service_id + static_cast<uint64_t>(draw(2)));
+        record.service_id = to_wire(records::service_id + static_cast<uint64_t>(draw(2)));
         record.service_data16[0] = static_cast<uint8_t>(draw(2));
         return record;
     }

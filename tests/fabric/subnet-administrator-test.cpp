@@ -23,9 +23,9 @@ bool is_known_gid(const fabric::gid_bytes& gid)
 record_t like_gid(const fabric::gid_bytes& gid)
 {
     record_t like{};
-    like.service_id = to_wire(test::ats_service_id);
+    like.service_id = to_wire(records::service_id);
     like.service_gid = std::bit_cast<wire_gid_t>(gid);
-    memcpy(like.service_name, test::ats_service_name, sizeof test::ats_service_name);
+    memcpy(like.service_name, records::service_name, sizeof records::service_name);
     return like;
 }
 

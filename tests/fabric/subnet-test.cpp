@@ -78,8 +78,8 @@ TEST_F(two_hosts, a_request_is_answered_by_the_path_it_came)
 
     const auto records = net.service_records();
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].service_name, test::ats_service_name);
-    EXPECT_EQ(records[0].service_id, test::ats_service_id);
+    EXPECT_EQ(records[0].service_name, records::service_name);
+    EXPECT_EQ(records[0].service_id, records::service_id);
 }
 
 TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)

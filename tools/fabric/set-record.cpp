@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "host/fabric/umad/libibumad.h"
+#include "records/host-record.h"
 #include "sa-mads.h"
 
 namespace
@@ -41,17 +42,18 @@ bool parse_gid(const char* text, wire_gid_t& gid)
 sa_mad_v2_t make_request(bool remove, char** arguments)
 {
     ib_service_record_v2_t record{};
-    record.service_id = to_wire(uint64_t{0x10000CE100415453});
+    record.service_id = to_wire(records::service_id);
     if (!parse_gid(arguments[0], record.service_gid)) fail("the GID is not one");
     record.service_pkey = to_wire(static_cast<uint16_t>(std::strtoul(arguments[1], nullptr, 0)));
-    std::strcpy(record.service_name, "DAPL Address Translation Service");
+    std::strcpy(record.service_name, records::service_name);
     if (!remove) {
         record.service_lease = to_wire(UINT32_MAX);
-        if (inet_pton(AF_INET, arguments[2], record.service_data8 + 12) != 1) fail("the address is not one");
+        if (inet_pton(AF_INET, arguments[2], record.service_data8 + records::address_offset) != 1)
+            fail("the address is not one");
         record.service_data16[0] = 0x5C;
         record.service_data16[1] = 0x27;
-        // The name runs on from ServiceData32 into ServiceData64; the last two bytes stay zero.
-        char name[30] = {};
+        // The name goes on from ServiceData32 into ServiceData64; the last two bytes stay zero.
+        char name[records::host_name_size] = {};
         std::memcpy(name, arguments[3], strnlen(arguments[3], sizeof name));
         std::memcpy(record.service_data32, name, 16);
         std::memcpy(record.service_data64, name + 16, sizeof name - 16);

@@ -1,5 +1,6 @@
 #include "host/fabric/umad/record-list.h"
 
+#include "records/host-record.h"
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
@@ -13,12 +14,7 @@ namespace umad
 namespace
 {
 
-constexpr uint64_t ats_service_id = 0x10000CE100415453;
-constexpr char ats_service_name[] = "DAPL Address Translation Service";
-constexpr size_t host_name_size = 30; // it runs on from ServiceData32 into ServiceData64
-
-constexpr size_t address_at = 12; // in ServiceData8
-constexpr size_t octets = 4;
+constexpr size_t octets = 4; // of an address
 
 constexpr uint64_t component(int bit)
 {
@@ -32,14 +28,14 @@ struct selection {
 
     selection()
     {
-        like.service_id = to_wire(ats_service_id);
-        std::memcpy(like.service_name, ats_service_name, sizeof ats_service_name);
+        like.service_id = to_wire(records::service_id);
+        std::memcpy(like.service_name, records::service_name, sizeof records::service_name);
     }
 
     void set_octet(size_t i, uint8_t octet)
     {
-        like.service_data8[address_at + i] = octet;
-        mask |= component(SR_COMPONENT_SERVICE_DATA8 + static_cast<int>(address_at + i));
+        like.service_data8[records::address_offset + i] = octet;
+        mask |= component(SR_COMPONENT_SERVICE_DATA8 + static_cast<int>(records::address_offset + i));
     }
     void set_gid(const fabric::gid_bytes& gid)
     {
@@ -49,7 +45,7 @@ struct selection {
     void set_host_name(const std::string& name)
     {
         uint8_t bytes[sizeof like.service_data32 + sizeof like.service_data64] = {};
-        std::memcpy(bytes, name.data(), std::min(name.size(), host_name_size));
+        std::memcpy(bytes, name.data(), std::min(name.size(), records::host_name_size));
         std::memcpy(like.service_data32, bytes, sizeof like.service_data32);
         std::memcpy(like.service_data64, bytes + sizeof like.service_data32, sizeof like.service_data64);
         for (int i = SR_COMPONENT_SERVICE_DATA32; i < SR_COMPONENT_COUNT; ++i) mask |= component(i);
@@ -63,7 +59,7 @@ struct selection {
 std::string address_text(const selection& of)
 {
     char text[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, of.like.service_data8 + address_at, text, sizeof text);
+    return inet_ntop(AF_INET, of.like.service_data8 + records::address_offset, text, sizeof text);
 }
 
 class search
@@ -167,7 +163,7 @@ void put_in_order(std::vector<ib_service_record_v2_t>& records)
 {
     const auto key = [](const ib_service_record_v2_t& record) {
         std::array<uint8_t, octets + sizeof record.service_gid + sizeof record.service_pkey> bytes;
-        std::copy_n(record.service_data8 + address_at, octets, bytes.begin());
+        std::copy_n(record.service_data8 + records::address_offset, octets, bytes.begin());
         std::copy_n(record.service_gid.bytes, sizeof record.service_gid, bytes.begin() + octets);
         std::copy_n(record.service_pkey.bytes, sizeof record.service_pkey, bytes.end() - 2);
         return bytes;
