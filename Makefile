@@ -106,7 +106,7 @@ check-format:
 
 tidy:
 	cmake --preset clang
-	git ls-files 'ib-code/*.cpp' 'host/*.cpp' 'cli/*.cpp' 'records/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
+	git ls-files 'ib-code/*.cpp' 'host/*.cpp' 'cli/*.cpp' 'records/*.cpp' 'console/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
 
 # The module alone, which is what continuous integration has the time for.
 tidy-module:

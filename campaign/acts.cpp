@@ -3,7 +3,7 @@
 #include <array>
 #include <cstring>
 
-#include "campaign/arena.h"
+#include "campaign/tested-fabric.h"
 #include "host/world/published.h"
 #include "host/world/text.h"
 #include "kernel/sync.h"

@@ -4,7 +4,7 @@
 #include <chrono>
 
 #include "campaign/runner.h"
-#include "cli/progress.h"
+#include "console/progress.h"
 #include "host/world/module-folder.h"
 
 namespace

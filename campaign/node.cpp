@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "campaign/arena.h"
+#include "campaign/tested-fabric.h"
 #include "host/exec/print-capture.h"
 #include "host/world/text.h"
 

@@ -11,7 +11,7 @@
 #include "campaign/plan.h"
 #include "campaign/port-model.h"
 #include "campaign/questions.h"
-#include "cli/control-report.h"
+#include "console/control-report.h"
 #include "host/world/host.h"
 
 namespace campaign

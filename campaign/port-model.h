@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "cli/control-report.h"
+#include "console/control-report.h"
 #include "host/exec/task.h"
 #include "host/fabric/fabric.h"
 

@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "campaign/arena.h"
+#include "campaign/tested-fabric.h"
 #include "host/peers/ibat-exports.h"
 #include "host/peers/ucm-exports.h"
 #include "host/world/published.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "campaign/arena.h"
+#include "campaign/tested-fabric.h"
 
 namespace campaign
 {

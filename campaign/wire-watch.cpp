@@ -4,7 +4,7 @@
 #include <bit>
 #include <cstring>
 
-#include "campaign/arena.h"
+#include "campaign/tested-fabric.h"
 #include "records/host-record.h"
 
 namespace campaign

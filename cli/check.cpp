@@ -8,9 +8,9 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "cli/client/show.h"
 #include "cli/commands.h"
-#include "cli/proc-mount.h"
-#include "cli/show.h"
+#include "cli/mount/proc-mount.h"
 #include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
 #include "host/world/module-folder.h"

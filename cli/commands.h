@@ -4,8 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "cli/failure.h"
 #include "cli/usage.h"
+#include "console/failure.h"
 
 namespace cli
 {

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "cli/failure.h"
-#include "cli/suggestion.h"
+#include "console/failure.h"
+#include "console/suggestion.h"
 
 namespace cli
 {

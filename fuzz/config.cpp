@@ -2,8 +2,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "cli/failure.h"
-#include "cli/world-config.h"
+#include "cli/service/world-config.h"
+#include "console/failure.h"
 #include "fuzz/one-host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)

@@ -1,6 +1,6 @@
 // Everything that reads a text but is no file: addresses and GIDs as modules and people write them, module parameters,
 // the ports report. The first byte chooses.
-#include "cli/control-report.h"
+#include "console/control-report.h"
 #include "fuzz/one-host.h"
 #include "host/kernel/module-parameters.h"
 #include "host/world/text.h"

@@ -2,7 +2,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "cli/server.h"
+#include "cli/service/server.h"
 #include "fuzz/one-host.h"
 
 namespace

@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "cli/socket.h"
+#include "cli/socket/socket.h"
 #include "host/exec/sanitizers.h"
 #include "tests/cli/mounting.h"
 #include "tests/cli/program.h"

@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "cli/mount-tree.h"
+#include "cli/mount/mount-tree.h"
 #include "kernel/memory.h"
 #include "kernel/proc.h"
 

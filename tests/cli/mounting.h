@@ -5,8 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "cli/failure.h"
-#include "cli/proc-mount.h"
+#include "cli/mount/proc-mount.h"
+#include "console/failure.h"
 #include "tests/cli/program.h"
 
 // Tries it once, in a process of its own.

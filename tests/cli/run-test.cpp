@@ -1,9 +1,9 @@
 // A day in the life of `ats run`: every client and the mounted files, in one scenario, until it is told to stop.
 #include <fcntl.h>
 
-#include "cli/proc-mount.h"
-#include "cli/show.h"
-#include "cli/socket.h"
+#include "cli/client/show.h"
+#include "cli/mount/proc-mount.h"
+#include "cli/socket/socket.h"
 #include "tests/cli/mounting.h"
 #include "tests/cli/program.h"
 

@@ -2,8 +2,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "cli/service-origin.h"
-#include "cli/socket.h"
+#include "cli/socket/service-origin.h"
+#include "cli/socket/socket.h"
 #include "tests/cli/program.h"
 
 namespace

@@ -1,7 +1,7 @@
 // The configuration of `ats run`: what is read, and what is refused with its line.
-#include "cli/failure.h"
-#include "cli/identity.h"
-#include "cli/world-config.h"
+#include "cli/service/world-config.h"
+#include "console/failure.h"
+#include "console/identity.h"
 #include "tests/cli/program.h"
 
 namespace

@@ -1,8 +1,8 @@
 // What the layer over libibumad decides by itself, without a device.
 #include <gmock/gmock.h>
 
-#include "host/fabric/umad/own-records.h"
 #include "host/fabric/umad/port-watch.h"
+#include "host/fabric/umad/registered-p-keys.h"
 #include "host/fabric/umad/transactions.h"
 #include "tests/fabric/requests.h"
 

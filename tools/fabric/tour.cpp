@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "cli/progress.h"
+#include "console/progress.h"
 #include "tools/fabric/ats-hosts.h"
 
 namespace

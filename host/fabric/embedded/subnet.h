@@ -18,7 +18,7 @@
 #include "host/fabric/embedded/delivery-queue.h"
 #include "host/fabric/embedded/faults.h"
 #include "host/fabric/embedded/subnet-administrator.h"
-#include "host/fabric/embedded/views.h"
+#include "host/fabric/embedded/subnet-views.h"
 #include "host/fabric/fabric.h"
 
 namespace embedded

@@ -8,10 +8,10 @@
 #include <mutex>
 
 #include "host/fabric/umad/device.h"
-#include "host/fabric/umad/own-records.h"
+#include "host/fabric/umad/fabric-context.h"
 #include "host/fabric/umad/port-watch.h"
+#include "host/fabric/umad/registered-p-keys.h"
 #include "host/fabric/umad/sa-remarks.h"
-#include "host/fabric/umad/surroundings.h"
 #include "host/fabric/umad/transactions.h"
 
 namespace umad

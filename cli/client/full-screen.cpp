@@ -1,0 +1,64 @@
+#include "cli/client/full-screen.h"
+
+#include <csignal>
+#include <iostream>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr std::string_view enter_screen = "\033[?1049h\033[?25l"; // the alternate screen, no cursor
+constexpr std::string_view leave_screen = "\033[?25h\033[?1049l";
+constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP};
+
+// Only calls that a signal handler may make.
+void leave_and_end(int signal_number)
+{
+    [[maybe_unused]] const ssize_t ignored = write(STDOUT_FILENO, leave_screen.data(), leave_screen.size());
+    signal(signal_number, SIG_DFL);
+    raise(signal_number);
+}
+
+} // namespace
+
+full_screen::full_screen()
+{
+    for (const int number : ending_signals) signal(number, leave_and_end);
+    std::cout << enter_screen << std::flush;
+}
+
+full_screen::~full_screen()
+{
+    std::cout << leave_screen << std::flush;
+    for (const int number : ending_signals) signal(number, SIG_DFL);
+}
+
+full_screen::size full_screen::window() const
+{
+    winsize found{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &found) != 0 || found.ws_col == 0 || found.ws_row == 0) return {80, 24};
+    return {found.ws_col, found.ws_row};
+}
+
+void full_screen::draw(const std::string& picture) const
+{
+    constexpr std::string_view home = "\033[H";
+    constexpr std::string_view clear_line = "\033[K"; // before its text: after it, the last column would go
+    size_t free_lines = window().lines - 1;
+    std::string drawn = std::string(home) + std::string(clear_line);
+    for (const char each : picture) {
+        drawn += each;
+        if (each != '\n') continue;
+        drawn += clear_line;
+        if (free_lines > 0) --free_lines;
+    }
+    for (; free_lines > 0; --free_lines) drawn += "\n" + std::string(clear_line);
+    std::cout << drawn << std::flush;
+}
+
+} // namespace cli

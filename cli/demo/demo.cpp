@@ -1,0 +1,102 @@
+// `ats demo`: the whole story of the service on one screen, in simulated time.
+
+#include <chrono>
+#include <cstdio>
+#include <iterator>
+#include <unistd.h>
+
+#include "cli/commands.h"
+#include "cli/demo/demo-steps.h"
+#include "host/fabric/capture.h"
+#include "host/world/module-folder.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr struct {
+    const char* title;
+    void (*play)(stage& on);
+} steps[] = {
+    {"Three hosts load IBAT, UCM and ats. Each has one port, node2 has two.", load_modules},
+    {"The links come up: each host makes a port its active one and registers it at the SA.", bring_links_up},
+    {"node1 resolves an address to its GID and back; the way back is in IBAT's cache.", resolve_both_ways},
+    {"An address that nobody has.", ask_for_the_unknown},
+    {"An SA that answers nothing.", ask_a_silent_sa},
+    {"node2 loses its active port, and its other port takes over.", lose_the_active_port},
+    {"The SA forgets node1, which finds out and registers again.", lose_a_record},
+    {"node3 takes node1's address: the SA will not choose between them.", clash_addresses},
+    {"node3 changes its address, but the SA is silent: three tries, then the next self-check.", change_address_unheard},
+    {"node3 changes its name, by its control file, which also reports.", change_name},
+    {"node3 leaves, and can no longer be resolved.", leave},
+    {"Everybody unloads.", unload_modules},
+};
+
+using wall_clock = std::chrono::steady_clock;
+
+double seconds_since(wall_clock::time_point begin)
+{
+    return std::chrono::duration<double>(wall_clock::now() - begin).count();
+}
+
+// Plays all steps, up to the first that fails.
+int play(stage& on)
+{
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        on.begin(i + 1, steps[i].title);
+        try {
+            steps[i].play(on);
+        } catch (const step_failed& wrong) {
+            std::printf("    FAILED. This was to hold, and did not: %s.\n", wrong.what());
+            return exit_failed;
+        } catch (const exec::stalled& stand) {
+            std::printf("    FAILED. The simulation came to a stand:\n%s\n", stand.what());
+            return exit_failed;
+        }
+    }
+    return exit_ok;
+}
+
+int run_demo(const std::string& module_folder, fabric::capture* capture)
+{
+    const auto begin = wall_clock::now();
+    stage on(module_folder, capture, isatty(STDOUT_FILENO) == 1);
+    const int result = play(on);
+    if (result == exit_ok)
+        std::printf("All %zu steps happened: %.1f s of simulated time in %.2f s.\n", std::size(steps),
+                    static_cast<double>(on.time().now()) / 1000, seconds_since(begin));
+    return result;
+}
+
+int run_captured_demo(const std::string& module_folder, const std::string& path)
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    fabric::capture capture(path, static_cast<uint64_t>(now_ms));
+    if (const std::string why = capture.failure(); !why.empty()) throw failure(exit_usage, why);
+    const int result = run_demo(module_folder, &capture);
+    if (const std::string why = capture.close(); !why.empty()) throw failure(exit_failed, why);
+    std::printf("%llu datagrams are in %s: open it with Wireshark, or 'tshark -V -r %s'.\n",
+                static_cast<unsigned long long>(capture.packets()), path.c_str(), path.c_str());
+    return result;
+}
+
+} // namespace
+
+void add_demo(CLI::App& program, int& exit_code)
+{
+    CLI::App* command =
+        program.add_subcommand("demo", "Show the service at work: three hosts on a simulated fabric, in a moment");
+    auto path = std::make_shared<std::string>();
+    auto modules = std::make_shared<std::string>(world::default_module_folder());
+    command->add_option("--capture", *path, "Write every datagram to this file, for Wireshark and tshark")
+        ->option_text("FILE");
+    add_module_folder_option(*command, *modules);
+    command->callback([=, &exit_code] {
+        exit_code = path->empty() ? run_demo(*modules, nullptr) : run_captured_demo(*modules, *path);
+    });
+}
+
+} // namespace cli

@@ -1,0 +1,167 @@
+// The calls of libfuse's low-level interface, which alone tells of interrupted requests.
+
+#include "cli/mount/fuse-calls.h"
+
+#include <cerrno>
+
+#include "kernel/errno.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr double no_caching = 0.0; // entries come and go with the modules that made them
+
+mounted& of(fuse_req_t request)
+{
+    return *static_cast<mounted*>(fuse_req_userdata(request));
+}
+
+std::string join(const std::string& folder, const std::string& name)
+{
+    return folder.empty() ? name : folder + "/" + name;
+}
+
+void on_lookup(fuse_req_t request, fuse_ino_t parent, const char* name)
+{
+    mounted& mount = of(request);
+    const std::string path = join(mount.inodes.path(parent), name);
+    mount_entry found;
+    if (const int result = mount.tree.stat(path, &found); result < 0) {
+        fuse_reply_err(request, -result);
+        return;
+    }
+    fuse_entry_param entry{};
+    entry.attr = mount.attributes(path, found);
+    entry.ino = entry.attr.st_ino;
+    entry.attr_timeout = no_caching;
+    entry.entry_timeout = no_caching;
+    fuse_reply_entry(request, &entry);
+}
+
+void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info*)
+{
+    mounted& mount = of(request);
+    const std::string path = mount.inodes.path(inode);
+    mount_entry found;
+    if (const int result = mount.tree.stat(path, &found); result < 0) {
+        fuse_reply_err(request, -result);
+        return;
+    }
+    const struct stat attributes = mount.attributes(path, found);
+    fuse_reply_attr(request, &attributes, no_caching);
+}
+
+// A shell's `>` truncates before it writes. There is nothing to cut off, and nothing else to change.
+void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat*, int changes, fuse_file_info* file)
+{
+    if ((changes & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
+        fuse_reply_err(request, EPERM);
+    else
+        on_getattr(request, inode, file);
+}
+
+void on_readdir(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info*)
+{
+    mounted& mount = of(request);
+    const std::string path = mount.inodes.path(inode);
+    std::vector<mount_entry> entries;
+    if (const int result = mount.tree.list(path, &entries); result < 0) {
+        fuse_reply_err(request, -result);
+        return;
+    }
+    std::vector<char> answer(size);
+    size_t used = 0;
+    for (size_t i = static_cast<size_t>(offset); i < entries.size(); ++i) {
+        const struct stat attributes = mount.attributes(join(path, entries[i].name), entries[i]);
+        const size_t needs = fuse_add_direntry(request, answer.data() + used, size - used, entries[i].name.c_str(),
+                                               &attributes, static_cast<off_t>(i + 1));
+        if (needs > size - used) break;
+        used += needs;
+    }
+    fuse_reply_buf(request, answer.data(), used);
+}
+
+void on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* file)
+{
+    mounted& mount = of(request);
+    mount_entry found;
+    const std::string path = mount.inodes.path(inode);
+    if (const int result = mount.tree.stat(path, &found); result < 0) {
+        fuse_reply_err(request, -result);
+        return;
+    }
+    const bool writes = (file->flags & O_ACCMODE) != O_RDONLY;
+    if (writes && (found.permissions & 0222) == 0) {
+        fuse_reply_err(request, EACCES);
+        return;
+    }
+    file->fh = mount.logs.add(mount.tree.open_log(path));
+    file->direct_io = 1; // sizes of /proc entries say nothing, and every read asks the module
+    fuse_reply_open(request, file);
+}
+
+void on_release(fuse_req_t request, fuse_ino_t, fuse_file_info* file)
+{
+    of(request).logs.remove(file->fh);
+    fuse_reply_err(request, 0);
+}
+
+void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info* file)
+{
+    mounted& mount = of(request);
+    std::string bytes;
+    int result = 0;
+    if (file->fh != open_logs::no_log) {
+        const auto opened = mount.logs.find(file->fh);
+        const std::lock_guard lock(opened->mutex);
+        bytes = opened->reader->read(static_cast<size_t>(offset), size);
+    } else {
+        result = mount.tree.read_proc(mount.inodes.path(inode), static_cast<size_t>(offset), size, &bytes);
+    }
+    if (result < 0)
+        fuse_reply_err(request, -result);
+    else
+        fuse_reply_buf(request, bytes.data(), bytes.size());
+}
+
+void on_interrupt(fuse_req_t, void* task)
+{
+    exec::send_signal(*static_cast<exec::task*>(task));
+}
+
+void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t size, off_t, fuse_file_info*)
+{
+    mounted& mount = of(request);
+    // libfuse holds the request's lock around on_interrupt, so that none is running once it is withdrawn.
+    const int result = mount.tree.write_proc(
+        mount.inodes.path(inode), std::string(bytes, size),
+        [request](exec::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },
+        [request] { fuse_req_interrupt_func(request, nullptr, nullptr); });
+    if (result == -EK_RESTARTSYS) // a number that only kernels know
+        fuse_reply_err(request, EINTR);
+    else if (result < 0)
+        fuse_reply_err(request, -result);
+    else
+        fuse_reply_write(request, static_cast<size_t>(result));
+}
+
+} // namespace
+
+fuse_lowlevel_ops fuse_calls()
+{
+    fuse_lowlevel_ops ops{};
+    ops.lookup = on_lookup;
+    ops.getattr = on_getattr;
+    ops.setattr = on_setattr;
+    ops.readdir = on_readdir;
+    ops.open = on_open;
+    ops.release = on_release;
+    ops.read = on_read;
+    ops.write = on_write;
+    return ops;
+}
+
+} // namespace cli

@@ -1,0 +1,108 @@
+// The status of every host, gathered from what a host shows to its users: /proc files, published functions, the
+// registry, and the ports of the fabric.
+
+#include <map>
+
+#include "cli/service/registration.h"
+#include "cli/service/requests.h"
+#include "console/control-report.h"
+#include "host/exec/print-capture.h"
+#include "host/peers/ibat-exports.h"
+#include "host/stack/registry.h"
+#include "host/world/published.h"
+#include "host/world/text.h"
+#include "kernel/proc.h"
+#include "kernel/time.h"
+
+namespace cli
+{
+
+namespace
+{
+
+json ibat_status(kernel::machine& machine)
+{
+    const world::published<ibat_cache_list_fn_t> list(machine, "ibat_cache_list_fn");
+    const world::published<ibat_counters_fn_t> count(machine, "ibat_counters_fn");
+    if (!list || !count) return nullptr;
+
+    std::vector<ibat_cache_entry_t> entries(static_cast<size_t>((*list)(nullptr, 0)));
+    const int32_t held = (*list)(entries.data(), static_cast<int32_t>(entries.size()));
+    entries.resize(std::min(entries.size(), static_cast<size_t>(held)));
+    json cache = json::array();
+    for (const ibat_cache_entry_t& entry : entries)
+        cache.push_back({{"address", world::format_ipv4(entry.ip)},
+                         {"gid", entry.is_negative ? json() : json(world::format_gid(entry.gid))},
+                         {"kind", entry.is_static     ? "own"
+                                  : entry.is_negative ? "none"
+                                                      : "learned"},
+                         {"age_seconds", entry.age_ticks / HZ},
+                         {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / HZ)}});
+
+    ibat_counters_t counters;
+    (*count)(&counters);
+    return {{"cache", cache},
+            {"counters",
+             {{"lookups", counters.lookups},
+              {"hits", counters.hits},
+              {"misses", counters.misses},
+              {"requests", counters.requests},
+              {"retries", counters.retries},
+              {"answers", counters.answers},
+              {"negative_answers", counters.negative_answers},
+              {"timeouts", counters.timeouts},
+              {"unsolicited", counters.unsolicited},
+              {"pending", counters.pending}}}};
+}
+
+// What the fabric knows of a port that the module does not report: whether its link is up.
+void add_links(const kernel::machine& machine, json& hcas)
+{
+    std::map<std::pair<std::string, int>, const char*> links;
+    for (fabric::hca* hca : machine.hcas())
+        for (int port = 1; port <= hca->port_count(); ++port)
+            links[{hca->name(), port}] = hca->read_port(port).state == fabric::link_state::active ? "up" : "down";
+    for (json& hca : hcas)
+        for (json& port : hca["ports"]) {
+            const auto link = links.find({hca["name"], port["port"]});
+            port["link"] = link != links.end() ? json(link->second) : json();
+        }
+}
+
+json host_status(world::host& host)
+{
+    kernel::machine& machine = host.machine();
+    json status = {
+        {"name", host.name()}, {"version", "ats is not loaded"}, {"trace", nullptr}, {"hcas", json::array()}};
+    machine.enter("status", [&] {
+        std::string version;
+        if (machine.proc.read("dorvex/ats/version", 0, PROC_PAGE_SIZE, &version) > 0)
+            status["version"] = version.substr(0, version.find('\n'));
+        intptr_t level = 0;
+        if (machine.get<stack::registry>().get("dorvex/modules/ats", "debug-level", &level)) status["trace"] = level;
+
+        exec::print_capture capture(exec::print_capture::instead_of_log);
+        std::string empty;
+        if (machine.proc.read("dorvex/ats/control", 0, PROC_PAGE_SIZE, &empty) >= 0)
+            status.update(parse_control_report(capture.text()));
+        if (json ibat = ibat_status(machine); !ibat.is_null()) status["ibat"] = std::move(ibat);
+    });
+    add_links(machine, status["hcas"]);
+    status["registrations"] = registrations_of(host);
+    return status;
+}
+
+} // namespace
+
+json answer_status(site& at, const json& request)
+{
+    const std::string only = request.value("host", "");
+    json hosts = json::array();
+    if (only.empty())
+        for (const auto& host : at.hosts()) hosts.push_back(host_status(*host));
+    else
+        hosts.push_back(host_status(at.host_named(only)));
+    return {{"fabric", at.is_real() ? "umad" : "embedded"}, {"uptime_seconds", at.uptime().count()}, {"hosts", hosts}};
+}
+
+} // namespace cli

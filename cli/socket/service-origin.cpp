@@ -1,0 +1,97 @@
+#include "cli/socket/service-origin.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+#include "cli/socket/socket.h"
+
+namespace cli
+{
+
+namespace
+{
+
+struct service_origin {
+    long pid = 0;     // 0: unknown
+    std::string unit; // "": started by a person
+};
+
+bool is_there(const std::string& path)
+{
+    std::error_code ignored;
+    return std::filesystem::exists(path, ignored);
+}
+
+// systemd names the process that it started itself; a shell below inherits the variable, but has another ID.
+bool is_started_by_systemd()
+{
+    const char* pid = std::getenv("SYSTEMD_EXEC_PID");
+    return pid != nullptr && std::to_string(getpid()) == pid;
+}
+
+// The last part of the control group's path, as in "0::/system.slice/ats.service".
+std::string unit_of_this_process()
+{
+    constexpr const char* usual = "ats.service";
+    std::ifstream groups("/proc/self/cgroup");
+    for (std::string line; std::getline(groups, line);)
+        if (line.ends_with(".service")) return line.substr(line.rfind('/') + 1);
+    return usual;
+}
+
+service_origin origin_of_service(const std::string& socket_path)
+{
+    service_origin origin;
+    std::ifstream(lock_file_of(socket_path)) >> origin.pid >> origin.unit;
+    return origin;
+}
+
+bool has_installed_unit()
+{
+    if (!is_there("/run/systemd/system")) return false;
+    for (const char* folder : {"/etc", "/usr/local/lib", "/usr/lib", "/lib"})
+        if (is_there(std::string(folder) + "/systemd/system/ats.service")) return true;
+    return false;
+}
+
+} // namespace
+
+std::string lock_file_of(const std::string& socket_path)
+{
+    return socket_path + ".lock";
+}
+
+std::string origin_of_this_process()
+{
+    return std::to_string(getpid()) + (is_started_by_systemd() ? " " + unit_of_this_process() : "") + "\n";
+}
+
+std::string where_to_look(const std::string& socket_path)
+{
+    const service_origin origin = origin_of_service(socket_path);
+    return origin.unit.empty() ? "look at its terminal" : "'journalctl -u " + origin.unit + "' says why";
+}
+
+std::string how_to_wake(const std::string& socket_path)
+{
+    const service_origin origin = origin_of_service(socket_path);
+    if (!origin.unit.empty()) return "'systemctl status " + origin.unit + "' shows it";
+    if (origin.pid == 0) return "is it stopped, or has it no descriptors left?";
+    const std::string pid = std::to_string(origin.pid);
+    return "it is process " + pid + "; if it is stopped, 'kill -CONT " + pid + "' lets it go on";
+}
+
+std::string how_to_start(const std::string& socket_path)
+{
+    const service_origin origin = origin_of_service(socket_path);
+    if (!origin.unit.empty()) return "'systemctl status " + origin.unit + "' says what became of it";
+    if (geteuid() != 0 && socket_path != socket_of_root && is_there(socket_of_root))
+        return std::string("root's is on ") + socket_of_root + ": ask that with sudo, or start your own with 'ats run'";
+    if (socket_path == socket_of_root && has_installed_unit())
+        return "start it with 'systemctl start ats', or name another --socket";
+    return "start one with 'ats run', or name its --socket";
+}
+
+} // namespace cli

@@ -1,0 +1,43 @@
+#include "console/gids.h"
+
+#include "console/failure.h"
+#include "host/world/text.h"
+
+namespace cli
+{
+
+using json = nlohmann::json;
+
+kq_gid_t gid_of(const std::string& text)
+{
+    const auto gid = world::parse_gid(text);
+    if (!gid)
+        throw failure(exit_usage,
+                      quote(text) + " is no GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1");
+    return *gid;
+}
+
+void add_gid6(json& answer)
+{
+    if (answer.is_object() && answer.contains("gid")) {
+        const json& gid = answer["gid"];
+        const auto parsed = gid.is_string() ? world::parse_gid(gid.get<std::string>()) : std::nullopt;
+        answer["gid6"] = parsed ? json(world::format_gid6(*parsed)) : json();
+    }
+    if (answer.is_structured())
+        for (json& part : answer) add_gid6(part);
+}
+
+void use_ipv6_notation(json& answer)
+{
+    constexpr size_t size_of_gid = sizeof "0x" - 1 + 32;
+    if (answer.is_structured()) {
+        for (json& part : answer) use_ipv6_notation(part);
+    } else if (answer.is_string()) {
+        const std::string text = answer.get<std::string>();
+        if (const auto gid = world::parse_gid(text); gid && text.starts_with("0x") && text.size() == size_of_gid)
+            answer = world::format_gid6(*gid);
+    }
+}
+
+} // namespace cli

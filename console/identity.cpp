@@ -1,0 +1,81 @@
+#include "console/identity.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <climits>
+#include <unistd.h>
+
+#include "console/failure.h"
+#include "host/world/printable.h"
+#include "host/world/text.h"
+
+namespace cli
+{
+
+namespace
+{
+
+struct address_range {
+    uint32_t first, last; // host order
+    const char* meaning;
+};
+constexpr address_range no_host_has[] = {
+    {0x00000000, 0x00FFFFFF, "it means 'this network'"},
+    {0x7F000000, 0x7FFFFFFF, "it is a loopback address"},
+    {0xE0000000, 0xEFFFFFFF, "it is a multicast address"},
+    {0xFFFFFFFF, 0xFFFFFFFF, "it is the broadcast address"},
+};
+
+} // namespace
+
+bool is_host_name(const std::string& name)
+{
+    return !name.empty() && name.size() <= longest_host_name_bytes && name != "." && name != ".." &&
+           name.find_first_of(" /\"") == std::string::npos && world::is_printable(name);
+}
+
+std::string host_name_for(const std::string& machine_name, std::vector<std::string>& remarks)
+{
+    const std::string whole = machine_name.substr(0, machine_name.find('.'));
+    std::string name = world::cut_to_bytes(whole, longest_host_name_bytes);
+    if (name != whole)
+        remarks.push_back("this machine's name has " + std::to_string(whole.size()) +
+                          " bytes, and a record carries 30: it registers as " + quote(name) +
+                          "; choose another name with --name, or 'name' in the configuration");
+    return name;
+}
+
+std::string host_name_of_machine(std::vector<std::string>& remarks)
+{
+    char name[HOST_NAME_MAX + 1] = {};
+    gethostname(name, HOST_NAME_MAX);
+    return host_name_for(name, remarks);
+}
+
+uint32_t address_of(const std::string& text, const std::string& place)
+{
+    const auto ip = world::parse_ipv4(text);
+    if (!ip)
+        throw failure(exit_usage,
+                      place + quote(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
+    return *ip;
+}
+
+uint32_t host_address_of(const std::string& text, const std::string& place)
+{
+    const uint32_t ip = address_of(text, place);
+    const auto* const range = std::ranges::find_if(
+        no_host_has, [&](const address_range& each) { return ntohl(ip) >= each.first && ntohl(ip) <= each.last; });
+    if (range != std::end(no_host_has))
+        throw failure(exit_usage, place + quote(text) + " cannot be a host's address: " + range->meaning +
+                                      "; take one that other hosts reach it by, as in 10.0.0.1");
+    return ip;
+}
+
+std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address)
+{
+    return quote(host) + " has the same address as " + quote(other) + ", " + address +
+           ": the SA names no owner of it while both are registered";
+}
+
+} // namespace cli

@@ -1,0 +1,53 @@
+#include "console/suggestion.h"
+
+#include <algorithm>
+
+namespace cli
+{
+
+namespace
+{
+
+// The edit distance of two words: letters changed, left out, inserted, or swapped with their neighbour.
+size_t distance_between(const std::string& a, const std::string& b)
+{
+    std::vector<std::vector<size_t>> distances(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) {
+        for (size_t j = 0; j <= b.size(); ++j) {
+            size_t& distance = distances[i][j];
+            distance = std::max(i, j);
+            if (i == 0 || j == 0) continue;
+            distance = std::min({distances[i - 1][j] + 1, distances[i][j - 1] + 1,
+                                 distances[i - 1][j - 1] + (a[i - 1] != b[j - 1] ? 1 : 0)});
+            const bool is_swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+            if (is_swapped) distance = std::min(distance, distances[i - 2][j - 2] + 1);
+        }
+    }
+    return distances[a.size()][b.size()];
+}
+
+} // namespace
+
+std::string nearest_word(const std::string& typed, const std::vector<std::string>& known)
+{
+    constexpr size_t most_wrong = 2;
+    constexpr size_t longest_word = 40; // a longer word is not a typing error
+    if (typed.size() > longest_word) return "";
+    std::string nearest;
+    size_t fewest = most_wrong + 1;
+    for (const std::string& word : known) {
+        const size_t wrong = distance_between(typed, word);
+        if (wrong >= fewest || wrong * 3 > word.size()) continue;
+        fewest = wrong;
+        nearest = word;
+    }
+    return nearest;
+}
+
+std::string suggestion_for(const std::string& typed, const std::vector<std::string>& known)
+{
+    const std::string word = nearest_word(typed, known);
+    return word.empty() ? "" : "; did you mean '" + word + "'?";
+}
+
+} // namespace cli
