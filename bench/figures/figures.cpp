@@ -12,7 +12,7 @@
 #include "bench/bench-world.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
-#include "ib-code/ats/ats-sa-mad.cpp"
+#include "ib-code/ats/ats-sa.h"
 
 std::atomic<int32_t> ATS_trace_level;
 std::atomic<int32_t> logger_trace_level;
@@ -160,7 +160,7 @@ int repeat(const std::string& step, int count)
         static gsi_dtgrm_t datagram{};
         context.ib_ports[0].ats_context = &context;
         for (int i = 0; i < (step == "encode" ? count : 1); ++i)
-            encode(&datagram, &context, &context.ib_ports[0], ATS_SET_SR_OP, nullptr, 1, 0, 0);
+            ats_sa_encode_mad(&datagram, &context, &context.ib_ports[0], ATS_SET_SR_OP, nullptr, 1, 0, 0);
         for (int i = 0; i < (step == "decode" ? count : 0); ++i)
             ats_sa_gsi_decode_recv_dtgrm(&context.ib_ports[0], &datagram);
         return 0;

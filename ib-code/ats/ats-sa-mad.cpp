@@ -75,43 +75,6 @@ void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
     dtgrm->static_rate = 0;
 }
 
-// Fills a datagram with a request that leaves through `port`.
-void encode(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
-            const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table)
-{
-    memset(dtgrm->mad, 0, sizeof dtgrm->mad);
-    address_to_sa(dtgrm, port);
-
-    sa_mad_v2_t& mad = sa_mad_of(dtgrm);
-    mad.hdr.base_ver = MAD_BASE_VERSION;
-    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
-    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
-    mad.hdr.attrib_id = SA_ATTR_SERVICE_RECORD;
-    mad.payload_len = to_wire(payload_length);
-
-    ib_service_record_v2_t& record = service_record_of(mad);
-    ntoh(&record.service_id, &ats->service_id, sizeof ats->service_id);
-    memcpy(record.service_name, service_name, sizeof service_name);
-    uint64_t component_mask = mask_by_gid;
-    if (is_set) {
-        mad.hdr.m.method = MAD_METHOD_SET;
-        component_mask = mask_of_set;
-        fill_set(record, ats, port);
-    } else if (!is_get) {
-        mad.hdr.m.method = MAD_METHOD_DELETE;
-        fill_gid(record, ats->sm_registered_gid.load());
-    } else {
-        mad.hdr.m.method = is_table ? MAD_METHOD_GET_TABLE : MAD_METHOD_GET;
-        if (op == ATS_GET_SR_ARP_OP) {
-            component_mask = mask_by_address;
-            memcpy(record.service_data8 + address_offset, &arp_data->dst_ip, sizeof arp_data->dst_ip);
-        } else {
-            fill_gid(record, arp_data->gid);
-        }
-    }
-    ntoh(&mad.component_mask, &component_mask, sizeof component_mask);
-}
-
 struct quarters_t { // the four quarters of a 16-byte field, read in host order
     uint32_t number[4];
 };
@@ -152,6 +115,42 @@ bool is_other_sa_attribute(uint16_t attrib_id)
 
 } // namespace
 
+void ats_sa_encode_mad(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+                       const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table)
+{
+    memset(dtgrm->mad, 0, sizeof dtgrm->mad);
+    address_to_sa(dtgrm, port);
+
+    sa_mad_v2_t& mad = sa_mad_of(dtgrm);
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.attrib_id = SA_ATTR_SERVICE_RECORD;
+    mad.payload_len = to_wire(payload_length);
+
+    ib_service_record_v2_t& record = service_record_of(mad);
+    ntoh(&record.service_id, &ats->service_id, sizeof ats->service_id);
+    memcpy(record.service_name, service_name, sizeof service_name);
+    uint64_t component_mask = mask_by_gid;
+    if (is_set) {
+        mad.hdr.m.method = MAD_METHOD_SET;
+        component_mask = mask_of_set;
+        fill_set(record, ats, port);
+    } else if (!is_get) {
+        mad.hdr.m.method = MAD_METHOD_DELETE;
+        fill_gid(record, ats->sm_registered_gid.load());
+    } else {
+        mad.hdr.m.method = is_table ? MAD_METHOD_GET_TABLE : MAD_METHOD_GET;
+        if (op == ATS_GET_SR_ARP_OP) {
+            component_mask = mask_by_address;
+            memcpy(record.service_data8 + address_offset, &arp_data->dst_ip, sizeof arp_data->dst_ip);
+        } else {
+            fill_gid(record, arp_data->gid);
+        }
+    }
+    ntoh(&mad.component_mask, &component_mask, sizeof component_mask);
+}
+
 int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                                                   const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
                                                   uint8_t is_table, gsi_dtgrm_t** dt)
@@ -160,7 +159,7 @@ int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, cons
         ATS_ERROR("gsi_dtgrm_pool_get() failed <%d>\n", result);
         return -1;
     }
-    encode(*dt, ats, port, op, arp_data, is_set, is_get, is_table);
+    ats_sa_encode_mad(*dt, ats, port, op, arp_data, is_set, is_get, is_table);
     return 0;
 }
 

@@ -15,6 +15,10 @@ inline sa_mad_v2_t& sa_mad_of(gsi_dtgrm_t* dtgrm)
     return *reinterpret_cast<sa_mad_v2_t*>(dtgrm->mad);
 }
 
+// Fills a datagram with a request that leaves through `port`; the arguments are those of the next function.
+void ats_sa_encode_mad(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
+                       const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table);
+
 // Takes a datagram from the context's pool and encodes a request in it. Only `is_set`, `is_get` and, for a lookup,
 // whether `op` is ATS_GET_SR_ARP_OP decide what it asks. The caller passes the port that it has read once,
 // because the active port may change at any moment. 0, or -1 with no datagram taken.
