@@ -82,18 +82,18 @@ struct finding {
 finding examine(node& at)
 {
     finding found;
-    const cli::json shown = at.read_control();
+    const console::json shown = at.read_control();
     if (shown.is_null()) return found;
     const records_t records = at.in.net.save_records();
     if (shown.size() != at.hcas.size()) found.flaws.push_back({"it does not serve each HCA"});
     for (size_t i = 0; i < shown.size(); ++i) {
-        const cli::json& active = shown[i]["active_port"];
+        const console::json& active = shown[i]["active_port"];
         ++at.in.done.truths;
         if (active.is_null() == at.has_link(i)) {
             found.flaws.push_back(
                 {active.is_null() ? "no port is active in spite of a link" : "a port is active without a link"});
         } else if (!active.is_null()) {
-            const cli::json& port = shown[i]["ports"][active.get<size_t>() - 1];
+            const console::json& port = shown[i]["ports"][active.get<size_t>() - 1];
             found.gids.push_back(port["gid"]);
             if (flaw wrong = flaw_of(at, i, port["gid"], port["address"], records); !wrong.what.empty())
                 found.flaws.push_back(wrong);
@@ -132,7 +132,7 @@ void bring_hosts_up(arena& in)
     for (node& each : in.hosts) {
         each.machine().enter("insmod", [&] {
             // Loaded when the HCAs could not be listed, it serves none.
-            if (each.may_be_misread && each.read_control() == cli::json::array()) each.unload("ats");
+            if (each.may_be_misread && each.read_control() == console::json::array()) each.unload("ats");
             if (!each.is_live() && (in.what.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})
                 if (!each.machine().modules.is_loaded(module)) each.load(module);

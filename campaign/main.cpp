@@ -124,7 +124,7 @@ int run(const request& asked)
 {
     const auto begun = std::chrono::steady_clock::now();
     uint64_t failed = 0, ended = 0;
-    cli::progress shown;
+    console::progress shown;
     stop_when_interrupted();
     const auto enough = [&](uint64_t begun_seeds, const figures& done) {
         const double hours = static_cast<double>(done.simulated_ticks) / ticks_per_hour;

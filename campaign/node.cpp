@@ -27,10 +27,10 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
 }
 
 // The one active port is that which is said to be.
-std::string contradiction_in(const cli::json& hca)
+std::string contradiction_in(const console::json& hca)
 {
-    cli::json active; // null: none
-    for (const cli::json& port : hca["ports"]) {
+    console::json active; // null: none
+    for (const console::json& port : hca["ports"]) {
         if (port["state"] != "Active") continue;
         if (!active.is_null()) return "there are two active ports";
         active = port["port"];
@@ -131,7 +131,7 @@ bool node::write_control(const std::string& text, std::string* said)
     return taken == static_cast<int>(text.size());
 }
 
-cli::json node::read_control()
+console::json node::read_control()
 {
     std::string file, text;
     {
@@ -139,7 +139,7 @@ cli::json node::read_control()
         if (machine().proc.read(control_file, 0, 1, &file) < 0) return nullptr;
         text = capture.text();
     }
-    const cli::json shown = cli::parse_control_report(text)["hcas"];
+    const console::json shown = console::parse_control_report(text)["hcas"];
     for (size_t i = 0; i < shown.size(); ++i) {
         std::string wrong = contradiction_in(shown[i]);
         if (wrong.empty() && i < models.size()) wrong = models[i].compare(shown[i]);

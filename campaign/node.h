@@ -44,7 +44,7 @@ struct node {
     // The control file, from a task of the host. write: whether it was taken, with what was logged about it. read: the
     // HCAs as its report shows them, after a look for contradictions; null when there is no such file.
     bool write_control(const std::string& text, std::string* said = nullptr);
-    cli::json read_control();
+    console::json read_control();
 
     // Loads a module with the present identity, or unloads it; from a task of the host.
     bool load(const std::string& module);

@@ -110,7 +110,7 @@ std::string port_model::sent(const exec::task& by, uint8_t method, const fabric:
     return "";
 }
 
-std::string port_model::compare(const cli::json& shown_hca) const
+std::string port_model::compare(const console::json& shown_hca) const
 {
     static const char* const names[] = {"Down", "UP", "Active"};
     if (!is_on_) return "";

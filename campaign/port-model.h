@@ -29,7 +29,7 @@ class port_model
     // `link_is_sure`.
     std::string logged(const exec::task& by, const std::string& line, bool link_is_sure);
     std::string sent(const exec::task& by, uint8_t method, const fabric::gid_bytes& gid);
-    std::string compare(const cli::json& shown_hca) const;
+    std::string compare(const console::json& shown_hca) const;
 
   private:
     std::string event(const std::string& line);

@@ -8,9 +8,12 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "cli/check.h"
 #include "cli/client/show.h"
-#include "cli/commands.h"
 #include "cli/mount/proc-mount.h"
+#include "console/failure.h"
+#include "console/table.h"
+#include "console/usage.h"
 #include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
 #include "host/world/module-folder.h"
@@ -153,12 +156,12 @@ void check_fuse(report& to)
 void show(const report& found, bool as_json)
 {
     if (!as_json) {
-        std::cout << format_table(found.rows(), 0);
+        std::cout << console::format_table(found.rows(), 0);
         return;
     }
     json checks = json::array();
     for (const auto& row : found.rows()) checks.push_back({{"verdict", row[0]}, {"what", row[1]}, {"text", row[2]}});
-    show_json(std::cout, {{"fit", found.is_fit()}, {"checks", checks}});
+    console::show_json(std::cout, {{"fit", found.is_fit()}, {"checks", checks}});
 }
 
 } // namespace
@@ -170,14 +173,14 @@ void add_check(CLI::App& program, int& exit_code)
     auto modules = std::make_shared<std::string>(world::default_module_folder());
     auto as_json = std::make_shared<bool>(false);
     command->add_flag("--json", *as_json, "Print JSON")->option_text(" ");
-    add_module_folder_option(*command, *modules);
+    console::add_module_folder_option(*command, *modules);
     command->callback([=, &exit_code] {
         report found;
         check_modules(found, *modules);
         check_fabric(found);
         check_fuse(found);
         show(found, *as_json);
-        exit_code = found.is_fit() ? exit_ok : exit_failed;
+        exit_code = found.is_fit() ? console::exit_ok : console::exit_failed;
     });
 }
 

@@ -4,8 +4,12 @@
 #include <new>
 #include <nlohmann/json.hpp>
 
-#include "cli/commands.h"
-#include "cli/usage.h"
+#include "cli/check.h"
+#include "cli/client/client-commands.h"
+#include "cli/demo/demo.h"
+#include "cli/service/run.h"
+#include "console/failure.h"
+#include "console/usage.h"
 #include "host/world/printable.h"
 
 namespace
@@ -37,24 +41,24 @@ int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
         return exit_code;
     } catch (const CLI::Success& shown) { // --help and --version
         if (program.remaining().empty()) return program.exit(shown);
-        complain(cli::complaint_about(program, shown));
-        return cli::exit_usage;
+        complain(console::complaint_about(program, shown));
+        return console::exit_usage;
     } catch (const CLI::ParseError& wrong) {
-        complain(cli::complaint_about(program, wrong));
-        return cli::exit_usage;
-    } catch (const cli::failure& failed) {
+        complain(console::complaint_about(program, wrong));
+        return console::exit_usage;
+    } catch (const console::failure& failed) {
         complain(failed.what());
         return failed.code;
     } catch (const nlohmann::json::exception&) {
         std::fputs("ats: the service gave an answer that this command does not understand: are both of one version?\n",
                    stderr);
-        return cli::exit_unreachable;
+        return console::exit_unreachable;
     } catch (const std::bad_alloc&) {
         std::fputs("ats: the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)\n", stderr);
-        return cli::exit_failed;
+        return console::exit_failed;
     } catch (const std::exception& failed) {
         complain(failed.what());
-        return cli::exit_failed;
+        return console::exit_failed;
     }
 }
 
@@ -64,7 +68,7 @@ int after_output(int exit_code)
     const bool is_whole = std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     if (is_whole) return exit_code;
     std::fputs("ats: not all of the output could be written\n", stderr);
-    return exit_code == cli::exit_ok ? cli::exit_failed : exit_code;
+    return exit_code == console::exit_ok ? console::exit_failed : exit_code;
 }
 
 } // namespace
@@ -87,16 +91,17 @@ int main(int argc, char** argv)
     program.set_version_flag("-v,--version", "ats " ATS_VERSION);
     program.require_subcommand(1);
 
-    int exit_code = cli::exit_ok;
+    int exit_code = console::exit_ok;
     cli::add_demo(program, exit_code);
     cli::add_run(program, exit_code);
     cli::add_check(program, exit_code);
-    cli::add_clients(program, exit_code);
+    cli::add_queries(program, exit_code);
+    cli::add_orders(program, exit_code);
     program.add_subcommand("help", "Say how to use ats, or a command of it: ats help COMMAND");
     program.add_subcommand("version", "Print the version");
     if (argc < 2) {
         std::fputs(program.help().c_str(), stderr);
-        return cli::exit_usage;
+        return console::exit_usage;
     }
     return after_output(run(program, as_options({argv + 1, argv + argc}), exit_code));
 }

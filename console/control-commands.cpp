@@ -4,14 +4,14 @@
 #include <array>
 #include <sstream>
 
-#include "cli/client/show.h"
 #include "console/failure.h"
 #include "console/gids.h"
 #include "console/log-filter.h"
 #include "console/suggestion.h"
+#include "console/table.h"
 #include "host/world/text.h"
 
-namespace cli
+namespace console
 {
 
 namespace
@@ -111,4 +111,4 @@ bool is_complaint(std::string_view output)
     return false;
 }
 
-} // namespace cli
+} // namespace console

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace cli
+namespace console
 {
 
 // The commands with their arguments and what each does, for people.
@@ -23,4 +23,4 @@ std::string control_warning(const std::string& line);
 // warnings do not.
 bool is_complaint(std::string_view output);
 
-} // namespace cli
+} // namespace console

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <sstream>
 
-namespace cli
+namespace console
 {
 
 namespace
@@ -60,4 +60,4 @@ json parse_control_report(const std::string& text)
     return report;
 }
 
-} // namespace cli
+} // namespace console

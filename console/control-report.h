@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-namespace cli
+namespace console
 {
 
 using json = nlohmann::json;
@@ -13,4 +13,4 @@ using json = nlohmann::json;
 // "received"}]}], "verification": {"period", "skew"}}. Lines that are not of the report are passed over.
 json parse_control_report(const std::string& text);
 
-} // namespace cli
+} // namespace console

@@ -6,7 +6,7 @@
 
 #include "host/world/printable.h"
 
-namespace cli
+namespace console
 {
 
 // The same for every subcommand; `ats --help` and ats(8) list them.
@@ -31,4 +31,4 @@ inline std::string quote(const std::string& word)
     return word.size() <= longest ? "'" + shown + "'" : "'" + shown + "...'";
 }
 
-} // namespace cli
+} // namespace console

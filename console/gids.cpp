@@ -3,7 +3,7 @@
 #include "console/failure.h"
 #include "host/world/text.h"
 
-namespace cli
+namespace console
 {
 
 using json = nlohmann::json;
@@ -40,4 +40,4 @@ void use_ipv6_notation(json& answer)
     }
 }
 
-} // namespace cli
+} // namespace console

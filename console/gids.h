@@ -7,7 +7,7 @@
 
 #include "ib-types.h"
 
-namespace cli
+namespace console
 {
 
 // Reads a GID in either notation. Throws a failure of exit_usage when it is none.
@@ -19,4 +19,4 @@ void add_gid6(nlohmann::json& answer);
 // Rewrites every text that is a GID of 32 hexadecimal digits and nothing else like an IPv6 address, at any depth.
 void use_ipv6_notation(nlohmann::json& answer);
 
-} // namespace cli
+} // namespace console

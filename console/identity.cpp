@@ -9,7 +9,7 @@
 #include "host/world/printable.h"
 #include "host/world/text.h"
 
-namespace cli
+namespace console
 {
 
 namespace
@@ -78,4 +78,4 @@ std::string shared_address_warning(const std::string& host, const std::string& o
            ": the SA names no owner of it while both are registered";
 }
 
-} // namespace cli
+} // namespace console

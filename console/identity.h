@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace cli
+namespace console
 {
 
 // The longest host name that fits into a ServiceRecord, in bytes.
@@ -33,4 +33,4 @@ uint32_t host_address_of(const std::string& text, const std::string& place = "")
 // The warning that two hosts of a fabric have one address, which is then nobody's.
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);
 
-} // namespace cli
+} // namespace console

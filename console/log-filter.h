@@ -4,7 +4,7 @@
 #include <array>
 #include <string_view>
 
-namespace cli
+namespace console
 {
 
 constexpr int trace_level_everything = 5;
@@ -20,4 +20,4 @@ inline int trace_level_of(std::string_view line)
     return 0;
 }
 
-} // namespace cli
+} // namespace console

@@ -6,7 +6,7 @@
 #include <string>
 #include <unistd.h>
 
-namespace cli
+namespace console
 {
 
 class progress
@@ -37,4 +37,4 @@ class progress
     bool is_empty_ = true;
 };
 
-} // namespace cli
+} // namespace console

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace cli
+namespace console
 {
 
 namespace
@@ -50,4 +50,4 @@ std::string suggestion_for(const std::string& typed, const std::vector<std::stri
     return word.empty() ? "" : "; did you mean '" + word + "'?";
 }
 
-} // namespace cli
+} // namespace console

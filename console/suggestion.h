@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace cli
+namespace console
 {
 
 // The one of `known` that takes the fewest letters to change, leave out, insert or swap with the next one; "" when
@@ -14,4 +14,4 @@ std::string nearest_word(const std::string& typed, const std::vector<std::string
 // "; did you mean 'WORD'?", or "".
 std::string suggestion_for(const std::string& typed, const std::vector<std::string>& known);
 
-} // namespace cli
+} // namespace console

@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     try {
         const cli::world_config read = cli::read_world_config(path);
         fuzz::require(!read.hosts.empty(), "a configuration without hosts was accepted");
-    } catch (const cli::failure&) {
+    } catch (const console::failure&) {
         // It said what is wrong.
     }
     return 0;

@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         read_as_people_write(text);
         break;
     default:
-        cli::parse_control_report(text);
+        console::parse_control_report(text);
     }
     at.check();
     return 0;

@@ -1,7 +1,7 @@
 // The commands that ask a running service.
 #pragma once
 
-#include "cli/commands.h"
+#include <CLI/CLI.hpp>
 
 namespace cli
 {

@@ -1,4 +1,6 @@
 #include "cli/client/client.h"
+#include "console/table.h"
+#include "console/usage.h"
 
 #include <iostream>
 
@@ -19,7 +21,7 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
     command
         .add_option("--timeout", options->timeout_seconds,
                     "Give up on a service without a sign of life for so long (default: 5)")
-        ->check(number_from(0.1, 3600.0))
+        ->check(console::number_from(0.1, 3600.0))
         ->option_text("SECONDS");
     return options;
 }
@@ -27,13 +29,13 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
 void add_gid_format_option(CLI::App& command, client_options& options)
 {
     command.add_option("--gid-format", options.gid_format, "Write GIDs as hex (default) or like ipv6 addresses")
-        ->check(one_of({"hex", "ipv6"}))
+        ->check(console::one_of({"hex", "ipv6"}))
         ->option_text("FORMAT");
 }
 
 json in_wanted_notation(json answer, const client_options& options)
 {
-    if (options.gid_format == "ipv6") use_ipv6_notation(answer);
+    if (options.gid_format == "ipv6") console::use_ipv6_notation(answer);
     return answer;
 }
 
@@ -50,7 +52,7 @@ json client::ask(json request)
     try {
         line = request.dump();
     } catch (const json::type_error&) {
-        throw failure(exit_usage, "an argument holds bytes that are no text (UTF-8)");
+        throw console::failure(console::exit_usage, "an argument holds bytes that are no text (UTF-8)");
     }
     channel_.write(line); // whether it got there shows in the answer
     return next();
@@ -63,12 +65,12 @@ json client::next()
     while ((got = channel_.read(line, half_timeout_)) == line_channel::outcome::silent)
         if (!is_alive()) throw no_sign_of_life(options_.socket, 2 * half_timeout_);
     if (got == line_channel::outcome::gone)
-        throw failure(exit_unreachable,
-                      "the service on " + options_.socket + " hung up: " + where_to_look(options_.socket));
+        throw console::failure(console::exit_unreachable,
+                               "the service on " + options_.socket + " hung up: " + where_to_look(options_.socket));
     json answer = json::parse(line, nullptr, false);
     if (!answer.is_object())
-        throw failure(exit_unreachable,
-                      "what listens on " + options_.socket + " is no 'ats run': name another --socket");
+        throw console::failure(console::exit_unreachable,
+                               "what listens on " + options_.socket + " is no 'ats run': name another --socket");
     return answer;
 }
 
@@ -80,7 +82,7 @@ bool client::is_alive() const
         std::string line;
         second.write(R"({"request":"ping"})");
         return second.read(line, half_timeout_) != line_channel::outcome::silent;
-    } catch (const failure&) {
+    } catch (const console::failure&) {
         return false;
     }
 }
@@ -88,8 +90,8 @@ bool client::is_alive() const
 void throw_if_refused(const json& answer)
 {
     if (answer.contains("error"))
-        throw failure(static_cast<exit_code>(answer.value("exit_code", int{exit_failed})),
-                      answer["error"].get<std::string>());
+        throw console::failure(static_cast<console::exit_code>(answer.value("exit_code", int{console::exit_failed})),
+                               answer["error"].get<std::string>());
 }
 
 void ask_and_show(const client_options& options, const json& request, void (*show)(std::ostream&, const json&))
@@ -98,7 +100,7 @@ void ask_and_show(const client_options& options, const json& request, void (*sho
     const json answer = service.ask(request);
     throw_if_refused(answer);
     if (options.as_json)
-        show_json(std::cout, answer);
+        console::show_json(std::cout, answer);
     else
         show(std::cout, in_wanted_notation(answer, options));
 }

@@ -8,8 +8,8 @@
 #include <ostream>
 #include <string>
 
-#include "cli/commands.h"
 #include "cli/socket/socket.h"
+#include <CLI/CLI.hpp>
 
 namespace cli
 {

@@ -1,4 +1,6 @@
 #include "cli/client/client-commands.h"
+#include "console/table.h"
+#include "console/usage.h"
 
 #include <iostream>
 
@@ -41,17 +43,17 @@ void add_flush(CLI::App& program)
 
 int run_control(const client_options& common, const std::vector<std::string>& words)
 {
-    const std::string line = control_line(words);
+    const std::string line = console::control_line(words);
     const json answer = client(common).ask({{"request", "control"}, {"command", line}});
     throw_if_refused(answer);
     if (common.as_json)
-        show_json(std::cout, answer);
+        console::show_json(std::cout, answer);
     else
         show_output(std::cout, answer);
-    if (answer.value("failed", false)) return exit_failed;
-    if (const std::string warning = control_warning(line); !warning.empty())
+    if (answer.value("failed", false)) return console::exit_failed;
+    if (const std::string warning = console::control_warning(line); !warning.empty())
         std::cerr << "ats: " << world::printable_lines(warning) << '\n';
-    return exit_ok;
+    return console::exit_ok;
 }
 
 void add_control(CLI::App& program, int& exit_code)
@@ -65,7 +67,7 @@ void add_control(CLI::App& program, int& exit_code)
     auto common = add_client_options(*command, one_host);
     command->callback([=, &exit_code] {
         if (*is_list || *words == std::vector<std::string>{"help"})
-            std::cout << list_control_commands();
+            std::cout << console::list_control_commands();
         else
             exit_code = run_control(*common, *words);
     });
@@ -77,7 +79,7 @@ void add_trace(CLI::App& program)
     auto level = std::make_shared<int>();
     command->add_option("LEVEL", *level, "0 nothing, 1 errors, 2 warnings, 4 progress, 5 everything")
         ->required()
-        ->check(number_from(0, 5))
+        ->check(console::number_from(0, 5))
         ->option_text(" ");
     auto common = add_client_options(*command, "On this host only (default: all hosts)");
     command->callback([=] { ask_and_show(*common, {{"request", "trace"}, {"level", *level}}, show_done); });
@@ -125,7 +127,7 @@ void add_sa(CLI::App& program, int& exit_code)
                   "The ServiceGID (default: all records)");
     add_sa_action(*sa, "silence", "Make it answer nothing, or answer again", "state", "STATE", "on or off")
         ->required()
-        ->check(one_of({"on", "off"}));
+        ->check(console::one_of({"on", "off"}));
     add_sa_action(*sa, "status", "Make it answer everything with a status word", "word", "WORD",
                   "16 bits, as in 0x0300; 0 to answer as it should again")
         ->required();
@@ -144,12 +146,6 @@ void add_orders(CLI::App& program, int& exit_code)
                      "As in 10.0.0.9");
     add_link(program);
     add_sa(program, exit_code);
-}
-
-void add_clients(CLI::App& program, int& exit_code)
-{
-    add_queries(program, exit_code);
-    add_orders(program, exit_code);
 }
 
 } // namespace cli

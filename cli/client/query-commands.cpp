@@ -1,4 +1,6 @@
 #include "cli/client/client-commands.h"
+#include "console/table.h"
+#include "console/usage.h"
 
 #include <chrono>
 #include <iostream>
@@ -38,7 +40,7 @@ bool is_yes(const json& answer)
 // True if `resolve` takes the text for a host name. A text of digits and points is an address, perhaps a mistyped one.
 bool is_name_to_resolve(const std::string& asked)
 {
-    return asked.find_first_not_of("0123456789.") != std::string::npos && is_host_name(asked);
+    return asked.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(asked);
 }
 
 // The SA's answer about a host name: one for every record of that name, as the answers about addresses are.
@@ -69,7 +71,8 @@ json resolve_one(client& service, const resolve_options& options, const std::str
                  const std::string& asked)
 {
     if (request == "resolve" && is_name_to_resolve(asked)) {
-        if (options.cached) throw failure(exit_usage, "--cached is for addresses: no cache knows host names");
+        if (options.cached)
+            throw console::failure(console::exit_usage, "--cached is for addresses: no cache knows host names");
         return resolve_name(service, asked);
     }
     return json::array(
@@ -82,14 +85,14 @@ int run_resolutions(const client_options& common, const resolve_options& options
 {
     client service(common);
     json answers = json::array();
-    int worst = exit_ok;
+    int worst = console::exit_ok;
     for (const std::string& asked : options.asked)
         for (json& answer : resolve_one(service, options, request, key, asked)) {
             answer["asked"] = asked;
             if (answer.contains("error"))
-                worst = std::max<int>(worst, answer.value("exit_code", int{exit_failed}));
+                worst = std::max<int>(worst, answer.value("exit_code", int{console::exit_failed}));
             else if (!is_yes(answer))
-                worst = std::max<int>(worst, exit_failed);
+                worst = std::max<int>(worst, console::exit_failed);
             if (common.as_json)
                 answers.push_back(answer);
             else if (answer.contains("error"))
@@ -97,7 +100,7 @@ int run_resolutions(const client_options& common, const resolve_options& options
             else
                 show_resolution(std::cout, in_wanted_notation(answer, common));
         }
-    if (common.as_json) show_json(std::cout, answers);
+    if (common.as_json) console::show_json(std::cout, answers);
     return worst;
 }
 
@@ -128,7 +131,7 @@ void watch_status(const client_options& common)
         const json answer = service.ask({{"request", "status"}});
         throw_if_refused(answer);
         if (common.as_json) {
-            show_json(std::cout, answer, on_one_line);
+            console::show_json(std::cout, answer, on_one_line);
             std::cout << std::flush;
         } else if (isatty(STDOUT_FILENO) == 1) {
             if (!screen) screen.emplace();
@@ -159,7 +162,7 @@ void add_status(CLI::App& program)
 
 struct log_options {
     bool follow = false;
-    int level = trace_level_everything;
+    int level = console::trace_level_everything;
 };
 
 std::string log_text(const json& line)
@@ -175,7 +178,7 @@ void show_log(const client_options& common, const log_options& options)
     throw_if_refused(line);
     for (; !line.contains("end"); line = service.next()) {
         if (common.as_json)
-            show_json(std::cout, line, on_one_line);
+            console::show_json(std::cout, line, on_one_line);
         else
             std::cout << world::printable_lines(log_text(line)) << '\n';
         if (options.follow && !std::cout.flush()) return;
@@ -190,7 +193,7 @@ void add_log(CLI::App& program)
     command
         ->add_option("--level", options->level,
                      "Only trace lines up to this level: 1 errors, 2 warnings, 4 progress, 5 all (default)")
-        ->check(number_from(0, trace_level_everything))
+        ->check(console::number_from(0, console::trace_level_everything))
         ->option_text("N");
     auto common = add_client_options(*command, one_host);
     command->callback([=] { show_log(*common, *options); });

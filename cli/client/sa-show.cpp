@@ -1,10 +1,12 @@
 #include "cli/client/sa-show.h"
+#include "console/table.h"
 
 #include <iostream>
 
 #include "cli/client/client.h"
 #include "cli/client/show.h"
 #include "console/gids.h"
+#include "console/record-answer.h"
 #include "host/fabric/embedded/service-records.h"
 #include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
@@ -30,10 +32,12 @@ umad::record_filter filter_of(const show_options& options)
     umad::record_filter filter;
     if (!options.address.empty()) {
         filter.address = world::parse_ipv4(options.address);
-        if (!filter.address) throw failure(exit_usage, quote(options.address) + " is no IPv4 address like 10.0.0.1");
+        if (!filter.address)
+            throw console::failure(console::exit_usage,
+                                   console::quote(options.address) + " is no IPv4 address like 10.0.0.1");
     }
     if (!options.gid.empty()) {
-        filter.gid = std::to_array(to_wire(gid_of(options.gid)).bytes);
+        filter.gid = std::to_array(to_wire(console::gid_of(options.gid)).bytes);
     }
     if (!options.name.empty()) filter.host_name = options.name;
     return filter;
@@ -42,13 +46,13 @@ umad::record_filter filter_of(const show_options& options)
 json ask_real_sa(const show_options& options, const umad::record_filter& filter)
 {
     const umad::opened_sa_client opened = umad::open_sa_client(options.hca, options.port);
-    if (!opened.client) throw failure(exit_failed, opened.why);
+    if (!opened.client) throw console::failure(console::exit_failed, opened.why);
     const umad::record_list list = umad::list_records(*opened.client, filter);
-    if (!list.why.empty()) throw failure(exit_failed, list.why);
+    if (!list.why.empty()) throw console::failure(console::exit_failed, list.why);
     json records = json::array();
     for (const ib_service_record_v2_t& record : list.records)
-        records.push_back(record_answer(embedded::view_of(record)));
-    add_gid6(records);
+        records.push_back(console::record_answer(embedded::view_of(record)));
+    console::add_gid6(records);
     return {{"records", records}, {"remarks", list.remarks}, {"silent", false}, {"status", nullptr}};
 }
 
@@ -76,8 +80,8 @@ json find_records(const client_options& common, const show_options& options)
     json answer;
     try {
         answer = client(common).ask({{"request", "sa"}, {"action", "show"}});
-    } catch (const failure& unreachable) {
-        if (unreachable.code != exit_unreachable || !has_real_ports()) throw;
+    } catch (const console::failure& unreachable) {
+        if (unreachable.code != console::exit_unreachable || !has_real_ports()) throw;
         return ask_real_sa(options, filter);
     }
     throw_if_refused(answer);
@@ -92,18 +96,6 @@ json find_records(const client_options& common, const show_options& options)
 json real_records_of(const std::string& host_name)
 {
     return ask_real_sa({}, {.host_name = host_name}).at("records");
-}
-
-json record_answer(const embedded::service_record_view& record)
-{
-    char p_key[sizeof "0x0000"];
-    std::snprintf(p_key, sizeof p_key, "0x%04X", record.p_key);
-    const bool is_endless = record.lease_seconds == embedded::infinite_lease;
-    return {{"gid", record.gid},
-            {"p_key", p_key},
-            {"address", record.ipv4},
-            {"host_name", record.host_name},
-            {"lease", is_endless ? "infinite" : std::to_string(record.lease_seconds) + " s"}};
 }
 
 void add_sa_show(CLI::App& sa, int& exit_code)
@@ -124,9 +116,9 @@ void add_sa_show(CLI::App& sa, int& exit_code)
     add_gid_format_option(*command, *common);
     command->callback([=, &exit_code] {
         const json answer = find_records(*common, *options);
-        if (answer.at("records").empty()) exit_code = exit_failed;
+        if (answer.at("records").empty()) exit_code = console::exit_failed;
         if (common->as_json)
-            show_json(std::cout, answer);
+            console::show_json(std::cout, answer);
         else
             show_records(std::cout, in_wanted_notation(answer, *common),
                          !(options->address + options->gid + options->name).empty());

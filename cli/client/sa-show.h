@@ -6,8 +6,6 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "host/fabric/embedded/subnet-views.h"
-
 namespace cli
 {
 
@@ -16,8 +14,5 @@ void add_sa_show(CLI::App& sa, int& exit_code);
 // The records of a host name at the SA of this machine's real fabric, as answers carry them. Throws a failure when it
 // cannot be asked.
 nlohmann::json real_records_of(const std::string& host_name);
-
-// A record as answers carry it.
-nlohmann::json record_answer(const embedded::service_record_view& record);
 
 } // namespace cli

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "cli/client/show.h"
+#include "console/table.h"
 #include "host/world/printable.h"
 
 namespace cli
@@ -77,7 +78,8 @@ std::string fit_status(const json& answer, size_t columns, size_t most_lines)
     show_status(whole, answer);
     std::vector<std::string> lines = lines_of(whole.str());
     if (!fits(lines, columns, most_lines))
-        lines = lines_of(format_table(ports_of(answer), 0) + "\n" + format_table(hosts_of(answer), 0));
+        lines =
+            lines_of(console::format_table(ports_of(answer), 0) + "\n" + console::format_table(hosts_of(answer), 0));
     if (lines.size() > most_lines) {
         const size_t hidden = lines.size() - most_lines + 1;
         lines.resize(most_lines - 1);

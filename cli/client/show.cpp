@@ -1,8 +1,8 @@
 #include "cli/client/show.h"
 
-#include <algorithm>
 #include <cstdio>
 
+#include "console/table.h"
 #include "host/world/printable.h"
 
 namespace cli
@@ -69,9 +69,10 @@ void show_hca(std::ostream& to, const json& hca)
         to << "no active port\n";
     else
         to << "active port " << cell(hca.at("active_port")) << '\n';
-    to << format_table(rows_of(hca.at("ports"), {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
-                               {"port", "link", "state", "lid", "gid", "address", "sent", "received"}),
-                       4);
+    to << console::format_table(rows_of(hca.at("ports"),
+                                        {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
+                                        {"port", "link", "state", "lid", "gid", "address", "sent", "received"}),
+                                4);
 }
 
 void show_verification(std::ostream& to, const json& verification)
@@ -90,9 +91,9 @@ void show_ibat(std::ostream& to, const json& ibat)
        << counters.at("requests") << " requests, " << counters.at("retries") << " retries, " << counters.at("timeouts")
        << " time-outs\n";
     if (ibat.at("cache").empty()) return;
-    to << format_table(rows_of(ibat.at("cache"), {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
-                               {"address", "gid", "kind", "age_seconds", "expires_seconds"}),
-                       4);
+    to << console::format_table(rows_of(ibat.at("cache"), {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
+                                        {"address", "gid", "kind", "age_seconds", "expires_seconds"}),
+                                4);
 }
 
 std::string duration(uint64_t microseconds)
@@ -114,23 +115,6 @@ std::string verdict(const json& answer)
 }
 
 } // namespace
-
-std::string format_table(const std::vector<std::vector<std::string>>& rows, int indent)
-{
-    std::vector<size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], world::columns_of(row[i]));
-    }
-    std::string text;
-    for (const auto& row : rows) {
-        std::string line(static_cast<size_t>(indent), ' ');
-        for (size_t i = 0; i < row.size(); ++i)
-            line += row[i] + std::string(widths[i] - world::columns_of(row[i]) + 2, ' ');
-        text += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
-    }
-    return text;
-}
 
 void show_status(std::ostream& to, const json& answer)
 {
@@ -165,18 +149,13 @@ void show_records(std::ostream& to, const json& answer, bool is_selection)
     if (answer.at("records").empty())
         to << (is_selection ? "The SA holds no such ServiceRecord.\n" : "The SA holds no ServiceRecord.\n");
     else
-        to << format_table(rows_of(answer.at("records"), {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
-                                   {"gid", "p_key", "address", "host_name", "lease"}),
-                           0);
+        to << console::format_table(rows_of(answer.at("records"), {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
+                                            {"gid", "p_key", "address", "host_name", "lease"}),
+                                    0);
     for (const json& remark : answer.at("remarks")) to << "Note: " << cell(remark) << ".\n";
     if (answer.at("silent").get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
     if (!answer.at("status").is_null())
         to << "It answers everything with status " << cell(answer.at("status")) << " ('ats sa status 0' ends that).\n";
-}
-
-void show_json(std::ostream& to, const json& answer, int indent)
-{
-    to << world::printable_json(answer.dump(indent, ' ', false, json::error_handler_t::replace)) << '\n';
 }
 
 void show_output(std::ostream& to, const json& answer)

@@ -4,19 +4,11 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
-#include <vector>
 
 namespace cli
 {
 
 using json = nlohmann::json;
-
-// A document for programs that may end up on a terminal. -1: on one line.
-constexpr int json_indent = 2;
-void show_json(std::ostream& to, const json& answer, int indent = json_indent);
-
-// Rows under a heading, each column as wide as its widest cell, indented.
-std::string format_table(const std::vector<std::vector<std::string>>& rows, int indent);
 
 void show_status(std::ostream& to, const json& answer);
 void show_resolution(std::ostream& to, const json& answer);

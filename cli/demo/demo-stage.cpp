@@ -1,8 +1,8 @@
 #include "cli/demo/demo-stage.h"
+#include "console/table.h"
 
 #include <cstdio>
 
-#include "cli/client/show.h"
 #include "host/exec/print-capture.h"
 #include "host/world/text.h"
 #include "kernel/proc.h"
@@ -121,7 +121,7 @@ void stage::show_records()
         rows.push_back({record.gid, p_key, record.ipv4, record.host_name,
                         endless ? "infinite" : std::to_string(record.lease_seconds) + " s"});
     }
-    std::fputs(format_table(rows, 4).c_str(), stdout);
+    std::fputs(console::format_table(rows, 4).c_str(), stdout);
 }
 
 void stage::quote(world::host& at, const std::string& fragment)

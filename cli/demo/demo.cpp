@@ -5,8 +5,10 @@
 #include <iterator>
 #include <unistd.h>
 
-#include "cli/commands.h"
 #include "cli/demo/demo-steps.h"
+#include "cli/demo/demo.h"
+#include "console/failure.h"
+#include "console/usage.h"
 #include "host/fabric/capture.h"
 #include "host/world/module-folder.h"
 
@@ -50,13 +52,13 @@ int play(stage& on)
             steps[i].play(on);
         } catch (const step_failed& wrong) {
             std::printf("    FAILED. This was to hold, and did not: %s.\n", wrong.what());
-            return exit_failed;
+            return console::exit_failed;
         } catch (const exec::stalled& stand) {
             std::printf("    FAILED. The simulation came to a stand:\n%s\n", stand.what());
-            return exit_failed;
+            return console::exit_failed;
         }
     }
-    return exit_ok;
+    return console::exit_ok;
 }
 
 int run_demo(const std::string& module_folder, fabric::capture* capture)
@@ -64,7 +66,7 @@ int run_demo(const std::string& module_folder, fabric::capture* capture)
     const auto begin = wall_clock::now();
     stage on(module_folder, capture, isatty(STDOUT_FILENO) == 1);
     const int result = play(on);
-    if (result == exit_ok)
+    if (result == console::exit_ok)
         std::printf("All %zu steps happened: %.1f s of simulated time in %.2f s.\n", std::size(steps),
                     static_cast<double>(on.time().now()) / 1000, seconds_since(begin));
     return result;
@@ -75,9 +77,9 @@ int run_captured_demo(const std::string& module_folder, const std::string& path)
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     fabric::capture capture(path, static_cast<uint64_t>(now_ms));
-    if (const std::string why = capture.failure(); !why.empty()) throw failure(exit_usage, why);
+    if (const std::string why = capture.failure(); !why.empty()) throw console::failure(console::exit_usage, why);
     const int result = run_demo(module_folder, &capture);
-    if (const std::string why = capture.close(); !why.empty()) throw failure(exit_failed, why);
+    if (const std::string why = capture.close(); !why.empty()) throw console::failure(console::exit_failed, why);
     std::printf("%llu datagrams are in %s: open it with Wireshark, or 'tshark -V -r %s'.\n",
                 static_cast<unsigned long long>(capture.packets()), path.c_str(), path.c_str());
     return result;
@@ -93,7 +95,7 @@ void add_demo(CLI::App& program, int& exit_code)
     auto modules = std::make_shared<std::string>(world::default_module_folder());
     command->add_option("--capture", *path, "Write every datagram to this file, for Wireshark and tshark")
         ->option_text("FILE");
-    add_module_folder_option(*command, *modules);
+    console::add_module_folder_option(*command, *modules);
     command->callback([=, &exit_code] {
         exit_code = path->empty() ? run_demo(*modules, nullptr) : run_captured_demo(*modules, *path);
     });

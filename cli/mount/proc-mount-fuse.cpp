@@ -27,14 +27,18 @@ void check_mount_point(const std::string& directory)
     };
     if (stat(directory.c_str(), &itself) != 0) {
         if (errno == ENOTCONN)
-            throw failure(exit_usage,
-                          directory + " is a mount whose service is gone: run 'fusermount3 -u " + directory + "'");
-        if (errno == ENOENT) throw failure(exit_usage, "no folder " + directory + " to mount on: make it with mkdir");
-        throw failure(exit_usage, "cannot look at " + directory + ": " + std::strerror(errno));
+            throw console::failure(console::exit_usage, directory +
+                                                            " is a mount whose service is gone: run 'fusermount3 -u " +
+                                                            directory + "'");
+        if (errno == ENOENT)
+            throw console::failure(console::exit_usage, "no folder " + directory + " to mount on: make it with mkdir");
+        throw console::failure(console::exit_usage, "cannot look at " + directory + ": " + std::strerror(errno));
     }
-    if (!S_ISDIR(itself.st_mode)) throw failure(exit_usage, directory + " is no folder: name one to mount on");
+    if (!S_ISDIR(itself.st_mode))
+        throw console::failure(console::exit_usage, directory + " is no folder: name one to mount on");
     if (stat((directory + "/..").c_str(), &parent) == 0 && parent.st_dev != itself.st_dev)
-        throw failure(exit_usage, "something is mounted on " + directory + " already: choose another folder");
+        throw console::failure(console::exit_usage,
+                               "something is mounted on " + directory + " already: choose another folder");
 }
 
 // What libfuse complains about in the thread that mounts, which would otherwise be printed.
@@ -116,11 +120,12 @@ class fuse_mount final : public proc_mount
         fuse_args args = FUSE_ARGS_INIT(3, arguments);
         session_ = fuse_session_new(&args, &ops, sizeof ops, &mounted_);
         fuse_opt_free_args(&args);
-        if (!session_) throw failure(exit_failed, "libfuse refuses to start: " + complaints.last);
+        if (!session_) throw console::failure(console::exit_failed, "libfuse refuses to start: " + complaints.last);
         if (fuse_session_mount(session_, directory.c_str()) == 0) return;
         fuse_session_destroy(session_);
-        throw failure(exit_usage, "cannot mount on " + directory + " (" + complaints.last +
-                                      "): see that /dev/fuse is there and may be used, or leave --mount out");
+        throw console::failure(console::exit_usage,
+                               "cannot mount on " + directory + " (" + complaints.last +
+                                   "): see that /dev/fuse is there and may be used, or leave --mount out");
     }
 
     mounted mounted_;

@@ -8,9 +8,10 @@ namespace cli
 
 std::unique_ptr<proc_mount> proc_mount::open(const std::string&, const std::vector<kernel::machine*>&)
 {
-    throw failure(exit_usage,
-                  "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "
-                  "or leave --mount out ('ats control' and 'ats log' do without)");
+    throw console::failure(
+        console::exit_usage,
+        "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "
+        "or leave --mount out ('ats control' and 'ats log' do without)");
 }
 
 bool proc_mount::is_available()

@@ -1,4 +1,6 @@
 #include "cli/service/fabric-options.h"
+#include "console/failure.h"
+#include "console/usage.h"
 
 #include <cstdio>
 
@@ -25,7 +27,7 @@ void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option*
                      .add_option("--fabric", options.kind,
                                  "embedded: hosts on a fabric inside the program (default); umad: this machine on its "
                                  "real InfiniBand ports")
-                     ->check(one_of({"embedded", "umad"}))
+                     ->check(console::one_of({"embedded", "umad"}))
                      ->excludes(config)
                      ->option_text("KIND");
     const auto of_real_host = [&](CLI::Option* option, const char* text) {
@@ -41,12 +43,12 @@ void add_fabric_options(CLI::App& command, fabric_options& options, CLI::Option*
     of_real_host(command
                      .add_option("--sa-delete-pkey", options.sa_delete_pkey,
                                  "Give Deletes the P_Key of this host's record: auto, on or off (default: auto)")
-                     ->check(one_of({"auto", "on", "off"})),
+                     ->check(console::one_of({"auto", "on", "off"})),
                  "WHEN");
     of_real_host(command
                      .add_option("--port-interval", options.port_interval_ms,
                                  "How often ports are asked for their state, in ms (default: 1000)")
-                     ->check(number_from(10, 60'000)),
+                     ->check(console::number_from(10, 60'000)),
                  "MS");
     command.add_option("--capture", options.capture, "Write every datagram to this file, for Wireshark and tshark")
         ->option_text("FILE");
@@ -61,11 +63,12 @@ world_config with_fabric(world_config given, const fabric_options& options)
 {
     if (wants_real_host(options)) {
         if (options.hosts->count() > 0)
-            throw failure(exit_usage,
-                          "--hosts is for the embedded fabric: on a real one there is one host, this machine");
+            throw console::failure(console::exit_usage,
+                                   "--hosts is for the embedded fabric: on a real one there is one host, this machine");
         if (options.address.empty())
-            throw failure(exit_usage, "a host on a real fabric needs its address: add --address, as in "
-                                      "--address 10.0.0.1 (that of its IPoIB interface, if it has one)");
+            throw console::failure(console::exit_usage,
+                                   "a host on a real fabric needs its address: add --address, as in "
+                                   "--address 10.0.0.1 (that of its IPoIB interface, if it has one)");
         given = real_host(options.name, options.address,
                           {.hcas = options.hcas,
                            .watch_interval_ticks = static_cast<uint64_t>(options.port_interval_ms),
@@ -73,9 +76,9 @@ world_config with_fabric(world_config given, const fabric_options& options)
     }
     for (const CLI::Option* option : options.of_real_host)
         if (!wants_real_host(options) && option->count() > 0)
-            throw failure(exit_usage,
-                          option->get_name() +
-                              " is for --fabric umad; hosts on the embedded fabric are described by --config");
+            throw console::failure(console::exit_usage,
+                                   option->get_name() +
+                                       " is for --fabric umad; hosts on the embedded fabric are described by --config");
     given.fabric.ports.say = tell;
     if (!options.capture.empty()) given.fabric.capture = options.capture;
     return given;

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/commands.h"
 #include "cli/service/world-config.h"
+#include <CLI/CLI.hpp>
 
 namespace cli
 {

@@ -4,8 +4,8 @@
 
 #include <charconv>
 
-#include "cli/client/sa-show.h"
 #include "console/gids.h"
+#include "console/record-answer.h"
 
 namespace cli
 {
@@ -26,7 +26,7 @@ json show_records(site& at)
     if (at.is_real()) return {{"real", true}};
     json records = json::array();
     for (const embedded::service_record_view& record : at.subnet().service_records())
-        records.push_back(record_answer(record));
+        records.push_back(console::record_answer(record));
     const embedded::fault_switches& faults = at.subnet().faults;
     const bool has_status = faults.sa_status_count != 0;
     return {{"records", records},
@@ -40,11 +40,12 @@ json forget(site& at, const std::string& gid)
     if (gid.empty()) {
         forgotten = at.subnet().forget_all();
     } else {
-        const wire_gid_t wire = to_wire(gid_of(gid));
+        const wire_gid_t wire = to_wire(console::gid_of(gid));
         forgotten = at.subnet().forget(std::to_array(wire.bytes));
     }
     if (forgotten == 0)
-        throw failure(exit_failed, gid.empty() ? "the SA holds no record" : "the SA holds no record of " + gid);
+        throw console::failure(console::exit_failed,
+                               gid.empty() ? "the SA holds no record" : "the SA holds no record of " + gid);
     return done("The SA forgot " + std::to_string(forgotten) + (forgotten == 1 ? " record." : " records."));
 }
 
@@ -56,7 +57,8 @@ json answer_with_status(site& at, const std::string& word)
     const char* const end = word.data() + word.size();
     const auto [stopped, error] = std::from_chars(begin, end, status, hexadecimal ? 16 : 10);
     if (error != std::errc() || stopped != end)
-        throw failure(exit_usage, quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
+        throw console::failure(console::exit_usage,
+                               console::quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
     at.subnet().faults.answer_with(status, status == 0 ? 0 : embedded::fault_switches::every);
     return done(status == 0 ? "The SA answers as it should."
                             : "The SA answers everything with status " + word_text(status) + ".");
@@ -66,7 +68,8 @@ json answer_with_status(site& at, const std::string& word)
 bool is_first_of(const std::string& first, const std::string& second, const std::string& word)
 {
     if (word != first && word != second)
-        throw failure(exit_usage, quote(word) + " is neither '" + first + "' nor '" + second + "'");
+        throw console::failure(console::exit_usage,
+                               console::quote(word) + " is neither '" + first + "' nor '" + second + "'");
     return word == first;
 }
 
@@ -82,7 +85,7 @@ json answer_link(site& at, const json& request)
     const bool up = is_first_of("up", "down", request.at("direction"));
     const embedded::outcome changed =
         up ? fabric.link_up(host.name(), hca, port) : fabric.link_down(host.name(), hca, port);
-    if (!changed) throw failure(exit_usage, changed.why);
+    if (!changed) throw console::failure(console::exit_usage, changed.why);
     return done(host.name() + " " + hca + " port " + std::to_string(port) + (up ? " is up." : " is down."));
 }
 
@@ -97,7 +100,7 @@ json answer_sa(site& at, const json& request)
         at.subnet().faults.sa_silent = on;
         return done(on ? "The SA is silent." : "The SA answers.");
     }
-    throw failure(exit_usage, "this service does not know the SA action " + quote(action));
+    throw console::failure(console::exit_usage, "this service does not know the SA action " + console::quote(action));
 }
 
 } // namespace cli

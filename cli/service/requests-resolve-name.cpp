@@ -3,8 +3,8 @@
 #include <bit>
 #include <chrono>
 
-#include "cli/client/sa-show.h"
 #include "cli/service/requests.h"
+#include "console/record-answer.h"
 #include "host/fabric/umad/sa-client.h"
 #include "records/host-record.h"
 
@@ -31,12 +31,12 @@ json matches_of(const embedded::subnet& subnet, const sa_mad_v2_t& answer, const
     if (from_wire(answer.hdr.u.ns.status.raw16) == 0) {
         ib_service_record_v2_t record;
         std::memcpy(&record, answer.payload, sizeof record);
-        matches.push_back(record_answer(embedded::view_of(record)));
+        matches.push_back(console::record_answer(embedded::view_of(record)));
         return matches;
     }
     for (const embedded::service_record_view& record : subnet.service_records())
         if (record.service_id == records::service_id && record.host_name == host_name)
-            matches.push_back(record_answer(record));
+            matches.push_back(console::record_answer(record));
     return matches;
 }
 

@@ -102,7 +102,7 @@ json answer_resolve(site& at, const json& request)
     if (request.contains("name")) return answer_resolve_name(at, request);
     kernel::machine& machine = at.host_named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
-    const world::resolution answer = resolve_address(machine, address_of(request.at("address")), how);
+    const world::resolution answer = resolve_address(machine, console::address_of(request.at("address")), how);
     json result = shown(answer, how);
     if (must_verify(request, result)) {
         const world::resolution sure = resolve_address(machine, answer.ip, world::ask::sa_only);
@@ -117,7 +117,7 @@ json answer_reverse(site& at, const json& request)
 {
     kernel::machine& machine = at.host_named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
-    const kq_gid_t gid = gid_of(request.at("gid"));
+    const kq_gid_t gid = console::gid_of(request.at("gid"));
     const world::resolution answer = resolve_gid(machine, gid, how);
     json result = shown(answer, how);
     if (must_verify(request, result)) {
@@ -134,15 +134,16 @@ json answer_flush(site& at, const json& request)
     kernel::machine& machine = at.host_named(request.value("host", "")).machine();
     const std::string what = request.value("what", "");
     const auto gid = world::parse_gid(what);
-    const uint32_t ip = what.empty() || gid ? 0 : address_of(what);
+    const uint32_t ip = what.empty() || gid ? 0 : console::address_of(what);
     const world::published<ibat_flush_fn_t> flush(machine, "ibat_flush_fn");
     const world::published<ibat_forget_fn_t> forget(machine, "ibat_forget_fn");
-    if (!flush || !forget) throw failure(exit_failed, "ibat is not loaded on " + machine.name());
+    if (!flush || !forget) throw console::failure(console::exit_failed, "ibat is not loaded on " + machine.name());
     int32_t dropped = 0;
     machine.enter("flush", [&] { dropped = what.empty() ? (*flush)() : (*forget)(ip, gid ? &*gid : nullptr); });
     if (!what.empty() && dropped == 0)
-        throw failure(exit_failed, "the cache of " + machine.name() + " has no entry of " + what +
-                                       " that it could forget: 'ats status' shows it; its own mapping stays");
+        throw console::failure(console::exit_failed,
+                               "the cache of " + machine.name() + " has no entry of " + what +
+                                   " that it could forget: 'ats status' shows it; its own mapping stays");
     json result = done("The cache of " + machine.name() + " forgot " + std::to_string(dropped) +
                        (dropped == 1 ? " entry." : " entries."));
     result["dropped"] = dropped;

@@ -84,7 +84,7 @@ json host_status(world::host& host)
         exec::print_capture capture(exec::print_capture::instead_of_log);
         std::string empty;
         if (machine.proc.read("dorvex/ats/control", 0, PROC_PAGE_SIZE, &empty) >= 0)
-            status.update(parse_control_report(capture.text()));
+            status.update(console::parse_control_report(capture.text()));
         if (json ibat = ibat_status(machine); !ibat.is_null()) status["ibat"] = std::move(ibat);
     });
     add_links(machine, status["hcas"]);

@@ -28,9 +28,9 @@ world::host& host_of(site& at, const json& request)
     return at.host_named(request.value("host", ""));
 }
 
-failure not_loaded(const kernel::machine& machine)
+console::failure not_loaded(const kernel::machine& machine)
 {
-    return {exit_failed, "ats is not loaded on " + machine.name()};
+    return {console::exit_failed, "ats is not loaded on " + machine.name()};
 }
 
 // Writes one command to the control file, and returns what the module printed about it.
@@ -44,9 +44,9 @@ json control(site& at, const json& request)
         const int written = machine.proc.write(control_file, command);
         if (written == -EK_NOENT) throw not_loaded(machine);
         if (written < 0)
-            throw failure(exit_failed,
-                          "ats on " + machine.name() + " did not take the command: " + std::strerror(-written));
-        result = {{"output", capture.text()}, {"failed", is_complaint(capture.text())}};
+            throw console::failure(console::exit_failed, "ats on " + machine.name() +
+                                                             " did not take the command: " + std::strerror(-written));
+        result = {{"output", capture.text()}, {"failed", console::is_complaint(capture.text())}};
     });
     return result;
 }
@@ -55,7 +55,7 @@ json set_trace(site& at, const json& request)
 {
     const int level = request.at("level");
     if (level < 0 || level > highest_trace_level)
-        throw failure(exit_usage, "a trace level is a number from 0 (nothing) to 5 (everything)");
+        throw console::failure(console::exit_usage, "a trace level is a number from 0 (nothing) to 5 (everything)");
     const std::string only = request.value("host", "");
     if (!only.empty()) at.host_named(only);
     for (const auto& host : at.hosts())
@@ -88,20 +88,23 @@ void change_record(world::host& host, const json& request, const confirmation::i
     constexpr const char* see_the_log = "'ats log --level 1' says why";
     if (request.value("no_wait", false)) {
         if (!order())
-            throw failure(exit_failed, std::string("stored, but not registered on every HCA: ") + see_the_log);
+            throw console::failure(console::exit_failed,
+                                   std::string("stored, but not registered on every HCA: ") + see_the_log);
         return;
     }
     confirmation confirmed(host, is_wanted);
     const bool is_done = order();
     std::string why = confirmed.wait();
     if (why.empty() && !is_done) why = see_the_log;
-    if (!why.empty()) throw failure(exit_failed, "stored, not confirmed by the SA: " + why);
+    if (!why.empty()) throw console::failure(console::exit_failed, "stored, not confirmed by the SA: " + why);
 }
 
 json set_name(site& at, const json& request)
 {
     const std::string name = request.at("name");
-    if (!is_host_name(name)) throw failure(exit_usage, quote(name) + " cannot be a host name: take " + host_name_rule);
+    if (!console::is_host_name(name))
+        throw console::failure(console::exit_usage,
+                               console::quote(name) + " cannot be a host name: take " + console::host_name_rule);
     world::host& host = host_of(at, request);
     change_record(
         host, request, [&](const records::host_record& record) { return record.host_name == name; },
@@ -119,14 +122,14 @@ std::string warning_of_another_owner(site& at, world::host& host, const std::str
             for (const fabric::gid_bytes& gid : hca->read_port(port).gids) own_gids.insert(embedded::text_of(gid));
     for (const embedded::service_record_view& record : at.subnet().service_records())
         if (record.ipv4 == address && !own_gids.contains(record.gid))
-            return shared_address_warning(host.name(), record.host_name, address);
+            return console::shared_address_warning(host.name(), record.host_name, address);
     return "";
 }
 
 json set_address(site& at, const json& request)
 {
     const std::string address = request.at("address");
-    const uint32_t ip = host_address_of(address);
+    const uint32_t ip = console::host_address_of(address);
     world::host& host = host_of(at, request);
     const std::string warning = warning_of_another_owner(at, host, address);
     change_record(
@@ -160,9 +163,10 @@ json answer_request(site& at, const json& request)
     };
     const std::string name = request.value("request", "");
     const auto found = requests.find(name);
-    if (found == requests.end()) throw failure(exit_usage, "this service does not know the request " + quote(name));
+    if (found == requests.end())
+        throw console::failure(console::exit_usage, "this service does not know the request " + console::quote(name));
     json answer = found->second(at, request);
-    add_gid6(answer);
+    console::add_gid6(answer);
     return answer;
 }
 

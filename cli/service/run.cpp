@@ -7,14 +7,15 @@
 #include <thread>
 #include <unistd.h>
 
-#include "cli/commands.h"
 #include "cli/mount/proc-mount.h"
 #include "cli/service/fabric-options.h"
+#include "cli/service/run.h"
 #include "cli/service/running-hosts.h"
 #include "cli/service/server.h"
 #include "cli/service/service-notice.h"
 #include "cli/socket/socket.h"
 #include "console/progress.h"
+#include "console/usage.h"
 #include "host/exec/shortage.h"
 #include "host/world/module-folder.h"
 #include "host/world/printable.h"
@@ -94,9 +95,9 @@ int unload(site& running)
 {
     const std::vector<std::string> refusals = running.stop();
     for (const std::string& refusal : refusals) std::cerr << "ats: " << world::printable_lines(refusal) << '\n';
-    if (!refusals.empty()) return exit_failed;
+    if (!refusals.empty()) return console::exit_failed;
     std::cout << "ats: all hosts have unloaded." << std::endl;
-    return exit_ok;
+    return console::exit_ok;
 }
 
 world_config configuration_of(const run_options& options)
@@ -116,7 +117,7 @@ world_config configuration_of(const run_options& options)
 bool start(site& running, const ending_signals& signals)
 {
     const std::string all = std::to_string(running.hosts().size());
-    progress shown;
+    console::progress shown;
     return running.start([&](size_t started) {
         shown.show("starting host " + std::to_string(started + 1) + " of " + all);
         return !signals.has_come();
@@ -148,7 +149,7 @@ int serve(const run_options& options)
     const int unloaded = unload(running);
     if (!exec::reserve::is_used()) return unloaded;
     std::cerr << "ats: the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts\n";
-    return exit_failed;
+    return console::exit_failed;
 }
 
 } // namespace
@@ -159,11 +160,11 @@ void add_run(CLI::App& program, int& exit_code)
     auto options = std::make_shared<run_options>();
     auto* hosts =
         command->add_option("--hosts", options->hosts, "How many hosts to run: node1, node2, ... (default: 3)")
-            ->check(number_from(1, most_numbered_hosts))
+            ->check(console::number_from(1, most_numbered_hosts))
             ->option_text("N");
     auto* config =
         command->add_option("--config", options->config, "A TOML file of [[host]] tables, instead of --hosts")
-            ->check(existing_file())
+            ->check(console::existing_file())
             ->excludes(hosts)
             ->option_text("FILE");
     add_fabric_options(*command, options->fabric, hosts, config);
@@ -171,13 +172,13 @@ void add_run(CLI::App& program, int& exit_code)
         ->add_option("--log-kib", options->log_kib,
                      "Memory for each host's log; the oldest lines are dropped (default: " +
                          std::to_string(default_log_kib) + ")")
-        ->check(number_from(least_log_kib, most_log_kib))
+        ->check(console::number_from(least_log_kib, most_log_kib))
         ->option_text("KIB");
     command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
         ->option_text("DIR");
     command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")
         ->option_text("PATH");
-    add_module_folder_option(*command, options->modules);
+    console::add_module_folder_option(*command, options->modules);
     command->callback([options, &exit_code] { exit_code = serve(*options); });
 }
 

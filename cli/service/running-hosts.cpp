@@ -17,14 +17,14 @@ namespace
 constexpr uint64_t system_randomness = 0;
 
 // Why a host did not start, with the end of its log below.
-failure did_not_start(world::host& host, const kernel::load_result& loaded)
+console::failure did_not_start(world::host& host, const kernel::load_result& loaded)
 {
     constexpr size_t lines_shown = 4;
     std::string why = host.name() + " does not start: " + loaded.why;
     const std::vector<kernel::log_line> lines = host.machine().log.lines();
     for (size_t i = lines.size() - std::min(lines.size(), lines_shown); i < lines.size(); ++i)
         why += "\n  " + kernel::format_line(lines[i]);
-    return {loaded.error == -EK_INVAL ? exit_usage : exit_failed, why};
+    return {loaded.error == -EK_INVAL ? console::exit_usage : console::exit_failed, why};
 }
 
 // Takes a step of a host's start. Throws a failure that names the host when it came to a limit of the process.
@@ -36,9 +36,9 @@ void or_not_started(const std::string& host, const step_t& step)
         step();
         if (exec::reserve::is_used()) exec::throw_shortage("the memory is used up: run fewer hosts");
     } catch (const exec::shortage& shortage) {
-        throw failure(exit_failed, title + shortage.what());
+        throw console::failure(console::exit_failed, title + shortage.what());
     } catch (const std::bad_alloc&) {
-        throw failure(exit_failed, title + "the memory is used up: run fewer hosts");
+        throw console::failure(console::exit_failed, title + "the memory is used up: run fewer hosts");
     }
 }
 
@@ -48,7 +48,7 @@ site::site(const world_config& config, const std::string& module_folder) : exec_
 {
     if (config.fabric.is_real) {
         umad::opened opened = umad::open(*exec_, config.fabric.ports);
-        if (!opened.fabric) throw failure(exit_failed, opened.why);
+        if (!opened.fabric) throw console::failure(console::exit_failed, opened.why);
         real_ = std::move(opened.fabric);
     } else {
         subnet_ = std::make_unique<embedded::subnet>(*exec_);
@@ -71,7 +71,8 @@ site::~site()
 embedded::subnet& site::subnet()
 {
     if (subnet_) return *subnet_;
-    throw failure(exit_usage, "the fabric is a real one: its links and its SA are not ats's to change");
+    throw console::failure(console::exit_usage,
+                           "the fabric is a real one: its links and its SA are not ats's to change");
 }
 
 void site::start_capture(const std::string& path)
@@ -79,7 +80,7 @@ void site::start_capture(const std::string& path)
     using namespace std::chrono;
     const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
     capture_ = std::make_unique<fabric::capture>(path, static_cast<uint64_t>(now.count()) - exec_->now());
-    if (const std::string why = capture_->failure(); !why.empty()) throw failure(exit_usage, why);
+    if (const std::string why = capture_->failure(); !why.empty()) throw console::failure(console::exit_usage, why);
     if (real_)
         real_->set_tap(capture_.get());
     else
@@ -112,7 +113,7 @@ bool site::start(const std::function<bool(size_t)>& may_go_on)
         for (const world::hca_plan& hca : host->plan().hcas)
             for (int port = 1; port <= hca.ports; ++port)
                 if (const auto up = subnet_->link_up(host->name(), hca.name, port); !up)
-                    throw failure(exit_failed, up.why);
+                    throw console::failure(console::exit_failed, up.why);
     return true;
 }
 
@@ -143,11 +144,12 @@ world::host& site::host_named(const std::string& name)
     for (const auto& host : hosts_) {
         if (registered_name(*host) != name) continue;
         if (registered)
-            throw failure(exit_usage, "several hosts are registered as " + quote(name) + "; there are " + names);
+            throw console::failure(console::exit_usage,
+                                   "several hosts are registered as " + console::quote(name) + "; there are " + names);
         registered = host.get();
     }
     if (registered) return *registered;
-    throw failure(exit_usage, "no host " + quote(name) + "; there are " + names);
+    throw console::failure(console::exit_usage, "no host " + console::quote(name) + "; there are " + names);
 }
 
 } // namespace cli

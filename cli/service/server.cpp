@@ -28,12 +28,13 @@ json answer_or_refusal(const answer_t& answer)
 {
     try {
         return answer();
-    } catch (const failure& wrong) {
+    } catch (const console::failure& wrong) {
         return {{"error", wrong.what()}, {"exit_code", int{wrong.code}}};
     } catch (const json::exception& wrong) {
-        return {{"error", std::string("the request is malformed: ") + wrong.what()}, {"exit_code", int{exit_usage}}};
+        return {{"error", std::string("the request is malformed: ") + wrong.what()},
+                {"exit_code", int{console::exit_usage}}};
     } catch (const std::exception& wrong) {
-        return {{"error", wrong.what()}, {"exit_code", int{exit_failed}}};
+        return {{"error", wrong.what()}, {"exit_code", int{console::exit_failed}}};
     }
 }
 
@@ -88,7 +89,7 @@ void stream_log(const log_request& wanted, line_channel& to)
         const std::vector<kernel::log_line> lines = wanted.log.lines_from(next, lines_at_once, &next, &dropped);
         if (dropped > 0) connected = to.write(line_of({{"dropped", dropped}}));
         for (const kernel::log_line& line : lines)
-            if (connected && trace_level_of(line.text) <= wanted.level)
+            if (connected && console::trace_level_of(line.text) <= wanted.level)
                 connected = to.write(line_of({{"tick", line.tick}, {"line", kernel::format_line(line)}}));
         if (!lines.empty()) continue;
         if (!wanted.follow) break;
@@ -102,7 +103,7 @@ void stream_log(const log_request& wanted, line_channel& to)
 json answer_log(site& at, const json& request, line_channel& to)
 {
     const log_request wanted{at.host_named(request.value("host", "")).machine().log,
-                             request.value("level", trace_level_everything), request.value("follow", false)};
+                             request.value("level", console::trace_level_everything), request.value("follow", false)};
     stream_log(wanted, to);
     return {{"end", true}};
 }
@@ -110,7 +111,7 @@ json answer_log(site& at, const json& request, line_channel& to)
 json answer(site& at, const std::string& line, line_channel& to)
 {
     const json request = json::parse(line, nullptr, false);
-    if (!request.is_object()) throw failure(exit_usage, "a request is one JSON object on a line");
+    if (!request.is_object()) throw console::failure(console::exit_usage, "a request is one JSON object on a line");
     if (request.value("request", "") == "log") return answer_log(at, request, to);
     return answer_request(at, request);
 }
@@ -120,7 +121,8 @@ json answer(site& at, const std::string& line, line_channel& to)
 server::server(site& at, std::unique_ptr<listening_socket> listening) : at_(at), listening_(std::move(listening))
 {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw failure(exit_failed, "cannot make a pipe: too many open files?");
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        throw console::failure(console::exit_failed, "cannot make a pipe: too many open files?");
     stop_read_ = descriptor(ends[0]);
     stop_write_ = descriptor(ends[1]);
     acceptor_ = exec::new_thread([this] { accept_clients(); });

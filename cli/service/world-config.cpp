@@ -35,7 +35,7 @@ class table_reader
 
     [[noreturn]] void refuse(const toml::node& where, const std::string& why) const
     {
-        throw failure(exit_usage, place_of(where) + why);
+        throw console::failure(console::exit_usage, place_of(where) + why);
     }
 
     // The node of that key, or null.
@@ -89,8 +89,9 @@ class table_reader
             if (known_.contains(key.str())) continue;
             std::string valid;
             for (const std::string& name : known_) valid += (valid.empty() ? "" : ", ") + name;
-            throw failure(exit_usage, file_ + ":" + std::to_string(key.source().begin.line) + ": unknown key " +
-                                          quote(std::string(key.str())) + "; valid here are " + valid);
+            throw console::failure(console::exit_usage, file_ + ":" + std::to_string(key.source().begin.line) +
+                                                            ": unknown key " + console::quote(std::string(key.str())) +
+                                                            "; valid here are " + valid);
         }
     }
 
@@ -166,13 +167,15 @@ read_host_plan read_host(const toml::table& table, const std::string& file, worl
     const std::string number = std::to_string(index + 1);
     world::host_plan plan;
     const bool is_named = reader.find("name") || !is_real;
-    plan.name = is_named ? reader.text("name", "node" + number) : host_name_of_machine(config.remarks);
-    if (!is_host_name(plan.name))
-        reader.refuse(table, quote(plan.name) + " cannot be a host name: give it a 'name' of " + host_name_rule);
+    plan.name = is_named ? reader.text("name", "node" + number) : console::host_name_of_machine(config.remarks);
+    if (!console::is_host_name(plan.name))
+        reader.refuse(table, console::quote(plan.name) + " cannot be a host name: give it a 'name' of " +
+                                 console::host_name_rule);
 
     const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
     if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
-    if (const toml::node* const given = reader.find("address")) host_address_of(address, reader.place_of(*given));
+    if (const toml::node* const given = reader.find("address"))
+        console::host_address_of(address, reader.place_of(*given));
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
     plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
@@ -183,7 +186,8 @@ read_host_plan read_host(const toml::table& table, const std::string& file, worl
     for (size_t i = 0; i < hcas.size(); ++i) {
         plan.hcas.push_back(read_hca(*hcas[i], file, i, is_real));
         if (!names.insert(plan.hcas.back().name).second)
-            reader.refuse(*hcas[i], "there are two HCAs named " + quote(plan.hcas.back().name) + " on one host");
+            reader.refuse(*hcas[i],
+                          "there are two HCAs named " + console::quote(plan.hcas.back().name) + " on one host");
     }
 
     refuse_identity_parameters(reader, reader.table("ats"));
@@ -202,7 +206,7 @@ fabric_config read_fabric(const toml::table& table, const std::string& file)
         const std::string chosen = reader.text(key, otherwise);
         if (std::ranges::count(valid, chosen) > 0) return chosen;
         std::string words;
-        for (const std::string& each : valid) words += (words.empty() ? "" : " or ") + quote(each);
+        for (const std::string& each : valid) words += (words.empty() ? "" : " or ") + console::quote(each);
         reader.refuse(*reader.find(key), "'" + std::string(key) + "' must be " + words);
     };
     fabric.is_real = word("kind", "embedded", {"embedded", "umad"}) == "umad";
@@ -229,10 +233,11 @@ world_config real_host(const std::string& name, const std::string& address, cons
 {
     world_config config{.fabric = {.is_real = true, .ports = ports}};
     world::host_plan plan;
-    plan.name = name.empty() ? host_name_of_machine(config.remarks) : name;
-    if (!is_host_name(plan.name))
-        throw failure(exit_usage, quote(plan.name) + " cannot be a host name: give --name " + host_name_rule);
-    host_address_of(address);
+    plan.name = name.empty() ? console::host_name_of_machine(config.remarks) : name;
+    if (!console::is_host_name(plan.name))
+        throw console::failure(console::exit_usage, console::quote(plan.name) + " cannot be a host name: give --name " +
+                                                        console::host_name_rule);
+    console::host_address_of(address);
     plan.hcas.clear();
     plan.modules = world::usual_modules(plan.name, address);
     config.hosts = {plan};
@@ -258,8 +263,8 @@ world_config read_world_config(const std::string& path)
         root = toml::parse_file(path);
     } catch (const toml::parse_error& error) {
         const uint32_t line = error.source().begin.line; // 0: it cannot be read at all
-        throw failure(exit_usage,
-                      path + (line > 0 ? ":" + std::to_string(line) : "") + ": " + std::string(error.description()));
+        throw console::failure(console::exit_usage, path + (line > 0 ? ":" + std::to_string(line) : "") + ": " +
+                                                        std::string(error.description()));
     }
 
     table_reader reader(root, path);
@@ -272,14 +277,16 @@ world_config read_world_config(const std::string& path)
             reader.refuse(*host, "on a real fabric there is one host, which is this machine");
         const auto [plan, address] = read_host(*host, path, config);
         config.hosts.push_back(plan);
-        if (!names.insert(plan.name).second) reader.refuse(*host, "there are two hosts named " + quote(plan.name));
+        if (!names.insert(plan.name).second)
+            reader.refuse(*host, "there are two hosts named " + console::quote(plan.name));
         if (const auto [owner, is_new] = owners.emplace(address, plan.name); !is_new)
             config.remarks.push_back(reader.place_of(*host) +
-                                     shared_address_warning(plan.name, owner->second, address));
+                                     console::shared_address_warning(plan.name, owner->second, address));
     }
     reader.finish();
-    if (config.hosts.empty()) throw failure(exit_usage, path + ":1: no [[host]] table: name at least one host");
-    if (config.hosts.size() > max_hosts) throw failure(exit_usage, path + ":1: more than 1000 hosts");
+    if (config.hosts.empty())
+        throw console::failure(console::exit_usage, path + ":1: no [[host]] table: name at least one host");
+    if (config.hosts.size() > max_hosts) throw console::failure(console::exit_usage, path + ":1: more than 1000 hosts");
     if (config.fabric.is_real)
         for (const world::hca_plan& hca : config.hosts.front().hcas) config.fabric.ports.hcas.push_back(hca.name);
     return config;

@@ -32,8 +32,9 @@ sockaddr_un socket_address(const std::string& path)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path)
-        throw failure(exit_usage, "a socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) +
-                                      " bytes: " + quote(path) + " cannot be one");
+        throw console::failure(console::exit_usage, "a socket's path has 1 to " +
+                                                        std::to_string(sizeof address.sun_path - 1) +
+                                                        " bytes: " + console::quote(path) + " cannot be one");
     path.copy(address.sun_path, path.size());
     return address;
 }
@@ -41,7 +42,7 @@ sockaddr_un socket_address(const std::string& path)
 descriptor new_socket()
 {
     descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (made.get() < 0) throw failure(exit_failed, "cannot make a socket" + reason());
+    if (made.get() < 0) throw console::failure(console::exit_failed, "cannot make a socket" + reason());
     return made;
 }
 
@@ -52,8 +53,8 @@ bool connects(const descriptor& to, const sockaddr_un& address)
 
 [[noreturn]] void refuse_live(const std::string& path)
 {
-    throw failure(exit_usage,
-                  "a service is listening on " + path + " already: stop it, or choose another path with --socket");
+    throw console::failure(console::exit_usage, "a service is listening on " + path +
+                                                    " already: stop it, or choose another path with --socket");
 }
 
 // A service that ended without cleaning up leaves its socket file behind; nobody answers there.
@@ -62,11 +63,14 @@ void remove_stale(const std::string& path, const sockaddr_un& address)
     struct stat found {
     };
     if (lstat(path.c_str(), &found) != 0) return;
-    if (!S_ISSOCK(found.st_mode)) throw failure(exit_usage, path + " exists and is no socket" + choose_another);
+    if (!S_ISSOCK(found.st_mode))
+        throw console::failure(console::exit_usage, path + " exists and is no socket" + choose_another);
     if (connects(new_socket(), address)) refuse_live(path);
-    if (errno == EACCES) throw failure(exit_usage, path + " belongs to another user" + choose_another);
+    if (errno == EACCES)
+        throw console::failure(console::exit_usage, path + " belongs to another user" + choose_another);
     if (errno != ECONNREFUSED || (unlink(path.c_str()) != 0 && errno != ENOENT))
-        throw failure(exit_usage, "cannot take over the stale socket " + path + reason() + choose_another);
+        throw console::failure(console::exit_usage,
+                               "cannot take over the stale socket " + path + reason() + choose_another);
 }
 
 // Whether the process at the other end is of this user or of root.
@@ -103,8 +107,8 @@ std::string seconds_text(std::chrono::milliseconds time)
 
 [[noreturn]] void refuse_foreign(const std::string& path)
 {
-    throw failure(exit_unreachable,
-                  "the service on " + path + " belongs to another user: start your own with 'ats run'");
+    throw console::failure(console::exit_unreachable,
+                           "the service on " + path + " belongs to another user: start your own with 'ats run'");
 }
 
 } // namespace
@@ -144,10 +148,11 @@ path_lock::path_lock(const std::string& path) : file_(lock_file_of(path))
     }, named{};
     do {
         held_ = descriptor(open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (held_.get() < 0) throw failure(exit_usage, "cannot create " + file_ + reason() + choose_another);
+        if (held_.get() < 0)
+            throw console::failure(console::exit_usage, "cannot create " + file_ + reason() + choose_another);
         if (flock(held_.get(), LOCK_EX | LOCK_NB) != 0) {
             if (errno == EWOULDBLOCK) refuse_live(path);
-            throw failure(exit_usage, "cannot lock " + file_ + reason() + choose_another);
+            throw console::failure(console::exit_usage, "cannot lock " + file_ + reason() + choose_another);
         }
         // Its last owner may have removed the file meanwhile, and another stands there now.
     } while (fstat(held_.get(), &locked) != 0 || stat(file_.c_str(), &named) != 0 || locked.st_ino != named.st_ino);
@@ -157,7 +162,7 @@ path_lock::path_lock(const std::string& path) : file_(lock_file_of(path))
         write(held_.get(), origin.data(), origin.size()) != static_cast<ssize_t>(origin.size())) {
         const std::string why = reason();
         unlink(file_.c_str());
-        throw failure(exit_failed, "cannot write " + file_ + why);
+        throw console::failure(console::exit_failed, "cannot write " + file_ + why);
     }
 }
 
@@ -177,8 +182,10 @@ listening_socket::listening_socket(const std::string& path) : path_(socket_addre
     const int bind_error = errno;
     umask(previous);
     errno = bind_error;
-    if (bound != 0) throw failure(exit_usage, "cannot create the socket " + path + reason() + choose_another);
-    if (listen(socket_.get(), SOMAXCONN) != 0) throw failure(exit_failed, "cannot listen on " + path + reason());
+    if (bound != 0)
+        throw console::failure(console::exit_usage, "cannot create the socket " + path + reason() + choose_another);
+    if (listen(socket_.get(), SOMAXCONN) != 0)
+        throw console::failure(console::exit_failed, "cannot listen on " + path + reason());
 }
 
 // The file goes first: once nobody listens, another service may put its own there.
@@ -205,10 +212,10 @@ std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
     }
 }
 
-failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience)
+console::failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience)
 {
-    return {exit_unreachable, "the service on " + path + " gives no sign of life for " + seconds_text(patience) + ": " +
-                                  how_to_wake(path)};
+    return {console::exit_unreachable, "the service on " + path + " gives no sign of life for " +
+                                           seconds_text(patience) + ": " + how_to_wake(path)};
 }
 
 descriptor connect_to(const std::string& path, std::chrono::milliseconds patience)
@@ -223,7 +230,7 @@ descriptor connect_to(const std::string& path, std::chrono::milliseconds patienc
     if (errno == EACCES) refuse_foreign(path);
     if (errno == EAGAIN) throw no_sign_of_life(path, patience);
     const std::string why = reason();
-    throw failure(exit_unreachable, "no service on " + path + why + " (" + how_to_start(path) + ")");
+    throw console::failure(console::exit_unreachable, "no service on " + path + why + " (" + how_to_start(path) + ")");
 }
 
 std::optional<std::string> line_channel::read()

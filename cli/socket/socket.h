@@ -75,7 +75,7 @@ constexpr std::chrono::milliseconds no_limit(-1);
 descriptor connect_to(const std::string& path, std::chrono::milliseconds patience = no_limit);
 
 // The failure of a service that gave no sign of life for that long.
-failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience);
+console::failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience);
 
 // One line at a time over a connected socket. Lines longer than `line_limit` end the conversation.
 class line_channel

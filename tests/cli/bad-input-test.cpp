@@ -295,7 +295,7 @@ TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
     const scratch_folder folder;
     const cli::listening_socket first(folder / "socket");
     std::filesystem::remove(folder / "socket"); // the moment before the first makes its own
-    EXPECT_THROW(cli::listening_socket(folder / "socket"), cli::failure);
+    EXPECT_THROW(cli::listening_socket(folder / "socket"), console::failure);
 }
 
 // What `connect_to` says to a process of another user.
@@ -309,7 +309,7 @@ std::string heard_by_another_user(const std::string& socket)
         try {
             if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
             heard = answer_to(R"({"request":"status"})", socket);
-        } catch (const cli::failure& refused) {
+        } catch (const console::failure& refused) {
             heard = refused.what();
         }
         _exit(write(ends[1], heard.data(), heard.size()) == static_cast<ssize_t>(heard.size()) ? 0 : 1);

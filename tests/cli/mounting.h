@@ -20,7 +20,7 @@ inline bool mounts_work()
             try {
                 cli::proc_mount::open(folder / "mnt", {});
                 _exit(0);
-            } catch (const cli::failure&) {
+            } catch (const console::failure&) {
                 _exit(1);
             }
         }

@@ -88,9 +88,9 @@ TEST(world_config, what_may_be_meant_is_taken_with_a_warning)
     EXPECT_THAT(config.remarks, ElementsAre(HasSubstr(":3: 'node2' has the same address as 'node1', 10.0.0.2")));
 
     std::vector<std::string> remarks;
-    EXPECT_EQ(cli::host_name_for("thirty-bytes-are-what-it-takes.site", remarks), "thirty-bytes-are-what-it-takes");
+    EXPECT_EQ(console::host_name_for("thirty-bytes-are-what-it-takes.site", remarks), "thirty-bytes-are-what-it-takes");
     EXPECT_THAT(remarks, testing::IsEmpty());
-    EXPECT_EQ(cli::host_name_for("thirty-bytes-end-in-this-umlaü", remarks), "thirty-bytes-end-in-this-umla");
+    EXPECT_EQ(console::host_name_for("thirty-bytes-end-in-this-umlaü", remarks), "thirty-bytes-end-in-this-umla");
     EXPECT_THAT(remarks, ElementsAre(HasSubstr("31 bytes, and a record carries 30: it registers as 'thirty-bytes")));
 }
 
@@ -136,10 +136,10 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         try {
             read(each.text);
             ADD_FAILURE() << "was accepted";
-        } catch (const cli::failure& refused) {
+        } catch (const console::failure& refused) {
             EXPECT_THAT(refused.what(), HasSubstr(each.complaint));
             EXPECT_THAT(refused.what(), HasSubstr("world.toml"));
-            EXPECT_EQ(refused.code, cli::exit_usage);
+            EXPECT_EQ(refused.code, console::exit_usage);
         }
     }
 }

@@ -50,7 +50,7 @@ class tour
     {
         const auto begin = clock::now();
         const std::string waited_for = what.empty() ? seen : what;
-        cli::progress shown;
+        console::progress shown;
         shown.show(waited_for);
         action();
         const auto holds_now = [&] {
@@ -105,7 +105,7 @@ class tour
         const auto resolve = [&](int i, int j) { count(hosts_[i]->ask({"resolve", address_of(j + 1)}), gids_[j]); };
         const auto reverse = [&](int i, int j) { count(hosts_[i]->ask({"reverse", gids_[j]}), address_of(j + 1)); };
         const int wanted = 2 * count_ * (count_ - 1);
-        cli::progress shown;
+        console::progress shown;
         const auto all_pairs = [&] {
             for (int i = 0; i < count_; ++i) {
                 shown.show("node" + std::to_string(i + 1) + " of " + std::to_string(count_) + " asks for the others");

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace cli
+namespace console
 {
 
 // Checks of an option's value. Their complaints say what the value may be.
@@ -14,7 +14,10 @@ CLI::Validator number_from(double least, double most);
 CLI::Validator existing_file();
 CLI::Validator existing_folder();
 
+// Adds --modules. `folder` holds the default and takes the value.
+void add_module_folder_option(CLI::App& command, std::string& folder);
+
 // Explains the error in the command line that `program` was parsing. The second line names the help to read.
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& wrong);
 
-} // namespace cli
+} // namespace console

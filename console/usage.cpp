@@ -1,4 +1,4 @@
-#include "cli/usage.h"
+#include "console/usage.h"
 
 #include <charconv>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include "console/failure.h"
 #include "console/suggestion.h"
 
-namespace cli
+namespace console
 {
 
 namespace
@@ -115,6 +115,13 @@ CLI::Validator existing_folder()
     });
 }
 
+void add_module_folder_option(CLI::App& command, std::string& folder)
+{
+    command.add_option("--modules", folder, "The folder of ats.so, ibat.so and ucm.so (default: " + folder + ")")
+        ->check(existing_folder())
+        ->option_text("DIR");
+}
+
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& wrong)
 {
     const CLI::App* command = &program; // the one that was being parsed
@@ -135,4 +142,4 @@ std::string complaint_about(const CLI::App& program, const CLI::ParseError& wron
     return why + "\nTry '" + typed + " --help'.";
 }
 
-} // namespace cli
+} // namespace console
