@@ -12,13 +12,13 @@ struct service {
     service()
     {
         config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // nobody waits long for an answer
-        at.start([](size_t) { return true; });
+        hosts.start([](size_t) { return true; });
     }
 
     cli::world_config config = cli::numbered_hosts(2);
-    cli::site at{config, ATS_MODULE_DIR};
+    cli::running_hosts hosts{config, ATS_MODULE_DIR};
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
-    cli::server server{at, std::make_unique<cli::listening_socket>(path)};
+    cli::server server{hosts, std::make_unique<cli::listening_socket>(path)};
 };
 
 } // namespace

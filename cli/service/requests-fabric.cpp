@@ -21,27 +21,27 @@ std::string word_text(uint16_t word)
 }
 
 // The SA of a real fabric is asked by the client itself, which may be where this service has no port.
-json show_records(site& at)
+json show_records(running_hosts& hosts)
 {
-    if (at.is_real()) return {{"real", true}};
+    if (hosts.is_real()) return {{"real", true}};
     json records = json::array();
-    for (const embedded::service_record_view& record : at.subnet().service_records())
+    for (const embedded::service_record_view& record : hosts.subnet().service_records())
         records.push_back(console::record_answer(record));
-    const embedded::fault_switches& faults = at.subnet().faults;
+    const embedded::fault_switches& faults = hosts.subnet().faults;
     const bool has_status = faults.sa_status_count != 0;
     return {{"records", records},
             {"silent", faults.sa_silent.load()},
             {"status", has_status ? json(word_text(faults.sa_status)) : json()}};
 }
 
-json forget(site& at, const std::string& gid)
+json forget(running_hosts& hosts, const std::string& gid)
 {
     size_t forgotten = 0;
     if (gid.empty()) {
-        forgotten = at.subnet().forget_all();
+        forgotten = hosts.subnet().forget_all();
     } else {
         const wire_gid_t wire = to_wire(console::gid_of(gid));
-        forgotten = at.subnet().forget(std::to_array(wire.bytes));
+        forgotten = hosts.subnet().forget(std::to_array(wire.bytes));
     }
     if (forgotten == 0)
         throw console::failure(console::exit_failed,
@@ -49,7 +49,7 @@ json forget(site& at, const std::string& gid)
     return done("The SA forgot " + std::to_string(forgotten) + (forgotten == 1 ? " record." : " records."));
 }
 
-json answer_with_status(site& at, const std::string& word)
+json answer_with_status(running_hosts& hosts, const std::string& word)
 {
     uint16_t status = 0;
     const bool hexadecimal = word.starts_with("0x");
@@ -59,7 +59,7 @@ json answer_with_status(site& at, const std::string& word)
     if (error != std::errc() || stopped != end)
         throw console::failure(console::exit_usage,
                                console::quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
-    at.subnet().faults.answer_with(status, status == 0 ? 0 : embedded::fault_switches::every);
+    hosts.subnet().faults.answer_with(status, status == 0 ? 0 : embedded::fault_switches::every);
     return done(status == 0 ? "The SA answers as it should."
                             : "The SA answers everything with status " + word_text(status) + ".");
 }
@@ -75,10 +75,10 @@ bool is_first_of(const std::string& first, const std::string& second, const std:
 
 } // namespace
 
-json answer_link(site& at, const json& request)
+json answer_link(running_hosts& hosts, const json& request)
 {
-    embedded::subnet& fabric = at.subnet();
-    world::host& host = at.host_named(request.value("host", ""));
+    embedded::subnet& fabric = hosts.subnet();
+    world::host& host = hosts.named(request.value("host", ""));
     std::string hca = request.value("hca", "");
     if (hca.empty()) hca = host.plan().hcas.front().name;
     const int port = request.value("port", 1);
@@ -89,15 +89,15 @@ json answer_link(site& at, const json& request)
     return done(host.name() + " " + hca + " port " + std::to_string(port) + (up ? " is up." : " is down."));
 }
 
-json answer_sa(site& at, const json& request)
+json answer_sa(running_hosts& hosts, const json& request)
 {
     const std::string action = request.at("action");
-    if (action == "show") return show_records(at);
-    if (action == "forget") return forget(at, request.value("gid", ""));
-    if (action == "status") return answer_with_status(at, request.at("word"));
+    if (action == "show") return show_records(hosts);
+    if (action == "forget") return forget(hosts, request.value("gid", ""));
+    if (action == "status") return answer_with_status(hosts, request.at("word"));
     if (action == "silence") {
         const bool on = is_first_of("on", "off", request.at("state"));
-        at.subnet().faults.sa_silent = on;
+        hosts.subnet().faults.sa_silent = on;
         return done(on ? "The SA is silent." : "The SA answers.");
     }
     throw console::failure(console::exit_usage, "this service does not know the SA action " + console::quote(action));

@@ -6,7 +6,8 @@
 namespace cli
 {
 
-json answer_link(site& at, const json& request); // {"direction", "hca", "port"}
-json answer_sa(site& at, const json& request); // {"action": "show" | "forget" | "silence" | "status"} and its argument
+json answer_link(running_hosts& hosts, const json& request); // {"direction", "hca", "port"}
+json answer_sa(running_hosts& hosts,
+               const json& request); // {"action": "show" | "forget" | "silence" | "status"} and its argument
 
 } // namespace cli

@@ -62,12 +62,12 @@ json ask_sa_for(embedded::subnet& subnet, const std::string& host_name)
 
 } // namespace
 
-json answer_resolve_name(site& site, const json& request)
+json answer_resolve_name(running_hosts& hosts, const json& request)
 {
     const std::string host_name = request.at("name");
-    if (site.is_real()) return {{"real", true}};
+    if (hosts.is_real()) return {{"real", true}};
     const auto started = std::chrono::steady_clock::now();
-    json answer = ask_sa_for(site.subnet(), host_name);
+    json answer = ask_sa_for(hosts.subnet(), host_name);
     answer["microseconds"] =
         std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started).count();
     return answer;

@@ -97,10 +97,10 @@ world::ask how_to_ask(const json& request)
 
 } // namespace
 
-json answer_resolve(site& at, const json& request)
+json answer_resolve(running_hosts& hosts, const json& request)
 {
-    if (request.contains("name")) return answer_resolve_name(at, request);
-    kernel::machine& machine = at.host_named(request.value("host", "")).machine();
+    if (request.contains("name")) return answer_resolve_name(hosts, request);
+    kernel::machine& machine = hosts.named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
     const world::resolution answer = resolve_address(machine, console::address_of(request.at("address")), how);
     json result = shown(answer, how);
@@ -113,9 +113,9 @@ json answer_resolve(site& at, const json& request)
     return result;
 }
 
-json answer_reverse(site& at, const json& request)
+json answer_reverse(running_hosts& hosts, const json& request)
 {
-    kernel::machine& machine = at.host_named(request.value("host", "")).machine();
+    kernel::machine& machine = hosts.named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
     const kq_gid_t gid = console::gid_of(request.at("gid"));
     const world::resolution answer = resolve_gid(machine, gid, how);
@@ -129,9 +129,9 @@ json answer_reverse(site& at, const json& request)
     return result;
 }
 
-json answer_flush(site& at, const json& request)
+json answer_flush(running_hosts& hosts, const json& request)
 {
-    kernel::machine& machine = at.host_named(request.value("host", "")).machine();
+    kernel::machine& machine = hosts.named(request.value("host", "")).machine();
     const std::string what = request.value("what", "");
     const auto gid = world::parse_gid(what);
     const uint32_t ip = what.empty() || gid ? 0 : console::address_of(what);

@@ -94,15 +94,17 @@ json host_status(world::host& host)
 
 } // namespace
 
-json answer_status(site& at, const json& request)
+json answer_status(running_hosts& hosts, const json& request)
 {
-    const std::string only = request.value("host", "");
-    json hosts = json::array();
-    if (only.empty())
-        for (const auto& host : at.hosts()) hosts.push_back(host_status(*host));
+    const std::string name = request.value("host", "");
+    json statuses = json::array();
+    if (name.empty())
+        for (const auto& host : hosts.all()) statuses.push_back(host_status(*host));
     else
-        hosts.push_back(host_status(at.host_named(only)));
-    return {{"fabric", at.is_real() ? "umad" : "embedded"}, {"uptime_seconds", at.uptime().count()}, {"hosts", hosts}};
+        statuses.push_back(host_status(hosts.named(name)));
+    return {{"fabric", hosts.is_real() ? "umad" : "embedded"},
+            {"uptime_seconds", hosts.uptime().count()},
+            {"hosts", statuses}};
 }
 
 } // namespace cli

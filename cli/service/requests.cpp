@@ -23,9 +23,9 @@ constexpr const char* ats_registry_key = "dorvex/modules/ats";
 constexpr const char* control_file = "dorvex/ats/control";
 constexpr int highest_trace_level = 5;
 
-world::host& host_of(site& at, const json& request)
+world::host& host_of(running_hosts& hosts, const json& request)
 {
-    return at.host_named(request.value("host", ""));
+    return hosts.named(request.value("host", ""));
 }
 
 console::failure not_loaded(const kernel::machine& machine)
@@ -34,9 +34,9 @@ console::failure not_loaded(const kernel::machine& machine)
 }
 
 // Writes one command to the control file, and returns what the module printed about it.
-json control(site& at, const json& request)
+json control(running_hosts& hosts, const json& request)
 {
-    kernel::machine& machine = host_of(at, request).machine();
+    kernel::machine& machine = host_of(hosts, request).machine();
     const std::string command = request.at("command").get<std::string>() + "\n";
     json result;
     machine.enter("control", [&] {
@@ -51,14 +51,14 @@ json control(site& at, const json& request)
     return result;
 }
 
-json set_trace(site& at, const json& request)
+json set_trace(running_hosts& hosts, const json& request)
 {
     const int level = request.at("level");
     if (level < 0 || level > highest_trace_level)
         throw console::failure(console::exit_usage, "a trace level is a number from 0 (nothing) to 5 (everything)");
     const std::string only = request.value("host", "");
-    if (!only.empty()) at.host_named(only);
-    for (const auto& host : at.hosts())
+    if (!only.empty()) hosts.named(only);
+    for (const auto& host : hosts.all())
         if (only.empty() || host->name() == only)
             host->machine().enter(
                 "trace", [&] { host->machine().get<stack::registry>().set(ats_registry_key, "debug-level", level); });
@@ -99,13 +99,13 @@ void change_record(world::host& host, const json& request, const confirmation::i
     if (!why.empty()) throw console::failure(console::exit_failed, "stored, not confirmed by the SA: " + why);
 }
 
-json set_name(site& at, const json& request)
+json set_name(running_hosts& hosts, const json& request)
 {
     const std::string name = request.at("name");
     if (!console::is_host_name(name))
         throw console::failure(console::exit_usage,
                                console::quote(name) + " cannot be a host name: take " + console::host_name_rule);
-    world::host& host = host_of(at, request);
+    world::host& host = host_of(hosts, request);
     change_record(
         host, request, [&](const records::host_record& record) { return record.host_name == name; },
         [&] { return set_identity(host.machine(), "ats_sa_set_hostname", name.c_str()); });
@@ -113,25 +113,25 @@ json set_name(site& at, const json& request)
 }
 
 // The warning that the embedded SA holds a record of another host with that address; "" when it does not.
-std::string warning_of_another_owner(site& at, world::host& host, const std::string& address)
+std::string warning_of_another_owner(running_hosts& hosts, world::host& host, const std::string& address)
 {
-    if (at.is_real()) return "";
+    if (hosts.is_real()) return "";
     std::set<std::string> own_gids;
     for (fabric::hca* hca : host.machine().hcas())
         for (int port = 1; port <= hca->port_count(); ++port)
             for (const fabric::gid_bytes& gid : hca->read_port(port).gids) own_gids.insert(embedded::text_of(gid));
-    for (const embedded::service_record_view& record : at.subnet().service_records())
+    for (const embedded::service_record_view& record : hosts.subnet().service_records())
         if (record.ipv4 == address && !own_gids.contains(record.gid))
             return console::shared_address_warning(host.name(), record.host_name, address);
     return "";
 }
 
-json set_address(site& at, const json& request)
+json set_address(running_hosts& hosts, const json& request)
 {
     const std::string address = request.at("address");
     const uint32_t ip = console::host_address_of(address);
-    world::host& host = host_of(at, request);
-    const std::string warning = warning_of_another_owner(at, host, address);
+    world::host& host = host_of(hosts, request);
+    const std::string warning = warning_of_another_owner(hosts, host, address);
     change_record(
         host, request, [&](const records::host_record& record) { return record.address == ip; },
         [&] { return set_identity(host.machine(), "ats_sa_set_ip_addrs", ip); });
@@ -141,7 +141,7 @@ json set_address(site& at, const json& request)
 }
 
 // For clients that want to know whether the service is alive.
-json answer_ping(site&, const json&)
+json answer_ping(running_hosts&, const json&)
 {
     return done("alive");
 }
@@ -153,9 +153,9 @@ json done(const std::string& what)
     return {{"done", what}};
 }
 
-json answer_request(site& at, const json& request)
+json answer_request(running_hosts& hosts, const json& request)
 {
-    static const std::map<std::string, json (*)(site&, const json&)> requests = {
+    static const std::map<std::string, json (*)(running_hosts&, const json&)> requests = {
         {"status", answer_status}, {"resolve", answer_resolve},  {"reverse", answer_reverse},
         {"flush", answer_flush},   {"control", control},         {"trace", set_trace},
         {"set-name", set_name},    {"set-address", set_address}, {"link", answer_link},
@@ -165,7 +165,7 @@ json answer_request(site& at, const json& request)
     const auto found = requests.find(name);
     if (found == requests.end())
         throw console::failure(console::exit_usage, "this service does not know the request " + console::quote(name));
-    json answer = found->second(at, request);
+    json answer = found->second(hosts, request);
     console::add_gid6(answer);
     return answer;
 }

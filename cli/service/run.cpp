@@ -75,11 +75,11 @@ class ending_signals
     sigset_t set_;
 };
 
-std::unique_ptr<proc_mount> mount(const std::string& directory, const site& running)
+std::unique_ptr<proc_mount> mount(const std::string& directory, const running_hosts& hosts)
 {
     if (directory.empty()) return nullptr;
     std::vector<kernel::machine*> machines;
-    for (const auto& host : running.hosts()) machines.push_back(&host->machine());
+    for (const auto& host : hosts.all()) machines.push_back(&host->machine());
     return proc_mount::open(directory, machines);
 }
 
@@ -91,9 +91,9 @@ void announce(const run_options& options, size_t hosts)
     std::cout << ". Stop with Ctrl-C." << std::endl;
 }
 
-int unload(site& running)
+int unload(running_hosts& hosts)
 {
-    const std::vector<std::string> refusals = running.stop();
+    const std::vector<std::string> refusals = hosts.stop();
     for (const std::string& refusal : refusals) std::cerr << "ats: " << world::printable_lines(refusal) << '\n';
     if (!refusals.empty()) return console::exit_failed;
     std::cout << "ats: all hosts have unloaded." << std::endl;
@@ -114,11 +114,11 @@ world_config configuration_of(const run_options& options)
 }
 
 // False when a signal came meanwhile.
-bool start(site& running, const ending_signals& signals)
+bool start(running_hosts& hosts, const ending_signals& signals)
 {
-    const std::string all = std::to_string(running.hosts().size());
+    const std::string all = std::to_string(hosts.all().size());
     console::progress shown;
-    return running.start([&](size_t started) {
+    return hosts.start([&](size_t started) {
         shown.show("starting host " + std::to_string(started + 1) + " of " + all);
         return !signals.has_come();
     });
@@ -132,21 +132,21 @@ int serve(const run_options& options)
     const ending_signals signals;
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
     auto listening = std::make_unique<listening_socket>(options.socket);
-    site running(config, options.modules);
-    if (!start(running, signals)) {
+    running_hosts hosts(config, options.modules);
+    if (!start(hosts, signals)) {
         std::cerr << "ats: told to end while hosts were starting\n";
         signals.wait();
-        return unload(running);
+        return unload(hosts);
     }
     {
-        const std::unique_ptr<proc_mount> files = mount(options.mount, running);
-        const server serving(running, std::move(listening));
-        announce(options, running.hosts().size());
+        const std::unique_ptr<proc_mount> files = mount(options.mount, hosts);
+        const server serving(hosts, std::move(listening));
+        announce(options, hosts.all().size());
         notify_service_manager("READY=1");
         signals.wait();
         notify_service_manager("STOPPING=1");
     }
-    const int unloaded = unload(running);
+    const int unloaded = unload(hosts);
     if (!exec::reserve::is_used()) return unloaded;
     std::cerr << "ats: the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts\n";
     return console::exit_failed;

@@ -44,7 +44,8 @@ void or_not_started(const std::string& host, const step_t& step)
 
 } // namespace
 
-site::site(const world_config& config, const std::string& module_folder) : exec_(exec::make_threaded_executor())
+running_hosts::running_hosts(const world_config& config, const std::string& module_folder)
+    : exec_(exec::make_threaded_executor())
 {
     if (config.fabric.is_real) {
         umad::opened opened = umad::open(*exec_, config.fabric.ports);
@@ -62,20 +63,20 @@ site::site(const world_config& config, const std::string& module_folder) : exec_
         });
 }
 
-site::~site()
+running_hosts::~running_hosts()
 {
     stop();
     hosts_.clear(); // the machines let go of their HCAs before the fabric and the clock go
 }
 
-embedded::subnet& site::subnet()
+embedded::subnet& running_hosts::subnet()
 {
     if (subnet_) return *subnet_;
     throw console::failure(console::exit_usage,
                            "the fabric is a real one: its links and its SA are not ats's to change");
 }
 
-void site::start_capture(const std::string& path)
+void running_hosts::start_capture(const std::string& path)
 {
     using namespace std::chrono;
     const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
@@ -87,7 +88,7 @@ void site::start_capture(const std::string& path)
         subnet_->set_tap(capture_.get());
 }
 
-void site::stop_capture(std::vector<std::string>& complaints)
+void running_hosts::stop_capture(std::vector<std::string>& complaints)
 {
     if (!capture_) return;
     if (real_)
@@ -98,7 +99,7 @@ void site::stop_capture(std::vector<std::string>& complaints)
     capture_.reset();
 }
 
-bool site::start(const std::function<bool(size_t)>& may_go_on)
+bool running_hosts::start(const std::function<bool(size_t)>& may_go_on)
 {
     size_t started = 0;
     for (const auto& host : hosts_) {
@@ -117,7 +118,7 @@ bool site::start(const std::function<bool(size_t)>& may_go_on)
     return true;
 }
 
-std::vector<std::string> site::stop()
+std::vector<std::string> running_hosts::stop()
 {
     std::vector<std::string> refusals;
     for (auto host = hosts_.rbegin(); host != hosts_.rend(); ++host) {
@@ -128,12 +129,12 @@ std::vector<std::string> site::stop()
     return refusals;
 }
 
-std::chrono::seconds site::uptime() const
+std::chrono::seconds running_hosts::uptime() const
 {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - built_);
 }
 
-world::host& site::host_named(const std::string& name)
+world::host& running_hosts::named(const std::string& name)
 {
     std::string names;
     for (const auto& host : hosts_) {

@@ -18,16 +18,16 @@
 namespace cli
 {
 
-class site
+class running_hosts
 {
   public:
     // Builds the fabric and the hosts; links of an embedded fabric are down. Modules come from `module_folder`. Throws
     // a failure when real ports cannot be opened, the capture file cannot be written, or the process has no room for
     // all hosts.
-    site(const world_config& config, const std::string& module_folder);
+    running_hosts(const world_config& config, const std::string& module_folder);
 
     // Unloads every host's modules; see stop().
-    ~site();
+    ~running_hosts();
 
     // Loads every host's modules and brings all links of an embedded fabric up. Throws a failure naming the host that
     // did not start. `may_go_on` is asked before each host, with the number of those that have started; on its false
@@ -45,11 +45,11 @@ class site
 
     // The embedded fabric. Throws a failure when there is none.
     embedded::subnet& subnet();
-    const std::vector<std::unique_ptr<world::host>>& hosts() const { return hosts_; }
+    const std::vector<std::unique_ptr<world::host>>& all() const { return hosts_; }
 
     // The host of that name, which is the service's own or the one it is registered under; the first one for "". Throws
     // a failure with the names there are.
-    world::host& host_named(const std::string& name);
+    world::host& named(const std::string& name);
 
   private:
     void start_capture(const std::string& path);

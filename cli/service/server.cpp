@@ -100,25 +100,26 @@ void stream_log(const log_request& wanted, line_channel& to)
     }
 }
 
-json answer_log(site& at, const json& request, line_channel& to)
+json answer_log(running_hosts& hosts, const json& request, line_channel& to)
 {
-    const log_request wanted{at.host_named(request.value("host", "")).machine().log,
+    const log_request wanted{hosts.named(request.value("host", "")).machine().log,
                              request.value("level", console::trace_level_everything), request.value("follow", false)};
     stream_log(wanted, to);
     return {{"end", true}};
 }
 
-json answer(site& at, const std::string& line, line_channel& to)
+json answer(running_hosts& hosts, const std::string& line, line_channel& to)
 {
     const json request = json::parse(line, nullptr, false);
     if (!request.is_object()) throw console::failure(console::exit_usage, "a request is one JSON object on a line");
-    if (request.value("request", "") == "log") return answer_log(at, request, to);
-    return answer_request(at, request);
+    if (request.value("request", "") == "log") return answer_log(hosts, request, to);
+    return answer_request(hosts, request);
 }
 
 } // namespace
 
-server::server(site& at, std::unique_ptr<listening_socket> listening) : at_(at), listening_(std::move(listening))
+server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening)
+    : hosts_(hosts), listening_(std::move(listening))
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -168,7 +169,7 @@ void server::converse(conversation& with)
     while (connected) {
         const std::optional<std::string> line = with.channel.read();
         if (!line) break;
-        const json said = answer_or_refusal([&] { return answer(at_, *line, with.channel); });
+        const json said = answer_or_refusal([&] { return answer(hosts_, *line, with.channel); });
         connected = with.channel.write(line_of(said));
     }
     with.channel.hang_up();

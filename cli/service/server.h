@@ -1,4 +1,4 @@
-// Serves the clients of a running site over the Unix socket: a thread for each.
+// Serves the clients of the running hosts over the Unix socket: a thread for each.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@ class server
 {
   public:
     // Starts serving at once. `at` outlives the server.
-    server(site& at, std::unique_ptr<listening_socket> listening);
+    server(running_hosts& hosts, std::unique_ptr<listening_socket> listening);
 
     // Takes no new clients, ends the conversations in progress after their current request, and waits for them.
     ~server();
@@ -34,7 +34,7 @@ class server
     void converse(conversation& with);
     void reap();
 
-    site& at_;
+    running_hosts& hosts_;
     std::unique_ptr<listening_socket> listening_;
     descriptor stop_read_;
     descriptor stop_write_;
