@@ -1,5 +1,6 @@
 #include "host/stack/timers.h"
 
+#include <cassert>
 #include <utility>
 
 #include "host/kernel/module-image.h"
@@ -87,17 +88,19 @@ std::vector<std::string> timers::left_by(const kernel::module_code& leaving) con
 void timers::run(lane& self)
 {
     while (!self.task.is_stopping())
-        if (!run_next(self) && !polls_for_answers(self)) self.task.sleep(next_deadline(self), "timers");
+        if (!run_next(self) && !run_idle_work(self)) self.task.sleep(next_deadline(self), "timers");
 }
 
-// What handlers that may sleep wait for is answers, and what answers lead to is such handlers. So their task takes the
-// next answers in itself while they keep coming: a switch less to get them, and one less to use them.
-bool timers::polls_for_answers(const lane& self) const
+void timers::set_idle_work(std::function<bool()> work)
 {
-    bool any = false;
-    if (&self == &sleeping_)
-        for (fabric::hca* each : home_.hcas()) any |= each->poll();
-    return any;
+    assert(!has_idle_work_);
+    idle_work_ = std::move(work);
+    has_idle_work_ = true;
+}
+
+bool timers::run_idle_work(const lane& self) const
+{
+    return &self == &sleeping_ && has_idle_work_ && idle_work_();
 }
 
 bool timers::run_next(lane& self)

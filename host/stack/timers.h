@@ -1,9 +1,11 @@
 // The timing service of a machine. Handlers that never sleep run in its timer context; those that may sleep run in a
-// task of their own, so that they delay nobody but each other; it may be a tick late, for it also polls for answers.
+// task of their own, so that they delay nobody but each other. They may be late by what idle work takes.
 // Whatever is due at one tick runs in this order: the handlers that never sleep, then the others, each kind by deadline
 // and then in the order of arming.
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <mutex>
 
 #include "host/stack/service-task.h"
@@ -28,6 +30,10 @@ class timers final : public kernel::service
 
     size_t armed() const;
 
+    // Sets what the task of the sleeping handlers does, again and again, while no handler is due. It sleeps when `work`
+    // returns false: nothing was done. `work` may sleep; a handler that becomes due meanwhile waits for it. Once only.
+    void set_idle_work(std::function<bool()> work);
+
     std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
 
   private:
@@ -42,7 +48,7 @@ class timers final : public kernel::service
     };
 
     void run(lane& self);
-    bool polls_for_answers(const lane& self) const;
+    bool run_idle_work(const lane& self) const;
     bool run_next(lane& self);
     bool take_next(lane& self, armed_timer& next);
     uint64_t next_deadline(lane& self);
@@ -53,6 +59,8 @@ class timers final : public kernel::service
     uint64_t times_armed_ = 0;
     bool sleeping_stands_back_ = false; // the sleeping lane waits, without a deadline, for the atomic one to ring
     wait_queue_head_t handler_ended_;
+    std::function<bool()> idle_work_;
+    std::atomic<bool> has_idle_work_{false}; // idle_work_ is set, and does not change any more
     lane atomic_;
     lane sleeping_;
 };
