@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/stack/boot.h"
 #include "host/stack/timers.h"
 #include "tests/stack/fake-hca.h"
 
@@ -151,7 +152,7 @@ TEST_F(timers_test, a_handler_that_sleeps_delays_its_like_but_no_other)
     EXPECT_THAT(lines, ElementsAre("slow@110", "atomic@120", "neighbour@121", "waits@160"));
 }
 
-TEST_F(timers_test, the_task_of_handlers_that_sleep_takes_in_answers_between_them)
+TEST_F(timers_test, the_task_of_handlers_that_sleep_receives_answers_while_none_is_due)
 {
     machine_with_fake world({.start_tick = 100});
     int answers = 0;
@@ -160,6 +161,7 @@ TEST_F(timers_test, the_task_of_handlers_that_sleep_takes_in_answers_between_the
         return answers-- > 0;
     };
     world.run([&] {
+        stack::boot(world.host);
         arm("atomic", true, 105);
         arm("asks", false, 110, [&](timing_t&) { answers = 2; });
         schedule_timeout_uninterruptible(20);
