@@ -55,13 +55,21 @@ std::vector<std::string> names()
     return all;
 }
 
-const control_command& command_named(const std::string& name)
+ats::result<control_command> command_named(const std::string& name)
 {
-    const auto* found = std::ranges::find(commands, name, &control_command::name);
-    if (found == commands.end())
-        throw failure(exit_usage, "ats has no control command " + quote(name) + suggestion_for(name, names()) +
-                                      " ('ats control --list' shows them)");
-    return *found;
+    const auto* const command = std::ranges::find(commands, name, &control_command::name);
+    if (command != commands.end()) return *command;
+    return ats::fail(ats::error_kind::invalid, "ats has no control command " + quote(name) +
+                                                   suggestion_for(name, names()) +
+                                                   " ('ats control --list' shows them)");
+}
+
+// The argument as the module reads it: a GID in hexadecimal digits, any other word unchanged.
+ats::result<std::string> argument_for_module(const control_command& command, const std::string& word)
+{
+    const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;
+    if (!is_ipv6_notation) return word;
+    return gid_of(word).map(world::format_gid);
 }
 
 } // namespace
@@ -73,23 +81,27 @@ std::string list_control_commands()
     return format_table(rows, 0);
 }
 
-std::string control_line(const std::vector<std::string>& words)
+ats::result<std::string> control_line(const std::vector<std::string>& words)
 {
+    using ats::error_kind;
     const std::vector<std::string> parts = split(words);
-    if (parts.empty()) throw failure(exit_usage, "COMMAND is empty ('ats control --list' shows what there is)");
-    const control_command& command = command_named(parts.front());
-    if (parts.size() - 1 != command.argument_count) {
-        const std::string arguments = *command.arguments == '\0' ? " alone" : std::string(" ") + command.arguments;
-        throw failure(exit_usage, std::string("write ") + command.name + arguments + ", not " +
-                                      std::to_string(parts.size() - 1) + " arguments");
+    if (parts.empty())
+        return ats::fail(error_kind::invalid, "COMMAND is empty ('ats control --list' shows what there is)");
+    const ats::result<control_command> command = command_named(parts.front());
+    if (!command) return ats::pass_on(command);
+    const size_t argument_count = parts.size() - 1;
+    if (argument_count != command->argument_count) {
+        const std::string arguments = command->argument_count == 0 ? "alone" : command->arguments;
+        return ats::fail(error_kind::invalid, std::string("write ") + command->name + " " + arguments + ", not " +
+                                                  std::to_string(argument_count) + " arguments");
     }
     std::string line;
     for (const std::string& word : parts) {
-        const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;
-        const std::string part = is_ipv6_notation ? world::format_gid(gid_of(word)) : word; // the module reads no other
-        if (part.size() > longest_word)
-            throw failure(exit_usage, quote(part) + " is too long: a word has at most 40 bytes");
-        line += (line.empty() ? "" : " ") + part;
+        const ats::result<std::string> part = argument_for_module(*command, word);
+        if (!part) return part;
+        if (part->size() > longest_word)
+            return ats::fail(error_kind::invalid, quote(*part) + " is too long: a word has at most 40 bytes");
+        line += (line.empty() ? "" : " ") + *part;
     }
     return line;
 }

@@ -6,15 +6,17 @@
 #include <string_view>
 #include <vector>
 
+#include "host/result.h"
+
 namespace console
 {
 
 // The commands with their arguments and what each does, for people.
 std::string list_control_commands();
 
-// The line that these words make up, each of which may hold several. Throws a failure (wrong usage) when the module
-// would not understand it: an unknown command, a wrong number of arguments, a word that is too long.
-std::string control_line(const std::vector<std::string>& words);
+// Joins these words to one line; each may hold several words. A line that the module would not understand is invalid:
+// an unknown command, a wrong number of arguments, a word that is too long.
+ats::result<std::string> control_line(const std::vector<std::string>& words);
 
 // A line that a user of this command should read, "" for most.
 std::string control_warning(const std::string& line);

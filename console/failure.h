@@ -1,9 +1,11 @@
-// How a command ends when it cannot go on.
+// The exit codes of commands, and how a command reports an error.
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
+#include "host/result.h"
 #include "host/world/printable.h"
 
 namespace console
@@ -17,11 +19,54 @@ enum exit_code : int {
     exit_unreachable = 3, // no service answers on the socket
 };
 
-// what() is one line that says what is wrong and what would be right.
+// The exit code of a command that ends with an error of this kind.
+constexpr exit_code exit_code_of(ats::error_kind kind)
+{
+    switch (kind) {
+    case ats::error_kind::invalid:
+        return exit_usage;
+    case ats::error_kind::unreachable:
+        return exit_unreachable;
+    default:
+        return exit_failed;
+    }
+}
+
+// The kind of error that a service reports with an exit code.
+constexpr ats::error_kind error_kind_of(int code)
+{
+    switch (code) {
+    case exit_usage:
+        return ats::error_kind::invalid;
+    case exit_unreachable:
+        return ats::error_kind::unreachable;
+    default:
+        return ats::error_kind::failed;
+    }
+}
+
+// Turns the body of a command into a callback for CLI11. The callback stores the exit code or the error in `outcome`,
+// from where main() takes it. `outcome` outlives the callback.
+inline std::function<void()> command_callback(ats::result<int>& outcome, std::function<ats::result<int>()> body)
+{
+    return [&outcome, body = std::move(body)] { outcome = body(); };
+}
+
+// The exception that ats::result replaces. what() is one line that says what is wrong and what would be right.
 struct failure : std::runtime_error {
-    failure(exit_code code, const std::string& why) : std::runtime_error(why), code(code) {}
+    failure(exit_code code, const std::string& text) : std::runtime_error(text), code(code) {}
+    explicit failure(const ats::error& error) : failure(exit_code_of(error.kind), error.text) {}
+    ats::error error() const { return {error_kind_of(code), what()}; }
     const exit_code code;
 };
+
+// The value, or the error as an exception, for callers that still throw.
+template <class T>
+T value_or_throw(ats::result<T> result)
+{
+    if (!result) throw failure(result.error());
+    return std::move(*result);
+}
 
 // Repeats a person's text in an error line: in quotation marks, cut to 60 bytes, control characters escaped.
 inline std::string quote(const std::string& word)

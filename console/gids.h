@@ -5,13 +5,14 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "host/result.h"
 #include "ib-types.h"
 
 namespace console
 {
 
-// Reads a GID in either notation. Throws a failure of exit_usage when it is none.
-kq_gid_t gid_of(const std::string& text);
+// Reads a GID in either notation. Any other text is invalid.
+ats::result<kq_gid_t> gid_of(const std::string& text);
 
 // Gives every object that has a "gid" a "gid6" beside it, at any depth: the same GID like an IPv6 address, or null.
 void add_gid6(nlohmann::json& answer);

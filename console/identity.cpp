@@ -19,7 +19,7 @@ struct address_range {
     uint32_t first, last; // host order
     const char* meaning;
 };
-constexpr address_range no_host_has[] = {
+constexpr address_range unusable_ranges[] = {
     {0x00000000, 0x00FFFFFF, "it means 'this network'"},
     {0x7F000000, 0x7FFFFFFF, "it is a loopback address"},
     {0xE0000000, 0xEFFFFFFF, "it is a multicast address"},
@@ -52,24 +52,25 @@ std::string host_name_of_machine(std::vector<std::string>& remarks)
     return host_name_for(name, remarks);
 }
 
-uint32_t address_of(const std::string& text, const std::string& place)
+ats::result<uint32_t> address_of(const std::string& text, const std::string& place)
 {
-    const auto ip = world::parse_ipv4(text);
-    if (!ip)
-        throw failure(exit_usage,
-                      place + quote(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
-    return *ip;
+    const std::optional<uint32_t> address = world::parse_ipv4(text);
+    if (address) return *address;
+    return ats::fail(ats::error_kind::invalid,
+                     place + quote(text) + " is no IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
 }
 
-uint32_t host_address_of(const std::string& text, const std::string& place)
+ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place)
 {
-    const uint32_t ip = address_of(text, place);
-    const auto* const range = std::ranges::find_if(
-        no_host_has, [&](const address_range& each) { return ntohl(ip) >= each.first && ntohl(ip) <= each.last; });
-    if (range != std::end(no_host_has))
-        throw failure(exit_usage, place + quote(text) + " cannot be a host's address: " + range->meaning +
-                                      "; take one that other hosts reach it by, as in 10.0.0.1");
-    return ip;
+    ats::result<uint32_t> address = address_of(text, place);
+    if (!address) return address;
+    const auto contains_address = [&](const address_range& range) {
+        return ntohl(*address) >= range.first && ntohl(*address) <= range.last;
+    };
+    const auto* const range = std::ranges::find_if(unusable_ranges, contains_address);
+    if (range == std::end(unusable_ranges)) return address;
+    return ats::fail(ats::error_kind::invalid, place + quote(text) + " cannot be a host's address: " + range->meaning +
+                                                   "; take one that other hosts reach it by, as in 10.0.0.1");
 }
 
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address)

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host/result.h"
+
 namespace console
 {
 
@@ -25,10 +27,12 @@ std::string host_name_for(const std::string& machine_name, std::vector<std::stri
 // The name of this machine, likewise.
 std::string host_name_of_machine(std::vector<std::string>& remarks);
 
-// Reads an IPv4 address in network order. Throws a failure of exit_usage, whose text begins with `place`, when it is
-// none, or for the second one when no host can have it: "this network", loopback, multicast and broadcast addresses.
-uint32_t address_of(const std::string& text, const std::string& place = "");
-uint32_t host_address_of(const std::string& text, const std::string& place = "");
+// Reads an IPv4 address; the value is in network order. Any other text is invalid. `place` begins the text of the
+// error.
+ats::result<uint32_t> address_of(const std::string& text, const std::string& place = "");
+
+// The same for the address of a host. "This network", loopback, multicast and broadcast addresses are invalid too.
+ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place = "");
 
 // The warning that two hosts of a fabric have one address, which is then nobody's.
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);

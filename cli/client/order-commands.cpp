@@ -43,7 +43,7 @@ void add_flush(CLI::App& program)
 
 int run_control(const client_options& common, const std::vector<std::string>& words)
 {
-    const std::string line = console::control_line(words);
+    const std::string line = console::value_or_throw(console::control_line(words));
     const json answer = client(common).ask({{"request", "control"}, {"command", line}});
     throw_if_refused(answer);
     if (common.as_json)

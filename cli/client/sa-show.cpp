@@ -37,7 +37,7 @@ umad::record_filter filter_of(const show_options& options)
                                    console::quote(options.address) + " is no IPv4 address like 10.0.0.1");
     }
     if (!options.gid.empty()) {
-        filter.gid = std::to_array(to_wire(console::gid_of(options.gid)).bytes);
+        filter.gid = std::to_array(to_wire(console::value_or_throw(console::gid_of(options.gid))).bytes);
     }
     if (!options.name.empty()) filter.host_name = options.name;
     return filter;

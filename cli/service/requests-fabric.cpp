@@ -40,7 +40,7 @@ json forget(running_hosts& hosts, const std::string& gid)
     if (gid.empty()) {
         forgotten = hosts.subnet().forget_all();
     } else {
-        const wire_gid_t wire = to_wire(console::gid_of(gid));
+        const wire_gid_t wire = to_wire(console::value_or_throw(console::gid_of(gid)));
         forgotten = hosts.subnet().forget(std::to_array(wire.bytes));
     }
     if (forgotten == 0)

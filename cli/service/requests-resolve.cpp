@@ -102,7 +102,8 @@ json answer_resolve(running_hosts& hosts, const json& request)
     if (request.contains("name")) return answer_resolve_name(hosts, request);
     kernel::machine& machine = hosts.named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
-    const world::resolution answer = resolve_address(machine, console::address_of(request.at("address")), how);
+    const world::resolution answer =
+        resolve_address(machine, console::value_or_throw(console::address_of(request.at("address"))), how);
     json result = shown(answer, how);
     if (must_verify(request, result)) {
         const world::resolution sure = resolve_address(machine, answer.ip, world::ask::sa_only);
@@ -117,7 +118,7 @@ json answer_reverse(running_hosts& hosts, const json& request)
 {
     kernel::machine& machine = hosts.named(request.value("host", "")).machine();
     const world::ask how = how_to_ask(request);
-    const kq_gid_t gid = console::gid_of(request.at("gid"));
+    const kq_gid_t gid = console::value_or_throw(console::gid_of(request.at("gid")));
     const world::resolution answer = resolve_gid(machine, gid, how);
     json result = shown(answer, how);
     if (must_verify(request, result)) {
@@ -134,7 +135,7 @@ json answer_flush(running_hosts& hosts, const json& request)
     kernel::machine& machine = hosts.named(request.value("host", "")).machine();
     const std::string what = request.value("what", "");
     const auto gid = world::parse_gid(what);
-    const uint32_t ip = what.empty() || gid ? 0 : console::address_of(what);
+    const uint32_t ip = what.empty() || gid ? 0 : console::value_or_throw(console::address_of(what));
     const world::published<ibat_flush_fn_t> flush(machine, "ibat_flush_fn");
     const world::published<ibat_forget_fn_t> forget(machine, "ibat_forget_fn");
     if (!flush || !forget) throw console::failure(console::exit_failed, "ibat is not loaded on " + machine.name());

@@ -129,7 +129,7 @@ std::string warning_of_another_owner(running_hosts& hosts, world::host& host, co
 json set_address(running_hosts& hosts, const json& request)
 {
     const std::string address = request.at("address");
-    const uint32_t ip = console::host_address_of(address);
+    const uint32_t ip = console::value_or_throw(console::host_address_of(address));
     world::host& host = host_of(hosts, request);
     const std::string warning = warning_of_another_owner(hosts, host, address);
     change_record(

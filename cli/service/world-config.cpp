@@ -175,7 +175,7 @@ read_host_plan read_host(const toml::table& table, const std::string& file, worl
     const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
     if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
     if (const toml::node* const given = reader.find("address"))
-        console::host_address_of(address, reader.place_of(*given));
+        console::value_or_throw(console::host_address_of(address, reader.place_of(*given)));
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
     plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
@@ -237,7 +237,7 @@ world_config real_host(const std::string& name, const std::string& address, cons
     if (!console::is_host_name(plan.name))
         throw console::failure(console::exit_usage, console::quote(plan.name) + " cannot be a host name: give --name " +
                                                         console::host_name_rule);
-    console::host_address_of(address);
+    console::value_or_throw(console::host_address_of(address));
     plan.hcas.clear();
     plan.modules = world::usual_modules(plan.name, address);
     config.hosts = {plan};
