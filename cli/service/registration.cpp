@@ -1,5 +1,6 @@
 #include "cli/service/registration.h"
 
+#include <cassert>
 #include <optional>
 
 #include "host/stack/gsi-service.h"
@@ -18,43 +19,56 @@ namespace
 using nlohmann::json;
 using stack::registration_state;
 
-constexpr uint64_t answer_limit_ticks = 1000; // for an answer of the SA
+constexpr uint64_t answer_limit_ticks = 1000; // that an answer of the SA may take
 constexpr unsigned long look_period_ticks = 5;
-constexpr const char* no_port = "no port is active; it is registered when a link comes up";
-constexpr const char* no_answer = "the SA did not answer";
-constexpr const char* see_the_log = "it was not sent, 'ats log --level 1' says why";
 
-struct hca_registration {
+struct hca_state {
     std::string hca;
-    bool has_link = false; // any port
-    bool port_has_link = false;
-    std::optional<stack::registration> seen; // empty: no record has been sent
+    bool has_link = false;                           // any port
+    bool port_has_link = false;                      // the port that sent the record
+    std::optional<stack::registration> registration; // empty: no record has been sent
 };
 
+tl::unexpected<ats::error> no_port()
+{
+    return ats::fail("no port is active; it is registered when a link comes up");
+}
+
+tl::unexpected<ats::error> no_answer()
+{
+    return ats::fail(ats::error_kind::unreachable, "the SA did not answer");
+}
+
+tl::unexpected<ats::error> not_sent()
+{
+    return ats::fail("it was not sent, 'ats log --level 1' says why");
+}
+
 // In the order of the host's HCAs.
-std::vector<hca_registration> look(world::host& host)
+std::vector<hca_state> look(world::host& host)
 {
     kernel::machine& machine = host.machine();
     std::vector<stack::registration_view> views;
     machine.enter("registration", [&] { views = machine.get<stack::gsi>().registrations(); });
-    std::vector<hca_registration> found;
+    std::vector<hca_state> states;
     for (fabric::hca* hca : machine.hcas()) {
-        hca_registration& added = found.emplace_back();
-        added.hca = hca->name();
+        hca_state& state = states.emplace_back();
+        state.hca = hca->name();
         for (const stack::registration_view& view : views)
-            if (view.hca == hca->name() && records::is_host_record(view.record.record)) added.seen = view.record;
+            if (view.hca == hca->name() && records::is_host_record(view.record.record))
+                state.registration = view.record;
         for (int port = 1; port <= hca->port_count(); ++port) {
             const bool is_active = hca->read_port(port).state == fabric::link_state::active;
-            added.has_link |= is_active;
-            if (added.seen && added.seen->port == port) added.port_has_link = is_active;
+            state.has_link |= is_active;
+            if (state.registration && state.registration->port == port) state.port_has_link = is_active;
         }
     }
-    return found;
+    return states;
 }
 
-uint64_t confirmations_of(const hca_registration& hca)
+uint64_t confirmations_of(const hca_state& hca)
 {
-    return hca.seen ? hca.seen->confirmations : 0;
+    return hca.registration ? hca.registration->confirmations : 0;
 }
 
 std::string text_of(const ib_service_record_v2_t& record)
@@ -64,36 +78,38 @@ std::string text_of(const ib_service_record_v2_t& record)
     return world::format_ipv4(host.address) + " " + world::printable(host.host_name);
 }
 
-// Says why the SA does not hold the record that was sent last; "" if it holds it.
-std::string answer_of(const stack::registration& seen)
+// Succeeds if the SA holds the record that was sent last.
+ats::result<> answer_of(const stack::registration& registration)
 {
-    switch (seen.state) {
+    switch (registration.state) {
     case registration_state::confirmed:
-        return "";
+        return {};
     case registration_state::asked:
-        return no_answer;
+        return no_answer();
     case registration_state::not_sent:
-        return see_the_log;
+        return not_sent();
     case registration_state::refused:
-        return "the SA refused it with status " + records::status_text(seen.status);
+        return ats::fail("the SA refused it with status " + records::status_text(registration.status));
     case registration_state::missing:
-        return "the SA answered a question for it with status " + records::status_text(seen.status);
+        return ats::fail("the SA answered a question for it with status " + records::status_text(registration.status));
     case registration_state::different:
-        return "the SA holds another record: " + text_of(seen.held);
+        return ats::fail("the SA holds another record: " + text_of(registration.held));
     case registration_state::withdrawn:
-        return "it has been withdrawn";
+        return ats::fail("it has been withdrawn");
     }
-    return "";
+    return {};
 }
 
-// Says why the HCA counts as not registered now; "" if it is registered.
-std::string why_not_registered(const hca_registration& hca, uint64_t now_ticks)
+// Succeeds if the HCA counts as registered at that time.
+ats::result<> registration_of(const hca_state& hca, uint64_t now_ticks)
 {
-    if (!hca.has_link) return no_port;
-    if (!hca.seen) return "nothing has been sent to the SA yet";
-    if (hca.seen->is_unanswered && now_ticks - hca.seen->unanswered_tick > answer_limit_ticks) return no_answer;
-    if (!hca.port_has_link) return "port " + std::to_string(hca.seen->port) + ", which registered it, is down";
-    return answer_of(*hca.seen);
+    if (!hca.has_link) return no_port();
+    if (!hca.registration) return ats::fail("nothing has been sent to the SA yet");
+    const stack::registration& registration = *hca.registration;
+    if (registration.is_unanswered && now_ticks - registration.unanswered_tick > answer_limit_ticks) return no_answer();
+    if (!hca.port_has_link)
+        return ats::fail("port " + std::to_string(registration.port) + ", which registered it, is down");
+    return answer_of(registration);
 }
 
 json seconds_since(uint64_t tick, uint64_t now_ticks)
@@ -108,55 +124,59 @@ std::string hexadecimal(uint16_t word)
     return text;
 }
 
-json report_of(const hca_registration& hca, uint64_t now_ticks)
+json report_of(const hca_state& hca, uint64_t now_ticks)
 {
-    const std::string why = why_not_registered(hca, now_ticks);
-    json report = {{"hca", hca.hca},    {"registered", why.empty()},    {"reason", why.empty() ? json() : json(why)},
-                   {"status", nullptr}, {"confirmed_seconds", nullptr}, {"unanswered_seconds", nullptr}};
+    const ats::result<> registered = registration_of(hca, now_ticks);
+    json report = {{"hca", hca.hca},
+                   {"registered", registered.has_value()},
+                   {"reason", registered ? json() : json(registered.error().text)},
+                   {"status", nullptr},
+                   {"confirmed_seconds", nullptr},
+                   {"unanswered_seconds", nullptr}};
     for (const char* key : {"name", "address", "gid", "p_key", "port", "sm_lid"}) report[key] = nullptr;
-    if (!hca.seen) return report;
-    const stack::registration& seen = *hca.seen;
-    const records::host_record record = records::decode(seen.record);
+    if (!hca.registration) return report;
+    const stack::registration& registration = *hca.registration;
+    const records::host_record record = records::decode(registration.record);
     report["name"] = record.host_name;
     report["address"] = world::format_ipv4(record.address);
     report["gid"] = world::format_gid(record.gid);
     report["p_key"] = hexadecimal(record.p_key);
-    report["port"] = seen.port;
-    report["sm_lid"] = seen.sm_lid;
-    if (seen.state == registration_state::refused || seen.state == registration_state::missing)
-        report["status"] = hexadecimal(seen.status);
-    if (seen.confirmed_tick) report["confirmed_seconds"] = seconds_since(*seen.confirmed_tick, now_ticks);
-    if (why == no_answer) report["unanswered_seconds"] = seconds_since(seen.unanswered_tick, now_ticks);
+    report["port"] = registration.port;
+    report["sm_lid"] = registration.sm_lid;
+    if (registration.state == registration_state::refused || registration.state == registration_state::missing)
+        report["status"] = hexadecimal(registration.status);
+    if (registration.confirmed_tick)
+        report["confirmed_seconds"] = seconds_since(*registration.confirmed_tick, now_ticks);
+    if (!registered && registered.error().kind == ats::error_kind::unreachable)
+        report["unanswered_seconds"] = seconds_since(registration.unanswered_tick, now_ticks);
     return report;
 }
 
-// Asks the SA for the owner of the unconfirmed record's address. The stack sees the answer too.
-// Returns what is wrong with it, or "".
-std::string ask_for(kernel::machine& machine, const stack::registration& seen)
+// Asks the SA for the owner of the unconfirmed record's address. The stack sees the answer too. Fails if the SA names
+// another owner or none.
+ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration& registration)
 {
-    const records::host_record record = records::decode(seen.record);
+    const records::host_record record = records::decode(registration.record);
+    const std::string address = world::format_ipv4(record.address);
     const world::resolution owner = resolve_address(machine, record.address, world::ask::sa_only);
-    if (owner.status == ibat_stat_not_found) return owner.why + " of " + world::format_ipv4(record.address);
+    if (owner.status == ibat_stat_not_found) return ats::fail(owner.why + " of " + address);
     if (owner.status == ibat_stat_ok && owner.gid != record.gid)
-        return "the SA names another owner of " + world::format_ipv4(record.address) + ": " +
-               world::format_gid(owner.gid);
-    return "";
+        return ats::fail("the SA names another owner of " + address + ": " + world::format_gid(owner.gid));
+    return {};
 }
 
-struct verdict {
-    bool waits = false; // for an answer of the SA
-    std::string why;    // "": it holds the record
-};
-
-// Judges an HCA with a link after an order.
-verdict judge(const hca_registration& hca, uint64_t confirmations_before, const confirmation::is_wanted_t& is_wanted)
+// Judges an HCA with a link after an order. True: the SA holds the new record. False: its answer is still missing.
+ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_before,
+                               const confirmation::is_new_record_t& is_new_record)
 {
-    if (!hca.seen) return {.why = see_the_log};
-    const stack::registration& seen = *hca.seen;
-    const bool is_of_order = is_wanted(records::decode(seen.record)) &&
-                             (seen.state != registration_state::confirmed || seen.confirmations > confirmations_before);
-    if (!is_of_order) return {.why = seen.is_unanswered ? no_answer : see_the_log}; // a Delete comes before the Set
-    return {.waits = seen.state == registration_state::asked, .why = answer_of(seen)};
+    if (!hca.registration) return not_sent();
+    const stack::registration& registration = *hca.registration;
+    const bool is_of_order =
+        is_new_record(records::decode(registration.record)) &&
+        (registration.state != registration_state::confirmed || registration.confirmations > confirmations_before);
+    if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent(); // a Delete comes before the Set
+    if (registration.state == registration_state::asked) return false;
+    return answer_of(registration).map([] { return true; });
 }
 
 void pause(kernel::machine& machine)
@@ -169,45 +189,46 @@ void pause(kernel::machine& machine)
 json registrations_of(world::host& host)
 {
     json reports = json::array();
-    const std::vector<hca_registration> hcas = look(host);
-    for (const hca_registration& hca : hcas) reports.push_back(report_of(hca, host.machine().exec().now()));
+    const std::vector<hca_state> hcas = look(host);
+    for (const hca_state& hca : hcas) reports.push_back(report_of(hca, host.machine().exec().now()));
     return reports;
 }
 
 std::string registered_name(world::host& host)
 {
-    for (const hca_registration& hca : look(host))
-        if (hca.seen) return records::decode(hca.seen->record).host_name;
+    for (const hca_state& hca : look(host))
+        if (hca.registration) return records::decode(hca.registration->record).host_name;
     return "";
 }
 
-confirmation::confirmation(world::host& host, is_wanted_t is_wanted) : host_(host), is_wanted_(std::move(is_wanted))
+confirmation::confirmation(world::host& host, is_new_record_t is_new_record)
+    : host_(host), is_new_record_(std::move(is_new_record))
 {
-    for (const hca_registration& hca : look(host)) confirmations_before_.push_back(confirmations_of(hca));
+    for (const hca_state& hca : look(host)) confirmations_before_.push_back(confirmations_of(hca));
 }
 
-std::string confirmation::wait()
+ats::result<> confirmation::wait()
 {
     kernel::machine& machine = host_.machine();
     const uint64_t deadline = machine.exec().now() + answer_limit_ticks;
     for (bool has_asked = false;; pause(machine)) {
-        const std::vector<hca_registration> hcas = look(host_);
-        const hca_registration* waiting = nullptr;
+        const std::vector<hca_state> hcas = look(host_);
+        assert(hcas.size() == confirmations_before_.size());
+        const hca_state* unconfirmed = nullptr;
         bool has_link = false;
         for (size_t i = 0; i < hcas.size(); ++i) {
             if (!hcas[i].has_link) continue;
             has_link = true;
-            const verdict found = judge(hcas[i], confirmations_before_[i], is_wanted_);
-            if (found.waits)
-                waiting = &hcas[i];
-            else if (!found.why.empty())
-                return hcas.size() > 1 ? hcas[i].hca + ": " + found.why : found.why;
+            const ats::result<bool> verdict = is_confirmed(hcas[i], confirmations_before_[i], is_new_record_);
+            if (!verdict && hcas.size() > 1) return ats::fail(hcas[i].hca + ": " + verdict.error().text);
+            if (!verdict) return ats::pass_on(verdict);
+            if (!*verdict) unconfirmed = &hcas[i];
         }
-        if (!has_link) return no_port;
-        if (!waiting) return "";
+        if (!has_link) return no_port();
+        if (!unconfirmed) return {};
         if (machine.exec().now() < deadline) continue;
-        if (has_asked) return no_answer;
-        if (const std::string wrong = ask_for(machine, *waiting->seen); !wrong.empty()) return wrong;
+        if (has_asked) return no_answer();
+        if (const ats::result<> owner = ask_for_owner(machine, *unconfirmed->registration); !owner) return owner;
         has_asked = true;
     }
 }

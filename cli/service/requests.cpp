@@ -82,7 +82,7 @@ bool set_identity(kernel::machine& machine, const char* exported, argument_t arg
 
 // Gives an order that changes the registered record, and waits until the SA has confirmed the new one unless the
 // request says "no_wait". Throws a failure with the reason when it is not confirmed.
-void change_record(world::host& host, const json& request, const confirmation::is_wanted_t& is_wanted,
+void change_record(world::host& host, const json& request, const confirmation::is_new_record_t& is_new_record,
                    const std::function<bool()>& order)
 {
     constexpr const char* see_the_log = "'ats log --level 1' says why";
@@ -92,11 +92,12 @@ void change_record(world::host& host, const json& request, const confirmation::i
                                    std::string("stored, but not registered on every HCA: ") + see_the_log);
         return;
     }
-    confirmation confirmed(host, is_wanted);
+    confirmation confirmation(host, is_new_record);
     const bool is_done = order();
-    std::string why = confirmed.wait();
-    if (why.empty() && !is_done) why = see_the_log;
-    if (!why.empty()) throw console::failure(console::exit_failed, "stored, not confirmed by the SA: " + why);
+    ats::result<> confirmed = confirmation.wait();
+    if (confirmed && !is_done) confirmed = ats::fail(see_the_log);
+    if (!confirmed)
+        throw console::failure(console::exit_failed, "stored, not confirmed by the SA: " + confirmed.error().text);
 }
 
 json set_name(running_hosts& hosts, const json& request)
