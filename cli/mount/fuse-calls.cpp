@@ -1,4 +1,4 @@
-// The calls of libfuse's low-level interface, which alone tells of interrupted requests.
+// The calls of libfuse's low-level interface. The high-level one does not report interrupted requests.
 
 #include "cli/mount/fuse-calls.h"
 
@@ -12,11 +12,11 @@ namespace cli
 namespace
 {
 
-constexpr double no_caching = 0.0; // entries come and go with the modules that made them
+constexpr double no_caching = 0.0; // entries appear and disappear with their modules
 
-mounted& of(fuse_req_t request)
+mount_state& mount_of(fuse_req_t request)
 {
-    return *static_cast<mounted*>(fuse_req_userdata(request));
+    return *static_cast<mount_state*>(fuse_req_userdata(request));
 }
 
 std::string join(const std::string& folder, const std::string& name)
@@ -26,35 +26,35 @@ std::string join(const std::string& folder, const std::string& name)
 
 void on_lookup(fuse_req_t request, fuse_ino_t parent, const char* name)
 {
-    mounted& mount = of(request);
+    mount_state& mount = mount_of(request);
     const std::string path = join(mount.inodes.path(parent), name);
-    mount_entry found;
-    if (const int result = mount.tree.stat(path, &found); result < 0) {
+    mount_entry entry;
+    if (const int result = mount.tree.stat(path, &entry); result < 0) {
         fuse_reply_err(request, -result);
         return;
     }
-    fuse_entry_param entry{};
-    entry.attr = mount.attributes(path, found);
-    entry.ino = entry.attr.st_ino;
-    entry.attr_timeout = no_caching;
-    entry.entry_timeout = no_caching;
-    fuse_reply_entry(request, &entry);
+    fuse_entry_param reply{};
+    reply.attr = mount.attributes(path, entry);
+    reply.ino = reply.attr.st_ino;
+    reply.attr_timeout = no_caching;
+    reply.entry_timeout = no_caching;
+    fuse_reply_entry(request, &reply);
 }
 
 void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info*)
 {
-    mounted& mount = of(request);
+    mount_state& mount = mount_of(request);
     const std::string path = mount.inodes.path(inode);
-    mount_entry found;
-    if (const int result = mount.tree.stat(path, &found); result < 0) {
+    mount_entry entry;
+    if (const int result = mount.tree.stat(path, &entry); result < 0) {
         fuse_reply_err(request, -result);
         return;
     }
-    const struct stat attributes = mount.attributes(path, found);
+    const struct stat attributes = mount.attributes(path, entry);
     fuse_reply_attr(request, &attributes, no_caching);
 }
 
-// A shell's `>` truncates before it writes. There is nothing to cut off, and nothing else to change.
+// A shell's `>` truncates a file before it writes. Succeeds without an effect; other attributes cannot be changed.
 void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat*, int changes, fuse_file_info* file)
 {
     if ((changes & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
@@ -65,7 +65,7 @@ void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat*, int changes,
 
 void on_readdir(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info*)
 {
-    mounted& mount = of(request);
+    mount_state& mount = mount_of(request);
     const std::string path = mount.inodes.path(inode);
     std::vector<mount_entry> entries;
     if (const int result = mount.tree.list(path, &entries); result < 0) {
@@ -73,51 +73,51 @@ void on_readdir(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset,
         return;
     }
     std::vector<char> answer(size);
-    size_t used = 0;
+    size_t length = 0;
     for (size_t i = static_cast<size_t>(offset); i < entries.size(); ++i) {
         const struct stat attributes = mount.attributes(join(path, entries[i].name), entries[i]);
-        const size_t needs = fuse_add_direntry(request, answer.data() + used, size - used, entries[i].name.c_str(),
-                                               &attributes, static_cast<off_t>(i + 1));
-        if (needs > size - used) break;
-        used += needs;
+        const size_t entry_length = fuse_add_direntry(request, answer.data() + length, size - length,
+                                                      entries[i].name.c_str(), &attributes, static_cast<off_t>(i + 1));
+        if (entry_length > size - length) break;
+        length += entry_length;
     }
-    fuse_reply_buf(request, answer.data(), used);
+    fuse_reply_buf(request, answer.data(), length);
 }
 
 void on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* file)
 {
-    mounted& mount = of(request);
-    mount_entry found;
+    mount_state& mount = mount_of(request);
+    mount_entry entry;
     const std::string path = mount.inodes.path(inode);
-    if (const int result = mount.tree.stat(path, &found); result < 0) {
+    if (const int result = mount.tree.stat(path, &entry); result < 0) {
         fuse_reply_err(request, -result);
         return;
     }
-    const bool writes = (file->flags & O_ACCMODE) != O_RDONLY;
-    if (writes && (found.permissions & 0222) == 0) {
+    const bool is_for_writing = (file->flags & O_ACCMODE) != O_RDONLY;
+    if (is_for_writing && (entry.permissions & 0222) == 0) {
         fuse_reply_err(request, EACCES);
         return;
     }
     file->fh = mount.logs.add(mount.tree.open_log(path));
-    file->direct_io = 1; // sizes of /proc entries say nothing, and every read asks the module
+    file->direct_io = 1; // a /proc entry has size 0, and every read must reach its module
     fuse_reply_open(request, file);
 }
 
 void on_release(fuse_req_t request, fuse_ino_t, fuse_file_info* file)
 {
-    of(request).logs.remove(file->fh);
+    mount_of(request).logs.remove(file->fh);
     fuse_reply_err(request, 0);
 }
 
 void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info* file)
 {
-    mounted& mount = of(request);
+    mount_state& mount = mount_of(request);
     std::string bytes;
     int result = 0;
     if (file->fh != open_logs::no_log) {
-        const auto opened = mount.logs.find(file->fh);
-        const std::lock_guard lock(opened->mutex);
-        bytes = opened->reader->read(static_cast<size_t>(offset), size);
+        const auto log = mount.logs.find(file->fh);
+        const std::lock_guard lock(log->mutex);
+        bytes = log->reader->read(static_cast<size_t>(offset), size);
     } else {
         result = mount.tree.read_proc(mount.inodes.path(inode), static_cast<size_t>(offset), size, &bytes);
     }
@@ -134,13 +134,13 @@ void on_interrupt(fuse_req_t, void* task)
 
 void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t size, off_t, fuse_file_info*)
 {
-    mounted& mount = of(request);
-    // libfuse holds the request's lock around on_interrupt, so that none is running once it is withdrawn.
+    mount_state& mount = mount_of(request);
+    // libfuse calls on_interrupt with the request's lock held. So after the function is withdrawn, no call is running.
     const int result = mount.tree.write_proc(
         mount.inodes.path(inode), std::string(bytes, size),
         [request](exec::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },
         [request] { fuse_req_interrupt_func(request, nullptr, nullptr); });
-    if (result == -EK_RESTARTSYS) // a number that only kernels know
+    if (result == -EK_RESTARTSYS) // programs must not see this number
         fuse_reply_err(request, EINTR);
     else if (result < 0)
         fuse_reply_err(request, -result);

@@ -1,4 +1,4 @@
-// What a FUSE session serves: the files of a mount tree, by inode number.
+// What a FUSE session serves: the files of a mount tree, by inode number. Any thread.
 #pragma once
 
 #define FUSE_USE_VERSION 312
@@ -15,7 +15,7 @@
 namespace cli
 {
 
-// Paths by inode number. Numbers are given to paths as they are met and stay theirs: there are as many as files.
+// Paths by inode number. A path gets its number at its first use and keeps it; the table is as long as there are files.
 class inode_table
 {
   public:
@@ -39,23 +39,25 @@ class inode_table
     std::map<std::string, fuse_ino_t> numbers_{{"", 1}};
 };
 
-// The logs that are open, by file handle. One that nobody closes before the mount ends goes with it.
+// The open logs, by file handle. The end of the mount closes those that are still open.
 class open_logs
 {
   public:
     struct open_log {
-        std::mutex mutex;
+        std::mutex mutex; // guards the reader
         std::unique_ptr<log_reader> reader;
     };
     static constexpr uint64_t no_log = 0; // the handle of a /proc entry
 
+    // Returns no_log for a null reader.
     uint64_t add(std::unique_ptr<log_reader> reader)
     {
         if (!reader) return no_log;
+        auto log = std::make_shared<open_log>();
+        log->reader = std::move(reader);
         const std::lock_guard lock(mutex_);
-        auto opened = std::make_shared<open_log>();
-        opened->reader = std::move(reader);
-        logs_[++last_handle_] = std::move(opened);
+        ++last_handle_;
+        logs_[last_handle_] = std::move(log);
         return last_handle_;
     }
     std::shared_ptr<open_log> find(uint64_t handle)
@@ -75,29 +77,32 @@ class open_logs
     uint64_t last_handle_ = no_log;
 };
 
-struct mounted {
-    explicit mounted(const std::vector<kernel::machine*>& machines) : tree(machines) {}
+// The user data of a session.
+struct mount_state {
+    explicit mount_state(const std::vector<kernel::machine*>& machines) : tree(machines) {}
     mount_tree tree;
     inode_table inodes;
-    open_logs logs; // before the tree they belong to goes
-    const time_t since = time(nullptr);
+    open_logs logs; // after the tree: their readers refer to it
+    const time_t start_time = time(nullptr);
 
     struct stat attributes(const std::string& path, const mount_entry& entry)
     {
-        struct stat found {
+        struct stat attributes {
         };
-        found.st_ino = inodes.number(path);
-        found.st_mode = (entry.is_directory ? S_IFDIR : S_IFREG) | entry.permissions;
-        found.st_nlink = entry.is_directory ? 2 : 1;
-        found.st_size = static_cast<off_t>(entry.size);
-        found.st_uid = geteuid();
-        found.st_gid = getegid();
-        found.st_atime = found.st_mtime = found.st_ctime = since;
-        return found;
+        attributes.st_ino = inodes.number(path);
+        attributes.st_mode = (entry.is_directory ? S_IFDIR : S_IFREG) | entry.permissions;
+        attributes.st_nlink = entry.is_directory ? 2 : 1;
+        attributes.st_size = static_cast<off_t>(entry.size);
+        attributes.st_uid = geteuid();
+        attributes.st_gid = getegid();
+        attributes.st_atime = start_time;
+        attributes.st_mtime = start_time;
+        attributes.st_ctime = start_time;
+        return attributes;
     }
 };
 
-// The calls of a session whose user data is a `mounted`.
+// The calls of a session whose user data is a `mount_state`.
 fuse_lowlevel_ops fuse_calls();
 
 } // namespace cli

@@ -1,7 +1,8 @@
 #include "cli/mount/mount-tree.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <cassert>
+#include <string_view>
 
 #include "host/kernel/log.h"
 
@@ -20,12 +21,17 @@ mount_entry folder(const std::string& name)
     return {name, true, folder_mode, 0};
 }
 
-mount_entry from_listing(const kernel::proc_listing& entry)
+mount_entry log_file(const log_size& size)
 {
-    return {entry.name, entry.is_directory, entry.is_directory ? folder_mode : entry.mode & 0777, 0};
+    return {"log", false, read_only, size.bytes()};
 }
 
-// Lines as the log file has them.
+mount_entry from_listing(const kernel::proc_listing& listing)
+{
+    return {listing.name, listing.is_directory, listing.is_directory ? folder_mode : listing.mode & 0777, 0};
+}
+
+// The lines as the log file shows them.
 std::string file_text(const std::vector<kernel::log_line>& lines)
 {
     std::string text;
@@ -35,11 +41,12 @@ std::string file_text(const std::vector<kernel::log_line>& lines)
 
 } // namespace
 
-log_size::log_size(kernel::log& of) : log_(of)
+log_size::log_size(kernel::log& log) : log_(log)
 {
-    const auto count = [this](const kernel::log_line& line) { written_ += file_text({line}).size(); };
-    // Lines from before are counted second; a line that comes in between is at worst counted twice, which shows a
-    // follower growth where there is none, and never hides any.
+    const auto count = [this](const kernel::log_line& line) { written_bytes_ += file_text({line}).size(); };
+    // Follow first, then count the older lines. A line printed in between is counted twice; then the file looks a
+    // little too long. In the other order such a line would not be counted, and readers would not see the end of the
+    // file.
     follower_ = log_.follow(count);
     for (const kernel::log_line& line : log_.lines()) count(line);
 }
@@ -49,29 +56,35 @@ log_size::~log_size()
     log_.unfollow(follower_);
 }
 
-void log_size::opened()
+void log_size::add_reader()
 {
     const std::lock_guard lock(mutex_);
     if (readers_++ > 0) return;
-    const uint64_t written = written_; // before the lines are counted: the file shows too long rather than too short
-    uint64_t kept = 0;
-    uint64_t next = 0;
-    for (std::string piece; !(piece = file_text(log_.lines_from(next, lines_at_once, &next))).empty();)
-        kept += piece.size();
-    dropped_ = written - std::min(written, kept);
+    // Read before the lines are counted, so that the file looks too long rather than too short.
+    const uint64_t written_bytes = written_bytes_;
+    uint64_t stored_bytes = 0;
+    uint64_t next_line = 0;
+    while (true) {
+        const std::string text = file_text(log_.lines_from(next_line, lines_at_once, &next_line));
+        if (text.empty()) break;
+        stored_bytes += text.size();
+    }
+    dropped_bytes_ = written_bytes - std::min(written_bytes, stored_bytes);
 }
 
-void log_size::closed()
+void log_size::remove_reader()
 {
     const std::lock_guard lock(mutex_);
+    assert(readers_ > 0);
     --readers_;
 }
 
 log_reader::log_reader(kernel::log& log, log_size& size) : log_(log), size_(size)
 {
-    size_.opened();
-    const size_t found = log_.lines_from(0, 1, &first_line_).size();
-    next_line_ = first_line_ -= found;
+    size_.add_reader();
+    const size_t lines = log_.lines_from(0, 1, &next_line_).size(); // next_line_ is now the one after the oldest
+    first_line_ = next_line_ - lines;
+    next_line_ = first_line_;
 }
 
 std::string log_reader::read(size_t offset, size_t size)
@@ -82,18 +95,18 @@ std::string log_reader::read(size_t offset, size_t size)
         piece_offset_ = 0;
     }
     while (offset >= piece_offset_ + piece_.size())
-        if (!next_piece()) return "";
+        if (!read_next_piece()) return "";
     return piece_.substr(offset - piece_offset_, size);
 }
 
-bool log_reader::next_piece()
+bool log_reader::read_next_piece()
 {
-    uint64_t dropped = 0;
-    std::string next = file_text(log_.lines_from(next_line_, lines_at_once, &next_line_, &dropped));
-    if (dropped > 0) next.insert(0, kernel::format_dropped(dropped) + '\n');
-    if (next.empty()) return false;
+    uint64_t dropped_lines = 0;
+    std::string text = file_text(log_.lines_from(next_line_, lines_at_once, &next_line_, &dropped_lines));
+    if (dropped_lines > 0) text.insert(0, kernel::format_dropped(dropped_lines) + '\n');
+    if (text.empty()) return false;
     piece_offset_ += piece_.size();
-    piece_ = std::move(next);
+    piece_ = std::move(text);
     return true;
 }
 
@@ -102,90 +115,82 @@ mount_tree::mount_tree(const std::vector<kernel::machine*>& machines)
     for (kernel::machine* machine : machines) hosts_.push_back(std::make_unique<host_files>(*machine));
 }
 
-bool mount_tree::locate(const std::string& path, place* into)
+std::optional<mount_tree::place> mount_tree::locate(const std::string& path)
 {
-    if (path.empty()) return true;
+    if (path.empty()) return place{};
     const size_t slash = path.find('/');
     const std::string name = path.substr(0, slash);
-    for (const auto& host : hosts_) {
-        if (host->machine.name() != name) continue;
-        *into = {host.get(), slash == std::string::npos ? "" : path.substr(slash + 1)};
-        return true;
-    }
-    return false;
+    const std::string rest = slash == std::string::npos ? "" : path.substr(slash + 1);
+    for (const auto& host : hosts_)
+        if (host->machine.name() == name) return place{host.get(), rest};
+    return std::nullopt;
 }
 
-kernel::machine* mount_tree::machine_of(const std::string& path, std::string* proc_path)
+mount_tree::proc_place mount_tree::locate_proc(const std::string& path)
 {
-    place found;
-    if (!locate(path, &found) || !found.host) return nullptr;
-    if (found.rest == "proc") {
-        *proc_path = "";
-        return &found.host->machine;
-    }
-    if (!found.rest.starts_with("proc/")) return nullptr;
-    *proc_path = found.rest.substr(5);
-    return &found.host->machine;
+    constexpr std::string_view folder = "proc";
+    const std::optional<place> place = locate(path);
+    if (!place || !place->host) return {};
+    if (place->rest == folder) return {&place->host->machine, ""};
+    if (!place->rest.starts_with(std::string(folder) + "/")) return {};
+    return {&place->host->machine, place->rest.substr(folder.size() + 1)};
 }
 
-int mount_tree::stat(const std::string& path, mount_entry* into)
+int mount_tree::stat(const std::string& path, mount_entry* entry)
 {
-    place found;
-    if (!locate(path, &found)) return -ENOENT;
-    if (found.rest.empty() || found.rest == "proc") {
-        *into = folder(path);
+    const std::optional<place> place = locate(path);
+    if (!place) return -ENOENT;
+    if (place->rest.empty() || place->rest == "proc") {
+        *entry = folder(path);
         return 0;
     }
-    if (found.rest == "log") {
-        *into = {"log", false, read_only, found.host->size_of_log.bytes()};
+    if (place->rest == "log") {
+        *entry = log_file(place->host->size_of_log);
         return 0;
     }
-    std::string proc_path;
-    kernel::machine* machine = machine_of(path, &proc_path);
-    if (!machine) return -ENOENT;
-    kernel::proc_listing entry;
-    const int result = machine->proc.stat(proc_path, &entry);
-    if (result == 0) *into = from_listing(entry);
+    const proc_place proc = locate_proc(path);
+    if (!proc.machine) return -ENOENT;
+    kernel::proc_listing listing;
+    const int result = proc.machine->proc.stat(proc.path, &listing);
+    if (result == 0) *entry = from_listing(listing);
     return result;
 }
 
-int mount_tree::list(const std::string& path, std::vector<mount_entry>* into)
+int mount_tree::list(const std::string& path, std::vector<mount_entry>* entries)
 {
-    place found;
-    if (!locate(path, &found)) return -ENOENT;
-    if (!found.host) {
-        for (const auto& host : hosts_) into->push_back(folder(host->machine.name()));
+    const std::optional<place> place = locate(path);
+    if (!place) return -ENOENT;
+    if (!place->host) {
+        for (const auto& host : hosts_) entries->push_back(folder(host->machine.name()));
         return 0;
     }
-    if (found.rest.empty()) {
-        into->push_back(folder("proc"));
-        into->push_back({"log", false, read_only, found.host->size_of_log.bytes()});
+    if (place->rest.empty()) {
+        entries->push_back(folder("proc"));
+        entries->push_back(log_file(place->host->size_of_log));
         return 0;
     }
-    std::string proc_path;
-    kernel::machine* machine = machine_of(path, &proc_path);
-    if (!machine) return -ENOTDIR;
-    std::vector<kernel::proc_listing> entries;
-    const int result = machine->proc.list(proc_path, &entries);
-    for (const kernel::proc_listing& entry : entries) into->push_back(from_listing(entry));
+    const proc_place proc = locate_proc(path);
+    if (!proc.machine) return -ENOTDIR;
+    std::vector<kernel::proc_listing> listings;
+    const int result = proc.machine->proc.list(proc.path, &listings);
+    for (const kernel::proc_listing& listing : listings) entries->push_back(from_listing(listing));
     return result;
 }
 
-int mount_tree::read_proc(const std::string& path, size_t offset, size_t size, std::string* into)
+int mount_tree::read_proc(const std::string& path, size_t offset, size_t size, std::string* bytes)
 {
-    std::string proc_path;
-    kernel::machine* machine = machine_of(path, &proc_path);
-    if (!machine) return -ENOENT;
+    const proc_place proc = locate_proc(path);
+    if (!proc.machine) return -ENOENT;
     int result = 0;
-    machine->enter("read " + proc_path, [&] { result = machine->proc.read(proc_path, offset, size, into); });
+    proc.machine->enter("read " + proc.path, [&] { result = proc.machine->proc.read(proc.path, offset, size, bytes); });
     return result;
 }
 
 std::unique_ptr<log_reader> mount_tree::open_log(const std::string& path)
 {
-    place found;
-    if (!locate(path, &found) || !found.host || found.rest != "log") return nullptr;
-    return std::make_unique<log_reader>(found.host->machine.log, found.host->size_of_log);
+    const std::optional<place> place = locate(path);
+    if (!place || place->rest != "log") return nullptr;
+    return std::make_unique<log_reader>(place->host->machine.log, place->host->size_of_log);
 }
 
 } // namespace cli

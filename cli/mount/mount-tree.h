@@ -1,10 +1,12 @@
-// The files that a mount shows, by path: what a path is, what a folder lists, what a file reads and takes. Knows
-// nothing of FUSE.
+// The files that a mount shows: what a path names, what a folder lists, and what reading and writing a file does. Does
+// not know FUSE.
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -21,97 +23,103 @@ struct mount_entry {
     uint64_t size = 0;
 };
 
-// The size of a log as a file. The log drops its oldest lines, but a file that somebody reads must not slip under him:
-// while it is open, it begins where it began, and only grows.
+// The size of a log as a file. The log drops its oldest lines, but an open file must not change under its readers:
+// while it is open, its beginning stays, and it only grows. Any thread.
 class log_size
 {
   public:
-    explicit log_size(kernel::log& of);
+    explicit log_size(kernel::log& log); // which outlives this
     ~log_size();
     log_size(const log_size&) = delete;
     log_size& operator=(const log_size&) = delete;
 
-    uint64_t bytes() const { return written_ - dropped_; }
-    void opened();
-    void closed();
+    uint64_t bytes() const { return written_bytes_ - dropped_bytes_; }
+    void add_reader();
+    void remove_reader();
 
   private:
     kernel::log& log_;
     int follower_;
-    std::atomic<uint64_t> written_{0}; // ever
-    std::atomic<uint64_t> dropped_{0}; // when the file was opened last, nobody else having it open
-    std::mutex mutex_;                 // over opened() and closed()
+    std::atomic<uint64_t> written_bytes_{0}; // ever
+    std::atomic<uint64_t> dropped_bytes_{0}; // as of the first reader's start
+    std::mutex mutex_;                       // guards the changes of readers_ and dropped_bytes_
     int readers_ = 0;
 };
 
-// One opening of a log. Not for two threads at once.
+// One open log file. One thread at a time.
 class log_reader
 {
   public:
     log_reader(kernel::log& log, log_size& size);
-    ~log_reader() { size_.closed(); }
+    ~log_reader() { size_.remove_reader(); }
     log_reader(const log_reader&) = delete;
     log_reader& operator=(const log_reader&) = delete;
 
-    // At most `size` bytes from `offset` on; empty at the end.
+    // At most `size` bytes from `offset` on; fewer or none at the end.
     std::string read(size_t offset, size_t size);
 
   private:
-    bool next_piece();
+    bool read_next_piece();
 
     kernel::log& log_;
     log_size& size_;
     uint64_t first_line_ = 0;
-    uint64_t next_line_ = 0; // after the piece
-    std::string piece_;      // some lines, as the file has them from piece_offset_ on
+    uint64_t next_line_ = 0; // the one after the piece
+    std::string piece_;      // the text of some lines
     size_t piece_offset_ = 0;
 };
 
+// Any thread may call it from outside of the machines.
 class mount_tree
 {
   public:
-    explicit mount_tree(const std::vector<kernel::machine*>& machines);
+    explicit mount_tree(const std::vector<kernel::machine*>& machines); // which outlive this
 
-    // Results are 0 or more, or a negative errno. Paths are relative to the mount, "" is its root.
-    int stat(const std::string& path, mount_entry* into);
-    int list(const std::string& path, std::vector<mount_entry>* into);
-    int read_proc(const std::string& path, size_t offset, size_t size, std::string* into);
+    // Paths are relative to the mount; "" is its root. As in a kernel, results are 0 or more, or a negative errno: that
+    // is what the reader or writer of a file gets.
+    int stat(const std::string& path, mount_entry* entry);
+    int list(const std::string& path, std::vector<mount_entry>* entries);
+    int read_proc(const std::string& path, size_t offset, size_t size, std::string* bytes);
 
-    // `started` is told the task in which the write runs, before it runs; `ended` that it is over.
-    template <class started_t, class ended_t>
-    int write_proc(const std::string& path, const std::string& bytes, started_t started, ended_t ended);
+    // Calls `on_start` with the task of the write before the module is entered, and `on_end` after it has returned.
+    template <class on_start_t, class on_end_t>
+    int write_proc(const std::string& path, const std::string& bytes, on_start_t on_start, on_end_t on_end);
 
     // Null unless `path` is a host's log.
     std::unique_ptr<log_reader> open_log(const std::string& path);
 
   private:
     struct host_files {
-        explicit host_files(kernel::machine& shown) : machine(shown), size_of_log(shown.log) {}
+        explicit host_files(kernel::machine& machine) : machine(machine), size_of_log(machine.log) {}
         kernel::machine& machine;
         log_size size_of_log;
     };
     struct place {
         host_files* host = nullptr; // null: the root
-        std::string rest;           // below the host: "", "log", "proc" or "proc/..."
+        std::string rest = {};      // below the host: "", "log", "proc" or "proc/..."
+    };
+    struct proc_place {
+        kernel::machine* machine = nullptr; // null: outside of the /proc trees
+        std::string path = {};              // below the machine's /proc
     };
 
-    bool locate(const std::string& path, place* into);
-    kernel::machine* machine_of(const std::string& path, std::string* proc_path);
+    // Nothing if no host has that name.
+    std::optional<place> locate(const std::string& path);
+    proc_place locate_proc(const std::string& path);
 
     std::vector<std::unique_ptr<host_files>> hosts_;
 };
 
-template <class started_t, class ended_t>
-int mount_tree::write_proc(const std::string& path, const std::string& bytes, started_t started, ended_t ended)
+template <class on_start_t, class on_end_t>
+int mount_tree::write_proc(const std::string& path, const std::string& bytes, on_start_t on_start, on_end_t on_end)
 {
-    std::string proc_path;
-    kernel::machine* machine = machine_of(path, &proc_path);
-    if (!machine) return -ENOENT;
+    const proc_place place = locate_proc(path);
+    if (!place.machine) return -ENOENT;
     int result = 0;
-    machine->enter("write " + proc_path, [&] {
-        started(*exec::current_task());
-        result = machine->proc.write(proc_path, bytes);
-        ended();
+    place.machine->enter("write " + place.path, [&] {
+        on_start(*exec::current_task());
+        result = place.machine->proc.write(place.path, bytes);
+        on_end();
     });
     return result;
 }

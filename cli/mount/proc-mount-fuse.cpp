@@ -67,7 +67,7 @@ void do_nothing(int) {}
 class fuse_mount final : public proc_mount
 {
   public:
-    fuse_mount(const std::string& directory, const std::vector<kernel::machine*>& machines) : mounted_(machines)
+    fuse_mount(const std::string& directory, const std::vector<kernel::machine*>& machines) : state_(machines)
     {
         check_mount_point(directory);
         mount(directory);
@@ -118,7 +118,7 @@ class fuse_mount final : public proc_mount
         char value[] = "fsname=ats,subtype=ats";
         char* arguments[] = {program, option, value, nullptr};
         fuse_args args = FUSE_ARGS_INIT(3, arguments);
-        session_ = fuse_session_new(&args, &ops, sizeof ops, &mounted_);
+        session_ = fuse_session_new(&args, &ops, sizeof ops, &state_);
         fuse_opt_free_args(&args);
         if (!session_) throw console::failure(console::exit_failed, "libfuse refuses to start: " + complaints.last);
         if (fuse_session_mount(session_, directory.c_str()) == 0) return;
@@ -128,7 +128,7 @@ class fuse_mount final : public proc_mount
                                    "): see that /dev/fuse is there and may be used, or leave --mount out");
     }
 
-    mounted mounted_;
+    mount_state state_;
     fuse_session* session_ = nullptr;
     std::atomic<bool> ended_{false};
     std::thread server_;

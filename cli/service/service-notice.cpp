@@ -16,10 +16,9 @@ void notify_service_manager(const char* state)
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     if (!path || (path[0] != '/' && path[0] != '@') || std::strlen(path) >= sizeof address.sun_path) return;
     std::strcpy(address.sun_path, path);
-    if (path[0] == '@') address.sun_path[0] = '\0'; // of the abstract kind
+    if (path[0] == '@') address.sun_path[0] = '\0'; // an abstract socket
     const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (sender < 0) return;
-    // A manager that does not listen is its own affair: the service goes on.
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path));
     sendto(sender, state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), length);
     close(sender);

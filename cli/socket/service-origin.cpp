@@ -20,11 +20,11 @@ struct service_origin {
 
 bool is_there(const std::string& path)
 {
-    std::error_code ignored;
-    return std::filesystem::exists(path, ignored);
+    std::error_code error; // as good as not there
+    return std::filesystem::exists(path, error);
 }
 
-// systemd names the process that it started itself; a shell below inherits the variable, but has another ID.
+// systemd sets the variable to the process ID. Programs started from the service inherit it, but have other IDs.
 bool is_started_by_systemd()
 {
     const char* pid = std::getenv("SYSTEMD_EXEC_PID");
@@ -34,11 +34,11 @@ bool is_started_by_systemd()
 // The last part of the control group's path, as in "0::/system.slice/ats.service".
 std::string unit_of_this_process()
 {
-    constexpr const char* usual = "ats.service";
+    constexpr const char* usual_unit = "ats.service";
     std::ifstream groups("/proc/self/cgroup");
     for (std::string line; std::getline(groups, line);)
         if (line.ends_with(".service")) return line.substr(line.rfind('/') + 1);
-    return usual;
+    return usual_unit;
 }
 
 service_origin origin_of_service(const std::string& socket_path)
