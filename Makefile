@@ -1,4 +1,4 @@
-# The front door. `make demo` and `make test` install what is missing (as root, on Debian), build, and run.
+# The front door. `make demo` and `make test` install what is missing (as root, on Debian and Fedora), build, and run.
 
 PRESET ?= release
 BUILD := build/$(PRESET)
