@@ -99,10 +99,10 @@ check-headers:
 	@scripts/check-headers
 
 format:
-	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+	@scripts/sources | xargs clang-format -i
 
 check-format:
-	git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+	@scripts/sources | xargs clang-format --dry-run -Werror
 
 tidy:
 	cmake --preset clang
