@@ -93,7 +93,8 @@ bare:
 	@scripts/install-dependencies build
 	@$(MAKE) --no-print-directory configure PRESET=bare
 	@cmake --build --preset bare
-	@build/bare/cli/ats demo | tail -n 1
+	@build/bare/cli/ats demo >build/bare/demo.txt || { cat build/bare/demo.txt; exit 1; }
+	@tail -n 1 build/bare/demo.txt
 
 check-headers:
 	@scripts/check-headers
