@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers bare tidy tidy-module coverage install clean
+.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -98,6 +98,15 @@ bare:
 
 check-headers:
 	@scripts/check-headers
+
+# Configures without each optional library in turn, and compiles the file that stands in for it.
+check-options:
+	@scripts/install-dependencies test
+	@mkdir -p build
+	cmake --preset dev -B build/no-umad -DATS_UMAD=OFF >build/no-umad.log || { cat build/no-umad.log; exit 1; }
+	cmake --build build/no-umad --target host/CMakeFiles/ats_umad.dir/fabric/umad/umad-none.cpp.o
+	cmake --preset dev -B build/no-fuse -DATS_FUSE=OFF >build/no-fuse.log || { cat build/no-fuse.log; exit 1; }
+	cmake --build build/no-fuse --target cli/CMakeFiles/ats_cli.dir/mount/proc-mount-none.cpp.o
 
 format:
 	@scripts/sources | xargs clang-format -i
