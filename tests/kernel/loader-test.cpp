@@ -102,10 +102,10 @@ TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
         {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
         {ATS_MODULE_DIR, "insmod: no module image at " ATS_MODULE_DIR " (it is not a regular file)"},
         {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // and nobody writes to it
-        {misfit + "0.so", misfit_has("0", "4 bytes instead of 64")},
-        {misfit + "1.so", misfit_has("1", "version 1 instead of 2")},
-        {misfit + "2.so", misfit_has("2", "no init function")},
-        {misfit + "3.so", misfit_has("3", "no exit function")},
+        {misfit + "RECORD_SIZE.so", misfit_has("RECORD_SIZE", "4 bytes instead of 64")},
+        {misfit + "RECORD_VERSION.so", misfit_has("RECORD_VERSION", "version 1 instead of 2")},
+        {misfit + "NO_INIT.so", misfit_has("NO_INIT", "no init function")},
+        {misfit + "NO_EXIT.so", misfit_has("NO_EXIT", "no exit function")},
     };
     for (const auto& [path, why] : cases) {
         const kernel::load_result result = host.modules.insmod(path);

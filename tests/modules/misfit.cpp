@@ -1,15 +1,16 @@
-// Images that no loader may start: the build makes one for each MISFIT.
-#if MISFIT == 0
+// Images that the loader must refuse. The build makes one for each fault: MISFIT_RECORD_SIZE, MISFIT_RECORD_VERSION,
+// MISFIT_NO_INIT and MISFIT_NO_EXIT.
+#ifdef MISFIT_RECORD_SIZE
 extern "C" __attribute__((visibility("default"))) int this_module;
 int this_module = 7;
 #else
 #include "kernel/module.h"
 
 kernel_module_t this_module = {
-#if MISFIT == 1
+#ifdef MISFIT_RECORD_VERSION
     .record_version = module_record_version - 1,
     .init = [] { return 0; },
-#elif MISFIT == 2
+#elif defined MISFIT_NO_INIT
     .name = "misfit",
 #else
     .name = "misfit",
