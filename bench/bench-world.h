@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/world/host.h"
+#include "host/world/module-folder.h"
 
 struct bench_world {
     explicit bench_world(int count)
@@ -14,8 +15,8 @@ struct bench_world {
             world::host_plan plan;
             plan.name = "node" + std::to_string(i);
             plan.modules = world::usual_modules(plan.name, address_of(i));
-            hosts.push_back(
-                std::make_unique<world::host>(*sim, subnet, plan, ATS_MODULE_DIR, static_cast<uint64_t>(i)));
+            hosts.push_back(std::make_unique<world::host>(*sim, subnet, plan, world::default_module_folder(),
+                                                          static_cast<uint64_t>(i)));
         }
     }
     ~bench_world() { hosts.clear(); }

@@ -8,6 +8,7 @@
 
 #include "host/stack/gsi-service.h"
 #include "host/world/host.h"
+#include "host/world/module-folder.h"
 
 namespace fuzz
 {
@@ -47,7 +48,7 @@ struct one_host {
                       .hcas = {{"mthca0", 2}},
                       .trace_level = 5,
                       .modules = world::usual_modules("node1", "10.0.0.1")},
-                     ATS_MODULE_DIR,
+                     world::default_module_folder(),
                      1};
     fabric::hca& stranger = net.add_hca("stranger", "mthca0", 1);
 };

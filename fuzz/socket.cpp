@@ -16,7 +16,7 @@ struct service {
     }
 
     cli::world_config config = cli::numbered_hosts(2);
-    cli::running_hosts hosts{config, ATS_MODULE_DIR};
+    cli::running_hosts hosts{config, world::default_module_folder()};
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
     cli::server server{hosts, std::make_unique<cli::listening_socket>(path)};
 };

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "bench/bench-world.h"
+#include "host/world/module-folder.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
 #include "ib-code/ats/ats-sa.h"
@@ -132,7 +133,7 @@ int lookups(int count)
     const auto exec = exec::make_threaded_executor();
     embedded::subnet net(*exec);
     world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
-    world::host host(*exec, net, plan, ATS_MODULE_DIR, 1);
+    world::host host(*exec, net, plan, world::default_module_folder(), 1);
     if (!host.load() || !net.link_up("node1", "mthca0", 1)) return 1;
     while (net.service_records().empty()) usleep(1000);
     std::vector<uint64_t> took;

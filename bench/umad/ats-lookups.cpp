@@ -10,6 +10,7 @@
 #include "host/fabric/umad/umad.h"
 #include "host/peers/ibat-exports.h"
 #include "host/world/host.h"
+#include "host/world/module-folder.h"
 #include "host/world/published.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
@@ -101,7 +102,7 @@ int main(int count, char** arguments)
     const umad::opened opened = umad::open(*exec, {});
     if (!opened.fabric) fail(opened.why);
     const world::host_plan plan{.name = "bench", .hcas = {}, .modules = world::usual_modules("bench", arguments[1])};
-    world::host host(*exec, opened.fabric->hcas(), plan, ATS_MODULE_DIR, 0);
+    world::host host(*exec, opened.fabric->hcas(), plan, world::default_module_folder(), 0);
     if (const kernel::load_result loaded = host.load(); !loaded) fail(loaded.why);
     if (const std::string why = wait_ready(host.machine(), addresses.front()); !why.empty()) fail(why);
 

@@ -60,7 +60,8 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
 }
 
 ats_host::ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_setup& setup)
-    : setup_(setup), sim_(sim), subnet_(subnet), host_(sim, subnet, plan_of(setup), ATS_MODULE_DIR, host_random_seed)
+    : setup_(setup), sim_(sim), subnet_(subnet),
+      host_(sim, subnet, plan_of(setup), world::default_module_folder(), host_random_seed)
 {
     if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
     peers().publish_ibat();

@@ -14,6 +14,7 @@
 
 #include "host/fabric/embedded/subnet.h"
 #include "host/world/host.h"
+#include "host/world/module-folder.h"
 #include "host/world/text.h"
 #include "kernel/sync.h"
 #include "tests/ats/recording-peers.h"
@@ -67,7 +68,7 @@ class ats_host
     recording_peers& peers() { return machine().get<recording_peers>(); }
     const std::string& name() const { return setup_.name; }
 
-    kernel::load_result try_load(const std::string& image = ATS_MODULE_DIR "/ats.so");
+    kernel::load_result try_load(const std::string& image = world::default_module_folder() + "/ats.so");
     ats_host& load();
     void unload();
 

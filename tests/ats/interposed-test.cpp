@@ -54,7 +54,7 @@ namespace
 // A copy of the module with the names replaced.
 std::string changed_image()
 {
-    std::ifstream original(ATS_MODULE_DIR "/ats.so", std::ios::binary);
+    std::ifstream original(world::default_module_folder() + "/ats.so", std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(original), {}};
     for (const auto& [real, own] : own_calls) {
         const std::string symbol = '\0' + std::string(real) + '\0'; // and not a text that begins with the name

@@ -189,7 +189,7 @@ TEST(start_up_of, a_host_with_odd_parameters)
     EXPECT_THAT(w.records(), ElementsAre(".1 0.0.0.0 "));
 
     ats_host& plain = w.add({.name = "plain", .trace = trace_debug});
-    EXPECT_TRUE(plain.machine().modules.insmod(ATS_MODULE_DIR "/ats.so"));
+    EXPECT_TRUE(plain.machine().modules.insmod(world::default_module_folder() + "/ats.so"));
     plain.link_up(1);
     EXPECT_THAT(w.records(), ElementsAre(".1 0.0.0.0 ", "plain.1 0.0.0.0 No hostname"));
 }

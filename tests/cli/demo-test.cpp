@@ -1,6 +1,7 @@
 // The demo tells the whole story, fails when a part of it does not happen, and its capture can be read by others.
 #include <algorithm>
 
+#include "host/world/module-folder.h"
 #include "tests/cli/program.h"
 
 namespace
@@ -58,7 +59,7 @@ TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshar
 TEST(demo, step_that_does_not_happen_ends_it_with_a_failure)
 {
     const scratch_folder folder;
-    const std::filesystem::path modules = ATS_MODULE_DIR;
+    const std::filesystem::path modules = world::default_module_folder();
     const std::string changed = folder / "no-ucm";
     std::filesystem::create_directory(changed);
     for (const char* module : {"ibat.so", "ats.so"}) std::filesystem::copy(modules / module, changed + "/" + module);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "host/exec/print-capture.h"
+#include "host/world/module-folder.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
 #include "kernel/proc.h"
@@ -19,7 +20,8 @@ using testing::StartsWith;
 namespace
 {
 
-const std::string probe = ATS_MODULE_DIR "/probe.so";
+const std::string module_folder = world::default_module_folder();
+const std::string probe = module_folder + "/probe.so";
 
 constexpr const char* valid_parameters =
     "; valid are text (text), number (whole number), result (whole number), start_ticks (whole number), "
@@ -92,7 +94,7 @@ TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
 {
     const std::string fifo = testing::TempDir() + "fifo-" + std::to_string(getpid());
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string misfit = ATS_MODULE_DIR "/misfit-";
+    const std::string misfit = module_folder + "/misfit-";
     const auto misfit_has = [&](const std::string& kind, const std::string& what) {
         return "insmod: " + misfit + kind + ".so does not fit this kernel: its 'this_module' has " + what;
     };
@@ -100,7 +102,7 @@ TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
         {"/nowhere/ats.so",
          "insmod: no module image at /nowhere/ats.so (No such file or directory): build it or give its path"},
         {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
-        {ATS_MODULE_DIR, "insmod: no module image at " ATS_MODULE_DIR " (it is not a regular file)"},
+        {module_folder, "insmod: no module image at " + module_folder + " (it is not a regular file)"},
         {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // and nobody writes to it
         {misfit + "RECORD_SIZE.so", misfit_has("RECORD_SIZE", "4 bytes instead of 64")},
         {misfit + "RECORD_VERSION.so", misfit_has("RECORD_VERSION", "version 1 instead of 2")},

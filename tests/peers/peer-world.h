@@ -9,6 +9,7 @@
 
 #include "host/kernel/machine.h"
 #include "host/peers/ibat-exports.h"
+#include "host/world/module-folder.h"
 #include "kernel/sync.h"
 #include "kernel/time.h"
 
@@ -26,7 +27,7 @@ class peer_world
                         const exec::simulation_options& options = {})
         : sim(exec::make_simulation(options)), module_(std::move(module))
     {
-        loaded = host.modules.insmod(ATS_MODULE_DIR "/" + module_ + ".so", parameters);
+        loaded = host.modules.insmod(world::default_module_folder() + "/" + module_ + ".so", parameters);
     }
 
     ~peer_world() { unload(); }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/world/module-folder.h"
 #include "tests/stack/fake-hca.h"
 #include "verbs.h"
 
@@ -173,10 +174,10 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
     machine_with_fake at;
-    ASSERT_TRUE(at.host.modules.insmod(ATS_MODULE_DIR "/probe.so"));
+    ASSERT_TRUE(at.host.modules.insmod(world::default_module_folder() + "/probe.so"));
     EXPECT_TRUE(at.host.modules.rmmod("probe"));
     const auto forgets = [&] {
-        at.host.modules.insmod(ATS_MODULE_DIR "/probe.so", "forget=2");
+        at.host.modules.insmod(world::default_module_folder() + "/probe.so", "forget=2");
         at.host.modules.rmmod("probe");
     };
     for (const char* what :
