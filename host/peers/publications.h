@@ -1,26 +1,30 @@
-// The functions that a peer publishes by inter-module name, as one table.
+// The table of functions that a peer publishes by inter-module name.
 #pragma once
+
+#include <type_traits>
 
 #include "kernel/module.h"
 
 struct publication {
-    // `function_t` is the published type, so that a function of another shape does not get into the table.
-    template <class function_t>
-    static publication of(const char* name, function_t function)
-    {
-        return {name, reinterpret_cast<const void*>(function)};
-    }
-
     const char* name;
     const void* function;
 };
 
+// `function_t` is the published type. A function of another type does not compile.
+template <class function_t>
+publication make_publication(const char* name, std::type_identity_t<function_t> function)
+{
+    return {name, reinterpret_cast<const void*>(function)};
+}
+
+// Publishes every function of the table. May sleep.
 template <class table_t>
 void publish(const table_t& table)
 {
     for (const publication& each : table) inter_module_register(each.name, THIS_MODULE, each.function);
 }
 
+// Takes the names back. No other module holds a reference on one of them. May sleep.
 template <class table_t>
 void withdraw(const table_t& table)
 {

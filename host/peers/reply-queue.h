@@ -1,7 +1,9 @@
-// Callbacks that a peer owes to its askers. Answers arrive in contexts that may not sleep, while an asker may want to
-// ask again, which sleeps; so callbacks are made one after another by a task of their own. An asker is in exactly one
-// place at a time: with its request, owed here, or being called. That is what makes it one callback each.
+// The callbacks that a peer owes to its askers. Answers arrive in contexts that may not sleep, but a callback may sleep:
+// it may ask again. So a sleeping timer makes the callbacks, one after another. An asker is in exactly one place at a
+// time: with its request, owed here, or being called. Therefore each asker gets exactly one callback.
 #pragma once
+
+#include <cassert>
 
 #include "host/peers/waiting.h"
 #include "ibat.h"
@@ -15,20 +17,20 @@ struct asker_t {
     ibat_stat_t status;
     ibat_arp_data_t answer;
 
-    bool is(ibat_get_ib_data_reply_fn_t its_callback, void* its_context) const
+    bool matches(ibat_get_ib_data_reply_fn_t other_callback, void* other_context) const
     {
-        return callback == its_callback && context == its_context;
+        return callback == other_callback && context == other_context;
     }
 };
 
-// Unlinks and frees the askers of a list that match; returns how many. With the guarding lock held.
+// Unlinks and frees the matching askers of a list; returns their number. With the lock held that guards the list.
 inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t callback, void* context)
 {
     int32_t withdrawn = 0;
     for (list_head* link = askers->next; link != askers;) {
         asker_t* asker = list_entry(link, asker_t, link);
         link = link->next;
-        if (!asker->is(callback, context)) continue;
+        if (!asker->matches(callback, context)) continue;
         list_del_init(&asker->link);
         kfree(asker);
         ++withdrawn;
@@ -39,44 +41,48 @@ inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t ca
 class reply_queue
 {
   public:
-    // `lock` guards the queue along with whatever else its owner keeps.
+    // `lock` guards the queue along with the peer's other state. May sleep.
     void open(spinlock_t* lock)
     {
         lock_ = lock;
-        list_init(&owed_);
-        running_ = nullptr;
-        scheduled_ = false;
-        init_waitqueue_head_named(&finished_, "peer callback");
+        list_init(&owed_askers_);
+        called_asker_ = nullptr;
+        is_scheduled_ = false;
+        init_waitqueue_head_named(&callback_ended_, "peer callback");
         init_timing(&timer_);
         timer_.function = [](unsigned long self) { reinterpret_cast<reply_queue*>(self)->deliver(); };
         timer_.data = reinterpret_cast<unsigned long>(this);
     }
 
-    // Takes over `asker`, memory of kmalloc that is on no list, and calls it back soon. With the lock held.
+    // Calls `asker` back soon, and then frees it. The asker is memory of kmalloc and stands in no list. With the lock
+    // held; any context.
     void owe(asker_t* asker, ibat_stat_t status, const ibat_arp_data_t& answer)
     {
+        assert(is_held(*lock_) && list_empty(&asker->link));
         asker->status = status;
         asker->answer = answer;
-        list_add_tail(&asker->link, &owed_);
-        if (scheduled_) return;
-        scheduled_ = true;
+        list_add_tail(&asker->link, &owed_askers_);
+        if (is_scheduled_) return;
+        is_scheduled_ = true;
         timer_.expires = jiffies;
         add_timing(&timer_);
     }
 
-    // Withdraws those owed that match; returns how many. With the lock held.
+    // Withdraws the matching callbacks that are owed; returns their number. With the lock held.
     int32_t withdraw(ibat_get_ib_data_reply_fn_t callback, void* context)
     {
-        return withdraw_askers(&owed_, callback, context);
+        assert(is_held(*lock_));
+        return withdraw_askers(&owed_askers_, callback, context);
     }
 
-    // Returns when no callback that matches is running. May sleep; never called by a callback for itself.
+    // Returns when no matching callback runs. May sleep; a callback must not wait for itself.
     void wait_while_running(ibat_get_ib_data_reply_fn_t callback, void* context)
     {
-        wait_until(&finished_, lock_, [&] { return !running_ || !running_->is(callback, context); });
+        wait_until(&callback_ended_, lock_,
+                   [&] { return !called_asker_ || !called_asker_->matches(callback, context); });
     }
 
-    // Makes the callbacks that are still owed, in the calling task. Nothing is owed any more from here on. May sleep.
+    // Makes the callbacks that are still owed, in the calling task. The peer owes no callback from here on. May sleep.
     void close()
     {
         del_timing_sync(&timer_);
@@ -84,36 +90,38 @@ class reply_queue
     }
 
   private:
-    // Only one task at a time is here: the timer is not armed again before the queue was found empty.
+    // One task at a time runs this: the timer is armed again only after the queue was empty.
     void deliver()
     {
-        while (asker_t* asker = take()) {
+        for (asker_t* asker = take(); asker; asker = take()) {
             asker->callback(asker->status, &asker->answer, asker->context);
             {
                 spin_guard guard(lock_);
-                running_ = nullptr;
+                called_asker_ = nullptr;
             }
             kfree(asker);
-            wake_up_interruptible(&finished_);
+            wake_up_interruptible(&callback_ended_);
         }
     }
 
+    // The next asker to call, or null.
     asker_t* take()
     {
         spin_guard guard(lock_);
-        if (list_empty(&owed_)) {
-            scheduled_ = false;
+        assert(!called_asker_);
+        if (list_empty(&owed_askers_)) {
+            is_scheduled_ = false;
             return nullptr;
         }
-        running_ = list_entry(owed_.next, asker_t, link);
-        list_del_init(&running_->link);
-        return running_;
+        called_asker_ = list_entry(owed_askers_.next, asker_t, link);
+        list_del_init(&called_asker_->link);
+        return called_asker_;
     }
 
     spinlock_t* lock_;
-    list_head owed_;
-    asker_t* running_;
-    bool scheduled_; // the timer is armed or its handler at work
-    wait_queue_head_t finished_;
+    list_head owed_askers_; // oldest first
+    asker_t* called_asker_; // its callback runs; null: none
+    bool is_scheduled_;     // the timer is armed, or its handler runs
+    wait_queue_head_t callback_ended_;
     timing_t timer_;
 };

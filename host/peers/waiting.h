@@ -1,4 +1,4 @@
-// Locking and waiting the way both peers do it.
+// Locking and waiting, shared by the peers.
 #pragma once
 
 #include "kernel/sync.h"
@@ -18,8 +18,14 @@ class spin_guard
     unsigned long flags_;
 };
 
-// Sleeps until `condition()` holds, whatever signals arrive. The condition is looked at under `lock`, at first and
-// after every wake-up of `queue`.
+// For assertions: false if no task holds the lock.
+inline bool is_held(const spinlock_t& lock)
+{
+    return lock.state.load(std::memory_order_relaxed) != 0;
+}
+
+// Sleeps until `condition()` holds; signals do not end the sleep. Checks the condition with `lock` held, first at once
+// and then after every wake-up of `queue`.
 template <class condition_t>
 void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t condition)
 {

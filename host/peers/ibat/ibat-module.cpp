@@ -1,4 +1,4 @@
-// The module's frame: its parameters, the functions it publishes, loading and unloading.
+// The module: its parameters, the functions it publishes, its load and its unload.
 #include <iterator>
 
 #include "host/peers/ibat/resolver.h"
@@ -18,12 +18,12 @@ int32_t capacity = 4096;
 
 const module_parameter_t parameters[] = {
     {"ibat_lifetime_seconds", module_parameter_int, &lifetime_seconds,
-     "How long a learned address is used before it is asked for again"},
+     "Seconds for which a learned address is used"},
     {"ibat_negative_seconds", module_parameter_int, &negative_seconds,
-     "How long it is remembered that an address has no owner; 0: not at all"},
-    {"ibat_retry_ticks", module_parameter_int, &retry_ticks, "How long an attempt waits for its answer"},
-    {"ibat_retries", module_parameter_int, &retries, "How many attempts are made for an address in all"},
-    {"ibat_capacity", module_parameter_int, &capacity, "How many addresses are kept; the oldest gives way"},
+     "Seconds for which a negative answer is used; 0: not at all"},
+    {"ibat_retry_ticks", module_parameter_int, &retry_ticks, "Ticks that an attempt waits for its answer"},
+    {"ibat_retries", module_parameter_int, &retries, "Attempts for an address in all"},
+    {"ibat_capacity", module_parameter_int, &capacity, "Addresses in the cache; the oldest is dropped for a new one"},
 };
 
 struct range_t {
@@ -47,7 +47,7 @@ ibat_stat_t detach(void* handle)
 
 ibat_stat_t process_arp_data(ibat_arp_data_t* arp_data)
 {
-    return service.process_arp(*arp_data);
+    return service.take_reply(*arp_data);
 }
 
 ibat_stat_t seq_cache_lookup(kq_gid_t* gid, ibat_arp_data_t* arp_data)
@@ -96,18 +96,18 @@ int32_t forget(uint32_t ip, const kq_gid_t* gid)
 }
 
 const publication publications[] = {
-    publication::of<ibat_attach_fn_t>("ibat_attach_fn", attach),
-    publication::of<ibat_detach_fn_t>("ibat_detach_fn", detach),
-    publication::of<ibat_process_arp_data_fn_t>("ibat_process_arp_data_fn", process_arp_data),
-    publication::of<ibat_seq_cache_lookup_fn_t>("ibat_seq_cache_lookup_fn", seq_cache_lookup),
-    publication::of<ibat_get_ib_data_fn_t>("ibat_get_ib_data_fn", get_ib_data),
-    publication::of<ibat_refresh_fn_t>("ibat_refresh_fn", refresh),
-    publication::of<ibat_cancel_fn_t>("ibat_cancel_fn", cancel),
-    publication::of<ibat_peek_fn_t>("ibat_peek_fn", peek),
-    publication::of<ibat_cache_list_fn_t>("ibat_cache_list_fn", cache_list),
-    publication::of<ibat_counters_fn_t>("ibat_counters_fn", counters),
-    publication::of<ibat_flush_fn_t>("ibat_flush_fn", flush),
-    publication::of<ibat_forget_fn_t>("ibat_forget_fn", forget),
+    make_publication<ibat_attach_fn_t>("ibat_attach_fn", attach),
+    make_publication<ibat_detach_fn_t>("ibat_detach_fn", detach),
+    make_publication<ibat_process_arp_data_fn_t>("ibat_process_arp_data_fn", process_arp_data),
+    make_publication<ibat_seq_cache_lookup_fn_t>("ibat_seq_cache_lookup_fn", seq_cache_lookup),
+    make_publication<ibat_get_ib_data_fn_t>("ibat_get_ib_data_fn", get_ib_data),
+    make_publication<ibat_refresh_fn_t>("ibat_refresh_fn", refresh),
+    make_publication<ibat_cancel_fn_t>("ibat_cancel_fn", cancel),
+    make_publication<ibat_peek_fn_t>("ibat_peek_fn", peek),
+    make_publication<ibat_cache_list_fn_t>("ibat_cache_list_fn", cache_list),
+    make_publication<ibat_counters_fn_t>("ibat_counters_fn", counters),
+    make_publication<ibat_flush_fn_t>("ibat_flush_fn", flush),
+    make_publication<ibat_forget_fn_t>("ibat_forget_fn", forget),
 };
 
 bool parameters_are_in_range()

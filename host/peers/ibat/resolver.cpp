@@ -1,4 +1,4 @@
-// The resolver's frame: opening and closing, the attachment, lookups, ageing, reports.
+// The resolver's opening and closing, its attachment, lookups, ageing and reports. Its requests: resolver-requests.cpp.
 #include "host/peers/ibat/resolver.h"
 #include "host/peers/ibat/records.h"
 
@@ -8,7 +8,7 @@ namespace
 {
 
 constexpr unsigned long sweep_period_ticks = 10 * HZ;
-constexpr int32_t sweep_batch = 64; // entries dropped in one stretch with the lock held
+constexpr int32_t sweep_batch = 64; // entries dropped while the lock is held once
 constexpr size_t expected_requests = 512;
 
 } // namespace
@@ -19,26 +19,22 @@ bool resolver::open(const resolver_limits& limits)
     max_attempts_ = limits.attempts;
     retry_ticks_ = limits.retry_ticks;
     counters_ = {};
-    send_arp_ = nullptr;
-    handle_ = 0;
-    detaching_ = false;
-    sends_running_ = 0;
-    init_waitqueue_head_named(&sends_finished_, "ibat send_arp");
-    list_init(&sending_);
-    list_init(&waiting_);
+    attachment_.open(&lock_, "ibat send_arp");
+    list_init(&sending_list_);
+    list_init(&waiting_list_);
     last_request_id_ = 0;
-    retry_armed_ = false;
+    is_retry_armed_ = false;
     init_timing(&retry_timer_);
     retry_timer_.function = [](unsigned long self) { reinterpret_cast<resolver*>(self)->retry_due(); };
     retry_timer_.data = reinterpret_cast<unsigned long>(this);
-    sweep_armed_ = false;
+    is_sweep_armed_ = false;
     init_timing(&sweep_timer_);
     sweep_timer_.function = [](unsigned long self) { reinterpret_cast<resolver*>(self)->sweep_aged(); };
     sweep_timer_.data = reinterpret_cast<unsigned long>(this);
     sweep_timer_.atomic = true;
     replies_.open(&lock_);
     if (!cache_.open(limits.cache)) return false;
-    if (by_address_.open(expected_requests)) return true;
+    if (requests_by_address_.open(expected_requests)) return true;
     cache_.close();
     return false;
 }
@@ -50,30 +46,19 @@ void resolver::close()
     replies_.close();
     del_timing_sync(&sweep_timer_);
     cache_.close();
-    by_address_.close();
+    requests_by_address_.close();
 }
 
 // ---- the attachment ----
 
 ibat_stat_t resolver::attach(send_arp_data_fn_t send_arp, void* context, void** handle)
 {
-    if (!send_arp || !handle) return ibat_stat_error;
-    spin_guard guard(&lock_);
-    if (send_arp_) return ibat_stat_error;
-    send_arp_ = send_arp;
-    send_context_ = context;
-    ++handle_;
-    *handle = reinterpret_cast<void*>(handle_);
-    return ibat_stat_ok;
+    return attachment_.attach(send_arp, context, handle) ? ibat_stat_ok : ibat_stat_error;
 }
 
 ibat_stat_t resolver::detach(void* handle)
 {
-    {
-        spin_guard guard(&lock_);
-        if (!send_arp_ || detaching_ || handle != reinterpret_cast<void*>(handle_)) return ibat_stat_error;
-        detaching_ = true;
-    }
+    if (!attachment_.begin_detach(handle)) return ibat_stat_error;
     end_attachment();
     return ibat_stat_ok;
 }
@@ -82,22 +67,21 @@ void resolver::end_attachment()
 {
     {
         spin_guard guard(&lock_);
-        detaching_ = true; // from here on no attempt begins
-        for (list_head* requests : {&sending_, &waiting_}) {
+        attachment_.refuse_calls();
+        for (list_head* requests : {&sending_list_, &waiting_list_}) {
             while (!list_empty(requests)) give_up(first_of(requests), ibat_stat_error);
         }
     }
-    wait_until(&sends_finished_, &lock_, [&] { return sends_running_ == 0; });
+    attachment_.wait_for_calls();
     spin_guard guard(&lock_);
     cache_.release_own();
     arm_sweep();
-    send_arp_ = nullptr;
-    detaching_ = false;
+    attachment_.end();
 }
 
 // ---- lookups ----
 
-// ibat_stat_pending: the cache does not know.
+// Answers from the cache. ibat_stat_pending: the cache has no entry. With the lock held.
 ibat_stat_t resolver::from_cache(uint32_t address, ibat_arp_data_t* arp_data) const
 {
     const cache_entry* entry = cache_.find(address);
@@ -117,16 +101,16 @@ ibat_stat_t resolver::peek(uint32_t address, ibat_arp_data_t* arp_data)
 
 ibat_stat_t resolver::look_up_gid(const kq_gid_t& gid, ibat_arp_data_t* arp_data)
 {
-    const kq_gid_t wanted = gid; // the caller's GID may lie in the very record that is filled
+    const kq_gid_t gid_copy = gid; // the caller's GID may lie in the record that is filled
     spin_guard guard(&lock_);
     ++counters_.lookups;
-    const cache_entry* entry = cache_.find(wanted);
+    const cache_entry* entry = cache_.find(gid_copy);
     if (!entry) {
         ++counters_.misses;
         return ibat_stat_not_found;
     }
     ++counters_.hits;
-    fill_record(entry->address, wanted, entry->local_port_num, cache_.is_own(entry), arp_data);
+    fill_record(entry->address, gid_copy, entry->local_port_num, cache_.is_own(entry), arp_data);
     return ibat_stat_ok;
 }
 
@@ -152,24 +136,26 @@ ibat_stat_t resolver::refresh(uint32_t address, ibat_get_ib_data_reply_fn_t call
 
 // ---- ageing ----
 
+// With the lock held.
 void resolver::arm_sweep()
 {
-    if (sweep_armed_ || !cache_.has_ageing_entries()) return;
-    sweep_armed_ = true;
+    assert(is_held(lock_));
+    if (is_sweep_armed_ || !cache_.has_ageing_entries()) return;
+    is_sweep_armed_ = true;
     sweep_timer_.expires = jiffies + sweep_period_ticks;
     add_timing(&sweep_timer_);
 }
 
-// Lookups see no aged entry anyway; this gives their memory back.
+// The sweep timer's handler. Frees aged entries; lookups ignore them already.
 void resolver::sweep_aged()
 {
-    int32_t dropped = sweep_batch;
-    while (dropped == sweep_batch) {
+    int32_t count = sweep_batch;
+    while (count == sweep_batch) {
         spin_guard guard(&lock_);
-        dropped = cache_.sweep(sweep_batch);
+        count = cache_.sweep(sweep_batch);
     }
     spin_guard guard(&lock_);
-    sweep_armed_ = false;
+    is_sweep_armed_ = false;
     arm_sweep();
 }
 

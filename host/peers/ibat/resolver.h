@@ -1,8 +1,10 @@
-// Answers "which GID owns this address" from the cache, or by asking the attached resolver: one request per address
-// however many ask, repeated until an answer or a detach comes or the attempts are used up. One spin lock guards all
-// of it and is held over nothing that sleeps or calls out.
+// Finds the GID that owns an address, in the cache or by asking the attached provider. (Other modules call the provider
+// the resolver.) There is one request per address, whatever the number of askers. It is repeated until an answer comes,
+// the provider detaches or the attempts are used up. One spin lock guards everything. No code sleeps or calls another
+// module while holding it.
 #pragma once
 
+#include "host/peers/attachment.h"
 #include "host/peers/ibat/cache.h"
 #include "host/peers/reply-queue.h"
 
@@ -15,42 +17,44 @@ struct resolver_limits {
     unsigned long retry_ticks;
 };
 
-// One address being asked for.
-struct request {
-    list_head link; // among those being sent, or in the order of their deadlines
-    request* next_by_address;
+// A request for the GID of one address.
+struct address_request {
+    list_head link; // in the sending list or in the waiting list
+    address_request* next_by_address;
     uint32_t address;
-    uint64_t id; // tells it from an earlier request for the same address
+    uint64_t id; // distinguishes it from an earlier request for the same address
     list_head askers;
-    int32_t attempts;
-    bool was_sent; // the resolver took at least one attempt
+    int32_t attempts; // so far
+    bool was_sent;    // the provider sent at least one attempt
     unsigned long deadline;
 };
 
-inline request* first_of(list_head* requests)
+inline address_request* first_of(list_head* requests)
 {
-    return list_entry(requests->next, request, link);
+    return list_entry(requests->next, address_request, link);
 }
 
-// What is needed to send an attempt without the lock; `send_arp` null: nothing to send.
+// One attempt to send without the lock. `provider.send` is null when there is no attempt to send.
 struct send_order {
-    send_arp_data_fn_t send_arp;
-    void* context;
+    attachment<send_arp_data_fn_t>::provider_t provider;
     uint32_t address;
     uint64_t request_id;
     bool is_retry;
 };
 
-// The calls are those of ibat.h and ibat-exports.h.
+// ibat.h and ibat-exports.h describe the calls.
 class resolver
 {
   public:
-    bool open(const resolver_limits& limits); // false: no memory; nothing is held then
-    void close();                             // tells all who wait that it failed, and frees everything; may sleep
+    // False: no memory; then nothing is held. May sleep.
+    bool open(const resolver_limits& limits);
+
+    // Ends every request with an error and frees everything. May sleep.
+    void close();
 
     ibat_stat_t attach(send_arp_data_fn_t send_arp, void* context, void** handle);
     ibat_stat_t detach(void* handle);
-    ibat_stat_t process_arp(const ibat_arp_data_t& reply);
+    ibat_stat_t take_reply(const ibat_arp_data_t& reply);
     ibat_stat_t look_up_gid(const kq_gid_t& gid, ibat_arp_data_t* arp_data);
     ibat_stat_t resolve(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                         void* context);
@@ -66,14 +70,14 @@ class resolver
     void end_attachment();
     ibat_stat_t from_cache(uint32_t address, ibat_arp_data_t* arp_data) const;
     ibat_stat_t ask(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback, void* context);
-    bool join(uint32_t address, asker_t* asker, request* fresh, send_order* order);
+    bool join(uint32_t address, asker_t* asker, address_request* new_request, send_order* order);
     void take_positive(const ibat_arp_data_t& reply);
     void take_negative(uint32_t address);
-    void complete(request* finished, ibat_stat_t status, const ibat_arp_data_t& answer);
-    void give_up(request* finished, ibat_stat_t status);
-    send_order begin_attempt(request* asked);
+    void complete(address_request* request, ibat_stat_t status, const ibat_arp_data_t& answer);
+    void give_up(address_request* request, ibat_stat_t status);
+    send_order begin_attempt(address_request* request);
     void send(const send_order& order);
-    void await_answer(request* asked);
+    void await_answer(address_request* request);
     void arm_retry();
     void retry_due();
     bool next_due(send_order* order);
@@ -86,20 +90,16 @@ class resolver
     unsigned long retry_ticks_;
     ibat_counters_t counters_;
 
-    send_arp_data_fn_t send_arp_; // null: nobody is attached
-    void* send_context_;
-    uintptr_t handle_; // of the attachment, new for each
-    bool detaching_;
-    int32_t sends_running_;
-    wait_queue_head_t sends_finished_;
+    attachment<send_arp_data_fn_t> attachment_;
 
-    hash_index<request, uint32_t, &request::address, &request::next_by_address> by_address_;
-    list_head sending_; // an attempt is being sent
-    list_head waiting_; // for an answer, earliest deadline first
+    hash_index<address_request, uint32_t, &address_request::address, &address_request::next_by_address>
+        requests_by_address_;
+    list_head sending_list_; // requests of which an attempt is being sent
+    list_head waiting_list_; // requests that wait for an answer, earliest deadline first
     uint64_t last_request_id_;
-    bool retry_armed_; // or its handler at work
+    bool is_retry_armed_; // or its handler runs
     timing_t retry_timer_;
-    bool sweep_armed_; // or its handler at work
+    bool is_sweep_armed_; // or its handler runs
     timing_t sweep_timer_;
     reply_queue replies_;
 };

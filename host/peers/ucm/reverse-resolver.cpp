@@ -19,63 +19,48 @@ bool reverse_resolver::open(ats_rarp_reply_fn_t reply)
     spin_lock_init(&lock_);
     reply_ = reply;
     counters_ = {};
-    send_rarp_ = nullptr;
-    handle_ = 0;
-    detaching_ = false;
-    sends_running_ = 0;
-    init_waitqueue_head_named(&sends_finished_, "ucm send_rarp");
-    list_init(&asked_);
+    attachment_.open(&lock_, "ucm send_rarp");
+    list_init(&requests_);
     last_id_ = 0;
     replies_.open(&lock_);
-    return by_id_.open(expected_requests);
+    return requests_by_id_.open(expected_requests);
 }
 
 void reverse_resolver::close()
 {
     end_attachment();
     replies_.close();
-    by_id_.close();
+    requests_by_id_.close();
 }
 
 ucm_stat_t reverse_resolver::attach(send_rarp_fn_t send_rarp, void* context, void** handle)
 {
-    if (!send_rarp || !handle) return ucm_stat_error;
-    spin_guard guard(&lock_);
-    if (send_rarp_) return ucm_stat_error;
-    send_rarp_ = send_rarp;
-    provider_context_ = context;
-    ++handle_;
-    *handle = reinterpret_cast<void*>(handle_);
-    return ucm_stat_ok;
+    return attachment_.attach(send_rarp, context, handle) ? ucm_stat_ok : ucm_stat_error;
 }
 
 ucm_stat_t reverse_resolver::detach(void* handle)
 {
-    {
-        spin_guard guard(&lock_);
-        if (!send_rarp_ || detaching_ || handle != reinterpret_cast<void*>(handle_)) return ucm_stat_error;
-        detaching_ = true;
-    }
+    if (!attachment_.begin_detach(handle)) return ucm_stat_error;
     end_attachment();
     return ucm_stat_ok;
 }
 
-// Calls into the provider end first: each then knows for itself whether its request failed or stays to be told here.
+// Waits for the running calls into the provider first: a call that fails ends its own request. Then ends the requests
+// that remain.
 void reverse_resolver::end_attachment()
 {
     {
         spin_guard guard(&lock_);
-        detaching_ = true; // from here on no call into the provider begins
+        attachment_.refuse_calls();
     }
-    wait_until(&sends_finished_, &lock_, [&] { return sends_running_ == 0; });
+    attachment_.wait_for_calls();
     spin_guard guard(&lock_);
-    while (!list_empty(&asked_)) {
-        request* left = list_entry(asked_.next, request, asker.link);
-        unlink(left);
-        replies_.owe(&left->asker, ibat_stat_error, left->asker.answer);
+    while (!list_empty(&requests_)) {
+        gid_request* request = list_entry(requests_.next, gid_request, asker.link);
+        unlink(request);
+        replies_.owe(&request->asker, ibat_stat_error, request->asker.answer);
     }
-    send_rarp_ = nullptr;
-    detaching_ = false;
+    attachment_.end();
 }
 
 ibat_stat_t reverse_resolver::get_ip(const kq_gid_t& gid, ibat_arp_data_t* arp_data,
@@ -85,71 +70,72 @@ ibat_stat_t reverse_resolver::get_ip(const kq_gid_t& gid, ibat_arp_data_t* arp_d
     ibat_arp_data_t query = *arp_data;
     query.mask = IBAT_MASK_GID;
     query.gid = gid;
-    auto* asked = static_cast<request*>(kmalloc(sizeof(request), GFP_KERNEL));
-    if (!asked) return ibat_stat_error;
-    asked->asker.callback = callback;
-    asked->asker.context = context;
-    asked->asker.answer = {};
-    asked->asker.answer.mask = IBAT_MASK_GID;
-    asked->asker.answer.gid = gid;
-    if (!begin(asked)) {
-        kfree(asked);
+    auto* request = static_cast<gid_request*>(kmalloc(sizeof(gid_request), GFP_KERNEL));
+    if (!request) return ibat_stat_error;
+    request->asker.callback = callback;
+    request->asker.context = context;
+    request->asker.answer = {};
+    request->asker.answer.mask = IBAT_MASK_GID;
+    request->asker.answer.gid = gid;
+    send_rarp_provider provider;
+    if (!begin(request, &provider)) {
+        kfree(request);
         return ibat_stat_error;
     }
-    const uint64_t id = asked->id;
-    ibat_stat_t status = send_rarp_(&query, reply_, number_to_context(id), provider_context_);
+    const uint64_t id = request->id; // an answer may free the request during the call
+    ibat_stat_t status = provider.send(&query, reply_, number_to_context(id), provider.context);
     status = end_send(id, status);
     if (status == ibat_stat_ok) *arp_data = query;
     return status;
 }
 
-// Registers a request and the call into the provider that is about to be made; false: nobody is attached. The
-// attachment then stays as it is until the call has ended.
-bool reverse_resolver::begin(request* asked)
+// Registers a request, and the call into `*provider` that the caller makes next. False: there is no provider to call.
+// Otherwise the provider stays attached until end_send().
+bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
 {
     spin_guard guard(&lock_);
-    if (!send_rarp_ || detaching_) return false;
-    asked->id = ++last_id_;
-    by_id_.insert(asked);
-    list_add_tail(&asked->asker.link, &asked_);
-    ++sends_running_;
+    if (!attachment_.accepts_calls()) return false;
+    request->id = ++last_id_;
+    requests_by_id_.insert(request);
+    list_add_tail(&request->asker.link, &requests_);
+    *provider = attachment_.begin_call();
     ++counters_.requests;
     ++counters_.pending;
     return true;
 }
 
-// What the asker is told when the provider has returned `status`. A callback that came first, or a withdrawal, has
-// settled the request: then no result may settle it again, whatever the provider says.
+// Ends the call into the provider, which has returned `status`. Returns the status for the asker. The request may have
+// ended during the call, by a callback or by a withdrawal; then `status` is ignored.
 ibat_stat_t reverse_resolver::end_send(uint64_t id, ibat_stat_t status)
 {
     {
         spin_guard guard(&lock_);
-        --sends_running_;
-        request* asked = by_id_.find(id);
-        if (!asked) {
+        attachment_.end_call();
+        gid_request* request = requests_by_id_.find(id);
+        if (!request) {
             status = ibat_stat_pending;
         } else if (status != ibat_stat_pending) {
             ++(status == ibat_stat_ok ? counters_.answered_at_once : counters_.failed_at_once);
-            unlink(asked);
-            kfree(asked);
+            unlink(request);
+            kfree(request);
         }
     }
-    wake_up_interruptible(&sends_finished_);
+    attachment_.wake_detach();
     return status;
 }
 
-void reverse_resolver::answered(ibat_stat_t status, const ibat_arp_data_t* record, void* user_context)
+void reverse_resolver::take_answer(ibat_stat_t status, const ibat_arp_data_t* record, void* user_context)
 {
     must_not_hold_spin_lock("UCM's completion callback");
     spin_guard guard(&lock_);
-    request* asked = by_id_.find(reinterpret_cast<uint64_t>(user_context));
-    if (!asked) {
+    gid_request* request = requests_by_id_.find(reinterpret_cast<uint64_t>(user_context));
+    if (!request) {
         ++counters_.swallowed;
         return;
     }
     count_answer(status);
-    unlink(asked);
-    replies_.owe(&asked->asker, status, record ? *record : asked->asker.answer);
+    unlink(request);
+    replies_.owe(&request->asker, status, record ? *record : request->asker.answer);
 }
 
 void reverse_resolver::count_answer(ibat_stat_t status)
@@ -169,10 +155,11 @@ void reverse_resolver::count_answer(ibat_stat_t status)
     }
 }
 
-void reverse_resolver::unlink(request* over)
+void reverse_resolver::unlink(gid_request* request)
 {
-    by_id_.remove(over);
-    list_del_init(&over->asker.link);
+    assert(is_held(lock_) && counters_.pending > 0);
+    requests_by_id_.remove(request);
+    list_del_init(&request->asker.link);
     --counters_.pending;
 }
 
@@ -182,12 +169,12 @@ int32_t reverse_resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* con
     {
         spin_guard guard(&lock_);
         withdrawn = replies_.withdraw(callback, context);
-        for (list_head* link = asked_.next; link != &asked_;) {
-            request* asked = list_entry(link, request, asker.link);
+        for (list_head* link = requests_.next; link != &requests_;) {
+            gid_request* request = list_entry(link, gid_request, asker.link);
             link = link->next;
-            if (!asked->asker.is(callback, context)) continue;
-            unlink(asked);
-            kfree(asked);
+            if (!request->asker.matches(callback, context)) continue;
+            unlink(request);
+            kfree(request);
             ++withdrawn;
         }
     }

@@ -1,4 +1,4 @@
-// The module's frame: the functions it publishes, loading and unloading.
+// The module: the functions it publishes, its load and its unload.
 #include "host/peers/publications.h"
 #include "host/peers/ucm/reverse-resolver.h"
 #include "kernel/errno.h"
@@ -11,7 +11,7 @@ ucm::reverse_resolver service;
 
 void reply(ibat_stat_t status, ibat_arp_data_t* arp_data, void* user_context)
 {
-    service.answered(status, arp_data, user_context);
+    service.take_answer(status, arp_data, user_context);
 }
 
 ucm_stat_t rarp_attach(send_rarp_fn_t send_rarp, void* provider_context, void** handle)
@@ -41,11 +41,11 @@ void counters(ucm_counters_t* counters)
 }
 
 const publication publications[] = {
-    publication::of<ucm_rarp_attach_fn_t>("ucm_rarp_attach_fn", rarp_attach),
-    publication::of<ucm_rarp_detach_fn_t>("ucm_rarp_detach_fn", rarp_detach),
-    publication::of<ucm_get_ip_fn_t>("ucm_get_ip_fn", get_ip),
-    publication::of<ucm_cancel_fn_t>("ucm_cancel_fn", cancel),
-    publication::of<ucm_counters_fn_t>("ucm_counters_fn", counters),
+    make_publication<ucm_rarp_attach_fn_t>("ucm_rarp_attach_fn", rarp_attach),
+    make_publication<ucm_rarp_detach_fn_t>("ucm_rarp_detach_fn", rarp_detach),
+    make_publication<ucm_get_ip_fn_t>("ucm_get_ip_fn", get_ip),
+    make_publication<ucm_cancel_fn_t>("ucm_cancel_fn", cancel),
+    make_publication<ucm_counters_fn_t>("ucm_counters_fn", counters),
 };
 
 int load()
