@@ -1,8 +1,9 @@
-// An index over records that somebody else owns, chained through the records themselves: after open() nothing
-// allocates, sleeps or fails, so that it serves contexts that may not sleep. The caller guards it.
+// A hash index of records that its user owns. The chains run through the records themselves, so that no call after open()
+// allocates, sleeps or fails. Contexts that may not sleep can use it. The caller guards it with a lock.
 #pragma once
 
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 #include "ib-types.h"
@@ -10,7 +11,7 @@
 
 inline uint64_t hash_of(uint64_t key)
 {
-    return key * 0x9E3779B97F4A7C15u >> 32; // Fibonacci hashing: neighbouring keys spread out
+    return key * 0x9E3779B97F4A7C15u >> 32; // Fibonacci hashing spreads keys that differ little
 }
 inline uint64_t hash_of(const kq_gid_t& gid)
 {
@@ -21,10 +22,10 @@ template <class record_t, class key_t, key_t record_t::*key, record_t* record_t:
 class hash_index
 {
   public:
-    // Makes room for about `expected` records; more only make it slower. False: no memory. May sleep.
-    bool open(size_t expected)
+    // Makes room for `record_count` records; more records make it slower. False: no memory. May sleep.
+    bool open(size_t record_count)
     {
-        const size_t count = std::bit_ceil(expected);
+        const size_t count = std::bit_ceil(record_count);
         buckets_ = static_cast<record_t**>(kmalloc(count * sizeof(record_t*), GFP_KERNEL));
         if (!buckets_) return false;
         memset(buckets_, 0, count * sizeof(record_t*));
@@ -32,33 +33,38 @@ class hash_index
         return true;
     }
 
-    // A second close, or one after a failed open, does nothing.
+    // Frees the index. Has no effect on an index that is closed or whose open() failed.
     void close()
     {
         kfree(buckets_);
         buckets_ = nullptr;
     }
 
-    record_t* find(const key_t& wanted) const
+    // The record with that key, or null.
+    record_t* find(const key_t& value) const
     {
-        record_t* record = buckets_[hash_of(wanted) & mask_];
-        while (record && !(record->*key == wanted)) record = record->*next;
+        record_t* record = buckets_[hash_of(value) & mask_];
+        while (record && !(record->*key == value)) record = record->*next;
         return record;
     }
 
-    // `record` is not in the index, nor is its key.
+    // The index holds no record with this key.
     void insert(record_t* record)
     {
+        assert(!find(record->*key));
         record_t*& head = buckets_[hash_of(record->*key) & mask_];
         record->*next = head;
         head = record;
     }
 
-    // `record` is in the index.
+    // The index holds `record`.
     void remove(record_t* record)
     {
         record_t** link = &buckets_[hash_of(record->*key) & mask_];
-        while (*link != record) link = &((*link)->*next);
+        while (*link != record) {
+            assert(*link);
+            link = &((*link)->*next);
+        }
         *link = record->*next;
     }
 

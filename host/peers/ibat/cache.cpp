@@ -1,6 +1,7 @@
 #include "host/peers/ibat/cache.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "kernel/time.h"
 
@@ -10,13 +11,13 @@ namespace ibat
 bool cache::open(const cache_limits& limits)
 {
     limits_ = limits;
-    list_init(&learned_);
-    list_init(&negative_);
-    own_ = nullptr;
+    list_init(&learned_entries_);
+    list_init(&negative_entries_);
+    own_entry_ = nullptr;
     count_ = 0;
-    const auto expected = static_cast<size_t>(limits.capacity);
-    if (by_address_.open(expected) && by_gid_.open(expected)) return true;
-    by_address_.close();
+    const auto capacity = static_cast<size_t>(limits.capacity);
+    if (entries_by_address_.open(capacity) && entries_by_gid_.open(capacity)) return true;
+    entries_by_address_.close();
     return false;
 }
 
@@ -24,93 +25,94 @@ void cache::close()
 {
     release_own();
     flush();
-    by_address_.close();
-    by_gid_.close();
+    assert(count_ == 0);
+    entries_by_address_.close();
+    entries_by_gid_.close();
 }
 
 const cache_entry* cache::find(uint32_t address) const
 {
-    const cache_entry* entry = by_address_.find(address);
+    const cache_entry* entry = entries_by_address_.find(address);
     return entry && is_live(entry) ? entry : nullptr;
 }
 
 const cache_entry* cache::find(const kq_gid_t& gid) const
 {
-    const cache_entry* entry = by_gid_.find(gid);
+    const cache_entry* entry = entries_by_gid_.find(gid);
     return entry && is_live(entry) ? entry : nullptr;
 }
 
 bool cache::learn(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num)
 {
-    const cache_entry* of_address = by_address_.find(address);
-    const cache_entry* of_gid = by_gid_.find(gid);
-    if (own_ && (of_address == own_ || of_gid == own_)) return of_address == of_gid;
+    const cache_entry* address_entry = entries_by_address_.find(address);
+    const cache_entry* gid_entry = entries_by_gid_.find(gid);
+    if (own_entry_ && (address_entry == own_entry_ || gid_entry == own_entry_)) return address_entry == gid_entry;
     return store(address, gid, local_port_num) != nullptr;
 }
 
 bool cache::learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num)
 {
-    if (own_ && own_->address != address) {
+    if (own_entry_ && own_entry_->address != address) {
         forget_own(gid, local_port_num);
         release_own();
     }
     cache_entry* entry = store(address, gid, local_port_num);
     if (!entry) return false;
     list_del_init(&entry->link);
-    own_ = entry;
+    own_entry_ = entry;
     return true;
 }
 
 void cache::forget_own(const kq_gid_t& gid, uint32_t local_port_num)
 {
-    if (own_ && is_of_own(gid, local_port_num)) drop(own_);
+    if (own_entry_ && is_of_own(gid, local_port_num)) drop(own_entry_);
 }
 
 void cache::release_own()
 {
-    if (!own_) return;
-    own_->answered_tick = jiffies;
-    list_add_tail(&own_->link, &learned_);
-    own_ = nullptr;
+    if (!own_entry_) return;
+    own_entry_->answered_tick = jiffies;
+    list_add_tail(&own_entry_->link, &learned_entries_);
+    own_entry_ = nullptr;
 }
 
 void cache::learn_absence(uint32_t address)
 {
-    cache_entry* entry = by_address_.find(address);
-    if (entry && entry == own_) return;
+    cache_entry* entry = entries_by_address_.find(address);
+    if (entry && entry == own_entry_) return;
     if (entry && limits_.negative_ticks == 0) drop(entry);
     if (limits_.negative_ticks != 0) store(address, kq_gid_t{}, 0);
 }
 
 int32_t cache::sweep(int32_t limit)
 {
-    const int32_t dropped = drop_aged(&negative_, limit);
-    return dropped + drop_aged(&learned_, limit - dropped);
+    const int32_t negative_count = drop_aged(&negative_entries_, limit);
+    return negative_count + drop_aged(&learned_entries_, limit - negative_count);
 }
 
 int32_t cache::flush()
 {
-    int32_t dropped = 0;
-    while (cache_entry* entry = oldest()) {
+    int32_t count = 0;
+    for (cache_entry* entry = oldest(); entry; entry = oldest()) {
         drop(entry);
-        ++dropped;
+        ++count;
     }
-    return dropped;
+    return count;
 }
 
 int32_t cache::list(ibat_cache_entry_t* entries, int32_t capacity) const
 {
-    int32_t found = 0;
+    int32_t count = 0;
     const auto add = [&](const cache_entry* entry) {
         if (!is_live(entry)) return;
-        if (found < capacity) entries[found] = report(entry);
-        ++found;
+        if (count < capacity) entries[count] = report(entry);
+        ++count;
     };
-    if (own_) add(own_);
-    for (const list_head* head : {&learned_, &negative_}) {
+    if (own_entry_) add(own_entry_);
+    for (const list_head* head : {&learned_entries_, &negative_entries_}) {
         for (list_head* link = head->next; link != head; link = link->next) add(list_entry(link, cache_entry, link));
     }
-    return found;
+    return count;
 }
 
 unsigned long cache::lifetime_of(const cache_entry* entry) const
@@ -118,7 +120,7 @@ unsigned long cache::lifetime_of(const cache_entry* entry) const
     return entry->is_negative() ? limits_.negative_ticks : limits_.lifetime_ticks;
 }
 
-// Differences of tick counts are right whatever the counts themselves are.
+// The difference is right even if the tick count has wrapped in between.
 unsigned long cache::age_of(const cache_entry* entry) const
 {
     return jiffies - entry->answered_tick;
@@ -126,55 +128,58 @@ unsigned long cache::age_of(const cache_entry* entry) const
 
 bool cache::is_live(const cache_entry* entry) const
 {
-    return entry == own_ || age_of(entry) < lifetime_of(entry);
+    return entry == own_entry_ || age_of(entry) < lifetime_of(entry);
 }
 
 bool cache::is_of_own(const kq_gid_t& gid, uint32_t local_port_num) const
 {
-    return own_->gid == gid || (local_port_num != 0 && own_->local_port_num == local_port_num);
+    assert(own_entry_);
+    return own_entry_->gid == gid || (local_port_num != 0 && own_entry_->local_port_num == local_port_num);
 }
 
-// Writes an entry as learned or negative just now, in place of all that contradicts it. Null: no room.
+// Stores an entry that was learned now; drops the entries that contradict it. Null: no room.
 cache_entry* cache::store(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num)
 {
-    cache_entry* entry = by_address_.find(address);
+    cache_entry* entry = entries_by_address_.find(address);
     if (entry) unlink(entry);
-    if (cache_entry* of_gid = by_gid_.find(gid)) drop(of_gid);
+    cache_entry* gid_entry = entries_by_gid_.find(gid);
+    if (gid_entry) drop(gid_entry);
     if (!entry) entry = allocate();
     if (!entry) return nullptr;
     entry->address = address;
     entry->local_port_num = local_port_num;
     entry->gid = gid;
     entry->answered_tick = jiffies;
-    list_add_tail(&entry->link, entry->is_negative() ? &negative_ : &learned_);
-    by_address_.insert(entry);
-    if (!entry->is_negative()) by_gid_.insert(entry);
+    list_add_tail(&entry->link, entry->is_negative() ? &negative_entries_ : &learned_entries_);
+    entries_by_address_.insert(entry);
+    if (!entry->is_negative()) entries_by_gid_.insert(entry);
     ++count_;
     return entry;
 }
 
-// Memory for one more entry, if need be that of the oldest.
+// Memory for one more entry. Takes that of the oldest entry when the cache is full or memory has run out. Null: none.
 cache_entry* cache::allocate()
 {
     if (count_ < limits_.capacity) {
-        if (void* memory = kmalloc(sizeof(cache_entry), GFP_ATOMIC)) return static_cast<cache_entry*>(memory);
+        void* memory = kmalloc(sizeof(cache_entry), GFP_ATOMIC);
+        if (memory) return static_cast<cache_entry*>(memory);
     }
     cache_entry* entry = oldest();
     if (entry) unlink(entry);
     return entry;
 }
 
-// The entry that gives way first: negative ones are the cheapest to learn again.
+// The entry to drop first. Negative entries come first: learning them again is cheapest.
 cache_entry* cache::oldest() const
 {
-    if (!list_empty(&negative_)) return list_entry(negative_.next, cache_entry, link);
-    if (!list_empty(&learned_)) return list_entry(learned_.next, cache_entry, link);
+    if (!list_empty(&negative_entries_)) return list_entry(negative_entries_.next, cache_entry, link);
+    if (!list_empty(&learned_entries_)) return list_entry(learned_entries_.next, cache_entry, link);
     return nullptr;
 }
 
 bool cache::forget(cache_entry* entry)
 {
-    if (!entry || entry == own_) return false;
+    if (!entry || entry == own_entry_) return false;
     const bool was_live = is_live(entry);
     drop(entry);
     return was_live;
@@ -182,10 +187,11 @@ bool cache::forget(cache_entry* entry)
 
 void cache::unlink(cache_entry* entry)
 {
-    if (entry == own_) own_ = nullptr;
+    if (entry == own_entry_) own_entry_ = nullptr;
+    assert(count_ > 0);
     list_del_init(&entry->link);
-    by_address_.remove(entry);
-    if (!entry->is_negative()) by_gid_.remove(entry);
+    entries_by_address_.remove(entry);
+    if (!entry->is_negative()) entries_by_gid_.remove(entry);
     --count_;
 }
 
@@ -197,14 +203,14 @@ void cache::drop(cache_entry* entry)
 
 int32_t cache::drop_aged(list_head* entries, int32_t limit)
 {
-    int32_t dropped = 0;
-    for (list_head* link = entries->next; link != entries && dropped < limit; ++dropped) {
-        cache_entry* entry = list_entry(link, cache_entry, link);
-        link = link->next;
-        if (is_live(entry)) break;
-        drop(entry);
+    int32_t count = 0;
+    while (count < limit && !list_empty(entries)) {
+        cache_entry* oldest_entry = list_entry(entries->next, cache_entry, link);
+        if (is_live(oldest_entry)) break;
+        drop(oldest_entry);
+        ++count;
     }
-    return dropped;
+    return count;
 }
 
 ibat_cache_entry_t cache::report(const cache_entry* entry) const
@@ -213,7 +219,7 @@ ibat_cache_entry_t cache::report(const cache_entry* entry) const
     line.ip = entry->address;
     line.local_port_num = entry->local_port_num;
     line.gid = entry->gid;
-    line.is_static = entry == own_;
+    line.is_static = entry == own_entry_;
     line.is_negative = entry->is_negative();
     line.age_ticks = age_of(entry);
     const uint64_t lifetime = lifetime_of(entry);

@@ -1,6 +1,7 @@
-// What IBAT knows: at most one GID per address and one address per GID, learned from answers. Learned and negative
-// entries age; the host's own mapping stays, and no answer about others moves it. The owner guards every call with its
-// lock. No call here sleeps, and none takes longer the more entries there are, except list() and flush().
+// IBAT's cache: at most one GID per address and one address per GID, learned from answers. Learned and negative entries
+// age. The host's own mapping does not age, and answers about other hosts do not change it. The owner guards every call
+// with its lock. Only open() and close() may sleep. The time of a call does not depend on the number of entries, except
+// for list() and flush().
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -11,9 +12,9 @@ namespace ibat
 {
 
 struct cache_entry {
-    list_head link; // among the learned or the negative ones; of the own mapping: none
+    list_head link; // in the list of learned or of negative entries; the own mapping stands in none
     cache_entry* next_by_address;
-    cache_entry* next_by_gid; // negative entries have no place there
+    cache_entry* next_by_gid; // unused in a negative entry
     uint32_t address;
     uint32_t local_port_num;
     kq_gid_t gid;
@@ -25,51 +26,55 @@ struct cache_entry {
 struct cache_limits {
     int32_t capacity;
     unsigned long lifetime_ticks;
-    unsigned long negative_ticks; // 0: negative answers are not remembered
+    unsigned long negative_ticks; // 0: negative answers are not stored
 };
 
 class cache
 {
   public:
-    // False: no memory; nothing is held then. May sleep.
+    // False: no memory; then nothing is held.
     bool open(const cache_limits& limits);
+
+    // Drops every entry and frees the memory.
     void close();
 
-    // The live entry, or null.
+    // The entry, unless it has aged; null: none.
     const cache_entry* find(uint32_t address) const;
     const cache_entry* find(const kq_gid_t& gid) const;
 
-    // An answer says that `gid` owns `address`. What the cache held about either gives way. False: not kept, because
-    // the own mapping says otherwise or because there is no room.
+    // Stores an answer: `gid` owns `address`. It replaces earlier entries of both. False: not stored, because it
+    // contradicts the own mapping or because there is no room.
     bool learn(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
-    // The host owns `address` through `gid` on its port. The mapping that stood before goes if it was of the same port
-    // or GID, for the host's address has changed; one of another port becomes a learned entry, because nobody
-    // vouches for it any longer. False: no room.
+    // Stores the own mapping: the host owns `address` through `gid` on its port. An earlier own mapping of the same port
+    // or GID is dropped, because the host's address has changed. That of another port becomes a learned entry, because
+    // the resolver no longer confirms it. False: no room.
     bool learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
-    // The port has no address any more.
+    // Drops the own mapping if it is that of this port or GID: the port has no address any more.
     void forget_own(const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Nobody vouches for the own mapping any longer: it ages from now on.
+    // Makes the own mapping a learned entry, which ages from now on: the resolver no longer confirms it.
     void release_own();
 
-    // An answer says that nobody owns `address`.
+    // Stores a negative answer: nobody owns `address`.
     void learn_absence(uint32_t address);
 
-    // Drops up to `limit` aged entries; returns how many it dropped.
+    // Drops up to `limit` aged entries; returns the number of dropped entries.
     int32_t sweep(int32_t limit);
 
-    // Drops everything but the own mapping.
+    // Drops every entry except the own mapping; returns the number of dropped entries.
     int32_t flush();
 
-    // Drops one entry. False: there is none that lives, or it is the own mapping.
-    bool forget(uint32_t address) { return forget(by_address_.find(address)); }
-    bool forget(const kq_gid_t& gid) { return forget(by_gid_.find(gid)); }
+    // Drops one entry. False: there is none, it has aged, or it is the own mapping.
+    bool forget(uint32_t address) { return forget(entries_by_address_.find(address)); }
+    bool forget(const kq_gid_t& gid) { return forget(entries_by_gid_.find(gid)); }
 
-    bool is_own(const cache_entry* entry) const { return entry == own_; }
-    bool has_ageing_entries() const { return !list_empty(&learned_) || !list_empty(&negative_); }
+    bool is_own(const cache_entry* entry) const { return entry == own_entry_; }
+    bool has_ageing_entries() const { return !list_empty(&learned_entries_) || !list_empty(&negative_entries_); }
     int32_t count() const { return count_; }
+
+    // Copies up to `capacity` entries in the order of ibat_cache_list_fn; returns the number of all entries.
     int32_t list(ibat_cache_entry_t* entries, int32_t capacity) const;
 
   private:
@@ -87,11 +92,11 @@ class cache
     ibat_cache_entry_t report(const cache_entry* entry) const;
 
     cache_limits limits_;
-    hash_index<cache_entry, uint32_t, &cache_entry::address, &cache_entry::next_by_address> by_address_;
-    hash_index<cache_entry, kq_gid_t, &cache_entry::gid, &cache_entry::next_by_gid> by_gid_;
-    list_head learned_;  // oldest first
-    list_head negative_; // oldest first
-    cache_entry* own_;   // the host's own mapping, or null
+    hash_index<cache_entry, uint32_t, &cache_entry::address, &cache_entry::next_by_address> entries_by_address_;
+    hash_index<cache_entry, kq_gid_t, &cache_entry::gid, &cache_entry::next_by_gid> entries_by_gid_;
+    list_head learned_entries_;  // oldest first
+    list_head negative_entries_; // oldest first
+    cache_entry* own_entry_;   // the host's own mapping, or null
     int32_t count_;
 };
 

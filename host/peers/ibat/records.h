@@ -1,4 +1,4 @@
-// The record in which IBAT asks and answers.
+// The record of IBAT's requests and answers.
 #pragma once
 
 #include "ibat.h"
@@ -6,6 +6,7 @@
 namespace ibat
 {
 
+// A record that holds an address only.
 inline ibat_arp_data_t address_record(uint32_t address)
 {
     ibat_arp_data_t record{};
@@ -14,7 +15,7 @@ inline ibat_arp_data_t address_record(uint32_t address)
     return record;
 }
 
-// Writes a mapping into `record`, whose other fields stay as they are.
+// Writes a mapping into `record`; its other fields stay.
 inline void fill_record(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num, bool is_own,
                         ibat_arp_data_t* record)
 {
