@@ -18,10 +18,11 @@ constexpr uint16_t spare_lids = 0x1000; // LIDs from here on are no port's
 
 // ---- what users do ----
 
-question& new_question(node& at)
+// `kind`: the act whose mark the answer will count for, if any.
+question& new_question(node& at, std::optional<uint32_t> kind)
 {
     ++at.in.done.questions;
-    return at.questions.emplace_back(question{.asked_at = at, .begun_tick = at.in.now()});
+    return at.questions.emplace_back(question{.asked_at = at, .kind = kind, .begun_tick = at.in.now()});
 }
 
 // An address that somebody has or had, or nobody.
@@ -41,50 +42,43 @@ kq_gid_t any_gid(arena& in, uint32_t a)
     return read;
 }
 
-bool was_taken(const question& asked)
-{
-    return asked.returned == ibat_stat_ok || asked.returned == ibat_stat_pending;
-}
-
-// True if the host has more open questions than the module's pool has datagrams.
-bool has_many_open(const question& asked)
-{
-    constexpr ptrdiff_t pool_size = 16;
-    return std::ranges::count_if(asked.asked_at.questions, [](const question& each) { return !each.is_settled(); }) >
-           pool_size;
-}
-
-using takes_effect = bool (*)(const question& asked);
-
-template <takes_effect took_effect>
 void ask_gid(arena& in, const act& it)
 {
     node& host = in.host(it);
     host.start("ask", [&host, ip = any_address(in, it.a), it] {
-        question& asked = new_question(host);
-        ask_for_gid(asked, ip, it.b % 2 == 0);
-        host.in.mark(it, took_effect(asked));
+        ask_for_gid(new_question(host, it.kind), ip, it.b % 2 == 0);
     });
 }
 
-template <takes_effect took_effect>
 void ask_address(arena& in, const act& it)
 {
     node& host = in.host(it);
-    host.start("ask", [&host, gid = any_gid(in, it.a), it] {
-        question& asked = new_question(host);
-        ask_for_address(asked, gid);
-        host.in.mark(it, took_effect(asked));
-    });
+    host.start("ask", [&host, gid = any_gid(in, it.a), it] { ask_for_address(new_question(host, it.kind), gid); });
 }
 
-// More at a time than a pool has datagrams.
+// True if so many questions of the host wait for an answer that the module's pool has too few datagrams for them.
+bool has_many_open(const node& host)
+{
+    constexpr ptrdiff_t pool_size = 16;
+    return std::ranges::count_if(host.questions, [](const question& each) { return !each.is_settled(); }) > pool_size;
+}
+
+// Half of the questions are for a GID, half for an address.
 void ask_many(arena& in, const act& it)
 {
+    node& host = in.host(it);
     for (uint32_t i = 0; i < 10 + it.b % 40; ++i) {
-        act one = it;
-        one.a += i << 8 | i;
-        (i % 2 == 0 ? ask_gid<has_many_open> : ask_address<has_many_open>)(in, one);
+        const uint32_t a = it.a + (i << 8 | i);
+        if (i % 2 == 0)
+            host.start("ask", [&host, ip = any_address(in, a), it] {
+                ask_for_gid(new_question(host, std::nullopt), ip, it.b % 2 == 0);
+                host.in.mark(it, has_many_open(host));
+            });
+        else
+            host.start("ask", [&host, gid = any_gid(in, a), it] {
+                ask_for_address(new_question(host, std::nullopt), gid);
+                host.in.mark(it, has_many_open(host));
+            });
     }
 }
 
@@ -103,14 +97,19 @@ void report(arena& in, const act& it)
     at.start("report", [&at, it] { at.in.mark(it, !at.read_control().empty()); });
 }
 
-void write_line(node& at, const act& it, const std::string& text)
+// Writes to the control file. True if it was taken and the task sent a request meanwhile.
+bool write_makes_request(node& at, const std::string& text)
 {
-    at.start("control", [&at, it, text] { at.in.mark(it, at.write_control(text)); });
+    const uint64_t sent_before = at.in.wire.sent_by_this_task();
+    return at.write_control(text) && at.in.wire.sent_by_this_task() > sent_before;
 }
 
 void control_rarp(arena& in, const act& it)
 {
-    write_line(in.host(it), it, "rarp " + world::format_gid(any_gid(in, it.a)));
+    node& at = in.host(it);
+    at.start("control", [&at, it, gid = any_gid(in, it.a)] {
+        at.in.mark(it, write_makes_request(at, "rarp " + world::format_gid(gid)));
+    });
 }
 
 // Words that are commands, words that are none, wrong numbers of them, bytes, and more than there is room for. None of
@@ -136,9 +135,13 @@ void control_garbage(arena& in, const act& it)
     for (uint32_t i = 0, bits = it.b; i < it.a % 7; ++i, bits >>= 4) text += std::string(words[bits % 15]) + " ";
     if (it.a % 11 == 0) text += std::string(it.b % 5000, static_cast<char>('!' + it.b % 90));
     if (it.a % 5 == 0) text += '\n';
-    in.host(it).longest_period = 180;
-    in.host(it).may_not_verify = true;
-    write_line(in.host(it), it, text);
+    node& at = in.host(it);
+    at.longest_period = 180;
+    at.may_not_verify = true;
+    at.start("control", [&at, it, text] {
+        std::string said;
+        at.in.mark(it, at.write_control(text, &said) && !said.empty());
+    });
 }
 
 void verify_period(arena& in, const act& it)
@@ -147,7 +150,11 @@ void verify_period(arena& in, const act& it)
     node& at = in.host(it);
     at.longest_period = 180; // the longest of these, twice
     at.may_not_verify = true;
-    write_line(at, it, "sa_verify_period " + std::to_string(periods[it.a % 7]) + " " + std::to_string(skews[it.b % 6]));
+    const int period = periods[it.a % 7], skew = skews[it.b % 6];
+    at.start("control", [&at, it, period, skew] {
+        if (at.write_control("sa_verify_period " + std::to_string(period) + " " + std::to_string(skew)))
+            at.expect_verification(it, {{"period", std::max(period, 0)}, {"skew", std::clamp(skew, 0, 100)}});
+    });
 }
 
 // ---- what the administrator changes; it must be true at the SA soon ----
@@ -219,8 +226,8 @@ void delete_ip(arena& in, const act& it)
     node& at = in.host(it);
     at.start("control", [&at, it] {
         const uint32_t ip = at.next_address();
-        at.change_identity([&] { return at.in.mark(it, at.write_control("delete_ip " + world::format_ipv4(ip))); },
-                           [] {});
+        at.change_identity(
+            [&] { return at.in.mark(it, write_makes_request(at, "delete_ip " + world::format_ipv4(ip))); }, [] {});
     });
 }
 
@@ -283,18 +290,30 @@ void event_storm(arena& in, const act& it)
 
 // ---- faults of a host ----
 
-// Counts the failed calls so far for the act that caused them. Later ones count for `next`, if any.
-void end_failing_calls(node& host, std::optional<act> next)
+// Counts the failed calls of the act that armed the host's fault injector, if there is one, and disarms it.
+void end_failing_calls(node& at)
 {
-    if (host.failing_calls) host.in.done.marks[host.failing_calls->kind] += host.machine().faults.failures();
-    host.failing_calls = next;
+    kernel::fault_injector& faults = at.machine().faults;
+    if (at.failing_calls) {
+        at.in.done.marks[at.failing_calls->kind] += faults.failures();
+        at.in.done.faults += faults.failures();
+    }
+    at.failing_calls.reset();
+    faults.disarm();
+}
+
+// An act that fails calls takes the place of one that the host has already.
+kernel::fault_injector& begin_failing_calls(node& at, const act& it)
+{
+    end_failing_calls(at);
+    at.failing_calls = it;
+    at.may_be_misread = true;
+    return at.machine().faults;
 }
 
 void calls_fail_by_chance(arena& in, const act& it)
 {
-    end_failing_calls(in.host(it), it);
-    in.host(it).may_be_misread = true;
-    in.host(it).machine().faults.fail_some(1 + it.a % 40, it.b);
+    begin_failing_calls(in.host(it), it).fail_some(1 + it.a % 40, it.b);
 }
 
 void one_call_fails(arena& in, const act& it)
@@ -302,17 +321,12 @@ void one_call_fails(arena& in, const act& it)
     static const char* const calls[] = {"gsi_dtgrm_pool_get",   "gsi_post_send_dtgrm",       "kq_port_query",
                                         "kq_get_port_gid_tbl",  "kq_get_port_partition_tbl", "kmalloc",
                                         "gsi_deregister_class", "down_interruptible",        "copy_from_user"};
-    end_failing_calls(in.host(it), it);
-    in.host(it).may_be_misread = true;
-    in.host(it).machine().faults.fail_calls(calls[it.a % 9], 1 + it.b % 30);
+    begin_failing_calls(in.host(it), it).fail_calls(calls[it.a % 9], 1 + it.b % 30);
 }
 
 void calls_work(arena& in, const act& it)
 {
-    node& at = in.host(it);
-    end_failing_calls(at, std::nullopt);
-    at.failed_calls += at.machine().faults.failures();
-    at.machine().faults.disarm();
+    end_failing_calls(in.host(it));
 }
 
 void signal_a_task(arena& in, const act& it)
@@ -388,21 +402,21 @@ using effects = embedded::fault_effects;
 } // namespace
 
 const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
-    {"ask for a GID", 24, harm::none, 0, ask_gid<was_taken>, nullptr, "questions taken"},
-    {"ask for an address", 24, harm::none, 0, ask_address<was_taken>, nullptr, "questions taken"},
+    {"ask for a GID", 24, harm::none, 0, ask_gid, nullptr, "questions answered"},
+    {"ask for an address", 24, harm::none, 0, ask_address, nullptr, "questions answered"},
     {"withdraw questions", 6, harm::none, 0, withdraw_some, nullptr, "questions withdrawn"},
     {"report", 24, harm::none, 0, report, nullptr, "reports of an HCA or more read"},
-    {"control: rarp", 5, harm::none, 0, control_rarp, nullptr, "lines taken"},
-    {"control: garbage", 6, harm::none, 0, control_garbage, nullptr, "lines taken"},
-    {"control: sa_verify_period", 4, harm::none, 0, verify_period, nullptr, "lines taken"},
+    {"control: rarp", 5, harm::none, 0, control_rarp, nullptr, "writes that sent a request"},
+    {"control: garbage", 6, harm::none, 0, control_garbage, nullptr, "lines that the module answered"},
+    {"control: sa_verify_period", 4, harm::none, 0, verify_period, nullptr, "new periods shown by a report"},
     {"rename", 10, harm::none, 0, rename, nullptr, "names taken"},
     {"readdress", 10, harm::none, 0, readdress, nullptr, "addresses taken"},
     {"insmod", 10, harm::none, 0, insmod, nullptr, "modules loaded"},
     {"rmmod", 8, harm::none, 0, rmmod, nullptr, "modules unloaded"},
     {"link down", 24, harm::none, 60 * second, link_goes_down, link_comes_up, "links that were up"},
     {"event storm", 4, harm::none, 0, event_storm, nullptr, "links that changed"},
-    {"control: delete_ip", 3, harm::host, 0, delete_ip, nullptr, "lines taken"},
-    {"ask many at once", 3, harm::host, 0, ask_many, nullptr, "questions with more than 16 open"},
+    {"control: delete_ip", 3, harm::host, 0, delete_ip, nullptr, "writes that sent a request"},
+    {"ask many at once", 3, harm::host, 0, ask_many, nullptr, "questions asked with 16 others open"},
     {"calls fail by chance", 5, harm::host, 120 * second, calls_fail_by_chance, calls_work, "calls that failed"},
     {"a call fails", 8, harm::host, 60 * second, one_call_fails, calls_work, "calls that failed"},
     {"signal", 8, harm::host, 30 * second, signal_a_task, clear_signals, "signals seen by their task"},
@@ -412,9 +426,9 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     switches<&faults::reorder_percent, 60>("reordering", 2, 120 * second, "datagrams overtaken", &effects::overtaken),
     switches<&faults::corrupt_percent, 20>("corruption", 2, 120 * second, "datagrams that arrived corrupted",
                                            &effects::arrived_corrupted),
-    switches<&faults::latency_ticks, 60>("latency", 2, 120 * second, "datagrams that arrived late",
+    switches<&faults::latency_ticks, 60>("latency", 2, 120 * second, "datagrams delayed by latency",
                                          &effects::arrived_late),
-    switches<&faults::jitter_ticks, 60>("jitter", 2, 120 * second, "datagrams that arrived late",
+    switches<&faults::jitter_ticks, 60>("jitter", 2, 120 * second, "datagrams delayed by jitter",
                                         &effects::arrived_jittered),
     switches<&faults::refuse_percent, 60>("refused sends", 2, 60 * second, "sends refused",
                                           &effects::sends_refused_by_chance),

@@ -185,7 +185,7 @@ void forget(arena& in, const std::vector<std::string>& gids)
 
 question& ask_and_wait(node& at, const std::function<void(question&)>& ask)
 {
-    question& asked = at.questions.emplace_back(question{.asked_at = at, .begun_tick = at.in.now()});
+    question& asked = at.questions.emplace_back(question{.asked_at = at, .kind = {}, .begun_tick = at.in.now()});
     at.machine().enter("ask", [&] { ask(asked); });
     for (uint64_t waited = 0; !asked.is_settled() && waited < answer_ticks; ++waited) at.in.sim->run_for(1);
     ++at.in.done.questions;
@@ -196,6 +196,12 @@ question& ask_and_wait(node& at, const std::function<void(question&)>& ask)
 ibat_stat_t status_of(const question& asked)
 {
     return asked.returned == ibat_stat_pending ? asked.status : asked.returned;
+}
+
+// True if the question brought an address or a GID. An SA that answers status 0 without a look brings neither.
+bool has_answer(const question& asked)
+{
+    return status_of(asked) == ibat_stat_ok && (asked.by_gid ? asked.ip != 0 : !(asked.gid == kq_gid_t{}));
 }
 
 // Every live host finds what the SA holds about some of the others: each GID has its address, and each address that
@@ -251,6 +257,7 @@ void settle_questions(arena& in)
             const bool may_reply =
                 each.returned == ibat_stat_pending || (each.of_service && each.returned == ibat_stat_error);
             if (!may_reply && each.replies > 0) fail(at, "a question that was settled at once was answered again");
+            if (each.kind && has_answer(each)) ++in.done.marks[*each.kind];
         }
 }
 

@@ -46,6 +46,10 @@ struct node {
     bool write_control(const std::string& text, std::string* said = nullptr);
     console::json read_control();
 
+    // From now on, counts `act` as effective once a report of the control file shows this verification period and
+    // skew, in the form of console::parse_control_report.
+    void expect_verification(const act& act, console::json verification);
+
     // Loads a module with the present identity, or unloads it; from a task of the host.
     bool load(const std::string& module);
     bool unload(const std::string& module);
@@ -74,11 +78,10 @@ struct node {
     std::vector<uint32_t> addresses_given;
 
     harm_watch& harm() const { return *harm_; }
-    uint64_t disturbed_tick = 0;  // its links or its identity changed last
-    uint64_t longest_period = 61; // seconds between two of its verifications
-    bool may_not_verify = false;  // they may be switched off
-    uint64_t failed_calls = 0;
-    std::optional<act> failing_calls;   // the act whose calls fail now
+    uint64_t disturbed_tick = 0;        // its links or its identity changed last
+    uint64_t longest_period = 61;       // seconds between two of its verifications
+    bool may_not_verify = false;        // they may be switched off
+    std::optional<act> failing_calls;   // the act that armed the machine's fault injector last
     bool may_have_left_records = false; // it was unloaded when no delete could be sent
     bool may_be_misread = false;        // a query of a port may have failed
 
@@ -95,6 +98,8 @@ struct node {
     uint64_t changes_begun_ = 0;
     uint32_t addresses_made_ = 0;
     uint32_t names_made_ = 0;
+    std::optional<act> verification_act_; // a report has yet to show what it wrote
+    console::json verification_;
     std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent something last
 };
 

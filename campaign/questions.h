@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "devucm-exports.h"
 #include "ib-types.h"
@@ -20,8 +21,9 @@ struct node;
 // One question, and how it was settled. It stays where it is until the campaign ends.
 struct question {
     node& asked_at;
-    bool by_gid = false;     // for an address, which the SA is asked for by GID
-    bool of_service = false; // put to the service itself, whose time limits hold to the tick
+    std::optional<uint32_t> kind; // of the act that asked, if its answer counts as that act's effect
+    bool by_gid = false;          // for an address, which the SA is asked for by GID
+    bool of_service = false;      // put to the service itself, whose time limits hold to the tick
     uint64_t begun_tick = 0;
     ibat_stat_t returned = ibat_stat_error;
     int replies = 0;

@@ -72,7 +72,6 @@ void arena::run(const std::vector<size_t>& act_numbers)
     for (size_t kind = 0; kind < act_kind_count; ++kind)
         if (const auto effect = act_kinds[kind].effect) done.marks[kind] = effects.*effect;
     check_in_the_end(*this);
-    for (node& each : hosts) done.faults += each.failed_calls;
     const embedded::traffic_counts counts = net.counts();
     done.faults += counts.dropped + counts.duplicated + counts.corrupted + counts.refused;
     done.simulated_ticks = now();

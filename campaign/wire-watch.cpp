@@ -39,12 +39,19 @@ void wire_watch::begin(const std::string& capture_path)
             }
 }
 
+uint64_t wire_watch::sent_by_this_task() const
+{
+    const auto entry = requests_.find(exec::current_task());
+    return entry == requests_.end() ? 0 : entry->second;
+}
+
 void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::address& destination,
                          const fabric::mad_bytes& bytes)
 {
     if (capture_) capture_->crossed(now_ticks, source_lid, destination, bytes);
     ++in_.done.datagrams;
     if (source_lid < first_lid || size_t(source_lid - first_lid) >= by_lid_.size()) return; // the SA's answer
+    ++requests_[exec::current_task()];
     const sender& from = by_lid_[source_lid - first_lid];
     node& host = in_.hosts[from.host];
     const auto mad = std::bit_cast<sa_mad_v2_t>(bytes);

@@ -28,6 +28,9 @@ class wire_watch final : public fabric::tap
     // Writes out what is captured. Empty, or why it is not whole.
     std::string flush_capture() { return capture_ ? capture_->flush() : ""; }
 
+    // How many requests the calling task has sent so far.
+    uint64_t sent_by_this_task() const;
+
     void crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::address& destination,
                  const fabric::mad_bytes& mad) override;
 
@@ -44,6 +47,7 @@ class wire_watch final : public fabric::tap
     std::string delay_in(node& host, uint8_t method, uint64_t now_ticks);
 
     arena& in_;
+    std::map<const exec::task*, uint64_t> requests_;      // how many each task has sent
     std::map<const exec::task*, uint64_t> deleted_ticks_; // when each task sent its last delete
     std::vector<sender> by_lid_;
     std::unique_ptr<fabric::capture> capture_;
