@@ -18,7 +18,7 @@ struct service {
     cli::world_config config = cli::numbered_hosts(2);
     cli::running_hosts hosts{config, world::default_module_folder()};
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
-    cli::server server{hosts, std::make_unique<cli::listening_socket>(path)};
+    cli::server server{hosts, cli::listening_socket::open(path).value()};
 };
 
 } // namespace
@@ -26,7 +26,7 @@ struct service {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static service running;
-    const cli::descriptor client = cli::connect_to(running.path);
+    const cli::descriptor client = cli::connect_to(running.path).value();
     for (ssize_t sent; size > 0; bytes += sent, size -= static_cast<size_t>(sent))
         if ((sent = send(client.get(), bytes, size, MSG_NOSIGNAL)) <= 0) break;
     shutdown(client.get(), SHUT_WR);

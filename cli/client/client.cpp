@@ -1,4 +1,5 @@
 #include "cli/client/client.h"
+#include "console/failure.h"
 #include "console/table.h"
 #include "console/usage.h"
 
@@ -41,7 +42,7 @@ json in_wanted_notation(json answer, const client_options& options)
 
 client::client(const client_options& options)
     : options_(options), half_timeout_(static_cast<int64_t>(options.timeout_seconds * 1000 / 2)),
-      channel_(connect_to(options.socket, 2 * half_timeout_))
+      channel_(console::value_or_throw(connect_to(options.socket, 2 * half_timeout_)))
 {
 }
 
@@ -61,10 +62,10 @@ json client::ask(json request)
 json client::next()
 {
     std::string line;
-    line_channel::outcome got = line_channel::outcome::silent;
-    while ((got = channel_.read(line, half_timeout_)) == line_channel::outcome::silent)
-        if (!is_alive()) throw no_sign_of_life(options_.socket, 2 * half_timeout_);
-    if (got == line_channel::outcome::gone)
+    line_channel::arrival got = line_channel::arrival::silent;
+    while ((got = channel_.read(line, half_timeout_)) == line_channel::arrival::silent)
+        if (!is_alive()) throw console::failure(no_sign_of_life(options_.socket, 2 * half_timeout_));
+    if (got == line_channel::arrival::gone)
         throw console::failure(console::exit_unreachable,
                                "the service on " + options_.socket + " hung up: " + where_to_look(options_.socket));
     json answer = json::parse(line, nullptr, false);
@@ -77,14 +78,12 @@ json client::next()
 // A refusal and a hang-up are signs of life as well.
 bool client::is_alive() const
 {
-    try {
-        line_channel second(connect_to(options_.socket, half_timeout_));
-        std::string line;
-        second.write(R"({"request":"ping"})");
-        return second.read(line, half_timeout_) != line_channel::outcome::silent;
-    } catch (const console::failure&) {
-        return false;
-    }
+    ats::result<descriptor> connection = connect_to(options_.socket, half_timeout_);
+    if (!connection) return false;
+    line_channel channel(std::move(*connection));
+    std::string line;
+    channel.write(R"({"request":"ping"})");
+    return channel.read(line, half_timeout_) != line_channel::arrival::silent;
 }
 
 void throw_if_refused(const json& answer)

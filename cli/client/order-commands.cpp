@@ -1,4 +1,5 @@
 #include "cli/client/client-commands.h"
+#include "console/failure.h"
 #include "console/table.h"
 #include "console/usage.h"
 

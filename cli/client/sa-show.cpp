@@ -1,4 +1,5 @@
 #include "cli/client/sa-show.h"
+#include "console/failure.h"
 #include "console/table.h"
 
 #include <iostream>

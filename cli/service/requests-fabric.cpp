@@ -4,6 +4,7 @@
 
 #include <charconv>
 
+#include "console/failure.h"
 #include "console/gids.h"
 #include "console/record-answer.h"
 

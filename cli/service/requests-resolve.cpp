@@ -1,6 +1,7 @@
 // Resolution in both directions.
 
 #include "cli/service/requests.h"
+#include "console/failure.h"
 #include "console/gids.h"
 #include "console/identity.h"
 #include "host/peers/ibat-exports.h"

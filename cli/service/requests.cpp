@@ -7,6 +7,7 @@
 #include "cli/service/registration.h"
 #include "cli/service/requests-fabric.h"
 #include "console/control-commands.h"
+#include "console/failure.h"
 #include "console/gids.h"
 #include "console/identity.h"
 #include "host/exec/print-capture.h"

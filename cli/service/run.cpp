@@ -14,6 +14,7 @@
 #include "cli/service/server.h"
 #include "cli/service/service-notice.h"
 #include "cli/socket/socket.h"
+#include "console/failure.h"
 #include "console/progress.h"
 #include "console/usage.h"
 #include "host/exec/shortage.h"
@@ -131,7 +132,7 @@ int serve(const run_options& options)
         std::cerr << "ats: warning: " << world::printable_lines(remark) << std::endl;
     const ending_signals signals;
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
-    auto listening = std::make_unique<listening_socket>(options.socket);
+    auto listening = console::value_or_throw(listening_socket::open(options.socket));
     running_hosts hosts(config, options.modules);
     if (!start(hosts, signals)) {
         std::cerr << "ats: told to end while hosts were starting\n";

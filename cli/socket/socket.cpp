@@ -20,81 +20,124 @@ namespace cli
 namespace
 {
 
+using ats::error_kind;
+
 constexpr const char* choose_another = ": choose another path with --socket";
 
+// Of errno.
 std::string reason()
 {
     return std::string(": ") + std::strerror(errno);
 }
 
-sockaddr_un socket_address(const std::string& path)
+ats::result<sockaddr_un> socket_address(const std::string& path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path)
-        throw console::failure(console::exit_usage, "a socket's path has 1 to " +
-                                                        std::to_string(sizeof address.sun_path - 1) +
-                                                        " bytes: " + console::quote(path) + " cannot be one");
+        return ats::fail(error_kind::invalid, "a socket's path has 1 to " +
+                                                  std::to_string(sizeof address.sun_path - 1) +
+                                                  " bytes: " + console::quote(path) + " cannot be one");
     path.copy(address.sun_path, path.size());
     return address;
 }
 
-descriptor new_socket()
+ats::result<descriptor> new_socket()
 {
-    descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (made.get() < 0) throw console::failure(console::exit_failed, "cannot make a socket" + reason());
-    return made;
+    descriptor created(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (created.get() < 0) return ats::fail("cannot make a socket" + reason());
+    return created;
 }
 
-bool connects(const descriptor& to, const sockaddr_un& address)
+// Leaves the reason of a failure in errno.
+bool connects(const descriptor& socket, const sockaddr_un& address)
 {
-    return connect(to.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-[[noreturn]] void refuse_live(const std::string& path)
+tl::unexpected<ats::error> already_served(const std::string& path)
 {
-    throw console::failure(console::exit_usage, "a service is listening on " + path +
-                                                    " already: stop it, or choose another path with --socket");
+    return ats::fail(error_kind::invalid,
+                     "a service is listening on " + path + " already: stop it, or choose another path with --socket");
 }
 
-// A service that ended without cleaning up leaves its socket file behind; nobody answers there.
-void remove_stale(const std::string& path, const sockaddr_un& address)
+// Removes the socket file of a service that ended without doing so. Nobody listens there.
+ats::result<> remove_stale(const std::string& path, const sockaddr_un& address)
 {
-    struct stat found {
-    };
-    if (lstat(path.c_str(), &found) != 0) return;
-    if (!S_ISSOCK(found.st_mode))
-        throw console::failure(console::exit_usage, path + " exists and is no socket" + choose_another);
-    if (connects(new_socket(), address)) refuse_live(path);
-    if (errno == EACCES)
-        throw console::failure(console::exit_usage, path + " belongs to another user" + choose_another);
-    if (errno != ECONNREFUSED || (unlink(path.c_str()) != 0 && errno != ENOENT))
-        throw console::failure(console::exit_usage,
-                               "cannot take over the stale socket " + path + reason() + choose_another);
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) return {};
+    if (!S_ISSOCK(status.st_mode))
+        return ats::fail(error_kind::invalid, path + " exists and is no socket" + choose_another);
+    const ats::result<descriptor> probe = new_socket();
+    if (!probe) return ats::pass_on(probe);
+    if (connects(*probe, address)) return already_served(path);
+    if (errno == EACCES) return ats::fail(error_kind::invalid, path + " belongs to another user" + choose_another);
+    if (errno == ECONNREFUSED && (unlink(path.c_str()) == 0 || errno == ENOENT)) return {};
+    return ats::fail(error_kind::invalid, "cannot take over the stale socket " + path + reason() + choose_another);
 }
 
-// Whether the process at the other end is of this user or of root.
-bool is_trusted(const descriptor& connected)
+// Binds with mode 0600 from the first moment on. Leaves the reason of a failure in errno.
+bool binds_privately(const descriptor& socket, const sockaddr_un& address)
+{
+    const mode_t previous_mask = umask(0177);
+    const int result = bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int bind_errno = errno;
+    umask(previous_mask);
+    errno = bind_errno;
+    return result == 0;
+}
+
+// True if `file` still names the open file: the last holder of the lock may have removed it, and another service may
+// have made it anew.
+bool is_named(const descriptor& open_file, const std::string& file)
+{
+    struct stat open_status = {};
+    struct stat named_status = {};
+    return fstat(open_file.get(), &open_status) == 0 && stat(file.c_str(), &named_status) == 0 &&
+           open_status.st_ino == named_status.st_ino;
+}
+
+ats::result<descriptor> locked_file(const std::string& path, const std::string& file)
+{
+    while (true) {
+        descriptor lock(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (lock.get() < 0) return ats::fail(error_kind::invalid, "cannot create " + file + reason() + choose_another);
+        if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            if (errno == EWOULDBLOCK) return already_served(path);
+            return ats::fail(error_kind::invalid, "cannot lock " + file + reason() + choose_another);
+        }
+        if (is_named(lock, file)) return lock;
+    }
+}
+
+bool writes_whole(const descriptor& file, const std::string& text)
+{
+    return ftruncate(file.get(), 0) == 0 &&
+           write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+// True if the process at the other end belongs to this user or to root.
+bool is_trusted(const descriptor& socket)
 {
     ucred peer{};
     socklen_t length = sizeof peer;
-    if (getsockopt(connected.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
     return peer.uid == geteuid() || peer.uid == 0;
 }
 
-// Its value; nothing when it is unset or empty.
+// The value of an environment variable; null if it is unset or empty.
 const char* variable(const char* name)
 {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-// Calls on this socket that send, connect() among them, give up after that long.
+// Limits how long connect() and sends on this socket wait.
 void limit_sending(const descriptor& socket, std::chrono::milliseconds patience)
 {
     using namespace std::chrono;
-    const auto whole = duration_cast<seconds>(patience);
-    const timeval limit{whole.count(), duration_cast<microseconds>(patience - whole).count()};
+    const auto whole_seconds = duration_cast<seconds>(patience);
+    const timeval limit{whole_seconds.count(), duration_cast<microseconds>(patience - whole_seconds).count()};
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
@@ -105,10 +148,10 @@ std::string seconds_text(std::chrono::milliseconds time)
     return text;
 }
 
-[[noreturn]] void refuse_foreign(const std::string& path)
+tl::unexpected<ats::error> foreign_service(const std::string& path)
 {
-    throw console::failure(console::exit_unreachable,
-                           "the service on " + path + " belongs to another user: start your own with 'ats run'");
+    return ats::fail(error_kind::unreachable,
+                     "the service on " + path + " belongs to another user: start your own with 'ats run'");
 }
 
 } // namespace
@@ -142,53 +185,43 @@ std::string default_socket_path()
     return "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
 }
 
-path_lock::path_lock(const std::string& path) : file_(lock_file_of(path))
+ats::result<path_lock> path_lock::acquire(const std::string& path)
 {
-    struct stat locked {
-    }, named{};
-    do {
-        held_ = descriptor(open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (held_.get() < 0)
-            throw console::failure(console::exit_usage, "cannot create " + file_ + reason() + choose_another);
-        if (flock(held_.get(), LOCK_EX | LOCK_NB) != 0) {
-            if (errno == EWOULDBLOCK) refuse_live(path);
-            throw console::failure(console::exit_usage, "cannot lock " + file_ + reason() + choose_another);
-        }
-        // Its last owner may have removed the file meanwhile, and another stands there now.
-    } while (fstat(held_.get(), &locked) != 0 || stat(file_.c_str(), &named) != 0 || locked.st_ino != named.st_ino);
-
-    const std::string origin = origin_of_this_process();
-    if (ftruncate(held_.get(), 0) != 0 ||
-        write(held_.get(), origin.data(), origin.size()) != static_cast<ssize_t>(origin.size())) {
-        const std::string why = reason();
-        unlink(file_.c_str());
-        throw console::failure(console::exit_failed, "cannot write " + file_ + why);
-    }
+    const std::string file = lock_file_of(path);
+    ats::result<descriptor> locked = locked_file(path, file);
+    if (!locked) return ats::pass_on(locked);
+    path_lock lock(file, std::move(*locked));
+    if (writes_whole(lock.lock_, origin_of_this_process())) return lock;
+    return ats::fail("cannot write " + file + reason());
 }
 
 path_lock::~path_lock()
 {
-    unlink(file_.c_str());
+    if (lock_.get() >= 0) unlink(file_.c_str()); // otherwise moved from
 }
 
-listening_socket::listening_socket(const std::string& path) : path_(socket_address(path).sun_path), lock_(path_)
+ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std::string& path)
 {
-    const sockaddr_un address = socket_address(path);
-    remove_stale(path, address);
-
-    socket_ = new_socket();
-    const mode_t previous = umask(0177); // 0600 from the first moment on
-    const int bound = bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int bind_error = errno;
-    umask(previous);
-    errno = bind_error;
-    if (bound != 0)
-        throw console::failure(console::exit_usage, "cannot create the socket " + path + reason() + choose_another);
-    if (listen(socket_.get(), SOMAXCONN) != 0)
-        throw console::failure(console::exit_failed, "cannot listen on " + path + reason());
+    const ats::result<sockaddr_un> address = socket_address(path);
+    if (!address) return ats::pass_on(address);
+    ats::result<path_lock> lock = path_lock::acquire(path);
+    if (!lock) return ats::pass_on(lock);
+    if (const ats::result<> removed = remove_stale(path, *address); !removed) return ats::pass_on(removed);
+    ats::result<descriptor> socket = new_socket();
+    if (!socket) return ats::pass_on(socket);
+    if (!binds_privately(*socket, *address))
+        return ats::fail(error_kind::invalid, "cannot create the socket " + path + reason() + choose_another);
+    std::unique_ptr<listening_socket> bound(new listening_socket(path, std::move(*lock), std::move(*socket)));
+    if (listen(bound->socket_.get(), SOMAXCONN) != 0) return ats::fail("cannot listen on " + path + reason());
+    return bound;
 }
 
-// The file goes first: once nobody listens, another service may put its own there.
+listening_socket::listening_socket(std::string path, path_lock lock, descriptor socket)
+    : path_(std::move(path)), lock_(std::move(lock)), socket_(std::move(socket))
+{
+}
+
+// Removes the file before the members release socket and lock: after that, the path may be another service's.
 listening_socket::~listening_socket()
 {
     unlink(path_.c_str());
@@ -198,13 +231,13 @@ std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
 {
     constexpr int pause_ms = 100;
     while (true) {
-        pollfd waits[] = {{socket_.get(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
-        if (poll(waits, 2, -1) < 0) continue; // interrupted
-        if (waits[1].revents != 0) return std::nullopt;
+        pollfd events[] = {{socket_.get(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        if (poll(events, 2, -1) < 0) continue; // interrupted
+        if (events[1].revents != 0) return std::nullopt;
         descriptor client(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (client.get() < 0) {
             if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) continue;
-            poll(&waits[1], 1, pause_ms);
+            poll(&events[1], 1, pause_ms);
             return client;
         }
         if (is_trusted(client)) return client;
@@ -212,63 +245,67 @@ std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
     }
 }
 
-console::failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience)
+ats::error no_sign_of_life(const std::string& path, std::chrono::milliseconds patience)
 {
-    return {console::exit_unreachable, "the service on " + path + " gives no sign of life for " +
-                                           seconds_text(patience) + ": " + how_to_wake(path)};
+    return {error_kind::unreachable, "the service on " + path + " gives no sign of life for " + seconds_text(patience) +
+                                         ": " + how_to_wake(path)};
 }
 
-descriptor connect_to(const std::string& path, std::chrono::milliseconds patience)
+ats::result<descriptor> connect_to(const std::string& path, std::chrono::milliseconds patience)
 {
-    descriptor made = new_socket();
-    if (patience != no_limit) limit_sending(made, patience);
-    if (connects(made, socket_address(path))) {
-        // Root may look at everybody's; nobody else believes what a stranger's process says.
-        if (geteuid() != 0 && !is_trusted(made)) refuse_foreign(path);
-        return made;
+    const ats::result<sockaddr_un> address = socket_address(path);
+    if (!address) return ats::pass_on(address);
+    ats::result<descriptor> socket = new_socket();
+    if (!socket) return socket;
+    if (patience != no_limit) limit_sending(*socket, patience);
+    if (connects(*socket, *address)) {
+        // Root may ask every user's service. Others may not be deceived by a stranger's process.
+        if (geteuid() != 0 && !is_trusted(*socket)) return foreign_service(path);
+        return socket;
     }
-    if (errno == EACCES) refuse_foreign(path);
-    if (errno == EAGAIN) throw no_sign_of_life(path, patience);
-    const std::string why = reason();
-    throw console::failure(console::exit_unreachable, "no service on " + path + why + " (" + how_to_start(path) + ")");
+    if (errno == EACCES) return foreign_service(path);
+    if (errno == EAGAIN) return tl::make_unexpected(no_sign_of_life(path, patience));
+    const std::string connect_reason = reason(); // before how_to_start() changes errno
+    return ats::fail(error_kind::unreachable,
+                     "no service on " + path + connect_reason + " (" + how_to_start(path) + ")");
 }
 
 std::optional<std::string> line_channel::read()
 {
     std::string line;
-    if (read(line, no_limit) == outcome::line) return line;
+    if (read(line, no_limit) == arrival::line) return line;
     return std::nullopt;
 }
 
-line_channel::outcome line_channel::read(std::string& line, std::chrono::milliseconds patience)
+line_channel::arrival line_channel::read(std::string& line, std::chrono::milliseconds patience)
 {
     while (true) {
         if (const size_t end = unread_.find('\n'); end != std::string::npos) {
             line = unread_.substr(0, end);
             unread_.erase(0, end + 1);
-            return outcome::line;
+            return arrival::line;
         }
-        if (unread_.size() > line_limit) return outcome::gone;
+        if (unread_.size() > line_limit) return arrival::gone;
         pollfd wait{socket_.get(), POLLIN, 0};
         const int ready = poll(&wait, 1, static_cast<int>(patience.count()));
         if (ready < 0 && errno == EINTR) continue;
-        if (ready == 0) return outcome::silent;
+        if (ready == 0) return arrival::silent;
         char piece[4096];
-        const ssize_t got = recv(socket_.get(), piece, sizeof piece, 0);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return outcome::gone;
-        unread_.append(piece, static_cast<size_t>(got));
+        const ssize_t length = recv(socket_.get(), piece, sizeof piece, 0);
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) return arrival::gone;
+        unread_.append(piece, static_cast<size_t>(length));
     }
 }
 
 bool line_channel::write(const std::string& line)
 {
-    const std::string whole = line + '\n';
-    for (size_t sent = 0; sent < whole.size();) {
-        const ssize_t took = send(socket_.get(), whole.data() + sent, whole.size() - sent, MSG_NOSIGNAL);
-        if (took < 0 && errno == EINTR) continue;
-        if (took <= 0) return false;
-        sent += static_cast<size_t>(took);
+    std::string rest = line + '\n';
+    while (!rest.empty()) {
+        const ssize_t length = send(socket_.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) return false;
+        rest.erase(0, static_cast<size_t>(length));
     }
     return true;
 }

@@ -2,15 +2,16 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 
-#include "console/failure.h"
+#include "host/result.h"
 
 namespace cli
 {
 
-// A descriptor that is closed with its owner.
+// Owns a file descriptor and closes it; -1 is none.
 class descriptor
 {
   public:
@@ -20,7 +21,7 @@ class descriptor
     descriptor& operator=(descriptor&& other) noexcept;
 
     int get() const { return fd_; }
-    int release();
+    int release(); // the caller closes it
 
   private:
     int fd_;
@@ -32,67 +33,75 @@ constexpr const char* socket_of_root = "/run/ats.sock";
 // counts as unset.
 std::string default_socket_path();
 
-// PATH.lock, held by the one service that may listen on PATH. Throws a failure when another holds it. It says how the
-// service was started. The file goes with its owner.
+// Holds PATH.lock locked. Only its holder may listen on PATH. The file says how the service was started, and is removed
+// with the lock.
 class path_lock
 {
   public:
-    explicit path_lock(const std::string& path);
+    // Fails if another process holds the lock, or if the file cannot be made.
+    static ats::result<path_lock> acquire(const std::string& path);
+
     ~path_lock();
-    path_lock(const path_lock&) = delete;
-    path_lock& operator=(const path_lock&) = delete;
+    path_lock(path_lock&& other) noexcept = default;
 
   private:
-    const std::string file_;
-    descriptor held_;
+    path_lock(std::string file, descriptor lock) : file_(std::move(file)), lock_(std::move(lock)) {}
+
+    std::string file_;
+    descriptor lock_;
 };
 
-// A socket at `path` with mode 0600. One left behind by a service that is gone is replaced; a live one, or a file that
-// is no socket, is refused with a failure.
+// A socket in the file system with mode 0600. The file is removed with it.
 class listening_socket
 {
   public:
-    explicit listening_socket(const std::string& path);
-    ~listening_socket(); // removes the file
+    // Replaces a socket that an ended service left behind at `path`. Fails if a service listens there, or if there is
+    // another kind of file.
+    static ats::result<std::unique_ptr<listening_socket>> open(const std::string& path);
+
+    ~listening_socket();
     listening_socket(const listening_socket&) = delete;
     listening_socket& operator=(const listening_socket&) = delete;
 
-    // Waits for a client, or for `stop_fd` to become readable (then nothing). Clients of other users (root excepted)
-    // are turned away. An empty descriptor, after a pause: there is none left for the client that waits, until the
-    // caller closes those of clients that have gone.
+    // Waits for a client, or for `stop_fd` to become readable; then it returns nothing. Refuses clients of other users,
+    // except root's. Returns an empty descriptor, after a pause, while a client waits but the process has no descriptor
+    // left: the caller should then close those of clients that have gone.
     std::optional<descriptor> accept_client(int stop_fd) const;
 
   private:
+    listening_socket(std::string path, path_lock lock, descriptor socket);
+
     const std::string path_;
-    const path_lock lock_; // two that start at once do not each remove the other's socket
+    const path_lock lock_; // keeps two starting services from removing each other's socket
     descriptor socket_;
 };
 
 constexpr std::chrono::milliseconds no_limit(-1);
 
-// Throws a failure when nobody listens there, when another user does, or when the listener takes no connection for
+// Unreachable if nobody listens there, if the listener is another user's, or if it accepts no connection for
 // `patience`.
-descriptor connect_to(const std::string& path, std::chrono::milliseconds patience = no_limit);
+ats::result<descriptor> connect_to(const std::string& path, std::chrono::milliseconds patience = no_limit);
 
-// The failure of a service that gave no sign of life for that long.
-console::failure no_sign_of_life(const std::string& path, std::chrono::milliseconds patience);
+// The error about a service that gave no sign of life for that long.
+ats::error no_sign_of_life(const std::string& path, std::chrono::milliseconds patience);
 
-// One line at a time over a connected socket. Lines longer than `line_limit` end the conversation.
+// Sends and receives lines over a connected socket. A line longer than `line_limit` ends the connection.
 class line_channel
 {
   public:
     static constexpr size_t line_limit = 1 << 20;
 
-    explicit line_channel(descriptor connected) : socket_(std::move(connected)) {}
+    explicit line_channel(descriptor socket) : socket_(std::move(socket)) {}
 
-    // The next line without its end; nothing when the other side has gone.
+    // Waits for the next line and returns it without its end. Returns nothing if the other side has closed.
     std::optional<std::string> read();
 
-    // The same into `line`, giving up when no byte came for `patience`; what came before is kept for the next read.
-    enum class outcome { line, gone, silent };
-    outcome read(std::string& line, std::chrono::milliseconds patience);
+    // The same into `line`, but returns `silent` if no byte came for `patience`. The next read continues with the bytes
+    // that came before.
+    enum class arrival { line, gone, silent };
+    arrival read(std::string& line, std::chrono::milliseconds patience);
 
-    // False when the other side has gone.
+    // False if the other side has closed.
     bool write(const std::string& line);
 
     // Ends a read that waits in another thread.

@@ -94,10 +94,12 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
 }
 
-// Sends a line that the program would never send, and returns the service's answer.
+// Sends a line that the program would never send, and returns the service's answer, or why there is none.
 std::string answer_to(const std::string& line, const std::string& socket)
 {
-    cli::line_channel channel(cli::connect_to(socket));
+    ats::result<cli::descriptor> connection = cli::connect_to(socket);
+    if (!connection) return connection.error().text;
+    cli::line_channel channel(std::move(*connection));
     channel.write(line);
     return channel.read().value_or("(hung up)");
 }
@@ -145,7 +147,7 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     const auto used = [&] { return std::filesystem::directory_iterator("/proc/" + std::to_string(ats.pid()) + "/fd"); };
     {
         std::list<cli::descriptor> crowd;
-        for (int i = 0; i < limit; ++i) crowd.push_back(cli::connect_to(ats.socket()));
+        for (int i = 0; i < limit; ++i) crowd.push_back(cli::connect_to(ats.socket()).value());
         EXPECT_TRUE(eventually([&] { return std::distance(used(), none) >= limit; }));
     }
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
@@ -275,11 +277,11 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
 TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
 {
     const scratch_folder folder;
-    const cli::listening_socket listening(folder / "socket");
+    const auto listening = cli::listening_socket::open(folder / "socket").value();
     const cli::descriptor no_stop(eventfd(0, EFD_CLOEXEC));
     for (const char* nonsense : {R"({"hosts":[{"name":"x"}]})", R"({"error":5})", "{}", "[1]", "status"}) {
         std::thread answering([&] {
-            cli::line_channel channel(std::move(listening.accept_client(no_stop.get()).value()));
+            cli::line_channel channel(std::move(listening->accept_client(no_stop.get()).value()));
             channel.read();
             channel.write(nonsense);
         });
@@ -293,9 +295,9 @@ TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
 TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
 {
     const scratch_folder folder;
-    const cli::listening_socket first(folder / "socket");
+    const auto first = cli::listening_socket::open(folder / "socket").value();
     std::filesystem::remove(folder / "socket"); // the moment before the first makes its own
-    EXPECT_THROW(cli::listening_socket(folder / "socket"), console::failure);
+    EXPECT_FALSE(cli::listening_socket::open(folder / "socket"));
 }
 
 // What `connect_to` says to a process of another user.
@@ -305,13 +307,8 @@ std::string heard_by_another_user(const std::string& socket)
     EXPECT_EQ(pipe(ends), 0);
     const pid_t other = fork();
     if (other == 0) {
-        std::string heard;
-        try {
-            if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
-            heard = answer_to(R"({"request":"status"})", socket);
-        } catch (const console::failure& refused) {
-            heard = refused.what();
-        }
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
+        const std::string heard = answer_to(R"({"request":"status"})", socket);
         _exit(write(ends[1], heard.data(), heard.size()) == static_cast<ssize_t>(heard.size()) ? 0 : 1);
     }
     close(ends[1]);

@@ -275,7 +275,7 @@ void running_service::change_identity()
     EXPECT_THAT(refused.out, HasSubstr("ats_sa_update_ip_addrs FAIL"));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period", "x", "5"}).exit_code, 1) << "a plain line is a complaint too";
     const std::string known = ats->ask({"control", "--list"}).out;
-    cli::line_channel service(cli::connect_to(ats->socket()));
+    cli::line_channel service(cli::connect_to(ats->socket()).value());
     service.write(R"({"request":"control","command":"help"})");
     std::istringstream usage(json::parse(service.read().value()).at("output").get<std::string>());
     int commands = 0;
