@@ -1,22 +1,31 @@
 #include "console/record-answer.h"
 
-#include <cstdio>
+#include <fmt/core.h>
 
 #include "host/fabric/embedded/service-records.h"
 
 namespace console
 {
 
+std::string format_word(uint16_t word)
+{
+    return fmt::format("0x{:04X}", word);
+}
+
 nlohmann::json record_answer(const embedded::service_record_view& record)
 {
-    char p_key[sizeof "0x0000"];
-    std::snprintf(p_key, sizeof p_key, "0x%04X", record.p_key);
     const bool is_endless = record.lease_seconds == embedded::infinite_lease;
     return {{"gid", record.gid},
-            {"p_key", p_key},
+            {"p_key", format_word(record.p_key)},
             {"address", record.ipv4},
             {"host_name", record.host_name},
-            {"lease", is_endless ? "infinite" : std::to_string(record.lease_seconds) + " s"}};
+            {"lease", is_endless ? "infinite" : fmt::format("{} s", record.lease_seconds)}};
+}
+
+table_rows record_rows(const nlohmann::json& records)
+{
+    return make_rows(records, {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
+                     {"gid", "p_key", "address", "host_name", "lease"});
 }
 
 } // namespace console

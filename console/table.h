@@ -1,4 +1,4 @@
-// Answers as a table for people and as JSON for programs.
+// Answers as tables for people and as JSON for programs.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -9,12 +9,25 @@
 namespace console
 {
 
-// Rows under a heading, each column as wide as its widest cell, indented by `indent` blanks.
-std::string format_table(const std::vector<std::vector<std::string>>& rows, int indent);
+using table_row = std::vector<std::string>;
+using table_rows = std::vector<table_row>; // the first row is the heading
 
-// Writes a document for programs. Its texts may end up on a terminal, so control characters are escaped. An `indent`
-// of -1 writes one line.
+// A JSON value as people read it: texts without quotation marks and with control characters escaped, "-" for null.
+std::string cell_text(const nlohmann::json& value);
+
+// The cell texts of these keys of an object. A missing key counts as null.
+table_row make_row(const nlohmann::json& object, const std::vector<const char*>& keys);
+
+// A table with a row for each object of the array `objects`.
+table_rows make_rows(const nlohmann::json& objects, const table_row& heading, const std::vector<const char*>& keys);
+
+// Lays a table out: each column is as wide as its widest cell. Each line begins with `indent` blanks.
+std::string format_table(const table_rows& rows, size_t indent);
+
+// Writes a document for programs. It may end up on a terminal, so control characters in its texts are escaped. An
+// `indent` of `on_one_line` writes one line.
 constexpr int json_indent = 2;
+constexpr int on_one_line = -1;
 void show_json(std::ostream& output, const nlohmann::json& answer, int indent = json_indent);
 
 } // namespace console
