@@ -164,9 +164,19 @@ void show(const report& found, bool as_json)
     console::show_json(std::cout, {{"fit", found.is_fit()}, {"checks", checks}});
 }
 
+int run_check(const std::string& module_folder, bool as_json)
+{
+    report findings;
+    check_modules(findings, module_folder);
+    check_fabric(findings);
+    check_fuse(findings);
+    show(findings, as_json);
+    return findings.is_fit() ? console::exit_ok : console::exit_failed;
+}
+
 } // namespace
 
-void add_check(CLI::App& program, int& exit_code)
+void add_check(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand(
         "check", "Look at this machine: can it run a host on its real ports, and what is missing?");
@@ -174,14 +184,7 @@ void add_check(CLI::App& program, int& exit_code)
     auto as_json = std::make_shared<bool>(false);
     command->add_flag("--json", *as_json, "Print JSON")->option_text(" ");
     console::add_module_folder_option(*command, *modules);
-    command->callback([=, &exit_code] {
-        report found;
-        check_modules(found, *modules);
-        check_fabric(found);
-        check_fuse(found);
-        show(found, *as_json);
-        exit_code = found.is_fit() ? console::exit_ok : console::exit_failed;
-    });
+    command->callback(console::command_callback(outcome, [=] { return run_check(*modules, *as_json); }));
 }
 
 } // namespace cli

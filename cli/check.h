@@ -3,10 +3,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/result.h"
+
 namespace cli
 {
 
-// Adds the subcommand. Its callback prints, and sets the exit code or throws a failure.
-void add_check(CLI::App& program, int& exit_code);
+// Adds the subcommand. It prints, and stores its exit code or an error in `outcome`.
+void add_check(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

@@ -1,8 +1,8 @@
+// The program `ats`: reads the command line, runs the command, and prints its error.
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <new>
-#include <nlohmann/json.hpp>
 
 #include "cli/check.h"
 #include "cli/client/client-commands.h"
@@ -16,7 +16,7 @@ namespace
 {
 
 constexpr const char* summary =
-    "InfiniBand address translation service: which GID owns an IPv4 address, and the other way round.";
+    "InfiniBand address translation service: finds the GID of an IPv4 address, and the address of a GID.";
 
 constexpr const char* footer =
     "Exit codes: 0  done\n"
@@ -27,54 +27,14 @@ constexpr const char* footer =
     "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
     "See ats(8), ats-run(8).";
 
-// An error may repeat what others wrote, such as a line of a file.
-void complain(const std::string& why)
+// Prints an error. It may repeat a text from elsewhere, such as a line of a file, so control characters are escaped.
+void print_error(const std::string& text)
 {
-    std::fprintf(stderr, "ats: %s\n", world::printable_lines(why).c_str());
+    std::fprintf(stderr, "ats: %s\n", world::printable_lines(text).c_str());
 }
 
-int run(CLI::App& program, std::vector<std::string> words, const int& exit_code)
-{
-    try {
-        std::reverse(words.begin(), words.end()); // as CLI11 takes them
-        program.parse(words);
-        return exit_code;
-    } catch (const CLI::Success& shown) { // --help and --version
-        if (program.remaining().empty()) return program.exit(shown);
-        complain(console::complaint_about(program, shown));
-        return console::exit_usage;
-    } catch (const CLI::ParseError& wrong) {
-        complain(console::complaint_about(program, wrong));
-        return console::exit_usage;
-    } catch (const console::failure& failed) {
-        complain(failed.what());
-        return failed.code;
-    } catch (const nlohmann::json::exception&) {
-        std::fputs("ats: the service gave an answer that this command does not understand: are both of one version?\n",
-                   stderr);
-        return console::exit_unreachable;
-    } catch (const std::bad_alloc&) {
-        std::fputs("ats: the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)\n", stderr);
-        return console::exit_failed;
-    } catch (const std::exception& failed) {
-        complain(failed.what());
-        return console::exit_failed;
-    }
-}
-
-// Output that did not get where it was to go, onto a full disk say, is no success.
-int after_output(int exit_code)
-{
-    const bool is_whole = std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-    if (is_whole) return exit_code;
-    std::fputs("ats: not all of the output could be written\n", stderr);
-    return exit_code == console::exit_ok ? console::exit_failed : exit_code;
-}
-
-} // namespace
-
-// `ats help COMMAND...` is `ats COMMAND... --help`, and `ats version` is `ats --version`.
-std::vector<std::string> as_options(std::vector<std::string> words)
+// `ats help COMMAND...` means `ats COMMAND... --help`, and `ats version` means `ats --version`.
+std::vector<std::string> with_options_for_words(std::vector<std::string> words)
 {
     if (words.front() == "version" && words.size() == 1) words.front() = "--version";
     if (words.front() != "help") return words;
@@ -84,6 +44,40 @@ std::vector<std::string> as_options(std::vector<std::string> words)
     return words;
 }
 
+// Parses the words, and with them runs the command. `outcome` is what the commands store.
+ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words, const ats::result<int>& outcome)
+{
+    using ats::error_kind;
+    std::reverse(words.begin(), words.end()); // CLI11 takes them from the end
+    try {
+        program.parse(words);
+        return outcome;
+    } catch (const CLI::Success& request) { // --help or --version
+        if (program.remaining().empty()) return program.exit(request);
+        return ats::fail(error_kind::invalid, console::complaint_about(program, request));
+    } catch (const CLI::ParseError& error) {
+        return ats::fail(error_kind::invalid, console::complaint_about(program, error));
+    } catch (const console::failure& failure) {
+        return tl::make_unexpected(failure.error());
+    } catch (const std::bad_alloc&) {
+        return ats::fail(error_kind::no_memory,
+                         "the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)");
+    } catch (const std::exception& error) {
+        return ats::fail(error.what());
+    }
+}
+
+// Returns the exit code, or exit_failed if the output could not be written whole: the disk may be full.
+int exit_code_after_output(int exit_code)
+{
+    const bool is_whole = std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (is_whole) return exit_code;
+    std::fputs("ats: not all of the output could be written\n", stderr);
+    return exit_code == console::exit_ok ? console::exit_failed : exit_code;
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
     CLI::App program(summary, "ats");
@@ -91,17 +85,20 @@ int main(int argc, char** argv)
     program.set_version_flag("-v,--version", "ats " ATS_VERSION);
     program.require_subcommand(1);
 
-    int exit_code = console::exit_ok;
-    cli::add_demo(program, exit_code);
-    cli::add_run(program, exit_code);
-    cli::add_check(program, exit_code);
-    cli::add_queries(program, exit_code);
-    cli::add_orders(program, exit_code);
+    ats::result<int> outcome = console::exit_ok;
+    cli::add_demo(program, outcome);
+    cli::add_run(program, outcome);
+    cli::add_check(program, outcome);
+    cli::add_queries(program, outcome);
+    cli::add_orders(program, outcome);
     program.add_subcommand("help", "Say how to use ats, or a command of it: ats help COMMAND");
     program.add_subcommand("version", "Print the version");
     if (argc < 2) {
         std::fputs(program.help().c_str(), stderr);
         return console::exit_usage;
     }
-    return after_output(run(program, as_options({argv + 1, argv + argc}), exit_code));
+    const ats::result<int> exit_code = parse_and_run(program, with_options_for_words({argv + 1, argv + argc}), outcome);
+    if (exit_code) return exit_code_after_output(*exit_code);
+    print_error(exit_code.error().text);
+    return exit_code_after_output(console::exit_code_of(exit_code.error().kind));
 }

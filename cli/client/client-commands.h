@@ -1,15 +1,17 @@
-// The commands that ask a running service.
+// The commands that ask a running service. Each prints, and stores its exit code or an error in `outcome`.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
+#include "host/result.h"
+
 namespace cli
 {
 
-// Commands that look: status, resolve, reverse, log.
-void add_queries(CLI::App& program, int& exit_code);
+// Adds the commands that only look: status, resolve, reverse, log.
+void add_queries(CLI::App& program, ats::result<int>& outcome);
 
-// Commands that change something: flush, control, trace, set-name, set-address, link, sa.
-void add_orders(CLI::App& program, int& exit_code);
+// Adds the commands that change something: flush, control, trace, set-name, set-address, link, sa.
+void add_orders(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

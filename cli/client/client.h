@@ -1,15 +1,17 @@
-// What every client command shares: the socket, the host it is about, and how answers are shown.
+// What every client command shares: the socket, the host that it asks, and how it shows answers.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
+#include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 
-#include "cli/socket/socket.h"
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "cli/socket/socket.h"
+#include "host/result.h"
 
 namespace cli
 {
@@ -27,39 +29,52 @@ struct client_options {
 constexpr const char* one_host = "The host to ask (default: the first)";
 constexpr const char* no_host = "";
 
-// Adds --json, --socket, --timeout and, unless it means nothing to the command, --host.
+// Adds --json, --socket, --timeout and --host. `no_host` as `host_meaning` leaves --host out.
 std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning);
 
-// Adds --gid-format, for commands that show GIDs; and an answer with its GIDs in the notation that it asks for.
+// Adds --gid-format, for commands that show GIDs.
 void add_gid_format_option(CLI::App& command, client_options& options);
-json in_wanted_notation(json answer, const client_options& options);
 
-// One conversation with the service. Throws a failure when nobody answers. An answer may take its time, as that of a
-// silent SA does, and a followed log may have no news: a service that says nothing is asked on a second connection
-// whether it is alive, and the client waits as long as it is.
+// Makes `body` the action of the command. `outcome` receives its exit code or error, also when the answer of the
+// service lacks what the command needs.
+void set_client_action(CLI::App& command, ats::result<int>& outcome, std::function<ats::result<int>()> body);
+
+// The answer with its GIDs in the notation that --gid-format asks for.
+json with_gid_format(json answer, const client_options& options);
+
+// One conversation with the service. An answer may take long: the SA may be silent, or a followed log has no new line.
+// If the service says nothing for half the timeout, the client pings it on a second connection. It waits as long as the
+// service answers that. If not, the call fails with an error of kind `unreachable`.
 class client
 {
   public:
-    explicit client(const client_options& options);
+    static ats::result<client> open(const client_options& options);
 
-    // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, comes back like any other answer.
-    json ask(json request);
+    // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, is an answer too.
+    ats::result<json> ask(json request);
 
-    // The next line of an answer that goes on.
-    json next();
+    // The same, but a refusal comes back as an error.
+    ats::result<json> ask_accepted(json request);
+
+    // The next line of an answer of several lines.
+    ats::result<json> next();
 
   private:
+    client(const client_options& options, line_channel channel);
     bool is_alive() const;
 
-    const client_options options_;
-    const std::chrono::milliseconds half_timeout_; // one half for the answer, the other for the sign of life
+    client_options options_;
     line_channel channel_;
 };
 
-// Throws the failure that a refusal stands for; nothing for any other answer.
-void throw_if_refused(const json& answer);
+// One request and its answer, in a conversation of its own. A refusal is an error.
+ats::result<json> ask_once(const client_options& options, const json& request);
 
-// Asks once and writes the answer: as JSON, or with `show` for people.
-void ask_and_show(const client_options& options, const json& request, void (*show)(std::ostream&, const json&));
+// Shows an answer as JSON, or with `show_text` for people.
+using show_text_t = void (*)(std::ostream& output, const json& answer);
+void show_answer(const client_options& options, const json& answer, show_text_t show_text);
+
+// The same, and shows the answer. Returns the exit code.
+ats::result<int> ask_and_show(const client_options& options, const json& request, show_text_t show_text);
 
 } // namespace cli

@@ -16,10 +16,10 @@ constexpr std::string_view enter_screen = "\033[?1049h\033[?25l"; // the alterna
 constexpr std::string_view leave_screen = "\033[?25h\033[?1049l";
 constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// Only calls that a signal handler may make.
+// A signal handler: it uses async-signal-safe calls only.
 void leave_and_end(int signal_number)
 {
-    [[maybe_unused]] const ssize_t ignored = write(STDOUT_FILENO, leave_screen.data(), leave_screen.size());
+    [[maybe_unused]] const ssize_t written_bytes = write(STDOUT_FILENO, leave_screen.data(), leave_screen.size());
     signal(signal_number, SIG_DFL);
     raise(signal_number);
 }
@@ -40,25 +40,31 @@ full_screen::~full_screen()
 
 full_screen::size full_screen::window() const
 {
-    winsize found{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &found) != 0 || found.ws_col == 0 || found.ws_row == 0) return {80, 24};
-    return {found.ws_col, found.ws_row};
+    winsize window{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0 || window.ws_col == 0 || window.ws_row == 0) return {80, 24};
+    return {window.ws_col, window.ws_row};
 }
 
 void full_screen::draw(const std::string& picture) const
 {
     constexpr std::string_view home = "\033[H";
-    constexpr std::string_view clear_line = "\033[K"; // before its text: after it, the last column would go
+    constexpr std::string_view clear_line =
+        "\033[K"; // sent before the text: sent after a full line, it erases the last column
     size_t free_lines = window().lines - 1;
-    std::string drawn = std::string(home) + std::string(clear_line);
-    for (const char each : picture) {
-        drawn += each;
-        if (each != '\n') continue;
-        drawn += clear_line;
+    std::string text;
+    text += home;
+    text += clear_line;
+    for (const char character : picture) {
+        text += character;
+        if (character != '\n') continue;
+        text += clear_line;
         if (free_lines > 0) --free_lines;
     }
-    for (; free_lines > 0; --free_lines) drawn += "\n" + std::string(clear_line);
-    std::cout << drawn << std::flush;
+    for (; free_lines > 0; --free_lines) {
+        text += '\n';
+        text += clear_line;
+    }
+    std::cout << text << std::flush;
 }
 
 } // namespace cli

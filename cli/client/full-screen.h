@@ -1,4 +1,4 @@
-// The alternate screen of the terminal on standard output, which leaves what stood there before as it was.
+// Draws on the alternate screen of the terminal, on standard output. The usual screen stays as it was.
 #pragma once
 
 #include <string>
@@ -6,7 +6,8 @@
 namespace cli
 {
 
-// At most one at a time. A signal that ends the program (SIGINT, SIGTERM, SIGHUP) goes back to the usual screen first.
+// Use one object at a time. If SIGINT, SIGTERM or SIGHUP ends the program, its handler first switches back to the usual
+// screen.
 class full_screen
 {
   public:
@@ -19,10 +20,10 @@ class full_screen
     full_screen(const full_screen&) = delete;
     full_screen& operator=(const full_screen&) = delete;
 
-    // The window's size now; 80 x 24 if the terminal does not tell.
+    // The present size of the window; 80 x 24 if the terminal does not report it.
     size window() const;
 
-    // Draws over the last picture, without a line end after the last line, which would scroll.
+    // Draws over the last picture. Give no line end after the last line: it would scroll the screen.
     void draw(const std::string& picture) const;
 };
 

@@ -1,7 +1,4 @@
 #include "cli/client/client-commands.h"
-#include "console/failure.h"
-#include "console/table.h"
-#include "console/usage.h"
 
 #include <iostream>
 
@@ -9,6 +6,8 @@
 #include "cli/client/sa-show.h"
 #include "cli/client/show.h"
 #include "console/control-commands.h"
+#include "console/failure.h"
+#include "console/usage.h"
 #include "host/world/printable.h"
 
 namespace cli
@@ -17,47 +16,54 @@ namespace cli
 namespace
 {
 
-// An order that changes the host's record; its argument becomes the `key` of the request of the command's name.
-void add_record_order(CLI::App& program, const std::string& name, const std::string& summary, const std::string& key,
-                      const std::string& argument_name, const std::string& argument_help)
+// The argument of a command, and the key that it has in the command's request.
+struct argument_text {
+    std::string key;
+    std::string name;
+    std::string help;
+};
+
+// Adds an order that changes the host's record. Its request has the name of the command.
+void add_record_order(CLI::App& program, ats::result<int>& outcome, const std::string& name, const std::string& summary,
+                      const argument_text& text)
 {
     CLI::App* command = program.add_subcommand(name, summary);
     auto argument = std::make_shared<std::string>();
     auto no_wait = std::make_shared<bool>(false);
-    command->add_option(argument_name, *argument, argument_help)->required()->option_text(" ");
+    command->add_option(text.name, *argument, text.help)->required()->option_text(" ");
     command->add_flag("--no-wait", *no_wait, "Do not wait until the SA has confirmed the new record");
-    auto common = add_client_options(*command, one_host);
-    command->callback([=] {
-        ask_and_show(*common, {{"request", name}, {key, *argument}, {"no_wait", *no_wait}}, show_done);
+    auto options = add_client_options(*command, one_host);
+    set_client_action(*command, outcome, [=, key = text.key] {
+        return ask_and_show(*options, {{"request", name}, {key, *argument}, {"no_wait", *no_wait}}, show_done);
     });
 }
 
-void add_flush(CLI::App& program)
+void add_flush(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("flush", "Make a host's address cache forget an entry, or all");
-    auto what = std::make_shared<std::string>();
-    command->add_option("WHAT", *what, "An address or a GID (default: everything but the host's own)")
+    auto entry = std::make_shared<std::string>();
+    command->add_option("WHAT", *entry, "An address or a GID (default: everything but the host's own)")
         ->option_text(" ");
-    auto common = add_client_options(*command, one_host);
-    command->callback([=] { ask_and_show(*common, {{"request", "flush"}, {"what", *what}}, show_done); });
+    auto options = add_client_options(*command, one_host);
+    set_client_action(*command, outcome, [=] {
+        return ask_and_show(*options, {{"request", "flush"}, {"what", *entry}}, show_done);
+    });
 }
 
-int run_control(const client_options& common, const std::vector<std::string>& words)
+ats::result<int> run_control(const client_options& options, const std::vector<std::string>& words)
 {
-    const std::string line = console::value_or_throw(console::control_line(words));
-    const json answer = client(common).ask({{"request", "control"}, {"command", line}});
-    throw_if_refused(answer);
-    if (common.as_json)
-        console::show_json(std::cout, answer);
-    else
-        show_output(std::cout, answer);
-    if (answer.value("failed", false)) return console::exit_failed;
-    if (const std::string warning = console::control_warning(line); !warning.empty())
-        std::cerr << "ats: " << world::printable_lines(warning) << '\n';
+    const ats::result<std::string> line = console::control_line(words);
+    if (!line) return ats::pass_on(line);
+    const ats::result<json> answer = ask_once(options, {{"request", "control"}, {"command", *line}});
+    if (!answer) return ats::pass_on(answer);
+    show_answer(options, *answer, show_output);
+    if (answer->value("failed", false)) return console::exit_failed;
+    const std::string warning = console::control_warning(*line);
+    if (!warning.empty()) std::cerr << "ats: " << world::printable_lines(warning) << '\n';
     return console::exit_ok;
 }
 
-void add_control(CLI::App& program, int& exit_code)
+void add_control(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("control", "Write a command to the control file of ats");
     auto words = std::make_shared<std::vector<std::string>>();
@@ -65,16 +71,16 @@ void add_control(CLI::App& program, int& exit_code)
     command->add_option("COMMAND", *words, "As in 'sa_verify_period 60 1'. Quote it when a word begins with -")
         ->option_text("...");
     command->add_flag("--list", *is_list, "Show the commands and what each does");
-    auto common = add_client_options(*command, one_host);
-    command->callback([=, &exit_code] {
-        if (*is_list || *words == std::vector<std::string>{"help"})
-            std::cout << console::list_control_commands();
-        else
-            exit_code = run_control(*common, *words);
+    auto options = add_client_options(*command, one_host);
+    set_client_action(*command, outcome, [=]() -> ats::result<int> {
+        const bool is_help = *words == std::vector<std::string>{"help"};
+        if (!*is_list && !is_help) return run_control(*options, *words);
+        std::cout << console::list_control_commands();
+        return console::exit_ok;
     });
 }
 
-void add_trace(CLI::App& program)
+void add_trace(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("trace", "Set how much ats writes to the kernel log");
     auto level = std::make_shared<int>();
@@ -82,71 +88,73 @@ void add_trace(CLI::App& program)
         ->required()
         ->check(console::number_from(0, 5))
         ->option_text(" ");
-    auto common = add_client_options(*command, "On this host only (default: all hosts)");
-    command->callback([=] { ask_and_show(*common, {{"request", "trace"}, {"level", *level}}, show_done); });
+    auto options = add_client_options(*command, "On this host only (default: all hosts)");
+    set_client_action(*command, outcome, [=] {
+        return ask_and_show(*options, {{"request", "trace"}, {"level", *level}}, show_done);
+    });
 }
 
-void add_link(CLI::App& program)
+void add_link(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("link", "Bring a port's link up or down (embedded fabric)");
     command->require_subcommand(1);
     for (const std::string direction : {"up", "down"}) {
-        CLI::App* way = command->add_subcommand(direction, "Bring the link " + direction);
+        CLI::App* change = command->add_subcommand(direction, "Bring the link " + direction);
         auto hca = std::make_shared<std::string>();
         auto port = std::make_shared<int>(1);
-        way->add_option("--hca", *hca, "The HCA (default: the host's first)")->option_text("NAME");
-        way->add_option("--port", *port, "The port (default: 1)")->option_text("N");
-        auto common = add_client_options(*way, one_host);
-        way->callback([=] {
-            ask_and_show(*common, {{"request", "link"}, {"direction", direction}, {"hca", *hca}, {"port", *port}},
-                         show_done);
+        change->add_option("--hca", *hca, "The HCA (default: the host's first)")->option_text("NAME");
+        change->add_option("--port", *port, "The port (default: 1)")->option_text("N");
+        auto options = add_client_options(*change, one_host);
+        set_client_action(*change, outcome, [=] {
+            const json request = {{"request", "link"}, {"direction", direction}, {"hca", *hca}, {"port", *port}};
+            return ask_and_show(*options, request, show_done);
         });
     }
 }
 
-// An action of the SA, whose argument becomes the `key` of its request. Returns the argument's option.
-CLI::Option* add_sa_action(CLI::App& sa, const std::string& action, const std::string& summary, const std::string& key,
-                           const std::string& argument_name, const std::string& argument_help)
+// Adds an action of the SA. Returns the option of its argument.
+CLI::Option* add_sa_action(CLI::App& sa, ats::result<int>& outcome, const std::string& action,
+                           const std::string& summary, const argument_text& text)
 {
     CLI::App* command = sa.add_subcommand(action, summary);
     auto argument = std::make_shared<std::string>();
-    CLI::Option* option = command->add_option(argument_name, *argument, argument_help)->option_text(" ");
-    auto common = add_client_options(*command, no_host);
-    command->callback([=] {
-        ask_and_show(*common, {{"request", "sa"}, {"action", action}, {key, *argument}}, show_done);
+    CLI::Option* argument_option = command->add_option(text.name, *argument, text.help)->option_text(" ");
+    auto options = add_client_options(*command, no_host);
+    set_client_action(*command, outcome, [=, key = text.key] {
+        return ask_and_show(*options, {{"request", "sa"}, {"action", action}, {key, *argument}}, show_done);
     });
-    return option;
+    return argument_option;
 }
 
-void add_sa(CLI::App& program, int& exit_code)
+void add_sa(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* sa =
-        program.add_subcommand("sa", "Look into the Subnet Administrator, or upset that of an embedded fabric");
+        program.add_subcommand("sa", "List the Subnet Administrator's records, or disturb that of an embedded fabric");
     sa->require_subcommand(1);
-    add_sa_show(*sa, exit_code);
-    add_sa_action(*sa, "forget", "Make it forget a GID's record, or all records", "gid", "GID",
-                  "The ServiceGID (default: all records)");
-    add_sa_action(*sa, "silence", "Make it answer nothing, or answer again", "state", "STATE", "on or off")
+    add_sa_show(*sa, outcome);
+    add_sa_action(*sa, outcome, "forget", "Make it forget a GID's record, or all records",
+                  {"gid", "GID", "The ServiceGID (default: all records)"});
+    add_sa_action(*sa, outcome, "silence", "Make it answer nothing, or answer again", {"state", "STATE", "on or off"})
         ->required()
         ->check(console::one_of({"on", "off"}));
-    add_sa_action(*sa, "status", "Make it answer everything with a status word", "word", "WORD",
-                  "16 bits, as in 0x0300; 0 to answer as it should again")
+    add_sa_action(*sa, outcome, "status", "Make it answer everything with a status word",
+                  {"word", "WORD", "16 bits, as in 0x0300; 0: answer normally again"})
         ->required();
 }
 
 } // namespace
 
-void add_orders(CLI::App& program, int& exit_code)
+void add_orders(CLI::App& program, ats::result<int>& outcome)
 {
-    add_control(program, exit_code);
-    add_flush(program);
-    add_trace(program);
-    add_record_order(program, "set-name", "Change the host name that is registered", "name", "NAME",
-                     "Up to 30 bytes of UTF-8, no blanks");
-    add_record_order(program, "set-address", "Change the IPv4 address that is registered", "address", "ADDRESS",
-                     "As in 10.0.0.9");
-    add_link(program);
-    add_sa(program, exit_code);
+    add_control(program, outcome);
+    add_flush(program, outcome);
+    add_trace(program, outcome);
+    add_record_order(program, outcome, "set-name", "Change the host name that is registered",
+                     {"name", "NAME", "Up to 30 bytes of UTF-8, no blanks"});
+    add_record_order(program, outcome, "set-address", "Change the IPv4 address that is registered",
+                     {"address", "ADDRESS", "As in 10.0.0.9"});
+    add_link(program, outcome);
+    add_sa(program, outcome);
 }
 
 } // namespace cli

@@ -1,8 +1,6 @@
 #include "cli/client/client-commands.h"
-#include "console/failure.h"
-#include "console/table.h"
-#include "console/usage.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <optional>
@@ -13,8 +11,11 @@
 #include "cli/client/full-screen.h"
 #include "cli/client/sa-show.h"
 #include "cli/client/show.h"
+#include "console/failure.h"
 #include "console/identity.h"
 #include "console/log-filter.h"
+#include "console/table.h"
+#include "console/usage.h"
 #include "host/kernel/log.h"
 #include "host/world/printable.h"
 
@@ -24,145 +25,176 @@ namespace cli
 namespace
 {
 
-constexpr int on_one_line = -1;
-
 struct resolve_options {
-    std::vector<std::string> asked;
-    bool verify = false;
-    bool cached = false;
+    std::vector<std::string> questions;
+    bool must_verify = false;
+    bool cache_only = false;
 };
 
-// Whether everything that was asked for was found, and proved right where that was asked for too.
+// True if the answer is the full one: a result, and with --verify a confirmed result.
 bool is_yes(const json& answer)
 {
     return answer.at("status") == "ok" && (!answer.contains("verified") || answer.at("verified") == true);
 }
 
 // True if `resolve` takes the text for a host name. A text of digits and points is an address, perhaps a mistyped one.
-bool is_name_to_resolve(const std::string& asked)
+bool is_name_to_resolve(const std::string& question)
 {
-    return asked.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(asked);
+    return question.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(question);
 }
 
-// The SA's answer about a host name: one for every record of that name, as the answers about addresses are.
-json resolve_name(client& service, const std::string& host_name)
+// Asks the SA of this machine's real fabric. The answer is one of the service, which does not ask that SA itself.
+ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
 {
-    json answer = service.ask({{"request", "resolve"}, {"name", host_name}});
-    if (answer.value("real", false)) {
-        const auto started = std::chrono::steady_clock::now();
-        const json records = real_records_of(host_name);
-        const auto took = std::chrono::steady_clock::now() - started;
-        answer = {{"status", records.empty() ? "not found" : "ok"},
-                  {"source", "SA"},
-                  {"reason", "the SA holds no record of that host name"},
-                  {"microseconds", std::chrono::duration_cast<std::chrono::microseconds>(took).count()},
-                  {"matches", records}};
-    }
-    if (answer.value("status", "") != "ok") return json::array({answer});
-    json found = json::array();
-    for (json match : answer.at("matches")) {
-        for (const char* key : {"status", "source", "microseconds"}) match[key] = answer.at(key);
-        match["found"] = match.at("gid");
-        found.push_back(std::move(match));
-    }
-    return found;
+    const auto start = std::chrono::steady_clock::now();
+    const ats::result<json> records = real_records_of(host_name);
+    if (!records) return records;
+    const auto duration = std::chrono::steady_clock::now() - start;
+    return json{{"status", records->empty() ? "not found" : "ok"},
+                {"source", "SA"},
+                {"reason", "the SA holds no record of that host name"},
+                {"microseconds", std::chrono::duration_cast<std::chrono::microseconds>(duration).count()},
+                {"matches", *records}};
 }
 
-json resolve_one(client& service, const resolve_options& options, const std::string& request, const std::string& key,
-                 const std::string& asked)
+// An array with an answer for every record of the host name, or one answer that says why there are none.
+ats::result<json> resolve_name(client& service, const std::string& host_name)
 {
-    if (request == "resolve" && is_name_to_resolve(asked)) {
-        if (options.cached)
-            throw console::failure(console::exit_usage, "--cached is for addresses: no cache knows host names");
-        return resolve_name(service, asked);
-    }
-    return json::array(
-        {service.ask({{"request", request}, {key, asked}, {"verify", options.verify}, {"cached", options.cached}})});
-}
-
-// Several questions, one or more answers each. A malformed one does not keep the others from being asked.
-int run_resolutions(const client_options& common, const resolve_options& options, const std::string& request,
-                    const std::string& key)
-{
-    client service(common);
+    ats::result<json> answer = service.ask({{"request", "resolve"}, {"name", host_name}});
+    if (answer && answer->value("real", false)) answer = resolve_name_at_real_sa(host_name);
+    if (!answer) return answer;
+    if (answer->value("status", "") != "ok") return json::array({*answer});
     json answers = json::array();
-    int worst = console::exit_ok;
-    for (const std::string& asked : options.asked)
-        for (json& answer : resolve_one(service, options, request, key, asked)) {
-            answer["asked"] = asked;
-            if (answer.contains("error"))
-                worst = std::max<int>(worst, answer.value("exit_code", int{console::exit_failed}));
-            else if (!is_yes(answer))
-                worst = std::max<int>(worst, console::exit_failed);
-            if (common.as_json)
-                answers.push_back(answer);
-            else if (answer.contains("error"))
-                std::cerr << "ats: " << world::printable_lines(answer.at("error").get<std::string>()) << std::endl;
-            else
-                show_resolution(std::cout, in_wanted_notation(answer, common));
-        }
-    if (common.as_json) console::show_json(std::cout, answers);
-    return worst;
+    for (json record : answer->at("matches")) {
+        for (const char* key : {"status", "source", "microseconds"}) record[key] = answer->at(key);
+        record["found"] = record.at("gid");
+        answers.push_back(std::move(record));
+    }
+    return answers;
 }
 
-void add_resolutions(CLI::App& program, int& exit_code, const std::string& name, const std::string& summary,
-                     const std::string& key, const std::string& argument, const std::string& argument_help)
+// Describes `resolve` or `reverse`.
+struct resolution_command {
+    std::string name; // also of the request
+    std::string key;  // of a question in the request
+    std::string summary;
+    std::string argument;
+    std::string argument_help;
+};
+
+// An array of answers, or of one refusal. A question for a host name may have several answers.
+ats::result<json> resolve_one(client& service, const resolve_options& options, const resolution_command& command,
+                              const std::string& question)
 {
-    CLI::App* command = program.add_subcommand(name, summary);
+    if (command.name == "resolve" && is_name_to_resolve(question)) {
+        if (options.cache_only)
+            return ats::fail(ats::error_kind::invalid, "--cached is for addresses: no cache knows host names");
+        return resolve_name(service, question);
+    }
+    const ats::result<json> answer = service.ask({{"request", command.name},
+                                                  {command.key, question},
+                                                  {"verify", options.must_verify},
+                                                  {"cached", options.cache_only}});
+    return answer.map([](const json& only) { return json::array({only}); });
+}
+
+int exit_code_of(const json& answer)
+{
+    if (answer.contains("error")) return answer.value("exit_code", int{console::exit_failed});
+    return is_yes(answer) ? console::exit_ok : console::exit_failed;
+}
+
+void show_answer_or_refusal(const client_options& common, const json& answer)
+{
+    if (answer.contains("error"))
+        std::cerr << "ats: " << world::printable_lines(answer.at("error").get<std::string>()) << std::endl;
+    else
+        show_resolution(std::cout, with_gid_format(answer, common));
+}
+
+// Asks all questions, also after one that the service refused. Returns the greatest exit code.
+ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
+                                 const resolution_command& command)
+{
+    ats::result<client> service = client::open(common);
+    if (!service) return ats::pass_on(service);
+    json all_answers = json::array();
+    int exit_code = console::exit_ok;
+    for (const std::string& question : options.questions) {
+        ats::result<json> answers = resolve_one(*service, options, command, question);
+        if (!answers) return ats::pass_on(answers);
+        for (json& answer : *answers) {
+            answer["asked"] = question;
+            exit_code = std::max(exit_code, exit_code_of(answer));
+            if (common.as_json)
+                all_answers.push_back(answer);
+            else
+                show_answer_or_refusal(common, answer);
+        }
+    }
+    if (common.as_json) console::show_json(std::cout, all_answers);
+    return exit_code;
+}
+
+void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolution_command& description)
+{
+    CLI::App* command = program.add_subcommand(description.name, description.summary);
     auto options = std::make_shared<resolve_options>();
-    command->add_option(argument, options->asked, argument_help)->required()->option_text("...");
-    auto* verify = command->add_flag("--verify", options->verify,
+    command->add_option(description.argument, options->questions, description.argument_help)
+        ->required()
+        ->option_text("...");
+    auto* verify = command->add_flag("--verify", options->must_verify,
                                      "When the cache answers, ask the SA too, and say whether it was right");
-    verify->option_text(" "); // what excludes what is for the error line
-    command->add_flag("--cached", options->cached, "Ask nobody: look in the cache only")
+    verify->option_text(" "); // the help does not list excluded options; an error names them
+    command->add_flag("--cached", options->cache_only, "Ask nobody: look in the cache only")
         ->excludes(verify)
         ->option_text(" ");
     auto common = add_client_options(*command, one_host);
     add_gid_format_option(*command, *common);
-    command->callback([=, &exit_code] { exit_code = run_resolutions(*common, *options, name, key); });
+    set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });
 }
 
-// One after another until interrupted or unable to write: in the window of a terminal, or as documents.
-void watch_status(const client_options& common)
+// Shows the status every second, until a signal ends the program or nothing can be written any more. On a terminal it
+// fills the window.
+ats::result<int> watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);
-    client service(common);
+    ats::result<client> service = client::open(common);
+    if (!service) return ats::pass_on(service);
+    const bool is_terminal = isatty(STDOUT_FILENO) == 1;
     std::optional<full_screen> screen;
     while (std::cout) {
-        const json answer = service.ask({{"request", "status"}});
-        throw_if_refused(answer);
+        const ats::result<json> answer = service->ask_accepted({{"request", "status"}});
+        if (!answer) return ats::pass_on(answer);
         if (common.as_json) {
-            console::show_json(std::cout, answer, on_one_line);
-            std::cout << std::flush;
-        } else if (isatty(STDOUT_FILENO) == 1) {
+            console::show_json(std::cout, *answer, console::on_one_line);
+        } else if (is_terminal) {
             if (!screen) screen.emplace();
             const auto [columns, lines] = screen->window();
-            screen->draw(fit_status(in_wanted_notation(answer, common), columns, lines));
+            screen->draw(fit_status(with_gid_format(*answer, common), columns, lines));
         } else {
-            show_status(std::cout, in_wanted_notation(answer, common));
-            std::cout << std::flush;
+            show_status(std::cout, with_gid_format(*answer, common));
         }
+        std::cout << std::flush;
         std::this_thread::sleep_for(redraw_period);
     }
+    return console::exit_ok;
 }
 
-void add_status(CLI::App& program)
+void add_status(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("status", "Show hosts, ports, addresses, counters and caches");
     auto watch = std::make_shared<bool>(false);
     command->add_flag("--watch", *watch, "Show it anew every second until interrupted, on a terminal in its window");
     auto common = add_client_options(*command, "Show this host only");
     add_gid_format_option(*command, *common);
-    command->callback([=] {
-        if (*watch)
-            watch_status(*common);
-        else
-            ask_and_show(*common, {{"request", "status"}}, show_status);
+    set_client_action(*command, outcome, [=] {
+        return *watch ? watch_status(*common) : ask_and_show(*common, {{"request", "status"}}, show_status);
     });
 }
 
 struct log_options {
-    bool follow = false;
+    bool is_endless = false;
     int level = console::trace_level_everything;
 };
 
@@ -172,44 +204,56 @@ std::string log_text(const json& line)
     return line["line"].get<std::string>();
 }
 
-void show_log(const client_options& common, const log_options& options)
+ats::result<int> show_log(const client_options& common, const log_options& options)
 {
-    client service(common);
-    json line = service.ask({{"request", "log"}, {"follow", options.follow}, {"level", options.level}});
-    throw_if_refused(line);
-    for (; !line.contains("end"); line = service.next()) {
+    ats::result<client> service = client::open(common);
+    if (!service) return ats::pass_on(service);
+    ats::result<json> line =
+        service->ask_accepted({{"request", "log"}, {"follow", options.is_endless}, {"level", options.level}});
+    while (line && !line->contains("end")) {
         if (common.as_json)
-            console::show_json(std::cout, line, on_one_line);
+            console::show_json(std::cout, *line, console::on_one_line);
         else
-            std::cout << world::printable_lines(log_text(line)) << '\n';
-        if (options.follow && !std::cout.flush()) return;
+            std::cout << world::printable_lines(log_text(*line)) << '\n';
+        if (options.is_endless && !std::cout.flush()) return console::exit_ok; // main() reports it
+        line = service->next();
     }
+    if (!line) return ats::pass_on(line);
+    return console::exit_ok;
 }
 
-void add_log(CLI::App& program)
+void add_log(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("log", "Show a host's kernel log");
     auto options = std::make_shared<log_options>();
-    command->add_flag("-f,--follow", options->follow, "Go on with new lines until interrupted");
+    command->add_flag("-f,--follow", options->is_endless, "Go on with new lines until interrupted");
     command
         ->add_option("--level", options->level,
                      "Only trace lines up to this level: 1 errors, 2 warnings, 4 progress, 5 all (default)")
         ->check(console::number_from(0, console::trace_level_everything))
         ->option_text("N");
     auto common = add_client_options(*command, one_host);
-    command->callback([=] { show_log(*common, *options); });
+    set_client_action(*command, outcome, [=] { return show_log(*common, *options); });
 }
 
 } // namespace
 
-void add_queries(CLI::App& program, int& exit_code)
+void add_queries(CLI::App& program, ats::result<int>& outcome)
 {
-    add_status(program);
-    add_resolutions(program, exit_code, "resolve", "Find the GID of IPv4 addresses or host names", "address", "ADDRESS",
-                    "As in 10.0.0.2, or a host name");
-    add_resolutions(program, exit_code, "reverse", "Find the IPv4 address of GIDs", "gid", "GID",
-                    "0x and up to 32 hexadecimal digits, or as in fe80::1");
-    add_log(program);
+    add_status(program, outcome);
+    add_resolutions(program, outcome,
+                    {.name = "resolve",
+                     .key = "address",
+                     .summary = "Find the GID of IPv4 addresses or host names",
+                     .argument = "ADDRESS",
+                     .argument_help = "As in 10.0.0.2, or a host name"});
+    add_resolutions(program, outcome,
+                    {.name = "reverse",
+                     .key = "gid",
+                     .summary = "Find the IPv4 address of GIDs",
+                     .argument = "GID",
+                     .argument_help = "0x and up to 32 hexadecimal digits, or as in fe80::1"});
+    add_log(program, outcome);
 }
 
 } // namespace cli

@@ -1,12 +1,12 @@
 #include "cli/client/sa-show.h"
-#include "console/failure.h"
-#include "console/table.h"
 
 #include <iostream>
 
 #include "cli/client/client.h"
 #include "cli/client/show.h"
+#include "console/failure.h"
 #include "console/gids.h"
+#include "console/identity.h"
 #include "console/record-answer.h"
 #include "host/fabric/embedded/service-records.h"
 #include "host/fabric/umad/record-list.h"
@@ -23,50 +23,56 @@ struct show_options {
     std::string address;
     std::string gid;
     std::string name;
-    std::string hca; // a real one: the service is not asked
+    std::string hca; // of this machine; the service is not asked then
     int port = 0;
-    bool is_direct = false;
+    bool is_real = false;
 };
 
-umad::record_filter filter_of(const show_options& options)
+bool has_filter(const show_options& options)
+{
+    return !options.address.empty() || !options.gid.empty() || !options.name.empty();
+}
+
+ats::result<umad::record_filter> filter_of(const show_options& options)
 {
     umad::record_filter filter;
     if (!options.address.empty()) {
-        filter.address = world::parse_ipv4(options.address);
-        if (!filter.address)
-            throw console::failure(console::exit_usage,
-                                   console::quote(options.address) + " is no IPv4 address like 10.0.0.1");
+        const ats::result<uint32_t> address = console::address_of(options.address);
+        if (!address) return ats::pass_on(address);
+        filter.address = *address;
     }
     if (!options.gid.empty()) {
-        filter.gid = std::to_array(to_wire(console::value_or_throw(console::gid_of(options.gid))).bytes);
+        const ats::result<kq_gid_t> gid = console::gid_of(options.gid);
+        if (!gid) return ats::pass_on(gid);
+        filter.gid = std::to_array(to_wire(*gid).bytes);
     }
     if (!options.name.empty()) filter.host_name = options.name;
     return filter;
 }
 
-json ask_real_sa(const show_options& options, const umad::record_filter& filter)
+ats::result<json> ask_real_sa(const show_options& options, const umad::record_filter& filter)
 {
-    const umad::opened_sa_client opened = umad::open_sa_client(options.hca, options.port);
-    if (!opened.client) throw console::failure(console::exit_failed, opened.why);
-    const umad::record_list list = umad::list_records(*opened.client, filter);
-    if (!list.why.empty()) throw console::failure(console::exit_failed, list.why);
+    const umad::opened_sa_client sa = umad::open_sa_client(options.hca, options.port);
+    if (!sa.client) return ats::fail(sa.why);
+    const umad::record_list list = umad::list_records(*sa.client, filter);
+    if (!list.why.empty()) return ats::fail(list.why);
     json records = json::array();
     for (const ib_service_record_v2_t& record : list.records)
         records.push_back(console::record_answer(embedded::view_of(record)));
     console::add_gid6(records);
-    return {{"records", records}, {"remarks", list.remarks}, {"silent", false}, {"status", nullptr}};
+    return json{{"records", records}, {"remarks", list.remarks}, {"silent", false}, {"status", nullptr}};
 }
 
-// Keeps the records that the options ask for, of all that an embedded SA told.
+// Removes the records that the filter excludes. An embedded SA reports all of its records.
 void select(json& answer, const umad::record_filter& filter)
 {
-    const auto differs = [&](const json& record) {
+    const auto is_excluded = [&](const json& record) {
         return (filter.address && record.at("address") != world::format_ipv4(*filter.address)) ||
                (filter.gid && record.at("gid") != embedded::text_of(*filter.gid)) ||
                (filter.host_name && record.at("host_name") != *filter.host_name);
     };
     json& records = answer.at("records");
-    records.erase(std::remove_if(records.begin(), records.end(), differs), records.end());
+    records.erase(std::remove_if(records.begin(), records.end(), is_excluded), records.end());
 }
 
 bool has_real_ports()
@@ -74,32 +80,38 @@ bool has_real_ports()
     return umad::list_hcas().why.empty();
 }
 
-json find_records(const client_options& common, const show_options& options)
+ats::result<json> find_records(const client_options& common, const show_options& options)
 {
-    const umad::record_filter filter = filter_of(options);
-    if (options.is_direct || !options.hca.empty()) return ask_real_sa(options, filter);
-    json answer;
-    try {
-        answer = client(common).ask({{"request", "sa"}, {"action", "show"}});
-    } catch (const console::failure& unreachable) {
-        if (unreachable.code != console::exit_unreachable || !has_real_ports()) throw;
-        return ask_real_sa(options, filter);
-    }
-    throw_if_refused(answer);
-    if (answer.value("real", false)) return ask_real_sa(options, filter);
-    select(answer, filter);
-    answer["remarks"] = json::array(); // what only a real one gives rise to
+    const ats::result<umad::record_filter> filter = filter_of(options);
+    if (!filter) return ats::pass_on(filter);
+    if (options.is_real || !options.hca.empty()) return ask_real_sa(options, *filter);
+    ats::result<json> answer = ask_once(common, {{"request", "sa"}, {"action", "show"}});
+    const bool is_unreachable = !answer && answer.error().kind == ats::error_kind::unreachable;
+    if (is_unreachable && has_real_ports()) return ask_real_sa(options, *filter);
+    if (!answer) return answer;
+    if (answer->value("real", false)) return ask_real_sa(options, *filter);
+    select(*answer, *filter);
+    (*answer)["remarks"] = json::array(); // only a real SA gives rise to remarks
     return answer;
+}
+
+ats::result<int> run_sa_show(const client_options& common, const show_options& options)
+{
+    const ats::result<json> answer = find_records(common, options);
+    if (!answer) return ats::pass_on(answer);
+    show_answer(common, *answer, has_filter(options) ? show_selected_records : show_all_records);
+    return answer->at("records").empty() ? console::exit_failed : console::exit_ok;
 }
 
 } // namespace
 
-json real_records_of(const std::string& host_name)
+ats::result<json> real_records_of(const std::string& host_name)
 {
-    return ask_real_sa({}, {.host_name = host_name}).at("records");
+    const ats::result<json> answer = ask_real_sa({}, {.host_name = host_name});
+    return answer.map([](const json& list) { return list.at("records"); });
 }
 
-void add_sa_show(CLI::App& sa, int& exit_code)
+void add_sa_show(CLI::App& sa, ats::result<int>& outcome)
 {
     CLI::App* command = sa.add_subcommand("show", "List the ATS records that the SA holds");
     auto options = std::make_shared<show_options>();
@@ -107,7 +119,7 @@ void add_sa_show(CLI::App& sa, int& exit_code)
     command->add_option("--gid", options->gid, "Only those of this GID")->option_text("GID");
     command->add_option("--name", options->name, "Only those of this host name")->option_text("NAME");
     command
-        ->add_flag("--real", options->is_direct, "Ask the SA of this machine's real fabric, whatever service runs here")
+        ->add_flag("--real", options->is_real, "Ask the SA of this machine's real fabric, whatever service runs here")
         ->option_text(" ");
     auto* hca = command->add_option("--hca", options->hca, "The same, through this HCA")->option_text("NAME");
     command->add_option("--port", options->port, "... and this port (default: the first active one)")
@@ -115,15 +127,7 @@ void add_sa_show(CLI::App& sa, int& exit_code)
         ->option_text("N");
     auto common = add_client_options(*command, no_host);
     add_gid_format_option(*command, *common);
-    command->callback([=, &exit_code] {
-        const json answer = find_records(*common, *options);
-        if (answer.at("records").empty()) exit_code = console::exit_failed;
-        if (common->as_json)
-            console::show_json(std::cout, answer);
-        else
-            show_records(std::cout, in_wanted_notation(answer, *common),
-                         !(options->address + options->gid + options->name).empty());
-    });
+    set_client_action(*command, outcome, [=] { return run_sa_show(*common, *options); });
 }
 
 } // namespace cli

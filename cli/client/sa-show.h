@@ -1,18 +1,20 @@
-// `ats sa show`: the records that the SA holds. That of an embedded fabric tells them through the service; that of a
-// real fabric is asked by this process itself, whether a service runs on this machine or not.
+// `ats sa show`: lists the records that the SA holds. The service reports those of an embedded fabric. This process
+// itself asks the SA of a real fabric, with or without a service on this machine.
 #pragma once
+
+#include <string>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
-#include <string>
+
+#include "host/result.h"
 
 namespace cli
 {
 
-void add_sa_show(CLI::App& sa, int& exit_code);
+void add_sa_show(CLI::App& sa, ats::result<int>& outcome);
 
-// The records of a host name at the SA of this machine's real fabric, as answers carry them. Throws a failure when it
-// cannot be asked.
-nlohmann::json real_records_of(const std::string& host_name);
+// An array of the records of a host name at the SA of this machine's real fabric, in the form of answers.
+ats::result<nlohmann::json> real_records_of(const std::string& host_name);
 
 } // namespace cli

@@ -1,6 +1,8 @@
-// The status in a terminal's window.
+// Fits the status into a terminal's window.
 #include <algorithm>
 #include <sstream>
+
+#include <fmt/core.h>
 
 #include "cli/client/show.h"
 #include "console/table.h"
@@ -12,12 +14,7 @@ namespace cli
 namespace
 {
 
-using table = std::vector<std::vector<std::string>>;
-
-std::string text_of(const json& value)
-{
-    return value.is_string() ? world::printable(value.get<std::string>()) : value.is_null() ? "-" : value.dump();
-}
+using console::cell_text;
 
 std::vector<std::string> lines_of(const std::string& text)
 {
@@ -27,17 +24,17 @@ std::vector<std::string> lines_of(const std::string& text)
     return lines;
 }
 
-// A line for each port, and its registration when it is the active one's.
-table ports_of(const json& answer)
+// One row for each port.
+console::table_rows port_rows(const json& answer)
 {
-    table rows = {{"HOST", "HCA", "PORT", "LINK", "STATE", "LID", "ADDRESS", "SENT", "RECEIVED"}};
+    console::table_rows rows = {{"HOST", "HCA", "PORT", "LINK", "STATE", "LID", "ADDRESS", "SENT", "RECEIVED"}};
     for (const json& host : answer.at("hosts"))
         for (const json& hca : host.at("hcas"))
-            for (const json& port : hca.at("ports")) {
-                std::vector<std::string> row = {text_of(host.at("name")), text_of(hca.at("name"))};
-                for (const char* key : {"port", "link", "state", "lid", "address", "sent", "received"})
-                    row.push_back(text_of(port.value(key, json())));
-                rows.push_back(std::move(row));
+            for (json port : hca.at("ports")) {
+                port["host"] = host.at("name");
+                port["hca"] = hca.at("name");
+                rows.push_back(console::make_row(
+                    port, {"host", "hca", "port", "link", "state", "lid", "address", "sent", "received"}));
             }
     return rows;
 }
@@ -45,49 +42,61 @@ table ports_of(const json& answer)
 std::string registration_of(const json& host)
 {
     for (const json& registration : host.at("registrations"))
-        if (!registration.at("registered").get<bool>()) return "NO: " + text_of(registration.at("reason"));
+        if (!registration.at("registered").get<bool>()) return "NO: " + cell_text(registration.at("reason"));
     return host.at("registrations").empty() ? "-" : "yes";
 }
 
-table hosts_of(const json& answer)
+// One row for each host.
+console::table_rows host_rows(const json& answer)
 {
-    table rows = {{"HOST", "CACHED", "HITS", "MISSES", "REQUESTS", "RETRIES", "TIME-OUTS", "REGISTERED"}};
+    console::table_rows rows = {{"HOST", "CACHED", "HITS", "MISSES", "REQUESTS", "RETRIES", "TIME-OUTS", "REGISTERED"}};
     for (const json& host : answer.at("hosts")) {
         const json ibat = host.value("ibat", json::object());
-        const json counters = ibat.value("counters", json::object());
-        std::vector<std::string> row = {text_of(host.at("name")), std::to_string(ibat.value("cache", json()).size())};
-        for (const char* key : {"hits", "misses", "requests", "retries", "timeouts"})
-            row.push_back(text_of(counters.value(key, json())));
+        json columns = ibat.value("counters", json::object());
+        columns["host"] = host.at("name");
+        columns["cached"] = ibat.value("cache", json()).size();
+        console::table_row row =
+            console::make_row(columns, {"host", "cached", "hits", "misses", "requests", "retries", "timeouts"});
         row.push_back(registration_of(host));
         rows.push_back(std::move(row));
     }
     return rows;
 }
 
-bool fits(const std::vector<std::string>& lines, size_t columns, size_t most_lines)
+bool fits(const std::vector<std::string>& lines, size_t columns, size_t line_limit)
 {
-    return lines.size() <= most_lines &&
+    return lines.size() <= line_limit &&
            std::ranges::all_of(lines, [&](const std::string& line) { return world::columns_of(line) <= columns; });
+}
+
+std::vector<std::string> whole_status(const json& answer)
+{
+    std::ostringstream output;
+    show_status(output, answer);
+    return lines_of(output.str());
+}
+
+std::vector<std::string> short_status(const json& answer)
+{
+    return lines_of(console::format_table(port_rows(answer), 0) + "\n" + console::format_table(host_rows(answer), 0));
 }
 
 } // namespace
 
-std::string fit_status(const json& answer, size_t columns, size_t most_lines)
+std::string fit_status(const json& answer, size_t columns, size_t line_limit)
 {
-    std::ostringstream whole;
-    show_status(whole, answer);
-    std::vector<std::string> lines = lines_of(whole.str());
-    if (!fits(lines, columns, most_lines))
-        lines =
-            lines_of(console::format_table(ports_of(answer), 0) + "\n" + console::format_table(hosts_of(answer), 0));
-    if (lines.size() > most_lines) {
-        const size_t hidden = lines.size() - most_lines + 1;
-        lines.resize(most_lines - 1);
-        lines.push_back("... and " + std::to_string(hidden) + " lines more: --host NAME shows one host");
+    std::vector<std::string> lines = whole_status(answer);
+    if (!fits(lines, columns, line_limit)) lines = short_status(answer);
+    if (lines.size() > line_limit) {
+        const size_t hidden_count = lines.size() - line_limit + 1;
+        lines.resize(line_limit - 1);
+        lines.push_back(fmt::format("... and {} lines more: --host NAME shows one host", hidden_count));
     }
     std::string picture;
-    for (const std::string& line : lines)
-        picture += (picture.empty() ? "" : "\n") + world::cut_to_columns(line, columns);
+    for (const std::string& line : lines) {
+        if (!picture.empty()) picture += '\n';
+        picture += world::cut_to_columns(line, columns);
+    }
     return picture;
 }
 

@@ -1,7 +1,8 @@
 #include "cli/client/show.h"
 
-#include <cstdio>
+#include <fmt/core.h>
 
+#include "console/record-answer.h"
 #include "console/table.h"
 #include "host/world/printable.h"
 
@@ -11,162 +12,165 @@ namespace cli
 namespace
 {
 
-std::string cell(const json& value)
-{
-    return value.is_string() ? world::printable(value.get<std::string>()) : value.is_null() ? "-" : value.dump();
-}
+constexpr size_t table_indent = 4;
 
-// The values of `keys` in every element of `elements`, under `headings`.
-std::vector<std::vector<std::string>> rows_of(const json& elements, const std::vector<std::string>& headings,
-                                              const std::vector<const char*>& keys)
+std::string field(const json& object, const char* key)
 {
-    std::vector<std::vector<std::string>> rows = {headings};
-    for (const json& element : elements) {
-        std::vector<std::string> row;
-        for (const char* key : keys) row.push_back(cell(element.value(key, json())));
-        rows.push_back(std::move(row));
-    }
-    return rows;
+    return console::cell_text(object.at(key));
 }
 
 // As in "12 s", "3 min" or "2 h 10 min".
-std::string duration_of(uint64_t seconds)
+std::string duration_in_words(uint64_t seconds)
 {
     const uint64_t minutes = seconds / 60;
-    if (minutes == 0) return std::to_string(seconds) + " s";
-    if (minutes < 60) return std::to_string(minutes) + " min";
-    return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
+    if (minutes == 0) return fmt::format("{} s", seconds);
+    if (minutes < 60) return fmt::format("{} min", minutes);
+    return fmt::format("{} h {} min", minutes / 60, minutes % 60);
+}
+
+std::string record_text(const json& registration)
+{
+    return fmt::format("{}, {}, P_Key {}, SM LID {}", field(registration, "name"), field(registration, "address"),
+                       field(registration, "p_key"), field(registration, "sm_lid"));
+}
+
+// How long ago the SA confirmed the record, behind `introduction`; "" if it never did.
+std::string confirmation_text(const json& registration, const char* introduction)
+{
+    const json& seconds = registration.at("confirmed_seconds");
+    return seconds.is_number() ? fmt::format("; {} {} ago", introduction, duration_in_words(seconds)) : "";
+}
+
+void show_missing_registration(std::ostream& output, const json& registration)
+{
+    output << "NOT registered: " << field(registration, "reason");
+    const json& seconds = registration.at("unanswered_seconds");
+    if (seconds.is_number()) output << fmt::format(" (for {})", duration_in_words(seconds));
+    output << '\n';
+    if (registration.at("name").is_null()) return;
+    output << "    last sent: " << record_text(registration)
+           << confirmation_text(registration, "the SA last confirmed it") << '\n';
 }
 
 // Says if the SA holds the host's record. Names the HCA if the host has several.
-void show_registration(std::ostream& to, const json& registration, bool is_only_one)
+void show_registration(std::ostream& output, const json& registration, bool is_only_one)
 {
-    const bool is_registered = registration.at("registered").get<bool>();
-    to << "  ";
-    if (!is_only_one) to << cell(registration.at("hca")) << ": ";
-    if (!is_registered) {
-        to << "NOT registered: " << cell(registration.at("reason"));
-        const json& unanswered = registration.at("unanswered_seconds");
-        if (unanswered.is_number()) to << " (for " << duration_of(unanswered) << ")";
-        to << '\n';
-        if (registration.at("name").is_null()) return;
-        to << "    last sent: ";
-    } else {
-        to << "registered: ";
-    }
-    to << cell(registration.at("name")) << ", " << cell(registration.at("address")) << ", P_Key "
-       << cell(registration.at("p_key")) << ", SM LID " << cell(registration.at("sm_lid"));
-    const json& confirmed = registration.at("confirmed_seconds");
-    if (confirmed.is_number())
-        to << (is_registered ? "; confirmed " : "; the SA last confirmed it ") << duration_of(confirmed) << " ago";
-    to << '\n';
-}
-
-void show_hca(std::ostream& to, const json& hca)
-{
-    to << "  " << cell(hca.at("name")) << ", ";
-    if (hca.at("active_port").is_null())
-        to << "no active port\n";
+    output << "  ";
+    if (!is_only_one) output << field(registration, "hca") << ": ";
+    if (registration.at("registered").get<bool>())
+        output << "registered: " << record_text(registration) << confirmation_text(registration, "confirmed") << '\n';
     else
-        to << "active port " << cell(hca.at("active_port")) << '\n';
-    to << console::format_table(rows_of(hca.at("ports"),
-                                        {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
-                                        {"port", "link", "state", "lid", "gid", "address", "sent", "received"}),
-                                4);
+        show_missing_registration(output, registration);
 }
 
-void show_verification(std::ostream& to, const json& verification)
+void show_hca(std::ostream& output, const json& hca)
+{
+    const bool has_active_port = !hca.at("active_port").is_null();
+    const std::string active_port = has_active_port ? "active port " + field(hca, "active_port") : "no active port";
+    output << fmt::format("  {}, {}\n", field(hca, "name"), active_port);
+    const console::table_rows ports =
+        console::make_rows(hca.at("ports"), {"PORT", "LINK", "STATE", "LID", "GID", "ADDRESS", "SENT", "RECEIVED"},
+                           {"port", "link", "state", "lid", "gid", "address", "sent", "received"});
+    output << console::format_table(ports, table_indent);
+}
+
+void show_verification(std::ostream& output, const json& verification)
 {
     if (verification.at("period") == 0)
-        to << "  registration is not checked\n";
+        output << "  registration is not checked\n";
     else
-        to << "  registration is checked every " << cell(verification.at("period")) << " s, up to "
-           << cell(verification.at("skew")) << " % later\n";
+        output << fmt::format("  registration is checked every {} s, up to {} % later\n", field(verification, "period"),
+                              field(verification, "skew"));
 }
 
-void show_ibat(std::ostream& to, const json& ibat)
+void show_ibat(std::ostream& output, const json& ibat)
 {
     const json& counters = ibat.at("counters");
-    to << "  IBAT: " << counters.at("hits") << " hits, " << counters.at("misses") << " misses, "
-       << counters.at("requests") << " requests, " << counters.at("retries") << " retries, " << counters.at("timeouts")
-       << " time-outs\n";
+    output << fmt::format("  IBAT: {} hits, {} misses, {} requests, {} retries, {} time-outs\n",
+                          field(counters, "hits"), field(counters, "misses"), field(counters, "requests"),
+                          field(counters, "retries"), field(counters, "timeouts"));
     if (ibat.at("cache").empty()) return;
-    to << console::format_table(rows_of(ibat.at("cache"), {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
-                                        {"address", "gid", "kind", "age_seconds", "expires_seconds"}),
-                                4);
+    const console::table_rows cache =
+        console::make_rows(ibat.at("cache"), {"ADDRESS", "GID", "KIND", "AGE (s)", "EXPIRES IN (s)"},
+                           {"address", "gid", "kind", "age_seconds", "expires_seconds"});
+    output << console::format_table(cache, table_indent);
 }
 
-std::string duration(uint64_t microseconds)
+void show_host(std::ostream& output, const json& host)
 {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.2f ms", static_cast<double>(microseconds) / 1000);
-    return text;
+    output << fmt::format("{}: {}, trace level {}\n", field(host, "name"), field(host, "version"),
+                          field(host, "trace"));
+    const json& registrations = host.at("registrations");
+    for (const json& registration : registrations) show_registration(output, registration, registrations.size() == 1);
+    for (const json& hca : host.at("hcas")) show_hca(output, hca);
+    if (host.contains("verification")) show_verification(output, host.at("verification"));
+    if (host.contains("ibat")) show_ibat(output, host.at("ibat"));
 }
 
-// The result of a verification, in words; "" if none was asked for.
-std::string verdict(const json& answer)
+// The result of a verification, in words; "" without one.
+std::string verification_text(const json& answer)
 {
     if (!answer.contains("verified")) return "";
-    if (answer.at("verified").is_null()) return "; could not be verified: " + cell(answer.at("unverified_reason"));
+    if (answer.at("verified").is_null()) return "; could not be verified: " + field(answer, "unverified_reason");
     if (answer.at("verified").get<bool>()) return "; the SA agrees";
-    const std::string cached = answer.at("cached").is_null() ? "no owner" : cell(answer.at("cached"));
-    return "; the cache was WRONG: " + cached +
-           (answer.at("corrected").get<bool>() ? "; it is corrected" : "; it keeps that as the host's own");
+    const bool is_corrected = answer.at("corrected").get<bool>();
+    return fmt::format("; the cache was WRONG: {}; {}",
+                       answer.at("cached").is_null() ? "no owner" : field(answer, "cached"),
+                       is_corrected ? "it is corrected" : "it keeps that as the host's own");
+}
+
+void show_records(std::ostream& output, const json& answer, const char* text_without_records)
+{
+    if (answer.at("records").empty())
+        output << text_without_records;
+    else
+        output << console::format_table(console::record_rows(answer.at("records")), 0);
+    for (const json& remark : answer.at("remarks")) output << fmt::format("Note: {}.\n", console::cell_text(remark));
+    if (answer.at("silent").get<bool>()) output << "It is silent ('ats sa silence off' ends that).\n";
+    if (!answer.at("status").is_null())
+        output << fmt::format("It answers everything with status {} ('ats sa status 0' ends that).\n",
+                              field(answer, "status"));
 }
 
 } // namespace
 
-void show_status(std::ostream& to, const json& answer)
+void show_status(std::ostream& output, const json& answer)
 {
-    to << (answer.at("fabric") == "umad" ? "A real" : "An embedded") << " fabric, up for "
-       << duration_of(answer.at("uptime_seconds")) << ".\n";
-    for (const json& host : answer.at("hosts")) {
-        to << cell(host.at("name")) << ": " << cell(host.at("version")) << ", trace level " << cell(host.at("trace"))
-           << '\n';
-        for (const json& registration : host.at("registrations"))
-            show_registration(to, registration, host.at("registrations").size() == 1);
-        for (const json& hca : host.at("hcas")) show_hca(to, hca);
-        if (host.contains("verification")) show_verification(to, host.at("verification"));
-        if (host.contains("ibat")) show_ibat(to, host.at("ibat"));
-    }
+    output << fmt::format("{} fabric, up for {}.\n", answer.at("fabric") == "umad" ? "A real" : "An embedded",
+                          duration_in_words(answer.at("uptime_seconds")));
+    for (const json& host : answer.at("hosts")) show_host(output, host);
 }
 
-void show_resolution(std::ostream& to, const json& answer)
+void show_resolution(std::ostream& output, const json& answer)
 {
-    to << cell(answer.at("asked")) << "  ";
-    if (answer.at("status") == "ok")
-        to << cell(answer.at("found"));
-    else
-        to << cell(answer.at("status")) << ": " << cell(answer.at("reason"));
-    to << "  (";
-    if (answer.contains("host_name")) to << cell(answer.at("address")) << ", ";
-    if (!answer.at("source").is_null()) to << "from the " << cell(answer.at("source")) << ", ";
-    to << duration(answer.at("microseconds")) << verdict(answer) << ")" << std::endl;
+    const bool is_ok = answer.at("status") == "ok";
+    output << field(answer, "asked") << "  "
+           << (is_ok ? field(answer, "found") : field(answer, "status") + ": " + field(answer, "reason")) << "  (";
+    if (answer.contains("host_name")) output << field(answer, "address") << ", ";
+    if (!answer.at("source").is_null()) output << "from the " << field(answer, "source") << ", ";
+    const double milliseconds = answer.at("microseconds").get<double>() / 1000;
+    output << fmt::format("{:.2f} ms{})", milliseconds, verification_text(answer)) << std::endl;
 }
 
-void show_records(std::ostream& to, const json& answer, bool is_selection)
+void show_all_records(std::ostream& output, const json& answer)
 {
-    if (answer.at("records").empty())
-        to << (is_selection ? "The SA holds no such ServiceRecord.\n" : "The SA holds no ServiceRecord.\n");
-    else
-        to << console::format_table(rows_of(answer.at("records"), {"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"},
-                                            {"gid", "p_key", "address", "host_name", "lease"}),
-                                    0);
-    for (const json& remark : answer.at("remarks")) to << "Note: " << cell(remark) << ".\n";
-    if (answer.at("silent").get<bool>()) to << "It is silent ('ats sa silence off' ends that).\n";
-    if (!answer.at("status").is_null())
-        to << "It answers everything with status " << cell(answer.at("status")) << " ('ats sa status 0' ends that).\n";
+    show_records(output, answer, "The SA holds no ServiceRecord.\n");
 }
 
-void show_output(std::ostream& to, const json& answer)
+void show_selected_records(std::ostream& output, const json& answer)
 {
-    to << world::printable_lines(answer.at("output").get<std::string>());
+    show_records(output, answer, "The SA holds no such ServiceRecord.\n");
 }
 
-void show_done(std::ostream& to, const json& answer)
+void show_output(std::ostream& output, const json& answer)
 {
-    to << cell(answer.at("done")) << '\n';
-    if (answer.contains("warning")) to << "Warning: " << cell(answer.at("warning")) << ".\n";
+    output << world::printable_lines(answer.at("output").get<std::string>());
+}
+
+void show_done(std::ostream& output, const json& answer)
+{
+    output << field(answer, "done") << '\n';
+    if (answer.contains("warning")) output << fmt::format("Warning: {}.\n", field(answer, "warning"));
 }
 
 } // namespace cli

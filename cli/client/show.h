@@ -1,4 +1,5 @@
-// Answers of the service, for people.
+// Shows answers of the service to people. An answer that lacks a key throws nlohmann::json::exception; see
+// set_client_action().
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -10,14 +11,15 @@ namespace cli
 
 using json = nlohmann::json;
 
-void show_status(std::ostream& to, const json& answer);
-void show_resolution(std::ostream& to, const json& answer);
-void show_records(std::ostream& to, const json& answer, bool is_selection); // whether there may be others
-void show_output(std::ostream& to, const json& answer);                     // of a control command
-void show_done(std::ostream& to, const json& answer);
+void show_status(std::ostream& output, const json& answer);
+void show_resolution(std::ostream& output, const json& answer);
+void show_all_records(std::ostream& output, const json& answer);
+void show_selected_records(std::ostream& output, const json& answer); // the SA may hold others
+void show_output(std::ostream& output, const json& answer);           // of a control command
+void show_done(std::ostream& output, const json& answer);
 
-// The status in a window of that many columns and lines: everything if it fits, otherwise a line for each port and
-// host; what still has no room is cut, and its last line says so.
+// The status for a window of this size, in lines without an end after the last. If the whole status does not fit, each
+// port and each host has one line. If these do not fit either, the last line says how many are hidden.
 std::string fit_status(const json& answer, size_t columns, size_t lines);
 
 } // namespace cli

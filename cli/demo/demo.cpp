@@ -72,14 +72,14 @@ int run_demo(const std::string& module_folder, fabric::capture* capture)
     return result;
 }
 
-int run_captured_demo(const std::string& module_folder, const std::string& path)
+ats::result<int> run_captured_demo(const std::string& module_folder, const std::string& path)
 {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     fabric::capture capture(path, static_cast<uint64_t>(now_ms));
-    if (const std::string why = capture.failure(); !why.empty()) throw console::failure(console::exit_usage, why);
+    if (const std::string why = capture.failure(); !why.empty()) return ats::fail(ats::error_kind::invalid, why);
     const int result = run_demo(module_folder, &capture);
-    if (const std::string why = capture.close(); !why.empty()) throw console::failure(console::exit_failed, why);
+    if (const std::string why = capture.close(); !why.empty()) return ats::fail(why);
     std::printf("%llu datagrams are in %s: open it with Wireshark, or 'tshark -V -r %s'.\n",
                 static_cast<unsigned long long>(capture.packets()), path.c_str(), path.c_str());
     return result;
@@ -87,7 +87,7 @@ int run_captured_demo(const std::string& module_folder, const std::string& path)
 
 } // namespace
 
-void add_demo(CLI::App& program, int& exit_code)
+void add_demo(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command =
         program.add_subcommand("demo", "Show the service at work: three hosts on a simulated fabric, in a moment");
@@ -96,9 +96,10 @@ void add_demo(CLI::App& program, int& exit_code)
     command->add_option("--capture", *path, "Write every datagram to this file, for Wireshark and tshark")
         ->option_text("FILE");
     console::add_module_folder_option(*command, *modules);
-    command->callback([=, &exit_code] {
-        exit_code = path->empty() ? run_demo(*modules, nullptr) : run_captured_demo(*modules, *path);
-    });
+    command->callback(console::command_callback(outcome, [=]() -> ats::result<int> {
+        if (path->empty()) return run_demo(*modules, nullptr);
+        return run_captured_demo(*modules, *path);
+    }));
 }
 
 } // namespace cli

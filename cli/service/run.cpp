@@ -155,7 +155,7 @@ int serve(const run_options& options)
 
 } // namespace
 
-void add_run(CLI::App& program, int& exit_code)
+void add_run(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("run", "Keep hosts running on a fabric until a signal");
     auto options = std::make_shared<run_options>();
@@ -180,7 +180,7 @@ void add_run(CLI::App& program, int& exit_code)
     command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")
         ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);
-    command->callback([options, &exit_code] { exit_code = serve(*options); });
+    command->callback(console::command_callback(outcome, [options] { return serve(*options); }));
 }
 
 } // namespace cli
