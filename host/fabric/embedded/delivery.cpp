@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "host/exec/task.h"
-#include "host/fabric/embedded/adapter.h"
+#include "host/fabric/embedded/subnet-hca.h"
 
 namespace embedded
 {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "host/fabric/embedded/adapter.h"
+#include "host/fabric/embedded/subnet-hca.h"
 
 namespace embedded
 {
