@@ -26,7 +26,7 @@ int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
 
 } // namespace
 
-fabric::port_attributes adapter::read_port(int port)
+fabric::port_attributes subnet_hca::read_port(int port)
 {
     std::lock_guard lock(net_.mutex_);
     const port_record& now = ports.at(static_cast<size_t>(port - 1));
@@ -41,7 +41,7 @@ fabric::port_attributes adapter::read_port(int port)
             .p_keys = now.p_keys};
 }
 
-bool subnet::send(adapter& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad)
+bool subnet::send(subnet_hca& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad)
 {
     if (port < 1 || port > from.port_count()) return false;
     const port_record& source = from.ports[static_cast<size_t>(port - 1)];
@@ -81,7 +81,7 @@ bool subnet::is_refused()
     return is_full || by_chance;
 }
 
-void subnet::set_listener(adapter& of, fabric::listener* to)
+void subnet::set_listener(subnet_hca& of, fabric::listener* to)
 {
     if (exec::current_task() == fabric_task_) exec::panic("%s: a listener called listen()", of.name().c_str());
     lock_guard lock(mutex_);
@@ -121,7 +121,7 @@ void subnet::carry()
 }
 
 template <class call_t>
-void subnet::call_listener(adapter& at, lock_guard& lock, const call_t& call)
+void subnet::call_listener(subnet_hca& at, lock_guard& lock, const call_t& call)
 {
     fabric::listener& listener = *at.told;
     calling_ = &at;

@@ -10,7 +10,7 @@ namespace embedded
 
 // Guarded by the subnet, except what never changes.
 struct port_record {
-    adapter* const owner;
+    subnet_hca* const owner;
     const int number;
     const uint16_t assigned_lid;
     const fabric::gid_bytes gid;
@@ -28,10 +28,10 @@ struct port_record {
     bool is_active() const { return state == fabric::link_state::active; }
 };
 
-class adapter final : public fabric::hca
+class subnet_hca final : public fabric::hca
 {
   public:
-    adapter(subnet& plugged_into, std::string host_name, std::string hca_name, int port_count)
+    subnet_hca(subnet& plugged_into, std::string host_name, std::string hca_name, int port_count)
         : host(std::move(host_name)), net_(plugged_into), name_(std::move(hca_name))
     {
         ports.reserve(static_cast<size_t>(port_count));

@@ -82,20 +82,20 @@ fabric::hca& subnet::add_hca(const std::string& host, const hca_description& des
         throw std::invalid_argument(called + " has more port GUIDs than ports");
     if (next_lid_ + description.ports > last_unicast_lid) throw std::length_error(called + ": no LIDs are left");
     if (const auto known = hosts_.find(host); known != hosts_.end())
-        for (const adapter* other : known->second)
+        for (const subnet_hca* other : known->second)
             if (other->name() == description.name) throw std::invalid_argument(host + " has two HCAs " + other->name());
 
     std::vector<uint64_t> guids = description.port_guids;
     for (int port = static_cast<int>(guids.size()) + 1; port <= description.ports; ++port)
-        guids.push_back(assigned_guid(adapters_.size() + 1, port));
+        guids.push_back(assigned_guid(hcas_.size() + 1, port));
     for (auto guid = guids.begin(); guid != guids.end(); ++guid)
         if (port_by_guid_.contains(*guid) || std::find(guids.begin(), guid, *guid) != guid)
             throw std::invalid_argument(called + " has the port GUID of another port");
 
-    adapters_.push_back(std::make_unique<adapter>(*this, host, description.name, description.ports));
-    for (const uint64_t guid : guids) plug_port(*adapters_.back(), guid, description.p_keys);
-    hosts_[host].push_back(adapters_.back().get());
-    return *adapters_.back();
+    hcas_.push_back(std::make_unique<subnet_hca>(*this, host, description.name, description.ports));
+    for (const uint64_t guid : guids) plug_port(*hcas_.back(), guid, description.p_keys);
+    hosts_[host].push_back(hcas_.back().get());
+    return *hcas_.back();
 }
 
 std::vector<fabric::hca*> subnet::add_host(const std::string& host, const std::vector<hca_description>& hcas)
@@ -105,7 +105,7 @@ std::vector<fabric::hca*> subnet::add_host(const std::string& host, const std::v
     return plugged;
 }
 
-void subnet::plug_port(adapter& owner, uint64_t guid, const std::vector<uint16_t>& p_keys)
+void subnet::plug_port(subnet_hca& owner, uint64_t guid, const std::vector<uint16_t>& p_keys)
 {
     if (next_lid_ == sm_lid_) ++next_lid_;
     const uint16_t lid = next_lid_++;
@@ -123,20 +123,20 @@ hca_lookup subnet::find(const std::string& host, const std::string& hca) const
 {
     lock_guard lock(mutex_);
     hca_lookup result;
-    result.hca = find_adapter(host, hca, result.why);
+    result.hca = find_hca(host, hca, result.why);
     return result;
 }
 
-adapter* subnet::find_adapter(const std::string& host, const std::string& hca, std::string& why) const
+subnet_hca* subnet::find_hca(const std::string& host, const std::string& hca, std::string& why) const
 {
     name_list known;
     const auto found = hosts_.find(host);
     if (found == hosts_.end()) {
-        for (const auto& [name, adapters] : hosts_) known.add(name);
+        for (const auto& [name, hcas] : hosts_) known.add(name);
         why = hosts_.empty() ? "there are no hosts" : "there is no host '" + host + "'; there are " + known.text();
         return nullptr;
     }
-    for (adapter* each : found->second) {
+    for (subnet_hca* each : found->second) {
         if (each->name() == hca) return each;
         known.add(each->name());
     }
@@ -146,7 +146,7 @@ adapter* subnet::find_adapter(const std::string& host, const std::string& hca, s
 
 port_record* subnet::find_port(const std::string& host, const std::string& hca, int port, std::string& why) const
 {
-    adapter* at = find_adapter(host, hca, why);
+    subnet_hca* at = find_hca(host, hca, why);
     if (!at) return nullptr;
     if (port >= 1 && port <= at->port_count()) return &at->ports[static_cast<size_t>(port - 1)];
     why = hca + " of " + host + " has no port " + std::to_string(port) +
@@ -192,7 +192,7 @@ outcome subnet::set_sm(uint16_t lid, uint8_t sl)
     }
     sm_lid_ = lid;
     sm_sl_ = sl;
-    for (const auto& each : adapters_) {
+    for (const auto& each : hcas_) {
         for (port_record& port : each->ports) {
             if (!port.is_active()) continue;
             port.sm_lid = lid;
@@ -256,7 +256,7 @@ std::vector<port_view> subnet::ports() const
 {
     lock_guard lock(mutex_);
     std::vector<port_view> list;
-    for (const auto& each : adapters_)
+    for (const auto& each : hcas_)
         for (const port_record& port : each->ports)
             list.push_back(
                 {each->host, each->name(), port.number, port.state, port.lid, port.sm_lid, text_of(port.gid)});

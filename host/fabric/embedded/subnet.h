@@ -53,7 +53,7 @@ struct hca_lookup {
     std::string why; // when there is none
 };
 
-class adapter;
+class subnet_hca;
 struct port_record;
 
 // Every call may come from any thread.
@@ -114,25 +114,25 @@ class subnet
     std::vector<service_record_view> service_records() const;
 
   private:
-    friend class adapter;
+    friend class subnet_hca;
     using lock_guard = std::unique_lock<std::mutex>;
 
-    void plug_port(adapter& owner, uint64_t guid, const std::vector<uint16_t>& p_keys);
+    void plug_port(subnet_hca& owner, uint64_t guid, const std::vector<uint16_t>& p_keys);
     port_record* find_port(const std::string& host, const std::string& hca, int port, std::string& why) const;
-    adapter* find_adapter(const std::string& host, const std::string& hca, std::string& why) const;
+    subnet_hca* find_hca(const std::string& host, const std::string& hca, std::string& why) const;
     outcome change_link(const std::string& host, const std::string& hca, int port, fabric::link_state state);
     void announce(const port_record& port, fabric::port_change change);
     void wake_fabric(lock_guard& lock);
 
-    // Called by the adapters.
-    bool send(adapter& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad);
-    void set_listener(adapter& of, fabric::listener* to);
+    // Called by the HCAs.
+    bool send(subnet_hca& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad);
+    void set_listener(subnet_hca& of, fabric::listener* to);
 
     // The fabric task. `lock` is held on entry and return; each lets go of it only to call a listener.
     void carry();
     bool tell_next_change(lock_guard& lock);
     template <class call_t>
-    void call_listener(adapter& at, lock_guard& lock, const call_t& call);
+    void call_listener(subnet_hca& at, lock_guard& lock, const call_t& call);
     void deliver(datagram& arriving, lock_guard& lock);
     bool answer_as_sa(datagram& request);
     bool serve_as_sa(fabric::mad_bytes& mad);
@@ -149,8 +149,8 @@ class subnet
     const subnet_options options_;
 
     mutable std::mutex mutex_; // all below
-    std::vector<std::unique_ptr<adapter>> adapters_;
-    std::map<std::string, std::vector<adapter*>> hosts_;
+    std::vector<std::unique_ptr<subnet_hca>> hcas_;
+    std::map<std::string, std::vector<subnet_hca*>> hosts_;
     std::vector<port_record*> port_by_lid_;
     std::unordered_map<uint64_t, port_record*> port_by_guid_;
     uint16_t sm_lid_;
@@ -164,7 +164,7 @@ class subnet
     fabric::tap* tap_ = nullptr;
 
     struct pending_change {
-        adapter* at;
+        subnet_hca* at;
         int port;
         fabric::port_change change;
         uint16_t sm_lid;
@@ -173,7 +173,7 @@ class subnet
     delivery_queue queue_;
     uint64_t sa_busy_until_tick_ = 0;
     std::mt19937_64 dice_;
-    adapter* calling_ = nullptr; // whose listener is running
+    subnet_hca* calling_ = nullptr; // whose listener is running
     bool asleep_ = false;        // the fabric task has parked, and nobody has woken it since
     bool stopping_ = false;
     exec::task* fabric_task_ = nullptr;
