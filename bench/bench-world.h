@@ -15,8 +15,8 @@ struct bench_world {
             world::host_plan plan;
             plan.name = "node" + std::to_string(i);
             plan.modules = world::usual_modules(plan.name, address_of(i));
-            hosts.push_back(std::make_unique<world::host>(*sim, subnet, plan, world::default_module_folder(),
-                                                          static_cast<uint64_t>(i)));
+            hosts.push_back(std::make_unique<world::host>(*sim, world::add_hcas(subnet, plan).value(), plan,
+                                                          world::default_module_folder(), static_cast<uint64_t>(i)));
         }
     }
     ~bench_world() { hosts.clear(); }
@@ -31,8 +31,8 @@ struct bench_world {
     {
         for (const auto& host : hosts) {
             if (const kernel::load_result loaded = host->load(); !loaded) return loaded.why;
-            if (const embedded::outcome up = subnet.link_up(host->name(), host->plan().hcas[0].name, 1); !up)
-                return up.why;
+            if (const ats::result<> up = subnet.link_up(host->name(), host->plan().hcas[0].name, 1); !up)
+                return up.error().text;
         }
         sim->run_for(1);
         return "";

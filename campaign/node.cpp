@@ -41,7 +41,8 @@ std::string contradiction_in(const console::json& hca)
 } // namespace
 
 node::node(arena& at, size_t its_number, const host_shape& shape)
-    : in(at), number(its_number), host(*in.sim, in.net, plan_of(number, shape), in.module_folder, 1 + number),
+    : in(at), number(its_number), host(*in.sim, world::add_hcas(in.net, plan_of(number, shape)).value(),
+                                       plan_of(number, shape), in.module_folder, 1 + number),
       harm_(std::make_unique<harm_watch>())
 {
     hcas = machine().hcas();

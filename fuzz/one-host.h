@@ -42,15 +42,12 @@ struct one_host {
 
     std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     embedded::subnet net{*sim, {.service_record_limit = 64}};
-    world::host host{*sim,
-                     net,
-                     {.name = "node1",
-                      .hcas = {{"mthca0", 2}},
-                      .trace_level = 5,
-                      .modules = world::usual_modules("node1", "10.0.0.1")},
-                     world::default_module_folder(),
-                     1};
-    fabric::hca& stranger = net.add_hca("stranger", "mthca0", 1);
+    const world::host_plan plan{.name = "node1",
+                                .hcas = {{"mthca0", 2}},
+                                .trace_level = 5,
+                                .modules = world::usual_modules("node1", "10.0.0.1")};
+    world::host host{*sim, world::add_hcas(net, plan).value(), plan, world::default_module_folder(), 1};
+    fabric::hca& stranger = *net.add_hca("stranger", "mthca0", 1).value();
 };
 
 } // namespace fuzz

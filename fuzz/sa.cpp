@@ -29,7 +29,7 @@ struct fabric_alone {
     static constexpr size_t record_limit = 8;
     std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     embedded::subnet net{*sim, {.service_record_limit = record_limit}};
-    fabric::hca& hca = net.add_hca("stranger", "mthca0", 1);
+    fabric::hca& hca = *net.add_hca("stranger", "mthca0", 1).value();
     sa_client client;
 };
 

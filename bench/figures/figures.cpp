@@ -133,7 +133,7 @@ int lookups(int count)
     const auto exec = exec::make_threaded_executor();
     embedded::subnet net(*exec);
     world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
-    world::host host(*exec, net, plan, world::default_module_folder(), 1);
+    world::host host(*exec, world::add_hcas(net, plan).value(), plan, world::default_module_folder(), 1);
     if (!host.load() || !net.link_up("node1", "mthca0", 1)) return 1;
     while (net.service_records().empty()) usleep(1000);
     std::vector<uint64_t> took;
@@ -167,7 +167,7 @@ int repeat(const std::string& step, int count)
         return 0;
     }
     bench_world world(2);
-    fabric::hca& stranger = world.subnet.add_hca("stranger", "mthca0", 1);
+    fabric::hca& stranger = *world.subnet.add_hca("stranger", "mthca0", 1).value();
     if (!world.bring_up().empty() || !world.subnet.link_up("stranger", "mthca0", 1)) return 1;
     kernel::machine& host = world.hosts[0]->machine();
     const uint32_t other = *world::parse_ipv4("10.0.0.2");

@@ -38,16 +38,17 @@ stage::stage(const std::string& module_folder, fabric::tap* tap, bool is_termina
                                       plan_of("node3", 1, "10.0.0.3")};
     uint64_t random_seed = 0;
     for (const world::host_plan& plan : plans)
-        hosts_.push_back(std::make_unique<world::host>(*time_, *subnet_, plan, module_folder, ++random_seed));
+        hosts_.push_back(std::make_unique<world::host>(*time_, world::add_hcas(*subnet_, plan).value(), plan,
+                                                       module_folder, ++random_seed));
     log_positions_.resize(hosts_.size());
 }
 
 void stage::link(world::host& at, int port, bool up)
 {
     const std::string& hca = at.plan().hcas.front().name;
-    const embedded::outcome changed =
+    const ats::result<> changed =
         up ? subnet_->link_up(at.name(), hca, port) : subnet_->link_down(at.name(), hca, port);
-    expect(bool(changed), changed.why);
+    expect(changed.has_value(), changed ? "" : changed.error().text);
 }
 
 void stage::write_control(world::host& at, const std::string& command)

@@ -84,9 +84,9 @@ json answer_link(running_hosts& hosts, const json& request)
     if (hca.empty()) hca = host.plan().hcas.front().name;
     const int port = request.value("port", 1);
     const bool up = is_first_of("up", "down", request.at("direction"));
-    const embedded::outcome changed =
+    const ats::result<> changed =
         up ? fabric.link_up(host.name(), hca, port) : fabric.link_down(host.name(), hca, port);
-    if (!changed) throw console::failure(console::exit_usage, changed.why);
+    if (!changed) throw console::failure(console::exit_usage, changed.error().text);
     return done(host.name() + " " + hca + " port " + std::to_string(port) + (up ? " is up." : " is down."));
 }
 

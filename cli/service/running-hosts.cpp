@@ -42,6 +42,14 @@ void or_not_started(const std::string& host, const step_t& step)
     }
 }
 
+// The plan's HCAs on an embedded fabric. Throws a failure when it cannot take them.
+std::vector<fabric::hca*> hcas_of_plan(embedded::subnet& subnet, const world::host_plan& plan)
+{
+    const auto hcas = world::add_hcas(subnet, plan);
+    if (!hcas) throw console::failure(console::exit_failed, plan.name + " does not start: " + hcas.error().text);
+    return *hcas;
+}
+
 } // namespace
 
 running_hosts::running_hosts(const world_config& config, const std::string& module_folder)
@@ -57,9 +65,8 @@ running_hosts::running_hosts(const world_config& config, const std::string& modu
     if (!config.fabric.capture.empty()) start_capture(config.fabric.capture);
     for (const world::host_plan& plan : config.hosts)
         or_not_started(plan.name, [&] {
-            hosts_.push_back(
-                real_ ? std::make_unique<world::host>(*exec_, real_->hcas(), plan, module_folder, system_randomness)
-                      : std::make_unique<world::host>(*exec_, *subnet_, plan, module_folder, system_randomness));
+            const std::vector<fabric::hca*> hcas = real_ ? real_->hcas() : hcas_of_plan(*subnet_, plan);
+            hosts_.push_back(std::make_unique<world::host>(*exec_, hcas, plan, module_folder, system_randomness));
         });
 }
 
@@ -114,7 +121,7 @@ bool running_hosts::start(const std::function<bool(size_t)>& may_go_on)
         for (const world::hca_plan& hca : host->plan().hcas)
             for (int port = 1; port <= hca.ports; ++port)
                 if (const auto up = subnet_->link_up(host->name(), hca.name, port); !up)
-                    throw console::failure(console::exit_failed, up.why);
+                    throw console::failure(console::exit_failed, up.error().text);
     return true;
 }
 

@@ -18,13 +18,6 @@ std::string quoted(const std::string& text)
     return '"' + text + '"';
 }
 
-std::vector<fabric::hca*> add_to(embedded::subnet& subnet, const host_plan& plan)
-{
-    std::vector<fabric::hca*> added;
-    for (const hca_plan& hca : plan.hcas) added.push_back(&subnet.add_hca(plan.name, hca.name, hca.ports));
-    return added;
-}
-
 } // namespace
 
 std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4)
@@ -34,19 +27,24 @@ std::vector<module_plan> usual_modules(const std::string& host_name, const std::
             {"ats", "ats_ipaddr_str=" + quoted(ipv4) + " ats_hostName_str=" + quoted(host_name)}};
 }
 
-host::host(exec::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
-           uint64_t random_seed)
-    : host(exec, add_to(subnet, plan), plan, std::move(module_folder), random_seed)
+ats::result<std::vector<fabric::hca*>> add_hcas(embedded::subnet& subnet, const host_plan& plan)
 {
+    std::vector<fabric::hca*> hcas;
+    for (const hca_plan& hca : plan.hcas) {
+        const ats::result<fabric::hca*> added = subnet.add_hca(plan.name, hca.name, hca.ports);
+        if (!added) return ats::pass_on(added);
+        hcas.push_back(*added);
+    }
+    return hcas;
 }
 
-host::host(exec::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
+host::host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const host_plan& plan,
            std::string module_folder, uint64_t random_seed)
     : plan_(plan), module_folder_(std::move(module_folder)),
       machine_(std::make_unique<kernel::machine>(
           exec, plan.name, kernel::machine_options{.random_seed = random_seed, .log_bytes = plan.log_bytes}))
 {
-    for (fabric::hca* each : adapters) machine_->plug(*each);
+    for (fabric::hca* each : hcas) machine_->plug(*each);
     machine_->enter("boot", [this] {
         stack::boot(*machine_);
         machine_->get<stack::registry>().set(ats_registry_key, "debug-level", plan_.trace_level);

@@ -8,6 +8,7 @@
 
 #include "host/fabric/embedded/subnet.h"
 #include "host/kernel/machine.h"
+#include "host/result.h"
 
 namespace world
 {
@@ -37,17 +38,17 @@ struct host_plan {
 // IBAT, UCM and ats for a host of that name and address, in the order that their bindings need.
 std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4);
 
+// Adds the HCAs of the plan to `subnet`, their links down. Fails as subnet::add_hca does.
+ats::result<std::vector<fabric::hca*>> add_hcas(embedded::subnet& subnet, const host_plan& plan);
+
 class host
 {
   public:
-    // Plugs the HCAs into `subnet` (links down), starts the tasks of the stack and fills the registry. Modules come
-    // from `module_folder`. Throws a shortage when there is no room for the tasks.
-    host(exec::executor& exec, embedded::subnet& subnet, const host_plan& plan, std::string module_folder,
+    // Plugs the HCAs in, starts the tasks of the stack and fills the registry. The HCAs, of any fabric, must outlive
+    // the host; the plan's own list of them is not read. Modules come from `module_folder`. Throws a shortage when
+    // there is no room for the tasks.
+    host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
-
-    // The same with HCAs of any fabric, whatever the plan says of them.
-    host(exec::executor& exec, const std::vector<fabric::hca*>& adapters, const host_plan& plan,
-         std::string module_folder, uint64_t random_seed);
 
     // Unloads what is loaded.
     ~host();

@@ -60,8 +60,8 @@ std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
 }
 
 ats_host::ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_setup& setup)
-    : setup_(setup), sim_(sim), subnet_(subnet),
-      host_(sim, subnet, plan_of(setup), world::default_module_folder(), host_random_seed)
+    : setup_(setup), sim_(sim), subnet_(subnet), host_(sim, world::add_hcas(subnet, plan_of(setup)).value(),
+                                                       plan_of(setup), world::default_module_folder(), host_random_seed)
 {
     if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
     peers().publish_ibat();
@@ -100,7 +100,7 @@ void ats_host::link_down(int port, int hca)
 
 kq_gid_t ats_host::gid(int port, int hca) const
 {
-    fabric::hca* at = subnet_.find(setup_.name, hca_name(hca)).hca;
+    fabric::hca* at = subnet_.find(setup_.name, hca_name(hca)).value();
     return from_wire(std::bit_cast<wire_gid_t>(at->read_port(port).gids[0]));
 }
 
@@ -263,7 +263,7 @@ std::vector<std::string> ats_world::records() const
 void ats_world::inject(const ats_host& to, int port, const fabric::mad_bytes& mad)
 {
     if (!stranger_) {
-        stranger_ = &subnet.add_hca("stranger", "hca", 1);
+        stranger_ = subnet.add_hca("stranger", "hca", 1).value();
         EXPECT_TRUE(subnet.link_up("stranger", "hca", 1));
     }
     const std::vector<embedded::port_view> ports = subnet.ports();

@@ -125,7 +125,8 @@ TEST(every_order, of_a_time_out_and_the_unloading_of_ats_and_of_who_asked_it)
     in_every_order(1, [](moment& at) {
         asker who;
         const world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
-        world::host host(*at.w.sim, at.w.subnet, plan, world::default_module_folder(), host_random_seed);
+        world::host host(*at.w.sim, world::add_hcas(at.w.subnet, plan).value(), plan, world::default_module_folder(),
+                         host_random_seed);
         kernel::machine& machine = host.machine();
         ASSERT_TRUE(host.load());
         EXPECT_TRUE(at.w.subnet.link_up("node1", "mthca0", 1));

@@ -9,7 +9,7 @@ namespace
 TEST(report, shows_every_hca_and_port)
 {
     ats_world w;
-    w.subnet.add_hca("other", "hca", 8); // the LID after its ports has a letter, as the counters below
+    w.subnet.add_hca("other", "hca", 8).value(); // the LID after its ports has a letter, as the counters below
     ats_host& host = w.add({.ports = {2, 1}}).load();
     host.link_up(2);
     w.subnet.faults.drop_next_answers = 1;

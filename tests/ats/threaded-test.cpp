@@ -32,8 +32,8 @@ class running_hosts
         for (const auto& [name, address] : addresses) {
             world::host_plan plan{.name = name, .modules = world::usual_modules(name, address)};
             if (name == "node1") plan.hcas = {{"mthca0", 2}, {"mthca1", 1}};
-            hosts.push_back(
-                std::make_unique<world::host>(*exec, subnet, plan, world::default_module_folder(), hosts.size() + 1));
+            hosts.push_back(std::make_unique<world::host>(*exec, world::add_hcas(subnet, plan).value(), plan,
+                                                          world::default_module_folder(), hosts.size() + 1));
             EXPECT_TRUE(hosts.back()->load());
         }
         for (const embedded::port_view& port : subnet.ports())

@@ -55,8 +55,8 @@ struct small_world {
 
     std::unique_ptr<exec::simulation> sim = exec::make_simulation();
     subnet net;
-    fabric::hca& first = net.add_hca("node1", "mthca0", 2);
-    fabric::hca& second = *net.add_host("node2").at(0);
+    fabric::hca& first = *net.add_hca("node1", "mthca0", 2).value();
+    fabric::hca& second = *net.add_hca("node2", {}).value();
     listening at_first, at_second;
 };
 struct two_hosts : testing::Test, small_world {
@@ -138,8 +138,8 @@ TEST_F(two_hosts, wrong_addresses_are_lost_and_counted_where_they_arrive)
 TEST_F(two_hosts, partitions_keep_hosts_apart)
 {
     listening at_third;
-    fabric::hca& third = net.add_hca("node3", {.p_keys = {0x7FFF, 0x8001}});
-    fabric::hca& fourth = net.add_hca("node4", {.p_keys = {0x0001}});
+    fabric::hca& third = *net.add_hca("node3", {.p_keys = {0x7FFF, 0x8001}}).value();
+    fabric::hca& fourth = *net.add_hca("node4", {.p_keys = {0x0001}}).value();
     third.listen(&at_third);
     for (const char* host : {"node3", "node4"}) ASSERT_TRUE(net.link_up(host, "mthca0", 1));
 
@@ -262,9 +262,10 @@ TEST(subnet, hosts_get_what_they_asked_for_or_a_clear_error)
 {
     auto sim = exec::make_simulation();
     subnet net(*sim, {.gid_prefix = 0xFEC0000000000001, .sm_lid = 3});
-    EXPECT_EQ(net.link_up("node1", "mthca0", 1).why, "there are no hosts");
-    net.add_host("node1", {{.name = "mthca0", .ports = 2, .port_guids = {0x0A0B0C0D0E0F1011}}, {.name = "mthca1"}});
-    net.add_host("node2");
+    EXPECT_EQ(net.link_up("node1", "mthca0", 1).error().text, "there are no hosts");
+    EXPECT_TRUE(net.add_hca("node1", {.name = "mthca0", .ports = 2, .port_guids = {0x0A0B0C0D0E0F1011}}));
+    EXPECT_TRUE(net.add_hca("node1", "mthca1", 1));
+    EXPECT_TRUE(net.add_hca("node2", {}));
 
     const auto ports = net.ports();
     ASSERT_EQ(ports.size(), 4u);
@@ -274,19 +275,20 @@ TEST(subnet, hosts_get_what_they_asked_for_or_a_clear_error)
     for (int port : {1, 2}) ASSERT_TRUE(net.link_up("node1", "mthca0", port));
     EXPECT_EQ(net.ports()[1].lid, 4) << "LID 3 is the SM's";
 
-    EXPECT_EQ(net.link_up("node9", "mthca0", 1).why, "there is no host 'node9'; there are node1, node2");
-    EXPECT_EQ(net.find("node1", "mthca3").why, "node1 has no HCA 'mthca3'; it has mthca0, mthca1");
-    EXPECT_EQ(net.link_down("node1", "mthca0", 3).why, "mthca0 of node1 has no port 3; its ports are 1 to 2");
-    EXPECT_EQ(net.link_down("node1", "mthca1", 0).why, "mthca1 of node1 has no port 0; its only port is 1");
-    EXPECT_EQ(net.set_sm(4, 0).why, "LID 4 is that of port 2 of mthca0 of node1");
+    EXPECT_EQ(net.link_up("node9", "mthca0", 1).error().text, "there is no host 'node9'; there are node1, node2");
+    EXPECT_EQ(net.find("node1", "mthca3").error().text, "node1 has no HCA 'mthca3'; it has mthca0, mthca1");
+    EXPECT_EQ(net.link_down("node1", "mthca0", 3).error().text, "mthca0 of node1 has no port 3; its ports are 1 to 2");
+    EXPECT_EQ(net.link_down("node1", "mthca1", 0).error().text, "mthca1 of node1 has no port 0; its only port is 1");
+    EXPECT_EQ(net.set_sm(4, 0).error().text, "LID 4 is that of port 2 of mthca0 of node1");
     EXPECT_FALSE(net.set_sm(0, 0));
     EXPECT_FALSE(net.set_sm(0xC000, 0));
-    EXPECT_NE(net.find("node2", "mthca0").hca, nullptr);
+    EXPECT_TRUE(net.find("node2", "mthca0"));
 
-    EXPECT_THROW(net.add_host("node1"), std::invalid_argument);
-    EXPECT_THROW(net.add_hca("node3", "mthca0", 0), std::invalid_argument);
-    EXPECT_THROW(net.add_hca("node3", {.port_guids = {0x0A0B0C0D0E0F1011}}), std::invalid_argument);
-    EXPECT_EQ(net.find("node3", "mthca0").hca, nullptr);
+    EXPECT_EQ(net.add_hca("node1", {}).error().text, "node1 has two HCAs mthca0");
+    EXPECT_EQ(net.add_hca("node3", "mthca0", 0).error().text, "mthca0 of node3 must have 1 to 254 ports");
+    EXPECT_EQ(net.add_hca("node3", {.port_guids = {0x0A0B0C0D0E0F1011}}).error().text,
+              "mthca0 of node3 has the port GUID of another port");
+    EXPECT_FALSE(net.find("node3", "mthca0"));
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 #include "host/fabric/embedded/subnet.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
-#include <stdexcept>
 
 #include "host/fabric/embedded/subnet-hca.h"
 
@@ -25,6 +25,12 @@ uint64_t assigned_guid(size_t hca_number, int port)
 bool is_unicast(uint16_t lid)
 {
     return lid >= 1 && lid <= last_unicast_lid;
+}
+
+// As errors name an HCA.
+std::string title(const std::string& host, const hca_description& description)
+{
+    return description.name + " of " + host;
 }
 
 // "node1, node2, node3"; of many, the first ones.
@@ -58,7 +64,7 @@ subnet::subnet(exec::executor& exec, subnet_options options)
           }),
       queue_(options_.queue_capacity), dice_(options_.fault_seed)
 {
-    if (!is_unicast(sm_lid_)) throw std::invalid_argument("the SM's LID must be 1 to 49151");
+    assert(is_unicast(sm_lid_));
     fabric_task_ = &exec_.start(nullptr, "fabric", [this] { carry(); });
 }
 
@@ -72,37 +78,38 @@ subnet::~subnet()
     exec_.join(*fabric_task_);
 }
 
-fabric::hca& subnet::add_hca(const std::string& host, const hca_description& description)
+ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_description& description)
 {
     lock_guard lock(mutex_);
-    const std::string called = description.name + " of " + host;
-    if (description.ports < 1 || description.ports > last_port)
-        throw std::invalid_argument(called + " must have 1 to 254 ports");
-    if (description.port_guids.size() > static_cast<size_t>(description.ports))
-        throw std::invalid_argument(called + " has more port GUIDs than ports");
-    if (next_lid_ + description.ports > last_unicast_lid) throw std::length_error(called + ": no LIDs are left");
-    if (const auto known = hosts_.find(host); known != hosts_.end())
-        for (const subnet_hca* other : known->second)
-            if (other->name() == description.name) throw std::invalid_argument(host + " has two HCAs " + other->name());
+    if (const ats::result<> checked = check(host, description); !checked) return ats::pass_on(checked);
 
     std::vector<uint64_t> guids = description.port_guids;
     for (int port = static_cast<int>(guids.size()) + 1; port <= description.ports; ++port)
         guids.push_back(assigned_guid(hcas_.size() + 1, port));
     for (auto guid = guids.begin(); guid != guids.end(); ++guid)
         if (port_by_guid_.contains(*guid) || std::find(guids.begin(), guid, *guid) != guid)
-            throw std::invalid_argument(called + " has the port GUID of another port");
+            return ats::fail(ats::error_kind::exists, title(host, description) + " has the port GUID of another port");
 
     hcas_.push_back(std::make_unique<subnet_hca>(*this, host, description.name, description.ports));
     for (const uint64_t guid : guids) plug_port(*hcas_.back(), guid, description.p_keys);
     hosts_[host].push_back(hcas_.back().get());
-    return *hcas_.back();
+    return hcas_.back().get();
 }
 
-std::vector<fabric::hca*> subnet::add_host(const std::string& host, const std::vector<hca_description>& hcas)
+// What can be said of the description without the port GUIDs that the subnet assigns.
+ats::result<> subnet::check(const std::string& host, const hca_description& description) const
 {
-    std::vector<fabric::hca*> plugged;
-    for (const hca_description& each : hcas) plugged.push_back(&add_hca(host, each));
-    return plugged;
+    using enum ats::error_kind;
+    if (description.ports < 1 || description.ports > last_port)
+        return ats::fail(invalid, title(host, description) + " must have 1 to 254 ports");
+    if (description.port_guids.size() > static_cast<size_t>(description.ports))
+        return ats::fail(invalid, title(host, description) + " has more port GUIDs than ports");
+    if (next_lid_ + description.ports > last_unicast_lid)
+        return ats::fail(title(host, description) + ": no LIDs are left");
+    if (const auto entry = hosts_.find(host); entry != hosts_.end())
+        for (const subnet_hca* other : entry->second)
+            if (other->name() == description.name) return ats::fail(exists, host + " has two HCAs " + other->name());
+    return {};
 }
 
 void subnet::plug_port(subnet_hca& owner, uint64_t guid, const std::vector<uint16_t>& p_keys)
@@ -119,81 +126,83 @@ void subnet::plug_port(subnet_hca& owner, uint64_t guid, const std::vector<uint1
     port_by_guid_[guid] = &owner.ports.back();
 }
 
-hca_lookup subnet::find(const std::string& host, const std::string& hca) const
+ats::result<fabric::hca*> subnet::find(const std::string& host, const std::string& hca) const
 {
     lock_guard lock(mutex_);
-    hca_lookup result;
-    result.hca = find_hca(host, hca, result.why);
-    return result;
+    return find_hca(host, hca);
 }
 
-subnet_hca* subnet::find_hca(const std::string& host, const std::string& hca, std::string& why) const
+ats::result<subnet_hca*> subnet::find_hca(const std::string& host, const std::string& hca) const
 {
-    name_list known;
-    const auto found = hosts_.find(host);
-    if (found == hosts_.end()) {
-        for (const auto& [name, hcas] : hosts_) known.add(name);
-        why = hosts_.empty() ? "there are no hosts" : "there is no host '" + host + "'; there are " + known.text();
-        return nullptr;
+    using enum ats::error_kind;
+    name_list names;
+    const auto entry = hosts_.find(host);
+    if (entry == hosts_.end()) {
+        if (hosts_.empty()) return ats::fail(not_found, "there are no hosts");
+        for (const auto& [name, hcas] : hosts_) names.add(name);
+        return ats::fail(not_found, "there is no host '" + host + "'; there are " + names.text());
     }
-    for (subnet_hca* each : found->second) {
+    for (subnet_hca* each : entry->second) {
         if (each->name() == hca) return each;
-        known.add(each->name());
+        names.add(each->name());
     }
-    why = host + " has no HCA '" + hca + "'; it has " + known.text();
-    return nullptr;
+    return ats::fail(not_found, host + " has no HCA '" + hca + "'; it has " + names.text());
 }
 
-port_record* subnet::find_port(const std::string& host, const std::string& hca, int port, std::string& why) const
+ats::result<port_record*> subnet::find_port(const std::string& host, const std::string& hca, int port) const
 {
-    subnet_hca* at = find_hca(host, hca, why);
-    if (!at) return nullptr;
-    if (port >= 1 && port <= at->port_count()) return &at->ports[static_cast<size_t>(port - 1)];
-    why = hca + " of " + host + " has no port " + std::to_string(port) +
-          (at->port_count() == 1 ? "; its only port is 1" : "; its ports are 1 to " + std::to_string(at->port_count()));
-    return nullptr;
+    const ats::result<subnet_hca*> owner = find_hca(host, hca);
+    if (!owner) return ats::pass_on(owner);
+    const int count = (*owner)->port_count();
+    if (port >= 1 && port <= count) return &(*owner)->ports[static_cast<size_t>(port - 1)];
+    return ats::fail(ats::error_kind::not_found,
+                     hca + " of " + host + " has no port " + std::to_string(port) +
+                         (count == 1 ? "; its only port is 1" : "; its ports are 1 to " + std::to_string(count)));
 }
 
-outcome subnet::link_up(const std::string& host, const std::string& hca, int port)
+ats::result<> subnet::link_up(const std::string& host, const std::string& hca, int port)
 {
     return change_link(host, hca, port, fabric::link_state::active);
 }
 
-outcome subnet::link_down(const std::string& host, const std::string& hca, int port)
+ats::result<> subnet::link_down(const std::string& host, const std::string& hca, int port)
 {
     return change_link(host, hca, port, fabric::link_state::down);
 }
 
-outcome subnet::change_link(const std::string& host, const std::string& hca, int port, fabric::link_state state)
+ats::result<> subnet::change_link(const std::string& host, const std::string& hca, int number, fabric::link_state state)
 {
     lock_guard lock(mutex_);
-    outcome result;
-    port_record* changed = find_port(host, hca, port, result.why);
-    if (!changed) return result;
-    changed->state = state;
-    if (changed->is_active()) {
-        changed->lid = changed->assigned_lid;
-        changed->sm_lid = sm_lid_;
-        changed->sm_sl = sm_sl_;
+    const ats::result<port_record*> record = find_port(host, hca, number);
+    if (!record) return ats::pass_on(record);
+    port_record& port = **record;
+    port.state = state;
+    if (port.is_active()) {
+        port.lid = port.assigned_lid;
+        port.sm_lid = sm_lid_;
+        port.sm_sl = sm_sl_;
     }
-    announce(*changed, changed->is_active() ? fabric::port_change::link_up : fabric::port_change::link_down);
+    announce(port, port.is_active() ? fabric::port_change::link_up : fabric::port_change::link_down);
     wake_fabric(lock);
-    return result;
+    return {};
 }
 
-outcome subnet::set_sm(uint16_t lid, uint8_t sl)
+ats::result<> subnet::set_sm(uint16_t lid, uint8_t sl)
 {
     lock_guard lock(mutex_);
-    if (!is_unicast(lid)) return {"LID " + std::to_string(lid) + " is not one of the unicast LIDs 1 to 49151"};
+    if (!is_unicast(lid))
+        return ats::fail(ats::error_kind::invalid,
+                         "LID " + std::to_string(lid) + " is not one of the unicast LIDs 1 to 49151");
     if (lid < port_by_lid_.size() && port_by_lid_[lid]) {
-        const port_record& taken = *port_by_lid_[lid];
-        return {"LID " + std::to_string(lid) + " is that of port " + std::to_string(taken.number) + " of " +
-                taken.owner->name() + " of " + taken.owner->host};
+        const port_record& port = *port_by_lid_[lid];
+        return ats::fail(ats::error_kind::exists, "LID " + std::to_string(lid) + " is that of port " +
+                                                      std::to_string(port.number) + " of " + port.owner->name() +
+                                                      " of " + port.owner->host);
     }
     sm_lid_ = lid;
     sm_sl_ = sl;
-    for (const auto& each : hcas_) {
-        for (port_record& port : each->ports) {
+    for (const auto& hca : hcas_) {
+        for (port_record& port : hca->ports) {
             if (!port.is_active()) continue;
             port.sm_lid = lid;
             port.sm_sl = sl;

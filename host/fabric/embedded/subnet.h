@@ -20,6 +20,7 @@
 #include "host/fabric/embedded/subnet-administrator.h"
 #include "host/fabric/embedded/subnet-views.h"
 #include "host/fabric/fabric.h"
+#include "host/result.h"
 
 namespace embedded
 {
@@ -42,17 +43,6 @@ struct hca_description {
     std::vector<uint16_t> p_keys = {};     // of every port; none: the subnet's
 };
 
-// Done, or one line that says why not.
-struct [[nodiscard]] outcome {
-    std::string why;
-    explicit operator bool() const { return why.empty(); }
-};
-
-struct hca_lookup {
-    fabric::hca* hca = nullptr;
-    std::string why; // when there is none
-};
-
 class subnet_hca;
 struct port_record;
 
@@ -67,27 +57,26 @@ class subnet
     subnet(const subnet&) = delete;
     subnet& operator=(const subnet&) = delete;
 
-    // Plugs an HCA into a host, links down. Ports get the LIDs from 2 upwards in the order of these calls. Throws
-    // std::invalid_argument for a name that the host has already, a GUID of another port, or a number of ports
-    // outside 1 to 254, and std::length_error when the LIDs are used up.
-    fabric::hca& add_hca(const std::string& host, const hca_description& description);
-    fabric::hca& add_hca(const std::string& host, const std::string& name, int ports)
+    // Plugs an HCA into a host; its links are down. The subnet owns it. Ports get the LIDs from 2 upwards in the order
+    // of these calls. Fails on a name that the host has already, on the GUID of another port, on a number of ports
+    // outside 1 to 254, and when no LIDs are left.
+    ats::result<fabric::hca*> add_hca(const std::string& host, const hca_description& description);
+    ats::result<fabric::hca*> add_hca(const std::string& host, const std::string& name, int ports)
     {
         return add_hca(host, hca_description{.name = name, .ports = ports});
     }
-    std::vector<fabric::hca*> add_host(const std::string& host,
-                                       const std::vector<hca_description>& hcas = {hca_description{}});
 
-    hca_lookup find(const std::string& host, const std::string& hca) const;
+    // The HCA of that name. The error lists the names that there are.
+    ats::result<fabric::hca*> find(const std::string& host, const std::string& hca) const;
 
-    // The link becomes active, and the port learns its LID and the SM's; or it goes down. The listener is told even
-    // when nothing changes: a host must bear to hear a thing twice.
-    outcome link_up(const std::string& host, const std::string& hca, int port);
-    outcome link_down(const std::string& host, const std::string& hca, int port);
+    // Brings a link up, and the port learns its LID and the SM's; or takes it down. The listener is called even when
+    // nothing changes: a host must accept repeated events. Fails when there is no such port.
+    [[nodiscard]] ats::result<> link_up(const std::string& host, const std::string& hca, int port);
+    [[nodiscard]] ats::result<> link_down(const std::string& host, const std::string& hca, int port);
 
-    // The SM and SA move to another LID; every active port is told. The records stay (see forget_all). Refused for
-    // a LID that is a port's, or no unicast LID.
-    outcome set_sm(uint16_t lid, uint8_t sl);
+    // Moves the SM and the SA to another LID, and reports that to every active port. The records stay (see
+    // forget_all). Fails on the LID of a port and on a LID that is not unicast.
+    [[nodiscard]] ats::result<> set_sm(uint16_t lid, uint8_t sl);
 
     // Amnesia: the SA loses a GID's records, or all. Returns how many.
     size_t forget(const fabric::gid_bytes& gid);
@@ -118,9 +107,10 @@ class subnet
     using lock_guard = std::unique_lock<std::mutex>;
 
     void plug_port(subnet_hca& owner, uint64_t guid, const std::vector<uint16_t>& p_keys);
-    port_record* find_port(const std::string& host, const std::string& hca, int port, std::string& why) const;
-    subnet_hca* find_hca(const std::string& host, const std::string& hca, std::string& why) const;
-    outcome change_link(const std::string& host, const std::string& hca, int port, fabric::link_state state);
+    ats::result<> check(const std::string& host, const hca_description& description) const;
+    ats::result<subnet_hca*> find_hca(const std::string& host, const std::string& hca) const;
+    ats::result<port_record*> find_port(const std::string& host, const std::string& hca, int port) const;
+    ats::result<> change_link(const std::string& host, const std::string& hca, int port, fabric::link_state state);
     void announce(const port_record& port, fabric::port_change change);
     void wake_fabric(lock_guard& lock);
 
@@ -174,7 +164,7 @@ class subnet
     uint64_t sa_busy_until_tick_ = 0;
     std::mt19937_64 dice_;
     subnet_hca* calling_ = nullptr; // whose listener is running
-    bool asleep_ = false;        // the fabric task has parked, and nobody has woken it since
+    bool asleep_ = false;           // the fabric task has parked, and nobody has woken it since
     bool stopping_ = false;
     exec::task* fabric_task_ = nullptr;
 };
