@@ -2,7 +2,7 @@
 
 #include <fmt/core.h>
 
-#include "host/fabric/embedded/service-records.h"
+#include "records/host-record.h"
 
 namespace console
 {
@@ -14,12 +14,11 @@ std::string format_word(uint16_t word)
 
 nlohmann::json record_answer(const embedded::service_record_view& record)
 {
-    const bool is_endless = record.lease_seconds == embedded::infinite_lease;
     return {{"gid", record.gid},
             {"p_key", format_word(record.p_key)},
             {"address", record.ipv4},
             {"host_name", record.host_name},
-            {"lease", is_endless ? "infinite" : fmt::format("{} s", record.lease_seconds)}};
+            {"lease", records::lease_text(record.lease_seconds)}};
 }
 
 table_rows record_rows(const nlohmann::json& records)

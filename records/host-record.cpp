@@ -10,7 +10,6 @@ namespace records
 namespace
 {
 
-constexpr uint32_t infinite_lease = 0xFFFFFFFF;
 constexpr uint8_t data16_marker[] = {0x5C, 0x27};
 constexpr size_t host_name_offset = offsetof(ib_service_record_v2_t, service_data32);
 
@@ -66,6 +65,11 @@ ib_service_record_v2_t encode(const host_record& host)
     char* const name = reinterpret_cast<char*>(&record) + host_name_offset;
     std::memcpy(name, host.host_name.data(), std::min(host.host_name.size(), host_name_size));
     return record;
+}
+
+std::string lease_text(uint32_t seconds)
+{
+    return seconds == infinite_lease ? "infinite" : std::to_string(seconds) + " s";
 }
 
 std::string status_text(uint16_t word)

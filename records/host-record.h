@@ -1,5 +1,6 @@
-// The ServiceRecord by which a host makes its name and address known at the Subnet Administrator (IBA 15.2.5.14): which
-// service it belongs to, where its fields hold what, and how an SA's answer about it reads.
+// The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14): the
+// service that it belongs to, the content of its fields, and the texts for its lease and for an SA's answer about it.
+// All functions are pure and may be called in any context.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +14,8 @@ namespace records
 
 constexpr uint64_t service_id = 0x10000CE100415453; // ends in the letters A, T, S
 constexpr char service_name[] = "DAPL Address Translation Service";
+
+constexpr uint32_t infinite_lease = UINT32_MAX;
 
 // The IPv4 address stands in the last four bytes of ServiceData8.
 constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
@@ -33,6 +36,9 @@ host_record decode(const ib_service_record_v2_t& record);
 
 // The record as a host registers it: its lease does not end. A name that is too long is cut.
 ib_service_record_v2_t encode(const host_record& host);
+
+// A lease as people read it: "infinite" or "20 s".
+std::string lease_text(uint32_t seconds);
 
 // A status word of the SA and its meaning (IBA 13.4.7, 15.2.4), as in "0x0300 (it holds no such record)".
 std::string status_text(uint16_t word);

@@ -1,4 +1,5 @@
 #include "cli/demo/demo-steps.h"
+#include "records/host-record.h"
 
 namespace cli
 {
@@ -24,7 +25,7 @@ void bring_links_up(stage& on)
         const embedded::service_record_view record = on.record_of(host->name());
         const std::string address = "10.0.0." + host->name().substr(4);
         stage::expect(record.ipv4 == address && record.p_key == 0xFFFF &&
-                          record.lease_seconds == embedded::infinite_lease,
+                          record.lease_seconds == records::infinite_lease,
                       "the record of " + host->name() + " has its address, P_Key and lease");
     }
 }

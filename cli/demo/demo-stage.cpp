@@ -1,11 +1,12 @@
 #include "cli/demo/demo-stage.h"
-#include "console/table.h"
 
 #include <cstdio>
 
+#include "console/table.h"
 #include "host/exec/print-capture.h"
 #include "host/world/text.h"
 #include "kernel/proc.h"
+#include "records/host-record.h"
 
 namespace cli
 {
@@ -118,9 +119,7 @@ void stage::show_records()
     for (const embedded::service_record_view& record : subnet_->service_records()) {
         char p_key[8];
         std::snprintf(p_key, sizeof p_key, "0x%04X", record.p_key);
-        const bool endless = record.lease_seconds == embedded::infinite_lease;
-        rows.push_back({record.gid, p_key, record.ipv4, record.host_name,
-                        endless ? "infinite" : std::to_string(record.lease_seconds) + " s"});
+        rows.push_back({record.gid, p_key, record.ipv4, record.host_name, records::lease_text(record.lease_seconds)});
     }
     std::fputs(console::format_table(rows, 4).c_str(), stdout);
 }

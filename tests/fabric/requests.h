@@ -29,19 +29,15 @@ inline fabric::gid_bytes gid_number(int number)
     return gid;
 }
 
-// What a host registers; `octet` is the last of its address 10.0.0.x.
+// The record of a host with the address 10.0.0.`octet`.
 inline record_t host_record(const fabric::gid_bytes& gid, uint8_t octet, uint16_t p_key = 0xFFFF,
                             uint32_t lease = UINT32_MAX)
 {
-    record_t record{};
-    record.service_id = to_wire(records::service_id);
-    record.service_gid = std::bit_cast<wire_gid_t>(gid);
-    record.service_pkey = to_wire(p_key);
+    record_t record = records::encode({.gid = from_wire(std::bit_cast<wire_gid_t>(gid)),
+                                       .p_key = p_key,
+                                       .address = std::bit_cast<uint32_t>(std::array<uint8_t, 4>{10, 0, 0, octet}),
+                                       .host_name = "node" + std::to_string(octet % 10)});
     record.service_lease = to_wire(lease);
-    memcpy(record.service_name, records::service_name, sizeof records::service_name);
-    memcpy(record.service_data8 + 12, std::array<uint8_t, 4>{10, 0, 0, octet}.data(), 4);
-    memcpy(record.service_data32, "node", 4);
-    record.service_data32[4] = static_cast<uint8_t>('0' + octet % 10);
     return record;
 }
 

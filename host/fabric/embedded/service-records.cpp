@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "records/host-record.h"
+
 namespace embedded
 {
 
@@ -87,7 +89,7 @@ bool service_records::set(const ib_service_record_v2_t& record, uint64_t now_tic
     if (records_.size() >= limit_) return false;
 
     const uint32_t lease = from_wire(record.service_lease);
-    const uint64_t expires = lease == infinite_lease ? never_expires : now_ticks + lease * ticks_per_second;
+    const uint64_t expires = lease == records::infinite_lease ? never_expires : now_ticks + lease * ticks_per_second;
     next_expiry_tick_ = std::min(next_expiry_tick_, expires);
     const auto at = records_.emplace(bytes_of(record.service_gid.bytes), entry{record, expires});
     by_address_.emplace(bytes_of(record.service_data8), at);

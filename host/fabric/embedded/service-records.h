@@ -15,8 +15,6 @@
 namespace embedded
 {
 
-constexpr uint32_t infinite_lease = UINT32_MAX;
-
 enum class matches { none, one, many };
 
 constexpr uint64_t defined_components = (uint64_t{1} << SR_COMPONENT_COUNT) - 1;

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "records/host-record.h"
+
 namespace embedded
 {
 
@@ -124,7 +126,8 @@ uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2
     if (!is_known_gid_(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
 
     ib_service_record_v2_t stored = components_of(component_mask, record);
-    if (!(component_mask & component(SR_COMPONENT_SERVICE_LEASE))) stored.service_lease = to_wire(infinite_lease);
+    if (!(component_mask & component(SR_COMPONENT_SERVICE_LEASE)))
+        stored.service_lease = to_wire(records::infinite_lease);
     if (from_wire(stored.service_lease) == 0) return status_word(SA_STATUS_REQ_INVALID); // it would be gone already
     if (!records.set(stored, now_ticks)) return status_word(SA_STATUS_NO_RESOURCES);
     record = stored;

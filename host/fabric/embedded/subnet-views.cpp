@@ -1,23 +1,13 @@
 #include "host/fabric/embedded/subnet-views.h"
 
+#include <arpa/inet.h>
 #include <array>
-#include <cstdio>
 #include <cstring>
+
+#include "records/host-record.h"
 
 namespace embedded
 {
-
-namespace
-{
-
-// The bytes at the start of a field, up to a zero byte or the field's end.
-std::string text_in(const void* field, size_t size)
-{
-    const char* const bytes = static_cast<const char*>(field);
-    return {bytes, strnlen(bytes, size)};
-}
-
-} // namespace
 
 std::string text_of(const fabric::gid_bytes& gid)
 {
@@ -31,19 +21,17 @@ std::string text_of(const fabric::gid_bytes& gid)
 
 service_record_view view_of(const ib_service_record_v2_t& record)
 {
-    char dotted[sizeof "255.255.255.255"];
-    const uint8_t* octets = record.service_data8 + 12;
-    snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", octets[0], octets[1], octets[2], octets[3]);
-    // The host name runs on from ServiceData32 into ServiceData64.
-    const auto* host_name =
-        reinterpret_cast<const uint8_t*>(&record) + offsetof(ib_service_record_v2_t, service_data32);
+    const records::host_record host = records::decode(record);
+    char ipv4[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &host.address, ipv4, sizeof ipv4);
+    const char* const service_name = reinterpret_cast<const char*>(record.service_name);
     return {.gid = text_of(std::to_array(record.service_gid.bytes)),
-            .p_key = from_wire(record.service_pkey),
-            .ipv4 = dotted,
-            .host_name = text_in(host_name, sizeof record.service_data32 + sizeof record.service_data64),
+            .p_key = host.p_key,
+            .ipv4 = ipv4,
+            .host_name = host.host_name,
             .lease_seconds = from_wire(record.service_lease),
             .service_id = from_wire(record.service_id),
-            .service_name = text_in(record.service_name, sizeof record.service_name)};
+            .service_name = {service_name, strnlen(service_name, sizeof record.service_name)}};
 }
 
 } // namespace embedded

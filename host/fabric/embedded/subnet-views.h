@@ -1,4 +1,4 @@
-// What an embedded subnet holds, in the form in which people and tests read it.
+// The ports and ServiceRecords of an embedded subnet, for people and tests.
 #pragma once
 
 #include <cstdint>
@@ -20,19 +20,21 @@ struct port_view {
     std::string gid;
 };
 
-// A ServiceRecord of this service; of another one's, the address and the host name mean nothing. The names are the
-// bytes that the record holds, whatever they are.
+// A ServiceRecord. The address and the host name are only meaningful in a record that hosts exchange
+// (records::is_host_record). The names are the bytes of the record and may not be printable.
 struct service_record_view {
     std::string gid; // "0x" and 32 digits
     uint16_t p_key;
-    std::string ipv4; // the last four bytes of ServiceData8, dotted
+    std::string ipv4; // "10.0.0.1"
     std::string host_name;
-    uint32_t lease_seconds; // what remains; UINT32_MAX: for ever
+    uint32_t lease_seconds; // the rest of it; see records::infinite_lease
     uint64_t service_id;
     std::string service_name;
 };
 
 service_record_view view_of(const ib_service_record_v2_t& record);
+
+// "0x" and 32 digits.
 std::string text_of(const fabric::gid_bytes& gid);
 
 } // namespace embedded
