@@ -30,7 +30,7 @@ struct bench_world {
     std::string bring_up()
     {
         for (const auto& host : hosts) {
-            if (const kernel::load_result loaded = host->load(); !loaded) return loaded.why;
+            if (const ats::result<> loaded = host->load(); !loaded) return loaded.error().text;
             if (const ats::result<> up = subnet.link_up(host->name(), host->plan().hcas[0].name, 1); !up)
                 return up.error().text;
         }

@@ -35,7 +35,7 @@ void hosts_come_and_go(benchmark::State& state)
 
         const auto unloading = std::chrono::steady_clock::now();
         for (const auto& host : world.hosts)
-            if (const kernel::load_result gone = host->unload(); !gone) return state.SkipWithError(gone.why.c_str());
+            if (const ats::result<> gone = host->unload(); !gone) return state.SkipWithError(gone.error().text.c_str());
         state.counters["down_s"] = seconds_since(unloading);
         state.counters["left"] = static_cast<double>(world.subnet.service_records().size());
         const embedded::traffic_counts counts = world.subnet.counts();

@@ -103,7 +103,7 @@ int main(int count, char** arguments)
     if (!opened.fabric) fail(opened.why);
     const world::host_plan plan{.name = "bench", .hcas = {}, .modules = world::usual_modules("bench", arguments[1])};
     world::host host(*exec, opened.fabric->hcas(), plan, world::default_module_folder(), 0);
-    if (const kernel::load_result loaded = host.load(); !loaded) fail(loaded.why);
+    if (const ats::result<> loaded = host.load(); !loaded) fail(loaded.error().text);
     if (const std::string why = wait_ready(host.machine(), addresses.front()); !why.empty()) fail(why);
 
     std::chrono::duration<double> took{};

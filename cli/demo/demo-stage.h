@@ -54,7 +54,10 @@ class stage
     {
         if (!holds) throw step_failed(what);
     }
-    static void expect(const kernel::load_result& result) { expect(bool(result), result.why); }
+    static void expect(const ats::result<>& result)
+    {
+        if (!result) throw step_failed(result.error().text);
+    }
 
     // ---- telling ----
 

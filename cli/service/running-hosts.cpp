@@ -6,7 +6,6 @@
 
 #include "cli/service/registration.h"
 #include "host/exec/shortage.h"
-#include "kernel/errno.h"
 
 namespace cli
 {
@@ -16,15 +15,16 @@ namespace
 
 constexpr uint64_t system_randomness = 0;
 
-// Why a host did not start, with the end of its log below.
-console::failure did_not_start(world::host& host, const kernel::load_result& loaded)
+// Why a host did not start, with the end of its log below; the log has nothing to add when memory ran out.
+console::failure did_not_start(world::host& host, const ats::result<>& loaded)
 {
     constexpr size_t lines_shown = 4;
-    std::string why = host.name() + " does not start: " + loaded.why;
+    std::string why = host.name() + " does not start: " + loaded.error().text;
+    if (loaded.error().kind == ats::error_kind::no_memory) return {console::exit_failed, why};
     const std::vector<kernel::log_line> lines = host.machine().log.lines();
     for (size_t i = lines.size() - std::min(lines.size(), lines_shown); i < lines.size(); ++i)
         why += "\n  " + kernel::format_line(lines[i]);
-    return {loaded.error == -EK_INVAL ? console::exit_usage : console::exit_failed, why};
+    return {loaded.error().kind == ats::error_kind::invalid ? console::exit_usage : console::exit_failed, why};
 }
 
 // Takes a step of a host's start. Throws a failure that names the host when it came to a limit of the process.
@@ -112,7 +112,7 @@ bool running_hosts::start(const std::function<bool(size_t)>& may_go_on)
     for (const auto& host : hosts_) {
         if (!may_go_on(started++)) return false;
         or_not_started(host->name(), [&] {
-            const kernel::load_result loaded = host->load();
+            const ats::result<> loaded = host->load();
             if (!loaded) throw did_not_start(*host, loaded);
         });
     }
@@ -129,8 +129,8 @@ std::vector<std::string> running_hosts::stop()
 {
     std::vector<std::string> refusals;
     for (auto host = hosts_.rbegin(); host != hosts_.rend(); ++host) {
-        const kernel::load_result unloaded = (*host)->unload();
-        if (!unloaded) refusals.push_back((*host)->name() + ": " + unloaded.why);
+        const ats::result<> unloaded = (*host)->unload();
+        if (!unloaded) refusals.push_back((*host)->name() + ": " + unloaded.error().text);
     }
     stop_capture(refusals);
     return refusals;

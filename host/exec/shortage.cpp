@@ -18,46 +18,52 @@ namespace
 {
 
 constexpr size_t reserve_bytes = size_t{32} << 20;
-constexpr size_t reserve_pages_split = 128; // neighbours of unlike protection: each counts as a mapping
+constexpr size_t reserve_split_pages = 128; // neighbours differ in protection, so that each counts as a mapping
 
-// A failed call has released what it had taken before it failed. So usage is read a little below the limit.
+// The failed call has released what it had taken, so that usage is now a little below the limit.
 constexpr size_t mappings_margin = 64;
 constexpr size_t bytes_margin = size_t{16} << 20;
 
-std::atomic<void*> reserved{nullptr};
+std::atomic<void*> reserve_mapping{nullptr};
 std::atomic<bool> reserve_was_used{false};
-std::atomic<void (*)()> on_use{nullptr};
+std::atomic<void (*)()> reserve_use_handler{nullptr};
 
-// False: there is none any more.
-bool let_reserve_go()
+// False if there is no reserve left to release.
+bool release_reserve()
 {
-    void* mapping = reserved.exchange(nullptr);
+    void* mapping = reserve_mapping.exchange(nullptr);
     if (!mapping) return false;
     reserve_was_used = true;
     munmap(mapping, reserve_bytes);
     return true;
 }
 
-// The process's std::new_handler: it returns to have the allocation repeated.
+// The process's std::new_handler: when it returns, the allocation is repeated.
 void use_reserve()
 {
-    if (!let_reserve_go()) throw std::bad_alloc();
-    if (void (*notify)() = on_use) notify();
+    if (!release_reserve()) throw std::bad_alloc();
+    void (*use_handler)() = reserve_use_handler;
+    if (use_handler) use_handler();
 }
 
-// Reads a file without allocating, as memory may be what is missing. False: it cannot be opened.
+// Hands a file to `take(begin, end)` piece by piece. Does not allocate, since memory may be used up. False if the file
+// cannot be opened; errno says why.
 template <class take_t>
 bool read_file(const char* path, const take_t& take)
 {
     const int file = open(path, O_RDONLY | O_CLOEXEC);
     if (file < 0) return false;
     char piece[4096];
-    ssize_t got;
-    while ((got = read(file, piece, sizeof piece)) > 0) take(piece, piece + got);
+    for (;;) {
+        const ssize_t length = read(file, piece, sizeof piece);
+        if (length <= 0) break;
+        take(piece, piece + length);
+    }
     close(file);
     return true;
 }
 
+// The decimal number that a file begins with; 0 if there is none.
 size_t first_number_in(const char* path)
 {
     size_t number = 0;
@@ -89,15 +95,16 @@ bool mappings_are_used_up(size_t limit)
 bool address_space_is_used_up(const rlimit& limit)
 {
     if (limit.rlim_cur == RLIM_INFINITY) return false;
-    rlimit stack{}; // of a thread
+    rlimit stack{}; // the size of a thread's stack
     getrlimit(RLIMIT_STACK, &stack);
     const size_t stack_bytes = stack.rlim_cur == RLIM_INFINITY ? 0 : stack.rlim_cur;
-    const size_t held = first_number_in("/proc/self/statm") * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    return held + stack_bytes + bytes_margin >= limit.rlim_cur;
+    const size_t mapped_bytes = first_number_in("/proc/self/statm") * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return mapped_bytes + stack_bytes + bytes_margin >= limit.rlim_cur;
 }
 
-// Says which limit is used up, and what to do; "": none is known to be.
-std::string exhausted_limit()
+} // namespace
+
+ats::result<> check_limits()
 {
     const size_t mappings_limit = first_number_in("/proc/sys/vm/max_map_count");
     const bool lacks_mappings = mappings_are_used_up(mappings_limit);
@@ -105,35 +112,35 @@ std::string exhausted_limit()
     getrlimit(RLIMIT_AS, &address_space);
     const bool lacks_address_space = address_space_is_used_up(address_space);
     const bool lacks_descriptors = descriptors_are_used_up();
-    if (lacks_mappings || lacks_address_space || lacks_descriptors) let_reserve_go();
+    if (lacks_mappings || lacks_address_space || lacks_descriptors) release_reserve();
     if (lacks_descriptors) {
         rlimit files{};
         getrlimit(RLIMIT_NOFILE, &files);
-        return "no more files can be opened (the limit is " + std::to_string(files.rlim_cur) +
-               "): raise it (ulimit -n, LimitNOFILE= of a unit), or run fewer hosts";
+        return ats::fail(ats::error_kind::no_memory,
+                         "no more files can be opened (the limit is " + std::to_string(files.rlim_cur) +
+                             "): raise it (ulimit -n, LimitNOFILE= of a unit), or run fewer hosts");
     }
     if (lacks_mappings)
-        return "no more memory mappings are allowed (vm.max_map_count is " + std::to_string(mappings_limit) +
-               "): raise it with sysctl, or run fewer hosts";
+        return ats::fail(ats::error_kind::no_memory, "no more memory mappings are allowed (vm.max_map_count is " +
+                                                         std::to_string(mappings_limit) +
+                                                         "): raise it with sysctl, or run fewer hosts");
     if (lacks_address_space)
-        return "the address space is used up (the limit is " + std::to_string(address_space.rlim_cur >> 20) +
-               " MiB): raise it (ulimit -v, LimitAS= of a unit), or run fewer hosts";
-    return "";
+        return ats::fail(ats::error_kind::no_memory,
+                         "the address space is used up (the limit is " + std::to_string(address_space.rlim_cur >> 20) +
+                             " MiB): raise it (ulimit -v, LimitAS= of a unit), or run fewer hosts");
+    return {};
 }
 
-} // namespace
-
-void throw_if_exhausted()
+ats::error shortage_error(const std::string& unknown_limit)
 {
-    const std::string limit = exhausted_limit();
-    if (!limit.empty()) throw shortage(limit);
+    if (const ats::result<> limits = check_limits(); !limits) return limits.error();
+    release_reserve();
+    return {ats::error_kind::no_memory, unknown_limit};
 }
 
-void throw_shortage(const std::string& otherwise)
+void throw_shortage(const std::string& unknown_limit)
 {
-    throw_if_exhausted();
-    let_reserve_go();
-    throw shortage(otherwise);
+    throw shortage(shortage_error(unknown_limit).text);
 }
 
 std::thread new_thread(std::function<void()> body)
@@ -146,24 +153,24 @@ std::thread new_thread(std::function<void()> body)
     }
 }
 
-reserve::reserve(void (*when_used)())
+reserve::reserve(void (*use_handler)())
 {
     void* mapping = mmap(nullptr, reserve_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapping == MAP_FAILED) throw_shortage("the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)");
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    for (size_t i = 0; i < reserve_pages_split; i += 2)
+    for (size_t i = 0; i < reserve_split_pages; i += 2)
         if (mprotect(static_cast<char*>(mapping) + i * page, page, PROT_READ) != 0) break;
-    reserved = mapping;
+    reserve_mapping = mapping;
     reserve_was_used = false;
-    on_use = when_used;
+    reserve_use_handler = use_handler;
     std::set_new_handler(use_reserve);
 }
 
 reserve::~reserve()
 {
     std::set_new_handler(nullptr);
-    on_use = nullptr;
-    if (void* mapping = reserved.exchange(nullptr)) munmap(mapping, reserve_bytes);
+    reserve_use_handler = nullptr;
+    if (void* mapping = reserve_mapping.exchange(nullptr)) munmap(mapping, reserve_bytes);
 }
 
 bool reserve::is_used()

@@ -1,6 +1,7 @@
 #include "host/kernel/loader.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "host/kernel/machine.h"
@@ -12,129 +13,144 @@
 namespace kernel
 {
 
+// One loaded image. Its address is stable while it is loaded.
 class loaded_module
 {
   public:
-    std::list<std::string> texts; // values of text parameters
-    module_image image;           // unmapped before the texts go
-    int references = 0;           // unloading is refused
-    int visitors = 0;             // unloading waits
-    bool is_unloading = false;
-    const task* starter = nullptr; // runs the entry function
-    task* unloader = nullptr;      // waits for the users to leave
+    std::list<std::string> texts;     // values of text parameters
+    module_image image;               // unmapped before the texts go
+    int references = 0;               // rmmod is refused while there are any
+    int visitors = 0;                 // rmmod waits for them
+    bool is_unloading = false;        // nobody can become a user any more
+    const task* start_task = nullptr; // runs the entry function
+    task* unload_task = nullptr;      // waits for the users to leave
 
     const kernel_module_t& declaration() const { return *image.declaration(); }
     const char* name() const { return declaration().name; }
 };
 
-loader::loader(machine& home) : home_(home) {}
+loader::loader(machine& machine) : machine_(machine) {}
 loader::~loader() = default;
 
-load_result loader::insmod(const std::string& path, const std::string& parameters)
+ats::result<> loader::insmod(const std::string& path, const std::string& parameters)
 {
-    load_result result;
-    home_.enter("insmod", [&] { result = load(path, parameters); });
-    return result;
+    ats::result<> loaded;
+    machine_.enter("insmod", [&] { loaded = load(path, parameters); });
+    return loaded;
 }
 
-load_result loader::load(const std::string& path, const std::string& parameters)
+ats::result<> loader::load(const std::string& path, const std::string& parameters)
 {
     might_sleep("insmod");
-    auto image = std::make_unique<loaded_module>();
-    if (const auto failure = image->image.map(path); failure.error != 0)
-        return {failure.error, "insmod: " + failure.why};
+    auto owned = std::make_unique<loaded_module>();
+    loaded_module& module = *owned;
+    if (const ats::result<> mapped = module.image.map(path); !mapped) {
+        if (mapped.error().kind == ats::error_kind::no_memory) return mapped; // says nothing about the image
+        return ats::fail(mapped.error().kind, "insmod: " + mapped.error().text);
+    }
 
-    loaded_module& loading = *image;
-    const std::string title = std::string("insmod ") + loading.name() + ": ";
-    if (const std::string why = set_parameters(loading.declaration(), parameters, &loading.texts); !why.empty())
-        return {-EK_INVAL, title + why};
+    const std::string title = std::string("insmod ") + module.name() + ": ";
+    if (const ats::result<> assigned = set_parameters(module.declaration(), parameters, &module.texts); !assigned)
+        return ats::fail(assigned.error().kind, title + assigned.error().text);
     {
         const std::lock_guard lock(mutex_);
-        if (find(std::string(loading.name()))) return {-EK_EXIST, title + "it is loaded already; unload it first"};
-        if (loading.declaration().logger_level) *loading.declaration().logger_level = logger_level_;
-        const image_range range = range_of_image(&loading.declaration());
-        home_.addresses.add_image(range.begin, range.bytes);
-        loading.starter = current_task(); // as soon as it is seen: nobody may unload it before it has started
-        modules_.push_back(std::move(image));
+        if (find(std::string(module.name())))
+            return ats::fail(ats::error_kind::exists, title + "it is loaded already; unload it first");
+        if (module.declaration().logger_level) *module.declaration().logger_level = logger_level_;
+        const image_range range = range_of_image(&module.declaration());
+        machine_.addresses.add_image(range.begin, range.bytes);
+        module.start_task =
+            current_task(); // set before others can find the module: rmmod is refused until it has started
+        modules_.push_back(std::move(owned));
     }
-    const int result = start(loading);
+    const int result = start(module);
     if (result >= 0) return {};
 
     const std::string number = std::to_string(result);
-    wait_for_users(loading); // of /proc entries that it has removed
-    unmap(loading);
-    return {result,
-            title + "start-up failed with " + number + " (" + std::strerror(-result) + "); the kernel log says why"};
+    wait_for_users(module); // of /proc entries that it has removed
+    unmap(module);
+    const ats::error_kind kind = result == -EK_INVAL ? ats::error_kind::invalid : ats::error_kind::failed;
+    return ats::fail(kind, title + "start-up failed with " + number + " (" + std::strerror(-result) +
+                               "); the kernel log says why");
 }
 
-int loader::start(loaded_module& loading)
+int loader::start(loaded_module& module)
 {
-    const int result = loading.declaration().init();
+    const int result = module.declaration().init();
     const std::lock_guard lock(mutex_);
-    loading.starter = nullptr;
-    loading.is_unloading = result < 0;
+    module.start_task = nullptr;
+    module.is_unloading = result < 0;
     return result;
 }
 
-load_result loader::rmmod(const std::string& name)
+ats::result<> loader::rmmod(const std::string& name)
 {
-    load_result result;
-    home_.enter("rmmod", [&] { result = unload(name); });
-    return result;
+    ats::result<> unloaded;
+    machine_.enter("rmmod", [&] { unloaded = unload(name); });
+    return unloaded;
 }
 
-load_result loader::unload(const std::string& name)
+ats::result<> loader::unload(const std::string& name)
 {
     might_sleep("rmmod");
     const std::string title = "rmmod " + name + ": ";
-    loaded_module* leaving = nullptr;
+    loaded_module* module = nullptr;
     {
         const std::lock_guard lock(mutex_);
-        leaving = find(name);
-        if (!leaving || leaving->is_unloading) return {-EK_NOENT, title + "it is not loaded"};
-        if (leaving->starter) return {-EK_BUSY, title + "it is still starting; try again later"};
-        if (leaving->references > 0)
-            return {-EK_BUSY, title + "it is in use (" + std::to_string(leaving->references) +
-                                  " references); unload its users first"};
-        leaving->is_unloading = true;
+        module = find(name);
+        if (!module || module->is_unloading) return ats::fail(ats::error_kind::not_found, title + "it is not loaded");
+        if (module->start_task)
+            return ats::fail(ats::error_kind::busy, title + "it is still starting; try again later");
+        if (module->references > 0)
+            return ats::fail(ats::error_kind::busy, title + "it is in use (" + std::to_string(module->references) +
+                                                        " references); unload its users first");
+        module->is_unloading = true;
     }
-    wait_for_users(*leaving);
-    leaving->declaration().exit();
-    unmap(*leaving);
+    wait_for_users(*module);
+    module->declaration().exit();
+    unmap(*module);
     return {};
 }
 
-// Nobody can become a user any more.
-void loader::wait_for_users(loaded_module& leaving)
+void loader::wait_for_users(loaded_module& module)
 {
     const auto has_users = [&] {
         const std::lock_guard lock(mutex_);
-        leaving.unloader = current_task();
-        return leaving.references + leaving.visitors > 0;
+        assert(module.is_unloading);
+        module.unload_task = current_task();
+        return module.references + module.visitors > 0;
     };
-    while (has_users()) current_task()->exec.park(never, "rmmod", leaving.name());
+    while (has_users()) current_task()->exec.park(never, "rmmod", module.name());
 }
 
-// The module has ended.
-void loader::unmap(loaded_module& leaving)
+// The module's code will not run again: what it has left behind would point at unmapped memory.
+void loader::check_leftovers(const loaded_module& module) const
 {
-    const kernel_module_t& declaration = leaving.declaration();
-    if (const std::string left = home_.inter_modules.published_by(declaration); !left.empty())
-        panic("%s goes without withdrawing the inter-module name %s", declaration.name, left.c_str());
-    if (const std::string left = home_.proc.owned_by(declaration); !left.empty())
-        panic("%s goes without removing the /proc entry %s", declaration.name, left.c_str());
-    const module_code code(declaration.name, &declaration);
-    std::string left;
-    for (const std::string& each : home_.left_by(code)) left += (left.empty() ? "" : ", ") + each;
-    if (!left.empty()) panic("%s goes and leaves behind %s", declaration.name, left.c_str());
-    home_.memory.image_leaves(code);
-    home_.addresses.remove(range_of_image(&declaration).begin);
+    const kernel_module_t& declaration = module.declaration();
+    if (const std::string name = machine_.inter_modules.published_by(declaration); !name.empty())
+        panic("%s goes without withdrawing the inter-module name %s", declaration.name, name.c_str());
+    if (const std::string path = machine_.proc.owned_by(declaration); !path.empty())
+        panic("%s goes without removing the /proc entry %s", declaration.name, path.c_str());
+    std::string leftovers;
+    for (const std::string& each : machine_.left_by(module_code(declaration.name, &declaration)))
+        leftovers += (leftovers.empty() ? "" : ", ") + each;
+    if (!leftovers.empty()) panic("%s goes and leaves behind %s", declaration.name, leftovers.c_str());
+}
 
-    std::unique_ptr<loaded_module> unmapped; // without the lock: the image's destructors may call the kernel
+void loader::unmap(loaded_module& module)
+{
+    check_leftovers(module);
+    const kernel_module_t& declaration = module.declaration();
+    machine_.memory.image_leaves(module_code(declaration.name, &declaration));
+    machine_.addresses.remove(range_of_image(&declaration).begin);
+
+    std::unique_ptr<loaded_module>
+        removed; // destroyed after the lock is released: the image's destructors may call the kernel
     const std::lock_guard lock(mutex_);
     const auto position =
-        std::find_if(modules_.begin(), modules_.end(), [&leaving](const auto& each) { return each.get() == &leaving; });
-    unmapped = std::move(*position);
+        std::find_if(modules_.begin(), modules_.end(), [&module](const auto& each) { return each.get() == &module; });
+    assert(position != modules_.end());
+    removed = std::move(*position);
     modules_.erase(position);
 }
 
@@ -155,8 +171,9 @@ std::vector<std::string> loader::loaded() const
 void* loader::symbol(const std::string& module_name, const std::string& symbol) const
 {
     const std::lock_guard lock(mutex_);
-    const loaded_module* found = find(module_name);
-    return found && !found->starter && !found->is_unloading ? found->image.symbol(symbol) : nullptr;
+    const loaded_module* module = find(module_name);
+    if (!module || module->start_task || module->is_unloading) return nullptr;
+    return module->image.symbol(symbol);
 }
 
 bool loader::hold(const kernel_module_t* owner)
@@ -183,9 +200,9 @@ bool loader::add_user(const kernel_module_t* owner, int loaded_module::*count)
 {
     if (!owner) return true;
     const std::lock_guard lock(mutex_);
-    loaded_module* found = find(owner);
-    if (!found || found->is_unloading) return false;
-    ++(found->*count);
+    loaded_module* module = find(owner);
+    if (!module || module->is_unloading) return false;
+    ++(module->*count);
     return true;
 }
 
@@ -193,11 +210,11 @@ void loader::drop_user(const kernel_module_t* owner, int loaded_module::*count)
 {
     if (!owner) return;
     const std::lock_guard lock(mutex_);
-    loaded_module* found = find(owner);
-    if (!found || found->*count == 0) panic("a reference on a module is returned that nobody took");
-    --(found->*count);
-    // Woken under the lock: it goes on, and may end, only after it has looked at the counts.
-    if (found->unloader) found->unloader->exec.wake(*found->unloader);
+    loaded_module* module = find(owner);
+    if (!module || module->*count == 0) panic("a reference on a module is returned that nobody took");
+    --(module->*count);
+    // Woken under the lock, which the task takes to read the counts. Afterwards the task may have ended.
+    if (module->unload_task) module->unload_task->exec.wake(*module->unload_task);
 }
 
 void loader::set_logger_level(int32_t level)

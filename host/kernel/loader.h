@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/result.h"
+
 struct kernel_module_t;
 
 namespace kernel
@@ -15,73 +17,74 @@ namespace kernel
 
 class machine;
 
-// 0, or a negative error number and one line that says what to do about it.
-struct load_result {
-    int error = 0;
-    std::string why;
-    explicit operator bool() const { return error == 0; }
-};
-
-// One loaded image. Its address is stable while it is loaded.
 class loaded_module;
 
+// The modules of one machine. Any thread may call it.
 class loader
 {
   public:
-    explicit loader(machine& home);
+    explicit loader(machine& machine);
     ~loader();
 
-    // Maps a private copy of the image at `path` (so that its statics are its own and zero), sets the parameters
-    // given as "name=value name=\"two words\"" (unknown names, malformed numbers and repeated names are refused with
-    // the list of valid ones), writes the logger level, and runs its entry function. On any failure nothing stays
-    // loaded. A module of the same name is refused (-EK_EXIST). Called inside the machine (or from outside: enters
-    // it). Throws a shortage when the process has no room for the image. May sleep.
-    load_result insmod(const std::string& path, const std::string& parameters = "");
+    // Loads a module: maps a private copy of the image at `path`, so that its statics are its own and zero; sets the
+    // parameters, given as "name=value name=\"two words\""; writes the logger level; runs its entry function. Nothing
+    // stays loaded after a failure. Fails if
+    // - there is no image at `path` (not_found),
+    // - the image does not fit, or a parameter is unknown, malformed or repeated (invalid),
+    // - a module of that name is loaded already (exists),
+    // - a limit of the process is used up (no_memory),
+    // - the entry function fails (invalid for -EK_INVAL, otherwise failed).
+    // Called inside the machine, or from outside: then it enters the machine. May sleep.
+    ats::result<> insmod(const std::string& path, const std::string& parameters = "");
 
-    // Waits for the /proc handlers that run in the module, runs its exit function and unmaps it. Refused (-EK_BUSY)
-    // while others hold references, (-EK_NOENT) for a name that is not loaded; the refusal names the holders' count.
-    // From the beginning of the unloading on the module's /proc entries refuse to be entered. What the exit function
-    // leaves behind (a name, a /proc entry, what a service of the machine holds) is a hard error. May sleep.
-    load_result rmmod(const std::string& name);
+    // Unloads a module: waits for the /proc handlers that run in it, runs its exit function, unmaps it. Fails if no
+    // module of that name is loaded (not_found), or while others hold references or it is still starting (busy). As
+    // soon as unloading has begun, the module's /proc entries refuse to be entered. A hard error if the exit function
+    // leaves something behind: a name, a /proc entry, or something that a service of the machine holds. Called as
+    // insmod(). May sleep.
+    ats::result<> rmmod(const std::string& name);
 
     bool is_loaded(const std::string& name) const;
-    std::vector<std::string> loaded() const; // in order of loading
 
-    // The address of an exported symbol of a loaded module, or null. While the module starts, or leaves, it has none:
-    // what it exports may not be initialised.
+    // The names of all loaded modules, in order of loading.
+    std::vector<std::string> loaded() const;
+
+    // The address of an exported symbol of a loaded module; null if there is none, and while the module starts or
+    // unloads, since the symbol may not be initialised then.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
-    // References on a module, such as the inter-module registry hands out. hold() is false once unloading has begun.
-    // `owner` may be null (the kernel itself): always held. Any context.
+    // Takes and returns a reference on a module; rmmod() is refused meanwhile. hold() is false once unloading has
+    // begun. A null `owner` stands for the kernel itself, which is never unloaded. Any context.
     bool hold(const kernel_module_t* owner);
     void release(const kernel_module_t* owner);
 
-    // The same for a /proc handler about to run, but unloading waits for it instead of being refused.
+    // The same for a /proc handler that is about to run. rmmod() waits for it instead of being refused.
     bool enter(const kernel_module_t* owner);
     void leave(const kernel_module_t* owner);
 
-    // Writes the logger's level into every image, now and as each is loaded.
+    // Writes the logger's level into every loaded image, and into those loaded later.
     void set_logger_level(int32_t level);
     int32_t logger_level() const;
 
   private:
-    load_result load(const std::string& path, const std::string& parameters);
-    load_result unload(const std::string& name);
-    int start(loaded_module& loading);
-    void wait_for_users(loaded_module& leaving);
-    void unmap(loaded_module& leaving);
+    ats::result<> load(const std::string& path, const std::string& parameters);
+    ats::result<> unload(const std::string& name);
+    int start(loaded_module& module);
+    void wait_for_users(loaded_module& module);
+    void check_leftovers(const loaded_module& module) const;
+    void unmap(loaded_module& module);
     bool add_user(const kernel_module_t* owner, int loaded_module::*count);
     void drop_user(const kernel_module_t* owner, int loaded_module::*count);
     loaded_module* find(const std::string& name) const; // both with mutex_ held
     loaded_module* find(const kernel_module_t* declaration) const;
 
-    machine& home_;
-    mutable std::mutex mutex_; // guards modules_ and the counts in it, never held over module code
+    machine& machine_;
+    mutable std::mutex mutex_; // guards the rest and the counts of modules_; never held while module code runs
     std::list<std::unique_ptr<loaded_module>> modules_;
     int32_t logger_level_ = 5;
 };
 
-// A symbol of a loaded module, which stays loaded as long as this lives.
+// A symbol of a loaded module. The module stays loaded while this lives.
 class held_symbol
 {
   public:
@@ -99,7 +102,7 @@ class held_symbol
 
     explicit operator bool() const { return address_ != nullptr; }
 
-    // The symbol as what the caller knows it to be, a function pointer say.
+    // The symbol as the type that the caller knows it to have, such as a function pointer.
     template <class pointer_t>
     pointer_t as() const
     {

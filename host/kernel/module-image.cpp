@@ -1,5 +1,6 @@
 #include "host/kernel/module-image.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,8 +14,7 @@
 #include <unistd.h>
 
 #include "host/exec/sanitizers.h"
-#include "host/kernel/tasks.h"
-#include "kernel/errno.h"
+#include "host/exec/shortage.h"
 #include "kernel/module.h"
 
 namespace kernel
@@ -23,9 +23,9 @@ namespace kernel
 namespace
 {
 
-constexpr rlim_t spare_descriptors = 16; // for the file, for the linker, and for others meanwhile
+constexpr rlim_t spare_descriptors = 16; // for the file, the linker and other threads
 
-// Every image keeps a descriptor: a thousand machines need more of them than a process may open at first.
+// Every image keeps a descriptor open, and a thousand machines need more of them than a process may open at first.
 void allow_descriptors_beyond(int descriptor)
 {
     rlimit limit{};
@@ -35,38 +35,27 @@ void allow_descriptors_beyond(int descriptor)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Returns why it failed, or "".
-std::string copy_all(int from, int to)
+ats::result<> copy_file(int source, int copy)
 {
     struct stat attributes;
-    if (fstat(from, &attributes) != 0) return std::strerror(errno);
-    if (!S_ISREG(attributes.st_mode)) return "it is not a regular file";
-    off_t copied = 0;
-    while (copied < attributes.st_size) {
-        const ssize_t count = sendfile(to, from, &copied, static_cast<size_t>(attributes.st_size - copied));
-        if (count < 0) return std::strerror(errno);
-        if (count == 0) return "it became shorter while it was read";
+    if (fstat(source, &attributes) != 0) return ats::fail(std::strerror(errno));
+    if (!S_ISREG(attributes.st_mode)) return ats::fail("it is not a regular file");
+    off_t offset = 0;
+    while (offset < attributes.st_size) {
+        const ssize_t count = sendfile(copy, source, &offset, static_cast<size_t>(attributes.st_size - offset));
+        if (count < 0) return ats::fail(std::strerror(errno));
+        if (count == 0) return ats::fail("it became shorter while it was read");
     }
-    return "";
+    return {};
 }
 
-// The same, for the file of that name. A FIFO without a writer must not block: it is opened, seen and refused.
-std::string copy_file(const std::string& path, int to)
-{
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (file < 0) return std::strerror(errno);
-    const std::string failure = copy_all(file, to);
-    close(file);
-    return failure;
-}
-
-// The size of the object that begins at `address`, as its image's symbol table says; 0 when it is no object.
+// The size of the object that begins at `address`, from the symbol table of its image; 0 if there is no such object.
 size_t object_size(const void* address)
 {
-    Dl_info found{};
-    void* extra = nullptr;
-    if (dladdr1(address, &found, &extra, RTLD_DL_SYMENT) == 0 || !extra || found.dli_saddr != address) return 0;
-    const auto* symbol = static_cast<const ElfW(Sym)*>(extra);
+    Dl_info place{};
+    void* entry = nullptr;
+    if (dladdr1(address, &place, &entry, RTLD_DL_SYMENT) == 0 || !entry || place.dli_saddr != address) return 0;
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
     return ELF64_ST_TYPE(symbol->st_info) == STT_OBJECT ? symbol->st_size : 0;
 }
 
@@ -75,7 +64,7 @@ std::string path_of(int descriptor)
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// clang's address sanitizer counts the guard behind a variable into its size.
+// Under clang's address sanitizer, the size of a variable includes the guard behind it.
 bool is_size_of_declaration(size_t bytes)
 {
 #if defined(__SANITIZE_ADDRESS__) && defined(__clang__)
@@ -89,8 +78,8 @@ bool is_size_of_declaration(size_t bytes)
 
 const void* image_of(const void* address)
 {
-    Dl_info found{};
-    return dladdr(address, &found) != 0 ? found.dli_fbase : nullptr;
+    Dl_info place{};
+    return dladdr(address, &place) != 0 ? place.dli_fbase : nullptr;
 }
 
 std::string text_of_place(const std::string& image, const void* code, const void* base)
@@ -100,8 +89,8 @@ std::string text_of_place(const std::string& image, const void* code, const void
     return image + offset;
 }
 
-module_code::module_code(std::string module_name, const void* inside)
-    : name_(std::move(module_name)), base_(image_of(inside))
+module_code::module_code(std::string module_name, const void* address)
+    : name_(std::move(module_name)), base_(image_of(address))
 {
 }
 
@@ -117,10 +106,10 @@ std::string module_code::place(const void* code) const
 
 image_range range_of_image(const void* address)
 {
-    dl_find_object found{};
-    if (_dl_find_object(const_cast<void*>(address), &found) != 0) return {};
-    const auto* begin = static_cast<const char*>(found.dlfo_map_start);
-    return {begin, static_cast<size_t>(static_cast<const char*>(found.dlfo_map_end) - begin)};
+    dl_find_object object{};
+    if (_dl_find_object(const_cast<void*>(address), &object) != 0) return {};
+    const auto* begin = static_cast<const char*>(object.dlfo_map_start);
+    return {begin, static_cast<size_t>(static_cast<const char*>(object.dlfo_map_end) - begin)};
 }
 
 module_image::~module_image()
@@ -130,62 +119,74 @@ module_image::~module_image()
         dlclose(handle_);
         if (void* still_mapped = dlopen(path_of(copy_).c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
             dlclose(still_mapped);
-            is_unmapped = false; // as some images ask for; then no other copy may ever have this one's path
+            is_unmapped = false; // some images ask to stay; then no other copy may ever have this path
         }
     }
     if (copy_ >= 0 && is_unmapped) close(copy_);
 }
 
-module_image::failure module_image::map(const std::string& path)
+ats::result<> module_image::map(const std::string& path)
 {
-    copy_ = memfd_create("module", MFD_CLOEXEC);
-    if (copy_ < 0) throw_shortage("no room for a copy of " + path + " (" + std::strerror(errno) + ")");
-    allow_descriptors_beyond(copy_);
-    if (const std::string why = copy_file(path, copy_); !why.empty()) {
-        throw_if_exhausted();
-        return {-EK_NOENT, "no module image at " + path + " (" + why + "): build it or give its path"};
-    }
-
+    assert(!handle_);
+    if (ats::result<> copied = copy(path); !copied) return copied;
     handle_ = dlopen(path_of(copy_).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
-        throw_if_exhausted();
-        const char* why = dlerror();
-        return {-EK_INVAL, path + " cannot be mapped: " + (why ? why : "unknown reason")};
+        if (ats::result<> limits = exec::check_limits(); !limits) return limits;
+        const char* reason = dlerror();
+        return ats::fail(ats::error_kind::invalid, path + " cannot be mapped: " + (reason ? reason : "unknown reason"));
     }
     declaration_ = static_cast<kernel_module_t*>(dlsym(handle_, "this_module"));
-    if (!declaration_) return {-EK_INVAL, path + " is no kernel module: it does not export 'this_module'"};
-    if (const std::string why = misfit(); !why.empty())
-        return {-EK_INVAL, path + " does not fit this kernel: " + why + "; build both from the same source"};
+    if (!declaration_)
+        return ats::fail(ats::error_kind::invalid, path + " is no kernel module: it does not export 'this_module'");
+    if (const ats::result<> checked = check_declaration(); !checked)
+        return ats::fail(ats::error_kind::invalid, path + " does not fit this kernel: its 'this_module' has " +
+                                                       checked.error().text + "; build both from the same source");
     return {};
 }
 
-// Why the record is not one that this kernel can use, or "". Looks at each field only when the checks before say that
-// it is there.
-std::string module_image::misfit() const
+ats::result<> module_image::copy(const std::string& path)
 {
-    if (const size_t size = object_size(declaration_); !is_size_of_declaration(size))
-        return "its 'this_module' has " + std::to_string(size) + " bytes instead of " +
-               std::to_string(sizeof(kernel_module_t));
-    const kernel_module_t& record = *declaration_;
-    if (record.record_version != module_record_version)
-        return "its 'this_module' has version " + std::to_string(record.record_version) + " instead of " +
-               std::to_string(module_record_version);
-    if (!holds(record.name)) return "its 'this_module' has no name";
-    if (!holds(reinterpret_cast<const void*>(record.init))) return "its 'this_module' has no init function";
-    if (!holds(reinterpret_cast<const void*>(record.exit))) return "its 'this_module' has no exit function";
-    if (record.parameter_count != 0 && !holds(record.parameters)) return "its 'this_module' has no parameters";
-    return "";
+    copy_ = memfd_create("module", MFD_CLOEXEC);
+    if (copy_ < 0)
+        return tl::make_unexpected(
+            exec::shortage_error("no room for a copy of " + path + " (" + std::strerror(errno) + ")"));
+    allow_descriptors_beyond(copy_);
+    // O_NONBLOCK: opening a FIFO without a writer must not block. A FIFO is refused once it is open.
+    const int source = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const ats::result<> copied = source < 0 ? ats::fail(std::strerror(errno)) : copy_file(source, copy_);
+    if (source >= 0) close(source);
+    if (copied) return {};
+    if (ats::result<> limits = exec::check_limits(); !limits) return limits;
+    return ats::fail(ats::error_kind::not_found,
+                     "no module image at " + path + " (" + copied.error().text + "): build it or give its path");
 }
 
-bool module_image::holds(const void* address) const
+// Fails if this kernel cannot use the module's record; the text says what the record has. Reads a field only if the
+// checks before show that it exists.
+ats::result<> module_image::check_declaration() const
+{
+    if (const size_t size = object_size(declaration_); !is_size_of_declaration(size))
+        return ats::fail(std::to_string(size) + " bytes instead of " + std::to_string(sizeof(kernel_module_t)));
+    const kernel_module_t& record = *declaration_;
+    if (record.record_version != module_record_version)
+        return ats::fail("version " + std::to_string(record.record_version) + " instead of " +
+                         std::to_string(module_record_version));
+    if (!contains(record.name)) return ats::fail("no name");
+    if (!contains(reinterpret_cast<const void*>(record.init))) return ats::fail("no init function");
+    if (!contains(reinterpret_cast<const void*>(record.exit))) return ats::fail("no exit function");
+    if (record.parameter_count != 0 && !contains(record.parameters)) return ats::fail("no parameters");
+    return {};
+}
+
+bool module_image::contains(const void* address) const
 {
     return address && image_of(address) == image_of(declaration_);
 }
 
 void* module_image::symbol(const std::string& name) const
 {
-    void* found = dlsym(handle_, name.c_str());
-    return holds(found) ? found : nullptr; // not one of the libraries it needs
+    void* address = dlsym(handle_, name.c_str()); // searches the libraries that the image needs, too
+    return contains(address) ? address : nullptr;
 }
 
 } // namespace kernel

@@ -1,15 +1,18 @@
-// A module image mapped privately.
+// A module image that is mapped privately.
 #pragma once
 
 #include <cstddef>
 #include <string>
+
+#include "host/result.h"
 
 struct kernel_module_t;
 
 namespace kernel
 {
 
-// Each image comes from a copy of the file in memory of its own, because the dynamic linker maps a file only once.
+// Maps a copy of an image file. Each image needs a copy of its own, because the dynamic linker maps a file only once.
+// For one thread at a time.
 class module_image
 {
   public:
@@ -18,34 +21,36 @@ class module_image
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    struct failure {
-        int error = 0; // or a negative error number and one line that says why
-        std::string why;
-    };
+    // Maps a copy of the file. Called once. Fails if there is no such file (not_found), if it is not a module that this
+    // kernel can use (invalid), or if a limit of the process is used up (no_memory).
+    ats::result<> map(const std::string& path);
 
-    // Maps a copy of the file, and refuses one whose `this_module` is not a record that this kernel can use.
-    failure map(const std::string& path);
-
+    // The module's `this_module`, in the image; null before map() has succeeded.
     kernel_module_t* declaration() const { return declaration_; }
-    void* symbol(const std::string& name) const; // of the image itself; null when it exports no such one
+
+    // The address of a symbol that the image itself exports, or null.
+    void* symbol(const std::string& name) const;
 
   private:
-    std::string misfit() const;
-    bool holds(const void* address) const;
+    ats::result<> copy(const std::string& path);
+    ats::result<> check_declaration() const;
+    bool contains(const void* address) const;
 
-    int copy_ = -1; // stays open: the linker takes equal paths for one object
+    int copy_ = -1; // a memory file; stays open, since the linker takes equal paths for one object
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;
 };
 
-// The code of a loaded module, by which the kernel and its services know what the module holds.
+// The address range of a loaded module. The kernel and its services use it to find what the module has left behind.
 class module_code
 {
   public:
-    // `inside` is any address in the image.
-    module_code(std::string module_name, const void* inside);
+    // `address` is any address in the image.
+    module_code(std::string module_name, const void* address);
 
     const std::string& name() const { return name_; }
+
+    // True if the code belongs to the module.
     bool holds(const void* code) const;
 
     template <class result_t, class... arguments_t>
@@ -54,7 +59,7 @@ class module_code
         return holds(reinterpret_cast<const void*>(function));
     }
 
-    // "ats+0x1a2b", as addr2line takes it.
+    // The place of code as addr2line takes it: "ats+0x1a2b".
     std::string place(const void* code) const;
 
     template <class result_t, class... arguments_t>
@@ -68,17 +73,17 @@ class module_code
     const void* const base_;
 };
 
-// An offset into an image, as place() shows it.
+// A place in the image that is mapped at `base`: "ats+0x1a2b".
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// The mapped image that contains an address; zero bytes if no image does.
+// The mapped image that contains an address, a module's or another; zero bytes if there is none. Any thread.
 struct image_range {
     const void* begin = nullptr;
     size_t bytes = 0;
 };
 image_range range_of_image(const void* address);
 
-// The beginning of the mapped image, a module's or another, that an address belongs to; null: of none.
+// Where that image begins; null if there is none. Any thread.
 const void* image_of(const void* address);
 
 } // namespace kernel

@@ -22,24 +22,27 @@ struct assignment {
 constexpr const char* blanks = " \t\n";
 
 // Cuts the line into assignments; a value in double quotes may hold blanks.
-std::string split(const std::string& line, std::vector<assignment>* into)
+ats::result<std::vector<assignment>> split(const std::string& line)
 {
-    for (size_t at = line.find_first_not_of(blanks); at != std::string::npos; at = line.find_first_not_of(blanks, at)) {
-        const size_t equals = line.find_first_of("= \t\n", at);
-        const std::string name = line.substr(at, equals - at);
+    std::vector<assignment> assignments;
+    size_t begin = line.find_first_not_of(blanks);
+    while (begin != std::string::npos) {
+        const size_t equals = line.find_first_of("= \t\n", begin);
+        const std::string name = line.substr(begin, equals - begin);
         if (equals == std::string::npos || line[equals] != '=')
-            return "'" + name + "' is no parameter: write name=value";
-        size_t begin = equals + 1;
-        const bool quoted = begin < line.size() && line[begin] == '"';
-        if (quoted) ++begin;
-        const size_t end = quoted ? line.find('"', begin) : std::min(line.find_first_of(blanks, begin), line.size());
-        if (end == std::string::npos) return "the value of '" + name + "' lacks its closing quotation mark";
-        into->push_back({name, line.substr(begin, end - begin)});
-        at = end + (quoted ? 1 : 0);
-        if (at < line.size() && !std::strchr(blanks, line[at]))
-            return "a blank is missing after the value of '" + name + "'";
+            return ats::fail("'" + name + "' is no parameter: write name=value");
+        const bool has_quotes = equals + 1 < line.size() && line[equals + 1] == '"';
+        const size_t value = equals + (has_quotes ? 2 : 1);
+        const size_t end =
+            has_quotes ? line.find('"', value) : std::min(line.find_first_of(blanks, value), line.size());
+        if (end == std::string::npos) return ats::fail("the value of '" + name + "' lacks its closing quotation mark");
+        assignments.push_back({name, line.substr(value, end - value)});
+        begin = end + (has_quotes ? 1 : 0);
+        if (begin < line.size() && !std::strchr(blanks, line[begin]))
+            return ats::fail("a blank is missing after the value of '" + name + "'");
+        begin = line.find_first_not_of(blanks, begin);
     }
-    return "";
+    return assignments;
 }
 
 std::string valid_names(const kernel_module_t& module)
@@ -53,44 +56,52 @@ std::string valid_names(const kernel_module_t& module)
     return names.empty() ? "it takes none" : "valid are " + names;
 }
 
-std::string set(const module_parameter_t& parameter, const std::string& value, std::list<std::string>* texts)
+const module_parameter_t* find(const kernel_module_t& module, const std::string& name)
+{
+    for (int32_t i = 0; i < module.parameter_count; ++i)
+        if (module.parameters[i].name == name) return &module.parameters[i];
+    return nullptr;
+}
+
+ats::result<> set(const module_parameter_t& parameter, const std::string& value, std::list<std::string>* texts)
 {
     if (parameter.type == module_parameter_text) {
         texts->push_back(value);
         *static_cast<const char**>(parameter.value) = texts->back().c_str();
-        return "";
+        return {};
     }
     int32_t number = 0;
     const char* const end = value.data() + value.size();
-    const auto [stopped, error] = std::from_chars(value.data(), end, number);
-    if (error != std::errc() || stopped != end)
-        return "'" + value + "' is no value for '" + parameter.name + "': write a whole decimal number of 32 bits";
+    const auto [number_end, error] = std::from_chars(value.data(), end, number);
+    if (error != std::errc() || number_end != end)
+        return ats::fail("'" + value + "' is no value for '" + parameter.name +
+                         "': write a whole decimal number of 32 bits");
     *static_cast<int32_t*>(parameter.value) = number;
-    return "";
+    return {};
 }
 
-std::string set_all(const kernel_module_t& module, const std::string& parameters, std::list<std::string>* texts)
+ats::result<> set_all(const kernel_module_t& module, const std::string& parameters, std::list<std::string>* texts)
 {
-    std::vector<assignment> assignments;
-    if (std::string why = split(parameters, &assignments); !why.empty()) return why;
-    std::set<std::string> seen;
-    for (const assignment& each : assignments) {
-        const module_parameter_t* found = nullptr;
-        for (int32_t i = 0; i < module.parameter_count; ++i)
-            if (module.parameters[i].name == each.name) found = &module.parameters[i];
-        if (!found) return "unknown parameter '" + each.name + "'";
-        if (!seen.insert(each.name).second) return "parameter '" + each.name + "' is given twice";
-        if (std::string why = set(*found, each.value, texts); !why.empty()) return why;
+    const ats::result<std::vector<assignment>> assignments = split(parameters);
+    if (!assignments) return ats::pass_on(assignments);
+    std::set<std::string> names;
+    for (const assignment& each : *assignments) {
+        const module_parameter_t* parameter = find(module, each.name);
+        if (!parameter) return ats::fail("unknown parameter '" + each.name + "'");
+        if (!names.insert(each.name).second) return ats::fail("parameter '" + each.name + "' is given twice");
+        if (ats::result<> assigned = set(*parameter, each.value, texts); !assigned) return assigned;
     }
-    return "";
+    return {};
 }
 
 } // namespace
 
-std::string set_parameters(const kernel_module_t& module, const std::string& parameters, std::list<std::string>* texts)
+ats::result<> set_parameters(const kernel_module_t& module, const std::string& parameters,
+                             std::list<std::string>* texts)
 {
-    const std::string why = set_all(module, parameters, texts);
-    return why.empty() ? "" : why + "; " + valid_names(module);
+    const ats::result<> assigned = set_all(module, parameters, texts);
+    if (assigned) return {};
+    return ats::fail(ats::error_kind::invalid, assigned.error().text + "; " + valid_names(module));
 }
 
 } // namespace kernel

@@ -4,13 +4,17 @@
 #include <list>
 #include <string>
 
+#include "host/result.h"
+
 struct kernel_module_t;
 
 namespace kernel
 {
 
-// Sets what "name=value name=\"two words\"" says in the image. Texts are kept in `texts`, which must live as long as
-// the image. "" or one line that says what is wrong; the image is then of no use.
-std::string set_parameters(const kernel_module_t& module, const std::string& parameters, std::list<std::string>* texts);
+// Sets the variables of the image that "name=value name=\"two words\"" names. Texts are kept in `texts`, which must
+// live as long as the image. Fails (invalid) with one line that lists the valid parameters; some may have been set by
+// then.
+ats::result<> set_parameters(const kernel_module_t& module, const std::string& parameters,
+                             std::list<std::string>* texts);
 
 } // namespace kernel

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "host/exec/executor.h"
-#include "host/exec/shortage.h"
 #include "host/exec/task.h"
 
 namespace kernel
@@ -19,7 +18,5 @@ using exec::panic;
 using exec::preemption_point;
 using exec::send_signal;
 using exec::task;
-using exec::throw_if_exhausted;
-using exec::throw_shortage;
 
 } // namespace kernel

@@ -53,25 +53,25 @@ host::host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const ho
 
 host::~host()
 {
-    const kernel::load_result result = unload();
-    if (!result) std::fprintf(stderr, "%s: %s\n", name().c_str(), result.why.c_str());
+    const ats::result<> result = unload();
+    if (!result) std::fprintf(stderr, "%s: %s\n", name().c_str(), result.error().text.c_str());
 }
 
-kernel::load_result host::load()
+ats::result<> host::load()
 {
     for (const module_plan& module : plan_.modules) {
         const std::string image = module_folder_ + "/" + module.name + ".so";
-        kernel::load_result result = machine_->modules.insmod(image, module.parameters);
+        ats::result<> result = machine_->modules.insmod(image, module.parameters);
         if (!result) return result;
     }
     return {};
 }
 
-kernel::load_result host::unload()
+ats::result<> host::unload()
 {
     const std::vector<std::string> loaded = machine_->modules.loaded();
     for (auto module = loaded.rbegin(); module != loaded.rend(); ++module) {
-        kernel::load_result result = machine_->modules.rmmod(*module);
+        ats::result<> result = machine_->modules.rmmod(*module);
         if (!result) return result;
     }
     return {};

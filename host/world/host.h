@@ -59,10 +59,10 @@ class host
 
     // Loads the planned modules in order; stops at the first that fails. What was loaded before it stays. Throws a
     // shortage when there is no room for an image.
-    kernel::load_result load();
+    ats::result<> load();
 
     // Unloads every loaded module, the latest first; stops at the first refusal.
-    kernel::load_result unload();
+    ats::result<> unload();
 
   private:
     host_plan plan_;

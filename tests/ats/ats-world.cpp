@@ -68,9 +68,9 @@ ats_host::ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_s
     if (setup.has_ucm) peers().publish_ucm();
 }
 
-kernel::load_result ats_host::try_load(const std::string& image)
+ats::result<> ats_host::try_load(const std::string& image)
 {
-    kernel::load_result result = machine().modules.insmod(image, parameters_of(setup_));
+    ats::result<> result = machine().modules.insmod(image, parameters_of(setup_));
     run([] {});
     return result;
 }

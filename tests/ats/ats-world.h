@@ -68,7 +68,7 @@ class ats_host
     recording_peers& peers() { return machine().get<recording_peers>(); }
     const std::string& name() const { return setup_.name; }
 
-    kernel::load_result try_load(const std::string& image = world::default_module_folder() + "/ats.so");
+    ats::result<> try_load(const std::string& image = world::default_module_folder() + "/ats.so");
     ats_host& load();
     void unload();
 

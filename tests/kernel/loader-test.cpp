@@ -33,6 +33,11 @@ result_t ask(kernel::machine& of, const char* symbol)
     return reinterpret_cast<result_t (*)()>(of.modules.symbol("probe", symbol))();
 }
 
+ats::error error_of(const ats::result<>& result)
+{
+    return result ? ats::error("it succeeded") : result.error();
+}
+
 struct loading : testing::Test, one_machine {
     void expect_nothing_left()
     {
@@ -60,8 +65,8 @@ TEST_F(loading, sets_parameters_as_they_are_written)
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.parameters);
-        const kernel::load_result result = host.modules.insmod(probe, each.parameters);
-        ASSERT_TRUE(result) << result.why;
+        const ats::result<> result = host.modules.insmod(probe, each.parameters);
+        ASSERT_TRUE(result) << result.error().text;
         EXPECT_STREQ(ask<const char*>(host, "probe_text"), each.text);
         EXPECT_EQ(ask<int>(host, "probe_number"), each.number);
         EXPECT_TRUE(host.modules.rmmod("probe"));
@@ -83,9 +88,9 @@ TEST_F(loading, refuses_malformed_parameters_and_says_what_is_valid)
         {"number=\" 1\"", "' 1' is no value for 'number': write a whole decimal number of 32 bits"},
     };
     for (const auto& [parameters, why] : cases) {
-        const kernel::load_result result = host.modules.insmod(probe, parameters);
-        EXPECT_EQ(result.error, -EK_INVAL) << parameters;
-        EXPECT_EQ(result.why, "insmod probe: " + std::string(why) + valid_parameters);
+        const ats::result<> result = host.modules.insmod(probe, parameters);
+        EXPECT_EQ(error_of(result).kind, ats::error_kind::invalid) << parameters;
+        EXPECT_EQ(error_of(result).text, "insmod probe: " + std::string(why) + valid_parameters);
     }
     expect_nothing_left();
 }
@@ -110,17 +115,16 @@ TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
         {misfit + "NO_EXIT.so", misfit_has("NO_EXIT", "no exit function")},
     };
     for (const auto& [path, why] : cases) {
-        const kernel::load_result result = host.modules.insmod(path);
-        EXPECT_LT(result.error, 0);
-        EXPECT_THAT(result.why, StartsWith(why));
+        const ats::result<> result = host.modules.insmod(path);
+        EXPECT_THAT(error_of(result).text, StartsWith(why));
     }
     unlink(fifo.c_str());
     ASSERT_TRUE(host.modules.insmod(probe));
-    const kernel::load_result again = host.modules.insmod(probe);
-    EXPECT_EQ(again.error, -EK_EXIST);
-    EXPECT_EQ(again.why, "insmod probe: it is loaded already; unload it first");
+    const ats::result<> again = host.modules.insmod(probe);
+    EXPECT_EQ(error_of(again).kind, ats::error_kind::exists);
+    EXPECT_EQ(error_of(again).text, "insmod probe: it is loaded already; unload it first");
     EXPECT_TRUE(host.modules.rmmod("probe"));
-    EXPECT_EQ(host.modules.rmmod("probe").error, -EK_NOENT);
+    EXPECT_EQ(error_of(host.modules.rmmod("probe")).kind, ats::error_kind::not_found);
 }
 
 TEST_F(loading, gives_symbols_of_the_module_only_and_keeps_it_while_they_are_held)
@@ -131,7 +135,7 @@ TEST_F(loading, gives_symbols_of_the_module_only_and_keeps_it_while_they_are_hel
     {
         const kernel::held_symbol text(host.modules, "probe", "probe_text");
         ASSERT_TRUE(text);
-        EXPECT_EQ(host.modules.rmmod("probe").error, -EK_BUSY);
+        EXPECT_EQ(error_of(host.modules.rmmod("probe")).kind, ats::error_kind::busy);
     }
     EXPECT_TRUE(host.modules.rmmod("probe"));
     EXPECT_FALSE(kernel::held_symbol(host.modules, "probe", "probe_text"));
@@ -146,9 +150,9 @@ TEST_F(loading, unloading_is_refused_while_a_name_of_the_module_is_held)
         EXPECT_NE(inter_module_get("probe_call"), nullptr);
     });
     EXPECT_EQ(host.inter_modules.references("probe_call"), 2);
-    const kernel::load_result refused = host.modules.rmmod("probe");
-    EXPECT_EQ(refused.error, -EK_BUSY);
-    EXPECT_EQ(refused.why, "rmmod probe: it is in use (2 references); unload its users first");
+    const ats::result<> refused = host.modules.rmmod("probe");
+    EXPECT_EQ(error_of(refused).kind, ats::error_kind::busy);
+    EXPECT_EQ(error_of(refused).text, "rmmod probe: it is in use (2 references); unload its users first");
     EXPECT_DEATH(run([] { inter_module_unregister("probe_call"); }), "probe_call is held 2 times");
     run([] {
         inter_module_put("probe_call");
@@ -171,7 +175,8 @@ TEST_F(loading, unloading_waits_for_a_handler_and_lets_no_new_one_in)
     });
     at(20, "late writer", write);
     at(20, "late caller", [] { EXPECT_EQ(inter_module_get("probe_call"), nullptr); });
-    at(20, "second unloader", [&] { EXPECT_EQ(host.modules.rmmod("probe").error, -EK_NOENT); });
+    at(20, "second unloader",
+       [&] { EXPECT_EQ(error_of(host.modules.rmmod("probe")).kind, ats::error_kind::not_found); });
     finish();
     EXPECT_THAT(results, ElementsAre(-EK_NOENT, 5));
     EXPECT_EQ(host.log.raw(), "<6>probe wrote early\n<6>probe stopped\n");
@@ -187,7 +192,7 @@ TEST_F(loading, while_a_module_starts_its_names_can_be_used_but_not_its_symbols_
         std::string text;
         EXPECT_EQ(host.proc.read("probe", 0, 100, &text), -EK_INVAL) << "it has no handler yet";
         EXPECT_FALSE(kernel::held_symbol(host.modules, "probe", "probe_text"));
-        EXPECT_EQ(host.modules.rmmod("probe").why, "rmmod probe: it is still starting; try again later");
+        EXPECT_EQ(error_of(host.modules.rmmod("probe")).text, "rmmod probe: it is still starting; try again later");
     });
     at(40, "reader", [&] {
         std::string text;
@@ -199,9 +204,10 @@ TEST_F(loading, while_a_module_starts_its_names_can_be_used_but_not_its_symbols_
 
 TEST_F(loading, a_failed_start_leaves_nothing)
 {
-    const kernel::load_result result = host.modules.insmod(probe, "result=-6");
-    EXPECT_EQ(result.error, -EK_NXIO);
-    EXPECT_EQ(result.why, "insmod probe: start-up failed with -6 (No such device or address); the kernel log says why");
+    const ats::result<> result = host.modules.insmod(probe, "result=-6");
+    EXPECT_EQ(error_of(result).kind, ats::error_kind::failed);
+    EXPECT_EQ(error_of(result).text,
+              "insmod probe: start-up failed with -6 (No such device or address); the kernel log says why");
     expect_nothing_left();
 }
 
@@ -235,8 +241,8 @@ TEST_F(loading, many_copies_of_one_image_find_enough_descriptors)
     std::vector<std::unique_ptr<kernel::machine>> machines;
     for (int i = 0; i < 100; ++i) {
         machines.push_back(std::make_unique<kernel::machine>(*sim, "node"));
-        const kernel::load_result result = machines.back()->modules.insmod(probe, "number=" + std::to_string(i));
-        ASSERT_TRUE(result) << result.why;
+        const ats::result<> result = machines.back()->modules.insmod(probe, "number=" + std::to_string(i));
+        ASSERT_TRUE(result) << result.error().text;
         EXPECT_EQ(ask<int>(*machines.back(), "probe_number"), i);
     }
     EXPECT_EQ(ask<int>(*machines.front(), "probe_number"), 0);

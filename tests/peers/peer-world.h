@@ -32,7 +32,7 @@ class peer_world
 
     ~peer_world() { unload(); }
 
-    kernel::load_result unload()
+    ats::result<> unload()
     {
         if (!host.modules.is_loaded(module_)) return {};
         return host.modules.rmmod(module_);
@@ -59,7 +59,7 @@ class peer_world
 
     std::unique_ptr<exec::simulation> sim;
     kernel::machine host{*sim, "host"};
-    kernel::load_result loaded;
+    ats::result<> loaded;
 
   private:
     std::string module_;

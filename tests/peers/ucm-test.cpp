@@ -57,7 +57,7 @@ class ucm_world : public peer_world
   public:
     ucm_world() : peer_world("ucm")
     {
-        if (!loaded) exec::panic("%s", loaded.why.c_str());
+        if (!loaded) exec::panic("%s", loaded.error().text.c_str());
         attach = published<ucm_rarp_attach_fn_t>("ucm_rarp_attach_fn");
         detach = published<ucm_rarp_detach_fn_t>("ucm_rarp_detach_fn");
         get_ip = published<ucm_get_ip_fn_t>("ucm_get_ip_fn");
