@@ -4,7 +4,7 @@
 #include <arpa/inet.h>
 #include <filesystem>
 
-#include "host/fabric/umad/adapter.h"
+#include "host/fabric/umad/real-hca.h"
 
 namespace umad
 {

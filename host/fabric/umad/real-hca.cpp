@@ -1,4 +1,4 @@
-#include "host/fabric/umad/adapter.h"
+#include "host/fabric/umad/real-hca.h"
 
 namespace umad
 {
