@@ -39,7 +39,7 @@ void arena::violate(const std::string& what_is_wrong)
     note("violation", what_is_wrong);
     if (log_) std::fflush(log_);
     std::fprintf(stderr, "at tick %llu: %s\n", static_cast<unsigned long long>(now()), what_is_wrong.c_str());
-    if (const std::string why = wire.flush_capture(); !why.empty()) std::fprintf(stderr, "%s\n", why.c_str());
+    if (const auto flushed = wire.flush_capture(); !flushed) std::fprintf(stderr, "%s\n", flushed.error().text.c_str());
     _exit(1);
 }
 
@@ -75,7 +75,7 @@ void arena::run(const std::vector<size_t>& act_numbers)
     const embedded::traffic_counts counts = net.counts();
     done.faults += counts.dropped + counts.duplicated + counts.corrupted + counts.refused;
     done.simulated_ticks = now();
-    if (const std::string why = wire.flush_capture(); !why.empty()) throw std::runtime_error(why);
+    if (const auto flushed = wire.flush_capture(); !flushed) throw std::runtime_error(flushed.error().text);
 }
 
 void arena::perform(const act& it, size_t number, bool begins)

@@ -28,7 +28,7 @@ void wire_watch::begin(const std::string& capture_path)
 {
     if (!capture_path.empty()) {
         auto opened = std::make_unique<fabric::capture>(capture_path);
-        if (const std::string why = opened->failure(); !why.empty()) in_.violate(why);
+        if (const auto status = opened->status(); !status) in_.violate(status.error().text);
         capture_ = std::move(opened);
     }
     for (node& host : in_.hosts)

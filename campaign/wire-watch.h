@@ -26,7 +26,7 @@ class wire_watch final : public fabric::tap
     void begin(const std::string& capture_path);
 
     // Writes out what is captured. Empty, or why it is not whole.
-    std::string flush_capture() { return capture_ ? capture_->flush() : ""; }
+    ats::result<> flush_capture() { return capture_ ? capture_->flush() : ats::result<>(); }
 
     // How many requests the calling task has sent so far.
     uint64_t sent_by_this_task() const;

@@ -88,7 +88,8 @@ void running_hosts::start_capture(const std::string& path)
     using namespace std::chrono;
     const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
     capture_ = std::make_unique<fabric::capture>(path, static_cast<uint64_t>(now.count()) - exec_->now());
-    if (const std::string why = capture_->failure(); !why.empty()) throw console::failure(console::exit_usage, why);
+    if (const auto status = capture_->status(); !status)
+        throw console::failure(console::exit_usage, status.error().text);
     if (real_)
         real_->set_tap(capture_.get());
     else
@@ -102,7 +103,7 @@ void running_hosts::stop_capture(std::vector<std::string>& complaints)
         real_->set_tap(nullptr);
     else
         subnet_->set_tap(nullptr);
-    if (const std::string why = capture_->close(); !why.empty()) complaints.push_back(why);
+    if (const auto closed = capture_->close(); !closed) complaints.push_back(closed.error().text);
     capture_.reset();
 }
 

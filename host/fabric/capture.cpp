@@ -13,7 +13,7 @@ namespace fabric
 namespace
 {
 
-// libpcap's file formats are in the byte order of the writer, which the magic number tells.
+// A pcap file is in the byte order of its writer; readers see it by the magic number.
 struct pcap_file_header {
     uint32_t magic = 0xA1B2C3D4; // timestamps in microseconds
     uint16_t major = 2;
@@ -66,7 +66,7 @@ struct datagram_extended_header { // IBA 9.3.3
     be32_t source_qpn;
 };
 
-struct packet {
+struct ib_packet {
     local_route_header lrh;
     base_transport_header bth;
     datagram_extended_header deth;
@@ -74,41 +74,41 @@ struct packet {
     uint8_t icrc[4];
     uint8_t vcrc[2];
 };
-static_assert(sizeof(packet) == 8 + 12 + 8 + 256 + 4 + 2);
+static_assert(sizeof(ib_packet) == 8 + 12 + 8 + 256 + 4 + 2);
 
-struct record {
+struct capture_record {
     pcap_packet_header pcap;
     erf_header erf;
-    packet ib;
+    ib_packet ib;
 };
-static_assert(offsetof(record, ib) == 32);
-constexpr size_t record_size = offsetof(record, ib) + sizeof(packet);
+static_assert(offsetof(capture_record, ib) == 32);
+constexpr size_t record_size = offsetof(capture_record, ib) + sizeof(ib_packet);
 
 constexpr uint16_t default_p_key = 0xFFFF;
 constexpr uint32_t sequence_mask = 0xFFFFFF;
 
-packet make_packet(uint64_t number, uint16_t source_lid, const address& destination, const mad_bytes& mad)
+ib_packet make_packet(uint64_t number, uint16_t source_lid, const address& destination, const mad_bytes& mad)
 {
-    packet made;
-    made.lrh = {.vl_and_version = 0,
-                .sl_and_next = static_cast<uint8_t>(destination.sl << 4 | 2),
-                .destination_lid = to_wire(destination.lid),
-                .length_in_words = to_wire(static_cast<uint16_t>(offsetof(packet, vcrc) / 4)),
-                .source_lid = to_wire(source_lid)};
-    made.bth = {.opcode = ud_send_only,
-                .flags = 0,
-                .p_key = to_wire(default_p_key),
-                .destination_qpn = to_wire(destination.qpn & sequence_mask),
-                .sequence_number = to_wire(static_cast<uint32_t>(number & sequence_mask))};
-    made.deth = {.q_key = to_wire(destination.q_key), .source_qpn = to_wire(uint32_t{1})};
-    made.mad = mad;
+    ib_packet packet;
+    packet.lrh = {.vl_and_version = 0,
+                  .sl_and_next = static_cast<uint8_t>(destination.sl << 4 | 2),
+                  .destination_lid = to_wire(destination.lid),
+                  .length_in_words = to_wire(static_cast<uint16_t>(offsetof(ib_packet, vcrc) / 4)),
+                  .source_lid = to_wire(source_lid)};
+    packet.bth = {.opcode = ud_send_only,
+                  .flags = 0,
+                  .p_key = to_wire(default_p_key),
+                  .destination_qpn = to_wire(destination.qpn & sequence_mask),
+                  .sequence_number = to_wire(static_cast<uint32_t>(number & sequence_mask))};
+    packet.deth = {.q_key = to_wire(destination.q_key), .source_qpn = to_wire(uint32_t{1})};
+    packet.mad = mad;
 
-    uint8_t bytes[sizeof(packet)];
-    memcpy(bytes, &made, sizeof bytes);
-    write_invariant_crc(bytes, offsetof(packet, icrc), made.icrc);
-    memcpy(bytes + offsetof(packet, icrc), made.icrc, sizeof made.icrc);
-    write_variant_crc(bytes, offsetof(packet, vcrc), made.vcrc);
-    return made;
+    uint8_t bytes[sizeof(ib_packet)];
+    memcpy(bytes, &packet, sizeof bytes);
+    write_invariant_crc(bytes, offsetof(ib_packet, icrc), packet.icrc);
+    memcpy(bytes + offsetof(ib_packet, icrc), packet.icrc, sizeof packet.icrc);
+    write_variant_crc(bytes, offsetof(ib_packet, vcrc), packet.vcrc);
+    return packet;
 }
 
 } // namespace
@@ -131,23 +131,23 @@ capture::~capture()
 void capture::crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad)
 {
     std::lock_guard lock(mutex_);
-    if (!file_ || !failure_.empty()) return;
+    if (!file_ || !status_) return;
     const uint64_t ms = start_unix_ms_ + now_ticks;
     const uint64_t seconds = ms / 1000;
-    record added;
-    added.pcap = {.seconds = static_cast<uint32_t>(seconds),
-                  .microseconds = static_cast<uint32_t>(ms % 1000 * 1000),
-                  .captured_bytes = record_size - sizeof(pcap_packet_header),
-                  .packet_bytes = record_size - sizeof(pcap_packet_header)};
-    added.erf = {.timestamp = seconds << 32 | ((ms % 1000) << 32) / 1000,
-                 .type = erf_infiniband,
-                 .flags = erf_varying_length,
-                 .record_bytes = to_wire(static_cast<uint16_t>(sizeof(erf_header) + sizeof(packet))),
-                 .lost = {},
-                 .wire_bytes = to_wire(static_cast<uint16_t>(sizeof(packet)))};
-    added.ib = make_packet(packets_, source_lid, destination, mad);
-    write(&added, record_size);
-    if (failure_.empty()) ++packets_;
+    capture_record record;
+    record.pcap = {.seconds = static_cast<uint32_t>(seconds),
+                   .microseconds = static_cast<uint32_t>(ms % 1000 * 1000),
+                   .captured_bytes = record_size - sizeof(pcap_packet_header),
+                   .packet_bytes = record_size - sizeof(pcap_packet_header)};
+    record.erf = {.timestamp = seconds << 32 | ((ms % 1000) << 32) / 1000,
+                  .type = erf_infiniband,
+                  .flags = erf_varying_length,
+                  .record_bytes = to_wire(static_cast<uint16_t>(sizeof(erf_header) + sizeof(ib_packet))),
+                  .lost = {},
+                  .wire_bytes = to_wire(static_cast<uint16_t>(sizeof(ib_packet)))};
+    record.ib = make_packet(packets_, source_lid, destination, mad);
+    write(&record, record_size);
+    if (status_) ++packets_;
 }
 
 void capture::write(const void* bytes, size_t size)
@@ -157,28 +157,28 @@ void capture::write(const void* bytes, size_t size)
 
 void capture::note_failure()
 {
-    if (failure_.empty()) failure_ = "cannot write the capture " + path_ + ": " + std::strerror(errno);
+    if (status_) status_ = ats::fail("cannot write the capture " + path_ + ": " + std::strerror(errno));
 }
 
-std::string capture::failure() const
+ats::result<> capture::status() const
 {
     std::lock_guard lock(mutex_);
-    return failure_;
+    return status_;
 }
 
-std::string capture::flush()
+ats::result<> capture::flush()
 {
     std::lock_guard lock(mutex_);
     if (file_ && std::fflush(file_) != 0) note_failure();
-    return failure_;
+    return status_;
 }
 
-std::string capture::close()
+ats::result<> capture::close()
 {
     std::lock_guard lock(mutex_);
     if (file_ && std::fclose(file_) != 0) note_failure();
     file_ = nullptr;
-    return failure_;
+    return status_;
 }
 
 uint64_t capture::packets() const

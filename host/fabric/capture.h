@@ -1,6 +1,6 @@
-// A capture file of what crosses a fabric boundary, for Wireshark and tshark. It is a pcap file of link type 197
-// (ERF); each record, of ERF type 21, is an InfiniBand packet with the datagram in it. The headers around the
-// datagram say what the boundary knows: the default P_Key stands for the P_Key index, and packets count up from 0.
+// Writes every datagram that crosses a fabric boundary to a capture file, for Wireshark and tshark. It is a pcap file
+// of link type 197 (ERF). Each record, of ERF type 21, is an InfiniBand packet that holds the datagram. The boundary
+// does not know all header fields: the default P_Key stands for the P_Key index, and packets are numbered from 0.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/fabric/fabric.h"
+#include "host/result.h"
 
 namespace fabric
 {
@@ -16,10 +17,11 @@ namespace fabric
 class capture final : public tap
 {
   public:
-    // Opens the file, in place of one that is there, and writes its header. Tick 0 is shown as `start_unix_ms`.
+    // Opens the file, in place of an existing one, and writes its header; status() reports a failure. Timestamps count
+    // from `start_unix_ms`, which is tick 0.
     explicit capture(std::string path, uint64_t start_unix_ms = 0);
 
-    // Closes; what goes wrong now goes unsaid, so call close() before.
+    // Closes the file. Its errors are lost; call close() before.
     ~capture();
     capture(const capture&) = delete;
     capture& operator=(const capture&) = delete;
@@ -27,11 +29,11 @@ class capture final : public tap
     // Adds a packet. After a failure nothing more is written. Any thread; blocks no longer than a file write.
     void crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad) override;
 
-    // Empty while all is well; else one line about the first failure. Any thread. close() and flush() write out
-    // what is still buffered first; after close() nothing is added.
-    std::string failure() const;
-    std::string flush();
-    std::string close();
+    // These return the first failure so far. flush() and close() first write out what is still buffered; after close()
+    // nothing is added. Any thread.
+    ats::result<> status() const;
+    ats::result<> flush();
+    ats::result<> close();
 
     uint64_t packets() const; // written so far
 
@@ -41,9 +43,9 @@ class capture final : public tap
 
     const std::string path_;
     const uint64_t start_unix_ms_;
-    mutable std::mutex mutex_; // all below
+    mutable std::mutex mutex_; // guards the rest
     std::FILE* file_;
-    std::string failure_;
+    ats::result<> status_;
     uint64_t packets_ = 0;
 };
 

@@ -1,5 +1,5 @@
-// The whole boundary between a host and a wire. GSI and verbs are written once against it; what is behind it, a
-// simulated subnet or real ports, they cannot tell. Names are the InfiniBand Architecture's; numbers are host order,
+// The whole boundary between a host and a wire. GSI and verbs are written once against it; they cannot see whether a
+// simulated subnet or real ports are behind it. Names are the InfiniBand Architecture's; numbers are host order,
 // datagrams are wire bytes.
 #pragma once
 
@@ -26,7 +26,7 @@ inline gid_bytes make_gid(uint64_t prefix, uint64_t guid)
     return std::to_array(to_wire(kq_gid_t{.eui64 = guid, .subnet = prefix}).bytes);
 }
 
-// Where a datagram goes to, or came from.
+// The destination or the source of a datagram.
 struct address {
     uint16_t lid = 0;
     uint8_t sl = 0;
@@ -40,13 +40,13 @@ struct address {
 // IBA 14.2.5.6, PortInfo.PortState.
 enum class link_state : uint8_t { down = 1, init = 2, armed = 3, active = 4 };
 
-// The state of that number; of another one, down.
+// The state of that number; down, if there is no such state.
 constexpr link_state link_state_of(unsigned number)
 {
     return number >= 1 && number <= 4 ? static_cast<link_state>(number) : link_state::down;
 }
 
-// What a port says of itself at one moment (PortInfo, GUIDInfo and P_KeyTable of IBA 14.2.5).
+// The attributes of a port at one moment (PortInfo, GUIDInfo and P_KeyTable of IBA 14.2.5).
 struct port_attributes {
     link_state state = link_state::down;
     uint16_t lid = 0;
@@ -64,52 +64,50 @@ struct port_attributes {
 
 enum class port_change { link_up, link_down, sm_change };
 
-// Told of what happens at an HCA. Called in the fabric's own context or in that of a poll(), one call of an HCA at a
-// time, with no lock of the fabric held that a send() would need; must not sleep.
+// Receives the events of an HCA. It is called in the fabric's own context or in that of a poll(), one call of an HCA at
+// a time. The fabric then holds no lock that send() needs. The calls must not sleep.
 class listener
 {
   public:
     // A datagram arrived at QP1 of `port`.
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
 
-    // The listener may do in the calling task what follows from the arrivals that it was told of. `again`: another such
-    // call follows within a few ticks even if nothing arrives, so that work may be left for it. A fabric that has no
-    // task to spare never makes this call.
+    // Lends the calling task to the listener, so that it can complete what earlier mad_arrived() calls have queued.
+    // `again`: another such call follows within a few ticks, even if nothing arrives; so work may be left for it. A
+    // fabric without a task to lend never makes this call.
     virtual void may_complete(bool /*again*/) {}
 
-    // `port` changed; `new_sm_lid` holds for sm_change only. Its attributes read the new state already.
+    // `port` changed; `new_sm_lid` is valid for sm_change only. read_port() returns the new state already.
     virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;
 
   protected:
     ~listener() = default;
 };
 
-// One host channel adapter as plugged into a host. The fabric owns it and outlives its users. Every call may come
-// from any thread; none throws on bad input.
+// One host channel adapter as plugged into a host. The fabric owns it; it outlives its users. Any thread may make any
+// call. None throws on bad input.
 class hca
 {
   public:
     virtual const std::string& name() const = 0;
     virtual int port_count() const = 0; // ports are numbered from 1
 
-    // The port as it is now. `port` must exist (the caller has checked it against port_count()). Real ports may
-    // take their time over this: it may sleep.
+    // Reads the port's attributes. `port` must exist (the caller has checked it against port_count()). May sleep.
     virtual port_attributes read_port(int port) = 0;
 
-    // Hands one datagram to the wire from QP1 of `port`. True: accepted (it may still be lost); false: the send
-    // queue takes nothing now or the port does not exist. Does not sleep and does not allocate in the sender's
-    // account.
+    // Hands one datagram to the wire from QP1 of `port`. True: accepted, though it may still be lost. False: the send
+    // queue is full or the port does not exist. Does not sleep, and does not allocate in the sender's account.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
 
-    // Busy polling, for a task that expects answers and would only sleep: it does for a moment what the fabric's own
-    // task does, which is to take in what arrives and to call the listener. Waits for a tick at the most at each port
-    // where something arrived a moment ago, and not at all at others. False: nothing arrived. Called by tasks that may
-    // sleep, never by the listener.
+    // Busy polling, for a task that expects answers and would only sleep otherwise: for a moment it does the work of
+    // the fabric's own task, which is to receive and to call the listener. Waits at each port where something arrived a
+    // moment ago, for a tick at the most; does not wait at others. False: nothing arrived. For tasks that may sleep;
+    // never called by the listener.
     virtual bool poll() { return false; }
 
-    // Sets who is told, or nobody (null). When it returns, the previous listener is not running and is not called
+    // Sets the listener, or none (null). When this returns, the previous listener is not running and is not called
     // again. May sleep; must not be called by the listener itself.
-    virtual void listen(listener* to) = 0;
+    virtual void listen(listener* listener) = 0;
 
   protected:
     ~hca() = default;

@@ -27,26 +27,30 @@ constexpr crc_t crc_step(crc_t crc, uint8_t byte)
     return static_cast<crc_t>(crc >> 8 ^ table[(crc ^ byte) & 0xFF]);
 }
 
-// The invariant CRC of a packet without a GRH: a CRC-32 over LRH, BTH and what follows, in which the fields that a
-// switch may change count as ones: the VL in byte 0 and the BTH's reserved byte 12.
-inline void write_invariant_crc(const uint8_t* packet, size_t size, uint8_t (&to)[4])
+// The bits of a byte that a switch may change; the invariant CRC counts them as ones.
+constexpr uint8_t variant_bits(size_t offset)
 {
-    uint32_t crc = UINT32_MAX;
-    for (size_t i = 0; i < size; ++i) {
-        const uint8_t masked = i == 0 ? 0xF0 : i == 12 ? 0xFF : 0;
-        crc = crc_step<uint32_t, 0xEDB88320>(crc, packet[i] | masked);
-    }
-    crc = ~crc;
-    for (int i = 0; i < 4; ++i) to[i] = static_cast<uint8_t>(crc >> 8 * i);
+    constexpr size_t vl_offset = 0, bth_reserved_offset = 12;
+    if (offset == vl_offset) return 0xF0;
+    return offset == bth_reserved_offset ? 0xFF : 0;
 }
 
-// The variant CRC, over everything up to the invariant CRC's end: x^16 + x^12 + x^3 + x + 1.
-inline void write_variant_crc(const uint8_t* packet, size_t size, uint8_t (&to)[2])
+// Writes the invariant CRC of a packet without a GRH: a CRC-32 over LRH, BTH and all that follows.
+inline void write_invariant_crc(const uint8_t* packet, size_t size, uint8_t (&bytes)[4])
+{
+    uint32_t crc = UINT32_MAX;
+    for (size_t i = 0; i < size; ++i) crc = crc_step<uint32_t, 0xEDB88320>(crc, packet[i] | variant_bits(i));
+    crc = ~crc;
+    for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uint8_t>(crc >> 8 * i);
+}
+
+// Writes the variant CRC, x^16 + x^12 + x^3 + x + 1. `size` includes the invariant CRC.
+inline void write_variant_crc(const uint8_t* packet, size_t size, uint8_t (&bytes)[2])
 {
     uint16_t crc = UINT16_MAX;
     for (size_t i = 0; i < size; ++i) crc = crc_step<uint16_t, 0xD008>(crc, packet[i]);
     crc = static_cast<uint16_t>(~crc);
-    for (int i = 0; i < 2; ++i) to[i] = static_cast<uint8_t>(crc >> 8 * i);
+    for (int i = 0; i < 2; ++i) bytes[i] = static_cast<uint8_t>(crc >> 8 * i);
 }
 
 } // namespace fabric

@@ -11,14 +11,14 @@ namespace
 TEST(capture, a_failure_to_write_is_told)
 {
     fabric::capture nowhere("/nonexistent/a.pcap");
-    EXPECT_EQ(nowhere.failure(), "cannot write the capture /nonexistent/a.pcap: No such file or directory");
+    EXPECT_EQ(nowhere.status().error().text, "cannot write the capture /nonexistent/a.pcap: No such file or directory");
     nowhere.crossed(0, 1, {}, {});
     EXPECT_EQ(nowhere.packets(), 0u);
 
     fabric::capture full("/dev/full");
     full.crossed(0, 1, {}, {});
-    EXPECT_EQ(full.flush(), "cannot write the capture /dev/full: No space left on device");
-    EXPECT_EQ(full.close(), full.failure());
+    EXPECT_EQ(full.flush().error().text, "cannot write the capture /dev/full: No space left on device");
+    EXPECT_EQ(full.close().error().text, full.status().error().text);
 }
 
 TEST(capture, checksums_are_the_standard_ones)
