@@ -12,9 +12,9 @@
 #include "cli/client/show.h"
 #include "cli/mount/proc-mount.h"
 #include "console/failure.h"
+#include "console/record-list.h"
 #include "console/table.h"
 #include "console/usage.h"
-#include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
 #include "host/world/module-folder.h"
 
@@ -68,8 +68,8 @@ bool check_port(report& to, const std::string& hca, const umad::port_listing& po
         to.add(verdict::note, called, "not InfiniBand, or without a management device: left alone");
         return false;
     }
-    if (const std::string why = umad::try_port(hca, port.number); !why.empty()) {
-        to.add(verdict::missing, called, why);
+    if (const auto opened = umad::try_port(hca, port.number); !opened) {
+        to.add(verdict::missing, called, opened.error().text);
         return false;
     }
     const std::string usable = port.device + " may be used; ";
@@ -91,49 +91,45 @@ bool check_port(report& to, const std::string& hca, const umad::port_listing& po
 
 void check_service_records(report& to, umad::sa_client& sa)
 {
-    const umad::record_list own = umad::list_records(sa, {.gid = sa.gid()});
-    if (!own.why.empty())
-        to.add(verdict::missing, "ServiceRecords", own.why);
+    const auto own = console::list_records(sa, {.gid = sa.gid()});
+    if (!own)
+        to.add(verdict::missing, "ServiceRecords", own.error().text);
     else
         to.add(verdict::fine, "ServiceRecords",
-               own.records.empty() ? "supported; none of this port" : "supported; one of this port stands");
+               own->records.empty() ? "supported; none of this port" : "supported; one of this port stands");
 }
 
 // Asks for ClassPortInfo (IBA 13.4.8.1), which every SA must know.
 void check_sa(report& to, const std::string& hca, int port)
 {
-    const umad::opened_sa_client opened = umad::open_sa_client(hca, port);
-    if (!opened.client) return to.add(verdict::missing, "SA", opened.why);
+    const auto opened = umad::open_sa_client(hca, port);
+    if (!opened) return to.add(verdict::missing, "SA", opened.error().text);
+    umad::sa_client& client = **opened;
     constexpr uint16_t class_port_info = 0x0001;
     const auto begin = std::chrono::steady_clock::now();
-    const auto answer =
-        opened.client->ask({umad::make_sa_request(MAD_METHOD_GET, class_port_info, 0, nullptr, 0)}).front();
+    const auto answers = client.ask({umad::make_sa_request(MAD_METHOD_GET, class_port_info, 0, nullptr, 0)});
+    if (!answers) return to.add(verdict::missing, "SA", answers.error().text);
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-    const std::string called = "the SA at " + lid_text(opened.client->sm_lid());
-    if (!answer)
-        return to.add(verdict::missing, "SA",
-                      called + " does not answer: is its subnet manager running, and the master?");
+    if (!answers->front()) return to.add(verdict::missing, "SA", client.silence().text);
     char text[128];
-    std::snprintf(text, sizeof text, "%s answers after %.1f ms", called.c_str(), took.count());
+    std::snprintf(text, sizeof text, "the SA at %s answers after %.1f ms", lid_text(client.sm_lid()).c_str(),
+                  took.count());
     to.add(verdict::fine, "SA", text);
-    check_service_records(to, *opened.client);
+    check_service_records(to, client);
 }
 
 void check_fabric(report& to)
 {
-    if (!umad::is_available()) return to.add(verdict::missing, "libibumad", umad::list_hcas().why);
+    if (!umad::is_available()) return to.add(verdict::missing, "libibumad", umad::list_hcas().error().text);
     to.add(verdict::fine, "libibumad", "built in");
-    const umad::listing found = umad::list_hcas();
-    if (!found.why.empty()) return to.add(verdict::missing, "HCA", found.why);
+    const auto hcas = umad::list_hcas();
+    if (!hcas) return to.add(verdict::missing, "HCA", hcas.error().text);
     bool is_any_active = false;
-    for (const umad::hca_listing& hca : found.hcas) {
+    for (const umad::hca_listing& hca : *hcas) {
         for (const umad::port_listing& port : hca.ports) {
-            if (!check_port(to, hca.name, port) || std::exchange(is_any_active, true)) continue;
-            try {
-                check_sa(to, hca.name, port.number);
-            } catch (const std::runtime_error& failed) {
-                to.add(verdict::missing, "SA", failed.what());
-            }
+            if (!check_port(to, hca.name, port) || is_any_active) continue;
+            is_any_active = true;
+            check_sa(to, hca.name, port.number);
         }
     }
     if (!is_any_active) to.add(verdict::missing, "SA", "cannot be asked: no port is active");

@@ -8,8 +8,8 @@
 #include "console/gids.h"
 #include "console/identity.h"
 #include "console/record-answer.h"
+#include "console/record-list.h"
 #include "host/fabric/embedded/service-records.h"
-#include "host/fabric/umad/record-list.h"
 #include "host/fabric/umad/umad.h"
 #include "host/world/text.h"
 
@@ -33,9 +33,9 @@ bool has_filter(const show_options& options)
     return !options.address.empty() || !options.gid.empty() || !options.name.empty();
 }
 
-ats::result<umad::record_filter> filter_of(const show_options& options)
+ats::result<console::record_filter> filter_of(const show_options& options)
 {
-    umad::record_filter filter;
+    console::record_filter filter;
     if (!options.address.empty()) {
         const ats::result<uint32_t> address = console::address_of(options.address);
         if (!address) return ats::pass_on(address);
@@ -50,21 +50,27 @@ ats::result<umad::record_filter> filter_of(const show_options& options)
     return filter;
 }
 
-ats::result<json> ask_real_sa(const show_options& options, const umad::record_filter& filter)
+// Names the command that finds out why no port is active.
+std::string check_hint(const ats::error& error)
 {
-    const umad::opened_sa_client sa = umad::open_sa_client(options.hca, options.port);
-    if (!sa.client) return ats::fail(sa.why);
-    const umad::record_list list = umad::list_records(*sa.client, filter);
-    if (!list.why.empty()) return ats::fail(list.why);
+    return error.kind == ats::error_kind::not_found ? "; 'ats check' says more" : "";
+}
+
+ats::result<json> ask_real_sa(const show_options& options, const console::record_filter& filter)
+{
+    const auto sa = umad::open_sa_client(options.hca, options.port);
+    if (!sa) return ats::fail(sa.error().text + check_hint(sa.error()));
+    const auto list = console::list_records(**sa, filter);
+    if (!list) return ats::fail(list.error().text); // any kind: exit code 3 is for a service that does not answer
     json records = json::array();
-    for (const ib_service_record_v2_t& record : list.records)
+    for (const ib_service_record_v2_t& record : list->records)
         records.push_back(console::record_answer(embedded::view_of(record)));
     console::add_gid6(records);
-    return json{{"records", records}, {"remarks", list.remarks}, {"silent", false}, {"status", nullptr}};
+    return json{{"records", records}, {"remarks", list->remarks}, {"silent", false}, {"status", nullptr}};
 }
 
 // Removes the records that the filter excludes. An embedded SA reports all of its records.
-void select(json& answer, const umad::record_filter& filter)
+void select(json& answer, const console::record_filter& filter)
 {
     const auto is_excluded = [&](const json& record) {
         return (filter.address && record.at("address") != world::format_ipv4(*filter.address)) ||
@@ -77,12 +83,12 @@ void select(json& answer, const umad::record_filter& filter)
 
 bool has_real_ports()
 {
-    return umad::list_hcas().why.empty();
+    return umad::list_hcas().has_value();
 }
 
 ats::result<json> find_records(const client_options& common, const show_options& options)
 {
-    const ats::result<umad::record_filter> filter = filter_of(options);
+    const ats::result<console::record_filter> filter = filter_of(options);
     if (!filter) return ats::pass_on(filter);
     if (options.is_real || !options.hca.empty()) return ask_real_sa(options, *filter);
     ats::result<json> answer = ask_once(common, {{"request", "sa"}, {"action", "show"}});

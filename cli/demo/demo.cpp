@@ -77,8 +77,7 @@ ats::result<int> run_captured_demo(const std::string& module_folder, const std::
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     fabric::capture capture(path, static_cast<uint64_t>(now_ms));
-    if (const auto status = capture.status(); !status)
-        return ats::fail(ats::error_kind::invalid, status.error().text);
+    if (const auto status = capture.status(); !status) return ats::fail(ats::error_kind::invalid, status.error().text);
     const int result = run_demo(module_folder, &capture);
     if (const auto closed = capture.close(); !closed) return ats::pass_on(closed);
     std::printf("%llu datagrams are in %s: open it with Wireshark, or 'tshark -V -r %s'.\n",

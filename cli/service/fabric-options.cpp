@@ -79,7 +79,7 @@ world_config with_fabric(world_config given, const fabric_options& options)
             throw console::failure(console::exit_usage,
                                    option->get_name() +
                                        " is for --fabric umad; hosts on the embedded fabric are described by --config");
-    given.fabric.ports.say = tell;
+    given.fabric.ports.report = tell;
     if (!options.capture.empty()) given.fabric.capture = options.capture;
     return given;
 }

@@ -56,9 +56,9 @@ running_hosts::running_hosts(const world_config& config, const std::string& modu
     : exec_(exec::make_threaded_executor())
 {
     if (config.fabric.is_real) {
-        umad::opened opened = umad::open(*exec_, config.fabric.ports);
-        if (!opened.fabric) throw console::failure(console::exit_failed, opened.why);
-        real_ = std::move(opened.fabric);
+        auto opened = umad::open(*exec_, config.fabric.ports);
+        if (!opened) throw console::failure(console::exit_failed, opened.error().text);
+        real_ = std::move(*opened);
     } else {
         subnet_ = std::make_unique<embedded::subnet>(*exec_);
     }

@@ -229,7 +229,7 @@ umad::delete_p_key delete_p_key_of(const std::string& word)
     return word == "off" ? umad::delete_p_key::off : umad::delete_p_key::automatic;
 }
 
-world_config real_host(const std::string& name, const std::string& address, const umad::options& ports)
+world_config real_host(const std::string& name, const std::string& address, const umad::fabric_options& ports)
 {
     world_config config{.fabric = {.is_real = true, .ports = ports}};
     world::host_plan plan;

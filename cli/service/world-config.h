@@ -20,9 +20,9 @@ constexpr size_t bytes_of_kib(int kib)
 }
 
 struct fabric_config {
-    bool is_real = false;     // real ports, of this machine, for one host
-    umad::options ports = {}; // of a real fabric
-    std::string capture = {}; // the file that takes every datagram, "" for none
+    bool is_real = false;            // real ports, of this machine, for one host
+    umad::fabric_options ports = {}; // of a real fabric
+    std::string capture = {};        // the file that takes every datagram, "" for none
 };
 
 struct world_config {
@@ -36,7 +36,7 @@ world_config numbered_hosts(int count);
 
 // One host of that name and address on real ports, its HCAs as `ports` says. "" stands for this machine's name. Throws
 // a failure when that is no host name, or the address no host's.
-world_config real_host(const std::string& name, const std::string& address, const umad::options& ports);
+world_config real_host(const std::string& name, const std::string& address, const umad::fabric_options& ports);
 
 // "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);

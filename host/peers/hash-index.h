@@ -1,5 +1,5 @@
-// A hash index of records that its user owns. The chains run through the records themselves, so that no call after open()
-// allocates, sleeps or fails. Contexts that may not sleep can use it. The caller guards it with a lock.
+// A hash index of records that its user owns. The chains run through the records themselves, so that no call after
+// open() allocates, sleeps or fails. Contexts that may not sleep can use it. The caller guards it with a lock.
 #pragma once
 
 #include <bit>

@@ -1,10 +1,10 @@
 // IBAT's functions for modules of its host that need addresses. (Those for the resolver are in ibat.h.) IBAT keeps a
-// cache in front of the resolver. It sends one request for all who ask for an address, repeats it, and gives it up in the
-// end.
+// cache in front of the resolver. It sends one request for all who ask for an address, repeats it, and gives it up in
+// the end.
 //
 // In every record that comes out, `dst_ip` is the address of the request, `gid` the GID that owns it, and
-// `local_port_num` the port on which the answer arrived. `mask` names the fields that are filled; IBAT_MASK_STATIC marks
-// the host's own mapping. Other fields keep their values.
+// `local_port_num` the port on which the answer arrived. `mask` names the fields that are filled; IBAT_MASK_STATIC
+// marks the host's own mapping. Other fields keep their values.
 #pragma once
 
 #include "ibat.h"
@@ -17,13 +17,13 @@
 // is zero, or a pointer is null.
 //
 // The callback runs without a lock, in a task that may sleep. It may call every function here, but not ibat_cancel for
-// itself. It gets ibat_stat_ok, ibat_stat_not_found, ibat_stat_timeout (no attempt was answered) or ibat_stat_error (the
-// resolver refused every attempt, or has detached). Its record is never null and holds at least the address.
+// itself. It gets ibat_stat_ok, ibat_stat_not_found, ibat_stat_timeout (no attempt was answered) or ibat_stat_error
+// (the resolver refused every attempt, or has detached). Its record is never null and holds at least the address.
 using ibat_get_ib_data_fn_t = ibat_stat_t (*)(uint32_t ip, ibat_arp_data_t* arp_data,
                                               ibat_get_ib_data_reply_fn_t user_cb, void* user_context);
 
-// Published as "ibat_refresh_fn": the same, but always asks the SA, so that a caller can check an answer from the cache.
-// ibat_stat_pending or ibat_stat_error, as above.
+// Published as "ibat_refresh_fn": the same, but always asks the SA, so that a caller can check an answer from the
+// cache. ibat_stat_pending or ibat_stat_error, as above.
 using ibat_refresh_fn_t = ibat_stat_t (*)(uint32_t ip, ibat_get_ib_data_reply_fn_t user_cb, void* user_context);
 
 // Published as "ibat_cancel_fn": withdraws every pending request made with this callback and context. After the return
@@ -75,6 +75,6 @@ using ibat_counters_fn_t = void (*)(ibat_counters_t* counters);
 using ibat_flush_fn_t = int32_t (*)();
 
 // Published as "ibat_forget_fn": drops the learned or negative entry of the address `ip` or, if `gid` is not null, the
-// learned entry of that GID. Pending requests go on. Returns 1, or 0 when there was no such entry. The host's own mapping
-// stays. Any context.
+// learned entry of that GID. Pending requests go on. Returns 1, or 0 when there was no such entry. The host's own
+// mapping stays. Any context.
 using ibat_forget_fn_t = int32_t (*)(uint32_t ip, const kq_gid_t* gid);

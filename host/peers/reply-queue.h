@@ -1,6 +1,6 @@
-// The callbacks that a peer owes to its askers. Answers arrive in contexts that may not sleep, but a callback may sleep:
-// it may ask again. So a sleeping timer makes the callbacks, one after another. An asker is in exactly one place at a
-// time: with its request, owed here, or being called. Therefore each asker gets exactly one callback.
+// The callbacks that a peer owes to its askers. Answers arrive in contexts that may not sleep, but a callback may
+// sleep: it may ask again. So a sleeping timer makes the callbacks, one after another. An asker is in exactly one place
+// at a time: with its request, owed here, or being called. Therefore each asker gets exactly one callback.
 #pragma once
 
 #include <cassert>

@@ -1,5 +1,5 @@
-// A real port between its own task and one that polls. What libibumad does is done here, by a device whose SA answers
-// every request at once, unless it is told to be silent.
+// A real port that its own task and a polling task share. A fake of libibumad stands in: a device whose SA answers
+// every request at once, unless it is silent.
 #include <deque>
 #include <set>
 #include <sys/eventfd.h>
@@ -18,11 +18,11 @@ struct fake_device {
         int agent;
         fabric::mad_bytes mad;
     };
-    std::mutex mutex; // guards the next
+    std::mutex mutex; // guards arrivals
     std::deque<arrival> arrivals;
-    std::atomic<bool> is_silent{false}; // to requests that are the SA's
-    std::atomic<int> looks{0};
-    const int readable = eventfd(0, EFD_NONBLOCK); // as long as there are arrivals
+    std::atomic<bool> is_silent{false}; // the SA, not the port itself
+    std::atomic<int> self_questions{0};
+    const int readable = eventfd(0, EFD_NONBLOCK); // readable while there are arrivals
 } wire;
 
 constexpr int sa_agent = 0, self_agent = 1;
@@ -55,7 +55,7 @@ int umad_send(int, int agent, void* umad, int, int, int)
     fake_device::arrival answer{agent, {}};
     memcpy(answer.mad.data(), umad_get_mad(umad), answer.mad.size());
     reinterpret_cast<mad_hdr_t&>(answer.mad).m.r = 1;
-    if (agent == self_agent) ++wire.looks;
+    if (agent == self_agent) ++wire.self_questions;
     const std::lock_guard lock(wire.mutex);
     if (agent == sa_agent && wire.is_silent) return 0;
     wire.arrivals.push_back(answer);
@@ -69,8 +69,8 @@ int umad_recv(int, void* umad, int* length, int)
     if (wire.arrivals.empty()) return -EWOULDBLOCK;
     const fake_device::arrival next = wire.arrivals.front();
     wire.arrivals.pop_front();
-    eventfd_t ignored;
-    if (wire.arrivals.empty()) eventfd_read(wire.readable, &ignored);
+    eventfd_t value;
+    if (wire.arrivals.empty()) eventfd_read(wire.readable, &value);
     memset(umad, 0, umad_size());
     memcpy(umad_get_mad(umad), next.mad.data(), next.mad.size());
     *length = MAD_SIZE;
@@ -86,25 +86,28 @@ class umad_port : public testing::Test
     umad_port()
     {
         wire.is_silent = false;
-        EXPECT_EQ(port->open(), "");
+        EXPECT_TRUE(port->open());
         port->start();
     }
     ~umad_port() override
     {
-        stopping = true;
+        is_stopping = true;
         if (poller) exec->join(*poller);
     }
 
-    // A task that polls. Where a poll finds nothing it sleeps for a tick, unless it is keen; with an answer it goes
-    // away for as long as `naps` is set.
+    // Starts a task that polls. After a poll without an answer it sleeps for a tick, unless `is_keen`. After an answer
+    // it sleeps while `must_sleep` is set.
     void start_polling()
     {
         poller = &exec->start(nullptr, "poller", [this] {
-            while (!stopping) {
+            while (!is_stopping) {
                 if (port->poll()) {
-                    ++polled;
-                    for (; naps && !stopping; is_away = true) exec->park(exec->now() + 1, "nothing", "");
-                    is_away = false;
+                    ++answered_polls;
+                    while (must_sleep && !is_stopping) {
+                        is_asleep = true;
+                        exec->park(exec->now() + 1, "nothing", "");
+                    }
+                    is_asleep = false;
                 } else if (!is_keen) {
                     exec->park(exec->now() + 1, "answers", "");
                 }
@@ -114,7 +117,7 @@ class umad_port : public testing::Test
 
     void ask()
     {
-        const sa_mad_v2_t mad = test::request(MAD_METHOD_GET, test::mask_gid_lookup, {}, ++asked);
+        const sa_mad_v2_t mad = test::request(MAD_METHOD_GET, test::mask_gid_lookup, {}, ++requests);
         EXPECT_TRUE(port->send({.lid = 1}, test::bytes_of(mad)));
     }
 
@@ -127,52 +130,53 @@ class umad_port : public testing::Test
     }
 
     const std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
-    std::atomic<bool> stopping{false}, is_keen{false}, naps{false}, is_away{false}, is_promised{false};
-    std::atomic<uint64_t> polled{0}, told{0};
-    uint64_t asked = 0;
-    std::set<uint64_t> transactions; // the listener's
-    umad::surroundings around{*exec, {.watch_interval_ticks = 10}};
-    umad::own_records records{umad::delete_p_key::off};
+    std::atomic<bool> is_stopping{false}, is_keen{false}, must_sleep{false}, is_asleep{false};
+    std::atomic<bool> is_call_promised{false}; // of may_complete(), by its last call
+    std::atomic<uint64_t> answered_polls{0}, answers{0};
+    uint64_t requests = 0;
+    std::set<uint64_t> transactions; // of the answers
+    umad::fabric_context context{*exec, {.watch_interval_ticks = 10}};
+    umad::registered_p_keys p_keys{umad::delete_p_key::off};
     std::unique_ptr<umad::port> port = std::make_unique<umad::port>(
-        around, records, "fake", 1,
-        umad::port_events{.arrived =
+        context, p_keys, "fake", 1,
+        umad::port_events{.mad_arrived =
                               [this](const fabric::address&, const fabric::mad_bytes& mad) {
                                   transactions.insert(from_wire(std::bit_cast<sa_mad_v2_t>(mad).hdr.transact_id));
-                                  ++told;
+                                  ++answers;
                               },
-                          .may_complete = [this](bool again) { is_promised = again; },
-                          .changed = [](fabric::port_change, uint16_t) {}});
+                          .may_complete = [this](bool again) { is_call_promised = again; },
+                          .port_changed = [](fabric::port_change, uint16_t) {}});
     exec::task* poller = nullptr;
 };
 
 TEST_F(umad_port, tells_every_answer_once_whoever_receives_it_and_is_watched_meanwhile)
 {
     start_polling();
-    const int looks = wire.looks;
-    while (asked < 20'000 || wire.looks < looks + 20) {
+    const int self_questions = wire.self_questions;
+    while (requests < 20'000 || wire.self_questions < self_questions + 20) {
         ask();
-        if (asked % 16 != 0) continue;
-        ASSERT_TRUE(comes_true([&] { return told == asked; }));
-        ASSERT_LT(asked, 5'000'000u) << "polls keep the port's task from looking at the port";
+        if (requests % 16 != 0) continue;
+        ASSERT_TRUE(comes_true([&] { return answers == requests; }));
+        ASSERT_LT(requests, 5'000'000u) << "polling keeps the port's task from asking the port";
     }
-    EXPECT_GT(polled, 0u);
-    EXPECT_TRUE(comes_true([&] { return told == asked && !is_promised; }));
-    EXPECT_EQ(transactions.size(), asked);
+    EXPECT_GT(answered_polls, 0u);
+    EXPECT_TRUE(comes_true([&] { return answers == requests && !is_call_promised; }));
+    EXPECT_EQ(transactions.size(), requests);
 }
 
 TEST_F(umad_port, is_received_from_though_the_task_that_polled_has_come_to_sleep)
 {
     start_polling();
     for (int round = 0; round < 10; ++round) {
-        naps = true;
-        while (!is_away) {
+        must_sleep = true;
+        while (!is_asleep) {
             ask();
-            ASSERT_TRUE(comes_true([&] { return told == asked; }));
+            ASSERT_TRUE(comes_true([&] { return answers == requests; }));
         }
         ask();
-        ASSERT_TRUE(comes_true([&] { return told == asked; })) << "nobody receives";
-        naps = false;
-        ASSERT_TRUE(comes_true([&] { return !is_away; }));
+        ASSERT_TRUE(comes_true([&] { return answers == requests; })) << "nobody receives";
+        must_sleep = false;
+        ASSERT_TRUE(comes_true([&] { return !is_asleep; }));
     }
 }
 
@@ -180,14 +184,14 @@ TEST_F(umad_port, ends_what_it_promised_when_the_sa_falls_silent_however_much_is
 {
     start_polling();
     is_keen = true;
-    while (polled == 0) {
+    while (answered_polls == 0) {
         ask();
-        ASSERT_TRUE(comes_true([&] { return told == asked; }));
+        ASSERT_TRUE(comes_true([&] { return answers == requests; }));
     }
     wire.is_silent = true;
     EXPECT_TRUE(comes_true([&] {
         ask();
-        return !is_promised;
+        return !is_call_promised;
     }));
 }
 

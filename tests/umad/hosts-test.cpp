@@ -232,7 +232,7 @@ TEST_F(hosts_on_fabric, survive_answers_that_are_none_an_hca_that_goes_and_a_fab
         EXPECT_EQ(text_of(broken), "") << how << " never happened";
     }
     EXPECT_EQ(times_in(host.output(), "shorter than a record"), 1u) << host.output();
-    EXPECT_EQ(times_in(host.output(), "answers no request under way"), 1u) << host.output();
+    EXPECT_EQ(times_in(host.output(), "answers no request in flight"), 1u) << host.output();
 
     breaking("gone");
     EXPECT_TRUE(comes_to(host, "Down")) << host.output();
@@ -256,7 +256,7 @@ TEST_F(hosts_on_fabric, survive_answers_that_are_none_an_hca_that_goes_and_a_fab
 
     net->die();
     const long before = ticks_used_by(host.running());
-    EXPECT_TRUE(host.running().wait_line("does not tell its state", 30s)) << host.output();
+    EXPECT_TRUE(host.running().wait_line("does not report its state", 30s)) << host.output();
     EXPECT_LT(ticks_used_by(host.running()) - before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
 }
 

@@ -1,4 +1,4 @@
-// What the layer over libibumad decides by itself, without a device.
+// The parts of the layer over libibumad that need no device.
 #include <gmock/gmock.h>
 
 #include "host/fabric/umad/port-watch.h"
@@ -14,32 +14,32 @@ using test::gid_number;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(umad_transactions, of_the_low_half_lead_back_to_the_whole_and_once_only)
+TEST(umad_transactions, are_found_once_by_their_low_half)
 {
     umad::transactions table;
-    constexpr uint64_t stamp = 0x0003000500000000; // somebody else's upper half
+    constexpr uint64_t foreign_half = 0x0003000500000000; // as the kernel would replace the high half
     for (uint64_t i = 1; i <= 200; ++i) table.begin(0x1234567800000000 | i);
     for (uint64_t i = 1; i <= 200; ++i) {
-        EXPECT_EQ(table.end(stamp | i), 0x1234567800000000 | i);
-        EXPECT_EQ(table.end(stamp | i), std::nullopt) << "answered twice";
+        EXPECT_EQ(table.end(foreign_half | i), 0x1234567800000000 | i);
+        EXPECT_EQ(table.end(foreign_half | i), std::nullopt) << "answered twice";
     }
     EXPECT_EQ(table.end(0), std::nullopt) << "never sent";
-    // However many are never answered, the newest are found.
+    // The newest are found, though many old ones are never answered.
     for (uint64_t i = 1; i <= 100'000; ++i) table.begin(i);
-    for (uint64_t i = 100'000; i > 99'900; --i) EXPECT_EQ(table.end(stamp | i), i);
-    EXPECT_EQ(table.end(stamp | 1), std::nullopt);
+    for (uint64_t i = 100'000; i > 99'900; --i) EXPECT_EQ(table.end(foreign_half | i), i);
+    EXPECT_EQ(table.end(foreign_half | 1), std::nullopt);
 }
 
-// What a Delete of GID number 7 leaves with, P_Key first given: as written by the module, it is 0.
-TEST(umad_own_records, are_deleted_by_their_whole_identifier)
+// A Delete of GID number 7: its P_Key before and after. The module writes 0.
+TEST(umad_registered_p_keys, complete_the_identifier_in_a_delete)
 {
     using enum umad::delete_p_key;
     const struct {
-        const char* what;
+        const char* name;
         umad::delete_p_key setting;
-        uint16_t registered; // the P_Key that the record was Set with in this run; 0: it was not
-        uint16_t given;
-        uint16_t sent;
+        uint16_t set_p_key; // of the Set in this run; 0: there was none
+        uint16_t p_key_before;
+        uint16_t p_key_after;
     } cases[] = {
         {"registered in this run", automatic, 0x8002, 0, 0x8002},
         {"registered by an earlier run", automatic, 0, 0, 0},
@@ -49,121 +49,123 @@ TEST(umad_own_records, are_deleted_by_their_whole_identifier)
         {"off", off, 0x8002, 0, 0},
     };
     const fabric::port_attributes port{.gids = {gid_number(1), gid_number(7)}, .p_keys = {0x8001, 0xFFFF}};
-    for (const auto& tried : cases) {
-        SCOPED_TRACE(tried.what);
-        umad::own_records records(tried.setting);
-        auto set = test::request(MAD_METHOD_SET, test::mask_all, test::host_record(gid_number(7), 7, tried.registered));
-        if (tried.registered != 0) {
-            EXPECT_FALSE(records.leaving(set, port));
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        umad::registered_p_keys p_keys(each.setting);
+        auto set = test::request(MAD_METHOD_SET, test::mask_all, test::host_record(gid_number(7), 7, each.set_p_key));
+        if (each.set_p_key != 0) {
+            EXPECT_FALSE(p_keys.complete(set, port));
         }
 
-        test::record_t record = test::host_record(gid_number(7), 7, tried.given);
-        auto leaving = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, record);
-        EXPECT_EQ(records.leaving(leaving, port), tried.sent != tried.given);
-        record.service_pkey = to_wire(tried.sent);
-        EXPECT_TRUE(test::same(test::record_in(leaving), record)) << "nothing else may change";
-        EXPECT_EQ(from_wire(leaving.component_mask), test::mask_gid_lookup);
+        test::record_t record = test::host_record(gid_number(7), 7, each.p_key_before);
+        auto deletion = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, record);
+        EXPECT_EQ(p_keys.complete(deletion, port), each.p_key_after != each.p_key_before);
+        record.service_pkey = to_wire(each.p_key_after);
+        EXPECT_TRUE(test::same(test::record_in(deletion), record)) << "nothing else may change";
+        EXPECT_EQ(from_wire(deletion.component_mask), test::mask_gid_lookup);
 
         auto foreign = test::request(MAD_METHOD_DELETE, test::mask_gid_lookup, test::host_record(gid_number(9), 9, 0));
         auto lookup = test::request(MAD_METHOD_GET, test::mask_gid_lookup, test::host_record(gid_number(7), 7, 0));
-        EXPECT_FALSE(records.leaving(foreign, port)) << "another host's record";
-        EXPECT_FALSE(records.leaving(lookup, port));
+        EXPECT_FALSE(p_keys.complete(foreign, port)) << "another host's record";
+        EXPECT_FALSE(p_keys.complete(lookup, port));
     }
 }
 
 TEST(umad_port, tells_what_a_host_must_act_on)
 {
-    const fabric::port_attributes up{.state = fabric::link_state::active,
-                                     .lid = 4,
-                                     .sm_lid = 1,
-                                     .gids = {gid_number(7)},
-                                     .p_keys = {0xFFFF, 0x8001}};
-    const auto but = [&](auto change) {
-        fabric::port_attributes changed = up;
-        change(changed);
-        return changed;
+    const fabric::port_attributes active{.state = fabric::link_state::active,
+                                         .lid = 4,
+                                         .sm_lid = 1,
+                                         .gids = {gid_number(7)},
+                                         .p_keys = {0xFFFF, 0x8001}};
+    const auto active_but = [&](auto change) {
+        fabric::port_attributes port = active;
+        change(port);
+        return port;
     };
-    const auto down = but([](auto& port) { port.state = fabric::link_state::down; });
-    const auto armed = but([](auto& port) { port.state = fabric::link_state::armed; });
-    EXPECT_THAT(umad::changes_between(up, up), IsEmpty());
+    const auto down = active_but([](auto& port) { port.state = fabric::link_state::down; });
+    const auto armed = active_but([](auto& port) { port.state = fabric::link_state::armed; });
+    EXPECT_THAT(umad::changes_between(active, active), IsEmpty());
     EXPECT_THAT(umad::changes_between(down, armed), IsEmpty());
-    EXPECT_THAT(umad::changes_between(armed, up), ElementsAre(link_up));
-    EXPECT_THAT(umad::changes_between(up, armed), ElementsAre(link_down));
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.sm_lid = 9; })), ElementsAre(sm_change));
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.sm_sl = 3; })), ElementsAre(sm_change));
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.p_keys[1] = 0; })), ElementsAre(sm_change));
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.bad_p_keys = 9; })), IsEmpty());
+    EXPECT_THAT(umad::changes_between(armed, active), ElementsAre(link_up));
+    EXPECT_THAT(umad::changes_between(active, armed), ElementsAre(link_down));
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.sm_lid = 9; })), ElementsAre(sm_change));
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.sm_sl = 3; })), ElementsAre(sm_change));
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.p_keys[1] = 0; })),
+                ElementsAre(sm_change));
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.bad_p_keys = 9; })), IsEmpty());
     // The record at the SA, or the SA itself, may no longer be what it was.
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.lid = 5; })), ElementsAre(link_down, link_up));
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.gids[0][7] = 1; })),
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.lid = 5; })),
                 ElementsAre(link_down, link_up));
-    EXPECT_THAT(umad::changes_between(up, but([](auto& port) { port.p_keys[0] = 0x8001; })),
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.gids[0][7] = 1; })),
+                ElementsAre(link_down, link_up));
+    EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.p_keys[0] = 0x8001; })),
                 ElementsAre(link_down, link_up));
 }
 
-// Answers questions as a port would that has been set up in every detail.
+// The answer of a port in which every attribute is set.
 fabric::mad_bytes answer_to(const fabric::mad_bytes& question)
 {
     fabric::mad_bytes answer = question;
     answer[3] |= MAD_METHOD_RESPONSE;
     answer[4] = 0x80;                                      // the direction bit
-    std::fill(answer.begin() + 8, answer.begin() + 12, 9); // whoever carries it stamps the upper half
+    std::fill(answer.begin() + 8, answer.begin() + 12, 9); // the kernel and ibsim replace the high half
     uint8_t* attribute = answer.data() + 64;
     const auto put = [&](size_t offset, std::initializer_list<uint8_t> bytes) {
         std::ranges::copy(bytes, attribute + offset);
     };
-    const uint8_t asked = question[17], modifier = question[23];
-    if (asked == 0x11) put(28, {0, 64}); // two blocks of P_Keys
-    if (asked == 0x15) {
+    const uint8_t attribute_id = question[17], modifier = question[23];
+    if (attribute_id == 0x11) put(28, {0, 64}); // two blocks of P_Keys
+    if (attribute_id == 0x15) {
         put(8, {0xFE, 0xC0, 0, 0, 0, 0, 0, 1, 0x01, 0x02, 0x03, 0x04, 0x02, 0x51, 0x48, 0x6A});
         put(32, {0x14, 0, 0xC2, 0, 0x5B, 0x40});
         put(46, {0, 17, 0, 18});
     }
-    if (asked == 0x14) put(0, {0, 2, 0xC9, 3, 0, 1, 2, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 0xC9, 3, 0, 1, 2, 4});
-    if (asked == 0x16 && modifier == 0) put(0, {0xFF, 0xFF});
-    if (asked == 0x16 && modifier == 1) put(2, {0x80, 0x05});
+    if (attribute_id == 0x14) put(0, {0, 2, 0xC9, 3, 0, 1, 2, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 0xC9, 3, 0, 1, 2, 4});
+    if (attribute_id == 0x16 && modifier == 0) put(0, {0xFF, 0xFF});
+    if (attribute_id == 0x16 && modifier == 1) put(2, {0x80, 0x05});
     return answer;
 }
 
 TEST(umad_port, is_read_from_its_own_answers)
 {
     umad::port_watch watch(2, 1000);
-    std::optional<fabric::port_attributes> told;
+    std::optional<fabric::port_attributes> attributes;
     int questions = 0;
-    for (uint64_t now = 0; !told && questions < 20; ++questions) {
-        const auto question = watch.question_due(now);
+    for (uint64_t now = 0; !attributes && questions < 20; ++questions) {
+        const auto question = watch.due_question(now);
         ASSERT_TRUE(question);
         auto late = answer_to(*question);
         ++late[15];
-        EXPECT_FALSE(watch.answered(late, now)) << "another question's answer";
+        EXPECT_FALSE(watch.accept(late, now)) << "another question's answer";
         if (questions == 1) {
             EXPECT_EQ((*question)[23], 2) << "PortInfo of that port";
-            EXPECT_FALSE(watch.question_due(now)) << "asked twice at once";
-            const auto again = watch.question_due(watch.next_due());
+            EXPECT_FALSE(watch.due_question(now)) << "asked twice at once";
+            const auto again = watch.due_question(watch.next_due());
             ASSERT_TRUE(again) << "not asked again though it got no answer";
-            told = watch.answered(answer_to(*again), now);
+            attributes = watch.accept(answer_to(*again), now);
             continue;
         }
-        told = watch.answered(answer_to(*question), now);
+        attributes = watch.accept(answer_to(*question), now);
     }
-    ASSERT_TRUE(told);
+    ASSERT_TRUE(attributes);
     EXPECT_EQ(questions, 5) << "NodeInfo, PortInfo, GUIDInfo, two P_Key blocks";
-    EXPECT_EQ(told->state, fabric::link_state::active);
-    EXPECT_EQ(told->lid, 0x0102);
-    EXPECT_EQ(told->sm_lid, 0x0304);
-    EXPECT_EQ(told->capability_mask, 0x0251486Au);
-    EXPECT_EQ(told->lmc, 2);
-    EXPECT_EQ(told->mtu, 5);
-    EXPECT_EQ(told->sm_sl, 11);
-    EXPECT_EQ(told->max_vls, 8);
-    EXPECT_EQ(told->bad_p_keys, 17u);
-    EXPECT_EQ(told->bad_q_keys, 18u);
-    EXPECT_THAT(told->gids, ElementsAre(fabric::make_gid(0xFEC0000000000001, 0x0002C90300010203),
-                                        fabric::make_gid(0xFEC0000000000001, 0),
-                                        fabric::make_gid(0xFEC0000000000001, 0x0002C90300010204)));
-    ASSERT_EQ(told->p_keys.size(), 34u) << "entries keep their index";
-    EXPECT_EQ(told->p_keys[0], 0xFFFF);
-    EXPECT_EQ(told->p_keys[33], 0x8005);
+    EXPECT_EQ(attributes->state, fabric::link_state::active);
+    EXPECT_EQ(attributes->lid, 0x0102);
+    EXPECT_EQ(attributes->sm_lid, 0x0304);
+    EXPECT_EQ(attributes->capability_mask, 0x0251486Au);
+    EXPECT_EQ(attributes->lmc, 2);
+    EXPECT_EQ(attributes->mtu, 5);
+    EXPECT_EQ(attributes->sm_sl, 11);
+    EXPECT_EQ(attributes->max_vls, 8);
+    EXPECT_EQ(attributes->bad_p_keys, 17u);
+    EXPECT_EQ(attributes->bad_q_keys, 18u);
+    EXPECT_THAT(attributes->gids, ElementsAre(fabric::make_gid(0xFEC0000000000001, 0x0002C90300010203),
+                                              fabric::make_gid(0xFEC0000000000001, 0),
+                                              fabric::make_gid(0xFEC0000000000001, 0x0002C90300010204)));
+    ASSERT_EQ(attributes->p_keys.size(), 34u) << "entries keep their index";
+    EXPECT_EQ(attributes->p_keys[0], 0xFFFF);
+    EXPECT_EQ(attributes->p_keys[33], 0x8005);
     EXPECT_EQ(watch.next_due(), 1000u);
 }
 
@@ -171,14 +173,14 @@ TEST(umad_port, that_stops_answering_is_asked_on_and_counts_as_silent)
 {
     umad::port_watch watch(1, 1000);
     uint64_t now = 0;
-    while (const auto question = watch.question_due(now))
-        if (watch.answered(answer_to(*question), now)) break;
+    while (const auto question = watch.due_question(now))
+        if (watch.accept(answer_to(*question), now)) break;
     const uint64_t last_heard = now;
     int questions = 0;
     while (!watch.is_silent()) {
         ASSERT_GT(watch.next_due(), now) << "a spin";
         now = watch.next_due();
-        ASSERT_TRUE(watch.question_due(now));
+        ASSERT_TRUE(watch.due_question(now));
         ASSERT_LT(++questions, 100);
     }
     EXPECT_GT(now - last_heard, 5000u) << "losing a datagram or two is no silence";

@@ -1,5 +1,5 @@
-// One port as libibumad opens it: the umad calls, and what their results mean. Two clients are registered on it, one
-// for the SA and one for the port's own answers to self_query.
+// One port as libibumad opens it: the umad calls and the meaning of their results. It has two clients: one for the SA,
+// and one for the port's own answers to self_query.
 #pragma once
 
 #include <atomic>
@@ -8,6 +8,7 @@
 
 #include "host/fabric/fabric.h"
 #include "host/fabric/umad/libibumad.h"
+#include "host/result.h"
 #include "sa-mads.h"
 
 namespace umad
@@ -20,11 +21,11 @@ class device
   public:
     enum class client { sa, self };
 
-    // What receive() found. `returned`: a request that got no answer, with as much of it as libibumad cares to give
-    // back. `gone`: the device can be used no more, and must be closed.
-    enum class outcome { nothing, datagram, returned, gone };
+    // The result of receive(). `returned`: a request without an answer comes back, perhaps not all of it. `gone`: the
+    // device cannot be used any more, and must be closed.
+    enum class arrival { nothing, datagram, returned, gone };
 
-    // A datagram with the header of libibumad in front, so that it is copied on neither side of a system call.
+    // A datagram behind a header of libibumad's, as system calls take it: so it need not be copied.
     class packet
     {
       public:
@@ -33,8 +34,9 @@ class device
         ib_mad_addr_t& address() { return *umad_get_mad_addr(bytes_); }
         void* bytes() { return bytes_; }
 
-        client to = client::sa; // of a received one: whose it is
-        int length = 0;         // of a received one: bytes of the MAD that came; the rest are zero
+        // Of a received packet only.
+        client receiver = client::sa;
+        int length = 0; // bytes of the MAD that arrived; the rest are zero
 
       private:
         alignas(ib_user_mad_t) unsigned char bytes_[sizeof(ib_user_mad_t) + sizeof(fabric::mad_bytes)] = {};
@@ -45,22 +47,23 @@ class device
     device(const device&) = delete;
     device& operator=(const device&) = delete;
 
-    // Empty, or what is in the way and what to do about it. These are not called while another thread receives.
-    std::string open();
+    // Opens the port and registers both clients; the error says what to do about it. Neither open() nor close() may be
+    // called while another thread receives.
+    ats::result<> open();
     void close();
     bool is_open() const { return descriptor_ >= 0; }
     bool has_self_client() const { return self_agent_ >= 0; }
 
-    // False: libibumad did not take it. The packet's address is the caller's to fill in. Any thread.
-    bool send(client from, packet& leaving);
+    // Sends the packet, whose address the caller has filled in. False: libibumad did not accept it. Any thread.
+    bool send(client sender, packet& packet);
 
     // Waits until there is something to receive, or for `longest_ms`, or until wake(); may return early. Any thread.
     void wait(uint64_t longest_ms);
 
-    // Does not wait. One thread at a time.
-    outcome receive(packet& arrived);
+    // Receives one datagram if there is one; does not wait. One thread at a time.
+    arrival receive(packet& packet);
 
-    // Ends the wait, or the next one. Any thread.
+    // Ends wait(), or the next one. Any thread.
     void wake();
 
   private:
@@ -71,17 +74,17 @@ class device
     const int port_;
     const int wakeup_; // an eventfd
     std::atomic<bool> sees_wakeup_{true};
-    std::atomic<bool> is_broken_{false}; // poll said so
-    std::mutex sending_;                 // held to send, and to change what a sender uses
+    std::atomic<bool> is_broken_{false}; // poll() reported an error on the device
+    std::mutex send_mutex_;              // held to send, and to change descriptor and agents
     int descriptor_ = -1;
     std::atomic<int> poll_descriptor_{-1};
     int sa_agent_ = -1, self_agent_ = -1;
 };
 
-// The file behind a port, "" if it has none.
+// The file through which libibumad reaches a port, "" if it has none.
 std::string device_file(const std::string& hca, int port);
 
-// What is in the way when libibumad does not open a port, given errno, and what to do about it.
-std::string why_not_opened(const std::string& hca, int port, int reason);
+// One line about a port that libibumad cannot open, for people: the cause, given errno, and what to do about it.
+std::string open_error_text(const std::string& hca, int port, int error_number);
 
 } // namespace umad

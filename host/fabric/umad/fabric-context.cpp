@@ -3,17 +3,17 @@
 namespace umad
 {
 
-void surroundings::show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad)
+void fabric_context::show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad)
 {
-    if (!tap_) return;
+    if (!tap_) return; // without a tap, datagrams take no lock
     const std::lock_guard lock(tap_mutex_);
-    if (fabric::tap* seeing = tap_) seeing->crossed(exec.now(), source_lid, destination, mad);
+    if (fabric::tap* const tap = tap_) tap->crossed(exec.now(), source_lid, destination, mad);
 }
 
-void surroundings::set_tap(fabric::tap* to)
+void fabric_context::set_tap(fabric::tap* tap)
 {
     const std::lock_guard lock(tap_mutex_);
-    tap_ = to;
+    tap_ = tap;
 }
 
 } // namespace umad

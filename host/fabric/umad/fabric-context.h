@@ -1,4 +1,4 @@
-// What the ports of a fabric have in common.
+// What all ports of one real fabric share: executor, options, and the tap.
 #pragma once
 
 #include <atomic>
@@ -10,27 +10,28 @@
 namespace umad
 {
 
-class surroundings
+class fabric_context
 {
   public:
-    surroundings(exec::executor& executor, options wanted_options) : exec(executor), wanted(std::move(wanted_options))
-    {
-    }
+    fabric_context(exec::executor& executor, fabric_options options) : exec(executor), options(std::move(options)) {}
 
     exec::executor& exec;
-    const options wanted;
+    const fabric_options options;
 
-    void say(const std::string& text) const
+    // Passes a line to the administrator. Any thread.
+    void report(const std::string& line) const
     {
-        if (wanted.say) wanted.say(text);
+        if (options.report) options.report(line);
     }
 
-    // Any thread.
+    // Shows a datagram to the tap, if there is one. Any thread.
     void show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad);
-    void set_tap(fabric::tap* to);
+
+    // As real_fabric::set_tap.
+    void set_tap(fabric::tap* tap);
 
   private:
-    std::mutex tap_mutex_; // held over the tap
+    std::mutex tap_mutex_; // held while the tap is called
     std::atomic<fabric::tap*> tap_{nullptr};
 };
 

@@ -1,5 +1,5 @@
-// A port's attributes as the system's files have them, through libibumad: for where a port does not answer questions
-// about itself. Slower, and under ibsim as old as the program.
+// A port's attributes from the system's files, through libibumad: for ports that do not answer questions about
+// themselves. It is slower, and under ibsim the files do not change after the program has started.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 namespace umad
 {
 
-// None: there is no such port any more.
-std::optional<fabric::port_attributes> attributes_in_files(const std::string& hca, int port);
+// None: the port does not exist any more.
+std::optional<fabric::port_attributes> read_port_files(const std::string& hca, int port);
 
 } // namespace umad

@@ -1,4 +1,4 @@
-// What comes in through a port: who takes it in, and what becomes of it.
+// How datagrams arrive through a port: which task receives them, and where they go.
 #include "host/fabric/umad/port.h"
 
 #include <algorithm>
@@ -11,11 +11,11 @@ namespace umad
 namespace
 {
 
-constexpr uint64_t quiet_ms = 20; // at the end: nothing more is coming
+constexpr uint64_t quiet_ms = 20; // at the end: after this time nothing more arrives
 constexpr int most_drained = 4096;
 
-// An answer may end where its record does: OpenSM under ibsim sends no more. A good one that ends before would be read
-// as a record with zeros in it.
+// An answer may end at the end of its record: OpenSM under ibsim sends no more. A shorter answer of status 0 would be
+// read as a record with zeros at its end.
 bool is_long_enough(const sa_mad_v2_t& answer, int length)
 {
     const bool has_record = from_wire(answer.hdr.u.ns.status.raw16) == 0 &&
@@ -28,145 +28,145 @@ bool is_long_enough(const sa_mad_v2_t& answer, int length)
 
 void port::run()
 {
-    while (!stopping_) {
-        if (around_.exec.now() >= look_due_)
-            watch();
+    while (!is_stopping_) {
+        if (context_.exec.now() >= check_due_)
+            check_port();
         else if (is_polled_.exchange(false))
-            stand_back();
+            leave_to_poller();
         else
-            receive();
+            wait_and_receive();
     }
     drain();
 }
 
-void port::watch()
+void port::check_port()
 {
-    const std::lock_guard lock(receiving_);
-    const uint64_t now = around_.exec.now();
-    look(now);
-    watch_sa(now);
-    look_due_ = watch_.next_due();
+    const std::lock_guard lock(receive_mutex_);
+    const uint64_t now = context_.exec.now();
+    update_state(now);
+    check_sa_silence(now);
+    check_due_ = watch_.next_due();
 }
 
-// For a tick, and for the next if there was another poll meanwhile: a task that polls no more, or that what it does
-// with an answer puts to sleep, keeps nothing waiting for long.
-void port::stand_back()
+// Sleeps for a tick, and for another one if there is a poll() meanwhile. So a task that stops polling, or that sleeps
+// over what it does with an answer, holds up further answers for a tick or two only.
+void port::leave_to_poller()
 {
-    around_.exec.park(around_.exec.now() + 1, "arrivals", called_.c_str());
+    context_.exec.park(context_.exec.now() + 1, "arrivals", name_.c_str());
 }
 
-void port::receive()
+void port::wait_and_receive()
 {
-    const uint64_t now = around_.exec.now(), due = look_due_;
+    const uint64_t now = context_.exec.now(), due = check_due_;
     device_.wait(is_busy_ ? 1 : due - std::min(due, now));
-    const std::unique_lock lock(receiving_, std::try_to_lock);
+    const std::unique_lock lock(receive_mutex_, std::try_to_lock);
     if (lock)
-        take_in();
+        receive_next();
     else
-        stand_back(); // a task that polls was faster
+        leave_to_poller(); // another task receives already
 }
 
 bool port::poll()
 {
-    if (!is_busy_ || around_.exec.now() >= look_due_) return false;
-    const std::unique_lock lock(receiving_, std::try_to_lock);
+    if (!is_busy_ || context_.exec.now() >= check_due_) return false;
+    const std::unique_lock lock(receive_mutex_, std::try_to_lock);
     if (!lock || !is_busy_) return false;
     is_polled_ = true;
     device_.wait(1);
-    if (take_in()) return true;
+    if (receive_next()) return true;
     is_polled_ = false;
-    around_.exec.wake(*task_);
+    context_.exec.wake(*task_);
     return false;
 }
 
-// One datagram at a time, so that what it leads to is on its way before the next is looked at. While the port is busy
-// its listener counts on another call; so whoever finds nothing any more says so.
-bool port::take_in()
+// Receives one datagram at a time: what follows from it is under way before the next is received. While the port is
+// busy the listener relies on a further may_complete(); so the call is made once more when nothing has arrived. Returns
+// false if nothing arrived, or nothing for the listener.
+bool port::receive_next()
 {
     const bool was_busy = is_busy_;
     is_busy_ = device_.is_open() && receive_one();
-    look_due_ = watch_.next_due();
+    check_due_ = watch_.next_due();
     if (is_busy_ || was_busy) events_.may_complete(is_busy_);
     return is_busy_;
 }
 
-// A program under ibsim that ends while datagrams are on their way to it may hang in the simulator's exit handler.
+// A program under ibsim may hang in the simulator's exit handler if it ends while datagrams are on their way to it.
 void port::drain()
 {
-    const std::lock_guard lock(receiving_);
-    device::packet ignored;
+    const std::lock_guard lock(receive_mutex_);
+    device::packet packet; // ignored
     for (int i = 0; i < most_drained && device_.is_open(); ++i) {
-        if (device_.receive(ignored) != device::outcome::nothing) continue;
+        if (device_.receive(packet) != device::arrival::nothing) continue;
         device_.wait(quiet_ms);
-        if (device_.receive(ignored) == device::outcome::nothing) break;
+        if (device_.receive(packet) == device::arrival::nothing) break;
     }
     device_.close();
 }
 
 bool port::receive_one()
 {
-    device::packet arrived;
-    switch (device_.receive(arrived)) {
-    case device::outcome::nothing:
+    device::packet packet;
+    const device::arrival arrival = device_.receive(packet);
+    if (arrival == device::arrival::nothing) return false;
+    if (arrival == device::arrival::gone) {
+        close_lost_device();
         return false;
-    case device::outcome::gone:
-        lose_device();
-        return false;
-    case device::outcome::returned:
-        take_returned(arrived);
-        break;
-    case device::outcome::datagram:
-        take(arrived);
-        break;
     }
-    return arrived.to == device::client::sa;
+    const bool is_from_sa = packet.receiver == device::client::sa;
+    if (arrival == device::arrival::datagram && is_from_sa) handle_sa_answer(packet);
+    if (arrival == device::arrival::datagram && !is_from_sa) handle_self_answer(packet);
+    if (arrival == device::arrival::returned && is_from_sa) handle_returned(packet);
+    return is_from_sa;
 }
 
-void port::take(device::packet& arrived)
+void port::handle_self_answer(device::packet& packet)
 {
-    if (arrived.to == device::client::self) {
-        if (const auto told = watch_.answered(arrived.mad(), around_.exec.now())) learn(*told, condition_of(*told));
-        return;
-    }
-    sa_mad_v2_t& answer = arrived.sa_mad();
-    if (!is_long_enough(answer, arrived.length)) {
+    const auto attributes = watch_.accept(packet.mad(), context_.exec.now());
+    if (attributes) set_attributes(*attributes, condition_of(*attributes));
+}
+
+void port::handle_sa_answer(device::packet& packet)
+{
+    sa_mad_v2_t& answer = packet.sa_mad();
+    if (!is_long_enough(answer, packet.length)) {
         ++counts_.too_short;
-        return say_once(said_short_, "an answer is shorter than a record and is ignored, as others like it will be");
+        return report_once(is_short_reported_,
+                           "an answer is shorter than a record and is ignored; further ones are not reported");
     }
-    const auto transaction = answer.hdr.m.r ? under_way_.end(from_wire(answer.hdr.transact_id)) : std::nullopt;
+    const auto transaction = answer.hdr.m.r ? transactions_.end(from_wire(answer.hdr.transact_id)) : std::nullopt;
     if (!transaction) {
         ++counts_.strays;
-        return say_once(said_stray_, "a datagram answers no request under way (it may be late) and is ignored, as "
-                                     "others like it will be");
+        return report_once(is_stray_reported_, "a datagram answers no request in flight (it may be late) and is "
+                                               "ignored; further ones are not reported");
     }
     answer.hdr.transact_id = to_wire(*transaction);
-    deliver(arrived);
+    deliver(packet);
 }
 
-void port::deliver(device::packet& arrived)
+void port::deliver(device::packet& packet)
 {
-    const ib_mad_addr_t& from = arrived.address();
-    fabric::address far{.lid = ntohs(from.lid),
-                        .sl = from.sl,
-                        .path_bits = from.path_bits,
-                        .qpn = ntohl(from.qpn),
-                        .p_key_index = from.pkey_index};
-    fabric::address here = far;
-    here.lid = lid_;
-    here.qpn = 1;
-    around_.show_tap(far.lid, here, arrived.mad());
+    const ib_mad_addr_t& umad_address = packet.address();
+    const fabric::address source{.lid = ntohs(umad_address.lid),
+                                 .sl = umad_address.sl,
+                                 .path_bits = umad_address.path_bits,
+                                 .qpn = ntohl(umad_address.qpn),
+                                 .p_key_index = umad_address.pkey_index};
+    fabric::address destination = source;
+    destination.lid = lid_;
+    destination.qpn = 1;
+    context_.show_tap(source.lid, destination, packet.mad());
     ++counts_.arrived;
-    sent_since_answer_ = 0;
-    if (const std::string remark = remarks_.on(arrived.sa_mad()); !remark.empty()) say(remark);
-    events_.arrived(far, arrived.mad());
+    unanswered_requests_ = 0;
+    if (const std::string remark = remarks_.remark_on(packet.sa_mad()); !remark.empty()) report(remark);
+    events_.mad_arrived(source, packet.mad());
 }
 
-// What comes back is over. Nobody is told: whoever waits for the answer has a time-out of his own.
-void port::take_returned(device::packet& arrived)
+// A returned request is over. The listener is not called, because all senders of requests have time-outs of their own.
+void port::handle_returned(device::packet& packet)
 {
-    if (arrived.to == device::client::self) return;
     ++counts_.timed_out;
-    under_way_.end(from_wire(arrived.sa_mad().hdr.transact_id));
+    transactions_.end(from_wire(packet.sa_mad().hdr.transact_id));
 }
 
 } // namespace umad

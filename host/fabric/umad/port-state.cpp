@@ -1,4 +1,4 @@
-// What a port tells of itself, and whether its SA answers.
+// The state of a port as the port itself reports it, and whether its SA answers.
 #include "host/fabric/umad/port-files.h"
 #include "host/fabric/umad/port.h"
 
@@ -8,79 +8,86 @@ namespace umad
 namespace
 {
 
-// A port is silent towards its SA when so many requests have gone out for so long without any answer. Less would
-// take a lost datagram for it, or an SA that is busy for a moment.
-constexpr uint32_t unanswered_requests = 3;
-constexpr uint64_t unanswered_ticks = 3000;
+// An SA is silent when so many requests have had no answer for so long. With lower limits, a lost datagram or an SA
+// that is busy for a moment would count as silence.
+constexpr uint32_t silence_requests = 3;
+constexpr uint64_t silence_ticks = 3000;
 
 } // namespace
 
-void port::look(uint64_t now)
+void port::update_state(uint64_t now)
 {
     if (now < watch_.next_due()) return;
-    if (!device_.is_open() && !device_.open().empty()) return watch_.postpone(now);
-    if (!watch_.has_ever_answered() && (watch_.is_silent() || !device_.has_self_client())) reads_files_ = true;
-    if (reads_files_) {
-        watch_.postpone(now);
-        if (const auto told = attributes_in_files(hca_, number_)) return learn(*told, condition_of(*told));
-        return lose_device();
-    }
+    if (!device_.is_open() && !device_.open()) return watch_.postpone(now);
+    const bool answers_no_question = watch_.is_silent() || !device_.has_self_client();
+    if (!watch_.has_ever_answered() && answers_no_question) reads_files_ = true;
+    if (reads_files_) return read_state_files(now);
     if (watch_.is_silent()) {
         watch_.postpone(now);
-        return learn_down(port_condition::silent);
+        return set_link_down(port_condition::silent);
     }
-    if (const auto question = watch_.question_due(now)) ask(*question);
+    if (const auto question = watch_.due_question(now)) ask(*question);
+}
+
+void port::read_state_files(uint64_t now)
+{
+    watch_.postpone(now);
+    const auto attributes = read_port_files(hca_, number_);
+    if (attributes)
+        set_attributes(*attributes, condition_of(*attributes));
+    else
+        close_lost_device();
 }
 
 void port::ask(const fabric::mad_bytes& question)
 {
-    device::packet leaving;
-    leaving.mad() = question;
-    leaving.address().lid = 0xFFFF;              // permissive: this port, whatever its LID
-    device_.send(device::client::self, leaving); // one that fails is as good as unanswered
+    constexpr uint16_t permissive_lid = 0xFFFF; // this port, whatever its LID
+    device::packet packet;
+    packet.mad() = question;
+    packet.address().lid = permissive_lid;
+    device_.send(device::client::self, packet); // a failure counts as a question without an answer
 }
 
-void port::learn(const fabric::port_attributes& now, port_condition condition)
+void port::set_attributes(const fabric::port_attributes& attributes, port_condition condition)
 {
     std::vector<fabric::port_change> changes;
     {
-        const std::lock_guard lock(mutex_);
-        changes = changes_between(known_, now);
-        known_ = now;
-        lid_ = now.lid;
+        const std::lock_guard lock(attributes_mutex_);
+        changes = changes_between(attributes_, attributes);
+        attributes_ = attributes;
+        lid_ = attributes.lid;
     }
     condition_ = condition;
-    if (std::string text = text_of(condition, now); text != said_state_) {
-        say(text);
-        said_state_ = std::move(text);
-    }
-    for (const fabric::port_change change : changes) events_.changed(change, now.sm_lid);
+    const std::string state = text_of(condition, attributes);
+    if (state != reported_state_) report(state);
+    reported_state_ = state;
+    for (const fabric::port_change change : changes) events_.port_changed(change, attributes.sm_lid);
 }
 
-void port::learn_down(port_condition condition)
+void port::set_link_down(port_condition condition)
 {
-    fabric::port_attributes last = read();
-    last.state = fabric::link_state::down;
-    learn(last, condition);
+    fabric::port_attributes attributes = read();
+    attributes.state = fabric::link_state::down;
+    set_attributes(attributes, condition);
 }
 
-void port::lose_device()
+void port::close_lost_device()
 {
     device_.close();
     reads_files_ = false;
-    watch_.postpone(around_.exec.now());
-    learn_down(port_condition::lost);
+    watch_.postpone(context_.exec.now());
+    set_link_down(port_condition::lost);
 }
 
-void port::watch_sa(uint64_t now)
+void port::check_sa_silence(uint64_t now)
 {
-    const uint64_t since = waiting_since_tick_;
-    const bool is_silent = sent_since_answer_ >= unanswered_requests && now >= since && now - since >= unanswered_ticks;
-    if (is_silent == sa_is_silent_) return;
-    sa_is_silent_ = is_silent;
-    say(is_silent ? "the SA at LID " + std::to_string(read().sm_lid) +
-                        " answers no request: it may be busy or starting; requests are still sent"
-                  : "the SA answers again");
+    const uint64_t begin = first_unanswered_tick_;
+    const bool is_silent = unanswered_requests_ >= silence_requests && now >= begin && now - begin >= silence_ticks;
+    if (is_silent == is_sa_silent_) return;
+    is_sa_silent_ = is_silent;
+    report(is_silent ? "the SA at LID " + std::to_string(read().sm_lid) +
+                           " answers no request: it may be busy or starting; requests are still sent"
+                     : "the SA answers again");
 }
 
 } // namespace umad

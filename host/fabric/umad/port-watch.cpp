@@ -19,21 +19,22 @@ typename table_t::value_type first_of(const table_t& table)
 
 } // namespace
 
-// An active port that finds itself with another GID or first P_Key has a record at the SA that is no longer true, and
-// one with another LID has been set up by an SM that may never have heard of the record: in either case the host is to
-// register anew, which a link that goes down and comes up makes it do, at the price of one Delete and one Set. What
-// else changes needs no more than another look at the port, which is what a host does on an SM change.
-std::vector<fabric::port_change> changes_between(const fabric::port_attributes& before,
-                                                 const fabric::port_attributes& now)
+// An active port with another GID or first P_Key has a record at the SA that is wrong by now. One with another LID was
+// set up by an SM that may not know the record. In both cases the host must register again. A link that goes down and
+// comes up makes it do so; this costs one Delete and one Set. Other changes need no more than a new reading of the
+// port, which is what a host does on an SM change.
+std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
+                                                 const fabric::port_attributes& current)
 {
     using enum fabric::port_change;
-    if (!is_active(before)) return is_active(now) ? std::vector{link_up} : std::vector<fabric::port_change>{};
-    if (!is_active(now)) return {link_down};
-    if (before.lid != now.lid || first_of(before.gids) != first_of(now.gids) ||
-        first_of(before.p_keys) != first_of(now.p_keys))
+    if (!is_active(previous) && !is_active(current)) return {};
+    if (!is_active(previous)) return {link_up};
+    if (!is_active(current)) return {link_down};
+    if (previous.lid != current.lid || first_of(previous.gids) != first_of(current.gids) ||
+        first_of(previous.p_keys) != first_of(current.p_keys))
         return {link_down, link_up};
-    if (before.sm_lid != now.sm_lid || before.sm_sl != now.sm_sl || before.lmc != now.lmc || before.mtu != now.mtu ||
-        before.gids != now.gids || before.p_keys != now.p_keys)
+    if (previous.sm_lid != current.sm_lid || previous.sm_sl != current.sm_sl || previous.lmc != current.lmc ||
+        previous.mtu != current.mtu || previous.gids != current.gids || previous.p_keys != current.p_keys)
         return {sm_change};
     return {};
 }
@@ -56,7 +57,7 @@ std::string text_of(port_condition condition, const fabric::port_attributes& att
     case port_condition::lost:
         return "the device is gone (unplugged, or its driver unloaded); it will be used again when it is back";
     case port_condition::silent:
-        return "the port does not tell its state any more and counts as down; see 'dmesg' for the HCA";
+        return "the port does not report its state any more and counts as down: look at 'dmesg'";
     case port_condition::link_down:
         return "the link is down: check the cable and the switch port";
     case port_condition::no_sm:
@@ -70,7 +71,7 @@ std::string text_of(port_condition condition, const fabric::port_attributes& att
     }
 }
 
-std::optional<fabric::mad_bytes> port_watch::question_due(uint64_t now)
+std::optional<fabric::mad_bytes> port_watch::due_question(uint64_t now)
 {
     if (now < due_) return std::nullopt;
     if (!is_asking_) {
@@ -83,15 +84,15 @@ std::optional<fabric::mad_bytes> port_watch::question_due(uint64_t now)
     return query_.next_question();
 }
 
-std::optional<fabric::port_attributes> port_watch::answered(const fabric::mad_bytes& answer, uint64_t now)
+std::optional<fabric::port_attributes> port_watch::accept(const fabric::mad_bytes& answer, uint64_t now)
 {
     if (!query_.accept(answer)) return std::nullopt;
     has_ever_answered_ = true;
     tries_ = 0;
     due_ = now;
-    const auto result = query_.result();
-    if (result) postpone(now);
-    return result;
+    const auto attributes = query_.result();
+    if (attributes) postpone(now);
+    return attributes;
 }
 
 void port_watch::postpone(uint64_t now)

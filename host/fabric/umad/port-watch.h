@@ -1,5 +1,5 @@
-// How a port is followed: when to ask it for its attributes, what its answers (and its silence) mean, and what of a
-// change the listener must hear. Nothing here touches a device.
+// How a port is watched: when to ask it for its attributes, the meaning of its answers and of its silence, and the
+// events that follow from a change. Nothing here touches a device.
 #pragma once
 
 #include <optional>
@@ -11,41 +11,42 @@
 namespace umad
 {
 
-// The events that lead from one state of a port to the next, in their order.
-std::vector<fabric::port_change> changes_between(const fabric::port_attributes& before,
-                                                 const fabric::port_attributes& now);
+// The events that a listener needs for this change of a port, in their order.
+std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
+                                                 const fabric::port_attributes& current);
 
-// What an administrator calls a port's state. `lost`: the device is gone; `silent`: the port does not tell.
+// A port's state as an administrator sees it. `lost`: the device is gone; `silent`: the port does not answer questions
+// about itself.
 enum class port_condition { unknown, lost, silent, link_down, no_sm, active };
 port_condition condition_of(const fabric::port_attributes& attributes);
 
-// One line about it, without the port's name.
+// One line about the condition, without the port's name; "" for `unknown`.
 std::string text_of(port_condition condition, const fabric::port_attributes& attributes);
 
 class port_watch
 {
   public:
-    // Times are in ticks throughout.
+    // All times are ticks.
     port_watch(int port, uint64_t interval) : interval_(interval), query_(port) {}
 
-    // A question to send now, if it is time for one.
-    std::optional<fabric::mad_bytes> question_due(uint64_t now);
+    // The question to send now; none before next_due().
+    std::optional<fabric::mad_bytes> due_question(uint64_t now);
 
-    // When it is time for the next.
+    // The time of the next question.
     uint64_t next_due() const { return due_; }
 
-    // The port answered. The attributes, when that was the last answer it took.
-    std::optional<fabric::port_attributes> answered(const fabric::mad_bytes& answer, uint64_t now);
+    // Takes an answer of the port. Returns the attributes when the last of the questions is answered.
+    std::optional<fabric::port_attributes> accept(const fabric::mad_bytes& answer, uint64_t now);
 
-    // It has not answered for so long that its state is not known any more. The first questions get less patience.
+    // True if the port has not answered for so long that its state is unknown. The first questions get fewer tries.
     bool is_silent() const { return tries_ > (has_ever_answered_ ? most_tries : most_first_tries); }
     bool has_ever_answered() const { return has_ever_answered_; }
 
-    // Asks from the beginning in one interval.
+    // Starts again with the first question, one interval from now.
     void postpone(uint64_t now);
 
   private:
-    // Local answers take microseconds. A question that got none is asked again soon, though not at once.
+    // Local answers take microseconds. A question without an answer is repeated after this time.
     static constexpr uint64_t answer_time = 250;
     static constexpr int most_tries = 20;
     static constexpr int most_first_tries = 3;

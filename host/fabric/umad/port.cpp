@@ -1,6 +1,7 @@
 #include "host/fabric/umad/port.h"
 
 #include <arpa/inet.h>
+#include <cassert>
 
 namespace umad
 {
@@ -8,11 +9,11 @@ namespace umad
 namespace
 {
 
-constexpr uint64_t first_look_ticks = 1000;
+constexpr uint64_t first_state_ticks = 1000; // how long open() waits for the port's attributes
 
 } // namespace
 
-traffic_counts operator+(const traffic_counts& a, const traffic_counts& b)
+datagram_counts operator+(const datagram_counts& a, const datagram_counts& b)
 {
     return {.sent = a.sent + b.sent,
             .refused = a.refused + b.refused,
@@ -23,87 +24,87 @@ traffic_counts operator+(const traffic_counts& a, const traffic_counts& b)
             .deletes_completed = a.deletes_completed + b.deletes_completed};
 }
 
-port::port(surroundings& around, own_records& records, const std::string& hca, int number, port_events events)
-    : around_(around), hca_(hca), number_(number), called_(hca + " port " + std::to_string(number)),
-      events_(std::move(events)), device_(hca, number), records_(records),
-      watch_(number, around.wanted.watch_interval_ticks)
+port::port(fabric_context& context, registered_p_keys& p_keys, const std::string& hca, int number, port_events events)
+    : context_(context), hca_(hca), number_(number), name_(hca + " port " + std::to_string(number)),
+      events_(std::move(events)), device_(hca, number), p_keys_(p_keys),
+      watch_(number, context.options.watch_interval_ticks)
 {
 }
 
 port::~port()
 {
-    stopping_ = true;
+    is_stopping_ = true;
     if (!task_) return;
     device_.wake();
-    around_.exec.wake(*task_);
-    around_.exec.join(*task_);
+    context_.exec.wake(*task_);
+    context_.exec.join(*task_);
 }
 
-std::string port::open()
+ats::result<> port::open()
 {
-    const std::string why = device_.open();
-    if (!why.empty()) return why;
-    const uint64_t deadline = around_.exec.now() + first_look_ticks;
-    while (condition_ == port_condition::unknown && around_.exec.now() < deadline) {
-        look(around_.exec.now());
+    assert(!task_);
+    if (const auto opened = device_.open(); !opened) return opened;
+    const uint64_t deadline = context_.exec.now() + first_state_ticks;
+    while (condition_ == port_condition::unknown && context_.exec.now() < deadline) {
+        update_state(context_.exec.now());
         device_.wait(1);
-        take_in();
+        receive_next();
     }
-    return "";
+    return {};
 }
 
 void port::start()
 {
-    task_ = &around_.exec.start(nullptr, called_, [this] { run(); });
+    task_ = &context_.exec.start(nullptr, name_, [this] { run(); });
 }
 
 fabric::port_attributes port::read() const
 {
-    const std::lock_guard lock(mutex_);
-    return known_;
+    const std::lock_guard lock(attributes_mutex_);
+    return attributes_;
 }
 
 bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad)
 {
-    device::packet leaving;
-    leaving.mad() = mad;
-    ib_mad_addr_t& to = leaving.address();
-    to.qpn = htonl(destination.qpn);
-    to.qkey = htonl(destination.q_key);
-    to.lid = htons(destination.lid);
-    to.sl = destination.sl;
-    to.path_bits = destination.path_bits;
-    to.pkey_index = destination.p_key_index;
+    device::packet packet;
+    packet.mad() = mad;
+    ib_mad_addr_t& umad_address = packet.address();
+    umad_address.qpn = htonl(destination.qpn);
+    umad_address.qkey = htonl(destination.q_key);
+    umad_address.lid = htons(destination.lid);
+    umad_address.sl = destination.sl;
+    umad_address.path_bits = destination.path_bits;
+    umad_address.pkey_index = destination.p_key_index;
 
-    sa_mad_v2_t& request = leaving.sa_mad();
-    const bool is_lookup = request.hdr.m.method == MAD_METHOD_GET; // most are, and need nothing else of the port
-    if (!is_lookup && records_.leaving(request, read())) ++counts_.completed;
+    sa_mad_v2_t& request = packet.sa_mad();
+    const bool is_lookup = request.hdr.m.method == MAD_METHOD_GET; // most requests are; they need no P_Key
+    if (!is_lookup && p_keys_.complete(request, read())) ++counts_.deletes_completed;
     const uint64_t transaction = from_wire(request.hdr.transact_id);
-    if (!request.hdr.m.r) under_way_.begin(transaction);
-    around_.show_tap(lid_, destination, leaving.mad());
-    if (!device_.send(device::client::sa, leaving)) {
-        under_way_.end(transaction);
+    if (!request.hdr.m.r) transactions_.begin(transaction);
+    context_.show_tap(lid_, destination, packet.mad());
+    if (!device_.send(device::client::sa, packet)) {
+        transactions_.end(transaction);
         ++counts_.refused;
-        say_once(said_refused_, "a datagram could not be sent; others may follow it unsaid");
+        report_once(is_refusal_reported_, "a datagram could not be sent; further ones are not reported");
         return false;
     }
     ++counts_.sent;
-    if (sent_since_answer_ == 0) waiting_since_tick_ = around_.exec.now();
-    ++sent_since_answer_;
+    if (unanswered_requests_ == 0) first_unanswered_tick_ = context_.exec.now();
+    ++unanswered_requests_;
     return true;
 }
 
-void port::say(const std::string& text) const
+void port::report(const std::string& text) const
 {
-    around_.say(called_ + ": " + text);
+    context_.report(name_ + ": " + text);
 }
 
-void port::say_once(std::atomic<bool>& said, const char* text) const
+void port::report_once(std::atomic<bool>& is_reported, const char* text) const
 {
-    if (!said.exchange(true)) say(text);
+    if (!is_reported.exchange(true)) report(text);
 }
 
-traffic_counts port::counts() const
+datagram_counts port::counts() const
 {
     return {.sent = counts_.sent,
             .refused = counts_.refused,
@@ -111,7 +112,7 @@ traffic_counts port::counts() const
             .timed_out = counts_.timed_out,
             .too_short = counts_.too_short,
             .strays = counts_.strays,
-            .deletes_completed = counts_.completed};
+            .deletes_completed = counts_.deletes_completed};
 }
 
 } // namespace umad

@@ -1,6 +1,20 @@
-// One real port: what leaves and arrives through it, and what is known of it. A task of the port receives, asks the
-// port for its attributes in intervals, and tells the HCA's listener of both. While answers keep coming, a task that
-// waits for them may receive in its place.
+// One real port: it sends and receives MADs, and watches its own state. A task of the port receives, asks the port for
+// its attributes in intervals, and reports both to the HCA's listener. While answers keep coming, a task that waits for
+// them may receive in its place (fabric::hca::poll).
+//
+// Who receives:
+//
+//      +------------+   a datagram arrives    +------------+   poll() by another task   +-----------------+
+//      |   quiet    | ----------------------> |    busy    | -------------------------> |     polled      |
+//      |            |                         |            |                            |                 |
+//      | the port's |   nothing has arrived   | the port's |   no poll() for a tick     | the other task; |
+//      | task waits | <---------------------- | task       | <------------------------- | the port's task |
+//      |            |                         | receives   |                            | sleeps a tick   |
+//      +------------+                         +------------+                            +-----------------+
+//            ^                       poll() finds nothing, wakes the port's task                 |
+//            +-----------------------------------------------------------------------------------+
+//
+// is_busy_ is true in the states busy and polled, is_polled_ in the state polled.
 #pragma once
 
 #include <atomic>
@@ -17,92 +31,100 @@
 namespace umad
 {
 
-traffic_counts operator+(const traffic_counts& a, const traffic_counts& b);
+datagram_counts operator+(const datagram_counts& a, const datagram_counts& b);
 
-// What a port does to its HCA.
+// The calls of the HCA's listener, for one port.
 struct port_events {
-    std::function<void(const fabric::address& source, const fabric::mad_bytes& mad)> arrived;
+    std::function<void(const fabric::address& source, const fabric::mad_bytes& mad)> mad_arrived;
     std::function<void(bool again)> may_complete;
-    std::function<void(fabric::port_change change, uint16_t sm_lid)> changed;
+    std::function<void(fabric::port_change change, uint16_t sm_lid)> port_changed;
 };
 
 class port
 {
   public:
-    port(surroundings& around, own_records& records, const std::string& hca, int number, port_events events);
+    // `context` and `p_keys` must outlive the port.
+    port(fabric_context& context, registered_p_keys& p_keys, const std::string& hca, int number, port_events events);
     ~port();
     port(const port&) = delete;
     port& operator=(const port&) = delete;
 
-    // Opens the port and waits, for a second at the most, until it has told its attributes. Empty, or why it cannot be
+    // Opens the port and waits, for a second at the most, until it has reported its attributes. Error: it cannot be
     // opened. Before start().
-    std::string open();
+    ats::result<> open();
+
+    // Starts the port's task. Throws a shortage when there is no room for it.
     void start();
 
-    // Any thread.
+    // As fabric::hca::send and fabric::hca::poll. Any thread.
     bool send(const fabric::address& destination, const fabric::mad_bytes& mad);
-    bool poll(); // as of fabric::hca
+    bool poll();
+
+    // The attributes last reported by the port. Any thread; does not wait for the port.
     fabric::port_attributes read() const;
-    traffic_counts counts() const;
+    datagram_counts counts() const;
 
   private:
-    // The port's task.
+    // By the port's task.
     void run();
-    void watch();
-    void stand_back();
-    void receive();
+    void check_port();
+    void leave_to_poller();
+    void wait_and_receive();
     void drain();
 
-    // Whoever has `receiving_`; open(), before anybody needs it. False: nothing came, or nothing for the listener.
-    bool take_in();
+    // With receive_mutex_ held; by open() without it, because no other task knows the port yet.
+    bool receive_next();
     bool receive_one();
-    void take(device::packet& arrived);
-    void deliver(device::packet& arrived);
-    void take_returned(device::packet& arrived);
-    void look(uint64_t now_ticks);
+    void handle_self_answer(device::packet& packet);
+    void handle_sa_answer(device::packet& packet);
+    void handle_returned(device::packet& packet);
+    void deliver(device::packet& packet);
+    void update_state(uint64_t now_ticks);
+    void read_state_files(uint64_t now_ticks);
     void ask(const fabric::mad_bytes& question);
-    void learn(const fabric::port_attributes& now, port_condition condition);
-    void learn_down(port_condition condition);
-    void lose_device();
-    void watch_sa(uint64_t now_ticks);
+    void set_attributes(const fabric::port_attributes& attributes, port_condition condition);
+    void set_link_down(port_condition condition);
+    void close_lost_device();
+    void check_sa_silence(uint64_t now_ticks);
 
-    void say(const std::string& text) const;
-    void say_once(std::atomic<bool>& said, const char* text) const;
+    void report(const std::string& text) const;
+    void report_once(std::atomic<bool>& is_reported, const char* text) const;
 
-    surroundings& around_;
+    fabric_context& context_;
     const std::string hca_;
     const int number_;
-    const std::string called_; // "mlx5_0 port 1"
+    const std::string name_; // "mlx5_0 port 1"
     const port_events events_;
 
     device device_;
-    own_records& records_;
-    transactions under_way_;
-    mutable std::mutex mutex_; // guards known_
-    fabric::port_attributes known_;
-    std::atomic<uint16_t> lid_{0}; // of known_, for every datagram
+    registered_p_keys& p_keys_;
+    transactions transactions_;
+    mutable std::mutex attributes_mutex_;
+    fabric::port_attributes attributes_; // guarded by attributes_mutex_
+    std::atomic<uint16_t> lid_{0};       // a copy of attributes_.lid, read for every datagram
 
     struct {
-        std::atomic<uint64_t> sent{0}, refused{0}, arrived{0}, timed_out{0}, too_short{0}, strays{0}, completed{0};
+        std::atomic<uint64_t> sent{0}, refused{0}, arrived{0}, timed_out{0}, too_short{0}, strays{0},
+            deletes_completed{0};
     } counts_;
-    std::atomic<bool> said_refused_{false}, said_short_{false}, said_stray_{false};
-    std::atomic<uint32_t> sent_since_answer_{0};
-    std::atomic<uint64_t> waiting_since_tick_{0};
+    std::atomic<bool> is_refusal_reported_{false}, is_short_reported_{false}, is_stray_reported_{false};
+    std::atomic<uint32_t> unanswered_requests_{0}; // sent since the last answer
+    std::atomic<uint64_t> first_unanswered_tick_{0};
 
-    // Held by whoever takes in what arrives or looks at the port. Guards the device but for its sends, the next six,
-    // and every change of is_busy_.
-    std::mutex receiving_;
+    // Held while receiving from or asking the port. Guards the members down to is_sa_silent_, the device except for its
+    // sends, and every change of is_busy_.
+    std::mutex receive_mutex_;
     port_watch watch_;
     sa_remarks remarks_;
     port_condition condition_ = port_condition::unknown;
-    std::string said_state_;
-    bool reads_files_ = false; // the port does not tell its attributes, the system's files do
-    bool sa_is_silent_ = false;
+    std::string reported_state_;
+    bool reads_files_ = false; // the port does not report its attributes; the system's files are read instead
+    bool is_sa_silent_ = false;
 
-    std::atomic<uint64_t> look_due_{0};  // the tick
-    std::atomic<bool> is_busy_{false};   // something arrived just now, and more may follow
-    std::atomic<bool> is_polled_{false}; // by a task in whose favour the port's stands back
-    std::atomic<bool> stopping_{false};
+    std::atomic<uint64_t> check_due_{0}; // the tick of the next check_port()
+    std::atomic<bool> is_busy_{false};   // a datagram has just arrived, and more may follow
+    std::atomic<bool> is_polled_{false}; // another task receives
+    std::atomic<bool> is_stopping_{false};
     exec::task* task_ = nullptr;
 };
 

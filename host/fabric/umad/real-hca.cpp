@@ -3,75 +3,78 @@
 namespace umad
 {
 
-adapter::adapter(surroundings& around, const hca_listing& listed)
-    : around_(around), name_(listed.name), records_(around.wanted.sa_delete_p_key)
+real_hca::real_hca(fabric_context& context, const hca_listing& hca)
+    : context_(context), name_(hca.name), p_keys_(context.options.sa_delete_p_key)
 {
-    for (const port_listing& each : listed.ports) {
+    for (const port_listing& each : hca.ports) {
         const int number = each.number;
         is_infiniband_.push_back(is_infiniband(each));
         port_events events{
-            .arrived =
+            .mad_arrived =
                 [this, number](const fabric::address& source, const fabric::mad_bytes& mad) {
-                    tell([&](fabric::listener& to) { to.mad_arrived(number, source, mad); });
+                    call_listener([&](fabric::listener& listener) { listener.mad_arrived(number, source, mad); });
                 },
-            .may_complete = [this](bool again) { tell([&](fabric::listener& to) { to.may_complete(again); }); },
-            .changed =
+            .may_complete =
+                [this](bool again) {
+                    call_listener([&](fabric::listener& listener) { listener.may_complete(again); });
+                },
+            .port_changed =
                 [this, number](fabric::port_change change, uint16_t sm_lid) {
-                    tell([&](fabric::listener& to) { to.port_changed(number, change, sm_lid); });
+                    call_listener([&](fabric::listener& listener) { listener.port_changed(number, change, sm_lid); });
                 },
         };
-        ports_.push_back(std::make_unique<port>(around, records_, name_, number, std::move(events)));
+        ports_.push_back(std::make_unique<port>(context, p_keys_, name_, number, std::move(events)));
     }
 }
 
-std::string adapter::open()
+ats::result<> real_hca::open()
 {
     for (size_t i = 0; i < ports_.size(); ++i) {
         if (!is_infiniband_[i]) {
-            around_.say(name_ + " port " + std::to_string(i + 1) +
-                        ": not InfiniBand, or without a management device: left alone");
+            context_.report(name_ + " port " + std::to_string(i + 1) +
+                            ": not InfiniBand, or without a management device: not used");
             continue;
         }
-        if (const std::string why = ports_[i]->open(); !why.empty()) return why;
+        if (const auto opened = ports_[i]->open(); !opened) return opened;
     }
     for (size_t i = 0; i < ports_.size(); ++i)
         if (is_infiniband_[i]) ports_[i]->start();
-    return "";
+    return {};
 }
 
 template <class call_t>
-void adapter::tell(const call_t& call)
+void real_hca::call_listener(const call_t& call)
 {
-    const std::lock_guard lock(telling_);
-    if (told_) call(*told_);
+    const std::lock_guard lock(listener_mutex_);
+    if (listener_) call(*listener_);
 }
 
-void adapter::listen(fabric::listener* to)
+void real_hca::listen(fabric::listener* listener)
 {
-    const std::lock_guard lock(telling_);
-    told_ = to;
+    const std::lock_guard lock(listener_mutex_);
+    listener_ = listener;
 }
 
-fabric::port_attributes adapter::read_port(int port)
+fabric::port_attributes real_hca::read_port(int port)
 {
     return ports_.at(static_cast<size_t>(port - 1))->read();
 }
 
-bool adapter::send(int port, const fabric::address& destination, const fabric::mad_bytes& mad)
+bool real_hca::send(int port, const fabric::address& destination, const fabric::mad_bytes& mad)
 {
     return port >= 1 && port <= port_count() && ports_[static_cast<size_t>(port - 1)]->send(destination, mad);
 }
 
-bool adapter::poll()
+bool real_hca::poll()
 {
-    bool any = false;
-    for (const auto& each : ports_) any |= each->poll();
-    return any;
+    bool has_received = false;
+    for (const auto& each : ports_) has_received |= each->poll();
+    return has_received;
 }
 
-traffic_counts adapter::counts() const
+datagram_counts real_hca::counts() const
 {
-    traffic_counts sum;
+    datagram_counts sum;
     for (const auto& each : ports_) sum = sum + each->counts();
     return sum;
 }

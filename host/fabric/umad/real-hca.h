@@ -1,4 +1,4 @@
-// A real HCA: its ports, of which each has a task, and the one listener that all of them tell.
+// A real HCA: its ports, each with a task of its own, and the one listener that all of them call.
 #pragma once
 
 #include <memory>
@@ -9,37 +9,37 @@
 namespace umad
 {
 
-class adapter final : public fabric::hca
+class real_hca final : public fabric::hca
 {
   public:
-    adapter(surroundings& around, const hca_listing& listed);
+    real_hca(fabric_context& context, const hca_listing& hca);
 
-    // Opens every InfiniBand port. Empty, or why one cannot be opened.
-    std::string open();
+    // Opens every InfiniBand port and starts its task. Error: one of them cannot be opened. Once only.
+    ats::result<> open();
 
     const std::string& name() const override { return name_; }
     int port_count() const override { return static_cast<int>(ports_.size()); }
 
-    // What the port last told, one watch interval ago at the most: every change is told to the listener as well, and
-    // nobody has to wait for an HCA that is slow to answer.
+    // Returns what the port last reported, at most one watch interval ago. Does not wait, even if the HCA is slow: the
+    // listener hears of every change anyway.
     fabric::port_attributes read_port(int port) override;
     bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override;
     bool poll() override;
-    void listen(fabric::listener* to) override;
+    void listen(fabric::listener* listener) override;
 
-    traffic_counts counts() const;
+    datagram_counts counts() const;
 
   private:
     template <class call_t>
-    void tell(const call_t& call);
+    void call_listener(const call_t& call);
 
-    surroundings& around_;
+    fabric_context& context_;
     const std::string name_;
-    own_records records_;
-    std::mutex telling_; // held over the listener: it is told one thing at a time
-    fabric::listener* told_ = nullptr;
-    std::vector<bool> is_infiniband_;
-    std::vector<std::unique_ptr<port>> ports_; // last: their tasks use all the rest
+    registered_p_keys p_keys_;
+    std::mutex listener_mutex_; // held during each call of the listener: one call at a time
+    fabric::listener* listener_ = nullptr;
+    std::vector<bool> is_infiniband_;          // one for each port
+    std::vector<std::unique_ptr<port>> ports_; // last: their tasks use all other members
 };
 
 } // namespace umad

@@ -10,8 +10,7 @@ namespace umad
 namespace
 {
 
-// What it takes to keep a host from remembering without end, should its GIDs never stop changing.
-constexpr size_t most_records = 256;
+constexpr size_t most_records = 256; // a host whose GIDs change again and again must not use more and more memory
 
 bool is_service_record(const mad_hdr_t& header)
 {
@@ -21,28 +20,29 @@ bool is_service_record(const mad_hdr_t& header)
 
 } // namespace
 
-// Automatic does not wait until an SA has refused a Delete without a P_Key: the last Delete of a host that stops has
-// no second try, and an SA that honours the component mask does not look at the P_Key, which the mask leaves out. It
-// goes no further than records that were Set in this run, because a host knows the P_Key of those only.
-bool own_records::leaving(sa_mad_v2_t& mad, const fabric::port_attributes& port)
+// `automatic` completes every Delete, not only after an SA has refused one: a host that stops sends its last Delete
+// once and does not try again. An SA that honours the component mask ignores the P_Key, which the mask leaves out.
+// `automatic` covers records that were Set in this run, because only their P_Keys are known.
+bool registered_p_keys::complete(sa_mad_v2_t& mad, const fabric::port_attributes& port)
 {
     if (setting_ == delete_p_key::off || !is_service_record(mad.hdr)) return false;
     ib_service_record_v2_t record;
     std::memcpy(&record, mad.payload, sizeof record);
-    const key named{from_wire(record.service_id), std::to_array(record.service_gid.bytes)};
+    const key identifier{from_wire(record.service_id), std::to_array(record.service_gid.bytes)};
 
     const std::lock_guard lock(mutex_);
-    const auto known = p_keys_.find(named);
+    const auto entry = p_keys_.find(identifier);
+    const bool is_registered = entry != p_keys_.end();
     if (mad.hdr.m.method == MAD_METHOD_SET) {
-        if (known != p_keys_.end() || p_keys_.size() < most_records) p_keys_[named] = from_wire(record.service_pkey);
+        if (is_registered || p_keys_.size() < most_records) p_keys_[identifier] = from_wire(record.service_pkey);
         return false;
     }
     if (mad.hdr.m.method != MAD_METHOD_DELETE || from_wire(record.service_pkey) != 0) return false;
 
     uint16_t p_key = 0;
-    if (known != p_keys_.end())
-        p_key = known->second;
-    else if (setting_ == delete_p_key::on && !port.p_keys.empty() && std::ranges::count(port.gids, named.gid) > 0)
+    if (is_registered)
+        p_key = entry->second;
+    else if (setting_ == delete_p_key::on && !port.p_keys.empty() && std::ranges::count(port.gids, identifier.gid) > 0)
         p_key = port.p_keys.front();
     if (p_key == 0) return false;
     record.service_pkey = to_wire(p_key);

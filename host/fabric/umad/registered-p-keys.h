@@ -1,5 +1,5 @@
-// What this host has registered through an HCA, learned from the Sets that leave, so that a Delete without a P_Key can
-// name the whole record to an SA that insists on it.
+// The P_Keys of the records that this host has registered through an HCA, learned from the Sets that it sends. A Delete
+// without a P_Key is given the right one, because some SAs find a record by its whole identifier only.
 #pragma once
 
 #include <map>
@@ -13,13 +13,14 @@ namespace umad
 {
 
 // Any thread.
-class own_records
+class registered_p_keys
 {
   public:
-    explicit own_records(delete_p_key setting) : setting_(setting) {}
+    explicit registered_p_keys(delete_p_key setting) : setting_(setting) {}
 
-    // Looks at a MAD that is about to leave `port`. A Delete may get a P_Key; returns whether it did.
-    bool leaving(sa_mad_v2_t& mad, const fabric::port_attributes& port);
+    // Takes a MAD that `port` is about to send. Learns the P_Key of a Set; may write a P_Key into a Delete. Returns
+    // whether it wrote one.
+    bool complete(sa_mad_v2_t& mad, const fabric::port_attributes& port);
 
   private:
     struct key {
@@ -30,7 +31,7 @@ class own_records
 
     const delete_p_key setting_;
     std::mutex mutex_;
-    std::map<key, uint16_t> p_keys_; // of records Set; a handful, one for each GID this host ever had
+    std::map<key, uint16_t> p_keys_; // one for each GID this host has had: a handful
 };
 
 } // namespace umad

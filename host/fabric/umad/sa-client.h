@@ -1,5 +1,5 @@
-// Asks the SA through a real port, for tools that come and go: many requests in flight, each sent again until it is
-// answered. For hosts there is real_fabric.
+// Asks the SA through a real port, for tools that run for a moment: many requests in flight, each sent again until it
+// is answered. Hosts that stay use real_fabric.
 #pragma once
 
 #include <algorithm>
@@ -11,37 +11,45 @@
 #include <vector>
 
 #include "host/fabric/fabric.h"
+#include "host/result.h"
 #include "sa-mads.h"
 
 namespace umad
 {
 
 // The answer to a SubnAdmGetTable of ServiceRecords. A long one comes in segments (RMPP, IBA 13.6), which the kernel
-// puts together; who carries MADs without the kernel (ibsim) delivers the first segment only.
+// puts together. Where MADs are carried without the kernel (ibsim), only the first segment arrives.
 struct sa_table {
     uint16_t status = 0;
     std::vector<ib_service_record_v2_t> records = {};
-    bool is_whole = true;
+    bool is_whole = true; // false: further segments are missing
 };
 
-// One thread. Asking throws std::runtime_error with one line when the port fails, or the answer is longer than any that
-// makes sense.
+// For one thread. Its calls wait for answers. Errors are one line for people: `unreachable`, if the SA does not answer;
+// `failed`, if the port cannot be used or an answer is longer than any sensible one.
 class sa_client
 {
   public:
     virtual ~sa_client() = default;
 
-    // The answers in the order of the requests, whose TransactionIDs are set on the way; none for a request that was
-    // sent again and again for some seconds and never answered.
-    virtual std::vector<std::optional<sa_mad_v2_t>> ask(const std::vector<sa_mad_v2_t>& requests) = 0;
-    virtual std::optional<sa_table> ask_table(const sa_mad_v2_t& request) = 0;
+    // Returns the answers in the order of the requests, whose TransactionIDs it sets. A request that stays unanswered,
+    // though sent again for some seconds, has none.
+    virtual ats::result<std::vector<std::optional<sa_mad_v2_t>>> ask(const std::vector<sa_mad_v2_t>& requests) = 0;
+    virtual ats::result<sa_table> ask_table(const sa_mad_v2_t& request) = 0;
 
-    // The port's own, at the time of opening.
+    // The port's GID and the LID of its SM, at the time of opening.
     virtual fabric::gid_bytes gid() const = 0;
     virtual uint16_t sm_lid() const = 0;
+
+    // The error of an SA that does not answer.
+    ats::error silence() const
+    {
+        return {ats::error_kind::unreachable, "the SA at LID " + std::to_string(sm_lid()) +
+                                                  " does not answer: is its subnet manager running, and the master?"};
+    }
 };
 
-// A request to the SA, of which attribute, method, mask and payload make the difference.
+// A request to the SA; the payload is cut to the size of a MAD's payload.
 inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const void* payload,
                                    size_t payload_size)
 {
@@ -56,13 +64,8 @@ inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t 
     return mad;
 }
 
-// A client, or one line that says what is in the way and what to do about it.
-struct opened_sa_client {
-    std::unique_ptr<sa_client> client;
-    std::string why;
-};
-
-// "" and 0: the first active port there is.
-opened_sa_client open_sa_client(const std::string& hca, int port);
+// Opens a client on an active port: of the HCA named, or of any ("" ); with that number, or any (0). Error: not_found,
+// if there is no such active port; failed, if it cannot be opened.
+ats::result<std::unique_ptr<sa_client>> open_sa_client(const std::string& hca, int port);
 
 } // namespace umad

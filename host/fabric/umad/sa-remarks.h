@@ -1,5 +1,5 @@
-// What the SA's answers tell an administrator: that it is busy, that it refuses a record of this host, that two hosts
-// hold one address. Each is said once.
+// Lines for the administrator about answers of the SA: it is busy, it refuses a record of this host, or several records
+// hold one address. Each line is reported once.
 #pragma once
 
 #include <set>
@@ -11,14 +11,15 @@
 namespace umad
 {
 
+// For one thread at a time.
 class sa_remarks
 {
   public:
-    // A line about the answer, or "" if it is a good one or all has been said.
-    std::string on(const sa_mad_v2_t& answer);
+    // Returns a line about the answer, or "" if there is nothing to report or it has been reported before.
+    std::string remark_on(const sa_mad_v2_t& answer);
 
   private:
-    std::set<std::pair<uint16_t, uint32_t>> said_; // status and IPv4 address
+    std::set<std::pair<uint16_t, uint32_t>> reported_; // status and IPv4 address
 };
 
 } // namespace umad

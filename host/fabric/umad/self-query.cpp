@@ -14,7 +14,7 @@ namespace
 
 // IBA 14.2.1.2: the header of a directed-route SMP, and its 64 bytes of attribute.
 struct directed_route_smp {
-    mad_hdr_t hdr; // of the status word the low half tells hop pointer and hop count
+    mad_hdr_t hdr; // the low half of its status word holds hop pointer and hop count
     be64_t m_key;
     be16_t dr_source_lid;
     be16_t dr_destination_lid;
@@ -51,7 +51,7 @@ uint64_t number64(const uint8_t* bytes)
     return from_wire(number_at<be64_t>(bytes));
 }
 
-// IBA 14.2.5.6: 1 to 4, and 5 for a port that may still be active for a moment.
+// IBA 14.2.5.6: 1 to 4. 5 (ActiveDefer) is a port whose link has an error that may pass: it still counts as active.
 fabric::link_state state_of(uint8_t port_state)
 {
     constexpr uint8_t active_deferred = 5;
@@ -68,9 +68,9 @@ uint8_t vls_of(uint8_t vl_cap)
 
 void self_query::restart()
 {
-    asked_ = subject::node_info;
+    question_ = question::node_info;
     p_key_block_ = 0;
-    heard_ = {};
+    attributes_ = {};
 }
 
 fabric::mad_bytes self_query::next_question()
@@ -85,12 +85,12 @@ fabric::mad_bytes self_query::next_question()
 
     uint16_t attribute = attribute_node_info;
     uint32_t modifier = 0;
-    if (asked_ == subject::port_info) {
+    if (question_ == question::port_info) {
         attribute = attribute_port_info;
         modifier = static_cast<uint32_t>(port_);
-    } else if (asked_ == subject::guids) {
+    } else if (question_ == question::guids) {
         attribute = attribute_guid_info;
-    } else if (asked_ == subject::p_keys) {
+    } else if (question_ == question::p_keys) {
         attribute = attribute_p_key_table;
         modifier = p_key_block_;
     }
@@ -104,18 +104,18 @@ bool self_query::accept(const fabric::mad_bytes& answer)
     const auto smp = std::bit_cast<directed_route_smp>(answer);
     constexpr uint8_t status_bits = 0x7F; // IBA 14.2.1.2: the top bit is the direction
     const uint8_t* status = smp.hdr.u.ns.status.raw16.bytes;
-    const bool is_awaited =
-        smp.hdr.m.r && static_cast<uint32_t>(from_wire(smp.hdr.transact_id)) == transaction_ && asked_ != subject::none;
+    const bool is_awaited = smp.hdr.m.r && static_cast<uint32_t>(from_wire(smp.hdr.transact_id)) == transaction_ &&
+                            question_ != question::none;
     if (!is_awaited || (status[0] & status_bits) != 0 || status[1] != 0) return false;
 
-    switch (asked_) {
-    case subject::node_info:
+    switch (question_) {
+    case question::node_info:
         accept_node(smp.attribute);
         break;
-    case subject::port_info:
+    case question::port_info:
         accept_port(smp.attribute);
         break;
-    case subject::guids:
+    case question::guids:
         accept_guids(smp.attribute);
         break;
     default:
@@ -130,47 +130,48 @@ void self_query::accept_node(const uint8_t* node_info)
     constexpr size_t partition_cap = 28;
     const uint16_t p_keys = number16(node_info + partition_cap);
     p_key_blocks_ = static_cast<uint16_t>(std::max<size_t>(1, (p_keys + p_keys_in_block - 1) / p_keys_in_block));
-    asked_ = subject::port_info;
+    question_ = question::port_info;
 }
 
 void self_query::accept_port(const uint8_t* port_info)
 {
     gid_prefix_ = number64(port_info + 8);
-    heard_.lid = number16(port_info + 16);
-    heard_.sm_lid = number16(port_info + 18);
-    heard_.capability_mask = from_wire(number_at<be32_t>(port_info + 20));
-    heard_.state = state_of(port_info[32] & 0x0F);
-    heard_.lmc = port_info[34] & 0x07;
-    heard_.mtu = port_info[36] >> 4;
-    heard_.sm_sl = port_info[36] & 0x0F;
-    heard_.max_vls = vls_of(port_info[37] >> 4);
-    heard_.bad_p_keys = number16(port_info + 46);
-    heard_.bad_q_keys = number16(port_info + 48);
-    asked_ = subject::guids;
+    attributes_.lid = number16(port_info + 16);
+    attributes_.sm_lid = number16(port_info + 18);
+    attributes_.capability_mask = from_wire(number_at<be32_t>(port_info + 20));
+    attributes_.state = state_of(port_info[32] & 0x0F);
+    attributes_.lmc = port_info[34] & 0x07;
+    attributes_.mtu = port_info[36] >> 4;
+    attributes_.sm_sl = port_info[36] & 0x0F;
+    attributes_.max_vls = vls_of(port_info[37] >> 4);
+    attributes_.bad_p_keys = number16(port_info + 46);
+    attributes_.bad_q_keys = number16(port_info + 48);
+    question_ = question::guids;
 }
 
 void self_query::accept_guids(const uint8_t* block)
 {
-    size_t used = 1;
+    size_t used_entries = 1;
     for (size_t i = 0; i < guids_in_block; ++i)
-        if (number64(block + i * 8) != 0) used = i + 1;
-    for (size_t i = 0; i < used; ++i) heard_.gids.push_back(fabric::make_gid(gid_prefix_, number64(block + i * 8)));
-    asked_ = subject::p_keys;
+        if (number64(block + i * 8) != 0) used_entries = i + 1;
+    for (size_t i = 0; i < used_entries; ++i)
+        attributes_.gids.push_back(fabric::make_gid(gid_prefix_, number64(block + i * 8)));
+    question_ = question::p_keys;
 }
 
 void self_query::accept_p_keys(const uint8_t* block)
 {
-    for (size_t i = 0; i < p_keys_in_block; ++i) heard_.p_keys.push_back(number16(block + i * 2));
+    for (size_t i = 0; i < p_keys_in_block; ++i) attributes_.p_keys.push_back(number16(block + i * 2));
     if (++p_key_block_ < p_key_blocks_) return;
-    // Unused entries in between keep their index.
-    while (!heard_.p_keys.empty() && heard_.p_keys.back() == 0) heard_.p_keys.pop_back();
-    asked_ = subject::none;
+    // Unused entries at the end go. Those in between stay, because each entry keeps its index.
+    while (!attributes_.p_keys.empty() && attributes_.p_keys.back() == 0) attributes_.p_keys.pop_back();
+    question_ = question::none;
 }
 
 std::optional<fabric::port_attributes> self_query::result() const
 {
-    if (asked_ != subject::none) return std::nullopt;
-    return heard_;
+    if (question_ != question::none) return std::nullopt;
+    return attributes_;
 }
 
 } // namespace umad

@@ -1,6 +1,6 @@
-// A port's attributes, asked of the port itself: directed-route SMPs of no hops (IBA 14.2.2), one at a time, from
-// NodeInfo to the last block of the P_Key table. A port answers them whether its link is up or not, and where a
-// program's view of the system's files does not change.
+// Asks a port for its own attributes: by directed-route SMPs of no hops (IBA 14.2.2), one at a time, from NodeInfo to
+// the last block of the P_Key table. A port answers them whether its link is up or not. Under ibsim this is the only
+// way to see changes, because there the system's files do not change.
 #pragma once
 
 #include <optional>
@@ -19,20 +19,20 @@ class self_query
   public:
     explicit self_query(int port) : port_(port) {}
 
-    // The first question comes next.
+    // Begins again with the first question.
     void restart();
 
-    // The question that comes next, with a transaction ID of its own.
+    // Returns the question that is not answered yet, with a new TransactionID.
     fabric::mad_bytes next_question();
 
-    // True: it is the awaited answer.
+    // Takes an answer. False: it does not answer the last question, and is ignored.
     bool accept(const fabric::mad_bytes& answer);
 
-    // What the port said, once it has answered every question since restart().
+    // The attributes, once the port has answered every question since restart().
     std::optional<fabric::port_attributes> result() const;
 
   private:
-    enum class subject { node_info, port_info, guids, p_keys, none };
+    enum class question { node_info, port_info, guids, p_keys, none };
 
     void accept_node(const uint8_t* node_info);
     void accept_port(const uint8_t* port_info);
@@ -40,12 +40,12 @@ class self_query
     void accept_p_keys(const uint8_t* block);
 
     const int port_;
-    subject asked_ = subject::node_info;
+    question question_ = question::node_info; // the one not answered yet
     uint16_t p_key_block_ = 0;
     uint16_t p_key_blocks_ = 1;
     uint32_t transaction_ = 0;
     uint64_t gid_prefix_ = 0;
-    fabric::port_attributes heard_;
+    fabric::port_attributes attributes_;
 };
 
 } // namespace umad

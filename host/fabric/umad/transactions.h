@@ -1,6 +1,6 @@
-// Requests under way, by the half of their TransactionID that comes back: whoever carries a MAD (the kernel, ibsim)
-// stamps the other half with a number of its own. The table has a fixed size, and of two requests that want the same
-// place the newer one has it: the older one's answer is then as good as late.
+// Requests in flight, by the low half of their TransactionID: the kernel and ibsim replace the high half with a number
+// of their own. The table has a fixed size. Of two requests for one slot the newer one takes it; the answer to the
+// older one then counts as late.
 #pragma once
 
 #include <array>
@@ -18,32 +18,33 @@ class transactions
     void begin(uint64_t transaction)
     {
         const std::lock_guard lock(mutex_);
-        place_of(static_cast<uint32_t>(transaction)) = {.transaction = transaction, .is_under_way = true};
+        slot_of(static_cast<uint32_t>(transaction)) = {.transaction = transaction, .is_in_flight = true};
     }
 
-    // The whole TransactionID of the request that this answers, which is over then; none if there is no such request.
-    std::optional<uint64_t> end(uint64_t stamped)
+    // Ends the request with this low half. Returns its whole TransactionID; none, if no such request is in flight.
+    std::optional<uint64_t> end(uint64_t received_transaction)
     {
+        const auto low_half = static_cast<uint32_t>(received_transaction);
         const std::lock_guard lock(mutex_);
-        place& found = place_of(static_cast<uint32_t>(stamped));
-        if (!found.is_under_way || static_cast<uint32_t>(found.transaction) != static_cast<uint32_t>(stamped))
-            return std::nullopt;
-        found.is_under_way = false;
-        return found.transaction;
+        table_slot& slot = slot_of(low_half);
+        if (!slot.is_in_flight || static_cast<uint32_t>(slot.transaction) != low_half) return std::nullopt;
+        slot.is_in_flight = false;
+        return slot.transaction;
     }
 
   private:
-    struct place {
+    struct table_slot {
         uint64_t transaction = 0;
-        bool is_under_way = false;
+        bool is_in_flight = false;
     };
     static constexpr int bits = 10;
 
-    // Fibonacci hashing: numbers that are counted up, which is how they come, do not meet for hundreds of steps.
-    place& place_of(uint32_t low_half) { return places_[(low_half * 0x9E3779B9u) >> (32 - bits)]; }
+    // Fibonacci hashing: TransactionIDs count up, and numbers that follow each other take different slots for hundreds
+    // of steps.
+    table_slot& slot_of(uint32_t low_half) { return slots_[(low_half * 0x9E3779B9u) >> (32 - bits)]; }
 
     std::mutex mutex_;
-    std::array<place, 1 << bits> places_;
+    std::array<table_slot, 1 << bits> slots_;
 };
 
 } // namespace umad

@@ -1,5 +1,5 @@
 // Stands in for real ports in a build without libibumad.
-#include "host/fabric/umad/record-list.h"
+#include "host/fabric/umad/sa-client.h"
 #include "host/fabric/umad/umad.h"
 
 namespace umad
@@ -8,8 +8,11 @@ namespace umad
 namespace
 {
 
-const char* const not_built = "this ats was built without libibumad and knows no real fabric: install libibumad-dev "
-                              "and build it anew";
+tl::unexpected<ats::error> not_built()
+{
+    return ats::fail("this program was built without libibumad and knows no real fabric: install libibumad-dev and "
+                     "build it anew");
+}
 
 } // namespace
 
@@ -23,29 +26,24 @@ bool is_available()
     return false;
 }
 
-listing list_hcas()
+ats::result<std::vector<hca_listing>> list_hcas()
 {
-    return {.hcas = {}, .why = not_built};
+    return not_built();
 }
 
-std::string try_port(const std::string&, int)
+ats::result<> try_port(const std::string&, int)
 {
-    return not_built;
+    return not_built();
 }
 
-opened open(exec::executor&, const options&)
+ats::result<std::unique_ptr<real_fabric>> open(exec::executor&, const fabric_options&)
 {
-    return {nullptr, not_built};
+    return not_built();
 }
 
-opened_sa_client open_sa_client(const std::string&, int)
+ats::result<std::unique_ptr<sa_client>> open_sa_client(const std::string&, int)
 {
-    return {nullptr, not_built};
-}
-
-record_list list_records(sa_client&, const record_filter&)
-{
-    return {.records = {}, .remarks = {}, .why = not_built};
+    return not_built();
 }
 
 } // namespace umad

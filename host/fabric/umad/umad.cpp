@@ -14,45 +14,46 @@ namespace
 
 constexpr unsigned channel_adapter = 1; // IBA 14.2.5.3, NodeInfo.NodeType
 
-// Why there is nothing to list.
-std::string what_is_missing()
+// The error of a machine without a usable HCA.
+tl::unexpected<ats::error> no_hcas()
 {
-    std::error_code none;
-    const auto drivers = std::filesystem::directory_iterator(SYS_INFINIBAND, none);
-    if (!none && drivers != std::filesystem::directory_iterator())
-        return "the HCAs of this machine have no management devices for InfiniBand: load ib_umad ('modprobe ib_umad')";
-    return "this machine has no InfiniBand HCA, or its driver is not loaded: look at 'lspci' and 'dmesg'";
+    std::error_code error;
+    const auto drivers = std::filesystem::directory_iterator(SYS_INFINIBAND, error);
+    if (!error && drivers != std::filesystem::directory_iterator())
+        return ats::fail(
+            "the HCAs of this machine have no management devices for InfiniBand: load ib_umad ('modprobe ib_umad')");
+    return ats::fail("this machine has no InfiniBand HCA, or its driver is not loaded: look at 'lspci' and 'dmesg'");
 }
 
-class opened_fabric final : public real_fabric
+class umad_fabric final : public real_fabric
 {
   public:
-    opened_fabric(exec::executor& exec, const options& wanted) : around_(exec, wanted) {}
+    umad_fabric(exec::executor& exec, const fabric_options& options) : context_(exec, options) {}
 
-    // Empty, or why it cannot be used.
-    std::string add(const hca_listing& listed)
+    // Opens the ports of one more HCA.
+    ats::result<> add(const hca_listing& hca)
     {
-        adapters_.push_back(std::make_unique<adapter>(around_, listed));
-        return adapters_.back()->open();
+        hcas_.push_back(std::make_unique<real_hca>(context_, hca));
+        return hcas_.back()->open();
     }
 
     std::vector<fabric::hca*> hcas() const override
     {
         std::vector<fabric::hca*> list;
-        for (const auto& each : adapters_) list.push_back(each.get());
+        for (const auto& each : hcas_) list.push_back(each.get());
         return list;
     }
-    void set_tap(fabric::tap* to) override { around_.set_tap(to); }
-    traffic_counts counts() const override
+    void set_tap(fabric::tap* tap) override { context_.set_tap(tap); }
+    datagram_counts counts() const override
     {
-        traffic_counts sum;
-        for (const auto& each : adapters_) sum = sum + each->counts();
+        datagram_counts sum;
+        for (const auto& each : hcas_) sum = sum + each->counts();
         return sum;
     }
 
   private:
-    surroundings around_;
-    std::vector<std::unique_ptr<adapter>> adapters_;
+    fabric_context context_;
+    std::vector<std::unique_ptr<real_hca>> hcas_;
 };
 
 port_listing describe(const umad_port_t& port)
@@ -69,14 +70,37 @@ port_listing describe(const umad_port_t& port)
 
 hca_listing describe(const char* name)
 {
-    hca_listing described{.name = name, .ports = {}};
+    hca_listing listing{.name = name, .ports = {}};
     umad_ca_t adapter;
-    if (umad_get_ca(name, &adapter) < 0) return described;
+    if (umad_get_ca(name, &adapter) < 0) return listing;
     if (adapter.node_type == channel_adapter)
         for (int i = 1; i <= adapter.numports && i < UMAD_CA_MAX_PORTS; ++i)
-            described.ports.push_back(adapter.ports[i] ? describe(*adapter.ports[i]) : port_listing{.number = i});
+            listing.ports.push_back(adapter.ports[i] ? describe(*adapter.ports[i]) : port_listing{.number = i});
     umad_release_ca(&adapter);
-    return described;
+    return listing;
+}
+
+std::string names_text(const std::vector<hca_listing>& hcas)
+{
+    std::string text;
+    for (const hca_listing& each : hcas) text += (text.empty() ? "" : ", ") + each.name;
+    return text;
+}
+
+// The HCAs that the options choose, in their order.
+ats::result<std::vector<hca_listing>> chosen_hcas(const fabric_options& options)
+{
+    auto hcas = list_hcas();
+    if (!hcas || options.hcas.empty()) return hcas;
+    std::vector<hca_listing> chosen;
+    for (const std::string& name : options.hcas) {
+        if (std::ranges::find(chosen, name, &hca_listing::name) != chosen.end())
+            return ats::fail("HCA '" + name + "' is named twice");
+        const auto hca = std::ranges::find(*hcas, name, &hca_listing::name);
+        if (hca == hcas->end()) return ats::fail("there is no HCA '" + name + "'; there is " + names_text(*hcas));
+        chosen.push_back(*hca);
+    }
+    return chosen;
 }
 
 } // namespace
@@ -91,45 +115,33 @@ bool is_available()
     return true;
 }
 
-listing list_hcas()
+ats::result<std::vector<hca_listing>> list_hcas()
 {
-    if (umad_init() < 0) return {.hcas = {}, .why = what_is_missing()};
+    if (umad_init() < 0) return no_hcas();
     char names[UMAD_MAX_DEVICES][UMAD_CA_NAME_LEN];
     const int count = umad_get_cas_names(names, UMAD_MAX_DEVICES);
-    listing found;
+    std::vector<hca_listing> hcas;
     for (int i = 0; i < count; ++i) {
         hca_listing each = describe(names[i]);
-        if (std::ranges::any_of(each.ports, is_infiniband)) found.hcas.push_back(std::move(each));
+        if (std::ranges::any_of(each.ports, is_infiniband)) hcas.push_back(std::move(each));
     }
-    if (found.hcas.empty()) found.why = what_is_missing();
-    return found;
+    if (hcas.empty()) return no_hcas();
+    return hcas;
 }
 
-std::string try_port(const std::string& hca, int port)
+ats::result<> try_port(const std::string& hca, int port)
 {
-    device tried(hca, port);
-    return tried.open();
+    return device(hca, port).open();
 }
 
-opened open(exec::executor& exec, const options& wanted)
+ats::result<std::unique_ptr<real_fabric>> open(exec::executor& exec, const fabric_options& options)
 {
-    const listing found = list_hcas();
-    if (!found.why.empty()) return {nullptr, found.why};
-    std::string known;
-    std::vector<std::string> names = wanted.hcas;
-    for (const hca_listing& each : found.hcas) {
-        known += (known.empty() ? "" : ", ") + each.name;
-        if (wanted.hcas.empty()) names.push_back(each.name);
-    }
-
-    auto made = std::make_unique<opened_fabric>(exec, wanted);
-    for (auto name = names.begin(); name != names.end(); ++name) {
-        if (std::find(names.begin(), name, *name) != name) return {nullptr, "HCA '" + *name + "' is named twice"};
-        const auto listed = std::ranges::find(found.hcas, *name, &hca_listing::name);
-        if (listed == found.hcas.end()) return {nullptr, "there is no HCA '" + *name + "'; there is " + known};
-        if (const std::string why = made->add(*listed); !why.empty()) return {nullptr, why};
-    }
-    return {std::move(made), ""};
+    const auto hcas = chosen_hcas(options);
+    if (!hcas) return ats::pass_on(hcas);
+    auto fabric = std::make_unique<umad_fabric>(exec, options);
+    for (const hca_listing& each : *hcas)
+        if (const auto added = fabric->add(each); !added) return ats::pass_on(added);
+    return fabric;
 }
 
 } // namespace umad

@@ -1,6 +1,6 @@
-// Real InfiniBand ports, through libibumad: the other implementation of the fabric boundary. A real fabric is opened
-// once for the HCAs that are to be used; each port then has a task of its own, which receives and watches the port.
-// Anything that an administrator should know is said in one plain line, once each time it becomes true.
+// Real InfiniBand ports, through libibumad: the second implementation of the fabric boundary. A real fabric is opened
+// once for the HCAs that are to be used. Each port has a task of its own, which receives and watches the port. Each
+// thing that an administrator should know is reported in one plain line, each time it becomes true.
 #pragma once
 
 #include <functional>
@@ -10,64 +10,61 @@
 
 #include "host/exec/executor.h"
 #include "host/fabric/fabric.h"
+#include "host/result.h"
 
 namespace umad
 {
 
-// What a Delete carries that leaves with P_Key 0, though the SA may look for a record by its whole identifier (IBA
-// 15.2.5.14: ServiceID, ServiceGID and P_Key) whatever the component mask selects, as OpenSM does.
+// Which P_Key a Delete carries that a host sends with P_Key 0. Some SAs (OpenSM) look for the record by its whole
+// identifier, ServiceID, ServiceGID and P_Key (IBA 15.2.5.14), even if the component mask leaves the P_Key out.
 enum class delete_p_key {
-    automatic, // of a record that was Set through this HCA: the P_Key it was Set with
-    on,        // also of a record of one of the HCA's GIDs that an earlier run may have Set: the port's first P_Key
+    automatic, // the P_Key of the record, if it was Set through this HCA; else 0
+    on,        // the same; else, for a GID of the port, the port's first P_Key: an earlier run may have Set the record
     off,       // 0
 };
 
-struct options {
-    std::vector<std::string> hcas = {};   // by name; none: all
+struct fabric_options {
+    std::vector<std::string> hcas = {};   // names; empty: all
     uint64_t watch_interval_ticks = 1000; // how often a port is asked for its state
     delete_p_key sa_delete_p_key = delete_p_key::automatic;
-    std::function<void(const std::string&)> say = {}; // a line for the administrator; any thread, must not sleep
+    std::function<void(const std::string&)> report =
+        {}; // takes a line for the administrator; any thread, must not sleep
 };
 
-struct traffic_counts {
+struct datagram_counts {
     uint64_t sent = 0;
-    uint64_t refused = 0; // libibumad did not take them
+    uint64_t refused = 0; // libibumad did not accept them
     uint64_t arrived = 0;
-    uint64_t timed_out = 0;         // requests that came back because no answer had come
-    uint64_t too_short = 0;         // answers shorter than what they are
-    uint64_t strays = 0;            // not an answer to a request under way
-    uint64_t deletes_completed = 0; // Deletes given a P_Key
+    uint64_t timed_out = 0;         // requests that came back without an answer
+    uint64_t too_short = 0;         // answers shorter than a record
+    uint64_t strays = 0;            // datagrams that answer no request in flight
+    uint64_t deletes_completed = 0; // Deletes that were given a P_Key
 };
 
 class real_fabric
 {
   public:
-    // Nobody may be listening any more. What is still under way is received first, for a short while.
+    // No listener may be set any more. Datagrams in flight are received first, for a short while.
     virtual ~real_fabric() = default;
 
     // In the order of the options, or by name. They live as long as the fabric.
     virtual std::vector<fabric::hca*> hcas() const = 0;
 
-    // Who sees every datagram as it leaves or arrives, but not those that ports are watched with; null: nobody. When
-    // this returns, the one before is not called any more.
-    virtual void set_tap(fabric::tap* to) = 0;
+    // Sets the tap, or none (null). It sees every datagram that leaves or arrives, except the questions and answers by
+    // which ports are watched. When this returns, the previous tap is not called any more.
+    virtual void set_tap(fabric::tap* tap) = 0;
 
-    virtual traffic_counts counts() const = 0;
+    virtual datagram_counts counts() const = 0;
 };
 
-// The fabric, or one line that says what is in the way and what to do about it.
-struct opened {
-    std::unique_ptr<real_fabric> fabric;
-    std::string why;
-};
+// Opens the ports of the HCAs chosen. `exec` must run in real time. Waits up to a second for each port that does not
+// report its state. The error says what to do about it.
+ats::result<std::unique_ptr<real_fabric>> open(exec::executor& exec, const fabric_options& options);
 
-// `exec` must run in real time. Takes up to a second for each port that does not tell its state.
-opened open(exec::executor& exec, const options& wanted);
-
-// What the machine has, whether it can be opened or not.
+// A port of this machine, whether it can be opened or not.
 struct port_listing {
     int number = 0;
-    std::string link_layer = {}; // "InfiniBand", or what libibumad calls it
+    std::string link_layer = {}; // "InfiniBand", or another word of libibumad's
     std::string device = {};     // the file through which libibumad reaches it, "" if there is none
     fabric::link_state state = fabric::link_state::down;
     uint16_t lid = 0;
@@ -79,17 +76,17 @@ struct hca_listing {
     std::string name;
     std::vector<port_listing> ports;
 };
+
+// True if the port can be part of a fabric: it is InfiniBand and has a management device.
 bool is_infiniband(const port_listing& port);
-struct listing {
-    std::vector<hca_listing> hcas; // with an InfiniBand port at least
-    std::string why;               // when there is none: one line that says what to do
-};
-listing list_hcas();
 
-// Empty: the port could be opened, and was closed again. Or why not, and what to do about it.
-std::string try_port(const std::string& hca, int port);
+// The HCAs of this machine with at least one InfiniBand port. Error: there is none; the text says what to do.
+ats::result<std::vector<hca_listing>> list_hcas();
 
-// False: built without libibumad; then open() and list_hcas() say so.
+// Opens the port and closes it again. The error says what to do about it.
+ats::result<> try_port(const std::string& hca, int port);
+
+// False: built without libibumad; then the calls above fail with an error that says so.
 bool is_available();
 
 } // namespace umad

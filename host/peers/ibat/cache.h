@@ -46,9 +46,9 @@ class cache
     // contradicts the own mapping or because there is no room.
     bool learn(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Stores the own mapping: the host owns `address` through `gid` on its port. An earlier own mapping of the same port
-    // or GID is dropped, because the host's address has changed. That of another port becomes a learned entry, because
-    // the resolver no longer confirms it. False: no room.
+    // Stores the own mapping: the host owns `address` through `gid` on its port. An earlier own mapping of the same
+    // port or GID is dropped, because the host's address has changed. That of another port becomes a learned entry,
+    // because the resolver no longer confirms it. False: no room.
     bool learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
     // Drops the own mapping if it is that of this port or GID: the port has no address any more.
@@ -96,7 +96,7 @@ class cache
     hash_index<cache_entry, kq_gid_t, &cache_entry::gid, &cache_entry::next_by_gid> entries_by_gid_;
     list_head learned_entries_;  // oldest first
     list_head negative_entries_; // oldest first
-    cache_entry* own_entry_;   // the host's own mapping, or null
+    cache_entry* own_entry_;     // the host's own mapping, or null
     int32_t count_;
 };
 

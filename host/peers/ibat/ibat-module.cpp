@@ -17,8 +17,7 @@ int32_t retries = 3;
 int32_t capacity = 4096;
 
 const module_parameter_t parameters[] = {
-    {"ibat_lifetime_seconds", module_parameter_int, &lifetime_seconds,
-     "Seconds for which a learned address is used"},
+    {"ibat_lifetime_seconds", module_parameter_int, &lifetime_seconds, "Seconds for which a learned address is used"},
     {"ibat_negative_seconds", module_parameter_int, &negative_seconds,
      "Seconds for which a negative answer is used; 0: not at all"},
     {"ibat_retry_ticks", module_parameter_int, &retry_ticks, "Ticks that an attempt waits for its answer"},

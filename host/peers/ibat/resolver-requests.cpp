@@ -98,8 +98,8 @@ send_order resolver::begin_attempt(address_request* request)
     return {attachment_.begin_call(), request->address, request->id, request->attempts > 1};
 }
 
-// Sends an attempt of begin_attempt(). The request may end during the call, and its memory is then freed. Therefore it is
-// looked up again.
+// Sends an attempt of begin_attempt(). The request may end during the call, and its memory is then freed. Therefore it
+// is looked up again.
 void resolver::send(const send_order& order)
 {
     ibat_arp_data_t query = address_record(order.address);
