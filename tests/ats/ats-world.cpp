@@ -17,7 +17,7 @@ std::string parameters_of(const host_setup& setup)
     return "ats_ipaddr_str=" + setup.address + " ats_hostName_str=\"" + setup.name + "\" " + setup.more_parameters;
 }
 
-constexpr size_t log_bytes = 64 << 20; // a test reads its log late
+constexpr size_t log_bytes = 64 << 20; // enough for the log of a long test
 
 world::host_plan plan_of(const host_setup& setup)
 {
@@ -27,14 +27,15 @@ world::host_plan plan_of(const host_setup& setup)
     return plan;
 }
 
-// A pointer has 9 to 14 digits, in lower case; other numbers that are printed have fewer or more.
+// Replaces pointers and shortens the prefix of trace lines. A pointer is printed as 16 hexadecimal digits in lower
+// case.
 std::string readable(std::string line)
 {
     static const std::regex pointer("ffff[0-9a-f]{12}(?![0-9a-f])");
-    static const std::regex traced(
+    static const std::regex trace_line(
         "^<6>(?=.{8}: )(ERROR|WARNING|DEBUG|FUNC) *: ATS : ([a-z_]+):\\(ats_([a-z]+)\\.cpp\\):([^]*)");
     if (line.ends_with('\n')) line.pop_back();
-    return std::regex_replace(std::regex_replace(line, pointer, "PTR"), traced, "$1 $3/$2: $4");
+    return std::regex_replace(std::regex_replace(line, pointer, "PTR"), trace_line, "$1 $3/$2: $4");
 }
 
 // "node1.2"; of an HCA other than the host's first "node1.mthca1.2".
@@ -46,17 +47,17 @@ std::string name_of(const embedded::port_view& port)
 
 } // namespace
 
-void asker::called_back(ibat_stat_t status, ibat_arp_data_t* record, void* self)
+void reverse_lookup::answered(ibat_stat_t status, ibat_arp_data_t* record, void* lookup)
 {
-    auto* him = static_cast<asker*>(self);
-    him->answers.push_back({get_jiffies(), status, record ? record->dst_ip : 0});
-    him->order = ++told;
-    EXPECT_EQ(exec::current_task()->spin_locks, 0) << "it may ask again";
+    auto* self = static_cast<reverse_lookup*>(lookup);
+    self->answers.push_back({get_jiffies(), status, record ? record->dst_ip : 0});
+    self->order = ++answer_count;
+    EXPECT_EQ(exec::current_task()->spin_locks, 0) << "a callback may start the next lookup";
 }
 
-std::ostream& operator<<(std::ostream& out, const asker::answer& answer)
+std::ostream& operator<<(std::ostream& stream, const reverse_lookup::answer& answer)
 {
-    return out << answer.tick << " " << answer.status << " " << world::format_ipv4(answer.ip);
+    return stream << answer.tick << " " << answer.status << " " << world::format_ipv4(answer.ip);
 }
 
 ats_host::ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_setup& setup)
@@ -100,8 +101,8 @@ void ats_host::link_down(int port, int hca)
 
 kq_gid_t ats_host::gid(int port, int hca) const
 {
-    fabric::hca* at = subnet_.find(setup_.name, hca_name(hca)).value();
-    return from_wire(std::bit_cast<wire_gid_t>(at->read_port(port).gids[0]));
+    fabric::hca* hca_of_port = subnet_.find(setup_.name, hca_name(hca)).value();
+    return from_wire(std::bit_cast<wire_gid_t>(hca_of_port->read_port(port).gids[0]));
 }
 
 void ats_host::run(const std::function<void()>& body)
@@ -110,13 +111,13 @@ void ats_host::run(const std::function<void()>& body)
     if (!exec::current_task()) sim_.settle();
 }
 
-ibat_stat_t ats_host::reverse(const kq_gid_t& gid, asker& who)
+ibat_stat_t ats_host::reverse(const kq_gid_t& gid, reverse_lookup& lookup)
 {
     ibat_stat_t status{};
     run([&] {
         ibat_arp_data_t query{};
         query.gid = gid;
-        status = peers().send_rarp(&query, asker::called_back, &who, peers().rarp_context);
+        status = peers().send_rarp(&query, reverse_lookup::answered, &lookup, peers().rarp_context);
     });
     return status;
 }
@@ -132,10 +133,10 @@ ibat_stat_t ats_host::resolve(const std::string& address)
     return status;
 }
 
-int ats_host::control(const std::string& written)
+int ats_host::control(const std::string& command)
 {
     int result = 0;
-    run([&] { result = machine().proc.write("dorvex/ats/control", written); });
+    run([&] { result = machine().proc.write("dorvex/ats/control", command); });
     return result;
 }
 
@@ -159,14 +160,14 @@ std::vector<std::string> ats_host::log()
     return lines;
 }
 
-std::string ats_host::held()
+std::string ats_host::leftovers()
 {
     std::string text;
     for (const std::string& leak : machine().memory.leaks()) text += "memory: " + leak + "\n";
     if (const int count = peers().references()) text += std::to_string(count) + " references on peers\n";
     if (machine().modules.is_loaded("ats")) text += "the module is loaded\n";
     for (const stack::gsi_pool_view& pool : machine().get<stack::gsi>().pools()) text += "pool " + pool.name + "\n";
-    if (const size_t armed = machine().get<stack::timers>().armed()) text += std::to_string(armed) + " timers\n";
+    if (const size_t count = machine().get<stack::timers>().armed()) text += std::to_string(count) + " timers\n";
     for (const char* file : {"version", "control"}) {
         kernel::proc_listing entry;
         if (machine().proc.stat(std::string("dorvex/ats/") + file, &entry) == 0) text += std::string(file) + " file\n";
@@ -194,7 +195,7 @@ ats_host& ats_world::add_registered(const host_setup& setup)
     host.link_up(1);
     raw_requests();
     host.log();
-    host.peers().processed.clear();
+    host.peers().replies.clear();
     return host;
 }
 
@@ -238,7 +239,7 @@ std::string ats_world::describe(const wire_request& request) const
 
 std::string ats_world::port_name(uint16_t lid) const
 {
-    // A datagram crosses inside of the subnet, but is described later.
+    // Not called from crossed(): the subnet holds its lock there.
     for (const embedded::port_view& port : subnet.ports())
         if (port.lid == lid) return name_of(port);
     return "LID " + std::to_string(lid);
@@ -260,15 +261,16 @@ std::vector<std::string> ats_world::records() const
     return texts;
 }
 
-void ats_world::inject(const ats_host& to, int port, const fabric::mad_bytes& mad)
+void ats_world::inject(const ats_host& host, int port, const fabric::mad_bytes& mad)
 {
     if (!stranger_) {
         stranger_ = subnet.add_hca("stranger", "hca", 1).value();
         EXPECT_TRUE(subnet.link_up("stranger", "hca", 1));
     }
     const std::vector<embedded::port_view> ports = subnet.ports();
-    const auto at = std::ranges::find(ports, to.name() + "." + std::to_string(port), name_of);
-    EXPECT_TRUE(at != ports.end() && stranger_->send(1, {.lid = at->lid}, mad));
+    const auto port_view = std::ranges::find(ports, host.name() + "." + std::to_string(port), name_of);
+    ASSERT_NE(port_view, ports.end());
+    EXPECT_TRUE(stranger_->send(1, {.lid = port_view->lid}, mad));
     sim->settle();
 }
 

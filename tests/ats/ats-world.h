@@ -1,5 +1,5 @@
-// Hosts that run the real ats.so on one subnet in memory. A scenario says what happens and at which tick; the world
-// writes down what each host asks of the SA and what it logs, in a form that reads like the story:
+// Hosts that run the real ats.so on one subnet in memory. A scenario makes things happen at given ticks. The world
+// records the requests to the SA and the log of each host, as text that is easy to compare:
 //
 //     node1.link_up(2);
 //     EXPECT_THAT(w.requests(), ElementsAre("0 node1.2 DELETE none", "0 node1.2 SET node1.2 10.0.0.1 node1"));
@@ -27,36 +27,37 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-constexpr uint64_t host_random_seed = 7; // of every host
+constexpr uint64_t host_random_seed = 7; // the same for every host
 
 constexpr int trace_error = 1, trace_debug = 4, trace_func = 5;
 
 struct host_setup {
     std::string name = "node1";
     std::string address = "10.0.0.1";
-    std::vector<int> ports = {1}; // of the HCAs mthca0, mthca1, ...
+    std::vector<int> ports = {1}; // how many the HCAs mthca0, mthca1, ... have
     std::string more_parameters = "";
     int trace = trace_error;
     bool has_ucm = true;
-    bool has_key = true; // its trace level in the registry
+    bool has_key = true; // whether the registry has its trace level
 };
 
-// Somebody who asked for the address of a GID, and what he was told.
-struct asker {
+// A lookup of a GID's address as UCM makes it, and the answers to it.
+struct reverse_lookup {
     struct answer {
         uint64_t tick;
         ibat_stat_t status;
-        uint32_t ip; // of no record: 0
+        uint32_t ip; // network order; 0 without a record
         bool operator==(const answer&) const = default;
     };
     std::vector<answer> answers;
-    int64_t order = 0; // among all who were told
-    static inline int64_t told = 0;
+    int64_t order = 0; // the number of its last answer, counting those to all lookups
+    static inline int64_t answer_count = 0;
 
-    static void called_back(ibat_stat_t status, ibat_arp_data_t* record, void* self);
+    // The function that ats calls with the answer; `lookup` is a reverse_lookup.
+    static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* lookup);
 };
 
-std::ostream& operator<<(std::ostream& out, const asker::answer& answer); // "7 ibat_stat_ok 10.0.0.2"
+std::ostream& operator<<(std::ostream& stream, const reverse_lookup::answer& answer); // "7 ibat_stat_ok 10.0.0.2"
 
 class ats_host
 {
@@ -76,37 +77,38 @@ class ats_host
     void link_down(int port, int hca = 0);
     kq_gid_t gid(int port, int hca = 0) const;
 
-    // Runs `body` in a task of the host, then, called from outside of any task, everything that it made ready.
+    // Runs `body` in a task of the host. A caller outside of any task then also waits until all tasks are parked.
     void run(const std::function<void()>& body);
 
-    // Asks as UCM would. `who` gets the answer.
-    ibat_stat_t reverse(const kq_gid_t& gid, asker& who);
+    // Sends a lookup as UCM does; `lookup` gets the answer and must live until then.
+    ibat_stat_t reverse(const kq_gid_t& gid, reverse_lookup& lookup);
 
-    // Asks as IBAT would.
+    // Sends a lookup as IBAT does.
     ibat_stat_t resolve(const std::string& address);
 
-    // A task of the host's own that a story may signal or wait for.
+    // Starts a task of the host. The scenario may signal it, and must finish() it.
     exec::task& start(const std::string& task_name, std::function<void()> body)
     {
         return machine().start(task_name, std::move(body));
     }
-    void finish(exec::task& started) { machine().exec().join(started); }
+    void finish(exec::task& task) { machine().exec().join(task); }
 
-    int control(const std::string& written); // one write to the control file
+    int control(const std::string& command); // one write to the control file; returns what the write returned
     std::string read(const std::string& proc_file);
     void trace(int level);
 
-    // The lines since the last call. A trace line reads "LEVEL unit/operation: text", a plain one "text"; pointers read
-    // PTR. One that does not have the form of a trace line stays as it is.
+    // The log lines since the last call. A trace line reads "LEVEL unit/operation: text"; any other line stays as it
+    // is. Pointers read PTR.
     std::vector<std::string> log();
 
-    // What the module has not given back; "" when that is nothing.
-    std::string held();
+    // Lists what the module has not given back; "" if it has given back everything.
+    std::string leftovers();
 
+    // A symbol that the module exports.
     template <class function_t>
-    function_t symbol(const std::string& exported)
+    function_t symbol(const std::string& symbol_name)
     {
-        return reinterpret_cast<function_t>(machine().modules.symbol("ats", exported));
+        return reinterpret_cast<function_t>(machine().modules.symbol("ats", symbol_name));
     }
 
   private:
@@ -131,24 +133,24 @@ class ats_world final : fabric::tap
   public:
     explicit ats_world(const exec::simulation_options& options = {}, embedded::subnet_options subnet_options = {});
 
-    // A host with its peers, not loaded.
+    // Adds a host with its peers. The module is not loaded.
     ats_host& add(const host_setup& setup = {});
 
-    // The same, loaded, with the link of port 1 up, and what that caused forgotten.
+    // Adds a host, loads the module and raises the link of port 1. Forgets the requests and log lines of that.
     ats_host& add_registered(const host_setup& setup = {});
 
-    // Lets the world run until this many ticks after it began.
+    // Runs the world until this many ticks after its beginning.
     void at(uint64_t tick) { sim->run_until(begin_tick_ + tick); }
 
-    // What hosts asked the SA since the last call; ticks count from the world's beginning.
+    // The requests of all hosts to the SA since the last call; ticks count from the world's beginning.
     std::vector<std::string> requests();
     std::vector<wire_request> raw_requests();
 
     // The records at the SA: "node1.1 10.0.0.1 node1".
     std::vector<std::string> records() const;
 
-    // A datagram from a port that is not the SA's, to a port of a host; delivered before the call returns.
-    void inject(const ats_host& to, int port, const fabric::mad_bytes& mad);
+    // Sends a datagram to a port of a host from a port that is not the SA's. It has arrived when the call returns.
+    void inject(const ats_host& host, int port, const fabric::mad_bytes& mad);
 
     std::unique_ptr<exec::simulation> sim;
     embedded::subnet subnet;
@@ -163,10 +165,10 @@ class ats_world final : fabric::tap
     const uint64_t begin_tick_;
     std::vector<wire_request> requests_;
     fabric::hca* stranger_ = nullptr;
-    std::vector<std::unique_ptr<ats_host>> hosts_; // the first to go, for they say farewell
+    std::vector<std::unique_ptr<ats_host>> hosts_; // destroyed first: unloading still uses the others
 };
 
-// An answer to a lookup, as the SA of another fabric might give it.
+// The answer of an SA to a lookup.
 fabric::mad_bytes sa_reply(const kq_gid_t& gid, const std::string& address, uint16_t status = 0,
                            uint8_t method = MAD_METHOD_GET, uint16_t attribute = SA_ATTR_SERVICE_RECORD);
 

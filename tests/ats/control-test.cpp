@@ -1,4 +1,4 @@
-// What is written to the control file: how it is cut into words, and what each command does with good and bad ones.
+// Writes to the control file: how a text is split into words, and what each command does with good and bad words.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -42,12 +42,12 @@ struct control : testing::Test {
     }
 };
 
-TEST_F(control, bad_input_says_so_and_changes_nothing)
+TEST_F(control, bad_input_is_logged_and_changes_nothing)
 {
     const std::string nul(1, '\0'), forty(40, 'w'), forty_five = forty + "tail!";
     const auto api_error = [](const std::string& rest) { return "ERROR api/ats_proc_cmd_" + rest; };
     const struct {
-        std::string written;
+        std::string command;
         lines expected;
     } table[] = {
         {"", usage},
@@ -63,7 +63,7 @@ TEST_F(control, bad_input_says_so_and_changes_nothing)
         {repeated("w ", 29) + forty_five, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {repeated("w ", 29) + forty, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {"half" + nul + "rest", unknown(" 'half'")},
-        {"half " + nul + "rest", unknown(" 'half' ''")}, // the last byte is none of white space: one more word
+        {"half " + nul + "rest", unknown(" 'half' ''")}, // the last byte is not white space: it counts as one more word
         {"half" + nul + " ", usage},
         {nul, unknown(" ''")},
         {"w" + std::string(4095, ' '), unknown(" 'w'")},
@@ -87,16 +87,16 @@ TEST_F(control, bad_input_says_so_and_changes_nothing)
         {"dump_requests with words", {}},
     };
     const std::string verified_before = verification();
-    for (const auto& [written, expected] : table) {
-        SCOPED_TRACE(testing::PrintToString(written));
-        EXPECT_EQ(host.control(written), static_cast<int>(written.size()));
+    for (const auto& [command, expected] : table) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        EXPECT_EQ(host.control(command), static_cast<int>(command.size()));
         EXPECT_EQ(host.log(), expected);
     }
     EXPECT_THAT(w.requests(), IsEmpty());
     EXPECT_EQ(verification(), verified_before);
 }
 
-TEST_F(control, an_unreadable_writer_is_said)
+TEST_F(control, an_unreadable_buffer_is_logged)
 {
     host.faults().fail_calls("copy_from_user", 1);
     EXPECT_EQ(host.control("help"), 4);
@@ -115,58 +115,61 @@ TEST_F(control, verification_settings_are_kept_within_their_range)
         {"-2147483648 1", "SA verification period:-2147483648   verification skew(%): 1"},
     };
     EXPECT_EQ(verification(), "SA verification period:60   verification skew(%): 1");
-    for (const auto& [written, shown] : table) {
-        host.control("sa_verify_period " + written);
-        EXPECT_EQ(verification(), shown);
+    for (const auto& [command, report_line] : table) {
+        host.control("sa_verify_period " + command);
+        EXPECT_EQ(verification(), report_line);
     }
 }
 
-// The record of the first HCA goes, and whatever it registers next carries the new address.
-TEST_F(control, delete_ip_takes_the_record_away_and_keeps_the_address_for_the_next)
+// The record of the first HCA is deleted. The next record of that HCA has the given address.
+TEST_F(control, delete_ip_deletes_the_record_and_sets_the_address_of_the_next)
 {
-    const std::string of_the_second = "node1.mthca1.1 10.0.0.1 node1";
+    const std::string second_record = "node1.mthca1.1 10.0.0.1 node1";
     host.link_up(1, 1);
     w.requests();
     host.control("delete_ip 10.1.2.3\n");
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1"));
-    EXPECT_THAT(w.records(), ElementsAre(of_the_second));
+    EXPECT_THAT(w.records(), ElementsAre(second_record));
     w.at(70'000);
-    EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.1 10.1.2.3 node1", of_the_second));
+    EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.1 10.1.2.3 node1", second_record));
     host.link_up(2);
     host.link_down(1);
-    EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.2 10.1.2.3 node1", of_the_second));
+    EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.2 10.1.2.3 node1", second_record));
 }
 
-// rarp says at once what became of the request, and later what came of it.
-TEST_F(control, rarp_tells_what_it_is_told)
+// rarp logs the status of its request at once, and the answer later.
+TEST_F(control, rarp_logs_the_request_and_its_answer)
 {
-    const auto at_once = [](const std::string& what) { return "DEBUG api/ats_proc_cmd_rarp: Status " + what; };
-    const auto later = [](const std::string& what) { return "DEBUG api/ats_dummy_user_cb: Status " + what; };
-    const auto told = [&](const std::string& gid) {
+    const auto first_line = [](const std::string& text) { return "DEBUG api/ats_proc_cmd_rarp: Status " + text; };
+    const auto callback_line = [](const std::string& text) { return "DEBUG api/ats_dummy_user_cb: Status " + text; };
+    const auto lines_of_rarp = [&](const std::string& gid) {
         host.log();
         host.control("rarp " + gid);
         w.at(host.machine().exec().now() + 2000);
-        lines kept = host.log();
-        std::erase_if(kept, [](const std::string& line) {
+        lines log = host.log();
+        std::erase_if(log, [](const std::string& line) {
             return line.find(": Status ") == std::string::npos && line.find(": IP:") == std::string::npos;
         });
-        return kept;
+        return log;
     };
     host.trace(trace_debug);
-    EXPECT_THAT(told(world::format_gid(host.gid(1))), ElementsAre(at_once("PENDING received."), later("OK received."),
-                                                                  "DEBUG api/ats_dummy_user_cb: IP:10.0.0.1"));
-    EXPECT_THAT(told("0x99"), ElementsAre(at_once("PENDING received."), later("-256 received.")));
+    EXPECT_THAT(lines_of_rarp(world::format_gid(host.gid(1))),
+                ElementsAre(first_line("PENDING received."), callback_line("OK received."),
+                            "DEBUG api/ats_dummy_user_cb: IP:10.0.0.1"));
+    EXPECT_THAT(lines_of_rarp("0x99"), ElementsAre(first_line("PENDING received."), callback_line("-256 received.")));
     w.subnet.faults.answer_with(0x0400, 1);
-    EXPECT_THAT(told("0x99"), ElementsAre(at_once("PENDING received."), later("ERROR received.")));
+    EXPECT_THAT(lines_of_rarp("0x99"), ElementsAre(first_line("PENDING received."), callback_line("ERROR received.")));
     w.subnet.faults.sa_silent = true;
-    EXPECT_THAT(told("0x99"), ElementsAre(at_once("PENDING received."), later("TIMEOUT received.")));
+    EXPECT_THAT(lines_of_rarp("0x99"),
+                ElementsAre(first_line("PENDING received."), callback_line("TIMEOUT received.")));
     w.requests();
     host.peers().cache = {{kq_gid_t{0x99, 0}, ip_of("10.0.0.9")}};
-    EXPECT_THAT(told("0x99"), ElementsAre(at_once("OK received."), "DEBUG api/ats_proc_cmd_rarp: IP:10.0.0.9"));
-    EXPECT_THAT(w.requests(), IsEmpty()) << "what IBAT knows is not asked of the SA";
+    EXPECT_THAT(lines_of_rarp("0x99"),
+                ElementsAre(first_line("OK received."), "DEBUG api/ats_proc_cmd_rarp: IP:10.0.0.9"));
+    EXPECT_THAT(w.requests(), IsEmpty()) << "IBAT's cache answers before the SA";
     host.link_down(1);
-    EXPECT_THAT(told("0x98"),
-                ElementsAre("ERROR api/ats_proc_cmd_rarp: Status ERROR received.", later("TIMEOUT received.")));
+    EXPECT_THAT(lines_of_rarp("0x98"),
+                ElementsAre("ERROR api/ats_proc_cmd_rarp: Status ERROR received.", callback_line("TIMEOUT received.")));
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-// Name and address, changed at run time by other modules: what every HCA registers, and what a failure leaves.
+// Other modules change the name and the address at run time: what every HCA registers, and what remains after a
+// failure.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -20,8 +21,8 @@ struct identity : testing::Test {
     {
         int32_t result = 0;
         const uint32_t ip = ip_of(address);
-        const void* published = host.machine().inter_modules.get("ATS_SA_SET_IP_ADDR");
-        host.run([&] { result = reinterpret_cast<int32_t (*)(uint32_t)>(const_cast<void*>(published))(ip); });
+        const void* function = host.machine().inter_modules.get("ATS_SA_SET_IP_ADDR");
+        host.run([&] { result = reinterpret_cast<int32_t (*)(uint32_t)>(const_cast<void*>(function))(ip); });
         host.machine().inter_modules.put("ATS_SA_SET_IP_ADDR");
         return result;
     }
@@ -49,7 +50,7 @@ TEST_F(identity, waits_for_a_port_to_become_active)
     EXPECT_THAT(host.log(), Contains("ERROR sa/ats_sa_update_hostname: ATS hostname is empty !"));
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 a-name-of-forty-characters-or-"));
     EXPECT_EQ(set_name("short"), 0);
-    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "nothing of the long one is left";
+    EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.7 short")) << "no letter of the longer name remains";
 }
 
 TEST(identity_of_three_hcas, takes_a_name_on_each_and_restores_it)
@@ -66,25 +67,26 @@ TEST(identity_of_three_hcas, takes_a_name_on_each_and_restores_it)
     EXPECT_THAT(w.records(), all);
 }
 
-// The first call that fails ends it. The values of those before it are new, the failing one may have its own stored.
+// The first HCA that fails ends the update. HCAs before it have the new value. The failing HCA may have stored it.
 TEST(identity_of_three_hcas, stops_at_the_first_failure)
 {
     const struct {
         const char* command;
-        const char* of_the_first; // an address is in the ports even if it failed; a name is not
-        const char* of_the_second;
+        const char* first_record;
+        const char* second_record; // a failed update has stored an address, but not a name
     } table[] = {
         {"set_host_name new", "node1.1 10.0.0.1 new", "node1.mthca1.1 10.0.0.1 node1"},
         {"set_ip_addrs 10.0.0.7", "node1.1 10.0.0.7 node1", "node1.mthca1.1 10.0.0.7 node1"},
     };
-    for (const auto& [command, of_the_first, of_the_second] : table) {
+    for (const auto& [command, first_record, second_record] : table) {
         SCOPED_TRACE(command);
         ats_world w;
         ats_host& host = w.add_registered({.ports = {1, 1, 1}});
         for (int hca : {1, 2}) host.link_up(1, hca);
         w.requests();
-        constexpr uint64_t copy = 1, of_one_update = 5; // the semaphore, and two datagrams with their posts
-        host.faults().fail_nth(copy + of_one_update + 1);
+        constexpr uint64_t copy = 1;                // of the command
+        constexpr uint64_t calls_of_one_update = 5; // the semaphore, and two datagrams with their posts
+        host.faults().fail_nth(copy + calls_of_one_update + 1);
         host.control(command);
         EXPECT_EQ(host.faults().failed_call(), "down_interruptible");
         host.faults().disarm();
@@ -96,7 +98,7 @@ TEST(identity_of_three_hcas, stops_at_the_first_failure)
             host.link_down(1, hca);
             host.link_up(1, hca);
         }
-        EXPECT_THAT(w.records(), ElementsAre(of_the_first, of_the_second, "node1.mthca2.1 10.0.0.1 node1"));
+        EXPECT_THAT(w.records(), ElementsAre(first_record, second_record, "node1.mthca2.1 10.0.0.1 node1"));
     }
 }
 
@@ -119,7 +121,7 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
 }
 
-// A writer with a signal pending gets the semaphore if it is free, and then waits for nothing.
+// A writer with a pending signal gets the semaphore if it is free. Then it never waits.
 TEST_F(identity, a_pending_signal_ends_every_wait)
 {
     host.link_up(1);
@@ -134,8 +136,8 @@ TEST_F(identity, a_pending_signal_ends_every_wait)
     host.finish(writer);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.1", "0 node1.1 DELETE node1.1",
                                           "0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 10.0.0.7 node1"));
-    const std::string interrupted = "ERROR sa/ats_sa_set_new_sr: Interrupted by a signal";
-    EXPECT_THAT(host.log(), ElementsAre(interrupted, interrupted, interrupted));
+    const std::string interrupted_line = "ERROR sa/ats_sa_set_new_sr: Interrupted by a signal";
+    EXPECT_THAT(host.log(), ElementsAre(interrupted_line, interrupted_line, interrupted_line));
 }
 
 } // namespace

@@ -1,7 +1,8 @@
-// Events that no fabric here makes by itself: events of other kinds and of ports and HCAs that are not there, answers
-// that are faster than the call that asked, a link that goes down in the middle of a call. For these the test stands
-// between ats and the stack: it loads an image in which the names of some kernel calls are replaced by those of its own
-// calls.
+// Events and answers that no fabric here produces: events of unknown types, of ports and of HCAs that do not exist;
+// answers that arrive before the sending call has returned; a link that goes down in the middle of a call. This test
+// produces them between ats and the stack. It loads a copy of the module in which the names of some kernel calls are
+// replaced by the names of this test's own calls.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,36 +16,39 @@ namespace
 {
 
 constexpr std::pair<std::string_view, std::string_view> own_calls[] = {
-    {"kq_set_sleepable_async_event_cb", "noted_sleepable_async_event_cb_"},
+    {"kq_set_sleepable_async_event_cb", "my_set_sleepable_async_event_cb"},
     {"gsi_dtgrm_pool_get", "own_dtgrm_pool_get"},
     {"gsi_post_send_dtgrm", "own_post_send_dtgrm"},
 };
+static_assert(std::ranges::all_of(own_calls, [](const auto& call) { return call.first.size() == call.second.size(); }),
+              "a name in the image can only be replaced by one of the same length");
 
-kq_async_event_fn_t noted_callback;
-kq_hca_h_t noted_hca;
-std::function<void()> before_datagram; // the next time that one is taken
-std::function<void()> after_post;
+kq_async_event_fn_t event_callback; // of the last subscription
+kq_hca_h_t event_hca;
+std::function<void()> datagram_hook; // called once, before the next datagram is taken
+std::function<void()> post_hook;     // called after every post
 
 } // namespace
 
-KERNEL_API kq_return_t noted_sleepable_async_event_cb_(kq_hca_h_t hca, const kq_request_event_record_t* request,
+KERNEL_API kq_return_t my_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
                                                        kq_async_event_fn_t callback)
 {
-    noted_callback = callback;
-    noted_hca = hca;
+    event_callback = callback;
+    event_hca = hca;
     return kq_set_sleepable_async_event_cb(hca, request, callback);
 }
 
 KERNEL_API int own_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** datagram)
 {
-    if (const auto first = std::exchange(before_datagram, {})) first();
+    const auto hook = std::exchange(datagram_hook, {});
+    if (hook) hook();
     return gsi_dtgrm_pool_get(pool, datagram);
 }
 
 KERNEL_API int own_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* datagram, uint64_t* transaction_id)
 {
     const int result = gsi_post_send_dtgrm(handle, datagram, transaction_id);
-    if (after_post) after_post();
+    if (post_hook) post_hook();
     return result;
 }
 
@@ -57,9 +61,12 @@ std::string changed_image()
     std::ifstream original(world::default_module_folder() + "/ats.so", std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(original), {}};
     for (const auto& [real, own] : own_calls) {
-        const std::string symbol = '\0' + std::string(real) + '\0'; // and not a text that begins with the name
-        for (size_t at = image.find(symbol); at != std::string::npos; at = image.find(symbol, at + 1))
-            image.replace(at + 1, own.size(), own);
+        const std::string symbol = '\0' + std::string(real) + '\0'; // not a text that only begins with the name
+        size_t position = image.find(symbol);
+        while (position != std::string::npos) {
+            image.replace(position + 1, own.size(), own);
+            position = image.find(symbol, position + 1);
+        }
     }
     const std::string path = testing::TempDir() + "ats-interposed-" + std::to_string(getpid()) + ".so";
     std::ofstream(path, std::ios::binary) << image;
@@ -73,19 +80,24 @@ struct interposed : testing::Test {
         EXPECT_TRUE(host.try_load(image));
         std::filesystem::remove(image);
     }
+    ~interposed() override
+    {
+        datagram_hook = {};
+        post_hook = {};
+    }
 
     ats_world w;
     ats_host& host = w.add({.ports = {2}});
 };
 
-TEST_F(interposed, odd_events_are_told_and_change_nothing)
+TEST_F(interposed, odd_events_are_logged_and_change_nothing)
 {
     host.link_up(1);
     host.link_up(2);
     w.requests();
     host.trace(trace_debug);
 
-    const kq_hca_h_t own = noted_hca, of_nobody = reinterpret_cast<kq_hca_h_t>(0x77);
+    const kq_hca_h_t own = event_hca, unknown = reinterpret_cast<kq_hca_h_t>(0x77);
     const struct {
         kq_hca_h_t hca;
         uint32_t type;
@@ -98,7 +110,7 @@ TEST_F(interposed, odd_events_are_told_and_change_nothing)
         {own, 0x10000, 1, "DEBUG sa/ats_async_event_cb: Received link_up <port:1>"}, // the active port
         {own, 0x20000, 255, "ERROR sa/handle_link_down: port 255 is not used"},
         {own, 0x40000, 0, "ERROR sa/ats_sa_get_port_attr_and_sgid: port 0 is not used"},
-        {of_nobody, 0x20000, 1, "ERROR sa/ats_async_event_cb: couldn't find ats conext"},
+        {unknown, 0x20000, 1, "ERROR sa/ats_async_event_cb: couldn't find ats conext"},
     };
     for (const auto& [hca, type, port, line] : table) {
         kq_event_record_st event{};
@@ -106,7 +118,7 @@ TEST_F(interposed, odd_events_are_told_and_change_nothing)
         event.hca_app_h = hca;
         event.port_num = port;
         host.log();
-        host.run([&] { noted_callback(event); });
+        host.run([&] { event_callback(event); });
         EXPECT_THAT(host.log(), Contains(line));
     }
     EXPECT_THAT(w.requests(), IsEmpty());
@@ -115,14 +127,13 @@ TEST_F(interposed, odd_events_are_told_and_change_nothing)
 
 TEST_F(interposed, an_answer_may_come_before_the_call_that_asked_returns)
 {
-    after_post = [] { schedule_timeout_uninterruptible(1); };
+    post_hook = [] { schedule_timeout_uninterruptible(1); };
     host.link_up(1);
     w.at(10);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "1 node1.1 SET node1.1 10.0.0.1 node1"));
-    asker who;
-    EXPECT_EQ(host.reverse(host.gid(1), who), ibat_stat_pending);
-    EXPECT_EQ(who.answers.size(), 1u);
-    after_post = {};
+    reverse_lookup lookup;
+    EXPECT_EQ(host.reverse(host.gid(1), lookup), ibat_stat_pending);
+    EXPECT_EQ(lookup.answers.size(), 1u);
 }
 
 TEST_F(interposed, a_request_leaves_through_the_port_that_was_active_when_it_began)
@@ -130,7 +141,7 @@ TEST_F(interposed, a_request_leaves_through_the_port_that_was_active_when_it_beg
     host.link_up(1);
     host.link_up(2);
     w.requests();
-    before_datagram = [&] {
+    datagram_hook = [&] {
         EXPECT_TRUE(w.subnet.link_down("node1", "mthca0", 1));
         schedule_timeout_uninterruptible(1);
     };

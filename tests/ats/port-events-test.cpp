@@ -1,4 +1,4 @@
-// Two ports and their events: which port is active, what is asked of the SA for it and when, and what is left alone.
+// Two ports and their events: which port is active, and which requests go to the SA and when.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -10,7 +10,7 @@ struct port_events : testing::Test {
     ats_world w;
     ats_host& host = w.add({.ports = {2}}).load();
 
-    // "Down Active", of both ports.
+    // The states of both ports, as in "Down Active".
     std::string states()
     {
         host.log();
@@ -21,20 +21,20 @@ struct port_events : testing::Test {
         return text;
     }
 
-    // The trace lines of the functions that handle an event, without their prefix.
-    lines told_by(const std::string& operation)
+    // The trace lines of a function, without their prefix.
+    lines lines_of(const std::string& operation)
     {
-        lines kept;
+        lines texts;
         for (const std::string& line : host.log())
-            if (const size_t at = line.find("/" + operation + ": "); at != std::string::npos)
-                kept.push_back(line.substr(at + operation.size() + 3));
-        return kept;
+            if (const size_t position = line.find("/" + operation + ": "); position != std::string::npos)
+                texts.push_back(line.substr(position + operation.size() + 3));
+        return texts;
     }
 };
 
 TEST_F(port_events, the_record_follows_the_active_port)
 {
-    EXPECT_THAT(w.requests(), IsEmpty()) << "nothing comes before the first link";
+    EXPECT_THAT(w.requests(), IsEmpty()) << "no request without a link";
     host.link_up(2);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.2 DELETE none", "0 node1.2 SET node1.2 10.0.0.1 node1"));
     host.link_up(1);
@@ -44,7 +44,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
     host.link_down(1);
     EXPECT_EQ(states(), "Down Active");
     host.link_up(1);
-    EXPECT_THAT(w.requests(), IsEmpty()) << "a standby port is no business of the SA's";
+    EXPECT_THAT(w.requests(), IsEmpty()) << "a standby port causes no request";
 
     host.link_down(2);
     EXPECT_EQ(states(), "Active Down");
@@ -53,7 +53,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
 
     host.link_down(1);
     EXPECT_EQ(states(), "Down Down");
-    EXPECT_THAT(w.requests(), IsEmpty()) << "no port is left to ask through";
+    EXPECT_THAT(w.requests(), IsEmpty()) << "no port is active";
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
     host.link_up(2);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.2 DELETE node1.1", "0 node1.2 SET node1.2 10.0.0.1 node1"));
@@ -63,7 +63,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
 TEST_F(port_events, a_silent_sa_costs_three_waits)
 {
     host.link_up(1);
-    host.control("delete_ip 10.0.0.1"); // its answer is none to what is sent later
+    host.control("delete_ip 10.0.0.1"); // answered already: no later Delete may take that answer for its own
     host.link_down(1);
     w.requests();
     host.trace(trace_debug);
@@ -74,8 +74,9 @@ TEST_F(port_events, a_silent_sa_costs_three_waits)
                 ElementsAre("0 node1.1 DELETE node1.1", "20 node1.1 DELETE node1.1", "40 node1.1 DELETE node1.1"));
     w.at(60);
     EXPECT_THAT(w.requests(), ElementsAre("60 node1.1 SET node1.1 10.0.0.1 node1"));
-    const std::string timeout = "timeout on send DEL SR MAD";
-    EXPECT_THAT(told_by("ats_sa_set_new_sr"), ElementsAre(timeout, timeout, timeout, "ATS - ERROR DEL SR Failed"));
+    const std::string timeout_line = "timeout on send DEL SR MAD";
+    EXPECT_THAT(lines_of("ats_sa_set_new_sr"),
+                ElementsAre(timeout_line, timeout_line, timeout_line, "ATS - ERROR DEL SR Failed"));
 }
 
 TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
@@ -92,7 +93,8 @@ TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
     EXPECT_THAT(w.requests(), ElementsAre("100 node1.1 DELETE node1.1", "100 node1.1 SET node1.1 10.0.0.1 other"));
 }
 
-// The link is gone before a registration through it has ended. Events of that HCA wait for it, those of another do not.
+// A link goes down while a registration through it is running. Events of that HCA wait for the registration, events of
+// another HCA do not.
 TEST(port_events_of_two_hcas, wait_for_the_registration_before_them)
 {
     ats_world w;
@@ -101,22 +103,22 @@ TEST(port_events_of_two_hcas, wait_for_the_registration_before_them)
     host.link_up(2, 1);
     w.requests();
     w.subnet.faults.sa_silent = true;
-    exec::task& renaming = host.start("rename", [&] { host.control("set_host_name new"); });
+    exec::task& rename_task = host.start("rename", [&] { host.control("set_host_name new"); });
     w.at(10);
     host.link_down(1, 1);
     host.link_up(1, 0);
     w.at(200);
-    host.finish(renaming);
+    host.finish(rename_task);
     EXPECT_THAT(w.requests(),
                 ElementsAre("0 node1.mthca1.1 DELETE node1.mthca1.1", "10 node1.1 DELETE none",
                             "30 node1.1 DELETE none", "50 node1.1 DELETE none",
                             "60 node1.mthca1.2 DELETE node1.mthca1.1", "70 node1.1 SET node1.1 10.0.0.1 new",
                             "80 node1.mthca1.2 DELETE node1.mthca1.1", "100 node1.mthca1.2 DELETE node1.mthca1.1",
                             "120 node1.mthca1.2 SET node1.mthca1.2 10.0.0.1 new"))
-        << "what port 1 sends after its link is down does not reach the wire";
+        << "a datagram that port 1 sends without a link does not reach the wire";
 }
 
-TEST_F(port_events, refused_sends_are_told_and_do_not_wait_and_do_not_stop_what_comes_next)
+TEST_F(port_events, refused_sends_are_logged_and_neither_wait_nor_stop_the_next_request)
 {
     const std::string unit = "ERROR sa/ats_sa_";
     const std::map<std::string, lines> table = {
@@ -125,22 +127,22 @@ TEST_F(port_events, refused_sends_are_told_and_do_not_wait_and_do_not_stop_what_
           unit + "send_service_rec_set_get_del_mad: ats_sa_encode_service_rec_set_get_del_mad failed <-1>"}},
         {"gsi_post_send_dtgrm", {unit + "send_service_rec_set_get_del_mad: gsi_post_send_dtgrm() failed <-16>"}},
     };
-    for (const auto& [call, of_each] : table) {
+    for (const auto& [call, lines_of_each] : table) {
         SCOPED_TRACE(call);
         lines expected;
         for (const char* request :
              {"del of service record,", "del of service record,", "del of service record,", "set of service record"}) {
-            expected.insert(expected.end(), of_each.begin(), of_each.end());
+            expected.insert(expected.end(), lines_of_each.begin(), lines_of_each.end());
             expected.push_back(unit + "set_new_sr: Can't start SA " + request + " ret - -1");
         }
         host.faults().fail_calls(call);
         host.log();
         host.link_up(1);
         EXPECT_EQ(host.log(), expected);
-        EXPECT_EQ(states(), "Active Down") << "it is active with no record";
+        EXPECT_EQ(states(), "Active Down") << "the port is active without a record";
         EXPECT_THAT(w.requests(), IsEmpty());
 
-        host.faults().fail_calls(call, 3); // the Deletes alone
+        host.faults().fail_calls(call, 3); // only the Deletes
         host.link_down(1);
         host.link_up(1);
         EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 SET node1.1 10.0.0.1 node1"));
@@ -149,13 +151,13 @@ TEST_F(port_events, refused_sends_are_told_and_do_not_wait_and_do_not_stop_what_
     }
 }
 
-// A Set that was not sent leaves the record of before to be deleted.
-TEST_F(port_events, a_refused_set_keeps_what_the_next_delete_names)
+// A Set that was not sent does not change which record the next Delete names.
+TEST_F(port_events, a_refused_set_keeps_the_gid_of_the_next_delete)
 {
     host.link_up(2);
     host.link_up(1);
     w.requests();
-    constexpr uint64_t delete_calls = 2, set_calls = 2; // a datagram and its post, each
+    constexpr uint64_t delete_calls = 2, set_calls = 2; // each a datagram and its post
     host.faults().fail_nth(delete_calls + set_calls);
     host.link_down(2);
     EXPECT_EQ(host.faults().failed_call(), "gsi_post_send_dtgrm");
@@ -169,7 +171,7 @@ TEST_F(port_events, a_refused_set_keeps_what_the_next_delete_names)
     host.link_down(1);
     EXPECT_EQ(host.faults().failed_call(), "gsi_post_send_dtgrm");
     host.faults().disarm();
-    host.link_down(2); // a port that never got its record through is the one to be deleted next, even so
+    host.link_down(2); // the next Delete names this port, although its record was never sent
     w.requests();
     host.link_up(1);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.2", "0 node1.1 SET node1.1 10.0.0.1 again"));
@@ -179,7 +181,7 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
 {
     const struct {
         const char* call;
-        const char* last_request; // with what was not read; without the port's attributes it knows no SM to ask
+        const char* last_request; // lacks what was not read; without the port's attributes it goes to no SM
     } table[] = {{"kq_port_query", "60 node1.1 SET none 10.0.0.1 node1"},
                  {"kq_get_port_gid_tbl", "0 node1.1 SET none 10.0.0.1 node1"},
                  {"kq_get_port_partition_tbl", "0 node1.1 SET node1.1 10.0.0.1 node1"}};
@@ -197,7 +199,7 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
         other.link_up(2);
         fresh.at(100);
         EXPECT_THAT(fresh.requests().back(), last_request)
-            << "through the lowest-numbered one, not the one that was read";
+            << "through the lower port, not through the one that was read";
 
         other.link_down(2);
         other.faults().fail_calls(call, 1);
@@ -217,19 +219,19 @@ TEST_F(port_events, requests_go_to_the_sm_of_the_moment)
     host.log();
     EXPECT_TRUE(w.subnet.set_sm(99, 3));
     w.sim->settle();
-    EXPECT_THAT(told_by("ats_async_event_cb"),
+    EXPECT_THAT(lines_of("ats_async_event_cb"),
                 testing::IsSupersetOf({"Received sm_lid_change <port:1>, <new sm lid:63>",
                                        "Received sm_lid_change <port:2>, <new sm lid:63>"}));
     EXPECT_THAT(w.raw_requests(), IsEmpty());
     EXPECT_EQ(states(), "Active UP");
     host.resolve("10.0.0.1");
-    const std::vector<wire_request> sent = w.raw_requests();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].destination.lid, 99);
-    EXPECT_EQ(sent[0].destination.sl, 3);
+    const std::vector<wire_request> requests = w.raw_requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].destination.lid, 99);
+    EXPECT_EQ(requests[0].destination.sl, 3);
 }
 
-TEST_F(port_events, a_third_port_is_left_out_and_said)
+TEST_F(port_events, a_third_port_is_not_used_and_logged)
 {
     ats_host& big = w.add({.name = "big", .ports = {3}});
     EXPECT_TRUE(big.try_load());

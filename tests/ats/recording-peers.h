@@ -1,5 +1,5 @@
-// IBAT and UCM as ats meets them: what it hands over is written down, and what they answer is the test's to say.
-// One pair for each machine, published under the names that the real ones use.
+// Stand-ins for IBAT and UCM. They record what ats hands over, and answer as the test says. Each machine has one pair,
+// published under the names that the real ones use.
 #pragma once
 
 #include <functional>
@@ -32,7 +32,7 @@ class recording_peers final : public kernel::service
     }
     void withdraw(const std::string& name) { home_.inter_modules.withdraw(name); }
 
-    // References that the module holds on the functions of both.
+    // The references that the module holds on the functions of both.
     int references() const
     {
         int sum = 0;
@@ -41,18 +41,18 @@ class recording_peers final : public kernel::service
     }
 
     std::vector<std::string> calls; // "attach", "detach", "ucm attach", "ucm detach", in order
-    bool accepts = true;            // the next attach of IBAT
+    bool accepts = true;            // the answer of IBAT's attach
     unsigned long attach_takes_ticks = 0;
     bool ucm_accepts = true;
 
-    send_arp_data_fn_t send_arp = nullptr; // while attached
+    send_arp_data_fn_t send_arp = nullptr; // set while ats is attached
     void* arp_context = nullptr;
     send_rarp_fn_t send_rarp = nullptr;
     void* rarp_context = nullptr;
 
-    std::vector<ibat_arp_data_t> processed;
-    std::function<void()> while_processing;
-    std::vector<std::pair<kq_gid_t, uint32_t>> cache; // what IBAT knows of GIDs
+    std::vector<ibat_arp_data_t> replies;             // those that ats handed to IBAT
+    std::function<void()> processing_hook;            // called for each of them, before IBAT returns
+    std::vector<std::pair<kq_gid_t, uint32_t>> cache; // IBAT's
 
   private:
     template <class function_t>
@@ -81,15 +81,15 @@ class recording_peers final : public kernel::service
     }
     static ibat_stat_t process(ibat_arp_data_t* reply)
     {
-        here().processed.push_back(*reply);
-        if (here().while_processing) here().while_processing();
-        return ibat_stat_error; // of no interest to ats
+        here().replies.push_back(*reply);
+        if (here().processing_hook) here().processing_hook();
+        return ibat_stat_error; // ats ignores it
     }
-    static ibat_stat_t look_up(kq_gid_t* gid, ibat_arp_data_t* found)
+    static ibat_stat_t look_up(kq_gid_t* gid, ibat_arp_data_t* record)
     {
-        for (const auto& [known, ip] : here().cache) {
-            if (!(known == *gid)) continue;
-            found->dst_ip = ip;
+        for (const auto& [cached_gid, ip] : here().cache) {
+            if (!(cached_gid == *gid)) continue;
+            record->dst_ip = ip;
             return ibat_stat_ok;
         }
         return ibat_stat_not_found;

@@ -1,5 +1,5 @@
-// What becomes of a reply, good, hostile or cut off: the lines it leaves, what IBAT gets to see of it, and what the
-// requests that wait for its GID are told. Replies come over the wire from a port that is not the SA's.
+// Replies from the wire, good and malformed ones: the lines that each leaves in the log and the record that IBAT gets.
+// They come from a port that is not the SA's.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -12,15 +12,15 @@ struct replies : testing::Test {
     ats_world w;
     ats_host& host = w.add_registered({.ports = {2}, .trace = trace_debug});
 
-    // The lines of the decoder and of who comes behind it, those about the pending list left out.
+    // The lines of the decoder and of the code behind it, without those about the pending list.
     std::vector<std::string> lines()
     {
-        std::vector<std::string> kept = host.log();
-        std::erase_if(kept, [](const std::string& line) {
+        std::vector<std::string> log = host.log();
+        std::erase_if(log, [](const std::string& line) {
             return !line.ends_with("!") &&
                    (line.find("Datagram <PTR>") != std::string::npos || line.find("ats_process_") != std::string::npos);
         });
-        return kept;
+        return log;
     }
 };
 
@@ -41,7 +41,7 @@ fabric::mad_bytes with_byte(fabric::mad_bytes mad, size_t offset, uint8_t value)
     return mad;
 }
 
-TEST_F(replies, each_kind_leaves_its_lines_and_reaches_whom_it_concerns)
+TEST_F(replies, each_kind_leaves_its_lines_and_reaches_ibat_or_not)
 {
     const auto bad_status = [](const std::string& status) {
         return decoded("ERROR", "ATS - Incoming mad has an error status <" + status + "> .");
@@ -50,7 +50,7 @@ TEST_F(replies, each_kind_leaves_its_lines_and_reaches_whom_it_concerns)
         return sa_reply(far_gid, "10.0.0.9", status, method, attribute);
     };
     struct {
-        const char* what;
+        const char* name;
         fabric::mad_bytes mad;
         std::vector<std::string> lines;
         bool reaches_ibat;
@@ -75,52 +75,53 @@ TEST_F(replies, each_kind_leaves_its_lines_and_reaches_whom_it_concerns)
          0},
     };
     for (const auto& each : table) {
-        SCOPED_TRACE(each.what);
+        SCOPED_TRACE(each.name);
         w.inject(host, 1, each.mad);
         EXPECT_EQ(lines(), each.lines);
-        ASSERT_EQ(host.peers().processed.size(), each.reaches_ibat ? 1u : 0u);
-        EXPECT_EQ(each.reaches_ibat ? host.peers().processed[0].mask : 0, each.mask);
-        host.peers().processed.clear();
+        ASSERT_EQ(host.peers().replies.size(), each.reaches_ibat ? 1u : 0u);
+        EXPECT_EQ(each.reaches_ibat ? host.peers().replies[0].mask : 0, each.mask);
+        host.peers().replies.clear();
     }
-    const std::vector<uint16_t> unsupported = {0x0010, 0x0036, 0x3100};
+    const std::vector<uint16_t> unsupported_attributes = {0x0010, 0x0036, 0x3100};
     for (const uint16_t attribute : {0x0002, 0x0003, 0x0010, 0x0011, 0x0012, 0x0035, 0x0036, 0x0038, 0x003A, 0x3100}) {
-        const char* word = std::ranges::count(unsupported, attribute) ? "Unrequested/unsupported" : "unexpected";
+        const char* word =
+            std::ranges::count(unsupported_attributes, attribute) ? "Unrequested/unsupported" : "unexpected";
         char line[80];
         std::snprintf(line, sizeof line, "ATS - %s attribute ID. <0x%04X>", word, attribute);
         w.inject(host, 1, reply(0, attribute));
         EXPECT_EQ(lines(), std::vector{decoded("ERROR", line)});
-        EXPECT_EQ(host.peers().processed.back().mask, 0u);
+        EXPECT_EQ(host.peers().replies.back().mask, 0u);
     }
     EXPECT_THAT(w.requests(), IsEmpty());
 }
 
-TEST_F(replies, ibat_sees_an_arp_reply_and_nothing_of_the_one_before)
+TEST_F(replies, ibat_gets_an_arp_reply_with_nothing_of_the_one_before)
 {
     w.inject(host, 1, sa_reply(far_gid, "10.0.0.9"));
     host.link_up(2);
     w.inject(host, 2, sa_reply({}, "0.0.0.0", 0, MAD_METHOD_GET, SA_ATTR_PATH_RECORD));
     w.inject(host, 2, sa_reply(far_gid, "10.0.0.8", 0x0300));
-    ASSERT_EQ(host.peers().processed.size(), 3u);
+    ASSERT_EQ(host.peers().replies.size(), 3u);
 
     ibat_arp_data_t expected{};
-    const auto same = [&](const ibat_arp_data_t& seen) { return memcmp(&seen, &expected, sizeof seen) == 0; };
+    const auto is_expected = [&](const ibat_arp_data_t& reply) { return memcmp(&reply, &expected, sizeof reply) == 0; };
     expected.mask = mask_answer;
     expected.arp_operation = IBAT_ARP_REPLY;
     expected.src_ip = ip_of("10.0.0.9");
     expected.dst_ip = ip_of("10.0.0.1");
     expected.gid = far_gid;
     expected.local_port_num = 1;
-    EXPECT_TRUE(same(host.peers().processed[0]));
+    EXPECT_TRUE(is_expected(host.peers().replies[0]));
     expected.src_ip = ip_of("10.0.0.8");
     expected.local_port_num = 2;
-    EXPECT_TRUE(same(host.peers().processed[2]));
+    EXPECT_TRUE(is_expected(host.peers().replies[2]));
     expected = {};
     expected.arp_operation = IBAT_ARP_REPLY;
-    EXPECT_TRUE(same(host.peers().processed[1]));
+    EXPECT_TRUE(is_expected(host.peers().replies[1]));
 
     host.control("set_ip_addrs 0.0.0.0");
     w.inject(host, 1, sa_reply(far_gid, "0.0.0.0"));
-    EXPECT_EQ(host.peers().processed.back().mask, mask_own) << "an own address like any other";
+    EXPECT_EQ(host.peers().replies.back().mask, mask_own) << "0.0.0.0 is an own address like any other";
 }
 
 TEST_F(replies, dumps_show_the_record_and_end_an_unterminated_name)
@@ -150,7 +151,7 @@ TEST_F(replies, dumps_show_the_record_and_end_an_unterminated_name)
 
     w.inject(host, 1, sa_reply(far_gid, "10.1.2.3"));
     EXPECT_THAT(host.log(), Contains("FUNC sa/ats_sa_dump_service_record_mad: service_data32 string "))
-        << "four NULs do not swallow the line end";
+        << "the line ends after a name of four NULs";
 }
 
 } // namespace

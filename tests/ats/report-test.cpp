@@ -1,4 +1,4 @@
-// The two files of the module, to the letter: the report that a read of the control file puts into the log, and the
+// The two files of the module, letter by letter: the report that a read of the control file writes to the log, and the
 // version.
 #include "module-version.h"
 #include "tests/ats/ats-world.h"
@@ -9,7 +9,7 @@ namespace
 TEST(report, shows_every_hca_and_port)
 {
     ats_world w;
-    w.subnet.add_hca("other", "hca", 8).value(); // the LID after its ports has a letter, as the counters below
+    w.subnet.add_hca("other", "hca", 8).value(); // takes eight LIDs: the next one, 11, has a letter in the report
     ats_host& host = w.add({.ports = {2, 1}}).load();
     host.link_up(2);
     w.subnet.faults.drop_next_answers = 1;
@@ -32,9 +32,9 @@ TEST(report, shows_every_hca_and_port)
         port(1, "Down", none, "0x0 (0)", "Send Counter 0x0 , Receive Counter 0x0") +
         "==============\n"
         "SA verification period:300   verification skew(%): 7\n";
-    std::string reported;
-    for (const std::string& line : host.log()) reported += line + "\n";
-    EXPECT_EQ(reported, expected);
+    std::string report;
+    for (const std::string& line : host.log()) report += line + "\n";
+    EXPECT_EQ(report, expected);
 
     host.link_up(1);
     host.trace(trace_debug);
@@ -44,7 +44,7 @@ TEST(report, shows_every_hca_and_port)
     EXPECT_THAT(lines, Contains(StartsWith("DEBUG api/ats_proc_read: page = PTR, *start = PTR, off = 0, count = ")));
 }
 
-TEST(report, tells_the_version_however_it_is_read)
+TEST(report, shows_the_version_whole_and_in_pieces)
 {
     ats_world w;
     ats_host& host = w.add().load();
@@ -62,13 +62,13 @@ TEST(report, tells_the_version_however_it_is_read)
         EXPECT_EQ(pieces, whole);
     });
     host.unload();
-    EXPECT_EQ(host.held(), "");
-    EXPECT_TRUE(host.try_load()) << "the directories that stayed are found";
+    EXPECT_EQ(host.leftovers(), "");
+    EXPECT_TRUE(host.try_load()) << "the folders of the first load are used again";
     EXPECT_EQ(host.read("dorvex/ats/version"), whole);
 }
 
-// Some kernels read on until they are told of the end.
-TEST(report, tells_where_the_version_ends)
+// Some kernels read on until the handler reports the end.
+TEST(report, reports_the_end_of_the_version)
 {
     std::vector<int> ends;
     for (const auto& [offset, count] : {std::pair{0, 5}, {0, 6}, {4, 1}, {4, 2}, {6, 1}}) { // of "Error\n"

@@ -1,4 +1,4 @@
-// Lookups for IBAT and UCM: what is asked of the SA, who is told what and when, and that a request ends once.
+// Lookups for IBAT and UCM: the requests to the SA, the answers and when they come. Each request ends exactly once.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -6,7 +6,7 @@ namespace
 
 using lines = std::vector<std::string>;
 
-asker::answer told(uint64_t tick, ibat_stat_t status, const std::string& address = "0.0.0.0")
+reverse_lookup::answer answer_at(uint64_t tick, ibat_stat_t status, const std::string& address = "0.0.0.0")
 {
     return {tick, status, ip_of(address)};
 }
@@ -15,10 +15,10 @@ struct resolution : testing::Test {
     ats_world w;
     ats_host& host = w.add_registered();
     ats_host& other = w.add_registered({.name = "node2", .address = "10.0.0.2"});
-    asker who;
+    reverse_lookup lookup;
 };
 
-TEST_F(resolution, maps_what_the_sa_says)
+TEST_F(resolution, maps_each_code_of_the_sa_to_a_status)
 {
     const std::map<int, ibat_stat_t> table = {
         {0, ibat_stat_ok},    {1, ibat_stat_not_found}, {2, ibat_stat_error}, {3, ibat_stat_not_found},
@@ -28,47 +28,48 @@ TEST_F(resolution, maps_what_the_sa_says)
     host.trace(trace_debug);
     for (const auto& [code, status] : table) {
         SCOPED_TRACE(code);
-        asker each;
+        reverse_lookup each;
         host.reverse({7, 7}, each);
         host.log();
         w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7", static_cast<uint16_t>(code << 8)));
-        EXPECT_THAT(each.answers, ElementsAre(told(0, status, "10.0.0.7")));
+        EXPECT_THAT(each.answers, ElementsAre(answer_at(0, status, "10.0.0.7")));
         const std::string bad = "DEBUG api/ats_process_rarp_data: bad SA status " + std::to_string(code);
         EXPECT_EQ(std::ranges::count(host.log(), bad), code > 6 ? 1 : 0);
     }
 }
 
-TEST_F(resolution, one_answer_completes_all_who_wait_for_its_gid_the_newest_first)
+TEST_F(resolution, one_answer_ends_all_requests_for_its_gid_the_newest_first)
 {
     w.subnet.faults.sa_silent = true;
-    asker first, second, third, else_where, in_another_subnet;
+    reverse_lookup first, second, third, other_gid, other_prefix;
     host.reverse({7, 7}, first);
-    host.reverse({8, 7}, else_where);
-    host.reverse({7, 8}, in_another_subnet);
+    host.reverse({8, 7}, other_gid);
+    host.reverse({7, 8}, other_prefix);
     host.reverse({7, 7}, second);
     host.reverse({7, 7}, third);
     host.trace(trace_debug);
     w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7"));
-    for (const asker* each : {&first, &second, &third})
-        EXPECT_THAT(each->answers, ElementsAre(told(0, ibat_stat_ok, "10.0.0.7")));
+    for (const reverse_lookup* each : {&first, &second, &third})
+        EXPECT_THAT(each->answers, ElementsAre(answer_at(0, ibat_stat_ok, "10.0.0.7")));
     EXPECT_LT(third.order, second.order);
     EXPECT_LT(second.order, first.order);
-    for (const asker* each : {&else_where, &in_another_subnet}) EXPECT_THAT(each->answers, IsEmpty());
+    for (const reverse_lookup* each : {&other_gid, &other_prefix}) EXPECT_THAT(each->answers, IsEmpty());
     EXPECT_THAT(host.log(), Contains("DEBUG api/ats_process_rarp_data: found 3 maching RARP reqs for gid "
                                      "0x00000000000000070000000000000007"));
 }
 
-TEST_F(resolution, an_answer_that_is_no_answer_leaves_requests_to_time_out)
+TEST_F(resolution, other_answers_do_not_end_a_request)
 {
     w.subnet.faults.answer_with(MAD_STATUS_BUSY, 1);
-    host.reverse({7, 7}, who);
+    host.reverse({7, 7}, lookup);
     w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7", 0x0300, MAD_METHOD_DELETE));
     w.inject(host, 1, sa_reply({7, 7}, "10.0.0.7", 0, MAD_METHOD_GET, SA_ATTR_PATH_RECORD));
     w.at(2000);
-    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
+    EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
 }
 
-// The timer looks once a second and takes what is a second old; the tick count wraps at 32 bits meanwhile.
+// The timer runs once a second and ends the requests that are a second old or older. In one run the tick count exceeds
+// 32 bits meanwhile, in another 31.
 TEST(time_out, comes_to_the_tick)
 {
     for (const uint64_t begin : {uint64_t{0}, uint64_t{0xFFFFFE00}, uint64_t{0x7FFFFFFF}}) {
@@ -76,86 +77,87 @@ TEST(time_out, comes_to_the_tick)
         ats_world w({.start_tick = begin});
         ats_host& host = w.add_registered({.trace = trace_func});
         w.subnet.faults.sa_silent = true;
-        asker at_0, at_1, at_1_too, at_1000;
-        host.reverse({7, 7}, at_0);
+        reverse_lookup lookup_0, lookup_1, other_lookup_1, lookup_1000;
+        host.reverse({7, 7}, lookup_0);
         w.at(1);
-        host.reverse({7, 7}, at_1);
-        host.reverse({8, 7}, at_1_too);
+        host.reverse({7, 7}, lookup_1);
+        host.reverse({8, 7}, other_lookup_1);
         w.at(999);
-        EXPECT_THAT(at_0.answers, IsEmpty());
+        EXPECT_THAT(lookup_0.answers, IsEmpty());
         w.at(1000);
-        EXPECT_THAT(at_0.answers, ElementsAre(told(begin + 1000, ibat_stat_timeout)));
-        EXPECT_THAT(at_1.answers, IsEmpty()) << "999 ticks old";
-        host.reverse({7, 7}, at_1000);
+        EXPECT_THAT(lookup_0.answers, ElementsAre(answer_at(begin + 1000, ibat_stat_timeout)));
+        EXPECT_THAT(lookup_1.answers, IsEmpty()) << "999 ticks old";
+        host.reverse({7, 7}, lookup_1000);
         w.at(1999);
-        EXPECT_THAT(at_1.answers, IsEmpty());
+        EXPECT_THAT(lookup_1.answers, IsEmpty());
         w.at(2000);
-        EXPECT_THAT(at_1.answers, ElementsAre(told(begin + 2000, ibat_stat_timeout)));
-        EXPECT_THAT(at_1000.answers, ElementsAre(told(begin + 2000, ibat_stat_timeout)));
-        EXPECT_LT(at_1000.order, at_1_too.order) << "the newest first";
-        EXPECT_LT(at_1_too.order, at_1.order);
+        EXPECT_THAT(lookup_1.answers, ElementsAre(answer_at(begin + 2000, ibat_stat_timeout)));
+        EXPECT_THAT(lookup_1000.answers, ElementsAre(answer_at(begin + 2000, ibat_stat_timeout)));
+        EXPECT_LT(lookup_1000.order, other_lookup_1.order) << "the newest first";
+        EXPECT_LT(other_lookup_1.order, lookup_1.order);
     }
 }
 
 TEST_F(resolution, ends_once_however_late_the_answer_is)
 {
     w.subnet.faults.latency_ticks = 1250;
-    host.reverse(other.gid(1), who);
+    host.reverse(other.gid(1), lookup);
     w.at(2400);
-    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
-    asker again;
-    host.reverse(other.gid(1), again);
+    EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
+    reverse_lookup second_lookup;
+    host.reverse(other.gid(1), second_lookup);
     w.at(6000);
-    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
-    EXPECT_THAT(again.answers, ElementsAre(told(2500, ibat_stat_ok, "10.0.0.2"))) << "by the answer to the first";
+    EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
+    EXPECT_THAT(second_lookup.answers, ElementsAre(answer_at(2500, ibat_stat_ok, "10.0.0.2")))
+        << "by the answer to the first";
 }
 
 TEST_F(resolution, of_twenty_at_once_four_find_no_datagram)
 {
-    std::vector<asker> askers(20);
-    std::map<ibat_stat_t, int> at_once, in_the_end;
+    std::vector<reverse_lookup> lookups(20);
+    std::map<ibat_stat_t, int> first_statuses, last_statuses;
     host.run([&] {
-        for (uint64_t i = 0; i < askers.size(); ++i) ++at_once[host.reverse({i, 7}, askers[i])];
+        for (uint64_t i = 0; i < lookups.size(); ++i) ++first_statuses[host.reverse({i, 7}, lookups[i])];
     });
-    EXPECT_THAT(at_once, ElementsAre(std::pair(ibat_stat_error, 4), std::pair(ibat_stat_pending, 16)));
+    EXPECT_THAT(first_statuses, ElementsAre(std::pair(ibat_stat_error, 4), std::pair(ibat_stat_pending, 16)));
     EXPECT_THAT(host.log(), testing::SizeIs(8)); // two for each
     w.at(2000);
-    for (const asker& each : askers) ++in_the_end[each.answers.at(0).status];
-    EXPECT_THAT(in_the_end, ElementsAre(std::pair(ibat_stat_not_found, 16), std::pair(ibat_stat_timeout, 4)));
+    for (const reverse_lookup& each : lookups) ++last_statuses[each.answers.at(0).status];
+    EXPECT_THAT(last_statuses, ElementsAre(std::pair(ibat_stat_not_found, 16), std::pair(ibat_stat_timeout, 4)));
 }
 
 TEST_F(resolution, without_an_active_port_fails_and_still_times_out)
 {
     host.link_down(1);
     EXPECT_EQ(host.resolve("10.0.0.2"), ibat_stat_error);
-    EXPECT_EQ(host.reverse(other.gid(1), who), ibat_stat_error);
+    EXPECT_EQ(host.reverse(other.gid(1), lookup), ibat_stat_error);
     const std::string rest = " there is no active port, Check your link!";
     EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_arp_send: ATS - Can't Send arp" + rest,
                                         "ERROR sa/ats_sa_rarp_send: ATS - Can't Send rarp" + rest));
     w.at(5000);
-    EXPECT_THAT(who.answers, ElementsAre(told(1000, ibat_stat_timeout)));
+    EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
     EXPECT_THAT(w.requests(), IsEmpty());
 }
 
-// A registration holds the semaphore for 60 ticks. A lookup waits for it, unless a signal comes.
-TEST_F(resolution, waits_for_a_registration_and_not_through_a_signal)
+// A registration holds the semaphore for 60 ticks. A lookup waits for it until a signal comes.
+TEST_F(resolution, waits_for_a_registration_or_a_signal)
 {
     w.subnet.faults.sa_silent = true;
-    exec::task& updating = host.start("update", [&] { host.control("set_host_name slow"); });
+    exec::task& writer = host.start("update", [&] { host.control("set_host_name slow"); });
     w.at(10);
-    ibat_stat_t interrupted{}, patient{};
-    exec::task& first = host.start("first", [&] { interrupted = host.resolve("10.0.0.2"); });
-    exec::task& second = host.start("second", [&] { patient = host.resolve("10.0.0.2"); });
+    ibat_stat_t first_status{}, second_status{};
+    exec::task& first = host.start("first", [&] { first_status = host.resolve("10.0.0.2"); });
+    exec::task& second = host.start("second", [&] { second_status = host.resolve("10.0.0.2"); });
     w.at(30);
     exec::send_signal(first);
     w.at(31);
     EXPECT_THAT(host.log(), ElementsAre("ERROR sa/ats_sa_arp_send: down_interruptible is not OK"));
     w.at(100);
-    for (exec::task* each : {&updating, &first, &second}) host.finish(*each);
-    EXPECT_EQ(interrupted, ibat_stat_error);
-    EXPECT_EQ(patient, ibat_stat_ok);
-    const lines sent = w.requests();
-    EXPECT_THAT(lines(sent.end() - 2, sent.end()),
+    for (exec::task* each : {&writer, &first, &second}) host.finish(*each);
+    EXPECT_EQ(first_status, ibat_stat_error);
+    EXPECT_EQ(second_status, ibat_stat_ok);
+    const lines requests = w.requests();
+    EXPECT_THAT(lines(requests.end() - 2, requests.end()),
                 ElementsAre("60 node1.1 SET node1.1 10.0.0.1 slow", "60 node1.1 GET 10.0.0.2"));
 }
 

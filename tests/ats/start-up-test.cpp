@@ -1,5 +1,5 @@
-// Loading the module on hosts of every kind, and failing to: whichever platform call fails, nothing is left behind, and
-// the next attempt succeeds.
+// Loads the module on hosts of every kind. When a kernel call fails, the load leaves nothing behind and the next load
+// succeeds.
 #include <map>
 #include <set>
 
@@ -13,11 +13,11 @@ namespace
 using lines = std::vector<std::string>;
 
 // The number that the module's start-up failed with; 0 if it did not fail.
-int number_of_failure(const ats::result<>& loaded)
+int number_of_failure(const ats::result<>& result)
 {
     const std::string words = "start-up failed with ";
-    if (loaded) return 0;
-    const std::string& text = loaded.error().text;
+    if (result) return 0;
+    const std::string& text = result.error().text;
     const size_t position = text.find(words);
     return position == std::string::npos ? 0 : std::stoi(text.substr(position + words.size()));
 }
@@ -25,28 +25,28 @@ int number_of_failure(const ats::result<>& loaded)
 struct start_up : testing::TestWithParam<std::vector<int>> {
 };
 
-// Calls without which an HCA cannot serve.
-const std::set<std::string> is_needed = {"kq_hca_open", "kq_hca_query", "gsi_register_class",
-                                         "gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"};
+// The calls that an HCA cannot do without.
+const std::set<std::string> needed_calls = {"kq_hca_open", "kq_hca_query", "gsi_register_class",
+                                            "gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"};
 
 TEST_P(start_up, leaves_nothing_behind_whatever_fails)
 {
-    for_every_failing_call([](failing_calls which) {
+    for_every_failing_call([](failing_calls calls) {
         ats_world w;
         ats_host& host = w.add({.ports = GetParam()});
         for (size_t hca = 0; hca < GetParam().size(); ++hca) host.link_up(1, static_cast<int>(hca));
         ats::result<> result;
-        const failed_calls failed = with_failing_calls(host, which, [&] { result = host.try_load(); });
+        const failed_calls failures = with_failing_calls(host, calls, [&] { result = host.try_load(); });
         w.at(300);
-        EXPECT_FALSE(result && is_needed.contains(failed.last)) << "each port of each HCA needs it";
+        EXPECT_FALSE(result && needed_calls.contains(failures.last)) << "no HCA works without this call";
         if (result) host.unload();
-        EXPECT_EQ(host.held(), "");
+        EXPECT_EQ(host.leftovers(), "");
         EXPECT_THAT(w.records(), IsEmpty());
         host.load();
         EXPECT_EQ(w.records().size(), GetParam().size());
         host.unload();
-        EXPECT_EQ(host.held(), "");
-        return failed;
+        EXPECT_EQ(host.leftovers(), "");
+        return failures;
     });
 }
 
@@ -92,22 +92,22 @@ TEST(start_up_of, an_hca_that_fails_says_why)
         const lines log = host.log();
         EXPECT_THAT(log, Contains(StartsWith("ERROR sa/" + reason)));
         EXPECT_THAT(log, Contains("ERROR module/ats_module_init: ATS init error  mthca0"));
-        EXPECT_EQ(host.held(), "");
+        EXPECT_EQ(host.leftovers(), "");
     }
 }
 
-// Context 0 is stopped again, its record included; 1 gives back what it had; 2 was never started.
+// HCA 0 is stopped again and its record deleted. HCA 1 gives back what it had. HCA 2 was never started.
 TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
 {
     ats_world w;
     ats_host& host = w.add({.ports = {1, 1, 1}, .trace = trace_debug});
     host.link_up(1);
     host.peers().attach_takes_ticks = 10;
-    exec::task& loading = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
-    w.at(5); // the first one has started, and registered
+    exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
+    w.at(5); // the first one has started and registered
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
     host.faults().fail_calls("gsi_dtgrm_pool_create_named");
-    host.finish(loading);
+    host.finish(insmod);
     lines order;
     for (const std::string& line : host.log())
         if (line.find("ATS init error") != std::string::npos || line.find("/ats_stop:") != std::string::npos)
@@ -115,10 +115,10 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     EXPECT_THAT(order, ElementsAre("ATS init error  mthca1", "stop hca 0", "stop hca 1", "stop hca 2"));
     EXPECT_THAT(host.peers().calls, ElementsAre("attach", "ucm attach", "ucm detach", "detach"));
     EXPECT_THAT(w.records(), IsEmpty());
-    EXPECT_EQ(host.held(), "");
+    EXPECT_EQ(host.leftovers(), "");
 }
 
-// The failing HCA's resources are released before the other HCAs are stopped, which takes a while.
+// The failing HCA's resources are released first. Stopping the other HCAs takes longer.
 TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
 {
     for (const char* call : {"gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"}) {
@@ -127,20 +127,20 @@ TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
         ats_host& host = w.add({.ports = {1, 1}, .trace = trace_debug});
         host.link_up(1);
         host.peers().attach_takes_ticks = 10;
-        exec::task& loading = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
+        exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
         w.at(5);
         host.faults().fail_calls(call);
         w.subnet.faults.sa_silent = true;
         w.at(20); // the first HCA waits for the SA to delete its record
         EXPECT_EQ(host.machine().get<stack::gsi>().pools().size(), 1u);
-        host.finish(loading);
+        host.finish(insmod);
         const lines log = host.log();
         EXPECT_EQ(std::ranges::count(log, "DEBUG sa/ats_sa_stop: Deregistered GSI class"), 1) << "the first HCA's";
-        EXPECT_EQ(host.held(), "");
+        EXPECT_EQ(host.leftovers(), "");
     }
 }
 
-TEST(start_up_of, a_taken_control_file_fails_and_says_so)
+TEST(start_up_of, a_taken_control_file_fails_and_is_logged)
 {
     ats_world w;
     ats_host& host = w.add();
@@ -149,7 +149,7 @@ TEST(start_up_of, a_taken_control_file_fails_and_says_so)
     EXPECT_EQ(number_of_failure(host.try_load()), -12);
     EXPECT_EQ(host.log().back(), "ERROR module/ats_module_init: Error creating /proc entry.");
     host.run([] { remove_proc_entry("dorvex/ats/control"); });
-    EXPECT_EQ(host.held(), "");
+    EXPECT_EQ(host.leftovers(), "");
     host.load();
     kernel::proc_listing file;
     EXPECT_EQ(host.machine().proc.stat("dorvex/ats/control", &file), 0);
@@ -162,10 +162,10 @@ TEST(start_up_of, a_slow_host_shows_its_version_already)
     ats_world w;
     ats_host& host = w.add();
     host.peers().attach_takes_ticks = 10;
-    exec::task& loading = host.start("insmod", [&] { host.load(); });
+    exec::task& insmod = host.start("insmod", [&] { host.load(); });
     w.at(5);
     EXPECT_THAT(host.read("dorvex/ats/version"), StartsWith("ats 1.21 "));
-    host.finish(loading);
+    host.finish(insmod);
     host.unload();
 }
 
@@ -186,7 +186,7 @@ TEST(start_up_of, no_hca_loads_and_does_nothing)
     EXPECT_EQ(log.front(), "ATS - there is no hca, can't send rarp");
     EXPECT_EQ(log.back(), "SA verification period:60   verification skew(%): 1");
     host.unload();
-    EXPECT_EQ(host.held(), "");
+    EXPECT_EQ(host.leftovers(), "");
 }
 
 TEST(start_up_of, a_host_with_odd_parameters)
@@ -206,7 +206,7 @@ TEST(start_up_of, a_host_with_odd_parameters)
 
 // ---- the peers ----
 
-TEST(binding, needs_of_ibat_what_it_is_asked_for)
+TEST(binding, needs_only_the_functions_of_ibat_that_it_uses)
 {
     const lines names = {"ibat_attach_fn", "ibat_detach_fn", "ibat_process_arp_data_fn", "ibat_seq_cache_lookup_fn"};
     const lines words = {"attach", "detach", "process arp data", "seq cache lookup"};
@@ -228,10 +228,10 @@ TEST(binding, needs_of_ibat_what_it_is_asked_for)
                 EXPECT_EQ(number_of_failure(result), -6);
                 const lines log = host.log();
                 EXPECT_THAT(log, Contains("ERROR api/ats_ibat_init: Could not get IBAT " + words[i] + " function"));
-                EXPECT_EQ(std::ranges::count(log, cannot_delete), 1) << "its SA client is stopped once";
-                EXPECT_THAT(log.back(), HasSubstr("ATS init error")) << "and at once";
+                EXPECT_EQ(std::ranges::count(log, cannot_delete), 1) << "the SA client is stopped once";
+                EXPECT_THAT(log.back(), HasSubstr("ATS init error")) << "nothing else is tried";
             }
-            EXPECT_EQ(host.held(), "");
+            EXPECT_EQ(host.leftovers(), "");
             EXPECT_THAT(w.records(), IsEmpty());
         }
     }
@@ -250,7 +250,7 @@ TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
                                         "ERROR module/ats_module_init: ATS init error  mthca0"));
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "0 node1.1 SET node1.1 10.0.0.1 node1",
                                           "50 node1.1 DELETE node1.1"));
-    EXPECT_EQ(host.held(), "");
+    EXPECT_EQ(host.leftovers(), "");
     host.log();
 
     host.peers().accepts = true;
@@ -261,7 +261,7 @@ TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
                                         "WARNING api/ats_init: ats_ucm_init failed -255"));
     EXPECT_EQ(host.peers().references(), 4);
     host.unload();
-    EXPECT_EQ(host.held(), "");
+    EXPECT_EQ(host.leftovers(), "");
 
     for (const auto& [name, line] : std::map<std::string, std::string>{
              {"ucm_rarp_attach_fn", "WARNING api/ats_ucm_init: Could not get UCM RARP attach function"},
@@ -273,7 +273,7 @@ TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
         EXPECT_EQ(other.peers().references(), 4);
         other.unload();
         EXPECT_THAT(other.log(), Contains("DEBUG api/ats_ucm_stop: Was not attached to UCM module"));
-        EXPECT_EQ(other.held(), "");
+        EXPECT_EQ(other.leftovers(), "");
     }
 }
 

@@ -1,4 +1,4 @@
-// Addresses and GIDs as text, read by the calls and commands that take them, and seen in what they send.
+// Addresses and GIDs as text: which ones the calls and commands accept, and which values they send.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -35,18 +35,18 @@ TEST_F(text, ipv4_addresses)
         {"001.002.003.004.005", "refused"}, // 19 characters
     };
     auto* set_ip_addrs_str = host.symbol<int32_t (*)(const char*)>("ats_sa_set_ip_addrs_str");
-    for (const auto& [written, read] : table) {
-        SCOPED_TRACE(written);
+    for (const auto& [address, expected] : table) {
+        SCOPED_TRACE(address);
         int32_t result = 0;
-        host.run([&, &written = written] { result = set_ip_addrs_str(written.c_str()); });
-        if (read == "refused") {
+        host.run([&, &address = address] { result = set_ip_addrs_str(address.c_str()); });
+        if (expected == "refused") {
             EXPECT_EQ(result, -1);
             EXPECT_THAT(w.requests(), IsEmpty());
-            EXPECT_THAT(host.log(), ElementsAre("ATS - can't parse ip addr " + written));
+            EXPECT_THAT(host.log(), ElementsAre("ATS - can't parse ip addr " + address));
         } else {
             EXPECT_EQ(result, 0);
             EXPECT_THAT(w.requests(),
-                        ElementsAre("0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 " + read + " node1"));
+                        ElementsAre("0 node1.1 DELETE node1.1", "0 node1.1 SET node1.1 " + expected + " node1"));
             EXPECT_THAT(host.log(), IsEmpty());
         }
     }
@@ -80,9 +80,9 @@ TEST_F(text, gids)
         {"0x/1", no_digit},
         {"0x0`", no_digit},
     };
-    for (const auto& [written, expected] : table) {
-        SCOPED_TRACE(written);
-        host.control("rarp " + written);
+    for (const auto& [gid, expected] : table) {
+        SCOPED_TRACE(gid);
+        host.control("rarp " + gid);
         if (expected.starts_with("0x")) {
             EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 GET " + expected));
             EXPECT_THAT(host.log(), IsEmpty());

@@ -1,5 +1,5 @@
-// The whole service on real threads: hosts that resolve each other while links flap, identities change, the SA moves
-// and forgets, and one host leaves. Nothing is simulated, so that ThreadSanitizer sees what a machine would do.
+// The whole service on real threads: hosts resolve each other while links flap, identities change, the SA moves and
+// forgets, and one host leaves. Nothing is simulated, so that the thread sanitizer sees the races that a machine would.
 #include <chrono>
 
 #include "host/stack/logger.h"
@@ -16,11 +16,10 @@ template <class condition_t>
 bool eventually(exec::executor& exec, const condition_t& holds)
 {
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!holds())
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        else
-            exec.relax();
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        exec.relax();
+    }
     return true;
 }
 
@@ -52,15 +51,15 @@ class running_hosts
         machine(host).enter("write", [&] { machine(host).proc.write("dorvex/ats/control", command); });
     }
 
-    // Address to GID and back, as often as asked, from whomever knows.
+    // Looks up addresses and then their GIDs, `times` times, at the SA or in the cache.
     void resolve_others(size_t host, int times)
     {
         for (int i = 0; i < times; ++i) {
             const std::string& address = addresses[static_cast<size_t>(i) % addresses.size()].second;
-            const world::ask how = i % 3 ? world::ask::usual : world::ask::sa_only;
-            const world::resolution found = world::resolve_address(machine(host), ip_of(address), how);
-            if (found.status == ibat_stat_ok) world::resolve_gid(machine(host), found.gid);
-            answered += found.status == ibat_stat_ok;
+            const world::ask source = i % 3 ? world::ask::usual : world::ask::sa_only;
+            const world::resolution answer = world::resolve_address(machine(host), ip_of(address), source);
+            if (answer.status == ibat_stat_ok) world::resolve_gid(machine(host), answer.gid);
+            answer_count += answer.status == ibat_stat_ok;
         }
     }
 
@@ -91,7 +90,7 @@ class running_hosts
     embedded::subnet subnet{*exec};
     std::vector<std::unique_ptr<world::host>> hosts;
     std::vector<exec::task*> tasks;
-    std::atomic<int> answered = 0;
+    std::atomic<int> answer_count = 0;
 };
 
 TEST(threaded, hosts_resolve_flap_change_and_leave)
@@ -105,8 +104,8 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
                         i % 2 ? "set_host_name name" + std::to_string(i) : "set_ip_addrs " + w.addresses[host].second);
                 w.write(host, "rarp 0xfe800000000000000200000000010001");
                 w.write(host, "sa_verify_period " + std::to_string(i % 2) + " 50");
-                std::string nothing;
-                w.machine(host).proc.read("dorvex/ats/control", 0, 100, &nothing);
+                std::string text;
+                w.machine(host).proc.read("dorvex/ats/control", 0, 100, &text);
                 w.machine(host).get<stack::registry>().set("dorvex/modules/ats", "debug-level", i % 6);
             }
         });
@@ -123,9 +122,9 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
     });
     w.leave(2); // with traffic still running
     w.finish();
-    EXPECT_GT(w.answered, 0);
+    EXPECT_GT(w.answer_count, 0);
 
-    // In the end the two who stayed are registered again, by the next thing that registers.
+    // The two hosts that stayed can still register.
     for (size_t host : {0, 1}) w.write(host, "set_host_name end");
     EXPECT_TRUE(eventually(*w.exec, [&] {
         const std::vector<embedded::service_record_view> records = w.subnet.service_records();
@@ -134,8 +133,8 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
     EXPECT_EQ(world::resolve_address(w.machine(0), ip_of("10.0.0.2"), world::ask::sa_only).status, ibat_stat_ok);
     w.leave(1);
 
-    // The second HCA has events while the first one is being stopped. What it registered last may stay: when it is
-    // stopped its link may be down.
+    // The second HCA has events while the first one is being stopped. Its last record may remain, because its link may
+    // be down when it is stopped.
     std::atomic<bool> has_left = false;
     w.start(0, "flap on", [&] {
         while (!has_left) w.flap("mthca1");

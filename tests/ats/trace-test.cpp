@@ -1,4 +1,4 @@
-// Which lines are printed, and their exact form: two levels must admit a line, and both can change at any time.
+// Trace levels: the level of the logger and that of the module must both admit a line. Both can change at any time.
 #include <set>
 
 #include "host/stack/logger.h"
@@ -8,7 +8,7 @@
 namespace
 {
 
-// The levels that an event leaves lines of. The event fails in part, so that each level has one.
+// The levels of the lines that an event leaves. The event fails in part, so that it has lines of each level.
 std::set<std::string> levels_of_an_event(ats_world& w, ats_host& host)
 {
     host.log();
@@ -21,7 +21,7 @@ std::set<std::string> levels_of_an_event(ats_world& w, ats_host& host)
     host.link_down(2);
     std::set<std::string> levels;
     for (const std::string& line : host.log()) levels.insert(line.substr(0, line.find(' ')));
-    levels.erase(""); // a message with two line ends
+    levels.erase(""); // from a message with two line ends
     return levels;
 }
 
@@ -54,38 +54,38 @@ TEST(trace, both_levels_must_admit_a_line)
     EXPECT_NE(*host.symbol<rep_notifier_t*>("ATS_log_rep_h"), 0);
 }
 
-TEST(trace, without_a_registry_value_it_is_off_and_said)
+TEST(trace, is_off_without_a_registry_value)
 {
     const std::string no_key = "ZR_LOGGER: rep_open_key failed for, dorvex/modules/ats/ -- disabling logging";
     const std::string no_value = "ZR_LOGGER: rep_get_value failed for, dorvex/modules/ats/ -- disabling logging";
-    const std::string found = "LOGGER: Added key dorvex/modules/ats/, trace level 4";
+    const std::string added_key = "LOGGER: Added key dorvex/modules/ats/, trace level 4";
     const struct {
-        const char* failing;
+        const char* call;
         std::string line;
         bool traces;
     } table[] = {{"rep_open_key", no_key, false},
                  {"rep_get_value", no_value, false},
-                 {"rep_notify_key_change", found, true},
-                 {"", found, true}};
-    for (const auto& [failing, line, traces] : table) {
-        SCOPED_TRACE(failing);
+                 {"rep_notify_key_change", added_key, true},
+                 {"", added_key, true}};
+    for (const auto& [call, line, traces] : table) {
+        SCOPED_TRACE(call);
         ats_world w;
         ats_host& host = w.add({.trace = trace_debug});
-        host.faults().fail_calls(failing);
+        host.faults().fail_calls(call);
         host.load();
         const std::vector<std::string> lines = host.log();
         EXPECT_EQ(lines[0], line);
         EXPECT_EQ(lines.size() > 1, traces);
-        EXPECT_EQ(*host.symbol<rep_notifier_t*>("ATS_log_rep_h") != 0, !*failing);
+        EXPECT_EQ(*host.symbol<rep_notifier_t*>("ATS_log_rep_h") != 0, !*call);
         host.unload();
-        EXPECT_EQ(host.held(), "");
+        EXPECT_EQ(host.leftovers(), "");
     }
     ats_world w;
     ats_host& host = w.add({.has_key = false}).load();
     EXPECT_THAT(host.log(), ElementsAre(no_key));
     host.trace(trace_func);
     host.unload();
-    EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "off until it is loaded again";
+    EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "tracing stays off until the next load";
 }
 
 } // namespace

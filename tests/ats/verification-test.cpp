@@ -1,4 +1,4 @@
-// Each HCA watches over its own record: when it looks, what it does about what it finds, and what it leaves alone.
+// Each HCA checks its own record: when it does, and what it registers again.
 #include "host/kernel/random.h"
 #include "host/stack/timers.h"
 #include "tests/ats/ats-world.h"
@@ -8,31 +8,31 @@ namespace
 
 using lines = std::vector<std::string>;
 
-// A host that looks every 10 seconds, beginning at second 60.
+// A host that checks every 10 seconds from second 60 on.
 struct verification : testing::Test {
     verification()
     {
         host.control("sa_verify_period 0 0");
         w.at(59'999);
         host.control("sa_verify_period 10 0");
-        w.at(60'600); // the check that was armed at the start has found itself switched on again
-        const lines sent = w.requests();
-        EXPECT_EQ(sent.size(), 1u);
-        next_check = std::stoull(sent.at(0)) + 10'000;
+        w.at(60'600); // the check armed at load has run; checks are on again
+        const lines requests = w.requests();
+        EXPECT_EQ(requests.size(), 1u);
+        next_check = std::stoull(requests.at(0)) + 10'000;
     }
 
-    // Lets everything of the next check happen, the time-out of its request included, and returns what was sent, with
-    // ticks from the check on.
+    // Runs until after the next check and the time-out of its request. Returns the requests; their ticks count from the
+    // check.
     lines check()
     {
         w.requests();
         host.log();
         w.at(next_check + 2000);
-        lines sent = w.requests();
-        for (std::string& each : sent)
+        lines requests = w.requests();
+        for (std::string& each : requests)
             each = std::to_string(std::stoull(each) - next_check) + each.substr(each.find(' '));
         next_check += 10'000;
-        return sent;
+        return requests;
     }
 
     ats_world w;
@@ -48,7 +48,7 @@ TEST_F(verification, leaves_a_sound_record_alone)
     EXPECT_THAT(host.log(), Contains("DEBUG api/rarp_callback: ipaddress match"));
 }
 
-TEST_F(verification, restores_what_the_sa_has_lost_or_will_not_tell)
+TEST_F(verification, restores_a_record_that_the_sa_has_lost_or_refuses)
 {
     w.subnet.forget_all();
     EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1", "0 node1.1 SET node1.1 10.0.0.1 node1"));
@@ -58,18 +58,18 @@ TEST_F(verification, restores_what_the_sa_has_lost_or_will_not_tell)
     host.peers().cache = {{host.gid(1), ip_of("10.0.0.1")}};
     w.subnet.forget_all();
     EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1", "0 node1.1 SET node1.1 10.0.0.1 node1"))
-        << "IBAT's cache is no witness";
+        << "IBAT's cache is not asked";
 }
 
 TEST_F(verification, restores_after_silence_when_the_request_has_timed_out)
 {
     w.subnet.faults.drop_next_answers = 1;
-    const lines sent = check();
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0], "0 node1.1 GET node1.1");
-    const uint64_t waited = std::stoull(sent[1]);
-    EXPECT_TRUE(waited >= 1000 && waited < 2000) << waited;
-    EXPECT_THAT(sent[1], HasSubstr("SET node1.1 10.0.0.1 node1"));
+    const lines requests = check();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0], "0 node1.1 GET node1.1");
+    const uint64_t delay = std::stoull(requests[1]);
+    EXPECT_TRUE(delay >= 1000 && delay < 2000) << delay;
+    EXPECT_THAT(requests[1], HasSubstr("SET node1.1 10.0.0.1 node1"));
 }
 
 TEST_F(verification, restores_over_a_wrong_address)
@@ -85,8 +85,8 @@ TEST_F(verification, restores_over_a_wrong_address)
     EXPECT_THAT(log, Contains("DEBUG api/rarp_callback: gid & ipaddress don't match"));
 }
 
-// The answer to a registration names the own GID, too: it settles a check that is waiting.
-TEST_F(verification, is_settled_by_the_answer_to_a_registration)
+// The answer to a registration carries the own GID too. It ends a check that waits for its answer.
+TEST_F(verification, ends_with_the_answer_to_a_registration)
 {
     w.subnet.faults.drop_next_answers = 1;
     w.at(next_check);
@@ -118,16 +118,16 @@ TEST_F(verification, needs_an_active_port)
     EXPECT_THAT(check(), ElementsAre("0 node1.2 GET node1.2"));
 }
 
-// A registration that waits for its answer holds the query up, but not the check after it.
+// A registration that waits for its answer delays the query, but not the check after it.
 TEST_F(verification, keeps_its_pace_when_a_query_has_waited)
 {
     const stack::timers& timers = host.machine().get<stack::timers>();
     w.at(next_check - 1);
-    const size_t armed = timers.armed();
+    const size_t timer_count = timers.armed();
     w.subnet.faults.drop_next_answers = 1;
     exec::task& writer = host.start("writer", [&] { host.control("set_ip_addrs 10.0.0.4"); });
     w.at(next_check);
-    EXPECT_EQ(timers.armed(), armed);
+    EXPECT_EQ(timers.armed(), timer_count);
     host.finish(writer);
     w.at(next_check + 5000);
     EXPECT_THAT(w.requests().back(), HasSubstr("GET node1.1"));
@@ -135,7 +135,7 @@ TEST_F(verification, keeps_its_pace_when_a_query_has_waited)
     EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1"));
 }
 
-TEST_F(verification, says_what_it_could_not_send)
+TEST_F(verification, logs_what_it_could_not_send)
 {
     host.trace(trace_debug);
     host.faults().fail_calls("kmalloc");
@@ -145,7 +145,7 @@ TEST_F(verification, says_what_it_could_not_send)
         Contains("DEBUG api/verification_callback: call ats_rarp_send_nocache() returned ibat_stat_error (-255)"));
     w.subnet.forget_all();
     w.at(next_check - 1);
-    host.faults().fail_nth(5); // memory, the semaphore, a datagram, its post; then the Set has no datagram
+    host.faults().fail_nth(5); // after memory, the semaphore, a datagram and its post: the datagram of the Set
     w.at(next_check);
     EXPECT_EQ(host.faults().failed_call(), "gsi_dtgrm_pool_get");
     EXPECT_THAT(host.log(), Contains("DEBUG api/rarp_callback: Can't start SA set of service record   ret=-1"));
@@ -157,7 +157,7 @@ TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
         ats_world w;
         ats_host& host = w.add_registered({.trace = trace_debug});
         host.control("sa_verify_period 1 0");
-        w.at(60'600); // the first check, and the next one meets that it is off
+        w.at(60'600); // after the first check; the second finds that checks are off
         const uint64_t off_tick = std::stoull(w.requests().at(0)) + 1000;
         host.control("sa_verify_period " + std::string(off) + " 0");
         w.subnet.forget_all();
@@ -172,11 +172,11 @@ TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
         w.at(off_tick + 190'000);
         EXPECT_EQ(std::ranges::count(host.log(), "DEBUG api/verification_callback: data=0"), 10);
         host.unload();
-        EXPECT_EQ(host.held(), "");
+        EXPECT_EQ(host.leftovers(), "");
     }
 }
 
-// A period, and a random part of the skew on top; the dice of the host are known.
+// The delay is the period plus a random part of the skew. The seed of the host makes the random numbers known.
 TEST(verification_period, is_lengthened_by_up_to_the_skew)
 {
     struct {
@@ -184,10 +184,10 @@ TEST(verification_period, is_lengthened_by_up_to_the_skew)
     } table[] = {{60, 1}, {3600, 100}, {1, 0}, {7, 33}, {2'000'000, 100}};
     ats_world w;
     ats_host& host = w.add({.trace = trace_debug}).load();
-    kernel::random_source dice(host_random_seed);
+    kernel::random_source random_numbers(host_random_seed);
     const auto expected_delay = [&](int64_t period, int64_t skew) {
         uint8_t byte;
-        dice.fill(&byte, 1);
+        random_numbers.fill(&byte, 1);
         return static_cast<uint64_t>(period * 1000 + (period * 1000 * skew / 100) * byte / 255);
     };
     const auto line = [](uint64_t delay) { return "DEBUG api/calc_verify_timeout: timeout=" + std::to_string(delay); };

@@ -1,5 +1,5 @@
-// The bytes of the four requests, and where they go. The layout is a contract with every other host of the service: a
-// host that writes one byte elsewhere is not found, or finds nobody.
+// The bytes of the four requests, and their destination. All hosts of the service must use the same layout. A host with
+// one byte elsewhere is not found, or does not find others.
 #include <set>
 
 #include "tests/ats/ats-world.h"
@@ -19,7 +19,7 @@ bytes text(const std::string& characters)
     return {characters.begin(), characters.end()};
 }
 
-// All 256 bytes of a request: those that every request has, and the given ones. What no field names is zero.
+// All 256 bytes of a request: the fields that every request has and the given ones. All other bytes are zero.
 fabric::mad_bytes request_with(const std::vector<field>& fields)
 {
     const std::vector<field> common = {
@@ -57,30 +57,30 @@ TEST(wire, every_byte_of_every_request_and_its_address)
 {
     ats_world w({}, {.gid_prefix = 0xFE80010203040506, .sm_lid = 77, .sm_sl = 5, .p_keys = {0x8123}});
     ats_host& host = w.add({.name = name + "beyond", .address = "10.1.2.3"}).load();
-    asker who;
+    reverse_lookup lookup;
     host.link_up(1);
     host.resolve("192.168.0.5");
-    host.reverse(host.gid(1), who);
+    host.reverse(host.gid(1), lookup);
     host.control("set_ip_addrs 10.1.2.3");
 
-    const std::vector<wire_request> sent = w.raw_requests();
+    const std::vector<wire_request> requests = w.raw_requests();
     const std::vector<fabric::mad_bytes> expected = {first_delete, set, get_by_address, get_by_gid, later_delete, set};
-    ASSERT_EQ(sent.size(), expected.size());
+    ASSERT_EQ(requests.size(), expected.size());
     std::set<fabric::mad_bytes> transactions{fabric::mad_bytes{}};
-    for (size_t i = 0; i < sent.size(); ++i) {
+    for (size_t i = 0; i < requests.size(); ++i) {
         SCOPED_TRACE(testing::Message() << "request " << i);
-        fabric::mad_bytes mad = sent[i].mad, transaction{};
+        fabric::mad_bytes mad = requests[i].mad, transaction{};
         std::copy_n(mad.begin() + 8, 8, transaction.begin());
         EXPECT_TRUE(transactions.insert(transaction).second) << "a TransactionID is zero, or used twice";
         std::fill_n(mad.begin() + 8, 8, 0);
         EXPECT_EQ(mad, expected[i]);
 
-        const fabric::address& to = sent[i].destination;
-        EXPECT_EQ(to.lid, 77);
-        EXPECT_EQ(to.sl, 5);
-        EXPECT_EQ(to.qpn, 1u);
-        EXPECT_EQ(to.q_key, 0x80010000u);
-        EXPECT_EQ(to.path_bits + to.static_rate + to.p_key_index, 0);
+        const fabric::address& destination = requests[i].destination;
+        EXPECT_EQ(destination.lid, 77);
+        EXPECT_EQ(destination.sl, 5);
+        EXPECT_EQ(destination.qpn, 1u);
+        EXPECT_EQ(destination.q_key, 0x80010000u);
+        EXPECT_EQ(destination.path_bits + destination.static_rate + destination.p_key_index, 0);
     }
 }
 
