@@ -11,6 +11,9 @@
 namespace console
 {
 
+// The control file in a host's /proc tree. Reading it makes ats print the report of its ports.
+constexpr const char* control_file = "dorvex/ats/control";
+
 // The commands with their arguments and what each does, for people.
 std::string list_control_commands();
 

@@ -1,12 +1,17 @@
 #include "cli/demo/demo-stage.h"
 
+#include <algorithm>
+#include <cassert>
 #include <cstdio>
 
+#include <fmt/core.h>
+
+#include "console/control-commands.h"
+#include "console/record-answer.h"
 #include "console/table.h"
 #include "host/exec/print-capture.h"
 #include "host/world/text.h"
 #include "kernel/proc.h"
-#include "records/host-record.h"
 
 namespace cli
 {
@@ -14,7 +19,6 @@ namespace cli
 namespace
 {
 
-constexpr const char* control_file = "dorvex/ats/control";
 constexpr const char* bold = "\033[1m";
 constexpr const char* dim = "\033[2m";
 constexpr const char* plain = "\033[0m";
@@ -44,30 +48,29 @@ stage::stage(const std::string& module_folder, fabric::tap* tap, bool is_termina
     log_positions_.resize(hosts_.size());
 }
 
-void stage::link(world::host& at, int port, bool up)
+void stage::set_link(world::host& host, int port, bool is_up)
 {
-    const std::string& hca = at.plan().hcas.front().name;
-    const ats::result<> changed =
-        up ? subnet_->link_up(at.name(), hca, port) : subnet_->link_down(at.name(), hca, port);
-    expect(changed.has_value(), changed ? "" : changed.error().text);
+    const std::string& hca = host.plan().hcas.front().name;
+    expect(is_up ? subnet_->link_up(host.name(), hca, port) : subnet_->link_down(host.name(), hca, port));
 }
 
-void stage::write_control(world::host& at, const std::string& command)
+void stage::write_control(world::host& host, const std::string& command)
 {
-    kernel::machine& machine = at.machine();
-    int taken = 0;
-    machine.enter("write", [&] { taken = machine.proc.write(control_file, command + "\n"); });
-    expect(taken == static_cast<int>(command.size()) + 1, "the control file takes '" + command + "'");
+    kernel::machine& machine = host.machine();
+    int result = 0;
+    machine.enter("write", [&] { result = machine.proc.write(console::control_file, command + "\n"); });
+    expect(result == static_cast<int>(command.size()) + 1, "the control file takes '" + command + "'");
 }
 
-std::string stage::read_control(world::host& at)
+std::string stage::read_control(world::host& host)
 {
-    kernel::machine& machine = at.machine();
+    kernel::machine& machine = host.machine();
     std::string report;
     machine.enter("read", [&] {
         exec::print_capture capture(exec::print_capture::also_log);
-        std::string nothing;
-        expect(machine.proc.read(control_file, 0, PROC_PAGE_SIZE, &nothing) == 0, "the control file reads as empty");
+        std::string text; // stays empty: the module prints its report
+        expect(machine.proc.read(console::control_file, 0, PROC_PAGE_SIZE, &text) == 0,
+               "the control file reads as empty");
         report = capture.text();
     });
     return report;
@@ -75,14 +78,11 @@ std::string stage::read_control(world::host& at)
 
 embedded::service_record_view stage::record_of(const std::string& host_name)
 {
-    std::optional<embedded::service_record_view> found;
-    for (const embedded::service_record_view& record : subnet_->service_records()) {
-        if (record.host_name != host_name) continue;
-        expect(!found, "there is one record of " + host_name + " only");
-        found = record;
-    }
-    expect(found.has_value(), "there is a record of " + host_name);
-    return *found;
+    std::vector<embedded::service_record_view> records = subnet_->service_records();
+    std::erase_if(records, [&](const auto& record) { return record.host_name != host_name; });
+    expect(!records.empty(), "there is a record of " + host_name);
+    expect(records.size() == 1, "there is one record of " + host_name + " only");
+    return records.front();
 }
 
 void stage::begin(size_t number, const std::string& title)
@@ -98,44 +98,42 @@ void stage::say(const std::string& fact) const
     std::printf("    %s\n", fact.c_str());
 }
 
-void stage::say(const std::string& asked, const world::resolution& answer) const
+void stage::say(const std::string& question, const world::resolution& answer) const
 {
-    const bool found = answer.status == ibat_stat_ok;
-    const std::string gid = world::format_gid(answer.gid);
-    const std::string address = world::format_ipv4(answer.ip);
-    std::string text = asked + ": ";
-    if (found)
-        text +=
-            (asked.ends_with(address) ? gid : address) + (answer.from_cache ? ", from IBAT's cache" : ", from the SA");
-    else
-        text += answer.why;
-    if (answer.took_ticks > 0) text += ", after " + std::to_string(answer.took_ticks) + " ms";
-    say(text);
+    std::string text = answer.why;
+    if (answer.status == ibat_stat_ok) {
+        const std::string address = world::format_ipv4(answer.ip);
+        const bool is_about_address = question.ends_with(address);
+        text = fmt::format("{}, from {}", is_about_address ? world::format_gid(answer.gid) : address,
+                           answer.from_cache ? "IBAT's cache" : "the SA");
+    }
+    if (answer.took_ticks > 0) text += fmt::format(", after {} ms", answer.took_ticks);
+    say(question + ": " + text);
 }
 
 void stage::show_records()
 {
-    std::vector<std::vector<std::string>> rows = {{"GID", "P_KEY", "ADDRESS", "HOST NAME", "LEASE"}};
-    for (const embedded::service_record_view& record : subnet_->service_records()) {
-        char p_key[8];
-        std::snprintf(p_key, sizeof p_key, "0x%04X", record.p_key);
-        rows.push_back({record.gid, p_key, record.ipv4, record.host_name, records::lease_text(record.lease_seconds)});
-    }
-    std::fputs(console::format_table(rows, 4).c_str(), stdout);
+    constexpr size_t indent = 4;
+    nlohmann::json records = nlohmann::json::array();
+    for (const embedded::service_record_view& record : subnet_->service_records())
+        records.push_back(console::record_answer(record));
+    std::fputs(console::format_table(console::record_rows(records), indent).c_str(), stdout);
 }
 
-void stage::quote(world::host& at, const std::string& fragment)
+void stage::quote(world::host& host, const std::string& fragment)
 {
-    size_t index = 0;
-    while (hosts_[index].get() != &at) ++index;
-    uint64_t next = 0;
-    for (const kernel::log_line& line : at.machine().log.lines_from(log_positions_[index], SIZE_MAX, &next)) {
+    const auto entry = std::ranges::find(hosts_, &host, &std::unique_ptr<world::host>::get);
+    assert(entry != hosts_.end());
+    const auto index = static_cast<size_t>(entry - hosts_.begin());
+    uint64_t next_position = 0;
+    for (const kernel::log_line& line :
+         host.machine().log.lines_from(log_positions_[index], SIZE_MAX, &next_position)) {
         if (line.text.find(fragment) == std::string::npos) continue;
-        std::printf("    %s%s %s%s\n", is_terminal_ ? dim : "", at.name().c_str(), kernel::format_line(line).c_str(),
+        std::printf("    %s%s %s%s\n", is_terminal_ ? dim : "", host.name().c_str(), kernel::format_line(line).c_str(),
                     is_terminal_ ? plain : "");
         return;
     }
-    throw step_failed("the log of " + at.name() + " says '" + fragment + "'");
+    throw step_failed("the log of " + host.name() + " says '" + fragment + "'");
 }
 
 } // namespace cli

@@ -1,5 +1,5 @@
-// The stage of `ats demo`: three hosts on an embedded fabric in simulated time, and the ways of a step to act on them,
-// to tell about it, and to make sure that it happened.
+// The stage of `ats demo`: three hosts on an embedded fabric in simulated time. A step acts on the hosts through it,
+// checks the effect, and prints it.
 #pragma once
 
 #include <array>
@@ -16,7 +16,8 @@
 namespace cli
 {
 
-// What was to happen and did not.
+// Ends a step that found something else than it expected; the text is the expectation. A step is a list of expectations
+// like a test, so an exception ends it.
 struct step_failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -24,8 +25,8 @@ struct step_failed : std::runtime_error {
 class stage
 {
   public:
-    // Nothing is loaded yet, and all links are down. `tap` (or null) sees every datagram. Modules come from
-    // `module_folder`. `is_terminal`: what is told may use colours.
+    // No module is loaded yet, and all links are down. `tap` (or null) receives every datagram. Modules come from
+    // `module_folder`. With `is_terminal` the output has colours.
     stage(const std::string& module_folder, fabric::tap* tap, bool is_terminal);
 
     exec::simulation& time() { return *time_; }
@@ -35,40 +36,40 @@ class stage
     world::host& node2() { return *hosts_[1]; } // has two ports
     world::host& node3() { return *hosts_[2]; }
 
-    // ---- acting ----
+    // ---- actions ----
 
-    void link(world::host& at, int port, bool up);
-    void write_control(world::host& at, const std::string& command);
-    std::string read_control(world::host& at); // its report
+    void set_link(world::host& host, int port, bool is_up);
+    void write_control(world::host& host, const std::string& command);
+    std::string read_control(world::host& host); // returns the report of ats
 
-    // Lets time pass until `holds()`, for at most `limit_ticks`. Returns how long it took; fails when it does not.
+    // Lets time pass until `holds()`. Returns the ticks that took. Throws after `limit_ticks`.
     template <class condition_t>
-    uint64_t wait_for(uint64_t limit_ticks, const std::string& what, condition_t holds);
+    uint64_t wait_for(uint64_t limit_ticks, const std::string& expectation, condition_t holds);
 
-    // The record of that host name at the SA; fails unless there is exactly one.
+    // The record of that host name at the SA. Throws unless there is exactly one.
     embedded::service_record_view record_of(const std::string& host_name);
 
-    // ---- making sure ----
+    // ---- checks: they throw step_failed ----
 
-    static void expect(bool holds, const std::string& what)
+    static void expect(bool holds, const std::string& expectation)
     {
-        if (!holds) throw step_failed(what);
+        if (!holds) throw step_failed(expectation);
     }
     static void expect(const ats::result<>& result)
     {
         if (!result) throw step_failed(result.error().text);
     }
 
-    // ---- telling ----
+    // ---- output ----
 
-    // A headline, with the time.
+    // Begins a step: prints its title and the time.
     void begin(size_t number, const std::string& title);
     void say(const std::string& fact) const;
-    void say(const std::string& asked, const world::resolution& answer) const;
-    void show_records();
+    void say(const std::string& question, const world::resolution& answer) const;
+    void show_records(); // of the SA
 
-    // The first line in the host's log since the step began that holds `fragment`; fails when there is none.
-    void quote(world::host& at, const std::string& fragment);
+    // Prints the first line with `fragment` that the host has logged in this step. Throws if there is none.
+    void quote(world::host& host, const std::string& fragment);
 
   private:
     bool is_terminal_;
@@ -79,13 +80,14 @@ class stage
 };
 
 template <class condition_t>
-uint64_t stage::wait_for(uint64_t limit_ticks, const std::string& what, condition_t holds)
+uint64_t stage::wait_for(uint64_t limit_ticks, const std::string& expectation, condition_t holds)
 {
-    constexpr uint64_t glance_ticks = 10;
+    constexpr uint64_t check_period_ticks = 10;
     const uint64_t begin = time_->now();
     while (!holds()) {
-        expect(time_->now() < begin + limit_ticks, what + " within " + std::to_string(limit_ticks) + " ms");
-        time_->run_for(glance_ticks);
+        const bool is_in_time = time_->now() < begin + limit_ticks;
+        expect(is_in_time, expectation + " within " + std::to_string(limit_ticks) + " ms");
+        time_->run_for(check_period_ticks);
     }
     return time_->now() - begin;
 }

@@ -1,4 +1,5 @@
-// The steps of `ats demo`, in their order. Each does one thing, tells about it, and fails when it did not happen.
+// The steps of `ats demo`, in their order. Each does one thing and prints a few lines about it. It throws step_failed
+// if the hosts behave differently.
 #pragma once
 
 #include "cli/demo/demo-stage.h"
@@ -6,24 +7,24 @@
 namespace cli
 {
 
-// Bringing up.
-void load_modules(stage& on);
-void bring_links_up(stage& on);
+// Start.
+void load_modules(stage& stage);
+void bring_links_up(stage& stage);
 
-// Looking up.
-void resolve_both_ways(stage& on);
-void ask_for_the_unknown(stage& on);
-void ask_a_silent_sa(stage& on);
+// Lookups.
+void resolve_both_ways(stage& stage);
+void ask_for_an_unknown_address(stage& stage);
+void ask_a_silent_sa(stage& stage);
 
-// Changing, and getting over what goes wrong.
-void lose_the_active_port(stage& on);
-void lose_a_record(stage& on);
-void clash_addresses(stage& on);
-void change_address_unheard(stage& on);
-void change_name(stage& on);
+// Changes and faults.
+void lose_the_active_port(stage& stage);
+void lose_a_record(stage& stage);
+void use_an_address_twice(stage& stage);
+void change_address_at_a_silent_sa(stage& stage);
+void change_name(stage& stage);
 
-// Leaving.
-void leave(stage& on);
-void unload_modules(stage& on);
+// End.
+void leave_one_host(stage& stage);
+void unload_modules(stage& stage);
 
 } // namespace cli

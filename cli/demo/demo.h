@@ -1,4 +1,4 @@
-// `ats demo`: the whole story on an embedded fabric of three hosts.
+// `ats demo`: shows the service at work with three hosts on an embedded fabric, in simulated time.
 #pragma once
 
 #include <CLI/CLI.hpp>

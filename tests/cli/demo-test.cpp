@@ -66,7 +66,7 @@ TEST(demo, step_that_does_not_happen_ends_it_with_a_failure)
     std::filesystem::copy(modules / "probe.so", changed + "/ucm.so");
     const program_result no_ucm = run_ats({"demo", "--modules", changed});
     EXPECT_EQ(no_ucm.exit_code, 1);
-    EXPECT_THAT(no_ucm.out, HasSubstr("FAILED. This was to hold, and did not"));
+    EXPECT_THAT(no_ucm.out, HasSubstr("FAILED. Expected, but not so"));
     EXPECT_THAT(no_ucm.out, HasSubstr(" 3. "));
     EXPECT_THAT(no_ucm.out, Not(HasSubstr(" 4. ")));
 }
