@@ -1,4 +1,4 @@
-// `ats check`: says if this machine can run a host on its real ports, and what is missing.
+// `ats check`: says whether this machine can run a host on its real ports, what is missing, and what to do about it.
 #pragma once
 
 #include <CLI/CLI.hpp>
