@@ -4,7 +4,7 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-# Modules find kernel calls in the program that loads them, and nothing else of it.
+# A program that loads modules shows them only the kernel calls.
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
@@ -26,7 +26,7 @@ elseif(ATS_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
 else()
-  # A service of the host that everybody on it can reach is hardened as a distribution hardens its own.
+  # Every user of a host can reach the service, so releases are hardened as distributions harden their own services.
   include(CheckPIESupported)
   check_pie_supported()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)

@@ -1,11 +1,11 @@
-# The kinds of things that are built here: kernel modules, and programs that load them.
+# The two kinds of targets: kernel modules, and programs that load them.
 
 # The interfaces that modules and their host share.
 add_library(ats_interfaces INTERFACE)
 target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/ib-code/include)
 
-# A module is a shared object whose undefined symbols are the kernel's. -Bsymbolic binds its exported variables to itself, so
-# that reading one costs a single load. Its units are compiled one by one, because each has a name of its own in traces.
+# A module is a shared object whose undefined symbols are kernel calls. -Bsymbolic binds its exported variables to itself, so
+# that reading one costs a single load. Its units are compiled one by one, because traces name the unit of each line.
 function(add_kernel_module name)
   add_library(${name}_module MODULE ${ARGN})
   set_target_properties(${name}_module PROPERTIES PREFIX "" OUTPUT_NAME ${name} UNITY_BUILD OFF
@@ -14,7 +14,7 @@ function(add_kernel_module name)
   target_link_options(${name}_module PRIVATE -Wl,-Bsymbolic)
 endfunction()
 
-# A program that runs hosts and loads modules, which find the kernel's calls in it.
+# A program that runs hosts and loads modules. The modules find the kernel calls in it.
 function(add_host_program name)
   add_executable(${name} ${ARGN})
   set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
