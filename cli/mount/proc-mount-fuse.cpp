@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "cli/mount/fuse-calls.h"
-#include "console/failure.h"
 #include "host/exec/shortage.h"
 
 namespace cli
@@ -19,29 +18,29 @@ namespace cli
 namespace
 {
 
-void check_mount_point(const std::string& directory)
+using ats::error_kind;
+
+ats::result<> check_mount_point(const std::string& directory)
 {
-    struct stat itself {
-    };
-    struct stat parent {
-    };
-    if (stat(directory.c_str(), &itself) != 0) {
+    struct stat status = {};
+    if (stat(directory.c_str(), &status) != 0) {
         if (errno == ENOTCONN)
-            throw console::failure(console::exit_usage, directory +
-                                                            " is a mount whose service is gone: run 'fusermount3 -u " +
-                                                            directory + "'");
+            return ats::fail(error_kind::invalid,
+                             directory + " is a mount whose service is gone: run 'fusermount3 -u " + directory + "'");
         if (errno == ENOENT)
-            throw console::failure(console::exit_usage, "no folder " + directory + " to mount on: make it with mkdir");
-        throw console::failure(console::exit_usage, "cannot look at " + directory + ": " + std::strerror(errno));
+            return ats::fail(error_kind::invalid, "no folder " + directory + " to mount on: make it with mkdir");
+        return ats::fail(error_kind::invalid, "cannot look at " + directory + ": " + std::strerror(errno));
     }
-    if (!S_ISDIR(itself.st_mode))
-        throw console::failure(console::exit_usage, directory + " is no folder: name one to mount on");
-    if (stat((directory + "/..").c_str(), &parent) == 0 && parent.st_dev != itself.st_dev)
-        throw console::failure(console::exit_usage,
-                               "something is mounted on " + directory + " already: choose another folder");
+    if (!S_ISDIR(status.st_mode))
+        return ats::fail(error_kind::invalid, directory + " is no folder: name one to mount on");
+    struct stat parent_status = {};
+    if (stat((directory + "/..").c_str(), &parent_status) == 0 && parent_status.st_dev != status.st_dev)
+        return ats::fail(error_kind::invalid,
+                         "something is mounted on " + directory + " already: choose another folder");
+    return {};
 }
 
-// What libfuse complains about in the thread that mounts, which would otherwise be printed.
+// Keeps libfuse from printing its complaints, as long as this lives. One at a time in a process.
 class libfuse_complaints
 {
   public:
@@ -67,31 +66,39 @@ void do_nothing(int) {}
 class fuse_mount final : public proc_mount
 {
   public:
-    fuse_mount(const std::string& directory, const std::vector<kernel::machine*>& machines) : state_(machines)
+    explicit fuse_mount(const std::vector<kernel::machine*>& machines) : state_(machines) {}
+
+    // Call once. May fail halfway; the destructor undoes what was done.
+    ats::result<> start(const std::string& directory)
     {
-        check_mount_point(directory);
-        mount(directory);
-        struct sigaction waking {
-        };
-        waking.sa_handler = do_nothing;
-        sigaction(SIGUSR1, &waking, nullptr);
+        if (const ats::result<> mounted = mount(directory); !mounted) return mounted;
+        struct sigaction wake_up = {}; // a signal whose only effect is that a blocked read of the loop returns
+        wake_up.sa_handler = do_nothing;
+        sigaction(SIGUSR1, &wake_up, nullptr);
         try {
             server_ = exec::new_thread([this] { serve(); });
-        } catch (const exec::shortage&) {
-            unmount();
-            throw;
+        } catch (const exec::shortage& shortage) {
+            return ats::fail(error_kind::no_memory, shortage.what());
         }
+        return {};
     }
 
-    // The loop has to end before the unmount: as long as somebody has a file open, an unmount wakes nobody in it. It
-    // ends when it is interrupted, then waiting for the calls in progress.
+    // The loop must end before the unmount: while a file is open, an unmount does not wake the loop. A signal wakes it;
+    // then it waits for the calls in progress.
     ~fuse_mount() override
     {
-        constexpr std::chrono::milliseconds again(5);
-        fuse_session_exit(session_);
-        for (; !ended_; std::this_thread::sleep_for(again)) pthread_kill(server_.native_handle(), SIGUSR1);
-        server_.join();
-        unmount();
+        constexpr std::chrono::milliseconds repeat_interval(5);
+        if (!session_) return;
+        if (server_.joinable()) {
+            fuse_session_exit(session_);
+            while (!has_ended_) {
+                pthread_kill(server_.native_handle(), SIGUSR1);
+                std::this_thread::sleep_for(repeat_interval);
+            }
+            server_.join();
+        }
+        fuse_session_unmount(session_);
+        fuse_session_destroy(session_);
     }
 
   private:
@@ -100,46 +107,44 @@ class fuse_mount final : public proc_mount
         fuse_loop_config* config = fuse_loop_cfg_create();
         fuse_session_loop_mt(session_, config);
         fuse_loop_cfg_destroy(config);
-        ended_ = true;
+        has_ended_ = true;
     }
 
-    void unmount()
-    {
-        fuse_session_unmount(session_);
-        fuse_session_destroy(session_);
-    }
-
-    void mount(const std::string& directory)
+    ats::result<> mount(const std::string& directory)
     {
         const libfuse_complaints complaints;
-        const fuse_lowlevel_ops ops = fuse_calls();
+        const fuse_lowlevel_ops calls = fuse_calls();
         char program[] = "ats";
         char option[] = "-o";
         char value[] = "fsname=ats,subtype=ats";
-        char* arguments[] = {program, option, value, nullptr};
-        fuse_args args = FUSE_ARGS_INIT(3, arguments);
-        session_ = fuse_session_new(&args, &ops, sizeof ops, &state_);
-        fuse_opt_free_args(&args);
-        if (!session_) throw console::failure(console::exit_failed, "libfuse refuses to start: " + complaints.last);
-        if (fuse_session_mount(session_, directory.c_str()) == 0) return;
+        char* words[] = {program, option, value, nullptr};
+        fuse_args arguments = FUSE_ARGS_INIT(3, words);
+        session_ = fuse_session_new(&arguments, &calls, sizeof calls, &state_);
+        fuse_opt_free_args(&arguments);
+        if (!session_) return ats::fail("libfuse refuses to start: " + complaints.last);
+        if (fuse_session_mount(session_, directory.c_str()) == 0) return {};
         fuse_session_destroy(session_);
-        throw console::failure(console::exit_usage,
-                               "cannot mount on " + directory + " (" + complaints.last +
-                                   "): see that /dev/fuse is there and may be used, or leave --mount out");
+        session_ = nullptr;
+        return ats::fail(error_kind::invalid, "cannot mount on " + directory + " (" + complaints.last +
+                                                  "): see that /dev/fuse is there and may be used, or leave --mount "
+                                                  "out");
     }
 
     mount_state state_;
-    fuse_session* session_ = nullptr;
-    std::atomic<bool> ended_{false};
+    fuse_session* session_ = nullptr; // null: not mounted
+    std::atomic<bool> has_ended_{false};
     std::thread server_;
 };
 
 } // namespace
 
-std::unique_ptr<proc_mount> proc_mount::open(const std::string& directory,
-                                             const std::vector<kernel::machine*>& machines)
+ats::result<std::unique_ptr<proc_mount>> proc_mount::open(const std::string& directory,
+                                                          const std::vector<kernel::machine*>& machines)
 {
-    return std::make_unique<fuse_mount>(directory, machines);
+    if (const ats::result<> usable = check_mount_point(directory); !usable) return ats::pass_on(usable);
+    auto mount = std::make_unique<fuse_mount>(machines);
+    if (const ats::result<> started = mount->start(directory); !started) return ats::pass_on(started);
+    return mount;
 }
 
 bool proc_mount::is_available()

@@ -1,17 +1,15 @@
 // Stands in for the mount in a build without libfuse.
 
 #include "cli/mount/proc-mount.h"
-#include "console/failure.h"
 
 namespace cli
 {
 
-std::unique_ptr<proc_mount> proc_mount::open(const std::string&, const std::vector<kernel::machine*>&)
+ats::result<std::unique_ptr<proc_mount>> proc_mount::open(const std::string&, const std::vector<kernel::machine*>&)
 {
-    throw console::failure(
-        console::exit_usage,
-        "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "
-        "or leave --mount out ('ats control' and 'ats log' do without)");
+    return ats::fail(ats::error_kind::invalid,
+                     "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "
+                     "or leave --mount out ('ats control' and 'ats log' do without)");
 }
 
 bool proc_mount::is_available()

@@ -81,7 +81,7 @@ std::unique_ptr<proc_mount> mount(const std::string& directory, const running_ho
     if (directory.empty()) return nullptr;
     std::vector<kernel::machine*> machines;
     for (const auto& host : hosts.all()) machines.push_back(&host->machine());
-    return proc_mount::open(directory, machines);
+    return console::value_or_throw(proc_mount::open(directory, machines));
 }
 
 void announce(const run_options& options, size_t hosts)
