@@ -1,4 +1,5 @@
-// The socket of `ats run`: an input is what a client writes before it has no more to say. Real threads serve it.
+// The socket of `ats run`: an input is the text that a client sends before it closes its side. Threads serve it in real
+// time.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,26 +12,40 @@ namespace
 struct service {
     service()
     {
-        config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // nobody waits long for an answer
-        hosts.start([](size_t) { return true; });
+        fuzz::require(hosts->start([](size_t) { return true; }).value_or(false), "the hosts do not start");
     }
 
-    cli::world_config config = cli::numbered_hosts(2);
-    cli::running_hosts hosts{config, world::default_module_folder()};
+    static cli::world_config config()
+    {
+        cli::world_config config = cli::numbered_hosts(2);
+        config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // requests do not wait long for an answer
+        return config;
+    }
+
+    std::unique_ptr<cli::running_hosts> hosts = cli::running_hosts::build(config(), ATS_MODULE_DIR).value();
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
-    cli::server server{hosts, cli::listening_socket::open(path).value()};
+    std::unique_ptr<cli::server> server = cli::server::start(*hosts, cli::listening_socket::open(path).value()).value();
 };
+
+void send_all(int socket, const uint8_t* bytes, size_t size)
+{
+    while (size > 0) {
+        const ssize_t length = send(socket, bytes, size, MSG_NOSIGNAL);
+        if (length <= 0) return;
+        bytes += length;
+        size -= static_cast<size_t>(length);
+    }
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static service running;
-    const cli::descriptor client = cli::connect_to(running.path).value();
-    for (ssize_t sent; size > 0; bytes += sent, size -= static_cast<size_t>(sent))
-        if ((sent = send(client.get(), bytes, size, MSG_NOSIGNAL)) <= 0) break;
+    static service service;
+    const cli::descriptor client = cli::connect_to(service.path).value();
+    send_all(client.get(), bytes, size);
     shutdown(client.get(), SHUT_WR);
     char answers[4096];
-    while (recv(client.get(), answers, sizeof answers, 0) > 0) {}
+    while (recv(client.get(), answers, sizeof answers, 0) > 0) continue;
     return 0;
 }

@@ -1,9 +1,8 @@
-// Requests about the embedded fabric itself: links and the Subnet Administrator.
-
-#include "cli/service/requests-fabric.h"
+// Requests about the embedded fabric: its links and its Subnet Administrator.
 
 #include <charconv>
 
+#include "cli/service/requests.h"
 #include "console/failure.h"
 #include "console/gids.h"
 #include "console/record-answer.h"
@@ -14,6 +13,8 @@ namespace cli
 namespace
 {
 
+using ats::error_kind;
+
 std::string word_text(uint16_t word)
 {
     char text[8];
@@ -21,87 +22,106 @@ std::string word_text(uint16_t word)
     return text;
 }
 
-// The SA of a real fabric is asked by the client itself, which may be where this service has no port.
+// {"real": true} on a real fabric: the client asks its SA itself, perhaps through a port that this service lacks.
 json show_records(running_hosts& hosts)
 {
-    if (hosts.is_real()) return {{"real", true}};
+    const ats::result<embedded::subnet*> subnet = hosts.subnet();
+    if (!subnet) return {{"real", true}};
     json records = json::array();
-    for (const embedded::service_record_view& record : hosts.subnet().service_records())
+    for (const embedded::service_record_view& record : (*subnet)->service_records())
         records.push_back(console::record_answer(record));
-    const embedded::fault_switches& faults = hosts.subnet().faults;
+    const embedded::fault_switches& faults = (*subnet)->faults;
     const bool has_status = faults.sa_status_count != 0;
     return {{"records", records},
             {"silent", faults.sa_silent.load()},
             {"status", has_status ? json(word_text(faults.sa_status)) : json()}};
 }
 
-json forget(running_hosts& hosts, const std::string& gid)
+// Deletes the records of a GID, or all for "".
+ats::result<json> forget(embedded::subnet& subnet, const std::string& gid)
 {
-    size_t forgotten = 0;
+    size_t count = 0;
     if (gid.empty()) {
-        forgotten = hosts.subnet().forget_all();
+        count = subnet.forget_all();
     } else {
-        const wire_gid_t wire = to_wire(console::value_or_throw(console::gid_of(gid)));
-        forgotten = hosts.subnet().forget(std::to_array(wire.bytes));
+        const ats::result<kq_gid_t> host_order = console::gid_of(gid);
+        if (!host_order) return ats::pass_on(host_order);
+        count = subnet.forget(std::to_array(to_wire(*host_order).bytes));
     }
-    if (forgotten == 0)
-        throw console::failure(console::exit_failed,
-                               gid.empty() ? "the SA holds no record" : "the SA holds no record of " + gid);
-    return done("The SA forgot " + std::to_string(forgotten) + (forgotten == 1 ? " record." : " records."));
+    if (count == 0) return ats::fail(gid.empty() ? "the SA holds no record" : "the SA holds no record of " + gid);
+    return done("The SA forgot " + std::to_string(count) + (count == 1 ? " record." : " records."));
 }
 
-json answer_with_status(running_hosts& hosts, const std::string& word)
+// A status of a MAD: a decimal number, or a hexadecimal one that begins with "0x".
+ats::result<uint16_t> status_of(const std::string& word)
 {
     uint16_t status = 0;
-    const bool hexadecimal = word.starts_with("0x");
-    const char* const begin = word.data() + (hexadecimal ? 2 : 0);
+    const bool is_hexadecimal = word.starts_with("0x");
+    const char* const begin = word.data() + (is_hexadecimal ? 2 : 0);
     const char* const end = word.data() + word.size();
-    const auto [stopped, error] = std::from_chars(begin, end, status, hexadecimal ? 16 : 10);
-    if (error != std::errc() || stopped != end)
-        throw console::failure(console::exit_usage,
-                               console::quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
-    hosts.subnet().faults.answer_with(status, status == 0 ? 0 : embedded::fault_switches::every);
-    return done(status == 0 ? "The SA answers as it should."
-                            : "The SA answers everything with status " + word_text(status) + ".");
+    const auto [number_end, error] = std::from_chars(begin, end, status, is_hexadecimal ? 16 : 10);
+    if (error == std::errc() && number_end == end) return status;
+    return ats::fail(error_kind::invalid,
+                     console::quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
 }
 
-// Of two words, whether it is the first. Throws a failure when it is neither.
-bool is_first_of(const std::string& first, const std::string& second, const std::string& word)
+// Lets the SA answer every request with that status; 0 ends this.
+ats::result<json> answer_with_status(embedded::subnet& subnet, const std::string& word)
 {
-    if (word != first && word != second)
-        throw console::failure(console::exit_usage,
-                               console::quote(word) + " is neither '" + first + "' nor '" + second + "'");
-    return word == first;
+    const ats::result<uint16_t> status = status_of(word);
+    if (!status) return ats::pass_on(status);
+    const bool is_normal = *status == 0;
+    subnet.faults.answer_with(*status, is_normal ? 0 : embedded::fault_switches::every);
+    return done(is_normal ? "The SA answers as it should."
+                          : "The SA answers everything with status " + word_text(*status) + ".");
+}
+
+// True if `word` is the first of the two words, false if it is the second.
+ats::result<bool> is_first_of(const std::string& first, const std::string& second, const std::string& word)
+{
+    if (word == first) return true;
+    if (word == second) return false;
+    return ats::fail(error_kind::invalid, console::quote(word) + " is neither '" + first + "' nor '" + second + "'");
+}
+
+ats::result<json> silence(embedded::subnet& subnet, const std::string& state)
+{
+    const ats::result<bool> is_silent = is_first_of("on", "off", state);
+    if (!is_silent) return ats::pass_on(is_silent);
+    subnet.faults.sa_silent = *is_silent;
+    return done(*is_silent ? "The SA is silent." : "The SA answers.");
 }
 
 } // namespace
 
-json answer_link(running_hosts& hosts, const json& request)
+ats::result<json> answer_link(running_hosts& hosts, const json& request)
 {
-    embedded::subnet& fabric = hosts.subnet();
-    world::host& host = hosts.named(request.value("host", ""));
+    const ats::result<embedded::subnet*> subnet = hosts.subnet();
+    if (!subnet) return ats::pass_on(subnet);
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    const std::string& name = (*host)->name();
     std::string hca = request.value("hca", "");
-    if (hca.empty()) hca = host.plan().hcas.front().name;
+    if (hca.empty()) hca = (*host)->plan().hcas.front().name;
     const int port = request.value("port", 1);
-    const bool up = is_first_of("up", "down", request.at("direction"));
-    const ats::result<> changed =
-        up ? fabric.link_up(host.name(), hca, port) : fabric.link_down(host.name(), hca, port);
-    if (!changed) throw console::failure(console::exit_usage, changed.error().text);
-    return done(host.name() + " " + hca + " port " + std::to_string(port) + (up ? " is up." : " is down."));
+    const ats::result<bool> is_up = is_first_of("up", "down", request.at("direction"));
+    if (!is_up) return ats::pass_on(is_up);
+    const ats::result<> changed = *is_up ? (*subnet)->link_up(name, hca, port) : (*subnet)->link_down(name, hca, port);
+    if (!changed) return ats::fail(error_kind::invalid, changed.error().text);
+    return done(name + " " + hca + " port " + std::to_string(port) + (*is_up ? " is up." : " is down."));
 }
 
-json answer_sa(running_hosts& hosts, const json& request)
+ats::result<json> answer_sa(running_hosts& hosts, const json& request)
 {
     const std::string action = request.at("action");
     if (action == "show") return show_records(hosts);
-    if (action == "forget") return forget(hosts, request.value("gid", ""));
-    if (action == "status") return answer_with_status(hosts, request.at("word"));
-    if (action == "silence") {
-        const bool on = is_first_of("on", "off", request.at("state"));
-        hosts.subnet().faults.sa_silent = on;
-        return done(on ? "The SA is silent." : "The SA answers.");
-    }
-    throw console::failure(console::exit_usage, "this service does not know the SA action " + console::quote(action));
+    if (action != "forget" && action != "status" && action != "silence")
+        return ats::fail(error_kind::invalid, "this service does not know the SA action " + console::quote(action));
+    const ats::result<embedded::subnet*> subnet = hosts.subnet();
+    if (!subnet) return ats::pass_on(subnet);
+    if (action == "forget") return forget(**subnet, request.value("gid", ""));
+    if (action == "status") return answer_with_status(**subnet, request.at("word"));
+    return silence(**subnet, request.at("state"));
 }
 
 } // namespace cli

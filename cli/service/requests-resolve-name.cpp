@@ -1,4 +1,4 @@
-// Host names, asked of the SA's records. Nothing caches them, and no module asks by them.
+// Resolves host names from the records of the SA. No cache and no module knows them.
 
 #include <bit>
 #include <chrono>
@@ -14,17 +14,17 @@ namespace cli
 namespace
 {
 
-// A SubnAdmGet of the record with that host name, by the components that hold it and those of every ATS record.
+// A SubnAdmGet of the record with that host name. It selects by the name and by what all ATS records have in common.
 fabric::mad_bytes request_for(const std::string& host_name)
 {
-    const ib_service_record_v2_t like = records::encode({.host_name = host_name});
+    const ib_service_record_v2_t record = records::encode({.host_name = host_name});
     uint64_t mask = uint64_t{1} << SR_COMPONENT_SERVICE_ID | uint64_t{1} << SR_COMPONENT_SERVICE_NAME;
     for (int i = SR_COMPONENT_SERVICE_DATA32; i < SR_COMPONENT_COUNT; ++i) mask |= uint64_t{1} << i;
     return std::bit_cast<fabric::mad_bytes>(
-        umad::make_sa_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD, mask, &like, sizeof like));
+        umad::make_sa_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD, mask, &record, sizeof record));
 }
 
-// The records of that name. One record comes with the SA's answer; the embedded SA has no answer that holds several.
+// The records of that host name. A single one is in the SA's answer; an answer of the embedded SA cannot hold several.
 json matches_of(const embedded::subnet& subnet, const sa_mad_v2_t& answer, const std::string& host_name)
 {
     json matches = json::array();
@@ -62,14 +62,15 @@ json ask_sa_for(embedded::subnet& subnet, const std::string& host_name)
 
 } // namespace
 
-json answer_resolve_name(running_hosts& hosts, const json& request)
+ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request)
 {
     const std::string host_name = request.at("name");
-    if (hosts.is_real()) return {{"real", true}};
-    const auto started = std::chrono::steady_clock::now();
-    json answer = ask_sa_for(hosts.subnet(), host_name);
-    answer["microseconds"] =
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started).count();
+    const ats::result<embedded::subnet*> subnet = hosts.subnet();
+    if (!subnet) return json{{"real", true}};
+    const auto start_time = std::chrono::steady_clock::now();
+    json answer = ask_sa_for(**subnet, host_name);
+    const auto duration = std::chrono::steady_clock::now() - start_time;
+    answer["microseconds"] = std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
     return answer;
 }
 

@@ -1,4 +1,6 @@
-// Resolution in both directions.
+// Requests that resolve addresses and GIDs, and that empty the cache.
+
+#include <optional>
 
 #include "cli/service/requests.h"
 #include "console/failure.h"
@@ -15,9 +17,13 @@ namespace cli
 namespace
 {
 
-const char* name_of(const world::resolution& answer, world::ask how)
+using ats::error_kind;
+using world::ask;
+using world::resolution;
+
+const char* status_text(const resolution& resolution, ask mode)
 {
-    switch (answer.status) {
+    switch (resolution.status) {
     case ibat_stat_ok:
         return "ok";
     case ibat_stat_timeout:
@@ -25,131 +31,146 @@ const char* name_of(const world::resolution& answer, world::ask how)
     case ibat_stat_not_found:
         return "not found";
     default:
-        return how == world::ask::cache_only ? "not cached" : "failed";
+        return mode == ask::cache_only ? "not cached" : "failed";
     }
 }
 
-// Who said so; a request that came to nothing has no source.
-json source_of(const world::resolution& answer)
+// True if the cache or the SA has answered, with yes or no.
+bool is_answer(const resolution& resolution)
 {
-    if (answer.status != ibat_stat_ok && answer.status != ibat_stat_not_found) return nullptr;
-    return answer.from_cache ? "cache" : "SA";
+    return resolution.status == ibat_stat_ok || resolution.status == ibat_stat_not_found;
 }
 
-json shown(const world::resolution& answer, world::ask how)
+json source_of(const resolution& resolution)
 {
-    json result = {{"status", name_of(answer, how)},
-                   {"source", source_of(answer)},
-                   {"microseconds", answer.took_nanoseconds / 1000}};
-    if (answer.status == ibat_stat_ok) {
-        result["address"] = world::format_ipv4(answer.ip);
-        result["gid"] = world::format_gid(answer.gid);
+    if (!is_answer(resolution)) return nullptr;
+    return resolution.from_cache ? "cache" : "SA";
+}
+
+json answer_of(const resolution& resolution, ask mode)
+{
+    json answer = {{"status", status_text(resolution, mode)},
+                   {"source", source_of(resolution)},
+                   {"microseconds", resolution.took_nanoseconds / 1000}};
+    if (resolution.status == ibat_stat_ok) {
+        answer["address"] = world::format_ipv4(resolution.ip);
+        answer["gid"] = world::format_gid(resolution.gid);
     } else {
-        result["reason"] = answer.why;
+        answer["reason"] = resolution.why;
     }
-    return result;
+    return answer;
 }
 
-bool is_answer(const world::resolution& resolved)
-{
-    return resolved.status == ibat_stat_ok || resolved.status == ibat_stat_not_found;
-}
-
-bool agree(const world::resolution& one, const world::resolution& other)
+bool agree(const resolution& one, const resolution& other)
 {
     return one.status == other.status && (one.status != ibat_stat_ok || (one.ip == other.ip && one.gid == other.gid));
 }
 
-bool must_verify(const json& request, const json& result)
+bool must_verify(const json& request, const json& answer)
 {
-    return request.value("verify", false) && result["source"] == "cache";
+    return request.value("verify", false) && answer["source"] == "cache";
 }
 
-// Adds to `result`, which shows what the cache said, whether the SA agrees. Where it does not, its answer takes the
-// place of the cache's, whose `key` moves to "cached"; `is_corrected` says whether the cache has let go of it.
-void compare(const world::resolution& cached, const world::resolution& sure, const char* key, bool is_corrected,
-             json& result)
+// Adds to `answer`, which comes from the cache, whether the SA agrees. If it does not, the answer of the SA replaces
+// it, and the value that the cache had under `key` moves to "cached". `is_corrected`: the cache has dropped that value.
+void compare(const resolution& cache_answer, const resolution& sa_answer, const char* key, bool is_corrected,
+             json& answer)
 {
-    result["verified"] = is_answer(sure) ? json(agree(cached, sure)) : json();
-    if (!is_answer(sure)) result["unverified_reason"] = sure.why;
-    if (result["verified"] != false) return;
-    const json said = result.value(key, json());
-    result = shown(sure, world::ask::sa_only);
-    result.update({{"verified", false}, {"source", "SA"}, {"cached", said}, {"corrected", is_corrected}});
+    if (!is_answer(sa_answer)) {
+        answer["verified"] = nullptr;
+        answer["unverified_reason"] = sa_answer.why;
+        return;
+    }
+    const bool is_verified = agree(cache_answer, sa_answer);
+    answer["verified"] = is_verified;
+    if (is_verified) return;
+    const json cached_value = answer.value(key, json());
+    answer = answer_of(sa_answer, ask::sa_only);
+    answer.update({{"verified", false}, {"source", "SA"}, {"cached", cached_value}, {"corrected", is_corrected}});
 }
 
-// What the SA says of a GID that the cache knows. The provider of UCM looks into the cache first: it is asked when the
-// cache, told of the SA's answer about the address, has let go of the GID.
-world::resolution ask_sa_for(kernel::machine& machine, const world::resolution& cached)
+// Asks the SA about a GID that the cache knows. UCM's provider looks into the cache first. So the SA is asked about the
+// address; if it disagrees, the cache drops the GID, and then UCM asks the SA.
+resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answer)
 {
-    world::resolution sure = resolve_address(machine, cached.ip, world::ask::sa_only);
-    if (!is_answer(sure) || agree(cached, sure)) return sure;
-    const world::resolution by_gid = resolve_gid(machine, cached.gid, world::ask::usual);
+    resolution by_address = resolve_address(machine, cache_answer.ip, ask::sa_only);
+    if (!is_answer(by_address) || agree(cache_answer, by_address)) return by_address;
+    const resolution by_gid = resolve_gid(machine, cache_answer.gid, ask::usual);
     if (!by_gid.from_cache) return by_gid;
-    if (sure.status == ibat_stat_ok) sure.why = "the SA names another GID for " + world::format_ipv4(cached.ip);
-    sure.status = ibat_stat_not_found;
-    return sure;
+    if (by_address.status == ibat_stat_ok)
+        by_address.why = "the SA names another GID for " + world::format_ipv4(cache_answer.ip);
+    by_address.status = ibat_stat_not_found;
+    return by_address;
 }
 
-world::ask how_to_ask(const json& request)
+ask mode_of(const json& request)
 {
-    return request.value("cached", false) ? world::ask::cache_only : world::ask::usual;
+    return request.value("cached", false) ? ask::cache_only : ask::usual;
 }
 
 } // namespace
 
-json answer_resolve(running_hosts& hosts, const json& request)
+ats::result<json> answer_resolve(running_hosts& hosts, const json& request)
 {
     if (request.contains("name")) return answer_resolve_name(hosts, request);
-    kernel::machine& machine = hosts.named(request.value("host", "")).machine();
-    const world::ask how = how_to_ask(request);
-    const world::resolution answer =
-        resolve_address(machine, console::value_or_throw(console::address_of(request.at("address"))), how);
-    json result = shown(answer, how);
-    if (must_verify(request, result)) {
-        const world::resolution sure = resolve_address(machine, answer.ip, world::ask::sa_only);
-        const bool is_corrected = !agree(answer, resolve_address(machine, answer.ip, world::ask::cache_only));
-        compare(answer, sure, "gid", is_corrected, result);
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    const ats::result<uint32_t> ip = console::address_of(request.at("address"));
+    if (!ip) return ats::pass_on(ip);
+    kernel::machine& machine = (*host)->machine();
+    const ask mode = mode_of(request);
+    const resolution resolution = resolve_address(machine, *ip, mode);
+    json answer = answer_of(resolution, mode);
+    if (must_verify(request, answer)) {
+        const auto sa_answer = resolve_address(machine, *ip, ask::sa_only);
+        const bool is_corrected = !agree(resolution, resolve_address(machine, *ip, ask::cache_only));
+        compare(resolution, sa_answer, "gid", is_corrected, answer);
     }
-    if (result["status"] == "ok") result["found"] = result["gid"];
-    return result;
+    if (answer["status"] == "ok") answer["found"] = answer["gid"];
+    return answer;
 }
 
-json answer_reverse(running_hosts& hosts, const json& request)
+ats::result<json> answer_reverse(running_hosts& hosts, const json& request)
 {
-    kernel::machine& machine = hosts.named(request.value("host", "")).machine();
-    const world::ask how = how_to_ask(request);
-    const kq_gid_t gid = console::value_or_throw(console::gid_of(request.at("gid")));
-    const world::resolution answer = resolve_gid(machine, gid, how);
-    json result = shown(answer, how);
-    if (must_verify(request, result)) {
-        const world::resolution sure = ask_sa_for(machine, answer);
-        const bool is_corrected = !agree(answer, resolve_gid(machine, gid, world::ask::cache_only));
-        compare(answer, sure, "address", is_corrected, result);
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    const ats::result<kq_gid_t> gid = console::gid_of(request.at("gid"));
+    if (!gid) return ats::pass_on(gid);
+    kernel::machine& machine = (*host)->machine();
+    const ask mode = mode_of(request);
+    const resolution resolution = resolve_gid(machine, *gid, mode);
+    json answer = answer_of(resolution, mode);
+    if (must_verify(request, answer)) {
+        const auto sa_answer = ask_sa_for_gid(machine, resolution);
+        const bool is_corrected = !agree(resolution, resolve_gid(machine, *gid, ask::cache_only));
+        compare(resolution, sa_answer, "address", is_corrected, answer);
     }
-    if (result["status"] == "ok") result["found"] = result["address"];
-    return result;
+    if (answer["status"] == "ok") answer["found"] = answer["address"];
+    return answer;
 }
 
-json answer_flush(running_hosts& hosts, const json& request)
+ats::result<json> answer_flush(running_hosts& hosts, const json& request)
 {
-    kernel::machine& machine = hosts.named(request.value("host", "")).machine();
-    const std::string what = request.value("what", "");
-    const auto gid = world::parse_gid(what);
-    const uint32_t ip = what.empty() || gid ? 0 : console::value_or_throw(console::address_of(what));
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    kernel::machine& machine = (*host)->machine();
+    const std::string key = request.value("what", "");
+    const std::optional<kq_gid_t> gid = world::parse_gid(key);
+    ats::result<uint32_t> ip = 0;
+    if (!key.empty() && !gid) ip = console::address_of(key);
+    if (!ip) return ats::pass_on(ip);
     const world::published<ibat_flush_fn_t> flush(machine, "ibat_flush_fn");
     const world::published<ibat_forget_fn_t> forget(machine, "ibat_forget_fn");
-    if (!flush || !forget) throw console::failure(console::exit_failed, "ibat is not loaded on " + machine.name());
-    int32_t dropped = 0;
-    machine.enter("flush", [&] { dropped = what.empty() ? (*flush)() : (*forget)(ip, gid ? &*gid : nullptr); });
-    if (!what.empty() && dropped == 0)
-        throw console::failure(console::exit_failed,
-                               "the cache of " + machine.name() + " has no entry of " + what +
-                                   " that it could forget: 'ats status' shows it; its own mapping stays");
-    json result = done("The cache of " + machine.name() + " forgot " + std::to_string(dropped) +
-                       (dropped == 1 ? " entry." : " entries."));
-    result["dropped"] = dropped;
-    return result;
+    if (!flush || !forget) return ats::fail("ibat is not loaded on " + machine.name());
+    int32_t count = 0;
+    machine.enter("flush", [&] { count = key.empty() ? (*flush)() : (*forget)(*ip, gid ? &*gid : nullptr); });
+    if (!key.empty() && count == 0)
+        return ats::fail("the cache of " + machine.name() + " has no entry of " + key +
+                         " that it could forget: 'ats status' shows it; its own mapping stays");
+    json answer = done("The cache of " + machine.name() + " forgot " + std::to_string(count) +
+                       (count == 1 ? " entry." : " entries."));
+    answer["dropped"] = count;
+    return answer;
 }
 
 } // namespace cli

@@ -1,5 +1,5 @@
-// The status of every host, gathered from what a host shows to its users: /proc files, published functions, the
-// registry, and the ports of the fabric.
+// The status of every host. Its sources are open to any user of a host: /proc files, published functions, the registry
+// and the ports of the fabric.
 
 #include <map>
 
@@ -20,27 +20,32 @@ namespace cli
 namespace
 {
 
+json cache_entry(const ibat_cache_entry_t& entry)
+{
+    const char* kind = entry.is_negative ? "none" : "learned";
+    if (entry.is_static) kind = "own";
+    return {{"address", world::format_ipv4(entry.ip)},
+            {"gid", entry.is_negative ? json() : json(world::format_gid(entry.gid))},
+            {"kind", kind},
+            {"age_seconds", entry.age_ticks / HZ},
+            {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / HZ)}};
+}
+
+// Null if IBAT is not loaded.
 json ibat_status(kernel::machine& machine)
 {
     const world::published<ibat_cache_list_fn_t> list(machine, "ibat_cache_list_fn");
-    const world::published<ibat_counters_fn_t> count(machine, "ibat_counters_fn");
-    if (!list || !count) return nullptr;
+    const world::published<ibat_counters_fn_t> read_counters(machine, "ibat_counters_fn");
+    if (!list || !read_counters) return nullptr;
 
     std::vector<ibat_cache_entry_t> entries(static_cast<size_t>((*list)(nullptr, 0)));
-    const int32_t held = (*list)(entries.data(), static_cast<int32_t>(entries.size()));
-    entries.resize(std::min(entries.size(), static_cast<size_t>(held)));
+    const int32_t count = (*list)(entries.data(), static_cast<int32_t>(entries.size())); // it may have changed
+    entries.resize(std::min(entries.size(), static_cast<size_t>(count)));
     json cache = json::array();
-    for (const ibat_cache_entry_t& entry : entries)
-        cache.push_back({{"address", world::format_ipv4(entry.ip)},
-                         {"gid", entry.is_negative ? json() : json(world::format_gid(entry.gid))},
-                         {"kind", entry.is_static     ? "own"
-                                  : entry.is_negative ? "none"
-                                                      : "learned"},
-                         {"age_seconds", entry.age_ticks / HZ},
-                         {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / HZ)}});
+    for (const ibat_cache_entry_t& entry : entries) cache.push_back(cache_entry(entry));
 
     ibat_counters_t counters;
-    (*count)(&counters);
+    (*read_counters)(&counters);
     return {{"cache", cache},
             {"counters",
              {{"lookups", counters.lookups},
@@ -55,7 +60,7 @@ json ibat_status(kernel::machine& machine)
               {"pending", counters.pending}}}};
 }
 
-// What the fabric knows of a port that the module does not report: whether its link is up.
+// Adds the link states. They come from the fabric, because the module does not report them.
 void add_links(const kernel::machine& machine, json& hcas)
 {
     std::map<std::pair<std::string, int>, const char*> links;
@@ -94,17 +99,20 @@ json host_status(world::host& host)
 
 } // namespace
 
-json answer_status(running_hosts& hosts, const json& request)
+ats::result<json> answer_status(running_hosts& hosts, const json& request)
 {
     const std::string name = request.value("host", "");
     json statuses = json::array();
-    if (name.empty())
+    if (name.empty()) {
         for (const auto& host : hosts.all()) statuses.push_back(host_status(*host));
-    else
-        statuses.push_back(host_status(hosts.named(name)));
-    return {{"fabric", hosts.is_real() ? "umad" : "embedded"},
-            {"uptime_seconds", hosts.uptime().count()},
-            {"hosts", statuses}};
+    } else {
+        const ats::result<world::host*> host = hosts.find(name);
+        if (!host) return ats::pass_on(host);
+        statuses.push_back(host_status(**host));
+    }
+    return json{{"fabric", hosts.is_real() ? "umad" : "embedded"},
+                {"uptime_seconds", hosts.uptime().count()},
+                {"hosts", statuses}};
 }
 
 } // namespace cli

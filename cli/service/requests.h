@@ -1,34 +1,51 @@
-// What a client can ask of the running hosts, as JSON: one function a request. An answer is an object; a request that
-// cannot be carried out throws a failure.
+// The requests of clients, as JSON: one function for each request. ats(8) describes requests and answers.
 #pragma once
+
+#include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "cli/service/running-hosts.h"
+#include "host/result.h"
 
 namespace cli
 {
 
 using json = nlohmann::json;
 
-// Carries out {"request": NAME, ...} and returns its answer. Unknown names are refused.
-json answer_request(running_hosts& hosts, const json& request);
+// Any thread outside of the machines may call these functions, several at a time. They may sleep until the SA answers.
+// An answer is an object. A missing field, or one of another type, throws a json::exception; other errors are results.
 
-// {"host"}: HCAs, ports, verification, IBAT's cache and counters of that host, or of all.
-json answer_status(running_hosts& hosts, const json& request);
+// Carries out {"request": NAME, ...}. An unknown name is invalid.
+ats::result<json> answer_request(running_hosts& hosts, const json& request);
 
-// {"address" or "gid", "cached", "verify"}: what it resolves to, who said so, and how long that took.
-json answer_resolve(running_hosts& hosts, const json& request);
-json answer_reverse(running_hosts& hosts, const json& request);
+// {"host"}: HCAs, ports, verification, and IBAT's cache and counters, of that host or of all.
+ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
-// {"what": an address, a GID or ""}: IBAT forgets its entry, or all of them.
-json answer_flush(running_hosts& hosts, const json& request);
+// {"host", "address" or "name", "cached", "verify"}: the GID of the address, its source, and the time that it took.
+ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
-// {"name"}: the records of that host name, as the SA of the embedded fabric tells them: {"matches"}. {"real": true} on
-// a real fabric, whose SA the client asks itself.
-json answer_resolve_name(running_hosts& hosts, const json& request);
+// {"name"}: {"matches"}, the records of that host name that the SA of the embedded fabric holds. {"real": true} on a
+// real fabric: the client asks its SA itself.
+ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
 
-// The answer of an order that was carried out.
-json done(const std::string& what);
+// {"host", "gid", "cached", "verify"}: the address of the GID, its source, and the time that it took.
+ats::result<json> answer_reverse(running_hosts& hosts, const json& request);
+
+// {"host", "what"}: IBAT drops its cache entry of that address or GID; of "", all entries.
+ats::result<json> answer_flush(running_hosts& hosts, const json& request);
+
+// {"host", "direction": "up" or "down", "hca", "port"}: changes a link of the embedded fabric.
+ats::result<json> answer_link(running_hosts& hosts, const json& request);
+
+// {"action": "show", "forget", "silence" or "status"} and its argument: looks at the SA of the embedded fabric, or
+// makes it misbehave.
+ats::result<json> answer_sa(running_hosts& hosts, const json& request);
+
+// The host that {"host"} names, never null; the first one if it names none.
+ats::result<world::host*> find_host(running_hosts& hosts, const json& request);
+
+// The answer of an order that was carried out. `sentence` says what was done.
+json done(const std::string& sentence);
 
 } // namespace cli

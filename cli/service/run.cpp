@@ -1,5 +1,7 @@
-// `ats run`: hosts in real time, on the embedded fabric or this one on its real ports, until a signal.
+#include "cli/service/run.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <iostream>
@@ -8,8 +10,7 @@
 #include <unistd.h>
 
 #include "cli/mount/proc-mount.h"
-#include "cli/service/fabric-options.h"
-#include "cli/service/run.h"
+#include "cli/service/fabric-arguments.h"
 #include "cli/service/running-hosts.h"
 #include "cli/service/server.h"
 #include "cli/service/service-notice.h"
@@ -33,65 +34,68 @@ struct run_options {
     int hosts = 3; // node1, node2, node3
     std::string config;
     std::string socket = default_socket_path();
-    int log_kib = 0; // 0: what the configuration says
+    int log_kib = 0; // 0: as configured
     std::string mount;
     std::string modules = world::default_module_folder();
-    fabric_options fabric;
+    fabric_arguments fabric;
 };
 
-// The signals that ask for an end, blocked in this thread and in all that it starts, so that only wait() takes them.
-class ending_signals
+// The signals that stop the service. They are blocked in this thread and in all threads that it starts later; only
+// wait() accepts them.
+class stop_signals
 {
   public:
-    ending_signals()
+    stop_signals()
     {
         sigemptyset(&set_);
-        for (const int ending : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set_, ending);
+        for (const int number : numbers) sigaddset(&set_, number);
         pthread_sigmask(SIG_BLOCK, &set_, nullptr);
-        signal(SIGPIPE, SIG_IGN); // a terminal that is gone is no reason to leave records behind
+        signal(SIGPIPE, SIG_IGN); // a closed terminal must not keep the hosts from deleting their records
     }
 
-    bool has_come() const
+    bool is_pending() const
     {
         sigset_t pending;
         sigpending(&pending);
-        return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
-               sigismember(&pending, SIGHUP) == 1;
+        return std::ranges::any_of(numbers, [&](int number) { return sigismember(&pending, number) == 1; });
     }
 
-    // A signal may come twice at once, as from timeout(1), which tells the process and then its group. Only one that
-    // comes later is impatience, and ends the program there and then.
+    // A signal may come twice at once: timeout(1) signals the process and then its group. Such repeats are dropped. A
+    // later signal ends the program at once.
     void wait() const
     {
-        constexpr std::chrono::milliseconds repeats_follow_within(100);
+        constexpr std::chrono::milliseconds repeat_limit(100);
         constexpr timespec no_wait{};
-        int caught = 0;
-        sigwait(&set_, &caught);
-        std::this_thread::sleep_for(repeats_follow_within);
+        int number = 0;
+        sigwait(&set_, &number);
+        std::this_thread::sleep_for(repeat_limit);
         while (sigtimedwait(&set_, nullptr, &no_wait) > 0) continue;
         pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
     }
 
   private:
+    static constexpr std::array numbers = {SIGINT, SIGTERM, SIGHUP};
     sigset_t set_;
 };
 
-std::unique_ptr<proc_mount> mount(const std::string& directory, const running_hosts& hosts)
+// Null without a directory.
+ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, const running_hosts& hosts)
 {
     if (directory.empty()) return nullptr;
     std::vector<kernel::machine*> machines;
     for (const auto& host : hosts.all()) machines.push_back(&host->machine());
-    return console::value_or_throw(proc_mount::open(directory, machines));
+    return proc_mount::open(directory, machines);
 }
 
-void announce(const run_options& options, size_t hosts)
+void announce(const run_options& options, size_t host_count)
 {
-    std::cout << "ats: " << hosts << (hosts == 1 ? " host" : " hosts") << " up; clients are served on "
+    std::cout << "ats: " << host_count << (host_count == 1 ? " host" : " hosts") << " up; clients are served on "
               << options.socket;
     if (!options.mount.empty()) std::cout << ", files are in " << options.mount;
     std::cout << ". Stop with Ctrl-C." << std::endl;
 }
 
+// Prints the outcome and returns the exit code.
 int unload(running_hosts& hosts)
 {
     const std::vector<std::string> refusals = hosts.stop();
@@ -101,56 +105,76 @@ int unload(running_hosts& hosts)
     return console::exit_ok;
 }
 
-world_config configuration_of(const run_options& options)
+// What --config and --hosts say; empty on a real fabric without --config.
+ats::result<world_config> hosts_config(const run_options& options)
 {
-    world_config given;
-    if (!options.config.empty())
-        given = read_world_config(options.config);
-    else if (!wants_real_host(options.fabric))
-        given = numbered_hosts(options.hosts);
-    given = with_fabric(std::move(given), options.fabric);
-    if (options.log_kib > 0)
-        for (world::host_plan& host : given.hosts) host.log_bytes = bytes_of_kib(options.log_kib);
-    return given;
+    if (!options.config.empty()) return read_world_config(options.config);
+    return options.fabric.is_real() ? world_config() : numbered_hosts(options.hosts);
 }
 
-// False when a signal came meanwhile.
-bool start(running_hosts& hosts, const ending_signals& signals)
+ats::result<world_config> config_of(const run_options& options)
 {
-    const std::string all = std::to_string(hosts.all().size());
-    console::progress shown;
-    return hosts.start([&](size_t started) {
-        shown.show("starting host " + std::to_string(started + 1) + " of " + all);
-        return !signals.has_come();
+    ats::result<world_config> config = hosts_config(options);
+    if (!config) return config;
+    config = with_fabric(std::move(*config), options.fabric);
+    if (!config) return config;
+    if (options.log_kib > 0)
+        for (world::host_plan& host : config->hosts) host.log_bytes = bytes_of_kib(options.log_kib);
+    return config;
+}
+
+// Shows the progress on a terminal. False if a signal came meanwhile.
+ats::result<bool> start(running_hosts& hosts, const stop_signals& signals)
+{
+    const std::string count = std::to_string(hosts.all().size());
+    console::progress progress;
+    return hosts.start([&](size_t started_count) {
+        progress.show("starting host " + std::to_string(started_count + 1) + " of " + count);
+        return !signals.is_pending();
     });
 }
 
-int serve(const run_options& options)
+// Serves clients and files until a signal comes.
+ats::result<> serve_clients(const run_options& options, running_hosts& hosts, std::unique_ptr<listening_socket> socket,
+                            const stop_signals& signals)
 {
-    const world_config config = configuration_of(options);
-    for (const std::string& remark : config.remarks)
-        std::cerr << "ats: warning: " << world::printable_lines(remark) << std::endl;
-    const ending_signals signals;
+    const ats::result<std::unique_ptr<proc_mount>> files = mount(options.mount, hosts);
+    if (!files) return ats::pass_on(files);
+    const ats::result<std::unique_ptr<server>> server = server::start(hosts, std::move(socket));
+    if (!server) return ats::pass_on(server);
+    announce(options, hosts.all().size());
+    notify_service_manager("READY=1");
+    signals.wait();
+    notify_service_manager("STOPPING=1");
+    return {};
+}
+
+// The exit code, or the error that kept the service from running.
+ats::result<int> run(const run_options& options)
+{
+    const ats::result<world_config> config = config_of(options);
+    if (!config) return ats::pass_on(config);
+    for (const std::string& warning : config->warnings)
+        std::cerr << "ats: warning: " << world::printable_lines(warning) << std::endl;
+    const stop_signals signals;
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
-    auto listening = console::value_or_throw(listening_socket::open(options.socket));
-    running_hosts hosts(config, options.modules);
-    if (!start(hosts, signals)) {
+    ats::result<std::unique_ptr<listening_socket>> socket = listening_socket::open(options.socket);
+    if (!socket) return ats::pass_on(socket);
+    const ats::result<std::unique_ptr<running_hosts>> hosts = running_hosts::build(*config, options.modules);
+    if (!hosts) return ats::pass_on(hosts);
+    const ats::result<bool> started = start(**hosts, signals);
+    if (!started) return ats::pass_on(started);
+    if (!*started) {
         std::cerr << "ats: told to end while hosts were starting\n";
         signals.wait();
-        return unload(hosts);
+        return unload(**hosts);
     }
-    {
-        const std::unique_ptr<proc_mount> files = mount(options.mount, hosts);
-        const server serving(hosts, std::move(listening));
-        announce(options, hosts.all().size());
-        notify_service_manager("READY=1");
-        signals.wait();
-        notify_service_manager("STOPPING=1");
-    }
-    const int unloaded = unload(hosts);
-    if (!exec::reserve::is_used()) return unloaded;
-    std::cerr << "ats: the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts\n";
-    return console::exit_failed;
+    const ats::result<> served = serve_clients(options, **hosts, std::move(*socket), signals);
+    if (!served) return ats::pass_on(served);
+    const int exit_code = unload(**hosts);
+    if (!exec::reserve::is_used()) return exit_code;
+    return ats::fail(ats::error_kind::no_memory,
+                     "the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts");
 }
 
 } // namespace
@@ -180,7 +204,7 @@ void add_run(CLI::App& program, ats::result<int>& outcome)
     command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")
         ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);
-    command->callback(console::command_callback(outcome, [options] { return serve(*options); }));
+    command->callback(console::command_callback(outcome, [options] { return run(*options); }));
 }
 
 } // namespace cli

@@ -1,10 +1,11 @@
 #include "cli/service/running-hosts.h"
 
 #include <algorithm>
-#include <chrono>
+#include <cassert>
 #include <new>
 
 #include "cli/service/registration.h"
+#include "console/failure.h"
 #include "host/exec/shortage.h"
 
 namespace cli
@@ -13,116 +14,139 @@ namespace cli
 namespace
 {
 
-constexpr uint64_t system_randomness = 0;
+using ats::error_kind;
 
-// Why a host did not start, with the end of its log below; the log has nothing to add when memory ran out.
-console::failure did_not_start(world::host& host, const ats::result<>& loaded)
+constexpr uint64_t system_randomness = 0;
+constexpr const char* memory_is_used_up = "the memory is used up: run fewer hosts";
+
+// The last lines of the host's log, indented.
+std::string end_of_log(world::host& host)
 {
     constexpr size_t lines_shown = 4;
-    std::string why = host.name() + " does not start: " + loaded.error().text;
-    if (loaded.error().kind == ats::error_kind::no_memory) return {console::exit_failed, why};
+    std::string text;
     const std::vector<kernel::log_line> lines = host.machine().log.lines();
     for (size_t i = lines.size() - std::min(lines.size(), lines_shown); i < lines.size(); ++i)
-        why += "\n  " + kernel::format_line(lines[i]);
-    return {loaded.error().kind == ats::error_kind::invalid ? console::exit_usage : console::exit_failed, why};
+        text += "\n  " + kernel::format_line(lines[i]);
+    return text;
 }
 
-// Takes a step of a host's start. Throws a failure that names the host when it came to a limit of the process.
+// An error ends with the end of the log, unless memory ran out, of which the log says nothing.
+ats::result<> load(world::host& host)
+{
+    const ats::result<> loaded = host.load();
+    if (loaded || loaded.error().kind == error_kind::no_memory) return loaded;
+    return ats::fail(loaded.error().kind, loaded.error().text + end_of_log(host));
+}
+
+// Takes a step of a host's start, an ats::result<>(). An error names the host, also when the step came to a limit of
+// the process.
 template <class step_t>
-void or_not_started(const std::string& host, const step_t& step)
+ats::result<> take_step(const std::string& host, const step_t& step)
 {
     const std::string title = host + " does not start: ";
     try {
-        step();
-        if (exec::reserve::is_used()) exec::throw_shortage("the memory is used up: run fewer hosts");
+        if (const ats::result<> taken = step(); !taken)
+            return ats::fail(taken.error().kind, title + taken.error().text);
+        if (exec::reserve::is_used()) exec::throw_shortage(memory_is_used_up);
+        return {};
     } catch (const exec::shortage& shortage) {
-        throw console::failure(console::exit_failed, title + shortage.what());
+        return ats::fail(error_kind::no_memory, title + shortage.what());
     } catch (const std::bad_alloc&) {
-        throw console::failure(console::exit_failed, title + "the memory is used up: run fewer hosts");
+        return ats::fail(error_kind::no_memory, title + memory_is_used_up);
     }
-}
-
-// The plan's HCAs on an embedded fabric. Throws a failure when it cannot take them.
-std::vector<fabric::hca*> hcas_of_plan(embedded::subnet& subnet, const world::host_plan& plan)
-{
-    const auto hcas = world::add_hcas(subnet, plan);
-    if (!hcas) throw console::failure(console::exit_failed, plan.name + " does not start: " + hcas.error().text);
-    return *hcas;
 }
 
 } // namespace
 
-running_hosts::running_hosts(const world_config& config, const std::string& module_folder)
-    : exec_(exec::make_threaded_executor())
+running_hosts::running_hosts() : exec_(exec::make_threaded_executor()) {}
+
+ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_config& config,
+                                                                 const std::string& module_folder)
 {
-    if (config.fabric.is_real) {
-        auto opened = umad::open(*exec_, config.fabric.ports);
-        if (!opened) throw console::failure(console::exit_failed, opened.error().text);
-        real_ = std::move(*opened);
-    } else {
-        subnet_ = std::make_unique<embedded::subnet>(*exec_);
-    }
-    if (!config.fabric.capture.empty()) start_capture(config.fabric.capture);
+    std::unique_ptr<running_hosts> hosts(new running_hosts);
+    if (const ats::result<> opened = hosts->open_fabric(config.fabric); !opened) return ats::pass_on(opened);
     for (const world::host_plan& plan : config.hosts)
-        or_not_started(plan.name, [&] {
-            const std::vector<fabric::hca*> hcas = real_ ? real_->hcas() : hcas_of_plan(*subnet_, plan);
-            hosts_.push_back(std::make_unique<world::host>(*exec_, hcas, plan, module_folder, system_randomness));
-        });
+        if (const ats::result<> added = hosts->add_host(plan, module_folder); !added) return ats::pass_on(added);
+    return hosts;
 }
 
 running_hosts::~running_hosts()
 {
     stop();
-    hosts_.clear(); // the machines let go of their HCAs before the fabric and the clock go
+    hosts_.clear(); // machines use the HCAs of the fabric and the clock
 }
 
-embedded::subnet& running_hosts::subnet()
+ats::result<> running_hosts::open_fabric(const fabric_config& config)
 {
-    if (subnet_) return *subnet_;
-    throw console::failure(console::exit_usage,
-                           "the fabric is a real one: its links and its SA are not ats's to change");
+    if (config.is_real) {
+        auto opened = umad::open(*exec_, config.ports);
+        if (!opened) return ats::fail(opened.error().text);
+        real_fabric_ = std::move(*opened);
+    } else {
+        subnet_ = std::make_unique<embedded::subnet>(*exec_);
+    }
+    return config.capture.empty() ? ats::result<>() : start_capture(config.capture);
 }
 
-void running_hosts::start_capture(const std::string& path)
+ats::result<> running_hosts::add_host(const world::host_plan& plan, const std::string& module_folder)
+{
+    return take_step(plan.name, [&]() -> ats::result<> {
+        const ats::result<std::vector<fabric::hca*>> hcas =
+            is_real() ? real_fabric_->hcas() : world::add_hcas(*subnet_, plan);
+        if (!hcas) return ats::pass_on(hcas);
+        hosts_.push_back(std::make_unique<world::host>(*exec_, *hcas, plan, module_folder, system_randomness));
+        return {};
+    });
+}
+
+ats::result<embedded::subnet*> running_hosts::subnet()
+{
+    if (subnet_) return subnet_.get();
+    return ats::fail(error_kind::invalid, "this is a real fabric: ats cannot change its links or its SA");
+}
+
+void running_hosts::set_tap(fabric::tap* tap)
+{
+    if (is_real())
+        real_fabric_->set_tap(tap);
+    else
+        subnet_->set_tap(tap);
+}
+
+ats::result<> running_hosts::start_capture(const std::string& path)
 {
     using namespace std::chrono;
     const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
     capture_ = std::make_unique<fabric::capture>(path, static_cast<uint64_t>(now.count()) - exec_->now());
-    if (const auto status = capture_->status(); !status)
-        throw console::failure(console::exit_usage, status.error().text);
-    if (real_)
-        real_->set_tap(capture_.get());
-    else
-        subnet_->set_tap(capture_.get());
+    if (const ats::result<> status = capture_->status(); !status)
+        return ats::fail(error_kind::invalid, status.error().text);
+    set_tap(capture_.get());
+    return {};
 }
 
-void running_hosts::stop_capture(std::vector<std::string>& complaints)
+ats::result<> running_hosts::stop_capture()
 {
-    if (!capture_) return;
-    if (real_)
-        real_->set_tap(nullptr);
-    else
-        subnet_->set_tap(nullptr);
-    if (const auto closed = capture_->close(); !closed) complaints.push_back(closed.error().text);
+    if (!capture_) return {};
+    set_tap(nullptr);
+    const ats::result<> closed = capture_->close();
     capture_.reset();
+    return closed;
 }
 
-bool running_hosts::start(const std::function<bool(size_t)>& may_go_on)
+ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go_on)
 {
-    size_t started = 0;
+    size_t host_count = 0;
     for (const auto& host : hosts_) {
-        if (!may_go_on(started++)) return false;
-        or_not_started(host->name(), [&] {
-            const ats::result<> loaded = host->load();
-            if (!loaded) throw did_not_start(*host, loaded);
-        });
+        if (!may_go_on(host_count)) return false;
+        const ats::result<> loaded = take_step(host->name(), [&] { return load(*host); });
+        if (!loaded) return ats::pass_on(loaded);
+        ++host_count;
     }
     if (is_real()) return true;
     for (const auto& host : hosts_)
         for (const world::hca_plan& hca : host->plan().hcas)
             for (int port = 1; port <= hca.ports; ++port)
-                if (const auto up = subnet_->link_up(host->name(), hca.name, port); !up)
-                    throw console::failure(console::exit_failed, up.error().text);
+                if (const auto link = subnet_->link_up(host->name(), hca.name, port); !link) return ats::pass_on(link);
     return true;
 }
 
@@ -133,32 +157,31 @@ std::vector<std::string> running_hosts::stop()
         const ats::result<> unloaded = (*host)->unload();
         if (!unloaded) refusals.push_back((*host)->name() + ": " + unloaded.error().text);
     }
-    stop_capture(refusals);
+    if (const ats::result<> captured = stop_capture(); !captured) refusals.push_back(captured.error().text);
     return refusals;
 }
 
 std::chrono::seconds running_hosts::uptime() const
 {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - built_);
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - build_time_);
 }
 
-world::host& running_hosts::named(const std::string& name)
+ats::result<world::host*> running_hosts::find(const std::string& name)
 {
+    assert(!hosts_.empty());
     std::string names;
     for (const auto& host : hosts_) {
-        if (name.empty() || host->name() == name) return *host;
+        if (name.empty() || host->name() == name) return host.get();
         names += (names.empty() ? "" : ", ") + host->name();
     }
-    world::host* registered = nullptr;
-    for (const auto& host : hosts_) {
-        if (registered_name(*host) != name) continue;
-        if (registered)
-            throw console::failure(console::exit_usage,
-                                   "several hosts are registered as " + console::quote(name) + "; there are " + names);
-        registered = host.get();
-    }
-    if (registered) return *registered;
-    throw console::failure(console::exit_usage, "no host " + console::quote(name) + "; there are " + names);
+    std::vector<world::host*> registered_hosts;
+    for (const auto& host : hosts_)
+        if (registered_name(*host) == name) registered_hosts.push_back(host.get());
+    if (registered_hosts.size() == 1) return registered_hosts.front();
+    if (registered_hosts.empty())
+        return ats::fail(error_kind::invalid, "no host " + console::quote(name) + "; there are " + names);
+    return ats::fail(error_kind::invalid,
+                     "several hosts are registered as " + console::quote(name) + "; there are " + names);
 }
 
 } // namespace cli

@@ -1,5 +1,5 @@
-// The running world of `ats run`: a fabric in real time, its hosts, and what a client can ask of them. The fabric is an
-// embedded one, or this machine's real ports with one host.
+// The world of `ats run`: a fabric in real time and its hosts. The fabric is an embedded one, or this machine's real
+// ports with one host.
 #pragma once
 
 #include <chrono>
@@ -9,57 +9,65 @@
 #include <vector>
 
 #include "cli/service/world-config.h"
-#include "console/failure.h"
 #include "host/exec/executor.h"
 #include "host/fabric/capture.h"
 #include "host/fabric/embedded/subnet.h"
+#include "host/result.h"
 #include "host/world/host.h"
 
 namespace cli
 {
 
+// After start(), any thread may ask for hosts and the subnet.
 class running_hosts
 {
   public:
-    // Builds the fabric and the hosts; links of an embedded fabric are down. Modules come from `module_folder`. Throws
-    // a failure when real ports cannot be opened, the capture file cannot be written, or the process has no room for
-    // all hosts.
-    running_hosts(const world_config& config, const std::string& module_folder);
+    // Builds the fabric and the hosts, with the links of an embedded fabric down. Modules come from `module_folder`.
+    // Fails if real ports cannot be opened, if the capture file cannot be written (invalid), or if the process has no
+    // room for all hosts (no_memory).
+    static ats::result<std::unique_ptr<running_hosts>> build(const world_config& config,
+                                                             const std::string& module_folder);
 
     // Unloads every host's modules; see stop().
     ~running_hosts();
+    running_hosts(const running_hosts&) = delete;
+    running_hosts& operator=(const running_hosts&) = delete;
 
-    // Loads every host's modules and brings all links of an embedded fabric up. Throws a failure naming the host that
-    // did not start. `may_go_on` is asked before each host, with the number of those that have started; on its false
-    // this ends early and returns false.
-    bool start(const std::function<bool(size_t)>& may_go_on);
+    // Loads every host's modules and brings all links of an embedded fabric up. Calls `may_go_on` before each host,
+    // with the number of hosts that have started. Returns false if `may_go_on` did. An error names the host that did
+    // not start, with the end of its log.
+    ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
-    // Takes the hosts down again, in reverse order. Returns a line for each that refused, and for a capture that is
-    // not whole.
+    // Takes the hosts down, in reverse order. Returns a line for each host that refuses, and for an incomplete capture.
     std::vector<std::string> stop();
 
-    // Since the site was built.
+    // The time since build().
     std::chrono::seconds uptime() const;
 
-    bool is_real() const { return real_ != nullptr; }
+    bool is_real() const { return real_fabric_ != nullptr; }
 
-    // The embedded fabric. Throws a failure when there is none.
-    embedded::subnet& subnet();
+    // The embedded fabric, never null. A real fabric is invalid.
+    ats::result<embedded::subnet*> subnet();
+
     const std::vector<std::unique_ptr<world::host>>& all() const { return hosts_; }
 
-    // The host of that name, which is the service's own or the one it is registered under; the first one for "". Throws
-    // a failure with the names there are.
-    world::host& named(const std::string& name);
+    // The host of that name, never null; the first host for "". A host has two names: the configured one, and the one
+    // that it is registered under. An unknown or ambiguous name is invalid; the error lists the hosts.
+    ats::result<world::host*> find(const std::string& name);
 
   private:
-    void start_capture(const std::string& path);
-    void stop_capture(std::vector<std::string>& complaints);
+    running_hosts();
+    ats::result<> open_fabric(const fabric_config& config);
+    ats::result<> add_host(const world::host_plan& plan, const std::string& module_folder);
+    ats::result<> start_capture(const std::string& path);
+    ats::result<> stop_capture();
+    void set_tap(fabric::tap* tap);
 
-    const std::chrono::steady_clock::time_point built_ = std::chrono::steady_clock::now();
+    const std::chrono::steady_clock::time_point build_time_ = std::chrono::steady_clock::now();
     std::unique_ptr<exec::executor> exec_;
-    std::unique_ptr<fabric::capture> capture_; // before the fabric: it is written to until that is gone
-    std::unique_ptr<embedded::subnet> subnet_; // this or the next
-    std::unique_ptr<umad::real_fabric> real_;
+    std::unique_ptr<fabric::capture> capture_; // before the fabric, which writes to it until it is destroyed
+    std::unique_ptr<embedded::subnet> subnet_; // this one or real_fabric_
+    std::unique_ptr<umad::real_fabric> real_fabric_;
     std::vector<std::unique_ptr<world::host>> hosts_;
 };
 

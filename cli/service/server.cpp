@@ -16,27 +16,18 @@ namespace cli
 namespace
 {
 
-// A line of the protocol. What modules print may be no UTF-8; then it is made to be some.
+using ats::error_kind;
+
+// A line of the protocol. Modules may print bytes that are not UTF-8; those are replaced.
 std::string line_of(const json& answer)
 {
     constexpr int on_one_line = -1;
     return answer.dump(on_one_line, ' ', false, json::error_handler_t::replace);
 }
 
-// Runs `answer`; what goes wrong in it becomes a refusal.
-template <class answer_t>
-json answer_or_refusal(const answer_t& answer)
+json refusal(const ats::error& error)
 {
-    try {
-        return answer();
-    } catch (const console::failure& wrong) {
-        return {{"error", wrong.what()}, {"exit_code", int{wrong.code}}};
-    } catch (const json::exception& wrong) {
-        return {{"error", std::string("the request is malformed: ") + wrong.what()},
-                {"exit_code", int{console::exit_usage}}};
-    } catch (const std::exception& wrong) {
-        return {{"error", wrong.what()}, {"exit_code", int{console::exit_failed}}};
-    }
+    return {{"error", error.text}, {"exit_code", int{console::exit_code_of(error.kind)}}};
 }
 
 bool client_is_gone(int fd)
@@ -45,12 +36,12 @@ bool client_is_gone(int fd)
     return poll(&wait, 1, 0) > 0;
 }
 
-// Hears of a log's lines as long as it lives.
+// Calls `on_line` for every new line of a log, as long as this lives.
 class follower
 {
   public:
-    follower(kernel::log& log, std::function<void(const kernel::log_line&)> seen)
-        : log_(log), handle_(log.follow(std::move(seen)))
+    follower(kernel::log& log, std::function<void(const kernel::log_line&)> on_line)
+        : log_(log), handle_(log.follow(std::move(on_line)))
     {
     }
     ~follower() { log_.unfollow(handle_); }
@@ -62,119 +53,132 @@ class follower
     const int handle_;
 };
 
-struct log_request {
-    kernel::log& log;
-    int level;
-    bool follow;
-};
-
-// Sends a log line by line, and with `follow` goes on until the client leaves.
-void stream_log(const log_request& wanted, line_channel& to)
+// Sends the lines of at most `level`. With `follow` it goes on until the client leaves.
+void stream_log(kernel::log& log, int level, bool follow, line_channel& channel)
 {
-    // A follower only rings: it runs in printing contexts, which must not wait for a slow client.
+    // The follower only rings: it runs in printing contexts, which must not wait for a slow client.
     std::mutex mutex;
-    std::condition_variable rung;
-    bool news = true;
-    const follower rings(wanted.log, [&](const kernel::log_line&) {
+    std::condition_variable bell;
+    bool has_news = true;
+    const follower follower(log, [&](const kernel::log_line&) {
         const std::lock_guard lock(mutex);
-        news = true;
-        rung.notify_one();
+        has_news = true;
+        bell.notify_one();
     });
 
     constexpr size_t lines_at_once = 256;
-    constexpr std::chrono::milliseconds look_for_hangup(200);
-    uint64_t next = 0;
-    bool connected = true;
-    while (connected) {
-        uint64_t dropped = 0;
-        const std::vector<kernel::log_line> lines = wanted.log.lines_from(next, lines_at_once, &next, &dropped);
-        if (dropped > 0) connected = to.write(line_of({{"dropped", dropped}}));
+    constexpr std::chrono::milliseconds hangup_check_interval(200);
+    uint64_t next_line = 0;
+    bool is_connected = true;
+    while (is_connected) {
+        uint64_t dropped_lines = 0;
+        const std::vector<kernel::log_line> lines =
+            log.lines_from(next_line, lines_at_once, &next_line, &dropped_lines);
+        if (dropped_lines > 0) is_connected = channel.write(line_of({{"dropped", dropped_lines}}));
         for (const kernel::log_line& line : lines)
-            if (connected && console::trace_level_of(line.text) <= wanted.level)
-                connected = to.write(line_of({{"tick", line.tick}, {"line", kernel::format_line(line)}}));
+            if (is_connected && console::trace_level_of(line.text) <= level)
+                is_connected = channel.write(line_of({{"tick", line.tick}, {"line", kernel::format_line(line)}}));
         if (!lines.empty()) continue;
-        if (!wanted.follow) break;
+        if (!follow) break;
         std::unique_lock lock(mutex);
-        rung.wait_for(lock, look_for_hangup, [&] { return news; });
-        news = false;
-        connected = !client_is_gone(to.fd());
+        bell.wait_for(lock, hangup_check_interval, [&] { return has_news; });
+        has_news = false;
+        is_connected = !client_is_gone(channel.fd());
     }
 }
 
-json answer_log(running_hosts& hosts, const json& request, line_channel& to)
+// {"host", "level", "follow"}: many lines, then {"end"}.
+ats::result<json> answer_log(running_hosts& hosts, const json& request, line_channel& channel)
 {
-    const log_request wanted{hosts.named(request.value("host", "")).machine().log,
-                             request.value("level", console::trace_level_everything), request.value("follow", false)};
-    stream_log(wanted, to);
-    return {{"end", true}};
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    stream_log((*host)->machine().log, request.value("level", console::trace_level_everything),
+               request.value("follow", false), channel);
+    return json{{"end", true}};
 }
 
-json answer(running_hosts& hosts, const std::string& line, line_channel& to)
+ats::result<json> answer_line(running_hosts& hosts, const std::string& line, line_channel& channel)
 {
-    const json request = json::parse(line, nullptr, false);
-    if (!request.is_object()) throw console::failure(console::exit_usage, "a request is one JSON object on a line");
-    if (request.value("request", "") == "log") return answer_log(hosts, request, to);
-    return answer_request(hosts, request);
+    try {
+        const json request = json::parse(line, nullptr, false);
+        if (!request.is_object()) return ats::fail(error_kind::invalid, "a request is one JSON object on a line");
+        if (request.value("request", "") == "log") return answer_log(hosts, request, channel);
+        return answer_request(hosts, request);
+    } catch (const json::exception& error) {
+        return ats::fail(error_kind::invalid, std::string("the request is malformed: ") + error.what());
+    } catch (const std::exception& error) { // a used-up limit of the process
+        return ats::fail(error.what());
+    }
 }
 
 } // namespace
 
-server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening)
-    : hosts_(hosts), listening_(std::move(listening))
+ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::unique_ptr<listening_socket> socket)
 {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        throw console::failure(console::exit_failed, "cannot make a pipe: too many open files?");
-    stop_read_ = descriptor(ends[0]);
-    stop_write_ = descriptor(ends[1]);
-    acceptor_ = exec::new_thread([this] { accept_clients(); });
+    if (pipe2(ends, O_CLOEXEC) != 0) return ats::fail("cannot make a pipe: too many open files?");
+    std::unique_ptr<server> started(new server(hosts, std::move(socket), descriptor(ends[0]), descriptor(ends[1])));
+    try {
+        started->acceptor_ = exec::new_thread([&server = *started] { server.accept_clients(); });
+    } catch (const exec::shortage& shortage) {
+        return ats::fail(error_kind::no_memory, shortage.what());
+    }
+    return started;
+}
+
+server::server(running_hosts& hosts, std::unique_ptr<listening_socket> socket, descriptor stop_reader,
+               descriptor stop_writer)
+    : hosts_(hosts), socket_(std::move(socket)), stop_reader_(std::move(stop_reader)),
+      stop_writer_(std::move(stop_writer))
+{
 }
 
 server::~server()
 {
-    stop_write_ = descriptor(); // the acceptor sees the pipe's end
-    acceptor_.join();
+    stop_writer_ = descriptor(); // wakes the acceptor
+    if (acceptor_.joinable()) acceptor_.join();
     const std::lock_guard lock(mutex_);
-    for (conversation& with : conversations_) with.channel.hang_up();
-    for (conversation& with : conversations_) with.thread.join();
+    for (conversation& conversation : conversations_) conversation.channel.hang_up();
+    for (conversation& conversation : conversations_) conversation.thread.join();
 }
 
 void server::accept_clients()
 {
-    while (std::optional<descriptor> client = listening_->accept_client(stop_read_.get())) {
-        reap();
+    while (std::optional<descriptor> client = socket_->accept_client(stop_reader_.get())) {
+        remove_ended();
         if (client->get() < 0) continue;
         const std::lock_guard lock(mutex_);
-        conversation& with = conversations_.emplace_back(std::move(*client));
+        conversation& conversation = conversations_.emplace_back(std::move(*client));
         try {
-            with.thread = std::thread([this, &with] { converse(with); });
-        } catch (const std::system_error&) { // no more threads: this client is hung up on, the others go on
+            conversation.thread = std::thread([this, &conversation] { converse(conversation); });
+        } catch (const std::system_error&) { // no threads left: only this client loses its connection
             conversations_.pop_back();
         }
     }
 }
 
-void server::reap()
+void server::remove_ended()
 {
     const std::lock_guard lock(mutex_);
-    conversations_.remove_if([](conversation& with) {
-        if (!with.over) return false;
-        with.thread.join();
+    conversations_.remove_if([](conversation& conversation) {
+        if (!conversation.is_over) return false;
+        conversation.thread.join();
         return true;
     });
 }
 
-void server::converse(conversation& with)
+void server::converse(conversation& conversation)
 {
-    bool connected = true;
-    while (connected) {
-        const std::optional<std::string> line = with.channel.read();
+    line_channel& channel = conversation.channel;
+    bool is_connected = true;
+    while (is_connected) {
+        const std::optional<std::string> line = channel.read();
         if (!line) break;
-        const json said = answer_or_refusal([&] { return answer(hosts_, *line, with.channel); });
-        connected = with.channel.write(line_of(said));
+        const ats::result<json> answer = answer_line(hosts_, *line, channel);
+        is_connected = channel.write(line_of(answer ? *answer : refusal(answer.error())));
     }
-    with.channel.hang_up();
-    with.over = true;
+    channel.hang_up();
+    conversation.is_over = true;
 }
 
 } // namespace cli

@@ -6,8 +6,7 @@
 #include <map>
 #include <set>
 
-#include <toml++/toml.h>
-
+#include "cli/service/table-reader.h"
 #include "console/failure.h"
 #include "console/identity.h"
 #include "verbs.h"
@@ -21,204 +20,164 @@ namespace
 constexpr int max_hosts = 1000;
 constexpr int max_hcas = 32;
 
-// One table being read: every key must be asked for, and what nobody asked for is refused.
-class table_reader
+using ats::error_kind;
+
+// Passes module parameters on as they are written: insmod knows their names and types.
+std::string read_parameters(table_reader& reader, const std::string& module)
 {
-  public:
-    table_reader(const toml::table& table, std::string file) : table_(table), file_(std::move(file)) {}
-
-    // "FILE:LINE: "
-    std::string place_of(const toml::node& node) const
-    {
-        return file_ + ":" + std::to_string(node.source().begin.line) + ": ";
-    }
-
-    [[noreturn]] void refuse(const toml::node& where, const std::string& why) const
-    {
-        throw console::failure(console::exit_usage, place_of(where) + why);
-    }
-
-    // The node of that key, or null.
-    const toml::node* find(const std::string& key)
-    {
-        known_.insert(key);
-        return table_.get(key);
-    }
-
-    std::string text(const std::string& key, const std::string& otherwise)
-    {
-        const toml::node* node = find(key);
-        if (!node) return otherwise;
-        if (!node->is_string()) refuse(*node, "'" + key + "' must be a text in quotation marks");
-        return node->as_string()->get();
-    }
-
-    int number(const std::string& key, int otherwise, int least, int most)
-    {
-        const toml::node* node = find(key);
-        if (!node) return otherwise;
-        const int64_t value = node->is_integer() ? node->as_integer()->get() : int64_t{least} - 1;
-        if (value < least || value > most)
-            refuse(*node, "'" + key + "' must be a whole number from " + std::to_string(least) + " to " +
-                              std::to_string(most));
-        return static_cast<int>(value);
-    }
-
-    const toml::table* table(const std::string& key)
-    {
-        const toml::node* node = find(key);
-        if (node && !node->is_table()) refuse(*node, "'" + key + "' must be a table");
-        return node ? node->as_table() : nullptr;
-    }
-
-    // The tables of an [[array]].
-    std::vector<const toml::table*> tables(const std::string& key)
-    {
-        std::vector<const toml::table*> found;
-        const toml::node* node = find(key);
-        if (!node) return found;
-        if (!node->is_array_of_tables()) refuse(*node, "'" + key + "' must be written as [[" + key + "]] tables");
-        for (const toml::node& element : *node->as_array()) found.push_back(element.as_table());
-        return found;
-    }
-
-    // To be called last: refuses the first key that nobody asked for.
-    void finish() const
-    {
-        for (const auto& [key, value] : table_) {
-            if (known_.contains(key.str())) continue;
-            std::string valid;
-            for (const std::string& name : known_) valid += (valid.empty() ? "" : ", ") + name;
-            throw console::failure(console::exit_usage, file_ + ":" + std::to_string(key.source().begin.line) +
-                                                            ": unknown key " + console::quote(std::string(key.str())) +
-                                                            "; valid here are " + valid);
-        }
-    }
-
-    const std::string& file() const { return file_; }
-
-  private:
-    const toml::table& table_;
-    std::string file_;
-    std::set<std::string, std::less<>> known_;
-};
-
-// Module parameters are passed on as they are written: insmod knows their names and types.
-std::string read_parameters(table_reader& reader, const toml::table* parameters)
-{
-    std::string text;
-    if (!parameters) return text;
-    for (const auto& [name, value] : *parameters) {
-        text += " " + std::string(name.str()) + "=";
+    std::string parameters;
+    const toml::table* table = reader.table(module);
+    if (!table) return parameters;
+    for (const auto& [name, value] : *table) {
+        parameters += " " + std::string(name.str()) + "=";
         if (value.is_string() && value.as_string()->get().find('"') == std::string::npos)
-            text += '"' + value.as_string()->get() + '"';
+            parameters += '"' + value.as_string()->get() + '"';
         else if (value.is_integer())
-            text += std::to_string(value.as_integer()->get());
+            parameters += std::to_string(value.as_integer()->get());
         else
             reader.refuse(value, "a module parameter is a whole number, or a text without quotation marks");
     }
-    return text;
+    return parameters;
 }
 
 bool is_hca_name(const std::string& name)
 {
     constexpr size_t longest = sizeof(kq_hca_name) - 1;
     return !name.empty() && name.size() <= longest &&
-           std::ranges::all_of(name, [](unsigned char each) { return std::isprint(each); });
+           std::ranges::all_of(name, [](unsigned char byte) { return std::isprint(byte); });
 }
 
-// Host number i, from 1, when it has no address of its own.
-std::string numbered_address(size_t i)
+// The address of a host for which none is configured. Numbers begin with 1.
+std::string numbered_address(size_t number)
 {
-    return "10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256);
+    return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
 }
 
-world::hca_plan read_hca(const toml::table& table, const std::string& file, size_t index, bool is_real)
+ats::result<world::hca_plan> read_hca(const toml::table& table, const std::string& file, size_t index, bool is_real)
 {
     table_reader reader(table, file);
     world::hca_plan plan;
-    const toml::node* const named = reader.find("name");
-    if (is_real && !named) reader.refuse(table, "an HCA of a real fabric needs its name; 'ats check' lists them");
+    const toml::node* const name = reader.find("name");
+    if (is_real && !name) reader.refuse(table, "an HCA of a real fabric needs its name; 'ats check' lists them");
     plan.name = reader.text("name", "mthca" + std::to_string(index));
-    if (!is_hca_name(plan.name)) reader.refuse(*named, "an HCA's name has 1 to 99 printable characters");
+    if (!is_hca_name(plan.name)) reader.refuse(*name, "an HCA's name has 1 to 99 printable characters");
     if (!is_real) plan.ports = reader.number("ports", 1, 1, 2);
-    reader.finish();
-    return plan;
+    return reader.finish().map([&] { return plan; });
 }
 
-// A module's parameters may not say again, unchecked, what the host's own keys say.
-void refuse_identity_parameters(table_reader& reader, const toml::table* ats)
+// The HCAs of a host. A host on an embedded fabric has `default_hcas` if it lists none.
+std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& file, bool is_real,
+                                       std::vector<world::hca_plan> default_hcas)
 {
-    for (const auto& [parameter, key] : {std::pair{"ats_ipaddr_str", "address"}, std::pair{"ats_hostName_str", "name"}})
-        if (const toml::node* const given = ats ? ats->get(parameter) : nullptr)
-            reader.refuse(*given, std::string("give '") + key + "' in the [[host]] table instead of " + parameter);
+    const std::vector<const toml::table*> tables = reader.tables("hca");
+    if (!is_real && tables.empty()) return default_hcas;
+    if (tables.size() > max_hcas) reader.refuse(*tables.back(), "a host has at most 32 HCAs");
+    std::vector<world::hca_plan> hcas;
+    std::set<std::string> names;
+    for (size_t i = 0; i < tables.size(); ++i) {
+        const ats::result<world::hca_plan> hca = read_hca(*tables[i], file, i, is_real);
+        if (!hca)
+            reader.keep(hca.error());
+        else if (!names.insert(hca->name).second)
+            reader.refuse(*tables[i], "there are two HCAs named " + console::quote(hca->name) + " on one host");
+        else
+            hcas.push_back(*hca);
+    }
+    return hcas;
 }
 
-struct read_host_plan {
+// The host's own keys give its identity, and are checked; module parameters would bypass the check.
+void refuse_identity_parameters(table_reader& reader)
+{
+    const toml::table* const ats = reader.table("ats");
+    if (!ats) return;
+    for (const auto& [parameter, key] : {std::pair{"ats_ipaddr_str", "address"}, std::pair{"ats_hostName_str", "name"}})
+        if (const toml::node* const value = ats->get(parameter))
+            reader.refuse(*value, std::string("give '") + key + "' in the [[host]] table instead of " + parameter);
+}
+
+struct addressed_host {
     world::host_plan plan;
     std::string address;
 };
 
-read_host_plan read_host(const toml::table& table, const std::string& file, world_config& config)
+// Reads the next host of `config`. Adds warnings to it.
+ats::result<addressed_host> read_host(const toml::table& table, const std::string& file, world_config& config)
 {
     const bool is_real = config.fabric.is_real;
-    const size_t index = config.hosts.size();
+    const size_t number = config.hosts.size() + 1;
     table_reader reader(table, file);
-    const std::string number = std::to_string(index + 1);
     world::host_plan plan;
-    const bool is_named = reader.find("name") || !is_real;
-    plan.name = is_named ? reader.text("name", "node" + number) : console::host_name_of_machine(config.remarks);
+    if (reader.find("name") || !is_real)
+        plan.name = reader.text("name", "node" + std::to_string(number));
+    else
+        plan.name = console::host_name_of_machine(config.warnings);
     if (!console::is_host_name(plan.name))
         reader.refuse(table, console::quote(plan.name) + " cannot be a host name: give it a 'name' of " +
                                  console::host_name_rule);
 
-    const std::string address = reader.text("address", is_real ? "" : numbered_address(index + 1));
+    const std::string address = reader.text("address", is_real ? "" : numbered_address(number));
     if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
-    if (const toml::node* const given = reader.find("address"))
-        console::value_or_throw(console::host_address_of(address, reader.place_of(*given)));
+    if (const toml::node* const node = reader.find("address")) {
+        const ats::result<uint32_t> ip = console::host_address_of(address, reader.place_of(*node));
+        if (!ip) reader.keep(ip.error());
+    }
 
     plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
     plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
-    const std::vector<const toml::table*> hcas = reader.tables("hca");
-    if (is_real || !hcas.empty()) plan.hcas.clear();
-    if (hcas.size() > max_hcas) reader.refuse(*hcas.back(), "a host has at most 32 HCAs");
-    std::set<std::string> names;
-    for (size_t i = 0; i < hcas.size(); ++i) {
-        plan.hcas.push_back(read_hca(*hcas[i], file, i, is_real));
-        if (!names.insert(plan.hcas.back().name).second)
-            reader.refuse(*hcas[i],
-                          "there are two HCAs named " + console::quote(plan.hcas.back().name) + " on one host");
-    }
-
-    refuse_identity_parameters(reader, reader.table("ats"));
+    plan.hcas = read_hcas(reader, file, is_real, std::move(plan.hcas));
+    refuse_identity_parameters(reader);
     plan.modules = world::usual_modules(plan.name, address);
-    for (world::module_plan& module : plan.modules)
-        module.parameters += read_parameters(reader, reader.table(module.name));
-    reader.finish();
-    return {plan, address};
+    for (world::module_plan& module : plan.modules) module.parameters += read_parameters(reader, module.name);
+    return reader.finish().map([&] { return addressed_host{plan, address}; });
 }
 
-fabric_config read_fabric(const toml::table& table, const std::string& file)
+ats::result<fabric_config> read_fabric(const toml::table& table, const std::string& file)
 {
+    constexpr int longest_interval_ms = 60'000;
     table_reader reader(table, file);
     fabric_config fabric;
-    const auto word = [&](const char* key, const char* otherwise, std::initializer_list<std::string> valid) {
-        const std::string chosen = reader.text(key, otherwise);
-        if (std::ranges::count(valid, chosen) > 0) return chosen;
-        std::string words;
-        for (const std::string& each : valid) words += (words.empty() ? "" : " or ") + console::quote(each);
-        reader.refuse(*reader.find(key), "'" + std::string(key) + "' must be " + words);
-    };
-    fabric.is_real = word("kind", "embedded", {"embedded", "umad"}) == "umad";
+    fabric.is_real = reader.word("kind", "embedded", {"embedded", "umad"}) == "umad";
     fabric.capture = reader.text("capture", "");
     if (fabric.is_real) {
-        constexpr int longest_interval_ms = 60'000;
-        fabric.ports.sa_delete_p_key = delete_p_key_of(word("sa_delete_pkey", "auto", {"auto", "on", "off"}));
+        fabric.ports.sa_delete_p_key = delete_p_key_of(reader.word("sa_delete_pkey", "auto", {"auto", "on", "off"}));
         fabric.ports.watch_interval_ticks =
             static_cast<uint64_t>(reader.number("port_interval_ms", 1000, 10, longest_interval_ms));
     }
-    reader.finish();
-    return fabric;
+    return reader.finish().map([&] { return fabric; });
+}
+
+// Reads the hosts of the file, for the fabric of `config`. Adds hosts and warnings to it. Stops at a host that is
+// wrong.
+void read_hosts(table_reader& reader, const std::string& file, world_config& config)
+{
+    std::set<std::string> names;
+    std::map<std::string, std::string> owners; // by address
+    for (const toml::table* table : reader.tables("host")) {
+        if (config.fabric.is_real && !config.hosts.empty())
+            reader.refuse(*table, "on a real fabric there is one host, which is this machine");
+        const ats::result<addressed_host> host = read_host(*table, file, config);
+        if (!host) return reader.keep(host.error());
+        const auto& [plan, address] = *host;
+        config.hosts.push_back(plan);
+        if (!names.insert(plan.name).second)
+            reader.refuse(*table, "there are two hosts named " + console::quote(plan.name));
+        const auto [owner, is_new] = owners.emplace(address, plan.name);
+        if (!is_new)
+            config.warnings.push_back(reader.place_of(*table) +
+                                      console::shared_address_warning(plan.name, owner->second, address));
+    }
+}
+
+ats::result<toml::table> parse(const std::string& path)
+{
+    try {
+        return toml::parse_file(path);
+    } catch (const toml::parse_error& error) {
+        const uint32_t line = error.source().begin.line; // 0: the file cannot be read
+        return ats::fail(error_kind::invalid,
+                         path + (line > 0 ? ":" + std::to_string(line) : "") + ": " + std::string(error.description()));
+    }
 }
 
 } // namespace
@@ -229,15 +188,16 @@ umad::delete_p_key delete_p_key_of(const std::string& word)
     return word == "off" ? umad::delete_p_key::off : umad::delete_p_key::automatic;
 }
 
-world_config real_host(const std::string& name, const std::string& address, const umad::fabric_options& ports)
+ats::result<world_config> real_host(const std::string& name, const std::string& address,
+                                    const umad::fabric_options& ports)
 {
     world_config config{.fabric = {.is_real = true, .ports = ports}};
     world::host_plan plan;
-    plan.name = name.empty() ? console::host_name_of_machine(config.remarks) : name;
+    plan.name = name.empty() ? console::host_name_of_machine(config.warnings) : name;
     if (!console::is_host_name(plan.name))
-        throw console::failure(console::exit_usage, console::quote(plan.name) + " cannot be a host name: give --name " +
-                                                        console::host_name_rule);
-    console::value_or_throw(console::host_address_of(address));
+        return ats::fail(error_kind::invalid,
+                         console::quote(plan.name) + " cannot be a host name: give --name " + console::host_name_rule);
+    if (const ats::result<uint32_t> ip = console::host_address_of(address); !ip) return ats::pass_on(ip);
     plan.hcas.clear();
     plan.modules = world::usual_modules(plan.name, address);
     config.hosts = {plan};
@@ -256,37 +216,22 @@ world_config numbered_hosts(int count)
     return config;
 }
 
-world_config read_world_config(const std::string& path)
+ats::result<world_config> read_world_config(const std::string& path)
 {
-    toml::table root;
-    try {
-        root = toml::parse_file(path);
-    } catch (const toml::parse_error& error) {
-        const uint32_t line = error.source().begin.line; // 0: it cannot be read at all
-        throw console::failure(console::exit_usage, path + (line > 0 ? ":" + std::to_string(line) : "") + ": " +
-                                                        std::string(error.description()));
-    }
-
-    table_reader reader(root, path);
+    const ats::result<toml::table> root = parse(path);
+    if (!root) return ats::pass_on(root);
+    table_reader reader(*root, path);
     world_config config;
-    if (const toml::table* fabric = reader.table("fabric")) config.fabric = read_fabric(*fabric, path);
-    std::set<std::string> names;
-    std::map<std::string, std::string> owners; // by address
-    for (const toml::table* host : reader.tables("host")) {
-        if (config.fabric.is_real && !config.hosts.empty())
-            reader.refuse(*host, "on a real fabric there is one host, which is this machine");
-        const auto [plan, address] = read_host(*host, path, config);
-        config.hosts.push_back(plan);
-        if (!names.insert(plan.name).second)
-            reader.refuse(*host, "there are two hosts named " + console::quote(plan.name));
-        if (const auto [owner, is_new] = owners.emplace(address, plan.name); !is_new)
-            config.remarks.push_back(reader.place_of(*host) +
-                                     console::shared_address_warning(plan.name, owner->second, address));
+    if (const toml::table* table = reader.table("fabric")) {
+        const ats::result<fabric_config> fabric = read_fabric(*table, path);
+        if (!fabric) return ats::pass_on(fabric);
+        config.fabric = *fabric;
     }
-    reader.finish();
+    read_hosts(reader, path, config);
+    if (const ats::result<> finished = reader.finish(); !finished) return ats::pass_on(finished);
     if (config.hosts.empty())
-        throw console::failure(console::exit_usage, path + ":1: no [[host]] table: name at least one host");
-    if (config.hosts.size() > max_hosts) throw console::failure(console::exit_usage, path + ":1: more than 1000 hosts");
+        return ats::fail(error_kind::invalid, path + ":1: no [[host]] table: name at least one host");
+    if (config.hosts.size() > max_hosts) return ats::fail(error_kind::invalid, path + ":1: more than 1000 hosts");
     if (config.fabric.is_real)
         for (const world::hca_plan& hca : config.hosts.front().hcas) config.fabric.ports.hcas.push_back(hca.name);
     return config;

@@ -1,0 +1,90 @@
+#include "cli/service/fabric-arguments.h"
+
+#include <cstdio>
+
+#include "console/usage.h"
+#include "host/world/printable.h"
+
+namespace cli
+{
+
+namespace
+{
+
+using ats::error_kind;
+
+// Prints a line for the administrator: on the terminal, or into the journal. Any thread.
+void print_report(const std::string& line)
+{
+    std::fprintf(stderr, "ats: %s\n", world::printable_lines(line).c_str());
+}
+
+ats::result<world_config> real_config(const fabric_arguments& arguments)
+{
+    if (arguments.hosts_option->count() > 0)
+        return ats::fail(error_kind::invalid,
+                         "--hosts is for the embedded fabric: on a real one there is one host, this machine");
+    if (arguments.address.empty())
+        return ats::fail(error_kind::invalid, "a host on a real fabric needs its address: add --address, as in "
+                                              "--address 10.0.0.1 (that of its IPoIB interface, if it has one)");
+    return real_host(arguments.name, arguments.address,
+                     {.hcas = arguments.hcas,
+                      .watch_interval_ticks = static_cast<uint64_t>(arguments.port_interval_ms),
+                      .sa_delete_p_key = delete_p_key_of(arguments.sa_delete_pkey)});
+}
+
+} // namespace
+
+void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Option* hosts, CLI::Option* config)
+{
+    arguments.hosts_option = hosts;
+    auto* kind = command
+                     .add_option("--fabric", arguments.kind,
+                                 "embedded: hosts on a fabric inside the program (default); umad: this machine on its "
+                                 "real InfiniBand ports")
+                     ->check(console::one_of({"embedded", "umad"}))
+                     ->excludes(config)
+                     ->option_text("KIND");
+    const auto make_real_only = [&](CLI::Option* option, const char* value_name) {
+        option->needs(kind)->excludes(hosts)->option_text(value_name);
+        arguments.real_only_options.push_back(option);
+    };
+    make_real_only(
+        command.add_option("--hca", arguments.hcas, "Use this HCA; may be given several times (default: all)")
+            ->take_all(),
+        "NAME");
+    make_real_only(command.add_option("--name", arguments.name, "The host name to register (default: this machine's)"),
+                   "NAME");
+    make_real_only(command.add_option("--address", arguments.address, "The IPv4 address to register"), "ADDRESS");
+    make_real_only(command
+                       .add_option("--sa-delete-pkey", arguments.sa_delete_pkey,
+                                   "Give Deletes the P_Key of this host's record: auto, on or off (default: auto)")
+                       ->check(console::one_of({"auto", "on", "off"})),
+                   "WHEN");
+    make_real_only(command
+                       .add_option("--port-interval", arguments.port_interval_ms,
+                                   "How often ports are asked for their state, in ms (default: 1000)")
+                       ->check(console::number_from(10, 60'000)),
+                   "MS");
+    command.add_option("--capture", arguments.capture, "Write every datagram to this file, for Wireshark and tshark")
+        ->option_text("FILE");
+}
+
+ats::result<world_config> with_fabric(world_config config, const fabric_arguments& arguments)
+{
+    if (arguments.is_real()) {
+        ats::result<world_config> real = real_config(arguments);
+        if (!real) return real;
+        config = std::move(*real);
+    }
+    for (const CLI::Option* option : arguments.real_only_options)
+        if (!arguments.is_real() && option->count() > 0)
+            return ats::fail(error_kind::invalid,
+                             option->get_name() +
+                                 " is for --fabric umad; hosts on the embedded fabric are described by --config");
+    config.fabric.ports.report = print_report;
+    if (!arguments.capture.empty()) config.fabric.capture = arguments.capture;
+    return config;
+}
+
+} // namespace cli
