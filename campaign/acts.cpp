@@ -1,4 +1,4 @@
-// Everything that can happen in a campaign.
+// All kinds of acts of a campaign, and what each of them does.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -14,107 +14,109 @@ namespace campaign
 namespace
 {
 
-constexpr uint16_t spare_lids = 0x1000; // LIDs from here on are no port's
+constexpr uint16_t spare_lids = 0x1000; // no port has this LID or a higher one
 
 // ---- what users do ----
 
-// `kind`: the act whose mark the answer will count for, if any.
-question& new_question(node& at, std::optional<uint32_t> kind)
+// `act_kind`: the answer counts as an effect of this kind of act. Null: the answer does not count.
+question& new_question(node& node, std::optional<uint32_t> act_kind)
 {
-    ++at.in.done.questions;
-    return at.questions.emplace_back(question{.asked_at = at, .kind = kind, .begun_tick = at.in.now()});
+    ++node.fabric.counts.questions;
+    return node.questions.emplace_back(question{.asker = node, .act_kind = act_kind, .begun_tick = node.fabric.now()});
 }
 
-// An address that somebody has or had, or nobody.
-uint32_t any_address(arena& in, uint32_t a)
+// An address that some host has or had, or sometimes one that no host ever had.
+uint32_t any_address(tested_fabric& fabric, uint32_t a)
 {
-    const node& of = in.hosts[a % in.hosts.size()];
-    return a % 16 == 0 ? 0x0100000Au + a : of.addresses_given[(a >> 8) % of.addresses_given.size()];
+    const std::vector<uint32_t>& addresses = fabric.nodes[a % fabric.nodes.size()].addresses_given;
+    return a % 16 == 0 ? 0x0100000Au + a : addresses[(a >> 8) % addresses.size()];
 }
 
-kq_gid_t any_gid(arena& in, uint32_t a)
+// The GID of some port, or sometimes one that no port has.
+kq_gid_t any_gid(tested_fabric& fabric, uint32_t a)
 {
-    node& of = in.hosts[a % in.hosts.size()];
-    fabric::hca& hca = *of.hcas[(a >> 8) % of.hcas.size()];
-    const auto gid = hca.read_port(1 + static_cast<int>((a >> 16) % static_cast<uint32_t>(hca.port_count()))).gids[0];
-    kq_gid_t read = *world::parse_gid(embedded::text_of(gid));
-    if (a % 16 == 0) ++read.subnet; // nobody's
-    return read;
+    node& node = fabric.nodes[a % fabric.nodes.size()];
+    fabric::hca& hca = *node.hcas[(a >> 8) % node.hcas.size()];
+    const int port = 1 + static_cast<int>((a >> 16) % static_cast<uint32_t>(hca.port_count()));
+    kq_gid_t gid = *world::parse_gid(embedded::text_of(hca.read_port(port).gids[0]));
+    if (a % 16 == 0) ++gid.subnet; // no port's
+    return gid;
 }
 
-void ask_gid(arena& in, const act& it)
+void ask_gid(tested_fabric& fabric, const act& act)
 {
-    node& host = in.host(it);
-    host.start("ask", [&host, ip = any_address(in, it.a), it] {
-        ask_for_gid(new_question(host, it.kind), ip, it.b % 2 == 0);
+    node& node = fabric.node_of(act);
+    node.start("ask", [&node, ip = any_address(fabric, act.a), act] {
+        ask_for_gid(new_question(node, act.kind), ip, act.b % 2 == 0);
     });
 }
 
-void ask_address(arena& in, const act& it)
+void ask_address(tested_fabric& fabric, const act& act)
 {
-    node& host = in.host(it);
-    host.start("ask", [&host, gid = any_gid(in, it.a), it] { ask_for_address(new_question(host, it.kind), gid); });
+    node& node = fabric.node_of(act);
+    node.start("ask",
+               [&node, gid = any_gid(fabric, act.a), act] { ask_for_address(new_question(node, act.kind), gid); });
 }
 
-// True if so many questions of the host wait for an answer that the module's pool has too few datagrams for them.
-bool has_many_open(const node& host)
+// True if more questions of the host wait for an answer than its module's pool has datagrams.
+bool has_many_open(const node& node)
 {
     constexpr ptrdiff_t pool_size = 16;
-    return std::ranges::count_if(host.questions, [](const question& each) { return !each.is_settled(); }) > pool_size;
+    return std::ranges::count_if(node.questions, [](const question& each) { return !each.is_settled(); }) > pool_size;
 }
 
-// Half of the questions are for a GID, half for an address.
-void ask_many(arena& in, const act& it)
+// Asks alternately for a GID and for an address.
+void ask_many(tested_fabric& fabric, const act& act)
 {
-    node& host = in.host(it);
-    for (uint32_t i = 0; i < 10 + it.b % 40; ++i) {
-        const uint32_t a = it.a + (i << 8 | i);
+    node& node = fabric.node_of(act);
+    for (uint32_t i = 0; i < 10 + act.b % 40; ++i) {
+        const uint32_t a = act.a + (i << 8 | i);
         if (i % 2 == 0)
-            host.start("ask", [&host, ip = any_address(in, a), it] {
-                ask_for_gid(new_question(host, std::nullopt), ip, it.b % 2 == 0);
-                host.in.mark(it, has_many_open(host));
+            node.start("ask", [&node, ip = any_address(fabric, a), act] {
+                ask_for_gid(new_question(node, std::nullopt), ip, act.b % 2 == 0);
+                node.fabric.mark(act, has_many_open(node));
             });
         else
-            host.start("ask", [&host, gid = any_gid(in, a), it] {
-                ask_for_address(new_question(host, std::nullopt), gid);
-                host.in.mark(it, has_many_open(host));
+            node.start("ask", [&node, gid = any_gid(fabric, a), act] {
+                ask_for_address(new_question(node, std::nullopt), gid);
+                node.fabric.mark(act, has_many_open(node));
             });
     }
 }
 
-void withdraw_some(arena& in, const act& it)
+void withdraw_some(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("withdraw", [&at, it] {
-        for (size_t i = at.questions.size(); i-- > 0 && i + 4 > at.questions.size();)
-            if (!at.questions[i].is_closed) at.in.mark(it, withdraw(at.questions[i]));
+    node& node = fabric.node_of(act);
+    node.start("withdraw", [&node, act] {
+        for (size_t i = node.questions.size(); i-- > 0 && i + 4 > node.questions.size();)
+            if (!node.questions[i].is_closed) node.fabric.mark(act, withdraw(node.questions[i]));
     });
 }
 
-void report(arena& in, const act& it)
+void report(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("report", [&at, it] { at.in.mark(it, !at.read_control().empty()); });
+    node& node = fabric.node_of(act);
+    node.start("report", [&node, act] { node.fabric.mark(act, !node.read_control().empty()); });
 }
 
-// Writes to the control file. True if it was taken and the task sent a request meanwhile.
-bool write_makes_request(node& at, const std::string& text)
+// Writes to the control file. True if the calling task sent a request during the write.
+bool write_makes_request(node& node, const std::string& text)
 {
-    const uint64_t sent_before = at.in.wire.sent_by_this_task();
-    return at.write_control(text) && at.in.wire.sent_by_this_task() > sent_before;
+    const uint64_t old_requests = node.fabric.wire.requests_of_this_task();
+    return node.write_control(text) && node.fabric.wire.requests_of_this_task() > old_requests;
 }
 
-void control_rarp(arena& in, const act& it)
+void control_rarp(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("control", [&at, it, gid = any_gid(in, it.a)] {
-        at.in.mark(it, write_makes_request(at, "rarp " + world::format_gid(gid)));
+    node& node = fabric.node_of(act);
+    node.start("control", [&node, act, gid = any_gid(fabric, act.a)] {
+        node.fabric.mark(act, write_makes_request(node, "rarp " + world::format_gid(gid)));
     });
 }
 
-// Words that are commands, words that are none, wrong numbers of them, bytes, and more than there is room for. None of
-// it changes what the host registers.
-void control_garbage(arena& in, const act& it)
+// Writes commands with wrong arguments, unknown words, arbitrary bytes, and more than the module reads. Nothing of this
+// changes what the host registers.
+void control_garbage(tested_fabric& fabric, const act& act)
 {
     static const char* const words[] = {"rarp",
                                         "0x",
@@ -132,102 +134,117 @@ void control_garbage(arena& in, const act& it)
                                         "-1",
                                         "\xff\x80"};
     std::string text;
-    for (uint32_t i = 0, bits = it.b; i < it.a % 7; ++i, bits >>= 4) text += std::string(words[bits % 15]) + " ";
-    if (it.a % 11 == 0) text += std::string(it.b % 5000, static_cast<char>('!' + it.b % 90));
-    if (it.a % 5 == 0) text += '\n';
-    node& at = in.host(it);
-    at.longest_period = 180;
-    at.may_not_verify = true;
-    at.start("control", [&at, it, text] {
-        std::string said;
-        at.in.mark(it, at.write_control(text, &said) && !said.empty());
+    for (uint32_t i = 0, bits = act.b; i < act.a % 7; ++i, bits >>= 4) text += std::string(words[bits % 15]) + " ";
+    if (act.a % 11 == 0) text += std::string(act.b % 5000, static_cast<char>('!' + act.b % 90));
+    if (act.a % 5 == 0) text += '\n';
+    node& node = fabric.node_of(act);
+    node.longest_period = 180;
+    node.may_not_verify = true;
+    node.start("control", [&node, act, text] {
+        std::string output;
+        node.fabric.mark(act, node.write_control(text, &output) && !output.empty());
     });
 }
 
-void verify_period(arena& in, const act& it)
+void verify_period(tested_fabric& fabric, const act& act)
 {
     static constexpr int periods[] = {0, -5, 10, 20, 30, 60, 90}, skews[] = {0, 1, 10, 100, 250, -7};
-    node& at = in.host(it);
-    at.longest_period = 180; // the longest of these, twice
-    at.may_not_verify = true;
-    const int period = periods[it.a % 7], skew = skews[it.b % 6];
-    at.start("control", [&at, it, period, skew] {
-        if (at.write_control("sa_verify_period " + std::to_string(period) + " " + std::to_string(skew)))
-            at.expect_verification(it, {{"period", std::max(period, 0)}, {"skew", std::clamp(skew, 0, 100)}});
+    node& node = fabric.node_of(act);
+    node.longest_period = 180; // the longest of these, twice
+    node.may_not_verify = true;
+    const int period = periods[act.a % 7], skew = skews[act.b % 6];
+    node.start("control", [&node, act, period, skew] {
+        if (node.write_control("sa_verify_period " + std::to_string(period) + " " + std::to_string(skew)))
+            node.expect_verification(act, {{"period", std::max(period, 0)}, {"skew", std::clamp(skew, 0, 100)}});
     });
 }
 
-// ---- what the administrator changes; it must be true at the SA soon ----
+// ---- what the administrator changes; the SA must have the change soon ----
 
-void expect_truth_soon(node& at)
+void expect_truth_soon(node& node)
 {
-    at.disturbed_tick = at.in.now();
-    at.start("check", [&at, acted_tick = at.in.now()] { check_promptly(at, acted_tick); });
+    node.disturbed_tick = node.fabric.now();
+    node.start("check", [&node, acted_tick = node.fabric.now()] { check_promptly(node, acted_tick); });
 }
 
-// A host is given a name by the control file or by the exported call.
-bool give_name(node& at, const std::string& name, uint32_t way)
+// Writes a line and returns true if the module logged no failure.
+bool write_succeeds(node& node, const std::string& line)
 {
-    std::string said;
-    if (way % 2 == 0) return at.write_control("set_host_name " + name, &said) && said.find("FAIL") == std::string::npos;
-    const kernel::held_symbol call(at.machine().modules, "ats", "ats_sa_set_hostname");
+    std::string output;
+    return node.write_control(line, &output) && output.find("FAIL") == std::string::npos;
+}
+
+// Names the host, through the control file or through the exported call. True if the module reported success.
+bool give_name(node& node, const std::string& name, uint32_t way)
+{
+    if (way % 2 == 0) return write_succeeds(node, "set_host_name " + name);
+    const kernel::held_symbol call(node.machine().modules, "ats", "ats_sa_set_hostname");
     return call && call.as<int32_t (*)(const char*)>()(name.c_str()) == 0;
 }
 
-bool give_address(node& at, uint32_t ip, uint32_t way)
+// Sets the address of all HCAs, in one of the module's four ways. True if the module reported success.
+bool give_address(node& node, uint32_t ip, uint32_t way)
 {
     using set_address = int32_t (*)(uint32_t);
+    using set_address_text = int32_t (*)(const char*);
     const std::string text = world::format_ipv4(ip);
-    std::string said;
-    if (way % 4 == 0) return at.write_control("set_ip_addrs " + text, &said) && said.find("FAIL") == std::string::npos;
-    if (way % 4 == 1) {
-        const world::published<set_address> call(at.machine(), "ATS_SA_SET_IP_ADDR");
+    switch (way % 4) {
+    case 0:
+        return write_succeeds(node, "set_ip_addrs " + text);
+    case 1: {
+        const world::published<set_address> call(node.machine(), "ATS_SA_SET_IP_ADDR");
         return call && (*call)(ip) == 0;
     }
-    const kernel::held_symbol call(at.machine().modules, "ats",
-                                   way % 4 == 2 ? "ats_sa_set_ip_addrs" : "ats_sa_set_ip_addrs_str");
-    if (!call) return false;
-    return (way % 4 == 2 ? call.as<set_address>()(ip) : call.as<int32_t (*)(const char*)>()(text.c_str())) == 0;
+    case 2: {
+        const kernel::held_symbol call(node.machine().modules, "ats", "ats_sa_set_ip_addrs");
+        return call && call.as<set_address>()(ip) == 0;
+    }
+    default: {
+        const kernel::held_symbol call(node.machine().modules, "ats", "ats_sa_set_ip_addrs_str");
+        return call && call.as<set_address_text>()(text.c_str()) == 0;
+    }
+    }
 }
 
-void rename(arena& in, const act& it)
+void rename(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("rename", [&at, it] {
-        const std::string name = at.next_name(it.b);
-        const uint64_t began_tick = at.in.now();
-        at.change_identity([&] { return at.in.mark(it, give_name(at, name, it.a)); },
-                           [&] {
-                               at.name = name;
-                               at.name_is_certain = true;
-                               at.name_tick = began_tick;
-                           });
-        expect_truth_soon(at);
+    node& node = fabric.node_of(act);
+    node.start("rename", [&node, act] {
+        const std::string name = node.next_name(act.b);
+        const uint64_t began_tick = node.fabric.now();
+        node.change_identity([&] { return node.fabric.mark(act, give_name(node, name, act.a)); },
+                             [&] {
+                                 node.name = name;
+                                 node.name_is_certain = true;
+                                 node.name_tick = began_tick;
+                             });
+        expect_truth_soon(node);
     });
 }
 
-void readdress(arena& in, const act& it)
+void readdress(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("readdress", [&at, it] {
-        const uint32_t ip = at.next_address();
-        at.change_identity([&] { return at.in.mark(it, give_address(at, ip, it.a)); },
-                           [&] {
-                               at.address.assign(at.hcas.size(), ip);
-                               at.address_is_certain = true;
-                           });
-        expect_truth_soon(at);
+    node& node = fabric.node_of(act);
+    node.start("readdress", [&node, act] {
+        const uint32_t ip = node.next_address();
+        node.change_identity([&] { return node.fabric.mark(act, give_address(node, ip, act.a)); },
+                             [&] {
+                                 node.address.assign(node.hcas.size(), ip);
+                                 node.address_is_certain = true;
+                             });
+        expect_truth_soon(node);
     });
 }
 
-// The first HCA's record goes, until its next verification sets one with the new address.
-void delete_ip(arena& in, const act& it)
+// Deletes the first HCA's record. Its next verification sets one with the new address.
+void delete_ip(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("control", [&at, it] {
-        const uint32_t ip = at.next_address();
-        at.change_identity(
-            [&] { return at.in.mark(it, write_makes_request(at, "delete_ip " + world::format_ipv4(ip))); }, [] {});
+    node& node = fabric.node_of(act);
+    node.start("control", [&node, act] {
+        const uint32_t ip = node.next_address();
+        node.change_identity(
+            [&] { return node.fabric.mark(act, write_makes_request(node, "delete_ip " + world::format_ipv4(ip))); },
+            [] {});
     });
 }
 
@@ -237,117 +254,124 @@ const char* any_module(uint32_t a)
     return modules[a % 4];
 }
 
-void insmod(arena& in, const act& it)
+void insmod(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("insmod", [&at, it] {
-        if (at.in.mark(it, at.load(any_module(it.a)))) expect_truth_soon(at);
+    node& node = fabric.node_of(act);
+    node.start("insmod", [&node, act] {
+        if (node.fabric.mark(act, node.load(any_module(act.a)))) expect_truth_soon(node);
     });
 }
 
-void rmmod(arena& in, const act& it)
+void rmmod(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    at.start("rmmod", [&at, it] { at.in.mark(it, at.unload(any_module(it.a))); });
+    node& node = fabric.node_of(act);
+    node.start("rmmod", [&node, act] { node.fabric.mark(act, node.unload(any_module(act.a))); });
 }
 
 // ---- links ----
 
-fabric::hca& any_hca(node& at, const act& it)
+fabric::hca& any_hca(node& node, const act& act)
 {
-    return *at.hcas[it.a % at.hcas.size()];
+    return *node.hcas[act.a % node.hcas.size()];
 }
 
 // Sets the link's state. True if the state changed.
-bool change_link(arena& in, const act& it, bool up)
+bool change_link(tested_fabric& fabric, const act& act, bool is_up)
 {
-    node& at = in.host(it);
-    fabric::hca& hca = any_hca(at, it);
-    const int port = 1 + static_cast<int>(it.b % static_cast<uint32_t>(hca.port_count()));
-    const fabric::link_state before = hca.read_port(port).state;
-    (void)(up ? in.net.link_up(at.host.name(), hca.name(), port) : in.net.link_down(at.host.name(), hca.name(), port));
-    ++in.done.faults;
-    expect_truth_soon(at);
-    return hca.read_port(port).state != before;
-}
-void link_goes_down(arena& in, const act& it)
-{
-    in.mark(it, change_link(in, it, false));
-}
-void link_comes_up(arena& in, const act& it)
-{
-    change_link(in, it, true);
+    node& node = fabric.node_of(act);
+    fabric::hca& hca = any_hca(node, act);
+    const int port = 1 + static_cast<int>(act.b % static_cast<uint32_t>(hca.port_count()));
+    const fabric::link_state old_state = hca.read_port(port).state;
+    if (is_up)
+        (void)fabric.subnet.link_up(node.host.name(), hca.name(), port);
+    else
+        (void)fabric.subnet.link_down(node.host.name(), hca.name(), port);
+    ++fabric.counts.faults;
+    expect_truth_soon(node);
+    return hca.read_port(port).state != old_state;
 }
 
-// Many events in one tick; the links are up behind them.
-void event_storm(arena& in, const act& it)
+void link_goes_down(tested_fabric& fabric, const act& act)
 {
-    act one = it;
-    for (uint32_t i = 0; i < 2 + it.a % 60; ++i, one.b = one.b * 0x9E3779B1 + 1)
-        in.mark(it, change_link(in, one, one.b >> 31));
-    for (one.b = 0; one.b < 2; ++one.b) change_link(in, one, true);
+    fabric.mark(act, change_link(fabric, act, false));
+}
+
+void link_comes_up(tested_fabric& fabric, const act& act)
+{
+    change_link(fabric, act, true);
+}
+
+// Changes a host's links many times in one tick. Afterwards they are up.
+void event_storm(tested_fabric& fabric, const act& act)
+{
+    auto change = act;
+    for (uint32_t i = 0; i < 2 + act.a % 60; ++i) {
+        fabric.mark(act, change_link(fabric, change, change.b >> 31));
+        change.b = change.b * 0x9E3779B1 + 1;
+    }
+    for (change.b = 0; change.b < 2; ++change.b) change_link(fabric, change, true);
 }
 
 // ---- faults of a host ----
 
-// Counts the failed calls of the act that armed the host's fault injector, if there is one, and disarms it.
-void end_failing_calls(node& at)
+// Disarms the host's fault injector. If an act had armed it, the calls that failed since then count for that act.
+void end_failing_calls(node& node)
 {
-    kernel::fault_injector& faults = at.machine().faults;
-    if (at.failing_calls) {
-        at.in.done.marks[at.failing_calls->kind] += faults.failures();
-        at.in.done.faults += faults.failures();
+    kernel::fault_injector& faults = node.machine().faults;
+    if (node.failing_calls) {
+        node.fabric.counts.marks[node.failing_calls->kind] += faults.failures();
+        node.fabric.counts.faults += faults.failures();
     }
-    at.failing_calls.reset();
+    node.failing_calls.reset();
     faults.disarm();
 }
 
-// An act that fails calls takes the place of one that the host has already.
-kernel::fault_injector& begin_failing_calls(node& at, const act& it)
+// Returns the host's fault injector, for `act` to arm. An earlier act that still lets calls fail ends here.
+kernel::fault_injector& begin_failing_calls(node& node, const act& act)
 {
-    end_failing_calls(at);
-    at.failing_calls = it;
-    at.may_be_misread = true;
-    return at.machine().faults;
+    end_failing_calls(node);
+    node.failing_calls = act;
+    node.may_be_misread = true;
+    return node.machine().faults;
 }
 
-void calls_fail_by_chance(arena& in, const act& it)
+void calls_fail_by_chance(tested_fabric& fabric, const act& act)
 {
-    begin_failing_calls(in.host(it), it).fail_some(1 + it.a % 40, it.b);
+    begin_failing_calls(fabric.node_of(act), act).fail_some(1 + act.a % 40, act.b);
 }
 
-void one_call_fails(arena& in, const act& it)
+void one_call_fails(tested_fabric& fabric, const act& act)
 {
     static const char* const calls[] = {"gsi_dtgrm_pool_get",   "gsi_post_send_dtgrm",       "kq_port_query",
                                         "kq_get_port_gid_tbl",  "kq_get_port_partition_tbl", "kmalloc",
                                         "gsi_deregister_class", "down_interruptible",        "copy_from_user"};
-    begin_failing_calls(in.host(it), it).fail_calls(calls[it.a % 9], 1 + it.b % 30);
+    begin_failing_calls(fabric.node_of(act), act).fail_calls(calls[act.a % 9], 1 + act.b % 30);
 }
 
-void calls_work(arena& in, const act& it)
+void calls_work(tested_fabric& fabric, const act& act)
 {
-    end_failing_calls(in.host(it));
+    end_failing_calls(fabric.node_of(act));
 }
 
-void signal_a_task(arena& in, const act& it)
+void signal_a_task(tested_fabric& fabric, const act& act)
 {
-    std::vector<exec::task*> own;
-    for (exec::task* each : in.sim->tasks())
-        if (each->home == &in.host(it).machine()) own.push_back(each);
-    if (!own.empty()) exec::send_signal(*own[it.a % own.size()]);
+    std::vector<exec::task*> tasks;
+    for (exec::task* each : fabric.simulation->tasks())
+        if (each->home == &fabric.node_of(act).machine()) tasks.push_back(each);
+    if (!tasks.empty()) exec::send_signal(*tasks[act.a % tasks.size()]);
 }
 
-void clear_signals(arena& in, const act& it)
+void clear_signals(tested_fabric& fabric, const act& act)
 {
-    for (exec::task* each : in.sim->tasks())
-        if (each->home == &in.host(it).machine()) exec::clear_signal(*each);
-    in.done.marks[it.kind] += in.host(it).machine().signals_seen.exchange(0);
+    for (exec::task* each : fabric.simulation->tasks())
+        if (each->home == &fabric.node_of(act).machine()) exec::clear_signal(*each);
+    fabric.counts.marks[act.kind] += fabric.node_of(act).machine().signals_seen.exchange(0);
 }
 
 // ---- faults of the network and of the SA ----
 
-// A switch of the subnet's, true or a number: set to 1 up to `most` while the act lasts.
-template <auto knob, uint32_t most = 1>
+// A kind of act that sets a switch of the subnet, a bool or a number, to 1 up to `highest` while it lasts.
+template <auto fault_switch, uint32_t highest = 1>
 act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
                   uint64_t embedded::fault_effects::*effect)
 {
@@ -355,45 +379,48 @@ act_kind switches(const char* name, int weight, uint64_t longest_ticks, const ch
             weight,
             harm::network,
             longest_ticks,
-            [](arena& in, const act& it) { in.net.faults.*knob = 1 + it.a % most; },
-            [](arena& in, const act&) { in.net.faults.*knob = 0; },
+            [](tested_fabric& fabric, const act& act) { fabric.subnet.faults.*fault_switch = 1 + act.a % highest; },
+            [](tested_fabric& fabric, const act&) { fabric.subnet.faults.*fault_switch = 0; },
             mark,
             effect};
 }
 
-void sa_answers_a_status(arena& in, const act& it)
+void sa_answers_a_status(tested_fabric& fabric, const act& act)
 {
-    const uint16_t status = it.b % 3 == 0 ? static_cast<uint16_t>(it.a) : static_cast<uint16_t>((it.a % 9) << 8);
-    in.net.faults.answer_with(status, 1 + it.b % 50);
-}
-void sa_answers_again(arena& in, const act&)
-{
-    in.net.faults.sa_status_count = 0;
+    const uint16_t status = act.b % 3 == 0 ? static_cast<uint16_t>(act.a) : static_cast<uint16_t>((act.a % 9) << 8);
+    fabric.subnet.faults.answer_with(status, 1 + act.b % 50);
 }
 
-void sa_forgets_all(arena& in, const act& it)
+void sa_answers_again(tested_fabric& fabric, const act&)
 {
-    in.mark(it, in.net.forget_all() > 0);
+    fabric.subnet.faults.sa_status_count = 0;
 }
 
-void sa_forgets_one(arena& in, const act& it)
+void sa_forgets_all(tested_fabric& fabric, const act& act)
 {
-    node& at = in.host(it);
-    fabric::hca& hca = any_hca(at, it);
-    for (int port = 1; port <= hca.port_count(); ++port) in.mark(it, in.net.forget(hca.read_port(port).gids[0]) > 0);
+    fabric.mark(act, fabric.subnet.forget_all() > 0);
 }
 
-void sa_comes_back_from_the_past(arena& in, const act& it)
+void sa_forgets_one(tested_fabric& fabric, const act& act)
 {
-    const std::vector<ib_service_record_v2_t> before = in.net.save_records();
-    in.net.restore_records(in.kept_records[it.a % in.kept_records.size()]);
+    node& node = fabric.node_of(act);
+    fabric::hca& hca = any_hca(node, act);
+    for (int port = 1; port <= hca.port_count(); ++port)
+        fabric.mark(act, fabric.subnet.forget(hca.read_port(port).gids[0]) > 0);
+}
+
+// The SA restarts with the records of an earlier minute.
+void sa_comes_back_from_the_past(tested_fabric& fabric, const act& act)
+{
+    const std::vector<ib_service_record_v2_t> old_records = fabric.subnet.save_records();
+    fabric.subnet.restore_records(fabric.kept_records[act.a % fabric.kept_records.size()]);
     const auto is_same = [](const auto& a, const auto& b) { return memcmp(&a, &b, sizeof a) == 0; };
-    in.mark(it, !std::ranges::equal(before, in.net.save_records(), is_same));
+    fabric.mark(act, !std::ranges::equal(old_records, fabric.subnet.save_records(), is_same));
 }
 
-void sm_hands_over(arena& in, const act& it)
+void sm_hands_over(tested_fabric& fabric, const act& act)
 {
-    (void)in.net.set_sm(static_cast<uint16_t>(spare_lids + it.a % 1000), static_cast<uint8_t>(it.b % 8));
+    (void)fabric.subnet.set_sm(static_cast<uint16_t>(spare_lids + act.a % 1000), static_cast<uint8_t>(act.b % 8));
 }
 
 using faults = embedded::fault_switches;

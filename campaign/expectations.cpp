@@ -1,4 +1,4 @@
-// What the service must achieve: the SA holds the truth about every host, and every lookup gets it.
+// What the service must achieve: the SA has the right record of every host, and every lookup returns it.
 #include <algorithm>
 #include <cstring>
 #include <random>
@@ -17,284 +17,299 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t soon_ticks = 600;            // for a change to arrive at the SA
-constexpr uint64_t verification_ticks = 60'600; // the longest period, as it is by default
-constexpr uint64_t answer_ticks = 3 * second;   // for a question to be settled, and more
-constexpr uint64_t calm_ticks = 30 * second;    // for every call to come to its end
+constexpr uint64_t soon_ticks = 600;            // within this time a change reaches the SA
+constexpr uint64_t verification_ticks = 60'600; // the longest time between two verifications, by default
+constexpr uint64_t answer_ticks = 3 * second;   // within this time every question is settled
+constexpr uint64_t calm_ticks = 30 * second;    // within this time every running call ends
 constexpr size_t lookups_per_host = 6;
 
 using records_t = std::vector<ib_service_record_v2_t>;
 using embedded::view_of;
 
-// What the service does not look at again by itself may stay wrong: a name after harm, and what was false when it was
-// read from the port or when it arrived at the SA.
+// The service checks the address of its record only. Other fields may stay wrong: the name if harm was done since the
+// host was named, and fields that were misread from the port or corrupted on the way to the SA.
 enum class excuse { none, harm_since_named, false_record };
 
-// What is wrong about the record of an HCA's active port.
+// One thing that is wrong about the record of an HCA's active port.
 struct flaw {
-    std::string what;
-    excuse has = excuse::none;
+    std::string text; // empty: no flaw
+    excuse possible_excuse = excuse::none;
 };
 
-bool is_excused(node& at, const flaw& wrong)
+// True if the harm that the host has suffered explains the flaw.
+bool is_excused(node& node, const flaw& flaw)
 {
-    const bool was_harmed = !at.in.network.quiet_since(at.name_tick) || !at.harm().quiet_since(at.name_tick);
-    return (wrong.has == excuse::harm_since_named && was_harmed) ||
-           (wrong.has == excuse::false_record && (at.in.network.ever || at.may_be_misread));
+    const bool was_harmed =
+        !node.fabric.network.quiet_since(node.name_tick) || !node.harm().quiet_since(node.name_tick);
+    return (flaw.possible_excuse == excuse::harm_since_named && was_harmed) ||
+           (flaw.possible_excuse == excuse::false_record && (node.fabric.network.ever || node.may_be_misread));
 }
 
 // True if every byte of the record is as a host registers it.
 bool is_as_registered(const ib_service_record_v2_t& record)
 {
-    const ib_service_record_v2_t like = records::encode(records::decode(record));
-    return memcmp(&like, &record, sizeof record) == 0;
+    const ib_service_record_v2_t registered = records::encode(records::decode(record));
+    return memcmp(&registered, &record, sizeof record) == 0;
 }
 
-flaw flaw_of(node& at, size_t hca, const std::string& gid, const std::string& ipv4, const records_t& records)
+// The flaw of the record that `records`, those of the SA, hold of this GID. The host reports the address `ipv4` for it.
+flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& ipv4, const records_t& records)
 {
     const auto has_gid = [&](const auto& each) { return view_of(each).gid == gid; };
-    const auto found = std::ranges::find_if(records, has_gid);
-    if (found == records.end()) return {"there is no record of " + gid};
+    const auto record = std::ranges::find_if(records, has_gid);
+    if (record == records.end()) return {"there is no record of " + gid};
     if (std::ranges::count_if(records, has_gid) > 1)
         return {"there are several records of " + gid, excuse::false_record};
-    const embedded::service_record_view held = view_of(*found);
-    if (held.ipv4 != ipv4) return {gid + " has the address " + held.ipv4 + ", not " + ipv4};
-    if (at.address_is_certain && ipv4 != world::format_ipv4(at.address[hca]))
-        return {"the host has the address " + ipv4 + ", not " + world::format_ipv4(at.address[hca])};
-    if (std::ranges::find(at.addresses_given, *world::parse_ipv4(held.ipv4)) == at.addresses_given.end())
-        return {"nobody gave the address " + held.ipv4};
-    if (held.p_key != at.hcas[hca]->read_port(1).p_keys[0] || !is_as_registered(*found))
-        return {"the P_Key or what should be the same in all records is another in that of " + gid,
-                excuse::false_record};
-    if (at.name_is_certain && held.host_name != at.name.substr(0, 30))
-        return {gid + " has the name " + held.host_name + ", not " + at.name, excuse::harm_since_named};
-    if (std::ranges::find(at.names_given, held.host_name) == at.names_given.end())
-        return {"nobody gave the name " + held.host_name, excuse::false_record};
+    const embedded::service_record_view view = view_of(*record);
+    if (view.ipv4 != ipv4) return {gid + " has the address " + view.ipv4 + ", not " + ipv4};
+    if (node.address_is_certain && ipv4 != world::format_ipv4(node.address[hca]))
+        return {"the host has the address " + ipv4 + ", not " + world::format_ipv4(node.address[hca])};
+    if (std::ranges::find(node.addresses_given, *world::parse_ipv4(view.ipv4)) == node.addresses_given.end())
+        return {"nobody gave the address " + view.ipv4};
+    if (view.p_key != node.hcas[hca]->read_port(1).p_keys[0] || !is_as_registered(*record))
+        return {"the record of " + gid + " has a wrong P_Key or a wrong constant field", excuse::false_record};
+    if (node.name_is_certain && view.host_name != node.name.substr(0, 30))
+        return {gid + " has the name " + view.host_name + ", not " + node.name, excuse::harm_since_named};
+    if (std::ranges::find(node.names_given, view.host_name) == node.names_given.end())
+        return {"nobody gave the name " + view.host_name, excuse::false_record};
     return {};
 }
 
-// The records that a host should have, and what is wrong with them. Called by a task of the host.
-struct finding {
-    std::vector<std::string> gids; // registered
+// The GIDs that a host should have records of, and what is wrong with these records.
+struct findings {
+    std::vector<std::string> gids;
     std::vector<flaw> flaws;
 };
 
-finding examine(node& at)
+// Compares the host's own report with the links and with the SA's records. Called by a task of the host. Without the
+// module there is nothing to find.
+findings examine(node& node)
 {
-    finding found;
-    const console::json shown = at.read_control();
-    if (shown.is_null()) return found;
-    const records_t records = at.in.net.save_records();
-    if (shown.size() != at.hcas.size()) found.flaws.push_back({"it does not serve each HCA"});
-    for (size_t i = 0; i < shown.size(); ++i) {
-        const console::json& active = shown[i]["active_port"];
-        ++at.in.done.truths;
-        if (active.is_null() == at.has_link(i)) {
-            found.flaws.push_back(
+    findings findings;
+    const console::json report = node.read_control();
+    if (report.is_null()) return findings;
+    const records_t records = node.fabric.subnet.save_records();
+    if (report.size() != node.hcas.size()) findings.flaws.push_back({"it does not serve each HCA"});
+    for (size_t i = 0; i < report.size(); ++i) {
+        const console::json& active = report[i]["active_port"];
+        ++node.fabric.counts.truths;
+        if (active.is_null() == node.has_link(i)) {
+            findings.flaws.push_back(
                 {active.is_null() ? "no port is active in spite of a link" : "a port is active without a link"});
         } else if (!active.is_null()) {
-            const console::json& port = shown[i]["ports"][active.get<size_t>() - 1];
-            found.gids.push_back(port["gid"]);
-            if (flaw wrong = flaw_of(at, i, port["gid"], port["address"], records); !wrong.what.empty())
-                found.flaws.push_back(wrong);
+            const console::json& port = report[i]["ports"][active.get<size_t>() - 1];
+            findings.gids.push_back(port["gid"]);
+            const flaw flaw = flaw_of(node, i, port["gid"], port["address"], records);
+            if (!flaw.text.empty()) findings.flaws.push_back(flaw);
         }
     }
-    return found;
+    return findings;
 }
 
-void fail(node& at, const std::string& what)
+[[noreturn]] void fail(node& node, const std::string& fault)
 {
-    at.in.violate(at.host.name() + ": " + what);
+    node.fabric.violate(node.host.name() + ": " + fault);
 }
 
-// ---- in the end ----
+// ---- at the end ----
 
-void end_faults(arena& in)
+// Brings all links up and waits until no task of an act runs.
+void end_faults(tested_fabric& fabric)
 {
-    const bool queries_may_have_failed = std::ranges::any_of(in.hosts, [](node& each) { return each.harm().ever; });
-    for (node& each : in.hosts)
+    const bool queries_may_have_failed = std::ranges::any_of(fabric.nodes, [](node& each) { return each.harm().ever; });
+    for (node& each : fabric.nodes)
         for (fabric::hca* hca : each.hcas)
             for (int port = 1; port <= hca->port_count(); ++port)
-                (void)in.net.link_up(each.host.name(), hca->name(), port);
-    // A port whose query failed is read again when it hears of an event, and not before.
-    if (queries_may_have_failed || in.network.ever) (void)in.net.set_sm(0x2FFF, 0);
-    in.sim->run_for(calm_ticks);
-    for (node& each : in.hosts) {
+                (void)fabric.subnet.link_up(each.host.name(), hca->name(), port);
+    // If the query of a port failed, the service reads it again only at its next event.
+    if (queries_may_have_failed || fabric.network.ever) (void)fabric.subnet.set_sm(0x2FFF, 0);
+    fabric.simulation->run_for(calm_ticks);
+    for (node& each : fabric.nodes) {
         each.reap();
-        if (each.has_tasks()) in.violate("somebody is stuck:\n" + in.sim->report());
+        if (each.has_tasks()) fabric.violate("a task does not end:\n" + fabric.simulation->report());
     }
 }
 
-// Three of four hosts that are down come back, and everybody verifies as usual.
-void bring_hosts_up(arena& in)
+// Loads the modules on three of four hosts that are down. All hosts verify with the default period again.
+void bring_hosts_up(tested_fabric& fabric)
 {
     uint64_t longest_period = 0;
-    for (node& each : in.hosts) {
+    for (node& each : fabric.nodes) {
         each.machine().enter("insmod", [&] {
-            // Loaded when the HCAs could not be listed, it serves none.
+            // A module that could not list the HCAs when it was loaded serves none.
             if (each.may_be_misread && each.read_control() == console::json::array()) each.unload("ats");
-            if (!each.is_live() && (in.what.seed + each.number) % 4 == 0) return;
+            if (!each.is_live() && (fabric.plan.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})
                 if (!each.machine().modules.is_loaded(module)) each.load(module);
-            if (!each.is_live()) fail(each, "it does not start, though nothing fails");
+            if (!each.is_live()) fail(each, "it does not start, although nothing fails");
             each.write_control("sa_verify_period 60 1");
         });
         longest_period = std::max(longest_period, each.longest_period);
     }
-    in.sim->run_for(longest_period * second);
+    fabric.simulation->run_for(longest_period * second);
 }
 
-node& owner_of(arena& in, const std::string& gid)
+node& owner_of(tested_fabric& fabric, const std::string& gid)
 {
-    for (node& each : in.hosts)
+    for (node& each : fabric.nodes)
         for (fabric::hca* hca : each.hcas)
             for (int port = 1; port <= hca->port_count(); ++port)
                 if (embedded::text_of(hca->read_port(port).gids[0]) == gid) return each;
-    in.violate("the SA holds a record of " + gid + ", which is nobody's");
+    fabric.violate("the SA holds a record of " + gid + ", which no port has");
 }
 
-// Every live host's records, compared with the truth: what is left at the SA besides them, and what is excused.
-void compare_records(arena& in, std::vector<std::string>* to_forget)
+// Compares the SA's records with the truth. With `to_forget`, excused flaws are allowed: the GIDs of wrong or left-over
+// records are added to it. Without it, no flaw is allowed.
+void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
 {
     std::vector<std::string> true_gids;
-    for (node& each : in.hosts) {
+    for (node& each : fabric.nodes) {
         if (!each.is_live()) continue;
-        finding found;
-        each.machine().enter("check", [&] { found = examine(each); });
-        for (const flaw& wrong : found.flaws)
-            if (!to_forget || !is_excused(each, wrong)) fail(each, wrong.what);
-        if (found.flaws.empty()) true_gids.insert(true_gids.end(), found.gids.begin(), found.gids.end());
+        findings findings;
+        each.machine().enter("check", [&] { findings = examine(each); });
+        for (const flaw& flaw : findings.flaws)
+            if (!to_forget || !is_excused(each, flaw)) fail(each, flaw.text);
+        if (findings.flaws.empty()) true_gids.insert(true_gids.end(), findings.gids.begin(), findings.gids.end());
     }
-    for (const ib_service_record_v2_t& raw : in.net.save_records()) {
+    for (const ib_service_record_v2_t& raw : fabric.subnet.save_records()) {
         const embedded::service_record_view record = view_of(raw);
         if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
-        const node& owner = owner_of(in, record.gid);
-        if (!to_forget || !(in.network.ever || owner.harm().ever || owner.may_have_left_records))
-            in.violate("the SA still holds a record of " + record.gid + ", " + record.host_name);
+        const node& owner = owner_of(fabric, record.gid);
+        if (!to_forget || !(fabric.network.ever || owner.harm().ever || owner.may_have_left_records))
+            fabric.violate("the SA still holds a record of " + record.gid + ", " + record.host_name);
         to_forget->push_back(record.gid);
     }
 }
 
-void forget(arena& in, const std::vector<std::string>& gids)
+void forget(tested_fabric& fabric, const std::vector<std::string>& gids)
 {
     for (const std::string& text : gids) {
         const wire_gid_t gid = to_wire(*world::parse_gid(text));
-        in.net.forget(std::to_array(gid.bytes));
+        fabric.subnet.forget(std::to_array(gid.bytes));
     }
 }
 
-question& ask_and_wait(node& at, const std::function<void(question&)>& ask)
+// Asks through `ask` and runs the simulation until the question is settled, or for `answer_ticks`.
+const question& ask_and_wait(node& node, const std::function<void(question&)>& ask)
 {
-    question& asked = at.questions.emplace_back(question{.asked_at = at, .kind = {}, .begun_tick = at.in.now()});
-    at.machine().enter("ask", [&] { ask(asked); });
-    for (uint64_t waited = 0; !asked.is_settled() && waited < answer_ticks; ++waited) at.in.sim->run_for(1);
-    ++at.in.done.questions;
-    ++at.in.done.truths;
-    return asked;
+    auto& question = node.questions.emplace_back(
+        campaign::question{.asker = node, .act_kind = std::nullopt, .begun_tick = node.fabric.now()});
+    node.machine().enter("ask", [&] { ask(question); });
+    const uint64_t deadline_tick = node.fabric.now() + answer_ticks;
+    while (!question.is_settled() && node.fabric.now() < deadline_tick) node.fabric.simulation->run_for(1);
+    ++node.fabric.counts.questions;
+    ++node.fabric.counts.truths;
+    return question;
 }
 
-ibat_stat_t status_of(const question& asked)
+ibat_stat_t status_of(const question& question)
 {
-    return asked.returned == ibat_stat_pending ? asked.status : asked.returned;
+    return question.returned == ibat_stat_pending ? question.status : question.returned;
 }
 
-// True if the question brought an address or a GID. An SA that answers status 0 without a look brings neither.
-bool has_answer(const question& asked)
+// True if the answer holds an address or a GID. If the SA answers every request with status 0, it holds neither.
+bool has_answer(const question& question)
 {
-    return status_of(asked) == ibat_stat_ok && (asked.by_gid ? asked.ip != 0 : !(asked.gid == kq_gid_t{}));
+    if (status_of(question) != ibat_stat_ok) return false;
+    return question.by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
-// Every live host finds what the SA holds about some of the others: each GID has its address, and each address that
-// one record has its GID. An address that two HCAs of a host share has no single answer.
-void compare_lookups(arena& in)
+// Lets every live host look up some of the SA's records, by GID and by address. Two HCAs of a host may share an
+// address: then its lookup may return either GID, and is not compared.
+void compare_lookups(tested_fabric& fabric)
 {
-    std::mt19937_64 dice(in.what.seed);
-    const std::vector<embedded::service_record_view> records = in.net.service_records();
+    std::mt19937_64 dice(fabric.plan.seed);
+    const std::vector<embedded::service_record_view> records = fabric.subnet.service_records();
     if (records.empty()) return;
-    for (node& at : in.hosts) {
-        if (!at.is_live()) continue;
-        at.machine().enter("flush", [&at] { (**world::published<ibat_flush_fn_t>(at.machine(), "ibat_flush_fn"))(); });
+    for (node& node : fabric.nodes) {
+        if (!node.is_live()) continue;
+        node.machine().enter("flush",
+                             [&node] { (**world::published<ibat_flush_fn_t>(node.machine(), "ibat_flush_fn"))(); });
         for (size_t i = 0; i < lookups_per_host; ++i) {
-            const embedded::service_record_view& wanted = records[dice() % records.size()];
-            const uint32_t ip = *world::parse_ipv4(wanted.ipv4);
-            const kq_gid_t gid = *world::parse_gid(wanted.gid);
-            const bool is_shared = std::ranges::count(records, wanted.ipv4, &embedded::service_record_view::ipv4) > 1;
-            const question& by_ip = ask_and_wait(at, [&](question& asked) { ask_for_gid(asked, ip, true); });
+            const embedded::service_record_view& record = records[dice() % records.size()];
+            const uint32_t ip = *world::parse_ipv4(record.ipv4);
+            const kq_gid_t gid = *world::parse_gid(record.gid);
+            const bool is_shared = std::ranges::count(records, record.ipv4, &embedded::service_record_view::ipv4) > 1;
+            const question& by_ip = ask_and_wait(node, [&](question& question) { ask_for_gid(question, ip, true); });
             if (!is_shared && (status_of(by_ip) != ibat_stat_ok || !(by_ip.gid == gid)))
-                fail(at, wanted.ipv4 + " is " + world::format_gid(by_ip.gid) + ", status " +
-                             std::to_string(status_of(by_ip)) + ", instead of " + wanted.gid);
-            const question& by_gid = ask_and_wait(at, [&](question& asked) { ask_for_address(asked, gid); });
-            const bool serves_ucm = at.machine().inter_modules.references("ucm_rarp_attach_fn") > 0;
+                fail(node, record.ipv4 + " is " + world::format_gid(by_ip.gid) + ", status " +
+                               std::to_string(status_of(by_ip)) + ", instead of " + record.gid);
+            const question& by_gid = ask_and_wait(node, [&](question& question) { ask_for_address(question, gid); });
+            const bool serves_ucm = node.machine().inter_modules.references("ucm_rarp_attach_fn") > 0;
             if (serves_ucm && (status_of(by_gid) != ibat_stat_ok || by_gid.ip != ip))
-                fail(at, wanted.gid + " is " + world::format_ipv4(by_gid.ip) + ", status " +
-                             std::to_string(status_of(by_gid)) + ", instead of " + wanted.ipv4);
+                fail(node, record.gid + " is " + world::format_ipv4(by_gid.ip) + ", status " +
+                               std::to_string(status_of(by_gid)) + ", instead of " + record.ipv4);
         }
     }
 }
 
-// The order of loading was the hosts' own; a module in use leaves last.
-void shut_down(arena& in)
+// Unloads all modules. Nothing may be left: no memory, no pool, no record.
+void shut_down(tested_fabric& fabric)
 {
-    for (node& each : in.hosts) {
+    for (node& each : fabric.nodes) {
         each.machine().enter("rmmod", [&each] {
             for (const char* module : {"ats", "ucm", "ibat"})
                 if (each.machine().modules.is_loaded(module) && !each.unload(module))
-                    fail(each, std::string(module) + " does not go");
+                    fail(each, std::string(module) + " cannot be unloaded");
         });
         for (const std::string& leak : each.machine().memory.leaks()) fail(each, "it leaks " + leak);
         if (!each.machine().get<stack::gsi>().pools().empty()) fail(each, "a pool of datagrams is left");
     }
-    if (const auto left = in.net.service_records(); !left.empty())
-        in.violate("all hosts have gone, and the SA holds a record of " + left[0].gid + ", " + left[0].host_name);
+    const auto records = fabric.subnet.service_records();
+    if (!records.empty())
+        fabric.violate("all modules are unloaded, but the SA still holds a record of " + records[0].gid + ", " +
+                       records[0].host_name);
 }
 
-void settle_questions(arena& in)
+// Checks that every question was answered as often as it may be, and counts the answers as effects of the acts.
+void settle_questions(tested_fabric& fabric)
 {
-    for (node& at : in.hosts)
-        for (const question& each : at.questions) {
+    for (node& node : fabric.nodes)
+        for (const question& each : node.questions) {
             if (each.returned == ibat_stat_pending && !each.is_closed && each.replies == 0)
-                fail(at, "a question of tick " + std::to_string(each.begun_tick) + " was never answered");
+                fail(node, "a question of tick " + std::to_string(each.begun_tick) + " was never answered");
             const bool may_reply =
                 each.returned == ibat_stat_pending || (each.of_service && each.returned == ibat_stat_error);
-            if (!may_reply && each.replies > 0) fail(at, "a question that was settled at once was answered again");
-            if (each.kind && has_answer(each)) ++in.done.marks[*each.kind];
+            if (!may_reply && each.replies > 0) fail(node, "a question that was settled at once was answered again");
+            if (each.act_kind && has_answer(each)) ++fabric.counts.marks[*each.act_kind];
         }
 }
 
 } // namespace
 
-void check_promptly(node& at, uint64_t acted_tick)
+void check_promptly(node& node, uint64_t acted_tick)
 {
     schedule_timeout_uninterruptible(soon_ticks);
-    // Whatever harm did before has been put right by verifications.
-    const uint64_t recovery_ticks = 2 * at.longest_period * second + answer_ticks;
-    const bool has_recovered = acted_tick > recovery_ticks && !at.may_not_verify;
+    // Two verifications repair what harm did before.
+    const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
+    const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
     const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
-    const bool is_undisturbed = at.disturbed_tick <= acted_tick && !at.is_changing() && at.is_live() &&
-                                !at.may_be_misread && at.in.network.quiet_since(quiet_tick) &&
-                                at.harm().quiet_since(quiet_tick);
+    const bool is_undisturbed = node.disturbed_tick <= acted_tick && !node.is_changing() && node.is_live() &&
+                                !node.may_be_misread && node.fabric.network.quiet_since(quiet_tick) &&
+                                node.harm().quiet_since(quiet_tick);
     if (!is_undisturbed) return;
-    for (const flaw& wrong : examine(at).flaws)
-        if (!is_excused(at, wrong))
-            fail(at, "it changed at tick " + std::to_string(acted_tick) + ", and " + wrong.what);
+    for (const flaw& flaw : examine(node).flaws)
+        if (!is_excused(node, flaw))
+            fail(node, "it changed at tick " + std::to_string(acted_tick) + ", but " + flaw.text);
 }
 
-void check_in_the_end(arena& in)
+void check_at_the_end(tested_fabric& fabric)
 {
-    end_faults(in);
-    bring_hosts_up(in);
-    in.sim->run_for(2 * verification_ticks + answer_ticks);
+    end_faults(fabric);
+    bring_hosts_up(fabric);
+    fabric.simulation->run_for(2 * verification_ticks + answer_ticks);
     std::vector<std::string> to_forget;
-    compare_records(in, &to_forget);
+    compare_records(fabric, &to_forget);
     if (!to_forget.empty()) {
-        // What the service cannot know to be wrong, an administrator puts right; then all is as it should be.
-        forget(in, to_forget);
-        in.sim->run_for(2 * verification_ticks + answer_ticks);
-        compare_records(in, nullptr);
+        // The service cannot see that these records are wrong. The SA loses them, and then everything must become
+        // right.
+        forget(fabric, to_forget);
+        fabric.simulation->run_for(2 * verification_ticks + answer_ticks);
+        compare_records(fabric, nullptr);
     }
-    compare_lookups(in);
-    shut_down(in);
-    settle_questions(in);
+    compare_lookups(fabric);
+    shut_down(fabric);
+    settle_questions(fabric);
 }
 
 } // namespace campaign

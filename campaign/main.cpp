@@ -1,4 +1,4 @@
-// ats-campaign: tries to break the service, one seed after another, and replays and shortens what broke it.
+// ats-campaign: tries to break the service, one seed after another, and replays and shortens the runs that failed.
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <chrono>
@@ -13,46 +13,58 @@ namespace
 using namespace campaign;
 
 constexpr double ticks_per_hour = 3'600'000;
+constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
-constexpr int exit_interrupted = 130;   // as shells count a SIGINT
-constexpr const char* no_acts = "none"; // some seeds fail without any
+constexpr int exit_interrupted = 130;   // as shells report a SIGINT
+constexpr const char* no_acts = "none"; // some seeds fail without any act
 
-struct request {
-    uint64_t first = 1, last = 30;
+struct command_line {
+    uint64_t first_seed = 1, last_seed = 30;
     double hours = 0;
     int jobs = 2;
     bool minimise = false;
     std::vector<std::string> only; // acts; empty: all
-    options chosen;
+    run_options options;
 };
 
-uint64_t number_in(std::string_view text)
+ats::result<uint64_t> parse_number(std::string_view text)
 {
     uint64_t number = 0;
     const char* const end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stopped != end) throw CLI::ValidationError("'" + std::string(text) + "' is no number");
+    const auto [position, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || position != end)
+        return ats::fail(ats::error_kind::invalid, "'" + std::string(text) + "' is not a number");
     return number;
 }
 
-// "N", the first so many, or "A-B".
-void read_seeds(std::string_view range, request& into)
+// Reads "N", which means the first N seeds, or "A-B".
+ats::result<> read_seeds(std::string_view range, command_line& line)
 {
     const size_t dash = range.find('-');
-    into.first = dash == range.npos ? 1 : number_in(range.substr(0, dash));
-    into.last = number_in(range.substr(dash == range.npos ? 0 : dash + 1));
-    if (into.last < into.first) throw CLI::ValidationError("there is no seed in " + std::string(range));
+    const bool has_first = dash != range.npos;
+    const ats::result<uint64_t> first = has_first ? parse_number(range.substr(0, dash)) : 1;
+    const ats::result<uint64_t> last = parse_number(has_first ? range.substr(dash + 1) : range);
+    if (!first) return ats::pass_on(first);
+    if (!last) return ats::pass_on(last);
+    if (*last < *first) return ats::fail(ats::error_kind::invalid, "there is no seed in " + std::string(range));
+    line.first_seed = *first;
+    line.last_seed = *last;
+    return {};
 }
 
-std::vector<size_t> acts_chosen(const plan& of, const std::vector<std::string>& only)
+// The acts of a replay.
+ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector<std::string>& only)
 {
-    if (only.empty()) return all_acts(of);
+    if (only.empty()) return all_acts(plan);
     std::vector<size_t> numbers;
-    for (const std::string& each : only) {
-        if (each == no_acts) continue;
-        numbers.push_back(number_in(each));
-        if (numbers.back() >= of.acts.size())
-            throw CLI::ValidationError("there is no act " + each + ", only " + std::to_string(of.acts.size()));
+    for (const std::string& text : only) {
+        if (text == no_acts) continue;
+        const ats::result<uint64_t> number = parse_number(text);
+        if (!number) return ats::pass_on(number);
+        if (*number >= plan.acts.size())
+            return ats::fail(ats::error_kind::invalid,
+                             "there is no act " + text + ", only " + std::to_string(plan.acts.size()));
+        numbers.push_back(*number);
     }
     return numbers;
 }
@@ -65,114 +77,140 @@ std::vector<std::string> texts_of(const std::vector<size_t>& acts)
     return texts;
 }
 
-// `only` as a replay takes it.
-void complain(const outcome& failed, const std::vector<std::string>& only)
+// Prints the complaint of a failed run, and the command that replays it with these acts (`only` as on a command line).
+void show_failure(const run_result& failure, const std::vector<std::string>& only)
 {
     const std::string acts = only.empty() ? "" : " --only " + CLI::detail::join(only, ",");
-    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s --log seed-%lu.log\n", failed.seed,
-                failed.complaint.c_str(), failed.seed, acts.c_str(), failed.seed);
+    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s --log seed-%lu.log\n", failure.seed,
+                failure.complaint.c_str(), failure.seed, acts.c_str(), failure.seed);
     std::fflush(stdout);
 }
 
-void show(const figures& done, double seconds)
+// scripts/report reads this line.
+void show(const figures& counts, double seconds)
 {
-    const double hours = static_cast<double>(done.simulated_ticks) / ticks_per_hour;
+    const double hours = static_cast<double>(counts.simulated_ticks) / ticks_per_hour;
     std::printf("%lu seeds, %.1f simulated hours, %lu acts, %lu faults, %lu datagrams, %lu questions, %lu answers, "
                 "%lu truths, digest %016lx, %.1f s\n",
-                done.seeds, hours, done.acts, done.faults, done.datagrams, done.questions, done.answers, done.truths,
-                done.digest, seconds);
+                counts.seeds, hours, counts.acts, counts.faults, counts.datagrams, counts.questions, counts.answers,
+                counts.truths, counts.digest, seconds);
 }
 
-// One line for each kind of act: how often it took effect.
-void show_marks(const figures& done)
+// Prints one line for each kind of act: how often it took effect.
+void show_marks(const figures& counts)
 {
     for (size_t kind = 0; kind < act_kind_count; ++kind)
-        std::printf("%10lu  %s: %s\n", done.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
+        std::printf("%10lu  %s: %s\n", counts.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
 }
 
-// Complains of each kind of act that never took effect; returns how many there are. Few seeds do not draw every kind.
-int complain_of_idle_kinds(const figures& done)
+// Prints each kind of act that never took effect, and returns their number. Fewer seeds than 60 may lack some kinds, so
+// they are not checked.
+int show_idle_kinds(const figures& counts)
 {
     constexpr uint64_t seeds_with_every_kind = 60;
-    int idle = 0;
-    for (size_t kind = 0; kind < act_kind_count && done.seeds >= seeds_with_every_kind; ++kind) {
-        if (done.marks[kind] > 0) continue;
-        ++idle;
-        std::printf("FAILED: no act \"%s\" took effect in %lu seeds\n", act_kinds[kind].name, done.seeds);
+    if (counts.seeds < seeds_with_every_kind) return 0;
+    int idle_kinds = 0;
+    for (size_t kind = 0; kind < act_kind_count; ++kind) {
+        if (counts.marks[kind] > 0) continue;
+        ++idle_kinds;
+        std::printf("FAILED: no act \"%s\" took effect in %lu seeds\n", act_kinds[kind].name, counts.seeds);
     }
-    return idle;
+    return idle_kinds;
 }
 
-int replay(const request& asked)
+// Each of the next three returns the exit code. The error is one of the command line or of the system.
+
+ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, const run_options& options)
 {
-    const plan drawn = draw_plan(asked.first);
-    std::vector<size_t> acts = acts_chosen(drawn, asked.only);
-    outcome result = run_apart(drawn, acts, asked.chosen);
-    if (result.complaint.empty()) {
-        show(result.done, 0);
+    const ats::result<std::vector<size_t>> fewest_acts = shorten(plan, acts, options);
+    if (!fewest_acts) return ats::pass_on(fewest_acts);
+    for (const size_t number : *fewest_acts) std::printf("  %s\n", describe(plan, number).c_str());
+    const ats::result<run_result> result = run_apart(plan, *fewest_acts, options);
+    if (!result) return ats::pass_on(result);
+    show_failure(*result, texts_of(*fewest_acts));
+    return exit_failed;
+}
+
+ats::result<int> replay(const command_line& line)
+{
+    const plan plan = draw_plan(line.first_seed);
+    const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
+    if (!acts) return ats::pass_on(acts);
+    const ats::result<run_result> result = run_apart(plan, *acts, line.options);
+    if (!result) return ats::pass_on(result);
+    if (result->complaint.empty()) {
+        show(result->counts, 0);
         return 0;
     }
-    complain(result, asked.only);
-    if (!asked.minimise) return 1;
-    acts = shorten(drawn, acts, asked.chosen);
-    for (const size_t number : acts) std::printf("  %s\n", describe(drawn, number).c_str());
-    complain(run_apart(drawn, acts, asked.chosen), texts_of(acts));
-    return 1;
+    show_failure(*result, line.only);
+    return line.minimise ? minimise(plan, *acts, line.options) : exit_failed;
 }
 
-int run(const request& asked)
+ats::result<int> run(const command_line& line)
 {
-    const auto begun = std::chrono::steady_clock::now();
-    uint64_t failed = 0, ended = 0;
-    console::progress shown;
+    const auto begin = std::chrono::steady_clock::now();
+    const uint64_t seeds = line.last_seed - line.first_seed + 1;
+    uint64_t ended_seeds = 0, failed_seeds = 0;
+    console::progress progress;
     stop_when_interrupted();
-    const auto enough = [&](uint64_t begun_seeds, const figures& done) {
-        const double hours = static_cast<double>(done.simulated_ticks) / ticks_per_hour;
-        return begun_seeds > asked.last - asked.first && hours >= asked.hours;
+    const auto is_enough = [&](uint64_t started_seeds, const figures& counts) {
+        const double hours = static_cast<double>(counts.simulated_ticks) / ticks_per_hour;
+        return started_seeds >= seeds && hours >= line.hours;
     };
-    const figures done = run_many(asked.first, asked.jobs, asked.chosen, enough, [&](const outcome& each) {
-        ++ended;
-        if (!each.complaint.empty()) {
-            ++failed;
-            shown.clear();
-            complain(each, {});
+    const auto report = [&](const run_result& result) {
+        ++ended_seeds;
+        if (!result.complaint.empty()) {
+            ++failed_seeds;
+            progress.clear();
+            show_failure(result, {});
         }
-        const std::string all = asked.hours > 0 ? "" : " of " + std::to_string(asked.last - asked.first + 1);
-        shown.show(std::to_string(ended) + all + " seeds, " + std::to_string(failed) +
-                   " failed (Ctrl-C ends with a summary)");
-    });
-    shown.clear();
-    show(done, std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
-    show_marks(done);
-    const int idle = is_interrupted() ? 0 : complain_of_idle_kinds(done);
-    if (failed > 0) std::printf("%lu seeds FAILED\n", failed);
-    if (is_interrupted()) std::printf("INTERRUPTED: not all seeds were run\n");
-    return is_interrupted() ? exit_interrupted : failed > 0 || idle > 0 ? 1 : 0;
+        const std::string all_seeds = line.hours > 0 ? "" : " of " + std::to_string(seeds);
+        progress.show(std::to_string(ended_seeds) + all_seeds + " seeds, " + std::to_string(failed_seeds) +
+                      " failed (Ctrl-C ends with a summary)");
+    };
+    const ats::result<figures> counts = run_many(line.first_seed, line.jobs, line.options, is_enough, report);
+    progress.clear();
+    if (!counts) return ats::pass_on(counts);
+    show(*counts, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+    show_marks(*counts);
+    const int idle_kinds = is_interrupted() ? 0 : show_idle_kinds(*counts);
+    if (failed_seeds > 0) std::printf("%lu seeds FAILED\n", failed_seeds);
+    if (is_interrupted()) {
+        std::printf("INTERRUPTED: not all seeds were run\n");
+        return exit_interrupted;
+    }
+    return failed_seeds > 0 || idle_kinds > 0 ? exit_failed : 0;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    request asked;
-    asked.chosen.module_folder = world::default_module_folder();
-    CLI::App program("Tries to break the service, one seed after another, and replays and shortens what broke it.");
-    program.add_option_function<std::string>(
-        "--seeds", [&](const std::string& range) { read_seeds(range, asked); }, "N, or A-B: run so many, or those");
-    program.add_option("--hours", asked.hours, "go on until so many hours are simulated");
-    program.add_option("--jobs", asked.jobs, "how many at a time")->check(CLI::PositiveNumber);
-    const CLI::Option* one = program.add_option("--seed", asked.first, "replay this one");
-    program.add_option("--only", asked.only, "A,B,.. or none: these of its acts")->delimiter(',');
-    program.add_flag("--minimise", asked.minimise, "find the acts that it takes to fail");
-    program.add_option("--log", asked.chosen.log_path, "write what happens");
-    program.add_option("--capture", asked.chosen.capture_path, "write every datagram");
+    command_line line;
+    line.options.module_folder = world::default_module_folder();
+    CLI::App program(
+        "Tries to break the service, one seed after another, and replays and shortens the runs that failed.");
+    const auto read_range = [&](const std::string& range) {
+        if (const ats::result<> result = read_seeds(range, line); !result)
+            throw CLI::ValidationError(result.error().text); // how CLI11 is told of a wrong value
+    };
+    program.add_option_function<std::string>("--seeds", read_range, "N or A-B: run the first N seeds, or seeds A to B");
+    program.add_option("--hours", line.hours, "continue until so many hours are simulated");
+    program.add_option("--jobs", line.jobs, "run so many seeds at a time")->check(CLI::PositiveNumber);
+    const CLI::Option* seed = program.add_option("--seed", line.first_seed, "replay this seed");
+    program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")->delimiter(',');
+    program.add_flag("--minimise", line.minimise, "find the fewest acts that fail");
+    program.add_option("--log", line.options.log_path, "write every act and every log line to this file");
+    program.add_option("--capture", line.options.capture_path, "write every datagram to this file, for Wireshark");
     try {
         program.parse(argc, argv);
-        return one->count() > 0 ? replay(asked) : run(asked);
-    } catch (const CLI::ParseError& wrong) {
-        return program.exit(wrong) == 0 ? 0 : exit_usage;
-    } catch (const std::exception& wrong) {
-        std::fprintf(stderr, "ats-campaign: %s\n", wrong.what());
-        return exit_usage;
+        const ats::result<int> exit_code = seed->count() > 0 ? replay(line) : run(line);
+        if (exit_code) return *exit_code;
+        std::fprintf(stderr, "ats-campaign: %s\n", exit_code.error().text.c_str());
+    } catch (const CLI::ParseError& error) {
+        return program.exit(error) == 0 ? 0 : exit_usage;
+    } catch (const std::exception& exception) {
+        std::fprintf(stderr, "ats-campaign: %s\n", exception.what());
     }
+    return exit_usage;
 }

@@ -14,7 +14,7 @@ namespace
 {
 
 constexpr const char* control_file = "dorvex/ats/control";
-constexpr uint64_t delete_wait_ticks = 20;
+constexpr uint64_t delete_wait_ticks = 20; // the service waits so long for the answer to a Delete
 
 world::host_plan plan_of(size_t number, const host_shape& shape)
 {
@@ -26,68 +26,71 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
     return plan;
 }
 
-// The one active port is that which is said to be.
+// Only the active port may be in the state "Active". Returns the contradiction in the report, or an empty text.
 std::string contradiction_in(const console::json& hca)
 {
-    console::json active; // null: none
+    console::json active_port; // null: none
     for (const console::json& port : hca["ports"]) {
         if (port["state"] != "Active") continue;
-        if (!active.is_null()) return "there are two active ports";
-        active = port["port"];
+        if (!active_port.is_null()) return "there are two active ports";
+        active_port = port["port"];
     }
-    return active == hca["active_port"] ? "" : "the active port is not the one that is in that state";
+    return active_port == hca["active_port"] ? "" : "the active port is not in the state Active";
 }
 
 } // namespace
 
-node::node(arena& at, size_t its_number, const host_shape& shape)
-    : in(at), number(its_number), host(*in.sim, world::add_hcas(in.net, plan_of(number, shape)).value(),
-                                       plan_of(number, shape), in.module_folder, 1 + number),
+node::node(tested_fabric& fabric, size_t number, const host_shape& shape)
+    : fabric(fabric), number(number),
+      host(*fabric.simulation, world::add_hcas(fabric.subnet, plan_of(number, shape)).value(), plan_of(number, shape),
+           fabric.module_folder, 1 + number),
       harm_(std::make_unique<harm_watch>())
 {
     hcas = machine().hcas();
     if (shape.trace_level >= world::trace_level_debug)
-        for (const fabric::hca* each : hcas) {
+        for (fabric::hca* each : hcas) {
             std::array<fabric::gid_bytes, 2> gids{};
             for (int port = 1; port <= each->port_count(); ++port)
-                gids[static_cast<size_t>(port - 1)] = const_cast<fabric::hca*>(each)->read_port(port).gids[0];
+                gids[static_cast<size_t>(port - 1)] = each->read_port(port).gids[0];
             models.emplace_back(each->name(), each->port_count(), gids);
         }
     if (shape.has_watching_ucm) ucm = std::make_unique<watching_ucm>(*this);
     address.assign(hcas.size(), next_address());
     name = next_name(0);
-    machine().log.follow([this](const kernel::log_line& line) { logged(line.text); });
+    machine().log.follow([this](const kernel::log_line& line) { check_line(line.text); });
 }
 
 node::~node() = default;
 
-void node::logged(const std::string& line)
+void node::check_line(const std::string& line)
 {
-    in.note(host.name(), line);
-    const exec::task& by = *exec::current_task();
-    std::string wrong;
-    if (line.find("gsi_post_send_dtgrm() on dtgrm") != std::string::npos) sent_ticks_[&by] = in.now();
-    if (line.find("timeout on send DEL SR MAD") != std::string::npos && !by.signal)
-        if (const uint64_t took = in.now() - sent_ticks_[&by]; took != delete_wait_ticks)
-            wrong = "a delete was waited for " + std::to_string(took) + " ticks";
+    fabric.note(host.name(), line);
+    const exec::task& task = *exec::current_task();
+    std::string fault;
+    if (line.find("gsi_post_send_dtgrm() on dtgrm") != std::string::npos) sent_ticks_[&task] = fabric.now();
+    if (line.find("timeout on send DEL SR MAD") != std::string::npos && !task.signal) {
+        const uint64_t waited_ticks = fabric.now() - sent_ticks_[&task];
+        if (waited_ticks != delete_wait_ticks)
+            fault = "the wait for the answer to a Delete took " + std::to_string(waited_ticks) + " ticks";
+    }
     for (port_model& model : models)
-        if (wrong.empty()) wrong = model.logged(by, line, in.now() - disturbed_tick > harm_lasts_ticks);
-    if (!wrong.empty()) in.violate(host.name() + ": " + wrong + " (" + line + ")");
+        if (fault.empty()) fault = model.check_line(task, line, fabric.now() - disturbed_tick > harm_lasts_ticks);
+    if (!fault.empty()) fabric.violate(host.name() + ": " + fault + " (" + line + ")");
 }
 
 void node::start(const char* task_name, std::function<void()> body)
 {
-    running_task& started = *tasks_.emplace_back(std::make_unique<running_task>());
-    started.task = &machine().start(task_name, [&started, work = std::move(body)] {
+    running_task& entry = *tasks_.emplace_back(std::make_unique<running_task>());
+    entry.task = &machine().start(task_name, [&entry, work = std::move(body)] {
         work();
-        started.has_ended = true;
+        entry.has_ended = true;
     });
 }
 
 void node::reap()
 {
     for (const auto& each : tasks_)
-        if (each->has_ended) in.sim->join(*each->task);
+        if (each->has_ended) fabric.simulation->join(*each->task);
     std::erase_if(tasks_, [](const auto& each) { return each->has_ended; });
 }
 
@@ -102,34 +105,35 @@ uint32_t node::next_address()
     return ip;
 }
 
-// Some names have more than the 30 characters that are registered, and some just those.
-std::string node::next_name(uint32_t how)
+// A quarter of the names have 30 characters, as many as a record holds, or more.
+std::string node::next_name(uint32_t random)
 {
-    std::string given = host.name() + "-" + std::to_string(names_made_++);
-    if (how % 8 < 2) given += std::string((how % 8 == 0 ? 30 : 40) - given.size(), 'x');
-    names_given.push_back(given.substr(0, 30));
-    return given;
+    std::string next = host.name() + "-" + std::to_string(names_made_++);
+    if (random % 8 < 2) next.resize(random % 8 == 0 ? 30 : 40, 'x');
+    names_given.push_back(next.substr(0, 30));
+    return next;
 }
 
-void node::change_identity(const std::function<bool()>& change, const std::function<void()>& settled)
+void node::change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain)
 {
-    const bool alone = changes_running_++ == 0;
-    const uint64_t began = ++changes_begun_, began_tick = in.now();
+    const bool is_alone = changes_running_++ == 0;
+    const uint64_t change_number = ++changes_begun_;
+    const uint64_t begin_tick = fabric.now();
     name_is_certain = address_is_certain = false;
-    const bool went_well = change();
+    const bool succeeded = change();
     --changes_running_;
-    if (went_well && alone && changes_begun_ == began && in.network.quiet_since(began_tick) &&
-        harm().quiet_since(began_tick))
-        settled();
-    disturbed_tick = in.now();
+    const bool stayed_alone = is_alone && changes_begun_ == change_number;
+    if (succeeded && stayed_alone && fabric.network.quiet_since(begin_tick) && harm().quiet_since(begin_tick))
+        on_certain();
+    disturbed_tick = fabric.now();
 }
 
-bool node::write_control(const std::string& text, std::string* said)
+bool node::write_control(const std::string& text, std::string* output)
 {
     const exec::print_capture capture(exec::print_capture::also_log);
-    const int taken = machine().proc.write(control_file, text);
-    if (said) *said = capture.text();
-    return taken == static_cast<int>(text.size());
+    const int size = machine().proc.write(control_file, text);
+    if (output) *output = capture.text();
+    return size == static_cast<int>(text.size());
 }
 
 console::json node::read_control()
@@ -142,61 +146,63 @@ console::json node::read_control()
     }
     const console::json report = console::parse_control_report(text);
     if (verification_act_ && report["verification"] == verification_) {
-        in.mark(*verification_act_);
+        fabric.mark(*verification_act_);
         verification_act_.reset();
     }
-    const console::json& shown = report["hcas"];
-    for (size_t i = 0; i < shown.size(); ++i) {
-        std::string wrong = contradiction_in(shown[i]);
-        if (wrong.empty() && i < models.size()) wrong = models[i].compare(shown[i]);
-        if (!wrong.empty()) in.violate(host.name() + ": " + wrong);
+    const console::json& reported_hcas = report["hcas"];
+    for (size_t i = 0; i < reported_hcas.size(); ++i) {
+        std::string fault = contradiction_in(reported_hcas[i]);
+        if (fault.empty() && i < models.size()) fault = models[i].compare(reported_hcas[i]);
+        if (!fault.empty()) fabric.violate(host.name() + ": " + fault);
     }
-    return shown;
+    return reported_hcas;
 }
 
 void node::expect_verification(const act& act, console::json verification)
 {
-    const console::json by_default = {{"period", 60}, {"skew", 1}};
-    if (verification == by_default) return; // it may be shown without the act
+    const console::json default_verification = {{"period", 60}, {"skew", 1}};
+    if (verification == default_verification) return; // a report may show it without the act
     verification_act_ = act;
     verification_ = std::move(verification);
 }
 
 bool node::load(const std::string& module)
 {
-    const std::string image = in.module_folder + "/" + module + ".so";
-    if (module == "ucm" && ucm) return false; // its names are taken
+    const std::string image = fabric.module_folder + "/" + module + ".so";
+    if (module == "ucm" && ucm) return false; // watching_ucm has published its names
     if (module != "ats") return static_cast<bool>(machine().modules.insmod(image, ""));
-    bool loaded = false;
+    bool is_loaded = false;
     const uint32_t ip = address[0];
     const std::string host_name = name;
+    const std::string parameters = "ats_ipaddr_str=" + world::format_ipv4(ip) + " ats_hostName_str=" + host_name;
     change_identity(
         [&] {
-            return loaded = static_cast<bool>(machine().modules.insmod(
-                       image, "ats_ipaddr_str=" + world::format_ipv4(ip) + " ats_hostName_str=" + host_name));
+            is_loaded = static_cast<bool>(machine().modules.insmod(image, parameters));
+            return is_loaded;
         },
         [&] {
             std::ranges::fill(address, ip);
             name_is_certain = address_is_certain = true;
-            name_tick = in.now();
+            name_tick = fabric.now();
         });
-    return loaded;
+    return is_loaded;
 }
 
 bool node::unload(const std::string& module)
 {
-    // A host that is not sure of its active port, or has none, cannot delete.
+    // A host without an active port cannot delete its record. Just after a change it may have none yet.
     const auto is_settled = [&] {
         bool has_links = true;
         for (size_t hca = 0; hca < hcas.size(); ++hca) has_links = has_links && has_link(hca);
-        return has_links && in.now() - disturbed_tick > harm_lasts_ticks;
+        return has_links && fabric.now() - disturbed_tick > harm_lasts_ticks;
     };
     const bool was_settled = is_settled();
     if (!machine().modules.rmmod(module)) return false;
     if (module == "ats" && !(was_settled && is_settled())) may_have_left_records = true;
     for (question& each : questions)
-        if (module == "ats" && each.of_service) each.is_closed = true; // dropped without a word, if still open
-    disturbed_tick = in.now();
+        if (module == "ats" && each.of_service)
+            each.is_closed = true; // if it is still open, it is dropped without a callback
+    disturbed_tick = fabric.now();
     return true;
 }
 

@@ -1,4 +1,4 @@
-// A host of a campaign, with what its administrator believes of it.
+// A host of a campaign, and the identity that its administrator gave it.
 #pragma once
 
 #include <deque>
@@ -17,58 +17,65 @@
 namespace campaign
 {
 
-struct arena;
+struct tested_fabric;
 struct host_shape;
 
 struct harm_watch;
 
 struct node {
-    node(arena& in, size_t number, const host_shape& shape);
+    node(tested_fabric& fabric, size_t number, const host_shape& shape);
     ~node();
 
     kernel::machine& machine() { return host.machine(); }
     bool is_live() { return machine().modules.is_loaded("ats"); }
 
-    // Runs `body` in a task of the host; the arena waits for its end in the end.
+    // Runs `body` in a new task of the host. check_at_the_end() requires that it ends.
     void start(const char* task_name, std::function<void()> body);
+
+    // Joins the tasks that have ended.
     void reap();
 
-    // A new one at each call, which no other host has.
+    // Each call returns another one, which no other host gets. Some names are longer than a record holds, depending on
+    // `random`.
     uint32_t next_address();
-    std::string next_name(uint32_t how);
+    std::string next_name(uint32_t random);
 
-    // Runs `change`, which sets the identity and says whether it went well. Only when nothing else was changing it and
-    // nothing did harm are its effects certain; then `settled` is called.
-    void change_identity(const std::function<bool()>& change, const std::function<void()>& settled);
+    // Runs `change`, which sets the identity and returns true if that succeeded. Its result is certain only if nothing
+    // else changed the identity meanwhile and nothing did harm. Then `on_certain` is called.
+    void change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain);
 
-    // The control file, from a task of the host. write: whether it was taken, with what was logged about it. read: the
-    // HCAs as its report shows them, after a look for contradictions; null when there is no such file.
-    bool write_control(const std::string& text, std::string* said = nullptr);
+    // Writes to the control file, from a task of the host. True if the file exists and takes all bytes. `output`
+    // receives the log lines of the write.
+    bool write_control(const std::string& text, std::string* output = nullptr);
+
+    // Reads the control file, from a task of the host, and checks its report for contradictions. Returns the "hcas" of
+    // console::parse_control_report, or null if there is no such file.
     console::json read_control();
 
-    // From now on, counts `act` as effective once a report of the control file shows this verification period and
-    // skew, in the form of console::parse_control_report.
+    // The act has set this verification period and skew ("verification" of console::parse_control_report). It counts as
+    // effective when a later report shows them.
     void expect_verification(const act& act, console::json verification);
 
-    // Loads a module with the present identity, or unloads it; from a task of the host.
+    // Loads a module with the present identity, or unloads it, from a task of the host. False if that failed.
     bool load(const std::string& module);
     bool unload(const std::string& module);
 
-    // Whether the links of an HCA are up, in the fabric.
+    // True if a link of the HCA is up in the fabric.
     bool has_link(size_t hca);
 
     bool is_changing() const { return changes_running_ > 0; }
     bool has_tasks() const { return !tasks_.empty(); }
 
-    arena& in;
+    tested_fabric& fabric;
     const size_t number;
     world::host host;
     std::vector<fabric::hca*> hcas;
-    std::vector<port_model> models; // of the HCAs, when the host traces
+    std::vector<port_model> models; // one for each HCA; empty if the host logs too little for it
     std::unique_ptr<watching_ucm> ucm;
     std::deque<question> questions;
 
-    // What it should register. Addresses are each HCA's; those that are not certain may be any that it was given.
+    // What the host should register. `address` has one entry for each HCA. If the name or the address is not certain,
+    // the host may have any of those given to it.
     std::string name;
     bool name_is_certain = true;
     uint64_t name_tick = 0;
@@ -78,15 +85,16 @@ struct node {
     std::vector<uint32_t> addresses_given;
 
     harm_watch& harm() const { return *harm_; }
-    uint64_t disturbed_tick = 0;        // its links or its identity changed last
-    uint64_t longest_period = 61;       // seconds between two of its verifications
-    bool may_not_verify = false;        // they may be switched off
+    uint64_t disturbed_tick = 0;        // when its links or its identity changed last
+    uint64_t longest_period = 61;       // seconds between two of its verifications, at most
+    bool may_not_verify = false;        // verification may be switched off
     std::optional<act> failing_calls;   // the act that armed the machine's fault injector last
     bool may_have_left_records = false; // it was unloaded when no delete could be sent
     bool may_be_misread = false;        // a query of a port may have failed
 
   private:
-    void logged(const std::string& line);
+    // Checks a line that the host has logged against the models and against the wait for a Delete.
+    void check_line(const std::string& line);
 
     struct running_task {
         exec::task* task;
@@ -98,9 +106,9 @@ struct node {
     uint64_t changes_begun_ = 0;
     uint32_t addresses_made_ = 0;
     uint32_t names_made_ = 0;
-    std::optional<act> verification_act_; // a report has yet to show what it wrote
+    std::optional<act> verification_act_; // waits for a report that shows verification_
     console::json verification_;
-    std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent something last
+    std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent its last request
 };
 
 } // namespace campaign

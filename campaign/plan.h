@@ -1,5 +1,5 @@
-// What happens in a campaign: a fabric, and acts that each begin and end at a tick. All of it is drawn from a seed
-// before anything runs, so that a list of acts can be replayed, and shortened until only what matters is left.
+// The plan of a campaign: a fabric, and acts that each begin and end at a tick. The plan is drawn from a seed before
+// anything runs. So a list of acts can be replayed, and shortened until only the necessary acts remain.
 #pragma once
 
 #include <array>
@@ -12,38 +12,40 @@
 namespace campaign
 {
 
-constexpr uint64_t second = 1000; // in ticks
+// In ticks.
+constexpr uint64_t second = 1000;
+constexpr uint64_t minute = 60 * second;
 
-struct arena;
+struct tested_fabric;
 
-constexpr uint64_t minute = 60'000; // ticks
-
-// How far the truth may suffer from an act while it lasts.
+// Whose registration may fail while an act lasts.
 enum class harm {
     none,
-    host,    // one host's registration may fail
-    network, // anybody's may
+    host,    // that of the act's host
+    network, // that of any host
 };
 
 struct act {
     uint64_t begin_tick = 0;
     uint64_t end_tick = 0;
     uint32_t kind = 0; // index into act_kinds
-    uint32_t host = 0; // each kind makes of these what it needs
+
+    // Random numbers. Each kind uses them in its own way.
+    uint32_t host = 0;
     uint32_t a = 0;
     uint32_t b = 0;
 };
 
 struct act_kind {
     const char* name;
-    int weight; // how often it is drawn
-    harm does;
-    uint64_t longest_ticks; // 0: it has no length
-    void (*begin)(arena&, const act&);
-    void (*end)(arena&, const act&); // null: nothing to undo
+    int weight; // how often it is drawn, in relation to the others
+    campaign::harm harm;
+    uint64_t longest_ticks; // 0: it begins and ends at once
+    void (*begin)(tested_fabric&, const act&);
+    void (*end)(tested_fabric&, const act&); // null: nothing to undo
 
-    // The name of the effect that is counted for this kind, and the fabric's counter of it. Null: the act itself calls
-    // arena::mark.
+    // Names the effect that is counted for this kind. `effect` is the fabric's counter of it; if it is null, the act
+    // calls tested_fabric::mark.
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
 };
@@ -53,20 +55,20 @@ extern const std::array<act_kind, act_kind_count> act_kinds;
 struct host_shape {
     int hcas;
     int ports;
-    bool has_watching_ucm; // see watching-ucm.h
-    int trace_level;       // from 4, debug, on it is compared with the model
+    bool has_watching_ucm; // see questions.h
+    int trace_level;       // from 4 (debug) on, the log is compared with port_model
 };
 
 struct plan {
     uint64_t seed;
     std::vector<host_shape> hosts;
-    std::vector<act> acts; // by begin_tick
-    uint64_t faults_end_tick;
+    std::vector<act> acts;    // by begin_tick
+    uint64_t faults_end_tick; // by then every act has ended
 };
 
 plan draw_plan(uint64_t seed);
 
-// "17 at 1234 for 500: loss host=3 a=17 b=4"
-std::string describe(const plan& of, size_t act_number);
+// Describes an act as "17 at 1234 for 500: loss host=3 a=17 b=4". The digest depends on this text.
+std::string describe(const plan& plan, size_t act_number);
 
 } // namespace campaign

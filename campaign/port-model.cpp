@@ -1,5 +1,8 @@
 #include "campaign/port-model.h"
 
+#include <cstdlib>
+#include <string_view>
+
 #include "sa-mads.h"
 
 namespace campaign
@@ -8,119 +11,145 @@ namespace campaign
 namespace
 {
 
-constexpr int most_deletes = 3;
+constexpr int max_deletes = 3;
+constexpr std::string_view set_result = "sending SA Set SR, ret = "; // the result follows
 
-bool says(const std::string& line, const char* what)
+bool contains(const std::string& line, const char* text)
 {
-    return line.find(what) != std::string::npos;
+    return line.find(text) != std::string::npos;
 }
 
-// The number behind `what` in the line, or 0.
-int number_behind(const std::string& line, const char* what)
+// The number behind `text` in the line. 0 if the line does not contain the text.
+int number_behind(const std::string& line, std::string_view text)
 {
-    const size_t at = line.find(what);
-    return at == std::string::npos ? 0 : std::atoi(line.c_str() + at + std::string(what).size());
+    const size_t position = line.find(text);
+    return position == std::string::npos ? 0 : std::atoi(line.c_str() + position + text.size());
 }
 
 } // namespace
 
-std::string port_model::logged(const exec::task& by, const std::string& line, bool link_is_sure)
+std::string port_model::check_line(const exec::task& task, const std::string& line, bool link_is_stable)
 {
-    link_is_sure_ = link_is_sure;
-    if (says(line, "LOGGER: Added key")) {
+    link_is_stable_ = link_is_stable;
+    if (contains(line, "LOGGER: Added key")) {
         *this = port_model(event_task_.substr(0, event_task_.find(' ')), ports_, gids_);
         is_on_ = true;
     }
-    if (says(line, "ATS - module stopped")) is_on_ = false;
-    if (says(line, "stop hca ") || says(line, "ats_ibat_init failed")) is_stopping_ = true;
-    if (!is_on_) return "";
-    return by.name == event_task_ ? event(line) : "";
+    if (contains(line, "ATS - module stopped")) is_on_ = false;
+    if (contains(line, "stop hca ") || contains(line, "ats_ibat_init failed")) is_stopping_ = true;
+    return is_on_ && task.name == event_task_ ? check_event_line(line) : "";
 }
 
-std::string port_model::event(const std::string& line)
+std::string port_model::check_event_line(const std::string& line)
 {
-    if (says(line, "Received ")) event_port_ = number_behind(line, "<port:");
-    if (const int port = number_behind(line, "Received link_up <port:"); port >= 1 && port <= ports_) {
-        port_state& state = states_[port - 1];
-        if (state == port_state::active) return "";
-        state = port_state::up;
-        must_choose_ = active_ == 0;
-    } else if (const int port = number_behind(line, "Received link_down <port:"); port >= 1 && port <= ports_) {
-        port_state& state = states_[port - 1];
-        if (state == port_state::active) {
-            registered_ = known_gids_[port - 1];
-            active_ = 0;
-        }
-        const bool was_active = state == port_state::active;
-        state = port_state::down;
-        must_choose_ = was_active && lowest_up() > 0;
-    } else if (says(line, "() failed <")) {
+    const auto port_behind = [&](std::string_view text) {
+        const int port = number_behind(line, text);
+        return port <= ports_ ? port : 0;
+    };
+    if (contains(line, "Received ")) event_port_ = number_behind(line, "<port:");
+    if (const int port = port_behind("Received link_up <port:"); port > 0) {
+        link_up(port);
+    } else if (const int port = port_behind("Received link_down <port:"); port > 0) {
+        link_down(port);
+    } else if (contains(line, "() failed <")) {
         refresh_failed_ = true;
-        // The P_Key is read last; what was read before it is kept.
-        if (says(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
+        // The P_Key is read last. The service keeps what it read before.
+        if (contains(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
             known_gids_[event_port_ - 1] = gids_[event_port_ - 1];
-    } else if (const int port = number_behind(line, ": port "); port > 0 && says(line, " pkey 0x")) {
+    } else if (const int port = port_behind(": port "); port > 0 && contains(line, " pkey 0x")) {
         known_gids_[port - 1] = gids_[port - 1];
-    } else if (const int port = number_behind(line, "Setting port "); port > 0 && says(line, "to be the active port")) {
-        if (!must_choose_ || refresh_failed_ || active_ != 0 || port != lowest_up())
-            return "port " + std::to_string(port) + " became active, against the rules";
-        must_choose_ = false;
-        registering_ = true;
-        deletes_ = sets_ = 0;
-        active_ = port;
-        states_[port - 1] = port_state::active;
-    } else if (const size_t at = line.find("sending SA Set SR, ret = "); at != std::string::npos) {
-        return end_registration(line.substr(at + 25));
-    } else if (says(line, "release the sem")) {
-        if (must_choose_ && !refresh_failed_) return "no port was made active, though one is up";
+    } else if (const int port = number_behind(line, "Setting port ");
+               port > 0 && contains(line, "to be the active port")) {
+        return make_active(port);
+    } else if (const size_t position = line.find(set_result); position != std::string::npos) {
+        return end_registration(line.substr(position + set_result.size()));
+    } else if (contains(line, "release the sem")) {
+        if (must_choose_ && !refresh_failed_) return "no port became active, although one is up";
         must_choose_ = refresh_failed_ = false;
     }
     return "";
 }
 
-std::string port_model::end_registration(const std::string& result)
+void port_model::link_up(int port)
 {
-    registering_ = false;
-    const bool was_sent = result == "0";
-    // What goes out through a port without a link is not seen.
-    if (sets_ > (was_sent ? 1 : 0) || (was_sent && sets_ == 0 && link_is_sure_))
-        return "a registration sent " + std::to_string(sets_) + " sets, says " + result;
-    if (deletes_ > most_deletes) return "a registration sent " + std::to_string(deletes_) + " deletes";
-    if (was_sent) registered_ = known_gids_[active_ - 1];
+    port_state& state = states_[port - 1];
+    if (state == port_state::active) return;
+    state = port_state::up;
+    must_choose_ = active_port_ == 0;
+}
+
+void port_model::link_down(int port)
+{
+    port_state& state = states_[port - 1];
+    const bool was_active = state == port_state::active;
+    if (was_active) {
+        registered_gid_ = known_gids_[port - 1];
+        active_port_ = 0;
+    }
+    state = port_state::down;
+    must_choose_ = was_active && lowest_port_up() > 0;
+}
+
+std::string port_model::make_active(int port)
+{
+    if (!must_choose_ || refresh_failed_ || active_port_ != 0 || port != lowest_port_up())
+        return "port " + std::to_string(port) + " became active, against the rules";
+    must_choose_ = false;
+    is_registering_ = true;
+    deletes_ = sets_ = 0;
+    active_port_ = port;
+    states_[port - 1] = port_state::active;
     return "";
 }
 
-std::string port_model::sent(const exec::task& by, uint8_t method, const fabric::gid_bytes& gid)
+std::string port_model::end_registration(const std::string& result)
+{
+    is_registering_ = false;
+    const bool was_sent = result == "0";
+    const bool is_missing = was_sent && sets_ == 0 && link_is_stable_; // without a link, no request is seen
+    if (sets_ > (was_sent ? 1 : 0) || is_missing)
+        return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;
+    if (deletes_ > max_deletes) return "a registration sent " + std::to_string(deletes_) + " Deletes";
+    if (was_sent) registered_gid_ = known_gids_[active_port_ - 1];
+    return "";
+}
+
+std::string port_model::check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid)
 {
     if (!is_on_) return "";
-    if (by.name == event_task_) {
-        if (!registering_) return "an event sent something outside of a registration";
-        if (method == MAD_METHOD_DELETE) {
-            ++deletes_;
-            if (sets_ > 0) return "a delete was sent behind the set";
-            if (gid != registered_ && !is_stopping_) return "a delete names another GID than the one registered last";
-        }
-        if (method == MAD_METHOD_SET) {
-            ++sets_;
-            if (active_ == 0 || gid != known_gids_[active_ - 1]) return "a set carries the GID of another port";
-        }
-    } else if (method == MAD_METHOD_SET && active_ > 0 && (by.name == "rename" || by.name == "readdress")) {
-        registered_ = known_gids_[active_ - 1];
+    const bool is_change = task.name == "rename" || task.name == "readdress";
+    if (task.name != event_task_) {
+        if (method == MAD_METHOD_SET && active_port_ > 0 && is_change) registered_gid_ = known_gids_[active_port_ - 1];
+        return "";
+    }
+    if (!is_registering_) return "an event sent a request outside of a registration";
+    if (method == MAD_METHOD_DELETE) {
+        ++deletes_;
+        if (sets_ > 0) return "a registration sent a Delete after its Set";
+        if (gid != registered_gid_ && !is_stopping_) return "a Delete names another GID than the last Set";
+    }
+    if (method == MAD_METHOD_SET) {
+        ++sets_;
+        if (active_port_ == 0 || gid != known_gids_[active_port_ - 1]) return "a Set carries the GID of another port";
     }
     return "";
 }
 
-std::string port_model::compare(const console::json& shown_hca) const
+std::string port_model::compare(const console::json& reported_hca) const
 {
     static const char* const names[] = {"Down", "UP", "Active"};
     if (!is_on_) return "";
-    for (size_t i = 0; i < static_cast<size_t>(ports_); ++i)
-        if (const auto& shown = shown_hca["ports"][i]["state"]; shown != names[static_cast<size_t>(states_[i])])
-            return "port " + std::to_string(i + 1) + " is " + shown.get<std::string>() + ", against the model";
+    for (size_t i = 0; i < static_cast<size_t>(ports_); ++i) {
+        const auto& state = reported_hca["ports"][i]["state"];
+        const char* const expected_state = names[static_cast<size_t>(states_[i])];
+        if (state != expected_state)
+            return "port " + std::to_string(i + 1) + " is reported " + state.get<std::string>() + ", expected " +
+                   expected_state;
+    }
     return "";
 }
 
-int port_model::lowest_up() const
+int port_model::lowest_port_up() const
 {
     for (int i = 0; i < ports_; ++i)
         if (states_[i] == port_state::up) return i + 1;

@@ -1,6 +1,6 @@
 // A model of one HCA in the service: the states of its two ports, which of them is active, and what a registration
-// puts on the wire. It is told what the service logs and what it sends, in the order in which that happens, says what
-// it would have done differently, and is asked whether a report of the control file shows its state.
+// sends. It follows the log lines and the requests of the service in their order, and finds those that the rules do not
+// allow.
 #pragma once
 
 #include <array>
@@ -25,34 +25,39 @@ class port_model
     {
     }
 
-    // Each returns what is wrong, or nothing. `by` is the task that logs or sends; no link has changed lately when
-    // `link_is_sure`.
-    std::string logged(const exec::task& by, const std::string& line, bool link_is_sure);
-    std::string sent(const exec::task& by, uint8_t method, const fabric::gid_bytes& gid);
-    std::string compare(const console::json& shown_hca) const;
+    // Each returns the fault that it found, or an empty text. `task` logs the line or sends the request.
+    // `link_is_stable`: no link has changed lately.
+    std::string check_line(const exec::task& task, const std::string& line, bool link_is_stable);
+    std::string check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
+
+    // Compares one of the "hcas" of console::parse_control_report with the model.
+    std::string compare(const console::json& reported_hca) const;
 
   private:
-    std::string event(const std::string& line);
+    std::string check_event_line(const std::string& line);
+    void link_up(int port);
+    void link_down(int port);
+    std::string make_active(int port);
     std::string end_registration(const std::string& result);
-    int lowest_up() const;
+    int lowest_port_up() const; // 0: none
 
     std::string event_task_;
     int ports_ = 0;
     std::array<fabric::gid_bytes, 2> gids_{};
 
     bool is_on_ = false;       // the module is loaded and logs
-    bool is_stopping_ = false; // and names GIDs of its own in its deletes
+    bool is_stopping_ = false; // from now on its Deletes may name any GID
     std::array<port_state, 2> states_{};
     std::array<fabric::gid_bytes, 2> known_gids_{}; // as the service has read them
-    int active_ = 0;
-    bool link_is_sure_ = false;
-    fabric::gid_bytes registered_{}; // what the next delete names
+    int active_port_ = 0;                           // 0: none
+    bool link_is_stable_ = false;
+    fabric::gid_bytes registered_gid_{}; // the next Delete names it
 
     // Of the event that is being handled.
     int event_port_ = 0;
     bool must_choose_ = false;
     bool refresh_failed_ = false;
-    bool registering_ = false;
+    bool is_registering_ = false;
     int deletes_ = 0;
     int sets_ = 0;
 };

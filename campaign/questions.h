@@ -1,4 +1,4 @@
-// Questions of a host's users, and a UCM that watches how the service answers.
+// Questions of a host's users, and a stand-in for UCM that checks how the service answers.
 #pragma once
 
 #include <cstdint>
@@ -18,44 +18,46 @@ namespace campaign
 
 struct node;
 
-// One question, and how it was settled. It stays where it is until the campaign ends.
+// One question and its result. Its address must not change until the campaign ends: callbacks point to it.
 struct question {
-    node& asked_at;
-    std::optional<uint32_t> kind; // of the act that asked, if its answer counts as that act's effect
-    bool by_gid = false;          // for an address, which the SA is asked for by GID
-    bool of_service = false;      // put to the service itself, whose time limits hold to the tick
+    node& asker;
+    std::optional<uint32_t> act_kind; // the kind of act whose effect the answer is
+    bool by_gid = false;              // it asks for the address of a GID, otherwise for the GID of an address
+    bool of_service = false;          // it went to the service itself, whose time limits are exact to the tick
     uint64_t begun_tick = 0;
     ibat_stat_t returned = ibat_stat_error;
     int replies = 0;
     ibat_stat_t status = ibat_stat_pending;
     uint32_t ip = 0;
     kq_gid_t gid{};
-    bool is_closed = false; // no callback may come any more
+    bool is_closed = false; // no callback may follow
 
     static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* self);
     bool is_settled() const { return returned != ibat_stat_pending || replies > 0 || is_closed; }
 };
 
-// Each asks, from a task of the host that may sleep, and does not wait.
-void ask_for_gid(question& asked, uint32_t ip, bool past_the_cache);
-void ask_for_address(question& asked, const kq_gid_t& gid);
-bool withdraw(question& asked);
+// Each asks and returns without waiting for the answer. Called by a task of the host that may sleep.
+void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache);
+void ask_for_address(question& question, const kq_gid_t& gid);
 
-// Stands in for the module UCM: takes the service's entry and puts questions to it directly. It lets nobody detach
-// while a call runs, as UCM does, and expects no callback from then on.
+// Withdraws an open question, so that no callback follows. True if the module still had it.
+bool withdraw(question& question);
+
+// Takes the place of the module UCM: the service attaches to it, and it passes questions directly to the service. As in
+// UCM, a detach waits until no call runs.
 class watching_ucm
 {
   public:
-    explicit watching_ucm(node& at);
+    explicit watching_ucm(node& node);
     ~watching_ucm();
 
-    void ask(question& asked, const kq_gid_t& gid);
+    void ask(question& question, const kq_gid_t& gid);
 
   private:
     static ucm_stat_t attach(send_rarp_fn_t send_rarp, void* provider_context, void** handle);
     static ucm_stat_t detach(void* handle);
 
-    node& at_;
+    node& node_;
     send_rarp_fn_t send_rarp_ = nullptr;
     void* provider_context_ = nullptr;
     int calls_running_ = 0;

@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <map>
+#include <new>
 #include <numeric>
-#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace campaign
@@ -22,92 +22,124 @@ namespace
 constexpr unsigned longest_run_seconds = 900; // of the wall clock
 
 std::atomic<bool> was_interrupted{false};
-bool notes_interrupts = false; // instead of dying of them
+bool stops_when_interrupted = false;
 
-// A process that runs a plan. What it says goes into memory that both see, and so do its figures.
-class child
+// A process that runs a plan. It writes its complaint and its figures to memory that it shares with this process.
+class run_process
 {
   public:
-    child(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen)
-        : seed_(of.seed), said_(memfd_create("campaign", 0)),
-          done_(static_cast<figures*>(
-              mmap(nullptr, sizeof(figures), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
-    {
-        std::fflush(nullptr);
-        pid_ = fork();
-        if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
-        if (pid_ == 0) run(of, act_numbers, chosen);
-    }
+    static ats::result<run_process> start(const plan& plan, const std::vector<size_t>& act_numbers,
+                                          const run_options& options);
 
     pid_t pid() const { return pid_; }
 
-    // It has ended with this status.
-    outcome end(int status)
-    {
-        outcome result{.seed = seed_, .complaint = {}, .done = *done_};
-        char text[4096];
-        const ssize_t size = pread(said_, text, sizeof text, 0);
-        if (status != 0) result.complaint.assign(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
-        if (status != 0 && result.complaint.empty()) result.complaint = "ended with status " + std::to_string(status);
-        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) result.complaint = "it does not come to an end";
-        munmap(done_, sizeof(figures));
-        close(said_);
-        return result;
-    }
+    // The process has ended with this status of waitpid(). Frees the shared memory; nothing may be called afterwards.
+    run_result finish(int status);
 
   private:
-    [[noreturn]] void run(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen)
-    {
-        if (notes_interrupts) signal(SIGINT, SIG_IGN); // a terminal sends it to all; the parent ends this one
-        alarm(longest_run_seconds);
-        dup2(said_, STDERR_FILENO);
-        try {
-            arena in(of, chosen);
-            in.run(act_numbers);
-            *done_ = in.done;
-        } catch (const std::exception& stand) {
-            std::fprintf(stderr, "%s\n", stand.what());
-            _exit(1);
-        }
-        _exit(0);
-    }
+    run_process(uint64_t seed, int output, figures* counts) : seed_(seed), output_(output), counts_(counts) {}
+    [[noreturn]] void run(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options);
+    void free();
 
     uint64_t seed_;
-    int said_;
-    figures* done_;
-    pid_t pid_;
+    int output_;      // a memory file
+    figures* counts_; // shared
+    pid_t pid_ = -1;
 };
 
-void add(figures& sum, const figures& one)
+ats::result<run_process> run_process::start(const plan& plan, const std::vector<size_t>& act_numbers,
+                                            const run_options& options)
+{
+    const int output = memfd_create("campaign", 0);
+    if (output < 0) return ats::fail(std::string("cannot create a memory file: ") + std::strerror(errno));
+    void* const memory = mmap(nullptr, sizeof(figures), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        close(output);
+        return ats::fail(std::string("cannot share memory: ") + std::strerror(errno));
+    }
+    run_process process(plan.seed, output, new (memory) figures);
+    std::fflush(nullptr);
+    process.pid_ = fork();
+    if (process.pid_ == 0) process.run(plan, act_numbers, options);
+    if (process.pid_ > 0) return process;
+    const std::string reason = std::strerror(errno);
+    process.free();
+    return ats::fail("cannot start a process: " + reason);
+}
+
+void run_process::run(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
+{
+    if (stops_when_interrupted) signal(SIGINT, SIG_IGN); // the terminal signals all; the parent kills this process
+    alarm(longest_run_seconds);
+    dup2(output_, STDERR_FILENO);
+    try {
+        tested_fabric fabric(plan, options);
+        if (const ats::result<> result = fabric.run(act_numbers); !result) {
+            std::fprintf(stderr, "%s\n", result.error().text.c_str());
+            _exit(1);
+        }
+        *counts_ = fabric.counts;
+    } catch (const std::exception& exception) {
+        std::fprintf(stderr, "%s\n", exception.what());
+        _exit(1);
+    }
+    _exit(0);
+}
+
+run_result run_process::finish(int status)
+{
+    run_result result{.seed = seed_, .complaint = {}, .counts = *counts_};
+    char text[4096];
+    const ssize_t size = pread(output_, text, sizeof text, 0);
+    if (status != 0) result.complaint.assign(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    if (status != 0 && result.complaint.empty()) result.complaint = "ended with status " + std::to_string(status);
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) result.complaint = "it does not come to an end";
+    free();
+    return result;
+}
+
+void run_process::free()
+{
+    munmap(counts_, sizeof(figures));
+    close(output_);
+}
+
+void kill_all(const std::map<pid_t, run_process>& processes)
+{
+    for (const auto& [pid, process] : processes) kill(pid, SIGKILL);
+    for (const auto& [pid, process] : processes) waitpid(pid, nullptr, 0);
+}
+
+void add(figures& sum, const figures& counts)
 {
     static constexpr uint64_t figures::*summed[] = {&figures::seeds,  &figures::simulated_ticks, &figures::acts,
                                                     &figures::faults, &figures::questions,       &figures::answers,
                                                     &figures::truths, &figures::datagrams};
     static_assert(sizeof(figures) == sizeof(uint64_t) * (std::size(summed) + act_kind_count + 1),
                   "every figure but the digest is summed");
-    for (const auto member : summed) sum.*member += one.*member;
-    for (size_t kind = 0; kind < act_kind_count; ++kind) sum.marks[kind] += one.marks[kind];
-    sum.digest ^= one.digest;
+    for (const auto member : summed) sum.*member += counts.*member;
+    for (size_t kind = 0; kind < act_kind_count; ++kind) sum.marks[kind] += counts.marks[kind];
+    sum.digest ^= counts.digest;
 }
 
-// Two complaints are of one kind when they differ in numbers only.
+// The letters of the complaint's first line. Two complaints that differ in numbers only are of the same kind.
 std::string kind_of(const std::string& complaint)
 {
-    std::string kind;
+    std::string letters;
     for (const char c : complaint.substr(0, complaint.find('\n')))
-        if (std::isalpha(static_cast<unsigned char>(c))) kind += c;
-    return kind;
+        if (std::isalpha(static_cast<unsigned char>(c))) letters += c;
+    return letters;
 }
 
 } // namespace
 
 void stop_when_interrupted()
 {
-    notes_interrupts = true;
-    struct sigaction noting {
+    stops_when_interrupted = true;
+    struct sigaction action {
     };
-    noting.sa_handler = [](int) { was_interrupted = true; };
-    sigaction(SIGINT, &noting, nullptr); // without SA_RESTART: waitpid() is to end
+    action.sa_handler = [](int) { was_interrupted = true; };
+    sigaction(SIGINT, &action, nullptr); // without SA_RESTART, so that waitpid() returns
 }
 
 bool is_interrupted()
@@ -115,67 +147,75 @@ bool is_interrupted()
     return was_interrupted;
 }
 
-outcome run_apart(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen)
+ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
 {
-    child one(of, act_numbers, chosen);
+    ats::result<run_process> process = run_process::start(plan, act_numbers, options);
+    if (!process) return ats::pass_on(process);
     int status;
-    waitpid(one.pid(), &status, 0);
-    return one.end(status);
+    waitpid(process->pid(), &status, 0);
+    return process->finish(status);
 }
 
-figures run_many(uint64_t first, int jobs, const options& chosen,
-                 const std::function<bool(uint64_t, const figures&)>& enough,
-                 const std::function<void(const outcome&)>& told)
+ats::result<figures> run_many(uint64_t first, int jobs, const run_options& options,
+                              const std::function<bool(uint64_t, const figures&)>& is_enough,
+                              const std::function<void(const run_result&)>& report)
 {
     figures sum;
-    std::map<pid_t, child> running;
+    std::map<pid_t, run_process> running;
     for (uint64_t seed = first;; ++seed) {
-        while (!running.empty() && (running.size() >= static_cast<size_t>(jobs) || enough(seed - first, sum))) {
+        while (!running.empty() && (running.size() >= static_cast<size_t>(jobs) || is_enough(seed - first, sum))) {
             int status;
-            const pid_t ended = was_interrupted ? -1 : waitpid(-1, &status, 0);
+            const pid_t pid = was_interrupted ? -1 : waitpid(-1, &status, 0);
             if (was_interrupted) {
-                for (const auto& [pid, killed] : running) kill(pid, SIGKILL);
-                for (const auto& [pid, killed] : running) waitpid(pid, nullptr, 0);
+                kill_all(running);
                 return sum;
             }
-            const auto at = running.find(ended);
-            if (at == running.end()) continue;
-            const outcome result = at->second.end(status);
-            running.erase(at);
-            add(sum, result.done);
-            if (!result.complaint.empty()) ++sum.seeds;
-            told(result);
+            const auto process = running.find(pid);
+            if (process == running.end()) continue;
+            const run_result result = process->second.finish(status);
+            running.erase(process);
+            add(sum, result.counts);
+            if (!result.complaint.empty()) ++sum.seeds; // its process has counted nothing
+            report(result);
         }
-        if (was_interrupted || enough(seed - first, sum)) return sum;
-        const plan drawn = draw_plan(seed);
-        child started(drawn, all_acts(drawn), chosen);
-        running.emplace(started.pid(), started);
+        if (was_interrupted || is_enough(seed - first, sum)) return sum;
+        const plan plan = draw_plan(seed);
+        const ats::result<run_process> process = run_process::start(plan, all_acts(plan), options);
+        if (!process) {
+            kill_all(running);
+            return ats::pass_on(process);
+        }
+        running.emplace(process->pid(), *process);
     }
 }
 
-std::vector<size_t> all_acts(const plan& of)
+std::vector<size_t> all_acts(const plan& plan)
 {
-    std::vector<size_t> numbers(of.acts.size());
+    std::vector<size_t> numbers(plan.acts.size());
     std::iota(numbers.begin(), numbers.end(), size_t{0});
     return numbers;
 }
 
-// Leaves out pieces, smaller and smaller ones, as long as the rest still fails.
-std::vector<size_t> shorten(const plan& of, std::vector<size_t> failing, const options& chosen)
+// Leaves out pieces of the list, smaller and smaller ones, as long as the rest still fails.
+ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options)
 {
-    const std::string kind = kind_of(run_apart(of, failing, chosen).complaint);
-    for (size_t piece = std::max<size_t>(failing.size() / 2, 1); piece > 0; piece /= 2) {
-        for (size_t at = 0; at < failing.size();) {
-            std::vector<size_t> rest = failing;
-            const auto begin = rest.begin() + static_cast<ptrdiff_t>(at);
-            rest.erase(begin, begin + static_cast<ptrdiff_t>(std::min(piece, rest.size() - at)));
-            if (kind_of(run_apart(of, rest, chosen).complaint) == kind)
-                failing = std::move(rest);
+    const ats::result<run_result> failure = run_apart(plan, act_numbers, options);
+    if (!failure) return ats::pass_on(failure);
+    const std::string kind = kind_of(failure->complaint);
+    for (size_t piece = std::max<size_t>(act_numbers.size() / 2, 1); piece > 0; piece /= 2) {
+        for (size_t position = 0; position < act_numbers.size();) {
+            std::vector<size_t> rest = act_numbers;
+            const auto begin = rest.begin() + static_cast<ptrdiff_t>(position);
+            rest.erase(begin, begin + static_cast<ptrdiff_t>(std::min(piece, rest.size() - position)));
+            const ats::result<run_result> result = run_apart(plan, rest, options);
+            if (!result) return ats::pass_on(result);
+            if (kind_of(result->complaint) == kind)
+                act_numbers = std::move(rest);
             else
-                at += piece;
+                position += piece;
         }
     }
-    return failing;
+    return act_numbers;
 }
 
 } // namespace campaign

@@ -1,4 +1,4 @@
-// Runs campaigns, each in a process of its own: one that dies says why, and the others go on.
+// Runs campaigns, each in its own process: if one crashes, its complaint is kept and the others continue.
 #pragma once
 
 #include <functional>
@@ -6,34 +6,37 @@
 #include <vector>
 
 #include "campaign/tested-fabric.h"
+#include "host/result.h"
 
 namespace campaign
 {
 
-// A run of one seed's plan, or of some of its acts.
-struct outcome {
+// The result of a run of one seed's plan, or of some of its acts.
+struct run_result {
     uint64_t seed = 0;
-    std::string complaint; // empty: it was clean
-    figures done;
+    std::string complaint; // empty: the run found nothing wrong
+    figures counts;
 };
 
-outcome run_apart(const plan& of, const std::vector<size_t>& act_numbers, const options& chosen);
+// Runs these acts of the plan and waits for the end. The error: no process could be started.
+ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options);
 
-// From now on a SIGINT (Ctrl-C) does not end this program: run_many starts no more seeds, ends those that run, which
-// count for nothing, and returns the sum so far.
+// After this call, Ctrl-C (SIGINT) no longer ends the program. run_many starts no more seeds, kills the running ones
+// without counting them, and returns the sum so far.
 void stop_when_interrupted();
 bool is_interrupted();
 
-// Runs seeds from `first` on until `enough` says so (told how many have been begun, and what those that ended did),
-// `jobs` at a time. Returns the sum of what was done; `told` hears of each outcome in the order in which they come.
-figures run_many(uint64_t first, int jobs, const options& chosen,
-                 const std::function<bool(uint64_t, const figures&)>& enough,
-                 const std::function<void(const outcome&)>& told);
+// Runs seeds from `first` on, `jobs` at a time, until `is_enough` returns true. It receives the number of seeds started
+// and the sum of those that have ended. `report` receives each result as its seed ends. Returns the sum. The error: no
+// process could be started.
+ats::result<figures> run_many(uint64_t first, int jobs, const run_options& options,
+                              const std::function<bool(uint64_t, const figures&)>& is_enough,
+                              const std::function<void(const run_result&)>& report);
 
 // The numbers of all acts of a plan.
-std::vector<size_t> all_acts(const plan& of);
+std::vector<size_t> all_acts(const plan& plan);
 
-// Fewer acts that fail in the same way: those of which none can be left out.
-std::vector<size_t> shorten(const plan& of, std::vector<size_t> failing, const options& chosen);
+// Returns fewer acts than `act_numbers` that fail in the same way: none of them can be left out.
+ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options);
 
 } // namespace campaign

@@ -8,42 +8,45 @@
 namespace campaign
 {
 
-arena::arena(const plan& of, const options& chosen)
-    : module_folder(chosen.module_folder), what(of),
-      sim(exec::make_simulation({.seed = of.seed, .explore_switches = true})), net(*sim, {.fault_seed = of.seed}),
-      wire(*this)
+tested_fabric::tested_fabric(const campaign::plan& plan, const run_options& options)
+    : module_folder(options.module_folder), plan(plan),
+      simulation(exec::make_simulation({.seed = plan.seed, .explore_switches = true})),
+      subnet(*simulation, {.fault_seed = plan.seed}), wire(*this)
 {
-    if (!chosen.log_path.empty() && !(log_ = std::fopen(chosen.log_path.c_str(), "w")))
-        violate("cannot write " + chosen.log_path);
-    for (const host_shape& shape : what.hosts) hosts.emplace_back(*this, hosts.size(), shape);
-    wire.begin(chosen.capture_path);
-    net.set_tap(&wire);
-    done.seeds = 1;
+    if (!options.log_path.empty()) {
+        log_ = std::fopen(options.log_path.c_str(), "w");
+        if (!log_) violate("cannot write " + options.log_path);
+    }
+    for (const host_shape& shape : plan.hosts) nodes.emplace_back(*this, nodes.size(), shape);
+    wire.begin(options.capture_path);
+    subnet.set_tap(&wire);
+    counts.seeds = 1;
 }
 
-arena::~arena()
+tested_fabric::~tested_fabric()
 {
-    net.set_tap(nullptr);
+    subnet.set_tap(nullptr);
     if (log_) std::fclose(log_);
 }
 
-void arena::note(const std::string& who, const std::string& what_happened)
+void tested_fabric::note(const std::string& subject, const std::string& event)
 {
-    const std::string line = std::to_string(now()) + " " + who + ": " + what_happened + "\n";
-    for (const char c : line) done.digest = (done.digest ^ static_cast<uint8_t>(c)) * 0x100000001B3; // FNV-1a
+    const std::string line = std::to_string(now()) + " " + subject + ": " + event + "\n";
+    for (const char c : line) counts.digest = (counts.digest ^ static_cast<uint8_t>(c)) * 0x100000001B3; // FNV-1a
     if (log_) std::fputs(line.c_str(), log_);
 }
 
-void arena::violate(const std::string& what_is_wrong)
+void tested_fabric::violate(const std::string& fault)
 {
-    note("violation", what_is_wrong);
+    note("violation", fault);
     if (log_) std::fflush(log_);
-    std::fprintf(stderr, "at tick %llu: %s\n", static_cast<unsigned long long>(now()), what_is_wrong.c_str());
-    if (const auto flushed = wire.flush_capture(); !flushed) std::fprintf(stderr, "%s\n", flushed.error().text.c_str());
+    std::fprintf(stderr, "at tick %llu: %s\n", static_cast<unsigned long long>(now()), fault.c_str());
+    const ats::result<> flush = wire.flush_capture();
+    if (!flush) std::fprintf(stderr, "%s\n", flush.error().text.c_str());
     _exit(1);
 }
 
-void arena::run(const std::vector<size_t>& act_numbers)
+ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
 {
     struct step {
         size_t act;
@@ -51,54 +54,67 @@ void arena::run(const std::vector<size_t>& act_numbers)
     };
     std::multimap<uint64_t, step> steps;
     for (const size_t number : act_numbers) {
-        steps.emplace(what.acts[number].begin_tick, step{number, true});
-        if (act_kinds[what.acts[number].kind].end) steps.emplace(what.acts[number].end_tick, step{number, false});
+        const act& act = plan.acts[number];
+        steps.emplace(act.begin_tick, step{number, true});
+        if (act_kinds[act.kind].end) steps.emplace(act.end_tick, step{number, false});
     }
-    for (node& each : hosts) {
-        each.start("boot", [&each] {
-            for (const char* module : {"ibat", "ucm", "ats"}) each.load(module);
-        });
-        for (fabric::hca* hca : each.hcas)
-            for (int port = 1; port <= hca->port_count(); ++port)
-                (void)net.link_up(each.host.name(), hca->name(), port);
+    start_hosts();
+    for (const auto& [tick, step] : steps) {
+        for (; next_keep_tick_ <= tick; next_keep_tick_ += minute) keep_records();
+        simulation->run_until(tick);
+        perform(plan.acts[step.act], step.act, step.begins);
     }
-    for (const auto& [tick, next] : steps) {
-        for (; kept_until_tick_ <= tick; kept_until_tick_ += minute) keep_records();
-        sim->run_until(tick);
-        perform(what.acts[next.act], next.act, next.begins);
-    }
-    sim->run_until(what.faults_end_tick);
-    const embedded::fault_effects effects = net.effects();
+    simulation->run_until(plan.faults_end_tick);
+    const embedded::fault_effects effects = subnet.effects();
     for (size_t kind = 0; kind < act_kind_count; ++kind)
-        if (const auto effect = act_kinds[kind].effect) done.marks[kind] = effects.*effect;
-    check_in_the_end(*this);
-    const embedded::traffic_counts counts = net.counts();
-    done.faults += counts.dropped + counts.duplicated + counts.corrupted + counts.refused;
-    done.simulated_ticks = now();
-    if (const auto flushed = wire.flush_capture(); !flushed) throw std::runtime_error(flushed.error().text);
+        if (const auto effect = act_kinds[kind].effect) counts.marks[kind] = effects.*effect;
+    check_at_the_end(*this);
+    const embedded::traffic_counts traffic = subnet.counts();
+    counts.faults += traffic.dropped + traffic.duplicated + traffic.corrupted + traffic.refused;
+    counts.simulated_ticks = now();
+    return wire.flush_capture();
 }
 
-void arena::perform(const act& it, size_t number, bool begins)
+// Loads the modules, in a task of each host, and brings all links up.
+void tested_fabric::start_hosts()
 {
-    const act_kind& kind = act_kinds[it.kind];
-    note(begins ? "begins" : "ends", describe(what, number));
-    harm_watch* harmed = kind.does == harm::network ? &network : kind.does == harm::host ? &host(it).harm() : nullptr;
-    if (begins) {
-        ++done.acts;
-        if (kind.does != harm::none) ++done.faults;
-        if (harmed) harmed->begin();
-        kind.begin(*this, it);
-    } else {
-        kind.end(*this, it);
+    for (node& node : nodes) {
+        node.start("boot", [&node] {
+            for (const char* module : {"ibat", "ucm", "ats"}) node.load(module);
+        });
+        for (fabric::hca* hca : node.hcas)
+            for (int port = 1; port <= hca->port_count(); ++port)
+                (void)subnet.link_up(node.host.name(), hca->name(), port);
     }
-    if (harmed && (!begins || !kind.end)) harmed->end(now() + harm_lasts_ticks);
-    host(it).reap();
 }
 
-void arena::keep_records()
+void tested_fabric::perform(const act& act, size_t number, bool begins)
 {
-    sim->run_until(kept_until_tick_);
-    kept_records.push_back(net.save_records());
+    const act_kind& kind = act_kinds[act.kind];
+    node& node = node_of(act);
+    note(begins ? "begins" : "ends", describe(plan, number));
+    harm_watch* watch = nullptr;
+    if (kind.harm == harm::network) watch = &network;
+    if (kind.harm == harm::host) watch = &node.harm();
+    if (begins) {
+        ++counts.acts;
+        if (watch) {
+            ++counts.faults;
+            watch->begin();
+        }
+        kind.begin(*this, act);
+    } else {
+        kind.end(*this, act);
+    }
+    const bool is_over = !begins || !kind.end;
+    if (watch && is_over) watch->end(now() + harm_lasts_ticks);
+    node.reap();
+}
+
+void tested_fabric::keep_records()
+{
+    simulation->run_until(next_keep_tick_);
+    kept_records.push_back(subnet.save_records());
 }
 
 } // namespace campaign

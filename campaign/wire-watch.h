@@ -1,5 +1,5 @@
-// Sees every datagram as it crosses between a host and the fabric: what a host sends must be one of the service's four
-// requests, to the letter, and true as far as the wire can tell.
+// Checks every datagram as it crosses from a host to the fabric: it must be one of the service's four requests, correct
+// in every byte, and true as far as the wire shows.
 #pragma once
 
 #include <map>
@@ -14,42 +14,45 @@
 namespace campaign
 {
 
-struct arena;
+struct tested_fabric;
 struct node;
 
 class wire_watch final : public fabric::tap
 {
   public:
-    explicit wire_watch(arena& in) : in_(in) {}
+    explicit wire_watch(tested_fabric& fabric) : fabric_(fabric) {}
 
-    // Every host has its HCAs: learns which port has which LID. `capture_path` may be empty.
+    // Notes the LIDs of the hosts' ports and opens the capture file. Called once, when all hosts have their HCAs.
+    // Without a path nothing is captured.
     void begin(const std::string& capture_path);
 
-    // Writes out what is captured. Empty, or why it is not whole.
+    // Writes out what is captured. The error is the first failure of the file.
     ats::result<> flush_capture() { return capture_ ? capture_->flush() : ats::result<>(); }
 
-    // How many requests the calling task has sent so far.
-    uint64_t sent_by_this_task() const;
+    // The number of requests that the calling task has sent so far.
+    uint64_t requests_of_this_task() const;
 
+    // Called in the task that sends the datagram.
     void crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::address& destination,
-                 const fabric::mad_bytes& mad) override;
+                 const fabric::mad_bytes& bytes) override;
 
   private:
-    struct sender {
-        size_t host;
+    struct port_entry {
+        size_t node;
         size_t hca;
         int port;
         fabric::gid_bytes gid;
         uint16_t p_key;
     };
-    std::string fault_in(const sender& from, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
 
-    std::string delay_in(node& host, uint8_t method, uint64_t now_ticks);
+    // Each returns the fault of a request, or an empty text.
+    std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
+    std::string delay_in(node& node, uint8_t method, uint64_t now_ticks);
 
-    arena& in_;
-    std::map<const exec::task*, uint64_t> requests_;      // how many each task has sent
-    std::map<const exec::task*, uint64_t> deleted_ticks_; // when each task sent its last delete
-    std::vector<sender> by_lid_;
+    tested_fabric& fabric_;
+    std::map<const exec::task*, uint64_t> requests_;     // how many each task has sent
+    std::map<const exec::task*, uint64_t> delete_ticks_; // when each task sent its last Delete
+    std::vector<port_entry> ports_by_lid_;
     std::unique_ptr<fabric::capture> capture_;
 };
 
