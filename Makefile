@@ -1,4 +1,4 @@
-# The front door. `make demo` and `make test` install what is missing (as root, on Debian and Fedora), build, and run.
+# The entry point. `make demo` and `make test` install what is missing (as root, on Debian and Fedora), build, and run.
 
 PRESET ?= release
 BUILD := build/$(PRESET)
@@ -9,11 +9,11 @@ help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
 	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
-	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: just once each)"
+	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: each seed once)"
 	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
-	@echo "make report    what campaigns, searches, coverage and measurements say, as docs/report.md with pictures"
-	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, through what a fabric goes through (HOSTS=2..7)"
-	@echo "make bench     the figures: encoding, tracing, resolutions, a thousand hosts, a real fabric"
+	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
+	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
+	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make package   a package for Debian, in build/release"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
@@ -61,7 +61,7 @@ HOURS ?= 0
 campaign: build
 	$(BUILD)/campaign/ats-campaign --seeds $(SEEDS) --hours $(HOURS)
 
-# What runs on real threads, under the thread sanitizer.
+# The tests that run on real threads, under the thread sanitizer.
 test-threads:
 	@scripts/install-dependencies test
 	cmake --preset tsan
@@ -88,7 +88,7 @@ bench:
 	build/release/bench/ats-bench
 	test ! -x build/release/bench/fabric-bench || build/release/bench/fabric-bench
 
-# The program with no library that it can do without.
+# The program without any optional library.
 bare:
 	@scripts/install-dependencies build
 	@$(MAKE) --no-print-directory configure PRESET=bare
@@ -116,12 +116,12 @@ check-format:
 
 tidy:
 	cmake --preset clang
-	git ls-files 'ib-code/*.cpp' 'host/*.cpp' 'cli/*.cpp' 'records/*.cpp' 'console/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
+	@scripts/sources ib-code records host console cli campaign | grep '\.cpp$$' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
 
-# The module alone, which is what continuous integration has the time for.
+# Only the module.
 tidy-module:
 	cmake --preset clang
-	git ls-files 'ib-code/*.cpp' | xargs -P 2 -n 3 clang-tidy --quiet -p build/clang
+	@scripts/sources ib-code | grep '\.cpp$$' | xargs -P 2 -n 3 clang-tidy --quiet -p build/clang
 
 coverage:
 	$(MAKE) test PRESET=coverage
