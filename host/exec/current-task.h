@@ -1,4 +1,4 @@
-// For executors: says which task the calling thread runs.
+// For executors only: sets the task that the calling thread runs.
 #pragma once
 
 #include "host/exec/task.h"
@@ -6,9 +6,10 @@
 namespace exec
 {
 
-void set_current_task(task* running);
+// Null: the thread runs no task.
+void set_current_task(task* task);
 
-// Runs the calling task inside another machine for as long as it lives.
+// While it lives, the calling task `self` is inside another machine.
 class inside_machine
 {
   public:

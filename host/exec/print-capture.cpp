@@ -5,7 +5,8 @@
 namespace exec
 {
 
-print_capture::print_capture(where to) : to_(to), outer_(current_task_of("print_capture").capture)
+print_capture::print_capture(destination destination)
+    : destination_(destination), outer_(current_task_of("print_capture").capture)
 {
     current_task()->capture = this;
 }
@@ -15,11 +16,11 @@ print_capture::~print_capture()
     current_task()->capture = outer_;
 }
 
-bool print_capture::take(const char* printed)
+bool print_capture::take(const char* text)
 {
-    const bool marked = printed[0] == '<' && printed[1] != '\0' && printed[2] == '>';
-    text_ += printed + (marked ? 3 : 0);
-    return to_ == also_log && (!outer_ || outer_->take(printed));
+    const bool has_mark = text[0] == '<' && text[1] != '\0' && text[2] == '>';
+    text_ += text + (has_mark ? 3 : 0);
+    return destination_ == also_log && (!outer_ || outer_->take(text));
 }
 
 } // namespace exec

@@ -1,4 +1,4 @@
-// What a task prints, for who asked it to.
+// Captures the texts that a task prints.
 #pragma once
 
 #include <string>
@@ -6,26 +6,26 @@
 namespace exec
 {
 
-// While it lives, what the calling task prints is kept here too, or here instead of in the machine's log. Captures of
-// one task nest. Only its task may touch it.
+// While it lives, it keeps the texts that the calling task prints; they go to the machine's log too, or not. Captures
+// of one task nest. For its task only.
 class print_capture
 {
   public:
-    enum where { also_log, instead_of_log };
+    enum destination { also_log, instead_of_log };
 
-    explicit print_capture(where to);
+    explicit print_capture(destination destination);
     ~print_capture();
     print_capture(const print_capture&) = delete;
     print_capture& operator=(const print_capture&) = delete;
 
-    // All texts so far, priorities ("<6>") taken off.
+    // All texts so far, without their priorities ("<6>").
     const std::string& text() const { return text_; }
 
-    // Called by printk. True: the log is to have the text too.
-    bool take(const char* printed);
+    // Called by printk. True if the text goes to the log too.
+    bool take(const char* text);
 
   private:
-    const where to_;
+    const destination destination_;
     print_capture* const outer_;
     std::string text_;
 };

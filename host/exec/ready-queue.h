@@ -1,6 +1,8 @@
-// First come, first served, in a ring that grows: a task that becomes ready costs no allocation.
+// A first-in, first-out queue of tasks, in a ring that grows. Pushing allocates only when the ring is full. For one
+// thread.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <utility>
 #include <vector>
@@ -15,29 +17,32 @@ class ready_queue
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }
 
-    void push(task_t* ready)
+    void push(task_t* task)
     {
         if (count_ == ring_.size()) grow();
-        ring_[slot(count_++)] = ready;
+        ring_[slot(count_++)] = task;
     }
 
+    // Not of an empty queue.
     task_t* take_first()
     {
+        assert(count_ > 0);
         task_t* first = ring_[slot(0)];
         first_ = slot(1);
         --count_;
         return first;
     }
 
-    // Takes the task at `index` of the order they came in; the first one takes its place.
+    // Takes the task at `index` in the order of arrival. The first task moves to that place.
     task_t* take(size_t index)
     {
+        assert(index < count_);
         std::swap(ring_[slot(0)], ring_[slot(index)]);
         return take_first();
     }
 
   private:
-    static constexpr size_t initial_slots = 16; // always a power of two
+    static constexpr size_t initial_slots = 16; // a power of two, as every size of the ring
 
     size_t slot(size_t index) const { return (first_ + index) & (ring_.size() - 1); }
 

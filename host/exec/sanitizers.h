@@ -1,5 +1,5 @@
-// Under which sanitizer this is compiled: __SANITIZE_ADDRESS__ and __SANITIZE_THREAD__, which GCC defines and clang
-// tells in another way.
+// Defines __SANITIZE_ADDRESS__ or __SANITIZE_THREAD__ if this is compiled with that sanitizer. GCC defines them itself;
+// clang has __has_feature instead.
 #pragma once
 
 #if defined(__has_feature)

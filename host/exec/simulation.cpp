@@ -36,44 +36,44 @@ class simulated_executor final : public simulation
         return start_fiber(home, std::move(name), std::move(body));
     }
 
-    void join(task& awaited) override
+    void join(task& task) override
     {
         check_thread("join");
-        auto& ending = static_cast<fiber_task&>(awaited);
+        auto& target = static_cast<fiber_task&>(task);
         fiber_task* self = running();
         if (!self) {
-            drive_until_ended(ending);
+            drive_until_ended(target);
         } else {
             might_sleep("join");
-            while (ending.state != task_state::ended) {
-                ending.joiner = self;
-                park(never, "join", ending.name.c_str());
+            while (target.state != task_state::ended) {
+                target.joining_task = self;
+                park(never, "join", target.name.c_str());
             }
         }
-        free_task(ending);
+        free_task(target);
     }
 
     void park(uint64_t deadline, const char* reason, const char* object) override
     {
         might_sleep(reason);
         fiber_task& self = *running();
-        if (!self.woken && deadline <= now_) {
-            yield(self); // a loop around such sleeps must not keep others from running
-        } else if (!self.woken) {
+        if (!self.has_wake_up && deadline <= now_) {
+            yield(self); // so that a loop of such sleeps does not keep others from running
+        } else if (!self.has_wake_up) {
             if (deadline != never) arm(self, deadline);
             stop(self, task_state::parked, reason, object);
-            others_may_go_on();
+            ready_spinners();
             switch_away(self);
         }
-        self.woken = false;
+        self.has_wake_up = false;
     }
 
-    void wake(task& sleeper) override
+    void wake(task& task) override
     {
         check_thread("wake");
-        auto& woken = static_cast<fiber_task&>(sleeper);
-        woken.woken = true;
-        if (woken.state == task_state::parked) make_ready(woken);
+        auto& sleeper = static_cast<fiber_task&>(task);
+        sleeper.has_wake_up = true;
+        if (sleeper.state == task_state::parked) make_ready(sleeper);
     }
 
     void enter(task_home* home, const std::string& name, const std::function<void()>& body) override
@@ -84,18 +84,18 @@ class simulated_executor final : public simulation
             body();
             return;
         }
-        fiber_task& entered = start_fiber(home, name, body);
-        entered.failure_is_awaited = true;
+        fiber_task& visitor = start_fiber(home, name, body);
+        visitor.may_throw = true;
         try {
-            drive_until_ended(entered);
+            drive_until_ended(visitor);
         } catch (const stalled&) {
-            disarm(entered);
-            entered.state = task_state::abandoned; // its body refers to what the caller is about to leave
+            disarm(visitor);
+            visitor.state = task_state::abandoned; // its body refers to variables that the caller is about to leave
             throw;
         }
-        const std::exception_ptr failure = entered.failure;
-        free_task(entered);
-        if (failure) std::rethrow_exception(failure);
+        const std::exception_ptr exception = visitor.exception;
+        free_task(visitor);
+        if (exception) std::rethrow_exception(exception);
     }
 
     void switch_point() override
@@ -103,13 +103,13 @@ class simulated_executor final : public simulation
         if (!options_.order) return;
         fiber_task* self = running();
         if (!self) return;
-        others_may_go_on();
+        ready_spinners();
         if (ready_count() == 0) return;
-        if (const size_t chosen = options_.order->choose(ready_count() + 1, choice_point::switch_point)) {
-            fiber_task* next = take_ready(chosen - 1);
-            preempted_.push(self);
-            go_on(*self, next);
-        }
+        const size_t choice = options_.order->choose(ready_count() + 1, choice_point::switch_point);
+        if (choice == 0) return;
+        fiber_task* next = take_ready(choice - 1);
+        preempted_tasks_.push(self);
+        switch_to(*self, next);
     }
 
     void relax() override
@@ -117,7 +117,7 @@ class simulated_executor final : public simulation
         check_thread("relax");
         if (fiber_task* self = running()) {
             stop(*self, task_state::spinning, "", "");
-            spinning_.push(self);
+            spinning_tasks_.push(self);
             switch_away(*self);
         } else if (!run_ready()) {
             throw stalled("deadlock: a caller from outside spins, and no task can run\n" + report());
@@ -126,9 +126,9 @@ class simulated_executor final : public simulation
 
     void run_until(uint64_t tick) override
     {
-        if (running()) panic("run_until is for those outside of the simulation");
+        if (running()) panic("run_until is called by a task of the simulation");
         check_thread("run_until");
-        others_may_go_on();
+        ready_spinners();
         while (run_ready() || advance_to_deadline(tick)) {}
         if (now_ < tick) now_ = tick;
     }
@@ -145,10 +145,10 @@ class simulated_executor final : public simulation
 
     std::vector<task*> tasks() const override
     {
-        std::vector<task*> living;
+        std::vector<task*> tasks;
         for (fiber_task* each : tasks_)
-            if (each->state != task_state::ended && each->state != task_state::abandoned) living.push_back(each);
-        return living;
+            if (each->state != task_state::ended && each->state != task_state::abandoned) tasks.push_back(each);
+        return tasks;
     }
 
   private:
@@ -161,24 +161,24 @@ class simulated_executor final : public simulation
 
     fiber_task& start_fiber(task_home* home, std::string name, std::function<void()> body)
     {
-        auto* made = new fiber_task(*this, home, std::move(name), std::move(body), stacks_.take(), run_body);
-        made->position = tasks_.insert(tasks_.end(), made);
-        ready_.push(made);
-        return *made;
+        auto* task = new fiber_task(*this, home, std::move(name), std::move(body), stacks_.take(), run_body);
+        task->position = tasks_.insert(tasks_.end(), task);
+        ready_tasks_.push(task);
+        return *task;
     }
 
     static void run_body(void* argument)
     {
         auto& self = *static_cast<fiber_task*>(argument);
-        self.begun = true;
+        self.has_begun = true;
         try {
             self.body();
-        } catch (const std::exception& escaped) {
-            if (!self.failure_is_awaited) panic("an exception escaped: %s", escaped.what());
-            self.failure = std::current_exception();
+        } catch (const std::exception& exception) {
+            if (!self.may_throw) panic("an exception escaped: %s", exception.what());
+            self.exception = std::current_exception();
         } catch (...) {
-            if (!self.failure_is_awaited) panic("an exception escaped");
-            self.failure = std::current_exception();
+            if (!self.may_throw) panic("an exception escaped");
+            self.exception = std::current_exception();
         }
         static_cast<simulated_executor&>(self.exec).end(self);
     }
@@ -186,20 +186,20 @@ class simulated_executor final : public simulation
     void end(fiber_task& self)
     {
         self.state = task_state::ended;
-        if (self.joiner) wake(*self.joiner);
-        others_may_go_on();
+        if (self.joining_task) wake(*self.joining_task);
+        ready_spinners();
         switch_away(self);
     }
 
-    void free_task(fiber_task& freed)
+    void free_task(fiber_task& task)
     {
-        disarm(freed);
-        tasks_.erase(freed.position);
-        if (freed.state == task_state::ended || !freed.begun)
-            stacks_.put(freed.thread.stack());
+        disarm(task);
+        tasks_.erase(task.position);
+        if (task.state == task_state::ended || !task.has_begun)
+            stacks_.put(task.thread.stack());
         else
-            stacks_.put_abandoned(freed.thread.stack());
-        delete &freed;
+            stacks_.put_abandoned(task.thread.stack());
+        delete &task;
     }
 
     void arm(fiber_task& sleeper, uint64_t deadline)
@@ -220,9 +220,9 @@ class simulated_executor final : public simulation
         sleeper.node = deadlines_.extract(sleeper.deadline);
     }
 
-    void stop(fiber_task& self, task_state why, const char* reason, const char* object)
+    void stop(fiber_task& self, task_state state, const char* reason, const char* object)
     {
-        self.state = why;
+        self.state = state;
         self.reason = reason;
         self.object = object;
         self.stopped_at_tick = now_;
@@ -232,56 +232,60 @@ class simulated_executor final : public simulation
     {
         disarm(sleeper);
         sleeper.state = task_state::ready;
-        ready_.push(&sleeper);
+        ready_tasks_.push(&sleeper);
     }
 
-    // Something has happened that those who spin may have been waiting for.
-    void others_may_go_on()
+    // Makes the spinning tasks ready: something has happened that they may wait for.
+    void ready_spinners()
     {
-        while (!spinning_.empty())
-            if (fiber_task* spins = spinning_.take_first(); spins->state == task_state::spinning) make_ready(*spins);
+        while (!spinning_tasks_.empty()) {
+            fiber_task& spinner = *spinning_tasks_.take_first();
+            if (spinner.state == task_state::spinning) make_ready(spinner);
+        }
     }
 
-    // Lets the other ready tasks run before the calling one goes on.
+    // Lets the other ready tasks run before the calling task goes on.
     void yield(fiber_task& self)
     {
-        others_may_go_on();
+        ready_spinners();
         if (ready_count() == 0) return;
         fiber_task* next = choose_ready();
-        ready_.push(&self);
-        go_on(self, next);
+        ready_tasks_.push(&self);
+        switch_to(self, next);
     }
 
-    void go_on(fiber_task& self, fiber_task* next)
+    void switch_to(fiber_task& self, fiber_task* next)
     {
         set_current_task(next);
         fiber::switch_between(self.thread, next->thread);
     }
 
-    // Goes on with a ready task, or with the thread from outside when there is none, or when what it awaits is here.
+    // Leaves the calling task, which is not ready. Goes on with a ready task, or with the thread from outside if no
+    // task is ready or the task that it waits for has ended.
     void switch_away(fiber_task& self)
     {
-        const bool to_outside = ready_count() == 0 || (awaited_ && awaited_->state == task_state::ended);
-        fiber_task* next = to_outside ? nullptr : choose_ready();
+        const bool returns_outside = ready_count() == 0 || (target_ && target_->state == task_state::ended);
+        fiber_task* next = returns_outside ? nullptr : choose_ready();
         if (next == &self) return;
         set_current_task(next);
         fiber::switch_between(self.thread, next ? next->thread : outside_, self.state == task_state::ended);
     }
 
-    size_t ready_count() const { return ready_.size() + preempted_.size(); }
+    size_t ready_count() const { return ready_tasks_.size() + preempted_tasks_.size(); }
 
     fiber_task* take_ready(size_t index)
     {
-        return index < ready_.size() ? ready_.take(index) : preempted_.take(index - ready_.size());
+        const size_t first_preempted = ready_tasks_.size();
+        return index < first_preempted ? ready_tasks_.take(index) : preempted_tasks_.take(index - first_preempted);
     }
 
     fiber_task* choose_ready()
     {
-        const bool is_open = options_.order && ready_count() > 1;
-        return take_ready(is_open ? options_.order->choose(ready_count(), choice_point::stop) : 0);
+        const bool has_choice = options_.order && ready_count() > 1;
+        return take_ready(has_choice ? options_.order->choose(ready_count(), choice_point::stop) : 0);
     }
 
-    // From outside: runs what is ready. False when nothing was.
+    // From outside: runs ready tasks until none is left or the awaited task has ended. False if no task was ready.
     bool run_ready()
     {
         if (ready_count() == 0) return false;
@@ -291,26 +295,28 @@ class simulated_executor final : public simulation
         return true;
     }
 
-    // From outside: moves the clock to the next deadline, unless it lies behind `limit`, and wakes who waits for it.
+    // From outside: moves the clock to the next deadline and wakes the tasks that wait for it. False if no deadline is
+    // left up to `limit`.
     bool advance_to_deadline(uint64_t limit)
     {
         if (deadlines_.empty() || deadlines_.begin()->first > limit) return false;
         now_ = deadlines_.begin()->first;
         while (!deadlines_.empty() && deadlines_.begin()->first <= now_) make_ready(*deadlines_.begin()->second);
-        others_may_go_on();
+        ready_spinners();
         return true;
     }
 
-    void drive_until_ended(const fiber_task& ending)
+    // From outside: runs the simulation until the task has ended. Throws `stalled` if it cannot end.
+    void drive_until_ended(const fiber_task& target)
     {
         const uint64_t limit = options_.patience_ticks < never - now_ ? now_ + options_.patience_ticks : never;
-        others_may_go_on();
-        while (ending.state != task_state::ended) {
-            awaited_ = &ending;
-            const bool moved = run_ready() || advance_to_deadline(limit);
-            awaited_ = nullptr;
-            if (moved) continue;
-            throw stalled((deadlines_.empty() ? "deadlock: " : "no end in sight: ") + ending.name +
+        ready_spinners();
+        while (target.state != task_state::ended) {
+            target_ = &target;
+            const bool has_advanced = run_ready() || advance_to_deadline(limit);
+            target_ = nullptr;
+            if (has_advanced) continue;
+            throw stalled((deadlines_.empty() ? "deadlock: " : "no end in sight: ") + target.name +
                           " cannot go on at tick " + std::to_string(now_) + "\n" + report());
         }
     }
@@ -322,11 +328,11 @@ class simulated_executor final : public simulation
     fiber outside_;
     fiber_stack_pool stacks_;
     std::list<fiber_task*> tasks_;
-    ready_queue<fiber_task> ready_;
-    ready_queue<fiber_task> preempted_; // ready too, but behind those
-    ready_queue<fiber_task> spinning_;  // not ready before another task has run
+    ready_queue<fiber_task> ready_tasks_;
+    ready_queue<fiber_task> preempted_tasks_; // ready too, but later than those
+    ready_queue<fiber_task> spinning_tasks_;  // ready when another task has run
     deadline_map deadlines_;
-    const fiber_task* awaited_ = nullptr; // whose end the thread from outside is waiting for
+    const fiber_task* target_ = nullptr; // the thread from outside waits for its end
 };
 
 } // namespace

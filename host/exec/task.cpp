@@ -22,9 +22,9 @@ task* current_task()
     return running_task;
 }
 
-void set_current_task(task* running)
+void set_current_task(task* task)
 {
-    running_task = running;
+    running_task = task;
 }
 
 task& current_task_of(const char* caller)
@@ -34,15 +34,15 @@ task& current_task_of(const char* caller)
     return *self;
 }
 
-void send_signal(task& to)
+void send_signal(task& task)
 {
-    to.signal = true;
-    if (to.interruptible) to.exec.wake(to);
+    task.signal = true;
+    if (task.interruptible) task.exec.wake(task);
 }
 
-void clear_signal(task& of)
+void clear_signal(task& task)
 {
-    of.signal = false;
+    task.signal = false;
 }
 
 atomic_section::atomic_section(const char* context) : outer_(current_task_of(context).atomic_context)
@@ -64,7 +64,8 @@ void might_sleep(const char* call)
 
 void preemption_point()
 {
-    if (const task& self = *current_task(); self.spin_locks == 0) self.exec.switch_point();
+    const task& self = current_task_of("preemption_point");
+    if (self.spin_locks == 0) self.exec.switch_point();
 }
 
 void panic(const char* format, ...)
@@ -72,7 +73,7 @@ void panic(const char* format, ...)
     char text[2048];
     va_list arguments;
     va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of clang-tidy 14
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false warning of clang-tidy 14
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     const task* self = current_task();

@@ -7,7 +7,7 @@
 
 struct wait_queue_t;
 
-// What wait queues and semaphores of the module-facing headers point at.
+// The task as the headers for modules know it: wait queues and semaphores point at it.
 struct kernel_task_t {
 };
 
@@ -17,7 +17,7 @@ namespace exec
 class executor;
 class print_capture;
 
-// The machine that a task runs in, as far as tasks must know it: its name, for reports. A layer above derives from it.
+// The machine that a task runs in. Tasks only need its name, for reports; the kernel derives its machines from it.
 class task_home
 {
   public:
@@ -35,42 +35,39 @@ class task_home
 };
 
 struct task : kernel_task_t {
-    task(executor& runs_it, task_home* home_of_task, std::string task_name)
-        : exec(runs_it), home(home_of_task), name(std::move(task_name))
-    {
-    }
+    task(executor& exec, task_home* home, std::string name) : exec(exec), home(home), name(std::move(name)) {}
     task(const task&) = delete;
     task& operator=(const task&) = delete;
 
     executor& exec;
-    task_home* home; // written by the task itself only
+    task_home* home; // null outside of all machines; written by the task only
     const std::string name;
 
     std::atomic<bool> signal{false};        // a signal is pending
     std::atomic<bool> interruptible{false}; // parked in a sleep that a signal ends
 
-    // The innermost context entered that may not sleep, or null; `spin_locks` counts those held. The task's own.
-    const char* atomic_context = nullptr;
-    int spin_locks = 0;
-    const wait_queue_t* wait_queue = nullptr; // its place in the queue it joined last; the task's own
-
-    print_capture* capture = nullptr; // who else wants what the task prints; the task's own
+    // Only the task itself reads and writes the rest.
+    const char* atomic_context = nullptr;     // the innermost context that may not sleep, or null
+    int spin_locks = 0;                       // how many it holds
+    const wait_queue_t* wait_queue = nullptr; // its place in the wait queue that it joined last, or null
+    print_capture* capture = nullptr;         // gets the texts that it prints; or null
 
   protected:
     ~task() = default;
 };
 
-// The task of the calling thread or fiber; null on a thread from outside.
+// The task of the calling thread or fiber; null in a thread from outside.
 task* current_task();
 
-// The calling task. A call from outside of any task is a hard error naming the `caller`.
+// The calling task. A hard error that names `caller` if there is none.
 task& current_task_of(const char* caller);
 
-// Sends a signal: it stays pending until clear_signal, and ends an interruptible sleep. Any thread.
-void send_signal(task& to);
-void clear_signal(task& of);
+// Sends the task a signal, which ends an interruptible sleep and stays pending until clear_signal(). Any thread.
+void send_signal(task& task);
+void clear_signal(task& task);
 
-// A stretch of code that may not sleep. Blocking calls made inside are hard errors naming both.
+// While it lives, the calling task may not sleep: a blocking call is a hard error that names the call and `context`.
+// The text must outlive it.
 class atomic_section
 {
   public:
@@ -83,14 +80,15 @@ class atomic_section
     const char* outer_;
 };
 
-// Every call that may block begins with this: a hard error in a context that may not sleep.
+// Every call that may block begins with this. A hard error in a context that may not sleep.
 void might_sleep(const char* call);
 
-// A place where another task could run next, unless the calling task excludes others with a spin lock. Kernel calls
-// have one before and behind what others can see of them.
+// Another task may run here, unless the calling task holds a spin lock. Kernel calls have one before and after an
+// effect that other tasks can see.
 void preemption_point();
 
-// An invariant of the kernel or of its user is broken: prints the text, the task and its machine, and aborts.
+// Ends the process because an invariant of the kernel or of its user is broken. Prints the text, the task and its
+// machine to stderr. Any thread.
 [[noreturn]] void panic(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace exec

@@ -21,29 +21,32 @@ namespace
 using clock = std::chrono::steady_clock;
 using tick_duration = std::chrono::milliseconds;
 
-// The steady clock is CLOCK_MONOTONIC, which is what futexes go by.
-timespec as_timespec(clock::time_point when)
+// The steady clock is CLOCK_MONOTONIC, which futexes use as well.
+timespec as_timespec(clock::time_point time)
 {
-    const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
-    return {.tv_sec = since / 1'000'000'000, .tv_nsec = since % 1'000'000'000};
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+    return {.tv_sec = ns / 1'000'000'000, .tv_nsec = ns % 1'000'000'000};
 }
 
-constexpr uint64_t centuries_in_ticks = 1ull << 42; // a later deadline does not come, and would overflow the clock
+constexpr uint64_t largest_deadline = 1ull << 42; // centuries; a later one would overflow the clock
 
-// How a task stands to its wake-ups.
-enum wake_state : uint32_t { running, sleeping, woken };
+enum wake_state : uint32_t {
+    running,
+    sleeping,
+    woken, // a wake-up has come that park() has not seen yet
+};
 
 struct thread_task final : task {
     using task::task;
 
     std::atomic<uint32_t> state{running};
-    std::thread thread; // not of a thread from outside
+    std::thread thread; // none if a thread from outside is the task
 };
 
-// Until the word is no longer `sleeping`, or the deadline is past. May return early.
-void sleep_on(std::atomic<uint32_t>& word, const timespec* deadline)
+// Sleeps until the state is no longer `sleeping`, or until the deadline. May return early.
+void sleep_on(std::atomic<uint32_t>& state, const timespec* deadline)
 {
-    syscall(SYS_futex, &word, FUTEX_WAIT_BITSET_PRIVATE, sleeping, deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+    syscall(SYS_futex, &state, FUTEX_WAIT_BITSET_PRIVATE, sleeping, deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
 class threaded_executor final : public executor
@@ -51,49 +54,49 @@ class threaded_executor final : public executor
   public:
     uint64_t now() const override
     {
-        return static_cast<uint64_t>(std::chrono::duration_cast<tick_duration>(clock::now() - started_).count());
+        return static_cast<uint64_t>(std::chrono::duration_cast<tick_duration>(clock::now() - start_time_).count());
     }
 
     task& start(task_home* home, std::string name, std::function<void()> body) override
     {
-        auto made = std::make_unique<thread_task>(*this, home, std::move(name));
-        made->thread = new_thread([self = made.get(), work = std::move(body)] {
+        auto task = std::make_unique<thread_task>(*this, home, std::move(name));
+        task->thread = new_thread([self = task.get(), body = std::move(body)] {
             set_current_task(self);
             try {
-                work();
-            } catch (const std::exception& escaped) {
-                panic("an exception escaped: %s", escaped.what());
+                body();
+            } catch (const std::exception& exception) {
+                panic("an exception escaped: %s", exception.what());
             } catch (...) {
                 panic("an exception escaped");
             }
         });
-        return *made.release();
+        return *task.release();
     }
 
-    void join(task& awaited) override
+    void join(task& task) override
     {
         if (current_task()) might_sleep("join");
-        auto& ending = static_cast<thread_task&>(awaited);
-        ending.thread.join();
-        delete &ending;
+        auto& target = static_cast<thread_task&>(task);
+        target.thread.join();
+        delete &target;
     }
 
     void park(uint64_t deadline, const char* reason, const char*) override
     {
         might_sleep(reason);
         std::atomic<uint32_t>& state = static_cast<thread_task&>(*current_task()).state;
-        uint32_t expected = running;
-        if (state.compare_exchange_strong(expected, sleeping)) {
-            const timespec until = as_timespec(started_ + tick_duration(std::min(deadline, centuries_in_ticks)));
-            while (state == sleeping && now() < deadline) sleep_on(state, &until);
+        uint32_t previous = running;
+        if (state.compare_exchange_strong(previous, sleeping)) {
+            const timespec end = as_timespec(start_time_ + tick_duration(std::min(deadline, largest_deadline)));
+            while (state == sleeping && now() < deadline) sleep_on(state, &end);
         }
-        state.exchange(running); // sees what came before a wake-up that raced with the deadline
+        state.exchange(running); // an exchange, so that this task sees everything before a wake-up at the deadline
     }
 
-    void wake(task& sleeper) override
+    void wake(task& task) override
     {
-        std::atomic<uint32_t>& state = static_cast<thread_task&>(sleeper).state;
-        // Once it is woken the sleeper may be gone: from there on its state is an address and no more.
+        std::atomic<uint32_t>& state = static_cast<thread_task&>(task).state;
+        // After the exchange the task may be freed: the system call only uses the address of its state.
         if (state.exchange(woken) == sleeping) syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 
@@ -119,7 +122,7 @@ class threaded_executor final : public executor
     void relax() override { std::this_thread::yield(); }
 
   private:
-    const clock::time_point started_ = clock::now();
+    const clock::time_point start_time_ = clock::now();
 };
 
 } // namespace
