@@ -1,14 +1,13 @@
 #include "host/exec/fiber.h"
 
-#include <cstdint>
-#include <cstdlib>
+#include <boost/context/detail/fcontext.hpp>
 #include <cxxabi.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <utility>
 
 #include "host/exec/sanitizers.h"
 #include "host/exec/shortage.h"
+#include "host/exec/task.h"
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
@@ -18,52 +17,14 @@
 #include <sanitizer/tsan_interface.h>
 #endif
 
-// Saves the registers that a call preserves on the current stack, stores the stack pointer in *from, and goes on
-// where `to` left off. swapcontext would make a system call each time.
-extern "C" void kernel_switch_stack(void** from, void* to);
-asm(R"(
-.text
-.type kernel_switch_stack, @function
-kernel_switch_stack:
-    pushq %rbp
-    pushq %rbx
-    pushq %r12
-    pushq %r13
-    pushq %r14
-    pushq %r15
-    movq %rsp, (%rdi)
-    movq %rsi, %rsp
-    popq %r15
-    popq %r14
-    popq %r13
-    popq %r12
-    popq %rbx
-    popq %rbp
-    ret
-.size kernel_switch_stack, .-kernel_switch_stack
-)");
-
-// Where a new fiber begins: its argument waits in %r12, the function to call in %rbx.
-extern "C" void kernel_fiber_entry();
-asm(R"(
-.text
-.type kernel_fiber_entry, @function
-kernel_fiber_entry:
-    xorl %ebp, %ebp
-    movq %r12, %rdi
-    callq *%rbx
-    ud2
-.size kernel_fiber_entry, .-kernel_fiber_entry
-)");
-
 namespace exec
 {
 
 namespace
 {
 
-// Only touched pages take memory, so that size is cheap. A task that loads or unloads a module needs the most: the
-// dynamic linker keeps arrays of all loaded images on the stack, some 10 bytes for each.
+// Only touched pages take memory, so that a large stack is cheap. A task that loads or unloads a module needs the most:
+// the dynamic linker keeps arrays of all loaded images on the stack, some 10 bytes for each image.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are larger
 #else
@@ -104,7 +65,7 @@ fiber_stack fiber_stack_pool::take()
 void fiber_stack_pool::put(fiber_stack stack)
 {
 #ifdef __SANITIZE_ADDRESS__
-    // Frames that were left by switching away have not cleared what they marked.
+    // The fiber has left its last frames without returning from them, so that their marks are still set.
     __asan_unpoison_memory_region(stack.bottom, stack.bytes);
 #endif
     free_.push_back(stack);
@@ -129,15 +90,8 @@ fiber::fiber()
 fiber::fiber(fiber_stack stack, void (*entry)(void*), void* argument)
     : stack_(stack), entry_(entry), argument_(argument)
 {
-    // What kernel_switch_stack pops, from the lowest address: r15, r14, r13, r12, rbx, rbp, and where it returns to.
-    auto* top = reinterpret_cast<uint64_t*>(static_cast<char*>(stack.bottom) + stack.bytes);
-    top -= 2; // keeps the stack aligned as a call expects it
-    *--top = reinterpret_cast<uint64_t>(&kernel_fiber_entry);
-    *--top = 0;                                        // rbp
-    *--top = reinterpret_cast<uint64_t>(&first_steps); // rbx
-    *--top = reinterpret_cast<uint64_t>(this);         // r12
-    for (int i = 0; i < 3; ++i) *--top = 0;            // r13, r14, r15
-    stack_pointer_ = top;
+    char* top = static_cast<char*>(stack.bottom) + stack.bytes;
+    context_ = boost::context::detail::make_fcontext(top, stack.bytes, begin);
 #ifdef __SANITIZE_THREAD__
     thread_sanitizer_fiber_ = __tsan_create_fiber(0);
 #endif
@@ -150,39 +104,43 @@ fiber::~fiber()
 #endif
 }
 
-void fiber::switch_between(fiber& from, fiber& to, [[maybe_unused]] bool from_ended)
+void fiber::switch_between(fiber& current, fiber& next, [[maybe_unused]] bool has_ended)
 {
-    to.came_from_ = &from;
+    next.previous_ = &current;
     auto& exceptions = reinterpret_cast<exception_state&>(*abi::__cxa_get_globals());
-    from.exceptions_ = std::exchange(exceptions, to.exceptions_);
+    current.exceptions_ = exceptions;
+    exceptions = next.exceptions_;
 #ifdef __SANITIZE_ADDRESS__
-    __sanitizer_start_switch_fiber(from_ended ? nullptr : &from.fake_stack_, to.stack_.bottom, to.stack_.bytes);
+    __sanitizer_start_switch_fiber(has_ended ? nullptr : &current.fake_stack_, next.stack_.bottom, next.stack_.bytes);
 #endif
 #ifdef __SANITIZE_THREAD__
-    __tsan_switch_to_fiber(to.thread_sanitizer_fiber_, 0);
+    __tsan_switch_to_fiber(next.thread_sanitizer_fiber_, 0);
 #endif
-    kernel_switch_stack(&from.stack_pointer_, to.stack_pointer_);
-    from.arrive();
+    const auto transfer = boost::context::detail::jump_fcontext(next.context_, &next);
+    current.arrive(transfer.fctx);
 }
 
-// The first thing that runs on a stack after a switch to it.
-void fiber::arrive()
+// Runs first after each switch to this fiber.
+void fiber::arrive(void* previous_context)
 {
+    previous_->context_ = previous_context;
 #ifdef __SANITIZE_ADDRESS__
-    __sanitizer_finish_switch_fiber(fake_stack_, &came_from_bottom_, &came_from_bytes_);
-    // A thread's own stack is learned from the first fiber that leaves it.
-    if (!came_from_->entry_) {
-        came_from_->stack_.bottom = const_cast<void*>(came_from_bottom_);
-        came_from_->stack_.bytes = came_from_bytes_;
+    __sanitizer_finish_switch_fiber(fake_stack_, &previous_bottom_, &previous_bytes_);
+    // The bounds of a thread's own stack become known when the thread leaves it.
+    if (!previous_->entry_) {
+        previous_->stack_.bottom = const_cast<void*>(previous_bottom_);
+        previous_->stack_.bytes = previous_bytes_;
     }
 #endif
 }
 
-void fiber::first_steps(fiber* self)
+// Boost.Context calls it on the new stack at the first switch to a fiber.
+void fiber::begin(boost::context::detail::transfer_t transfer)
 {
-    self->arrive();
-    self->entry_(self->argument_);
-    std::abort(); // an entry leaves for good by switching away
+    auto& self = *static_cast<fiber*>(transfer.data);
+    self.arrive(transfer.fctx);
+    self.entry_(self.argument_);
+    panic("the entry of a fiber has returned");
 }
 
 } // namespace exec

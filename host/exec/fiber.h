@@ -1,77 +1,88 @@
-// Fibers: stacks that one thread switches between.
+// Fibers: one thread runs on several stacks and switches between them. The switch itself is Boost.Context's, which
+// takes no system call and knows the registers of each processor.
 #pragma once
 
 #include <cstddef>
 #include <vector>
 
+namespace boost::context::detail
+{
+struct transfer_t;
+}
+
 namespace exec
 {
 
-// A mapped stack with a guard page below it. Untouched pages cost no memory.
+// A mapped stack with a guard page below it. Pages that were never touched take no memory.
 struct fiber_stack {
-    void* mapping = nullptr;
+    void* mapping = nullptr; // begins with the guard page
     size_t mapped_bytes = 0;
-    void* bottom = nullptr;
-    size_t bytes = 0;
+    void* bottom = nullptr; // the lowest address that may be used
+    size_t bytes = 0;       // from there
 };
 
-// Hands out stacks and takes them back for the next fiber. For one thread.
+// Maps stacks and keeps those that are free for the next fibers. For one thread.
 class fiber_stack_pool
 {
   public:
     ~fiber_stack_pool();
 
-    // Throws a shortage when none can be mapped.
+    // A stack that belongs to the caller until it is put back. Throws a shortage when none can be mapped.
     fiber_stack take();
 
-    // A stack whose fiber has come to its end, or never began.
+    // Takes back a stack whose fiber has ended or never began.
     void put(fiber_stack stack);
 
-    // A stack whose fiber stopped half-way: what lives on it is never destroyed. The leak checker goes on seeing what
-    // it refers to.
+    // Takes back a stack whose fiber has stopped half-way: its local objects are never destroyed. The leak checker
+    // regards memory that they refer to as used.
     void put_abandoned(fiber_stack stack);
 
   private:
     std::vector<fiber_stack> free_;
 };
 
-// One fiber, or (default constructed) the thread's own stack. Not started until the first switch to it.
+// One fiber, or the thread on its own stack. A fiber begins at the first switch to it. For one thread.
 class fiber
 {
   public:
-    fiber(); // the calling thread's stack
+    // The calling thread on its own stack.
+    fiber();
+
+    // A fiber that calls `entry(argument)`, which must not return: it switches away for good. The stack belongs to the
+    // caller and must outlive the fiber.
     fiber(fiber_stack stack, void (*entry)(void*), void* argument);
     ~fiber();
     fiber(const fiber&) = delete;
     fiber& operator=(const fiber&) = delete;
 
-    // Leaves the calling fiber, which must be `from`, and goes on with `to`. `from_ended` says that `from` will never
-    // be resumed.
-    static void switch_between(fiber& from, fiber& to, bool from_ended = false);
+    // Leaves the calling fiber, which must be `current`, and goes on with `next`. Returns when a fiber switches back.
+    // With `has_ended`, the calling fiber is never resumed.
+    static void switch_between(fiber& current, fiber& next, bool has_ended = false);
 
     fiber_stack stack() const { return stack_; }
 
   private:
-    static void first_steps(fiber* self);
-    void arrive();
+    static void begin(boost::context::detail::transfer_t transfer);
+    void arrive(void* previous_context);
 
-    // The language run-time's account of exceptions in flight, which it keeps per thread.
+    // The exceptions in flight, as the C++ run-time library records them for each thread.
     struct exception_state {
         void* caught = nullptr;
         unsigned int uncaught = 0;
     };
 
-    void* stack_pointer_ = nullptr;
+    void* context_ = nullptr; // of Boost.Context; valid while the fiber does not run
     fiber_stack stack_;
     exception_state exceptions_;
     void (*entry_)(void*) = nullptr;
     void* argument_ = nullptr;
 
-    // What the sanitizers keep of a stack.
+    fiber* previous_ = nullptr; // the fiber that switched here last
+
+    // Used under sanitizers only.
     [[maybe_unused]] void* fake_stack_ = nullptr;
-    [[maybe_unused]] const void* came_from_bottom_ = nullptr;
-    [[maybe_unused]] size_t came_from_bytes_ = 0;
-    fiber* came_from_ = nullptr;
+    [[maybe_unused]] const void* previous_bottom_ = nullptr;
+    [[maybe_unused]] size_t previous_bytes_ = 0;
     [[maybe_unused]] void* thread_sanitizer_fiber_ = nullptr;
 };
 
