@@ -1,12 +1,13 @@
-// The addresses that a machine's log shows. Where a program's memory lies differs from run to run, so a printed pointer
-// is shown as an address in a nominal layout: equal runs then print equal logs. Pointers are translated when they are
-// printed, and nothing else is slowed down.
+// The addresses that a machine's log shows. The real addresses of a program's memory differ from run to run, so a
+// printed pointer is shown as an address in a nominal layout: equal runs then print equal logs. Pointers are translated
+// only when they are printed.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 
 namespace kernel
@@ -15,24 +16,24 @@ namespace kernel
 class memory_account;
 
 // The nominal addresses of a machine's parts.
-constexpr uint64_t nominal_allocations = 0xffff880000000000; // kmalloc's, in order of allocation
+constexpr uint64_t nominal_allocations = 0xffff880000000000; // blocks of kmalloc, in order of allocation
 constexpr uint64_t nominal_unknown = 0xffff8f0000000000;     // stacks and the like, in order of appearance
-constexpr uint64_t nominal_objects = 0xffffc90000000000;     // of the stack, in order of creation
+constexpr uint64_t nominal_objects = 0xffffc90000000000;     // other memory that was added, in order of addition
 constexpr uint64_t nominal_images = 0xffffffffa0000000;      // modules, in order of loading
 
 class address_layout
 {
   public:
-    // Allocations are looked up in `memory`.
+    // Blocks of kmalloc are looked up in `memory`, which must outlive this.
     explicit address_layout(const memory_account& memory) : memory_(memory) {}
     address_layout(const address_layout&) = delete;
     address_layout& operator=(const address_layout&) = delete;
 
-    // The address to print for a pointer, which need not be valid. Null and small numbers in a pointer's place are
-    // shown as they are. Any thread, any context.
+    // The address to print for a pointer, which need not be valid. Null and small numbers that were cast to a pointer
+    // stay as they are. Any thread, any context.
     uint64_t nominal(const void* pointer);
 
-    // Memory that has an address of its own as long as it lives. Whoever frees it removes it first.
+    // Gives memory a nominal address of its own until it is removed, which must happen before it is freed.
     void add_image(const void* begin, size_t bytes);
     void add_object(const void* begin, size_t bytes);
     void remove(const void* begin);
@@ -43,19 +44,19 @@ class address_layout
         uint64_t nominal;
         bool is_image;
     };
-    bool find(const char* pointer, uint64_t* nominal) const;
+    std::optional<uint64_t> find(const char* pointer) const; // with mutex_ held
 
     const memory_account& memory_;
-    mutable std::mutex mutex_;           // guards the rest
-    std::map<const char*, range> added_; // by their beginning
-    size_t images_ = 0;
+    mutable std::mutex mutex_;            // guards the rest
+    std::map<const char*, range> ranges_; // by their beginning
+    size_t image_count_ = 0;
     uint64_t next_image_ = nominal_images;
     uint64_t next_object_ = nominal_objects;
     std::unordered_map<const void*, uint64_t> unknown_;
     uint64_t next_unknown_ = nominal_unknown;
 };
 
-// Adds an object for as long as this lives.
+// Adds an object while it lives.
 class shown_object
 {
   public:

@@ -1,4 +1,4 @@
-// The kernel calls of a module that lead straight to a part of its machine.
+// The kernel calls that each lead to one part of the calling task's machine.
 
 #include <algorithm>
 #include <cstdarg>
@@ -20,7 +20,7 @@ using kernel::machine_where_others_may_run;
 namespace
 {
 
-constexpr size_t longest_print = 2048; // with its NUL
+constexpr size_t max_print_bytes = 2048; // with the NUL
 
 uint64_t shown_address(const void* pointer)
 {
@@ -31,26 +31,26 @@ uint64_t shown_address(const void* pointer)
 
 void printk(const char* format, ...)
 {
-    char text[longest_print];
+    char text[max_print_bytes];
     va_list arguments;
     va_start(arguments, format);
     const size_t length = kernel::format_text(text, sizeof text, format, arguments, shown_address);
     va_end(arguments);
     if (length >= sizeof text && std::string_view(format).ends_with('\n'))
-        text[sizeof text - 2] = '\n'; // what is cut still ends its line
-    // A NUL that was printed as a character shows nothing, and does not end the text.
+        text[sizeof text - 2] = '\n'; // a text that was cut still ends its line
+    // A NUL that was printed as a character (%c) is left out: it does not end the text.
     *std::remove(text, text + std::min(length, sizeof text - 1), '\0') = '\0';
-    kernel::machine& home = current_machine(__func__);
+    kernel::machine& machine = current_machine(__func__);
     exec::print_capture* capture = exec::current_task()->capture;
     if (capture && !capture->take(text)) return;
-    home.log.append(home.exec().now(), text);
+    machine.log.append(machine.exec().now(), text);
 }
 
 void* kmalloc(size_t size, gfp_t flags)
 {
-    kernel::machine& home = flags == GFP_KERNEL ? machine_where_others_may_run(__func__) : current_machine(__func__);
-    if (home.faults.should_fail(__func__)) return nullptr;
-    return home.memory.allocate(size, __builtin_return_address(0));
+    kernel::machine& machine = flags == GFP_KERNEL ? machine_where_others_may_run(__func__) : current_machine(__func__);
+    if (machine.faults.should_fail(__func__)) return nullptr;
+    return machine.memory.allocate(size, __builtin_return_address(0));
 }
 
 void kfree(const void* memory)
@@ -59,10 +59,10 @@ void kfree(const void* memory)
         exec::panic("kfree: %p is not memory of this machine, or was freed before", memory);
 }
 
-unsigned long copy_from_user(void* to, const void* from, unsigned long count)
+unsigned long copy_from_user(void* destination, const void* source, unsigned long count)
 {
     if (machine_where_others_may_run(__func__).faults.should_fail(__func__)) return count;
-    std::memcpy(to, from, count);
+    std::memcpy(destination, source, count);
     return 0;
 }
 
@@ -88,8 +88,8 @@ void inter_module_unregister(const char* name)
 
 const void* inter_module_get(const char* name)
 {
-    kernel::machine& home = current_machine(__func__);
-    return home.faults.should_fail(__func__) ? nullptr : home.inter_modules.get(name);
+    kernel::machine& machine = current_machine(__func__);
+    return machine.faults.should_fail(__func__) ? nullptr : machine.inter_modules.get(name);
 }
 
 void inter_module_put(const char* name)
@@ -99,14 +99,14 @@ void inter_module_put(const char* name)
 
 proc_dir_entry* create_proc_entry(const char* path, mode_t mode)
 {
-    kernel::machine& home = current_machine(__func__);
-    return home.faults.should_fail(__func__) ? nullptr : home.proc.create(path, mode, false);
+    kernel::machine& machine = current_machine(__func__);
+    return machine.faults.should_fail(__func__) ? nullptr : machine.proc.create(path, mode, false);
 }
 
 proc_dir_entry* proc_mkdir(const char* path)
 {
-    kernel::machine& home = current_machine(__func__);
-    return home.faults.should_fail(__func__) ? nullptr : home.proc.create(path, 0, true);
+    kernel::machine& machine = current_machine(__func__);
+    return machine.faults.should_fail(__func__) ? nullptr : machine.proc.create(path, 0, true);
 }
 
 void remove_proc_entry(const char* path)

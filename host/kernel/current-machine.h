@@ -10,14 +10,14 @@ namespace kernel
 
 class machine;
 
-// The machine of the calling task. A call from outside of any machine is a hard error that names the `caller`.
+// The machine of the calling task. A hard error that names `caller` if the task is outside of all machines.
 machine& current_machine(const char* caller);
 
-// The same at the start of a kernel call that may sleep: checks that the context may, and lets other tasks run first,
-// as a real kernel might.
+// The same at the start of a kernel call that may sleep. A hard error in a context that may not sleep. Other tasks may
+// run first, as in a real kernel.
 machine& machine_where_others_may_run(const char* call);
 
-// down_interruptible() for the kernel's own use: no injected fault fails it.
+// down_interruptible() for the kernel itself: injected faults do not reach it.
 int down_or_signal(semaphore* sem);
 
 } // namespace kernel

@@ -8,7 +8,7 @@ namespace kernel
 namespace
 {
 
-// Well mixed bits of a number (the finalizer of SplitMix64).
+// A number whose bits depend on all bits of `number` (the finalizer of SplitMix64).
 uint64_t mixed(uint64_t number)
 {
     number = (number ^ number >> 30) * 0xBF58476D1CE4E5B9;
@@ -18,12 +18,12 @@ uint64_t mixed(uint64_t number)
 
 } // namespace
 
-void fault_injector::fail_nth(uint64_t n, uint64_t then_after)
+void fault_injector::fail_nth(uint64_t n, uint64_t second_distance)
 {
     disarm();
-    failing_call_ = n;
-    second_failing_call_ = then_after > 0 ? n + then_after : 0;
-    armed_ = n > 0;
+    first_number_ = n;
+    second_number_ = second_distance > 0 ? n + second_distance : 0;
+    is_armed_ = n > 0;
 }
 
 void fault_injector::fail_some(uint32_t percent, uint64_t seed)
@@ -31,27 +31,27 @@ void fault_injector::fail_some(uint32_t percent, uint64_t seed)
     disarm();
     percent_ = percent;
     seed_ = seed;
-    armed_ = percent > 0;
+    is_armed_ = percent > 0;
 }
 
-void fault_injector::fail_calls(std::string call, uint64_t times)
+void fault_injector::fail_calls(std::string function, uint64_t times)
 {
     disarm();
-    name_ = std::move(call);
-    times_left_ = times;
-    armed_ = true;
+    function_ = std::move(function);
+    remaining_times_ = times;
+    is_armed_ = true;
 }
 
 void fault_injector::disarm()
 {
-    armed_ = false;
+    is_armed_ = false;
     calls_ = 0;
     failures_ = 0;
-    failing_call_ = 0;
-    second_failing_call_ = 0;
+    first_number_ = 0;
+    second_number_ = 0;
     percent_ = 0;
-    name_.clear();
-    times_left_ = 0;
+    function_.clear();
+    remaining_times_ = 0;
     failed_call_ = nullptr;
 }
 
@@ -64,12 +64,12 @@ std::string fault_injector::failed_call() const
 bool fault_injector::decide(const char* call)
 {
     const uint64_t number = ++calls_;
-    bool fails = number == failing_call_ || number == second_failing_call_ ||
-                 (percent_ > 0 && mixed(seed_ + number) % 100 < percent_);
-    if (!name_.empty() && name_ == call) {
-        uint64_t left = times_left_;
-        while (left > 0 && left != UINT64_MAX && !times_left_.compare_exchange_weak(left, left - 1)) {}
-        fails = left > 0;
+    bool fails =
+        number == first_number_ || number == second_number_ || (percent_ > 0 && mixed(seed_ + number) % 100 < percent_);
+    if (!function_.empty() && function_ == call) {
+        uint64_t times = remaining_times_;
+        while (times > 0 && times != UINT64_MAX && !remaining_times_.compare_exchange_weak(times, times - 1)) {}
+        fails = times > 0;
     }
     if (fails) {
         ++failures_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 namespace kernel
 {
@@ -14,7 +13,7 @@ constexpr size_t longest_digits = 22; // of 64 bits, in octal
 constexpr int pointer_digits = 2 * sizeof(void*);
 constexpr int none = -1;
 
-// Takes characters beyond its end too, but only counts them.
+// Writes into a buffer. Characters beyond its end are only counted.
 class text_writer
 {
   public:
@@ -52,38 +51,45 @@ class text_writer
 
 // The flags, width and size between a '%' and its conversion letter.
 struct conversion {
-    bool left = false;
-    bool plus = false;
-    bool space = false;
-    bool prefix = false;
-    bool zeros = false;
+    bool is_left = false;    // '-'
+    bool has_plus = false;   // '+'
+    bool has_space = false;  // ' '
+    bool has_prefix = false; // '#'
+    bool has_zeros = false;  // '0'
     int width = none;
     int precision = none;
     char size = 0; // 'h', 'l', 'z' or 't'; 'H' for hh, 'L' for ll and L
 };
 
-bool take_flag(char c, conversion& how)
+// False if the character is not a flag.
+bool take_flag(char c, conversion& form)
 {
     switch (c) {
     case '-':
-        return how.left = true;
+        form.is_left = true;
+        break;
     case '+':
-        return how.plus = true;
+        form.has_plus = true;
+        break;
     case ' ':
-        return how.space = true;
+        form.has_space = true;
+        break;
     case '#':
-        return how.prefix = true;
+        form.has_prefix = true;
+        break;
     case '0':
-        return how.zeros = true;
+        form.has_zeros = true;
+        break;
     default:
         return false;
     }
+    return true;
 }
 
-// The digits at `*format`, which moves behind them.
+// The number at `*format`, which moves behind it.
 int take_number(const char** format)
 {
-    constexpr int largest = 65536; // longer texts are cut anyway
+    constexpr int largest = 65536; // buffers are shorter
     int number = 0;
     for (; **format >= '0' && **format <= '9'; ++*format) number = std::min(number * 10 + (**format - '0'), largest);
     return number;
@@ -99,19 +105,32 @@ char take_size(const char** format)
     return size == 'h' ? 'H' : 'L';
 }
 
-void put_padded(text_writer& to, const char* text, size_t count, const conversion& how)
+void put_padded(text_writer& writer, const char* text, size_t count, const conversion& form)
 {
-    const int padding = how.width - static_cast<int>(count);
-    if (!how.left) to.fill(' ', padding);
-    to.put(text, count);
-    if (how.left) to.fill(' ', padding);
+    const int padding = form.width - static_cast<int>(count);
+    if (!form.is_left) writer.fill(' ', padding);
+    writer.put(text, count);
+    if (form.is_left) writer.fill(' ', padding);
 }
 
-// A number with its `sign` (0: none), in the base that the conversion `letter` says.
-void put_number(text_writer& to, uint64_t number, char sign, char letter, const conversion& how)
+unsigned base_of(char letter)
+{
+    switch (letter) {
+    case 'x':
+    case 'X':
+        return 16;
+    case 'o':
+        return 8;
+    default:
+        return 10;
+    }
+}
+
+// A number with its `sign` (0: none), in the base of the conversion `letter`.
+void put_number(text_writer& writer, uint64_t number, char sign, char letter, const conversion& form)
 {
     const char* set = letter == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
-    const unsigned base = letter == 'x' || letter == 'X' ? 16 : letter == 'o' ? 8 : 10;
+    const unsigned base = base_of(letter);
     char digits[longest_digits];
     char* first = digits + sizeof digits;
     do {
@@ -123,20 +142,23 @@ void put_number(text_writer& to, uint64_t number, char sign, char letter, const 
     char front[3];
     int front_count = 0;
     if (sign != 0) front[front_count++] = sign;
-    if (how.prefix && base != 10) front[front_count++] = '0';
-    if (how.prefix && base == 16) front[front_count++] = letter;
+    if (form.has_prefix && base != 10) front[front_count++] = '0';
+    if (form.has_prefix && base == 16) front[front_count++] = letter;
 
-    int zeros = std::max(how.precision - count, 0);
-    int padding = std::max(how.width - front_count - zeros - count, 0);
-    if (how.zeros && !how.left) zeros += std::exchange(padding, 0);
-    if (!how.left) to.fill(' ', padding);
-    to.put(front, static_cast<size_t>(front_count));
-    to.fill('0', zeros);
-    to.put(first, static_cast<size_t>(count));
-    if (how.left) to.fill(' ', padding);
+    int zeros = std::max(form.precision - count, 0);
+    int padding = std::max(form.width - front_count - zeros - count, 0);
+    if (form.has_zeros && !form.is_left) {
+        zeros += padding;
+        padding = 0;
+    }
+    if (!form.is_left) writer.fill(' ', padding);
+    writer.put(front, static_cast<size_t>(front_count));
+    writer.fill('0', zeros);
+    writer.put(first, static_cast<size_t>(count));
+    if (form.is_left) writer.fill(' ', padding);
 }
 
-// The arguments of a format, one after the other. A va_list cannot be passed on as a reference, but a member can be.
+// The arguments of a format, one after the other. A record, because a va_list cannot be passed by reference everywhere.
 struct argument_list {
     va_list next;
 
@@ -177,77 +199,84 @@ struct argument_list {
 // Flags, width, precision and size at `*format`, which moves behind them.
 conversion take_conversion(const char** format, argument_list& arguments)
 {
-    conversion how;
-    while (take_flag(**format, how)) ++*format;
+    conversion form;
+    while (take_flag(**format, form)) ++*format;
     const auto number_or_argument = [&] {
         if (**format != '*') return take_number(format);
         ++*format;
         return va_arg(arguments.next, int);
     };
-    if (**format == '*' || (**format >= '1' && **format <= '9')) how.width = number_or_argument();
-    if (how.width < none) {
-        how.left = true;
-        how.width = -how.width;
+    if (**format == '*' || (**format >= '1' && **format <= '9')) form.width = number_or_argument();
+    if (form.width < none) {
+        form.is_left = true;
+        form.width = -form.width;
     }
     if (**format == '.') {
         ++*format;
-        how.precision = std::max(number_or_argument(), 0);
+        form.precision = std::max(number_or_argument(), 0);
     }
-    how.size = take_size(format);
-    return how;
+    form.size = take_size(format);
+    return form;
 }
 
-void put_text(text_writer& to, const char* text, const conversion& how)
+void put_text(text_writer& writer, const char* text, const conversion& form)
 {
     if (!text) text = "<NULL>";
-    put_padded(to, text, how.precision < 0 ? std::strlen(text) : strnlen(text, static_cast<size_t>(how.precision)),
-               how);
+    const size_t limit = form.precision < 0 ? SIZE_MAX : static_cast<size_t>(form.precision);
+    put_padded(writer, text, strnlen(text, limit), form);
 }
 
-void put_signed(text_writer& to, int64_t number, const conversion& how)
+void put_signed(text_writer& writer, int64_t number, const conversion& form)
 {
     const bool is_negative = number < 0;
     const auto bits = static_cast<uint64_t>(number);
-    put_number(to, is_negative ? -bits : bits, is_negative ? '-' : how.plus ? '+' : how.space ? ' ' : '\0', 'd', how);
+    char sign = '\0';
+    if (is_negative)
+        sign = '-';
+    else if (form.has_plus)
+        sign = '+';
+    else if (form.has_space)
+        sign = ' ';
+    put_number(writer, is_negative ? -bits : bits, sign, 'd', form);
 }
 
-void put_pointer(text_writer& to, uint64_t value, conversion how)
+void put_pointer(text_writer& writer, uint64_t value, conversion form)
 {
-    if (how.width == none) {
-        how.width = pointer_digits;
-        how.zeros = true;
+    if (form.width == none) {
+        form.width = pointer_digits;
+        form.has_zeros = true;
     }
-    put_number(to, value, 0, 'x', how);
+    put_number(writer, value, 0, 'x', form);
 }
 
-// False: there is no such conversion.
-bool put_argument(text_writer& to, char letter, const conversion& how, argument_list& arguments,
+// False if there is no such conversion.
+bool put_argument(text_writer& writer, char letter, const conversion& form, argument_list& arguments,
                   pointer_value_fn value_of)
 {
     switch (letter) {
     case 'd':
     case 'i':
-        put_signed(to, arguments.take_signed(how.size), how);
+        put_signed(writer, arguments.take_signed(form.size), form);
         return true;
     case 'u':
     case 'o':
     case 'x':
     case 'X':
-        put_number(to, arguments.take_unsigned(how.size), 0, letter, how);
+        put_number(writer, arguments.take_unsigned(form.size), 0, letter, form);
         return true;
     case 'p':
-        put_pointer(to, value_of(va_arg(arguments.next, void*)), how);
+        put_pointer(writer, value_of(va_arg(arguments.next, void*)), form);
         return true;
     case 's':
-        put_text(to, va_arg(arguments.next, const char*), how);
+        put_text(writer, va_arg(arguments.next, const char*), form);
         return true;
     case 'c': {
         const char c = static_cast<char>(va_arg(arguments.next, int));
-        put_padded(to, &c, 1, how);
+        put_padded(writer, &c, 1, form);
         return true;
     }
     case '%':
-        to.put('%');
+        writer.put('%');
         return true;
     default:
         return false;
@@ -258,22 +287,22 @@ bool put_argument(text_writer& to, char letter, const conversion& how, argument_
 
 size_t format_text(char* buffer, size_t size, const char* format, va_list arguments, pointer_value_fn value_of)
 {
-    text_writer to(buffer, size);
-    argument_list taken;
-    va_copy(taken.next, arguments);
+    text_writer writer(buffer, size);
+    argument_list list;
+    va_copy(list.next, arguments);
     for (;;) {
         const char* percent = strchrnul(format, '%');
-        to.put(format, static_cast<size_t>(percent - format));
+        writer.put(format, static_cast<size_t>(percent - format));
         if (*percent == '\0') break;
         format = percent + 1;
-        const conversion how = take_conversion(&format, taken);
-        if (put_argument(to, *format, how, taken, value_of))
+        const conversion form = take_conversion(&format, list);
+        if (put_argument(writer, *format, form, list, value_of))
             ++format;
         else
-            to.put(percent, static_cast<size_t>(format - percent)); // the letter follows as plain text
+            writer.put(percent, static_cast<size_t>(format - percent)); // the letter follows as plain text
     }
-    va_end(taken.next);
-    return to.finish();
+    va_end(list.next);
+    return writer.finish();
 }
 
 } // namespace kernel

@@ -16,52 +16,52 @@ void inter_module_registry::publish(const std::string& name, const kernel_module
 void inter_module_registry::withdraw(const std::string& name)
 {
     const std::lock_guard lock(mutex_);
-    const auto found = entries_.find(name);
-    if (found == entries_.end()) panic("inter_module_unregister: nobody registered %s", name.c_str());
-    if (found->second.references > 0)
-        panic("inter_module_unregister: %s is held %d times", name.c_str(), found->second.references);
-    entries_.erase(found);
+    const auto position = entries_.find(name);
+    if (position == entries_.end()) panic("inter_module_unregister: nobody registered %s", name.c_str());
+    if (position->second.references > 0)
+        panic("inter_module_unregister: %s is held %d times", name.c_str(), position->second.references);
+    entries_.erase(position);
 }
 
 const void* inter_module_registry::get(const std::string& name)
 {
     const std::lock_guard lock(mutex_);
-    const auto found = entries_.find(name);
-    if (found == entries_.end() || !home_.modules.hold(found->second.owner)) return nullptr;
-    ++found->second.references;
-    return found->second.pointer;
+    const auto position = entries_.find(name);
+    if (position == entries_.end() || !machine_.modules.hold(position->second.owner)) return nullptr;
+    ++position->second.references;
+    return position->second.pointer;
 }
 
 void inter_module_registry::put(const std::string& name)
 {
     const std::lock_guard lock(mutex_);
-    const auto found = entries_.find(name);
-    if (found == entries_.end() || found->second.references == 0)
+    const auto position = entries_.find(name);
+    if (position == entries_.end() || position->second.references == 0)
         panic("inter_module_put: %s is not held", name.c_str());
-    --found->second.references;
-    home_.modules.release(found->second.owner);
+    --position->second.references;
+    machine_.modules.release(position->second.owner);
 }
 
 std::vector<std::string> inter_module_registry::names() const
 {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> names;
-    for (const auto& [name, published] : entries_) names.push_back(name);
+    for (const auto& [name, entry] : entries_) names.push_back(name);
     return names;
 }
 
 int inter_module_registry::references(const std::string& name) const
 {
     const std::lock_guard lock(mutex_);
-    const auto found = entries_.find(name);
-    return found == entries_.end() ? 0 : found->second.references;
+    const auto position = entries_.find(name);
+    return position == entries_.end() ? 0 : position->second.references;
 }
 
-std::string inter_module_registry::published_by(const kernel_module_t& owner) const
+std::string inter_module_registry::name_owned_by(const kernel_module_t& owner) const
 {
     const std::lock_guard lock(mutex_);
-    for (const auto& [name, published] : entries_)
-        if (published.owner == &owner) return name;
+    for (const auto& [name, entry] : entries_)
+        if (entry.owner == &owner) return name;
     return "";
 }
 

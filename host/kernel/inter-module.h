@@ -1,4 +1,4 @@
-// The registry by which modules find each other's functions. Modules reach it through kernel/module.h.
+// The registry in which modules find each other's functions. Modules use it through kernel/module.h.
 #pragma once
 
 #include <map>
@@ -13,23 +13,30 @@ namespace kernel
 
 class machine;
 
+// Any thread, any context. Each entry is a name, a pointer and the module that owns both.
 class inter_module_registry
 {
   public:
-    explicit inter_module_registry(machine& home) : home_(home) {}
+    explicit inter_module_registry(machine& machine) : machine_(machine) {}
 
+    // A hard error if the name is taken.
     void publish(const std::string& name, const kernel_module_t* owner, const void* pointer);
+    // A hard error if the name is unknown or held.
     void withdraw(const std::string& name);
 
-    // With a reference on the owner until put(); null when nobody published the name.
+    // The pointer of that name, with a reference on its owner until put(); null if there is none or its owner unloads.
     const void* get(const std::string& name);
+
+    // Returns one reference. A hard error if there is none.
     void put(const std::string& name);
 
     std::vector<std::string> names() const;
-    int references(const std::string& name) const; // 0 for an unknown name
 
-    // A name that this module has published and not withdrawn, or "".
-    std::string published_by(const kernel_module_t& owner) const;
+    // How many references of get() are held; 0 for an unknown name.
+    int references(const std::string& name) const;
+
+    // A name that belongs to this module, or "".
+    std::string name_owned_by(const kernel_module_t& owner) const;
 
   private:
     struct entry {
@@ -37,8 +44,8 @@ class inter_module_registry
         const void* pointer;
         int references;
     };
-    machine& home_;
-    mutable std::mutex mutex_;
+    machine& machine_;
+    mutable std::mutex mutex_; // guards the rest
     std::map<std::string, entry> entries_;
 };
 

@@ -34,24 +34,24 @@ loader::~loader() = default;
 
 ats::result<> loader::insmod(const std::string& path, const std::string& parameters)
 {
-    ats::result<> loaded;
-    machine_.enter("insmod", [&] { loaded = load(path, parameters); });
-    return loaded;
+    ats::result<> result;
+    machine_.enter("insmod", [&] { result = load(path, parameters); });
+    return result;
 }
 
 ats::result<> loader::load(const std::string& path, const std::string& parameters)
 {
     might_sleep("insmod");
-    auto owned = std::make_unique<loaded_module>();
-    loaded_module& module = *owned;
-    if (const ats::result<> mapped = module.image.map(path); !mapped) {
-        if (mapped.error().kind == ats::error_kind::no_memory) return mapped; // says nothing about the image
-        return ats::fail(mapped.error().kind, "insmod: " + mapped.error().text);
+    auto image = std::make_unique<loaded_module>();
+    loaded_module& module = *image;
+    if (const ats::result<> result = module.image.map(path); !result) {
+        if (result.error().kind == ats::error_kind::no_memory) return result; // says nothing about the image
+        return ats::fail(result.error().kind, "insmod: " + result.error().text);
     }
 
     const std::string title = std::string("insmod ") + module.name() + ": ";
-    if (const ats::result<> assigned = set_parameters(module.declaration(), parameters, &module.texts); !assigned)
-        return ats::fail(assigned.error().kind, title + assigned.error().text);
+    if (const ats::result<> result = set_parameters(module.declaration(), parameters, &module.texts); !result)
+        return ats::fail(result.error().kind, title + result.error().text);
     {
         const std::lock_guard lock(mutex_);
         if (find(std::string(module.name())))
@@ -59,18 +59,17 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
         if (module.declaration().logger_level) *module.declaration().logger_level = logger_level_;
         const image_range range = range_of_image(&module.declaration());
         machine_.addresses.add_image(range.begin, range.bytes);
-        module.start_task =
-            current_task(); // set before others can find the module: rmmod is refused until it has started
-        modules_.push_back(std::move(owned));
+        module.start_task = current_task(); // before others can find the module, so that rmmod is refused
+        modules_.push_back(std::move(image));
     }
-    const int result = start(module);
-    if (result >= 0) return {};
+    const int start_result = start(module);
+    if (start_result >= 0) return {};
 
-    const std::string number = std::to_string(result);
+    const std::string number = std::to_string(start_result);
     wait_for_users(module); // of /proc entries that it has removed
     unmap(module);
-    const ats::error_kind kind = result == -EK_INVAL ? ats::error_kind::invalid : ats::error_kind::failed;
-    return ats::fail(kind, title + "start-up failed with " + number + " (" + std::strerror(-result) +
+    const ats::error_kind kind = start_result == -EK_INVAL ? ats::error_kind::invalid : ats::error_kind::failed;
+    return ats::fail(kind, title + "start-up failed with " + number + " (" + std::strerror(-start_result) +
                                "); the kernel log says why");
 }
 
@@ -85,9 +84,9 @@ int loader::start(loaded_module& module)
 
 ats::result<> loader::rmmod(const std::string& name)
 {
-    ats::result<> unloaded;
-    machine_.enter("rmmod", [&] { unloaded = unload(name); });
-    return unloaded;
+    ats::result<> result;
+    machine_.enter("rmmod", [&] { result = unload(name); });
+    return result;
 }
 
 ats::result<> loader::unload(const std::string& name)
@@ -127,9 +126,9 @@ void loader::wait_for_users(loaded_module& module)
 void loader::check_leftovers(const loaded_module& module) const
 {
     const kernel_module_t& declaration = module.declaration();
-    if (const std::string name = machine_.inter_modules.published_by(declaration); !name.empty())
+    if (const std::string name = machine_.inter_modules.name_owned_by(declaration); !name.empty())
         panic("%s goes without withdrawing the inter-module name %s", declaration.name, name.c_str());
-    if (const std::string path = machine_.proc.owned_by(declaration); !path.empty())
+    if (const std::string path = machine_.proc.path_owned_by(declaration); !path.empty())
         panic("%s goes without removing the /proc entry %s", declaration.name, path.c_str());
     std::string leftovers;
     for (const std::string& each : machine_.left_by(module_code(declaration.name, &declaration)))
@@ -141,16 +140,16 @@ void loader::unmap(loaded_module& module)
 {
     check_leftovers(module);
     const kernel_module_t& declaration = module.declaration();
-    machine_.memory.image_leaves(module_code(declaration.name, &declaration));
+    machine_.memory.note_unmapping(module_code(declaration.name, &declaration));
     machine_.addresses.remove(range_of_image(&declaration).begin);
 
-    std::unique_ptr<loaded_module>
-        removed; // destroyed after the lock is released: the image's destructors may call the kernel
+    // Destroyed after the lock is released, since the image's destructors may call the kernel.
+    std::unique_ptr<loaded_module> image;
     const std::lock_guard lock(mutex_);
     const auto position =
         std::find_if(modules_.begin(), modules_.end(), [&module](const auto& each) { return each.get() == &module; });
     assert(position != modules_.end());
-    removed = std::move(*position);
+    image = std::move(*position);
     modules_.erase(position);
 }
 

@@ -19,9 +19,9 @@ bool has_mark(std::string_view text)
 size_t memory_of(const log_line& line)
 {
     constexpr size_t allocation_overhead = 16;
-    static const size_t inside = std::string().capacity(); // so many characters need no memory of their own
-    const size_t room = line.text.capacity();
-    return sizeof line + (room > inside ? room + 1 + allocation_overhead : 0);
+    static const size_t inline_capacity = std::string().capacity(); // a short text is stored in the line itself
+    const size_t capacity = line.text.capacity();
+    return sizeof line + (capacity > inline_capacity ? capacity + 1 + allocation_overhead : 0);
 }
 
 } // namespace
@@ -35,7 +35,7 @@ std::string log_line::raw() const
 void log::append(uint64_t tick, std::string_view text)
 {
     const std::lock_guard lock(mutex_);
-    last_tick_ = std::max(last_tick_, tick); // callers read the clock before they have the lock
+    last_tick_ = std::max(last_tick_, tick); // callers read the clock before they take the lock
     while (!text.empty()) {
         const size_t end = text.find('\n');
         const bool has_end = end != std::string_view::npos;
@@ -47,14 +47,14 @@ void log::append(uint64_t tick, std::string_view text)
 void log::add_piece(std::string_view piece, bool has_end)
 {
     if (!last_is_open_) {
-        const bool marked = has_mark(piece);
-        begin_line(marked ? static_cast<int8_t>(piece[1] - '0') : log_default_priority, marked);
-        if (marked) piece.remove_prefix(mark_size);
+        const bool is_marked = has_mark(piece);
+        begin_line(is_marked ? static_cast<int8_t>(piece[1] - '0') : log_default_priority, is_marked);
+        if (is_marked) piece.remove_prefix(mark_size);
     }
     for (;;) {
-        const std::string_view fitting = piece.substr(0, longest_line - lines_.back().text.size());
-        extend_line(fitting);
-        piece.remove_prefix(fitting.size());
+        const std::string_view part = piece.substr(0, longest_line - lines_.back().text.size());
+        extend_line(part);
+        piece.remove_prefix(part.size());
         if (piece.empty()) break;
         finish_line(false);
         begin_line(lines_.back().priority, false);
@@ -78,9 +78,10 @@ void log::extend_line(std::string_view piece)
     bytes_ -= memory_of(line);
     line.text += piece;
     bytes_ += memory_of(line);
-    for (; bytes_ > byte_limit_ && lines_.size() > 1; ++first_number_) {
+    while (bytes_ > byte_limit_ && lines_.size() > 1) {
         bytes_ -= memory_of(lines_.front());
         lines_.pop_front();
+        ++first_number_;
     }
 }
 
@@ -89,7 +90,7 @@ void log::finish_line(bool has_end)
     log_line& line = lines_.back();
     line.has_end = has_end;
     last_is_open_ = false;
-    for (const auto& [handle, seen] : followers_) seen(line);
+    for (const auto& [handle, follower] : followers_) follower(line);
 }
 
 std::vector<log_line> log::lines() const
@@ -98,17 +99,15 @@ std::vector<log_line> log::lines() const
     return {lines_.begin(), lines_.end()};
 }
 
-std::vector<log_line> log::lines_from(uint64_t first, size_t limit, uint64_t* next, uint64_t* dropped) const
+std::vector<log_line> log::lines_from(uint64_t first, size_t limit, uint64_t* next, uint64_t* drop_count) const
 {
     const std::lock_guard lock(mutex_);
-    const uint64_t skipped = first_number_ - std::min(first, first_number_);
-    if (dropped) *dropped = skipped;
-    first += skipped;
-    const uint64_t finished = first_number_ + lines_.size() - (last_is_open_ ? 1 : 0);
-    std::vector<log_line> found;
-    for (; first < finished && found.size() < limit; ++first) found.push_back(lines_[first - first_number_]);
-    *next = first;
-    return found;
+    if (drop_count) *drop_count = first_number_ - std::min(first, first_number_);
+    const uint64_t end = first_number_ + lines_.size() - (last_is_open_ ? 1 : 0);
+    std::vector<log_line> lines;
+    *next = std::max(first, first_number_);
+    for (; *next < end && lines.size() < limit; ++*next) lines.push_back(lines_[*next - first_number_]);
+    return lines;
 }
 
 std::string log::raw() const
@@ -119,10 +118,10 @@ std::string log::raw() const
     return whole;
 }
 
-int log::follow(std::function<void(const log_line&)> seen)
+int log::follow(std::function<void(const log_line&)> follower)
 {
     const std::lock_guard lock(mutex_);
-    followers_[next_follower_] = std::move(seen);
+    followers_[next_follower_] = std::move(follower);
     return next_follower_++;
 }
 

@@ -1,4 +1,4 @@
-// A machine's kernel log: every text with its time, kept, followed and read by people.
+// A machine's kernel log: keeps the printed lines with their times, and shows new ones to followers.
 #pragma once
 
 #include <cstdint>
@@ -13,14 +13,14 @@
 namespace kernel
 {
 
-constexpr int log_default_priority = 4; // of a text that names none: a warning
+constexpr int log_default_priority = 4; // of a text without a priority: a warning
 
 struct log_line {
     uint64_t tick = 0;
-    std::string text;                       // without "<n>" and the line end
+    std::string text;                       // without its priority "<n>" and the line end
     int8_t priority = log_default_priority; // 0 (emergency) to 7 (debug)
-    bool has_mark = false;                  // it was printed with its "<n>"
-    bool has_end = false;                   // and with a line end
+    bool has_mark = false;                  // it was printed with "<n>"
+    bool has_end = false;                   // it was printed with a line end
 
     // The line as it was printed.
     std::string raw() const;
@@ -28,39 +28,42 @@ struct log_line {
 
 constexpr size_t default_log_bytes = 1 << 20;
 
+// Any thread, any context.
 class log
 {
   public:
-    // The text of a line has at most so many bytes. A longer one is broken: it goes on in the next line.
+    // The largest number of bytes in the text of a line. A longer text continues in the next line.
     static constexpr size_t longest_line = 8192;
 
-    // Keeps lines that take at most `byte_limit` bytes of memory, and the latest line always. The oldest are dropped.
+    // Keeps lines that take at most `byte_limit` bytes of memory, and always the latest line; drops the oldest ones.
     explicit log(size_t byte_limit = default_log_bytes) : byte_limit_(byte_limit) {}
 
-    // Appends one printed text. A text without a line end is continued by the next one; empty lines are kept. The time
-    // of a line is never before that of the line above it.
-    // Any thread; never blocks on a follower's work beyond its own call.
+    // Appends one printed text. If it has no line end, the next text continues its line. Empty lines are kept. A line
+    // never has an earlier time than the line before it. Runs the followers.
     void append(uint64_t tick, std::string_view text);
 
-    // A copy of all lines kept, oldest first.
+    // A copy of all lines, oldest first.
     std::vector<log_line> lines() const;
 
-    // The lines from number `first` on (0 is the first line ever), at most `limit`; `next` receives the number to
-    // ask for next time. Lines that are not kept any more are skipped; `dropped` receives how many.
-    std::vector<log_line> lines_from(uint64_t first, size_t limit, uint64_t* next, uint64_t* dropped = nullptr) const;
+    // At most `limit` finished lines from number `first` on; the first line that was ever printed has number 0. `next`
+    // receives the number that follows the last line returned. Lines that were dropped are skipped; `drop_count`
+    // (unless null) receives their number.
+    std::vector<log_line> lines_from(uint64_t first, size_t limit, uint64_t* next,
+                                     uint64_t* drop_count = nullptr) const;
 
-    // The raw texts of all lines kept, as one text: what a test compares.
+    // All lines as they were printed, as one text.
     std::string raw() const;
 
-    // Calls `seen` for each finished line from now on, in the printing context: it must not sleep and must not
-    // print. Returns the handle for unfollow.
-    int follow(std::function<void(const log_line&)> seen);
+    // Calls `follower` for each line that is finished from now on, in the printing context and with the log locked: it
+    // must not sleep, print or use the log. Returns the handle for unfollow(), after which it is not called any more.
+    int follow(std::function<void(const log_line&)> follower);
     void unfollow(int handle);
 
+    // Drops all lines.
     void clear();
 
   private:
-    // Under the lock.
+    // All with mutex_ held.
     void add_piece(std::string_view piece, bool has_end);
     void begin_line(int8_t priority, bool has_mark);
     void extend_line(std::string_view piece);
@@ -68,7 +71,7 @@ class log
 
     mutable std::mutex mutex_; // guards the rest
     const size_t byte_limit_;
-    size_t bytes_ = 0; // that the lines take
+    size_t bytes_ = 0; // memory of the lines
     uint64_t last_tick_ = 0;
     uint64_t first_number_ = 0;
     std::deque<log_line> lines_;
@@ -77,10 +80,10 @@ class log
     std::map<int, std::function<void(const log_line&)>> followers_;
 };
 
-// The way a log reader shows a line: "[    1.234567]" style seconds, then the text.
+// A line as a log reader shows it: "[    1.234] text", the time in seconds.
 std::string format_line(const log_line& line);
 
-// The text that stands for dropped lines: "5 lines were dropped".
+// The text in place of dropped lines: "5 lines were dropped".
 std::string format_dropped(uint64_t lines);
 
 } // namespace kernel

@@ -1,4 +1,4 @@
-// One host computer. A process can hold many; kernel calls find theirs through the calling task.
+// One host computer. A process can hold many machines; kernel calls find theirs through the calling task.
 #pragma once
 
 #include <atomic>
@@ -25,58 +25,61 @@
 namespace kernel
 {
 
-// A part of a machine that a layer above the kernel brings along (verbs, GSI, timing, the registry, ...).
+// A part of a machine that a layer above the kernel adds: verbs, GSI, timing, the registry.
 class service
 {
   public:
     virtual ~service() = default;
 
-    // What the service still holds for a module whose exit function has run, one text each: what would call into the
-    // module later, and what nobody can give back any more. May sleep.
+    // Names, in one text each, the things that the service still holds for a module whose exit function has run: those
+    // that would call into the module later, and those that nobody can give back any more. May sleep.
     virtual std::vector<std::string> left_by(const module_code&) const { return {}; }
 };
 
 struct machine_options {
-    uint64_t random_seed = 0; // 0: the system's randomness
-    size_t log_bytes = default_log_bytes;
+    uint64_t random_seed = 0;             // 0: random bytes come from the system
+    size_t log_bytes = default_log_bytes; // the log's limit
 };
 
 class machine final : public exec::task_home
 {
   public:
-    machine(executor& runs_it, std::string name, const machine_options& options = {});
+    // The executor must outlive the machine.
+    machine(executor& exec, std::string name, const machine_options& options = {});
 
-    // Everything must be unloaded: a loaded module is a hard error. Services end in reverse order of creation.
+    // Destroys the services in reverse order of creation, and prints leaks to stderr. A hard error if a module is
+    // loaded.
     ~machine();
     machine(const machine&) = delete;
     machine& operator=(const machine&) = delete;
 
     executor& exec() const { return exec_; }
 
-    // HCAs are plugged before a module that looks for them is loaded; the fabric owns them.
+    // HCAs are plugged before modules that look for them are loaded. They belong to the fabric.
     void plug(fabric::hca& adapter) { hcas_.push_back(&adapter); }
     const std::vector<fabric::hca*>& hcas() const { return hcas_; }
 
-    // The machine's only `service_t`, made with service_t(machine&) at its first use. Services are made in a
-    // thread that may sleep: what runs in other contexts keeps a pointer.
+    // The machine's only `service_t`, which the first call makes with service_t(machine&). The first call is made where
+    // it may sleep; code in other contexts keeps a pointer. Any thread.
     template <class service_t>
     service_t& get();
 
     // Runs `body` inside this machine for a thread from outside; see executor::enter.
     void enter(const std::string& task_name, const std::function<void()>& body) { exec_.enter(this, task_name, body); }
 
-    // Starts a task inside this machine; its reports read "machine/name".
+    // Starts a task inside this machine; see executor::start. Reports name it "machine/name".
     task& start(const std::string& task_name, std::function<void()> body)
     {
         return exec_.start(this, task_name, std::move(body));
     }
 
-    // Lists what a module has left in any service.
-    std::vector<std::string> left_by(const module_code& leaving) const;
+    // Names the things that the services still hold for a module whose exit function has run. May sleep.
+    std::vector<std::string> left_by(const module_code& code) const;
 
     kernel::log log;
     fault_injector faults;
-    std::atomic<uint64_t> signals_seen{0}; // waits that a signal ended, and calls of signal_pending() that found one
+    std::atomic<uint64_t> signals_seen{
+        0}; // waits that a signal ended, and calls of signal_pending() that returned true
     memory_account memory;
     address_layout addresses{memory};
     random_source random;
@@ -89,7 +92,7 @@ class machine final : public exec::task_home
 
     executor& exec_;
     std::vector<fabric::hca*> hcas_;
-    mutable std::mutex services_mutex_;
+    mutable std::mutex services_mutex_; // guards the rest
     std::unordered_map<std::type_index, service*> services_by_type_;
     std::vector<std::unique_ptr<service>> services_; // in order of creation
 };

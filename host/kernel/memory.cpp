@@ -14,31 +14,31 @@ namespace kernel
 namespace
 {
 
-constexpr size_t allocation_step = 64; // between the addresses that the log shows
+constexpr size_t nominal_step = 64; // between the addresses that the log shows
 
 std::string describe(const void* code)
 {
-    Dl_info found{};
-    void* extra = nullptr;
-    if (dladdr1(code, &found, &extra, RTLD_DL_SYMENT) == 0) return "unknown code";
-    const auto* symbol = static_cast<const ElfW(Sym)*>(extra);
-    // The nearest exported symbol may be another function's than the caller's.
+    Dl_info place{};
+    void* entry = nullptr;
+    if (dladdr1(code, &place, &entry, RTLD_DL_SYMENT) == 0) return "unknown code";
+    // The nearest exported symbol may belong to another function, because most functions are not exported.
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
     const bool is_inside =
-        symbol && static_cast<const char*>(code) < static_cast<const char*>(found.dli_saddr) + symbol->st_size;
-    return is_inside ? found.dli_sname : text_of_place(found.dli_fname, code, found.dli_fbase);
+        symbol && static_cast<const char*>(code) < static_cast<const char*>(place.dli_saddr) + symbol->st_size;
+    return is_inside ? place.dli_sname : text_of_place(place.dli_fname, code, place.dli_fbase);
 }
 
 } // namespace
 
 memory_account::~memory_account()
 {
-    for (const auto& [memory, held] : live_) std::free(const_cast<void*>(memory));
+    for (const auto& [memory, block] : blocks_) std::free(const_cast<void*>(memory));
 }
 
 size_t memory_account::blocks() const
 {
     const std::lock_guard lock(mutex_);
-    return live_.size();
+    return blocks_.size();
 }
 
 size_t memory_account::bytes() const
@@ -50,24 +50,24 @@ size_t memory_account::bytes() const
 uint64_t memory_account::total_allocations() const
 {
     const std::lock_guard lock(mutex_);
-    return total_;
+    return total_allocations_;
 }
 
 std::vector<std::string> memory_account::leaks() const
 {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> lines;
-    for (const auto& [memory, held] : live_)
-        lines.push_back(std::to_string(held.size) + " bytes allocated by " +
-                        (held.caller_was.empty() ? describe(held.caller) : held.caller_was));
+    for (const auto& [memory, block] : blocks_)
+        lines.push_back(std::to_string(block.size) + " bytes allocated by " +
+                        (block.caller_text.empty() ? describe(block.caller) : block.caller_text));
     return lines;
 }
 
-void memory_account::image_leaves(const module_code& leaving)
+void memory_account::note_unmapping(const module_code& code)
 {
     const std::lock_guard lock(mutex_);
-    for (auto& [memory, held] : live_)
-        if (held.caller_was.empty() && leaving.holds(held.caller)) held.caller_was = leaving.place(held.caller);
+    for (auto& [memory, block] : blocks_)
+        if (block.caller_text.empty() && code.holds(block.caller)) block.caller_text = code.place(block.caller);
 }
 
 void* memory_account::allocate(size_t size, const void* caller)
@@ -75,37 +75,36 @@ void* memory_account::allocate(size_t size, const void* caller)
     void* memory = std::malloc(size);
     if (!memory) return nullptr;
     const std::lock_guard lock(mutex_);
-    live_[memory] = {size, caller, next_nominal_, ""};
-    next_nominal_ += (size / allocation_step + 1) * allocation_step;
+    blocks_[memory] = {size, caller, next_nominal_, ""};
+    next_nominal_ += (size / nominal_step + 1) * nominal_step;
     bytes_ += size;
-    ++total_;
+    ++total_allocations_;
     return memory;
 }
 
-bool memory_account::find_nominal(const void* pointer, uint64_t* nominal) const
+std::optional<uint64_t> memory_account::nominal(const void* pointer) const
 {
     const std::lock_guard lock(mutex_);
-    auto found = live_.find(pointer);
-    if (found == live_.end())
-        found = std::find_if(live_.begin(), live_.end(), [pointer](const auto& entry) {
-            const std::less<const void*> lies_before;
-            const void* end = static_cast<const char*>(entry.first) + entry.second.size;
-            return lies_before(entry.first, pointer) && lies_before(pointer, end);
+    auto entry = blocks_.find(pointer);
+    if (entry == blocks_.end())
+        entry = std::find_if(blocks_.begin(), blocks_.end(), [pointer](const auto& each) {
+            const std::less<const void*> lies_before; // compares pointers into different blocks, too
+            const void* end = static_cast<const char*>(each.first) + each.second.size;
+            return lies_before(each.first, pointer) && lies_before(pointer, end);
         });
-    if (found == live_.end()) return false;
-    const auto offset = static_cast<const char*>(pointer) - static_cast<const char*>(found->first);
-    *nominal = found->second.nominal + static_cast<uint64_t>(offset);
-    return true;
+    if (entry == blocks_.end()) return std::nullopt;
+    const auto offset = static_cast<const char*>(pointer) - static_cast<const char*>(entry->first);
+    return entry->second.nominal + static_cast<uint64_t>(offset);
 }
 
 bool memory_account::release(const void* memory)
 {
     {
         const std::lock_guard lock(mutex_);
-        const auto found = live_.find(memory);
-        if (found == live_.end()) return false;
-        bytes_ -= found->second.size;
-        live_.erase(found);
+        const auto entry = blocks_.find(memory);
+        if (entry == blocks_.end()) return false;
+        bytes_ -= entry->second.size;
+        blocks_.erase(entry);
     }
     std::free(const_cast<void*>(memory));
     return true;

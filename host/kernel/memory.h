@@ -1,10 +1,11 @@
-// Accounted kernel memory: one door that counts, fails on demand and knows what leaked.
+// The memory that kmalloc hands out on one machine. It is counted, and leaks are listed.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory_resource>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,45 +17,50 @@ namespace kernel
 
 class module_code;
 
+// Any thread, any context.
 class memory_account
 {
   public:
     memory_account() = default;
-    ~memory_account(); // frees what leaked
+    ~memory_account(); // frees the blocks that leaked
     memory_account(const memory_account&) = delete;
     memory_account& operator=(const memory_account&) = delete;
 
-    // What kmalloc asked for and has not freed.
+    // The blocks that have not been freed: their number, and their size together.
     size_t blocks() const;
     size_t bytes() const;
+
+    // How many blocks have been allocated so far.
     uint64_t total_allocations() const;
 
-    // One line per block still held: its size and the code that asked for it, a symbol or an offset into its image:
-    // "ats+0x1a2b", as addr2line takes it.
+    // One line for each block that has not been freed: its size and the code that allocated it. The code is a symbol,
+    // or a place in its image as addr2line takes it: "ats+0x1a2b".
     std::vector<std::string> leaks() const;
 
-    // The image is about to be unmapped: blocks it asked for are listed under the module's name.
-    void image_leaves(const module_code& leaving);
+    // Called before an image is unmapped: notes the module's name for the blocks that its code has allocated.
+    void note_unmapping(const module_code& code);
 
+    // Returns null if there is no memory. `caller` is the code that allocates.
     void* allocate(size_t size, const void* caller);
 
-    // The address that the log shows for a pointer to or into a live block. False: it points into none.
-    bool find_nominal(const void* pointer, uint64_t* nominal) const;
+    // The address that the log shows for a pointer into a block; nothing if it points into none.
+    std::optional<uint64_t> nominal(const void* pointer) const;
 
-    bool release(const void* memory); // false: not a live block of this machine
+    // Frees a block. False if it is not a block of this machine.
+    bool release(const void* memory);
 
   private:
     struct block {
         size_t size;
         const void* caller;
-        uint64_t nominal;       // the address that the log shows
-        std::string caller_was; // once the caller's image has gone
+        uint64_t nominal;        // the address that the log shows
+        std::string caller_text; // names the caller after its image was unmapped; else empty
     };
-    mutable std::mutex mutex_;
-    std::pmr::unsynchronized_pool_resource nodes_; // of the map, which changes with every call
-    std::pmr::unordered_map<const void*, block> live_{&nodes_};
+    mutable std::mutex mutex_;                     // guards the rest
+    std::pmr::unsynchronized_pool_resource nodes_; // memory for the map, which changes with every call
+    std::pmr::unordered_map<const void*, block> blocks_{&nodes_};
     size_t bytes_ = 0;
-    uint64_t total_ = 0;
+    uint64_t total_allocations_ = 0;
     uint64_t next_nominal_ = nominal_allocations;
 };
 

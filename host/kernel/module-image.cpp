@@ -128,7 +128,7 @@ module_image::~module_image()
 ats::result<> module_image::map(const std::string& path)
 {
     assert(!handle_);
-    if (ats::result<> copied = copy(path); !copied) return copied;
+    if (ats::result<> result = copy(path); !result) return result;
     handle_ = dlopen(path_of(copy_).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
         if (ats::result<> limits = exec::check_limits(); !limits) return limits;
@@ -138,9 +138,9 @@ ats::result<> module_image::map(const std::string& path)
     declaration_ = static_cast<kernel_module_t*>(dlsym(handle_, "this_module"));
     if (!declaration_)
         return ats::fail(ats::error_kind::invalid, path + " is no kernel module: it does not export 'this_module'");
-    if (const ats::result<> checked = check_declaration(); !checked)
+    if (const ats::result<> result = check_declaration(); !result)
         return ats::fail(ats::error_kind::invalid, path + " does not fit this kernel: its 'this_module' has " +
-                                                       checked.error().text + "; build both from the same source");
+                                                       result.error().text + "; build both from the same source");
     return {};
 }
 
@@ -153,12 +153,12 @@ ats::result<> module_image::copy(const std::string& path)
     allow_descriptors_beyond(copy_);
     // O_NONBLOCK: opening a FIFO without a writer must not block. A FIFO is refused once it is open.
     const int source = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    const ats::result<> copied = source < 0 ? ats::fail(std::strerror(errno)) : copy_file(source, copy_);
+    const ats::result<> result = source < 0 ? ats::fail(std::strerror(errno)) : copy_file(source, copy_);
     if (source >= 0) close(source);
-    if (copied) return {};
+    if (result) return {};
     if (ats::result<> limits = exec::check_limits(); !limits) return limits;
     return ats::fail(ats::error_kind::not_found,
-                     "no module image at " + path + " (" + copied.error().text + "): build it or give its path");
+                     "no module image at " + path + " (" + result.error().text + "): build it or give its path");
 }
 
 // Fails if this kernel cannot use the module's record; the text says what the record has. Reads a field only if the

@@ -89,7 +89,7 @@ ats::result<> set_all(const kernel_module_t& module, const std::string& paramete
         const module_parameter_t* parameter = find(module, each.name);
         if (!parameter) return ats::fail("unknown parameter '" + each.name + "'");
         if (!names.insert(each.name).second) return ats::fail("parameter '" + each.name + "' is given twice");
-        if (ats::result<> assigned = set(*parameter, each.value, texts); !assigned) return assigned;
+        if (ats::result<> result = set(*parameter, each.value, texts); !result) return result;
     }
     return {};
 }
@@ -99,9 +99,9 @@ ats::result<> set_all(const kernel_module_t& module, const std::string& paramete
 ats::result<> set_parameters(const kernel_module_t& module, const std::string& parameters,
                              std::list<std::string>* texts)
 {
-    const ats::result<> assigned = set_all(module, parameters, texts);
-    if (assigned) return {};
-    return ats::fail(ats::error_kind::invalid, assigned.error().text + "; " + valid_names(module));
+    const ats::result<> result = set_all(module, parameters, texts);
+    if (result) return {};
+    return ats::fail(ats::error_kind::invalid, result.error().text + "; " + valid_names(module));
 }
 
 } // namespace kernel

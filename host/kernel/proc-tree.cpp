@@ -15,9 +15,9 @@ struct proc_tree::node {
     proc_dir_entry entry{};
     mode_t mode = 0;
     bool is_directory = false;
-    int users = 0;           // tasks in its handlers
-    task* remover = nullptr; // waits for them to leave
-    semaphore writing;       // held over the write handler
+    int users = 0;               // tasks in its handlers
+    task* remove_task = nullptr; // waits for them to leave
+    semaphore write_semaphore;   // held while the write handler runs
     std::map<std::string, std::shared_ptr<node>> children;
 };
 
@@ -36,7 +36,7 @@ std::pair<std::string, std::string> split(const std::string& path)
 
 } // namespace
 
-proc_tree::proc_tree(machine& home) : home_(home), root_(std::make_shared<node>())
+proc_tree::proc_tree(machine& machine) : machine_(machine), root_(std::make_shared<node>())
 {
     root_->is_directory = true;
 }
@@ -45,104 +45,109 @@ proc_tree::~proc_tree() = default;
 
 std::shared_ptr<proc_tree::node> proc_tree::find(const std::string& path) const
 {
-    std::shared_ptr<node> at = root_;
-    for (size_t begin = 0; begin < path.size() && at;) {
+    std::shared_ptr<node> entry = root_;
+    size_t begin = 0;
+    while (begin < path.size()) {
         const size_t end = std::min(path.find('/', begin), path.size());
-        const auto child = at->children.find(path.substr(begin, end - begin));
-        at = child == at->children.end() ? nullptr : child->second;
+        const auto child = entry->children.find(path.substr(begin, end - begin));
+        if (child == entry->children.end()) return nullptr;
+        entry = child->second;
         begin = end + 1;
     }
-    return at;
+    return entry;
 }
 
-std::string proc_tree::path_of_entry(const node& in, const kernel_module_t& owner)
+std::string proc_tree::find_path(const node& directory, const kernel_module_t& owner)
 {
-    for (const auto& [name, child] : in.children) {
+    for (const auto& [name, child] : directory.children) {
         if (child->entry.owner == &owner) return name;
-        std::string below = path_of_entry(*child, owner);
-        if (!below.empty()) return below.insert(0, "/").insert(0, name);
+        const std::string path = find_path(*child, owner);
+        if (!path.empty()) return name + "/" + path;
     }
     return "";
 }
 
-int proc_tree::list(const std::string& path, std::vector<proc_listing>* into) const
+int proc_tree::list(const std::string& path, std::vector<proc_listing>* entries) const
 {
     const std::lock_guard lock(mutex_);
-    const std::shared_ptr<node> at = find(path);
-    if (!at) return -EK_NOENT;
-    if (!at->is_directory) return -EK_INVAL;
-    for (const auto& [name, child] : at->children) into->push_back({name, child->is_directory, child->mode});
+    const std::shared_ptr<node> directory = find(path);
+    if (!directory) return -EK_NOENT;
+    if (!directory->is_directory) return -EK_INVAL;
+    for (const auto& [name, child] : directory->children) entries->push_back({name, child->is_directory, child->mode});
     return 0;
 }
 
-int proc_tree::stat(const std::string& path, proc_listing* into) const
+int proc_tree::stat(const std::string& path, proc_listing* entry) const
 {
     const std::lock_guard lock(mutex_);
-    const std::shared_ptr<node> at = find(path);
-    if (!at) return -EK_NOENT;
-    *into = {split(path).second, at->is_directory, at->mode};
+    const std::shared_ptr<node> target = find(path);
+    if (!target) return -EK_NOENT;
+    *entry = {split(path).second, target->is_directory, target->mode};
     return 0;
 }
 
-// Keeps an entry and its owner in place while a handler of it runs.
+// While it lives, an entry is not removed and its owner is not unloaded, so that a handler can run.
 class proc_tree::visit
 {
   public:
     visit(proc_tree& tree, const std::string& path) : tree_(tree)
     {
         const std::lock_guard lock(tree_.mutex_);
-        const std::shared_ptr<node> at = tree_.find(path);
-        if (!at) return;
-        exists_ = true;
-        has_handler_ = at->entry.read_proc || at->entry.write_proc; // and then an owner
-        if (!has_handler_) return;
-        owner_ = at->entry.owner;
-        if (!tree_.home_.modules.enter(owner_)) return;
-        at_ = at;
-        ++at_->users;
+        const std::shared_ptr<node> target = tree_.find(path);
+        if (!target) return;
+        if (!target->entry.read_proc && !target->entry.write_proc) { // its owner is set before its handlers
+            error_ = -EK_INVAL;
+            return;
+        }
+        owner_ = target->entry.owner;
+        if (!tree_.machine_.modules.enter(owner_)) return;
+        node_ = target;
+        ++node_->users;
+        error_ = 0;
     }
 
     ~visit()
     {
-        if (!at_) return;
+        if (!node_) return;
         {
             const std::lock_guard lock(tree_.mutex_);
-            if (--at_->users == 0 && at_->remover) at_->remover->exec.wake(*at_->remover);
+            --node_->users;
+            if (node_->users == 0 && node_->remove_task) node_->remove_task->exec.wake(*node_->remove_task);
         }
-        tree_.home_.modules.leave(owner_);
+        tree_.machine_.modules.leave(owner_);
     }
     visit(const visit&) = delete;
     visit& operator=(const visit&) = delete;
 
-    node* operator->() const { return at_.get(); }
-    int error() const { return at_ ? 0 : exists_ && !has_handler_ ? -EK_INVAL : -EK_NOENT; }
+    // 0, or the error number for which there is no entry to use.
+    int error() const { return error_; }
+    node* operator->() const { return node_.get(); }
 
   private:
     proc_tree& tree_;
-    std::shared_ptr<node> at_;
+    std::shared_ptr<node> node_;
     const kernel_module_t* owner_ = nullptr;
-    bool exists_ = false;
-    bool has_handler_ = false;
+    int error_ = -EK_NOENT;
 };
 
 namespace
 {
 
-// The bounds of a handler's answer: from `start` on, inside its page.
+// The answer of a read handler: `length` bytes from `start` on, or a negative error number as the length.
 struct proc_answer {
     const char* start;
     int length;
 };
 
-// Holds a handler's answer to its bounds, as kernel/proc.h says.
-proc_answer within_bounds(const std::string& path, const std::string& page, proc_answer answer, size_t wanted)
+// Cuts an answer to `size` bytes and to the page. A hard error if it starts outside of the page.
+proc_answer within_bounds(const std::string& path, const std::string& page, proc_answer answer, size_t size)
 {
     if (answer.length <= 0) return answer;
     const char* end = page.data() + page.size();
-    const std::less_equal<const char*> before; // of pointers that may have nothing in common
-    if (!before(page.data(), answer.start) || !before(answer.start, end))
+    const std::less_equal<const char*> is_ordered; // compares pointers into different objects, too
+    if (!is_ordered(page.data(), answer.start) || !is_ordered(answer.start, end))
         panic("the read handler of /proc/%s answers from outside of its page", path.c_str());
-    const size_t room = std::min(static_cast<size_t>(end - answer.start), wanted);
+    const size_t room = std::min(static_cast<size_t>(end - answer.start), size);
     if (static_cast<size_t>(answer.length) <= room) return answer;
     printk("<4>/proc/%s: its read handler answers with %d bytes where there is room for %zu; the rest is cut off\n",
            path.c_str(), answer.length, room);
@@ -151,79 +156,79 @@ proc_answer within_bounds(const std::string& path, const std::string& page, proc
 
 } // namespace
 
-int proc_tree::read(const std::string& path, size_t offset, size_t size, std::string* into)
+int proc_tree::read(const std::string& path, size_t offset, size_t size, std::string* text)
 {
-    const visit at(*this, path);
-    if (at.error() != 0) return at.error();
-    read_proc_t* const handler = at->entry.read_proc;
+    const visit visit(*this, path);
+    if (visit.error() != 0) return visit.error();
+    read_proc_t* const handler = visit->entry.read_proc;
     if (!handler) return -EK_INVAL;
     std::string page(PROC_PAGE_SIZE, '\0');
-    const shown_object shown_page(home_.addresses, page.data(), page.size());
-    while (into->size() < size) {
+    const shown_object shown_page(machine_.addresses, page.data(), page.size());
+    while (text->size() < size) {
         char* start = page.data();
         int eof = 0;
-        const size_t wanted = std::min(size - into->size(), PROC_PAGE_SIZE);
-        const int got =
-            handler(page.data(), &start, static_cast<off_t>(offset), static_cast<int>(wanted), &eof, at->entry.data);
-        const proc_answer answer = within_bounds(path, page, {start, got}, wanted);
+        const size_t count = std::min(size - text->size(), PROC_PAGE_SIZE);
+        const int length =
+            handler(page.data(), &start, static_cast<off_t>(offset), static_cast<int>(count), &eof, visit->entry.data);
+        const proc_answer answer = within_bounds(path, page, {start, length}, count);
         if (answer.length < 0) return answer.length;
-        into->append(answer.start, static_cast<size_t>(answer.length));
+        text->append(answer.start, static_cast<size_t>(answer.length));
         offset += static_cast<size_t>(answer.length);
         if (eof != 0 || answer.length == 0) break;
     }
-    return static_cast<int>(into->size());
+    return static_cast<int>(text->size());
 }
 
 int proc_tree::write(const std::string& path, const std::string& bytes)
 {
-    const visit at(*this, path);
-    if (at.error() != 0) return at.error();
-    write_proc_t* const handler = at->entry.write_proc;
+    const visit visit(*this, path);
+    if (visit.error() != 0) return visit.error();
+    write_proc_t* const handler = visit->entry.write_proc;
     if (!handler) return -EK_INVAL;
-    if (const int interrupted = down_or_signal(&at->writing); interrupted != 0) return interrupted;
-    const int result = handler(nullptr, bytes.data(), bytes.size(), at->entry.data);
-    up(&at->writing);
+    if (const int error = down_or_signal(&visit->write_semaphore); error != 0) return error;
+    const int result = handler(nullptr, bytes.data(), bytes.size(), visit->entry.data);
+    up(&visit->write_semaphore);
     return result;
 }
 
-proc_dir_entry* proc_tree::create(const std::string& path, mode_t mode, bool directory)
+proc_dir_entry* proc_tree::create(const std::string& path, mode_t mode, bool is_directory)
 {
     const auto [folder, name] = split(path);
     const std::lock_guard lock(mutex_);
     const std::shared_ptr<node> parent = find(folder);
     if (!parent || !parent->is_directory || name.empty() || parent->children.contains(name)) return nullptr;
-    auto made = std::make_shared<node>();
-    made->is_directory = directory;
-    made->mode = mode != 0 ? mode : default_mode;
-    sema_init_named(&made->writing, 1, "a /proc entry's writers");
-    parent->children[name] = made;
-    return &made->entry;
+    auto child = std::make_shared<node>();
+    child->is_directory = is_directory;
+    child->mode = mode != 0 ? mode : default_mode;
+    sema_init_named(&child->write_semaphore, 1, "a /proc entry's writers");
+    parent->children[name] = child;
+    return &child->entry;
 }
 
 void proc_tree::remove(const std::string& path)
 {
     const auto [folder, name] = split(path);
-    std::shared_ptr<node> removed;
+    std::shared_ptr<node> target;
     {
         const std::lock_guard lock(mutex_);
         const std::shared_ptr<node> parent = find(folder);
         if (!parent || !parent->children.contains(name)) return;
-        removed = parent->children[name];
-        if (!removed->children.empty()) panic("remove_proc_entry: %s is not empty", path.c_str());
+        target = parent->children[name];
+        if (!target->children.empty()) panic("remove_proc_entry: %s is not empty", path.c_str());
         parent->children.erase(name);
-        removed->remover = current_task();
+        target->remove_task = current_task();
     }
-    const auto in_use = [&] {
+    const auto is_in_use = [&] {
         const std::lock_guard lock(mutex_);
-        return removed->users > 0;
+        return target->users > 0;
     };
-    while (in_use()) current_task()->exec.park(never, "remove_proc_entry", name.c_str());
+    while (is_in_use()) current_task()->exec.park(never, "remove_proc_entry", name.c_str());
 }
 
-std::string proc_tree::owned_by(const kernel_module_t& owner) const
+std::string proc_tree::path_owned_by(const kernel_module_t& owner) const
 {
     const std::lock_guard lock(mutex_);
-    return path_of_entry(*root_, owner);
+    return find_path(*root_, owner);
 }
 
 } // namespace kernel

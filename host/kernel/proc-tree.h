@@ -1,4 +1,4 @@
-// A machine's /proc tree as its users see it: list, read, write. Modules reach it through kernel/proc.h.
+// A machine's /proc tree: listed, read and written by users. Modules use it through kernel/proc.h.
 #pragma once
 
 #include <cstdint>
@@ -17,48 +17,54 @@ namespace kernel
 
 class machine;
 
+// One entry, as users see it.
 struct proc_listing {
     std::string name;
     bool is_directory = false;
     mode_t mode = 0;
 };
 
+// Any thread.
 class proc_tree
 {
   public:
-    explicit proc_tree(machine& home);
+    explicit proc_tree(machine& machine);
     ~proc_tree();
 
-    // Paths are relative to the root, "" is the root itself. Results are 0 or more, or a negative error number:
-    // -EK_NOENT for no such entry or an owner that is unloading, -EK_INVAL for the wrong kind of entry or an entry
-    // without that handler (yet). Called inside the machine: handlers run in the calling task and may sleep.
-    int list(const std::string& path, std::vector<proc_listing>* into) const;
-    int stat(const std::string& path, proc_listing* into) const;
+    // Paths are relative to the root; "" is the root itself. Results are 0 or more, or a negative error number, like
+    // those of the handlers: -EK_NOENT if there is no such entry or its owner unloads, -EK_INVAL if the entry is of the
+    // wrong kind or has no such handler (yet). read() and write() are called inside the machine. Their handlers run in
+    // the calling task and may sleep.
 
-    // Reads on from `offset`, page by page as the kernel does, until `size` bytes, the handler's end of file or an
-    // empty answer. `into` receives what was read. A handler that answers beyond its bounds is dealt with as
-    // kernel/proc.h says.
-    int read(const std::string& path, size_t offset, size_t size, std::string* into);
+    // Appends the entries of a directory to `entries`.
+    int list(const std::string& path, std::vector<proc_listing>* entries) const;
 
-    // One write call, handed to the handler whole. Returns what the handler returned, or -EK_RESTARTSYS when a signal
-    // arrives while it waits for another writer.
+    int stat(const std::string& path, proc_listing* entry) const;
+
+    // Reads from `offset` on, page by page as a kernel does, until `size` bytes are read, the handler signals the end
+    // of the file, or its answer is empty. Appends to `text`, and returns the length of `text`. See kernel/proc.h for
+    // handlers that exceed their bounds.
+    int read(const std::string& path, size_t offset, size_t size, std::string* text);
+
+    // Hands the bytes to the handler in one call. Returns the handler's result, or -EK_RESTARTSYS if a signal arrives
+    // while it waits for another writer.
     int write(const std::string& path, const std::string& bytes);
 
-    // The module-facing calls.
-    proc_dir_entry* create(const std::string& path, mode_t mode, bool directory);
+    // create_proc_entry(), proc_mkdir() and remove_proc_entry() of kernel/proc.h.
+    proc_dir_entry* create(const std::string& path, mode_t mode, bool is_directory);
     void remove(const std::string& path);
 
-    // The path of an entry of this module, or "".
-    std::string owned_by(const kernel_module_t& owner) const;
+    // The path of an entry that belongs to this module, or "".
+    std::string path_owned_by(const kernel_module_t& owner) const;
 
   private:
     struct node;
     class visit;
     std::shared_ptr<node> find(const std::string& path) const; // with mutex_ held
-    static std::string path_of_entry(const node& in, const kernel_module_t& owner);
+    static std::string find_path(const node& directory, const kernel_module_t& owner);
 
-    machine& home_;
-    mutable std::mutex mutex_; // guards the tree, never held over a handler
+    machine& machine_;
+    mutable std::mutex mutex_; // guards the tree; never held while a handler runs
     std::shared_ptr<node> root_;
 };
 

@@ -5,15 +5,16 @@
 namespace kernel
 {
 
-random_source::random_source(uint64_t seed) : from_system_(seed == 0), engine_(seed) {}
+random_source::random_source(uint64_t seed) : uses_system_(seed == 0), engine_(seed) {}
 
 void random_source::fill(void* buffer, int count)
 {
     auto* bytes = static_cast<unsigned char*>(buffer);
-    if (from_system_) {
-        for (ssize_t filled = 0; filled < count;) {
-            const ssize_t got = getrandom(bytes + filled, static_cast<size_t>(count - filled), 0);
-            if (got > 0) filled += got;
+    if (uses_system_) {
+        ssize_t position = 0;
+        while (position < count) {
+            const ssize_t length = getrandom(bytes + position, static_cast<size_t>(count - position), 0);
+            if (length > 0) position += length;
         }
         return;
     }

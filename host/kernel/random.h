@@ -1,4 +1,4 @@
-// Random bytes: from a seed, so that a run can be repeated, or from the system.
+// Random bytes, from a seed, so that a run can be repeated, or from the system. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@ namespace kernel
 class random_source
 {
   public:
-    explicit random_source(uint64_t seed); // 0: the system's
+    explicit random_source(uint64_t seed); // 0: from the system
     void fill(void* buffer, int count);
 
   private:
     std::mutex mutex_;
-    bool from_system_;
-    std::mt19937_64 engine_;
+    const bool uses_system_;
+    std::mt19937_64 engine_; // guarded by mutex_
 };
 
 } // namespace kernel

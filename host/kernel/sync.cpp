@@ -1,7 +1,5 @@
 #include "kernel/sync.h"
 
-#include <utility>
-
 #include "host/kernel/machine.h"
 #include "kernel/errno.h"
 
@@ -17,7 +15,7 @@ task& self(const char* caller = __builtin_FUNCTION())
     return exec::current_task_of(caller);
 }
 
-// Excludes others from a few instructions. Nothing sleeps while one is held, so that waiting is spinning.
+// Holds a guard for a few instructions. Others spin for it, since nothing sleeps while it is held.
 class guarded
 {
   public:
@@ -33,36 +31,36 @@ class guarded
     kernel_guard_t& guard_;
 };
 
-// The caller has slept for something else while it stands in a wait queue, and a wake-up from there may have ended that
-// sleep instead: let the next one end at once.
-void keep_outer_wake_up(task& waits)
+// The task has slept for something else while it is in a wait queue. A wake-up through that queue may have ended this
+// sleep instead, so that its next sleep must end at once.
+void keep_outer_wake_up(task& sleeper)
 {
-    if (waits.wait_queue) waits.exec.wake(waits);
+    if (sleeper.wait_queue) sleeper.exec.wake(sleeper);
 }
 
-// One task in a semaphore's queue; lives on its stack.
+// One task in a semaphore's queue; lives on the task's stack.
 struct semaphore_waiter {
     list_head link;
-    task* waiting;
-    bool served; // guarded by the semaphore
+    ::task* task;
+    bool has_unit; // guarded by the semaphore
 };
 
-bool is_served(semaphore* sem, const semaphore_waiter& waiter)
+bool has_unit(semaphore* sem, const semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
-    return waiter.served;
+    return waiter.has_unit;
 }
 
-// Leaves the queue. False: a unit was handed over meanwhile, and is the caller's.
-bool give_up(semaphore* sem, semaphore_waiter& waiter)
+// Leaves the queue. False if the caller has been given a unit meanwhile.
+bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
-    if (waiter.served) return false;
+    if (waiter.has_unit) return false;
     list_del_init(&waiter.link);
     return true;
 }
 
-// Takes a unit or joins the queue; true when it has the unit.
+// Takes a unit or joins the queue; true if it has taken a unit.
 bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
@@ -70,24 +68,25 @@ bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
         --sem->count;
         return true;
     }
-    waiter = {.link = {}, .waiting = &self(), .served = false};
+    waiter = {.link = {}, .task = &self(), .has_unit = false};
     list_add_tail(&waiter.link, &sem->waiters);
     return false;
 }
 
-void count_signal_seen(const task& waiting)
+void count_signal_seen(const task& task)
 {
-    if (waiting.home) ++static_cast<kernel::machine*>(waiting.home)->signals_seen;
+    if (task.home) ++static_cast<kernel::machine*>(task.home)->signals_seen;
 }
 
-unsigned long sleep_until(unsigned long timeout_ticks, const char* call, bool interruptible)
+// Returns the ticks that are left. An uninterruptible sleep ends early only if the task is in a wait queue.
+unsigned long sleep_for(unsigned long timeout_ticks, const char* call, bool is_interruptible)
 {
     might_sleep(call);
     task& sleeper = self();
     const uint64_t begin = sleeper.exec.now();
     const uint64_t deadline = timeout_ticks < never - begin ? begin + timeout_ticks : never;
     const char* object = sleeper.wait_queue ? sleeper.wait_queue->queue_name : "";
-    if (interruptible) {
+    if (is_interruptible) {
         sleeper.interruptible = true;
         if (!sleeper.signal) sleeper.exec.park(deadline, call, object);
         sleeper.interruptible = false;
@@ -117,7 +116,7 @@ void down(semaphore* sem)
     self().exec.switch_point();
     semaphore_waiter waiter;
     if (take_or_queue(sem, waiter)) return;
-    while (!is_served(sem, waiter)) self().exec.park(never, "down", sem->name);
+    while (!has_unit(sem, waiter)) self().exec.park(never, "down", sem->name);
     keep_outer_wake_up(self());
 }
 
@@ -130,16 +129,16 @@ int down_interruptible(semaphore* sem)
 int kernel::down_or_signal(semaphore* sem)
 {
     might_sleep("down_interruptible");
-    task& waits = self();
-    waits.exec.switch_point();
+    task& caller = self();
+    caller.exec.switch_point();
     semaphore_waiter waiter;
     if (take_or_queue(sem, waiter)) return 0;
-    waits.interruptible = true;
-    while (!waits.signal && !is_served(sem, waiter)) waits.exec.park(never, "down_interruptible", sem->name);
-    waits.interruptible = false;
-    keep_outer_wake_up(waits);
-    if (!give_up(sem, waiter)) return 0;
-    count_signal_seen(waits);
+    caller.interruptible = true;
+    while (!caller.signal && !has_unit(sem, waiter)) caller.exec.park(never, "down_interruptible", sem->name);
+    caller.interruptible = false;
+    keep_outer_wake_up(caller);
+    if (!leave_queue(sem, waiter)) return 0;
+    count_signal_seen(caller);
     return -EK_RESTARTSYS;
 }
 
@@ -152,9 +151,9 @@ void up(semaphore* sem)
         } else {
             auto* first = list_entry(sem->waiters.next, semaphore_waiter, link);
             list_del_init(&first->link);
-            first->served = true;
-            // Woken under the guard: once it is released the waiter, and the record on its stack, may be gone.
-            first->waiting->exec.wake(*first->waiting);
+            first->has_unit = true;
+            // Woken under the guard: once the guard is released, the task may free the record, which is on its stack.
+            first->task->exec.wake(*first->task);
         }
     }
     exec::preemption_point();
@@ -167,10 +166,10 @@ void spin_lock_init(spinlock_t* lock)
 
 unsigned long spin_lock_irqsave(spinlock_t* lock)
 {
-    task& taker = self();
-    taker.exec.switch_point();
-    while (lock->state.exchange(1, std::memory_order_acquire) != 0) taker.exec.relax();
-    return static_cast<unsigned long>(taker.spin_locks++);
+    task& caller = self();
+    caller.exec.switch_point();
+    while (lock->state.exchange(1, std::memory_order_acquire) != 0) caller.exec.relax();
+    return static_cast<unsigned long>(caller.spin_locks++);
 }
 
 void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags)
@@ -208,33 +207,34 @@ void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
     const guarded inside(queue->guard);
     for (const list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
-        if (link == &sleeper->link) return; // stands in the queue already
-    task& waits = self();
-    sleeper->task = &waits;
+        if (link == &sleeper->link) return; // it is in the queue already
+    task& caller = self();
+    sleeper->task = &caller;
     sleeper->queue_name = queue->name;
-    sleeper->outer = std::exchange(waits.wait_queue, sleeper);
+    sleeper->outer = caller.wait_queue;
+    caller.wait_queue = sleeper;
     list_add_tail(&sleeper->link, &queue->sleepers);
 }
 
 void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
-    task& waits = self();
-    if (waits.wait_queue != sleeper)
+    task& caller = self();
+    if (caller.wait_queue != sleeper)
         exec::panic("finish_wait: the task does not stand in %s, or joined another wait queue later", queue->name);
     const guarded inside(queue->guard);
     list_del_init(&sleeper->link);
-    waits.wait_queue = sleeper->outer;
-    keep_outer_wake_up(waits);
+    caller.wait_queue = sleeper->outer;
+    keep_outer_wake_up(caller);
 }
 
 unsigned long schedule_timeout_interruptible(unsigned long timeout_ticks)
 {
-    return sleep_until(timeout_ticks, "schedule_timeout_interruptible", true);
+    return sleep_for(timeout_ticks, "schedule_timeout_interruptible", true);
 }
 
 unsigned long schedule_timeout_uninterruptible(unsigned long timeout_ticks)
 {
-    return sleep_until(timeout_ticks, "schedule_timeout_uninterruptible", false);
+    return sleep_for(timeout_ticks, "schedule_timeout_uninterruptible", false);
 }
 
 bool signal_pending()
