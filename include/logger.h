@@ -1,5 +1,5 @@
-// The logger's filter: a trace line of a level is printed when both the logger's own level and the module's admit it.
-// A line that is not printed costs the reading of the levels, and its arguments are not evaluated. Any context.
+// The logger's filter. A trace line is printed if neither the logger's own level nor the module's level is below the
+// line's. A line that is not printed only costs reading both levels; its arguments are not evaluated. Any context.
 #pragma once
 
 #include <atomic>
@@ -21,7 +21,7 @@ enum zr_trace_level_t : int32_t {
 // The names of the levels in trace lines.
 inline constexpr const char* zrlog_levels[] = {"PANIC  ", "ERROR  ", "WARNING", "INFO   ", "DEBUG  ", "FUNC   "};
 
-// This image's copy of the logger's level. Each module defines it, and the loader keeps it current.
+// This image's copy of the logger's level. Each module defines it; the loader updates it.
 extern std::atomic<int32_t> logger_trace_level;
 
 inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level)
@@ -30,7 +30,7 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
            logger_trace_level.load(std::memory_order_relaxed) >= level;
 }
 
-// Prints `format` with its arguments after "<6>LEVEL : TITLE : OPERATION:(UNIT):", if both levels admit it.
+// Prints `format` with its arguments after "<6>LEVEL : TITLE : OPERATION:(UNIT):", if both levels allow it.
 #define ZR_TRACE(level, module_level, title, operation, unit, format, ...)                                             \
     do {                                                                                                               \
         if (__builtin_expect(zr_is_traced(level, module_level), false))                                                \
@@ -38,7 +38,8 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
                    unit __VA_OPT__(, ) __VA_ARGS__);                                                                   \
     } while (false)
 
-// The registry's callback that keeps a module's level: `context` points at the level. A function of the logger service.
+// The registry's callback that updates a module's level; `context` points at the level. The logger service implements
+// it.
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
 // Reads the level of a module from the registry key at `key_path` and subscribes to its changes. When the key or its
@@ -56,8 +57,8 @@ inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_le
             printk("ZR_LOGGER: rep_get_value failed for, %s -- disabling logging\n", key_path);
         } else {
             printk("LOGGER: Added key %s, trace level %d\n", key_path, static_cast<int>(level));
-            *module_level = static_cast<int32_t>(level); // before the first change can be told
-            // Without a subscription the level stays as it was read.
+            *module_level = static_cast<int32_t>(level); // before the first change can be reported
+            // If the subscription fails, the level stays as it is.
             (void)rep_notify_key_change(key, REP_NOTIFY_THIS_KEY, REP_NOTIFY_ON_VALUE, trace_lvl_change_cb,
                                         module_level, notifier);
         }
@@ -65,7 +66,7 @@ inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_le
     }
 }
 
-// Ends the subscription; the level keeps its last value. A notifier of 0 stands for none. May sleep.
+// Ends the subscription; the level keeps its last value. The notifier 0 stands for no subscription. May sleep.
 inline void zr_logger_exit(rep_notifier_t notifier)
 {
     rep_notify_del(notifier);

@@ -1,8 +1,8 @@
-// The version report of a module: the read-only /proc file "dorvex/NAME/version" with one line that names the
-// loaded version and its build. Included by one unit of a module, which calls the first two functions at its start-up
-// and its shut-down, both in a thread that may sleep.
+// The version report of a module: the read-only /proc file "dorvex/NAME/version" has one line with the loaded version
+// and its build. One unit of the module includes this header. It calls module_version_init at start-up and
+// module_version_exit at shut-down, where it may sleep.
 //
-// The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL, texts in parentheses.
+// The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL as texts in parentheses.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@
 #define MODULE_VERSION_KERNEL ""
 #endif
 
-// The report line, or null while there is none.
+// The report line; null before start-up and after shut-down.
 inline char* module_banner;
 
 inline bool version_is_space(char c)
@@ -27,7 +27,7 @@ inline bool version_is_space(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// `str`, or `def` when it is null, empty or white space only.
+// Returns `str`, or `def` if it is null, empty or only white space.
 inline const char* check_str_notempty(const char* str, const char* def)
 {
     for (const char* c = str; c && *c; ++c)
@@ -35,7 +35,7 @@ inline const char* check_str_notempty(const char* str, const char* def)
     return def;
 }
 
-// Cuts white space off both ends, in place; returns where the rest begins.
+// Removes white space at both ends of `str`, in place. Returns where the rest begins.
 inline char* ktrim(char* str)
 {
     while (version_is_space(*str)) ++str;
@@ -43,8 +43,8 @@ inline char* ktrim(char* str)
     return str;
 }
 
-// Copies the value of a revision keyword such as "$Name: ATS_1_21 $" into `value`, cut to its size and trimmed. Null
-// when `text` is not a keyword.
+// Copies the value of a revision keyword such as "$Name: ATS_1_21 $" into `value`, cut to its size, and returns it
+// without white space at its ends. Null if `text` is not a keyword.
 template <size_t size>
 const char* version_keyword_value(const char* text, char (&value)[size])
 {
@@ -58,7 +58,7 @@ const char* version_keyword_value(const char* text, char (&value)[size])
     return ktrim(value);
 }
 
-// The report line, in memory of kmalloc that the caller frees. Null when there is no memory.
+// The report line, in memory of kmalloc that the caller frees. Null if there is no memory.
 inline char* build_module_ver_str(const char* module_name, const char* version_string, const char* tag_name)
 {
     const char* name = check_str_notempty(module_name, "Unknown");
@@ -66,7 +66,7 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     char version_value[10];
     if (const char* value = version_keyword_value(version, version_value)) version = check_str_notempty(value, "0");
 
-    // A tag that is not a keyword carries no information and is not shown.
+    // A tag that is not a keyword is not shown.
     char tag_value[30];
     const char* tag = version_keyword_value(check_str_notempty(tag_name, "NoTag"), tag_value);
     tag = check_str_notempty(tag, "NoTag");
@@ -82,19 +82,19 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     return line;
 }
 
-// Paths are built without allocating: removing an entry must not fail, because its handler is about to be unmapped.
+// Paths do not allocate: removing an entry must not fail, because its handler will be unmapped.
 struct version_path_t {
     char text[128];
 };
 
-// "dorvex/NAME" and `rest`. False when there is no name, or one that is too long for a path.
+// Sets the path to "dorvex/NAME" and `rest`. False if the name is null or too long.
 inline bool module_proc_str_create(version_path_t* path, const char* module_name, const char* rest)
 {
     const int length = module_name ? snprintf(path->text, sizeof path->text, "dorvex/%s%s", module_name, rest) : -1;
     return length >= 0 && static_cast<size_t>(length) < sizeof path->text;
 }
 
-// A /proc read handler.
+// The read handler of the /proc file.
 inline int version_read_proc(char* page, char** start, off_t off, int count, int* eof, void*)
 {
     snprintf(page, PROC_PAGE_SIZE, "%s", module_banner ? module_banner : "Error\n");
@@ -105,7 +105,7 @@ inline int version_read_proc(char* page, char** start, off_t off, int count, int
     return static_cast<int>(rest < 0 ? 0 : rest < count ? rest : count);
 }
 
-// Creates the file entry, and before it the directories above it that are missing.
+// Creates the file's entry and the missing directories above it.
 inline proc_dir_entry* version_create_entry(const char* path, const char* directory)
 {
     if (proc_dir_entry* entry = create_proc_entry(path, 0)) return entry;
@@ -113,7 +113,7 @@ inline proc_dir_entry* version_create_entry(const char* path, const char* direct
     return made ? create_proc_entry(path, 0) : nullptr;
 }
 
-// Creates the file. The texts may be null. Returns 0, or -1 with nothing left behind.
+// Creates the file. The texts may be null. Returns 0, or -1 without a file. May sleep.
 inline int32_t module_version_init(const char* module_name, const char* version_string, const char* tag_name)
 {
     module_banner = build_module_ver_str(module_name, version_string, tag_name);
@@ -131,7 +131,8 @@ inline int32_t module_version_init(const char* module_name, const char* version_
     return 0;
 }
 
-// Removes the file; the directories stay for the next load. Returns 0, or -1 when there is no name.
+// Removes the file; the directories stay for the next load. Returns 0, or -1 if the name is null or too long. May
+// sleep.
 inline int32_t module_version_exit(const char* module_name)
 {
     version_path_t path;

@@ -1,8 +1,8 @@
-// How a kernel symbol and a module symbol become visible across the image boundary.
+// Makes symbols of the kernel and of modules visible to other images.
 #pragma once
 
-// A call or variable that the kernel offers to modules. C linkage: modules find it by its plain name.
+// A function or variable that modules may use. C linkage: modules find it by its plain name.
 #define KERNEL_API extern "C" __attribute__((visibility("default")))
 
-// A symbol that a module exports to other modules and to its loader. Everything else stays hidden.
+// A symbol that a module exports to other modules and to the loader. All others are hidden.
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))

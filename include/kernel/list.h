@@ -1,5 +1,5 @@
-// A circular doubly linked list whose links live inside the listed records. No operation allocates, locks or
-// fails; the caller guards the list. Only list_empty may be asked without the guard, for a hint.
+// A circular doubly linked list whose links are members of the listed records. No operation allocates, locks or fails;
+// the caller guards the list. Only list_empty may be called without the guard; its result is then a hint.
 #pragma once
 
 #include <cstddef>
@@ -28,19 +28,19 @@ inline void list_insert_between(list_head* entry, list_head* prev, list_head* ne
     __atomic_store_n(&prev->next, entry, __ATOMIC_RELAXED);
 }
 
-// Inserts `entry` right after `head`: first in walking order.
+// Inserts `entry` as the first one.
 inline void list_add(list_head* entry, list_head* head)
 {
     list_insert_between(entry, head, head->next);
 }
 
-// Inserts `entry` right before `head`: last in walking order.
+// Inserts `entry` as the last one.
 inline void list_add_tail(list_head* entry, list_head* head)
 {
     list_insert_between(entry, head->prev, head);
 }
 
-// Unlinks `entry` and leaves it as an empty list of its own.
+// Unlinks `entry` and makes it an empty list.
 inline void list_del_init(list_head* entry)
 {
     __atomic_store_n(&entry->prev->next, entry->next, __ATOMIC_RELAXED);
@@ -48,5 +48,5 @@ inline void list_del_init(list_head* entry)
     list_init(entry);
 }
 
-// The record of type `type` whose member `member` is the link `link`.
+// The record of type `type` that has `link` as its member `member`.
 #define list_entry(link, type, member) (reinterpret_cast<type*>(reinterpret_cast<char*>(link) - offsetof(type, member)))

@@ -1,4 +1,4 @@
-// Memory, user memory and randomness.
+// Kernel memory, the memory of processes, and random bytes.
 #pragma once
 
 #include <cstddef>
@@ -6,19 +6,20 @@
 #include "kernel/export.h"
 
 enum gfp_t : int {
-    GFP_KERNEL, // may sleep: process context only
-    GFP_ATOMIC, // never sleeps
+    GFP_KERNEL, // may sleep
+    GFP_ATOMIC, // does not sleep: any context
 };
 
-// `size` bytes, uninitialised and aligned for any record, or null. The caller frees them with kfree.
+// Returns `size` bytes, uninitialised and aligned for any record, or null. The caller frees them with kfree.
 KERNEL_API void* kmalloc(size_t size, gfp_t flags);
 
-// Returns memory of kmalloc; null is accepted. A double free or a foreign pointer is a hard error.
+// Frees memory of kmalloc; null is allowed. A hard error if the memory was freed before or is not of kmalloc. Any
+// context.
 KERNEL_API void kfree(const void* memory);
 
-// Copies `count` bytes from the memory of the calling process. Returns the number of bytes NOT copied (0: all).
+// Copies `count` bytes from the memory of the calling process. Returns how many bytes were NOT copied: 0 if all were.
 // May sleep.
-KERNEL_API unsigned long copy_from_user(void* to, const void* from, unsigned long count);
+KERNEL_API unsigned long copy_from_user(void* destination, const void* source, unsigned long count);
 
-// Fills the buffer with random bytes: the system's, or those of the simulation's seed. Does not sleep.
+// Fills the buffer with random bytes, from the system or from the seed of a simulation. Any context.
 KERNEL_API void get_random_bytes(void* buffer, int count);

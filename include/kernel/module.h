@@ -1,4 +1,4 @@
-// What a loadable module declares to its loader, and the registry by which modules find each other's functions.
+// The declaration of a loadable module, and the registry in which modules find each other's functions.
 #pragma once
 
 #include <atomic>
@@ -7,24 +7,24 @@
 #include "kernel/export.h"
 
 enum module_parameter_type_t : int32_t {
-    module_parameter_text, // value points at a `const char*`; the text lives until the module is unloaded
-    module_parameter_int,  // value points at an int32_t
+    module_parameter_text, // `value` points at a `const char*`; the text lives until the module is unloaded
+    module_parameter_int,  // `value` points at an int32_t
 };
 
 struct module_parameter_t {
     const char* name;
     module_parameter_type_t type;
-    void* value; // holds the default in the fresh image
+    void* value; // the variable, which holds the default at first
     const char* description;
 };
 
 // Raised whenever the layout of kernel_module_t, or of a record that it points at, changes.
 constexpr int32_t module_record_version = 2;
 
-// One per module image, exported under the name `this_module`. The loader refuses an image whose record has another
-// size or version, or lacks its name, `init` or `exit`. It sets the parameters, writes the machine's logger level
-// through `logger_level` (when not null), then calls `init`; a negative result of `init` unloads the image again. All
-// pointers are into the image itself.
+// Every module image exports one record under the name `this_module`. The loader refuses an image if the record has
+// another size or version, or has no `name`, `init` or `exit`. Otherwise it sets the parameters, writes the machine's
+// logger level to `logger_level` (unless null), then calls `init`. If `init` returns a negative number, the image is
+// unloaded again. All pointers point into the image itself.
 struct kernel_module_t {
     int32_t record_version = module_record_version;
     const char* name;
@@ -33,22 +33,22 @@ struct kernel_module_t {
     void (*exit)();
     const module_parameter_t* parameters;
     int32_t parameter_count;
-    std::atomic<int32_t>* logger_level; // the image's copy of the logger's level, kept current by the loader
+    std::atomic<int32_t>* logger_level; // the image's copy of the logger's level, which the loader updates
 };
 
 #define THIS_MODULE (&this_module)
 MODULE_EXPORT kernel_module_t this_module;
 
-// Publishes `pointer` under `name` (the text is copied) on behalf of `owner`. A name in use is a hard error: two
-// modules of a kind on one machine is a configuration that cannot work. Does not sleep.
+// Publishes `pointer` under `name` for `owner`; the text is copied. A hard error if the name is in use: two modules of
+// one kind cannot work on one machine. Does not sleep.
 KERNEL_API void inter_module_register(const char* name, kernel_module_t* owner, const void* pointer);
 
-// Withdraws a name. A hard error when somebody still holds a reference or the name is unknown. Does not sleep.
+// Withdraws a name. A hard error if the name is unknown or others hold references. Does not sleep.
 KERNEL_API void inter_module_unregister(const char* name);
 
-// The pointer published under `name`, with a reference on its owner until the matching inter_module_put of the
-// same name; null when nobody published it. Does not sleep.
+// Returns the pointer published under `name` and takes a reference on its owner, to be returned with inter_module_put.
+// Null if the name is not published or its owner unloads. Does not sleep.
 KERNEL_API const void* inter_module_get(const char* name);
 
-// Returns one reference taken by inter_module_get(name).
+// Returns one reference that inter_module_get(name) has taken. Does not sleep.
 KERNEL_API void inter_module_put(const char* name);

@@ -1,6 +1,6 @@
-// A record that any context may read at any moment, whole and without a lock, while another writes it: a sequence
-// lock. All zero is a valid, zero record. Neither call sleeps. A reader repeats while a writer is writing, so it
-// must not interrupt a writer on its own processor.
+// A record that one context reads as a whole and without a lock while another one writes it: a sequence lock. Memory
+// that is all zero holds a zero record. Neither call sleeps. A reader repeats while a writer is active; so it must not
+// interrupt a writer on its own processor.
 #pragma once
 
 #include <atomic>
@@ -14,18 +14,19 @@ class shared_record
     static_assert(std::is_trivially_copyable_v<record_t>);
 
   public:
-    // Writers exclude each other for a few instructions.
+    // Writers exclude each other for a few instructions. Any context.
     void store(const record_t& record)
     {
         uint64_t words[word_count] = {};
         memcpy(words, &record, sizeof record);
         uint32_t even = sequence_.load(std::memory_order_relaxed) & ~1u;
         while (!sequence_.compare_exchange_weak(even, even + 1, std::memory_order_acquire)) even &= ~1u;
-        // A reader that sees one of these sees the odd number too.
+        // A reader that sees one of these words also sees the odd number.
         for (size_t i = 0; i < word_count; ++i) words_[i].store(words[i], std::memory_order_release);
         sequence_.store(even + 2, std::memory_order_release);
     }
 
+    // Any context.
     record_t load() const
     {
         uint64_t words[word_count];
@@ -42,6 +43,6 @@ class shared_record
   private:
     static constexpr size_t word_count = (sizeof(record_t) + sizeof(uint64_t) - 1) / sizeof(uint64_t);
 
-    std::atomic<uint32_t> sequence_; // odd while a writer is at work
+    std::atomic<uint32_t> sequence_; // odd while a writer is active
     std::atomic<uint64_t> words_[word_count];
 };

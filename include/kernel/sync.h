@@ -1,5 +1,5 @@
-// Waiting and excluding: semaphores, wait queues, spin locks, sleeps, signals. Every record here is valid when
-// its init call has run, holds no storage elsewhere and needs no destruction.
+// Semaphores, wait queues, spin locks, sleeps and signals. A record is valid after its init call, owns no other memory
+// and needs no destruction.
 #pragma once
 
 #include <atomic>
@@ -8,28 +8,28 @@
 #include "kernel/export.h"
 #include "kernel/list.h"
 
-// Guards the few fields of a semaphore or a wait queue; belongs to the kernel.
+// Guards the fields of a semaphore or a wait queue. For the kernel only.
 struct kernel_guard_t {
     std::atomic<uint32_t> state;
 };
 
-// ---- counting semaphore; waiters are served in the order they came ----
+// ---- counting semaphore; tasks get units in the order in which they asked for them ----
 
 struct semaphore {
     kernel_guard_t guard;
     int32_t count;
     list_head waiters;
-    const char* name; // shown when a deadlock is reported
+    const char* name; // for the report of a deadlock; the text must outlive the record
 };
 
 KERNEL_API void sema_init_named(semaphore* sem, int32_t count, const char* name);
 #define sema_init(sem, count) sema_init_named(sem, count, #sem)
 
-// Takes one unit; sleeps, whatever signals arrive.
+// Takes one unit. May sleep; signals do not end the sleep.
 KERNEL_API void down(semaphore* sem);
 
-// Takes one unit; sleeps. Returns 0, or -EK_RESTARTSYS without the unit when a signal arrived (or was pending
-// and the call would have had to wait).
+// Takes one unit and returns 0. Returns -EK_RESTARTSYS without a unit if it would have to wait and a signal is pending
+// or arrives. May sleep.
 KERNEL_API int down_interruptible(semaphore* sem);
 
 // Returns one unit. Any context.
@@ -37,17 +37,21 @@ KERNEL_API void up(semaphore* sem);
 
 // ---- spin lock ----
 
-// While it is held the holder may not sleep, and in a real kernel interrupts are off.
+// The task that holds it may not sleep; in a real kernel interrupts are off.
 struct spinlock_t {
     std::atomic<uint32_t> state;
 };
 
 KERNEL_API void spin_lock_init(spinlock_t* lock);
-KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock); // the interrupt state to restore
+
+// Takes the lock. Returns the interrupt state, which spin_unlock_irqrestore restores. Any context.
+KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock);
+
+// Releases the lock. A hard error if it is not held. Any context.
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
-// For entries that may only be called without a spin lock: holding one is a hard error that names the entry. This finds
-// a callback made under a lock before it deadlocks on that lock.
+// For functions that may not be called with a spin lock held: a hard error that names `entry` if the task holds one.
+// This finds a callback that is made under a lock before it deadlocks on that lock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----
@@ -55,39 +59,40 @@ KERNEL_API void must_not_hold_spin_lock(const char* entry);
 struct wait_queue_head_t {
     kernel_guard_t guard;
     list_head sleepers;
-    const char* name; // shown when a deadlock is reported
+    const char* name; // for the report of a deadlock; the text must outlive the record
 };
 
-// One sleeper; lives on its stack and needs no initialisation.
+// One sleeping task; lives on the task's stack and needs no initialisation.
 struct wait_queue_t {
     list_head link;
     struct kernel_task_t* task;
     const char* queue_name;
-    const wait_queue_t* outer; // where the task stood already, or null
+    const wait_queue_t* outer; // its place in the queue that it joined before, or null
 };
 
 KERNEL_API void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name);
 #define init_waitqueue_head(queue) init_waitqueue_head_named(queue, #queue)
 
-// Wakes every sleeper of the queue; each then looks at its condition again. Any context.
+// Wakes all sleepers of the queue, so that each checks its condition again. Any context.
 KERNEL_API void wake_up_interruptible(wait_queue_head_t* queue);
 
-// Puts the calling task into the queue, unless it stands there already; finish_wait takes it out. A task may wait in a
-// second queue, or for a semaphore, while it stands in one: its next sleep in the outer queue then ends at once, since
-// a wake-up may have come meanwhile. The queue that was joined last is left first; another order is a hard error.
+// prepare_to_wait puts the calling task into the queue, unless it is there already; finish_wait removes it. A task in
+// one queue may wait in a second queue, or for a semaphore. Its next sleep in the outer queue then ends at once, since
+// a wake-up may have come meanwhile. Leaving the queues in another order than last in, first out is a hard error. Any
+// context.
 KERNEL_API void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 KERNEL_API void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 
-// Sleeps until woken through the queue that the caller stands in, signalled (the interruptible form) or
-// `timeout_ticks` have passed; returns the ticks left. The interruptible form may return early for no reason.
+// Sleeps until the task is woken through the queue that it is in or `timeout_ticks` have passed; a signal also ends the
+// interruptible sleep, which may end early for no reason, too. Returns the ticks that are left.
 KERNEL_API unsigned long schedule_timeout_interruptible(unsigned long timeout_ticks);
 KERNEL_API unsigned long schedule_timeout_uninterruptible(unsigned long timeout_ticks);
 
-// Is a signal waiting for the calling task?
+// True if a signal is pending for the calling task. Any context.
 KERNEL_API bool signal_pending();
 
-// Sleeps until `condition()` holds, a signal is pending or `timeout_ticks` have passed. A wake-up that finds none
-// of these goes back to sleep for the rest. Looks at the condition before it sleeps at all.
+// Sleeps until `condition()` is true, a signal is pending or `timeout_ticks` have passed. Checks the condition first,
+// and again after each wake-up through the queue.
 template <class condition_t>
 void wait_event_interruptible_timeout(wait_queue_head_t* queue, condition_t condition, unsigned long timeout_ticks)
 {

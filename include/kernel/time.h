@@ -1,4 +1,4 @@
-// The kernel clock: ticks, 1000 a second, starting at an arbitrary number.
+// The kernel clock: 1000 ticks a second, from an arbitrary number on.
 #pragma once
 
 #include "kernel/export.h"
