@@ -1,4 +1,4 @@
-// insmod and rmmod of a small module, and what others may do with it meanwhile.
+// insmod and rmmod of a small module, and other uses of it meanwhile.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -27,10 +27,11 @@ constexpr const char* valid_parameters =
     "; valid are text (text), number (whole number), result (whole number), start_ticks (whole number), "
     "leak_bytes (whole number), forget (whole number)";
 
+// Calls a function that the probe exports.
 template <class result_t>
-result_t ask(kernel::machine& of, const char* symbol)
+result_t call(kernel::machine& machine, const char* symbol)
 {
-    return reinterpret_cast<result_t (*)()>(of.modules.symbol("probe", symbol))();
+    return reinterpret_cast<result_t (*)()>(machine.modules.symbol("probe", symbol))();
 }
 
 ats::error error_of(const ats::result<>& result)
@@ -67,8 +68,8 @@ TEST_F(loading, sets_parameters_as_they_are_written)
         SCOPED_TRACE(each.parameters);
         const ats::result<> result = host.modules.insmod(probe, each.parameters);
         ASSERT_TRUE(result) << result.error().text;
-        EXPECT_STREQ(ask<const char*>(host, "probe_text"), each.text);
-        EXPECT_EQ(ask<int>(host, "probe_number"), each.number);
+        EXPECT_STREQ(call<const char*>(host, "probe_text"), each.text);
+        EXPECT_EQ(call<int>(host, "probe_number"), each.number);
         EXPECT_TRUE(host.modules.rmmod("probe"));
     }
 }
@@ -87,36 +88,36 @@ TEST_F(loading, refuses_malformed_parameters_and_says_what_is_valid)
         {"number=", "'' is no value for 'number': write a whole decimal number of 32 bits"},
         {"number=\" 1\"", "' 1' is no value for 'number': write a whole decimal number of 32 bits"},
     };
-    for (const auto& [parameters, why] : cases) {
+    for (const auto& [parameters, error] : cases) {
         const ats::result<> result = host.modules.insmod(probe, parameters);
         EXPECT_EQ(error_of(result).kind, ats::error_kind::invalid) << parameters;
-        EXPECT_EQ(error_of(result).text, "insmod probe: " + std::string(why) + valid_parameters);
+        EXPECT_EQ(error_of(result).text, "insmod probe: " + std::string(error) + valid_parameters);
     }
     expect_nothing_left();
 }
 
-TEST_F(loading, refuses_what_is_no_module_and_says_what_to_do)
+TEST_F(loading, refuses_files_that_are_not_modules_and_says_what_to_do)
 {
     const std::string fifo = testing::TempDir() + "fifo-" + std::to_string(getpid());
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::string misfit = module_folder + "/misfit-";
-    const auto misfit_has = [&](const std::string& kind, const std::string& what) {
-        return "insmod: " + misfit + kind + ".so does not fit this kernel: its 'this_module' has " + what;
+    const auto misfit_has = [&](const std::string& kind, const std::string& fault) {
+        return "insmod: " + misfit + kind + ".so does not fit this kernel: its 'this_module' has " + fault;
     };
     const std::pair<std::string, std::string> cases[] = {
         {"/nowhere/ats.so",
          "insmod: no module image at /nowhere/ats.so (No such file or directory): build it or give its path"},
         {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
         {module_folder, "insmod: no module image at " + module_folder + " (it is not a regular file)"},
-        {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // and nobody writes to it
+        {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // nobody writes to it
         {misfit + "RECORD_SIZE.so", misfit_has("RECORD_SIZE", "4 bytes instead of 64")},
         {misfit + "RECORD_VERSION.so", misfit_has("RECORD_VERSION", "version 1 instead of 2")},
         {misfit + "NO_INIT.so", misfit_has("NO_INIT", "no init function")},
         {misfit + "NO_EXIT.so", misfit_has("NO_EXIT", "no exit function")},
     };
-    for (const auto& [path, why] : cases) {
+    for (const auto& [path, error] : cases) {
         const ats::result<> result = host.modules.insmod(path);
-        EXPECT_THAT(error_of(result).text, StartsWith(why));
+        EXPECT_THAT(error_of(result).text, StartsWith(error));
     }
     unlink(fifo.c_str());
     ASSERT_TRUE(host.modules.insmod(probe));
@@ -211,7 +212,7 @@ TEST_F(loading, a_failed_start_leaves_nothing)
     expect_nothing_left();
 }
 
-TEST_F(loading, what_a_module_forgets_is_found)
+TEST_F(loading, finds_what_a_module_leaves_behind)
 {
     EXPECT_DEATH(
         {
@@ -231,23 +232,23 @@ TEST_F(loading, what_a_module_forgets_is_found)
     EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
 }
 
-// Every image keeps a descriptor; a thousand machines need more than a shell allows at first.
+// Every image keeps a descriptor open. A thousand machines need more of them than a shell allows at first.
 TEST_F(loading, many_copies_of_one_image_find_enough_descriptors)
 {
-    rlimit allowed{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &allowed), 0);
-    const rlimit few{.rlim_cur = 64, .rlim_max = allowed.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit low_limit{.rlim_cur = 64, .rlim_max = limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low_limit), 0);
     std::vector<std::unique_ptr<kernel::machine>> machines;
     for (int i = 0; i < 100; ++i) {
         machines.push_back(std::make_unique<kernel::machine>(*sim, "node"));
         const ats::result<> result = machines.back()->modules.insmod(probe, "number=" + std::to_string(i));
         ASSERT_TRUE(result) << result.error().text;
-        EXPECT_EQ(ask<int>(*machines.back(), "probe_number"), i);
+        EXPECT_EQ(call<int>(*machines.back(), "probe_number"), i);
     }
-    EXPECT_EQ(ask<int>(*machines.front(), "probe_number"), 0);
+    EXPECT_EQ(call<int>(*machines.front(), "probe_number"), 0);
     for (const auto& each : machines) EXPECT_TRUE(each->modules.rmmod("probe"));
-    setrlimit(RLIMIT_NOFILE, &allowed);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 } // namespace

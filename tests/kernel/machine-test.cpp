@@ -1,4 +1,4 @@
-// The parts of a machine that keep account: memory and the log.
+// Parts of a machine: memory, fault injection and the log.
 #include <climits>
 #include <cstdarg>
 #include <gmock/gmock.h>
@@ -14,12 +14,12 @@ using testing::HasSubstr;
 namespace
 {
 
-TEST(memory, what_is_not_freed_is_listed_and_told_when_the_machine_goes)
+TEST(memory, is_listed_and_reported_as_a_leak_unless_it_is_freed)
 {
-    one_machine at;
+    one_machine world;
     testing::internal::CaptureStderr();
     {
-        kernel::machine leaky(*at.sim, "node2");
+        kernel::machine leaky(*world.sim, "node2");
         leaky.enter("test", [] {
             EXPECT_NE(kmalloc(24, GFP_KERNEL), nullptr);
             kfree(kmalloc(8, GFP_ATOMIC));
@@ -35,45 +35,45 @@ TEST(memory, what_is_not_freed_is_listed_and_told_when_the_machine_goes)
         kfree(memory);
         kfree(memory);
     };
-    EXPECT_DEATH(at.run(free_twice), "kfree: .* is not memory of this machine, or was freed before");
+    EXPECT_DEATH(world.run(free_twice), "kfree: .* is not memory of this machine, or was freed before");
 }
 
 TEST(fault_injector, forgets_one_plan_when_it_is_given_the_next)
 {
     kernel::fault_injector faults;
-    const auto failing = [&](const char* call) {
+    const auto pattern_of = [&](const char* call) {
         std::string pattern;
         for (int i = 0; i < 5; ++i) pattern += faults.should_fail(call) ? 'x' : '.';
         return pattern;
     };
     faults.fail_nth(2, 2);
-    EXPECT_EQ(failing("kmalloc"), ".x.x.");
+    EXPECT_EQ(pattern_of("kmalloc"), ".x.x.");
     EXPECT_EQ(faults.failed_call(), "kmalloc");
     faults.fail_nth(2, 2);
     faults.fail_calls("add_timing", 3);
-    EXPECT_EQ(failing("kmalloc"), ".....");
-    EXPECT_EQ(failing("add_timing"), "xxx..");
+    EXPECT_EQ(pattern_of("kmalloc"), ".....");
+    EXPECT_EQ(pattern_of("add_timing"), "xxx..");
     faults.fail_nth(1);
-    EXPECT_EQ(failing("add_timing"), "x....");
+    EXPECT_EQ(pattern_of("add_timing"), "x....");
     faults.disarm();
-    EXPECT_EQ(failing("add_timing"), ".....");
+    EXPECT_EQ(pattern_of("add_timing"), ".....");
     EXPECT_EQ(faults.failures(), 0u);
 }
 
 TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
 {
-    one_machine at({.start_tick = 12'345});
-    std::vector<std::string> followed;
-    const int handle = at.host.log.follow([&](const kernel::log_line& line) { followed.push_back(line.text); });
-    at.run([] {
+    one_machine world({.start_tick = 12'345});
+    std::vector<std::string> texts;
+    const int handle = world.host.log.follow([&](const kernel::log_line& line) { texts.push_back(line.text); });
+    world.run([] {
         printk("<6>INFO : one\n");
         printk("tw%co %d", 0, 2);
         printk(", continued <3>here\n\n");
-        printk("<1>%s\n", std::string(3000, 'x').c_str()); // cut, and still a line
+        printk("<1>%s\n", std::string(3000, 'x').c_str()); // is cut, but keeps its line end
         printk("!\n");
     });
-    at.host.log.unfollow(handle);
-    const std::vector<kernel::log_line> lines = at.host.log.lines();
+    world.host.log.unfollow(handle);
+    const std::vector<kernel::log_line> lines = world.host.log.lines();
     ASSERT_EQ(lines.size(), 5u);
     EXPECT_EQ(kernel::format_line(lines[0]), "[   12.345] INFO : one");
     EXPECT_EQ(lines[0].raw(), "<6>INFO : one\n");
@@ -83,8 +83,8 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
     EXPECT_EQ(lines[2].text, "");
     EXPECT_EQ(lines[3].text, std::string(2043, 'x')) << "2047 bytes with its priority and its line end";
     EXPECT_EQ(lines[4].text, "!");
-    ASSERT_EQ(followed.size(), lines.size());
-    for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(followed[i], lines[i].text);
+    ASSERT_EQ(texts.size(), lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(texts[i], lines[i].text);
 }
 
 std::string formatted(const char* format, ...)
@@ -123,40 +123,40 @@ TEST(log, formats_as_a_kernel_does)
 
 TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
 {
-    one_machine at;
-    at.run([] {
-        char* freed = static_cast<char*>(kmalloc(64, GFP_KERNEL));
+    one_machine world;
+    world.run([] {
+        char* first = static_cast<char*>(kmalloc(64, GFP_KERNEL));
         char* second = static_cast<char*>(kmalloc(64, GFP_KERNEL));
-        printk("%p %p\n", static_cast<void*>(freed), static_cast<void*>(second + 5));
-        kfree(freed);
-        void* reused = kmalloc(64, GFP_KERNEL); // at the same place, as a rule
-        printk("%p\n", reused);
-        kfree(reused);
+        printk("%p %p\n", static_cast<void*>(first), static_cast<void*>(second + 5));
+        kfree(first);
+        void* third = kmalloc(64, GFP_KERNEL); // usually at the address of the first
+        printk("%p\n", third);
+        kfree(third);
         kfree(second);
-        int here = 0, there = 0;
-        printk("%p %p %p\n", static_cast<void*>(&here), static_cast<void*>(&there), static_cast<void*>(&here));
+        int one = 0, other = 0;
+        printk("%p %p %p\n", static_cast<void*>(&one), static_cast<void*>(&other), static_cast<void*>(&one));
         printk("%p %p\n", nullptr, reinterpret_cast<void*>(0x98));
     });
-    EXPECT_EQ(at.host.log.raw(), "ffff880000000000 ffff880000000085\n"
-                                 "ffff880000000100\n"
-                                 "ffff8f0000000000 ffff8f0000001000 ffff8f0000000000\n"
-                                 "0000000000000000 0000000000000098\n");
+    EXPECT_EQ(world.host.log.raw(), "ffff880000000000 ffff880000000085\n"
+                                    "ffff880000000100\n"
+                                    "ffff8f0000000000 ffff8f0000001000 ffff8f0000000000\n"
+                                    "0000000000000000 0000000000000098\n");
     char image[100], later[100];
-    at.host.addresses.add_image(image, sizeof image);
-    at.host.addresses.add_image(later, sizeof later);
-    EXPECT_EQ(at.host.addresses.nominal(image + 99), kernel::nominal_images + 99);
-    EXPECT_EQ(at.host.addresses.nominal(later), kernel::nominal_images + 4096);
-    at.host.addresses.remove(image);
-    EXPECT_EQ(at.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
+    world.host.addresses.add_image(image, sizeof image);
+    world.host.addresses.add_image(later, sizeof later);
+    EXPECT_EQ(world.host.addresses.nominal(image + 99), kernel::nominal_images + 99);
+    EXPECT_EQ(world.host.addresses.nominal(later), kernel::nominal_images + 4096);
+    world.host.addresses.remove(image);
+    EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
 }
 
-// The texts of the lines from number `first` on, and how many were dropped: "2 dropped;line 3;".
+// The texts of the lines from number `first` on, and the number of dropped lines: "2 dropped;line 3;".
 std::string texts_from(const kernel::log& log, uint64_t* first, size_t limit)
 {
-    uint64_t dropped = 0;
+    uint64_t drop_count = 0;
     std::string all;
-    for (const kernel::log_line& line : log.lines_from(*first, limit, first, &dropped)) all += line.text + ";";
-    return dropped > 0 ? std::to_string(dropped) + " dropped;" + all : all;
+    for (const kernel::log_line& line : log.lines_from(*first, limit, first, &drop_count)) all += line.text + ";";
+    return drop_count > 0 ? std::to_string(drop_count) + " dropped;" + all : all;
 }
 
 TEST(log, drops_the_oldest_lines_and_numbers_go_on)

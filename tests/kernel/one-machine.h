@@ -1,4 +1,4 @@
-// A simulated machine to call the kernel in, and tasks in it that a story needs.
+// A simulated machine on which a test calls the kernel, and the tasks of its scenario.
 #pragma once
 
 #include <functional>
@@ -14,13 +14,13 @@ struct one_machine {
     explicit one_machine(const exec::simulation_options& options = {}) : sim(exec::make_simulation(options)) {}
     ~one_machine() { finish(); }
 
-    // A task that begins at `tick`.
+    // Starts a task that calls `body` at `tick`.
     exec::task& at(uint64_t tick, const std::string& name, std::function<void()> body)
     {
-        tasks.push_back(&host.start(name, [tick, work = std::move(body)] {
+        tasks.push_back(&host.start(name, [tick, body = std::move(body)] {
             const uint64_t now = get_jiffies();
             if (now < tick) schedule_timeout_uninterruptible(tick - now);
-            work();
+            body();
         }));
         return *tasks.back();
     }
@@ -28,7 +28,7 @@ struct one_machine {
     // Runs `body` in a task of the machine and returns when it has ended.
     void run(const std::function<void()>& body) { host.enter("test", body); }
 
-    // Waits for every task, the last one first: it may refer to those before it.
+    // Waits for all tasks, the latest first, since it may refer to earlier ones.
     void finish()
     {
         for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());

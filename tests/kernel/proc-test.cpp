@@ -1,4 +1,4 @@
-// The /proc tree as its users and its modules see it.
+// The /proc tree, used by its readers and writers and by modules.
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,60 +20,61 @@ std::string long_text()
     return text;
 }
 
-struct answering {
+// What a read handler answers.
+struct handler_plan {
     std::string text;
-    std::vector<std::pair<off_t, int>> asked{};
-    int result = 0; // when not 0
-    bool tells_end = true;
-    int excess = 0;      // bytes more than are asked for
-    ptrdiff_t start = 0; // in the page
+    std::vector<std::pair<off_t, int>> calls{}; // offset and count of each
+    int error = 0;                              // returned unless 0
+    bool signals_end = true;
+    int excess_bytes = 0; // beyond the count
+    ptrdiff_t start = 0;  // in the page
 };
 
-// Answers as old handlers do: from `start`, at most `count` bytes of what follows `off`.
+// Answers like old handlers: at most `count` bytes of the text from `off` on.
 int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
 {
-    auto& answer = *static_cast<answering*>(data);
-    answer.asked.emplace_back(off, count);
-    if (answer.result != 0) return answer.result;
-    const std::string rest = static_cast<size_t>(off) < answer.text.size() ? answer.text.substr(off) : "";
-    const int length = std::min(count + answer.excess, static_cast<int>(rest.size()));
-    *start = page + answer.start;
-    if (answer.start == 0) std::memcpy(page, rest.data(), std::min(static_cast<size_t>(length), PROC_PAGE_SIZE));
-    *eof = answer.tells_end && length == static_cast<int>(rest.size());
+    auto& plan = *static_cast<handler_plan*>(data);
+    plan.calls.emplace_back(off, count);
+    if (plan.error != 0) return plan.error;
+    const std::string rest = static_cast<size_t>(off) < plan.text.size() ? plan.text.substr(off) : "";
+    const int length = std::min(count + plan.excess_bytes, static_cast<int>(rest.size()));
+    *start = page + plan.start;
+    if (plan.start == 0) std::memcpy(page, rest.data(), std::min(static_cast<size_t>(length), PROC_PAGE_SIZE));
+    *eof = plan.signals_end && length == static_cast<int>(rest.size());
     return length;
 }
 
 struct proc : testing::Test, one_machine {
-    void add(answering& answer)
+    void add(handler_plan& plan)
     {
         proc_dir_entry* entry = create_proc_entry("report", 0);
         ASSERT_NE(entry, nullptr);
-        entry->data = &answer;
+        entry->data = &plan;
         entry->read_proc = read_text;
     }
 };
 
 TEST_F(proc, a_long_answer_is_read_page_by_page_from_any_offset)
 {
-    answering answer{.text = long_text()};
-    const int size = static_cast<int>(answer.text.size());
+    handler_plan plan{.text = long_text()};
+    const int size = static_cast<int>(plan.text.size());
     run([&] {
-        add(answer);
-        for (const bool tells_end : {true, false}) {
-            answer.tells_end = tells_end;
+        add(plan);
+        for (const bool signals_end : {true, false}) {
+            plan.signals_end = signals_end;
             std::string whole;
             EXPECT_EQ(host.proc.read("report", 0, 100'000, &whole), size);
-            EXPECT_EQ(whole, answer.text);
+            EXPECT_EQ(whole, plan.text);
         }
-        answer.asked.clear();
+        plan.calls.clear();
         std::string part;
         EXPECT_EQ(host.proc.read("report", 1000, 5000, &part), 5000);
-        EXPECT_EQ(part, answer.text.substr(1000, 5000));
-        EXPECT_THAT(answer.asked, ElementsAre(FieldsAre(1000, 4096), FieldsAre(5096, 904)));
+        EXPECT_EQ(part, plan.text.substr(1000, 5000));
+        EXPECT_THAT(plan.calls, ElementsAre(FieldsAre(1000, 4096), FieldsAre(5096, 904)));
 
         std::string beyond;
         EXPECT_EQ(host.proc.read("report", 100'000, 10, &beyond), 0);
-        answer.result = -EK_NXIO;
+        plan.error = -EK_NXIO;
         EXPECT_EQ(host.proc.read("report", 0, 10, &beyond), -EK_NXIO);
         EXPECT_EQ(beyond, "");
     });
@@ -81,21 +82,21 @@ TEST_F(proc, a_long_answer_is_read_page_by_page_from_any_offset)
 
 TEST_F(proc, a_handler_is_held_to_the_bounds_of_its_page)
 {
-    answering answer{.text = long_text(), .excess = 5};
+    handler_plan plan{.text = long_text(), .excess_bytes = 5};
     std::string text;
     run([&] {
-        add(answer);
+        add(plan);
         EXPECT_EQ(host.proc.read("report", 0, 5000, &text), 5000);
     });
-    EXPECT_EQ(text, answer.text.substr(0, 5000));
+    EXPECT_EQ(text, plan.text.substr(0, 5000));
     EXPECT_EQ(host.log.raw(),
               "<4>/proc/report: its read handler answers with 4101 bytes where there is room for 4096; "
               "the rest is cut off\n<4>/proc/report: its read handler answers with 909 bytes where there "
               "is room for 904; the rest is cut off\n");
-    answer = {.text = "text", .start = PROC_PAGE_SIZE - 3};
+    plan = {.text = "text", .start = PROC_PAGE_SIZE - 3};
     run([&] { EXPECT_EQ(host.proc.read("report", 0, 3, &(text = "")), 3) << "there is room for three"; });
     for (const ptrdiff_t outside : {ptrdiff_t{-1}, static_cast<ptrdiff_t>(PROC_PAGE_SIZE) + 1}) {
-        answer.start = outside;
+        plan.start = outside;
         EXPECT_DEATH(run([&] { host.proc.read("report", 0, 3, &(text = "")); }),
                      "the read handler of /proc/report answers from outside of its page");
     }
@@ -103,7 +104,7 @@ TEST_F(proc, a_handler_is_held_to_the_bounds_of_its_page)
 
 TEST_F(proc, an_entry_needs_its_directory_and_a_free_name)
 {
-    answering answer{.text = "x"};
+    handler_plan plan{.text = "x"};
     run([&] {
         EXPECT_EQ(create_proc_entry("dorvex/ats/control", 0644), nullptr);
         EXPECT_EQ(proc_mkdir("dorvex/ats"), nullptr);

@@ -1,4 +1,4 @@
-// The simulation itself: order, time, stands, and what fibers must not mix up.
+// The simulation: the order of tasks, time, stalls, and the exceptions of fibers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -14,14 +14,14 @@ using testing::HasSubstr;
 namespace
 {
 
-// What a busy machine logs: everything that the seed may decide shows in it.
-std::string busy_machine(const exec::simulation_options& options)
+// The log of a busy machine. It shows every choice that the seed makes.
+std::string log_of_busy_machine(const exec::simulation_options& options)
 {
-    one_machine at(options);
+    one_machine world(options);
     semaphore sem;
     sema_init(&sem, 1);
     for (int name = 0; name < 5; ++name) {
-        at.at(static_cast<uint64_t>(name / 2), "task", [&, name] {
+        world.at(static_cast<uint64_t>(name / 2), "task", [&, name] {
             for (int i = 0; i < 4; ++i) {
                 down(&sem);
                 printk("%d", name);
@@ -30,8 +30,8 @@ std::string busy_machine(const exec::simulation_options& options)
             }
         });
     }
-    at.finish();
-    return at.host.log.raw();
+    world.finish();
+    return world.host.log.raw();
 }
 
 TEST(order, is_the_seeds_and_only_the_seeds)
@@ -39,36 +39,36 @@ TEST(order, is_the_seeds_and_only_the_seeds)
     std::set<std::string> runs;
     for (uint64_t seed = 1; seed <= 20; ++seed) {
         const exec::simulation_options options{.seed = seed, .explore_switches = true};
-        const std::string run = busy_machine(options);
-        EXPECT_EQ(run, busy_machine(options)) << "with seed " << seed;
+        const std::string run = log_of_busy_machine(options);
+        EXPECT_EQ(run, log_of_busy_machine(options)) << "with seed " << seed;
         runs.insert(run);
     }
     EXPECT_GT(runs.size(), 10u);
-    EXPECT_EQ(busy_machine({.seed = 1}), busy_machine({.seed = 2})) << "nobody asked for exploration";
+    EXPECT_EQ(log_of_busy_machine({.seed = 1}), log_of_busy_machine({.seed = 2})) << "switches are not explored";
 }
 
-// Two tasks that each read a number, are somewhere else, and write it back plus one: what they end up with.
+// The results of two tasks that each read a number, may be preempted, and write it back plus one.
 std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
 {
     exec::systematic_schedule order(deviations);
     std::set<int> outcomes;
     do {
-        one_machine at({.order = &order});
-        semaphore elsewhere; // never waited for: only a place to switch
-        sema_init(&elsewhere, 2);
+        one_machine world({.order = &order});
+        semaphore switch_place; // has units for both, so that they may switch but never wait
+        sema_init(&switch_place, 2);
         int number = 0;
         const auto add_one = [&] {
-            const int read = number;
-            down(&elsewhere);
-            up(&elsewhere);
-            number = read + 1;
+            const int value = number;
+            down(&switch_place);
+            up(&switch_place);
+            number = value + 1;
         };
-        at.at(0, "first", add_one);
-        at.at(0, "second", add_one);
+        world.at(0, "first", add_one);
+        world.at(0, "second", add_one);
         order.explore(true);
-        at.sim->settle();
+        world.sim->settle();
         outcomes.insert(number);
-        at.finish();
+        world.finish();
     } while (order.next());
     *orders = order.orders_tried();
     return outcomes;
@@ -80,18 +80,18 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
     EXPECT_THAT(outcomes_of_a_race(0, &orders), ElementsAre(2));
     EXPECT_EQ(orders, 1u);
     EXPECT_THAT(outcomes_of_a_race(1, &orders), ElementsAre(1, 2));
-    EXPECT_EQ(orders, 4u); // the first in order, the second first, a switch at the down or at the up
+    EXPECT_EQ(orders, 4u); // the plain order, the second task first, a switch in down(), a switch in up()
 }
 
-// Each run begins so many tasks at one instant: what the order says of the run before may not fit.
-void run_with_tasks(const std::vector<int>& tasks_of_each_run)
+// Starts so many tasks at one instant in each run, so that the choices of the run before may not fit.
+void run_with_tasks(const std::vector<int>& task_counts)
 {
     exec::systematic_schedule order(1);
-    for (const int tasks : tasks_of_each_run) {
-        one_machine at({.order = &order});
-        for (int i = 0; i < tasks; ++i) at.at(0, "task", [] {});
+    for (const int count : task_counts) {
+        one_machine world({.order = &order});
+        for (int i = 0; i < count; ++i) world.at(0, "task", [] {});
         order.explore(true);
-        at.finish();
+        world.finish();
         order.next();
     }
 }
@@ -106,66 +106,66 @@ TEST(order, systematic_refuses_a_scenario_that_is_not_the_same_in_each_run)
 
 TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
 {
-    one_machine at({.start_tick = 1000});
-    std::vector<std::string> seen;
-    const auto note = [&](const char* what) { seen.push_back(what + std::to_string(at.sim->now())); };
-    at.at(1020, "b", [&] { note("b"); });
-    at.at(1010, "a", [&] {
+    one_machine world({.start_tick = 1000});
+    std::vector<std::string> notes;
+    const auto note = [&](const char* name) { notes.push_back(name + std::to_string(world.sim->now())); };
+    world.at(1020, "b", [&] { note("b"); });
+    world.at(1010, "a", [&] {
         note("a");
         schedule_timeout_uninterruptible(10);
         note("a");
     });
-    at.at(1020, "c", [&] { note("c"); });
-    at.sim->run_until(1019);
-    EXPECT_THAT(seen, ElementsAre("a1010"));
-    EXPECT_EQ(at.sim->now(), 1019u);
-    at.sim->run_for(1);
-    EXPECT_THAT(seen, ElementsAre("a1010", "b1020", "c1020", "a1020"));
-    at.sim->run_until(500'000'000); // nothing is due: costs nothing
-    EXPECT_EQ(at.sim->now(), 500'000'000u);
+    world.at(1020, "c", [&] { note("c"); });
+    world.sim->run_until(1019);
+    EXPECT_THAT(notes, ElementsAre("a1010"));
+    EXPECT_EQ(world.sim->now(), 1019u);
+    world.sim->run_for(1);
+    EXPECT_THAT(notes, ElementsAre("a1010", "b1020", "c1020", "a1020"));
+    world.sim->run_until(500'000'000); // at once, since nothing is due
+    EXPECT_EQ(world.sim->now(), 500'000'000u);
 }
 
 TEST(wake_ups, are_never_lost_and_several_are_one)
 {
-    one_machine at;
-    std::vector<uint64_t> woken_at;
-    exec::task& sleeper = at.at(0, "sleeper", [&] {
+    one_machine world;
+    std::vector<uint64_t> wake_ticks;
+    exec::task& sleeper = world.at(0, "sleeper", [&] {
         schedule_timeout_uninterruptible(5);
-        at.sim->wake(*exec::current_task());
-        at.sim->wake(*exec::current_task());
+        world.sim->wake(*exec::current_task());
+        world.sim->wake(*exec::current_task());
         for (int i = 0; i < 4; ++i) {
-            at.sim->park(get_jiffies() + 100, "mail", "box");
-            woken_at.push_back(get_jiffies());
+            world.sim->park(get_jiffies() + 100, "mail", "box");
+            wake_ticks.push_back(get_jiffies());
         }
     });
-    at.at(7, "postman", [&] {
-        at.sim->wake(sleeper);
-        at.sim->wake(sleeper);
+    world.at(7, "postman", [&] {
+        world.sim->wake(sleeper);
+        world.sim->wake(sleeper);
     });
-    at.at(9, "postman", [&] { at.sim->wake(sleeper); });
-    at.finish();
-    EXPECT_THAT(woken_at, ElementsAre(5u, 7u, 9u, 109u));
+    world.at(9, "postman", [&] { world.sim->wake(sleeper); });
+    world.finish();
+    EXPECT_THAT(wake_ticks, ElementsAre(5u, 7u, 9u, 109u));
 }
 
-// The report of the stand that `body` leads to.
-std::string stand_of(one_machine& at, const std::function<void()>& body)
+// The report of the stall that `body` leads to.
+std::string report_of_stall(one_machine& world, const std::function<void()>& body)
 {
     try {
-        at.run(body);
-    } catch (const exec::stalled& stand) {
-        return stand.what();
+        world.run(body);
+    } catch (const exec::stalled& stall) {
+        return stall.what();
     }
     return "it went on";
 }
 
-TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
+TEST(stalls, are_reported_with_all_tasks_and_what_they_wait_for)
 {
-    one_machine at;
+    one_machine world;
     semaphore mine;
     sema_init_named(&mine, 0, "&ats->ats_sem");
     wait_queue_head_t answers;
     init_waitqueue_head_named(&answers, "&ats->delete_resp_wq");
-    exec::task& worker = at.at(0, "worker", [&] {
+    exec::task& worker = world.at(0, "worker", [&] {
         wait_event_interruptible_timeout(
             &answers, [] { return false; }, ULONG_MAX);
     });
@@ -173,71 +173,72 @@ TEST(stands, are_reported_with_everyone_and_what_they_wait_for)
         schedule_timeout_uninterruptible(20);
         down(&mine);
     };
-    EXPECT_EQ(stand_of(at, wait),
+    EXPECT_EQ(report_of_stall(world, wait),
               "deadlock: test cannot go on at tick 20\n"
               "node1/worker waits for schedule_timeout_interruptible(&ats->delete_resp_wq) since tick 0\n"
               "node1/test waits for down(&ats->ats_sem) since tick 20\n");
-    EXPECT_THROW(at.sim->join(worker), exec::stalled);
+    EXPECT_THROW(world.sim->join(worker), exec::stalled);
 
-    // Life goes on without the one whose caller has gone, and with those who can be helped.
+    // The other tasks can go on, but not the one whose caller has gone.
     exec::send_signal(worker);
-    at.finish();
-    EXPECT_EQ(at.sim->report(), "");
+    world.finish();
+    EXPECT_EQ(world.sim->report(), "");
 }
 
-TEST(stands, no_end_in_sight_is_one_too)
+TEST(stalls, include_a_wait_beyond_the_patience)
 {
-    one_machine at({.patience_ticks = 100});
-    at.run([] { schedule_timeout_uninterruptible(100); });
-    EXPECT_THAT(stand_of(at, [] { schedule_timeout_uninterruptible(101); }),
+    one_machine world({.patience_ticks = 100});
+    world.run([] { schedule_timeout_uninterruptible(100); });
+    EXPECT_THAT(report_of_stall(world, [] { schedule_timeout_uninterruptible(101); }),
                 HasSubstr("no end in sight: test cannot go on at tick 100"));
 }
 
-TEST(stands, spinning_for_what_nobody_can_release_is_one_too)
+TEST(stalls, include_spinning_for_a_lock_that_nobody_releases)
 {
-    one_machine at;
+    one_machine world;
     spinlock_t lock;
     spin_lock_init(&lock);
     const auto take = [&] { spin_lock_irqsave(&lock); };
-    at.run(take); // never released
-    exec::task& other = at.host.start("other", take);
-    EXPECT_THAT(stand_of(at, take), HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));
-    at.run([&] { spin_unlock_irqrestore(&lock, 1); });
-    at.sim->join(other);
+    world.run(take); // never released
+    exec::task& other = world.host.start("other", take);
+    EXPECT_THAT(report_of_stall(world, take),
+                HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));
+    world.run([&] { spin_unlock_irqrestore(&lock, 1); });
+    world.sim->join(other);
 }
 
 TEST(exceptions, of_two_tasks_in_their_handlers_are_not_mixed_up)
 {
-    one_machine at;
-    std::vector<int> rethrown;
+    one_machine world;
+    std::vector<int> numbers;
     for (const int number : {1, 2, 3}) {
-        at.at(0, "catcher", [&, number] {
+        world.at(0, "catcher", [&, number] {
             try {
                 try {
                     throw number;
                 } catch (int) {
                     schedule_timeout_uninterruptible(static_cast<unsigned long>(number));
-                    throw; // the one this task caught
+                    throw; // the exception that this task has caught
                 }
-            } catch (int caught) {
-                EXPECT_EQ(caught, number);
-                rethrown.push_back(caught);
+            } catch (int exception) {
+                EXPECT_EQ(exception, number);
+                numbers.push_back(exception);
             }
         });
     }
-    at.finish();
-    EXPECT_THAT(rethrown, ElementsAre(1, 2, 3));
+    world.finish();
+    EXPECT_THAT(numbers, ElementsAre(1, 2, 3));
 }
 
 TEST(misuse, dies_with_a_clear_line)
 {
-    one_machine at;
+    one_machine world;
     semaphore sem;
     sema_init(&sem, 1);
     EXPECT_DEATH(down(&sem), "down is called outside of any task");
     EXPECT_DEATH(printk("x"), "printk is called outside of any task");
-    EXPECT_DEATH(at.sim->enter(nullptr, "world", [] { printk("x"); }), "printk is called outside of any machine");
-    EXPECT_DEATH(std::thread([&] { at.run([] {}); }).join(), "a simulation is for one thread");
+    EXPECT_DEATH(world.sim->enter(nullptr, "world", [] { printk("x"); }), "printk is called outside of any machine");
+    EXPECT_DEATH(std::thread([&] { world.run([] {}); }).join(), "a simulation is for one thread");
 }
 
 } // namespace

@@ -14,7 +14,7 @@ namespace
 
 TEST(semaphores, a_latecomer_does_not_overtake_those_who_wait)
 {
-    one_machine at;
+    one_machine world;
     semaphore sem;
     sema_init(&sem, 1);
     std::vector<std::string> order;
@@ -28,10 +28,10 @@ TEST(semaphores, a_latecomer_does_not_overtake_those_who_wait)
             up(&sem);
         };
     };
-    at.at(1, "first", take("first", false));
-    at.at(2, "second", take("second", true));
-    at.at(3, "third", take("third", false));
-    at.run([&] {
+    world.at(1, "first", take("first", false));
+    world.at(2, "second", take("second", true));
+    world.at(3, "third", take("third", false));
+    world.run([&] {
         down(&sem);
         schedule_timeout_uninterruptible(10);
         up(&sem);
@@ -44,66 +44,70 @@ TEST(semaphores, a_latecomer_does_not_overtake_those_who_wait)
 
 TEST(semaphores, a_signal_ends_a_wait_but_does_not_refuse_a_free_unit)
 {
-    one_machine at;
+    one_machine world;
     semaphore sem;
     sema_init(&sem, 1);
-    at.run([&] {
+    world.run([&] {
         exec::send_signal(*exec::current_task());
         EXPECT_EQ(down_interruptible(&sem), 0) << "a unit was free";
         EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS) << "it would have had to wait";
         EXPECT_EQ(get_jiffies(), 0u);
     });
-    exec::task& deaf = at.at(0, "deaf", [&] {
+    exec::task& deaf = world.at(0, "deaf", [&] {
         exec::send_signal(*exec::current_task());
         down(&sem);
         EXPECT_EQ(get_jiffies(), 9u);
     });
-    exec::task& sleeper = at.at(0, "sleeper", [&] {
+    exec::task& sleeper = world.at(0, "sleeper", [&] {
         EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS);
         EXPECT_EQ(get_jiffies(), 5u);
         exec::clear_signal(*exec::current_task());
         EXPECT_FALSE(signal_pending());
     });
-    at.at(5, "sender", [&] {
+    world.at(5, "sender", [&] {
         exec::send_signal(sleeper);
         exec::send_signal(deaf);
     });
-    at.at(9, "giver", [&] { up(&sem); });
-    at.finish();
+    world.at(9, "giver", [&] { up(&sem); });
+    world.finish();
     EXPECT_EQ(sem.count, 0);
 }
 
 TEST(semaphores, a_unit_handed_to_a_signalled_task_is_never_lost)
 {
-    bool taken = false;
-    bool interrupted = false;
+    bool has_been_taken = false;
+    bool has_been_interrupted = false;
     for (uint64_t seed = 1; seed <= 100; ++seed) {
-        one_machine at({.seed = seed, .explore_switches = true});
+        one_machine world({.seed = seed, .explore_switches = true});
         semaphore sem;
         sema_init(&sem, 0);
-        exec::task& waiter = at.at(0, "waiter", [&] {
+        exec::task& waiter = world.at(0, "waiter", [&] {
             const bool has_unit = down_interruptible(&sem) == 0;
-            (has_unit ? taken : interrupted) = true;
-            if (has_unit) up(&sem);
+            if (has_unit) {
+                has_been_taken = true;
+                up(&sem);
+            } else {
+                has_been_interrupted = true;
+            }
         });
-        at.at(3, "sender", [&] { exec::send_signal(waiter); });
-        at.at(3, "giver", [&] { up(&sem); });
-        at.finish();
+        world.at(3, "sender", [&] { exec::send_signal(waiter); });
+        world.at(3, "giver", [&] { up(&sem); });
+        world.finish();
         EXPECT_EQ(sem.count, 1) << "with seed " << seed;
     }
-    EXPECT_TRUE(taken);
-    EXPECT_TRUE(interrupted);
+    EXPECT_TRUE(has_been_taken);
+    EXPECT_TRUE(has_been_interrupted);
 }
 
 TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_tick_longer)
 {
     struct {
-        const char* what;
-        uint64_t wake_at, true_at, signal_at, timeout, expected_end;
+        const char* name;
+        uint64_t wake_tick, true_tick, signal_tick, timeout, end_tick;
     } const cases[] = {
         {"woken with the condition", 115, 115, 0, 20, 115},
-        {"woken in vain goes back to sleep for the rest", 105, 0, 0, 20, 120},
-        {"woken in vain, then with the condition", 105, 110, 0, 20, 110},
+        {"woken without the condition sleeps on for the rest", 105, 0, 0, 20, 120},
+        {"woken without the condition, then with it", 105, 110, 0, 20, 110},
         {"nobody comes", 0, 0, 0, 20, 120},
         {"a signal", 0, 0, 107, 20, 107},
         {"a signal that was pending", 0, 0, 100, 20, 100},
@@ -111,54 +115,54 @@ TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_ti
         {"no time at all", 0, 0, 0, 0, 100},
     };
     for (const auto& each : cases) {
-        SCOPED_TRACE(each.what);
-        one_machine at({.start_tick = 100});
+        SCOPED_TRACE(each.name);
+        one_machine world({.start_tick = 100});
         wait_queue_head_t queue;
         init_waitqueue_head(&queue);
         bool condition = false;
-        for (const uint64_t tick : {each.wake_at, each.true_at}) {
+        for (const uint64_t tick : {each.wake_tick, each.true_tick}) {
             if (tick == 0) continue;
-            at.at(tick, "waker", [&, tick] {
-                condition = tick == each.true_at;
+            world.at(tick, "waker", [&, tick] {
+                condition = tick == each.true_tick;
                 wake_up_interruptible(&queue);
             });
         }
-        exec::task& sleeper = at.at(100, "sleeper", [&] {
+        exec::task& sleeper = world.at(100, "sleeper", [&] {
             wait_event_interruptible_timeout(
                 &queue, [&] { return condition; }, each.timeout);
-            EXPECT_EQ(get_jiffies(), each.expected_end);
+            EXPECT_EQ(get_jiffies(), each.end_tick);
             EXPECT_TRUE(list_empty(&queue.sleepers));
         });
-        if (each.signal_at == 100) exec::send_signal(sleeper);
-        if (each.signal_at > 100) at.at(each.signal_at, "sender", [&] { exec::send_signal(sleeper); });
-        at.finish();
+        if (each.signal_tick == 100) exec::send_signal(sleeper);
+        if (each.signal_tick > 100) world.at(each.signal_tick, "sender", [&] { exec::send_signal(sleeper); });
+        world.finish();
     }
 }
 
-TEST(sleeps, only_the_interruptible_ends_early_and_tells_what_is_left)
+TEST(sleeps, only_the_interruptible_ends_early_and_returns_the_rest)
 {
-    one_machine at;
+    one_machine world;
     unsigned long interruptible_left = 0;
-    exec::task& light = at.at(0, "light", [&] { interruptible_left = schedule_timeout_interruptible(20); });
-    exec::task& deep = at.at(0, "deep", [&] {
+    exec::task& light = world.at(0, "light", [&] { interruptible_left = schedule_timeout_interruptible(20); });
+    exec::task& deep = world.at(0, "deep", [&] {
         EXPECT_EQ(schedule_timeout_uninterruptible(20), 0u);
         EXPECT_EQ(get_jiffies(), 20u);
         EXPECT_EQ(schedule_timeout_interruptible(20), 20u) << "the signal is still pending";
     });
-    at.at(8, "disturber", [&] {
+    world.at(8, "disturber", [&] {
         for (exec::task* each : {&light, &deep}) {
             exec::send_signal(*each);
-            at.sim->wake(*each);
+            world.sim->wake(*each);
         }
     });
-    at.finish();
+    world.finish();
     EXPECT_EQ(interruptible_left, 12u);
 }
 
-// A condition that sleeps itself, as one that takes a lock does, uses up the wake-up.
+// A condition that sleeps, for example because it takes a semaphore, uses up the wake-up.
 TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
 {
-    one_machine at;
+    one_machine world;
     wait_queue_head_t outer, inner;
     semaphore sem;
     init_waitqueue_head(&outer);
@@ -175,26 +179,28 @@ TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
     uint64_t begin = 0;
     for (const auto& wait : waits) {
         bool is_done = false;
-        at.at(begin, "sleeper", [&] {
+        world.at(begin, "sleeper", [&] {
             wait_queue_t sleeper;
             prepare_to_wait(&outer, &sleeper);
-            for (bool seen = false; !seen; schedule_timeout_uninterruptible(seen ? 0 : 1000)) {
-                seen = is_done;
+            while (true) {
+                const bool was_done = is_done;
                 wait();
+                if (was_done) break;
+                schedule_timeout_uninterruptible(1000);
             }
             finish_wait(&outer, &sleeper);
             EXPECT_EQ(get_jiffies(), begin + 20);
         });
-        at.at(begin + 5, "waker", [&] {
+        world.at(begin + 5, "waker", [&] {
             is_done = true;
             wake_up_interruptible(&outer);
         });
-        for (const uint64_t later : {10, 20}) at.at(begin + later, "releaser", [&] { up(&sem); });
-        at.finish();
+        for (const uint64_t later : {10, 20}) world.at(begin + later, "releaser", [&] { up(&sem); });
+        world.finish();
         sema_init(&sem, 0);
-        begin = at.sim->now();
+        begin = world.sim->now();
     }
-    EXPECT_DEATH(at.run([&] {
+    EXPECT_DEATH(world.run([&] {
         wait_queue_t first, second;
         prepare_to_wait(&outer, &first);
         prepare_to_wait(&inner, &second);
@@ -205,17 +211,17 @@ TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
 
 TEST(spin_locks, a_release_without_a_lock_dies)
 {
-    one_machine at;
+    one_machine world;
     spinlock_t lock;
     spin_lock_init(&lock);
-    EXPECT_DEATH(at.run([&] { spin_unlock_irqrestore(&lock, 0); }), "the lock is not held");
+    EXPECT_DEATH(world.run([&] { spin_unlock_irqrestore(&lock, 0); }), "the lock is not held");
 }
 
 TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
 {
-    one_machine at;
+    one_machine world;
     semaphore sem;
-    sema_init(&sem, 1); // the call could go through this time, and is a fault none the less
+    sema_init(&sem, 1); // the call would not have to sleep this time, but is still a fault
     spinlock_t lock;
     spin_lock_init(&lock);
     char byte = 0;
@@ -227,8 +233,8 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
         {"kmalloc", [] { kmalloc(1, GFP_KERNEL); }},
         {"copy_from_user", [&] { copy_from_user(&byte, &byte, 1); }},
         {"remove_proc_entry", [] { remove_proc_entry("none"); }},
-        {"mail", [&] { at.sim->park(5, "mail", "box"); }},
-        {"insmod", [&] { at.host.modules.insmod("none.so"); }},
+        {"mail", [&] { world.sim->park(5, "mail", "box"); }},
+        {"insmod", [&] { world.host.modules.insmod("none.so"); }},
     };
     for (const auto& each : calls) {
         const auto& call = each.second;
@@ -240,11 +246,11 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
             spin_lock_irqsave(&lock);
             call();
         };
-        const std::string who = "node1, in test: " + std::string(each.first) + " may sleep, and is called ";
-        EXPECT_DEATH(at.run(in_completion), who + "in a send completion, which may not");
-        EXPECT_DEATH(at.run(under_lock), who + "with a spin lock held");
+        const std::string start = "node1, in test: " + std::string(each.first) + " may sleep, and is called ";
+        EXPECT_DEATH(world.run(in_completion), start + "in a send completion, which may not");
+        EXPECT_DEATH(world.run(under_lock), start + "with a spin lock held");
     }
-    at.run([&] { // and these may be called there
+    world.run([&] { // these calls are allowed there
         const exec::atomic_section completion("a send completion");
         up(&sem);
         kfree(kmalloc(1, GFP_ATOMIC));

@@ -1,4 +1,4 @@
-// The same kernel on real threads: what a thread sanitizer looks at. Nothing here waits for time to pass.
+// The kernel on real threads, mainly for the thread sanitizer. No test waits for time to pass.
 #include <gtest/gtest.h>
 
 #include "host/kernel/machine.h"
@@ -23,19 +23,19 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
     sema_init(&sem, 1);
     spinlock_t lock;
     spin_lock_init(&lock);
-    int under_semaphore = 0, under_lock = 0; // plain: the sanitizer says whether the locks hold
-    std::atomic<int> expected = 0;
+    int semaphore_count = 0, lock_count = 0; // not atomic, so that the sanitizer finds a lock that does not exclude
+    std::atomic<int> unit_count = 0;
     const auto work = [&] {
         for (int i = 0; i < rounds; ++i) {
             const unsigned long flags = spin_lock_irqsave(&lock);
-            ++under_lock;
+            ++lock_count;
             spin_unlock_irqrestore(&lock, flags);
             if (down_interruptible(&sem) != 0) {
                 exec::clear_signal(*exec::current_task());
                 continue;
             }
-            ++under_semaphore;
-            ++expected;
+            ++semaphore_count;
+            ++unit_count;
             kfree(kmalloc(16, GFP_KERNEL));
             printk("<6>round %d\n", i);
             up(&sem);
@@ -51,11 +51,11 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
         }
     });
     for (exec::task* each : {&first, &second, &third}) exec->join(*each);
-    EXPECT_EQ(under_semaphore, expected);
-    EXPECT_EQ(under_lock, 3 * rounds);
+    EXPECT_EQ(semaphore_count, unit_count);
+    EXPECT_EQ(lock_count, 3 * rounds);
     EXPECT_EQ(sem.count, 1);
     EXPECT_EQ(host.memory.blocks(), 0u);
-    EXPECT_EQ(host.log.lines().size(), static_cast<size_t>(expected));
+    EXPECT_EQ(host.log.lines().size(), static_cast<size_t>(unit_count));
 }
 
 TEST_F(threads, a_task_that_throws_dies)

@@ -1,4 +1,4 @@
-// A module for tests of the loader and of the /proc tree: it does what its parameters say.
+// A module for tests of the loader and of the /proc tree. Its parameters say how it behaves.
 #include <cstdio>
 #include <cstring>
 
@@ -20,7 +20,7 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // how long start-up takes
 int32_t leak_bytes = 0;
-int32_t forget = 0; // what it leaves behind: 1 its published name, 2 all that it holds of the stack
+int32_t forget = 0; // it leaves behind: 1 its published name, 2 all that it holds of the stack
 std::atomic<int32_t> logger_level{-1};
 
 const module_parameter_t parameters[] = {
@@ -47,7 +47,7 @@ int probe_read(char* page, char** start, off_t off, int count, int* eof, void*)
     return off >= length ? 0 : (length - off < count ? static_cast<int>(length - off) : count);
 }
 
-// Takes its time, and tells when it is done.
+// Takes 50 ticks, and logs a line when it is done.
 int probe_write(struct file*, const char* user_buffer, unsigned long count, void*)
 {
     char buffer[16] = {};
@@ -64,7 +64,7 @@ void stop()
     printk("<6>probe stopped\n");
 }
 
-// Takes one of each kind.
+// Takes a timer, an HCA, an event subscription, a GSI class, a datagram pool and a registry subscription.
 void use_stack()
 {
     static timing_t timer;
@@ -77,10 +77,10 @@ void use_stack()
     const kq_request_event_record_t events{kq_async_even_all, nullptr};
     gsi_class_handle_t handle;
     gsi_dtgrm_pool_handle_t pool;
-    const auto completed = [](gsi_class_handle_t, void*, gsi_dtgrm_t*) {};
+    const auto completion = [](gsi_class_handle_t, void*, gsi_dtgrm_t*) {};
     if (kq_list_hcas(&name, 1) == 1 && kq_hca_open(&name, 0, &hca) == kq_return_ok &&
         kq_set_sleepable_async_event_cb(hca, &events, [](kq_event_record_st) {}) == kq_return_ok &&
-        gsi_register_class(3, 2, &name, 1, 0, 0, completed, completed, nullptr, &handle) == 0)
+        gsi_register_class(3, 2, &name, 1, 0, 0, completion, completion, nullptr, &handle) == 0)
         gsi_dtgrm_pool_create_named(1, &pool, "probe");
     rep_key_t key;
     rep_notifier_t notifier;
