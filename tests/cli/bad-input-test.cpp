@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
 
 #include "cli/socket/socket.h"
 #include "host/exec/sanitizers.h"
@@ -159,7 +161,7 @@ TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizers need more than that themselves";
 #endif
-    const std::pair<process_limit, const char*> cases[] = {
+    const std::pair<fabric_tools::process_limit, const char*> cases[] = {
         {{RLIMIT_AS, rlim_t{300} << 20}, " does not start: the address space is used up (the limit is 300 MiB): raise"},
         {{RLIMIT_NOFILE, 30}, " does not start: no more files can be opened (the limit is 30): raise"},
     };

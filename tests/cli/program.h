@@ -1,4 +1,4 @@
-// The program as its users meet it: started with arguments, watched through its output, files and exit code.
+// Runs the program as its users do: starts it with arguments, and reads its output, files and exit code.
 #pragma once
 
 #include <chrono>
@@ -9,15 +9,14 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include "tools/fabric/process.h"
 
 using nlohmann::json;
 
@@ -58,71 +57,44 @@ inline void write_file(const std::string& path, const std::string& text)
     std::ofstream(path) << text;
 }
 
-// Waits for what other processes bring about; false when a minute was not enough.
+// Waits until `holds` returns true, by the work of other processes. False: a minute was not enough.
 inline bool eventually(const std::function<bool()>& holds)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return fabric_tools::wait_until(holds, std::chrono::minutes(1));
 }
 
-// A limit of a process: RLIMIT_AS say, and its value.
-struct process_limit {
-    __rlimit_resource_t resource;
-    rlim_t value;
-};
-
-// A process that runs `ats` with these arguments, its output going into two files.
+// A process that runs `ats` with these arguments. Its output goes to two files.
 class ats_process
 {
   public:
     ats_process(std::vector<std::string> arguments, const std::string& out, const std::string& err,
-                const std::optional<process_limit>& limit = {})
+                const std::optional<fabric_tools::process_limit>& limit = {})
+        : process_({.arguments = with_program(std::move(arguments)), .output = out, .errors = err, .limit = limit})
     {
-        arguments.insert(arguments.begin(), ATS_PROGRAM);
-        std::vector<char*> pointers;
-        for (std::string& argument : arguments) pointers.push_back(argument.data());
-        pointers.push_back(nullptr);
-        pid_ = fork();
-        if (pid_ != 0) return;
-        signal(SIGINT, SIG_DFL); // a test in the background of a shell is told to ignore it
-        if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr)) _exit(126);
-        if (limit) {
-            const rlimit both{limit->value, limit->value};
-            if (setrlimit(limit->resource, &both) != 0) _exit(126);
-        }
-        execv(pointers[0], pointers.data());
-        _exit(127);
     }
-    ~ats_process()
-    {
-        if (pid_ > 0) kill(pid_, SIGKILL);
-        if (pid_ > 0) waitpid(pid_, nullptr, 0);
-    }
-    ats_process(const ats_process&) = delete;
-    ats_process& operator=(const ats_process&) = delete;
 
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return process_.pid(); }
 
-    // Its exit code, or the negative number of the signal that killed it. Waits.
+    // Waits for the end. Returns the exit code, or the negative number of the signal that killed it.
     int wait()
     {
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = 0;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+        constexpr std::chrono::hours no_limit(1);
+        return process_.wait_end(no_limit).value();
     }
     int stop(int signal = SIGTERM)
     {
-        kill(pid_, signal);
+        process_.signal(signal);
         return wait();
     }
 
   private:
-    pid_t pid_ = 0;
+    static std::vector<std::string> with_program(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), ATS_PROGRAM);
+        return arguments;
+    }
+
+    fabric_tools::process process_;
 };
 
 struct program_result {

@@ -1,5 +1,6 @@
 // A day in the life of `ats run`: every client and the mounted files, in one scenario, until it is told to stop.
 #include <fcntl.h>
+#include <sys/wait.h>
 
 #include "cli/client/show.h"
 #include "cli/mount/proc-mount.h"

@@ -12,7 +12,6 @@
 #include <system_error>
 #include <thread>
 #include <unistd.h>
-#include <utility>
 
 namespace fabric_tools
 {
@@ -23,7 +22,7 @@ namespace
 constexpr duration look_again = 2ms;
 
 volatile sig_atomic_t was_interrupted = 0;
-bool is_ending = false; // the wait was interrupted; destructors are at work and are let alone
+bool is_ending = false; // `interrupted` was thrown; destructors end the processes and may wait meanwhile
 
 std::vector<char*> pointers_to(const std::vector<std::string>& texts)
 {
@@ -33,30 +32,43 @@ std::vector<char*> pointers_to(const std::vector<std::string>& texts)
     return pointers;
 }
 
-// Of several values of a name the first counts.
-std::vector<std::string> whole_environment(const std::vector<std::string>& added)
+// The parent's environment with these variables added. The first value of a name counts.
+std::vector<std::string> whole_environment(const std::vector<std::string>& additions)
 {
     std::vector<std::string> all;
     const auto add = [&all](const std::string& variable) {
         const std::string name = variable.substr(0, variable.find('=') + 1);
-        if (std::ranges::none_of(all, [&](const std::string& known) { return known.starts_with(name); }))
+        if (std::ranges::none_of(all, [&](const std::string& other) { return other.starts_with(name); }))
             all.push_back(variable);
     };
-    std::ranges::for_each(added, add);
+    std::ranges::for_each(additions, add);
     for (char** each = environ; *each; ++each) add(*each);
     return all;
 }
 
-// In the child: runs the command, or ends as a shell would. Only calls that are safe after a fork.
-[[noreturn]] void become(const command& started, char* const* arguments, char* const* environment, pid_t parent,
+int open_output(const std::string& path)
+{
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+}
+
+bool set_limit(const process_limit& limit)
+{
+    const rlimit values{limit.value, limit.value};
+    return setrlimit(limit.resource, &values) == 0;
+}
+
+// In the child: runs the command, or ends as a shell would. Makes only calls that are safe after a fork.
+[[noreturn]] void become(const command& command, char* const* arguments, char* const* environment, pid_t parent,
                          int input)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
-    const int output = ::open(started.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
-    const bool is_ready = getppid() == parent && output >= 0 && dup2(input, 0) == 0 && dup2(output, 1) == 1 &&
-                          dup2(output, 2) == 2 && chdir(started.directory.c_str()) == 0;
-    if (is_ready) execvpe(arguments[0], arguments, environment);
+    signal(SIGINT, SIG_DFL); // a shell lets its background processes ignore it
+    const int output = open_output(command.output);
+    const int errors = command.errors.empty() ? output : open_output(command.errors);
+    const bool is_ready = getppid() == parent && output >= 0 && errors >= 0 && dup2(input, 0) == 0 &&
+                          dup2(output, 1) == 1 && dup2(errors, 2) == 2 && chdir(command.directory.c_str()) == 0;
+    if (is_ready && (!command.limit || set_limit(*command.limit))) execvpe(arguments[0], arguments, environment);
     _exit(127);
 }
 
@@ -71,23 +83,26 @@ bool wait_until(const std::function<bool()>& holds, duration longest)
 {
     const auto deadline = std::chrono::steady_clock::now() + longest;
     while (!holds()) {
-        if (was_interrupted && !std::exchange(is_ending, true)) throw interrupted();
+        if (was_interrupted && !is_ending) {
+            is_ending = true;
+            throw interrupted();
+        }
         if (std::chrono::steady_clock::now() >= deadline) return holds();
         std::this_thread::sleep_for(look_again);
     }
     return true;
 }
 
-process::process(const command& started) : folder_(started.directory), output_path_(started.output)
+process::process(const command& command) : folder_(command.directory), output_path_(command.output)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-    const std::vector<std::string> environment = whole_environment(started.environment);
-    const std::vector<char*> arguments = pointers_to(started.arguments), variables = pointers_to(environment);
-    std::ofstream(output_path_, std::ios::trunc).close(); // there is something to read from the first moment
+    const std::vector<std::string> environment = whole_environment(command.environment);
+    const std::vector<char*> arguments = pointers_to(command.arguments), variables = pointers_to(environment);
+    std::ofstream(output_path_, std::ios::trunc).close(); // output() can read the file from now on
     const pid_t parent = getpid();
     pid_ = fork();
-    if (pid_ == 0) become(started, arguments.data(), variables.data(), parent, ends[0]);
+    if (pid_ == 0) become(command, arguments.data(), variables.data(), parent, ends[0]);
     const int reason = errno;
     ::close(ends[0]);
     stdin_ = ends[1];
@@ -109,15 +124,15 @@ process::~process()
 void process::write_line(const std::string& line)
 {
     const std::string text = line + "\n";
-    struct sigaction ignore = {}, before = {};
+    struct sigaction ignore = {}, previous = {};
     ignore.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &ignore, &before);
+    sigaction(SIGPIPE, &ignore, &previous);
     for (size_t written = 0; written < text.size();) {
         const ssize_t count = ::write(stdin_, text.data() + written, text.size() - written);
         if (count < 0 && errno != EINTR) break;
         if (count > 0) written += static_cast<size_t>(count);
     }
-    sigaction(SIGPIPE, &before, nullptr);
+    sigaction(SIGPIPE, &previous, nullptr);
 }
 
 std::string process::output() const
@@ -129,21 +144,22 @@ std::string process::output() const
 
 std::optional<std::string> process::wait_line(const std::string& text, duration longest)
 {
-    std::optional<std::string> found;
+    std::optional<std::string> match;
     const auto look = [&] {
-        const bool was_over = has_ended(); // before reading: what it wrote last is still seen
+        const bool was_over = has_ended(); // asked before reading, so that the last output is read
         const std::string all = output();
-        for (size_t end; (end = all.find('\n', read_)) != std::string::npos;) {
-            const std::string line = all.substr(read_, end - read_);
-            read_ = end + 1;
+        while (true) {
+            const size_t end = all.find('\n', searched_);
+            if (end == std::string::npos) return was_over;
+            const std::string line = all.substr(searched_, end - searched_);
+            searched_ = end + 1;
             if (line.find(text) == std::string::npos) continue;
-            found = line;
+            match = line;
             return true;
         }
-        return was_over;
     };
     wait_until(look, longest);
-    return found;
+    return match;
 }
 
 std::optional<int> process::wait_end(duration longest)
@@ -151,17 +167,17 @@ std::optional<int> process::wait_end(duration longest)
     wait_until(
         [this] {
             int status;
-            if (!ended_ && waitpid(pid_, &status, WNOHANG) == pid_)
-                ended_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-            return ended_.has_value();
+            if (!exit_code_ && waitpid(pid_, &status, WNOHANG) == pid_)
+                exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+            return exit_code_.has_value();
         },
         longest);
-    return ended_;
+    return exit_code_;
 }
 
 void process::signal(int number) const
 {
-    if (!ended_) kill(pid_, number);
+    if (!exit_code_) kill(pid_, number);
 }
 
 std::optional<int> process::stop(duration longest)
@@ -171,7 +187,7 @@ std::optional<int> process::stop(duration longest)
         signal(SIGKILL);
         wait_end();
     }
-    return ended_;
+    return exit_code_;
 }
 
 } // namespace fabric_tools
