@@ -1,7 +1,7 @@
-// The yardstick for lookups on a real fabric: nothing but libibumad and the SA, one thread, a window of requests in
-// flight, every answer at once replaced by a new request.
+// The yardstick for lookups on a real fabric: libibumad and the SA alone, in one thread. A window of requests is in
+// flight; each answer is followed by a new request at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW]]
-// Looks the ATS record of ADDRESS up LOOKUPS times and prints the lookups per second.
+// Looks up the record of ADDRESS, LOOKUPS times, and prints the lookups per second.
 #include <arpa/inet.h>
 
 #include <chrono>
@@ -17,16 +17,16 @@
 namespace
 {
 
-constexpr int patience_ms = 500; // then what is in flight counts as lost and is sent again
+constexpr int patience_ms = 500; // then the requests in flight count as lost and are sent again
 
 struct umad_buffer {
     ib_user_mad_t header;
     sa_mad_v2_t mad;
 };
 
-[[noreturn]] void fail(const char* what)
+[[noreturn]] void fail(const char* reason)
 {
-    std::fprintf(stderr, "bare-lookups: %s\n", what);
+    std::fprintf(stderr, "bare-lookups: %s\n", reason);
     std::exit(2);
 }
 
@@ -35,11 +35,9 @@ void prepare(umad_buffer& request, const umad_port_t& port, const char* address)
     std::memset(&request, 0, sizeof request);
     umad_set_addr(&request, static_cast<int>(port.sm_lid), 1, static_cast<int>(port.sm_sl),
                   static_cast<int>(0x80010000));
-    ib_service_record_v2_t record{};
-    record.service_id = to_wire(records::service_id);
-    std::strcpy(record.service_name, records::service_name);
-    if (inet_pton(AF_INET, address, record.service_data8 + records::address_offset) != 1)
-        fail("expected an IPv4 address");
+    records::host_record host;
+    if (inet_pton(AF_INET, address, &host.address) != 1) fail("expected an IPv4 address");
+    const ib_service_record_v2_t record = records::encode(host);
     sa_mad_v2_t& mad = request.mad;
     mad.hdr.base_ver = MAD_BASE_VERSION;
     mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
@@ -50,21 +48,21 @@ void prepare(umad_buffer& request, const umad_port_t& port, const char* address)
     std::memcpy(mad.payload, &record, sizeof record);
 }
 
-struct lookups {
+struct lookup_loop {
     int port = -1, agent = -1;
     umad_buffer request;
-    uint32_t sent = 0;
+    uint32_t sent_count = 0;
     std::vector<uint32_t> in_flight; // transactions; 0: the slot is free
-    long found = 0, refused = 0, lost = 0;
+    long found_count = 0, refused_count = 0, lost_count = 0;
 
     void send(uint32_t& slot)
     {
-        slot = ++sent;
+        slot = ++sent_count;
         request.mad.hdr.transact_id = to_wire(uint64_t{slot});
         if (umad_send(port, agent, &request, MAD_SIZE, patience_ms, 0) < 0) fail("a request was not sent");
     }
 
-    // Returns false when nothing came.
+    // False: no answer came in time.
     bool receive(umad_buffer& answer)
     {
         int length = MAD_SIZE;
@@ -74,22 +72,22 @@ struct lookups {
     void count(const umad_buffer& answer)
     {
         if (umad_status(const_cast<umad_buffer*>(&answer)) != 0)
-            ++lost;
+            ++lost_count;
         else if (from_wire(answer.mad.hdr.u.ns.status.raw16) != 0)
-            ++refused;
+            ++refused_count;
         else
-            ++found;
+            ++found_count;
     }
 
-    // Runs until `wanted` are answered and nothing is in flight any more: a process that ends under ibsim while
-    // answers still come in hangs.
-    void run(long wanted)
+    // Runs until `lookups` are answered and nothing is in flight: under ibsim a process hangs if it ends while answers
+    // are on their way to it.
+    void run(long lookups)
     {
         for (uint32_t& slot : in_flight) send(slot);
         umad_buffer answer;
         for (size_t busy = in_flight.size(); busy > 0;) {
             if (!receive(answer)) {
-                lost += static_cast<long>(busy);
+                lost_count += static_cast<long>(busy);
                 for (uint32_t& slot : in_flight)
                     if (slot != 0) send(slot);
                 continue;
@@ -98,7 +96,7 @@ struct lookups {
             for (uint32_t& slot : in_flight) {
                 if (slot != transaction) continue;
                 count(answer);
-                if (found + refused + static_cast<long>(busy) <= wanted) {
+                if (found_count + refused_count + static_cast<long>(busy) <= lookups) {
                     send(slot);
                 } else {
                     slot = 0;
@@ -115,24 +113,25 @@ struct lookups {
 int main(int count, char** arguments)
 {
     if (count < 2) fail("expected ADDRESS [LOOKUPS [WINDOW]]");
-    const long wanted = count > 2 ? std::atol(arguments[2]) : 100000;
+    const long lookups = count > 2 ? std::atol(arguments[2]) : 100000;
     const long window = count > 3 ? std::atol(arguments[3]) : 16;
-    if (wanted < 1 || window < 1 || window > 1024) fail("expected at least 1 lookup, and a window of 1 to 1024");
+    if (lookups < 1 || window < 1 || window > 1024) fail("expected at least 1 lookup, and a window of 1 to 1024");
 
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
-    umad_release_port(&port); // only its P_Keys go
-    lookups made;
-    made.port = umad_open_port(port.ca_name, port.portnum);
-    if (made.port < 0 || umad_size() != sizeof(ib_user_mad_t)) fail("cannot open the port");
-    made.agent = umad_register(made.port, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
-    if (made.agent < 0) fail("cannot register the SA class");
-    prepare(made.request, port, arguments[1]);
-    made.in_flight.resize(static_cast<size_t>(window));
+    umad_release_port(&port); // frees its P_Keys only; the other fields stay
+    lookup_loop loop;
+    loop.port = umad_open_port(port.ca_name, port.portnum);
+    if (loop.port < 0 || umad_size() != sizeof(ib_user_mad_t)) fail("cannot open the port");
+    loop.agent = umad_register(loop.port, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
+    if (loop.agent < 0) fail("cannot register the SA class");
+    prepare(loop.request, port, arguments[1]);
+    loop.in_flight.resize(static_cast<size_t>(window));
 
     const auto begin = std::chrono::steady_clock::now();
-    made.run(wanted);
+    loop.run(lookups);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     std::printf("%.0f lookups/s (%ld found nothing, %ld lost)\n",
-                static_cast<double>(made.found + made.refused) / took.count(), made.refused, made.lost);
+                static_cast<double>(loop.found_count + loop.refused_count) / took.count(), loop.refused_count,
+                loop.lost_count);
 }

@@ -1,5 +1,5 @@
-// The figures of a real fabric, all on one simulated one under one OpenSM: lookups of a whole host against a bare
-// libibumad loop and against saquery, and how long records take to stand.
+// The figures of a real fabric, all on one simulated fabric under one OpenSM: lookups of a whole host against a bare
+// libibumad loop and against saquery, and the time until records are registered.
 //   fabric-bench [LOOKUPS]
 #include <algorithm>
 #include <cstdio>
@@ -14,7 +14,7 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int window = 16;
-constexpr int rounds = 9; // of each figure the median counts
+constexpr int rounds = 9; // each figure is the median of so many
 constexpr int hosts = most_programs - 3;
 constexpr int first_target = 101; // 10.0.0.101 onwards are the addresses that are looked up
 const std::string asker = "asker", sm_node = "sm";
@@ -35,9 +35,9 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-[[noreturn]] void fail(const std::string& why)
+[[noreturn]] void fail(const std::string& reason)
 {
-    throw std::runtime_error(why);
+    throw std::runtime_error(reason);
 }
 
 std::vector<std::string> node_list()
@@ -67,13 +67,13 @@ class bench
         if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
     }
 
-    // Another client of the SA registers what is looked up, under the GIDs of nodes where nothing runs.
+    // Another client of the SA registers the records to look up, under the GIDs of nodes where no program runs.
     void set_targets()
     {
         for (int i = 0; i < window; ++i) {
             const std::string node = "target" + std::to_string(i);
             const std::string guid = net_.run(node, {"ibstat", "-p"}); // "0x", 16 digits and a line end
-            if (guid.size() != 19) fail("ibstat tells no port GUID of " + node + ": " + guid);
+            if (guid.size() != 19) fail("ibstat shows no port GUID of " + node + ": " + guid);
             const std::string gid = "0xFE80000000000000" + guid.substr(2, 16);
             if (net_.run(asker, {SET_RECORD, gid, "0xFFFF", target_address(i), node}) != "0x0000\n")
                 fail("no record of " + node + " with " + gid);
@@ -82,67 +82,67 @@ class bench
 
     double rate(const std::vector<std::string>& command)
     {
-        const std::string said = net_.run(asker, command);
-        if (said.find("lookups/s") == std::string::npos) fail(command.front() + ": " + said);
-        return std::atof(said.c_str() + said.rfind('\n', said.find("lookups/s")) + 1);
+        const std::string output = net_.run(asker, command);
+        if (output.find("lookups/s") == std::string::npos) fail(command.front() + ": " + output);
+        return std::atof(output.c_str() + output.rfind('\n', output.find("lookups/s")) + 1);
     }
 
     void measure_lookups()
     {
         std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};
         for (int i = 0; i < window; ++i) ats.push_back(target_address(i));
-        std::vector<double> of_ats, of_bare, of_saquery, shares;
-        for (int i = 0; i < rounds; ++i) { // in turns, so that what else the machine does befalls both
-            of_bare.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
-            of_ats.push_back(rate(ats));
-            shares.push_back(of_ats.back() / of_bare.back());
+        std::vector<double> ats_rates, bare_rates, shares;
+        for (int i = 0; i < rounds; ++i) { // in turns, so that other load on the machine slows both
+            bare_rates.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
+            ats_rates.push_back(rate(ats));
+            shares.push_back(ats_rates.back() / bare_rates.back());
         }
         constexpr int queries = 20;
         const auto begin = clock::now();
         for (int i = 0; i < queries; ++i) net_.run(asker, {"saquery", "SR"});
-        of_saquery.push_back(queries / milliseconds_since(begin) * 1000);
+        const double saquery_rate = queries / milliseconds_since(begin) * 1000;
 
-        std::printf("lookups, %d in flight      %9.0f /s   ats\n", window, median(of_ats));
+        std::printf("lookups, %d in flight      %9.0f /s   ats\n", window, median(ats_rates));
         std::printf(
             "                          %9.0f /s   a bare libibumad loop: ats reaches %.2f of it (%.2f to %.2f)\n",
-            median(of_bare), median(shares), std::ranges::min(shares), std::ranges::max(shares));
+            median(bare_rates), median(shares), std::ranges::min(shares), std::ranges::max(shares));
         std::printf("                          %9.0f /s   saquery, once per lookup: ats is %.0f times as fast\n",
-                    median(of_saquery), median(of_ats) / median(of_saquery));
+                    saquery_rate, median(ats_rates) / saquery_rate);
         std::fflush(stdout);
     }
 
     void measure_registrations()
     {
-        std::vector<std::unique_ptr<ats_host>> running;
-        for (int i = 1; i <= hosts; ++i) running.push_back(std::make_unique<ats_host>(net_, i));
-        for (const auto& host : running)
+        std::vector<std::unique_ptr<fabric_host>> all_hosts;
+        for (int i = 1; i <= hosts; ++i) all_hosts.push_back(std::make_unique<fabric_host>(net_, i));
+        for (const auto& host : all_hosts)
             if (!host->wait_serving()) fail(host->output());
-        const auto registered = [&] {
+        const auto record_count = [&] {
             const json records = records_at_sa(net_, asker);
             return std::ranges::count_if(
                 records, [](const json& record) { return record.value("host_name", "").starts_with("node"); });
         };
-        if (!wait_until([&] { return registered() == hosts; }, 60s)) fail("not all hosts register");
+        if (!wait_until([&] { return record_count() == hosts; }, 60s)) fail("not all hosts register");
 
         std::vector<double> after_link_up;
-        for (int i = 0; i < rounds; ++i) after_link_up.push_back(time_link_up(*running.front()));
+        for (int i = 0; i < rounds; ++i) after_link_up.push_back(time_link_up(*all_hosts.front()));
         std::printf("record after link-up      %9.0f ms   (a port is asked once a second)\n", median(after_link_up));
 
-        for (const auto& host : running) host->ask({"control", "sa_verify_period 1 1"});
+        for (const auto& host : all_hosts) host->ask({"control", "sa_verify_period 1 1"});
         for (const char* period : {"60 s, the default", "1 s"}) {
             sm_->stop();
             const auto begin = clock::now();
             start_sm();
-            if (!wait_until([&] { return registered() == hosts; }, 120s)) fail("records do not come back");
+            if (!wait_until([&] { return record_count() == hosts; }, 120s)) fail("records do not come back");
             std::printf("%d records after SM start  %9.0f ms   (records are checked every %s)\n", hosts,
                         milliseconds_since(begin), period);
         }
-        for (const auto& host : running)
+        for (const auto& host : all_hosts)
             if (host->stop() != 0) fail(host->output());
     }
 
-    // From the plug in the socket to the record at the SA, which had lost it meanwhile.
-    double time_link_up(ats_host& host)
+    // The time from link-up until the SA holds the record again. The record was deleted while the link was down.
+    double time_link_up(fabric_host& host)
     {
         const std::string gid = host.port().value("gid", "");
         net_.unplug(host.name());
@@ -165,8 +165,8 @@ class bench
 
 int main(int count, char** arguments)
 {
-    if (const std::string why = ibsim_fabric::missing(); !why.empty()) {
-        std::printf("no figures of a real fabric: %s\n", why.c_str());
+    if (const auto checked = ibsim_fabric::check_programs(); !checked) {
+        std::printf("no figures of a real fabric: %s\n", checked.error().text.c_str());
         return 0;
     }
     throw_when_interrupted();
@@ -175,8 +175,8 @@ int main(int count, char** arguments)
         return 0;
     } catch (const interrupted&) {
         return 130;
-    } catch (const std::exception& failed) {
-        std::fprintf(stderr, "fabric-bench: %s\n", failed.what());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "fabric-bench: %s\n", error.what());
         return 1;
     }
 }

@@ -12,7 +12,7 @@ namespace
 {
 
 using fabric_tools::address_of;
-using fabric_tools::ats_host;
+using fabric_tools::fabric_host;
 using fabric_tools::json;
 using fabric_tools::process;
 using fabric_tools::records_at_sa;
@@ -26,7 +26,8 @@ using namespace std::chrono_literals;
 size_t times_in(const std::string& text, const std::string& part)
 {
     size_t count = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;
+    for (size_t place = text.find(part); place != std::string::npos; place = text.find(part, place + part.size()))
+        ++count;
     return count;
 }
 
@@ -37,29 +38,30 @@ std::string text_of(const std::string& path)
     return text.str();
 }
 
-// Processor time.
+// Its processor time, in clock ticks of the system.
 long ticks_used_by(const fabric_tools::process& program)
 {
     std::ifstream stat("/proc/" + std::to_string(program.pid()) + "/stat");
     std::string field;
-    long used = 0;
+    long ticks = 0;
     for (int i = 1; stat >> field && i <= 15; ++i)
-        if (i >= 14) used += std::stol(field);
-    return used;
+        if (i >= 14) ticks += std::stol(field);
+    return ticks;
 }
 
 struct hosts_on_fabric : testing::Test {
     std::optional<fabric_tools::ibsim_fabric> net;
     std::unique_ptr<process> sm;
-    std::vector<std::unique_ptr<ats_host>> hosts;
+    std::vector<std::unique_ptr<fabric_host>> hosts;
 
     void SetUp() override
     {
-        if (const std::string why = fabric_tools::ibsim_fabric::missing(); !why.empty()) GTEST_SKIP() << why;
+        if (const auto checked = fabric_tools::ibsim_fabric::check_programs(); !checked)
+            GTEST_SKIP() << checked.error().text;
         net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
     }
 
-    // What a sanitizer finds in a program that is killed later is told nowhere else.
+    // The reports of sanitizers: those of a program that is killed later stand in its output only.
     void TearDown() override
     {
         if (!net) return;
@@ -76,9 +78,9 @@ struct hosts_on_fabric : testing::Test {
         ASSERT_TRUE(net->wait_master(*sm)) << sm->output();
     }
 
-    void start_hosts(int count, const std::vector<std::string>& more = {})
+    void start_hosts(int count, const std::vector<std::string>& options = {})
     {
-        for (int i = 1; i <= count; ++i) hosts.push_back(std::make_unique<ats_host>(*net, i, more));
+        for (int i = 1; i <= count; ++i) hosts.push_back(std::make_unique<fabric_host>(*net, i, options));
         for (const auto& host : hosts) ASSERT_TRUE(host->wait_serving()) << host->output();
     }
     testing::AssertionResult sa_comes_to_hold(size_t count, std::chrono::milliseconds longest = 30s)
@@ -87,17 +89,17 @@ struct hosts_on_fabric : testing::Test {
         const bool holds = wait_until([&] { return (records = records_at_sa(*net, "sm2")).size() == count; }, longest);
         return (holds ? testing::AssertionSuccess() : testing::AssertionFailure()) << records.dump(2);
     }
-    bool comes_to(const ats_host& host, const std::string& state)
+    bool comes_to(const fabric_host& host, const std::string& state)
     {
         return wait_until([&] { return host.port().value("state", "") == state; }, 30s);
     }
-    // What the answer to one question says: "found" or the status. Asked again while the SA is too busy to answer.
-    std::string answer(const ats_host& host, const std::string& command, const std::string& asked)
+    // Asks one question and returns what was found, or the status. Asks again while the SA is too busy to answer.
+    std::string answer(const fabric_host& host, const std::string& command, const std::string& question)
     {
         json answers;
         wait_until(
             [&] {
-                answers = host.ask({command, asked});
+                answers = host.ask({command, question});
                 return answers.is_array() && answers.at(0).value("status", "") != "timed out";
             },
             30s);
@@ -110,7 +112,7 @@ struct hosts_on_fabric : testing::Test {
 TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
 {
     start_sm();
-    start_hosts(2, {"--capture", "taken.pcap"});
+    start_hosts(2, {"--capture", "host.pcap"});
     ASSERT_TRUE(sa_comes_to_hold(2));
     EXPECT_THAT(net->run("sm2", {"saquery", "SR"}), HasSubstr("DAPL Address Translation Service"));
     EXPECT_THAT(records_at_sa(*net, "sm2", {"--name", "node2"})[0], json({{"address", "10.0.0.2"},
@@ -131,20 +133,20 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_EQ(answer(*hosts[1], "reverse", third_gid), "10.0.0.3");
     EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.2", "node2"}), "0x0000\n");
     hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
-    EXPECT_TRUE(hosts[0]->running().wait_line("two or more records hold 10.0.0.2")) << hosts[0]->output();
+    EXPECT_TRUE(hosts[0]->program().wait_line("two or more records hold 10.0.0.2")) << hosts[0]->output();
     EXPECT_THAT(records_at_sa(*net, "sm2", {"--address", "10.0.0.2"}), SizeIs(2));
-    const std::string asked_of = net->folder() + "/node1.sock";
-    EXPECT_THAT(net->run("sm2", {fabric_tools::ats_program(), "resolve", "node2", "node", "--socket", asked_of}),
+    const std::string socket = net->folder() + "/node1.sock";
+    EXPECT_THAT(net->run("sm2", {fabric_tools::ats_program(), "resolve", "node2", "node", "--socket", socket}),
                 AllOf(HasSubstr("node2  " + gid(2) + "  (10.0.0.2, from the SA"),
                       HasSubstr("node2  " + third_gid + "  (10.0.0.2, from the SA"), HasSubstr("node  not found")));
 
-    const std::string captured = hosts[0]->folder() + "/taken.pcap";
+    const std::string capture_path = hosts[0]->folder() + "/host.pcap";
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
     EXPECT_TRUE(sa_comes_to_hold(1)) << "the other client's";
-    const std::string seen = net->run("sm2", {"sh", "-c", "unset LD_PRELOAD; tshark -V -r " + captured});
-    if (!times_in(seen, "InfiniBand")) GTEST_SKIP() << "tshark is missing: " << seen;
-    EXPECT_EQ(times_in(seen, "Encapsulation type"), 12u);
-    EXPECT_THAT(seen, Not(HasSubstr("Malformed")));
+    const std::string decoded = net->run("sm2", {"sh", "-c", "unset LD_PRELOAD; tshark -V -r " + capture_path});
+    if (!times_in(decoded, "InfiniBand")) GTEST_SKIP() << "tshark is missing: " << decoded;
+    EXPECT_EQ(times_in(decoded, "Encapsulation type"), 12u);
+    EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
 TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_back)
@@ -163,7 +165,7 @@ TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_b
     EXPECT_TRUE(sa_comes_to_hold(2)) << "registered anew";
 
     hosts[1]->kill();
-    EXPECT_TRUE(sa_comes_to_hold(2)) << "an SA keeps what has no end";
+    EXPECT_TRUE(sa_comes_to_hold(2)) << "an SA keeps records without an end";
     EXPECT_EQ(hosts[0]->stop(), 0);
     EXPECT_TRUE(sa_comes_to_hold(1));
 }
@@ -193,11 +195,11 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     start_sm();
     start_hosts(2, {"--sa-delete-pkey", "off"});
     ASSERT_TRUE(sa_comes_to_hold(2));
-    const std::string there = gid(2);
+    const std::string other_gid = gid(2);
     for (const char* node : {"node1", "node2"}) net->lose(node, 40);
     for (int i = 0; i < 5; ++i) {
         hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
-        EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), there);
+        EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), other_gid);
     }
     const auto is_silent = [&] {
         hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
@@ -207,57 +209,58 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     EXPECT_TRUE(wait_until(is_silent, 30s)) << hosts[0]->output();
     for (const char* node : {"node1", "node2"}) net->lose(node, 0);
     hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
-    EXPECT_TRUE(hosts[0]->running().wait_line("the SA answers again")) << hosts[0]->output();
+    EXPECT_TRUE(hosts[0]->program().wait_line("the SA answers again")) << hosts[0]->output();
     EXPECT_EQ(hosts[0]->port().value("state", ""), "Active") << "the port itself answers all the time";
 
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
     EXPECT_TRUE(sa_comes_to_hold(2)) << "a delete without a P_Key finds nothing";
 }
 
-TEST_F(hosts_on_fabric, survive_answers_that_are_none_an_hca_that_goes_and_a_fabric_that_falls_silent)
+TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric)
 {
     start_sm();
-    const std::string broken = net->folder() + "/broken";
-    const auto breaking = [&](const std::string& how) { std::ofstream(broken) << how; };
-    breaking("");
-    const std::vector<std::string> breakable = {"BROKEN_UMAD=" + broken,
-                                                "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()};
-    hosts.push_back(std::make_unique<ats_host>(*net, 1, std::vector<std::string>{"--port-interval", "50"}, breakable));
-    ats_host& host = *hosts[0];
+    const std::string fault_file = net->folder() + "/fault";
+    const auto set_fault = [&](const std::string& fault) { std::ofstream(fault_file) << fault; };
+    set_fault("");
+    const std::vector<std::string> environment = {
+        "BROKEN_UMAD=" + fault_file, "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()};
+    hosts.push_back(
+        std::make_unique<fabric_host>(*net, 1, std::vector<std::string>{"--port-interval", "50"}, environment));
+    fabric_host& host = *hosts[0];
     ASSERT_TRUE(sa_comes_to_hold(1)) << host.output();
     int nobody = 100;
-    for (const char* how : {"short", "stray", "request", "short", "stray", "request"}) {
-        breaking(how);
-        EXPECT_EQ(answer(host, "resolve", address_of(++nobody)), "not found") << how;
-        EXPECT_EQ(text_of(broken), "") << how << " never happened";
+    for (const char* fault : {"short", "stray", "request", "short", "stray", "request"}) {
+        set_fault(fault);
+        EXPECT_EQ(answer(host, "resolve", address_of(++nobody)), "not found") << fault;
+        EXPECT_EQ(text_of(fault_file), "") << fault << " never happened";
     }
     EXPECT_EQ(times_in(host.output(), "shorter than a record"), 1u) << host.output();
     EXPECT_EQ(times_in(host.output(), "answers no request in flight"), 1u) << host.output();
 
-    breaking("gone");
+    set_fault("gone");
     EXPECT_TRUE(comes_to(host, "Down")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "failed");
-    const long used = ticks_used_by(host.running());
-    EXPECT_FALSE(host.running().wait_line("the link is up", 1s));
-    EXPECT_LT(ticks_used_by(host.running()) - used, sysconf(_SC_CLK_TCK) / 5) << "a spin";
-    breaking("");
+    const long ticks_before = ticks_used_by(host.program());
+    EXPECT_FALSE(host.program().wait_line("the link is up", 1s));
+    EXPECT_LT(ticks_used_by(host.program()) - ticks_before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
+    set_fault("");
     EXPECT_TRUE(comes_to(host, "Active")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "not found");
     EXPECT_EQ(times_in(host.output(), "the device is gone"), 1u) << host.output();
 
-    breaking("deaf");
-    const auto asking = net->start("node2", "tool", {fabric_tools::ats_program(), "sa", "show", "--real"}, breakable);
-    EXPECT_EQ(asking->wait_end(), 1);
-    EXPECT_THAT(asking->output(), HasSubstr("ats: ibsim0 port 1 cannot be read from: Input/output error"));
-    breaking("");
+    set_fault("deaf");
+    const auto client = net->start("node2", "tool", {fabric_tools::ats_program(), "sa", "show", "--real"}, environment);
+    EXPECT_EQ(client->wait_end(), 1);
+    EXPECT_THAT(client->output(), HasSubstr("ats: ibsim0 port 1 cannot be read from: Input/output error"));
+    set_fault("");
 
     net->console("Baselid \"node1\"[1] 40"); // another LID, for which this SM has no route
     EXPECT_TRUE(wait_until([&] { return host.port().value("lid", 0) == 40; }, 30s)) << host.output();
 
     net->die();
-    const long before = ticks_used_by(host.running());
-    EXPECT_TRUE(host.running().wait_line("does not report its state", 30s)) << host.output();
-    EXPECT_LT(ticks_used_by(host.running()) - before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
+    const long ticks_at_death = ticks_used_by(host.program());
+    EXPECT_TRUE(host.program().wait_line("does not report its state", 30s)) << host.output();
+    EXPECT_LT(ticks_used_by(host.program()) - ticks_at_death, sysconf(_SC_CLK_TCK) / 5) << "a spin";
 }
 
 // Hosts look after their records once a minute.
@@ -266,18 +269,18 @@ TEST_F(hosts_on_fabric, of_seven_register_again_by_themselves_when_the_sa_forget
     start_sm();
     start_hosts(7);
     ASSERT_TRUE(sa_comes_to_hold(7));
-    const std::vector<std::string> before = fabric_tools::texts_of(records_at_sa(*net, "sm2"));
+    const std::vector<std::string> first_records = fabric_tools::texts_of(records_at_sa(*net, "sm2"));
     EXPECT_EQ(sm->stop(), 0);
     start_sm();
     EXPECT_TRUE(sa_comes_to_hold(0)) << "a new OpenSM has no records";
     EXPECT_TRUE(sa_comes_to_hold(7, 90s));
-    EXPECT_EQ(fabric_tools::texts_of(records_at_sa(*net, "sm2")), before);
+    EXPECT_EQ(fabric_tools::texts_of(records_at_sa(*net, "sm2")), first_records);
     for (int i = 1; i <= 7; ++i) EXPECT_EQ(answer(*hosts[0], "resolve", address_of(i)), gid(i));
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
     EXPECT_TRUE(sa_comes_to_hold(0));
 }
 
-TEST_F(hosts_on_fabric, are_told_what_a_machine_lacks)
+TEST_F(hosts_on_fabric, get_a_report_of_what_a_machine_lacks)
 {
     const std::vector<std::string> check = {fabric_tools::ats_program(), "check"};
     EXPECT_THAT(net->run("node1", check),
@@ -289,15 +292,15 @@ TEST_F(hosts_on_fabric, are_told_what_a_machine_lacks)
     net->unplug("node1");
     EXPECT_THAT(net->run("node1", check),
                 testing::AllOf(HasSubstr("the link is down"), HasSubstr("no port is active")));
-    const auto running = [&](std::vector<std::string> words, const std::vector<std::string>& more) {
+    const auto run_host = [&](std::vector<std::string> words, const std::vector<std::string>& options) {
         for (const char* word : {"run", "--fabric", "umad", "--address", "10.0.0.1"}) words.emplace_back(word);
-        words.insert(words.end(), more.begin(), more.end());
+        words.insert(words.end(), options.begin(), options.end());
         return net->run("node1", words);
     };
     const std::string ats = fabric_tools::ats_program();
-    EXPECT_THAT(running({ats}, {"--hca", "mlx4_0"}), HasSubstr("ats: there is no HCA 'mlx4_0'; there is ibsim0"));
+    EXPECT_THAT(run_host({ats}, {"--hca", "mlx4_0"}), HasSubstr("ats: there is no HCA 'mlx4_0'; there is ibsim0"));
     if (std::filesystem::exists("/sys/class/infiniband")) GTEST_SKIP() << "this machine has InfiniBand";
-    EXPECT_THAT(running({"env", "-u", "LD_PRELOAD", ats}, {}), HasSubstr("no InfiniBand HCA"));
+    EXPECT_THAT(run_host({"env", "-u", "LD_PRELOAD", ats}, {}), HasSubstr("no InfiniBand HCA"));
 }
 
 } // namespace

@@ -8,12 +8,12 @@ namespace fabric_tools
 namespace
 {
 
-const std::string ats = ATS_PROGRAM;
+const std::string ats = ATS_PROGRAM; // the path
 
 json parse(const std::string& text)
 {
-    json parsed = json::parse(text, nullptr, false);
-    return parsed.is_discarded() ? json() : parsed;
+    json value = json::parse(text, nullptr, false);
+    return value.is_discarded() ? json() : value;
 }
 
 } // namespace
@@ -39,23 +39,23 @@ std::vector<std::string> node_names(int count, std::vector<std::string> others)
     return others;
 }
 
-ats_host::ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more,
-                   const std::vector<std::string>& environment)
+fabric_host::fabric_host(ibsim_fabric& net, int number, const std::vector<std::string>& options,
+                         const std::vector<std::string>& environment)
     : net_(net), name_(node_name(number)), socket_(net.folder() + "/" + name_ + ".sock")
 {
     std::vector<std::string> arguments = {ats,   "run",       "--fabric",         "umad",     "--name",
                                           name_, "--address", address_of(number), "--socket", socket_};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    running_ = net.start(name_, name_, arguments, environment);
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    program_ = net.start(name_, name_, arguments, environment);
 }
 
-bool ats_host::wait_serving(duration longest)
+bool fabric_host::wait_serving(duration longest)
 {
-    return running_->wait_line("clients are served", longest).has_value();
+    return program_->wait_line("clients are served", longest).has_value();
 }
 
-// Clients are not on the fabric, and take no place there.
-json ats_host::ask(std::vector<std::string> command) const
+// A client needs no port, so it is not started on a node: ibsim takes few programs.
+json fabric_host::ask(std::vector<std::string> command) const
 {
     command.insert(command.begin(), ats);
     command.insert(command.end(), {"--json", "--socket", socket_});
@@ -64,7 +64,7 @@ json ats_host::ask(std::vector<std::string> command) const
     return parse(client.output());
 }
 
-json ats_host::port() const
+json fabric_host::port() const
 {
     const json status = ask({"status"});
     const auto first = json::json_pointer("/hosts/0/hcas/0/ports/0");

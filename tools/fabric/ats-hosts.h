@@ -1,4 +1,4 @@
-// Hosts of a simulated fabric, each an `ats run` of its own, and what its SA holds, both as `ats` tells them.
+// Hosts of a simulated fabric, each an `ats run` of its own, and the records of its SA. Both are read through `ats`.
 #pragma once
 
 #include <memory>
@@ -13,54 +13,58 @@ namespace fabric_tools
 
 using nlohmann::json;
 
-// Host number i, from 1: on the node "node1", called so, with the address 10.0.0.1.
+// Node name (which is the host name) and address of a host by number: 1 is "node1" with 10.0.0.1.
 std::string node_name(int number);
 std::string address_of(int number);
+
+// The names of `others`, followed by those of hosts 1 to `count`.
 std::vector<std::string> node_names(int count, std::vector<std::string> others);
 
-// The path of `ats`.
+// The path of the program `ats`.
 std::string ats_program();
 
-class ats_host
+class fabric_host
 {
   public:
-    // Starts it. `more` are further options of `ats run`.
-    ats_host(ibsim_fabric& net, int number, const std::vector<std::string>& more = {},
-             const std::vector<std::string>& environment = {});
+    // Starts it, with further options of `ats run` and further variables of the environment.
+    fabric_host(ibsim_fabric& net, int number, const std::vector<std::string>& options = {},
+                const std::vector<std::string>& environment = {});
 
-    // Whether it serves clients.
+    // Waits until it serves clients. False: it did not in time.
     bool wait_serving(duration longest = 30s);
 
-    // What `ats COMMAND... --json` says about it; null when it says nothing that is JSON.
+    // Runs `ats COMMAND... --json` for it. Returns the output; null if that is not JSON.
     json ask(std::vector<std::string> command) const;
 
-    // Of its first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
+    // The status of its first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
     json port() const;
 
-    // The lines it printed.
-    std::string output() const { return running_->output(); }
-    process& running() { return *running_; }
+    // Its output so far.
+    std::string output() const { return program_->output(); }
+    process& program() { return *program_; }
     const std::string& name() const { return name_; }
-    const std::string& folder() const { return running_->folder(); } // where it was started
+    const std::string& folder() const { return program_->folder(); } // its working folder
 
-    // Ends it in good order; its exit code.
-    std::optional<int> stop() { return running_->stop(30s); }
-    void kill() { net_.kill(*running_); }
+    // Ends it with SIGTERM; returns its exit code as process::stop does.
+    std::optional<int> stop() { return program_->stop(30s); }
+
+    // Kills it without warning.
+    void kill() { net_.kill(*program_); }
 
   private:
     ibsim_fabric& net_;
     const std::string name_;
     const std::string socket_;
-    std::unique_ptr<process> running_;
+    std::unique_ptr<process> program_;
 };
 
-// The records that the SA tells a program on `node`, as `ats sa show --json` does; null when it is not to be had.
+// The records of the SA, asked from `node` by `ats sa show --json` with these filter options; null if that fails.
 json records_at_sa(ibsim_fabric& net, const std::string& node, const std::vector<std::string>& filter = {});
 
-// How many records there are; -1: it could not be learned.
+// The number of records at the SA; -1 if it cannot be asked.
 int count_records(ibsim_fabric& net, const std::string& node);
 
-// Host names with the address and GID of the record, as "node1 10.0.0.1 0xFE80...", in order.
+// Each record as "node1 10.0.0.1 0xFE80...", in the order of these texts.
 std::vector<std::string> texts_of(const json& records);
 
 } // namespace fabric_tools

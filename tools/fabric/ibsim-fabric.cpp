@@ -17,8 +17,8 @@ namespace
 
 namespace files = std::filesystem;
 
-// For programs with the address sanitizer in them: ibsim's library comes before the sanitizer's, and copies more than
-// it allocated when a datagram is read.
+// For programs with the address sanitizer: ibsim's library is loaded before the sanitizer's, and copies more than it
+// has allocated when a datagram is read.
 const char* const sanitizer_options = "ASAN_OPTIONS=verify_asan_link_order=0:replace_intrin=0";
 
 std::string find_program(const std::string& name)
@@ -41,19 +41,19 @@ void write_net(const std::string& path, const std::vector<std::string>& nodes)
 
 std::string ibsim_fabric::library()
 {
-    glob_t found;
+    glob_t paths;
     std::string path;
-    if (glob("/usr/lib/*/umad2sim/libumad2sim.so", 0, nullptr, &found) == 0) path = found.gl_pathv[0];
-    globfree(&found);
+    if (glob("/usr/lib/*/umad2sim/libumad2sim.so", 0, nullptr, &paths) == 0) path = paths.gl_pathv[0];
+    globfree(&paths);
     return path;
 }
 
-std::string ibsim_fabric::missing()
+ats::result<> ibsim_fabric::check_programs()
 {
-    if (find_program("ibsim").empty() || library().empty()) return "ibsim is missing: install ibsim-utils";
-    if (find_program("opensm").empty()) return "OpenSM is missing: install opensm";
-    if (find_program("saquery").empty()) return "saquery is missing: install infiniband-diags";
-    return "";
+    if (find_program("ibsim").empty() || library().empty()) return ats::fail("ibsim is missing: install ibsim-utils");
+    if (find_program("opensm").empty()) return ats::fail("OpenSM is missing: install opensm");
+    if (find_program("saquery").empty()) return ats::fail("saquery is missing: install infiniband-diags");
+    return {};
 }
 
 ibsim_fabric::own_folder::own_folder()
@@ -65,16 +65,16 @@ ibsim_fabric::own_folder::own_folder()
 
 ibsim_fabric::own_folder::~own_folder()
 {
-    std::error_code ignored;
+    std::error_code error; // ignored: nothing can be done about it
     if (std::getenv("ATS_KEEP_FABRIC"))
         std::fprintf(stderr, "kept: %s\n", path.c_str());
     else
-        files::remove_all(path, ignored);
+        files::remove_all(path, error);
 }
 
 ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes)
 {
-    // Sockets have names of their own, so that many fabrics can stand side by side.
+    // Each fabric has a socket name of its own, so that many fabrics can run side by side.
     static std::atomic<int> count = 0;
     socket_name_ = "ats" + std::to_string(getpid()) + "." + std::to_string(++count);
     write_net(folder() + "/net", nodes);
@@ -90,7 +90,7 @@ std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std:
                                              const std::vector<std::string>& arguments,
                                              const std::vector<std::string>& environment)
 {
-    // ibsim's library keeps a folder of its own where a program is started.
+    // ibsim's library makes a folder where a program is started.
     const std::string own_folder = new_file(name);
     files::create_directory(own_folder);
     std::vector<std::string> variables = environment;
@@ -109,7 +109,7 @@ std::string ibsim_fabric::run(const std::string& node, const std::vector<std::st
 
 std::unique_ptr<process> ibsim_fabric::start_sm(const std::string& node, const sm_options& options)
 {
-    const std::string settings = folder() + "/" + node + "-" + std::to_string(started_) + ".conf";
+    const std::string settings = folder() + "/" + node + "-" + std::to_string(files_) + ".conf";
     std::ofstream(settings) << "sm_priority " << options.priority << "\n"
                             << "sminfo_polling_timeout 200\npolling_retry_number 2\n"
                             << options.settings << "\n";
@@ -127,7 +127,7 @@ void ibsim_fabric::kill(process& program)
     if (const auto line = ibsim_->wait_line(": pid " + std::to_string(program.pid()) + " connected", 2s)) {
         const size_t number = line->find("Client ") + 7;
         console("X " + line->substr(number, line->find(':') - number));
-        console("Verbose"); // answered when all before is done
+        console("Verbose"); // answered after all commands before it
         ibsim_->wait_line("verbose level");
     }
     program.signal(SIGKILL);

@@ -1,17 +1,18 @@
-// A simulated fabric for real programs: ibsim in a folder of its own, one switch, and nodes that programs are put on
-// by preloading ibsim's library. Everything ends, and the folder goes, with the object.
+// A simulated fabric for real programs: ibsim in a folder of its own, one switch, and nodes. A program runs on a node
+// when ibsim's library is preloaded into it. With the object all programs end, and the folder is removed.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "host/result.h"
 #include "tools/fabric/process.h"
 
 namespace fabric_tools
 {
 
-// ibsim takes no more programs at a time: SMs, hosts and tools together.
+// The most programs that ibsim takes at a time: SMs, hosts and tools together.
 constexpr int most_programs = 10;
 
 struct sm_options {
@@ -22,10 +23,10 @@ struct sm_options {
 class ibsim_fabric
 {
   public:
-    // Empty, or what is missing here to run one.
-    static std::string missing();
+    // Error: a program that this needs is not installed.
+    static ats::result<> check_programs();
 
-    // What puts a program on a fabric when it is preloaded.
+    // The path of ibsim's library, to be preloaded.
     static std::string library();
 
     // The nodes are on one switch. Throws std::runtime_error when ibsim does not start.
@@ -33,41 +34,42 @@ class ibsim_fabric
     ibsim_fabric(const ibsim_fabric&) = delete;
     ibsim_fabric& operator=(const ibsim_fabric&) = delete;
 
-    // An OpenSM on the node, and whether it has brought the subnet up as its master.
+    // Starts an OpenSM on the node. wait_master() waits until it has brought the subnet up as its master.
     std::unique_ptr<process> start_sm(const std::string& node, const sm_options& options = {});
     static bool wait_master(process& sm, duration longest = 20s);
 
-    // A program on the node. Its output is in a file of the folder called after `name`.
+    // Starts a program on the node, in a new folder that is named after `name` and holds its output. `environment`
+    // comes before the variables that put the program on the fabric.
     std::unique_ptr<process> start(const std::string& node, const std::string& name,
                                    const std::vector<std::string>& arguments,
                                    const std::vector<std::string>& environment = {});
 
-    // Runs it to its end, for no longer than a minute; what it wrote.
+    // Runs a program on the node to its end, for a minute at the most; returns its output.
     std::string run(const std::string& node, const std::vector<std::string>& arguments);
 
-    // Kills a program without warning. ibsim, which would keep its place for ever, is told before: a request that
-    // reached a program as it dies would get no answer and no time-out either, and an OpenSM that sent it hangs.
+    // Kills a program without warning. Detaches it from ibsim first, which would keep its place for ever. Also, a
+    // request that reaches a dying program gets neither an answer nor a time-out, and an OpenSM that sent it hangs.
     void kill(process& program);
 
-    // The whole fabric falls silent.
+    // Ends ibsim: the whole fabric falls silent.
     void die() { ibsim_->stop(); }
 
-    // A command of ibsim's console.
+    // Gives ibsim's console a command.
     void console(const std::string& line);
     void unplug(const std::string& node) { console("Unlink \"" + node + "\"[1]"); }
     void plug(const std::string& node) { console("ReLink \"" + node + "\"[1]"); }
 
-    // Of what reaches the node over its link, SMPs to itself excepted, so much is lost.
+    // Loses so much of what reaches the node over its link. SMPs to itself are not lost.
     void lose(const std::string& node, int percent);
 
     const std::string& folder() const { return folder_.path; }
-    std::string output() const { return ibsim_->output(); } // of ibsim
+    std::string output() const { return ibsim_->output(); } // of ibsim itself
 
-    // The name of a file in it that nothing else has.
-    std::string new_file(const std::string& name) { return folder() + "/" + name + "-" + std::to_string(++started_); }
+    // A new path in the folder.
+    std::string new_file(const std::string& name) { return folder() + "/" + name + "-" + std::to_string(++files_); }
 
   private:
-    // Goes with the object, and also when its construction is interrupted. $ATS_KEEP_FABRIC keeps it.
+    // Removed with the object, also when its construction is interrupted. Kept if $ATS_KEEP_FABRIC is set.
     struct own_folder {
         own_folder();
         ~own_folder();
@@ -76,10 +78,10 @@ class ibsim_fabric
         std::string path;
     };
 
-    own_folder folder_; // the programs in it end before it goes
+    own_folder folder_; // first: it is removed after the programs in it have ended
     std::string socket_name_;
     std::unique_ptr<process> ibsim_;
-    int started_ = 0;
+    int files_ = 0; // names given by new_file()
 };
 
 } // namespace fabric_tools

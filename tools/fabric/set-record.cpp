@@ -1,8 +1,8 @@
-// Another client of the SA, as an administrator might have one: registers or deletes one ATS record with nothing but
-// libibumad.
+// A second client of the SA, as an administrator might use one: registers or deletes one record of the service, through
+// libibumad alone.
 //   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
 //   set-record -d GID P_KEY                SubnAdmDelete, by record identifier
-// Prints the status of the answer, in hex, and exits with 0 if that is 0.
+// Prints the status of the answer in hex; the exit code is 0 if the status is 0.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -19,13 +19,13 @@ constexpr int answer_wait_ms = 1000;
 constexpr int tries = 5; // OpenSM drops requests while it is busy
 constexpr uint32_t transaction = 0x5E7;
 
-// ServiceID, ServiceGID and ServiceName. OpenSM looks at the P_Key without being told to; told to, it refuses when the
-// port of the GID is gone.
-constexpr uint64_t by_identifier = 0x43;
+// ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without its mask bit. With that bit it refuses
+// the request when the port of the GID is gone.
+constexpr uint64_t identifier_mask = 0x43;
 
-[[noreturn]] void fail(const char* what)
+[[noreturn]] void fail(const char* reason)
 {
-    std::fprintf(stderr, "set-record: %s\n", what);
+    std::fprintf(stderr, "set-record: %s\n", reason);
     std::exit(2);
 }
 
@@ -41,23 +41,16 @@ bool parse_gid(const char* text, wire_gid_t& gid)
 
 sa_mad_v2_t make_request(bool remove, char** arguments)
 {
-    ib_service_record_v2_t record{};
-    record.service_id = to_wire(records::service_id);
-    if (!parse_gid(arguments[0], record.service_gid)) fail("the GID is not one");
-    record.service_pkey = to_wire(static_cast<uint16_t>(std::strtoul(arguments[1], nullptr, 0)));
-    std::strcpy(record.service_name, records::service_name);
+    records::host_record host;
+    wire_gid_t gid;
+    if (!parse_gid(arguments[0], gid)) fail("the GID is malformed");
+    host.gid = from_wire(gid);
+    host.p_key = static_cast<uint16_t>(std::strtoul(arguments[1], nullptr, 0));
     if (!remove) {
-        record.service_lease = to_wire(UINT32_MAX);
-        if (inet_pton(AF_INET, arguments[2], record.service_data8 + records::address_offset) != 1)
-            fail("the address is not one");
-        record.service_data16[0] = 0x5C;
-        record.service_data16[1] = 0x27;
-        // The name goes on from ServiceData32 into ServiceData64; the last two bytes stay zero.
-        char name[records::host_name_size] = {};
-        std::memcpy(name, arguments[3], strnlen(arguments[3], sizeof name));
-        std::memcpy(record.service_data32, name, 16);
-        std::memcpy(record.service_data64, name + 16, sizeof name - 16);
+        if (inet_pton(AF_INET, arguments[2], &host.address) != 1) fail("the address is malformed");
+        host.host_name = arguments[3];
     }
+    const ib_service_record_v2_t record = records::encode(host);
 
     sa_mad_v2_t mad{};
     mad.hdr.base_ver = MAD_BASE_VERSION;
@@ -66,7 +59,7 @@ sa_mad_v2_t make_request(bool remove, char** arguments)
     mad.hdr.m.method = remove ? MAD_METHOD_DELETE : MAD_METHOD_SET;
     mad.hdr.transact_id = to_wire(uint64_t{transaction});
     mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
-    mad.component_mask = to_wire(remove ? by_identifier : UINT64_MAX);
+    mad.component_mask = to_wire(remove ? identifier_mask : UINT64_MAX);
     std::memcpy(mad.payload, &record, sizeof record);
     return mad;
 }
@@ -81,10 +74,10 @@ int main(int count, char** arguments)
 
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
-    umad_release_port(&port); // only its P_Keys go
-    const int opened = umad_open_port(port.ca_name, port.portnum);
-    if (opened < 0) fail("cannot open the port");
-    const int agent = umad_register(opened, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
+    umad_release_port(&port); // frees its P_Keys only; the other fields stay
+    const int descriptor = umad_open_port(port.ca_name, port.portnum);
+    if (descriptor < 0) fail("cannot open the port");
+    const int agent = umad_register(descriptor, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
     if (agent < 0) fail("cannot register the SA class");
 
     alignas(8) char buffer[sizeof(ib_user_mad_t) + MAD_SIZE];
@@ -93,9 +86,9 @@ int main(int count, char** arguments)
         umad_set_addr(buffer, static_cast<int>(port.sm_lid), 1, static_cast<int>(port.sm_sl),
                       static_cast<int>(0x80010000));
         std::memcpy(umad_get_mad(buffer), &request, sizeof request);
-        if (umad_send(opened, agent, buffer, MAD_SIZE, answer_wait_ms, 0) < 0) fail("the request was not sent");
+        if (umad_send(descriptor, agent, buffer, MAD_SIZE, answer_wait_ms, 0) < 0) fail("the request was not sent");
         int length = MAD_SIZE;
-        if (umad_recv(opened, buffer, &length, answer_wait_ms) < 0 || umad_status(buffer) != 0) continue;
+        if (umad_recv(descriptor, buffer, &length, answer_wait_ms) < 0 || umad_status(buffer) != 0) continue;
         sa_mad_v2_t answer;
         std::memcpy(&answer, umad_get_mad(buffer), sizeof answer);
         if (static_cast<uint32_t>(from_wire(answer.hdr.transact_id)) != transaction) continue;

@@ -1,6 +1,5 @@
-// `make fabric`: real hosts on a simulated fabric under OpenSM, through what happens to a fabric in its life. Prints a
-// line for each thing, with what was seen and how long it took; the exit code is 1 when anything was not as it should
-// be.
+// `make fabric`: takes real hosts on a simulated fabric under OpenSM through the events of a fabric's life. Prints a
+// line for each event, with its effect and how long that took. The exit code is 1 if an effect was missing.
 //   ats-fabric [HOSTS]
 
 #include <csignal>
@@ -43,34 +42,34 @@ class tour
     bool is_good() const { return is_good_; }
 
   private:
-    // Does something and waits for what is to come of it.
+    // Carries out an event and waits for its effect, until `holds` returns true.
     template <class action_t>
-    void step(const std::string& what, const std::string& seen, const action_t& action,
+    void step(const std::string& event, const std::string& effect, const action_t& action,
               const std::function<bool()>& holds)
     {
         const auto begin = clock::now();
-        const std::string waited_for = what.empty() ? seen : what;
-        console::progress shown;
-        shown.show(waited_for);
+        const std::string title = event.empty() ? effect : event;
+        console::progress progress;
+        progress.show(title);
         action();
         const auto holds_now = [&] {
             const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(clock::now() - begin).count();
-            shown.show(waited_for + ", " + std::to_string(seconds) + " s");
+            progress.show(title + ", " + std::to_string(seconds) + " s");
             return holds();
         };
         const bool is_seen = wait_until(holds_now, 60s);
-        shown.clear();
+        progress.clear();
         const std::chrono::duration<double, std::milli> took = clock::now() - begin;
         is_good_ = is_good_ && is_seen;
-        const std::string text = is_seen ? seen : "NOT SEEN: " + seen;
-        std::printf("%-44s %-42s %7.0f ms\n", what.c_str(), text.c_str(), took.count());
+        const std::string text = is_seen ? effect : "NOT SEEN: " + effect;
+        std::printf("%-44s %-42s %7.0f ms\n", event.c_str(), text.c_str(), took.count());
         std::fflush(stdout);
     }
 
-    void start_sm(const std::string& what)
+    void start_sm(const std::string& event)
     {
         step(
-            what, "the subnet is up", [&] { sm_ = net_.start_sm("sm"); },
+            event, "the subnet is up", [&] { sm_ = net_.start_sm("sm"); },
             [&] { return sm_->output().find("SUBNET UP") != std::string::npos; });
     }
 
@@ -82,7 +81,7 @@ class tour
         step(
             all + " hosts start", "the SA holds " + all + " records",
             [&] {
-                for (int i = 1; i <= count_; ++i) hosts_.push_back(std::make_unique<ats_host>(net_, i));
+                for (int i = 1; i <= count_; ++i) hosts_.push_back(std::make_unique<fabric_host>(net_, i));
                 for (const auto& host : hosts_) host->wait_serving();
             },
             [&] { return records() == count_; });
@@ -91,8 +90,8 @@ class tour
         }
     }
 
-    // Every host finds every other one in both directions. Which direction comes first changes, so that both are asked
-    // of the SA, and not of a cache that has learned from the other.
+    // Every host looks up every other one in both directions. Each direction comes first for half of the pairs: then
+    // the SA answers it, and not the cache that the other direction has filled.
     void resolve_all()
     {
         int right = 0, from_sa = 0;
@@ -104,11 +103,13 @@ class tour
         };
         const auto resolve = [&](int i, int j) { count(hosts_[i]->ask({"resolve", address_of(j + 1)}), gids_[j]); };
         const auto reverse = [&](int i, int j) { count(hosts_[i]->ask({"reverse", gids_[j]}), address_of(j + 1)); };
-        const int wanted = 2 * count_ * (count_ - 1);
-        console::progress shown;
+        const int questions = 2 * count_ * (count_ - 1);
+        console::progress progress;
+        std::string effect;
         const auto all_pairs = [&] {
             for (int i = 0; i < count_; ++i) {
-                shown.show("node" + std::to_string(i + 1) + " of " + std::to_string(count_) + " asks for the others");
+                progress.show("node" + std::to_string(i + 1) + " of " + std::to_string(count_) +
+                              " asks for the others");
                 for (int j = 0; j < count_; ++j) {
                     if (i == j) continue;
                     if ((i + j) % 2 == 0) resolve(i, j);
@@ -116,20 +117,21 @@ class tour
                     if ((i + j) % 2 != 0) resolve(i, j);
                 }
             }
-            seen_ = std::to_string(right) + " right, " + std::to_string(from_sa) + " of the SA";
+            effect = std::to_string(right) + " right, " + std::to_string(from_sa) + " of the SA";
         };
         const auto begin = clock::now();
         all_pairs();
-        shown.clear();
+        progress.clear();
         const std::chrono::duration<double, std::milli> took = clock::now() - begin;
-        is_good_ = is_good_ && right == wanted && from_sa >= wanted / 2;
-        std::printf("%-44s %-42s %7.0f ms\n", ("all find each other: " + std::to_string(wanted) + " questions").c_str(),
-                    seen_.c_str(), took.count());
+        is_good_ = is_good_ && right == questions && from_sa >= questions / 2;
+        std::printf("%-44s %-42s %7.0f ms\n",
+                    ("all find each other: " + std::to_string(questions) + " questions").c_str(), effect.c_str(),
+                    took.count());
     }
 
     void lose_and_find_a_link()
     {
-        ats_host& host = *hosts_.front();
+        fabric_host& host = *hosts_.front();
         const auto state_is = [&](const std::string& state) {
             return [&host, state] { return host.port().value("state", "") == state; };
         };
@@ -138,7 +140,7 @@ class tour
             "node1's link is unplugged", "node1 has no active port", [&] { net_.unplug("node1"); }, state_is("Down"));
         step(
             "... and plugged again", "node1's port is active", [&] { net_.plug("node1"); }, state_is("Active"));
-        // The answers to a Delete and a Set.
+        // To register again takes two answers: to a Delete and to a Set.
         step(
             "", "node1 has registered anew", [] {}, [&] { return host.port().value("received", 0) >= received + 2; });
     }
@@ -157,7 +159,7 @@ class tour
 
     void kill_a_host()
     {
-        ats_host& host = *hosts_.back();
+        fabric_host& host = *hosts_.back();
         const std::string name = host.name();
         step(
             name + " is killed without warning", "its record stays, for it has no end", [&] { host.kill(); },
@@ -165,7 +167,7 @@ class tour
         step(
             name + " starts again", "one record, its own, is the SA's",
             [&] {
-                hosts_.back() = std::make_unique<ats_host>(net_, count_);
+                hosts_.back() = std::make_unique<fabric_host>(net_, count_);
                 hosts_.back()->wait_serving();
             },
             [&] {
@@ -189,16 +191,15 @@ class tour
     const int count_;
     ibsim_fabric net_;
     std::unique_ptr<process> sm_;
-    std::vector<std::unique_ptr<ats_host>> hosts_;
+    std::vector<std::unique_ptr<fabric_host>> hosts_;
     std::vector<std::string> gids_;
-    std::string seen_;
     bool is_good_ = true;
 };
 
 int show(int hosts)
 {
-    if (const std::string why = ibsim_fabric::missing(); !why.empty()) {
-        std::cerr << "ats-fabric: " << why << '\n';
+    if (const auto checked = ibsim_fabric::check_programs(); !checked) {
+        std::cerr << "ats-fabric: " << checked.error().text << '\n';
         return 2;
     }
     throw_when_interrupted();
@@ -210,8 +211,8 @@ int show(int hosts)
     } catch (const interrupted&) {
         std::cerr << "ats-fabric: interrupted; everything is ended and removed\n";
         return 130;
-    } catch (const std::exception& failed) {
-        std::cerr << "ats-fabric: " << failed.what() << '\n';
+    } catch (const std::exception& error) {
+        std::cerr << "ats-fabric: " << error.what() << '\n';
         return 1;
     }
 }

@@ -1,6 +1,6 @@
-// Preloaded before libibumad, does to a program what a broken HCA would. The file that BROKEN_UMAD names holds what:
-// "short" cuts the next SA answer, "stray" makes it answer another request, "request" makes it one (each once), and
-// "gone" takes the device away, and "deaf" lets nothing be read, for as long as the file says so.
+// Preloaded before libibumad, it breaks the HCA of a program. The file named by BROKEN_UMAD holds the fault. "short"
+// cuts the next answer of the SA, "stray" changes its TransactionID, "request" clears its response bit; each happens
+// once. "gone" takes the device away and "deaf" makes reading fail, as long as the file says so.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -53,22 +53,22 @@ PRELOADED int umad_open_port(const char* name, int port)
 
 PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout_ms, int retries)
 {
-    const std::string wanted = fault();
-    if (wanted == "gone") return fail();
-    if (wanted == "deaf") return 0; // sent to nobody: under ibsim no answer may be on its way when a program ends
+    const std::string current_fault = fault();
+    if (current_fault == "gone") return fail();
+    if (current_fault == "deaf") return 0; // not sent: under ibsim no answer may be on its way when a program ends
     return real<decltype(umad_send)>("umad_send")(port, agent, umad, length, timeout_ms, retries);
 }
 
 PRELOADED int umad_recv(int port, void* umad, int* length, int timeout_ms)
 {
-    const std::string wanted = fault();
-    if (wanted == "gone" || wanted == "deaf") return fail();
+    const std::string current_fault = fault();
+    if (current_fault == "gone" || current_fault == "deaf") return fail();
     const int agent = real<decltype(umad_recv)>("umad_recv")(port, umad, length, timeout_ms);
     auto* mad = static_cast<mad_hdr_t*>(umad_get_mad(umad));
-    if (agent < 0 || wanted.empty() || mad->mgt_class != MAD_CLASS_SUBN_ADM) return agent;
+    if (agent < 0 || current_fault.empty() || mad->mgt_class != MAD_CLASS_SUBN_ADM) return agent;
     mend();
-    if (wanted == "short") *length = 40;
-    if (wanted == "stray") mad->transact_id.bytes[7] ^= 0x40;
-    if (wanted == "request") mad->m.r = 0;
+    if (current_fault == "short") *length = 40;
+    if (current_fault == "stray") mad->transact_id.bytes[7] ^= 0x40;
+    if (current_fault == "request") mad->m.r = 0;
     return agent;
 }
