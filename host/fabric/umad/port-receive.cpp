@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <bit>
+#include <cassert>
 
 namespace umad
 {
@@ -71,6 +72,7 @@ bool port::poll()
     if (!is_busy_ || context_.exec.now() >= check_due_) return false;
     const std::unique_lock lock(receive_mutex_, std::try_to_lock);
     if (!lock || !is_busy_) return false;
+    assert(task_);
     is_polled_ = true;
     device_.wait(1);
     if (receive_next()) return true;

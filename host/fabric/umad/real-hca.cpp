@@ -1,5 +1,7 @@
 #include "host/fabric/umad/real-hca.h"
 
+#include <cassert>
+
 namespace umad
 {
 
@@ -57,7 +59,8 @@ void real_hca::listen(fabric::listener* listener)
 
 fabric::port_attributes real_hca::read_port(int port)
 {
-    return ports_.at(static_cast<size_t>(port - 1))->read();
+    assert(port >= 1 && port <= port_count());
+    return ports_[static_cast<size_t>(port - 1)]->read();
 }
 
 bool real_hca::send(int port, const fabric::address& destination, const fabric::mad_bytes& mad)
