@@ -1,14 +1,14 @@
-// The control file: an input is one write.
+// The control file: an input is the text of one write.
 #include "fuzz/one-host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static fuzz::one_host at;
-    const std::string written(reinterpret_cast<const char*>(bytes), size);
-    at.machine().enter("writer", [&] {
-        const int taken = at.machine().proc.write("dorvex/ats/control", written);
-        fuzz::require(taken == static_cast<int>(size), "a write was not taken whole");
+    static fuzz::one_host host;
+    const std::string text(reinterpret_cast<const char*>(bytes), size);
+    host.machine().enter("writer", [&] {
+        const int result = host.machine().proc.write("dorvex/ats/control", text);
+        fuzz::require(result == static_cast<int>(size), "a write was not accepted as a whole");
     });
-    at.check();
+    host.check();
     return 0;
 }

@@ -1,5 +1,5 @@
-// What most fuzzers need: a simulated fabric with one host that runs the service, registered, and a stranger's HCA.
-// An exception or a hard error ends the process, which is what a fuzzer looks for.
+// The world of most fuzzers: a simulated fabric with a registered host that runs the service, and an HCA of a stranger.
+// An exception or a hard error ends the process; the fuzzer reports that.
 #pragma once
 
 #include <cstdlib>
@@ -13,25 +13,27 @@
 namespace fuzz
 {
 
-inline void require(bool holds, const char* what)
+// Aborts with the text unless the condition holds.
+inline void require(bool holds, const char* fault)
 {
     if (holds) return;
-    std::fprintf(stderr, "%s\n", what);
+    std::fprintf(stderr, "%s\n", fault);
     std::abort();
 }
 
 struct one_host {
     one_host()
     {
-        require(static_cast<bool>(host.load()), "the host does not start");
-        for (int port : {1, 2}) (void)net.link_up("node1", "mthca0", port);
-        (void)net.link_up("stranger", "mthca0", 1);
+        require(host.load().has_value(), "the host does not start");
+        const bool are_links_up = net.link_up("node1", "mthca0", 1) && net.link_up("node1", "mthca0", 2) &&
+                                  net.link_up("stranger", "mthca0", 1);
+        require(are_links_up, "a link does not come up");
         sim->settle();
     }
 
     kernel::machine& machine() { return host.machine(); }
 
-    // Whatever came in: nothing is held but what a host holds that is idle.
+    // Call after each input. The host must be idle again: all its datagrams are back in their pools.
     void check()
     {
         sim->settle();

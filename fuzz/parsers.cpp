@@ -1,5 +1,5 @@
-// Everything that reads a text but is no file: addresses and GIDs as modules and people write them, module parameters,
-// the ports report. The first byte chooses.
+// The parsers of short texts: addresses and GIDs as modules and people write them, module parameters, the ports report.
+// The first byte of an input chooses the parser.
 #include "console/control-report.h"
 #include "fuzz/one-host.h"
 #include "host/kernel/module-parameters.h"
@@ -9,11 +9,11 @@
 namespace
 {
 
-void set_address(fuzz::one_host& at, const std::string& text)
+void set_address(fuzz::one_host& host, const std::string& text)
 {
     using set_address_fn_t = int32_t (*)(const char*);
-    at.machine().enter("caller", [&] {
-        kernel::held_symbol(at.machine().modules, "ats", "ats_sa_set_ip_addrs_str")
+    host.machine().enter("caller", [&] {
+        kernel::held_symbol(host.machine().modules, "ats", "ats_sa_set_ip_addrs_str")
             .as<set_address_fn_t>()(text.c_str());
     });
 }
@@ -29,12 +29,13 @@ void set_parameters(const std::string& text)
     module.parameters = parameters;
     module.parameter_count = 2;
     std::list<std::string> texts;
-    const std::string why = kernel::set_parameters(module, text, &texts);
-    fuzz::require(why.find('\n') == std::string::npos || text.find('\n') != std::string::npos, "a refusal is no line");
+    const ats::result<> result = kernel::set_parameters(module, text, &texts);
+    const bool is_one_line = result || result.error().text.find('\n') == std::string::npos;
+    fuzz::require(is_one_line || text.find('\n') != std::string::npos, "an error is not one line");
 }
 
-// What is read as a person wrote it reads the same as it is shown.
-void read_as_people_write(const std::string& text)
+// A value must stay the same when it is formatted and parsed again.
+void parse_and_format(const std::string& text)
 {
     if (const auto ip = world::parse_ipv4(text))
         fuzz::require(world::parse_ipv4(world::format_ipv4(*ip)) == ip, "an address changes when it is shown");
@@ -46,22 +47,22 @@ void read_as_people_write(const std::string& text)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static fuzz::one_host at;
+    static fuzz::one_host host;
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(bytes + 1), size - 1);
     switch (bytes[0] % 4) {
     case 0:
-        set_address(at, text);
+        set_address(host, text);
         break;
     case 1:
         set_parameters(text);
         break;
     case 2:
-        read_as_people_write(text);
+        parse_and_format(text);
         break;
     default:
         console::parse_control_report(text);
     }
-    at.check();
+    host.check();
     return 0;
 }

@@ -1,6 +1,5 @@
-// Raw datagrams, from GSI through the service to the callbacks of IBAT and UCM. An input is a row of them, each with a
-// byte in front: its lowest bit chooses the port, the next one makes it a response of the SA's class, as most must be
-// to get far, and the third has a UCM user ask before.
+// Raw datagrams, from GSI through the service to the callbacks of IBAT and UCM. An input is a sequence of them, each
+// after a byte of flags.
 #include <algorithm>
 #include <cstring>
 
@@ -11,20 +10,25 @@
 namespace
 {
 
-void answered(ibat_stat_t, ibat_arp_data_t* record, void*)
+constexpr uint8_t flag_port = 1;        // send it to the second port
+constexpr uint8_t flag_sa_response = 2; // make it a response of the SA's class; few others get far
+constexpr uint8_t flag_ask_before = 4;  // let a UCM user ask for its GID first
+
+void check_answer(ibat_stat_t, ibat_arp_data_t* record, void*)
 {
-    fuzz::require(record != nullptr, "a user was told nothing");
+    fuzz::require(record != nullptr, "a callback has no record");
 }
 
-void ask(fuzz::one_host& at, const fabric::mad_bytes& mad)
+void ask(fuzz::one_host& host, const fabric::mad_bytes& mad)
 {
-    kq_gid_t gid; // the one that the datagram, as an answer, would name
-    memcpy(&gid, mad.data() + 64, sizeof gid);
+    constexpr size_t gid_offset = 64; // in a ServiceRecord's MAD: it answers this question
+    kq_gid_t gid;
+    memcpy(&gid, mad.data() + gid_offset, sizeof gid);
     std::reverse(reinterpret_cast<uint8_t*>(&gid), reinterpret_cast<uint8_t*>(&gid + 1));
-    at.machine().enter("user", [&] {
-        const world::published<ucm_get_ip_fn_t> get_ip(at.machine(), "ucm_get_ip_fn");
+    host.machine().enter("user", [&] {
+        const world::published<ucm_get_ip_fn_t> get_ip(host.machine(), "ucm_get_ip_fn");
         ibat_arp_data_t record{};
-        (*get_ip)(&gid, &record, answered, nullptr);
+        (*get_ip)(&gid, &record, check_answer, nullptr);
     });
 }
 
@@ -32,14 +36,20 @@ void ask(fuzz::one_host& at, const fabric::mad_bytes& mad)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static fuzz::one_host at;
+    static fuzz::one_host host;
     fabric::mad_bytes mad;
-    for (; size > mad.size(); bytes += 1 + mad.size(), size -= 1 + mad.size()) {
+    while (size > mad.size()) {
+        const uint8_t flags = bytes[0];
         std::copy_n(bytes + 1, mad.size(), mad.begin());
-        if (bytes[0] & 2) mad[1] = MAD_CLASS_SUBN_ADM, mad[3] |= MAD_METHOD_RESPONSE;
-        if (bytes[0] & 4) ask(at, mad);
-        at.stranger.send(1, {.lid = static_cast<uint16_t>(2 + (bytes[0] & 1))}, mad);
+        bytes += 1 + mad.size();
+        size -= 1 + mad.size();
+        if (flags & flag_sa_response) {
+            mad[1] = MAD_CLASS_SUBN_ADM;
+            mad[3] |= MAD_METHOD_RESPONSE;
+        }
+        if (flags & flag_ask_before) ask(host, mad);
+        host.stranger.send(1, {.lid = static_cast<uint16_t>(2 + (flags & flag_port))}, mad);
     }
-    at.check();
+    host.check();
     return 0;
 }

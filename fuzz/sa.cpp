@@ -1,5 +1,5 @@
-// The SA of the embedded fabric: an input is a row of requests, each with a byte in front whose lowest bit makes it
-// one that the SA has to look into.
+// The SA of the embedded fabric: an input is a sequence of requests. Before each stands a byte: the ticks to wait after
+// it; if the byte is odd, the request gets the header of a ServiceRecord request, which the SA does not refuse at once.
 #include <algorithm>
 
 #include "fuzz/one-host.h"
@@ -10,21 +10,21 @@ namespace
 struct sa_client final : fabric::listener {
     void mad_arrived(int, const fabric::address&, const fabric::mad_bytes& mad) override
     {
-        ++answers;
-        fuzz::require(mad[3] & MAD_METHOD_RESPONSE, "the SA's answer is no response");
+        ++answer_count;
+        fuzz::require(mad[3] & MAD_METHOD_RESPONSE, "an answer of the SA is not marked as a response");
     }
     void port_changed(int, fabric::port_change, uint16_t) override {}
-    size_t answers = 0;
+    size_t answer_count = 0;
 };
 
-struct fabric_alone {
-    fabric_alone()
+struct bare_fabric {
+    bare_fabric()
     {
         hca.listen(&client);
-        (void)net.link_up("stranger", "mthca0", 1);
+        fuzz::require(net.link_up("stranger", "mthca0", 1).has_value(), "the link does not come up");
         sim->settle();
     }
-    ~fabric_alone() { hca.listen(nullptr); }
+    ~bare_fabric() { hca.listen(nullptr); }
 
     static constexpr size_t record_limit = 8;
     std::unique_ptr<exec::simulation> sim = exec::make_simulation();
@@ -37,24 +37,29 @@ struct fabric_alone {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static fabric_alone at;
+    static bare_fabric fabric;
     fabric::mad_bytes mad;
-    size_t sent = 0;
-    at.client.answers = 0;
-    for (; size > mad.size(); bytes += 1 + mad.size(), size -= 1 + mad.size(), ++sent) {
+    size_t request_count = 0;
+    fabric.client.answer_count = 0;
+    while (size > mad.size()) {
+        const uint8_t wait_ticks = bytes[0];
         std::copy_n(bytes + 1, mad.size(), mad.begin());
-        if (bytes[0] & 1) {
+        bytes += 1 + mad.size();
+        size -= 1 + mad.size();
+        if (wait_ticks & 1) {
             constexpr uint8_t service_record_header[] = {1, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM};
             std::copy_n(service_record_header, 3, mad.begin());
             mad[3] &= static_cast<uint8_t>(~MAD_METHOD_RESPONSE);
             mad[16] = 0;
             mad[17] = SA_ATTR_SERVICE_RECORD;
         }
-        at.hca.send(1, {.lid = 1}, mad);
-        at.sim->run_for(bytes[0]);
+        fabric.hca.send(1, {.lid = 1}, mad);
+        ++request_count;
+        fabric.sim->run_for(wait_ticks);
     }
-    at.sim->settle();
-    fuzz::require(at.client.answers <= sent, "the SA answers what nobody asked");
-    fuzz::require(at.net.service_records().size() <= at.record_limit, "the SA holds more than it may");
+    fabric.sim->settle();
+    fuzz::require(fabric.client.answer_count <= request_count, "the SA sends more answers than it got requests");
+    fuzz::require(fabric.net.service_records().size() <= fabric.record_limit,
+                  "the SA holds more records than its limit");
     return 0;
 }

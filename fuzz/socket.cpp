@@ -22,7 +22,8 @@ struct service {
         return config;
     }
 
-    std::unique_ptr<cli::running_hosts> hosts = cli::running_hosts::build(config(), ATS_MODULE_DIR).value();
+    std::unique_ptr<cli::running_hosts> hosts =
+        cli::running_hosts::build(config(), world::default_module_folder()).value();
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
     std::unique_ptr<cli::server> server = cli::server::start(*hosts, cli::listening_socket::open(path).value()).value();
 };
