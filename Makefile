@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare tidy tidy-module coverage install clean
+.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy tidy-module coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -14,6 +14,7 @@ help:
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
 	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
+	@echo "make aarch64   the kernel's tests on another processor, in an emulator"
 	@echo "make package   a package for Debian, in build/release"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
@@ -98,6 +99,15 @@ bare:
 
 check-headers:
 	@scripts/check-headers
+
+# The kernel's tests on another processor, in an emulator.
+aarch64:
+	@scripts/install-dependencies aarch64
+	@scripts/fetch-aarch64-libraries build/aarch64-libraries
+	@$(MAKE) --no-print-directory configure PRESET=aarch64
+	@cmake --build --preset aarch64
+	@cd build/aarch64 && qemu-aarch64 -L /usr/aarch64-linux-gnu tests/test-kernel >test.log 2>&1 || { cat test.log; exit 1; }
+	@tail -n 1 build/aarch64/test.log
 
 # Configures without each optional library in turn, and compiles the file that stands in for it.
 check-options:
