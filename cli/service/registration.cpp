@@ -93,7 +93,7 @@ ats::result<> answer_of(const stack::registration& registration)
     case registration_state::missing:
         return ats::fail("the SA answered a question for it with status " + records::status_text(registration.status));
     case registration_state::different:
-        return ats::fail("the SA holds another record: " + text_of(registration.held));
+        return ats::fail("the SA holds another record: " + text_of(registration.sa_record));
     case registration_state::withdrawn:
         return ats::fail("it has been withdrawn");
     }

@@ -1,5 +1,6 @@
 #include "host/stack/datagram-pool.h"
 
+#include <cassert>
 #include <cstring>
 #include <new>
 
@@ -18,13 +19,13 @@ namespace
 
 constexpr size_t address_part = offsetof(gsi_dtgrm_t, rmpp_payload);
 
-// The address sanitizer finds who uses a datagram that is in its pool.
-void allow_use([[maybe_unused]] gsi_dtgrm_t& datagram, [[maybe_unused]] bool allowed)
+// Lets the address sanitizer report every use of a datagram that is in its pool.
+void allow_use([[maybe_unused]] gsi_dtgrm_t& datagram, [[maybe_unused]] bool is_allowed)
 {
 #ifdef __SANITIZE_ADDRESS__
     constexpr size_t client_part = offsetof(gsi_dtgrm_t, mad);
     char* begin = reinterpret_cast<char*>(&datagram) + client_part;
-    if (allowed)
+    if (is_allowed)
         __asan_unpoison_memory_region(begin, sizeof datagram - client_part);
     else
         __asan_poison_memory_region(begin, sizeof datagram - client_part);
@@ -42,12 +43,13 @@ std::unique_ptr<datagram_pool> datagram_pool::make(const exec::executor& exec, s
 
 datagram_pool::~datagram_pool()
 {
-    for (size_t i = 0; i < touched_; ++i) {
+    for (size_t i = 0; i < used_slots_; ++i) {
         gsi_dtgrm_t& datagram = slots_[i].datagram;
-        const datagram_record& record = datagram_record::of(&datagram, "the end of a datagram pool");
+        const datagram_record& record = datagram_record::record_of(&datagram, "the end of a datagram pool");
         if (record.state() != datagram_state::free)
             exec::panic("datagram %p does not come back to pool '%s', which goes with %zu of %zu free: %s",
-                        static_cast<const void*>(&datagram), name_.c_str(), free_, size_, record.history().c_str());
+                        static_cast<const void*>(&datagram), name_.c_str(), free_count_, size_,
+                        record.history().c_str());
         allow_use(datagram, true);
     }
 }
@@ -55,38 +57,44 @@ datagram_pool::~datagram_pool()
 size_t datagram_pool::free() const
 {
     const std::lock_guard lock(mutex_);
-    return free_;
+    return free_count_;
 }
 
 datagram_record* datagram_pool::take()
 {
-    datagram_record* taken;
+    datagram_record* record;
     {
         const std::lock_guard lock(mutex_);
-        if (free_ == 0) return nullptr;
-        --free_;
-        taken = first_free_;
-        if (taken)
-            first_free_ = taken->next;
-        else
-            taken = &datagram_record::make(slots_[touched_++].datagram, *this);
-        taken->become(datagram_state::held);
+        if (free_count_ == 0) return nullptr;
+        --free_count_;
+        record = free_list_;
+        if (record) {
+            assert(record->state() == datagram_state::free);
+            free_list_ = record->next;
+            record->set_state(datagram_state::held);
+        } else {
+            assert(used_slots_ < size_);
+            record = &datagram_record::make(slots_[used_slots_].datagram, *this);
+            ++used_slots_;
+        }
     }
-    gsi_dtgrm_t& datagram = taken->datagram();
+    gsi_dtgrm_t& datagram = record->datagram();
     allow_use(datagram, true);
     std::memset(reinterpret_cast<char*>(&datagram) + address_part, 0, sizeof datagram - address_part);
-    return taken;
+    return record;
 }
 
-void datagram_pool::put(datagram_record& returned)
+void datagram_pool::put(datagram_record& record)
 {
-    returned.take_over(datagram_state::free, "gsi_dtgrm_pool_put");
-    returned.note(exec_.now(), datagram_event::put);
-    allow_use(returned.datagram(), false);
+    assert(&record.pool == this);
+    record.take_over(datagram_state::free, "gsi_dtgrm_pool_put");
+    record.note(exec_.now(), datagram_event::put);
+    allow_use(record.datagram(), false);
     const std::lock_guard lock(mutex_);
-    returned.next = first_free_;
-    first_free_ = &returned;
-    ++free_;
+    assert(free_count_ < size_);
+    record.next = free_list_;
+    free_list_ = &record;
+    ++free_count_;
 }
 
 } // namespace stack

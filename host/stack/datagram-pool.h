@@ -1,5 +1,5 @@
-// A fixed number of datagrams. The one put last is taken first, and memory is touched only when a datagram is taken
-// for the first time, so that a large pool costs what is used of it.
+// A fixed number of datagrams. The datagram put last is taken first. A datagram takes memory only once it was taken, so
+// that a large pool costs no more than the datagrams in use.
 #pragma once
 
 #include <cstdlib>
@@ -16,10 +16,10 @@ namespace stack
 class datagram_pool
 {
   public:
-    // Null when there is no memory.
+    // Null: no memory. `exec` outlives the pool.
     static std::unique_ptr<datagram_pool> make(const exec::executor& exec, std::string name, size_t size);
 
-    // A datagram that is out is a hard error that tells its history.
+    // A datagram that was not put back is a hard error with its history.
     ~datagram_pool();
     datagram_pool(const datagram_pool&) = delete;
     datagram_pool& operator=(const datagram_pool&) = delete;
@@ -32,16 +32,18 @@ class datagram_pool
     const void* memory() const { return slots_.get(); }
     size_t memory_bytes() const { return size_ * sizeof(slot); }
 
+    // True if at most half of the datagrams are free.
     bool runs_low() const { return free() <= size_ / 2; }
 
-    // A datagram with everything but its MAD zero, in a client's hands; null when none is free. Any thread.
+    // A free datagram, which is the caller's from now on; null: none is free. Its fields behind the MAD are zero. Any
+    // thread.
     datagram_record* take();
 
-    // Takes it back from its client. Any thread.
-    void put(datagram_record& returned);
+    // Takes a datagram of this pool back from its client. Any thread.
+    void put(datagram_record& record);
 
   private:
-    // Aligned as its record is, and so that two processors never share a line.
+    // Aligned for the datagram's record, and so that no two datagrams share a cache line.
     struct alignas(64) slot {
         gsi_dtgrm_t datagram;
     };
@@ -59,10 +61,10 @@ class datagram_pool
     const std::string name_;
     const size_t size_;
     const slot_memory slots_;
-    mutable std::mutex mutex_; // guards the rest
-    size_t touched_ = 0;       // slots from here on were never taken
-    size_t free_ = size_;
-    datagram_record* first_free_ = nullptr;
+    mutable std::mutex mutex_; // guards the members below
+    size_t used_slots_ = 0;    // the slots after these were never taken and have no record
+    size_t free_count_ = size_;
+    datagram_record* free_list_ = nullptr; // of used slots
 };
 
 } // namespace stack

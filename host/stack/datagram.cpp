@@ -51,12 +51,12 @@ const char* text_of(datagram_event event)
 
 } // namespace
 
-datagram_record& datagram_record::make(gsi_dtgrm_t& datagram, datagram_pool& home)
+datagram_record& datagram_record::make(gsi_dtgrm_t& datagram, datagram_pool& pool)
 {
-    return *new (datagram.priv) datagram_record(home);
+    return *new (datagram.priv) datagram_record(pool);
 }
 
-datagram_record& datagram_record::of(void* datagram, const char* call)
+datagram_record& datagram_record::record_of(void* datagram, const char* call)
 {
     auto* record = static_cast<datagram_record*>(datagram);
     const bool is_aligned = reinterpret_cast<uintptr_t>(datagram) % alignof(datagram_record) == 0;
@@ -68,9 +68,8 @@ datagram_record& datagram_record::of(void* datagram, const char* call)
 std::string datagram_record::history() const
 {
     std::string text;
-    const size_t kept = steps_.size();
-    for (size_t i = 0; i < kept; ++i) {
-        const datagram_step& step = steps_[(step_count_ + i) % kept];
+    for (size_t i = 0; i < steps_.size(); ++i) {
+        const datagram_step& step = steps_[(step_count_ + i) % steps_.size()]; // the oldest first
         if (step.event == datagram_event::none) continue;
         if (!text.empty()) text += ", ";
         text += std::string(text_of(step.event)) + " at tick " + std::to_string(step.tick);
@@ -82,7 +81,7 @@ std::string datagram_record::history() const
 
 void datagram_record::hand_over_panic(datagram_state state, const char* call) const
 {
-    exec::panic("%s: datagram %p of pool '%s' %s: %s", call, static_cast<const void*>(this), home.name().c_str(),
+    exec::panic("%s: datagram %p of pool '%s' %s: %s", call, static_cast<const void*>(this), pool.name().c_str(),
                 text_of(state), history().c_str());
 }
 

@@ -1,5 +1,5 @@
-// What the GSI layer knows of a datagram, kept in the datagram's own private area: in whose hands it is, and its last
-// steps. Whoever hands over what is not his meets a hard error that tells those steps.
+// The GSI layer's record of a datagram, in the private area of the datagram itself: its owner, and its last steps. A
+// client that hands over a datagram it does not own gets a hard error with those steps.
 #pragma once
 
 #include <array>
@@ -15,10 +15,10 @@ namespace stack
 class datagram_pool;
 
 enum class datagram_state : uint8_t {
-    free,     // in its pool
-    held,     // a client's
-    posted,   // the GSI layer's until its send completion
-    received, // the GSI layer's until it is delivered
+    free,     // its pool owns it
+    held,     // a client owns it
+    posted,   // the GSI layer owns it until its send completion
+    received, // the GSI layer owns it until it is delivered
 };
 
 enum class datagram_event : uint8_t { none, taken, posted, refused, sent, received, delivered, put };
@@ -26,33 +26,34 @@ enum class datagram_event : uint8_t { none, taken, posted, refused, sent, receiv
 struct datagram_step {
     uint64_t tick;
     datagram_event event;
-    uint8_t mgt_class; // of the GSI class concerned; 0: of none
+    uint8_t mgt_class; // of the GSI class; 0: none
     uint8_t port;
 };
 
-// Touched by whoever has the datagram in hand; others may look at its state.
+// Only the owner of the datagram uses its record. Any thread may read the state.
 class datagram_record
 {
   public:
-    // Makes the record of a datagram that was never out of its pool, and is aligned for it.
-    static datagram_record& make(gsi_dtgrm_t& datagram, datagram_pool& home);
+    // Makes the record, in state `held`, of a datagram that has none yet. The datagram is aligned for it.
+    static datagram_record& make(gsi_dtgrm_t& datagram, datagram_pool& pool);
 
-    // The record of a datagram that a client hands to `call`. A hard error when it is none of a pool's.
-    static datagram_record& of(void* datagram, const char* call);
+    // The record of a datagram that a client hands to `call`. A hard error if no pool made the datagram.
+    static datagram_record& record_of(void* datagram, const char* call);
 
     gsi_dtgrm_t& datagram() { return *reinterpret_cast<gsi_dtgrm_t*>(this); }
     datagram_state state() const { return state_.load(std::memory_order_relaxed); }
 
-    // A client hands the datagram over to `call`. A hard error unless it is in a client's hands.
-    void take_over(datagram_state next, const char* call)
+    // A client hands the datagram to `call`. A hard error unless a client owns it. Of two calls at a time one succeeds.
+    void take_over(datagram_state new_state, const char* call)
     {
-        datagram_state held = datagram_state::held;
-        if (!state_.compare_exchange_strong(held, next, std::memory_order_acq_rel)) hand_over_panic(held, call);
+        datagram_state state = datagram_state::held;
+        if (!state_.compare_exchange_strong(state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
     }
 
-    // The next state of a datagram that is the GSI layer's own.
-    void become(datagram_state next) { state_.store(next, std::memory_order_release); }
+    // By the GSI layer, which owns the datagram.
+    void set_state(datagram_state new_state) { state_.store(new_state, std::memory_order_release); }
 
+    // Adds a step to the history; the oldest of four is forgotten.
     void note(uint64_t tick, datagram_event event, uint8_t mgt_class = 0, uint8_t port = 0)
     {
         steps_[step_count_++ % steps_.size()] = {tick, event, mgt_class, port};
@@ -61,18 +62,18 @@ class datagram_record
     // "taken at tick 5, posted at tick 7 by class 3 of port 1", oldest step first.
     std::string history() const;
 
-    datagram_pool& home;
+    datagram_pool& pool;
     gsi_class_t* client = nullptr;   // while posted or received
-    datagram_record* next = nullptr; // in the list that it stands in
+    datagram_record* next = nullptr; // in the pool's free list, or in the queue of the HCA
 
   private:
-    explicit datagram_record(datagram_pool& pool) : home(pool) {}
+    explicit datagram_record(datagram_pool& maker) : pool(maker) {}
     [[noreturn]] void hand_over_panic(datagram_state state, const char* call) const;
 
     static constexpr uint32_t mark = 0x64746772;
     uint32_t mark_ = mark;
     std::atomic<datagram_state> state_{datagram_state::held};
-    uint8_t step_count_ = 0;               // wraps round
+    uint8_t step_count_ = 0;               // wraps
     std::array<datagram_step, 4> steps_{}; // a ring
 };
 static_assert(sizeof(datagram_record) <= sizeof gsi_dtgrm_t::priv);

@@ -1,12 +1,11 @@
 #include "host/stack/gsi-adapter.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "host/kernel/module-image.h"
-
 #include "kernel/errno.h"
 
 namespace stack
@@ -15,7 +14,7 @@ namespace stack
 namespace
 {
 
-// More than the answers to what a client's pool can send at a time; memory is taken only for those that are used.
+// More than the answers to all datagrams of a client's pool. A datagram takes memory only once it is used.
 constexpr size_t receive_pool_size = 256;
 
 constexpr size_t class_byte = offsetof(mad_hdr_t, mgt_class);
@@ -59,7 +58,7 @@ void fill(gsi_dtgrm_t& datagram, const fabric::address& source, const fabric::ma
 } // namespace
 
 gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomic<uint64_t>& last_transaction_id)
-    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().of(adapter)), last_transaction_id_(last_transaction_id),
+    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().hub_of(adapter)), last_transaction_id_(last_transaction_id),
       context_name_("GSI completion of " + adapter.name()), registrations_(home.exec()),
       receive_pool_(datagram_pool::make(home.exec(), adapter.name() + " receive", receive_pool_size)),
       task_(home, context_name_)
@@ -73,9 +72,9 @@ gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomi
 
 gsi_adapter::~gsi_adapter()
 {
-    if (!registered_.empty())
+    if (!registered_classes_.empty())
         exec::panic("machine %s goes while class %d of port %d of %s is registered with GSI", home_.name().c_str(),
-                    registered_[0]->mgt_class, registered_[0]->port, hca_.name().c_str());
+                    registered_classes_[0]->mgt_class, registered_classes_[0]->port, hca_.name().c_str());
 }
 
 int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle)
@@ -84,96 +83,107 @@ int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_h
         const std::lock_guard lock(mutex_);
         if (find(client->port, client->mgt_class)) return -EK_EXIST;
         *handle = client.get();
-        registered_.push_back(client.get());
+        registered_classes_.push_back(client.get());
         home_.addresses.add_object(client.get(), sizeof *client); // classes stay as long as the machine
         classes_.push_back(std::move(client));
     }
     hub_.attach(*this);
     {
         const std::lock_guard lock(mutex_);
-        will_be_called_ = false; // the fabric may have taken that back while nobody heard it
+        will_be_called_ = false; // the fabric may have called it off while the adapter was not listening
     }
     task_.ring();
     return 0;
 }
 
-int gsi_adapter::deregister(gsi_class_t& ending)
+int gsi_adapter::deregister(gsi_class_t& client)
 {
     {
         const std::lock_guard lock(mutex_);
-        if (ending.has_ended()) return -EK_INVAL;
-        if (!ending.end()) return -EK_BUSY;
-        std::erase(registered_, &ending);
+        if (client.has_ended()) return -EK_INVAL;
+        if (!client.end()) return -EK_BUSY;
+        std::erase(registered_classes_, &client);
     }
     hub_.detach(*this);
     return 0;
 }
 
-std::vector<std::string> gsi_adapter::left_by(const kernel::module_code& leaving) const
+std::vector<std::string> gsi_adapter::left_by(const kernel::module_code& module) const
 {
     const std::lock_guard lock(mutex_);
-    std::vector<std::string> left;
-    for (const gsi_class_t* each : registered_)
-        if (leaving.holds(each->sent) || leaving.holds(each->received))
-            left.push_back("GSI class " + std::to_string(each->mgt_class) + " of port " + std::to_string(each->port) +
-                           " of " + hca_.name());
-    return left;
+    std::vector<std::string> leftovers;
+    for (const gsi_class_t* each : registered_classes_)
+        if (module.holds(each->send_callback) || module.holds(each->receive_callback))
+            leftovers.push_back("GSI class " + std::to_string(each->mgt_class) + " of port " +
+                                std::to_string(each->port) + " of " + hca_.name());
+    return leftovers;
 }
 
-int gsi_adapter::post(gsi_class_t& sender, datagram_record& record, uint64_t* transaction_id)
+int gsi_adapter::post(gsi_class_t& client, datagram_record& record, uint64_t* transaction_id)
 {
-    if (!sender.enter()) return -EK_INVAL;
+    if (!client.enter()) return -EK_INVAL;
     record.take_over(datagram_state::posted, "gsi_post_send_dtgrm");
-    record.client = &sender;
+    record.client = &client;
     const uint64_t now_ticks = home_.exec().now();
-    const uint64_t assigned = last_transaction_id_.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (!put_on_wire(sender.port, record.datagram(), assigned)) {
-        record.note(now_ticks, datagram_event::refused, sender.mgt_class, sender.port);
-        record.become(datagram_state::held);
-        sender.leave();
+    const uint64_t new_id = last_transaction_id_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (!put_on_wire(client.port, record.datagram(), new_id)) {
+        record.note(now_ticks, datagram_event::refused, client.mgt_class, client.port);
+        record.set_state(datagram_state::held);
+        client.leave();
         count(counters_.refused);
         return -EK_BUSY;
     }
-    record.note(now_ticks, datagram_event::posted, sender.mgt_class, sender.port);
+    record.note(now_ticks, datagram_event::posted, client.mgt_class, client.port);
     count(counters_.posted);
-    if (transaction_id) *transaction_id = assigned;
-    exec::preemption_point(); // the answer may be here before the send completes
-    lock_guard lock(mutex_);
-    queue(record, lock, !record.home.runs_low());
+    if (transaction_id) *transaction_id = new_id;
+    exec::preemption_point(); // the answer may arrive before the send completes
+    std::unique_lock lock(mutex_);
+    queue(record, lock, !record.pool.runs_low());
     return 0;
 }
 
-// The client sees the AttributeID in host order only, after a refused post as after a completion.
+// Sends a datagram; false: the fabric refused it. The AttributeID is in wire order only during the send: the client
+// sees it in host order, after a completion and after a failure.
 bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id)
 {
     mad_hdr_t& header = header_of(datagram);
-    const mad_hdr_t as_handed_over = header;
+    const mad_hdr_t original_header = header;
     header.transact_id = to_wire(transaction_id);
     header.attrib_id = __builtin_bswap16(header.attrib_id);
     const fabric::address destination = destination_of(datagram);
     const auto& mad = reinterpret_cast<const fabric::mad_bytes&>(datagram.mad);
-    registrations_.leaving(port, destination.lid, mad); // the answer may be here before send() returns
+    registrations_.note_request(port, destination.lid, mad); // the answer may arrive before send() returns
     const bool is_accepted = hca_.send(port, destination, mad);
-    if (!is_accepted) registrations_.not_taken(mad);
-    header.attrib_id = as_handed_over.attrib_id;
-    if (!is_accepted) header.transact_id = as_handed_over.transact_id;
+    if (!is_accepted) registrations_.note_send_failure(mad);
+    header.attrib_id = original_header.attrib_id;
+    if (!is_accepted) header.transact_id = original_header.transact_id;
     return is_accepted;
 }
 
 void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad)
 {
-    if (!(mad[method_byte] & MAD_METHOD_RESPONSE)) return count(counters_.dropped_no_response);
-    registrations_.arrived(mad);
-    lock_guard lock(mutex_);
+    if (!(mad[method_byte] & MAD_METHOD_RESPONSE)) {
+        count(counters_.dropped_no_response);
+        return;
+    }
+    registrations_.note_answer(mad);
+    std::unique_lock lock(mutex_);
     gsi_class_t* client = find(port, mad[class_byte]);
-    if (!client) return count(counters_.dropped_no_class);
+    if (!client) {
+        count(counters_.dropped_no_class);
+        return;
+    }
     datagram_record* record = receive_pool_->take();
-    if (!record) return count(counters_.dropped_no_datagram);
-    client->enter(); // cannot have ended: it would not have been found
+    if (!record) {
+        count(counters_.dropped_no_datagram);
+        return;
+    }
+    [[maybe_unused]] const bool is_registered = client->enter();
+    assert(is_registered); // deregister() needs the lock
     fill(record->datagram(), source, mad);
     record->client = client;
     record->note(home_.exec().now(), datagram_event::received, client->mgt_class, client->port);
-    record->become(datagram_state::received);
+    record->set_state(datagram_state::received);
     queue(*record, lock, true);
 }
 
@@ -188,54 +198,90 @@ void gsi_adapter::may_complete(bool again)
 
 gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class) const
 {
-    for (gsi_class_t* each : registered_)
+    for (gsi_class_t* each : registered_classes_)
         if (each->port == port && each->mgt_class == mgt_class) return each;
     return nullptr;
 }
 
-// `may_be_deferred`: until the fabric calls may_complete(), if it will.
-void gsi_adapter::queue(datagram_record& record, lock_guard& lock, bool may_be_deferred)
+// Appends a datagram to the queue, and wakes the adapter's task unless another task completes it. Takes over the held
+// lock, and releases it. `may_be_deferred`: the datagram may wait for the next may_complete(), if there will be one.
+void gsi_adapter::queue(datagram_record& record, std::unique_lock<std::mutex>& lock, bool may_be_deferred)
 {
+    assert(lock.owns_lock());
+    assert(record.state() == datagram_state::posted || record.state() == datagram_state::received);
     record.next = nullptr;
-    (last_ ? last_->next : first_) = &record;
-    last_ = &record;
-    const bool ring = !completing_ && !(will_be_called_ && may_be_deferred);
+    if (queue_tail_)
+        queue_tail_->next = &record;
+    else
+        queue_head_ = &record;
+    queue_tail_ = &record;
+    const bool is_deferred = will_be_called_ && may_be_deferred;
+    const bool needs_task = !is_completing_ && !is_deferred;
     lock.unlock();
-    if (ring) task_.ring();
+    if (needs_task) task_.ring();
 }
 
-// False: there was nothing to do, or it is being done.
+// Runs the completion context until the queue is empty. False: the queue was empty, or another task runs the context.
 bool gsi_adapter::complete()
 {
-    datagram_record* batch = take_all(false);
+    datagram_record* batch = first_batch();
     if (!batch) return false;
     const exec::atomic_section no_sleep(context_name_.c_str());
-    do {
-        const uint64_t now_ticks = home_.exec().now();
-        while (batch) hand_out(*std::exchange(batch, batch->next), now_ticks);
-        batch = take_all(true);
-    } while (batch);
+    while (batch) {
+        hand_out_batch(batch);
+        batch = next_batch();
+    }
     return true;
 }
 
-datagram_record* gsi_adapter::take_all(bool goes_on)
+// Enters the completion context and takes the queue. Null, and not entered: the queue is empty, or another task is
+// inside.
+datagram_record* gsi_adapter::first_batch()
 {
     const std::lock_guard lock(mutex_);
-    if (completing_ && !goes_on) return nullptr;
-    completing_ = first_ != nullptr;
-    last_ = nullptr;
-    return std::exchange(first_, nullptr);
+    if (is_completing_ || !queue_head_) return nullptr;
+    is_completing_ = true;
+    return take_queue();
+}
+
+// Takes what has been queued since. Null: the queue is empty, and the completion context has been left.
+datagram_record* gsi_adapter::next_batch()
+{
+    const std::lock_guard lock(mutex_);
+    assert(is_completing_);
+    is_completing_ = queue_head_ != nullptr;
+    return take_queue();
+}
+
+datagram_record* gsi_adapter::take_queue()
+{
+    datagram_record* batch = queue_head_;
+    queue_head_ = nullptr;
+    queue_tail_ = nullptr;
+    return batch;
+}
+
+void gsi_adapter::hand_out_batch(datagram_record* batch)
+{
+    const uint64_t now_ticks = home_.exec().now();
+    while (batch) {
+        datagram_record& record = *batch;
+        batch = record.next; // the callback may put the datagram back, which changes `next`
+        hand_out(record, now_ticks);
+    }
 }
 
 void gsi_adapter::hand_out(datagram_record& record, uint64_t now_ticks)
 {
     gsi_class_t& client = *record.client;
     const bool was_posted = record.state() == datagram_state::posted;
-    record.note(now_ticks, was_posted ? datagram_event::sent : datagram_event::delivered, client.mgt_class,
-                client.port);
-    record.become(datagram_state::held);
+    assert(was_posted || record.state() == datagram_state::received);
+    const datagram_event event = was_posted ? datagram_event::sent : datagram_event::delivered;
+    const gsi_completion_fn_t callback = was_posted ? client.send_callback : client.receive_callback;
+    record.note(now_ticks, event, client.mgt_class, client.port);
+    record.set_state(datagram_state::held);
     count(was_posted ? counters_.completed : counters_.delivered);
-    (was_posted ? client.sent : client.received)(&client, client.context, &record.datagram());
+    callback(&client, client.context, &record.datagram());
     client.leave();
 }
 

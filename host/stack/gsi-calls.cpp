@@ -1,4 +1,4 @@
-// gsi.h, led to the GSI service of the calling machine.
+// Implements gsi.h with the GSI service of the calling machine.
 #include "host/stack/gsi-service.h"
 #include "kernel/errno.h"
 
@@ -34,8 +34,8 @@ int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* 
                                                                .port = static_cast<uint8_t>(port_num),
                                                                .mgt_class = mgt_class,
                                                                .class_ver = class_ver,
-                                                               .sent = sent,
-                                                               .received = received,
+                                                               .send_callback = sent,
+                                                               .receive_callback = received,
                                                                .context = context});
     return adapter->register_class(std::move(client), handle);
 }
@@ -53,10 +53,10 @@ int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, con
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (size < 1 || !pool || !name) return -EK_INVAL;
-    datagram_pool* made =
+    datagram_pool* new_pool =
         home.get<stack::gsi>().create_pool(name, static_cast<size_t>(size), __builtin_return_address(0));
-    if (!made) return -EK_NOMEM;
-    *pool = reinterpret_cast<gsi_dtgrm_pool_handle_t>(made);
+    if (!new_pool) return -EK_NOMEM;
+    *pool = reinterpret_cast<gsi_dtgrm_pool_handle_t>(new_pool);
     return 0;
 }
 
@@ -72,24 +72,24 @@ int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm)
     exec::preemption_point();
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (!pool || !dtgrm) return -EK_INVAL;
-    datagram_record* taken = pool_of(pool)->take();
-    if (!taken) return -EK_NOMEM;
-    taken->note(home.exec().now(), stack::datagram_event::taken);
-    *dtgrm = &taken->datagram();
+    datagram_record* record = pool_of(pool)->take();
+    if (!record) return -EK_NOMEM;
+    record->note(home.exec().now(), stack::datagram_event::taken);
+    *dtgrm = &record->datagram();
     return 0;
 }
 
 void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm)
 {
-    datagram_record& returned = datagram_record::of(dtgrm, __func__);
-    returned.home.put(returned);
+    datagram_record& record = datagram_record::record_of(dtgrm, __func__);
+    record.pool.put(record);
     exec::preemption_point();
 }
 
 int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id)
 {
     kernel::machine& home = current_machine(__func__);
-    datagram_record& record = datagram_record::of(dtgrm, __func__);
+    datagram_record& record = datagram_record::record_of(dtgrm, __func__);
     exec::preemption_point();
     if (home.faults.should_fail(__func__)) return -EK_BUSY;
     if (!handle) return -EK_INVAL;

@@ -9,7 +9,7 @@ namespace stack
 
 gsi::gsi(kernel::machine& home) : home_(home)
 {
-    home.get<hca_hubs>(); // goes after this service
+    home.get<hca_hubs>(); // created first, so that it is destroyed after this service
 }
 
 gsi::~gsi()
@@ -20,48 +20,48 @@ gsi::~gsi()
 
 gsi_adapter* gsi::adapter(const char* name_in_stack)
 {
-    fabric::hca* plugged = find_hca(home_, name_in_stack);
-    if (!plugged) return nullptr;
+    fabric::hca* hca = find_hca(home_, name_in_stack);
+    if (!hca) return nullptr;
     const std::lock_guard lock(mutex_);
     for (const auto& each : adapters_)
-        if (&each->hca() == plugged) return each.get();
-    adapters_.push_back(std::make_unique<gsi_adapter>(home_, *plugged, last_transaction_id_));
+        if (&each->hca() == hca) return each.get();
+    adapters_.push_back(std::make_unique<gsi_adapter>(home_, *hca, last_transaction_id_));
     return adapters_.back().get();
 }
 
 datagram_pool* gsi::create_pool(const char* name, size_t size, const void* creator)
 {
-    std::unique_ptr<datagram_pool> made = datagram_pool::make(home_.exec(), name, size);
-    if (!made) return nullptr;
-    home_.addresses.add_object(made->memory(), made->memory_bytes());
+    std::unique_ptr<datagram_pool> pool = datagram_pool::make(home_.exec(), name, size);
+    if (!pool) return nullptr;
+    home_.addresses.add_object(pool->memory(), pool->memory_bytes());
     const std::lock_guard lock(mutex_);
-    pools_.push_back(std::move(made));
+    pools_.push_back(std::move(pool));
     creators_[pools_.back().get()] = creator;
     return pools_.back().get();
 }
 
 bool gsi::destroy_pool(const datagram_pool* pool)
 {
-    std::unique_ptr<datagram_pool> ending;
+    std::unique_ptr<datagram_pool> owner; // destroys the pool after the lock was released
     const std::lock_guard lock(mutex_);
-    const auto found = std::ranges::find(pools_, pool, &std::unique_ptr<datagram_pool>::get);
-    if (found == pools_.end()) return false;
-    ending = std::move(*found);
-    home_.addresses.remove(ending->memory());
-    pools_.erase(found);
+    const auto position = std::ranges::find(pools_, pool, &std::unique_ptr<datagram_pool>::get);
+    if (position == pools_.end()) return false;
+    owner = std::move(*position);
+    home_.addresses.remove(owner->memory());
+    pools_.erase(position);
     creators_.erase(pool);
     return true;
 }
 
-std::vector<std::string> gsi::left_by(const kernel::module_code& leaving) const
+std::vector<std::string> gsi::left_by(const kernel::module_code& module) const
 {
     const std::lock_guard lock(mutex_);
-    std::vector<std::string> left;
+    std::vector<std::string> leftovers;
     for (const auto& each : adapters_)
-        for (std::string& text : each->left_by(leaving)) left.push_back(std::move(text));
+        for (std::string& text : each->left_by(module)) leftovers.push_back(std::move(text));
     for (const auto& each : pools_)
-        if (leaving.holds(creators_.at(each.get()))) left.push_back("datagram pool '" + each->name() + "'");
-    return left;
+        if (module.holds(creators_.at(each.get()))) leftovers.push_back("datagram pool '" + each->name() + "'");
+    return leftovers;
 }
 
 std::vector<gsi_adapter_view> gsi::adapters() const

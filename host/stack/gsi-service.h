@@ -1,5 +1,5 @@
-// The GSI service of a machine: its HCAs as GSI sees them, its clients' datagram pools, and the transaction IDs, which
-// are the host's.
+// The GSI service of a machine: the GSI layer of each HCA, the datagram pools of its clients, and the transaction IDs
+// of the host.
 #pragma once
 
 #include <map>
@@ -30,31 +30,31 @@ class gsi final : public kernel::service
   public:
     explicit gsi(kernel::machine& home);
 
-    // What a client has not taken back (a class, a pool, a received datagram) is a hard error.
+    // A class, a pool or a received datagram that a client has not given back is a hard error.
     ~gsi() override;
 
     // For reports: the HCAs on which classes may be registered, and the pools.
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
 
-    // For reports: what the SA has said of the records that were registered through each HCA.
+    // For reports: the state of the records that were registered through each HCA.
     std::vector<registration_view> registrations() const;
 
-    std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
+    std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // Null: the machine has no HCA of that name. The first call for an HCA starts its completion task; throws a
-    // shortage when there is no room for it.
+    // The GSI layer of an HCA; null: the machine has no HCA of that name. The first call for an HCA starts its
+    // completion task, and throws a shortage when there is no room for it.
     gsi_adapter* adapter(const char* name_in_stack);
 
-    // `creator` is the calling code. Null: no memory.
+    // A new pool, which the service owns. `creator` is the address of the calling code. Null: no memory.
     datagram_pool* create_pool(const char* name, size_t size, const void* creator);
 
-    // False: there is no such pool.
+    // False: there is no such pool. A datagram that is not in the pool is a hard error.
     bool destroy_pool(const datagram_pool* pool);
 
   private:
     kernel::machine& home_;
-    std::atomic<uint64_t> last_transaction_id_{0}; // counted: no 2^32 of one host are ever under way at a time
+    std::atomic<uint64_t> last_transaction_id_{0}; // counts up; the low 32 bits differ for all requests in flight
     mutable std::mutex mutex_;
     std::vector<std::unique_ptr<gsi_adapter>> adapters_;
     std::map<const datagram_pool*, const void*> creators_; // the code that created each pool

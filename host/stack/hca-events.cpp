@@ -1,6 +1,7 @@
 #include "host/stack/hca-events.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "host/kernel/module-image.h"
 
@@ -12,11 +13,11 @@ namespace stack
 namespace
 {
 
-// Of one port, for one subscriber, link changes and SM changes each. Beyond it the oldest one goes.
-constexpr ptrdiff_t longest_queue = 16;
+// The most link changes of one port that wait for one subscriber; also the most SM changes. Then the oldest is dropped.
+constexpr ptrdiff_t queue_limit = 16;
 
-// The fabric tells of a change after the port reads it. A subscription that fell in between has told of the link
-// already when the fabric does, in the same tick or just behind its end.
+// The fabric reports a link-up after a read of the port shows it. If a subscription begins in between, it announces the
+// link first. The report of the fabric follows in the same tick or in the next one.
 constexpr uint64_t same_moment_ticks = 1;
 
 bool is_link_change(port_change change)
@@ -40,7 +41,7 @@ kq_async_record_t event_type_of(port_change change)
 } // namespace
 
 hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
-    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().of(adapter)), task_(home, adapter.name() + " events")
+    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().hub_of(adapter)), task_(home, adapter.name() + " events")
 {
     init_waitqueue_head_named(&callback_ended_, "the end of an event callback");
     task_.start([this] { run(); });
@@ -69,10 +70,10 @@ void hca_events::announce_active_ports(kq_hca_h_t handle)
     for (int port = 1; port <= hca_.port_count(); ++port) {
         if (hca_.read_port(port).state != fabric::link_state::active) continue;
         const std::lock_guard lock(mutex_);
-        subscription* to = find(handle);
-        if (!to) return;
-        port_progress& progress = to->ports[port - 1];
-        if (progress.link_heard) continue; // it knows at least as much as the port read
+        subscription* subscriber = find(handle);
+        if (!subscriber) return;
+        port_progress& progress = subscriber->ports[port - 1];
+        if (progress.has_link_report) continue; // the report is at least as new as the read
         progress.announced_tick = home_.exec().now();
         queue({handle, port, port_change::link_up, 0, true});
     }
@@ -82,9 +83,9 @@ bool hca_events::unsubscribe(kq_hca_h_t handle, kq_async_event_fn_t callback)
 {
     {
         const std::lock_guard lock(mutex_);
-        const subscription* ending = find(handle);
-        if (!ending || ending->callback != callback) return false;
-        if (running_ == handle && task_.is_current())
+        const subscription* subscriber = find(handle);
+        if (!subscriber || subscriber->callback != callback) return false;
+        if (called_handle_ == handle && task_.is_current())
             exec::panic("an event callback of %s ends its own subscription", hca_.name().c_str());
         std::erase_if(subscriptions_, [&](const subscription& each) { return each.handle == handle; });
         std::erase_if(queue_, [&](const event& each) { return each.handle == handle; });
@@ -112,47 +113,48 @@ bool hca_events::calls(const kernel::module_code& module) const
 bool hca_events::callback_runs(kq_hca_h_t handle) const
 {
     const std::lock_guard lock(mutex_);
-    return running_ == handle;
+    return called_handle_ == handle;
 }
 
 hca_events::subscription* hca_events::find(kq_hca_h_t handle)
 {
-    const auto found = std::ranges::find(subscriptions_, handle, &subscription::handle);
-    return found != subscriptions_.end() ? &*found : nullptr;
+    const auto position = std::ranges::find(subscriptions_, handle, &subscription::handle);
+    return position != subscriptions_.end() ? &*position : nullptr;
 }
 
 void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
 {
+    assert(port >= 1 && port <= hca_.port_count());
     const std::lock_guard lock(mutex_);
     for (subscription& each : subscriptions_) {
         if (is_link_change(change)) {
             const bool is_repeated = change == port_change::link_up && repeats_announcement(each, port);
-            each.ports[port - 1] = {.link_heard = true};
+            each.ports[port - 1] = {.has_link_report = true};
             if (is_repeated) continue;
         }
         queue({each.handle, port, change, new_sm_lid, false});
     }
 }
 
-bool hca_events::repeats_announcement(const subscription& of, int port) const
+// True if a link-up that the fabric reports now is the one that subscribe() has announced.
+bool hca_events::repeats_announcement(const subscription& subscriber, int port) const
 {
-    const uint64_t announced = of.ports[port - 1].announced_tick;
-    if (announced == exec::never) return false;
-    if (home_.exec().now() - announced <= same_moment_ticks) return true;
+    const uint64_t announced_tick = subscriber.ports[port - 1].announced_tick;
+    if (announced_tick == exec::never) return false;
+    if (home_.exec().now() - announced_tick <= same_moment_ticks) return true;
     return std::ranges::any_of(queue_, [&](const event& each) {
-        return each.handle == of.handle && each.port == port && each.is_announcement;
+        return each.handle == subscriber.handle && each.port == port && each.is_announcement;
     });
 }
 
-void hca_events::queue(const event& latest)
+void hca_events::queue(const event& new_event)
 {
-    const auto is_outdone = [&](const event& each) {
-        return each.handle == latest.handle && each.port == latest.port &&
-               is_link_change(each.change) == is_link_change(latest.change);
+    const auto is_alike = [&](const event& each) {
+        return each.handle == new_event.handle && each.port == new_event.port &&
+               is_link_change(each.change) == is_link_change(new_event.change);
     };
-    if (std::ranges::count_if(queue_, is_outdone) >= longest_queue)
-        queue_.erase(std::ranges::find_if(queue_, is_outdone));
-    queue_.push_back(latest);
+    if (std::ranges::count_if(queue_, is_alike) >= queue_limit) queue_.erase(std::ranges::find_if(queue_, is_alike));
+    queue_.push_back(new_event);
     task_.ring();
 }
 
@@ -171,8 +173,10 @@ bool hca_events::deliver_next()
         if (queue_.empty()) return false;
         const event next = queue_.front();
         queue_.pop_front();
-        running_ = next.handle;
-        callback = find(next.handle)->callback; // what is queued goes with its subscription
+        const subscription* subscriber = find(next.handle);
+        assert(subscriber); // the end of a subscription removes its events
+        called_handle_ = next.handle;
+        callback = subscriber->callback;
         record.event_type = event_type_of(next.change);
         record.hca_app_h = next.handle;
         record.port_num = static_cast<uint8_t>(next.port);
@@ -181,7 +185,7 @@ bool hca_events::deliver_next()
     callback(record);
     {
         const std::lock_guard lock(mutex_);
-        running_ = nullptr;
+        called_handle_ = nullptr;
     }
     wake_up_interruptible(&callback_ended_);
     return true;

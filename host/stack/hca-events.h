@@ -1,5 +1,5 @@
-// The events of one HCA on their way to those who subscribed: a queue, and one task that may sleep and makes one
-// callback at a time. A storm keeps the last events of a port only: what it came to in the end is never lost.
+// Delivers the events of one HCA to its subscribers: a queue, and one task that makes one callback at a time. A
+// callback may sleep. In a storm of events the oldest of a port are dropped, but never the last one.
 #pragma once
 
 #include <deque>
@@ -17,16 +17,17 @@ class hca_events final : public fabric::listener
   public:
     hca_events(kernel::machine& home, fabric::hca& adapter);
 
-    // A subscription that stands is a hard error.
+    // A subscription that has not ended is a hard error.
     ~hca_events();
 
     fabric::hca& hca() const { return hca_; }
 
-    // One subscription for each handle; false when there is one. A link-up follows for every port that is active,
-    // unless the fabric tells it meanwhile. May sleep.
+    // Subscribes a handle. False: it is subscribed already. The callback then gets a link-up for every active port,
+    // unless the fabric reports one at the same time. May sleep.
     bool subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
 
-    // False: there is no such subscription. May sleep; a hard error when the callback itself does this.
+    // Ends a subscription; then its callback neither runs nor will run. False: there is no such subscription. May
+    // sleep. A callback that ends its own subscription is a hard error.
     bool unsubscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
     bool is_subscribed(kq_hca_h_t handle) const;
 
@@ -38,8 +39,8 @@ class hca_events final : public fabric::listener
 
   private:
     struct port_progress {
-        bool link_heard = false;               // the fabric has told of the link since the subscription
-        uint64_t announced_tick = exec::never; // when the subscription told of the link itself
+        bool has_link_report = false;          // the fabric has reported the link since the subscription
+        uint64_t announced_tick = exec::never; // when subscribe() announced that the link is up; never: it did not
     };
     struct subscription {
         kq_hca_h_t handle;
@@ -56,8 +57,8 @@ class hca_events final : public fabric::listener
 
     // With mutex_ held.
     subscription* find(kq_hca_h_t handle);
-    bool repeats_announcement(const subscription& of, int port) const;
-    void queue(const event& latest);
+    bool repeats_announcement(const subscription& subscriber, int port) const;
+    void queue(const event& new_event);
 
     void announce_active_ports(kq_hca_h_t handle);
     bool callback_runs(kq_hca_h_t handle) const;
@@ -70,10 +71,10 @@ class hca_events final : public fabric::listener
     fabric::hca& hca_;
     hca_hub& hub_;
     wait_queue_head_t callback_ended_;
-    mutable std::mutex mutex_; // guards the rest, but for the task
+    mutable std::mutex mutex_; // guards the members below, except the task
     std::list<subscription> subscriptions_;
     std::deque<event> queue_;
-    kq_hca_h_t running_ = nullptr; // whose callback is at work
+    kq_hca_h_t called_handle_ = nullptr; // the subscriber whose callback runs; null: none
     service_task task_;
 };
 

@@ -8,62 +8,63 @@ namespace stack
 
 hca_hub::hca_hub(fabric::hca& adapter) : adapter_(adapter)
 {
-    sema_init_named(&changing_, 1, "HCA listeners");
+    sema_init_named(&change_semaphore_, 1, "HCA listeners");
 }
 
-void hca_hub::attach(fabric::listener& to)
+void hca_hub::attach(fabric::listener& listener)
 {
-    down(&changing_);
+    down(&change_semaphore_);
     bool is_first;
     {
         const std::lock_guard lock(mutex_);
-        is_first = attached_.empty();
-        const auto known = std::ranges::find(attached_, &to, &attached::listener);
-        if (known == attached_.end())
-            attached_.push_back({&to, 1});
+        is_first = listeners_.empty();
+        const auto entry = std::ranges::find(listeners_, &listener, &attached_listener::listener);
+        if (entry == listeners_.end())
+            listeners_.push_back({&listener, 1});
         else
-            ++known->times;
+            ++entry->attach_count;
     }
     if (is_first) adapter_.listen(this);
-    up(&changing_);
+    up(&change_semaphore_);
 }
 
-void hca_hub::detach(fabric::listener& from)
+void hca_hub::detach(fabric::listener& listener)
 {
-    down(&changing_);
+    down(&change_semaphore_);
     bool was_last = false;
     {
         const std::lock_guard lock(mutex_);
-        const auto known = std::ranges::find(attached_, &from, &attached::listener);
-        if (known == attached_.end()) exec::panic("%s: detach without attach", adapter_.name().c_str());
-        if (--known->times == 0) {
-            attached_.erase(known);
-            was_last = attached_.empty();
+        const auto entry = std::ranges::find(listeners_, &listener, &attached_listener::listener);
+        if (entry == listeners_.end()) exec::panic("%s: detach without attach", adapter_.name().c_str());
+        --entry->attach_count;
+        if (entry->attach_count == 0) {
+            listeners_.erase(entry);
+            was_last = listeners_.empty();
         }
     }
     if (was_last) adapter_.listen(nullptr);
-    up(&changing_);
+    up(&change_semaphore_);
 }
 
 void hca_hub::mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad)
 {
     const std::lock_guard lock(mutex_);
-    for (const attached& each : attached_) each.listener->mad_arrived(port, source, mad);
+    for (const attached_listener& each : listeners_) each.listener->mad_arrived(port, source, mad);
 }
 
 void hca_hub::may_complete(bool again)
 {
     const std::lock_guard lock(mutex_);
-    for (const attached& each : attached_) each.listener->may_complete(again);
+    for (const attached_listener& each : listeners_) each.listener->may_complete(again);
 }
 
 void hca_hub::port_changed(int port, fabric::port_change change, uint16_t new_sm_lid)
 {
     const std::lock_guard lock(mutex_);
-    for (const attached& each : attached_) each.listener->port_changed(port, change, new_sm_lid);
+    for (const attached_listener& each : listeners_) each.listener->port_changed(port, change, new_sm_lid);
 }
 
-hca_hub& hca_hubs::of(fabric::hca& adapter)
+hca_hub& hca_hubs::hub_of(fabric::hca& adapter)
 {
     const std::lock_guard lock(mutex_);
     std::unique_ptr<hca_hub>& hub = hubs_[&adapter];

@@ -1,5 +1,5 @@
-// An HCA tells one listener what happens at it; verbs and GSI both need to know. Each HCA of a machine has a hub that
-// listens as long as anybody is attached, and tells all of them.
+// An HCA has one listener, but verbs and GSI both need its events. Therefore each HCA of a machine has a hub. The hub
+// listens to the HCA while a listener is attached, and passes every event to all attached listeners.
 #pragma once
 
 #include <map>
@@ -20,40 +20,44 @@ class hca_hub final : public fabric::listener
   public:
     explicit hca_hub(fabric::hca& adapter);
 
-    // Tells `to` from now on. It is called with the hub locked: it does not sleep, and calls neither the hub nor
-    // the HCA, but for its send(). Attaching twice needs two detaches. May sleep.
-    void attach(fabric::listener& to);
+    // Calls `listener` from now on, with the hub locked. The listener must not sleep, and must not call the hub or the
+    // HCA, except for send(). Two calls of attach() need two of detach(). May sleep.
+    void attach(fabric::listener& listener);
 
-    // When this returns after the last attach is taken back, `from` is not running and is not called again. May sleep.
-    void detach(fabric::listener& from);
+    // Takes one attach() back. After the last one `listener` is not running and is not called again. A detach without
+    // an attach is a hard error. May sleep.
+    void detach(fabric::listener& listener);
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
     void may_complete(bool again) override;
     void port_changed(int port, fabric::port_change change, uint16_t new_sm_lid) override;
 
   private:
-    struct attached {
+    struct attached_listener {
         fabric::listener* listener;
-        int times;
+        int attach_count;
     };
     fabric::hca& adapter_;
-    semaphore changing_; // held over listen(), so that its calls come in the order of the changes
-    std::mutex mutex_;   // guards attached_; held over the listeners
-    std::vector<attached> attached_;
+    semaphore change_semaphore_; // held during listen(), so that its calls come in the order of the changes
+    std::mutex mutex_;           // guards listeners_; held while a listener is called
+    std::vector<attached_listener> listeners_;
 };
 
+// The hubs of a machine.
 class hca_hubs final : public kernel::service
 {
   public:
     explicit hca_hubs(kernel::machine&) {}
-    hca_hub& of(fabric::hca& adapter);
+
+    // The hub of an HCA; made by the first call, and owned by the service. Any context.
+    hca_hub& hub_of(fabric::hca& adapter);
 
   private:
     std::mutex mutex_;
     std::map<fabric::hca*, std::unique_ptr<hca_hub>> hubs_;
 };
 
-// What the HCA is called in the stack: names beyond 99 bytes are cut.
+// The HCA's name in the stack, where a name has at most 99 bytes.
 kq_hca_name name_in_stack(const fabric::hca& adapter);
 
 // The machine's HCA of that name, or null.

@@ -10,7 +10,7 @@ namespace stack
 namespace
 {
 
-constexpr size_t most_services = 16; // of one HCA; a client cannot make a host remember without end
+constexpr size_t most_services = 16; // of one HCA; bounds the memory that a client can use
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr size_t guid_offset = offsetof(sa_mad_v2_t, payload) + offsetof(ib_service_record_v2_t, service_gid) + 8;
 
@@ -49,24 +49,26 @@ uint64_t guid_in(const fabric::mad_bytes& mad)
 }
 
 template <class field_t>
-bool equal(const field_t& left, const field_t& right)
+bool equal(const field_t& first, const field_t& second)
 {
-    return std::memcmp(&left, &right, sizeof left) == 0;
+    return std::memcmp(&first, &second, sizeof first) == 0;
 }
 
-// True if the SA holds what was registered. The lease runs down, a key is not shown to everybody, and an SA may note
-// the P_Key with or without its membership bit.
-bool has_content_of(const ib_service_record_v2_t& held, const ib_service_record_v2_t& set)
+// True if the record of the SA has the registered content. Three fields may differ: the lease runs down, the SA hides
+// the key from most readers, and it may store the P_Key with or without the membership bit.
+bool has_content_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
 {
-    return equal(held.service_id, set.service_id) && equal(held.service_gid, set.service_gid) &&
-           equal(held.service_name, set.service_name) && equal(held.service_data8, set.service_data8) &&
-           equal(held.service_data16, set.service_data16) && equal(held.service_data32, set.service_data32) &&
-           equal(held.service_data64, set.service_data64);
+    return equal(sa_record.service_id, set_record.service_id) && equal(sa_record.service_gid, set_record.service_gid) &&
+           equal(sa_record.service_name, set_record.service_name) &&
+           equal(sa_record.service_data8, set_record.service_data8) &&
+           equal(sa_record.service_data16, set_record.service_data16) &&
+           equal(sa_record.service_data32, set_record.service_data32) &&
+           equal(sa_record.service_data64, set_record.service_data64);
 }
 
 } // namespace
 
-void registrations::leaving(int port, uint16_t lid, const fabric::mad_bytes& mad)
+void registrations::note_request(int port, uint16_t lid, const fabric::mad_bytes& mad)
 {
     const mad_hdr_t header = header_of(mad);
     if (!is_of_service_record(header)) return;
@@ -79,7 +81,7 @@ void registrations::leaving(int port, uint16_t lid, const fabric::mad_bytes& mad
     const ib_service_record_v2_t record = record_in(mad);
     const uint64_t transaction = from_wire(header.transact_id);
     const std::lock_guard lock(mutex_);
-    watched* entry = find(record);
+    watched_registration* entry = find(record);
     if (is_set) {
         if (!entry && entries_.size() >= most_services) return;
         if (!entry) entry = &entries_.emplace_back();
@@ -91,18 +93,18 @@ void registrations::leaving(int port, uint16_t lid, const fabric::mad_bytes& mad
         own_guid_ = guid_in(mad);
     } else if (!entry || !equal(entry->record.service_gid, record.service_gid) ||
                (is_check && entry->is_unanswered && entry->method != MAD_METHOD_GET)) {
-        return; // another GID, or a question about what is just being changed
+        return; // it is about another GID, or about a record that a Set or a Delete is changing
     }
     await(*entry, method, transaction);
     publish();
 }
 
-void registrations::not_taken(const fabric::mad_bytes& mad)
+void registrations::note_send_failure(const fabric::mad_bytes& mad)
 {
     const mad_hdr_t header = header_of(mad);
     if (!is_of_service_record(header)) return;
     const std::lock_guard lock(mutex_);
-    for (watched& entry : entries_) {
+    for (watched_registration& entry : entries_) {
         if (!entry.is_unanswered || entry.transaction != from_wire(header.transact_id)) continue;
         entry.is_unanswered = false;
         if (entry.method == MAD_METHOD_SET) entry.state = registration_state::not_sent;
@@ -110,7 +112,7 @@ void registrations::not_taken(const fabric::mad_bytes& mad)
     publish();
 }
 
-void registrations::arrived(const fabric::mad_bytes& mad)
+void registrations::note_answer(const fabric::mad_bytes& mad)
 {
     if (!awaits_answer_ && guid_in(mad) != own_guid_) return;
     const mad_hdr_t header = header_of(mad);
@@ -119,12 +121,13 @@ void registrations::arrived(const fabric::mad_bytes& mad)
     const uint16_t status = from_wire(header.u.ns.status.raw16);
     const ib_service_record_v2_t record = record_in(mad);
     const std::lock_guard lock(mutex_);
-    for (watched& entry : entries_) {
+    for (watched_registration& entry : entries_) {
         const bool is_awaited = entry.is_unanswered && entry.transaction == transaction;
+        const bool shows_record = header.m.method == MAD_METHOD_GET && status == 0 &&
+                                  has_content_of(record, entry.record) && entry.state != registration_state::withdrawn;
         if (is_awaited)
             take_answer(entry, status, record);
-        else if (header.m.method == MAD_METHOD_GET && status == 0 && has_content_of(record, entry.record) &&
-                 entry.state != registration_state::withdrawn)
+        else if (shows_record)
             confirm(entry); // the answer to a lookup of this host
     }
     publish();
@@ -136,15 +139,15 @@ std::vector<registration> registrations::list() const
     return {entries_.begin(), entries_.end()};
 }
 
-registrations::watched* registrations::find(const ib_service_record_v2_t& record)
+registrations::watched_registration* registrations::find(const ib_service_record_v2_t& record)
 {
-    for (watched& entry : entries_)
+    for (watched_registration& entry : entries_)
         if (equal(entry.record.service_id, record.service_id)) return &entry;
     return nullptr;
 }
 
-// A request that repeats one without an answer has waited since that one left.
-void registrations::await(watched& entry, uint8_t method, uint64_t transaction) const
+// Notes a request that waits for its answer. If it repeats an unanswered request, the time of that one stays.
+void registrations::await(watched_registration& entry, uint8_t method, uint64_t transaction) const
 {
     if (!entry.is_unanswered || entry.method != method) entry.unanswered_tick = exec_.now();
     entry.is_unanswered = true;
@@ -152,7 +155,7 @@ void registrations::await(watched& entry, uint8_t method, uint64_t transaction) 
     entry.transaction = transaction;
 }
 
-void registrations::confirm(watched& entry) const
+void registrations::confirm(watched_registration& entry) const
 {
     entry.state = registration_state::confirmed;
     entry.confirmed_tick = exec_.now();
@@ -160,30 +163,36 @@ void registrations::confirm(watched& entry) const
     entry.is_unanswered = false;
 }
 
-// The answer to the request that waits. A refused Delete and a refused Get say nothing of the record, except that there
-// is none.
-void registrations::take_answer(watched& entry, uint16_t status, const ib_service_record_v2_t& record) const
+// Takes the answer to the request that waits. The error status of a Delete or a Get tells nothing about the record,
+// except ERR_NO_RECORDS: there is none.
+void registrations::take_answer(watched_registration& entry, uint16_t status,
+                                const ib_service_record_v2_t& record) const
 {
     entry.is_unanswered = false;
     entry.status = status;
     if (entry.method == MAD_METHOD_SET) {
-        if (status == 0) return confirm(entry);
-        entry.state = registration_state::refused;
+        if (status == 0)
+            confirm(entry);
+        else
+            entry.state = registration_state::refused;
     } else if (status == status_word(SA_STATUS_NO_RECORDS)) {
         entry.state = registration_state::missing;
     } else if (status == 0 && entry.method == MAD_METHOD_DELETE) {
         entry.state = registration_state::withdrawn;
     } else if (status == 0) {
-        if (has_content_of(record, entry.record)) return confirm(entry);
-        entry.state = registration_state::different;
-        entry.held = record;
+        if (has_content_of(record, entry.record)) {
+            confirm(entry);
+        } else {
+            entry.state = registration_state::different;
+            entry.sa_record = record;
+        }
     }
 }
 
-// With the lock held, after every change.
+// After every change of the entries.
 void registrations::publish()
 {
-    awaits_answer_ = std::ranges::any_of(entries_, &watched::is_unanswered);
+    awaits_answer_ = std::ranges::any_of(entries_, &watched_registration::is_unanswered);
 }
 
 } // namespace stack
