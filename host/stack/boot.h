@@ -1,4 +1,4 @@
-// Brings up what a machine's stack needs to run, before a module is loaded.
+// Starts the tasks of a machine's stack before a module is loaded.
 #pragma once
 
 #include "host/kernel/machine.h"
@@ -6,8 +6,9 @@
 namespace stack
 {
 
-// Starts the tasks of the timers and, for every HCA that is plugged, those of verbs and GSI. Modules then start none by
-// their calls, most of which could not report that there is no room for a task. Throws a shortage when there is none.
+// Starts the tasks of the timers, and those of verbs and GSI for every HCA that is plugged. Calls of modules then start
+// no task; most of them could not report a shortage. Throws a shortage when there is no room for a task. Once for a
+// machine.
 void boot(kernel::machine& home);
 
 } // namespace stack

@@ -1,4 +1,4 @@
-// repository.h, led to the registry of the calling machine.
+// Implements repository.h with the registry of the calling machine.
 #include "host/stack/registry.h"
 #include "kernel/errno.h"
 

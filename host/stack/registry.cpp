@@ -36,32 +36,32 @@ bool is_at_or_below(const std::string& path, const std::string& top)
 
 registry::registry(kernel::machine& home) : home_(home)
 {
-    sema_init_named(&changes_, 1, "registry changes");
+    sema_init_named(&change_semaphore_, 1, "registry changes");
     make_key("");
     make_key(logger::registry_key).values[logger::registry_value_name] = home.modules.logger_level();
-    rep_notifier_t never_taken_back;
+    rep_notifier_t unused_notifier; // this subscription lives as long as the registry
     rep_key_t logger_key;
     open(root, logger::registry_key, &logger_key, nullptr);
-    follow(logger_key, logger::level_changed, &home, &never_taken_back);
+    follow(logger_key, logger::level_changed, &home, &unused_notifier);
     close(logger_key);
 }
 
 void registry::set(const std::string& path, const std::string& name, intptr_t value)
 {
     home_.enter("registry", [&] {
-        const std::string changed = normal_path(path);
-        down(&changes_);
+        const std::string key_path = normal_path(path);
+        down(&change_semaphore_);
         std::vector<subscription> followers;
         {
             const std::lock_guard lock(mutex_);
-            make_key(changed).values[name] = value;
-            followers = followers_of(changed);
+            make_key(key_path).values[name] = value;
+            followers = followers_of(key_path);
         }
         for (const subscription& follower : followers) {
             const exec::atomic_section no_sleep("a registry notification");
-            follower.changed(name.c_str(), value, follower.context);
+            follower.callback(name.c_str(), value, follower.context);
         }
-        up(&changes_);
+        up(&change_semaphore_);
     });
 }
 
@@ -70,9 +70,9 @@ bool registry::get(const std::string& path, const std::string& name, intptr_t* v
     const std::lock_guard lock(mutex_);
     const auto holder = keys_.find(normal_path(path));
     if (holder == keys_.end()) return false;
-    const auto found = holder->second.values.find(name);
-    if (found == holder->second.values.end()) return false;
-    *value = found->second;
+    const auto entry = holder->second.values.find(name);
+    if (entry == holder->second.values.end()) return false;
+    *value = entry->second;
     return true;
 }
 
@@ -96,99 +96,100 @@ std::vector<registry_value> registry::list(const std::string& path) const
     return values;
 }
 
-std::vector<std::string> registry::left_by(const kernel::module_code& leaving) const
+std::vector<std::string> registry::left_by(const kernel::module_code& module) const
 {
     const std::lock_guard lock(mutex_);
-    std::vector<std::string> left;
+    std::vector<std::string> leftovers;
     for (const auto& [handle, each] : open_)
-        if (leaving.holds(each.opener)) left.push_back("open registry key " + each.to.path);
+        if (module.holds(each.opener)) leftovers.push_back("open registry key " + each.target.path);
     for (const auto& [notifier, each] : subscriptions_)
-        if (leaving.holds(each.changed) || leaving.holds(each.context))
-            left.push_back("a subscription to the registry key " + each.to.path);
-    return left;
+        if (module.holds(each.callback) || module.holds(each.context))
+            leftovers.push_back("a subscription to the registry key " + each.target.path);
+    return leftovers;
 }
 
-int registry::open(rep_key_t parent, const char* path, rep_key_t* opened, const void* opener)
+int registry::open(rep_key_t parent, const char* path, rep_key_t* handle, const void* opener)
 {
     const std::lock_guard lock(mutex_);
     std::string parent_path;
     if (!find(parent, &parent_path)) return -EK_INVAL;
-    const std::string wanted = below(parent_path, path);
-    const auto found = keys_.find(wanted);
-    if (found == keys_.end()) return -EK_NOENT;
-    *opened = next_handle_++;
-    open_[*opened] = {{wanted, found->second.serial}, opener};
+    const std::string key_path = below(parent_path, path);
+    const auto entry = keys_.find(key_path);
+    if (entry == keys_.end()) return -EK_NOENT;
+    *handle = next_handle_++;
+    open_[*handle] = {{key_path, entry->second.serial}, opener};
     return 0;
 }
 
-int registry::read(rep_key_t of, const char* name, intptr_t* value) const
+int registry::read(rep_key_t handle, const char* name, intptr_t* value) const
 {
     const std::lock_guard lock(mutex_);
-    const key* holder = find(of, nullptr);
+    const key* holder = find(handle, nullptr);
     if (!holder) return -EK_INVAL;
-    const auto found = holder->values.find(name);
-    if (found == holder->values.end()) return -EK_NOENT;
-    *value = found->second;
+    const auto entry = holder->values.find(name);
+    if (entry == holder->values.end()) return -EK_NOENT;
+    *value = entry->second;
     return 0;
 }
 
-int registry::follow(rep_key_t followed, rep_change_fn_t changed, void* context, rep_notifier_t* notifier)
+int registry::follow(rep_key_t handle, rep_change_fn_t callback, void* context, rep_notifier_t* notifier)
 {
     const std::lock_guard lock(mutex_);
     std::string path;
-    const key* holder = find(followed, &path);
+    const key* holder = find(handle, &path);
     if (!holder) return -EK_INVAL;
     *notifier = next_handle_++;
-    subscriptions_[*notifier] = {{path, holder->serial}, changed, context};
+    subscriptions_[*notifier] = {{path, holder->serial}, callback, context};
     return 0;
 }
 
-void registry::close(rep_key_t closed)
+void registry::close(rep_key_t handle)
 {
     const std::lock_guard lock(mutex_);
-    open_.erase(closed);
+    open_.erase(handle);
 }
 
 void registry::unfollow(rep_notifier_t notifier)
 {
     if (notifier == 0) return;
-    down(&changes_);
+    down(&change_semaphore_);
     {
         const std::lock_guard lock(mutex_);
         subscriptions_.erase(notifier);
     }
-    up(&changes_);
+    up(&change_semaphore_);
 }
 
 registry::key& registry::make_key(const std::string& path)
 {
     for (size_t end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1))
         if (keys_.try_emplace(path.substr(0, end), key{next_serial_, {}}).second) ++next_serial_;
-    const auto [made, is_new] = keys_.try_emplace(path, key{next_serial_, {}});
+    const auto [entry, is_new] = keys_.try_emplace(path, key{next_serial_, {}});
     if (is_new) ++next_serial_;
-    return made->second;
+    return entry->second;
 }
 
-const registry::key* registry::find(const reference& to) const
+const registry::key* registry::find(const reference& target) const
 {
-    const auto found = keys_.find(to.path);
-    return found != keys_.end() && found->second.serial == to.serial ? &found->second : nullptr;
+    const auto entry = keys_.find(target.path);
+    const bool exists = entry != keys_.end() && entry->second.serial == target.serial;
+    return exists ? &entry->second : nullptr;
 }
 
 const registry::key* registry::find(rep_key_t handle, std::string* path) const
 {
     if (handle == root) return &keys_.at("");
-    const auto opened = open_.find(handle);
-    if (opened == open_.end()) return nullptr;
-    if (path) *path = opened->second.to.path;
-    return find(opened->second.to);
+    const auto entry = open_.find(handle);
+    if (entry == open_.end()) return nullptr;
+    if (path) *path = entry->second.target.path;
+    return find(entry->second.target);
 }
 
 std::vector<registry::subscription> registry::followers_of(const std::string& path) const
 {
     std::vector<subscription> followers;
     for (const auto& [handle, each] : subscriptions_)
-        if (each.to.path == path && find(each.to)) followers.push_back(each);
+        if (each.target.path == path && find(each.target)) followers.push_back(each);
     return followers;
 }
 

@@ -1,30 +1,34 @@
 #include "host/stack/service-task.h"
 
+#include <cassert>
+
 namespace stack
 {
 
 void service_task::start(std::function<void()> body)
 {
+    assert(!task_);
     task_ = &home_.start(name_, std::move(body));
-    // Who rang before the task was known here rang in vain.
-    ring();
+    ring(); // a ring() before task_ was set had no effect; repeat it
 }
 
 void service_task::ring()
 {
-    if (exec::task* rung = task_) home_.exec().wake(*rung);
+    exec::task* task = task_;
+    if (task) home_.exec().wake(*task);
 }
 
 void service_task::sleep(uint64_t deadline, const char* reason) const
 {
-    if (!stopping_) home_.exec().park(deadline, reason, name_.c_str());
+    if (!is_stopping_) home_.exec().park(deadline, reason, name_.c_str());
 }
 
 void service_task::stop()
 {
-    stopping_ = true;
+    is_stopping_ = true;
     ring();
-    if (exec::task* ending = task_.exchange(nullptr)) home_.exec().join(*ending);
+    exec::task* task = task_.exchange(nullptr);
+    if (task) home_.exec().join(*task);
 }
 
 } // namespace stack

@@ -1,11 +1,12 @@
-// The armed timers of one context by deadline, and by record. What a disarmed timer leaves behind serves the next one,
-// so that arming allocates only while more timers are armed than ever before. The caller guards it.
+// The armed timers of one context, by deadline and by record. The memory of a disarmed timer serves the next one, so
+// that arming allocates only when more timers are armed than ever before. The caller guards the queue.
 #pragma once
 
-#include <compare>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <set>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -14,7 +15,7 @@
 namespace stack
 {
 
-// What was asked for when the timer was armed; its record is not looked at again.
+// A copy of the timer's record when it was armed. The record itself is not read again.
 struct armed_timer {
     uint64_t expires_tick;
     uint64_t number; // in the order of arming
@@ -25,44 +26,49 @@ struct armed_timer {
     // Timers of one tick are due in the order in which they were armed.
     bool operator<(const armed_timer& other) const
     {
-        return expires_tick != other.expires_tick ? expires_tick < other.expires_tick : number < other.number;
+        return std::tie(expires_tick, number) < std::tie(other.expires_tick, other.number);
     }
 };
 
 class timer_queue
 {
   public:
-    size_t size() const { return by_deadline_.size(); }
+    size_t size() const { return timers_by_deadline_.size(); }
 
-    // All of them, by deadline.
-    const std::set<armed_timer>& all() const { return by_deadline_; }
+    // The armed timers, by deadline.
+    const std::set<armed_timer>& all() const { return timers_by_deadline_; }
 
-    // The next one to run; there must be one.
-    const armed_timer& first() const { return *by_deadline_.begin(); }
+    // The timer that runs next. The queue is not empty.
+    const armed_timer& first() const
+    {
+        assert(size() > 0);
+        return *timers_by_deadline_.begin();
+    }
     bool is_due(uint64_t now_ticks) const { return size() > 0 && first().expires_tick <= now_ticks; }
 
-    // The record must not be armed.
+    // Its record is not armed.
     void add(const armed_timer& timer)
     {
+        assert(!timers_by_record_.contains(timer.record));
         if (spare_.empty()) {
-            by_record_.emplace(timer.record, by_deadline_.insert(timer).first);
+            timers_by_record_.emplace(timer.record, timers_by_deadline_.insert(timer).first);
             return;
         }
         spare_nodes nodes = std::move(spare_.back());
         spare_.pop_back();
         nodes.timer.value() = timer;
         nodes.place.key() = timer.record;
-        nodes.place.mapped() = by_deadline_.insert(std::move(nodes.timer)).position;
-        by_record_.insert(std::move(nodes.place));
+        nodes.place.mapped() = timers_by_deadline_.insert(std::move(nodes.timer)).position;
+        timers_by_record_.insert(std::move(nodes.place));
     }
 
-    // Nothing happens when the record is not armed.
+    // Has no effect on a record that is not armed.
     void remove(const timing_t* record)
     {
-        auto place = by_record_.extract(record);
+        auto place = timers_by_record_.extract(record);
         if (place.empty()) return;
         const auto timer = place.mapped();
-        spare_.push_back({by_deadline_.extract(timer), std::move(place)});
+        spare_.push_back({timers_by_deadline_.extract(timer), std::move(place)});
     }
 
   private:
@@ -73,8 +79,8 @@ class timer_queue
         record_map::node_type place;
     };
 
-    deadline_set by_deadline_;
-    record_map by_record_;
+    deadline_set timers_by_deadline_;
+    record_map timers_by_record_;
     std::vector<spare_nodes> spare_;
 };
 

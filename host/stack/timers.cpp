@@ -20,10 +20,10 @@ timers::~timers()
 {
     sleeping_.task.stop();
     atomic_.task.stop();
-    if (const size_t left = armed(); left > 0) {
+    if (const size_t count = armed(); count > 0) {
         const lane& holder = atomic_.queue.size() > 0 ? atomic_ : sleeping_;
         const armed_timer& first = holder.queue.first();
-        exec::panic("machine %s goes with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(), left,
+        exec::panic("machine %s goes with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(), count,
                     reinterpret_cast<const void*>(first.function), static_cast<unsigned long long>(first.expires_tick));
     }
 }
@@ -33,7 +33,7 @@ void timers::arm(const timing_t& timer)
     if (!timer.function) exec::panic("add_timing: the timer has no function");
     const std::lock_guard lock(mutex_);
     for (lane* each : {&atomic_, &sleeping_}) {
-        if (each->running == &timer && each->arming_is_void) return;
+        if (each->running_timer == &timer && each->is_arming_void) return;
         each->queue.remove(&timer);
     }
     lane& home_lane = timer.atomic ? atomic_ : sleeping_;
@@ -49,16 +49,16 @@ void timers::disarm_and_wait(const timing_t& timer)
     finish_wait(&handler_ended_, &sleeper);
 }
 
-// Disarms the timer, and sees to it that a handler at work cannot arm it again.
+// Disarms the timer. True: its handler runs; then the handler cannot arm the timer again.
 bool timers::still_runs(const timing_t& timer)
 {
     const std::lock_guard lock(mutex_);
     bool runs = false;
     for (lane* each : {&atomic_, &sleeping_}) {
         each->queue.remove(&timer);
-        if (each->running != &timer) continue;
+        if (each->running_timer != &timer) continue;
         if (each->task.is_current()) exec::panic("del_timing_sync: a timer's handler deletes its own timer");
-        each->arming_is_void = true;
+        each->is_arming_void = true;
         runs = true;
     }
     return runs;
@@ -70,25 +70,27 @@ size_t timers::armed() const
     return atomic_.queue.size() + sleeping_.queue.size();
 }
 
-std::vector<std::string> timers::left_by(const kernel::module_code& leaving) const
+std::vector<std::string> timers::left_by(const kernel::module_code& module) const
 {
     const std::lock_guard lock(mutex_);
-    std::vector<std::string> left;
+    std::vector<std::string> leftovers;
     for (const lane* each : {&atomic_, &sleeping_}) {
         for (const armed_timer& timer : each->queue.all())
-            if (leaving.holds(timer.function))
-                left.push_back("a timer that calls " + leaving.place(timer.function) + " at tick " +
-                               std::to_string(timer.expires_tick));
-        if (each->running && leaving.holds(each->handler))
-            left.push_back("a timer whose handler " + leaving.place(each->handler) + " runs");
+            if (module.holds(timer.function))
+                leftovers.push_back("a timer that calls " + module.place(timer.function) + " at tick " +
+                                    std::to_string(timer.expires_tick));
+        if (each->running_timer && module.holds(each->running_handler))
+            leftovers.push_back("a timer whose handler " + module.place(each->running_handler) + " runs");
     }
-    return left;
+    return leftovers;
 }
 
 void timers::run(lane& self)
 {
-    while (!self.task.is_stopping())
-        if (!run_next(self) && !run_idle_work(self)) self.task.sleep(next_deadline(self), "timers");
+    while (!self.task.is_stopping()) {
+        const bool has_worked = run_next(self) || run_idle_work(self);
+        if (!has_worked) self.task.sleep(next_deadline(self), "timers");
+    }
 }
 
 void timers::set_idle_work(std::function<bool()> work)
@@ -115,8 +117,8 @@ bool timers::run_next(lane& self)
     }
     {
         const std::lock_guard lock(mutex_);
-        self.running = nullptr;
-        self.arming_is_void = false;
+        self.running_timer = nullptr;
+        self.is_arming_void = false;
     }
     wake_up_interruptible(&handler_ended_);
     return true;
@@ -127,27 +129,30 @@ bool timers::take_next(lane& self, armed_timer& next)
     const uint64_t now = home_.exec().now();
     const std::lock_guard lock(mutex_);
     if (!self.queue.is_due(now)) return false;
-    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return false;
+    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return false; // the atomic handlers run first
     next = self.queue.first();
     self.queue.remove(next.record);
-    self.running = next.record;
-    self.handler = next.function;
+    assert(!self.running_timer);
+    self.running_timer = next.record;
+    self.running_handler = next.function;
     return true;
 }
 
-// Returns until when a lane that has nothing to run may sleep. While an atomic timer is due the sleeping lane stands
-// back without a deadline. The atomic lane comes here once no atomic timer is due, and rings then: also if the sleeping
-// timer was deleted or armed meanwhile, and whatever tick the two lanes read.
+// The tick until which a lane that has nothing to run may sleep. While an atomic timer is due, the sleeping lane sleeps
+// without a deadline. The atomic lane calls this when no atomic timer is due, and then rings the sleeping lane. That
+// works even if timers were deleted or armed in between, and if the two lanes read different ticks.
 uint64_t timers::next_deadline(lane& self)
 {
     const uint64_t now = home_.exec().now();
     const std::lock_guard lock(mutex_);
     if (&self == &sleeping_ && atomic_.queue.is_due(now)) {
-        sleeping_stands_back_ = true;
+        sleeping_waits_for_atomic_ = true;
         return never;
     }
-    if (&self == &atomic_ && !atomic_.queue.is_due(now) && std::exchange(sleeping_stands_back_, false))
+    if (&self == &atomic_ && sleeping_waits_for_atomic_ && !atomic_.queue.is_due(now)) {
+        sleeping_waits_for_atomic_ = false;
         sleeping_.task.ring();
+    }
     return self.queue.size() > 0 ? self.queue.first().expires_tick : never;
 }
 

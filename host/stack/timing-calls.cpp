@@ -1,4 +1,4 @@
-// timing.h, led to the timing service of the calling machine.
+// Implements timing.h with the timing service of the calling machine.
 #include "host/stack/timers.h"
 
 namespace
@@ -13,15 +13,14 @@ stack::timers& timers_here(const char* call)
 
 void init_timing(timing_t* timer)
 {
-    timers_here(__func__); // made here, where the caller can wait: a timer may be armed where it cannot
+    timers_here(__func__); // makes the service here, since that may sleep and add_timing() must not
     *timer = {};
 }
 
 void add_timing(timing_t* timer)
 {
     timers_here(__func__).arm(*timer);
-    // A place for the handler to run first, as it might on another processor.
-    exec::preemption_point();
+    exec::preemption_point(); // the handler may run before the return, as on another processor
 }
 
 void del_timing_sync(timing_t* timer)

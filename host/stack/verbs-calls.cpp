@@ -1,4 +1,4 @@
-// verbs.h, led to the verbs service of the calling machine.
+// Implements verbs.h with the verbs service of the calling machine.
 #include <algorithm>
 #include <bit>
 
@@ -13,19 +13,19 @@ namespace
 constexpr int shared_use = 0;
 constexpr uint32_t largest_message = 0x80000000; // IBA 9.2: bytes
 
-// What the call asks the port for: its attributes now. Anything but kq_return_ok: the call fails with it.
-kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabric::port_attributes& now)
+// Reads the port's attributes for `call`. Returns its status: kq_return_ok, or that with which the call fails.
+kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabric::port_attributes& attributes)
 {
     kernel::machine& home = machine_where_others_may_run(call);
     if (home.faults.should_fail(call)) return kq_return_err_general;
-    const stack::hca_events* opened = home.get<stack::verbs>().find(hca);
-    if (!opened) return kq_return_err_invalid_hca;
-    if (port < 1 || port > opened->hca().port_count()) return kq_return_err_invalid_port;
-    now = opened->hca().read_port(port);
+    const stack::hca_events* events = home.get<stack::verbs>().find(hca);
+    if (!events) return kq_return_err_invalid_hca;
+    if (port < 1 || port > events->hca().port_count()) return kq_return_err_invalid_port;
+    attributes = events->hca().read_port(port);
     return kq_return_ok;
 }
 
-// Stores as many entries as there is room for, and their number.
+// Stores as many entries of the table as there is room for, and their number in `*count`.
 template <class source_t, class entry_t, class convert_t>
 kq_return_t store(const std::vector<source_t>& table, int* count, entry_t* entries, const convert_t& convert)
 {
@@ -41,10 +41,10 @@ int kq_list_hcas(kq_hca_name* names, int capacity)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !names || capacity < 0) return kq_return_err_general;
-    const int present = static_cast<int>(home.hcas().size());
-    const int count = std::min(capacity, present);
-    if (count < present && count > 0 && home.get<stack::verbs>().is_first_cut())
-        printk("verbs - this host has %d hcas, only the first %d are used\n", present, count);
+    const int hca_count = static_cast<int>(home.hcas().size());
+    const int count = std::min(capacity, hca_count);
+    if (count < hca_count && count > 0 && home.get<stack::verbs>().should_report_cut())
+        printk("verbs - this host has %d hcas, only the first %d are used\n", hca_count, count);
     std::transform(home.hcas().begin(), home.hcas().begin() + count, names,
                    [](const fabric::hca* each) { return stack::name_in_stack(*each); });
     return count;
@@ -54,9 +54,9 @@ kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !name || flags != shared_use || !hca) return kq_return_err_general;
-    kq_hca_h_t opened = home.get<stack::verbs>().open(name->name, __builtin_return_address(0));
-    if (!opened) return kq_return_err_invalid_hca;
-    *hca = opened;
+    kq_hca_h_t handle = home.get<stack::verbs>().open(name->name, __builtin_return_address(0));
+    if (!handle) return kq_return_err_invalid_hca;
+    *hca = handle;
     return kq_return_ok;
 }
 
@@ -69,48 +69,51 @@ kq_return_t kq_hca_query(kq_hca_h_t hca, kq_hca_attrib_t* attributes)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !attributes) return kq_return_err_general;
-    const stack::hca_events* opened = home.get<stack::verbs>().find(hca);
-    if (!opened) return kq_return_err_invalid_hca;
-    attributes->port_num = static_cast<uint8_t>(opened->hca().port_count());
+    const stack::hca_events* events = home.get<stack::verbs>().find(hca);
+    if (!events) return kq_return_err_invalid_hca;
+    attributes->port_num = static_cast<uint8_t>(events->hca().port_count());
     return kq_return_ok;
 }
 
 kq_return_t kq_port_query(kq_hca_h_t hca, kq_port_num_t port, kq_port_attrib_t* attributes)
 {
-    fabric::port_attributes now;
-    if (const kq_return_t failure = read_port(__func__, hca, port, now)) return failure;
+    fabric::port_attributes port_now;
+    const kq_return_t status = read_port(__func__, hca, port, port_now);
+    if (status != kq_return_ok) return status;
     if (!attributes) return kq_return_err_general;
     *attributes = {
         .port_num = port,
-        .port_mtu = static_cast<kq_mtu_t>(now.mtu),
+        .port_mtu = static_cast<kq_mtu_t>(port_now.mtu),
         .port_message_size = largest_message,
-        .port_state = static_cast<kq_port_state_t>(now.state),
-        .port_base_lid = now.lid,
-        .port_lmc = now.lmc,
-        .port_sgid_table_size = static_cast<uint32_t>(now.gids.size()),
-        .port_parti_table_size = static_cast<uint32_t>(now.p_keys.size()),
-        .port_max_vl_num = now.max_vls,
-        .port_bad_p_key_count = now.bad_p_keys,
-        .port_bad_q_key_count = now.bad_q_keys,
-        .port_sma_address_info = {.port_num = port, .sm_lid = now.sm_lid, .service_level = now.sm_sl},
-        .port_capability_support = now.capability_mask,
+        .port_state = static_cast<kq_port_state_t>(port_now.state),
+        .port_base_lid = port_now.lid,
+        .port_lmc = port_now.lmc,
+        .port_sgid_table_size = static_cast<uint32_t>(port_now.gids.size()),
+        .port_parti_table_size = static_cast<uint32_t>(port_now.p_keys.size()),
+        .port_max_vl_num = port_now.max_vls,
+        .port_bad_p_key_count = port_now.bad_p_keys,
+        .port_bad_q_key_count = port_now.bad_q_keys,
+        .port_sma_address_info = {.port_num = port, .sm_lid = port_now.sm_lid, .service_level = port_now.sm_sl},
+        .port_capability_support = port_now.capability_mask,
     };
     return kq_return_ok;
 }
 
 kq_return_t kq_get_port_gid_tbl(kq_hca_h_t hca, kq_port_num_t port, int* count, kq_gid_t* gids)
 {
-    fabric::port_attributes now;
-    if (const kq_return_t failure = read_port(__func__, hca, port, now)) return failure;
-    return store(now.gids, count, gids,
+    fabric::port_attributes port_now;
+    const kq_return_t status = read_port(__func__, hca, port, port_now);
+    if (status != kq_return_ok) return status;
+    return store(port_now.gids, count, gids,
                  [](const fabric::gid_bytes& gid) { return from_wire(std::bit_cast<wire_gid_t>(gid)); });
 }
 
 kq_return_t kq_get_port_partition_tbl(kq_hca_h_t hca, kq_port_num_t port, int* count, kq_p_key_t* p_keys)
 {
-    fabric::port_attributes now;
-    if (const kq_return_t failure = read_port(__func__, hca, port, now)) return failure;
-    return store(now.p_keys, count, p_keys, [](uint16_t p_key) { return p_key; });
+    fabric::port_attributes port_now;
+    const kq_return_t status = read_port(__func__, hca, port, port_now);
+    if (status != kq_return_ok) return status;
+    return store(port_now.p_keys, count, p_keys, [](uint16_t p_key) { return p_key; });
 }
 
 kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
@@ -119,14 +122,14 @@ kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_eve
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__) || !request || !callback) return kq_return_err_general;
     if (request->req_event_type != kq_async_even_all) return kq_return_err_general;
-    stack::hca_events* opened = home.get<stack::verbs>().find(hca);
-    if (!opened) return kq_return_err_invalid_hca;
-    return opened->subscribe(hca, callback) ? kq_return_ok : kq_return_err_busy;
+    stack::hca_events* events = home.get<stack::verbs>().find(hca);
+    if (!events) return kq_return_err_invalid_hca;
+    return events->subscribe(hca, callback) ? kq_return_ok : kq_return_err_busy;
 }
 
 kq_return_t kq_dell_sleepable_async_event_cb(kq_hca_h_t hca, kq_async_event_fn_t callback)
 {
-    stack::hca_events* opened = machine_where_others_may_run(__func__).get<stack::verbs>().find(hca);
-    if (!opened) return kq_return_err_invalid_hca;
-    return opened->unsubscribe(hca, callback) ? kq_return_ok : kq_return_err_general;
+    stack::hca_events* events = machine_where_others_may_run(__func__).get<stack::verbs>().find(hca);
+    if (!events) return kq_return_err_invalid_hca;
+    return events->unsubscribe(hca, callback) ? kq_return_ok : kq_return_err_general;
 }

@@ -7,61 +7,61 @@ namespace stack
 
 verbs::verbs(kernel::machine& home) : home_(home)
 {
-    home.get<hca_hubs>(); // goes after this service
+    home.get<hca_hubs>(); // created first, so that it is destroyed after this service
 }
 
 verbs::~verbs()
 {
     if (!open_.empty())
         exec::panic("machine %s goes while %s is open", home_.name().c_str(),
-                    open_.begin()->second.adapter->hca().name().c_str());
+                    open_.begin()->second.events->hca().name().c_str());
 }
 
-hca_events& verbs::events_of(fabric::hca& plugged)
+hca_events& verbs::events_of(fabric::hca& adapter)
 {
     const std::lock_guard lock(mutex_);
-    std::unique_ptr<hca_events>& adapter = adapters_[&plugged];
-    if (!adapter) adapter = std::make_unique<hca_events>(home_, plugged);
-    return *adapter;
+    std::unique_ptr<hca_events>& events = events_[&adapter];
+    if (!events) events = std::make_unique<hca_events>(home_, adapter);
+    return *events;
 }
 
 kq_hca_h_t verbs::open(const char* name_in_stack, const void* opener)
 {
-    fabric::hca* plugged = find_hca(home_, name_in_stack);
-    if (!plugged) return nullptr;
-    hca_events& adapter = events_of(*plugged);
+    fabric::hca* adapter = find_hca(home_, name_in_stack);
+    if (!adapter) return nullptr;
+    hca_events& events = events_of(*adapter);
     const std::lock_guard lock(mutex_);
     const auto handle = reinterpret_cast<kq_hca_h_t>(++last_handle_);
-    open_[handle] = {&adapter, opener};
+    open_[handle] = {&events, opener};
     return handle;
 }
 
 hca_events* verbs::find(kq_hca_h_t handle) const
 {
     const std::lock_guard lock(mutex_);
-    const auto found = open_.find(handle);
-    return found != open_.end() ? found->second.adapter : nullptr;
+    const auto entry = open_.find(handle);
+    return entry != open_.end() ? entry->second.events : nullptr;
 }
 
 kq_return_t verbs::close(kq_hca_h_t handle)
 {
     const std::lock_guard lock(mutex_);
-    const auto found = open_.find(handle);
-    if (found == open_.end()) return kq_return_err_invalid_hca;
-    if (found->second.adapter->is_subscribed(handle)) return kq_return_err_busy;
-    open_.erase(found);
+    const auto entry = open_.find(handle);
+    if (entry == open_.end()) return kq_return_err_invalid_hca;
+    if (entry->second.events->is_subscribed(handle)) return kq_return_err_busy;
+    open_.erase(entry);
     return kq_return_ok;
 }
 
-std::vector<std::string> verbs::left_by(const kernel::module_code& leaving) const
+std::vector<std::string> verbs::left_by(const kernel::module_code& module) const
 {
     const std::lock_guard lock(mutex_);
-    std::vector<std::string> left;
+    std::vector<std::string> leftovers;
     for (const auto& [handle, each] : open_)
-        if (leaving.holds(each.opener)) left.push_back("open HCA " + each.adapter->hca().name());
-    for (const auto& [plugged, adapter] : adapters_)
-        if (adapter->calls(leaving)) left.push_back("a subscription to the events of " + adapter->hca().name());
-    return left;
+        if (module.holds(each.opener)) leftovers.push_back("open HCA " + each.events->hca().name());
+    for (const auto& [adapter, events] : events_)
+        if (events->calls(module)) leftovers.push_back("a subscription to the events of " + adapter->name());
+    return leftovers;
 }
 
 } // namespace stack

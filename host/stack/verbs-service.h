@@ -1,5 +1,5 @@
-// The verbs service of a machine: its open HCAs. A handle is a number that is never used twice, so that a stale one is
-// told from a good one.
+// The verbs service of a machine: its open HCAs. A handle is a number that is never used twice, so that a stale handle
+// is recognised.
 #pragma once
 
 #include <atomic>
@@ -20,34 +20,35 @@ class verbs final : public kernel::service
     // An HCA that was not closed is a hard error.
     ~verbs() override;
 
-    // `opener` is the calling code. Null: the machine has no HCA of that name.
+    // Opens an HCA. `opener` is the address of the calling code. Null: the machine has no HCA of that name.
     kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
-    // The events of a plugged HCA. At the first call, starts the task that delivers them; throws a shortage when there
+    // The events of a plugged HCA. The first call starts the task that delivers them, and throws a shortage when there
     // is no room for it.
-    hca_events& events_of(fabric::hca& plugged);
+    hca_events& events_of(fabric::hca& adapter);
 
-    // Null: the handle is stale or was never given out. What it leads to stays for as long as the machine.
+    // The events of an open HCA; they live as long as the machine. Null: the handle is stale, or never was one.
     hca_events* find(kq_hca_h_t handle) const;
 
+    // kq_return_ok, kq_return_err_invalid_hca, or kq_return_err_busy: the handle is subscribed to events.
     kq_return_t close(kq_hca_h_t handle);
 
-    std::vector<std::string> left_by(const kernel::module_code& leaving) const override;
+    std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // True for the first list of HCAs that has no room for all: it is worth a line in the log, once.
-    bool is_first_cut() { return !cut_.exchange(true); }
+    // True at the first call: a list of HCAs that has no room for all is logged once.
+    bool should_report_cut() { return !is_cut_reported_.exchange(true); }
 
   private:
-    struct opened {
-        hca_events* adapter;
+    struct open_hca {
+        hca_events* events;
         const void* opener;
     };
     kernel::machine& home_;
     mutable std::mutex mutex_;
-    std::map<fabric::hca*, std::unique_ptr<hca_events>> adapters_;
-    std::map<kq_hca_h_t, opened> open_;
+    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // of each HCA
+    std::map<kq_hca_h_t, open_hca> open_;
     uintptr_t last_handle_ = 0;
-    std::atomic<bool> cut_{false};
+    std::atomic<bool> is_cut_reported_{false};
 };
 
 } // namespace stack
