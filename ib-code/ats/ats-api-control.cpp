@@ -1,6 +1,7 @@
 // The control file: a write runs one command, a read puts a report into the kernel log.
 #include "ats-api.h"
 
+#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +37,7 @@ int split_into_arguments(const char* bytes, size_t count)
     int complete = 0;
     size_t length = 0; // of the word being read
     const auto end_word = [&] {
+        assert(complete < max_arguments && length < argument_size);
         arguments[complete++][length] = '\0';
         length = 0;
     };
@@ -161,7 +163,7 @@ void ats_proc_cmd_delete_ip(int argc, char** argv)
     ats_context_t* ats = &ats_cntx[0];
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) ats->ib_ports[i].port_ipaddr = ip;
     ats_sa_wait_for_restores(ats);
-    (void)ats_sa_send_service_rec_set_get_del_mad(ats, ATS_DEL_SR_OP, nullptr, 0, 0, 0);
+    (void)ats_sa_post_delete(ats);
 }
 
 const struct {

@@ -36,7 +36,7 @@ void restore_registration(ats_context_t* ats, const char* operation)
     // This context may not sleep, so it cannot take `ats_sem`. A task that registers another port or another identity
     // waits until this Set is posted, so that its own Delete and Set come later.
     ++ats->restores_running;
-    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    const int32_t ret = ats_sa_post_set(ats);
     ++ats->sets_tried;
     --ats->restores_running;
     if (ret != 0) ATS_TRACE_AS(operation, ZR_DEBUG, "Can't start SA set of service record   ret=%d\n", ret);

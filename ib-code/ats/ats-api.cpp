@@ -1,6 +1,7 @@
 // Starts and stops contexts, binds to IBAT, and delivers replies.
 #include "ats-api.h"
 
+#include <cassert>
 #include <utility>
 
 namespace
@@ -133,5 +134,6 @@ void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats)
     if (const ibat_process_arp_data_fn_t process = ats->ibat_process_arp_data) process(&reply);
     u32_swap(&reply.src_ip, &reply.dst_ip);
     ats_process_rarp_data(mad_stat, ats);
+    assert(ats->deliveries > 0);
     --ats->deliveries;
 }

@@ -1,6 +1,8 @@
 // Sends datagrams, and takes those that complete or arrive.
 #include "ats-sa.h"
 
+#include <cassert>
+
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
@@ -47,6 +49,7 @@ void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dt
     ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));
     auto* port = static_cast<ats_port_ctx_t*>(context);
     ats_context_t* ats = port->ats_context;
+    assert(ats); // set before the class was registered
     port->gsi_rx_pkts.fetch_add(1, std::memory_order_relaxed);
     ats->rcv_arp_data = {};
     ats_sa_gsi_decode_recv_dtgrm(port, dtgrm);

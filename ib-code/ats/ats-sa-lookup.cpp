@@ -40,7 +40,7 @@ int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const l
         up(&ats->ats_sem);
         return -1;
     }
-    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, lookup.op, arp_data, 0, 1, 0);
+    const int32_t ret = ats_sa_post_get(ats, lookup.op, arp_data);
     ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "ATS arp sem up\n"); // of both
     up(&ats->ats_sem);
     return ret;

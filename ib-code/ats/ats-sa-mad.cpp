@@ -1,6 +1,7 @@
 // The ServiceRecord datagram: encodes its four requests, decodes replies, and logs it.
 #include "ats-sa.h"
 
+#include <cassert>
 #include <cstring>
 
 namespace
@@ -118,6 +119,7 @@ bool is_other_sa_attribute(uint16_t attrib_id)
 void ats_sa_encode_mad(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                        const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
+    assert(is_set || !is_get || arp_data); // a Get has a query
     memset(dtgrm->mad, 0, sizeof dtgrm->mad);
     address_to_sa(dtgrm, port);
 

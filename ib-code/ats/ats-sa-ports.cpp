@@ -1,6 +1,8 @@
 // The active port, the registration of its record, and the port events that decide which port that is.
 #include "ats-sa.h"
 
+#include <cassert>
+
 namespace
 {
 
@@ -10,6 +12,7 @@ constexpr int32_t delete_tries = 3;
 // port changes nothing.
 ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* operation)
 {
+    assert(ats->num_of_hca_ports <= ATS_PORTS_PER_HCA);
     if (port_num >= 1 && port_num <= ats->num_of_hca_ports) return &ats->ib_ports[port_num - 1];
     ATS_TRACE_AS(operation, ZR_ERROR, "port %d is not used\n", port_num);
     return nullptr;
@@ -18,6 +21,7 @@ ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* oper
 // Makes the lowest-numbered standby port the active one and registers through it. With `ats_sem` held.
 void handle_no_active_port(ats_context_t* ats)
 {
+    assert(!ats->active_port.load());
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) {
         ats_port_ctx_t* port = &ats->ib_ports[i];
         if (port->state != ATS_PORT_UP) continue;
@@ -117,7 +121,7 @@ void handle_sm_lid_change(ats_context_t* ats, uint8_t port_num, kq_lid_t)
 int32_t ats_sa_send_delete(ats_context_t* ats)
 {
     ats->resp_recv = 0;
-    return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_DEL_SR_OP, nullptr, 0, 0, 0);
+    return ats_sa_post_delete(ats);
 }
 
 void ats_sa_wait_for_delete_answer(ats_context_t* ats)
@@ -134,6 +138,7 @@ void ats_sa_wait_for_restores(ats_context_t* ats)
 
 int32_t ats_sa_set_new_sr(ats_context_t* ats)
 {
+    assert(ats->active_port.load());
     ats_sa_wait_for_restores(ats);
     bool answered = false;
     for (int32_t i = 0; i < delete_tries && !answered; ++i) {
@@ -152,7 +157,7 @@ int32_t ats_sa_set_new_sr(ats_context_t* ats)
     if (!answered && ats->resp_recv == 0) ATS_DEBUG("ATS - ERROR DEL SR Failed\n");
 
     ats->resp_recv = 0;
-    const int32_t ret = ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    const int32_t ret = ats_sa_post_set(ats);
     ++ats->sets_tried;
     if (ret != 0) {
         ATS_ERROR("Can't start SA set of service record ret - %d\n", ret);

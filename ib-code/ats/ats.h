@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 
 #include "devucm-exports.h"
 #include "gsi.h"
@@ -182,6 +183,22 @@ void ats_sa_stop(ats_context_t* ats);
 // query of a Get.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
+
+// The requests that the module sends by it: the Set of the active port's record, the Get of a lookup (`op` is
+// ATS_GET_SR_ARP_OP or ATS_GET_SR_RARP_OP), and the Delete of the record that `sm_registered_gid` names.
+inline int32_t ats_sa_post_set(ats_context_t* ats)
+{
+    return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+}
+inline int32_t ats_sa_post_get(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* query)
+{
+    assert(op == ATS_GET_SR_ARP_OP || op == ATS_GET_SR_RARP_OP);
+    return ats_sa_send_service_rec_set_get_del_mad(ats, op, query, 0, 1, 0);
+}
+inline int32_t ats_sa_post_delete(ats_context_t* ats)
+{
+    return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_DEL_SR_OP, nullptr, 0, 0, 0);
+}
 
 // Returns at a moment when no delivery is under way. May sleep.
 void ats_wait_for_deliveries(ats_context_t* ats);
