@@ -1,4 +1,4 @@
-// What IBAT believes, and for how long.
+// The cache of IBAT: its entries and their lifetimes.
 #include "tests/peers/ibat-world.h"
 
 namespace
@@ -14,7 +14,7 @@ TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
         asker first, second, third;
         ibat_world world("ibat_lifetime_seconds=10", {.start_tick = start});
         EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
-        EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(start, ip_a)));
+        EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(start, ip_a)));
 
         world.until(start + 40);
         EXPECT_EQ(world.reply(world.answer(ip_a, gid_of(1), 2)), ibat_stat_ok);
@@ -29,13 +29,13 @@ TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
         EXPECT_EQ(world.record.gid, gid_of(1));
         EXPECT_EQ(world.record.local_port_num, 2u);
         EXPECT_EQ(world.address_of(gid_of(1)), ip_a);
-        EXPECT_EQ(world.resolver.sent.size(), 1u);
+        EXPECT_EQ(world.resolver.attempts.size(), 1u);
 
         world.until(start + 40 + 10'000);
-        EXPECT_EQ(world.known(ip_a), "unknown");
+        EXPECT_EQ(world.entry_text(ip_a), "unknown");
         EXPECT_EQ(world.address_of(gid_of(1)), 0u);
         EXPECT_EQ(world.ask(ip_a, third), ibat_stat_pending);
-        EXPECT_EQ(world.resolver.sent.size(), 2u);
+        EXPECT_EQ(world.resolver.attempts.size(), 2u);
         EXPECT_THAT(second.replies, IsEmpty());
     }
 }
@@ -45,7 +45,7 @@ TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
     asker first, second;
     ibat_world world;
     world.ask(ip_a, first);
-    // The host's own address can be absent as well: then the reply is marked as its own, and still names no GID.
+    // The host's own address may have no record either: the reply is then marked as its own and has no GID.
     world.reply(world.own(ip_a, kq_gid_t{}));
     ASSERT_EQ(first.replies.size(), 1u);
     EXPECT_EQ(first.replies[0].status, ibat_stat_not_found);
@@ -54,20 +54,20 @@ TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
 
     world.until(1'999);
     EXPECT_EQ(world.ask(ip_a, second), ibat_stat_not_found);
-    EXPECT_EQ(world.resolver.sent.size(), 1u);
+    EXPECT_EQ(world.resolver.attempts.size(), 1u);
     world.until(2'000);
     EXPECT_EQ(world.ask(ip_a, second), ibat_stat_pending);
-    EXPECT_EQ(world.resolver.sent.size(), 2u);
+    EXPECT_EQ(world.resolver.attempts.size(), 2u);
     world.reply(world.answer(ip_a, gid_of(1)));
-    EXPECT_EQ(world.known(ip_a), "1");
-    world.reply(world.absence(ip_a)); // it has gone meanwhile
-    EXPECT_EQ(world.known(ip_a), "none");
+    EXPECT_EQ(world.entry_text(ip_a), "1");
+    world.reply(world.absence(ip_a)); // the host has left the fabric
+    EXPECT_EQ(world.entry_text(ip_a), "none");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
 
     ibat_world forgetful("ibat_negative_seconds=0");
     forgetful.reply(forgetful.answer(ip_a, gid_of(1)));
     forgetful.reply(forgetful.absence(ip_a));
-    EXPECT_EQ(forgetful.known(ip_a), "unknown");
+    EXPECT_EQ(forgetful.entry_text(ip_a), "unknown");
 }
 
 TEST(ibat_cache, full_cache_gives_up_absences_then_the_oldest_but_not_the_own_mapping)
@@ -77,14 +77,14 @@ TEST(ibat_cache, full_cache_gives_up_absences_then_the_oldest_but_not_the_own_ma
     world.reply(world.answer(ip_a, gid_of(1)));
     world.reply(world.absence(ip_b));
     world.reply(world.answer(ip_c, gid_of(3)));
-    EXPECT_EQ(world.known(ip_b), "unknown");
+    EXPECT_EQ(world.entry_text(ip_b), "unknown");
     world.reply(world.answer(ip_a, gid_of(1))); // refreshed: now c is the oldest
     world.reply(world.answer(ip_d, gid_of(4)));
-    EXPECT_EQ(world.known(ip_c), "unknown");
+    EXPECT_EQ(world.entry_text(ip_c), "unknown");
     EXPECT_EQ(world.address_of(gid_of(3)), 0u);
-    EXPECT_EQ(world.known(ip_a), "1");
-    EXPECT_EQ(world.known(ip_d), "4");
-    EXPECT_EQ(world.known(0x6300000A), "99 own");
+    EXPECT_EQ(world.entry_text(ip_a), "1");
+    EXPECT_EQ(world.entry_text(ip_d), "4");
+    EXPECT_EQ(world.entry_text(0x6300000A), "99 own");
     EXPECT_EQ(world.counters().entries, 3u);
 }
 
@@ -94,8 +94,8 @@ TEST(ibat_cache, newer_answer_moves_an_address_or_a_gid)
     world.reply(world.answer(ip_a, gid_of(1)));
     world.reply(world.answer(ip_b, gid_of(2)));
     world.reply(world.answer(ip_a, gid_of(2))); // b's port took a's address
-    EXPECT_EQ(world.known(ip_a), "2");
-    EXPECT_EQ(world.known(ip_b), "unknown");
+    EXPECT_EQ(world.entry_text(ip_a), "2");
+    EXPECT_EQ(world.entry_text(ip_b), "unknown");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
     EXPECT_EQ(world.address_of(gid_of(2)), ip_a);
     EXPECT_EQ(world.counters().entries, 1u);
@@ -106,31 +106,32 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
     ibat_world world("ibat_lifetime_seconds=10");
     world.reply(world.own(ip_a, gid_of(1), 1));
     world.until(60'000);
-    EXPECT_EQ(world.known(ip_a), "1 own");
+    EXPECT_EQ(world.entry_text(ip_a), "1 own");
     world.run([&] { world.flush(); });
     world.reply(world.absence(ip_a));
-    world.reply(world.answer(ip_a, gid_of(9))); // another host claims the address
-    world.reply(world.answer(ip_b, gid_of(1))); // a stale record claims the GID
-    EXPECT_EQ(world.known(ip_a), "1 own");
+    world.reply(world.answer(ip_a, gid_of(9))); // another host registers the address
+    world.reply(world.answer(ip_b, gid_of(1))); // a stale record names the GID
+    EXPECT_EQ(world.entry_text(ip_a), "1 own");
     EXPECT_EQ(world.address_of(gid_of(1)), ip_a);
-    EXPECT_EQ(world.known(ip_b), "unknown");
+    EXPECT_EQ(world.entry_text(ip_b), "unknown");
     EXPECT_EQ(world.counters().conflicts, 2u);
 
     world.reply(world.own(ip_b, gid_of(1), 1)); // the address has changed
-    EXPECT_EQ(world.known(ip_a), "unknown");
-    EXPECT_EQ(world.known(ip_b), "1 own");
+    EXPECT_EQ(world.entry_text(ip_a), "unknown");
+    EXPECT_EQ(world.entry_text(ip_b), "1 own");
     world.reply(world.own(ip_b, gid_of(2), 2)); // fail-over to the second port
-    EXPECT_EQ(world.known(ip_b), "2 own");
+    EXPECT_EQ(world.entry_text(ip_b), "2 own");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
-    world.reply(world.own(ip_c, gid_of(1), 1)); // back, with another address: the other port's is only hearsay now
-    EXPECT_EQ(world.known(ip_c), "1 own");
-    EXPECT_EQ(world.known(ip_b), "2");
+    world.reply(
+        world.own(ip_c, gid_of(1), 1)); // back, with another address: the entry of the other port is a learned one now
+    EXPECT_EQ(world.entry_text(ip_c), "1 own");
+    EXPECT_EQ(world.entry_text(ip_b), "2");
     world.until(70'000);
-    EXPECT_EQ(world.known(ip_b), "unknown");
+    EXPECT_EQ(world.entry_text(ip_b), "unknown");
 
-    ibat_arp_data_t unnumbered = world.own(0, gid_of(7), 1); // the address was taken away from the port
-    EXPECT_EQ(world.reply(unnumbered), ibat_stat_error);
-    EXPECT_EQ(world.known(ip_c), "unknown");
+    ibat_arp_data_t addressless = world.own(0, gid_of(7), 1); // the address was taken away from the port
+    EXPECT_EQ(world.reply(addressless), ibat_stat_error);
+    EXPECT_EQ(world.entry_text(ip_c), "unknown");
 }
 
 TEST(ibat_cache, own_mapping_ages_once_the_resolver_is_gone_and_memory_comes_back_without_a_lookup)
@@ -140,12 +141,12 @@ TEST(ibat_cache, own_mapping_ages_once_the_resolver_is_gone_and_memory_comes_bac
     world.reply(world.own(ip_a, gid_of(1)));
     world.until(30'000);
     world.run([&] { EXPECT_EQ(world.detach(world.handle), ibat_stat_ok); });
-    EXPECT_EQ(world.known(ip_a), "1");
+    EXPECT_EQ(world.entry_text(ip_a), "1");
     world.until(35'000);
-    world.reply(world.own(ip_b, gid_of(2))); // was on its way while the resolver went
-    EXPECT_EQ(world.known(ip_b), "2");
+    world.reply(world.own(ip_b, gid_of(2))); // arrived after the resolver had detached
+    EXPECT_EQ(world.entry_text(ip_b), "2");
     world.until(40'000);
-    EXPECT_EQ(world.known(ip_a), "unknown");
+    EXPECT_EQ(world.entry_text(ip_a), "unknown");
     for (uint32_t i = 1; i <= 500; ++i) world.reply(world.answer(i, gid_of(i)));
     world.until(60'001);
     EXPECT_EQ(world.counters().entries, 0u);
@@ -177,9 +178,9 @@ TEST(ibat_cache, lookup_by_gid_reads_the_gid_before_it_writes_the_record_and_lea
 
 TEST(ibat_cache, unusable_replies_change_nothing)
 {
-    asker waiting;
+    asker caller;
     ibat_world world;
-    world.ask(ip_a, waiting);
+    world.ask(ip_a, caller);
     std::vector<ibat_arp_data_t> replies(6, world.answer(ip_a, gid_of(1)));
     replies[0].arp_operation = 1;
     replies[1].mask = 0;
@@ -188,7 +189,7 @@ TEST(ibat_cache, unusable_replies_change_nothing)
     replies[4].mask &= ~IBAT_MASK_GID;
     replies[5].src_ip = 0; // a GID lookup without a record, or a host without an address
     for (const auto& reply : replies) EXPECT_EQ(world.reply(reply), ibat_stat_error);
-    EXPECT_THAT(waiting.replies, IsEmpty());
+    EXPECT_THAT(caller.replies, IsEmpty());
     const ibat_counters_t counters = world.counters();
     EXPECT_EQ(counters.entries, 0u);
     EXPECT_EQ(counters.ignored, replies.size());

@@ -1,4 +1,4 @@
-// Requests of IBAT: joined, repeated, given up, withdrawn.
+// The requests of IBAT, from the first asker to the last callback.
 #include "tests/peers/ibat-world.h"
 
 namespace
@@ -9,34 +9,34 @@ using testing::IsEmpty;
 using testing::Pair;
 
 // The ticks and statuses of an asker's callbacks.
-std::vector<std::pair<uint64_t, ibat_stat_t>> told(const asker& who)
+std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks_of(const asker& caller)
 {
-    std::vector<std::pair<uint64_t, ibat_stat_t>> told;
-    for (const auto& reply : who.replies) told.emplace_back(reply.tick, reply.status);
-    return told;
+    std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks;
+    for (const auto& reply : caller.replies) callbacks.emplace_back(reply.tick, reply.status);
+    return callbacks;
 }
 
 TEST(ibat_requests, unanswered_request_is_repeated_and_given_up_to_the_tick_for_all_who_joined)
 {
-    asker first, joined, other;
+    asker first, second, other;
     ibat_world world;
     world.until(7);
     EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
     world.until(100);
     EXPECT_EQ(world.ask(ip_b, other), ibat_stat_pending);
     world.until(700);
-    EXPECT_EQ(world.ask(ip_a, joined), ibat_stat_pending);
+    EXPECT_EQ(world.ask(ip_a, second), ibat_stat_pending);
     world.until(1'506);
     EXPECT_THAT(first.replies, IsEmpty());
     world.until(5'000);
-    EXPECT_THAT(told(first), ElementsAre(Pair(1'507, ibat_stat_timeout)));
-    EXPECT_THAT(told(joined), ElementsAre(Pair(1'507, ibat_stat_timeout)));
-    EXPECT_THAT(told(other), ElementsAre(Pair(1'600, ibat_stat_timeout)));
-    EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(7, ip_a), Pair(100, ip_b), Pair(507, ip_a), Pair(600, ip_b),
-                                                 Pair(1'007, ip_a), Pair(1'100, ip_b)));
+    EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(1'507, ibat_stat_timeout)));
+    EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(1'507, ibat_stat_timeout)));
+    EXPECT_THAT(callbacks_of(other), ElementsAre(Pair(1'600, ibat_stat_timeout)));
+    EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(7, ip_a), Pair(100, ip_b), Pair(507, ip_a), Pair(600, ip_b),
+                                                     Pair(1'007, ip_a), Pair(1'100, ip_b)));
 
     world.reply(world.answer(ip_a, gid_of(1))); // too late for them, not for the next
-    EXPECT_EQ(first.replies.size() + joined.replies.size(), 2u);
+    EXPECT_EQ(first.replies.size() + second.replies.size(), 2u);
     EXPECT_EQ(world.ask(ip_a, first), ibat_stat_ok);
 
     const ibat_counters_t counters = world.counters();
@@ -55,8 +55,8 @@ TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_
     struct {
         const char* parameters;
         std::vector<ibat_stat_t> results; // of the attempts, in order
-        uint64_t told_at;
-        ibat_stat_t told;
+        uint64_t callback_tick;
+        ibat_stat_t callback_status;
     } const cases[] = {
         {"", {ibat_stat_error, ibat_stat_error, ibat_stat_error}, 1'000, ibat_stat_error},
         {"", {ibat_stat_error, ibat_stat_error, ibat_stat_ok}, 1'500, ibat_stat_timeout},
@@ -65,13 +65,13 @@ TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_
         {"ibat_retries=2 ibat_retry_ticks=30", {ibat_stat_error, ibat_stat_ok}, 60, ibat_stat_timeout},
     };
     for (const auto& each : cases) {
-        asker who;
+        asker caller;
         ibat_world world(each.parameters);
         size_t attempt = 0;
-        world.resolver.then = [&](uint32_t) { world.resolver.result = each.results.at(attempt++); };
-        EXPECT_EQ(world.ask(ip_a, who), ibat_stat_pending);
+        world.resolver.action = [&](uint32_t) { world.resolver.result = each.results.at(attempt++); };
+        EXPECT_EQ(world.ask(ip_a, caller), ibat_stat_pending);
         world.until(10'000);
-        EXPECT_THAT(told(who), ElementsAre(Pair(each.told_at, each.told)));
+        EXPECT_THAT(callbacks_of(caller), ElementsAre(Pair(each.callback_tick, each.callback_status)));
         EXPECT_EQ(attempt, each.results.size());
     }
 }
@@ -80,83 +80,83 @@ TEST(ibat_requests, callback_may_ask_again_whatever_ended_the_request)
 {
     asker first, second, third;
     ibat_world world("ibat_retries=1");
-    first.then = [&] {
-        EXPECT_EQ(world.get_ib_data(ip_b, &world.record, asker::called_back, &second), ibat_stat_pending);
+    first.action = [&] {
+        EXPECT_EQ(world.get_ib_data(ip_b, &world.record, asker::reply_callback, &second), ibat_stat_pending);
     };
-    second.then = [&] {
-        EXPECT_EQ(world.get_ib_data(ip_c, &world.record, asker::called_back, &third), ibat_stat_pending);
+    second.action = [&] {
+        EXPECT_EQ(world.get_ib_data(ip_c, &world.record, asker::reply_callback, &third), ibat_stat_pending);
     };
     world.ask(ip_a, first);
     world.reply(world.answer(ip_a, gid_of(1))); // comes in a context that may not sleep
     world.until(10'000);
-    EXPECT_THAT(told(first), ElementsAre(Pair(0, ibat_stat_ok)));
-    EXPECT_THAT(told(second), ElementsAre(Pair(500, ibat_stat_timeout)));
-    EXPECT_THAT(told(third), ElementsAre(Pair(1'000, ibat_stat_timeout)));
+    EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(0, ibat_stat_ok)));
+    EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(500, ibat_stat_timeout)));
+    EXPECT_THAT(callbacks_of(third), ElementsAre(Pair(1'000, ibat_stat_timeout)));
 }
 
 TEST(ibat_requests, refresh_asks_whatever_the_cache_holds_and_the_answer_corrects_it)
 {
-    asker sure, too;
+    asker first, second;
     ibat_world world;
-    const auto refresh = [&](asker& who) {
-        world.run([&] { EXPECT_EQ(world.refresh(ip_a, asker::called_back, &who), ibat_stat_pending); });
+    const auto refresh = [&](asker& caller) {
+        world.run([&] { EXPECT_EQ(world.refresh(ip_a, asker::reply_callback, &caller), ibat_stat_pending); });
     };
     world.reply(world.answer(ip_a, gid_of(1)));
-    refresh(sure);
-    refresh(too);
-    EXPECT_THAT(world.resolver.sent, ElementsAre(Pair(0, ip_a))); // one request for both
+    refresh(first);
+    refresh(second);
+    EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(0, ip_a))); // one request for both
     world.reply(world.answer(ip_a, gid_of(2)));
-    EXPECT_THAT(told(sure), ElementsAre(Pair(0, ibat_stat_ok)));
-    EXPECT_THAT(told(too), ElementsAre(Pair(0, ibat_stat_ok)));
-    EXPECT_EQ(sure.replies[0].record.gid, gid_of(2));
-    EXPECT_EQ(world.known(ip_a), "2");
+    EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(0, ibat_stat_ok)));
+    EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(0, ibat_stat_ok)));
+    EXPECT_EQ(first.replies[0].record.gid, gid_of(2));
+    EXPECT_EQ(world.entry_text(ip_a), "2");
 
-    refresh(sure);
+    refresh(first);
     world.reply(world.absence(ip_a));
-    EXPECT_EQ(told(sure).back(), std::pair(uint64_t{0}, ibat_stat_not_found));
-    refresh(sure);
+    EXPECT_EQ(callbacks_of(first).back(), std::pair(uint64_t{0}, ibat_stat_not_found));
+    refresh(first);
     world.until(5'000);
-    EXPECT_EQ(told(sure).back(), std::pair(uint64_t{1'500}, ibat_stat_timeout));
+    EXPECT_EQ(callbacks_of(first).back(), std::pair(uint64_t{1'500}, ibat_stat_timeout));
     world.run([&] {
         EXPECT_EQ(world.detach(world.handle), ibat_stat_ok);
-        EXPECT_EQ(world.refresh(ip_a, asker::called_back, &sure), ibat_stat_error);
+        EXPECT_EQ(world.refresh(ip_a, asker::reply_callback, &first), ibat_stat_error);
     });
 }
 
 TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
 {
-    asker sending, waiting, late;
+    asker first, second, late;
     ibat_world world;
-    EXPECT_EQ(world.ask(ip_a, waiting), ibat_stat_pending);
-    world.resolver.takes_ticks = 300;
+    EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
+    world.resolver.duration_ticks = 300;
     exec::task& slow = world.host.start("slow", [&] {
         ibat_arp_data_t record{};
-        EXPECT_EQ(world.get_ib_data(ip_b, &record, asker::called_back, &sending), ibat_stat_pending);
+        EXPECT_EQ(world.get_ib_data(ip_b, &record, asker::reply_callback, &second), ibat_stat_pending);
     });
     world.until(100);
     world.run([&] {
-        void* unused;
-        EXPECT_EQ(world.attach(nullptr, recording_resolver::send_arp, nullptr, &unused), ibat_stat_error);
+        void* handle;
+        EXPECT_EQ(world.attach(nullptr, recording_resolver::send_arp, nullptr, &handle), ibat_stat_error);
         EXPECT_EQ(world.detach(nullptr), ibat_stat_error);
         EXPECT_EQ(world.detach(world.handle), ibat_stat_ok);
         EXPECT_EQ(get_jiffies(), 300u);
-        EXPECT_EQ(world.resolver.running, 0);
+        EXPECT_EQ(world.resolver.call_count, 0);
         EXPECT_EQ(world.detach(world.handle), ibat_stat_error); // stale
     });
     world.sim->join(slow);
     EXPECT_EQ(world.ask(ip_c, late), ibat_stat_error);
     world.until(10'000);
-    EXPECT_THAT(told(waiting), ElementsAre(Pair(100, ibat_stat_error)));
-    EXPECT_THAT(told(sending), ElementsAre(Pair(100, ibat_stat_error)));
+    EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(100, ibat_stat_error)));
+    EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(100, ibat_stat_error)));
     EXPECT_THAT(late.replies, IsEmpty());
-    EXPECT_EQ(world.resolver.sent.size(), 2u);
+    EXPECT_EQ(world.resolver.attempts.size(), 2u);
 
-    world.resolver.takes_ticks = 0;
+    world.resolver.duration_ticks = 0;
     world.run([&] {
         EXPECT_EQ(world.attach(nullptr, recording_resolver::send_arp, &world.resolver, &world.handle), ibat_stat_ok);
     });
     EXPECT_EQ(world.ask(ip_c, late), ibat_stat_pending);
-    EXPECT_EQ(world.resolver.sent.size(), 3u);
+    EXPECT_EQ(world.resolver.attempts.size(), 3u);
 }
 
 TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_waited_for)
@@ -166,40 +166,40 @@ TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_wait
     world.ask(ip_a, leaves);
     world.ask(ip_a, stays);
     world.ask(ip_b, leaves);
-    world.run([&] { EXPECT_EQ(world.cancel(asker::called_back, &leaves), 2); });
+    world.run([&] { EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 2); });
     EXPECT_EQ(world.counters().pending, 1u); // nobody waits for b any more
     world.reply(world.answer(ip_a, gid_of(1)));
     EXPECT_EQ(stays.replies.size(), 1u);
 
-    slow.then = [] { schedule_timeout_uninterruptible(200); };
+    slow.action = [] { schedule_timeout_uninterruptible(200); };
     world.ask(ip_c, slow);
     world.reply(world.answer(ip_c, gid_of(3)));
     ASSERT_EQ(slow.replies.size(), 1u);
     world.until(50);
     world.run([&] {
-        EXPECT_EQ(world.cancel(asker::called_back, &stays), 0);
+        EXPECT_EQ(world.cancel(asker::reply_callback, &stays), 0);
         EXPECT_EQ(get_jiffies(), 50u);
-        EXPECT_EQ(world.cancel(asker::called_back, &slow), 0);
+        EXPECT_EQ(world.cancel(asker::reply_callback, &slow), 0);
         EXPECT_EQ(get_jiffies(), 200u);
     });
     world.until(10'000);
     EXPECT_THAT(leaves.replies, IsEmpty());
-    EXPECT_EQ(world.resolver.sent.size(), 3u);
+    EXPECT_EQ(world.resolver.attempts.size(), 3u);
 }
 
 TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
 {
-    asker waiting;
+    asker first;
     ibat_world world;
     world.reply(world.own(ip_b, gid_of(2)));
     world.reply(world.answer(ip_c, gid_of(3)));
-    world.ask(ip_a, waiting);
-    waiting.then = [&] {
-        EXPECT_EQ(world.get_ib_data(ip_a, &world.record, asker::called_back, &waiting), ibat_stat_error);
+    world.ask(ip_a, first);
+    first.action = [&] {
+        EXPECT_EQ(world.get_ib_data(ip_a, &world.record, asker::reply_callback, &first), ibat_stat_error);
     };
     EXPECT_TRUE(world.unload());
-    EXPECT_EQ(waiting.replies.size(), 1u);
-    EXPECT_EQ(waiting.replies.at(0).status, ibat_stat_error);
+    EXPECT_EQ(first.replies.size(), 1u);
+    EXPECT_EQ(first.replies.at(0).status, ibat_stat_error);
     EXPECT_EQ(world.host.memory.blocks(), 0u) << testing::PrintToString(world.host.memory.leaks());
     EXPECT_THAT(world.host.inter_modules.names(), IsEmpty());
     world.until(10'000); // no timer is left that would enter the unloaded image
@@ -208,18 +208,18 @@ TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
 TEST(ibat_requests, any_allocation_may_fail_without_losing_or_doubling_a_callback)
 {
     for (uint64_t n = 1;; ++n) {
-        asker first, joined;
+        asker first, second;
         ibat_world world;
         world.host.faults.fail_nth(n);
         const ibat_stat_t first_status = world.ask(ip_a, first);
-        const ibat_stat_t joined_status = world.ask(ip_a, joined);
+        const ibat_stat_t second_status = world.ask(ip_a, second);
         world.reply(world.answer(ip_a, gid_of(1)));
         world.reply(world.answer(ip_b, gid_of(2)));
         const bool has_failed = !world.host.faults.failed_call().empty();
         world.host.faults.disarm();
-        for (const auto& [status, who] : {std::pair{first_status, &first}, std::pair{joined_status, &joined}}) {
+        for (const auto& [status, caller] : {std::pair{first_status, &first}, std::pair{second_status, &second}}) {
             EXPECT_TRUE(status == ibat_stat_pending || status == ibat_stat_error);
-            EXPECT_EQ(who->replies.size(), status == ibat_stat_pending ? 1u : 0u) << n;
+            EXPECT_EQ(caller->replies.size(), status == ibat_stat_pending ? 1u : 0u) << n;
         }
         EXPECT_TRUE(world.unload());
         EXPECT_EQ(world.host.memory.blocks(), 0u);

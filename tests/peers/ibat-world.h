@@ -1,4 +1,4 @@
-// A host with IBAT and a resolver that writes down what it is asked.
+// A host with IBAT and a resolver that records the attempts that it gets.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -7,22 +7,22 @@
 #include "tests/peers/peer-world.h"
 
 struct recording_resolver {
-    std::vector<std::pair<uint64_t, uint32_t>> sent; // tick and address of each attempt, refused ones too
+    std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each, refused ones too
     ibat_stat_t result = ibat_stat_ok;
-    unsigned long takes_ticks = 0;
-    int running = 0;
-    std::function<void(uint32_t)> then;
+    unsigned long duration_ticks = 0;
+    int call_count = 0; // calls that have not returned
+    std::function<void(uint32_t)> action;
 
     static ibat_stat_t send_arp(ibat_arp_data_t* arp_data, void* self, int)
     {
-        auto* it = static_cast<recording_resolver*>(self);
+        auto* resolver = static_cast<recording_resolver*>(self);
         EXPECT_TRUE(arp_data->mask & IBAT_MASK_DST_IP);
-        ++it->running;
-        it->sent.emplace_back(get_jiffies(), arp_data->dst_ip);
-        if (it->takes_ticks) schedule_timeout_uninterruptible(it->takes_ticks);
-        if (it->then) it->then(arp_data->dst_ip);
-        --it->running;
-        return it->result;
+        ++resolver->call_count;
+        resolver->attempts.emplace_back(get_jiffies(), arp_data->dst_ip);
+        if (resolver->duration_ticks) schedule_timeout_uninterruptible(resolver->duration_ticks);
+        if (resolver->action) resolver->action(arp_data->dst_ip);
+        --resolver->call_count;
+        return resolver->result;
     }
 };
 
@@ -46,14 +46,14 @@ class ibat_world : public peer_world
         run([&] { EXPECT_EQ(attach(nullptr, recording_resolver::send_arp, &resolver, &handle), ibat_stat_ok); });
     }
 
-    ibat_stat_t ask(uint32_t ip, asker& who)
+    ibat_stat_t ask(uint32_t ip, asker& caller)
     {
         ibat_stat_t status{};
-        run([&] { status = get_ib_data(ip, &record, asker::called_back, &who); });
+        run([&] { status = get_ib_data(ip, &record, asker::reply_callback, &caller); });
         return status;
     }
 
-    // A reply as the receive path hands it over, in a context that may not sleep.
+    // Gives IBAT a reply as the receive path does: in a context that may not sleep.
     ibat_stat_t reply(const ibat_arp_data_t& arp)
     {
         ibat_stat_t status{};
@@ -82,42 +82,42 @@ class ibat_world : public peer_world
     }
     static ibat_arp_data_t absence(uint32_t ip) { return answer(ip, kq_gid_t{}); }
 
-    // What the cache holds about an address, as a text: "1", "1 own" (the GID's number), "none" or "unknown".
-    std::string known(uint32_t ip)
+    // The cache entry of an address as a text: "1" (the number of the GID), "1 own", "none" (a negative entry) or
+    // "unknown" (no entry).
+    std::string entry_text(uint32_t ip)
     {
-        std::string text;
+        std::string text = "unknown";
         run([&] {
-            ibat_arp_data_t found{};
-            const ibat_stat_t status = peek(ip, &found);
-            text = status == ibat_stat_ok          ? std::to_string(found.gid.eui64 - gid_of(0).eui64)
-                   : status == ibat_stat_not_found ? "none"
-                                                   : "unknown";
-            if (status == ibat_stat_ok && found.mask & IBAT_MASK_STATIC) text += " own";
+            ibat_arp_data_t entry{};
+            const ibat_stat_t status = peek(ip, &entry);
+            if (status == ibat_stat_ok) text = std::to_string(entry.gid.eui64 - gid_of(0).eui64);
+            if (status == ibat_stat_ok && entry.mask & IBAT_MASK_STATIC) text += " own";
+            if (status == ibat_stat_not_found) text = "none";
         });
         return text;
     }
 
-    // The address of a GID by the cache, 0 for none.
+    // The address of a GID in the cache; 0: none.
     uint32_t address_of(kq_gid_t gid)
     {
         uint32_t ip = 0;
         run([&] {
-            ibat_arp_data_t found{};
-            if (look_up_gid(&gid, &found) == ibat_stat_ok) ip = found.dst_ip;
+            ibat_arp_data_t entry{};
+            if (look_up_gid(&gid, &entry) == ibat_stat_ok) ip = entry.dst_ip;
         });
         return ip;
     }
 
     ibat_counters_t counters()
     {
-        ibat_counters_t now{};
-        run([&] { read_counters(&now); });
-        return now;
+        ibat_counters_t values{};
+        run([&] { read_counters(&values); });
+        return values;
     }
 
     recording_resolver resolver;
     void* handle = nullptr;
-    ibat_arp_data_t record{}; // what ask() had filled
+    ibat_arp_data_t record{}; // filled by ask()
 
     ibat_attach_fn_t attach;
     ibat_detach_fn_t detach;

@@ -1,4 +1,4 @@
-// One simulated host with a peer module loaded, reached the way other modules reach it: by published name.
+// One simulated host with a peer module. The tests call the module as other modules do: by published name.
 #pragma once
 
 #include <functional>
@@ -13,9 +13,9 @@
 #include "kernel/sync.h"
 #include "kernel/time.h"
 
-inline std::ostream& operator<<(std::ostream& out, const kq_gid_t& gid)
+inline std::ostream& operator<<(std::ostream& stream, const kq_gid_t& gid)
 {
-    return out << std::hex << gid.subnet << ":" << gid.eui64 << std::dec;
+    return stream << std::hex << gid.subnet << ":" << gid.eui64 << std::dec;
 }
 
 constexpr uint32_t ip_a = 0x0100000A, ip_b = 0x0200000A, ip_c = 0x0300000A, ip_d = 0x0400000A;
@@ -38,7 +38,7 @@ class peer_world
         return host.modules.rmmod(module_);
     }
 
-    // Functions stay callable while the module is loaded; no reference is kept.
+    // A function of the module. It may be called while the module is loaded; no reference is held.
     template <class function_t>
     function_t published(const char* name)
     {
@@ -48,7 +48,7 @@ class peer_world
         return reinterpret_cast<function_t>(const_cast<void*>(function));
     }
 
-    // Runs `body` in a task of the host, then everything that it made ready.
+    // Runs `body` in a task of the host, then every task that is ready.
     void run(const std::function<void()>& body)
     {
         host.enter("test", body);
@@ -65,7 +65,7 @@ class peer_world
     std::string module_;
 };
 
-// Somebody who asks, and what he was told through callbacks. Outlives the world, whose end may still call him back.
+// An asker, and the replies that its callbacks got. It outlives the world, whose end may still call it back.
 struct asker {
     struct reply {
         uint64_t tick;
@@ -73,13 +73,13 @@ struct asker {
         ibat_arp_data_t record;
     };
     std::vector<reply> replies;
-    std::function<void()> then; // what his callback does beyond writing down
+    std::function<void()> action; // in every callback
 
-    static void called_back(ibat_stat_t status, ibat_arp_data_t* record, void* self)
+    static void reply_callback(ibat_stat_t status, ibat_arp_data_t* record, void* self)
     {
-        auto* him = static_cast<asker*>(self);
-        him->replies.push_back({get_jiffies(), status, *record});
-        if (him->then) him->then();
+        auto* caller = static_cast<asker*>(self);
+        caller->replies.push_back({get_jiffies(), status, *record});
+        if (caller->action) caller->action();
     }
 };
 

@@ -1,4 +1,4 @@
-// Reverse resolution through UCM: one completion each, whatever the provider does.
+// Reverse resolution through UCM: every request ends once, in every order of the provider's calls.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@ namespace
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A provider that keeps the callbacks it owes, so that a test makes them when it likes.
+// A provider that stores the callbacks it owes. A test makes them later.
 struct scripted_provider {
     struct owed_callback {
         kq_gid_t gid;
@@ -29,26 +29,26 @@ struct scripted_provider {
         }
     };
     ibat_stat_t result = ibat_stat_pending;
-    unsigned long takes_ticks = 0;
+    unsigned long duration_ticks = 0;
     std::function<void(const owed_callback&)> before_return;
-    std::vector<owed_callback> owed;
-    int running = 0;
+    std::vector<owed_callback> callbacks;
+    int call_count = 0; // calls that have not returned
 
     static ibat_stat_t send_rarp(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t callback, void* context, void* self)
     {
-        auto* it = static_cast<scripted_provider*>(self);
-        ++it->running;
+        auto* provider = static_cast<scripted_provider*>(self);
+        ++provider->call_count;
         EXPECT_TRUE(arp_data->mask & IBAT_MASK_GID);
-        const owed_callback mine{arp_data->gid, callback, context};
-        it->owed.push_back(mine);
-        if (it->takes_ticks) schedule_timeout_uninterruptible(it->takes_ticks);
-        if (it->before_return) it->before_return(mine);
-        if (it->result == ibat_stat_ok) {
+        const owed_callback new_callback{arp_data->gid, callback, context};
+        provider->callbacks.push_back(new_callback);
+        if (provider->duration_ticks) schedule_timeout_uninterruptible(provider->duration_ticks);
+        if (provider->before_return) provider->before_return(new_callback);
+        if (provider->result == ibat_stat_ok) {
             arp_data->mask |= IBAT_MASK_DST_IP;
             arp_data->dst_ip = ip_a;
         }
-        --it->running;
-        return it->result;
+        --provider->call_count;
+        return provider->result;
     }
 };
 
@@ -66,27 +66,27 @@ class ucm_world : public peer_world
         run([&] { EXPECT_EQ(attach(scripted_provider::send_rarp, &provider, &handle), ucm_stat_ok); });
     }
 
-    ibat_stat_t ask(uint64_t gid_number, asker& who)
+    ibat_stat_t ask(uint64_t gid_number, asker& caller)
     {
         ibat_stat_t status{};
         run([&] {
             record = {};
-            record.gid = gid_of(gid_number); // as callers like it: the GID lies in the record
-            status = get_ip(&record.gid, &record, asker::called_back, &who);
+            record.gid = gid_of(gid_number); // callers may pass the GID of the record itself
+            status = get_ip(&record.gid, &record, asker::reply_callback, &caller);
         });
         return status;
     }
 
-    void make_owed(size_t index, ibat_stat_t status)
+    void make_callback(size_t index, ibat_stat_t status)
     {
-        run([&] { provider.owed.at(index).make(status); });
+        run([&] { provider.callbacks.at(index).make(status); });
     }
 
     ucm_counters_t counters()
     {
-        ucm_counters_t now{};
-        run([&] { read_counters(&now); });
-        return now;
+        ucm_counters_t values{};
+        run([&] { read_counters(&values); });
+        return values;
     }
 
     scripted_provider provider;
@@ -105,11 +105,11 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
     constexpr ibat_stat_t none = ibat_stat_t(1); // no such callback
     struct {
         ibat_stat_t result;
-        ibat_stat_t before; // a callback before send_rarp returns
-        ibat_stat_t after;  // and one later
-        ibat_stat_t returned;
-        ibat_stat_t told;
-        uint64_t swallowed;
+        ibat_stat_t early_callback; // before send_rarp returns
+        ibat_stat_t late_callback;  // after it
+        ibat_stat_t status;         // that the asker gets at once
+        ibat_stat_t reply;          // that the asker gets by callback
+        uint64_t swallowed_count;
     } const cases[] = {
         {ibat_stat_ok, none, none, ibat_stat_ok, none, 0},
         {ibat_stat_pending, none, ibat_stat_ok, ibat_stat_pending, ibat_stat_ok, 0},
@@ -125,24 +125,25 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(testing::Message() << "case " << &each - cases);
-        asker who;
+        asker caller;
         ucm_world world;
         world.provider.result = each.result;
-        if (each.before != none) world.provider.before_return = [&](const auto& owed) { owed.make(each.before); };
-        EXPECT_EQ(world.ask(1, who), each.returned);
-        if (each.after != none) world.make_owed(0, each.after);
-        if (each.told == none) {
-            EXPECT_THAT(who.replies, IsEmpty());
+        if (each.early_callback != none)
+            world.provider.before_return = [&](const auto& callback) { callback.make(each.early_callback); };
+        EXPECT_EQ(world.ask(1, caller), each.status);
+        if (each.late_callback != none) world.make_callback(0, each.late_callback);
+        if (each.reply == none) {
+            EXPECT_THAT(caller.replies, IsEmpty());
         } else {
-            ASSERT_EQ(who.replies.size(), 1u);
-            EXPECT_EQ(who.replies[0].status, each.told);
-            EXPECT_EQ(who.replies[0].record.gid, gid_of(1));
+            ASSERT_EQ(caller.replies.size(), 1u);
+            EXPECT_EQ(caller.replies[0].status, each.reply);
+            EXPECT_EQ(caller.replies[0].record.gid, gid_of(1));
         }
-        EXPECT_EQ(world.record.dst_ip, each.returned == ibat_stat_ok ? ip_a : 0);
-        if (each.told != none) {
-            EXPECT_EQ(who.replies[0].record.dst_ip, each.told == ibat_stat_timeout ? 0 : ip_a);
+        EXPECT_EQ(world.record.dst_ip, each.status == ibat_stat_ok ? ip_a : 0);
+        if (each.reply != none) {
+            EXPECT_EQ(caller.replies[0].record.dst_ip, each.reply == ibat_stat_timeout ? 0 : ip_a);
         }
-        EXPECT_EQ(world.counters().swallowed, each.swallowed);
+        EXPECT_EQ(world.counters().swallowed, each.swallowed_count);
         EXPECT_EQ(world.counters().pending, 0u);
         EXPECT_EQ(world.host.memory.blocks(), 1u); // the index by number; no request is left
     }
@@ -150,32 +151,32 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
 
 TEST(ucm, detach_waits_for_a_running_call_and_ends_what_is_outstanding_once)
 {
-    asker outstanding, calling, failing, late;
+    asker first, second, late;
     ucm_world world;
-    world.ask(1, outstanding);
-    world.provider.takes_ticks = 300;
+    world.ask(1, first);
+    world.provider.duration_ticks = 300;
     exec::task& slow = world.host.start("slow", [&] {
         const kq_gid_t gid = gid_of(2);
         ibat_arp_data_t record{};
-        EXPECT_EQ(world.get_ip(&gid, &record, asker::called_back, &calling), ibat_stat_pending);
+        EXPECT_EQ(world.get_ip(&gid, &record, asker::reply_callback, &second), ibat_stat_pending);
     });
     world.until(100);
     world.run([&] {
         EXPECT_EQ(world.detach(nullptr), ucm_stat_error);
         EXPECT_EQ(world.detach(world.handle), ucm_stat_ok);
         EXPECT_EQ(get_jiffies(), 300u);
-        EXPECT_EQ(world.provider.running, 0);
+        EXPECT_EQ(world.provider.call_count, 0);
         EXPECT_EQ(world.detach(world.handle), ucm_stat_error); // stale
     });
     world.sim->join(slow);
     EXPECT_EQ(world.ask(3, late), ibat_stat_error);
-    EXPECT_EQ(world.provider.owed.size(), 2u);
-    world.make_owed(0, ibat_stat_ok); // the provider's timer was still running
-    for (const asker* who : {&outstanding, &calling}) {
-        ASSERT_EQ(who->replies.size(), 1u);
-        EXPECT_EQ(who->replies[0].status, ibat_stat_error);
+    EXPECT_EQ(world.provider.callbacks.size(), 2u);
+    world.make_callback(0, ibat_stat_ok); // the provider's timer was still running
+    for (const asker* caller : {&first, &second}) {
+        ASSERT_EQ(caller->replies.size(), 1u);
+        EXPECT_EQ(caller->replies[0].status, ibat_stat_error);
     }
-    EXPECT_EQ(outstanding.replies[0].record.gid, gid_of(1));
+    EXPECT_EQ(first.replies[0].record.gid, gid_of(1));
     EXPECT_THAT(late.replies, IsEmpty());
 }
 
@@ -183,19 +184,19 @@ TEST(ucm, callback_may_ask_again_and_a_withdrawn_asker_hears_nothing)
 {
     asker first, second, leaves;
     ucm_world world;
-    first.then = [&] {
+    first.action = [&] {
         const kq_gid_t gid = gid_of(2);
-        EXPECT_EQ(world.get_ip(&gid, &world.record, asker::called_back, &second), ibat_stat_pending);
+        EXPECT_EQ(world.get_ip(&gid, &world.record, asker::reply_callback, &second), ibat_stat_pending);
     };
     world.ask(1, first);
-    world.make_owed(0, ibat_stat_not_found);
-    EXPECT_EQ(world.provider.owed.size(), 2u);
+    world.make_callback(0, ibat_stat_not_found);
+    EXPECT_EQ(world.provider.callbacks.size(), 2u);
     world.ask(3, leaves);
     world.run([&] {
-        EXPECT_EQ(world.cancel(asker::called_back, &leaves), 1);
-        EXPECT_EQ(world.cancel(asker::called_back, &leaves), 0);
+        EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 1);
+        EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 0);
     });
-    world.make_owed(2, ibat_stat_ok);
+    world.make_callback(2, ibat_stat_ok);
     EXPECT_THAT(leaves.replies, IsEmpty());
     EXPECT_TRUE(world.unload());
     EXPECT_EQ(second.replies.size(), 1u);

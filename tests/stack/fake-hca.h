@@ -1,4 +1,4 @@
-// An HCA whose wire is the test: it keeps what is sent, and says what arrives and what changes when it is told to.
+// An HCA without a wire: it stores the MADs that are sent. The test makes MADs arrive and ports change.
 #pragma once
 
 #include <vector>
@@ -15,27 +15,27 @@ struct fake_hca final : fabric::hca {
         fabric::mad_bytes mad;
     };
 
-    const std::string& name() const override { return called; }
+    const std::string& name() const override { return hca_name; }
     int port_count() const override { return static_cast<int>(ports.size()); }
     fabric::port_attributes read_port(int port) override
     {
-        fabric::port_attributes now = ports[static_cast<size_t>(port - 1)];
+        fabric::port_attributes attributes = ports[static_cast<size_t>(port - 1)];
         if (while_read) while_read(port);
-        return now;
+        return attributes;
     }
     bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override
     {
-        if (accepts) sent.push_back({port, destination, mad});
+        if (accepts) sent_mads.push_back({port, destination, mad});
         return accepts;
     }
     bool poll() override { return while_polled && while_polled(); }
-    void listen(fabric::listener* to) override { listener = to; }
+    void listen(fabric::listener* new_listener) override { listener = new_listener; }
 
     void arrive(int port, const sa_mad_v2_t& mad, const fabric::address& source = {.lid = 1}) const
     {
         listener->mad_arrived(port, source, test::bytes_of(mad));
     }
-    // As a fabric announces it: the state reads new already.
+    // A fabric reports a change after the port reads the new state.
     void change(int port, fabric::port_change change, uint16_t sm_lid = 0)
     {
         if (change != fabric::port_change::sm_change)
@@ -44,12 +44,12 @@ struct fake_hca final : fabric::hca {
         if (listener) listener->port_changed(port, change, sm_lid);
     }
 
-    std::string called = "mthca0";
+    std::string hca_name = "mthca0";
     std::vector<fabric::port_attributes> ports{2};
-    std::function<void(int port)> while_read; // happens after the state was read, before the reader knows it
-    std::function<bool()> while_polled;       // happens then; true: something arrived
+    std::function<void(int port)> while_read; // called after the state was read, before the read returns
+    std::function<bool()> while_polled;       // called by poll(); true: a MAD arrived
     bool accepts = true;
-    std::vector<sent_mad> sent;
+    std::vector<sent_mad> sent_mads;
     fabric::listener* listener = nullptr;
 };
 
@@ -57,10 +57,10 @@ struct plugged_fake {
     fake_hca hca;
 };
 
-// A machine with that HCA in it, which outlives it.
+// A machine with this HCA. The HCA is a base, so that it outlives the machine.
 struct machine_with_fake : plugged_fake, one_machine {
     explicit machine_with_fake(const exec::simulation_options& options = {}) : one_machine(options) { host.plug(hca); }
 
-    // Runs everything that is ready now.
+    // Runs every task that is ready now.
     void settle() const { sim->settle(); }
 };

@@ -1,4 +1,4 @@
-// A client of GSI with a pool and a class on every port, which writes down what it is told.
+// A client of GSI with a pool and a class on every port. It writes a line for every callback.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -51,34 +51,35 @@ class gsi_client
 
     gsi_dtgrm_pool_handle_t pool;
     gsi_class_handle_t classes[2] = {};
-    std::function<void(gsi_dtgrm_t*)> then; // in every callback
-    bool keep = false;                      // what it is given
-    std::vector<gsi_dtgrm_t*> kept;
-    std::vector<std::string> lines; // "sent 1", "got 1 on port 2": transaction IDs
+    std::function<void(gsi_dtgrm_t*)> action; // in every callback
+    bool keeps_datagrams = false;             // instead of putting them back
+    std::vector<gsi_dtgrm_t*> datagrams;
+    std::vector<std::string> lines; // "sent 1", "got 1 on port 2", with the transaction ID
 
   private:
     static void sent(gsi_class_handle_t handle, void* self, gsi_dtgrm_t* datagram)
     {
-        static_cast<gsi_client*>(self)->told("sent ", handle, datagram);
+        static_cast<gsi_client*>(self)->take("sent ", handle, datagram);
     }
     static void received(gsi_class_handle_t handle, void* self, gsi_dtgrm_t* datagram)
     {
-        static_cast<gsi_client*>(self)->told("got ", handle, datagram);
+        static_cast<gsi_client*>(self)->take("got ", handle, datagram);
     }
-    void told(const char* what, gsi_class_handle_t handle, gsi_dtgrm_t* datagram)
+    void take(const char* event, gsi_class_handle_t handle, gsi_dtgrm_t* datagram)
     {
-        EXPECT_FALSE(std::exchange(inside_, true)) << "one at a time";
+        EXPECT_FALSE(is_in_callback_) << "one at a time";
+        is_in_callback_ = true;
         mad_hdr_t header;
         memcpy(&header, datagram->mad, sizeof header);
-        EXPECT_EQ(header.attrib_id, SA_ATTR_SERVICE_RECORD) << "host order on the client's side";
-        lines.push_back(what + std::to_string(from_wire(header.transact_id)) +
+        EXPECT_EQ(header.attrib_id, SA_ATTR_SERVICE_RECORD) << "clients see host order";
+        lines.push_back(event + std::to_string(from_wire(header.transact_id)) +
                         (handle == classes[0] ? "" : " on port 2"));
-        if (then) then(datagram);
-        if (keep)
-            kept.push_back(datagram);
+        if (action) action(datagram);
+        if (keeps_datagrams)
+            datagrams.push_back(datagram);
         else
             gsi_dtgrm_pool_put(datagram);
-        inside_ = false;
+        is_in_callback_ = false;
     }
-    bool inside_ = false;
+    bool is_in_callback_ = false;
 };

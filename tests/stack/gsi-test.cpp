@@ -11,14 +11,14 @@ using testing::ElementsAre;
 namespace
 {
 
-stack::gsi_counts counts_of(machine_with_fake& at)
+stack::gsi_counts counts_of(machine_with_fake& world)
 {
-    return at.host.get<stack::gsi>().adapters().at(0).counts;
+    return world.host.get<stack::gsi>().adapters().at(0).counts;
 }
 
-size_t free_in_pool(machine_with_fake& at)
+size_t free_in_pool(machine_with_fake& world)
 {
-    return at.host.get<stack::gsi>().pools().at(0).free;
+    return world.host.get<stack::gsi>().pools().at(0).free;
 }
 
 sa_mad_v2_t answer(uint64_t transaction_id, uint8_t method = test::get_response, uint8_t mgt_class = MAD_CLASS_SUBN_ADM)
@@ -31,8 +31,8 @@ sa_mad_v2_t answer(uint64_t transaction_id, uint8_t method = test::get_response,
 
 TEST(gsi, supplies_on_the_wire_what_clients_leave_to_it)
 {
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client;
         gsi_dtgrm_t* datagram = client.make();
         datagram->rlid = 7;
@@ -48,32 +48,32 @@ TEST(gsi, supplies_on_the_wire_what_clients_leave_to_it)
         client.close();
         EXPECT_THAT(client.lines, ElementsAre("sent 1 on port 2", "sent 2"));
 
-        ASSERT_EQ(at.hca.sent.size(), 2u);
-        const auto& [port, to, mad] = at.hca.sent[0];
+        ASSERT_EQ(world.hca.sent_mads.size(), 2u);
+        const auto& [port, destination, mad] = world.hca.sent_mads[0];
         EXPECT_EQ(port, 2);
-        EXPECT_EQ(to.lid, 7);
-        EXPECT_EQ(to.sl, 3);
-        EXPECT_EQ(to.path_bits, 2);
-        EXPECT_EQ(to.static_rate, 5);
-        EXPECT_EQ(to.qpn, 1u);
-        EXPECT_EQ(to.q_key, 0x80010000u);
-        EXPECT_EQ(to.p_key_index, 0);
+        EXPECT_EQ(destination.lid, 7);
+        EXPECT_EQ(destination.sl, 3);
+        EXPECT_EQ(destination.path_bits, 2);
+        EXPECT_EQ(destination.static_rate, 5);
+        EXPECT_EQ(destination.qpn, 1u);
+        EXPECT_EQ(destination.q_key, 0x80010000u);
+        EXPECT_EQ(destination.p_key_index, 0);
         EXPECT_EQ(id, 1u);
         EXPECT_EQ(mad, test::bytes_of(test::request(MAD_METHOD_GET, test::mask_gid_lookup, {}, id)));
-        EXPECT_EQ(at.hca.sent[1].destination.q_key, 0x1234u);
+        EXPECT_EQ(world.hca.sent_mads[1].destination.q_key, 0x1234u);
     });
 }
 
 TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
 {
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client;
-        client.then = [&](const gsi_dtgrm_t* datagram) {
+        client.action = [&](const gsi_dtgrm_t* datagram) {
             if (client.lines.size() == 2) client.post(1); // from a callback: queued behind what is there
             if (client.lines.size() == 5) {
-                at.hca.arrive(2, answer(52)); // another port's, whose fabric task would complete it at once
-                at.hca.listener->may_complete(false);
+                world.hca.arrive(2, answer(52)); // on another port, and the fabric's task would complete it at once
+                world.hca.listener->may_complete(false);
             }
             if (client.lines.size() != 3) return;
             EXPECT_EQ(datagram->rlid, 77);
@@ -81,57 +81,57 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
             EXPECT_EQ(datagram->pkey_idx, 2);
         };
         client.post(2);
-        at.hca.arrive(1, answer(50));
-        at.hca.arrive(2, answer(51), {.lid = 77, .sl = 4, .p_key_index = 2});
+        world.hca.arrive(1, answer(50));
+        world.hca.arrive(2, answer(51), {.lid = 77, .sl = 4, .p_key_index = 2});
         client.post(1);
-        at.hca.arrive(1, answer(50)); // twice is the client's business
+        world.hca.arrive(1, answer(50)); // GSI delivers duplicates
         schedule_timeout_uninterruptible(1);
         EXPECT_THAT(client.lines, ElementsAre("sent 1 on port 2", "got 50", "got 51 on port 2", "sent 2", "got 50",
                                               "sent 3", "got 52 on port 2"));
         client.close();
-        EXPECT_EQ(counts_of(at).completed, 3u);
-        EXPECT_EQ(counts_of(at).delivered, 4u);
+        EXPECT_EQ(counts_of(world).completed, 3u);
+        EXPECT_EQ(counts_of(world).delivered, 4u);
     });
 }
 
 TEST(gsi, is_run_by_the_fabrics_task_and_sends_wait_for_answers_while_that_lends_itself)
 {
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client(4);
-        client.then = [](gsi_dtgrm_t*) { EXPECT_TRUE(exec::current_task()->atomic_context); };
-        const auto told = [&](bool at_once) {
+        client.action = [](gsi_dtgrm_t*) { EXPECT_TRUE(exec::current_task()->atomic_context); };
+        const auto new_lines = [&](bool at_once) {
             if (!at_once) schedule_timeout_uninterruptible(1);
             return std::exchange(client.lines, {});
         };
         client.post();
-        at.hca.arrive(2, answer(50));
-        at.hca.listener->may_complete(true);
-        EXPECT_THAT(told(true), ElementsAre("sent 1", "got 50 on port 2"));
-        EXPECT_THAT(told(false), ElementsAre()) << "the task that was rung for them comes too late";
+        world.hca.arrive(2, answer(50));
+        world.hca.listener->may_complete(true);
+        EXPECT_THAT(new_lines(true), ElementsAre("sent 1", "got 50 on port 2"));
+        EXPECT_THAT(new_lines(false), ElementsAre()) << "the adapter's task finds them completed";
         client.post();
-        EXPECT_THAT(told(false), ElementsAre());
-        at.hca.arrive(1, answer(51));
-        EXPECT_THAT(told(false), ElementsAre());
-        at.hca.listener->may_complete(true);
-        EXPECT_THAT(told(true), ElementsAre("sent 2", "got 51"));
+        EXPECT_THAT(new_lines(false), ElementsAre());
+        world.hca.arrive(1, answer(51));
+        EXPECT_THAT(new_lines(false), ElementsAre());
+        world.hca.listener->may_complete(true);
+        EXPECT_THAT(new_lines(true), ElementsAre("sent 2", "got 51"));
 
         for (int i = 0; i < 4; ++i) client.post();
-        EXPECT_THAT(told(false), ElementsAre("sent 3", "sent 4", "sent 5", "sent 6")) << "the pool had run low";
+        EXPECT_THAT(new_lines(false), ElementsAre("sent 3", "sent 4", "sent 5", "sent 6")) << "the pool had run low";
 
         client.post();
-        at.hca.listener->may_complete(false);
-        EXPECT_THAT(told(true), ElementsAre("sent 7"));
+        world.hca.listener->may_complete(false);
+        EXPECT_THAT(new_lines(true), ElementsAre("sent 7"));
         client.post();
-        EXPECT_THAT(told(false), ElementsAre("sent 8"));
+        EXPECT_THAT(new_lines(false), ElementsAre("sent 8"));
 
-        at.hca.listener->may_complete(true);
+        world.hca.listener->may_complete(true);
         client.close();
-        gsi_client next(4);
-        next.post();
+        gsi_client next_client(4);
+        next_client.post();
         schedule_timeout_uninterruptible(1);
-        EXPECT_THAT(next.lines, ElementsAre("sent 9")) << "what was said to nobody holds no longer";
-        next.close();
+        EXPECT_THAT(next_client.lines, ElementsAre("sent 9")) << "a promise of may_complete() ends with the last class";
+        next_client.close();
     });
 }
 
@@ -148,23 +148,23 @@ TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
         uint8_t method;
         test::record_t record; // of the request
         int status;            // of the answer
-        test::record_t shown;  // by the answer
-        stack::registration_state expected;
+        test::record_t answer; // its record
+        stack::registration_state expectation;
         uint64_t confirmations;
         bool is_unanswered = false;
         bool is_new = false; // never confirmed
     } steps[] = {
         {set, first, 0, first, confirmed, 1},        {set, second, lost, {}, asked, 1, true, true},
-        {get, second, 0, second, confirmed, 2}, // stands in for the lost answer
+        {get, second, 0, second, confirmed, 2}, // replaces the lost answer
         {get, second, none, second, missing, 2},     {set, second, full, {}, refused, 2},
         {get, second, 0, first, different, 2},       {get, foreign, 0, foreign, different, 2},
         {remove, foreign, 0, foreign, different, 2}, {remove, second, lost, {}, different, 2, true},
         {remove, second, 0, second, withdrawn, 2},
     };
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client;
-        const auto seen = [&] { return at.host.get<stack::gsi>().registrations().at(0).record; };
+        const auto last_state = [&] { return world.host.get<stack::gsi>().registrations().at(0).record; };
         uint64_t transaction = 0;
         for (const auto& step : steps) {
             SCOPED_TRACE(transaction);
@@ -173,19 +173,19 @@ TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
             mad.hdr.attrib_id = SA_ATTR_SERVICE_RECORD;
             memcpy(datagram->mad, &mad, MAD_SIZE);
             ASSERT_EQ(gsi_post_send_dtgrm(client.classes[1], datagram, &transaction), 0);
-            mad = test::request(step.method == remove ? test::delete_response : test::get_response, 0, step.shown,
+            mad = test::request(step.method == remove ? test::delete_response : test::get_response, 0, step.answer,
                                 transaction);
             mad.hdr.m.r = 1;
             mad.hdr.u.ns.status.raw16 = to_wire(static_cast<uint16_t>(step.status));
-            if (step.status != lost) at.hca.arrive(2, mad);
-            EXPECT_EQ(seen().state, step.expected);
-            EXPECT_EQ(seen().confirmations, step.confirmations);
-            EXPECT_EQ(seen().confirmed_tick.has_value(), !step.is_new) << "of this content";
-            EXPECT_EQ(seen().is_unanswered, step.is_unanswered);
+            if (step.status != lost) world.hca.arrive(2, mad);
+            EXPECT_EQ(last_state().state, step.expectation);
+            EXPECT_EQ(last_state().confirmations, step.confirmations);
+            EXPECT_EQ(last_state().confirmed_tick.has_value(), !step.is_new) << "of this content";
+            EXPECT_EQ(last_state().is_unanswered, step.is_unanswered);
         }
-        EXPECT_EQ(seen().port, 2);
-        EXPECT_EQ(seen().sm_lid, 1);
-        EXPECT_TRUE(test::same(seen().record, second));
+        EXPECT_EQ(last_state().port, 2);
+        EXPECT_EQ(last_state().sm_lid, 1);
+        EXPECT_TRUE(test::same(last_state().record, second));
         client.close();
     });
 }
@@ -194,88 +194,88 @@ TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
 {
     constexpr uint8_t performance_management = 0x04;
     constexpr uint64_t receive_pool = 256;
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client(1, 1);
-        at.hca.arrive(1, answer(1, MAD_METHOD_GET));
-        at.hca.arrive(1, answer(2, test::get_response, performance_management));
-        at.hca.arrive(2, answer(3)); // the class is not registered there
-        sa_mad_v2_t of_another_version = answer(4);
-        of_another_version.hdr.class_ver = 1;
-        at.hca.arrive(1, of_another_version); // the client's to judge
+        world.hca.arrive(1, answer(1, MAD_METHOD_GET));
+        world.hca.arrive(1, answer(2, test::get_response, performance_management));
+        world.hca.arrive(2, answer(3)); // the class is not registered there
+        sa_mad_v2_t other_version = answer(4);
+        other_version.hdr.class_ver = 1;
+        world.hca.arrive(1, other_version); // the client checks the version
         schedule_timeout_uninterruptible(1);
         EXPECT_THAT(client.lines, ElementsAre("got 4"));
-        EXPECT_EQ(counts_of(at).dropped_no_response, 1u);
-        EXPECT_EQ(counts_of(at).dropped_no_class, 2u);
+        EXPECT_EQ(counts_of(world).dropped_no_response, 1u);
+        EXPECT_EQ(counts_of(world).dropped_no_class, 2u);
 
-        client.keep = true;
-        for (uint64_t i = 0; i < receive_pool + 5; ++i) at.hca.arrive(1, answer(i));
+        client.keeps_datagrams = true;
+        for (uint64_t i = 0; i < receive_pool + 5; ++i) world.hca.arrive(1, answer(i));
         schedule_timeout_uninterruptible(1);
-        EXPECT_EQ(client.kept.size(), receive_pool);
-        EXPECT_EQ(counts_of(at).dropped_no_datagram, 5u);
-        for (gsi_dtgrm_t* each : client.kept) gsi_dtgrm_pool_put(each);
-        at.hca.arrive(1, answer(9));
+        EXPECT_EQ(client.datagrams.size(), receive_pool);
+        EXPECT_EQ(counts_of(world).dropped_no_datagram, 5u);
+        for (gsi_dtgrm_t* each : client.datagrams) gsi_dtgrm_pool_put(each);
+        world.hca.arrive(1, answer(9));
         schedule_timeout_uninterruptible(1);
         EXPECT_EQ(client.lines.back(), "got 9");
-        gsi_dtgrm_pool_put(client.kept.back());
+        gsi_dtgrm_pool_put(client.datagrams.back());
         client.close();
     });
 }
 
 TEST(gsi, a_pool_runs_out_and_a_refused_post_leaves_the_datagram_as_it_was)
 {
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client(3);
         for (int i = 0; i < 3; ++i) client.post();
         EXPECT_EQ(client.make(), nullptr);
         schedule_timeout_uninterruptible(1);
-        EXPECT_EQ(free_in_pool(at), 3u);
+        EXPECT_EQ(free_in_pool(world), 3u);
 
         gsi_dtgrm_t* datagram = client.make();
-        gsi_dtgrm_t before;
-        memcpy(&before, datagram, sizeof before);
-        at.hca.accepts = false;
+        gsi_dtgrm_t copy;
+        memcpy(&copy, datagram, sizeof copy);
+        world.hca.accepts = false;
         EXPECT_LT(gsi_post_send_dtgrm(client.classes[0], datagram, nullptr), 0);
-        EXPECT_EQ(memcmp(before.mad, datagram->mad, sizeof before - offsetof(gsi_dtgrm_t, mad)), 0);
-        at.hca.accepts = true;
+        EXPECT_EQ(memcmp(copy.mad, datagram->mad, sizeof copy - offsetof(gsi_dtgrm_t, mad)), 0);
+        world.hca.accepts = true;
         EXPECT_EQ(gsi_post_send_dtgrm(client.classes[0], datagram, nullptr), 0);
         schedule_timeout_uninterruptible(1);
-        EXPECT_EQ(free_in_pool(at), 3u);
-        EXPECT_EQ(counts_of(at).refused, 1u);
-        EXPECT_EQ(counts_of(at).posted, 4u);
+        EXPECT_EQ(free_in_pool(world), 3u);
+        EXPECT_EQ(counts_of(world).refused, 1u);
+        EXPECT_EQ(counts_of(world).posted, 4u);
         client.close();
     });
 }
 
 TEST(gsi, a_class_ends_only_when_nothing_of_it_is_under_way)
 {
-    machine_with_fake at;
-    at.run([&] {
+    machine_with_fake world;
+    world.run([&] {
         gsi_client client(2, 1);
         gsi_class_t* handle = client.classes[0];
-        int refused_inside = 0;
-        client.then = [&](gsi_dtgrm_t*) { refused_inside += gsi_deregister_class(handle) != 0; };
+        int refusal_count = 0;
+        client.action = [&](gsi_dtgrm_t*) { refusal_count += gsi_deregister_class(handle) != 0; };
         client.post();
         EXPECT_NE(gsi_deregister_class(handle), 0) << "a send has not completed";
         schedule_timeout_uninterruptible(1);
-        at.hca.arrive(1, answer(5));
+        world.hca.arrive(1, answer(5));
         EXPECT_NE(gsi_deregister_class(handle), 0) << "an answer is not delivered";
         schedule_timeout_uninterruptible(1);
-        EXPECT_EQ(refused_inside, 2) << "a callback is running";
+        EXPECT_EQ(refusal_count, 2) << "a callback is running";
         client.close();
 
-        at.hca.listener = nullptr; // nobody may be told any more
+        world.hca.listener = nullptr; // the adapter listens no longer
         EXPECT_NE(gsi_deregister_class(handle), 0);
-        gsi_client next(2, 1);
-        EXPECT_NE(next.classes[0], handle);
-        gsi_dtgrm_t* datagram = next.make();
+        gsi_client next_client(2, 1);
+        EXPECT_NE(next_client.classes[0], handle);
+        gsi_dtgrm_t* datagram = next_client.make();
         EXPECT_NE(gsi_post_send_dtgrm(handle, datagram, nullptr), 0) << "a stale handle";
         gsi_dtgrm_pool_put(datagram);
-        next.post();
-        next.close();
+        next_client.post();
+        next_client.close();
         EXPECT_THAT(client.lines, ElementsAre("sent 1", "got 5"));
-        EXPECT_THAT(next.lines, ElementsAre("sent 2"));
+        EXPECT_THAT(next_client.lines, ElementsAre("sent 2"));
     });
 }
 
@@ -284,7 +284,7 @@ TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     struct {
         const char* panic;
-        void (*misuse)(gsi_client& client, machine_with_fake& at);
+        void (*misuse)(gsi_client& client, machine_with_fake& world);
     } const cases[] = {
         {"put: datagram .* of pool 'client' is back in its pool: taken at tick 0, put at tick 0",
          [](gsi_client& client, machine_with_fake&) {
@@ -301,17 +301,17 @@ TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
         {"post_send_dtgrm: .* is back in its pool: taken at tick 1, .*sent at tick 1 by class 3 of port 1, put at tick "
          "2",
          [](gsi_client& client, machine_with_fake&) {
-             client.keep = true;
+             client.keeps_datagrams = true;
              schedule_timeout_uninterruptible(1);
              client.post();
              schedule_timeout_uninterruptible(1);
-             gsi_dtgrm_pool_put(client.kept[0]);
-             gsi_post_send_dtgrm(client.classes[0], client.kept[0], nullptr);
+             gsi_dtgrm_pool_put(client.datagrams[0]);
+             gsi_post_send_dtgrm(client.classes[0], client.datagrams[0], nullptr);
          }},
         {"put: 0x[0-9a-f]+ is not a datagram of any pool",
          [](gsi_client&, machine_with_fake&) {
-             gsi_dtgrm_t of_nobody{};
-             gsi_dtgrm_pool_put(&of_nobody);
+             gsi_dtgrm_t foreign{};
+             gsi_dtgrm_pool_put(&foreign);
          }},
         {"does not come back to pool 'client', which goes with 15 of 16 free: taken at tick 0",
          [](gsi_client& client, machine_with_fake&) {
@@ -322,24 +322,24 @@ TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
          [](gsi_client& client, machine_with_fake&) {
              semaphore sem;
              sema_init(&sem, 1);
-             client.then = [&](gsi_dtgrm_t*) { down(&sem); };
+             client.action = [&](gsi_dtgrm_t*) { down(&sem); };
              client.post();
              schedule_timeout_uninterruptible(1);
          }},
         {"pool 'mthca0 receive', which goes with 255 of 256 free: received at .* by class 3 of port 1, delivered",
-         [](gsi_client& client, machine_with_fake& at) {
-             client.keep = true;
-             at.hca.arrive(1, answer(1));
+         [](gsi_client& client, machine_with_fake& world) {
+             client.keeps_datagrams = true;
+             world.hca.arrive(1, answer(1));
              client.close();
          }},
     };
     for (const auto& each : cases)
         EXPECT_DEATH(
             {
-                machine_with_fake at;
-                at.run([&] {
+                machine_with_fake world;
+                world.run([&] {
                     gsi_client client;
-                    each.misuse(client, at);
+                    each.misuse(client, world);
                 });
             },
             each.panic);

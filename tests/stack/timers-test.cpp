@@ -19,20 +19,20 @@ class timers_test : public testing::Test
     struct story {
         timing_t timer;
         std::string name;
-        std::function<void(timing_t&)> then;
+        std::function<void(timing_t&)> action;
         std::vector<std::string>& lines;
     };
 
-    // A timer that writes down when it ran, as "name@tick", and does what it is told. By a task.
-    timing_t& arm(const std::string& name, bool atomic, uint64_t tick, std::function<void(timing_t&)> then = {})
+    // Arms a timer whose handler writes "name@tick" and then calls `action`. By a task.
+    timing_t& arm(const std::string& name, bool atomic, uint64_t tick, std::function<void(timing_t&)> action = {})
     {
-        stories.push_back(std::unique_ptr<story>(new story{{}, name, std::move(then), lines}));
+        stories.push_back(std::unique_ptr<story>(new story{{}, name, std::move(action), lines}));
         timing_t& timer = stories.back()->timer;
         init_timing(&timer);
         timer.function = [](unsigned long self) {
             auto* run = reinterpret_cast<story*>(self);
             run->lines.push_back(run->name + "@" + std::to_string(get_jiffies()));
-            if (run->then) run->then(run->timer);
+            if (run->action) run->action(run->timer);
         };
         timer.data = reinterpret_cast<unsigned long>(stories.back().get());
         timer.atomic = atomic;
@@ -47,7 +47,7 @@ class timers_test : public testing::Test
 
     std::vector<std::string> lines;
     std::vector<std::unique_ptr<story>> stories;
-    one_machine at{{.start_tick = 100}};
+    one_machine machine{{.start_tick = 100}};
 };
 
 TEST_F(timers_test, run_at_their_tick_and_those_of_one_tick_in_order_however_tasks_are_switched)
@@ -77,16 +77,17 @@ TEST_F(timers_test, run_at_their_tick_and_those_of_one_tick_in_order_however_tas
     }
 }
 
-// The task of the handlers that may sleep stands back while another handler is due. Whatever happens to the timers
-// meanwhile, it must come back.
+// While an atomic timer is due, the task of the sleeping timers waits without a deadline until the atomic task rings
+// it. In the meantime an atomic handler moves the sleeping timer, or another sleeping timer is armed. The sleeping task
+// must wake all the same. A lost ring() leaves a sleeping timer that never runs.
 TEST_F(timers_test, a_sleeping_timer_is_not_lost_behind_an_atomic_one_that_is_due)
 {
     for (uint64_t seed = 1; seed <= 50; ++seed) {
         one_machine world({.seed = seed, .start_tick = 100, .explore_switches = true});
         lines.clear();
         world.run([&] {
-            timing_t& moved = arm("moved", false, 110);
-            arm("atomic", true, 110, [&](timing_t&) { move(moved, 150); });
+            timing_t& timer = arm("moved", false, 110);
+            arm("atomic", true, 110, [&](timing_t&) { move(timer, 150); });
             arm("sleeper", false, 120);
             schedule_timeout_uninterruptible(30);
             arm("atomic", true, 130);
@@ -101,54 +102,54 @@ TEST_F(timers_test, a_sleeping_timer_is_not_lost_on_threads)
 {
     const std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
     kernel::machine host{*exec, "node1"};
-    std::atomic<int> ended = 0;
+    std::atomic<int> handler_count = 0;
     host.enter("test", [&] {
-        timing_t atomic, sleeping;
-        init_timing(&atomic);
-        init_timing(&sleeping);
-        atomic.function = [](unsigned long) {};
-        atomic.atomic = true;
-        sleeping.function = [](unsigned long count) { ++*reinterpret_cast<std::atomic<int>*>(count); };
-        sleeping.data = reinterpret_cast<unsigned long>(&ended);
-        const auto patience_ends = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        for (int round = 1; round <= 300 && ended == round - 1; ++round) {
-            move(atomic, get_jiffies());
-            move(sleeping, get_jiffies() + 1);
-            while (ended < round && std::chrono::steady_clock::now() < patience_ends) exec->relax();
+        timing_t atomic_timer, sleeping_timer;
+        init_timing(&atomic_timer);
+        init_timing(&sleeping_timer);
+        atomic_timer.function = [](unsigned long) {};
+        atomic_timer.atomic = true;
+        sleeping_timer.function = [](unsigned long count) { ++*reinterpret_cast<std::atomic<int>*>(count); };
+        sleeping_timer.data = reinterpret_cast<unsigned long>(&handler_count);
+        const auto test_deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        for (int round = 1; round <= 300 && handler_count == round - 1; ++round) {
+            move(atomic_timer, get_jiffies());
+            move(sleeping_timer, get_jiffies() + 1);
+            while (handler_count < round && std::chrono::steady_clock::now() < test_deadline) exec->relax();
         }
-        del_timing_sync(&sleeping);
-        del_timing_sync(&atomic);
+        del_timing_sync(&sleeping_timer);
+        del_timing_sync(&atomic_timer);
     });
-    EXPECT_EQ(ended, 300);
+    EXPECT_EQ(handler_count, 300);
 }
 
 TEST_F(timers_test, arming_again_moves_a_timer_and_a_handler_may_arm_its_own)
 {
-    at.run([&] {
+    machine.run([&] {
         for (const bool atomic : {true, false}) {
-            timing_t& moved = arm("moved", atomic, 110);
-            move(moved, 150);
-            move(moved, 140);
+            timing_t& timer = arm("moved", atomic, 110);
+            move(timer, 150);
+            move(timer, 140);
             arm("periodic", atomic, 105, [](timing_t& self) {
                 if (get_jiffies() < 300) move(self, get_jiffies() + 100);
             });
         }
     });
-    at.sim->run_until(1000);
+    machine.sim->run_until(1000);
     EXPECT_THAT(lines, ElementsAre("periodic@105", "periodic@105", "moved@140", "moved@140", "periodic@205",
                                    "periodic@205", "periodic@305", "periodic@305"));
 }
 
 TEST_F(timers_test, a_handler_that_sleeps_delays_its_like_but_no_other)
 {
-    kernel::machine other{*at.sim, "node2"};
-    at.run([&] {
+    kernel::machine other{*machine.sim, "node2"};
+    machine.run([&] {
         arm("slow", false, 110, [](timing_t&) { schedule_timeout_uninterruptible(50); });
         arm("waits", false, 120);
         arm("atomic", true, 120);
     });
     other.enter("test", [&] { arm("neighbour", false, 121); });
-    at.sim->run_until(200);
+    machine.sim->run_until(200);
     EXPECT_THAT(lines, ElementsAre("slow@110", "atomic@120", "neighbour@121", "waits@160"));
 }
 
@@ -171,22 +172,23 @@ TEST_F(timers_test, the_task_of_handlers_that_sleep_receives_answers_while_none_
 
 TEST_F(timers_test, deletion_waits_for_the_handler_and_voids_its_arming)
 {
-    at.run([&] {
+    machine.run([&] {
         timing_t& slow = arm("slow", false, 110, [](timing_t& self) {
-            const uint64_t begun = get_jiffies();
-            if (begun == 110) schedule_timeout_uninterruptible(50);
-            if (begun <= 200) move(self, begun == 110 ? get_jiffies() : begun + 5); // at first for this very tick
+            const uint64_t start_tick = get_jiffies();
+            if (start_tick == 110) schedule_timeout_uninterruptible(50);
+            if (start_tick == 110) move(self, get_jiffies()); // due at once
+            if (start_tick == 200) move(self, start_tick + 5);
         });
         schedule_timeout_uninterruptible(20);
         del_timing_sync(&slow);
         EXPECT_EQ(get_jiffies(), 160u);
-        move(slow, 200); // deleted is not dead
+        move(slow, 200); // a deleted timer may be armed again
         schedule_timeout_uninterruptible(50);
         move(slow, 300);
         del_timing_sync(&slow);
         EXPECT_EQ(get_jiffies(), 210u) << "nothing runs";
     });
-    at.sim->run_until(400);
+    machine.sim->run_until(400);
     EXPECT_THAT(lines, ElementsAre("slow@110", "slow@200", "slow@205"));
 }
 

@@ -9,7 +9,10 @@
 #include "verbs.h"
 
 using fabric::port_change;
+using testing::AllOf;
+using testing::ContainsRegex;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 namespace
 {
@@ -17,26 +20,26 @@ namespace
 constexpr kq_hca_name mthca0{"mthca0"};
 constexpr kq_request_event_record_t all_events{kq_async_even_all, nullptr};
 
-// What a subscriber was told, and when: "up 1@20".
-std::vector<std::string> told;
-std::function<void()> then;
+// The events that a subscriber got, with port and tick: "up 1@20".
+std::vector<std::string> reports;
+std::function<void()> callback_action; // in every callback
 
 void event_callback(kq_event_record_st event)
 {
-    std::string what = "?";
-    if (event.event_type == kq_async_r_port_link_up) what = "up ";
-    if (event.event_type == kq_async_r_port_link_down) what = "down ";
-    if (event.event_type == kq_async_r_port_sm_change) what = "sm at " + std::to_string(event.type.data) + " ";
-    told.push_back(what + std::to_string(event.port_num) + "@" + std::to_string(get_jiffies()));
-    if (then) then();
+    std::string kind = "?";
+    if (event.event_type == kq_async_r_port_link_up) kind = "up ";
+    if (event.event_type == kq_async_r_port_link_down) kind = "down ";
+    if (event.event_type == kq_async_r_port_sm_change) kind = "sm at " + std::to_string(event.type.data) + " ";
+    reports.push_back(kind + std::to_string(event.port_num) + "@" + std::to_string(get_jiffies()));
+    if (callback_action) callback_action();
 }
 
-// Somebody who can subscribe to the fake HCA's events, and unsubscribes in the end.
+// A machine that subscribes to the events of its fake HCA, and unsubscribes in the end.
 struct subscriber : machine_with_fake {
     subscriber()
     {
-        told.clear();
-        then = {};
+        reports.clear();
+        callback_action = {};
     }
     ~subscriber()
     {
@@ -57,93 +60,94 @@ struct subscriber : machine_with_fake {
     kq_hca_h_t handle = nullptr;
 };
 
-// A port is active before the fabric says so; a subscription may fall anywhere around that.
+// A port reads as active before the fabric reports it. A subscription may begin before, between or after the two.
 TEST(verbs_events, tell_once_of_a_link_that_comes_up_while_one_subscribes)
 {
-    constexpr port_change up = port_change::link_up;
-    constexpr port_change down = port_change::link_down;
+    constexpr port_change link_up = port_change::link_up;
+    constexpr port_change link_down = port_change::link_down;
     struct {
-        const char* what;
-        std::vector<port_change> while_read; // after the port was read, and before the reader knows
+        const char* name;
+        std::vector<port_change> while_read; // after the port was read, before the read returns
         uint64_t later_tick;
         std::vector<port_change> later;
-        std::vector<std::string> expected;
+        std::vector<std::string> expectation;
     } const cases[] = {
         {"up long ago", {}, 0, {}, {"up 1@0"}},
-        {"the fabric tells first", {up}, 0, {}, {"up 1@0"}},
-        {"the fabric tells a moment later", {}, 1, {up}, {"up 1@0"}},
-        {"told again, as any other event", {}, 2, {up}, {"up 1@0", "up 1@2"}},
-        {"down meanwhile", {down}, 0, {}, {"down 1@0"}},
-        {"down and up meanwhile", {down, up}, 0, {}, {"down 1@0", "up 1@0"}},
-        {"down and up later", {}, 0, {down, up}, {"up 1@0", "down 1@0", "up 1@0"}},
+        {"the fabric tells first", {link_up}, 0, {}, {"up 1@0"}},
+        {"the fabric tells a moment later", {}, 1, {link_up}, {"up 1@0"}},
+        {"told again, as any other event", {}, 2, {link_up}, {"up 1@0", "up 1@2"}},
+        {"down meanwhile", {link_down}, 0, {}, {"down 1@0"}},
+        {"down and up meanwhile", {link_down, link_up}, 0, {}, {"down 1@0", "up 1@0"}},
+        {"down and up later", {}, 0, {link_down, link_up}, {"up 1@0", "down 1@0", "up 1@0"}},
     };
     for (const auto& each : cases) {
-        subscriber at;
-        at.hca.ports[0].state = fabric::link_state::active;
-        at.hca.while_read = [&](int port) {
+        subscriber world;
+        world.hca.ports[0].state = fabric::link_state::active;
+        world.hca.while_read = [&](int port) {
             for (const port_change change : each.while_read)
-                if (port == 1) at.hca.change(1, change);
+                if (port == 1) world.hca.change(1, change);
         };
-        at.subscribe();
-        at.sim->run_until(each.later_tick);
-        for (const port_change change : each.later) at.hca.change(1, change);
-        at.settle();
-        EXPECT_EQ(told, each.expected) << each.what;
+        world.subscribe();
+        world.sim->run_until(each.later_tick);
+        for (const port_change change : each.later) world.hca.change(1, change);
+        world.settle();
+        EXPECT_EQ(reports, each.expectation) << each.name;
     }
 }
 
 TEST(verbs_events, unsubscribing_waits_for_the_callback_and_drops_the_rest)
 {
-    subscriber at;
-    at.subscribe();
-    then = [] { schedule_timeout_uninterruptible(30); };
-    at.hca.change(1, port_change::link_up);
-    at.hca.change(1, port_change::link_down); // waits for the first callback
-    at.run([&] {
+    subscriber world;
+    world.subscribe();
+    callback_action = [] { schedule_timeout_uninterruptible(30); };
+    world.hca.change(1, port_change::link_up);
+    world.hca.change(1, port_change::link_down); // waits for the first callback
+    world.run([&] {
         schedule_timeout_uninterruptible(10);
-        EXPECT_EQ(kq_hca_close(at.handle), kq_return_err_busy);
-        EXPECT_EQ(kq_dell_sleepable_async_event_cb(at.handle, event_callback), kq_return_ok);
+        EXPECT_EQ(kq_hca_close(world.handle), kq_return_err_busy);
+        EXPECT_EQ(kq_dell_sleepable_async_event_cb(world.handle, event_callback), kq_return_ok);
         EXPECT_EQ(get_jiffies(), 30u);
-        EXPECT_EQ(at.hca.listener, nullptr);
-        EXPECT_EQ(kq_dell_sleepable_async_event_cb(at.handle, event_callback), kq_return_err_general);
+        EXPECT_EQ(world.hca.listener, nullptr);
+        EXPECT_EQ(kq_dell_sleepable_async_event_cb(world.handle, event_callback), kq_return_err_general);
     });
-    at.sim->run_until(100);
-    EXPECT_THAT(told, ElementsAre("up 1@0"));
+    world.sim->run_until(100);
+    EXPECT_THAT(reports, ElementsAre("up 1@0"));
 }
 
 TEST(verbs_events, a_storm_is_cut_short_but_not_its_end)
 {
-    subscriber at;
-    at.subscribe();
-    then = [] { schedule_timeout_uninterruptible(1); };
+    subscriber world;
+    world.subscribe();
+    callback_action = [] { schedule_timeout_uninterruptible(1); };
     for (int i = 0; i < 1000; ++i) {
-        at.hca.change(1, i % 2 == 0 ? port_change::link_down : port_change::link_up);
-        at.hca.change(1, port_change::sm_change, static_cast<uint16_t>(i));
-        if (i == 500) at.hca.change(2, port_change::link_up); // another port's only event
+        world.hca.change(1, i % 2 == 0 ? port_change::link_down : port_change::link_up);
+        world.hca.change(1, port_change::sm_change, static_cast<uint16_t>(i));
+        if (i == 500) world.hca.change(2, port_change::link_up); // another port's only event
     }
-    at.sim->run_until(200);
-    EXPECT_LT(told.size(), 40u);
+    world.sim->run_until(200);
+    EXPECT_LT(reports.size(), 40u);
     const auto is_link = [](const std::string& line) {
         return line.find(" 1@") != std::string::npos && line[0] != 's';
     };
-    EXPECT_THAT(*std::find_if(told.rbegin(), told.rend(), is_link), testing::StartsWith("up 1"));
-    EXPECT_THAT(told.back(), testing::StartsWith("sm at 999 1"));
-    EXPECT_EQ(std::count_if(told.begin(), told.end(), [](const auto& line) { return line.starts_with("up 2"); }), 1);
+    EXPECT_THAT(*std::find_if(reports.rbegin(), reports.rend(), is_link), testing::StartsWith("up 1"));
+    EXPECT_THAT(reports.back(), testing::StartsWith("sm at 999 1"));
+    EXPECT_EQ(std::count_if(reports.begin(), reports.end(), [](const auto& line) { return line.starts_with("up 2"); }),
+              1);
 }
 
 TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
 {
-    machine_with_fake at;
-    at.hca.ports[1].state = fabric::link_state::active;
-    at.hca.ports[1].p_keys = {0x8001, 0xFFFF, 0x7FFF};
-    at.run([&] {
+    machine_with_fake world;
+    world.hca.ports[1].state = fabric::link_state::active;
+    world.hca.ports[1].p_keys = {0x8001, 0xFFFF, 0x7FFF};
+    world.run([&] {
         kq_hca_name names[3];
         EXPECT_EQ(kq_list_hcas(names, 0), 0);
         EXPECT_EQ(kq_list_hcas(names, 3), 1);
-        EXPECT_EQ(at.host.log.raw(), "");
-        at.host.plug(at.hca);
+        EXPECT_EQ(world.host.log.raw(), "");
+        world.host.plug(world.hca);
         for (int i = 0; i < 2; ++i) EXPECT_EQ(kq_list_hcas(names, 1), 1);
-        EXPECT_EQ(at.host.log.raw(), "verbs - this host has 2 hcas, only the first 1 are used\n");
+        EXPECT_EQ(world.host.log.raw(), "verbs - this host has 2 hcas, only the first 1 are used\n");
         kq_hca_h_t hca, other;
         const kq_hca_name unknown{"mthca1"};
         EXPECT_EQ(kq_hca_open(&unknown, 0, &hca), kq_return_err_invalid_hca);
@@ -170,21 +174,25 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
     });
 }
 
-// Whatever would call into an image that has gone, and whatever nobody could give back any more, is found before that.
+// The exit function of a module must give back everything that calls into the module, and everything that only the
+// module can give back. The services report what is left, and the machine stops before the image is unmapped.
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
-    machine_with_fake at;
-    ASSERT_TRUE(at.host.modules.insmod(world::default_module_folder() + "/probe.so"));
-    EXPECT_TRUE(at.host.modules.rmmod("probe"));
-    const auto forgets = [&] {
-        at.host.modules.insmod(world::default_module_folder() + "/probe.so", "forget=2");
-        at.host.modules.rmmod("probe");
+    machine_with_fake machine;
+    const std::string probe = world::default_module_folder() + "/probe.so";
+    ASSERT_TRUE(machine.host.modules.insmod(probe));
+    EXPECT_TRUE(machine.host.modules.rmmod("probe"));
+    const auto unload_with_leftovers = [&] {
+        machine.host.modules.insmod(probe, "forget=2");
+        machine.host.modules.rmmod("probe");
     };
-    for (const char* what :
-         {"a timer that calls probe\\+0x[0-9a-f]+ at tick 1000", "open HCA mthca0",
-          "a subscription to the events of mthca0", "GSI class 3 of port 1 of mthca0", "datagram pool 'probe'",
-          "open registry key dorvex/logger", "a subscription to the registry key dorvex/logger"})
-        EXPECT_DEATH(forgets(), "probe goes and leaves behind .*" + std::string(what));
+    EXPECT_DEATH(unload_with_leftovers(),
+                 AllOf(HasSubstr("probe goes and leaves behind "),
+                       ContainsRegex("a timer that calls probe\\+0x[0-9a-f]+ at tick 1000"),
+                       HasSubstr("open HCA mthca0"), HasSubstr("a subscription to the events of mthca0"),
+                       HasSubstr("GSI class 3 of port 1 of mthca0"), HasSubstr("datagram pool 'probe'"),
+                       HasSubstr("open registry key dorvex/logger"),
+                       HasSubstr("a subscription to the registry key dorvex/logger")));
 }
 
 } // namespace
