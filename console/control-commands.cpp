@@ -17,13 +17,13 @@ namespace console
 namespace
 {
 
-constexpr size_t longest_word = 40; // the module takes a longer one for several
+constexpr size_t longest_word = 40; // the module splits a longer one
 
 struct control_command {
     const char* name;
     const char* arguments;
     size_t argument_count;
-    const char* meaning;
+    const char* effect;
 };
 
 constexpr std::array<control_command, 7> commands = {{
@@ -48,11 +48,11 @@ std::vector<std::string> split(const std::vector<std::string>& words)
     return parts;
 }
 
-std::vector<std::string> names()
+std::vector<std::string> command_names()
 {
-    std::vector<std::string> all;
-    for (const control_command& command : commands) all.emplace_back(command.name);
-    return all;
+    std::vector<std::string> names;
+    for (const control_command& command : commands) names.emplace_back(command.name);
+    return names;
 }
 
 ats::result<control_command> command_named(const std::string& name)
@@ -60,7 +60,7 @@ ats::result<control_command> command_named(const std::string& name)
     const auto* const command = std::ranges::find(commands, name, &control_command::name);
     if (command != commands.end()) return *command;
     return ats::fail(ats::error_kind::invalid, "ats has no control command " + quote(name) +
-                                                   suggestion_for(name, names()) +
+                                                   suggestion_for(name, command_names()) +
                                                    " ('ats control --list' shows them)");
 }
 
@@ -76,8 +76,8 @@ ats::result<std::string> argument_for_module(const control_command& command, con
 
 std::string list_control_commands()
 {
-    std::vector<std::vector<std::string>> rows = {{"COMMAND", "ARGUMENTS", "WHAT IT DOES"}};
-    for (const control_command& command : commands) rows.push_back({command.name, command.arguments, command.meaning});
+    table_rows rows = {{"COMMAND", "ARGUMENTS", "WHAT IT DOES"}};
+    for (const control_command& command : commands) rows.push_back({command.name, command.arguments, command.effect});
     return format_table(rows, 0);
 }
 

@@ -1,5 +1,5 @@
-// The commands of the control file of ats, as `ats control` knows them: it refuses what the module would only mention
-// in its log.
+// The commands of the control file of ats. `ats control` refuses a wrong command, about which the module would only
+// write a line to its log.
 #pragma once
 
 #include <string>
@@ -14,18 +14,18 @@ namespace console
 // The control file in a host's /proc tree. Reading it makes ats print the report of its ports.
 constexpr const char* control_file = "dorvex/ats/control";
 
-// The commands with their arguments and what each does, for people.
+// A table of the commands, their arguments and effects.
 std::string list_control_commands();
 
 // Joins these words to one line; each may hold several words. A line that the module would not understand is invalid:
 // an unknown command, a wrong number of arguments, a word that is too long.
 ats::result<std::string> control_line(const std::vector<std::string>& words);
 
-// A line that a user of this command should read, "" for most.
+// A warning about the effect of this command line; "" for most.
 std::string control_warning(const std::string& line);
 
-// True if anything in this output of the module says that the command failed: an error, or a plain line. Progress and
-// warnings do not.
+// True if the module's output reports that the command failed: it holds an error line or a plain line. Progress lines
+// and warnings do not count.
 bool is_complaint(std::string_view output);
 
 } // namespace console

@@ -12,7 +12,7 @@ namespace
 
 constexpr std::string_view heading_end = ": ATS Ports Info";
 
-// What one line of the report says of the port or HCA that the lines before it began.
+// Stores the value of one line of the report. The lines before it began the report of `port`.
 void read_port_line(const std::string& line, json& port)
 {
     char word[64];
@@ -46,7 +46,8 @@ json parse_control_report(const std::string& text)
             hcas.push_back({{"name", name}, {"active_port", nullptr}, {"ports", json::array()}});
         } else if (std::sscanf(line.c_str(), "SA verification period:%d verification skew(%%): %d", &number, &skew) ==
                    2) {
-            report["verification"] = {{"period", std::max(number, 0)}, {"skew", skew}}; // below 0 is off as well
+            report["verification"] = {{"period", std::max(number, 0)},
+                                      {"skew", skew}}; // a negative period switches verification off too
         } else if (hcas.empty()) {
             continue;
         } else if (std::sscanf(line.c_str(), "The Active Port Is Port Number %d", &number) == 1) {

@@ -1,4 +1,4 @@
-// The ports report that reading the control file of ats prints, taken apart again for `ats status`.
+// Parses the report of its ports that ats prints when its control file is read. `ats status` shows the result.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -10,7 +10,7 @@ namespace console
 using json = nlohmann::json;
 
 // {"hcas": [{"name", "active_port" (or null), "ports": [{"port", "state", "gid", "lid", "address", "sent",
-// "received"}]}], "verification": {"period", "skew"}}. Lines that are not of the report are passed over.
+// "received"}]}], "verification": {"period", "skew"}}. Other lines are ignored.
 json parse_control_report(const std::string& text);
 
 } // namespace console

@@ -72,8 +72,9 @@ T value_or_throw(ats::result<T> result)
 inline std::string quote(const std::string& word)
 {
     constexpr size_t longest = 60;
-    const std::string shown = world::printable(world::cut_to_bytes(word, longest));
-    return word.size() <= longest ? "'" + shown + "'" : "'" + shown + "...'";
+    const std::string text = world::printable(world::cut_to_bytes(word, longest));
+    const char* const end = word.size() <= longest ? "'" : "...'";
+    return "'" + text + end;
 }
 
 } // namespace console

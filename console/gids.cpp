@@ -20,8 +20,9 @@ void add_gid6(json& answer)
 {
     if (answer.is_object() && answer.contains("gid")) {
         const json& gid = answer["gid"];
-        const auto parsed = gid.is_string() ? world::parse_gid(gid.get<std::string>()) : std::nullopt;
-        answer["gid6"] = parsed ? json(world::format_gid6(*parsed)) : json();
+        std::optional<kq_gid_t> value;
+        if (gid.is_string()) value = world::parse_gid(gid.get<std::string>());
+        answer["gid6"] = value ? json(world::format_gid6(*value)) : json();
     }
     if (answer.is_structured())
         for (json& part : answer) add_gid6(part);
@@ -34,8 +35,9 @@ void use_ipv6_notation(json& answer)
         for (json& part : answer) use_ipv6_notation(part);
     } else if (answer.is_string()) {
         const std::string text = answer.get<std::string>();
-        if (const auto gid = world::parse_gid(text); gid && text.starts_with("0x") && text.size() == size_of_gid)
-            answer = world::format_gid6(*gid);
+        if (!text.starts_with("0x") || text.size() != size_of_gid) return;
+        const std::optional<kq_gid_t> gid = world::parse_gid(text);
+        if (gid) answer = world::format_gid6(*gid);
     }
 }
 

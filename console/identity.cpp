@@ -5,6 +5,8 @@
 #include <climits>
 #include <unistd.h>
 
+#include <fmt/core.h>
+
 #include "console/failure.h"
 #include "host/world/printable.h"
 #include "host/world/text.h"
@@ -15,9 +17,10 @@ namespace console
 namespace
 {
 
+// A range of addresses that no host can have.
 struct address_range {
     uint32_t first, last; // host order
-    const char* meaning;
+    const char* reason;
 };
 constexpr address_range unusable_ranges[] = {
     {0x00000000, 0x00FFFFFF, "it means 'this network'"},
@@ -39,9 +42,9 @@ std::string host_name_for(const std::string& machine_name, std::vector<std::stri
     const std::string whole = machine_name.substr(0, machine_name.find('.'));
     std::string name = world::cut_to_bytes(whole, longest_host_name_bytes);
     if (name != whole)
-        remarks.push_back("this machine's name has " + std::to_string(whole.size()) +
-                          " bytes, and a record carries 30: it registers as " + quote(name) +
-                          "; choose another name with --name, or 'name' in the configuration");
+        remarks.push_back(fmt::format("this machine's name has {} bytes, and a record carries {}: it registers as {}; "
+                                      "choose another name with --name, or 'name' in the configuration",
+                                      whole.size(), longest_host_name_bytes, quote(name)));
     return name;
 }
 
@@ -69,14 +72,14 @@ ats::result<uint32_t> host_address_of(const std::string& text, const std::string
     };
     const auto* const range = std::ranges::find_if(unusable_ranges, contains_address);
     if (range == std::end(unusable_ranges)) return address;
-    return ats::fail(ats::error_kind::invalid, place + quote(text) + " cannot be a host's address: " + range->meaning +
+    return ats::fail(ats::error_kind::invalid, place + quote(text) + " cannot be a host's address: " + range->reason +
                                                    "; take one that other hosts reach it by, as in 10.0.0.1");
 }
 
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address)
 {
-    return quote(host) + " has the same address as " + quote(other) + ", " + address +
-           ": the SA names no owner of it while both are registered";
+    return fmt::format("{} has the same address as {}, {}: the SA names no owner of it while both are registered",
+                       quote(host), quote(other), address);
 }
 
 } // namespace console

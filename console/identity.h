@@ -1,5 +1,5 @@
-// The rules for a host's name and address. The configuration, the command line and orders share them. A value that can
-// never work is refused; a value that may be deliberate gives a warning.
+// The rules for a host's name and address. The configuration, the command line and orders share them. A value that
+// cannot work is an error. A value that works but is probably a mistake gives a warning.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +20,11 @@ bool is_host_name(const std::string& name);
 constexpr const char* host_name_rule =
     "1 to 30 bytes of UTF-8 without blanks, slashes, quotation marks and control characters, and neither . nor ..";
 
-// The host name that stands for a machine's: without its domain, and cut to what a ServiceRecord carries. A cut is told
-// in a line of `remarks`.
+// Makes a host name from a machine's name: without the domain, and cut to the size of a ServiceRecord. Adds a line to
+// `remarks` if it was cut.
 std::string host_name_for(const std::string& machine_name, std::vector<std::string>& remarks);
 
-// The name of this machine, likewise.
+// The same for the name of this machine.
 std::string host_name_of_machine(std::vector<std::string>& remarks);
 
 // Reads an IPv4 address; the value is in network order. Any other text is invalid. `place` begins the text of the
@@ -34,7 +34,7 @@ ats::result<uint32_t> address_of(const std::string& text, const std::string& pla
 // The same for the address of a host. "This network", loopback, multicast and broadcast addresses are invalid too.
 ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place = "");
 
-// The warning that two hosts of a fabric have one address, which is then nobody's.
+// The warning that two hosts of a fabric have the same address: no lookup of it succeeds then.
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);
 
 } // namespace console

@@ -8,7 +8,7 @@ namespace console
 namespace
 {
 
-// The edit distance of two words: letters changed, left out, inserted, or swapped with their neighbour.
+// The edit distance of two words. One edit changes, deletes or inserts a letter, or swaps two neighbours.
 size_t distance_between(const std::string& a, const std::string& b)
 {
     std::vector<std::vector<size_t>> distances(a.size() + 1, std::vector<size_t>(b.size() + 1));
@@ -28,26 +28,26 @@ size_t distance_between(const std::string& a, const std::string& b)
 
 } // namespace
 
-std::string nearest_word(const std::string& typed, const std::vector<std::string>& known)
+std::string nearest_word(const std::string& word, const std::vector<std::string>& candidates)
 {
-    constexpr size_t most_wrong = 2;
+    constexpr size_t longest_distance = 2;
     constexpr size_t longest_word = 40; // a longer word is not a typing error
-    if (typed.size() > longest_word) return "";
+    if (word.size() > longest_word) return "";
     std::string nearest;
-    size_t fewest = most_wrong + 1;
-    for (const std::string& word : known) {
-        const size_t wrong = distance_between(typed, word);
-        if (wrong >= fewest || wrong * 3 > word.size()) continue;
-        fewest = wrong;
-        nearest = word;
+    size_t shortest_distance = longest_distance + 1;
+    for (const std::string& candidate : candidates) {
+        const size_t distance = distance_between(word, candidate);
+        if (distance >= shortest_distance || distance * 3 > candidate.size()) continue;
+        shortest_distance = distance;
+        nearest = candidate;
     }
     return nearest;
 }
 
-std::string suggestion_for(const std::string& typed, const std::vector<std::string>& known)
+std::string suggestion_for(const std::string& word, const std::vector<std::string>& candidates)
 {
-    const std::string word = nearest_word(typed, known);
-    return word.empty() ? "" : "; did you mean '" + word + "'?";
+    const std::string nearest = nearest_word(word, candidates);
+    return nearest.empty() ? "" : "; did you mean '" + nearest + "'?";
 }
 
 } // namespace console

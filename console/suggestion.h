@@ -1,4 +1,4 @@
-// "Did you mean": the known word that is nearest to one with a typing error.
+// "Did you mean": finds the known word that is nearest to a mistyped one.
 #pragma once
 
 #include <string>
@@ -7,11 +7,11 @@
 namespace console
 {
 
-// The one of `known` that takes the fewest letters to change, leave out, insert or swap with the next one; "" when
-// more than a third of its letters, or more than two, are wrong.
-std::string nearest_word(const std::string& typed, const std::vector<std::string>& known);
+// The word of `candidates` with the smallest edit distance to `word`; "" if more than two letters, or more than a third
+// of its letters, are wrong.
+std::string nearest_word(const std::string& word, const std::vector<std::string>& candidates);
 
 // "; did you mean 'WORD'?", or "".
-std::string suggestion_for(const std::string& typed, const std::vector<std::string>& known);
+std::string suggestion_for(const std::string& word, const std::vector<std::string>& candidates);
 
 } // namespace console

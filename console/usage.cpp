@@ -1,8 +1,11 @@
 #include "console/usage.h"
 
+#include <algorithm>
+#include <cassert>
 #include <charconv>
-#include <cstdio>
 #include <filesystem>
+
+#include <fmt/core.h>
 
 #include "console/failure.h"
 #include "console/suggestion.h"
@@ -15,21 +18,20 @@ namespace
 
 std::string number_text(double number)
 {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.15g", number); // whole numbers in full
-    return text;
+    return fmt::format("{:.15g}", number); // no exponent for the whole numbers of options
 }
 
-CLI::Validator check(const std::function<std::string(const std::string&)>& complaint)
+// A check of a value. `complaint_about_value` returns "" for a value that may be used.
+CLI::Validator check(const std::function<std::string(const std::string&)>& complaint_about_value)
 {
-    return CLI::Validator([complaint](std::string& value) { return complaint(value); }, "");
+    return CLI::Validator([complaint_about_value](std::string& value) { return complaint_about_value(value); }, "");
 }
 
 std::vector<std::string> command_names(const CLI::App& command)
 {
     std::vector<std::string> names;
-    for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; }))
-        names.push_back(each->get_name());
+    const auto all = [](const CLI::App*) { return true; };
+    for (const CLI::App* subcommand : command.get_subcommands(all)) names.push_back(subcommand->get_name());
     return names;
 }
 
@@ -41,7 +43,7 @@ std::vector<std::string> option_names(const CLI::App& command)
     return names;
 }
 
-// A word that has no place on the command line.
+// Explains why a word cannot stand on the command line.
 std::string complaint_about_word(const CLI::App& command, const std::string& word)
 {
     if (word.starts_with("-")) {
@@ -53,19 +55,22 @@ std::string complaint_about_word(const CLI::App& command, const std::string& wor
     return quote(word) + " is one argument too many";
 }
 
-// "A excludes B" and the like, as CLI11 writes them.
-std::string complaint_about_options(const CLI::ParseError& wrong)
+std::string replace_first(const std::string& text, const std::string& words, const std::string& replacement)
 {
-    const std::string text = wrong.what();
-    const auto parted = [&](const std::string& by, const std::string& joined) {
-        const size_t place = text.find(by);
-        return place == text.npos ? text : text.substr(0, place) + joined + text.substr(place + by.size());
-    };
-    const std::string kind = wrong.get_name();
-    if (kind == "ExcludesError") return parted(" excludes ", " cannot go together with ");
-    if (kind == "RequiresError") return parted(" requires ", " needs ");
-    if (kind == "RequiredError") return parted(" is required", " is missing");
-    if (kind == "ConversionError") return parted("Could not convert: ", "") + " is no whole number";
+    const size_t place = text.find(words);
+    if (place == text.npos) return text;
+    return text.substr(0, place) + replacement + text.substr(place + words.size());
+}
+
+// Rewrites the message of CLI11 about options that do not fit together or lack a value.
+std::string complaint_about_options(const CLI::ParseError& error)
+{
+    const std::string text = error.what();
+    const std::string kind = error.get_name();
+    if (kind == "ExcludesError") return replace_first(text, " excludes ", " cannot go together with ");
+    if (kind == "RequiresError") return replace_first(text, " requires ", " needs ");
+    if (kind == "RequiredError") return replace_first(text, " is required", " is missing");
+    if (kind == "ConversionError") return replace_first(text, "Could not convert: ", "") + " is no whole number";
     if (kind == "ArgumentMismatch") return text.substr(0, text.find(':')) + " needs a value";
     return text;
 }
@@ -74,13 +79,15 @@ std::string complaint_about_options(const CLI::ParseError& wrong)
 
 CLI::Validator one_of(const std::vector<std::string>& words)
 {
+    assert(!words.empty());
     return check([words](const std::string& value) -> std::string {
-        std::string known;
-        for (const std::string& word : words) {
-            if (value == word) return "";
-            known += (known.empty() ? "" : word == words.back() ? " or " : ", ") + word;
+        if (std::ranges::find(words, value) != words.end()) return "";
+        std::string list = words.front();
+        for (size_t i = 1; i < words.size(); ++i) {
+            const bool is_last = i + 1 == words.size();
+            list += (is_last ? " or " : ", ") + words[i];
         }
-        return quote(value) + " is not possible: write " + known;
+        return fmt::format("{} is not possible: write {}", quote(value), list);
     });
 }
 
@@ -89,29 +96,30 @@ CLI::Validator number_from(double least, double most)
     return check([=](const std::string& value) -> std::string {
         double number = 0;
         const char* const end = value.data() + value.size();
-        const auto [stopped, error] = std::from_chars(value.data(), end, number);
-        if (error == std::errc() && stopped == end && number >= least && number <= most) return "";
-        return quote(value) + " is not possible: write a number from " + number_text(least) + " to " +
-               number_text(most);
+        const auto [parse_end, error] = std::from_chars(value.data(), end, number);
+        const bool is_number = error == std::errc() && parse_end == end;
+        if (is_number && number >= least && number <= most) return "";
+        return fmt::format("{} is not possible: write a number from {} to {}", quote(value), number_text(least),
+                           number_text(most));
     });
 }
 
 CLI::Validator existing_file()
 {
     return check([](const std::string& path) -> std::string {
-        std::error_code ignored;
-        if (std::filesystem::is_directory(path, ignored)) return quote(path) + " is a folder, not a file";
-        return std::filesystem::exists(path, ignored) ? "" : "there is no file " + quote(path);
+        std::error_code error; // the path counts as missing
+        if (std::filesystem::is_directory(path, error)) return quote(path) + " is a folder, not a file";
+        return std::filesystem::exists(path, error) ? "" : "there is no file " + quote(path);
     });
 }
 
 CLI::Validator existing_folder()
 {
     return check([](const std::string& path) -> std::string {
-        std::error_code ignored;
-        if (std::filesystem::is_directory(path, ignored)) return "";
-        return std::filesystem::exists(path, ignored) ? quote(path) + " is no folder"
-                                                      : "there is no folder " + quote(path);
+        std::error_code error; // the path counts as missing
+        if (std::filesystem::is_directory(path, error)) return "";
+        if (std::filesystem::exists(path, error)) return quote(path) + " is no folder";
+        return "there is no folder " + quote(path);
     });
 }
 
@@ -122,24 +130,25 @@ void add_module_folder_option(CLI::App& command, std::string& folder)
         ->option_text("DIR");
 }
 
-std::string complaint_about(const CLI::App& program, const CLI::ParseError& wrong)
+std::string complaint_about(const CLI::App& program, const CLI::ParseError& error)
 {
     const CLI::App* command = &program; // the one that was being parsed
-    std::string typed = program.get_name();
+    std::string command_line = program.get_name();
     while (!command->get_subcommands().empty()) {
         command = command->get_subcommands().front();
-        typed += " " + command->get_name();
+        command_line += " " + command->get_name();
     }
-    const std::vector<std::string> strange = command->remaining();
-    std::string why;
-    const bool is_strange = dynamic_cast<const CLI::ExtrasError*>(&wrong) != nullptr; // whose name is the command's
-    if (!strange.empty() && (is_strange || command->get_require_subcommand_min() > 0))
-        why = complaint_about_word(*command, strange.front());
-    else if (command->get_require_subcommand_min() > 0)
-        why = "a command is missing";
+    const std::vector<std::string> unknown_words = command->remaining();
+    const bool needs_subcommand = command->get_require_subcommand_min() > 0;
+    const bool is_about_words = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr; // its get_name() varies
+    std::string complaint;
+    if (!unknown_words.empty() && (is_about_words || needs_subcommand))
+        complaint = complaint_about_word(*command, unknown_words.front());
+    else if (needs_subcommand)
+        complaint = "a command is missing";
     else
-        why = complaint_about_options(wrong);
-    return why + "\nTry '" + typed + " --help'.";
+        complaint = complaint_about_options(error);
+    return fmt::format("{}\nTry '{} --help'.", complaint, command_line);
 }
 
 } // namespace console

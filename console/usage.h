@@ -8,7 +8,7 @@
 namespace console
 {
 
-// Checks of an option's value. Their complaints say what the value may be.
+// Checks of an option's value. Their messages say which values are possible.
 CLI::Validator one_of(const std::vector<std::string>& words);
 CLI::Validator number_from(double least, double most);
 CLI::Validator existing_file();
@@ -18,6 +18,6 @@ CLI::Validator existing_folder();
 void add_module_folder_option(CLI::App& command, std::string& folder);
 
 // Explains the error in the command line that `program` was parsing. The second line names the help to read.
-std::string complaint_about(const CLI::App& program, const CLI::ParseError& wrong);
+std::string complaint_about(const CLI::App& program, const CLI::ParseError& error);
 
 } // namespace console
