@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/mount/proc-mount.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/record-list.h"
 #include "console/table.h"
 #include "console/usage.h"

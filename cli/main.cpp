@@ -8,7 +8,7 @@
 #include "cli/client/client-commands.h"
 #include "cli/demo/demo.h"
 #include "cli/service/run.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/usage.h"
 #include "host/world/printable.h"
 
@@ -57,8 +57,6 @@ ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words
         return ats::fail(error_kind::invalid, console::complaint_about(program, request));
     } catch (const CLI::ParseError& error) {
         return ats::fail(error_kind::invalid, console::complaint_about(program, error));
-    } catch (const console::failure& failure) {
-        return tl::make_unexpected(failure.error());
     } catch (const std::bad_alloc&) {
         return ats::fail(error_kind::no_memory,
                          "the memory is used up: raise the limit (ulimit -v, LimitAS= of a unit)");

@@ -4,7 +4,7 @@
 #include <array>
 #include <sstream>
 
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/gids.h"
 #include "console/log-filter.h"
 #include "console/suggestion.h"

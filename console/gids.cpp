@@ -1,6 +1,6 @@
 #include "console/gids.h"
 
-#include "console/failure.h"
+#include "console/errors.h"
 #include "host/world/text.h"
 
 namespace console

@@ -7,7 +7,7 @@
 
 #include <fmt/core.h>
 
-#include "console/failure.h"
+#include "console/errors.h"
 #include "host/world/printable.h"
 #include "host/world/text.h"
 

@@ -3,7 +3,7 @@
 #include <iostream>
 
 #include "cli/socket/service-origin.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/gids.h"
 #include "console/table.h"
 #include "console/usage.h"

@@ -6,7 +6,7 @@
 #include "cli/client/sa-show.h"
 #include "cli/client/show.h"
 #include "console/control-commands.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/usage.h"
 #include "host/world/printable.h"
 

@@ -11,7 +11,7 @@
 #include "cli/client/full-screen.h"
 #include "cli/client/sa-show.h"
 #include "cli/client/show.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/identity.h"
 #include "console/log-filter.h"
 #include "console/table.h"

@@ -4,7 +4,7 @@
 
 #include "cli/client/client.h"
 #include "cli/client/show.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/gids.h"
 #include "console/identity.h"
 #include "console/record-answer.h"

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "cli/demo/demo-steps.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/usage.h"
 #include "host/fabric/capture.h"
 #include "host/world/module-folder.h"

@@ -3,7 +3,7 @@
 #include <charconv>
 
 #include "cli/service/requests.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/gids.h"
 #include "console/record-answer.h"
 

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "cli/service/requests.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/gids.h"
 #include "console/identity.h"
 #include "host/peers/ibat-exports.h"

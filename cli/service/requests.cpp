@@ -5,7 +5,7 @@
 
 #include "cli/service/registration.h"
 #include "console/control-commands.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/gids.h"
 #include "console/identity.h"
 #include "host/exec/print-capture.h"

@@ -15,7 +15,7 @@
 #include "cli/service/server.h"
 #include "cli/service/service-notice.h"
 #include "cli/socket/socket.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/progress.h"
 #include "console/usage.h"
 #include "host/exec/shortage.h"

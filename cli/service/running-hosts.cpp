@@ -5,7 +5,7 @@
 #include <new>
 
 #include "cli/service/registration.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "host/exec/shortage.h"
 
 namespace cli

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "cli/service/requests.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/log-filter.h"
 #include "host/exec/shortage.h"
 

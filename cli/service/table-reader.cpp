@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "console/failure.h"
+#include "console/errors.h"
 
 namespace cli
 {

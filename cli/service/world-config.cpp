@@ -7,7 +7,7 @@
 #include <set>
 
 #include "cli/service/table-reader.h"
-#include "console/failure.h"
+#include "console/errors.h"
 #include "console/identity.h"
 #include "verbs.h"
 

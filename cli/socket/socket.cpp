@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "cli/socket/service-origin.h"
-#include "console/failure.h"
+#include "console/errors.h"
 
 namespace cli
 {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <stdexcept>
 #include <string>
 
 #include "host/result.h"
@@ -50,22 +49,6 @@ constexpr ats::error_kind error_kind_of(int code)
 inline std::function<void()> command_callback(ats::result<int>& outcome, std::function<ats::result<int>()> body)
 {
     return [&outcome, body = std::move(body)] { outcome = body(); };
-}
-
-// The exception that ats::result replaces. what() is one line that says what is wrong and what would be right.
-struct failure : std::runtime_error {
-    failure(exit_code code, const std::string& text) : std::runtime_error(text), code(code) {}
-    explicit failure(const ats::error& error) : failure(exit_code_of(error.kind), error.text) {}
-    ats::error error() const { return {error_kind_of(code), what()}; }
-    const exit_code code;
-};
-
-// The value, or the error as an exception, for callers that still throw.
-template <class T>
-T value_or_throw(ats::result<T> result)
-{
-    if (!result) throw failure(result.error());
-    return std::move(*result);
 }
 
 // Repeats a person's text in an error line: in quotation marks, cut to 60 bytes, control characters escaped.
