@@ -164,7 +164,7 @@ TEST(start_up_of, a_slow_host_shows_its_version_already)
     host.peers().attach_takes_ticks = 10;
     exec::task& insmod = host.start("insmod", [&] { host.load(); });
     w.at(5);
-    EXPECT_THAT(host.read("dorvex/ats/version"), StartsWith("ats 1.21 "));
+    EXPECT_THAT(host.read("dorvex/ats/version"), StartsWith("ats " ATS_VERSION " "));
     host.finish(insmod);
     host.unload();
 }

@@ -27,12 +27,12 @@ struct bad_input {
 };
 
 // One line ("ats: ..."), or two where the second is where to look further.
-void expect_refused(const program_result& result, const bad_input& wanted)
+void expect_refused(const program_result& result, const bad_input& expectation)
 {
-    SCOPED_TRACE(testing::PrintToString(wanted.arguments));
-    EXPECT_EQ(result.exit_code, wanted.exit_code);
+    SCOPED_TRACE(testing::PrintToString(expectation.arguments));
+    EXPECT_EQ(result.exit_code, expectation.exit_code);
     EXPECT_THAT(result.err, StartsWith("ats: "));
-    EXPECT_THAT(result.err, HasSubstr(wanted.complaint));
+    EXPECT_THAT(result.err, HasSubstr(expectation.complaint));
     EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 2);
     EXPECT_LT(result.err.size(), 400u) << "not a line that anybody reads";
     EXPECT_EQ(result.out, "");
@@ -183,9 +183,9 @@ TEST(bad_input, service_whose_memory_is_used_up_stops_in_good_order)
 #endif
     service ats({"--hosts", "1", "--log-kib", "65536"});
     EXPECT_EQ(ats.ask({"trace", "5"}).exit_code, 0);
-    const size_t held = std::stoul(text_of_file("/proc/" + std::to_string(ats.pid()) + "/statm")) * getpagesize();
-    const rlimit all_held{held, held};
-    ASSERT_EQ(prlimit(ats.pid(), RLIMIT_AS, &all_held, nullptr), 0);
+    const size_t used_bytes = std::stoul(text_of_file("/proc/" + std::to_string(ats.pid()) + "/statm")) * getpagesize();
+    const rlimit no_more{used_bytes, used_bytes};
+    ASSERT_EQ(prlimit(ats.pid(), RLIMIT_AS, &no_more, nullptr), 0);
     EXPECT_TRUE(eventually([&] {
         ats.ask({"resolve", "10.0.0.1", "--verify"}); // the log grows
         return !std::filesystem::exists(ats.socket());
@@ -279,16 +279,16 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
 TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
 {
     const scratch_folder folder;
-    const auto listening = cli::listening_socket::open(folder / "socket").value();
+    const auto listener = cli::listening_socket::open(folder / "socket").value();
     const cli::descriptor no_stop(eventfd(0, EFD_CLOEXEC));
     for (const char* nonsense : {R"({"hosts":[{"name":"x"}]})", R"({"error":5})", "{}", "[1]", "status"}) {
-        std::thread answering([&] {
-            cli::line_channel channel(std::move(listening->accept_client(no_stop.get()).value()));
+        std::thread answerer([&] {
+            cli::line_channel channel(std::move(listener->accept_client(no_stop.get()).value()));
             channel.read();
             channel.write(nonsense);
         });
         const program_result result = run_ats({"status", "--host", "x", "--socket", folder / "socket"});
-        answering.join();
+        answerer.join();
         EXPECT_EQ(result.exit_code, 3) << nonsense;
         EXPECT_THAT(result.err, testing::ContainsRegex("^ats: (the service gave|what listens on)[^\n[]*\n$"));
     }
@@ -310,15 +310,15 @@ std::string heard_by_another_user(const std::string& socket)
     const pid_t other = fork();
     if (other == 0) {
         if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
-        const std::string heard = answer_to(R"({"request":"status"})", socket);
-        _exit(write(ends[1], heard.data(), heard.size()) == static_cast<ssize_t>(heard.size()) ? 0 : 1);
+        const std::string message = answer_to(R"({"request":"status"})", socket);
+        _exit(write(ends[1], message.data(), message.size()) == static_cast<ssize_t>(message.size()) ? 0 : 1);
     }
     close(ends[1]);
-    std::string heard(4096, '\0');
-    heard.resize(static_cast<size_t>(std::max<ssize_t>(0, read(ends[0], heard.data(), heard.size()))));
+    std::string message(4096, '\0');
+    message.resize(static_cast<size_t>(std::max<ssize_t>(0, read(ends[0], message.data(), message.size()))));
     close(ends[0]);
     waitpid(other, nullptr, 0);
-    return heard;
+    return message;
 }
 
 TEST(bad_input, other_users_are_turned_away_by_the_file_and_by_the_service)
@@ -340,11 +340,11 @@ TEST(bad_input, busy_or_deserted_mount_points_are_refused_and_nobody_else_is_dis
     service first({"--hosts", "1", "--mount", mnt});
     const bad_input busy = {{"run", "--mount", mnt, "--socket", folder / "other"}, 2, "already: choose another folder"};
     expect_refused(run_ats(busy.arguments), busy);
-    EXPECT_THAT(text_of_file(mnt + "/node1/proc/dorvex/ats/version"), HasSubstr("ats 1.21"));
+    EXPECT_THAT(text_of_file(mnt + "/node1/proc/dorvex/ats/version"), HasSubstr("ats " ATS_VERSION));
 
     EXPECT_EQ(first.stop(SIGKILL), -SIGKILL);
-    const bad_input deserted = {busy.arguments, 2, "is a mount whose service is gone: run 'fusermount3 -u"};
-    expect_refused(run_ats(deserted.arguments), deserted);
+    const bad_input no_service = {busy.arguments, 2, "is a mount whose service is gone: run 'fusermount3 -u"};
+    expect_refused(run_ats(no_service.arguments), no_service);
     EXPECT_EQ(system(("fusermount3 -u " + mnt).c_str()), 0); // what the line says helps
     service second({"--hosts", "1", "--mount", mnt});
     EXPECT_EQ(second.stop(), 0);

@@ -15,16 +15,16 @@ std::string output_of(const std::string& shell_line)
     FILE* pipe = popen(shell_line.c_str(), "r");
     std::string output;
     char piece[65536];
-    while (const size_t got = fread(piece, 1, sizeof piece, pipe)) output.append(piece, got);
+    while (const size_t length = fread(piece, 1, sizeof piece, pipe)) output.append(piece, length);
     pclose(pipe);
     return output;
 }
 
 size_t count(const std::string& text, const std::string& part)
 {
-    size_t found = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++found;
-    return found;
+    size_t count = 0;
+    for (size_t place = text.find(part); place != std::string::npos; place = text.find(part, place + 1)) ++count;
+    return count;
 }
 
 TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshark_reads)
@@ -60,11 +60,12 @@ TEST(demo, step_that_does_not_happen_ends_it_with_a_failure)
 {
     const scratch_folder folder;
     const std::filesystem::path modules = world::default_module_folder();
-    const std::string changed = folder / "no-ucm";
-    std::filesystem::create_directory(changed);
-    for (const char* module : {"ibat.so", "ats.so"}) std::filesystem::copy(modules / module, changed + "/" + module);
-    std::filesystem::copy(modules / "probe.so", changed + "/ucm.so");
-    const program_result no_ucm = run_ats({"demo", "--modules", changed});
+    const std::string folder_without_ucm = folder / "no-ucm";
+    std::filesystem::create_directory(folder_without_ucm);
+    for (const char* module : {"ibat.so", "ats.so"})
+        std::filesystem::copy(modules / module, folder_without_ucm + "/" + module);
+    std::filesystem::copy(modules / "probe.so", folder_without_ucm + "/ucm.so");
+    const program_result no_ucm = run_ats({"demo", "--modules", folder_without_ucm});
     EXPECT_EQ(no_ucm.exit_code, 1);
     EXPECT_THAT(no_ucm.out, HasSubstr("FAILED. Expected, but not so"));
     EXPECT_THAT(no_ucm.out, HasSubstr(" 3. "));

@@ -12,23 +12,23 @@ namespace
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::string written;
+std::string last_write;
 
 int take(struct file*, const char* bytes, unsigned long count, void*)
 {
-    std::string taken(count, '\0');
-    if (copy_from_user(taken.data(), bytes, count) != 0) return -EFAULT;
-    written = taken;
+    std::string text(count, '\0');
+    if (copy_from_user(text.data(), bytes, count) != 0) return -EFAULT;
+    last_write = text;
     return static_cast<int>(count);
 }
 
-int show(char* page, char** start, off_t off, int count, int* eof, void*)
+int show(char* page, char** start, off_t offset, int count, int* eof, void*)
 {
     const std::string text = "hosted 1\n";
-    const size_t left = text.size() - std::min(text.size(), static_cast<size_t>(off));
+    const size_t rest = text.size() - std::min(text.size(), static_cast<size_t>(offset));
     *start = page;
     *eof = 1;
-    return static_cast<int>(text.copy(page, std::min(left, static_cast<size_t>(count)), text.size() - left));
+    return static_cast<int>(text.copy(page, std::min(rest, static_cast<size_t>(count)), text.size() - rest));
 }
 
 class mount_tree : public testing::Test
@@ -55,12 +55,12 @@ class mount_tree : public testing::Test
     // What a path is: "folder", "file 644 size 0", or the error.
     std::string kind(const std::string& path)
     {
-        cli::mount_entry found;
-        if (const int result = tree.stat(path, &found); result < 0) return strerror(-result);
-        if (found.is_directory) return "folder";
+        cli::mount_entry entry;
+        if (const int result = tree.stat(path, &entry); result < 0) return strerror(-result);
+        if (entry.is_directory) return "folder";
         char text[64];
-        snprintf(text, sizeof text, "file %o size %llu", found.permissions,
-                 static_cast<unsigned long long>(found.size));
+        snprintf(text, sizeof text, "file %o size %llu", entry.permissions,
+                 static_cast<unsigned long long>(entry.size));
         return text;
     }
 
@@ -123,7 +123,7 @@ TEST_F(mount_tree, reads_and_writes_reach_the_handlers_of_their_host)
     EXPECT_EQ(tree.read_proc("a/proc/net/control", 7, 4096, &text), 2);
     EXPECT_EQ(text, "1\n");
     EXPECT_EQ(write("a/proc/net/control", "one\ntwo"), 7);
-    EXPECT_EQ(written, "one\ntwo");
+    EXPECT_EQ(last_write, "one\ntwo");
     EXPECT_EQ(write("b/proc/net/control", "x"), -ENOENT);
     EXPECT_EQ(write("a/log", "x"), -ENOENT);
     EXPECT_EQ(write("a/proc", "x"), -EINVAL);

@@ -98,7 +98,7 @@ void running_service::look()
     const json status = ats->ask_json({"status"});
     ASSERT_EQ(status["hosts"].size(), 3u);
     const json& node2 = status["hosts"][1];
-    EXPECT_THAT(node2["version"].get<std::string>(), HasSubstr("ats 1.21"));
+    EXPECT_THAT(node2["version"].get<std::string>(), HasSubstr("ats " ATS_VERSION));
     EXPECT_EQ(node2["trace"], 1);
     EXPECT_EQ(status["fabric"], "embedded");
     json registration = node2["registrations"].at(0);
@@ -139,7 +139,7 @@ void running_service::look()
     EXPECT_THAT(window.str(), HasSubstr("\nnode3  mthca0  1"));
     EXPECT_THAT(cli::fit_status(status, 80, 5), testing::EndsWith("lines more: --host NAME shows one host"));
     const program_result picture = ats->ask({"status"});
-    for (const char* part : {"An embedded fabric, up for", "node1: ats 1.21",
+    for (const char* part : {"An embedded fabric, up for", "node1: ats " ATS_VERSION,
                              "  registered: node2, 10.0.0.2, P_Key 0xFFFF, SM LID 1; confirmed",
                              "mthca0, active port 1", "PORT  LINK  STATE", gid_of_node2_port2})
         EXPECT_THAT(picture.out, HasSubstr(part));
@@ -197,10 +197,10 @@ void running_service::find_a_stale_cache()
     EXPECT_THAT(wrong.out, StartsWith("10.0.0.3  not found: the SA names no owner  (from the SA, "));
     EXPECT_THAT(wrong.out, HasSubstr("; the cache was WRONG: " + std::string(gid_of_node3) + "; it is corrected)"));
     EXPECT_NE(ats->ask_json({"resolve", "10.0.0.3", "--cached"})[0]["status"], "ok");
-    const json reversed = ats->ask({"reverse", gid_of_node3, "--verify", "--host", "node2", "--json"}).answer()[0];
-    EXPECT_EQ(reversed["found"], "10.0.0.33");
-    EXPECT_EQ(reversed["cached"], "10.0.0.3");
-    EXPECT_EQ(reversed["corrected"], true);
+    const json reversal = ats->ask({"reverse", gid_of_node3, "--verify", "--host", "node2", "--json"}).answer()[0];
+    EXPECT_EQ(reversal["found"], "10.0.0.33");
+    EXPECT_EQ(reversal["cached"], "10.0.0.3");
+    EXPECT_EQ(reversal["corrected"], true);
     EXPECT_EQ(ats->ask_json({"resolve", "10.0.0.33"})[0]["status"], "ok");
 }
 
@@ -209,7 +209,7 @@ void running_service::upset_the_sa()
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
     EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("It is silent"));
     EXPECT_THAT(ats->ask({"resolve", "node2"}).out, HasSubstr("node2  timed out"));
-    const program_result silence = ats->ask({"resolve", "10.0.0.98", "--timeout", "0.4"});
+    const program_result silence = ats->ask({"resolve", "10.0.0.98", "--timeout", "1.4"});
     EXPECT_EQ(silence.exit_code, 1) << "the service was alive, and the question took longer";
     EXPECT_THAT(silence.out, HasSubstr("timed out: the SA did not answer in time"));
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.1", "--no-wait"}).exit_code, 0);
@@ -228,9 +228,9 @@ void running_service::upset_the_sa()
     EXPECT_TRUE(record_of("node2").empty());
     EXPECT_THAT(ats->ask({"sa", "forget"}).out, HasSubstr("2 records."));
     EXPECT_EQ(ats->ask({"sa", "forget"}).exit_code, 1);
-    const program_result nothing = ats->ask({"sa", "show"});
-    EXPECT_EQ(nothing.exit_code, 1);
-    EXPECT_EQ(nothing.out, "The SA holds no ServiceRecord.\n");
+    const program_result no_records = ats->ask({"sa", "show"});
+    EXPECT_EQ(no_records.exit_code, 1);
+    EXPECT_EQ(no_records.out, "The SA holds no ServiceRecord.\n");
 }
 
 void running_service::fail_over()
@@ -271,11 +271,11 @@ void running_service::change_identity()
     EXPECT_THAT(ats->ask({"status"}).out, HasSubstr("registration is not checked"));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period", "300", "7"}).exit_code, 0);
     EXPECT_EQ(host_status("node1")["verification"], json({{"period", 300}, {"skew", 7}}));
-    const program_result refused = ats->ask({"control", "set_ip_addrs", "1.2.3"});
-    EXPECT_EQ(refused.exit_code, 1);
-    EXPECT_THAT(refused.out, HasSubstr("ats_sa_update_ip_addrs FAIL"));
+    const program_result refusal = ats->ask({"control", "set_ip_addrs", "1.2.3"});
+    EXPECT_EQ(refusal.exit_code, 1);
+    EXPECT_THAT(refusal.out, HasSubstr("ats_sa_update_ip_addrs FAIL"));
     EXPECT_EQ(ats->ask({"control", "sa_verify_period", "x", "5"}).exit_code, 1) << "a plain line is a complaint too";
-    const std::string known = ats->ask({"control", "--list"}).out;
+    const std::string command_list = ats->ask({"control", "--list"}).out;
     cli::line_channel service(cli::connect_to(ats->socket()).value());
     service.write(R"({"request":"control","command":"help"})");
     std::istringstream usage(json::parse(service.read().value()).at("output").get<std::string>());
@@ -284,10 +284,10 @@ void running_service::change_identity()
         const size_t dash = line.find(" - ");
         if (dash == line.npos) continue;
         ++commands;
-        EXPECT_THAT(known, HasSubstr("\n" + line.substr(0, line.find(' ')) + "  "));
+        EXPECT_THAT(command_list, HasSubstr("\n" + line.substr(0, line.find(' ')) + "  "));
     }
     EXPECT_EQ(commands, 7) << usage.str();
-    EXPECT_EQ(std::count(known.begin(), known.end(), '\n'), 8);
+    EXPECT_EQ(std::count(command_list.begin(), command_list.end(), '\n'), 8);
 }
 
 void running_service::follow_the_log()
@@ -296,12 +296,12 @@ void running_service::follow_the_log()
     EXPECT_EQ(host_status("node1")["trace"], 4);
     EXPECT_EQ(host_status("node3")["trace"], 1);
     ats_process follower({"log", "-f", "--socket", ats->socket()}, folder / "followed", folder / "complaints");
-    const auto followed = [&](const std::string& text) {
+    const auto log_shows = [&](const std::string& text) {
         return eventually([&] { return text_of_file(folder / "followed").find(text) != std::string::npos; });
     };
-    EXPECT_TRUE(followed("LOGGER: Added key"));
+    EXPECT_TRUE(log_shows("LOGGER: Added key"));
     EXPECT_EQ(ats->ask({"control", "rarp", "fe80::200:0:2:1"}).exit_code, 0);
-    EXPECT_TRUE(followed(":Status OK received."));
+    EXPECT_TRUE(log_shows(":Status OK received."));
     EXPECT_EQ(follower.stop(SIGINT), -SIGINT);
     EXPECT_THAT(ats->ask({"log"}).out, HasSubstr("DEBUG  "));
     EXPECT_THAT(ats->ask({"log", "--level", "1"}).out, Not(HasSubstr("DEBUG  ")));
@@ -312,7 +312,7 @@ void running_service::follow_the_log()
 
 void running_service::use_the_files()
 {
-    EXPECT_THAT(text_of_file(file("node1/proc/dorvex/ats/version")), HasSubstr("ats 1.21"));
+    EXPECT_THAT(text_of_file(file("node1/proc/dorvex/ats/version")), HasSubstr("ats " ATS_VERSION));
     EXPECT_EQ(text_of_file(file("node1/proc/dorvex/ats/control")), "");
     EXPECT_THAT(text_of_file(file("node1/log")), HasSubstr("SA verification period:300   verification skew(%): 7"));
     write_file(file("node3/proc/dorvex/ats/control"), "set_host_name filed\n");
@@ -325,8 +325,8 @@ void running_service::use_the_files()
     EXPECT_EQ(open(file("node1/proc/dorvex/ats/version").c_str(), O_WRONLY), -1);
 
     std::ifstream log(file("node3/log"));
-    std::stringstream before;
-    before << log.rdbuf();
+    std::stringstream old_lines;
+    old_lines << log.rdbuf();
     write_file(file("node3/proc/dorvex/ats/control"), "wh\x1b[mat\n");
     log.clear();
     std::string line;
@@ -339,7 +339,7 @@ void running_service::use_the_files()
 void running_service::interrupt_a_write()
 {
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
-    const auto interrupted = [&] {
+    const auto is_interrupted = [&] {
         return text_of_file(file("node3/log")).find("Interrupted by a signal") != std::string::npos;
     };
     EXPECT_TRUE(eventually([&] {
@@ -353,7 +353,7 @@ void running_service::interrupt_a_write()
         int status = 0;
         waitpid(writer, &status, 0);
         EXPECT_EQ(status, 0);
-        return interrupted();
+        return is_interrupted();
     }));
     EXPECT_EQ(ats->ask({"sa", "silence", "off"}).exit_code, 0);
 }
@@ -372,18 +372,18 @@ TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
         interrupt_a_write();
     }
     const std::string socket = ats->socket();
-    ats_process watching({"status", "--watch", "--socket", socket}, folder / "watched", folder / "complaints");
+    ats_process watcher({"status", "--watch", "--socket", socket}, folder / "watched", folder / "complaints");
     EXPECT_TRUE(eventually([&] {
         const std::string picture = text_of_file(folder / "watched");
         return picture.find("node1:") != picture.rfind("node1:"); // drawn twice
     }));
-    ats_process following({"log", "-f", "--socket", socket}, folder / "log", folder / "complaints2");
+    ats_process log_follower({"log", "-f", "--socket", socket}, folder / "log", folder / "complaints2");
     EXPECT_TRUE(eventually([&] { return !text_of_file(folder / "log").empty(); }));
     std::ifstream still_open(file("node1/log"));
     EXPECT_EQ(ats->stop(SIGINT), 0);
-    EXPECT_EQ(watching.wait(), 3);
+    EXPECT_EQ(watcher.wait(), 3);
     EXPECT_THAT(text_of_file(folder / "complaints"), HasSubstr("hung up"));
-    EXPECT_EQ(following.wait(), 3);
+    EXPECT_EQ(log_follower.wait(), 3);
     EXPECT_THAT(ats->output(), HasSubstr("all hosts have unloaded"));
     EXPECT_THAT(ats->complaints(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(socket));
@@ -394,9 +394,9 @@ TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
 TEST(run, obeys_a_signal_while_hosts_are_starting)
 {
     const scratch_folder folder;
-    ats_process starting({"run", "--hosts", "1000", "--socket", folder / "socket"}, folder / "out", folder / "err");
+    ats_process process({"run", "--hosts", "1000", "--socket", folder / "socket"}, folder / "out", folder / "err");
     EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "socket"); }));
-    EXPECT_EQ(starting.stop(), 0);
+    EXPECT_EQ(process.stop(), 0);
     EXPECT_EQ(text_of_file(folder / "err"), "ats: told to end while hosts were starting\n");
     EXPECT_EQ(text_of_file(folder / "out"), "ats: all hosts have unloaded.\n");
 }

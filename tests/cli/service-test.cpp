@@ -42,14 +42,14 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
 {
     const scratch_folder folder;
     notice_socket notices(folder / "notify");
-    service running;
+    service ats;
     std::string notice;
     EXPECT_TRUE(eventually([&] { return !(notice = notices.next()).empty(); }));
     EXPECT_EQ(notice, "READY=1");
-    EXPECT_EQ(running.ask({"status"}).exit_code, 0) << "it was not ready";
+    EXPECT_EQ(ats.ask({"status"}).exit_code, 0) << "it was not ready";
     EXPECT_EQ(notices.next(), "");
-    kill(running.pid(), SIGHUP);
-    EXPECT_EQ(running.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
+    kill(ats.pid(), SIGHUP);
+    EXPECT_EQ(ats.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
 }
 
@@ -59,7 +59,7 @@ TEST(service, advice_fits_how_it_was_started)
     const std::string path = folder / "socket";
     for (const bool by_systemd : {true, false}) {
         setenv("SYSTEMD_EXEC_PID", by_systemd ? std::to_string(getpid()).c_str() : "1", 1);
-        const auto listening = cli::listening_socket::open(path).value();
+        const auto listener = cli::listening_socket::open(path).value();
         EXPECT_EQ(cli::where_to_look(path).starts_with("'journalctl -u "), by_systemd);
         EXPECT_EQ(cli::how_to_wake(path).starts_with("'systemctl status "), by_systemd);
         EXPECT_EQ(cli::how_to_start(path).starts_with("'systemctl status "), by_systemd);
