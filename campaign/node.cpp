@@ -1,6 +1,7 @@
 #include "campaign/node.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "campaign/tested-fabric.h"
@@ -96,6 +97,7 @@ void node::reap()
 
 uint32_t node::next_address()
 {
+    assert(number < UINT8_MAX && addresses_made_ <= UINT16_MAX); // otherwise two hosts would get one address
     const uint32_t version = addresses_made_++;
     const uint8_t octets[] = {10, static_cast<uint8_t>(number + 1), static_cast<uint8_t>(version >> 8),
                               static_cast<uint8_t>(version)};
@@ -121,6 +123,7 @@ void node::change_identity(const std::function<bool()>& change, const std::funct
     const uint64_t begin_tick = fabric.now();
     name_is_certain = address_is_certain = false;
     const bool succeeded = change();
+    assert(changes_running_ > 0);
     --changes_running_;
     const bool stayed_alone = is_alone && changes_begun_ == change_number;
     if (succeeded && stayed_alone && fabric.network.quiet_since(begin_tick) && harm().quiet_since(begin_tick))

@@ -54,6 +54,7 @@ ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
     };
     std::multimap<uint64_t, step> steps;
     for (const size_t number : act_numbers) {
+        assert(number < plan.acts.size());
         const act& act = plan.acts[number];
         steps.emplace(act.begin_tick, step{number, true});
         if (act_kinds[act.kind].end) steps.emplace(act.end_tick, step{number, false});

@@ -2,6 +2,7 @@
 // violation of the rules ends the process with one line.
 #pragma once
 
+#include <cassert>
 #include <cstdio>
 #include <deque>
 #include <memory>
@@ -50,6 +51,7 @@ struct harm_watch {
     }
     void end(uint64_t now_ticks)
     {
+        assert(acts_running > 0);
         --acts_running;
         last_tick = now_ticks;
     }
