@@ -152,8 +152,8 @@ json report_of(const hca_state& hca, uint64_t now_ticks)
     return report;
 }
 
-// Asks the SA for the owner of the unconfirmed record's address. The stack sees the answer too. Fails if the SA names
-// another owner or none.
+// Asks the SA for the owner of the unconfirmed record's address. The stack sees the answer too. Fails if the SA
+// names another owner or none.
 ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration& registration)
 {
     const records::host_record record = records::decode(registration.record);
@@ -214,7 +214,7 @@ ats::result<> confirmation::wait()
     for (bool has_asked = false;; pause(machine)) {
         const std::vector<hca_state> hcas = look(host_);
         assert(hcas.size() == confirmations_before_.size());
-        const hca_state* unconfirmed = nullptr;
+        const hca_state* unconfirmed_hca = nullptr;
         bool has_link = false;
         for (size_t i = 0; i < hcas.size(); ++i) {
             if (!hcas[i].has_link) continue;
@@ -222,13 +222,13 @@ ats::result<> confirmation::wait()
             const ats::result<bool> verdict = is_confirmed(hcas[i], confirmations_before_[i], is_new_record_);
             if (!verdict && hcas.size() > 1) return ats::fail(hcas[i].hca + ": " + verdict.error().text);
             if (!verdict) return ats::pass_on(verdict);
-            if (!*verdict) unconfirmed = &hcas[i];
+            if (!*verdict) unconfirmed_hca = &hcas[i];
         }
         if (!has_link) return no_port();
-        if (!unconfirmed) return {};
+        if (!unconfirmed_hca) return {};
         if (machine.exec().now() < deadline) continue;
         if (has_asked) return no_answer();
-        if (const ats::result<> owner = ask_for_owner(machine, *unconfirmed->registration); !owner) return owner;
+        if (const ats::result<> owner = ask_for_owner(machine, *unconfirmed_hca->registration); !owner) return owner;
         has_asked = true;
     }
 }

@@ -117,13 +117,13 @@ ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::un
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return ats::fail("cannot make a pipe: too many open files?");
-    std::unique_ptr<server> started(new server(hosts, std::move(socket), descriptor(ends[0]), descriptor(ends[1])));
+    std::unique_ptr<server> instance(new server(hosts, std::move(socket), descriptor(ends[0]), descriptor(ends[1])));
     try {
-        started->acceptor_ = exec::new_thread([&server = *started] { server.accept_clients(); });
+        instance->acceptor_ = exec::new_thread([&server = *instance] { server.accept_clients(); });
     } catch (const exec::shortage& shortage) {
         return ats::fail(error_kind::no_memory, shortage.what());
     }
-    return started;
+    return instance;
 }
 
 server::server(running_hosts& hosts, std::unique_ptr<listening_socket> socket, descriptor stop_reader,

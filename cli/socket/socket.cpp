@@ -44,9 +44,9 @@ ats::result<sockaddr_un> socket_address(const std::string& path)
 
 ats::result<descriptor> new_socket()
 {
-    descriptor created(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (created.get() < 0) return ats::fail("cannot make a socket" + reason());
-    return created;
+    descriptor endpoint(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (endpoint.get() < 0) return ats::fail("cannot make a socket" + reason());
+    return endpoint;
 }
 
 // Leaves the reason of a failure in errno.
