@@ -3,6 +3,7 @@
 #include <cassert>
 #include <optional>
 
+#include "console/record-answer.h"
 #include "host/stack/gsi-service.h"
 #include "host/world/printable.h"
 #include "host/world/resolution.h"
@@ -117,13 +118,6 @@ json seconds_since(uint64_t tick, uint64_t now_ticks)
     return (now_ticks - std::min(tick, now_ticks)) / HZ;
 }
 
-std::string hexadecimal(uint16_t word)
-{
-    char text[sizeof "0x0000"];
-    std::snprintf(text, sizeof text, "0x%04X", word);
-    return text;
-}
-
 json report_of(const hca_state& hca, uint64_t now_ticks)
 {
     const ats::result<> registered = registration_of(hca, now_ticks);
@@ -140,11 +134,11 @@ json report_of(const hca_state& hca, uint64_t now_ticks)
     report["name"] = record.host_name;
     report["address"] = world::format_ipv4(record.address);
     report["gid"] = world::format_gid(record.gid);
-    report["p_key"] = hexadecimal(record.p_key);
+    report["p_key"] = console::format_word(record.p_key);
     report["port"] = registration.port;
     report["sm_lid"] = registration.sm_lid;
     if (registration.state == registration_state::refused || registration.state == registration_state::missing)
-        report["status"] = hexadecimal(registration.status);
+        report["status"] = console::format_word(registration.status);
     if (registration.confirmed_tick)
         report["confirmed_seconds"] = seconds_since(*registration.confirmed_tick, now_ticks);
     if (!registered && registered.error().kind == ats::error_kind::unreachable)

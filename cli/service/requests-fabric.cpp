@@ -15,13 +15,6 @@ namespace
 
 using ats::error_kind;
 
-std::string word_text(uint16_t word)
-{
-    char text[8];
-    std::snprintf(text, sizeof text, "0x%04X", word);
-    return text;
-}
-
 // {"real": true} on a real fabric: the client asks its SA itself, perhaps through a port that this service lacks.
 json show_records(running_hosts& hosts)
 {
@@ -34,7 +27,7 @@ json show_records(running_hosts& hosts)
     const bool has_status = faults.sa_status_count != 0;
     return {{"records", records},
             {"silent", faults.sa_silent.load()},
-            {"status", has_status ? json(word_text(faults.sa_status)) : json()}};
+            {"status", has_status ? json(console::format_word(faults.sa_status)) : json()}};
 }
 
 // Deletes the records of a GID, or all for "".
@@ -73,7 +66,7 @@ ats::result<json> answer_with_status(embedded::subnet& subnet, const std::string
     const bool is_normal = *status == 0;
     subnet.faults.answer_with(*status, is_normal ? 0 : embedded::fault_switches::every);
     return done(is_normal ? "The SA answers as it should."
-                          : "The SA answers everything with status " + word_text(*status) + ".");
+                          : "The SA answers everything with status " + console::format_word(*status) + ".");
 }
 
 // True if `word` is the first of the two words, false if it is the second.

@@ -5,6 +5,7 @@
 
 #include "cli/service/registration.h"
 #include "cli/service/requests.h"
+#include "console/control-commands.h"
 #include "console/control-report.h"
 #include "host/exec/print-capture.h"
 #include "host/peers/ibat-exports.h"
@@ -88,7 +89,7 @@ json host_status(world::host& host)
 
         exec::print_capture capture(exec::print_capture::instead_of_log);
         std::string empty;
-        if (machine.proc.read("dorvex/ats/control", 0, PROC_PAGE_SIZE, &empty) >= 0)
+        if (machine.proc.read(console::control_file, 0, PROC_PAGE_SIZE, &empty) >= 0)
             status.update(console::parse_control_report(capture.text()));
         if (json ibat = ibat_status(machine); !ibat.is_null()) status["ibat"] = std::move(ibat);
     });

@@ -21,7 +21,6 @@ namespace
 using ats::error_kind;
 
 constexpr const char* ats_registry_key = "dorvex/modules/ats";
-constexpr const char* control_file = "dorvex/ats/control";
 constexpr int highest_trace_level = 5;
 
 tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
@@ -40,7 +39,7 @@ ats::result<json> control(running_hosts& hosts, const json& request)
     std::string output;
     machine.enter("control", [&] {
         exec::print_capture capture(exec::print_capture::also_log);
-        written = machine.proc.write(control_file, command);
+        written = machine.proc.write(console::control_file, command);
         output = capture.text();
     });
     if (written == -EK_NOENT) return not_loaded(machine);
