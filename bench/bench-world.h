@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "console/host-plans.h"
 #include "host/world/host.h"
 #include "host/world/module-folder.h"
 
@@ -12,9 +13,7 @@ struct bench_world {
     explicit bench_world(int count)
     {
         for (int i = 1; i <= count; ++i) {
-            world::host_plan plan;
-            plan.name = "node" + std::to_string(i);
-            plan.modules = world::usual_modules(plan.name, address_of(i));
+            const world::host_plan plan = console::usual_host("node" + std::to_string(i), address_of(i));
             hosts.push_back(std::make_unique<world::host>(*sim, world::add_hcas(subnet, plan).value(), plan,
                                                           world::default_module_folder(), static_cast<uint64_t>(i)));
         }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "campaign/tested-fabric.h"
+#include "console/host-plans.h"
 #include "host/exec/print-capture.h"
 #include "host/world/text.h"
 
@@ -14,7 +15,6 @@ namespace campaign
 namespace
 {
 
-constexpr const char* control_file = "dorvex/ats/control";
 constexpr uint64_t delete_wait_ticks = 20; // the service waits so long for the answer to a Delete
 
 world::host_plan plan_of(size_t number, const host_shape& shape)
@@ -23,7 +23,7 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
     plan.name = "node" + std::to_string(number);
     plan.hcas.clear();
     for (int i = 0; i < shape.hcas; ++i) plan.hcas.push_back({"mthca" + std::to_string(i), shape.ports});
-    plan.trace_level = shape.trace_level;
+    plan.registry = {console::trace_setting(shape.trace_level)};
     return plan;
 }
 
@@ -48,7 +48,7 @@ node::node(tested_fabric& fabric, size_t number, const host_shape& shape)
       harm_(std::make_unique<harm_watch>())
 {
     hcas = machine().hcas();
-    if (shape.trace_level >= world::trace_level_debug)
+    if (shape.trace_level >= ZR_DEBUG)
         for (fabric::hca* each : hcas) {
             std::array<fabric::gid_bytes, 2> gids{};
             for (int port = 1; port <= each->port_count(); ++port)
@@ -134,7 +134,7 @@ void node::change_identity(const std::function<bool()>& change, const std::funct
 bool node::write_control(const std::string& text, std::string* output)
 {
     const exec::print_capture capture(exec::print_capture::also_log);
-    const int size = machine().proc.write(control_file, text);
+    const int size = machine().proc.write(console::control_file, text);
     if (output) *output = capture.text();
     return size == static_cast<int>(text.size());
 }
@@ -144,7 +144,7 @@ console::json node::read_control()
     std::string file, text;
     {
         const exec::print_capture capture(exec::print_capture::also_log);
-        if (machine().proc.read(control_file, 0, 1, &file) < 0) return nullptr;
+        if (machine().proc.read(console::control_file, 0, 1, &file) < 0) return nullptr;
         text = capture.text();
     }
     const console::json report = console::parse_control_report(text);

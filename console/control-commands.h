@@ -11,9 +11,6 @@
 namespace console
 {
 
-// The control file in a host's /proc tree. Reading it makes ats print the report of its ports.
-constexpr const char* control_file = "dorvex/ats/control";
-
 // A table of the commands, their arguments and effects.
 std::string list_control_commands();
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "console/host-plans.h"
 #include "host/stack/gsi-service.h"
 #include "host/world/host.h"
 #include "host/world/module-folder.h"
@@ -46,8 +47,8 @@ struct one_host {
     embedded::subnet net{*sim, {.service_record_limit = 64}};
     const world::host_plan plan{.name = "node1",
                                 .hcas = {{"mthca0", 2}},
-                                .trace_level = 5,
-                                .modules = world::usual_modules("node1", "10.0.0.1")};
+                                .registry = {console::trace_setting(ZR_FUNC)},
+                                .modules = console::usual_modules("node1", "10.0.0.1")};
     world::host host{*sim, world::add_hcas(net, plan).value(), plan, world::default_module_folder(), 1};
     fabric::hca& stranger = *net.add_hca("stranger", "mthca0", 1).value();
 };

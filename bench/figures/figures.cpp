@@ -132,7 +132,7 @@ int lookups(int count)
 {
     const auto exec = exec::make_threaded_executor();
     embedded::subnet net(*exec);
-    world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
+    const world::host_plan plan = console::usual_host("node1", "10.0.0.1");
     world::host host(*exec, world::add_hcas(net, plan).value(), plan, world::default_module_folder(), 1);
     if (!host.load() || !net.link_up("node1", "mthca0", 1)) return 1;
     while (net.service_records().empty()) usleep(1000);
@@ -180,7 +180,7 @@ int repeat(const std::string& step, int count)
             stranger.send(1, {.lid = 2}, answer);
             world.sim->settle();
         } else if (step == "send") { // a control command that sends one request, which nobody answers
-            host.enter("writer", [&] { host.proc.write("dorvex/ats/control", "delete_ip 10.0.0.1"); });
+            host.enter("writer", [&] { host.proc.write(console::control_file, "delete_ip 10.0.0.1"); });
             world.sim->settle();
         } else if (world::resolve_address(host, other, world::ask::sa_only).status != ibat_stat_ok) {
             return std::fprintf(stderr, "lookup %d failed\n", i), 1;

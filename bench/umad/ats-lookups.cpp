@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "console/host-plans.h"
 #include "host/fabric/umad/umad.h"
 #include "host/peers/ibat-exports.h"
 #include "host/world/host.h"
@@ -102,7 +103,7 @@ int main(int count, char** arguments)
     const auto exec = exec::make_threaded_executor();
     const auto fabric = umad::open(*exec, {});
     if (!fabric) fail(fabric.error().text);
-    const world::host_plan plan{.name = "bench", .hcas = {}, .modules = world::usual_modules("bench", arguments[1])};
+    const world::host_plan plan = console::usual_host("bench", arguments[1]);
     world::host host(*exec, (*fabric)->hcas(), plan, world::default_module_folder(), 0);
     if (const auto loaded = host.load(); !loaded) fail(loaded.error().text);
     if (const auto ready = wait_ready(host.machine(), addresses.front()); !ready) fail(ready.error().text);

@@ -6,7 +6,7 @@
 
 #include <fmt/core.h>
 
-#include "console/control-commands.h"
+#include "console/host-plans.h"
 #include "console/record-answer.h"
 #include "console/table.h"
 #include "host/exec/print-capture.h"
@@ -25,11 +25,8 @@ constexpr const char* plain = "\033[0m";
 
 world::host_plan plan_of(const std::string& name, int ports, const std::string& address)
 {
-    world::host_plan plan;
-    plan.name = name;
+    world::host_plan plan = console::usual_host(name, address, ZR_DEBUG);
     plan.hcas = {{.name = "mthca0", .ports = ports}};
-    plan.trace_level = world::trace_level_debug;
-    plan.modules = world::usual_modules(name, address);
     return plan;
 }
 

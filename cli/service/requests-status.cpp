@@ -7,6 +7,7 @@
 #include "cli/service/requests.h"
 #include "console/control-commands.h"
 #include "console/control-report.h"
+#include "console/host-plans.h"
 #include "host/exec/print-capture.h"
 #include "host/peers/ibat-exports.h"
 #include "host/stack/registry.h"
@@ -82,10 +83,11 @@ json host_status(world::host& host)
         {"name", host.name()}, {"version", "ats is not loaded"}, {"trace", nullptr}, {"hcas", json::array()}};
     machine.enter("status", [&] {
         std::string version;
-        if (machine.proc.read("dorvex/ats/version", 0, PROC_PAGE_SIZE, &version) > 0)
+        if (machine.proc.read(console::version_file, 0, PROC_PAGE_SIZE, &version) > 0)
             status["version"] = version.substr(0, version.find('\n'));
         intptr_t level = 0;
-        if (machine.get<stack::registry>().get("dorvex/modules/ats", "debug-level", &level)) status["trace"] = level;
+        if (machine.get<stack::registry>().get(console::registry_key, console::trace_level_name, &level))
+            status["trace"] = level;
 
         exec::print_capture capture(exec::print_capture::instead_of_log);
         std::string empty;

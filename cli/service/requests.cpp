@@ -7,6 +7,7 @@
 #include "console/control-commands.h"
 #include "console/errors.h"
 #include "console/gids.h"
+#include "console/host-plans.h"
 #include "console/identity.h"
 #include "host/exec/print-capture.h"
 #include "host/stack/registry.h"
@@ -19,9 +20,6 @@ namespace
 {
 
 using ats::error_kind;
-
-constexpr const char* ats_registry_key = "dorvex/modules/ats";
-constexpr int highest_trace_level = 5;
 
 tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
 {
@@ -50,14 +48,15 @@ ats::result<json> control(running_hosts& hosts, const json& request)
 
 void set_trace_level(kernel::machine& machine, int level)
 {
-    machine.enter("trace", [&] { machine.get<stack::registry>().set(ats_registry_key, "debug-level", level); });
+    machine.enter("trace",
+                  [&] { machine.get<stack::registry>().set(console::registry_key, console::trace_level_name, level); });
 }
 
 // {"level", "host"}: sets the trace level of ats on that host, or on all.
 ats::result<json> set_trace(running_hosts& hosts, const json& request)
 {
     const int level = request.at("level");
-    if (level < 0 || level > highest_trace_level)
+    if (level < 0 || level > ZR_FUNC)
         return ats::fail(error_kind::invalid, "a trace level is a number from 0 (nothing) to 5 (everything)");
     const std::string done_text = "ats traces at level " + std::to_string(level);
     const std::string name = request.value("host", "");

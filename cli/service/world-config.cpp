@@ -8,6 +8,7 @@
 
 #include "cli/service/table-reader.h"
 #include "console/errors.h"
+#include "console/host-plans.h"
 #include "console/identity.h"
 #include "verbs.h"
 
@@ -123,11 +124,11 @@ ats::result<addressed_host> read_host(const toml::table& table, const std::strin
         if (!ip) reader.keep(ip.error());
     }
 
-    plan.trace_level = reader.number("trace", world::trace_level_error, 0, 5);
+    plan.registry = {console::trace_setting(reader.number("trace", ZR_ERROR, ZR_PANIC, ZR_FUNC))};
     plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
     plan.hcas = read_hcas(reader, file, is_real, std::move(plan.hcas));
     refuse_identity_parameters(reader);
-    plan.modules = world::usual_modules(plan.name, address);
+    plan.modules = console::usual_modules(plan.name, address);
     for (world::module_plan& module : plan.modules) module.parameters += read_parameters(reader, module.name);
     return reader.finish().map([&] { return addressed_host{plan, address}; });
 }
@@ -198,8 +199,8 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
         return ats::fail(error_kind::invalid,
                          console::quote(plan.name) + " cannot be a host name: give --name " + console::host_name_rule);
     if (const ats::result<uint32_t> ip = console::host_address_of(address); !ip) return ats::pass_on(ip);
+    plan = console::usual_host(plan.name, address);
     plan.hcas.clear();
-    plan.modules = world::usual_modules(plan.name, address);
     config.hosts = {plan};
     return config;
 }
@@ -207,12 +208,9 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 world_config numbered_hosts(int count)
 {
     world_config config;
-    for (int i = 1; i <= count; ++i) {
-        world::host_plan plan;
-        plan.name = "node" + std::to_string(i);
-        plan.modules = world::usual_modules(plan.name, numbered_address(static_cast<size_t>(i)));
-        config.hosts.push_back(std::move(plan));
-    }
+    for (int i = 1; i <= count; ++i)
+        config.hosts.push_back(
+            console::usual_host("node" + std::to_string(i), numbered_address(static_cast<size_t>(i))));
     return config;
 }
 

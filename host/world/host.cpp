@@ -3,29 +3,9 @@
 #include <cstdio>
 
 #include "host/stack/boot.h"
-#include "host/stack/registry.h"
 
 namespace world
 {
-
-namespace
-{
-
-constexpr const char* ats_registry_key = "dorvex/modules/ats";
-
-std::string quoted(const std::string& text)
-{
-    return '"' + text + '"';
-}
-
-} // namespace
-
-std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4)
-{
-    return {{"ibat", ""},
-            {"ucm", ""},
-            {"ats", "ats_ipaddr_str=" + quoted(ipv4) + " ats_hostName_str=" + quoted(host_name)}};
-}
 
 ats::result<std::vector<fabric::hca*>> add_hcas(embedded::subnet& subnet, const host_plan& plan)
 {
@@ -47,7 +27,8 @@ host::host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const ho
     for (fabric::hca* each : hcas) machine_->plug(*each);
     machine_->enter("boot", [this] {
         stack::boot(*machine_);
-        machine_->get<stack::registry>().set(ats_registry_key, "debug-level", plan_.trace_level);
+        auto& registry = machine_->get<stack::registry>();
+        for (const stack::registry_value& each : plan_.registry) registry.set(each.key, each.name, each.value);
     });
 }
 

@@ -9,12 +9,10 @@
 #include "host/fabric/embedded/subnet.h"
 #include "host/kernel/machine.h"
 #include "host/result.h"
+#include "host/stack/registry.h"
 
 namespace world
 {
-
-constexpr int trace_level_error = 1;
-constexpr int trace_level_debug = 4;
 
 struct hca_plan {
     std::string name = "mthca0";
@@ -28,15 +26,12 @@ struct module_plan {
 };
 
 struct host_plan {
-    std::string name;
+    std::string name = {};
     std::vector<hca_plan> hcas = {hca_plan{}};
-    int trace_level = trace_level_error; // of ats, in the registry
+    std::vector<stack::registry_value> registry = {}; // stored before the modules are loaded
     size_t log_bytes = kernel::default_log_bytes;
-    std::vector<module_plan> modules; // in loading order; see usual_modules()
+    std::vector<module_plan> modules = {}; // in loading order
 };
-
-// IBAT, UCM and ats for a host of that name and address, in the order that their bindings need.
-std::vector<module_plan> usual_modules(const std::string& host_name, const std::string& ipv4);
 
 // Adds the HCAs of the plan to `subnet`, their links down. Fails as subnet::add_hca does.
 ats::result<std::vector<fabric::hca*>> add_hcas(embedded::subnet& subnet, const host_plan& plan);

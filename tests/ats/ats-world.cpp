@@ -3,14 +3,13 @@
 #include <bit>
 #include <regex>
 
+#include "console/host-plans.h"
 #include "host/stack/gsi-service.h"
 #include "host/stack/registry.h"
 #include "host/stack/timers.h"
 
 namespace
 {
-
-constexpr const char* registry_key = "dorvex/modules/ats";
 
 std::string parameters_of(const host_setup& setup)
 {
@@ -22,7 +21,7 @@ constexpr size_t log_bytes = 64 << 20; // enough for the log of a long test
 world::host_plan plan_of(const host_setup& setup)
 {
     world::host_plan plan{
-        .name = setup.name, .hcas = {}, .trace_level = setup.trace, .log_bytes = log_bytes, .modules = {}};
+        .name = setup.name, .hcas = {}, .registry = {console::trace_setting(setup.trace)}, .log_bytes = log_bytes};
     for (size_t i = 0; i < setup.ports.size(); ++i) plan.hcas.push_back({"mthca" + std::to_string(i), setup.ports[i]});
     return plan;
 }
@@ -64,7 +63,7 @@ ats_host::ats_host(exec::simulation& sim, embedded::subnet& subnet, const host_s
     : setup_(setup), sim_(sim), subnet_(subnet), host_(sim, world::add_hcas(subnet, plan_of(setup)).value(),
                                                        plan_of(setup), world::default_module_folder(), host_random_seed)
 {
-    if (!setup.has_key) machine().get<stack::registry>().remove(registry_key);
+    if (!setup.has_key) machine().get<stack::registry>().remove(console::registry_key);
     peers().publish_ibat();
     if (setup.has_ucm) peers().publish_ucm();
 }
@@ -136,7 +135,7 @@ ibat_stat_t ats_host::resolve(const std::string& address)
 int ats_host::control(const std::string& command)
 {
     int result = 0;
-    run([&] { result = machine().proc.write("dorvex/ats/control", command); });
+    run([&] { result = machine().proc.write(console::control_file, command); });
     return result;
 }
 
@@ -149,7 +148,7 @@ std::string ats_host::read(const std::string& proc_file)
 
 void ats_host::trace(int level)
 {
-    machine().get<stack::registry>().set(registry_key, "debug-level", level);
+    machine().get<stack::registry>().set(console::registry_key, console::trace_level_name, level);
 }
 
 std::vector<std::string> ats_host::log()

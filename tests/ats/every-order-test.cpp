@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "console/host-plans.h"
 #include "host/exec/schedule.h"
 #include "host/peers/ucm-exports.h"
 #include "host/world/published.h"
@@ -126,7 +127,7 @@ TEST(every_order, of_a_time_out_and_the_unloading_of_ats_and_ucm)
 {
     in_every_order(1, [](moment& moment) {
         reverse_lookup lookup;
-        const world::host_plan plan{.name = "node1", .modules = world::usual_modules("node1", "10.0.0.1")};
+        const world::host_plan plan = console::usual_host("node1", "10.0.0.1");
         world::host host(*moment.w.sim, world::add_hcas(moment.w.subnet, plan).value(), plan,
                          world::default_module_folder(), host_random_seed);
         kernel::machine& machine = host.machine();

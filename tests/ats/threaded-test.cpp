@@ -2,6 +2,7 @@
 // forgets, and one host leaves. Nothing is simulated, so that the thread sanitizer sees the races that a machine would.
 #include <chrono>
 
+#include "console/host-plans.h"
 #include "host/stack/logger.h"
 #include "host/stack/registry.h"
 #include "host/world/resolution.h"
@@ -29,7 +30,7 @@ class running_hosts
     running_hosts()
     {
         for (const auto& [name, address] : addresses) {
-            world::host_plan plan{.name = name, .modules = world::usual_modules(name, address)};
+            world::host_plan plan = console::usual_host(name, address);
             if (name == "node1") plan.hcas = {{"mthca0", 2}, {"mthca1", 1}};
             hosts.push_back(std::make_unique<world::host>(*exec, world::add_hcas(subnet, plan).value(), plan,
                                                           world::default_module_folder(), hosts.size() + 1));

@@ -44,7 +44,7 @@ ibat_lifetime_seconds = 30
 )");
     ASSERT_EQ(hosts.size(), 2u);
     EXPECT_EQ(hosts[0].name, "store");
-    EXPECT_EQ(hosts[0].trace_level, 4);
+    EXPECT_EQ(hosts[0].registry.at(0).value, 4);
     EXPECT_EQ(hosts[0].log_bytes, 65536u);
     EXPECT_EQ(hosts[1].log_bytes, kernel::default_log_bytes);
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::name, "left"), Field(&hca_plan::name, "mthca1")));
