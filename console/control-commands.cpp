@@ -116,10 +116,9 @@ std::string control_warning(const std::string& line)
 
 bool is_complaint(std::string_view output)
 {
-    constexpr int level_of_errors = 1;
     std::istringstream lines{std::string(output)};
     for (std::string line; std::getline(lines, line);)
-        if (!line.empty() && trace_level_of(line) <= level_of_errors) return true;
+        if (!line.empty() && trace_level_of(line) <= ZR_ERROR) return true;
     return false;
 }
 

@@ -1,23 +1,23 @@
 // Which trace level a log line has.
 #pragma once
 
-#include <array>
 #include <string_view>
+
+#include "logger.h"
 
 namespace console
 {
 
-constexpr int trace_level_everything = 5;
+constexpr int trace_level_everything = ZR_FUNC;
 
-// The level that a trace line names ("ERROR   : ATS : ..."); 0 for a plain line, which no filter hides.
+// The level that a trace line names ("ERROR   : ATS : ..."); ZR_PANIC for a plain line, which no filter hides.
 inline int trace_level_of(std::string_view line)
 {
-    constexpr std::array<std::string_view, 6> names = {"PANIC  ", "ERROR  ", "WARNING",
-                                                       "INFO   ", "DEBUG  ", "FUNC   "};
-    for (size_t level = 0; level < names.size(); ++level)
-        if (line.starts_with(names[level]) && line.substr(names[level].size()).starts_with(" : "))
-            return static_cast<int>(level);
-    return 0;
+    for (int level = ZR_PANIC; level <= ZR_FUNC; ++level) {
+        const std::string_view name = zrlog_levels[level];
+        if (line.starts_with(name) && line.substr(name.size()).starts_with(" : ")) return level;
+    }
+    return ZR_PANIC;
 }
 
 } // namespace console
