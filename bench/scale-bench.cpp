@@ -38,7 +38,7 @@ void hosts_come_and_go(benchmark::State& state)
             if (const ats::result<> gone = host->unload(); !gone) return state.SkipWithError(gone.error().text.c_str());
         state.counters["down_s"] = seconds_since(unloading);
         state.counters["left"] = static_cast<double>(world.subnet.service_records().size());
-        const embedded::traffic_counts counts = world.subnet.counts();
+        const embedded::subnet_counts counts = world.subnet.counts();
         state.counters["requests_per_host"] = static_cast<double>(counts.sent) / count;
     }
 }

@@ -70,7 +70,7 @@ ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
     for (size_t kind = 0; kind < act_kind_count; ++kind)
         if (const auto effect = act_kinds[kind].effect) counts.marks[kind] = effects.*effect;
     check_at_the_end(*this);
-    const embedded::traffic_counts traffic = subnet.counts();
+    const embedded::subnet_counts traffic = subnet.counts();
     counts.faults += traffic.dropped + traffic.duplicated + traffic.corrupted + traffic.refused;
     counts.simulated_ticks = now();
     return wire.flush_capture();

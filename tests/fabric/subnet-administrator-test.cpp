@@ -91,7 +91,7 @@ TEST(subnet_administrator, answers)
         SCOPED_TRACE(row.name);
         subnet_administrator sa(3, is_known_gid);
         for (const record_t& record : row.stored) EXPECT_TRUE(sa.records.set(record, 0));
-        traffic_counts counts;
+        subnet_counts counts;
 
         fabric::mad_bytes mad = test::bytes_of(row.asked);
         EXPECT_TRUE(sa.answer(mad, 0, counts));

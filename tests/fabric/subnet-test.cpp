@@ -167,7 +167,7 @@ TEST_F(two_hosts, chance_faults_follow_the_seed)
             world.sim->run_for(i % 2);
         }
         world.sim->run_for(5);
-        const traffic_counts counts = world.net.counts();
+        const subnet_counts counts = world.net.counts();
         EXPECT_EQ(counts.arrived, counts.sent - counts.dropped + counts.duplicated);
         EXPECT_NEAR(static_cast<double>(counts.dropped), 200, 60);
         EXPECT_NEAR(static_cast<double>(counts.duplicated), 80, 40);

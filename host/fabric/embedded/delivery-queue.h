@@ -1,8 +1,9 @@
-// The datagrams under way, by the tick at which they are due and, within one tick, in the order in which they set
-// out. All memory is taken at the beginning. The caller guards it.
+// The datagrams in transit, ordered by the tick at which they are due, then by the order of posting. The queue owns
+// them and allocates all memory when it is built. It has no lock: the caller guards it.
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <vector>
 
@@ -11,26 +12,28 @@
 namespace embedded
 {
 
+// The faults that a datagram has met.
+struct datagram_faults {
+    bool is_late = false;
+    bool is_jittered = false;
+    bool is_held_back = false;
+    bool is_corrupted = false;
+    bool is_twin = false;
+};
+
 struct datagram {
     fabric::mad_bytes mad;
     uint16_t source_lid;
     uint16_t destination_lid;
     uint32_t destination_qpn;
     uint32_t q_key;
-    uint16_t p_key; // as it stands in the packet
+    uint16_t p_key; // of the packet
     uint8_t sl;
     uint8_t static_rate;
-    bool from_sa;
+    bool is_from_sa;
 
-    // The faults that this datagram has met.
-    struct {
-        uint64_t departure = 0; // grows from one that sets out to the next
-        bool is_late = false;
-        bool is_jittered = false;
-        bool is_held_back = false;
-        bool is_corrupted = false;
-        bool is_twin = false;
-    } way = {};
+    uint64_t departure = 0; // a number that grows with every departure
+    datagram_faults faults = {};
 };
 
 class delivery_queue
@@ -38,46 +41,50 @@ class delivery_queue
   public:
     explicit delivery_queue(size_t capacity) : datagrams_(capacity)
     {
-        under_way_.reserve(capacity);
+        heap_.reserve(capacity);
         free_.reserve(capacity);
         for (datagram& each : datagrams_) free_.push_back(&each);
     }
 
-    // A datagram to fill in, or null when all are under way.
+    // A free datagram, or null when all are in transit. The caller fills it in, and then posts or puts it.
     datagram* take()
     {
         if (free_.empty()) return nullptr;
-        datagram* taken = free_.back();
+        datagram* taken_datagram = free_.back();
         free_.pop_back();
-        return taken;
+        return taken_datagram;
     }
-    void put(datagram& unused) { free_.push_back(&unused); }
-
-    void post(datagram& leaving, uint64_t due_tick)
+    void put(datagram& datagram)
     {
-        under_way_.push_back({due_tick, ++posted_, &leaving});
-        std::push_heap(under_way_.begin(), under_way_.end());
+        assert(free_.size() < datagrams_.size());
+        free_.push_back(&datagram);
     }
 
-    // The next that is due, which is now the caller's to put or post again; null: none is due yet.
+    void post(datagram& datagram, uint64_t due_tick)
+    {
+        heap_.push_back({due_tick, ++post_count_, &datagram});
+        std::push_heap(heap_.begin(), heap_.end());
+    }
+
+    // The next datagram that is due, or null when none is due yet. The caller puts or posts it again.
     datagram* next_due(uint64_t now_ticks)
     {
-        if (under_way_.empty() || under_way_.front().due_tick > now_ticks) return nullptr;
-        std::pop_heap(under_way_.begin(), under_way_.end());
-        datagram* due = under_way_.back().content;
-        under_way_.pop_back();
-        return due;
+        if (heap_.empty() || heap_.front().due_tick > now_ticks) return nullptr;
+        std::pop_heap(heap_.begin(), heap_.end());
+        datagram* due_datagram = heap_.back().content;
+        heap_.pop_back();
+        return due_datagram;
     }
-    uint64_t next_due_tick() const { return under_way_.empty() ? UINT64_MAX : under_way_.front().due_tick; }
+    uint64_t next_due_tick() const { return heap_.empty() ? UINT64_MAX : heap_.front().due_tick; }
 
   private:
-    struct journey {
+    struct transit {
         uint64_t due_tick;
         uint64_t number;
         datagram* content;
 
-        // The heap keeps the greatest in front, which is to be the earliest.
-        bool operator<(const journey& other) const
+        // A heap has its greatest element in front. That must be the earliest datagram.
+        bool operator<(const transit& other) const
         {
             return due_tick != other.due_tick ? due_tick > other.due_tick : number > other.number;
         }
@@ -85,8 +92,8 @@ class delivery_queue
 
     std::vector<datagram> datagrams_;
     std::vector<datagram*> free_;
-    std::vector<journey> under_way_;
-    uint64_t posted_ = 0;
+    std::vector<transit> heap_;
+    uint64_t post_count_ = 0;
 };
 
 } // namespace embedded

@@ -1,5 +1,6 @@
-// How the embedded subnet carries datagrams: what a send does, and the fabric task.
+// How the embedded subnet delivers datagrams: the send of an HCA, and the fabric task.
 #include <algorithm>
+#include <cassert>
 
 #include "host/exec/task.h"
 #include "host/fabric/embedded/subnet-hca.h"
@@ -11,10 +12,10 @@ namespace
 {
 
 constexpr uint32_t qp1 = 1;
-static_assert(exec::never == UINT64_MAX, "an empty delivery queue has its next datagram due at no time");
+static_assert(exec::never == UINT64_MAX, "next_due_tick() of an empty queue must mean to park without a deadline");
 
-// IBA 10.9.3: two P_Keys match when they name the same partition and at least one is of a full member. Returns the
-// index in the table, or -1.
+// Returns the index of the P_Key in the table that matches, or -1. Two P_Keys match if they name the same partition and
+// at least one is that of a full member (IBA 10.9.3).
 int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
 {
     constexpr uint16_t full_member = 0x8000;
@@ -29,65 +30,65 @@ int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
 fabric::port_attributes subnet_hca::read_port(int port)
 {
     std::lock_guard lock(net_.mutex_);
-    const port_record& now = ports.at(static_cast<size_t>(port - 1));
-    return {.state = now.state,
-            .lid = now.lid,
-            .sm_lid = now.sm_lid,
-            .sm_sl = now.sm_sl,
+    const port_record& record = ports.at(static_cast<size_t>(port - 1));
+    return {.state = record.state,
+            .lid = record.lid,
+            .sm_lid = record.sm_lid,
+            .sm_sl = record.sm_sl,
             .mtu = net_.options_.mtu,
-            .bad_p_keys = now.bad_p_keys,
-            .bad_q_keys = now.bad_q_keys,
-            .gids = {now.gid},
-            .p_keys = now.p_keys};
+            .bad_p_keys = record.bad_p_keys,
+            .bad_q_keys = record.bad_q_keys,
+            .gids = {record.gid},
+            .p_keys = record.p_keys};
 }
 
-bool subnet::send(subnet_hca& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad)
+bool subnet::send(subnet_hca& hca, int port, const fabric::address& destination, const fabric::mad_bytes& mad)
 {
-    if (port < 1 || port > from.port_count()) return false;
-    const port_record& source = from.ports[static_cast<size_t>(port - 1)];
+    if (port < 1 || port > hca.port_count()) return false;
+    const port_record& source = hca.ports[static_cast<size_t>(port - 1)];
     lock_guard lock(mutex_);
-    datagram* leaving = is_refused() ? nullptr : queue_.take();
-    if (!leaving) {
+    datagram* datagram = is_send_refused() ? nullptr : queue_.take();
+    if (!datagram) {
         ++counts_.refused;
         return false;
     }
     ++counts_.sent;
     if (!source.is_active() || destination.p_key_index >= source.p_keys.size()) {
-        lose(*leaving);
+        drop(*datagram);
         return true;
     }
-    *leaving = {.mad = mad,
-                .source_lid = source.lid,
-                .destination_lid = destination.lid,
-                .destination_qpn = destination.qpn,
-                .q_key = destination.q_key,
-                .p_key = source.p_keys[destination.p_key_index],
-                .sl = destination.sl,
-                .static_rate = destination.static_rate,
-                .from_sa = false};
+    *datagram = {.mad = mad,
+                 .source_lid = source.lid,
+                 .destination_lid = destination.lid,
+                 .destination_qpn = destination.qpn,
+                 .q_key = destination.q_key,
+                 .p_key = source.p_keys[destination.p_key_index],
+                 .sl = destination.sl,
+                 .static_rate = destination.static_rate,
+                 .is_from_sa = false};
     const uint64_t now_ticks = exec_.now();
     if (tap_) tap_->crossed(now_ticks, source.lid, destination, mad);
-    set_out(*leaving, now_ticks);
+    dispatch(*datagram, now_ticks);
     wake_fabric(lock);
     return true;
 }
 
-bool subnet::is_refused()
+bool subnet::is_send_refused()
 {
     const bool is_full = faults.queue_full;
-    const bool by_chance = !is_full && chance(faults.refuse_percent);
+    const bool is_drawn = !is_full && draw(faults.refuse_percent);
     effects_.sends_refused_queue_full += is_full;
-    effects_.sends_refused_by_chance += by_chance;
-    return is_full || by_chance;
+    effects_.sends_refused_by_chance += is_drawn;
+    return is_full || is_drawn;
 }
 
-void subnet::set_listener(subnet_hca& of, fabric::listener* to)
+void subnet::set_listener(subnet_hca& hca, fabric::listener* listener)
 {
-    if (exec::current_task() == fabric_task_) exec::panic("%s: a listener called listen()", of.name().c_str());
+    if (exec::current_task() == fabric_task_) exec::panic("%s: a listener called listen()", hca.name().c_str());
     lock_guard lock(mutex_);
-    of.told = to;
-    // A running call is short: it may not sleep.
-    while (calling_ == &of) {
+    hca.listener = listener;
+    // Wait for a call of the previous listener to end. It is short, since a listener may not sleep.
+    while (called_hca_ == &hca) {
         lock.unlock();
         exec_.relax();
         lock.lock();
@@ -96,73 +97,75 @@ void subnet::set_listener(subnet_hca& of, fabric::listener* to)
 
 void subnet::wake_fabric(lock_guard& lock)
 {
-    const bool wake = asleep_;
-    asleep_ = false;
+    const bool was_asleep = is_asleep_;
+    is_asleep_ = false;
     lock.unlock();
-    if (wake) exec_.wake(*fabric_task_);
+    if (was_asleep) exec_.wake(*fabric_task_);
 }
 
-void subnet::carry()
+void subnet::run_fabric()
 {
     lock_guard lock(mutex_);
-    while (!stopping_) {
-        if (tell_next_change(lock)) continue;
-        if (datagram* due = queue_.next_due(exec_.now())) {
-            deliver(*due, lock);
+    while (!is_stopping_) {
+        if (report_next_change(lock)) continue;
+        if (datagram* datagram = queue_.next_due(exec_.now())) {
+            deliver(*datagram, lock);
             continue;
         }
-        asleep_ = true;
+        is_asleep_ = true;
         const uint64_t next_due_tick = queue_.next_due_tick();
         lock.unlock();
         exec_.park(next_due_tick, "datagrams", "fabric");
         lock.lock();
-        asleep_ = false;
+        is_asleep_ = false;
     }
 }
 
 template <class call_t>
-void subnet::call_listener(subnet_hca& at, lock_guard& lock, const call_t& call)
+void subnet::call_listener(subnet_hca& hca, lock_guard& lock, const call_t& call)
 {
-    fabric::listener& listener = *at.told;
-    calling_ = &at;
+    assert(!called_hca_ && hca.listener);
+    fabric::listener& listener = *hca.listener;
+    called_hca_ = &hca;
     lock.unlock();
     call(listener);
     lock.lock();
-    calling_ = nullptr;
+    called_hca_ = nullptr;
 }
 
-bool subnet::tell_next_change(lock_guard& lock)
+bool subnet::report_next_change(lock_guard& lock)
 {
     if (changes_.empty()) return false;
     const pending_change next = changes_.front();
     changes_.pop_front();
-    if (next.at->told)
-        call_listener(*next.at, lock,
-                      [&](fabric::listener& told) { told.port_changed(next.port, next.change, next.sm_lid); });
+    if (next.hca->listener)
+        call_listener(*next.hca, lock,
+                      [&](fabric::listener& listener) { listener.port_changed(next.port, next.change, next.sm_lid); });
     return true;
 }
 
-void subnet::deliver(datagram& arriving, lock_guard& lock)
+void subnet::deliver(datagram& datagram, lock_guard& lock)
 {
-    if (arriving.destination_lid != sm_lid_)
-        deliver_to_port(arriving, lock);
-    else {
-        count_arrival(arriving);
-        if (answer_as_sa(arriving))
-            set_out(arriving, served_tick(exec_.now()));
-        else
-            lose(arriving);
+    if (datagram.destination_lid != sm_lid_) {
+        deliver_to_port(datagram, lock);
+        return;
     }
+    count_arrival(datagram);
+    if (answer_as_sa(datagram))
+        dispatch(datagram, service_end_tick(exec_.now()));
+    else
+        drop(datagram);
 }
 
-void subnet::count_arrival(const datagram& arrived)
+void subnet::count_arrival(const datagram& datagram)
 {
-    effects_.arrived_late += arrived.way.is_late;
-    effects_.arrived_jittered += arrived.way.is_jittered;
-    effects_.arrived_corrupted += arrived.way.is_corrupted;
-    effects_.arrived_twice += arrived.way.is_twin;
-    effects_.overtaken += arrived.way.is_held_back && arrived.way.departure < latest_departure_arrived_;
-    latest_departure_arrived_ = std::max(latest_departure_arrived_, arrived.way.departure);
+    const datagram_faults& marks = datagram.faults;
+    effects_.arrived_late += marks.is_late;
+    effects_.arrived_jittered += marks.is_jittered;
+    effects_.arrived_corrupted += marks.is_corrupted;
+    effects_.arrived_twice += marks.is_twin;
+    effects_.overtaken += marks.is_held_back && datagram.departure < latest_arrived_departure_;
+    latest_arrived_departure_ = std::max(latest_arrived_departure_, datagram.departure);
 }
 
 bool subnet::answer_as_sa(datagram& request)
@@ -171,13 +174,13 @@ bool subnet::answer_as_sa(datagram& request)
     const int p_key_index = matching_p_key(options_.p_keys, request.p_key);
     if (p_key_index < 0 || !serve_as_sa(request.mad)) return false;
 
-    std::swap(request.source_lid, request.destination_lid); // back by the path it came
+    std::swap(request.source_lid, request.destination_lid); // the answer takes the same path
     request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
-    request.from_sa = true;
+    request.is_from_sa = true;
     return true;
 }
 
-// Turns a request into the SA's answer, in place; false: none leaves. The caller holds the lock.
+// Turns a request into the answer of the SA, in place. False: the SA does not answer. The caller holds the lock.
 bool subnet::serve_as_sa(fabric::mad_bytes& mad)
 {
     if (faults.sa_silent) {
@@ -185,17 +188,17 @@ bool subnet::serve_as_sa(fabric::mad_bytes& mad)
         return false;
     }
 
-    bool answered;
+    bool is_answered = false;
     if (use_up(faults.sa_status_count)) {
-        answered = sa_.refuse(mad, faults.sa_status, counts_);
-        effects_.requests_answered_status += answered;
+        is_answered = sa_.refuse(mad, faults.sa_status, counts_);
+        effects_.requests_answered_status += is_answered;
     } else if (faults.sa_busy) {
-        answered = sa_.refuse(mad, MAD_STATUS_BUSY, counts_);
-        effects_.requests_answered_busy += answered;
+        is_answered = sa_.refuse(mad, MAD_STATUS_BUSY, counts_);
+        effects_.requests_answered_busy += is_answered;
     } else {
-        answered = sa_.answer(mad, exec_.now(), counts_);
+        is_answered = sa_.answer(mad, exec_.now(), counts_);
     }
-    if (!answered) return false;
+    if (!is_answered) return false;
     effects_.requests_after_hand_over += sm_lid_ != options_.sm_lid;
     if (use_up(faults.drop_next_answers)) {
         ++effects_.answers_dropped;
@@ -210,88 +213,90 @@ bool subnet::ask_sa(fabric::mad_bytes& mad)
     return serve_as_sa(mad);
 }
 
-void subnet::deliver_to_port(datagram& arriving, lock_guard& lock)
+void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
 {
-    const uint16_t lid = arriving.destination_lid;
+    const uint16_t lid = datagram.destination_lid;
     port_record* port = lid < port_by_lid_.size() ? port_by_lid_[lid] : nullptr;
-    if (!port || !port->is_active() || arriving.destination_qpn != qp1) return lose(arriving);
-    const int p_key_index = matching_p_key(port->p_keys, arriving.p_key);
+    if (!port || !port->is_active() || datagram.destination_qpn != qp1) return drop(datagram);
+    const int p_key_index = matching_p_key(port->p_keys, datagram.p_key);
     if (p_key_index < 0) {
         ++port->bad_p_keys;
-        return lose(arriving);
+        return drop(datagram);
     }
-    if (arriving.q_key != fabric::qp1_q_key) {
+    if (datagram.q_key != fabric::qp1_q_key) {
         ++port->bad_q_keys;
-        return lose(arriving);
+        return drop(datagram);
     }
 
-    // From here on the far end's address: the path is the same both ways.
-    fabric::address far{.lid = lid,
-                        .sl = arriving.sl,
-                        .static_rate = arriving.static_rate,
-                        .p_key_index = static_cast<uint16_t>(p_key_index)};
-    if (tap_ && arriving.from_sa) tap_->crossed(exec_.now(), arriving.source_lid, far, arriving.mad);
-    if (!port->owner->told) return lose(arriving);
-    far.lid = arriving.source_lid;
+    fabric::address destination{.lid = lid,
+                                .sl = datagram.sl,
+                                .static_rate = datagram.static_rate,
+                                .p_key_index = static_cast<uint16_t>(p_key_index)};
+    if (tap_ && datagram.is_from_sa) tap_->crossed(exec_.now(), datagram.source_lid, destination, datagram.mad);
+    if (!port->owner->listener) return drop(datagram);
+    fabric::address source = destination; // the path is the same both ways
+    source.lid = datagram.source_lid;
     ++counts_.arrived;
-    count_arrival(arriving);
+    count_arrival(datagram);
     call_listener(*port->owner, lock,
-                  [&](fabric::listener& told) { told.mad_arrived(port->number, far, arriving.mad); });
-    queue_.put(arriving);
+                  [&](fabric::listener& listener) { listener.mad_arrived(port->number, source, datagram.mad); });
+    queue_.put(datagram);
 }
 
-void subnet::set_out(datagram& leaving, uint64_t now_ticks)
+// Puts a datagram on its way, with the faults that it meets.
+void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
 {
     if (use_up(faults.drop_next)) {
         ++effects_.dropped_next;
-        return lose(leaving);
+        return drop(datagram);
     }
-    if (chance(faults.loss_percent)) {
+    if (draw(faults.loss_percent)) {
         ++effects_.lost_by_chance;
-        return lose(leaving);
+        return drop(datagram);
     }
-    leaving.way = {};
-    if (chance(faults.corrupt_percent)) {
-        leaving.way.is_corrupted = true;
-        leaving.mad[dice_() % leaving.mad.size()] ^= static_cast<uint8_t>(1 + dice_() % UINT8_MAX);
+    datagram.faults = {};
+    if (draw(faults.corrupt_percent)) {
+        datagram.faults.is_corrupted = true;
+        datagram.mad[dice_() % datagram.mad.size()] ^= static_cast<uint8_t>(1 + dice_() % UINT8_MAX);
         ++counts_.corrupted;
     }
-    queue_.post(leaving, due_tick(leaving, now_ticks));
-    if (!chance(faults.duplicate_percent)) return;
-    if (datagram* twin = queue_.take()) {
-        *twin = leaving;
-        twin->way.is_twin = true;
+    queue_.post(datagram, due_tick(datagram, now_ticks));
+    if (!draw(faults.duplicate_percent)) return;
+    if (auto* twin = queue_.take()) {
+        *twin = datagram;
+        twin->faults.is_twin = true;
         queue_.post(*twin, due_tick(*twin, now_ticks));
         ++counts_.duplicated;
     }
 }
 
-void subnet::lose(datagram& lost)
+void subnet::drop(datagram& datagram)
 {
     ++counts_.dropped;
-    queue_.put(lost);
+    queue_.put(datagram);
 }
 
-uint64_t subnet::due_tick(datagram& leaving, uint64_t now_ticks)
+uint64_t subnet::due_tick(datagram& datagram, uint64_t now_ticks)
 {
     const uint64_t latency = faults.latency_ticks, most_jitter = faults.jitter_ticks;
     const uint64_t jitter = most_jitter > 0 ? dice_() % (most_jitter + 1) : 0;
-    leaving.way.departure = ++departures_;
-    leaving.way.is_late = latency > 0;
-    leaving.way.is_jittered = jitter > 0;
-    leaving.way.is_held_back = chance(faults.reorder_percent);
-    return now_ticks + latency + jitter + leaving.way.is_held_back;
+    datagram.departure = ++departure_count_;
+    datagram.faults.is_late = latency > 0;
+    datagram.faults.is_jittered = jitter > 0;
+    datagram.faults.is_held_back = draw(faults.reorder_percent);
+    return now_ticks + latency + jitter + datagram.faults.is_held_back;
 }
 
-// When the SA is through with a request that it takes up behind those it has.
-uint64_t subnet::served_tick(uint64_t now_ticks)
+// When the SA has served a request that arrives now: it first serves those that arrived earlier.
+uint64_t subnet::service_end_tick(uint64_t now_ticks)
 {
     sa_busy_until_tick_ = std::max(sa_busy_until_tick_, now_ticks) + faults.sa_service_ticks;
     effects_.requests_kept_waiting += sa_busy_until_tick_ > now_ticks;
     return sa_busy_until_tick_;
 }
 
-bool subnet::chance(uint32_t percent)
+// True with a probability of `percent`. Draws nothing for 0.
+bool subnet::draw(uint32_t percent)
 {
     return percent > 0 && dice_() % 100 < percent;
 }

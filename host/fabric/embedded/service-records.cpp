@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 #include "records/host-record.h"
@@ -18,9 +19,9 @@ constexpr uint64_t never_expires = UINT64_MAX;
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr uint64_t address_components = uint64_t{0xFFFF} << SR_COMPONENT_SERVICE_DATA8;
 
-// Where each component begins in the record, and where the last one ends: they follow each other without gaps.
+// The offset of each component in the record, and the end of the last one. There are no gaps.
 constexpr auto component_offsets = [] {
-    constexpr int sizes[][2] = { // how many, of how many bytes each
+    constexpr int sizes[][2] = { // a number of components, and the bytes of each
         {1, 8}, {1, 16}, {1, 2}, {1, 2}, {1, 4}, {1, 16}, {1, 64}, {16, 1}, {8, 2}, {4, 4}, {2, 8}};
     std::array<size_t, SR_COMPONENT_COUNT + 1> offsets{};
     size_t component = 0;
@@ -32,10 +33,10 @@ static_assert(component_offsets[SR_COMPONENT_SERVICE_NAME] == offsetof(ib_servic
 static_assert(component_offsets[SR_COMPONENT_SERVICE_DATA16] == offsetof(ib_service_record_v2_t, service_data16));
 static_assert(component_offsets[SR_COMPONENT_COUNT] == sizeof(ib_service_record_v2_t));
 
-// A run of selected components, which is one stretch of the record, and the components selected after it.
+// The bytes of the first run of selected components, and the mask of the components behind it.
 struct stretch {
     size_t offset = 0;
-    size_t size = 0; // 0: nothing is selected any more
+    size_t size = 0; // 0: no component is selected
     uint64_t rest = 0;
 };
 
@@ -61,23 +62,23 @@ uint32_t remaining_lease(uint64_t expires_tick, uint64_t now_ticks)
 
 } // namespace
 
-bool equal_in(uint64_t component_mask, const ib_service_record_v2_t& record, const ib_service_record_v2_t& like)
+bool equal_in(uint64_t component_mask, const ib_service_record_v2_t& record, const ib_service_record_v2_t& pattern)
 {
     const auto* left = reinterpret_cast<const uint8_t*>(&record);
-    const auto* right = reinterpret_cast<const uint8_t*>(&like);
-    for (stretch at = first_stretch(component_mask); at.size > 0; at = first_stretch(at.rest))
-        if (memcmp(left + at.offset, right + at.offset, at.size) != 0) return false;
+    const auto* right = reinterpret_cast<const uint8_t*>(&pattern);
+    for (stretch run = first_stretch(component_mask); run.size > 0; run = first_stretch(run.rest))
+        if (memcmp(left + run.offset, right + run.offset, run.size) != 0) return false;
     return true;
 }
 
 ib_service_record_v2_t components_of(uint64_t component_mask, const ib_service_record_v2_t& record)
 {
-    ib_service_record_v2_t selected{};
-    auto* to = reinterpret_cast<uint8_t*>(&selected);
-    const auto* from = reinterpret_cast<const uint8_t*>(&record);
-    for (stretch at = first_stretch(component_mask); at.size > 0; at = first_stretch(at.rest))
-        memcpy(to + at.offset, from + at.offset, at.size);
-    return selected;
+    ib_service_record_v2_t result{};
+    auto* target = reinterpret_cast<uint8_t*>(&result);
+    const auto* source = reinterpret_cast<const uint8_t*>(&record);
+    for (stretch run = first_stretch(component_mask); run.size > 0; run = first_stretch(run.rest))
+        memcpy(target + run.offset, source + run.offset, run.size);
+    return result;
 }
 
 bool service_records::set(const ib_service_record_v2_t& record, uint64_t now_ticks)
@@ -91,79 +92,82 @@ bool service_records::set(const ib_service_record_v2_t& record, uint64_t now_tic
     const uint32_t lease = from_wire(record.service_lease);
     const uint64_t expires = lease == records::infinite_lease ? never_expires : now_ticks + lease * ticks_per_second;
     next_expiry_tick_ = std::min(next_expiry_tick_, expires);
-    const auto at = records_.emplace(bytes_of(record.service_gid.bytes), entry{record, expires});
-    by_address_.emplace(bytes_of(record.service_data8), at);
+    const auto position = records_.emplace(bytes_of(record.service_gid.bytes), entry{record, expires});
+    by_address_.emplace(bytes_of(record.service_data8), position);
+    assert(by_address_.size() == records_.size());
     return true;
 }
 
-matches service_records::get(uint64_t component_mask, const ib_service_record_v2_t& like, uint64_t now_ticks,
-                             ib_service_record_v2_t& found)
+matches service_records::get(uint64_t component_mask, const ib_service_record_v2_t& pattern, uint64_t now_ticks,
+                             ib_service_record_v2_t& record)
 {
-    const selection selected = select(component_mask, like, now_ticks);
-    if (selected.count == matches::one) found = selected.first->second.record;
-    return selected.count;
+    const selection selection = select(component_mask, pattern, now_ticks);
+    if (selection.count == matches::one) record = selection.first->second.record;
+    return selection.count;
 }
 
-matches service_records::remove(uint64_t component_mask, const ib_service_record_v2_t& like, uint64_t now_ticks,
-                                ib_service_record_v2_t& removed)
+matches service_records::remove(uint64_t component_mask, const ib_service_record_v2_t& pattern, uint64_t now_ticks,
+                                ib_service_record_v2_t& record)
 {
-    const selection selected = select(component_mask, like, now_ticks);
-    if (selected.count == matches::one) {
-        removed = selected.first->second.record;
-        erase(selected.first);
+    const selection selection = select(component_mask, pattern, now_ticks);
+    if (selection.count == matches::one) {
+        record = selection.first->second.record;
+        erase(selection.first);
     }
-    return selected.count;
+    return selection.count;
 }
 
-service_records::selection service_records::select(uint64_t component_mask, const ib_service_record_v2_t& like,
+service_records::selection service_records::select(uint64_t component_mask, const ib_service_record_v2_t& pattern,
                                                    uint64_t now_ticks)
 {
     expire(now_ticks);
-    selection selected;
-    auto selects_more = [&](by_gid_map::iterator at) {
-        entry& candidate = at->second;
+    selection selection;
+    // Adds the record to the selection if it is one of those. False: there are two, and no more need be compared.
+    const auto add = [&](by_gid_map::iterator position) {
+        entry& candidate = position->second;
         if (candidate.expires_tick != never_expires)
             candidate.record.service_lease = to_wire(remaining_lease(candidate.expires_tick, now_ticks));
-        if (!equal_in(component_mask, candidate.record, like)) return true;
-        if (selected.count != matches::none) {
-            selected.count = matches::many;
+        if (!equal_in(component_mask, candidate.record, pattern)) return true;
+        if (selection.count != matches::none) {
+            selection.count = matches::many;
             return false;
         }
-        selected = {matches::one, at};
+        selection = {matches::one, position};
         return true;
     };
 
     if (component_mask & gid_component) {
-        auto [at, end] = records_.equal_range(bytes_of(like.service_gid.bytes));
-        while (at != end && selects_more(at)) ++at;
+        auto [position, end] = records_.equal_range(bytes_of(pattern.service_gid.bytes));
+        while (position != end && add(position)) ++position;
     } else if ((component_mask & address_components) == address_components) {
-        auto [at, end] = by_address_.equal_range(bytes_of(like.service_data8));
-        while (at != end && selects_more(at->second)) ++at;
+        auto [position, end] = by_address_.equal_range(bytes_of(pattern.service_data8));
+        while (position != end && add(position->second)) ++position;
     } else {
-        auto at = records_.begin();
-        while (at != records_.end() && selects_more(at)) ++at;
+        auto position = records_.begin();
+        while (position != records_.end() && add(position)) ++position;
     }
-    return selected;
+    return selection;
 }
 
-service_records::by_gid_map::iterator service_records::erase(by_gid_map::iterator at)
+service_records::by_gid_map::iterator service_records::erase(by_gid_map::iterator position)
 {
-    auto [address, end] = by_address_.equal_range(bytes_of(at->second.record.service_data8));
-    while (address->second != at) ++address;
+    auto [address, end] = by_address_.equal_range(bytes_of(position->second.record.service_data8));
+    while (address != end && address->second != position) ++address;
+    assert(address != end);
     by_address_.erase(address);
-    return records_.erase(at);
+    return records_.erase(position);
 }
 
 void service_records::expire(uint64_t now_ticks)
 {
     if (now_ticks < next_expiry_tick_) return;
     next_expiry_tick_ = UINT64_MAX;
-    for (auto at = records_.begin(); at != records_.end();) {
-        if (at->second.expires_tick <= now_ticks) {
-            at = erase(at);
+    for (auto position = records_.begin(); position != records_.end();) {
+        if (position->second.expires_tick <= now_ticks) {
+            position = erase(position);
         } else {
-            next_expiry_tick_ = std::min(next_expiry_tick_, at->second.expires_tick);
-            ++at;
+            next_expiry_tick_ = std::min(next_expiry_tick_, position->second.expires_tick);
+            ++position;
         }
     }
 }
@@ -171,22 +175,19 @@ void service_records::expire(uint64_t now_ticks)
 size_t service_records::forget(const fabric::gid_bytes& gid, uint64_t now_ticks)
 {
     expire(now_ticks);
-    const size_t before = records_.size();
-    while (true) {
-        const auto at = records_.find(gid);
-        if (at == records_.end()) return before - records_.size();
-        erase(at);
-    }
+    const size_t count = records_.count(gid);
+    for (size_t i = 0; i < count; ++i) erase(records_.find(gid));
+    return count;
 }
 
 size_t service_records::clear(uint64_t now_ticks)
 {
     expire(now_ticks);
-    const size_t cleared = records_.size();
+    const size_t count = records_.size();
     by_address_.clear();
     records_.clear();
     next_expiry_tick_ = UINT64_MAX;
-    return cleared;
+    return count;
 }
 
 std::vector<ib_service_record_v2_t> service_records::all(uint64_t now_ticks)
@@ -194,10 +195,10 @@ std::vector<ib_service_record_v2_t> service_records::all(uint64_t now_ticks)
     expire(now_ticks);
     std::vector<ib_service_record_v2_t> list;
     list.reserve(records_.size());
-    for (const auto& [gid, held] : records_) {
-        list.push_back(held.record);
-        if (held.expires_tick != never_expires)
-            list.back().service_lease = to_wire(remaining_lease(held.expires_tick, now_ticks));
+    for (const auto& [gid, entry] : records_) {
+        list.push_back(entry.record);
+        if (entry.expires_tick != never_expires)
+            list.back().service_lease = to_wire(remaining_lease(entry.expires_tick, now_ticks));
     }
     std::sort(list.begin(), list.end(), [](const ib_service_record_v2_t& a, const ib_service_record_v2_t& b) {
         if (const int order = memcmp(&a.service_gid, &b.service_gid, sizeof a.service_gid)) return order < 0;

@@ -29,13 +29,13 @@ uint16_t status_word(matches count)
     }
 }
 
-// What the SA answers at all: requests of its own class.
+// The SA answers only requests of its own class.
 bool is_request(const sa_mad_v2_t& mad)
 {
     return mad.hdr.mgt_class == MAD_CLASS_SUBN_ADM && !mad.hdr.m.r;
 }
 
-void count(const mad_hdr_t& header, traffic_counts& counts)
+void count(const mad_hdr_t& header, subnet_counts& counts)
 {
     switch (header.m.method) {
     case MAD_METHOD_GET:
@@ -53,7 +53,7 @@ void count(const mad_hdr_t& header, traffic_counts& counts)
     }
 }
 
-// Everything that is not said here stays as it was asked: transaction, attribute, mask and payload.
+// Transaction, attribute, mask and payload stay those of the request.
 void make_response(sa_mad_v2_t& mad, uint16_t status)
 {
     // A Set is answered with SubnAdmGetResp, any other method with its own response (IBA 15.2.2).
@@ -70,7 +70,7 @@ subnet_administrator::subnet_administrator(size_t record_limit,
 {
 }
 
-bool subnet_administrator::answer(fabric::mad_bytes& bytes, uint64_t now_ticks, traffic_counts& counts)
+bool subnet_administrator::answer(fabric::mad_bytes& bytes, uint64_t now_ticks, subnet_counts& counts)
 {
     auto mad = std::bit_cast<sa_mad_v2_t>(bytes);
     if (!is_request(mad)) return false;
@@ -85,7 +85,7 @@ bool subnet_administrator::answer(fabric::mad_bytes& bytes, uint64_t now_ticks, 
     return true;
 }
 
-bool subnet_administrator::refuse(fabric::mad_bytes& bytes, uint16_t status, traffic_counts& counts)
+bool subnet_administrator::refuse(fabric::mad_bytes& bytes, uint16_t status, subnet_counts& counts)
 {
     auto mad = std::bit_cast<sa_mad_v2_t>(bytes);
     if (!is_request(mad)) return false;
@@ -120,24 +120,24 @@ uint16_t subnet_administrator::serve(const mad_hdr_t& header, uint64_t component
 
 uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // A record without an ID or a GID of its own could not be found again.
-    constexpr uint64_t needed = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
-    if ((component_mask & needed) != needed) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
+    // A record without an ID and a GID could not be found again.
+    constexpr uint64_t required = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
+    if ((component_mask & required) != required) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
     if (!is_known_gid_(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
 
-    ib_service_record_v2_t stored = components_of(component_mask, record);
+    ib_service_record_v2_t result = components_of(component_mask, record);
     if (!(component_mask & component(SR_COMPONENT_SERVICE_LEASE)))
-        stored.service_lease = to_wire(records::infinite_lease);
-    if (from_wire(stored.service_lease) == 0) return status_word(SA_STATUS_REQ_INVALID); // it would be gone already
-    if (!records.set(stored, now_ticks)) return status_word(SA_STATUS_NO_RESOURCES);
-    record = stored;
+        result.service_lease = to_wire(records::infinite_lease);
+    if (from_wire(result.service_lease) == 0) return status_word(SA_STATUS_REQ_INVALID); // it would expire at once
+    if (!records.set(result, now_ticks)) return status_word(SA_STATUS_NO_RESOURCES);
+    record = result;
     return 0;
 }
 
 uint16_t subnet_administrator::remove(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // Deleting is of one record (IBA 15.4): a request that selects by nothing is refused, and so is one that selects
-    // several. Nothing is deleted then.
+    // A request deletes one record (IBA 15.4). One that selects by no component or selects several records is refused,
+    // and nothing is deleted.
     if ((component_mask & defined_components) == 0) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
     return status_word(records.remove(component_mask, record, now_ticks, record));
 }

@@ -1,4 +1,4 @@
-// An HCA of the embedded subnet: its ports, and the doors of the fabric boundary that lead into the subnet.
+// An HCA of the embedded subnet. It holds its ports, and hands every call to the subnet.
 #pragma once
 
 #include <vector>
@@ -8,7 +8,7 @@
 namespace embedded
 {
 
-// Guarded by the subnet, except what never changes.
+// The subnet guards all members that are not const.
 struct port_record {
     subnet_hca* const owner;
     const int number;
@@ -16,7 +16,7 @@ struct port_record {
     const fabric::gid_bytes gid;
     const std::vector<uint16_t> p_keys;
 
-    // What the port has learned from the subnet manager; zero before its link first came up.
+    // Assigned by the subnet manager; zero before the first link-up.
     uint16_t lid = 0;
     uint16_t sm_lid = 0;
     uint8_t sm_sl = 0;
@@ -31,8 +31,8 @@ struct port_record {
 class subnet_hca final : public fabric::hca
 {
   public:
-    subnet_hca(subnet& plugged_into, std::string host_name, std::string hca_name, int port_count)
-        : host(std::move(host_name)), net_(plugged_into), name_(std::move(hca_name))
+    subnet_hca(subnet& net, std::string host_name, std::string hca_name, int port_count)
+        : host(std::move(host_name)), net_(net), name_(std::move(hca_name))
     {
         ports.reserve(static_cast<size_t>(port_count));
     }
@@ -44,11 +44,11 @@ class subnet_hca final : public fabric::hca
     {
         return net_.send(*this, port, destination, mad);
     }
-    void listen(fabric::listener* to) override { net_.set_listener(*this, to); }
+    void listen(fabric::listener* listener) override { net_.set_listener(*this, listener); }
 
     const std::string host;
-    std::vector<port_record> ports;   // complete, and in place for good, before the HCA is handed out
-    fabric::listener* told = nullptr; // guarded by the subnet
+    std::vector<port_record> ports;       // none is added or moved once add_hca() has returned
+    fabric::listener* listener = nullptr; // guarded by the subnet
 
   private:
     subnet& net_;

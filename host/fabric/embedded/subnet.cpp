@@ -14,9 +14,9 @@ namespace
 
 constexpr uint16_t last_unicast_lid = 0xBFFF; // IBA 4.1.3
 constexpr int last_port = 254;                // IBA 14.2.5.3: port numbers are bytes, and 255 is none
-constexpr size_t names_told = 8;              // of those that an error lists
+constexpr size_t listed_names_limit = 8;      // in an error
 
-// A locally administered EUI-64 that tells which HCA of the subnet and which of its ports it is.
+// A locally administered EUI-64 that holds the number of the HCA in the subnet, and that of its port.
 uint64_t assigned_guid(size_t hca_number, int port)
 {
     return 0x0200000000000000 | static_cast<uint64_t>(hca_number) << 16 | static_cast<uint64_t>(port);
@@ -27,23 +27,24 @@ bool is_unicast(uint16_t lid)
     return lid >= 1 && lid <= last_unicast_lid;
 }
 
-// As errors name an HCA.
+// The HCA as errors name it.
 std::string title(const std::string& host, const hca_description& description)
 {
     return description.name + " of " + host;
 }
 
-// "node1, node2, node3"; of many, the first ones.
+// "node1, node2, node3"; of many names, the first ones and the number of the rest.
 class name_list
 {
   public:
     void add(const std::string& name)
     {
-        if (++count_ <= names_told) text_ += (count_ == 1 ? "" : ", ") + name;
+        if (++count_ <= listed_names_limit) text_ += (count_ == 1 ? "" : ", ") + name;
     }
     std::string text() const
     {
-        return count_ <= names_told ? text_ : text_ + " and " + std::to_string(count_ - names_told) + " more";
+        return count_ <= listed_names_limit ? text_
+                                            : text_ + " and " + std::to_string(count_ - listed_names_limit) + " more";
     }
 
   private:
@@ -65,14 +66,14 @@ subnet::subnet(exec::executor& exec, subnet_options options)
       queue_(options_.queue_capacity), dice_(options_.fault_seed)
 {
     assert(is_unicast(sm_lid_));
-    fabric_task_ = &exec_.start(nullptr, "fabric", [this] { carry(); });
+    fabric_task_ = &exec_.start(nullptr, "fabric", [this] { run_fabric(); });
 }
 
 subnet::~subnet()
 {
     {
         lock_guard lock(mutex_);
-        stopping_ = true;
+        is_stopping_ = true;
     }
     exec_.wake(*fabric_task_);
     exec_.join(*fabric_task_);
@@ -96,7 +97,7 @@ ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_des
     return hcas_.back().get();
 }
 
-// What can be said of the description without the port GUIDs that the subnet assigns.
+// Checks all of the description but the GUIDs, some of which the subnet assigns.
 ats::result<> subnet::check(const std::string& host, const hca_description& description) const
 {
     using enum ats::error_kind;
@@ -236,14 +237,14 @@ std::vector<ib_service_record_v2_t> subnet::save_records() const
     return sa_.records.all(exec_.now());
 }
 
-void subnet::restore_records(const std::vector<ib_service_record_v2_t>& saved)
+void subnet::restore_records(const std::vector<ib_service_record_v2_t>& records)
 {
     lock_guard lock(mutex_);
     sa_.records.clear(exec_.now());
-    for (const ib_service_record_v2_t& record : saved) sa_.records.set(record, exec_.now());
+    for (const ib_service_record_v2_t& record : records) sa_.records.set(record, exec_.now());
 }
 
-traffic_counts subnet::counts() const
+subnet_counts subnet::counts() const
 {
     lock_guard lock(mutex_);
     return counts_;
@@ -255,20 +256,19 @@ fault_effects subnet::effects() const
     return effects_;
 }
 
-void subnet::set_tap(fabric::tap* to)
+void subnet::set_tap(fabric::tap* tap)
 {
     lock_guard lock(mutex_);
-    tap_ = to;
+    tap_ = tap;
 }
 
 std::vector<port_view> subnet::ports() const
 {
     lock_guard lock(mutex_);
     std::vector<port_view> list;
-    for (const auto& each : hcas_)
-        for (const port_record& port : each->ports)
-            list.push_back(
-                {each->host, each->name(), port.number, port.state, port.lid, port.sm_lid, text_of(port.gid)});
+    for (const auto& hca : hcas_)
+        for (const port_record& port : hca->ports)
+            list.push_back({hca->host, hca->name(), port.number, port.state, port.lid, port.sm_lid, text_of(port.gid)});
     return list;
 }
 

@@ -1,7 +1,6 @@
-// A whole InfiniBand subnet in memory: hosts' HCAs, links, the addresses that a subnet manager assigns, and a Subnet
-// Administrator. One task of the world, "fabric", carries datagrams and tells listeners, one thing after another in
-// the order in which they are due; nothing is delivered inside a send. What has been set up decides everything: the
-// same calls give the same LIDs and GUIDs.
+// A whole InfiniBand subnet in memory: the HCAs of hosts, their links, the addresses that a subnet manager assigns, and
+// a Subnet Administrator. One task, "fabric", delivers datagrams and calls listeners, one at a time, in the order in
+// which they are due. A send delivers nothing itself. The same calls always give the same LIDs and GUIDs.
 #pragma once
 
 #include <cstdint>
@@ -27,11 +26,11 @@ namespace embedded
 
 struct subnet_options {
     uint64_t gid_prefix = 0xFE80000000000000; // of every GID, IBA 4.1.1
-    uint16_t sm_lid = 1;                      // the SA's too
+    uint16_t sm_lid = 1;                      // a unicast LID; the SA has the same
     uint8_t sm_sl = 0;
-    std::vector<uint16_t> p_keys = {0xFFFF}; // of the SA's port, and of every port that names none of its own
+    std::vector<uint16_t> p_keys = {0xFFFF}; // of the SA's port, and of the ports of HCAs without P_Keys of their own
     uint8_t mtu = 4;                         // PortInfo encoding
-    size_t queue_capacity = 4096;            // datagrams under way; more are not accepted
+    size_t queue_capacity = 4096;            // datagrams in transit; a send beyond that is not accepted
     size_t service_record_limit = 65536;
     uint64_t fault_seed = 1;
 };
@@ -39,20 +38,22 @@ struct subnet_options {
 struct hca_description {
     std::string name = "mthca0";
     int ports = 1;
-    std::vector<uint64_t> port_guids = {}; // of the first ports; the others get one
-    std::vector<uint16_t> p_keys = {};     // of every port; none: the subnet's
+    std::vector<uint64_t> port_guids = {}; // of the first ports; the subnet assigns the others
+    std::vector<uint16_t> p_keys = {};     // of every port; empty: those of the subnet
 };
 
 class subnet_hca;
 struct port_record;
 
-// Every call may come from any thread.
+// Every call may come from any thread. Calls take the subnet's lock, and none sleeps but the destructor.
 class subnet
 {
   public:
+    // Starts the fabric task. `exec` must outlive the subnet.
     explicit subnet(exec::executor& exec, subnet_options options = {});
 
-    // No HCA may be in use any more. What is under way is lost. Called by a task, or from outside.
+    // Ends the fabric task and drops the datagrams in transit. No HCA may be in use any more. Called by a task, or from
+    // outside.
     ~subnet();
     subnet(const subnet&) = delete;
     subnet& operator=(const subnet&) = delete;
@@ -78,29 +79,30 @@ class subnet
     // forget_all). Fails on the LID of a port and on a LID that is not unicast.
     [[nodiscard]] ats::result<> set_sm(uint16_t lid, uint8_t sl);
 
-    // Amnesia: the SA loses a GID's records, or all. Returns how many.
+    // Makes the SA lose the records of a GID, or all records. Returns their number.
     size_t forget(const fabric::gid_bytes& gid);
     size_t forget_all();
 
-    // What the SA holds, to be kept; and an SA that comes back with that, whatever has been set and deleted since.
+    // Returns the records of the SA; and replaces its records by such a copy, as an SA does that restarts from a
+    // backup.
     std::vector<ib_service_record_v2_t> save_records() const;
-    void restore_records(const std::vector<ib_service_record_v2_t>& saved);
+    void restore_records(const std::vector<ib_service_record_v2_t>& records);
 
-    // Asks the SA from its own node, where no wire loses anything: answers `mad` in place. The SA's own faults hold.
-    // False: it does not answer.
+    // Sends a request to the SA from its own node, and writes the answer over it. Faults of the wire do not apply,
+    // those of the SA do. False: the SA does not answer.
     bool ask_sa(fabric::mad_bytes& mad);
 
     fault_switches faults;
-    traffic_counts counts() const;
+    subnet_counts counts() const;
     fault_effects effects() const; // of `faults`, so far
 
-    // Who sees every datagram once, as it crosses between a host and the fabric; null: nobody. It is called with the
-    // fabric's lock held. When this returns, the one before is not called any more.
-    void set_tap(fabric::tap* to);
+    // Sets the tap, or none (null). It is called once for every datagram that crosses between a host and the fabric,
+    // with the lock of the fabric held. The subnet does not own it. When this returns, the previous tap is not called
+    // any more.
+    void set_tap(fabric::tap* tap);
 
-    // In the order of add_hca, and by GID.
-    std::vector<port_view> ports() const;
-    std::vector<service_record_view> service_records() const;
+    std::vector<port_view> ports() const;                     // in the order of add_hca
+    std::vector<service_record_view> service_records() const; // ordered by GID
 
   private:
     friend class subnet_hca;
@@ -115,30 +117,30 @@ class subnet
     void wake_fabric(lock_guard& lock);
 
     // Called by the HCAs.
-    bool send(subnet_hca& from, int port, const fabric::address& destination, const fabric::mad_bytes& mad);
-    void set_listener(subnet_hca& of, fabric::listener* to);
+    bool send(subnet_hca& hca, int port, const fabric::address& destination, const fabric::mad_bytes& mad);
+    void set_listener(subnet_hca& hca, fabric::listener* listener);
 
-    // The fabric task. `lock` is held on entry and return; each lets go of it only to call a listener.
-    void carry();
-    bool tell_next_change(lock_guard& lock);
+    // The fabric task. The lock is held on entry and on return. It is released only while a listener runs.
+    void run_fabric();
+    bool report_next_change(lock_guard& lock);
     template <class call_t>
-    void call_listener(subnet_hca& at, lock_guard& lock, const call_t& call);
-    void deliver(datagram& arriving, lock_guard& lock);
+    void call_listener(subnet_hca& hca, lock_guard& lock, const call_t& call);
+    void deliver(datagram& datagram, lock_guard& lock);
     bool answer_as_sa(datagram& request);
     bool serve_as_sa(fabric::mad_bytes& mad);
-    void deliver_to_port(datagram& arriving, lock_guard& lock);
-    void set_out(datagram& leaving, uint64_t now_ticks);
-    void lose(datagram& lost);
-    uint64_t due_tick(datagram& leaving, uint64_t now_ticks);
-    void count_arrival(const datagram& arrived);
-    bool is_refused();
-    uint64_t served_tick(uint64_t now_ticks);
-    bool chance(uint32_t percent);
+    void deliver_to_port(datagram& datagram, lock_guard& lock);
+    void dispatch(datagram& datagram, uint64_t now_ticks);
+    void drop(datagram& datagram);
+    uint64_t due_tick(datagram& datagram, uint64_t now_ticks);
+    void count_arrival(const datagram& datagram);
+    bool is_send_refused();
+    uint64_t service_end_tick(uint64_t now_ticks);
+    bool draw(uint32_t percent);
 
     exec::executor& exec_;
     const subnet_options options_;
 
-    mutable std::mutex mutex_; // all below
+    mutable std::mutex mutex_; // guards all below
     std::vector<std::unique_ptr<subnet_hca>> hcas_;
     std::map<std::string, std::vector<subnet_hca*>> hosts_;
     std::vector<port_record*> port_by_lid_;
@@ -147,25 +149,25 @@ class subnet
     uint8_t sm_sl_;
     uint16_t next_lid_ = 2;
     mutable subnet_administrator sa_; // listing the records expires them
-    traffic_counts counts_;
+    subnet_counts counts_;
     fault_effects effects_;
-    uint64_t departures_ = 0;
-    uint64_t latest_departure_arrived_ = 0;
+    uint64_t departure_count_ = 0;
+    uint64_t latest_arrived_departure_ = 0;
     fabric::tap* tap_ = nullptr;
 
     struct pending_change {
-        subnet_hca* at;
+        subnet_hca* hca;
         int port;
         fabric::port_change change;
         uint16_t sm_lid;
     };
-    std::deque<pending_change> changes_; // told before any datagram is delivered
+    std::deque<pending_change> changes_; // reported before any datagram is delivered
     delivery_queue queue_;
     uint64_t sa_busy_until_tick_ = 0;
     std::mt19937_64 dice_;
-    subnet_hca* calling_ = nullptr; // whose listener is running
-    bool asleep_ = false;           // the fabric task has parked, and nobody has woken it since
-    bool stopping_ = false;
+    subnet_hca* called_hca_ = nullptr; // its listener is running
+    bool is_asleep_ = false;           // the fabric task has parked, and nobody has woken it since
+    bool is_stopping_ = false;
     exec::task* fabric_task_ = nullptr;
 };
 
