@@ -108,7 +108,7 @@ int scale(int hosts)
     std::vector<exec::task*> askers;
     for (const auto& host : world.hosts)
         askers.push_back(&host->machine().start("asker", [&] {
-            world::resolve_address(host->machine(), *world::parse_ipv4("10.0.0.1"), world::ask::sa_only);
+            world::resolve_address(host->machine(), *world::parse_ipv4("10.0.0.1"), world::lookup_mode::sa_only);
         }));
     world.sim->run_for(120 * second);
     world.subnet.faults.sa_silent = false;
@@ -140,7 +140,7 @@ int lookups(int count)
     const auto begun = std::chrono::steady_clock::now();
     for (int i = 0; i < count; ++i) {
         const world::resolution answer =
-            world::resolve_address(host.machine(), *world::parse_ipv4("10.0.0.1"), world::ask::sa_only);
+            world::resolve_address(host.machine(), *world::parse_ipv4("10.0.0.1"), world::lookup_mode::sa_only);
         if (answer.status == ibat_stat_ok) took.push_back(answer.took_nanoseconds);
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
@@ -182,7 +182,7 @@ int repeat(const std::string& step, int count)
         } else if (step == "send") { // a control command that sends one request, which nobody answers
             host.enter("writer", [&] { host.proc.write(console::control_file, "delete_ip 10.0.0.1"); });
             world.sim->settle();
-        } else if (world::resolve_address(host, other, world::ask::sa_only).status != ibat_stat_ok) {
+        } else if (world::resolve_address(host, other, world::lookup_mode::sa_only).status != ibat_stat_ok) {
             return std::fprintf(stderr, "lookup %d failed\n", i), 1;
         }
     }

@@ -78,9 +78,9 @@ ats::result<> wait_ready(kernel::machine& host, uint32_t first)
     constexpr int tries = 20;
     std::string reason;
     for (int i = 0; i < tries; ++i) {
-        const world::resolution resolution = world::resolve_address(host, first, world::ask::sa_only);
+        const world::resolution resolution = world::resolve_address(host, first, world::lookup_mode::sa_only);
         if (resolution.status == ibat_stat_ok) return {};
-        reason = resolution.why;
+        reason = resolution.reason;
         host.enter("bench", [] { schedule_timeout_uninterruptible(100); });
     }
     return ats::fail(reason);

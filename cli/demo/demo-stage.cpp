@@ -97,7 +97,7 @@ void stage::say(const std::string& fact) const
 
 void stage::say(const std::string& question, const world::resolution& answer) const
 {
-    std::string text = answer.why;
+    std::string text = answer.reason;
     if (answer.status == ibat_stat_ok) {
         const std::string address = world::format_ipv4(answer.ip);
         const bool is_about_address = question.ends_with(address);

@@ -152,8 +152,8 @@ ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration&
 {
     const records::host_record record = records::decode(registration.record);
     const std::string address = world::format_ipv4(record.address);
-    const world::resolution owner = resolve_address(machine, record.address, world::ask::sa_only);
-    if (owner.status == ibat_stat_not_found) return ats::fail(owner.why + " of " + address);
+    const world::resolution owner = resolve_address(machine, record.address, world::lookup_mode::sa_only);
+    if (owner.status == ibat_stat_not_found) return ats::fail(owner.reason + " of " + address);
     if (owner.status == ibat_stat_ok && owner.gid != record.gid)
         return ats::fail("the SA names another owner of " + address + ": " + world::format_gid(owner.gid));
     return {};

@@ -18,10 +18,10 @@ namespace
 {
 
 using ats::error_kind;
-using world::ask;
+using world::lookup_mode;
 using world::resolution;
 
-const char* status_text(const resolution& resolution, ask mode)
+const char* status_text(const resolution& resolution, lookup_mode mode)
 {
     switch (resolution.status) {
     case ibat_stat_ok:
@@ -31,7 +31,7 @@ const char* status_text(const resolution& resolution, ask mode)
     case ibat_stat_not_found:
         return "not found";
     default:
-        return mode == ask::cache_only ? "not cached" : "failed";
+        return mode == lookup_mode::cache_only ? "not cached" : "failed";
     }
 }
 
@@ -47,7 +47,7 @@ json source_of(const resolution& resolution)
     return resolution.from_cache ? "cache" : "SA";
 }
 
-json answer_of(const resolution& resolution, ask mode)
+json answer_of(const resolution& resolution, lookup_mode mode)
 {
     json answer = {{"status", status_text(resolution, mode)},
                    {"source", source_of(resolution)},
@@ -56,7 +56,7 @@ json answer_of(const resolution& resolution, ask mode)
         answer["address"] = world::format_ipv4(resolution.ip);
         answer["gid"] = world::format_gid(resolution.gid);
     } else {
-        answer["reason"] = resolution.why;
+        answer["reason"] = resolution.reason;
     }
     return answer;
 }
@@ -78,14 +78,14 @@ void compare(const resolution& cache_answer, const resolution& sa_answer, const 
 {
     if (!is_answer(sa_answer)) {
         answer["verified"] = nullptr;
-        answer["unverified_reason"] = sa_answer.why;
+        answer["unverified_reason"] = sa_answer.reason;
         return;
     }
     const bool is_verified = agree(cache_answer, sa_answer);
     answer["verified"] = is_verified;
     if (is_verified) return;
     const json cached_value = answer.value(key, json());
-    answer = answer_of(sa_answer, ask::sa_only);
+    answer = answer_of(sa_answer, lookup_mode::sa_only);
     answer.update({{"verified", false}, {"source", "SA"}, {"cached", cached_value}, {"corrected", is_corrected}});
 }
 
@@ -93,19 +93,19 @@ void compare(const resolution& cache_answer, const resolution& sa_answer, const 
 // address; if it disagrees, the cache drops the GID, and then UCM asks the SA.
 resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answer)
 {
-    resolution by_address = resolve_address(machine, cache_answer.ip, ask::sa_only);
+    resolution by_address = resolve_address(machine, cache_answer.ip, lookup_mode::sa_only);
     if (!is_answer(by_address) || agree(cache_answer, by_address)) return by_address;
-    const resolution by_gid = resolve_gid(machine, cache_answer.gid, ask::usual);
+    const resolution by_gid = resolve_gid(machine, cache_answer.gid, lookup_mode::usual);
     if (!by_gid.from_cache) return by_gid;
     if (by_address.status == ibat_stat_ok)
-        by_address.why = "the SA names another GID for " + world::format_ipv4(cache_answer.ip);
+        by_address.reason = "the SA names another GID for " + world::format_ipv4(cache_answer.ip);
     by_address.status = ibat_stat_not_found;
     return by_address;
 }
 
-ask mode_of(const json& request)
+lookup_mode mode_of(const json& request)
 {
-    return request.value("cached", false) ? ask::cache_only : ask::usual;
+    return request.value("cached", false) ? lookup_mode::cache_only : lookup_mode::usual;
 }
 
 } // namespace
@@ -118,12 +118,12 @@ ats::result<json> answer_resolve(running_hosts& hosts, const json& request)
     const ats::result<uint32_t> ip = console::address_of(request.at("address"));
     if (!ip) return ats::pass_on(ip);
     kernel::machine& machine = (*host)->machine();
-    const ask mode = mode_of(request);
+    const lookup_mode mode = mode_of(request);
     const resolution resolution = resolve_address(machine, *ip, mode);
     json answer = answer_of(resolution, mode);
     if (must_verify(request, answer)) {
-        const auto sa_answer = resolve_address(machine, *ip, ask::sa_only);
-        const bool is_corrected = !agree(resolution, resolve_address(machine, *ip, ask::cache_only));
+        const auto sa_answer = resolve_address(machine, *ip, lookup_mode::sa_only);
+        const bool is_corrected = !agree(resolution, resolve_address(machine, *ip, lookup_mode::cache_only));
         compare(resolution, sa_answer, "gid", is_corrected, answer);
     }
     if (answer["status"] == "ok") answer["found"] = answer["gid"];
@@ -137,12 +137,12 @@ ats::result<json> answer_reverse(running_hosts& hosts, const json& request)
     const ats::result<kq_gid_t> gid = console::gid_of(request.at("gid"));
     if (!gid) return ats::pass_on(gid);
     kernel::machine& machine = (*host)->machine();
-    const ask mode = mode_of(request);
+    const lookup_mode mode = mode_of(request);
     const resolution resolution = resolve_gid(machine, *gid, mode);
     json answer = answer_of(resolution, mode);
     if (must_verify(request, answer)) {
         const auto sa_answer = ask_sa_for_gid(machine, resolution);
-        const bool is_corrected = !agree(resolution, resolve_gid(machine, *gid, ask::cache_only));
+        const bool is_corrected = !agree(resolution, resolve_gid(machine, *gid, lookup_mode::cache_only));
         compare(resolution, sa_answer, "address", is_corrected, answer);
     }
     if (answer["status"] == "ok") answer["found"] = answer["address"];

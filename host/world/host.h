@@ -1,4 +1,4 @@
-// One host of a world: a machine with its HCAs plugged, its registry filled and its modules loaded.
+// A host: a machine with its HCAs, its registry values and its modules. It runs any modules; the plan names them.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ struct hca_plan {
     int ports = 1;
 };
 
-// A module to load: the image's name in the module folder, and its parameters as insmod takes them.
+// A module to load: its file name in the module folder without ".so", and its parameters as insmod takes them.
 struct module_plan {
     std::string name;
     std::string parameters;
@@ -45,18 +45,18 @@ class host
     host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
 
-    // Unloads what is loaded.
+    // Unloads all modules. Prints the error on stderr when one refuses.
     ~host();
 
     kernel::machine& machine() { return *machine_; }
     const std::string& name() const { return plan_.name; }
     const host_plan& plan() const { return plan_; }
 
-    // Loads the planned modules in order; stops at the first that fails. What was loaded before it stays. Throws a
-    // shortage when there is no room for an image.
+    // Loads the planned modules in order and stops at the first error; the modules before it stay loaded. Called from
+    // outside, or from a task that may sleep. Throws a shortage when there is no room for an image.
     ats::result<> load();
 
-    // Unloads every loaded module, the latest first; stops at the first refusal.
+    // Unloads every loaded module, the latest first, and stops at the first that refuses.
     ats::result<> unload();
 
   private:

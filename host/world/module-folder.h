@@ -6,8 +6,9 @@
 namespace world
 {
 
-// $ATS_MODULE_DIR, or else a folder found from the program's own place: ../modules in a build tree, or that of the
-// installation. Where neither is, the former, so that an error about it names a folder.
+// $ATS_MODULE_DIR, or else the folder of the modules seen from that of the program: the installed one if it exists,
+// else
+// ../modules, as in a build tree. Never empty; whether it exists is not checked. Any thread may call it.
 std::string default_module_folder();
 
 } // namespace world

@@ -13,7 +13,7 @@ namespace
 struct character {
     size_t bytes = 1;
     uint32_t code = 0;
-    bool is_valid = false; // false: one byte that begins no UTF-8 character
+    bool is_valid = false; // false: one byte that does not begin a UTF-8 character
 };
 
 bool continues(char byte)
@@ -21,7 +21,7 @@ bool continues(char byte)
     return (static_cast<uint8_t>(byte) & 0xC0) == 0x80;
 }
 
-// The first character of a text that is not empty (RFC 3629: the shortest form only, no surrogates).
+// The first character of a text that is not empty. RFC 3629 allows only the shortest form, and no surrogates.
 character first_of(std::string_view text)
 {
     constexpr struct {
@@ -43,15 +43,15 @@ character first_of(std::string_view text)
 }
 
 // Control characters, line and paragraph separators, and marks of the writing direction.
-bool is_obeyed(uint32_t code)
+bool is_control(uint32_t code)
 {
     constexpr struct {
         uint32_t first, last;
-    } obeyed[] = {{0x00, 0x1F}, {0x7F, 0x9F}, {0x61C, 0x61C}, {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
-    return std::ranges::any_of(obeyed, [&](const auto& range) { return code >= range.first && code <= range.last; });
+    } ranges[] = {{0x00, 0x1F}, {0x7F, 0x9F}, {0x61C, 0x61C}, {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
+    return std::ranges::any_of(ranges, [&](const auto& range) { return code >= range.first && code <= range.last; });
 }
 
-// The text with each character as `show` writes it, given the character and its bytes.
+// Replaces each character by the result of `show(character, bytes)`.
 template <class show_t>
 std::string rewritten(std::string_view text, const show_t& show)
 {
@@ -88,7 +88,7 @@ bool is_printable(std::string_view text)
 std::string printable(std::string_view text)
 {
     return rewritten(text, [](const character& each, std::string_view bytes) {
-        return each.is_valid && !is_obeyed(each.code) ? std::string(bytes) : escaped(bytes);
+        return each.is_valid && !is_control(each.code) ? std::string(bytes) : escaped(bytes);
     });
 }
 
@@ -102,14 +102,14 @@ std::string printable_lines(std::string_view text)
 std::string printable_json(std::string_view document)
 {
     return rewritten(document, [](const character& each, std::string_view bytes) {
-        return each.code != '\n' && is_obeyed(each.code) ? formatted("\\u%04x", each.code) : std::string(bytes);
+        return each.code != '\n' && is_control(each.code) ? formatted("\\u%04x", each.code) : std::string(bytes);
     });
 }
 
-std::string cut_to_bytes(std::string_view text, size_t most)
+std::string cut_to_bytes(std::string_view text, size_t limit)
 {
-    if (text.size() <= most) return std::string(text);
-    size_t end = most;
+    if (text.size() <= limit) return std::string(text);
+    size_t end = limit;
     while (end > 0 && continues(text[end])) --end;
     return std::string(text.substr(0, end));
 }
@@ -119,11 +119,11 @@ size_t columns_of(std::string_view text)
     return static_cast<size_t>(std::ranges::count_if(text, [](char byte) { return !continues(byte); }));
 }
 
-std::string cut_to_columns(std::string_view text, size_t most)
+std::string cut_to_columns(std::string_view text, size_t limit)
 {
     size_t end = 0;
     for (size_t columns = 0; end < text.size(); ++end)
-        if (!continues(text[end]) && ++columns > most) break;
+        if (!continues(text[end]) && ++columns > limit) break;
     return std::string(text.substr(0, end));
 }
 

@@ -1,5 +1,5 @@
-// Text from elsewhere, made fit to be shown. A record of the SA, a line of a log or a configuration file may hold any
-// bytes; a terminal obeys some of them.
+// Makes untrusted text safe to print. A record of the SA, a log line or a configuration file can hold any bytes, and a
+// terminal executes some of them. All functions are pure and may be called in any context.
 #pragma once
 
 #include <string>
@@ -8,24 +8,24 @@
 namespace world
 {
 
-// Valid UTF-8 without characters that a terminal obeys: control characters, and those that turn the writing direction.
+// True for valid UTF-8 without control characters and without marks that change the writing direction.
 bool is_printable(std::string_view text);
 
-// The text with every byte of such a character, and every byte that is no UTF-8, written as \xNN. All else stays.
+// Writes each byte of such a character, and each byte that is not valid UTF-8, as \xNN.
 std::string printable(std::string_view text);
 
-// The same for text of several lines: line ends and tabs stay.
+// The same for text of several lines: keeps line ends and tabs.
 std::string printable_lines(std::string_view text);
 
-// The same JSON document without characters that a terminal obeys: inside texts they are written as \uNNNN. Line ends
-// outside texts stay. `document` is valid JSON.
+// Writes such characters of a JSON document as \uNNNN, and keeps its line ends. `document` must be valid JSON, where
+// they only occur inside strings.
 std::string printable_json(std::string_view document);
 
-// The longest beginning of the text that has at most `most` bytes and cuts no character.
-std::string cut_to_bytes(std::string_view text, size_t most);
+// Cuts the text to at most `limit` bytes, between two characters.
+std::string cut_to_bytes(std::string_view text, size_t limit);
 
-// How many columns the text takes, one for each character; and its beginning that takes at most so many.
+// The width of the text, one column for each character; and the text cut to at most `limit` columns.
 size_t columns_of(std::string_view text);
-std::string cut_to_columns(std::string_view text, size_t most);
+std::string cut_to_columns(std::string_view text, size_t limit);
 
 } // namespace world

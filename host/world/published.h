@@ -1,4 +1,4 @@
-// A function that a module of a machine published by inter-module name.
+// Access to a function that a module of a machine published by an inter-module name.
 #pragma once
 
 #include "host/kernel/machine.h"
@@ -6,15 +6,16 @@
 namespace world
 {
 
-// Holds the reference that keeps the module loaded as long as it lives. False when nobody published the name. The
-// caller runs inside the machine when it calls the function, unless that works in any context.
+// Holds a reference to the publishing module while it exists, so that the module stays loaded. False when no module
+// published the name. A function that needs a current machine must be called inside it (see machine::enter). `machine`
+// and `name` must outlive this object.
 template <class function_t>
 class published
 {
   public:
     published(kernel::machine& machine, const char* name) : machine_(machine), name_(name)
     {
-        // The registry holds plain pointers; the name says which function it is.
+        // The registry holds plain pointers. The name implies the type of the function.
         function_ = reinterpret_cast<function_t>(const_cast<void*>(machine_.inter_modules.get(name_)));
     }
     ~published()

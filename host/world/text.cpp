@@ -14,8 +14,8 @@ std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
 {
     uint64_t number = 0;
     const char* const end = digits.data() + digits.size();
-    const auto [stopped, error] = std::from_chars(digits.data(), end, number, 16);
-    if (error != std::errc() || stopped != end) return std::nullopt;
+    const auto [rest, error] = std::from_chars(digits.data(), end, number, 16);
+    if (error != std::errc() || rest != end) return std::nullopt;
     return number;
 }
 
@@ -23,9 +23,9 @@ std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
 
 std::optional<uint32_t> parse_ipv4(const std::string& text)
 {
-    in_addr parsed{};
-    if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) return std::nullopt;
-    return parsed.s_addr;
+    in_addr address{};
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    return address.s_addr;
 }
 
 std::string format_ipv4(uint32_t ip)
@@ -41,9 +41,9 @@ std::optional<kq_gid_t> parse_gid(const std::string& text)
     if (text.starts_with("0x")) {
         const std::string digits = text.substr(2);
         if (digits.empty() || digits.size() > 2 * digits_per_half) return std::nullopt;
-        const std::string padded = std::string(2 * digits_per_half - digits.size(), '0') + digits;
-        const auto subnet = parse_hexadecimal(padded.substr(0, digits_per_half));
-        const auto eui64 = parse_hexadecimal(padded.substr(digits_per_half));
+        const std::string all_digits = std::string(2 * digits_per_half - digits.size(), '0') + digits;
+        const auto subnet = parse_hexadecimal(all_digits.substr(0, digits_per_half));
+        const auto eui64 = parse_hexadecimal(all_digits.substr(digits_per_half));
         if (!subnet || !eui64) return std::nullopt;
         return kq_gid_t{.eui64 = *eui64, .subnet = *subnet};
     }

@@ -57,7 +57,7 @@ class running_hosts
     {
         for (int i = 0; i < times; ++i) {
             const std::string& address = addresses[static_cast<size_t>(i) % addresses.size()].second;
-            const world::ask source = i % 3 ? world::ask::usual : world::ask::sa_only;
+            const world::lookup_mode source = i % 3 ? world::lookup_mode::usual : world::lookup_mode::sa_only;
             const world::resolution answer = world::resolve_address(machine(host), ip_of(address), source);
             if (answer.status == ibat_stat_ok) world::resolve_gid(machine(host), answer.gid);
             answer_count += answer.status == ibat_stat_ok;
@@ -131,7 +131,8 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
         const std::vector<embedded::service_record_view> records = w.subnet.service_records();
         return std::ranges::count(records, "end", &embedded::service_record_view::host_name) >= 3;
     }));
-    EXPECT_EQ(world::resolve_address(w.machine(0), ip_of("10.0.0.2"), world::ask::sa_only).status, ibat_stat_ok);
+    EXPECT_EQ(world::resolve_address(w.machine(0), ip_of("10.0.0.2"), world::lookup_mode::sa_only).status,
+              ibat_stat_ok);
     w.leave(1);
 
     // The second HCA has events while the first one is being stopped. Its last record may remain, because its link may
