@@ -1,4 +1,4 @@
-// Hosts on one simulated fabric, registered at its SA and ready to be measured.
+// Hosts on one simulated fabric that are registered at its SA, for measurements.
 #pragma once
 
 #include <memory>
@@ -25,16 +25,16 @@ struct bench_world {
         return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
     }
 
-    // Loads every host and brings its link up; returns what went wrong, or "".
-    std::string bring_up()
+    // Loads the modules of every host and brings its link up. Stops at the first error.
+    ats::result<> bring_up()
     {
         for (const auto& host : hosts) {
-            if (const ats::result<> loaded = host->load(); !loaded) return loaded.error().text;
-            if (const ats::result<> up = subnet.link_up(host->name(), host->plan().hcas[0].name, 1); !up)
-                return up.error().text;
+            if (ats::result<> result = host->load(); !result) return result;
+            if (ats::result<> result = subnet.link_up(host->name(), host->plan().hcas[0].name, 1); !result)
+                return result;
         }
         sim->run_for(1);
-        return "";
+        return {};
     }
 
     std::unique_ptr<exec::simulation> sim = exec::make_simulation();

@@ -1,5 +1,5 @@
-// What the module does for every request and every trace line, each beside a measure that explains it. A loaded module
-// hides these steps, so this program links the module's encoder itself.
+// The work of the module for every request and every trace line, and simpler work to compare it with. A loaded module
+// hides these steps; this program links the module's encoder instead.
 #include <benchmark/benchmark.h>
 
 #include "ib-code/ats/ats-sa.h"
@@ -11,8 +11,8 @@ std::atomic<int32_t> logger_trace_level;
 namespace
 {
 
-struct sender {
-    sender()
+struct module_state {
+    module_state()
     {
         context.service_id = records::service_id;
         context.num_of_hca_ports = 1;
@@ -31,13 +31,13 @@ struct sender {
 
 void clear_and_copy_256_bytes(benchmark::State& state)
 {
-    uint8_t from[MAD_SIZE] = {1}, to[MAD_SIZE];
+    uint8_t source[MAD_SIZE] = {1}, target[MAD_SIZE];
     for (auto _ : state) {
-        memset(to, 0, sizeof to);
-        benchmark::DoNotOptimize(to);
+        memset(target, 0, sizeof target);
+        benchmark::DoNotOptimize(target);
         benchmark::ClobberMemory();
-        memcpy(to, from, sizeof to);
-        benchmark::DoNotOptimize(to);
+        memcpy(target, source, sizeof target);
+        benchmark::DoNotOptimize(target);
         benchmark::ClobberMemory();
     }
 }
@@ -46,12 +46,12 @@ BENCHMARK(clear_and_copy_256_bytes);
 template <ats_sa_op_t op>
 void encode_request(benchmark::State& state)
 {
-    sender from;
+    module_state module;
     constexpr bool is_get = op == ATS_GET_SR_ARP_OP || op == ATS_GET_SR_RARP_OP;
     for (auto _ : state) {
-        ats_sa_encode_mad(&from.datagram, &from.context, from.context.active_port, op, &from.query, op == ATS_SET_SR_OP,
-                          is_get, 0);
-        benchmark::DoNotOptimize(from.datagram);
+        ats_sa_encode_mad(&module.datagram, &module.context, module.context.active_port, op, &module.query,
+                          op == ATS_SET_SR_OP, is_get, 0);
+        benchmark::DoNotOptimize(module.datagram);
         benchmark::ClobberMemory();
     }
 }
@@ -62,12 +62,12 @@ BENCHMARK(encode_request<ATS_GET_SR_RARP_OP>);
 
 void decode_reply(benchmark::State& state)
 {
-    sender from;
-    ats_sa_encode_mad(&from.datagram, &from.context, from.context.active_port, ATS_SET_SR_OP, nullptr, 1, 0, 0);
+    module_state module;
+    ats_sa_encode_mad(&module.datagram, &module.context, module.context.active_port, ATS_SET_SR_OP, nullptr, 1, 0, 0);
     for (auto _ : state) {
-        from.context.rcv_arp_data = {};
-        benchmark::DoNotOptimize(ats_sa_gsi_decode_recv_dtgrm(from.context.active_port, &from.datagram));
-        benchmark::DoNotOptimize(from.context.rcv_arp_data);
+        module.context.rcv_arp_data = {};
+        benchmark::DoNotOptimize(ats_sa_gsi_decode_recv_dtgrm(module.context.active_port, &module.datagram));
+        benchmark::DoNotOptimize(module.context.rcv_arp_data);
     }
 }
 BENCHMARK(decode_reply);

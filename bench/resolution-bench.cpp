@@ -1,4 +1,4 @@
-// A complete resolution: the question to IBAT, the request, the SA, the answer, and the callback.
+// A complete resolution: the call of IBAT, the request, the SA, the answer and the callback.
 #include <benchmark/benchmark.h>
 
 #include "bench/bench-world.h"
@@ -11,26 +11,26 @@
 namespace
 {
 
-constexpr int window = 8; // requests under way, each for another address: one for the same would be joined
+constexpr int window = 8; // pending requests, each for another address, since IBAT joins requests for the same one
 
-// Asks the SA for one address after another, with `window` requests under way, and counts the right answers.
-struct asking {
-    explicit asking(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free, window); }
+// Asks the SA for one address after another, with `window` pending requests, and counts the right answers.
+struct sa_lookups {
+    explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free, window); }
 
-    void ask(uint32_t ip)
+    void send(uint32_t ip)
     {
         down(&free);
-        if ((*refresh)(ip, answered, this) != ibat_stat_pending) up(&free);
+        if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free);
     }
 
-    void wait_for_the_last()
+    void wait_for_all()
     {
         for (int i = 0; i < window; ++i) down(&free);
     }
 
-    static void answered(ibat_stat_t status, ibat_arp_data_t*, void* context)
+    static void count_answer(ibat_stat_t status, ibat_arp_data_t*, void* context)
     {
-        auto& self = *static_cast<asking*>(context);
+        auto& self = *static_cast<sa_lookups*>(context);
         if (status == ibat_stat_ok) ++self.right;
         up(&self.free);
     }
@@ -44,33 +44,34 @@ void resolve(benchmark::State& state)
 {
     const auto count = static_cast<int>(state.range(0));
     bench_world world(count);
-    if (const std::string why = world.bring_up(); !why.empty()) return state.SkipWithError(why.c_str());
+    if (const ats::result<> result = world.bring_up(); !result) return state.SkipWithError(result.error().text.c_str());
     std::vector<uint32_t> addresses;
     for (int i = 2; i <= count; ++i) addresses.push_back(*world::parse_ipv4(bench_world::address_of(i)));
 
     kernel::machine& asker = world.hosts[0]->machine();
     asker.enter("bench", [&] {
-        asking questions(asker);
+        sa_lookups lookups(asker);
         size_t next = 0;
         for (auto _ : state) {
-            questions.ask(addresses[next]);
+            lookups.send(addresses[next]);
             next = next + 1 < addresses.size() ? next + 1 : 0;
         }
-        questions.wait_for_the_last();
-        if (questions.right != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
+        lookups.wait_for_all();
+        if (lookups.right != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
     });
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(resolve)->ArgName("hosts")->Arg(10)->Arg(100)->Arg(1000)->UseRealTime();
 
-// One answer against many pending reverse requests for other GIDs, all of which it passes over under the lock.
+// One answer while many reverse requests for other GIDs are pending. The module compares it with each of them, holding
+// its lock.
 void match_among_pending(benchmark::State& state)
 {
     bench_world world(2);
-    if (const std::string why = world.bring_up(); !why.empty()) return state.SkipWithError(why.c_str());
+    if (const ats::result<> result = world.bring_up(); !result) return state.SkipWithError(result.error().text.c_str());
     kernel::machine& asker = world.hosts[0]->machine();
-    const kq_gid_t known = *world::parse_gid(world.subnet.ports()[1].gid);
-    world.subnet.faults.drop_next_answers = static_cast<uint32_t>(state.range(0)); // these stay pending
+    const kq_gid_t port_gid = *world::parse_gid(world.subnet.ports()[1].gid);
+    world.subnet.faults.drop_next_answers = static_cast<uint32_t>(state.range(0)); // these requests stay pending
     uint64_t answers = 0;
     asker.enter("bench", [&] {
         const world::published<ucm_get_ip_fn_t> get(asker, "ucm_get_ip_fn");
@@ -79,20 +80,20 @@ void match_among_pending(benchmark::State& state)
         };
         ibat_arp_data_t record{};
         for (int64_t i = 1; i <= state.range(0); ++i) {
-            const kq_gid_t nobody{.eui64 = static_cast<uint64_t>(i), .subnet = known.subnet};
-            (*get)(&nobody, &record, count_answer, &answers);
-            asker.exec().park(asker.exec().now(), "datagrams", "bench"); // lets them come back to the pool
+            const kq_gid_t unknown_gid{.eui64 = static_cast<uint64_t>(i), .subnet = port_gid.subnet};
+            (*get)(&unknown_gid, &record, count_answer, &answers);
+            asker.exec().park(asker.exec().now(), "datagrams", "bench"); // lets the datagrams return to the pool
         }
     });
     asker.enter("bench", [&] {
-        asking questions(asker);
+        sa_lookups lookups(asker);
         const uint32_t ip = *world::parse_ipv4(bench_world::address_of(2));
         for (auto _ : state) {
-            questions.ask(ip);
-            questions.wait_for_the_last();
-            for (int i = 0; i < window; ++i) up(&questions.free);
+            lookups.send(ip);
+            lookups.wait_for_all();
+            for (int i = 0; i < window; ++i) up(&lookups.free);
         }
-        if (questions.right != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
+        if (lookups.right != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
     });
     if (answers != 0) state.SkipWithError("a pending request was answered");
 }

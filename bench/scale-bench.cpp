@@ -1,4 +1,4 @@
-// A thousand hosts in one process: bringing them up, registering them all, unloading them all.
+// The start, registration and unloading of a thousand hosts in one process.
 #include <benchmark/benchmark.h>
 #include <chrono>
 #include <fstream>
@@ -25,18 +25,20 @@ void hosts_come_and_go(benchmark::State& state)
 {
     const auto count = static_cast<int>(state.range(0));
     for (auto _ : state) {
-        const double before = resident_bytes();
-        const auto started = std::chrono::steady_clock::now();
+        const double bytes_at_start = resident_bytes();
+        const auto begin = std::chrono::steady_clock::now();
         bench_world world(count);
-        if (const std::string why = world.bring_up(); !why.empty()) return state.SkipWithError(why.c_str());
-        state.counters["up_s"] = seconds_since(started);
+        if (const ats::result<> result = world.bring_up(); !result)
+            return state.SkipWithError(result.error().text.c_str());
+        state.counters["up_s"] = seconds_since(begin);
         state.counters["registered"] = static_cast<double>(world.subnet.service_records().size());
-        state.counters["KiB_per_host"] = (resident_bytes() - before) / 1024 / count;
+        state.counters["KiB_per_host"] = (resident_bytes() - bytes_at_start) / 1024 / count;
 
-        const auto unloading = std::chrono::steady_clock::now();
+        const auto unload_begin = std::chrono::steady_clock::now();
         for (const auto& host : world.hosts)
-            if (const ats::result<> gone = host->unload(); !gone) return state.SkipWithError(gone.error().text.c_str());
-        state.counters["down_s"] = seconds_since(unloading);
+            if (const ats::result<> result = host->unload(); !result)
+                return state.SkipWithError(result.error().text.c_str());
+        state.counters["down_s"] = seconds_since(unload_begin);
         state.counters["left"] = static_cast<double>(world.subnet.service_records().size());
         const embedded::subnet_counts counts = world.subnet.counts();
         state.counters["requests_per_host"] = static_cast<double>(counts.sent) / count;

@@ -1,4 +1,5 @@
-// ats-figures: measures what docs/report.md shows, one JSON object a line. `scripts/report` runs it and draws.
+// ats-figures: measures the figures of docs/report.md and prints a JSON object for each. `scripts/report` runs it and
+// draws them.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -30,7 +31,7 @@ double resident_bytes()
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
-// Requests to the SA, by the second in which they are sent.
+// Counts the requests to the SA, second by second.
 class load_meter final : public fabric::tap
 {
   public:
@@ -47,18 +48,18 @@ class load_meter final : public fabric::tap
         uint64_t peak;
         std::string series; // "[0,3,...]"
     };
-    load between(uint64_t from_second, uint64_t to_second) const
+    load between(uint64_t begin_second, uint64_t end_second) const
     {
-        load found{0, 0, "["};
-        for (uint64_t at = from_second; at < to_second; ++at) {
-            const auto counted = by_second_.find(at);
-            const uint64_t count = counted == by_second_.end() ? 0 : counted->second;
-            found.mean += static_cast<double>(count) / static_cast<double>(to_second - from_second);
-            found.peak = std::max(found.peak, count);
-            found.series += (at > from_second ? "," : "") + std::to_string(count);
+        load result{0, 0, "["};
+        for (uint64_t moment = begin_second; moment < end_second; ++moment) {
+            const auto entry = by_second_.find(moment);
+            const uint64_t count = entry == by_second_.end() ? 0 : entry->second;
+            result.mean += static_cast<double>(count) / static_cast<double>(end_second - begin_second);
+            result.peak = std::max(result.peak, count);
+            result.series += (moment > begin_second ? "," : "") + std::to_string(count);
         }
-        found.series += "]";
-        return found;
+        result.series += "]";
+        return result;
     }
 
   private:
@@ -72,14 +73,17 @@ void show_load(const char* name, const load_meter::load& load)
                 static_cast<unsigned long long>(load.peak), load.series.c_str());
 }
 
-// So many hosts that start together, an hour later an SM that has lost all records and is somewhere else, several
-// times, and an SA that is silent for two minutes while every host asks for another.
+// The hosts start together. An hour later, the SM moves to another LID and loses all records, several times. Then the
+// SA does not answer for two minutes while every host asks for an address.
 int scale(int hosts)
 {
-    const double before = resident_bytes();
+    const double bytes_at_start = resident_bytes();
     bench_world world(hosts);
-    if (const std::string why = world.bring_up(); !why.empty()) return std::fprintf(stderr, "%s\n", why.c_str()), 1;
-    const double bytes_per_host = (resident_bytes() - before) / hosts;
+    if (const ats::result<> result = world.bring_up(); !result) {
+        std::fprintf(stderr, "%s\n", result.error().text.c_str());
+        return 1;
+    }
+    const double bytes_per_host = (resident_bytes() - bytes_at_start) / hosts;
     load_meter meter(world.subnet);
     const auto seconds_now = [&] { return world.sim->now() / second; };
 
@@ -88,7 +92,7 @@ int scale(int hosts)
     world.sim->run_until(3600 * second);
     const load_meter::load steady = meter.between(3000, seconds_now());
 
-    // At six moments between two of a host's checks: how long it takes depends on which.
+    // Six times, each at another moment between two checks of a host, because the duration depends on it.
     uint64_t restart = 0, longest_ticks = 0, sum_ticks = 0;
     constexpr int restarts = 6;
     for (int i = 0; i < restarts; ++i) {
@@ -101,7 +105,7 @@ int scale(int hosts)
         sum_ticks += world.sim->now() - restart * second;
     }
     world.sim->run_until((restart + 120) * second);
-    const load_meter::load restarted = meter.between(restart, restart + 120);
+    const load_meter::load restart_load = meter.between(restart, restart + 120);
 
     world.sim->run_until((restart + 200) * second);
     world.subnet.faults.sa_silent = true;
@@ -120,14 +124,18 @@ int scale(int hosts)
                 "\"converged_longest_s\":%.1f,",
                 hosts, bytes_per_host / 1024, world.hosts[0]->machine().memory.bytes(),
                 static_cast<double>(sum_ticks) / restarts / second, static_cast<double>(longest_ticks) / second);
-    show_load("first", first), std::printf(",");
-    show_load("steady", steady), std::printf(",");
-    show_load("restart", restarted), std::printf(",");
-    show_load("silence", silent), std::printf("}\n");
+    show_load("first", first);
+    std::printf(",");
+    show_load("steady", steady);
+    std::printf(",");
+    show_load("restart", restart_load);
+    std::printf(",");
+    show_load("silence", silent);
+    std::printf("}\n");
     return 0;
 }
 
-// Real threads and real time: how long a lookup takes that goes to the SA and back.
+// The time of a lookup at the SA, with real threads and in real time.
 int lookups(int count)
 {
     const auto exec = exec::make_threaded_executor();
@@ -136,24 +144,26 @@ int lookups(int count)
     world::host host(*exec, world::add_hcas(net, plan).value(), plan, world::default_module_folder(), 1);
     if (!host.load() || !net.link_up("node1", "mthca0", 1)) return 1;
     while (net.service_records().empty()) usleep(1000);
-    std::vector<uint64_t> took;
-    const auto begun = std::chrono::steady_clock::now();
+    std::vector<uint64_t> durations_ns;
+    const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < count; ++i) {
         const world::resolution answer =
             world::resolve_address(host.machine(), *world::parse_ipv4("10.0.0.1"), world::lookup_mode::sa_only);
-        if (answer.status == ibat_stat_ok) took.push_back(answer.took_nanoseconds);
+        if (answer.status == ibat_stat_ok) durations_ns.push_back(answer.took_nanoseconds);
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
-    std::ranges::sort(took);
-    std::printf("{\"lookups\":%zu,\"per_second\":%.0f,\"percentiles_us\":[", took.size(), count / seconds);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    std::ranges::sort(durations_ns);
+    std::printf("{\"lookups\":%zu,\"per_second\":%.0f,\"percentiles_us\":[", durations_ns.size(), count / seconds);
     for (int percent = 1; percent <= 100; ++percent)
         std::printf("%s%.1f", percent > 1 ? "," : "",
-                    static_cast<double>(took[(took.size() - 1) * static_cast<size_t>(percent) / 100]) / 1000);
+                    static_cast<double>(durations_ns[(durations_ns.size() - 1) * static_cast<size_t>(percent) / 100]) /
+                        1000);
     std::printf("]}\n");
     return 0;
 }
 
-// One step, so many times: a counter of instructions around the process tells what each costs, when it runs twice.
+// Repeats one step. `scripts/report` counts the instructions of two runs with different counts; their difference is the
+// cost.
 int repeat(const std::string& step, int count)
 {
     if (step == "encode" || step == "decode") {
@@ -168,7 +178,7 @@ int repeat(const std::string& step, int count)
     }
     bench_world world(2);
     fabric::hca& stranger = *world.subnet.add_hca("stranger", "mthca0", 1).value();
-    if (!world.bring_up().empty() || !world.subnet.link_up("stranger", "mthca0", 1)) return 1;
+    if (!world.bring_up() || !world.subnet.link_up("stranger", "mthca0", 1)) return 1;
     kernel::machine& host = world.hosts[0]->machine();
     const uint32_t other = *world::parse_ipv4("10.0.0.2");
     fabric::mad_bytes answer{1, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, MAD_METHOD_GET | MAD_METHOD_RESPONSE};
@@ -179,11 +189,12 @@ int repeat(const std::string& step, int count)
         if (step == "receive") {
             stranger.send(1, {.lid = 2}, answer);
             world.sim->settle();
-        } else if (step == "send") { // a control command that sends one request, which nobody answers
+        } else if (step == "send") { // a control command that sends one request without an answer
             host.enter("writer", [&] { host.proc.write(console::control_file, "delete_ip 10.0.0.1"); });
             world.sim->settle();
         } else if (world::resolve_address(host, other, world::lookup_mode::sa_only).status != ibat_stat_ok) {
-            return std::fprintf(stderr, "lookup %d failed\n", i), 1;
+            std::fprintf(stderr, "lookup %d failed\n", i);
+            return 1;
         }
     }
     return 0;
@@ -191,12 +202,12 @@ int repeat(const std::string& step, int count)
 
 int run(int argc, char** argv)
 {
-    const std::string what = argc > 1 ? argv[1] : "";
+    const std::string figure = argc > 1 ? argv[1] : "";
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
-    if (what == "scale" && count > 0) return scale(count);
-    if (what == "lookups" && count > 0) return lookups(count);
+    if (figure == "scale" && count > 0) return scale(count);
+    if (figure == "lookups" && count > 0) return lookups(count);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
-        if (what == step && count > 0) return repeat(what, count);
+        if (figure == step && count > 0) return repeat(figure, count);
     std::fprintf(stderr, "usage: ats-figures scale HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }
@@ -209,8 +220,8 @@ int main(int argc, char** argv)
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
         std::fputs("ats-figures: the memory is used up: run fewer hosts\n", stderr);
-    } catch (const std::exception& failed) {
-        std::fprintf(stderr, "ats-figures: %s\n", failed.what());
+    } catch (const std::exception& exception) {
+        std::fprintf(stderr, "ats-figures: %s\n", exception.what());
     }
     return 1;
 }

@@ -11,9 +11,9 @@ ats::result<std::vector<fabric::hca*>> add_hcas(embedded::subnet& subnet, const 
 {
     std::vector<fabric::hca*> hcas;
     for (const hca_plan& hca : plan.hcas) {
-        const ats::result<fabric::hca*> added = subnet.add_hca(plan.name, hca.name, hca.ports);
-        if (!added) return ats::pass_on(added);
-        hcas.push_back(*added);
+        const ats::result<fabric::hca*> result = subnet.add_hca(plan.name, hca.name, hca.ports);
+        if (!result) return ats::pass_on(result);
+        hcas.push_back(*result);
     }
     return hcas;
 }
@@ -50,8 +50,8 @@ ats::result<> host::load()
 
 ats::result<> host::unload()
 {
-    const std::vector<std::string> loaded = machine_->modules.loaded();
-    for (auto module = loaded.rbegin(); module != loaded.rend(); ++module) {
+    const std::vector<std::string> names = machine_->modules.loaded();
+    for (auto module = names.rbegin(); module != names.rend(); ++module) {
         ats::result<> result = machine_->modules.rmmod(*module);
         if (!result) return result;
     }

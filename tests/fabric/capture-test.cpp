@@ -29,13 +29,13 @@ TEST(capture, checksums_are_the_standard_ones)
     EXPECT_EQ(~crc, 0xCBF43926) << "the check value that CRC-32 is known by";
 
     // A switch may choose another VL: the invariant CRC must not change with it, but with every other bit.
-    uint8_t packet[32] = {}, invariant[4], changed[4];
-    fabric::write_invariant_crc(packet, sizeof packet, invariant);
+    uint8_t packet[32] = {}, invariant_crc[4], crc_of_change[4];
+    fabric::write_invariant_crc(packet, sizeof packet, invariant_crc);
     for (size_t bit = 0; bit < 8 * sizeof packet; ++bit) {
         packet[bit / 8] ^= static_cast<uint8_t>(0x80 >> bit % 8);
-        fabric::write_invariant_crc(packet, sizeof packet, changed);
-        const bool masked = bit < 4 || bit / 8 == 12;
-        EXPECT_EQ(memcmp(invariant, changed, sizeof changed) == 0, masked) << "bit " << bit;
+        fabric::write_invariant_crc(packet, sizeof packet, crc_of_change);
+        const bool is_masked = bit < 4 || bit / 8 == 12;
+        EXPECT_EQ(memcmp(invariant_crc, crc_of_change, sizeof crc_of_change) == 0, is_masked) << "bit " << bit;
         packet[bit / 8] = 0;
     }
 }

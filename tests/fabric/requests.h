@@ -1,4 +1,4 @@
-// Requests to an SA, and a listener that keeps what it hears.
+// Requests to an SA, and a listener that records its calls.
 #pragma once
 
 #include <bit>
@@ -77,7 +77,7 @@ inline bool same(const record_t& a, const record_t& b)
     return memcmp(&a, &b, sizeof a) == 0;
 }
 
-struct listening final : fabric::listener {
+struct recording_listener final : fabric::listener {
     struct arrival {
         int port;
         fabric::address source;

@@ -12,15 +12,15 @@ using namespace embedded;
 using test::gid_number;
 using test::record_t;
 
-// Where component `bit` is, told independently of the implementation: first byte and size.
+// The first byte and the size of component `bit`, written down independently of the implementation.
 std::pair<size_t, size_t> place_of_component(int bit)
 {
     if (bit >= SR_COMPONENT_SERVICE_DATA64) return {160 + 8 * (bit - SR_COMPONENT_SERVICE_DATA64), 8};
     if (bit >= SR_COMPONENT_SERVICE_DATA32) return {144 + 4 * (bit - SR_COMPONENT_SERVICE_DATA32), 4};
     if (bit >= SR_COMPONENT_SERVICE_DATA16) return {128 + 2 * (bit - SR_COMPONENT_SERVICE_DATA16), 2};
     if (bit >= SR_COMPONENT_SERVICE_DATA8) return {112 + (bit - SR_COMPONENT_SERVICE_DATA8), 1};
-    constexpr std::pair<size_t, size_t> fixed[] = {{0, 8}, {8, 16}, {24, 2}, {26, 2}, {28, 4}, {32, 16}, {48, 64}};
-    return fixed[bit];
+    constexpr std::pair<size_t, size_t> places[] = {{0, 8}, {8, 16}, {24, 2}, {26, 2}, {28, 4}, {32, 16}, {48, 64}};
+    return places[bit];
 }
 
 bool naively_equal(uint64_t mask, const record_t& a, const record_t& b)
@@ -28,8 +28,8 @@ bool naively_equal(uint64_t mask, const record_t& a, const record_t& b)
     for (int bit = 0; bit < SR_COMPONENT_COUNT; ++bit) {
         if (!(mask >> bit & 1)) continue;
         const auto [offset, size] = place_of_component(bit);
-        const auto* left = reinterpret_cast<const char*>(&a) + offset;
-        if (memcmp(left, reinterpret_cast<const char*>(&b) + offset, size) != 0) return false;
+        const auto* component = reinterpret_cast<const char*>(&a) + offset;
+        if (memcmp(component, reinterpret_cast<const char*>(&b) + offset, size) != 0) return false;
     }
     return true;
 }
@@ -46,12 +46,12 @@ TEST(service_records, every_byte_counts_for_its_component_alone)
             EXPECT_FALSE(equal_in(mask, record, other)) << "component " << bit << " byte " << i;
             EXPECT_TRUE(equal_in(~mask, record, other)) << "component " << bit << " byte " << i;
 
-            // The same through a store, for masks that go by an index and for those that do not.
+            // The same through a store, with masks that use an index and masks that do not.
             service_records store(8);
             store.set(record, 0);
-            record_t found;
-            EXPECT_EQ(store.get(test::mask_all, other, 0, found), matches::none);
-            EXPECT_EQ(store.get(test::mask_all & ~mask, other, 0, found), matches::one);
+            record_t result;
+            EXPECT_EQ(store.get(test::mask_all, other, 0, result), matches::none);
+            EXPECT_EQ(store.get(test::mask_all & ~mask, other, 0, result), matches::one);
         }
     }
     // Undefined components select nothing, and none selects everything.
@@ -78,33 +78,34 @@ struct clashing_records {
     }
 };
 
-// The same store without an index, a lease or a thought for speed.
+// The same store without an index. It is slow and simple.
 struct naive_store {
-    struct held {
+    struct entry {
         record_t record;
-        uint64_t expires;
+        uint64_t expires_tick;
     };
-    std::vector<held> all;
+    std::vector<entry> all;
 
-    void advance(uint64_t now)
+    void advance(uint64_t now_ticks)
     {
-        std::erase_if(all, [&](const held& each) { return each.expires <= now; });
-        for (held& each : all)
-            if (each.expires != UINT64_MAX)
-                each.record.service_lease = to_wire(static_cast<uint32_t>((each.expires - now + 999) / 1000));
+        std::erase_if(all, [&](const entry& each) { return each.expires_tick <= now_ticks; });
+        for (entry& each : all)
+            if (each.expires_tick != UINT64_MAX)
+                each.record.service_lease =
+                    to_wire(static_cast<uint32_t>((each.expires_tick - now_ticks + 999) / 1000));
     }
-    void set(const record_t& record, uint64_t now)
+    void set(const record_t& record, uint64_t now_ticks)
     {
-        std::erase_if(all, [&](const held& each) { return naively_equal(7, each.record, record); });
+        std::erase_if(all, [&](const entry& each) { return naively_equal(7, each.record, record); });
         const uint32_t lease = from_wire(record.service_lease);
-        all.push_back({record, lease == UINT32_MAX ? UINT64_MAX : now + lease * 1000ull});
+        all.push_back({record, lease == UINT32_MAX ? UINT64_MAX : now_ticks + lease * 1000ull});
     }
-    std::vector<record_t> select(uint64_t mask, const record_t& like) const
+    std::vector<record_t> select(uint64_t mask, const record_t& pattern) const
     {
-        std::vector<record_t> selected;
-        for (const held& each : all)
-            if (naively_equal(mask, each.record, like)) selected.push_back(each.record);
-        return selected;
+        std::vector<record_t> selection;
+        for (const entry& each : all)
+            if (naively_equal(mask, each.record, pattern)) selection.push_back(each.record);
+        return selection;
     }
 };
 
@@ -113,21 +114,21 @@ TEST(service_records, an_index_never_answers_otherwise_than_a_search)
     clashing_records draw;
     service_records store(1000);
     naive_store naive;
-    uint64_t now = 0;
-    int counted[3] = {};
+    uint64_t now_ticks = 0;
+    int counts[3] = {};
     for (int step = 0; step < 100'000; ++step) {
-        now += static_cast<uint64_t>(draw.draw(300));
-        naive.advance(now);
+        now_ticks += static_cast<uint64_t>(draw.draw(300));
+        naive.advance(now_ticks);
         const record_t record = draw.next();
         const int action = draw.draw(8);
         if (action < 3) {
-            ASSERT_TRUE(store.set(record, now));
-            naive.set(record, now);
+            ASSERT_TRUE(store.set(record, now_ticks));
+            naive.set(record, now_ticks);
             continue;
         }
         if (action == 3 && draw.draw(20) == 0) {
             const fabric::gid_bytes gid = std::to_array(record.service_gid.bytes);
-            ASSERT_EQ(store.forget(gid, now), std::erase_if(naive.all, [&](const auto& each) {
+            ASSERT_EQ(store.forget(gid, now_ticks), std::erase_if(naive.all, [&](const auto& each) {
                           return naively_equal(2, each.record, record);
                       }));
             continue;
@@ -135,18 +136,19 @@ TEST(service_records, an_index_never_answers_otherwise_than_a_search)
         const uint64_t mask = draw.next_mask();
         const std::vector<record_t> expected = naive.select(mask, record);
         const matches expected_count = static_cast<matches>(std::min<size_t>(expected.size(), 2));
-        record_t found{};
-        const matches count = action < 6 ? store.get(mask, record, now, found) : store.remove(mask, record, now, found);
+        record_t result{};
+        const matches count =
+            action < 6 ? store.get(mask, record, now_ticks, result) : store.remove(mask, record, now_ticks, result);
         ASSERT_EQ(count, expected_count) << "step " << step << " mask " << std::hex << mask;
-        ++counted[static_cast<int>(count)];
+        ++counts[static_cast<int>(count)];
         if (count == matches::one) {
-            ASSERT_TRUE(test::same(found, expected[0])) << "step " << step;
+            ASSERT_TRUE(test::same(result, expected[0])) << "step " << step;
             if (action >= 6)
-                std::erase_if(naive.all, [&](const auto& each) { return naively_equal(7, each.record, found); });
+                std::erase_if(naive.all, [&](const auto& each) { return naively_equal(7, each.record, result); });
         }
-        ASSERT_EQ(store.all(now).size(), naive.all.size()) << "step " << step;
+        ASSERT_EQ(store.all(now_ticks).size(), naive.all.size()) << "step " << step;
     }
-    for (const int times : counted) EXPECT_GT(times, 1000) << "the draw must try every outcome often";
+    for (const int times : counts) EXPECT_GT(times, 1000) << "the draw must try every outcome often";
 }
 
 } // namespace

@@ -12,24 +12,24 @@ namespace
 
 using namespace embedded;
 using fabric::link_state;
-using test::listening;
+using test::recording_listener;
 using test::request;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr fabric::address sa_address{.lid = 1};
 
-// Two hosts on a subnet, links up: node1 with two ports (LIDs 2 and 3), node2 with one (LID 4).
+// Two hosts on a subnet, with their links up: node1 with two ports (LIDs 2 and 3), node2 with one (LID 4).
 struct small_world {
     explicit small_world(const subnet_options& options = {}) : net(*sim, options)
     {
-        first.listen(&at_first);
-        second.listen(&at_second);
+        first.listen(&first_listener);
+        second.listen(&second_listener);
         for (int port : {1, 2}) EXPECT_TRUE(net.link_up("node1", "mthca0", port));
         EXPECT_TRUE(net.link_up("node2", "mthca0", 1));
         sim->settle();
-        at_first.changes.clear();
-        at_second.changes.clear();
+        first_listener.changes.clear();
+        second_listener.changes.clear();
     }
     ~small_world()
     {
@@ -57,7 +57,7 @@ struct small_world {
     subnet net;
     fabric::hca& first = *net.add_hca("node1", "mthca0", 2).value();
     fabric::hca& second = *net.add_hca("node2", {}).value();
-    listening at_first, at_second;
+    recording_listener first_listener, second_listener;
 };
 struct two_hosts : testing::Test, small_world {
 };
@@ -65,10 +65,10 @@ struct two_hosts : testing::Test, small_world {
 TEST_F(two_hosts, a_request_is_answered_by_the_path_it_came)
 {
     ASSERT_TRUE(first.send(2, {.lid = 1, .sl = 3}, set_first()));
-    EXPECT_THAT(at_first.arrivals, IsEmpty()) << "nothing arrives inside a send";
+    EXPECT_THAT(first_listener.arrivals, IsEmpty()) << "nothing arrives inside a send";
     sim->settle();
-    ASSERT_EQ(at_first.arrivals.size(), 1u);
-    const auto& answer = at_first.arrivals[0];
+    ASSERT_EQ(first_listener.arrivals.size(), 1u);
+    const auto& answer = first_listener.arrivals[0];
     EXPECT_EQ(answer.port, 2);
     EXPECT_EQ(answer.status(), 0);
     EXPECT_EQ(answer.source.lid, 1);
@@ -82,7 +82,7 @@ TEST_F(two_hosts, a_request_is_answered_by_the_path_it_came)
     EXPECT_EQ(records[0].service_id, records::service_id);
 }
 
-TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)
+TEST_F(two_hosts, link_and_sm_changes_are_reported_and_read)
 {
     EXPECT_EQ(second.read_port(1).state, link_state::active);
     EXPECT_EQ(second.read_port(1).lid, 4);
@@ -90,8 +90,8 @@ TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)
     ASSERT_TRUE(net.link_down("node2", "mthca0", 1));
     ASSERT_TRUE(net.set_sm(9, 5));
     sim->settle();
-    EXPECT_THAT(at_first.changes, ElementsAre("sm 1 to 9", "sm 2 to 9"));
-    EXPECT_THAT(at_second.changes, ElementsAre("down 1")) << "a port without a link hears of no SM";
+    EXPECT_THAT(first_listener.changes, ElementsAre("sm 1 to 9", "sm 2 to 9"));
+    EXPECT_THAT(second_listener.changes, ElementsAre("down 1")) << "a port without a link learns of no SM";
     EXPECT_EQ(first.read_port(2).sm_lid, 9);
     EXPECT_EQ(first.read_port(2).sm_sl, 5);
     EXPECT_EQ(second.read_port(1).state, link_state::down);
@@ -103,18 +103,18 @@ TEST_F(two_hosts, links_and_the_sm_change_are_told_and_read)
     ASSERT_TRUE(first.send(1, {.lid = 4}, get_first(3)));
     ASSERT_TRUE(second.send(1, {.lid = 9}, get_first(4)));
     sim->settle();
-    EXPECT_THAT(at_first.transactions(), ElementsAre(2));
-    EXPECT_THAT(at_second.arrivals, IsEmpty());
+    EXPECT_THAT(first_listener.transactions(), ElementsAre(2));
+    EXPECT_THAT(second_listener.arrivals, IsEmpty());
 
     ASSERT_TRUE(net.link_up("node2", "mthca0", 1));
     sim->settle();
-    EXPECT_THAT(at_second.changes, ElementsAre("down 1", "up 1"));
+    EXPECT_THAT(second_listener.changes, ElementsAre("down 1", "up 1"));
     EXPECT_EQ(second.read_port(1).sm_lid, 9);
 }
 
 TEST_F(two_hosts, wrong_addresses_are_lost_and_counted_where_they_arrive)
 {
-    const fabric::address lost[] = {
+    const fabric::address wrong_addresses[] = {
         {.lid = 0},
         {.lid = 77},
         {.lid = 0xC001},
@@ -125,22 +125,22 @@ TEST_F(two_hosts, wrong_addresses_are_lost_and_counted_where_they_arrive)
         {.lid = 1, .q_key = 0},
         {.lid = 4, .p_key_index = 1},
     };
-    for (const fabric::address& to : lost) EXPECT_TRUE(first.send(1, to, get_first()));
+    for (const fabric::address& destination : wrong_addresses) EXPECT_TRUE(first.send(1, destination, get_first()));
     for (const int port : {0, 3, -1}) EXPECT_FALSE(first.send(port, sa_address, get_first()));
     sim->settle();
-    EXPECT_EQ(net.counts().dropped, std::size(lost));
-    EXPECT_EQ(net.counts().sent, std::size(lost));
+    EXPECT_EQ(net.counts().dropped, std::size(wrong_addresses));
+    EXPECT_EQ(net.counts().sent, std::size(wrong_addresses));
     EXPECT_EQ(net.counts().sa_gets, 0u);
-    EXPECT_THAT(at_second.arrivals, IsEmpty());
+    EXPECT_THAT(second_listener.arrivals, IsEmpty());
     EXPECT_EQ(second.read_port(1).bad_q_keys, 1u);
 }
 
 TEST_F(two_hosts, partitions_keep_hosts_apart)
 {
-    listening at_third;
+    recording_listener third_listener;
     fabric::hca& third = *net.add_hca("node3", {.p_keys = {0x7FFF, 0x8001}}).value();
     fabric::hca& fourth = *net.add_hca("node4", {.p_keys = {0x0001}}).value();
-    third.listen(&at_third);
+    third.listen(&third_listener);
     for (const char* host : {"node3", "node4"}) ASSERT_TRUE(net.link_up(host, "mthca0", 1));
 
     ASSERT_TRUE(third.send(1, sa_address, get_first(1)));                   // a limited member asks a full one
@@ -148,9 +148,9 @@ TEST_F(two_hosts, partitions_keep_hosts_apart)
     ASSERT_TRUE(fourth.send(1, {.lid = 5}, get_first(3)));                  // limited to full, index 1 there
     ASSERT_TRUE(third.send(1, {.lid = 6, .p_key_index = 0}, get_first(4))); // another partition
     sim->settle();
-    ASSERT_THAT(at_third.transactions(), ElementsAre(3, 1));
-    EXPECT_EQ(at_third.arrivals[0].source.p_key_index, 1);
-    EXPECT_EQ(at_third.arrivals[1].source.p_key_index, 0);
+    ASSERT_THAT(third_listener.transactions(), ElementsAre(3, 1));
+    EXPECT_EQ(third_listener.arrivals[0].source.p_key_index, 1);
+    EXPECT_EQ(third_listener.arrivals[1].source.p_key_index, 0);
     EXPECT_EQ(fourth.read_port(1).bad_p_keys, 1u);
     third.listen(nullptr);
 }
@@ -171,8 +171,8 @@ TEST_F(two_hosts, chance_faults_follow_the_seed)
         EXPECT_EQ(counts.arrived, counts.sent - counts.dropped + counts.duplicated);
         EXPECT_NEAR(static_cast<double>(counts.dropped), 200, 60);
         EXPECT_NEAR(static_cast<double>(counts.duplicated), 80, 40);
-        EXPECT_FALSE(std::ranges::is_sorted(world.at_second.transactions()));
-        return world.at_second.transactions();
+        EXPECT_FALSE(std::ranges::is_sorted(world.second_listener.transactions()));
+        return world.second_listener.transactions();
     };
     const auto run = campaign(5);
     EXPECT_EQ(run, campaign(5));
@@ -182,29 +182,29 @@ TEST_F(two_hosts, chance_faults_follow_the_seed)
 TEST_F(two_hosts, jitter_lets_datagrams_overtake_each_other_within_its_bounds)
 {
     constexpr int count = 40;
-    const auto arrived = [&](uint64_t ticks) {
+    const auto arrivals_after = [&](uint64_t ticks) {
         sim->run_for(ticks);
-        return at_second.arrivals.size();
+        return second_listener.arrivals.size();
     };
     sim->run_until(10);
     net.faults.jitter_ticks = 5;
     send_numbered(count);
-    const size_t at_once = arrived(0), soon = arrived(2);
-    EXPECT_LT(at_once, soon);
-    EXPECT_LT(soon, size_t{count});
-    EXPECT_EQ(arrived(3), size_t{count});
-    EXPECT_FALSE(std::ranges::is_sorted(at_second.transactions()));
+    const size_t immediate_count = arrivals_after(0), early_count = arrivals_after(2);
+    EXPECT_LT(immediate_count, early_count);
+    EXPECT_LT(early_count, size_t{count});
+    EXPECT_EQ(arrivals_after(3), size_t{count});
+    EXPECT_FALSE(std::ranges::is_sorted(second_listener.transactions()));
 }
 
 TEST_F(two_hosts, faults_of_the_sa_come_and_go)
 {
     uint64_t transaction = 0;
-    // Asks once and tells the status of the answer, or -1 for none.
+    // Sends a request once. Returns the status of the answer, or -1 without one.
     auto ask = [&](const fabric::mad_bytes& mad) {
-        at_first.arrivals.clear();
+        first_listener.arrivals.clear();
         EXPECT_TRUE(first.send(1, sa_address, mad));
         sim->settle();
-        return at_first.arrivals.empty() ? -1 : int{at_first.arrivals[0].status()};
+        return first_listener.arrivals.empty() ? -1 : int{first_listener.arrivals[0].status()};
     };
     net.faults.sa_silent = true;
     EXPECT_EQ(ask(set_first(++transaction)), -1);
@@ -217,7 +217,7 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
 
     net.faults.answer_with(0x0700, 1);
     EXPECT_EQ(ask(get_first(++transaction)), 0x0700);
-    EXPECT_EQ(test::method_of(at_first.arrivals[0].mad), test::get_response);
+    EXPECT_EQ(test::method_of(first_listener.arrivals[0].mad), test::get_response);
     EXPECT_EQ(ask(get_first(++transaction)), 0);
     net.faults.sa_busy = true;
     EXPECT_EQ(ask(get_first(++transaction)), 0x0001);
@@ -228,18 +228,20 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
     EXPECT_EQ(ask(get_first(++transaction)), -1);
     EXPECT_EQ(ask(get_first(++transaction)), 0);
 
-    const auto saved = net.save_records();
+    const auto backup = net.save_records();
     EXPECT_EQ(net.forget(gid_of(second, 1)), 0u);
     EXPECT_EQ(net.forget(gid_of(first, 1)), 1u);
     EXPECT_EQ(ask(get_first(++transaction)), 0x0300);
-    net.restore_records(saved);
+    net.restore_records(backup);
     EXPECT_EQ(ask(get_first(++transaction)), 0) << "the SA came back with what it held before";
 
     net.faults.corrupt_percent = 100;
     EXPECT_TRUE(second.send(1, {.lid = 2}, get_first(++transaction)));
     sim->settle();
-    const fabric::mad_bytes sent = get_first(transaction), came = test::bytes_of(at_first.arrivals.back().mad);
-    EXPECT_EQ(std::inner_product(sent.begin(), sent.end(), came.begin(), 0, std::plus{}, std::not_equal_to{}), 1);
+    const fabric::mad_bytes original = get_first(transaction),
+                            arrival = test::bytes_of(first_listener.arrivals.back().mad);
+    EXPECT_EQ(
+        std::inner_product(original.begin(), original.end(), arrival.begin(), 0, std::plus{}, std::not_equal_to{}), 1);
 }
 
 TEST(subnet, the_queue_is_bounded_and_empties_again)
@@ -248,10 +250,10 @@ TEST(subnet, the_queue_is_bounded_and_empties_again)
     world.send_numbered(8);
     EXPECT_FALSE(world.first.send(1, {.lid = 4}, world.get_first()));
     world.sim->settle();
-    EXPECT_EQ(world.at_second.arrivals.size(), 8u);
+    EXPECT_EQ(world.second_listener.arrivals.size(), 8u);
     world.send_numbered(8);
     world.sim->settle();
-    EXPECT_EQ(world.at_second.arrivals.size(), 16u);
+    EXPECT_EQ(world.second_listener.arrivals.size(), 16u);
 
     world.net.faults.queue_full = true;
     EXPECT_FALSE(world.first.send(1, {.lid = 4}, world.get_first()));

@@ -82,7 +82,7 @@ subnet::~subnet()
 ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_description& description)
 {
     lock_guard lock(mutex_);
-    if (const ats::result<> checked = check(host, description); !checked) return ats::pass_on(checked);
+    if (const ats::result<> result = check(host, description); !result) return ats::pass_on(result);
 
     std::vector<uint64_t> guids = description.port_guids;
     for (int port = static_cast<int>(guids.size()) + 1; port <= description.ports; ++port)
