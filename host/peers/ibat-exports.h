@@ -36,6 +36,9 @@ using ibat_cancel_fn_t = int32_t (*)(ibat_get_ib_data_reply_fn_t user_cb, void* 
 // null. Any context; not counted.
 using ibat_peek_fn_t = ibat_stat_t (*)(uint32_t ip, ibat_arp_data_t* arp_data);
 
+// Published as "ibat_cached_fn": the same, but counted as a lookup and a hit if the cache knows the address.
+using ibat_cached_fn_t = ibat_stat_t (*)(uint32_t ip, ibat_arp_data_t* arp_data);
+
 struct ibat_cache_entry_t {
     uint32_t ip;             // network order
     uint32_t local_port_num; // the port on which the answer arrived; 0: unknown

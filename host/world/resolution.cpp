@@ -5,6 +5,7 @@
 #include "host/peers/ibat-exports.h"
 #include "host/peers/ucm-exports.h"
 #include "host/world/published.h"
+#include "host/world/resolution-reason.h"
 #include "kernel/sync.h"
 
 namespace world
@@ -31,23 +32,6 @@ struct pending_answer {
 };
 
 constexpr const char* not_cached = "it is not in the cache";
-constexpr const char* not_sent = "the request could not be sent: is a port active, and what does the log say?";
-constexpr const char* sa_refusal = "the SA refused the question";
-
-// `error_text` is the reason for a status that is an error.
-std::string reason_of(const resolution& answer, const char* error_text)
-{
-    switch (answer.status) {
-    case ibat_stat_ok:
-        return "";
-    case ibat_stat_not_found: // also when the SA holds several records
-        return answer.from_cache ? "the SA named no owner a moment ago" : "the SA names no owner";
-    case ibat_stat_timeout:
-        return "the SA did not answer in time";
-    default:
-        return error_text;
-    }
-}
 
 // Runs `request` inside the machine, waits for its callback if it is pending, and fills the common fields.
 template <class request_t>

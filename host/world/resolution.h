@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "host/kernel/machine.h"
@@ -33,5 +35,17 @@ resolution resolve_address(kernel::machine& machine, uint32_t ip, lookup_mode mo
 
 // `sa_only` means `usual` here, since UCM's provider always looks in the cache first.
 resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mode mode = lookup_mode::usual);
+
+// What the host's cache knows of an address or a GID; nothing: it has to ask the SA. Counted as a lookup if it knows.
+// Called from outside or from a task of the machine that may sleep.
+std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
+std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
+
+// Asks as resolve_address() and resolve_gid() do, but does not wait for the answer. `done` is called exactly once: by
+// this call, or later by a task of the machine, which it must not keep waiting. Sending the question may sleep.
+using resolution_callback = std::function<void(const resolution&)>;
+void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);
+void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done); // the cache is not asked
+void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done);
 
 } // namespace world

@@ -74,6 +74,11 @@ ibat_stat_t peek(uint32_t ip, ibat_arp_data_t* arp_data)
     return service.peek(ip, arp_data);
 }
 
+ibat_stat_t cached(uint32_t ip, ibat_arp_data_t* arp_data)
+{
+    return service.cached(ip, arp_data);
+}
+
 int32_t cache_list(ibat_cache_entry_t* entries, int32_t capacity)
 {
     return service.list(entries, capacity);
@@ -103,6 +108,7 @@ const publication publications[] = {
     make_publication<ibat_refresh_fn_t>("ibat_refresh_fn", refresh),
     make_publication<ibat_cancel_fn_t>("ibat_cancel_fn", cancel),
     make_publication<ibat_peek_fn_t>("ibat_peek_fn", peek),
+    make_publication<ibat_cached_fn_t>("ibat_cached_fn", cached),
     make_publication<ibat_cache_list_fn_t>("ibat_cache_list_fn", cache_list),
     make_publication<ibat_counters_fn_t>("ibat_counters_fn", counters),
     make_publication<ibat_flush_fn_t>("ibat_flush_fn", flush),

@@ -99,6 +99,17 @@ ibat_stat_t resolver::peek(uint32_t address, ibat_arp_data_t* arp_data)
     return status == ibat_stat_pending ? ibat_stat_error : status;
 }
 
+ibat_stat_t resolver::cached(uint32_t address, ibat_arp_data_t* arp_data)
+{
+    if (!arp_data) return ibat_stat_error;
+    spin_guard guard(&lock_);
+    const ibat_stat_t status = from_cache(address, arp_data);
+    if (status == ibat_stat_pending) return ibat_stat_error;
+    ++counters_.lookups;
+    ++counters_.hits;
+    return status;
+}
+
 ibat_stat_t resolver::look_up_gid(const kq_gid_t& gid, ibat_arp_data_t* arp_data)
 {
     const kq_gid_t gid_copy = gid; // the caller's GID may lie in the record that is filled

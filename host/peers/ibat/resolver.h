@@ -61,6 +61,7 @@ class resolver
     ibat_stat_t refresh(uint32_t address, ibat_get_ib_data_reply_fn_t callback, void* context);
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
     ibat_stat_t peek(uint32_t address, ibat_arp_data_t* arp_data);
+    ibat_stat_t cached(uint32_t address, ibat_arp_data_t* arp_data);
     int32_t list(ibat_cache_entry_t* entries, int32_t capacity);
     ibat_counters_t counters();
     int32_t flush();

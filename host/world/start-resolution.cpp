@@ -1,0 +1,145 @@
+// Resolution without waiting, for a service that answers many clients.
+#include <chrono>
+#include <memory>
+
+#include "host/peers/ibat-exports.h"
+#include "host/peers/ucm-exports.h"
+#include "host/world/published.h"
+#include "host/world/resolution-reason.h"
+#include "host/world/resolution.h"
+
+namespace world
+{
+
+namespace
+{
+
+using steady_clock = std::chrono::steady_clock;
+
+uint64_t nanoseconds_since(steady_clock::time_point begin)
+{
+    return static_cast<uint64_t>(std::chrono::nanoseconds(steady_clock::now() - begin).count());
+}
+
+// Says why an answer is not ok.
+void explain(resolution& answer)
+{
+    answer.reason = reason_of(answer, answer.from_cache ? not_sent : sa_refusal);
+}
+
+// One question. It lives until its answer has been handed on, and keeps the module that answers loaded.
+template <class function_t>
+struct question {
+    question(kernel::machine& machine, const char* function, resolution_callback done)
+        : get(machine, function), done(std::move(done))
+    {
+    }
+
+    // Hands the answer on. `status` and `record` are a peer's.
+    void finish(ibat_stat_t status, const ibat_arp_data_t& record, bool from_cache)
+    {
+        answer.status = status;
+        answer.from_cache = from_cache;
+        if (status == ibat_stat_ok) {
+            answer.ip = record.dst_ip;
+            answer.gid = record.gid;
+        }
+        answer.took_nanoseconds = nanoseconds_since(started);
+        explain(answer);
+        done(answer);
+    }
+
+    static void called_back(ibat_stat_t status, ibat_arp_data_t* record, void* context)
+    {
+        const std::unique_ptr<question> self(static_cast<question*>(context));
+        self->finish(status, *record, false);
+    }
+
+    const published<function_t> get;
+    const resolution_callback done;
+    resolution answer; // with the address or GID that was asked for
+    const steady_clock::time_point started = steady_clock::now();
+};
+
+// Lets a peer answer `asked`, at once or by a callback, which then owns it.
+template <class question_t, class ask_t>
+void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> asked, const char* module, ask_t ask)
+{
+    if (!asked->get) {
+        asked->answer.reason = std::string(module) + " is not loaded on this host";
+        return asked->done(asked->answer);
+    }
+    ibat_arp_data_t record{};
+    ibat_stat_t status = ibat_stat_error;
+    machine.enter("resolve", [&] { status = ask(*asked, &record); });
+    if (status == ibat_stat_pending)
+        asked.release(); // it may be gone already
+    else
+        asked->finish(status, record, true);
+}
+
+// Looks into IBAT's cache. A GID that it does not know may still have an owner.
+template <class function_t, class subject_t>
+std::optional<resolution> look_up(kernel::machine& machine, const char* function, subject_t subject)
+{
+    constexpr bool is_by_gid = std::is_pointer_v<subject_t>;
+    const published<function_t> get(machine, function);
+    if (!get) return std::nullopt;
+    const auto started = steady_clock::now();
+    ibat_arp_data_t record{};
+    ibat_stat_t status = ibat_stat_error;
+    machine.enter("resolve", [&] { status = (*get)(subject, &record); });
+    if (status != ibat_stat_ok && (is_by_gid || status != ibat_stat_not_found)) return std::nullopt;
+    resolution answer;
+    answer.status = status;
+    answer.from_cache = true;
+    answer.ip = record.dst_ip;
+    answer.gid = record.gid;
+    answer.took_nanoseconds = nanoseconds_since(started);
+    explain(answer);
+    return answer;
+}
+
+} // namespace
+
+void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
+{
+    using question_t = question<ibat_get_ib_data_fn_t>;
+    auto asked = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
+    asked->answer.ip = ip;
+    ask_peer(machine, std::move(asked), "ibat", [&](question_t& asked, ibat_arp_data_t* record) {
+        return (*asked.get)(ip, record, question_t::called_back, &asked);
+    });
+}
+
+void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
+{
+    using question_t = question<ibat_refresh_fn_t>;
+    auto asked = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
+    asked->answer.ip = ip;
+    ask_peer(machine, std::move(asked), "ibat",
+             [&](question_t& asked, ibat_arp_data_t*) { return (*asked.get)(ip, question_t::called_back, &asked); });
+}
+
+void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
+{
+    using question_t = question<ucm_get_ip_fn_t>;
+    auto asked = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
+    asked->answer.gid = gid;
+    ask_peer(machine, std::move(asked), "ucm", [&](question_t& asked, ibat_arp_data_t* record) {
+        return (*asked.get)(&gid, record, question_t::called_back, &asked);
+    });
+}
+
+std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip)
+{
+    return look_up<ibat_cached_fn_t>(machine, "ibat_cached_fn", ip);
+}
+
+std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid)
+{
+    kq_gid_t key = gid;
+    return look_up<ibat_seq_cache_lookup_fn_t>(machine, "ibat_seq_cache_lookup_fn", &key);
+}
+
+} // namespace world
