@@ -1,0 +1,282 @@
+// The C interface: checks arguments, lets no exception out, and calls the client.
+#include <bit>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <sys/un.h>
+
+#include "client/ats/client.h"
+#include "client/client.h"
+#include "client/last-error.h"
+#include "client/socket-path.h"
+
+struct ats_client {
+    explicit ats_client(std::string path) : client(std::move(path)) {}
+    client::client client;
+};
+
+namespace client
+{
+
+namespace
+{
+
+thread_local std::string error_text;
+
+constexpr ats_options_t usual_options = ATS_OPTIONS_INIT;
+
+// Runs a call. No exception crosses into C.
+template <class call_t>
+ats_status_t guarded(call_t call)
+{
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        return failed(ATS_NO_MEMORY, "out of memory"); // short enough to need no memory itself
+    } catch (const std::exception& error) {
+        return failed(ATS_INVALID, error.what());
+    }
+}
+
+clock::time_point after(int milliseconds)
+{
+    return milliseconds < 0 ? clock::time_point::max() : clock::now() + std::chrono::milliseconds(milliseconds);
+}
+
+// The options to use, or null with the error stored. A program that was built with an older, shorter structure gives
+// fewer members; the first version is the shortest.
+const ats_options_t* checked(const ats_options_t* options)
+{
+    if (!options) return &usual_options;
+    const char* error = nullptr;
+    if (options->size < sizeof(ats_options_t))
+        error = "the options have no size: begin with ATS_OPTIONS_INIT";
+    else if (options->timeout_ms <= 0)
+        error = "timeout_ms must be above 0";
+    else if ((options->flags & ~(ATS_CACHED_ONLY | ATS_VERIFY | ATS_FRESH)) != 0 || options->reserved != 0)
+        error = "the options have flags that this library does not know";
+    else if (std::popcount(options->flags) > 1)
+        error = "ATS_CACHED_ONLY, ATS_VERIFY and ATS_FRESH exclude each other";
+    if (!error) return options;
+    failed(ATS_INVALID, error);
+    return nullptr;
+}
+
+ats_status_t no_arguments()
+{
+    return failed(ATS_INVALID, "a pointer is null");
+}
+
+ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const std::string& body, ats_answer_t* answer)
+{
+    *answer = client->client.ask(*options, body);
+    if (answer->status != ATS_OK) failed(answer->status, answer->reason);
+    return answer->status;
+}
+
+// Fills the answer of a call that ended before it asked.
+ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
+{
+    if (answer && status != ATS_OK && answer->status != status) {
+        *answer = {};
+        answer->status = status;
+        answer->verified = -1;
+        set_reason(*answer, error_text);
+    }
+    return status;
+}
+
+char* copy_of(const std::string& text)
+{
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (!copy) throw std::bad_alloc();
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+}
+
+} // namespace
+
+const std::string& last_error()
+{
+    return error_text;
+}
+
+ats_status_t failed(ats_status_t status, const std::string& text)
+{
+    if (&text != &error_text) error_text = text;
+    return status;
+}
+
+} // namespace client
+
+using client::failed;
+using client::guarded;
+
+extern "C" {
+
+ats_status_t ats_open(ats_client_t** client, const char* path)
+{
+    if (!client) return client::no_arguments();
+    *client = nullptr;
+    return guarded([&] {
+        const std::string socket = path ? path : client::default_socket_path();
+        if (socket.empty() || socket.size() >= sizeof(sockaddr_un::sun_path))
+            return failed(ATS_INVALID, "a socket's path has 1 to " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
+                                           " bytes: '" + socket + "' cannot be one");
+        auto made = std::make_unique<ats_client>(socket);
+        if (made->client.open() != ATS_OK) return failed(ATS_NO_MEMORY, "no descriptors are left");
+        *client = made.release();
+        return ATS_OK;
+    });
+}
+
+void ats_close(ats_client_t* client)
+{
+    delete client;
+}
+
+ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer)
+{
+    if (!client || !answer) return client::no_arguments();
+    answer->status = ATS_OK;
+    const ats_status_t status = guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        return client::blocking(client, checked, client::resolve_body(address, *checked), answer);
+    });
+    return client::without_answer(status, answer);
+}
+
+ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
+                         ats_answer_t* answer)
+{
+    if (!client || !gid || !answer) return client::no_arguments();
+    answer->status = ATS_OK;
+    const ats_status_t status = guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        return client::blocking(client, checked, client::reverse_body(gid, *checked), answer);
+    });
+    return client::without_answer(status, answer);
+}
+
+ats_status_t ats_submit_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag)
+{
+    if (!client) return client::no_arguments();
+    return guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        return client->client.submit(*checked, tag, client::resolve_body(address, *checked));
+    });
+}
+
+ats_status_t ats_submit_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options, uint64_t tag)
+{
+    if (!client || !gid) return client::no_arguments();
+    return guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        return client->client.submit(*checked, tag, client::reverse_body(gid, *checked));
+    });
+}
+
+int ats_descriptor(const ats_client_t* client)
+{
+    return client ? client->client.descriptor() : -1;
+}
+
+size_t ats_collect(ats_client_t* client, ats_answer_t* answers, size_t capacity)
+{
+    return ats_wait(client, answers, capacity, 0);
+}
+
+size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, int timeout_ms)
+{
+    if (!client || !answers || capacity == 0) return 0;
+    size_t count = 0;
+    guarded([&] {
+        count = timeout_ms == 0 ? client->client.collect(answers, capacity)
+                                : client->client.wait(answers, capacity, client::after(timeout_ms));
+        return ATS_OK;
+    });
+    return count;
+}
+
+ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms)
+{
+    if (!client || !request) return client::no_arguments();
+    return guarded([&] {
+        const std::string body = client::request_body(request);
+        if (body.empty()) return failed(ATS_INVALID, "a request is one JSON object");
+        return client->client.begin_request(body, client::after(timeout_ms));
+    });
+}
+
+ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line)
+{
+    if (!client || !line) return client::no_arguments();
+    *line = nullptr;
+    return guarded([&] {
+        std::string text;
+        const ats_status_t status = client->client.next_request_line(client::after(timeout_ms), text);
+        if (status == ATS_OK) *line = client::copy_of(text);
+        return status;
+    });
+}
+
+ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer)
+{
+    if (!answer) return client::no_arguments();
+    *answer = nullptr;
+    const ats_status_t status = ats_request_begin(client, request, timeout_ms);
+    return status == ATS_OK ? ats_request_next(client, timeout_ms, answer) : status;
+}
+
+void ats_free(char* answer)
+{
+    std::free(answer);
+}
+
+const char* ats_status_text(ats_status_t status)
+{
+    switch (status) {
+    case ATS_OK:
+        return "found";
+    case ATS_NOT_FOUND:
+        return "not found";
+    case ATS_NO_ANSWER:
+        return "no answer in time";
+    case ATS_REFUSED:
+        return "refused";
+    case ATS_NOT_CONNECTED:
+        return "not connected";
+    case ATS_INVALID:
+        return "invalid";
+    case ATS_NO_MEMORY:
+        return "no memory";
+    }
+    return "unknown status";
+}
+
+const char* ats_last_error(void)
+{
+    return client::last_error().c_str();
+}
+
+size_t ats_default_socket(char* path, size_t size)
+{
+    const std::string socket = client::default_socket_path();
+    if (path && size > 0) {
+        const size_t length = std::min(socket.size(), size - 1);
+        std::memcpy(path, socket.data(), length);
+        path[length] = '\0';
+    }
+    return socket.size();
+}
+
+const char* ats_client_version(void)
+{
+    return ATS_VERSION;
+}
+
+} // extern "C"

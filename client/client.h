@@ -1,0 +1,82 @@
+// The client behind the C interface, see client/ats/client.h for what each call promises.
+//
+// Any thread may call. `mutex_` guards all members, and is never held while a thread waits. One thread at a time
+// receives (is_receiving_): it waits for input without the mutex and hands out what came for everybody; the others
+// wait until it has news for them or steps back.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "client/outstanding.h"
+#include "client/protocol.h"
+#include "client/wake-up.h"
+
+namespace client
+{
+
+class client
+{
+  public:
+    explicit client(std::string path) : path_(std::move(path)) {}
+
+    // ATS_OK, or ATS_NO_MEMORY when descriptors are used up.
+    ats_status_t open() { return wake_up_.open() ? ATS_OK : ATS_NO_MEMORY; }
+
+    // `body` is the question without its id, see client/protocol.h.
+    ats_answer_t ask(const ats_options_t& options, const std::string& body);
+    ats_status_t submit(const ats_options_t& options, uint64_t tag, const std::string& body);
+
+    int descriptor() const { return wake_up_.fd(); }
+    size_t collect(ats_answer_t* answers, size_t capacity);
+    size_t wait(ats_answer_t* answers, size_t capacity, clock::time_point deadline);
+
+    ats_status_t begin_request(const std::string& body, clock::time_point deadline);
+    ats_status_t next_request_line(clock::time_point deadline, std::string& line);
+
+  private:
+    using lock = std::unique_lock<std::mutex>;
+
+    uint64_t new_id() { return ++last_id_; }
+    ats_status_t send(lock& held, uint64_t id, question question, clock::time_point deadline);
+    void greet();
+    ats_status_t connect(lock& held, clock::time_point deadline);
+    ats_status_t drain_output(lock& held, clock::time_point deadline);
+    template <class condition_t>
+    bool wait_until(lock& held, clock::time_point deadline, condition_t is_reached);
+    void receive(lock& held, clock::time_point deadline);
+    void take_input(connection::outcome outcome);
+    void take_input_without_waiting();
+    void take_hello(std::string_view line);
+    void take_line(std::string_view line);
+    void take_request_line(std::string_view line);
+    void lose_protocol(const std::string& reason);
+    void broken();
+    void end_overdue();
+    void end_all(ats_status_t status, const std::string& reason);
+    void end(uint64_t id, const ats_answer_t& answer);
+    size_t hand_out(ats_answer_t* answers, size_t capacity);
+    void watch();
+
+    const std::string path_;
+    std::mutex mutex_;
+    std::condition_variable news_;
+    bool is_receiving_ = false;
+    connection connection_;
+    bool is_greeted_ = false; // the service has answered our hello
+    uint64_t last_id_ = 0;
+    outstanding outstanding_;
+    std::map<uint64_t, ats_answer_t> blocking_answers_; // for the threads that wait for them
+    std::deque<ats_answer_t> completions_;              // of submissions
+    size_t submissions_ = 0;                            // that are outstanding
+
+    uint64_t request_id_ = 0; // the program's own request, 0: none
+    std::deque<std::string> request_lines_;
+    ats_answer_t request_end_{};
+
+    wake_up wake_up_;
+};
+
+} // namespace client

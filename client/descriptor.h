@@ -1,0 +1,36 @@
+// A file descriptor that is closed with its owner.
+#pragma once
+
+#include <unistd.h>
+#include <utility>
+
+namespace client
+{
+
+class descriptor
+{
+  public:
+    explicit descriptor(int fd = -1) : fd_(fd) {}
+    ~descriptor() { reset(); }
+    descriptor(descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    descriptor& operator=(descriptor&& other) noexcept
+    {
+        if (this == &other) return *this;
+        reset();
+        fd_ = std::exchange(other.fd_, -1);
+        return *this;
+    }
+
+    bool is_open() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    void reset()
+    {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    int fd_;
+};
+
+} // namespace client

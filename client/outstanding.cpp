@@ -1,0 +1,54 @@
+#include "client/outstanding.h"
+
+#include <algorithm>
+
+namespace client
+{
+
+question* outstanding::find(uint64_t id)
+{
+    const auto entry = questions_.find(id);
+    return entry == questions_.end() ? nullptr : &entry->second;
+}
+
+void outstanding::add(uint64_t id, question question)
+{
+    deadlines_.emplace(question.deadline, id);
+    questions_.emplace(id, std::move(question));
+}
+
+std::optional<question> outstanding::take(uint64_t id)
+{
+    const auto entry = questions_.find(id);
+    if (entry == questions_.end()) return std::nullopt;
+    deadlines_.erase({entry->second.deadline, id});
+    question taken = std::move(entry->second);
+    questions_.erase(entry);
+    return taken;
+}
+
+std::vector<uint64_t> outstanding::overdue(clock::time_point now) const
+{
+    std::vector<uint64_t> ids;
+    for (const auto& [deadline, id] : deadlines_) {
+        if (deadline > now) break;
+        ids.push_back(id);
+    }
+    return ids;
+}
+
+// In the order of asking.
+std::vector<uint64_t> outstanding::all() const
+{
+    std::vector<uint64_t> ids;
+    for (const auto& [id, question] : questions_) ids.push_back(id);
+    std::ranges::sort(ids);
+    return ids;
+}
+
+clock::time_point outstanding::first_deadline() const
+{
+    return deadlines_.empty() ? clock::time_point::max() : deadlines_.begin()->first;
+}
+
+} // namespace client

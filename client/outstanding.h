@@ -1,0 +1,47 @@
+// The questions that wait for their answer, and when each one's time is over.
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "client/connection.h"
+
+namespace client
+{
+
+enum class asker { blocking_call, submission, request };
+
+struct question {
+    asker kind;
+    uint64_t tag = 0; // of a submission
+    clock::time_point deadline;
+    std::string line;        // as sent
+    bool was_resent = false; // on a second connection, after the first one broke
+};
+
+class outstanding
+{
+  public:
+    bool is_empty() const { return questions_.empty(); }
+    question* find(uint64_t id);
+    void add(uint64_t id, question question);
+
+    // Takes a question out, whose answer or end has come.
+    std::optional<question> take(uint64_t id);
+
+    // The ids of those whose time is over, and of all.
+    std::vector<uint64_t> overdue(clock::time_point now) const;
+    std::vector<uint64_t> all() const;
+
+    // The first deadline; the far future if nothing is outstanding.
+    clock::time_point first_deadline() const;
+
+  private:
+    std::unordered_map<uint64_t, question> questions_;
+    std::set<std::pair<clock::time_point, uint64_t>> deadlines_;
+};
+
+} // namespace client

@@ -1,0 +1,241 @@
+"""Asks the InfiniBand address translation service of this machine: which port GID owns an IPv4 address, and the other
+way round.
+
+    import ats
+    with ats.Client() as client:
+        print(client.resolve("10.0.0.2").gid)
+
+Asynchronous, in any number:
+
+    async with ats.AsyncClient() as client:
+        answers = await asyncio.gather(*(client.resolve(address) for address in addresses))
+"""
+
+from __future__ import annotations
+
+import asyncio
+import ctypes
+import enum
+import ipaddress
+import json
+from dataclasses import dataclass
+from typing import Any, Optional, Union
+
+from . import _library as library
+
+__all__ = ["Answer", "AsyncClient", "Client", "Error", "Invalid", "NoAnswer", "NotConnected", "NotFound", "Refused", "Source",
+           "default_socket"]
+
+Address = Union[str, ipaddress.IPv4Address]
+Gid = Union[str, ipaddress.IPv6Address]
+DEFAULT_TIMEOUT = 5.0
+
+
+class Error(Exception):
+    """The question has no answer. str() says why, in one line."""
+
+
+class NotFound(Error):
+    """The SA names no owner, or the cache does not know (cached_only)."""
+
+
+class NoAnswer(Error):
+    """Neither the SA nor the service answered in time."""
+
+
+class Refused(Error):
+    """The service, or the SA, refused the question."""
+
+
+class NotConnected(Error):
+    """No service listens, or it went away before it answered."""
+
+
+class Invalid(Error):
+    """An argument is wrong, or the service's answer makes no sense."""
+
+
+ERRORS = {1: NotFound, 2: NoAnswer, 3: Refused, 4: NotConnected, 5: Invalid}
+
+
+class Source(enum.Enum):
+    NONE = 0
+    CACHE = 1
+    SA = 2
+
+
+@dataclass(frozen=True)
+class Answer:
+    address: ipaddress.IPv4Address
+    gid: ipaddress.IPv6Address
+    source: Source
+    seconds: float  # how long the service took
+    verified: Optional[bool]  # of verify=True: whether the SA agrees; None: not known
+
+
+def error_of(status: int, reason: str) -> Exception:
+    if status == 6:
+        return MemoryError(reason)
+    return ERRORS.get(status, Error)(reason)
+
+
+def answer_of(raw: library.Answer) -> Answer:
+    """The answer, or its error raised."""
+    if raw.status != 0:
+        raise error_of(raw.status, raw.reason.decode(errors="replace"))
+    return Answer(ipaddress.IPv4Address(ctypes.string_at(ctypes.byref(raw, library.Answer.address.offset), 4)),
+                  ipaddress.IPv6Address(bytes(raw.gid)), Source(raw.source), raw.microseconds / 1e6,
+                  None if raw.verified < 0 else bool(raw.verified))
+
+
+def address_word(address: Address) -> int:
+    """The address as the library takes it: four bytes in network order, read as a number of this machine."""
+    try:
+        return ctypes.c_uint32.from_buffer_copy(ipaddress.IPv4Address(address).packed).value
+    except ValueError as error:
+        raise Invalid(str(error)) from None
+
+
+def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
+    """The GID as 16 bytes. A text is written like an IPv6 address, or as 0x and up to 32 hexadecimal digits."""
+    try:
+        if isinstance(gid, str) and gid[:2].lower() == "0x":
+            packed = int(gid, 16).to_bytes(16, "big")
+        else:
+            packed = ipaddress.IPv6Address(gid).packed
+    except (ValueError, OverflowError) as error:
+        raise Invalid(str(error)) from None
+    return (ctypes.c_uint8 * 16).from_buffer_copy(packed)
+
+
+def make_options(cached_only: bool, verify: bool, timeout: float, host: Optional[str]) -> library.Options:
+    flags = (1 if cached_only else 0) | (2 if verify else 0)
+    return library.Options(ctypes.sizeof(library.Options), flags, int(timeout * 1000), 0, host.encode() if host else None)
+
+
+def default_socket() -> str:
+    path = ctypes.create_string_buffer(4096)
+    library.lib.ats_default_socket(path, len(path))
+    return path.value.decode()
+
+
+def last_error() -> str:
+    return library.lib.ats_last_error().decode(errors="replace")
+
+
+class Base:
+    """What both clients share: the library's client, and its end."""
+
+    def __init__(self, socket: Optional[str] = None) -> None:
+        self._client = ctypes.c_void_p()
+        status = library.lib.ats_open(ctypes.byref(self._client), socket.encode() if socket else None)
+        if status != 0:
+            raise error_of(status, last_error())
+
+    def close(self) -> None:
+        client, self._client = self._client, ctypes.c_void_p()
+        library.lib.ats_close(client)
+
+    def __del__(self) -> None:
+        if getattr(self, "_client", None):
+            self.close()
+
+
+class Client(Base):
+    """Blocking calls. Any number of threads may use one client."""
+
+    def __enter__(self) -> Client:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
+                timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
+        """Finds the GID that owns an IPv4 address. `timeout` is in seconds."""
+        options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
+        library.lib.ats_resolve(self._client, address_word(address), ctypes.byref(options), ctypes.byref(answer))
+        return answer_of(answer)
+
+    def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False, timeout: float = DEFAULT_TIMEOUT,
+                host: Optional[str] = None) -> Answer:
+        """Finds the IPv4 address that a GID owns."""
+        options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
+        library.lib.ats_reverse(self._client, gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
+        return answer_of(answer)
+
+    def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
+        """Sends any request of docs/protocol.md, as in {"request": "status"}, and returns its answer."""
+        line = ctypes.c_void_p()
+        status = library.lib.ats_request(self._client, json.dumps(request).encode(), int(timeout * 1000), ctypes.byref(line))
+        if status != 0:
+            raise error_of(status, last_error())
+        try:
+            answer = json.loads(ctypes.string_at(line))
+        finally:
+            library.lib.ats_free(line)
+        if "error" in answer:
+            raise Refused(answer["error"])
+        return answer
+
+
+class AsyncClient(Base):
+    """The same questions for asyncio. Use it in one event loop."""
+
+    def __init__(self, socket: Optional[str] = None) -> None:
+        super().__init__(socket)
+        self._waiting: dict[int, asyncio.Future[Answer]] = {}
+        self._last_tag = 0
+        self._loop: Optional[asyncio.AbstractEventLoop] = None
+
+    async def __aenter__(self) -> AsyncClient:
+        return self
+
+    async def __aexit__(self, *_: object) -> None:
+        self.close()
+
+    def close(self) -> None:
+        if self._loop and self._client:
+            self._loop.remove_reader(library.lib.ats_descriptor(self._client))
+        for future in self._waiting.values():
+            future.cancel()
+        self._waiting.clear()
+        super().close()
+
+    async def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
+                      timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
+        """Finds the GID that owns an IPv4 address."""
+        options = make_options(cached_only, verify, timeout, host)
+        return await self._submit(library.lib.ats_submit_resolve, address_word(address), options)
+
+    async def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False,
+                      timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
+        """Finds the IPv4 address that a GID owns."""
+        options = make_options(cached_only, verify, timeout, host)
+        return await self._submit(library.lib.ats_submit_reverse, gid_bytes(gid), options)
+
+    async def _submit(self, call: Any, subject: Any, options: library.Options) -> Answer:
+        if self._loop is None:
+            self._loop = asyncio.get_running_loop()
+            self._loop.add_reader(library.lib.ats_descriptor(self._client), self._collect)
+        self._last_tag += 1
+        tag = self._last_tag
+        status = call(self._client, subject, ctypes.byref(options), tag)
+        if status != 0:
+            raise error_of(status, last_error())
+        self._waiting[tag] = future = self._loop.create_future()
+        try:
+            return await future
+        finally:
+            self._waiting.pop(tag, None)
+
+    def _collect(self) -> None:
+        answers = (library.Answer * 64)()
+        for raw in answers[:library.lib.ats_collect(self._client, answers, len(answers))]:
+            future = self._waiting.get(raw.tag)
+            if future is None or future.done():
+                continue
+            try:
+                future.set_result(answer_of(raw))
+            except Exception as error:  # the caller's error, raised where it awaits
+                future.set_exception(error)

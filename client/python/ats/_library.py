@@ -1,0 +1,47 @@
+"""The C library as ctypes sees it. The layouts are those of ats/client.h."""
+
+import ctypes
+import os
+
+
+class Options(ctypes.Structure):
+    _fields_ = [("size", ctypes.c_uint32), ("flags", ctypes.c_uint32), ("timeout_ms", ctypes.c_int32),
+                ("reserved", ctypes.c_uint32), ("host", ctypes.c_char_p)]
+
+
+class Answer(ctypes.Structure):
+    _fields_ = [("tag", ctypes.c_uint64), ("status", ctypes.c_int), ("source", ctypes.c_int), ("verified", ctypes.c_int32),
+                ("address", ctypes.c_uint32), ("gid", ctypes.c_uint8 * 16), ("microseconds", ctypes.c_uint64),
+                ("reason", ctypes.c_char * 160), ("reserved", ctypes.c_uint64 * 4)]
+
+
+def load() -> ctypes.CDLL:
+    """Loads the library by its soname, or from $ATS_CLIENT_LIBRARY."""
+    name = os.environ.get("ATS_CLIENT_LIBRARY", "libatsclient.so.1")
+    try:
+        library = ctypes.CDLL(name, use_errno=False)
+    except OSError as error:
+        raise ImportError(f"cannot load {name}: install libatsclient ({error})") from None
+    client, options, answer = ctypes.c_void_p, ctypes.POINTER(Options), ctypes.POINTER(Answer)
+    address, gid, size = ctypes.c_uint32, ctypes.POINTER(ctypes.c_uint8), ctypes.c_size_t
+    calls = {
+        "ats_open": (ctypes.c_int, [ctypes.POINTER(client), ctypes.c_char_p]),
+        "ats_close": (None, [client]),
+        "ats_resolve": (ctypes.c_int, [client, address, options, answer]),
+        "ats_reverse": (ctypes.c_int, [client, gid, options, answer]),
+        "ats_submit_resolve": (ctypes.c_int, [client, address, options, ctypes.c_uint64]),
+        "ats_submit_reverse": (ctypes.c_int, [client, gid, options, ctypes.c_uint64]),
+        "ats_descriptor": (ctypes.c_int, [client]),
+        "ats_collect": (size, [client, answer, size]),
+        "ats_request": (ctypes.c_int, [client, ctypes.c_char_p, ctypes.c_int, ctypes.POINTER(ctypes.c_void_p)]),
+        "ats_free": (None, [ctypes.c_void_p]),
+        "ats_last_error": (ctypes.c_char_p, []),
+        "ats_default_socket": (size, [ctypes.c_char_p, size]),
+    }
+    for name, (result, arguments) in calls.items():
+        call = getattr(library, name)
+        call.restype, call.argtypes = result, arguments
+    return library
+
+
+lib = load()

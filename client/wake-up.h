@@ -1,0 +1,32 @@
+// The descriptor of a client that programs poll. It is readable when the connection has news, when there are answers
+// to collect, or when a question's time is over.
+#pragma once
+
+#include "client/connection.h"
+
+namespace client
+{
+
+class wake_up
+{
+  public:
+    // False: descriptors are used up.
+    bool open();
+    int fd() const { return epoll_.get(); }
+
+    // Adds a new connection's socket. Closing the socket removes it.
+    void watch_socket(int socket);
+
+    // Says what to wake for from now on.
+    void set(int socket, bool has_unsent, bool has_answers, clock::time_point first_deadline);
+
+  private:
+    descriptor epoll_;
+    descriptor timer_;
+    descriptor answers_;
+    bool has_unsent_ = false;
+    bool has_answers_ = false;
+    clock::time_point alarm_ = clock::time_point::max();
+};
+
+} // namespace client
