@@ -7,7 +7,7 @@
 #include "cli/check.h"
 #include "cli/client/client-commands.h"
 #include "cli/demo/demo.h"
-#include "cli/service/run.h"
+#include "cli/run.h"
 #include "console/errors.h"
 #include "console/usage.h"
 #include "host/world/printable.h"

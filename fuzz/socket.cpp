@@ -3,8 +3,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "cli/service/server.h"
+#include "cli/server/server.h"
 #include "fuzz/one-host.h"
+#include "tools/clients/raw-connection.h"
 
 namespace
 {
@@ -25,7 +26,8 @@ struct service {
     std::unique_ptr<cli::running_hosts> hosts =
         cli::running_hosts::build(config(), world::default_module_folder()).value();
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
-    std::unique_ptr<cli::server> server = cli::server::start(*hosts, cli::listening_socket::open(path).value()).value();
+    std::unique_ptr<cli::server> server =
+        cli::server::start(*hosts, cli::listening_socket::open(path, false).value(), {}).value();
 };
 
 void send_all(int socket, const uint8_t* bytes, size_t size)
@@ -43,10 +45,10 @@ void send_all(int socket, const uint8_t* bytes, size_t size)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static service service;
-    const cli::descriptor client = cli::connect_to(service.path).value();
-    send_all(client.get(), bytes, size);
-    shutdown(client.get(), SHUT_WR);
+    const raw_connection client(service.path, size % 8 != 0); // some inputs begin before the hello
+    send_all(client.fd(), bytes, size);
+    shutdown(client.fd(), SHUT_WR);
     char answers[4096];
-    while (recv(client.get(), answers, sizeof answers, 0) > 0) continue;
+    while (recv(client.fd(), answers, sizeof answers, 0) > 0) continue;
     return 0;
 }

@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include <fmt/format.h>
+
 #include "cli/socket/service-origin.h"
 #include "console/errors.h"
 #include "console/gids.h"
@@ -16,16 +18,32 @@ namespace
 
 using ats::error_kind;
 
-std::chrono::milliseconds half_timeout(const client_options& options)
+int half_timeout_ms(const client_options& options)
 {
-    return std::chrono::milliseconds(static_cast<int64_t>(options.timeout_seconds * 1000 / 2));
+    return static_cast<int>(options.timeout_seconds * 1000 / 2);
 }
 
-ats::result<line_channel> open_channel(const client_options& options, std::chrono::milliseconds patience)
+// What a failed call of the library means to a person, and what to do about it. `is_asked`: the request had been sent.
+ats::error library_error(const client_options& options, ats_status_t status, bool is_asked)
 {
-    ats::result<descriptor> socket = connect_to(options.socket, patience);
-    if (!socket) return ats::pass_on(socket);
-    return line_channel(std::move(*socket));
+    const std::string service = "the service on " + options.socket;
+    switch (status) {
+    case ATS_NO_ANSWER: {
+        const std::string seconds = fmt::format("{:g} s", options.timeout_seconds);
+        return {error_kind::unreachable,
+                service + " gives no sign of life for " + seconds + ": " + how_to_wake(options.socket)};
+    }
+    case ATS_NOT_CONNECTED:
+        if (is_asked) return {error_kind::unreachable, service + " hung up: " + where_to_look(options.socket)};
+        return {error_kind::unreachable, fmt::format("{} ({})", ats_last_error(), how_to_start(options.socket))};
+    case ATS_INVALID:
+        return {error_kind::unreachable,
+                "what listens on " + options.socket + " is no 'ats run': name another --socket"};
+    case ATS_REFUSED:
+        return {error_kind::unreachable, ats_last_error()};
+    default:
+        return ats::error(ats_last_error());
+    }
 }
 
 } // namespace
@@ -70,13 +88,11 @@ json with_gid_format(json answer, const client_options& options)
     return answer;
 }
 
-client::client(const client_options& options, line_channel channel) : options_(options), channel_(std::move(channel)) {}
-
 ats::result<client> client::open(const client_options& options)
 {
-    ats::result<line_channel> channel = open_channel(options, 2 * half_timeout(options));
-    if (!channel) return ats::pass_on(channel);
-    return client(options, std::move(*channel));
+    ats_client_t* library = nullptr;
+    if (ats_open(&library, options.socket.c_str()) != ATS_OK) return ats::fail(error_kind::invalid, ats_last_error());
+    return client(options, library_client(library));
 }
 
 ats::result<json> client::ask(json request)
@@ -88,7 +104,8 @@ ats::result<json> client::ask(json request)
     } catch (const json::type_error&) {
         return ats::fail(error_kind::invalid, "an argument holds bytes that are no text (UTF-8)");
     }
-    channel_.write(line); // if this fails, next() fails too
+    const ats_status_t status = ats_request_begin(library_.get(), line.c_str(), 2 * half_timeout_ms(options_));
+    if (status != ATS_OK) return tl::make_unexpected(library_error(options_, status, false));
     return next();
 }
 
@@ -102,31 +119,25 @@ ats::result<json> client::ask_accepted(json request)
 
 ats::result<json> client::next()
 {
-    using arrival = line_channel::arrival;
-    std::string line;
-    arrival reading = channel_.read(line, half_timeout(options_));
-    while (reading == arrival::silent) {
-        if (!is_alive()) return tl::make_unexpected(no_sign_of_life(options_.socket, 2 * half_timeout(options_)));
-        reading = channel_.read(line, half_timeout(options_));
-    }
-    if (reading == arrival::gone)
-        return ats::fail(error_kind::unreachable,
-                         "the service on " + options_.socket + " hung up: " + where_to_look(options_.socket));
-    json answer = json::parse(line, nullptr, false);
-    if (!answer.is_object())
-        return ats::fail(error_kind::unreachable,
-                         "what listens on " + options_.socket + " is no 'ats run': name another --socket");
-    return answer;
+    char* line = nullptr;
+    ats_status_t status = ATS_NO_ANSWER;
+    while ((status = ats_request_next(library_.get(), half_timeout_ms(options_), &line)) == ATS_NO_ANSWER)
+        if (!is_alive()) break;
+    if (status != ATS_OK) return tl::make_unexpected(library_error(options_, status, true));
+    const std::unique_ptr<char, decltype(&ats_free)> owner(line, ats_free);
+    return json::parse(line);
 }
 
 // A refusal and a hang-up are signs of life too.
 bool client::is_alive() const
 {
-    ats::result<line_channel> channel = open_channel(options_, half_timeout(options_));
-    if (!channel) return false;
-    std::string line;
-    channel->write(R"({"request":"ping"})");
-    return channel->read(line, half_timeout(options_)) != line_channel::arrival::silent;
+    const ats::result<client> second = open(options_);
+    if (!second) return false;
+    char* answer = nullptr;
+    const int patience_ms = half_timeout_ms(options_);
+    const ats_status_t status = ats_request(second->library_.get(), R"({"request":"ping"})", patience_ms, &answer);
+    ats_free(answer);
+    return status != ATS_NO_ANSWER;
 }
 
 void show_answer(const client_options& options, const json& answer, show_text_t show_text)

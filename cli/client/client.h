@@ -1,7 +1,6 @@
 // What every client command shares: the socket, the host that it asks, and how it shows answers.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -10,7 +9,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "cli/socket/socket.h"
+#include "client/ats/client.h"
+#include "client/socket-path.h"
 #include "host/result.h"
 
 namespace cli
@@ -19,7 +19,7 @@ namespace cli
 using json = nlohmann::json;
 
 struct client_options {
-    std::string socket = default_socket_path();
+    std::string socket = ::client::default_socket_path();
     std::string host; // "": the first
     bool as_json = false;
     std::string gid_format = "hex"; // of text, "hex" or "ipv6"
@@ -42,9 +42,9 @@ void set_client_action(CLI::App& command, ats::result<int>& outcome, std::functi
 // The answer with its GIDs in the notation that --gid-format asks for.
 json with_gid_format(json answer, const client_options& options);
 
-// One conversation with the service. An answer may take long: the SA may be silent, or a followed log has no new line.
-// If the service says nothing for half the timeout, the client pings it on a second connection. It waits as long as the
-// service answers that. If not, the call fails with an error of kind `unreachable`.
+// One conversation with the service, through libatsclient. An answer may take long: the SA may be silent, or a followed
+// log has no new line. If the service says nothing for half the timeout, the client pings it on a second connection. It
+// waits as long as the service answers that. If not, the call fails with an error of kind `unreachable`.
 class client
 {
   public:
@@ -60,11 +60,16 @@ class client
     ats::result<json> next();
 
   private:
-    client(const client_options& options, line_channel channel);
+    struct closing {
+        void operator()(ats_client_t* client) const { ats_close(client); }
+    };
+    using library_client = std::unique_ptr<ats_client_t, closing>;
+
+    client(const client_options& options, library_client library) : options_(options), library_(std::move(library)) {}
     bool is_alive() const;
 
     client_options options_;
-    line_channel channel_;
+    library_client library_;
 };
 
 // One request and its answer, in a conversation of its own. A refusal is an error.

@@ -148,6 +148,40 @@ ats::result<fabric_config> read_fabric(const toml::table& table, const std::stri
     return reader.finish().map([&] { return fabric; });
 }
 
+access_rule read_rule(table_reader& reader, const std::string& key)
+{
+    const ats::result<access_rule> rule = access_rule_of(reader.text(key, "owner"));
+    if (rule) return *rule;
+    reader.refuse(*reader.find(key), rule.error().text);
+    return {};
+}
+
+ats::result<access_rules> read_access(const toml::table& table, const std::string& file)
+{
+    constexpr int highest_level = 5;
+    table_reader reader(table, file);
+    access_rules access;
+    access.questions = read_rule(reader, "questions");
+    access.orders = read_rule(reader, "orders");
+    access.log_level = reader.number("log_level", 0, 0, highest_level);
+    return reader.finish().map([&] { return access; });
+}
+
+ats::result<service_limits> read_limits(const toml::table& table, const std::string& file)
+{
+    constexpr int most = 1'000'000, most_bytes = 1 << 30;
+    table_reader reader(table, file);
+    const auto read = [&](const char* key, size_t& limit, int least, int highest) {
+        limit = static_cast<size_t>(reader.number(key, static_cast<int>(limit), least, highest));
+    };
+    service_limits limits;
+    read("connections", limits.connections, 1, most);
+    read("questions", limits.questions, 1, most);
+    read("line_bytes", limits.line_bytes, 1024, most_bytes);
+    read("unread_bytes", limits.unread_bytes, 65536, most_bytes);
+    return reader.finish().map([&] { return limits; });
+}
+
 // Reads the hosts of the file, for the fabric of `config`. Adds hosts and warnings to it. Stops at a host that is
 // wrong.
 void read_hosts(table_reader& reader, const std::string& file, world_config& config)
@@ -224,6 +258,16 @@ ats::result<world_config> read_world_config(const std::string& path)
         const ats::result<fabric_config> fabric = read_fabric(*table, path);
         if (!fabric) return ats::pass_on(fabric);
         config.fabric = *fabric;
+    }
+    if (const toml::table* table = reader.table("access")) {
+        const ats::result<access_rules> access = read_access(*table, path);
+        if (!access) return ats::pass_on(access);
+        config.access = *access;
+    }
+    if (const toml::table* table = reader.table("limits")) {
+        const ats::result<service_limits> limits = read_limits(*table, path);
+        if (!limits) return ats::pass_on(limits);
+        config.limits = *limits;
     }
     read_hosts(reader, path, config);
     if (const ats::result<> finished = reader.finish(); !finished) return ats::pass_on(finished);

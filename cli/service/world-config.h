@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/service/access.h"
+#include "cli/service/limits.h"
 #include "host/fabric/umad/umad.h"
 #include "host/result.h"
 #include "host/world/host.h"
@@ -29,6 +31,8 @@ struct fabric_config {
 struct world_config {
     std::vector<world::host_plan> hosts = {};
     fabric_config fabric = {};
+    access_rules access = {};
+    service_limits limits = {};
     std::vector<std::string> warnings = {}; // a line for each setting that may be a mistake
 };
 
@@ -43,9 +47,9 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 // `word` is "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
-// Reads a TOML file of [[host]] tables; ats-run(8) lists the keys. Unknown keys, wrong types, names used twice,
-// addresses that no host can have, and numbers out of range are invalid. An error is a line "FILE:LINE: what is wrong
-// and what would be right".
+// Reads a TOML file: [[host]] tables, [fabric], [access] and [limits]; ats-run(8) lists the keys. Unknown keys, wrong
+// types, names used twice, addresses that no host can have, and numbers out of range are invalid. An error is a line
+// "FILE:LINE: what is wrong and what would be right".
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli

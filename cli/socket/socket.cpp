@@ -116,42 +116,11 @@ bool writes_whole(const descriptor& file, const std::string& text)
            write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// True if the process at the other end belongs to this user or to root.
-bool is_trusted(const descriptor& socket)
-{
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
-    return peer.uid == geteuid() || peer.uid == 0;
-}
-
 // The value of an environment variable; null if it is unset or empty.
 const char* variable(const char* name)
 {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
-}
-
-// Limits how long connect() and sends on this socket wait.
-void limit_sending(const descriptor& socket, std::chrono::milliseconds patience)
-{
-    using namespace std::chrono;
-    const auto whole_seconds = duration_cast<seconds>(patience);
-    const timeval limit{whole_seconds.count(), duration_cast<microseconds>(patience - whole_seconds).count()};
-    setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-}
-
-std::string seconds_text(std::chrono::milliseconds time)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%g s", static_cast<double>(time.count()) / 1000);
-    return text;
-}
-
-tl::unexpected<ats::error> foreign_service(const std::string& path)
-{
-    return ats::fail(error_kind::unreachable,
-                     "the service on " + path + " belongs to another user: start your own with 'ats run'");
 }
 
 } // namespace
@@ -200,7 +169,7 @@ path_lock::~path_lock()
     if (lock_.get() >= 0) unlink(file_.c_str()); // otherwise moved from
 }
 
-ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std::string& path)
+ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std::string& path, bool is_for_all)
 {
     const ats::result<sockaddr_un> address = socket_address(path);
     if (!address) return ats::pass_on(address);
@@ -211,6 +180,9 @@ ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std:
     if (!socket) return ats::pass_on(socket);
     if (!binds_privately(*socket, *address))
         return ats::fail(error_kind::invalid, "cannot create the socket " + path + reason() + choose_another);
+    constexpr mode_t everyone = 0666; // the service asks the kernel who a client is
+    if (is_for_all && chmod(path.c_str(), everyone) != 0)
+        return ats::fail("cannot open the socket " + path + " to other users" + reason());
     std::unique_ptr<listening_socket> bound(new listening_socket(path, std::move(*lock), std::move(*socket)));
     if (listen(bound->socket_.get(), SOMAXCONN) != 0) return ats::fail("cannot listen on " + path + reason());
     return bound;
@@ -227,92 +199,9 @@ listening_socket::~listening_socket()
     unlink(path_.c_str());
 }
 
-std::optional<descriptor> listening_socket::accept_client(int stop_fd) const
+descriptor listening_socket::duplicate() const
 {
-    constexpr int pause_ms = 100;
-    while (true) {
-        pollfd events[] = {{socket_.get(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
-        if (poll(events, 2, -1) < 0) continue; // interrupted
-        if (events[1].revents != 0) return std::nullopt;
-        descriptor client(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (client.get() < 0) {
-            if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) continue;
-            poll(&events[1], 1, pause_ms);
-            return client;
-        }
-        if (is_trusted(client)) return client;
-        line_channel(std::move(client)).write(R"({"error":"this service belongs to another user","exit_code":3})");
-    }
-}
-
-ats::error no_sign_of_life(const std::string& path, std::chrono::milliseconds patience)
-{
-    return {error_kind::unreachable, "the service on " + path + " gives no sign of life for " + seconds_text(patience) +
-                                         ": " + how_to_wake(path)};
-}
-
-ats::result<descriptor> connect_to(const std::string& path, std::chrono::milliseconds patience)
-{
-    const ats::result<sockaddr_un> address = socket_address(path);
-    if (!address) return ats::pass_on(address);
-    ats::result<descriptor> socket = new_socket();
-    if (!socket) return socket;
-    if (patience != no_limit) limit_sending(*socket, patience);
-    if (connects(*socket, *address)) {
-        // Root may ask every user's service. Others may not be deceived by a stranger's process.
-        if (geteuid() != 0 && !is_trusted(*socket)) return foreign_service(path);
-        return socket;
-    }
-    if (errno == EACCES) return foreign_service(path);
-    if (errno == EAGAIN) return tl::make_unexpected(no_sign_of_life(path, patience));
-    const std::string connect_reason = reason(); // before how_to_start() changes errno
-    return ats::fail(error_kind::unreachable,
-                     "no service on " + path + connect_reason + " (" + how_to_start(path) + ")");
-}
-
-std::optional<std::string> line_channel::read()
-{
-    std::string line;
-    if (read(line, no_limit) == arrival::line) return line;
-    return std::nullopt;
-}
-
-line_channel::arrival line_channel::read(std::string& line, std::chrono::milliseconds patience)
-{
-    while (true) {
-        if (const size_t end = unread_.find('\n'); end != std::string::npos) {
-            line = unread_.substr(0, end);
-            unread_.erase(0, end + 1);
-            return arrival::line;
-        }
-        if (unread_.size() > line_limit) return arrival::gone;
-        pollfd wait{socket_.get(), POLLIN, 0};
-        const int ready = poll(&wait, 1, static_cast<int>(patience.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready == 0) return arrival::silent;
-        char piece[4096];
-        const ssize_t length = recv(socket_.get(), piece, sizeof piece, 0);
-        if (length < 0 && errno == EINTR) continue;
-        if (length <= 0) return arrival::gone;
-        unread_.append(piece, static_cast<size_t>(length));
-    }
-}
-
-bool line_channel::write(const std::string& line)
-{
-    std::string rest = line + '\n';
-    while (!rest.empty()) {
-        const ssize_t length = send(socket_.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
-        if (length < 0 && errno == EINTR) continue;
-        if (length <= 0) return false;
-        rest.erase(0, static_cast<size_t>(length));
-    }
-    return true;
-}
-
-void line_channel::hang_up()
-{
-    shutdown(socket_.get(), SHUT_RDWR);
+    return descriptor(fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
 }
 
 } // namespace cli

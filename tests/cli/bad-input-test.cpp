@@ -1,18 +1,19 @@
 // What is wrong gets one clear line and its exit code, and loses nothing.
 #include <algorithm>
+#include <grp.h>
 #include <list>
 #include <optional>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <thread>
 
 #include "cli/socket/socket.h"
 #include "host/exec/sanitizers.h"
 #include "tests/cli/mounting.h"
 #include "tests/cli/program.h"
+#include "tests/client/fake-service.h"
+#include "tools/clients/raw-connection.h"
 
 namespace
 {
@@ -96,14 +97,10 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
 }
 
-// Sends a line that the program would never send, and returns the service's answer, or why there is none.
+// The service's answer to a line that the program would never send.
 std::string answer_to(const std::string& line, const std::string& socket)
 {
-    ats::result<cli::descriptor> connection = cli::connect_to(socket);
-    if (!connection) return connection.error().text;
-    cli::line_channel channel(std::move(*connection));
-    channel.write(line);
-    return channel.read().value_or("(hung up)");
+    return raw_connection(socket).ask(line);
 }
 
 TEST(bad_input, service_survives_clients_without_manners)
@@ -116,8 +113,11 @@ TEST(bad_input, service_survives_clients_without_manners)
         {"", "a request is one JSON object on a line"},
         {"status", "a request is one JSON object on a line"},
         {"[1]", "a request is one JSON object on a line"},
-        {"{}", "does not know the request"},
-        {R"({"request":7})", "malformed"},
+        {"{}", "a request names itself"},
+        {R"({"request":7})", "a request names itself"},
+        {R"({"request":"ping","id":-1})", "an id is an integer from 0"},
+        {R"({"request":"hello","protocol":2})", "this service speaks protocol 1 only"},
+        {std::string("\0\1", 2), "a request is one JSON object on a line"},
         {R"({"request":"fly"})", "does not know the request 'fly'"},
         {R"({"request":"resolve"})", "malformed"},
         {R"({"request":"resolve","address":5})", "malformed"},
@@ -128,12 +128,41 @@ TEST(bad_input, service_survives_clients_without_manners)
         {R"({"request":"link","direction":"sideways"})", "'sideways' is neither 'up' nor 'down'"},
         {R"({"request":"sa","action":"explode"})", "does not know the SA action 'explode'"},
         {R"({"request":"control","command":"set_host_name \u0000\u0001"})", "output"},
-        {std::string(3 << 20, 'x'), "(hung up)"},
+        {std::string(3 << 20, 'x'), "a line has at most 65536 bytes"},
     };
     for (const auto& each : cases)
         EXPECT_THAT(answer_to(each.line, ats.socket()), HasSubstr(each.answer)) << each.line.substr(0, 80);
-    EXPECT_EQ(ats.ask({"set-name", "plain"}).exit_code, 0);
+    raw_connection stranger(ats.socket(), false);
+    EXPECT_THAT(stranger.ask(R"({"request":"ping"})"), HasSubstr("say hello first"));
+    EXPECT_EQ(stranger.read(), "(hung up)");
+    raw_connection hasty(ats.socket(), false); // closes its side before it reads
+    hasty.write(std::string(raw_connection::hello) + "\n{\"request\":\"status\"}\n{\"half\":");
+    shutdown(hasty.fd(), SHUT_WR);
+    EXPECT_THAT(hasty.read(), HasSubstr("protocol"));
+    EXPECT_THAT(hasty.read(), HasSubstr("uptime_seconds"));
+    EXPECT_EQ(hasty.read(), "(hung up)");
+    for (int i = 0; i < 2000; ++i) raw_connection(ats.socket(), false).write("{\"request\":");
+    EXPECT_TRUE(eventually([&] { return ats.ask({"set-name", "plain"}).exit_code == 0; })); // the crowd has gone
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
+}
+
+// A client that reads nothing is cut off, and takes no more of others than its share.
+TEST(bad_input, limits_hold_for_each_user)
+{
+    const scratch_folder folder;
+    write_file(folder / "config", "[limits]\nconnections = 2\nquestions = 3\nunread_bytes = 65536\n[[host]]\naddress = "
+                                  "\"10.0.0.1\"\n");
+    const service ats({"--config", folder / "config"});
+    raw_connection first(ats.socket()), reader(ats.socket());
+    raw_connection third(ats.socket(), false);
+    EXPECT_THAT(third.read(), HasSubstr("this user has 2 connections already"));
+    EXPECT_EQ(third.read(), "(hung up)");
+    first.ask(R"({"request":"sa","action":"silence","state":"on"})");
+    for (int i = 1; i <= 4; ++i)
+        first.write(R"({"request":"resolve","address":"10.0.1.)" + std::to_string(i) + "\",\"id\":4}\n");
+    EXPECT_THAT(first.read(), HasSubstr("this user has 3 questions outstanding already"));
+    for (int i = 0; i < 400; ++i) reader.write("{\"request\":\"status\"}\n");
+    EXPECT_TRUE(eventually([&] { return send(reader.fd(), "\n", 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0; }));
 }
 
 TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_leave)
@@ -148,8 +177,8 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     const std::filesystem::directory_iterator none;
     const auto used = [&] { return std::filesystem::directory_iterator("/proc/" + std::to_string(ats.pid()) + "/fd"); };
     {
-        std::list<cli::descriptor> crowd;
-        for (int i = 0; i < limit; ++i) crowd.push_back(cli::connect_to(ats.socket()).value());
+        std::list<raw_connection> crowd;
+        for (int i = 0; i < limit; ++i) crowd.emplace_back(ats.socket(), false);
         EXPECT_TRUE(eventually([&] { return std::distance(used(), none) >= limit; }));
     }
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
@@ -279,16 +308,16 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
 TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
 {
     const scratch_folder folder;
-    const auto listener = cli::listening_socket::open(folder / "socket").value();
-    const cli::descriptor no_stop(eventfd(0, EFD_CLOEXEC));
     for (const char* nonsense : {R"({"hosts":[{"name":"x"}]})", R"({"error":5})", "{}", "[1]", "status"}) {
-        std::thread answerer([&] {
-            cli::line_channel channel(std::move(listener->accept_client(no_stop.get()).value()));
-            channel.read();
-            channel.write(nonsense);
+        const auto react = client_tests::after_hello([&](const json& request) {
+            json answer = json::parse(nonsense, nullptr, false);
+            if (!answer.is_object()) return client_tests::reaction{std::string(nonsense) + "\n"};
+            answer["id"] = request.at("id");
+            return client_tests::reaction{answer.dump() + "\n"};
         });
+        client_tests::fake_service service(react, 16, folder / "socket");
+        service.serve();
         const program_result result = run_ats({"status", "--host", "x", "--socket", folder / "socket"});
-        answerer.join();
         EXPECT_EQ(result.exit_code, 3) << nonsense;
         EXPECT_THAT(result.err, testing::ContainsRegex("^ats: (the service gave|what listens on)[^\n[]*\n$"));
     }
@@ -297,20 +326,22 @@ TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
 TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
 {
     const scratch_folder folder;
-    const auto first = cli::listening_socket::open(folder / "socket").value();
+    const auto first = cli::listening_socket::open(folder / "socket", false).value();
     std::filesystem::remove(folder / "socket"); // the moment before the first makes its own
-    EXPECT_FALSE(cli::listening_socket::open(folder / "socket"));
+    EXPECT_FALSE(cli::listening_socket::open(folder / "socket", false));
 }
 
-// What `connect_to` says to a process of another user.
-std::string heard_by_another_user(const std::string& socket)
+// What a process of another user is answered; "(not connected)" if the file keeps it out.
+std::string heard_by_another_user(const std::string& socket, const std::string& line)
 {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     const pid_t other = fork();
     if (other == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
-        const std::string message = answer_to(R"({"request":"status"})", socket);
+        constexpr gid_t nogroup = 65534;
+        if (setgroups(0, nullptr) != 0 || setgid(nogroup) != 0 || setuid(65534) != 0) _exit(1);
+        raw_connection connection(socket);
+        const std::string message = connection.is_open() ? connection.ask(line) : "(not connected)";
         _exit(write(ends[1], message.data(), message.size()) == static_cast<ssize_t>(message.size()) ? 0 : 1);
     }
     close(ends[1]);
@@ -321,14 +352,32 @@ std::string heard_by_another_user(const std::string& socket)
     return message;
 }
 
-TEST(bad_input, other_users_are_turned_away_by_the_file_and_by_the_service)
+TEST(bad_input, other_users_may_ask_what_the_configuration_allows)
 {
     if (geteuid() != 0) GTEST_SKIP() << "only root can be two users";
-    const service ats({"--hosts", "1"});
-    chmod((ats.folder / "").c_str(), 0755);
-    EXPECT_THAT(heard_by_another_user(ats.socket()), HasSubstr("belongs to another user"));
-    chmod(ats.socket().c_str(), 0666);
-    EXPECT_THAT(heard_by_another_user(ats.socket()), HasSubstr("this service belongs to another user"));
+    const std::string resolve = R"({"request":"resolve","address":"10.0.0.1"})";
+    const std::string order = R"({"request":"set-name","name":"mine"})";
+    const std::string log = R"({"request":"log","level":1})", all_of_log = R"({"request":"log"})";
+    const struct {
+        std::string access, line, answer;
+    } cases[] = {
+        {"", resolve, "(not connected)"},
+        {"questions = \"everyone\"", resolve, "\"status\":\"ok\""},
+        {"questions = \"everyone\"", order, "'set-name' is an order, and this service takes orders from root only"},
+        {"questions = \"everyone\"", log, "shows its log to those only who may give orders"},
+        {"questions = \"everyone\"\nlog_level = 2", log, "\"line\""},
+        {"questions = \"everyone\"\nlog_level = 2", all_of_log, "shows you its log up to level 2"},
+        {"questions = \"nogroup\"", resolve, "\"status\":\"ok\""},
+        {"questions = \"daemon\"", resolve, "this service answers the group daemon only"},
+        {"orders = \"nogroup\"", order, "\"done\""},
+    };
+    for (const auto& [access, line, answer] : cases) {
+        const scratch_folder folder;
+        write_file(folder / "config", "[access]\n" + access + "\n[[host]]\naddress = \"10.0.0.1\"\n");
+        const service ats({"--config", folder / "config"});
+        chmod((ats.folder / "").c_str(), 0755);
+        EXPECT_THAT(heard_by_another_user(ats.socket(), line), HasSubstr(answer)) << access << ": " << line;
+    }
 }
 
 TEST(bad_input, busy_or_deserted_mount_points_are_refused_and_nobody_else_is_disturbed)

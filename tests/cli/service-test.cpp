@@ -59,7 +59,7 @@ TEST(service, advice_fits_how_it_was_started)
     const std::string path = folder / "socket";
     for (const bool by_systemd : {true, false}) {
         setenv("SYSTEMD_EXEC_PID", by_systemd ? std::to_string(getpid()).c_str() : "1", 1);
-        const auto listener = cli::listening_socket::open(path).value();
+        const auto listener = cli::listening_socket::open(path, false).value();
         EXPECT_EQ(cli::where_to_look(path).starts_with("'journalctl -u "), by_systemd);
         EXPECT_EQ(cli::how_to_wake(path).starts_with("'systemctl status "), by_systemd);
         EXPECT_EQ(cli::how_to_start(path).starts_with("'systemctl status "), by_systemd);

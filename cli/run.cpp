@@ -1,4 +1,4 @@
-#include "cli/service/run.h"
+#include "cli/run.h"
 
 #include <algorithm>
 #include <array>
@@ -10,9 +10,9 @@
 #include <unistd.h>
 
 #include "cli/mount/proc-mount.h"
+#include "cli/server/server.h"
 #include "cli/service/fabric-arguments.h"
 #include "cli/service/running-hosts.h"
-#include "cli/service/server.h"
 #include "cli/service/service-notice.h"
 #include "cli/socket/socket.h"
 #include "console/errors.h"
@@ -135,12 +135,12 @@ ats::result<bool> start(running_hosts& hosts, const stop_signals& signals)
 }
 
 // Serves clients and files until a signal comes.
-ats::result<> serve_clients(const run_options& options, running_hosts& hosts, std::unique_ptr<listening_socket> socket,
-                            const stop_signals& signals)
+ats::result<> serve_clients(const run_options& options, const server_options& rules, running_hosts& hosts,
+                            std::unique_ptr<listening_socket> socket, const stop_signals& signals)
 {
     const ats::result<std::unique_ptr<proc_mount>> files = mount(options.mount, hosts);
     if (!files) return ats::pass_on(files);
-    const ats::result<std::unique_ptr<server>> server = server::start(hosts, std::move(socket));
+    const ats::result<std::unique_ptr<server>> server = server::start(hosts, std::move(socket), rules);
     if (!server) return ats::pass_on(server);
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
@@ -158,7 +158,8 @@ ats::result<int> run(const run_options& options)
         std::cerr << "ats: warning: " << world::printable_lines(warning) << std::endl;
     const stop_signals signals;
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
-    ats::result<std::unique_ptr<listening_socket>> socket = listening_socket::open(options.socket);
+    ats::result<std::unique_ptr<listening_socket>> socket =
+        listening_socket::open(options.socket, config->access.is_open_to_others());
     if (!socket) return ats::pass_on(socket);
     const ats::result<std::unique_ptr<running_hosts>> hosts = running_hosts::build(*config, options.modules);
     if (!hosts) return ats::pass_on(hosts);
@@ -169,7 +170,8 @@ ats::result<int> run(const run_options& options)
         signals.wait();
         return unload(**hosts);
     }
-    const ats::result<> served = serve_clients(options, **hosts, std::move(*socket), signals);
+    const ats::result<> served =
+        serve_clients(options, {config->access, config->limits}, **hosts, std::move(*socket), signals);
     if (!served) return ats::pass_on(served);
     const int exit_code = unload(**hosts);
     if (!exec::reserve::is_used()) return exit_code;

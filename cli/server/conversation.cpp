@@ -1,0 +1,185 @@
+#include "cli/server/conversation.h"
+
+#include <array>
+
+namespace cli
+{
+
+namespace
+{
+
+// Beyond so many unread bytes the service reads no further requests of a client.
+constexpr size_t congestion_bytes = size_t{256} << 10;
+
+conversation& self_of(void* data)
+{
+    return *static_cast<conversation*>(data);
+}
+
+} // namespace
+
+conversation::conversation(owner& owner, uv_loop_t* loop, uint64_t number, const service_limits& limits)
+    : owner_(owner), number_(number), limits_(limits)
+{
+    uv_pipe_init(loop, &pipe_, 0);
+    pipe_.data = this;
+    write_.data = this;
+}
+
+bool conversation::accept(uv_stream_t* listener)
+{
+    uv_os_fd_t fd = -1;
+    const bool is_accepted = uv_accept(listener, reinterpret_cast<uv_stream_t*>(&pipe_)) == 0 &&
+                             uv_fileno(reinterpret_cast<uv_handle_t*>(&pipe_), &fd) == 0;
+    const std::optional<cli::peer> peer = is_accepted ? peer_of(fd) : std::nullopt;
+    if (!peer) {
+        cut_off();
+        return false;
+    }
+    peer_ = *peer;
+    set_reading();
+    return true;
+}
+
+// ---- input ----
+
+// Reads while there is nothing that must be finished first.
+void conversation::set_reading()
+{
+    const bool should_read = !is_ending_ && !is_closed_ && !has_input_ended_ && !is_paused_ && !is_congested();
+    if (should_read == is_reading_) return;
+    is_reading_ = should_read;
+    auto* stream = reinterpret_cast<uv_stream_t*>(&pipe_);
+    if (!should_read) {
+        uv_read_stop(stream);
+        return;
+    }
+    // The loop has one thread, so one buffer serves all connections.
+    const auto give_buffer = [](uv_handle_t*, size_t, uv_buf_t* buffer) {
+        static std::array<char, size_t{1} << 16> shared;
+        *buffer = uv_buf_init(shared.data(), static_cast<unsigned>(shared.size()));
+    };
+    uv_read_start(stream, give_buffer, [](uv_stream_t* source, ssize_t size, const uv_buf_t* buffer) {
+        conversation& self = self_of(source->data);
+        if (size == UV_EOF)
+            self.take_end();
+        else if (size < 0)
+            self.cut_off();
+        else
+            self.take_input(buffer->base, static_cast<size_t>(size));
+    });
+}
+
+void conversation::take_input(const char* bytes, size_t size)
+{
+    input_.append(bytes, size);
+    take_lines();
+}
+
+// A client may close its side and still read its answers.
+void conversation::take_end()
+{
+    has_input_ended_ = true;
+    set_reading();
+    owner_.input_ended(*this);
+    end_if_done();
+}
+
+void conversation::end_if_done()
+{
+    if (has_input_ended_ && outstanding == 0 && !is_paused_ && input_.find('\n') == std::string::npos) hang_up();
+}
+
+void conversation::take_lines()
+{
+    if (is_taking_lines_) return; // a line's answer led here: the loop below goes on
+    is_taking_lines_ = true;
+    size_t end = 0;
+    while (!is_ending_ && !is_paused_ && !is_congested() && (end = input_.find('\n', taken_)) != std::string::npos) {
+        const std::string_view line = std::string_view(input_).substr(taken_, end - taken_);
+        taken_ = end + 1;
+        owner_.take_line(*this, line);
+    }
+    is_taking_lines_ = false;
+    input_.erase(0, taken_);
+    taken_ = 0;
+    const bool has_endless_line = input_.size() > limits_.line_bytes && input_.find('\n') == std::string::npos;
+    if (has_endless_line && !is_ending_) {
+        input_.clear();
+        owner_.line_too_long(*this);
+        hang_up();
+    }
+    set_reading();
+    end_if_done();
+}
+
+void conversation::resume()
+{
+    is_paused_ = false;
+    take_lines();
+}
+
+// ---- output ----
+
+bool conversation::is_congested() const
+{
+    return unsent_.size() + sending_.size() > congestion_bytes;
+}
+
+void conversation::send(std::string_view line)
+{
+    if (is_closed_) return;
+    if (unsent_.empty()) owner_.has_unsent(*this);
+    unsent_ += line;
+    unsent_ += '\n';
+    if (unsent_.size() + sending_.size() > limits_.unread_bytes) cut_off();
+}
+
+void conversation::flush()
+{
+    if (is_closed_ || is_writing_ || unsent_.empty()) return;
+    auto* stream = reinterpret_cast<uv_stream_t*>(&pipe_);
+    uv_buf_t buffer = uv_buf_init(unsent_.data(), static_cast<unsigned>(unsent_.size()));
+    const int sent = uv_try_write(stream, &buffer, 1);
+    if (sent < 0 && sent != UV_EAGAIN) return cut_off();
+    unsent_.erase(0, static_cast<size_t>(std::max(sent, 0)));
+    if (unsent_.empty()) return written(0);
+    sending_.swap(unsent_);
+    buffer = uv_buf_init(sending_.data(), static_cast<unsigned>(sending_.size()));
+    is_writing_ = true;
+    uv_write(&write_, stream, &buffer, 1,
+             [](uv_write_t* request, int status) { self_of(request->data).written(status); });
+}
+
+void conversation::written(int status)
+{
+    is_writing_ = false;
+    sending_.clear();
+    if (is_closed_) return;
+    if (status < 0) return cut_off();
+    if (!unsent_.empty()) return flush();
+    if (is_ending_) return cut_off();
+    owner_.became_writable(*this);
+    take_lines();
+}
+
+// ---- the end ----
+
+void conversation::hang_up()
+{
+    is_ending_ = true;
+    if (unsent_.empty() && !is_writing_) cut_off();
+}
+
+void conversation::cut_off()
+{
+    is_ending_ = true;
+    if (is_closed_) return;
+    is_closed_ = true;
+    uv_close(reinterpret_cast<uv_handle_t*>(&pipe_), [](uv_handle_t* handle) {
+        conversation& self = self_of(handle->data);
+        self.owner_.ended(self);
+    });
+}
+
+} // namespace cli

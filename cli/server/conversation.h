@@ -1,0 +1,89 @@
+// One connection of a client: lines in, lines out, within the limits. Lives in the event loop's thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "cli/service/access.h"
+#include "cli/service/limits.h"
+
+#include "cli/server/libuv.h"
+
+namespace cli
+{
+
+class conversation
+{
+  public:
+    // What the server does for a conversation.
+    struct owner {
+        virtual ~owner() = default;
+        virtual void take_line(conversation& source, std::string_view line) = 0;
+        virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the answer
+        virtual void input_ended(conversation& source) = 0;     // the client sends nothing more
+        virtual void became_writable(conversation& source) = 0; // what was queued has been sent
+        virtual void ended(conversation& source) = 0;           // its handle is closed: it may be destroyed
+        virtual void has_unsent(conversation& source) = 0;      // flush() it at the end of this round
+    };
+
+    conversation(owner& owner, uv_loop_t* loop, uint64_t number, const service_limits& limits);
+    conversation(const conversation&) = delete;
+    conversation& operator=(const conversation&) = delete;
+
+    // Takes over the connection that waits at `listener`. False: it could not be accepted, and ends.
+    bool accept(uv_stream_t* listener);
+
+    uint64_t number() const { return number_; }
+    const cli::peer& peer() const { return peer_; }
+
+    // Queues a line for the client. One that reads nothing is cut off at the limit.
+    void send(std::string_view line);
+    void flush();
+
+    // True if so much is unread that a long answer should wait for became_writable().
+    bool is_congested() const;
+
+    // Stops taking lines until resume(): a request without an id is being answered.
+    void pause() { is_paused_ = true; }
+    void resume();
+
+    // Ends the conversation when what is queued has been sent, or at once.
+    void hang_up();
+    void cut_off();
+    bool is_ending() const { return is_ending_; }
+
+    // Ends the conversation if the client sends nothing more and has all its answers.
+    void end_if_done();
+
+    bool is_greeted = false;
+    bool is_admitted = false; // counted among its user's connections
+    size_t outstanding = 0;   // requests being answered
+
+  private:
+    void take_input(const char* bytes, size_t size);
+    void take_end();
+    void take_lines();
+    void set_reading();
+    void written(int status);
+
+    owner& owner_;
+    const uint64_t number_;
+    const service_limits& limits_;
+    uv_pipe_t pipe_;
+    cli::peer peer_;
+    std::string input_;
+    size_t taken_ = 0;    // bytes of the input that were handled
+    std::string unsent_;  // not yet given to the socket
+    std::string sending_; // given to the socket
+    uv_write_t write_;
+    bool is_writing_ = false;
+    bool is_reading_ = false;
+    bool is_paused_ = false;
+    bool is_taking_lines_ = false;
+    bool has_input_ended_ = false;
+    bool is_ending_ = false;
+    bool is_closed_ = false;
+};
+
+} // namespace cli

@@ -1,0 +1,16 @@
+// The answer about an address or a GID as a line of the protocol. It is built directly, since it is what clients ask
+// for most.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/world/resolution.h"
+
+namespace cli
+{
+
+// The line without its end. `id` is the request's, if it has one.
+std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool cache_only, std::optional<uint64_t> id);
+
+} // namespace cli

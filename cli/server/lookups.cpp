@@ -1,0 +1,108 @@
+#include "cli/server/lookups.h"
+
+#include <cstring>
+
+#include "host/exec/shortage.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr size_t window = 16; // the datagrams of the module's pool
+
+std::string bytes_of(const lookups::subject& subject)
+{
+    const auto copy = [](const auto& value) {
+        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    return std::visit(copy, subject);
+}
+
+} // namespace
+
+bool lookups::subject_order::operator()(const subject& one, const subject& other) const
+{
+    return one.index() != other.index() ? one.index() < other.index() : bytes_of(one) < bytes_of(other);
+}
+
+void lookups::stop()
+{
+    {
+        std::unique_lock lock(mutex_);
+        is_stopping_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return unfinished_ == 0; });
+    }
+    if (thread_.joinable()) thread_.join();
+}
+
+bool lookups::answer_from_cache(const subject& subject, const completion& done)
+{
+    if (std::holds_alternative<fresh_address>(subject)) return false;
+    const std::optional<world::resolution> answer =
+        std::holds_alternative<uint32_t>(subject) ? world::answer_from_cache(machine_, std::get<uint32_t>(subject))
+                                                  : world::answer_from_cache(machine_, std::get<kq_gid_t>(subject));
+    if (answer) done(*answer);
+    return answer.has_value();
+}
+
+void lookups::ask(const queue_place& place, const subject& subject, completion done)
+{
+    if (answer_from_cache(subject, done)) return;
+    const std::lock_guard lock(mutex_);
+    queue_.push(place, {subject, std::move(done)});
+    if (!thread_.joinable()) thread_ = exec::new_thread([this] { serve_queue(); });
+    changed_.notify_all();
+}
+
+void lookups::remove(const queue_place& place)
+{
+    const std::lock_guard lock(mutex_);
+    queue_.remove(place);
+}
+
+void lookups::serve_queue()
+{
+    std::unique_lock lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [&] { return is_stopping_ || (!queue_.is_empty() && asked_.size() < window); });
+        if (is_stopping_) return;
+        entry next = queue_.pop();
+        const auto [asked, is_new] = asked_.try_emplace(next.wanted);
+        asked->second.push_back(std::move(next.done)); // joins the same question of another client
+        if (!is_new) continue;
+        ++unfinished_;
+        lock.unlock();
+        start(next.wanted);
+        lock.lock();
+    }
+}
+
+void lookups::start(const subject& subject)
+{
+    const auto done = [this, subject](const world::resolution& answer) { finish(subject, answer); };
+    if (const uint32_t* ip = std::get_if<uint32_t>(&subject))
+        world::start_resolution(machine_, *ip, done);
+    else if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
+        world::start_resolution(machine_, *gid, done);
+    else
+        world::start_fresh_resolution(machine_, std::get<fresh_address>(subject).ip, done);
+}
+
+void lookups::finish(const subject& subject, const world::resolution& answer)
+{
+    std::unique_lock lock(mutex_);
+    const auto asked = asked_.find(subject);
+    const std::vector<completion> askers = std::move(asked->second);
+    asked_.erase(asked);
+    changed_.notify_all();
+    lock.unlock();
+    for (const completion& done : askers) done(answer);
+    lock.lock();
+    --unfinished_;
+    changed_.notify_all(); // with the lock held: the destructor may be waiting
+}
+
+} // namespace cli

@@ -1,0 +1,66 @@
+// Asks one host for the addresses and GIDs that clients want to know. What the host's cache knows is answered at once;
+// the rest waits for the SA, in turns: sixteen at a time, as many as the module has datagrams.
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include "cli/server/fair-queue.h"
+#include "host/world/resolution.h"
+
+namespace cli
+{
+
+class lookups
+{
+  public:
+    struct fresh_address { // the SA is asked whatever the cache knows
+        uint32_t ip;
+    };
+    using subject = std::variant<uint32_t, kq_gid_t, fresh_address>; // an address in network order, or a GID
+    using completion = std::function<void(const world::resolution&)>;
+
+    explicit lookups(kernel::machine& machine) : machine_(machine) {}
+
+    ~lookups() { stop(); }
+
+    // Drops what is queued, and waits for what the SA is being asked. Nothing is asked afterwards.
+    void stop();
+
+    // Answers from the cache before it returns, or calls `done` later in another thread. One thread calls this and
+    // remove().
+    void ask(const queue_place& place, const subject& subject, completion done);
+
+    // Drops what a connection has queued; it is not called back.
+    void remove(const queue_place& place);
+
+  private:
+    struct entry {
+        subject wanted;
+        completion done;
+    };
+    struct subject_order {
+        bool operator()(const subject& one, const subject& other) const;
+    };
+
+    bool answer_from_cache(const subject& subject, const completion& done);
+    void serve_queue();
+    void start(const subject& subject);
+    void finish(const subject& subject, const world::resolution& answer);
+
+    kernel::machine& machine_;
+    std::mutex mutex_; // guards the rest
+    std::condition_variable changed_;
+    fair_queue<entry> queue_;
+    std::map<subject, std::vector<completion>, subject_order> asked_; // by what the SA is being asked for
+    size_t unfinished_ = 0; // questions to the SA whose clients have not all been answered
+    bool is_stopping_ = false;
+    std::thread thread_; // takes what is queued to the host, where it may have to sleep
+};
+
+} // namespace cli

@@ -1,0 +1,364 @@
+#include "cli/server/server.h"
+
+#include <future>
+
+#include "cli/server/lookup-answer.h"
+#include "cli/server/request-kinds.h"
+#include "cli/service/requests.h"
+#include "console/errors.h"
+#include "console/gids.h"
+#include "console/identity.h"
+#include "console/log-filter.h"
+
+namespace cli
+{
+
+namespace
+{
+
+using json = nlohmann::json;
+
+constexpr int protocol_version = 1;
+constexpr size_t worker_threads = 4;
+
+// A line of the protocol. What modules print may be no UTF-8; then it is made to be some.
+std::string line_of(json answer, const std::optional<uint64_t>& id)
+{
+    if (id) answer["id"] = *id;
+    return answer.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+json refusal(const ats::error& error)
+{
+    return {{"error", error.text}, {"exit_code", int{console::exit_code_of(error.kind)}}};
+}
+
+ats::error malformed(const std::string& text)
+{
+    return {ats::error_kind::invalid, text};
+}
+
+// The request's id. Error: it has one that is none.
+ats::result<std::optional<uint64_t>> id_of(const json& object)
+{
+    const auto id = object.find("id");
+    if (id == object.end()) return std::optional<uint64_t>();
+    if (!id->is_number_unsigned()) return ats::fail(ats::error_kind::invalid, "an id is an integer from 0");
+    return std::optional<uint64_t>(id->get<uint64_t>());
+}
+
+// Asks nobody but the cache.
+world::resolution look_into_cache(kernel::machine& machine, const lookups::subject& subject)
+{
+    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
+        return resolve_gid(machine, *gid, world::lookup_mode::cache_only);
+    return resolve_address(machine, std::get<uint32_t>(subject), world::lookup_mode::cache_only);
+}
+
+} // namespace
+
+ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::unique_ptr<listening_socket> listening,
+                                                   const server_options& options)
+{
+    std::unique_ptr<server> made(new server(hosts, std::move(listening), options));
+    if (const ats::result<> listens = made->listen(); !listens) return ats::pass_on(listens);
+    return made;
+}
+
+server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options)
+    : hosts_(hosts), listening_(std::move(listening)), options_(options), workers_(worker_threads)
+{
+    loop_.set_end_of_round([this] { flush_all(); });
+    uv_pipe_init(loop_.uv(), &listener_, 0);
+    listener_.data = this;
+    loop_.start();
+}
+
+// In the loop's thread, as libuv's handles are of one thread.
+ats::result<> server::listen()
+{
+    std::promise<int> outcome;
+    loop_.post([&] {
+        const int opened = uv_pipe_open(&listener_, listening_->duplicate().release());
+        outcome.set_value(opened != 0 ? opened
+                                      : uv_listen(reinterpret_cast<uv_stream_t*>(&listener_), SOMAXCONN,
+                                                  [](uv_stream_t* listener, int status) {
+                                                      if (status == 0)
+                                                          static_cast<server*>(listener->data)->accept_client();
+                                                  }));
+    });
+    const int error = outcome.get_future().get();
+    if (error == 0) return {};
+    return ats::fail(std::string("cannot serve clients: ") + uv_strerror(error));
+}
+
+server::~server()
+{
+    std::promise<void> closed;
+    loop_.post([&] {
+        uv_close(reinterpret_cast<uv_handle_t*>(&listener_), nullptr);
+        for (auto& [number, client] : conversations_) client->pause();
+        closed.set_value();
+    });
+    closed.get_future().wait(); // no new requests from here on
+    workers_.stop();
+    for (auto& [machine, lookups] : lookups_) lookups.stop();
+    loop_.post([this] {
+        for (auto& [number, client] : conversations_) {
+            client->flush();
+            client->cut_off();
+        }
+    });
+    loop_.stop();
+}
+
+// ---- connections ----
+
+void server::accept_client()
+{
+    auto client = std::make_unique<conversation>(*this, loop_.uv(), ++last_number_, options_.limits);
+    conversation& accepted = *client;
+    conversations_.emplace(accepted.number(), std::move(client));
+    if (accepted.accept(reinterpret_cast<uv_stream_t*>(&listener_))) admit(accepted);
+}
+
+// Refuses a user with too many connections.
+void server::admit(conversation& client)
+{
+    user_share& share = users_[client.peer().user];
+    ++share.connections;
+    client.is_admitted = true;
+    if (share.connections <= options_.limits.connections) return;
+    refuse(client, std::nullopt,
+           {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.connections) +
+                                              " connections already: close some, or share them"});
+    client.hang_up();
+}
+
+void server::ended(conversation& source)
+{
+    const queue_place place{source.peer().user, source.number()};
+    if (source.is_admitted) {
+        user_share& share = users_[place.user];
+        --share.connections;
+        share.outstanding -= source.outstanding;
+        if (share.connections == 0) users_.erase(place.user);
+    }
+    followings_.erase(place.connection);
+    workers_.remove(place);
+    for (auto& [machine, lookups] : lookups_) lookups.remove(place);
+    conversations_.erase(place.connection);
+}
+
+conversation* server::find(uint64_t number)
+{
+    const auto entry = conversations_.find(number);
+    return entry == conversations_.end() ? nullptr : entry->second.get();
+}
+
+void server::flush_all()
+{
+    std::vector<uint64_t> numbers;
+    numbers.swap(unsent_);
+    for (const uint64_t number : numbers)
+        if (conversation* client = find(number)) client->flush();
+}
+
+// ---- requests ----
+
+void server::take_line(conversation& source, std::string_view line)
+{
+    json object = json::parse(line, nullptr, false);
+    if (!object.is_object()) return refuse(source, {}, malformed("a request is one JSON object on a line"));
+    const ats::result<std::optional<uint64_t>> id = id_of(object);
+    if (!id) return refuse(source, {}, id.error());
+    request request{std::move(object), {}, {{source.peer().user, source.number()}, *id}};
+    const auto name = request.object.find("request");
+    if (name == request.object.end() || !name->is_string())
+        return refuse(source, *id, malformed("a request names itself, as in {\"request\":\"status\"}"));
+    request.name = *name;
+    try {
+        carry_out(source, request);
+    } catch (const json::exception& wrong) {
+        refuse(source, *id, malformed(std::string("the request is malformed: ") + wrong.what()));
+    }
+}
+
+void server::carry_out(conversation& source, const request& request)
+{
+    if (request.name == "hello") return greet(source, request);
+    if (!source.is_greeted) {
+        refuse(source, request.ticket.id, malformed("say hello first: {\"request\":\"hello\",\"protocol\":1}"));
+        return source.hang_up();
+    }
+    if (const auto refusal = refusal_of(options_.access, source.peer(), request.object, request.name))
+        return refuse(source, request.ticket.id, *refusal);
+    if (users_[request.ticket.place.user].outstanding >= options_.limits.questions)
+        return refuse(source, request.ticket.id,
+                      {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
+                                                         " questions outstanding already: wait for answers first"});
+    const bool is_lookup = request.name == "resolve" || request.name == "reverse";
+    const bool is_simple = !request.object.value("verify", false) && !request.object.contains("name");
+    if (request.name == "ping") return source.send(line_of(done("alive"), request.ticket.id));
+    if (request.name == "log") return follow_log(source, request);
+    if (is_lookup && is_simple) return look_up(source, request);
+    hand_to_workers(source, request);
+}
+
+void server::greet(conversation& source, const request& request)
+{
+    source.is_greeted = request.object.value("protocol", json()) == protocol_version;
+    if (source.is_greeted)
+        return source.send(line_of({{"protocol", protocol_version}, {"version", ATS_VERSION}}, request.ticket.id));
+    refuse(source, request.ticket.id,
+           malformed("this service speaks protocol " + std::to_string(protocol_version) +
+                     " only: use a client of its version, " ATS_VERSION));
+    source.hang_up();
+}
+
+void server::refuse(conversation& source, const std::optional<uint64_t>& id, const ats::error& error)
+{
+    source.send(line_of(refusal(error), id));
+}
+
+void server::line_too_long(conversation& source)
+{
+    refuse(source, {}, malformed("a line has at most " + std::to_string(options_.limits.line_bytes) + " bytes"));
+}
+
+// Counts a request whose answer comes later.
+void server::begin(conversation& source, const return_ticket& ticket)
+{
+    ++users_[ticket.place.user].outstanding;
+    ++source.outstanding;
+    if (!ticket.id) source.pause();
+}
+
+// Sends the answer, unless the client has gone.
+void server::finish(const return_ticket& ticket, const std::string& line)
+{
+    conversation* source = find(ticket.place.connection);
+    if (!source) return;
+    --users_[ticket.place.user].outstanding;
+    --source->outstanding;
+    source->send(line);
+    if (!ticket.id) source->resume();
+    source->end_if_done();
+}
+
+// The same from another thread.
+void server::finish_soon(const return_ticket& ticket, std::string line)
+{
+    loop_.post([this, ticket, line = std::move(line)] { finish(ticket, line); });
+}
+
+// Carries out a request in another thread's time.
+std::string server::answer_line(const request& request)
+{
+    try {
+        const ats::result<json> answer = answer_request(hosts_, request.object);
+        return line_of(answer ? *answer : refusal(answer.error()), request.ticket.id);
+    } catch (const json::exception& wrong) {
+        return line_of(refusal(malformed(std::string("the request is malformed: ") + wrong.what())), request.ticket.id);
+    } catch (const std::exception& wrong) {
+        return line_of(refusal(ats::error(wrong.what())), request.ticket.id);
+    }
+}
+
+void server::hand_to_workers(conversation& source, const request& request)
+{
+    begin(source, request.ticket);
+    workers_.push(request.ticket.place, [this, request] { finish_soon(request.ticket, answer_line(request)); });
+}
+
+// ---- lookups ----
+
+lookups& server::lookups_of(kernel::machine& machine)
+{
+    return lookups_.try_emplace(&machine, machine).first->second;
+}
+
+ats::result<lookups::subject> server::subject_of(const request& request) const
+{
+    if (request.name == "reverse") return console::gid_of(request.object.at("gid"));
+    const ats::result<uint32_t> ip = console::address_of(request.object.at("address"));
+    if (!ip) return ats::pass_on(ip);
+    if (request.object.value("fresh", false)) return lookups::fresh_address{*ip};
+    return *ip;
+}
+
+void server::look_up(conversation& source, const request& request)
+{
+    const ats::result<world::host*> host = find_host(hosts_, request.object);
+    if (!host) return refuse(source, request.ticket.id, host.error());
+    const ats::result<lookups::subject> subject = subject_of(request);
+    if (!subject) return refuse(source, request.ticket.id, subject.error());
+    kernel::machine& machine = (*host)->machine();
+    const bool is_by_gid = request.name == "reverse";
+    const return_ticket ticket = request.ticket;
+    begin(source, ticket);
+    if (request.object.value("cached", false) && !request.object.value("fresh", false)) {
+        const world::resolution answer = look_into_cache(machine, *subject);
+        return finish(ticket, lookup_answer(answer, is_by_gid, true, ticket.id));
+    }
+    const auto loop_thread = std::this_thread::get_id();
+    lookups_of(machine).ask(ticket.place, *subject, [=, this](const world::resolution& answer) {
+        const std::string line = lookup_answer(answer, is_by_gid, false, ticket.id);
+        if (std::this_thread::get_id() == loop_thread)
+            finish(ticket, line);
+        else
+            finish_soon(ticket, line);
+    });
+}
+
+// ---- logs ----
+
+void server::follow_log(conversation& source, const request& request)
+{
+    if (followings_.contains(source.number()))
+        return refuse(source, request.ticket.id,
+                      malformed("this connection is being sent a log already: open another one"));
+    const ats::result<world::host*> host = find_host(hosts_, request.object);
+    if (!host) return refuse(source, request.ticket.id, host.error());
+    const int level = request.object.value("level", console::trace_level_everything);
+    auto has_rung = std::make_shared<std::atomic<bool>>(false);
+    std::function<void()> ring;
+    if (request.object.value("follow", false))
+        ring = [this, number = source.number(), has_rung] {
+            if (has_rung->exchange(true)) return;
+            loop_.post([this, number] {
+                if (conversation* follower = find(number)) pump_log(*follower);
+            });
+        };
+    begin(source, request.ticket);
+    auto stream = std::make_unique<log_stream>((*host)->machine().log, level, ring);
+    followings_.emplace(source.number(), following{request.ticket, std::move(stream), has_rung});
+    pump_log(source);
+}
+
+void server::pump_log(conversation& source)
+{
+    const auto entry = followings_.find(source.number());
+    if (entry == followings_.end()) return;
+    following& following = entry->second;
+    following.has_rung->store(false); // before the lines are read: a later one rings again
+    const return_ticket ticket = following.ticket;
+    const bool goes_on = following.stream->pump([&] { return !source.is_congested() && !source.is_ending(); },
+                                                [&](const json& line) { source.send(line_of(line, ticket.id)); });
+    if (goes_on) return;
+    followings_.erase(entry);
+    finish(ticket, line_of({{"end", true}}, ticket.id));
+}
+
+// A follower that has closed its side wants no further lines.
+void server::input_ended(conversation& source)
+{
+    if (followings_.contains(source.number())) source.cut_off();
+}
+
+void server::became_writable(conversation& source)
+{
+    pump_log(source);
+}
+
+} // namespace cli

@@ -1,0 +1,104 @@
+// Serves the clients of running hosts over the Unix socket: one thread takes in and sends out, few others carry out
+// what takes time. docs/protocol.md says what clients may expect.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/server/conversation.h"
+#include "cli/server/event-loop.h"
+#include "cli/server/log-stream.h"
+#include "cli/server/lookups.h"
+#include "cli/server/workers.h"
+#include "cli/service/running-hosts.h"
+#include "cli/socket/socket.h"
+
+namespace cli
+{
+
+struct server_options {
+    access_rules access;
+    service_limits limits;
+};
+
+class server final : public conversation::owner
+{
+  public:
+    // Starts serving at once. `hosts` outlive the server. Fails if descriptors or threads are used up.
+    static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> listening,
+                                                      const server_options& options);
+
+    // Takes no new clients and ends all conversations, after the requests that are being carried out.
+    ~server() override;
+
+  private:
+    using json = nlohmann::json;
+
+    server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options);
+    ats::result<> listen();
+
+    // Where an answer goes.
+    struct return_ticket {
+        queue_place place;
+        std::optional<uint64_t> id;
+    };
+    struct request {
+        json object;
+        std::string name;
+        return_ticket ticket;
+    };
+    struct user_share {
+        size_t connections = 0;
+        size_t outstanding = 0;
+    };
+    struct following {
+        return_ticket ticket;
+        std::unique_ptr<log_stream> stream;
+        std::shared_ptr<std::atomic<bool>> has_rung;
+    };
+
+    void take_line(conversation& source, std::string_view line) override;
+    void line_too_long(conversation& source) override;
+    void input_ended(conversation& source) override;
+    void became_writable(conversation& source) override;
+    void ended(conversation& source) override;
+    void has_unsent(conversation& source) override { unsent_.push_back(source.number()); }
+
+    void accept_client();
+    void admit(conversation& client);
+    void flush_all();
+    void carry_out(conversation& source, const request& request);
+    void greet(conversation& source, const request& request);
+    void look_up(conversation& source, const request& request);
+    ats::result<lookups::subject> subject_of(const request& request) const;
+    void follow_log(conversation& source, const request& request);
+    void pump_log(conversation& source);
+    std::string answer_line(const request& request);
+    void hand_to_workers(conversation& source, const request& request);
+    void begin(conversation& source, const return_ticket& ticket);
+    void finish(const return_ticket& ticket, const std::string& line);
+    void finish_soon(const return_ticket& ticket, std::string line);
+    void refuse(conversation& source, const std::optional<uint64_t>& id, const ats::error& error);
+    lookups& lookups_of(kernel::machine& machine);
+    conversation* find(uint64_t number);
+
+    running_hosts& hosts_;
+    const std::unique_ptr<listening_socket> listening_;
+    const server_options options_;
+    event_loop loop_;
+    uv_pipe_t listener_;
+
+    // Of the loop's thread.
+    uint64_t last_number_ = 0;
+    std::map<uint64_t, std::unique_ptr<conversation>> conversations_;
+    std::map<uint64_t, following> followings_; // by conversation: it has one at most
+    std::map<uid_t, user_share> users_;
+    std::vector<uint64_t> unsent_; // conversations to flush
+    std::map<kernel::machine*, lookups> lookups_;
+    workers workers_;
+};
+
+} // namespace cli

@@ -1,0 +1,80 @@
+#include "cli/service/access.h"
+
+#include <algorithm>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace cli
+{
+
+namespace
+{
+
+std::string name_of_user(uid_t user)
+{
+    const passwd* entry = getpwuid(user);
+    return entry ? entry->pw_name : std::to_string(user);
+}
+
+std::vector<gid_t> groups_of(int socket, gid_t primary)
+{
+    std::vector<gid_t> groups(64);
+    socklen_t bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) {
+        groups.resize(bytes / sizeof(gid_t)); // the size that it needs, if it was too small
+        bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) bytes = 0;
+    }
+    groups.resize(bytes / sizeof(gid_t));
+    groups.push_back(primary);
+    return groups;
+}
+
+bool is_owner(const peer& peer)
+{
+    return peer.user == 0 || peer.user == geteuid();
+}
+
+} // namespace
+
+std::optional<peer> peer_of(int socket)
+{
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return std::nullopt;
+    return peer{credentials.uid, groups_of(socket, credentials.gid)};
+}
+
+bool access_rule::admits(const peer& peer) const
+{
+    if (is_owner(peer) || audience == audience::everyone) return true;
+    return audience == audience::group && std::ranges::find(peer.groups, group) != peer.groups.end();
+}
+
+bool access_rules::is_open_to_others() const
+{
+    constexpr auto owner = access_rule::audience::owner;
+    return questions.audience != owner || orders.audience != owner;
+}
+
+std::string access_rule::text() const
+{
+    if (audience == audience::everyone) return "everyone";
+    if (audience == audience::group) return "the group " + name;
+    return geteuid() == 0 ? "root" : "root and the user " + name_of_user(geteuid());
+}
+
+ats::result<access_rule> access_rule_of(const std::string& word)
+{
+    if (word == "owner") return access_rule{};
+    if (word == "everyone") return access_rule{access_rule::audience::everyone, 0, {}};
+    const ::group* entry = getgrnam(word.c_str());
+    if (!entry)
+        return ats::fail(ats::error_kind::invalid,
+                         "there is no group '" + word + "': write \"everyone\", \"owner\" or a group's name");
+    return access_rule{access_rule::audience::group, entry->gr_gid, word};
+}
+
+} // namespace cli

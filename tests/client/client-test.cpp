@@ -1,0 +1,235 @@
+#include <arpa/inet.h>
+#include <chrono>
+#include <gtest/gtest.h>
+#include <memory>
+#include <poll.h>
+#include <vector>
+
+#include "client/ats/client.h"
+#include "tests/client/fake-service.h"
+
+namespace client_tests
+{
+
+namespace
+{
+
+using clock = std::chrono::steady_clock;
+
+struct closing {
+    void operator()(ats_client_t* client) const { ats_close(client); }
+};
+using client_ptr = std::unique_ptr<ats_client_t, closing>;
+
+client_ptr open_client()
+{
+    ats_client_t* client = nullptr;
+    EXPECT_EQ(ats_open(&client, fake_service::path().c_str()), ATS_OK) << ats_last_error();
+    return client_ptr(client);
+}
+
+ats_options_t with_timeout(int milliseconds)
+{
+    ats_options_t options = ATS_OPTIONS_INIT;
+    options.timeout_ms = milliseconds;
+    return options;
+}
+
+ats_answer_t resolve(const client_ptr& client, int timeout_ms = 5000)
+{
+    const ats_options_t options = with_timeout(timeout_ms);
+    ats_answer_t answer{};
+    ats_resolve(client.get(), inet_addr("10.0.0.2"), &options, &answer);
+    return answer;
+}
+
+// Collects `count` answers as an event loop does, by polling the descriptor.
+std::vector<ats_answer_t> collect(const client_ptr& client, size_t count)
+{
+    std::vector<ats_answer_t> all;
+    while (all.size() < count) {
+        pollfd ready{ats_descriptor(client.get()), POLLIN, 0};
+        constexpr int patience_milliseconds = 20'000;
+        if (poll(&ready, 1, patience_milliseconds) <= 0) break;
+        ats_answer_t answers[7];
+        const size_t taken = ats_collect(client.get(), answers, std::size(answers));
+        all.insert(all.end(), answers, answers + taken);
+    }
+    return all;
+}
+
+TEST(client, answers_blocking_and_polled_questions_of_many_threads_at_once)
+{
+    fake_service service;
+    service.serve();
+    const client_ptr client = open_client();
+    constexpr int threads = 4, questions = 500;
+    std::atomic<int> found = 0;
+    std::vector<std::thread> askers;
+    for (int i = 0; i < threads; ++i)
+        askers.emplace_back([&] {
+            for (int k = 0; k < questions; ++k) found += resolve(client).status == ATS_OK;
+        });
+    for (uint64_t tag = 1; tag <= questions; ++tag)
+        ASSERT_EQ(ats_submit_resolve(client.get(), inet_addr("10.0.0.2"), nullptr, tag), ATS_OK) << ats_last_error();
+    const std::vector<ats_answer_t> answers = collect(client, questions);
+    for (std::thread& asker : askers) asker.join();
+    EXPECT_EQ(found, threads * questions);
+    ASSERT_EQ(answers.size(), size_t{questions});
+    std::vector<bool> seen(questions + 1);
+    for (const ats_answer_t& answer : answers) {
+        EXPECT_EQ(answer.status, ATS_OK) << answer.reason;
+        EXPECT_FALSE(seen.at(answer.tag)) << "answered twice: " << answer.tag;
+        seen[answer.tag] = true;
+    }
+}
+
+TEST(client, reads_every_field_of_an_answer)
+{
+    fake_service service;
+    service.serve();
+    const client_ptr client = open_client();
+    const ats_answer_t answer = resolve(client);
+    in6_addr gid;
+    inet_pton(AF_INET6, "fe80::200:0:2:1", &gid);
+    EXPECT_EQ(answer.status, ATS_OK);
+    EXPECT_EQ(answer.source, ATS_SOURCE_SA);
+    EXPECT_EQ(answer.address, inet_addr("10.0.0.2"));
+    EXPECT_EQ(memcmp(answer.gid, &gid, sizeof gid), 0);
+    EXPECT_EQ(answer.microseconds, 7u);
+    EXPECT_EQ(answer.verified, -1);
+}
+
+// A hostile, broken or foreign service: every answer ends in a status, within the time.
+TEST(client, survives_whatever_a_service_says)
+{
+    const std::string id1 = R"({"id":1,)";
+    const struct {
+        const char* what;
+        behaviour react;
+        ats_status_t status;
+    } cases[] = {
+        {"silence", after_hello([](const json&) { return reaction{}; }), ATS_NO_ANSWER},
+        {"half a line", after_hello([](const json&) { return reaction{R"({"id":1,"stat)"}; }), ATS_NO_ANSWER},
+        {"an answer to nobody", after_hello([](const json&) { return reaction{"{\"id\":99,\"status\":\"ok\"}\n"}; }),
+         ATS_NO_ANSWER},
+        {"no JSON", after_hello([](const json&) { return reaction{"HTTP/1.1 400\r\n"}; }), ATS_INVALID},
+        {"NUL bytes", after_hello([](const json&) { return reaction{std::string("\0\0\n", 3)}; }), ATS_INVALID},
+        {"no address", after_hello([&](const json&) { return reaction{id1 + "\"status\":\"ok\"}\n"}; }), ATS_INVALID},
+        {"wrong types", after_hello([&](const json&) { return reaction{id1 + "\"status\":7,\"gid6\":[]}\n"}; }),
+         ATS_INVALID},
+        {"an error", after_hello([&](const json&) { return reaction{id1 + "\"error\":\"no\"}\n"}; }), ATS_REFUSED},
+        {"no answer of the SA", after_hello([&](const json&) { return reaction{id1 + "\"status\":\"timed out\"}\n"}; }),
+         ATS_NO_ANSWER},
+        {"a hang-up at every question", after_hello([](const json&) {
+             return reaction{"", true};
+         }),
+         ATS_NOT_CONNECTED},
+        {"another version", [](const json&) { return reaction{"{\"protocol\":2}\n"}; }, ATS_REFUSED},
+        {"a refusal of the connection",
+         [](const json&) {
+             return reaction{"{\"error\":\"too many\"}\n", true};
+         },
+         ATS_REFUSED},
+    };
+    for (const auto& [what, react, status] : cases) {
+        SCOPED_TRACE(what);
+        fake_service service(react);
+        service.serve();
+        const client_ptr client = open_client();
+        const bool is_slow = status == ATS_NO_ANSWER;
+        const ats_answer_t answer = resolve(client, is_slow ? 50 : 20'000);
+        EXPECT_EQ(answer.status, status) << answer.reason;
+    }
+}
+
+TEST(client, reconnects_to_a_service_that_was_restarted)
+{
+    auto service = std::make_unique<fake_service>();
+    service->serve();
+    const client_ptr client = open_client();
+    ASSERT_EQ(resolve(client).status, ATS_OK);
+    service.reset();
+    EXPECT_EQ(resolve(client).status, ATS_NOT_CONNECTED);
+    EXPECT_STREQ(ats_status_text(ATS_NOT_CONNECTED), "not connected");
+    service = std::make_unique<fake_service>();
+    service->serve();
+    EXPECT_EQ(resolve(client).status, ATS_OK);
+    service = nullptr; // dies and comes back between two questions
+    service = std::make_unique<fake_service>();
+    service->serve();
+    EXPECT_EQ(resolve(client).status, ATS_OK);
+    char* answer = nullptr; // of an order, which is not sent twice
+    EXPECT_EQ(ats_request(client.get(), R"({"request":"ping"})", 5000, &answer), ATS_OK) << ats_last_error();
+    ats_free(answer);
+}
+
+TEST(client, completes_every_submission_when_the_service_dies)
+{
+    constexpr uint64_t count = 100;
+    auto service = std::make_unique<fake_service>(after_hello([](const json&) { return reaction{}; }));
+    service->serve();
+    const client_ptr client = open_client();
+    for (uint64_t tag = 0; tag < count; ++tag) ASSERT_EQ(ats_submit_resolve(client.get(), 1, nullptr, tag), ATS_OK);
+    service.reset();
+    const std::vector<ats_answer_t> answers = collect(client, count);
+    ASSERT_EQ(answers.size(), count);
+    for (const ats_answer_t& answer : answers) EXPECT_EQ(answer.status, ATS_NOT_CONNECTED);
+    EXPECT_EQ(ats_wait(client.get(), nullptr, 0, 0), 0u);
+}
+
+TEST(client, gives_up_in_time_on_a_service_that_takes_no_connections)
+{
+    const fake_service stopped(usual, 0); // listens, and accepts nobody
+    std::vector<client_ptr> clients;
+    const auto begin = clock::now();
+    for (int i = 0; i < 4; ++i) { // the first ones fill the backlog
+        clients.push_back(open_client());
+        EXPECT_EQ(resolve(clients.back(), 50).status, ATS_NO_ANSWER);
+    }
+    EXPECT_LT(clock::now() - begin, std::chrono::seconds(10));
+}
+
+TEST(client, wakes_the_poller_when_the_time_of_a_question_is_over)
+{
+    fake_service service(after_hello([](const json&) { return reaction{}; }));
+    service.serve();
+    const client_ptr client = open_client();
+    const ats_options_t soon = with_timeout(30);
+    ASSERT_EQ(ats_submit_resolve(client.get(), 1, nullptr, 1), ATS_OK);
+    ASSERT_EQ(ats_submit_resolve(client.get(), 1, &soon, 2), ATS_OK);
+    const std::vector<ats_answer_t> answers = collect(client, 1);
+    ASSERT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers[0].tag, 2u);
+    EXPECT_EQ(answers[0].status, ATS_NO_ANSWER);
+}
+
+TEST(client, refuses_wrong_arguments)
+{
+    const client_ptr client = open_client();
+    ats_answer_t answer{};
+    const struct {
+        uint32_t size, flags;
+        int32_t timeout;
+    } wrong[] = {{0, 0, 5},
+                 {sizeof(ats_options_t), 3, 5},
+                 {sizeof(ats_options_t), 8, 5},
+                 {sizeof(ats_options_t), 6, 5},
+                 {sizeof(ats_options_t), 0, 0}};
+    for (const auto& [size, flags, timeout] : wrong) {
+        const ats_options_t options{size, flags, timeout, 0, nullptr};
+        EXPECT_EQ(ats_resolve(client.get(), 1, &options, &answer), ATS_INVALID);
+        EXPECT_STRNE(ats_last_error(), "");
+        EXPECT_EQ(answer.status, ATS_INVALID);
+    }
+    char* text = nullptr;
+    EXPECT_EQ(ats_request(client.get(), "not JSON", 5, &text), ATS_INVALID);
+    EXPECT_EQ(text, nullptr);
+    ats_client_t* none = nullptr;
+    EXPECT_EQ(ats_open(&none, std::string(200, 'x').c_str()), ATS_INVALID);
+    EXPECT_EQ(none, nullptr);
+}
+
+} // namespace
+
+} // namespace client_tests

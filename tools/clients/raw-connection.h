@@ -1,0 +1,61 @@
+// A connection to a service that sends exactly what a test wants to send.
+#pragma once
+
+#include <string>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+class raw_connection
+{
+  public:
+    static constexpr const char* hello = R"({"request":"hello","protocol":1})";
+
+    // Connects; with `greets` it says hello and reads the answer.
+    explicit raw_connection(const std::string& path, bool greets = true)
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        constexpr timeval patience{60, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        is_open_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        if (is_open_ && greets) ask(hello);
+    }
+    ~raw_connection() { close(fd_); }
+    raw_connection(const raw_connection&) = delete;
+    raw_connection& operator=(const raw_connection&) = delete;
+
+    bool is_open() const { return is_open_; }
+    int fd() const { return fd_; }
+
+    void write(const std::string& bytes) const { send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+    // The next line without its end; "(hung up)" if there is none.
+    std::string read()
+    {
+        size_t end = 0;
+        while ((end = input_.find('\n')) == std::string::npos) {
+            char bytes[4096];
+            const ssize_t size = recv(fd_, bytes, sizeof bytes, 0);
+            if (size <= 0) return "(hung up)";
+            input_.append(bytes, static_cast<size_t>(size));
+        }
+        const std::string line = input_.substr(0, end);
+        input_.erase(0, end + 1);
+        return line;
+    }
+
+    std::string ask(const std::string& line)
+    {
+        write(line + "\n");
+        return read();
+    }
+
+  private:
+    const int fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool is_open_ = false;
+    std::string input_;
+};
