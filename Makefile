@@ -87,6 +87,7 @@ bench:
 	cmake --preset release
 	cmake --build --preset release
 	build/release/bench/ats-bench
+	build/release/bench/client-bench
 	test ! -x build/release/bench/fabric-bench || build/release/bench/fabric-bench
 
 # The program without any optional library.

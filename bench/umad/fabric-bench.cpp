@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <unistd.h>
 
 #include "tools/fabric/ats-hosts.h"
 
@@ -87,15 +88,31 @@ class bench
         return std::atof(output.c_str() + output.rfind('\n', output.find("lookups/s")) + 1);
     }
 
+    // One process for each of the targets asks a service on the node of the asker.
+    double rate_of_clients()
+    {
+        const std::string socket = "/tmp/ats-fabric-bench-" + std::to_string(getpid()) + ".sock";
+        const std::unique_ptr<process> service = net_.start(
+            asker, "service", {ATS_PROGRAM, "run", "--fabric", "umad", "--address", address_of(1), "--socket", socket});
+        if (!service->wait_line("clients are served", 30s)) fail(service->output());
+        std::vector<std::string> clients = {CLIENT_LOOKUPS, socket, lookups_};
+        for (int i = 0; i < window; ++i) clients.push_back(target_address(i));
+        const double clients_rate = rate(clients);
+        service->stop();
+        return clients_rate;
+    }
+
     void measure_lookups()
     {
         std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};
         for (int i = 0; i < window; ++i) ats.push_back(target_address(i));
-        std::vector<double> ats_rates, bare_rates, shares;
-        for (int i = 0; i < rounds; ++i) { // in turns, so that other load on the machine slows both
+        std::vector<double> ats_rates, bare_rates, shares, client_rates, client_shares;
+        for (int i = 0; i < rounds; ++i) { // in turns, so that other load on the machine slows all
             bare_rates.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
             ats_rates.push_back(rate(ats));
             shares.push_back(ats_rates.back() / bare_rates.back());
+            client_rates.push_back(rate_of_clients());
+            client_shares.push_back(client_rates.back() / ats_rates.back());
         }
         constexpr int queries = 20;
         const auto begin = clock::now();
@@ -106,6 +123,10 @@ class bench
         std::printf(
             "                          %9.0f /s   a bare libibumad loop: ats reaches %.2f of it (%.2f to %.2f)\n",
             median(bare_rates), median(shares), std::ranges::min(shares), std::ranges::max(shares));
+        std::printf("                          %9.0f /s   %d processes through libatsclient: %.2f of ats by itself "
+                    "(%.2f to %.2f)\n",
+                    median(client_rates), window, median(client_shares), std::ranges::min(client_shares),
+                    std::ranges::max(client_shares));
         std::printf("                          %9.0f /s   saquery, once per lookup: ats is %.0f times as fast\n",
                     saquery_rate, median(ats_rates) / saquery_rate);
         std::fflush(stdout);

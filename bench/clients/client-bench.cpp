@@ -1,0 +1,225 @@
+// What programs get from a service on the same machine, each figure beside one that explains it: cached lookups one at
+// a time and in great number, connections at rest, and a thousand that ask at once.
+//   client-bench
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <vector>
+
+#include "client/ats/client.h"
+#include "tools/fabric/process.h"
+
+namespace
+{
+
+using clock = std::chrono::steady_clock;
+
+constexpr size_t question_bytes = 52; // as in {"request":"resolve","address":"10.0.0.2","id":12345}
+constexpr size_t answer_bytes = 213;
+constexpr int rounds = 7; // of each figure the median counts
+
+struct closing {
+    void operator()(ats_client_t* client) const { ats_close(client); }
+};
+using client_ptr = std::unique_ptr<ats_client_t, closing>;
+
+[[noreturn]] void fail(const std::string& text)
+{
+    throw std::runtime_error(text);
+}
+
+const uint32_t target = inet_addr("10.0.0.2");
+
+client_ptr open_client(const std::string& socket)
+{
+    ats_client_t* client = nullptr;
+    if (ats_open(&client, socket.c_str()) != ATS_OK) fail(ats_last_error());
+    return client_ptr(client);
+}
+
+double seconds_since(clock::time_point begin)
+{
+    return std::chrono::duration<double>(clock::now() - begin).count();
+}
+
+double median(std::vector<double> figures)
+{
+    std::ranges::sort(figures);
+    return figures[figures.size() / 2];
+}
+
+// Rounds a second of a process that sends back an answer's bytes for a question's: what the socket itself costs.
+double ping_pong(int count)
+{
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) fail("no socket pair");
+    const pid_t child = fork();
+    const bool is_child = child == 0;
+    const int fd = ends[is_child ? 1 : 0];
+    close(ends[is_child ? 0 : 1]);
+    std::vector<char> sent(is_child ? answer_bytes : question_bytes),
+        received(is_child ? question_bytes : answer_bytes);
+    const auto begin = clock::now();
+    for (int i = 0; i < count; ++i) {
+        if (!is_child) send(fd, sent.data(), sent.size(), 0);
+        if (recv(fd, received.data(), received.size(), MSG_WAITALL) <= 0) break;
+        if (is_child) send(fd, sent.data(), sent.size(), 0);
+    }
+    if (is_child) _exit(0);
+    const double rate = count / seconds_since(begin);
+    close(fd);
+    waitpid(child, nullptr, 0);
+    return rate;
+}
+
+double blocking_lookups(const std::string& socket, int count)
+{
+    const client_ptr client = open_client(socket);
+    ats_answer_t answer;
+    const auto begin = clock::now();
+    for (int i = 0; i < count; ++i)
+        if (ats_resolve(client.get(), target, nullptr, &answer) != ATS_OK) fail(answer.reason);
+    return count / seconds_since(begin);
+}
+
+double submitted_lookups(const std::string& socket, size_t count, size_t window)
+{
+    const client_ptr client = open_client(socket);
+    std::vector<ats_answer_t> answers(window);
+    size_t submitted = 0, answered = 0;
+    const auto begin = clock::now();
+    while (answered < count) {
+        for (; submitted < count && submitted - answered < window; ++submitted)
+            if (ats_submit_resolve(client.get(), target, nullptr, submitted) != ATS_OK) fail(ats_last_error());
+        const size_t taken = ats_wait(client.get(), answers.data(), answers.size(), 5000);
+        if (taken == 0) fail("no answers");
+        answered += taken;
+    }
+    return static_cast<double>(count) / seconds_since(begin);
+}
+
+double resident_mebibytes(pid_t pid)
+{
+    size_t total = 0, resident = 0;
+    std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> total >> resident;
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
+}
+
+double processor_seconds(pid_t pid)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string word;
+    double ticks = 0;
+    for (int field = 1; file >> word && field <= 15; ++field)
+        if (field >= 14) ticks += std::stod(word);
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+struct waiting_times {
+    double median_ms, longest_ms;
+};
+
+// Every client asks again as soon as it has its answer, `each` times.
+waiting_times all_ask(const std::vector<client_ptr>& clients, int each)
+{
+    const int poller = epoll_create1(0);
+    std::vector<clock::time_point> begins(clients.size());
+    std::vector<int> left(clients.size(), each);
+    std::vector<double> times;
+    const auto ask = [&](size_t i) {
+        begins[i] = clock::now();
+        if (ats_submit_resolve(clients[i].get(), target, nullptr, i) != ATS_OK) fail(ats_last_error());
+    };
+    for (size_t i = 0; i < clients.size(); ++i) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = i;
+        epoll_ctl(poller, EPOLL_CTL_ADD, ats_descriptor(clients[i].get()), &event);
+        ask(i);
+    }
+    const size_t count = clients.size() * static_cast<size_t>(each);
+    while (times.size() < count) {
+        epoll_event events[64];
+        const int ready = epoll_wait(poller, events, 64, 5000);
+        if (ready <= 0) fail("no answers");
+        for (int k = 0; k < ready; ++k) {
+            const size_t i = events[k].data.u64;
+            ats_answer_t answer;
+            if (ats_collect(clients[i].get(), &answer, 1) == 0) continue;
+            times.push_back(seconds_since(begins[i]) * 1000);
+            if (--left[i] > 0) ask(i);
+        }
+    }
+    close(poller);
+    const double longest = std::ranges::max(times);
+    return {median(std::move(times)), longest};
+}
+
+void measure_lookups(const std::string& socket)
+{
+    constexpr int count = 20'000;
+    std::vector<double> bare, blocking, shares, submitted;
+    for (int i = 0; i < rounds; ++i) { // in turns, so that both see the same machine
+        bare.push_back(ping_pong(count));
+        blocking.push_back(blocking_lookups(socket, count));
+        shares.push_back(blocking.back() / bare.back());
+        submitted.push_back(submitted_lookups(socket, 10 * count, 1000));
+    }
+    std::printf("cached lookups, submitted  %9.0f /s   one connection, 1000 outstanding\n", median(submitted));
+    std::printf("cached lookups, blocking   %9.0f /s   %.2f of a bare ping-pong of the same bytes (%.0f /s)\n",
+                median(blocking), median(shares), median(bare));
+}
+
+void measure_connections(const std::string& socket, pid_t service)
+{
+    constexpr size_t connections = 1000;
+    const double before = resident_mebibytes(service);
+    std::vector<client_ptr> clients;
+    ats_answer_t answer;
+    for (size_t i = 0; i < connections; ++i) {
+        clients.push_back(open_client(socket));
+        if (ats_resolve(clients.back().get(), target, nullptr, &answer) != ATS_OK) fail(answer.reason);
+    }
+    const double memory = resident_mebibytes(service) - before;
+    const double used_before = processor_seconds(service);
+    const auto begin = clock::now();
+    sleep(3);
+    const double load = (processor_seconds(service) - used_before) / seconds_since(begin);
+    std::printf("1000 connections at rest   %9.1f MiB  %.1f KiB each; %.1f %% of a processor\n", memory,
+                memory * 1024 / connections, load * 100);
+    const waiting_times times = all_ask(clients, 20);
+    std::printf("1000 connections asking    %9.2f ms   median wait; the longest is %.1f times that\n", times.median_ms,
+                times.longest_ms / times.median_ms);
+}
+
+void run()
+{
+    const std::string socket = "/tmp/ats-client-bench-" + std::to_string(getpid()) + ".sock";
+    fabric_tools::process service(
+        {.arguments = {ATS_PROGRAM, "run", "--hosts", "3", "--socket", socket}, .output = socket + ".out"});
+    if (!service.wait_line("up; clients are served")) fail("the service did not start: " + service.output());
+    ats_answer_t answer;
+    if (ats_resolve(open_client(socket).get(), target, nullptr, &answer) != ATS_OK) fail(answer.reason);
+    measure_lookups(socket);
+    measure_connections(socket, service.pid());
+    service.stop();
+    unlink((socket + ".out").c_str());
+}
+
+} // namespace
+
+int main()
+{
+    try {
+        run();
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "client-bench: %s\n", error.what());
+        return 1;
+    }
+}
