@@ -1,7 +1,10 @@
 // ats-campaign: tries to break the service, one seed after another, and replays and shortens the runs that failed.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 
 #include "campaign/runner.h"
 #include "console/progress.h"
@@ -49,6 +52,16 @@ ats::result<> read_seeds(std::string_view range, command_line& line)
     if (*last < *first) return ats::fail(ats::error_kind::invalid, "there is no seed in " + std::string(range));
     line.first_seed = *first;
     line.last_seed = *last;
+    return {};
+}
+
+// Creates the file unless it exists. An empty path means no file. The error says why it cannot be written.
+ats::result<> check_writable(const std::string& path)
+{
+    if (path.empty()) return {};
+    std::FILE* const file = std::fopen(path.c_str(), "a");
+    if (!file) return ats::fail("cannot write " + path + ": " + std::strerror(errno));
+    std::fclose(file);
     return {};
 }
 
@@ -136,6 +149,8 @@ ats::result<int> replay(const command_line& line)
     const plan plan = draw_plan(line.first_seed);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
+    for (const std::string& path : {line.options.log_path, line.options.capture_path})
+        if (const ats::result<> result = check_writable(path); !result) return ats::pass_on(result);
     const ats::result<run_result> result = run_apart(plan, *acts, line.options);
     if (!result) return ats::pass_on(result);
     if (result->complaint.empty()) {
@@ -197,11 +212,16 @@ int main(int argc, char** argv)
     program.add_option_function<std::string>("--seeds", read_range, "N or A-B: run the first N seeds, or seeds A to B");
     program.add_option("--hours", line.hours, "continue until so many hours are simulated");
     program.add_option("--jobs", line.jobs, "run so many seeds at a time")->check(CLI::PositiveNumber);
-    const CLI::Option* seed = program.add_option("--seed", line.first_seed, "replay this seed");
-    program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")->delimiter(',');
-    program.add_flag("--minimise", line.minimise, "find the fewest acts that fail");
-    program.add_option("--log", line.options.log_path, "write every act and every log line to this file");
-    program.add_option("--capture", line.options.capture_path, "write every datagram to this file, for Wireshark");
+    CLI::Option* const seed = program.add_option("--seed", line.first_seed, "replay this seed");
+
+    // A run of many seeds has no single list of acts, and its processes cannot share a file.
+    program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
+        ->delimiter(',')
+        ->needs(seed);
+    program.add_flag("--minimise", line.minimise, "find the fewest acts that fail")->needs(seed);
+    program.add_option("--log", line.options.log_path, "write every act and every log line to this file")->needs(seed);
+    program.add_option("--capture", line.options.capture_path, "write every datagram to this file, for Wireshark")
+        ->needs(seed);
     try {
         program.parse(argc, argv);
         const ats::result<int> exit_code = seed->count() > 0 ? replay(line) : run(line);

@@ -163,22 +163,22 @@ ats::result<figures> run_many(uint64_t first, int jobs, const run_options& optio
     figures sum;
     std::map<pid_t, run_process> running;
     for (uint64_t seed = first;; ++seed) {
-        while (!running.empty() && (running.size() >= static_cast<size_t>(jobs) || is_enough(seed - first, sum))) {
+        while (!was_interrupted && !running.empty() &&
+               (running.size() >= static_cast<size_t>(jobs) || is_enough(seed - first, sum))) {
             int status;
-            const pid_t pid = was_interrupted ? -1 : waitpid(-1, &status, 0);
-            if (was_interrupted) {
-                kill_all(running);
-                return sum;
-            }
-            const auto process = running.find(pid);
-            if (process == running.end()) continue;
+            const auto process = running.find(waitpid(-1, &status, 0));
+            if (process == running.end()) continue; // a signal ended the wait
             const run_result result = process->second.finish(status);
             running.erase(process);
             add(sum, result.counts);
             if (!result.complaint.empty()) ++sum.seeds; // its process has counted nothing
             report(result);
         }
-        if (was_interrupted || is_enough(seed - first, sum)) return sum;
+        if (was_interrupted) {
+            kill_all(running);
+            return sum;
+        }
+        if (is_enough(seed - first, sum)) return sum;
         const plan plan = draw_plan(seed);
         const ats::result<run_process> process = run_process::start(plan, all_acts(plan), options);
         if (!process) {

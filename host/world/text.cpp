@@ -19,12 +19,19 @@ std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
     return number;
 }
 
+// True if inet_pton() accepts the text and fills `address`, which has the size that the family needs. inet_pton() stops
+// at a NUL, so a text that contains one is refused here.
+bool parse_address(int family, const std::string& text, void* address)
+{
+    return text.find('\0') == text.npos && inet_pton(family, text.c_str(), address) == 1;
+}
+
 } // namespace
 
 std::optional<uint32_t> parse_ipv4(const std::string& text)
 {
     in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    if (!parse_address(AF_INET, text, &address)) return std::nullopt;
     return address.s_addr;
 }
 
@@ -48,7 +55,7 @@ std::optional<kq_gid_t> parse_gid(const std::string& text)
         return kq_gid_t{.eui64 = *eui64, .subnet = *subnet};
     }
     wire_gid_t wire;
-    if (inet_pton(AF_INET6, text.c_str(), wire.bytes) != 1) return std::nullopt;
+    if (!parse_address(AF_INET6, text, wire.bytes)) return std::nullopt;
     return from_wire(wire);
 }
 

@@ -93,4 +93,12 @@ TEST_F(text, gids)
     }
 }
 
+TEST(texts_of_the_host, with_a_nul_are_refused)
+{
+    using namespace std::string_literals;
+    EXPECT_FALSE(world::parse_ipv4("10.0.0.9\0x"s));
+    EXPECT_FALSE(world::parse_gid("fe80::1\0x"s));
+    EXPECT_FALSE(world::parse_gid("0x1\0"s));
+}
+
 } // namespace

@@ -12,6 +12,7 @@ namespace
 {
 
 using fabric_tools::address_of;
+using fabric_tools::count_records;
 using fabric_tools::fabric_host;
 using fabric_tools::json;
 using fabric_tools::process;
@@ -83,13 +84,14 @@ struct hosts_on_fabric : testing::Test {
         for (int i = 1; i <= count; ++i) hosts.push_back(std::make_unique<fabric_host>(*net, i, options));
         for (const auto& host : hosts) ASSERT_TRUE(host->wait_serving()) << host->output();
     }
-    testing::AssertionResult sa_comes_to_hold(size_t count, std::chrono::milliseconds longest = 30s)
+    // Waits until the SA holds `count` records. Fails if the SA cannot be asked.
+    testing::AssertionResult sa_reaches_count(int count, std::chrono::milliseconds timeout = 30s)
     {
-        json records;
-        const bool holds = wait_until([&] { return (records = records_at_sa(*net, "sm2")).size() == count; }, longest);
-        return (holds ? testing::AssertionSuccess() : testing::AssertionFailure()) << records.dump(2);
+        if (wait_until([&] { return count_records(*net, "sm2") == count; }, timeout))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << "the SA's records: " << records_at_sa(*net, "sm2").dump(2);
     }
-    bool comes_to(const fabric_host& host, const std::string& state)
+    bool reaches_state(const fabric_host& host, const std::string& state)
     {
         return wait_until([&] { return host.port().value("state", "") == state; }, 30s);
     }
@@ -113,7 +115,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
 {
     start_sm();
     start_hosts(2, {"--capture", "host.pcap"});
-    ASSERT_TRUE(sa_comes_to_hold(2));
+    ASSERT_TRUE(sa_reaches_count(2));
     EXPECT_THAT(net->run("sm2", {"saquery", "SR"}), HasSubstr("DAPL Address Translation Service"));
     EXPECT_THAT(records_at_sa(*net, "sm2", {"--name", "node2"})[0], json({{"address", "10.0.0.2"},
                                                                           {"gid", gid(2)},
@@ -142,7 +144,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
 
     const std::string capture_path = hosts[0]->folder() + "/host.pcap";
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_comes_to_hold(1)) << "the other client's";
+    EXPECT_TRUE(sa_reaches_count(1)) << "the other client's";
     const std::string decoded = net->run("sm2", {"sh", "-c", "unset LD_PRELOAD; tshark -V -r " + capture_path});
     if (!times_in(decoded, "InfiniBand")) GTEST_SKIP() << "tshark is missing: " << decoded;
     EXPECT_EQ(times_in(decoded, "Encapsulation type"), 12u);
@@ -153,21 +155,21 @@ TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_b
 {
     start_hosts(2, {"--port-interval", "50"});
     start_sm();
-    ASSERT_TRUE(sa_comes_to_hold(2));
+    ASSERT_TRUE(sa_reaches_count(2));
     EXPECT_EQ(times_in(hosts[0]->output(), "the link is up, but no subnet manager"), 1u) << hosts[0]->output();
     const std::string own = gid(1);
     net->unplug("node1");
-    ASSERT_TRUE(comes_to(*hosts[0], "Down"));
+    ASSERT_TRUE(reaches_state(*hosts[0], "Down"));
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), "failed") << "there is no port to ask through";
     EXPECT_EQ(net->run("node2", {SET_RECORD, "-d", own, "0xFFFF"}), "0x0000\n"); // as if its SA had lost it
     net->plug("node1");
-    ASSERT_TRUE(comes_to(*hosts[0], "Active")) << hosts[0]->output() << sm->output();
-    EXPECT_TRUE(sa_comes_to_hold(2)) << "registered anew";
+    ASSERT_TRUE(reaches_state(*hosts[0], "Active")) << hosts[0]->output() << sm->output();
+    EXPECT_TRUE(sa_reaches_count(2)) << "registered anew";
 
     hosts[1]->kill();
-    EXPECT_TRUE(sa_comes_to_hold(2)) << "an SA keeps records without an end";
+    EXPECT_TRUE(sa_reaches_count(2)) << "an SA keeps records without an end";
     EXPECT_EQ(hosts[0]->stop(), 0);
-    EXPECT_TRUE(sa_comes_to_hold(1));
+    EXPECT_TRUE(sa_reaches_count(1));
 }
 
 TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)
@@ -176,7 +178,7 @@ TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)
     const auto standby = net->start_sm("sm2");
     ASSERT_TRUE(standby->wait_line("Entering STANDBY state", 20s)) << standby->output();
     start_hosts(2, {"--port-interval", "50"});
-    ASSERT_TRUE(sa_comes_to_hold(2));
+    ASSERT_TRUE(sa_reaches_count(2));
     net->kill(*sm);
     ASSERT_TRUE(net->wait_master(*standby)) << standby->output();
     for (const auto& host : hosts)
@@ -184,17 +186,17 @@ TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), "not found") << "the new SA knows no records";
     EXPECT_TRUE(hosts[0]->ask({"set-address", "10.0.0.11"}).contains("done")) << "the new SA confirms it";
     EXPECT_TRUE(hosts[1]->ask({"set-address", "10.0.0.12"}).contains("done"));
-    EXPECT_TRUE(sa_comes_to_hold(2));
+    EXPECT_TRUE(sa_reaches_count(2));
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.12"), gid(2));
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_comes_to_hold(0));
+    EXPECT_TRUE(sa_reaches_count(0));
 }
 
 TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
 {
     start_sm();
     start_hosts(2, {"--sa-delete-pkey", "off"});
-    ASSERT_TRUE(sa_comes_to_hold(2));
+    ASSERT_TRUE(sa_reaches_count(2));
     const std::string other_gid = gid(2);
     for (const char* node : {"node1", "node2"}) net->lose(node, 40);
     for (int i = 0; i < 5; ++i) {
@@ -213,7 +215,7 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     EXPECT_EQ(hosts[0]->port().value("state", ""), "Active") << "the port itself answers all the time";
 
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_comes_to_hold(2)) << "a delete without a P_Key finds nothing";
+    EXPECT_TRUE(sa_reaches_count(2)) << "a delete without a P_Key finds nothing";
 }
 
 TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric)
@@ -227,7 +229,7 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
     hosts.push_back(
         std::make_unique<fabric_host>(*net, 1, std::vector<std::string>{"--port-interval", "50"}, environment));
     fabric_host& host = *hosts[0];
-    ASSERT_TRUE(sa_comes_to_hold(1)) << host.output();
+    ASSERT_TRUE(sa_reaches_count(1)) << host.output();
     int nobody = 100;
     for (const char* fault : {"short", "stray", "request", "short", "stray", "request"}) {
         set_fault(fault);
@@ -238,13 +240,13 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
     EXPECT_EQ(times_in(host.output(), "answers no request in flight"), 1u) << host.output();
 
     set_fault("gone");
-    EXPECT_TRUE(comes_to(host, "Down")) << host.output();
+    EXPECT_TRUE(reaches_state(host, "Down")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "failed");
     const long ticks_before = ticks_used_by(host.program());
     EXPECT_FALSE(host.program().wait_line("the link is up", 1s));
     EXPECT_LT(ticks_used_by(host.program()) - ticks_before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
     set_fault("");
-    EXPECT_TRUE(comes_to(host, "Active")) << host.output();
+    EXPECT_TRUE(reaches_state(host, "Active")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "not found");
     EXPECT_EQ(times_in(host.output(), "the device is gone"), 1u) << host.output();
 
@@ -268,16 +270,16 @@ TEST_F(hosts_on_fabric, of_seven_register_again_by_themselves_when_the_sa_forget
 {
     start_sm();
     start_hosts(7);
-    ASSERT_TRUE(sa_comes_to_hold(7));
+    ASSERT_TRUE(sa_reaches_count(7));
     const std::vector<std::string> first_records = fabric_tools::texts_of(records_at_sa(*net, "sm2"));
     EXPECT_EQ(sm->stop(), 0);
     start_sm();
-    EXPECT_TRUE(sa_comes_to_hold(0)) << "a new OpenSM has no records";
-    EXPECT_TRUE(sa_comes_to_hold(7, 90s));
+    EXPECT_TRUE(sa_reaches_count(0)) << "a new OpenSM has no records";
+    EXPECT_TRUE(sa_reaches_count(7, 90s));
     EXPECT_EQ(fabric_tools::texts_of(records_at_sa(*net, "sm2")), first_records);
     for (int i = 1; i <= 7; ++i) EXPECT_EQ(answer(*hosts[0], "resolve", address_of(i)), gid(i));
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_comes_to_hold(0));
+    EXPECT_TRUE(sa_reaches_count(0));
 }
 
 TEST_F(hosts_on_fabric, get_a_report_of_what_a_machine_lacks)
