@@ -52,7 +52,8 @@ bool is_as_registered(const ib_service_record_v2_t& record)
     return memcmp(&registered, &record, sizeof record) == 0;
 }
 
-// The flaw of the record that `records`, those of the SA, hold of this GID. The host reports the address `ipv4` for it.
+// Checks the SA's record of `gid`. `records` are all records of the SA; `ipv4` is the address that the host reports for
+// the GID. Returns the flaw; its text is empty if there is none.
 flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& ipv4, const records_t& records)
 {
     const auto has_gid = [&](const auto& each) { return view_of(each).gid == gid; };
@@ -130,7 +131,8 @@ void end_faults(tested_fabric& fabric)
     }
 }
 
-// Loads the modules on three of four hosts that are down. All hosts verify with the default period again.
+// Loads the modules on about three of four hosts that are down. Sets the default verification period on every running
+// host.
 void bring_hosts_up(tested_fabric& fabric)
 {
     uint64_t longest_period = 0;
@@ -158,8 +160,8 @@ node& owner_of(tested_fabric& fabric, const std::string& gid)
     fabric.violate("the SA holds a record of " + gid + ", which no port has");
 }
 
-// Compares the SA's records with the truth. With `to_forget`, excused flaws are allowed: the GIDs of wrong or left-over
-// records are added to it. Without it, no flaw is allowed.
+// Compares the SA's records with the truth. If `to_forget` is not null, excused flaws are allowed, and the GIDs of
+// wrong or left-over records are appended to it. If it is null, no flaw is allowed.
 void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
 {
     std::vector<std::string> true_gids;
@@ -214,8 +216,8 @@ bool has_answer(const question& question)
     return question.by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
-// Lets every live host look up some of the SA's records, by GID and by address. Two HCAs of a host may share an
-// address: then its lookup may return either GID, and is not compared.
+// Lets every live host look up some of the SA's records, by GID and by address. If two HCAs share an address,
+// its lookup may return either GID, so it is not compared.
 void compare_lookups(tested_fabric& fabric)
 {
     std::mt19937_64 dice(fabric.plan.seed);

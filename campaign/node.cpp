@@ -15,7 +15,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t delete_wait_ticks = 20; // the service waits so long for the answer to a Delete
+constexpr uint64_t delete_wait_ticks = 20; // how long the service waits for the answer to a Delete
 
 world::host_plan plan_of(size_t number, const host_shape& shape)
 {
@@ -36,7 +36,7 @@ std::string contradiction_in(const console::json& hca)
         if (!active_port.is_null()) return "there are two active ports";
         active_port = port["port"];
     }
-    return active_port == hca["active_port"] ? "" : "the active port is not in the state Active";
+    return active_port == hca["active_port"] ? "" : "the report names another active port than the one in state Active";
 }
 
 } // namespace
@@ -107,7 +107,7 @@ uint32_t node::next_address()
     return ip;
 }
 
-// A quarter of the names have 30 characters, as many as a record holds, or more.
+// A quarter of the names have 30 or 40 characters. A record holds 30.
 std::string node::next_name(uint32_t random)
 {
     std::string next = host.name() + "-" + std::to_string(names_made_++);
@@ -164,7 +164,7 @@ console::json node::read_control()
 void node::expect_verification(const act& act, console::json verification)
 {
     const console::json default_verification = {{"period", 60}, {"skew", 1}};
-    if (verification == default_verification) return; // a report may show it without the act
+    if (verification == default_verification) return; // a report shows the defaults even without the act
     verification_act_ = act;
     verification_ = std::move(verification);
 }

@@ -34,7 +34,7 @@ void question::answered(ibat_stat_t status, ibat_arp_data_t* record, void* self)
     if (question.of_service && status == ibat_stat_timeout && elapsed_ticks < shortest_wait_ticks)
         fabric.violate(subject + "timed out after " + std::to_string(elapsed_ticks) + " ticks");
     if (elapsed_ticks >= (question.of_service ? longest_wait_ticks : longest_wait_for_peers_ticks))
-        fabric.violate(subject + "was answered after " + std::to_string(elapsed_ticks) + " ticks only");
+        fabric.violate(subject + "was answered too late, after " + std::to_string(elapsed_ticks) + " ticks");
     question.status = status;
     if (record) question.ip = record->dst_ip;
     if (record) question.gid = record->gid;

@@ -66,12 +66,12 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     if (fault.empty() && !node.models.empty())
         fault = node.models[sender.hca].check_request(*exec::current_task(), method,
                                                       std::to_array(record.service_gid.bytes));
-    if (fault.empty()) fault = delay_in(node, method, now_ticks);
+    if (fault.empty()) fault = timing_fault_in(node, method, now_ticks);
     if (!fault.empty()) fabric_.violate(host_name + ": " + fault);
 }
 
 // The answer to a Delete comes in the same tick if nothing disturbs it. Then the Set must follow in this tick too.
-std::string wire_watch::delay_in(node& node, uint8_t method, uint64_t now_ticks)
+std::string wire_watch::timing_fault_in(node& node, uint8_t method, uint64_t now_ticks)
 {
     uint64_t& delete_tick = delete_ticks_[exec::current_task()];
     if (method == MAD_METHOD_DELETE) delete_tick = now_ticks;

@@ -1,5 +1,5 @@
-// Checks every datagram as it crosses from a host to the fabric: it must be one of the service's four requests, correct
-// in every byte, and true as far as the wire shows.
+// Checks every datagram as it crosses from a host to the fabric: it must be one of the service's four requests, every
+// checked field must be correct, and the P_Key and GID of a Set must be those of its port.
 #pragma once
 
 #include <map>
@@ -47,7 +47,7 @@ class wire_watch final : public fabric::tap
 
     // Each returns the fault of a request, or an empty text.
     std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
-    std::string delay_in(node& node, uint8_t method, uint64_t now_ticks);
+    std::string timing_fault_in(node& node, uint8_t method, uint64_t now_ticks);
 
     tested_fabric& fabric_;
     std::map<const exec::task*, uint64_t> requests_;     // how many each task has sent

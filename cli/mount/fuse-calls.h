@@ -15,7 +15,8 @@
 namespace cli
 {
 
-// Paths by inode number. A path gets its number at its first use and keeps it; the table is as long as there are files.
+// Paths by inode number. A path gets a number at its first use and keeps it. Only files that existed get one, so the
+// table stays small.
 class inode_table
 {
   public:

@@ -23,8 +23,8 @@ struct mount_entry {
     uint64_t size = 0;
 };
 
-// The size of a log as a file. The log drops its oldest lines, but an open file must not change under its readers:
-// while it is open, its beginning stays, and it only grows. Any thread.
+// The size of a log as a file. The log drops its oldest lines. While the file is open, its size still counts
+// them, so it only grows. Any thread.
 class log_size
 {
   public:
@@ -40,8 +40,8 @@ class log_size
   private:
     kernel::log& log_;
     int follower_;
-    std::atomic<uint64_t> written_bytes_{0}; // ever
-    std::atomic<uint64_t> dropped_bytes_{0}; // as of the first reader's start
+    std::atomic<uint64_t> written_bytes_{0}; // since the machine started
+    std::atomic<uint64_t> dropped_bytes_{0}; // dropped before the first reader opened the file
     std::mutex mutex_;                       // guards the changes of readers_ and dropped_bytes_
     int readers_ = 0;
 };
@@ -64,8 +64,8 @@ class log_reader
     kernel::log& log_;
     log_size& size_;
     uint64_t first_line_ = 0;
-    uint64_t next_line_ = 0; // the one after the piece
-    std::string piece_;      // the text of some lines
+    uint64_t next_line_ = 0; // the first line after piece_
+    std::string piece_;      // the lines read last, as text; begins at piece_offset_
     size_t piece_offset_ = 0;
 };
 

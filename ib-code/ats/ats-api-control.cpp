@@ -150,8 +150,8 @@ void ats_proc_cmd_verify_period(int argc, char** argv)
     verification_period_skew_percent = skew < 0 ? 0 : skew > 100 ? 100 : skew;
 }
 
-// The Delete names the record by the GID registered last. The address becomes this host's own, for the next
-// registration.
+// Deletes the record of the GID registered last, whatever the argument is. The argument becomes this host's address at
+// its next registration.
 void ats_proc_cmd_delete_ip(int argc, char** argv)
 {
     if (!has_arguments(argc, 2)) return;

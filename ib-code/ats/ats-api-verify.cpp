@@ -15,9 +15,9 @@ namespace
 {
 
 constexpr int64_t ticks_per_second = HZ;
-constexpr unsigned long off_ticks = 60 * HZ; // while off: how often to look whether it was switched on
+constexpr unsigned long off_ticks = 60 * HZ; // while verification is off: how often its timer checks if it is on again
 constexpr size_t ipaddr_text_size = 30;
-constexpr int64_t whole_skew = int64_t{100} * 255; // a skew of 100 percent, for the largest random byte
+constexpr int64_t skew_divisor = int64_t{100} * 255; // 100 percent times the largest random byte gives a whole period
 
 // The tick of the next check: a period, lengthened at random by up to the skew, so that hosts drift apart.
 unsigned long calc_verify_timeout()
@@ -25,8 +25,8 @@ unsigned long calc_verify_timeout()
     uint8_t random;
     get_random_bytes(&random, sizeof random);
     const int64_t period_ticks =
-        std::max(verification_period.load(), 0) * ticks_per_second; // below zero is off, as zero
-    const int64_t delay = period_ticks + period_ticks * verification_period_skew_percent * random / whole_skew;
+        std::max(verification_period.load(), 0) * ticks_per_second; // a negative period means off, like 0
+    const int64_t delay = period_ticks + period_ticks * verification_period_skew_percent * random / skew_divisor;
     ATS_DEBUG("timeout=%lu\n", static_cast<unsigned long>(delay));
     return jiffies + static_cast<unsigned long>(delay);
 }
@@ -123,7 +123,7 @@ void end_verification(int32_t n_hcas)
     for (int32_t i = 0; i < n_hcas; ++i) del_timing_sync(&ats_cntx[i].timing_request);
 }
 
-// Each thread has a buffer of its own, because several contexts may trace at the same moment.
+// The next two functions use a buffer for each thread, because several contexts may trace at the same time.
 
 const char* print_ibat_stat(ibat_stat_t stat)
 {

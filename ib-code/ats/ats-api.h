@@ -1,4 +1,5 @@
-// Inside the resolution service. The unit ats-api stands in four files, by what they do; its trace lines name the unit.
+// Internal interface of the resolution service. Four files implement it: ats-api, ats-api-rarp, ats-api-verify and
+// ats-api-control. The trace lines of all four name ats_api.cpp.
 #pragma once
 
 #define ATS_TRACE_UNIT "ats_api.cpp"
@@ -6,17 +7,17 @@
 #include "ats.h"
 #include "debug-support.h"
 
-// Takes the function published under `name` into `slot`, with a reference that ats_put_peer returns. False: nobody
-// published it.
+// Stores the function published under `name` in `*slot` and takes a reference, which ats_put_peer gives back. False:
+// no module has published that name.
 template <class slot_t>
 bool ats_get_peer(const char* name, slot_t* slot)
 {
-    // The registry holds plain pointers; the name says which function it is.
+    // The registry holds untyped pointers. The name determines the function's type.
     *slot = reinterpret_cast<slot_t>(const_cast<void*>(inter_module_get(name)));
     return *slot != nullptr;
 }
 
-// Returns the reference, if one is held, and empties the slot.
+// Gives the reference back, if one is held, and sets `*slot` to null.
 template <class slot_t>
 void ats_put_peer(const char* name, slot_t* slot)
 {
@@ -36,7 +37,9 @@ void ats_ucm_stop(ats_context_t* ats);
 
 // Both are send_rarp_fn_t; the provider's context is the ats_context_t. The second does not look in IBAT's cache. The
 // callback is made in the completion context or by the request timer, under no lock; it must not sleep and must not
-// keep the record. A request that was queued but could not be sent returns ibat_stat_error, and still times out.
+// keep the record. If the request was queued but could not be sent, the call returns ibat_stat_error, and the callback
+// still follows, usually with ibat_stat_timeout. It does not follow if there was no memory for the request, or if the
+// module stops before.
 ibat_stat_t ats_rarp_send(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
                           void* provider_context);
 ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,

@@ -25,7 +25,7 @@ namespace
 
 constexpr const char* registry_key = "dorvex/modules/ats/";
 constexpr const char* module_name = "ats";
-constexpr const char* module_version = ATS_MODULE_VERSION; // "1.21"; the build knows it
+constexpr const char* module_version = ATS_MODULE_VERSION; // defined in ib-code/CMakeLists.txt, for example "1.21"
 constexpr const char* version_tag = "$Name: ATS_" ATS_MODULE_VERSION_TAG "_RELEASE $";
 constexpr const char* control_file = "dorvex/ats/control";
 constexpr mode_t control_file_mode = 0644;
@@ -37,7 +37,7 @@ const module_parameter_t parameters[] = {
     {"ats_attach_ibat", module_parameter_int, &ats_attach_ibat, "0: only look into IBAT's cache, do not serve it"},
 };
 
-// The verbs layer's list; it lives as long as the module.
+// Filled by kq_list_hcas().
 kq_hca_name hca_names[ATS_MAX_HCAS];
 
 // Gives each context the name of an HCA. Returns the number of HCAs, or a negative status.
@@ -57,8 +57,8 @@ int32_t init_contexts()
     for (int32_t i = 0; i < ats_n_hcas; ++i) {
         ats_context_t* ats = &ats_cntx[i];
         ATS_TRACE_AS("ats_module_init", ZR_DEBUG, "init ats for hca %s\n", ats->hca_name.name);
-        // Only the first HCA serves IBAT and UCM.
-        if (ats_init(ats, ats_attach_ibat, i) < 0) {
+        const int32_t sa_only = i > 0; // only the first HCA serves IBAT and UCM
+        if (ats_init(ats, ats_attach_ibat, sa_only) < 0) {
             ATS_TRACE_AS("ats_module_init", ZR_ERROR, "ATS init error  %s\n", ats->hca_name.name);
             ats_stop();
             return -EK_NXIO;

@@ -7,6 +7,7 @@
 namespace
 {
 
+// The identifiers of the service's record. A module is loaded alone, so records/ has a copy for the hosts and programs.
 constexpr char service_name[] = "DAPL Address Translation Service";
 constexpr uint8_t service_data16_marker[] = {0x5C, 0x27};
 constexpr uint32_t infinite_lease = 0xFFFFFFFF;

@@ -39,7 +39,7 @@ std::string text_of(const std::string& path)
     return text.str();
 }
 
-// Its processor time, in clock ticks of the system.
+// The processor time that the program has used, in clock ticks of the system.
 long ticks_used_by(const fabric_tools::process& program)
 {
     std::ifstream stat("/proc/" + std::to_string(program.pid()) + "/stat");
@@ -62,7 +62,7 @@ struct hosts_on_fabric : testing::Test {
         net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
     }
 
-    // The reports of sanitizers: those of a program that is killed later stand in its output only.
+    // Fails if the output of any program holds a sanitizer's report. A killed program reports nowhere else.
     void TearDown() override
     {
         if (!net) return;
@@ -144,7 +144,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
 
     const std::string capture_path = hosts[0]->folder() + "/host.pcap";
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_reaches_count(1)) << "the other client's";
+    EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
     const std::string decoded = net->run("sm2", {"sh", "-c", "unset LD_PRELOAD; tshark -V -r " + capture_path});
     if (!times_in(decoded, "InfiniBand")) GTEST_SKIP() << "tshark is missing: " << decoded;
     EXPECT_EQ(times_in(decoded, "Encapsulation type"), 12u);
@@ -167,7 +167,7 @@ TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_b
     EXPECT_TRUE(sa_reaches_count(2)) << "registered anew";
 
     hosts[1]->kill();
-    EXPECT_TRUE(sa_reaches_count(2)) << "an SA keeps records without an end";
+    EXPECT_TRUE(sa_reaches_count(2)) << "the SA keeps a record with an infinite lease";
     EXPECT_EQ(hosts[0]->stop(), 0);
     EXPECT_TRUE(sa_reaches_count(1));
 }
@@ -207,7 +207,7 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
         hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
         return times_in(hosts[0]->output(), "answers no request") == 1;
     };
-    net->lose("node1", 100); // its requests still get through, for ibsim loses what arrives
+    net->lose("node1", 100); // its requests still reach the SA: ibsim drops only what arrives at node1
     EXPECT_TRUE(wait_until(is_silent, 30s)) << hosts[0]->output();
     for (const char* node : {"node1", "node2"}) net->lose(node, 0);
     hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
@@ -230,10 +230,10 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
         std::make_unique<fabric_host>(*net, 1, std::vector<std::string>{"--port-interval", "50"}, environment));
     fabric_host& host = *hosts[0];
     ASSERT_TRUE(sa_reaches_count(1)) << host.output();
-    int nobody = 100;
+    int unused_number = 100;
     for (const char* fault : {"short", "stray", "request", "short", "stray", "request"}) {
         set_fault(fault);
-        EXPECT_EQ(answer(host, "resolve", address_of(++nobody)), "not found") << fault;
+        EXPECT_EQ(answer(host, "resolve", address_of(++unused_number)), "not found") << fault;
         EXPECT_EQ(text_of(fault_file), "") << fault << " never happened";
     }
     EXPECT_EQ(times_in(host.output(), "shorter than a record"), 1u) << host.output();
@@ -244,7 +244,8 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "failed");
     const long ticks_before = ticks_used_by(host.program());
     EXPECT_FALSE(host.program().wait_line("the link is up", 1s));
-    EXPECT_LT(ticks_used_by(host.program()) - ticks_before, sysconf(_SC_CLK_TCK) / 5) << "a spin";
+    EXPECT_LT(ticks_used_by(host.program()) - ticks_before, sysconf(_SC_CLK_TCK) / 5)
+        << "the program polls without a pause";
     set_fault("");
     EXPECT_TRUE(reaches_state(host, "Active")) << host.output();
     EXPECT_EQ(answer(host, "resolve", "10.0.0.99"), "not found");
@@ -259,10 +260,11 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
     net->console("Baselid \"node1\"[1] 40"); // another LID, for which this SM has no route
     EXPECT_TRUE(wait_until([&] { return host.port().value("lid", 0) == 40; }, 30s)) << host.output();
 
-    net->die();
+    net->kill_simulator();
     const long ticks_at_death = ticks_used_by(host.program());
     EXPECT_TRUE(host.program().wait_line("does not report its state", 30s)) << host.output();
-    EXPECT_LT(ticks_used_by(host.program()) - ticks_at_death, sysconf(_SC_CLK_TCK) / 5) << "a spin";
+    EXPECT_LT(ticks_used_by(host.program()) - ticks_at_death, sysconf(_SC_CLK_TCK) / 5)
+        << "the program polls without a pause";
 }
 
 // Hosts look after their records once a minute.

@@ -8,7 +8,7 @@ namespace fabric_tools
 namespace
 {
 
-const std::string ats = ATS_PROGRAM; // the path
+const std::string program_path = ATS_PROGRAM;
 
 json parse(const std::string& text)
 {
@@ -30,7 +30,7 @@ std::string address_of(int number)
 
 std::string ats_program()
 {
-    return ats;
+    return program_path;
 }
 
 std::vector<std::string> node_names(int count, std::vector<std::string> others)
@@ -43,8 +43,8 @@ fabric_host::fabric_host(ibsim_fabric& net, int number, const std::vector<std::s
                          const std::vector<std::string>& environment)
     : net_(net), name_(node_name(number)), socket_(net.folder() + "/" + name_ + ".sock")
 {
-    std::vector<std::string> arguments = {ats,   "run",       "--fabric",         "umad",     "--name",
-                                          name_, "--address", address_of(number), "--socket", socket_};
+    std::vector<std::string> arguments = {program_path, "run",       "--fabric",         "umad",     "--name",
+                                          name_,        "--address", address_of(number), "--socket", socket_};
     arguments.insert(arguments.end(), options.begin(), options.end());
     program_ = net.start(name_, name_, arguments, environment);
 }
@@ -54,10 +54,10 @@ bool fabric_host::wait_serving(duration longest)
     return program_->wait_line("clients are served", longest).has_value();
 }
 
-// A client needs no port, so it is not started on a node: ibsim takes few programs.
+// A client needs no port, so it runs outside ibsim, which serves only a few programs.
 json fabric_host::ask(std::vector<std::string> command) const
 {
-    command.insert(command.begin(), ats);
+    command.insert(command.begin(), program_path);
     command.insert(command.end(), {"--json", "--socket", socket_});
     process client({.arguments = command, .output = net_.new_file("client")});
     client.wait_end(60s);
@@ -73,7 +73,7 @@ json fabric_host::port() const
 
 json records_at_sa(ibsim_fabric& net, const std::string& node, const std::vector<std::string>& filter)
 {
-    std::vector<std::string> command = {ats, "sa", "show", "--real", "--json"};
+    std::vector<std::string> command = {program_path, "sa", "show", "--real", "--json"};
     command.insert(command.end(), filter.begin(), filter.end());
     const json answer = parse(net.run(node, command));
     return answer.is_object() ? answer.value("records", json()) : json();

@@ -52,7 +52,7 @@ class ibsim_fabric
     void kill(process& program);
 
     // Ends ibsim: the whole fabric falls silent.
-    void die() { ibsim_->stop(); }
+    void kill_simulator() { ibsim_->stop(); }
 
     // Gives ibsim's console a command.
     void console(const std::string& line);
