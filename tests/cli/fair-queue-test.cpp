@@ -1,0 +1,42 @@
+#include <gmock/gmock.h>
+#include <string>
+
+#include "cli/server/fair-queue.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+
+std::vector<std::string> pop_all(cli::fair_queue<std::string>& queue, size_t most = SIZE_MAX)
+{
+    std::vector<std::string> entries;
+    while (!queue.is_empty() && entries.size() < most) entries.push_back(queue.pop());
+    return entries;
+}
+
+// A user who asks much, or opens many connections, delays another by one entry.
+TEST(fair_queue, users_take_turns_and_so_do_their_connections)
+{
+    cli::fair_queue<std::string> queue;
+    for (int i = 0; i < 10'000; ++i) queue.push({1, 10}, "many");
+    EXPECT_THAT(pop_all(queue, 2), ElementsAre("many", "many"));
+    queue.push({2, 20}, "single");
+    EXPECT_THAT(pop_all(queue, 2), ElementsAre("many", "single"));
+
+    queue.push({1, 11}, "other connection");
+    EXPECT_THAT(pop_all(queue, 2), ElementsAre("many", "other connection"));
+
+    queue.push({2, 20}, "a");
+    queue.push({2, 20}, "b");
+    queue.push({2, 21}, "c");
+    queue.remove({1, 10});
+    EXPECT_THAT(pop_all(queue), ElementsAre("a", "c", "b"));
+
+    queue.push({3, 30}, "gone");
+    queue.remove({3, 30});
+    queue.remove({3, 30});
+    EXPECT_TRUE(queue.is_empty());
+}
+
+} // namespace
