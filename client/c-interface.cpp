@@ -1,5 +1,6 @@
 // The C interface: checks arguments, lets no exception out, and calls the client.
 #include <bit>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,6 +10,11 @@
 #include "client/client.h"
 #include "client/last-error.h"
 #include "client/socket-path.h"
+
+// Programs that were built earlier rely on these layouts.
+static_assert(sizeof(ats_options_t) == 24 && offsetof(ats_options_t, host) == 16);
+static_assert(sizeof(ats_answer_t) == 240 && offsetof(ats_answer_t, gid) == 24 &&
+              offsetof(ats_answer_t, reason) == 48 && offsetof(ats_answer_t, reserved) == 208);
 
 struct ats_client {
     explicit ats_client(std::string path) : client(std::move(path)) {}
