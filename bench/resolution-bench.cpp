@@ -1,4 +1,4 @@
-// A complete resolution: the call of IBAT, the request, the SA, the answer and the callback.
+// Measures a complete resolution: the call of IBAT, the request to the SA, its answer and the callback.
 #include <benchmark/benchmark.h>
 
 #include "bench/bench-world.h"
@@ -11,9 +11,9 @@
 namespace
 {
 
-constexpr int window = 8; // pending requests, each for another address, since IBAT joins requests for the same one
+constexpr int window = 8; // pending requests; each needs its own address, because IBAT joins requests for the same one
 
-// Asks the SA for one address after another, with `window` pending requests, and counts the right answers.
+// Asks the SA for addresses, with at most `window` pending requests, and counts the right answers.
 struct sa_lookups {
     explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free, window); }
 
@@ -23,6 +23,7 @@ struct sa_lookups {
         if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free);
     }
 
+    // Waits for all answers, and leaves nothing free for send().
     void wait_for_all()
     {
         for (int i = 0; i < window; ++i) down(&free);
@@ -31,13 +32,13 @@ struct sa_lookups {
     static void count_answer(ibat_stat_t status, ibat_arp_data_t*, void* context)
     {
         auto& self = *static_cast<sa_lookups*>(context);
-        if (status == ibat_stat_ok) ++self.right;
+        if (status == ibat_stat_ok) ++self.right_answers;
         up(&self.free);
     }
 
     world::published<ibat_refresh_fn_t> refresh;
     semaphore free;
-    uint64_t right = 0;
+    uint64_t right_answers = 0;
 };
 
 void resolve(benchmark::State& state)
@@ -57,7 +58,7 @@ void resolve(benchmark::State& state)
             next = next + 1 < addresses.size() ? next + 1 : 0;
         }
         lookups.wait_for_all();
-        if (lookups.right != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
+        if (lookups.right_answers != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
     });
     state.SetItemsProcessed(state.iterations());
 }
@@ -93,7 +94,7 @@ void match_among_pending(benchmark::State& state)
             lookups.wait_for_all();
             for (int i = 0; i < window; ++i) up(&lookups.free);
         }
-        if (lookups.right != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
+        if (lookups.right_answers != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
     });
     if (answers != 0) state.SkipWithError("a pending request was answered");
 }

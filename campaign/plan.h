@@ -1,5 +1,5 @@
 // The plan of a campaign: a fabric, and acts that each begin and end at a tick. The plan is drawn from a seed before
-// anything runs. So a list of acts can be replayed, and shortened until only the necessary acts remain.
+// anything runs. Therefore a list of acts can be replayed, and shortened until only the necessary acts remain.
 #pragma once
 
 #include <array>
@@ -18,11 +18,11 @@ constexpr uint64_t minute = 60 * second;
 
 struct tested_fabric;
 
-// Whose registration may fail while an act lasts.
+// Says which registrations may fail while an act lasts.
 enum class harm {
     none,
-    host,    // that of the act's host
-    network, // that of any host
+    host,    // those of the act's host
+    network, // those of all hosts
 };
 
 struct act {
@@ -38,14 +38,14 @@ struct act {
 
 struct act_kind {
     const char* name;
-    int weight; // how often it is drawn, in relation to the others
+    int weight; // how often it is drawn, relative to the other kinds
     campaign::harm harm;
     uint64_t longest_ticks; // 0: it begins and ends at once
     void (*begin)(tested_fabric&, const act&);
     void (*end)(tested_fabric&, const act&); // null: nothing to undo
 
-    // Names the effect that is counted for this kind. `effect` is the fabric's counter of it; if it is null, the act
-    // calls tested_fabric::mark.
+    // Names the effect that is counted for this kind. `effect` is the fabric's counter for it. If `effect` is null, the
+    // act calls tested_fabric::mark.
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
 };
@@ -62,8 +62,8 @@ struct host_shape {
 struct plan {
     uint64_t seed;
     std::vector<host_shape> hosts;
-    std::vector<act> acts;    // by begin_tick
-    uint64_t faults_end_tick; // by then every act has ended
+    std::vector<act> acts;    // sorted by begin_tick
+    uint64_t faults_end_tick; // every act has ended by then
 };
 
 plan draw_plan(uint64_t seed);

@@ -19,8 +19,8 @@ bool contains(const std::string& line, const char* text)
     return line.find(text) != std::string::npos;
 }
 
-// The number behind `text` in the line. 0 if the line does not contain the text.
-int number_behind(const std::string& line, std::string_view text)
+// The number that follows `text` in the line; 0 if the line does not contain the text.
+int number_after(const std::string& line, std::string_view text)
 {
     const size_t position = line.find(text);
     return position == std::string::npos ? 0 : std::atoi(line.c_str() + position + text.size());
@@ -42,23 +42,23 @@ std::string port_model::check_line(const exec::task& task, const std::string& li
 
 std::string port_model::check_event_line(const std::string& line)
 {
-    const auto port_behind = [&](std::string_view text) {
-        const int port = number_behind(line, text);
+    const auto port_after = [&](std::string_view text) {
+        const int port = number_after(line, text);
         return port <= ports_ ? port : 0;
     };
-    if (contains(line, "Received ")) event_port_ = number_behind(line, "<port:");
-    if (const int port = port_behind("Received link_up <port:"); port > 0) {
+    if (contains(line, "Received ")) event_port_ = number_after(line, "<port:");
+    if (const int port = port_after("Received link_up <port:"); port > 0) {
         link_up(port);
-    } else if (const int port = port_behind("Received link_down <port:"); port > 0) {
+    } else if (const int port = port_after("Received link_down <port:"); port > 0) {
         link_down(port);
     } else if (contains(line, "() failed <")) {
         refresh_failed_ = true;
-        // The P_Key is read last. The service keeps what it read before.
+        // The service reads the P_Keys last, so it already has the GID when this call fails.
         if (contains(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
             known_gids_[event_port_ - 1] = gids_[event_port_ - 1];
-    } else if (const int port = port_behind(": port "); port > 0 && contains(line, " pkey 0x")) {
+    } else if (const int port = port_after(": port "); port > 0 && contains(line, " pkey 0x")) {
         known_gids_[port - 1] = gids_[port - 1];
-    } else if (const int port = number_behind(line, "Setting port ");
+    } else if (const int port = number_after(line, "Setting port ");
                port > 0 && contains(line, "to be the active port")) {
         return make_active(port);
     } else if (const size_t position = line.find(set_result); position != std::string::npos) {
@@ -106,7 +106,7 @@ std::string port_model::end_registration(const std::string& result)
 {
     is_registering_ = false;
     const bool was_sent = result == "0";
-    const bool is_missing = was_sent && sets_ == 0 && link_is_stable_; // without a link, no request is seen
+    const bool is_missing = was_sent && sets_ == 0 && link_is_stable_; // no request is seen while the link is down
     if (sets_ > (was_sent ? 1 : 0) || is_missing)
         return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;
     if (deletes_ > max_deletes) return "a registration sent " + std::to_string(deletes_) + " Deletes";
@@ -117,9 +117,10 @@ std::string port_model::end_registration(const std::string& result)
 std::string port_model::check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid)
 {
     if (!is_on_) return "";
-    const bool is_change = task.name == "rename" || task.name == "readdress";
+    const bool changes_record = task.name == "rename" || task.name == "readdress";
     if (task.name != event_task_) {
-        if (method == MAD_METHOD_SET && active_port_ > 0 && is_change) registered_gid_ = known_gids_[active_port_ - 1];
+        if (method == MAD_METHOD_SET && active_port_ > 0 && changes_record)
+            registered_gid_ = known_gids_[active_port_ - 1];
         return "";
     }
     if (!is_registering_) return "an event sent a request outside of a registration";

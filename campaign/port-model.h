@@ -25,7 +25,7 @@ class port_model
     {
     }
 
-    // Each returns the fault that it found, or an empty text. `task` logs the line or sends the request.
+    // Each returns the fault that it found, or an empty text. `task` logged the line or sent the request.
     // `link_is_stable`: no link has changed lately.
     std::string check_line(const exec::task& task, const std::string& line, bool link_is_stable);
     std::string check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
@@ -46,14 +46,14 @@ class port_model
     std::array<fabric::gid_bytes, 2> gids_{};
 
     bool is_on_ = false;       // the module is loaded and logs
-    bool is_stopping_ = false; // from now on its Deletes may name any GID
+    bool is_stopping_ = false; // its Deletes may now name any GID
     std::array<port_state, 2> states_{};
-    std::array<fabric::gid_bytes, 2> known_gids_{}; // as the service has read them
+    std::array<fabric::gid_bytes, 2> known_gids_{}; // as the service last read them
     int active_port_ = 0;                           // 0: none
     bool link_is_stable_ = false;
     fabric::gid_bytes registered_gid_{}; // the next Delete names it
 
-    // Of the event that is being handled.
+    // The state of the event that is being handled.
     int event_port_ = 0;
     bool must_choose_ = false;
     bool refresh_failed_ = false;

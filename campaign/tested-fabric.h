@@ -32,17 +32,17 @@ struct figures {
     uint64_t truths = 0;  // registrations and lookups compared with the truth
     uint64_t datagrams = 0;
     std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
-    uint64_t digest = 0;                          // of everything that happened; of several seeds, the xor
+    uint64_t digest = 0;                          // hash of all log lines; for several seeds, the xor of their digests
 };
 
-// The effects of harm end at most so long after the harm.
+// The longest time from the end of a harmful act to the end of its effects.
 constexpr uint64_t harm_lasts_ticks = 500;
 
-// When harm was done to a host or to the network.
+// Records when acts harmed a host or the network.
 struct harm_watch {
     int acts_running = 0;
     uint64_t last_tick = 0;
-    bool ever = false;
+    bool ever = false; // an act has done harm
 
     void begin()
     {
@@ -55,7 +55,7 @@ struct harm_watch {
         --acts_running;
         last_tick = now_ticks;
     }
-    // True if no harm has been done from this tick on.
+    // True if no harm has been done since this tick.
     bool quiet_since(uint64_t tick) const { return acts_running == 0 && (!ever || last_tick < tick); }
 };
 
@@ -64,7 +64,7 @@ struct tested_fabric {
     ~tested_fabric();
 
     // Runs the acts with these numbers, ends every fault, and checks that everything becomes right again. Called once.
-    // The error is one of the capture file; everything else that is wrong is a violation.
+    // An error means that the capture file could not be written. Every other fault is a violation.
     ats::result<> run(const std::vector<size_t>& act_numbers);
 
     // Prints the fault and ends the process.
@@ -74,7 +74,7 @@ struct tested_fabric {
     void note(const std::string& subject, const std::string& event);
     uint64_t now() const { return simulation->now(); }
 
-    // Counts that the act took effect, if it did. Returns `took_effect`.
+    // Counts the act for its kind if it took effect. Returns `took_effect`.
     bool mark(const act& act, bool took_effect = true)
     {
         counts.marks[act.kind] += took_effect;
@@ -103,8 +103,8 @@ struct tested_fabric {
     uint64_t next_keep_tick_ = 0;
 };
 
-// Called by a task of the host right after a change. Waits until the change must have arrived at the SA. If nothing
-// else has happened, the host's records must be right.
+// A task of the host calls this right after a change. It waits until the change must have reached the SA. If nothing
+// else disturbed the host, its records must then be right.
 void check_promptly(node& node, uint64_t acted_tick);
 
 // Ends every fault and compares everything with the truth.

@@ -23,16 +23,16 @@ namespace cli
 namespace
 {
 
-// One row for each thing that was checked: a verdict, the thing, and an explanation.
+// One row for each check: the verdict, the subject and an explanation.
 class findings
 {
   public:
     void add_ok(const std::string& subject, const std::string& text) { rows_.push_back({"ok", subject, text}); }
 
-    // A host does not need the subject.
+    // For a subject that a host can do without.
     void add_note(const std::string& subject, const std::string& text) { rows_.push_back({"note", subject, text}); }
 
-    // A host needs the subject. The text says what to do.
+    // For a subject that a host needs. The text says what to do.
     void add_missing(const std::string& subject, const std::string& text)
     {
         rows_.push_back({"MISSING", subject, text});
@@ -70,9 +70,9 @@ bool check_port(findings& findings, const std::string& hca, const umad::port_lis
         findings.add_note(subject, "not InfiniBand, or without a management device: it is not used");
         return false;
     }
-    const auto opened = umad::try_port(hca, port.number);
-    if (!opened) {
-        findings.add_missing(subject, opened.error().text);
+    const auto access = umad::try_port(hca, port.number);
+    if (!access) {
+        findings.add_missing(subject, access.error().text);
         return false;
     }
     const std::string usable = port.device + " may be used; ";
@@ -101,13 +101,13 @@ void check_service_records(findings& findings, umad::sa_client& sa)
         findings.add_ok("ServiceRecords", "supported; there is one of this port");
 }
 
-// Asks for ClassPortInfo (IBA 13.4.8.1), which every SA must know.
+// Asks for ClassPortInfo (IBA 13.4.8.1), which every SA must support.
 void check_sa(findings& findings, const std::string& hca, int port)
 {
     constexpr uint16_t class_port_info = 0x0001;
-    const auto opened = umad::open_sa_client(hca, port);
-    if (!opened) return findings.add_missing("SA", opened.error().text);
-    umad::sa_client& sa = **opened;
+    const auto client = umad::open_sa_client(hca, port);
+    if (!client) return findings.add_missing("SA", client.error().text);
+    umad::sa_client& sa = **client;
     const auto start = std::chrono::steady_clock::now();
     const auto answers = sa.ask({umad::make_sa_request(MAD_METHOD_GET, class_port_info, 0, nullptr, 0)});
     const std::chrono::duration<double, std::milli> duration = std::chrono::steady_clock::now() - start;

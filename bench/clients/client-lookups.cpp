@@ -1,6 +1,6 @@
-// Lookups that the cache cannot answer, by one process for each of the addresses, through libatsclient.
+// Measures lookups that bypass the cache, through libatsclient. One process runs for each address.
 //   client-lookups SOCKET LOOKUPS ADDRESS...
-// Each process asks the SA for its address one lookup after another. Prints the lookups per second of all.
+// Each process looks up its address again and again. Prints the lookups per second of all processes together.
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
@@ -14,7 +14,7 @@
 namespace
 {
 
-// The exit code of one process: 0 if all its lookups were answered.
+// Runs the lookups of one process. Returns its exit code: 0 if all were answered.
 int look_up(const char* socket, const char* address, long count)
 {
     ats_client_t* client = nullptr;
@@ -40,12 +40,12 @@ int main(int count, char** arguments)
         return 2;
     }
     const int processes = count - 3;
-    const long each = std::max(1L, std::atol(arguments[2]) / processes);
+    const long process_lookups = std::max(1L, std::atol(arguments[2]) / processes);
     std::vector<pid_t> children;
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < processes; ++i) {
         const pid_t child = fork();
-        if (child == 0) _exit(look_up(arguments[1], arguments[3 + i], each));
+        if (child == 0) _exit(look_up(arguments[1], arguments[3 + i], process_lookups));
         children.push_back(child);
     }
     int failures = 0;
@@ -55,6 +55,6 @@ int main(int count, char** arguments)
         failures += status != 0;
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    std::printf("%.0f lookups/s\n", static_cast<double>(each * processes) / seconds);
+    std::printf("%.0f lookups/s\n", static_cast<double>(process_lookups * processes) / seconds);
     return failures == 0 ? 0 : 2;
 }

@@ -1,5 +1,5 @@
-// Lookups by a whole host on its real port: IBAT asks ats, ats asks the SA, and the answer comes back the same way. The
-// yardstick is bare-lookups with as many requests in flight.
+// Measures lookups by a whole host on its real port: IBAT asks ats, ats asks the SA, and the answer comes back the same
+// way. Compare with bare-lookups with as many requests in flight.
 //   ats-lookups OWN_ADDRESS LOOKUPS ADDRESS...
 // One request is in flight for each address, because IBAT would join two for the same one. Prints the lookups per
 // second.
@@ -27,7 +27,7 @@ namespace
     std::exit(2);
 }
 
-// Asks the SA for each address again as soon as it is answered, from the callback.
+// Asks the SA for all addresses. When one is answered, its callback asks for it again, until `count` lookups were sent.
 class repeated_lookups
 {
   public:
@@ -72,13 +72,13 @@ class repeated_lookups
     std::atomic<uint64_t> wrong_{0};
 };
 
-// Waits until the host finds the first of the addresses. Error: the reason of the last try.
-ats::result<> wait_ready(kernel::machine& host, uint32_t first)
+// Waits until the host can resolve the address. On error, returns the reason of the last try.
+ats::result<> wait_ready(kernel::machine& host, uint32_t address)
 {
     constexpr int tries = 20;
     std::string reason;
     for (int i = 0; i < tries; ++i) {
-        const world::resolution resolution = world::resolve_address(host, first, world::lookup_mode::sa_only);
+        const world::resolution resolution = world::resolve_address(host, address, world::lookup_mode::sa_only);
         if (resolution.status == ibat_stat_ok) return {};
         reason = resolution.reason;
         host.enter("bench", [] { schedule_timeout_uninterruptible(100); });
@@ -94,7 +94,7 @@ int main(int count, char** arguments)
     std::vector<uint32_t> addresses;
     for (int i = 3; i < count; ++i) {
         const auto ip = world::parse_ipv4(arguments[i]);
-        if (!ip) fail(std::string(arguments[i]) + " is no IPv4 address");
+        if (!ip) fail(std::string(arguments[i]) + " is not an IPv4 address");
         addresses.push_back(*ip);
     }
     const uint64_t lookup_count = std::strtoull(arguments[2], nullptr, 10);
@@ -105,19 +105,19 @@ int main(int count, char** arguments)
     if (!fabric) fail(fabric.error().text);
     const world::host_plan plan = console::usual_host("bench", arguments[1]);
     world::host host(*exec, (*fabric)->hcas(), plan, world::default_module_folder(), 0);
-    if (const auto loaded = host.load(); !loaded) fail(loaded.error().text);
+    if (const auto load = host.load(); !load) fail(load.error().text);
     if (const auto ready = wait_ready(host.machine(), addresses.front()); !ready) fail(ready.error().text);
 
-    std::chrono::duration<double> took{};
+    std::chrono::duration<double> duration{};
     uint64_t wrong = 0;
     host.machine().enter("bench", [&] {
         repeated_lookups lookups(host.machine(), addresses, lookup_count);
         const auto begin = std::chrono::steady_clock::now();
         lookups.run();
-        took = std::chrono::steady_clock::now() - begin;
+        duration = std::chrono::steady_clock::now() - begin;
         wrong = lookups.wrong();
     });
-    std::printf("%.0f lookups/s (%llu wrong)\n", static_cast<double>(lookup_count) / took.count(),
+    std::printf("%.0f lookups/s (%llu wrong)\n", static_cast<double>(lookup_count) / duration.count(),
                 static_cast<unsigned long long>(wrong));
     return wrong == 0 ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-// The figures of a real fabric, all on one simulated fabric under one OpenSM: lookups of a whole host against a bare
-// libibumad loop and against saquery, and the time until records are registered.
+// Measures hosts that use libibumad, on one ibsim fabric with one OpenSM. Compares the lookups of a whole host with a
+// bare libibumad loop, with client processes and with saquery. Also measures the time until records are registered.
 //   fabric-bench [LOOKUPS]
 #include <algorithm>
 #include <cstdio>
@@ -15,9 +15,9 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int window = 16;
-constexpr int rounds = 9; // each figure is the median of so many
+constexpr int rounds = 9; // each figure is the median of this many rounds
 constexpr int hosts = most_programs - 3;
-constexpr int first_target = 101; // 10.0.0.101 onwards are the addresses that are looked up
+constexpr int first_target = 101; // the looked-up addresses start at 10.0.0.101
 const std::string asker = "asker", sm_node = "sm";
 
 std::string target_address(int i)
@@ -81,6 +81,7 @@ class bench
         }
     }
 
+    // Runs the command on the asker's node. Returns the number before "lookups/s" in its output.
     double rate(const std::vector<std::string>& command)
     {
         const std::string output = net_.run(asker, command);
@@ -88,7 +89,7 @@ class bench
         return std::atof(output.c_str() + output.rfind('\n', output.find("lookups/s")) + 1);
     }
 
-    // One process for each of the targets asks a service on the node of the asker.
+    // One client process for each target asks a service on the asker's node. Returns the rate of all.
     double rate_of_clients()
     {
         const std::string socket = "/tmp/ats-fabric-bench-" + std::to_string(getpid()) + ".sock";
@@ -107,7 +108,7 @@ class bench
         std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};
         for (int i = 0; i < window; ++i) ats.push_back(target_address(i));
         std::vector<double> ats_rates, bare_rates, shares, client_rates, client_shares;
-        for (int i = 0; i < rounds; ++i) { // in turns, so that other load on the machine slows all
+        for (int i = 0; i < rounds; ++i) { // they take turns, so that other load on the machine slows all alike
             bare_rates.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
             ats_rates.push_back(rate(ats));
             shares.push_back(ats_rates.back() / bare_rates.back());
@@ -162,18 +163,19 @@ class bench
             if (host->stop() != 0) fail(host->output());
     }
 
-    // The time from link-up until the SA holds the record again. The record was deleted while the link was down.
+    // Deletes the host's record while the link is down. Returns the milliseconds from link-up until the SA holds it
+    // again.
     double time_link_up(fabric_host& host)
     {
         const std::string gid = host.port().value("gid", "");
         net_.unplug(host.name());
         if (!wait_until([&] { return host.port().value("state", "") == "Down"; }, 30s)) fail("the link stays up");
-        const auto own = [&] { return records_at_sa(net_, asker, {"--gid", gid}).size(); };
+        const auto own_record_count = [&] { return records_at_sa(net_, asker, {"--gid", gid}).size(); };
         net_.run(asker, {SET_RECORD, "-d", gid, "0xFFFF"});
-        if (own() != 0) fail("the record cannot be removed");
+        if (own_record_count() != 0) fail("the record cannot be removed");
         const auto begin = clock::now();
         net_.plug(host.name());
-        if (!wait_until([&] { return own() == 1; }, 60s)) fail("no record after link-up");
+        if (!wait_until([&] { return own_record_count() == 1; }, 60s)) fail("no record after link-up");
         return milliseconds_since(begin);
     }
 
@@ -186,8 +188,8 @@ class bench
 
 int main(int count, char** arguments)
 {
-    if (const auto checked = ibsim_fabric::check_programs(); !checked) {
-        std::printf("no figures of a real fabric: %s\n", checked.error().text.c_str());
+    if (const auto check = ibsim_fabric::check_programs(); !check) {
+        std::printf("no figures of a real fabric: %s\n", check.error().text.c_str());
         return 0;
     }
     throw_when_interrupted();

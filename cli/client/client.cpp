@@ -23,7 +23,7 @@ int half_timeout_ms(const client_options& options)
     return static_cast<int>(options.timeout_seconds * 1000 / 2);
 }
 
-// What a failed call of the library means to a person, and what to do about it. `is_asked`: the request had been sent.
+// Explains a failed library call to the user, and says what to do. `is_asked`: the request had already been sent.
 ats::error library_error(const client_options& options, ats_status_t status, bool is_asked)
 {
     const std::string service = "the service on " + options.socket;
@@ -128,14 +128,14 @@ ats::result<json> client::next()
     return json::parse(line);
 }
 
-// A refusal and a hang-up are signs of life too.
+// Any reply shows life, even a refusal. So does a hang-up.
 bool client::is_alive() const
 {
     const ats::result<client> second = open(options_);
     if (!second) return false;
     char* answer = nullptr;
-    const int patience_ms = half_timeout_ms(options_);
-    const ats_status_t status = ats_request(second->library_.get(), R"({"request":"ping"})", patience_ms, &answer);
+    const int timeout_ms = half_timeout_ms(options_);
+    const ats_status_t status = ats_request(second->library_.get(), R"({"request":"ping"})", timeout_ms, &answer);
     ats_free(answer);
     return status != ATS_NO_ANSWER;
 }

@@ -1,4 +1,4 @@
-// What every client command shares: the socket, the host that it asks, and how it shows answers.
+// Shared by all client commands: their options, the conversation with the service, and the output of answers.
 #pragma once
 
 #include <functional>
@@ -22,8 +22,8 @@ struct client_options {
     std::string socket = ::client::default_socket_path();
     std::string host; // "": the first
     bool as_json = false;
-    std::string gid_format = "hex"; // of text, "hex" or "ipv6"
-    double timeout_seconds = 5;     // without a sign of life of the service
+    std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
+    double timeout_seconds = 5;     // how long the service may give no sign of life
 };
 
 constexpr const char* one_host = "The host to ask (default: the first)";
@@ -35,8 +35,8 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
 // Adds --gid-format, for commands that show GIDs.
 void add_gid_format_option(CLI::App& command, client_options& options);
 
-// Makes `body` the action of the command. `outcome` receives its exit code or error, also when the answer of the
-// service lacks what the command needs.
+// Makes `body` the action of the command. `outcome` receives its exit code or its error. If the service's answer lacks
+// a key that the command needs, `outcome` receives an error too.
 void set_client_action(CLI::App& command, ats::result<int>& outcome, std::function<ats::result<int>()> body);
 
 // The answer with its GIDs in the notation that --gid-format asks for.
@@ -44,7 +44,7 @@ json with_gid_format(json answer, const client_options& options);
 
 // One conversation with the service, through libatsclient. An answer may take long: the SA may be silent, or a followed
 // log has no new line. If the service says nothing for half the timeout, the client pings it on a second connection. It
-// waits as long as the service answers that. If not, the call fails with an error of kind `unreachable`.
+// keeps waiting while the service answers the pings. Otherwise the call fails with an error of kind `unreachable`.
 class client
 {
   public:
@@ -56,7 +56,7 @@ class client
     // The same, but a refusal comes back as an error.
     ats::result<json> ask_accepted(json request);
 
-    // The next line of an answer of several lines.
+    // Reads the next line of an answer that has several lines.
     ats::result<json> next();
 
   private:
@@ -72,14 +72,14 @@ class client
     library_client library_;
 };
 
-// One request and its answer, in a conversation of its own. A refusal is an error.
+// Opens a conversation, sends one request and returns its answer. A refusal is an error.
 ats::result<json> ask_once(const client_options& options, const json& request);
 
-// Shows an answer as JSON, or with `show_text` for people.
+// Shows an answer as JSON with --json, or else as text with `show_text`.
 using show_text_t = void (*)(std::ostream& output, const json& answer);
 void show_answer(const client_options& options, const json& answer, show_text_t show_text);
 
-// The same, and shows the answer. Returns the exit code.
+// Calls ask_once() and shows the answer. Returns the exit code.
 ats::result<int> ask_and_show(const client_options& options, const json& request, show_text_t show_text);
 
 } // namespace cli

@@ -49,7 +49,7 @@ void full_screen::draw(const std::string& picture) const
 {
     constexpr std::string_view home = "\033[H";
     constexpr std::string_view clear_line =
-        "\033[K"; // sent before the text: sent after a full line, it erases the last column
+        "\033[K"; // sent before each line's text: after a full line it would erase the last column
     size_t free_lines = window().lines - 1;
     std::string text;
     text += home;

@@ -1,4 +1,4 @@
-// Draws on the alternate screen of the terminal, on standard output. The usual screen stays as it was.
+// Draws on the alternate screen of the terminal, on standard output. The normal screen stays as it was.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 namespace cli
 {
 
-// Use one object at a time. If SIGINT, SIGTERM or SIGHUP ends the program, its handler first switches back to the usual
-// screen.
+// Use one object at a time. If SIGINT, SIGTERM or SIGHUP ends the program, its handler first switches back to the
+// normal screen.
 class full_screen
 {
   public:
@@ -20,10 +20,10 @@ class full_screen
     full_screen(const full_screen&) = delete;
     full_screen& operator=(const full_screen&) = delete;
 
-    // The present size of the window; 80 x 24 if the terminal does not report it.
+    // The current size of the window; 80 x 24 if the terminal does not report it.
     size window() const;
 
-    // Draws over the last picture. Give no line end after the last line: it would scroll the screen.
+    // Draws over the previous picture. The last line must have no line end, which would scroll the screen.
     void draw(const std::string& picture) const;
 };
 

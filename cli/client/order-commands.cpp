@@ -16,14 +16,14 @@ namespace cli
 namespace
 {
 
-// The argument of a command, and the key that it has in the command's request.
+// The argument of a command. `key` names it in the request, `name` in the help.
 struct argument_text {
     std::string key;
     std::string name;
     std::string help;
 };
 
-// Adds an order that changes the host's record. Its request has the name of the command.
+// Adds a command that changes the host's record. The request has the same name as the command.
 void add_record_order(CLI::App& program, ats::result<int>& outcome, const std::string& name, const std::string& summary,
                       const argument_text& text)
 {
@@ -112,7 +112,7 @@ void add_link(CLI::App& program, ats::result<int>& outcome)
     }
 }
 
-// Adds an action of the SA. Returns the option of its argument.
+// Adds an action of `ats sa`. Returns the option that takes its argument.
 CLI::Option* add_sa_action(CLI::App& sa, ats::result<int>& outcome, const std::string& action,
                            const std::string& summary, const argument_text& text)
 {

@@ -31,19 +31,20 @@ struct resolve_options {
     bool cache_only = false;
 };
 
-// True if the answer is the full one: a result, and with --verify a confirmed result.
-bool is_yes(const json& answer)
+// True if the lookup found a result and, with --verify, the SA confirmed it.
+bool is_success(const json& answer)
 {
     return answer.at("status") == "ok" && (!answer.contains("verified") || answer.at("verified") == true);
 }
 
-// True if `resolve` takes the text for a host name. A text of digits and points is an address, perhaps a mistyped one.
+// True if `resolve` treats the text as a host name. A text of digits and points counts as an address, even if mistyped.
 bool is_name_to_resolve(const std::string& question)
 {
     return question.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(question);
 }
 
-// Asks the SA of this machine's real fabric. The answer is one of the service, which does not ask that SA itself.
+// Asks the SA of this machine's real fabric for a host name, because the service does not. The answer has the form of
+// the service's answers.
 ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -57,7 +58,7 @@ ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
                 {"matches", *records}};
 }
 
-// An array with an answer for every record of the host name, or one answer that says why there are none.
+// Returns an array: one answer for each record of the host name, or one answer with the reason why there is none.
 ats::result<json> resolve_name(client& service, const std::string& host_name)
 {
     ats::result<json> answer = service.ask({{"request", "resolve"}, {"name", host_name}});
@@ -75,14 +76,14 @@ ats::result<json> resolve_name(client& service, const std::string& host_name)
 
 // Describes `resolve` or `reverse`.
 struct resolution_command {
-    std::string name; // also of the request
-    std::string key;  // of a question in the request
+    std::string name; // the request has the same name
+    std::string key;  // names the question in the request
     std::string summary;
     std::string argument;
     std::string argument_help;
 };
 
-// An array of answers, or of one refusal. A question for a host name may have several answers.
+// Returns an array of answers, or of one refusal. Only a host name can have several answers.
 ats::result<json> resolve_one(client& service, const resolve_options& options, const resolution_command& command,
                               const std::string& question)
 {
@@ -101,7 +102,7 @@ ats::result<json> resolve_one(client& service, const resolve_options& options, c
 int exit_code_of(const json& answer)
 {
     if (answer.contains("error")) return answer.value("exit_code", int{console::exit_failed});
-    return is_yes(answer) ? console::exit_ok : console::exit_failed;
+    return is_success(answer) ? console::exit_ok : console::exit_failed;
 }
 
 void show_answer_or_refusal(const client_options& common, const json& answer)
@@ -112,7 +113,7 @@ void show_answer_or_refusal(const client_options& common, const json& answer)
         show_resolution(std::cout, with_gid_format(answer, common));
 }
 
-// Asks all questions, also after one that the service refused. Returns the greatest exit code.
+// Asks all questions, even after the service refuses one. Returns the greatest exit code.
 ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
                                  const resolution_command& command)
 {
@@ -145,7 +146,7 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
         ->option_text("...");
     auto* verify = command->add_flag("--verify", options->must_verify,
                                      "When the cache answers, ask the SA too, and say whether it was right");
-    verify->option_text(" "); // the help does not list excluded options; an error names them
+    verify->option_text(" "); // the help does not list excluded options; the error message names them
     command->add_flag("--cached", options->cache_only, "Ask nobody: look in the cache only")
         ->excludes(verify)
         ->option_text(" ");
@@ -154,8 +155,8 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
     set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });
 }
 
-// Shows the status every second, until a signal ends the program or nothing can be written any more. On a terminal it
-// fills the window.
+// Shows the status every second, until a signal ends the program or the output fails. On a terminal the status fills
+// the window.
 ats::result<int> watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);
@@ -215,7 +216,7 @@ ats::result<int> show_log(const client_options& common, const log_options& optio
             console::show_json(std::cout, *line, console::on_one_line);
         else
             std::cout << world::printable_lines(log_text(*line)) << '\n';
-        if (options.is_endless && !std::cout.flush()) return console::exit_ok; // main() reports it
+        if (options.is_endless && !std::cout.flush()) return console::exit_ok; // main() reports the failed output
         line = service->next();
     }
     if (!line) return ats::pass_on(line);

@@ -14,7 +14,8 @@ namespace cli
 
 void add_sa_show(CLI::App& sa, ats::result<int>& outcome);
 
-// An array of the records of a host name at the SA of this machine's real fabric, in the form of answers.
+// Asks the SA of this machine's real fabric for the records of a host name. Returns an array of records in the form
+// that the service reports.
 ats::result<nlohmann::json> real_records_of(const std::string& host_name);
 
 } // namespace cli

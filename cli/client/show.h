@@ -14,12 +14,12 @@ using json = nlohmann::json;
 void show_status(std::ostream& output, const json& answer);
 void show_resolution(std::ostream& output, const json& answer);
 void show_all_records(std::ostream& output, const json& answer);
-void show_selected_records(std::ostream& output, const json& answer); // the SA may hold others
+void show_selected_records(std::ostream& output, const json& answer); // after a filter: the SA may hold others
 void show_output(std::ostream& output, const json& answer);           // of a control command
 void show_done(std::ostream& output, const json& answer);
 
-// The status for a window of this size, in lines without an end after the last. If the whole status does not fit, each
-// port and each host has one line. If these do not fit either, the last line says how many are hidden.
+// Formats the status for a window of this size, without a line end after the last line. If the whole status does not
+// fit, each port and each host has one line. If these lines do not fit either, the last one says how many are hidden.
 std::string fit_status(const json& answer, size_t columns, size_t lines);
 
 } // namespace cli

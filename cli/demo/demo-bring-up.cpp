@@ -18,7 +18,7 @@ void bring_links_up(stage& stage)
     stage.set_link(stage.node2(), 1, true);
     stage.set_link(stage.node2(), 2, true);
     stage.set_link(stage.node3(), 1, true);
-    stage.wait_for(1000, "three records stand at the SA", [&] { return stage.subnet().service_records().size() == 3; });
+    stage.wait_for(1000, "the SA holds three records", [&] { return stage.subnet().service_records().size() == 3; });
     stage.quote(stage.node2(), "Setting port 1 to be the active port");
     stage.show_records();
     for (const auto& host : stage.hosts()) {

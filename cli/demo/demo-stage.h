@@ -16,8 +16,8 @@
 namespace cli
 {
 
-// Ends a step that found something else than it expected; the text is the expectation. A step is a list of expectations
-// like a test, so an exception ends it.
+// Thrown by a step when an expectation does not hold. The text is the expectation. A step is a list of expectations,
+// like a test, so it uses an exception instead of results.
 struct step_failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -42,7 +42,7 @@ class stage
     void write_control(world::host& host, const std::string& command);
     std::string read_control(world::host& host); // returns the report of ats
 
-    // Lets time pass until `holds()`. Returns the ticks that took. Throws after `limit_ticks`.
+    // Lets time pass until `holds()` returns true. Returns the ticks that passed. Throws after `limit_ticks`.
     template <class condition_t>
     uint64_t wait_for(uint64_t limit_ticks, const std::string& expectation, condition_t holds);
 
@@ -66,7 +66,7 @@ class stage
     void begin(size_t number, const std::string& title);
     void say(const std::string& fact) const;
     void say(const std::string& question, const world::resolution& answer) const;
-    void show_records(); // of the SA
+    void show_records(); // those at the SA
 
     // Prints the first line with `fragment` that the host has logged in this step. Throws if there is none.
     void quote(world::host& host, const std::string& fragment);
@@ -76,7 +76,7 @@ class stage
     std::unique_ptr<exec::simulation> time_;
     std::unique_ptr<embedded::subnet> subnet_;
     std::vector<std::unique_ptr<world::host>> hosts_;
-    std::vector<uint64_t> log_positions_; // of each host, when the step began
+    std::vector<uint64_t> log_positions_; // the end of each host's log when the step began
 };
 
 template <class condition_t>

@@ -1,5 +1,5 @@
-// The steps of `ats demo`, in their order. Each does one thing and prints a few lines about it. It throws step_failed
-// if the hosts behave differently.
+// The steps of `ats demo`, in order. Each does one thing and prints a few lines about it. It throws step_failed if the
+// hosts do not behave as the step expects.
 #pragma once
 
 #include "cli/demo/demo-stage.h"

@@ -11,9 +11,9 @@ namespace
 {
 
 constexpr int shared_use = 0;
-constexpr uint32_t largest_message = 0x80000000; // IBA 9.2: bytes
+constexpr uint32_t largest_message = 0x80000000; // bytes (IBA 9.2)
 
-// Reads the port's attributes for `call`. Returns its status: kq_return_ok, or that with which the call fails.
+// Reads the port's attributes for `call`. Returns kq_return_ok, or the error that `call` must return.
 kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabric::port_attributes& attributes)
 {
     kernel::machine& home = machine_where_others_may_run(call);
@@ -25,7 +25,7 @@ kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabr
     return kq_return_ok;
 }
 
-// Stores as many entries of the table as there is room for, and their number in `*count`.
+// Stores as many entries of the table as fit into `*count` entries, and sets `*count` to their number.
 template <class source_t, class entry_t, class convert_t>
 kq_return_t store(const std::vector<source_t>& table, int* count, entry_t* entries, const convert_t& convert)
 {

@@ -1,12 +1,12 @@
-// Replies from the wire, good and malformed ones: the lines that each leaves in the log and the record that IBAT gets.
-// They come from a port that is not the SA's.
+// Injects good and malformed replies, and checks the log lines of each and the record that IBAT gets. The replies come
+// from a port that is not the SA's.
 #include "tests/ats/ats-world.h"
 
 namespace
 {
 
 constexpr kq_gid_t far_gid = {0x0123456789ABCDEF, 0xFE80000000000000};
-constexpr uint32_t mask_answer = 0x207, mask_own = 0x8207;
+constexpr uint32_t answer_mask = 0x207, own_answer_mask = 0x8207;
 
 struct replies : testing::Test {
     ats_world w;
@@ -29,11 +29,13 @@ std::string decoded(const std::string& level, const std::string& message)
     return level + " sa/ats_sa_gsi_decode_recv_dtgrm: " + message;
 }
 
-const std::string is_record = decoded("DEBUG", " ServiceRecord reply MAD received, transaction-id 0x0700000000000000");
-const std::string is_good = decoded("DEBUG", " Incoming mad has status SUCCESS.");
-const std::string is_odd = decoded("WARNING", "Invalid base version, mgmt class or class version");
-const std::string is_delete = "DEBUG sa/ats_sa_gsi_recv_compl_cb:  Drop delete response mad";
-const std::string is_own = decoded("DEBUG", " arp reply for local ip addr 10.0.0.1 setting it to be static !");
+const std::string record_line =
+    decoded("DEBUG", " ServiceRecord reply MAD received, transaction-id 0x0700000000000000");
+const std::string success_line = decoded("DEBUG", " Incoming mad has status SUCCESS.");
+const std::string header_warning = decoded("WARNING", "Invalid base version, mgmt class or class version");
+const std::string delete_line = "DEBUG sa/ats_sa_gsi_recv_compl_cb:  Drop delete response mad";
+const std::string own_address_line =
+    decoded("DEBUG", " arp reply for local ip addr 10.0.0.1 setting it to be static !");
 
 fabric::mad_bytes with_byte(fabric::mad_bytes mad, size_t offset, uint8_t value)
 {
@@ -41,7 +43,7 @@ fabric::mad_bytes with_byte(fabric::mad_bytes mad, size_t offset, uint8_t value)
     return mad;
 }
 
-TEST_F(replies, each_kind_leaves_its_lines_and_reaches_ibat_or_not)
+TEST_F(replies, each_kind_logs_its_lines_and_only_some_reach_ibat)
 {
     const auto bad_status = [](const std::string& status) {
         return decoded("ERROR", "ATS - Incoming mad has an error status <" + status + "> .");
@@ -56,21 +58,29 @@ TEST_F(replies, each_kind_leaves_its_lines_and_reaches_ibat_or_not)
         bool reaches_ibat;
         uint32_t mask;
     } table[] = {
-        {"an answer", reply(0), {is_record, is_good}, true, mask_answer},
-        {"an answer to a Set", reply(0, 0x0031, 2), {is_record, is_good}, true, mask_answer},
-        {"the own address", sa_reply(far_gid, "10.0.0.1"), {is_record, is_good, is_own}, true, mask_own},
-        {"base version 2", with_byte(reply(0), 0, 2), {is_odd, is_record, is_good}, true, mask_answer},
-        {"class version 1", with_byte(reply(0), 2, 1), {is_odd, is_record, is_good}, true, mask_answer},
-        {"no records", reply(0x0300), {is_record, is_good}, true, mask_answer},
-        {"code 9 of the class", reply(0x0900), {is_record, is_good}, true, mask_answer},
-        {"the highest code", reply(0xFF00), {is_record, is_good}, true, mask_answer},
-        {"busy", reply(0x0001), {is_record, bad_status("0x0001")}, false, 0},
-        {"invalid field, with a code", reply(0x031C), {is_record, bad_status("0x031C")}, false, 0},
-        {"a delete's answer", reply(0, 0x0031, 0x15), {is_record, is_good, is_delete}, false, 0},
-        {"a refused delete", reply(0x0300, 0x0031, 0x15), {is_record, is_good, is_delete}, false, 0},
-        {"all zero but its class",
+        {"an answer", reply(0), {record_line, success_line}, true, answer_mask},
+        {"an answer to a Set", reply(0, 0x0031, 2), {record_line, success_line}, true, answer_mask},
+        {"the host's own address",
+         sa_reply(far_gid, "10.0.0.1"),
+         {record_line, success_line, own_address_line},
+         true,
+         own_answer_mask},
+        {"base version 2", with_byte(reply(0), 0, 2), {header_warning, record_line, success_line}, true, answer_mask},
+        {"class version 1", with_byte(reply(0), 2, 1), {header_warning, record_line, success_line}, true, answer_mask},
+        {"no records", reply(0x0300), {record_line, success_line}, true, answer_mask},
+        {"class-specific code 9", reply(0x0900), {record_line, success_line}, true, answer_mask},
+        {"the highest class-specific code", reply(0xFF00), {record_line, success_line}, true, answer_mask},
+        {"busy", reply(0x0001), {record_line, bad_status("0x0001")}, false, 0},
+        {"invalid field, with a class-specific code", reply(0x031C), {record_line, bad_status("0x031C")}, false, 0},
+        {"an answer to a Delete", reply(0, 0x0031, 0x15), {record_line, success_line, delete_line}, false, 0},
+        {"an answer to a Delete: no records",
+         reply(0x0300, 0x0031, 0x15),
+         {record_line, success_line, delete_line},
+         false,
+         0},
+        {"all zeros except the class",
          with_byte(with_byte({}, 1, 3), 3, 0x81),
-         {is_odd, decoded("ERROR", "ATS - Unrequested/unsupported attribute ID. <0x0000>")},
+         {header_warning, decoded("ERROR", "ATS - Unrequested/unsupported attribute ID. <0x0000>")},
          true,
          0},
     };
@@ -95,7 +105,7 @@ TEST_F(replies, each_kind_leaves_its_lines_and_reaches_ibat_or_not)
     EXPECT_THAT(w.requests(), IsEmpty());
 }
 
-TEST_F(replies, ibat_gets_an_arp_reply_with_nothing_of_the_one_before)
+TEST_F(replies, a_reply_to_ibat_keeps_nothing_of_the_previous_reply)
 {
     w.inject(host, 1, sa_reply(far_gid, "10.0.0.9"));
     host.link_up(2);
@@ -105,7 +115,7 @@ TEST_F(replies, ibat_gets_an_arp_reply_with_nothing_of_the_one_before)
 
     ibat_arp_data_t expected{};
     const auto is_expected = [&](const ibat_arp_data_t& reply) { return memcmp(&reply, &expected, sizeof reply) == 0; };
-    expected.mask = mask_answer;
+    expected.mask = answer_mask;
     expected.arp_operation = IBAT_ARP_REPLY;
     expected.src_ip = ip_of("10.0.0.9");
     expected.dst_ip = ip_of("10.0.0.1");
@@ -121,10 +131,10 @@ TEST_F(replies, ibat_gets_an_arp_reply_with_nothing_of_the_one_before)
 
     host.control("set_ip_addrs 0.0.0.0");
     w.inject(host, 1, sa_reply(far_gid, "0.0.0.0"));
-    EXPECT_EQ(host.peers().replies.back().mask, mask_own) << "0.0.0.0 is an own address like any other";
+    EXPECT_EQ(host.peers().replies.back().mask, own_answer_mask) << "0.0.0.0 counts as the host's own address";
 }
 
-TEST_F(replies, dumps_show_the_record_and_end_an_unterminated_name)
+TEST_F(replies, dumps_show_the_record_and_terminate_a_long_name)
 {
     fabric::mad_bytes mad = sa_reply(far_gid, "10.1.2.3");
     mad[56] = 0x12, mad[63] = 0x34; // service ID
@@ -151,7 +161,7 @@ TEST_F(replies, dumps_show_the_record_and_end_an_unterminated_name)
 
     w.inject(host, 1, sa_reply(far_gid, "10.1.2.3"));
     EXPECT_THAT(host.log(), Contains("FUNC sa/ats_sa_dump_service_record_mad: service_data32 string "))
-        << "the line ends after a name of four NULs";
+        << "a name of four NULs prints as nothing";
 }
 
 } // namespace

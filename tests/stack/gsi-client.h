@@ -1,4 +1,4 @@
-// A client of GSI with a pool and a class on every port. It writes a line for every callback.
+// A GSI client with a datagram pool and a registered class on every port. It records one line for each callback.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -51,10 +51,10 @@ class gsi_client
 
     gsi_dtgrm_pool_handle_t pool;
     gsi_class_handle_t classes[2] = {};
-    std::function<void(gsi_dtgrm_t*)> action; // in every callback
-    bool keeps_datagrams = false;             // instead of putting them back
-    std::vector<gsi_dtgrm_t*> datagrams;
-    std::vector<std::string> lines; // "sent 1", "got 1 on port 2", with the transaction ID
+    std::function<void(gsi_dtgrm_t*)> action; // called in every callback
+    bool keeps_datagrams = false;             // true: stores datagrams; false: returns them to the pool
+    std::vector<gsi_dtgrm_t*> datagrams;      // the stored ones
+    std::vector<std::string> lines;           // "sent 1", "got 1 on port 2", with the transaction ID
 
   private:
     static void sent(gsi_class_handle_t handle, void* self, gsi_dtgrm_t* datagram)
@@ -67,7 +67,7 @@ class gsi_client
     }
     void take(const char* event, gsi_class_handle_t handle, gsi_dtgrm_t* datagram)
     {
-        EXPECT_FALSE(is_in_callback_) << "one at a time";
+        EXPECT_FALSE(is_in_callback_) << "two callbacks run at the same time";
         is_in_callback_ = true;
         mad_hdr_t header;
         memcpy(&header, datagram->mad, sizeof header);

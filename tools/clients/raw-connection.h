@@ -1,4 +1,4 @@
-// A connection to a service that sends exactly what a test wants to send.
+// A connection to a service that sends exactly the bytes that a test chooses.
 #pragma once
 
 #include <string>
@@ -18,9 +18,9 @@ class raw_connection
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        constexpr timeval patience{60, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        constexpr timeval timeout{60, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         is_open_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
         if (is_open_ && greets) ask(hello);
     }
@@ -33,7 +33,7 @@ class raw_connection
 
     void write(const std::string& bytes) const { send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
-    // The next line without its end; "(hung up)" if there is none.
+    // Reads the next line, without its end. Returns "(hung up)" if the service hangs up or sends nothing for 60 s.
     std::string read()
     {
         size_t end = 0;
