@@ -55,7 +55,7 @@ struct harm_watch {
         --acts_running;
         last_tick = now_ticks;
     }
-    // True if no harm has been done since this tick.
+    // True if no harmful act is running, and the effects of earlier acts ended before this tick.
     bool quiet_since(uint64_t tick) const { return acts_running == 0 && (!ever || last_tick < tick); }
 };
 

@@ -8,7 +8,7 @@
 namespace cli
 {
 
-// Adds the subcommand. It prints, and stores its exit code or an error in `outcome`.
+// Adds the subcommand. It prints its findings, and stores its exit code or an error in `outcome`.
 void add_check(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

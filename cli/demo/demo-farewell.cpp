@@ -32,11 +32,11 @@ void leave_one_host(stage& stage)
     stage.quote(stage.node3(), "Received response on send DEL SR MAD");
     stage.quote(stage.node3(), "ATS - module stopped");
     stage::expect(stage.subnet().service_records().size() == 2, "the SA has forgotten node3");
-    const world::resolution cached = world::resolve_address(asker, address, world::lookup_mode::cache_only);
-    stage.say("node1 still remembers 10.0.0.33", cached);
-    const world::resolution answer = world::resolve_address(asker, address, world::lookup_mode::sa_only);
-    stage.say("node1 asks the SA for 10.0.0.33", answer);
-    stage::expect(answer.status == ibat_stat_not_found, "10.0.0.33 is not resolved any more");
+    const world::resolution cached_answer = world::resolve_address(asker, address, world::lookup_mode::cache_only);
+    stage.say("node1 still remembers 10.0.0.33", cached_answer);
+    const world::resolution sa_answer = world::resolve_address(asker, address, world::lookup_mode::sa_only);
+    stage.say("node1 asks the SA for 10.0.0.33", sa_answer);
+    stage::expect(sa_answer.status == ibat_stat_not_found, "10.0.0.33 is not resolved any more");
     stage::expect(world::resolve_address(asker, address).status == ibat_stat_not_found, "IBAT has learned that too");
 }
 

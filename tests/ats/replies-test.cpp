@@ -24,18 +24,18 @@ struct replies : testing::Test {
     }
 };
 
-std::string decoded(const std::string& level, const std::string& message)
+std::string decoder_line(const std::string& level, const std::string& message)
 {
     return level + " sa/ats_sa_gsi_decode_recv_dtgrm: " + message;
 }
 
 const std::string record_line =
-    decoded("DEBUG", " ServiceRecord reply MAD received, transaction-id 0x0700000000000000");
-const std::string success_line = decoded("DEBUG", " Incoming mad has status SUCCESS.");
-const std::string header_warning = decoded("WARNING", "Invalid base version, mgmt class or class version");
+    decoder_line("DEBUG", " ServiceRecord reply MAD received, transaction-id 0x0700000000000000");
+const std::string success_line = decoder_line("DEBUG", " Incoming mad has status SUCCESS.");
+const std::string header_warning = decoder_line("WARNING", "Invalid base version, mgmt class or class version");
 const std::string delete_line = "DEBUG sa/ats_sa_gsi_recv_compl_cb:  Drop delete response mad";
 const std::string own_address_line =
-    decoded("DEBUG", " arp reply for local ip addr 10.0.0.1 setting it to be static !");
+    decoder_line("DEBUG", " arp reply for local ip addr 10.0.0.1 setting it to be static !");
 
 fabric::mad_bytes with_byte(fabric::mad_bytes mad, size_t offset, uint8_t value)
 {
@@ -46,7 +46,7 @@ fabric::mad_bytes with_byte(fabric::mad_bytes mad, size_t offset, uint8_t value)
 TEST_F(replies, each_kind_logs_its_lines_and_only_some_reach_ibat)
 {
     const auto bad_status = [](const std::string& status) {
-        return decoded("ERROR", "ATS - Incoming mad has an error status <" + status + "> .");
+        return decoder_line("ERROR", "ATS - Incoming mad has an error status <" + status + "> .");
     };
     const auto reply = [](uint16_t status, uint16_t attribute = 0x0031, uint8_t method = 1) {
         return sa_reply(far_gid, "10.0.0.9", status, method, attribute);
@@ -80,7 +80,7 @@ TEST_F(replies, each_kind_logs_its_lines_and_only_some_reach_ibat)
          0},
         {"all zeros except the class",
          with_byte(with_byte({}, 1, 3), 3, 0x81),
-         {header_warning, decoded("ERROR", "ATS - Unrequested/unsupported attribute ID. <0x0000>")},
+         {header_warning, decoder_line("ERROR", "ATS - Unrequested/unsupported attribute ID. <0x0000>")},
          true,
          0},
     };
@@ -99,7 +99,7 @@ TEST_F(replies, each_kind_logs_its_lines_and_only_some_reach_ibat)
         char line[80];
         std::snprintf(line, sizeof line, "ATS - %s attribute ID. <0x%04X>", word, attribute);
         w.inject(host, 1, reply(0, attribute));
-        EXPECT_EQ(lines(), std::vector{decoded("ERROR", line)});
+        EXPECT_EQ(lines(), std::vector{decoder_line("ERROR", line)});
         EXPECT_EQ(host.peers().replies.back().mask, 0u);
     }
     EXPECT_THAT(w.requests(), IsEmpty());
