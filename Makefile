@@ -67,7 +67,7 @@ test-threads:
 	@scripts/install-dependencies test
 	cmake --preset tsan
 	cmake --build --preset tsan --target tests-of-threads
-	ctest --preset tsan -E '_NOT_BUILT|^campaign'
+	ctest --preset tsan -E '_NOT_BUILT|^campaign|^protocol'
 
 SECONDS ?= 300
 fuzz:

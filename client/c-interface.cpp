@@ -49,8 +49,7 @@ clock::time_point after(int milliseconds)
     return milliseconds < 0 ? clock::time_point::max() : clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
-// The options to use, or null with the error stored. A program that was built with an older, shorter structure gives
-// fewer members; the first version is the shortest.
+// The options to use, or null with the error stored. Later versions of the structure are longer, never shorter.
 const ats_options_t* checked(const ats_options_t* options)
 {
     if (!options) return &usual_options;
@@ -143,8 +142,8 @@ void ats_close(ats_client_t* client)
 
 ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer)
 {
-    if (!client || !answer) return client::no_arguments();
-    answer->status = ATS_OK;
+    if (answer) answer->status = ATS_OK;
+    if (!client || !answer) return client::without_answer(client::no_arguments(), answer);
     const ats_status_t status = guarded([&] {
         const ats_options_t* checked = client::checked(options);
         if (!checked) return ATS_INVALID;
@@ -156,8 +155,8 @@ ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_optio
 ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                          ats_answer_t* answer)
 {
-    if (!client || !gid || !answer) return client::no_arguments();
-    answer->status = ATS_OK;
+    if (answer) answer->status = ATS_OK;
+    if (!client || !gid || !answer) return client::without_answer(client::no_arguments(), answer);
     const ats_status_t status = guarded([&] {
         const ats_options_t* checked = client::checked(options);
         if (!checked) return ATS_INVALID;
@@ -234,8 +233,15 @@ ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_
 {
     if (!answer) return client::no_arguments();
     *answer = nullptr;
-    const ats_status_t status = ats_request_begin(client, request, timeout_ms);
-    return status == ATS_OK ? ats_request_next(client, timeout_ms, answer) : status;
+    if (!client || !request) return client::no_arguments();
+    return guarded([&] {
+        const std::string body = client::request_body(request);
+        if (body.empty()) return failed(ATS_INVALID, "a request is one JSON object");
+        std::string text;
+        const ats_status_t status = client->client.request(body, client::after(timeout_ms), text);
+        if (status == ATS_OK) *answer = client::copy_of(text);
+        return status;
+    });
 }
 
 void ats_free(char* answer)

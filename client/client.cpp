@@ -305,6 +305,18 @@ ats_status_t client::begin_request(const std::string& body, clock::time_point de
     return send(held, request_id_, std::move(question), deadline);
 }
 
+ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
+{
+    const std::unique_lock turn(request_mutex_, std::min(deadline, clock::now() + std::chrono::hours(1)));
+    if (!turn.owns_lock()) return failed(ATS_NO_ANSWER, no_answer);
+    const ats_status_t begun = begin_request(body, deadline);
+    if (begun != ATS_OK) return begun;
+    const ats_status_t status = next_request_line(deadline, line);
+    const lock held(mutex_);
+    outstanding_.take(request_id_);
+    return status;
+}
+
 ats_status_t client::next_request_line(clock::time_point deadline, std::string& line)
 {
     lock held(mutex_);

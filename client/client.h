@@ -5,6 +5,7 @@
 // wait until it has news for them or steps back.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -33,6 +34,10 @@ class client
     size_t collect(ats_answer_t* answers, size_t capacity);
     size_t wait(ats_answer_t* answers, size_t capacity, clock::time_point deadline);
 
+    // A request and the first line of its answer. Threads take turns.
+    ats_status_t request(const std::string& body, clock::time_point deadline, std::string& line);
+
+    // The same in steps, for one thread at a time.
     ats_status_t begin_request(const std::string& body, clock::time_point deadline);
     ats_status_t next_request_line(clock::time_point deadline, std::string& line);
 
@@ -61,6 +66,7 @@ class client
     void watch();
 
     const std::string path_;
+    std::timed_mutex request_mutex_; // held over a whole request()
     std::mutex mutex_;
     std::condition_variable news_;
     bool is_receiving_ = false;

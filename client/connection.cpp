@@ -120,7 +120,7 @@ bool connection::flush()
 void connection::limit_receiving(std::chrono::microseconds time)
 {
     using namespace std::chrono;
-    if (abs(time - receive_limit_) < milliseconds(2)) return;
+    if (receive_limit_.count() > 0 && abs(time - receive_limit_) < milliseconds(2)) return;
     const timeval limit{time.count() / 1'000'000, time.count() % 1'000'000};
     setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     receive_limit_ = time;

@@ -1,5 +1,6 @@
 #include "cli/server/conversation.h"
 
+#include <algorithm>
 #include <array>
 
 namespace cli
@@ -98,6 +99,11 @@ void conversation::take_lines()
     while (!is_ending_ && !is_paused_ && !is_congested() && (end = input_.find('\n', taken_)) != std::string::npos) {
         const std::string_view line = std::string_view(input_).substr(taken_, end - taken_);
         taken_ = end + 1;
+        if (line.size() > limits_.line_bytes) {
+            owner_.line_too_long(*this);
+            hang_up();
+            break;
+        }
         owner_.take_line(*this, line);
     }
     is_taking_lines_ = false;
@@ -113,6 +119,12 @@ void conversation::take_lines()
     end_if_done();
 }
 
+void conversation::pause()
+{
+    is_paused_ = true;
+    set_reading();
+}
+
 void conversation::resume()
 {
     is_paused_ = false;
@@ -123,16 +135,16 @@ void conversation::resume()
 
 bool conversation::is_congested() const
 {
-    return unsent_.size() + sending_.size() > congestion_bytes;
+    return unsent_.size() + sending_.size() > std::min(congestion_bytes, limits_.unread_bytes / 4);
 }
 
 void conversation::send(std::string_view line)
 {
     if (is_closed_) return;
+    if (unsent_.size() + sending_.size() > limits_.unread_bytes) return cut_off(); // one long answer always fits
     if (unsent_.empty()) owner_.has_unsent(*this);
     unsent_ += line;
     unsent_ += '\n';
-    if (unsent_.size() + sending_.size() > limits_.unread_bytes) cut_off();
 }
 
 void conversation::flush()

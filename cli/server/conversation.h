@@ -45,7 +45,7 @@ class conversation
     bool is_congested() const;
 
     // Stops taking lines until resume(): a request without an id is being answered.
-    void pause() { is_paused_ = true; }
+    void pause();
     void resume();
 
     // Ends the conversation when what is queued has been sent, or at once.

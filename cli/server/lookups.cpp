@@ -52,8 +52,8 @@ void lookups::ask(const queue_place& place, const subject& subject, completion d
 {
     if (answer_from_cache(subject, done)) return;
     const std::lock_guard lock(mutex_);
-    queue_.push(place, {subject, std::move(done)});
     if (!thread_.joinable()) thread_ = exec::new_thread([this] { serve_queue(); });
+    queue_.push(place, {subject, std::move(done)});
     changed_.notify_all();
 }
 

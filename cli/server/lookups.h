@@ -33,7 +33,7 @@ class lookups
     void stop();
 
     // Answers from the cache before it returns, or calls `done` later in another thread. One thread calls this and
-    // remove().
+    // remove(). Throws exec::shortage, without a call of `done`, if there can be no further thread.
     void ask(const queue_place& place, const subject& subject, completion done);
 
     // Drops what a connection has queued; it is not called back.

@@ -1,5 +1,6 @@
 #include "cli/server/server.h"
 
+#include <algorithm>
 #include <future>
 
 #include "cli/server/lookup-answer.h"
@@ -96,6 +97,7 @@ server::~server()
 {
     std::promise<void> closed;
     loop_.post([&] {
+        is_stopping_ = true;
         uv_close(reinterpret_cast<uv_handle_t*>(&listener_), nullptr);
         for (auto& [number, client] : conversations_) client->pause();
         closed.set_value();
@@ -162,6 +164,7 @@ void server::flush_all()
     numbers.swap(unsent_);
     for (const uint64_t number : numbers)
         if (conversation* client = find(number)) client->flush();
+    if (!unsent_.empty()) loop_.post([] {}); // what came meanwhile is sent in the next round, after others had theirs
 }
 
 // ---- requests ----
@@ -170,6 +173,8 @@ void server::take_line(conversation& source, std::string_view line)
 {
     json object = json::parse(line, nullptr, false);
     if (!object.is_object()) return refuse(source, {}, malformed("a request is one JSON object on a line"));
+    if (std::ranges::any_of(object, [](const json& member) { return member.is_structured(); }))
+        return refuse(source, {}, malformed("a request's members are texts, numbers, true or false"));
     const ats::result<std::optional<uint64_t>> id = id_of(object);
     if (!id) return refuse(source, {}, id.error());
     request request{std::move(object), {}, {{source.peer().user, source.number()}, *id}};
@@ -181,6 +186,8 @@ void server::take_line(conversation& source, std::string_view line)
         carry_out(source, request);
     } catch (const json::exception& wrong) {
         refuse(source, *id, malformed(std::string("the request is malformed: ") + wrong.what()));
+    } catch (const std::exception& wrong) {
+        refuse(source, *id, ats::error(wrong.what()));
     }
 }
 
@@ -193,13 +200,13 @@ void server::carry_out(conversation& source, const request& request)
     }
     if (const auto refusal = refusal_of(options_.access, source.peer(), request.object, request.name))
         return refuse(source, request.ticket.id, *refusal);
+    if (request.name == "ping") return source.send(line_of(done("alive"), request.ticket.id));
     if (users_[request.ticket.place.user].outstanding >= options_.limits.questions)
         return refuse(source, request.ticket.id,
                       {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
                                                          " questions outstanding already: wait for answers first"});
     const bool is_lookup = request.name == "resolve" || request.name == "reverse";
     const bool is_simple = !request.object.value("verify", false) && !request.object.contains("name");
-    if (request.name == "ping") return source.send(line_of(done("alive"), request.ticket.id));
     if (request.name == "log") return follow_log(source, request);
     if (is_lookup && is_simple) return look_up(source, request);
     hand_to_workers(source, request);
@@ -242,7 +249,7 @@ void server::finish(const return_ticket& ticket, const std::string& line)
     --users_[ticket.place.user].outstanding;
     --source->outstanding;
     source->send(line);
-    if (!ticket.id) source->resume();
+    if (!ticket.id && !is_stopping_) source->resume();
     source->end_if_done();
 }
 
@@ -295,20 +302,27 @@ void server::look_up(conversation& source, const request& request)
     if (!subject) return refuse(source, request.ticket.id, subject.error());
     kernel::machine& machine = (*host)->machine();
     const bool is_by_gid = request.name == "reverse";
+    const bool is_fresh = request.object.value("fresh", false);
+    const bool is_cached_only = request.object.value("cached", false) && !is_fresh;
     const return_ticket ticket = request.ticket;
-    begin(source, ticket);
-    if (request.object.value("cached", false) && !request.object.value("fresh", false)) {
+    begin(source, ticket); // nothing below may throw
+    if (is_cached_only) {
         const world::resolution answer = look_into_cache(machine, *subject);
         return finish(ticket, lookup_answer(answer, is_by_gid, true, ticket.id));
     }
     const auto loop_thread = std::this_thread::get_id();
-    lookups_of(machine).ask(ticket.place, *subject, [=, this](const world::resolution& answer) {
+    const auto done = [=, this](const world::resolution& answer) {
         const std::string line = lookup_answer(answer, is_by_gid, false, ticket.id);
         if (std::this_thread::get_id() == loop_thread)
             finish(ticket, line);
         else
             finish_soon(ticket, line);
-    });
+    };
+    try {
+        lookups_of(machine).ask(ticket.place, *subject, done);
+    } catch (const std::exception& wrong) {
+        finish(ticket, line_of(refusal(ats::error(wrong.what())), ticket.id));
+    }
 }
 
 // ---- logs ----

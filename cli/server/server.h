@@ -92,6 +92,7 @@ class server final : public conversation::owner
     uv_pipe_t listener_;
 
     // Of the loop's thread.
+    bool is_stopping_ = false; // no request is taken any more
     uint64_t last_number_ = 0;
     std::map<uint64_t, std::unique_ptr<conversation>> conversations_;
     std::map<uint64_t, following> followings_; // by conversation: it has one at most

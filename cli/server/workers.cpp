@@ -7,7 +7,12 @@ namespace cli
 
 workers::workers(size_t threads)
 {
-    for (size_t i = 0; i < threads; ++i) threads_.push_back(exec::new_thread([this] { work(); }));
+    try {
+        for (size_t i = 0; i < threads; ++i) threads_.push_back(exec::new_thread([this] { work(); }));
+    } catch (...) {
+        stop();
+        throw;
+    }
 }
 
 void workers::stop()

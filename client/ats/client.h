@@ -125,11 +125,12 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
 
 /* Sends any request of docs/protocol.md, as in {"request":"status"}, and stores its answer in *answer, which the
  * caller frees with ats_free(). A refusal of the service is an answer: {"error": ...}. Blocks for `timeout_ms` at
- * most. ATS_OK: *answer is set; otherwise it is NULL. */
+ * most; requests of several threads take turns. ATS_OK: *answer is set; otherwise it is NULL. */
 ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer);
 
 /* The same in two steps, for an answer of several lines ("log") or one that may take its time. A client has at most
- * one such request; a new one gives up the old one. ats_request_next() stores the next line; ATS_NO_ANSWER: none came
+ * one such request, of one thread; a new one gives up the old one, but a followed log fills its connection until
+ * ats_close(). ats_request_next() stores the next line; ATS_NO_ANSWER: none came
  * in time, and the request goes on; ATS_NOT_FOUND: there is no further line. */
 ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms);
 ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line);

@@ -196,6 +196,7 @@ TEST(client, wakes_the_poller_when_the_time_of_a_question_is_over)
     service.serve();
     const client_ptr client = open_client();
     const ats_options_t soon = with_timeout(30);
+    EXPECT_EQ(resolve(client, 1).status, ATS_NO_ANSWER);
     ASSERT_EQ(ats_submit_resolve(client.get(), 1, nullptr, 1), ATS_OK);
     ASSERT_EQ(ats_submit_resolve(client.get(), 1, &soon, 2), ATS_OK);
     const std::vector<ats_answer_t> answers = collect(client, 1);

@@ -195,10 +195,10 @@ class AsyncClient(Base):
         self.close()
 
     def close(self) -> None:
-        if self._loop and self._client:
+        if self._loop and not self._loop.is_closed() and self._client:
             self._loop.remove_reader(library.lib.ats_descriptor(self._client))
-        for future in self._waiting.values():
-            future.cancel()
+            for future in self._waiting.values():
+                future.cancel()
         self._waiting.clear()
         super().close()
 
