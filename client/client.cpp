@@ -307,14 +307,25 @@ ats_status_t client::begin_request(const std::string& body, clock::time_point de
 
 ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
 {
-    const std::unique_lock turn(request_mutex_, std::min(deadline, clock::now() + std::chrono::hours(1)));
-    if (!turn.owns_lock()) return failed(ATS_NO_ANSWER, no_answer);
+    const auto longest = clock::now() + std::chrono::hours(1);
+    {
+        lock held(mutex_);
+        const bool is_our_turn = news_.wait_until(held, std::min(deadline, longest), [&] { return !is_in_request_; });
+        if (!is_our_turn) return failed(ATS_NO_ANSWER, no_answer);
+        is_in_request_ = true;
+    }
+    const std::unique_ptr<client, void (*)(client*)> turn(this, [](client* self) { self->end_turn(); });
     const ats_status_t begun = begin_request(body, deadline);
-    if (begun != ATS_OK) return begun;
-    const ats_status_t status = next_request_line(deadline, line);
+    return begun == ATS_OK ? next_request_line(deadline, line) : begun;
+}
+
+// Lets the next thread ask. An answer that is still to come is dropped.
+void client::end_turn()
+{
     const lock held(mutex_);
     outstanding_.take(request_id_);
-    return status;
+    is_in_request_ = false;
+    news_.notify_all();
 }
 
 ats_status_t client::next_request_line(clock::time_point deadline, std::string& line)

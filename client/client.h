@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "client/outstanding.h"
@@ -63,10 +64,10 @@ class client
     void end_all(ats_status_t status, const std::string& reason);
     void end(uint64_t id, const ats_answer_t& answer);
     size_t hand_out(ats_answer_t* answers, size_t capacity);
+    void end_turn();
     void watch();
 
     const std::string path_;
-    std::timed_mutex request_mutex_; // held over a whole request()
     std::mutex mutex_;
     std::condition_variable news_;
     bool is_receiving_ = false;
@@ -78,7 +79,8 @@ class client
     std::deque<ats_answer_t> completions_;              // of submissions
     size_t submissions_ = 0;                            // that are outstanding
 
-    uint64_t request_id_ = 0; // the program's own request, 0: none
+    bool is_in_request_ = false; // a thread is in request()
+    uint64_t request_id_ = 0;    // the program's own request, 0: none
     std::deque<std::string> request_lines_;
     ats_answer_t request_end_{};
 
