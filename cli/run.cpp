@@ -1,4 +1,5 @@
 #include "cli/run.h"
+#include "client/socket-path.h"
 
 #include <algorithm>
 #include <array>
@@ -33,7 +34,7 @@ constexpr int most_numbered_hosts = 1000;
 struct run_options {
     int hosts = 3; // node1, node2, node3
     std::string config;
-    std::string socket = default_socket_path();
+    std::string socket = ::client::own_socket_path();
     int log_kib = 0; // 0: as configured
     std::string mount;
     std::string modules = world::default_module_folder();
@@ -105,7 +106,7 @@ int unload(running_hosts& hosts)
     return console::exit_ok;
 }
 
-// What --config and --hosts say; empty on a real fabric without --config.
+// The configuration that --config and --hosts ask for; empty on a real fabric without --config.
 ats::result<world_config> hosts_config(const run_options& options)
 {
     if (!options.config.empty()) return read_world_config(options.config);

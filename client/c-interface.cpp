@@ -29,6 +29,8 @@ namespace
 
 thread_local std::string error_text;
 
+constexpr size_t longest_host_bytes = 30; // what a ServiceRecord carries
+
 constexpr ats_options_t usual_options = ATS_OPTIONS_INIT;
 
 // Runs a call. No exception crosses into C.
@@ -60,6 +62,8 @@ const ats_options_t* checked(const ats_options_t* options)
         error = "timeout_ms must be above 0";
     else if ((options->flags & ~(ATS_CACHED_ONLY | ATS_VERIFY | ATS_FRESH)) != 0 || options->reserved != 0)
         error = "the options have flags that this library does not know";
+    else if (options->host && std::strlen(options->host) > longest_host_bytes)
+        error = "a host's name has at most 30 bytes";
     else if (std::popcount(options->flags) > 1)
         error = "ATS_CACHED_ONLY, ATS_VERIFY and ATS_FRESH exclude each other";
     if (!error) return options;
@@ -70,6 +74,11 @@ const ats_options_t* checked(const ats_options_t* options)
 ats_status_t no_arguments()
 {
     return failed(ATS_INVALID, "a pointer is null");
+}
+
+ats_status_t no_fresh_gid()
+{
+    return failed(ATS_INVALID, "ATS_FRESH is for addresses only");
 }
 
 ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const std::string& body, ats_answer_t* answer)
@@ -160,6 +169,7 @@ ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_
     const ats_status_t status = guarded([&] {
         const ats_options_t* checked = client::checked(options);
         if (!checked) return ATS_INVALID;
+        if (checked->flags & ATS_FRESH) return client::no_fresh_gid();
         return client::blocking(client, checked, client::reverse_body(gid, *checked), answer);
     });
     return client::without_answer(status, answer);
@@ -181,6 +191,7 @@ ats_status_t ats_submit_reverse(ats_client_t* client, const uint8_t gid[16], con
     return guarded([&] {
         const ats_options_t* checked = client::checked(options);
         if (!checked) return ATS_INVALID;
+        if (checked->flags & ATS_FRESH) return client::no_fresh_gid();
         return client->client.submit(*checked, tag, client::reverse_body(gid, *checked));
     });
 }
@@ -277,7 +288,11 @@ const char* ats_last_error(void)
 
 size_t ats_default_socket(char* path, size_t size)
 {
-    const std::string socket = client::default_socket_path();
+    std::string socket;
+    guarded([&] {
+        socket = client::default_socket_path();
+        return ATS_OK;
+    });
     if (path && size > 0) {
         const size_t length = std::min(socket.size(), size - 1);
         std::memcpy(path, socket.data(), length);

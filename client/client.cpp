@@ -80,10 +80,14 @@ ats_status_t client::send(lock& held, uint64_t id, question question, clock::tim
     if (question.kind == asker::submission) ++submissions_;
     outstanding_.add(id, std::move(question));
     if (connection_.is_open() && connection_.send(line)) return ATS_OK;
-    if (is_receiving_)
+    if (is_receiving_) {
         connection_.hang_up(); // the receiving thread reconnects
-    else
+    } else if (connection_.is_open()) {
+        connection_.wait(clock::time_point::min(), false); // perhaps the service said why it hung up
+        take_input(connection::outcome::gone);
+    } else {
         broken();
+    }
     return ATS_OK;
 }
 
@@ -152,7 +156,7 @@ void client::take_hello(std::string_view line)
     const std::string refusal = hello_refusal(line);
     is_greeted_ = refusal.empty();
     if (is_greeted_) return;
-    connection_.close();
+    close_connection();
     end_all(ATS_REFUSED, refusal);
 }
 
@@ -171,7 +175,7 @@ void client::take_line(std::string_view line)
 
 void client::lose_protocol(const std::string& reason)
 {
-    connection_.close();
+    close_connection();
     end_all(ATS_INVALID, reason);
 }
 
@@ -185,10 +189,17 @@ void client::take_request_line(std::string_view line)
 
 // ---- connections that break ----
 
+// Stops watching the socket first: a child that was forked keeps it open, and it would stay readable.
+void client::close_connection()
+{
+    if (connection_.is_open()) wake_up_.forget_socket(connection_.fd());
+    connection_.close();
+}
+
 // Reconnects, and asks once more what was asked only once. What cannot be asked again ends.
 void client::broken()
 {
-    connection_.close();
+    close_connection();
     if (outstanding_.is_empty()) return;
     std::string error;
     const bool is_connected = connection_.open(path_, error) == connection::attempt::connected;

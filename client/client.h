@@ -59,6 +59,7 @@ class client
     void take_line(std::string_view line);
     void take_request_line(std::string_view line);
     void lose_protocol(const std::string& reason);
+    void close_connection();
     void broken();
     void end_overdue();
     void end_all(ats_status_t status, const std::string& reason);

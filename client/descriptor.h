@@ -23,6 +23,7 @@ class descriptor
 
     bool is_open() const { return fd_ >= 0; }
     int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); } // the caller closes it
     void reset()
     {
         if (fd_ >= 0) close(fd_);

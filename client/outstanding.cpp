@@ -37,7 +37,6 @@ std::vector<uint64_t> outstanding::overdue(clock::time_point now) const
     return ids;
 }
 
-// In the order of asking.
 std::vector<uint64_t> outstanding::all() const
 {
     std::vector<uint64_t> ids;

@@ -32,8 +32,10 @@ class outstanding
     // Takes a question out, whose answer or end has come.
     std::optional<question> take(uint64_t id);
 
-    // The ids of those whose time is over, and of all.
+    // The ids of the questions whose time is over.
     std::vector<uint64_t> overdue(clock::time_point now) const;
+
+    // The ids of all questions, in the order of asking.
     std::vector<uint64_t> all() const;
 
     // The first deadline; the far future if nothing is outstanding.

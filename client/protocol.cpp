@@ -19,7 +19,7 @@ std::string dump(const json& value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-// What both questions share, after the object's first members.
+// Adds the members that both questions share.
 void append_options(std::string& body, const ats_options_t& options)
 {
     if (options.flags & ATS_CACHED_ONLY) body += R"(,"cached":true)";

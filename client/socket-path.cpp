@@ -11,13 +11,16 @@ namespace client
 namespace
 {
 
-constexpr const char* socket_of_machine = "/run/ats.sock";
-
 // The variable's value; null when it is unset or empty.
 const char* variable(const char* name)
 {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+std::string socket_in_tmp()
+{
+    return "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
 }
 
 bool exists(const std::string& path)
@@ -41,15 +44,19 @@ bool only_root_writes_to(const std::string& folder)
 
 } // namespace
 
-std::string default_socket_path()
+std::string own_socket_path()
 {
     if (const char* path = variable("ATS_SOCKET")) return path;
     if (geteuid() == 0) return socket_of_machine;
-    const std::string in_tmp = "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
-    const char* runtime_folder = variable("XDG_RUNTIME_DIR");
-    const std::string own = runtime_folder ? std::string(runtime_folder) + "/ats.sock" : in_tmp;
-    if (exists(own)) return own;
-    if (exists(in_tmp)) return in_tmp;
+    if (const char* folder = variable("XDG_RUNTIME_DIR")) return std::string(folder) + "/ats.sock";
+    return socket_in_tmp();
+}
+
+std::string default_socket_path()
+{
+    const std::string own = own_socket_path();
+    if (variable("ATS_SOCKET") || exists(own)) return own;
+    if (exists(socket_in_tmp())) return socket_in_tmp();
     return exists(socket_of_machine) ? socket_of_machine : own;
 }
 

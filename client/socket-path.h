@@ -1,4 +1,4 @@
-// Where a service listens, and whether the one that listens there can be believed.
+// Finds the socket of a service, and checks that its answers can be believed.
 #pragma once
 
 #include <string>
@@ -6,7 +6,13 @@
 namespace client
 {
 
-// The default path of the socket, see ats_default_socket().
+constexpr const char* socket_of_machine = "/run/ats.sock";
+
+// The path on which a service of this user listens by default: $ATS_SOCKET, or /run/ats.sock for root, or ats.sock in
+// $XDG_RUNTIME_DIR, or /tmp/ats-UID.sock. An empty variable counts as unset.
+std::string own_socket_path();
+
+// The path at which a client asks by default, see ats_default_socket().
 std::string default_socket_path();
 
 // True if the process at the other end of the connected socket `fd` may answer for this machine: it runs as root or as

@@ -47,6 +47,11 @@ void wake_up::watch_socket(int socket)
     has_unsent_ = false;
 }
 
+void wake_up::forget_socket(int socket)
+{
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
+}
+
 void wake_up::set(int socket, bool has_unsent, bool has_answers, clock::time_point first_deadline)
 {
     if (has_unsent != has_unsent_ && socket >= 0) {

@@ -14,8 +14,9 @@ class wake_up
     bool open();
     int fd() const { return epoll_.get(); }
 
-    // Adds a new connection's socket. Closing the socket removes it.
+    // Adds a new connection's socket, and removes it before it is closed.
     void watch_socket(int socket);
+    void forget_socket(int socket);
 
     // Says what to wake for from now on.
     void set(int socket, bool has_unsent, bool has_answers, clock::time_point first_deadline);

@@ -1,4 +1,5 @@
 #include "cli/socket/service-origin.h"
+#include "client/socket-path.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -87,9 +88,10 @@ std::string how_to_start(const std::string& socket_path)
 {
     const service_origin origin = origin_of_service(socket_path);
     if (!origin.unit.empty()) return "'systemctl status " + origin.unit + "' says what became of it";
-    if (geteuid() != 0 && socket_path != socket_of_root && is_there(socket_of_root))
-        return std::string("root's is on ") + socket_of_root + ": ask that with sudo, or start your own with 'ats run'";
-    if (socket_path == socket_of_root && has_installed_unit())
+    if (geteuid() != 0 && socket_path != ::client::socket_of_machine && is_there(::client::socket_of_machine))
+        return std::string("root's is on ") + ::client::socket_of_machine +
+               ": ask that with sudo, or start your own with 'ats run'";
+    if (socket_path == ::client::socket_of_machine && has_installed_unit())
         return "start it with 'systemctl start ats', or name another --socket";
     return "start one with 'ats run', or name its --socket";
 }

@@ -1,7 +1,6 @@
 #include "cli/socket/socket.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -116,43 +115,7 @@ bool writes_whole(const descriptor& file, const std::string& text)
            write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// The value of an environment variable; null if it is unset or empty.
-const char* variable(const char* name)
-{
-    const char* value = std::getenv(name);
-    return value != nullptr && *value != '\0' ? value : nullptr;
-}
-
 } // namespace
-
-descriptor::~descriptor()
-{
-    if (fd_ >= 0) close(fd_);
-}
-
-descriptor& descriptor::operator=(descriptor&& other) noexcept
-{
-    if (this != &other) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = other.release();
-    }
-    return *this;
-}
-
-int descriptor::release()
-{
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
-std::string default_socket_path()
-{
-    if (const char* chosen = variable("ATS_SOCKET")) return chosen;
-    if (geteuid() == 0) return socket_of_root;
-    if (const char* runtime = variable("XDG_RUNTIME_DIR")) return std::string(runtime) + "/ats.sock";
-    return "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
-}
 
 ats::result<path_lock> path_lock::acquire(const std::string& path)
 {

@@ -4,32 +4,13 @@
 #include <memory>
 #include <string>
 
+#include "client/descriptor.h"
 #include "host/result.h"
 
 namespace cli
 {
 
-// Owns a file descriptor and closes it; -1 is none.
-class descriptor
-{
-  public:
-    explicit descriptor(int fd = -1) : fd_(fd) {}
-    ~descriptor();
-    descriptor(descriptor&& other) noexcept : fd_(other.release()) {}
-    descriptor& operator=(descriptor&& other) noexcept;
-
-    int get() const { return fd_; }
-    int release(); // the caller closes it
-
-  private:
-    int fd_;
-};
-
-constexpr const char* socket_of_root = "/run/ats.sock";
-
-// $ATS_SOCKET, or /run/ats.sock for root, or ats.sock in $XDG_RUNTIME_DIR, or /tmp/ats-UID.sock. An empty variable
-// counts as unset.
-std::string default_socket_path();
+using ::client::descriptor;
 
 // Holds PATH.lock locked. Only its holder may listen on PATH. The file says how the service was started, and is removed
 // with the lock.

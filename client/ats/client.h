@@ -9,8 +9,8 @@
  *     if (ats_resolve(client, inet_addr("10.0.0.2"), NULL, &answer) == ATS_OK) use(answer.gid);
  *     ats_close(client);
  *
- * Asynchronous calls: ats_submit_resolve() any number of questions, poll() the descriptor for input, ats_collect()
- * the answers.
+ * Asynchronous calls: ats_submit_resolve() any number of questions (the service takes 16384 of a user by default),
+ * poll() the descriptor for input, ats_collect() the answers.
  *
  * Threads: any number of threads may use one client at the same time; only ats_close() must be the last call. A child
  * made by fork() must not use its parent's client.
@@ -129,9 +129,9 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
 ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer);
 
 /* The same in two steps, for an answer of several lines ("log") or one that may take its time. A client has at most
- * one such request, of one thread; a new one gives up the old one, but a followed log fills its connection until
- * ats_close(). ats_request_next() stores the next line; ATS_NO_ANSWER: none came
- * in time, and the request goes on; ATS_NOT_FOUND: there is no further line. */
+ * one such request, of one thread; a new one gives up the old one. (A followed log is sent until the next "log" request
+ * or ats_close().) ats_request_next() stores the next line; ATS_NO_ANSWER: none came in time, and the request goes on;
+ * ATS_NOT_FOUND: there is no further line. */
 ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms);
 ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line);
 void ats_free(char* answer);

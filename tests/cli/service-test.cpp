@@ -4,12 +4,13 @@
 
 #include "cli/socket/service-origin.h"
 #include "cli/socket/socket.h"
+#include "client/socket-path.h"
 #include "tests/cli/program.h"
 
 namespace
 {
 
-// What a service manager listens on, as NOTIFY_SOCKET of the programs started while it is there.
+// The socket of a service manager. Programs that are started while it exists find it in NOTIFY_SOCKET.
 class notice_socket
 {
   public:
@@ -67,7 +68,7 @@ TEST(service, advice_fits_how_it_was_started)
     unsetenv("SYSTEMD_EXEC_PID");
 
     setenv("ATS_SOCKET", "", 1);
-    EXPECT_THAT(cli::default_socket_path(), testing::EndsWith(".sock"));
+    EXPECT_THAT(client::own_socket_path(), testing::EndsWith(".sock"));
     unsetenv("ATS_SOCKET");
 }
 

@@ -18,7 +18,7 @@ namespace client_tests
 
 using json = nlohmann::json;
 
-// What goes back for a line: texts as they are; "" for nothing. hang_up ends the connection.
+// The bytes that answer a line, "" for none. hang_up ends the connection afterwards.
 struct reaction {
     std::string bytes;
     bool hang_up = false;
