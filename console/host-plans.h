@@ -1,4 +1,4 @@
-// What a host of this service runs: its modules with their parameters, the files and the registry key of the module
+// The plan of a host of this service: its modules with their parameters, the files and the registry key of the module
 // ats. The layers below load any modules; this is the one place that names these.
 #pragma once
 

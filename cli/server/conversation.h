@@ -16,7 +16,7 @@ namespace cli
 class conversation
 {
   public:
-    // What the server does for a conversation.
+    // The server calls that a conversation makes.
     struct owner {
         virtual ~owner() = default;
         virtual void take_line(conversation& source, std::string_view line) = 0;
@@ -31,7 +31,7 @@ class conversation
     conversation(const conversation&) = delete;
     conversation& operator=(const conversation&) = delete;
 
-    // Takes over the connection that waits at `listener`. False: it could not be accepted, and ends.
+    // Accepts the next connection of `listener`. False: that failed; ended() follows.
     bool accept(uv_stream_t* listener);
 
     uint64_t number() const { return number_; }

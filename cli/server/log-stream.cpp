@@ -5,9 +5,10 @@
 namespace cli
 {
 
-log_stream::log_stream(kernel::log& log, int level, std::function<void()> rang) : log_(log), level_(level)
+log_stream::log_stream(kernel::log& log, int level, std::function<void()> on_new_line) : log_(log), level_(level)
 {
-    if (rang) follower_ = log_.follow([rang = std::move(rang)](const kernel::log_line&) { rang(); });
+    if (on_new_line)
+        follower_ = log_.follow([on_new_line = std::move(on_new_line)](const kernel::log_line&) { on_new_line(); });
 }
 
 log_stream::~log_stream()

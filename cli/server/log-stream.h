@@ -14,9 +14,9 @@ namespace cli
 class log_stream
 {
   public:
-    // Sends lines of a level up to `level`. With `rang`, goes on after the last line: it is called from any thread,
-    // also from contexts that may not sleep, when there is a new line.
-    log_stream(kernel::log& log, int level, std::function<void()> rang);
+    // Sends lines of a level up to `level`. Ends after the last line, unless there is an `on_new_line`: then it goes
+    // on. `on_new_line` is called for each new line, in any thread and also in contexts that may not sleep.
+    log_stream(kernel::log& log, int level, std::function<void()> on_new_line);
     ~log_stream();
     log_stream(const log_stream&) = delete;
     log_stream& operator=(const log_stream&) = delete;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "console/errors.h"
+#include "console/log-filter.h"
 
 namespace cli
 {
@@ -22,7 +23,7 @@ bool is_question(const nlohmann::json& request, const std::string& name)
 
 std::string log_refusal(int log_level)
 {
-    if (log_level == 0) return "this service shows its log to those only who may give orders";
+    if (log_level == 0) return "this service shows its log only to those who may give orders";
     return "this service shows you its log up to level " + std::to_string(log_level) + ": ask for that with 'level'";
 }
 
@@ -34,14 +35,14 @@ std::optional<ats::error> refusal_of(const access_rules& access, const peer& pee
     const auto refuse = [](const std::string& text) { return ats::error(ats::error_kind::invalid, text); };
     if (!is_question(request, name)) {
         if (access.orders.admits(peer)) return std::nullopt;
-        return refuse(console::quote(name) + " is an order, and this service takes orders from " +
-                      access.orders.text() + " only");
+        return refuse(console::quote(name) + " is an order, and this service takes orders from " + access.orders.text +
+                      " only");
     }
     if (!access.questions.admits(peer) && !access.orders.admits(peer))
-        return refuse("this service answers " + access.questions.text() + " only");
+        return refuse("this service answers " + access.questions.text + " only");
     if (name != "log" || access.orders.admits(peer)) return std::nullopt;
-    constexpr int everything = 5;
-    const bool is_allowed = access.log_level > 0 && request.value("level", everything) <= access.log_level;
+    const bool is_allowed =
+        access.log_level > 0 && request.value("level", console::trace_level_everything) <= access.log_level;
     return is_allowed ? std::nullopt : std::optional(refuse(log_refusal(access.log_level)));
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <future>
 
-#include "cli/server/lookup-answer.h"
 #include "cli/server/request-kinds.h"
+#include "cli/service/lookup-answer.h"
 #include "cli/service/requests.h"
 #include "console/errors.h"
 #include "console/gids.h"
@@ -39,13 +39,39 @@ ats::error malformed(const std::string& text)
     return {ats::error_kind::invalid, text};
 }
 
-// The request's id. Error: it has one that is none.
+// The error that the exception being handled stands for: a member that is missing or of a wrong type, or a shortage.
+ats::error caught_error()
+{
+    try {
+        throw;
+    } catch (const json::exception& wrong) {
+        return malformed(std::string("the request is malformed: ") + wrong.what());
+    } catch (const std::exception& wrong) {
+        return ats::error(wrong.what());
+    }
+}
+
+// The request's id, if it has one. Error: it is not an integer from 0.
 ats::result<std::optional<uint64_t>> id_of(const json& object)
 {
     const auto id = object.find("id");
     if (id == object.end()) return std::optional<uint64_t>();
     if (!id->is_number_unsigned()) return ats::fail(ats::error_kind::invalid, "an id is an integer from 0");
     return std::optional<uint64_t>(id->get<uint64_t>());
+}
+
+// The error of members that contradict each other, or that are out of range.
+std::optional<ats::error> wrong_members(const json& request, const std::string& name)
+{
+    const auto is_set = [&](const char* key) { return request.value(key, false); };
+    if (is_set("cached") + is_set("verify") + is_set("fresh") > 1)
+        return malformed("'cached', 'verify' and 'fresh' exclude each other");
+    if (name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses only");
+    const auto level = request.find("level");
+    const bool is_level = level == request.end() ||
+                          (level->is_number_unsigned() && level->get<uint64_t>() <= console::trace_level_everything);
+    if (!is_level) return malformed("a trace level is a number from 0 (nothing) to 5 (everything)");
+    return std::nullopt;
 }
 
 // Asks nobody but the cache.
@@ -184,10 +210,8 @@ void server::take_line(conversation& source, std::string_view line)
     request.name = *name;
     try {
         carry_out(source, request);
-    } catch (const json::exception& wrong) {
-        refuse(source, *id, malformed(std::string("the request is malformed: ") + wrong.what()));
-    } catch (const std::exception& wrong) {
-        refuse(source, *id, ats::error(wrong.what()));
+    } catch (...) {
+        refuse(source, *id, caught_error());
     }
 }
 
@@ -205,6 +229,8 @@ void server::carry_out(conversation& source, const request& request)
         return refuse(source, request.ticket.id,
                       {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
                                                          " questions outstanding already: wait for answers first"});
+    if (const std::optional<ats::error> wrong = wrong_members(request.object, request.name))
+        return refuse(source, request.ticket.id, *wrong);
     const bool is_lookup = request.name == "resolve" || request.name == "reverse";
     const bool is_simple = !request.object.value("verify", false) && !request.object.contains("name");
     if (request.name == "log") return follow_log(source, request);
@@ -234,10 +260,16 @@ void server::line_too_long(conversation& source)
 }
 
 // Counts a request whose answer comes later.
-void server::begin(conversation& source, const return_ticket& ticket)
+void server::count(conversation& source, const return_ticket& ticket)
 {
     ++users_[ticket.place.user].outstanding;
     ++source.outstanding;
+}
+
+// The same. Without an id, the answer comes before the next line is read.
+void server::begin(conversation& source, const return_ticket& ticket)
+{
+    count(source, ticket);
     if (!ticket.id) source.pause();
 }
 
@@ -259,16 +291,14 @@ void server::finish_soon(const return_ticket& ticket, std::string line)
     loop_.post([this, ticket, line = std::move(line)] { finish(ticket, line); });
 }
 
-// Carries out a request in another thread's time.
+// The answer of a request, carried out in the thread of a worker.
 std::string server::answer_line(const request& request)
 {
     try {
         const ats::result<json> answer = answer_request(hosts_, request.object);
         return line_of(answer ? *answer : refusal(answer.error()), request.ticket.id);
-    } catch (const json::exception& wrong) {
-        return line_of(refusal(malformed(std::string("the request is malformed: ") + wrong.what())), request.ticket.id);
-    } catch (const std::exception& wrong) {
-        return line_of(refusal(ats::error(wrong.what())), request.ticket.id);
+    } catch (...) {
+        return line_of(refusal(caught_error()), request.ticket.id);
     }
 }
 
@@ -302,8 +332,7 @@ void server::look_up(conversation& source, const request& request)
     if (!subject) return refuse(source, request.ticket.id, subject.error());
     kernel::machine& machine = (*host)->machine();
     const bool is_by_gid = request.name == "reverse";
-    const bool is_fresh = request.object.value("fresh", false);
-    const bool is_cached_only = request.object.value("cached", false) && !is_fresh;
+    const bool is_cached_only = request.object.value("cached", false);
     const return_ticket ticket = request.ticket;
     begin(source, ticket); // nothing below may throw
     if (is_cached_only) {
@@ -320,8 +349,8 @@ void server::look_up(conversation& source, const request& request)
     };
     try {
         lookups_of(machine).ask(ticket.place, *subject, done);
-    } catch (const std::exception& wrong) {
-        finish(ticket, line_of(refusal(ats::error(wrong.what())), ticket.id));
+    } catch (...) { // a thread cannot be had
+        finish(ticket, line_of(refusal(caught_error()), ticket.id));
     }
 }
 
@@ -329,24 +358,26 @@ void server::look_up(conversation& source, const request& request)
 
 void server::follow_log(conversation& source, const request& request)
 {
-    if (followings_.contains(source.number()))
-        return refuse(source, request.ticket.id,
-                      malformed("this connection is being sent a log already: open another one"));
     const ats::result<world::host*> host = find_host(hosts_, request.object);
     if (!host) return refuse(source, request.ticket.id, host.error());
     const int level = request.object.value("level", console::trace_level_everything);
-    auto has_rung = std::make_shared<std::atomic<bool>>(false);
+    const bool follows = request.object.value("follow", false);
+    auto is_pump_posted = std::make_shared<std::atomic<bool>>(false);
     std::function<void()> ring;
-    if (request.object.value("follow", false))
-        ring = [this, number = source.number(), has_rung] {
-            if (has_rung->exchange(true)) return;
+    if (follows)
+        ring = [this, number = source.number(), is_pump_posted] {
+            if (is_pump_posted->exchange(true)) return;
             loop_.post([this, number] {
                 if (conversation* follower = find(number)) pump_log(*follower);
             });
         };
-    begin(source, request.ticket);
+    end_log(source);
+    if (follows)
+        count(source, request.ticket); // the end may be far: other requests do not wait for it
+    else
+        begin(source, request.ticket);
     auto stream = std::make_unique<log_stream>((*host)->machine().log, level, ring);
-    followings_.emplace(source.number(), following{request.ticket, std::move(stream), has_rung});
+    followings_.emplace(source.number(), following{request.ticket, std::move(stream), is_pump_posted});
     pump_log(source);
 }
 
@@ -355,11 +386,18 @@ void server::pump_log(conversation& source)
     const auto entry = followings_.find(source.number());
     if (entry == followings_.end()) return;
     following& following = entry->second;
-    following.has_rung->store(false); // before the lines are read: a later one rings again
+    following.is_pump_posted->store(false); // before the lines are read: a later one rings again
     const return_ticket ticket = following.ticket;
     const bool goes_on = following.stream->pump([&] { return !source.is_congested() && !source.is_ending(); },
                                                 [&](const json& line) { source.send(line_of(line, ticket.id)); });
-    if (goes_on) return;
+    if (!goes_on) end_log(source);
+}
+
+void server::end_log(conversation& source)
+{
+    const auto entry = followings_.find(source.number());
+    if (entry == followings_.end()) return;
+    const return_ticket ticket = entry->second.ticket;
     followings_.erase(entry);
     finish(ticket, line_of({{"end", true}}, ticket.id));
 }

@@ -40,7 +40,7 @@ class server final : public conversation::owner
     server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options);
     ats::result<> listen();
 
-    // Where an answer goes.
+    // Names the connection and the request that an answer belongs to.
     struct return_ticket {
         queue_place place;
         std::optional<uint64_t> id;
@@ -57,7 +57,7 @@ class server final : public conversation::owner
     struct following {
         return_ticket ticket;
         std::unique_ptr<log_stream> stream;
-        std::shared_ptr<std::atomic<bool>> has_rung;
+        std::shared_ptr<std::atomic<bool>> is_pump_posted;
     };
 
     void take_line(conversation& source, std::string_view line) override;
@@ -76,8 +76,10 @@ class server final : public conversation::owner
     ats::result<lookups::subject> subject_of(const request& request) const;
     void follow_log(conversation& source, const request& request);
     void pump_log(conversation& source);
+    void end_log(conversation& source);
     std::string answer_line(const request& request);
     void hand_to_workers(conversation& source, const request& request);
+    void count(conversation& source, const return_ticket& ticket);
     void begin(conversation& source, const return_ticket& ticket);
     void finish(const return_ticket& ticket, const std::string& line);
     void finish_soon(const return_ticket& ticket, std::string line);

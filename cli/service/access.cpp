@@ -12,12 +12,6 @@ namespace cli
 namespace
 {
 
-std::string name_of_user(uid_t user)
-{
-    const passwd* entry = getpwuid(user);
-    return entry ? entry->pw_name : std::to_string(user);
-}
-
 std::vector<gid_t> groups_of(int socket, gid_t primary)
 {
     std::vector<gid_t> groups(64);
@@ -47,6 +41,13 @@ std::optional<peer> peer_of(int socket)
     return peer{credentials.uid, groups_of(socket, credentials.gid)};
 }
 
+std::string owner_text()
+{
+    if (geteuid() == 0) return "root";
+    const passwd* entry = getpwuid(geteuid());
+    return "root and the user " + (entry ? std::string(entry->pw_name) : std::to_string(geteuid()));
+}
+
 bool access_rule::admits(const peer& peer) const
 {
     if (is_owner(peer) || audience == audience::everyone) return true;
@@ -59,22 +60,14 @@ bool access_rules::is_open_to_others() const
     return questions.audience != owner || orders.audience != owner;
 }
 
-std::string access_rule::text() const
-{
-    if (audience == audience::everyone) return "everyone";
-    if (audience == audience::group) return "the group " + name;
-    return geteuid() == 0 ? "root" : "root and the user " + name_of_user(geteuid());
-}
-
 ats::result<access_rule> access_rule_of(const std::string& word)
 {
     if (word == "owner") return access_rule{};
-    if (word == "everyone") return access_rule{access_rule::audience::everyone, 0, {}};
+    if (word == "everyone") return access_rule{access_rule::audience::everyone, 0, word};
     const ::group* entry = getgrnam(word.c_str());
-    if (!entry)
-        return ats::fail(ats::error_kind::invalid,
-                         "there is no group '" + word + "': write \"everyone\", \"owner\" or a group's name");
-    return access_rule{access_rule::audience::group, entry->gr_gid, word};
+    if (entry) return access_rule{access_rule::audience::group, entry->gr_gid, "the group " + word};
+    return ats::fail(ats::error_kind::invalid,
+                     "there is no group '" + word + "': write \"everyone\", \"owner\" or a group's name");
 }
 
 } // namespace cli

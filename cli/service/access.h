@@ -1,4 +1,4 @@
-// Who may ask the service what. The kernel says which user a connection is of.
+// The rules of access: which users may send the service which requests. The kernel names the user of a connection.
 #pragma once
 
 #include <optional>
@@ -21,30 +21,31 @@ struct peer {
 // The peer of a connected socket, or nothing when the kernel does not say.
 std::optional<peer> peer_of(int socket);
 
-// Who may send requests of one kind, besides root and the user that runs the service, who always may.
+// "root", or "root and the user NAME" if another user runs this service. Asks the user database.
+std::string owner_text();
+
+// The users that may send requests of one kind. Root and the user that runs the service always may.
 struct access_rule {
     enum class audience { owner, everyone, group };
     audience audience = audience::owner;
-    gid_t group = 0;       // of audience::group
-    std::string name = {}; // as configured, of audience::group
+    gid_t group = 0;                 // of audience::group
+    std::string text = owner_text(); // the users, for refusals
 
     bool admits(const peer& peer) const;
-
-    // "everyone", "root and the user NAME" or "the group NAME".
-    std::string text() const;
 };
 
 struct access_rules {
     access_rule questions;
     access_rule orders;
-    int log_level =
-        0; // the trace level up to which those who may ask questions, but not give orders, read logs; 0: none
+    // The trace level up to which those who may ask questions, but give no orders, read logs; 0: none.
+    int log_level = 0;
 
     // True if a user other than root and the owner may ask anything.
     bool is_open_to_others() const;
 };
 
-// "owner", "everyone" or a group's name. Error: no such group.
+// `word` is "owner", "everyone" or a group's name. An unknown group is invalid. Asks the user database, so it may take
+// its time.
 ats::result<access_rule> access_rule_of(const std::string& word);
 
 } // namespace cli

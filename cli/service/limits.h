@@ -1,4 +1,4 @@
-// What one user, or one connection, may take of the service.
+// The limits of each user and of each connection.
 #pragma once
 
 #include <cstddef>

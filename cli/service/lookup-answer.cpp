@@ -1,8 +1,4 @@
-#include "cli/server/lookup-answer.h"
-
-#include <arpa/inet.h>
-#include <array>
-#include <bit>
+#include "cli/service/lookup-answer.h"
 
 #include "host/world/text.h"
 
@@ -32,13 +28,6 @@ const char* source_word(const world::resolution& answer)
     return answer.from_cache ? R"("cache")" : R"("SA")";
 }
 
-std::string ipv6_notation(const kq_gid_t& gid)
-{
-    const wire_gid_t wire = to_wire(gid);
-    std::array<char, INET6_ADDRSTRLEN> text;
-    return inet_ntop(AF_INET6, &wire, text.data(), text.size());
-}
-
 } // namespace
 
 // The texts in an answer are our own: nothing in them needs to be escaped.
@@ -58,7 +47,7 @@ std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool 
         const std::string gid = world::format_gid(answer.gid);
         add("address", address);
         add("gid", gid);
-        add("gid6", ipv6_notation(answer.gid));
+        add("gid6", world::format_gid6(answer.gid));
         add("found", is_by_gid ? address : gid);
     } else {
         add("reason", answer.reason);

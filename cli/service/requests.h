@@ -22,14 +22,15 @@ ats::result<json> answer_request(running_hosts& hosts, const json& request);
 // {"host"}: HCAs, ports, verification, and IBAT's cache and counters, of that host or of all.
 ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
-// {"host", "address" or "name", "cached", "verify"}: the GID of the address, its source, and the time that it took.
+// {"host", "address", "verify"}: the GID of the address, its source, and whether the SA agrees; {"name"}: see below.
+// The server answers lookups without verification itself.
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
 // {"name"}: {"matches"}, the records of that host name that the SA of the embedded fabric holds. {"real": true} on a
 // real fabric: the client asks its SA itself.
 ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
 
-// {"host", "gid", "cached", "verify"}: the address of the GID, its source, and the time that it took.
+// {"host", "gid", "verify"}: the address of the GID, its source, and whether the SA agrees.
 ats::result<json> answer_reverse(running_hosts& hosts, const json& request);
 
 // {"host", "what"}: IBAT drops its cache entry of that address or GID; of "", all entries.

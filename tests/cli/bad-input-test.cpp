@@ -1,4 +1,4 @@
-// What is wrong gets one clear line and its exit code, and loses nothing.
+// Wrong input gets one clear line and its exit code, and loses nothing.
 #include <algorithm>
 #include <grp.h>
 #include <list>
@@ -123,12 +123,15 @@ TEST(bad_input, service_survives_clients_without_manners)
         {R"({"request":"resolve","address":5})", "malformed"},
         {R"({"request":"status","host":[]})", "members are texts"},
         {R"({"request":"log","host":5})", "malformed"},
-        {R"({"request":"log","level":"all"})", "malformed"},
+        {R"({"request":"log","level":"all"})", "a trace level is a number from 0"},
         {R"({"request":"trace","level":17})", "a trace level is a number from 0"},
         {R"({"request":"link","direction":"sideways"})", "'sideways' is neither 'up' nor 'down'"},
         {R"({"request":"sa","action":"explode"})", "does not know the SA action 'explode'"},
         {R"({"request":"control","command":"set_host_name \u0000\u0001"})", "output"},
         {R"({"request":"resolve","address":"10.0.0.1","cached":1})", "malformed"},
+        {R"({"request":"resolve","address":"10.0.0.1","cached":true,"fresh":true})", "exclude each other"},
+        {R"({"request":"reverse","gid":"fe80::1","fresh":true})", "'fresh' is for addresses only"},
+        {R"({"request":"log","level":4294967296})", "a trace level is a number from 0"},
         {R"({"request":"ping","x":)" + std::string(30'000, '[') + std::string(30'000, ']') + "}", "members are texts"},
         {R"({"request":"ping"})" + std::string(100'000, ' '), "a line has at most 65536 bytes"},
         {std::string(3 << 20, 'x'), "a line has at most 65536 bytes"},
@@ -149,7 +152,7 @@ TEST(bad_input, service_survives_clients_without_manners)
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
 }
 
-// What one client takes beyond its share, others do not feel.
+// A client that exceeds its share does not disturb others.
 TEST(bad_input, limits_hold_for_each_user)
 {
     const scratch_folder folder;
@@ -335,7 +338,7 @@ TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
     EXPECT_FALSE(cli::listening_socket::open(folder / "socket", false));
 }
 
-// What a process of another user is answered; "(not connected)" if the file keeps it out.
+// Returns the answer that a process of another user gets; "(not connected)" if the file keeps it out.
 std::string heard_by_another_user(const std::string& socket, const std::string& line)
 {
     int ends[2];
@@ -368,7 +371,7 @@ TEST(bad_input, other_users_may_ask_what_the_configuration_allows)
         {"", resolve, "(not connected)"},
         {"questions = \"everyone\"", resolve, "\"status\":\"ok\""},
         {"questions = \"everyone\"", order, "'set-name' is an order, and this service takes orders from root only"},
-        {"questions = \"everyone\"", log, "shows its log to those only who may give orders"},
+        {"questions = \"everyone\"", log, "shows its log only to those who may give orders"},
         {"questions = \"everyone\"\nlog_level = 2", log, "\"line\""},
         {"questions = \"everyone\"\nlog_level = 2", all_of_log, "shows you its log up to level 2"},
         {"questions = \"nogroup\"", resolve, "\"status\":\"ok\""},

@@ -52,7 +52,7 @@ class mount_tree : public testing::Test
         });
     }
 
-    // What a path is: "folder", "file 644 size 0", or the error.
+    // Describes a path: "folder", "file 644 size 0", or the error.
     std::string kind(const std::string& path)
     {
         cli::mount_entry entry;

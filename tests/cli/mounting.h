@@ -1,4 +1,4 @@
-// Whether this machine lets a test mount.
+// Finds out if a test can mount on this machine.
 #pragma once
 
 #include <sys/stat.h>
