@@ -1,4 +1,4 @@
-// What the service must achieve: the SA has the right record of every host, and every lookup returns it.
+// Checks the service: the SA must have the right record of every host, and every lookup must return it.
 #include <algorithm>
 #include <cstring>
 #include <random>

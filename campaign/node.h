@@ -74,8 +74,8 @@ struct node {
     std::unique_ptr<watching_ucm> ucm;
     std::deque<question> questions;
 
-    // What the host should register. `address` has one entry for each HCA. If the name or the address is not certain,
-    // the host may have any of those given to it.
+    // The host should register this name and these addresses, one for each HCA. If one of them is not certain, the host
+    // may register any value that was given to it.
     std::string name;
     bool name_is_certain = true;
     uint64_t name_tick = 0;

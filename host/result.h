@@ -1,4 +1,4 @@
-// How a call that can fail answers, in every layer.
+// The result of a call that can fail, in every layer.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 namespace ats
 {
 
-// What kind of failure it is, for callers that treat some kinds in their own way.
+// The kind of a failure, for callers that treat some kinds in their own way.
 enum class error_kind {
     failed,      // carried out, and the answer is no
     invalid,     // an argument, a file or a folder is wrong
@@ -32,7 +32,7 @@ struct error {
 template <class T = void>
 using result = tl::expected<T, error>;
 
-// What a failing function returns.
+// The return value of a function that fails.
 inline tl::unexpected<error> fail(error_kind kind, std::string text)
 {
     return tl::make_unexpected(error(kind, std::move(text)));

@@ -1,4 +1,4 @@
-// What programs get from a service on the same machine, each figure beside one that explains it: cached lookups one at
+// Measures a service from the side of its clients, on one machine: cached lookups one at
 // a time and in great number, connections at rest, and a thousand that ask at once.
 //   client-bench
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What a FUSE session serves: the files of a mount tree, by inode number. Any thread.
+// The calls of a FUSE session: they serve the files of a mount tree by inode number. Any thread.
 #pragma once
 
 #define FUSE_USE_VERSION 312

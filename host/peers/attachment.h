@@ -12,7 +12,7 @@ template <class send_fn_t>
 class attachment
 {
   public:
-    // What a call into the provider needs. `send` is null when there is no provider to call.
+    // The arguments of a call into the provider. `send` is null when there is no provider to call.
     struct provider_t {
         send_fn_t send;
         void* context;

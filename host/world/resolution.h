@@ -36,8 +36,8 @@ resolution resolve_address(kernel::machine& machine, uint32_t ip, lookup_mode mo
 // `sa_only` means `usual` here, since UCM's provider always looks in the cache first.
 resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mode mode = lookup_mode::usual);
 
-// What the host's cache knows of an address or a GID; nothing: it has to ask the SA. Counted as a lookup if it knows.
-// Called from outside or from a task of the machine that may sleep.
+// Looks an address or a GID up in the host's cache. Returns nothing if the SA has to be asked. A hit counts as a
+// lookup. Called from outside or from a task of the machine that may sleep.
 std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 

@@ -20,7 +20,7 @@ std::string long_text()
     return text;
 }
 
-// What a read handler answers.
+// The text that a read handler returns.
 struct handler_plan {
     std::string text;
     std::vector<std::pair<off_t, int>> calls{}; // offset and count of each
