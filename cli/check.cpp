@@ -78,10 +78,10 @@ bool check_port(findings& findings, const std::string& hca, const umad::port_lis
     const std::string usable = port.device + " may be used; ";
     switch (port.state) {
     case fabric::link_state::active:
-        findings.add_ok(subject, fmt::format("{}active with LID {}, the SM at LID {}", usable, port.lid, port.sm_lid));
+        findings.add_ok(subject, usable + umad::active_text(port.lid, port.sm_lid));
         return true;
     case fabric::link_state::down:
-        findings.add_note(subject, usable + "the link is down: check the cable and the switch port");
+        findings.add_note(subject, usable + umad::link_down_text);
         return false;
     default:
         findings.add_missing(subject, usable + "the link is up, but no subnet manager has activated the port: start "

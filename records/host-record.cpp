@@ -67,6 +67,14 @@ ib_service_record_v2_t encode(const host_record& host)
     return record;
 }
 
+std::string gid_text(const kq_gid_t& gid)
+{
+    char text[sizeof "0x" + 32];
+    std::snprintf(text, sizeof text, "0x%016llX%016llX", static_cast<unsigned long long>(gid.subnet),
+                  static_cast<unsigned long long>(gid.eui64));
+    return text;
+}
+
 std::string lease_text(uint32_t seconds)
 {
     return seconds == infinite_lease ? "infinite" : std::to_string(seconds) + " s";

@@ -37,6 +37,9 @@ host_record decode(const ib_service_record_v2_t& record);
 // The record as a host registers it: its lease does not end. A name that is too long is cut.
 ib_service_record_v2_t encode(const host_record& host);
 
+// A GID as ats prints it: "0x" and 32 digits.
+std::string gid_text(const kq_gid_t& gid);
+
 // A lease as people read it: "infinite" or "20 s".
 std::string lease_text(uint32_t seconds);
 

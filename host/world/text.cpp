@@ -2,7 +2,8 @@
 
 #include <arpa/inet.h>
 #include <charconv>
-#include <cstdio>
+
+#include "records/host-record.h"
 
 namespace world
 {
@@ -61,10 +62,7 @@ std::optional<kq_gid_t> parse_gid(const std::string& text)
 
 std::string format_gid(const kq_gid_t& gid)
 {
-    char text[40];
-    std::snprintf(text, sizeof text, "0x%016llX%016llX", static_cast<unsigned long long>(gid.subnet),
-                  static_cast<unsigned long long>(gid.eui64));
-    return text;
+    return records::gid_text(gid);
 }
 
 std::string format_gid6(const kq_gid_t& gid)

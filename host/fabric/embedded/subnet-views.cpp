@@ -1,5 +1,6 @@
 #include "host/fabric/embedded/subnet-views.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cstring>
@@ -11,12 +12,9 @@ namespace embedded
 
 std::string text_of(const fabric::gid_bytes& gid)
 {
-    std::string text = "0x";
-    for (const uint8_t byte : gid) {
-        text += "0123456789ABCDEF"[byte >> 4];
-        text += "0123456789ABCDEF"[byte & 15];
-    }
-    return text;
+    wire_gid_t wire;
+    std::ranges::copy(gid, wire.bytes);
+    return records::gid_text(from_wire(wire));
 }
 
 service_record_view view_of(const ib_service_record_v2_t& record)

@@ -1,5 +1,7 @@
 #include "host/fabric/umad/port-watch.h"
 
+#include "host/fabric/umad/umad.h"
+
 namespace umad
 {
 
@@ -59,13 +61,12 @@ std::string text_of(port_condition condition, const fabric::port_attributes& att
     case port_condition::silent:
         return "the port does not report its state any more and counts as down: look at 'dmesg'";
     case port_condition::link_down:
-        return "the link is down: check the cable and the switch port";
+        return link_down_text;
     case port_condition::no_sm:
         return "the link is up, but no subnet manager has activated the port yet: is one running (opensm)? "
                "Waiting for it";
     case port_condition::active:
-        return "active with LID " + std::to_string(attributes.lid) + ", the SM at LID " +
-               std::to_string(attributes.sm_lid);
+        return active_text(attributes.lid, attributes.sm_lid);
     default:
         return "";
     }

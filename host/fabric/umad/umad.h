@@ -77,6 +77,13 @@ struct hca_listing {
     std::vector<port_listing> ports;
 };
 
+// The state of a port's link, for people.
+constexpr const char* link_down_text = "the link is down: check the cable and the switch port";
+inline std::string active_text(uint16_t lid, uint16_t sm_lid)
+{
+    return "active with LID " + std::to_string(lid) + ", the SM at LID " + std::to_string(sm_lid);
+}
+
 // True if the port can be part of a fabric: it is InfiniBand and has a management device.
 bool is_infiniband(const port_listing& port);
 
