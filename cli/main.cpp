@@ -5,7 +5,7 @@
 #include <new>
 
 #include "cli/check.h"
-#include "cli/client/client-commands.h"
+#include "cli/commands/client-commands.h"
 #include "cli/demo/demo.h"
 #include "cli/run.h"
 #include "console/errors.h"

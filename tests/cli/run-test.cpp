@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 
-#include "cli/client/show.h"
+#include "cli/commands/show.h"
 #include "cli/mount/proc-mount.h"
 #include "cli/socket/socket.h"
 #include "tests/cli/mounting.h"

@@ -1,9 +1,9 @@
-#include "cli/client/sa-show.h"
+#include "cli/commands/sa-show.h"
 
 #include <iostream>
 
-#include "cli/client/client.h"
-#include "cli/client/show.h"
+#include "cli/commands/service-client.h"
+#include "cli/commands/show.h"
 #include "console/errors.h"
 #include "console/gids.h"
 #include "console/identity.h"

@@ -1,4 +1,4 @@
-#include "cli/client/show.h"
+#include "cli/commands/show.h"
 
 #include <fmt/core.h>
 

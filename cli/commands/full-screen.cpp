@@ -1,4 +1,4 @@
-#include "cli/client/full-screen.h"
+#include "cli/commands/full-screen.h"
 
 #include <csignal>
 #include <iostream>

@@ -1,4 +1,4 @@
-#include "cli/client/client-commands.h"
+#include "cli/commands/client-commands.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,10 +7,10 @@
 #include <thread>
 #include <unistd.h>
 
-#include "cli/client/client.h"
-#include "cli/client/full-screen.h"
-#include "cli/client/sa-show.h"
-#include "cli/client/show.h"
+#include "cli/commands/full-screen.h"
+#include "cli/commands/sa-show.h"
+#include "cli/commands/service-client.h"
+#include "cli/commands/show.h"
 #include "console/errors.h"
 #include "console/identity.h"
 #include "console/log-filter.h"

@@ -1,4 +1,4 @@
-#include "cli/client/client.h"
+#include "cli/commands/service-client.h"
 
 #include <iostream>
 

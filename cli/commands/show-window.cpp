@@ -4,7 +4,7 @@
 
 #include <fmt/core.h>
 
-#include "cli/client/show.h"
+#include "cli/commands/show.h"
 #include "console/table.h"
 #include "host/world/printable.h"
 

@@ -1,10 +1,10 @@
-#include "cli/client/client-commands.h"
+#include "cli/commands/client-commands.h"
 
 #include <iostream>
 
-#include "cli/client/client.h"
-#include "cli/client/sa-show.h"
-#include "cli/client/show.h"
+#include "cli/commands/sa-show.h"
+#include "cli/commands/service-client.h"
+#include "cli/commands/show.h"
 #include "console/control-commands.h"
 #include "console/errors.h"
 #include "console/usage.h"
