@@ -34,7 +34,7 @@ constexpr int most_numbered_hosts = 1000;
 struct run_options {
     int hosts = 3; // node1, node2, node3
     std::string config;
-    std::string socket = ::client::own_socket_path();
+    std::string socket = client::own_socket_path();
     int log_kib = 0; // 0: as configured
     std::string mount;
     std::string modules = world::default_module_folder();

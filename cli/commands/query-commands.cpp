@@ -59,7 +59,7 @@ ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
 }
 
 // Returns an array: one answer for each record of the host name, or one answer with the reason why there is none.
-ats::result<json> resolve_name(client& service, const std::string& host_name)
+ats::result<json> resolve_name(service_client& service, const std::string& host_name)
 {
     ats::result<json> answer = service.ask({{"request", "resolve"}, {"name", host_name}});
     if (answer && answer->value("real", false)) answer = resolve_name_at_real_sa(host_name);
@@ -84,8 +84,8 @@ struct resolution_command {
 };
 
 // Returns an array of answers, or of one refusal. Only a host name can have several answers.
-ats::result<json> resolve_one(client& service, const resolve_options& options, const resolution_command& command,
-                              const std::string& question)
+ats::result<json> resolve_one(service_client& service, const resolve_options& options,
+                              const resolution_command& command, const std::string& question)
 {
     if (command.name == "resolve" && is_name_to_resolve(question)) {
         if (options.cache_only)
@@ -117,7 +117,7 @@ void show_answer_or_refusal(const client_options& common, const json& answer)
 ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
                                  const resolution_command& command)
 {
-    ats::result<client> service = client::open(common);
+    ats::result<service_client> service = service_client::open(common);
     if (!service) return ats::pass_on(service);
     json all_answers = json::array();
     int exit_code = console::exit_ok;
@@ -160,7 +160,7 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
 ats::result<int> watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);
-    ats::result<client> service = client::open(common);
+    ats::result<service_client> service = service_client::open(common);
     if (!service) return ats::pass_on(service);
     const bool is_terminal = isatty(STDOUT_FILENO) == 1;
     std::optional<full_screen> screen;
@@ -207,7 +207,7 @@ std::string log_text(const json& line)
 
 ats::result<int> show_log(const client_options& common, const log_options& options)
 {
-    ats::result<client> service = client::open(common);
+    ats::result<service_client> service = service_client::open(common);
     if (!service) return ats::pass_on(service);
     ats::result<json> line =
         service->ask_accepted({{"request", "log"}, {"follow", options.is_endless}, {"level", options.level}});

@@ -88,14 +88,14 @@ json with_gid_format(json answer, const client_options& options)
     return answer;
 }
 
-ats::result<client> client::open(const client_options& options)
+ats::result<service_client> service_client::open(const client_options& options)
 {
     ats_client_t* library = nullptr;
     if (ats_open(&library, options.socket.c_str()) != ATS_OK) return ats::fail(error_kind::invalid, ats_last_error());
-    return client(options, library_client(library));
+    return service_client(options, library_client(library));
 }
 
-ats::result<json> client::ask(json request)
+ats::result<json> service_client::ask(json request)
 {
     if (!options_.host.empty()) request["host"] = options_.host;
     std::string line;
@@ -109,7 +109,7 @@ ats::result<json> client::ask(json request)
     return next();
 }
 
-ats::result<json> client::ask_accepted(json request)
+ats::result<json> service_client::ask_accepted(json request)
 {
     ats::result<json> answer = ask(std::move(request));
     if (!answer || !answer->contains("error")) return answer;
@@ -117,7 +117,7 @@ ats::result<json> client::ask_accepted(json request)
     return ats::fail(console::error_kind_of(code), answer->at("error").get<std::string>());
 }
 
-ats::result<json> client::next()
+ats::result<json> service_client::next()
 {
     char* line = nullptr;
     ats_status_t status = ATS_NO_ANSWER;
@@ -129,9 +129,9 @@ ats::result<json> client::next()
 }
 
 // Any reply shows life, even a refusal. So does a hang-up.
-bool client::is_alive() const
+bool service_client::is_alive() const
 {
-    const ats::result<client> second = open(options_);
+    const ats::result<service_client> second = open(options_);
     if (!second) return false;
     char* answer = nullptr;
     const int timeout_ms = half_timeout_ms(options_);
@@ -150,7 +150,7 @@ void show_answer(const client_options& options, const json& answer, show_text_t 
 
 ats::result<json> ask_once(const client_options& options, const json& request)
 {
-    ats::result<client> service = client::open(options);
+    ats::result<service_client> service = service_client::open(options);
     if (!service) return ats::pass_on(service);
     return service->ask_accepted(request);
 }

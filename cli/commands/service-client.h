@@ -19,7 +19,7 @@ namespace cli
 using json = nlohmann::json;
 
 struct client_options {
-    std::string socket = ::client::default_socket_path();
+    std::string socket = client::default_socket_path();
     std::string host; // "": the first
     bool as_json = false;
     std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
@@ -45,10 +45,10 @@ json with_gid_format(json answer, const client_options& options);
 // One conversation with the service, through libatsclient. An answer may take long: the SA may be silent, or a followed
 // log has no new line. If the service says nothing for half the timeout, the client pings it on a second connection. It
 // keeps waiting while the service answers the pings. Otherwise the call fails with an error of kind `unreachable`.
-class client
+class service_client
 {
   public:
-    static ats::result<client> open(const client_options& options);
+    static ats::result<service_client> open(const client_options& options);
 
     // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, is an answer too.
     ats::result<json> ask(json request);
@@ -65,7 +65,10 @@ class client
     };
     using library_client = std::unique_ptr<ats_client_t, closing>;
 
-    client(const client_options& options, library_client library) : options_(options), library_(std::move(library)) {}
+    service_client(const client_options& options, library_client library)
+        : options_(options), library_(std::move(library))
+    {
+    }
     bool is_alive() const;
 
     client_options options_;

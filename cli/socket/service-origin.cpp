@@ -88,10 +88,10 @@ std::string how_to_start(const std::string& socket_path)
 {
     const service_origin origin = origin_of_service(socket_path);
     if (!origin.unit.empty()) return "'systemctl status " + origin.unit + "' says what became of it";
-    if (geteuid() != 0 && socket_path != ::client::socket_of_machine && is_there(::client::socket_of_machine))
-        return std::string("root's is on ") + ::client::socket_of_machine +
+    if (geteuid() != 0 && socket_path != client::socket_of_machine && is_there(client::socket_of_machine))
+        return std::string("root's is on ") + client::socket_of_machine +
                ": ask that with sudo, or start your own with 'ats run'";
-    if (socket_path == ::client::socket_of_machine && has_installed_unit())
+    if (socket_path == client::socket_of_machine && has_installed_unit())
         return "start it with 'systemctl start ats', or name another --socket";
     return "start one with 'ats run', or name its --socket";
 }

@@ -10,7 +10,7 @@
 namespace cli
 {
 
-using ::client::descriptor;
+using client::descriptor;
 
 // Holds PATH.lock locked. Only its holder may listen on PATH. The file says how the service was started, and is removed
 // with the lock.
