@@ -1,9 +1,25 @@
 #include "cli/server/event-loop.h"
 
+#include <csignal>
+
 #include "host/exec/shortage.h"
 
 namespace cli
 {
+
+namespace
+{
+
+// libuv writes without MSG_NOSIGNAL. A client that left would end the process; blocked here, the write fails instead.
+void block_sigpipe()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+} // namespace
 
 event_loop::event_loop()
 {
@@ -22,7 +38,10 @@ event_loop::~event_loop()
 
 void event_loop::start()
 {
-    thread_ = exec::new_thread([this] { uv_run(&loop_, UV_RUN_DEFAULT); });
+    thread_ = exec::new_thread([this] {
+        block_sigpipe();
+        uv_run(&loop_, UV_RUN_DEFAULT);
+    });
 }
 
 void event_loop::post(std::function<void()> work)
