@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy tidy-module coverage install clean
+.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -126,13 +126,8 @@ check-format:
 	@scripts/sources | xargs clang-format --dry-run -Werror
 
 tidy:
-	cmake --preset clang
-	@scripts/sources ib-code records host console cli campaign | grep '\.cpp$$' | xargs -P 2 -n 4 clang-tidy --quiet -p build/clang
-
-# Only the module.
-tidy-module:
-	cmake --preset clang
-	@scripts/sources ib-code | grep '\.cpp$$' | xargs -P 2 -n 3 clang-tidy --quiet -p build/clang
+	@$(MAKE) --no-print-directory configure PRESET=tidy
+	scripts/tidy build/tidy
 
 coverage:
 	$(MAKE) test PRESET=coverage

@@ -168,7 +168,7 @@ void measure_lookups(const std::string& socket)
         bare.push_back(ping_pong(count));
         blocking.push_back(blocking_lookups(socket, count));
         shares.push_back(blocking.back() / bare.back());
-        submitted.push_back(submitted_lookups(socket, 10 * count, 1000));
+        submitted.push_back(submitted_lookups(socket, size_t{10} * count, 1000));
     }
     std::printf("cached lookups, submitted  %9.0f /s   one connection, 1000 outstanding\n", median(submitted));
     std::printf("cached lookups, blocking   %9.0f /s   %.2f of a bare ping-pong of the same bytes (%.0f /s)\n",

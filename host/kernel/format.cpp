@@ -173,7 +173,7 @@ struct argument_list {
         case 'z':
         case 't':
             return va_arg(next, unsigned long);
-        case 'L':
+        case 'L': // NOLINT(bugprone-branch-clone): clang-tidy 14 does not compare the types
             return va_arg(next, unsigned long long);
         default:
             return va_arg(next, unsigned);

@@ -31,7 +31,7 @@ void explain(resolution& answer)
 template <class function_t>
 struct question {
     question(kernel::machine& machine, const char* function, resolution_callback done)
-        : get(machine, function), done(std::move(done))
+        : call(machine, function), done(std::move(done))
     {
     }
 
@@ -55,7 +55,7 @@ struct question {
         self->finish(status, *record, false);
     }
 
-    const published<function_t> get;
+    const published<function_t> call;
     const resolution_callback done;
     resolution answer; // with the address or GID that was asked for
     const steady_clock::time_point started = steady_clock::now();
@@ -65,7 +65,7 @@ struct question {
 template <class question_t, class ask_t>
 void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> asked, const char* module, ask_t ask)
 {
-    if (!asked->get) {
+    if (!asked->call) {
         asked->answer.reason = std::string(module) + " is not loaded on this host";
         return asked->done(asked->answer);
     }
@@ -73,7 +73,7 @@ void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> asked, const
     ibat_stat_t status = ibat_stat_error;
     machine.enter("resolve", [&] { status = ask(*asked, &record); });
     if (status == ibat_stat_pending)
-        asked.release(); // it may be gone already
+        static_cast<void>(asked.release()); // the callback owns it, and may have destroyed it already
     else
         asked->finish(status, record, true);
 }
@@ -83,12 +83,12 @@ template <class function_t, class subject_t>
 std::optional<resolution> look_up(kernel::machine& machine, const char* function, subject_t subject)
 {
     constexpr bool is_by_gid = std::is_pointer_v<subject_t>;
-    const published<function_t> get(machine, function);
-    if (!get) return std::nullopt;
+    const published<function_t> call(machine, function);
+    if (!call) return std::nullopt;
     const auto started = steady_clock::now();
     ibat_arp_data_t record{};
     ibat_stat_t status = ibat_stat_error;
-    machine.enter("resolve", [&] { status = (*get)(subject, &record); });
+    machine.enter("resolve", [&] { status = (*call)(subject, &record); });
     if (status != ibat_stat_ok && (is_by_gid || status != ibat_stat_not_found)) return std::nullopt;
     resolution answer;
     answer.status = status;
@@ -108,7 +108,7 @@ void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback
     auto asked = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
     asked->answer.ip = ip;
     ask_peer(machine, std::move(asked), "ibat", [&](question_t& asked, ibat_arp_data_t* record) {
-        return (*asked.get)(ip, record, question_t::called_back, &asked);
+        return (*asked.call)(ip, record, question_t::called_back, &asked);
     });
 }
 
@@ -118,7 +118,7 @@ void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_ca
     auto asked = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
     asked->answer.ip = ip;
     ask_peer(machine, std::move(asked), "ibat",
-             [&](question_t& asked, ibat_arp_data_t*) { return (*asked.get)(ip, question_t::called_back, &asked); });
+             [&](question_t& asked, ibat_arp_data_t*) { return (*asked.call)(ip, question_t::called_back, &asked); });
 }
 
 void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
@@ -127,7 +127,7 @@ void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_
     auto asked = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
     asked->answer.gid = gid;
     ask_peer(machine, std::move(asked), "ucm", [&](question_t& asked, ibat_arp_data_t* record) {
-        return (*asked.get)(&gid, record, question_t::called_back, &asked);
+        return (*asked.call)(&gid, record, question_t::called_back, &asked);
     });
 }
 

@@ -26,7 +26,7 @@ class registered_p_keys
     struct key {
         uint64_t service_id;
         fabric::gid_bytes gid;
-        auto operator<=>(const key&) const = default;
+        auto operator<=>(const key&) const = default; // NOLINT(modernize-use-nullptr): a false finding of clang-tidy 14
     };
 
     const delete_p_key setting_;
