@@ -40,12 +40,17 @@ void lookups::stop()
 
 bool lookups::answer_from_cache(const subject& subject, const completion& done)
 {
-    if (std::holds_alternative<fresh_address>(subject)) return false;
-    const std::optional<world::resolution> answer =
-        std::holds_alternative<uint32_t>(subject) ? world::answer_from_cache(machine_, std::get<uint32_t>(subject))
-                                                  : world::answer_from_cache(machine_, std::get<kq_gid_t>(subject));
-    if (answer) done(*answer);
-    return answer.has_value();
+    const auto hand_on = [&](const auto& found) {
+        if (found) done(*found);
+        return found.has_value();
+    };
+    if (const uint32_t* ip = std::get_if<uint32_t>(&subject)) return hand_on(world::answer_from_cache(machine_, *ip));
+    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject)) return hand_on(world::answer_from_cache(machine_, *gid));
+    if (const auto* path = std::get_if<path_to_address>(&subject))
+        return !path->is_fresh && hand_on(world::path_from_cache(machine_, path->ip));
+    if (const auto* path = std::get_if<path_to_gid>(&subject))
+        return !path->is_fresh && hand_on(world::path_from_cache(machine_, path->gid));
+    return false;
 }
 
 void lookups::ask(const queue_place& place, const subject& subject, completion done)
@@ -82,16 +87,24 @@ void lookups::serve_queue()
 
 void lookups::start(const subject& subject)
 {
-    const auto done = [this, subject](const world::resolution& answer) { finish(subject, answer); };
+    const auto done = [this, subject](const auto& answer) { finish(subject, answer); };
+    const auto ask_for_path = [&](const world::path_destination& destination, bool is_fresh) {
+        const auto mode = is_fresh ? world::lookup_mode::sa_only : world::lookup_mode::usual;
+        world::start_path_resolution(machine_, destination, mode, done);
+    };
     if (const uint32_t* ip = std::get_if<uint32_t>(&subject))
         world::start_resolution(machine_, *ip, done);
     else if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
         world::start_resolution(machine_, *gid, done);
+    else if (const auto* fresh = std::get_if<fresh_address>(&subject))
+        world::start_fresh_resolution(machine_, fresh->ip, done);
+    else if (const auto* path = std::get_if<path_to_address>(&subject))
+        ask_for_path(path->ip, path->is_fresh != 0);
     else
-        world::start_fresh_resolution(machine_, std::get<fresh_address>(subject).ip, done);
+        ask_for_path(std::get<path_to_gid>(subject).gid, std::get<path_to_gid>(subject).is_fresh != 0);
 }
 
-void lookups::finish(const subject& subject, const world::resolution& answer)
+void lookups::finish(const subject& subject, const answer& answer)
 {
     std::unique_lock lock(mutex_);
     const auto asked = asked_.find(subject);

@@ -1,5 +1,6 @@
-// Asks one host for the addresses and GIDs that clients want to know. What the host's cache knows is answered at once;
-// the rest waits for the SA, in turns: sixteen at a time, as many as the module has datagrams.
+// Asks one host for the addresses, GIDs and paths that clients want to know. What the host's caches know is answered at
+// once; the rest waits for the SA, in turns: sixteen at a time, as many as the module has datagrams. Every door of the
+// service asks here.
 #pragma once
 
 #include <condition_variable>
@@ -11,7 +12,7 @@
 #include <vector>
 
 #include "cli/server/fair-queue.h"
-#include "host/world/resolution.h"
+#include "host/world/path-resolution.h"
 
 namespace cli
 {
@@ -22,8 +23,19 @@ class lookups
     struct fresh_address { // the SA is asked whatever the cache knows
         uint32_t ip;
     };
-    using subject = std::variant<uint32_t, kq_gid_t, fresh_address>; // an address in network order, or a GID
-    using completion = std::function<void(const world::resolution&)>;
+    struct path_to_address {
+        uint32_t ip;
+        uint32_t is_fresh; // 1: the SA is asked whatever the caches know; a word, so that there is no padding
+    };
+    struct path_to_gid {
+        kq_gid_t gid;
+        uint64_t is_fresh;
+    };
+    // An address in network order, a GID, or a path to one of them.
+    using subject = std::variant<uint32_t, kq_gid_t, fresh_address, path_to_address, path_to_gid>;
+    // Paths are answered by a path_resolution, the others by a resolution.
+    using answer = std::variant<world::resolution, world::path_resolution>;
+    using completion = std::function<void(const answer&)>;
 
     explicit lookups(kernel::machine& machine) : machine_(machine) {}
 
@@ -51,7 +63,7 @@ class lookups
     bool answer_from_cache(const subject& subject, const completion& done);
     void serve_queue();
     void start(const subject& subject);
-    void finish(const subject& subject, const world::resolution& answer);
+    void finish(const subject& subject, const answer& answer);
 
     kernel::machine& machine_;
     std::mutex mutex_; // guards the rest

@@ -13,7 +13,7 @@ namespace cli
 namespace
 {
 
-constexpr std::array<std::string_view, 5> questions = {"ping", "status", "resolve", "reverse", "log"};
+constexpr std::array<std::string_view, 6> questions = {"ping", "status", "resolve", "reverse", "path", "log"};
 
 bool is_question(const nlohmann::json& request, const std::string& name)
 {

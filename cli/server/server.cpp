@@ -66,7 +66,10 @@ std::optional<ats::error> wrong_members(const json& request, const std::string& 
     const auto is_set = [&](const char* key) { return request.value(key, false); };
     if (is_set("cached") + is_set("verify") + is_set("fresh") > 1)
         return malformed("'cached', 'verify' and 'fresh' exclude each other");
-    if (name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses only");
+    if (name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses and paths only");
+    if (name == "path" && is_set("verify")) return malformed("'verify' is for addresses and GIDs only");
+    if (name == "path" && request.contains("address") == request.contains("gid"))
+        return malformed("a path leads to an 'address' or to a 'gid'");
     const auto level = request.find("level");
     const bool is_level = level == request.end() ||
                           (level->is_number_unsigned() && level->get<uint64_t>() <= console::trace_level_everything);
@@ -75,11 +78,22 @@ std::optional<ats::error> wrong_members(const json& request, const std::string& 
 }
 
 // Asks nobody but the cache.
-world::resolution look_into_cache(kernel::machine& machine, const lookups::subject& subject)
+lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject)
 {
-    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
-        return resolve_gid(machine, *gid, world::lookup_mode::cache_only);
-    return resolve_address(machine, std::get<uint32_t>(subject), world::lookup_mode::cache_only);
+    constexpr auto cache_only = world::lookup_mode::cache_only;
+    if (const auto* path = std::get_if<lookups::path_to_address>(&subject))
+        return resolve_path(machine, path->ip, cache_only);
+    if (const auto* path = std::get_if<lookups::path_to_gid>(&subject))
+        return resolve_path(machine, path->gid, cache_only);
+    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject)) return resolve_gid(machine, *gid, cache_only);
+    return resolve_address(machine, std::get<uint32_t>(subject), cache_only);
+}
+
+// The line that answers a lookup.
+std::string line_of(const lookups::answer& answer, bool is_by_gid, bool cache_only, const std::optional<uint64_t>& id)
+{
+    if (const auto* path = std::get_if<world::path_resolution>(&answer)) return path_answer(*path, id);
+    return lookup_answer(std::get<world::resolution>(answer), is_by_gid, cache_only, id);
 }
 
 } // namespace
@@ -231,7 +245,7 @@ void server::carry_out(conversation& source, const request& request)
                                                          " questions outstanding already: wait for answers first"});
     if (const std::optional<ats::error> wrong = wrong_members(request.object, request.name))
         return refuse(source, request.ticket.id, *wrong);
-    const bool is_lookup = request.name == "resolve" || request.name == "reverse";
+    const bool is_lookup = request.name == "resolve" || request.name == "reverse" || request.name == "path";
     const bool is_simple = !request.object.value("verify", false) && !request.object.contains("name");
     if (request.name == "log") return follow_log(source, request);
     if (is_lookup && is_simple) return look_up(source, request);
@@ -317,11 +331,17 @@ lookups& server::lookups_of(kernel::machine& machine)
 
 ats::result<lookups::subject> server::subject_of(const request& request) const
 {
-    if (request.name == "reverse") return console::gid_of(request.object.at("gid"));
+    const bool is_fresh = request.object.value("fresh", false);
+    const bool is_path = request.name == "path";
+    if (request.name == "reverse" || (is_path && request.object.contains("gid"))) {
+        const ats::result<kq_gid_t> gid = console::gid_of(request.object.at("gid"));
+        if (!gid) return ats::pass_on(gid);
+        return is_path ? lookups::subject(lookups::path_to_gid{*gid, is_fresh}) : lookups::subject(*gid);
+    }
     const ats::result<uint32_t> ip = console::address_of(request.object.at("address"));
     if (!ip) return ats::pass_on(ip);
-    if (request.object.value("fresh", false)) return lookups::fresh_address{*ip};
-    return *ip;
+    if (is_path) return lookups::path_to_address{*ip, is_fresh};
+    return is_fresh ? lookups::subject(lookups::fresh_address{*ip}) : lookups::subject(*ip);
 }
 
 void server::look_up(conversation& source, const request& request)
@@ -336,12 +356,12 @@ void server::look_up(conversation& source, const request& request)
     const return_ticket ticket = request.ticket;
     begin(source, ticket); // nothing below may throw
     if (is_cached_only) {
-        const world::resolution answer = look_into_cache(machine, *subject);
-        return finish(ticket, lookup_answer(answer, is_by_gid, true, ticket.id));
+        const lookups::answer answer = look_into_cache(machine, *subject);
+        return finish(ticket, line_of(answer, is_by_gid, true, ticket.id));
     }
     const auto loop_thread = std::this_thread::get_id();
-    const auto done = [=, this](const world::resolution& answer) {
-        const std::string line = lookup_answer(answer, is_by_gid, false, ticket.id);
+    const auto done = [=, this](const lookups::answer& answer) {
+        const std::string line = line_of(answer, is_by_gid, false, ticket.id);
         if (std::this_thread::get_id() == loop_thread)
             finish(ticket, line);
         else

@@ -1,16 +1,17 @@
-// The answer about an address or a GID as a line of the protocol. It is built directly, since it is what clients ask
-// for most.
+// The answer about an address, a GID or a path as a line of the protocol. It is built directly, since it is what
+// clients ask for most.
 #pragma once
 
 #include <optional>
 #include <string>
 
-#include "host/world/resolution.h"
+#include "host/world/path-resolution.h"
 
 namespace cli
 {
 
 // The line without its end. `id` is the request's, if it has one.
 std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool cache_only, std::optional<uint64_t> id);
+std::string path_answer(const world::path_resolution& answer, std::optional<uint64_t> id);
 
 } // namespace cli
