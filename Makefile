@@ -48,6 +48,7 @@ package:
 
 test:
 	@scripts/install-dependencies test
+	@case $(PRESET) in asan) scripts/install-dependencies fuzz ;; esac
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET)
 	ctest --preset $(PRESET)
@@ -72,8 +73,8 @@ test-threads:
 SECONDS ?= 300
 fuzz:
 	@scripts/install-dependencies fuzz
-	cmake --preset fuzz
-	cmake --build --preset fuzz
+	cmake --preset asan
+	cmake --build --preset asan --target fuzzers
 	scripts/fuzz $(SECONDS)
 
 report: build

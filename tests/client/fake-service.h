@@ -87,7 +87,7 @@ class fake_service
     {
         int fd = -1;
         while ((fd = accept(listener_, nullptr, nullptr)) >= 0) {
-            talk& added = talks_.emplace_back(fd, std::thread());
+            talk& added = talks_.emplace_back(talk{fd, std::thread()});
             added.thread = std::thread([this, fd] { converse(fd); });
         }
     }
