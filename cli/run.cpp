@@ -10,6 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "cli/acm/door.h"
 #include "cli/mount/proc-mount.h"
 #include "cli/server/server.h"
 #include "cli/service/fabric-arguments.h"
@@ -39,6 +40,8 @@ struct run_options {
     std::string mount;
     std::string modules = world::default_module_folder();
     fabric_arguments fabric;
+    bool is_acm_served = false; // besides the configuration
+    std::string acm_socket;
 };
 
 // The signals that stop the service. They are blocked in this thread and in all threads that it starts later; only
@@ -119,6 +122,8 @@ ats::result<world_config> config_of(const run_options& options)
     if (!config) return config;
     config = with_fabric(std::move(*config), options.fabric);
     if (!config) return config;
+    if (options.is_acm_served || !options.acm_socket.empty()) config->acm.is_served = true;
+    if (!options.acm_socket.empty()) config->acm.socket = options.acm_socket;
     if (options.log_kib > 0)
         for (world::host_plan& host : config->hosts) host.log_bytes = bytes_of_kib(options.log_kib);
     return config;
@@ -135,14 +140,37 @@ ats::result<bool> start(running_hosts& hosts, const stop_signals& signals)
     });
 }
 
+// Says why programs that use librdmacm are not answered. The service goes on without them.
+void report_acm(const ats::error& error)
+{
+    std::cerr << "ats: programs that use librdmacm are not answered: " << world::printable_lines(error.text)
+              << std::endl;
+}
+
+// Answers programs that use librdmacm, if configured; in any case those that an earlier process of the service served.
+struct acm_service {
+    acm_service(server& server, running_hosts& hosts, const world_config& config, std::vector<kept_descriptor> kept)
+        : routes(server, hosts), door(server.loop(), routes, config.acm, config.limits, std::move(kept))
+    {
+        if (!config.acm.is_served) return;
+        if (const ats::result<> listens = door.listen(); !listens) report_acm(listens.error());
+    }
+
+    acm::route_finder routes;
+    acm::door door;
+};
+
 // Serves clients and files until a signal comes.
-ats::result<> serve_clients(const run_options& options, const server_options& rules, running_hosts& hosts,
-                            std::unique_ptr<listening_socket> socket, const stop_signals& signals)
+ats::result<> serve_clients(const run_options& options, const world_config& config, running_hosts& hosts,
+                            std::unique_ptr<listening_socket> socket, std::vector<kept_descriptor> kept,
+                            const stop_signals& signals)
 {
     const ats::result<std::unique_ptr<proc_mount>> files = mount(options.mount, hosts);
     if (!files) return ats::pass_on(files);
-    const ats::result<std::unique_ptr<server>> server = server::start(hosts, std::move(socket), rules);
+    const ats::result<std::unique_ptr<server>> server =
+        server::start(hosts, std::move(socket), {config.access, config.limits});
     if (!server) return ats::pass_on(server);
+    const acm_service acm(**server, hosts, config, std::move(kept));
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
     signals.wait();
@@ -157,6 +185,7 @@ ats::result<int> run(const run_options& options)
     if (!config) return ats::pass_on(config);
     for (const std::string& warning : config->warnings)
         std::cerr << "ats: warning: " << world::printable_lines(warning) << std::endl;
+    std::vector<kept_descriptor> kept = take_kept_descriptors();
     const stop_signals signals;
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
     ats::result<std::unique_ptr<listening_socket>> socket =
@@ -171,8 +200,7 @@ ats::result<int> run(const run_options& options)
         signals.wait();
         return unload(**hosts);
     }
-    const ats::result<> served =
-        serve_clients(options, {config->access, config->limits}, **hosts, std::move(*socket), signals);
+    const ats::result<> served = serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept), signals);
     if (!served) return ats::pass_on(served);
     const int exit_code = unload(**hosts);
     if (!exec::reserve::is_used()) return exit_code;
@@ -205,6 +233,11 @@ void add_run(CLI::App& program, ats::result<int>& outcome)
     command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
         ->option_text("DIR");
     command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")
+        ->option_text("PATH");
+    command->add_flag("--acm", options->is_acm_served, "Answer programs that use librdmacm, in place of ibacm")
+        ->option_text(" ");
+    command
+        ->add_option("--acm-socket", options->acm_socket, "The same, where this socket is (default: /run/ibacm.sock)")
         ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);
     command->callback(console::command_callback(outcome, [options] { return run(*options); }));

@@ -158,7 +158,7 @@ server::~server()
 
 void server::accept_client()
 {
-    auto client = std::make_unique<conversation>(*this, loop_.uv(), ++last_number_, options_.limits);
+    auto client = std::make_unique<conversation>(*this, loop_.uv(), new_connection_number(), options_.limits);
     conversation& accepted = *client;
     conversations_.emplace(accepted.number(), std::move(client));
     if (accepted.accept(reinterpret_cast<uv_stream_t*>(&listener_))) admit(accepted);
@@ -187,9 +187,14 @@ void server::ended(conversation& source)
         if (share.connections == 0) users_.erase(place.user);
     }
     followings_.erase(place.connection);
+    drop(place);
+    conversations_.erase(place.connection);
+}
+
+void server::drop(const queue_place& place)
+{
     workers_.remove(place);
     for (auto& [machine, lookups] : lookups_) lookups.remove(place);
-    conversations_.erase(place.connection);
 }
 
 conversation* server::find(uint64_t number)

@@ -34,6 +34,13 @@ class server final : public conversation::owner
     // Takes no new clients and ends all conversations, after the requests that are being carried out.
     ~server() override;
 
+    // For another door to the same hosts, which is destroyed first. But for loop(), only the loop's thread may call.
+    event_loop& loop() { return loop_; }
+    uint64_t new_connection_number() { return ++last_number_; }
+    lookups& lookups_of(kernel::machine& machine);
+    workers& background() { return workers_; }
+    void drop(const queue_place& place); // what it waits for; it may still be called back
+
   private:
     using json = nlohmann::json;
 
@@ -84,7 +91,6 @@ class server final : public conversation::owner
     void finish(const return_ticket& ticket, const std::string& line);
     void finish_soon(const return_ticket& ticket, std::string line);
     void refuse(conversation& source, const std::optional<uint64_t>& id, const ats::error& error);
-    lookups& lookups_of(kernel::machine& machine);
     conversation* find(uint64_t number);
 
     running_hosts& hosts_;

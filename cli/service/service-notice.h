@@ -5,8 +5,9 @@
 namespace cli
 {
 
-// `state` is "READY=1", "STOPPING=1" or the like, or several of them in lines. Does nothing without a service manager;
-// errors are ignored, because the service can do without one.
-void notify_service_manager(const char* state);
+// `state` is "READY=1", "STOPPING=1" or the like, or several of them in lines; a copy of `file` goes with it, unless it
+// is -1. Waits a moment for a busy service manager. False: there is none, or it could not be reached. Most callers can
+// do without one.
+bool notify_service_manager(const char* state, int file = -1);
 
 } // namespace cli

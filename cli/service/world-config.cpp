@@ -182,6 +182,17 @@ ats::result<service_limits> read_limits(const toml::table& table, const std::str
     return reader.finish().map([&] { return limits; });
 }
 
+ats::result<acm_config> read_acm(const toml::table& table, const std::string& file)
+{
+    constexpr int shortest_timeout_ms = 10, longest_timeout_ms = 60'000;
+    table_reader reader(table, file);
+    acm_config acm;
+    acm.is_served = reader.word("serve", "off", {"on", "off"}) == "on";
+    acm.socket = reader.text("socket", acm.socket);
+    acm.timeout_ms = reader.number("timeout_ms", acm.timeout_ms, shortest_timeout_ms, longest_timeout_ms);
+    return reader.finish().map([&] { return acm; });
+}
+
 // Reads the hosts of the file, for the fabric of `config`. Adds hosts and warnings to it. Stops at a host that is
 // wrong.
 void read_hosts(table_reader& reader, const std::string& file, world_config& config)
@@ -268,6 +279,11 @@ ats::result<world_config> read_world_config(const std::string& path)
         const ats::result<service_limits> limits = read_limits(*table, path);
         if (!limits) return ats::pass_on(limits);
         config.limits = *limits;
+    }
+    if (const toml::table* table = reader.table("acm")) {
+        const ats::result<acm_config> acm = read_acm(*table, path);
+        if (!acm) return ats::pass_on(acm);
+        config.acm = *acm;
     }
     read_hosts(reader, path, config);
     if (const ats::result<> finished = reader.finish(); !finished) return ats::pass_on(finished);

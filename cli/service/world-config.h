@@ -28,11 +28,19 @@ struct fabric_config {
     std::string capture = {};        // the file that every datagram is written to; "": none
 };
 
+// Whether programs that use librdmacm are answered, and how.
+struct acm_config {
+    bool is_served = false;
+    std::string socket = "/run/ibacm.sock"; // where librdmacm looks
+    int timeout_ms = 2000;                  // a request is answered within this time
+};
+
 struct world_config {
     std::vector<world::host_plan> hosts = {};
     fabric_config fabric = {};
     access_rules access = {};
     service_limits limits = {};
+    acm_config acm = {};
     std::vector<std::string> warnings = {}; // a line for each setting that may be a mistake
 };
 
@@ -47,9 +55,9 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 // `word` is "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
-// Reads a TOML file: [[host]] tables, [fabric], [access] and [limits]; ats-run(8) lists the keys. Unknown keys, wrong
-// types, names used twice, addresses that no host can have, and numbers out of range are invalid. An error is a line
-// "FILE:LINE: what is wrong and what would be right".
+// Reads a TOML file: [[host]] tables, [fabric], [access], [limits] and [acm]; ats-run(8) lists the keys. Unknown keys,
+// wrong types, names used twice, addresses that no host can have, and numbers out of range are invalid. An error is a
+// line "FILE:LINE: what is wrong and what would be right".
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli

@@ -21,7 +21,10 @@ namespace
 
 using ats::error_kind;
 
-constexpr const char* choose_another = ": choose another path with --socket";
+std::string choose_another(const std::string& option)
+{
+    return ": choose another path with " + option;
+}
 
 // Of errno.
 std::string reason()
@@ -54,25 +57,27 @@ bool connects(const descriptor& socket, const sockaddr_un& address)
     return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-tl::unexpected<ats::error> already_served(const std::string& path)
+tl::unexpected<ats::error> already_served(const std::string& path, const std::string& option)
 {
     return ats::fail(error_kind::invalid,
-                     "a service is listening on " + path + " already: stop it, or choose another path with --socket");
+                     "a service is listening on " + path + " already: stop it, or choose another path with " + option);
 }
 
 // Removes the socket file of a service that ended without doing so. Nobody listens there.
-ats::result<> remove_stale(const std::string& path, const sockaddr_un& address)
+ats::result<> remove_stale(const std::string& path, const sockaddr_un& address, const std::string& option)
 {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) return {};
     if (!S_ISSOCK(status.st_mode))
-        return ats::fail(error_kind::invalid, path + " exists and is no socket" + choose_another);
+        return ats::fail(error_kind::invalid, path + " exists and is no socket" + choose_another(option));
     const ats::result<descriptor> probe = new_socket();
     if (!probe) return ats::pass_on(probe);
-    if (connects(*probe, address)) return already_served(path);
-    if (errno == EACCES) return ats::fail(error_kind::invalid, path + " belongs to another user" + choose_another);
+    if (connects(*probe, address)) return already_served(path, option);
+    if (errno == EACCES)
+        return ats::fail(error_kind::invalid, path + " belongs to another user" + choose_another(option));
     if (errno == ECONNREFUSED && (unlink(path.c_str()) == 0 || errno == ENOENT)) return {};
-    return ats::fail(error_kind::invalid, "cannot take over the stale socket " + path + reason() + choose_another);
+    return ats::fail(error_kind::invalid,
+                     "cannot take over the stale socket " + path + reason() + choose_another(option));
 }
 
 // Binds with mode 0600 from the first moment on. Leaves the reason of a failure in errno.
@@ -96,14 +101,15 @@ bool is_named(const descriptor& open_file, const std::string& file)
            open_status.st_ino == named_status.st_ino;
 }
 
-ats::result<descriptor> locked_file(const std::string& path, const std::string& file)
+ats::result<descriptor> locked_file(const std::string& path, const std::string& file, const std::string& option)
 {
     while (true) {
         descriptor lock(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (lock.get() < 0) return ats::fail(error_kind::invalid, "cannot create " + file + reason() + choose_another);
+        if (lock.get() < 0)
+            return ats::fail(error_kind::invalid, "cannot create " + file + reason() + choose_another(option));
         if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            if (errno == EWOULDBLOCK) return already_served(path);
-            return ats::fail(error_kind::invalid, "cannot lock " + file + reason() + choose_another);
+            if (errno == EWOULDBLOCK) return already_served(path, option);
+            return ats::fail(error_kind::invalid, "cannot lock " + file + reason() + choose_another(option));
         }
         if (is_named(lock, file)) return lock;
     }
@@ -117,10 +123,10 @@ bool writes_whole(const descriptor& file, const std::string& text)
 
 } // namespace
 
-ats::result<path_lock> path_lock::acquire(const std::string& path)
+ats::result<path_lock> path_lock::acquire(const std::string& path, const std::string& option)
 {
     const std::string file = lock_file_of(path);
-    ats::result<descriptor> locked = locked_file(path, file);
+    ats::result<descriptor> locked = locked_file(path, file, option);
     if (!locked) return ats::pass_on(locked);
     path_lock lock(file, std::move(*locked));
     if (writes_whole(lock.lock_, origin_of_this_process())) return lock;
@@ -132,23 +138,37 @@ path_lock::~path_lock()
     if (lock_.get() >= 0) unlink(file_.c_str()); // otherwise moved from
 }
 
-ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std::string& path, bool is_for_all)
+ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std::string& path, bool is_for_all,
+                                                                      const std::string& option)
 {
     const ats::result<sockaddr_un> address = socket_address(path);
     if (!address) return ats::pass_on(address);
-    ats::result<path_lock> lock = path_lock::acquire(path);
+    ats::result<path_lock> lock = path_lock::acquire(path, option);
     if (!lock) return ats::pass_on(lock);
-    if (const ats::result<> removed = remove_stale(path, *address); !removed) return ats::pass_on(removed);
+    if (const ats::result<> removed = remove_stale(path, *address, option); !removed) return ats::pass_on(removed);
     ats::result<descriptor> socket = new_socket();
     if (!socket) return ats::pass_on(socket);
     if (!binds_privately(*socket, *address))
-        return ats::fail(error_kind::invalid, "cannot create the socket " + path + reason() + choose_another);
+        return ats::fail(error_kind::invalid, "cannot create the socket " + path + reason() + choose_another(option));
     constexpr mode_t everyone = 0666; // the service asks the kernel who a client is
     if (is_for_all && chmod(path.c_str(), everyone) != 0)
         return ats::fail("cannot open the socket " + path + " to other users" + reason());
     std::unique_ptr<listening_socket> bound(new listening_socket(path, std::move(*lock), std::move(*socket)));
     if (listen(bound->socket_.get(), SOMAXCONN) != 0) return ats::fail("cannot listen on " + path + reason());
     return bound;
+}
+
+ats::result<std::unique_ptr<listening_socket>> listening_socket::adopt(const std::string& path, descriptor socket)
+{
+    ats::result<path_lock> lock = path_lock::acquire(path);
+    if (!lock) return ats::pass_on(lock);
+    sockaddr_un bound_to{};
+    socklen_t size = sizeof bound_to;
+    struct stat status = {};
+    const bool is_at_path = getsockname(socket.get(), reinterpret_cast<sockaddr*>(&bound_to), &size) == 0 &&
+                            path == bound_to.sun_path && lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+    if (!is_at_path) return ats::fail("the socket that an earlier process left is not the one at " + path);
+    return std::unique_ptr<listening_socket>(new listening_socket(path, std::move(*lock), std::move(socket)));
 }
 
 listening_socket::listening_socket(std::string path, path_lock lock, descriptor socket)

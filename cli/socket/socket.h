@@ -18,7 +18,7 @@ class path_lock
 {
   public:
     // Fails if another process holds the lock, or if the file cannot be made.
-    static ats::result<path_lock> acquire(const std::string& path);
+    static ats::result<path_lock> acquire(const std::string& path, const std::string& option = "--socket");
 
     ~path_lock();
     path_lock(path_lock&& other) noexcept = default;
@@ -35,8 +35,12 @@ class listening_socket
 {
   public:
     // Replaces a socket that an ended service left behind at `path`. Fails if a service listens there, or if there is
-    // another kind of file. Other users can connect if `is_for_all`.
-    static ats::result<std::unique_ptr<listening_socket>> open(const std::string& path, bool is_for_all);
+    // another kind of file. Other users can connect if `is_for_all`. Errors name the `option` that chooses the path.
+    static ats::result<std::unique_ptr<listening_socket>> open(const std::string& path, bool is_for_all,
+                                                               const std::string& option = "--socket");
+
+    // Takes over a socket that an earlier process left listening at `path`. Fails if another one is there by now.
+    static ats::result<std::unique_ptr<listening_socket>> adopt(const std::string& path, descriptor socket);
 
     ~listening_socket();
     listening_socket(const listening_socket&) = delete;

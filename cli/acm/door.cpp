@@ -1,0 +1,225 @@
+#include "cli/acm/door.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <sys/socket.h>
+
+#include "cli/service/access.h"
+
+namespace acm
+{
+
+namespace
+{
+
+constexpr const char* listener_name = "acm-listener";
+constexpr const char* connection_name = "acm-"; // followed by a number
+
+// Beyond the limit of connections a user is still answered, with refusals. Beyond this multiple of it the door hangs
+// up.
+constexpr size_t most_refused = 4;
+
+template <class handle_t>
+uv_handle_t* handle(handle_t& specific)
+{
+    return reinterpret_cast<uv_handle_t*>(&specific);
+}
+
+uint64_t number_in(const std::string& store_name)
+{
+    return std::strtoull(store_name.c_str() + std::string(connection_name).size(), nullptr, 10);
+}
+
+} // namespace
+
+door::door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config,
+           const cli::service_limits& limits, std::vector<cli::kept_descriptor> kept)
+    : loop_(loop), routes_(routes), config_(config), limits_(limits)
+{
+    auto connections = std::make_shared<std::vector<cli::kept_descriptor>>();
+    for (cli::kept_descriptor& descriptor : kept) {
+        if (descriptor.name == listener_name)
+            kept_listener_ = std::move(descriptor.file);
+        else if (descriptor.name.starts_with(connection_name))
+            connections->push_back(std::move(descriptor));
+    }
+    loop_.post([this, connections] {
+        for (const cli::kept_descriptor& descriptor : *connections)
+            last_store_number_ = std::max(last_store_number_, number_in(descriptor.name));
+        for (cli::kept_descriptor& descriptor : *connections)
+            admit(std::move(descriptor.file), std::move(descriptor.name));
+    });
+}
+
+door::~door()
+{
+    loop_.post([this] { close_all(); });
+    closed_.get_future().wait();
+    if (listening_) cli::forget_descriptor(listener_name);
+}
+
+// ---- connections ----
+
+ats::result<> door::listen()
+{
+    using cli::listening_socket;
+    ats::result<std::unique_ptr<listening_socket>> opened;
+    if (kept_listener_.is_open()) opened = listening_socket::adopt(config_.socket, std::move(kept_listener_));
+    if (!opened || !*opened) {
+        cli::forget_descriptor(listener_name);
+        opened = listening_socket::open(config_.socket, true, "--acm-socket");
+    }
+    if (!opened) return ats::pass_on(opened);
+    listening_ = std::move(*opened);
+    loop_.post([this] { start_accepting(); });
+    return {};
+}
+
+void door::start_accepting()
+{
+    accepting_ = listening_->duplicate();
+    cli::keep_descriptor(listener_name, accepting_.get());
+    uv_poll_init(loop_.uv(), &listener_, accepting_.get()); // makes it non-blocking
+    uv_timer_init(loop_.uv(), &pause_);
+    open_handles_ = 2;
+    listener_.data = this;
+    pause_.data = this;
+    uv_poll_start(&listener_, UV_READABLE,
+                  [](uv_poll_t* listener, int, int) { static_cast<door*>(listener->data)->accept_all(); });
+}
+
+void door::accept_all()
+{
+    while (true) {
+        client::descriptor socket(accept4(accepting_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (socket.is_open())
+            admit(std::move(socket), "");
+        else if (errno != EINTR && errno != ECONNABORTED)
+            break;
+    }
+    if (errno != EAGAIN) pause_accepting();
+}
+
+// Nothing is left to accept with: the programs wait until some descriptor has been closed.
+void door::pause_accepting()
+{
+    constexpr uint64_t pause_ms = 100;
+    uv_poll_stop(&listener_);
+    const auto go_on = [](uv_timer_t* timer) {
+        auto* self = static_cast<door*>(timer->data);
+        uv_poll_start(&self->listener_, UV_READABLE,
+                      [](uv_poll_t* listener, int, int) { static_cast<door*>(listener->data)->accept_all(); });
+    };
+    uv_timer_start(&pause_, go_on, pause_ms, 0);
+}
+
+void door::admit(client::descriptor socket, std::string store_name)
+{
+    const std::optional<cli::peer> peer = cli::peer_of(socket.get());
+    if (!peer) return;
+    const size_t connections = ++connections_[peer->user];
+    if (store_name.empty()) {
+        store_name = connection_name + std::to_string(++last_store_number_);
+        if (!cli::keep_descriptor(store_name, socket.get())) store_name.clear();
+    }
+    const uint64_t number = routes_.new_number();
+    guest& guest = guests_[number];
+    guest.store_name = std::move(store_name);
+    guest.user = peer->user;
+    guest.is_beyond_limit = connections > limits_.connections;
+    guest.connection = std::make_unique<acm::connection>(*this, loop_.uv(), number, std::move(socket),
+                                                         std::chrono::milliseconds(config_.timeout_ms));
+    if (connections > most_refused * limits_.connections) guest.connection->cut_off();
+}
+
+void door::ended(connection& source)
+{
+    const auto entry = guests_.find(source.number());
+    const guest& guest = entry->second;
+    routes_.forget({guest.user, source.number()});
+    if (!is_closing_ && !guest.store_name.empty()) cli::forget_descriptor(guest.store_name);
+    if (--connections_[guest.user] == 0) connections_.erase(guest.user);
+    guests_.erase(entry);
+    note_closed();
+}
+
+// The connections stay open if the service manager has copies of them, those that nobody has accepted yet too.
+void door::close_all()
+{
+    life_.reset();
+    if (open_handles_ > 0) {
+        accept_all();
+        const auto closed = [](uv_handle_t* handle) {
+            auto* self = static_cast<door*>(handle->data);
+            --self->open_handles_;
+            self->note_closed();
+        };
+        uv_close(handle(listener_), closed);
+        uv_close(handle(pause_), closed);
+    }
+    is_closing_ = true;
+    for (auto& [number, guest] : guests_) guest.connection->close();
+    note_closed();
+}
+
+void door::note_closed()
+{
+    if (is_closing_ && guests_.empty() && open_handles_ == 0) closed_.set_value();
+}
+
+// ---- requests ----
+
+void door::take_request(connection& source, message_view request)
+{
+    if (opcode_of(request) == opcode_resolve) return resolve(source, request);
+    if (opcode_of(request) == opcode_counters) {
+        const unsigned endpoint = endpoint_of_counters(request);
+        const bool is_known = endpoint == 0 || routes_.endpoint({endpoint, 1}).has_value();
+        return source.answer(is_known ? counters_answer(request, counters_) : refusal(request, status::invalid));
+    }
+    const std::optional<endpoint> endpoint = routes_.endpoint(endpoint_of_query(request));
+    source.answer(endpoint ? endpoint_answer(request, *endpoint) : refusal(request, status::invalid));
+}
+
+void door::resolve(connection& source, message_view request)
+{
+    const read_request read = read_resolve(request);
+    const guest& guest = guests_.at(source.number());
+    const status refused = guest.is_beyond_limit ? status::no_memory : read.status;
+    const uint64_t number = source.number();
+    const uint64_t request_number = source.request_number();
+    if (refused != status::success)
+        return take_route(number, request_number, {request.begin(), request.end()}, {.route = {.status = refused}});
+    const auto done = [this, life = std::weak_ptr(life_), loop = &loop_, loop_thread = std::this_thread::get_id(),
+                       number, request_number,
+                       request = message(request.begin(), request.end())](const found_route& found) {
+        if (std::this_thread::get_id() == loop_thread) return take_route(number, request_number, request, found);
+        loop->post([=, this] {
+            if (!life.expired()) take_route(number, request_number, request, found);
+        });
+    };
+    routes_.find(read.request, {guest.user, number}, done);
+}
+
+void door::take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found)
+{
+    const auto entry = guests_.find(number);
+    if (entry == guests_.end() || entry->second.connection->request_number() != request_number) return;
+    const status status = found.route.status;
+    ++counters_[resolutions];
+    if (status == status::no_data) ++counters_[absences];
+    if (status != status::success && status != status::no_data) ++counters_[errors];
+    if (found.is_by_address) ++counters_[found.is_cached ? address_hits : address_queries];
+    if (status == status::success) ++counters_[found.is_cached ? path_hits : path_queries];
+    entry->second.connection->answer(resolve_answer(request, found.route));
+}
+
+void door::request_timed_out(connection& source, message_view request)
+{
+    routes_.forget({guests_.at(source.number()).user, source.number()});
+    take_route(source.number(), source.request_number(), {request.begin(), request.end()},
+               {.route = {.status = status::timed_out}});
+}
+
+} // namespace acm

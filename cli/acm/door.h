@@ -1,0 +1,78 @@
+// Answers programs that use librdmacm, in place of the daemon that librdmacm asks for paths. Such a program waits
+// without limit for its answer, holds a lock meanwhile, and is ended by SIGPIPE when its connection has gone. So every
+// request is answered within a limited time, and the service manager keeps the connections while the service restarts.
+#pragma once
+
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/acm/connection.h"
+#include "cli/acm/route-finder.h"
+#include "cli/server/event-loop.h"
+#include "cli/service/descriptor-store.h"
+#include "cli/service/limits.h"
+#include "cli/service/world-config.h"
+#include "cli/socket/socket.h"
+
+namespace acm
+{
+
+class door final : public connection::owner
+{
+  public:
+    // Serves the connections among `kept`, the descriptors of an earlier process, in the thread of `loop`. `loop` and
+    // `routes` outlive the door.
+    door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config, const cli::service_limits& limits,
+         std::vector<cli::kept_descriptor> kept);
+
+    // Serves new connections too. Call it once. Error: another daemon serves on the socket, or it cannot be made.
+    ats::result<> listen();
+
+    // Takes no more requests. Those that are not answered stay in their sockets, for the next process.
+    ~door() override;
+
+  private:
+    struct guest {
+        std::unique_ptr<acm::connection> connection;
+        std::string store_name; // "": the service manager has no copy
+        uid_t user = 0;
+        bool is_beyond_limit = false; // its requests are refused: hanging up would end the program
+    };
+
+    void start_accepting();
+    void accept_all();
+    void pause_accepting();
+    void admit(client::descriptor socket, std::string store_name);
+    void take_request(connection& source, message_view request) override;
+    void request_timed_out(connection& source, message_view request) override;
+    void ended(connection& source) override;
+    void resolve(connection& source, message_view request);
+    void take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found);
+    void close_all();
+    void note_closed();
+
+    cli::event_loop& loop_;
+    route_finder& routes_;
+    const cli::acm_config config_;
+    const cli::service_limits limits_;
+    client::descriptor kept_listener_;
+    std::unique_ptr<cli::listening_socket> listening_;
+
+    // Of the loop's thread.
+    client::descriptor accepting_;
+    uv_poll_t listener_;
+    uv_timer_t pause_;
+    size_t open_handles_ = 0;
+    std::map<uint64_t, guest> guests_;    // by number
+    std::map<uid_t, size_t> connections_; // by user
+    counters counters_{};
+    uint64_t last_store_number_ = 0;
+    bool is_closing_ = false;
+    std::promise<void> closed_;
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(); // ends with the door: late answers look here first
+};
+
+} // namespace acm

@@ -1,0 +1,208 @@
+#include "cli/acm/route-finder.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "cli/service/requests.h"
+#include "console/errors.h"
+#include "console/record-list.h"
+#include "host/exec/shortage.h"
+#include "host/world/text.h"
+#include "records/host-record.h"
+
+namespace acm
+{
+
+namespace
+{
+
+constexpr uint8_t exactly = 2 << 6; // a selector (IBA 15.2.5.16)
+
+path_record on_wire(const world::path_record& path)
+{
+    path_record record{};
+    record.dgid = to_wire(path.dgid);
+    record.sgid = to_wire(path.sgid);
+    record.dlid = to_wire(path.dlid);
+    record.slid = to_wire(path.slid);
+    record.flow_label_hop_limit = to_wire(path.flow_label << 8 | path.hop_limit);
+    record.traffic_class = path.traffic_class;
+    record.reversible_path_count = static_cast<uint8_t>((path.is_reversible ? 0x80 : 0) | 1);
+    record.p_key = to_wire(path.p_key);
+    record.qos_class_sl = to_wire(uint16_t{path.sl});
+    record.mtu = exactly | path.mtu;
+    record.rate = exactly | path.rate;
+    record.packet_lifetime = exactly | path.packet_lifetime;
+    record.preference = path.preference;
+    return record;
+}
+
+// True if the path has the fields that a program has set in its request.
+bool completes(const world::path_record& path, const path_record& wanted)
+{
+    const kq_gid_t any_gid{};
+    const auto agrees = [](const auto& field, const auto& open, const auto& value) {
+        return field == open || field == value;
+    };
+    return agrees(from_wire(wanted.dgid), any_gid, path.dgid) && agrees(from_wire(wanted.sgid), any_gid, path.sgid) &&
+           agrees(from_wire(wanted.dlid), 0, path.dlid) && agrees(from_wire(wanted.slid), 0, path.slid) &&
+           agrees(from_wire(wanted.p_key), 0, path.p_key);
+}
+
+status status_of(world::path_status path_status)
+{
+    switch (path_status) {
+    case world::path_status::found:
+        return status::success;
+    case world::path_status::timed_out:
+        return status::timed_out;
+    case world::path_status::no_active_port:
+        return status::not_connected;
+    default:
+        return status::no_data;
+    }
+}
+
+// The address that the port with this GID is registered under, from the cache of its host.
+std::optional<uint32_t> own_address(kernel::machine& machine, const kq_gid_t& gid)
+{
+    const std::optional<world::resolution> own = world::answer_from_cache(machine, gid);
+    if (!own || own->status != ibat_stat_ok) return std::nullopt;
+    return own->ip;
+}
+
+std::optional<kq_gid_t> gid_of_port(fabric::hca& hca, int port)
+{
+    const fabric::port_attributes attributes = hca.read_port(port);
+    if (attributes.gids.empty()) return std::nullopt;
+    return from_wire(std::bit_cast<wire_gid_t>(attributes.gids.front()));
+}
+
+bool has_address(kernel::machine& machine, uint32_t ip)
+{
+    for (fabric::hca* hca : machine.hcas())
+        for (int port = 1; port <= hca->port_count(); ++port)
+            if (const auto gid = gid_of_port(*hca, port); gid && own_address(machine, *gid) == ip) return true;
+    return false;
+}
+
+found_route route_to(const world::path_resolution& found, kernel::machine& machine, const resolve_request& request)
+{
+    found_route result{.is_by_address = found.ip != 0, .is_cached = found.from_cache};
+    result.route.status = status_of(found.status);
+    if (found.status != world::path_status::found) return result;
+    if (request.path && !completes(found.path, *request.path)) {
+        result.route.status = status::no_data;
+        return result;
+    }
+    result.route.path = on_wire(found.path);
+    if (std::holds_alternative<std::monostate>(request.source))
+        result.route.source = own_address(machine, found.path.sgid);
+    return result;
+}
+
+// The address registered under a host name; it may take its time. Nothing: the SA names no host or several ones.
+ats::result<std::optional<uint32_t>> address_of_name(cli::running_hosts& hosts, const std::string& name)
+{
+    const ats::result<cli::json> answer = cli::answer_resolve_name(hosts, {{"name", name}});
+    if (!answer) return ats::pass_on(answer);
+    if (!answer->value("real", false)) {
+        if (answer->at("status") != "ok") return std::optional<uint32_t>();
+        return world::parse_ipv4(answer->at("matches").at(0).at("address"));
+    }
+    const auto sa = umad::open_sa_client("", 0);
+    if (!sa) return ats::pass_on(sa);
+    const auto list = console::list_records(**sa, {.host_name = name});
+    if (!list) return ats::pass_on(list);
+    if (list->records.empty()) return std::optional<uint32_t>();
+    return records::decode(list->records.front()).address;
+}
+
+} // namespace
+
+// The first host, or the one with this address or name. Null: there is none.
+world::host* route_finder::host_of(const place& source) const
+{
+    if (const std::string* name = std::get_if<std::string>(&source)) {
+        const ats::result<world::host*> named = hosts_.find(*name);
+        return named ? *named : nullptr;
+    }
+    const uint32_t* ip = std::get_if<uint32_t>(&source);
+    for (const auto& host : hosts_.all())
+        if (!ip || has_address(host->machine(), *ip)) return host.get();
+    return nullptr;
+}
+
+void route_finder::find(const resolve_request& request, const cli::queue_place& place, const completion& done)
+{
+    const question question{host_of(request.source), request, place, done};
+    if (!question.host) return done({.route = {.status = status::unknown_source}});
+    if (const std::string* name = std::get_if<std::string>(&request.destination)) return find_by_name(question, *name);
+    if (const uint32_t* ip = std::get_if<uint32_t>(&request.destination)) return find_path(question, *ip);
+    const kq_gid_t gid = from_wire(request.path->dgid);
+    if (gid == kq_gid_t{}) return done({}); // a LID alone leads to no path record
+    find_path(question, gid);
+}
+
+// No cache knows names, so the SA is asked even for an answer without delay.
+void route_finder::find_by_name(const question& question, const std::string& name)
+{
+    server_.background().push(question.place, [this, question, name] {
+        const ats::result<std::optional<uint32_t>> ip = address_of_name(hosts_, name);
+        if (!ip || !*ip)
+            return question.done(
+                {.route = {.status = ip ? status::no_data : status::timed_out}, .is_by_address = true});
+        server_.loop().post([this, question, ip = **ip] { find_path(question, ip); });
+    });
+}
+
+void route_finder::find_path(const question& question, const world::path_destination& destination)
+{
+    kernel::machine& machine = question.host->machine();
+    const auto hand_on = [&machine, question](const world::path_resolution& found) {
+        question.done(route_to(found, machine, question.request));
+    };
+    if (question.request.is_cache_only)
+        return hand_on(resolve_path(machine, destination, world::lookup_mode::cache_only));
+    const bool is_fresh = question.request.is_fresh;
+    const uint32_t* ip = std::get_if<uint32_t>(&destination);
+    const auto subject = ip ? cli::lookups::subject(cli::lookups::path_to_address{*ip, is_fresh})
+                            : cli::lookups::path_to_gid{std::get<kq_gid_t>(destination), is_fresh};
+    try {
+        server_.lookups_of(machine).ask(question.place, subject, [hand_on](const cli::lookups::answer& answer) {
+            hand_on(std::get<world::path_resolution>(answer));
+        });
+    } catch (const exec::shortage&) {
+        question.done({.route = {.status = status::no_memory}});
+    }
+}
+
+void route_finder::forget(const cli::queue_place& place)
+{
+    server_.drop(place);
+}
+
+std::optional<endpoint> route_finder::endpoint(const endpoint_port& wanted) const
+{
+    unsigned number = 0;
+    for (const auto& host : hosts_.all())
+        for (fabric::hca* hca : host->machine().hcas()) {
+            if (++number != wanted.endpoint) continue;
+            const auto port = static_cast<int>(wanted.port);
+            if (port < 1 || port > hca->port_count()) return std::nullopt;
+            const fabric::port_attributes attributes = hca->read_port(port);
+            acm::endpoint endpoint{.port = static_cast<uint8_t>(port),
+                                   .port_count = static_cast<uint8_t>(hca->port_count())};
+            if (!attributes.p_keys.empty()) endpoint.p_key = attributes.p_keys.front();
+            if (const auto gid = gid_of_port(*hca, port)) {
+                endpoint.device_guid = gid->eui64;
+                if (const auto ip = own_address(host->machine(), *gid))
+                    endpoint.addresses.push_back(world::format_ipv4(*ip));
+            }
+            endpoint.addresses.push_back(host->name());
+            return endpoint;
+        }
+    return std::nullopt;
+}
+
+} // namespace acm
