@@ -90,7 +90,7 @@ void note_destination(path_resolution& answer, const path_destination& destinati
         answer.gid = std::get<kq_gid_t>(destination);
 }
 
-uint64_t nanoseconds_since(steady_clock::time_point begin)
+uint64_t elapsed_nanoseconds(steady_clock::time_point begin)
 {
     return static_cast<uint64_t>(std::chrono::nanoseconds(steady_clock::now() - begin).count());
 }
@@ -108,7 +108,7 @@ struct path_question {
     void finish()
     {
         answer.took_ticks = machine.exec().now() - started_ticks;
-        answer.took_nanoseconds = nanoseconds_since(started);
+        answer.took_nanoseconds = elapsed_nanoseconds(started);
         if (answer.status != path_status::found) answer.from_cache = false;
         done(answer);
     }
@@ -222,7 +222,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
         answer.gid = resolved->gid;
         if (resolved->status != ibat_stat_ok) {
             take_unknown_address(answer, *resolved, machine);
-            answer.took_nanoseconds = nanoseconds_since(started);
+            answer.took_nanoseconds = elapsed_nanoseconds(started);
             return answer;
         }
     }
@@ -232,7 +232,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
     if (status != ibat_stat_ok) return std::nullopt;
     take_path(answer, status, record);
     answer.from_cache = true;
-    answer.took_nanoseconds = nanoseconds_since(started);
+    answer.took_nanoseconds = elapsed_nanoseconds(started);
     return answer;
 }
 
