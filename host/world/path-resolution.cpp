@@ -1,10 +1,10 @@
 #include "host/world/path-resolution.h"
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 
 #include "host/peers/ibat-path-exports.h"
+#include "host/world/elapsed-time.h"
 #include "host/world/published.h"
 #include "host/world/resolution-reason.h"
 #include "kernel/sync.h"
@@ -15,8 +15,6 @@ namespace world
 
 namespace
 {
-
-using steady_clock = std::chrono::steady_clock;
 
 path_record record_of(const ib_path_record_v2_t& path)
 {
@@ -90,11 +88,6 @@ void note_destination(path_resolution& answer, const path_destination& destinati
         answer.gid = std::get<kq_gid_t>(destination);
 }
 
-uint64_t elapsed_nanoseconds(steady_clock::time_point begin)
-{
-    return static_cast<uint64_t>(std::chrono::nanoseconds(steady_clock::now() - begin).count());
-}
-
 // One question about a path. It lives until its answer has been handed on, and keeps IBAT loaded.
 struct path_question {
     path_question(kernel::machine& machine, const path_destination& destination, lookup_mode mode, path_callback done)
@@ -108,7 +101,7 @@ struct path_question {
     void finish()
     {
         answer.took_ticks = machine.exec().now() - started_ticks;
-        answer.took_nanoseconds = elapsed_nanoseconds(started);
+        answer.took_nanoseconds = nanoseconds_since(started);
         if (answer.status != path_status::found) answer.from_cache = false;
         done(answer);
     }
@@ -222,7 +215,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
         answer.gid = resolved->gid;
         if (resolved->status != ibat_stat_ok) {
             take_unknown_address(answer, *resolved, machine);
-            answer.took_nanoseconds = elapsed_nanoseconds(started);
+            answer.took_nanoseconds = nanoseconds_since(started);
             return answer;
         }
     }
@@ -232,7 +225,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
     if (status != ibat_stat_ok) return std::nullopt;
     take_path(answer, status, record);
     answer.from_cache = true;
-    answer.took_nanoseconds = elapsed_nanoseconds(started);
+    answer.took_nanoseconds = nanoseconds_since(started);
     return answer;
 }
 

@@ -1,9 +1,9 @@
 // Resolution without waiting, for a service that answers many clients.
-#include <chrono>
 #include <memory>
 
 #include "host/peers/ibat-exports.h"
 #include "host/peers/ucm-exports.h"
+#include "host/world/elapsed-time.h"
 #include "host/world/published.h"
 #include "host/world/resolution-reason.h"
 #include "host/world/resolution.h"
@@ -13,13 +13,6 @@ namespace world
 
 namespace
 {
-
-using steady_clock = std::chrono::steady_clock;
-
-uint64_t nanoseconds_since(steady_clock::time_point begin)
-{
-    return static_cast<uint64_t>(std::chrono::nanoseconds(steady_clock::now() - begin).count());
-}
 
 // Says why an answer is not ok.
 void explain(resolution& answer)

@@ -1,0 +1,17 @@
+// The time that a lookup took.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace world
+{
+
+using steady_clock = std::chrono::steady_clock;
+
+inline uint64_t nanoseconds_since(steady_clock::time_point begin)
+{
+    return static_cast<uint64_t>(std::chrono::nanoseconds(steady_clock::now() - begin).count());
+}
+
+} // namespace world
