@@ -110,12 +110,11 @@ void lookups::finish(const subject& subject, const answer& answer)
     const auto asked = asked_.find(subject);
     const std::vector<completion> askers = std::move(asked->second);
     asked_.erase(asked);
-    changed_.notify_all();
+    if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next
     lock.unlock();
     for (const completion& done : askers) done(answer);
     lock.lock();
-    --unfinished_;
-    changed_.notify_all(); // with the lock held: the destructor may be waiting
+    if (--unfinished_ == 0 && is_stopping_) changed_.notify_all(); // with the lock held: the destructor may be waiting
 }
 
 } // namespace cli
