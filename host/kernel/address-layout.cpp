@@ -14,9 +14,9 @@ constexpr uintptr_t lowest_address = 0x10000; // no program has memory below it
 constexpr uint64_t page_bytes = 4096;
 constexpr size_t max_unknown = 4096; // then all are forgotten, and get new addresses when they appear again
 
-uint64_t whole_pages(size_t bytes)
+uint64_t round_up(size_t bytes, uint64_t unit)
 {
-    return (bytes + page_bytes - 1) / page_bytes * page_bytes;
+    return (bytes + unit - 1) / unit * unit;
 }
 
 } // namespace
@@ -42,14 +42,14 @@ void address_layout::add_image(const void* begin, size_t bytes)
     const std::lock_guard lock(mutex_);
     ranges_[static_cast<const char*>(begin)] = {bytes, next_image_, true};
     ++image_count_;
-    next_image_ += whole_pages(bytes);
+    next_image_ += round_up(bytes, image_room);
 }
 
 void address_layout::add_object(const void* begin, size_t bytes)
 {
     const std::lock_guard lock(mutex_);
     ranges_[static_cast<const char*>(begin)] = {bytes, next_object_, false};
-    next_object_ += whole_pages(bytes);
+    next_object_ += round_up(bytes, page_bytes);
 }
 
 void address_layout::remove(const void* begin)

@@ -145,7 +145,7 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
     world.host.addresses.add_image(image, sizeof image);
     world.host.addresses.add_image(later, sizeof later);
     EXPECT_EQ(world.host.addresses.nominal(image + 99), kernel::nominal_images + 99);
-    EXPECT_EQ(world.host.addresses.nominal(later), kernel::nominal_images + 4096);
+    EXPECT_EQ(world.host.addresses.nominal(later), kernel::nominal_images + kernel::image_room);
     world.host.addresses.remove(image);
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
 }
