@@ -17,6 +17,27 @@ namespace
 // More than the answers to all datagrams of a client's pool. A datagram takes memory only once it is used.
 constexpr size_t receive_pool_size = 256;
 
+// The TransactionIDs of a registered client count up. Those of a client that has joined a class hold a mark, its number
+// and 24 bits of its own. The low half differs from those of other requests in flight: fabrics may replace the high
+// half.
+constexpr uint64_t joined_mark = 0x6A6F696E; // the high half
+constexpr uint64_t joined_bit = uint64_t{1} << 31;
+constexpr int number_shift = 24;
+constexpr uint8_t last_number = 127;
+
+uint64_t joined_transaction_id(uint8_t number, uint64_t clients_bits)
+{
+    return joined_mark << 32 | joined_bit | uint64_t{number} << number_shift |
+           (clients_bits & gsi_joined_transaction_bits);
+}
+
+// The number of the client that has joined and made this TransactionID; 0: it is that of a registered client.
+uint8_t number_in(uint64_t transaction_id)
+{
+    const bool is_joined = transaction_id >> 32 == joined_mark && (transaction_id & joined_bit);
+    return is_joined ? transaction_id >> number_shift & last_number : 0;
+}
+
 constexpr size_t class_byte = offsetof(mad_hdr_t, mgt_class);
 constexpr size_t method_byte = class_byte + 2;
 static_assert(offsetof(mad_hdr_t, u) == method_byte + 1);
@@ -79,20 +100,43 @@ gsi_adapter::~gsi_adapter()
 
 int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle)
 {
-    {
-        const std::lock_guard lock(mutex_);
-        if (find(client->port, client->mgt_class)) return -EK_EXIST;
-        *handle = client.get();
-        registered_classes_.push_back(client.get());
-        home_.addresses.add_object(client.get(), sizeof *client); // classes stay as long as the machine
-        classes_.push_back(std::move(client));
-    }
+    std::unique_lock lock(mutex_);
+    if (find(client->port, client->mgt_class, 0)) return -EK_EXIST;
+    add(std::move(client), handle, lock);
+    return 0;
+}
+
+int gsi_adapter::join_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle)
+{
+    std::unique_lock lock(mutex_);
+    client->number = free_number(*client);
+    if (client->number == 0) return -EK_BUSY;
+    add(std::move(client), handle, lock);
+    return 0;
+}
+
+// Takes over the held lock, and releases it.
+void gsi_adapter::add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle,
+                      std::unique_lock<std::mutex>& held_lock)
+{
+    *handle = client.get();
+    registered_classes_.push_back(client.get());
+    home_.addresses.add_object(client.get(), sizeof *client); // classes stay as long as the machine
+    classes_.push_back(std::move(client));
+    held_lock.unlock();
     hub_.attach(*this);
     {
         const std::lock_guard lock(mutex_);
         will_be_called_ = false; // the fabric may have called it off while the adapter was not listening
     }
     task_.ring();
+}
+
+// A number that no other client of the class has at the port; 0: there are too many clients. With the lock held.
+uint8_t gsi_adapter::free_number(const gsi_class_t& client) const
+{
+    for (uint8_t number = 1; number <= last_number; ++number)
+        if (!find(client.port, client.mgt_class, number)) return number;
     return 0;
 }
 
@@ -125,7 +169,7 @@ int gsi_adapter::post(gsi_class_t& client, datagram_record& record, uint64_t* tr
     record.take_over(datagram_state::posted, "gsi_post_send_dtgrm");
     record.client = &client;
     const uint64_t now_ticks = home_.exec().now();
-    const uint64_t new_id = last_transaction_id_.fetch_add(1, std::memory_order_relaxed) + 1;
+    const uint64_t new_id = new_transaction_id(client, record.datagram());
     if (!put_on_wire(client.port, record.datagram(), new_id)) {
         record.note(now_ticks, datagram_event::refused, client.mgt_class, client.port);
         record.set_state(datagram_state::held);
@@ -140,6 +184,13 @@ int gsi_adapter::post(gsi_class_t& client, datagram_record& record, uint64_t* tr
     std::unique_lock lock(mutex_);
     queue(record, lock, !record.pool.runs_low());
     return 0;
+}
+
+uint64_t gsi_adapter::new_transaction_id(const gsi_class_t& client, const gsi_dtgrm_t& datagram)
+{
+    if (client.number == 0) return last_transaction_id_.fetch_add(1, std::memory_order_relaxed) + 1;
+    const auto& header = reinterpret_cast<const mad_hdr_t&>(datagram.mad);
+    return joined_transaction_id(client.number, from_wire(header.transact_id));
 }
 
 // Sends a datagram; false: the fabric refused it. The AttributeID is in wire order only during the send: the client
@@ -168,9 +219,12 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
     }
     registrations_.note_answer(mad);
     std::unique_lock lock(mutex_);
-    gsi_class_t* client = find(port, mad[class_byte]);
+    be64_t transaction_id;
+    std::memcpy(&transaction_id, mad.data() + offsetof(mad_hdr_t, transact_id), sizeof transaction_id);
+    const uint8_t number = number_in(from_wire(transaction_id));
+    gsi_class_t* client = find(port, mad[class_byte], number);
     if (!client) {
-        count(counters_.dropped_no_class);
+        count(number == 0 ? counters_.dropped_no_class : counters_.dropped_no_asker);
         return;
     }
     datagram_record* record = receive_pool_->take();
@@ -196,10 +250,10 @@ void gsi_adapter::may_complete(bool again)
     home_.enter(context_name_, [this] { complete(); });
 }
 
-gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class) const
+gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class, uint8_t number) const
 {
     for (gsi_class_t* each : registered_classes_)
-        if (each->port == port && each->mgt_class == mgt_class) return each;
+        if (each->port == port && each->mgt_class == mgt_class && each->number == number) return each;
     return nullptr;
 }
 
@@ -293,6 +347,7 @@ gsi_counts gsi_adapter::counts() const
             .delivered = counters_.delivered,
             .dropped_no_response = counters_.dropped_no_response,
             .dropped_no_class = counters_.dropped_no_class,
+            .dropped_no_asker = counters_.dropped_no_asker,
             .dropped_no_datagram = counters_.dropped_no_datagram};
 }
 

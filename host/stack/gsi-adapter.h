@@ -24,12 +24,14 @@ struct gsi_counts {
     uint64_t delivered = 0;
     uint64_t dropped_no_response = 0; // arrived without the R bit: a request, and GSI serves no requests
     uint64_t dropped_no_class = 0;    // arrived for a class that is not registered on the port
+    uint64_t dropped_no_asker = 0;    // answer a request of a client that joined a class and has left it
     uint64_t dropped_no_datagram = 0; // arrived while the receive pool was empty
 };
 
 } // namespace stack
 
-// A registered class. The record stays for the life of the machine, so that a stale handle is recognised.
+// A client of a class: the one that has registered it, or one that has joined. The record stays for the life of the
+// machine, so that a stale handle is recognised.
 struct gsi_class_t {
     stack::gsi_adapter& adapter;
     const uint8_t port;
@@ -38,6 +40,7 @@ struct gsi_class_t {
     const gsi_completion_fn_t send_callback;
     const gsi_completion_fn_t receive_callback;
     void* const context;
+    uint8_t number = 0; // of a client that has joined; 0: it has registered the class
 
     static constexpr uint32_t end_mark = 0x80000000;
     std::atomic<uint32_t> in_flight{0}; // datagrams whose callback has not returned; with end_mark: has ended
@@ -76,6 +79,7 @@ class gsi_adapter final : public fabric::listener
 
     // gsi.h describes these calls and their results. `*handle` is stored before the first callback.
     int register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle);
+    int join_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle);
     int deregister(gsi_class_t& client);
     int post(gsi_class_t& client, datagram_record& record, uint64_t* transaction_id);
 
@@ -93,10 +97,15 @@ class gsi_adapter final : public fabric::listener
   private:
     struct counters {
         std::atomic<uint64_t> posted{0}, refused{0}, completed{0}, delivered{0};
-        std::atomic<uint64_t> dropped_no_response{0}, dropped_no_class{0}, dropped_no_datagram{0};
+        std::atomic<uint64_t> dropped_no_response{0}, dropped_no_class{0}, dropped_no_asker{0}, dropped_no_datagram{0};
     };
 
-    gsi_class_t* find(int port, uint8_t mgt_class) const; // with mutex_ held
+    // With mutex_ held. `number` is that of a client that has joined, or 0.
+    gsi_class_t* find(int port, uint8_t mgt_class, uint8_t number) const;
+    uint8_t free_number(const gsi_class_t& client) const;
+
+    void add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle, std::unique_lock<std::mutex>& lock);
+    uint64_t new_transaction_id(const gsi_class_t& client, const gsi_dtgrm_t& datagram);
     bool put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id);
     void queue(datagram_record& record, std::unique_lock<std::mutex>& lock, bool may_be_deferred);
 

@@ -18,6 +18,25 @@ datagram_pool* pool_of(gsi_dtgrm_pool_handle_t handle)
     return reinterpret_cast<datagram_pool*>(handle);
 }
 
+// Checks the arguments of a registration and makes its record.
+int make_client(kernel::machine& home, uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
+                gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context, const gsi_class_handle_t* handle,
+                std::unique_ptr<gsi_class_t>* client)
+{
+    if (!hca || !sent || !received || !handle) return -EK_INVAL;
+    stack::gsi_adapter* adapter = home.get<stack::gsi>().adapter(hca->name);
+    if (!adapter) return -EK_NXIO;
+    if (port_num < 1 || port_num > adapter->hca().port_count()) return -EK_INVAL;
+    client->reset(new gsi_class_t{.adapter = *adapter,
+                                  .port = static_cast<uint8_t>(port_num),
+                                  .mgt_class = mgt_class,
+                                  .class_ver = class_ver,
+                                  .send_callback = sent,
+                                  .receive_callback = received,
+                                  .context = context});
+    return 0;
+}
+
 } // namespace
 
 int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num, int redirection,
@@ -26,18 +45,20 @@ int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* 
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
-    if (!hca || redirection != no_redirection || rmpp != no_rmpp || !sent || !received || !handle) return -EK_INVAL;
-    stack::gsi_adapter* adapter = home.get<stack::gsi>().adapter(hca->name);
-    if (!adapter) return -EK_NXIO;
-    if (port_num < 1 || port_num > adapter->hca().port_count()) return -EK_INVAL;
-    auto client = std::unique_ptr<gsi_class_t>(new gsi_class_t{.adapter = *adapter,
-                                                               .port = static_cast<uint8_t>(port_num),
-                                                               .mgt_class = mgt_class,
-                                                               .class_ver = class_ver,
-                                                               .send_callback = sent,
-                                                               .receive_callback = received,
-                                                               .context = context});
-    return adapter->register_class(std::move(client), handle);
+    if (redirection != no_redirection || rmpp != no_rmpp) return -EK_INVAL;
+    std::unique_ptr<gsi_class_t> client;
+    const int error = make_client(home, mgt_class, class_ver, hca, port_num, sent, received, context, handle, &client);
+    return error != 0 ? error : client->adapter.register_class(std::move(client), handle);
+}
+
+int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
+                   gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context, gsi_class_handle_t* handle)
+{
+    kernel::machine& home = machine_where_others_may_run(__func__);
+    if (home.faults.should_fail(__func__)) return -EK_NOMEM;
+    std::unique_ptr<gsi_class_t> client;
+    const int error = make_client(home, mgt_class, class_ver, hca, port_num, sent, received, context, handle, &client);
+    return error != 0 ? error : client->adapter.join_class(std::move(client), handle);
 }
 
 int gsi_deregister_class(gsi_class_handle_t handle)

@@ -54,8 +54,17 @@ KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq
                                   int redirection, int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received,
                                   void* context, gsi_class_handle_t* handle);
 
-// Ends a registration. Fails, and changes nothing, while a datagram of the class is in flight or a callback of it
-// runs; the caller tries again later. After success no callback of the class runs.
+// Joins a class on one port beside the client that has registered it, if there is one: the new client sends requests
+// of its own and gets the answers to these only. GSI keeps the low 24 bits of the TransactionID that the client has
+// written into a datagram, and sets the others; the client tells its requests in flight apart by them. An answer comes
+// with the TransactionID of its request. Otherwise as gsi_register_class.
+constexpr uint64_t gsi_joined_transaction_bits = 0xFFFFFF;
+KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
+                              gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context,
+                              gsi_class_handle_t* handle);
+
+// Ends a registration of either kind. Fails, and changes nothing, while a datagram of the class is in flight or a
+// callback of it runs; the caller tries again later. After success no callback of the class runs.
 KERNEL_API int gsi_deregister_class(gsi_class_handle_t handle);
 
 // A pool of `size` datagrams under a name for reports. May sleep.
@@ -70,7 +79,7 @@ KERNEL_API int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dt
 // Returns a datagram to where it came from. Any context. A second put is a hard error.
 KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
 
-// Queues the datagram's MAD for sending, assigns its TransactionID and stores that (host order) in
+// Queues the datagram's MAD for sending, assigns its TransactionID (see gsi_join_class) and stores that (host order) in
 // `transaction_id` unless null. On success the datagram belongs to the GSI layer until `sent` is called with it; on
 // failure it stays with the caller. Any context; allocates nothing.
 KERNEL_API int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id);

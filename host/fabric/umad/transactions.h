@@ -40,11 +40,15 @@ class transactions
     static constexpr int bits = 10;
 
     // Fibonacci hashing: TransactionIDs count up, and numbers that follow each other take different slots for hundreds
-    // of steps.
-    table_slot& slot_of(uint32_t low_half) { return slots_[(low_half * 0x9E3779B9u) >> (32 - bits)]; }
+    // of steps. GSI has two kinds of them, told apart by the highest bit of the half; neither takes slots of the other.
+    table_slot& slot_of(uint32_t low_half)
+    {
+        const size_t slot = (low_half * 0x9E3779B9u) << 1 >> (32 - bits);
+        return slots_[slot + (low_half >> 31 << bits)];
+    }
 
     std::mutex mutex_;
-    std::array<table_slot, 1 << bits> slots_;
+    std::array<table_slot, 2 << bits> slots_;
 };
 
 } // namespace umad
