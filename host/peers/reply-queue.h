@@ -61,6 +61,7 @@ class reply_queue
         assert(is_held(*lock_) && list_empty(&asker->link));
         asker->status = status;
         asker->answer = answer;
+        if (answer.primary_path == &answer.paths[0]) asker->answer.primary_path = &asker->answer.paths[0];
         list_add_tail(&asker->link, &owed_askers_);
         if (is_scheduled_) return;
         is_scheduled_ = true;

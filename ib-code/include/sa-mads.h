@@ -94,3 +94,51 @@ enum service_record_component_t : int {
     SR_COMPONENT_SERVICE_DATA64 = 35, // 2
     SR_COMPONENT_COUNT = 37,
 };
+
+// A PathRecord on the wire (IBA 15.2.5.16).
+struct ib_path_record_wire_t {
+    be64_t service_id;
+    wire_gid_t dgid;
+    wire_gid_t sgid;
+    be16_t dlid;
+    be16_t slid;
+    be32_t route; // raw traffic (1 bit), reserved (3), flow label (20), hop limit (8)
+    uint8_t traffic_class;
+    uint8_t reversible_numb_path; // 1 bit and 7
+    be16_t p_key;
+    be16_t qos_class_sl; // 12 bits and 4
+    uint8_t mtu;         // each of the next three: a selector (2 bits) and the value (6)
+    uint8_t rate;
+    uint8_t packet_lifetime;
+    uint8_t preference;
+    uint8_t reserved[6];
+};
+static_assert(sizeof(ib_path_record_wire_t) == 64);
+static_assert(offsetof(ib_path_record_wire_t, dgid) == 8 && offsetof(ib_path_record_wire_t, sgid) == 24);
+static_assert(offsetof(ib_path_record_wire_t, dlid) == 40 && offsetof(ib_path_record_wire_t, slid) == 42);
+static_assert(offsetof(ib_path_record_wire_t, route) == 44 && offsetof(ib_path_record_wire_t, traffic_class) == 48);
+static_assert(offsetof(ib_path_record_wire_t, p_key) == 50 && offsetof(ib_path_record_wire_t, qos_class_sl) == 52);
+static_assert(offsetof(ib_path_record_wire_t, mtu) == 54 && offsetof(ib_path_record_wire_t, preference) == 57);
+
+// Component mask bits of a PathRecord query (IBA 15.2.5.16), as bit numbers.
+enum path_record_component_t : int {
+    PR_COMPONENT_DGID = 2,
+    PR_COMPONENT_SGID = 3,
+    PR_COMPONENT_DLID = 4,
+    PR_COMPONENT_SLID = 5,
+    PR_COMPONENT_RAW_TRAFFIC = 6,
+    PR_COMPONENT_FLOW_LABEL = 8,
+    PR_COMPONENT_HOP_LIMIT = 9,
+    PR_COMPONENT_TRAFFIC_CLASS = 10,
+    PR_COMPONENT_REVERSIBLE = 11,
+    PR_COMPONENT_NUMB_PATH = 12,
+    PR_COMPONENT_P_KEY = 13,
+    PR_COMPONENT_QOS_CLASS = 14,
+    PR_COMPONENT_SL = 15,
+    PR_COMPONENT_MTU_SELECTOR = 16,
+    PR_COMPONENT_MTU = 17,
+    PR_COMPONENT_RATE_SELECTOR = 18,
+    PR_COMPONENT_RATE = 19,
+    PR_COMPONENT_PACKET_LIFETIME_SELECTOR = 20,
+    PR_COMPONENT_PACKET_LIFETIME = 21,
+};

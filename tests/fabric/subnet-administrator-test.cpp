@@ -1,7 +1,10 @@
 #include "host/fabric/embedded/subnet-administrator.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
+#include "host/fabric/embedded/subnet-hca.h"
 #include "requests.h"
 
 namespace
@@ -13,11 +16,35 @@ using test::request;
 
 constexpr fabric::gid_bytes gid_a{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x10, 0x11};
 constexpr fabric::gid_bytes gid_b{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 1};
+constexpr fabric::gid_bytes gid_c{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 3, 0, 1};
+constexpr fabric::gid_bytes gid_d{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 4, 0, 1};
 constexpr fabric::gid_bytes gid_elsewhere{0xFE, 0xC0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 1};
 
-bool is_known_gid(const fabric::gid_bytes& gid)
+// The ports of the subnet. That of gid_c is in another partition; that of gid_d is down.
+const port_record ports[] = {
+    {.owner = nullptr, .number = 1, .assigned_lid = 2, .gid = gid_a, .p_keys = {0xFFFF, 0x0005}},
+    {.owner = nullptr, .number = 1, .assigned_lid = 3, .gid = gid_b, .p_keys = {0x7FFF, 0x0005}},
+    {.owner = nullptr, .number = 1, .assigned_lid = 4, .gid = gid_c, .p_keys = {0x0005}},
+    {.owner = nullptr, .number = 1, .assigned_lid = 5, .gid = gid_d, .p_keys = {0xFFFF}},
+};
+
+port_directory directory()
 {
-    return gid == gid_a || gid == gid_b;
+    static std::vector<port_record> active_ports = [] {
+        std::vector<port_record> list(std::begin(ports), std::end(ports));
+        for (port_record& port : list) {
+            port.lid = port.assigned_lid;
+            port.state = port.gid == gid_d ? fabric::link_state::down : fabric::link_state::active;
+        }
+        return list;
+    }();
+    const auto find = [](const auto& is_it) -> const port_record* {
+        const auto port = std::ranges::find_if(active_ports, is_it);
+        return port != active_ports.end() ? &*port : nullptr;
+    };
+    return {
+        .by_gid = [=](const fabric::gid_bytes& gid) { return find([&](const auto& port) { return port.gid == gid; }); },
+        .by_lid = [=](uint16_t lid) { return find([&](const auto& port) { return port.lid == lid; }); }};
 }
 
 record_t like_gid(const fabric::gid_bytes& gid)
@@ -80,7 +107,7 @@ const exchange exchanges[] = {
     {"delete_undefined_components", {a1}, request(del, all << 37, a1), insufficient, del_reply, a1, 1},
 
     {"get_table", {a1}, request(MAD_METHOD_GET_TABLE, 0, a1), 0x08, 0x92, a1, 1},
-    {"path_record", {a1}, with(request(get, by_gid, a1), attribute_byte, 0x35), 0x0C, reply, a1, 1},
+    {"node_record", {a1}, with(request(get, by_gid, a1), attribute_byte, 0x11), 0x0C, reply, a1, 1},
     {"base_version", {a1}, with(request(del, by_gid, a1), base_version_byte, 2), 0x04, del_reply, a1, 1},
     {"class_version", {}, with(request(set, all, a1), class_version_byte, 1), 0x04, reply, a1, 0},
 };
@@ -89,7 +116,7 @@ TEST(subnet_administrator, answers)
 {
     for (const exchange& row : exchanges) {
         SCOPED_TRACE(row.name);
-        subnet_administrator sa(3, is_known_gid);
+        subnet_administrator sa(3, directory());
         for (const record_t& record : row.records) EXPECT_TRUE(sa.records.set(record, 0));
         subnet_counts counts;
 
@@ -107,6 +134,86 @@ TEST(subnet_administrator, answers)
         unchanged.hdr.u = response.hdr.u;
         EXPECT_EQ(memcmp(&response, &unchanged, offsetof(sa_mad_v2_t, payload)), 0);
     }
+}
+
+// A request for a path: the ends by GID, unless they are by LID.
+struct path_exchange {
+    const char* name;
+    std::function<void(ib_path_record_wire_t&)> change; // of a request from gid_a to gid_b, with all components below
+    uint64_t removed_components;
+    uint16_t status;
+    uint16_t p_key; // of the answer
+};
+
+constexpr uint64_t bit(path_record_component_t component)
+{
+    return uint64_t{1} << component;
+}
+constexpr uint64_t by_gids = bit(PR_COMPONENT_DGID) | bit(PR_COMPONENT_SGID);
+constexpr uint64_t by_lids = bit(PR_COMPONENT_DLID) | bit(PR_COMPONENT_SLID);
+constexpr uint64_t path_components = by_gids | by_lids | bit(PR_COMPONENT_NUMB_PATH) | bit(PR_COMPONENT_P_KEY) |
+                                     bit(PR_COMPONENT_SL) | bit(PR_COMPONENT_MTU_SELECTOR) | bit(PR_COMPONENT_MTU);
+
+const path_exchange path_exchanges[] = {
+    {"all_components", [](auto&) {}, 0, 0, 0xFFFF},
+    {"by_gids", [](auto& path) { path.dlid = to_wire(uint16_t{9}); }, by_lids, 0, 0xFFFF},
+    {"by_lids", [](auto& path) { path.dgid = {}; }, by_gids, 0, 0xFFFF},
+    {"ends_disagree", [](auto& path) { path.dlid = to_wire(uint16_t{4}); }, 0, no_records, 0},
+    {"no_source", [](auto&) {}, bit(PR_COMPONENT_SGID) | bit(PR_COMPONENT_SLID), insufficient, 0},
+    {"no_destination", [](auto&) {}, bit(PR_COMPONENT_DGID) | bit(PR_COMPONENT_DLID), insufficient, 0},
+    {"unknown_gid", [](auto& path) { path.dgid = std::bit_cast<wire_gid_t>(gid_elsewhere); }, by_lids, invalid_gid, 0},
+    {"port_is_down", [](auto& path) { path.dgid = std::bit_cast<wire_gid_t>(gid_d); }, by_lids, no_records, 0},
+    {"limited_members_only", [](auto& path) { path.p_key = to_wire(uint16_t{5}); }, 0, no_records, 0},
+    {"other_partition", [](auto& path) { path.dgid = std::bit_cast<wire_gid_t>(gid_c); }, by_lids, no_records, 0},
+    {"no_path_wanted", [](auto& path) { path.reversible_numb_path = 0x80; }, 0, invalid, 0},
+    {"larger_mtu", [](auto& path) { path.mtu = 4; }, 0, no_records, 0},
+    {"other_sl", [](auto& path) { path.qos_class_sl = to_wire(uint16_t{1}); }, 0, no_records, 0},
+};
+
+TEST(subnet_administrator, paths)
+{
+    for (const path_exchange& row : path_exchanges) {
+        SCOPED_TRACE(row.name);
+        ib_path_record_wire_t path{};
+        path.sgid = std::bit_cast<wire_gid_t>(gid_a);
+        path.slid = to_wire(uint16_t{2});
+        path.dgid = std::bit_cast<wire_gid_t>(gid_b);
+        path.dlid = to_wire(uint16_t{3});
+        path.reversible_numb_path = 0x81;
+        path.p_key = to_wire(uint16_t{0xFFFF});
+        path.mtu = 3; // more than 1024 bytes
+        row.change(path);
+        sa_mad_v2_t request =
+            with(test::request(get, path_components & ~row.removed_components, {}), attribute_byte, 0x35);
+        memcpy(request.payload, &path, sizeof path);
+
+        subnet_administrator sa(1, directory());
+        subnet_counts counts;
+        fabric::mad_bytes mad = test::bytes_of(request);
+        EXPECT_TRUE(sa.answer(mad, 0, counts));
+
+        const auto response = std::bit_cast<sa_mad_v2_t>(mad);
+        EXPECT_EQ(from_wire(response.hdr.u.ns.status.raw16), row.status);
+        ib_path_record_wire_t answer;
+        memcpy(&answer, response.payload, sizeof answer);
+        if (row.status != 0) {
+            EXPECT_EQ(memcmp(&answer, &path, sizeof path), 0);
+            continue;
+        }
+        EXPECT_EQ(from_wire(answer.slid), 2);
+        EXPECT_EQ(from_wire(answer.dlid), 3);
+        EXPECT_EQ(std::to_array(answer.sgid.bytes), gid_a);
+        EXPECT_EQ(std::to_array(answer.dgid.bytes), gid_b);
+        EXPECT_EQ(from_wire(answer.p_key), row.p_key);
+        EXPECT_EQ(answer.mtu, 0x84);
+        EXPECT_EQ(answer.reversible_numb_path, 0x81);
+    }
+    sa_mad_v2_t request = with(test::request(set, path_components, {}), attribute_byte, 0x35);
+    fabric::mad_bytes mad = test::bytes_of(request);
+    subnet_administrator sa(1, directory());
+    subnet_counts counts;
+    EXPECT_TRUE(sa.answer(mad, 0, counts));
+    EXPECT_EQ(from_wire(std::bit_cast<sa_mad_v2_t>(mad).hdr.u.ns.status.raw16), 0x0C);
 }
 
 } // namespace

@@ -64,9 +64,8 @@ void make_response(sa_mad_v2_t& mad, uint16_t status)
 
 } // namespace
 
-subnet_administrator::subnet_administrator(size_t record_limit,
-                                           std::function<bool(const fabric::gid_bytes&)> is_known_gid)
-    : records(record_limit), is_known_gid_(std::move(is_known_gid))
+subnet_administrator::subnet_administrator(size_t record_limit, port_directory ports, const path_attributes& paths)
+    : records(record_limit), ports_(std::move(ports)), path_attributes_(paths)
 {
 }
 
@@ -76,11 +75,7 @@ bool subnet_administrator::answer(fabric::mad_bytes& bytes, uint64_t now_ticks, 
     if (!is_request(mad)) return false;
     count(mad.hdr, counts);
 
-    ib_service_record_v2_t record;
-    memcpy(&record, mad.payload, sizeof record);
-    const uint16_t status = serve(mad.hdr, from_wire(mad.component_mask), record, now_ticks);
-    if (status == 0) memcpy(mad.payload, &record, sizeof record);
-    make_response(mad, status);
+    make_response(mad, serve(mad, now_ticks));
     bytes = std::bit_cast<fabric::mad_bytes>(mad);
     return true;
 }
@@ -95,18 +90,46 @@ bool subnet_administrator::refuse(fabric::mad_bytes& bytes, uint16_t status, sub
     return true;
 }
 
-uint16_t subnet_administrator::serve(const mad_hdr_t& header, uint64_t component_mask, ib_service_record_v2_t& record,
-                                     uint64_t now_ticks)
+uint16_t subnet_administrator::serve(sa_mad_v2_t& mad, uint64_t now_ticks)
 {
-    if (header.base_ver != MAD_BASE_VERSION || header.class_ver != MAD_CLASS_VERSION_SUBN_ADM)
+    if (mad.hdr.base_ver != MAD_BASE_VERSION || mad.hdr.class_ver != MAD_CLASS_VERSION_SUBN_ADM)
         return MAD_STATUS_BAD_VERSION;
-    const uint8_t method = header.m.method;
+    const uint8_t method = mad.hdr.m.method;
     if (method != MAD_METHOD_GET && method != MAD_METHOD_SET && method != MAD_METHOD_DELETE)
         return MAD_STATUS_UNSUPPORTED_METHOD;
+    const uint64_t component_mask = from_wire(mad.component_mask);
+    const auto serve_record = [&](auto record, const auto& serve) {
+        memcpy(&record, mad.payload, sizeof record);
+        const uint16_t status = serve(record);
+        if (status == 0) memcpy(mad.payload, &record, sizeof record);
+        return status;
+    };
     // On the wire the AttributeID is in network order, whatever its declared type.
-    if (from_wire(std::bit_cast<be16_t>(header.attrib_id)) != SA_ATTR_SERVICE_RECORD)
+    switch (from_wire(std::bit_cast<be16_t>(mad.hdr.attrib_id))) {
+    case SA_ATTR_SERVICE_RECORD:
+        return serve_record(ib_service_record_v2_t{}, [&](ib_service_record_v2_t& record) {
+            return serve_service_record(method, component_mask, record, now_ticks);
+        });
+    case SA_ATTR_PATH_RECORD:
+        return serve_record(ib_path_record_wire_t{}, [&](ib_path_record_wire_t& record) {
+            return serve_path_record(method, component_mask, record);
+        });
+    default:
         return MAD_STATUS_UNSUPPORTED_METHOD_ATTRIBUTE;
+    }
+}
 
+// The subnet manager makes the paths; nobody else sets or deletes them.
+uint16_t subnet_administrator::serve_path_record(uint8_t method, uint64_t component_mask,
+                                                 ib_path_record_wire_t& record) const
+{
+    if (method != MAD_METHOD_GET) return MAD_STATUS_UNSUPPORTED_METHOD_ATTRIBUTE;
+    return find_path(ports_, path_attributes_, component_mask, record);
+}
+
+uint16_t subnet_administrator::serve_service_record(uint8_t method, uint64_t component_mask,
+                                                    ib_service_record_v2_t& record, uint64_t now_ticks)
+{
     switch (method) {
     case MAD_METHOD_SET:
         return set(component_mask, record, now_ticks);
@@ -123,7 +146,7 @@ uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2
     // A record without an ID and a GID could not be found again.
     constexpr uint64_t required = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
     if ((component_mask & required) != required) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
-    if (!is_known_gid_(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
+    if (!ports_.by_gid(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
 
     ib_service_record_v2_t result = components_of(component_mask, record);
     if (!(component_mask & component(SR_COMPONENT_SERVICE_LEASE)))

@@ -1,11 +1,11 @@
 // The Subnet Administrator, a function from request to response (IBA 15.4): SubnAdmSet, SubnAdmGet and SubnAdmDelete of
-// ServiceRecords. It answers with single datagrams. It has no RMPP, and therefore no SubnAdmGetTable. Class-specific
-// codes (IBA 15.2.4) are the high byte of a status word. There is no lock: the caller guards it.
+// ServiceRecords, and SubnAdmGet of PathRecords. It answers with single datagrams. It has no RMPP, and therefore no
+// SubnAdmGetTable. Class-specific codes (IBA 15.2.4) are the high byte of a status word. There is no lock: the caller
+// guards it.
 #pragma once
 
-#include <functional>
-
 #include "host/fabric/embedded/faults.h"
+#include "host/fabric/embedded/path-records.h"
 #include "host/fabric/embedded/service-records.h"
 
 namespace embedded
@@ -14,8 +14,8 @@ namespace embedded
 class subnet_administrator
 {
   public:
-    // `is_known_gid` is true for the GIDs of the ports of the subnet.
-    subnet_administrator(size_t record_limit, std::function<bool(const fabric::gid_bytes&)> is_known_gid);
+    // `ports` finds the ports of the subnet by GID and by LID; `paths` are the attributes of its paths.
+    subnet_administrator(size_t record_limit, port_directory ports, const path_attributes& paths = {});
 
     // Counts a request and turns it into its response, in place. False: it has no answer, because it is a response or a
     // datagram of another class.
@@ -27,14 +27,17 @@ class subnet_administrator
     service_records records;
 
   private:
-    // Each serves a request with `record` and returns the status word. If that is 0, it leaves in `record` the record
-    // that it stored, found or deleted; otherwise it leaves `record` alone.
-    uint16_t serve(const mad_hdr_t& header, uint64_t component_mask, ib_service_record_v2_t& record,
-                   uint64_t now_ticks);
+    // Each serves a request with its record and returns the status word. If that is 0, it leaves there the record
+    // that it stored, found or deleted; otherwise it leaves it alone.
+    uint16_t serve(sa_mad_v2_t& mad, uint64_t now_ticks);
+    uint16_t serve_service_record(uint8_t method, uint64_t component_mask, ib_service_record_v2_t& record,
+                                  uint64_t now_ticks);
+    uint16_t serve_path_record(uint8_t method, uint64_t component_mask, ib_path_record_wire_t& record) const;
     uint16_t set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks);
     uint16_t remove(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks);
 
-    std::function<bool(const fabric::gid_bytes&)> is_known_gid_;
+    const port_directory ports_;
+    const path_attributes path_attributes_;
 };
 
 } // namespace embedded

@@ -57,12 +57,9 @@ class name_list
 subnet::subnet(exec::executor& exec, subnet_options options)
     : exec_(exec), options_(std::move(options)), sm_lid_(options_.sm_lid), sm_sl_(options_.sm_sl),
       sa_(options_.service_record_limit,
-          [this](const fabric::gid_bytes& gid) {
-              uint64_t guid;
-              memcpy(&guid, gid.data() + 8, sizeof guid);
-              const auto port = port_by_guid_.find(__builtin_bswap64(guid));
-              return port != port_by_guid_.end() && port->second->gid == gid;
-          }),
+          {.by_gid = [this](const fabric::gid_bytes& gid) { return port_of(gid); },
+           .by_lid = [this](uint16_t lid) { return port_of(lid); }},
+          {.mtu = options_.mtu}),
       queue_(options_.queue_capacity), dice_(options_.fault_seed)
 {
     assert(is_unicast(sm_lid_));
@@ -125,6 +122,19 @@ void subnet::plug_port(subnet_hca& owner, uint64_t guid, const std::vector<uint1
     port_by_lid_.resize(std::max<size_t>(port_by_lid_.size(), lid + 1u));
     port_by_lid_[lid] = &owner.ports.back();
     port_by_guid_[guid] = &owner.ports.back();
+}
+
+const port_record* subnet::port_of(const fabric::gid_bytes& gid) const
+{
+    uint64_t guid;
+    memcpy(&guid, gid.data() + 8, sizeof guid);
+    const auto port = port_by_guid_.find(__builtin_bswap64(guid));
+    return port != port_by_guid_.end() && port->second->gid == gid ? port->second : nullptr;
+}
+
+const port_record* subnet::port_of(uint16_t lid) const
+{
+    return lid < port_by_lid_.size() ? port_by_lid_[lid] : nullptr;
 }
 
 ats::result<fabric::hca*> subnet::find(const std::string& host, const std::string& hca) const

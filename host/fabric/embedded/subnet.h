@@ -112,6 +112,8 @@ class subnet
     ats::result<> check(const std::string& host, const hca_description& description) const;
     ats::result<subnet_hca*> find_hca(const std::string& host, const std::string& hca) const;
     ats::result<port_record*> find_port(const std::string& host, const std::string& hca, int port) const;
+    const port_record* port_of(const fabric::gid_bytes& gid) const; // null: there is none; whatever its state
+    const port_record* port_of(uint16_t lid) const;
     ats::result<> change_link(const std::string& host, const std::string& hca, int port, fabric::link_state state);
     void announce(const port_record& port, fabric::port_change change);
     void wake_fabric(lock_guard& lock);

@@ -1,0 +1,29 @@
+// The datagrams with which IBAT asks the SA for paths (IBA 15.2.5.16). All functions are pure.
+#pragma once
+
+#include "ibat.h"
+#include "sa-mads.h"
+
+namespace ibat
+{
+
+// The port from which paths begin.
+struct source_port {
+    uint32_t number;
+    kq_gid_t gid;
+    kq_lid_t lid;
+    kq_lid_t sm_lid;
+    uint8_t sm_sl;
+    kq_p_key_t p_key;
+
+    bool operator==(const source_port&) const = default;
+};
+
+// A request for one reversible path to `destination` in the port's partition. The AttributeID is in host order, as GSI
+// wants it.
+sa_mad_v2_t path_request_mad(const source_port& source, const kq_gid_t& destination, uint32_t serial);
+
+// The path in an answer, in host order.
+ib_path_record_v2_t path_in(const sa_mad_v2_t& mad);
+
+} // namespace ibat

@@ -1,0 +1,306 @@
+// The path resolver's requests, from the first asker to the last callback.
+#include "host/peers/ibat/path-records.h"
+#include "host/peers/ibat/path-resolver.h"
+
+namespace ibat
+{
+namespace
+{
+
+constexpr uint8_t get_response = MAD_METHOD_GET | MAD_METHOD_RESPONSE;
+
+path_request* first_of(list_head* requests)
+{
+    return list_entry(requests->next, path_request, link);
+}
+
+bool has_come(unsigned long deadline)
+{
+    return static_cast<long>(jiffies - deadline) >= 0; // right across the wrap of the tick count
+}
+
+uint8_t method_of(const sa_mad_v2_t& mad)
+{
+    return static_cast<uint8_t>(mad.hdr.m.r << 7 | mad.hdr.m.method);
+}
+
+// True if the SA says that there is no such path.
+bool is_absence(uint16_t status)
+{
+    return status == status_word(SA_STATUS_NO_RECORDS) || status == status_word(SA_STATUS_REQ_INVALID_GID);
+}
+
+// True if the SA may answer the same request better later.
+bool is_temporary(uint16_t status)
+{
+    return (status & MAD_STATUS_COMMON_BITS) == MAD_STATUS_BUSY || status == status_word(SA_STATUS_NO_RESOURCES);
+}
+
+} // namespace
+
+// ---- requests ----
+
+// Joins or makes the request for the path. `arp_data` null: does not look into the cache.
+ibat_stat_t path_resolver::ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
+                               void* context)
+{
+    source_port source;
+    uint64_t generation;
+    if (!find_source(&source, &generation)) return ibat_stat_no_port;
+    auto* asker = static_cast<asker_t*>(kmalloc(sizeof(asker_t), GFP_KERNEL));
+    auto* new_request = static_cast<path_request*>(kmalloc(sizeof(path_request), GFP_KERNEL));
+    ibat_stat_t status = ibat_stat_error;
+    uint64_t request_id = 0; // of a new request, which the caller sends
+    if (asker && new_request) {
+        asker->callback = callback;
+        asker->context = context;
+        spin_guard guard(&lock_);
+        status = arp_data ? from_cache(gid, arp_data) : ibat_stat_pending; // an answer may have come in between
+        if (status == ibat_stat_pending) {
+            if (join(gid, asker, new_request)) {
+                request_id = new_request->id;
+                new_request = nullptr;
+            }
+            asker = nullptr;
+        }
+    }
+    kfree(asker);
+    kfree(new_request);
+    if (request_id != 0) send(gid, request_id);
+    return status;
+}
+
+// Gives `asker` to the request for the path. True: that is `new_request`, and the caller sends its first attempt. With
+// the lock held.
+bool path_resolver::join(const kq_gid_t& gid, asker_t* asker, path_request* new_request)
+{
+    path_request* request = requests_by_gid_.find(gid);
+    list_init(&asker->link);
+    if (request) {
+        list_add_tail(&asker->link, &request->askers);
+        return false;
+    }
+    new_request->gid = gid;
+    new_request->id = ++last_request_id_;
+    new_request->serial = 0;
+    new_request->attempts = 0;
+    new_request->was_sent = false;
+    list_init(&new_request->link);
+    list_init(&new_request->askers);
+    list_add_tail(&asker->link, &new_request->askers);
+    list_add_tail(&new_request->link, &sending_list_);
+    requests_by_gid_.insert(new_request);
+    ++counters_.pending;
+    return true;
+}
+
+int32_t path_resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* context)
+{
+    if (!is_open()) return 0;
+    int32_t withdrawn;
+    {
+        spin_guard guard(&lock_);
+        withdrawn = replies_.withdraw(callback, context);
+        for (list_head* requests : {&sending_list_, &waiting_list_}) {
+            for (list_head* link = requests->next; link != requests;) {
+                path_request* request = list_entry(link, path_request, link);
+                link = link->next;
+                withdrawn += withdraw_askers(&request->askers, callback, context);
+                if (list_empty(&request->askers)) give_up(request, ibat_stat_error); // no asker remains
+            }
+        }
+    }
+    replies_.wait_while_running(callback, context);
+    return withdrawn;
+}
+
+// ---- attempts and their deadlines ----
+
+// The request, unless it has ended; null: it has. With the lock held.
+path_request* path_resolver::find(const kq_gid_t& gid, uint64_t request_id) const
+{
+    path_request* request = requests_by_gid_.find(gid);
+    return request && request->id == request_id ? request : nullptr;
+}
+
+// Sends the next attempt of a request that stands in the sending list. The request may end at any moment without the
+// lock, and its memory is then freed. Therefore it is looked up again.
+void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
+{
+    attempt attempt;
+    if (!begin_attempt(gid, request_id, &attempt)) return;
+    const bool was_sent = ports_.send(attempt.source, path_request_mad(attempt.source, gid, attempt.serial));
+    spin_guard guard(&lock_);
+    if (!was_sent)
+        ++counters_.refused;
+    else if (attempt.is_retry)
+        ++counters_.retries;
+    else
+        ++counters_.requests;
+    path_request* request = find(gid, request_id);
+    if (!request) return;
+    request->was_sent |= was_sent;
+    await_answer(request);
+}
+
+// Counts an attempt and gives it a serial number. False: the request has ended, or it ends here because no port is
+// active.
+bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt)
+{
+    while (true) {
+        uint64_t generation;
+        const bool has_source = find_source(&attempt->source, &generation);
+        spin_guard guard(&lock_);
+        path_request* request = find(gid, request_id);
+        if (!request) return false;
+        if (!has_source) {
+            give_up(request, ibat_stat_no_port);
+            return false;
+        }
+        if (generation != generation_) continue; // an event has made the source false
+        assert(request->serial == 0 && request->attempts < limits_.attempts);
+        request->serial = free_serial();
+        request->port_number = attempt->source.number;
+        requests_by_serial_.insert(request);
+        attempt->serial = request->serial;
+        attempt->is_retry = request->attempts++ > 0;
+        return true;
+    }
+}
+
+// A number that no attempt has. With the lock held.
+uint32_t path_resolver::free_serial()
+{
+    do last_serial_ = last_serial_ == gsi_joined_transaction_bits ? 1 : last_serial_ + 1;
+    while (requests_by_serial_.find(last_serial_));
+    return last_serial_;
+}
+
+// From here on no answer to the attempt counts. With the lock held.
+void path_resolver::void_attempt(path_request* request)
+{
+    if (request->serial == 0) return;
+    requests_by_serial_.remove(request);
+    request->serial = 0;
+}
+
+// Lets a request wait for its answer until the next attempt. If every attempt was refused, gives it up at once. With
+// the lock held.
+void path_resolver::await_answer(path_request* request)
+{
+    if (!request->was_sent && request->attempts >= limits_.attempts) {
+        give_up(request, ibat_stat_error);
+        return;
+    }
+    const bool is_void = request->serial == 0; // an event came during the attempt: it is repeated at once
+    request->deadline = is_void ? jiffies : jiffies + limits_.retry_ticks;
+    list_del_init(&request->link);
+    if (is_void)
+        list_add(&request->link, &waiting_list_);
+    else
+        list_add_tail(&request->link, &waiting_list_); // all wait equally long: this is the order of the deadlines
+    if (is_void) is_retry_armed_ = false;              // moves the timer
+    arm_retry();
+}
+
+// With the lock held.
+void path_resolver::arm_retry()
+{
+    assert(is_held(lock_));
+    if (is_retry_armed_ || list_empty(&waiting_list_)) return;
+    is_retry_armed_ = true;
+    retry_timer_.expires = first_of(&waiting_list_)->deadline;
+    add_timing(&retry_timer_);
+}
+
+// The retry timer's handler. May sleep.
+void path_resolver::retry_due()
+{
+    kq_gid_t gid;
+    uint64_t request_id;
+    while (next_due(&gid, &request_id)) send(gid, request_id);
+}
+
+// Gives up the requests that are due and have no attempt left. True: the caller sends the next attempt of another
+// request that is due, and has moved to the sending list.
+bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
+{
+    spin_guard guard(&lock_);
+    while (!list_empty(&waiting_list_) && has_come(first_of(&waiting_list_)->deadline)) {
+        path_request* request = first_of(&waiting_list_);
+        void_attempt(request);
+        if (request->attempts < limits_.attempts) {
+            list_del_init(&request->link);
+            list_add_tail(&request->link, &sending_list_);
+            *gid = request->gid;
+            *request_id = request->id;
+            return true;
+        }
+        ++counters_.timeouts;
+        give_up(request, ibat_stat_timeout);
+    }
+    is_retry_armed_ = false;
+    arm_retry();
+    return false;
+}
+
+// ---- answers ----
+
+void path_resolver::take_answer(const sa_mad_v2_t& mad)
+{
+    const auto serial = static_cast<uint32_t>(from_wire(mad.hdr.transact_id) & gsi_joined_transaction_bits);
+    const uint16_t status = from_wire(mad.hdr.u.ns.status.raw16);
+    spin_guard guard(&lock_);
+    path_request* request = serial != 0 ? requests_by_serial_.find(serial) : nullptr;
+    if (!request || method_of(mad) != get_response || mad.hdr.attrib_id != SA_ATTR_PATH_RECORD) {
+        ++counters_.strays;
+        return;
+    }
+    const ib_path_record_v2_t path = path_in(mad);
+    assert(has_source_); // an attempt whose source is false has no serial number
+    const bool is_path = status == 0 && path.dgid == request->gid && path.sgid == source_.gid;
+    if (is_path) return take_path(request, path);
+    if (is_absence(status)) {
+        ++counters_.absences;
+        cache_.forget(request->gid);
+        return give_up(request, ibat_stat_no_path);
+    }
+    ++counters_.errors;
+    if (status == 0 || is_temporary(status))
+        void_attempt(request); // the deadline brings the next attempt
+    else
+        give_up(request, ibat_stat_refused);
+}
+
+// With the lock held.
+void path_resolver::take_path(path_request* request, const ib_path_record_v2_t& path)
+{
+    ++counters_.answers;
+    cache_.store(request->gid, path, request->port_number);
+    ibat_arp_data_t answer{};
+    fill_path_record(request->gid, path, request->port_number, &answer);
+    complete(request, ibat_stat_ok, answer);
+}
+
+// Ends a request: queues the callbacks of its askers and frees it. With the lock held.
+void path_resolver::complete(path_request* request, ibat_stat_t status, const ibat_arp_data_t& answer)
+{
+    while (!list_empty(&request->askers)) {
+        asker_t* asker = list_entry(request->askers.next, asker_t, link);
+        list_del_init(&asker->link);
+        replies_.owe(asker, status, answer);
+    }
+    assert(counters_.pending > 0);
+    void_attempt(request);
+    requests_by_gid_.remove(request);
+    list_del_init(&request->link);
+    kfree(request);
+    --counters_.pending;
+}
+
+void path_resolver::give_up(path_request* request, ibat_stat_t status)
+{
+    complete(request, status, gid_record(request->gid));
+}
+
+} // namespace ibat

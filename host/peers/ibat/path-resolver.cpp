@@ -1,0 +1,228 @@
+// The path resolver's opening and closing, its source port and its lookups. Its requests: path-requests.cpp.
+#include "host/peers/ibat/path-resolver.h"
+
+#include "host/peers/ibat/path-records.h"
+
+namespace ibat
+{
+namespace
+{
+
+constexpr size_t expected_requests = 512;
+
+} // namespace
+
+void path_resolver::prepare(const path_limits& limits, kq_async_event_fn_t event)
+{
+    limits_ = limits;
+    event_ = event;
+    sema_init_named(&opening_, 1, "ibat paths");
+    is_open_ = false;
+    provider_port_ = 0;
+    spin_lock_init(&lock_);
+    counters_ = {};
+    has_source_ = false;
+    generation_ = 0;
+    list_init(&sending_list_);
+    list_init(&waiting_list_);
+    last_request_id_ = 0;
+    last_serial_ = 0;
+    is_retry_armed_ = false;
+    init_timing(&retry_timer_);
+    retry_timer_.function = [](unsigned long self) { reinterpret_cast<path_resolver*>(self)->retry_due(); };
+    retry_timer_.data = reinterpret_cast<unsigned long>(this);
+    replies_.open(&lock_);
+}
+
+// Opens what the first question needs. False: something was refused; the next question tries again.
+bool path_resolver::open()
+{
+    if (is_open()) return true;
+    down(&opening_);
+    const bool is_opened = is_open() || open_all();
+    up(&opening_);
+    return is_opened;
+}
+
+bool path_resolver::open_all()
+{
+    const auto received = [](gsi_class_handle_t, void* self, gsi_dtgrm_t* datagram) {
+        sa_mad_v2_t mad;
+        memcpy(&mad, datagram->mad, sizeof mad);
+        gsi_dtgrm_pool_put(datagram);
+        static_cast<path_resolver*>(self)->take_answer(mad);
+    };
+    if (cache_.open(limits_.capacity, limits_.lifetime_ticks)) {
+        if (requests_by_gid_.open(expected_requests)) {
+            if (requests_by_serial_.open(expected_requests)) {
+                is_open_.store(ports_.open({.received = received, .context = this, .event = event_}),
+                               std::memory_order_release);
+                if (is_open()) return true;
+                requests_by_serial_.close();
+            }
+            requests_by_gid_.close();
+        }
+        cache_.close();
+    }
+    return false;
+}
+
+void path_resolver::close()
+{
+    if (!is_open()) return;
+    {
+        spin_guard guard(&lock_);
+        for (list_head* requests : {&sending_list_, &waiting_list_}) {
+            while (!list_empty(requests)) give_up(list_entry(requests->next, path_request, link), ibat_stat_error);
+        }
+    }
+    del_timing_sync(&retry_timer_);
+    ports_.close();
+    replies_.close();
+    is_open_ = false;
+    cache_.close();
+    requests_by_gid_.close();
+    requests_by_serial_.close();
+}
+
+// ---- the source port ----
+
+// The port from which paths begin now, and the generation for which that holds. False: no port is active. May sleep.
+bool path_resolver::find_source(source_port* source, uint64_t* generation)
+{
+    {
+        spin_guard guard(&lock_);
+        *generation = generation_;
+        if (has_source_) {
+            *source = source_;
+            return true;
+        }
+    }
+    if (!find_active_port(source)) return false;
+    spin_guard guard(&lock_);
+    if (*generation == generation_) {
+        source_ = *source;
+        has_source_ = true;
+    }
+    return true;
+}
+
+// Prefers the port that the provider of addresses uses. When its link is down, the provider has taken another one.
+bool path_resolver::find_active_port(source_port* source) const
+{
+    const uint32_t provider_port = provider_port_;
+    if (ports_.read(provider_port, source)) return true;
+    for (uint32_t number = 1; number <= static_cast<uint32_t>(ports_.count()); ++number)
+        if (number != provider_port && ports_.read(number, source)) return true;
+    return false;
+}
+
+// The source has become false, or may have. With the lock held.
+void path_resolver::leave_source()
+{
+    assert(is_held(lock_));
+    ++generation_;
+    if (!has_source_) return;
+    has_source_ = false;
+    counters_.drops += static_cast<uint64_t>(cache_.clear());
+    for (list_head* requests : {&sending_list_, &waiting_list_})
+        for (list_head* link = requests->next; link != requests; link = link->next) {
+            path_request* request = list_entry(link, path_request, link);
+            void_attempt(request);
+            request->deadline = jiffies; // of all: the waiting list stays in the order of the deadlines
+        }
+    if (list_empty(&waiting_list_)) return;
+    is_retry_armed_ = false; // moves the timer
+    arm_retry();
+}
+
+void path_resolver::note_provider_port(uint32_t number)
+{
+    if (number == 0 || provider_port_.exchange(number) == number || !is_open()) return;
+    spin_guard guard(&lock_);
+    if (!has_source_ || source_.number != number) leave_source();
+}
+
+void path_resolver::take_event(const kq_event_record_st& event)
+{
+    // Verbs reports an active port to a new subscriber, too. That changes nothing.
+    if (event.event_type == kq_async_r_port_link_up && is_same_source(event.port_num)) return;
+    spin_guard guard(&lock_);
+    if (!has_source_ || source_.number == event.port_num) leave_source();
+}
+
+// True if the port is the source and still has the attributes that it had.
+bool path_resolver::is_same_source(uint32_t port_number)
+{
+    source_port port_now;
+    if (!ports_.read(port_number, &port_now)) return false;
+    spin_guard guard(&lock_);
+    return has_source_ && source_ == port_now;
+}
+
+// ---- lookups ----
+
+// Answers from the cache. ibat_stat_pending: the cache has no path. With the lock held.
+ibat_stat_t path_resolver::from_cache(const kq_gid_t& gid, ibat_arp_data_t* arp_data) const
+{
+    const cached_path* entry = cache_.find(gid);
+    if (!entry) return ibat_stat_pending;
+    fill_path_record(gid, entry->path, entry->port_number, arp_data);
+    return ibat_stat_ok;
+}
+
+ibat_stat_t path_resolver::cached(const kq_gid_t& gid, ibat_arp_data_t* arp_data)
+{
+    if (!arp_data || !is_open()) return ibat_stat_error;
+    spin_guard guard(&lock_);
+    if (from_cache(gid, arp_data) != ibat_stat_ok) return ibat_stat_error;
+    ++counters_.lookups;
+    ++counters_.hits;
+    return ibat_stat_ok;
+}
+
+ibat_stat_t path_resolver::get(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
+                               void* context)
+{
+    if (gid == kq_gid_t{} || !arp_data || !callback || !open()) return ibat_stat_error;
+    {
+        spin_guard guard(&lock_);
+        ++counters_.lookups;
+        if (from_cache(gid, arp_data) == ibat_stat_ok) {
+            ++counters_.hits;
+            return ibat_stat_ok;
+        }
+    }
+    return ask(gid, arp_data, callback, context);
+}
+
+ibat_stat_t path_resolver::refresh(const kq_gid_t& gid, ibat_get_ib_data_reply_fn_t callback, void* context)
+{
+    if (gid == kq_gid_t{} || !callback || !open()) return ibat_stat_error;
+    return ask(gid, nullptr, callback, context);
+}
+
+// ---- orders and reports ----
+
+void path_resolver::forget(const kq_gid_t& gid)
+{
+    if (!is_open()) return;
+    spin_guard guard(&lock_);
+    counters_.drops += static_cast<uint64_t>(cache_.forget(gid));
+}
+
+void path_resolver::flush()
+{
+    if (!is_open()) return;
+    spin_guard guard(&lock_);
+    counters_.drops += static_cast<uint64_t>(cache_.clear());
+}
+
+ibat_path_counters_t path_resolver::counters()
+{
+    spin_guard guard(&lock_);
+    counters_.entries = is_open() ? static_cast<uint64_t>(cache_.count()) : 0;
+    return counters_;
+}
+
+} // namespace ibat

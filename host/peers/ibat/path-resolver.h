@@ -1,0 +1,131 @@
+// Finds paths from the host's active port to GIDs, in the cache or by asking the SA. There is one request per GID,
+// whatever the number of askers. It is repeated until an answer comes or the attempts are used up. Every attempt has a
+// serial number, by which its answer is recognised.
+//
+// An event of the port makes the paths false: the cache is emptied, and answers to attempts from before it are ignored;
+// their requests are repeated at once.
+//
+// Nothing is opened, and nothing of the host is used, until somebody asks for a path. One spin lock guards everything.
+// No code sleeps or calls another module while holding it.
+#pragma once
+
+#include <atomic>
+
+#include "host/peers/ibat-path-exports.h"
+#include "host/peers/ibat/path-cache.h"
+#include "host/peers/ibat/sa-ports.h"
+#include "host/peers/reply-queue.h"
+
+namespace ibat
+{
+
+struct path_limits {
+    int32_t capacity;
+    unsigned long lifetime_ticks;
+    int32_t attempts; // in all
+    unsigned long retry_ticks;
+};
+
+// A request for the path to one GID.
+struct path_request {
+    list_head link; // in the sending list or in the waiting list
+    path_request* next_by_gid;
+    path_request* next_by_serial;
+    kq_gid_t gid;
+    uint64_t id;     // distinguishes it from an earlier request for the same GID
+    uint32_t serial; // of the attempt whose answer counts; 0: none
+    uint32_t port_number;
+    list_head askers;
+    int32_t attempts; // so far
+    bool was_sent;    // at least one attempt was sent
+    unsigned long deadline;
+};
+
+// ibat-path-exports.h describes the calls.
+class path_resolver
+{
+  public:
+    // Before every other call. `event` passes the events of the HCA to take_event().
+    void prepare(const path_limits& limits, kq_async_event_fn_t event);
+
+    // Ends every request with an error and frees everything. May sleep.
+    void close();
+
+    ibat_stat_t get(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
+                    void* context);
+    ibat_stat_t refresh(const kq_gid_t& gid, ibat_get_ib_data_reply_fn_t callback, void* context);
+    ibat_stat_t cached(const kq_gid_t& gid, ibat_arp_data_t* arp_data);
+    int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
+    ibat_path_counters_t counters();
+
+    // True once somebody has asked for a path. Any context.
+    bool is_open() const { return is_open_.load(std::memory_order_acquire); }
+
+    // The provider of addresses uses this port now. Any context.
+    void note_provider_port(uint32_t number);
+
+    // Drops the path to a GID, or all paths; requests go on. Any context.
+    void forget(const kq_gid_t& gid);
+    void flush();
+
+    // May sleep.
+    void take_event(const kq_event_record_st& event);
+
+  private:
+    struct attempt {
+        source_port source;
+        kq_gid_t gid;
+        uint64_t request_id;
+        uint32_t serial;
+        bool is_retry;
+    };
+
+    bool open();
+    bool open_all();
+    bool find_source(source_port* source, uint64_t* generation);
+    bool find_active_port(source_port* source) const;
+    ibat_stat_t from_cache(const kq_gid_t& gid, ibat_arp_data_t* arp_data) const;
+    ibat_stat_t ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
+                    void* context);
+    bool join(const kq_gid_t& gid, asker_t* asker, path_request* new_request);
+    void send(const kq_gid_t& gid, uint64_t request_id);
+    bool begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt);
+    path_request* find(const kq_gid_t& gid, uint64_t request_id) const;
+    uint32_t free_serial();
+    void void_attempt(path_request* request);
+    void await_answer(path_request* request);
+    void arm_retry();
+    void retry_due();
+    bool next_due(kq_gid_t* gid, uint64_t* request_id);
+    void take_answer(const sa_mad_v2_t& mad);
+    void take_path(path_request* request, const ib_path_record_v2_t& path);
+    void complete(path_request* request, ibat_stat_t status, const ibat_arp_data_t& answer);
+    void give_up(path_request* request, ibat_stat_t status);
+    void leave_source();
+    bool is_same_source(uint32_t port_number);
+
+    path_limits limits_;
+    kq_async_event_fn_t event_;
+    semaphore opening_;
+    std::atomic<bool> is_open_;
+    std::atomic<uint32_t> provider_port_; // 0: unknown
+
+    spinlock_t lock_;
+    sa_ports ports_;
+    path_cache cache_;
+    ibat_path_counters_t counters_;
+    source_port source_;
+    bool has_source_;     // source_ is the active port, as far as the events tell
+    uint64_t generation_; // counts the events that made a source false
+    hash_index<path_request, kq_gid_t, &path_request::gid, &path_request::next_by_gid> requests_by_gid_;
+    hash_index<path_request, uint32_t, &path_request::serial, &path_request::next_by_serial> requests_by_serial_;
+    list_head sending_list_; // requests of which an attempt is being sent
+    list_head waiting_list_; // requests that wait for an answer, earliest deadline first
+    uint64_t last_request_id_;
+    uint32_t last_serial_;
+    bool is_retry_armed_; // or its handler runs
+    timing_t retry_timer_;
+    reply_queue replies_;
+};
+
+} // namespace ibat
