@@ -2,9 +2,11 @@
 // has queued: a new entry is served after at most one entry of every other user. Not thread-safe.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include <sys/types.h>
@@ -32,11 +34,21 @@ class rotation
         return entry->second;
     }
 
-    // Takes one entry out of the queue whose turn it is.
-    auto pop()
+    // The key whose turn it is among those that may have one. Nothing: none of them has an entry.
+    template <class test_t>
+    std::optional<key_t> first(const test_t& may_have_turn) const
     {
-        const key_t key = turns_.front();
-        turns_.pop_front();
+        const auto turn = std::ranges::find_if(turns_, may_have_turn);
+        return turn == turns_.end() ? std::nullopt : std::optional(*turn);
+    }
+
+    // Takes one entry out of the queue whose turn it is.
+    auto pop() { return pop(turns_.front()); }
+
+    // The same out of the queue of `key`, which has an entry.
+    auto pop(key_t key)
+    {
+        turns_.erase(std::ranges::find(turns_, key));
         const auto queue = queues_.find(key);
         auto entry = queue->second.pop();
         if (queue->second.is_empty())
@@ -78,6 +90,16 @@ class fair_queue
 
     // The next entry. The queue is not empty.
     entry_t pop() { return users_.pop(); }
+
+    // The user whose turn it is among those that may have one. Nothing: none of them has an entry.
+    template <class test_t>
+    std::optional<uid_t> first(const test_t& may_have_turn) const
+    {
+        return users_.first(may_have_turn);
+    }
+
+    // The next entry of a user who has one.
+    entry_t pop(uid_t user) { return users_.pop(user); }
 
     // Drops what a connection has queued.
     void remove(const queue_place& place)

@@ -1,11 +1,13 @@
 #include "cli/server/workers.h"
 
+#include <algorithm>
+
 #include "host/exec/shortage.h"
 
 namespace cli
 {
 
-workers::workers(size_t threads)
+workers::workers(size_t threads) : most_of_user_(std::max<size_t>(threads / 2, 1))
 {
     try {
         for (size_t i = 0; i < threads; ++i) threads_.push_back(exec::new_thread([this] { work(); }));
@@ -41,16 +43,27 @@ void workers::remove(const queue_place& place)
     queue_.remove(place);
 }
 
+std::optional<uid_t> workers::next_user() const
+{
+    return queue_.first([&](uid_t user) {
+        const auto jobs = running_.find(user);
+        return jobs == running_.end() || jobs->second < most_of_user_;
+    });
+}
+
 void workers::work()
 {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [&] { return is_stopping_ || !queue_.is_empty(); });
+        std::optional<uid_t> user;
+        changed_.wait(lock, [&] { return is_stopping_ || (user = next_user()); });
         if (is_stopping_) return;
-        const std::function<void()> job = queue_.pop();
+        const std::function<void()> job = queue_.pop(*user);
+        ++running_[*user];
         lock.unlock();
         job();
         lock.lock();
+        if (--running_[*user] == 0) running_.erase(*user);
     }
 }
 

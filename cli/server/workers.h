@@ -1,9 +1,12 @@
-// The few threads that carry out what may take its time: orders, the status, verifications. Users take turns.
+// The few threads that carry out what may take its time: orders, the status, verifications. Users take turns, and one
+// user's jobs take half of the threads at most: those of others go on while his wait for a silent SA.
 #pragma once
 
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -28,10 +31,13 @@ class workers
 
   private:
     void work();
+    std::optional<uid_t> next_user() const; // with mutex_ held
 
-    std::mutex mutex_; // guards the next three
+    const size_t most_of_user_;
+    std::mutex mutex_; // guards the next four
     std::condition_variable changed_;
     fair_queue<std::function<void()>> queue_;
+    std::map<uid_t, size_t> running_; // jobs by user
     bool is_stopping_ = false;
     std::vector<std::thread> threads_;
 };

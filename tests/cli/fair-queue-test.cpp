@@ -1,7 +1,9 @@
+#include <atomic>
+#include <future>
 #include <gmock/gmock.h>
 #include <string>
 
-#include "cli/server/fair-queue.h"
+#include "cli/server/workers.h"
 
 namespace
 {
@@ -37,6 +39,28 @@ TEST(fair_queue, users_take_turns_and_so_do_their_connections)
     queue.remove({3, 30});
     queue.remove({3, 30});
     EXPECT_TRUE(queue.is_empty());
+}
+
+// While one user's jobs wait for a silent SA, another user's jobs are carried out one after another.
+TEST(workers, leave_half_of_their_threads_to_other_users)
+{
+    std::promise<void> end;
+    const std::shared_future<void> ended = end.get_future().share();
+    std::atomic<int> waiting = 0, carried_out = 0;
+    cli::workers workers(4);
+    for (int i = 0; i < 8; ++i)
+        workers.push({1, 10}, [&] {
+            ++waiting;
+            ended.wait();
+        });
+    std::function<void()> push_next = [&] {
+        if (++carried_out < 8) workers.push({2, 20}, push_next);
+    };
+    workers.push({2, 20}, push_next);
+    while ((carried_out < 8 || waiting < 2) && waiting <= 2) std::this_thread::yield();
+    EXPECT_EQ(waiting, 2);
+    end.set_value();
+    while (waiting < 8 || carried_out < 8) std::this_thread::yield(); // the rest has its turn
 }
 
 } // namespace
