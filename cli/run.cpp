@@ -11,9 +11,11 @@
 #include <unistd.h>
 
 #include "cli/acm/door.h"
+#include "cli/acm/turn-away.h"
 #include "cli/mount/proc-mount.h"
 #include "cli/server/server.h"
 #include "cli/service/fabric-arguments.h"
+#include "cli/service/registration.h"
 #include "cli/service/running-hosts.h"
 #include "cli/service/service-notice.h"
 #include "cli/socket/socket.h"
@@ -29,6 +31,8 @@ namespace cli
 
 namespace
 {
+
+using nlohmann::json;
 
 constexpr int most_numbered_hosts = 1000;
 
@@ -147,6 +151,21 @@ void report_acm(const ats::error& error)
               << std::endl;
 }
 
+bool has_registered(world::host& host)
+{
+    return std::ranges::all_of(registrations_of(host), [](const json& hca) { return hca.value("registered", false); });
+}
+
+// Programs that have waited for the restart need a path. There is none before the hosts are registered.
+void wait_for_registrations(const running_hosts& hosts, std::chrono::milliseconds limit)
+{
+    constexpr std::chrono::milliseconds period(5);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto is_ready = [](const auto& host) { return has_registered(*host); };
+    while (!std::ranges::all_of(hosts.all(), is_ready) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(period);
+}
+
 // Answers programs that use librdmacm, if configured; in any case those that an earlier process of the service served.
 struct acm_service {
     acm_service(server& server, running_hosts& hosts, const world_config& config, std::vector<kept_descriptor> kept)
@@ -170,6 +189,7 @@ ats::result<> serve_clients(const run_options& options, const world_config& conf
     const ats::result<std::unique_ptr<server>> server =
         server::start(hosts, std::move(socket), {config.access, config.limits});
     if (!server) return ats::pass_on(server);
+    if (!kept.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
     const acm_service acm(**server, hosts, config, std::move(kept));
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
@@ -178,14 +198,13 @@ ats::result<> serve_clients(const run_options& options, const world_config& conf
     return {};
 }
 
-// The exit code, or the error that kept the service from running.
-ats::result<int> run(const run_options& options)
+// The exit code, or the error that kept the service from running. Takes `kept` when the hosts are up.
+ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>& kept)
 {
     const ats::result<world_config> config = config_of(options);
     if (!config) return ats::pass_on(config);
     for (const std::string& warning : config->warnings)
         std::cerr << "ats: warning: " << world::printable_lines(warning) << std::endl;
-    std::vector<kept_descriptor> kept = take_kept_descriptors();
     const stop_signals signals;
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
     ats::result<std::unique_ptr<listening_socket>> socket =
@@ -206,6 +225,14 @@ ats::result<int> run(const run_options& options)
     if (!exec::reserve::is_used()) return exit_code;
     return ats::fail(ats::error_kind::no_memory,
                      "the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts");
+}
+
+ats::result<int> run(const run_options& options)
+{
+    std::vector<kept_descriptor> kept = take_kept_descriptors();
+    const ats::result<int> outcome = serve(options, kept);
+    acm::turn_away(std::move(kept));
+    return outcome;
 }
 
 } // namespace

@@ -2,9 +2,9 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <sys/socket.h>
 
+#include "cli/acm/store-names.h"
 #include "cli/service/access.h"
 
 namespace acm
@@ -12,9 +12,6 @@ namespace acm
 
 namespace
 {
-
-constexpr const char* listener_name = "acm-listener";
-constexpr const char* connection_name = "acm-"; // followed by a number
 
 // Beyond the limit of connections a user is still answered, with refusals. Beyond this multiple of it the door hangs
 // up.
@@ -24,11 +21,6 @@ template <class handle_t>
 uv_handle_t* handle(handle_t& specific)
 {
     return reinterpret_cast<uv_handle_t*>(&specific);
-}
-
-uint64_t number_in(const std::string& store_name)
-{
-    return std::strtoull(store_name.c_str() + std::string(connection_name).size(), nullptr, 10);
 }
 
 } // namespace
@@ -41,12 +33,11 @@ door::door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& c
     for (cli::kept_descriptor& descriptor : kept) {
         if (descriptor.name == listener_name)
             kept_listener_ = std::move(descriptor.file);
-        else if (descriptor.name.starts_with(connection_name))
+        else if (is_connection_name(descriptor.name))
             connections->push_back(std::move(descriptor));
     }
     loop_.post([this, connections] {
-        for (const cli::kept_descriptor& descriptor : *connections)
-            last_store_number_ = std::max(last_store_number_, number_in(descriptor.name));
+        last_store_number_ = last_number_in(*connections);
         for (cli::kept_descriptor& descriptor : *connections)
             admit(std::move(descriptor.file), std::move(descriptor.name));
     });
@@ -56,7 +47,6 @@ door::~door()
 {
     loop_.post([this] { close_all(); });
     closed_.get_future().wait();
-    if (listening_) cli::forget_descriptor(listener_name);
 }
 
 // ---- connections ----
@@ -64,14 +54,15 @@ door::~door()
 ats::result<> door::listen()
 {
     using cli::listening_socket;
+    const bool was_kept = kept_listener_.is_open();
     ats::result<std::unique_ptr<listening_socket>> opened;
-    if (kept_listener_.is_open()) opened = listening_socket::adopt(config_.socket, std::move(kept_listener_));
-    if (!opened || !*opened) {
-        cli::forget_descriptor(listener_name);
-        opened = listening_socket::open(config_.socket, true, "--acm-socket");
-    }
+    if (was_kept) opened = listening_socket::adopt(config_.socket, std::move(kept_listener_));
+    const bool is_adopted = opened && *opened;
+    if (was_kept && !is_adopted) cli::forget_descriptor(listener_name);
+    if (!is_adopted) opened = listening_socket::open(config_.socket, true, "--acm-socket");
     if (!opened) return ats::pass_on(opened);
     listening_ = std::move(*opened);
+    if (!is_adopted) cli::keep_descriptor(listener_name, listening_->duplicate().get());
     loop_.post([this] { start_accepting(); });
     return {};
 }
@@ -79,7 +70,6 @@ ats::result<> door::listen()
 void door::start_accepting()
 {
     accepting_ = listening_->duplicate();
-    cli::keep_descriptor(listener_name, accepting_.get());
     uv_poll_init(loop_.uv(), &listener_, accepting_.get()); // makes it non-blocking
     uv_timer_init(loop_.uv(), &pause_);
     open_handles_ = 2;
@@ -120,7 +110,7 @@ void door::admit(client::descriptor socket, std::string store_name)
     if (!peer) return;
     const size_t connections = ++connections_[peer->user];
     if (store_name.empty()) {
-        store_name = connection_name + std::to_string(++last_store_number_);
+        store_name = connection_name(++last_store_number_);
         if (!cli::keep_descriptor(store_name, socket.get())) store_name.clear();
     }
     const uint64_t number = routes_.new_number();
@@ -149,7 +139,9 @@ void door::close_all()
 {
     life_.reset();
     if (open_handles_ > 0) {
+        listening_.reset(); // removes the file: nobody else connects
         accept_all();
+        cli::forget_descriptor(listener_name);
         const auto closed = [](uv_handle_t* handle) {
             auto* self = static_cast<door*>(handle->data);
             --self->open_handles_;

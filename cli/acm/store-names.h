@@ -1,0 +1,39 @@
+// The names under which the service manager keeps the door's descriptors.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "cli/service/descriptor-store.h"
+
+namespace acm
+{
+
+constexpr const char* listener_name = "acm-listener";
+constexpr const char* connection_prefix = "acm-connection-"; // followed by a number
+
+inline std::string connection_name(uint64_t number)
+{
+    return connection_prefix + std::to_string(number);
+}
+
+inline bool is_connection_name(const std::string& name)
+{
+    return name.starts_with(connection_prefix);
+}
+
+// The highest number in use, so that new names are unique.
+inline uint64_t last_number_in(const std::vector<cli::kept_descriptor>& kept)
+{
+    const size_t prefix_size = std::string(connection_prefix).size();
+    uint64_t last = 0;
+    for (const cli::kept_descriptor& descriptor : kept)
+        if (is_connection_name(descriptor.name))
+            last = std::max<uint64_t>(last, std::strtoull(descriptor.name.c_str() + prefix_size, nullptr, 10));
+    return last;
+}
+
+} // namespace acm

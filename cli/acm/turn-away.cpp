@@ -1,0 +1,50 @@
+#include "cli/acm/turn-away.h"
+
+#include <array>
+#include <sys/socket.h>
+
+#include "cli/acm/messages.h"
+#include "cli/acm/store-names.h"
+
+namespace acm
+{
+
+namespace
+{
+
+void refuse_request(int socket)
+{
+    std::array<uint8_t, longest_message> bytes;
+    const ssize_t size = recv(socket, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (size <= 0) return;
+    const auto arrived = message_view(bytes).first(static_cast<size_t>(size));
+    if (length_of(arrived) != arrived.size()) return; // no program waits after sending this
+    const message answer = refusal(arrived, status::not_connected);
+    send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+// The connections that nobody has accepted yet.
+void accept_all(int listener, uint64_t last_number)
+{
+    while (true) {
+        const client::descriptor socket(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+        if (!socket.is_open()) return;
+        cli::keep_descriptor(connection_name(++last_number), socket.get());
+        refuse_request(socket.get());
+    }
+}
+
+} // namespace
+
+void turn_away(std::vector<cli::kept_descriptor> kept)
+{
+    const uint64_t last_number = last_number_in(kept);
+    for (const cli::kept_descriptor& descriptor : kept) {
+        if (is_connection_name(descriptor.name)) refuse_request(descriptor.file.get());
+        if (descriptor.name != listener_name) continue;
+        cli::forget_descriptor(listener_name);
+        accept_all(descriptor.file.get(), last_number); // the listener does not block
+    }
+}
+
+} // namespace acm
