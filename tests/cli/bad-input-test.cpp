@@ -130,7 +130,7 @@ TEST(bad_input, service_survives_clients_without_manners)
         {R"({"request":"control","command":"set_host_name \u0000\u0001"})", "output"},
         {R"({"request":"resolve","address":"10.0.0.1","cached":1})", "malformed"},
         {R"({"request":"resolve","address":"10.0.0.1","cached":true,"fresh":true})", "exclude each other"},
-        {R"({"request":"reverse","gid":"fe80::1","fresh":true})", "'fresh' is for addresses and paths only"},
+        {R"({"request":"reverse","gid":"fe80::1","fresh":true})", "'fresh' is for addresses only"},
         {R"({"request":"log","level":4294967296})", "a trace level is a number from 0"},
         {R"({"request":"ping","x":)" + std::string(30'000, '[') + std::string(30'000, ']') + "}", "members are texts"},
         {R"({"request":"ping"})" + std::string(100'000, ' '), "a line has at most 65536 bytes"},

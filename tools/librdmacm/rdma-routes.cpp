@@ -1,0 +1,36 @@
+// A program that uses librdmacm as others do: for each address on a line of its input it prints the DLID of the route
+// that rdma_getaddrinfo() finds, or "none".
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include <arpa/inet.h>
+#include <infiniband/sa.h>
+#include <rdma/rdma_cma.h>
+
+namespace
+{
+
+std::string route_to(const std::string& address)
+{
+    rdma_addrinfo hints{};
+    hints.ai_port_space = RDMA_PS_TCP;
+    rdma_addrinfo* found = nullptr;
+    constexpr const char* port = "7471"; // any
+    if (rdma_getaddrinfo(address.c_str(), port, &hints, &found) != 0) {
+        std::perror("rdma_getaddrinfo");
+        return "failed";
+    }
+    const auto* path = static_cast<const ibv_path_data*>(found->ai_route);
+    const std::string route = path ? "DLID " + std::to_string(ntohs(path->path.dlid)) : "none";
+    rdma_freeaddrinfo(found);
+    return route;
+}
+
+} // namespace
+
+int main()
+{
+    std::string address;
+    while (std::getline(std::cin, address)) std::cout << address << ' ' << route_to(address) << std::endl;
+}
