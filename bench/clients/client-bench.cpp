@@ -1,17 +1,23 @@
 // Measures a service from the side of its clients, on one machine: cached lookups one at
-// a time and in great number, connections at rest, and a thousand that ask at once.
+// a time and in great number, the same for paths as librdmacm asks for them, connections at rest, and a thousand that
+// ask.
 //   client-bench
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <vector>
 
+#include "cli/acm/wire.h"
 #include "client/ats/client.h"
+#include "client/descriptor.h"
 #include "tools/fabric/process.h"
 
 namespace
@@ -19,8 +25,12 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-constexpr size_t question_bytes = 52; // as in {"request":"resolve","address":"10.0.0.2","id":12345}
-constexpr size_t answer_bytes = 213;
+struct exchange {
+    size_t question_bytes, answer_bytes;
+};
+constexpr exchange lookup = {52, 213}; // {"request":"resolve","address":"10.0.0.2","id":12345}, and its answer
+constexpr exchange acm_lookup = {sizeof(acm::resolve_header) + sizeof(acm::entry),
+                                 sizeof(acm::resolve_header) + 2 * sizeof(acm::entry)};
 constexpr int rounds = 7; // of each figure the median counts
 
 struct closing {
@@ -54,7 +64,7 @@ double median(std::vector<double> figures)
 }
 
 // Rounds a second of a process that sends back an answer's bytes for a question's: what the socket itself costs.
-double ping_pong(int count)
+double ping_pong(int count, const exchange& exchange)
 {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) fail("no socket pair");
@@ -62,8 +72,8 @@ double ping_pong(int count)
     const bool is_child = child == 0;
     const int fd = ends[is_child ? 1 : 0];
     close(ends[is_child ? 0 : 1]);
-    std::vector<char> sent(is_child ? answer_bytes : question_bytes),
-        received(is_child ? question_bytes : answer_bytes);
+    std::vector<char> sent(is_child ? exchange.answer_bytes : exchange.question_bytes),
+        received(is_child ? exchange.question_bytes : exchange.answer_bytes);
     const auto begin = clock::now();
     for (int i = 0; i < count; ++i) {
         if (!is_child) send(fd, sent.data(), sent.size(), 0);
@@ -101,6 +111,40 @@ double submitted_lookups(const std::string& socket, size_t count, size_t window)
         answered += taken;
     }
     return static_cast<double>(count) / seconds_since(begin);
+}
+
+client::descriptor connected_to(const std::string& path)
+{
+    client::descriptor connection(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        fail("cannot connect to " + path);
+    return connection;
+}
+
+// Paths a second, asked for as librdmacm does.
+double acm_lookups(const std::string& path, int count)
+{
+    const client::descriptor connection = connected_to(path);
+    struct {
+        acm::resolve_header header{};
+        acm::entry destination{};
+    } request;
+    request.header.version = acm::protocol_version;
+    request.header.opcode = acm::opcode_resolve;
+    request.header.length = sizeof request;
+    request.destination.flags = acm::flag_destination;
+    request.destination.type = acm::type_ipv4;
+    std::memcpy(request.destination.content, &target, sizeof target);
+    std::array<char, acm_lookup.answer_bytes> answer;
+    const auto begin = clock::now();
+    for (int i = 0; i < count; ++i) {
+        send(connection.get(), &request, sizeof request, 0);
+        const ssize_t size = recv(connection.get(), answer.data(), answer.size(), 0);
+        if (size != static_cast<ssize_t>(answer.size())) fail("there is no path");
+    }
+    return count / seconds_since(begin);
 }
 
 double resident_mebibytes(pid_t pid)
@@ -165,7 +209,7 @@ void measure_lookups(const std::string& socket)
     constexpr int count = 20'000;
     std::vector<double> bare, blocking, shares, submitted;
     for (int i = 0; i < rounds; ++i) { // in turns, so that both see the same machine
-        bare.push_back(ping_pong(count));
+        bare.push_back(ping_pong(count, lookup));
         blocking.push_back(blocking_lookups(socket, count));
         shares.push_back(blocking.back() / bare.back());
         submitted.push_back(submitted_lookups(socket, size_t{10} * count, 1000));
@@ -173,6 +217,20 @@ void measure_lookups(const std::string& socket)
     std::printf("cached lookups, submitted  %9.0f /s   one connection, 1000 outstanding\n", median(submitted));
     std::printf("cached lookups, blocking   %9.0f /s   %.2f of a bare ping-pong of the same bytes (%.0f /s)\n",
                 median(blocking), median(shares), median(bare));
+}
+
+void measure_acm(const std::string& socket)
+{
+    constexpr int count = 20'000;
+    acm_lookups(socket, 1); // fills the cache
+    std::vector<double> bare, paths, shares;
+    for (int i = 0; i < rounds; ++i) {
+        bare.push_back(ping_pong(count, acm_lookup));
+        paths.push_back(acm_lookups(socket, count));
+        shares.push_back(paths.back() / bare.back());
+    }
+    std::printf("cached paths, librdmacm    %9.0f /s   %.2f of a bare ping-pong of the same bytes (%.0f /s)\n",
+                median(paths), median(shares), median(bare));
 }
 
 void measure_connections(const std::string& socket, pid_t service)
@@ -201,11 +259,13 @@ void run()
 {
     const std::string socket = "/tmp/ats-client-bench-" + std::to_string(getpid()) + ".sock";
     fabric_tools::process service(
-        {.arguments = {ATS_PROGRAM, "run", "--hosts", "3", "--socket", socket}, .output = socket + ".out"});
+        {.arguments = {ATS_PROGRAM, "run", "--hosts", "3", "--socket", socket, "--acm-socket", socket + ".acm"},
+         .output = socket + ".out"});
     if (!service.wait_line("up; clients are served")) fail("the service did not start: " + service.output());
     ats_answer_t answer;
     if (ats_resolve(open_client(socket).get(), target, nullptr, &answer) != ATS_OK) fail(answer.reason);
     measure_lookups(socket);
+    measure_acm(socket + ".acm");
     measure_connections(socket, service.pid());
     service.stop();
     unlink((socket + ".out").c_str());

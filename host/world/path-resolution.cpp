@@ -137,7 +137,7 @@ void ask_for_path(std::unique_ptr<path_question> question)
             status = (*question->get)(&gid, &record, take_reply, question.get());
     });
     if (status == ibat_stat_pending) {
-        static_cast<void>(question.release()); // the callback owns it, and may have destroyed it already
+        question.release(); // it may be gone already
         return;
     }
     take_path(question->answer, status, record);
