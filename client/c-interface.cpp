@@ -14,7 +14,8 @@
 // Programs that were built earlier rely on these layouts.
 static_assert(sizeof(ats_options_t) == 24 && offsetof(ats_options_t, host) == 16);
 static_assert(sizeof(ats_answer_t) == 240 && offsetof(ats_answer_t, gid) == 24 &&
-              offsetof(ats_answer_t, reason) == 48 && offsetof(ats_answer_t, reserved) == 208);
+              offsetof(ats_answer_t, reason) == 48 && offsetof(ats_answer_t, path) == 208);
+static_assert(sizeof(ats_path_t) == 32 && offsetof(ats_path_t, dlid) == 20 && offsetof(ats_path_t, sl) == 26);
 
 struct ats_client {
     explicit ats_client(std::string path) : client(std::move(path)) {}
@@ -79,6 +80,11 @@ ats_status_t no_arguments()
 ats_status_t no_fresh_gid()
 {
     return failed(ATS_INVALID, "ATS_FRESH is for addresses only");
+}
+
+ats_status_t no_verified_path()
+{
+    return failed(ATS_INVALID, "ATS_VERIFY is for addresses and GIDs only: ATS_FRESH asks the SA for a path");
 }
 
 ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const std::string& body, ats_answer_t* answer)
@@ -175,6 +181,33 @@ ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_
     return client::without_answer(status, answer);
 }
 
+ats_status_t ats_find_path(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer)
+{
+    if (answer) answer->status = ATS_OK;
+    if (!client || !answer) return client::without_answer(client::no_arguments(), answer);
+    const ats_status_t status = guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
+        return client::blocking(client, checked, client::path_body(address, *checked), answer);
+    });
+    return client::without_answer(status, answer);
+}
+
+ats_status_t ats_find_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
+                                  ats_answer_t* answer)
+{
+    if (answer) answer->status = ATS_OK;
+    if (!client || !gid || !answer) return client::without_answer(client::no_arguments(), answer);
+    const ats_status_t status = guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
+        return client::blocking(client, checked, client::path_body(gid, *checked), answer);
+    });
+    return client::without_answer(status, answer);
+}
+
 ats_status_t ats_submit_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag)
 {
     if (!client) return client::no_arguments();
@@ -193,6 +226,29 @@ ats_status_t ats_submit_reverse(ats_client_t* client, const uint8_t gid[16], con
         if (!checked) return ATS_INVALID;
         if (checked->flags & ATS_FRESH) return client::no_fresh_gid();
         return client->client.submit(*checked, tag, client::reverse_body(gid, *checked));
+    });
+}
+
+ats_status_t ats_submit_path(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag)
+{
+    if (!client) return client::no_arguments();
+    return guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
+        return client->client.submit(*checked, tag, client::path_body(address, *checked));
+    });
+}
+
+ats_status_t ats_submit_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
+                                    uint64_t tag)
+{
+    if (!client || !gid) return client::no_arguments();
+    return guarded([&] {
+        const ats_options_t* checked = client::checked(options);
+        if (!checked) return ATS_INVALID;
+        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
+        return client->client.submit(*checked, tag, client::path_body(gid, *checked));
     });
 }
 

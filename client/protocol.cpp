@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <charconv>
 #include <cstring>
 
 #include <nlohmann/json.hpp>
@@ -77,6 +78,59 @@ void read_error(const json& object, ats_answer_t& answer)
     set_reason(answer, text_of(object, "error"));
 }
 
+// Reads a number; false: it is missing, or too large.
+template <class number_t>
+bool read_number(const json& object, const char* key, number_t& number)
+{
+    const auto member = object.find(key);
+    if (member == object.end() || !member->is_number_unsigned()) return false;
+    const auto value = member->get<uint64_t>();
+    number = static_cast<number_t>(value);
+    return number == value;
+}
+
+// Reads a word like "0xFFFF".
+bool read_word(const json& object, const char* key, uint16_t& word)
+{
+    const std::string text = text_of(object, key);
+    if (!text.starts_with("0x")) return false;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data() + 2, end, word, 16);
+    return rest == end && error == std::errc();
+}
+
+// Reads a GID like "0x" and 32 digits, in network order.
+bool read_gid(const json& object, const char* key, uint8_t (&gid)[16])
+{
+    const std::string text = text_of(object, key);
+    if (text.size() != 2 + 2 * sizeof gid) return false;
+    for (size_t i = 0; i < sizeof gid; ++i) {
+        const char* const digits = text.data() + 2 + 2 * i;
+        if (std::from_chars(digits, digits + 2, gid[i], 16).ptr != digits + 2) return false;
+    }
+    return true;
+}
+
+bool read_path(const json& object, ats_path_t& path)
+{
+    return read_gid(object, "sgid", path.sgid) && read_number(object, "dlid", path.dlid) &&
+           read_number(object, "slid", path.slid) && read_word(object, "p_key", path.p_key) &&
+           read_number(object, "sl", path.sl) && read_number(object, "mtu", path.mtu) &&
+           read_number(object, "rate", path.rate) && read_number(object, "packet_lifetime", path.packet_lifetime) &&
+           read_number(object, "hop_limit", path.hop_limit) && read_number(object, "flow_label", path.flow_label) &&
+           read_number(object, "traffic_class", path.traffic_class);
+}
+
+// Reads what was found: a mapping, or a path, whose address may not be known.
+bool read_found(const json& object, ats_answer_t& answer)
+{
+    const bool is_path = object.contains("dlid");
+    const bool may_lack_address = is_path && !object.contains("address");
+    return (may_lack_address || inet_pton(AF_INET, text_of(object, "address").c_str(), &answer.address) == 1) &&
+           inet_pton(AF_INET6, text_of(object, "gid6").c_str(), answer.gid) == 1 &&
+           (!is_path || read_path(object, answer.path));
+}
+
 void read_answer(const json& object, ats_answer_t& answer)
 {
     answer.verified = -1;
@@ -87,11 +141,7 @@ void read_answer(const json& object, ats_answer_t& answer)
     const auto microseconds = object.find("microseconds");
     if (microseconds != object.end() && microseconds->is_number_unsigned())
         answer.microseconds = microseconds->get<uint64_t>();
-    if (answer.status == ATS_OK) {
-        const bool is_complete = inet_pton(AF_INET, text_of(object, "address").c_str(), &answer.address) == 1 &&
-                                 inet_pton(AF_INET6, text_of(object, "gid6").c_str(), answer.gid) == 1;
-        if (!is_complete) answer.status = ATS_INVALID;
-    }
+    if (answer.status == ATS_OK && !read_found(object, answer)) answer.status = ATS_INVALID;
     if (answer.status == ATS_INVALID)
         set_reason(answer, "the service's answer makes no sense: are it and this library of one version?");
     else
@@ -115,6 +165,20 @@ std::string resolve_body(uint32_t address, const ats_options_t& options)
 std::string reverse_body(const uint8_t gid[16], const ats_options_t& options)
 {
     std::string body = R"({"request":"reverse","gid":")" + address_text(AF_INET6, gid) + "\"";
+    append_options(body, options);
+    return body;
+}
+
+std::string path_body(uint32_t address, const ats_options_t& options)
+{
+    std::string body = R"({"request":"path","address":")" + address_text(AF_INET, &address) + "\"";
+    append_options(body, options);
+    return body;
+}
+
+std::string path_body(const uint8_t gid[16], const ats_options_t& options)
+{
+    std::string body = R"({"request":"path","gid":")" + address_text(AF_INET6, gid) + "\"";
     append_options(body, options);
     return body;
 }

@@ -18,6 +18,8 @@ std::string hello_line();
 // A question without its id, and the line that it makes with one. The id comes back in the answer.
 std::string resolve_body(uint32_t address, const ats_options_t& options);
 std::string reverse_body(const uint8_t gid[16], const ats_options_t& options);
+std::string path_body(uint32_t address, const ats_options_t& options);
+std::string path_body(const uint8_t gid[16], const ats_options_t& options);
 std::string line_of(const std::string& body, uint64_t id);
 
 // The body of a program's own request. Empty: it is not a JSON object with members.

@@ -29,6 +29,7 @@ struct resolve_options {
     std::vector<std::string> questions;
     bool must_verify = false;
     bool cache_only = false;
+    bool is_fresh = false;
 };
 
 // True if the lookup found a result and, with --verify, the SA confirmed it.
@@ -74,14 +75,22 @@ ats::result<json> resolve_name(service_client& service, const std::string& host_
     return answers;
 }
 
-// Describes `resolve` or `reverse`.
+// Describes `resolve`, `reverse` or `path`.
 struct resolution_command {
     std::string name; // the request has the same name
-    std::string key;  // names the question in the request
+    std::string key;  // names the question in the request; "": an address or a GID
     std::string summary;
     std::string argument;
     std::string argument_help;
 };
+
+// The member of the request that holds the question. A text of digits and points counts as an address, even if
+// mistyped.
+std::string key_of(const resolution_command& command, const std::string& question)
+{
+    if (!command.key.empty()) return command.key;
+    return question.find_first_not_of("0123456789.") == std::string::npos ? "address" : "gid";
+}
 
 // Returns an array of answers, or of one refusal. Only a host name can have several answers.
 ats::result<json> resolve_one(service_client& service, const resolve_options& options,
@@ -92,10 +101,10 @@ ats::result<json> resolve_one(service_client& service, const resolve_options& op
             return ats::fail(ats::error_kind::invalid, "--cached is for addresses: no cache knows host names");
         return resolve_name(service, question);
     }
-    const ats::result<json> answer = service.ask({{"request", command.name},
-                                                  {command.key, question},
-                                                  {"verify", options.must_verify},
-                                                  {"cached", options.cache_only}});
+    json request = {{"request", command.name}, {key_of(command, question), question}, {"cached", options.cache_only}};
+    if (options.must_verify) request["verify"] = true;
+    if (options.is_fresh) request["fresh"] = true;
+    const ats::result<json> answer = service.ask(request);
     return answer.map([](const json& only) { return json::array({only}); });
 }
 
@@ -105,10 +114,12 @@ int exit_code_of(const json& answer)
     return is_success(answer) ? console::exit_ok : console::exit_failed;
 }
 
-void show_answer_or_refusal(const client_options& common, const json& answer)
+void show_answer_or_refusal(const client_options& common, const resolution_command& command, const json& answer)
 {
     if (answer.contains("error"))
         std::cerr << "ats: " << world::printable_lines(answer.at("error").get<std::string>()) << std::endl;
+    else if (command.name == "path")
+        show_path(std::cout, with_gid_format(answer, common));
     else
         show_resolution(std::cout, with_gid_format(answer, common));
 }
@@ -130,7 +141,7 @@ ats::result<int> run_resolutions(const client_options& common, const resolve_opt
             if (common.as_json)
                 all_answers.push_back(answer);
             else
-                show_answer_or_refusal(common, answer);
+                show_answer_or_refusal(common, command, answer);
         }
     }
     if (common.as_json) console::show_json(std::cout, all_answers);
@@ -144,11 +155,14 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
     command->add_option(description.argument, options->questions, description.argument_help)
         ->required()
         ->option_text("...");
-    auto* verify = command->add_flag("--verify", options->must_verify,
-                                     "When the cache answers, ask the SA too, and say whether it was right");
-    verify->option_text(" "); // the help does not list excluded options; the error message names them
+    CLI::Option* at_the_sa =
+        description.name == "path"
+            ? command->add_flag("--fresh", options->is_fresh, "Ask the SA, whatever the cache knows")
+            : command->add_flag("--verify", options->must_verify,
+                                "When the cache answers, ask the SA too, and say whether it was right");
+    at_the_sa->option_text(" "); // the help does not list excluded options; the error message names them
     command->add_flag("--cached", options->cache_only, "Ask nobody: look in the cache only")
-        ->excludes(verify)
+        ->excludes(at_the_sa)
         ->option_text(" ");
     auto common = add_client_options(*command, one_host);
     add_gid_format_option(*command, *common);
@@ -254,6 +268,12 @@ void add_queries(CLI::App& program, ats::result<int>& outcome)
                      .summary = "Find the IPv4 address of GIDs",
                      .argument = "GID",
                      .argument_help = "0x and up to 32 hexadecimal digits, or as in fe80::1"});
+    add_resolutions(program, outcome,
+                    {.name = "path",
+                     .key = "",
+                     .summary = "Find the path to IPv4 addresses or GIDs",
+                     .argument = "DESTINATION",
+                     .argument_help = "An address as in 10.0.0.2, or a GID as in fe80::1"});
     add_log(program, outcome);
 }
 

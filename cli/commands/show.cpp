@@ -152,6 +152,20 @@ void show_resolution(std::ostream& output, const json& answer)
     output << fmt::format("{:.2f} ms{})", milliseconds, verification_text(answer)) << std::endl;
 }
 
+void show_path(std::ostream& output, const json& answer)
+{
+    output << field(answer, "asked") << "  ";
+    if (answer.at("status") == "ok")
+        output << fmt::format("{} LID {} from LID {}, SL {}, P_Key {}, MTU {}, {} Gbit/s", field(answer, "gid"),
+                              field(answer, "dlid"), field(answer, "slid"), field(answer, "sl"), field(answer, "p_key"),
+                              field(answer, "mtu_bytes"), field(answer, "rate_gbps"));
+    else
+        output << field(answer, "status") << ": " << field(answer, "reason");
+    output << "  (";
+    if (!answer.at("source").is_null()) output << "from the " << field(answer, "source") << ", ";
+    output << fmt::format("{:.2f} ms)", answer.at("microseconds").get<double>() / 1000) << std::endl;
+}
+
 void show_all_records(std::ostream& output, const json& answer)
 {
     show_records(output, answer, "The SA holds no ServiceRecord.\n");

@@ -13,6 +13,7 @@ using json = nlohmann::json;
 
 void show_status(std::ostream& output, const json& answer);
 void show_resolution(std::ostream& output, const json& answer);
+void show_path(std::ostream& output, const json& answer);
 void show_all_records(std::ostream& output, const json& answer);
 void show_selected_records(std::ostream& output, const json& answer); // after a filter: the SA may hold others
 void show_output(std::ostream& output, const json& answer);           // of a control command

@@ -1,5 +1,7 @@
 #include "cli/service/lookup-answer.h"
 
+#include <fmt/core.h>
+
 #include "console/record-answer.h"
 #include "host/world/text.h"
 
@@ -82,8 +84,11 @@ void add_path(std::string& line, const world::path_record& path)
     add_number(line, "sl", path.sl);
     add_text(line, "p_key", console::format_word(path.p_key));
     add_number(line, "mtu", path.mtu);
+    add_number(line, "mtu_bytes", mtu_bytes_of(path));
     add_number(line, "rate", path.rate);
+    line += fmt::format(",\"rate_gbps\":{}", gigabits_of(path));
     add_number(line, "packet_lifetime", path.packet_lifetime);
+    add_number(line, "packet_lifetime_microseconds", lifetime_microseconds_of(path));
     add_number(line, "hop_limit", path.hop_limit);
     add_number(line, "flow_label", path.flow_label);
     add_number(line, "traffic_class", path.traffic_class);

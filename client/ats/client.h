@@ -1,5 +1,5 @@
-/* libatsclient: asks the address translation service of this machine which port GID owns an IPv4 address, and the
- * other way round.
+/* libatsclient: asks the address translation service of this machine which port GID owns an IPv4 address, the other way
+ * round, and for the path to either.
  *
  * A blocking call in five lines:
  *
@@ -34,7 +34,7 @@ extern "C" {
 
 /* The version of this interface. A library of a higher minor version serves programs of a lower one. */
 #define ATS_CLIENT_MAJOR 1
-#define ATS_CLIENT_MINOR 0
+#define ATS_CLIENT_MINOR 1
 
 typedef struct ats_client ats_client_t;
 
@@ -58,7 +58,7 @@ typedef enum ats_source {
 /* Flags of a question. At most one of them. */
 #define ATS_CACHED_ONLY 1u /* ask nobody: look in the service's cache */
 #define ATS_VERIFY 2u      /* when the cache answers, ask the SA too */
-#define ATS_FRESH 4u       /* of an address: ask the SA whatever the cache knows */
+#define ATS_FRESH 4u       /* of an address or a path: ask the SA whatever the cache knows */
 
 #define ATS_DEFAULT_TIMEOUT_MS 5000
 
@@ -76,6 +76,22 @@ typedef struct ats_options {
         (uint32_t)sizeof(ats_options_t), 0, ATS_DEFAULT_TIMEOUT_MS, 0, NULL                                            \
     }
 
+/* A PathRecord (IBA 15.2.5.16): host order, in the standard's encodings. The path is reversible. It leads to the GID
+ * and the address of its answer; an address of zero is not known. Since version 1.1. */
+typedef struct ats_path {
+    uint8_t sgid[16]; /* network order: of the port on which the path begins */
+    uint32_t flow_label;
+    uint16_t dlid;
+    uint16_t slid;
+    uint16_t p_key;
+    uint8_t sl;
+    uint8_t mtu;             /* 1 is 256 bytes, 5 is 4096: enum ibv_mtu */
+    uint8_t rate;            /* enum ibv_rate */
+    uint8_t packet_lifetime; /* n: 4.096 microseconds times 2 to the n */
+    uint8_t hop_limit;
+    uint8_t traffic_class;
+} ats_path_t;
+
 typedef struct ats_answer {
     uint64_t tag;        /* as submitted; 0 of a blocking call */
     ats_status_t status; /* the other fields are filled as far as they are known */
@@ -85,7 +101,7 @@ typedef struct ats_answer {
     uint8_t gid[16];       /* network order */
     uint64_t microseconds; /* how long the service took */
     char reason[160];      /* of a status other than ATS_OK: one line for people */
-    uint64_t reserved[4];
+    ats_path_t path;       /* of a path that was asked for */
 } ats_answer_t;
 
 /* Makes a client for the service on the socket `path`; NULL: the default, see ats_default_socket(). It connects with
@@ -104,6 +120,12 @@ ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_optio
 ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                          ats_answer_t* answer);
 
+/* Finds the path from this machine to an address (network order), or to a GID. Otherwise like ats_resolve(). ATS_VERIFY
+ * is not for paths. Since version 1.1. */
+ats_status_t ats_find_path(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer);
+ats_status_t ats_find_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
+                                  ats_answer_t* answer);
+
 /* Submits a question and returns at once. Its answer, which carries `tag`, comes out of ats_collect(): exactly one for
  * each question submitted with ATS_OK, at the latest when its time is over. ATS_OK; ATS_INVALID: wrong arguments;
  * ATS_NOT_CONNECTED: no service; ATS_REFUSED: it speaks another protocol or refuses this user; ATS_NO_MEMORY. Waits
@@ -111,6 +133,9 @@ ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_
 ats_status_t ats_submit_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag);
 ats_status_t ats_submit_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                                 uint64_t tag);
+ats_status_t ats_submit_path(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag);
+ats_status_t ats_submit_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
+                                    uint64_t tag);
 
 /* The descriptor that poll() and epoll report readable when ats_collect() has something to do. It stays the same for
  * the client's life and belongs to the client: do not read, write or close it. */

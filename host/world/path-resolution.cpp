@@ -1,6 +1,7 @@
 #include "host/world/path-resolution.h"
 
 #include <atomic>
+#include <iterator>
 #include <memory>
 
 #include "host/peers/ibat-path-exports.h"
@@ -189,6 +190,25 @@ bool wait_for(awaited_answer& awaited, uint64_t timeout_ticks)
 }
 
 } // namespace
+
+uint32_t mtu_bytes_of(const path_record& path)
+{
+    return path.mtu >= 1 && path.mtu <= 5 ? 128u << path.mtu : 0;
+}
+
+double gigabits_of(const path_record& path)
+{
+    constexpr double by_rate[] = {0,  0,   2.5, 10, 30,  5,   20,  40, 60, 80,  120, 14,
+                                  56, 112, 168, 25, 100, 200, 300, 28, 50, 400, 600, 800}; // IBA 15.2.5.16
+    return path.rate < std::size(by_rate) ? by_rate[path.rate] : 0;
+}
+
+uint64_t lifetime_microseconds_of(const path_record& path)
+{
+    constexpr uint64_t unit_nanoseconds = 4096;
+    constexpr int longest = 63 - 12; // beyond it, the number does not fit
+    return path.packet_lifetime <= longest ? (unit_nanoseconds << path.packet_lifetime) / 1000 : 0;
+}
 
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
                            path_callback done)

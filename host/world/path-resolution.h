@@ -17,7 +17,7 @@ struct path_record {
     uint16_t p_key = 0;
     uint8_t sl = 0;
     uint8_t mtu = 0;             // 1 is 256 bytes, 5 is 4096
-    uint8_t rate = 0;            // 2 is 2.5 Gbit/s, 3 is 10 Gbit/s
+    uint8_t rate = 0;            // 2 is 2.5 Gbit/s, 3 is 10 Gbit/s; see gigabits_of()
     uint8_t packet_lifetime = 0; // n stands for 4.096 microseconds times 2 to the n
     uint8_t hop_limit = 0;
     uint8_t traffic_class = 0;
@@ -27,6 +27,11 @@ struct path_record {
 
     bool operator==(const path_record&) const = default;
 };
+
+// What the encodings stand for; zero for an unknown one. Pure.
+uint32_t mtu_bytes_of(const path_record& path);
+double gigabits_of(const path_record& path); // a second
+uint64_t lifetime_microseconds_of(const path_record& path);
 
 enum class path_status {
     found,

@@ -78,6 +78,12 @@ class running_service : public testing::Test
 
     json host_status(const std::string& name) { return ats->ask_json({"status", "--host", name})["hosts"].at(0); }
 
+    json active_port(const std::string& host)
+    {
+        const json hca = host_status(host)["hcas"][0];
+        return hca["ports"][hca["active_port"].get<size_t>() - 1];
+    }
+
     std::string file(const std::string& name) const { return folder / ("mnt/" + name); }
 
     void look();
@@ -178,6 +184,21 @@ void running_service::look_up()
     EXPECT_EQ(ats->ask({"flush", "10.0.0.1"}).exit_code, 1) << "the own mapping";
     EXPECT_EQ(ats->ask({"flush"}).exit_code, 0);
     EXPECT_EQ(host_status("node1")["ibat"]["cache"].size(), 1u);
+
+    const json paths = ats->ask_json({"path", "10.0.0.2", gid_of_node2_port1});
+    for (const json& path : paths) {
+        EXPECT_EQ(path["dlid"], active_port("node2")["lid"]);
+        EXPECT_EQ(path["slid"], active_port("node1")["lid"]);
+        EXPECT_EQ(path["mtu_bytes"], 2048);
+        EXPECT_EQ(path["rate_gbps"], 10);
+    }
+    EXPECT_EQ(paths[1]["source"], "cache");
+    EXPECT_EQ(ats->ask_json({"path", "10.0.0.2", "--fresh"})[0]["source"], "SA");
+    EXPECT_THAT(ats->ask({"path", "10.0.0.2", "--cached", "--gid-format", "ipv6"}).out,
+                HasSubstr("  fe80::200:0:2:1 LID "));
+    const program_result nowhere = ats->ask({"path", "fe80::98"});
+    EXPECT_EQ(nowhere.exit_code, 1);
+    EXPECT_THAT(nowhere.out, HasSubstr("not found: the SA knows no path from this host to the GID"));
 
     const json elsewhere = ats->ask_json({"reverse", gid_of_node2_port1, "--host", "node3"});
     EXPECT_EQ(elsewhere[0]["address"], "10.0.0.2");

@@ -1,5 +1,5 @@
-"""Asks the InfiniBand address translation service of this machine: which port GID owns an IPv4 address, and the other
-way round.
+"""Asks the InfiniBand address translation service of this machine: which port GID owns an IPv4 address, the other way
+round, and for the path to either.
 
     import ats
     with ats.Client() as client:
@@ -23,11 +23,12 @@ from typing import Any, Optional, Union
 
 from . import _library as library
 
-__all__ = ["Answer", "AsyncClient", "Client", "Error", "Invalid", "NoAnswer", "NotConnected", "NotFound", "Refused", "Source",
-           "default_socket"]
+__all__ = ["Answer", "AsyncClient", "Client", "Error", "Invalid", "NoAnswer", "NotConnected", "NotFound", "Path", "Refused",
+           "Source", "default_socket"]
 
 Address = Union[str, ipaddress.IPv4Address]
 Gid = Union[str, ipaddress.IPv6Address]
+Destination = Union[str, ipaddress.IPv4Address, ipaddress.IPv6Address]
 DEFAULT_TIMEOUT = 5.0
 
 
@@ -73,6 +74,26 @@ class Answer:
     verified: Optional[bool]  # of verify=True: whether the SA agrees; None: not known
 
 
+@dataclass(frozen=True)
+class Path:
+    """A PathRecord (IBA 15.2.5.16) in the standard's encodings."""
+    address: Optional[ipaddress.IPv4Address]  # of the destination; None: it was named by its GID
+    gid: ipaddress.IPv6Address  # of the destination
+    sgid: ipaddress.IPv6Address
+    dlid: int
+    slid: int
+    p_key: int
+    sl: int
+    mtu: int  # 1 is 256 bytes, 5 is 4096
+    rate: int
+    packet_lifetime: int  # n: 4.096 microseconds times 2 to the n
+    hop_limit: int
+    flow_label: int
+    traffic_class: int
+    source: Source
+    seconds: float  # how long the service took
+
+
 def error_of(status: int, reason: str) -> Exception:
     if status == 6:
         return MemoryError(reason)
@@ -86,6 +107,21 @@ def answer_of(raw: library.Answer) -> Answer:
     return Answer(ipaddress.IPv4Address(ctypes.string_at(ctypes.byref(raw, library.Answer.address.offset), 4)),
                   ipaddress.IPv6Address(bytes(raw.gid)), Source(raw.source), raw.microseconds / 1e6,
                   None if raw.verified < 0 else bool(raw.verified))
+
+
+def path_of(raw: library.Answer) -> Path:
+    """The path in the answer, or its error raised."""
+    answer = answer_of(raw)
+    path = raw.path
+    return Path(answer.address if int(answer.address) else None, answer.gid, ipaddress.IPv6Address(bytes(path.sgid)), path.dlid,
+                path.slid, path.p_key, path.sl, path.mtu, path.rate, path.packet_lifetime, path.hop_limit, path.flow_label,
+                path.traffic_class, answer.source, answer.seconds)
+
+
+def is_address(destination: Destination) -> bool:
+    if isinstance(destination, str):
+        return not destination.strip("0123456789.")
+    return isinstance(destination, ipaddress.IPv4Address)
 
 
 def address_word(address: Address) -> int:
@@ -108,8 +144,8 @@ def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
     return (ctypes.c_uint8 * 16).from_buffer_copy(packed)
 
 
-def make_options(cached_only: bool, verify: bool, timeout: float, host: Optional[str]) -> library.Options:
-    flags = (1 if cached_only else 0) | (2 if verify else 0)
+def make_options(cached_only: bool, verify: bool, timeout: float, host: Optional[str], fresh: bool = False) -> library.Options:
+    flags = (1 if cached_only else 0) | (2 if verify else 0) | (4 if fresh else 0)
     return library.Options(ctypes.sizeof(library.Options), flags, int(timeout * 1000), 0, host.encode() if host else None)
 
 
@@ -164,6 +200,16 @@ class Client(Base):
         library.lib.ats_reverse(self._client, gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
+    def path(self, destination: Destination, *, cached_only: bool = False, fresh: bool = False,
+             timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Path:
+        """Finds the path to an IPv4 address or a GID. `fresh`: asks the SA whatever the cache knows."""
+        options, answer = make_options(cached_only, False, timeout, host, fresh), library.Answer()
+        by_address = is_address(destination)
+        call = library.lib.ats_find_path if by_address else library.lib.ats_find_path_to_gid
+        subject = address_word(destination) if by_address else gid_bytes(destination)
+        call(self._client, subject, ctypes.byref(options), ctypes.byref(answer))
+        return path_of(answer)
+
     def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
         """Sends any request of docs/protocol.md, as in {"request": "status"}, and returns its answer."""
         line = ctypes.c_void_p()
@@ -184,7 +230,7 @@ class AsyncClient(Base):
 
     def __init__(self, socket: Optional[str] = None) -> None:
         super().__init__(socket)
-        self._waiting: dict[int, asyncio.Future[Answer]] = {}
+        self._waiting: dict[int, tuple[asyncio.Future[Any], Any]] = {}  # the future, and what makes its result
         self._last_tag = 0
         self._loop: Optional[asyncio.AbstractEventLoop] = None
 
@@ -197,7 +243,7 @@ class AsyncClient(Base):
     def close(self) -> None:
         if self._loop and not self._loop.is_closed() and self._client:
             self._loop.remove_reader(library.lib.ats_descriptor(self._client))
-            for future in self._waiting.values():
+            for future, _ in self._waiting.values():
                 future.cancel()
         self._waiting.clear()
         super().close()
@@ -214,7 +260,15 @@ class AsyncClient(Base):
         options = make_options(cached_only, verify, timeout, host)
         return await self._submit(library.lib.ats_submit_reverse, gid_bytes(gid), options)
 
-    async def _submit(self, call: Any, subject: Any, options: library.Options) -> Answer:
+    async def path(self, destination: Destination, *, cached_only: bool = False, fresh: bool = False,
+                   timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Path:
+        """Finds the path to an IPv4 address or a GID."""
+        options = make_options(cached_only, False, timeout, host, fresh)
+        if is_address(destination):
+            return await self._submit(library.lib.ats_submit_path, address_word(destination), options, path_of)
+        return await self._submit(library.lib.ats_submit_path_to_gid, gid_bytes(destination), options, path_of)
+
+    async def _submit(self, call: Any, subject: Any, options: library.Options, result_of: Any = answer_of) -> Any:
         if self._loop is None:
             self._loop = asyncio.get_running_loop()
             self._loop.add_reader(library.lib.ats_descriptor(self._client), self._collect)
@@ -223,7 +277,8 @@ class AsyncClient(Base):
         status = call(self._client, subject, ctypes.byref(options), tag)
         if status != 0:
             raise error_of(status, last_error())
-        self._waiting[tag] = future = self._loop.create_future()
+        future = self._loop.create_future()
+        self._waiting[tag] = future, result_of
         try:
             return await future
         finally:
@@ -232,10 +287,10 @@ class AsyncClient(Base):
     def _collect(self) -> None:
         answers = (library.Answer * 64)()
         for raw in answers[:library.lib.ats_collect(self._client, answers, len(answers))]:
-            future = self._waiting.get(raw.tag)
+            future, result_of = self._waiting.get(raw.tag, (None, None))
             if future is None or future.done():
                 continue
             try:
-                future.set_result(answer_of(raw))
+                future.set_result(result_of(raw))
             except Exception as error:  # the caller's error, raised where it awaits
                 future.set_exception(error)

@@ -9,10 +9,17 @@ class Options(ctypes.Structure):
                 ("reserved", ctypes.c_uint32), ("host", ctypes.c_char_p)]
 
 
+class Path(ctypes.Structure):
+    _fields_ = [("sgid", ctypes.c_uint8 * 16), ("flow_label", ctypes.c_uint32), ("dlid", ctypes.c_uint16),
+                ("slid", ctypes.c_uint16), ("p_key", ctypes.c_uint16), ("sl", ctypes.c_uint8), ("mtu", ctypes.c_uint8),
+                ("rate", ctypes.c_uint8), ("packet_lifetime", ctypes.c_uint8), ("hop_limit", ctypes.c_uint8),
+                ("traffic_class", ctypes.c_uint8)]
+
+
 class Answer(ctypes.Structure):
     _fields_ = [("tag", ctypes.c_uint64), ("status", ctypes.c_int), ("source", ctypes.c_int), ("verified", ctypes.c_int32),
                 ("address", ctypes.c_uint32), ("gid", ctypes.c_uint8 * 16), ("microseconds", ctypes.c_uint64),
-                ("reason", ctypes.c_char * 160), ("reserved", ctypes.c_uint64 * 4)]
+                ("reason", ctypes.c_char * 160), ("path", Path)]
 
 
 def load() -> ctypes.CDLL:
@@ -29,6 +36,10 @@ def load() -> ctypes.CDLL:
         "ats_close": (None, [client]),
         "ats_resolve": (ctypes.c_int, [client, address, options, answer]),
         "ats_reverse": (ctypes.c_int, [client, gid, options, answer]),
+        "ats_find_path": (ctypes.c_int, [client, address, options, answer]),
+        "ats_find_path_to_gid": (ctypes.c_int, [client, gid, options, answer]),
+        "ats_submit_path": (ctypes.c_int, [client, address, options, ctypes.c_uint64]),
+        "ats_submit_path_to_gid": (ctypes.c_int, [client, gid, options, ctypes.c_uint64]),
         "ats_submit_resolve": (ctypes.c_int, [client, address, options, ctypes.c_uint64]),
         "ats_submit_reverse": (ctypes.c_int, [client, gid, options, ctypes.c_uint64]),
         "ats_descriptor": (ctypes.c_int, [client]),
