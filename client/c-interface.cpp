@@ -77,6 +77,14 @@ ats_status_t no_arguments()
     return failed(ATS_INVALID, "a pointer is null");
 }
 
+// Why a request cannot be sent; null if it can. A service hangs up on a longer line, and so ends other questions too.
+const char* fault_of(const std::string& body)
+{
+    constexpr size_t longest_body = 65000; // a service takes lines of 65536 bytes, unless it is configured otherwise
+    if (body.empty()) return "a request is one JSON object";
+    return body.size() > longest_body ? "a request has at most 65000 bytes" : nullptr;
+}
+
 ats_status_t no_fresh_gid()
 {
     return failed(ATS_INVALID, "ATS_FRESH is for addresses only");
@@ -279,7 +287,7 @@ ats_status_t ats_request_begin(ats_client_t* client, const char* request, int ti
     if (!client || !request) return client::no_arguments();
     return guarded([&] {
         const std::string body = client::request_body(request);
-        if (body.empty()) return failed(ATS_INVALID, "a request is one JSON object");
+        if (const char* reason = client::fault_of(body)) return failed(ATS_INVALID, reason);
         return client->client.begin_request(body, client::after(timeout_ms));
     });
 }
@@ -303,7 +311,7 @@ ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_
     if (!client || !request) return client::no_arguments();
     return guarded([&] {
         const std::string body = client::request_body(request);
-        if (body.empty()) return failed(ATS_INVALID, "a request is one JSON object");
+        if (const char* reason = client::fault_of(body)) return failed(ATS_INVALID, reason);
         std::string text;
         const ats_status_t status = client->client.request(body, client::after(timeout_ms), text);
         if (status == ATS_OK) *answer = client::copy_of(text);

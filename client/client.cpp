@@ -10,6 +10,7 @@ namespace client
 namespace
 {
 
+constexpr size_t most_unread_lines = 100'000;         // of an answer that the program does not read
 constexpr size_t most_unsent_bytes = size_t{1} << 20; // of questions that the service does not read
 
 ats_answer_t ended(ats_status_t status, std::string_view reason)
@@ -184,7 +185,10 @@ void client::take_request_line(std::string_view line)
     std::string text;
     const reply reply = read_request_line(line, text);
     request_lines_.push_back(std::move(text));
-    if (reply.is_last) outstanding_.take(reply.id);
+    if (reply.is_last)
+        outstanding_.take(reply.id);
+    else if (request_lines_.size() == most_unread_lines)
+        end(reply.id, ended(ATS_NO_MEMORY, "the lines of the answer were not read in time"));
 }
 
 // ---- connections that break ----

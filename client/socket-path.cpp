@@ -35,11 +35,18 @@ std::string folder_of(const std::string& path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-bool only_root_writes_to(const std::string& folder)
+bool is_writable_only_by(uid_t user, const std::string& folder)
 {
     struct stat status {
     };
-    return stat(folder.c_str(), &status) == 0 && status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    return stat(folder.c_str(), &status) == 0 && status.st_uid == user && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Root itself, or a user to whom root gave the folder, as /run/ats to the service's own user.
+bool is_folder_of_service(uid_t user, const std::string& folder)
+{
+    return is_writable_only_by(0, folder) ||
+           (is_writable_only_by(user, folder) && is_writable_only_by(0, folder + "/.."));
 }
 
 } // namespace
@@ -65,7 +72,7 @@ bool is_trusted_service(int fd, const std::string& path)
     ucred peer{};
     socklen_t length = sizeof peer;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
-    return peer.uid == 0 || peer.uid == geteuid() || only_root_writes_to(folder_of(path));
+    return peer.uid == 0 || peer.uid == geteuid() || is_folder_of_service(peer.uid, folder_of(path));
 }
 
 } // namespace client

@@ -42,10 +42,18 @@ std::string unit_of_this_process()
     return usual_unit;
 }
 
+// Where the socket is, if `path` is the link to one: the lock is beside the socket.
+std::string resolved(const std::string& path)
+{
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
+    return error ? path : target.string();
+}
+
 service_origin origin_of_service(const std::string& socket_path)
 {
     service_origin origin;
-    std::ifstream(lock_file_of(socket_path)) >> origin.pid >> origin.unit;
+    std::ifstream(lock_file_of(resolved(socket_path))) >> origin.pid >> origin.unit;
     return origin;
 }
 

@@ -138,7 +138,7 @@ void ask_for_path(std::unique_ptr<path_question> question)
             status = (*question->get)(&gid, &record, take_reply, question.get());
     });
     if (status == ibat_stat_pending) {
-        question.release(); // it may be gone already
+        static_cast<void>(question.release()); // the callback owns it, and may have destroyed it already
         return;
     }
     take_path(question->answer, status, record);

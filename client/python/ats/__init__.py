@@ -144,9 +144,16 @@ def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
     return (ctypes.c_uint8 * 16).from_buffer_copy(packed)
 
 
+def milliseconds(timeout: float) -> int:
+    """A time-out as the library takes it: at least 1 ms, at most 24 days."""
+    if not timeout > 0:
+        raise Invalid("a time-out is above 0")
+    return max(1, int(min(timeout * 1000, 2**31 - 1)))
+
+
 def make_options(cached_only: bool, verify: bool, timeout: float, host: Optional[str], fresh: bool = False) -> library.Options:
     flags = (1 if cached_only else 0) | (2 if verify else 0) | (4 if fresh else 0)
-    return library.Options(ctypes.sizeof(library.Options), flags, int(timeout * 1000), 0, host.encode() if host else None)
+    return library.Options(ctypes.sizeof(library.Options), flags, milliseconds(timeout), 0, host.encode() if host else None)
 
 
 def default_socket() -> str:
@@ -213,7 +220,7 @@ class Client(Base):
     def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
         """Sends any request of docs/protocol.md, as in {"request": "status"}, and returns its answer."""
         line = ctypes.c_void_p()
-        status = library.lib.ats_request(self._client, json.dumps(request).encode(), int(timeout * 1000), ctypes.byref(line))
+        status = library.lib.ats_request(self._client, json.dumps(request).encode(), milliseconds(timeout), ctypes.byref(line))
         if status != 0:
             raise error_of(status, last_error())
         try:
