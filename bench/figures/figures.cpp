@@ -5,12 +5,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <new>
+#include <optional>
 #include <unistd.h>
 
 #include "bench/bench-world.h"
+#include "host/exec/shortage.h"
 #include "host/world/module-folder.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
@@ -73,16 +77,87 @@ void show_load(const char* name, const load_meter::load& load)
                 static_cast<unsigned long long>(load.peak), load.series.c_str());
 }
 
+size_t mapping_count()
+{
+    std::ifstream maps("/proc/self/maps");
+    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
+}
+
+double processor_seconds()
+{
+    timespec spent{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spent);
+    return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
+}
+
+// Prints the error of a world that could not be brought up, and unloads what is loaded. The program's exit code.
+int give_up(bench_world& world, const ats::error& error)
+{
+    std::fprintf(stderr, "%s\n", error.text.c_str());
+    size_t loaded_hosts = 0;
+    for (const auto& host : world.hosts) {
+        loaded_hosts += !host->machine().modules.loaded().empty();
+        if (const ats::result<> result = host->unload(); !result)
+            std::fprintf(stderr, "%s: %s\n", host->name().c_str(), result.error().text.c_str());
+    }
+    std::fprintf(stderr, "%zu hosts were unloaded in good order, and left %zu records at the SA\n", loaded_hosts,
+                 world.subnet.service_records().size());
+    return 1;
+}
+
+// The processor time of a lookup at the SA, in microseconds: the mean of lookups from hosts all over the subnet, each
+// for the address of another host.
+double lookup_microseconds(bench_world& world)
+{
+    constexpr size_t most_lookups = 20'000;
+    const size_t hosts = world.hosts.size(), lookups = std::min(most_lookups, 100 * hosts);
+    const double begin = processor_seconds();
+    size_t asker = 0;
+    for (size_t i = 0; i < lookups; ++i) {
+        asker = (asker + 7919) % hosts; // a prime: neighbours in time are none in memory
+        const uint32_t address =
+            *world::parse_ipv4(bench_world::address_of(static_cast<int>((asker * 31 + i) % hosts) + 1));
+        if (world::resolve_address(world.hosts[asker]->machine(), address, world::lookup_mode::sa_only).status !=
+            ibat_stat_ok)
+            throw std::runtime_error("a lookup failed");
+    }
+    return (processor_seconds() - begin) / static_cast<double>(lookups) * 1e6;
+}
+
+// Every host starts, registers, asks for addresses, and is unloaded.
+int come_and_go(int hosts)
+{
+    const exec::reserve last_memory;
+    const double bytes_at_start = resident_bytes();
+    const double begin = processor_seconds();
+    bench_world world(hosts);
+    const double made = processor_seconds();
+    if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
+    const double up = processor_seconds();
+    const size_t records = world.subnet.service_records().size();
+    const double bytes_up = resident_bytes() - bytes_at_start;
+    const size_t mappings = mapping_count();
+    const double lookup = lookup_microseconds(world);
+
+    const double unload_begin = processor_seconds();
+    for (const auto& host : world.hosts)
+        if (const ats::result<> result = host->unload(); !result) return give_up(world, result.error());
+    std::printf("{\"hosts\":%d,\"registered\":%zu,\"kib_per_host\":%.1f,\"module_bytes\":%zu,\"mappings\":%zu,"
+                "\"made_s\":%.2f,\"up_s\":%.2f,\"lookup_us\":%.2f,\"unload_s\":%.2f,\"left\":%zu}\n",
+                hosts, records, bytes_up / 1024 / hosts, world.hosts[0]->machine().memory.bytes(), mappings,
+                made - begin, up - made, lookup, processor_seconds() - unload_begin,
+                world.subnet.service_records().size());
+    return 0;
+}
+
 // The hosts start together. An hour later, the SM moves to another LID and loses all records, several times. Then the
 // SA does not answer for two minutes while every host asks for an address.
 int scale(int hosts)
 {
+    const exec::reserve last_memory;
     const double bytes_at_start = resident_bytes();
     bench_world world(hosts);
-    if (const ats::result<> result = world.bring_up(); !result) {
-        std::fprintf(stderr, "%s\n", result.error().text.c_str());
-        return 1;
-    }
+    if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
     const double bytes_per_host = (resident_bytes() - bytes_at_start) / hosts;
     load_meter meter(world.subnet);
     const auto seconds_now = [&] { return world.sim->now() / second; };
@@ -110,14 +185,22 @@ int scale(int hosts)
     world.sim->run_until((restart + 200) * second);
     world.subnet.faults.sa_silent = true;
     std::vector<exec::task*> askers;
-    for (const auto& host : world.hosts)
-        askers.push_back(&host->machine().start("asker", [&] {
-            world::resolve_address(host->machine(), *world::parse_ipv4("10.0.0.1"), world::lookup_mode::sa_only);
-        }));
+    std::optional<ats::error> shortage; // of room for the askers
+    for (const auto& host : world.hosts) {
+        try {
+            askers.push_back(&host->machine().start("asker", [&] {
+                world::resolve_address(host->machine(), *world::parse_ipv4("10.0.0.1"), world::lookup_mode::sa_only);
+            }));
+        } catch (const exec::shortage& error) {
+            shortage = {ats::error_kind::no_memory, error.what()};
+            break;
+        }
+    }
     world.sim->run_for(120 * second);
     world.subnet.faults.sa_silent = false;
     world.sim->run_for(120 * second);
     for (exec::task* each : askers) world.sim->join(*each);
+    if (shortage) return give_up(world, *shortage);
     const load_meter::load silent = meter.between(restart + 200, restart + 440);
 
     std::printf("{\"hosts\":%d,\"kib_per_host\":%.1f,\"module_bytes\":%zu,\"converged_mean_s\":%.1f,"
@@ -205,10 +288,13 @@ int run(int argc, char** argv)
     const std::string figure = argc > 1 ? argv[1] : "";
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
     if (figure == "scale" && count > 0) return scale(count);
+    if (figure == "come-and-go" && count > 0) return come_and_go(count);
     if (figure == "lookups" && count > 0) return lookups(count);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
         if (figure == step && count > 0) return repeat(figure, count);
-    std::fprintf(stderr, "usage: ats-figures scale HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
+    std::fprintf(
+        stderr,
+        "usage: ats-figures scale|come-and-go HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }
 
