@@ -2,7 +2,6 @@
 #include "client/socket-path.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <iostream>
@@ -16,8 +15,10 @@
 #include "cli/server/server.h"
 #include "cli/service/fabric-arguments.h"
 #include "cli/service/registration.h"
+#include "cli/service/reload.h"
 #include "cli/service/running-hosts.h"
 #include "cli/service/service-notice.h"
+#include "cli/service/service-signals.h"
 #include "cli/socket/socket.h"
 #include "console/errors.h"
 #include "console/progress.h"
@@ -46,44 +47,6 @@ struct run_options {
     fabric_arguments fabric;
     bool is_acm_served = false; // besides the configuration
     std::string acm_socket;
-};
-
-// The signals that stop the service. They are blocked in this thread and in all threads that it starts later; only
-// wait() accepts them.
-class stop_signals
-{
-  public:
-    stop_signals()
-    {
-        sigemptyset(&set_);
-        for (const int number : numbers) sigaddset(&set_, number);
-        pthread_sigmask(SIG_BLOCK, &set_, nullptr);
-        signal(SIGPIPE, SIG_IGN); // a closed terminal must not keep the hosts from deleting their records
-    }
-
-    bool is_pending() const
-    {
-        sigset_t pending;
-        sigpending(&pending);
-        return std::ranges::any_of(numbers, [&](int number) { return sigismember(&pending, number) == 1; });
-    }
-
-    // A signal may come twice at once: timeout(1) signals the process and then its group. Such repeats are dropped. A
-    // later signal ends the program at once.
-    void wait() const
-    {
-        constexpr std::chrono::milliseconds repeat_limit(100);
-        constexpr timespec no_wait{};
-        int number = 0;
-        sigwait(&set_, &number);
-        std::this_thread::sleep_for(repeat_limit);
-        while (sigtimedwait(&set_, nullptr, &no_wait) > 0) continue;
-        pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
-    }
-
-  private:
-    static constexpr std::array numbers = {SIGINT, SIGTERM, SIGHUP};
-    sigset_t set_;
 };
 
 // Null without a directory.
@@ -134,21 +97,26 @@ ats::result<world_config> config_of(const run_options& options)
 }
 
 // Shows the progress on a terminal. False if a signal came meanwhile.
-ats::result<bool> start(running_hosts& hosts, const stop_signals& signals)
+ats::result<bool> start(running_hosts& hosts, const service_signals& signals)
 {
     const std::string count = std::to_string(hosts.all().size());
     console::progress progress;
     return hosts.start([&](size_t started_count) {
         progress.show("starting host " + std::to_string(started_count + 1) + " of " + count);
-        return !signals.is_pending();
+        return !signals.is_stop_pending();
     });
+}
+
+// Prints a line for the administrator.
+void print_report(const std::string& line)
+{
+    std::cerr << "ats: " << world::printable_lines(line) << std::endl;
 }
 
 // Says why programs that use librdmacm are not answered. The service goes on without them.
 void report_acm(const ats::error& error)
 {
-    std::cerr << "ats: programs that use librdmacm are not answered: " << world::printable_lines(error.text)
-              << std::endl;
+    print_report("programs that use librdmacm are not answered: " + error.text);
 }
 
 bool has_registered(world::host& host)
@@ -179,10 +147,39 @@ struct acm_service {
     acm::door door;
 };
 
-// Serves clients and files until a signal comes.
-ats::result<> serve_clients(const run_options& options, const world_config& config, running_hosts& hosts,
+// Tells a service manager of the reload, as sd_notify(3) describes it.
+void notify_reloading()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto now_us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    notify_service_manager(("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(now_us)).c_str());
+}
+
+// Reads the configuration again. One with an error changes nothing.
+void try_reload(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
+{
+    const ats::result<world_config> file = config_of(options);
+    if (!file) return calls.print("not reloaded, everything stays as it was: " + file.error().text);
+    for (const std::string& warning : file->warnings) calls.print("warning: " + warning);
+    reload(hosts, running, *file, calls);
+}
+
+// The service survives a shortage.
+void reload_config(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
+{
+    notify_reloading();
+    try {
+        try_reload(options, running, hosts, calls);
+    } catch (const std::exception& error) {
+        calls.print(std::string("not reloaded any further: ") + error.what());
+    }
+    notify_service_manager("READY=1");
+}
+
+// Serves clients and files until a signal ends it. `config` receives what a reload changes.
+ats::result<> serve_clients(const run_options& options, world_config& config, running_hosts& hosts,
                             std::unique_ptr<listening_socket> socket, std::vector<kept_descriptor> kept,
-                            const stop_signals& signals)
+                            const service_signals& signals)
 {
     const ats::result<std::unique_ptr<proc_mount>> files = mount(options.mount, hosts);
     if (!files) return ats::pass_on(files);
@@ -190,10 +187,19 @@ ats::result<> serve_clients(const run_options& options, const world_config& conf
         server::start(hosts, std::move(socket), {config.access, config.limits});
     if (!server) return ats::pass_on(server);
     if (!kept.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
-    const acm_service acm(**server, hosts, config, std::move(kept));
+    acm_service acm(**server, hosts, config, std::move(kept));
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
-    signals.wait();
+    const reload_calls reload_calls{
+        .set_rules =
+            [&](const access_rules& access, const service_limits& limits) {
+                acm.door.set_limits(limits);
+                return (*server)->set_options({access, limits});
+            },
+        .may_go_on = [&] { return !signals.is_stop_pending(); },
+        .print = print_report,
+    };
+    while (signals.wait() == service_signals::told::reload) reload_config(options, config, hosts, reload_calls);
     notify_service_manager("STOPPING=1");
     return {};
 }
@@ -201,11 +207,10 @@ ats::result<> serve_clients(const run_options& options, const world_config& conf
 // The exit code, or the error that kept the service from running. Takes `kept` when the hosts are up.
 ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>& kept)
 {
-    const ats::result<world_config> config = config_of(options);
+    ats::result<world_config> config = config_of(options);
     if (!config) return ats::pass_on(config);
-    for (const std::string& warning : config->warnings)
-        std::cerr << "ats: warning: " << world::printable_lines(warning) << std::endl;
-    const stop_signals signals;
+    for (const std::string& warning : config->warnings) print_report("warning: " + warning);
+    const service_signals signals(!options.config.empty());
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
     ats::result<std::unique_ptr<listening_socket>> socket =
         listening_socket::open(options.socket, config->access.is_open_to_others());
@@ -216,7 +221,7 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     if (!started) return ats::pass_on(started);
     if (!*started) {
         std::cerr << "ats: told to end while hosts were starting\n";
-        signals.wait();
+        signals.wait_for_stop();
         return unload(**hosts);
     }
     const ats::result<> served = serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept), signals);

@@ -67,6 +67,11 @@ ats::result<> door::listen()
     return {};
 }
 
+void door::set_limits(const cli::service_limits& limits)
+{
+    loop_.post([this, limits] { limits_ = limits; });
+}
+
 void door::start_accepting()
 {
     accepting_ = listening_->duplicate();

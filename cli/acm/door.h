@@ -31,6 +31,9 @@ class door final : public connection::owner
     // Serves new connections too. Call it once. Error: another daemon serves on the socket, or it cannot be made.
     ats::result<> listen();
 
+    // New limits, for connections from now on. Any thread.
+    void set_limits(const cli::service_limits& limits);
+
     // Takes no more requests. Those that are not answered stay in their sockets, for the next process.
     ~door() override;
 
@@ -57,11 +60,11 @@ class door final : public connection::owner
     cli::event_loop& loop_;
     route_finder& routes_;
     const cli::acm_config config_;
-    const cli::service_limits limits_;
     client::descriptor kept_listener_;
     std::unique_ptr<cli::listening_socket> listening_;
 
     // Of the loop's thread.
+    cli::service_limits limits_;
     client::descriptor accepting_;
     uv_poll_t listener_;
     uv_timer_t pause_;

@@ -402,7 +402,7 @@ void server::follow_log(conversation& source, const request& request)
     else
         begin(source, request.ticket);
     auto stream = std::make_unique<log_stream>((*host)->machine().log, level, ring);
-    followings_.emplace(source.number(), following{request.ticket, std::move(stream), is_pump_posted});
+    followings_.emplace(source.number(), following{request.ticket, level, std::move(stream), is_pump_posted});
     pump_log(source);
 }
 
@@ -425,6 +425,27 @@ void server::end_log(conversation& source)
     const return_ticket ticket = entry->second.ticket;
     followings_.erase(entry);
     finish(ticket, line_of({{"end", true}}, ticket.id));
+}
+
+// Ends the logs that their followers may not read any more.
+void server::end_refused_logs()
+{
+    std::vector<conversation*> refused;
+    for (const auto& [number, following] : followings_) {
+        conversation* const follower = find(number);
+        if (follower && refusal_of(options_.access, follower->peer(), {{"level", following.level}}, "log"))
+            refused.push_back(follower);
+    }
+    for (conversation* follower : refused) end_log(*follower);
+}
+
+ats::result<> server::set_options(const server_options& options)
+{
+    loop_.post([this, options] {
+        options_ = options;
+        end_refused_logs();
+    });
+    return listening_->set_for_all(options.access.is_open_to_others());
 }
 
 // A follower that has closed its side wants no further lines.

@@ -34,6 +34,10 @@ class server final : public conversation::owner
     // Takes no new clients and ends all conversations, after the requests that are being carried out.
     ~server() override;
 
+    // New rules and limits, for requests from now on, and for logs that are followed already. A connection beyond a
+    // lower limit stays. Error: the socket's permissions could not be changed; all the rest has been. Any thread.
+    ats::result<> set_options(const server_options& options);
+
     // For another door to the same hosts, which is destroyed first. But for loop(), only the loop's thread may call.
     event_loop& loop() { return loop_; }
     uint64_t new_connection_number() { return ++last_number_; }
@@ -63,6 +67,7 @@ class server final : public conversation::owner
     };
     struct following {
         return_ticket ticket;
+        int level;
         std::unique_ptr<log_stream> stream;
         std::shared_ptr<std::atomic<bool>> is_pump_posted;
     };
@@ -84,6 +89,7 @@ class server final : public conversation::owner
     void follow_log(conversation& source, const request& request);
     void pump_log(conversation& source);
     void end_log(conversation& source);
+    void end_refused_logs();
     std::string answer_line(const request& request);
     void hand_to_workers(conversation& source, const request& request);
     void count(conversation& source, const return_ticket& ticket);
@@ -95,11 +101,11 @@ class server final : public conversation::owner
 
     running_hosts& hosts_;
     const std::unique_ptr<listening_socket> listening_;
-    const server_options options_;
     event_loop loop_;
     uv_pipe_t listener_;
 
     // Of the loop's thread.
+    server_options options_;
     bool is_stopping_ = false; // no request is taken any more
     uint64_t last_number_ = 0;
     std::map<uint64_t, std::unique_ptr<conversation>> conversations_;

@@ -32,6 +32,7 @@ struct access_rule {
     std::string text = owner_text(); // the users, for refusals
 
     bool admits(const peer& peer) const;
+    bool operator==(const access_rule&) const = default;
 };
 
 struct access_rules {
@@ -42,6 +43,7 @@ struct access_rules {
 
     // True if a user other than root and the owner may ask anything.
     bool is_open_to_others() const;
+    bool operator==(const access_rules&) const = default;
 };
 
 // `word` is "owner", "everyone" or a group's name. An unknown group is invalid. Asks the user database, so it may take

@@ -12,6 +12,8 @@ struct service_limits {
     size_t questions = 16384;              // of one user, not yet answered
     size_t line_bytes = 65536;             // the longest line of a client
     size_t unread_bytes = size_t{4} << 20; // answers that a connection has not read: it is cut off beyond
+
+    bool operator==(const service_limits&) const = default;
 };
 
 } // namespace cli

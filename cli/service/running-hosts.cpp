@@ -4,6 +4,7 @@
 #include <cassert>
 #include <new>
 
+#include "cli/service/host-orders.h"
 #include "cli/service/registration.h"
 #include "console/errors.h"
 #include "host/exec/shortage.h"
@@ -31,9 +32,10 @@ std::string end_of_log(world::host& host)
 }
 
 // An error ends with the end of the log, unless memory ran out, of which the log says nothing.
-ats::result<> load(world::host& host)
+ats::result<> load(world::host& host, const verification& verification)
 {
-    const ats::result<> loaded = host.load();
+    ats::result<> loaded = host.load();
+    if (loaded && verification != cli::verification()) loaded = set_verification(host, verification);
     if (loaded || loaded.error().kind == error_kind::no_memory) return loaded;
     return ats::fail(loaded.error().kind, loaded.error().text + end_of_log(host));
 }
@@ -65,8 +67,8 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
 {
     std::unique_ptr<running_hosts> hosts(new running_hosts);
     if (const ats::result<> opened = hosts->open_fabric(config.fabric); !opened) return ats::pass_on(opened);
-    for (const world::host_plan& plan : config.hosts)
-        if (const ats::result<> added = hosts->add_host(plan, module_folder); !added) return ats::pass_on(added);
+    for (const host_config& host : config.hosts)
+        if (const ats::result<> added = hosts->add_host(host, module_folder); !added) return ats::pass_on(added);
     return hosts;
 }
 
@@ -88,13 +90,14 @@ ats::result<> running_hosts::open_fabric(const fabric_config& config)
     return config.capture.empty() ? ats::result<>() : start_capture(config.capture);
 }
 
-ats::result<> running_hosts::add_host(const world::host_plan& plan, const std::string& module_folder)
+ats::result<> running_hosts::add_host(const host_config& plan, const std::string& module_folder)
 {
     return take_step(plan.name, [&]() -> ats::result<> {
         const ats::result<std::vector<fabric::hca*>> hcas =
             is_real() ? real_fabric_->hcas() : world::add_hcas(*subnet_, plan);
         if (!hcas) return ats::pass_on(hcas);
         hosts_.push_back(std::make_unique<world::host>(*exec_, *hcas, plan, module_folder, system_randomness));
+        verifications_.push_back(plan.settings.verification);
         return {};
     });
 }
@@ -138,7 +141,7 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     size_t host_count = 0;
     for (const auto& host : hosts_) {
         if (!may_go_on(host_count)) return false;
-        const ats::result<> loaded = take_step(host->name(), [&] { return load(*host); });
+        const ats::result<> loaded = take_step(host->name(), [&] { return load(*host, verifications_[host_count]); });
         if (!loaded) return ats::pass_on(loaded);
         ++host_count;
     }

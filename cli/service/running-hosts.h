@@ -58,7 +58,7 @@ class running_hosts
   private:
     running_hosts();
     ats::result<> open_fabric(const fabric_config& config);
-    ats::result<> add_host(const world::host_plan& plan, const std::string& module_folder);
+    ats::result<> add_host(const host_config& plan, const std::string& module_folder);
     ats::result<> start_capture(const std::string& path);
     ats::result<> stop_capture();
     void set_tap(fabric::tap* tap);
@@ -69,6 +69,7 @@ class running_hosts
     std::unique_ptr<embedded::subnet> subnet_; // this one or real_fabric_
     std::unique_ptr<umad::real_fabric> real_fabric_;
     std::vector<std::unique_ptr<world::host>> hosts_;
+    std::vector<verification> verifications_; // of each host, from its start on
 };
 
 } // namespace cli

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <set>
 
@@ -97,40 +98,58 @@ void refuse_identity_parameters(table_reader& reader)
             reader.refuse(*value, std::string("give '") + key + "' in the [[host]] table instead of " + parameter);
 }
 
-struct addressed_host {
-    world::host_plan plan;
-    std::string address;
-};
+verification read_verification(table_reader& reader)
+{
+    constexpr int longest_period_seconds = 86'400, highest_skew_percent = 100;
+    verification verification;
+    verification.period_seconds =
+        reader.number("verify_seconds", verification.period_seconds, 0, longest_period_seconds);
+    verification.skew_percent =
+        reader.number("verify_skew_percent", verification.skew_percent, 0, highest_skew_percent);
+    return verification;
+}
+
+host_config host_of(host_settings settings)
+{
+    host_config host{console::usual_host(settings.name, settings.address, settings.trace)};
+    host.settings = std::move(settings);
+    return host;
+}
 
 // Reads the next host of `config`. Adds warnings to it.
-ats::result<addressed_host> read_host(const toml::table& table, const std::string& file, world_config& config)
+ats::result<host_config> read_host(const toml::table& table, const std::string& file, world_config& config)
 {
     const bool is_real = config.fabric.is_real;
     const size_t number = config.hosts.size() + 1;
     table_reader reader(table, file);
-    world::host_plan plan;
+    host_settings settings;
     if (reader.find("name") || !is_real)
-        plan.name = reader.text("name", "node" + std::to_string(number));
+        settings.name = reader.text("name", "node" + std::to_string(number));
     else
-        plan.name = console::host_name_of_machine(config.warnings);
-    if (!console::is_host_name(plan.name))
-        reader.refuse(table, console::quote(plan.name) + " cannot be a host name: give it a 'name' of " +
+        settings.name = console::host_name_of_machine(config.warnings);
+    if (!console::is_host_name(settings.name))
+        reader.refuse(table, console::quote(settings.name) + " cannot be a host name: give it a 'name' of " +
                                  console::host_name_rule);
 
-    const std::string address = reader.text("address", is_real ? "" : numbered_address(number));
-    if (address.empty()) reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
+    settings.address = reader.text("address", is_real ? "" : numbered_address(number));
+    if (settings.address.empty())
+        reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
     if (const toml::node* const node = reader.find("address")) {
-        const ats::result<uint32_t> ip = console::host_address_of(address, reader.place_of(*node));
+        const ats::result<uint32_t> ip = console::host_address_of(settings.address, reader.place_of(*node));
         if (!ip) reader.keep(ip.error());
     }
+    settings.trace = reader.number("trace", settings.trace, ZR_PANIC, ZR_FUNC);
+    settings.verification = read_verification(reader);
 
-    plan.registry = {console::trace_setting(reader.number("trace", ZR_ERROR, ZR_PANIC, ZR_FUNC))};
-    plan.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
-    plan.hcas = read_hcas(reader, file, is_real, std::move(plan.hcas));
+    host_config host = host_of(settings);
+    host.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
+    host.hcas = read_hcas(reader, file, is_real, std::move(host.hcas));
     refuse_identity_parameters(reader);
-    plan.modules = console::usual_modules(plan.name, address);
-    for (world::module_plan& module : plan.modules) module.parameters += read_parameters(reader, module.name);
-    return reader.finish().map([&] { return addressed_host{plan, address}; });
+    for (world::module_plan& module : host.modules) {
+        host.parameters.push_back(read_parameters(reader, module.name));
+        module.parameters += host.parameters.back();
+    }
+    return reader.finish().map([&] { return host; });
 }
 
 ats::result<fabric_config> read_fabric(const toml::table& table, const std::string& file)
@@ -202,21 +221,23 @@ void read_hosts(table_reader& reader, const std::string& file, world_config& con
     for (const toml::table* table : reader.tables("host")) {
         if (config.fabric.is_real && !config.hosts.empty())
             reader.refuse(*table, "on a real fabric there is one host, which is this machine");
-        const ats::result<addressed_host> host = read_host(*table, file, config);
+        const ats::result<host_config> host = read_host(*table, file, config);
         if (!host) return reader.keep(host.error());
-        const auto& [plan, address] = *host;
-        config.hosts.push_back(plan);
-        if (!names.insert(plan.name).second)
-            reader.refuse(*table, "there are two hosts named " + console::quote(plan.name));
-        const auto [owner, is_new] = owners.emplace(address, plan.name);
+        const auto& [name, address, trace, verification] = host->settings;
+        config.hosts.push_back(*host);
+        if (!names.insert(name).second) reader.refuse(*table, "there are two hosts named " + console::quote(name));
+        const auto [owner, is_new] = owners.emplace(address, name);
         if (!is_new)
             config.warnings.push_back(reader.place_of(*table) +
-                                      console::shared_address_warning(plan.name, owner->second, address));
+                                      console::shared_address_warning(name, owner->second, address));
     }
 }
 
 ats::result<toml::table> parse(const std::string& path)
 {
+    std::error_code ignored;
+    if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored))
+        return ats::fail(error_kind::invalid, path + " is not a file");
     try {
         return toml::parse_file(path);
     } catch (const toml::parse_error& error) {
@@ -238,15 +259,14 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
                                     const umad::fabric_options& ports)
 {
     world_config config{.fabric = {.is_real = true, .ports = ports}};
-    world::host_plan plan;
-    plan.name = name.empty() ? console::host_name_of_machine(config.warnings) : name;
-    if (!console::is_host_name(plan.name))
-        return ats::fail(error_kind::invalid,
-                         console::quote(plan.name) + " cannot be a host name: give --name " + console::host_name_rule);
+    host_settings settings{.name = name, .address = address};
+    if (name.empty()) settings.name = console::host_name_of_machine(config.warnings);
+    if (!console::is_host_name(settings.name))
+        return ats::fail(error_kind::invalid, console::quote(settings.name) + " cannot be a host name: give --name " +
+                                                  console::host_name_rule);
     if (const ats::result<uint32_t> ip = console::host_address_of(address); !ip) return ats::pass_on(ip);
-    plan = console::usual_host(plan.name, address);
-    plan.hcas.clear();
-    config.hosts = {plan};
+    config.hosts = {host_of(settings)};
+    config.hosts.front().hcas.clear();
     return config;
 }
 
@@ -255,7 +275,7 @@ world_config numbered_hosts(int count)
     world_config config;
     for (int i = 1; i <= count; ++i)
         config.hosts.push_back(
-            console::usual_host("node" + std::to_string(i), numbered_address(static_cast<size_t>(i))));
+            host_of({.name = "node" + std::to_string(i), .address = numbered_address(static_cast<size_t>(i))}));
     return config;
 }
 

@@ -9,6 +9,7 @@
 #include "host/fabric/umad/umad.h"
 #include "host/result.h"
 #include "host/world/host.h"
+#include "logger.h"
 
 namespace cli
 {
@@ -33,10 +34,37 @@ struct acm_config {
     bool is_served = false;
     std::string socket = "/run/ibacm.sock"; // where librdmacm looks
     int timeout_ms = 2000;                  // a request is answered within this time
+
+    bool operator==(const acm_config&) const = default;
+};
+
+// How often a host asks the SA for its own record: every `period_seconds`, and by chance up to `skew_percent` later.
+// The defaults are those of the module.
+struct verification {
+    int period_seconds = 60; // 0: never
+    int skew_percent = 1;
+
+    bool operator==(const verification&) const = default;
+};
+
+// The settings of a host that can be changed while it runs.
+struct host_settings {
+    std::string name = {};
+    std::string address = {};
+    int trace = ZR_ERROR;
+    cli::verification verification = {};
+
+    bool operator==(const host_settings&) const = default;
+};
+
+// A host's plan as the settings and the file's parameters make it.
+struct host_config : world::host_plan {
+    host_settings settings = {};
+    std::vector<std::string> parameters = {}; // for each module
 };
 
 struct world_config {
-    std::vector<world::host_plan> hosts = {};
+    std::vector<host_config> hosts = {};
     fabric_config fabric = {};
     access_rules access = {};
     service_limits limits = {};

@@ -150,10 +150,9 @@ ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std:
     if (!socket) return ats::pass_on(socket);
     if (!binds_privately(*socket, *address))
         return ats::fail(error_kind::invalid, "cannot create the socket " + path + reason() + choose_another(option));
-    constexpr mode_t everyone = 0666; // the service asks the kernel who a client is
-    if (is_for_all && chmod(path.c_str(), everyone) != 0)
-        return ats::fail("cannot open the socket " + path + " to other users" + reason());
     std::unique_ptr<listening_socket> bound(new listening_socket(path, std::move(*lock), std::move(*socket)));
+    if (is_for_all)
+        if (const ats::result<> opened = bound->set_for_all(true); !opened) return ats::pass_on(opened);
     if (listen(bound->socket_.get(), SOMAXCONN) != 0) return ats::fail("cannot listen on " + path + reason());
     return bound;
 }
@@ -180,6 +179,15 @@ listening_socket::listening_socket(std::string path, path_lock lock, descriptor 
 listening_socket::~listening_socket()
 {
     unlink(path_.c_str());
+}
+
+ats::result<> listening_socket::set_for_all(bool is_for_all)
+{
+    constexpr mode_t everyone = 0666; // the service asks the kernel who a client is
+    constexpr mode_t owner = 0600;
+    if (chmod(path_.c_str(), is_for_all ? everyone : owner) == 0) return {};
+    return ats::fail("cannot " + std::string(is_for_all ? "open the socket " : "close the socket ") + path_ +
+                     " to other users" + reason());
 }
 
 descriptor listening_socket::duplicate() const

@@ -46,6 +46,9 @@ class listening_socket
     listening_socket(const listening_socket&) = delete;
     listening_socket& operator=(const listening_socket&) = delete;
 
+    // Lets other users connect, or only this one and root.
+    ats::result<> set_for_all(bool is_for_all);
+
     // A copy of the listening descriptor, which the caller closes.
     descriptor duplicate() const;
 

@@ -30,7 +30,7 @@ class notice_socket
     // "" when there is none yet.
     std::string next()
     {
-        char text[64];
+        char text[128];
         const ssize_t length = recv(socket_, text, sizeof text, MSG_DONTWAIT);
         return {text, length > 0 ? static_cast<size_t>(length) : 0};
     }
@@ -52,6 +52,83 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     kill(ats.pid(), SIGHUP);
     EXPECT_EQ(ats.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
+}
+
+// Signals the service to reload, and returns the lines that it prints about it.
+std::string reload(const service& ats, notice_socket& notices)
+{
+    const size_t before = ats.complaints().size();
+    kill(ats.pid(), SIGHUP);
+    std::string all;
+    const auto is_ready = [&] { return (all += notices.next()).ends_with("READY=1"); };
+    EXPECT_TRUE(eventually(is_ready)) << all;
+    EXPECT_THAT(all, testing::MatchesRegex("RELOADING=1\nMONOTONIC_USEC=[0-9]+READY=1"));
+    return ats.complaints().substr(before);
+}
+
+TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_nothing_from_a_wrong_file)
+{
+    const scratch_folder folder;
+    notice_socket notices(folder / "notify");
+    const std::string config = folder / "world.toml";
+    const std::string old_text = "[[host]]\nverify_seconds = 300\nverify_skew_percent = 50\n[[host]]\n";
+    write_file(config, old_text);
+    service ats({"--config", config});
+    EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
+    const auto host = [&](int number) { return ats.ask_json({"status"})["hosts"].at(number); };
+    EXPECT_EQ(host(0)["verification"], json({{"period", 300}, {"skew", 50}}));
+    for (const int number : {0, 1})
+        EXPECT_TRUE(eventually([&] { return host(number)["registrations"][0]["registered"] == true; }));
+    EXPECT_EQ(reload(ats, notices), "ats: reloaded: nothing has changed\n");
+
+    const std::string fixed_parts = "[acm]\ntimeout_ms = 30\n[[host]]\nname = \"new\"\nlog_kib = 64\n[host.ibat]\n"
+                                    "ibat_capacity = 9\n";
+    write_file(config, "[access]\nquestions = \"everyone\"\n" + fixed_parts +
+                           "[[host]]\naddress = \"10.0.0.77\"\ntrace = 3\nverify_seconds = 0\n");
+    const auto is_open = [&] {
+        return (std::filesystem::status(ats.socket()).permissions() & std::filesystem::perms::others_write) !=
+               std::filesystem::perms::none;
+    };
+    EXPECT_FALSE(is_open());
+    EXPECT_EQ(reload(ats, notices),
+              "ats: not reloaded: [acm] has changed in the configuration, which needs a restart\n"
+              "ats: reloaded: [access] has changed\n"
+              "ats: not reloaded: log_kib of node1 has changed in the configuration, which needs a restart\n"
+              "ats: not reloaded: a module parameter of node1 has changed in the configuration, which needs a restart\n"
+              "ats: reloaded: node1 now checks its registration every 60 seconds, by up to 1% more\n"
+              "ats: reloaded: node1 now is called new\n"
+              "ats: reloaded: node2 now traces at level 3\n"
+              "ats: reloaded: node2 now does not check its registration any more\n"
+              "ats: reloaded: node2 now has the address 10.0.0.77\n");
+    EXPECT_TRUE(is_open());
+    EXPECT_EQ(host(0)["registrations"][0]["name"], "new");
+    EXPECT_EQ(host(1)["registrations"][0]["address"], "10.0.0.77");
+    EXPECT_EQ(host(1)["trace"], 3);
+    EXPECT_EQ(host(1)["verification"]["period"], 0);
+
+    const json before = ats.ask_json({"sa", "show"});
+    const auto expect_refusal = [&](const std::string& reason) {
+        const std::string lines = reload(ats, notices);
+        EXPECT_THAT(lines, testing::StartsWith("ats: not reloaded, everything stays as it was: " + config));
+        EXPECT_THAT(lines, testing::HasSubstr(reason));
+    };
+    std::filesystem::remove(config);
+    expect_refusal("could not be opened");
+    std::filesystem::create_directory(config);
+    expect_refusal("is not a file");
+    std::filesystem::remove(config);
+    write_file(config, old_text + "[[host]]\nname = 3\n");
+    expect_refusal(":6: 'name' must be a text");
+    EXPECT_EQ(ats.ask_json({"sa", "show"}), before);
+
+    write_file(config, old_text);
+    for (int i = 0; i < 1000; ++i) kill(ats.pid(), SIGHUP);
+    EXPECT_TRUE(eventually([&] { return host(0)["registrations"][0]["name"] == "node1"; }));
+    for (int i = 0; i < 100; ++i) kill(ats.pid(), SIGHUP);
+    kill(ats.pid(), SIGTERM);
+    for (int i = 0; i < 100; ++i) kill(ats.pid(), SIGHUP);
+    EXPECT_EQ(ats.stop(0), 0) << ats.complaints();
+    EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
 
 TEST(service, advice_fits_how_it_was_started)

@@ -18,7 +18,7 @@ ats::result<cli::world_config> read_config(const std::string& text)
     return cli::read_world_config(folder / "world.toml");
 }
 
-std::vector<world::host_plan> read(const std::string& text)
+std::vector<cli::host_config> read(const std::string& text)
 {
     return read_config(text).value().hosts;
 }
@@ -103,7 +103,8 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         const char* complaint;
     } cases[] = {
         {"[[host]]\nnmae = \"x\"",
-         ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, log_kib, name, trace, ucm"},
+         ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, log_kib, name, trace, ucm, "
+         "verify_seconds, verify_skew_percent"},
         {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
         {"hosts = 3", ":1: unknown key 'hosts'; valid here are access, acm, fabric, host, limits"},
         {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},
@@ -113,6 +114,7 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         {"[[host]]\naddress = \"127.1.2.3\"", ":2: '127.1.2.3' cannot be a host's address: it is a loopback"},
         {"[[host]]\n[host.ats]\nats_ipaddr_str = \"127.1.2.3\"", ":3: give 'address' in the [[host]] table"},
         {"[[host]]\ntrace = 6", ":2: 'trace' must be a whole number from 0 to 5"},
+        {"[[host]]\nverify_skew_percent = 101", ":2: 'verify_skew_percent' must be a whole number from 0 to 100"},
         {"[[host]]\ntrace = \"high\"", ":2: 'trace' must be a whole number from 0 to 5"},
         {"[[host]]\n[[host.hca]]\nports = 3", ":3: 'ports' must be a whole number from 1 to 2"},
         {"[[host]]\nhca = 1", ":2: 'hca' must be written as [[hca]] tables"},

@@ -1,0 +1,107 @@
+#include "cli/service/host-orders.h"
+
+#include <cstring>
+
+#include "cli/service/registration.h"
+#include "console/control-commands.h"
+#include "console/host-plans.h"
+#include "host/exec/print-capture.h"
+#include "host/stack/registry.h"
+#include "kernel/errno.h"
+
+namespace cli
+{
+
+namespace
+{
+
+tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
+{
+    return ats::fail("ats is not loaded on " + machine.name());
+}
+
+// Calls an identity function that ats exports. Its module stays loaded for the call. Returns false if the new identity
+// was stored, but not sent on every HCA.
+template <class argument_t>
+ats::result<bool> set_identity(kernel::machine& machine, const char* function, argument_t argument)
+{
+    bool is_loaded = false;
+    int32_t status = 0;
+    machine.enter(function, [&] {
+        const kernel::held_symbol symbol(machine.modules, "ats", function);
+        is_loaded = static_cast<bool>(symbol);
+        if (is_loaded) status = symbol.as<int32_t (*)(argument_t)>()(argument);
+    });
+    if (!is_loaded) return not_loaded(machine);
+    return status == 0;
+}
+
+// Gives an order that changes the registered record.
+ats::result<> change_record(world::host& host, awaited awaited, const confirmation::is_new_record_t& is_new_record,
+                            const std::function<ats::result<bool>()>& order)
+{
+    constexpr const char* see_the_log = "'ats log --level 1' says why";
+    if (awaited == awaited::sent) {
+        const ats::result<bool> ordered = order();
+        if (!ordered) return ats::pass_on(ordered);
+        if (*ordered) return {};
+        return ats::fail(std::string("stored, but not registered on every HCA: ") + see_the_log);
+    }
+    confirmation confirmation(host, is_new_record);
+    const ats::result<bool> ordered = order();
+    if (!ordered) return ats::pass_on(ordered);
+    const ats::result<> confirmed = confirmation.wait();
+    if (confirmed && *ordered) return {};
+    return ats::fail("stored, not confirmed by the SA: " + (confirmed ? see_the_log : confirmed.error().text));
+}
+
+} // namespace
+
+ats::result<std::string> write_control(world::host& host, const std::string& command)
+{
+    kernel::machine& machine = host.machine();
+    int written = 0;
+    std::string output;
+    machine.enter("control", [&] {
+        exec::print_capture capture(exec::print_capture::also_log);
+        written = machine.proc.write(console::control_file, command + "\n");
+        output = capture.text();
+    });
+    if (written == -EK_NOENT) return not_loaded(machine);
+    if (written < 0)
+        return ats::fail("ats on " + machine.name() + " did not take the command: " + std::strerror(-written));
+    return output;
+}
+
+void set_trace_level(world::host& host, int level)
+{
+    kernel::machine& machine = host.machine();
+    machine.enter("trace",
+                  [&] { machine.get<stack::registry>().set(console::registry_key, console::trace_level_name, level); });
+}
+
+ats::result<> set_verification(world::host& host, const verification& verification)
+{
+    const ats::result<std::string> output =
+        write_control(host, "sa_verify_period " + std::to_string(verification.period_seconds) + " " +
+                                std::to_string(verification.skew_percent));
+    if (!output) return ats::pass_on(output);
+    if (console::is_complaint(*output)) return ats::fail(host.name() + " did not take its verification: " + *output);
+    return {};
+}
+
+ats::result<> set_name(world::host& host, const std::string& name, awaited awaited)
+{
+    return change_record(
+        host, awaited, [&](const records::host_record& record) { return record.host_name == name; },
+        [&] { return set_identity(host.machine(), "ats_sa_set_hostname", name.c_str()); });
+}
+
+ats::result<> set_address(world::host& host, uint32_t ip, awaited awaited)
+{
+    return change_record(
+        host, awaited, [&](const records::host_record& record) { return record.address == ip; },
+        [&] { return set_identity(host.machine(), "ats_sa_set_ip_addrs", ip); });
+}
+
+} // namespace cli

@@ -1,0 +1,171 @@
+#include "cli/service/reload.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "cli/service/host-orders.h"
+#include "console/identity.h"
+
+namespace cli
+{
+
+namespace
+{
+
+bool is_same_fabric(const fabric_config& left, const fabric_config& right)
+{
+    return left.is_real == right.is_real && left.capture == right.capture &&
+           left.ports.watch_interval_ticks == right.ports.watch_interval_ticks &&
+           left.ports.sa_delete_p_key == right.ports.sa_delete_p_key;
+}
+
+bool are_same_hcas(const host_config& left, const host_config& right)
+{
+    return std::ranges::equal(left.hcas, right.hcas, [](const world::hca_plan& one, const world::hca_plan& other) {
+        return one.name == other.name && one.ports == other.ports;
+    });
+}
+
+// The parts of the configuration that are fixed while the service runs.
+constexpr struct {
+    const char* name;
+    bool (*is_same)(const world_config&, const world_config&);
+} fixed_parts[] = {
+    {"[fabric]",
+     [](const world_config& left, const world_config& right) { return is_same_fabric(left.fabric, right.fabric); }},
+    {"[acm]", [](const world_config& left, const world_config& right) { return left.acm == right.acm; }},
+    {"the number of hosts",
+     [](const world_config& left, const world_config& right) { return left.hosts.size() == right.hosts.size(); }},
+};
+
+// The same of a host.
+constexpr struct {
+    const char* name;
+    bool (*is_same)(const host_config&, const host_config&);
+} fixed_host_parts[] = {
+    {"[[host.hca]]", are_same_hcas},
+    {"log_kib", [](const host_config& left, const host_config& right) { return left.log_bytes == right.log_bytes; }},
+    {"a module parameter",
+     [](const host_config& left, const host_config& right) { return left.parameters == right.parameters; }},
+};
+
+// Finds the host of the file for each running one: that of its name, or else the next one whose name does not run.
+std::vector<const host_config*> counterparts_of(const world_config& running, const world_config& file)
+{
+    const auto named = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {
+        const auto found = std::ranges::find(hosts, name, [](const host_config& host) { return host.settings.name; });
+        return found == hosts.end() ? nullptr : &*found;
+    };
+    std::vector<const host_config*> renamed;
+    for (const host_config& host : file.hosts)
+        if (!named(running.hosts, host.settings.name)) renamed.push_back(&host);
+    std::vector<const host_config*> counterparts;
+    auto next = renamed.begin();
+    for (const host_config& host : running.hosts) {
+        const host_config* counterpart = named(file.hosts, host.settings.name);
+        if (!counterpart && next != renamed.end()) counterpart = *next++;
+        counterparts.push_back(counterpart);
+    }
+    return counterparts;
+}
+
+// Reloads one configuration; see reload().
+class reloading
+{
+  public:
+    explicit reloading(const reload_calls& calls) : calls_(calls) {}
+
+    void change_rules(world_config& running, const world_config& file)
+    {
+        if (running.access == file.access && running.limits == file.limits) return;
+        const ats::result<> changed = calls_.set_rules(file.access, file.limits);
+        if (running.access != file.access) report(changed, "[access] has changed");
+        if (running.limits != file.limits) report(changed, "[limits] have changed");
+        if (!changed) return;
+        running.access = file.access;
+        running.limits = file.limits;
+    }
+
+    void change_host(world::host& host, host_settings& running, const host_settings& file)
+    {
+        change(running.trace, file.trace, host, "traces at level " + std::to_string(file.trace),
+               [&]() -> ats::result<> {
+                   set_trace_level(host, file.trace);
+                   return {};
+               });
+        change(running.verification, file.verification, host, text_of(file.verification),
+               [&] { return set_verification(host, file.verification); });
+        change(running.address, file.address, host, "has the address " + file.address, [&]() -> ats::result<> {
+            const ats::result<uint32_t> ip = console::host_address_of(file.address);
+            return ip ? set_address(host, *ip, awaited::confirmed) : ats::pass_on(ip);
+        });
+        change(running.name, file.name, host, "is called " + file.name,
+               [&] { return set_name(host, file.name, awaited::confirmed); });
+    }
+
+    void refuse(const std::string& part)
+    {
+        calls_.print("not reloaded: " + part + " has changed in the configuration, which needs a restart");
+        ++lines_;
+    }
+
+    void end()
+    {
+        if (lines_ == 0) calls_.print("reloaded: nothing has changed");
+    }
+
+  private:
+    static std::string text_of(const verification& verification)
+    {
+        if (verification.period_seconds == 0) return "does not check its registration any more";
+        return "checks its registration every " + std::to_string(verification.period_seconds) + " seconds, by up to " +
+               std::to_string(verification.skew_percent) + "% more";
+    }
+
+    void say(const std::string& text)
+    {
+        calls_.print("reloaded: " + text);
+        ++lines_;
+    }
+
+    void report(const ats::result<>& changed, const std::string& text)
+    {
+        say(changed ? text : text + ", which failed: " + changed.error().text);
+    }
+
+    template <class setting_t>
+    void change(setting_t& running, const setting_t& file, world::host& host, const std::string& text,
+                const std::function<ats::result<>()>& order)
+    {
+        if (running == file || !calls_.may_go_on()) return;
+        const ats::result<> changed = order();
+        report(changed, host.name() + " now " + text);
+        if (changed) running = file;
+    }
+
+    const reload_calls& calls_;
+    size_t lines_ = 0;
+};
+
+} // namespace
+
+void reload(running_hosts& hosts, world_config& running, const world_config& file, const reload_calls& calls)
+{
+    assert(hosts.all().size() == running.hosts.size());
+    reloading reloading(calls);
+    for (const auto& part : fixed_parts)
+        if (!part.is_same(running, file)) reloading.refuse(part.name);
+    reloading.change_rules(running, file);
+    const std::vector<const host_config*> counterparts = counterparts_of(running, file);
+    for (size_t i = 0; i < counterparts.size(); ++i) {
+        if (!counterparts[i]) continue;
+        world::host& host = *hosts.all()[i];
+        for (const auto& part : fixed_host_parts)
+            if (!part.is_same(running.hosts[i], *counterparts[i]))
+                reloading.refuse(std::string(part.name) + " of " + host.name());
+        reloading.change_host(host, running.hosts[i].settings, counterparts[i]->settings);
+    }
+    reloading.end();
+}
+
+} // namespace cli

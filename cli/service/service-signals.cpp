@@ -1,0 +1,72 @@
+#include "cli/service/service-signals.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <fcntl.h>
+#include <thread>
+
+#include "client/descriptor.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr std::array numbers = {SIGINT, SIGTERM, SIGHUP};
+
+bool has_terminal()
+{
+    return client::descriptor(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)).is_open();
+}
+
+} // namespace
+
+service_signals::service_signals(bool can_reload) : can_reload_(can_reload), had_terminal_(has_terminal())
+{
+    sigemptyset(&set_);
+    for (const int number : numbers) sigaddset(&set_, number);
+    pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+    signal(SIGPIPE, SIG_IGN); // a closed terminal must not keep the hosts from deleting their records
+}
+
+bool service_signals::stops(int number) const
+{
+    return number != SIGHUP || !can_reload_ || (had_terminal_ && !has_terminal());
+}
+
+bool service_signals::is_stop_pending() const
+{
+    sigset_t pending;
+    sigpending(&pending);
+    return std::ranges::any_of(numbers,
+                               [&](int number) { return sigismember(&pending, number) == 1 && stops(number); });
+}
+
+service_signals::told service_signals::wait() const
+{
+    int number = 0;
+    sigwait(&set_, &number);
+    if (!stops(number)) return told::reload;
+    let_next_signal_end_the_program();
+    return told::stop;
+}
+
+void service_signals::wait_for_stop() const
+{
+    while (wait() == told::reload) continue;
+}
+
+// A signal may come twice at once: timeout(1) signals the process and then its group. Such repeats are dropped.
+void service_signals::let_next_signal_end_the_program() const
+{
+    constexpr std::chrono::milliseconds repeat_limit(100);
+    constexpr timespec no_wait{};
+    std::this_thread::sleep_for(repeat_limit);
+    while (sigtimedwait(&set_, nullptr, &no_wait) > 0) continue;
+    if (can_reload_) signal(SIGHUP, SIG_IGN);
+    pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
+}
+
+} // namespace cli
