@@ -63,7 +63,7 @@ void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Opt
                    "WHEN");
     make_real_only(command
                        .add_option("--port-interval", arguments.port_interval_ms,
-                                   "How often ports are asked for their state, in ms (default: 1000)")
+                                   "How often ports are asked for their state, in ms (default: 100)")
                        ->check(console::number_from(10, 60'000)),
                    "MS");
     command.add_option("--capture", arguments.capture, "Write every datagram to this file, for Wireshark and tshark")

@@ -18,7 +18,7 @@ struct fabric_arguments {
     std::string address;
     std::string capture;
     std::string sa_delete_pkey = "auto";
-    int port_interval_ms = 1000;
+    int port_interval_ms = 100;
     const CLI::Option* hosts_option = nullptr;
     std::vector<const CLI::Option*> real_only_options; // an embedded fabric has no use for them
 

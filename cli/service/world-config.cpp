@@ -162,7 +162,7 @@ ats::result<fabric_config> read_fabric(const toml::table& table, const std::stri
     if (fabric.is_real) {
         fabric.ports.sa_delete_p_key = delete_p_key_of(reader.word("sa_delete_pkey", "auto", {"auto", "on", "off"}));
         fabric.ports.watch_interval_ticks =
-            static_cast<uint64_t>(reader.number("port_interval_ms", 1000, 10, longest_interval_ms));
+            static_cast<uint64_t>(reader.number("port_interval_ms", 100, 10, longest_interval_ms));
     }
     return reader.finish().map([&] { return fabric; });
 }

@@ -5,9 +5,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <infiniband/verbs.h>
 
-#include "host/fabric/umad/port.h"
+#include "host/fabric/umad/real-hca.h"
 #include "tests/fabric/requests.h"
 
 namespace
@@ -22,10 +23,34 @@ struct fake_device {
     std::deque<arrival> arrivals;
     std::atomic<bool> is_silent{false}; // the SA, not the port itself
     std::atomic<int> self_questions{0};
+    std::atomic<uint8_t> state{1}, lid{0};         // of the port: PortState as in PortInfo
     const int readable = eventfd(0, EFD_NONBLOCK); // readable while there are arrivals
 } wire;
 
 constexpr int sa_agent = 0, self_agent = 1;
+constexpr uint8_t port_info = 0x15;
+
+// The same for libibverbs: an HCA that reports the events that a test puts in.
+struct fake_verbs {
+    std::mutex mutex; // guards events
+    std::deque<ibv_async_event> events;
+    std::atomic<bool> is_known{false}; // to libibverbs
+    std::atomic<int> unacknowledged{0};
+    ibv_device device{};
+    ibv_context context{};
+
+    fake_verbs() { context.async_fd = eventfd(0, EFD_NONBLOCK | EFD_SEMAPHORE); }
+
+    void report(ibv_event_type type, int port = 1)
+    {
+        ibv_async_event event{};
+        event.event_type = type;
+        event.element.port_num = port;
+        const std::lock_guard lock(mutex);
+        events.push_back(event);
+        eventfd_write(context.async_fd, 1);
+    }
+} verbs;
 
 } // namespace
 
@@ -56,6 +81,10 @@ int umad_send(int, int agent, void* umad, int, int, int)
     memcpy(answer.mad.data(), umad_get_mad(umad), answer.mad.size());
     reinterpret_cast<mad_hdr_t&>(answer.mad).m.r = 1;
     if (agent == self_agent) ++wire.self_questions;
+    if (answer.mad[17] == port_info) {
+        answer.mad[64 + 17] = wire.lid;
+        answer.mad[64 + 32] = wire.state;
+    }
     const std::lock_guard lock(wire.mutex);
     if (agent == sa_agent && wire.is_silent) return 0;
     wire.arrivals.push_back(answer);
@@ -75,6 +104,42 @@ int umad_recv(int, void* umad, int* length, int)
     memcpy(umad_get_mad(umad), next.mad.data(), next.mad.size());
     *length = MAD_SIZE;
     return next.agent;
+}
+
+ibv_device** ibv_get_device_list(int* count)
+{
+    *count = verbs.is_known;
+    return new ibv_device* [1] { &verbs.device };
+}
+void ibv_free_device_list(ibv_device** list)
+{
+    delete[] list;
+}
+const char* ibv_get_device_name(ibv_device*)
+{
+    return "fake";
+}
+ibv_context* ibv_open_device(ibv_device*)
+{
+    return &verbs.context;
+}
+int ibv_close_device(ibv_context*)
+{
+    return 0;
+}
+int ibv_get_async_event(ibv_context* context, ibv_async_event* event)
+{
+    const std::lock_guard lock(verbs.mutex);
+    eventfd_t value;
+    if (eventfd_read(context->async_fd, &value) != 0) return -1;
+    *event = verbs.events.front();
+    verbs.events.pop_front();
+    ++verbs.unacknowledged;
+    return 0;
+}
+void ibv_ack_async_event(ibv_async_event*)
+{
+    --verbs.unacknowledged;
 }
 
 namespace
@@ -193,6 +258,62 @@ TEST_F(umad_port, ends_what_it_promised_when_the_sa_falls_silent_however_much_is
         ask();
         return !is_call_promised;
     }));
+}
+
+struct change_list final : fabric::listener {
+    void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
+    void port_changed(int, fabric::port_change change, uint16_t) override
+    {
+        const std::lock_guard lock(mutex);
+        changes.push_back(change);
+    }
+    std::vector<fabric::port_change> take(size_t count)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        std::unique_lock lock(mutex);
+        while (changes.size() < count && std::chrono::steady_clock::now() < deadline) {
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        }
+        return std::exchange(changes, {});
+    }
+    std::mutex mutex; // guards changes
+    std::vector<fabric::port_change> changes;
+};
+
+// The ports are asked so seldom here that only events can tell what happens.
+TEST(hca_with_verbs, tells_at_once_what_its_events_report)
+{
+    using enum fabric::port_change;
+    const auto exec = exec::make_threaded_executor();
+    umad::fabric_context context{*exec, {.watch_interval_ticks = 3'600'000}};
+    wire.state = 1;
+    verbs.is_known = true;
+    umad::real_hca hca(context, {"fake", {{.number = 1, .link_layer = "InfiniBand", .device = "umad0"}}});
+    ASSERT_TRUE(hca.open());
+    change_list listener;
+    hca.listen(&listener);
+    const struct {
+        ibv_event_type event;
+        uint8_t state, lid;
+        std::vector<fabric::port_change> changes;
+    } steps[] = {
+        {IBV_EVENT_PORT_ACTIVE, 4, 7, {link_up}}, {IBV_EVENT_CLIENT_REREGISTER, 4, 7, {link_down, link_up}},
+        {IBV_EVENT_QP_FATAL, 4, 8, {}},           {IBV_EVENT_LID_CHANGE, 4, 8, {link_down, link_up}},
+        {IBV_EVENT_PORT_ERR, 1, 8, {link_down}},  {IBV_EVENT_CLIENT_REREGISTER, 1, 8, {}},
+        {IBV_EVENT_PORT_ACTIVE, 4, 8, {link_up}}, {IBV_EVENT_DEVICE_FATAL, 1, 8, {link_down}},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(ibv_event_type_str(step.event));
+        wire.state = step.state;
+        wire.lid = step.lid;
+        verbs.report(step.event);
+        EXPECT_EQ(listener.take(step.changes.size()), step.changes);
+    }
+    EXPECT_EQ(verbs.unacknowledged, 0);
+    hca.listen(nullptr);
+    verbs.is_known = false;
 }
 
 } // namespace

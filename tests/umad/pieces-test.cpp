@@ -169,6 +169,49 @@ TEST(umad_port, is_read_from_its_own_answers)
     EXPECT_EQ(watch.next_due(), 1000u);
 }
 
+// One look: how many questions it takes, and what it finds. `lid` is the low byte of the LID that the port reports.
+struct look {
+    int questions = 0;
+    std::optional<fabric::port_attributes> attributes = {};
+};
+look look_at(umad::port_watch& watch, uint8_t lid = 2)
+{
+    look look;
+    const uint64_t now = watch.next_due();
+    while (!look.attributes && ++look.questions < 20) {
+        const auto question = watch.due_question(now);
+        if (!question) return look;
+        fabric::mad_bytes answer = answer_to(*question);
+        if ((*question)[17] == 0x15) answer[64 + 17] = lid;
+        look.attributes = watch.accept(answer, now);
+    }
+    return look;
+}
+
+TEST(umad_port, is_asked_one_question_while_nothing_changes)
+{
+    umad::port_watch watch(2, 100);
+    const auto first = look_at(watch);
+    ASSERT_EQ(first.questions, 5);
+    for (int i = 0; i < 9; ++i) {
+        const auto brief = look_at(watch);
+        EXPECT_EQ(brief.questions, 1);
+        EXPECT_THAT(umad::changes_between(*first.attributes, *brief.attributes), IsEmpty());
+    }
+    EXPECT_EQ(look_at(watch).questions, 5) << "its P_Keys could have changed";
+    const auto changed = look_at(watch, 9);
+    EXPECT_EQ(changed.questions, 6);
+    EXPECT_EQ(changed.attributes->lid, 0x0109);
+    EXPECT_EQ(look_at(watch, 9).attributes->lid, 0x0109);
+
+    fabric::mad_bytes old_answer = answer_to(*watch.due_question(watch.next_due()));
+    old_answer[64 + 17] = 9;
+    watch.hurry(5);
+    EXPECT_EQ(watch.next_due(), 5u);
+    EXPECT_FALSE(watch.accept(old_answer, 5)) << "an answer from before the event";
+    EXPECT_EQ(look_at(watch, 9).questions, 5);
+}
+
 TEST(umad_port, that_stops_answering_is_asked_on_and_counts_as_silent)
 {
     umad::port_watch watch(1, 1000);

@@ -54,6 +54,7 @@ void port::set_attributes(const fabric::port_attributes& attributes, port_condit
     {
         const std::lock_guard lock(attributes_mutex_);
         changes = changes_between(attributes_, attributes);
+        if (must_register_.exchange(false)) changes = with_registration(changes, attributes);
         attributes_ = attributes;
         lid_ = attributes.lid;
     }

@@ -1,5 +1,7 @@
 #include "host/fabric/umad/port-watch.h"
 
+#include <algorithm>
+
 #include "host/fabric/umad/umad.h"
 
 namespace umad
@@ -41,6 +43,15 @@ std::vector<fabric::port_change> changes_between(const fabric::port_attributes& 
     return {};
 }
 
+std::vector<fabric::port_change> with_registration(const std::vector<fabric::port_change>& changes,
+                                                   const fabric::port_attributes& current)
+{
+    using enum fabric::port_change;
+    const bool registers_anyway = std::ranges::find(changes, link_up) != changes.end();
+    if (!is_active(current) || registers_anyway) return changes;
+    return {link_down, link_up};
+}
+
 port_condition condition_of(const fabric::port_attributes& attributes)
 {
     switch (attributes.state) {
@@ -76,7 +87,9 @@ std::optional<fabric::mad_bytes> port_watch::due_question(uint64_t now)
 {
     if (now < due_) return std::nullopt;
     if (!is_asking_) {
-        query_.restart();
+        const bool is_brief = brief_looks_ > 0;
+        query_.restart(is_brief ? self_query::look::brief : self_query::look::whole);
+        brief_looks_ = is_brief ? brief_looks_ - 1 : whole_look_period - 1;
         is_asking_ = true;
         tries_ = 0;
     }
@@ -87,13 +100,20 @@ std::optional<fabric::mad_bytes> port_watch::due_question(uint64_t now)
 
 std::optional<fabric::port_attributes> port_watch::accept(const fabric::mad_bytes& answer, uint64_t now)
 {
-    if (!query_.accept(answer)) return std::nullopt;
+    if (!is_asking_ || !query_.accept(answer)) return std::nullopt;
     has_ever_answered_ = true;
     tries_ = 0;
     due_ = now;
     const auto attributes = query_.result();
     if (attributes) postpone(now);
     return attributes;
+}
+
+void port_watch::hurry(uint64_t now)
+{
+    is_asking_ = false; // answers to earlier questions may be too old
+    brief_looks_ = 0;
+    due_ = now;
 }
 
 void port_watch::postpone(uint64_t now)

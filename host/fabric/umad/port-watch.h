@@ -15,6 +15,11 @@ namespace umad
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current);
 
+// The same for a host that must register again, though nothing may have changed. A port that is not active does so when
+// it comes up.
+std::vector<fabric::port_change> with_registration(const std::vector<fabric::port_change>& changes,
+                                                   const fabric::port_attributes& current);
+
 // A port's state as an administrator sees it. `lost`: the device is gone; `silent`: the port does not answer questions
 // about itself.
 enum class port_condition { unknown, lost, silent, link_down, no_sm, active };
@@ -29,6 +34,11 @@ class port_watch
     // All times are ticks.
     port_watch(int port, uint64_t interval) : interval_(interval), query_(port) {}
 
+    void set_interval(uint64_t interval) { interval_ = interval; }
+
+    // Asks for everything at once: the port is said to have changed.
+    void hurry(uint64_t now);
+
     // The question to send now; none before next_due().
     std::optional<fabric::mad_bytes> due_question(uint64_t now);
 
@@ -42,7 +52,7 @@ class port_watch
     bool is_silent() const { return tries_ > (has_ever_answered_ ? most_tries : most_first_tries); }
     bool has_ever_answered() const { return has_ever_answered_; }
 
-    // Starts again with the first question, one interval from now.
+    // Begins a new look, one interval from now.
     void postpone(uint64_t now);
 
   private:
@@ -51,12 +61,16 @@ class port_watch
     static constexpr int most_tries = 20;
     static constexpr int most_first_tries = 3;
 
-    const uint64_t interval_;
+    // Every so many looks, one is whole: P_Keys and GIDs can change while PortInfo does not.
+    static constexpr int whole_look_period = 10;
+
+    uint64_t interval_;
     self_query query_;
     uint64_t due_ = 0;
     bool is_asking_ = false;
     bool has_ever_answered_ = false;
-    int tries_ = 0; // of the same question
+    int tries_ = 0;       // of the same question
+    int brief_looks_ = 0; // until the next whole one
 };
 
 } // namespace umad

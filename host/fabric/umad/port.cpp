@@ -58,6 +58,23 @@ void port::start()
     task_ = &context_.exec.start(nullptr, name_, [this] { run(); });
 }
 
+void port::look_now(bool must_register)
+{
+    if (must_register) must_register_ = true;
+    {
+        const std::lock_guard lock(receive_mutex_);
+        watch_.hurry(context_.exec.now());
+        check_due_ = watch_.next_due();
+    }
+    device_.wake();
+}
+
+void port::set_watch_interval(uint64_t ticks)
+{
+    const std::lock_guard lock(receive_mutex_);
+    watch_.set_interval(ticks);
+}
+
 fabric::port_attributes port::read() const
 {
     const std::lock_guard lock(attributes_mutex_);

@@ -60,6 +60,13 @@ class port
     bool send(const fabric::address& destination, const fabric::mad_bytes& mad);
     bool poll();
 
+    // Asks the port at once for its attributes: it is said to have changed. With `must_register` the host registers
+    // again, even if nothing has changed. Any thread.
+    void look_now(bool must_register);
+
+    // How often the port is asked from now on. Any thread.
+    void set_watch_interval(uint64_t ticks);
+
     // The attributes last reported by the port. Any thread; does not wait for the port.
     fabric::port_attributes read() const;
     datagram_counts counts() const;
@@ -121,9 +128,10 @@ class port
     bool reads_files_ = false; // the port does not report its attributes; the system's files are read instead
     bool is_sa_silent_ = false;
 
-    std::atomic<uint64_t> check_due_{0}; // the tick of the next check_port()
-    std::atomic<bool> is_busy_{false};   // a datagram has just arrived, and more may follow
-    std::atomic<bool> is_polled_{false}; // another task receives
+    std::atomic<bool> must_register_{false}; // when the port reports its attributes next
+    std::atomic<uint64_t> check_due_{0};     // the tick of the next check_port()
+    std::atomic<bool> is_busy_{false};       // a datagram has just arrived, and more may follow
+    std::atomic<bool> is_polled_{false};     // another task receives
     std::atomic<bool> is_stopping_{false};
     exec::task* task_ = nullptr;
 };

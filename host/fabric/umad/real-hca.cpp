@@ -5,6 +5,14 @@
 namespace umad
 {
 
+namespace
+{
+
+// Ports whose events are reported are asked so much less often.
+constexpr uint64_t slow_watch_factor = 50;
+
+} // namespace
+
 real_hca::real_hca(fabric_context& context, const hca_listing& hca)
     : context_(context), name_(hca.name), p_keys_(context.options.sa_delete_p_key)
 {
@@ -41,7 +49,23 @@ ats::result<> real_hca::open()
     }
     for (size_t i = 0; i < ports_.size(); ++i)
         if (is_infiniband_[i]) ports_[i]->start();
+    events_ = device_events::open(context_.exec, name_, [this](const device_event& event) { take_event(event); });
+    const uint64_t interval = context_.options.watch_interval_ticks;
+    for (const auto& each : ports_)
+        if (events_) each->set_watch_interval(slow_watch_factor * interval);
     return {};
+}
+
+void real_hca::take_event(const device_event& event)
+{
+    const bool has_ended = event.kind == device_event_kind::ended;
+    if (has_ended) context_.report(name_ + ": the device reports no further events; its ports are asked more often");
+    for (int number = 1; number <= port_count(); ++number) {
+        if (event.port != 0 && event.port != number) continue;
+        port& changed = *ports_[static_cast<size_t>(number - 1)];
+        if (has_ended) changed.set_watch_interval(context_.options.watch_interval_ticks);
+        changed.look_now(event.kind == device_event_kind::reregister);
+    }
 }
 
 template <class call_t>

@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "host/fabric/umad/device-events.h"
 #include "host/fabric/umad/port.h"
 
 namespace umad
@@ -30,6 +31,8 @@ class real_hca final : public fabric::hca
     datagram_counts counts() const;
 
   private:
+    void take_event(const device_event& event);
+
     template <class call_t>
     void call_listener(const call_t& call);
 
@@ -39,7 +42,8 @@ class real_hca final : public fabric::hca
     std::mutex listener_mutex_; // held during each call of the listener: one call at a time
     fabric::listener* listener_ = nullptr;
     std::vector<bool> is_infiniband_;          // one for each port
-    std::vector<std::unique_ptr<port>> ports_; // last: their tasks use all other members
+    std::vector<std::unique_ptr<port>> ports_; // after what their tasks use
+    std::unique_ptr<device_events> events_;    // last: its task uses the ports
 };
 
 } // namespace umad

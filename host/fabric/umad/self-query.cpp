@@ -66,9 +66,15 @@ uint8_t vls_of(uint8_t vl_cap)
 
 } // namespace
 
-void self_query::restart()
+void self_query::restart(look extent)
 {
-    question_ = question::node_info;
+    extent_ = extent;
+    restart_with(extent == look::whole ? question::node_info : question::port_info);
+}
+
+void self_query::restart_with(question first)
+{
+    question_ = first;
     p_key_block_ = 0;
     attributes_ = {};
 }
@@ -135,6 +141,14 @@ void self_query::accept_node(const uint8_t* node_info)
 
 void self_query::accept_port(const uint8_t* port_info)
 {
+    std::copy_n(port_info, port_info_.size(), port_info_.begin());
+    if (extent_ == look::brief) {
+        const bool is_known = port_info_ == known_port_info_;
+        restart_with(is_known ? question::none : question::node_info);
+        extent_ = look::whole;
+        if (is_known) attributes_ = known_attributes_;
+        return;
+    }
     gid_prefix_ = number64(port_info + 8);
     attributes_.lid = number16(port_info + 16);
     attributes_.sm_lid = number16(port_info + 18);
@@ -166,6 +180,8 @@ void self_query::accept_p_keys(const uint8_t* block)
     // Unused entries at the end go. Those in between stay, because each entry keeps its index.
     while (!attributes_.p_keys.empty() && attributes_.p_keys.back() == 0) attributes_.p_keys.pop_back();
     question_ = question::none;
+    known_port_info_ = port_info_;
+    known_attributes_ = attributes_;
 }
 
 std::optional<fabric::port_attributes> self_query::result() const

@@ -24,8 +24,8 @@ enum class delete_p_key {
 };
 
 struct fabric_options {
-    std::vector<std::string> hcas = {};   // names; empty: all
-    uint64_t watch_interval_ticks = 1000; // how often a port is asked for its state
+    std::vector<std::string> hcas = {};  // names; empty: all
+    uint64_t watch_interval_ticks = 100; // how often a port is asked for its state
     delete_p_key sa_delete_p_key = delete_p_key::automatic;
     std::function<void(const std::string&)> report =
         {}; // takes a line for the administrator; any thread, must not sleep

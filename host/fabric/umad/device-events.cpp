@@ -1,0 +1,111 @@
+#include "host/fabric/umad/device-events.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <infiniband/verbs.h>
+#include <optional>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace umad
+{
+
+namespace
+{
+
+// The meaning of an event for the ports; none for events of queues.
+std::optional<device_event> meaning_of(const ibv_async_event& event)
+{
+    using enum device_event_kind;
+    switch (event.event_type) {
+    case IBV_EVENT_PORT_ACTIVE:
+    case IBV_EVENT_PORT_ERR:
+    case IBV_EVENT_LID_CHANGE:
+    case IBV_EVENT_PKEY_CHANGE:
+    case IBV_EVENT_SM_CHANGE:
+    case IBV_EVENT_GID_CHANGE:
+        return device_event{port_changed, event.element.port_num};
+    case IBV_EVENT_CLIENT_REREGISTER:
+        return device_event{reregister, event.element.port_num};
+    case IBV_EVENT_DEVICE_FATAL:
+        return device_event{ended};
+    default:
+        return std::nullopt;
+    }
+}
+
+ibv_context* open_device(const std::string& hca)
+{
+    int count = 0;
+    ibv_device** const devices = ibv_get_device_list(&count);
+    if (!devices) return nullptr;
+    ibv_context* context = nullptr;
+    for (int i = 0; i < count && !context; ++i)
+        if (hca == ibv_get_device_name(devices[i])) context = ibv_open_device(devices[i]);
+    ibv_free_device_list(devices);
+    return context;
+}
+
+class verbs_events final : public device_events
+{
+  public:
+    verbs_events(exec::executor& exec, const std::string& hca, ibv_context* context,
+                 std::function<void(const device_event&)> take)
+        : exec_(exec), context_(context), take_(std::move(take))
+    {
+        const int descriptor = context_->async_fd;
+        fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+        task_ = &exec_.start(nullptr, hca + " events", [this] { run(); });
+    }
+
+    ~verbs_events() override
+    {
+        is_stopping_ = true;
+        eventfd_write(wakeup_, 1);
+        exec_.join(*task_);
+        ibv_close_device(context_);
+        close(wakeup_);
+    }
+
+  private:
+    void run()
+    {
+        pollfd both[] = {{context_->async_fd, POLLIN, 0}, {wakeup_, POLLIN, 0}};
+        while (!is_stopping_) {
+            if (poll(both, 2, -1) < 0 && errno != EINTR) return take_({device_event_kind::ended});
+            if (both[0].revents != 0 && !take_next()) return take_({device_event_kind::ended});
+        }
+    }
+
+    // False if no further event can come.
+    bool take_next()
+    {
+        ibv_async_event event;
+        if (ibv_get_async_event(context_, &event) != 0) return errno == EAGAIN || errno == EINTR;
+        const std::optional<device_event> known = meaning_of(event);
+        ibv_ack_async_event(&event);
+        if (known && known->kind == device_event_kind::ended) return false;
+        if (known) take_(*known);
+        return true;
+    }
+
+    exec::executor& exec_;
+    ibv_context* const context_;
+    const std::function<void(const device_event&)> take_;
+    const int wakeup_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    std::atomic<bool> is_stopping_{false};
+    exec::task* task_ = nullptr;
+};
+
+} // namespace
+
+std::unique_ptr<device_events> device_events::open(exec::executor& exec, const std::string& hca,
+                                                   std::function<void(const device_event&)> take)
+{
+    ibv_context* const context = open_device(hca);
+    if (!context) return nullptr;
+    return std::make_unique<verbs_events>(exec, hca, context, std::move(take));
+}
+
+} // namespace umad
