@@ -14,7 +14,7 @@ namespace
 using ats::error_kind;
 
 // Prints a line for the administrator: on the terminal, or into the journal. Any thread.
-void print_report(const std::string& line)
+void print_port_report(const std::string& line)
 {
     std::fprintf(stderr, "ats: %s\n", world::printable_lines(line).c_str());
 }
@@ -82,7 +82,7 @@ ats::result<world_config> with_fabric(world_config config, const fabric_argument
             return ats::fail(error_kind::invalid,
                              option->get_name() +
                                  " is for --fabric umad; hosts on the embedded fabric are described by --config");
-    config.fabric.ports.report = print_report;
+    config.fabric.ports.report = print_port_report;
     if (!arguments.capture.empty()) config.fabric.capture = arguments.capture;
     return config;
 }
