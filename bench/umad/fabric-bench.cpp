@@ -148,7 +148,8 @@ class bench
 
         std::vector<double> after_link_up;
         for (int i = 0; i < rounds; ++i) after_link_up.push_back(time_link_up(*all_hosts.front()));
-        std::printf("record after link-up      %9.0f ms   (goal: 200; a port is asked every 100 ms)\n", median(after_link_up));
+        std::printf("record after link-up      %9.0f ms   (goal: 200; a port is asked every 100 ms)\n",
+                    median(after_link_up));
 
         for (const auto& host : all_hosts) host->ask({"control", "sa_verify_period 1 1"});
         for (const char* period : {"60 s, the default", "1 s"}) {
