@@ -11,12 +11,15 @@ constexpr kq_hca_name mthca0{"mthca0"};
 class gsi_client
 {
   public:
-    explicit gsi_client(int32_t pool_size = 16, int32_t ports = 2)
+    // `joins`: joins the class of another client.
+    explicit gsi_client(int32_t pool_size = 16, int32_t ports = 2, bool joins = false)
     {
         EXPECT_EQ(gsi_dtgrm_pool_create_named(pool_size, &pool, "client"), 0);
         for (int32_t port = 1; port <= ports; ++port)
-            EXPECT_EQ(gsi_register_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &mthca0, port, 0, 0, sent,
-                                         received, this, &classes[port - 1]),
+            EXPECT_EQ(joins ? gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &mthca0, port, sent,
+                                             received, this, &classes[port - 1])
+                            : gsi_register_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &mthca0, port, 0, 0,
+                                                 sent, received, this, &classes[port - 1]),
                       0);
     }
     gsi_client(const gsi_client&) = delete;

@@ -222,6 +222,45 @@ TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
     });
 }
 
+TEST(gsi, clients_that_share_a_class_get_the_answers_to_their_own_requests)
+{
+    machine_with_fake world;
+    world.run([&] {
+        gsi_client owner(4, 1), guest(4, 1, true), other_guest(4, 1, true);
+        std::vector<uint64_t> transactions;
+        for (gsi_client* each : {&owner, &guest, &other_guest, &owner}) {
+            gsi_dtgrm_t* datagram = each->make();
+            sa_mad_v2_t mad;
+            memcpy(&mad, datagram->mad, sizeof mad);
+            mad.hdr.transact_id = to_wire(uint64_t{0xAB000005}); // the client's bits are the low 24
+            memcpy(datagram->mad, &mad, sizeof mad);
+            ASSERT_EQ(gsi_post_send_dtgrm(each->classes[0], datagram, &transactions.emplace_back()), 0);
+            EXPECT_EQ(from_wire(std::bit_cast<sa_mad_v2_t>(world.hca.sent_mads.back().mad).hdr.transact_id),
+                      transactions.back());
+        }
+        EXPECT_EQ(transactions[0], 1u);
+        EXPECT_EQ(transactions[3], 2u) << "those of the owner are what they are without guests";
+        EXPECT_EQ(transactions[1] & gsi_joined_transaction_bits, 5u);
+        EXPECT_NE(static_cast<uint32_t>(transactions[1]), static_cast<uint32_t>(transactions[2])) << "the low half";
+        schedule_timeout_uninterruptible(1);
+        for (gsi_client* each : {&owner, &guest, &other_guest}) each->lines.clear();
+
+        for (const uint64_t transaction : transactions) world.hca.arrive(1, answer(transaction));
+        schedule_timeout_uninterruptible(1);
+        EXPECT_THAT(owner.lines, ElementsAre("got 1", "got 2"));
+        EXPECT_THAT(guest.lines, ElementsAre("got " + std::to_string(transactions[1])));
+        EXPECT_THAT(other_guest.lines, ElementsAre("got " + std::to_string(transactions[2])));
+
+        guest.close();
+        owner.close();
+        world.hca.arrive(1, answer(transactions[1]));
+        world.hca.arrive(1, answer(transactions[0]));
+        EXPECT_EQ(counts_of(world).dropped_no_asker, 1u);
+        EXPECT_EQ(counts_of(world).dropped_no_class, 1u);
+        other_guest.close();
+    });
+}
+
 TEST(gsi, a_pool_runs_out_and_a_refused_post_leaves_the_datagram_as_it_was)
 {
     machine_with_fake world;
