@@ -3,12 +3,9 @@
 #include <algorithm>
 #include <bit>
 
-#include "cli/service/requests.h"
-#include "console/errors.h"
-#include "console/record-list.h"
+#include "cli/acm/name-lookup.h"
 #include "host/exec/shortage.h"
 #include "host/world/text.h"
-#include "records/host-record.h"
 
 namespace acm
 {
@@ -99,23 +96,6 @@ found_route route_to(const world::path_resolution& found, kernel::machine& machi
     if (std::holds_alternative<std::monostate>(request.source))
         result.route.source = own_address(machine, found.path.sgid);
     return result;
-}
-
-// The address registered under a host name; it may take its time. Nothing: the SA names no host or several ones.
-ats::result<std::optional<uint32_t>> address_of_name(cli::running_hosts& hosts, const std::string& name)
-{
-    const ats::result<cli::json> answer = cli::answer_resolve_name(hosts, {{"name", name}});
-    if (!answer) return ats::pass_on(answer);
-    if (!answer->value("real", false)) {
-        if (answer->at("status") != "ok") return std::optional<uint32_t>();
-        return world::parse_ipv4(answer->at("matches").at(0).at("address"));
-    }
-    const auto sa = umad::open_sa_client("", 0);
-    if (!sa) return ats::pass_on(sa);
-    const auto list = console::list_records(**sa, {.host_name = name});
-    if (!list) return ats::pass_on(list);
-    if (list->records.empty()) return std::optional<uint32_t>();
-    return records::decode(list->records.front()).address;
 }
 
 } // namespace
