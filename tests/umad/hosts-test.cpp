@@ -151,6 +151,36 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
+// Through ib_acme and librdmacm, as Debian ships them.
+TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
+{
+    start_sm();
+    start_hosts(2, {"--acm-socket", "acm"});
+    ASSERT_TRUE(sa_reaches_count(2));
+    const std::string socket = hosts[0]->folder() + "/acm";
+    const std::string lid = std::to_string(hosts[1]->port().value("lid", 0));
+    for (const std::vector<std::string>& destination : {std::vector<std::string>{"i", "-d", "10.0.0.2"},
+                                                        {"i", "-d", "10.0.0.2", "-c"},
+                                                        {"n", "-d", "node2"},
+                                                        {"n", "-s", "node1", "-d", "node2", "-c"},
+                                                        {"i", "-s", "10.0.0.1", "-d", "10.0.0.2", "-v"}}) {
+        std::vector<std::string> command = {"ib_acme", "-S", socket, "-f"};
+        command.insert(command.end(), destination.begin(), destination.end());
+        EXPECT_THAT(net->run("sm2", command), AllOf(HasSubstr("dlid: " + lid + "\n"), HasSubstr("return status 0x0")));
+    }
+    EXPECT_THAT(net->run("sm2", {"ib_acme", "-S", socket, "-e"}), HasSubstr(",ats,10.0.0.1,node1"));
+#ifdef RDMA_ROUTES
+    process program({.arguments = {RDMA_ROUTES},
+                     .environment = {"LD_PRELOAD=" VERBS_STAND_IN, "ACM_SOCKET=" + socket},
+                     .output = net->new_file("routes")});
+    program.write_line("10.0.0.2");
+    EXPECT_TRUE(program.wait_line("10.0.0.2 DLID " + lid)) << program.output();
+    EXPECT_EQ(sm->stop(), 0); // the SA is silent: a time-out ends the wait
+    program.write_line("10.0.0.9");
+    EXPECT_TRUE(program.wait_line("10.0.0.9 none")) << program.output();
+#endif
+}
+
 TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_back)
 {
     start_hosts(2, {"--port-interval", "50"});
