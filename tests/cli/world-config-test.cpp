@@ -3,6 +3,10 @@
 #include "console/identity.h"
 #include "tests/cli/program.h"
 
+#include <fstream>
+#include <regex>
+#include <sstream>
+
 namespace
 {
 
@@ -81,6 +85,19 @@ name = "mlx5_1"
     char name[256] = {};
     gethostname(name, sizeof name - 1);
     EXPECT_EQ(config.hosts.at(0).name, std::string(name).substr(0, std::string(name).find('.')));
+}
+
+// An administrator takes the number sign from the lines that a machine needs.
+TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
+{
+    std::ifstream file(ATS_SOURCE_DIR "/dist/ats.toml");
+    std::ostringstream packaged;
+    packaged << file.rdbuf();
+    const std::string all = std::regex_replace(packaged.str(), std::regex("\n# (\\[|[a-z_]+ = )"), "\n$1");
+    ASSERT_THAT(all, HasSubstr("\nname = \"mlx5_0\""));
+    const ats::result<cli::world_config> config = read_config(all);
+    ASSERT_TRUE(config) << config.error().text;
+    EXPECT_EQ(config->acm.socket, "/run/ats/ibacm.sock"); // the unit allows the service to write to /run/ats only
 }
 
 TEST(world_config, what_may_be_meant_is_taken_with_a_warning)
