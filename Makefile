@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric package test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
+.PHONY: help configure build program demo fabric package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
 
 help:
 	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
@@ -15,7 +15,8 @@ help:
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
 	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make aarch64   the kernel's tests on another processor, in an emulator"
-	@echo "make package   a package for Debian, in build/release"
+	@echo "make package   packages for Debian and Fedora, as far as this machine can build them, in build/packages"
+	@echo "make check-packages  builds them twice, and installs, starts, upgrades and removes them in roots of their own (as root)"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
 configure:
@@ -43,8 +44,18 @@ fabric:
 	@build/release/tools/ats-fabric $(HOSTS)
 
 package:
-	@$(MAKE) --no-print-directory build PRESET=release
-	cd build/release && cpack
+	@scripts/install-dependencies package
+	@scripts/package
+
+check-packages:
+	@scripts/install-dependencies check-packages
+	@scripts/check-packages
+
+# The part of this that takes seconds: versions, and the source package.
+check-packaging:
+	@scripts/install-dependencies package
+	@scripts/check-versions
+	@scripts/check-source-package
 
 test:
 	@scripts/install-dependencies test
