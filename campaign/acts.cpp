@@ -58,6 +58,14 @@ void ask_address(tested_fabric& fabric, const act& act)
                [&node, gid = any_gid(fabric, act.a), act] { ask_for_address(new_question(node, act.kind), gid); });
 }
 
+void ask_path(tested_fabric& fabric, const act& act)
+{
+    node& node = fabric.node_of(act);
+    node.start("ask path", [&node, gid = any_gid(fabric, act.a), act] {
+        ask_for_path(new_question(node, act.kind), gid, act.b % 4 == 0);
+    });
+}
+
 // True if more questions of the host wait for an answer than its module's pool has datagrams.
 bool has_many_open(const node& node)
 {
@@ -474,6 +482,7 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"records of the past", 1, harm::network, 0, sa_comes_back_from_the_past, nullptr, "acts that changed the records"},
     {"SM hand-over", 2, harm::network, 0, sm_hands_over, nullptr, "requests to the SA's new LID",
      &effects::requests_after_hand_over},
+    {"ask for a path", 48, harm::none, 0, ask_path, nullptr, "paths found", nullptr, true},
 });
 
 } // namespace campaign

@@ -91,11 +91,11 @@ std::vector<std::string> texts_of(const std::vector<size_t>& acts)
 }
 
 // Prints the complaint of a failed run, and the command that replays it with these acts (`only` as on a command line).
-void show_failure(const run_result& failure, const std::vector<std::string>& only)
+void show_failure(const run_result& failure, const std::vector<std::string>& only, bool asks_for_paths)
 {
     const std::string acts = only.empty() ? "" : " --only " + CLI::detail::join(only, ",");
-    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s --log seed-%lu.log\n", failure.seed,
-                failure.complaint.c_str(), failure.seed, acts.c_str(), failure.seed);
+    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s%s --log seed-%lu.log\n", failure.seed,
+                failure.complaint.c_str(), failure.seed, asks_for_paths ? " --paths" : "", acts.c_str(), failure.seed);
     std::fflush(stdout);
 }
 
@@ -110,21 +110,22 @@ void show(const figures& counts, double seconds)
 }
 
 // Prints one line for each kind of act: how often it took effect.
-void show_marks(const figures& counts)
+void show_marks(const figures& counts, bool asks_for_paths)
 {
     for (size_t kind = 0; kind < act_kind_count; ++kind)
-        std::printf("%10lu  %s: %s\n", counts.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
+        if (asks_for_paths || !act_kinds[kind].needs_paths)
+            std::printf("%10lu  %s: %s\n", counts.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
 }
 
 // Prints each kind of act that never took effect, and returns their number. Fewer seeds than 60 may lack some kinds, so
 // they are not checked.
-int show_idle_kinds(const figures& counts)
+int show_idle_kinds(const figures& counts, bool asks_for_paths)
 {
     constexpr uint64_t seeds_with_every_kind = 60;
     if (counts.seeds < seeds_with_every_kind) return 0;
     int idle_kinds = 0;
     for (size_t kind = 0; kind < act_kind_count; ++kind) {
-        if (counts.marks[kind] > 0) continue;
+        if (counts.marks[kind] > 0 || (act_kinds[kind].needs_paths && !asks_for_paths)) continue;
         ++idle_kinds;
         std::printf("FAILED: no act \"%s\" took effect in %lu seeds\n", act_kinds[kind].name, counts.seeds);
     }
@@ -140,13 +141,13 @@ ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, con
     for (const size_t number : *fewest_acts) std::printf("  %s\n", describe(plan, number).c_str());
     const ats::result<run_result> result = run_apart(plan, *fewest_acts, options);
     if (!result) return ats::pass_on(result);
-    show_failure(*result, texts_of(*fewest_acts));
+    show_failure(*result, texts_of(*fewest_acts), options.asks_for_paths);
     return exit_failed;
 }
 
 ats::result<int> replay(const command_line& line)
 {
-    const plan plan = draw_plan(line.first_seed);
+    const plan plan = draw_plan(line.first_seed, line.options.asks_for_paths);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
     for (const std::string& path : {line.options.log_path, line.options.capture_path})
@@ -157,7 +158,7 @@ ats::result<int> replay(const command_line& line)
         show(result->counts, 0);
         return 0;
     }
-    show_failure(*result, line.only);
+    show_failure(*result, line.only, line.options.asks_for_paths);
     return line.minimise ? minimise(plan, *acts, line.options) : exit_failed;
 }
 
@@ -177,7 +178,7 @@ ats::result<int> run(const command_line& line)
         if (!result.complaint.empty()) {
             ++failed_seeds;
             progress.clear();
-            show_failure(result, {});
+            show_failure(result, {}, line.options.asks_for_paths);
         }
         const std::string all_seeds = line.hours > 0 ? "" : " of " + std::to_string(seeds);
         progress.show(std::to_string(ended_seeds) + all_seeds + " seeds, " + std::to_string(failed_seeds) +
@@ -187,8 +188,8 @@ ats::result<int> run(const command_line& line)
     progress.clear();
     if (!counts) return ats::pass_on(counts);
     show(*counts, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
-    show_marks(*counts);
-    const int idle_kinds = is_interrupted() ? 0 : show_idle_kinds(*counts);
+    show_marks(*counts, line.options.asks_for_paths);
+    const int idle_kinds = is_interrupted() ? 0 : show_idle_kinds(*counts, line.options.asks_for_paths);
     if (failed_seeds > 0) std::printf("%lu seeds FAILED\n", failed_seeds);
     if (is_interrupted()) {
         std::printf("INTERRUPTED: not all seeds were run\n");
@@ -211,6 +212,7 @@ int main(int argc, char** argv)
     };
     program.add_option_function<std::string>("--seeds", read_range, "N or A-B: run the first N seeds, or seeds A to B");
     program.add_option("--hours", line.hours, "continue until so many hours are simulated");
+    program.add_flag("--paths", line.options.asks_for_paths, "let hosts ask for paths, too");
     program.add_option("--jobs", line.jobs, "run so many seeds at a time")->check(CLI::PositiveNumber);
     CLI::Option* const seed = program.add_option("--seed", line.first_seed, "replay this seed");
 

@@ -45,14 +45,15 @@ std::vector<host_shape> draw_hosts(dice& dice)
 }
 
 // Draws a kind of act, by weight, that does no more harm than `worst`.
-uint32_t draw_kind(dice& dice, harm worst)
+uint32_t draw_kind(dice& dice, harm worst, bool asks_for_paths)
 {
-    static const int total = std::accumulate(act_kinds.begin(), act_kinds.end(), 0,
-                                             [](int sum, const act_kind& each) { return sum + each.weight; });
+    const auto weight_of = [&](const act_kind& kind) { return kind.needs_paths && !asks_for_paths ? 0 : kind.weight; };
+    const int total = std::accumulate(act_kinds.begin(), act_kinds.end(), 0,
+                                      [&](int sum, const act_kind& each) { return sum + weight_of(each); });
     while (true) {
         int weight = static_cast<int>(dice.below(static_cast<uint64_t>(total)));
         uint32_t kind = 0;
-        while (weight >= act_kinds[kind].weight) weight -= act_kinds[kind++].weight;
+        while (weight >= weight_of(act_kinds[kind])) weight -= weight_of(act_kinds[kind++]);
         if (act_kinds[kind].harm <= worst) return kind;
     }
 }
@@ -89,15 +90,16 @@ uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 
 } // namespace
 
-plan draw_plan(uint64_t seed)
+plan draw_plan(uint64_t seed, bool asks_for_paths)
 {
     dice dice(seed);
-    plan plan{.seed = seed, .hosts = draw_hosts(dice), .acts = {}, .faults_end_tick = 0};
+    plan plan{
+        .seed = seed, .hosts = draw_hosts(dice), .acts = {}, .faults_end_tick = 0, .asks_for_paths = asks_for_paths};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);
     const size_t count = 50 + dice.below(50 + 20 * plan.hosts.size());
     for (size_t i = 0; i < count; ++i) {
-        act next{.kind = draw_kind(dice, worst), .a = dice.bits(), .b = dice.bits()};
+        act next{.kind = draw_kind(dice, worst, asks_for_paths), .a = dice.bits(), .b = dice.bits()};
         place(next, dice, plan.acts.empty() ? nullptr : &plan.acts.back(), plan);
         const uint64_t longest = act_kinds[next.kind].longest_ticks;
         const uint64_t ticks = longest > 0 ? draw_length(dice, longest) : 0;

@@ -48,8 +48,9 @@ struct act_kind {
     // act calls tested_fabric::mark.
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
+    bool needs_paths = false; // drawn only for plans that ask for paths
 };
-constexpr size_t act_kind_count = 36;
+constexpr size_t act_kind_count = 37;
 extern const std::array<act_kind, act_kind_count> act_kinds;
 
 struct host_shape {
@@ -64,9 +65,11 @@ struct plan {
     std::vector<host_shape> hosts;
     std::vector<act> acts;    // sorted by begin_tick
     uint64_t faults_end_tick; // every act has ended by then
+    bool asks_for_paths;
 };
 
-plan draw_plan(uint64_t seed);
+// Without questions for paths, the plan of a seed is what it was before there were any.
+plan draw_plan(uint64_t seed, bool asks_for_paths);
 
 // Describes an act as "17 at 1234 for 500: loss host=3 a=17 b=4". The digest depends on this text.
 std::string describe(const plan& plan, size_t act_number);

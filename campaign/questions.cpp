@@ -4,8 +4,10 @@
 
 #include "campaign/tested-fabric.h"
 #include "host/peers/ibat-exports.h"
+#include "host/peers/ibat-path-exports.h"
 #include "host/peers/ucm-exports.h"
 #include "host/world/published.h"
+#include "host/world/text.h"
 #include "kernel/sync.h"
 
 namespace campaign
@@ -18,7 +20,75 @@ namespace
 constexpr uint64_t shortest_wait_ticks = 1000, longest_wait_ticks = 2000;
 constexpr uint64_t longest_wait_for_peers_ticks = 6000;
 
+// From a change of a link to the end of its event, at most; and what a path request may take in a quiet network.
+constexpr uint64_t event_ticks = 100;
+
 std::map<const kernel::machine*, watching_ucm*> watching_ucms;
+
+std::optional<embedded::port_view> port_with(const tested_fabric& fabric, const kq_gid_t& gid)
+{
+    for (const embedded::port_view& port : fabric.subnet.ports())
+        if (world::parse_gid(port.gid) == gid) return port;
+    return std::nullopt;
+}
+
+bool is_active(const std::optional<embedded::port_view>& port)
+{
+    return port && port->state == fabric::link_state::active;
+}
+
+// True if nothing that takes longer than an event has disturbed the host of this name since the question was asked.
+bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
+{
+    for (const node& node : fabric.nodes)
+        if (node.host.name() == host) return node.disturbed_tick + event_ticks < tick;
+    return true;
+}
+
+// Compares a path that was found with the subnet. Paths from the cache may be older than a change at their other end,
+// but not than one at their own.
+void check_found_path(const question& question, const ibat_arp_data_t& record)
+{
+    tested_fabric& fabric = question.asker.fabric;
+    const ib_path_record_v2_t& path = record.paths[0];
+    const auto source = port_with(fabric, path.sgid), destination = port_with(fabric, question.destination);
+    const bool is_true = source && destination && source->host_name == question.asker.host.name() &&
+                         source->hca_name == question.asker.hcas[0]->name() && path.slid == source->lid &&
+                         path.dlid == destination->lid && path.dgid == question.destination &&
+                         static_cast<uint32_t>(source->port) == record.local_port_num && record.paths_count == 1 &&
+                         record.primary_path == &record.paths[0] && path.reversible && path.pkey == 0xFFFF;
+    const std::string subject = question.asker.host.name() + ": the path to " + world::format_gid(question.destination);
+    if (!is_true)
+        fabric.violate(subject + " is not that of the subnet: it leads from LID " + std::to_string(path.slid) + ", " +
+                       world::format_gid(path.sgid) + " at port " + std::to_string(record.local_port_num) + " to LID " +
+                       std::to_string(path.dlid));
+    if (source->state != fabric::link_state::active && is_settled(fabric, source->host_name, question.begun_tick))
+        fabric.violate(subject + " begins at port " + std::to_string(source->port) + ", which is down");
+}
+
+// Compares the answer about a path with the truth, as far as nothing has hidden it.
+void check_path(const question& question, ibat_stat_t status, const ibat_arp_data_t& record)
+{
+    node& asker = question.asker;
+    tested_fabric& fabric = asker.fabric;
+    const uint64_t quiet_tick = question.begun_tick > harm_lasts_ticks ? question.begun_tick - harm_lasts_ticks : 0;
+    const bool is_quiet = fabric.network.quiet_since(quiet_tick) && asker.harm().quiet_since(quiet_tick) &&
+                          asker.disturbed_tick + event_ticks < question.begun_tick;
+    const bool may_be_corrupt = fabric.subnet.effects().arrived_corrupted > 0 && !(question.is_fresh && is_quiet);
+    if (status == ibat_stat_ok) {
+        if (may_be_corrupt) return;
+        ++fabric.counts.truths;
+        return check_found_path(question, record);
+    }
+    if (!is_quiet || status == ibat_stat_error || !asker.has_link(0)) return; // error: IBAT is unloaded
+    const auto destination = port_with(fabric, question.destination);
+    const bool is_true_absence =
+        !is_active(destination) || !is_settled(fabric, destination->host_name, question.begun_tick);
+    ++fabric.counts.truths;
+    if (status == ibat_stat_no_path && is_true_absence) return;
+    fabric.violate(asker.host.name() + ": the path to " + world::format_gid(question.destination) +
+                   " was not found, status " + std::to_string(status));
+}
 
 } // namespace
 
@@ -35,6 +105,7 @@ void question::answered(ibat_stat_t status, ibat_arp_data_t* record, void* self)
         fabric.violate(subject + "timed out after " + std::to_string(elapsed_ticks) + " ticks");
     if (elapsed_ticks >= (question.of_service ? longest_wait_ticks : longest_wait_for_peers_ticks))
         fabric.violate(subject + "was answered too late, after " + std::to_string(elapsed_ticks) + " ticks");
+    if (question.by_path) check_path(question, status, *record);
     question.status = status;
     if (record) question.ip = record->dst_ip;
     if (record) question.gid = record->gid;
@@ -65,10 +136,27 @@ void ask_for_address(question& question, const kq_gid_t& gid)
     if (question.returned == ibat_stat_ok) question.ip = record.dst_ip;
 }
 
+void ask_for_path(question& question, const kq_gid_t& gid, bool bypasses_cache)
+{
+    kernel::machine& machine = question.asker.machine();
+    const world::published<ibat_get_path_fn_t> get(machine, "ibat_get_path_fn");
+    const world::published<ibat_refresh_path_fn_t> refresh(machine, "ibat_refresh_path_fn");
+    if (!get || !refresh) return;
+    question.by_path = true;
+    question.is_fresh = bypasses_cache;
+    question.destination = gid;
+    ibat_arp_data_t record{};
+    question.returned = bypasses_cache ? (*refresh)(&gid, question::answered, &question)
+                                       : (*get)(&gid, &record, question::answered, &question);
+    if (question.returned != ibat_stat_pending) check_path(question, question.returned, record);
+    if (question.returned == ibat_stat_ok) question.gid = record.gid;
+}
+
 bool withdraw(question& question)
 {
+    const char* const cancel_of_address = question.by_gid ? "ucm_cancel_fn" : "ibat_cancel_fn";
     const world::published<ibat_cancel_fn_t> cancel(question.asker.machine(),
-                                                    question.by_gid ? "ucm_cancel_fn" : "ibat_cancel_fn");
+                                                    question.by_path ? "ibat_cancel_path_fn" : cancel_of_address);
     if (!cancel || question.of_service) return false;
     const bool was_open = (*cancel)(question::answered, &question) > 0;
     question.is_closed = true;

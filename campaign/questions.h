@@ -30,6 +30,9 @@ struct question {
     ibat_stat_t status = ibat_stat_pending;
     uint32_t ip = 0;
     kq_gid_t gid{};
+    bool by_path = false;  // it asks for the path to `destination`
+    bool is_fresh = false; // of a path: the SA was asked
+    kq_gid_t destination{};
     bool is_closed = false; // no callback may follow
 
     static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* self);
@@ -37,6 +40,7 @@ struct question {
 };
 
 // Each asks and returns without waiting for the answer. Called by a task of the host that may sleep.
+void ask_for_path(question& question, const kq_gid_t& gid, bool bypasses_cache);
 void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache);
 void ask_for_address(question& question, const kq_gid_t& gid);
 

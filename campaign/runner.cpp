@@ -179,7 +179,7 @@ ats::result<figures> run_many(uint64_t first, int jobs, const run_options& optio
             return sum;
         }
         if (is_enough(seed - first, sum)) return sum;
-        const plan plan = draw_plan(seed);
+        const plan plan = draw_plan(seed, options.asks_for_paths);
         const ats::result<run_process> process = run_process::start(plan, all_acts(plan), options);
         if (!process) {
             kill_all(running);

@@ -19,6 +19,7 @@ struct run_options {
     std::string module_folder;
     std::string log_path;     // empty: no log
     std::string capture_path; // empty: no capture
+    bool asks_for_paths = false;
 };
 
 // The figures of one seed. Those of several seeds are added field by field, except the digest.

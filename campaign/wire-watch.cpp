@@ -24,6 +24,11 @@ bool is_zero(const void* field, size_t size)
     return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0; });
 }
 
+bool is_of_paths(const sa_mad_v2_t& mad)
+{
+    return from_wire(std::bit_cast<be16_t>(mad.hdr.attrib_id)) == SA_ATTR_PATH_RECORD;
+}
+
 } // namespace
 
 void wire_watch::begin(const std::string& capture_path)
@@ -60,6 +65,11 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     const uint8_t method = mad.hdr.m.method;
     const std::string host_name = node.host.name();
     fabric_.note(host_name, "sends method " + std::to_string(method) + " from LID " + std::to_string(source_lid));
+    if (fabric_.plan.asks_for_paths && is_of_paths(mad)) {
+        if (const std::string fault = fault_in_path_request(sender, mad); !fault.empty())
+            fabric_.violate(host_name + ": " + fault);
+        return;
+    }
     ib_service_record_v2_t record;
     memcpy(&record, mad.payload, sizeof record);
     std::string fault = fault_in(sender, mad, record);
@@ -68,6 +78,23 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
                                                       std::to_array(record.service_gid.bytes));
     if (fault.empty()) fault = timing_fault_in(node, method, now_ticks);
     if (!fault.empty()) fabric_.violate(host_name + ": " + fault);
+}
+
+std::string wire_watch::fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const
+{
+    constexpr uint64_t mask_of_path = 0x380C;
+    constexpr uint8_t reversible_one_path = 0x81;
+    ib_path_record_wire_t path;
+    memcpy(&path, mad.payload, sizeof path);
+    if (mad.hdr.base_ver != 1 || mad.hdr.mgt_class != 3 || mad.hdr.class_ver != 2 || mad.hdr.m.r != 0 ||
+        mad.hdr.m.method != MAD_METHOD_GET)
+        return "a MAD's header is not that of a path request";
+    if (from_wire(mad.component_mask) != mask_of_path || path.reversible_numb_path != reversible_one_path)
+        return "a path request asks for something else";
+    if (sender.hca != 0 || memcmp(&path.sgid, &sender.gid, sizeof sender.gid) != 0 ||
+        from_wire(path.p_key) != sender.p_key)
+        return "a path request does not begin at the port that sends it";
+    return "";
 }
 
 // The answer to a Delete comes in the same tick if nothing disturbs it. Then the Set must follow in this tick too.

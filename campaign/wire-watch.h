@@ -46,6 +46,7 @@ class wire_watch final : public fabric::tap
     };
 
     // Each returns the fault of a request, or an empty text.
+    std::string fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
     std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
     std::string timing_fault_in(node& node, uint8_t method, uint64_t now_ticks);
 

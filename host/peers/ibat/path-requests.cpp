@@ -258,7 +258,9 @@ void path_resolver::take_answer(const sa_mad_v2_t& mad)
     }
     const ib_path_record_v2_t path = path_in(mad);
     assert(has_source_); // an attempt whose source is false has no serial number
-    const bool is_path = status == 0 && path.dgid == request->gid && path.sgid == source_.gid;
+    // A path without a DLID leads nowhere (IBA 4.1.3).
+    const bool is_path =
+        status == 0 && path.dgid == request->gid && path.sgid == source_.gid && path.dlid != 0 && path.slid != 0;
     if (is_path) return take_path(request, path);
     if (is_absence(status)) {
         ++counters_.absences;
