@@ -1,6 +1,7 @@
 // Measures lookups by a whole host on its real port: IBAT asks ats, ats asks the SA, and the answer comes back the same
 // way. Compare with bare-lookups with as many requests in flight.
-//   ats-lookups OWN_ADDRESS LOOKUPS ADDRESS...
+//   ats-lookups OWN_ADDRESS LOOKUPS [path] ADDRESS...
+// With "path", each lookup also asks the SA for the path to the GID of the address.
 // One request is in flight for each address, because IBAT would join two for the same one. Prints the lookups per
 // second.
 #include <atomic>
@@ -11,6 +12,7 @@
 #include "console/host-plans.h"
 #include "host/fabric/umad/umad.h"
 #include "host/peers/ibat-exports.h"
+#include "host/peers/ibat-path-exports.h"
 #include "host/world/host.h"
 #include "host/world/module-folder.h"
 #include "host/world/published.h"
@@ -31,8 +33,9 @@ namespace
 class repeated_lookups
 {
   public:
-    repeated_lookups(kernel::machine& host, const std::vector<uint32_t>& addresses, uint64_t count)
-        : refresh_(host, "ibat_refresh_fn"), questions_(addresses.size()), still_to_ask_(static_cast<int64_t>(count))
+    repeated_lookups(kernel::machine& host, const std::vector<uint32_t>& addresses, uint64_t count, bool asks_for_paths)
+        : refresh_(host, "ibat_refresh_fn"), refresh_path_(host, "ibat_refresh_path_fn"),
+          asks_for_paths_(asks_for_paths), questions_(addresses.size()), still_to_ask_(static_cast<int64_t>(count))
     {
         sema_init(&chain_ends_, 0);
         for (size_t i = 0; i < addresses.size(); ++i) questions_[i] = {this, addresses[i]};
@@ -58,14 +61,22 @@ class repeated_lookups
         if ((*refresh_)(question.ip, receive, &question) != ibat_stat_pending) fail("a request was refused");
     }
 
-    static void receive(ibat_stat_t status, ibat_arp_data_t*, void* context)
+    static void receive(ibat_stat_t status, ibat_arp_data_t* record, void* context)
     {
         auto& answered_question = *static_cast<question*>(context);
-        if (status != ibat_stat_ok) ++answered_question.owner->wrong_;
-        answered_question.owner->ask(answered_question);
+        repeated_lookups& self = *answered_question.owner;
+        if (status == ibat_stat_ok && self.asks_for_paths_ && record->paths_count == 0) {
+            const kq_gid_t gid = record->gid;
+            if ((*self.refresh_path_)(&gid, receive, context) != ibat_stat_pending) fail("a path request was refused");
+            return;
+        }
+        if (status != ibat_stat_ok) ++self.wrong_;
+        self.ask(answered_question);
     }
 
     const world::published<ibat_refresh_fn_t> refresh_;
+    const world::published<ibat_refresh_path_fn_t> refresh_path_;
+    const bool asks_for_paths_;
     std::vector<question> questions_;
     std::atomic<int64_t> still_to_ask_;
     semaphore chain_ends_;
@@ -92,13 +103,14 @@ int main(int count, char** arguments)
 {
     if (count < 4) fail("expected OWN_ADDRESS LOOKUPS ADDRESS...");
     std::vector<uint32_t> addresses;
-    for (int i = 3; i < count; ++i) {
+    const bool asks_for_paths = std::string(arguments[3]) == "path";
+    for (int i = asks_for_paths ? 4 : 3; i < count; ++i) {
         const auto ip = world::parse_ipv4(arguments[i]);
         if (!ip) fail(std::string(arguments[i]) + " is not an IPv4 address");
         addresses.push_back(*ip);
     }
     const uint64_t lookup_count = std::strtoull(arguments[2], nullptr, 10);
-    if (lookup_count < addresses.size()) fail("expected more lookups than addresses");
+    if (addresses.empty() || lookup_count < addresses.size()) fail("expected more lookups than addresses");
 
     const auto exec = exec::make_threaded_executor();
     const auto fabric = umad::open(*exec, {});
@@ -111,7 +123,7 @@ int main(int count, char** arguments)
     std::chrono::duration<double> duration{};
     uint64_t wrong = 0;
     host.machine().enter("bench", [&] {
-        repeated_lookups lookups(host.machine(), addresses, lookup_count);
+        repeated_lookups lookups(host.machine(), addresses, lookup_count, asks_for_paths);
         const auto begin = std::chrono::steady_clock::now();
         lookups.run();
         duration = std::chrono::steady_clock::now() - begin;

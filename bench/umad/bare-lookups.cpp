@@ -1,7 +1,8 @@
 // The yardstick for lookups on a real fabric: libibumad and the SA alone, in one thread. A window of requests is in
 // flight; each answer is followed by a new request at once.
-//   bare-lookups ADDRESS [LOOKUPS [WINDOW]]
-// Looks up the record of ADDRESS, LOOKUPS times, and prints the lookups per second.
+//   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
+// Looks up the record of ADDRESS, LOOKUPS times, and prints the lookups per second. With "path", each lookup also asks
+// for the path to the GID in the record.
 #include <arpa/inet.h>
 
 #include <chrono>
@@ -48,14 +49,32 @@ void prepare(umad_buffer& request, const umad_port_t& port, const char* address)
     std::memcpy(mad.payload, &record, sizeof record);
 }
 
+// Makes `request` ask for the path from the port to a GID.
+void ask_for_path(umad_buffer& request, const umad_port_t& port, const wire_gid_t& destination)
+{
+    ib_path_record_wire_t path{};
+    path.dgid = destination;
+    path.sgid = to_wire(kq_gid_t{.eui64 = be64toh(port.port_guid), .subnet = be64toh(port.gid_prefix)});
+    path.reversible_numb_path = 0x81;
+    path.p_key = to_wire(uint16_t{0xFFFF});
+    request.mad.hdr.attrib_id = htons(SA_ATTR_PATH_RECORD);
+    request.mad.component_mask = to_wire(uint64_t{0x380C});
+    std::memset(request.mad.payload, 0, sizeof request.mad.payload);
+    std::memcpy(request.mad.payload, &path, sizeof path);
+}
+
 struct lookup_loop {
     int port = -1, agent = -1;
+    umad_port_t port_attributes;
+    bool asks_for_paths = false;
     umad_buffer request;
     uint32_t sent_count = 0;
     std::vector<uint32_t> in_flight; // transactions; 0: the slot is free
     long found_count = 0, refused_count = 0, lost_count = 0;
 
-    void send(uint32_t& slot)
+    void send(uint32_t& slot) { send(slot, request); }
+
+    void send(uint32_t& slot, umad_buffer& request)
     {
         slot = ++sent_count;
         request.mad.hdr.transact_id = to_wire(uint64_t{slot});
@@ -79,6 +98,21 @@ struct lookup_loop {
             ++found_count;
     }
 
+    static bool has_record(const umad_buffer& answer)
+    {
+        return answer.mad.hdr.attrib_id == htons(SA_ATTR_SERVICE_RECORD) &&
+               umad_status(const_cast<umad_buffer*>(&answer)) == 0 && from_wire(answer.mad.hdr.u.ns.status.raw16) == 0;
+    }
+
+    void send_path_request(uint32_t& slot, const umad_buffer& answer)
+    {
+        ib_service_record_v2_t record;
+        std::memcpy(&record, answer.mad.payload, sizeof record);
+        umad_buffer path_request = request;
+        ask_for_path(path_request, port_attributes, record.service_gid);
+        send(slot, path_request);
+    }
+
     // Runs until `lookups` are answered and nothing is in flight: under ibsim a process hangs if it ends while answers
     // are on their way to it.
     void run(long lookups)
@@ -95,6 +129,10 @@ struct lookup_loop {
             const auto transaction = static_cast<uint32_t>(from_wire(answer.mad.hdr.transact_id));
             for (uint32_t& slot : in_flight) {
                 if (slot != transaction) continue;
+                if (asks_for_paths && has_record(answer)) {
+                    send_path_request(slot, answer);
+                    break;
+                }
                 count(answer);
                 if (found_count + refused_count + static_cast<long>(busy) <= lookups) {
                     send(slot);
@@ -112,7 +150,7 @@ struct lookup_loop {
 
 int main(int count, char** arguments)
 {
-    if (count < 2) fail("expected ADDRESS [LOOKUPS [WINDOW]]");
+    if (count < 2) fail("expected ADDRESS [LOOKUPS [WINDOW [path]]]");
     const long lookups = count > 2 ? std::atol(arguments[2]) : 100000;
     const long window = count > 3 ? std::atol(arguments[3]) : 16;
     if (lookups < 1 || window < 1 || window > 1024) fail("expected at least 1 lookup, and a window of 1 to 1024");
@@ -121,6 +159,8 @@ int main(int count, char** arguments)
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
     umad_release_port(&port); // frees its P_Keys only; the other fields stay
     lookup_loop loop;
+    loop.port_attributes = port;
+    loop.asks_for_paths = count > 4 && std::strcmp(arguments[4], "path") == 0;
     loop.port = umad_open_port(port.ca_name, port.portnum);
     if (loop.port < 0 || umad_size() != sizeof(ib_user_mad_t)) fail("cannot open the port");
     loop.agent = umad_register(loop.port, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
