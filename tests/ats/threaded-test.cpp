@@ -5,7 +5,7 @@
 #include "console/host-plans.h"
 #include "host/stack/logger.h"
 #include "host/stack/registry.h"
-#include "host/world/resolution.h"
+#include "host/world/path-resolution.h"
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -52,7 +52,8 @@ class running_hosts
         machine(host).enter("write", [&] { machine(host).proc.write("dorvex/ats/control", command); });
     }
 
-    // Looks up addresses and then their GIDs, `times` times, at the SA or in the cache.
+    // Looks up addresses, then their GIDs and the paths to them, `times` times, at the SA or in the caches. Does not
+    // wait for some of the paths.
     void resolve_others(size_t host, int times)
     {
         for (int i = 0; i < times; ++i) {
@@ -61,6 +62,9 @@ class running_hosts
             const world::resolution answer = world::resolve_address(machine(host), ip_of(address), source);
             if (answer.status == ibat_stat_ok) world::resolve_gid(machine(host), answer.gid);
             answer_count += answer.status == ibat_stat_ok;
+            const uint64_t timeout_ticks = i % 5 ? world::no_path_timeout : 1;
+            const auto path = world::resolve_path(machine(host), ip_of(address), source, timeout_ticks);
+            path_count += path.status == world::path_status::found;
         }
     }
 
@@ -91,7 +95,7 @@ class running_hosts
     embedded::subnet subnet{*exec};
     std::vector<std::unique_ptr<world::host>> hosts;
     std::vector<exec::task*> tasks;
-    std::atomic<int> answer_count = 0;
+    std::atomic<int> answer_count = 0, path_count = 0;
 };
 
 TEST(threaded, hosts_resolve_flap_change_and_leave)
@@ -124,6 +128,7 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
     w.leave(2); // with traffic still running
     w.finish();
     EXPECT_GT(w.answer_count, 0);
+    EXPECT_GT(w.path_count, 0);
 
     // The two hosts that stayed can still register.
     for (size_t host : {0, 1}) w.write(host, "set_host_name end");
