@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -119,6 +120,17 @@ void report_acm(const ats::error& error)
     print_report("programs that use librdmacm are not answered: " + error.text);
 }
 
+// librdmacm reads this file first, and goes to the TCP port that it names.
+void warn_of_port_file()
+{
+    constexpr const char* path = "/run/ibacm.port";
+    std::ifstream file(path);
+    int port = 0;
+    if (file >> port && port > 0)
+        print_report("warning: programs that use librdmacm ask TCP port " + std::to_string(port) +
+                     " instead, because " + path + " says so: remove the file");
+}
+
 bool has_registered(world::host& host)
 {
     return std::ranges::all_of(registrations_of(host), [](const json& hca) { return hca.value("registered", false); });
@@ -141,6 +153,7 @@ struct acm_service {
     {
         if (!config.acm.is_served) return;
         if (const ats::result<> listens = door.listen(); !listens) report_acm(listens.error());
+        warn_of_port_file();
     }
 
     acm::route_finder routes;
