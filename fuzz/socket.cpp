@@ -1,8 +1,9 @@
-// The socket of `ats run`: an input is the text that a client sends before it closes its side. Threads serve it in real
-// time.
+// The sockets of `ats run`: an input is what a client sends before it closes its side. One that begins with the version
+// of librdmacm's protocol goes to the socket that librdmacm uses. Threads serve both in real time.
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "cli/acm/door.h"
 #include "cli/server/server.h"
 #include "fuzz/one-host.h"
 #include "tools/clients/raw-connection.h"
@@ -14,6 +15,7 @@ struct service {
     service()
     {
         fuzz::require(hosts->start([](size_t) { return true; }).value_or(false), "the hosts do not start");
+        fuzz::require(door.listen().has_value(), "the socket of librdmacm cannot be made");
     }
 
     static cli::world_config config()
@@ -28,6 +30,9 @@ struct service {
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
     std::unique_ptr<cli::server> server =
         cli::server::start(*hosts, cli::listening_socket::open(path, false).value(), {}).value();
+    acm::route_finder routes{*server, *hosts};
+    std::string acm_path = path + "-acm";
+    acm::door door{server->loop(), routes, {.is_served = true, .socket = acm_path, .timeout_ms = 20}, {}, {}};
 };
 
 void send_all(int socket, const uint8_t* bytes, size_t size)
@@ -45,7 +50,9 @@ void send_all(int socket, const uint8_t* bytes, size_t size)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static service service;
-    const raw_connection client(service.path, size % 8 != 0); // some inputs begin before the hello
+    const bool is_acm = size > 0 && bytes[0] == acm::protocol_version;
+    const bool says_hello = !is_acm && size % 8 != 0; // some inputs begin before it
+    const raw_connection client(is_acm ? service.acm_path : service.path, says_hello);
     send_all(client.fd(), bytes, size);
     shutdown(client.fd(), SHUT_WR);
     char answers[4096];
