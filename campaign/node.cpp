@@ -36,7 +36,7 @@ std::string contradiction_in(const console::json& hca)
         if (!active_port.is_null()) return "there are two active ports";
         active_port = port["port"];
     }
-    return active_port == hca["active_port"] ? "" : "the report names another active port than the one in state Active";
+    return active_port == hca["active_port"] ? "" : "the report's active_port is not the port in state Active";
 }
 
 } // namespace

@@ -96,9 +96,9 @@ void check_service_records(findings& findings, umad::sa_client& sa)
     if (!own_records)
         findings.add_missing("ServiceRecords", own_records.error().text);
     else if (own_records->records.empty())
-        findings.add_ok("ServiceRecords", "supported; none of this port");
+        findings.add_ok("ServiceRecords", "supported; this port has no record");
     else
-        findings.add_ok("ServiceRecords", "supported; there is one of this port");
+        findings.add_ok("ServiceRecords", "supported; this port has a record");
 }
 
 // Asks for ClassPortInfo (IBA 13.4.8.1), which every SA must support.

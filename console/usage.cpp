@@ -21,7 +21,7 @@ std::string number_text(double number)
     return fmt::format("{:.15g}", number); // no exponent for the whole numbers of options
 }
 
-// A check of a value. `complaint_about_value` returns "" for a value that may be used.
+// Makes a check of an option's value. `complaint_about_value` returns "" if the value is valid.
 CLI::Validator check(const std::function<std::string(const std::string&)>& complaint_about_value)
 {
     return CLI::Validator([complaint_about_value](std::string& value) { return complaint_about_value(value); }, "");
@@ -70,7 +70,7 @@ std::string complaint_about_options(const CLI::ParseError& error)
     if (kind == "ExcludesError") return replace_first(text, " excludes ", " cannot go together with ");
     if (kind == "RequiresError") return replace_first(text, " requires ", " needs ");
     if (kind == "RequiredError") return replace_first(text, " is required", " is missing");
-    if (kind == "ConversionError") return replace_first(text, "Could not convert: ", "") + " is no whole number";
+    if (kind == "ConversionError") return replace_first(text, "Could not convert: ", "") + " is not a whole number";
     if (kind == "ArgumentMismatch") return text.substr(0, text.find(':')) + " needs a value";
     return text;
 }
@@ -118,7 +118,7 @@ CLI::Validator existing_folder()
     return check([](const std::string& path) -> std::string {
         std::error_code error; // the path counts as missing
         if (std::filesystem::is_directory(path, error)) return "";
-        if (std::filesystem::exists(path, error)) return quote(path) + " is no folder";
+        if (std::filesystem::exists(path, error)) return quote(path) + " is not a folder";
         return "there is no folder " + quote(path);
     });
 }
@@ -132,7 +132,7 @@ void add_module_folder_option(CLI::App& command, std::string& folder)
 
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& error)
 {
-    const CLI::App* command = &program; // the one that was being parsed
+    const CLI::App* command = &program; // the parser stopped in this command
     std::string command_line = program.get_name();
     while (!command->get_subcommands().empty()) {
         command = command->get_subcommands().front();
@@ -140,7 +140,7 @@ std::string complaint_about(const CLI::App& program, const CLI::ParseError& erro
     }
     const std::vector<std::string> unknown_words = command->remaining();
     const bool needs_subcommand = command->get_require_subcommand_min() > 0;
-    const bool is_about_words = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr; // its get_name() varies
+    const bool is_about_words = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr; // get_name() varies
     std::string complaint;
     if (!unknown_words.empty() && (is_about_words || needs_subcommand))
         complaint = complaint_about_word(*command, unknown_words.front());

@@ -38,7 +38,7 @@ ats::error library_error(const client_options& options, ats_status_t status, boo
         return {error_kind::unreachable, fmt::format("{} ({})", ats_last_error(), how_to_start(options.socket))};
     case ATS_INVALID:
         return {error_kind::unreachable,
-                "what listens on " + options.socket + " is no 'ats run': name another --socket"};
+                "the program that listens on " + options.socket + " is not 'ats run': name another --socket"};
     case ATS_REFUSED:
         return {error_kind::unreachable, ats_last_error()};
     default:
@@ -57,7 +57,7 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
         ->option_text("PATH");
     command
         .add_option("--timeout", options->timeout_seconds,
-                    "Give up on a service without a sign of life for so long (default: 5)")
+                    "Give up when the service gives no sign of life for this time (default: 5)")
         ->check(console::number_from(0.1, 3600.0))
         ->option_text("SECONDS");
     return options;
@@ -102,7 +102,7 @@ ats::result<json> service_client::ask(json request)
     try {
         line = request.dump();
     } catch (const json::type_error&) {
-        return ats::fail(error_kind::invalid, "an argument holds bytes that are no text (UTF-8)");
+        return ats::fail(error_kind::invalid, "an argument holds bytes that are not text (UTF-8)");
     }
     const ats_status_t status = ats_request_begin(library_.get(), line.c_str(), 2 * half_timeout_ms(options_));
     if (status != ATS_OK) return tl::make_unexpected(library_error(options_, status, false));

@@ -32,7 +32,7 @@ ats::result<> check_mount_point(const std::string& directory)
         return ats::fail(error_kind::invalid, "cannot look at " + directory + ": " + std::strerror(errno));
     }
     if (!S_ISDIR(status.st_mode))
-        return ats::fail(error_kind::invalid, directory + " is no folder: name one to mount on");
+        return ats::fail(error_kind::invalid, directory + " is not a folder: name one to mount on");
     struct stat parent_status = {};
     if (stat((directory + "/..").c_str(), &parent_status) == 0 && parent_status.st_dev != status.st_dev)
         return ats::fail(error_kind::invalid,

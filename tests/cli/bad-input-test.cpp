@@ -251,7 +251,7 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
     const bad_input cases[] = {
         {{"--hosts", "0"}, 2, "write a number from 1 to 1000"},
         {{"--log-kib", "3"}, 2, "write a number from 16 to 1048576"},
-        {{"--hosts", "2.5"}, 2, "--hosts = 2.5 is no whole number"},
+        {{"--hosts", "2.5"}, 2, "--hosts = 2.5 is not a whole number"},
         {{"--hosts", "2", "--config", config("ok", "[[host]]")}, 2, "cannot go together with"},
         {{"--config", folder / "missing"}, 2, "missing"},
         {{"--config", config("parameter", "[[host]]\n[host.ats]\nats_speed = 1")}, 2, "ats_ipaddr_str"},
@@ -270,7 +270,7 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
         {{"--socket", folder / "missing/socket"}, 2, "choose another path with --socket"},
         {{"--socket", folder / "file"}, 2, "exists and is no socket"},
         {{"--mount", folder / "missing"}, 2, mounts_work() ? "make it with mkdir" : "mount"},
-        {{"--mount", folder / "file"}, 2, mounts_work() ? "is no folder" : "mount"},
+        {{"--mount", folder / "file"}, 2, mounts_work() ? "is not a folder" : "mount"},
     };
     for (bad_input each : cases) {
         each.arguments.insert(each.arguments.begin(), "run");
@@ -327,7 +327,8 @@ TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
         service.serve();
         const program_result result = run_ats({"status", "--host", "x", "--socket", folder / "socket"});
         EXPECT_EQ(result.exit_code, 3) << nonsense;
-        EXPECT_THAT(result.err, testing::ContainsRegex("^ats: (the service gave|what listens on)[^\n[]*\n$"));
+        EXPECT_THAT(result.err,
+                    testing::ContainsRegex("^ats: (the service gave|the program that listens on)[^\n[]*\n$"));
     }
 }
 
