@@ -1,8 +1,8 @@
 // The client behind the C interface, see client/ats/client.h for what each call promises.
 //
-// Any thread may call. `mutex_` guards all members, and is never held while a thread waits. One thread at a time
-// receives (is_receiving_): it waits for input without the mutex and hands out what came for everybody; the others
-// wait until it has news for them or steps back.
+// Any thread may call. `mutex_` guards all members. No thread holds it while it waits. One thread at a time receives
+// (is_receiving_). It waits for input without the mutex, stores all arrived answers, and wakes the other threads
+// (news_). A thread that still needs an answer then receives in its turn.
 #pragma once
 
 #include <chrono>
@@ -24,7 +24,7 @@ class client
   public:
     explicit client(std::string path) : path_(std::move(path)) {}
 
-    // ATS_OK, or ATS_NO_MEMORY when descriptors are used up.
+    // Fails with ATS_NO_MEMORY if no descriptor is left.
     ats_status_t open() { return wake_up_.open() ? ATS_OK : ATS_NO_MEMORY; }
 
     // `body` is the question without its id, see client/protocol.h.
@@ -35,10 +35,10 @@ class client
     size_t collect(ats_answer_t* answers, size_t capacity);
     size_t wait(ats_answer_t* answers, size_t capacity, clock::time_point deadline);
 
-    // A request and the first line of its answer. Threads take turns.
+    // Sends a request and returns the first line of its answer. Threads take turns.
     ats_status_t request(const std::string& body, clock::time_point deadline, std::string& line);
 
-    // The same in steps, for one thread at a time.
+    // These two do the same in steps. Only one thread at a time may use them.
     ats_status_t begin_request(const std::string& body, clock::time_point deadline);
     ats_status_t next_request_line(clock::time_point deadline, std::string& line);
 
@@ -76,12 +76,12 @@ class client
     bool is_greeted_ = false; // the service has answered our hello
     uint64_t last_id_ = 0;
     outstanding outstanding_;
-    std::map<uint64_t, ats_answer_t> blocking_answers_; // for the threads that wait for them
-    std::deque<ats_answer_t> completions_;              // of submissions
-    size_t submissions_ = 0;                            // that are outstanding
+    std::map<uint64_t, ats_answer_t> blocking_answers_; // for threads that wait in ask()
+    std::deque<ats_answer_t> completions_;              // answers of submit() that collect() has not fetched yet
+    size_t submissions_ = 0;                            // number of outstanding submissions
 
     bool is_in_request_ = false; // a thread is in request()
-    uint64_t request_id_ = 0;    // the program's own request, 0: none
+    uint64_t request_id_ = 0;    // of the request that the program sent itself; 0: there is none
     std::deque<std::string> request_lines_;
     ats_answer_t request_end_{};
 

@@ -1,5 +1,5 @@
-// The commands of the control file of ats. `ats control` refuses a wrong command, about which the module would only
-// write a line to its log.
+// The commands of the control file of ats. `ats control` checks them, because the module does not report a wrong
+// command to its writer. It only writes a line to its log.
 #pragma once
 
 #include <string>
@@ -11,14 +11,14 @@
 namespace console
 {
 
-// A table of the commands, their arguments and effects.
+// Returns a table of the commands, their arguments and effects.
 std::string list_control_commands();
 
-// Joins these words to one line; each may hold several words. A line that the module would not understand is invalid:
-// an unknown command, a wrong number of arguments, a word that is too long.
+// Joins the arguments to one line. An argument may hold several words. Fails (invalid) if the command is unknown, the
+// number of its arguments is wrong, or a word is too long.
 ats::result<std::string> control_line(const std::vector<std::string>& words);
 
-// A warning about the effect of this command line; "" for most.
+// Returns a warning about the effect of this command line. Most lines have no warning: it is "" then.
 std::string control_warning(const std::string& line);
 
 // True if the module's output reports that the command failed: it holds an error line or a plain line. Progress lines

@@ -1,4 +1,4 @@
-// Which trace level a log line has.
+// Finds the trace level of a log line.
 #pragma once
 
 #include <string_view>
@@ -10,7 +10,8 @@ namespace console
 
 constexpr int trace_level_everything = ZR_FUNC;
 
-// The level that a trace line names ("ERROR   : ATS : ..."); ZR_PANIC for a plain line, which no filter hides.
+// Returns the level that a trace line names ("ERROR   : ATS : ..."). A plain line names none: its level is ZR_PANIC, so
+// that no filter hides it.
 inline int trace_level_of(std::string_view line)
 {
     for (int level = ZR_PANIC; level <= ZR_FUNC; ++level) {

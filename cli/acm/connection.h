@@ -17,15 +17,16 @@ namespace acm
 class connection
 {
   public:
-    // The calls that a connection makes.
+    // A connection calls its owner.
     struct owner {
         virtual ~owner() = default;
-        virtual void take_request(connection& source, message_view request) = 0; // leads to one answer()
+        virtual void take_request(connection& source, message_view request) = 0; // the owner calls answer() once
         virtual void request_timed_out(connection& source, message_view request) = 0;
         virtual void ended(connection& source) = 0; // its handles are closed: it may be destroyed
     };
 
-    // Takes what arrives on `socket`. A request is answered within `timeout`. The owner chooses the number.
+    // Receives requests from `socket`. If the owner has no answer within `timeout`, request_timed_out() is called. The
+    // owner chooses the number.
     connection(owner& owner, uv_loop_t* loop, uint64_t number, client::descriptor socket,
                std::chrono::milliseconds timeout);
     connection(const connection&) = delete;
@@ -65,7 +66,7 @@ class connection
     uint64_t request_number_ = 0;
     std::array<uint8_t, longest_message> request_; // a copy: the socket keeps the original
     size_t request_length_ = 0;                    // 0: none is being answered
-    uint64_t rest_deadline_ms_ = 0;                // of a request that has arrived in part; 0: there is none
+    uint64_t rest_deadline_ms_ = 0;                // for the rest of a request; 0: no part of one has arrived
     bool is_timer_running_ = false;
     bool is_closed_ = false;
 };

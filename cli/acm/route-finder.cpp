@@ -34,7 +34,7 @@ path_record on_wire(const world::path_record& path)
     return record;
 }
 
-// True if the path has the fields that a program has set in its request.
+// True if the path has the values that the program has set in its request.
 bool completes(const world::path_record& path, const path_record& wanted)
 {
     const kq_gid_t any_gid{};
@@ -60,7 +60,7 @@ status status_of(world::path_status path_status)
     }
 }
 
-// The address that the port with this GID is registered under, from the cache of its host.
+// Returns the address under which the port with this GID is registered. Only the cache of its host is asked.
 std::optional<uint32_t> own_address(kernel::machine& machine, const kq_gid_t& gid)
 {
     const std::optional<world::resolution> own = world::answer_from_cache(machine, gid);
@@ -100,7 +100,8 @@ found_route route_to(const world::path_resolution& found, kernel::machine& machi
 
 } // namespace
 
-// The first host, or the one with this address or name. Null: there is none.
+// Returns the host with this name or address. A `source` without either means the first host. Returns null if there is
+// no such host.
 world::host* route_finder::host_of(const place& source) const
 {
     if (const std::string* name = std::get_if<std::string>(&source)) {
@@ -124,7 +125,7 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
     find_path(question, gid);
 }
 
-// No cache knows names, so the SA is asked even for an answer without delay.
+// No cache holds host names. This asks the SA even if the program wants an answer from the cache only.
 void route_finder::find_by_name(const question& question, const std::string& name)
 {
     server_.background().push(question.place, [this, question, name] {

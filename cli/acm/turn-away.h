@@ -1,4 +1,4 @@
-// Frees the programs that wait for a service whose start has failed.
+// Refuses the waiting requests of programs when the service cannot start, so that the programs stop waiting.
 #pragma once
 
 #include <vector>
@@ -8,8 +8,8 @@
 namespace acm
 {
 
-// Answers the requests that wait on `kept`, the descriptors of an earlier process, with "not connected". The
-// connections stay with the service manager. Nobody listens for new ones any more.
+// Answers the waiting requests with "not connected". `kept` holds the descriptors of an earlier process. The service
+// manager keeps the connections. The listener is closed, so that new connections are refused.
 void turn_away(std::vector<cli::kept_descriptor> kept);
 
 } // namespace acm

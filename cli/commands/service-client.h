@@ -20,7 +20,7 @@ using json = nlohmann::json;
 
 struct client_options {
     std::string socket = client::default_socket_path();
-    std::string host; // "": the first
+    std::string host; // "": the first host
     bool as_json = false;
     std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
     double timeout_seconds = 5;     // how long the service may give no sign of life
@@ -39,7 +39,7 @@ void add_gid_format_option(CLI::App& command, client_options& options);
 // a key that the command needs, `outcome` receives an error too.
 void set_client_action(CLI::App& command, ats::result<int>& outcome, std::function<ats::result<int>()> body);
 
-// The answer with its GIDs in the notation that --gid-format asks for.
+// Returns the answer with its GIDs in the notation that --gid-format selects.
 json with_gid_format(json answer, const client_options& options);
 
 // One conversation with the service, through libatsclient. An answer may take long: the SA may be silent, or a followed

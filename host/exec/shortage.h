@@ -12,31 +12,32 @@
 namespace exec
 {
 
-// Thrown when a thread, a stack or the reserve cannot be had. An exception, because it passes through many calls that
-// cannot report it, as std::bad_alloc does: kernel calls of modules, constructors of services. Whoever starts a host
-// catches it. what() is one line: what ran out, and what to do about it.
+// Thrown when a thread, a stack or the reserve cannot be created. It is an exception and not a result, because it
+// passes through calls that cannot return an error: kernel calls of modules and constructors of services. The code that
+// starts a host catches it. what() is one line. It names the resource that is used up, and says what to do.
 struct shortage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Call it when a call has failed that may have met a limit of this process. Fails (no_memory) with the limit that is
-// used up, judged by how much of it the process holds; the reserve is released then. Any thread.
+// Call it after a call that may have failed because of a limit of this process. It compares the usage of the process
+// with each limit. If a limit is used up, it releases the reserve and fails (no_memory) with an error that names the
+// limit. Any thread.
 ats::result<> check_limits();
 
-// The error (no_memory) for a call that has met a limit of this process: the one that check_limits() finds, otherwise
-// `unknown_limit`. Releases the reserve. Any thread.
+// Returns the error (no_memory) of check_limits(). If that finds no limit, the text of the error is `unknown_limit`.
+// Releases the reserve. Any thread.
 ats::error shortage_error(const std::string& unknown_limit);
 
-// Throws the same as a shortage.
+// Throws a shortage with the text of shortage_error().
 [[noreturn]] void throw_shortage(const std::string& unknown_limit);
 
 // A thread that runs `body`; the caller joins it. Throws a shortage when none can be started.
 std::thread new_thread(std::function<void()> body);
 
-// Memory and mappings that are set aside as long as this lives. When an allocation with `new` fails, the reserve is
-// released, the allocation is repeated, and `use_handler` (or null) is called: the process should stop soon. It runs in
-// any thread, anywhere, and must not allocate, lock or throw. At most one reserve exists in a process. Throws a
-// shortage when it cannot be set aside.
+// Holds memory and mappings in reserve. When an allocation with `new` fails, the reserve is released, `use_handler` is
+// called (unless it is null), and the allocation is repeated. The process should stop soon after that. The handler runs
+// in any thread, at any place. It must not allocate, lock or throw. A process has at most one reserve. The constructor
+// throws a shortage if it cannot get the memory.
 class reserve
 {
   public:

@@ -1,6 +1,6 @@
-// Formats texts as the printk of a 2.6 kernel does. It differs from printf(3): "%p" is 16 hexadecimal digits without a
-// prefix, "%#x" of zero has its prefix, a zero-padded number keeps its zeros beside a precision, and 'L' makes an
-// integer a long long.
+// Formats texts as the printk of a 2.6 kernel does. It differs from printf(3). "%p" prints 16 hexadecimal digits
+// without a prefix. "%#x" prints the prefix for zero, too. The flag 0 keeps its effect if there is a precision. 'L'
+// means that an integer is a long long.
 #pragma once
 
 #include <cstdarg>
@@ -10,7 +10,7 @@
 namespace kernel
 {
 
-// The number that is printed for a pointer.
+// Returns the number that "%p" prints for a pointer.
 using pointer_value_fn = uint64_t (*)(const void* pointer);
 
 // Writes the text into `buffer`, cut to `size` bytes including its NUL; `size` is at least 1. Returns the length of the

@@ -20,8 +20,8 @@ struct registry_value {
     intptr_t value;
 };
 
-// The owner's calls take paths from the root. Slashes at the ends and doubled slashes are ignored. The calls may come
-// from outside of any machine. set() may sleep.
+// The owner's calls take paths from the root. They ignore slashes at the ends and doubled slashes. The caller need not
+// be inside a machine. set() may sleep.
 class registry final : public kernel::service
 {
   public:
@@ -30,14 +30,14 @@ class registry final : public kernel::service
     // Makes the key, and those above it, if they are missing. Stores the value and calls the subscribers.
     void set(const std::string& path, const std::string& name, intptr_t value);
 
-    // Stores the value in `*value`. False, and `*value` unchanged: there is none.
+    // Stores the value in `*value`. Returns false and leaves `*value` unchanged if there is no such value.
     bool get(const std::string& path, const std::string& name, intptr_t* value) const;
 
-    // Removes the key and those below it. Open handles become stale, and subscriptions end. False: it is the root, or
-    // there is no such key.
+    // Removes the key and all keys below it. Their open handles become stale, and their subscriptions end. Returns
+    // false if the key is the root or does not exist.
     bool remove(const std::string& path);
 
-    // The values of the key and of those below it, ordered by path and name.
+    // Returns the values of the key and of all keys below it, ordered by path and name.
     std::vector<registry_value> list(const std::string& path = "") const;
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
@@ -72,7 +72,7 @@ class registry final : public kernel::service
         void* context;
     };
 
-    // With mutex_ held.
+    // The caller holds mutex_.
     key& make_key(const std::string& path);
     const key* find(const reference& target) const;
     const key* find(rep_key_t handle, std::string* path) const;

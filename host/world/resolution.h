@@ -20,7 +20,7 @@ enum class lookup_mode {
 };
 
 struct resolution {
-    ibat_stat_t status = ibat_stat_error; // for cache_only: not in the cache
+    ibat_stat_t status = ibat_stat_error; // with `cache_only` also: it is not in the cache
     uint32_t ip = 0;                      // network order
     kq_gid_t gid{};
     bool from_cache = false;
@@ -29,20 +29,20 @@ struct resolution {
     std::string reason;            // one line for people; empty if the status is ok
 };
 
-// Both wait for the answer; in the simulation, time passes meanwhile. Called from outside, or from a task of the
-// machine that may sleep.
+// resolve_address() and resolve_gid() wait for the answer. In the simulation, time passes meanwhile. The caller is
+// outside of all machines, or is a task of this machine that may sleep.
 resolution resolve_address(kernel::machine& machine, uint32_t ip, lookup_mode mode = lookup_mode::usual);
 
 // `sa_only` means `usual` here, since UCM's provider always looks in the cache first.
 resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mode mode = lookup_mode::usual);
 
 // Looks an address or a GID up in the host's cache. Returns nothing if the SA has to be asked. A hit counts as a
-// lookup. Called from outside or from a task of the machine that may sleep.
+// lookup. The caller is outside of all machines, or is a task of this machine that may sleep.
 std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 
 // Asks as resolve_address() and resolve_gid() do, but does not wait for the answer. `done` is called exactly once: by
-// this call, or later by a task of the machine, which it must not keep waiting. Sending the question may sleep.
+// this call, or later by a task of the machine. `done` must not block that task. Sending the question may sleep.
 using resolution_callback = std::function<void(const resolution&)>;
 void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);
 void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done); // the cache is not asked

@@ -4,9 +4,10 @@
 #include "logger.h"
 
 MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // follows the registry
-MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to it; 0: none
+MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to the registry; 0: none
 
-// Names the operation explicitly, for a helper function of it. The macros below name the enclosing function.
+// Writes a trace line under the name `operation`. A helper function uses it to log under its caller's name. The macros
+// below use the name of the enclosing function.
 #define ATS_TRACE_AS(operation, level, ...)                                                                            \
     ZR_TRACE(level, ATS_trace_level, "ATS", operation, ATS_TRACE_UNIT, __VA_ARGS__)
 

@@ -23,7 +23,7 @@ struct __attribute__((packed)) gsi_dtgrm_t {
     uint32_t rqk;     // remote Q_Key; 0: the GSI layer supplies that of QP1
     uint16_t rlid;    // remote LID
     uint8_t sl;       // service level
-    int32_t pkey_idx; // P_Key table index; the pool hands out index 0, the one clients advertise
+    int32_t pkey_idx; // P_Key table index; the pool sets 0, the index of the P_Key that clients advertise
     uint64_t guid;
     uint8_t path_bits;
     uint8_t static_rate;
@@ -54,10 +54,10 @@ KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq
                                   int redirection, int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received,
                                   void* context, gsi_class_handle_t* handle);
 
-// Joins a class on one port beside the client that has registered it, if there is one: the new client sends requests
-// of its own and gets the answers to these only. GSI keeps the low 24 bits of the TransactionID that the client has
-// written into a datagram, and sets the others; the client tells its requests in flight apart by them. An answer comes
-// with the TransactionID of its request. Otherwise as gsi_register_class.
+// Joins a class on one port beside the client that has registered it, if there is one: the new client sends its
+// own requests and gets only the answers to these. The client writes a TransactionID into each datagram. GSI keeps the
+// low 24 bits and sets the high bits. The client tells its requests in flight apart by the low 24 bits. An answer has
+// the TransactionID of its request. All else is as in gsi_register_class.
 constexpr uint64_t gsi_joined_transaction_bits = 0xFFFFFF;
 KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                               gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context,
@@ -67,16 +67,17 @@ KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca
 // callback of it runs; the caller tries again later. After success no callback of the class runs.
 KERNEL_API int gsi_deregister_class(gsi_class_handle_t handle);
 
-// A pool of `size` datagrams under a name for reports. May sleep.
+// Creates a pool of `size` datagrams. Reports show its name. May sleep.
 KERNEL_API int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, const char* name);
 
-// Destroys a pool. A datagram that is not back is a hard error that tells its history. May sleep.
+// Destroys a pool. All datagrams must have been returned. Otherwise a hard error shows the history of the missing one.
+// May sleep.
 KERNEL_API int gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool);
 
 // Takes one free datagram; fails when none is free. Allocates nothing, any context.
 KERNEL_API int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm);
 
-// Returns a datagram to where it came from. Any context. A second put is a hard error.
+// Returns a datagram to its pool. Any context. Returning it twice is a hard error.
 KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
 
 // Queues the datagram's MAD for sending, assigns its TransactionID (see gsi_join_class) and stores that (host order) in

@@ -29,7 +29,7 @@ std::set<std::string> options_in(const std::string& text)
     return options;
 }
 
-// The left column of a section of a help text.
+// Returns the left column of one section of a help text.
 words left_column(const std::string& help, const std::string& heading)
 {
     words column;
@@ -41,7 +41,7 @@ words left_column(const std::string& help, const std::string& heading)
     return column;
 }
 
-// The options that --help lists, by the words of the command. {} is the program itself.
+// Returns the options that --help lists. The key is the command's words; {} is the program itself.
 std::map<words, std::set<std::string>> options_by_command(const words& command = {})
 {
     words arguments = command;
@@ -80,7 +80,7 @@ TEST(documents, manual_pages_name_the_options_of_every_command_and_no_others)
         EXPECT_THAT(options, IsSubsetOf(page_options)) << page;
         std::set<std::string> foreign;
         std::ranges::set_difference(page_options, options, std::inserter(foreign, foreign.end()));
-        // Of other commands, in examples: `run` in ats(8), `tail -f` and `jq -r`.
+        // Examples show options of other commands: `ats run --hosts`, `tail -f` and `jq -r`.
         EXPECT_THAT(foreign, IsSubsetOf({"--hosts", "-r", "-f"})) << page;
     }
 }
@@ -96,7 +96,7 @@ TEST(documents, manual_page_and_completion_have_every_command_and_its_options)
             EXPECT_THAT(page, testing::HasSubstr(command_line.substr(4)));
         }
 
-        // The words are plain, so that quotation marks around all are enough.
+        // No word holds a space or a quotation mark, so one pair of quotation marks around the script is enough.
         const std::string script = "source " ATS_SOURCE_DIR "/dist/ats.bash-completion; COMP_WORDS=(" + command_line +
                                    " \"\"); COMP_CWORD=" + std::to_string(command.size() + 1) +
                                    "; _ats; echo \" ${COMPREPLY[*]} \"";

@@ -19,10 +19,10 @@ namespace fabric_tools
 namespace
 {
 
-constexpr duration look_again = 2ms;
+constexpr duration poll_period = 2ms;
 
 volatile sig_atomic_t was_interrupted = 0;
-bool is_ending = false; // `interrupted` was thrown; destructors end the processes and may wait meanwhile
+bool is_ending = false; // `interrupted` was thrown. wait_until() does not throw it again, so destructors can wait
 
 std::vector<char*> pointers_to(const std::vector<std::string>& texts)
 {
@@ -57,13 +57,14 @@ bool set_limit(const process_limit& limit)
     return setrlimit(limit.resource, &values) == 0;
 }
 
-// In the child: runs the command, or ends as a shell would. Makes only calls that are safe after a fork.
+// Runs in the child. Executes the command, or exits with code 127 as a shell does when it finds no program. Makes only
+// calls that are safe after a fork.
 [[noreturn]] void become(const command& command, char* const* arguments, char* const* environment, pid_t parent,
                          int input)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
-    signal(SIGINT, SIG_DFL); // a shell lets its background processes ignore it
+    signal(SIGINT, SIG_DFL); // a shell may have started the parent with SIGINT ignored, as it does with "&"
     const int output = open_output(command.output);
     const int errors = command.errors.empty() ? output : open_output(command.errors);
     const bool is_ready = getppid() == parent && output >= 0 && errors >= 0 && dup2(input, 0) == 0 &&
@@ -88,7 +89,7 @@ bool wait_until(const std::function<bool()>& holds, duration longest)
             throw interrupted();
         }
         if (std::chrono::steady_clock::now() >= deadline) return holds();
-        std::this_thread::sleep_for(look_again);
+        std::this_thread::sleep_for(poll_period);
     }
     return true;
 }
