@@ -14,6 +14,7 @@
 #include "cli/acm/turn-away.h"
 #include "cli/mount/proc-mount.h"
 #include "cli/server/server.h"
+#include "cli/server/watchdog.h"
 #include "cli/service/fabric-arguments.h"
 #include "cli/service/registration.h"
 #include "cli/service/reload.h"
@@ -203,6 +204,7 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     acm_service acm(**server, hosts, config, std::move(kept));
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
+    const watchdog watchdog((*server)->loop(), hosts, print_report);
     const reload_calls reload_calls{
         .set_rules =
             [&](const access_rules& access, const service_limits& limits) {

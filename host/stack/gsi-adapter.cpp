@@ -86,7 +86,7 @@ gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomi
 {
     if (!receive_pool_) throw std::bad_alloc();
     task_.start([this] {
-        while (!task_.is_stopping())
+        while (task_.goes_on())
             if (!complete()) task_.sleep(exec::never, "completions");
     });
 }
@@ -275,6 +275,12 @@ void gsi_adapter::queue(datagram_record& record, std::unique_lock<std::mutex>& l
     if (needs_task) task_.ring();
 }
 
+uint64_t gsi_adapter::batch_in_work() const
+{
+    const std::lock_guard lock(mutex_);
+    return is_completing_ ? batch_number_ : 0;
+}
+
 // Runs the completion context until the queue is empty. False: the queue was empty, or another task runs the context.
 bool gsi_adapter::complete()
 {
@@ -309,6 +315,7 @@ datagram_record* gsi_adapter::next_batch()
 
 datagram_record* gsi_adapter::take_queue()
 {
+    ++batch_number_;
     datagram_record* batch = queue_head_;
     queue_head_ = nullptr;
     queue_tail_ = nullptr;

@@ -85,6 +85,11 @@ class gsi_adapter final : public fabric::listener
 
     const fabric::hca& hca() const { return hca_; }
     gsi_counts counts() const;
+    const std::string& context_name() const { return context_name_; }
+
+    // The batch that the completion context works on; 0: none, it is not running. Any thread.
+    uint64_t batch_in_work() const;
+
     const stack::registrations& registrations() const { return registrations_; }
 
     // The classes that a module has left registered, a text each.
@@ -132,6 +137,7 @@ class gsi_adapter final : public fabric::listener
     datagram_record* queue_head_ = nullptr;
     datagram_record* queue_tail_ = nullptr;
     bool is_completing_ = false;  // a task runs the completion context; it looks into the queue once more
+    uint64_t batch_number_ = 0;   // of the latest batch
     bool will_be_called_ = false; // the fabric will call may_complete() again
     service_task task_;
 };

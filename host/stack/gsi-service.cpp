@@ -72,6 +72,14 @@ std::vector<gsi_adapter_view> gsi::adapters() const
     return list;
 }
 
+std::vector<std::pair<std::string, uint64_t>> gsi::batches_in_work() const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::pair<std::string, uint64_t>> list;
+    for (const auto& each : adapters_) list.emplace_back(each->context_name(), each->batch_in_work());
+    return list;
+}
+
 std::vector<registration_view> gsi::registrations() const
 {
     const std::lock_guard lock(mutex_);

@@ -37,6 +37,9 @@ class gsi final : public kernel::service
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
 
+    // For each HCA, the completion context and gsi_adapter::batch_in_work(). Any thread.
+    std::vector<std::pair<std::string, uint64_t>> batches_in_work() const;
+
     // For reports: the state of the records that were registered through each HCA.
     std::vector<registration_view> registrations() const;
 

@@ -160,7 +160,7 @@ void hca_events::queue(const event& new_event)
 
 void hca_events::run()
 {
-    while (!task_.is_stopping())
+    while (task_.goes_on())
         if (!deliver_next()) task_.sleep(exec::never, "events");
 }
 

@@ -5,6 +5,18 @@
 namespace stack
 {
 
+service_task::service_task(kernel::machine& home, std::string name)
+    : home_(home), name_(std::move(name)), all_tasks_(home.get<service_task_list>().tasks)
+{
+    all_tasks_->add(*this);
+}
+
+service_task::~service_task()
+{
+    all_tasks_->remove(*this);
+    stop();
+}
+
 void service_task::start(std::function<void()> body)
 {
     assert(!task_);
@@ -29,6 +41,24 @@ void service_task::stop()
     ring();
     exec::task* task = task_.exchange(nullptr);
     if (task) home_.exec().join(*task);
+}
+
+void service_tasks::visit_all(const std::function<void(service_task&)>& visit) const
+{
+    const std::lock_guard lock(mutex_);
+    for (service_task* task : tasks_) visit(*task);
+}
+
+void service_tasks::add(service_task& task)
+{
+    const std::lock_guard lock(mutex_);
+    tasks_.push_back(&task);
+}
+
+void service_tasks::remove(service_task& task)
+{
+    const std::lock_guard lock(mutex_);
+    std::erase(tasks_, &task);
 }
 
 } // namespace stack

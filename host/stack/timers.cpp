@@ -87,7 +87,7 @@ std::vector<std::string> timers::left_by(const kernel::module_code& module) cons
 
 void timers::run(lane& self)
 {
-    while (!self.task.is_stopping()) {
+    while (self.task.goes_on()) {
         const bool has_worked = run_next(self) || run_idle_work(self);
         if (!has_worked) self.task.sleep(next_deadline(self), "timers");
     }

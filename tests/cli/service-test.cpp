@@ -1,10 +1,13 @@
 // `ats run` as a service manager meets it.
+#include <latch>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "cli/server/watchdog.h"
 #include "cli/socket/service-origin.h"
 #include "cli/socket/socket.h"
 #include "client/socket-path.h"
+#include "host/stack/timers.h"
 #include "tests/cli/program.h"
 
 namespace
@@ -129,6 +132,41 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
     for (int i = 0; i < 100; ++i) kill(ats.pid(), SIGHUP);
     EXPECT_EQ(ats.stop(0), 0) << ats.complaints();
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
+}
+
+TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_do)
+{
+    const scratch_folder folder;
+    notice_socket notices(folder / "notify");
+    setenv("WATCHDOG_USEC", "40000", 1);
+    const service ats;
+    unsetenv("WATCHDOG_USEC");
+    EXPECT_TRUE(eventually([&] { return notices.next() == "WATCHDOG=1"; }));
+
+    const auto hosts = cli::running_hosts::build(cli::numbered_hosts(2), "").value();
+    cli::event_loop loop;
+    loop.start();
+    cli::life_signs signs(loop, *hosts);
+    signs.ask();
+    EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
+    std::latch hanging(2), ending(1);
+    const auto hang = [&] {
+        hanging.count_down();
+        ending.wait();
+    };
+    loop.post(hang);
+    const std::function<void()> handler = hang;
+    timing_t timer{};
+    timer.function = [](unsigned long handler) { (*reinterpret_cast<const std::function<void()>*>(handler))(); };
+    timer.data = reinterpret_cast<unsigned long>(&handler);
+    hosts->all()[1]->machine().get<stack::timers>().arm(timer);
+    hanging.wait();
+    signs.ask();
+    const std::vector<std::string> expected = {"the event loop", "sleeping timers of node2"};
+    EXPECT_TRUE(eventually([&] { return signs.missing() == expected; })) << testing::PrintToString(signs.missing());
+    ending.count_down();
+    EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
+    loop.stop();
 }
 
 TEST(service, advice_fits_how_it_was_started)

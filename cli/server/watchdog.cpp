@@ -1,0 +1,93 @@
+#include "cli/server/watchdog.h"
+
+#include <cstdlib>
+#include <unistd.h>
+
+#include "cli/service/service-notice.h"
+#include "host/exec/shortage.h"
+
+namespace cli
+{
+
+namespace
+{
+
+std::string joined(const std::vector<std::string>& names)
+{
+    constexpr size_t most_named = 5;
+    std::string text;
+    for (size_t i = 0; i < std::min(names.size(), most_named); ++i) text += (i == 0 ? "" : ", ") + names[i];
+    if (names.size() > most_named) text += " and " + std::to_string(names.size() - most_named) + " more";
+    return text;
+}
+
+} // namespace
+
+life_signs::life_signs(event_loop& loop, const running_hosts& hosts) : loop_(loop), hosts_(hosts)
+{
+    for (const auto& host : hosts.all()) liveness_.emplace_back(host->machine());
+}
+
+void life_signs::ask()
+{
+    has_loop_answered_ = std::make_shared<std::atomic<bool>>(false);
+    loop_.post([has_answered = has_loop_answered_] { *has_answered = true; });
+    for (stack::liveness& liveness : liveness_) liveness.ask();
+}
+
+std::vector<std::string> life_signs::missing() const
+{
+    std::vector<std::string> parts;
+    if (!*has_loop_answered_) parts.emplace_back("the event loop");
+    for (size_t i = 0; i < liveness_.size(); ++i)
+        for (const std::string& task : liveness_[i].silent()) parts.push_back(task + " of " + hosts_.all()[i]->name());
+    return parts;
+}
+
+std::optional<std::chrono::microseconds> watchdog_period()
+{
+    const char* process = std::getenv("WATCHDOG_PID"); // another one than this: the variables were inherited
+    if (process && std::strtoll(process, nullptr, 10) != getpid()) return std::nullopt;
+    const char* period = std::getenv("WATCHDOG_USEC");
+    const long long us = period ? std::strtoll(period, nullptr, 10) : 0;
+    return us > 0 ? std::optional(std::chrono::microseconds(us)) : std::nullopt;
+}
+
+watchdog::watchdog(event_loop& loop, const running_hosts& hosts, std::function<void(const std::string&)> report)
+    : signs_(loop, hosts), report_(std::move(report))
+{
+    if (const auto period = watchdog_period()) thread_ = exec::new_thread([this, period] { run(*period); });
+}
+
+watchdog::~watchdog()
+{
+    {
+        const std::lock_guard lock(mutex_);
+        is_stopping_ = true;
+    }
+    stopped_.notify_all();
+    if (thread_.joinable()) thread_.join();
+}
+
+// Looks four times a period: a part may take almost three quarters of a period for its sign.
+void watchdog::run(std::chrono::microseconds period)
+{
+    std::unique_lock lock(mutex_);
+    signs_.ask();
+    while (!stopped_.wait_for(lock, period / 4, [&] { return is_stopping_; })) look();
+}
+
+void watchdog::look()
+{
+    const std::vector<std::string> missing = signs_.missing();
+    if (missing.empty()) {
+        notify_service_manager("WATCHDOG=1");
+        if (is_missed_) report_("every part of the service works again");
+        signs_.ask();
+    } else if (!is_missed_) {
+        report_("no sign of life from " + joined(missing) + ": the service manager restarts a service that hangs");
+    }
+    is_missed_ = !missing.empty();
+}
+
+} // namespace cli
