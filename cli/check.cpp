@@ -9,7 +9,10 @@
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
+#include "cli/check-findings.h"
+#include "cli/check-service.h"
 #include "cli/mount/proc-mount.h"
+#include "client/socket-path.h"
 #include "console/errors.h"
 #include "console/record-list.h"
 #include "console/table.h"
@@ -22,30 +25,6 @@ namespace cli
 
 namespace
 {
-
-// One row for each check: the verdict, the subject and an explanation.
-class findings
-{
-  public:
-    void add_ok(const std::string& subject, const std::string& text) { rows_.push_back({"ok", subject, text}); }
-
-    // For a subject that a host can do without.
-    void add_note(const std::string& subject, const std::string& text) { rows_.push_back({"note", subject, text}); }
-
-    // For a subject that a host needs. The text says what to do.
-    void add_missing(const std::string& subject, const std::string& text)
-    {
-        rows_.push_back({"MISSING", subject, text});
-        is_fit_ = false;
-    }
-
-    bool is_fit() const { return is_fit_; } // nothing is missing
-    const console::table_rows& rows() const { return rows_; }
-
-  private:
-    console::table_rows rows_;
-    bool is_fit_ = true;
-};
 
 void check_modules(findings& findings, const std::string& folder)
 {
@@ -158,14 +137,25 @@ void show(const findings& findings, bool as_json)
     console::show_json(std::cout, {{"fit", findings.is_fit()}, {"checks", checks}});
 }
 
-// Returns the exit code.
-int run_check(const std::string& module_folder, bool as_json)
+struct check_options {
+    std::string modules = world::default_module_folder();
+    std::string config;
+    std::string socket = client::own_socket_path();
+    bool as_json = false;
+};
+
+// Returns the exit code. Without a configuration, checks for one host on the real ports.
+int run_check(const check_options& options)
 {
     findings findings;
-    check_modules(findings, module_folder);
-    check_fabric(findings);
+    std::optional<world_config> config{{.hosts = {host_config()}, .fabric = {.is_real = true}}};
+    if (!options.config.empty()) config = check_config(findings, options.config);
+    check_modules(findings, options.modules);
+    if (config && config->fabric.is_real) check_fabric(findings);
     check_fuse(findings);
-    show(findings, as_json);
+    if (config) check_doors(findings, *config, options.socket);
+    if (config) check_limits(findings, *config);
+    show(findings, options.as_json);
     return findings.is_fit() ? console::exit_ok : console::exit_failed;
 }
 
@@ -175,11 +165,13 @@ void add_check(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand(
         "check", "Look at this machine: can it run a host on its real ports, and what is missing?");
-    auto modules = std::make_shared<std::string>(world::default_module_folder());
-    auto as_json = std::make_shared<bool>(false);
-    command->add_flag("--json", *as_json, "Print JSON")->option_text(" ");
-    console::add_module_folder_option(*command, *modules);
-    command->callback(console::command_callback(outcome, [=] { return run_check(*modules, *as_json); }));
+    auto options = std::make_shared<check_options>();
+    command->add_flag("--json", options->as_json, "Print JSON")->option_text(" ");
+    command->add_option("--config", options->config, "Check this configuration too, and for its hosts; start nothing")
+        ->option_text("FILE");
+    command->add_option("--socket", options->socket, "Where the service would serve clients")->option_text("PATH");
+    console::add_module_folder_option(*command, options->modules);
+    command->callback(console::command_callback(outcome, [options] { return run_check(*options); }));
 }
 
 } // namespace cli

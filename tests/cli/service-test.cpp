@@ -1,5 +1,6 @@
 // `ats run` as a service manager meets it.
 #include <latch>
+#include <map>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -167,6 +168,35 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     ending.count_down();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
     loop.stop();
+}
+
+TEST(check, names_what_a_service_would_fail_at_and_starts_nothing)
+{
+    const scratch_folder folder;
+    const std::string config = folder / "world.toml";
+    const auto verdicts = [&](const std::string& socket) {
+        const program_result result = run_ats({"check", "--config", config, "--socket", socket, "--json"});
+        const json answer = result.answer();
+        std::map<std::string, std::string> found;
+        for (const json& check : answer["checks"])
+            found[check["what"]] = check["verdict"].get<std::string>() + ": " + check["text"].get<std::string>();
+        EXPECT_EQ(result.exit_code, answer["fit"] == true ? 0 : 1);
+        return found;
+    };
+    using testing::HasSubstr;
+    const std::string acm = "[acm]\nserve = \"on\"\nsocket = \"" + config + "\"\n";
+    write_file(config, acm + "[[host]]\n[[host]]\n");
+    auto found = verdicts(folder / "missing/socket");
+    EXPECT_EQ(found["configuration"], "ok: " + config + ": 2 hosts on an embedded fabric");
+    EXPECT_THAT(found["client socket"], HasSubstr("MISSING: " + (folder / "missing") + ": No such file"));
+    EXPECT_THAT(found["acm socket"], HasSubstr("MISSING: " + config + " is no socket: remove it"));
+    EXPECT_THAT(found["open files"], testing::StartsWith("ok: "));
+    EXPECT_FALSE(found.contains("SA")) << "an embedded fabric needs no port";
+    found = verdicts(folder / "socket");
+    EXPECT_EQ(found["client socket"], "ok: " + (folder / "socket") + " can be made");
+    EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
+    write_file(config, "[[host]]\ntrace = 6\n");
+    EXPECT_THAT(verdicts(folder / "socket")["configuration"], HasSubstr("MISSING: " + config + ":2: 'trace' must"));
 }
 
 TEST(service, advice_fits_how_it_was_started)

@@ -1,0 +1,110 @@
+#include "cli/check-service.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <pwd.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/core.h>
+
+namespace cli
+{
+
+namespace
+{
+
+// What a host with one HCA takes, what each further HCA adds, and what the process takes besides.
+constexpr size_t files_of_host = 3, files_of_process = 64;
+constexpr size_t mappings_of_host = 25, mappings_of_hca = 4, mappings_of_process = 500;
+
+std::string name_of_user(uid_t user)
+{
+    const passwd* entry = getpwuid(user);
+    return entry ? entry->pw_name : std::to_string(user);
+}
+
+void check_file_mode(findings& findings, const std::string& file)
+{
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0) return;
+    if (status.st_mode & (S_IWGRP | S_IWOTH))
+        findings.add_note("configuration", file + " can be written by other users than its owner, " +
+                                               name_of_user(status.st_uid) + ": 'chmod go-w' ends that");
+}
+
+// A door is a socket at `path`, in whose folder this user can make files.
+void check_door(findings& findings, const std::string& door, const std::string& path, const std::string& option)
+{
+    const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+    const std::string folder = parent.empty() ? "." : parent.string();
+    struct stat status = {};
+    if (stat(folder.c_str(), &status) != 0)
+        return findings.add_missing(door, fmt::format("{}: {}: make this folder, or choose another path with {}",
+                                                      folder, std::strerror(errno), option));
+    if (access(folder.c_str(), W_OK | X_OK) != 0)
+        return findings.add_missing(
+            door, fmt::format("{} may not make a socket in {}, which belongs to {}: choose another path with {}",
+                              name_of_user(geteuid()), folder, name_of_user(status.st_uid), option));
+    if (lstat(path.c_str(), &status) != 0) return findings.add_ok(door, path + " can be made");
+    if (!S_ISSOCK(status.st_mode) && !S_ISLNK(status.st_mode))
+        return findings.add_missing(door, path + " is no socket: remove it, or choose another path with " + option);
+    if (status.st_uid != geteuid())
+        return findings.add_missing(
+            door, fmt::format("{} belongs to {}: stop the program that made it, or choose another path with {}", path,
+                              name_of_user(status.st_uid), option));
+    findings.add_ok(door, path + " is there: the service uses it, or replaces it");
+}
+
+void check_limit(findings& findings, const std::string& subject, size_t limit, size_t need, const std::string& advice)
+{
+    const std::string text = fmt::format("{}, and the hosts take some {}", limit, need);
+    if (limit >= need)
+        findings.add_ok(subject, text);
+    else
+        findings.add_missing(subject, text + ": " + advice);
+}
+
+} // namespace
+
+std::optional<world_config> check_config(findings& findings, const std::string& file)
+{
+    const ats::result<world_config> config = read_world_config(file);
+    if (!config) {
+        findings.add_missing("configuration", config.error().text);
+        return std::nullopt;
+    }
+    const size_t hosts = config->hosts.size();
+    findings.add_ok("configuration", fmt::format("{}: {} {} on {} fabric", file, hosts, hosts == 1 ? "host" : "hosts",
+                                                 config->fabric.is_real ? "a real" : "an embedded"));
+    for (const std::string& warning : config->warnings) findings.add_note("configuration", warning);
+    check_file_mode(findings, file);
+    return *config;
+}
+
+void check_doors(findings& findings, const world_config& config, const std::string& socket)
+{
+    check_door(findings, "client socket", socket, "--socket");
+    if (config.acm.is_served) check_door(findings, "acm socket", config.acm.socket, "'socket' of [acm]");
+}
+
+void check_limits(findings& findings, const world_config& config)
+{
+    const size_t hosts = config.hosts.size();
+    size_t further_hcas = 0;
+    for (const host_config& host : config.hosts) further_hcas += host.hcas.empty() ? 0 : host.hcas.size() - 1;
+    rlimit descriptors = {};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0)
+        check_limit(findings, "open files", descriptors.rlim_cur, files_of_process + files_of_host * hosts,
+                    "raise the limit (ulimit -n, LimitNOFILE= of a unit)");
+    size_t mappings = 0;
+    if (std::ifstream("/proc/sys/vm/max_map_count") >> mappings)
+        check_limit(findings, "memory mappings", mappings,
+                    mappings_of_process + mappings_of_host * hosts + mappings_of_hca * further_hcas,
+                    "raise it with 'sysctl vm.max_map_count=N'");
+}
+
+} // namespace cli
