@@ -13,7 +13,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint16_t first_lid = 2; // of the hosts' ports; their LIDs are consecutive
+constexpr uint16_t first_lid = 2; // the hosts' ports have the consecutive LIDs from here on
 
 // Component masks of the service's requests.
 constexpr uint64_t mask_of_set = UINT64_MAX, mask_by_gid = 0x43, mask_by_address = 0x7FFFC1;
@@ -106,7 +106,7 @@ std::string wire_watch::timing_fault_in(node& node, uint8_t method, uint64_t now
                                      node.harm().quiet_since(now_ticks - harm_lasts_ticks) &&
                                      now_ticks - node.disturbed_tick > harm_lasts_ticks && !node.may_be_misread;
     if (method != MAD_METHOD_SET || !node.is_changing() || delete_tick == 0 || !is_answered_at_once) return "";
-    return delete_tick == now_ticks ? "" : "a registration waited on after its Delete was answered";
+    return delete_tick == now_ticks ? "" : "a registration continued to wait after the answer to its Delete";
 }
 
 std::string wire_watch::fault_in(const port_entry& sender, const sa_mad_v2_t& mad,
@@ -115,7 +115,7 @@ std::string wire_watch::fault_in(const port_entry& sender, const sa_mad_v2_t& ma
     const uint64_t mask = from_wire(mad.component_mask);
     const bool has_gid = !is_zero(&record.service_gid, sizeof record.service_gid);
     const bool has_address = !is_zero(record.service_data8, sizeof record.service_data8);
-    if (!fabric_.nodes[sender.node].is_live()) return "it sends without the module";
+    if (!fabric_.nodes[sender.node].is_live()) return "a host sends a request while its module is not loaded";
     if (mad.hdr.base_ver != 1 || mad.hdr.mgt_class != 3 || mad.hdr.class_ver != 2 || mad.hdr.m.r != 0)
         return "a MAD's header is not that of an SA request";
     const ib_service_record_v2_t any_host = records::encode({});
@@ -127,11 +127,11 @@ std::string wire_watch::fault_in(const port_entry& sender, const sa_mad_v2_t& ma
     switch (mad.hdr.m.method) {
     case MAD_METHOD_SET:
         if (mask != mask_of_set || from_wire(record.service_lease) != UINT32_MAX) return "a Set is not complete";
-        // After a failed query the service registers a port with what it could read.
+        // If a query of a port fails, the service registers it with the values that it has read so far.
         if (fabric_.nodes[sender.node].harm().ever) return "";
-        if (from_wire(record.service_pkey) != sender.p_key) return "a Set carries another P_Key than its port has";
+        if (from_wire(record.service_pkey) != sender.p_key) return "the P_Key in a Set is not that of its port";
         if (memcmp(&record.service_gid, &sender.gid, sizeof sender.gid) != 0)
-            return "a Set carries another GID than its port has";
+            return "the GID in a Set is not that of its port";
         return "";
     case MAD_METHOD_DELETE:
         return mask == mask_by_gid && !has_address ? "" : "a Delete is not by GID";

@@ -19,7 +19,7 @@ std::string field(const json& object, const char* key)
     return console::cell_text(object.at(key));
 }
 
-// As in "12 s", "3 min" or "2 h 10 min".
+// Examples of the result: "12 s", "3 min", "2 h 10 min".
 std::string duration_in_words(uint64_t seconds)
 {
     const uint64_t minutes = seconds / 60;
@@ -34,7 +34,7 @@ std::string record_text(const json& registration)
                        field(registration, "p_key"), field(registration, "sm_lid"));
 }
 
-// How long ago the SA confirmed the record, behind `introduction`; "" if it never did.
+// Writes `introduction` and the time since the SA confirmed the record. Returns "" if the SA has not confirmed it.
 std::string confirmation_text(const json& registration, const char* introduction)
 {
     const json& seconds = registration.at("confirmed_seconds");
@@ -107,7 +107,7 @@ void show_host(std::ostream& output, const json& host)
     if (host.contains("ibat")) show_ibat(output, host.at("ibat"));
 }
 
-// The result of a verification, in words; "" without one.
+// Describes the result of a verification. Returns "" if the answer has none.
 std::string verification_text(const json& answer)
 {
     if (!answer.contains("verified")) return "";
@@ -116,7 +116,7 @@ std::string verification_text(const json& answer)
     const bool is_corrected = answer.at("corrected").get<bool>();
     return fmt::format("; the cache was WRONG: {}; {}",
                        answer.at("cached").is_null() ? "no owner" : field(answer, "cached"),
-                       is_corrected ? "it is corrected" : "it keeps that as the host's own");
+                       is_corrected ? "it is corrected" : "it keeps that entry, which is the host's own");
 }
 
 void show_records(std::ostream& output, const json& answer, const char* text_without_records)

@@ -40,7 +40,8 @@ ats::result<> check_mount_point(const std::string& directory)
     return {};
 }
 
-// Keeps libfuse from printing its complaints, as long as this lives. One at a time in a process.
+// While this object exists, libfuse does not print its error messages. The last one is stored here. A process has one
+// object at a time.
 class libfuse_complaints
 {
   public:
@@ -72,7 +73,7 @@ class fuse_mount final : public proc_mount
     ats::result<> start(const std::string& directory)
     {
         if (const ats::result<> mounted = mount(directory); !mounted) return mounted;
-        struct sigaction wake_up = {}; // a signal whose only effect is that a blocked read of the loop returns
+        struct sigaction wake_up = {}; // the signal does nothing but interrupt a blocked read of the loop
         wake_up.sa_handler = do_nothing;
         sigaction(SIGUSR1, &wake_up, nullptr);
         try {
@@ -83,8 +84,8 @@ class fuse_mount final : public proc_mount
         return {};
     }
 
-    // The loop must end before the unmount: while a file is open, an unmount does not wake the loop. A signal wakes it;
-    // then it waits for the calls in progress.
+    // The loop must end before the unmount, because an unmount does not wake the loop while a file is open. A signal
+    // wakes it. The loop then waits for the calls in progress.
     ~fuse_mount() override
     {
         constexpr std::chrono::milliseconds repeat_interval(5);
@@ -125,9 +126,9 @@ class fuse_mount final : public proc_mount
         if (fuse_session_mount(session_, directory.c_str()) == 0) return {};
         fuse_session_destroy(session_);
         session_ = nullptr;
-        return ats::fail(error_kind::invalid, "cannot mount on " + directory + " (" + complaints.last +
-                                                  "): see that /dev/fuse is there and may be used, or leave --mount "
-                                                  "out");
+        return ats::fail(error_kind::invalid,
+                         "cannot mount on " + directory + " (" + complaints.last +
+                             "): check that /dev/fuse exists and that you may open it, or leave --mount out");
     }
 
     mount_state state_;

@@ -9,7 +9,7 @@ ats::result<std::unique_ptr<proc_mount>> proc_mount::open(const std::string&, co
 {
     return ats::fail(ats::error_kind::invalid,
                      "this ats was built without libfuse3 and cannot mount: install libfuse3-dev and build it anew, "
-                     "or leave --mount out ('ats control' and 'ats log' do without)");
+                     "or leave --mount out ('ats control' and 'ats log' work without it)");
 }
 
 bool proc_mount::is_available()
