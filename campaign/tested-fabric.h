@@ -22,14 +22,14 @@ struct run_options {
     bool asks_for_paths = false;
 };
 
-// The figures of one seed. Those of several seeds are added field by field, except the digest.
+// The figures of one seed. The figures of several seeds are the sums of each field, except the digest.
 struct figures {
     uint64_t seeds = 0;
     uint64_t simulated_ticks = 0;
     uint64_t acts = 0;
     uint64_t faults = 0; // acts that do harm, link changes, failed calls, datagrams lost or changed on the way
     uint64_t questions = 0;
-    uint64_t answers = 0; // to questions, by callback
+    uint64_t answers = 0; // callbacks that answered a question
     uint64_t truths = 0;  // registrations and lookups compared with the truth
     uint64_t datagrams = 0;
     std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
@@ -93,7 +93,7 @@ struct tested_fabric {
     std::deque<node> nodes;
 
     harm_watch network;
-    std::deque<std::vector<ib_service_record_v2_t>> kept_records; // of the SA, one entry for each minute
+    std::deque<std::vector<ib_service_record_v2_t>> kept_records; // the SA's records, one entry for each minute
 
   private:
     void start_hosts();

@@ -36,7 +36,8 @@ std::string text_of(const entry& entry)
     return {begin, strnlen(begin, sizeof entry.content)};
 }
 
-// The end of a path that an entry names; nothing if it has another type.
+// Returns the source or destination that an entry names. Returns std::nullopt if the entry holds neither a name nor an
+// IPv4 address.
 std::optional<place> place_of(const entry& entry)
 {
     if (entry.type == type_name) return text_of(entry);
@@ -46,7 +47,7 @@ std::optional<place> place_of(const entry& entry)
     return ip;
 }
 
-// Takes over what an entry says. The status, if not success, refuses the request.
+// Copies an entry into the request. If the returned status is not `success`, the request is refused with it.
 status take(const entry& entry, resolve_request& request)
 {
     request.is_cache_only |= (entry.flags & flag_no_delay) != 0;

@@ -15,8 +15,8 @@ void show_status(std::ostream& output, const json& answer);
 void show_resolution(std::ostream& output, const json& answer);
 void show_path(std::ostream& output, const json& answer);
 void show_all_records(std::ostream& output, const json& answer);
-void show_selected_records(std::ostream& output, const json& answer); // after a filter: the SA may hold others
-void show_output(std::ostream& output, const json& answer);           // of a control command
+void show_selected_records(std::ostream& output, const json& answer); // of a search: the SA may hold other records
+void show_output(std::ostream& output, const json& answer);           // the output of a control command
 void show_done(std::ostream& output, const json& answer);
 
 // Formats the status for a window of this size, without a line end after the last line. If the whole status does not

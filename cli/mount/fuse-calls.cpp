@@ -54,7 +54,8 @@ void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info*)
     fuse_reply_attr(request, &attributes, no_caching);
 }
 
-// A shell's `>` truncates a file before it writes. Succeeds without an effect; other attributes cannot be changed.
+// A shell's `>` truncates a file before it writes. A truncation therefore succeeds and does nothing. Mode and owner
+// cannot be changed.
 void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat*, int changes, fuse_file_info* file)
 {
     if ((changes & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
@@ -135,7 +136,8 @@ void on_interrupt(fuse_req_t, void* task)
 void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t size, off_t, fuse_file_info*)
 {
     mount_state& mount = mount_of(request);
-    // libfuse calls on_interrupt with the request's lock held. So after the function is withdrawn, no call is running.
+    // libfuse holds the request's lock while it calls on_interrupt. No such call is running once the second function
+    // below has removed on_interrupt.
     const int result = mount.tree.write_proc(
         mount.inodes.path(inode), std::string(bytes, size),
         [request](exec::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },

@@ -60,7 +60,8 @@ void log_size::add_reader()
 {
     const std::lock_guard lock(mutex_);
     if (readers_++ > 0) return;
-    // Read before the lines are counted, so that the file looks too long rather than too short.
+    // Read written_bytes_ before counting the lines. If a line is printed in between, the file looks a little too long.
+    // In the other order it would look too short.
     const uint64_t written_bytes = written_bytes_;
     uint64_t stored_bytes = 0;
     uint64_t next_line = 0;
@@ -82,7 +83,7 @@ void log_size::remove_reader()
 log_reader::log_reader(kernel::log& log, log_size& size) : log_(log), size_(size)
 {
     size_.add_reader();
-    const size_t lines = log_.lines_from(0, 1, &next_line_).size(); // next_line_ is now the one after the oldest
+    const size_t lines = log_.lines_from(0, 1, &next_line_).size(); // sets next_line_ to the second oldest line
     first_line_ = next_line_ - lines;
     next_line_ = first_line_;
 }

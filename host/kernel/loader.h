@@ -34,14 +34,14 @@ class loader
     // - a module of that name is loaded already (exists),
     // - a limit of the process is used up (no_memory),
     // - the entry function fails (invalid for -EK_INVAL, otherwise failed).
-    // Called inside the machine, or from outside: then it enters the machine. May sleep.
+    // The caller may be outside of the machine; the call then enters it. May sleep.
     ats::result<> insmod(const std::string& path, const std::string& parameters = "");
 
     // Unloads a module: waits for the /proc handlers that run in it, runs its exit function, unmaps it. Fails if no
-    // module of that name is loaded (not_found), or while others hold references or it is still starting (busy). As
-    // soon as unloading has begun, the module's /proc entries refuse to be entered. A hard error if the exit function
-    // leaves something behind: a name, a /proc entry, or something that a service of the machine holds. Called as
-    // insmod(). May sleep.
+    // module of that name is loaded (not_found), or while others hold references or it is still starting (busy).
+    // From the start of an unloading on, no handler of its /proc entries is called. A hard error is raised if the exit
+    // function leaves a name, a /proc entry, or something that a service of the machine holds. The caller may be
+    // outside of the machine. May sleep.
     ats::result<> rmmod(const std::string& name);
 
     bool is_loaded(const std::string& name) const;
@@ -49,8 +49,8 @@ class loader
     // The names of all loaded modules, in order of loading.
     std::vector<std::string> loaded() const;
 
-    // The address of an exported symbol of a loaded module; null if there is none, and while the module starts or
-    // unloads, since the symbol may not be initialised then.
+    // Returns the address of an exported symbol of a loaded module, or null if there is none. Also returns null while
+    // the module starts or unloads, because the symbol may not be initialised then.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
     // Takes and returns a reference on a module; rmmod() is refused meanwhile. hold() is false once unloading has
@@ -75,7 +75,7 @@ class loader
     void unmap(loaded_module& module);
     bool add_user(const kernel_module_t* owner, int loaded_module::*count);
     void drop_user(const kernel_module_t* owner, int loaded_module::*count);
-    loaded_module* find(const std::string& name) const; // both with mutex_ held
+    loaded_module* find(const std::string& name) const; // the caller of both holds mutex_
     loaded_module* find(const kernel_module_t* declaration) const;
 
     machine& machine_;

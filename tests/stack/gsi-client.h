@@ -11,7 +11,7 @@ constexpr kq_hca_name mthca0{"mthca0"};
 class gsi_client
 {
   public:
-    // `joins`: joins the class of another client.
+    // With `joins`, the client joins a class that another client has registered.
     explicit gsi_client(int32_t pool_size = 16, int32_t ports = 2, bool joins = false)
     {
         EXPECT_EQ(gsi_dtgrm_pool_create_named(pool_size, &pool, "client"), 0);
