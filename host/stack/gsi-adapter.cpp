@@ -205,7 +205,10 @@ bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transact
     const auto& mad = reinterpret_cast<const fabric::mad_bytes&>(datagram.mad);
     registrations_.note_request(port, destination.lid, mad); // the answer may arrive before send() returns
     const bool is_accepted = hca_.send(port, destination, mad);
-    if (!is_accepted) registrations_.note_send_failure(mad);
+    if (is_accepted)
+        sa_traffic_.count_request(mad);
+    else
+        registrations_.note_send_failure(mad);
     header.attrib_id = original_header.attrib_id;
     if (!is_accepted) header.transact_id = original_header.transact_id;
     return is_accepted;
@@ -217,6 +220,7 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
         count(counters_.dropped_no_response);
         return;
     }
+    sa_traffic_.count_answer(mad);
     registrations_.note_answer(mad);
     std::unique_lock lock(mutex_);
     be64_t transaction_id;

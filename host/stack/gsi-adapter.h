@@ -10,6 +10,7 @@
 #include "host/stack/datagram-pool.h"
 #include "host/stack/hca-hub.h"
 #include "host/stack/registrations.h"
+#include "host/stack/sa-traffic.h"
 #include "host/stack/service-task.h"
 
 namespace stack
@@ -85,6 +86,7 @@ class gsi_adapter final : public fabric::listener
 
     const fabric::hca& hca() const { return hca_; }
     gsi_counts counts() const;
+    sa_counts sa_traffic_counts() const { return sa_traffic_.counts(); }
     const std::string& context_name() const { return context_name_; }
 
     // The batch that the completion context works on; 0: none, it is not running. Any thread.
@@ -129,6 +131,7 @@ class gsi_adapter final : public fabric::listener
     const std::string context_name_;
     counters counters_;
     stack::registrations registrations_;
+    sa_traffic sa_traffic_;
     const std::unique_ptr<datagram_pool> receive_pool_;
 
     mutable std::mutex mutex_;                          // guards the members below, except the task

@@ -68,7 +68,7 @@ std::vector<gsi_adapter_view> gsi::adapters() const
 {
     const std::lock_guard lock(mutex_);
     std::vector<gsi_adapter_view> list;
-    for (const auto& each : adapters_) list.push_back({each->hca().name(), each->counts()});
+    for (const auto& each : adapters_) list.push_back({each->hca().name(), each->counts(), each->sa_traffic_counts()});
     return list;
 }
 

@@ -12,6 +12,7 @@ namespace stack
 struct gsi_adapter_view {
     std::string hca;
     gsi_counts counts;
+    sa_counts sa;
 };
 
 struct registration_view {

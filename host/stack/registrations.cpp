@@ -85,7 +85,11 @@ void registrations::note_request(int port, uint16_t lid, const fabric::mad_bytes
     if (is_set) {
         if (!entry && entries_.size() >= most_services) return;
         if (!entry) entry = &entries_.emplace_back();
-        if (!has_content_of(record, entry->record)) entry->confirmed_tick.reset();
+        const bool is_lost =
+            entry->state == registration_state::missing || entry->state == registration_state::different;
+        const bool is_same = has_content_of(record, entry->record);
+        if (is_lost && is_same) ++entry->restores;
+        if (!is_same) entry->confirmed_tick.reset();
         entry->record = record;
         entry->port = port;
         entry->sm_lid = lid;

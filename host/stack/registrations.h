@@ -34,6 +34,7 @@ struct registration {
     ib_service_record_v2_t sa_record{};
     std::optional<uint64_t> confirmed_tick; // when the SA last confirmed this content; empty: never
     uint64_t confirmations = 0;             // of this content and of earlier ones
+    uint64_t restores = 0;                  // Sets of this record after the SA did not hold it
     bool is_unanswered = false;             // a Set, a Delete or a Get of the record waits for its answer
     uint64_t unanswered_tick = 0;
 };
