@@ -150,7 +150,8 @@ void wait_for_registrations(const running_hosts& hosts, std::chrono::millisecond
 // Answers programs that use librdmacm, if configured; in any case those that an earlier process of the service served.
 struct acm_service {
     acm_service(server& server, running_hosts& hosts, const world_config& config, std::vector<kept_descriptor> kept)
-        : routes(server, hosts), door(server.loop(), routes, config.acm, config.limits, std::move(kept))
+        : routes(server, hosts),
+          door(server.loop(), routes, config.acm, config.limits, hosts.statistics().librdmacm, std::move(kept))
     {
         if (!config.acm.is_served) return;
         if (const ats::result<> listens = door.listen(); !listens) report_acm(listens.error());

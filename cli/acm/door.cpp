@@ -26,8 +26,8 @@ uv_handle_t* handle(handle_t& specific)
 } // namespace
 
 door::door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config,
-           const cli::service_limits& limits, std::vector<cli::kept_descriptor> kept)
-    : loop_(loop), routes_(routes), config_(config), limits_(limits)
+           const cli::service_limits& limits, cli::door_statistics& statistics, std::vector<cli::kept_descriptor> kept)
+    : loop_(loop), routes_(routes), statistics_(statistics), config_(config), limits_(limits)
 {
     auto connections = std::make_shared<std::vector<cli::kept_descriptor>>();
     for (cli::kept_descriptor& descriptor : kept) {
@@ -123,6 +123,9 @@ void door::admit(client::descriptor socket, std::string store_name)
     guest.store_name = std::move(store_name);
     guest.user = peer->user;
     guest.is_beyond_limit = connections > limits_.connections;
+    cli::count(statistics_.accepted);
+    if (guest.is_beyond_limit) cli::count(statistics_.connections_reached);
+    ++statistics_.open;
     guest.connection = std::make_unique<acm::connection>(*this, loop_.uv(), number, std::move(socket),
                                                          std::chrono::milliseconds(config_.timeout_ms));
     if (connections > most_refused * limits_.connections) guest.connection->cut_off();
@@ -134,6 +137,7 @@ void door::ended(connection& source)
     const guest& guest = entry->second;
     routes_.forget({guest.user, source.number()});
     if (!is_closing_ && !guest.store_name.empty()) cli::forget_descriptor(guest.store_name);
+    --statistics_.open;
     if (--connections_[guest.user] == 0) connections_.erase(guest.user);
     guests_.erase(entry);
     note_closed();

@@ -14,6 +14,7 @@
 #include "cli/server/event-loop.h"
 #include "cli/service/descriptor-store.h"
 #include "cli/service/limits.h"
+#include "cli/service/statistics.h"
 #include "cli/service/world-config.h"
 #include "cli/socket/socket.h"
 
@@ -23,10 +24,10 @@ namespace acm
 class door final : public connection::owner
 {
   public:
-    // Serves the connections among `kept`, the descriptors of an earlier process, in the thread of `loop`. `loop` and
-    // `routes` outlive the door.
+    // Serves the connections among `kept`, the descriptors of an earlier process, in the thread of `loop`. `loop`,
+    // `routes` and `statistics` outlive the door.
     door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config, const cli::service_limits& limits,
-         std::vector<cli::kept_descriptor> kept);
+         cli::door_statistics& statistics, std::vector<cli::kept_descriptor> kept);
 
     // Serves new connections too. Call it once. Error: another daemon serves on the socket, or it cannot be made.
     ats::result<> listen();
@@ -59,6 +60,7 @@ class door final : public connection::owner
 
     cli::event_loop& loop_;
     route_finder& routes_;
+    cli::door_statistics& statistics_;
     const cli::acm_config config_;
     client::descriptor kept_listener_;
     std::unique_ptr<cli::listening_socket> listening_;

@@ -208,6 +208,18 @@ void add_status(CLI::App& program, ats::result<int>& outcome)
     });
 }
 
+void show_metrics(std::ostream& output, const json& answer)
+{
+    output << answer.at("text").get<std::string>();
+}
+
+void add_metrics(CLI::App& program, ats::result<int>& outcome)
+{
+    CLI::App* command = program.add_subcommand("metrics", "Show the service's counters as Prometheus reads them");
+    auto common = add_client_options(*command, no_host);
+    set_client_action(*command, outcome, [=] { return ask_and_show(*common, {{"request", "metrics"}}, show_metrics); });
+}
+
 struct log_options {
     bool is_endless = false;
     int level = console::trace_level_everything;
@@ -274,6 +286,7 @@ void add_queries(CLI::App& program, ats::result<int>& outcome)
                      .summary = "Find the path to IPv4 addresses or GIDs",
                      .argument = "DESTINATION",
                      .argument_help = "An address as in 10.0.0.2, or a GID as in fe80::1"});
+    add_metrics(program, outcome);
     add_log(program, outcome);
 }
 

@@ -141,7 +141,10 @@ bool conversation::is_congested() const
 void conversation::send(std::string_view line)
 {
     if (is_closed_) return;
-    if (unsent_.size() + sending_.size() > limits_.unread_bytes) return cut_off(); // one long answer always fits
+    if (unsent_.size() + sending_.size() > limits_.unread_bytes) { // one long answer always fits
+        owner_.left_unread(*this);
+        return cut_off();
+    }
     if (unsent_.empty()) owner_.has_unsent(*this);
     unsent_ += line;
     unsent_ += '\n';

@@ -23,6 +23,7 @@ class conversation
         virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the answer
         virtual void input_ended(conversation& source) = 0;     // the client sends nothing more
         virtual void became_writable(conversation& source) = 0; // what was queued has been sent
+        virtual void left_unread(conversation& source) = 0;     // it is cut off: it does not read its answers
         virtual void ended(conversation& source) = 0;           // its handle is closed: it may be destroyed
         virtual void has_unsent(conversation& source) = 0;      // flush() it at the end of this round
     };

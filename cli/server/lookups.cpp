@@ -41,7 +41,10 @@ void lookups::stop()
 bool lookups::answer_from_cache(const subject& subject, const completion& done)
 {
     const auto hand_on = [&](const auto& found) {
-        if (found) done(*found);
+        if (found) {
+            note(subject, *found);
+            done(*found);
+        }
         return found.has_value();
     };
     if (const uint32_t* ip = std::get_if<uint32_t>(&subject)) return hand_on(world::answer_from_cache(machine_, *ip));
@@ -51,6 +54,13 @@ bool lookups::answer_from_cache(const subject& subject, const completion& done)
     if (const auto* path = std::get_if<path_to_gid>(&subject))
         return !path->is_fresh && hand_on(world::path_from_cache(machine_, path->gid));
     return false;
+}
+
+void lookups::note(const subject& subject, const answer& answer)
+{
+    if (const auto* path = std::get_if<world::path_resolution>(&answer)) return statistics_.note(*path);
+    const lookup_kind kind = std::holds_alternative<kq_gid_t>(subject) ? lookup_kind::gid : lookup_kind::address;
+    statistics_.note(kind, std::get<world::resolution>(answer));
 }
 
 void lookups::ask(const queue_place& place, const subject& subject, completion done)
@@ -112,7 +122,10 @@ void lookups::finish(const subject& subject, const answer& answer)
     asked_.erase(asked);
     if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next
     lock.unlock();
-    for (const completion& done : askers) done(answer);
+    for (const completion& done : askers) {
+        note(subject, answer);
+        done(answer);
+    }
     lock.lock();
     if (--unfinished_ == 0 && is_stopping_) changed_.notify_all(); // with the lock held: the destructor may be waiting
 }

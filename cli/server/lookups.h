@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "cli/server/fair-queue.h"
+#include "cli/service/statistics.h"
 #include "host/world/path-resolution.h"
 
 namespace cli
@@ -37,7 +38,8 @@ class lookups
     using answer = std::variant<world::resolution, world::path_resolution>;
     using completion = std::function<void(const answer&)>;
 
-    explicit lookups(kernel::machine& machine) : machine_(machine) {}
+    // Counts the answers in `statistics`.
+    lookups(kernel::machine& machine, lookup_statistics& statistics) : machine_(machine), statistics_(statistics) {}
 
     ~lookups() { stop(); }
 
@@ -65,7 +67,10 @@ class lookups
     void start(const subject& subject);
     void finish(const subject& subject, const answer& answer);
 
+    void note(const subject& subject, const answer& answer);
+
     kernel::machine& machine_;
+    lookup_statistics& statistics_;
     std::mutex mutex_; // guards the rest
     std::condition_variable changed_;
     fair_queue<entry> queue_;

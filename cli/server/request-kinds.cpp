@@ -13,7 +13,8 @@ namespace cli
 namespace
 {
 
-constexpr std::array<std::string_view, 6> questions = {"ping", "status", "resolve", "reverse", "path", "log"};
+constexpr std::array<std::string_view, 7> questions = {"ping", "status", "resolve", "reverse",
+                                                       "path", "log",    "metrics"};
 
 bool is_question(const nlohmann::json& request, const std::string& name)
 {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <future>
 
+#include "cli/metrics/metrics.h"
 #include "cli/server/request-kinds.h"
 #include "cli/service/lookup-answer.h"
 #include "cli/service/requests.h"
@@ -170,7 +171,11 @@ void server::admit(conversation& client)
     user_share& share = users_[client.peer().user];
     ++share.connections;
     client.is_admitted = true;
+    door_statistics& statistics = hosts_.statistics().clients;
+    cli::count(statistics.accepted);
+    ++statistics.open;
     if (share.connections <= options_.limits.connections) return;
+    cli::count(statistics.connections_reached);
     refuse(client, std::nullopt,
            {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.connections) +
                                               " connections already: close some, or share them"});
@@ -183,6 +188,7 @@ void server::ended(conversation& source)
     if (source.is_admitted) {
         user_share& share = users_[place.user];
         --share.connections;
+        --hosts_.statistics().clients.open;
         share.outstanding -= source.outstanding;
         if (share.connections == 0) users_.erase(place.user);
     }
@@ -241,13 +247,17 @@ void server::carry_out(conversation& source, const request& request)
         refuse(source, request.ticket.id, malformed("say hello first: {\"request\":\"hello\",\"protocol\":1}"));
         return source.hang_up();
     }
-    if (const auto refusal = refusal_of(options_.access, source.peer(), request.object, request.name))
+    if (const auto refusal = refusal_of(options_.access, source.peer(), request.object, request.name)) {
+        cli::count(hosts_.statistics().clients.denied);
         return refuse(source, request.ticket.id, *refusal);
+    }
     if (request.name == "ping") return source.send(line_of(done("alive"), request.ticket.id));
-    if (users_[request.ticket.place.user].outstanding >= options_.limits.questions)
+    if (users_[request.ticket.place.user].outstanding >= options_.limits.questions) {
+        cli::count(hosts_.statistics().clients.questions_reached);
         return refuse(source, request.ticket.id,
                       {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
                                                          " questions outstanding already: wait for answers first"});
+    }
     if (const std::optional<ats::error> wrong = wrong_members(request.object, request.name))
         return refuse(source, request.ticket.id, *wrong);
     const bool is_lookup = request.name == "resolve" || request.name == "reverse" || request.name == "path";
@@ -275,6 +285,7 @@ void server::refuse(conversation& source, const std::optional<uint64_t>& id, con
 
 void server::line_too_long(conversation& source)
 {
+    cli::count(hosts_.statistics().clients.line_bytes_reached);
     refuse(source, {}, malformed("a line has at most " + std::to_string(options_.limits.line_bytes) + " bytes"));
 }
 
@@ -314,7 +325,9 @@ void server::finish_soon(const return_ticket& ticket, std::string line)
 std::string server::answer_line(const request& request)
 {
     try {
-        const ats::result<json> answer = answer_request(hosts_, request.object);
+        const ats::result<json> answer = request.name == "metrics"
+                                             ? json{{"text", metrics::text_of(metrics::collect(hosts_))}}
+                                             : answer_request(hosts_, request.object);
         return line_of(answer ? *answer : refusal(answer.error()), request.ticket.id);
     } catch (...) {
         return line_of(refusal(caught_error()), request.ticket.id);
@@ -331,7 +344,7 @@ void server::hand_to_workers(conversation& source, const request& request)
 
 lookups& server::lookups_of(kernel::machine& machine)
 {
-    return lookups_.try_emplace(&machine, machine).first->second;
+    return lookups_.try_emplace(&machine, machine, hosts_.statistics_of(machine).lookups).first->second;
 }
 
 ats::result<lookups::subject> server::subject_of(const request& request) const
@@ -362,6 +375,12 @@ void server::look_up(conversation& source, const request& request)
     begin(source, ticket); // nothing below may throw
     if (is_cached_only) {
         const lookups::answer answer = look_into_cache(machine, *subject);
+        lookup_statistics& statistics = hosts_.statistics_of(machine).lookups;
+        if (const auto* path = std::get_if<world::path_resolution>(&answer))
+            statistics.note(*path);
+        else
+            statistics.note(is_by_gid ? lookup_kind::gid : lookup_kind::address, std::get<world::resolution>(answer),
+                            true);
         return finish(ticket, line_of(answer, is_by_gid, true, ticket.id));
     }
     const auto loop_thread = std::this_thread::get_id();

@@ -76,6 +76,7 @@ class server final : public conversation::owner
     void line_too_long(conversation& source) override;
     void input_ended(conversation& source) override;
     void became_writable(conversation& source) override;
+    void left_unread(conversation&) override { cli::count(hosts_.statistics().clients.unread_bytes_reached); }
     void ended(conversation& source) override;
     void has_unsent(conversation& source) override { unsent_.push_back(source.number()); }
 

@@ -81,6 +81,7 @@ ats::result<json> answer_resolve(running_hosts& hosts, const json& request)
     if (!ip) return ats::pass_on(ip);
     kernel::machine& machine = (*host)->machine();
     const resolution resolution = world::resolve_address(machine, *ip);
+    hosts.statistics_of(machine).lookups.note(lookup_kind::address, resolution);
     json answer = answer_of(resolution, false);
     if (answer["source"] != "cache") return answer;
     const auto sa_answer = world::resolve_address(machine, *ip, lookup_mode::sa_only);
@@ -97,6 +98,7 @@ ats::result<json> answer_reverse(running_hosts& hosts, const json& request)
     if (!gid) return ats::pass_on(gid);
     kernel::machine& machine = (*host)->machine();
     const resolution resolution = world::resolve_gid(machine, *gid);
+    hosts.statistics_of(machine).lookups.note(lookup_kind::gid, resolution);
     json answer = answer_of(resolution, true);
     if (answer["source"] != "cache") return answer;
     const auto sa_answer = ask_sa_for_gid(machine, resolution);

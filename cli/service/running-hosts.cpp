@@ -98,6 +98,8 @@ ats::result<> running_hosts::add_host(const host_config& plan, const std::string
         if (!hcas) return ats::pass_on(hcas);
         hosts_.push_back(std::make_unique<world::host>(*exec_, *hcas, plan, module_folder, system_randomness));
         verifications_.push_back(plan.settings.verification);
+        kernel::machine& machine = hosts_.back()->machine();
+        host_statistics_[&machine].follow(machine.log);
         return {};
     });
 }

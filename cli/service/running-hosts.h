@@ -4,10 +4,12 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "cli/service/statistics.h"
 #include "cli/service/world-config.h"
 #include "host/exec/executor.h"
 #include "host/fabric/capture.h"
@@ -51,6 +53,10 @@ class running_hosts
 
     const std::vector<std::unique_ptr<world::host>>& all() const { return hosts_; }
 
+    // Any thread may count. The machine is one of these hosts.
+    service_statistics& statistics() { return statistics_; }
+    host_statistics& statistics_of(const kernel::machine& machine) { return host_statistics_.at(&machine); }
+
     // The host of that name, never null; the first host for "". A host has two names: the configured one, and the one
     // that it is registered under. An unknown or ambiguous name is invalid; the error lists the hosts.
     ats::result<world::host*> find(const std::string& name);
@@ -68,6 +74,8 @@ class running_hosts
     std::unique_ptr<fabric::capture> capture_; // before the fabric, which writes to it until it is destroyed
     std::unique_ptr<embedded::subnet> subnet_; // this one or real_fabric_
     std::unique_ptr<umad::real_fabric> real_fabric_;
+    service_statistics statistics_;
+    std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs are followed
     std::vector<std::unique_ptr<world::host>> hosts_;
     std::vector<verification> verifications_; // of each host, from its start on
 };
