@@ -130,6 +130,8 @@ check-options:
 	cmake --build build/no-umad --target host/CMakeFiles/ats_umad.dir/fabric/umad/umad-none.cpp.o
 	cmake --preset dev -B build/no-verbs -DATS_VERBS=OFF >build/no-verbs.log || { cat build/no-verbs.log; exit 1; }
 	cmake --build build/no-verbs --target host/CMakeFiles/ats_umad.dir/fabric/umad/device-events-none.cpp.o
+	cmake --preset dev -B build/no-http -DATS_HTTP=OFF >build/no-http.log || { cat build/no-http.log; exit 1; }
+	cmake --build build/no-http --target cli/CMakeFiles/ats_cli.dir/metrics/http-none.cpp.o
 	cmake --preset dev -B build/no-fuse -DATS_FUSE=OFF >build/no-fuse.log || { cat build/no-fuse.log; exit 1; }
 	cmake --build build/no-fuse --target cli/CMakeFiles/ats_cli.dir/mount/proc-mount-none.cpp.o
 

@@ -12,6 +12,8 @@
 
 #include "cli/acm/door.h"
 #include "cli/acm/turn-away.h"
+#include "cli/metrics/metrics.h"
+#include "cli/metrics/outlets.h"
 #include "cli/mount/proc-mount.h"
 #include "cli/server/server.h"
 #include "cli/server/watchdog.h"
@@ -203,6 +205,8 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     if (!server) return ats::pass_on(server);
     if (!kept.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
     acm_service acm(**server, hosts, config, std::move(kept));
+    const metrics::outlets metrics_outlets(
+        config.metrics, [&hosts] { return metrics::text_of(metrics::collect(hosts)); }, print_report);
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
     const watchdog watchdog((*server)->loop(), hosts, print_report);

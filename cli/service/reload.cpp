@@ -34,6 +34,7 @@ constexpr struct {
     {"[fabric]",
      [](const world_config& left, const world_config& right) { return is_same_fabric(left.fabric, right.fabric); }},
     {"[acm]", [](const world_config& left, const world_config& right) { return left.acm == right.acm; }},
+    {"[metrics]", [](const world_config& left, const world_config& right) { return left.metrics == right.metrics; }},
     {"the number of hosts",
      [](const world_config& left, const world_config& right) { return left.hosts.size() == right.hosts.size(); }},
 };

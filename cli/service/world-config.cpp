@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 
+#include "cli/service/metrics-address.h"
 #include "cli/service/table-reader.h"
 #include "console/errors.h"
 #include "console/host-plans.h"
@@ -212,6 +213,17 @@ ats::result<acm_config> read_acm(const toml::table& table, const std::string& fi
     return reader.finish().map([&] { return acm; });
 }
 
+ats::result<metrics_config> read_metrics(const toml::table& table, const std::string& file)
+{
+    table_reader reader(table, file);
+    metrics_config metrics;
+    metrics.textfile = reader.text("textfile", "");
+    metrics.listen = reader.text("listen", "");
+    if (!metrics.listen.empty() && !metrics_address_of(metrics.listen))
+        reader.refuse(*reader.find("listen"), "listen is an IPv4 address and a port, as in \"127.0.0.1:9783\"");
+    return reader.finish().map([&] { return metrics; });
+}
+
 // Reads the hosts of the file, for the fabric of `config`. Adds hosts and warnings to it. Stops at a host that is
 // wrong.
 void read_hosts(table_reader& reader, const std::string& file, world_config& config)
@@ -304,6 +316,11 @@ ats::result<world_config> read_world_config(const std::string& path)
         const ats::result<acm_config> acm = read_acm(*table, path);
         if (!acm) return ats::pass_on(acm);
         config.acm = *acm;
+    }
+    if (const toml::table* table = reader.table("metrics")) {
+        const ats::result<metrics_config> metrics = read_metrics(*table, path);
+        if (!metrics) return ats::pass_on(metrics);
+        config.metrics = *metrics;
     }
     read_hosts(reader, path, config);
     if (const ats::result<> finished = reader.finish(); !finished) return ats::pass_on(finished);

@@ -38,6 +38,14 @@ struct acm_config {
     bool operator==(const acm_config&) const = default;
 };
 
+// Where metrics go besides `ats metrics`; docs/metrics.md describes them.
+struct metrics_config {
+    std::string textfile = {}; // the folder of node_exporter's textfile collector; "": none
+    std::string listen = {};   // the address and port of an HTTP server; "": none
+
+    bool operator==(const metrics_config&) const = default;
+};
+
 // How often a host asks the SA for its own record: every `period_seconds`, and by chance up to `skew_percent` later.
 // The defaults are those of the module.
 struct verification {
@@ -69,6 +77,7 @@ struct world_config {
     access_rules access = {};
     service_limits limits = {};
     acm_config acm = {};
+    metrics_config metrics = {};
     std::vector<std::string> warnings = {}; // a line for each setting that may be a mistake
 };
 
@@ -83,9 +92,9 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 // `word` is "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
-// Reads a TOML file: [[host]] tables, [fabric], [access], [limits] and [acm]; ats-run(8) lists the keys. Unknown keys,
-// wrong types, names used twice, addresses that no host can have, and numbers out of range are invalid. An error is a
-// line "FILE:LINE: what is wrong and what would be right".
+// Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
+// Unknown keys, wrong types, names used twice, addresses that no host can have, and numbers out of range are invalid.
+// An error is a line "FILE:LINE: what is wrong and what would be right".
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli

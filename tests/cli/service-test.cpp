@@ -85,8 +85,9 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
         EXPECT_TRUE(eventually([&] { return host(number)["registrations"][0]["registered"] == true; }));
     EXPECT_EQ(reload(ats, notices), "ats: reloaded: nothing has changed\n");
 
-    const std::string fixed_parts = "[acm]\ntimeout_ms = 30\n[[host]]\nname = \"new\"\nlog_kib = 64\n[host.ibat]\n"
-                                    "ibat_capacity = 9\n";
+    const std::string fixed_parts =
+        "[acm]\ntimeout_ms = 30\n[metrics]\ntextfile = \"/x\"\n[[host]]\nname = \"new\"\nlog_kib = 64\n[host.ibat]\n"
+        "ibat_capacity = 9\n";
     write_file(config, "[access]\nquestions = \"everyone\"\n" + fixed_parts +
                            "[[host]]\naddress = \"10.0.0.77\"\ntrace = 3\nverify_seconds = 0\n");
     const auto is_open = [&] {
@@ -96,6 +97,7 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
     EXPECT_FALSE(is_open());
     EXPECT_EQ(reload(ats, notices),
               "ats: not reloaded: [acm] has changed in the configuration, which needs a restart\n"
+              "ats: not reloaded: [metrics] has changed in the configuration, which needs a restart\n"
               "ats: reloaded: [access] has changed\n"
               "ats: not reloaded: log_kib of node1 has changed in the configuration, which needs a restart\n"
               "ats: not reloaded: a module parameter of node1 has changed in the configuration, which needs a restart\n"

@@ -123,7 +123,7 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
          ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, log_kib, name, trace, ucm, "
          "verify_seconds, verify_skew_percent"},
         {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
-        {"hosts = 3", ":1: unknown key 'hosts'; valid here are access, acm, fabric, host, limits"},
+        {"hosts = 3", ":1: unknown key 'hosts'; valid here are access, acm, fabric, host, limits, metrics"},
         {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},
         {"[[host]]\nname = \"a/b\"", "'a/b' cannot be a host name: give it a 'name' of 1 to 30 bytes of UTF-8 without"},
         {"[[host]]\nname = \"a\"\n[[host]]\nname = \"a\"", ":3: there are two hosts named 'a'"},
@@ -153,6 +153,9 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         {"", ":1: no [[host]] table"},
         {"[access]\norders = \"nobodies\"", ":2: there is no group 'nobodies': write \"everyone\", \"owner\" or"},
         {"[limits]\nconnections = 0", ":2: "},
+        {"[metrics]\nlisten = \"localhost:9783\"", ":2: listen is an IPv4 address and a port"},
+        {"[metrics]\nlisten = \"127.0.0.1:65536\"", ":2: listen is an IPv4 address and a port"},
+        {"[metrics]\ntextfile = 1", ":2: "},
         {"[acm]\nenabled = true", ":2: unknown key 'enabled'; valid here are serve, socket, timeout_ms"},
     };
     for (const auto& each : cases) {

@@ -1,0 +1,84 @@
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+
+#include <microhttpd.h>
+
+#include "cli/metrics/http.h"
+#include "cli/service/metrics-address.h"
+
+namespace metrics
+{
+
+namespace
+{
+
+// A client that reads slowly or not at all keeps one of these connections, for so long at most.
+constexpr unsigned most_connections = 16;
+constexpr unsigned idle_limit_seconds = 10;
+
+MHD_Result answer(MHD_Connection* connection, unsigned status, const char* content_type, std::string text)
+{
+    MHD_Response* response = MHD_create_response_from_buffer(text.size(), text.data(), MHD_RESPMEM_MUST_COPY);
+    if (!response) return MHD_NO;
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, content_type);
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close"); // nobody keeps one of the connections
+    const MHD_Result queued = MHD_queue_response(connection, status, response);
+    MHD_destroy_response(response);
+    return queued;
+}
+
+MHD_Result answer_request(void* context, MHD_Connection* connection, const char* url, const char* method, const char*,
+                          const char*, size_t*, void**)
+{
+    const auto& text = *static_cast<const std::function<std::string()>*>(context);
+    constexpr const char* plain = "text/plain; charset=utf-8";
+    if (std::strcmp(url, "/metrics") != 0) return answer(connection, MHD_HTTP_NOT_FOUND, plain, "look at /metrics\n");
+    if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0 && std::strcmp(method, MHD_HTTP_METHOD_HEAD) != 0)
+        return answer(connection, MHD_HTTP_METHOD_NOT_ALLOWED, plain, "only GET\n");
+    try { // an exception must not cross the library
+        return answer(connection, MHD_HTTP_OK, "text/plain; version=0.0.4; charset=utf-8", text());
+    } catch (const std::exception& shortage) {
+        return answer(connection, MHD_HTTP_INTERNAL_SERVER_ERROR, plain, std::string(shortage.what()) + '\n');
+    }
+}
+
+} // namespace
+
+struct http::state {
+    std::function<std::string()> text;
+    MHD_Daemon* daemon = nullptr;
+
+    ~state()
+    {
+        if (daemon) MHD_stop_daemon(daemon);
+    }
+};
+
+http::http() = default;
+http::~http() = default;
+
+ats::result<> http::open(const std::string& address, std::function<std::string()> text)
+{
+    const std::optional<sockaddr_in> place = cli::metrics_address_of(address);
+    if (!place) return ats::fail(ats::error_kind::invalid, address + " is no address and port");
+    auto made = std::make_unique<state>();
+    made->text = std::move(text);
+    errno = 0;
+    made->daemon =
+        MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD, ntohs(place->sin_port), nullptr, nullptr, answer_request,
+                         &made->text, MHD_OPTION_SOCK_ADDR, &*place, MHD_OPTION_CONNECTION_LIMIT, most_connections,
+                         MHD_OPTION_CONNECTION_TIMEOUT, idle_limit_seconds, MHD_OPTION_END);
+    if (!made->daemon)
+        return ats::fail(address + " cannot be listened to, is it another program's? " +
+                         (errno != 0 ? std::strerror(errno) : ""));
+    state_ = std::move(made);
+    return {};
+}
+
+bool can_serve_http()
+{
+    return true;
+}
+
+} // namespace metrics

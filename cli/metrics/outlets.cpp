@@ -1,0 +1,58 @@
+#include "cli/metrics/outlets.h"
+
+#include <chrono>
+
+#include "host/exec/shortage.h"
+
+namespace metrics
+{
+
+namespace
+{
+
+constexpr std::chrono::seconds period(15); // docs/metrics.md states it
+
+} // namespace
+
+outlets::outlets(const cli::metrics_config& config, text_t text, print_t print)
+    : config_(config), text_(std::move(text)), print_(std::move(print)), file_(config.textfile)
+{
+    if (config_.textfile.empty() && config_.listen.empty()) return;
+    thread_ = exec::new_thread([this] { work(); });
+}
+
+outlets::~outlets()
+{
+    {
+        const std::lock_guard lock(mutex_);
+        is_stopping_ = true;
+        changed_.notify_all();
+    }
+    if (thread_.joinable()) thread_.join();
+}
+
+void outlets::work()
+{
+    std::unique_lock lock(mutex_);
+    while (!is_stopping_) {
+        lock.unlock();
+        if (!config_.textfile.empty()) note(file_way_, file_.write(text_()));
+        if (!config_.listen.empty() && !http_.is_open()) note(http_way_, http_.open(config_.listen, text_));
+        lock.lock();
+        changed_.wait_for(lock, period, [&] { return is_stopping_; });
+    }
+}
+
+// Says a failure when it begins, and its end.
+void outlets::note(way& way, const ats::result<>& tried)
+{
+    const std::string error = tried ? "" : tried.error().text;
+    if (error == way.error) return;
+    if (!error.empty())
+        print_(std::string(way.name) + ", it is tried again every 15 seconds: " + error);
+    else
+        print_(std::string(way.name) + ": this is over");
+    way.error = error;
+}
+
+} // namespace metrics

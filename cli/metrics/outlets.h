@@ -1,0 +1,53 @@
+// The ways out of a service's metrics besides `ats metrics`: a file for node_exporter's textfile collector, and HTTP.
+// What fails is said once, and tried again every 15 seconds. The service goes on meanwhile.
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "cli/metrics/http.h"
+#include "cli/metrics/textfile.h"
+#include "cli/service/world-config.h"
+
+namespace metrics
+{
+
+class outlets
+{
+  public:
+    using print_t = std::function<void(const std::string& line)>; // takes a line for the administrator
+    using text_t = std::function<std::string()>;                  // makes the text; any thread may call it
+
+    // Starts a thread if anything is configured; throws a shortage if it cannot be had.
+    outlets(const cli::metrics_config& config, text_t text, print_t print);
+    ~outlets();
+    outlets(const outlets&) = delete;
+    outlets& operator=(const outlets&) = delete;
+
+  private:
+    // One way out, and whether its last try failed.
+    struct way {
+        const char* name;
+        std::string error = {};
+    };
+    void work();
+    void note(way& way, const ats::result<>& tried);
+
+    const cli::metrics_config config_;
+    const text_t text_;
+    const print_t print_;
+    way file_way_{"the metrics file is not written"};
+    way http_way_{"metrics are not served over HTTP"};
+    textfile file_;
+    http http_;
+    std::mutex mutex_; // guards the next two
+    std::condition_variable changed_;
+    bool is_stopping_ = false;
+    std::thread thread_;
+};
+
+} // namespace metrics

@@ -1,0 +1,70 @@
+#include "cli/metrics/textfile.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace metrics
+{
+
+namespace
+{
+
+constexpr mode_t readable_by_all = 0644; // node_exporter is another user
+
+tl::unexpected<ats::error> system_error(const std::string& what)
+{
+    return ats::fail(what + ": " + std::strerror(errno));
+}
+
+bool write_all(int file, const std::string& text)
+{
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count = ::write(file, text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        written += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+} // namespace
+
+textfile::~textfile()
+{
+    if (lock_.is_open()) unlink(path().c_str());
+}
+
+ats::result<> textfile::lock()
+{
+    if (lock_.is_open()) return {};
+    const std::string name = folder_ + "/.ats.prom.lock";
+    client::descriptor file(open(name.c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file.is_open())
+        return system_error(name + " cannot be made, does the folder exist, and may the service write there");
+    if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
+        return ats::fail("another service writes " + path() + ": give each its own folder");
+    lock_ = std::move(file);
+    return {};
+}
+
+// A full disk leaves the draft incomplete, and the file as it was.
+ats::result<> textfile::write(const std::string& text)
+{
+    if (const ats::result<> locked = lock(); !locked) return locked;
+    unlink(draft().c_str()); // of a service that was killed
+    const client::descriptor file(open(draft().c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, readable_by_all));
+    if (!file.is_open()) return system_error(draft() + " cannot be made");
+    fchmod(file.get(), readable_by_all); // whatever the umask
+    if (write_all(file.get(), text) && rename(draft().c_str(), path().c_str()) == 0) return {};
+    const auto failed = system_error(path() + " cannot be written");
+    unlink(draft().c_str());
+    return failed;
+}
+
+} // namespace metrics

@@ -1,0 +1,36 @@
+// The file that node_exporter's textfile collector reads.
+#pragma once
+
+#include <string>
+
+#include "client/descriptor.h"
+#include "host/result.h"
+
+namespace metrics
+{
+
+// One thread. The file appears whole or not at all. A lock on FOLDER/.ats.prom.lock keeps a second service from writing
+// it.
+class textfile
+{
+  public:
+    explicit textfile(std::string folder) : folder_(std::move(folder)) {}
+
+    // Removes the file: old values would look like current ones.
+    ~textfile();
+    textfile(const textfile&) = delete;
+    textfile& operator=(const textfile&) = delete;
+
+    // Replaces the file. An error leaves the one before, and says what to do.
+    ats::result<> write(const std::string& text);
+
+  private:
+    std::string path() const { return folder_ + "/ats.prom"; }
+    std::string draft() const { return folder_ + "/.ats.prom.new"; }
+    ats::result<> lock();
+
+    const std::string folder_;
+    client::descriptor lock_;
+};
+
+} // namespace metrics
