@@ -9,6 +9,7 @@
 #include "cli/demo/demo.h"
 #include "cli/run.h"
 #include "console/errors.h"
+#include "console/journal.h"
 #include "console/usage.h"
 #include "host/world/printable.h"
 
@@ -30,7 +31,8 @@ constexpr const char* footer =
 // Prints an error. It may repeat a text from elsewhere, such as a line of a file, so control characters are escaped.
 void print_error(const std::string& text)
 {
-    std::fprintf(stderr, "ats: %s\n", world::printable_lines(text).c_str());
+    const std::string lines = "ats: " + world::printable_lines(text);
+    std::fprintf(stderr, "%s\n", console::with_priority(console::priority::error, lines).c_str());
 }
 
 // `ats help COMMAND...` means `ats COMMAND... --help`, and `ats version` means `ats --version`.

@@ -25,6 +25,7 @@
 #include "cli/service/service-signals.h"
 #include "cli/socket/socket.h"
 #include "console/errors.h"
+#include "console/journal.h"
 #include "console/progress.h"
 #include "console/usage.h"
 #include "host/exec/shortage.h"
@@ -53,6 +54,17 @@ struct run_options {
     std::string acm_socket;
 };
 
+// Prints a line for the administrator.
+void print_line(console::priority priority, const std::string& line)
+{
+    std::cerr << console::with_priority(priority, "ats: " + world::printable_lines(line)) << std::endl;
+}
+
+void print_report(const std::string& line)
+{
+    print_line(console::priority::warning, line);
+}
+
 // Null without a directory.
 ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, const running_hosts& hosts)
 {
@@ -74,7 +86,7 @@ void announce(const run_options& options, size_t host_count)
 int unload(running_hosts& hosts)
 {
     const std::vector<std::string> refusals = hosts.stop();
-    for (const std::string& refusal : refusals) std::cerr << "ats: " << world::printable_lines(refusal) << '\n';
+    for (const std::string& refusal : refusals) print_line(console::priority::error, refusal);
     if (!refusals.empty()) return console::exit_failed;
     std::cout << "ats: all hosts have unloaded." << std::endl;
     return console::exit_ok;
@@ -109,12 +121,6 @@ ats::result<bool> start(running_hosts& hosts, const service_signals& signals)
         progress.show("starting host " + std::to_string(started_count + 1) + " of " + count);
         return !signals.is_stop_pending();
     });
-}
-
-// Prints a line for the administrator.
-void print_report(const std::string& line)
-{
-    std::cerr << "ats: " << world::printable_lines(line) << std::endl;
 }
 
 // Says why programs that use librdmacm are not answered. The service goes on without them.
@@ -176,8 +182,8 @@ void notify_reloading()
 void try_reload(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
 {
     const ats::result<world_config> file = config_of(options);
-    if (!file) return calls.print("not reloaded, everything stays as it was: " + file.error().text);
-    for (const std::string& warning : file->warnings) calls.print("warning: " + warning);
+    if (!file) return print_report("not reloaded, everything stays as it was: " + file.error().text);
+    for (const std::string& warning : file->warnings) print_report("warning: " + warning);
     reload(hosts, running, *file, calls);
 }
 
@@ -188,7 +194,7 @@ void reload_config(const run_options& options, world_config& running, running_ho
     try {
         try_reload(options, running, hosts, calls);
     } catch (const std::exception& error) {
-        calls.print(std::string("not reloaded any further: ") + error.what());
+        print_report(std::string("not reloaded any further: ") + error.what());
     }
     notify_service_manager("READY=1");
 }
@@ -217,7 +223,7 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
                 return (*server)->set_options({access, limits});
             },
         .may_go_on = [&] { return !signals.is_stop_pending(); },
-        .print = print_report,
+        .print = [](const std::string& line) { print_line(console::priority::notice, line); },
     };
     while (signals.wait() == service_signals::told::reload) reload_config(options, config, hosts, reload_calls);
     notify_service_manager("STOPPING=1");
@@ -240,7 +246,7 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     const ats::result<bool> started = start(**hosts, signals);
     if (!started) return ats::pass_on(started);
     if (!*started) {
-        std::cerr << "ats: told to end while hosts were starting\n";
+        print_line(console::priority::notice, "told to end while hosts were starting");
         signals.wait_for_stop();
         return unload(**hosts);
     }

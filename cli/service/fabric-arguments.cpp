@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "console/journal.h"
 #include "console/usage.h"
 #include "host/world/printable.h"
 
@@ -16,7 +17,8 @@ using ats::error_kind;
 // Prints a line for the administrator: on the terminal, or into the journal. Any thread.
 void print_port_report(const std::string& line)
 {
-    std::fprintf(stderr, "ats: %s\n", world::printable_lines(line).c_str());
+    const std::string text = "ats: " + world::printable_lines(line);
+    std::fprintf(stderr, "%s\n", console::with_priority(console::priority::notice, text).c_str());
 }
 
 ats::result<world_config> real_config(const fabric_arguments& arguments)
