@@ -241,7 +241,8 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     ats::result<std::unique_ptr<listening_socket>> socket =
         listening_socket::open(options.socket, config->access.is_open_to_others());
     if (!socket) return ats::pass_on(socket);
-    const ats::result<std::unique_ptr<running_hosts>> hosts = running_hosts::build(*config, options.modules);
+    const ats::result<std::unique_ptr<running_hosts>> hosts =
+        running_hosts::build(*config, options.modules, print_report);
     if (!hosts) return ats::pass_on(hosts);
     const ats::result<bool> started = start(**hosts, signals);
     if (!started) return ats::pass_on(started);

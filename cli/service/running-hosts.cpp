@@ -5,6 +5,7 @@
 #include <new>
 
 #include "cli/service/host-orders.h"
+#include "cli/service/host-records.h"
 #include "cli/service/registration.h"
 #include "console/errors.h"
 #include "host/exec/shortage.h"
@@ -60,12 +61,12 @@ ats::result<> take_step(const std::string& host, const step_t& step)
 
 } // namespace
 
-running_hosts::running_hosts() : exec_(exec::make_threaded_executor()) {}
+running_hosts::running_hosts(report_t report) : exec_(exec::make_threaded_executor()), report_(std::move(report)) {}
 
 ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_config& config,
-                                                                 const std::string& module_folder)
+                                                                 const std::string& module_folder, report_t report)
 {
-    std::unique_ptr<running_hosts> hosts(new running_hosts);
+    std::unique_ptr<running_hosts> hosts(new running_hosts(std::move(report)));
     if (const ats::result<> opened = hosts->open_fabric(config.fabric); !opened) return ats::pass_on(opened);
     for (const host_config& host : config.hosts)
         if (const ats::result<> added = hosts->add_host(host, module_folder); !added) return ats::pass_on(added);
@@ -97,7 +98,7 @@ ats::result<> running_hosts::add_host(const host_config& plan, const std::string
             is_real() ? real_fabric_->hcas() : world::add_hcas(*subnet_, plan);
         if (!hcas) return ats::pass_on(hcas);
         hosts_.push_back(std::make_unique<world::host>(*exec_, *hcas, plan, module_folder, system_randomness));
-        verifications_.push_back(plan.settings.verification);
+        settings_.push_back(plan.settings);
         kernel::machine& machine = hosts_.back()->machine();
         host_statistics_[&machine].follow(machine.log);
         return {};
@@ -143,7 +144,9 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     size_t host_count = 0;
     for (const auto& host : hosts_) {
         if (!may_go_on(host_count)) return false;
-        const ats::result<> loaded = take_step(host->name(), [&] { return load(*host, verifications_[host_count]); });
+        if (is_real()) report_other_holder(*host, settings_[host_count].address);
+        const ats::result<> loaded =
+            take_step(host->name(), [&] { return load(*host, settings_[host_count].verification); });
         if (!loaded) return ats::pass_on(loaded);
         ++host_count;
     }
@@ -155,12 +158,32 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     return true;
 }
 
+// A real port may be active before the host registers. An embedded fabric is new, and its links are still down.
+void running_hosts::report_other_holder(world::host& host, const std::string& address) const
+{
+    const ats::result<std::string> line = other_holder(host, address);
+    if (line && !line->empty()) report_(host.name() + ": " + *line);
+}
+
+void running_hosts::delete_records(world::host& host)
+{
+    const ats::result<std::vector<std::string>> lines = delete_leftovers(host);
+    if (!lines) {
+        is_sa_silent_ = true;
+        return report_(host.name() + ": its record may still be at the SA: " + lines.error().text);
+    }
+    for (const std::string& line : *lines) report_(host.name() + ": " + line);
+}
+
 std::vector<std::string> running_hosts::stop()
 {
     std::vector<std::string> refusals;
     for (auto host = hosts_.rbegin(); host != hosts_.rend(); ++host) {
         const ats::result<> unloaded = (*host)->unload();
-        if (!unloaded) refusals.push_back((*host)->name() + ": " + unloaded.error().text);
+        if (!unloaded)
+            refusals.push_back((*host)->name() + ": " + unloaded.error().text);
+        else if (!is_sa_silent_)
+            delete_records(**host);
     }
     if (const ats::result<> captured = stop_capture(); !captured) refusals.push_back(captured.error().text);
     return refusals;

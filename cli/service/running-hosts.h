@@ -27,8 +27,10 @@ class running_hosts
     // Builds the fabric and the hosts, with the links of an embedded fabric down. Modules come from `module_folder`.
     // Fails if real ports cannot be opened, if the capture file cannot be written (invalid), or if the process has no
     // room for all hosts (no_memory).
+    // `report` takes lines for the administrator, in the calls of this class.
+    using report_t = std::function<void(const std::string&)>;
     static ats::result<std::unique_ptr<running_hosts>> build(const world_config& config,
-                                                             const std::string& module_folder);
+                                                             const std::string& module_folder, report_t report);
 
     // Unloads every host's modules; see stop().
     ~running_hosts();
@@ -40,7 +42,8 @@ class running_hosts
     // not start, with the end of its log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
-    // Takes the hosts down, in reverse order. Returns a line for each host that refuses, and for an incomplete capture.
+    // Takes the hosts down, in reverse order, and deletes what the SA still holds of them. Until the SA has been silent
+    // once it may take a second for a host. Returns a line for each host that refuses, and for an incomplete capture.
     std::vector<std::string> stop();
 
     // The time since build().
@@ -62,7 +65,9 @@ class running_hosts
     ats::result<world::host*> find(const std::string& name);
 
   private:
-    running_hosts();
+    explicit running_hosts(report_t report);
+    void report_other_holder(world::host& host, const std::string& address) const;
+    void delete_records(world::host& host);
     ats::result<> open_fabric(const fabric_config& config);
     ats::result<> add_host(const host_config& plan, const std::string& module_folder);
     ats::result<> start_capture(const std::string& path);
@@ -77,7 +82,9 @@ class running_hosts
     service_statistics statistics_;
     std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs are followed
     std::vector<std::unique_ptr<world::host>> hosts_;
-    std::vector<verification> verifications_; // of each host, from its start on
+    const report_t report_;
+    bool is_sa_silent_ = false;           // it has left a question of the service unanswered
+    std::vector<host_settings> settings_; // of each host, as configured
 };
 
 } // namespace cli

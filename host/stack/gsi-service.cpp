@@ -89,6 +89,15 @@ std::vector<registration_view> gsi::registrations() const
     return list;
 }
 
+std::vector<ib_service_record_v2_t> gsi::set_records() const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<ib_service_record_v2_t> list;
+    for (const auto& each : adapters_)
+        for (const ib_service_record_v2_t& record : each->registrations().set_records()) list.push_back(record);
+    return list;
+}
+
 std::vector<gsi_pool_view> gsi::pools() const
 {
     const std::lock_guard lock(mutex_);

@@ -44,6 +44,9 @@ class gsi final : public kernel::service
     // For reports: the state of the records that were registered through each HCA.
     std::vector<registration_view> registrations() const;
 
+    // The records that were Set through the HCAs; see registrations::set_records().
+    std::vector<ib_service_record_v2_t> set_records() const;
+
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
     // The GSI layer of an HCA; null: the machine has no HCA of that name. The first call for an HCA starts its

@@ -10,7 +10,8 @@ namespace stack
 namespace
 {
 
-constexpr size_t most_services = 16; // of one HCA; bounds the memory that a client can use
+constexpr size_t most_services = 16;     // of one HCA; bounds the memory that a client can use
+constexpr size_t most_set_records = 256; // a host whose GIDs change again and again must not use more and more memory
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr size_t guid_offset = offsetof(sa_mad_v2_t, payload) + offsetof(ib_service_record_v2_t, service_gid) + 8;
 
@@ -83,6 +84,7 @@ void registrations::note_request(int port, uint16_t lid, const fabric::mad_bytes
     const std::lock_guard lock(mutex_);
     watched_registration* entry = find(record);
     if (is_set) {
+        remember(record);
         if (!entry && entries_.size() >= most_services) return;
         if (!entry) entry = &entries_.emplace_back();
         const bool is_lost =
@@ -141,6 +143,22 @@ std::vector<registration> registrations::list() const
 {
     const std::lock_guard lock(mutex_);
     return {entries_.begin(), entries_.end()};
+}
+
+std::vector<ib_service_record_v2_t> registrations::set_records() const
+{
+    const std::lock_guard lock(mutex_);
+    return set_records_;
+}
+
+void registrations::remember(const ib_service_record_v2_t& record)
+{
+    std::erase_if(set_records_, [&](const ib_service_record_v2_t& each) {
+        return equal(each.service_id, record.service_id) && equal(each.service_gid, record.service_gid) &&
+               equal(each.service_pkey, record.service_pkey);
+    });
+    if (set_records_.size() >= most_set_records) set_records_.erase(set_records_.begin());
+    set_records_.push_back(record);
 }
 
 registrations::watched_registration* registrations::find(const ib_service_record_v2_t& record)

@@ -57,6 +57,9 @@ class registrations
     // One entry for each service.
     std::vector<registration> list() const;
 
+    // The last Set of each record, which its ServiceID, GID and P_Key identify; the last few hundred records.
+    std::vector<ib_service_record_v2_t> set_records() const;
+
   private:
     struct watched_registration : registration {
         uint64_t transaction = 0; // of the request that waits for its answer
@@ -68,6 +71,7 @@ class registrations
     void await(watched_registration& entry, uint8_t method, uint64_t transaction) const;
     void confirm(watched_registration& entry) const;
     void take_answer(watched_registration& entry, uint16_t status, const ib_service_record_v2_t& record) const;
+    void remember(const ib_service_record_v2_t& record);
     void publish();
 
     const exec::executor& exec_;
@@ -76,8 +80,9 @@ class registrations
     std::atomic<bool> awaits_answer_{false};
     std::atomic<uint64_t> own_guid_{0}; // wire order, of the last Set
 
-    mutable std::mutex mutex_; // guards the member below
+    mutable std::mutex mutex_; // guards the members below
     std::vector<watched_registration> entries_;
+    std::vector<ib_service_record_v2_t> set_records_; // the latest last
 };
 
 } // namespace stack

@@ -147,7 +147,7 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     unsetenv("WATCHDOG_USEC");
     EXPECT_TRUE(eventually([&] { return notices.next() == "WATCHDOG=1"; }));
 
-    const auto hosts = cli::running_hosts::build(cli::numbered_hosts(2), "").value();
+    const auto hosts = cli::running_hosts::build(cli::numbered_hosts(2), "", [](const std::string&) {}).value();
     cli::event_loop loop;
     loop.start();
     cli::life_signs signs(loop, *hosts);

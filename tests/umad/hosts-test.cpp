@@ -147,7 +147,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
     const std::string decoded = net->run("sm2", {"sh", "-c", "unset LD_PRELOAD; tshark -V -r " + capture_path});
     if (!times_in(decoded, "InfiniBand")) GTEST_SKIP() << "tshark is missing: " << decoded;
-    EXPECT_EQ(times_in(decoded, "Encapsulation type"), 12u);
+    EXPECT_EQ(times_in(decoded, "Encapsulation type"), 16u);
     EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
@@ -225,8 +225,12 @@ TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)
 TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
 {
     start_sm();
+    const std::string third_gid = "0xFE80000000000000" + net->run("sm1", {"ibstat", "-p"}).substr(2, 16);
+    ASSERT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.1", "other"}), "0x0000\n");
     start_hosts(2, {"--sa-delete-pkey", "off"});
-    ASSERT_TRUE(sa_reaches_count(2));
+    ASSERT_TRUE(sa_reaches_count(3));
+    EXPECT_EQ(times_in(hosts[0]->output(), "record of 10.0.0.1 under another GID, " + third_gid + " (other)"), 1u);
+    EXPECT_THAT(hosts[1]->output(), Not(HasSubstr("under another GID")));
     const std::string other_gid = gid(2);
     for (const char* node : {"node1", "node2"}) net->lose(node, 40);
     for (int i = 0; i < 5; ++i) {
@@ -246,7 +250,9 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     EXPECT_TRUE(wait_until([&] { return hosts[0]->port().value("state", "") == "Active"; }, 30s));
 
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_reaches_count(2)) << "a delete without a P_Key finds nothing";
+    // A Delete without a P_Key finds nothing. So the modules leave their records behind.
+    for (const auto& host : hosts) EXPECT_EQ(times_in(host->output(), "that the host has left at the SA"), 1u);
+    EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
 }
 
 TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric)

@@ -1,0 +1,121 @@
+#include "host/world/sa-questions.h"
+
+#include <bit>
+#include <cstring>
+
+#include "host/stack/hca-hub.h"
+#include "kernel/sync.h"
+
+namespace world
+{
+
+namespace
+{
+
+constexpr int32_t pool_size = 8;
+constexpr int most_tries = 4;
+constexpr uint64_t try_ticks = 250;
+constexpr unsigned long pause_ticks = 1;
+
+void sent(gsi_class_handle_t, void*, gsi_dtgrm_t* datagram)
+{
+    gsi_dtgrm_pool_put(datagram);
+}
+
+} // namespace
+
+ats::result<std::unique_ptr<sa_questions>> sa_questions::open(kernel::machine& machine)
+{
+    std::unique_ptr<sa_questions> questions(new sa_questions(machine));
+    for (fabric::hca* hca : machine.hcas()) {
+        for (int port = 1; port <= hca->port_count(); ++port) {
+            const fabric::port_attributes attributes = hca->read_port(port);
+            if (attributes.state != fabric::link_state::active || attributes.sm_lid == 0) continue;
+            questions->sm_lid_ = attributes.sm_lid;
+            questions->sm_sl_ = attributes.sm_sl;
+            if (!questions->join(*hca, port)) return ats::fail("GSI of " + hca->name() + " accepts no further client");
+            return questions;
+        }
+    }
+    return ats::fail(ats::error_kind::unreachable, "no port is active");
+}
+
+sa_questions::~sa_questions()
+{
+    machine_.enter("SA questions", [this] { leave(); });
+}
+
+bool sa_questions::join(fabric::hca& hca, int port)
+{
+    bool has_joined = false;
+    machine_.enter("SA questions", [&] {
+        const kq_hca_name name = stack::name_in_stack(hca);
+        if (gsi_dtgrm_pool_create_named(pool_size, &pool_, "SA questions") != 0) return;
+        has_joined = gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &name, port, sent, received, this,
+                                    &class_) == 0;
+    });
+    return has_joined;
+}
+
+// GSI keeps a client until its last datagram has completed.
+void sa_questions::leave()
+{
+    while (class_ && gsi_deregister_class(class_) != 0) schedule_timeout_uninterruptible(pause_ticks);
+    if (pool_) gsi_dtgrm_pool_destroy(pool_);
+}
+
+std::optional<sa_mad_v2_t> sa_questions::ask(const sa_mad_v2_t& request)
+{
+    machine_.enter("SA questions", [&] {
+        {
+            const std::lock_guard lock(mutex_);
+            first_transaction_ = last_transaction_ + 1;
+            answer_.reset();
+        }
+        for (int i = 0; i < most_tries && !has_answer(); ++i) {
+            send(request);
+            const uint64_t deadline = machine_.exec().now() + try_ticks;
+            while (!has_answer() && machine_.exec().now() < deadline) schedule_timeout_uninterruptible(pause_ticks);
+        }
+    });
+    const std::lock_guard lock(mutex_);
+    return answer_;
+}
+
+// A request that is refused counts as lost.
+void sa_questions::send(sa_mad_v2_t request)
+{
+    gsi_dtgrm_t* datagram;
+    if (gsi_dtgrm_pool_get(pool_, &datagram) != 0) return;
+    last_transaction_ = (last_transaction_ + 1) & gsi_joined_transaction_bits;
+    request.hdr.transact_id = to_wire(uint64_t{last_transaction_});
+    request.hdr.attrib_id = from_wire(std::bit_cast<be16_t>(request.hdr.attrib_id)); // GSI converts it
+    std::memcpy(datagram->mad, &request, sizeof request);
+    datagram->rqp = 1;
+    datagram->rqk = 0;
+    datagram->rlid = sm_lid_;
+    datagram->sl = sm_sl_;
+    datagram->guid = 0;
+    datagram->path_bits = 0;
+    datagram->static_rate = 0;
+    if (gsi_post_send_dtgrm(class_, datagram, nullptr) != 0) gsi_dtgrm_pool_put(datagram);
+}
+
+bool sa_questions::has_answer()
+{
+    const std::lock_guard lock(mutex_);
+    return answer_.has_value();
+}
+
+void sa_questions::received(gsi_class_handle_t, void* context, gsi_dtgrm_t* datagram)
+{
+    auto& self = *static_cast<sa_questions*>(context);
+    sa_mad_v2_t answer;
+    std::memcpy(&answer, datagram->mad, sizeof answer);
+    gsi_dtgrm_pool_put(datagram);
+    const uint64_t transaction = from_wire(answer.hdr.transact_id) & gsi_joined_transaction_bits;
+    const std::lock_guard lock(self.mutex_);
+    if (transaction >= self.first_transaction_) self.answer_ = answer;
+}
+
+} // namespace world
