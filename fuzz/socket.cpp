@@ -32,7 +32,12 @@ struct service {
         cli::server::start(*hosts, cli::listening_socket::open(path, false).value(), {}).value();
     acm::route_finder routes{*server, *hosts};
     std::string acm_path = path + "-acm";
-    acm::door door{server->loop(), routes, {.is_served = true, .socket = acm_path, .timeout_ms = 20}, {}, {}};
+    acm::door door{server->loop(),
+                   routes,
+                   {.is_served = true, .socket = acm_path, .timeout_ms = 20},
+                   {},
+                   hosts->statistics().librdmacm,
+                   {}};
 };
 
 void send_all(int socket, const uint8_t* bytes, size_t size)
