@@ -61,7 +61,7 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"set-name", ".."}, 2, "cannot be a host name"},
         {{"set-name", "a\u009b1mb"}, 2, "'a\\xc2\\x9b1mb' cannot be a host name"},
         {{"set-name", std::string(31, 'n')}, 2, "cannot be a host name"},
-        {{"set-name", "\xff\xfe"}, 2, "no text (UTF-8)"},
+        {{"set-name", "\xff\xfe"}, 2, "bytes that are not text (UTF-8)"},
         {{"set-address", "0.0.0.0"}, 2, "cannot be a host's address: it means 'this network'"},
         {{"set-address", "239.255.255.255"}, 2, "it is a multicast address"},
         {{"set-address", "255.255.255.255"}, 2, "it is the broadcast address"},
