@@ -48,7 +48,9 @@ int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* 
     if (redirection != no_redirection || rmpp != no_rmpp) return -EK_INVAL;
     std::unique_ptr<gsi_class_t> client;
     const int error = make_client(home, mgt_class, class_ver, hca, port_num, sent, received, context, handle, &client);
-    return error != 0 ? error : client->adapter.register_class(std::move(client), handle);
+    if (error != 0) return error;
+    stack::gsi_adapter& adapter = client->adapter;
+    return adapter.register_class(std::move(client), handle);
 }
 
 int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
@@ -58,7 +60,9 @@ int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca,
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     std::unique_ptr<gsi_class_t> client;
     const int error = make_client(home, mgt_class, class_ver, hca, port_num, sent, received, context, handle, &client);
-    return error != 0 ? error : client->adapter.join_class(std::move(client), handle);
+    if (error != 0) return error;
+    stack::gsi_adapter& adapter = client->adapter;
+    return adapter.join_class(std::move(client), handle);
 }
 
 int gsi_deregister_class(gsi_class_handle_t handle)
