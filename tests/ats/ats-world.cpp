@@ -16,12 +16,12 @@ std::string parameters_of(const host_setup& setup)
     return "ats_ipaddr_str=" + setup.address + " ats_hostName_str=\"" + setup.name + "\" " + setup.more_parameters;
 }
 
-constexpr size_t log_bytes = 64 << 20; // enough for the log of a long test
-
 world::host_plan plan_of(const host_setup& setup)
 {
-    world::host_plan plan{
-        .name = setup.name, .hcas = {}, .registry = {console::trace_setting(setup.trace)}, .log_bytes = log_bytes};
+    world::host_plan plan{.name = setup.name,
+                          .hcas = {},
+                          .registry = {console::trace_setting(setup.trace)},
+                          .log_bytes = setup.log_bytes};
     for (size_t i = 0; i < setup.ports.size(); ++i) plan.hcas.push_back({"mthca" + std::to_string(i), setup.ports[i]});
     return plan;
 }

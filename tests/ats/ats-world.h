@@ -38,7 +38,8 @@ struct host_setup {
     std::string more_parameters = "";
     int trace = trace_error;
     bool has_ucm = true;
-    bool has_key = true; // whether the registry has its trace level
+    bool has_key = true;         // whether the registry has its trace level
+    size_t log_bytes = 64 << 20; // enough for the log of a long test
 };
 
 // A lookup of a GID's address as UCM makes it, and the answers to it.

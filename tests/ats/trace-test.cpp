@@ -1,4 +1,5 @@
 // Trace levels: the level of the logger and that of the module must both admit a line. Both can change at any time.
+#include <malloc.h>
 #include <set>
 
 #include "host/stack/logger.h"
@@ -86,6 +87,28 @@ TEST(trace, is_off_without_a_registry_value)
     host.trace(trace_func);
     host.unload();
     EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "tracing stays off until the next load";
+}
+
+// The host checks its record once a minute and traces every step. What it no longer needs must go: its log, above all.
+TEST(trace, of_everything_for_a_month_takes_no_more_memory)
+{
+    ats_world w;
+    ats_host& host = w.add({.trace = trace_func, .log_bytes = 1 << 20}).load();
+    host.link_up(1);
+    uint64_t day = 0;
+    const auto heap_bytes_after = [&](uint64_t last_day) {
+        constexpr uint64_t day_ticks = 86'400'000;
+        for (; day < last_day; ++day) {
+            w.at((day + 1) * day_ticks);
+            w.requests(); // this world keeps them, too
+        }
+        return mallinfo2().uordblks;
+    };
+    const size_t after_three_days = heap_bytes_after(3);
+    EXPECT_LT(heap_bytes_after(30), after_three_days + (64 << 10));
+    uint64_t next = 0, drop_count = 0;
+    host.machine().log.lines_from(0, 1, &next, &drop_count);
+    EXPECT_GT(drop_count, 100'000u) << "nothing was traced";
 }
 
 } // namespace
