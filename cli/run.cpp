@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -259,8 +260,19 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
                      "the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts");
 }
 
+// Clients may be more than the soft limit, often 1024, admits. Nothing here uses select(), for which that limit is
+// kept.
+void allow_more_descriptors()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit); // if it fails, the limit stays as it is
+}
+
 ats::result<int> run(const run_options& options)
 {
+    allow_more_descriptors();
     std::vector<kept_descriptor> kept = take_kept_descriptors();
     const ats::result<int> outcome = serve(options, kept);
     acm::turn_away(std::move(kept));
