@@ -1,4 +1,4 @@
-// What `ats check` has found: one row for each check, with the verdict, the subject and an explanation.
+// The findings of `ats check`: one row for each check, with the verdict, the subject and an explanation.
 #pragma once
 
 #include <string>

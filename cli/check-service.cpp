@@ -17,7 +17,7 @@ namespace cli
 namespace
 {
 
-// What a host with one HCA takes, what each further HCA adds, and what the process takes besides.
+// The needs of a host with one HCA, of each further HCA, and of the process itself.
 constexpr size_t files_of_host = 3, files_of_process = 64;
 constexpr size_t mappings_of_host = 25, mappings_of_hca = 4, mappings_of_process = 500;
 

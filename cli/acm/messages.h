@@ -51,7 +51,7 @@ message resolve_answer(message_view request, const route& route);
 enum counter { errors, resolutions, absences, address_queries, address_hits, path_queries, path_hits, counter_count };
 using counters = std::array<uint64_t, counter_count>;
 
-// What a query asks about. Endpoints and ports count from 1. Endpoint 0 means all.
+// The subject of a query. Endpoints and ports count from 1. Endpoint 0 means all.
 unsigned endpoint_of_counters(message_view request);
 struct endpoint_port {
     unsigned endpoint;

@@ -29,7 +29,7 @@ class http
     std::unique_ptr<state> state_;
 };
 
-// Whether this build can serve.
+// False: this program was built without the library for HTTP.
 bool can_serve_http();
 
 } // namespace metrics

@@ -1,5 +1,5 @@
 // The ways out of a service's metrics besides `ats metrics`: a file for node_exporter's textfile collector, and HTTP.
-// What fails is said once, and tried again every 15 seconds. The service goes on meanwhile.
+// A failure is said once. The service goes on, and tries again every 15 seconds.
 #pragma once
 
 #include <condition_variable>

@@ -12,7 +12,7 @@
 namespace cli
 {
 
-// What a reload needs of the service.
+// The calls by which a reload changes the service.
 struct reload_calls {
     // The service's doors admit users by these rules from now on. The error is of a door that could not be changed.
     std::function<ats::result<>(const access_rules&, const service_limits&)> set_rules;

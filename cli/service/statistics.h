@@ -1,5 +1,5 @@
-// What a service counts about its clients and its hosts' logs, for metrics. Counters only grow. Every counter is read
-// and written by itself; two of them may stand for slightly different moments.
+// Counters about a service's clients and its hosts' logs, for metrics. They only grow. Each is read and written by
+// itself; two of them may stand for slightly different moments.
 #pragma once
 
 #include <array>

@@ -29,7 +29,7 @@ struct fabric_config {
     std::string capture = {};        // the file that every datagram is written to; "": none
 };
 
-// Whether programs that use librdmacm are answered, and how.
+// Settings for programs that use librdmacm.
 struct acm_config {
     bool is_served = false;
     std::string socket = "/run/ibacm.sock"; // where librdmacm looks

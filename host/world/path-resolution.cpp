@@ -164,7 +164,7 @@ void ask_for_address(std::unique_ptr<path_question> question)
     });
 }
 
-// What resolve_path() and the callback share. The callback may come when nobody waits any more.
+// resolve_path() and the callback share this. The callback may come when nobody waits any more.
 struct awaited_answer {
     awaited_answer() { init_waitqueue_head_named(&arrival, "path"); }
 

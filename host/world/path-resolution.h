@@ -28,7 +28,7 @@ struct path_record {
     bool operator==(const path_record&) const = default;
 };
 
-// What the encodings stand for; zero for an unknown one. Pure.
+// These decode fields of a path. An unknown encoding gives zero. Pure.
 uint32_t mtu_bytes_of(const path_record& path);
 double gigabits_of(const path_record& path); // a second
 uint64_t lifetime_microseconds_of(const path_record& path);

@@ -1,4 +1,4 @@
-// What all ports of one real fabric share: executor, options, and the tap.
+// All ports of one real fabric share this: executor, options, and the tap.
 #pragma once
 
 #include <atomic>

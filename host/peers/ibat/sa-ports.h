@@ -12,7 +12,7 @@ namespace ibat
 class sa_ports
 {
   public:
-    // What IBAT does with a datagram of the SA and with an event of the HCA.
+    // IBAT takes datagrams of the SA and events of the HCA by these calls.
     struct callbacks {
         gsi_completion_fn_t received; // gets `context`
         void* context;
