@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
+#include <sys/socket.h>
 #include <sys/un.h>
 
 #include "client/ats/client.h"
@@ -85,14 +87,14 @@ const char* fault_of(const std::string& body)
     return body.size() > longest_body ? "a request has at most 65000 bytes" : nullptr;
 }
 
-ats_status_t no_fresh_gid()
+// The error of options that do not fit the lookup; null if they fit.
+const char* misuse_of(const lookup& lookup, const ats_options_t& options)
 {
-    return failed(ATS_INVALID, "ATS_FRESH is for addresses only");
-}
-
-ats_status_t no_verified_path()
-{
-    return failed(ATS_INVALID, "ATS_VERIFY is for addresses and GIDs only: ATS_FRESH asks the SA for a path");
+    const bool is_path = lookup.request == std::string_view("path");
+    if (is_path && (options.flags & ATS_VERIFY))
+        return "ATS_VERIFY is for addresses and GIDs only: ATS_FRESH asks the SA for a path";
+    if (!is_path && lookup.family == AF_INET6 && (options.flags & ATS_FRESH)) return "ATS_FRESH is for addresses only";
+    return nullptr;
 }
 
 ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const std::string& body, ats_answer_t* answer)
@@ -112,6 +114,36 @@ ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
         set_reason(*answer, error_text);
     }
     return status;
+}
+
+// Checks the arguments of a lookup, and passes options and body on to `ask`.
+template <class ask_t>
+ats_status_t with_body(const ats_client_t* client, const lookup& lookup, const ats_options_t* options, const ask_t& ask)
+{
+    if (!client || !lookup.subject) return no_arguments();
+    return guarded([&] {
+        const ats_options_t* usable = checked(options);
+        if (!usable) return ATS_INVALID;
+        if (const char* misuse = misuse_of(lookup, *usable)) return failed(ATS_INVALID, misuse);
+        return ask(*usable, lookup_body(lookup, *usable));
+    });
+}
+
+ats_status_t ask(ats_client_t* client, const lookup& lookup, const ats_options_t* options, ats_answer_t* answer)
+{
+    if (!answer) return no_arguments();
+    answer->status = ATS_OK;
+    const auto ask_and_wait = [&](const ats_options_t& usable, const std::string& body) {
+        return blocking(client, &usable, body, answer);
+    };
+    return without_answer(with_body(client, lookup, options, ask_and_wait), answer);
+}
+
+ats_status_t submit(ats_client_t* client, const lookup& lookup, const ats_options_t* options, uint64_t tag)
+{
+    return with_body(client, lookup, options, [&](const ats_options_t& usable, const std::string& body) {
+        return client->client.submit(usable, tag, body);
+    });
 }
 
 char* copy_of(const std::string& text)
@@ -165,99 +197,45 @@ void ats_close(ats_client_t* client)
 
 ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer)
 {
-    if (answer) answer->status = ATS_OK;
-    if (!client || !answer) return client::without_answer(client::no_arguments(), answer);
-    const ats_status_t status = guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        return client::blocking(client, checked, client::resolve_body(address, *checked), answer);
-    });
-    return client::without_answer(status, answer);
+    return client::ask(client, {"resolve", AF_INET, &address}, options, answer);
 }
 
 ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                          ats_answer_t* answer)
 {
-    if (answer) answer->status = ATS_OK;
-    if (!client || !gid || !answer) return client::without_answer(client::no_arguments(), answer);
-    const ats_status_t status = guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        if (checked->flags & ATS_FRESH) return client::no_fresh_gid();
-        return client::blocking(client, checked, client::reverse_body(gid, *checked), answer);
-    });
-    return client::without_answer(status, answer);
+    return client::ask(client, {"reverse", AF_INET6, gid}, options, answer);
 }
 
 ats_status_t ats_find_path(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer)
 {
-    if (answer) answer->status = ATS_OK;
-    if (!client || !answer) return client::without_answer(client::no_arguments(), answer);
-    const ats_status_t status = guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
-        return client::blocking(client, checked, client::path_body(address, *checked), answer);
-    });
-    return client::without_answer(status, answer);
+    return client::ask(client, {"path", AF_INET, &address}, options, answer);
 }
 
 ats_status_t ats_find_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                                   ats_answer_t* answer)
 {
-    if (answer) answer->status = ATS_OK;
-    if (!client || !gid || !answer) return client::without_answer(client::no_arguments(), answer);
-    const ats_status_t status = guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
-        return client::blocking(client, checked, client::path_body(gid, *checked), answer);
-    });
-    return client::without_answer(status, answer);
+    return client::ask(client, {"path", AF_INET6, gid}, options, answer);
 }
 
 ats_status_t ats_submit_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag)
 {
-    if (!client) return client::no_arguments();
-    return guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        return client->client.submit(*checked, tag, client::resolve_body(address, *checked));
-    });
+    return client::submit(client, {"resolve", AF_INET, &address}, options, tag);
 }
 
 ats_status_t ats_submit_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options, uint64_t tag)
 {
-    if (!client || !gid) return client::no_arguments();
-    return guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        if (checked->flags & ATS_FRESH) return client::no_fresh_gid();
-        return client->client.submit(*checked, tag, client::reverse_body(gid, *checked));
-    });
+    return client::submit(client, {"reverse", AF_INET6, gid}, options, tag);
 }
 
 ats_status_t ats_submit_path(ats_client_t* client, uint32_t address, const ats_options_t* options, uint64_t tag)
 {
-    if (!client) return client::no_arguments();
-    return guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
-        return client->client.submit(*checked, tag, client::path_body(address, *checked));
-    });
+    return client::submit(client, {"path", AF_INET, &address}, options, tag);
 }
 
 ats_status_t ats_submit_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                                     uint64_t tag)
 {
-    if (!client || !gid) return client::no_arguments();
-    return guarded([&] {
-        const ats_options_t* checked = client::checked(options);
-        if (!checked) return ATS_INVALID;
-        if (checked->flags & ATS_VERIFY) return client::no_verified_path();
-        return client->client.submit(*checked, tag, client::path_body(gid, *checked));
-    });
+    return client::submit(client, {"path", AF_INET6, gid}, options, tag);
 }
 
 int ats_descriptor(const ats_client_t* client)

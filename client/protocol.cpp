@@ -155,30 +155,11 @@ std::string hello_line()
     return R"({"request":"hello","protocol":)" + std::to_string(protocol_version) + "}\n";
 }
 
-std::string resolve_body(uint32_t address, const ats_options_t& options)
+std::string lookup_body(const lookup& lookup, const ats_options_t& options)
 {
-    std::string body = R"({"request":"resolve","address":")" + address_text(AF_INET, &address) + "\"";
-    append_options(body, options);
-    return body;
-}
-
-std::string reverse_body(const uint8_t gid[16], const ats_options_t& options)
-{
-    std::string body = R"({"request":"reverse","gid":")" + address_text(AF_INET6, gid) + "\"";
-    append_options(body, options);
-    return body;
-}
-
-std::string path_body(uint32_t address, const ats_options_t& options)
-{
-    std::string body = R"({"request":"path","address":")" + address_text(AF_INET, &address) + "\"";
-    append_options(body, options);
-    return body;
-}
-
-std::string path_body(const uint8_t gid[16], const ats_options_t& options)
-{
-    std::string body = R"({"request":"path","gid":")" + address_text(AF_INET6, gid) + "\"";
+    const char* key = lookup.family == AF_INET ? "address" : "gid";
+    std::string body = std::string(R"({"request":")") + lookup.request + R"(",")" + key + R"(":")" +
+                       address_text(lookup.family, lookup.subject) + "\"";
     append_options(body, options);
     return body;
 }

@@ -15,11 +15,15 @@ constexpr int protocol_version = 1;
 // The first line of every connection, with its line end.
 std::string hello_line();
 
-// A question without its id, and the line that it makes with one. The id comes back in the answer.
-std::string resolve_body(uint32_t address, const ats_options_t& options);
-std::string reverse_body(const uint8_t gid[16], const ats_options_t& options);
-std::string path_body(uint32_t address, const ats_options_t& options);
-std::string path_body(const uint8_t gid[16], const ats_options_t& options);
+// A lookup that a program asks for.
+struct lookup {
+    const char* request; // "resolve", "reverse" or "path"
+    int family;          // AF_INET: about an address, AF_INET6: about a GID
+    const void* subject; // that address or GID, in network order; null: the program gave none
+};
+
+// A lookup without its id, and the line that it makes with one. The id comes back in the answer.
+std::string lookup_body(const lookup& lookup, const ats_options_t& options);
 std::string line_of(const std::string& body, uint64_t id);
 
 // The body of a program's own request. Empty: it is not a JSON object with members.
