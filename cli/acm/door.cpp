@@ -69,7 +69,11 @@ ats::result<> door::listen()
 
 void door::set_limits(const cli::service_limits& limits)
 {
-    loop_.post([this, limits] { limits_ = limits; });
+    loop_.post([this, limits] {
+        limits_ = limits;
+        for (auto& [number, guest] : guests_)
+            if (guest.rank <= limits.connections) guest.is_beyond_limit = false;
+    });
 }
 
 void door::start_accepting()
@@ -122,7 +126,8 @@ void door::admit(client::descriptor socket, std::string store_name)
     guest& guest = guests_[number];
     guest.store_name = std::move(store_name);
     guest.user = peer->user;
-    guest.is_beyond_limit = connections > limits_.connections;
+    guest.rank = connections;
+    guest.is_beyond_limit = guest.rank > limits_.connections;
     cli::count(statistics_.accepted);
     if (guest.is_beyond_limit) cli::count(statistics_.connections_reached);
     ++statistics_.open;

@@ -32,7 +32,7 @@ class door final : public connection::owner
     // Serves new connections too. Call it once. Error: another daemon serves on the socket, or it cannot be made.
     ats::result<> listen();
 
-    // New limits, for connections from now on. Any thread.
+    // New limits, for connections from now on, and for refused ones that a higher limit admits. Any thread.
     void set_limits(const cli::service_limits& limits);
 
     // Takes no more requests. Those that are not answered stay in their sockets, for the next process.
@@ -43,6 +43,7 @@ class door final : public connection::owner
         std::unique_ptr<acm::connection> connection;
         std::string store_name; // "": the service manager has no copy
         uid_t user = 0;
+        size_t rank = 0;              // among the connections of its user when it came
         bool is_beyond_limit = false; // its requests are refused: hanging up would end the program
     };
 

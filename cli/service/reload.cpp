@@ -76,14 +76,13 @@ class reloading
   public:
     explicit reloading(const reload_calls& calls) : calls_(calls) {}
 
+    // Calls even if nothing differs: an earlier call may have changed a part only.
     void change_rules(world_config& running, const world_config& file)
     {
-        if (running.access == file.access && running.limits == file.limits) return;
         const ats::result<> changed = calls_.set_rules(file.access, file.limits);
-        if (running.access != file.access) report(changed, "[access] has changed");
-        if (running.limits != file.limits) report(changed, "[limits] have changed");
-        if (!changed) return;
-        running.access = file.access;
+        if (running.access != file.access || !changed) report(changed, "[access] has changed");
+        if (running.limits != file.limits) say("[limits] have changed");
+        if (changed) running.access = file.access;
         running.limits = file.limits;
     }
 

@@ -14,7 +14,8 @@ namespace cli
 
 // The calls by which a reload changes the service.
 struct reload_calls {
-    // The service's doors admit users by these rules from now on. The error is of a door that could not be changed.
+    // The service's doors admit users by these rules and limits from now on. Error: the limits and rules hold, but the
+    // file of a socket has not got the permissions that they ask for.
     std::function<ats::result<>(const access_rules&, const service_limits&)> set_rules;
     std::function<bool()> may_go_on;               // false: the service is told to end, so no host is changed any more
     std::function<void(const std::string&)> print; // takes a line for the administrator

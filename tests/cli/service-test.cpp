@@ -11,6 +11,7 @@
 #include "client/socket-path.h"
 #include "host/stack/timers.h"
 #include "tests/cli/program.h"
+#include "tools/clients/raw-connection.h"
 
 namespace
 {
@@ -112,6 +113,20 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
     EXPECT_EQ(host(1)["registrations"][0]["address"], "10.0.0.77");
     EXPECT_EQ(host(1)["trace"], 3);
     EXPECT_EQ(host(1)["verification"]["period"], 0);
+
+    // The file of the socket is missing for a while. The next reload undoes what the last one could change.
+    const std::string changed_text = text_of_file(config);
+    const auto answer_to_long_line = [&] { return raw_connection(ats.socket()).ask(std::string(2000, ' ')); };
+    std::filesystem::rename(ats.socket(), folder / "away");
+    write_file(config, "[limits]\nline_bytes = 1024\n" + changed_text.substr(changed_text.find("[acm]")));
+    EXPECT_THAT(reload(ats, notices),
+                testing::AllOf(testing::HasSubstr("[access] has changed, which failed: cannot close"),
+                               testing::HasSubstr("[limits] have changed\n")));
+    std::filesystem::rename(folder / "away", ats.socket());
+    EXPECT_THAT(answer_to_long_line(), testing::HasSubstr("at most 1024 bytes"));
+    write_file(config, changed_text);
+    EXPECT_THAT(reload(ats, notices), testing::HasSubstr("[limits] have changed\n"));
+    EXPECT_THAT(answer_to_long_line(), testing::Not(testing::HasSubstr("at most")));
 
     const json before = ats.ask_json({"sa", "show"});
     const auto expect_refusal = [&](const std::string& reason) {
