@@ -3,6 +3,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <iostream>
+#include <regex>
 #include <sstream>
 #include <unistd.h>
 
@@ -23,6 +24,8 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::SizeIs;
 using namespace std::chrono_literals;
+
+constexpr unsigned long exactly = 0x80; // the selector of a PathRecord's MTU, rate and lifetime
 
 size_t times_in(const std::string& text, const std::string& part)
 {
@@ -73,9 +76,9 @@ struct hosts_on_fabric : testing::Test {
             }
     }
 
-    void start_sm(const std::string& node = "sm1")
+    void start_sm(const std::string& node = "sm1", const std::string& settings = "")
     {
-        sm = net->start_sm(node);
+        sm = net->start_sm(node, {.settings = settings});
         ASSERT_TRUE(net->wait_master(*sm)) << sm->output();
     }
 
@@ -109,6 +112,20 @@ struct hosts_on_fabric : testing::Test {
         return first.value("status", "") == "ok" ? first.value("found", "") : first.value("status", "");
     }
     std::string gid(int host) { return hosts.at(static_cast<size_t>(host) - 1)->port().value("gid", ""); }
+    int lid(int host) { return hosts.at(static_cast<size_t>(host) - 1)->port().value("lid", 0); }
+
+    // The path to 10.0.0.2 that ib_acme gets from host 1, as in "4 to 5, SL 0"; "none" if it gets none.
+    std::string path_of_ib_acme()
+    {
+        process program({.arguments = {"ib_acme", "-S", hosts[0]->folder() + "/acm", "-f", "i", "-d", "10.0.0.2"},
+                         .output = net->new_file("ib_acme")});
+        program.wait_end(60s);
+        const std::string output = program.output();
+        std::smatch found;
+        const std::regex fields("dlid: (\\d+)\\s+slid: (\\d+)[\\s\\S]*\\ssl: (\\d+)");
+        if (!std::regex_search(output, found, fields)) return "none";
+        return found.str(2) + " to " + found.str(1) + ", SL " + found.str(3);
+    }
 };
 
 TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
@@ -179,6 +196,61 @@ TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
     program.write_line("10.0.0.9");
     EXPECT_TRUE(program.wait_line("10.0.0.9 none")) << program.output();
 #endif
+}
+
+// The SM gives its paths another SL than the one that takes over from it.
+TEST_F(hosts_on_fabric, give_programs_the_path_that_the_sa_knows_and_none_that_has_become_false)
+{
+    const std::string partitions = net->folder() + "/partitions";
+    std::ofstream(partitions) << "Default=0x7fff, sl=3, ipoib: ALL=full;\n";
+    const std::string settings = "qos TRUE\npartition_config_file " + partitions;
+    start_sm("sm1", settings);
+    start_hosts(2, {"--port-interval", "50", "--acm-socket", "acm"});
+    ASSERT_TRUE(sa_reaches_count(2));
+
+    const std::string first_path = std::to_string(lid(1)) + " to " + std::to_string(lid(2)) + ", SL 3";
+    const json path = hosts[0]->ask({"path", "10.0.0.2"}).at(0);
+    const std::string record =
+        net->run("sm2", {"saquery", "--src-to-dst", std::to_string(lid(1)) + ":" + std::to_string(lid(2))});
+    for (const auto& [field, base, value] : std::vector<std::tuple<const char*, int, unsigned long>>{
+             {"dlid", 10, path.at("dlid")},
+             {"slid", 10, path.at("slid")},
+             {"pkey", 16, std::stoul(path.at("p_key").get<std::string>(), nullptr, 16)},
+             {"sl", 16, path.at("sl")},
+             {"mtu", 16, path.at("mtu").get<unsigned long>() | exactly},
+             {"rate", 16, path.at("rate").get<unsigned long>() | exactly},
+             {"pkt_life", 16, path.at("packet_lifetime").get<unsigned long>() | exactly}}) {
+        std::smatch found;
+        ASSERT_TRUE(std::regex_search(record, found, std::regex("\\s" + std::string(field) + "\\.+(\\w+)"))) << record;
+        EXPECT_EQ(std::stoul(found.str(1), nullptr, base), value) << field;
+    }
+
+    const auto path_becomes = [&](const std::string& wanted) {
+        std::string last;
+        return wait_until([&] { return (last = path_of_ib_acme()) == wanted; }, 30s)
+                   ? testing::AssertionSuccess()
+                   : testing::AssertionFailure() << last << " instead of " << wanted << "\n"
+                                                 << hosts[0]->output();
+    };
+    EXPECT_EQ(path_of_ib_acme(), first_path);
+    net->unplug("node1");
+    EXPECT_TRUE(path_becomes("none"));
+    net->plug("node1");
+    EXPECT_TRUE(path_becomes(first_path));
+
+    EXPECT_EQ(sm->stop(), 0);
+    EXPECT_EQ(path_of_ib_acme(), first_path) << "an SM that is away makes no path false";
+    for (const int number : {1, 2}) // the next SM keeps the LIDs that it finds
+        net->console("Baselid \"" + fabric_tools::node_name(number) + "\"[1] " + std::to_string(20 + number));
+    EXPECT_TRUE(path_becomes("none"));
+    start_sm("sm1", settings);
+    EXPECT_TRUE(path_becomes("21 to 22, SL 3"));
+
+    const auto standby = net->start_sm("sm2");
+    ASSERT_TRUE(standby->wait_line("Entering STANDBY state", 20s)) << standby->output();
+    net->kill(*sm);
+    EXPECT_TRUE(path_becomes("21 to 22, SL 0"));
+    EXPECT_EQ(standby->stop(), 0);
 }
 
 TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_back)
