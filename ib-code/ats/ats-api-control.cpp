@@ -35,7 +35,7 @@ int split_into_arguments(const char* bytes, size_t count)
         argument_pointers[i] = arguments[i];
     }
     int complete = 0;
-    size_t length = 0; // of the word being read
+    size_t length = 0; // length of the word being read
     const auto end_word = [&] {
         assert(complete < max_arguments && length < argument_size);
         arguments[complete++][length] = '\0';
@@ -56,7 +56,7 @@ int split_into_arguments(const char* bytes, size_t count)
     return complete;
 }
 
-// Reads the decimal number at the start of `text`. False when there is none, or when it does not fit into an int.
+// Reads the decimal number at the start of `text`. Returns false if there is no number or if an int cannot store it.
 bool parse_int(const char* text, int32_t* number)
 {
     char* end;
@@ -66,7 +66,7 @@ bool parse_int(const char* text, int32_t* number)
     return true;
 }
 
-// Logs a line when the number of words, the command included, is not `expected`.
+// Returns true if the number of words, including the command, is `expected`. Otherwise logs a line.
 bool has_arguments(int argc, int expected)
 {
     if (argc != expected) printk("Wrong usage. <%d>\n", argc);
@@ -107,7 +107,7 @@ void ats_proc_cmd_rarp(int argc, char** argv)
         printk("Could not parse dgid address.\n");
         return;
     }
-    if (ats_n_hcas <= 0) { // without a context there is neither a cache nor a port
+    if (ats_n_hcas <= 0) { // without a context there is no cache and no port
         printk("ATS - there is no hca, can't send rarp\n");
         return;
     }
@@ -150,8 +150,8 @@ void ats_proc_cmd_verify_period(int argc, char** argv)
     verification_period_skew_percent = skew < 0 ? 0 : skew > 100 ? 100 : skew;
 }
 
-// Deletes the record of the GID registered last, whatever the argument is. The argument becomes this host's address at
-// its next registration.
+// Deletes the record of the GID registered last; the argument does not select another one. The argument becomes this
+// host's address at its next registration.
 void ats_proc_cmd_delete_ip(int argc, char** argv)
 {
     if (!has_arguments(argc, 2)) return;
@@ -189,7 +189,8 @@ void show_usage()
 
 void show_unknown_command(int argc, char** argv)
 {
-    char words[max_arguments * (argument_size + 3)] = ""; // printed in one call, so that no other line comes in between
+    // printed in one call, to keep other lines from coming in between
+    char words[max_arguments * (argument_size + 3)] = "";
     for (int i = 0, length = 0; i < argc; ++i)
         length += snprintf(words + length, sizeof words - static_cast<size_t>(length), " '%s'", argv[i]);
     printk("kqt /proc: unknown command:%s\n", words);
@@ -238,7 +239,7 @@ void report_hca(const ats_context_t& ats)
 
 int ats_proc_write(struct file*, const char* user_buffer, unsigned long count, void*)
 {
-    // A write never fails. The log tells what became of the command.
+    // A write never fails. The log reports the result of the command.
     if (count > input_size)
         printk("ATS - a command has at most %zu bytes, ignoring one of %lu\n", input_size, count);
     else if (copy_from_user(input, user_buffer, count) != 0)

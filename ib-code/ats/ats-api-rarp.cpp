@@ -17,7 +17,7 @@ void queue_request(ats_context_t* ats, ats_rarp_req_t* req)
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
 }
 
-// Moves the requests for the answered GID to the head of `found`, so that the newest comes first; returns how many.
+// Moves the requests for the answered GID to the head of `found`, the newest first. Returns their number.
 int32_t take_matching(ats_context_t* ats, list_head* found, const char* operation)
 {
     int32_t count = 0;
@@ -36,7 +36,7 @@ int32_t take_matching(ats_context_t* ats, list_head* found, const char* operatio
     return count;
 }
 
-// The status that the asker gets for a class-specific code of the answer (IBA 15.2.4).
+// Converts a class-specific code of the answer (IBA 15.2.4) to the status for the requester.
 ibat_stat_t status_of(uint8_t sa_status, const char* operation)
 {
     switch (sa_status) {
@@ -88,7 +88,7 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
     req->user_cb = user_cb;
     req->user_context = user_context;
     queue_request(ats, req);
-    // The request is queued already, so the answer cannot come too early. From here on an answer may free it.
+    // The request is queued before it is sent, so its answer always finds it. From here on an answer may free it.
     return ats_sa_rarp_send(ats, arp_data) == 0 ? ibat_stat_pending : ibat_stat_error;
 }
 
@@ -133,7 +133,7 @@ void ats_ucm_stop(ats_context_t* ats)
         return;
     }
     ats->ucm_rarp_detach(ats->ucm_rarp_handle);
-    ats_sa_drop_pending_requests(ats); // UCM may be unloaded after put_ucm, and its callbacks with it
+    ats_sa_drop_pending_requests(ats); // after put_ucm, UCM and its callbacks may be unloaded
     put_ucm(ats);
 }
 

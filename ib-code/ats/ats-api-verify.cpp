@@ -1,5 +1,5 @@
-// Self-verification: each context periodically asks the SA for the address of its own GID, and registers anew when the
-// answer is not its own address.
+// Self-verification. Each context periodically asks the SA for the address of its own GID. If the answer is not its own
+// address, the context registers again.
 #include "ats-api.h"
 
 #include <algorithm>
@@ -15,11 +15,12 @@ namespace
 {
 
 constexpr int64_t ticks_per_second = HZ;
-constexpr unsigned long off_ticks = 60 * HZ; // while verification is off: how often its timer checks if it is on again
+constexpr unsigned long off_ticks = 60 * HZ; // while verification is off, its timer checks this often if it is on again
 constexpr size_t ipaddr_text_size = 30;
 constexpr int64_t skew_divisor = int64_t{100} * 255; // 100 percent times the largest random byte gives a whole period
 
-// The tick of the next check: a period, lengthened at random by up to the skew, so that hosts drift apart.
+// Returns the tick of the next check: one period, plus a random part of the skew. The random part spreads the hosts'
+// checks over time.
 unsigned long calc_verify_timeout()
 {
     uint8_t random;
@@ -34,7 +35,7 @@ unsigned long calc_verify_timeout()
 void restore_registration(ats_context_t* ats, const char* operation)
 {
     // This context may not sleep, so it cannot take `ats_sem`. A task that registers another port or another identity
-    // waits until this Set is posted, so that its own Delete and Set come later.
+    // waits until this Set is posted. The Delete and the Set of that task therefore come later.
     ++ats->restores_running;
     const int32_t ret = ats_sa_post_set(ats);
     ++ats->sets_tried;
@@ -50,7 +51,7 @@ void show_addresses(uint32_t held_by_sa, uint32_t own, const char* operation)
     ATS_TRACE_AS(operation, ZR_DEBUG, "ipaddresses [%s, %s]\n", first, print_ipaddr(own));
 }
 
-// Takes the SA's answer about the context's own GID. Runs in the completion context or in the request timer.
+// Processes the SA's answer about the context's own GID. Runs in the completion context or in the request timer.
 void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
 {
     ATS_DEBUG("status=%s  arp_data=%p  context=%p\n", print_ibat_stat(status), static_cast<void*>(arp_data), context);
@@ -72,7 +73,7 @@ void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
     restore_registration(ats, __func__);
 }
 
-// The timer's function; `data` is the context's index. May sleep.
+// The timer's function. `data` is the context's index. May sleep.
 void verification_callback(unsigned long data)
 {
     ATS_DEBUG("data=%lu\n", data);
@@ -123,7 +124,7 @@ void end_verification(int32_t n_hcas)
     for (int32_t i = 0; i < n_hcas; ++i) del_timing_sync(&ats_cntx[i].timing_request);
 }
 
-// The next two functions use a buffer for each thread, because several contexts may trace at the same time.
+// Several contexts may trace at the same time. The next two functions therefore use one buffer per thread.
 
 const char* print_ibat_stat(ibat_stat_t stat)
 {

@@ -10,13 +10,13 @@ namespace
 constexpr uint64_t ats_service_id = 0x10000CE100415453; // ends in the letters A, T, S
 constexpr int32_t datagrams_per_hca = 16;
 
-// The entry that IBAT gets. The answer comes later, through ibat_process_arp_data.
+// The function that IBAT calls. The answer comes later, through ibat_process_arp_data.
 ibat_stat_t ats_arp_send(ibat_arp_data_t* arp_data, void* context, int)
 {
     return ats_sa_arp_send(static_cast<ats_context_t*>(context), arp_data) == 0 ? ibat_stat_ok : ibat_stat_error;
 }
 
-// A reply may be inside IBAT at this moment, so the reference is returned only after that call.
+// The completion context may be calling IBAT. Wait for that call before returning the reference.
 void put_process_arp_data(ats_context_t* ats)
 {
     if (!ats->ibat_process_arp_data.exchange(nullptr)) return;
@@ -24,7 +24,7 @@ void put_process_arp_data(ats_context_t* ats)
     inter_module_put("ibat_process_arp_data_fn");
 }
 
-// Returns the references on IBAT, the latest first.
+// Returns the references on IBAT in reverse order.
 void put_ibat(ats_context_t* ats)
 {
     ats_put_peer("ibat_seq_cache_lookup_fn", &ats->ibat_seq_cache_lookup);
@@ -33,7 +33,7 @@ void put_ibat(ats_context_t* ats)
     ats_put_peer("ibat_attach_fn", &ats->ibat_attach);
 }
 
-// Takes the references that `attach_ibat` asks for. Null, or the text for the log when IBAT does not publish a
+// Acquires the references that `attach_ibat` asks for. Returns null, or a text for the log if IBAT does not publish a
 // function.
 const char* get_ibat(ats_context_t* ats, int32_t attach_ibat)
 {
@@ -104,7 +104,7 @@ ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat)
         put_ibat(ats);
         return ibat_stat_error;
     }
-    // Without an attachment the module only reads the cache, and IBAT never calls.
+    // Without an attachment the module only reads the cache. IBAT then never calls the module.
     if (!ats->ibat_attach) return ibat_stat_ok;
     if (ats->ibat_attach(nullptr, ats_arp_send, ats, &ats->ibat_handle) == ibat_stat_ok) return ibat_stat_ok;
     ATS_ERROR("Could not attach to IBAT\n");
@@ -124,9 +124,9 @@ void ats_ibat_stop(ats_context_t* ats)
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats)
 {
     ATS_DEBUG("mad_stat=%hd  ats=%p\n", mad_stat, static_cast<void*>(ats));
-    if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // the asker times out
+    if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // the requester's timeout reports the failure
 
-    // IBAT sees an ARP reply: the source is the host that was asked for.
+    // IBAT sees an ARP reply. Its source is the host of the lookup.
     ++ats->deliveries;
     ibat_arp_data_t& reply = ats->rcv_arp_data;
     reply.arp_operation = IBAT_ARP_REPLY;

@@ -7,8 +7,8 @@
 #include "ats.h"
 #include "debug-support.h"
 
-// Stores the function published under `name` in `*slot` and takes a reference, which ats_put_peer gives back. False:
-// no module has published that name.
+// Stores the function published under `name` in `*slot` and takes a reference on its module. ats_put_peer returns the
+// reference. Returns false if no module has published that name.
 template <class slot_t>
 bool ats_get_peer(const char* name, slot_t* slot)
 {
@@ -17,7 +17,7 @@ bool ats_get_peer(const char* name, slot_t* slot)
     return *slot != nullptr;
 }
 
-// Gives the reference back, if one is held, and sets `*slot` to null.
+// Returns the reference, if there is one, and sets `*slot` to null.
 template <class slot_t>
 void ats_put_peer(const char* name, slot_t* slot)
 {
@@ -35,17 +35,20 @@ void ats_ibat_stop(ats_context_t* ats);
 ucm_stat_t ats_ucm_init(ats_context_t* ats);
 void ats_ucm_stop(ats_context_t* ats);
 
-// Both are send_rarp_fn_t; the provider's context is the ats_context_t. The second does not look in IBAT's cache. The
-// callback is made in the completion context or by the request timer, under no lock; it must not sleep and must not
-// keep the record. If the request was queued but could not be sent, the call returns ibat_stat_error, and the callback
-// still follows, usually with ibat_stat_timeout. It does not follow if there was no memory for the request, or if the
-// module stops before.
+// Both functions are send_rarp_fn_t; the provider's context is the ats_context_t. The second one does not look in
+// IBAT's cache.
+// The callback runs in the completion context or in the request timer, with no lock held. It must not sleep and must
+// not keep the record.
+// The call returns ibat_stat_error if the request was queued but could not be sent. The callback still follows then,
+// usually with ibat_stat_timeout. No callback follows if there was no memory for the request, or if the module stops
+// first.
 ibat_stat_t ats_rarp_send(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
                           void* provider_context);
 ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
                                   void* provider_context);
 
-// Completes every request for the GID in `rcv_arp_data`, the newest first. `mad_stat` as in ats_process_sa_reply.
+// Completes every request for the GID in `rcv_arp_data`, the newest first. `mad_stat` is the same as in
+// ats_process_sa_reply.
 void ats_process_rarp_data(uint16_t mad_stat, ats_context_t* ats);
 
 // A completion callback that logs the result.

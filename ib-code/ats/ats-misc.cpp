@@ -9,14 +9,14 @@
 namespace
 {
 
-constexpr size_t longest_ip_text = 18; // longer than an address needs: other text may follow a number
+constexpr size_t longest_ip_text = 18; // longer than any address, because other text may follow a number
 constexpr int32_t ip_fields = 4;
 constexpr uint32_t refused_field = 0xFFFFFFFF;
 
 constexpr size_t gid_prefix_length = 2; // "0x"
 constexpr size_t longest_gid_text = gid_prefix_length + 2 * sizeof(kq_gid_t);
 
-// The decimal digits at the start of a field; 0 when there are none. 18 of them fit without overflow.
+// Reads the decimal digits at the start of a field; 0 if there are none. 18 digits fit without overflow.
 uint64_t read_field(const char* field)
 {
     uint64_t value = 0;
@@ -65,7 +65,7 @@ ibat_stat_t ats_parsegidstr(char* s, kq_gid_t* gid)
         return ibat_stat_error;
     }
     const char* digits = s + gid_prefix_length;
-    if ((length - gid_prefix_length) % 2 != 0) { // a leading zero makes whole bytes
+    if ((length - gid_prefix_length) % 2 != 0) { // add a leading zero to get whole bytes
         s[1] = '0';
         --digits;
     }

@@ -89,12 +89,13 @@ void remove_version_and_trace()
     zr_logger_exit(ATS_log_rep_h);
 }
 
-// The module's entry. 0, -EK_NXIO when an HCA did not start, or -EK_NOMEM when the control file could not be created.
+// The entry point of the module. Returns 0, -EK_NXIO if an HCA did not start, or -EK_NOMEM if the control file could
+// not be created.
 int ats_module_init()
 {
     zr_logger_init(registry_key, &ATS_trace_level, &ATS_log_rep_h);
     ATS_DEBUG("ats_attach_ibat is %d\n", ats_attach_ibat);
-    (void)module_version_init(module_name, module_version, version_tag); // the module works without the report
+    (void)module_version_init(module_name, module_version, version_tag); // the module also works without the report
     ats_n_hcas = ats_get_hcas_names();
     ATS_DEBUG("ats_module_init - got %d hcas\n", ats_n_hcas);
 

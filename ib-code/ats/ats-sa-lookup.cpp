@@ -1,4 +1,4 @@
-// Sends lookups, and ends those that get no answer (the request timer).
+// Sends lookups. The request timer ends the lookups that get no answer.
 #include "ats-sa.h"
 
 #include "kernel/memory.h"
@@ -27,7 +27,7 @@ constexpr lookup_t rarp = {
     .no_port = "ATS - Can't Send rarp there is no active port, Check your link!\n",
 };
 
-// Sends a Get while the active port can neither change nor register.
+// Sends a Get. Holds `ats_sem`, so the active port cannot change or register meanwhile.
 int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const lookup_t& lookup)
 {
     ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "%s", lookup.waiting);
@@ -41,12 +41,12 @@ int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const l
         return -1;
     }
     const int32_t ret = ats_sa_post_get(ats, lookup.op, arp_data);
-    ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "ATS arp sem up\n"); // of both
+    ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "ATS arp sem up\n"); // the same text for both lookups
     up(&ats->ats_sem);
     return ret;
 }
 
-// Moves the requests that have waited long enough to the head of `expired`, the newest first.
+// Moves the requests that have expired to the head of `expired`, the newest first.
 void take_expired(ats_context_t* ats, list_head* expired, const char* operation)
 {
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
@@ -77,7 +77,7 @@ int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
 void ats_req_timer_handler(unsigned long context)
 {
     auto* ats = reinterpret_cast<ats_context_t*>(context);
-    if (!list_empty(&ats->rarp_reqs_pending)) { // read without the lock: a request that comes now is seen the next time
+    if (!list_empty(&ats->rarp_reqs_pending)) { // read without the lock: the timer sees a new request at its next run
         ATS_DEBUG("Pending RARP requests present.\n");
         ++ats->deliveries;
         list_head expired;

@@ -7,7 +7,8 @@
 namespace
 {
 
-// The identifiers of the service's record. A module is loaded alone, so records/ has a copy for the hosts and programs.
+// The identifiers of the service's record. The module is a separate image, so records/ has its own copy for hosts and
+// programs.
 constexpr char service_name[] = "DAPL Address Translation Service";
 constexpr uint8_t service_data16_marker[] = {0x5C, 0x27};
 constexpr uint32_t infinite_lease = 0xFFFFFFFF;
@@ -22,13 +23,13 @@ constexpr uint64_t mask_by_address =
     1 << SR_COMPONENT_SERVICE_ID | 1 << SR_COMPONENT_SERVICE_NAME | 0xFFFF << SR_COMPONENT_SERVICE_DATA8;
 static_assert(mask_by_gid == 0x43 && mask_by_address == 0x7FFFC1);
 
-// An address stands in the last four bytes of ServiceData8.
+// The address is in the last four bytes of ServiceData8.
 constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
 
-// The host name begins in ServiceData32 and goes on in ServiceData64 at this offset.
+// The host name begins in ServiceData32. ServiceData64 has the rest, from this offset of the name on.
 constexpr size_t name_split = sizeof ib_service_record_v2_t::service_data32;
 
-// Reverses the bytes of a number between wire and host order, in place too. `Size` is 8 or 16.
+// Converts a number of `Size` bytes (8 or 16) between wire and host order. `dest` and `src` may be the same.
 void ntoh(void* dest, const void* src, uint8_t Size)
 {
     uint64_t first, last;
@@ -120,7 +121,7 @@ bool is_other_sa_attribute(uint16_t attrib_id)
 void ats_sa_encode_mad(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                        const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
-    assert(is_set || !is_get || arp_data); // a Get has a query
+    assert(is_set || !is_get || arp_data); // a Get needs a query
     memset(dtgrm->mad, 0, sizeof dtgrm->mad);
     address_to_sa(dtgrm, port);
 

@@ -1,4 +1,4 @@
-// The active port, the registration of its record, and the port events that decide which port that is.
+// Chooses the active port on port events, and registers its record.
 #include "ats-sa.h"
 
 #include <cassert>
@@ -8,8 +8,8 @@ namespace
 
 constexpr int32_t delete_tries = 3;
 
-// The port of that number. Null, with a line in the log, when the context does not use it: an event that names such a
-// port changes nothing.
+// Returns the port with that number. If the context does not use that port, logs a line and returns null; the event
+// then changes nothing.
 ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* operation)
 {
     assert(ats->num_of_hca_ports <= ATS_PORTS_PER_HCA);
@@ -18,7 +18,7 @@ ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* oper
     return nullptr;
 }
 
-// Makes the lowest-numbered standby port the active one and registers through it. With `ats_sem` held.
+// Makes the lowest-numbered standby port the active one and registers through it. The caller holds `ats_sem`.
 void handle_no_active_port(ats_context_t* ats)
 {
     assert(!ats->active_port.load());
@@ -34,8 +34,8 @@ void handle_no_active_port(ats_context_t* ats)
     }
 }
 
-// Reads the port's attributes, its first GID and its first P_Key anew. 0, or -1; then what was read before
-// the failure is kept. May sleep; the caller holds `ats_sem`.
+// Reads the port's attributes, its first GID and its first P_Key again. Returns 0 or -1. On failure, the values read
+// before it are kept. May sleep; the caller holds `ats_sem`.
 int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
 {
     ats_port_ctx_t* port = find_port(ats, port_num, __func__);
@@ -54,7 +54,7 @@ int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
               attributes.port_sma_address_info.service_level);
 
     int count = 1;
-    kq_gid_t gid = port->port_gid.load(); // stays when the table is empty
+    kq_gid_t gid = port->port_gid.load(); // does not change if the table is empty
     if (const kq_return_t ret = kq_get_port_gid_tbl(ats->hca, number, &count, &gid); ret != kq_return_ok) {
         ATS_DEBUG("kq_get_port_gid_tbl() failed <%d>\n", ret);
         return -1;
@@ -110,7 +110,7 @@ void handle_link_down(ats_context_t* ats, uint8_t port_num)
     }
 }
 
-// The new SM's LID is read with everything else.
+// Reads the new SM's LID together with all other attributes.
 void handle_sm_lid_change(ats_context_t* ats, uint8_t port_num, kq_lid_t)
 {
     (void)ats_sa_get_port_attr_and_sgid(ats, port_num);
@@ -132,7 +132,8 @@ void ats_sa_wait_for_delete_answer(ats_context_t* ats)
 
 void ats_sa_wait_for_restores(ats_context_t* ats)
 {
-    // An exchange, so that the counter and what was changed before are seen in the same order by both sides.
+    // A read-modify-write instead of a load. Both sides therefore see the counter and the earlier changes in the same
+    // order.
     while (ats->restores_running.fetch_add(0) != 0) schedule_timeout_uninterruptible(1);
 }
 

@@ -1,4 +1,4 @@
-// The SA client of an HCA: bringing it up, its advertised identity, and shutting it down.
+// The SA client of an HCA: its start, its advertised identity and its stop.
 #include "ats-sa.h"
 
 #include <cstring>
@@ -23,7 +23,7 @@ int32_t ats_init_static_port_attributes(ats_context_t* ats)
     ats->num_of_hca_ports = attributes.port_num;
     ATS_DEBUG("This hca has %d ports\n", ats->num_of_hca_ports);
     if (ats->num_of_hca_ports > ATS_PORTS_PER_HCA) {
-        // The context has room for two ports. Tell the administrator that the others are not used.
+        // The context can store two ports. Tell the administrator that the others are not used.
         printk("ATS - hca %s has %d ports, only the first %d are used\n", ats->hca_name.name, ats->num_of_hca_ports,
                ATS_PORTS_PER_HCA);
         ats->num_of_hca_ports = ATS_PORTS_PER_HCA;
@@ -63,7 +63,7 @@ int32_t register_ports(ats_context_t* ats, const char* operation)
     return 0;
 }
 
-// Tries once for every port. The stop tries again for those that GSI does not release yet.
+// Tries once for every port. ats_sa_stop tries again for ports that GSI does not release yet.
 void deregister_ports(ats_context_t* ats)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)
@@ -221,14 +221,14 @@ int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name)
 
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr)
 {
-    // Stored first: even if the rest fails, the next registration of any kind must carry the new address.
+    // Store the address first: even if the rest fails, the next registration must contain the new address.
     set_port_addresses(ats, port_ipaddr);
     return ats_sa_do_update_ip(ats, port_ipaddr);
 }
 
 void ats_sa_stop(ats_context_t* ats)
 {
-    if (!ats->holds_hca) return; // opened first and closed last: without it nothing else is held
+    if (!ats->holds_hca) return; // opened first and closed last: without it, nothing else is held
     const uint32_t sets_before = ats->sets_tried;
     delete_all_records(ats, __func__);
     if (ats->holds_req_timer) del_timing_sync(&ats->ats_req_timer);
@@ -237,8 +237,8 @@ void ats_sa_stop(ats_context_t* ats)
     ats->holds_events = false;
     ats_sa_drop_pending_requests(ats);
 
-    // A port event or a check may have registered the record after the Deletes; from here on neither can. Delete once
-    // more: a record left at the SA never expires, and makes the address useless to its next owner.
+    // A port event or a check may have registered the record after the Deletes. From here on this is impossible. Delete
+    // once more: a record left at the SA never expires, and the next owner of the address could not use it.
     if (ats->sets_tried != sets_before) delete_all_records(ats, __func__);
 
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)
@@ -252,6 +252,6 @@ void ats_sa_stop(ats_context_t* ats)
         ATS_DEBUG(" Packets received through the GSI port %d: %llu.\n", port->port_num,
                   static_cast<unsigned long long>(port->gsi_rx_pkts));
     }
-    kq_hca_close(ats->hca); // the handle stays: the events of other HCAs look through the table
+    kq_hca_close(ats->hca); // keep the handle: events of other HCAs search the table
     ats->holds_hca = false;
 }

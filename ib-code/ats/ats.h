@@ -1,8 +1,8 @@
-// The module's model: one context for each HCA in a static table, two ports in each, and the requests that
-// wait for an answer of the Subnet Administrator (SA). A context has one active port, through which its
-// ServiceRecord is registered and every request goes out.
+// The module's model: a static table with one context for each HCA. A context has two ports and a list of requests that
+// wait for an answer of the Subnet Administrator (SA). One port is active: the context registers its ServiceRecord and
+// sends every request through it.
 //
-// IPv4 addresses are in network byte order throughout: their octets in memory order, never converted.
+// IPv4 addresses are always in network byte order: their octets in memory order, never converted.
 #pragma once
 
 #include <atomic>
@@ -46,8 +46,8 @@ struct ats_host_name_t {
 
 struct ats_context_t;
 
-// `state`, `port_attrib`, `port_gid` and `port_pkey` are written with `ats_sem` held; `port_ipaddr` is also written
-// without it. Sends and reports read all of them at any moment.
+// A writer of `state`, `port_attrib`, `port_gid` and `port_pkey` holds `ats_sem`. A writer of `port_ipaddr` need not.
+// Sends and reports may read all of them at any moment.
 struct ats_port_ctx_t {
     int32_t port_num; // from 1
     std::atomic<kq_p_key_t> port_pkey;
@@ -62,7 +62,8 @@ struct ats_port_ctx_t {
 };
 
 struct ats_context_t {
-    // The bindings to IBAT and UCM: functions are null when not held. Only the first HCA's context has any.
+    // The bindings to IBAT and UCM. A function is null if there is no reference on it. Only the first HCA's context has
+    // bindings.
     void* ibat_handle;
     ibat_attach_fn_t ibat_attach;
     ibat_detach_fn_t ibat_detach;
@@ -76,35 +77,35 @@ struct ats_context_t {
     gsi_dtgrm_pool_handle_t pool_handle;
     ats_port_ctx_t ib_ports[ATS_PORTS_PER_HCA]; // index i is port i + 1
 
-    std::atomic<ats_port_ctx_t*> active_port;  // null: none. Written with `ats_sem` held. A send reads it once
-    shared_record<kq_gid_t> sm_registered_gid; // what the next Delete names
+    std::atomic<ats_port_ctx_t*> active_port;  // null if none; written with `ats_sem` held; a send reads it once
+    shared_record<kq_gid_t> sm_registered_gid; // the next Delete names this GID
     int32_t num_of_hca_ports;                  // used ports: at most ATS_PORTS_PER_HCA
 
-    // Set when the SA answers a Delete, whichever task sent it. A task clears it before it waits.
+    // Set when the SA answers any task's Delete. A task clears it before it waits.
     std::atomic<int32_t> resp_recv;
     wait_queue_head_t delete_resp_wq;
 
     int32_t gsi_pool_size;
-    ibat_arp_data_t rcv_arp_data; // the last reply, the completion context's own
+    ibat_arp_data_t rcv_arp_data; // the last reply; only the completion context uses it
 
     list_head rarp_reqs_pending; // oldest first
     spinlock_t rarp_reqs_lock;   // guards that list; no callback runs under it
 
     shared_record<ats_host_name_t> host_name; // written with `ats_sem` held
-    semaphore ats_sem;                        // port states, the active port, registration, and lookups being sent
+    semaphore ats_sem; // guards port states, the active port, registration and the sending of lookups
     timing_t ats_req_timer;
     timing_t timing_request; // self-verification
     kq_hca_h_t hca;          // written once, when it is opened
     kq_hca_name hca_name;
 
-    // Resources that the stop must release. A class and the pool are held while their handles are not null.
+    // Resources that ats_sa_stop must release. A class and the pool are held while their handles are not null.
     bool holds_hca;
     bool holds_events;
     bool holds_req_timer;
 
-    std::atomic<uint32_t> deliveries;       // replies and time-outs on their way to IBAT and to requests' callbacks
-    std::atomic<uint32_t> sets_tried;       // Sets so far: shows the stop that a Set came after its Deletes
-    std::atomic<uint32_t> restores_running; // Sets that self-verification is sending, without `ats_sem`
+    std::atomic<uint32_t> deliveries;       // replies and time-outs that are being delivered to IBAT and to callbacks
+    std::atomic<uint32_t> sets_tried;       // number of Sets; tells ats_sa_stop if a Set came after its Deletes
+    std::atomic<uint32_t> restores_running; // Sets that self-verification is sending without `ats_sem`
 };
 
 // One request for the address of a GID. It stays on the pending list until an answer or the request timer takes it off.
@@ -138,26 +139,26 @@ extern int32_t ats_attach_ibat;
 // The context of an open HCA, or null.
 ats_context_t* ats_find_context(kq_hca_h_t hca);
 
-// Change the advertised identity on every HCA in turn, and stop at the first that fails. 0, or -1 of that failure. A
-// null name, a null text and a text that is not an address are failures. May sleep.
+// Change the advertised identity on every HCA in turn. Stop at the first failure and return -1; otherwise return 0. A
+// null name, a null text and a text without an address are failures. May sleep.
 MODULE_EXPORT int32_t ats_sa_set_hostname(const char* host_name);
 MODULE_EXPORT int32_t ats_sa_set_ip_addrs(uint32_t port_ipaddr);
 MODULE_EXPORT int32_t ats_sa_set_ip_addrs_str(const char* ip_add_str);
 
 // ---- ats-api ----
 
-// Starts a context whose `hca_name` is set; with `sa_only` the SA client alone, without IBAT and UCM. 0, or a negative
-// value; ats_stop releases what a failed start still holds.
+// Starts a context; its `hca_name` must be set. With `sa_only`, starts only the SA client, without IBAT and UCM.
+// Returns 0, or a negative value; ats_stop then releases the rest.
 int32_t ats_init(ats_context_t* ats, int32_t attach_ibat, int32_t sa_only);
 
 // Stops every context. Skips one that was never started. May sleep.
 void ats_stop();
 
-// Hands the decoded reply in `rcv_arp_data` to IBAT and to the requests waiting for its GID. `mad_stat` is the MAD's
+// Passes the decoded reply in `rcv_arp_data` to IBAT and to the requests waiting for its GID. `mad_stat` is the MAD's
 // status in host order. Completion context only.
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats);
 
-// Self-verification of the first `n_hcas` contexts. When end_verification returns, no check runs or will run.
+// Self-verification of the first `n_hcas` contexts. After end_verification returns, no check runs.
 void start_verification(int32_t n_hcas);
 void end_verification(int32_t n_hcas);
 
@@ -165,27 +166,26 @@ void end_verification(int32_t n_hcas);
 write_proc_t ats_proc_write;
 read_proc_t ats_proc_read;
 
-// Each returns its text in one buffer, which the next call in the same thread overwrites.
+// Each function returns a text in a buffer of the calling thread. The next call overwrites it.
 const char* print_ibat_stat(ibat_stat_t stat);
 const char* print_ipaddr(uint32_t addr);
 
 // ---- ats-sa ----
 
-// Opens the HCA and registers with everything the SA client needs; sends nothing. 0, or -1; then ats_sa_stop releases
-// what is still held. May sleep.
+// Opens the HCA and registers everything that the SA client needs; sends nothing. Returns 0, or -1; ats_sa_stop then
+// releases the rest. May sleep.
 int32_t ats_sa_init(ats_context_t* ats);
 
 // Deletes the record at the SA and releases everything the context holds. May sleep.
 void ats_sa_stop(ats_context_t* ats);
 
-// Posts one request to the SA through the active port. 0 when it was posted, -1 otherwise. The SA's answer, if any,
-// comes through the completion context. Takes no lock, does not sleep, allocates nothing. `arp_data` is the
-// query of a Get.
+// Posts one request to the SA through the active port. Returns 0 if it was posted, otherwise -1. The completion context
+// receives the SA's answer, if any. Takes no lock, does not sleep, allocates nothing. `arp_data` is the query of a Get.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
 
-// The requests that the module sends by it: the Set of the active port's record, the Get of a lookup (`op` is
-// ATS_GET_SR_ARP_OP or ATS_GET_SR_RARP_OP), and the Delete of the record that `sm_registered_gid` names.
+// The requests of the module. A Set registers the active port's record. The Get of a lookup has `op` ATS_GET_SR_ARP_OP
+// or ATS_GET_SR_RARP_OP. A Delete removes the record that `sm_registered_gid` names.
 inline int32_t ats_sa_post_set(ats_context_t* ats)
 {
     return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
@@ -200,35 +200,35 @@ inline int32_t ats_sa_post_delete(ats_context_t* ats)
     return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_DEL_SR_OP, nullptr, 0, 0, 0);
 }
 
-// Returns at a moment when no delivery is under way. May sleep.
+// Sleeps until no delivery is running.
 void ats_wait_for_deliveries(ats_context_t* ats);
 
-// Frees every pending request without calling back. The caller has made sure that no new request can come; then no
-// callback of a request runs or will run after the return. May sleep.
+// Frees every pending request without a callback. The caller makes sure that no new request can come. After the return
+// no callback of a request runs. May sleep.
 void ats_sa_drop_pending_requests(ats_context_t* ats);
 
-// Ask for the record of `arp_data->dst_ip`, or of `arp_data->gid`. 0 when posted, -1 when there is no active port, a
-// signal came or the send failed. May sleep; `ats_sem` must not be held.
+// Ask for the record of `arp_data->dst_ip`, or of `arp_data->gid`. Return 0 if posted. Return -1 if there is no active
+// port, a signal came or the send failed. May sleep; `ats_sem` must not be held.
 int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 
-// Change the identity of one context. Register it anew at once if a port is active, otherwise when one becomes active.
-// 0, or -1: a signal came, the name is null, or the Set could not be sent (then the new value is kept). May sleep;
-// `ats_sem` must not be held.
+// Change the identity of one context. If a port is active, register it again at once, otherwise when a port becomes
+// active. Return 0. Return -1 if a signal came, the name is null, or the Set could not be sent; in the last case, the
+// new value is kept. May sleep; `ats_sem` must not be held.
 int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
 
-// Sleeps until self-verification is not sending a Set. The caller has just changed the active port or the identity, and
-// a Set that is under way may carry the old value. A Set that begins later carries the new one.
+// Sleeps until self-verification is not sending a Set. The caller has just changed the active port or the identity. A
+// Set that was started earlier may contain the old value; a Set that starts later contains the new one.
 void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // ---- ats-misc ----
 
-// Reads four decimal numbers between points; tolerates other text after each number. ibat_stat_ok, or ibat_stat_error
-// with `*ip` untouched.
+// Reads four decimal numbers between points; ignores other text after each number. Returns ibat_stat_ok, or
+// ibat_stat_error without a change of `*ip`.
 ibat_stat_t ats_parseipstr(const char* s, uint32_t* ip);
 
-// Reads "0x" and up to 32 hexadecimal digits. ibat_stat_ok, or ibat_stat_error. May overwrite the "x" of `s`.
+// Reads "0x" and up to 32 hexadecimal digits. Returns ibat_stat_ok or ibat_stat_error. May overwrite the "x" of `s`.
 ibat_stat_t ats_parsegidstr(char* s, kq_gid_t* gid);
 
 const char* ats_port_state2str(ats_port_state_t state);
