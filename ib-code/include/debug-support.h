@@ -1,4 +1,4 @@
-// The trace lines of ats. A unit defines ATS_TRACE_UNIT, its name as the lines show it, before it includes this.
+// The trace lines of ats. Before a unit includes this, it defines ATS_TRACE_UNIT, its name in trace lines.
 #pragma once
 
 #include "logger.h"
@@ -6,8 +6,8 @@
 MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // follows the registry
 MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to the registry; 0: none
 
-// Writes a trace line under the name `operation`. A helper function uses it to log under its caller's name. The macros
-// below use the name of the enclosing function.
+// Writes a trace line under the name `operation`. A helper function passes its caller's name. The macros below use the
+// name of the enclosing function.
 #define ATS_TRACE_AS(operation, level, ...)                                                                            \
     ZR_TRACE(level, ATS_trace_level, "ATS", operation, ATS_TRACE_UNIT, __VA_ARGS__)
 

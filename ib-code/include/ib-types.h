@@ -13,7 +13,7 @@ struct kq_gid_t {
 };
 static_assert(sizeof(kq_gid_t) == 16 && offsetof(kq_gid_t, subnet) == 8);
 
-// How every GID is printed: `subnet` first, then `eui64`, each cast to unsigned long long. The argument is evaluated
+// The format of every GID: `subnet` first, then `eui64`, each cast to unsigned long long. The argument is evaluated
 // twice.
 #define KQ_GID_FORMAT "0x%016LX%016LX"
 #define KQ_GID_ARGS(gid) static_cast<unsigned long long>((gid).subnet), static_cast<unsigned long long>((gid).eui64)
@@ -22,7 +22,7 @@ using kq_lid_t = uint16_t;
 using kq_p_key_t = uint16_t;
 using kq_port_num_t = uint8_t;
 
-// Numbers in wire order (most significant byte first), byte aligned so that a wire record needs no packing. They
+// Numbers in wire order (most significant byte first). They are byte aligned, so wire records need no packing. They
 // have no arithmetic: from_wire and to_wire convert them.
 struct be16_t {
     uint8_t bytes[2];

@@ -1,4 +1,4 @@
-// IBAT, the IP-over-InfiniBand address translation module: the record and the status codes of a resolution, and the
+// IBAT, the IP-over-InfiniBand address translation module: the record of a resolution, its status codes, and the
 // functions that IBAT publishes by inter-module name.
 #pragma once
 
@@ -9,10 +9,10 @@ enum ibat_stat_t : int32_t {
     ibat_stat_pending = -253,   // request sent; the answer comes through a callback
     ibat_stat_timeout = -254,   // no answer came in time
     ibat_stat_error = -255,     // the operation failed
-    ibat_stat_not_found = -256, // the SA holds no matching record
+    ibat_stat_not_found = -256, // the SA has no matching record
 };
 
-// A PathRecord in host order (IBA 15.2.5.16). Only carried.
+// A PathRecord in host order (IBA 15.2.5.16). Modules only pass it on.
 struct ib_path_record_v2_t {
     uint32_t reserved0;
     uint32_t reserved1;
@@ -50,11 +50,11 @@ constexpr uint32_t IBAT_MASK_SRC_IP = 0x1;
 constexpr uint32_t IBAT_MASK_DST_IP = 0x2;
 constexpr uint32_t IBAT_MASK_GID = 0x4;
 constexpr uint32_t IBAT_MASK_LOCAL_PORT_NUM = 0x200;
-constexpr uint32_t IBAT_MASK_STATIC = 0x8000; // the answer is the receiving port's own address: keep it for good
+constexpr uint32_t IBAT_MASK_STATIC = 0x8000; // the answer is the receiving port's own address: never expire it
 
 constexpr uint16_t IBAT_ARP_REPLY = 2;
 
-// Exchanged by pointer between separately built modules: the layout is the interface.
+// Separately built modules exchange pointers to it, so its layout must not change.
 struct ibat_arp_data {
     uint32_t mask;
     uint16_t arp_operation;
@@ -83,26 +83,27 @@ static_assert(offsetof(ibat_arp_data_t, secondary_path) == 56 && offsetof(ibat_a
 static_assert(offsetof(ibat_arp_data_t, paths_count) == 68 && offsetof(ibat_arp_data_t, paths) == 72);
 static_assert(offsetof(ibat_arp_data_t, context) == 264);
 
-// Finds the interface that owns an address. No attaching module supplies one today; null is passed.
+// Finds the interface that owns an address. No attaching module supplies such a function today; they pass null.
 using get_if_info_fn_t = ibat_stat_t (*)(uint32_t ip, kq_p_key_t* p_key, uint32_t* qkey, int* hca, int* port);
 
-// Asks for the GID of `arp_data->dst_ip`; returns at once, ibat_stat_ok when the request was sent. The answer comes
+// Asks for the GID of `arp_data->dst_ip`. Returns at once, with ibat_stat_ok if the request was sent. The answer comes
 // through ibat_process_arp_data. May sleep.
 using send_arp_data_fn_t = ibat_stat_t (*)(ibat_arp_data_t* arp_data, void* context, int send_class_port_info);
 
-// Attaches a resolver: IBAT keeps `send_arp` and `context`, writes its handle, and may call from then on.
+// Attaches a resolver. IBAT keeps `send_arp` and `context`, stores its handle, and may call `send_arp` from then on.
 using ibat_attach_fn_t = ibat_stat_t (*)(get_if_info_fn_t get_if_info, send_arp_data_fn_t send_arp, void* context,
                                          void** handle);
 
-// Ends the attachment; when it returns IBAT makes no more calls through it. May sleep.
+// Ends the attachment. After the return, IBAT makes no calls through it. May sleep.
 using ibat_detach_fn_t = ibat_stat_t (*)(void* handle);
 
-// Takes an ARP reply during the call: `src_ip` the answered host's address, `gid` its GID, `dst_ip` the own
-// address. Does not sleep. IBAT copies what it keeps.
+// Passes an ARP reply to IBAT: `src_ip` is the answered host's address, `gid` its GID, `dst_ip` the own address. IBAT
+// copies the reply before it returns. Does not sleep.
 using ibat_process_arp_data_fn_t = ibat_stat_t (*)(ibat_arp_data_t* arp_data);
 
-// Looks a GID up in the cache. ibat_stat_ok: a hit, the record filled, the address in `dst_ip`. Does not sleep.
+// Searches the cache for a GID. Returns ibat_stat_ok on a hit, with the record filled and the address in `dst_ip`. Does
+// not sleep.
 using ibat_seq_cache_lookup_fn_t = ibat_stat_t (*)(kq_gid_t* gid, ibat_arp_data_t* arp_data);
 
-// The completion callback of a resolution. The record is valid during the call only.
+// The completion callback of a resolution. The record is valid only during the call.
 using ibat_get_ib_data_reply_fn_t = void (*)(ibat_stat_t status, ibat_arp_data_t* arp_data, void* user_context);

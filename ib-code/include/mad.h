@@ -8,7 +8,7 @@ constexpr size_t MAD_SIZE = 256;
 constexpr uint8_t MAD_BASE_VERSION = 1;
 constexpr uint8_t MAD_CLASS_SUBN_ADM = 0x03; // IBA 15.2.1
 constexpr uint8_t MAD_CLASS_VERSION_SUBN_ADM = 2;
-constexpr uint8_t MAD_METHOD_RESPONSE = 0x80; // the R bit as part of the method byte
+constexpr uint8_t MAD_METHOD_RESPONSE = 0x80; // the R bit, as a bit of the method byte
 
 // IBA 13.4.5 and 15.2.2
 constexpr uint8_t MAD_METHOD_GET = 0x01;
@@ -46,7 +46,7 @@ struct mad_hdr_t {
         } ns;
     } u;
     be64_t transact_id; // written by the GSI layer when the datagram is posted
-    // Host order between a GSI client and the GSI layer. The layer converts it to and from wire order.
+    // In host order between a GSI client and the GSI layer. The layer converts it to and from wire order.
     uint16_t attrib_id;
     be16_t reserved;
     be32_t attrib_modifier;

@@ -24,7 +24,7 @@ enum sa_status_t : uint8_t {
     SA_STATUS_REQ_INSUFFICIENT_COMPONENTS = 6,
 };
 
-// The status word, in host order, with this class-specific code and no common status bits.
+// Returns a status word in host order with this class-specific code and no common status bits.
 constexpr uint16_t status_word(sa_status_t code)
 {
     return static_cast<uint16_t>(code << 8);
@@ -57,7 +57,7 @@ struct ib_service_record_v2_t {
     wire_gid_t service_gid;
     be16_t service_pkey;
     be16_t reserved1;
-    be32_t service_lease; // seconds; all ones: for ever
+    be32_t service_lease; // seconds; all ones means for ever
     uint8_t service_key[16];
     char service_name[64];
     uint8_t service_data8[16];

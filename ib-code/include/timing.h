@@ -9,18 +9,18 @@ struct timing_t {
     unsigned long expires; // absolute, in ticks
     void (*function)(unsigned long data);
     unsigned long data;
-    // Set for a handler that never sleeps: it then runs in the timer context, before every handler that may
-    // sleep. A blocking call in it is a hard error.
+    // True if the handler never sleeps. It then runs in the timer context, before the handlers that may sleep. A
+    // blocking call in it is a hard error.
     bool atomic;
 };
 
-// Prepares a record; every field is zero afterwards. The record must stay in place until it is deleted.
+// Prepares a record; every field becomes zero. The record must stay in place until it is deleted.
 KERNEL_API void init_timing(timing_t* timer);
 
-// Arms the timer: once the clock reaches `expires` (at once if it already has), `function` is called once with
-// `data`. `function` may arm the timer again. Arming an armed timer moves it. Any context.
+// Arms the timer. When the clock reaches `expires` (at once if it already has), `function` is called once with `data`.
+// `function` may arm the timer again. Arming an armed timer changes its time. Any context.
 KERNEL_API void add_timing(timing_t* timer);
 
-// Disarms the timer and returns when its function is not running. Also disarms the timer if its function armed it
-// again meanwhile. May sleep; must not be called by the function itself.
+// Disarms the timer and waits until its function does not run. Also disarms the timer if its function has armed it
+// again. May sleep; the function itself must not call this.
 KERNEL_API void del_timing_sync(timing_t* timer);

@@ -9,7 +9,7 @@ enum kq_return_t : int32_t {
     kq_return_err_general = -176,
     kq_return_err_invalid_hca = -177,  // no such HCA, or a stale handle
     kq_return_err_invalid_port = -178, // the HCA has no port of that number
-    kq_return_err_busy = -179,         // the HCA is still subscribed to
+    kq_return_err_busy = -179,         // the HCA still has a subscription
 };
 
 struct kq_hca;
@@ -120,27 +120,27 @@ static_assert(offsetof(kq_event_record_st, event_type) == 0 && offsetof(kq_event
 static_assert(offsetof(kq_event_record_st, type) == 16 && offsetof(kq_event_record_st, port_num) == 40);
 
 enum kq_request_async_record_t : int32_t {
-    kq_async_even_all = 16, // every event of the HCA
+    kq_async_even_all = 16, // every kind of event of the HCA
 };
 
 struct kq_request_event_record_t {
     kq_request_async_record_t req_event_type;
-    void* type; // a handle for kinds that concern one object; not used by kq_async_even_all
+    void* type; // a handle for kinds that concern one object; unused for kq_async_even_all
 };
 
-// Runs in a thread of the HCA's own that may sleep; the events of one HCA come one at a time.
+// Runs in a thread of its HCA and may sleep. The events of one HCA come one at a time.
 using kq_async_event_fn_t = void (*)(kq_event_record_st event_record);
 
-// Fills up to `capacity` records with the names of the HCAs present; returns their number, or a negative status.
+// Fills up to `capacity` records with the names of the present HCAs. Returns their number, or a negative status.
 KERNEL_API int kq_list_hcas(kq_hca_name* names, int capacity);
 
-// Opens an HCA for shared use (`flags` 0, the only mode there is) and stores its handle, to be closed by the caller.
+// Opens an HCA for shared use (`flags` 0 is the only mode) and stores its handle. The caller closes it.
 KERNEL_API kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca);
 
-// Closes it; the handle is stale afterwards. kq_return_err_busy while a subscription of it stands.
+// Closes an HCA; its handle becomes stale. Returns kq_return_err_busy while the handle has a subscription.
 KERNEL_API kq_return_t kq_hca_close(kq_hca_h_t hca);
 
-// The queries may sleep, and answer from the port's state at the moment of the call.
+// The queries return the port's state at the moment of the call. They may sleep.
 KERNEL_API kq_return_t kq_hca_query(kq_hca_h_t hca, kq_hca_attrib_t* attributes);
 KERNEL_API kq_return_t kq_port_query(kq_hca_h_t hca, kq_port_num_t port, kq_port_attrib_t* attributes);
 
@@ -152,5 +152,5 @@ KERNEL_API kq_return_t kq_get_port_partition_tbl(kq_hca_h_t hca, kq_port_num_t p
 KERNEL_API kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
                                                        kq_async_event_fn_t callback);
 
-// Ends the subscription. May sleep: when it returns, the callback is not running and is not called again.
+// Ends the subscription. After the return, the callback does not run. May sleep.
 KERNEL_API kq_return_t kq_dell_sleepable_async_event_cb(kq_hca_h_t hca, kq_async_event_fn_t callback);
