@@ -1,5 +1,6 @@
-// The logger's filter. A trace line is printed if neither the logger's own level nor the module's level is below the
-// line's. A line that is not printed only costs reading both levels; its arguments are not evaluated. Any context.
+// The logger's filter. A trace line has a level. It is printed if both the logger's level and the module's level are at
+// least as high. A line that is not printed only costs the reading of both levels; its arguments are not evaluated. Any
+// context.
 #pragma once
 
 #include <atomic>
@@ -12,10 +13,10 @@
 enum zr_trace_level_t : int32_t {
     ZR_PANIC = 0,
     ZR_ERROR = 1,   // failures
-    ZR_WARNING = 2, // failures that are worked around
+    ZR_WARNING = 2, // failures with a workaround
     ZR_INFO = 3,
     ZR_DEBUG = 4, // progress and detail
-    ZR_FUNC = 5,  // the lowest detail
+    ZR_FUNC = 5,  // the most detailed level
 };
 
 // The names of the levels in trace lines.
@@ -42,8 +43,8 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
 // it.
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
-// Reads the level of a module from the registry key at `key_path` and subscribes to its changes. When the key or its
-// value is missing, says so in the log and sets the level to 0. May sleep.
+// Reads the level of a module from the registry key at `key_path` and subscribes to its changes. If the key or its
+// value is missing, logs this and sets the level to 0. May sleep.
 inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_level, rep_notifier_t* notifier)
 {
     *module_level = 0;
@@ -66,7 +67,7 @@ inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_le
     }
 }
 
-// Ends the subscription; the level keeps its last value. The notifier 0 stands for no subscription. May sleep.
+// Ends the subscription; the level keeps its last value. The notifier 0 means no subscription. May sleep.
 inline void zr_logger_exit(rep_notifier_t notifier)
 {
     rep_notify_del(notifier);

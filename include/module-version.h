@@ -1,6 +1,6 @@
-// The version report of a module: the read-only /proc file "dorvex/NAME/version" has one line with the loaded version
-// and its build. One unit of the module includes this header. It calls module_version_init at start-up and
-// module_version_exit at shut-down, where it may sleep.
+// The version report of a module. The read-only /proc file "dorvex/NAME/version" has one line with the loaded version
+// and its build. One unit of the module includes this header. The unit calls module_version_init at start-up and
+// module_version_exit at shut-down. Both may sleep.
 //
 // The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL as texts in parentheses.
 #pragma once
@@ -35,7 +35,7 @@ inline const char* check_str_notempty(const char* str, const char* def)
     return def;
 }
 
-// Removes white space at both ends of `str`, in place. Returns where the rest begins.
+// Removes white space at both ends of `str`, in place. Returns the start of the rest.
 inline char* ktrim(char* str)
 {
     while (version_is_space(*str)) ++str;
@@ -43,8 +43,8 @@ inline char* ktrim(char* str)
     return str;
 }
 
-// Copies the value of a revision keyword such as "$Name: ATS_1_21 $" into `value`, cut to its size, and returns it
-// without white space at its ends. Null if `text` is not a keyword.
+// Copies the value of a revision keyword such as "$Name: ATS_1_21 $" into `value`. Cuts it to the size of `value`, and
+// returns it without white space at its ends. Null if `text` is not a keyword.
 template <size_t size>
 const char* version_keyword_value(const char* text, char (&value)[size])
 {
@@ -58,7 +58,7 @@ const char* version_keyword_value(const char* text, char (&value)[size])
     return ktrim(value);
 }
 
-// The report line, in memory of kmalloc that the caller frees. Null if there is no memory.
+// Returns the report line, or null without memory. The caller frees it with kfree.
 inline char* build_module_ver_str(const char* module_name, const char* version_string, const char* tag_name)
 {
     const char* name = check_str_notempty(module_name, "Unknown");
@@ -82,7 +82,8 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     return line;
 }
 
-// Paths do not allocate: removing an entry must not fail, because its handler will be unmapped.
+// A path is a record without allocated memory: the removal of an entry must not fail, because its handler will be
+// unmapped.
 struct version_path_t {
     char text[128];
 };

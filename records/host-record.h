@@ -1,6 +1,6 @@
-// The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14): the
-// service that it belongs to, the content of its fields, and the texts for its lease and for an SA's answer about it.
-// All functions are pure and may be called in any context.
+// The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14). It
+// belongs to one service. These functions encode, decode and print it. All functions are pure and may be called in any
+// context.
 #pragma once
 
 #include <cstdint>
@@ -17,33 +17,33 @@ constexpr char service_name[] = "DAPL Address Translation Service";
 
 constexpr uint32_t infinite_lease = UINT32_MAX;
 
-// The IPv4 address stands in the last four bytes of ServiceData8.
+// The IPv4 address is in the last four bytes of ServiceData8.
 constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
 
-// The host name begins in ServiceData32 and runs on into ServiceData64; a shorter one is padded with zero bytes.
+// The host name begins in ServiceData32 and continues in ServiceData64. A shorter name is padded with zero bytes.
 constexpr size_t host_name_size = 30;
 
 struct host_record {
     kq_gid_t gid{};
     uint16_t p_key = 0;
     uint32_t address = 0;  // network order
-    std::string host_name; // up to host_name_size bytes, as they are
+    std::string host_name; // up to host_name_size bytes, without conversion
 };
 
-// True if the record belongs to the service; only such a record can be decoded.
+// True if the record belongs to the service. Only such a record can be decoded.
 bool is_host_record(const ib_service_record_v2_t& record);
 host_record decode(const ib_service_record_v2_t& record);
 
-// The record as a host registers it: its lease does not end. A name that is too long is cut.
+// Encodes the record that a host registers, with an infinite lease. A name that is too long is cut.
 ib_service_record_v2_t encode(const host_record& host);
 
-// A GID as ats prints it: "0x" and 32 digits.
+// Formats a GID as "0x" and 32 digits.
 std::string gid_text(const kq_gid_t& gid);
 
-// A lease as people read it: "infinite" or "20 s".
+// Formats a lease for people: "infinite" or "20 s".
 std::string lease_text(uint32_t seconds);
 
-// A status word of the SA and its meaning (IBA 13.4.7, 15.2.4), as in "0x0300 (it holds no such record)".
+// Formats a status word of the SA and its meaning (IBA 13.4.7, 15.2.4), for example "0x0300 (it holds no such record)".
 std::string status_text(uint16_t word);
 
 } // namespace records

@@ -1,4 +1,4 @@
-// Error numbers of kernel calls; they are returned negated.
+// Error numbers of kernel calls. The calls return them negated.
 #pragma once
 
 constexpr int EK_NOENT = 2;        // no such entry

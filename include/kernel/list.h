@@ -1,5 +1,5 @@
-// A circular doubly linked list whose links are members of the listed records. No operation allocates, locks or fails;
-// the caller guards the list. Only list_empty may be called without the guard; its result is then a hint.
+// A circular doubly linked list. Its links are members of the listed records. No operation allocates, locks or fails.
+// The caller guards the list. Only list_empty may be called without the guard; its result is then a hint.
 #pragma once
 
 #include <cstddef>
@@ -28,13 +28,13 @@ inline void list_insert_between(list_head* entry, list_head* prev, list_head* ne
     __atomic_store_n(&prev->next, entry, __ATOMIC_RELAXED);
 }
 
-// Inserts `entry` as the first one.
+// Inserts `entry` at the head.
 inline void list_add(list_head* entry, list_head* head)
 {
     list_insert_between(entry, head, head->next);
 }
 
-// Inserts `entry` as the last one.
+// Inserts `entry` at the tail.
 inline void list_add_tail(list_head* entry, list_head* head)
 {
     list_insert_between(entry, head->prev, head);
@@ -48,5 +48,5 @@ inline void list_del_init(list_head* entry)
     list_init(entry);
 }
 
-// The record of type `type` that has `link` as its member `member`.
+// Returns the record of type `type` whose member `member` is `link`.
 #define list_entry(link, type, member) (reinterpret_cast<type*>(reinterpret_cast<char*>(link) - offsetof(type, member)))

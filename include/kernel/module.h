@@ -1,4 +1,4 @@
-// The declaration of a loadable module, and the registry in which modules find each other's functions.
+// The declaration of a loadable module, and the registry through which modules find each other's functions.
 #pragma once
 
 #include <atomic>
@@ -14,11 +14,11 @@ enum module_parameter_type_t : int32_t {
 struct module_parameter_t {
     const char* name;
     module_parameter_type_t type;
-    void* value; // the variable, which holds the default at first
+    void* value; // the variable; its first value is the default
     const char* description;
 };
 
-// Raised whenever the layout of kernel_module_t, or of a record that it points at, changes.
+// Increment it when the layout of kernel_module_t, or of a record that it points to, changes.
 constexpr int32_t module_record_version = 2;
 
 // Every module image exports one record under the name `this_module`. The loader refuses an image if the record has
@@ -39,15 +39,15 @@ struct kernel_module_t {
 #define THIS_MODULE (&this_module)
 MODULE_EXPORT kernel_module_t this_module;
 
-// Publishes `pointer` under `name` for `owner`; the text is copied. A hard error if the name is in use: two modules of
+// Publishes `pointer` under `name` for `owner` and copies the name. A hard error if the name is in use: two modules of
 // one kind cannot work on one machine. Does not sleep.
 KERNEL_API void inter_module_register(const char* name, kernel_module_t* owner, const void* pointer);
 
-// Withdraws a name. A hard error if the name is unknown or others hold references. Does not sleep.
+// Removes a name. A hard error if the name is unknown or others hold references. Does not sleep.
 KERNEL_API void inter_module_unregister(const char* name);
 
-// Returns the pointer published under `name` and takes a reference on its owner, to be returned with inter_module_put.
-// Null if the name is not published or its owner unloads. Does not sleep.
+// Returns the pointer published under `name` and takes a reference on its owner. The caller returns the reference with
+// inter_module_put. Null if the name is not published or its owner is being unloaded. Does not sleep.
 KERNEL_API const void* inter_module_get(const char* name);
 
 // Returns one reference that inter_module_get(name) has taken. Does not sleep.

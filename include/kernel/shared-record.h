@@ -1,6 +1,6 @@
-// A record that one context reads as a whole and without a lock while another one writes it: a sequence lock. Memory
-// that is all zero holds a zero record. Neither call sleeps. A reader repeats while a writer is active; so it must not
-// interrupt a writer on its own processor.
+// A record that one context writes while another one reads it without a lock: a sequence lock. A reader always gets a
+// whole record. Memory of zeros is a valid zero record. Neither call sleeps. A reader repeats while a writer is active.
+// Therefore it must not interrupt a writer on its own processor.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// Semaphores, wait queues, spin locks, sleeps and signals. A record is valid after its init call, owns no other memory
-// and needs no destruction.
+// Semaphores, wait queues, spin locks, sleeps and signals. A record is valid after its init call. It owns no other
+// memory and needs no destruction.
 #pragma once
 
 #include <atomic>
@@ -8,12 +8,12 @@
 #include "kernel/export.h"
 #include "kernel/list.h"
 
-// Guards the fields of a semaphore or a wait queue. For the kernel only.
+// Guards the fields of a semaphore or a wait queue. Only the kernel uses it.
 struct kernel_guard_t {
     std::atomic<uint32_t> state;
 };
 
-// ---- counting semaphore; tasks get units in the order in which they asked for them ----
+// ---- counting semaphore; tasks get units in the order of their requests ----
 
 struct semaphore {
     kernel_guard_t guard;
@@ -28,8 +28,8 @@ KERNEL_API void sema_init_named(semaphore* sem, int32_t count, const char* name)
 // Takes one unit. May sleep; signals do not end the sleep.
 KERNEL_API void down(semaphore* sem);
 
-// Takes one unit and returns 0. Returns -EK_RESTARTSYS without a unit if it would have to wait and a signal is pending
-// or arrives. May sleep.
+// Takes one unit and returns 0. If it must wait, a signal that is pending or arrives ends the wait: it returns
+// -EK_RESTARTSYS without a unit. May sleep.
 KERNEL_API int down_interruptible(semaphore* sem);
 
 // Returns one unit. Any context.
@@ -37,7 +37,7 @@ KERNEL_API void up(semaphore* sem);
 
 // ---- spin lock ----
 
-// The task that holds it may not sleep; in a real kernel interrupts are off.
+// Its holder may not sleep. In a real kernel, interrupts are off.
 struct spinlock_t {
     std::atomic<uint32_t> state;
 };
@@ -50,8 +50,8 @@ KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock);
 // Releases the lock. A hard error if it is not held. Any context.
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
-// For functions that may not be called with a spin lock held: a hard error that names `entry` if the task holds one.
-// This finds a callback that is made under a lock before it deadlocks on that lock.
+// Functions that must not be called with a spin lock held call this. It is a hard error that names `entry` if the task
+// holds a spin lock. It finds a callback under a lock before the callback deadlocks on that lock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----
@@ -62,12 +62,12 @@ struct wait_queue_head_t {
     const char* name; // for the report of a deadlock; the text must outlive the record
 };
 
-// One sleeping task; lives on the task's stack and needs no initialisation.
+// One sleeping task. The record is on the task's stack and needs no initialisation.
 struct wait_queue_t {
     list_head link;
     struct kernel_task_t* task;
     const char* queue_name;
-    const wait_queue_t* outer; // its place in the queue that it joined before, or null
+    const wait_queue_t* outer; // the entry in the queue that the task joined before, or null
 };
 
 KERNEL_API void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name);
@@ -76,15 +76,15 @@ KERNEL_API void init_waitqueue_head_named(wait_queue_head_t* queue, const char* 
 // Wakes all sleepers of the queue, so that each checks its condition again. Any context.
 KERNEL_API void wake_up_interruptible(wait_queue_head_t* queue);
 
-// prepare_to_wait puts the calling task into the queue, unless it is there already; finish_wait removes it. A task in
-// one queue may wait in a second queue, or for a semaphore. Its next sleep in the outer queue then ends at once, since
-// a wake-up may have come meanwhile. Leaving the queues in another order than last in, first out is a hard error. Any
-// context.
+// prepare_to_wait puts the calling task into the queue, unless it is already in it; finish_wait removes it. A task in
+// one queue may also wait in a second queue or for a semaphore. Its next sleep in the outer queue then ends at once,
+// because a wake-up may have come meanwhile. It is a hard error to leave the queues in another order than last in,
+// first out. Any context.
 KERNEL_API void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 KERNEL_API void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 
-// Sleeps until the task is woken through the queue that it is in or `timeout_ticks` have passed; a signal also ends the
-// interruptible sleep, which may end early for no reason, too. Returns the ticks that are left.
+// Sleeps until the task is woken through its queue or `timeout_ticks` have passed. A signal also ends the interruptible
+// sleep. The interruptible sleep may also end early without a reason. Returns the remaining ticks.
 KERNEL_API unsigned long schedule_timeout_interruptible(unsigned long timeout_ticks);
 KERNEL_API unsigned long schedule_timeout_uninterruptible(unsigned long timeout_ticks);
 

@@ -1,4 +1,4 @@
-// The kernel clock: 1000 ticks a second, from an arbitrary number on.
+// The kernel clock: 1000 ticks a second. Its first tick is an arbitrary number.
 #pragma once
 
 #include "kernel/export.h"
