@@ -6,10 +6,10 @@
 namespace exec
 {
 
-// Null: the thread runs no task.
+// Null means that the thread runs no task.
 void set_current_task(task* task);
 
-// While it lives, the calling task `self` is inside another machine.
+// During its lifetime, the calling task `self` is inside another machine.
 class inside_machine
 {
   public:

@@ -15,7 +15,7 @@ namespace exec
 
 struct fiber_task;
 
-// The sleeping tasks by their deadlines; those of one tick in the order in which they went to sleep.
+// The sleeping tasks by deadline. Tasks with the same deadline are in the order in which they went to sleep.
 using deadline_map = std::multimap<uint64_t, fiber_task*>;
 
 enum class task_state {
@@ -23,7 +23,7 @@ enum class task_state {
     parked,    // until it is woken or its deadline is reached
     spinning,  // until another task has run
     ended,     // but not freed yet
-    abandoned, // its caller has gone, so that it is never resumed
+    abandoned, // its caller has left; it is never resumed
 };
 
 struct fiber_task final : task {
@@ -35,14 +35,14 @@ struct fiber_task final : task {
 
     std::function<void()> body;
     fiber thread;
-    std::list<fiber_task*>::iterator position{}; // among all tasks
+    std::list<fiber_task*>::iterator position{}; // in the list of all tasks
 
     task_state state = task_state::ready;
     bool has_begun = false;
     bool has_wake_up = false;           // ends the next park()
-    std::exception_ptr exception;       // that escaped the body
+    std::exception_ptr exception;       // escaped from the body
     bool may_throw = false;             // enter() passes the exception on; in other tasks it is a hard error
-    fiber_task* joining_task = nullptr; // waits for the end of this one
+    fiber_task* joining_task = nullptr; // waits for the end of this task
 
     // Valid while parked or spinning.
     const char* reason = "";
@@ -50,9 +50,9 @@ struct fiber_task final : task {
     uint64_t stopped_at_tick = 0;
     bool has_deadline = false;
     deadline_map::iterator deadline;
-    deadline_map::node_type node; // kept between sleeps, so that a sleep does not allocate
+    deadline_map::node_type node; // kept between sleeps; therefore a sleep does not allocate
 
-    // "machine/name waits for down(&ats->ats_sem) since tick 20", with a line end.
+    // For example "machine/name waits for down(&ats->ats_sem) since tick 20", with a line end.
     std::string describe() const
     {
         const std::string full_name = home ? home->name() + "/" + name : name;

@@ -23,8 +23,8 @@ namespace exec
 namespace
 {
 
-// Only touched pages take memory, so that a large stack is cheap. A task that loads or unloads a module needs the most:
-// the dynamic linker keeps arrays of all loaded images on the stack, some 10 bytes for each image.
+// Only touched pages use memory, so a large stack is cheap. A task that loads or unloads a module needs the largest
+// stack: the dynamic linker keeps arrays of all loaded images there, about 10 bytes for each image.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are larger
 #else
@@ -65,7 +65,7 @@ fiber_stack fiber_stack_pool::take()
 void fiber_stack_pool::put(fiber_stack stack)
 {
 #ifdef __SANITIZE_ADDRESS__
-    // The fiber has left its last frames without returning from them, so that their marks are still set.
+    // The fiber ended without returning from its last frames, so their marks are still set.
     __asan_unpoison_memory_region(stack.bottom, stack.bytes);
 #endif
     free_.push_back(stack);
@@ -126,7 +126,7 @@ void fiber::arrive(void* previous_context)
     previous_->context_ = previous_context;
 #ifdef __SANITIZE_ADDRESS__
     __sanitizer_finish_switch_fiber(fake_stack_, &previous_bottom_, &previous_bytes_);
-    // The bounds of a thread's own stack become known when the thread leaves it.
+    // A thread's own stack bounds are known only when the thread leaves that stack.
     if (!previous_->entry_) {
         previous_->stack_.bottom = const_cast<void*>(previous_bottom_);
         previous_->stack_.bytes = previous_bytes_;
@@ -134,7 +134,7 @@ void fiber::arrive(void* previous_context)
 #endif
 }
 
-// Boost.Context calls it on the new stack at the first switch to a fiber.
+// Boost.Context calls this on the new stack at the first switch to a fiber.
 void fiber::begin(boost::context::detail::transfer_t transfer)
 {
     auto& self = *static_cast<fiber*>(transfer.data);

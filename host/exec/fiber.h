@@ -1,5 +1,5 @@
-// Fibers: one thread runs on several stacks and switches between them. The switch itself is Boost.Context's, which
-// takes no system call and knows the registers of each processor.
+// Fibers: one thread runs on several stacks and switches between them. Boost.Context does the switch. It needs no
+// system call and supports each processor's registers.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ struct transfer_t;
 namespace exec
 {
 
-// A mapped stack with a guard page below it. Pages that were never touched take no memory.
+// A mapped stack with a guard page below it. Pages that were never touched use no memory.
 struct fiber_stack {
     void* mapping = nullptr; // begins with the guard page
     size_t mapped_bytes = 0;
@@ -21,41 +21,41 @@ struct fiber_stack {
     size_t bytes = 0;       // from there
 };
 
-// Maps stacks and keeps those that are free for the next fibers. For one thread.
+// Maps stacks and keeps free ones for the next fibers. For one thread.
 class fiber_stack_pool
 {
   public:
     ~fiber_stack_pool();
 
-    // A stack that belongs to the caller until it is put back. Throws a shortage when none can be mapped.
+    // Returns a stack. The caller owns it until it is put back. Throws a shortage if no stack can be mapped.
     fiber_stack take();
 
-    // Takes back a stack whose fiber has ended or never began.
+    // Puts back a stack whose fiber has ended or never started.
     void put(fiber_stack stack);
 
-    // Takes back a stack whose fiber has stopped half-way: its local objects are never destroyed. The leak checker
-    // regards memory that they refer to as used.
+    // Puts back a stack whose fiber stopped half-way. Its local objects are never destroyed. The leak checker regards
+    // memory that they refer to as used.
     void put_abandoned(fiber_stack stack);
 
   private:
     std::vector<fiber_stack> free_;
 };
 
-// One fiber, or the thread on its own stack. A fiber begins at the first switch to it. For one thread.
+// One fiber, or the thread on its own stack. A fiber starts at the first switch to it. For one thread.
 class fiber
 {
   public:
     // The calling thread on its own stack.
     fiber();
 
-    // A fiber that calls `entry(argument)`, which must not return: it switches away for good. The stack belongs to the
-    // caller and must outlive the fiber.
+    // A fiber that calls `entry(argument)`. `entry` must not return; it ends with a last switch to another fiber. The
+    // caller owns the stack, which must outlive the fiber.
     fiber(fiber_stack stack, void (*entry)(void*), void* argument);
     ~fiber();
     fiber(const fiber&) = delete;
     fiber& operator=(const fiber&) = delete;
 
-    // Leaves the calling fiber, which must be `current`, and goes on with `next`. Returns when a fiber switches back.
+    // Leaves the calling fiber, which must be `current`, and continues with `next`. Returns when a fiber switches back.
     // With `has_ended`, the calling fiber is never resumed.
     static void switch_between(fiber& current, fiber& next, bool has_ended = false);
 
@@ -65,13 +65,13 @@ class fiber
     static void begin(boost::context::detail::transfer_t transfer);
     void arrive(void* previous_context);
 
-    // The exceptions in flight, as the C++ run-time library records them for each thread.
+    // The exceptions in flight, in the form in which the C++ run-time library keeps them for each thread.
     struct exception_state {
         void* caught = nullptr;
         unsigned int uncaught = 0;
     };
 
-    void* context_ = nullptr; // of Boost.Context; valid while the fiber does not run
+    void* context_ = nullptr; // belongs to Boost.Context; valid while the fiber does not run
     fiber_stack stack_;
     exception_state exceptions_;
     void (*entry_)(void*) = nullptr;
@@ -79,7 +79,7 @@ class fiber
 
     fiber* previous_ = nullptr; // the fiber that switched here last
 
-    // Used under sanitizers only.
+    // Used only under sanitizers.
     [[maybe_unused]] void* fake_stack_ = nullptr;
     [[maybe_unused]] const void* previous_bottom_ = nullptr;
     [[maybe_unused]] size_t previous_bytes_ = 0;

@@ -6,8 +6,8 @@
 namespace exec
 {
 
-// While it lives, it keeps the texts that the calling task prints; they go to the machine's log too, or not. Captures
-// of one task nest. For its task only.
+// During its lifetime, it keeps the texts that the calling task prints. An option decides if they also go to the
+// machine's log. Captures of one task may be nested. Only that task may use it.
 class print_capture
 {
   public:
@@ -21,7 +21,7 @@ class print_capture
     // All texts so far, without their priorities ("<6>").
     const std::string& text() const { return text_; }
 
-    // Called by printk. True if the text goes to the log too.
+    // Called by printk. Returns true if the text also goes to the log.
     bool take(const char* text);
 
   private:

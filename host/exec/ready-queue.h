@@ -23,7 +23,7 @@ class ready_queue
         ring_[slot(count_++)] = task;
     }
 
-    // Not of an empty queue.
+    // The queue must not be empty.
     task_t* take_first()
     {
         assert(count_ > 0);
@@ -33,7 +33,7 @@ class ready_queue
         return first;
     }
 
-    // Takes the task at `index` in the order of arrival. The first task moves to that place.
+    // Removes and returns the task at `index` in the order of arrival. The first task moves to that place.
     task_t* take(size_t index)
     {
         assert(index < count_);
@@ -42,7 +42,7 @@ class ready_queue
     }
 
   private:
-    static constexpr size_t initial_slots = 16; // a power of two, as every size of the ring
+    static constexpr size_t initial_slots = 16; // every size of the ring is a power of two
 
     size_t slot(size_t index) const { return (first_ + index) & (ring_.size() - 1); }
 

@@ -1,5 +1,5 @@
-// Defines __SANITIZE_ADDRESS__ or __SANITIZE_THREAD__ if this is compiled with that sanitizer. GCC defines them itself;
-// clang has __has_feature instead.
+// Defines __SANITIZE_ADDRESS__ or __SANITIZE_THREAD__ if this code is compiled with that sanitizer. GCC defines them
+// itself; clang only has __has_feature.
 #pragma once
 
 #if defined(__has_feature)

@@ -1,6 +1,5 @@
-// The order of tasks in a simulation. Where several tasks could go on, the simulation asks a schedule which one does.
-// One schedule draws from a seed. Another one goes through the orders one by one, one run each, so that a small
-// scenario is tried in every order up to a bound.
+// The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one. One
+// schedule draws from a seed. Another schedule tries all orders up to a bound, one order in each run.
 #pragma once
 
 #include <cstddef>
@@ -23,12 +22,12 @@ class schedule
   public:
     virtual ~schedule() = default;
 
-    // Returns the index of the task that goes on, among `count` tasks, 2 or more. Called by the simulation; must not
+    // Returns the index of the task that continues, among `count` tasks (2 or more). Called by the simulation; must not
     // call back into it.
     virtual size_t choose(size_t count, choice_point point) = 0;
 };
 
-// Switches at one switch point in three on average. All other choices have equal chances.
+// Switches on average at one of three switch points. All other choices have equal chances.
 class random_schedule final : public schedule
 {
   public:
@@ -39,31 +38,32 @@ class random_schedule final : public schedule
     std::mt19937_64 engine_;
 };
 
-// Goes through all orders with at most so many deviations from the plain order. In the plain order the running task
-// goes on, and then the tasks run in the order in which they became ready. A task that is preempted waits until no
-// other task can run, so that a single deviation lets a whole chain of tasks overtake it. The scenario runs once for
+// Goes through all orders with at most a given number of deviations from the plain order. In the plain order the
+// running task continues; later the tasks run in the order in which they became ready. A preempted task waits until no
+// other task can run. A single deviation therefore lets a whole chain of tasks overtake it. The scenario runs once for
 // each order, each time in a new simulation with this schedule:
 //
 //     systematic_schedule orders(2);
 //     do run_scenario(orders); while (orders.next());
 //
-// The scenario must do the same each time. If its choices differ from those of the run before, that is a hard error,
-// since an order would be counted that never happened.
+// The scenario must do the same each time. It is a hard error if its choices differ from those of the previous run: the
+// schedule would count an order that never happened.
 class systematic_schedule final : public schedule
 {
   public:
     explicit systematic_schedule(int max_deviations) : max_deviations_(max_deviations) {}
 
-    // Deviations are tried only while exploring is enabled; a scenario sets up and cleans up in the plain order.
-    // Disabled at the start of each run.
+    // Deviations are tried only while exploring is enabled. A scenario disables it for its set-up and clean-up, which
+    // then run in the plain order. It is disabled at the start of each run.
     void explore(bool is_enabled) { is_exploring_ = is_enabled; }
 
-    // Goes on to the next order. False if all have been tried.
+    // Selects the next order. Returns false if all have been tried.
     bool next();
 
     uint64_t orders_tried() const { return orders_tried_; }
 
-    // The deviations of the present order: "17:1 23:2" takes index 1 at choice 17 and index 2 at choice 23.
+    // The deviations of the present order. For example, "17:1 23:2" means index 1 at choice 17 and index 2 at choice
+    // 23.
     std::string describe() const;
 
     size_t choose(size_t count, choice_point point) override;
@@ -71,13 +71,13 @@ class systematic_schedule final : public schedule
   private:
     struct decision {
         size_t choice;
-        size_t choices; // to be tried: all, or only the first if no deviation is left
-        size_t tasks;   // that could go on
+        size_t choices; // choices to try: all, or only the first if no deviation is left
+        size_t tasks;   // tasks that could continue
     };
 
     const int max_deviations_;
     bool is_exploring_ = false;
-    std::vector<decision> decisions_; // of this run, up to `position_`; the others are of the run before
+    std::vector<decision> decisions_; // of this run up to `position_`; the rest is from the previous run
     size_t position_ = 0;
     int deviations_ = 0; // before `position_`
     uint64_t orders_tried_ = 1;

@@ -18,9 +18,9 @@ namespace
 {
 
 constexpr size_t reserve_bytes = size_t{32} << 20;
-constexpr size_t reserve_split_pages = 128; // neighbours differ in protection, so that each counts as a mapping
+constexpr size_t reserve_split_pages = 128; // neighbours have different protection, so each counts as a mapping
 
-// The failed call has released what it had taken, so that usage is now a little below the limit.
+// The failed call has released its memory, so usage is now slightly below the limit.
 constexpr size_t mappings_margin = 64;
 constexpr size_t bytes_margin = size_t{16} << 20;
 
@@ -28,7 +28,7 @@ std::atomic<void*> reserve_mapping{nullptr};
 std::atomic<bool> reserve_was_used{false};
 std::atomic<void (*)()> reserve_use_handler{nullptr};
 
-// False if there is no reserve left to release.
+// Returns false if the reserve was already released.
 bool release_reserve()
 {
     void* mapping = reserve_mapping.exchange(nullptr);
@@ -38,7 +38,7 @@ bool release_reserve()
     return true;
 }
 
-// The process's std::new_handler: when it returns, the allocation is repeated.
+// The process's std::new_handler. After its return, the allocation is repeated.
 void use_reserve()
 {
     if (!release_reserve()) throw std::bad_alloc();
@@ -46,8 +46,8 @@ void use_reserve()
     if (use_handler) use_handler();
 }
 
-// Hands a file to `take(begin, end)` piece by piece. Does not allocate, since memory may be used up. False if the file
-// cannot be opened; errno says why.
+// Reads a file and passes each piece to `take(begin, end)`. Does not allocate, because memory may be used up. Returns
+// false if the file cannot be opened; errno has the reason.
 template <class take_t>
 bool read_file(const char* path, const take_t& take)
 {
@@ -63,7 +63,7 @@ bool read_file(const char* path, const take_t& take)
     return true;
 }
 
-// The decimal number that a file begins with; 0 if there is none.
+// Returns the decimal number at the start of a file, or 0 if there is none.
 size_t first_number_in(const char* path)
 {
     size_t number = 0;

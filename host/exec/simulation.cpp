@@ -58,7 +58,7 @@ class simulated_executor final : public simulation
         might_sleep(reason);
         fiber_task& self = *running();
         if (!self.has_wake_up && deadline <= now_) {
-            yield(self); // so that a loop of such sleeps does not keep others from running
+            yield(self); // otherwise a loop of such sleeps would keep other tasks from running
         } else if (!self.has_wake_up) {
             if (deadline != never) arm(self, deadline);
             stop(self, task_state::parked, reason, object);
@@ -90,7 +90,7 @@ class simulated_executor final : public simulation
             drive_until_ended(visitor);
         } catch (const stalled&) {
             disarm(visitor);
-            visitor.state = task_state::abandoned; // its body refers to variables that the caller is about to leave
+            visitor.state = task_state::abandoned; // its body refers to variables of the caller, which leaves now
             throw;
         }
         const std::exception_ptr exception = visitor.exception;
@@ -235,7 +235,7 @@ class simulated_executor final : public simulation
         ready_tasks_.push(&sleeper);
     }
 
-    // Makes the spinning tasks ready: something has happened that they may wait for.
+    // Makes the spinning tasks ready, because the condition that they wait for may have changed.
     void ready_spinners()
     {
         while (!spinning_tasks_.empty()) {
@@ -244,7 +244,7 @@ class simulated_executor final : public simulation
         }
     }
 
-    // Lets the other ready tasks run before the calling task goes on.
+    // Lets the other ready tasks run before the calling task continues.
     void yield(fiber_task& self)
     {
         ready_spinners();
@@ -260,8 +260,8 @@ class simulated_executor final : public simulation
         fiber::switch_between(self.thread, next->thread);
     }
 
-    // Leaves the calling task, which is not ready. Goes on with a ready task, or with the thread from outside if no
-    // task is ready or the task that it waits for has ended.
+    // Leaves the calling task, which is not ready. Continues with a ready task. Continues with the thread from outside
+    // if no task is ready or if that thread's target task has ended.
     void switch_away(fiber_task& self)
     {
         const bool returns_outside = ready_count() == 0 || (target_ && target_->state == task_state::ended);
@@ -285,7 +285,8 @@ class simulated_executor final : public simulation
         return take_ready(has_choice ? options_.order->choose(ready_count(), choice_point::stop) : 0);
     }
 
-    // From outside: runs ready tasks until none is left or the awaited task has ended. False if no task was ready.
+    // From outside: runs ready tasks until none is left or the target task has ended. Returns false if no task was
+    // ready.
     bool run_ready()
     {
         if (ready_count() == 0) return false;
@@ -295,8 +296,8 @@ class simulated_executor final : public simulation
         return true;
     }
 
-    // From outside: moves the clock to the next deadline and wakes the tasks that wait for it. False if no deadline is
-    // left up to `limit`.
+    // From outside: advances the clock to the next deadline and wakes the tasks with that deadline. Returns false if
+    // there is no deadline up to `limit`.
     bool advance_to_deadline(uint64_t limit)
     {
         if (deadlines_.empty() || deadlines_.begin()->first > limit) return false;
@@ -329,8 +330,8 @@ class simulated_executor final : public simulation
     fiber_stack_pool stacks_;
     std::list<fiber_task*> tasks_;
     ready_queue<fiber_task> ready_tasks_;
-    ready_queue<fiber_task> preempted_tasks_; // ready too, but later than those
-    ready_queue<fiber_task> spinning_tasks_;  // ready when another task has run
+    ready_queue<fiber_task> preempted_tasks_; // ready, but they run after ready_tasks_
+    ready_queue<fiber_task> spinning_tasks_;  // become ready when another task has run
     deadline_map deadlines_;
     const fiber_task* target_ = nullptr; // the thread from outside waits for its end
 };

@@ -7,7 +7,7 @@
 
 struct wait_queue_t;
 
-// The task as the headers for modules know it: wait queues and semaphores point at it.
+// The part of the task that the module headers know. Wait queues and semaphores point to it.
 struct kernel_task_t {
 };
 
@@ -17,7 +17,7 @@ namespace exec
 class executor;
 class print_capture;
 
-// The machine that a task runs in. Tasks only need its name, for reports; the kernel derives its machines from it.
+// The machine in which a task runs. Tasks only need its name, for reports. The kernel derives its machines from it.
 class task_home
 {
   public:
@@ -40,17 +40,17 @@ struct task : kernel_task_t {
     task& operator=(const task&) = delete;
 
     executor& exec;
-    task_home* home; // null outside of all machines; written by the task only
+    task_home* home; // null outside of all machines; only the task itself writes it
     const std::string name;
 
     std::atomic<bool> signal{false};        // a signal is pending
     std::atomic<bool> interruptible{false}; // parked in a sleep that a signal ends
 
-    // Only the task itself reads and writes the rest.
+    // Only the task itself reads and writes the following members.
     const char* atomic_context = nullptr;     // the innermost context that may not sleep, or null
-    int spin_locks = 0;                       // how many it holds
-    const wait_queue_t* wait_queue = nullptr; // its place in the wait queue that it joined last, or null
-    print_capture* capture = nullptr;         // gets the texts that it prints; or null
+    int spin_locks = 0;                       // number of spin locks that it holds
+    const wait_queue_t* wait_queue = nullptr; // its entry in the wait queue that it joined last, or null
+    print_capture* capture = nullptr;         // receives the texts that it prints, or null
 
   protected:
     ~task() = default;
@@ -62,12 +62,12 @@ task* current_task();
 // The calling task. A hard error that names `caller` if there is none.
 task& current_task_of(const char* caller);
 
-// Sends the task a signal, which ends an interruptible sleep and stays pending until clear_signal(). Any thread.
+// Sends the task a signal. The signal ends an interruptible sleep and stays pending until clear_signal(). Any thread.
 void send_signal(task& task);
 void clear_signal(task& task);
 
-// While it lives, the calling task may not sleep: a blocking call is a hard error that names the call and `context`.
-// The text must outlive it.
+// During its lifetime, the calling task may not sleep: a blocking call is a hard error that names the call and
+// `context`. The text must outlive it.
 class atomic_section
 {
   public:
@@ -80,11 +80,11 @@ class atomic_section
     const char* outer_;
 };
 
-// Every call that may block begins with this. A hard error in a context that may not sleep.
+// Every call that may block begins with this call. A hard error in a context that may not sleep.
 void might_sleep(const char* call);
 
-// Another task may run here, unless the calling task holds a spin lock. Kernel calls have one before and after an
-// effect that other tasks can see.
+// Another task may run here, unless the calling task holds a spin lock. Kernel calls call it before and after an effect
+// that other tasks can see.
 void preemption_point();
 
 // Ends the process because an invariant of the kernel or of its user is broken. Prints the text, the task and its

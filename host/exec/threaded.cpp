@@ -28,7 +28,7 @@ timespec as_timespec(clock::time_point time)
     return {.tv_sec = ns / 1'000'000'000, .tv_nsec = ns % 1'000'000'000};
 }
 
-constexpr uint64_t largest_deadline = 1ull << 42; // centuries; a later one would overflow the clock
+constexpr uint64_t largest_deadline = 1ull << 42; // centuries; a later deadline would overflow the clock
 
 enum wake_state : uint32_t {
     running,
@@ -40,7 +40,7 @@ struct thread_task final : task {
     using task::task;
 
     std::atomic<uint32_t> state{running};
-    std::thread thread; // none if a thread from outside is the task
+    std::thread thread; // empty if the task is a thread from outside
 };
 
 // Sleeps until the state is no longer `sleeping`, or until the deadline. May return early.
@@ -90,13 +90,14 @@ class threaded_executor final : public executor
             const timespec end = as_timespec(start_time_ + tick_duration(std::min(deadline, largest_deadline)));
             while (state == sleeping && now() < deadline) sleep_on(state, &end);
         }
-        state.exchange(running); // an exchange, so that this task sees everything before a wake-up at the deadline
+        // an exchange: after a wake-up at the deadline, this task sees the waker's earlier writes
+        state.exchange(running);
     }
 
     void wake(task& task) override
     {
         std::atomic<uint32_t>& state = static_cast<thread_task&>(task).state;
-        // After the exchange the task may be freed: the system call only uses the address of its state.
+        // The task may be freed after the exchange. The system call uses only the address of its state.
         if (state.exchange(woken) == sleeping) syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 
