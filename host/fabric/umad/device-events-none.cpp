@@ -1,4 +1,4 @@
-// Stands in for the events of HCAs in a build without libibverbs.
+// Replaces device-events.cpp in a build without libibverbs.
 #include "host/fabric/umad/device-events.h"
 
 namespace umad

@@ -14,7 +14,7 @@ namespace umad
 namespace
 {
 
-// The meaning of an event for the ports; none for events of queues.
+// Translates an event of an HCA into an event of its ports. Returns none for events of queues.
 std::optional<device_event> meaning_of(const ibv_async_event& event)
 {
     using enum device_event_kind;
@@ -78,7 +78,7 @@ class verbs_events final : public device_events
         }
     }
 
-    // False if no further event can come.
+    // Returns false if no further event can come.
     bool take_next()
     {
         ibv_async_event event;

@@ -18,12 +18,13 @@ namespace umad
 namespace
 {
 
-// How long the kernel keeps a request for its answer: a little longer than any caller waits. Not 0: the kernel hands up
-// an answer only while it keeps the request. It resends nothing, because all callers have time-outs of their own.
+// The time for which the kernel remembers a request: a little longer than any caller waits. It must not be 0, because
+// the kernel delivers an answer only while it remembers the request. The kernel resends nothing, because all callers
+// have time-outs of their own.
 constexpr int answer_time_ms = 2500;
 constexpr int no_retries = 0;
 
-// The longest wait where wake() cannot end it.
+// The longest wait if wake() cannot end it.
 constexpr uint64_t deaf_wait_ms = 100;
 
 std::string read_line(const std::string& path)
@@ -87,7 +88,7 @@ ats::result<> device::open()
     }
     self_agent_ = register_client(class_directed_route, class_version_smp);
 
-    // ibsim's poll() looks at its own descriptor only. There, waits must be short.
+    // ibsim's poll() looks at its own descriptor only. With ibsim, waits must be short.
     wake();
     pollfd both[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
     sees_wakeup_ = ::poll(both, 2, 0) > 0 && both[1].revents != 0;
@@ -131,7 +132,7 @@ void device::wait(uint64_t longest_ms)
     pollfd both[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
     if (!sees_wakeup_) longest_ms = std::min(longest_ms, deaf_wait_ms);
     const int ready = ::poll(both, 2, static_cast<int>(longest_ms));
-    // No known error makes poll() of two good descriptors fail again and again. If one does, this must not spin.
+    // Normally, poll() of two good descriptors does not fail repeatedly. The sleep avoids a busy loop if it does.
     if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (ready > 0 && (both[0].revents & (POLLERR | POLLHUP | POLLNVAL))) is_broken_ = true;
     uint64_t wakeups;
@@ -156,7 +157,7 @@ device::arrival device::receive(packet& packet)
 void device::wake()
 {
     const uint64_t one = 1;
-    // Fails only if the counter of wake-ups is full; then wait() ends anyway.
+    // Fails only if the counter of wake-ups is full. wait() ends in that case, too.
     [[maybe_unused]] const ssize_t written = ::write(wakeup_, &one, sizeof one);
 }
 

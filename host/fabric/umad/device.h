@@ -1,5 +1,5 @@
-// One port as libibumad opens it: the umad calls and the meaning of their results. It has two clients: one for the SA,
-// and one for the port's own answers to self_query.
+// One port that is open through libibumad: the umad calls and the meaning of their results. It has two clients: one for
+// the SA, and one for the port's own answers to self_query.
 #pragma once
 
 #include <atomic>
@@ -21,11 +21,11 @@ class device
   public:
     enum class client { sa, self };
 
-    // The result of receive(). `returned`: a request without an answer comes back, perhaps not all of it. `gone`: the
-    // device cannot be used any more, and must be closed.
+    // The result of receive(). `returned`: the kernel returns a request that got no answer; it may be incomplete.
+    // `gone`: the device cannot be used any more and must be closed.
     enum class arrival { nothing, datagram, returned, gone };
 
-    // A datagram behind a header of libibumad's, as system calls take it: so it need not be copied.
+    // A datagram with libibumad's header in front, in the form that its system calls need. This avoids a copy.
     class packet
     {
       public:
@@ -34,9 +34,9 @@ class device
         ib_mad_addr_t& address() { return *umad_get_mad_addr(bytes_); }
         void* bytes() { return bytes_; }
 
-        // Of a received packet only.
+        // Valid only in a received packet.
         client receiver = client::sa;
-        int length = 0; // bytes of the MAD that arrived; the rest are zero
+        int length = 0; // number of MAD bytes that arrived; the rest are zero
 
       private:
         alignas(ib_user_mad_t) unsigned char bytes_[sizeof(ib_user_mad_t) + sizeof(fabric::mad_bytes)] = {};
@@ -47,23 +47,23 @@ class device
     device(const device&) = delete;
     device& operator=(const device&) = delete;
 
-    // Opens the port and registers both clients; the error says what to do about it. Neither open() nor close() may be
-    // called while another thread receives.
+    // Opens the port and registers both clients. The error says what to do. open() and close() must not be called while
+    // another thread receives.
     ats::result<> open();
     void close();
     bool is_open() const { return descriptor_ >= 0; }
     bool has_self_client() const { return self_agent_ >= 0; }
 
-    // Sends the packet, whose address the caller has filled in. False: libibumad did not accept it. Any thread.
+    // Sends the packet; the caller has filled in its address. Returns false if libibumad did not accept it. Any thread.
     bool send(client sender, packet& packet);
 
-    // Waits until there is something to receive, or for `longest_ms`, or until wake(); may return early. Any thread.
+    // Waits until a datagram is ready, for `longest_ms`, or until wake(). May return early. Any thread.
     void wait(uint64_t longest_ms);
 
-    // Receives one datagram if there is one; does not wait. One thread at a time.
+    // Receives one datagram if one is ready; does not wait. One thread at a time.
     arrival receive(packet& packet);
 
-    // Ends wait(), or the next one. Any thread.
+    // Ends wait(). If no thread waits, ends the next wait(). Any thread.
     void wake();
 
   private:
@@ -81,10 +81,10 @@ class device
     int sa_agent_ = -1, self_agent_ = -1;
 };
 
-// The file through which libibumad reaches a port, "" if it has none.
+// The file through which libibumad reaches a port, or "" if the port has no such file.
 std::string device_file(const std::string& hca, int port);
 
-// One line about a port that libibumad cannot open, for people: the cause, given errno, and what to do about it.
+// One line for people about a port that libibumad cannot open: the cause for errno `error_number`, and what to do.
 std::string open_error_text(const std::string& hca, int port, int error_number);
 
 } // namespace umad

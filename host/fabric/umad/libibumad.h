@@ -1,5 +1,5 @@
-// libibumad, whose header claims the names of the stack's own wire types for obsolete ones of its own: here they get
-// out of the way. Include this and never <infiniband/umad.h>.
+// Includes libibumad. Its header defines obsolete wire types with the names of the stack's own types. This file renames
+// them. Include it instead of <infiniband/umad.h>.
 #pragma once
 
 #define be16_t umad_obsolete_be16_t

@@ -1,5 +1,5 @@
-// A port's attributes from the system's files, through libibumad: for ports that do not answer questions about
-// themselves. It is slower, and under ibsim the files do not change after the program has started.
+// Reads a port's attributes from the system's files, through libibumad. For ports that do not answer questions about
+// themselves. It is slower. Under ibsim the files do not change after the program has started.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 namespace umad
 {
 
-// None: the port does not exist any more.
+// Returns none if the port does not exist any more.
 std::optional<fabric::port_attributes> read_port_files(const std::string& hca, int port);
 
 } // namespace umad

@@ -1,4 +1,4 @@
-// How datagrams arrive through a port: which task receives them, and where they go.
+// Receives datagrams through a port: chooses the task that receives, and passes the datagrams on.
 #include "host/fabric/umad/port.h"
 
 #include <algorithm>
@@ -12,11 +12,11 @@ namespace umad
 namespace
 {
 
-constexpr uint64_t quiet_ms = 20; // at the end: after this time nothing more arrives
+constexpr uint64_t quiet_ms = 20; // after this quiet time at the end, nothing more arrives
 constexpr int most_drained = 4096;
 
-// An answer may end at the end of its record: OpenSM under ibsim sends no more. A shorter answer of status 0 would be
-// read as a record with zeros at its end.
+// An answer may end after its record: OpenSM under ibsim sends no more bytes. A shorter answer with status 0 is
+// incomplete: its record would end in zeros.
 bool is_long_enough(const sa_mad_v2_t& answer, int length)
 {
     const bool has_record = from_wire(answer.hdr.u.ns.status.raw16) == 0 &&
@@ -49,8 +49,8 @@ void port::check_port()
     check_due_ = watch_.next_due();
 }
 
-// Sleeps for a tick, and for another one if there is a poll() meanwhile. So a task that stops polling, or that sleeps
-// over what it does with an answer, holds up further answers for a tick or two only.
+// Sleeps for one tick. A poll() during that tick extends the sleep by another tick. A task that stops polling therefore
+// delays further answers for two ticks at most.
 void port::leave_to_poller()
 {
     context_.exec.park(context_.exec.now() + 1, "arrivals", name_.c_str());
@@ -81,9 +81,9 @@ bool port::poll()
     return false;
 }
 
-// Receives one datagram at a time: what follows from it is under way before the next is received. While the port is
-// busy the listener relies on a further may_complete(); so the call is made once more when nothing has arrived. Returns
-// false if nothing arrived, or nothing for the listener.
+// Receives one datagram at a time and passes it on before it receives the next one. While the port is busy, the
+// listener relies on another may_complete(). So this makes the call once more when nothing has arrived. Returns false
+// if nothing arrived, or nothing for the listener.
 bool port::receive_next()
 {
     const bool was_busy = is_busy_;
@@ -93,7 +93,8 @@ bool port::receive_next()
     return is_busy_;
 }
 
-// A program under ibsim may hang in the simulator's exit handler if it ends while datagrams are on their way to it.
+// A program under ibsim may hang in the simulator's exit handler if it ends while datagrams are still on their way to
+// it.
 void port::drain()
 {
     const std::lock_guard lock(receive_mutex_);
@@ -164,7 +165,8 @@ void port::deliver(device::packet& packet)
     events_.mad_arrived(source, packet.mad());
 }
 
-// A returned request is over. The listener is not called, because all senders of requests have time-outs of their own.
+// A returned request has failed. The listener is not called, because all senders of requests have time-outs of their
+// own.
 void port::handle_returned(device::packet& packet)
 {
     ++counts_.timed_out;

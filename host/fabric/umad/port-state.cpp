@@ -1,4 +1,4 @@
-// The state of a port as the port itself reports it, and whether its SA answers.
+// The state that a port reports about itself, and the detection of a silent SA.
 #include "host/fabric/umad/port-files.h"
 #include "host/fabric/umad/port.h"
 
@@ -8,8 +8,8 @@ namespace umad
 namespace
 {
 
-// An SA is silent when so many requests have had no answer for so long. With lower limits, a lost datagram or an SA
-// that is busy for a moment would count as silence.
+// An SA is silent if this many requests had no answer for this long. With lower limits, one lost datagram or a briefly
+// busy SA would count as silence.
 constexpr uint32_t silence_requests = 3;
 constexpr uint64_t silence_ticks = 3000;
 
@@ -45,7 +45,7 @@ void port::ask(const fabric::mad_bytes& question)
     device::packet packet;
     packet.mad() = question;
     packet.address().lid = permissive_lid;
-    device_.send(device::client::self, packet); // a failure counts as a question without an answer
+    device_.send(device::client::self, packet); // a failed send counts as a question without an answer
 }
 
 void port::set_attributes(const fabric::port_attributes& attributes, port_condition condition)

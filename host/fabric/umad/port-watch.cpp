@@ -23,10 +23,10 @@ typename table_t::value_type first_of(const table_t& table)
 
 } // namespace
 
-// An active port with another GID or first P_Key has a record at the SA that is wrong by now. One with another LID was
-// set up by an SM that may not know the record. In both cases the host must register again. A link that goes down and
-// comes up makes it do so; this costs one Delete and one Set. Other changes need no more than a new reading of the
-// port, which is what a host does on an SM change.
+// If an active port has another GID or first P_Key, its record at the SA is now wrong. If it has another LID, a new SM
+// may have set it up and may not know the record. In both cases the host must register again. A link-down and a link-up
+// event make it register, with one Delete and one Set. For other changes an SM change event is enough: the host then
+// only reads the port again.
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current)
 {
@@ -111,7 +111,7 @@ std::optional<fabric::port_attributes> port_watch::accept(const fabric::mad_byte
 
 void port_watch::hurry(uint64_t now)
 {
-    is_asking_ = false; // answers to earlier questions may be too old
+    is_asking_ = false; // answers to earlier questions may be outdated
     brief_looks_ = 0;
     due_ = now;
 }

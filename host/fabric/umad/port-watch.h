@@ -1,5 +1,5 @@
-// How a port is watched: when to ask it for its attributes, the meaning of its answers and of its silence, and the
-// events that follow from a change. Nothing here touches a device.
+// Watches a port: decides when to ask for its attributes, interprets its answers and its silence, and turns changes
+// into events. Nothing here touches a device.
 #pragma once
 
 #include <optional>
@@ -11,17 +11,17 @@
 namespace umad
 {
 
-// The events that a listener needs for this change of a port, in their order.
+// The events that tell a listener about this change of a port, in their order.
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current);
 
-// The same for a host that must register again, though nothing may have changed. A port that is not active does so when
-// it comes up.
+// The same for a host that must register again, even if nothing has changed. A port that is not active registers when
+// it becomes active.
 std::vector<fabric::port_change> with_registration(const std::vector<fabric::port_change>& changes,
                                                    const fabric::port_attributes& current);
 
-// A port's state as an administrator sees it. `lost`: the device is gone; `silent`: the port does not answer questions
-// about itself.
+// A port's state for an administrator. `lost` means that the device is gone. `silent` means that the port does not
+// answer questions about itself.
 enum class port_condition { unknown, lost, silent, link_down, no_sm, active };
 port_condition condition_of(const fabric::port_attributes& attributes);
 
@@ -31,37 +31,38 @@ std::string text_of(port_condition condition, const fabric::port_attributes& att
 class port_watch
 {
   public:
-    // All times are ticks.
+    // All times are in ticks.
     port_watch(int port, uint64_t interval) : interval_(interval), query_(port) {}
 
     void set_interval(uint64_t interval) { interval_ = interval; }
 
-    // Asks for everything at once: the port is said to have changed.
+    // Asks for all attributes at once, because the port has probably changed.
     void hurry(uint64_t now);
 
-    // The question to send now; none before next_due().
+    // Returns the question to send now, or none before next_due().
     std::optional<fabric::mad_bytes> due_question(uint64_t now);
 
     // The time of the next question.
     uint64_t next_due() const { return due_; }
 
-    // Takes an answer of the port. Returns the attributes when the last of the questions is answered.
+    // Processes an answer of the port. Returns the attributes after the answer to the last question.
     std::optional<fabric::port_attributes> accept(const fabric::mad_bytes& answer, uint64_t now);
 
-    // True if the port has not answered for so long that its state is unknown. The first questions get fewer tries.
+    // Returns true if the port has not answered for so long that its state is unknown. The first questions get fewer
+    // tries.
     bool is_silent() const { return tries_ > (has_ever_answered_ ? most_tries : most_first_tries); }
     bool has_ever_answered() const { return has_ever_answered_; }
 
-    // Begins a new look, one interval from now.
+    // Starts the next look after one interval.
     void postpone(uint64_t now);
 
   private:
-    // Local answers take microseconds. A question without an answer is repeated after this time.
+    // Local answers take microseconds. After this time, a question without an answer is repeated.
     static constexpr uint64_t answer_time = 250;
     static constexpr int most_tries = 20;
     static constexpr int most_first_tries = 3;
 
-    // Every so many looks, one is whole: P_Keys and GIDs can change while PortInfo does not.
+    // One of this many looks is whole: P_Keys and GIDs can change without a change of PortInfo.
     static constexpr int whole_look_period = 10;
 
     uint64_t interval_;
@@ -69,8 +70,8 @@ class port_watch
     uint64_t due_ = 0;
     bool is_asking_ = false;
     bool has_ever_answered_ = false;
-    int tries_ = 0;       // of the same question
-    int brief_looks_ = 0; // until the next whole one
+    int tries_ = 0;       // tries of the current question
+    int brief_looks_ = 0; // brief looks left before the next whole one
 };
 
 } // namespace umad

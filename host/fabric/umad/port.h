@@ -1,8 +1,8 @@
-// One real port: it sends and receives MADs, and watches its own state. A task of the port receives, asks the port for
-// its attributes in intervals, and reports both to the HCA's listener. While answers keep coming, a task that waits for
-// them may receive in its place (fabric::hca::poll).
+// One real port: it sends and receives MADs, and watches its own state. The port has a task. The task receives, asks
+// the port for its attributes in intervals, and reports both to the HCA's listener. While answers keep coming, a task
+// that waits for them may receive instead (fabric::hca::poll).
 //
-// Who receives:
+// The task that receives:
 //
 //      +------------+   a datagram arrives    +------------+   poll() by another task   +-----------------+
 //      |   quiet    | ----------------------> |    busy    | -------------------------> |     polled      |
@@ -49,37 +49,37 @@ class port
     port(const port&) = delete;
     port& operator=(const port&) = delete;
 
-    // Opens the port and waits, for a second at the most, until it has reported its attributes. Error: it cannot be
-    // opened. Before start().
+    // Opens the port and waits at most one second for its attributes. Fails if the port cannot be opened. Call it
+    // before start().
     ats::result<> open();
 
-    // Starts the port's task. Throws a shortage when there is no room for it.
+    // Starts the port's task. Throws a shortage if the task cannot be created.
     void start();
 
-    // As fabric::hca::send and fabric::hca::poll. Any thread.
+    // The same as fabric::hca::send and fabric::hca::poll. Any thread.
     bool send(const fabric::address& destination, const fabric::mad_bytes& mad);
     bool poll();
 
-    // Asks the port at once for its attributes: it is said to have changed. With `must_register` the host registers
-    // again, even if nothing has changed. Any thread.
+    // Asks the port at once for its attributes, because it has probably changed. With `must_register` the host
+    // registers again, even if nothing has changed. Any thread.
     void look_now(bool must_register);
 
-    // How often the port is asked from now on. Any thread.
+    // Sets how often the port is asked from now on. Any thread.
     void set_watch_interval(uint64_t ticks);
 
-    // The attributes last reported by the port. Any thread; does not wait for the port.
+    // The last attributes that the port reported. Any thread; does not wait for the port.
     fabric::port_attributes read() const;
     datagram_counts counts() const;
 
   private:
-    // By the port's task.
+    // Called by the port's task.
     void run();
     void check_port();
     void leave_to_poller();
     void wait_and_receive();
     void drain();
 
-    // With receive_mutex_ held; by open() without it, because no other task knows the port yet.
+    // The caller holds receive_mutex_. open() needs no lock, because no other task knows the port yet.
     bool receive_next();
     bool receive_one();
     void handle_self_answer(device::packet& packet);
@@ -115,20 +115,20 @@ class port
             deletes_completed{0};
     } counts_;
     std::atomic<bool> is_refusal_reported_{false}, is_short_reported_{false}, is_stray_reported_{false};
-    std::atomic<uint32_t> unanswered_requests_{0}; // sent since the last answer
+    std::atomic<uint32_t> unanswered_requests_{0}; // requests since the last answer
     std::atomic<uint64_t> first_unanswered_tick_{0};
 
-    // Held while receiving from or asking the port. Guards the members down to is_sa_silent_, the device except for its
-    // sends, and every change of is_busy_.
+    // Held while receiving from the port or asking it. Guards the members down to is_sa_silent_, the device except for
+    // its sends, and every change of is_busy_.
     std::mutex receive_mutex_;
     port_watch watch_;
     sa_remarks remarks_;
     port_condition condition_ = port_condition::unknown;
     std::string reported_state_;
-    bool reads_files_ = false; // the port does not report its attributes; the system's files are read instead
+    bool reads_files_ = false; // the port does not report its attributes; read the system's files instead
     bool is_sa_silent_ = false;
 
-    std::atomic<bool> must_register_{false}; // when the port reports its attributes next
+    std::atomic<bool> must_register_{false}; // register again when the port reports its attributes next
     std::atomic<uint64_t> check_due_{0};     // the tick of the next check_port()
     std::atomic<bool> is_busy_{false};       // a datagram has just arrived, and more may follow
     std::atomic<bool> is_polled_{false};     // another task receives

@@ -10,7 +10,7 @@ namespace umad
 namespace
 {
 
-constexpr size_t most_records = 256; // a host whose GIDs change again and again must not use more and more memory
+constexpr size_t most_records = 256; // limits the memory if a host's GIDs change again and again
 
 bool is_service_record(const mad_hdr_t& header)
 {
@@ -20,9 +20,9 @@ bool is_service_record(const mad_hdr_t& header)
 
 } // namespace
 
-// `automatic` completes every Delete, not only after an SA has refused one: a host that stops sends its last Delete
-// once and does not try again. An SA that honours the component mask ignores the P_Key, which the mask leaves out.
-// `automatic` covers records that were Set in this run, because only their P_Keys are known.
+// With `automatic`, every Delete gets its P_Key at the first try: a host that stops sends its last Delete only once. An
+// SA that honours the component mask ignores the P_Key, because the mask omits it. `automatic` covers only records that
+// were Set in this run, because only their P_Keys are known.
 bool registered_p_keys::complete(sa_mad_v2_t& mad, const fabric::port_attributes& port)
 {
     if (setting_ == delete_p_key::off || !is_service_record(mad.hdr)) return false;

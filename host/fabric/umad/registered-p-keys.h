@@ -1,5 +1,5 @@
-// The P_Keys of the records that this host has registered through an HCA, learned from the Sets that it sends. A Delete
-// without a P_Key is given the right one, because some SAs find a record by its whole identifier only.
+// The P_Keys of the records that this host has registered through an HCA. They are learned from the Sets that the host
+// sends. They are written into Deletes without a P_Key, because some SAs find a record by its whole identifier only.
 #pragma once
 
 #include <map>
@@ -18,8 +18,8 @@ class registered_p_keys
   public:
     explicit registered_p_keys(delete_p_key setting) : setting_(setting) {}
 
-    // Takes a MAD that `port` is about to send. Learns the P_Key of a Set; may write a P_Key into a Delete. Returns
-    // whether it wrote one.
+    // Processes a MAD that `port` is about to send. Learns the P_Key of a Set; may write a P_Key into a Delete. Returns
+    // true if it wrote one.
     bool complete(sa_mad_v2_t& mad, const fabric::port_attributes& port);
 
   private:
@@ -31,7 +31,7 @@ class registered_p_keys
 
     const delete_p_key setting_;
     std::mutex mutex_;
-    std::map<key, uint16_t> p_keys_; // one for each GID this host has had: a handful
+    std::map<key, uint16_t> p_keys_; // one for each GID that this host has had: only a few
 };
 
 } // namespace umad
