@@ -52,13 +52,13 @@ class umad_sa_client final : public sa_client
 
     void send(sa_mad_v2_t mad, sent_request& state);
 
-    // Waits for one answer and leaves it in the buffer. Returns its length in bytes; 0: none came in that time.
+    // Waits for one answer and stores it in the buffer. Returns its length in bytes, or 0 if none came in time.
     ats::result<size_t> receive(milliseconds longest);
 
-    // The same for the answer to one request, within its deadline.
+    // Does the same for the answer to one request, within its deadline.
     ats::result<size_t> receive_answer(const sent_request& request);
 
-    // The first `length` bytes of the answer in the buffer, or as many as a MAD has.
+    // Returns the first `length` bytes of the answer in the buffer, but at most one MAD.
     sa_mad_v2_t buffered_mad(size_t length) const;
     sa_table buffered_table(size_t length) const;
 
@@ -70,7 +70,7 @@ class umad_sa_client final : public sa_client
     std::vector<unsigned char> buffer_; // a umad header and the last answer
 };
 
-// The half of the TransactionID that comes back.
+// Returns the half of the TransactionID that an answer keeps.
 uint32_t transaction_of(const sa_mad_v2_t& mad)
 {
     return static_cast<uint32_t>(from_wire(mad.hdr.transact_id));
@@ -82,7 +82,7 @@ ats::result<> umad_sa_client::open(const std::string& hca)
     descriptor_ = umad_open_port(hca.c_str(), port_.number);
     if (descriptor_ < 0) return ats::fail(open_error_text(hca, port_.number, errno));
     agent_ = umad_register(descriptor_, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, kernel_does_rmpp, nullptr);
-    buffer_.resize(umad_size() + sizeof(sa_mad_v2_t)); // libibumad knows the size of its header only now
+    buffer_.resize(umad_size() + sizeof(sa_mad_v2_t)); // libibumad knows the size of its header only after its start
     if (agent_ < 0) return ats::fail(name_ + " accepts no client of the SA: " + std::strerror(errno));
     return {};
 }
@@ -99,7 +99,7 @@ void umad_sa_client::send(sa_mad_v2_t mad, sent_request& state)
     packet.address().sl = port_.sm_sl;
     mad.hdr.transact_id = to_wire(uint64_t{state.transaction});
     packet.mad() = std::bit_cast<fabric::mad_bytes>(mad);
-    // A request that libibumad refuses counts as lost, and is sent again.
+    // If libibumad refuses a request, the request counts as lost and is sent again.
     umad_send(descriptor_, agent_, packet.bytes(), MAD_SIZE, static_cast<int>(resend_time.count()), 0);
 }
 
@@ -117,7 +117,7 @@ ats::result<size_t> umad_sa_client::receive(milliseconds longest)
     const bool is_early = agent == -ETIMEDOUT || agent == -EWOULDBLOCK || errno == EWOULDBLOCK || errno == EINTR;
     if (agent < 0 && !is_early)
         return ats::fail(name_ + " cannot be read from: " + std::strerror(errno != 0 ? errno : -agent));
-    // A request may come back unanswered at once. It is sent again only after its deadline.
+    // The kernel may return an unanswered request at once. It is sent again only after its deadline.
     const bool is_answer =
         agent >= 0 && umad_status(buffer_.data()) == 0 && static_cast<size_t>(length) >= offsetof(sa_mad_v2_t, payload);
     return is_answer ? static_cast<size_t>(length) : 0;
@@ -194,7 +194,8 @@ sa_table umad_sa_client::buffered_table(size_t length) const
         static_cast<const unsigned char*>(umad_get_mad(const_cast<unsigned char*>(buffer_.data()))) + header;
     for (size_t offset = 0; offset + sizeof(ib_service_record_v2_t) <= length - header; offset += stride)
         std::memcpy(&table.records.emplace_back(), bytes + offset, sizeof(ib_service_record_v2_t));
-    // A whole table ends at the end of a record. A first segment has the size of a MAD, and ends within a record.
+    // A whole table ends at the end of a record. If only the first segment arrives, it has the size of a MAD and ends
+    // within a record.
     table.is_whole = length != MAD_SIZE || (length - header) % stride == 0;
     return table;
 }

@@ -1,5 +1,5 @@
-// Asks the SA through a real port, for tools that run for a moment: many requests in flight, each sent again until it
-// is answered. Hosts that stay use real_fabric.
+// Asks the SA through a real port, for tools that run only briefly. It keeps many requests in flight and resends each
+// one until it is answered. Hosts that run for long use real_fabric.
 #pragma once
 
 #include <algorithm>
@@ -17,27 +17,27 @@
 namespace umad
 {
 
-// The answer to a SubnAdmGetTable of ServiceRecords. A long one comes in segments (RMPP, IBA 13.6), which the kernel
-// puts together. Where MADs are carried without the kernel (ibsim), only the first segment arrives.
+// The answer to a SubnAdmGetTable of ServiceRecords. A long answer comes in segments (RMPP, IBA 13.6); the kernel joins
+// them. Under ibsim, MADs bypass the kernel and only the first segment arrives.
 struct sa_table {
     uint16_t status = 0;
     std::vector<ib_service_record_v2_t> records = {};
     bool is_whole = true; // false: further segments are missing
 };
 
-// For one thread. Its calls wait for answers. Errors are one line for people: `unreachable`, if the SA does not answer;
-// `failed`, if the port cannot be used or an answer is longer than any sensible one.
+// For one thread. Its calls wait for answers. Errors are one line for people. `unreachable` means that the SA does not
+// answer. `failed` means that the port cannot be used or an answer is unreasonably long.
 class sa_client
 {
   public:
     virtual ~sa_client() = default;
 
-    // Returns the answers in the order of the requests, whose TransactionIDs it sets. A request that stays unanswered,
-    // though sent again for some seconds, has none.
+    // Sends the requests and sets their TransactionIDs. Returns the answers in the order of the requests. A request has
+    // no answer if it was sent again for some seconds in vain.
     virtual ats::result<std::vector<std::optional<sa_mad_v2_t>>> ask(const std::vector<sa_mad_v2_t>& requests) = 0;
     virtual ats::result<sa_table> ask_table(const sa_mad_v2_t& request) = 0;
 
-    // The port's GID and the LID of its SM, at the time of opening.
+    // The port's GID and the LID of its SM when the client was opened.
     virtual fabric::gid_bytes gid() const = 0;
     virtual uint16_t sm_lid() const = 0;
 
@@ -49,7 +49,7 @@ class sa_client
     }
 };
 
-// A request to the SA; the payload is cut to the size of a MAD's payload.
+// A request to the SA. The payload is cut to the size of a MAD's payload.
 inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const void* payload,
                                    size_t payload_size)
 {
@@ -64,8 +64,8 @@ inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t 
     return mad;
 }
 
-// Opens a client on an active port: of the HCA named, or of any ("" ); with that number, or any (0). Error: not_found,
-// if there is no such active port; failed, if it cannot be opened.
+// Opens a client on an active port. `hca` is the name of the HCA, or "" for any; `port` is its number, or 0 for any.
+// Fails with not_found if there is no such active port, and with failed if it cannot be opened.
 ats::result<std::unique_ptr<sa_client>> open_sa_client(const std::string& hca, int port);
 
 } // namespace umad

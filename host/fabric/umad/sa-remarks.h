@@ -1,5 +1,5 @@
-// Lines for the administrator about answers of the SA: it is busy, it refuses a record of this host, or several records
-// hold one address. Each line is reported once.
+// Lines for the administrator about answers of the SA. The SA is busy, it refuses a record of this host, or several
+// records have the same address. Each line is reported once.
 #pragma once
 
 #include <set>

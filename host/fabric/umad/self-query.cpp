@@ -14,7 +14,7 @@ namespace
 
 // IBA 14.2.1.2: the header of a directed-route SMP, and its 64 bytes of attribute.
 struct directed_route_smp {
-    mad_hdr_t hdr; // the low half of its status word holds hop pointer and hop count
+    mad_hdr_t hdr; // the low half of its status word has the hop pointer and the hop count
     be64_t m_key;
     be16_t dr_source_lid;
     be16_t dr_destination_lid;
@@ -51,7 +51,8 @@ uint64_t number64(const uint8_t* bytes)
     return from_wire(number_at<be64_t>(bytes));
 }
 
-// IBA 14.2.5.6: 1 to 4. 5 (ActiveDefer) is a port whose link has an error that may pass: it still counts as active.
+// IBA 14.2.5.6: 1 to 4. State 5 (ActiveDefer) means that the link has an error that may pass; such a port counts as
+// active.
 fabric::link_state state_of(uint8_t port_state)
 {
     constexpr uint8_t active_deferred = 5;
@@ -108,7 +109,7 @@ fabric::mad_bytes self_query::next_question()
 bool self_query::accept(const fabric::mad_bytes& answer)
 {
     const auto smp = std::bit_cast<directed_route_smp>(answer);
-    constexpr uint8_t status_bits = 0x7F; // IBA 14.2.1.2: the top bit is the direction
+    constexpr uint8_t status_bits = 0x7F; // IBA 14.2.1.2: the top bit has the direction
     const uint8_t* status = smp.hdr.u.ns.status.raw16.bytes;
     const bool is_awaited = smp.hdr.m.r && static_cast<uint32_t>(from_wire(smp.hdr.transact_id)) == transaction_ &&
                             question_ != question::none;
@@ -177,7 +178,7 @@ void self_query::accept_p_keys(const uint8_t* block)
 {
     for (size_t i = 0; i < p_keys_in_block; ++i) attributes_.p_keys.push_back(number16(block + i * 2));
     if (++p_key_block_ < p_key_blocks_) return;
-    // Unused entries at the end go. Those in between stay, because each entry keeps its index.
+    // Remove unused entries at the end. Keep those in between, because each entry keeps its index.
     while (!attributes_.p_keys.empty() && attributes_.p_keys.back() == 0) attributes_.p_keys.pop_back();
     question_ = question::none;
     known_port_info_ = port_info_;

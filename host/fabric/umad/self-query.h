@@ -1,7 +1,7 @@
-// Asks a port for its own attributes: by directed-route SMPs of no hops (IBA 14.2.2), one at a time, from NodeInfo to
-// the last block of the P_Key table. A short look asks for PortInfo only, unless that has changed. A port answers
-// whether its link is up or not. Under ibsim this is the only way to see changes, because there the system's files do
-// not change.
+// Asks a port for its own attributes with directed-route SMPs of no hops (IBA 14.2.2). It sends one question at a time,
+// from NodeInfo to the last block of the P_Key table. A short look asks only for PortInfo, unless PortInfo has changed.
+// A port also answers while its link is down. Under ibsim this is the only way to see changes, because there the
+// system's files do not change.
 #pragma once
 
 #include <array>
@@ -21,14 +21,14 @@ class self_query
   public:
     explicit self_query(int port) : port_(port) {}
 
-    // Begins again. A short look needs one question, as long as PortInfo is what it was in the last whole look.
+    // Starts again. A brief look needs one question, unless PortInfo has changed since the last whole look.
     enum class look { whole, brief };
     void restart(look extent);
 
     // Returns the question that is not answered yet, with a new TransactionID.
     fabric::mad_bytes next_question();
 
-    // Takes an answer. False: it does not answer the last question, and is ignored.
+    // Processes an answer. Returns false, and ignores it, if it does not answer the last question.
     bool accept(const fabric::mad_bytes& answer);
 
     // The attributes, once the port has answered all questions since restart().
@@ -46,7 +46,7 @@ class self_query
     void accept_p_keys(const uint8_t* block);
 
     const int port_;
-    question question_ = question::node_info; // the one not answered yet
+    question question_ = question::node_info; // the next one without an answer
     uint16_t p_key_block_ = 0;
     uint16_t p_key_blocks_ = 1;
     uint32_t transaction_ = 0;
@@ -54,7 +54,7 @@ class self_query
     port_info_bytes port_info_{};
     fabric::port_attributes attributes_;
     look extent_ = look::whole;
-    port_info_bytes known_port_info_{}; // of the last whole look, as the next
+    port_info_bytes known_port_info_{}; // of the last whole look, like the following members
     fabric::port_attributes known_attributes_;
 };
 

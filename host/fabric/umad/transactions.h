@@ -1,6 +1,6 @@
 // Requests in flight, by the low half of their TransactionID: the kernel and ibsim replace the high half with a number
-// of their own. The table has a fixed size. Of two requests for one slot the newer one takes it; the answer to the
-// older one then counts as late.
+// of their own. The table has a fixed size. If two requests need the same slot, the newer one gets it. The answer to
+// the older one then counts as late.
 #pragma once
 
 #include <array>
@@ -21,7 +21,7 @@ class transactions
         slot_of(static_cast<uint32_t>(transaction)) = {.transaction = transaction, .is_in_flight = true};
     }
 
-    // Ends the request with this low half. Returns its whole TransactionID; none, if no such request is in flight.
+    // Ends the request with this low half. Returns its whole TransactionID, or none if no such request is in flight.
     std::optional<uint64_t> end(uint64_t received_transaction)
     {
         const auto low_half = static_cast<uint32_t>(received_transaction);
@@ -39,8 +39,8 @@ class transactions
     };
     static constexpr int bits = 10;
 
-    // Fibonacci hashing: TransactionIDs count up, and numbers that follow each other take different slots for hundreds
-    // of steps. GSI has two kinds of them, told apart by the highest bit of the half; neither takes slots of the other.
+    // Fibonacci hashing. TransactionIDs count up, and hundreds of consecutive numbers get different slots. GSI has two
+    // kinds of TransactionIDs, which differ in the highest bit of this half. The two kinds use separate slots.
     table_slot& slot_of(uint32_t low_half)
     {
         const size_t slot = (low_half * 0x9E3779B9u) << 1 >> (32 - bits);

@@ -1,4 +1,4 @@
-// Stands in for real ports in a build without libibumad.
+// Replaces the files for real ports in a build without libibumad.
 #include "host/fabric/umad/sa-client.h"
 #include "host/fabric/umad/umad.h"
 

@@ -87,7 +87,7 @@ std::string names_text(const std::vector<hca_listing>& hcas)
     return text;
 }
 
-// The HCAs that the options choose, in their order.
+// The HCAs that the options select, in their order.
 ats::result<std::vector<hca_listing>> chosen_hcas(const fabric_options& options)
 {
     auto hcas = list_hcas();
