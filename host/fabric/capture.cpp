@@ -13,7 +13,7 @@ namespace fabric
 namespace
 {
 
-// A pcap file is in the byte order of its writer; readers see it by the magic number.
+// A pcap file has the byte order of its writer. Readers detect it from the magic number.
 struct pcap_file_header {
     uint32_t magic = 0xA1B2C3D4; // timestamps in microseconds
     uint16_t major = 2;
@@ -48,7 +48,7 @@ struct local_route_header { // IBA 7.7
     uint8_t vl_and_version;
     uint8_t sl_and_next; // next header 2: BTH
     be16_t destination_lid;
-    be16_t length_in_words; // up to the VCRC, in 4 bytes
+    be16_t length_in_words; // up to the VCRC, in units of 4 bytes
     be16_t source_lid;
 };
 
@@ -56,7 +56,7 @@ struct base_transport_header { // IBA 9.2
     uint8_t opcode;
     uint8_t flags;
     be16_t p_key;
-    be32_t destination_qpn; // the first byte reserved
+    be32_t destination_qpn; // its first byte is reserved
     be32_t sequence_number; // 24 bits
 };
 constexpr uint8_t ud_send_only = 0x64; // IBA 9.2.1

@@ -1,6 +1,6 @@
-// The whole boundary between a host and a wire. GSI and verbs are written once against it; they cannot see whether a
-// simulated subnet or real ports are behind it. Names are the InfiniBand Architecture's; numbers are host order,
-// datagrams are wire bytes.
+// The whole boundary between a host and a wire. GSI and verbs use only this interface, so they work on a simulated
+// subnet and on real ports. Names are those of the InfiniBand Architecture. Numbers are in host order; datagrams are
+// wire bytes.
 #pragma once
 
 #include <array>
@@ -40,7 +40,7 @@ struct address {
 // IBA 14.2.5.6, PortInfo.PortState.
 enum class link_state : uint8_t { down = 1, init = 2, armed = 3, active = 4 };
 
-// The state of that number; down, if there is no such state.
+// Returns the state with that number, or `down` if there is no such state.
 constexpr link_state link_state_of(unsigned number)
 {
     return number >= 1 && number <= 4 ? static_cast<link_state>(number) : link_state::down;
@@ -64,28 +64,28 @@ struct port_attributes {
 
 enum class port_change { link_up, link_down, sm_change };
 
-// Receives the events of an HCA. It is called in the fabric's own context or in that of a poll(), one call of an HCA at
-// a time. The fabric then holds no lock that send() needs. The calls must not sleep.
+// Receives the events of an HCA. Calls come from the fabric's own context or from a poll(), one at a time for an HCA.
+// The fabric then holds no lock that send() needs. The calls must not sleep.
 class listener
 {
   public:
     // A datagram arrived at QP1 of `port`.
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
 
-    // Lends the calling task to the listener, so that it can complete what earlier mad_arrived() calls have queued.
-    // `again`: another such call follows within a few ticks, even if nothing arrives; so work may be left for it. A
-    // fabric without a task to lend never makes this call.
+    // Lends the calling task to the listener. The listener can complete the work of earlier mad_arrived() calls in it.
+    // With `again`, another such call follows within a few ticks, even if nothing arrives. The listener may then leave
+    // work for it. A fabric without a task to lend never makes this call.
     virtual void may_complete(bool /*again*/) {}
 
-    // `port` changed; `new_sm_lid` is valid for sm_change only. read_port() returns the new state already.
+    // `port` has changed. `new_sm_lid` is valid only for sm_change. read_port() already returns the new state.
     virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;
 
   protected:
     ~listener() = default;
 };
 
-// One host channel adapter as plugged into a host. The fabric owns it; it outlives its users. Any thread may make any
-// call. None throws on bad input.
+// One host channel adapter in a host. The fabric owns it, and it outlives its users. Any thread may make any call. No
+// call throws on bad input.
 class hca
 {
   public:
@@ -95,25 +95,25 @@ class hca
     // Reads the port's attributes. `port` must exist (the caller has checked it against port_count()). May sleep.
     virtual port_attributes read_port(int port) = 0;
 
-    // Hands one datagram to the wire from QP1 of `port`. True: accepted, though it may still be lost. False: the send
-    // queue is full or the port does not exist. Does not sleep, and does not allocate in the sender's account.
+    // Sends one datagram from QP1 of `port`. Returns true if it was accepted; it may still be lost. Returns false if
+    // the send queue is full or the port does not exist. Does not sleep, and does not allocate in the sender's account.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
 
-    // Busy polling, for a task that expects answers and would only sleep otherwise: for a moment it does the work of
-    // the fabric's own task, which is to receive and to call the listener. Waits at each port where something arrived a
-    // moment ago, for a tick at the most; does not wait at others. False: nothing arrived. For tasks that may sleep;
-    // never called by the listener.
+    // Busy polling, for a task that expects answers and would otherwise only sleep. For a short time it does the work
+    // of the fabric's own task: it receives and calls the listener. It waits at most one tick at each port that has
+    // just received something, and does not wait at other ports. Returns false if nothing arrived. For tasks that may
+    // sleep; the listener must not call it.
     virtual bool poll() { return false; }
 
-    // Sets the listener, or none (null). When this returns, the previous listener is not running and is not called
-    // again. May sleep; must not be called by the listener itself.
+    // Sets the listener, or removes it (null). After the return, the previous listener is not called any more. May
+    // sleep; the listener itself must not call it.
     virtual void listen(listener* listener) = 0;
 
   protected:
     ~hca() = default;
 };
 
-// Sees every datagram that crosses a boundary, in order. Called in the crossing context; must not sleep.
+// Sees every datagram that crosses a boundary, in order. Called in the sender's or receiver's context; must not sleep.
 class tap
 {
   public:

@@ -1,4 +1,5 @@
-// The two checksums of an InfiniBand packet (IBA 7.8). Both are sent least significant byte first, bits reflected.
+// The two checksums of an InfiniBand packet (IBA 7.8). Both are sent with the least significant byte first and with
+// reflected bits.
 #pragma once
 
 #include <array>
@@ -27,7 +28,7 @@ constexpr crc_t crc_step(crc_t crc, uint8_t byte)
     return static_cast<crc_t>(crc >> 8 ^ table[(crc ^ byte) & 0xFF]);
 }
 
-// The bits of a byte that a switch may change; the invariant CRC counts them as ones.
+// The bits of a byte that a switch may change. The invariant CRC counts them as ones.
 constexpr uint8_t variant_bits(size_t offset)
 {
     constexpr size_t vl_offset = 0, bth_reserved_offset = 12;

@@ -19,8 +19,8 @@ constexpr uint64_t component(path_record_component_t bit)
 // The values of a selector (IBA 15.2.5.16).
 enum selector_t : uint8_t { greater_than = 0, less_than = 1, exactly = 2, largest = 3 };
 
-// True if the path's `value` is what the request asks for. `field` holds the request's selector and value. A request
-// that selects the value alone asks for exactly this value.
+// Returns true if the path's `value` satisfies the request. `field` is the request's selector and value. A request with
+// a value but no selector asks for exactly this value.
 bool is_selected(uint64_t component_mask, path_record_component_t value_bit, path_record_component_t selector_bit,
                  uint8_t field, uint8_t value)
 {
@@ -33,7 +33,7 @@ bool is_selected(uint64_t component_mask, path_record_component_t value_bit, pat
     return selector == largest || value == requested;
 }
 
-// One end of a path as the request names it: by its GID, by its LID, or by both.
+// One end of a path. The request names it by its GID, by its LID, or by both.
 struct end_of_path {
     const port_record* port = nullptr;
     uint16_t status = 0;
@@ -49,8 +49,8 @@ end_of_path find_end(const port_directory& ports, bool has_gid, const wire_gid_t
     return {.port = port};
 }
 
-// The P_Key of `source` with which it reaches `destination`: both are in its partition, and one of them is a full
-// member (IBA 10.9.3). `requested`: the partition that the request asks for.
+// Returns the P_Key of `source` with which it can send to `destination`. Both ports are in its partition, and at least
+// one is a full member (IBA 10.9.3). If `requested` is set, only that partition counts.
 std::optional<uint16_t> shared_p_key(const port_record& source, const port_record& destination,
                                      std::optional<uint16_t> requested)
 {
@@ -68,7 +68,7 @@ std::optional<uint16_t> shared_p_key(const port_record& source, const port_recor
 constexpr uint32_t raw_traffic_bit = 0x80000000, flow_label_bits = 0x0FFFFF00, hop_limit_bits = 0xFF;
 constexpr uint16_t sl_bits = 0xF;
 
-// True if the request asks for what paths within a subnet do not have.
+// Returns true if the request asks for a route that paths within a subnet cannot have.
 bool asks_for_other_route(uint64_t component_mask, const ib_path_record_wire_t& record)
 {
     const auto selects = [&](path_record_component_t bit) { return (component_mask & component(bit)) != 0; };

@@ -53,10 +53,10 @@ void count(const mad_hdr_t& header, subnet_counts& counts)
     }
 }
 
-// Transaction, attribute, mask and payload stay those of the request.
+// Transaction, attribute, mask and payload do not change.
 void make_response(sa_mad_v2_t& mad, uint16_t status)
 {
-    // A Set is answered with SubnAdmGetResp, any other method with its own response (IBA 15.2.2).
+    // The method of an answer to a Set is SubnAdmGetResp. Any other method has its own response (IBA 15.2.2).
     if (mad.hdr.m.method == MAD_METHOD_SET) mad.hdr.m.method = MAD_METHOD_GET;
     mad.hdr.m.r = 1;
     mad.hdr.u.ns.status.raw16 = to_wire(status);
@@ -104,7 +104,7 @@ uint16_t subnet_administrator::serve(sa_mad_v2_t& mad, uint64_t now_ticks)
         if (status == 0) memcpy(mad.payload, &record, sizeof record);
         return status;
     };
-    // On the wire the AttributeID is in network order, whatever its declared type.
+    // On the wire, the AttributeID is in network order, despite its declared type.
     switch (from_wire(std::bit_cast<be16_t>(mad.hdr.attrib_id))) {
     case SA_ATTR_SERVICE_RECORD:
         return serve_record(ib_service_record_v2_t{}, [&](ib_service_record_v2_t& record) {
@@ -119,7 +119,7 @@ uint16_t subnet_administrator::serve(sa_mad_v2_t& mad, uint64_t now_ticks)
     }
 }
 
-// The subnet manager makes the paths; nobody else sets or deletes them.
+// Only the subnet manager makes paths. Requests cannot set or delete them.
 uint16_t subnet_administrator::serve_path_record(uint8_t method, uint64_t component_mask,
                                                  ib_path_record_wire_t& record) const
 {
@@ -135,7 +135,7 @@ uint16_t subnet_administrator::serve_service_record(uint8_t method, uint64_t com
         return set(component_mask, record, now_ticks);
     case MAD_METHOD_DELETE:
         return remove(component_mask, record, now_ticks);
-    // A Get that selects nothing matches every record, as a cleared bit is a wildcard (IBA 15.4.4).
+    // A Get without selected components matches every record, because a cleared bit is a wildcard (IBA 15.4.4).
     default:
         return status_word(records.get(component_mask, record, now_ticks, record));
     }
@@ -143,7 +143,7 @@ uint16_t subnet_administrator::serve_service_record(uint8_t method, uint64_t com
 
 uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // A record without an ID and a GID could not be found again.
+    // Without an ID and a GID, the record could not be found later.
     constexpr uint64_t required = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
     if ((component_mask & required) != required) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
     if (!ports_.by_gid(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
@@ -159,8 +159,8 @@ uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2
 
 uint16_t subnet_administrator::remove(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // A request deletes one record (IBA 15.4). One that selects by no component or selects several records is refused,
-    // and nothing is deleted.
+    // A request deletes one record (IBA 15.4). The SA refuses it, and deletes nothing, if it selects by no component or
+    // selects several records.
     if ((component_mask & defined_components) == 0) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
     return status_word(records.remove(component_mask, record, now_ticks, record));
 }

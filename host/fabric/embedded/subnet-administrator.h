@@ -1,7 +1,7 @@
-// The Subnet Administrator, a function from request to response (IBA 15.4): SubnAdmSet, SubnAdmGet and SubnAdmDelete of
-// ServiceRecords, and SubnAdmGet of PathRecords. It answers with single datagrams. It has no RMPP, and therefore no
-// SubnAdmGetTable. Class-specific codes (IBA 15.2.4) are the high byte of a status word. There is no lock: the caller
-// guards it.
+// The Subnet Administrator, a function from request to response (IBA 15.4). It serves SubnAdmSet, SubnAdmGet and
+// SubnAdmDelete of ServiceRecords, and SubnAdmGet of PathRecords. It answers with single datagrams. It has no RMPP, and
+// therefore no SubnAdmGetTable. Class-specific codes (IBA 15.2.4) are the high byte of a status word. There is no lock:
+// the caller guards it.
 #pragma once
 
 #include "host/fabric/embedded/faults.h"
@@ -17,18 +17,18 @@ class subnet_administrator
     // `ports` finds the ports of the subnet by GID and by LID; `paths` are the attributes of its paths.
     subnet_administrator(size_t record_limit, port_directory ports, const path_attributes& paths = {});
 
-    // Counts a request and turns it into its response, in place. False: it has no answer, because it is a response or a
-    // datagram of another class.
+    // Counts a request and replaces it with its response. Returns false if it gets no response, because it is itself a
+    // response or belongs to another class.
     bool answer(fabric::mad_bytes& mad, uint64_t now_ticks, subnet_counts& counts);
 
-    // The same, but answers `status` and does nothing else.
+    // Does the same, but only answers `status`.
     bool refuse(fabric::mad_bytes& mad, uint16_t status, subnet_counts& counts);
 
     service_records records;
 
   private:
-    // Each serves a request with its record and returns the status word. If that is 0, it leaves there the record
-    // that it stored, found or deleted; otherwise it leaves it alone.
+    // Each function serves a request and returns the status word. If the status is 0, the request's record becomes the
+    // record that was stored, found or deleted. Otherwise it does not change.
     uint16_t serve(sa_mad_v2_t& mad, uint64_t now_ticks);
     uint16_t serve_service_record(uint8_t method, uint64_t component_mask, ib_service_record_v2_t& record,
                                   uint64_t now_ticks);
