@@ -12,7 +12,7 @@ namespace
 
 constexpr uintptr_t lowest_address = 0x10000; // no program has memory below it
 constexpr uint64_t page_bytes = 4096;
-constexpr size_t max_unknown = 4096; // then all are forgotten, and get new addresses when they appear again
+constexpr size_t max_unknown = 4096; // at this limit all are forgotten; they get new addresses when they appear again
 
 uint64_t round_up(size_t bytes, uint64_t unit)
 {

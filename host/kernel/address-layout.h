@@ -1,6 +1,6 @@
-// The addresses that a machine's log shows. The real addresses of a program's memory differ from run to run, so a
-// printed pointer is shown as an address in a nominal layout: equal runs then print equal logs. Pointers are translated
-// only when they are printed.
+// The addresses that a machine's log shows. The real addresses of a program's memory differ from run to run. Therefore
+// a pointer is printed as an address in a nominal layout, and equal runs print equal logs. Pointers are translated only
+// when they are printed.
 #pragma once
 
 #include <cstddef>
@@ -18,23 +18,24 @@ class memory_account;
 // The nominal addresses of a machine's parts.
 constexpr uint64_t nominal_allocations = 0xffff880000000000; // blocks of kmalloc, in order of allocation
 constexpr uint64_t nominal_unknown = 0xffff8f0000000000;     // stacks and the like, in order of appearance
-constexpr uint64_t nominal_objects = 0xffffc90000000000;     // other memory that was added, in order of addition
+constexpr uint64_t nominal_objects = 0xffffc90000000000;     // other added memory, in order of addition
 constexpr uint64_t nominal_images = 0xffffffffa0000000;      // modules, in order of loading
-constexpr uint64_t image_room = 0x100000; // of each module, so that its address does not depend on the size of others
+// address space for each module; its address does not depend on the size of other modules
+constexpr uint64_t image_room = 0x100000;
 
 class address_layout
 {
   public:
-    // Blocks of kmalloc are looked up in `memory`, which must outlive this.
+    // Finds blocks of kmalloc in `memory`, which must outlive this object.
     explicit address_layout(const memory_account& memory) : memory_(memory) {}
     address_layout(const address_layout&) = delete;
     address_layout& operator=(const address_layout&) = delete;
 
-    // The address to print for a pointer, which need not be valid. Null and small numbers that were cast to a pointer
-    // stay as they are. Any thread, any context.
+    // Returns the address to print for a pointer. The pointer need not be valid. Null, and small numbers that were cast
+    // to a pointer, do not change. Any thread, any context.
     uint64_t nominal(const void* pointer);
 
-    // Gives memory a nominal address of its own until it is removed, which must happen before it is freed.
+    // Gives memory a nominal address of its own until it is removed. Remove it before the memory is freed.
     void add_image(const void* begin, size_t bytes);
     void add_object(const void* begin, size_t bytes);
     void remove(const void* begin);
@@ -45,11 +46,11 @@ class address_layout
         uint64_t nominal;
         bool is_image;
     };
-    std::optional<uint64_t> find(const char* pointer) const; // with mutex_ held
+    std::optional<uint64_t> find(const char* pointer) const; // the caller holds mutex_
 
     const memory_account& memory_;
-    mutable std::mutex mutex_;            // guards the rest
-    std::map<const char*, range> ranges_; // by their beginning
+    mutable std::mutex mutex_;            // guards the following members
+    std::map<const char*, range> ranges_; // by start address
     size_t image_count_ = 0;
     uint64_t next_image_ = nominal_images;
     uint64_t next_object_ = nominal_objects;
@@ -57,7 +58,7 @@ class address_layout
     uint64_t next_unknown_ = nominal_unknown;
 };
 
-// Adds an object while it lives.
+// Adds an object during its lifetime.
 class shown_object
 {
   public:

@@ -1,4 +1,4 @@
-// The kernel calls that each lead to one part of the calling task's machine.
+// Kernel calls that only need one part of the calling task's machine.
 
 #include <algorithm>
 #include <cstdarg>
@@ -37,8 +37,8 @@ void printk(const char* format, ...)
     const size_t length = kernel::format_text(text, sizeof text, format, arguments, shown_address);
     va_end(arguments);
     if (length >= sizeof text && std::string_view(format).ends_with('\n'))
-        text[sizeof text - 2] = '\n'; // a text that was cut still ends its line
-    // A NUL that was printed as a character (%c) is left out: it does not end the text.
+        text[sizeof text - 2] = '\n'; // keep the line end of a text that was cut
+    // Remove NULs that were printed as characters (%c): they do not end the text.
     *std::remove(text, text + std::min(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& machine = current_machine(__func__);
     exec::print_capture* capture = exec::current_task()->capture;

@@ -1,4 +1,4 @@
-// The machine that the calling task runs in.
+// The machine in which the calling task runs.
 #pragma once
 
 #include "host/exec/task.h"
@@ -10,14 +10,14 @@ namespace kernel
 
 class machine;
 
-// The machine of the calling task. A hard error that names `caller` if the task is outside of all machines.
+// Returns the machine of the calling task. A hard error that names `caller` if the task is outside of all machines.
 machine& current_machine(const char* caller);
 
-// The same at the start of a kernel call that may sleep. A hard error in a context that may not sleep. Other tasks may
-// run first, as in a real kernel.
+// The same, for the start of a kernel call that may sleep. A hard error in a context that may not sleep. As in a real
+// kernel, other tasks may run first.
 machine& machine_where_others_may_run(const char* call);
 
-// down_interruptible() for the kernel itself: injected faults do not reach it.
+// The same as down_interruptible(), but for the kernel itself: injected faults do not affect it.
 int down_or_signal(semaphore* sem);
 
 } // namespace kernel

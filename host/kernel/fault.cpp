@@ -8,7 +8,7 @@ namespace kernel
 namespace
 {
 
-// A number whose bits depend on all bits of `number` (the finalizer of SplitMix64).
+// Returns a number whose bits depend on all bits of `number` (the finalizer of SplitMix64).
 uint64_t mixed(uint64_t number)
 {
     number = (number ^ number >> 30) * 0xBF58476D1CE4E5B9;

@@ -61,7 +61,7 @@ struct conversion {
     char size = 0; // 'h', 'l', 'z' or 't'; 'H' for hh, 'L' for ll and L
 };
 
-// False if the character is not a flag.
+// Returns false if the character is not a flag.
 bool take_flag(char c, conversion& form)
 {
     switch (c) {
@@ -86,7 +86,7 @@ bool take_flag(char c, conversion& form)
     return true;
 }
 
-// The number at `*format`, which moves behind it.
+// Reads the number at `*format` and moves `*format` behind it.
 int take_number(const char** format)
 {
     constexpr int largest = 65536; // buffers are shorter
@@ -126,7 +126,7 @@ unsigned base_of(char letter)
     }
 }
 
-// A number with its `sign` (0: none), in the base of the conversion `letter`.
+// Prints a number with its `sign` (0 means none) in the base of the conversion `letter`.
 void put_number(text_writer& writer, uint64_t number, char sign, char letter, const conversion& form)
 {
     const char* set = letter == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
@@ -158,7 +158,7 @@ void put_number(text_writer& writer, uint64_t number, char sign, char letter, co
     if (form.is_left) writer.fill(' ', padding);
 }
 
-// The arguments of a format, one after the other. A record, because a va_list cannot be passed by reference everywhere.
+// The arguments of a format, in order. It is a struct because a va_list cannot be passed by reference everywhere.
 struct argument_list {
     va_list next;
 
@@ -196,7 +196,7 @@ struct argument_list {
     }
 };
 
-// Flags, width, precision and size at `*format`, which moves behind them.
+// Reads flags, width, precision and size at `*format` and moves `*format` behind them.
 conversion take_conversion(const char** format, argument_list& arguments)
 {
     conversion form;
@@ -249,7 +249,7 @@ void put_pointer(text_writer& writer, uint64_t value, conversion form)
     put_number(writer, value, 0, 'x', form);
 }
 
-// False if there is no such conversion.
+// Returns false if there is no such conversion.
 bool put_argument(text_writer& writer, char letter, const conversion& form, argument_list& arguments,
                   pointer_value_fn value_of)
 {
@@ -299,7 +299,7 @@ size_t format_text(char* buffer, size_t size, const char* format, va_list argume
         if (put_argument(writer, *format, form, list, value_of))
             ++format;
         else
-            writer.put(percent, static_cast<size_t>(format - percent)); // the letter follows as plain text
+            writer.put(percent, static_cast<size_t>(format - percent)); // the letter is then printed as plain text
     }
     va_end(list.next);
     return writer.finish();

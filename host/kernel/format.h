@@ -13,9 +13,9 @@ namespace kernel
 // Returns the number that "%p" prints for a pointer.
 using pointer_value_fn = uint64_t (*)(const void* pointer);
 
-// Writes the text into `buffer`, cut to `size` bytes including its NUL; `size` is at least 1. Returns the length of the
-// whole text. Conversions: d i u x X o c s p %, with the flags - + space # 0, a width, a precision, and the sizes
-// hh h l ll L z t. A null text is printed as "<NULL>". Anything else is printed unchanged and takes no argument.
+// Writes the text into `buffer`, cut to `size` bytes including its NUL. `size` is at least 1. Returns the length of the
+// whole text. The conversions are d i u x X o c s p %, with the flags - + space # 0, a width, a precision, and the
+// sizes hh h l ll L z t. A null text is printed as "<NULL>". Anything else is printed unchanged and uses no argument.
 size_t format_text(char* buffer, size_t size, const char* format, va_list arguments, pointer_value_fn value_of);
 
 } // namespace kernel

@@ -19,12 +19,13 @@ class inter_module_registry
   public:
     explicit inter_module_registry(machine& machine) : machine_(machine) {}
 
-    // A hard error if the name is taken.
+    // A hard error if the name is in use.
     void publish(const std::string& name, const kernel_module_t* owner, const void* pointer);
-    // A hard error if the name is unknown or held.
+    // A hard error if the name is unknown or others hold references.
     void withdraw(const std::string& name);
 
-    // The pointer of that name, with a reference on its owner until put(); null if there is none or its owner unloads.
+    // Returns the pointer with that name and takes a reference on its owner, until put(). Null if there is no such name
+    // or its owner is being unloaded.
     const void* get(const std::string& name);
 
     // Returns one reference. A hard error if there is none.
@@ -32,10 +33,10 @@ class inter_module_registry
 
     std::vector<std::string> names() const;
 
-    // How many references of get() are held; 0 for an unknown name.
+    // The number of references taken with get(); 0 for an unknown name.
     int references(const std::string& name) const;
 
-    // A name that belongs to this module, or "".
+    // Returns a name that belongs to this module, or "".
     std::string name_owned_by(const kernel_module_t& owner) const;
 
   private:
@@ -45,7 +46,7 @@ class inter_module_registry
         int references;
     };
     machine& machine_;
-    mutable std::mutex mutex_; // guards the rest
+    mutable std::mutex mutex_; // guards the following members
     std::map<std::string, entry> entries_;
 };
 

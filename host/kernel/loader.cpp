@@ -18,10 +18,10 @@ class loaded_module
 {
   public:
     std::list<std::string> texts;     // values of text parameters
-    module_image image;               // unmapped before the texts go
-    int references = 0;               // rmmod is refused while there are any
+    module_image image;               // unmapped before the texts are freed
+    int references = 0;               // rmmod is refused while there are references
     int visitors = 0;                 // rmmod waits for them
-    bool is_unloading = false;        // nobody can become a user any more
+    bool is_unloading = false;        // no new users are accepted
     const task* start_task = nullptr; // runs the entry function
     task* unload_task = nullptr;      // waits for the users to leave
 
@@ -45,7 +45,8 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
     auto image = std::make_unique<loaded_module>();
     loaded_module& module = *image;
     if (const ats::result<> result = module.image.map(path); !result) {
-        if (result.error().kind == ats::error_kind::no_memory) return result; // says nothing about the image
+        // such an error does not concern the image
+        if (result.error().kind == ats::error_kind::no_memory) return result;
         return ats::fail(result.error().kind, "insmod: " + result.error().text);
     }
 
@@ -59,14 +60,14 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
         if (module.declaration().logger_level) *module.declaration().logger_level = logger_level_;
         const image_range range = range_of_image(&module.declaration());
         machine_.addresses.add_image(range.begin, range.bytes);
-        module.start_task = current_task(); // before others can find the module, so that rmmod is refused
+        module.start_task = current_task(); // set before others can find the module; rmmod is then refused
         modules_.push_back(std::move(image));
     }
     const int start_result = start(module);
     if (start_result >= 0) return {};
 
     const std::string number = std::to_string(start_result);
-    wait_for_users(module); // of /proc entries that it has removed
+    wait_for_users(module); // users of the /proc entries that it has removed
     unmap(module);
     const ats::error_kind kind = start_result == -EK_INVAL ? ats::error_kind::invalid : ats::error_kind::failed;
     return ats::fail(kind, title + "start-up failed with " + number + " (" + std::strerror(-start_result) +
@@ -122,7 +123,8 @@ void loader::wait_for_users(loaded_module& module)
     while (has_users()) current_task()->exec.park(never, "rmmod", module.name());
 }
 
-// The module's code will not run again: what it has left behind would point at unmapped memory.
+// A hard error if the module has left something behind. Its code is about to be unmapped, so pointers to it would
+// become invalid.
 void loader::check_leftovers(const loaded_module& module) const
 {
     const kernel_module_t& declaration = module.declaration();
@@ -143,7 +145,7 @@ void loader::unmap(loaded_module& module)
     machine_.memory.note_unmapping(module_code(declaration.name, &declaration));
     machine_.addresses.remove(range_of_image(&declaration).begin);
 
-    // Destroyed after the lock is released, since the image's destructors may call the kernel.
+    // Destroyed after the lock is released, because the image's destructors may call the kernel.
     std::unique_ptr<loaded_module> image;
     const std::lock_guard lock(mutex_);
     const auto position =
@@ -212,7 +214,7 @@ void loader::drop_user(const kernel_module_t* owner, int loaded_module::*count)
     loaded_module* module = find(owner);
     if (!module || module->*count == 0) panic("a reference on a module is returned that nobody took");
     --(module->*count);
-    // Woken under the lock, which the task takes to read the counts. Afterwards the task may have ended.
+    // Wake the task while holding the lock. The task takes the lock to read the counts, so it cannot have ended yet.
     if (module->unload_task) module->unload_task->exec.wake(*module->unload_task);
 }
 

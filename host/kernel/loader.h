@@ -1,4 +1,4 @@
-// insmod and rmmod.
+// Loads and unloads modules.
 #pragma once
 
 #include <cstdint>
@@ -26,22 +26,22 @@ class loader
     explicit loader(machine& machine);
     ~loader();
 
-    // Loads a module: maps a private copy of the image at `path`, so that its statics are its own and zero; sets the
-    // parameters, given as "name=value name=\"two words\""; writes the logger level; runs its entry function. Nothing
-    // stays loaded after a failure. Fails if
+    // Loads a module. Maps a private copy of the image at `path`; its statics are its own and start at zero. Sets the
+    // parameters, which are written as "name=value name=\"two words\"". Writes the logger level and runs the entry
+    // function. After a failure, nothing stays loaded. Fails if
     // - there is no image at `path` (not_found),
     // - the image does not fit, or a parameter is unknown, malformed or repeated (invalid),
-    // - a module of that name is loaded already (exists),
-    // - a limit of the process is used up (no_memory),
+    // - a module with that name is already loaded (exists),
+    // - a limit of the process is reached (no_memory),
     // - the entry function fails (invalid for -EK_INVAL, otherwise failed).
-    // The caller may be outside of the machine; the call then enters it. May sleep.
+    // If the caller is outside of the machine, the call enters it. May sleep.
     ats::result<> insmod(const std::string& path, const std::string& parameters = "");
 
-    // Unloads a module: waits for the /proc handlers that run in it, runs its exit function, unmaps it. Fails if no
-    // module of that name is loaded (not_found), or while others hold references or it is still starting (busy).
-    // From the start of an unloading on, no handler of its /proc entries is called. A hard error is raised if the exit
-    // function leaves a name, a /proc entry, or something that a service of the machine holds. The caller may be
-    // outside of the machine. May sleep.
+    // Unloads a module: waits for its running /proc handlers, runs its exit function, unmaps it. Fails if no module
+    // with that name is loaded (not_found). Also fails while others hold references or it is still starting (busy).
+    // Once the unloading has begun, no handler of its /proc entries is called. It is a hard error if the exit function
+    // leaves a published name, a /proc entry, or something in a service of the machine. The caller may be outside of
+    // the machine. May sleep.
     ats::result<> rmmod(const std::string& name);
 
     bool is_loaded(const std::string& name) const;
@@ -50,19 +50,19 @@ class loader
     std::vector<std::string> loaded() const;
 
     // Returns the address of an exported symbol of a loaded module, or null if there is none. Also returns null while
-    // the module starts or unloads, because the symbol may not be initialised then.
+    // the module is starting or unloading, because the symbol may not be initialised then.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
-    // Takes and returns a reference on a module; rmmod() is refused meanwhile. hold() is false once unloading has
-    // begun. A null `owner` stands for the kernel itself, which is never unloaded. Any context.
+    // Take and return a reference on a module. rmmod() is refused while there are references. hold() returns false once
+    // unloading has begun. A null `owner` means the kernel itself, which is never unloaded. Any context.
     bool hold(const kernel_module_t* owner);
     void release(const kernel_module_t* owner);
 
-    // The same for a /proc handler that is about to run. rmmod() waits for it instead of being refused.
+    // Does the same for a /proc handler that is about to run. rmmod() then waits instead of failing.
     bool enter(const kernel_module_t* owner);
     void leave(const kernel_module_t* owner);
 
-    // Writes the logger's level into every loaded image, and into those loaded later.
+    // Writes the logger's level into every loaded image. Images that are loaded later get it, too.
     void set_logger_level(int32_t level);
     int32_t logger_level() const;
 
@@ -75,16 +75,17 @@ class loader
     void unmap(loaded_module& module);
     bool add_user(const kernel_module_t* owner, int loaded_module::*count);
     void drop_user(const kernel_module_t* owner, int loaded_module::*count);
-    loaded_module* find(const std::string& name) const; // the caller of both holds mutex_
+    loaded_module* find(const std::string& name) const; // both: the caller holds mutex_
     loaded_module* find(const kernel_module_t* declaration) const;
 
     machine& machine_;
-    mutable std::mutex mutex_; // guards the rest and the counts of modules_; never held while module code runs
+    // guards the following members and the counts in modules_; never held while module code runs
+    mutable std::mutex mutex_;
     std::list<std::unique_ptr<loaded_module>> modules_;
     int32_t logger_level_ = 5;
 };
 
-// A symbol of a loaded module. The module stays loaded while this lives.
+// A symbol of a loaded module. The module stays loaded during its lifetime.
 class held_symbol
 {
   public:
@@ -102,7 +103,7 @@ class held_symbol
 
     explicit operator bool() const { return address_ != nullptr; }
 
-    // The symbol as the type that the caller knows it to have, such as a function pointer.
+    // Casts the symbol to a type that the caller knows, for example a function pointer.
     template <class pointer_t>
     pointer_t as() const
     {

@@ -9,7 +9,7 @@ namespace kernel
 namespace
 {
 
-constexpr size_t mark_size = 3; // of "<n>"
+constexpr size_t mark_size = 3; // length of "<n>"
 
 bool has_mark(std::string_view text)
 {
@@ -35,7 +35,7 @@ std::string log_line::raw() const
 void log::append(uint64_t tick, std::string_view text)
 {
     const std::lock_guard lock(mutex_);
-    last_tick_ = std::max(last_tick_, tick); // callers read the clock before they take the lock
+    last_tick_ = std::max(last_tick_, tick); // callers read the clock before they lock
     while (!text.empty()) {
         const size_t end = text.find('\n');
         const bool has_end = end != std::string_view::npos;

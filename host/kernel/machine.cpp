@@ -23,7 +23,8 @@ machine::~machine()
 
 std::vector<std::string> machine::left_by(const module_code& code) const
 {
-    std::vector<const service*> services; // called without the lock, since a service may make another one under its own
+    // called without the lock, because a service may create another one in its call
+    std::vector<const service*> services;
     {
         const std::lock_guard lock(services_mutex_);
         for (const auto& each : services_) services.push_back(each.get());
@@ -40,7 +41,8 @@ service& machine::find_or_make(std::type_index type, std::unique_ptr<service> (*
         const std::lock_guard lock(services_mutex_);
         if (const auto entry = services_by_type_.find(type); entry != services_by_type_.end()) return *entry->second;
     }
-    // Made without the lock, since a service may use others. If two threads make one at once, the first one stays.
+    // Create it without the lock, because a service may use others. If two threads create one at the same time, the
+    // first one is kept.
     std::unique_ptr<service> instance = make(*this);
     const std::lock_guard lock(services_mutex_);
     const auto [entry, is_new] = services_by_type_.try_emplace(type, instance.get());

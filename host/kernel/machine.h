@@ -1,4 +1,4 @@
-// One host computer. A process can hold many machines; kernel calls find theirs through the calling task.
+// One host computer. A process can have many machines. Kernel calls find their machine through the calling task.
 #pragma once
 
 #include <atomic>
@@ -25,19 +25,19 @@
 namespace kernel
 {
 
-// A part of a machine that a layer above the kernel adds: verbs, GSI, timing, the registry.
+// A part of a machine that belongs to a layer above the kernel: verbs, GSI, timing, the registry.
 class service
 {
   public:
     virtual ~service() = default;
 
-    // Names, in one text each, the things that the service still holds for a module whose exit function has run: those
-    // that would call into the module later, and those that nobody can give back any more. May sleep.
+    // Describes everything that the service still holds for a module after the module's exit function, one text each:
+    // things that would later call the module, and things that nobody else can release. May sleep.
     virtual std::vector<std::string> left_by(const module_code&) const { return {}; }
 };
 
 struct machine_options {
-    uint64_t random_seed = 0;             // 0: random bytes come from the system
+    uint64_t random_seed = 0;             // 0 means random bytes from the system
     size_t log_bytes = default_log_bytes; // the log's limit
 };
 
@@ -47,7 +47,7 @@ class machine final : public exec::task_home
     // The executor must outlive the machine.
     machine(executor& exec, std::string name, const machine_options& options = {});
 
-    // Destroys the services in reverse order of creation, and prints leaks to stderr. A hard error if a module is
+    // Destroys the services in reverse order of creation, and prints leaks to stderr. A hard error if a module is still
     // loaded.
     ~machine();
     machine(const machine&) = delete;
@@ -55,25 +55,25 @@ class machine final : public exec::task_home
 
     executor& exec() const { return exec_; }
 
-    // HCAs are plugged before modules that look for them are loaded. They belong to the fabric.
+    // Plug HCAs before loading modules that look for them. The fabric owns the HCAs.
     void plug(fabric::hca& adapter) { hcas_.push_back(&adapter); }
     const std::vector<fabric::hca*>& hcas() const { return hcas_; }
 
-    // The machine's only `service_t`, which the first call makes with service_t(machine&). The first call is made where
-    // it may sleep; code in other contexts keeps a pointer. Any thread.
+    // Returns the machine's only `service_t`. The first call creates it with service_t(machine&) and may sleep. Code in
+    // contexts that may not sleep keeps a pointer. Any thread.
     template <class service_t>
     service_t& get();
 
-    // Runs `body` inside this machine for a thread from outside; see executor::enter.
+    // For a thread from outside: runs `body` inside this machine; see executor::enter.
     void enter(const std::string& task_name, const std::function<void()>& body) { exec_.enter(this, task_name, body); }
 
-    // Starts a task inside this machine; see executor::start. Reports name it "machine/name".
+    // Starts a task inside this machine; see executor::start. Reports show its name as "machine/name".
     task& start(const std::string& task_name, std::function<void()> body)
     {
         return exec_.start(this, task_name, std::move(body));
     }
 
-    // Names the things that the services still hold for a module whose exit function has run. May sleep.
+    // Describes everything that the services still hold for a module after its exit function. May sleep.
     std::vector<std::string> left_by(const module_code& code) const;
 
     kernel::log log;
@@ -92,7 +92,7 @@ class machine final : public exec::task_home
 
     executor& exec_;
     std::vector<fabric::hca*> hcas_;
-    mutable std::mutex services_mutex_; // guards the rest
+    mutable std::mutex services_mutex_; // guards the following members
     std::unordered_map<std::type_index, service*> services_by_type_;
     std::vector<std::unique_ptr<service>> services_; // in order of creation
 };
