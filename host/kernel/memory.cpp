@@ -88,7 +88,7 @@ std::optional<uint64_t> memory_account::nominal(const void* pointer) const
     auto entry = blocks_.find(pointer);
     if (entry == blocks_.end())
         entry = std::find_if(blocks_.begin(), blocks_.end(), [pointer](const auto& each) {
-            const std::less<const void*> lies_before; // compares pointers into different blocks, too
+            const std::less<const void*> lies_before; // also compares pointers into different blocks
             const void* end = static_cast<const char*>(each.first) + each.second.size;
             return lies_before(each.first, pointer) && lies_before(pointer, end);
         });

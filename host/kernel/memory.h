@@ -1,4 +1,4 @@
-// The memory that kmalloc hands out on one machine. It is counted, and leaks are listed.
+// The memory that kmalloc allocates on one machine. It is counted, and leaks are listed.
 #pragma once
 
 #include <cstddef>
@@ -26,27 +26,28 @@ class memory_account
     memory_account(const memory_account&) = delete;
     memory_account& operator=(const memory_account&) = delete;
 
-    // The blocks that have not been freed: their number, and their size together.
+    // The number of blocks that have not been freed, and their total size.
     size_t blocks() const;
     size_t bytes() const;
 
-    // How many blocks have been allocated so far.
+    // The number of all blocks allocated so far.
     uint64_t total_allocations() const;
 
     // One line for each block that has not been freed: its size and the code that allocated it. The code is a symbol,
-    // or a place in its image as addr2line takes it: "ats+0x1a2b".
+    // or a place in its image for addr2line: "ats+0x1a2b".
     std::vector<std::string> leaks() const;
 
-    // Called before an image is unmapped: notes the module's name for the blocks that its code has allocated.
+    // Call it before an image is unmapped. Stores the module's name for the blocks that its code has allocated.
     void note_unmapping(const module_code& code);
 
     // Returns null if there is no memory. `caller` is the code that allocates.
     void* allocate(size_t size, const void* caller);
 
-    // The address that the log shows for a pointer into a block; nothing if it points into none.
+    // Returns the address that the log shows for a pointer into a block, or none if the pointer is outside of all
+    // blocks.
     std::optional<uint64_t> nominal(const void* pointer) const;
 
-    // Frees a block. False if it is not a block of this machine.
+    // Frees a block. Returns false if this machine has no such block.
     bool release(const void* memory);
 
   private:
@@ -54,9 +55,9 @@ class memory_account
         size_t size;
         const void* caller;
         uint64_t nominal;        // the address that the log shows
-        std::string caller_text; // names the caller after its image was unmapped; else empty
+        std::string caller_text; // names the caller after its image was unmapped; otherwise empty
     };
-    mutable std::mutex mutex_;                     // guards the rest
+    mutable std::mutex mutex_;                     // guards the following members
     std::pmr::unsynchronized_pool_resource nodes_; // memory for the map, which changes with every call
     std::pmr::unordered_map<const void*, block> blocks_{&nodes_};
     size_t bytes_ = 0;

@@ -23,9 +23,10 @@ namespace kernel
 namespace
 {
 
-constexpr rlim_t spare_descriptors = 16; // for the file, the linker and other threads
+constexpr rlim_t spare_descriptors = 16; // left for the file, the linker and other threads
 
-// Every image keeps a descriptor open, and a thousand machines need more of them than a process may open at first.
+// Raises the limit of open descriptors. Every image keeps one open, and a thousand machines need more than the default
+// limit.
 void allow_descriptors_beyond(int descriptor)
 {
     rlimit limit{};
@@ -49,7 +50,7 @@ ats::result<> copy_file(int source, int copy)
     return {};
 }
 
-// The size of the object that begins at `address`, from the symbol table of its image; 0 if there is no such object.
+// Returns the size of the object at `address`, from the symbol table of its image, or 0 if there is no such object.
 size_t object_size(const void* address)
 {
     Dl_info place{};
@@ -64,7 +65,7 @@ std::string path_of(int descriptor)
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// Under clang's address sanitizer, the size of a variable includes the guard behind it.
+// Clang's address sanitizer adds a guard behind each variable. The size of the symbol includes it.
 bool is_size_of_declaration(size_t bytes)
 {
 #if defined(__SANITIZE_ADDRESS__) && defined(__clang__)
@@ -119,7 +120,7 @@ module_image::~module_image()
         dlclose(handle_);
         if (void* still_mapped = dlopen(path_of(copy_).c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
             dlclose(still_mapped);
-            is_unmapped = false; // some images ask to stay; then no other copy may ever have this path
+            is_unmapped = false; // an image can ask to stay mapped; then no other copy can ever use this path
         }
     }
     if (copy_ >= 0 && is_unmapped) close(copy_);
@@ -151,7 +152,7 @@ ats::result<> module_image::copy(const std::string& path)
         return tl::make_unexpected(
             exec::shortage_error("no room for a copy of " + path + " (" + std::strerror(errno) + ")"));
     allow_descriptors_beyond(copy_);
-    // O_NONBLOCK: opening a FIFO without a writer must not block. A FIFO is refused once it is open.
+    // O_NONBLOCK: without it, opening a FIFO without a writer would block. A later check refuses a FIFO.
     const int source = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     const ats::result<> result = source < 0 ? ats::fail(std::strerror(errno)) : copy_file(source, copy_);
     if (source >= 0) close(source);
@@ -161,8 +162,8 @@ ats::result<> module_image::copy(const std::string& path)
                      "no module image at " + path + " (" + result.error().text + "): build it or give its path");
 }
 
-// Fails if this kernel cannot use the module's record; the text says what the record has. Reads a field only if the
-// checks before show that it exists.
+// Fails if this kernel cannot use the module's record. The error describes the record. Reads a field only if an earlier
+// check shows that it exists.
 ats::result<> module_image::check_declaration() const
 {
     if (const size_t size = object_size(declaration_); !is_size_of_declaration(size))
@@ -185,7 +186,7 @@ bool module_image::contains(const void* address) const
 
 void* module_image::symbol(const std::string& name) const
 {
-    void* address = dlsym(handle_, name.c_str()); // searches the libraries that the image needs, too
+    void* address = dlsym(handle_, name.c_str()); // also searches the libraries that the image needs
     return contains(address) ? address : nullptr;
 }
 

@@ -21,14 +21,14 @@ class module_image
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    // Maps a copy of the file. Called once. Fails if there is no such file (not_found), if it is not a module that this
-    // kernel can use (invalid), or if a limit of the process is used up (no_memory).
+    // Maps a copy of the file. Call it once. Fails if there is no such file (not_found), if this kernel cannot use it
+    // as a module (invalid), or if a limit of the process is reached (no_memory).
     ats::result<> map(const std::string& path);
 
-    // The module's `this_module`, in the image; null before map() has succeeded.
+    // The module's `this_module`, which is inside the image. Null before map() has succeeded.
     kernel_module_t* declaration() const { return declaration_; }
 
-    // The address of a symbol that the image itself exports, or null.
+    // Returns the address of a symbol that the image itself exports, or null.
     void* symbol(const std::string& name) const;
 
   private:
@@ -36,12 +36,13 @@ class module_image
     ats::result<> check_declaration() const;
     bool contains(const void* address) const;
 
-    int copy_ = -1; // a memory file; stays open, since the linker takes equal paths for one object
+    int copy_ = -1; // a memory file; stays open, because the linker treats equal paths as one object
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;
 };
 
-// The address range of a loaded module. The kernel and its services use it to find what the module has left behind.
+// The address range of a loaded module. With it the kernel and its services find everything that the module has left
+// behind.
 class module_code
 {
   public:
@@ -50,7 +51,7 @@ class module_code
 
     const std::string& name() const { return name_; }
 
-    // True if the code belongs to the module.
+    // Returns true if the code belongs to the module.
     bool holds(const void* code) const;
 
     template <class result_t, class... arguments_t>
@@ -59,7 +60,7 @@ class module_code
         return holds(reinterpret_cast<const void*>(function));
     }
 
-    // The place of code as addr2line takes it: "ats+0x1a2b".
+    // A place in the code, in the form for addr2line: "ats+0x1a2b".
     std::string place(const void* code) const;
 
     template <class result_t, class... arguments_t>
@@ -73,17 +74,17 @@ class module_code
     const void* const base_;
 };
 
-// A place in the image that is mapped at `base`: "ats+0x1a2b".
+// A place in the image that is mapped at `base`, for example "ats+0x1a2b".
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// The mapped image that contains an address, a module's or another; zero bytes if there is none. Any thread.
+// The mapped image that contains an address, of a module or another one. Zero bytes if there is none. Any thread.
 struct image_range {
     const void* begin = nullptr;
     size_t bytes = 0;
 };
 image_range range_of_image(const void* address);
 
-// Where that image begins; null if there is none. Any thread.
+// The start address of that image, or null if there is none. Any thread.
 const void* image_of(const void* address);
 
 } // namespace kernel

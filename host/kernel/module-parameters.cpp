@@ -21,7 +21,7 @@ struct assignment {
 
 constexpr const char* blanks = " \t\n";
 
-// Cuts the line into assignments; a value in double quotes may hold blanks.
+// Splits the line into assignments. A value in double quotes may contain blanks.
 ats::result<std::vector<assignment>> split(const std::string& line)
 {
     std::vector<assignment> assignments;

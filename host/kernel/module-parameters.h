@@ -11,9 +11,9 @@ struct kernel_module_t;
 namespace kernel
 {
 
-// Sets the variables of the image that "name=value name=\"two words\"" names. Texts are kept in `texts`, which must
-// live as long as the image. Fails (invalid) with one line that lists the valid parameters; some may have been set by
-// then.
+// Sets variables of the image from the assignments in "name=value name=\"two words\"". Stores texts in `texts`, which
+// must live as long as the image. Fails (invalid) with one line that lists the valid parameters. Some parameters may
+// already be set then.
 ats::result<> set_parameters(const kernel_module_t& module, const std::string& parameters,
                              std::list<std::string>* texts);
 

@@ -15,8 +15,8 @@ struct proc_tree::node {
     proc_dir_entry entry{};
     mode_t mode = 0;
     bool is_directory = false;
-    int users = 0;               // tasks in its handlers
-    task* remove_task = nullptr; // waits for them to leave
+    int users = 0;               // number of tasks in its handlers
+    task* remove_task = nullptr; // waits until they have left
     semaphore write_semaphore;   // held while the write handler runs
     std::map<std::string, std::shared_ptr<node>> children;
 };
@@ -26,7 +26,7 @@ namespace
 
 constexpr mode_t default_mode = 0444;
 
-// "a/b/c" as its folder "a/b" and its name "c".
+// Splits "a/b/c" into its folder "a/b" and its name "c".
 std::pair<std::string, std::string> split(const std::string& path)
 {
     const size_t slash = path.rfind('/');
@@ -86,7 +86,7 @@ int proc_tree::stat(const std::string& path, proc_listing* entry) const
     return 0;
 }
 
-// While it lives, an entry is not removed and its owner is not unloaded, so that a handler can run.
+// During its lifetime, an entry is not removed and its owner is not unloaded. A handler can then run safely.
 class proc_tree::visit
 {
   public:
@@ -95,7 +95,7 @@ class proc_tree::visit
         const std::lock_guard lock(tree_.mutex_);
         const std::shared_ptr<node> target = tree_.find(path);
         if (!target) return;
-        if (!target->entry.read_proc && !target->entry.write_proc) { // its owner is set before its handlers
+        if (!target->entry.read_proc && !target->entry.write_proc) { // without handlers, its owner may not be set yet
             error_ = -EK_INVAL;
             return;
         }
@@ -119,7 +119,7 @@ class proc_tree::visit
     visit(const visit&) = delete;
     visit& operator=(const visit&) = delete;
 
-    // 0, or the error number for which there is no entry to use.
+    // Returns 0, or the error number if there is no usable entry.
     int error() const { return error_; }
     node* operator->() const { return node_.get(); }
 
@@ -133,7 +133,7 @@ class proc_tree::visit
 namespace
 {
 
-// The answer of a read handler: `length` bytes from `start` on, or a negative error number as the length.
+// The answer of a read handler: `length` bytes at `start`. A negative length is an error number.
 struct proc_answer {
     const char* start;
     int length;
@@ -144,7 +144,7 @@ proc_answer within_bounds(const std::string& path, const std::string& page, proc
 {
     if (answer.length <= 0) return answer;
     const char* end = page.data() + page.size();
-    const std::less_equal<const char*> is_ordered; // compares pointers into different objects, too
+    const std::less_equal<const char*> is_ordered; // also compares pointers into different objects
     if (!is_ordered(page.data(), answer.start) || !is_ordered(answer.start, end))
         panic("the read handler of /proc/%s answers from outside of its page", path.c_str());
     const size_t room = std::min(static_cast<size_t>(end - answer.start), size);

@@ -1,4 +1,4 @@
-// Random bytes, from a seed, so that a run can be repeated, or from the system. Any thread.
+// Random bytes from the system, or from a seed for repeatable runs. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace kernel
 class random_source
 {
   public:
-    explicit random_source(uint64_t seed); // 0: from the system
+    explicit random_source(uint64_t seed); // 0 means from the system
     void fill(void* buffer, int count);
 
   private:

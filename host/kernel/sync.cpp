@@ -15,7 +15,7 @@ task& self(const char* caller = __builtin_FUNCTION())
     return exec::current_task_of(caller);
 }
 
-// Holds a guard for a few instructions. Others spin for it, since nothing sleeps while it is held.
+// Holds a guard for a few instructions. Other tasks spin meanwhile, because no task sleeps while it holds a guard.
 class guarded
 {
   public:
@@ -31,14 +31,14 @@ class guarded
     kernel_guard_t& guard_;
 };
 
-// The task has slept for something else while it is in a wait queue. A wake-up through that queue may have ended this
-// sleep instead, so that its next sleep must end at once.
+// For a task that has slept for something else while it was in a wait queue. A wake-up of that queue may have ended
+// this sleep. Makes the task's next sleep end at once, so the wake-up is not lost.
 void keep_outer_wake_up(task& sleeper)
 {
     if (sleeper.wait_queue) sleeper.exec.wake(sleeper);
 }
 
-// One task in a semaphore's queue; lives on the task's stack.
+// One task in a semaphore's queue. The record is on the task's stack.
 struct semaphore_waiter {
     list_head link;
     ::task* task;
@@ -51,7 +51,7 @@ bool has_unit(semaphore* sem, const semaphore_waiter& waiter)
     return waiter.has_unit;
 }
 
-// Leaves the queue. False if the caller has been given a unit meanwhile.
+// Leaves the queue. Returns false if the caller got a unit meanwhile.
 bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
@@ -60,7 +60,7 @@ bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
     return true;
 }
 
-// Takes a unit or joins the queue; true if it has taken a unit.
+// Takes a unit or joins the queue. Returns true if it has taken a unit.
 bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
@@ -78,7 +78,7 @@ void count_signal_seen(const task& task)
     if (task.home) ++static_cast<kernel::machine*>(task.home)->signals_seen;
 }
 
-// Returns the ticks that are left. An uninterruptible sleep ends early only if the task is in a wait queue.
+// Returns the remaining ticks. An uninterruptible sleep ends early only if the task is in a wait queue.
 unsigned long sleep_for(unsigned long timeout_ticks, const char* call, bool is_interruptible)
 {
     might_sleep(call);
@@ -152,7 +152,8 @@ void up(semaphore* sem)
             auto* first = list_entry(sem->waiters.next, semaphore_waiter, link);
             list_del_init(&first->link);
             first->has_unit = true;
-            // Woken under the guard: once the guard is released, the task may free the record, which is on its stack.
+            // Wake the task while holding the guard. The record is on its stack, and the task may free it when the
+            // guard is released.
             first->task->exec.wake(*first->task);
         }
     }
@@ -207,7 +208,7 @@ void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
     const guarded inside(queue->guard);
     for (const list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
-        if (link == &sleeper->link) return; // it is in the queue already
+        if (link == &sleeper->link) return; // it is already in the queue
     task& caller = self();
     sleeper->task = &caller;
     sleeper->queue_name = queue->name;

@@ -1,4 +1,4 @@
-// The kernel uses the calls of host/exec as its own.
+// Makes the names of host/exec available in namespace kernel.
 #pragma once
 
 #include "host/exec/executor.h"
