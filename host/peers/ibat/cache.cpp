@@ -120,7 +120,7 @@ unsigned long cache::lifetime_of(const cache_entry* entry) const
     return entry->is_negative() ? limits_.negative_ticks : limits_.lifetime_ticks;
 }
 
-// The difference is right even if the tick count has wrapped in between.
+// The difference is correct even if the tick count has wrapped.
 unsigned long cache::age_of(const cache_entry* entry) const
 {
     return jiffies - entry->answered_tick;
@@ -137,7 +137,7 @@ bool cache::is_of_own(const kq_gid_t& gid, uint32_t local_port_num) const
     return own_entry_->gid == gid || (local_port_num != 0 && own_entry_->local_port_num == local_port_num);
 }
 
-// Stores an entry that was learned now; drops the entries that contradict it. Null: no room.
+// Stores an entry that was learned now, and drops the entries that contradict it. Returns null if there is no memory.
 cache_entry* cache::store(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num)
 {
     cache_entry* entry = entries_by_address_.find(address);
@@ -157,7 +157,8 @@ cache_entry* cache::store(uint32_t address, const kq_gid_t& gid, uint32_t local_
     return entry;
 }
 
-// Memory for one more entry. Takes that of the oldest entry when the cache is full or memory has run out. Null: none.
+// Allocates one more entry. If the cache is full or memory has run out, reuses the oldest entry. Returns null if there
+// is none.
 cache_entry* cache::allocate()
 {
     if (count_ < limits_.capacity) {
@@ -169,7 +170,7 @@ cache_entry* cache::allocate()
     return entry;
 }
 
-// The entry to drop first. Negative entries come first: learning them again is cheapest.
+// The entry to drop first: a negative entry if there is one, because it is the cheapest to learn again.
 cache_entry* cache::oldest() const
 {
     if (!list_empty(&negative_entries_)) return list_entry(negative_entries_.next, cache_entry, link);

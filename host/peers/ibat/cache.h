@@ -1,7 +1,7 @@
 // IBAT's cache: at most one GID per address and one address per GID, learned from answers. Learned and negative entries
-// age. The host's own mapping does not age, and answers about other hosts do not change it. The owner guards every call
-// with its lock. Only open() and close() may sleep. The time of a call does not depend on the number of entries, except
-// for list() and flush().
+// expire. The host's own mapping does not expire, and answers about other hosts do not change it. The owner guards
+// every call with its lock. Only open() and close() may sleep. The time of a call does not depend on the number of
+// entries, except for list() and flush().
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -12,7 +12,7 @@ namespace ibat
 {
 
 struct cache_entry {
-    list_head link; // in the list of learned or of negative entries; the own mapping stands in none
+    list_head link; // in the list of learned or of negative entries; unused for the own mapping
     cache_entry* next_by_address;
     cache_entry* next_by_gid; // unused in a negative entry
     uint32_t address;
@@ -26,47 +26,47 @@ struct cache_entry {
 struct cache_limits {
     int32_t capacity;
     unsigned long lifetime_ticks;
-    unsigned long negative_ticks; // 0: negative answers are not stored
+    unsigned long negative_ticks; // 0 means that negative answers are not stored
 };
 
 class cache
 {
   public:
-    // False: no memory; then nothing is held.
+    // Returns false if there is no memory; nothing is allocated then.
     bool open(const cache_limits& limits);
 
     // Drops every entry and frees the memory.
     void close();
 
-    // The entry, unless it has aged; null: none.
+    // Returns the entry, or null if there is none or it has expired.
     const cache_entry* find(uint32_t address) const;
     const cache_entry* find(const kq_gid_t& gid) const;
 
-    // Stores an answer: `gid` owns `address`. It replaces earlier entries of both. False: not stored, because it
-    // contradicts the own mapping or because there is no room.
+    // Stores an answer: `gid` owns `address`. It replaces earlier entries of both. Returns false if it is not stored,
+    // because it contradicts the own mapping or because there is no memory.
     bool learn(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
     // Stores the own mapping: the host owns `address` through `gid` on its port. An earlier own mapping of the same
-    // port or GID is dropped, because the host's address has changed. That of another port becomes a learned entry,
-    // because the resolver no longer confirms it. False: no room.
+    // port or GID is dropped, because the host's address has changed. An earlier own mapping of another port becomes a
+    // learned entry, because the resolver no longer confirms it. Returns false if there is no memory.
     bool learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Drops the own mapping if it is that of this port or GID: the port has no address any more.
+    // Drops the own mapping if it belongs to this port or GID, because the port no longer has an address.
     void forget_own(const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Makes the own mapping a learned entry, which ages from now on: the resolver no longer confirms it.
+    // Turns the own mapping into a learned entry, because the resolver no longer confirms it. It can then expire.
     void release_own();
 
     // Stores a negative answer: nobody owns `address`.
     void learn_absence(uint32_t address);
 
-    // Drops up to `limit` aged entries; returns the number of dropped entries.
+    // Drops up to `limit` expired entries. Returns the number of dropped entries.
     int32_t sweep(int32_t limit);
 
-    // Drops every entry except the own mapping; returns the number of dropped entries.
+    // Drops every entry except the own mapping. Returns the number of dropped entries.
     int32_t flush();
 
-    // Drops one entry. False: there is none, it has aged, or it is the own mapping.
+    // Drops one entry. Returns false if there is none, it has expired, or it is the own mapping.
     bool forget(uint32_t address) { return forget(entries_by_address_.find(address)); }
     bool forget(const kq_gid_t& gid) { return forget(entries_by_gid_.find(gid)); }
 
@@ -74,7 +74,7 @@ class cache
     bool has_ageing_entries() const { return !list_empty(&learned_entries_) || !list_empty(&negative_entries_); }
     int32_t count() const { return count_; }
 
-    // Copies up to `capacity` entries in the order of ibat_cache_list_fn; returns the number of all entries.
+    // Copies up to `capacity` entries in the order of ibat_cache_list_fn. Returns the number of all entries.
     int32_t list(ibat_cache_entry_t* entries, int32_t capacity) const;
 
   private:

@@ -1,4 +1,4 @@
-// The module: its parameters, the functions it publishes, its load and its unload.
+// The module: its parameters, the functions that it publishes, its entry and exit functions.
 #include <iterator>
 
 #include "host/peers/ibat/path-resolver.h"
@@ -48,14 +48,14 @@ ibat_stat_t detach(void* handle)
     return service.detach(handle);
 }
 
-// The port on which an answer arrived; 0: unknown.
+// The port on which an answer arrived; 0 means unknown.
 uint32_t port_of(const ibat_arp_data_t& arp_data)
 {
     return arp_data.mask & IBAT_MASK_LOCAL_PORT_NUM ? arp_data.local_port_num : 0;
 }
 
-// An answer also tells which port the provider uses; and if an address has moved to another GID, its host may have
-// left the old one.
+// An answer also tells which port the provider uses. If an address has moved to another GID, its host may have left the
+// old GID, so the path to that GID is dropped.
 ibat_stat_t process_arp_data(ibat_arp_data_t* arp_data)
 {
     if (!paths.is_open()) {
@@ -110,7 +110,7 @@ void counters(ibat_counters_t* counters)
     *counters = service.counters();
 }
 
-// Paths go with the addresses that lead to them.
+// Drops the paths together with the addresses.
 int32_t flush()
 {
     paths.flush();

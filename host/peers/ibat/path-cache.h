@@ -1,5 +1,5 @@
-// IBAT's cache of paths, by the GID to which they lead. Paths age; the oldest one makes room when the cache is full.
-// The owner guards every call with its lock. Only open() and close() may sleep.
+// IBAT's cache of paths, by destination GID. Paths expire. A full cache drops its oldest path. The owner guards every
+// call with its lock. Only open() and close() may sleep.
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -15,14 +15,14 @@ struct cached_path {
     cached_path* next_by_gid;
     kq_gid_t gid;
     ib_path_record_v2_t path;
-    uint32_t port_number; // on which the path begins
+    uint32_t port_number; // the port on which the path begins
     unsigned long answered_tick;
 };
 
 class path_cache
 {
   public:
-    // False: no memory; then nothing is held.
+    // Returns false if there is no memory; nothing is allocated then.
     bool open(int32_t capacity, unsigned long lifetime_ticks)
     {
         list_init(&paths_);
@@ -38,14 +38,14 @@ class path_cache
         paths_by_gid_.close();
     }
 
-    // The path, unless it has aged; null: none.
+    // Returns the path, or null if there is none or it has expired.
     const cached_path* find(const kq_gid_t& gid) const
     {
         const cached_path* path = paths_by_gid_.find(gid);
         return path && jiffies - path->answered_tick < lifetime_ticks_ ? path : nullptr;
     }
 
-    // Stores a path, and replaces an earlier one to the same GID. Has no effect if there is no room.
+    // Stores a path, and replaces an earlier one to the same GID. Does nothing if there is no memory.
     void store(const kq_gid_t& gid, const ib_path_record_v2_t& path, uint32_t port_number)
     {
         forget(gid);
@@ -60,7 +60,7 @@ class path_cache
         ++count_;
     }
 
-    // Drops the path to a GID, or all paths; returns the number of dropped paths.
+    // Drops the path to a GID, or all paths. Returns the number of dropped paths.
     int32_t forget(const kq_gid_t& gid)
     {
         cached_path* path = paths_by_gid_.find(gid);
@@ -88,7 +88,8 @@ class path_cache
         --count_;
     }
 
-    // Takes the memory of the oldest path when the cache is full or memory has run out. Null: none.
+    // Allocates a path. If the cache is full or memory has run out, reuses the oldest path. Returns null if there is
+    // none.
     cached_path* allocate()
     {
         if (count_ < capacity_)

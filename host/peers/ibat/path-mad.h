@@ -7,7 +7,7 @@
 namespace ibat
 {
 
-// The port from which paths begin.
+// The port on which paths begin.
 struct source_port {
     uint32_t number;
     kq_gid_t gid;
@@ -20,10 +20,10 @@ struct source_port {
 };
 
 // A request for one reversible path to `destination` in the port's partition. The AttributeID is in host order, as GSI
-// wants it.
+// needs it.
 sa_mad_v2_t path_request_mad(const source_port& source, const kq_gid_t& destination, uint32_t serial);
 
-// The path in an answer, in host order.
+// Returns the path in an answer, in host order.
 ib_path_record_v2_t path_in(const sa_mad_v2_t& mad);
 
 } // namespace ibat

@@ -6,7 +6,7 @@
 namespace ibat
 {
 
-// A record that holds a GID only.
+// A record with only a GID.
 inline ibat_arp_data_t gid_record(const kq_gid_t& gid)
 {
     ibat_arp_data_t record{};
@@ -15,7 +15,7 @@ inline ibat_arp_data_t gid_record(const kq_gid_t& gid)
     return record;
 }
 
-// Writes a path to `gid` into `record`; its other fields stay. `gid` may lie in the record.
+// Writes a path to `gid` into `record` and keeps its other fields. `gid` may be part of the record.
 inline void fill_path_record(const kq_gid_t& gid, const ib_path_record_v2_t& path, uint32_t port_number,
                              ibat_arp_data_t* record)
 {

@@ -6,7 +6,7 @@
 namespace ibat
 {
 
-// A record that holds an address only.
+// A record with only an address.
 inline ibat_arp_data_t address_record(uint32_t address)
 {
     ibat_arp_data_t record{};
@@ -15,7 +15,7 @@ inline ibat_arp_data_t address_record(uint32_t address)
     return record;
 }
 
-// Writes a mapping into `record`; its other fields stay.
+// Writes a mapping into `record` and keeps its other fields.
 inline void fill_record(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num, bool is_own,
                         ibat_arp_data_t* record)
 {

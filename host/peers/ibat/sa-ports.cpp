@@ -61,7 +61,7 @@ bool sa_ports::join_ports(const kq_hca_name& hca, const callbacks& callbacks)
     return true;
 }
 
-// GSI keeps a client until its last datagram has completed.
+// GSI does not release a client before its last datagram has completed.
 void sa_ports::leave_ports()
 {
     for (; count_ > 0; --count_)

@@ -1,5 +1,6 @@
-// The ports through which IBAT asks the SA: those of the first HCA, as of the module that finds its addresses. IBAT
-// joins the SA's class there beside the module, has datagrams of its own and follows the events of the HCA.
+// The ports through which IBAT asks the SA. They are ports of the first HCA, which the address module uses as well.
+// IBAT joins the SA's class on these ports beside that module. It has its own datagrams and follows the events of the
+// HCA.
 #pragma once
 
 #include "gsi.h"
@@ -12,29 +13,30 @@ namespace ibat
 class sa_ports
 {
   public:
-    // IBAT takes datagrams of the SA and events of the HCA by these calls.
+    // IBAT's callbacks for datagrams of the SA and events of the HCA.
     struct callbacks {
         gsi_completion_fn_t received; // gets `context`
         void* context;
         kq_async_event_fn_t event;
     };
 
-    // False: something was refused; then nothing is held. The callbacks may come before the call returns. May sleep.
+    // Returns false if a call was refused; nothing is held then. The callbacks may come before the call returns. May
+    // sleep.
     bool open(const callbacks& callbacks);
 
-    // Afterwards no callback runs or will run. May sleep.
+    // After the return, no callback runs. May sleep.
     void close();
 
     int32_t count() const { return count_; }
 
-    // The port's attributes now; false: it is not active, or there is no such port. May sleep.
+    // Reads the port's present attributes. Returns false if it is not active or does not exist. May sleep.
     bool read(uint32_t number, source_port* port) const;
 
-    // Sends a request to the port's SA. False: it was not sent. Any context.
+    // Sends a request to the port's SA. Returns false if it was not sent. Any context.
     bool send(const source_port& port, const sa_mad_v2_t& request) const;
 
   private:
-    static constexpr int32_t most_ports = 2; // as many as the module uses
+    static constexpr int32_t most_ports = 2; // the same as the module uses
 
     bool join_ports(const kq_hca_name& hca, const callbacks& callbacks);
     void leave_ports();
@@ -43,7 +45,7 @@ class sa_ports
     kq_async_event_fn_t event_;
     gsi_dtgrm_pool_handle_t pool_;
     int32_t count_;
-    gsi_class_handle_t classes_[most_ports]; // null: not joined
+    gsi_class_handle_t classes_[most_ports]; // null means not joined
 };
 
 } // namespace ibat
