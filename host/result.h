@@ -9,15 +9,15 @@
 namespace ats
 {
 
-// The kind of a failure, for callers that treat some kinds in their own way.
+// The kind of a failure. Some callers handle some kinds differently.
 enum class error_kind {
-    failed,      // carried out, and the answer is no
+    failed,      // executed, but without success
     invalid,     // an argument, a file or a folder is wrong
-    exists,      // the name is taken
+    exists,      // the name is already in use
     busy,        // still in use
-    not_found,   // no such thing
-    no_memory,   // memory, or room for an image, is used up
-    unreachable, // no service, or no SA, answers
+    not_found,   // does not exist
+    no_memory,   // no memory left, or no space for an image
+    unreachable, // no service, or no SA, has answered
 };
 
 struct error {
@@ -25,10 +25,10 @@ struct error {
     explicit error(std::string text) : error(error_kind::failed, std::move(text)) {}
 
     error_kind kind;
-    std::string text; // one line for people: what is wrong, and what would be right
+    std::string text; // one line for people: the fault and its remedy
 };
 
-// A value, or the error that kept it away. `result<>` is a call without a value.
+// A value, or the error instead of it. `result<>` is for a call without a value.
 template <class T = void>
 using result = tl::expected<T, error>;
 
@@ -43,7 +43,7 @@ inline tl::unexpected<error> fail(std::string text)
     return fail(error_kind::failed, std::move(text));
 }
 
-// Hands the error of one result on as that of another.
+// Passes the error of one result on as an error of another type of result.
 template <class T>
 tl::unexpected<error> pass_on(const result<T>& failed)
 {

@@ -1,4 +1,4 @@
-// A hash index of records that its user owns. The chains run through the records themselves, so that no call after
+// A hash index of records that its user owns. The links of the chains are members of the records, so no call after
 // open() allocates, sleeps or fails. Contexts that may not sleep can use it. The caller guards it with a lock.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 inline uint64_t hash_of(uint64_t key)
 {
-    return key * 0x9E3779B97F4A7C15u >> 32; // Fibonacci hashing spreads keys that differ little
+    return key * 0x9E3779B97F4A7C15u >> 32; // Fibonacci hashing spreads similar keys
 }
 inline uint64_t hash_of(const kq_gid_t& gid)
 {
@@ -22,7 +22,8 @@ template <class record_t, class key_t, key_t record_t::*key, record_t* record_t:
 class hash_index
 {
   public:
-    // Makes room for `record_count` records; more records make it slower. False: no memory. May sleep.
+    // Allocates memory for `record_count` records; with more records, it is slower. Returns false if there is no
+    // memory. May sleep.
     bool open(size_t record_count)
     {
         const size_t count = std::bit_ceil(record_count);
@@ -33,14 +34,14 @@ class hash_index
         return true;
     }
 
-    // Frees the index. Has no effect on an index that is closed or whose open() failed.
+    // Frees the index. Does nothing if the index is closed or its open() failed.
     void close()
     {
         kfree(buckets_);
         buckets_ = nullptr;
     }
 
-    // The record with that key, or null.
+    // Returns the record with that key, or null.
     record_t* find(const key_t& value) const
     {
         record_t* record = buckets_[hash_of(value) & mask_];
@@ -48,7 +49,7 @@ class hash_index
         return record;
     }
 
-    // The index holds no record with this key.
+    // The index must not contain a record with this key.
     void insert(record_t* record)
     {
         assert(!find(record->*key));
@@ -57,7 +58,7 @@ class hash_index
         head = record;
     }
 
-    // The index holds `record`.
+    // The index must contain `record`.
     void remove(record_t* record)
     {
         record_t** link = &buckets_[hash_of(record->*key) & mask_];

@@ -24,7 +24,7 @@ void publish(const table_t& table)
     for (const publication& each : table) inter_module_register(each.name, THIS_MODULE, each.function);
 }
 
-// Takes the names back. No other module holds a reference on one of them. May sleep.
+// Removes the names. No other module may hold a reference on one of them. May sleep.
 template <class table_t>
 void withdraw(const table_t& table)
 {

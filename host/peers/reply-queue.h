@@ -1,6 +1,7 @@
-// The callbacks that a peer owes to its askers. Answers arrive in contexts that may not sleep, but a callback may
-// sleep: it may ask again. So a sleeping timer makes the callbacks, one after another. An asker is in exactly one place
-// at a time: with its request, owed here, or being called. Therefore each asker gets exactly one callback.
+// The callbacks that a peer still has to make. Answers arrive in contexts that may not sleep, but a callback may sleep
+// and may ask again. Therefore a sleeping timer makes the callbacks, one after another. A requester is in exactly one
+// place at a time: in its request, in this queue, or in its callback. Therefore each requester gets exactly one
+// callback.
 #pragma once
 
 #include <cassert>
@@ -23,7 +24,8 @@ struct asker_t {
     }
 };
 
-// Unlinks and frees the matching askers of a list; returns their number. With the lock held that guards the list.
+// Unlinks and frees the matching requesters of a list. Returns their number. The caller holds the lock that guards the
+// list.
 inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t callback, void* context)
 {
     int32_t withdrawn = 0;
@@ -41,7 +43,7 @@ inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t ca
 class reply_queue
 {
   public:
-    // `lock` guards the queue along with the peer's other state. May sleep.
+    // `lock` guards the queue and the peer's other state. May sleep.
     void open(spinlock_t* lock)
     {
         lock_ = lock;
@@ -54,8 +56,8 @@ class reply_queue
         timer_.data = reinterpret_cast<unsigned long>(this);
     }
 
-    // Calls `asker` back soon, and then frees it. The asker is memory of kmalloc and stands in no list. With the lock
-    // held; any context.
+    // Calls `asker` back soon, and then frees it. `asker` comes from kmalloc and must not be in a list. The caller
+    // holds the lock. Any context.
     void owe(asker_t* asker, ibat_stat_t status, const ibat_arp_data_t& answer)
     {
         assert(is_held(*lock_) && list_empty(&asker->link));
@@ -69,7 +71,7 @@ class reply_queue
         add_timing(&timer_);
     }
 
-    // Withdraws the matching callbacks that are owed; returns their number. With the lock held.
+    // Cancels the matching callbacks in the queue. Returns their number. The caller holds the lock.
     int32_t withdraw(ibat_get_ib_data_reply_fn_t callback, void* context)
     {
         assert(is_held(*lock_));
@@ -83,7 +85,7 @@ class reply_queue
                    [&] { return !called_asker_ || !called_asker_->matches(callback, context); });
     }
 
-    // Makes the callbacks that are still owed, in the calling task. The peer owes no callback from here on. May sleep.
+    // Makes the remaining callbacks in the calling task. The peer must not add more. May sleep.
     void close()
     {
         del_timing_sync(&timer_);
@@ -91,7 +93,7 @@ class reply_queue
     }
 
   private:
-    // One task at a time runs this: the timer is armed again only after the queue was empty.
+    // Only one task at a time runs this: the timer is armed again only after the queue was empty.
     void deliver()
     {
         for (asker_t* asker = take(); asker; asker = take()) {
@@ -105,7 +107,7 @@ class reply_queue
         }
     }
 
-    // The next asker to call, or null.
+    // The next requester to call, or null.
     asker_t* take()
     {
         spin_guard guard(lock_);
@@ -121,7 +123,7 @@ class reply_queue
 
     spinlock_t* lock_;
     list_head owed_askers_; // oldest first
-    asker_t* called_asker_; // its callback runs; null: none
+    asker_t* called_asker_; // the requester whose callback runs, or null
     bool is_scheduled_;     // the timer is armed, or its handler runs
     wait_queue_head_t callback_ended_;
     timing_t timer_;

@@ -4,7 +4,7 @@
 #include "kernel/sync.h"
 #include "kernel/time.h"
 
-// Holds a spin lock for a scope.
+// Holds a spin lock in a scope.
 class spin_guard
 {
   public:
@@ -18,14 +18,14 @@ class spin_guard
     unsigned long flags_;
 };
 
-// For assertions: false if no task holds the lock.
+// For assertions: returns false if no task holds the lock.
 inline bool is_held(const spinlock_t& lock)
 {
     return lock.state.load(std::memory_order_relaxed) != 0;
 }
 
-// Sleeps until `condition()` holds; signals do not end the sleep. Checks the condition with `lock` held, first at once
-// and then after every wake-up of `queue`.
+// Sleeps until `condition()` is true; signals do not end the sleep. Checks the condition with `lock` held, first at
+// once and then after every wake-up of `queue`.
 template <class condition_t>
 void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t condition)
 {

@@ -45,8 +45,8 @@ ucm_stat_t reverse_resolver::detach(void* handle)
     return ucm_stat_ok;
 }
 
-// Waits for the running calls into the provider first: a call that fails ends its own request. Then ends the requests
-// that remain.
+// First waits for the running calls into the provider, because a failing call ends its own request. Then ends the
+// remaining requests.
 void reverse_resolver::end_attachment()
 {
     {
@@ -89,7 +89,7 @@ ibat_stat_t reverse_resolver::get_ip(const kq_gid_t& gid, ibat_arp_data_t* arp_d
     return status;
 }
 
-// Registers a request, and the call into `*provider` that the caller makes next. False: there is no provider to call.
+// Registers a request, and the call into `*provider` that the caller makes next. Returns false if there is no provider.
 // Otherwise the provider stays attached until end_send().
 bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
 {
@@ -104,8 +104,8 @@ bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
     return true;
 }
 
-// Ends the call into the provider, which has returned `status`. Returns the status for the asker. The request may have
-// ended during the call, by a callback or by a withdrawal; then `status` is ignored.
+// Ends the call into the provider, which has returned `status`. Returns the status for the requester. If a callback or
+// a cancel has already ended the request, ignores `status`.
 ibat_stat_t reverse_resolver::end_send(uint64_t id, ibat_stat_t status)
 {
     {

@@ -1,6 +1,6 @@
 // Finds the address that belongs to a GID by asking the attached provider. The provider gets a number for each request,
-// not its address in memory. A callback for a request that has ended finds no such number and is ignored. One spin lock
-// guards everything. No code sleeps or calls another module while holding it.
+// not its memory address. A callback for a request that has ended finds no request with its number, and is ignored. One
+// spin lock guards everything. No code sleeps or calls another module while holding it.
 #pragma once
 
 #include "host/peers/attachment.h"
@@ -13,7 +13,7 @@ namespace ucm
 
 // A request that waits for the provider's answer.
 struct gid_request {
-    asker_t asker; // first: the reply queue frees the request through it
+    asker_t asker; // first member: the reply queue frees the request through it
     gid_request* next_by_id;
     uint64_t id;
 };
@@ -23,8 +23,8 @@ static_assert(offsetof(gid_request, asker) == 0);
 class reverse_resolver
 {
   public:
-    // `reply` is the callback that providers get; it calls take_answer(). False: no memory; then nothing is held. May
-    // sleep.
+    // `reply` is the callback for providers; it calls take_answer(). Returns false if there is no memory; nothing is
+    // held then. May sleep.
     bool open(ats_rarp_reply_fn_t reply);
 
     // Ends every request with an error and frees everything. May sleep.
@@ -37,8 +37,8 @@ class reverse_resolver
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
     ucm_counters_t counters();
 
-    // The provider's callback, with the user context of its request; the record may be null. Does not sleep; without a
-    // spin lock.
+    // The provider's callback, with the user context of its request. The record may be null. Does not sleep. The caller
+    // holds no spin lock.
     void take_answer(ibat_stat_t status, const ibat_arp_data_t* record, void* user_context);
 
   private:

@@ -1,4 +1,4 @@
-// The module: the functions it publishes, its load and its unload.
+// The module: the functions that it publishes, its entry and exit functions.
 #include "host/peers/publications.h"
 #include "host/peers/ucm/reverse-resolver.h"
 #include "kernel/errno.h"
