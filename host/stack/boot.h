@@ -6,9 +6,9 @@
 namespace stack
 {
 
-// Starts the tasks of the timers, and those of verbs and GSI for every HCA that is plugged. Calls of modules then start
-// no task; most of them could not report a shortage. Throws a shortage when there is no room for a task. Once for a
-// machine.
+// Starts the tasks of the timers, and for every plugged HCA those of verbs and GSI. Later calls of modules then start
+// no task; most of these calls could not report a shortage. Throws a shortage if a task cannot be created. Call it once
+// for a machine.
 void boot(kernel::machine& home);
 
 } // namespace stack

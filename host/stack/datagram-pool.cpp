@@ -19,7 +19,7 @@ namespace
 
 constexpr size_t address_part = offsetof(gsi_dtgrm_t, rmpp_payload);
 
-// Lets the address sanitizer report every use of a datagram that is in its pool.
+// Makes the address sanitizer report every use of a datagram that is in its pool.
 void allow_use([[maybe_unused]] gsi_dtgrm_t& datagram, [[maybe_unused]] bool is_allowed)
 {
 #ifdef __SANITIZE_ADDRESS__

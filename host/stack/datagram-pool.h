@@ -1,5 +1,5 @@
-// A fixed number of datagrams. The datagram put last is taken first. A datagram takes memory only once it was taken, so
-// that a large pool costs no more than the datagrams in use.
+// A fixed number of datagrams. The datagram put last is taken first. A datagram uses memory only after its first use,
+// so a large pool costs only the datagrams in use.
 #pragma once
 
 #include <cstdlib>
@@ -16,10 +16,10 @@ namespace stack
 class datagram_pool
 {
   public:
-    // Null: no memory. `exec` outlives the pool.
+    // Returns null if there is no memory. `exec` outlives the pool.
     static std::unique_ptr<datagram_pool> make(const exec::executor& exec, std::string name, size_t size);
 
-    // A datagram that was not put back is a hard error with its history.
+    // A datagram that was not put back is a hard error that shows its history.
     ~datagram_pool();
     datagram_pool(const datagram_pool&) = delete;
     datagram_pool& operator=(const datagram_pool&) = delete;
@@ -28,22 +28,22 @@ class datagram_pool
     size_t size() const { return size_; }
     size_t free() const;
 
-    // The memory that the datagrams lie in.
+    // The memory of the datagrams.
     const void* memory() const { return slots_.get(); }
     size_t memory_bytes() const { return size_ * sizeof(slot); }
 
-    // True if at most half of the datagrams are free.
+    // Returns true if at most half of the datagrams are free.
     bool runs_low() const { return free() <= size_ / 2; }
 
-    // A free datagram, which is the caller's from now on; null: none is free. Its fields behind the MAD are zero. Any
-    // thread.
+    // Returns a free datagram, or null if none is free. The caller then owns it. Its fields behind the MAD are zero.
+    // Any thread.
     datagram_record* take();
 
     // Takes a datagram of this pool back from its client. Any thread.
     void put(datagram_record& record);
 
   private:
-    // Aligned for the datagram's record, and so that no two datagrams share a cache line.
+    // Aligned for the datagram's record. No two datagrams share a cache line.
     struct alignas(64) slot {
         gsi_dtgrm_t datagram;
     };
@@ -64,7 +64,7 @@ class datagram_pool
     mutable std::mutex mutex_; // guards the members below
     size_t used_slots_ = 0;    // the slots after these were never taken and have no record
     size_t free_count_ = size_;
-    datagram_record* free_list_ = nullptr; // of used slots
+    datagram_record* free_list_ = nullptr; // list of free used slots
 };
 
 } // namespace stack

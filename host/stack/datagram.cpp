@@ -69,7 +69,7 @@ std::string datagram_record::history() const
 {
     std::string text;
     for (size_t i = 0; i < steps_.size(); ++i) {
-        const datagram_step& step = steps_[(step_count_ + i) % steps_.size()]; // the oldest first
+        const datagram_step& step = steps_[(step_count_ + i) % steps_.size()]; // oldest first
         if (step.event == datagram_event::none) continue;
         if (!text.empty()) text += ", ";
         text += std::string(text_of(step.event)) + " at tick " + std::to_string(step.tick);

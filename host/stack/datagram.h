@@ -1,5 +1,5 @@
-// The GSI layer's record of a datagram, in the private area of the datagram itself: its owner, and its last steps. A
-// client that hands over a datagram it does not own gets a hard error with those steps.
+// The GSI layer's record of a datagram: its owner and its last steps. It is in the private area of the datagram. If a
+// client uses a datagram that it does not own, a hard error shows those steps.
 #pragma once
 
 #include <array>
@@ -26,40 +26,41 @@ enum class datagram_event : uint8_t { none, taken, posted, refused, sent, receiv
 struct datagram_step {
     uint64_t tick;
     datagram_event event;
-    uint8_t mgt_class; // of the GSI class; 0: none
+    uint8_t mgt_class; // of the GSI class; 0 means none
     uint8_t port;
 };
 
-// Only the owner of the datagram uses its record. Any thread may read the state.
+// Only the owner of the datagram may use its record. Any thread may read the state.
 class datagram_record
 {
   public:
-    // Makes the record, in state `held`, of a datagram that has none yet. The datagram is aligned for it.
+    // Creates the record of a new datagram, in state `held`. The datagram has the alignment of the record.
     static datagram_record& make(gsi_dtgrm_t& datagram, datagram_pool& pool);
 
-    // The record of a datagram that a client hands to `call`. A hard error if no pool made the datagram.
+    // Returns the record of a datagram that a client passed to `call`. A hard error if no pool made the datagram.
     static datagram_record& record_of(void* datagram, const char* call);
 
     gsi_dtgrm_t& datagram() { return *reinterpret_cast<gsi_dtgrm_t*>(this); }
     datagram_state state() const { return state_.load(std::memory_order_relaxed); }
 
-    // A client hands the datagram to `call`. A hard error unless a client owns it. Of two calls at a time one succeeds.
+    // A client has passed the datagram to `call`. A hard error unless a client owns it. If two calls come at the same
+    // time, one succeeds.
     void take_over(datagram_state new_state, const char* call)
     {
         datagram_state state = datagram_state::held;
         if (!state_.compare_exchange_strong(state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
     }
 
-    // By the GSI layer, which owns the datagram.
+    // For the GSI layer while it owns the datagram.
     void set_state(datagram_state new_state) { state_.store(new_state, std::memory_order_release); }
 
-    // Adds a step to the history; the oldest of four is forgotten.
+    // Adds a step to the history, which keeps the last four.
     void note(uint64_t tick, datagram_event event, uint8_t mgt_class = 0, uint8_t port = 0)
     {
         steps_[step_count_++ % steps_.size()] = {tick, event, mgt_class, port};
     }
 
-    // "taken at tick 5, posted at tick 7 by class 3 of port 1", oldest step first.
+    // For example "taken at tick 5, posted at tick 7 by class 3 of port 1", oldest step first.
     std::string history() const;
 
     datagram_pool& pool;

@@ -27,11 +27,11 @@ namespace stack
 class fabric_polling
 {
   public:
-    // The HCAs belong to the fabric and must live as long as the task that polls them.
+    // The fabric owns the HCAs. They must outlive the polling task.
     explicit fabric_polling(std::vector<fabric::hca*> hcas) : hcas_(std::move(hcas)) {}
 
-    // Polls every HCA once (see fabric::hca::poll). True: one of them received something. May sleep, for a tick at the
-    // most at each port. One task.
+    // Polls every HCA once (see fabric::hca::poll). Returns true if one of them received something. May sleep, at most
+    // one tick at each port. Only one task may call it.
     bool poll() const
     {
         bool has_received = false;

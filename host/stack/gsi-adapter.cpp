@@ -14,12 +14,12 @@ namespace stack
 namespace
 {
 
-// More than the answers to all datagrams of a client's pool. A datagram takes memory only once it is used.
+// More than the answers to all datagrams of a client's pool. An unused datagram needs no memory.
 constexpr size_t receive_pool_size = 256;
 
-// The TransactionIDs of a registered client count up. Those of a client that has joined a class hold a mark, its number
-// and 24 bits of its own. The low half differs from those of other requests in flight: fabrics may replace the high
-// half.
+// The TransactionIDs of a registered client count up. Those of a client that has joined a class consist of a mark, the
+// client's number and 24 bits from the client. The low half is unique among the requests in flight, because fabrics may
+// replace the high half.
 constexpr uint64_t joined_mark = 0x6A6F696E; // the high half
 constexpr uint64_t joined_bit = uint64_t{1} << 31;
 constexpr int number_shift = 24;
@@ -31,7 +31,7 @@ uint64_t joined_transaction_id(uint8_t number, uint64_t clients_bits)
            (clients_bits & gsi_joined_transaction_bits);
 }
 
-// The number of the client that has joined and made this TransactionID; 0: it is that of a registered client.
+// Returns the number of the joined client that made this TransactionID, or 0 if a registered client made it.
 uint8_t number_in(uint64_t transaction_id)
 {
     const bool is_joined = transaction_id >> 32 == joined_mark && (transaction_id & joined_bit);
@@ -115,24 +115,25 @@ int gsi_adapter::join_class(std::unique_ptr<gsi_class_t> client, gsi_class_handl
     return 0;
 }
 
-// Takes over the held lock, and releases it.
+// The caller holds the lock; the call releases it.
 void gsi_adapter::add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle,
                       std::unique_lock<std::mutex>& held_lock)
 {
     *handle = client.get();
     registered_classes_.push_back(client.get());
-    home_.addresses.add_object(client.get(), sizeof *client); // classes stay as long as the machine
+    home_.addresses.add_object(client.get(), sizeof *client); // classes live as long as the machine
     classes_.push_back(std::move(client));
     held_lock.unlock();
     hub_.attach(*this);
     {
         const std::lock_guard lock(mutex_);
-        will_be_called_ = false; // the fabric may have called it off while the adapter was not listening
+        will_be_called_ = false; // the fabric may have cancelled its next call while the adapter was not listening
     }
     task_.ring();
 }
 
-// A number that no other client of the class has at the port; 0: there are too many clients. With the lock held.
+// Returns a number that no other client of the class has on the port, or 0 if there are too many clients. The caller
+// holds the lock.
 uint8_t gsi_adapter::free_number(const gsi_class_t& client) const
 {
     for (uint8_t number = 1; number <= last_number; ++number)
@@ -193,8 +194,8 @@ uint64_t gsi_adapter::new_transaction_id(const gsi_class_t& client, const gsi_dt
     return joined_transaction_id(client.number, from_wire(header.transact_id));
 }
 
-// Sends a datagram; false: the fabric refused it. The AttributeID is in wire order only during the send: the client
-// sees it in host order, after a completion and after a failure.
+// Sends a datagram. Returns false if the fabric refused it. The AttributeID is in wire order only during the send. The
+// client always sees it in host order, after a completion and after a failure.
 bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id)
 {
     mad_hdr_t& header = header_of(datagram);
@@ -237,7 +238,7 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
         return;
     }
     [[maybe_unused]] const bool is_registered = client->enter();
-    assert(is_registered); // deregister() needs the lock
+    assert(is_registered); // true, because deregister() needs the lock
     fill(record->datagram(), source, mad);
     record->client = client;
     record->note(home_.exec().now(), datagram_event::received, client->mgt_class, client->port);
@@ -261,8 +262,9 @@ gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class, uint8_t number) cons
     return nullptr;
 }
 
-// Appends a datagram to the queue, and wakes the adapter's task unless another task completes it. Takes over the held
-// lock, and releases it. `may_be_deferred`: the datagram may wait for the next may_complete(), if there will be one.
+// Appends a datagram to the queue, and wakes the adapter's task unless another task completes it. The caller holds the
+// lock; the call releases it. With `may_be_deferred`, the datagram may wait for the next may_complete(), if the fabric
+// has announced one.
 void gsi_adapter::queue(datagram_record& record, std::unique_lock<std::mutex>& lock, bool may_be_deferred)
 {
     assert(lock.owns_lock());
@@ -285,7 +287,8 @@ uint64_t gsi_adapter::batch_in_work() const
     return is_completing_ ? batch_number_ : 0;
 }
 
-// Runs the completion context until the queue is empty. False: the queue was empty, or another task runs the context.
+// Runs the completion context until the queue is empty. Returns false if the queue was empty, or if another task runs
+// the context.
 bool gsi_adapter::complete()
 {
     datagram_record* batch = first_batch();
@@ -298,8 +301,8 @@ bool gsi_adapter::complete()
     return true;
 }
 
-// Enters the completion context and takes the queue. Null, and not entered: the queue is empty, or another task is
-// inside.
+// Enters the completion context and takes the queue. Returns null, without entering, if the queue is empty or another
+// task is inside.
 datagram_record* gsi_adapter::first_batch()
 {
     const std::lock_guard lock(mutex_);
@@ -308,7 +311,7 @@ datagram_record* gsi_adapter::first_batch()
     return take_queue();
 }
 
-// Takes what has been queued since. Null: the queue is empty, and the completion context has been left.
+// Takes the datagrams queued since then. If there are none, leaves the completion context and returns null.
 datagram_record* gsi_adapter::next_batch()
 {
     const std::lock_guard lock(mutex_);

@@ -1,6 +1,6 @@
-// The GSI layer of one HCA. Datagrams that were sent and datagrams that arrived stand in one queue, in that order. The
-// HCA's completion context takes the whole queue at a time and gives the datagrams to the clients one by one. One task
-// at a time runs this context: the adapter's own task, or a task of the fabric that has just received answers.
+// The GSI layer of one HCA. One queue has all sent and all arrived datagrams, in order. The HCA's completion context
+// takes the whole queue and passes the datagrams to the clients one by one. Only one task at a time runs this context:
+// the adapter's own task, or a task of the fabric that has just received answers.
 #pragma once
 
 #include <memory>
@@ -23,16 +23,16 @@ struct gsi_counts {
     uint64_t refused = 0; // posts that failed
     uint64_t completed = 0;
     uint64_t delivered = 0;
-    uint64_t dropped_no_response = 0; // arrived without the R bit: a request, and GSI serves no requests
+    uint64_t dropped_no_response = 0; // arrived without the R bit: requests, which GSI does not serve
     uint64_t dropped_no_class = 0;    // arrived for a class that is not registered on the port
-    uint64_t dropped_no_asker = 0;    // answer a request of a client that joined a class and has left it
+    uint64_t dropped_no_asker = 0;    // answers for a client that has left a joined class
     uint64_t dropped_no_datagram = 0; // arrived while the receive pool was empty
 };
 
 } // namespace stack
 
-// A client of a class: the one that has registered it, or one that has joined. The record stays for the life of the
-// machine, so that a stale handle is recognised.
+// A client of a class. It has registered the class or joined it. The record lives as long as the machine, so a stale
+// handle is detected.
 struct gsi_class_t {
     stack::gsi_adapter& adapter;
     const uint8_t port;
@@ -41,12 +41,13 @@ struct gsi_class_t {
     const gsi_completion_fn_t send_callback;
     const gsi_completion_fn_t receive_callback;
     void* const context;
-    uint8_t number = 0; // of a client that has joined; 0: it has registered the class
+    uint8_t number = 0; // of a client that has joined; 0 if it has registered the class
 
     static constexpr uint32_t end_mark = 0x80000000;
-    std::atomic<uint32_t> in_flight{0}; // datagrams whose callback has not returned; with end_mark: has ended
+    // datagrams whose callback has not returned; end_mark is added when it has ended
+    std::atomic<uint32_t> in_flight{0};
 
-    // Counts a datagram that is posted or has arrived. False: the registration has ended. Any thread.
+    // Counts a datagram that is posted or has arrived. Returns false if the registration has ended. Any thread.
     bool enter()
     {
         if (!(in_flight.fetch_add(1, std::memory_order_acquire) & end_mark)) return true;
@@ -54,10 +55,10 @@ struct gsi_class_t {
         return false;
     }
 
-    // The callback of a counted datagram has returned, or its post has failed. Any thread.
+    // Call it when the callback of a counted datagram has returned, or when its post has failed. Any thread.
     void leave() { in_flight.fetch_sub(1, std::memory_order_release); }
 
-    // Ends the registration. False: a datagram is in flight. Any thread.
+    // Ends the registration. Returns false if a datagram is in flight. Any thread.
     bool end()
     {
         uint32_t count = 0;
@@ -72,10 +73,11 @@ namespace stack
 class gsi_adapter final : public fabric::listener
 {
   public:
-    // `last_transaction_id` is the host's. Starts the completion task; throws a shortage when there is no room for it.
+    // `last_transaction_id` is the host's counter. Starts the completion task. Throws a shortage if the task cannot be
+    // created.
     gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomic<uint64_t>& last_transaction_id);
 
-    // A class that is still registered is a hard error. So is a received datagram that was not put back.
+    // A hard error if a class is still registered or if a received datagram was not put back.
     ~gsi_adapter();
 
     // gsi.h describes these calls and their results. `*handle` is stored before the first callback.
@@ -89,12 +91,12 @@ class gsi_adapter final : public fabric::listener
     sa_counts sa_traffic_counts() const { return sa_traffic_.counts(); }
     const std::string& context_name() const { return context_name_; }
 
-    // The batch that the completion context works on; 0: none, it is not running. Any thread.
+    // The number of the batch that the completion context processes now, or 0 if it does not run. Any thread.
     uint64_t batch_in_work() const;
 
     const stack::registrations& registrations() const { return registrations_; }
 
-    // The classes that a module has left registered, a text each.
+    // Describes the classes that a module has left registered, one text each.
     std::vector<std::string> left_by(const kernel::module_code& module) const;
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
@@ -107,7 +109,7 @@ class gsi_adapter final : public fabric::listener
         std::atomic<uint64_t> dropped_no_response{0}, dropped_no_class{0}, dropped_no_asker{0}, dropped_no_datagram{0};
     };
 
-    // With mutex_ held. `number` is that of a client that has joined, or 0.
+    // The caller holds mutex_. `number` is the number of a client that has joined, or 0.
     gsi_class_t* find(int port, uint8_t mgt_class, uint8_t number) const;
     uint8_t free_number(const gsi_class_t& client) const;
 
@@ -120,7 +122,7 @@ class gsi_adapter final : public fabric::listener
     bool complete();
     datagram_record* first_batch();
     datagram_record* next_batch();
-    datagram_record* take_queue(); // with mutex_ held
+    datagram_record* take_queue(); // the caller holds mutex_
     void hand_out_batch(datagram_record* batch);
     void hand_out(datagram_record& record, uint64_t now_ticks);
 
@@ -135,11 +137,11 @@ class gsi_adapter final : public fabric::listener
     const std::unique_ptr<datagram_pool> receive_pool_;
 
     mutable std::mutex mutex_;                          // guards the members below, except the task
-    std::vector<std::unique_ptr<gsi_class_t>> classes_; // also those that have ended
+    std::vector<std::unique_ptr<gsi_class_t>> classes_; // including those that have ended
     std::vector<gsi_class_t*> registered_classes_;
     datagram_record* queue_head_ = nullptr;
     datagram_record* queue_tail_ = nullptr;
-    bool is_completing_ = false;  // a task runs the completion context; it looks into the queue once more
+    bool is_completing_ = false;  // a task runs the completion context; it checks the queue once more before it leaves
     uint64_t batch_number_ = 0;   // of the latest batch
     bool will_be_called_ = false; // the fabric will call may_complete() again
     service_task task_;

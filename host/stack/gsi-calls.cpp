@@ -1,4 +1,4 @@
-// Implements gsi.h with the GSI service of the calling machine.
+// Implements gsi.h with the calling machine's GSI service.
 #include "host/stack/gsi-service.h"
 #include "kernel/errno.h"
 

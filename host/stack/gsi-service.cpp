@@ -9,7 +9,7 @@ namespace stack
 
 gsi::gsi(kernel::machine& home) : home_(home)
 {
-    home.get<hca_hubs>(); // created first, so that it is destroyed after this service
+    home.get<hca_hubs>(); // created first and therefore destroyed after this service
 }
 
 gsi::~gsi()
@@ -42,7 +42,7 @@ datagram_pool* gsi::create_pool(const char* name, size_t size, const void* creat
 
 bool gsi::destroy_pool(const datagram_pool* pool)
 {
-    std::unique_ptr<datagram_pool> owner; // destroys the pool after the lock was released
+    std::unique_ptr<datagram_pool> owner; // destroys the pool after the lock is released
     const std::lock_guard lock(mutex_);
     const auto position = std::ranges::find(pools_, pool, &std::unique_ptr<datagram_pool>::get);
     if (position == pools_.end()) return false;

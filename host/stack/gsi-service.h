@@ -31,14 +31,14 @@ class gsi final : public kernel::service
   public:
     explicit gsi(kernel::machine& home);
 
-    // A class, a pool or a received datagram that a client has not given back is a hard error.
+    // A hard error if a client has not given back a class, a pool or a received datagram.
     ~gsi() override;
 
-    // For reports: the HCAs on which classes may be registered, and the pools.
+    // For reports: the HCAs on which classes can be registered, and the pools.
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
 
-    // For each HCA, the completion context and gsi_adapter::batch_in_work(). Any thread.
+    // For each HCA, its completion context and gsi_adapter::batch_in_work(). Any thread.
     std::vector<std::pair<std::string, uint64_t>> batches_in_work() const;
 
     // For reports: the state of the records that were registered through each HCA.
