@@ -482,7 +482,7 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"records of the past", 1, harm::network, 0, sa_comes_back_from_the_past, nullptr, "acts that changed the records"},
     {"SM hand-over", 2, harm::network, 0, sm_hands_over, nullptr, "requests to the SA's new LID",
      &effects::requests_after_hand_over},
-    {"ask for a path", 48, harm::none, 0, ask_path, nullptr, "paths found", nullptr, true},
+    {"ask for a path", 48, harm::none, 0, ask_path, nullptr, "paths found", nullptr, &plan_options::asks_for_paths},
 });
 
 } // namespace campaign

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "campaign/result-file.h"
 #include "campaign/runner.h"
+#include "campaign/summary.h"
 #include "console/progress.h"
 #include "host/world/module-folder.h"
 
@@ -25,8 +27,12 @@ struct command_line {
     uint64_t first_seed = 1, last_seed = 30;
     double hours = 0;
     int jobs = 2;
+    uint64_t shard = 1, shards = 1;
+    std::string result_path;               // where a shard leaves its result; empty: nowhere
+    std::vector<std::string> result_paths; // of the shards to merge; empty: run seeds
     bool minimise = false;
     std::vector<std::string> only; // acts; empty: all
+    campaign::plan_options plan_options;
     run_options options;
 };
 
@@ -52,6 +58,19 @@ ats::result<> read_seeds(std::string_view range, command_line& line)
     if (*last < *first) return ats::fail(ats::error_kind::invalid, "there is no seed in " + std::string(range));
     line.first_seed = *first;
     line.last_seed = *last;
+    return {};
+}
+
+// Reads "K/N": the K-th of N shards.
+ats::result<> read_shard(std::string_view text, command_line& line)
+{
+    const size_t slash = std::min(text.find('/'), text.size());
+    const ats::result<uint64_t> shard = parse_number(text.substr(0, slash));
+    const ats::result<uint64_t> shards = parse_number(text.substr(std::min(slash + 1, text.size())));
+    if (!shard || !shards || *shard < 1 || *shard > *shards)
+        return ats::fail(ats::error_kind::invalid, "'" + std::string(text) + "' is not like 3/8, a shard from 1 to 8");
+    line.shard = *shard;
+    line.shards = *shards;
     return {};
 }
 
@@ -82,57 +101,15 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-std::vector<std::string> texts_of(const std::vector<size_t>& acts)
+// The acts as the value of --only.
+std::string text_of(const std::vector<size_t>& acts)
 {
-    if (acts.empty()) return {no_acts};
-    std::vector<std::string> texts;
-    for (const size_t number : acts) texts.push_back(std::to_string(number));
-    return texts;
+    std::string text;
+    for (const size_t number : acts) text += (text.empty() ? "" : ",") + std::to_string(number);
+    return text.empty() ? no_acts : text;
 }
 
-// Prints the complaint of a failed run, and the command that replays it with these acts (`only` as on a command line).
-void show_failure(const run_result& failure, const std::vector<std::string>& only, bool asks_for_paths)
-{
-    const std::string acts = only.empty() ? "" : " --only " + CLI::detail::join(only, ",");
-    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s%s --log seed-%lu.log\n", failure.seed,
-                failure.complaint.c_str(), failure.seed, asks_for_paths ? " --paths" : "", acts.c_str(), failure.seed);
-    std::fflush(stdout);
-}
-
-// scripts/report reads this line.
-void show(const figures& counts, double seconds)
-{
-    const double hours = static_cast<double>(counts.simulated_ticks) / ticks_per_hour;
-    std::printf("%lu seeds, %.1f simulated hours, %lu acts, %lu faults, %lu datagrams, %lu questions, %lu answers, "
-                "%lu truths, digest %016lx, %.1f s\n",
-                counts.seeds, hours, counts.acts, counts.faults, counts.datagrams, counts.questions, counts.answers,
-                counts.truths, counts.digest, seconds);
-}
-
-// Prints one line for each kind of act: how often it took effect.
-void show_marks(const figures& counts, bool asks_for_paths)
-{
-    for (size_t kind = 0; kind < act_kind_count; ++kind)
-        if (asks_for_paths || !act_kinds[kind].needs_paths)
-            std::printf("%10lu  %s: %s\n", counts.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
-}
-
-// Prints each kind of act that never took effect, and returns their number. Fewer seeds than 60 may lack some kinds, so
-// they are not checked.
-int show_idle_kinds(const figures& counts, bool asks_for_paths)
-{
-    constexpr uint64_t seeds_with_every_kind = 60;
-    if (counts.seeds < seeds_with_every_kind) return 0;
-    int idle_kinds = 0;
-    for (size_t kind = 0; kind < act_kind_count; ++kind) {
-        if (counts.marks[kind] > 0 || (act_kinds[kind].needs_paths && !asks_for_paths)) continue;
-        ++idle_kinds;
-        std::printf("FAILED: no act \"%s\" took effect in %lu seeds\n", act_kinds[kind].name, counts.seeds);
-    }
-    return idle_kinds;
-}
-
-// Each of the next three returns the exit code. The error is one of the command line or of the system.
+// Each of the next four returns the exit code. The error is one of the command line or of the system.
 
 ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, const run_options& options)
 {
@@ -141,13 +118,13 @@ ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, con
     for (const size_t number : *fewest_acts) std::printf("  %s\n", describe(plan, number).c_str());
     const ats::result<run_result> result = run_apart(plan, *fewest_acts, options);
     if (!result) return ats::pass_on(result);
-    show_failure(*result, texts_of(*fewest_acts), options.asks_for_paths);
+    show_failure({result->seed, result->complaint}, plan.options, text_of(*fewest_acts));
     return exit_failed;
 }
 
 ats::result<int> replay(const command_line& line)
 {
-    const plan plan = draw_plan(line.first_seed, line.options.asks_for_paths);
+    const plan plan = draw_plan(line.first_seed, line.plan_options);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
     for (const std::string& path : {line.options.log_path, line.options.capture_path})
@@ -158,15 +135,23 @@ ats::result<int> replay(const command_line& line)
         show(result->counts, 0);
         return 0;
     }
-    show_failure(*result, line.only, line.options.asks_for_paths);
+    show_failure({result->seed, result->complaint}, plan.options, CLI::detail::join(line.only, ","));
     return line.minimise ? minimise(plan, *acts, line.options) : exit_failed;
 }
 
+// Runs the seeds of a campaign, or of its shard.
 ats::result<int> run(const command_line& line)
 {
     const auto begin = std::chrono::steady_clock::now();
-    const uint64_t seeds = line.last_seed - line.first_seed + 1;
-    uint64_t ended_seeds = 0, failed_seeds = 0;
+    campaign_result sum;
+    sum.options = line.plan_options;
+    sum.first_seed = line.first_seed;
+    sum.last_seed = line.last_seed;
+    sum.shard = line.shard;
+    sum.shards = line.shards;
+    const seed_series series{.first = line.first_seed + line.shard - 1, .step = line.shards};
+    const uint64_t seeds = series.first > line.last_seed ? 0 : (line.last_seed - series.first) / series.step + 1;
+    uint64_t ended_seeds = 0;
     console::progress progress;
     stop_when_interrupted();
     const auto is_enough = [&](uint64_t started_seeds, const figures& counts) {
@@ -176,26 +161,34 @@ ats::result<int> run(const command_line& line)
     const auto report = [&](const run_result& result) {
         ++ended_seeds;
         if (!result.complaint.empty()) {
-            ++failed_seeds;
+            sum.failures.push_back({result.seed, result.complaint});
             progress.clear();
-            show_failure(result, {}, line.options.asks_for_paths);
+            show_failure(sum.failures.back(), line.plan_options, "");
         }
         const std::string all_seeds = line.hours > 0 ? "" : " of " + std::to_string(seeds);
-        progress.show(std::to_string(ended_seeds) + all_seeds + " seeds, " + std::to_string(failed_seeds) +
+        progress.show(std::to_string(ended_seeds) + all_seeds + " seeds, " + std::to_string(sum.failures.size()) +
                       " failed (Ctrl-C ends with a summary)");
     };
-    const ats::result<figures> counts = run_many(line.first_seed, line.jobs, line.options, is_enough, report);
+    const ats::result<figures> counts = run_many(series, line.plan_options, line.jobs, line.options, is_enough, report);
     progress.clear();
     if (!counts) return ats::pass_on(counts);
-    show(*counts, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
-    show_marks(*counts, line.options.asks_for_paths);
-    const int idle_kinds = is_interrupted() ? 0 : show_idle_kinds(*counts, line.options.asks_for_paths);
-    if (failed_seeds > 0) std::printf("%lu seeds FAILED\n", failed_seeds);
-    if (is_interrupted()) {
-        std::printf("INTERRUPTED: not all seeds were run\n");
-        return exit_interrupted;
-    }
-    return failed_seeds > 0 || idle_kinds > 0 ? exit_failed : 0;
+    sum.counts = *counts;
+    sum.is_interrupted = is_interrupted();
+    sum.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const bool is_good = show_summary(sum);
+    if (!line.result_path.empty())
+        if (const ats::result<> saved = save(sum, line.result_path); !saved) return ats::pass_on(saved);
+    if (sum.is_interrupted) return exit_interrupted;
+    return is_good ? 0 : exit_failed;
+}
+
+// Merges the results of shards.
+ats::result<int> merge_shards(const command_line& line)
+{
+    const ats::result<campaign_result> sum = merge(line.result_paths);
+    if (!sum) return ats::pass_on(sum);
+    for (const campaign_result::failure& each : sum->failures) show_failure(each, sum->options, "");
+    return show_summary(*sum) ? 0 : exit_failed;
 }
 
 } // namespace
@@ -206,15 +199,28 @@ int main(int argc, char** argv)
     line.options.module_folder = world::default_module_folder();
     CLI::App program(
         "Tries to break the service, one seed after another, and replays and shortens the runs that failed.");
-    const auto read_range = [&](const std::string& range) {
-        if (const ats::result<> result = read_seeds(range, line); !result)
-            throw CLI::ValidationError(result.error().text); // how CLI11 is told of a wrong value
+    const auto reads = [&](ats::result<> (*read)(std::string_view, command_line&)) {
+        return [&line, read](const std::string& text) {
+            if (const ats::result<> result = read(text, line); !result)
+                throw CLI::ValidationError(result.error().text); // how CLI11 is told of a wrong value
+        };
     };
-    program.add_option_function<std::string>("--seeds", read_range, "N or A-B: run the first N seeds, or seeds A to B");
-    program.add_option("--hours", line.hours, "continue until so many hours are simulated");
-    program.add_flag("--paths", line.options.asks_for_paths, "let hosts ask for paths, too");
+    program.add_option_function<std::string>("--seeds", reads(read_seeds),
+                                             "N or A-B: run the first N seeds, or seeds A to B");
+    CLI::Option* const hours = program.add_option("--hours", line.hours, "continue until so many hours are simulated");
+    for (const plan_option& each : plan_option_table)
+        program.add_flag(std::string("--") + each.name, line.plan_options.*each.member, each.help);
     program.add_option("--jobs", line.jobs, "run so many seeds at a time")->check(CLI::PositiveNumber);
     CLI::Option* const seed = program.add_option("--seed", line.first_seed, "replay this seed");
+    CLI::Option* const shard = program.add_option_function<std::string>(
+        "--shard", reads(read_shard), "K/N: run the K-th of N parts of the seeds; needs --result");
+    CLI::Option* const result = program.add_option("--result", line.result_path, "write the result to this file");
+    shard->needs(result)->excludes(hours)->excludes(seed);
+    result->excludes(seed)->excludes(hours);
+    program.add_option("--merge", line.result_paths, "FILES: add up the results of all shards of a campaign")
+        ->excludes(seed)
+        ->excludes(shard)
+        ->excludes(result);
 
     // A run of many seeds has no single list of acts, and its processes cannot share a file.
     program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
@@ -226,7 +232,9 @@ int main(int argc, char** argv)
         ->needs(seed);
     try {
         program.parse(argc, argv);
-        const ats::result<int> exit_code = seed->count() > 0 ? replay(line) : run(line);
+        const ats::result<int> exit_code = seed->count() > 0            ? replay(line)
+                                           : !line.result_paths.empty() ? merge_shards(line)
+                                                                        : run(line);
         if (exit_code) return *exit_code;
         std::fprintf(stderr, "ats-campaign: %s\n", exit_code.error().text.c_str());
     } catch (const CLI::ParseError& error) {

@@ -45,9 +45,9 @@ std::vector<host_shape> draw_hosts(dice& dice)
 }
 
 // Draws a kind of act, by weight, that does no more harm than `worst`.
-uint32_t draw_kind(dice& dice, harm worst, bool asks_for_paths)
+uint32_t draw_kind(dice& dice, harm worst, const plan_options& options)
 {
-    const auto weight_of = [&](const act_kind& kind) { return kind.needs_paths && !asks_for_paths ? 0 : kind.weight; };
+    const auto weight_of = [&](const act_kind& kind) { return may_occur(kind, options) ? kind.weight : 0; };
     const int total = std::accumulate(act_kinds.begin(), act_kinds.end(), 0,
                                       [&](int sum, const act_kind& each) { return sum + weight_of(each); });
     while (true) {
@@ -90,16 +90,31 @@ uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 
 } // namespace
 
-plan draw_plan(uint64_t seed, bool asks_for_paths)
+const std::array<plan_option, 1> plan_option_table = {
+    {{"paths", &plan_options::asks_for_paths, "let hosts ask for paths, too"}}};
+
+std::string describe(const plan_options& options)
+{
+    std::string text;
+    for (const plan_option& each : plan_option_table)
+        if (options.*each.member) text += std::string(" --") + each.name;
+    return text;
+}
+
+bool may_occur(const act_kind& kind, const plan_options& options)
+{
+    return !kind.option || options.*kind.option;
+}
+
+plan draw_plan(uint64_t seed, const plan_options& options)
 {
     dice dice(seed);
-    plan plan{
-        .seed = seed, .hosts = draw_hosts(dice), .acts = {}, .faults_end_tick = 0, .asks_for_paths = asks_for_paths};
+    plan plan{.seed = seed, .hosts = draw_hosts(dice), .acts = {}, .faults_end_tick = 0, .options = options};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);
     const size_t count = 50 + dice.below(50 + 20 * plan.hosts.size());
     for (size_t i = 0; i < count; ++i) {
-        act next{.kind = draw_kind(dice, worst, asks_for_paths), .a = dice.bits(), .b = dice.bits()};
+        act next{.kind = draw_kind(dice, worst, options), .a = dice.bits(), .b = dice.bits()};
         place(next, dice, plan.acts.empty() ? nullptr : &plan.acts.back(), plan);
         const uint64_t longest = act_kinds[next.kind].longest_ticks;
         const uint64_t ticks = longest > 0 ? draw_length(dice, longest) : 0;

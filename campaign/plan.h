@@ -18,6 +18,24 @@ constexpr uint64_t minute = 60 * second;
 
 struct tested_fabric;
 
+// What a plan may contain beyond the standard. Each option changes the plan of a seed; without any, the plan is the
+// standard one.
+struct plan_options {
+    bool asks_for_paths = false;
+
+    bool operator==(const plan_options&) const = default;
+};
+
+struct plan_option {
+    const char* name; // on the command line, after "--"
+    bool plan_options::*member;
+    const char* help;
+};
+extern const std::array<plan_option, 1> plan_option_table;
+
+// The options as on a command line, each with a space before it.
+std::string describe(const plan_options& options);
+
 // Says which registrations may fail while an act lasts.
 enum class harm {
     none,
@@ -48,10 +66,13 @@ struct act_kind {
     // act calls tested_fabric::mark.
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
-    bool needs_paths = false; // drawn only for plans that ask for paths
+    bool plan_options::*option = nullptr; // it is drawn only for plans with this option; null: for all
 };
 constexpr size_t act_kind_count = 37;
 extern const std::array<act_kind, act_kind_count> act_kinds;
+
+// True if plans with these options may have acts of this kind.
+bool may_occur(const act_kind& kind, const plan_options& options);
 
 struct host_shape {
     int hcas;
@@ -65,11 +86,10 @@ struct plan {
     std::vector<host_shape> hosts;
     std::vector<act> acts;    // sorted by begin_tick
     uint64_t faults_end_tick; // every act has ended by then
-    bool asks_for_paths;
+    plan_options options;
 };
 
-// Without questions for paths, the plan of a seed is what it was before there were any.
-plan draw_plan(uint64_t seed, bool asks_for_paths);
+plan draw_plan(uint64_t seed, const plan_options& options);
 
 // Describes an act as "17 at 1234 for 500: loss host=3 a=17 b=4". The digest depends on this text.
 std::string describe(const plan& plan, size_t act_number);

@@ -110,18 +110,6 @@ void kill_all(const std::map<pid_t, run_process>& processes)
     for (const auto& [pid, process] : processes) waitpid(pid, nullptr, 0);
 }
 
-void add(figures& sum, const figures& counts)
-{
-    static constexpr uint64_t figures::*summed[] = {&figures::seeds,  &figures::simulated_ticks, &figures::acts,
-                                                    &figures::faults, &figures::questions,       &figures::answers,
-                                                    &figures::truths, &figures::datagrams};
-    static_assert(sizeof(figures) == sizeof(uint64_t) * (std::size(summed) + act_kind_count + 1),
-                  "every figure but the digest is summed");
-    for (const auto member : summed) sum.*member += counts.*member;
-    for (size_t kind = 0; kind < act_kind_count; ++kind) sum.marks[kind] += counts.marks[kind];
-    sum.digest ^= counts.digest;
-}
-
 // The letters of the complaint's first line. Two complaints that differ in numbers only are of the same kind.
 std::string kind_of(const std::string& complaint)
 {
@@ -156,15 +144,17 @@ ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& a
     return process->finish(status);
 }
 
-ats::result<figures> run_many(uint64_t first, int jobs, const run_options& options,
+ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan_options, int jobs,
+                              const run_options& options,
                               const std::function<bool(uint64_t, const figures&)>& is_enough,
                               const std::function<void(const run_result&)>& report)
 {
     figures sum;
     std::map<pid_t, run_process> running;
-    for (uint64_t seed = first;; ++seed) {
+    uint64_t started = 0;
+    for (uint64_t seed = seeds.first;; seed += seeds.step, ++started) {
         while (!was_interrupted && !running.empty() &&
-               (running.size() >= static_cast<size_t>(jobs) || is_enough(seed - first, sum))) {
+               (running.size() >= static_cast<size_t>(jobs) || is_enough(started, sum))) {
             int status;
             const auto process = running.find(waitpid(-1, &status, 0));
             if (process == running.end()) continue; // a signal ended the wait
@@ -178,8 +168,8 @@ ats::result<figures> run_many(uint64_t first, int jobs, const run_options& optio
             kill_all(running);
             return sum;
         }
-        if (is_enough(seed - first, sum)) return sum;
-        const plan plan = draw_plan(seed, options.asks_for_paths);
+        if (is_enough(started, sum)) return sum;
+        const plan plan = draw_plan(seed, plan_options);
         const ats::result<run_process> process = run_process::start(plan, all_acts(plan), options);
         if (!process) {
             kill_all(running);

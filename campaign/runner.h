@@ -26,10 +26,17 @@ ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& a
 void stop_when_interrupted();
 bool is_interrupted();
 
-// Runs seeds from `first` on, `jobs` at a time, until `is_enough` returns true. It receives the number of seeds started
-// and the sum of those that have ended. `report` receives each result as its seed ends. Returns the sum. The error: no
-// process could be started.
-ats::result<figures> run_many(uint64_t first, int jobs, const run_options& options,
+// Seeds at equal distances.
+struct seed_series {
+    uint64_t first;
+    uint64_t step = 1;
+};
+
+// Runs the seeds of a series in turn, `jobs` at a time, until `is_enough` returns true. It receives the number of seeds
+// started and the sum of those that have ended. `report` receives each result as its seed ends. Returns the sum. The
+// error: no process could be started.
+ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan_options, int jobs,
+                              const run_options& options,
                               const std::function<bool(uint64_t, const figures&)>& is_enough,
                               const std::function<void(const run_result&)>& report);
 

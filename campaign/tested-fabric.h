@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 
+#include "campaign/figures.h"
 #include "campaign/node.h"
 #include "campaign/plan.h"
 #include "campaign/wire-watch.h"
@@ -19,21 +20,6 @@ struct run_options {
     std::string module_folder;
     std::string log_path;     // empty: no log
     std::string capture_path; // empty: no capture
-    bool asks_for_paths = false;
-};
-
-// The figures of one seed. The figures of several seeds are the sums of each field, except the digest.
-struct figures {
-    uint64_t seeds = 0;
-    uint64_t simulated_ticks = 0;
-    uint64_t acts = 0;
-    uint64_t faults = 0; // acts that do harm, link changes, failed calls, datagrams lost or changed on the way
-    uint64_t questions = 0;
-    uint64_t answers = 0; // callbacks that answered a question
-    uint64_t truths = 0;  // registrations and lookups compared with the truth
-    uint64_t datagrams = 0;
-    std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
-    uint64_t digest = 0;                          // hash of all log lines; for several seeds, the xor of their digests
 };
 
 // The longest time from the end of a harmful act to the end of its effects.

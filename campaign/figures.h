@@ -1,0 +1,54 @@
+// The figures of a campaign: what one seed did, or the sum over many.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "campaign/plan.h"
+
+namespace campaign
+{
+
+// The figures of one seed. The figures of several seeds are the sums of each field, except the digest.
+struct figures {
+    uint64_t seeds = 0;
+    uint64_t simulated_ticks = 0;
+    uint64_t acts = 0;
+    uint64_t faults = 0; // acts that do harm, link changes, failed calls, datagrams lost or changed on the way
+    uint64_t questions = 0;
+    uint64_t answers = 0; // callbacks that answered a question
+    uint64_t truths = 0;  // registrations and lookups compared with the truth
+    uint64_t datagrams = 0;
+    std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
+    uint64_t digest = 0;                          // hash of all log lines; for several seeds, the xor of their digests
+};
+
+// The fields that are summed, without the marks. The names are those in a result file.
+struct summed_figure {
+    const char* name;
+    uint64_t figures::*member;
+};
+extern const std::array<summed_figure, 8> summed_figures;
+
+// The order in which seeds are added does not matter.
+void add(figures& sum, const figures& counts);
+
+// What a campaign over a range of seeds has found, or a shard of it.
+struct campaign_result {
+    plan_options options;
+    uint64_t first_seed = 1, last_seed = 1; // of the whole campaign, also in the result of a shard
+    uint64_t shard = 1, shards = 1;
+    bool is_interrupted = false;
+    double seconds = 0; // of the wall clock; of merged shards, the sum
+    figures counts;
+
+    struct failure {
+        uint64_t seed;
+        std::string complaint;
+    };
+    std::vector<failure> failures;
+};
+
+} // namespace campaign

@@ -1,0 +1,64 @@
+#include "campaign/summary.h"
+
+#include <cstdio>
+
+namespace campaign
+{
+
+namespace
+{
+
+constexpr double ticks_per_hour = 3'600'000;
+constexpr uint64_t seeds_with_every_kind = 60; // fewer may lack some kinds of acts
+
+void show_marks(const campaign_result& result)
+{
+    for (size_t kind = 0; kind < act_kind_count; ++kind)
+        if (may_occur(act_kinds[kind], result.options))
+            std::printf("%10lu  %s: %s\n", result.counts.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
+}
+
+// Prints each kind of act that never took effect, and returns their number.
+int show_idle_kinds(const campaign_result& result)
+{
+    if (result.shards > 1 || result.is_interrupted || result.counts.seeds < seeds_with_every_kind) return 0;
+    int idle_kinds = 0;
+    for (size_t kind = 0; kind < act_kind_count; ++kind) {
+        if (result.counts.marks[kind] > 0 || !may_occur(act_kinds[kind], result.options)) continue;
+        ++idle_kinds;
+        std::printf("FAILED: no act \"%s\" took effect in %lu seeds\n", act_kinds[kind].name, result.counts.seeds);
+    }
+    return idle_kinds;
+}
+
+} // namespace
+
+void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts)
+{
+    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s%s%s --log seed-%lu.log\n", failure.seed,
+                failure.complaint.c_str(), failure.seed, describe(options).c_str(), acts.empty() ? "" : " --only ",
+                acts.c_str(), failure.seed);
+    std::fflush(stdout);
+}
+
+// scripts/report reads this line.
+void show(const figures& counts, double seconds)
+{
+    const double hours = static_cast<double>(counts.simulated_ticks) / ticks_per_hour;
+    std::printf("%lu seeds, %.1f simulated hours, %lu acts, %lu faults, %lu datagrams, %lu questions, %lu answers, "
+                "%lu truths, digest %016lx, %.1f s\n",
+                counts.seeds, hours, counts.acts, counts.faults, counts.datagrams, counts.questions, counts.answers,
+                counts.truths, counts.digest, seconds);
+}
+
+bool show_summary(const campaign_result& result)
+{
+    show(result.counts, result.seconds);
+    show_marks(result);
+    const int idle_kinds = show_idle_kinds(result);
+    if (!result.failures.empty()) std::printf("%zu seeds FAILED\n", result.failures.size());
+    if (result.is_interrupted) std::printf("INTERRUPTED: not all seeds were run\n");
+    return !result.is_interrupted && result.failures.empty() && idle_kinds == 0;
+}
+
+} // namespace campaign

@@ -1,0 +1,22 @@
+// What a campaign prints at its end, on one machine or merged from shards.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "campaign/figures.h"
+
+namespace campaign
+{
+
+// Prints the complaint of a failed run, and the command that replays it. `acts` is the value of --only; empty: all.
+void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts);
+
+// Prints the line of figures.
+void show(const figures& counts, double seconds);
+
+// Prints the figures, the marks, the number of failed seeds, and each kind of act that never took effect. A shard may
+// lack some kinds, so they are not checked there. True if the campaign was complete and found nothing wrong.
+bool show_summary(const campaign_result& result);
+
+} // namespace campaign
