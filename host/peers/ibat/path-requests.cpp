@@ -9,16 +9,6 @@ namespace
 
 constexpr uint8_t get_response = MAD_METHOD_GET | MAD_METHOD_RESPONSE;
 
-path_request* first_of(list_head* requests)
-{
-    return list_entry(requests->next, path_request, link);
-}
-
-bool has_come(unsigned long deadline)
-{
-    return static_cast<long>(jiffies - deadline) >= 0; // right across the wrap of the tick count
-}
-
 uint8_t method_of(const sa_mad_v2_t& mad)
 {
     return static_cast<uint8_t>(mad.hdr.m.r << 7 | mad.hdr.m.method);
@@ -47,84 +37,28 @@ ibat_stat_t path_resolver::ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, i
     source_port source;
     uint64_t generation;
     if (!find_source(&source, &generation)) return ibat_stat_no_port;
-    auto* asker = static_cast<asker_t*>(kmalloc(sizeof(asker_t), GFP_KERNEL));
-    auto* new_request = static_cast<path_request*>(kmalloc(sizeof(path_request), GFP_KERNEL));
-    ibat_stat_t status = ibat_stat_error;
     uint64_t request_id = 0; // of a new request, which the caller sends
-    if (asker && new_request) {
-        asker->callback = callback;
-        asker->context = context;
-        spin_guard guard(&lock_);
-        status = arp_data ? from_cache(gid, arp_data) : ibat_stat_pending; // an answer may have come in between
-        if (status == ibat_stat_pending) {
-            if (join(gid, asker, new_request)) {
-                request_id = new_request->id;
-                new_request = nullptr;
-            }
-            asker = nullptr;
-        }
-    }
-    kfree(asker);
-    kfree(new_request);
+    const ibat_stat_t status = requests_.ask(
+        gid, callback, context,
+        [&] { return arp_data ? from_cache(gid, arp_data) : ibat_stat_pending; }, // an answer may have come in between
+        [&](path_request* request) {
+            request->serial = 0;
+            request_id = request->id;
+        });
     if (request_id != 0) send(gid, request_id);
     return status;
-}
-
-// Gives `asker` to the request for the path. True: that is `new_request`, and the caller sends its first attempt. With
-// the lock held.
-bool path_resolver::join(const kq_gid_t& gid, asker_t* asker, path_request* new_request)
-{
-    path_request* request = requests_by_gid_.find(gid);
-    list_init(&asker->link);
-    if (request) {
-        list_add_tail(&asker->link, &request->askers);
-        return false;
-    }
-    new_request->gid = gid;
-    new_request->id = ++last_request_id_;
-    new_request->serial = 0;
-    new_request->attempts = 0;
-    new_request->was_sent = false;
-    list_init(&new_request->link);
-    list_init(&new_request->askers);
-    list_add_tail(&asker->link, &new_request->askers);
-    list_add_tail(&new_request->link, &sending_list_);
-    requests_by_gid_.insert(new_request);
-    ++counters_.pending;
-    return true;
 }
 
 int32_t path_resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* context)
 {
     if (!is_open()) return 0;
-    int32_t withdrawn;
-    {
-        spin_guard guard(&lock_);
-        withdrawn = replies_.withdraw(callback, context);
-        for (list_head* requests : {&sending_list_, &waiting_list_}) {
-            for (list_head* link = requests->next; link != requests;) {
-                path_request* request = list_entry(link, path_request, link);
-                link = link->next;
-                withdrawn += withdraw_askers(&request->askers, callback, context);
-                if (list_empty(&request->askers)) give_up(request, ibat_stat_error); // no asker remains
-            }
-        }
-    }
-    replies_.wait_while_running(callback, context);
-    return withdrawn;
+    return requests_.cancel(callback, context, [this](path_request* request) { give_up(request, ibat_stat_error); });
 }
 
 // ---- attempts and their deadlines ----
 
-// The request, unless it has ended; null: it has. With the lock held.
-path_request* path_resolver::find(const kq_gid_t& gid, uint64_t request_id) const
-{
-    path_request* request = requests_by_gid_.find(gid);
-    return request && request->id == request_id ? request : nullptr;
-}
-
-// Sends the next attempt of a request that stands in the sending list. The request may end at any moment without the
-// lock, and its memory is then freed. Therefore it is looked up again.
+// Sends the next attempt of a request. The request may end at any moment without the lock, and its memory is then
+// freed. Therefore it is looked up again.
 void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
 {
     attempt attempt;
@@ -137,7 +71,7 @@ void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
         ++counters_.retries;
     else
         ++counters_.requests;
-    path_request* request = find(gid, request_id);
+    path_request* request = requests_.find(gid, request_id);
     if (!request) return;
     request->was_sent |= was_sent;
     await_answer(request);
@@ -151,7 +85,7 @@ bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, atte
         uint64_t generation;
         const bool has_source = find_source(&attempt->source, &generation);
         spin_guard guard(&lock_);
-        path_request* request = find(gid, request_id);
+        path_request* request = requests_.find(gid, request_id);
         if (!request) return false;
         if (!has_source) {
             give_up(request, ibat_stat_no_port);
@@ -192,25 +126,10 @@ void path_resolver::await_answer(path_request* request)
         give_up(request, ibat_stat_error);
         return;
     }
-    const bool is_void = request->serial == 0; // an event came during the attempt: it is repeated at once
-    request->deadline = is_void ? jiffies : jiffies + limits_.retry_ticks;
-    list_del_init(&request->link);
-    if (is_void)
-        list_add(&request->link, &waiting_list_);
+    if (request->serial == 0)
+        requests_.hurry(request); // an event came during the attempt: it is repeated at once
     else
-        list_add_tail(&request->link, &waiting_list_); // all wait equally long: this is the order of the deadlines
-    if (is_void) is_retry_armed_ = false;              // moves the timer
-    arm_retry();
-}
-
-// With the lock held.
-void path_resolver::arm_retry()
-{
-    assert(is_held(lock_));
-    if (is_retry_armed_ || list_empty(&waiting_list_)) return;
-    is_retry_armed_ = true;
-    retry_timer_.expires = first_of(&waiting_list_)->deadline;
-    add_timing(&retry_timer_);
+        requests_.wait(request, limits_.retry_ticks);
 }
 
 // The retry timer's handler. May sleep.
@@ -222,16 +141,13 @@ void path_resolver::retry_due()
 }
 
 // Gives up the requests that are due and have no attempt left. True: the caller sends the next attempt of another
-// request that is due, and has moved to the sending list.
+// request that is due.
 bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
 {
     spin_guard guard(&lock_);
-    while (!list_empty(&waiting_list_) && has_come(first_of(&waiting_list_)->deadline)) {
-        path_request* request = first_of(&waiting_list_);
+    while (path_request* request = requests_.take_due()) {
         void_attempt(request);
         if (request->attempts < limits_.attempts) {
-            list_del_init(&request->link);
-            list_add_tail(&request->link, &sending_list_);
             *gid = request->gid;
             *request_id = request->id;
             return true;
@@ -239,8 +155,6 @@ bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
         ++counters_.timeouts;
         give_up(request, ibat_stat_timeout);
     }
-    is_retry_armed_ = false;
-    arm_retry();
     return false;
 }
 
@@ -284,20 +198,11 @@ void path_resolver::take_path(path_request* request, const ib_path_record_v2_t& 
     complete(request, ibat_stat_ok, answer);
 }
 
-// Ends a request: queues the callbacks of its askers and frees it. With the lock held.
+// Ends a request. With the lock held.
 void path_resolver::complete(path_request* request, ibat_stat_t status, const ibat_arp_data_t& answer)
 {
-    while (!list_empty(&request->askers)) {
-        asker_t* asker = list_entry(request->askers.next, asker_t, link);
-        list_del_init(&asker->link);
-        replies_.owe(asker, status, answer);
-    }
-    assert(counters_.pending > 0);
     void_attempt(request);
-    requests_by_gid_.remove(request);
-    list_del_init(&request->link);
-    kfree(request);
-    --counters_.pending;
+    requests_.end(request, status, answer);
 }
 
 void path_resolver::give_up(path_request* request, ibat_stat_t status)

@@ -23,15 +23,9 @@ void path_resolver::prepare(const path_limits& limits, kq_async_event_fn_t event
     counters_ = {};
     has_source_ = false;
     generation_ = 0;
-    list_init(&sending_list_);
-    list_init(&waiting_list_);
-    last_request_id_ = 0;
     last_serial_ = 0;
-    is_retry_armed_ = false;
-    init_timing(&retry_timer_);
-    retry_timer_.function = [](unsigned long self) { reinterpret_cast<path_resolver*>(self)->retry_due(); };
-    retry_timer_.data = reinterpret_cast<unsigned long>(this);
-    replies_.open(&lock_);
+    requests_.prepare(
+        &lock_, [](unsigned long self) { reinterpret_cast<path_resolver*>(self)->retry_due(); }, this);
 }
 
 // Opens what the first question needs. False: something was refused; the next question tries again.
@@ -53,14 +47,14 @@ bool path_resolver::open_all()
         static_cast<path_resolver*>(self)->take_answer(mad);
     };
     if (cache_.open(limits_.capacity, limits_.lifetime_ticks)) {
-        if (requests_by_gid_.open(expected_requests)) {
+        if (requests_.open()) {
             if (requests_by_serial_.open(expected_requests)) {
                 is_open_.store(ports_.open({.received = received, .context = this, .event = event_}),
                                std::memory_order_release);
                 if (is_open()) return true;
                 requests_by_serial_.close();
             }
-            requests_by_gid_.close();
+            requests_.close();
         }
         cache_.close();
     }
@@ -72,16 +66,13 @@ void path_resolver::close()
     if (!is_open()) return;
     {
         spin_guard guard(&lock_);
-        for (list_head* requests : {&sending_list_, &waiting_list_}) {
-            while (!list_empty(requests)) give_up(list_entry(requests->next, path_request, link), ibat_stat_error);
-        }
+        requests_.for_each([this](path_request* request) { give_up(request, ibat_stat_error); });
     }
-    del_timing_sync(&retry_timer_);
+    requests_.stop_timer();
     ports_.close();
-    replies_.close();
+    requests_.close();
     is_open_ = false;
     cache_.close();
-    requests_by_gid_.close();
     requests_by_serial_.close();
 }
 
@@ -125,15 +116,8 @@ void path_resolver::leave_source()
     if (!has_source_) return;
     has_source_ = false;
     counters_.drops += static_cast<uint64_t>(cache_.clear());
-    for (list_head* requests : {&sending_list_, &waiting_list_})
-        for (list_head* link = requests->next; link != requests; link = link->next) {
-            path_request* request = list_entry(link, path_request, link);
-            void_attempt(request);
-            request->deadline = jiffies; // of all: the waiting list stays in the order of the deadlines
-        }
-    if (list_empty(&waiting_list_)) return;
-    is_retry_armed_ = false; // moves the timer
-    arm_retry();
+    requests_.for_each([this](path_request* request) { void_attempt(request); });
+    requests_.hurry_all();
 }
 
 void path_resolver::note_provider_port(uint32_t number)
@@ -222,6 +206,7 @@ ibat_path_counters_t path_resolver::counters()
 {
     spin_guard guard(&lock_);
     counters_.entries = is_open() ? static_cast<uint64_t>(cache_.count()) : 0;
+    counters_.pending = requests_.count();
     return counters_;
 }
 

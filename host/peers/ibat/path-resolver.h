@@ -13,8 +13,8 @@
 
 #include "host/peers/ibat-path-exports.h"
 #include "host/peers/ibat/path-cache.h"
+#include "host/peers/ibat/request-list.h"
 #include "host/peers/ibat/sa-ports.h"
-#include "host/peers/reply-queue.h"
 
 namespace ibat
 {
@@ -27,18 +27,12 @@ struct path_limits {
 };
 
 // A request for the path to one GID.
-struct path_request {
-    list_head link; // in the sending list or in the waiting list
+struct path_request : request_base {
     path_request* next_by_gid;
     path_request* next_by_serial;
     kq_gid_t gid;
-    uint64_t id;     // distinguishes it from an earlier request for the same GID
     uint32_t serial; // of the attempt whose answer counts; 0: none
     uint32_t port_number;
-    list_head askers;
-    int32_t attempts; // so far
-    bool was_sent;    // at least one attempt was sent
-    unsigned long deadline;
 };
 
 // ibat-path-exports.h describes the calls.
@@ -87,14 +81,11 @@ class path_resolver
     ibat_stat_t from_cache(const kq_gid_t& gid, ibat_arp_data_t* arp_data) const;
     ibat_stat_t ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                     void* context);
-    bool join(const kq_gid_t& gid, asker_t* asker, path_request* new_request);
     void send(const kq_gid_t& gid, uint64_t request_id);
     bool begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt);
-    path_request* find(const kq_gid_t& gid, uint64_t request_id) const;
     uint32_t free_serial();
     void void_attempt(path_request* request);
     void await_answer(path_request* request);
-    void arm_retry();
     void retry_due();
     bool next_due(kq_gid_t* gid, uint64_t* request_id);
     void take_answer(const sa_mad_v2_t& mad);
@@ -117,15 +108,9 @@ class path_resolver
     source_port source_;
     bool has_source_;     // source_ is the active port, as far as the events tell
     uint64_t generation_; // counts the events that made a source false
-    hash_index<path_request, kq_gid_t, &path_request::gid, &path_request::next_by_gid> requests_by_gid_;
+    request_list<path_request, kq_gid_t, &path_request::gid, &path_request::next_by_gid> requests_;
     hash_index<path_request, uint32_t, &path_request::serial, &path_request::next_by_serial> requests_by_serial_;
-    list_head sending_list_; // requests of which an attempt is being sent
-    list_head waiting_list_; // requests that wait for an answer, earliest deadline first
-    uint64_t last_request_id_;
     uint32_t last_serial_;
-    bool is_retry_armed_; // or its handler runs
-    timing_t retry_timer_;
-    reply_queue replies_;
 };
 
 } // namespace ibat

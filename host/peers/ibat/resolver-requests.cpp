@@ -10,11 +10,6 @@ namespace
 constexpr uint16_t arp_request = 1;
 constexpr uint32_t usable_reply = IBAT_MASK_SRC_IP | IBAT_MASK_DST_IP | IBAT_MASK_GID;
 
-bool has_come(unsigned long deadline)
-{
-    return static_cast<long>(jiffies - deadline) >= 0; // right across the wrap of the tick count
-}
-
 } // namespace
 
 // ---- requests ----
@@ -23,78 +18,30 @@ bool has_come(unsigned long deadline)
 ibat_stat_t resolver::ask(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                           void* context)
 {
-    auto* asker = static_cast<asker_t*>(kmalloc(sizeof(asker_t), GFP_KERNEL));
-    auto* new_request = static_cast<address_request*>(kmalloc(sizeof(address_request), GFP_KERNEL));
-    ibat_stat_t status = ibat_stat_error;
     send_order order{};
-    if (asker && new_request) {
-        asker->callback = callback;
-        asker->context = context;
-        spin_guard guard(&lock_);
-        status = arp_data ? from_cache(address, arp_data) : ibat_stat_pending; // an answer may have come in between
-        if (status == ibat_stat_pending && !attachment_.accepts_calls()) status = ibat_stat_error;
-        if (status == ibat_stat_pending) {
-            if (join(address, asker, new_request, &order)) new_request = nullptr;
-            asker = nullptr;
-        }
-    }
-    kfree(asker);
-    kfree(new_request);
+    const auto look = [&] {
+        const ibat_stat_t status = arp_data ? from_cache(address, arp_data) : ibat_stat_pending; // it may be new
+        return status == ibat_stat_pending && !attachment_.accepts_calls() ? ibat_stat_error : status;
+    };
+    const ibat_stat_t status = requests_.ask(address, callback, context, look,
+                                             [&](address_request* request) { order = begin_attempt(request); });
     if (order.provider.send) send(order);
     return status;
 }
 
-// Gives `asker` to the request for the address. True: that is `new_request`, and the caller sends its first attempt,
-// `*order`. With the lock held; the attachment accepts calls.
-bool resolver::join(uint32_t address, asker_t* asker, address_request* new_request, send_order* order)
-{
-    address_request* request = requests_by_address_.find(address);
-    if (request) {
-        list_add_tail(&asker->link, &request->askers);
-        return false;
-    }
-    new_request->address = address;
-    new_request->id = ++last_request_id_;
-    new_request->attempts = 0;
-    new_request->was_sent = false;
-    list_init(&new_request->link);
-    list_init(&new_request->askers);
-    list_add_tail(&asker->link, &new_request->askers);
-    requests_by_address_.insert(new_request);
-    ++counters_.pending;
-    *order = begin_attempt(new_request);
-    return true;
-}
-
 int32_t resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* context)
 {
-    int32_t withdrawn;
-    {
-        spin_guard guard(&lock_);
-        withdrawn = replies_.withdraw(callback, context);
-        for (list_head* requests : {&sending_list_, &waiting_list_}) {
-            for (list_head* link = requests->next; link != requests;) {
-                address_request* request = list_entry(link, address_request, link);
-                link = link->next;
-                withdrawn += withdraw_askers(&request->askers, callback, context);
-                if (list_empty(&request->askers)) give_up(request, ibat_stat_error); // no asker remains
-            }
-        }
-    }
-    replies_.wait_while_running(callback, context);
-    return withdrawn;
+    return requests_.cancel(callback, context, [this](address_request* request) { give_up(request, ibat_stat_error); });
 }
 
 // ---- attempts and their deadlines ----
 
-// Counts an attempt, and moves the request to the sending list. The caller sends the attempt without the lock. With the
-// lock held; the attachment accepts calls.
+// Counts an attempt of a request that is being sent. The caller sends it without the lock. With the lock held; the
+// attachment accepts calls.
 send_order resolver::begin_attempt(address_request* request)
 {
     assert(request->attempts < max_attempts_);
     ++request->attempts;
-    list_del_init(&request->link);
-    list_add_tail(&request->link, &sending_list_);
     return {attachment_.begin_call(), request->address, request->id, request->attempts > 1};
 }
 
@@ -114,8 +61,7 @@ void resolver::send(const send_order& order)
             ++counters_.retries;
         else
             ++counters_.requests;
-        address_request* request = requests_by_address_.find(order.address);
-        if (request && request->id == order.request_id) {
+        if (address_request* request = requests_.find(order.address, order.request_id)) {
             request->was_sent |= was_sent;
             await_answer(request);
         }
@@ -131,20 +77,7 @@ void resolver::await_answer(address_request* request)
         give_up(request, ibat_stat_error);
         return;
     }
-    request->deadline = jiffies + retry_ticks_;
-    list_del_init(&request->link);
-    list_add_tail(&request->link, &waiting_list_); // all wait equally long, so this is the order of the deadlines
-    arm_retry();
-}
-
-// With the lock held.
-void resolver::arm_retry()
-{
-    assert(is_held(lock_));
-    if (is_retry_armed_ || list_empty(&waiting_list_)) return;
-    is_retry_armed_ = true;
-    retry_timer_.expires = first_of(&waiting_list_)->deadline;
-    add_timing(&retry_timer_);
+    requests_.wait(request, retry_ticks_);
 }
 
 // The retry timer's handler. May sleep, because the provider may.
@@ -159,8 +92,7 @@ void resolver::retry_due()
 bool resolver::next_due(send_order* order)
 {
     spin_guard guard(&lock_);
-    while (!list_empty(&waiting_list_) && has_come(first_of(&waiting_list_)->deadline)) {
-        address_request* request = first_of(&waiting_list_);
+    while (address_request* request = requests_.take_due()) {
         if (request->attempts < max_attempts_) {
             *order = begin_attempt(request);
             return true;
@@ -168,8 +100,6 @@ bool resolver::next_due(send_order* order)
         ++counters_.timeouts;
         give_up(request, ibat_stat_timeout);
     }
-    is_retry_armed_ = false;
-    arm_retry();
     return false;
 }
 
@@ -205,46 +135,32 @@ void resolver::take_positive(const ibat_arp_data_t& reply)
     const bool is_stored =
         is_own ? cache_.learn_own(reply.src_ip, reply.gid, port) : cache_.learn(reply.src_ip, reply.gid, port);
     if (!is_stored) ++counters_.conflicts;
-    address_request* request = requests_by_address_.find(reply.src_ip);
+    address_request* request = requests_.find(reply.src_ip);
     if (!request) {
         ++counters_.unsolicited;
         return;
     }
     ibat_arp_data_t answer{};
     fill_record(reply.src_ip, reply.gid, port, is_own, &answer);
-    complete(request, ibat_stat_ok, answer);
+    requests_.end(request, ibat_stat_ok, answer);
 }
 
 void resolver::take_negative(uint32_t address)
 {
     ++counters_.negative_answers;
     cache_.learn_absence(address);
-    address_request* request = requests_by_address_.find(address);
+    address_request* request = requests_.find(address);
     if (!request) {
         ++counters_.unsolicited;
         return;
     }
-    complete(request, ibat_stat_not_found, address_record(address));
+    requests_.end(request, ibat_stat_not_found, address_record(address));
 }
 
-// Ends a request: queues the callbacks of its askers and frees it. With the lock held.
-void resolver::complete(address_request* request, ibat_stat_t status, const ibat_arp_data_t& answer)
-{
-    while (!list_empty(&request->askers)) {
-        asker_t* asker = list_entry(request->askers.next, asker_t, link);
-        list_del_init(&asker->link);
-        replies_.owe(asker, status, answer);
-    }
-    assert(counters_.pending > 0);
-    requests_by_address_.remove(request);
-    list_del_init(&request->link);
-    kfree(request);
-    --counters_.pending;
-}
-
+// With the lock held.
 void resolver::give_up(address_request* request, ibat_stat_t status)
 {
-    complete(request, status, address_record(request->address));
+    requests_.end(request, status, address_record(request->address));
 }
 
 } // namespace ibat

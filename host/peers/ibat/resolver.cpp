@@ -9,7 +9,6 @@ namespace
 
 constexpr unsigned long sweep_period_ticks = 10 * HZ;
 constexpr int32_t sweep_batch = 64; // entries dropped while the lock is held once
-constexpr size_t expected_requests = 512;
 
 } // namespace
 
@@ -20,21 +19,15 @@ bool resolver::open(const resolver_limits& limits)
     retry_ticks_ = limits.retry_ticks;
     counters_ = {};
     attachment_.open(&lock_, "ibat send_arp");
-    list_init(&sending_list_);
-    list_init(&waiting_list_);
-    last_request_id_ = 0;
-    is_retry_armed_ = false;
-    init_timing(&retry_timer_);
-    retry_timer_.function = [](unsigned long self) { reinterpret_cast<resolver*>(self)->retry_due(); };
-    retry_timer_.data = reinterpret_cast<unsigned long>(this);
+    requests_.prepare(
+        &lock_, [](unsigned long self) { reinterpret_cast<resolver*>(self)->retry_due(); }, this);
     is_sweep_armed_ = false;
     init_timing(&sweep_timer_);
     sweep_timer_.function = [](unsigned long self) { reinterpret_cast<resolver*>(self)->sweep_aged(); };
     sweep_timer_.data = reinterpret_cast<unsigned long>(this);
     sweep_timer_.atomic = true;
-    replies_.open(&lock_);
     if (!cache_.open(limits.cache)) return false;
-    if (requests_by_address_.open(expected_requests)) return true;
+    if (requests_.open()) return true;
     cache_.close();
     return false;
 }
@@ -42,11 +35,10 @@ bool resolver::open(const resolver_limits& limits)
 void resolver::close()
 {
     end_attachment();
-    del_timing_sync(&retry_timer_);
-    replies_.close();
+    requests_.stop_timer();
+    requests_.close();
     del_timing_sync(&sweep_timer_);
     cache_.close();
-    requests_by_address_.close();
 }
 
 // ---- the attachment ----
@@ -68,9 +60,7 @@ void resolver::end_attachment()
     {
         spin_guard guard(&lock_);
         attachment_.refuse_calls();
-        for (list_head* requests : {&sending_list_, &waiting_list_}) {
-            while (!list_empty(requests)) give_up(first_of(requests), ibat_stat_error);
-        }
+        requests_.for_each([this](address_request* request) { give_up(request, ibat_stat_error); });
     }
     attachment_.wait_for_calls();
     spin_guard guard(&lock_);
@@ -182,6 +172,7 @@ ibat_counters_t resolver::counters()
 {
     spin_guard guard(&lock_);
     counters_.entries = static_cast<uint64_t>(cache_.count());
+    counters_.pending = requests_.count();
     return counters_;
 }
 

@@ -6,7 +6,7 @@
 
 #include "host/peers/attachment.h"
 #include "host/peers/ibat/cache.h"
-#include "host/peers/reply-queue.h"
+#include "host/peers/ibat/request-list.h"
 
 namespace ibat
 {
@@ -18,21 +18,10 @@ struct resolver_limits {
 };
 
 // A request for the GID of one address.
-struct address_request {
-    list_head link; // in the sending list or in the waiting list
+struct address_request : request_base {
     address_request* next_by_address;
     uint32_t address;
-    uint64_t id; // distinguishes it from an earlier request for the same address
-    list_head askers;
-    int32_t attempts; // so far
-    bool was_sent;    // the provider sent at least one attempt
-    unsigned long deadline;
 };
-
-inline address_request* first_of(list_head* requests)
-{
-    return list_entry(requests->next, address_request, link);
-}
 
 // One attempt to send without the lock. `provider.send` is null when there is no attempt to send.
 struct send_order {
@@ -71,15 +60,12 @@ class resolver
     void end_attachment();
     ibat_stat_t from_cache(uint32_t address, ibat_arp_data_t* arp_data) const;
     ibat_stat_t ask(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback, void* context);
-    bool join(uint32_t address, asker_t* asker, address_request* new_request, send_order* order);
     void take_positive(const ibat_arp_data_t& reply);
     void take_negative(uint32_t address);
-    void complete(address_request* request, ibat_stat_t status, const ibat_arp_data_t& answer);
     void give_up(address_request* request, ibat_stat_t status);
     send_order begin_attempt(address_request* request);
     void send(const send_order& order);
     void await_answer(address_request* request);
-    void arm_retry();
     void retry_due();
     bool next_due(send_order* order);
     void arm_sweep();
@@ -93,16 +79,9 @@ class resolver
 
     attachment<send_arp_data_fn_t> attachment_;
 
-    hash_index<address_request, uint32_t, &address_request::address, &address_request::next_by_address>
-        requests_by_address_;
-    list_head sending_list_; // requests of which an attempt is being sent
-    list_head waiting_list_; // requests that wait for an answer, earliest deadline first
-    uint64_t last_request_id_;
-    bool is_retry_armed_; // or its handler runs
-    timing_t retry_timer_;
+    request_list<address_request, uint32_t, &address_request::address, &address_request::next_by_address> requests_;
     bool is_sweep_armed_; // or its handler runs
     timing_t sweep_timer_;
-    reply_queue replies_;
 };
 
 } // namespace ibat
