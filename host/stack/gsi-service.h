@@ -49,14 +49,15 @@ class gsi final : public kernel::service
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // The GSI layer of an HCA; null: the machine has no HCA of that name. The first call for an HCA starts its
-    // completion task, and throws a shortage when there is no room for it.
+    // Returns the GSI layer of an HCA, or null if the machine has no HCA with that name. The first call for an HCA
+    // starts its completion task. It throws a shortage if the task cannot be created.
     gsi_adapter* adapter(const char* name_in_stack);
 
-    // A new pool, which the service owns. `creator` is the address of the calling code. Null: no memory.
+    // Creates a pool; the service owns it. `creator` is the address of the calling code. Returns null if there is no
+    // memory.
     datagram_pool* create_pool(const char* name, size_t size, const void* creator);
 
-    // False: there is no such pool. A datagram that is not in the pool is a hard error.
+    // Returns false if there is no such pool. A hard error if a datagram was not put back.
     bool destroy_pool(const datagram_pool* pool);
 
   private:
@@ -64,7 +65,7 @@ class gsi final : public kernel::service
     std::atomic<uint64_t> last_transaction_id_{0}; // counts up; the low 32 bits differ for all requests in flight
     mutable std::mutex mutex_;
     std::vector<std::unique_ptr<gsi_adapter>> adapters_;
-    std::map<const datagram_pool*, const void*> creators_; // the code that created each pool
+    std::map<const datagram_pool*, const void*> creators_; // the code that has created each pool
     std::vector<std::unique_ptr<datagram_pool>> pools_;
 };
 

@@ -13,11 +13,12 @@ namespace stack
 namespace
 {
 
-// The most link changes of one port that wait for one subscriber; also the most SM changes. Then the oldest is dropped.
+// The limit of waiting link changes for one port and one subscriber; also that of SM changes. Beyond it the oldest is
+// dropped.
 constexpr ptrdiff_t queue_limit = 16;
 
-// The fabric reports a link-up after a read of the port shows it. If a subscription begins in between, it announces the
-// link first. The report of the fabric follows in the same tick or in the next one.
+// The fabric reports a link-up after a read of the port shows it. A subscription between the two announces the link
+// first. The report of the fabric then follows in the same tick or in the next one.
 constexpr uint64_t same_moment_ticks = 1;
 
 bool is_link_change(port_change change)
@@ -73,7 +74,7 @@ void hca_events::announce_active_ports(kq_hca_h_t handle)
         subscription* subscriber = find(handle);
         if (!subscriber) return;
         port_progress& progress = subscriber->ports[port - 1];
-        if (progress.has_link_report) continue; // the report is at least as new as the read
+        if (progress.has_link_report) continue; // the report is not older than the read
         progress.announced_tick = home_.exec().now();
         queue({handle, port, port_change::link_up, 0, true});
     }
@@ -136,7 +137,7 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
     }
 }
 
-// True if a link-up that the fabric reports now is the one that subscribe() has announced.
+// Returns true if the fabric now reports the link-up that subscribe() has announced.
 bool hca_events::repeats_announcement(const subscription& subscriber, int port) const
 {
     const uint64_t announced_tick = subscriber.ports[port - 1].announced_tick;

@@ -1,5 +1,5 @@
-// Delivers the events of one HCA to its subscribers: a queue, and one task that makes one callback at a time. A
-// callback may sleep. In a storm of events the oldest of a port are dropped, but never the last one.
+// Delivers the events of one HCA to its subscribers through a queue. One task makes one callback at a time. A callback
+// may sleep. If too many events come, the oldest ones of a port are dropped, but never the last one.
 #pragma once
 
 #include <deque>
@@ -17,21 +17,21 @@ class hca_events final : public fabric::listener
   public:
     hca_events(kernel::machine& home, fabric::hca& adapter);
 
-    // A subscription that has not ended is a hard error.
+    // A hard error if a subscription has not ended.
     ~hca_events();
 
     fabric::hca& hca() const { return hca_; }
 
-    // Subscribes a handle. False: it is subscribed already. The callback then gets a link-up for every active port,
-    // unless the fabric reports one at the same time. May sleep.
+    // Subscribes a handle. Returns false if it already has a subscription. The callback then gets a link-up for every
+    // active port, unless the fabric reports one at the same time. May sleep.
     bool subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
 
-    // Ends a subscription; then its callback neither runs nor will run. False: there is no such subscription. May
-    // sleep. A callback that ends its own subscription is a hard error.
+    // Ends a subscription. After the return, its callback does not run. Returns false if there is no such subscription.
+    // May sleep. It is a hard error if a callback ends its own subscription.
     bool unsubscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
     bool is_subscribed(kq_hca_h_t handle) const;
 
-    // True if a subscription calls into that module.
+    // Returns true if the callback of a subscription is in that module.
     bool calls(const kernel::module_code& module) const;
 
     void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
@@ -40,7 +40,7 @@ class hca_events final : public fabric::listener
   private:
     struct port_progress {
         bool has_link_report = false;          // the fabric has reported the link since the subscription
-        uint64_t announced_tick = exec::never; // when subscribe() announced that the link is up; never: it did not
+        uint64_t announced_tick = exec::never; // when subscribe() announced that the link is up, or `never`
     };
     struct subscription {
         kq_hca_h_t handle;
@@ -55,7 +55,7 @@ class hca_events final : public fabric::listener
         bool is_announcement;
     };
 
-    // With mutex_ held.
+    // The caller holds mutex_.
     subscription* find(kq_hca_h_t handle);
     bool repeats_announcement(const subscription& subscriber, int port) const;
     void queue(const event& new_event);
@@ -63,7 +63,7 @@ class hca_events final : public fabric::listener
     void announce_active_ports(kq_hca_h_t handle);
     bool callback_runs(kq_hca_h_t handle) const;
 
-    // The task.
+    // The body of the task.
     void run();
     bool deliver_next();
 
@@ -74,7 +74,7 @@ class hca_events final : public fabric::listener
     mutable std::mutex mutex_; // guards the members below, except the task
     std::list<subscription> subscriptions_;
     std::deque<event> queue_;
-    kq_hca_h_t called_handle_ = nullptr; // the subscriber whose callback runs; null: none
+    kq_hca_h_t called_handle_ = nullptr; // the subscriber whose callback runs, or null
     service_task task_;
 };
 

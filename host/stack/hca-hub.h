@@ -21,11 +21,11 @@ class hca_hub final : public fabric::listener
     explicit hca_hub(fabric::hca& adapter);
 
     // Calls `listener` from now on, with the hub locked. The listener must not sleep, and must not call the hub or the
-    // HCA, except for send(). Two calls of attach() need two of detach(). May sleep.
+    // HCA, except for send(). Each attach() needs its own detach(). May sleep.
     void attach(fabric::listener& listener);
 
-    // Takes one attach() back. After the last one `listener` is not running and is not called again. A detach without
-    // an attach is a hard error. May sleep.
+    // Undoes one attach(). After the last one, `listener` is not called any more. A detach without an attach is a hard
+    // error. May sleep.
     void detach(fabric::listener& listener);
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
@@ -38,7 +38,7 @@ class hca_hub final : public fabric::listener
         int attach_count;
     };
     fabric::hca& adapter_;
-    semaphore change_semaphore_; // held during listen(), so that its calls come in the order of the changes
+    semaphore change_semaphore_; // held during listen(): its calls have the order of the changes
     std::mutex mutex_;           // guards listeners_; held while a listener is called
     std::vector<attached_listener> listeners_;
 };
@@ -49,7 +49,7 @@ class hca_hubs final : public kernel::service
   public:
     explicit hca_hubs(kernel::machine&) {}
 
-    // The hub of an HCA; made by the first call, and owned by the service. Any context.
+    // Returns the hub of an HCA. The first call creates it; the service owns it. Any context.
     hca_hub& hub_of(fabric::hca& adapter);
 
   private:
@@ -57,10 +57,10 @@ class hca_hubs final : public kernel::service
     std::map<fabric::hca*, std::unique_ptr<hca_hub>> hubs_;
 };
 
-// The HCA's name in the stack, where a name has at most 99 bytes.
+// The HCA's name in the stack: at most 99 bytes.
 kq_hca_name name_in_stack(const fabric::hca& adapter);
 
-// The machine's HCA of that name, or null.
+// The machine's HCA with that name, or null.
 fabric::hca* find_hca(const kernel::machine& home, const char* name_in_stack);
 
 } // namespace stack

@@ -8,7 +8,8 @@
 namespace stack
 {
 
-// Fabrics run completion contexts too, in tasks of their own. So a context is looked at besides the adapter's task.
+// Fabrics also run completion contexts in their own tasks. Therefore check the context in addition to the adapter's
+// task.
 void liveness::ask()
 {
     rounds_.clear();

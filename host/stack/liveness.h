@@ -1,5 +1,4 @@
-// Finds the tasks of a machine's stack that hang: all are woken, and each that works takes note of that within a
-// moment.
+// Finds the tasks of a machine's stack that hang. It wakes all of them. A task that works responds within a moment.
 #pragma once
 
 #include <map>
@@ -11,7 +10,7 @@
 namespace stack
 {
 
-// Call from outside of the machine, which lives on; one thread. Neither call waits for a task.
+// Call it from outside of the machine, in one thread. The machine outlives it. Neither call waits for a task.
 class liveness
 {
   public:
@@ -20,14 +19,14 @@ class liveness
     // Wakes every task.
     void ask();
 
-    // The names of the tasks, and of the completion contexts of GSI, that have made no progress since ask(). A handler
-    // or callback of a module runs for as long, or the task waits for ever.
+    // Returns the names of the tasks, and of GSI's completion contexts, that have made no progress since ask(). Either
+    // a handler or callback of a module has been running since then, or the task waits for ever.
     std::vector<std::string> silent() const;
 
   private:
     kernel::machine& home_;
-    std::map<std::string, uint64_t> rounds_;  // by task
-    std::map<std::string, uint64_t> batches_; // by completion context that was running
+    std::map<std::string, uint64_t> rounds_;  // of each task
+    std::map<std::string, uint64_t> batches_; // of each completion context that was running
 };
 
 } // namespace stack

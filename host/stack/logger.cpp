@@ -6,7 +6,7 @@
 #include "host/stack/registry.h"
 #include "kernel/export.h"
 
-// The logger's call for modules: stores a new trace level in the variable of the module that `context` points at.
+// The logger's function for modules. Stores a new trace level in the module's variable, to which `context` points.
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
 void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context)

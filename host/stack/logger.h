@@ -1,5 +1,5 @@
-// The logger's own trace level: no module of the machine traces above it. The registry holds it, and the loader copies
-// it into every image.
+// The logger's own trace level. No module of the machine prints traces above it. The registry stores it, and the loader
+// copies it into every image.
 #pragma once
 
 #include <cstdint>
@@ -14,14 +14,14 @@ class logger final : public kernel::service
   public:
     explicit logger(kernel::machine& home) : home_(home) {}
 
-    // 0 (no traces) to 5 (every trace, the default). Sets it in the registry; may sleep.
+    // From 0 (no traces) to 5 (every trace, the default). Stores it in the registry. May sleep.
     void set_level(int32_t level);
     int32_t level() const { return home_.modules.logger_level(); }
 
     static constexpr const char* registry_key = "dorvex/logger";
     static constexpr const char* registry_value_name = "trace-level";
 
-    // A rep_change_fn_t: hands the new level to the loader of the machine that `home` points at.
+    // A rep_change_fn_t: passes the new level to the loader of the machine to which `home` points.
     static void level_changed(const char* value_name, intptr_t new_value, void* home);
 
   private:

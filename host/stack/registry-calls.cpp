@@ -1,4 +1,4 @@
-// Implements repository.h with the registry of the calling machine.
+// Implements repository.h with the calling machine's registry.
 #include "host/stack/registry.h"
 #include "kernel/errno.h"
 

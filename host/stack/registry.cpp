@@ -10,7 +10,7 @@ namespace stack
 namespace
 {
 
-// "/a//b/" is "a/b".
+// Removes superfluous slashes: "/a//b/" becomes "a/b".
 std::string normal_path(const std::string& path)
 {
     std::string normal;

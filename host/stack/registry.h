@@ -1,5 +1,5 @@
 // A machine's registry: a tree of keys, each with named integers. Its owner sets values, also at run time. Modules read
-// them through repository.h, and subscribe to their changes.
+// values and subscribe to changes through repository.h.
 #pragma once
 
 #include <map>
@@ -15,22 +15,22 @@ namespace stack
 {
 
 struct registry_value {
-    std::string key; // its path: names separated by slashes, without slashes at the ends
+    std::string key; // its path, with slashes only between names
     std::string name;
     intptr_t value;
 };
 
-// The owner's calls take paths from the root. They ignore slashes at the ends and doubled slashes. The caller need not
-// be inside a machine. set() may sleep.
+// The owner's calls use paths from the root. They ignore slashes at the ends and double slashes. The caller need not be
+// inside a machine. set() may sleep.
 class registry final : public kernel::service
 {
   public:
     explicit registry(kernel::machine& home);
 
-    // Makes the key, and those above it, if they are missing. Stores the value and calls the subscribers.
+    // Creates the key and its parent keys if they are missing. Stores the value and calls the subscribers.
     void set(const std::string& path, const std::string& name, intptr_t value);
 
-    // Stores the value in `*value`. Returns false and leaves `*value` unchanged if there is no such value.
+    // Stores the value in `*value`. If there is no such value, returns false and does not change `*value`.
     bool get(const std::string& path, const std::string& name, intptr_t* value) const;
 
     // Removes the key and all keys below it. Their open handles become stale, and their subscriptions end. Returns
@@ -53,7 +53,7 @@ class registry final : public kernel::service
 
   private:
     struct key {
-        uint64_t serial; // distinguishes it from an earlier key of the same path
+        uint64_t serial; // distinguishes it from an earlier key with the same path
         std::map<std::string, intptr_t> values;
     };
     using key_map = std::map<std::string, key>;

@@ -1,4 +1,4 @@
-// Counts the requests that the clients of an HCA send to SAs, by attribute, and the SAs' answers, by status.
+// Counts the requests that the clients of an HCA send to SAs by attribute, and the SAs' answers by status.
 #pragma once
 
 #include <array>
@@ -29,7 +29,7 @@ struct sa_counts {
     std::array<uint64_t, sa_status_count> answers{};
 };
 
-// Any context may call. The MADs are in wire order; those of other classes are not counted.
+// Any context may call it. The MADs are in wire order; MADs of other classes are not counted.
 class sa_traffic
 {
   public:
