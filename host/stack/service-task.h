@@ -1,5 +1,5 @@
-// A task that a service keeps for its own work, and the list of all such tasks of a machine. In the list, one that
-// hangs can be found.
+// A task that a service uses for its own work, and the list of all such tasks of a machine. The list serves to find a
+// task that hangs.
 #pragma once
 
 #include <atomic>
@@ -17,11 +17,11 @@ namespace stack
 
 class service_task;
 
-// All of a machine, for the liveness check. Any thread.
+// All tasks of a machine, for the liveness check. Any thread.
 class service_tasks
 {
   public:
-    // Calls `visit` for each task; none can be added or removed meanwhile.
+    // Calls `visit` for each task. Meanwhile, no task can be added or removed.
     void visit_all(const std::function<void(service_task&)>& visit) const;
 
     void add(service_task& task);
@@ -32,13 +32,13 @@ class service_tasks
     std::vector<service_task*> tasks_;
 };
 
-// Holds the list of a machine. Every task holds it too, as it may be destroyed after this service.
+// Owns the list of a machine. Every task shares it, because the task may be destroyed after this service.
 struct service_task_list final : kernel::service {
     explicit service_task_list(kernel::machine&) {}
     const std::shared_ptr<service_tasks> tasks = std::make_shared<service_tasks>();
 };
 
-// ring() wakes it when there is work. It ends with the service.
+// ring() wakes the task when there is work. The task ends with its service.
 class service_task
 {
   public:
@@ -47,17 +47,18 @@ class service_task
     service_task(const service_task&) = delete;
     service_task& operator=(const service_task&) = delete;
 
-    // Starts the task. `body` does its work and calls sleep(), in turn, while goes_on(). Once only; does not sleep.
-    // Throws a shortage when there is no room for a task.
+    // Starts the task. `body` repeats two steps while goes_on(): its work and sleep(). Call it once; it does not sleep.
+    // Throws a shortage if the task cannot be created.
     void start(std::function<void()> body);
 
-    // There is work: ends the task's sleep, or its next one. Any context. Has no effect before start().
+    // Reports new work. Ends the task's sleep; if it does not sleep, ends its next sleep. Any context. Does nothing
+    // before start().
     void ring();
 
-    // By the task itself: sleeps until ring() or until the clock reaches `deadline`; may return early.
+    // Only the task itself calls it. Sleeps until ring() or until the clock reaches `deadline`; may return early.
     void sleep(uint64_t deadline, const char* reason) const;
 
-    // By the task itself, once a round. False: stop() was called.
+    // Only the task itself calls it, once for each round. Returns false after stop().
     bool goes_on()
     {
         rounds_.fetch_add(1, std::memory_order_relaxed);
@@ -67,7 +68,8 @@ class service_task
     uint64_t rounds() const { return rounds_.load(std::memory_order_relaxed); } // any thread
     bool is_current() const { return task_ && task_ == exec::current_task(); }
 
-    // Waits until the body has ended. There must be no ring() from now on. By a task that may sleep, or from outside.
+    // Waits until the body has ended. ring() must not be called from now on. The caller is a task that may sleep, or is
+    // outside.
     void stop();
 
   private:

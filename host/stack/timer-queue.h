@@ -1,5 +1,5 @@
-// The armed timers of one context, by deadline and by record. The memory of a disarmed timer serves the next one, so
-// that arming allocates only when more timers are armed than ever before. The caller guards the queue.
+// The armed timers of one context, by deadline and by record. A new timer reuses the memory of a disarmed one.
+// Therefore arming allocates only when more timers are armed than ever before. The caller guards the queue.
 #pragma once
 
 #include <cassert>
@@ -15,7 +15,7 @@
 namespace stack
 {
 
-// A copy of the timer's record when it was armed. The record itself is not read again.
+// A copy of the timer's record, made when it was armed. The record itself is not read again.
 struct armed_timer {
     uint64_t expires_tick;
     uint64_t number; // in the order of arming
@@ -23,7 +23,7 @@ struct armed_timer {
     void (*function)(unsigned long data);
     unsigned long data;
 
-    // Timers of one tick are due in the order in which they were armed.
+    // Timers with the same deadline are in the order in which they were armed.
     bool operator<(const armed_timer& other) const
     {
         return std::tie(expires_tick, number) < std::tie(other.expires_tick, other.number);
@@ -38,7 +38,7 @@ class timer_queue
     // The armed timers, by deadline.
     const std::set<armed_timer>& all() const { return timers_by_deadline_; }
 
-    // The timer that runs next. The queue is not empty.
+    // The next timer to run. The queue must not be empty.
     const armed_timer& first() const
     {
         assert(size() > 0);
@@ -46,7 +46,7 @@ class timer_queue
     }
     bool is_due(uint64_t now_ticks) const { return size() > 0 && first().expires_tick <= now_ticks; }
 
-    // Its record is not armed.
+    // The record must not be armed.
     void add(const armed_timer& timer)
     {
         assert(!timers_by_record_.contains(timer.record));
@@ -62,7 +62,7 @@ class timer_queue
         timers_by_record_.insert(std::move(nodes.place));
     }
 
-    // Has no effect on a record that is not armed.
+    // Does nothing if the record is not armed.
     void remove(const timing_t* record)
     {
         auto place = timers_by_record_.extract(record);

@@ -49,7 +49,7 @@ void timers::disarm_and_wait(const timing_t& timer)
     finish_wait(&handler_ended_, &sleeper);
 }
 
-// Disarms the timer. True: its handler runs; then the handler cannot arm the timer again.
+// Disarms the timer. Returns true if its handler is running; the handler then cannot arm the timer again.
 bool timers::still_runs(const timing_t& timer)
 {
     const std::lock_guard lock(mutex_);
@@ -129,7 +129,7 @@ bool timers::take_next(lane& self, armed_timer& next)
     const uint64_t now = home_.exec().now();
     const std::lock_guard lock(mutex_);
     if (!self.queue.is_due(now)) return false;
-    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return false; // the atomic handlers run first
+    if (&self == &sleeping_ && atomic_.queue.is_due(now)) return false; // the atomic handlers must run first
     next = self.queue.first();
     self.queue.remove(next.record);
     assert(!self.running_timer);
@@ -138,9 +138,9 @@ bool timers::take_next(lane& self, armed_timer& next)
     return true;
 }
 
-// The tick until which a lane that has nothing to run may sleep. While an atomic timer is due, the sleeping lane sleeps
-// without a deadline. The atomic lane calls this when no atomic timer is due, and then rings the sleeping lane. That
-// works even if timers were deleted or armed in between, and if the two lanes read different ticks.
+// Returns the tick until which an idle lane may sleep. While an atomic timer is due, the sleeping lane sleeps without a
+// deadline. When no atomic timer is due any more, the atomic lane calls this and then rings the sleeping lane. This
+// also works if timers were deleted or armed in between, and if the two lanes read different ticks.
 uint64_t timers::next_deadline(lane& self)
 {
     const uint64_t now = home_.exec().now();

@@ -1,6 +1,6 @@
 // The timing service of a machine. Handlers that never sleep run in its timer context. Handlers that may sleep run in
-// another task, so that they delay only each other. Idle work may delay them, too. Handlers that are due at one tick
-// run in this order: first those that never sleep, then the others; each kind by deadline, then in the order of arming.
+// another task, where they delay only each other; idle work may delay them, too. At one tick, the handlers that never
+// sleep run first. Within each kind, the order is by deadline, then by arming.
 #pragma once
 
 #include <atomic>
@@ -17,10 +17,10 @@ namespace stack
 class timers final : public kernel::service
 {
   public:
-    // Starts the tasks of both kinds. Throws a shortage when there is no room for them.
+    // Starts the tasks of both kinds. Throws a shortage if they cannot be created.
     explicit timers(kernel::machine& home);
 
-    // A timer that is still armed is a hard error: its record, or the module of its handler, may not exist any more.
+    // A hard error if a timer is still armed: its record, or the module of its handler, may not exist any more.
     ~timers() override;
 
     // timing.h describes these calls. arm() may be called in any context; disarm_and_wait() may sleep.
@@ -30,8 +30,9 @@ class timers final : public kernel::service
     // The number of armed timers.
     size_t armed() const;
 
-    // Sets what the task of the sleeping handlers does, again and again, while no handler is due. It sleeps when `work`
-    // returns false: nothing was done. `work` may sleep; a handler that becomes due meanwhile waits for it. Once only.
+    // Sets the work that the task of the sleeping handlers repeats while no handler is due. `work` returns false if
+    // there was nothing to do; the task then sleeps. `work` may sleep, and a handler that becomes due waits for it.
+    // Call it once.
     void set_idle_work(std::function<bool()> work);
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
@@ -41,9 +42,9 @@ class timers final : public kernel::service
     struct lane {
         lane(kernel::machine& home, const char* name) : task(home, name) {}
         timer_queue queue;
-        const timing_t* running_timer = nullptr;          // its handler runs; null: none does
+        const timing_t* running_timer = nullptr;          // the timer whose handler runs, or null
         void (*running_handler)(unsigned long) = nullptr; // valid while running_timer is set
-        bool is_arming_void = false;                      // a task that deletes running_timer waits for the handler
+        bool is_arming_void = false;                      // a task is deleting running_timer and waits for the handler
         service_task task;
     };
 
@@ -58,10 +59,10 @@ class timers final : public kernel::service
     mutable std::mutex mutex_;
     uint64_t times_armed_ = 0;
     bool sleeping_waits_for_atomic_ =
-        false; // the sleeping lane sleeps without a deadline until the atomic one rings it
+        false; // the sleeping lane sleeps without a deadline until the atomic lane rings it
     wait_queue_head_t handler_ended_;
     std::function<bool()> idle_work_;
-    std::atomic<bool> has_idle_work_{false}; // idle_work_ is set, and does not change any more
+    std::atomic<bool> has_idle_work_{false}; // idle_work_ is set and does not change any more
     lane atomic_;
     lane sleeping_;
 };

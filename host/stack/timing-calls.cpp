@@ -1,4 +1,4 @@
-// Implements timing.h with the timing service of the calling machine.
+// Implements timing.h with the calling machine's timing service.
 #include "host/stack/timers.h"
 
 namespace
@@ -13,14 +13,14 @@ stack::timers& timers_here(const char* call)
 
 void init_timing(timing_t* timer)
 {
-    timers_here(__func__); // makes the service here, since that may sleep and add_timing() must not
+    timers_here(__func__); // creates the service here, because this may sleep and add_timing() must not
     *timer = {};
 }
 
 void add_timing(timing_t* timer)
 {
     timers_here(__func__).arm(*timer);
-    exec::preemption_point(); // the handler may run before the return, as on another processor
+    exec::preemption_point(); // the handler may run before the return, as if on another processor
 }
 
 void del_timing_sync(timing_t* timer)

@@ -1,4 +1,4 @@
-// Implements verbs.h with the verbs service of the calling machine.
+// Implements verbs.h with the calling machine's verbs service.
 #include <algorithm>
 #include <bit>
 
@@ -25,7 +25,7 @@ kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabr
     return kq_return_ok;
 }
 
-// Stores as many entries of the table as fit into `*count` entries, and sets `*count` to their number.
+// Copies at most `*count` entries of the table, and sets `*count` to the number of copied entries.
 template <class source_t, class entry_t, class convert_t>
 kq_return_t store(const std::vector<source_t>& table, int* count, entry_t* entries, const convert_t& convert)
 {

@@ -7,7 +7,7 @@ namespace stack
 
 verbs::verbs(kernel::machine& home) : home_(home)
 {
-    home.get<hca_hubs>(); // created first, so that it is destroyed after this service
+    home.get<hca_hubs>(); // created first and therefore destroyed after this service
 }
 
 verbs::~verbs()

@@ -1,5 +1,5 @@
-// The verbs service of a machine: its open HCAs. A handle is a number that is never used twice, so that a stale handle
-// is recognised.
+// The verbs service of a machine: its open HCAs. A handle is a number that is never reused, so a stale handle is
+// detected.
 #pragma once
 
 #include <atomic>
@@ -17,25 +17,26 @@ class verbs final : public kernel::service
   public:
     explicit verbs(kernel::machine& home);
 
-    // An HCA that was not closed is a hard error.
+    // A hard error if an HCA was not closed.
     ~verbs() override;
 
-    // Opens an HCA. `opener` is the address of the calling code. Null: the machine has no HCA of that name.
+    // Opens an HCA. `opener` is the address of the calling code. Returns null if the machine has no HCA with that name.
     kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
-    // The events of a plugged HCA. The first call starts the task that delivers them, and throws a shortage when there
-    // is no room for it.
+    // The events of a plugged HCA. The first call starts the task that delivers them. It throws a shortage if the task
+    // cannot be created.
     hca_events& events_of(fabric::hca& adapter);
 
-    // The events of an open HCA; they live as long as the machine. Null: the handle is stale, or never was one.
+    // The events of an open HCA, which live as long as the machine. Returns null for a handle that is stale or was
+    // never valid.
     hca_events* find(kq_hca_h_t handle) const;
 
-    // kq_return_ok, kq_return_err_invalid_hca, or kq_return_err_busy: the handle is subscribed to events.
+    // Returns kq_return_ok, kq_return_err_invalid_hca, or kq_return_err_busy if the handle has a subscription.
     kq_return_t close(kq_hca_h_t handle);
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // True at the first call: a list of HCAs that has no room for all is logged once.
+    // Returns true at the first call. A list that is too short for all HCAs is logged only once.
     bool should_report_cut() { return !is_cut_reported_.exchange(true); }
 
   private:
@@ -45,7 +46,7 @@ class verbs final : public kernel::service
     };
     kernel::machine& home_;
     mutable std::mutex mutex_;
-    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // of each HCA
+    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // for each HCA
     std::map<kq_hca_h_t, open_hca> open_;
     uintptr_t last_handle_ = 0;
     std::atomic<bool> is_cut_reported_{false};
