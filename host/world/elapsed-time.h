@@ -1,4 +1,4 @@
-// The time that a lookup took.
+// Measures the time of a lookup.
 #pragma once
 
 #include <chrono>

@@ -6,9 +6,8 @@
 namespace world
 {
 
-// $ATS_MODULE_DIR, or else the folder of the modules seen from that of the program: the installed one if it exists,
-// else
-// ../modules, as in a build tree. Never empty; whether it exists is not checked. Any thread may call it.
+// Returns $ATS_MODULE_DIR if it is set. Otherwise returns a folder relative to that of the program: the installed one
+// if it exists, else ../modules, as in a build tree. The result is never empty; the folder may not exist. Any thread.
 std::string default_module_folder();
 
 } // namespace world

@@ -49,7 +49,7 @@ void set_failure(path_resolution& answer, path_status status, const std::string&
     answer.reason = reason;
 }
 
-// Takes over what IBAT says about the path to a GID.
+// Stores IBAT's answer about the path to a GID.
 void take_path(path_resolution& answer, ibat_stat_t status, const ibat_arp_data_t& record)
 {
     switch (static_cast<int32_t>(status)) {
@@ -72,7 +72,7 @@ void take_path(path_resolution& answer, ibat_stat_t status, const ibat_arp_data_
     }
 }
 
-// Takes over why the address of the destination has no GID.
+// Stores the reason why the destination's address has no GID.
 void take_unknown_address(path_resolution& answer, const resolution& resolved, const kernel::machine& machine)
 {
     if (resolved.status == ibat_stat_not_found) return set_failure(answer, path_status::not_found, resolved.reason);
@@ -89,7 +89,7 @@ void note_destination(path_resolution& answer, const path_destination& destinati
         answer.gid = std::get<kq_gid_t>(destination);
 }
 
-// One question about a path. It lives until its answer has been handed on, and keeps IBAT loaded.
+// One question about a path. It lives until its answer has been delivered, and keeps IBAT loaded.
 struct path_question {
     path_question(kernel::machine& machine, const path_destination& destination, lookup_mode mode, path_callback done)
         : machine(machine), get(machine, "ibat_get_path_fn"), refresh(machine, "ibat_refresh_path_fn"), mode(mode),
@@ -138,7 +138,7 @@ void ask_for_path(std::unique_ptr<path_question> question)
             status = (*question->get)(&gid, &record, take_reply, question.get());
     });
     if (status == ibat_stat_pending) {
-        static_cast<void>(question.release()); // the callback owns it, and may have destroyed it already
+        static_cast<void>(question.release()); // the callback owns it, and may already have destroyed it
         return;
     }
     take_path(question->answer, status, record);
@@ -153,7 +153,7 @@ void ask_for_address(std::unique_ptr<path_question> question)
     const auto start = question->mode == lookup_mode::sa_only
                            ? start_fresh_resolution
                            : static_cast<void (*)(kernel::machine&, uint32_t, resolution_callback)>(start_resolution);
-    path_question* context = question.release(); // std::function cannot hold what is not copyable
+    path_question* context = question.release(); // std::function cannot store an object that is not copyable
     start(machine, ip, [context](const resolution& resolved) {
         std::unique_ptr<path_question> question(context);
         question->answer.from_cache = resolved.from_cache;
@@ -164,7 +164,7 @@ void ask_for_address(std::unique_ptr<path_question> question)
     });
 }
 
-// resolve_path() and the callback share this. The callback may come when nobody waits any more.
+// Shared by resolve_path() and the callback. The callback may come after the end of the wait.
 struct awaited_answer {
     awaited_answer() { init_waitqueue_head_named(&arrival, "path"); }
 
@@ -173,7 +173,7 @@ struct awaited_answer {
     wait_queue_head_t arrival;
 };
 
-// Waits inside the machine. False: the time is up.
+// Waits inside the machine. Returns false after the timeout.
 bool wait_for(awaited_answer& awaited, uint64_t timeout_ticks)
 {
     wait_queue_t sleeper;
@@ -206,7 +206,7 @@ double gigabits_of(const path_record& path)
 uint64_t lifetime_microseconds_of(const path_record& path)
 {
     constexpr uint64_t unit_nanoseconds = 4096;
-    constexpr int longest = 63 - 12; // beyond it, the number does not fit
+    constexpr int longest = 63 - 12; // beyond it, the number would overflow
     return path.packet_lifetime <= longest ? (unit_nanoseconds << path.packet_lifetime) / 1000 : 0;
 }
 

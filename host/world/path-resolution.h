@@ -1,4 +1,5 @@
-// Paths from a host to an address or a GID. IBAT finds them: first the GID of the address, then the SA's PathRecord.
+// Paths from a host to an address or a GID. IBAT finds them: first the GID of the address, then the PathRecord from the
+// SA.
 #pragma once
 
 #include <variant>
@@ -8,7 +9,7 @@
 namespace world
 {
 
-// A PathRecord (IBA 15.2.5.16) in host order. Numbers are the standard's encodings.
+// A PathRecord (IBA 15.2.5.16) in host order. Numbers have the standard's encodings.
 struct path_record {
     kq_gid_t dgid{};
     kq_gid_t sgid{};
@@ -28,47 +29,47 @@ struct path_record {
     bool operator==(const path_record&) const = default;
 };
 
-// These decode fields of a path. An unknown encoding gives zero. Pure.
+// These functions decode fields of a path. An unknown encoding gives zero. Pure.
 uint32_t mtu_bytes_of(const path_record& path);
-double gigabits_of(const path_record& path); // a second
+double gigabits_of(const path_record& path); // per second
 uint64_t lifetime_microseconds_of(const path_record& path);
 
 enum class path_status {
     found,
-    not_found,      // the SA names no owner of the address, or knows no path to the GID
-    not_cached,     // of cache_only: the cache knows no path
+    not_found,      // the SA has no owner of the address, or no path to the GID
+    not_cached,     // only for cache_only: the cache has no path
     timed_out,      // the SA did not answer in time
-    no_active_port, // the host has no port to ask through
+    no_active_port, // the host has no port that can send a question
     failed,         // the SA could not be asked, or refused
 };
 
 struct path_resolution {
     path_status status = path_status::failed;
-    uint32_t ip = 0;   // of the destination, network order; 0: it was named by its GID
-    kq_gid_t gid{};    // of the destination; zero: not known
-    path_record path;  // of `found`
-    uint32_t port = 0; // of `found`: the host's port on which the path begins
+    uint32_t ip = 0;   // of the destination, network order; 0 if the question named a GID
+    kq_gid_t gid{};    // of the destination; zero if unknown
+    path_record path;  // valid for `found`
+    uint32_t port = 0; // valid for `found`: the host's port on which the path begins
     bool from_cache = false;
-    uint64_t took_ticks = 0;       // of the machine's clock
-    uint64_t took_nanoseconds = 0; // of the wall clock
+    uint64_t took_ticks = 0;       // by the machine's clock
+    uint64_t took_nanoseconds = 0; // by the wall clock
     std::string reason;            // one line for people; empty if the status is `found`
 };
 
 using path_destination = std::variant<uint32_t, kq_gid_t>; // an address in network order, or a GID
 
-// Waits for the answer, for `timeout_ticks` at most; the default is longer than IBAT tries. In the simulation, time
-// passes meanwhile. Called from outside, or from a task of the machine that may sleep.
+// Waits at most `timeout_ticks` for the answer; the default is longer than IBAT tries. In the simulation, time passes
+// meanwhile. The caller is outside, or is a task of the machine that may sleep.
 inline constexpr uint64_t no_path_timeout = UINT64_MAX;
 path_resolution resolve_path(kernel::machine& machine, const path_destination& destination,
                              lookup_mode mode = lookup_mode::usual, uint64_t timeout_ticks = no_path_timeout);
 
-// The path, if the host's caches know it. A hit counts as a lookup. Called from outside, or from a task of the machine
-// that may sleep.
+// Returns the path if the host's caches have it. A hit counts as a lookup. The caller is outside, or is a task of the
+// machine that may sleep.
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
-// Asks as resolve_path() does, but does not wait for the answer. `done` is called exactly once, within the time that
-// IBAT tries: by this call, or later by a task of the machine, which it must not keep waiting. May sleep. `mode` is not
-// cache_only.
+// Asks in the same way as resolve_path(), but does not wait for the answer. `done` is called exactly once, within the
+// time that IBAT tries. The caller is this call, or later a task of the machine, which `done` must not block. May
+// sleep. `mode` must not be cache_only.
 using path_callback = std::function<void(const path_resolution&)>;
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
                            path_callback done);

@@ -13,7 +13,7 @@ namespace
 struct character {
     size_t bytes = 1;
     uint32_t code = 0;
-    bool is_valid = false; // false: one byte that does not begin a UTF-8 character
+    bool is_valid = false; // if false, one byte that does not begin a UTF-8 character
 };
 
 bool continues(char byte)
@@ -21,7 +21,7 @@ bool continues(char byte)
     return (static_cast<uint8_t>(byte) & 0xC0) == 0x80;
 }
 
-// The first character of a text that is not empty. RFC 3629 allows only the shortest form, and no surrogates.
+// The first character of a non-empty text. RFC 3629 allows only the shortest form and excludes surrogates.
 character first_of(std::string_view text)
 {
     constexpr struct {

@@ -1,4 +1,4 @@
-// Access to a function that a module of a machine published by an inter-module name.
+// Access to a function that a module has published under an inter-module name.
 #pragma once
 
 #include "host/kernel/machine.h"
@@ -6,9 +6,9 @@
 namespace world
 {
 
-// Holds a reference to the publishing module while it exists, so that the module stays loaded. False when no module
-// published the name. A function that needs a current machine must be called inside it (see machine::enter). `machine`
-// and `name` must outlive this object.
+// During its lifetime, holds a reference on the publishing module, so the module stays loaded. Converts to false if no
+// module has published the name. If a function needs a current machine, call it inside the machine (see
+// machine::enter). `machine` and `name` must outlive this object.
 template <class function_t>
 class published
 {

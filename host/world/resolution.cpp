@@ -14,7 +14,7 @@ namespace world
 namespace
 {
 
-// The answer to one request. A callback stores it and wakes the task that waits for it.
+// The answer to one request. A callback stores it and wakes the waiting task.
 struct pending_answer {
     pending_answer() { sema_init(&arrival, 0); }
 
@@ -94,10 +94,10 @@ resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mod
     if (!get) return not_loaded("ucm");
     if (!peek) return not_loaded("ibat");
     resolution answer = resolve_inside(machine, [&](pending_answer& pending) {
-        kq_gid_t gid_argument = gid; // the functions take a pointer that is not const
+        kq_gid_t gid_argument = gid; // the functions need a pointer to a variable
         if (mode != lookup_mode::cache_only)
             return (*get)(&gid_argument, &pending.record, pending_answer::store, &pending);
-        // A cache without the GID says nothing about the records of the SA.
+        // If the cache does not have the GID, the SA may still have a record of it.
         return (*peek)(&gid_argument, &pending.record) == ibat_stat_ok ? ibat_stat_ok : ibat_stat_error;
     });
     answer.gid = gid;

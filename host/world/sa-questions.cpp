@@ -57,7 +57,7 @@ bool sa_questions::join(fabric::hca& hca, int port)
     return has_joined;
 }
 
-// GSI keeps a client until its last datagram has completed.
+// GSI does not release a client before its last datagram has completed.
 void sa_questions::leave()
 {
     while (class_ && gsi_deregister_class(class_) != 0) schedule_timeout_uninterruptible(pause_ticks);
@@ -82,7 +82,7 @@ std::optional<sa_mad_v2_t> sa_questions::ask(const sa_mad_v2_t& request)
     return answer_;
 }
 
-// A request that is refused counts as lost.
+// If GSI refuses a request, it counts as lost.
 void sa_questions::send(sa_mad_v2_t request)
 {
     gsi_dtgrm_t* datagram;

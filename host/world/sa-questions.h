@@ -1,5 +1,5 @@
-// Asks the SA questions of its own, for the program that runs a host. It joins the SA's class beside the modules, so it
-// can ask before they are loaded and after they have gone, and they see nothing of it.
+// Asks the SA questions for the program that runs a host. It joins the SA's class beside the modules. It can therefore
+// ask before the modules are loaded and after they are unloaded, without any effect on them.
 #pragma once
 
 #include <memory>
@@ -18,15 +18,16 @@ namespace world
 class sa_questions
 {
   public:
-    // Opens the first active port of the machine. Error: unreachable, if there is none; no_memory or failed, if GSI
-    // refuses. This call, ask() and the destructor are for one caller at a time, from outside of the machine.
+    // Opens the first active port of the machine. Fails with unreachable if there is none, and with no_memory or failed
+    // if GSI refuses. Only one caller at a time, from outside of the machine, may use this call, ask() and the
+    // destructor.
     static ats::result<std::unique_ptr<sa_questions>> open(kernel::machine& machine);
     ~sa_questions();
     sa_questions(const sa_questions&) = delete;
     sa_questions& operator=(const sa_questions&) = delete;
 
-    // Sends the request, again if need be, and waits for its answer: a second at most. Empty: the SA is silent.
-    // The request is in wire order; its TransactionID does not matter.
+    // Sends the request, repeats it if necessary, and waits at most one second for its answer. The result is empty if
+    // the SA is silent. The request is in wire order; its TransactionID does not matter.
     std::optional<sa_mad_v2_t> ask(const sa_mad_v2_t& request);
 
   private:
@@ -46,7 +47,7 @@ class sa_questions
     uint32_t last_transaction_ = 0;
 
     std::mutex mutex_;               // guards the members below
-    uint32_t first_transaction_ = 0; // of the question that waits; older answers are late
+    uint32_t first_transaction_ = 0; // of the waiting question; answers to older questions are late
     std::optional<sa_mad_v2_t> answer_;
 };
 

@@ -14,13 +14,13 @@ namespace world
 namespace
 {
 
-// Says why an answer is not ok.
+// Adds the reason to an answer that is not ok.
 void explain(resolution& answer)
 {
     answer.reason = reason_of(answer, answer.from_cache ? not_sent : sa_refusal);
 }
 
-// One question. It lives until its answer has been handed on, and keeps the module that answers loaded.
+// One question. It lives until its answer has been delivered, and keeps the answering module loaded.
 template <class function_t>
 struct question {
     question(kernel::machine& machine, const char* function, resolution_callback done)
@@ -28,7 +28,7 @@ struct question {
     {
     }
 
-    // Hands the answer on. `status` and `record` are a peer's.
+    // Delivers the answer. `status` and `record` come from a peer.
     void finish(ibat_stat_t status, const ibat_arp_data_t& record, bool from_cache)
     {
         answer.status = status;
@@ -50,11 +50,11 @@ struct question {
 
     const published<function_t> call;
     const resolution_callback done;
-    resolution answer; // with the address or GID that was asked for
+    resolution answer; // has the address or GID of the question
     const steady_clock::time_point started = steady_clock::now();
 };
 
-// Lets a peer answer `asked`, at once or by a callback, which then owns it.
+// Asks a peer. The peer answers at once, or by a callback, which then owns `asked`.
 template <class question_t, class ask_t>
 void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> asked, const char* module, ask_t ask)
 {
@@ -66,12 +66,12 @@ void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> asked, const
     ibat_stat_t status = ibat_stat_error;
     machine.enter("resolve", [&] { status = ask(*asked, &record); });
     if (status == ibat_stat_pending)
-        static_cast<void>(asked.release()); // the callback owns it, and may have destroyed it already
+        static_cast<void>(asked.release()); // the callback owns it, and may already have destroyed it
     else
         asked->finish(status, record, true);
 }
 
-// Looks into IBAT's cache. A GID that it does not know may still have an owner.
+// Searches IBAT's cache. A GID that is not in it may still have an owner.
 template <class function_t, class subject_t>
 std::optional<resolution> look_up(kernel::machine& machine, const char* function, subject_t subject)
 {

@@ -20,8 +20,8 @@ std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
     return number;
 }
 
-// True if inet_pton() accepts the text and fills `address`, which has the size that the family needs. inet_pton() stops
-// at a NUL, so a text that contains one is refused here.
+// Returns true if inet_pton() accepts the text. Then fills `address`, whose size depends on the family. inet_pton()
+// stops at a NUL, so this refuses a text that contains one.
 bool parse_address(int family, const std::string& text, void* address)
 {
     return text.find('\0') == text.npos && inet_pton(family, text.c_str(), address) == 1;
