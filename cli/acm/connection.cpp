@@ -10,7 +10,8 @@ namespace acm
 namespace
 {
 
-// A part of a request cannot be waited for with poll(), which reports it again and again.
+// poll() reports a partial request again and again, so it cannot wait for the rest. Check for the rest in this
+// interval.
 constexpr uint64_t rest_period_ms = 10;
 
 connection& self_of(void* handle_data)
@@ -46,7 +47,7 @@ void connection::set_events(int events)
     });
 }
 
-// Takes the next request, if it is whole, and leaves it in the socket.
+// Looks for the next whole request, and leaves it in the socket.
 void connection::look()
 {
     const ssize_t size = recv(socket_.get(), request_.data(), request_.size(), MSG_PEEK | MSG_DONTWAIT);
@@ -73,7 +74,7 @@ void connection::begin(message_view request)
 {
     request_length_ = request.size();
     owner_.take_request(*this, request);
-    if (is_closed_ || request_length_ == 0) return; // it is answered already
+    if (is_closed_ || request_length_ == 0) return; // it already has its answer
     set_events(UV_DISCONNECT);
     start_timer(timeout_ms_);
 }
@@ -93,8 +94,8 @@ void connection::timer_fired()
     look();
 }
 
-// The request is taken out of the socket first. If the process is killed between the two calls, one answer is missing;
-// the other way round, the program would take the same answer for that of its next request.
+// Takes the request out of the socket before sending the answer. If the process is killed in between, one answer is
+// missing. In the other order, the program could get this answer a second time, as the answer to its next request.
 void connection::answer(const message& bytes)
 {
     if (is_closed_ || request_length_ == 0) return;
@@ -103,7 +104,7 @@ void connection::answer(const message& bytes)
     const bool is_taken = taken_size == static_cast<ssize_t>(request_length_);
     request_length_ = 0;
     ++request_number_;
-    // A program that does not read its answers gets no more of them.
+    // A program that does not read its answers gets no more answers.
     const ssize_t sent = is_taken ? send(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) : -1;
     if (sent != static_cast<ssize_t>(bytes.size())) return cut_off();
     if (is_timer_running_) uv_timer_stop(&timer_);

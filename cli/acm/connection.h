@@ -1,6 +1,6 @@
-// One connection of a program that asks for paths. Its requests are answered one at a time, as librdmacm sends them.
-// A request stays in the socket until its answer is ready: if this process ends before, the next one finds it there.
-// Lives in the event loop's thread.
+// One connection of a program that asks for paths. It answers requests one at a time, in the order in which librdmacm
+// sends them. A request stays in the socket until its answer is ready. If this process ends first, the next process
+// finds the request there. Lives in the event loop's thread.
 #pragma once
 
 #include <array>
@@ -17,16 +17,16 @@ namespace acm
 class connection
 {
   public:
-    // A connection calls its owner.
+    // The calls of a connection to its owner.
     struct owner {
         virtual ~owner() = default;
-        virtual void take_request(connection& source, message_view request) = 0; // the owner calls answer() once
+        virtual void take_request(connection& source, message_view request) = 0; // the owner must call answer() once
         virtual void request_timed_out(connection& source, message_view request) = 0;
-        virtual void ended(connection& source) = 0; // its handles are closed: it may be destroyed
+        virtual void ended(connection& source) = 0; // its handles are closed; it may be destroyed
     };
 
-    // Receives requests from `socket`. If the owner has no answer within `timeout`, request_timed_out() is called. The
-    // owner chooses the number.
+    // Receives requests from `socket`. If the owner does not answer within `timeout`, request_timed_out() is called.
+    // The owner chooses `number`.
     connection(owner& owner, uv_loop_t* loop, uint64_t number, client::descriptor socket,
                std::chrono::milliseconds timeout);
     connection(const connection&) = delete;
@@ -38,10 +38,10 @@ class connection
     // Identifies the current request. It changes with each answer.
     uint64_t request_number() const { return request_number_; }
 
-    // Closes this process's side only: another process may hold the connection too.
+    // Closes only this process's descriptor. Another process may still have the connection open.
     void close();
 
-    // Ends the connection for the program as well.
+    // Also ends the connection for the program.
     void cut_off();
 
     uint64_t number() const { return number_; }
@@ -65,8 +65,8 @@ class connection
     int open_handles_ = 2;
     uint64_t request_number_ = 0;
     std::array<uint8_t, longest_message> request_; // a copy: the socket keeps the original
-    size_t request_length_ = 0;                    // 0: none is being answered
-    uint64_t rest_deadline_ms_ = 0;                // for the rest of a request; 0: no part of one has arrived
+    size_t request_length_ = 0;                    // 0 if no request is being answered
+    uint64_t rest_deadline_ms_ = 0;                // for the rest of a partial request; 0 if there is none
     bool is_timer_running_ = false;
     bool is_closed_ = false;
 };

@@ -13,8 +13,8 @@ namespace acm
 namespace
 {
 
-// Beyond the limit of connections a user is still answered, with refusals. Beyond this multiple of it the door hangs
-// up.
+// A user with more connections than the limit still gets answers, but they are refusals. With this many times the
+// limit, further connections are closed.
 constexpr size_t most_refused = 4;
 
 template <class handle_t>
@@ -79,7 +79,7 @@ void door::set_limits(const cli::service_limits& limits)
 void door::start_accepting()
 {
     accepting_ = listening_->duplicate();
-    uv_poll_init(loop_.uv(), &listener_, accepting_.get()); // makes it non-blocking
+    uv_poll_init(loop_.uv(), &listener_, accepting_.get()); // also makes it non-blocking
     uv_timer_init(loop_.uv(), &pause_);
     open_handles_ = 2;
     listener_.data = this;
@@ -100,7 +100,7 @@ void door::accept_all()
     if (errno != EAGAIN) pause_accepting();
 }
 
-// Nothing is left to accept with: the programs wait until some descriptor has been closed.
+// No descriptor is left for accept(). The programs wait until a descriptor has been closed.
 void door::pause_accepting()
 {
     constexpr uint64_t pause_ms = 100;
@@ -148,12 +148,13 @@ void door::ended(connection& source)
     note_closed();
 }
 
-// The connections stay open if the service manager has copies of them, those that nobody has accepted yet too.
+// The connections stay open if the service manager has copies of them. This includes connections that nobody has
+// accepted yet.
 void door::close_all()
 {
     life_.reset();
     if (open_handles_ > 0) {
-        listening_.reset(); // removes the file: nobody else connects
+        listening_.reset(); // removes the file; nobody else can connect
         accept_all();
         cli::forget_descriptor(listener_name);
         const auto closed = [](uv_handle_t* handle) {

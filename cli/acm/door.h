@@ -1,6 +1,7 @@
-// Answers programs that use librdmacm, in place of the daemon that librdmacm asks for paths. Such a program waits
-// without limit for its answer, holds a lock meanwhile, and is ended by SIGPIPE when its connection has gone. So every
-// request is answered within a limited time, and the service manager keeps the connections while the service restarts.
+// Answers programs that use librdmacm, instead of the daemon that librdmacm asks for paths. Such a program waits
+// without limit for its answer and holds a lock meanwhile. If its connection breaks, SIGPIPE ends the program.
+// Therefore every request is answered within a limited time, and the service manager keeps the connections during a
+// restart of the service.
 #pragma once
 
 #include <future>
@@ -25,26 +26,27 @@ class door final : public connection::owner
 {
   public:
     // Serves the connections among `kept`, the descriptors of an earlier process, in the thread of `loop`. `loop`,
-    // `routes` and `statistics` outlive the door.
+    // `routes` and `statistics` must outlive this object.
     door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config, const cli::service_limits& limits,
          cli::door_statistics& statistics, std::vector<cli::kept_descriptor> kept);
 
-    // Serves new connections too. Call it once. Error: another daemon serves on the socket, or it cannot be made.
+    // Also serves new connections. Call it once. Fails if another daemon serves on the socket, or if the socket cannot
+    // be created.
     ats::result<> listen();
 
-    // New limits, for connections from now on, and for refused ones that a higher limit admits. Any thread.
+    // Sets new limits for connections from now on. Refused connections within a higher limit are admitted. Any thread.
     void set_limits(const cli::service_limits& limits);
 
-    // Takes no more requests. Those that are not answered stay in their sockets, for the next process.
+    // Takes no more requests. Unanswered requests stay in their sockets for the next process.
     ~door() override;
 
   private:
     struct guest {
         std::unique_ptr<acm::connection> connection;
-        std::string store_name; // "": the service manager has no copy
+        std::string store_name; // "" if the service manager has no copy
         uid_t user = 0;
-        size_t rank = 0;              // among the connections of its user when it came
-        bool is_beyond_limit = false; // its requests are refused: hanging up would end the program
+        size_t rank = 0;              // position among the connections of its user at the time of accept()
+        bool is_beyond_limit = false; // its requests are refused; closing it would end the program
     };
 
     void start_accepting();
@@ -66,7 +68,7 @@ class door final : public connection::owner
     client::descriptor kept_listener_;
     std::unique_ptr<cli::listening_socket> listening_;
 
-    // Of the loop's thread.
+    // The next members are for the loop's thread only.
     cli::service_limits limits_;
     client::descriptor accepting_;
     uv_poll_t listener_;
@@ -78,7 +80,7 @@ class door final : public connection::owner
     uint64_t last_store_number_ = 0;
     bool is_closing_ = false;
     std::promise<void> closed_;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(); // ends with the door: late answers look here first
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(); // ends with the door; late answers check it first
 };
 
 } // namespace acm

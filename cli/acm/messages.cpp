@@ -36,7 +36,7 @@ std::string text_of(const entry& entry)
     return {begin, strnlen(begin, sizeof entry.content)};
 }
 
-// Returns the source or destination that an entry names. Returns std::nullopt if the entry holds neither a name nor an
+// Returns the source or destination that an entry names. Returns std::nullopt if the entry has neither a name nor an
 // IPv4 address.
 std::optional<place> place_of(const entry& entry)
 {
@@ -47,7 +47,7 @@ std::optional<place> place_of(const entry& entry)
     return ip;
 }
 
-// Copies an entry into the request. If the returned status is not `success`, the request is refused with it.
+// Copies an entry into the request. Returns the status with which the request must be refused, or `success`.
 status take(const entry& entry, resolve_request& request)
 {
     request.is_cache_only |= (entry.flags & flag_no_delay) != 0;

@@ -16,8 +16,8 @@ namespace acm
 using message = std::vector<uint8_t>;
 using message_view = std::span<const uint8_t>;
 
-// The length of the request that `bytes` begin with: 0 if more bytes are needed to know it, nothing if no request
-// begins so.
+// Returns the length of the request at the start of `bytes`. Returns 0 if more bytes are needed to know it, and nothing
+// if `bytes` is not the start of a request.
 std::optional<size_t> length_of(message_view bytes);
 
 uint8_t opcode_of(message_view request);
@@ -28,12 +28,12 @@ using place = std::variant<std::monostate, uint32_t, std::string>;
 struct resolve_request {
     place source;
     place destination;
-    std::optional<path_record> path; // to be completed; fields that are zero are open
+    std::optional<path_record> path; // to be completed; zero fields are not fixed
     bool is_cache_only = false;
-    bool is_fresh = false; // the SA is asked whatever the cache knows
+    bool is_fresh = false; // the SA must be asked even if the cache has an answer
 };
 
-// Reads a whole resolve request. The status, if not success, refuses it.
+// Reads a whole resolve request. If the status is not `success`, the request must be refused with it.
 struct read_request {
     acm::status status = status::success;
     resolve_request request = {};
@@ -42,16 +42,16 @@ read_request read_resolve(message_view bytes);
 
 struct route {
     acm::status status = status::no_data;
-    path_record path = {};               // of success, as the next
-    std::optional<uint32_t> source = {}; // the address of the asking host, for a request that names none
+    path_record path = {};               // valid for success, like the next member
+    std::optional<uint32_t> source = {}; // the address of the asking host, if the request names none
 };
 message resolve_answer(message_view request, const route& route);
 
-// A number of counters, in the order of the protocol.
+// Numbers of counters, in the order of the protocol.
 enum counter { errors, resolutions, absences, address_queries, address_hits, path_queries, path_hits, counter_count };
 using counters = std::array<uint64_t, counter_count>;
 
-// The subject of a query. Endpoints and ports count from 1. Endpoint 0 means all.
+// These functions read the subject of a query. Endpoints and ports count from 1. Endpoint 0 means all.
 unsigned endpoint_of_counters(message_view request);
 struct endpoint_port {
     unsigned endpoint;
@@ -70,7 +70,7 @@ struct endpoint {
 message counters_answer(message_view request, const counters& counters);
 message endpoint_answer(message_view request, const endpoint& endpoint);
 
-// An answer without content to a request of any kind.
+// An answer without content, for a request of any kind.
 message refusal(message_view request, status status);
 
 } // namespace acm

@@ -31,7 +31,7 @@ std::string read_all(int source)
     return text;
 }
 
-// Starts this program with other arguments, its output going to `output`. 0: that failed.
+// Starts this program with other arguments; its output goes to `output`. Returns 0 on failure.
 pid_t start_self(const std::array<const char*, 7>& arguments, int output)
 {
     posix_spawn_file_actions_t files;
@@ -41,7 +41,7 @@ pid_t start_self(const std::array<const char*, 7>& arguments, int output)
     posix_spawnattr_init(&attributes);
     sigset_t no_signals;
     sigemptyset(&no_signals);
-    posix_spawnattr_setsigmask(&attributes, &no_signals); // this service blocks those that end it
+    posix_spawnattr_setsigmask(&attributes, &no_signals); // this service blocks the signals that end it
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t child = 0;
     const int error =
@@ -51,7 +51,8 @@ pid_t start_self(const std::array<const char*, 7>& arguments, int output)
     return error == 0 ? child : 0;
 }
 
-// The output of `ats sa show`. Another process asks, because ibsim's library serves one user of a port in each.
+// The output of `ats sa show`. It runs in another process, because ibsim's library supports only one user of a port per
+// process.
 ats::result<json> records_at_real_sa(const std::string& name)
 {
     std::array<int, 2> ends{};

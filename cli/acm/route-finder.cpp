@@ -34,7 +34,7 @@ path_record on_wire(const world::path_record& path)
     return record;
 }
 
-// True if the path has the values that the program has set in its request.
+// Returns true if the path has the values that the program has set in its request.
 bool completes(const world::path_record& path, const path_record& wanted)
 {
     const kq_gid_t any_gid{};
@@ -60,7 +60,7 @@ status status_of(world::path_status path_status)
     }
 }
 
-// Returns the address under which the port with this GID is registered. Only the cache of its host is asked.
+// Returns the address under which the port with this GID is registered. Asks only the cache of its host.
 std::optional<uint32_t> own_address(kernel::machine& machine, const kq_gid_t& gid)
 {
     const std::optional<world::resolution> own = world::answer_from_cache(machine, gid);
@@ -121,11 +121,11 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
     if (const std::string* name = std::get_if<std::string>(&request.destination)) return find_by_name(question, *name);
     if (const uint32_t* ip = std::get_if<uint32_t>(&request.destination)) return find_path(question, *ip);
     const kq_gid_t gid = from_wire(request.path->dgid);
-    if (gid == kq_gid_t{}) return done({}); // a LID alone leads to no path record
+    if (gid == kq_gid_t{}) return done({}); // a path record cannot be found by a LID alone
     find_path(question, gid);
 }
 
-// No cache holds host names. This asks the SA even if the program wants an answer from the cache only.
+// Caches have no host names. This asks the SA even if the program allows only cached answers.
 void route_finder::find_by_name(const question& question, const std::string& name)
 {
     server_.background().push(question.place, [this, question, name] {

@@ -1,5 +1,5 @@
-// Finds the paths that the door is asked for, with the lookups of the service. It serves every connection of the door.
-// All calls are made in the thread of the server's loop.
+// Finds the paths that programs ask the door for, with the lookups of the service. It serves every connection of the
+// door. All calls are made in the thread of the server's loop.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,7 @@ namespace acm
 
 struct found_route {
     acm::route route = {};
-    bool is_by_address = false; // the GID of an address had to be found first
+    bool is_by_address = false; // the GID of an address was looked up first
     bool is_cached = false;     // the SA was not asked
 };
 
@@ -23,16 +23,16 @@ class route_finder
 
     route_finder(cli::server& server, cli::running_hosts& hosts) : server_(server), hosts_(hosts) {}
 
-    // Calls `done` at once, later in another thread, or never if the place is forgotten first.
+    // Calls `done` at once, or later in another thread. Never calls it if the place is forgotten first.
     void find(const resolve_request& request, const cli::queue_place& place, const completion& done);
 
-    // Drops what the connection waits for.
+    // Drops the waiting questions of the connection.
     void forget(const cli::queue_place& place);
 
-    // Endpoints are the HCAs of the hosts, in order. Nothing: there is no such port.
+    // Endpoints are the HCAs of the hosts, in order. Returns nothing if there is no such port.
     std::optional<acm::endpoint> endpoint(const endpoint_port& wanted) const;
 
-    // A number for a connection that the server's own connections do not have.
+    // Returns a number for a connection; the server's own connections never have it.
     uint64_t new_number() { return server_.new_connection_number(); }
 
   private:

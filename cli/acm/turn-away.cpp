@@ -18,12 +18,12 @@ void refuse_request(int socket)
     const ssize_t size = recv(socket, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (size <= 0) return;
     const auto arrived = message_view(bytes).first(static_cast<size_t>(size));
-    if (length_of(arrived) != arrived.size()) return; // no whole request: no program waits for an answer
+    if (length_of(arrived) != arrived.size()) return; // no whole request, so no program waits for an answer
     const message answer = refusal(arrived, status::not_connected);
     send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-// Accepts the connections that are still waiting, and refuses their requests.
+// Accepts the waiting connections, and refuses their requests.
 void accept_all(int listener, uint64_t last_number)
 {
     while (true) {

@@ -1,4 +1,4 @@
-// Refuses the waiting requests of programs when the service cannot start, so that the programs stop waiting.
+// Refuses the waiting requests of programs if the service cannot start. The programs then stop waiting.
 #pragma once
 
 #include <vector>
@@ -8,8 +8,8 @@
 namespace acm
 {
 
-// Answers the waiting requests with "not connected". `kept` holds the descriptors of an earlier process. The service
-// manager keeps the connections. The listener is closed, so that new connections are refused.
+// Answers the waiting requests with "not connected". `kept` has the descriptors of an earlier process. The service
+// manager keeps the connections. The listener is closed, which refuses new connections.
 void turn_away(std::vector<cli::kept_descriptor> kept);
 
 } // namespace acm

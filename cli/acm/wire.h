@@ -1,6 +1,6 @@
-// The messages between a program that uses librdmacm and the daemon that it asks for paths. Each is a header, followed
-// by entries, addresses or counters. Header numbers of a resolve message are in host order, those of a query in network
-// order. What entries hold is in network order in both.
+// The messages between a program that uses librdmacm and the daemon that it asks for paths. A message is a header,
+// followed by entries, addresses or counters. The numbers in the header of a resolve message are in host order, those
+// of a query in network order. The content of entries is always in network order.
 #pragma once
 
 #include <cstddef>
@@ -17,14 +17,14 @@ enum opcode : uint8_t {
     opcode_resolve = 1,
     opcode_counters = 2,
     opcode_endpoint = 3,
-    opcode_answer = 0x80, // added to that of the request
+    opcode_answer = 0x80, // added to the opcode of the request
 };
 
 enum class status : uint8_t {
     success = 0,
     no_memory = 1,
     invalid = 2,
-    no_data = 3, // librdmacm goes on without a path
+    no_data = 3, // librdmacm then continues without a path
     not_connected = 5,
     timed_out = 6,
     unknown_source = 7,
@@ -38,8 +38,8 @@ struct resolve_header {
     uint8_t opcode;
     uint8_t status;
     uint8_t reserved[3];
-    uint16_t length; // of the whole message
-    uint64_t tid;    // comes back in the answer
+    uint16_t length; // bytes of the whole message
+    uint64_t tid;    // copied into the answer
 };
 static_assert(sizeof(resolve_header) == 16 && offsetof(resolve_header, length) == 6);
 static_assert(offsetof(resolve_header, tid) == 8);
@@ -48,8 +48,8 @@ struct query_header {
     uint8_t version;
     uint8_t opcode;
     uint8_t status;
-    uint8_t number; // of the endpoint that is asked for; in the answer, how many counters follow
-    uint8_t index;  // of an endpoint's port; of counters, the number of the endpoint, 0: all
+    uint8_t number; // number of the endpoint in the question; number of the following counters in the answer
+    uint8_t index;  // a port of the endpoint; for counters, the number of the endpoint, or 0 for all
     uint8_t reserved;
     be16_t length;
     be64_t tid;
@@ -65,8 +65,8 @@ constexpr uint16_t type_path = 0x10;
 // Flags of a request's entry.
 constexpr uint32_t flag_source = 1 << 0;
 constexpr uint32_t flag_destination = 1 << 1;
-constexpr uint32_t flag_no_delay = 1U << 30; // only what the cache knows
-constexpr uint32_t flag_query_sa = 1U << 31; // whatever the cache knows
+constexpr uint32_t flag_no_delay = 1U << 30; // answer only from the cache
+constexpr uint32_t flag_query_sa = 1U << 31; // ask the SA even if the cache has an answer
 
 // Flags of a path in an answer.
 constexpr uint32_t path_flag_gmp = 1 << 0;
@@ -84,7 +84,7 @@ struct entry {
 };
 static_assert(sizeof(entry) == 72 && offsetof(entry, type) == 4 && offsetof(entry, content) == 8);
 
-// A PathRecord (IBA 15.2.5.16) as the SA writes it.
+// A PathRecord (IBA 15.2.5.16) in the layout of the SA.
 struct path_record {
     be64_t service_id;
     wire_gid_t dgid;
@@ -109,7 +109,7 @@ static_assert(offsetof(path_record, flow_label_hop_limit) == 44 && offsetof(path
 static_assert(offsetof(path_record, p_key) == 50 && offsetof(path_record, qos_class_sl) == 52);
 static_assert(offsetof(path_record, mtu) == 54 && offsetof(path_record, packet_lifetime) == 56);
 
-// Follows the header in the answer about an endpoint. `address_count` addresses of address_size bytes follow.
+// Follows the header in the answer about an endpoint. After it come `address_count` addresses of address_size bytes.
 struct endpoint_config {
     be64_t device_guid;
     uint8_t port;

@@ -1,4 +1,4 @@
-// Reads and writes IPv4 addresses and GIDs in the notations of people. All functions are pure.
+// Reads and writes IPv4 addresses and GIDs in notations for people. All functions are pure.
 #pragma once
 
 #include <cstdint>
@@ -10,17 +10,17 @@
 namespace world
 {
 
-// Four numbers from 0 to 255 with points between them, nothing else. The address is in network order.
+// Accepts exactly four numbers from 0 to 255 with points between them. The address is in network order.
 std::optional<uint32_t> parse_ipv4(const std::string& text);
 std::string format_ipv4(uint32_t ip);
 
-// "0x" and 1 to 32 hexadecimal digits, or the notation of IPv6 ("fe80::1").
+// Accepts "0x" and 1 to 32 hexadecimal digits, or the notation of IPv6 ("fe80::1").
 std::optional<kq_gid_t> parse_gid(const std::string& text);
 
-// "0x" and 32 hexadecimal digits, as in the kernel log and in commands of the control file.
+// Formats a GID as "0x" and 32 hexadecimal digits, as in the kernel log and in commands of the control file.
 std::string format_gid(const kq_gid_t& gid);
 
-// The GID in the notation of InfiniBand tools, like an IPv6 address: "fe80::2:0:1:1".
+// Formats a GID in the notation of InfiniBand tools, like an IPv6 address: "fe80::2:0:1:1".
 std::string format_gid6(const kq_gid_t& gid);
 
 } // namespace world
