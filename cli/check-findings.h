@@ -13,7 +13,7 @@ class findings
   public:
     void add_ok(const std::string& subject, const std::string& text) { rows_.push_back({"ok", subject, text}); }
 
-    // For a subject that a host can do without.
+    // For a subject that a host does not need.
     void add_note(const std::string& subject, const std::string& text) { rows_.push_back({"note", subject, text}); }
 
     // For a subject that a host needs. The text says what to do.

@@ -10,13 +10,14 @@
 namespace cli
 {
 
-// Reads the file as `ats run --config` does, and starts nothing. Empty: it is wrong, and a finding says why.
+// Reads the file in the same way as `ats run --config`, and starts nothing. The result is empty if the file has an
+// error; a finding then explains it.
 std::optional<world_config> check_config(findings& findings, const std::string& file);
 
-// Can this user make the sockets of such a service? `socket` is where clients are served.
+// Checks that this user can create the sockets of such a service. `socket` is the socket for clients.
 void check_doors(findings& findings, const world_config& config, const std::string& socket);
 
-// Are the limits of a process that this user starts high enough for the hosts?
+// Checks that the process limits of this user are high enough for the hosts.
 void check_limits(findings& findings, const world_config& config);
 
 } // namespace cli

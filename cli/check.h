@@ -1,4 +1,5 @@
-// `ats check`: says whether this machine can run a host on its real ports, what is missing, and what to do about it.
+// `ats check`: reports if this machine can run a host on its real ports. It lists what is missing and how to correct
+// it.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -1,4 +1,4 @@
-// The commands that ask a running service. Each prints, and stores its exit code or an error in `outcome`.
+// The commands that ask a running service. Each command prints, and stores its exit code or an error in `outcome`.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +8,7 @@
 namespace cli
 {
 
-// Adds the commands that only look: status, resolve, reverse, log.
+// Adds the commands that change nothing: status, resolve, reverse, log.
 void add_queries(CLI::App& program, ats::result<int>& outcome);
 
 // Adds the commands that change something: flush, control, trace, set-name, set-address, link, sa.

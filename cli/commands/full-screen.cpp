@@ -16,7 +16,7 @@ constexpr std::string_view enter_screen = "\033[?1049h\033[?25l"; // the alterna
 constexpr std::string_view leave_screen = "\033[?25h\033[?1049l";
 constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// A signal handler: it uses async-signal-safe calls only.
+// A signal handler: it may only use async-signal-safe calls.
 void leave_and_end(int signal_number)
 {
     [[maybe_unused]] const ssize_t written_bytes = write(STDOUT_FILENO, leave_screen.data(), leave_screen.size());
@@ -49,7 +49,7 @@ void full_screen::draw(const std::string& picture) const
 {
     constexpr std::string_view home = "\033[H";
     constexpr std::string_view clear_line =
-        "\033[K"; // sent before each line's text: after a full line it would erase the last column
+        "\033[K"; // sent before the text of each line: after a full line it would erase the last column
     size_t free_lines = window().lines - 1;
     std::string text;
     text += home;

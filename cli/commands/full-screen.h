@@ -1,4 +1,4 @@
-// Draws on the alternate screen of the terminal, on standard output. The normal screen stays as it was.
+// Draws on the alternate screen of the terminal, on standard output. The normal screen does not change.
 #pragma once
 
 #include <string>
@@ -23,7 +23,7 @@ class full_screen
     // The current size of the window; 80 x 24 if the terminal does not report it.
     size window() const;
 
-    // Draws over the previous picture. The last line must have no line end, which would scroll the screen.
+    // Draws over the previous picture. The last line must not have a line end, because that would scroll the screen.
     void draw(const std::string& picture) const;
 };
 

@@ -32,13 +32,14 @@ struct resolve_options {
     bool is_fresh = false;
 };
 
-// True if the lookup found a result and, with --verify, the SA confirmed it.
+// Returns true if the lookup found a result and, with --verify, the SA confirmed it.
 bool is_success(const json& answer)
 {
     return answer.at("status") == "ok" && (!answer.contains("verified") || answer.at("verified") == true);
 }
 
-// True if `resolve` treats the text as a host name. A text of digits and points counts as an address, even if mistyped.
+// Returns true if `resolve` treats the text as a host name. A text of digits and points counts as an address, even if
+// it is not valid.
 bool is_name_to_resolve(const std::string& question)
 {
     return question.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(question);
@@ -59,7 +60,8 @@ ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
                 {"matches", *records}};
 }
 
-// Returns an array: one answer for each record of the host name, or one answer with the reason why there is none.
+// Returns an array. It has one answer for each record of the host name, or one answer with the reason why there is
+// none.
 ats::result<json> resolve_name(service_client& service, const std::string& host_name)
 {
     ats::result<json> answer = service.ask({{"request", "resolve"}, {"name", host_name}});
@@ -78,14 +80,13 @@ ats::result<json> resolve_name(service_client& service, const std::string& host_
 // Describes `resolve`, `reverse` or `path`.
 struct resolution_command {
     std::string name; // the request has the same name
-    std::string key;  // names the question in the request; "": an address or a GID
+    std::string key;  // the key of the question in the request; "" means that it is an address or a GID
     std::string summary;
     std::string argument;
     std::string argument_help;
 };
 
-// The member of the request that holds the question. A text of digits and points counts as an address, even if
-// mistyped.
+// The key of the question in the request. A text of digits and points counts as an address, even if it is not valid.
 std::string key_of(const resolution_command& command, const std::string& question)
 {
     if (!command.key.empty()) return command.key;
@@ -124,7 +125,7 @@ void show_answer_or_refusal(const client_options& common, const resolution_comma
         show_resolution(std::cout, with_gid_format(answer, common));
 }
 
-// Asks all questions, even after the service refuses one. Returns the greatest exit code.
+// Asks all questions, even if the service refuses one. Returns the greatest exit code.
 ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
                                  const resolution_command& command)
 {
@@ -169,7 +170,7 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
     set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });
 }
 
-// Shows the status every second, until a signal ends the program or the output fails. On a terminal the status fills
+// Shows the status every second, until a signal ends the program or the output fails. On a terminal, the status fills
 // the window.
 ats::result<int> watch_status(const client_options& common)
 {

@@ -23,7 +23,7 @@ struct show_options {
     std::string address;
     std::string gid;
     std::string name;
-    std::string hca; // of this machine; if set, the service is not asked
+    std::string hca; // an HCA of this machine; if set, the service is not asked
     int port = 0;
     bool is_real = false;
 };
@@ -61,7 +61,7 @@ ats::result<json> ask_real_sa(const show_options& options, const console::record
     const auto sa = umad::open_sa_client(options.hca, options.port);
     if (!sa) return ats::fail(sa.error().text + check_hint(sa.error()));
     const auto list = console::list_records(**sa, filter);
-    if (!list) return ats::fail(list.error().text); // without its kind: exit code 3 is for a silent service
+    if (!list) return ats::fail(list.error().text); // without its kind, because exit code 3 means a silent service
     json records = json::array();
     for (const ib_service_record_v2_t& record : list->records)
         records.push_back(console::record_answer(embedded::view_of(record)));
@@ -69,7 +69,7 @@ ats::result<json> ask_real_sa(const show_options& options, const console::record
     return json{{"records", records}, {"remarks", list->remarks}, {"silent", false}, {"status", nullptr}};
 }
 
-// Removes the records that the filter excludes. An embedded SA reports all of its records.
+// Removes the records that the filter excludes. An embedded SA always reports all of its records.
 void select(json& answer, const console::record_filter& filter)
 {
     const auto is_excluded = [&](const json& record) {
@@ -97,7 +97,7 @@ ats::result<json> find_records(const client_options& common, const show_options&
     if (!answer) return answer;
     if (answer->value("real", false)) return ask_real_sa(options, *filter);
     select(*answer, *filter);
-    (*answer)["remarks"] = json::array(); // only a real SA leads to remarks
+    (*answer)["remarks"] = json::array(); // only a real SA causes remarks
     return answer;
 }
 

@@ -1,5 +1,5 @@
-// `ats sa show`: lists the records that the SA holds. The service reports those of an embedded fabric. This process
-// itself asks the SA of a real fabric, with or without a service on this machine.
+// `ats sa show`: lists the records of the SA. The service reports the records of an embedded fabric. On a real fabric,
+// this process itself asks the SA, with or without a service on this machine.
 #pragma once
 
 #include <string>
@@ -14,8 +14,8 @@ namespace cli
 
 void add_sa_show(CLI::App& sa, ats::result<int>& outcome);
 
-// Asks the SA of this machine's real fabric for the records of a host name. Returns an array of records in the form
-// that the service reports.
+// Asks the SA of this machine's real fabric for the records of a host name. Returns an array of records in the same
+// form as the service.
 ats::result<nlohmann::json> real_records_of(const std::string& host_name);
 
 } // namespace cli

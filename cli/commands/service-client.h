@@ -1,4 +1,4 @@
-// Shared by all client commands: their options, the conversation with the service, and the output of answers.
+// The common parts of all client commands: their options, the conversation with the service, and the output of answers.
 #pragma once
 
 #include <functional>
@@ -20,40 +20,41 @@ using json = nlohmann::json;
 
 struct client_options {
     std::string socket = client::default_socket_path();
-    std::string host; // "": the first host
+    std::string host; // "" means the first host
     bool as_json = false;
     std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
-    double timeout_seconds = 5;     // how long the service may give no sign of life
+    double timeout_seconds = 5;     // for how long the service may show no sign of life
 };
 
 constexpr const char* one_host = "The host to ask (default: the first)";
 constexpr const char* no_host = "";
 
-// Adds --json, --socket, --timeout and --host. `no_host` as `host_meaning` leaves --host out.
+// Adds --json, --socket, --timeout and --host. Omits --host if `host_meaning` is `no_host`.
 std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning);
 
 // Adds --gid-format, for commands that show GIDs.
 void add_gid_format_option(CLI::App& command, client_options& options);
 
 // Makes `body` the action of the command. `outcome` receives its exit code or its error. If the service's answer lacks
-// a key that the command needs, `outcome` receives an error too.
+// a key that the command needs, this also gives an error.
 void set_client_action(CLI::App& command, ats::result<int>& outcome, std::function<ats::result<int>()> body);
 
 // Returns the answer with its GIDs in the notation that --gid-format selects.
 json with_gid_format(json answer, const client_options& options);
 
 // One conversation with the service, through libatsclient. An answer may take long: the SA may be silent, or a followed
-// log has no new line. If the service says nothing for half the timeout, the client pings it on a second connection. It
-// keeps waiting while the service answers the pings. Otherwise the call fails with an error of kind `unreachable`.
+// log may have no new line. If the service sends nothing for half the timeout, the client pings it on a second
+// connection. It keeps waiting while the service answers the pings. Otherwise the call fails with an error of kind
+// `unreachable`.
 class service_client
 {
   public:
     static ats::result<service_client> open(const client_options& options);
 
-    // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, is an answer too.
+    // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, also counts as an answer.
     ats::result<json> ask(json request);
 
-    // The same, but a refusal comes back as an error.
+    // Does the same, but returns a refusal as an error.
     ats::result<json> ask_accepted(json request);
 
     // Reads the next line of an answer that has several lines.
@@ -75,10 +76,10 @@ class service_client
     library_client library_;
 };
 
-// Opens a conversation, sends one request and returns its answer. A refusal is an error.
+// Opens a conversation, sends one request and returns its answer. A refusal becomes an error.
 ats::result<json> ask_once(const client_options& options, const json& request);
 
-// Shows an answer as JSON with --json, or else as text with `show_text`.
+// Shows an answer as JSON with --json, otherwise as text with `show_text`.
 using show_text_t = void (*)(std::ostream& output, const json& answer);
 void show_answer(const client_options& options, const json& answer, show_text_t show_text);
 

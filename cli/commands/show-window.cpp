@@ -1,4 +1,4 @@
-// Fits the status into a terminal's window.
+// Fits the status into the window of a terminal.
 #include <algorithm>
 #include <sstream>
 

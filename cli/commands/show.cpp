@@ -34,7 +34,7 @@ std::string record_text(const json& registration)
                        field(registration, "p_key"), field(registration, "sm_lid"));
 }
 
-// Writes `introduction` and the time since the SA confirmed the record. Returns "" if the SA has not confirmed it.
+// Returns `introduction` and the time since the SA confirmed the record. Returns "" if the SA has not confirmed it.
 std::string confirmation_text(const json& registration, const char* introduction)
 {
     const json& seconds = registration.at("confirmed_seconds");
@@ -52,7 +52,7 @@ void show_missing_registration(std::ostream& output, const json& registration)
            << confirmation_text(registration, "the SA last confirmed it") << '\n';
 }
 
-// Says if the SA holds the host's record. Names the HCA if the host has several.
+// Reports if the SA has the host's record. Names the HCA if the host has several.
 void show_registration(std::ostream& output, const json& registration, bool is_only_one)
 {
     output << "  ";
