@@ -36,7 +36,7 @@ void check_file_mode(findings& findings, const std::string& file)
                                                name_of_user(status.st_uid) + ": 'chmod go-w' ends that");
 }
 
-// A door is a socket at `path`, in whose folder this user can make files.
+// Checks a door, a socket at `path`. This user must be able to create files in its folder.
 void check_door(findings& findings, const std::string& door, const std::string& path, const std::string& option)
 {
     const std::filesystem::path parent = std::filesystem::path(path).parent_path();

@@ -41,7 +41,7 @@ void check_modules(findings& findings, const std::string& folder)
             "modules", fmt::format("{} not found in {}: name their folder with --modules", missing_modules, folder));
 }
 
-// Returns true if the port may be used and is active.
+// Returns true if this user may use the port and the port is active.
 bool check_port(findings& findings, const std::string& hca, const umad::port_listing& port)
 {
     const std::string subject = fmt::format("{} port {}", hca, port.number);

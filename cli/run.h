@@ -1,4 +1,4 @@
-// `ats run`: keeps hosts running in real time, and serves their clients, until a signal comes.
+// `ats run`: runs hosts in real time and serves their clients until a signal comes.
 #pragma once
 
 #include <CLI/CLI.hpp>

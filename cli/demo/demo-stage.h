@@ -1,5 +1,5 @@
-// The stage of `ats demo`: three hosts on an embedded fabric in simulated time. A step acts on the hosts through it,
-// checks the effect, and prints it.
+// The stage of `ats demo`: three hosts on an embedded fabric in simulated time. A step uses it to act on the hosts,
+// check the effect, and print it.
 #pragma once
 
 #include <array>
@@ -16,8 +16,8 @@
 namespace cli
 {
 
-// Thrown by a step when an expectation does not hold. The text is the expectation. A step is a list of expectations,
-// like a test, so it uses an exception instead of results.
+// Thrown by a step when an expectation is not met. The text is the expectation. A step is a list of expectations, like
+// a test, so it uses an exception instead of results.
 struct step_failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -25,7 +25,7 @@ struct step_failed : std::runtime_error {
 class stage
 {
   public:
-    // No module is loaded yet, and all links are down. `tap` (or null) receives every datagram. Modules come from
+    // Starts without modules and with all links down. `tap` (or null) receives every datagram. Modules come from
     // `module_folder`. With `is_terminal` the output has colours.
     stage(const std::string& module_folder, fabric::tap* tap, bool is_terminal);
 
@@ -42,11 +42,11 @@ class stage
     void write_control(world::host& host, const std::string& command);
     std::string read_control(world::host& host); // returns the report of ats
 
-    // Lets time pass until `holds()` returns true. Returns the ticks that passed. Throws after `limit_ticks`.
+    // Advances the time until `holds()` returns true. Returns the ticks that passed. Throws after `limit_ticks`.
     template <class condition_t>
     uint64_t wait_for(uint64_t limit_ticks, const std::string& expectation, condition_t holds);
 
-    // The record of that host name at the SA. Throws unless there is exactly one.
+    // Returns the SA's record of that host name. Throws unless there is exactly one.
     embedded::service_record_view record_of(const std::string& host_name);
 
     // ---- checks: they throw step_failed ----
@@ -62,11 +62,11 @@ class stage
 
     // ---- output ----
 
-    // Begins a step: prints its title and the time.
+    // Starts a step: prints its title and the time.
     void begin(size_t number, const std::string& title);
     void say(const std::string& fact) const;
     void say(const std::string& question, const world::resolution& answer) const;
-    void show_records(); // those at the SA
+    void show_records(); // those of the SA
 
     // Prints the first line with `fragment` that the host has logged in this step. Throws if there is none.
     void quote(world::host& host, const std::string& fragment);
@@ -76,7 +76,7 @@ class stage
     std::unique_ptr<exec::simulation> time_;
     std::unique_ptr<embedded::subnet> subnet_;
     std::vector<std::unique_ptr<world::host>> hosts_;
-    std::vector<uint64_t> log_positions_; // the end of each host's log when the step began
+    std::vector<uint64_t> log_positions_; // the end of each host's log at the start of the step
 };
 
 template <class condition_t>

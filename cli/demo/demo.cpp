@@ -43,7 +43,7 @@ double seconds_since(wall_clock::time_point begin)
     return std::chrono::duration<double>(wall_clock::now() - begin).count();
 }
 
-// Plays the steps until one fails. Returns the exit code.
+// Runs the steps until one fails. Returns the exit code.
 int play(stage& stage)
 {
     for (size_t i = 0; i < std::size(steps); ++i) {
@@ -61,7 +61,7 @@ int play(stage& stage)
     return console::exit_ok;
 }
 
-// Returns the exit code. `capture`, or null, receives every datagram.
+// Returns the exit code. `capture` (or null) receives every datagram.
 int run_demo(const std::string& module_folder, fabric::capture* capture)
 {
     const auto begin = wall_clock::now();

@@ -1,4 +1,4 @@
-// The calls of libfuse's low-level interface. The high-level one does not report interrupted requests.
+// The calls of libfuse's low-level interface. The high-level interface does not report interrupted requests.
 
 #include "cli/mount/fuse-calls.h"
 
@@ -54,7 +54,7 @@ void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info*)
     fuse_reply_attr(request, &attributes, no_caching);
 }
 
-// A shell's `>` truncates a file before it writes. A truncation therefore succeeds and does nothing. Mode and owner
+// A shell's `>` truncates a file before it writes. Therefore a truncation succeeds and does nothing. Mode and owner
 // cannot be changed.
 void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat*, int changes, fuse_file_info* file)
 {
@@ -136,8 +136,8 @@ void on_interrupt(fuse_req_t, void* task)
 void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t size, off_t, fuse_file_info*)
 {
     mount_state& mount = mount_of(request);
-    // libfuse holds the request's lock while it calls on_interrupt. No such call is running once the second function
-    // below has removed on_interrupt.
+    // libfuse holds the request's lock while it calls on_interrupt. The second function below removes on_interrupt.
+    // After that, no such call is running.
     const int result = mount.tree.write_proc(
         mount.inodes.path(inode), std::string(bytes, size),
         [request](exec::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },

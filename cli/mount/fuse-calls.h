@@ -1,4 +1,4 @@
-// The calls of a FUSE session: they serve the files of a mount tree by inode number. Any thread.
+// The calls of a FUSE session. They serve the files of a mount tree by inode number. Any thread.
 #pragma once
 
 #define FUSE_USE_VERSION 312
@@ -15,7 +15,7 @@
 namespace cli
 {
 
-// Paths by inode number. A path gets a number at its first use and keeps it. Only files that existed get one, so the
+// Paths by inode number. A path gets a number at its first use and keeps it. Only existing files get a number, so the
 // table stays small.
 class inode_table
 {
@@ -40,7 +40,7 @@ class inode_table
     std::map<std::string, fuse_ino_t> numbers_{{"", 1}};
 };
 
-// The open logs, by file handle. The end of the mount closes those that are still open.
+// The open logs, by file handle. Logs that are still open are closed at the end of the mount.
 class open_logs
 {
   public:

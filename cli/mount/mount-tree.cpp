@@ -31,7 +31,7 @@ mount_entry from_listing(const kernel::proc_listing& listing)
     return {listing.name, listing.is_directory, listing.is_directory ? folder_mode : listing.mode & 0777, 0};
 }
 
-// The lines as the log file shows them.
+// Formats the lines for the log file.
 std::string file_text(const std::vector<kernel::log_line>& lines)
 {
     std::string text;
@@ -44,8 +44,8 @@ std::string file_text(const std::vector<kernel::log_line>& lines)
 log_size::log_size(kernel::log& log) : log_(log)
 {
     const auto count = [this](const kernel::log_line& line) { written_bytes_ += file_text({line}).size(); };
-    // Follow first, then count the older lines. A line printed in between is counted twice; then the file looks a
-    // little too long. In the other order such a line would not be counted, and readers would not see the end of the
+    // Start following first, then count the older lines. A line printed in between is counted twice, so the file looks
+    // slightly too long. In the other order that line would not be counted, and readers would not reach the end of the
     // file.
     follower_ = log_.follow(count);
     for (const kernel::log_line& line : log_.lines()) count(line);
@@ -60,8 +60,8 @@ void log_size::add_reader()
 {
     const std::lock_guard lock(mutex_);
     if (readers_++ > 0) return;
-    // Read written_bytes_ before counting the lines. If a line is printed in between, the file looks a little too long.
-    // In the other order it would look too short.
+    // Read written_bytes_ before counting the lines. If a line is printed in between, the file looks slightly too long.
+    // In the other order, it would look too short.
     const uint64_t written_bytes = written_bytes_;
     uint64_t stored_bytes = 0;
     uint64_t next_line = 0;

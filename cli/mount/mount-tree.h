@@ -1,5 +1,4 @@
-// The files that a mount shows: what a path names, what a folder lists, and what reading and writing a file does. Does
-// not know FUSE.
+// The files of a mount: finds the file of a path, lists folders, and reads and writes files. Does not depend on FUSE.
 #pragma once
 
 #include <atomic>
@@ -23,12 +22,12 @@ struct mount_entry {
     uint64_t size = 0;
 };
 
-// The size of a log as a file. The log drops its oldest lines. While the file is open, its size still counts
-// them, so it only grows. Any thread.
+// The size of a log as a file. The log drops its oldest lines. While the file is open, its size still includes them, so
+// the size only grows. Any thread.
 class log_size
 {
   public:
-    explicit log_size(kernel::log& log); // which outlives this
+    explicit log_size(kernel::log& log); // which must outlive this object
     ~log_size();
     log_size(const log_size&) = delete;
     log_size& operator=(const log_size&) = delete;
@@ -46,7 +45,7 @@ class log_size
     int readers_ = 0;
 };
 
-// One open log file. One thread at a time.
+// One open log file. Only one thread at a time.
 class log_reader
 {
   public:
@@ -55,7 +54,7 @@ class log_reader
     log_reader(const log_reader&) = delete;
     log_reader& operator=(const log_reader&) = delete;
 
-    // At most `size` bytes from `offset` on; fewer or none at the end.
+    // Returns at most `size` bytes from `offset` on. Returns fewer or none at the end.
     std::string read(size_t offset, size_t size);
 
   private:
@@ -65,7 +64,7 @@ class log_reader
     log_size& size_;
     uint64_t first_line_ = 0;
     uint64_t next_line_ = 0; // the first line after piece_
-    std::string piece_;      // the lines read last, as text; begins at piece_offset_
+    std::string piece_;      // the text of the lines read last; begins at piece_offset_
     size_t piece_offset_ = 0;
 };
 
@@ -73,19 +72,20 @@ class log_reader
 class mount_tree
 {
   public:
-    explicit mount_tree(const std::vector<kernel::machine*>& machines); // which outlive this
+    explicit mount_tree(const std::vector<kernel::machine*>& machines); // which must outlive this object
 
-    // Paths are relative to the mount; "" is its root. As in a kernel, results are 0 or more, or a negative errno: that
-    // is what the reader or writer of a file gets.
+    // Paths are relative to the mount; "" is its root. As in a kernel, results are 0 or more, or a negative errno for
+    // the program that reads or writes the file.
     int stat(const std::string& path, mount_entry* entry);
     int list(const std::string& path, std::vector<mount_entry>* entries);
     int read_proc(const std::string& path, size_t offset, size_t size, std::string* bytes);
 
-    // Calls `on_start` with the task of the write before the module is entered, and `on_end` after it has returned.
+    // Calls `on_start` with the task of the write before it enters the module, and `on_end` after the module has
+    // returned.
     template <class on_start_t, class on_end_t>
     int write_proc(const std::string& path, const std::string& bytes, on_start_t on_start, on_end_t on_end);
 
-    // Null unless `path` is a host's log.
+    // Returns null unless `path` is a host's log.
     std::unique_ptr<log_reader> open_log(const std::string& path);
 
   private:
@@ -95,15 +95,15 @@ class mount_tree
         log_size size_of_log;
     };
     struct place {
-        host_files* host = nullptr; // null: the root
+        host_files* host = nullptr; // null for the root
         std::string rest = {};      // below the host: "", "log", "proc" or "proc/..."
     };
     struct proc_place {
-        kernel::machine* machine = nullptr; // null: outside of the /proc trees
-        std::string path = {};              // below the machine's /proc
+        kernel::machine* machine = nullptr; // null outside of the /proc trees
+        std::string path = {};              // relative to the machine's /proc
     };
 
-    // Nothing if no host has that name.
+    // Returns nothing if no host has that name.
     std::optional<place> locate(const std::string& path);
     proc_place locate_proc(const std::string& path);
 

@@ -40,7 +40,7 @@ ats::result<> check_mount_point(const std::string& directory)
     return {};
 }
 
-// While this object exists, libfuse does not print its error messages. The last one is stored here. A process has one
+// During its lifetime, libfuse does not print its error messages. The object stores the last one. A process has one
 // object at a time.
 class libfuse_complaints
 {
@@ -69,11 +69,11 @@ class fuse_mount final : public proc_mount
   public:
     explicit fuse_mount(const std::vector<kernel::machine*>& machines) : state_(machines) {}
 
-    // Call once. May fail halfway; the destructor undoes what was done.
+    // Call it once. It may fail halfway; the destructor then cleans up.
     ats::result<> start(const std::string& directory)
     {
         if (const ats::result<> mounted = mount(directory); !mounted) return mounted;
-        struct sigaction wake_up = {}; // the signal does nothing but interrupt a blocked read of the loop
+        struct sigaction wake_up = {}; // the signal only interrupts a blocked read of the loop
         wake_up.sa_handler = do_nothing;
         sigaction(SIGUSR1, &wake_up, nullptr);
         try {
@@ -84,8 +84,8 @@ class fuse_mount final : public proc_mount
         return {};
     }
 
-    // The loop must end before the unmount, because an unmount does not wake the loop while a file is open. A signal
-    // wakes it. The loop then waits for the calls in progress.
+    // End the loop before the unmount, because an unmount does not wake the loop while a file is open. A signal wakes
+    // the loop. The loop then waits for the calls in progress.
     ~fuse_mount() override
     {
         constexpr std::chrono::milliseconds repeat_interval(5);
@@ -132,7 +132,7 @@ class fuse_mount final : public proc_mount
     }
 
     mount_state state_;
-    fuse_session* session_ = nullptr; // null: not mounted
+    fuse_session* session_ = nullptr; // null if not mounted
     std::atomic<bool> has_ended_{false};
     std::thread server_;
 };

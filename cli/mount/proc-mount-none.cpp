@@ -1,4 +1,4 @@
-// Stands in for the mount in a build without libfuse.
+// Replaces proc-mount-fuse.cpp in a build without libfuse.
 
 #include "cli/mount/proc-mount.h"
 

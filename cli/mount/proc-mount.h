@@ -1,4 +1,4 @@
-// Shows every host's /proc tree and log as files, through FUSE.
+// Shows the /proc tree and the log of every host as files, through FUSE.
 #pragma once
 
 #include <memory>
@@ -11,17 +11,17 @@
 namespace cli
 {
 
-// As long as it lives, DIR/HOST/proc/... are the host's /proc entries, and DIR/HOST/log is its kernel log, which grows
+// During its lifetime, DIR/HOST/proc/... are the host's /proc entries, and DIR/HOST/log is its kernel log, which grows
 // with every line. If the writer of a /proc entry is interrupted, the kernel call has a pending signal.
 class proc_mount
 {
   public:
-    // Mounts on the folder `directory`. The machines outlive the mount; FUSE's threads call into them. An error says
-    // what to do; an unsuitable folder, or a build without libfuse, is invalid.
+    // Mounts on the folder `directory`. The machines must outlive the mount, because FUSE's threads call into them. The
+    // error says what to do. An unsuitable folder, or a build without libfuse, is invalid.
     static ats::result<std::unique_ptr<proc_mount>> open(const std::string& directory,
                                                          const std::vector<kernel::machine*>& machines);
 
-    // False in a build without libfuse.
+    // Returns false in a build without libfuse.
     static bool is_available();
 
     // Waits for the calls in progress, then unmounts.
