@@ -77,7 +77,7 @@ class collection
         add(name, std::move(labels), static_cast<double>(counter.load(std::memory_order_relaxed)));
     }
 
-    // One sample for each value of the last label.
+    // One value of the last label, and its sample.
     struct part {
         const char* word;
         uint64_t value;
@@ -121,7 +121,7 @@ void add_registrations(collection& table, world::host& host)
     }
 }
 
-// With the host's machine entered.
+// The caller is inside the host's machine.
 void add_gsi(collection& table, world::host& host)
 {
     const auto& gsi = host.machine().get<stack::gsi>();
@@ -153,7 +153,7 @@ void add_gsi(collection& table, world::host& host)
     }
 }
 
-// With the host's machine entered.
+// The caller is inside the host's machine.
 void add_ibat(collection& table, world::host& host)
 {
     const world::published<ibat_counters_fn_t> read(host.machine(), "ibat_counters_fn");
@@ -175,7 +175,7 @@ void add_ibat(collection& table, world::host& host)
                      {"conflict", counters.conflicts}});
 }
 
-// With the host's machine entered.
+// The caller is inside the host's machine.
 void add_paths(collection& table, world::host& host)
 {
     const world::published<ibat_path_counters_fn_t> read(host.machine(), "ibat_path_counters_fn");

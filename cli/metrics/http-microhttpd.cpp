@@ -13,7 +13,7 @@ namespace metrics
 namespace
 {
 
-// A client that reads slowly or not at all keeps one of these connections, for so long at most.
+// The connection limit. A client that reads slowly or not at all keeps a connection at most for the time below.
 constexpr unsigned most_connections = 16;
 constexpr unsigned idle_limit_seconds = 10;
 
@@ -22,7 +22,7 @@ MHD_Result answer(MHD_Connection* connection, unsigned status, const char* conte
     MHD_Response* response = MHD_create_response_from_buffer(text.size(), text.data(), MHD_RESPMEM_MUST_COPY);
     if (!response) return MHD_NO;
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, content_type);
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close"); // nobody keeps one of the connections
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close"); // no client keeps a connection
     const MHD_Result queued = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return queued;
@@ -36,7 +36,7 @@ MHD_Result answer_request(void* context, MHD_Connection* connection, const char*
     if (std::strcmp(url, "/metrics") != 0) return answer(connection, MHD_HTTP_NOT_FOUND, plain, "look at /metrics\n");
     if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0 && std::strcmp(method, MHD_HTTP_METHOD_HEAD) != 0)
         return answer(connection, MHD_HTTP_METHOD_NOT_ALLOWED, plain, "only GET\n");
-    try { // an exception must not cross the library
+    try { // exceptions must not pass through the library
         return answer(connection, MHD_HTTP_OK, "text/plain; version=0.0.4; charset=utf-8", text());
     } catch (const std::exception& shortage) {
         return answer(connection, MHD_HTTP_INTERNAL_SERVER_ERROR, plain, std::string(shortage.what()) + '\n');

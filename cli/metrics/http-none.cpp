@@ -1,4 +1,4 @@
-// A build without libmicrohttpd.
+// Replaces http-microhttpd.cpp in a build without libmicrohttpd.
 #include "cli/metrics/http.h"
 
 namespace metrics

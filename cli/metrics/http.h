@@ -14,12 +14,12 @@ class http
 {
   public:
     http();
-    ~http(); // serves no more; waits for an answer that is being made
+    ~http(); // stops serving; waits for an answer in progress
     http(const http&) = delete;
     http& operator=(const http&) = delete;
 
-    // Answers `GET /metrics` on `address`, as in "127.0.0.1:9783", in a thread of its own. `text` makes the answer.
-    // Error: the port is taken or not allowed, or this build lacks the library.
+    // Answers `GET /metrics` on `address`, for example "127.0.0.1:9783", in a thread of its own. `text` creates the
+    // answer. Fails if the port is in use or not allowed, or if this build lacks the library.
     ats::result<> open(const std::string& address, std::function<std::string()> text);
 
     bool is_open() const { return state_ != nullptr; }
@@ -29,7 +29,7 @@ class http
     std::unique_ptr<state> state_;
 };
 
-// False: this program was built without the library for HTTP.
+// Returns false if this program was built without the HTTP library.
 bool can_serve_http();
 
 } // namespace metrics

@@ -1,5 +1,5 @@
-// The state of a service as metrics, in the text format of Prometheus. docs/metrics.md lists them: names, types and
-// labels are a contract.
+// The state of a service as metrics, in the text format of Prometheus. docs/metrics.md lists them. Their names, types
+// and labels are a contract.
 #pragma once
 
 #include <string>
@@ -16,12 +16,12 @@ using label = std::pair<const char*, std::string>;
 struct sample {
     std::vector<label> labels;
     double value;
-    const char* suffix = ""; // of the family's name: "_bucket", "_sum" or "_count" of a histogram
+    const char* suffix = ""; // appended to the family's name: "_bucket", "_sum" or "_count" of a histogram
 };
 
 enum class type { gauge, counter, histogram };
 
-// Samples of one name.
+// The samples with one name.
 struct family {
     const char* name;
     const char* help;
@@ -29,10 +29,11 @@ struct family {
     std::vector<sample> samples = {};
 };
 
-// All metrics of the service, now. Reads ports, which may sleep. Any thread outside of the machines, several at a time.
+// Collects all present metrics of the service. Reads ports, which may sleep. Any thread outside of the machines;
+// several threads at a time.
 std::vector<family> collect(cli::running_hosts& hosts);
 
-// The text: HELP, TYPE and samples of each family that has samples. Pure.
+// Formats HELP, TYPE and samples of each family that has samples. Pure.
 std::string text_of(const std::vector<family>& families);
 
 } // namespace metrics

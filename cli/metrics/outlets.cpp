@@ -43,7 +43,7 @@ void outlets::work()
     }
 }
 
-// Says a failure when it begins, and its end.
+// Reports the start and the end of a failure.
 void outlets::note(way& way, const ats::result<>& tried)
 {
     const std::string error = tried ? "" : tried.error().text;

@@ -1,5 +1,5 @@
-// The ways out of a service's metrics besides `ats metrics`: a file for node_exporter's textfile collector, and HTTP.
-// A failure is said once. The service goes on, and tries again every 15 seconds.
+// The outlets for a service's metrics besides `ats metrics`: a file for node_exporter's textfile collector, and HTTP. A
+// failure is reported once. The service continues, and tries again every 15 seconds.
 #pragma once
 
 #include <condition_variable>
@@ -20,16 +20,16 @@ class outlets
 {
   public:
     using print_t = std::function<void(const std::string& line)>; // takes a line for the administrator
-    using text_t = std::function<std::string()>;                  // makes the text; any thread may call it
+    using text_t = std::function<std::string()>;                  // creates the text; any thread may call it
 
-    // Starts a thread if anything is configured; throws a shortage if it cannot be had.
+    // Starts a thread if anything is configured. Throws a shortage if the thread cannot be created.
     outlets(const cli::metrics_config& config, text_t text, print_t print);
     ~outlets();
     outlets(const outlets&) = delete;
     outlets& operator=(const outlets&) = delete;
 
   private:
-    // One way out, and whether its last try failed.
+    // One outlet, and the result of its last try.
     struct way {
         const char* name;
         std::string error = {};
@@ -44,7 +44,7 @@ class outlets
     way http_way_{"metrics are not served over HTTP"};
     textfile file_;
     http http_;
-    std::mutex mutex_; // guards the next two
+    std::mutex mutex_; // guards the next two members
     std::condition_variable changed_;
     bool is_stopping_ = false;
     std::thread thread_;

@@ -11,7 +11,7 @@ namespace
 
 constexpr const char* type_words[] = {"gauge", "counter", "histogram"};
 
-// As the format asks for: valid UTF-8, with backslashes, quotation marks and line ends marked.
+// Escapes a text for the format: valid UTF-8, with escaped backslashes, quotation marks and line ends.
 std::string escaped(const std::string& text)
 {
     std::string result;

@@ -53,14 +53,14 @@ ats::result<> textfile::lock()
     return {};
 }
 
-// A full disk leaves the draft incomplete, and the file as it was.
+// If the disk is full, the draft is incomplete, and the file does not change.
 ats::result<> textfile::write(const std::string& text)
 {
     if (const ats::result<> locked = lock(); !locked) return locked;
-    unlink(draft().c_str()); // of a service that was killed
+    unlink(draft().c_str()); // left by a service that was killed
     const client::descriptor file(open(draft().c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, readable_by_all));
     if (!file.is_open()) return system_error(draft() + " cannot be made");
-    fchmod(file.get(), readable_by_all); // whatever the umask
+    fchmod(file.get(), readable_by_all); // independent of the umask
     if (write_all(file.get(), text) && rename(draft().c_str(), path().c_str()) == 0) return {};
     const auto failed = system_error(path() + " cannot be written");
     unlink(draft().c_str());

@@ -9,19 +9,19 @@
 namespace metrics
 {
 
-// One thread. The file appears whole or not at all. A lock on FOLDER/.ats.prom.lock keeps a second service from writing
+// For one thread. Readers never see a partial file. A lock on FOLDER/.ats.prom.lock keeps a second service from writing
 // it.
 class textfile
 {
   public:
     explicit textfile(std::string folder) : folder_(std::move(folder)) {}
 
-    // Removes the file: old values would look like current ones.
+    // Removes the file, because old values would look like current ones.
     ~textfile();
     textfile(const textfile&) = delete;
     textfile& operator=(const textfile&) = delete;
 
-    // Replaces the file. An error leaves the one before, and says what to do.
+    // Replaces the file. On failure, the previous file stays, and the error says what to do.
     ats::result<> write(const std::string& text);
 
   private:
