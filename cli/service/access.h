@@ -1,4 +1,4 @@
-// The rules of access: which users may send the service which requests. The kernel names the user of a connection.
+// The access rules: which users may send which requests to the service. The kernel names the user of a connection.
 #pragma once
 
 #include <optional>
@@ -18,7 +18,7 @@ struct peer {
     std::vector<gid_t> groups;
 };
 
-// The peer of a connected socket, or nothing when the kernel does not say.
+// The peer of a connected socket, or nothing if the kernel does not tell.
 std::optional<peer> peer_of(int socket);
 
 // "root", or "root and the user NAME" if another user runs this service. Asks the user database.
@@ -28,8 +28,8 @@ std::string owner_text();
 struct access_rule {
     enum class audience { owner, everyone, group };
     audience audience = audience::owner;
-    gid_t group = 0;                 // of audience::group
-    std::string text = owner_text(); // the users, for refusals
+    gid_t group = 0;                 // for audience::group
+    std::string text = owner_text(); // describes the users in refusals
 
     bool admits(const peer& peer) const;
     bool operator==(const access_rule&) const = default;
@@ -38,16 +38,16 @@ struct access_rule {
 struct access_rules {
     access_rule questions;
     access_rule orders;
-    // The trace level up to which those who may ask questions, but give no orders, read logs; 0: none.
+    // Users who may ask questions but not give orders can read log lines up to this trace level; 0 means none.
     int log_level = 0;
 
-    // True if a user other than root and the owner may ask anything.
+    // Returns true if a user other than root and the owner may ask anything.
     bool is_open_to_others() const;
     bool operator==(const access_rules&) const = default;
 };
 
-// `word` is "owner", "everyone" or a group's name. An unknown group is invalid. Asks the user database, so it may take
-// its time.
+// `word` is "owner", "everyone" or the name of a group. An unknown group is invalid. Asks the user database, which may
+// be slow.
 ats::result<access_rule> access_rule_of(const std::string& word);
 
 } // namespace cli

@@ -1,4 +1,4 @@
-// The options of `ats run` that choose the fabric: the embedded one, or this machine's real ports.
+// The options of `ats run` that select the fabric: the embedded one, or this machine's real ports.
 #pragma once
 
 #include <string>
@@ -20,17 +20,17 @@ struct fabric_arguments {
     std::string sa_delete_pkey = "auto";
     int port_interval_ms = 100;
     const CLI::Option* hosts_option = nullptr;
-    std::vector<const CLI::Option*> real_only_options; // an embedded fabric has no use for them
+    std::vector<const CLI::Option*> real_only_options; // invalid for an embedded fabric
 
     bool is_real() const { return kind == "umad"; }
 };
 
-// Adds the options to the command. Its options --hosts and --config exclude some of them. `arguments` outlive the
+// Adds the options to the command. Its options --hosts and --config exclude some of them. `arguments` must outlive the
 // command.
 void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Option* hosts, CLI::Option* config);
 
-// Completes the configuration that --config or --hosts gave; on a real fabric without --config it is empty. Options
-// that do not fit together are invalid.
+// Completes the configuration from --config or --hosts. On a real fabric without --config, that configuration is empty.
+// Options that contradict each other are invalid.
 ats::result<world_config> with_fabric(world_config config, const fabric_arguments& arguments);
 
 } // namespace cli

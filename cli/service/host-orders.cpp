@@ -20,8 +20,8 @@ tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
     return ats::fail("ats is not loaded on " + machine.name());
 }
 
-// Calls an identity function that ats exports. Its module stays loaded for the call. Returns false if the new identity
-// was stored, but not sent on every HCA.
+// Calls an identity function that ats exports. Its module stays loaded during the call. Returns false if the new
+// identity was stored, but not sent on every HCA.
 template <class argument_t>
 ats::result<bool> set_identity(kernel::machine& machine, const char* function, argument_t argument)
 {
@@ -36,7 +36,7 @@ ats::result<bool> set_identity(kernel::machine& machine, const char* function, a
     return status == 0;
 }
 
-// Gives an order that changes the registered record.
+// Executes an order that changes the registered record.
 ats::result<> change_record(world::host& host, awaited awaited, const confirmation::is_new_record_t& is_new_record,
                             const std::function<ats::result<bool>()>& order)
 {

@@ -1,4 +1,4 @@
-// Orders that change a running host. Requests of clients and the reload of the configuration give the same ones.
+// Orders that change a running host. Requests of clients and the reload of the configuration use the same orders.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@
 namespace cli
 {
 
-// Any thread outside of the machines may give these orders. They may sleep. An error says that the module is not
-// loaded, or why the order was not carried out.
+// Any thread outside of the machines may give these orders. They may sleep. The error says that the module is not
+// loaded, or why the order failed.
 
 // Writes a command to the control file. Returns the text that the module printed about it.
 ats::result<std::string> write_control(world::host& host, const std::string& command);
@@ -19,14 +19,14 @@ ats::result<std::string> write_control(world::host& host, const std::string& com
 // From 0 (nothing) to 5 (everything).
 void set_trace_level(world::host& host, int level);
 
-// Stores how often the host asks the SA for its record. Every HCA's check that is due by then still takes place.
+// Sets how often the host asks the SA for its record. A check that is due before that still takes place on every HCA.
 ats::result<> set_verification(world::host& host, const verification& verification);
 
 enum class awaited { sent, confirmed };
 
-// Changes the registered name or address; it has been checked. Waits until the record has been sent, or until the SA
-// has confirmed it: some three seconds at most. A record that is stored, but not sent or not confirmed, is an error; it
-// is registered by a later check.
+// Changes the registered name or address, which must be valid. Waits until the record has been sent, or until the SA
+// has confirmed it: at most about three seconds. If the record is stored, but not sent or not confirmed, this is an
+// error. A later check then registers the record.
 ats::result<> set_name(world::host& host, const std::string& name, awaited awaited);
 ats::result<> set_address(world::host& host, uint32_t ip, awaited awaited);
 

@@ -19,13 +19,13 @@ namespace
 
 using records::host_record;
 
-constexpr int most_records = 8; // of one GID, which differ in their P_Keys
+constexpr int most_records = 8; // of one GID; they differ in their P_Keys
 constexpr uint64_t id_component = uint64_t{1} << SR_COMPONENT_SERVICE_ID;
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr uint64_t p_key_component = uint64_t{1} << SR_COMPONENT_SERVICE_P_KEY;
 constexpr uint64_t address_components = uint64_t{0xF} << (SR_COMPONENT_SERVICE_DATA8 + records::address_offset);
 
-// Under which a record of the host may be at the SA.
+// The identities under which the SA may have a record of the host.
 struct own_identity {
     std::set<fabric::gid_bytes> gids;
     std::set<uint16_t> p_keys;
@@ -68,7 +68,7 @@ struct sa_answer {
     host_record record;
 };
 
-// The SA, asked for the records of one host.
+// Asks the SA for the records of one host.
 class host_records
 {
   public:
@@ -79,7 +79,7 @@ class host_records
         return ask(MAD_METHOD_GET, id_component | components, record);
     }
 
-    // True if there was such a record.
+    // Returns true if there was such a record.
     ats::result<bool> remove(const host_record& record)
     {
         return ask(MAD_METHOD_DELETE, id_component | gid_component | p_key_component, record)

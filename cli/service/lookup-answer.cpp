@@ -53,7 +53,7 @@ const char* source_word(const world::path_resolution& answer)
     return answer.from_cache ? R"("cache")" : R"("SA")";
 }
 
-// Begins an object: the id, the status, the source and the time.
+// Starts an object with the id, the status, the source and the time.
 std::string begin_answer(const std::optional<uint64_t>& id, const char* status, const char* source,
                          uint64_t nanoseconds)
 {
@@ -65,7 +65,7 @@ std::string begin_answer(const std::optional<uint64_t>& id, const char* status, 
            std::to_string(nanoseconds / 1000);
 }
 
-// Adds members. The texts are our own: nothing in them needs to be escaped.
+// Adds members. The texts are our own and need no escapes.
 void add_text(std::string& line, const char* key, const std::string& text)
 {
     line += std::string(",\"") + key + "\":\"" + text + "\"";

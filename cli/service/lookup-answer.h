@@ -1,5 +1,5 @@
-// The answer about an address, a GID or a path as a line of the protocol. It is built directly, since it is what
-// clients ask for most.
+// The answer about an address, a GID or a path as a line of the protocol. It is built without a JSON library, because
+// it is the most frequent answer.
 #pragma once
 
 #include <optional>

@@ -20,14 +20,14 @@ namespace
 using nlohmann::json;
 using stack::registration_state;
 
-constexpr uint64_t answer_limit_ticks = 1000; // that an answer of the SA may take
+constexpr uint64_t answer_limit_ticks = 1000; // the longest time for an answer of the SA
 constexpr unsigned long look_period_ticks = 5;
 
 struct hca_state {
     std::string hca;
-    bool has_link = false;                           // any port
-    bool port_has_link = false;                      // the port that sent the record
-    std::optional<stack::registration> registration; // empty: no record has been sent
+    bool has_link = false;                           // at least one port has a link
+    bool port_has_link = false;                      // the port that sent the record has a link
+    std::optional<stack::registration> registration; // empty if no record has been sent
 };
 
 tl::unexpected<ats::error> no_port()
@@ -79,7 +79,7 @@ std::string text_of(const ib_service_record_v2_t& record)
     return world::format_ipv4(host.address) + " " + world::printable(host.host_name);
 }
 
-// Succeeds if the SA holds the record that was sent last.
+// Succeeds if the SA has the record that was sent last.
 ats::result<> answer_of(const stack::registration& registration)
 {
     switch (registration.state) {
@@ -146,8 +146,8 @@ json report_of(const hca_state& hca, uint64_t now_ticks)
     return report;
 }
 
-// Asks the SA for the owner of the unconfirmed record's address. The stack sees the answer too. Fails if the SA
-// names another owner or none.
+// Asks the SA for the owner of the unconfirmed record's address. The stack also sees the answer. Fails if the SA names
+// another owner or none.
 ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration& registration)
 {
     const records::host_record record = records::decode(registration.record);
@@ -159,7 +159,8 @@ ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration&
     return {};
 }
 
-// Judges an HCA with a link after an order. True: the SA holds the new record. False: its answer is still missing.
+// Judges an HCA with a link after an order. Returns true if the SA has the new record, and false if its answer is still
+// missing.
 ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_before,
                                const confirmation::is_new_record_t& is_new_record)
 {
@@ -168,7 +169,7 @@ ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_befo
     const bool is_of_order =
         is_new_record(records::decode(registration.record)) &&
         (registration.state != registration_state::confirmed || registration.confirmations > confirmations_before);
-    if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent(); // a Delete comes before the Set
+    if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent(); // the Delete comes before the Set
     if (registration.state == registration_state::asked) return false;
     return answer_of(registration).map([] { return true; });
 }

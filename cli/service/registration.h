@@ -1,5 +1,4 @@
-// Reports whether the SA holds a host's record. It judges by the requests and answers that the host's stack saw on the
-// wire.
+// Reports if the SA has a host's record. It uses the requests and answers that the host's stack has seen on the wire.
 #pragma once
 
 #include <functional>
@@ -14,25 +13,25 @@
 namespace cli
 {
 
-// One object for each HCA; ats(8) describes them under "registrations". Call from outside of the machine.
+// One JSON object for each HCA; ats(8) describes them under "registrations". Call it from outside of the machine.
 nlohmann::json registrations_of(world::host& host);
 
-// The host name in the record that was sent last; "" if none was sent. Call from outside of the machine.
+// The host name in the record that was sent last, or "" if none was sent. Call it from outside of the machine.
 std::string registered_name(world::host& host);
 
-// Waits until the SA has confirmed the change that an order makes. Make it before giving the order. The host outlives
-// it.
+// Waits until the SA has confirmed the change that an order makes. Create the object before giving the order. The host
+// must outlive it.
 class confirmation
 {
   public:
     using is_new_record_t = std::function<bool(const records::host_record&)>;
 
-    // `is_new_record` distinguishes the record of the order from the one before.
+    // `is_new_record` distinguishes the record of the order from the previous one.
     confirmation(world::host& host, is_new_record_t is_new_record);
 
-    // Call when the order has returned, from outside of the machine. Succeeds once every HCA with a link has registered
-    // the new record; otherwise the error says why one has not. Waits for a missing answer, and asks the SA once if
-    // none comes. Takes some three seconds at most.
+    // Call it after the order has returned, from outside of the machine. Succeeds when every HCA with a link has
+    // registered the new record. Otherwise the error gives the reason for one HCA. Waits for a missing answer, and asks
+    // the SA once if none comes. Takes at most about three seconds.
     ats::result<> wait();
 
   private:

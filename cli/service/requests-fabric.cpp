@@ -15,7 +15,8 @@ namespace
 
 using ats::error_kind;
 
-// {"real": true} on a real fabric: the client asks its SA itself, perhaps through a port that this service lacks.
+// Returns {"real": true} on a real fabric. The client then asks the SA itself, possibly through a port that this
+// service does not use.
 json show_records(running_hosts& hosts)
 {
     const ats::result<embedded::subnet*> subnet = hosts.subnet();
@@ -30,7 +31,7 @@ json show_records(running_hosts& hosts)
             {"status", has_status ? json(console::format_word(faults.sa_status)) : json()}};
 }
 
-// Deletes the records of a GID, or all for "".
+// Deletes the records of a GID, or all records for "".
 ats::result<json> forget(embedded::subnet& subnet, const std::string& gid)
 {
     size_t count = 0;
@@ -45,7 +46,7 @@ ats::result<json> forget(embedded::subnet& subnet, const std::string& gid)
     return done("The SA forgot " + std::to_string(count) + (count == 1 ? " record." : " records."));
 }
 
-// A status of a MAD: a decimal number, or a hexadecimal one that begins with "0x".
+// Reads the status of a MAD: a decimal number, or a hexadecimal number that begins with "0x".
 ats::result<uint16_t> status_of(const std::string& word)
 {
     uint16_t status = 0;
@@ -58,7 +59,7 @@ ats::result<uint16_t> status_of(const std::string& word)
                      console::quote(word) + " is no status word: write a number up to 65535, as in 0x0300");
 }
 
-// Lets the SA answer every request with that status; 0 ends this.
+// Makes the SA answer every request with that status; 0 ends this.
 ats::result<json> answer_with_status(embedded::subnet& subnet, const std::string& word)
 {
     const ats::result<uint16_t> status = status_of(word);
@@ -69,7 +70,7 @@ ats::result<json> answer_with_status(embedded::subnet& subnet, const std::string
                           : "The SA answers everything with status " + console::format_word(*status) + ".");
 }
 
-// True if `word` is the first of the two words, false if it is the second.
+// Returns true if `word` is the first of the two words, and false if it is the second.
 ats::result<bool> is_first_of(const std::string& first, const std::string& second, const std::string& word)
 {
     if (word == first) return true;
