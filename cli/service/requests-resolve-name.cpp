@@ -1,4 +1,4 @@
-// Resolves host names from the records of the SA. No cache and no module knows them.
+// Resolves host names from the records of the SA. Caches and modules do not know host names.
 
 #include <bit>
 #include <chrono>
@@ -14,7 +14,7 @@ namespace cli
 namespace
 {
 
-// A SubnAdmGet of the record with that host name. It selects by the name and by what all ATS records have in common.
+// A SubnAdmGet of the record with that host name. It selects by the name and by the fields that all ATS records share.
 fabric::mad_bytes request_for(const std::string& host_name)
 {
     const ib_service_record_v2_t record = records::encode({.host_name = host_name});
@@ -24,7 +24,8 @@ fabric::mad_bytes request_for(const std::string& host_name)
         umad::make_sa_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD, mask, &record, sizeof record));
 }
 
-// The records of that host name. A single one is in the SA's answer; an answer of the embedded SA cannot hold several.
+// The records with that host name. A single record is in the SA's answer. The answer of the embedded SA cannot contain
+// several.
 json matches_of(const embedded::subnet& subnet, const sa_mad_v2_t& answer, const std::string& host_name)
 {
     json matches = json::array();

@@ -1,4 +1,4 @@
-// Requests that verify what the cache says of an address or a GID, and that empty the cache.
+// Requests that verify the cache's answer about an address or a GID, and requests that empty the cache.
 
 #include <optional>
 
@@ -22,7 +22,7 @@ using ats::error_kind;
 using world::lookup_mode;
 using world::resolution;
 
-// True if the cache or the SA has answered, with yes or no.
+// Returns true if the cache or the SA has answered, positively or negatively.
 bool is_answer(const resolution& resolution)
 {
     return resolution.status == ibat_stat_ok || resolution.status == ibat_stat_not_found;
@@ -38,8 +38,9 @@ bool agree(const resolution& one, const resolution& other)
     return one.status == other.status && (one.status != ibat_stat_ok || (one.ip == other.ip && one.gid == other.gid));
 }
 
-// Adds to `answer`, which comes from the cache, whether the SA agrees. If it does not, the answer of the SA replaces
-// it, and the value that the cache had found moves to "cached". `is_corrected`: the cache has dropped that value.
+// Compares `answer`, which comes from the cache, with the SA's answer and adds the result. If they differ, the answer
+// of the SA replaces it, and the cached value moves to "cached". `is_corrected` means that the cache has dropped that
+// value.
 void compare(const resolution& cache_answer, const resolution& sa_answer, bool is_by_gid, bool is_corrected,
              json& answer)
 {
@@ -56,8 +57,8 @@ void compare(const resolution& cache_answer, const resolution& sa_answer, bool i
     answer.update({{"verified", false}, {"source", "SA"}, {"cached", cached_value}, {"corrected", is_corrected}});
 }
 
-// Asks the SA about a GID that the cache knows. UCM's provider looks into the cache first. So the SA is asked about the
-// address; if it disagrees, the cache drops the GID, and then UCM asks the SA.
+// Asks the SA about a GID that is in the cache. UCM's provider searches the cache first, so it would not ask the SA.
+// Therefore this asks the SA about the address. If the SA disagrees, the cache drops the GID, and UCM can ask the SA.
 resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answer)
 {
     resolution by_address = world::resolve_address(machine, cache_answer.ip, lookup_mode::sa_only);

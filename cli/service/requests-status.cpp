@@ -1,5 +1,5 @@
-// The status of every host. Its sources are open to any user of a host: /proc files, published functions, the registry
-// and the ports of the fabric.
+// The status of every host. Its sources are available to any user of a host: /proc files, published functions, the
+// registry and the ports of the fabric.
 
 #include <map>
 
@@ -33,7 +33,7 @@ json cache_entry(const ibat_cache_entry_t& entry)
             {"expires_seconds", entry.is_static ? json() : json(entry.expires_ticks / HZ)}};
 }
 
-// Null if IBAT is not loaded.
+// Returns null if IBAT is not loaded.
 json ibat_status(kernel::machine& machine)
 {
     const world::published<ibat_cache_list_fn_t> list(machine, "ibat_cache_list_fn");
@@ -41,7 +41,7 @@ json ibat_status(kernel::machine& machine)
     if (!list || !read_counters) return nullptr;
 
     std::vector<ibat_cache_entry_t> entries(static_cast<size_t>((*list)(nullptr, 0)));
-    const int32_t count = (*list)(entries.data(), static_cast<int32_t>(entries.size())); // it may have changed
+    const int32_t count = (*list)(entries.data(), static_cast<int32_t>(entries.size())); // the number may have changed
     entries.resize(std::min(entries.size(), static_cast<size_t>(count)));
     json cache = json::array();
     for (const ibat_cache_entry_t& entry : entries) cache.push_back(cache_entry(entry));

@@ -26,7 +26,7 @@ ats::result<json> control(running_hosts& hosts, const json& request)
     return json{{"output", *output}, {"failed", console::is_complaint(*output)}};
 }
 
-// {"level", "host"}: sets the trace level of ats on that host, or on all.
+// {"level", "host"}: sets the trace level of ats on that host, or on all hosts.
 ats::result<json> set_trace(running_hosts& hosts, const json& request)
 {
     const int level = request.at("level");
@@ -42,7 +42,7 @@ ats::result<json> set_trace(running_hosts& hosts, const json& request)
     return done(done_text + " on " + name + ".");
 }
 
-// Of an order that changes the registered record.
+// For an order that changes the registered record.
 awaited awaited_by(const json& request)
 {
     return request.value("no_wait", false) ? awaited::sent : awaited::confirmed;
@@ -62,11 +62,11 @@ ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
     return done((*host)->name() + " is now called " + name + ".");
 }
 
-// A warning if the embedded SA holds a record of another host with that address; else "".
+// Returns a warning if the embedded SA has a record of another host with that address, otherwise "".
 std::string warning_of_another_owner(running_hosts& hosts, world::host& host, const std::string& address)
 {
     const ats::result<embedded::subnet*> subnet = hosts.subnet();
-    if (!subnet) return ""; // only the embedded SA can be searched here
+    if (!subnet) return ""; // only the embedded SA can be searched from here
     std::set<std::string> own_gids;
     for (fabric::hca* hca : host.machine().hcas())
         for (int port = 1; port <= hca->port_count(); ++port)

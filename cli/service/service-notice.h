@@ -1,13 +1,13 @@
-// Reports the state of the service to its service manager, as sd_notify(3) does: with a datagram to the socket that
-// NOTIFY_SOCKET names. A few lines instead of libsystemd let every build report it.
+// Reports the state of the service to its service manager, like sd_notify(3): with a datagram to the socket in
+// NOTIFY_SOCKET. This small implementation replaces libsystemd, so every build can report.
 #pragma once
 
 namespace cli
 {
 
-// `state` is "READY=1", "STOPPING=1" or the like, or several of them in lines; a copy of `file` goes with it, unless it
-// is -1. Waits a moment for a busy service manager. False: there is none, or it could not be reached. Most callers can
-// do without one.
+// `state` is for example "READY=1" or "STOPPING=1"; it may have several lines. A copy of `file` is sent with it, unless
+// it is -1. Waits a moment for a busy service manager. Returns false if there is no service manager or it could not be
+// reached. Most callers ignore that.
 bool notify_service_manager(const char* state, int file = -1);
 
 } // namespace cli

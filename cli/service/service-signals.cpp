@@ -28,7 +28,7 @@ service_signals::service_signals(bool can_reload) : can_reload_(can_reload), had
     sigemptyset(&set_);
     for (const int number : numbers) sigaddset(&set_, number);
     pthread_sigmask(SIG_BLOCK, &set_, nullptr);
-    signal(SIGPIPE, SIG_IGN); // a closed terminal must not keep the hosts from deleting their records
+    signal(SIGPIPE, SIG_IGN); // without a terminal, the hosts must still delete their records
 }
 
 bool service_signals::stops(int number) const
@@ -58,7 +58,7 @@ void service_signals::wait_for_stop() const
     while (wait() == told::reload) continue;
 }
 
-// A signal may come twice at once: timeout(1) signals the process and then its group. Such repeats are dropped.
+// A signal may come twice at once: timeout(1) signals the process and then its group. Drop such repeats.
 void service_signals::let_next_signal_end_the_program() const
 {
     constexpr std::chrono::milliseconds repeat_limit(100);

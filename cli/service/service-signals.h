@@ -1,4 +1,4 @@
-// The signals by which a service is told to end, or to read its configuration again.
+// The signals that end a service or make it reload its configuration.
 #pragma once
 
 #include <csignal>
@@ -12,17 +12,17 @@ class service_signals
     enum class told { stop, reload };
 
     // Blocks the signals in this thread and in all threads that it starts later; only wait() accepts them. SIGINT and
-    // SIGTERM end the service. SIGHUP does too, unless it `can_reload`. If it does, and runs on a terminal, SIGHUP
-    // ends it when the terminal goes.
+    // SIGTERM end the service. Without `can_reload`, SIGHUP also ends it. With `can_reload`, SIGHUP reloads; on a
+    // terminal, it ends the service when the terminal closes.
     explicit service_signals(bool can_reload);
 
     bool is_stop_pending() const;
 
-    // Waits for a signal. Repeats that came before the first one was taken count once. After `stop`, another signal
-    // that stops ends the program at once, and one that reloads has no effect.
+    // Waits for a signal. Repeats of a signal that has not been accepted yet count once. After `stop`, another stop
+    // signal ends the program at once, and a reload signal does nothing.
     told wait() const;
 
-    // The same, and reloads have no effect.
+    // Does the same, but ignores reloads.
     void wait_for_stop() const;
 
   private:

@@ -1,5 +1,5 @@
-// Counters about a service's clients and its hosts' logs, for metrics. They only grow. Each is read and written by
-// itself; two of them may stand for slightly different moments.
+// Counters of a service's clients and its hosts' logs, for metrics. They only grow. Each counter is atomic on its own.
+// Two counters may show slightly different moments.
 #pragma once
 
 #include <array>
@@ -23,7 +23,7 @@ inline void count(counter& counter, uint64_t more = 1)
 enum class lookup_kind { address, gid, path };
 constexpr std::array lookup_kind_words = {"address", "gid", "path"};
 
-// How a lookup ended: who answered, and what.
+// The result of a lookup: its source and its status.
 enum class lookup_outcome { cache_ok, cache_not_found, sa_ok, sa_not_found, not_cached, timed_out, failed };
 struct outcome_words {
     const char* source;
@@ -37,7 +37,7 @@ constexpr std::array<outcome_words, 7> lookup_outcome_words = {{{"cache", "ok"},
                                                                 {"none", "timed_out"},
                                                                 {"none", "failed"}}};
 
-// The times that lookups took, by who answered.
+// The durations of lookups, by the source of the answer.
 class latency_histogram
 {
   public:
@@ -46,12 +46,12 @@ class latency_histogram
 
     void note(uint64_t nanoseconds);
 
-    std::array<counter, bounds_ns.size() + 1> counts{}; // the last one: of longer times
+    std::array<counter, bounds_ns.size() + 1> counts{}; // the last one counts longer times
     counter sum_ns{0};
 };
 
 struct lookup_statistics {
-    // Any thread. `cache_only`: nobody but the cache was asked.
+    // Any thread. `cache_only` means that only the cache was asked.
     void note(lookup_kind kind, const world::resolution& answer, bool cache_only = false);
     void note(const world::path_resolution& answer);
 
@@ -63,7 +63,7 @@ struct lookup_statistics {
 };
 
 struct host_statistics {
-    // Counts the lines of this log from now on. The log goes first.
+    // Counts the lines of this log from now on. The log must be destroyed first.
     void follow(kernel::log& log);
 
     lookup_statistics lookups;
@@ -73,7 +73,7 @@ struct host_statistics {
 struct door_statistics {
     std::atomic<int64_t> open{0}; // connections now
     counter accepted{0};
-    counter denied{0};               // requests that the access rules refused
+    counter denied{0};               // requests refused by the access rules
     counter connections_reached{0};  // connections beyond the limit of the user; likewise:
     counter questions_reached{0};    // requests
     counter line_bytes_reached{0};   // lines

@@ -25,7 +25,7 @@ constexpr int max_hcas = 32;
 
 using ats::error_kind;
 
-// Passes module parameters on as they are written: insmod knows their names and types.
+// Passes on module parameters without change, because insmod knows their names and types.
 std::string read_parameters(table_reader& reader, const std::string& module)
 {
     std::string parameters;
@@ -50,7 +50,7 @@ bool is_hca_name(const std::string& name)
            std::ranges::all_of(name, [](unsigned char byte) { return std::isprint(byte); });
 }
 
-// The address of a host for which none is configured. Numbers begin with 1.
+// The address of a host without a configured address. Numbers begin with 1.
 std::string numbered_address(size_t number)
 {
     return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
@@ -68,7 +68,7 @@ ats::result<world::hca_plan> read_hca(const toml::table& table, const std::strin
     return reader.finish().map([&] { return plan; });
 }
 
-// The HCAs of a host. A host on an embedded fabric has `default_hcas` if it lists none.
+// The HCAs of a host. A host on an embedded fabric gets `default_hcas` if it lists none.
 std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& file, bool is_real,
                                        std::vector<world::hca_plan> default_hcas)
 {
@@ -89,7 +89,7 @@ std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& 
     return hcas;
 }
 
-// The host's own keys give its identity, and are checked; module parameters would bypass the check.
+// The host's own keys set its identity and are checked. Module parameters would bypass the check.
 void refuse_identity_parameters(table_reader& reader)
 {
     const toml::table* const ats = reader.table("ats");
@@ -224,8 +224,8 @@ ats::result<metrics_config> read_metrics(const toml::table& table, const std::st
     return reader.finish().map([&] { return metrics; });
 }
 
-// Reads the hosts of the file, for the fabric of `config`. Adds hosts and warnings to it. Stops at a host that is
-// wrong.
+// Reads the hosts of the file for the fabric of `config`. Adds hosts and warnings to it. Stops at the first host with
+// an error.
 void read_hosts(table_reader& reader, const std::string& file, world_config& config)
 {
     std::set<std::string> names;
@@ -253,7 +253,7 @@ ats::result<toml::table> parse(const std::string& path)
     try {
         return toml::parse_file(path);
     } catch (const toml::parse_error& error) {
-        const uint32_t line = error.source().begin.line; // 0: the file cannot be read
+        const uint32_t line = error.source().begin.line; // 0 if the file cannot be read
         return ats::fail(error_kind::invalid,
                          path + (line > 0 ? ":" + std::to_string(line) : "") + ": " + std::string(error.description()));
     }

@@ -24,29 +24,29 @@ constexpr size_t bytes_of_kib(int kib)
 }
 
 struct fabric_config {
-    bool is_real = false;            // this machine's real ports, with one host; else an embedded fabric
+    bool is_real = false;            // true: this machine's real ports, with one host; false: an embedded fabric
     umad::fabric_options ports = {}; // of a real fabric
-    std::string capture = {};        // the file that every datagram is written to; "": none
+    std::string capture = {};        // the file for all datagrams, or ""
 };
 
 // Settings for programs that use librdmacm.
 struct acm_config {
     bool is_served = false;
-    std::string socket = "/run/ibacm.sock"; // where librdmacm looks
+    std::string socket = "/run/ibacm.sock"; // the socket that librdmacm uses
     int timeout_ms = 2000;                  // a request is answered within this time
 
     bool operator==(const acm_config&) const = default;
 };
 
-// Where metrics go besides `ats metrics`; docs/metrics.md describes them.
+// The outlets for metrics besides `ats metrics`; docs/metrics.md describes them.
 struct metrics_config {
-    std::string textfile = {}; // the folder of node_exporter's textfile collector; "": none
-    std::string listen = {};   // the address and port of an HTTP server; "": none
+    std::string textfile = {}; // the folder of node_exporter's textfile collector, or ""
+    std::string listen = {};   // the address and port of an HTTP server, or ""
 
     bool operator==(const metrics_config&) const = default;
 };
 
-// How often a host asks the SA for its own record: every `period_seconds`, and by chance up to `skew_percent` later.
+// How often a host asks the SA for its own record: every `period_seconds`, plus a random part of up to `skew_percent`.
 // The defaults are those of the module.
 struct verification {
     int period_seconds = 60; // 0: never
@@ -55,7 +55,7 @@ struct verification {
     bool operator==(const verification&) const = default;
 };
 
-// The settings of a host that can be changed while it runs.
+// The settings of a host that can change at run time.
 struct host_settings {
     std::string name = {};
     std::string address = {};
@@ -65,7 +65,7 @@ struct host_settings {
     bool operator==(const host_settings&) const = default;
 };
 
-// A host's plan as the settings and the file's parameters make it.
+// A host's plan, built from the settings and the file's parameters.
 struct host_config : world::host_plan {
     host_settings settings = {};
     std::vector<std::string> parameters = {}; // for each module
@@ -78,14 +78,14 @@ struct world_config {
     service_limits limits = {};
     acm_config acm = {};
     metrics_config metrics = {};
-    std::vector<std::string> warnings = {}; // a line for each setting that may be a mistake
+    std::vector<std::string> warnings = {}; // one line for each setting that may be a mistake
 };
 
-// `count` hosts node1, node2, ... with a one-port HCA each and the addresses 10.0.0.1 onwards.
+// `count` hosts node1, node2, ... with one single-port HCA each and the addresses from 10.0.0.1 on.
 world_config numbered_hosts(int count);
 
-// One host of that name and address on the real ports of `ports`. "" stands for this machine's name. A name or an
-// address that no host can have is invalid.
+// One host with that name and address on the real ports of `ports`. "" means this machine's name. A name or an address
+// that a host cannot have is invalid.
 ats::result<world_config> real_host(const std::string& name, const std::string& address,
                                     const umad::fabric_options& ports);
 
@@ -93,8 +93,8 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
 // Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
-// Unknown keys, wrong types, names used twice, addresses that no host can have, and numbers out of range are invalid.
-// An error is a line "FILE:LINE: what is wrong and what would be right".
+// Invalid are: unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out of
+// range. An error is a line "FILE:LINE: what is wrong and what would be right".
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli

@@ -15,24 +15,24 @@ namespace
 {
 
 struct service_origin {
-    long pid = 0;     // 0: unknown
-    std::string unit; // "": started by a person
+    long pid = 0;     // 0 means unknown
+    std::string unit; // "" if a person has started it
 };
 
 bool is_there(const std::string& path)
 {
-    std::error_code error; // as good as not there
+    std::error_code error; // a file with an error counts as missing
     return std::filesystem::exists(path, error);
 }
 
-// systemd sets the variable to the process ID. Programs started from the service inherit it, but have other IDs.
+// systemd sets the variable to the process ID. Programs started by the service inherit it, but have other IDs.
 bool is_started_by_systemd()
 {
     const char* pid = std::getenv("SYSTEMD_EXEC_PID");
     return pid != nullptr && std::to_string(getpid()) == pid;
 }
 
-// The last part of the control group's path, as in "0::/system.slice/ats.service".
+// The last part of the control group's path, for example of "0::/system.slice/ats.service".
 std::string unit_of_this_process()
 {
     constexpr const char* usual_unit = "ats.service";
@@ -42,7 +42,7 @@ std::string unit_of_this_process()
     return usual_unit;
 }
 
-// Where the socket is, if `path` is the link to one: the lock is beside the socket.
+// The place of the socket, if `path` is a link to it. The lock is beside the socket.
 std::string resolved(const std::string& path)
 {
     std::error_code error;
