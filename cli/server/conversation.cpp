@@ -9,7 +9,7 @@ namespace cli
 namespace
 {
 
-// Beyond so many unread bytes the service reads no further requests of a client.
+// If this many bytes are unread, the service reads no more requests of the client.
 constexpr size_t congestion_bytes = size_t{256} << 10;
 
 conversation& self_of(void* data)
@@ -44,7 +44,7 @@ bool conversation::accept(uv_stream_t* listener)
 
 // ---- input ----
 
-// Reads while there is nothing that must be finished first.
+// Reads only while nothing else must be finished first.
 void conversation::set_reading()
 {
     const bool should_read = !is_ending_ && !is_closed_ && !has_input_ended_ && !is_paused_ && !is_congested();
@@ -77,7 +77,7 @@ void conversation::take_input(const char* bytes, size_t size)
     take_lines();
 }
 
-// A client may close its side and still read its answers.
+// A client may close its sending side and still read its answers.
 void conversation::take_end()
 {
     has_input_ended_ = true;
@@ -93,7 +93,7 @@ void conversation::end_if_done()
 
 void conversation::take_lines()
 {
-    if (is_taking_lines_) return; // a line's answer led here: the loop below goes on
+    if (is_taking_lines_) return; // called from the loop below, which continues
     is_taking_lines_ = true;
     size_t end = 0;
     while (!is_ending_ && !is_paused_ && !is_congested() && (end = input_.find('\n', taken_)) != std::string::npos) {
@@ -141,7 +141,7 @@ bool conversation::is_congested() const
 void conversation::send(std::string_view line)
 {
     if (is_closed_) return;
-    if (unsent_.size() + sending_.size() > limits_.unread_bytes) { // one long answer always fits
+    if (unsent_.size() + sending_.size() > limits_.unread_bytes) { // one long answer is always allowed
         owner_.left_unread(*this);
         return cut_off();
     }

@@ -16,45 +16,45 @@ namespace cli
 class conversation
 {
   public:
-    // The server calls that a conversation makes.
+    // The calls that a conversation makes to its owner.
     struct owner {
         virtual ~owner() = default;
         virtual void take_line(conversation& source, std::string_view line) = 0;
-        virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the answer
+        virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the answer to this
         virtual void input_ended(conversation& source) = 0;     // the client sends nothing more
-        virtual void became_writable(conversation& source) = 0; // what was queued has been sent
-        virtual void left_unread(conversation& source) = 0;     // it is cut off: it does not read its answers
-        virtual void ended(conversation& source) = 0;           // its handle is closed: it may be destroyed
-        virtual void has_unsent(conversation& source) = 0;      // flush() it at the end of this round
+        virtual void became_writable(conversation& source) = 0; // the queued lines have been sent
+        virtual void left_unread(conversation& source) = 0;     // cut off: it does not read its answers
+        virtual void ended(conversation& source) = 0;      // its handle is closed; it may be destroyed
+        virtual void has_unsent(conversation& source) = 0; // call flush() at the end of this round
     };
 
     conversation(owner& owner, uv_loop_t* loop, uint64_t number, const service_limits& limits);
     conversation(const conversation&) = delete;
     conversation& operator=(const conversation&) = delete;
 
-    // Accepts the next connection of `listener`. False: that failed; ended() follows.
+    // Accepts the next connection of `listener`. Returns false on failure; ended() follows.
     bool accept(uv_stream_t* listener);
 
     uint64_t number() const { return number_; }
     const cli::peer& peer() const { return peer_; }
 
-    // Queues a line for the client. One that reads nothing is cut off at the limit.
+    // Queues a line for the client. A client that reads nothing is cut off at the limit.
     void send(std::string_view line);
     void flush();
 
-    // True if so much is unread that a long answer should wait for became_writable().
+    // Returns true if so much is unread that a long answer should wait for became_writable().
     bool is_congested() const;
 
-    // Stops taking lines until resume(): a request without an id is being answered.
+    // Stops reading lines until resume(), because a request without an id is being answered.
     void pause();
     void resume();
 
-    // Ends the conversation when what is queued has been sent, or at once.
+    // Ends the conversation after the queued lines have been sent, or at once.
     void hang_up();
     void cut_off();
     bool is_ending() const { return is_ending_; }
 
-    // Ends the conversation if the client sends nothing more and has all its answers.
+    // Ends the conversation if the client sends nothing more and has received all its answers.
     void end_if_done();
 
     bool is_greeted = false;
@@ -74,7 +74,7 @@ class conversation
     uv_pipe_t pipe_;
     cli::peer peer_;
     std::string input_;
-    size_t taken_ = 0;    // bytes of the input that were handled
+    size_t taken_ = 0;    // bytes of the input that are done
     std::string unsent_;  // not yet given to the socket
     std::string sending_; // given to the socket
     uv_write_t write_;

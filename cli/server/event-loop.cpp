@@ -10,7 +10,8 @@ namespace cli
 namespace
 {
 
-// libuv writes without MSG_NOSIGNAL. A client that left would end the process; blocked here, the write fails instead.
+// libuv writes without MSG_NOSIGNAL. If a client has closed its connection, SIGPIPE would end the process. With the
+// signal blocked, the write fails instead.
 void block_sigpipe()
 {
     sigset_t signals;

@@ -1,4 +1,4 @@
-// The thread that serves all clients: libuv's loop, and a way to hand it work from other threads.
+// The thread that serves all clients: libuv's loop, and a call that gives it work from other threads.
 #pragma once
 
 #include <functional>
@@ -15,23 +15,23 @@ class event_loop
 {
   public:
     event_loop();
-    ~event_loop(); // every handle on it has been closed
+    ~event_loop(); // all of its handles must be closed
 
     event_loop(const event_loop&) = delete;
     event_loop& operator=(const event_loop&) = delete;
 
     uv_loop_t* uv() { return &loop_; }
 
-    // Begins to run, in a thread of its own. Signals stay with the other threads.
+    // Starts the loop in a thread of its own. That thread receives no signals.
     void start();
 
     // Runs `work` in the loop's thread, soon and in order. Any thread.
     void post(std::function<void()> work);
 
-    // Calls `work` at the end of every round, after all that arrived in it was handled. Before start().
+    // Calls `work` at the end of every round, after all input of the round was handled. Call it before start().
     void set_end_of_round(std::function<void()> work) { end_of_round_ = std::move(work); }
 
-    // Ends the thread when the work posted before is done. The caller has closed its handles by then.
+    // Ends the thread after the work that was posted before. The caller must have closed its handles.
     void stop();
 
   private:

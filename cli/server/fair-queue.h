@@ -1,5 +1,5 @@
-// A queue that serves its users in turn, and each user's connections in turn, so that nobody waits behind what another
-// has queued: a new entry is served after at most one entry of every other user. Not thread-safe.
+// A queue that serves its users in turn, and each user's connections in turn. A new entry waits for at most one entry
+// of every other user, so no user can block others with many entries. Not thread-safe.
 #pragma once
 
 #include <algorithm>
@@ -19,22 +19,22 @@ struct queue_place {
     uint64_t connection;
 };
 
-// Keys in turn, each with something of its own that can be empty.
+// Keys that take turns. Each has a queue, which can be empty.
 template <class key_t, class queue_t>
 class rotation
 {
   public:
     bool is_empty() const { return turns_.empty(); }
 
-    // The queue of `key`, which gets the last turn if it is new.
-    queue_t& of(key_t key)
+    // Returns the queue of `key`. A new key gets the last turn.
+    queue_t& queue_of(key_t key)
     {
         const auto [entry, is_new] = queues_.try_emplace(key);
         if (is_new) turns_.push_back(key);
         return entry->second;
     }
 
-    // The key whose turn it is among those that may have one. Nothing: none of them has an entry.
+    // Returns the next key in turn that passes the test, or nothing if none has an entry and passes.
     template <class test_t>
     std::optional<key_t> first(const test_t& may_have_turn) const
     {
@@ -42,10 +42,10 @@ class rotation
         return turn == turns_.end() ? std::nullopt : std::optional(*turn);
     }
 
-    // Takes one entry out of the queue whose turn it is.
+    // Removes and returns one entry of the key in turn.
     auto pop() { return pop(turns_.front()); }
 
-    // The same out of the queue of `key`, which has an entry.
+    // Removes and returns one entry of `key`, which must have one.
     auto pop(key_t key)
     {
         turns_.erase(std::ranges::find(turns_, key));
@@ -85,23 +85,23 @@ class fair_queue
 
     void push(const queue_place& place, entry_t entry)
     {
-        users_.of(place.user).of(place.connection).push(std::move(entry));
+        users_.queue_of(place.user).queue_of(place.connection).push(std::move(entry));
     }
 
-    // The next entry. The queue is not empty.
+    // Removes and returns the next entry. The queue must not be empty.
     entry_t pop() { return users_.pop(); }
 
-    // The user whose turn it is among those that may have one. Nothing: none of them has an entry.
+    // Returns the next user in turn that passes the test, or nothing if none has an entry and passes.
     template <class test_t>
     std::optional<uid_t> first(const test_t& may_have_turn) const
     {
         return users_.first(may_have_turn);
     }
 
-    // The next entry of a user who has one.
+    // Removes and returns the next entry of a user, who must have one.
     entry_t pop(uid_t user) { return users_.pop(user); }
 
-    // Drops what a connection has queued.
+    // Drops the entries of a connection.
     void remove(const queue_place& place)
     {
         users_.change(place.user, [&](auto& connections) { connections.remove(place.connection); });

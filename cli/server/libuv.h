@@ -1,4 +1,4 @@
-// libuv, without the macro HZ that its system headers define: HZ is a name of the kernel's interface here.
+// Includes libuv, and removes the macro HZ of its system headers: the kernel's interface uses the name HZ here.
 #pragma once
 
 #include <uv.h>

@@ -1,4 +1,4 @@
-// The answer of a "log" request: a host's lines, as fast as the client reads them.
+// The answer of a "log" request: sends a host's lines at the speed of the client.
 #pragma once
 
 #include <functional>
@@ -14,14 +14,14 @@ namespace cli
 class log_stream
 {
   public:
-    // Sends lines of a level up to `level`. Ends after the last line, unless there is an `on_new_line`: then it goes
-    // on. `on_new_line` is called for each new line, in any thread and also in contexts that may not sleep.
+    // Sends lines of a level up to `level`. Without `on_new_line` it ends after the last line, otherwise it continues.
+    // `on_new_line` is called for each new line, in any thread and also in contexts that may not sleep.
     log_stream(kernel::log& log, int level, std::function<void()> on_new_line);
     ~log_stream();
     log_stream(const log_stream&) = delete;
     log_stream& operator=(const log_stream&) = delete;
 
-    // Calls `send` with the lines that there are, while `may_send` says so. False: the answer is complete.
+    // Calls `send` with the available lines while `may_send` returns true. Returns false when the answer is complete.
     bool pump(const std::function<bool()>& may_send, const std::function<void(const nlohmann::json&)>& send);
 
   private:

@@ -10,7 +10,7 @@ namespace cli
 namespace
 {
 
-constexpr size_t window = 16; // the datagrams of the module's pool
+constexpr size_t window = 16; // the size of the module's datagram pool
 
 std::string bytes_of(const lookups::subject& subject)
 {
@@ -86,7 +86,8 @@ void lookups::serve_queue()
         if (is_stopping_) return;
         entry next = queue_.pop();
         const auto [asked, is_new] = asked_.try_emplace(next.wanted);
-        asked->second.push_back(std::move(next.done)); // joins the same question of another client
+        // Waits together with another client that asked the same question.
+        asked->second.push_back(std::move(next.done));
         if (!is_new) continue;
         ++unfinished_;
         lock.unlock();
@@ -120,14 +121,15 @@ void lookups::finish(const subject& subject, const answer& answer)
     const auto asked = asked_.find(subject);
     const std::vector<completion> askers = std::move(asked->second);
     asked_.erase(asked);
-    if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next
+    if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next question
     lock.unlock();
     for (const completion& done : askers) {
         note(subject, answer);
         done(answer);
     }
     lock.lock();
-    if (--unfinished_ == 0 && is_stopping_) changed_.notify_all(); // with the lock held: the destructor may be waiting
+    // Notify with the lock held: the destructor may be waiting.
+    if (--unfinished_ == 0 && is_stopping_) changed_.notify_all();
 }
 
 } // namespace cli

@@ -1,6 +1,6 @@
-// Asks one host for the addresses, GIDs and paths that clients want to know. What the host's caches know is answered at
-// once; the rest waits for the SA, in turns: sixteen at a time, as many as the module has datagrams. Every door of the
-// service asks here.
+// Asks one host for addresses, GIDs and paths on behalf of clients. An answer from the host's caches comes at once.
+// Other questions wait for the SA in turns, at most sixteen at a time, because the module has sixteen datagrams. Every
+// door of the service asks here.
 #pragma once
 
 #include <condition_variable>
@@ -21,12 +21,12 @@ namespace cli
 class lookups
 {
   public:
-    struct fresh_address { // the SA is asked whatever the cache knows
+    struct fresh_address { // the SA is asked even if the cache has an answer
         uint32_t ip;
     };
     struct path_to_address {
         uint32_t ip;
-        uint32_t is_fresh; // 1: the SA is asked whatever the caches know; a word, so that there is no padding
+        uint32_t is_fresh; // 1: the SA is asked even if the caches have an answer; a 32-bit word, to avoid padding
     };
     struct path_to_gid {
         kq_gid_t gid;
@@ -34,7 +34,7 @@ class lookups
     };
     // An address in network order, a GID, or a path to one of them.
     using subject = std::variant<uint32_t, kq_gid_t, fresh_address, path_to_address, path_to_gid>;
-    // Paths are answered by a path_resolution, the others by a resolution.
+    // The answer to a path question is a path_resolution, to all others a resolution.
     using answer = std::variant<world::resolution, world::path_resolution>;
     using completion = std::function<void(const answer&)>;
 
@@ -43,14 +43,14 @@ class lookups
 
     ~lookups() { stop(); }
 
-    // Drops what is queued, and waits for what the SA is being asked. Nothing is asked afterwards.
+    // Drops the queue, and waits for the questions at the SA. Asks nothing afterwards.
     void stop();
 
-    // Answers from the cache before it returns, or calls `done` later in another thread. One thread calls this and
-    // remove(). Throws exec::shortage, without a call of `done`, if there can be no further thread.
+    // Answers from the cache before it returns, or calls `done` later in another thread. Only one thread may call this
+    // and remove(). Throws exec::shortage, without a call of `done`, if no further thread can be created.
     void ask(const queue_place& place, const subject& subject, completion done);
 
-    // Drops what a connection has queued; it is not called back.
+    // Drops the queued questions of a connection without calling it back.
     void remove(const queue_place& place);
 
   private:
@@ -71,13 +71,13 @@ class lookups
 
     kernel::machine& machine_;
     lookup_statistics& statistics_;
-    std::mutex mutex_; // guards the rest
+    std::mutex mutex_; // guards the following members
     std::condition_variable changed_;
     fair_queue<entry> queue_;
-    std::map<subject, std::vector<completion>, subject_order> asked_; // by what the SA is being asked for
+    std::map<subject, std::vector<completion>, subject_order> asked_; // by the question to the SA
     size_t unfinished_ = 0; // questions to the SA whose clients have not all been answered
     bool is_stopping_ = false;
-    std::thread thread_; // takes what is queued to the host, where it may have to sleep
+    std::thread thread_; // passes the queued questions to the host, which may sleep
 };
 
 } // namespace cli

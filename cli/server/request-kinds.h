@@ -1,4 +1,4 @@
-// Which requests are questions and which are orders.
+// Tells which requests are questions and which are orders.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -8,7 +8,7 @@
 namespace cli
 {
 
-// The error of a peer that may not ask this; nothing if it may.
+// Returns the error for a peer that may not send this request, or nothing if it may.
 std::optional<ats::error> refusal_of(const access_rules& access, const peer& peer, const nlohmann::json& request,
                                      const std::string& name);
 

@@ -23,7 +23,7 @@ using json = nlohmann::json;
 constexpr int protocol_version = 1;
 constexpr size_t worker_threads = 4;
 
-// A line of the protocol. What modules print may be no UTF-8; then it is made to be some.
+// A line of the protocol. Texts of modules may not be valid UTF-8; this makes them valid.
 std::string line_of(json answer, const std::optional<uint64_t>& id)
 {
     if (id) answer["id"] = *id;
@@ -40,7 +40,8 @@ ats::error malformed(const std::string& text)
     return {ats::error_kind::invalid, text};
 }
 
-// The error that the exception being handled stands for: a member that is missing or of a wrong type, or a shortage.
+// Returns the error for the exception that is being handled: a missing member, a member with a wrong type, or a
+// shortage.
 ats::error caught_error()
 {
     try {
@@ -52,7 +53,7 @@ ats::error caught_error()
     }
 }
 
-// The request's id, if it has one. Error: it is not an integer from 0.
+// Returns the request's id, if it has one. Fails if the id is not an integer from 0 on.
 ats::result<std::optional<uint64_t>> id_of(const json& object)
 {
     const auto id = object.find("id");
@@ -61,7 +62,7 @@ ats::result<std::optional<uint64_t>> id_of(const json& object)
     return std::optional<uint64_t>(id->get<uint64_t>());
 }
 
-// The error of members that contradict each other, or that are out of range.
+// Returns an error if members contradict each other or are out of range.
 std::optional<ats::error> wrong_members(const json& request, const std::string& name)
 {
     const auto is_set = [&](const char* key) { return request.value(key, false); };
@@ -78,7 +79,7 @@ std::optional<ats::error> wrong_members(const json& request, const std::string& 
     return std::nullopt;
 }
 
-// Asks nobody but the cache.
+// Asks only the cache.
 lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject)
 {
     constexpr auto cache_only = world::lookup_mode::cache_only;
@@ -116,7 +117,7 @@ server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening
     loop_.start();
 }
 
-// In the loop's thread, as libuv's handles are of one thread.
+// Runs in the loop's thread, because libuv's handles belong to one thread.
 ats::result<> server::listen()
 {
     std::promise<int> outcome;
@@ -143,7 +144,7 @@ server::~server()
         for (auto& [number, client] : conversations_) client->pause();
         closed.set_value();
     });
-    closed.get_future().wait(); // no new requests from here on
+    closed.get_future().wait(); // from here on there are no new requests
     workers_.stop();
     for (auto& [machine, lookups] : lookups_) lookups.stop();
     loop_.post([this] {
@@ -215,7 +216,7 @@ void server::flush_all()
     numbers.swap(unsent_);
     for (const uint64_t number : numbers)
         if (conversation* client = find(number)) client->flush();
-    if (!unsent_.empty()) loop_.post([] {}); // what came meanwhile is sent in the next round, after others had theirs
+    if (!unsent_.empty()) loop_.post([] {}); // later lines are sent in the next round, after those of other clients
 }
 
 // ---- requests ----
@@ -296,7 +297,7 @@ void server::count(conversation& source, const return_ticket& ticket)
     ++source.outstanding;
 }
 
-// The same. Without an id, the answer comes before the next line is read.
+// Does the same. Without an id, the answer comes before the next line is read.
 void server::begin(conversation& source, const return_ticket& ticket)
 {
     count(source, ticket);
@@ -315,13 +316,13 @@ void server::finish(const return_ticket& ticket, const std::string& line)
     source->end_if_done();
 }
 
-// The same from another thread.
+// Does the same from another thread.
 void server::finish_soon(const return_ticket& ticket, std::string line)
 {
     loop_.post([this, ticket, line = std::move(line)] { finish(ticket, line); });
 }
 
-// The answer of a request, carried out in the thread of a worker.
+// Executes a request in a worker's thread and returns the answer.
 std::string server::answer_line(const request& request)
 {
     try {
@@ -372,7 +373,7 @@ void server::look_up(conversation& source, const request& request)
     const bool is_by_gid = request.name == "reverse";
     const bool is_cached_only = request.object.value("cached", false);
     const return_ticket ticket = request.ticket;
-    begin(source, ticket); // nothing below may throw
+    begin(source, ticket); // from here on nothing may throw
     if (is_cached_only) {
         const lookups::answer answer = look_into_cache(machine, *subject);
         lookup_statistics& statistics = hosts_.statistics_of(machine).lookups;
@@ -393,7 +394,7 @@ void server::look_up(conversation& source, const request& request)
     };
     try {
         lookups_of(machine).ask(ticket.place, *subject, done);
-    } catch (...) { // a thread cannot be had
+    } catch (...) { // no thread could be created
         finish(ticket, line_of(refusal(caught_error()), ticket.id));
     }
 }
@@ -417,7 +418,7 @@ void server::follow_log(conversation& source, const request& request)
         };
     end_log(source);
     if (follows)
-        count(source, request.ticket); // the end may be far: other requests do not wait for it
+        count(source, request.ticket); // it may end late, so other requests do not wait for it
     else
         begin(source, request.ticket);
     auto stream = std::make_unique<log_stream>((*host)->machine().log, level, ring);
@@ -430,7 +431,7 @@ void server::pump_log(conversation& source)
     const auto entry = followings_.find(source.number());
     if (entry == followings_.end()) return;
     following& following = entry->second;
-    following.is_pump_posted->store(false); // before the lines are read: a later one rings again
+    following.is_pump_posted->store(false); // before the lines are read: a line that comes later posts again
     const return_ticket ticket = following.ticket;
     const bool goes_on = following.stream->pump([&] { return !source.is_congested() && !source.is_ending(); },
                                                 [&](const json& line) { source.send(line_of(line, ticket.id)); });
@@ -446,7 +447,7 @@ void server::end_log(conversation& source)
     finish(ticket, line_of({{"end", true}}, ticket.id));
 }
 
-// Ends the logs that their followers may not read any more.
+// Ends the logs whose followers are no longer allowed to read them.
 void server::end_refused_logs()
 {
     std::vector<conversation*> refused;
@@ -467,7 +468,7 @@ ats::result<> server::set_options(const server_options& options)
     return listening_->set_for_all(options.access.is_open_to_others());
 }
 
-// A follower that has closed its side wants no further lines.
+// A follower that has closed its side needs no more lines.
 void server::input_ended(conversation& source)
 {
     if (followings_.contains(source.number())) source.cut_off();

@@ -1,5 +1,5 @@
-// Serves the clients of running hosts over the Unix socket: one thread takes in and sends out, few others carry out
-// what takes time. docs/protocol.md says what clients may expect.
+// Serves the clients of running hosts over the Unix socket. One thread receives and sends; a few others execute slow
+// requests. docs/protocol.md describes the protocol for clients.
 #pragma once
 
 #include <atomic>
@@ -27,23 +27,25 @@ struct server_options {
 class server final : public conversation::owner
 {
   public:
-    // Starts serving at once. `hosts` outlive the server. Fails if descriptors or threads are used up.
+    // Starts serving at once. `hosts` must outlive the server. Fails if descriptors or threads are exhausted.
     static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> listening,
                                                       const server_options& options);
 
-    // Takes no new clients and ends all conversations, after the requests that are being carried out.
+    // Takes no new clients. Ends all conversations after the requests in progress.
     ~server() override;
 
-    // New rules and limits, for requests from now on, and for logs that are followed already. A connection beyond a
-    // lower limit stays. Error: the socket's permissions could not be changed; all the rest has been. Any thread.
+    // Sets new rules and limits for requests from now on, and for logs that are already followed. A connection above a
+    // lower limit stays. Fails if the socket's permissions could not be changed; all other settings have changed then.
+    // Any thread.
     ats::result<> set_options(const server_options& options);
 
-    // For another door to the same hosts, which is destroyed first. But for loop(), only the loop's thread may call.
+    // For another door to the same hosts; the door is destroyed first. Except for loop(), only the loop's thread may
+    // call these.
     event_loop& loop() { return loop_; }
     uint64_t new_connection_number() { return ++last_number_; }
     lookups& lookups_of(kernel::machine& machine);
     workers& background() { return workers_; }
-    void drop(const queue_place& place); // what it waits for; it may still be called back
+    void drop(const queue_place& place); // drops its questions; it may still be called back
 
   private:
     using json = nlohmann::json;
@@ -51,7 +53,7 @@ class server final : public conversation::owner
     server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options);
     ats::result<> listen();
 
-    // Names the connection and the request that an answer belongs to.
+    // Identifies the connection and the request of an answer.
     struct return_ticket {
         queue_place place;
         std::optional<uint64_t> id;
@@ -105,14 +107,14 @@ class server final : public conversation::owner
     event_loop loop_;
     uv_pipe_t listener_;
 
-    // Of the loop's thread.
+    // The next members are for the loop's thread only.
     server_options options_;
-    bool is_stopping_ = false; // no request is taken any more
+    bool is_stopping_ = false; // no more requests are taken
     uint64_t last_number_ = 0;
     std::map<uint64_t, std::unique_ptr<conversation>> conversations_;
-    std::map<uint64_t, following> followings_; // by conversation: it has one at most
+    std::map<uint64_t, following> followings_; // by conversation; each has at most one
     std::map<uid_t, user_share> users_;
-    std::vector<uint64_t> unsent_; // conversations to flush
+    std::vector<uint64_t> unsent_; // conversations that need a flush
     std::map<kernel::machine*, lookups> lookups_;
     workers workers_;
 };

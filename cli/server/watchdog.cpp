@@ -46,7 +46,7 @@ std::vector<std::string> life_signs::missing() const
 
 std::optional<std::chrono::microseconds> watchdog_period()
 {
-    const char* process = std::getenv("WATCHDOG_PID"); // another one than this: the variables were inherited
+    const char* process = std::getenv("WATCHDOG_PID"); // if it is another process, the variables were inherited
     if (process && std::strtoll(process, nullptr, 10) != getpid()) return std::nullopt;
     const char* period = std::getenv("WATCHDOG_USEC");
     const long long us = period ? std::strtoll(period, nullptr, 10) : 0;
@@ -69,7 +69,7 @@ watchdog::~watchdog()
     if (thread_.joinable()) thread_.join();
 }
 
-// Looks four times a period: a part may take almost three quarters of a period for its sign.
+// Checks four times a period. A part may need almost three quarters of a period for its sign.
 void watchdog::run(std::chrono::microseconds period)
 {
     std::unique_lock lock(mutex_);

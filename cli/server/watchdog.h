@@ -1,5 +1,5 @@
-// Tells the service manager that the service works (sd_notify's WATCHDOG=1), as long as it does: the event loop and
-// every task of every host show a sign of life. A manager with WatchdogSec= restarts a service that hangs.
+// Tells the service manager regularly that the service works (sd_notify's WATCHDOG=1). It does so only while the event
+// loop and every task of every host show a sign of life. A manager with WatchdogSec= restarts a service that hangs.
 #pragma once
 
 #include <atomic>
@@ -20,33 +20,33 @@
 namespace cli
 {
 
-// The parts of the service that must show a sign of life. One thread. Loop and hosts outlive it.
+// The parts of the service that must show a sign of life. For one thread. Loop and hosts must outlive it.
 class life_signs
 {
   public:
     life_signs(event_loop& loop, const running_hosts& hosts);
 
-    // Asks all parts for a sign.
+    // Asks all parts for a sign of life.
     void ask();
 
-    // The parts that have not given one since ask(): "the event loop", "timer of node1".
+    // Returns the parts without a sign of life since ask(), for example "the event loop" or "timer of node1".
     std::vector<std::string> missing() const;
 
   private:
     event_loop& loop_;
     const running_hosts& hosts_;
     std::shared_ptr<std::atomic<bool>> has_loop_answered_;
-    std::vector<stack::liveness> liveness_; // of each host
+    std::vector<stack::liveness> liveness_; // for each host
 };
 
-// The period within which the service manager wants a notice; nothing if it wants none of this process.
+// The period in which the service manager expects a notice, or nothing if it expects none from this process.
 std::optional<std::chrono::microseconds> watchdog_period();
 
 class watchdog
 {
   public:
-    // Notifies the manager until it is destroyed, if a period is wanted. `report` takes a line when signs are missing,
-    // and another one when all are back.
+    // Notifies the manager until it is destroyed, if the manager expects notices. `report` receives a line when signs
+    // are missing, and another line when all are back.
     watchdog(event_loop& loop, const running_hosts& hosts, std::function<void(const std::string&)> report);
     ~watchdog();
 
@@ -56,7 +56,7 @@ class watchdog
 
     life_signs signs_;
     const std::function<void(const std::string&)> report_;
-    bool is_missed_ = false; // of the thread
+    bool is_missed_ = false; // only for the thread
 
     std::mutex mutex_; // guards is_stopping_
     std::condition_variable stopped_;

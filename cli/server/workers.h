@@ -1,5 +1,5 @@
-// The few threads that carry out what may take its time: orders, the status, verifications. Users take turns, and one
-// user's jobs take half of the threads at most: those of others go on while his wait for a silent SA.
+// A few threads that execute slow requests: orders, the status, verifications. Users take turns. The jobs of one user
+// get at most half of the threads. The jobs of others therefore continue while these wait for a silent SA.
 #pragma once
 
 #include <condition_variable>
@@ -22,7 +22,7 @@ class workers
 
     ~workers() { stop(); }
 
-    // Drops what is queued, and waits for what is being carried out. Nothing is carried out afterwards.
+    // Drops the queue, and waits for the running jobs. Runs no jobs afterwards.
     void stop();
 
     // Any thread.
@@ -31,13 +31,13 @@ class workers
 
   private:
     void work();
-    std::optional<uid_t> next_user() const; // with mutex_ held
+    std::optional<uid_t> next_user() const; // the caller holds mutex_
 
     const size_t most_of_user_;
-    std::mutex mutex_; // guards the next four
+    std::mutex mutex_; // guards the next four members
     std::condition_variable changed_;
     fair_queue<std::function<void()>> queue_;
-    std::map<uid_t, size_t> running_; // jobs by user
+    std::map<uid_t, size_t> running_; // number of jobs by user
     bool is_stopping_ = false;
     std::vector<std::thread> threads_;
 };

@@ -19,7 +19,7 @@ std::string how_to_wake(const std::string& socket_path);
 // Advice for a `socket_path` where no service listens.
 std::string how_to_start(const std::string& socket_path);
 
-// The path of the file that a service on `socket_path` holds locked.
+// The path of the file on which a service on `socket_path` holds a lock.
 std::string lock_file_of(const std::string& socket_path);
 
 } // namespace cli

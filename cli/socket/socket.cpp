@@ -26,7 +26,7 @@ std::string choose_another(const std::string& option)
     return ": choose another path with " + option;
 }
 
-// Of errno.
+// The text of errno.
 std::string reason()
 {
     return std::string(": ") + std::strerror(errno);
@@ -51,7 +51,7 @@ ats::result<descriptor> new_socket()
     return endpoint;
 }
 
-// Leaves the reason of a failure in errno.
+// On failure, errno has the reason.
 bool connects(const descriptor& socket, const sockaddr_un& address)
 {
     return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -63,7 +63,7 @@ tl::unexpected<ats::error> already_served(const std::string& path, const std::st
                      "a service is listening on " + path + " already: stop it, or choose another path with " + option);
 }
 
-// Removes the socket file of a service that ended without doing so. Nobody listens there.
+// Removes the socket file of a service that has ended without removing it. No process listens on it.
 ats::result<> remove_stale(const std::string& path, const sockaddr_un& address, const std::string& option)
 {
     struct stat status = {};
@@ -80,7 +80,7 @@ ats::result<> remove_stale(const std::string& path, const sockaddr_un& address, 
                      "cannot take over the stale socket " + path + reason() + choose_another(option));
 }
 
-// Binds with mode 0600 from the first moment on. Leaves the reason of a failure in errno.
+// Creates the socket file with mode 0600 from the start. On failure, errno has the reason.
 bool binds_privately(const descriptor& socket, const sockaddr_un& address)
 {
     const mode_t previous_mask = umask(0177);
@@ -91,8 +91,8 @@ bool binds_privately(const descriptor& socket, const sockaddr_un& address)
     return result == 0;
 }
 
-// True if `file` still names the open file: the last holder of the lock may have removed it, and another service may
-// have made it anew.
+// Returns true if `file` still names the open file. Otherwise the last holder of the lock has removed it, and another
+// service may have created a new one.
 bool is_named(const descriptor& open_file, const std::string& file)
 {
     struct stat open_status = {};
@@ -135,7 +135,7 @@ ats::result<path_lock> path_lock::acquire(const std::string& path, const std::st
 
 path_lock::~path_lock()
 {
-    if (lock_.get() >= 0) unlink(file_.c_str()); // otherwise moved from
+    if (lock_.get() >= 0) unlink(file_.c_str()); // otherwise the object was moved
 }
 
 ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std::string& path, bool is_for_all,
@@ -175,7 +175,7 @@ listening_socket::listening_socket(std::string path, path_lock lock, descriptor 
 {
 }
 
-// Removes the file before the members release socket and lock: after that, the path may be another service's.
+// Remove the file before the members release socket and lock: after that, the path may belong to another service.
 listening_socket::~listening_socket()
 {
     unlink(path_.c_str());
@@ -183,7 +183,7 @@ listening_socket::~listening_socket()
 
 ats::result<> listening_socket::set_for_all(bool is_for_all)
 {
-    constexpr mode_t everyone = 0666; // the service asks the kernel who a client is
+    constexpr mode_t everyone = 0666; // the service asks the kernel for the identity of a client
     constexpr mode_t owner = 0600;
     if (chmod(path_.c_str(), is_for_all ? everyone : owner) == 0) return {};
     return ats::fail("cannot " + std::string(is_for_all ? "open the socket " : "close the socket ") + path_ +

@@ -1,4 +1,4 @@
-// The Unix socket between `ats run` and its clients: one JSON text a line, each way.
+// The Unix socket between `ats run` and its clients. In both directions, each line is one JSON text.
 #pragma once
 
 #include <memory>
@@ -12,12 +12,12 @@ namespace cli
 
 using client::descriptor;
 
-// Holds PATH.lock locked. Only its holder may listen on PATH. The file says how the service was started, and is removed
-// with the lock.
+// Holds a lock on PATH.lock. Only its holder may listen on PATH. The file describes how the service was started, and is
+// removed with the lock.
 class path_lock
 {
   public:
-    // Fails if another process holds the lock, or if the file cannot be made.
+    // Fails if another process holds the lock, or if the file cannot be created.
     static ats::result<path_lock> acquire(const std::string& path, const std::string& option = "--socket");
 
     ~path_lock();
@@ -30,16 +30,17 @@ class path_lock
     descriptor lock_;
 };
 
-// A socket in the file system. The file is removed with it.
+// A socket in the file system. The destructor removes its file.
 class listening_socket
 {
   public:
-    // Replaces a socket that an ended service left behind at `path`. Fails if a service listens there, or if there is
-    // another kind of file. Other users can connect if `is_for_all`. Errors name the `option` that chooses the path.
+    // Replaces a socket of an ended service at `path`. Fails if a service listens there, or if there is another kind of
+    // file. Other users can connect if `is_for_all`. Errors name the `option` that sets the path.
     static ats::result<std::unique_ptr<listening_socket>> open(const std::string& path, bool is_for_all,
                                                                const std::string& option = "--socket");
 
-    // Takes over a socket that an earlier process left listening at `path`. Fails if another one is there by now.
+    // Continues to use a listening socket of an earlier process at `path`. Fails if the path now belongs to another
+    // socket.
     static ats::result<std::unique_ptr<listening_socket>> adopt(const std::string& path, descriptor socket);
 
     ~listening_socket();
@@ -49,7 +50,7 @@ class listening_socket
     // Lets other users connect, or only this one and root.
     ats::result<> set_for_all(bool is_for_all);
 
-    // A copy of the listening descriptor, which the caller closes.
+    // Returns a copy of the listening descriptor. The caller closes it.
     descriptor duplicate() const;
 
   private:
