@@ -1,4 +1,4 @@
-// The C interface: checks arguments, lets no exception out, and calls the client.
+// The C interface: checks arguments, catches exceptions, and calls the client.
 #include <bit>
 #include <cstddef>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 #include "client/last-error.h"
 #include "client/socket-path.h"
 
-// Programs that were built earlier rely on these layouts.
+// Programs that are already compiled rely on these layouts.
 static_assert(sizeof(ats_options_t) == 24 && offsetof(ats_options_t, host) == 16);
 static_assert(sizeof(ats_answer_t) == 240 && offsetof(ats_answer_t, gid) == 24 &&
               offsetof(ats_answer_t, reason) == 48 && offsetof(ats_answer_t, path) == 208);
@@ -32,18 +32,18 @@ namespace
 
 thread_local std::string error_text;
 
-constexpr size_t longest_host_bytes = 30; // what a ServiceRecord carries
+constexpr size_t longest_host_bytes = 30; // the limit of a ServiceRecord
 
 constexpr ats_options_t usual_options = ATS_OPTIONS_INIT;
 
-// Runs a call. No exception crosses into C.
+// Runs a call. No exception reaches C code.
 template <class call_t>
 ats_status_t guarded(call_t call)
 {
     try {
         return call();
     } catch (const std::bad_alloc&) {
-        return failed(ATS_NO_MEMORY, "out of memory"); // short enough to need no memory itself
+        return failed(ATS_NO_MEMORY, "out of memory"); // a short text, which needs no memory itself
     } catch (const std::exception& error) {
         return failed(ATS_INVALID, error.what());
     }
@@ -54,7 +54,7 @@ clock::time_point after(int milliseconds)
     return milliseconds < 0 ? clock::time_point::max() : clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
-// The options to use, or null with the error stored. Later versions of the structure are longer, never shorter.
+// Returns the options to use, or null with the error stored. Later versions of the structure are longer, never shorter.
 const ats_options_t* checked(const ats_options_t* options)
 {
     if (!options) return &usual_options;
@@ -79,15 +79,16 @@ ats_status_t no_arguments()
     return failed(ATS_INVALID, "a pointer is null");
 }
 
-// Why a request cannot be sent; null if it can. A service hangs up on a longer line, and so ends other questions too.
+// Returns the reason why a request cannot be sent, or null if it can. For a line that is too long, a service closes the
+// connection; this would end other questions, too.
 const char* fault_of(const std::string& body)
 {
-    constexpr size_t longest_body = 65000; // a service takes lines of 65536 bytes, unless it is configured otherwise
+    constexpr size_t longest_body = 65000; // a service accepts lines of 65536 bytes by default
     if (body.empty()) return "a request is one JSON object";
     return body.size() > longest_body ? "a request has at most 65000 bytes" : nullptr;
 }
 
-// The error of options that do not fit the lookup; null if they fit.
+// Returns the error if the options do not fit the lookup, otherwise null.
 const char* misuse_of(const lookup& lookup, const ats_options_t& options)
 {
     const bool is_path = lookup.request == std::string_view("path");
@@ -104,7 +105,7 @@ ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const 
     return answer->status;
 }
 
-// Fills the answer of a call that ended before it asked.
+// Fills the answer of a call that ended before its question was sent.
 ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
 {
     if (answer && status != ATS_OK && answer->status != status) {
@@ -116,7 +117,7 @@ ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
     return status;
 }
 
-// Checks the arguments of a lookup, and passes options and body on to `ask`.
+// Checks the arguments of a lookup, and passes options and body to `ask`.
 template <class ask_t>
 ats_status_t with_body(const ats_client_t* client, const lookup& lookup, const ats_options_t* options, const ask_t& ask)
 {

@@ -29,7 +29,7 @@ constexpr const char* went_away = "the service went away before it answered";
 
 // ---- sending ----
 
-// Begins the conversation on a new connection. If the service has gone already, the next call notices.
+// Starts the conversation on a new connection. If the service is already gone, the next call notices it.
 void client::greet()
 {
     wake_up_.watch_socket(connection_.fd());
@@ -37,7 +37,7 @@ void client::greet()
     connection_.send(hello_line());
 }
 
-// Connects if there is no connection. Waits without the mutex while the service takes no connections.
+// Connects if there is no connection. While the service accepts no connections, waits without the mutex.
 ats_status_t client::connect(lock& held, clock::time_point deadline)
 {
     constexpr int pause_milliseconds = 5;
@@ -64,7 +64,7 @@ ats_status_t client::connect(lock& held, clock::time_point deadline)
     return ATS_OK;
 }
 
-// Waits while the service does not read what was sent before.
+// Waits while the service does not read the data sent before.
 ats_status_t client::drain_output(lock& held, clock::time_point deadline)
 {
     const auto has_room = [&] { return connection_.unsent() < most_unsent_bytes; };
@@ -72,7 +72,7 @@ ats_status_t client::drain_output(lock& held, clock::time_point deadline)
     return failed(ATS_NO_ANSWER, "the service does not read its questions");
 }
 
-// Sends a question and notes that its answer is outstanding. Gives up at `deadline` if the service does not read.
+// Sends a question and marks it as outstanding. Gives up at `deadline` if the service does not read.
 ats_status_t client::send(lock& held, uint64_t id, question question, clock::time_point deadline)
 {
     if (const ats_status_t status = connect(held, deadline); status != ATS_OK) return status;
@@ -84,7 +84,7 @@ ats_status_t client::send(lock& held, uint64_t id, question question, clock::tim
     if (is_receiving_) {
         connection_.hang_up(); // the receiving thread reconnects
     } else if (connection_.is_open()) {
-        connection_.wait(clock::time_point::min(), false); // perhaps the service said why it hung up
+        connection_.wait(clock::time_point::min(), false); // the service may have sent the reason
         take_input(connection::outcome::gone);
     } else {
         broken();
@@ -109,7 +109,7 @@ bool client::wait_until(lock& held, clock::time_point deadline, condition_t is_r
     return true;
 }
 
-// Waits for input, as the only thread that does.
+// Waits for input. Only one thread at a time does this.
 void client::receive(lock& held, clock::time_point deadline)
 {
     const bool until_writable = connection_.unsent() > 0;
@@ -139,7 +139,7 @@ void client::take_input(connection::outcome outcome)
     if (outcome == connection::outcome::gone) broken();
 }
 
-// A bounded amount, so that a caller is not kept for ever.
+// Reads a limited amount, so the caller returns soon.
 void client::take_input_without_waiting()
 {
     constexpr int most_pieces = 16;
@@ -167,7 +167,7 @@ void client::take_line(std::string_view line)
     if (!reply.is_valid) return lose_protocol("what listens on " + path_ + " does not speak the protocol of ats");
     if (!reply.has_id) return;
     const question* question = outstanding_.find(reply.id);
-    if (!question) return; // its time was over
+    if (!question) return; // its time was already over
     if (question->kind == asker::request)
         take_request_line(line);
     else
@@ -193,14 +193,14 @@ void client::take_request_line(std::string_view line)
 
 // ---- connections that break ----
 
-// Stops watching the socket first: a child that was forked keeps it open, and it would stay readable.
+// Stop watching the socket first: a forked child keeps it open, and it would stay readable.
 void client::close_connection()
 {
     if (connection_.is_open()) wake_up_.forget_socket(connection_.fd());
     connection_.close();
 }
 
-// Reconnects, and asks once more what was asked only once. What cannot be asked again ends.
+// Reconnects, and repeats each question that was sent only once. Ends the other questions.
 void client::broken()
 {
     close_connection();
@@ -259,7 +259,7 @@ ats_answer_t client::ask(const ats_options_t& options, const std::string& body)
     const ats_status_t status = send(held, id, {asker::blocking_call, 0, deadline, line_of(body, id), false}, deadline);
     if (status != ATS_OK) return ended(status, last_error());
     wait_until(held, deadline, [&] { return blocking_answers_.contains(id); });
-    end(id, ended(ATS_NO_ANSWER, no_answer)); // if its time is over
+    end(id, ended(ATS_NO_ANSWER, no_answer)); // if its deadline has passed
     const ats_answer_t answer = blocking_answers_.extract(id).mapped();
     watch();
     return answer;
@@ -300,14 +300,14 @@ size_t client::hand_out(ats_answer_t* answers, size_t capacity)
     return count;
 }
 
-// Sets what the client's descriptor wakes for.
+// Sets the events for which the client's descriptor becomes readable.
 void client::watch()
 {
     wake_up_.set(connection_.fd(), connection_.unsent() > 0, !completions_.empty(), outstanding_.first_deadline());
 }
 
-// A request is not repeated on a second connection, since it may be an order. So a connection that broke while it was
-// idle has to be noticed first.
+// Do not repeat a request on a second connection, because it may be an order. Therefore check first if the idle
+// connection has broken.
 ats_status_t client::begin_request(const std::string& body, clock::time_point deadline)
 {
     lock held(mutex_);
@@ -334,7 +334,7 @@ ats_status_t client::request(const std::string& body, clock::time_point deadline
     return begun == ATS_OK ? next_request_line(deadline, line) : begun;
 }
 
-// Lets the next thread ask. An answer that is still to come is dropped.
+// Lets the next thread ask. If an answer is still missing, it is dropped when it arrives.
 void client::end_turn()
 {
     const lock held(mutex_);

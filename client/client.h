@@ -1,4 +1,4 @@
-// The client behind the C interface, see client/ats/client.h for what each call promises.
+// The client behind the C interface. client/ats/client.h describes each call.
 //
 // Any thread may call. `mutex_` guards all members. No thread holds it while it waits. One thread at a time receives
 // (is_receiving_). It waits for input without the mutex, stores all arrived answers, and wakes the other threads
@@ -27,7 +27,7 @@ class client
     // Fails with ATS_NO_MEMORY if no descriptor is left.
     ats_status_t open() { return wake_up_.open() ? ATS_OK : ATS_NO_MEMORY; }
 
-    // `body` is the question without its id, see client/protocol.h.
+    // `body` is the question without its id; see client/protocol.h.
     ats_answer_t ask(const ats_options_t& options, const std::string& body);
     ats_status_t submit(const ats_options_t& options, uint64_t tag, const std::string& body);
 
@@ -73,7 +73,7 @@ class client
     std::condition_variable news_;
     bool is_receiving_ = false;
     connection connection_;
-    bool is_greeted_ = false; // the service has answered our hello
+    bool is_greeted_ = false; // the service has answered the hello
     uint64_t last_id_ = 0;
     outstanding outstanding_;
     std::map<uint64_t, ats_answer_t> blocking_answers_; // for threads that wait in ask()
@@ -81,7 +81,7 @@ class client
     size_t submissions_ = 0;                            // number of outstanding submissions
 
     bool is_in_request_ = false; // a thread is in request()
-    uint64_t request_id_ = 0;    // of the request that the program sent itself; 0: there is none
+    uint64_t request_id_ = 0;    // of the request from ats_request(); 0 if there is none
     std::deque<std::string> request_lines_;
     ats_answer_t request_end_{};
 

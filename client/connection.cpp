@@ -17,7 +17,7 @@ namespace client
 namespace
 {
 
-// Frees the memory of a buffer that was large once.
+// Frees the memory of a buffer that was once large.
 void shrink(std::string& buffer)
 {
     constexpr size_t usual_size = size_t{1} << 18;
@@ -69,7 +69,7 @@ connection::attempt connection::open(const std::string& path, std::string& error
         return attempt::foreign;
     }
     const int flags = fcntl(made.get(), F_GETFL);
-    fcntl(made.get(), F_SETFL, flags & ~O_NONBLOCK); // receive() may wait in recv(2) itself
+    fcntl(made.get(), F_SETFL, flags & ~O_NONBLOCK); // receive() may block in recv(2)
     close();
     socket_ = std::move(made);
     return attempt::connected;
@@ -116,7 +116,7 @@ bool connection::flush()
     return true;
 }
 
-// Leaves the socket's option alone when it is right already, which saves a system call for each question.
+// Does not set the socket's option again to the same value. This saves a system call for each question.
 void connection::limit_receiving(std::chrono::microseconds time)
 {
     using namespace std::chrono;

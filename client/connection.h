@@ -1,4 +1,4 @@
-// One connection to the service: bytes out, lines in. Not thread-safe, except for wait().
+// One connection to the service. It sends bytes and receives lines. Not thread-safe, except for wait().
 #pragma once
 
 #include <array>
@@ -18,35 +18,38 @@ class connection
   public:
     enum class attempt {
         connected,
-        busy,    // the service takes no connections at the moment: try again
+        busy,    // the service accepts no connections at the moment: try again
         nobody,  // no service listens
-        foreign, // another user's service listens, which we do not ask
-        failed,  // memory or descriptors are used up
+        foreign, // another user's service listens; the client does not use it
+        failed,  // no memory or descriptors are left
     };
 
-    // Connects to the socket at `path` without waiting. `error`: why not, for people.
+    // Connects to the socket at `path` without waiting. `error` receives the reason of a failure, for people.
     attempt open(const std::string& path, std::string& error);
     void close();
     bool is_open() const { return socket_.is_open(); }
     int fd() const { return socket_.get(); }
 
-    // Makes a thread that is in wait() return as if the service had gone.
+    // Makes a thread in wait() return as if the service had closed the connection.
     void hang_up() const;
 
-    // Adds to what is to be sent, and sends what the socket takes. False: the service has gone.
+    // Appends bytes to the output, and sends as much as the socket accepts. Returns false if the service has closed the
+    // connection.
     bool send(std::string_view bytes);
     bool flush();
     size_t unsent() const { return unsent_.size() - sent_; }
 
-    // Waits for bytes until `deadline`, or not at all if it has passed; with `until_writable`, also until the socket
-    // takes what is unsent. One thread at a time may be here, while others call everything but close() and open().
+    // Waits for bytes until `deadline`; does not wait if it has passed. With `until_writable`, also returns when the
+    // socket accepts unsent output. One thread at a time may be in this call. Meanwhile others may call everything
+    // except close() and open().
     enum class outcome { input, nothing, gone };
     outcome wait(clock::time_point deadline, bool until_writable);
 
-    // Adds the bytes that the last wait() brought to the input.
+    // Appends the bytes of the last wait() to the input.
     void take_bytes();
 
-    // Takes the next whole line, without its end, out of the input. The view is valid until the next take_bytes().
+    // Removes the next whole line from the input and returns it without its end. The view is valid until the next
+    // take_bytes().
     bool next_line(std::string_view& line);
     bool has_endless_line() const { return input_.size() - read_ > longest_line; }
 
@@ -60,11 +63,11 @@ class connection
     std::string unsent_;
     size_t sent_ = 0;
     std::string input_;
-    size_t read_ = 0;    // bytes of the input that were handed out
-    size_t scanned_ = 0; // bytes of the input that hold no line end after `read_`
+    size_t read_ = 0;    // bytes of the input that were returned as lines
+    size_t scanned_ = 0; // bytes of the input that have no line end after `read_`
 
-    // Of the thread in wait(), and of take_bytes() when there is none.
-    std::chrono::microseconds receive_limit_{0}; // as set on the socket; 0: none
+    // For the thread in wait(). Without such a thread, for take_bytes().
+    std::chrono::microseconds receive_limit_{0}; // the value that is set on the socket; 0 means none
     std::array<char, size_t{1} << 16> bytes_;
     size_t byte_count_ = 0;
 };

@@ -1,4 +1,4 @@
-// A file descriptor that is closed with its owner.
+// A file descriptor. Its destructor closes it.
 #pragma once
 
 #include <unistd.h>
@@ -23,7 +23,7 @@ class descriptor
 
     bool is_open() const { return fd_ >= 0; }
     int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); } // the caller closes it
+    int release() { return std::exchange(fd_, -1); } // the caller must close it
     void reset()
     {
         if (fd_ >= 0) close(fd_);

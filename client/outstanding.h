@@ -1,4 +1,4 @@
-// The questions that wait for their answer, and when each one's time is over.
+// The questions that wait for an answer, and their deadlines.
 #pragma once
 
 #include <optional>
@@ -18,8 +18,8 @@ struct question {
     asker kind;
     uint64_t tag = 0; // of a submission
     clock::time_point deadline;
-    std::string line;        // as sent
-    bool was_resent = false; // on a second connection, after the first one broke
+    std::string line;        // the line that was sent
+    bool was_resent = false; // on a second connection after the first one broke
 };
 
 class outstanding
@@ -29,16 +29,16 @@ class outstanding
     question* find(uint64_t id);
     void add(uint64_t id, question question);
 
-    // Takes a question out, whose answer or end has come.
+    // Removes and returns a question after its answer or its end.
     std::optional<question> take(uint64_t id);
 
-    // The ids of the questions whose time is over.
+    // The ids of the questions whose deadline has passed.
     std::vector<uint64_t> overdue(clock::time_point now) const;
 
     // The ids of all questions, in the order of asking.
     std::vector<uint64_t> all() const;
 
-    // The first deadline; the far future if nothing is outstanding.
+    // The first deadline, or the far future if nothing is outstanding.
     clock::time_point first_deadline() const;
 
   private:

@@ -78,7 +78,7 @@ void read_error(const json& object, ats_answer_t& answer)
     set_reason(answer, text_of(object, "error"));
 }
 
-// Reads a number; false: it is missing, or too large.
+// Reads a number. Returns false if it is missing or too large.
 template <class number_t>
 bool read_number(const json& object, const char* key, number_t& number)
 {
@@ -99,7 +99,7 @@ bool read_word(const json& object, const char* key, uint16_t& word)
     return rest == end && error == std::errc();
 }
 
-// Reads a GID like "0x" and 32 digits, in network order.
+// Reads a GID of "0x" and 32 digits into network order.
 bool read_gid(const json& object, const char* key, uint8_t (&gid)[16])
 {
     const std::string text = text_of(object, key);
@@ -121,7 +121,7 @@ bool read_path(const json& object, ats_path_t& path)
            read_number(object, "traffic_class", path.traffic_class);
 }
 
-// Reads what was found: a mapping, or a path, whose address may not be known.
+// Reads the result: a mapping, or a path, whose address may be unknown.
 bool read_found(const json& object, ats_answer_t& answer)
 {
     const bool is_path = object.contains("dlid");
@@ -170,7 +170,7 @@ std::string request_body(std::string_view request)
     if (!object.is_object()) return "";
     object.erase("id");
     std::string body = object.empty() ? "" : dump(object);
-    if (!body.empty()) body.pop_back(); // line_of() closes it
+    if (!body.empty()) body.pop_back(); // line_of() appends it again
     return body;
 }
 

@@ -1,4 +1,4 @@
-// Questions and answers as lines of the service's protocol, see docs/protocol.md.
+// Questions and answers as lines of the service's protocol; see docs/protocol.md.
 #pragma once
 
 #include <cstdint>
@@ -18,36 +18,37 @@ std::string hello_line();
 // A lookup that a program asks for.
 struct lookup {
     const char* request; // "resolve", "reverse" or "path"
-    int family;          // AF_INET: about an address, AF_INET6: about a GID
-    const void* subject; // that address or GID, in network order; null: the program gave none
+    int family;          // AF_INET for an address, AF_INET6 for a GID
+    const void* subject; // the address or GID in network order; null if the program passed none
 };
 
-// A lookup without its id, and the line that it makes with one. The id comes back in the answer.
+// lookup_body() returns a lookup without its id. The other function adds an id and makes a line of it. The answer has
+// the same id.
 std::string lookup_body(const lookup& lookup, const ats_options_t& options);
 std::string line_of(const std::string& body, uint64_t id);
 
-// The body of a program's own request. Empty: it is not a JSON object with members.
+// Returns the body of a program's own request, or "" if it is not a JSON object with members.
 std::string request_body(std::string_view request);
 
-// A line from the service, read as far as everybody needs it.
+// The parts of a line from the service that every reader needs.
 struct reply {
     bool is_valid = false; // a JSON object
     bool has_id = false;
     uint64_t id = 0;
-    bool is_last = true; // no further line of this id follows
+    bool is_last = true; // no more lines with this id follow
     ats_answer_t answer{};
 };
 
 // Reads the answer of a question.
 reply read_reply(std::string_view line);
 
-// Reads a line of a program's own request: the id, and in `text` the object without it.
+// Reads a line that answers a program's own request. Returns the id, and in `text` the object without the id.
 reply read_request_line(std::string_view line, std::string& text);
 
-// The error that answers the hello, or "" if the service speaks our protocol.
+// Returns the error in the answer to the hello, or "" if the service speaks this protocol.
 std::string hello_refusal(std::string_view line);
 
-// Cuts `text` into the answer's reason.
+// Stores `text`, cut to its size, as the answer's reason.
 void set_reason(ats_answer_t& answer, std::string_view text);
 
 } // namespace client

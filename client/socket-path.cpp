@@ -11,7 +11,7 @@ namespace client
 namespace
 {
 
-// The variable's value; null when it is unset or empty.
+// The variable's value, or null if it is unset or empty.
 const char* variable(const char* name)
 {
     const char* value = std::getenv(name);
@@ -42,7 +42,8 @@ bool is_writable_only_by(uid_t user, const std::string& folder)
     return stat(folder.c_str(), &status) == 0 && status.st_uid == user && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Root itself, or a user to whom root gave the folder, as /run/ats to the service's own user.
+// Returns true for root itself, and for a user to whom root gave the folder, for example the service's user and
+// /run/ats.
 bool is_folder_of_service(uid_t user, const std::string& folder)
 {
     return is_writable_only_by(0, folder) ||

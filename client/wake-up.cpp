@@ -21,7 +21,7 @@ bool add(int epoll, int fd, uint32_t events)
 void set_timer(int timer, clock::time_point alarm)
 {
     using namespace std::chrono;
-    itimerspec time{}; // all zero: off
+    itimerspec time{}; // all zero means off
     if (alarm != clock::time_point::max()) {
         const auto due = std::max<nanoseconds>(alarm.time_since_epoch(), nanoseconds(1));
         time.it_value.tv_sec = duration_cast<seconds>(due).count();
@@ -68,7 +68,7 @@ void wake_up::set(int socket, bool has_unsent, bool has_answers, clock::time_poi
             eventfd_read(answers_.get(), &count);
         has_answers_ = has_answers;
     }
-    // An alarm that comes too early costs one empty wake-up; setting it for each question would cost a system call.
+    // An alarm that comes too early costs one empty wake-up. This is cheaper than a system call for each question.
     const bool is_early_enough = alarm_ <= first_deadline && alarm_ > clock::now();
     if (is_early_enough || (alarm_ == first_deadline)) return;
     alarm_ = first_deadline;

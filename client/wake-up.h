@@ -1,5 +1,5 @@
-// The descriptor of a client that programs poll. It is readable when the connection has news, when there are answers
-// to collect, or when a question's time is over.
+// The descriptor of a client for poll() in programs. It is readable when the connection has input, when there are
+// answers to collect, or when a question's deadline has passed.
 #pragma once
 
 #include "client/connection.h"
@@ -10,7 +10,7 @@ namespace client
 class wake_up
 {
   public:
-    // False: descriptors are used up.
+    // Returns false if no descriptors are left.
     bool open();
     int fd() const { return epoll_.get(); }
 
@@ -18,7 +18,7 @@ class wake_up
     void watch_socket(int socket);
     void forget_socket(int socket);
 
-    // Says what to wake for from now on.
+    // Sets the reasons to become readable from now on.
     void set(int socket, bool has_unsent, bool has_answers, clock::time_point first_deadline);
 
   private:

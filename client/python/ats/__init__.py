@@ -70,14 +70,14 @@ class Answer:
     address: ipaddress.IPv4Address
     gid: ipaddress.IPv6Address
     source: Source
-    seconds: float  # how long the service took
-    verified: Optional[bool]  # of verify=True: whether the SA agrees; None: not known
+    seconds: float # the time that the service needed
+    verified: Optional[bool] # for verify=True: True if the SA agrees; None if unknown
 
 
 @dataclass(frozen=True)
 class Path:
     """A PathRecord (IBA 15.2.5.16) in the standard's encodings."""
-    address: Optional[ipaddress.IPv4Address]  # of the destination; None: it was named by its GID
+    address: Optional[ipaddress.IPv4Address] # of the destination; None if the question named a GID
     gid: ipaddress.IPv6Address  # of the destination
     sgid: ipaddress.IPv6Address
     dlid: int
@@ -86,12 +86,12 @@ class Path:
     sl: int
     mtu: int  # 1 is 256 bytes, 5 is 4096
     rate: int
-    packet_lifetime: int  # n: 4.096 microseconds times 2 to the n
+    packet_lifetime: int # n means 4.096 microseconds times 2 to the n
     hop_limit: int
     flow_label: int
     traffic_class: int
     source: Source
-    seconds: float  # how long the service took
+    seconds: float # the time that the service needed
 
 
 def error_of(status: int, reason: str) -> Exception:
@@ -237,7 +237,8 @@ class AsyncClient(Base):
 
     def __init__(self, socket: Optional[str] = None) -> None:
         super().__init__(socket)
-        self._waiting: dict[int, tuple[asyncio.Future[Any], Any]] = {}  # the future, and what makes its result
+        # The future, and the function that makes its result.
+        self._waiting: dict[int, tuple[asyncio.Future[Any], Any]] = {}
         self._last_tag = 0
         self._loop: Optional[asyncio.AbstractEventLoop] = None
 
@@ -299,5 +300,5 @@ class AsyncClient(Base):
                 continue
             try:
                 future.set_result(result_of(raw))
-            except Exception as error:  # the caller's error, raised where it awaits
+            except Exception as error: # the caller's error; it is raised at the caller's await
                 future.set_exception(error)
