@@ -64,7 +64,7 @@ ats::result<control_command> command_named(const std::string& name)
                                                    " ('ats control --list' shows them)");
 }
 
-// The argument as the module reads it: a GID in hexadecimal digits, any other word unchanged.
+// Converts the argument for the module: a GID to hexadecimal digits; any other word stays unchanged.
 ats::result<std::string> argument_for_module(const control_command& command, const std::string& word)
 {
     const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;

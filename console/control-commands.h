@@ -14,14 +14,14 @@ namespace console
 // Returns a table of the commands, their arguments and effects.
 std::string list_control_commands();
 
-// Joins the arguments to one line. An argument may hold several words. Fails (invalid) if the command is unknown, the
+// Joins the arguments to one line. An argument may have several words. Fails (invalid) if the command is unknown, the
 // number of its arguments is wrong, or a word is too long.
 ats::result<std::string> control_line(const std::vector<std::string>& words);
 
-// Returns a warning about the effect of this command line. Most lines have no warning: it is "" then.
+// Returns a warning about the effect of this command line, or "" for most lines.
 std::string control_warning(const std::string& line);
 
-// True if the module's output reports that the command failed: it holds an error line or a plain line. Progress lines
+// Returns true if the module's output reports that the command failed, by an error line or a plain line. Progress lines
 // and warnings do not count.
 bool is_complaint(std::string_view output);
 

@@ -1,4 +1,4 @@
-// Parses the report of its ports that ats prints when its control file is read. `ats status` shows the result.
+// Parses the report that ats prints about its ports when its control file is read. `ats status` shows the result.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -9,8 +9,8 @@ namespace console
 
 using json = nlohmann::json;
 
-// {"hcas": [{"name", "active_port" (or null), "ports": [{"port", "state", "gid", "lid", "address", "sent",
-// "received"}]}], "verification": {"period", "skew"}}. Other lines are ignored.
+// Returns {"hcas": [{"name", "active_port" (or null), "ports": [{"port", "state", "gid", "lid", "address", "sent",
+// "received"}]}], "verification": {"period", "skew"}}. Ignores other lines.
 json parse_control_report(const std::string& text);
 
 } // namespace console

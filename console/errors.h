@@ -1,4 +1,4 @@
-// The exit codes of commands, and how a command reports an error.
+// The exit codes of commands, and the output of a command's error.
 #pragma once
 
 #include <functional>
@@ -13,7 +13,7 @@ namespace console
 // The same for every subcommand; `ats --help` and ats(8) list them.
 enum exit_code : int {
     exit_ok = 0,
-    exit_failed = 1,      // carried out, and the answer is no: not found, timed out, a step failed
+    exit_failed = 1,      // executed without success: not found, timed out, a step failed
     exit_usage = 2,       // the command line, an argument, a file or a folder is wrong
     exit_unreachable = 3, // no service answers on the socket
 };
@@ -31,7 +31,7 @@ constexpr exit_code exit_code_of(ats::error_kind kind)
     }
 }
 
-// The kind of error that a service reports with an exit code.
+// The kind of error for an exit code of a service.
 constexpr ats::error_kind error_kind_of(int code)
 {
     switch (code) {
@@ -44,14 +44,14 @@ constexpr ats::error_kind error_kind_of(int code)
     }
 }
 
-// Turns the body of a command into a callback for CLI11. The callback stores the exit code or the error in `outcome`,
-// from where main() takes it. `outcome` outlives the callback.
+// Turns the body of a command into a callback for CLI11. The callback stores the exit code or the error in `outcome`;
+// main() reads it there. `outcome` must outlive the callback.
 inline std::function<void()> command_callback(ats::result<int>& outcome, std::function<ats::result<int>()> body)
 {
     return [&outcome, body = std::move(body)] { outcome = body(); };
 }
 
-// Repeats a person's text in an error line: in quotation marks, cut to 60 bytes, control characters escaped.
+// Quotes a person's text for an error line: in quotation marks, cut to 60 bytes, with control characters escaped.
 inline std::string quote(const std::string& word)
 {
     constexpr size_t longest = 60;

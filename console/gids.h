@@ -1,5 +1,5 @@
-// GIDs as clients write and read them. An answer of the service holds each GID in two notations: that of the module
-// ("0x" and 32 digits) and that of InfiniBand tools (like an IPv6 address).
+// GIDs in the notations of clients. An answer of the service has each GID in two notations: that of the module ("0x"
+// and 32 digits) and that of InfiniBand tools (like an IPv6 address).
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -14,10 +14,10 @@ namespace console
 // Reads a GID in either notation. Any other text is invalid.
 ats::result<kq_gid_t> gid_of(const std::string& text);
 
-// Adds "gid6" to every object that has a "gid", at any depth: the same GID like an IPv6 address, or null.
+// Adds "gid6" to every object with a "gid", at any depth: the same GID like an IPv6 address, or null.
 void add_gid6(nlohmann::json& answer);
 
-// Rewrites, at any depth, every text that is a GID of 32 hexadecimal digits, so that it looks like an IPv6 address.
+// Replaces every text that is a GID of 32 hexadecimal digits, at any depth, with the form of an IPv6 address.
 void use_ipv6_notation(nlohmann::json& answer);
 
 } // namespace console

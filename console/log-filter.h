@@ -10,8 +10,8 @@ namespace console
 
 constexpr int trace_level_everything = ZR_FUNC;
 
-// Returns the level that a trace line names ("ERROR   : ATS : ..."). A plain line names none: its level is ZR_PANIC, so
-// that no filter hides it.
+// Returns the level of a trace line ("ERROR   : ATS : ..."). A plain line has no level; it counts as ZR_PANIC, so no
+// filter hides it.
 inline int trace_level_of(std::string_view line)
 {
     for (int level = ZR_PANIC; level <= ZR_FUNC; ++level) {

@@ -1,5 +1,5 @@
-// Shows progress in one line of the terminal, which it overwrites. If standard error is not a terminal,
-// nothing is shown.
+// Shows progress in one line of the terminal and overwrites it each time. If standard error is not a terminal, shows
+// nothing.
 #pragma once
 
 #include <cstdio>
@@ -24,7 +24,7 @@ class progress
         is_empty_ = false;
     }
 
-    // Before anything else is written to the terminal.
+    // Call it before writing anything else to the terminal.
     void clear()
     {
         if (is_empty_) return;

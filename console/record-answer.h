@@ -1,4 +1,4 @@
-// A ServiceRecord as answers carry it, and as tables show it.
+// A ServiceRecord in answers and in tables.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@
 namespace console
 {
 
-// A P_Key or a status word, as in "0x0300".
+// Formats a P_Key or a status word, for example "0x0300".
 std::string format_word(uint16_t word);
 
-// {"gid", "p_key", "address", "host_name", "lease"}.
+// Returns {"gid", "p_key", "address", "host_name", "lease"}.
 nlohmann::json record_answer(const embedded::service_record_view& record);
 
-// The table of an array of such answers.
+// Makes a table from an array of such answers.
 table_rows record_rows(const nlohmann::json& records);
 
 } // namespace console

@@ -21,7 +21,7 @@ constexpr uint64_t component(int bit)
     return uint64_t{1} << bit;
 }
 
-// The example record of a request and the components that must equal it.
+// The example record of a request, and the components that must be equal to it.
 struct record_selection {
     uint64_t component_mask = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_NAME);
     ib_service_record_v2_t example = records::encode({});
@@ -74,7 +74,7 @@ class address_search
   public:
     explicit address_search(umad::sa_client& sa) : sa_(sa) {}
 
-    // Adds octets to `start`, which holds `known_octets` of them, until each selection matches one record only.
+    // Extends `start`, which has `known_octets` octets, octet by octet until each selection matches only one record.
     ats::result<record_list> run(const record_selection& start, size_t known_octets);
 
   private:
@@ -86,7 +86,7 @@ class address_search
     umad::sa_client& sa_;
     record_list list_;
     bool has_unanswered_ = false;
-    std::optional<std::vector<fabric::gid_bytes>> gids_; // of all ports of the fabric, once they are needed
+    std::optional<std::vector<fabric::gid_bytes>> gids_; // of all ports of the fabric; empty until needed
 };
 
 // Sends all selections. Single records go to the list; selections that match several records go to `ambiguous`.
@@ -130,7 +130,7 @@ ats::result<record_list> address_search::run(const record_selection& start, size
     return std::move(list_);
 }
 
-// Records of one address differ in their GIDs only.
+// Records with the same address differ only in their GIDs.
 ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
 {
     const auto table = sa_.ask_table(ambiguous.request(MAD_METHOD_GET_TABLE));
@@ -152,8 +152,8 @@ ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
     return sorted;
 }
 
-// Reads the NodeRecords (IBA 15.2.5.2) of one LID after another, a batch at a time. Ends with the first batch without
-// a record.
+// Reads the NodeRecords (IBA 15.2.5.2) of consecutive LIDs, a batch at a time. Stops after the first batch without a
+// record.
 ats::result<> address_search::learn_gids()
 {
     constexpr uint16_t last_unicast_lid = 0xBFFF, batch_size = 256;
@@ -174,7 +174,7 @@ ats::result<> address_search::learn_gids()
         for (const std::optional<sa_mad_v2_t>& answer : *answers) {
             if (!answer || from_wire(answer->hdr.u.ns.status.raw16) != 0) continue;
             has_records = true;
-            fabric::gid_bytes gid = sa_.gid(); // its first half is the subnet's
+            fabric::gid_bytes gid = sa_.gid(); // its first half is common to the subnet
             std::copy_n(answer->payload + port_guid_offset, port_guid_size, gid.begin() + port_guid_size);
             gids.insert(gid);
         }
@@ -183,7 +183,7 @@ ats::result<> address_search::learn_gids()
     return {};
 }
 
-// Orders by address, GID and P_Key; keeps each record once.
+// Sorts by address, GID and P_Key. Keeps each record once.
 void put_in_order(std::vector<ib_service_record_v2_t>& records)
 {
     const auto key = [](const ib_service_record_v2_t& record) {

@@ -1,6 +1,6 @@
-// Lists the records of this service at the SA of a real fabric. One SubnAdmGetTable does it where long answers arrive.
-// Where they do not, the records are found one by one: the answer to a SubnAdmGet shows whether none, one or several
-// records match it. So the addresses are searched octet by octet.
+// Lists the records of this service at the SA of a real fabric. One SubnAdmGetTable is enough if long answers arrive.
+// Otherwise the records are searched one by one: the answer to a SubnAdmGet shows if none, one or several records
+// match. This searches the addresses octet by octet.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@
 namespace console
 {
 
-// Selects the records that are equal in every field given.
+// Selects the records that are equal in every field with a value.
 struct record_filter {
     std::optional<uint32_t> address = {}; // network order
     std::optional<fabric::gid_bytes> gid = {};
@@ -22,11 +22,11 @@ struct record_filter {
 
 struct record_list {
     std::vector<ib_service_record_v2_t> records; // ordered by address, then GID
-    std::vector<std::string> remarks;            // what may be missing, a line each
+    std::vector<std::string> remarks;            // one line for each kind of record that may be missing
 };
 
-// Asks through the client's port; takes some seconds where the addresses must be searched. Error: unreachable, if the
-// SA does not answer; failed, if it refuses or the port cannot be used.
+// Asks through the client's port. Takes some seconds if it must search the addresses. Fails with unreachable if the SA
+// does not answer, and with failed if it refuses or the port cannot be used.
 ats::result<record_list> list_records(umad::sa_client& sa, const record_filter& filter);
 
 } // namespace console

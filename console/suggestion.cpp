@@ -8,7 +8,7 @@ namespace console
 namespace
 {
 
-// The edit distance of two words. One edit changes, deletes or inserts a letter, or swaps two neighbours.
+// The edit distance of two words. One edit changes, deletes or inserts a letter, or exchanges two neighbours.
 size_t distance_between(const std::string& a, const std::string& b)
 {
     std::vector<std::vector<size_t>> distances(a.size() + 1, std::vector<size_t>(b.size() + 1));

@@ -7,8 +7,8 @@
 namespace console
 {
 
-// The word of `candidates` with the smallest edit distance to `word`; "" if more than two letters, or more than a third
-// of its letters, are wrong.
+// Returns the word of `candidates` with the smallest edit distance to `word`. Returns "" if more than two letters, or
+// more than a third of its letters, are wrong.
 std::string nearest_word(const std::string& word, const std::vector<std::string>& candidates);
 
 // "; did you mean 'WORD'?", or "".
