@@ -21,7 +21,7 @@ std::string number_text(double number)
     return fmt::format("{:.15g}", number); // no exponent for the whole numbers of options
 }
 
-// Makes a check of an option's value. `complaint_about_value` returns "" if the value is valid.
+// Makes a check of an option's value. `complaint_about_value` returns "" for a valid value.
 CLI::Validator check(const std::function<std::string(const std::string&)>& complaint_about_value)
 {
     return CLI::Validator([complaint_about_value](std::string& value) { return complaint_about_value(value); }, "");
@@ -43,7 +43,7 @@ std::vector<std::string> option_names(const CLI::App& command)
     return names;
 }
 
-// Explains why a word cannot stand on the command line.
+// Explains why a word is not allowed on the command line.
 std::string complaint_about_word(const CLI::App& command, const std::string& word)
 {
     if (word.starts_with("-")) {
@@ -62,7 +62,7 @@ std::string replace_first(const std::string& text, const std::string& words, con
     return text.substr(0, place) + replacement + text.substr(place + words.size());
 }
 
-// Rewrites the message of CLI11 about options that do not fit together or lack a value.
+// Replaces CLI11's message about options that contradict each other or lack a value.
 std::string complaint_about_options(const CLI::ParseError& error)
 {
     const std::string text = error.what();
@@ -107,7 +107,7 @@ CLI::Validator number_from(double least, double most)
 CLI::Validator existing_file()
 {
     return check([](const std::string& path) -> std::string {
-        std::error_code error; // the path counts as missing
+        std::error_code error; // after an error, the path counts as missing
         if (std::filesystem::is_directory(path, error)) return quote(path) + " is a folder, not a file";
         return std::filesystem::exists(path, error) ? "" : "there is no file " + quote(path);
     });
@@ -116,7 +116,7 @@ CLI::Validator existing_file()
 CLI::Validator existing_folder()
 {
     return check([](const std::string& path) -> std::string {
-        std::error_code error; // the path counts as missing
+        std::error_code error; // after an error, the path counts as missing
         if (std::filesystem::is_directory(path, error)) return "";
         if (std::filesystem::exists(path, error)) return quote(path) + " is not a folder";
         return "there is no folder " + quote(path);
