@@ -12,7 +12,7 @@ class raw_connection
   public:
     static constexpr const char* hello = R"({"request":"hello","protocol":1})";
 
-    // Connects; with `greets` it says hello and reads the answer.
+    // Connects. With `greets`, also says hello and reads the answer.
     explicit raw_connection(const std::string& path, bool greets = true)
     {
         sockaddr_un address{};
@@ -33,7 +33,8 @@ class raw_connection
 
     void write(const std::string& bytes) const { send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
-    // Reads the next line, without its end. Returns "(hung up)" if the service hangs up or sends nothing for 60 s.
+    // Reads the next line, without its end. Returns "(hung up)" if the service closes the connection or sends nothing
+    // for 60 s.
     std::string read()
     {
         size_t end = 0;

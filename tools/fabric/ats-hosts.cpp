@@ -54,7 +54,7 @@ bool fabric_host::wait_serving(duration longest)
     return program_->wait_line("clients are served", longest).has_value();
 }
 
-// A client needs no port, so it runs outside ibsim, which serves only a few programs.
+// A client needs no port, so it runs outside ibsim, which supports only a few programs.
 json fabric_host::ask(std::vector<std::string> command) const
 {
     command.insert(command.begin(), program_path);

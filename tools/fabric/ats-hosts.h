@@ -1,4 +1,5 @@
-// Hosts of a simulated fabric, each an `ats run` of its own, and the records of its SA. Both are read through `ats`.
+// Hosts of a simulated fabric and the records of its SA. Each host is an `ats run` of its own. Both are read through
+// `ats`.
 #pragma once
 
 #include <memory>
@@ -13,7 +14,7 @@ namespace fabric_tools
 
 using nlohmann::json;
 
-// Node name (which is the host name) and address of a host by number: 1 is "node1" with 10.0.0.1.
+// Node name (which is also the host name) and address of a host by number: 1 is "node1" with 10.0.0.1.
 std::string node_name(int number);
 std::string address_of(int number);
 
@@ -26,29 +27,29 @@ std::string ats_program();
 class fabric_host
 {
   public:
-    // Starts it, with further options of `ats run` and further variables of the environment.
+    // Starts the host, with additional options of `ats run` and additional environment variables.
     fabric_host(ibsim_fabric& net, int number, const std::vector<std::string>& options = {},
                 const std::vector<std::string>& environment = {});
 
-    // Waits until it serves clients. False: it did not in time.
+    // Waits until the host serves clients. Returns false after the time limit.
     bool wait_serving(duration longest = 30s);
 
-    // Runs `ats COMMAND... --json` for it. Returns the output; null if that is not JSON.
+    // Runs `ats COMMAND... --json` for the host. Returns the output, or null if that is not JSON.
     json ask(std::vector<std::string> command) const;
 
     // The status of its first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
     json port() const;
 
-    // Its output so far.
+    // The output of the host so far.
     std::string output() const { return program_->output(); }
     process& program() { return *program_; }
     const std::string& name() const { return name_; }
-    const std::string& folder() const { return program_->folder(); } // its working folder
+    const std::string& folder() const { return program_->folder(); } // the host's working folder
 
-    // Ends it with SIGTERM; returns its exit code as process::stop does.
+    // Ends the host with SIGTERM. Returns its exit code, like process::stop.
     std::optional<int> stop() { return program_->stop(30s); }
 
-    // Kills it without warning.
+    // Kills the host without warning.
     void kill() { net_.kill(*program_); }
 
   private:
@@ -58,13 +59,14 @@ class fabric_host
     std::unique_ptr<process> program_;
 };
 
-// The records of the SA, asked from `node` by `ats sa show --json` with these filter options; null if that fails.
+// Asks from `node` for the records of the SA, with `ats sa show --json` and these filter options. Returns null on
+// failure.
 json records_at_sa(ibsim_fabric& net, const std::string& node, const std::vector<std::string>& filter = {});
 
-// The number of records at the SA; -1 if it cannot be asked.
+// The number of records at the SA, or -1 if the SA cannot be asked.
 int count_records(ibsim_fabric& net, const std::string& node);
 
-// Each record as "node1 10.0.0.1 0xFE80...", in the order of these texts.
+// Formats each record as "node1 10.0.0.1 0xFE80...", sorted.
 std::vector<std::string> texts_of(const json& records);
 
 } // namespace fabric_tools

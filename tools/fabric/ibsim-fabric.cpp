@@ -17,8 +17,8 @@ namespace
 
 namespace files = std::filesystem;
 
-// For programs with the address sanitizer: ibsim's library is loaded before the sanitizer's, and copies more than it
-// has allocated when a datagram is read.
+// For programs with the address sanitizer. ibsim's library is loaded before the sanitizer's. When a datagram is read,
+// it also copies more bytes than it has allocated.
 const char* const sanitizer_options = "ASAN_OPTIONS=verify_asan_link_order=0:replace_intrin=0";
 
 std::string find_program(const std::string& name)
@@ -65,7 +65,7 @@ ibsim_fabric::own_folder::own_folder()
 
 ibsim_fabric::own_folder::~own_folder()
 {
-    std::error_code error; // ignored: nothing can be done about it
+    std::error_code error; // ignored, because nothing can be done about it
     if (std::getenv("ATS_KEEP_FABRIC"))
         std::fprintf(stderr, "kept: %s\n", path.c_str());
     else
@@ -74,7 +74,7 @@ ibsim_fabric::own_folder::~own_folder()
 
 ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes)
 {
-    // Each fabric has a socket name of its own, so that many fabrics can run side by side.
+    // Each fabric has its own socket name, so many fabrics can run side by side.
     static std::atomic<int> count = 0;
     socket_name_ = "ats" + std::to_string(getpid()) + "." + std::to_string(++count);
     write_net(folder() + "/net", nodes);
@@ -90,7 +90,7 @@ std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std:
                                              const std::vector<std::string>& arguments,
                                              const std::vector<std::string>& environment)
 {
-    // ibsim's library makes a folder where a program is started.
+    // ibsim's library creates a folder in the working folder of a program.
     const std::string own_folder = new_file(name);
     files::create_directory(own_folder);
     std::vector<std::string> variables = environment;
@@ -127,7 +127,7 @@ void ibsim_fabric::kill(process& program)
     if (const auto line = ibsim_->wait_line(": pid " + std::to_string(program.pid()) + " connected", 2s)) {
         const size_t number = line->find("Client ") + 7;
         console("X " + line->substr(number, line->find(':') - number));
-        console("Verbose"); // answered after all commands before it
+        console("Verbose"); // its answer comes after all commands before it
         ibsim_->wait_line("verbose level");
     }
     program.signal(SIGKILL);

@@ -1,5 +1,5 @@
-// A simulated fabric for real programs: ibsim in a folder of its own, one switch, and nodes. A program runs on a node
-// when ibsim's library is preloaded into it. With the object all programs end, and the folder is removed.
+// A simulated fabric for real programs: ibsim in a folder of its own, one switch, and nodes. A program with ibsim's
+// library preloaded runs on a node. The destructor ends all programs and removes the folder.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@
 namespace fabric_tools
 {
 
-// The most programs that ibsim takes at a time: SMs, hosts and tools together.
+// The maximum number of programs that ibsim supports at a time: SMs, hosts and tools together.
 constexpr int most_programs = 10;
 
 struct sm_options {
@@ -23,43 +23,43 @@ struct sm_options {
 class ibsim_fabric
 {
   public:
-    // Error: a program that this needs is not installed.
+    // Fails if a needed program is not installed.
     static ats::result<> check_programs();
 
-    // The path of ibsim's library, to be preloaded.
+    // The path of ibsim's library, for preloading.
     static std::string library();
 
-    // The nodes are on one switch. Throws std::runtime_error when ibsim does not start.
+    // Connects the nodes to one switch. Throws std::runtime_error if ibsim does not start.
     explicit ibsim_fabric(const std::vector<std::string>& nodes);
     ibsim_fabric(const ibsim_fabric&) = delete;
     ibsim_fabric& operator=(const ibsim_fabric&) = delete;
 
-    // Starts an OpenSM on the node. wait_master() waits until it has brought the subnet up as its master.
+    // Starts an OpenSM on the node. wait_master() waits until the subnet is up with this OpenSM as its master.
     std::unique_ptr<process> start_sm(const std::string& node, const sm_options& options = {});
     static bool wait_master(process& sm, duration longest = 20s);
 
-    // Starts a program on the node, in a new folder that is named after `name` and holds its output. `environment`
-    // comes before the variables that put the program on the fabric.
+    // Starts a program on the node, in a new folder for its output. The folder's name contains `name`. `environment`
+    // comes before the variables that connect the program to the fabric.
     std::unique_ptr<process> start(const std::string& node, const std::string& name,
                                    const std::vector<std::string>& arguments,
                                    const std::vector<std::string>& environment = {});
 
-    // Runs a program on the node to its end, for a minute at the most; returns its output.
+    // Runs a program on the node, for at most one minute. Returns its output.
     std::string run(const std::string& node, const std::vector<std::string>& arguments);
 
-    // Kills a program without warning. Detaches it from ibsim first, which would keep its place for ever. Also, a
-    // request that reaches a dying program gets neither an answer nor a time-out, and an OpenSM that sent it hangs.
+    // Kills a program without warning. Detaches it from ibsim first; otherwise ibsim would keep its place for ever.
+    // Also, a request that reaches a dying program gets neither an answer nor a time-out. An OpenSM that sent it hangs.
     void kill(process& program);
 
-    // Ends ibsim: the whole fabric falls silent.
+    // Ends ibsim. The whole fabric becomes silent.
     void kill_simulator() { ibsim_->stop(); }
 
-    // Gives ibsim's console a command.
+    // Sends a command to ibsim's console.
     void console(const std::string& line);
     void unplug(const std::string& node) { console("Unlink \"" + node + "\"[1]"); }
     void plug(const std::string& node) { console("ReLink \"" + node + "\"[1]"); }
 
-    // Loses so much of what reaches the node over its link. SMPs to itself are not lost.
+    // Loses this share of the packets that reach the node over its link. SMPs of the node to itself are not lost.
     void lose(const std::string& node, int percent);
 
     const std::string& folder() const { return folder_.path; }
@@ -69,7 +69,7 @@ class ibsim_fabric
     std::string new_file(const std::string& name) { return folder() + "/" + name + "-" + std::to_string(++files_); }
 
   private:
-    // Removed with the object, also when its construction is interrupted. Kept if $ATS_KEEP_FABRIC is set.
+    // The destructor removes it, also after an interrupted construction. It is kept if $ATS_KEEP_FABRIC is set.
     struct own_folder {
         own_folder();
         ~own_folder();
@@ -78,10 +78,10 @@ class ibsim_fabric
         std::string path;
     };
 
-    own_folder folder_; // first: it is removed after the programs in it have ended
+    own_folder folder_; // first member: removed after the programs in it have ended
     std::string socket_name_;
     std::unique_ptr<process> ibsim_;
-    int files_ = 0; // names given by new_file()
+    int files_ = 0; // number of names from new_file()
 };
 
 } // namespace fabric_tools

@@ -22,7 +22,8 @@ namespace
 constexpr duration poll_period = 2ms;
 
 volatile sig_atomic_t was_interrupted = 0;
-bool is_ending = false; // `interrupted` was thrown. wait_until() does not throw it again, so destructors can wait
+// `interrupted` was thrown; wait_until() does not throw it again, because destructors must be able to wait.
+bool is_ending = false;
 
 std::vector<char*> pointers_to(const std::vector<std::string>& texts)
 {
@@ -32,7 +33,7 @@ std::vector<char*> pointers_to(const std::vector<std::string>& texts)
     return pointers;
 }
 
-// The parent's environment with these variables added. The first value of a name counts.
+// The parent's environment with these variables added. If a name occurs twice, the first value counts.
 std::vector<std::string> whole_environment(const std::vector<std::string>& additions)
 {
     std::vector<std::string> all;
@@ -57,14 +58,14 @@ bool set_limit(const process_limit& limit)
     return setrlimit(limit.resource, &values) == 0;
 }
 
-// Runs in the child. Executes the command, or exits with code 127 as a shell does when it finds no program. Makes only
+// Runs in the child. Executes the command. If there is no such program, exits with code 127 like a shell. Only makes
 // calls that are safe after a fork.
 [[noreturn]] void become(const command& command, char* const* arguments, char* const* environment, pid_t parent,
                          int input)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
-    signal(SIGINT, SIG_DFL); // a shell may have started the parent with SIGINT ignored, as it does with "&"
+    signal(SIGINT, SIG_DFL); // the parent may have inherited an ignored SIGINT from a shell, which does this for "&"
     const int output = open_output(command.output);
     const int errors = command.errors.empty() ? output : open_output(command.errors);
     const bool is_ready = getppid() == parent && output >= 0 && errors >= 0 && dup2(input, 0) == 0 &&
@@ -147,7 +148,7 @@ std::optional<std::string> process::wait_line(const std::string& text, duration 
 {
     std::optional<std::string> match;
     const auto look = [&] {
-        const bool was_over = has_ended(); // asked before reading, so that the last output is read
+        const bool was_over = has_ended(); // checked before reading, to read the last output
         const std::string all = output();
         while (true) {
             const size_t end = all.find('\n', searched_);

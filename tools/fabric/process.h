@@ -1,5 +1,5 @@
-// A child process that is watched through its output. A wait is for a line or for the end of the process, and has a
-// deadline. The process never outlives its parent.
+// A child process that is watched through its output. Its wait calls have deadlines: they wait for a line or for the
+// end of the process. The process never outlives its parent.
 #pragma once
 
 #include <chrono>
@@ -16,35 +16,35 @@ namespace fabric_tools
 using namespace std::chrono_literals;
 using duration = std::chrono::milliseconds;
 
-// Calls `holds` every few milliseconds until it returns true. False: it did not do so in time.
+// Calls `holds` every few milliseconds until it returns true. Returns false after the time limit.
 bool wait_until(const std::function<bool()>& holds, duration longest);
 
-// From now on SIGINT, SIGTERM and SIGHUP make the current wait, or the next one, throw `interrupted`. So destructors
-// end all processes. The terminal's signals do not reach the children, which have process groups of their own.
+// From now on SIGINT, SIGTERM and SIGHUP make the current wait, or the next one, throw `interrupted`. Destructors then
+// end all processes. The children do not receive the terminal's signals, because they have their own process groups.
 void throw_when_interrupted();
 struct interrupted {
 };
 
-// A limit of a process, such as RLIMIT_AS, and its value.
+// A limit of a process, for example RLIMIT_AS, and its value.
 struct process_limit {
     __rlimit_resource_t resource;
     rlim_t value;
 };
 
 struct command {
-    std::vector<std::string> arguments;        // the program first, found as a shell finds it
-    std::vector<std::string> environment = {}; // NAME=value, besides the parent's
+    std::vector<std::string> arguments;        // the first one is the program, which is searched like in a shell
+    std::vector<std::string> environment = {}; // NAME=value, in addition to the parent's
     std::string directory = ".";
     std::string output;      // the file for stdout; no other process may write to it
-    std::string errors = {}; // the file for stderr; "": the same file
+    std::string errors = {}; // the file for stderr; "" means the same file
     std::optional<process_limit> limit = {};
 };
 
 class process
 {
   public:
-    // Starts the command. Throws std::system_error when there can be no further process. A program that does not exist
-    // ends with exit code 127.
+    // Starts the command. Throws std::system_error if no process can be created. A program that does not exist ends
+    // with exit code 127.
     explicit process(const command& command);
 
     // Kills the process if it still runs.
@@ -55,23 +55,24 @@ class process
     pid_t pid() const { return pid_; }
     const std::string& folder() const { return folder_; }
 
-    // Writes to the stdin of the process. Nothing happens if the process has ended.
+    // Writes to the stdin of the process. Does nothing if the process has ended.
     void write_line(const std::string& line);
 
-    // Waits for a line of the output that contains `text` and follows the last line waited for; returns it. None: it
-    // did not come in time, or the process has ended without it.
+    // Waits for a line of the output that contains `text` and comes after the last line found. Returns it. Returns none
+    // after the time limit, or if the process has ended without it.
     std::optional<std::string> wait_line(const std::string& text, duration longest = 10s);
 
     // The whole output so far.
     std::string output() const;
 
-    // Waits for the end. Returns the exit code, or minus the signal that ended it. None: it still runs after that time.
+    // Waits for the end. Returns the exit code, or the negated number of the signal that ended the process. Returns
+    // none after the time limit.
     std::optional<int> wait_end(duration longest = 10s);
     bool has_ended() { return wait_end(0s).has_value(); }
 
     void signal(int number) const;
 
-    // Sends SIGTERM, and SIGKILL if the process still runs after that time. Returns what wait_end() returns.
+    // Sends SIGTERM, and SIGKILL if the process still runs after that time. Returns the same as wait_end().
     std::optional<int> stop(duration longest = 10s);
 
   private:

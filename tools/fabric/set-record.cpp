@@ -1,8 +1,8 @@
-// A second client of the SA, as an administrator might use one: registers or deletes one record of the service, through
-// libibumad alone.
+// A second client of the SA, for example for an administrator. It registers or deletes one record of the service. It
+// only uses libibumad.
 //   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
 //   set-record -d GID P_KEY                SubnAdmDelete, by record identifier
-// Prints the status of the answer in hex; the exit code is 0 if the status is 0.
+// Prints the status of the answer in hex. The exit code is 0 if the status is 0.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -19,8 +19,8 @@ constexpr int answer_wait_ms = 1000;
 constexpr int tries = 5; // OpenSM drops requests while it is busy
 constexpr uint32_t transaction = 0x5E7;
 
-// ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without its mask bit. With that bit it refuses
-// the request when the port of the GID is gone.
+// ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without its mask bit. With that bit, it refuses
+// the request if the port of the GID is gone.
 constexpr uint64_t identifier_mask = 0x43;
 
 [[noreturn]] void fail(const char* reason)
@@ -29,7 +29,7 @@ constexpr uint64_t identifier_mask = 0x43;
     std::exit(2);
 }
 
-// "fe80::1", or "0x" and 32 digits.
+// Reads "fe80::1", or "0x" and 32 digits.
 bool parse_gid(const char* text, wire_gid_t& gid)
 {
     if (inet_pton(AF_INET6, text, &gid) == 1) return true;
@@ -74,7 +74,7 @@ int main(int count, char** arguments)
 
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
-    umad_release_port(&port); // frees its P_Keys only; the other fields stay
+    umad_release_port(&port); // frees only its P_Keys; the other fields do not change
     const int descriptor = umad_open_port(port.ca_name, port.portnum);
     if (descriptor < 0) fail("cannot open the port");
     const int agent = umad_register(descriptor, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);

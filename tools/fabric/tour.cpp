@@ -1,5 +1,5 @@
-// `make fabric`: takes real hosts on a simulated fabric under OpenSM through the events of a fabric's life. Prints a
-// line for each event, with its effect and how long that took. The exit code is 1 if an effect was missing.
+// `make fabric`: runs real hosts on a simulated fabric under OpenSM, and makes the usual events of a fabric happen.
+// Prints a line for each event, with its effect and its duration. The exit code is 1 if an effect was missing.
 //   ats-fabric [HOSTS]
 
 #include <csignal>
@@ -17,7 +17,7 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int least_hosts = 2;
-constexpr int most_hosts = most_programs - 3; // an SM and two tools
+constexpr int most_hosts = most_programs - 3; // without an SM and two tools
 const std::string tool_node = "desk";
 
 class tour
@@ -42,7 +42,7 @@ class tour
     bool is_good() const { return is_good_; }
 
   private:
-    // Carries out an event and waits for its effect, until `holds` returns true.
+    // Makes an event happen and waits for its effect, until `holds` returns true.
     template <class action_t>
     void step(const std::string& event, const std::string& effect, const action_t& action,
               const std::function<bool()>& holds)
@@ -90,8 +90,8 @@ class tour
         }
     }
 
-    // Every host looks up every other one in both directions. Each direction comes first for half of the pairs: then
-    // the SA answers it, and not the cache that the other direction has filled.
+    // Every host looks up every other host in both directions. Each direction comes first for half of the pairs. The SA
+    // then answers it; the second direction may be answered from the cache.
     void resolve_all()
     {
         int right = 0, from_sa = 0;
@@ -140,7 +140,7 @@ class tour
             "node1's link is unplugged", "node1 has no active port", [&] { net_.unplug("node1"); }, state_is("Down"));
         step(
             "... and plugged again", "node1's port is active", [&] { net_.plug("node1"); }, state_is("Active"));
-        // To register again takes two answers: to a Delete and to a Set.
+        // A new registration needs two answers: to a Delete and to a Set.
         step(
             "", "node1 has registered anew", [] {}, [&] { return host.port().value("received", 0) >= received + 2; });
     }

@@ -1,5 +1,5 @@
-// Asks librdmacm for routes, as other programs do. Each line of the input holds an address. The program prints the DLID
-// of the route that rdma_getaddrinfo() finds, or "none".
+// Asks librdmacm for routes, like other programs. Each line of the input is an address. The program prints the DLID of
+// the route that rdma_getaddrinfo() finds, or "none".
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -16,7 +16,7 @@ std::string route_to(const std::string& address)
     rdma_addrinfo hints{};
     hints.ai_port_space = RDMA_PS_TCP;
     rdma_addrinfo* found = nullptr;
-    constexpr const char* port = "7471"; // any port will do
+    constexpr const char* port = "7471"; // any port is valid
     if (rdma_getaddrinfo(address.c_str(), port, &hints, &found) != 0) {
         std::perror("rdma_getaddrinfo");
         return "failed";

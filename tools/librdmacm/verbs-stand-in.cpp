@@ -1,5 +1,5 @@
-// Preloaded, it lets librdmacm run on a machine without an RDMA device: librdmacm finds one device, and never opens it.
-// ACM_SOCKET names the socket that it connects to instead of /run/ibacm.sock.
+// A library to preload. With it, librdmacm runs on a machine without an RDMA device: it finds one device, and never
+// opens it. ACM_SOCKET names the socket that librdmacm connects to instead of /run/ibacm.sock.
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
