@@ -1,4 +1,4 @@
-// Hosts on one simulated fabric that are registered at its SA, for measurements.
+// Hosts on one simulated fabric, registered at its SA, for measurements.
 #pragma once
 
 #include <memory>

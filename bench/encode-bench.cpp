@@ -1,5 +1,5 @@
-// Measures the module's work for each request and each trace line, and simpler work for comparison. A loaded module
-// hides these steps, so this program links the module's encoder.
+// Measures the module's work for each request and each trace line, and simpler work for comparison. In a loaded module,
+// these steps cannot be called separately. Therefore this program links the module's encoder.
 #include <benchmark/benchmark.h>
 
 #include "ib-code/ats/ats-sa.h"
@@ -78,7 +78,7 @@ void empty_loop(benchmark::State& state)
 }
 BENCHMARK(empty_loop);
 
-// If the argument were evaluated, abort() would end the program.
+// The argument is not evaluated. Otherwise abort() would end the program.
 void trace_line_that_is_off(benchmark::State& state)
 {
     for (auto _ : state) {

@@ -23,7 +23,7 @@ struct sa_lookups {
         if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free);
     }
 
-    // Waits for all answers, and leaves nothing free for send().
+    // Waits for all answers. No slot is free for send() meanwhile.
     void wait_for_all()
     {
         for (int i = 0; i < window; ++i) down(&free);
@@ -64,8 +64,8 @@ void resolve(benchmark::State& state)
 }
 BENCHMARK(resolve)->ArgName("hosts")->Arg(10)->Arg(100)->Arg(1000)->UseRealTime();
 
-// One answer while many reverse requests for other GIDs are pending. The module compares it with each of them, holding
-// its lock.
+// Measures one answer while many reverse requests for other GIDs are pending. The module compares it with each of them
+// while it holds its lock.
 void match_among_pending(benchmark::State& state)
 {
     bench_world world(2);

@@ -1,4 +1,4 @@
-// A host of a campaign, and the identity that its administrator gave it.
+// A host of a campaign, and the identity that its administrator has set.
 #pragma once
 
 #include <deque>
@@ -29,38 +29,38 @@ struct node {
     kernel::machine& machine() { return host.machine(); }
     bool is_live() { return machine().modules.is_loaded("ats"); }
 
-    // Runs `body` in a new task of the host. check_at_the_end() requires that it ends.
+    // Runs `body` in a new task of the host. check_at_the_end() requires that the task has ended.
     void start(const char* task_name, std::function<void()> body);
 
     // Joins the tasks that have ended.
     void reap();
 
-    // Each call returns another one, which no other host gets. Some names are longer than a record holds, depending on
-    // `random`.
+    // Each call returns a new value, which no other host gets. Depending on `random`, some names are longer than a
+    // record allows.
     uint32_t next_address();
     std::string next_name(uint32_t random);
 
-    // Runs `change`, which sets the identity and returns true if that succeeded. Its result is certain only if nothing
-    // else changed the identity meanwhile and nothing did harm. Then `on_certain` is called.
+    // Runs `change`, which sets the identity and returns true on success. The result is certain only if nothing else
+    // changed the identity meanwhile and no fault was active. In that case `on_certain` is called.
     void change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain);
 
-    // Writes to the control file, from a task of the host. True if the file exists and takes all bytes. `output`
-    // receives the log lines of the write.
+    // Writes to the control file, from a task of the host. Returns true if the file exists and accepts all bytes.
+    // `output` receives the log lines of the write.
     bool write_control(const std::string& text, std::string* output = nullptr);
 
     // Reads the control file, from a task of the host, and checks its report for contradictions. Returns the "hcas" of
     // console::parse_control_report, or null if there is no such file.
     console::json read_control();
 
-    // The act has set this verification period and skew ("verification" of console::parse_control_report). It counts as
-    // effective when a later report shows them.
+    // Call it after an act has set this verification period and skew ("verification" of console::parse_control_report).
+    // The act counts as effective when a later report shows them.
     void expect_verification(const act& act, console::json verification);
 
-    // Loads a module with the present identity, or unloads it, from a task of the host. False if that failed.
+    // Loads a module with the present identity, or unloads it, from a task of the host. Returns false on failure.
     bool load(const std::string& module);
     bool unload(const std::string& module);
 
-    // True if a link of the HCA is up in the fabric.
+    // Returns true if a link of the HCA is up in the fabric.
     bool has_link(size_t hca);
 
     bool is_changing() const { return changes_running_ > 0; }
@@ -74,8 +74,8 @@ struct node {
     std::unique_ptr<watching_ucm> ucm;
     std::deque<question> questions;
 
-    // The host should register this name and these addresses, one for each HCA. If one of them is not certain, the host
-    // may register any value that was given to it.
+    // The name and the addresses (one for each HCA) that the host should register. If one of them is not certain, the
+    // host may register any value that it was ever given.
     std::string name;
     bool name_is_certain = true;
     uint64_t name_tick = 0;
@@ -85,15 +85,15 @@ struct node {
     std::vector<uint32_t> addresses_given;
 
     harm_watch& harm() const { return *harm_; }
-    uint64_t disturbed_tick = 0;        // when its links or its identity changed last
-    uint64_t longest_period = 61;       // seconds between two of its verifications, at most
+    uint64_t disturbed_tick = 0;        // when its links or its identity last changed
+    uint64_t longest_period = 61;       // maximum seconds between two of its verifications
     bool may_not_verify = false;        // verification may be switched off
-    std::optional<act> failing_calls;   // the act that armed the machine's fault injector last
-    bool may_have_left_records = false; // it was unloaded when no delete could be sent
+    std::optional<act> failing_calls;   // the act that last armed the machine's fault injector
+    bool may_have_left_records = false; // it was unloaded when it could not send Deletes
     bool may_be_misread = false;        // a query of a port may have failed
 
   private:
-    // Checks a line that the host has logged against the models and against the wait for a Delete.
+    // Checks a log line of the host against the models and against the wait for a Delete.
     void check_line(const std::string& line);
 
     struct running_task {
@@ -106,7 +106,7 @@ struct node {
     uint64_t changes_begun_ = 0;
     uint32_t addresses_made_ = 0;
     uint32_t names_made_ = 0;
-    std::optional<act> verification_act_; // waits for a report that shows verification_
+    std::optional<act> verification_act_; // waits for a report with verification_
     console::json verification_;
     std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent its last request
 };

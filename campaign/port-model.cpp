@@ -12,14 +12,14 @@ namespace
 {
 
 constexpr int max_deletes = 3;
-constexpr std::string_view set_result = "sending SA Set SR, ret = "; // the result follows
+constexpr std::string_view set_result = "sending SA Set SR, ret = "; // followed by the result
 
 bool contains(const std::string& line, const char* text)
 {
     return line.find(text) != std::string::npos;
 }
 
-// The number that follows `text` in the line; 0 if the line does not contain the text.
+// Returns the number after `text` in the line, or 0 if the line does not contain the text.
 int number_after(const std::string& line, std::string_view text)
 {
     const size_t position = line.find(text);
@@ -106,7 +106,7 @@ std::string port_model::end_registration(const std::string& result)
 {
     is_registering_ = false;
     const bool was_sent = result == "0";
-    const bool is_missing = was_sent && sets_ == 0 && link_is_stable_; // no request is seen while the link is down
+    const bool is_missing = was_sent && sets_ == 0 && link_is_stable_; // while the link is down, no request can be seen
     if (sets_ > (was_sent ? 1 : 0) || is_missing)
         return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;
     if (deletes_ > max_deletes) return "a registration sent " + std::to_string(deletes_) + " Deletes";

@@ -1,6 +1,5 @@
-// A model of one HCA in the service: the states of its two ports, which of them is active, and what a registration
-// sends. It follows the log lines and the requests of the service in their order, and finds those that the rules do not
-// allow.
+// A model of one HCA in the service: the states of its two ports, the active port, and the requests of a registration.
+// It reads the log lines and the requests of the service in order, and finds those that break the rules.
 #pragma once
 
 #include <array>
@@ -25,8 +24,8 @@ class port_model
     {
     }
 
-    // Each returns the fault that it found, or an empty text. `task` logged the line or sent the request.
-    // `link_is_stable`: no link has changed lately.
+    // Each function returns the fault that it found, or an empty text. `task` logged the line or sent the request.
+    // `link_is_stable` means that no link has changed recently.
     std::string check_line(const exec::task& task, const std::string& line, bool link_is_stable);
     std::string check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
 
@@ -39,7 +38,7 @@ class port_model
     void link_down(int port);
     std::string make_active(int port);
     std::string end_registration(const std::string& result);
-    int lowest_port_up() const; // 0: none
+    int lowest_port_up() const; // 0 if none
 
     std::string event_task_;
     int ports_ = 0;
@@ -48,8 +47,8 @@ class port_model
     bool is_on_ = false;       // the module is loaded and logs
     bool is_stopping_ = false; // its Deletes may now name any GID
     std::array<port_state, 2> states_{};
-    std::array<fabric::gid_bytes, 2> known_gids_{}; // as the service last read them
-    int active_port_ = 0;                           // 0: none
+    std::array<fabric::gid_bytes, 2> known_gids_{}; // the GIDs that the service has read last
+    int active_port_ = 0;                           // 0 if none
     bool link_is_stable_ = false;
     fabric::gid_bytes registered_gid_{}; // the next Delete names it
 

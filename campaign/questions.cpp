@@ -16,11 +16,12 @@ namespace campaign
 namespace
 {
 
-// Limits of the service's own requests. IBAT and UCM add their retries and their queues of replies.
+// The time limits of the service's own requests. IBAT and UCM add their retries and the time in their reply queues.
 constexpr uint64_t shortest_wait_ticks = 1000, longest_wait_ticks = 2000;
 constexpr uint64_t longest_wait_for_peers_ticks = 6000;
 
-// From a change of a link to the end of its event, at most; and what a path request may take in a quiet network.
+// The maximum time from a change of a link to the end of its event. Also the maximum time of a path request in a quiet
+// network.
 constexpr uint64_t event_ticks = 100;
 
 std::map<const kernel::machine*, watching_ucm*> watching_ucms;
@@ -37,7 +38,7 @@ bool is_active(const std::optional<embedded::port_view>& port)
     return port && port->state == fabric::link_state::active;
 }
 
-// True if nothing that takes longer than an event has disturbed the host of this name since the question was asked.
+// Returns true if, since the question was asked, no disturbance of this host has lasted longer than an event.
 bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
 {
     for (const node& node : fabric.nodes)
@@ -45,8 +46,8 @@ bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
     return true;
 }
 
-// Compares a path that was found with the subnet. Paths from the cache may be older than a change at their other end,
-// but not than one at their own.
+// Compares a path that was found with the subnet. A cached path may be older than a change at its far end, but not
+// older than a change at its own end.
 void check_found_path(const question& question, const ibat_arp_data_t& record)
 {
     tested_fabric& fabric = question.asker.fabric;
@@ -66,7 +67,7 @@ void check_found_path(const question& question, const ibat_arp_data_t& record)
         fabric.violate(subject + " begins at port " + std::to_string(source->port) + ", which is down");
 }
 
-// Compares the answer about a path with the truth, as far as nothing has hidden it.
+// Compares the answer about a path with the real state, if no fault can explain a difference.
 void check_path(const question& question, ibat_stat_t status, const ibat_arp_data_t& record)
 {
     node& asker = question.asker;
@@ -80,7 +81,7 @@ void check_path(const question& question, ibat_stat_t status, const ibat_arp_dat
         ++fabric.counts.truths;
         return check_found_path(question, record);
     }
-    if (!is_quiet || status == ibat_stat_error || !asker.has_link(0)) return; // error: IBAT is unloaded
+    if (!is_quiet || status == ibat_stat_error || !asker.has_link(0)) return; // error means that IBAT is unloaded
     const auto destination = port_with(fabric, question.destination);
     const bool is_true_absence =
         !is_active(destination) || !is_settled(fabric, destination->host_name, question.begun_tick);

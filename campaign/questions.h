@@ -1,4 +1,4 @@
-// Questions of a host's users, and a stand-in for UCM that checks how the service answers.
+// Questions of a host's users, and a replacement for UCM that checks how the service answers.
 #pragma once
 
 #include <cstdint>
@@ -21,9 +21,9 @@ struct node;
 // One question and its result. Its address must not change until the campaign ends: callbacks point to it.
 struct question {
     node& asker;
-    std::optional<uint32_t> act_kind; // the kind of act whose effect the answer is
-    bool by_gid = false;              // it asks for the address of a GID, otherwise for the GID of an address
-    bool of_service = false;          // it went to the service itself, whose time limits are exact to the tick
+    std::optional<uint32_t> act_kind; // the answer is an effect of this kind of act
+    bool by_gid = false;              // it asks for the address of a GID; otherwise for the GID of an address
+    bool of_service = false;          // it was sent to the service itself, whose time limits are exact to the tick
     uint64_t begun_tick = 0;
     ibat_stat_t returned = ibat_stat_error;
     int replies = 0;
@@ -31,24 +31,24 @@ struct question {
     uint32_t ip = 0;
     kq_gid_t gid{};
     bool by_path = false;  // it asks for the path to `destination`
-    bool is_fresh = false; // of a path: the SA was asked
+    bool is_fresh = false; // for a path: the SA was asked
     kq_gid_t destination{};
-    bool is_closed = false; // no callback may follow
+    bool is_closed = false; // no more callbacks may follow
 
     static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* self);
     bool is_settled() const { return returned != ibat_stat_pending || replies > 0 || is_closed; }
 };
 
-// Each asks and returns without waiting for the answer. Called by a task of the host that may sleep.
+// These functions ask and return without waiting for the answer. The caller is a task of the host that may sleep.
 void ask_for_path(question& question, const kq_gid_t& gid, bool bypasses_cache);
 void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache);
 void ask_for_address(question& question, const kq_gid_t& gid);
 
-// Withdraws an open question, so that no callback follows. True if the module still had it.
+// Cancels an open question; no callback follows then. Returns true if the module still had it.
 bool withdraw(question& question);
 
-// Takes the place of the module UCM: the service attaches to it, and it passes questions directly to the service. As in
-// UCM, a detach waits until no call runs.
+// Replaces the module UCM: the service attaches to it, and it passes questions directly to the service. As in UCM, a
+// detach waits until no call runs.
 class watching_ucm
 {
   public:

@@ -1,5 +1,5 @@
-// Checks every datagram as it crosses from a host to the fabric: it must be one of the service's four requests, every
-// checked field must be correct, and the P_Key and GID of a Set must be those of its port.
+// Checks every datagram that a host sends to the fabric. It must be one of the service's four requests, and every
+// checked field must be correct. The P_Key and GID of a Set must be those of its port.
 #pragma once
 
 #include <map>
@@ -22,11 +22,11 @@ class wire_watch final : public fabric::tap
   public:
     explicit wire_watch(tested_fabric& fabric) : fabric_(fabric) {}
 
-    // Notes the LIDs of the hosts' ports and opens the capture file. Called once, when all hosts have their HCAs.
-    // Without a path nothing is captured.
+    // Notes the LIDs of the hosts' ports and opens the capture file. Call it once, when all hosts have their HCAs.
+    // Without a path, nothing is captured.
     void begin(const std::string& capture_path);
 
-    // Writes out what is captured. The error is the first failure of the file.
+    // Writes the buffered packets. Returns the first failure of the file as an error.
     ats::result<> flush_capture() { return capture_ ? capture_->flush() : ats::result<>(); }
 
     // The number of requests that the calling task has sent so far.
@@ -45,13 +45,13 @@ class wire_watch final : public fabric::tap
         uint16_t p_key;
     };
 
-    // Each returns the fault of a request, or an empty text.
+    // Each function returns the fault of a request, or an empty text.
     std::string fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
     std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
     std::string timing_fault_in(node& node, uint8_t method, uint64_t now_ticks);
 
     tested_fabric& fabric_;
-    std::map<const exec::task*, uint64_t> requests_;     // how many each task has sent
+    std::map<const exec::task*, uint64_t> requests_;     // number of requests of each task
     std::map<const exec::task*, uint64_t> delete_ticks_; // when each task sent its last Delete
     std::vector<port_entry> ports_by_lid_;
     std::unique_ptr<fabric::capture> capture_;

@@ -1,6 +1,5 @@
-// Measures a service from the side of its clients, on one machine: cached lookups one at
-// a time and in great number, the same for paths as librdmacm asks for them, connections at rest, and a thousand that
-// ask.
+// Measures a service from the side of its clients, on one machine. It measures cached lookups one at a time and many at
+// a time, paths in the way of librdmacm, idle connections, and a thousand clients that ask at the same time.
 //   client-bench
 #include <algorithm>
 #include <arpa/inet.h>
@@ -31,7 +30,7 @@ struct exchange {
 constexpr exchange lookup = {52, 213}; // {"request":"resolve","address":"10.0.0.2","id":12345}, and its answer
 constexpr exchange acm_lookup = {sizeof(acm::resolve_header) + sizeof(acm::entry),
                                  sizeof(acm::resolve_header) + 2 * sizeof(acm::entry)};
-constexpr int rounds = 7; // of each figure the median counts
+constexpr int rounds = 7; // each figure is the median of this many rounds
 
 struct closing {
     void operator()(ats_client_t* client) const { ats_close(client); }
@@ -63,7 +62,8 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-// Rounds a second of a process that sends back an answer's bytes for a question's: what the socket itself costs.
+// The cost of the socket alone: rounds per second with a process that answers each question's bytes with an answer's
+// bytes.
 double ping_pong(int count, const exchange& exchange)
 {
     int ends[2];
@@ -123,7 +123,7 @@ client::descriptor connected_to(const std::string& path)
     return connection;
 }
 
-// Paths a second, asked for as librdmacm does.
+// Paths per second, asked like librdmacm.
 double acm_lookups(const std::string& path, int count)
 {
     const client::descriptor connection = connected_to(path);
@@ -168,7 +168,7 @@ struct waiting_times {
     double median_ms, longest_ms;
 };
 
-// Every client asks again as soon as it has its answer, `each` times.
+// Every client asks `each` times. It asks again as soon as it has its answer.
 waiting_times all_ask(const std::vector<client_ptr>& clients, int each)
 {
     const int poller = epoll_create1(0);
@@ -208,7 +208,7 @@ void measure_lookups(const std::string& socket)
 {
     constexpr int count = 20'000;
     std::vector<double> bare, blocking, shares, submitted;
-    for (int i = 0; i < rounds; ++i) { // in turns, so that both see the same machine
+    for (int i = 0; i < rounds; ++i) { // alternately, so other load affects both equally
         bare.push_back(ping_pong(count, lookup));
         blocking.push_back(blocking_lookups(socket, count));
         shares.push_back(blocking.back() / bare.back());

@@ -90,7 +90,7 @@ double processor_seconds()
     return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
 }
 
-// Prints the error of a world that could not be brought up, and unloads what is loaded. The program's exit code.
+// Prints the error of a world that did not come up, and unloads the loaded modules. Returns the program's exit code.
 int give_up(bench_world& world, const ats::error& error)
 {
     std::fprintf(stderr, "%s\n", error.text.c_str());
@@ -105,8 +105,8 @@ int give_up(bench_world& world, const ats::error& error)
     return 1;
 }
 
-// The processor time of a lookup at the SA, in microseconds: the mean of lookups from hosts all over the subnet, each
-// for the address of another host.
+// The processor time of a lookup at the SA, in microseconds. It is the mean of lookups from hosts all over the subnet,
+// each for the address of another host.
 double lookup_microseconds(bench_world& world)
 {
     constexpr size_t most_lookups = 20'000;
@@ -114,7 +114,7 @@ double lookup_microseconds(bench_world& world)
     const double begin = processor_seconds();
     size_t asker = 0;
     for (size_t i = 0; i < lookups; ++i) {
-        asker = (asker + 7919) % hosts; // a prime: neighbours in time are none in memory
+        asker = (asker + 7919) % hosts; // a prime: consecutive askers are far apart in memory
         const uint32_t address =
             *world::parse_ipv4(bench_world::address_of(static_cast<int>((asker * 31 + i) % hosts) + 1));
         if (world::resolve_address(world.hosts[asker]->machine(), address, world::lookup_mode::sa_only).status !=
@@ -167,7 +167,8 @@ int scale(int hosts)
     world.sim->run_until(3600 * second);
     const load_meter::load steady = meter.between(3000, seconds_now());
 
-    // Six times, each at another moment between two checks of a host, because the duration depends on it.
+    // Repeat it six times, each time at another moment between two checks of a host, because the duration depends on
+    // that moment.
     uint64_t restart = 0, longest_ticks = 0, sum_ticks = 0;
     constexpr int restarts = 6;
     for (int i = 0; i < restarts; ++i) {
@@ -185,7 +186,7 @@ int scale(int hosts)
     world.sim->run_until((restart + 200) * second);
     world.subnet.faults.sa_silent = true;
     std::vector<exec::task*> askers;
-    std::optional<ats::error> shortage; // of room for the askers
+    std::optional<ats::error> shortage; // if there is no memory for all askers
     for (const auto& host : world.hosts) {
         try {
             askers.push_back(&host->machine().start("asker", [&] {

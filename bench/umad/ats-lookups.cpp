@@ -1,9 +1,8 @@
-// Measures lookups by a whole host on its real port: IBAT asks ats, ats asks the SA, and the answer comes back the same
-// way. Compare with bare-lookups with as many requests in flight.
+// Measures lookups of a whole host on its real port: IBAT asks ats, ats asks the SA, and the answer comes back the same
+// way. Compare it with bare-lookups with the same number of requests in flight.
 //   ats-lookups OWN_ADDRESS LOOKUPS [path] ADDRESS...
-// With "path", each lookup also asks the SA for the path to the GID of the address.
-// One request is in flight for each address, because IBAT would join two for the same one. Prints the lookups per
-// second.
+// With "path", each lookup also asks the SA for the path to the GID of the address. One request is in flight for each
+// address, because IBAT would join two for the same one. Prints the lookups per second.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -29,7 +28,8 @@ namespace
     std::exit(2);
 }
 
-// Asks the SA for all addresses. When one is answered, its callback asks for it again, until `count` lookups were sent.
+// Asks the SA for all addresses. After each answer, the callback asks for the same address again, until `count` lookups
+// were sent.
 class repeated_lookups
 {
   public:
@@ -83,7 +83,7 @@ class repeated_lookups
     std::atomic<uint64_t> wrong_{0};
 };
 
-// Waits until the host can resolve the address. On error, returns the reason of the last try.
+// Waits until the host can resolve the address. On failure, returns the reason of the last try.
 ats::result<> wait_ready(kernel::machine& host, uint32_t address)
 {
     constexpr int tries = 20;

@@ -1,5 +1,5 @@
-// The yardstick for lookups on a real fabric: libibumad and the SA alone, in one thread. A window of requests is in
-// flight; each answer is followed by a new request at once.
+// The reference for lookups on a real fabric: only libibumad and the SA, in one thread. Several requests are in flight;
+// a new one follows each answer at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
 // Looks up the record of ADDRESS, LOOKUPS times, and prints the lookups per second. With "path", each lookup also asks
 // for the path to the GID in the record.
@@ -18,7 +18,7 @@
 namespace
 {
 
-constexpr int patience_ms = 500; // then the requests in flight count as lost and are sent again
+constexpr int patience_ms = 500; // after this time, the requests in flight count as lost and are sent again
 
 struct umad_buffer {
     ib_user_mad_t header;
@@ -49,7 +49,7 @@ void prepare(umad_buffer& request, const umad_port_t& port, const char* address)
     std::memcpy(mad.payload, &record, sizeof record);
 }
 
-// Makes `request` ask for the path from the port to a GID.
+// Turns `request` into a request for the path from the port to a GID.
 void ask_for_path(umad_buffer& request, const umad_port_t& port, const wire_gid_t& destination)
 {
     ib_path_record_wire_t path{};
@@ -69,7 +69,7 @@ struct lookup_loop {
     bool asks_for_paths = false;
     umad_buffer request;
     uint32_t sent_count = 0;
-    std::vector<uint32_t> in_flight; // transactions; 0: the slot is free
+    std::vector<uint32_t> in_flight; // transactions; 0 means that the slot is free
     long found_count = 0, refused_count = 0, lost_count = 0;
 
     void send(uint32_t& slot) { send(slot, request); }
@@ -81,7 +81,7 @@ struct lookup_loop {
         if (umad_send(port, agent, &request, MAD_SIZE, patience_ms, 0) < 0) fail("a request was not sent");
     }
 
-    // False: no answer came in time.
+    // Returns false if no answer came in time.
     bool receive(umad_buffer& answer)
     {
         int length = MAD_SIZE;
@@ -113,7 +113,7 @@ struct lookup_loop {
         send(slot, path_request);
     }
 
-    // Runs until `lookups` are answered and nothing is in flight: under ibsim a process hangs if it ends while answers
+    // Runs until `lookups` are answered and nothing is in flight. Under ibsim, a process hangs if it ends while answers
     // are on their way to it.
     void run(long lookups)
     {
@@ -157,7 +157,7 @@ int main(int count, char** arguments)
 
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
-    umad_release_port(&port); // frees its P_Keys only; the other fields stay
+    umad_release_port(&port); // frees only its P_Keys; the other fields do not change
     lookup_loop loop;
     loop.port_attributes = port;
     loop.asks_for_paths = count > 4 && std::strcmp(arguments[4], "path") == 0;

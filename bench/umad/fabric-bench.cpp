@@ -68,7 +68,7 @@ class bench
         if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
     }
 
-    // Another client of the SA registers the records to look up, under the GIDs of nodes where no program runs.
+    // Another client of the SA registers the records for the lookups, under the GIDs of nodes without a program.
     void set_targets()
     {
         for (int i = 0; i < window; ++i) {
@@ -89,7 +89,7 @@ class bench
         return std::atof(output.c_str() + output.rfind('\n', output.find("lookups/s")) + 1);
     }
 
-    // One client process for each target asks a service on the asker's node. Returns the rate of all.
+    // One client process for each target asks a service on the asker's node. Returns the total rate.
     double rate_of_clients()
     {
         const std::string socket = "/tmp/ats-fabric-bench-" + std::to_string(getpid()) + ".sock";
@@ -111,7 +111,7 @@ class bench
         ats_paths.insert(ats_paths.begin() + 3, "path");
         std::vector<double> ats_rates, bare_rates, shares, client_rates, client_shares;
         std::vector<double> path_rates, bare_path_rates, path_shares;
-        for (int i = 0; i < rounds; ++i) { // they take turns, so that other load on the machine slows all alike
+        for (int i = 0; i < rounds; ++i) { // alternately, so other load on the machine affects all equally
             bare_rates.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
             ats_rates.push_back(rate(ats));
             shares.push_back(ats_rates.back() / bare_rates.back());
@@ -176,8 +176,8 @@ class bench
             if (host->stop() != 0) fail(host->output());
     }
 
-    // Deletes the host's record while the link is down. Returns the milliseconds from link-up until the SA holds it
-    // again.
+    // Deletes the host's record while the link is down. Returns the milliseconds from link-up until the SA has the
+    // record again.
     double time_link_up(fabric_host& host)
     {
         const std::string gid = host.port().value("gid", "");
