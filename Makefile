@@ -1,4 +1,4 @@
-# The entry point. `make demo` and `make test` install what is missing (as root, on Debian and Fedora), build, and run.
+# The entry point. `make demo` and `make test` install missing packages (as root, on Debian and Fedora), build, and run.
 
 PRESET ?= release
 BUILD := build/$(PRESET)
@@ -28,7 +28,7 @@ build:
 	@$(MAKE) --no-print-directory configure
 	@cmake --build --preset $(PRESET)
 
-# The command and its modules, and nothing else.
+# Only the command and its modules.
 program:
 	@scripts/install-dependencies build
 	@$(MAKE) --no-print-directory configure
@@ -51,7 +51,7 @@ check-packages:
 	@scripts/install-dependencies check-packages
 	@scripts/check-packages
 
-# The part of this that takes seconds: versions, and the source package.
+# The fast part of the packaging checks: versions, and the source package.
 check-packaging:
 	@scripts/install-dependencies package
 	@scripts/check-versions
@@ -122,7 +122,7 @@ aarch64:
 	@cd build/aarch64 && qemu-aarch64 -L /usr/aarch64-linux-gnu tests/test-kernel >test.log 2>&1 || { cat test.log; exit 1; }
 	@tail -n 1 build/aarch64/test.log
 
-# Configures without each optional library in turn, and compiles the file that stands in for it.
+# Configures without each optional library in turn, and compiles its replacement file.
 check-options:
 	@scripts/install-dependencies test
 	@mkdir -p build

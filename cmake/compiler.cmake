@@ -1,16 +1,17 @@
-# How everything is compiled: the language, the warnings, the hardening of releases, and the instrumented builds.
+# Compiler settings for all targets: the language, the warnings, the hardening of releases, and the instrumented builds.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-# A program that loads modules shows them only the kernel calls.
+# In a program that loads modules, only the kernel calls are visible to them.
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
 add_compile_options(-Wall -Wextra)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # False warnings of GCC 12 in inlined std::string and std::tuple code (GCC bugs 105651 and 105329). clang checks the same.
+  # False warnings of GCC 12 in inlined std::string and std::tuple code (GCC bugs 105651 and 105329). clang also has
+  # these checks.
   add_compile_options(-Wno-restrict -Wno-array-bounds -Wno-stringop-overflow)
 endif()
 
@@ -26,7 +27,7 @@ elseif(ATS_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
 else()
-  # Every user of a host can reach the service, so releases are hardened as distributions harden their own services.
+  # Every user of a host can reach the service. Releases are therefore hardened like services of distributions.
   include(CheckPIESupported)
   check_pie_supported()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)

@@ -4,8 +4,9 @@
 add_library(ats_interfaces INTERFACE)
 target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/ib-code/include)
 
-# A module is a shared object whose undefined symbols are kernel calls. -Bsymbolic binds its exported variables to itself, so
-# that reading one costs a single load. Its units are compiled one by one, because traces name the unit of each line.
+# A module is a shared object whose undefined symbols are kernel calls. -Bsymbolic binds its exported variables to the
+# module itself, so reading one needs a single load. Its units are compiled one by one, because each trace line names
+# its unit.
 function(add_kernel_module name)
   add_library(${name}_module MODULE ${ARGN})
   set_target_properties(${name}_module PROPERTIES PREFIX "" OUTPUT_NAME ${name} UNITY_BUILD OFF
@@ -14,7 +15,7 @@ function(add_kernel_module name)
   target_link_options(${name}_module PRIVATE -Wl,-Bsymbolic)
 endfunction()
 
-# A program that runs hosts and loads modules. The modules find the kernel calls in it.
+# A program that runs hosts and loads modules. Modules find the kernel calls in the program.
 function(add_host_program name)
   add_executable(${name} ${ARGN})
   set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)

@@ -1,4 +1,4 @@
-// Whatever a service sends, libatsclient neither crashes nor loses a question: each ends exactly once.
+// libatsclient must neither crash nor lose a question for any bytes from a service. Each question ends exactly once.
 #include <cstdlib>
 #include <string>
 #include <sys/socket.h>
@@ -28,7 +28,7 @@ struct listener {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
 };
 
-// Sends the bytes to the client that waits, and hangs up.
+// Sends the bytes to the waiting client, and closes the connection.
 void answer(int listening, const uint8_t* data, size_t size)
 {
     const int fd = accept(listening, nullptr, nullptr);
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (ats_submit_resolve(client, 1, nullptr, tag) != ATS_OK) std::abort();
     if (ats_request_begin(client, R"({"request":"log"})", 1000) != ATS_OK) std::abort();
     size_t ended = 0;
-    for (int connection = 0; connection < 3; ++connection) { // a broken one is replaced once
+    for (int connection = 0; connection < 3; ++connection) { // a broken connection is replaced once
         answer(service.fd, data, size);
         ats_answer_t answers[questions];
         ended += ats_collect(client, answers, questions);

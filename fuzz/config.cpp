@@ -1,4 +1,4 @@
-// The configuration file of `ats run`: an input is the whole file.
+// The configuration file of `ats run`. An input is the whole file.
 #include <sys/mman.h>
 #include <unistd.h>
 

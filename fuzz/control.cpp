@@ -1,4 +1,4 @@
-// The control file: an input is the text of one write.
+// The control file. An input is the text of one write.
 #include "fuzz/one-host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)

@@ -1,5 +1,5 @@
-// The world of most fuzzers: a simulated fabric with a registered host that runs the service, and an HCA of a stranger.
-// An exception or a hard error ends the process; the fuzzer reports that.
+// The world of most fuzzers: a simulated fabric with one registered host that runs the service, and an HCA outside of
+// the service. An exception or a hard error ends the process, and the fuzzer reports it.
 #pragma once
 
 #include <cstdlib>
@@ -14,7 +14,7 @@
 namespace fuzz
 {
 
-// Aborts with the text unless the condition holds.
+// Aborts with the text unless `holds` is true.
 inline void require(bool holds, const char* fault)
 {
     if (holds) return;
@@ -34,7 +34,7 @@ struct one_host {
 
     kernel::machine& machine() { return host.machine(); }
 
-    // Call after each input. The host must be idle again: all its datagrams are back in their pools.
+    // Call it after each input. The host must be idle again: all its datagrams are back in their pools.
     void check()
     {
         sim->settle();

@@ -1,5 +1,5 @@
-// The parsers of short texts: addresses and GIDs as modules and people write them, module parameters, the ports report.
-// The first byte of an input chooses the parser.
+// The parsers of short texts: addresses and GIDs in the notations of modules and people, module parameters, the ports
+// report. The first byte of an input selects the parser.
 #include "console/control-report.h"
 #include "fuzz/one-host.h"
 #include "host/kernel/module-parameters.h"

@@ -1,5 +1,5 @@
-// Raw datagrams, from GSI through the service to the callbacks of IBAT and UCM. An input is a sequence of them, each
-// after a byte of flags.
+// Raw datagrams, which pass through GSI and the service to the callbacks of IBAT and UCM. An input is a sequence of
+// datagrams, each with a byte of flags before it.
 #include <algorithm>
 #include <cstring>
 
@@ -11,8 +11,8 @@ namespace
 {
 
 constexpr uint8_t flag_port = 1;        // send it to the second port
-constexpr uint8_t flag_sa_response = 2; // make it a response of the SA's class; few others get far
-constexpr uint8_t flag_ask_before = 4;  // let a UCM user ask for its GID first
+constexpr uint8_t flag_sa_response = 2; // make it a response of the SA's class; most other datagrams are dropped early
+constexpr uint8_t flag_ask_before = 4;  // make a UCM user ask for its GID first
 
 void check_answer(ibat_stat_t, ibat_arp_data_t* record, void*)
 {
@@ -21,7 +21,7 @@ void check_answer(ibat_stat_t, ibat_arp_data_t* record, void*)
 
 void ask(fuzz::one_host& host, const fabric::mad_bytes& mad)
 {
-    constexpr size_t gid_offset = 64; // in a ServiceRecord's MAD: it answers this question
+    constexpr size_t gid_offset = 64; // in a ServiceRecord's MAD: the GID of the question
     kq_gid_t gid;
     memcpy(&gid, mad.data() + gid_offset, sizeof gid);
     std::reverse(reinterpret_cast<uint8_t*>(&gid), reinterpret_cast<uint8_t*>(&gid + 1));

@@ -1,5 +1,6 @@
-// The SA of the embedded fabric: an input is a sequence of requests. Before each stands a byte: the ticks to wait after
-// it; if the byte is odd, the request gets the header of a ServiceRecord request, which the SA does not refuse at once.
+// The SA of the embedded fabric. An input is a sequence of requests. The byte before each request is the number of
+// ticks to wait after it. If the byte is odd, the request gets the header of a ServiceRecord request. The SA does not
+// refuse such a request at once.
 #include <algorithm>
 
 #include "fuzz/one-host.h"
