@@ -11,10 +11,10 @@
 namespace exec
 {
 
+// Ready tasks are ordered: first those that became ready, the oldest first, then those that were preempted.
 enum class choice_point {
-    stop,         // the running task has stopped. The choice is among the ready tasks: first those that became ready,
-                  // the oldest first, then those that were preempted
-    switch_point, // the running task could go on: it is choice 0, and the ready tasks follow in that order
+    stop,         // the running task has stopped: the choices are the ready tasks
+    switch_point, // the running task could continue: it is choice 0, and the ready tasks follow
 };
 
 class schedule

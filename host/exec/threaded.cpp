@@ -90,7 +90,7 @@ class threaded_executor final : public executor
             const timespec end = as_timespec(start_time_ + tick_duration(std::min(deadline, largest_deadline)));
             while (state == sleeping && now() < deadline) sleep_on(state, &end);
         }
-        // an exchange: after a wake-up at the deadline, this task sees the waker's earlier writes
+        // An exchange: after a wake-up at the deadline, this task sees the waker's earlier writes.
         state.exchange(running);
     }
 

@@ -20,7 +20,7 @@ constexpr uint64_t nominal_allocations = 0xffff880000000000; // blocks of kmallo
 constexpr uint64_t nominal_unknown = 0xffff8f0000000000;     // stacks and the like, in order of appearance
 constexpr uint64_t nominal_objects = 0xffffc90000000000;     // other added memory, in order of addition
 constexpr uint64_t nominal_images = 0xffffffffa0000000;      // modules, in order of loading
-// address space for each module; its address does not depend on the size of other modules
+// Address space for each module; its address does not depend on the size of other modules.
 constexpr uint64_t image_room = 0x100000;
 
 class address_layout

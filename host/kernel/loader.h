@@ -79,7 +79,7 @@ class loader
     loaded_module* find(const kernel_module_t* declaration) const;
 
     machine& machine_;
-    // guards the following members and the counts in modules_; never held while module code runs
+    // Guards the following members and the counts in modules_; never held while module code runs.
     mutable std::mutex mutex_;
     std::list<std::unique_ptr<loaded_module>> modules_;
     int32_t logger_level_ = 5;

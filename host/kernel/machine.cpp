@@ -23,7 +23,7 @@ machine::~machine()
 
 std::vector<std::string> machine::left_by(const module_code& code) const
 {
-    // called without the lock, because a service may create another one in its call
+    // Called without the lock, because a service may create another one in its call.
     std::vector<const service*> services;
     {
         const std::lock_guard lock(services_mutex_);

@@ -189,7 +189,7 @@ void show_usage()
 
 void show_unknown_command(int argc, char** argv)
 {
-    // printed in one call, to keep other lines from coming in between
+    // Printed in one call, to keep other lines from coming in between.
     char words[max_arguments * (argument_size + 3)] = "";
     for (int i = 0, length = 0; i < argc; ++i)
         length += snprintf(words + length, sizeof words - static_cast<size_t>(length), " '%s'", argv[i]);
