@@ -212,7 +212,7 @@ TEST(umad_port, is_asked_one_question_while_nothing_changes)
     EXPECT_EQ(look_at(watch, 9).questions, 5);
 }
 
-TEST(umad_port, that_stops_answering_is_asked_on_and_counts_as_silent)
+TEST(umad_port, that_stops_answering_counts_as_silent_and_is_heard_again)
 {
     umad::port_watch watch(1, 1000);
     uint64_t now = 0;
@@ -228,6 +228,9 @@ TEST(umad_port, that_stops_answering_is_asked_on_and_counts_as_silent)
     }
     EXPECT_GT(now - last_heard, 5000u) << "losing a datagram or two is no silence";
     EXPECT_LT(now - last_heard, 10'000u);
+    watch.postpone(now);
+    EXPECT_FALSE(watch.is_silent()) << "a port that counts as silent for ever is never asked again";
+    EXPECT_TRUE(look_at(watch).attributes);
 }
 
 } // namespace

@@ -112,6 +112,7 @@ std::optional<fabric::port_attributes> port_watch::accept(const fabric::mad_byte
 void port_watch::hurry(uint64_t now)
 {
     is_asking_ = false; // answers to earlier questions may be outdated
+    tries_ = 0;
     brief_looks_ = 0;
     due_ = now;
 }
@@ -119,6 +120,7 @@ void port_watch::hurry(uint64_t now)
 void port_watch::postpone(uint64_t now)
 {
     is_asking_ = false;
+    tries_ = 0;
     due_ = now + interval_;
 }
 

@@ -53,7 +53,7 @@ class port_watch
     bool is_silent() const { return tries_ > (has_ever_answered_ ? most_tries : most_first_tries); }
     bool has_ever_answered() const { return has_ever_answered_; }
 
-    // Starts the next look after one interval.
+    // Starts the next look after one interval. A silent port is then asked again, as often as before.
     void postpone(uint64_t now);
 
   private:
