@@ -26,8 +26,7 @@ world::host_plan plan_of(const host_setup& setup)
     return plan;
 }
 
-// Replaces pointers and shortens the prefix of trace lines. A pointer is printed as 16 hexadecimal digits in lower
-// case.
+// Replaces pointers and shortens the prefix of trace lines. A pointer consists of 16 hexadecimal digits in lower case.
 std::string readable(std::string line)
 {
     static const std::regex pointer("ffff[0-9a-f]{12}(?![0-9a-f])");
@@ -37,7 +36,7 @@ std::string readable(std::string line)
     return std::regex_replace(std::regex_replace(line, pointer, "PTR"), trace_line, "$1 $3/$2: $4");
 }
 
-// "node1.2"; of an HCA other than the host's first "node1.mthca1.2".
+// For example "node1.2", or "node1.mthca1.2" for an HCA other than the host's first.
 std::string name_of(const embedded::port_view& port)
 {
     const std::string hca = port.hca_name == "mthca0" ? "" : port.hca_name + ".";
@@ -238,7 +237,7 @@ std::string ats_world::describe(const wire_request& request) const
 
 std::string ats_world::port_name(uint16_t lid) const
 {
-    // Not called from crossed(): the subnet holds its lock there.
+    // Do not call it from crossed(), where the subnet holds its lock.
     for (const embedded::port_view& port : subnet.ports())
         if (port.lid == lid) return name_of(port);
     return "LID " + std::to_string(lid);

@@ -1,5 +1,5 @@
 // Hosts that run the real ats.so on one subnet in memory. A scenario makes things happen at given ticks. The world
-// records the requests to the SA and the log of each host, as text that is easy to compare:
+// records the requests to the SA and the log of each host as text for comparison:
 //
 //     node1.link_up(2);
 //     EXPECT_THAT(w.requests(), ElementsAre("0 node1.2 DELETE none", "0 node1.2 SET node1.2 10.0.0.1 node1"));
@@ -34,15 +34,15 @@ constexpr int trace_error = 1, trace_debug = 4, trace_func = 5;
 struct host_setup {
     std::string name = "node1";
     std::string address = "10.0.0.1";
-    std::vector<int> ports = {1}; // how many the HCAs mthca0, mthca1, ... have
+    std::vector<int> ports = {1}; // number of ports of the HCAs mthca0, mthca1, ...
     std::string more_parameters = "";
     int trace = trace_error;
     bool has_ucm = true;
-    bool has_key = true;         // whether the registry has its trace level
+    bool has_key = true;         // the registry has the host's trace level
     size_t log_bytes = 64 << 20; // enough for the log of a long test
 };
 
-// A lookup of a GID's address as UCM makes it, and the answers to it.
+// A lookup of a GID's address, made in the way of UCM, and the answers to it.
 struct reverse_lookup {
     struct answer {
         uint64_t tick;
@@ -51,10 +51,10 @@ struct reverse_lookup {
         bool operator==(const answer&) const = default;
     };
     std::vector<answer> answers;
-    int64_t order = 0; // the number of its last answer, counting those to all lookups
+    int64_t order = 0; // position of its last answer among the answers to all lookups
     static inline int64_t answer_count = 0;
 
-    // The function that ats calls with the answer; `lookup` is a reverse_lookup.
+    // ats calls this function with the answer; `lookup` is a reverse_lookup.
     static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* lookup);
 };
 
@@ -81,28 +81,28 @@ class ats_host
     // Runs `body` in a task of the host. A caller outside of any task then also waits until all tasks are parked.
     void run(const std::function<void()>& body);
 
-    // Sends a lookup as UCM does; `lookup` gets the answer and must live until then.
+    // Sends a lookup in the way of UCM. `lookup` receives the answer and must live until then.
     ibat_stat_t reverse(const kq_gid_t& gid, reverse_lookup& lookup);
 
-    // Sends a lookup as IBAT does.
+    // Sends a lookup in the way of IBAT.
     ibat_stat_t resolve(const std::string& address);
 
-    // Starts a task of the host. The scenario may signal it, and must finish() it.
+    // Starts a task of the host. The scenario may send it a signal, and must finish() it.
     exec::task& start(const std::string& task_name, std::function<void()> body)
     {
         return machine().start(task_name, std::move(body));
     }
     void finish(exec::task& task) { machine().exec().join(task); }
 
-    int control(const std::string& command); // one write to the control file; returns what the write returned
+    int control(const std::string& command); // one write to the control file; returns the result of the write
     std::string read(const std::string& proc_file);
     void trace(int level);
 
-    // The log lines since the last call. A trace line reads "LEVEL unit/operation: text"; any other line stays as it
-    // is. Pointers read PTR.
+    // The log lines since the last call. A trace line has the form "LEVEL unit/operation: text"; any other line does
+    // not change. PTR replaces pointers.
     std::vector<std::string> log();
 
-    // Lists what the module has not given back; "" if it has given back everything.
+    // Lists the resources that the module has not given back, or "".
     std::string leftovers();
 
     // A symbol that the module exports.
@@ -137,20 +137,21 @@ class ats_world final : fabric::tap
     // Adds a host with its peers. The module is not loaded.
     ats_host& add(const host_setup& setup = {});
 
-    // Adds a host, loads the module and raises the link of port 1. Forgets the requests and log lines of that.
+    // Adds a host, loads the module and raises the link of port 1. Discards the requests and log lines up to then.
     ats_host& add_registered(const host_setup& setup = {});
 
-    // Runs the world until this many ticks after its beginning.
+    // Runs the world until this many ticks after its start.
     void at(uint64_t tick) { sim->run_until(begin_tick_ + tick); }
 
-    // The requests of all hosts to the SA since the last call; ticks count from the world's beginning.
+    // The requests of all hosts to the SA since the last call. Ticks count from the start of the world.
     std::vector<std::string> requests();
     std::vector<wire_request> raw_requests();
 
-    // The records at the SA: "node1.1 10.0.0.1 node1".
+    // The records at the SA, for example "node1.1 10.0.0.1 node1".
     std::vector<std::string> records() const;
 
-    // Sends a datagram to a port of a host from a port that is not the SA's. It has arrived when the call returns.
+    // Sends a datagram to a port of a host. The sender is not the SA's port. The datagram has arrived when the call
+    // returns.
     void inject(const ats_host& host, int port, const fabric::mad_bytes& mad);
 
     std::unique_ptr<exec::simulation> sim;
@@ -166,7 +167,7 @@ class ats_world final : fabric::tap
     const uint64_t begin_tick_;
     std::vector<wire_request> requests_;
     fabric::hca* stranger_ = nullptr;
-    std::vector<std::unique_ptr<ats_host>> hosts_; // destroyed first: unloading still uses the others
+    std::vector<std::unique_ptr<ats_host>> hosts_; // destroyed first, because unloading still uses the other members
 };
 
 // The answer of an SA to a lookup.

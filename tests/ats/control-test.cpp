@@ -1,4 +1,5 @@
-// Writes to the control file: how a text is split into words, and what each command does with good and bad words.
+// Writes to the control file. Tests how a text is split into words, and the effect of each command with good and bad
+// words.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -63,7 +64,8 @@ TEST_F(control, bad_input_is_logged_and_changes_nothing)
         {repeated("w ", 29) + forty_five, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {repeated("w ", 29) + forty, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {"half" + nul + "rest", unknown(" 'half'")},
-        {"half " + nul + "rest", unknown(" 'half' ''")}, // the last byte is not white space: it counts as one more word
+        // The last byte is not white space, so it counts as one more word.
+        {"half " + nul + "rest", unknown(" 'half' ''")},
         {"half" + nul + " ", usage},
         {nul, unknown(" ''")},
         {"w" + std::string(4095, ' '), unknown(" 'w'")},

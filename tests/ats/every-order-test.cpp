@@ -1,5 +1,5 @@
-// Moments at which several events meet. Each is run in every order of its tasks that deviates from first come, first
-// served at most twice, or as often as the environment variable ATS_DEVIATIONS says.
+// Moments at which several events meet. Each test tries every order of the tasks with at most two deviations from the
+// plain order. The environment variable ATS_DEVIATIONS changes that limit.
 #include <csignal>
 #include <cstdlib>
 
@@ -14,7 +14,7 @@ namespace
 
 const exec::systematic_schedule* present_order = nullptr;
 
-// A hard error ends the process. This prints the order that led to it.
+// A hard error ends the process. This prints the order that has caused it.
 void print_order(int signal)
 {
     std::signal(signal, SIG_DFL);
@@ -27,13 +27,13 @@ int deviation_bound(int default_bound)
     return text ? std::atoi(text) : default_bound;
 }
 
-// The world in which one order is tried. A scenario sets up its hosts and then calls explore() for the moment in
-// question.
+// The world in which one order is tried. A scenario first sets up its hosts. Then it calls explore() for the moment of
+// interest.
 struct moment {
     ats_world w;
     exec::systematic_schedule& order;
 
-    // Runs the world for so many ticks, with its tasks in the order being tried.
+    // Runs the world for this many ticks. The tasks run in the order that is being tried.
     void explore(uint64_t ticks)
     {
         order.explore(true);
@@ -75,7 +75,7 @@ exec::task& start_write(ats_host& host, const std::string& command)
     return host.start("writer", [&host, command] { host.machine().proc.write("dorvex/ats/control", command); });
 }
 
-// The tick at which the first check of a freshly loaded host is due, from its trace lines.
+// The tick at which the first check of a newly loaded host is due, from its trace lines.
 uint64_t first_check_tick(ats_host& host)
 {
     for (const std::string& line : host.log())
@@ -105,7 +105,7 @@ TEST(every_order, of_the_answer_its_duplicate_the_time_out_and_the_stop_of_one_r
     in_every_order(2, [](moment& moment) {
         ats_host& host = moment.w.add_registered();
         reverse_lookup lookup;
-        moment.w.at(1000); // the request timer expires at full thousands
+        moment.w.at(1000); // the request timer expires at multiples of 1000
         moment.w.subnet.faults.latency_ticks = 500;
         moment.w.subnet.faults.duplicate_percent = 100;
         EXPECT_EQ(host.reverse(host.gid(1), lookup), ibat_stat_pending);
@@ -122,7 +122,7 @@ TEST(every_order, of_the_answer_its_duplicate_the_time_out_and_the_stop_of_one_r
     });
 }
 
-// UCM is unloaded right after ats. Nothing may call into it from then on.
+// UCM is unloaded immediately after ats. From then on, no code may call into it.
 TEST(every_order, of_a_time_out_and_the_unloading_of_ats_and_ucm)
 {
     in_every_order(1, [](moment& moment) {
@@ -170,7 +170,7 @@ TEST(every_order, of_two_updates_and_a_failover)
     });
 }
 
-// A check finds no record or gets no answer, and registers anew while something else happens.
+// A check finds no record or gets no answer, and registers again. Another event happens at the same time.
 struct check_that_fails : testing::TestWithParam<const char*> {
 };
 
@@ -184,11 +184,11 @@ TEST_P(check_that_fails, in_every_order)
         host.link_up(2);
         moment.w.subnet.forget_all();
         if (other == "rename" || other == "flap") {
-            // Meets the request timer, which finds the check unanswered after a second.
+            // The check meets the request timer, which ends the unanswered check after a second.
             moment.w.subnet.faults.drop_next_answers = 1;
             moment.w.at((due_tick + 1999) / 1000 * 1000 - 1);
         } else {
-            // Meets the answer to the check.
+            // The other event meets the answer to the check.
             moment.w.subnet.faults.latency_ticks = 1;
             moment.w.at(due_tick + 1);
         }

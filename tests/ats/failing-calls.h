@@ -1,10 +1,10 @@
-// Lets every kernel call of a scenario that can fail do so, one after the other: first alone, then together with each
-// later call. One loop tests all error paths of a scenario.
+// Makes every kernel call of a scenario fail, one after the other: first alone, then together with each later call. One
+// loop tests all error paths of a scenario.
 #pragma once
 
 #include "tests/ats/ats-world.h"
 
-// Says which calls of a run fail: the n-th one, and the one `gap` calls later unless `gap` is 0.
+// The calls of a run that fail: the n-th one, and the one `gap` calls later unless `gap` is 0.
 struct failing_calls {
     uint64_t n;
     uint64_t gap;
@@ -17,8 +17,8 @@ struct failed_calls {
 };
 
 // Runs `scenario` with the first call failing, then the second, until a run has no failure. Each of these runs is
-// repeated with a second failure at every distance. The scenario passes `calls` to with_failing_calls(), checks what
-// must hold and returns the failures.
+// repeated with a second failure at every distance. The scenario passes `calls` to with_failing_calls(), checks the
+// result and returns the failures.
 inline void for_every_failing_call(const std::function<failed_calls(failing_calls)>& scenario)
 {
     for (failing_calls calls{1, 0};; ++calls.n) {

@@ -1,4 +1,4 @@
-// Other modules change the name and the address at run time: what every HCA registers, and what remains after a
+// Other modules change the name and the address at run time. Tests what every HCA registers, and what remains after a
 // failure.
 #include "tests/ats/ats-world.h"
 
@@ -121,7 +121,7 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
 }
 
-// A writer with a pending signal gets the semaphore if it is free. Then it never waits.
+// A writer with a pending signal gets the semaphore if it is free. After that, it never waits.
 TEST_F(identity, a_pending_signal_ends_every_wait)
 {
     host.link_up(1);

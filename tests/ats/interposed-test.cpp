@@ -1,7 +1,7 @@
-// Events and answers that no fabric here produces: events of unknown types, of ports and of HCAs that do not exist;
-// answers that arrive before the sending call has returned; a link that goes down in the middle of a call. This test
-// produces them between ats and the stack. It loads a copy of the module in which the names of some kernel calls are
-// replaced by the names of this test's own calls.
+// Events and answers that no fabric here produces: events of unknown types, and of ports and HCAs that do not exist;
+// answers that arrive before the sending call has returned; a link that goes down during a call. This test produces
+// them between ats and the stack. It loads a copy of the module in which the names of some kernel calls are replaced by
+// the names of this test's own calls.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -61,7 +61,7 @@ std::string changed_image()
     std::ifstream original(world::default_module_folder() + "/ats.so", std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(original), {}};
     for (const auto& [real, own] : own_calls) {
-        const std::string symbol = '\0' + std::string(real) + '\0'; // not a text that only begins with the name
+        const std::string symbol = '\0' + std::string(real) + '\0'; // excludes longer names that begin with this name
         size_t position = image.find(symbol);
         while (position != std::string::npos) {
             image.replace(position + 1, own.size(), own);

@@ -1,4 +1,4 @@
-// Paths from a host with its real modules: what is asked, what is kept, and which events make it false.
+// Paths from a host with its real modules. Tests the requests, the cache, and the events that drop a path.
 #include <gtest/gtest.h>
 
 #include "host/fabric/embedded/subnet.h"
@@ -17,7 +17,7 @@ using world::path_resolution;
 using world::path_status;
 
 struct paths : testing::Test {
-    // The asker has two ports, the other host one.
+    // The asking host has two ports, the other host one.
     paths()
     {
         for (world::host* each : {&asker, &other}) EXPECT_TRUE(each->load());
@@ -91,7 +91,7 @@ TEST_F(paths, are_asked_once_and_kept_until_they_age)
     EXPECT_EQ(counters().requests, 1u) << "all who ask join one request";
 
     expect_true(find(gid), 1, true);
-    expect_true(find(address), 1, false); // the address had to be asked for
+    expect_true(find(address), 1, false); // the SA had to be asked for the address
     expect_true(find(address), 1, true);
     expect_true(find(gid, lookup_mode::sa_only), 1, false);
     EXPECT_EQ(counters().requests, 2u);
@@ -108,7 +108,7 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
         std::function<void(embedded::fault_switches&)> fault;
         path_status status;
         uint64_t ticks;
-        counter_t counter; // it counts this
+        counter_t counter; // the counter that counts this
     } rows[] = {
         {"lost", [](auto& faults) { faults.drop_next = 1; }, path_status::found, 500, &ibat_path_counters_t::retries},
         {"busy", [](auto& faults) { faults.answer_with(MAD_STATUS_BUSY, 2); }, path_status::found, 1000,
@@ -142,15 +142,15 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
     subnet.faults.sa_silent = true;
     const path_resolution impatient = find(gid, lookup_mode::sa_only, 70);
     EXPECT_EQ(impatient.status, path_status::timed_out);
-    pass(2000); // the answer that nobody waits for any more
+    pass(2000); // wait for the answer, which no task needs any more
     EXPECT_TRUE(asker.unload());
 }
 
 TEST_F(paths, are_forgotten_when_an_event_makes_them_false)
 {
     expect_true(find(address), 1, false);
-    EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1)); // says nothing new
-    EXPECT_TRUE(subnet.link_up("node1", "mthca0", 2)); // of a port that is not in use
+    EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1)); // repeats the present state
+    EXPECT_TRUE(subnet.link_up("node1", "mthca0", 2)); // for a port that is not in use
     pass(10);
     expect_true(find(address), 1, true);
 
@@ -158,7 +158,7 @@ TEST_F(paths, are_forgotten_when_an_event_makes_them_false)
     pass(10);
     expect_true(find(address), 1, false);
 
-    // A request in flight when its port goes down is repeated at once through the other port.
+    // If its port goes down, a request in flight is repeated at once through the other port.
     subnet.faults.sa_silent = true;
     path_resolution late;
     world::start_path_resolution(asker.machine(), gid, lookup_mode::sa_only,
@@ -171,7 +171,7 @@ TEST_F(paths, are_forgotten_when_an_event_makes_them_false)
     EXPECT_LT(late.took_ticks, 100u);
     expect_true(find(gid), 2, true);
 
-    // The module stays at its port when the other one comes back, and so do the paths.
+    // When the other port comes back, the module keeps its port, and so do the paths.
     EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1));
     pass(10);
     expect_true(find(gid, lookup_mode::sa_only), 2, false);

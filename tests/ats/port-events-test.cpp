@@ -1,4 +1,4 @@
-// Two ports and their events: which port is active, and which requests go to the SA and when.
+// Two ports and their events. Tests which port is active, and the times of the requests to the SA.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -10,7 +10,7 @@ struct port_events : testing::Test {
     ats_world w;
     ats_host& host = w.add({.ports = {2}}).load();
 
-    // The states of both ports, as in "Down Active".
+    // The states of both ports, for example "Down Active".
     std::string states()
     {
         host.log();
@@ -63,7 +63,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
 TEST_F(port_events, a_silent_sa_costs_three_waits)
 {
     host.link_up(1);
-    host.control("delete_ip 10.0.0.1"); // answered already: no later Delete may take that answer for its own
+    host.control("delete_ip 10.0.0.1"); // its answer has arrived, so no later Delete can mistake it for its own
     host.link_down(1);
     w.requests();
     host.trace(trace_debug);
@@ -81,7 +81,7 @@ TEST_F(port_events, a_silent_sa_costs_three_waits)
 
 TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
 {
-    w.subnet.faults.latency_ticks = 15; // the first Delete is answered while the second waits
+    w.subnet.faults.latency_ticks = 15; // the answer to the first Delete comes while the second one waits
     host.link_up(1);
     w.at(30);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "20 node1.1 DELETE none",
@@ -93,7 +93,7 @@ TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
     EXPECT_THAT(w.requests(), ElementsAre("100 node1.1 DELETE node1.1", "100 node1.1 SET node1.1 10.0.0.1 other"));
 }
 
-// A link goes down while a registration through it is running. Events of that HCA wait for the registration, events of
+// A link goes down while a registration through it is running. Events of that HCA wait for the registration; events of
 // another HCA do not.
 TEST(port_events_of_two_hcas, wait_for_the_registration_before_them)
 {
@@ -157,7 +157,7 @@ TEST_F(port_events, a_refused_set_keeps_the_gid_of_the_next_delete)
     host.link_up(2);
     host.link_up(1);
     w.requests();
-    constexpr uint64_t delete_calls = 2, set_calls = 2; // each a datagram and its post
+    constexpr uint64_t delete_calls = 2, set_calls = 2; // each needs a datagram and its post
     host.faults().fail_nth(delete_calls + set_calls);
     host.link_down(2);
     EXPECT_EQ(host.faults().failed_call(), "gsi_post_send_dtgrm");
@@ -181,7 +181,8 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
 {
     const struct {
         const char* call;
-        const char* last_request; // lacks what was not read; without the port's attributes it goes to no SM
+        // Lacks the fields that were not read; without the port's attributes it has no SM to go to.
+        const char* last_request;
     } table[] = {{"kq_port_query", "60 node1.1 SET none 10.0.0.1 node1"},
                  {"kq_get_port_gid_tbl", "0 node1.1 SET none 10.0.0.1 node1"},
                  {"kq_get_port_partition_tbl", "0 node1.1 SET node1.1 10.0.0.1 node1"}};

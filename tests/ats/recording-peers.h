@@ -1,5 +1,5 @@
-// Stand-ins for IBAT and UCM. They record what ats hands over, and answer as the test says. Each machine has one pair,
-// published under the names that the real ones use.
+// Replacements for IBAT and UCM. They record the calls of ats, and answer as the test requires. Each machine has one
+// pair, published under the names of the real ones.
 #pragma once
 
 #include <functional>
@@ -32,7 +32,7 @@ class recording_peers final : public kernel::service
     }
     void withdraw(const std::string& name) { home_.inter_modules.withdraw(name); }
 
-    // The references that the module holds on the functions of both.
+    // The number of references that the module holds on the functions of both.
     int references() const
     {
         int sum = 0;
@@ -50,9 +50,9 @@ class recording_peers final : public kernel::service
     send_rarp_fn_t send_rarp = nullptr;
     void* rarp_context = nullptr;
 
-    std::vector<ibat_arp_data_t> replies;             // those that ats handed to IBAT
+    std::vector<ibat_arp_data_t> replies;             // the replies that ats passed to IBAT
     std::function<void()> processing_hook;            // called for each of them, before IBAT returns
-    std::vector<std::pair<kq_gid_t, uint32_t>> cache; // IBAT's
+    std::vector<std::pair<kq_gid_t, uint32_t>> cache; // the cache of IBAT
 
   private:
     template <class function_t>

@@ -12,7 +12,7 @@ struct replies : testing::Test {
     ats_world w;
     ats_host& host = w.add_registered({.ports = {2}, .trace = trace_debug});
 
-    // The lines of the decoder and of the code behind it, without those about the pending list.
+    // The lines of the decoder and of the later steps, without those about the pending list.
     std::vector<std::string> lines()
     {
         std::vector<std::string> log = host.log();

@@ -1,5 +1,5 @@
-// The two files of the module, letter by letter: the report that a read of the control file writes to the log, and the
-// version.
+// The two files of the module, byte by byte. A read of the control file writes the report to the log. The other file is
+// the version.
 #include "module-version.h"
 #include "tests/ats/ats-world.h"
 
@@ -9,7 +9,7 @@ namespace
 TEST(report, shows_every_hca_and_port)
 {
     ats_world w;
-    w.subnet.add_hca("other", "hca", 8).value(); // takes eight LIDs: the next one, 11, has a letter in the report
+    w.subnet.add_hca("other", "hca", 8).value(); // uses eight LIDs: the next one, 11, has a letter in the report
     ats_host& host = w.add({.ports = {2, 1}}).load();
     host.link_up(2);
     w.subnet.faults.drop_next_answers = 1;

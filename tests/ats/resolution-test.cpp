@@ -1,4 +1,4 @@
-// Lookups for IBAT and UCM: the requests to the SA, the answers and when they come. Each request ends exactly once.
+// Lookups for IBAT and UCM: the requests to the SA, the answers and their times. Each request ends exactly once.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -68,8 +68,8 @@ TEST_F(resolution, other_answers_do_not_end_a_request)
     EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
 }
 
-// The timer runs once a second and ends the requests that are a second old or older. In one run the tick count exceeds
-// 32 bits meanwhile, in another 31.
+// The timer runs once a second and ends the requests that are at least one second old. In one run the tick count
+// exceeds 32 bits meanwhile, in another 31.
 TEST(time_out, comes_to_the_tick)
 {
     for (const uint64_t begin : {uint64_t{0}, uint64_t{0xFFFFFE00}, uint64_t{0x7FFFFFFF}}) {

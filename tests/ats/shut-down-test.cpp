@@ -1,4 +1,4 @@
-// Unloading deletes the record, gives everything back and ends, whatever the state of the module.
+// In any state of the module, unloading deletes the record, gives everything back and ends.
 #include "kernel/errno.h"
 #include "tests/ats/failing-calls.h"
 
@@ -76,7 +76,7 @@ TEST_F(shut_down, waits_for_gsi_to_let_go)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The check of the first HCA would come after that HCA has stopped, while the Delete of the second one is awaited.
+// The check of the first HCA would come after that HCA has stopped, during the wait for the Delete of the second one.
 TEST(shut_down_of_two_hcas, ends_verification_first)
 {
     ats_world w;
@@ -96,7 +96,7 @@ TEST(shut_down_of_two_hcas, ends_verification_first)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// IBAT is still processing an answer when the stop begins. Without UCM no other step of the stop waits for that.
+// IBAT is still processing an answer when the stop begins. Without UCM, only this step of the stop waits for that.
 TEST(shut_down_without_ucm, waits_for_an_answer_that_ibat_is_processing)
 {
     ats_world w;

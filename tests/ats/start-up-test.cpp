@@ -12,7 +12,7 @@ namespace
 
 using lines = std::vector<std::string>;
 
-// The number that the module's start-up failed with; 0 if it did not fail.
+// The error number of the module's start-up, or 0 without an error.
 int number_of_failure(const ats::result<>& result)
 {
     const std::string words = "start-up failed with ";
@@ -25,7 +25,7 @@ int number_of_failure(const ats::result<>& result)
 struct start_up : testing::TestWithParam<std::vector<int>> {
 };
 
-// The calls that an HCA cannot do without.
+// The calls without which an HCA cannot work.
 const std::set<std::string> needed_calls = {"kq_hca_open", "kq_hca_query", "gsi_register_class",
                                             "gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"};
 
@@ -96,7 +96,7 @@ TEST(start_up_of, an_hca_that_fails_says_why)
     }
 }
 
-// HCA 0 is stopped again and its record deleted. HCA 1 gives back what it had. HCA 2 was never started.
+// HCA 0 is stopped again and its record deleted. HCA 1 gives back its resources. HCA 2 was never started.
 TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
 {
     ats_world w;
