@@ -1,4 +1,4 @@
-// Addresses and GIDs as text: which ones the calls and commands accept, and which values they send.
+// Addresses and GIDs as text. Tests which texts the calls and commands accept, and the values that they send.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -22,7 +22,7 @@ TEST_F(text, ipv4_addresses)
         {"", "refused"},
         {"256.1.1.1", "0.1.1.1"},
         {"300.2.3.4", "44.2.3.4"},
-        {"4294967295.1.1.1", "refused"}, // the value that means no address
+        {"4294967295.1.1.1", "refused"}, // this value means no address
         {"1.1.1.4294967295", "refused"},
         {"8589934591.1.1.1", "refused"}, // the same, in the low 32 bits
         {"4294967296.1.1.1", "0.1.1.1"},

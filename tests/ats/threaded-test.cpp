@@ -1,5 +1,5 @@
-// The whole service on real threads: hosts resolve each other while links flap, identities change, the SA moves and
-// forgets, and one host leaves. Nothing is simulated, so that the thread sanitizer sees the races that a machine would.
+// The whole service on real threads. Hosts resolve each other while links flap, identities change, the SA moves and
+// loses records, and one host leaves. Nothing is simulated, so the thread sanitizer sees real races.
 #include <chrono>
 
 #include "console/host-plans.h"
@@ -52,8 +52,8 @@ class running_hosts
         machine(host).enter("write", [&] { machine(host).proc.write("dorvex/ats/control", command); });
     }
 
-    // Looks up addresses, then their GIDs and the paths to them, `times` times, at the SA or in the caches. Does not
-    // wait for some of the paths.
+    // Looks up addresses, their GIDs and the paths to them, `times` times, at the SA or in the caches. Does not wait
+    // for some of the paths.
     void resolve_others(size_t host, int times)
     {
         for (int i = 0; i < times; ++i) {
@@ -125,12 +125,12 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
             if (i % 10 == 0) w.subnet.forget_all();
         }
     });
-    w.leave(2); // with traffic still running
+    w.leave(2); // while requests are still running
     w.finish();
     EXPECT_GT(w.answer_count, 0);
     EXPECT_GT(w.path_count, 0);
 
-    // The two hosts that stayed can still register.
+    // The two remaining hosts can still register.
     for (size_t host : {0, 1}) w.write(host, "set_host_name end");
     EXPECT_TRUE(eventually(*w.exec, [&] {
         const std::vector<embedded::service_record_view> records = w.subnet.service_records();
@@ -140,8 +140,8 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
               ibat_stat_ok);
     w.leave(1);
 
-    // The second HCA has events while the first one is being stopped. Its last record may remain, because its link may
-    // be down when it is stopped.
+    // The second HCA gets events while the first one is being stopped. Its last record may remain, because its link may
+    // be down at its stop.
     std::atomic<bool> has_left = false;
     w.start(0, "flap on", [&] {
         while (!has_left) w.flap("mthca1");

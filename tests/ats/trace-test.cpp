@@ -1,4 +1,5 @@
-// Trace levels: the level of the logger and that of the module must both admit a line. Both can change at any time.
+// Trace levels. A line is printed only if both the level of the logger and that of the module allow it. Both levels can
+// change at any time.
 #include <malloc.h>
 #include <set>
 
@@ -9,7 +10,7 @@
 namespace
 {
 
-// The levels of the lines that an event leaves. The event fails in part, so that it has lines of each level.
+// The levels of the lines that an event prints. The event fails in part, so it prints lines of each level.
 std::set<std::string> levels_of_an_event(ats_world& w, ats_host& host)
 {
     host.log();
@@ -89,7 +90,7 @@ TEST(trace, is_off_without_a_registry_value)
     EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "tracing stays off until the next load";
 }
 
-// The host checks its record once a minute and traces every step. What it no longer needs must go: its log, above all.
+// The host checks its record once a minute and traces every step. It must free what it no longer needs, mainly its log.
 TEST(trace, of_everything_for_a_month_takes_no_more_memory)
 {
     ats_world w;

@@ -1,4 +1,4 @@
-// Each HCA checks its own record: when it does, and what it registers again.
+// Each HCA checks its own record. Tests the times of the checks, and what is registered again.
 #include "host/kernel/random.h"
 #include "host/stack/timers.h"
 #include "tests/ats/ats-world.h"
@@ -15,13 +15,13 @@ struct verification : testing::Test {
         host.control("sa_verify_period 0 0");
         w.at(59'999);
         host.control("sa_verify_period 10 0");
-        w.at(60'600); // the check armed at load has run; checks are on again
+        w.at(60'600); // the check armed at load has run; now checks are on again
         const lines requests = w.requests();
         EXPECT_EQ(requests.size(), 1u);
         next_check = std::stoull(requests.at(0)) + 10'000;
     }
 
-    // Runs until after the next check and the time-out of its request. Returns the requests; their ticks count from the
+    // Runs until after the next check and the time-out of its request. Returns the requests. Their ticks count from the
     // check.
     lines check()
     {
@@ -85,7 +85,7 @@ TEST_F(verification, restores_over_a_wrong_address)
     EXPECT_THAT(log, Contains("DEBUG api/rarp_callback: gid & ipaddress don't match"));
 }
 
-// The answer to a registration carries the own GID too. It ends a check that waits for its answer.
+// The answer to a registration also has the own GID. It ends a check that waits for its answer.
 TEST_F(verification, ends_with_the_answer_to_a_registration)
 {
     w.subnet.faults.drop_next_answers = 1;
@@ -118,7 +118,7 @@ TEST_F(verification, needs_an_active_port)
     EXPECT_THAT(check(), ElementsAre("0 node1.2 GET node1.2"));
 }
 
-// A registration that waits for its answer delays the query, but not the check after it.
+// A registration that waits for its answer delays the lookup of the check. It does not delay the next check.
 TEST_F(verification, keeps_its_pace_when_a_query_has_waited)
 {
     const stack::timers& timers = host.machine().get<stack::timers>();
@@ -145,7 +145,8 @@ TEST_F(verification, logs_what_it_could_not_send)
         Contains("DEBUG api/verification_callback: call ats_rarp_send_nocache() returned ibat_stat_error (-255)"));
     w.subnet.forget_all();
     w.at(next_check - 1);
-    host.faults().fail_nth(5); // after memory, the semaphore, a datagram and its post: the datagram of the Set
+    // The fifth call is the datagram of the Set, after memory, the semaphore, a datagram and its post.
+    host.faults().fail_nth(5);
     w.at(next_check);
     EXPECT_EQ(host.faults().failed_call(), "gsi_dtgrm_pool_get");
     EXPECT_THAT(host.log(), Contains("DEBUG api/rarp_callback: Can't start SA set of service record   ret=-1"));

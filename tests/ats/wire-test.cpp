@@ -1,5 +1,5 @@
-// The bytes of the four requests, and their destination. All hosts of the service must use the same layout. A host with
-// one byte elsewhere is not found, or does not find others.
+// The bytes of the four requests, and their destination. All hosts of the service must use the same layout. If one byte
+// of a host is at another place, lookups between this host and others fail.
 #include <set>
 
 #include "tests/ats/ats-world.h"
@@ -37,7 +37,7 @@ fabric::mad_bytes request_with(const std::vector<field>& fields)
 
 const bytes gid = {0xFE, 0x80, 1, 2, 3, 4, 5, 6, 2, 0, 0, 0, 0, 1, 0, 1};
 const bytes mask_by_gid = {0, 0, 0, 0, 0, 0, 0, 0x43};
-const std::string name = "abcdefghijklmnopqrstuvwxyzABCD"; // as long as a registered name can be
+const std::string name = "abcdefghijklmnopqrstuvwxyzABCD"; // as long as a registered name may be
 
 const fabric::mad_bytes first_delete = request_with({{3, {0x15}}, {48, mask_by_gid}});
 const fabric::mad_bytes later_delete = request_with({{3, {0x15}}, {48, mask_by_gid}, {64, gid}});
