@@ -1,4 +1,4 @@
-// Wrong input gets one clear line and its exit code, and loses nothing.
+// Wrong input gets one clear line and its exit code, and nothing is lost.
 #include <algorithm>
 #include <grp.h>
 #include <list>
@@ -24,10 +24,10 @@ using testing::StartsWith;
 struct bad_input {
     std::vector<std::string> arguments;
     int exit_code;
-    const char* complaint; // in the line on stderr
+    const char* complaint; // a part of the line on stderr
 };
 
-// One line ("ats: ..."), or two where the second is where to look further.
+// Expects one line ("ats: ..."). A second line is allowed if it names further help.
 void expect_refused(const program_result& result, const bad_input& expectation)
 {
     SCOPED_TRACE(testing::PrintToString(expectation.arguments));
@@ -97,7 +97,7 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
 }
 
-// The service's answer to a line that the program would never send.
+// Sends a line that the program itself never sends. Returns the service's answer.
 std::string answer_to(const std::string& line, const std::string& socket)
 {
     return raw_connection(socket).ask(line);
@@ -149,11 +149,12 @@ TEST(bad_input, service_survives_clients_without_manners)
     EXPECT_THAT(hasty.read(), HasSubstr("uptime_seconds"));
     EXPECT_EQ(hasty.read(), "(hung up)");
     for (int i = 0; i < 2000; ++i) raw_connection(ats.socket(), false).write("{\"request\":");
-    EXPECT_TRUE(eventually([&] { return ats.ask({"set-name", "plain"}).exit_code == 0; })); // the crowd has gone
+    // The other clients have left.
+    EXPECT_TRUE(eventually([&] { return ats.ask({"set-name", "plain"}).exit_code == 0; }));
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
 }
 
-// A client that exceeds its share does not disturb others.
+// A client that exceeds its limits does not disturb others.
 TEST(bad_input, limits_hold_for_each_user)
 {
     const scratch_folder folder;
@@ -168,7 +169,8 @@ TEST(bad_input, limits_hold_for_each_user)
     for (int i = 1; i <= 4; ++i)
         first.write(R"({"request":"resolve","address":"10.0.1.)" + std::to_string(i) + "\",\"id\":4}\n");
     EXPECT_THAT(first.read(), HasSubstr("this user has 3 questions outstanding already"));
-    const std::string status = "{\"request\":\"status\"}\n"; // a client that reads nothing is not read either
+    // The service also stops reading from a client that does not read.
+    const std::string status = "{\"request\":\"status\"}\n";
     while (send(reader.fd(), status.data(), status.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) continue;
     EXPECT_THAT(first.ask(R"({"request":"ping"})"), HasSubstr("alive"));
 }
@@ -192,7 +194,7 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
-// Threads and module images are what hosts need most of; both fail here in the middle of a start.
+// Hosts need threads and module images most. Here both fail in the middle of a start.
 TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -336,11 +338,11 @@ TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
 {
     const scratch_folder folder;
     const auto first = cli::listening_socket::open(folder / "socket", false).value();
-    std::filesystem::remove(folder / "socket"); // the moment before the first makes its own
+    std::filesystem::remove(folder / "socket"); // just before the first service creates its own
     EXPECT_FALSE(cli::listening_socket::open(folder / "socket", false));
 }
 
-// Returns the answer that a process of another user gets; "(not connected)" if the file keeps it out.
+// Returns the answer that a process of another user gets, or "(not connected)" if the file's mode denies it.
 std::string heard_by_another_user(const std::string& socket, const std::string& line)
 {
     int ends[2];
@@ -403,7 +405,7 @@ TEST(bad_input, busy_or_deserted_mount_points_are_refused_and_nobody_else_is_dis
     EXPECT_EQ(first.stop(SIGKILL), -SIGKILL);
     const bad_input no_service = {busy.arguments, 2, "is a mount whose service is gone: run 'fusermount3 -u"};
     expect_refused(run_ats(no_service.arguments), no_service);
-    EXPECT_EQ(system(("fusermount3 -u " + mnt).c_str()), 0); // what the line says helps
+    EXPECT_EQ(system(("fusermount3 -u " + mnt).c_str()), 0); // the advice in the line works
     service second({"--hosts", "1", "--mount", mnt});
     EXPECT_EQ(second.stop(), 0);
 }

@@ -1,4 +1,4 @@
-// The demo tells the whole story, fails when a part of it does not happen, and its capture can be read by others.
+// The demo prints all its steps and fails if one of them fails. Other programs can read its capture.
 #include <algorithm>
 
 #include "host/world/module-folder.h"
@@ -46,7 +46,7 @@ TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshar
     EXPECT_GT(frames, 50u);
     EXPECT_EQ(count(packets, "alformed"), 0u);
     EXPECT_EQ(count(packets, "Attribute (ServiceRecord)"), frames);
-    // node1's registration, down to the address and the name.
+    // The registration of node1, including the address and the name.
     for (const char* field :
          {"Destination Local ID: 1\n", "Destination Queue Pair: 0x000001", "Queue Key: 0x0000000080010000",
           "Method: Set() (0x02)", "ServiceID: 0x10000ce100415453", "ServiceGID: fe80::200:0:1:1",

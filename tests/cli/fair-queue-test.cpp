@@ -17,7 +17,7 @@ std::vector<std::string> pop_all(cli::fair_queue<std::string>& queue, size_t mos
     return entries;
 }
 
-// A user who asks much, or opens many connections, delays another by one entry.
+// A user who asks much, or opens many connections, delays other users by only one entry.
 TEST(fair_queue, users_take_turns_and_so_do_their_connections)
 {
     cli::fair_queue<std::string> queue;
@@ -41,7 +41,7 @@ TEST(fair_queue, users_take_turns_and_so_do_their_connections)
     EXPECT_TRUE(queue.is_empty());
 }
 
-// While one user's jobs wait for a silent SA, another user's jobs are carried out one after another.
+// While one user's jobs wait for a silent SA, another user's jobs run one after another.
 TEST(workers, leave_half_of_their_threads_to_other_users)
 {
     std::promise<void> end;
@@ -60,7 +60,7 @@ TEST(workers, leave_half_of_their_threads_to_other_users)
     while ((carried_out < 8 || waiting < 2) && waiting <= 2) std::this_thread::yield();
     EXPECT_EQ(waiting, 2);
     end.set_value();
-    while (waiting < 8 || carried_out < 8) std::this_thread::yield(); // the rest has its turn
+    while (waiting < 8 || carried_out < 8) std::this_thread::yield(); // the rest must wait for its turn
 }
 
 } // namespace

@@ -137,7 +137,7 @@ TEST_F(mount_tree, open_log_grows_with_the_log_and_can_be_read_from_anywhere)
     first.log.append(0, "half");
     const auto reader = tree.open_log("a/log");
     const std::string one = "[    0.000] one\n";
-    EXPECT_EQ(reader->read(0, 4096), one); // half a line is not shown
+    EXPECT_EQ(reader->read(0, 4096), one); // an incomplete line is not shown
     EXPECT_EQ(kind("a/log"), "file 444 size 16");
     EXPECT_EQ(reader->read(one.size(), 4096), "");
     print(first.log, " and half");
@@ -162,7 +162,7 @@ TEST_F(mount_tree, log_that_has_dropped_lines_is_its_end_but_does_not_move_under
 
     for (size_t i = 0; i < 5; ++i) print(first.log, "now");
     EXPECT_EQ(reader->read(capacity * line_bytes, line_bytes), "[    0.000] now\n");
-    const auto second_reader = tree.open_log("a/log"); // the first one must not see its file shrink
+    const auto second_reader = tree.open_log("a/log"); // the first one must not see its file get shorter
     EXPECT_EQ(kind("a/log"), file_of(capacity + 5));
 
     for (size_t i = 0; i < capacity + 3; ++i) print(first.log, "far");

@@ -1,4 +1,4 @@
-// Finds out if a test can mount on this machine.
+// Finds out if this machine allows mounts.
 #pragma once
 
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include "cli/mount/proc-mount.h"
 #include "tests/cli/program.h"
 
-// Tries it once, in a process of its own.
+// Tries one mount in a separate process.
 inline bool mounts_work()
 {
     static const bool works = [] {
@@ -16,7 +16,8 @@ inline bool mounts_work()
         mkdir((folder / "mnt").c_str(), 0755);
         const pid_t trial = fork();
         if (trial == 0) {
-            const bool is_mounted = cli::proc_mount::open(folder / "mnt", {}).has_value(); // and unmounts again
+            // The destructor unmounts again.
+            const bool is_mounted = cli::proc_mount::open(folder / "mnt", {}).has_value();
             _exit(is_mounted ? 0 : 1);
         }
         int status = 0;

@@ -1,4 +1,4 @@
-// Control characters are escaped; readable text stays as it is.
+// Control characters are escaped; readable text does not change.
 #include <gtest/gtest.h>
 
 #include "host/world/printable.h"
@@ -12,7 +12,7 @@ TEST(printable, shows_readable_characters_and_the_bytes_of_all_others)
     const struct {
         std::string_view text;
         const char* shown;
-        const char* as_json; // null: not valid UTF-8, so it is not tested as JSON
+        const char* as_json; // null for invalid UTF-8, which is not tested as JSON
     } cases[] = {
         {"node1 größe 節点 \U0001F5A7", "node1 größe 節点 \U0001F5A7", "node1 größe 節点 \U0001F5A7"},
         {"\x1b[31m\r\x7f\t", "\\x1b[31m\\x0d\\x7f\\x09", "\\u001b[31m\\u000d\\u007f\\u0009"},

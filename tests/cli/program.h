@@ -1,4 +1,4 @@
-// Runs the program as its users do: starts it with arguments, and reads its output, files and exit code.
+// Runs the program like its users: starts it with arguments, and reads its output, files and exit code.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@
 
 using nlohmann::json;
 
-// A folder of the test's own, gone with it.
+// A folder for one test. The destructor removes it.
 class scratch_folder
 {
   public:
@@ -57,7 +57,7 @@ inline void write_file(const std::string& path, const std::string& text)
     std::ofstream(path) << text;
 }
 
-// Waits until `holds` returns true, by the work of other processes. False: a minute was not enough.
+// Waits until `holds` returns true, because of other processes. Returns false after a minute.
 inline bool eventually(const std::function<bool()>& holds)
 {
     return fabric_tools::wait_until(holds, std::chrono::minutes(1));
@@ -75,7 +75,7 @@ class ats_process
 
     pid_t pid() const { return process_.pid(); }
 
-    // Waits for the end. Returns the exit code, or the negative number of the signal that killed it.
+    // Waits for the end. Returns the exit code, or the negated number of the signal that killed it.
     int wait()
     {
         constexpr std::chrono::hours no_limit(1);
@@ -113,7 +113,7 @@ inline program_result run_ats(const std::vector<std::string>& arguments)
     return {exit_code, text_of_file(folder / "out"), text_of_file(folder / "err")};
 }
 
-// `ats run` in the background, up and serving.
+// `ats run` in the background. The constructor waits until it serves clients.
 class service
 {
   public:

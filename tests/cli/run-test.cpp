@@ -1,4 +1,4 @@
-// A day in the life of `ats run`: every client and the mounted files, in one scenario, until it is told to stop.
+// The whole life of one `ats run`, in one scenario: every client and the mounted files, until it is stopped.
 #include <fcntl.h>
 #include <sys/wait.h>
 
@@ -48,7 +48,7 @@ class running_service : public testing::Test
         EXPECT_TRUE(eventually([&] { return is_settled(); })) << ats->ask({"status"}).out;
     }
 
-    // Every host has heard the answer to its registration, and node2 of its second link.
+    // Returns true when every host has the answer to its registration, and node2 also that of its second link.
     bool is_settled()
     {
         const json status = ats->ask_json({"status"});
@@ -59,7 +59,7 @@ class running_service : public testing::Test
 
     json records() { return ats->ask_json({"sa", "show"})["records"]; }
 
-    // The record of that host name; empty: there is none.
+    // The record with that host name, or empty if there is none.
     json record_of(const std::string& host_name)
     {
         for (const json& record : records())
@@ -67,7 +67,7 @@ class running_service : public testing::Test
         return json::object();
     }
 
-    // An order whose record the SA does not hold when it ends.
+    // Gives an order whose record the SA does not have when the order ends.
     void expect_unconfirmed(const std::vector<std::string>& order, const std::string& reason)
     {
         const program_result result = ats->ask(order);
@@ -356,7 +356,7 @@ void running_service::use_the_files()
     EXPECT_THAT(ats->ask({"log", "--host", "node3"}).out, HasSubstr("'wh\\x1b[mat'"));
 }
 
-// The writer waits for an SA that says nothing; a signal ends its waits, and the module says so.
+// The writer waits for a silent SA. A signal ends its waits, and the module logs this.
 void running_service::interrupt_a_write()
 {
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
@@ -396,7 +396,7 @@ TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
     ats_process watcher({"status", "--watch", "--socket", socket}, folder / "watched", folder / "complaints");
     EXPECT_TRUE(eventually([&] {
         const std::string picture = text_of_file(folder / "watched");
-        return picture.find("node1:") != picture.rfind("node1:"); // drawn twice
+        return picture.find("node1:") != picture.rfind("node1:"); // "node1:" was drawn twice
     }));
     ats_process log_follower({"log", "-f", "--socket", socket}, folder / "log", folder / "complaints2");
     EXPECT_TRUE(eventually([&] { return !text_of_file(folder / "log").empty(); }));

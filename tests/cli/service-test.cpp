@@ -1,4 +1,4 @@
-// `ats run` as a service manager meets it.
+// `ats run` under a service manager.
 #include <latch>
 #include <map>
 #include <sys/socket.h>
@@ -16,7 +16,7 @@
 namespace
 {
 
-// The socket of a service manager. Programs that are started while it exists find it in NOTIFY_SOCKET.
+// The socket of a service manager. Programs that are started during its lifetime find it in NOTIFY_SOCKET.
 class notice_socket
 {
   public:
@@ -33,7 +33,7 @@ class notice_socket
         close(socket_);
     }
 
-    // "" when there is none yet.
+    // Returns the next notice, or "" if there is none yet.
     std::string next()
     {
         char text[128];
@@ -60,7 +60,7 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     EXPECT_EQ(notices.next(), "STOPPING=1");
 }
 
-// Signals the service to reload, and returns the lines that it prints about it.
+// Sends the service the signal to reload, and returns the lines that it prints about it.
 std::string reload(const service& ats, notice_socket& notices)
 {
     const size_t before = ats.complaints().size();
@@ -114,7 +114,7 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
     EXPECT_EQ(host(1)["trace"], 3);
     EXPECT_EQ(host(1)["verification"]["period"], 0);
 
-    // The file of the socket is missing for a while. The next reload undoes what the last one could change.
+    // The file of the socket is missing for a while. The next reload undoes the change, as far as it was made.
     const std::string changed_text = text_of_file(config);
     const auto answer_to_long_line = [&] { return raw_connection(ats.socket()).ask(std::string(2000, ' ')); };
     std::filesystem::rename(ats.socket(), folder / "away");

@@ -1,4 +1,4 @@
-// The configuration of `ats run`: what is read, and what is refused with its line.
+// The configuration of `ats run`: valid files, and files that are refused with the line of the error.
 #include "cli/service/world-config.h"
 #include "console/identity.h"
 #include "tests/cli/program.h"
@@ -53,7 +53,7 @@ ibat_lifetime_seconds = 30
     EXPECT_EQ(hosts[1].log_bytes, kernel::default_log_bytes);
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::name, "left"), Field(&hca_plan::name, "mthca1")));
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::ports, 2), Field(&hca_plan::ports, 1)));
-    ASSERT_EQ(hosts[0].modules.size(), 3u); // the peers first: ats binds to them as it starts
+    ASSERT_EQ(hosts[0].modules.size(), 3u); // the peers come first, because ats binds to them at its start
     EXPECT_EQ(hosts[0].modules[0].name, "ibat");
     EXPECT_EQ(hosts[0].modules[0].parameters, " ibat_lifetime_seconds=30");
     EXPECT_EQ(hosts[0].modules[2].parameters,
@@ -87,7 +87,7 @@ name = "mlx5_1"
     EXPECT_EQ(config.hosts.at(0).name, std::string(name).substr(0, std::string(name).find('.')));
 }
 
-// An administrator takes the number sign from the lines that a machine needs.
+// An administrator removes the number sign before each line that a machine needs.
 TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
 {
     std::ifstream file(ATS_SOURCE_DIR "/dist/ats.toml");
@@ -97,7 +97,7 @@ TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
     ASSERT_THAT(all, HasSubstr("\nname = \"mlx5_0\""));
     const ats::result<cli::world_config> config = read_config(all);
     ASSERT_TRUE(config) << config.error().text;
-    EXPECT_EQ(config->acm.socket, "/run/ats/ibacm.sock"); // the unit allows the service to write to /run/ats only
+    EXPECT_EQ(config->acm.socket, "/run/ats/ibacm.sock"); // the unit allows the service to write only to /run/ats
 }
 
 TEST(world_config, what_may_be_meant_is_taken_with_a_warning)

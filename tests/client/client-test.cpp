@@ -43,7 +43,7 @@ ats_answer_t resolve(const client_ptr& client, int timeout_ms = 5000)
     return answer;
 }
 
-// Collects `count` answers as an event loop does, by polling the descriptor.
+// Collects `count` answers like an event loop: it polls the descriptor.
 std::vector<ats_answer_t> collect(const client_ptr& client, size_t count)
 {
     std::vector<ats_answer_t> all;
@@ -100,7 +100,7 @@ TEST(client, reads_every_field_of_an_answer)
     EXPECT_EQ(answer.verified, -1);
 }
 
-// A hostile, broken or foreign service: every answer ends in a status, within the time.
+// With a hostile, broken or foreign service, every question ends with a status, within its time limit.
 TEST(client, survives_whatever_a_service_says)
 {
     const std::string id1 = R"({"id":1,)";
@@ -155,11 +155,11 @@ TEST(client, reconnects_to_a_service_that_was_restarted)
     service = std::make_unique<fake_service>();
     service->serve();
     EXPECT_EQ(resolve(client).status, ATS_OK);
-    service = nullptr; // dies and comes back between two questions
+    service = nullptr; // dies; it comes back before the next question
     service = std::make_unique<fake_service>();
     service->serve();
     EXPECT_EQ(resolve(client).status, ATS_OK);
-    char* answer = nullptr; // of an order, which is not sent twice
+    char* answer = nullptr; // of an order, which is never sent twice
     EXPECT_EQ(ats_request(client.get(), R"({"request":"ping"})", 5000, &answer), ATS_OK) << ats_last_error();
     ats_free(answer);
 }
@@ -180,10 +180,10 @@ TEST(client, completes_every_submission_when_the_service_dies)
 
 TEST(client, gives_up_in_time_on_a_service_that_takes_no_connections)
 {
-    const fake_service stopped(usual, 0); // listens, and accepts nobody
+    const fake_service stopped(usual, 0); // listens, but accepts no connection
     std::vector<client_ptr> clients;
     const auto begin = clock::now();
-    for (int i = 0; i < 4; ++i) { // the first ones fill the backlog
+    for (int i = 0; i < 4; ++i) { // the first connections fill the backlog
         clients.push_back(open_client());
         EXPECT_EQ(resolve(clients.back(), 50).status, ATS_NO_ANSWER);
     }

@@ -1,4 +1,4 @@
-// A service whose answers a test makes up, on a socket of its own.
+// A service with answers that a test defines, on a socket of its own.
 #pragma once
 
 #include <atomic>
@@ -18,7 +18,7 @@ namespace client_tests
 
 using json = nlohmann::json;
 
-// The bytes that answer a line, "" for none. hang_up ends the connection afterwards.
+// The bytes that answer a line, or "" for none. With hang_up, the connection ends afterwards.
 struct reaction {
     std::string bytes;
     bool hang_up = false;
@@ -35,7 +35,7 @@ inline reaction usual(const json& request)
     return {answer.dump() + "\n"};
 }
 
-// The hello is answered as usual, everything else by `react`.
+// Answers the hello as usual, and everything else with `react`.
 inline behaviour after_hello(behaviour react)
 {
     return [react](const json& request) { return request["request"] == "hello" ? usual(request) : react(request); };
@@ -68,7 +68,7 @@ class fake_service
         unlink(socket_.c_str());
     }
 
-    // Without this nobody accepts connections.
+    // Accepts connections. Without this call, connections stay in the backlog.
     fake_service& serve()
     {
         acceptor_ = std::thread([this] { accept_all(); });
@@ -113,7 +113,7 @@ class fake_service
     const std::string socket_;
     int listener_;
     std::thread acceptor_;
-    std::list<talk> talks_; // of the acceptor's thread until it has ended
+    std::list<talk> talks_; // only for the acceptor's thread until it has ended
 };
 
 } // namespace client_tests
