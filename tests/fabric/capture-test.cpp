@@ -28,7 +28,7 @@ TEST(capture, checksums_are_the_standard_ones)
         crc = fabric::crc_step<uint32_t, 0xEDB88320>(crc, digit);
     EXPECT_EQ(~crc, 0xCBF43926) << "the check value that CRC-32 is known by";
 
-    // A switch may choose another VL: the invariant CRC must not change with it, but with every other bit.
+    // A switch may choose another VL, so the VL does not change the invariant CRC. Every other bit changes it.
     uint8_t packet[32] = {}, invariant_crc[4], crc_of_change[4];
     fabric::write_invariant_crc(packet, sizeof packet, invariant_crc);
     for (size_t bit = 0; bit < 8 * sizeof packet; ++bit) {

@@ -12,7 +12,7 @@ using namespace embedded;
 using test::gid_number;
 using test::record_t;
 
-// The first byte and the size of component `bit`, written down independently of the implementation.
+// The first byte and the size of component `bit`. This table is independent of the implementation.
 std::pair<size_t, size_t> place_of_component(int bit)
 {
     if (bit >= SR_COMPONENT_SERVICE_DATA64) return {160 + 8 * (bit - SR_COMPONENT_SERVICE_DATA64), 8};
@@ -46,7 +46,7 @@ TEST(service_records, every_byte_counts_for_its_component_alone)
             EXPECT_FALSE(equal_in(mask, record, other)) << "component " << bit << " byte " << i;
             EXPECT_TRUE(equal_in(~mask, record, other)) << "component " << bit << " byte " << i;
 
-            // The same through a store, with masks that use an index and masks that do not.
+            // Does the same through a store, with masks that use an index and masks that do not.
             service_records store(8);
             store.set(record, 0);
             record_t result;
@@ -54,11 +54,11 @@ TEST(service_records, every_byte_counts_for_its_component_alone)
             EXPECT_EQ(store.get(test::mask_all & ~mask, other, 0, result), matches::one);
         }
     }
-    // Undefined components select nothing, and none selects everything.
+    // Undefined components select nothing. An empty selection matches everything.
     EXPECT_TRUE(equal_in(test::mask_all << SR_COMPONENT_COUNT, record, record_t{}));
 }
 
-// Records drawn from so few values that they clash in every way.
+// Records with fields from so few values that most keys and components are equal.
 struct clashing_records {
     std::mt19937 dice{42};
     int draw(int below) { return static_cast<int>(dice() % static_cast<unsigned>(below)); }
@@ -78,7 +78,7 @@ struct clashing_records {
     }
 };
 
-// The same store without an index. It is slow and simple.
+// The same store without an index: slow and simple.
 struct naive_store {
     struct entry {
         record_t record;

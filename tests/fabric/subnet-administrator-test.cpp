@@ -20,7 +20,7 @@ constexpr fabric::gid_bytes gid_c{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 3
 constexpr fabric::gid_bytes gid_d{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 4, 0, 1};
 constexpr fabric::gid_bytes gid_elsewhere{0xFE, 0xC0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 1};
 
-// The ports of the subnet. That of gid_c is in another partition; that of gid_d is down.
+// The ports of the subnet. The port with gid_c is in another partition; the port with gid_d is down.
 const port_record ports[] = {
     {.owner = nullptr, .number = 1, .assigned_lid = 2, .gid = gid_a, .p_keys = {0xFFFF, 0x0005}},
     {.owner = nullptr, .number = 1, .assigned_lid = 3, .gid = gid_b, .p_keys = {0x7FFF, 0x0005}},
@@ -71,7 +71,7 @@ struct exchange {
     uint16_t status; // as a number: the class-specific code is the high byte
     uint8_t method;
     record_t answer; // the record in the response
-    size_t rest;     // records stored afterwards
+    size_t rest;     // number of records in the store afterwards
 };
 
 const record_t a1 = test::host_record(gid_a, 1), a2 = test::host_record(gid_a, 2), b1 = test::host_record(gid_b, 1);
@@ -128,7 +128,7 @@ TEST(subnet_administrator, answers)
         EXPECT_EQ(test::method_of(response), row.method);
         EXPECT_TRUE(test::same(test::record_in(response), row.answer));
         EXPECT_EQ(sa.records.all(0).size(), row.rest);
-        // The rest of the header is that of the request.
+        // The rest of the header is the same as in the request.
         sa_mad_v2_t unchanged = row.request;
         unchanged.hdr.m = response.hdr.m;
         unchanged.hdr.u = response.hdr.u;
@@ -136,13 +136,14 @@ TEST(subnet_administrator, answers)
     }
 }
 
-// A request for a path: the ends by GID, unless they are by LID.
+// A request for a path. Both ends are named by GID, or both by LID.
 struct path_exchange {
     const char* name;
-    std::function<void(ib_path_record_wire_t&)> change; // of a request from gid_a to gid_b, with all components below
+    // Changes a request from gid_a to gid_b with all components below.
+    std::function<void(ib_path_record_wire_t&)> change;
     uint64_t removed_components;
     uint16_t status;
-    uint16_t p_key; // of the answer
+    uint16_t p_key; // expected in the answer
 };
 
 constexpr uint64_t bit(path_record_component_t component)

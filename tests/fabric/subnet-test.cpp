@@ -19,7 +19,7 @@ using testing::IsEmpty;
 
 constexpr fabric::address sa_address{.lid = 1};
 
-// Two hosts on a subnet, with their links up: node1 with two ports (LIDs 2 and 3), node2 with one (LID 4).
+// Two hosts on a subnet, with their links up. node1 has two ports (LIDs 2 and 3), node2 has one (LID 4).
 struct small_world {
     explicit small_world(const subnet_options& options = {}) : net(*sim, options)
     {
@@ -97,7 +97,7 @@ TEST_F(two_hosts, link_and_sm_changes_are_reported_and_read)
     EXPECT_EQ(second.read_port(1).state, link_state::down);
     EXPECT_EQ(second.read_port(1).sm_lid, 1);
 
-    // The SA answers at its new LID only, and a port without a link neither sends nor receives.
+    // The SA answers only at its new LID. A port without a link neither sends nor receives.
     ASSERT_TRUE(first.send(1, sa_address, get_first(1)));
     ASSERT_TRUE(first.send(1, {.lid = 9}, get_first(2)));
     ASSERT_TRUE(first.send(1, {.lid = 4}, get_first(3)));
@@ -144,8 +144,8 @@ TEST_F(two_hosts, partitions_keep_hosts_apart)
     for (const char* host : {"node3", "node4"}) ASSERT_TRUE(net.link_up(host, "mthca0", 1));
 
     ASSERT_TRUE(third.send(1, sa_address, get_first(1)));                   // a limited member asks a full one
-    ASSERT_TRUE(third.send(1, {.lid = 1, .p_key_index = 1}, get_first(2))); // a partition that the SA is not in
-    ASSERT_TRUE(fourth.send(1, {.lid = 5}, get_first(3)));                  // limited to full, index 1 there
+    ASSERT_TRUE(third.send(1, {.lid = 1, .p_key_index = 1}, get_first(2))); // the SA is not in that partition
+    ASSERT_TRUE(fourth.send(1, {.lid = 5}, get_first(3))); // from a limited to a full member; index 1 there
     ASSERT_TRUE(third.send(1, {.lid = 6, .p_key_index = 0}, get_first(4))); // another partition
     sim->settle();
     ASSERT_THAT(third_listener.transactions(), ElementsAre(3, 1));

@@ -1,4 +1,4 @@
-// insmod and rmmod of a small module, and other uses of it meanwhile.
+// Loads and unloads a small module while it is used in other ways.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -109,7 +109,7 @@ TEST_F(loading, refuses_files_that_are_not_modules_and_says_what_to_do)
          "insmod: no module image at /nowhere/ats.so (No such file or directory): build it or give its path"},
         {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
         {module_folder, "insmod: no module image at " + module_folder + " (it is not a regular file)"},
-        {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // nobody writes to it
+        {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // without a writer
         {misfit + "RECORD_SIZE.so", misfit_has("RECORD_SIZE", "4 bytes instead of 64")},
         {misfit + "RECORD_VERSION.so", misfit_has("RECORD_VERSION", "version 1 instead of 2")},
         {misfit + "NO_INIT.so", misfit_has("NO_INIT", "no init function")},
@@ -169,7 +169,7 @@ TEST_F(loading, unloading_waits_for_a_handler_and_lets_no_new_one_in)
     ASSERT_TRUE(host.modules.insmod(probe));
     std::vector<int> results;
     const auto write = [&] { results.push_back(host.proc.write("probe", "early")); };
-    at(0, "writer", write); // takes 50 ticks
+    at(0, "writer", write); // the write takes 50 ticks
     at(10, "unloader", [&] {
         EXPECT_TRUE(host.modules.rmmod("probe"));
         EXPECT_EQ(get_jiffies(), 50u);
@@ -232,7 +232,7 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
     EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
 }
 
-// Every image keeps a descriptor open. A thousand machines need more of them than a shell allows at first.
+// Every image keeps a descriptor open. A thousand machines need more of them than the default limit of a shell.
 TEST_F(loading, many_copies_of_one_image_find_enough_descriptors)
 {
     rlimit limit{};

@@ -129,7 +129,7 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
         char* second = static_cast<char*>(kmalloc(64, GFP_KERNEL));
         printk("%p %p\n", static_cast<void*>(first), static_cast<void*>(second + 5));
         kfree(first);
-        void* third = kmalloc(64, GFP_KERNEL); // usually at the address of the first
+        void* third = kmalloc(64, GFP_KERNEL); // usually has the address of the first one
         printk("%p\n", third);
         kfree(third);
         kfree(second);
@@ -150,7 +150,7 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
 }
 
-// The texts of the lines from number `first` on, and the number of dropped lines: "2 dropped;line 3;".
+// The texts of the lines from number `first` on, and the number of dropped lines, for example "2 dropped;line 3;".
 std::string texts_from(const kernel::log& log, uint64_t* first, size_t limit)
 {
     uint64_t drop_count = 0;

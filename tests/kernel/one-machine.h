@@ -1,4 +1,4 @@
-// A simulated machine on which a test calls the kernel, and the tasks of its scenario.
+// A simulated machine for tests of kernel calls, and the tasks of a scenario.
 #pragma once
 
 #include <functional>
@@ -28,7 +28,7 @@ struct one_machine {
     // Runs `body` in a task of the machine and returns when it has ended.
     void run(const std::function<void()>& body) { host.enter("test", body); }
 
-    // Waits for all tasks, the latest first, since it may refer to earlier ones.
+    // Waits for all tasks. Starts with the latest one, because it may refer to earlier ones.
     void finish()
     {
         for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());

@@ -1,4 +1,4 @@
-// The /proc tree, used by its readers and writers and by modules.
+// The /proc tree: its readers and writers, and the modules behind it.
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,11 +26,11 @@ struct handler_plan {
     std::vector<std::pair<off_t, int>> calls{}; // offset and count of each
     int error = 0;                              // returned unless 0
     bool signals_end = true;
-    int excess_bytes = 0; // beyond the count
-    ptrdiff_t start = 0;  // in the page
+    int excess_bytes = 0; // bytes returned beyond the count
+    ptrdiff_t start = 0;  // offset in the page
 };
 
-// Answers like old handlers: at most `count` bytes of the text from `off` on.
+// Answers in the old way of handlers: at most `count` bytes of the text from `off` on.
 int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
 {
     auto& plan = *static_cast<handler_plan*>(data);

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 namespace
 {
 
-// The log of a busy machine. It shows every choice that the seed makes.
+// The log of a busy machine. It depends on every choice that the seed makes.
 std::string log_of_busy_machine(const exec::simulation_options& options)
 {
     one_machine world(options);
@@ -54,7 +54,7 @@ std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
     std::set<int> outcomes;
     do {
         one_machine world({.order = &order});
-        semaphore switch_place; // has units for both, so that they may switch but never wait
+        semaphore switch_place; // has units for both, so they may switch but never wait
         sema_init(&switch_place, 2);
         int number = 0;
         const auto add_one = [&] {
@@ -83,7 +83,7 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
     EXPECT_EQ(orders, 4u); // the plain order, the second task first, a switch in down(), a switch in up()
 }
 
-// Starts so many tasks at one instant in each run, so that the choices of the run before may not fit.
+// Starts this many tasks at one instant in each run. The choices of the previous run may then not fit.
 void run_with_tasks(const std::vector<int>& task_counts)
 {
     exec::systematic_schedule order(1);
@@ -121,7 +121,7 @@ TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
     EXPECT_EQ(world.sim->now(), 1019u);
     world.sim->run_for(1);
     EXPECT_THAT(notes, ElementsAre("a1010", "b1020", "c1020", "a1020"));
-    world.sim->run_until(500'000'000); // at once, since nothing is due
+    world.sim->run_until(500'000'000); // returns at once, because nothing is due
     EXPECT_EQ(world.sim->now(), 500'000'000u);
 }
 
@@ -147,7 +147,7 @@ TEST(wake_ups, are_never_lost_and_several_are_one)
     EXPECT_THAT(wake_ticks, ElementsAre(5u, 7u, 9u, 109u));
 }
 
-// The report of the stall that `body` leads to.
+// Returns the report of the stall that `body` causes.
 std::string report_of_stall(one_machine& world, const std::function<void()>& body)
 {
     try {
@@ -179,7 +179,7 @@ TEST(stalls, are_reported_with_all_tasks_and_what_they_wait_for)
               "node1/test waits for down(&ats->ats_sem) since tick 20\n");
     EXPECT_THROW(world.sim->join(worker), exec::stalled);
 
-    // The other tasks can go on, but not the one whose caller has gone.
+    // The other tasks can continue, but not the one whose caller has left.
     exec::send_signal(worker);
     world.finish();
     EXPECT_EQ(world.sim->report(), "");

@@ -35,7 +35,7 @@ TEST(semaphores, a_latecomer_does_not_overtake_those_who_wait)
         down(&sem);
         schedule_timeout_uninterruptible(10);
         up(&sem);
-        down(&sem); // no unit is free: it went to the first in the queue
+        down(&sem); // no unit is free, because the first task in the queue got it
         order.emplace_back("latecomer");
         up(&sem);
     });
@@ -159,7 +159,7 @@ TEST(sleeps, only_the_interruptible_ends_early_and_returns_the_rest)
     EXPECT_EQ(interruptible_left, 12u);
 }
 
-// A condition that sleeps, for example because it takes a semaphore, uses up the wake-up.
+// If a condition sleeps, for example because it takes a semaphore, it consumes the wake-up.
 TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
 {
     one_machine world;
@@ -221,7 +221,7 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
 {
     one_machine world;
     semaphore sem;
-    sema_init(&sem, 1); // the call would not have to sleep this time, but is still a fault
+    sema_init(&sem, 1); // the call would not need to sleep now, but this is still a fault
     spinlock_t lock;
     spin_lock_init(&lock);
     char byte = 0;
@@ -250,7 +250,7 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
         EXPECT_DEATH(world.run(in_completion), start + "in a send completion, which may not");
         EXPECT_DEATH(world.run(under_lock), start + "with a spin lock held");
     }
-    world.run([&] { // these calls are allowed there
+    world.run([&] { // here these calls are allowed
         const exec::atomic_section completion("a send completion");
         up(&sem);
         kfree(kmalloc(1, GFP_ATOMIC));

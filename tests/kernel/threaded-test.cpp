@@ -1,4 +1,4 @@
-// The kernel on real threads, mainly for the thread sanitizer. No test waits for time to pass.
+// The kernel on real threads, mainly for the thread sanitizer. No test depends on real time.
 #include <gtest/gtest.h>
 
 #include "host/kernel/machine.h"
@@ -23,7 +23,7 @@ TEST_F(threads, exclude_each_other_and_lose_no_unit_to_signals)
     sema_init(&sem, 1);
     spinlock_t lock;
     spin_lock_init(&lock);
-    int semaphore_count = 0, lock_count = 0; // not atomic, so that the sanitizer finds a lock that does not exclude
+    int semaphore_count = 0, lock_count = 0; // not atomic: the sanitizer finds a lock that does not work
     std::atomic<int> unit_count = 0;
     const auto work = [&] {
         for (int i = 0; i < rounds; ++i) {

@@ -1,4 +1,4 @@
-// A module for tests of the loader and of the /proc tree. Its parameters say how it behaves.
+// A module for tests of the loader and of the /proc tree. Its parameters control its behaviour.
 #include <cstdio>
 #include <cstring>
 
@@ -18,9 +18,9 @@ namespace
 const char* text = "default";
 int32_t number = 7;
 int32_t result = 0;
-int32_t start_ticks = 0; // how long start-up takes
+int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-int32_t forget = 0; // it leaves behind: 1 its published name, 2 all that it holds of the stack
+int32_t forget = 0; // what it leaves behind: 1 its published name, 2 all resources of the stack
 std::atomic<int32_t> logger_level{-1};
 
 const module_parameter_t parameters[] = {
@@ -32,7 +32,7 @@ const module_parameter_t parameters[] = {
     {"forget", module_parameter_int, &forget, "1: the name, 2: the stack"},
 };
 
-std::atomic<int> calls; // each image has its own
+std::atomic<int> calls; // each image has its own counter
 
 int probe_call()
 {
@@ -47,7 +47,7 @@ int probe_read(char* page, char** start, off_t off, int count, int* eof, void*)
     return off >= length ? 0 : (length - off < count ? static_cast<int>(length - off) : count);
 }
 
-// Takes 50 ticks, and logs a line when it is done.
+// Lasts 50 ticks, and logs a line at its end.
 int probe_write(struct file*, const char* user_buffer, unsigned long count, void*)
 {
     char buffer[16] = {};
