@@ -45,7 +45,7 @@ TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
     asker first, second;
     ibat_world world;
     world.ask(ip_a, first);
-    // The host's own address may have no record either: the reply is then marked as its own and has no GID.
+    // The host's own address may have no record, either. The reply is then marked as its own and has no GID.
     world.reply(world.own(ip_a, kq_gid_t{}));
     ASSERT_EQ(first.replies.size(), 1u);
     EXPECT_EQ(first.replies[0].status, ibat_stat_not_found);
@@ -60,7 +60,7 @@ TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
     EXPECT_EQ(world.resolver.attempts.size(), 2u);
     world.reply(world.answer(ip_a, gid_of(1)));
     EXPECT_EQ(world.entry_text(ip_a), "1");
-    world.reply(world.absence(ip_a)); // the host has left the fabric
+    world.reply(world.absence(ip_a)); // the host has left
     EXPECT_EQ(world.entry_text(ip_a), "none");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
 
@@ -78,7 +78,7 @@ TEST(ibat_cache, full_cache_gives_up_absences_then_the_oldest_but_not_the_own_ma
     world.reply(world.absence(ip_b));
     world.reply(world.answer(ip_c, gid_of(3)));
     EXPECT_EQ(world.entry_text(ip_b), "unknown");
-    world.reply(world.answer(ip_a, gid_of(1))); // refreshed: now c is the oldest
+    world.reply(world.answer(ip_a, gid_of(1))); // refreshed, so that c is now the oldest
     world.reply(world.answer(ip_d, gid_of(4)));
     EXPECT_EQ(world.entry_text(ip_c), "unknown");
     EXPECT_EQ(world.address_of(gid_of(3)), 0u);
@@ -93,7 +93,7 @@ TEST(ibat_cache, newer_answer_moves_an_address_or_a_gid)
     ibat_world world;
     world.reply(world.answer(ip_a, gid_of(1)));
     world.reply(world.answer(ip_b, gid_of(2)));
-    world.reply(world.answer(ip_a, gid_of(2))); // b's port took a's address
+    world.reply(world.answer(ip_a, gid_of(2))); // the port of b now has the address of a
     EXPECT_EQ(world.entry_text(ip_a), "2");
     EXPECT_EQ(world.entry_text(ip_b), "unknown");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
@@ -110,7 +110,7 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
     world.run([&] { world.flush(); });
     world.reply(world.absence(ip_a));
     world.reply(world.answer(ip_a, gid_of(9))); // another host registers the address
-    world.reply(world.answer(ip_b, gid_of(1))); // a stale record names the GID
+    world.reply(world.answer(ip_b, gid_of(1))); // an old record has the GID
     EXPECT_EQ(world.entry_text(ip_a), "1 own");
     EXPECT_EQ(world.address_of(gid_of(1)), ip_a);
     EXPECT_EQ(world.entry_text(ip_b), "unknown");
@@ -123,13 +123,13 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
     EXPECT_EQ(world.entry_text(ip_b), "2 own");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
     world.reply(
-        world.own(ip_c, gid_of(1), 1)); // back, with another address: the entry of the other port is a learned one now
+        world.own(ip_c, gid_of(1), 1)); // back, with another address; the entry of the other port is now a learned one
     EXPECT_EQ(world.entry_text(ip_c), "1 own");
     EXPECT_EQ(world.entry_text(ip_b), "2");
     world.until(70'000);
     EXPECT_EQ(world.entry_text(ip_b), "unknown");
 
-    ibat_arp_data_t addressless = world.own(0, gid_of(7), 1); // the address was taken away from the port
+    ibat_arp_data_t addressless = world.own(0, gid_of(7), 1); // the port no longer has an address
     EXPECT_EQ(world.reply(addressless), ibat_stat_error);
     EXPECT_EQ(world.entry_text(ip_c), "unknown");
 }

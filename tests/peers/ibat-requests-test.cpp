@@ -1,4 +1,4 @@
-// The requests of IBAT, from the first asker to the last callback.
+// The requests of IBAT, from the first requester to the last callback.
 #include "tests/peers/ibat-world.h"
 
 namespace
@@ -8,7 +8,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-// The ticks and statuses of an asker's callbacks.
+// The ticks and statuses of a requester's callbacks.
 std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks_of(const asker& caller)
 {
     std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks;
@@ -35,7 +35,7 @@ TEST(ibat_requests, unanswered_request_is_repeated_and_given_up_to_the_tick_for_
     EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(7, ip_a), Pair(100, ip_b), Pair(507, ip_a), Pair(600, ip_b),
                                                      Pair(1'007, ip_a), Pair(1'100, ip_b)));
 
-    world.reply(world.answer(ip_a, gid_of(1))); // too late for them, not for the next
+    world.reply(world.answer(ip_a, gid_of(1))); // too late for these requests, but in time for the next one
     EXPECT_EQ(first.replies.size() + second.replies.size(), 2u);
     EXPECT_EQ(world.ask(ip_a, first), ibat_stat_ok);
 
@@ -54,7 +54,7 @@ TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_
 {
     struct {
         const char* parameters;
-        std::vector<ibat_stat_t> results; // of the attempts, in order
+        std::vector<ibat_stat_t> results; // result of each attempt, in order
         uint64_t callback_tick;
         ibat_stat_t callback_status;
     } const cases[] = {
@@ -104,7 +104,7 @@ TEST(ibat_requests, refresh_asks_whatever_the_cache_holds_and_the_answer_correct
     world.reply(world.answer(ip_a, gid_of(1)));
     refresh(first);
     refresh(second);
-    EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(0, ip_a))); // one request for both
+    EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(0, ip_a))); // one request for both requesters
     world.reply(world.answer(ip_a, gid_of(2)));
     EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(0, ibat_stat_ok)));
     EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(0, ibat_stat_ok)));
@@ -167,7 +167,7 @@ TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_wait
     world.ask(ip_a, stays);
     world.ask(ip_b, leaves);
     world.run([&] { EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 2); });
-    EXPECT_EQ(world.counters().pending, 1u); // nobody waits for b any more
+    EXPECT_EQ(world.counters().pending, 1u); // b has no requester any more
     world.reply(world.answer(ip_a, gid_of(1)));
     EXPECT_EQ(stays.replies.size(), 1u);
 
@@ -202,7 +202,7 @@ TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
     EXPECT_EQ(first.replies.at(0).status, ibat_stat_error);
     EXPECT_EQ(world.host.memory.blocks(), 0u) << testing::PrintToString(world.host.memory.leaks());
     EXPECT_THAT(world.host.inter_modules.names(), IsEmpty());
-    world.until(10'000); // no timer is left that would enter the unloaded image
+    world.until(10'000); // no timer is left; it would enter the unloaded image
 }
 
 TEST(ibat_requests, any_allocation_may_fail_without_losing_or_doubling_a_callback)

@@ -1,4 +1,4 @@
-// A host with IBAT and a resolver that records the attempts that it gets.
+// A host with IBAT and a resolver that records its attempts.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -7,7 +7,7 @@
 #include "tests/peers/peer-world.h"
 
 struct recording_resolver {
-    std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each, refused ones too
+    std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each, including refused ones
     ibat_stat_t result = ibat_stat_ok;
     unsigned long duration_ticks = 0;
     int call_count = 0; // calls that have not returned
@@ -53,7 +53,7 @@ class ibat_world : public peer_world
         return status;
     }
 
-    // Gives IBAT a reply as the receive path does: in a context that may not sleep.
+    // Passes a reply to IBAT in the way of the receive path: in a context that may not sleep.
     ibat_stat_t reply(const ibat_arp_data_t& arp)
     {
         ibat_stat_t status{};
@@ -97,7 +97,7 @@ class ibat_world : public peer_world
         return text;
     }
 
-    // The address of a GID in the cache; 0: none.
+    // The address of a GID in the cache, or 0 if there is none.
     uint32_t address_of(kq_gid_t gid)
     {
         uint32_t ip = 0;

@@ -1,4 +1,4 @@
-// One simulated host with a peer module. The tests call the module as other modules do: by published name.
+// One simulated host with a peer module. The tests call the module by published names, like other modules.
 #pragma once
 
 #include <functional>
@@ -38,7 +38,7 @@ class peer_world
         return host.modules.rmmod(module_);
     }
 
-    // A function of the module. It may be called while the module is loaded; no reference is held.
+    // A function of the module. It may be called only while the module is loaded; there is no reference on it.
     template <class function_t>
     function_t published(const char* name)
     {
@@ -65,7 +65,7 @@ class peer_world
     std::string module_;
 };
 
-// An asker, and the replies that its callbacks got. It outlives the world, whose end may still call it back.
+// A requester, and the replies to its callbacks. It outlives the world, whose end may still call it back.
 struct asker {
     struct reply {
         uint64_t tick;
@@ -73,7 +73,7 @@ struct asker {
         ibat_arp_data_t record;
     };
     std::vector<reply> replies;
-    std::function<void()> action; // in every callback
+    std::function<void()> action; // runs in every callback
 
     static void reply_callback(ibat_stat_t status, ibat_arp_data_t* record, void* self)
     {

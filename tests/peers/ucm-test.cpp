@@ -1,4 +1,4 @@
-// Reverse resolution through UCM: every request ends once, in every order of the provider's calls.
+// Reverse resolution through UCM. Every request ends once, in every order of the provider's calls.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@ namespace
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A provider that stores the callbacks it owes. A test makes them later.
+// A provider that stores the callbacks that it must make. A test makes them later.
 struct scripted_provider {
     struct owed_callback {
         kq_gid_t gid;
@@ -71,7 +71,7 @@ class ucm_world : public peer_world
         ibat_stat_t status{};
         run([&] {
             record = {};
-            record.gid = gid_of(gid_number); // callers may pass the GID of the record itself
+            record.gid = gid_of(gid_number); // the GID may be part of the caller's record
             status = get_ip(&record.gid, &record, asker::reply_callback, &caller);
         });
         return status;
@@ -102,13 +102,13 @@ class ucm_world : public peer_world
 
 TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_order)
 {
-    constexpr ibat_stat_t none = ibat_stat_t(1); // no such callback
+    constexpr ibat_stat_t none = ibat_stat_t(1); // means that there is no such callback
     struct {
         ibat_stat_t result;
         ibat_stat_t early_callback; // before send_rarp returns
-        ibat_stat_t late_callback;  // after it
-        ibat_stat_t status;         // that the asker gets at once
-        ibat_stat_t reply;          // that the asker gets by callback
+        ibat_stat_t late_callback;  // after send_rarp returns
+        ibat_stat_t status;         // the requester's result at once
+        ibat_stat_t reply;          // the requester's result by callback
         uint64_t swallowed_count;
     } const cases[] = {
         {ibat_stat_ok, none, none, ibat_stat_ok, none, 0},
@@ -145,7 +145,7 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
         }
         EXPECT_EQ(world.counters().swallowed, each.swallowed_count);
         EXPECT_EQ(world.counters().pending, 0u);
-        EXPECT_EQ(world.host.memory.blocks(), 1u); // the index by number; no request is left
+        EXPECT_EQ(world.host.memory.blocks(), 1u); // the index by number; all requests are freed
     }
 }
 

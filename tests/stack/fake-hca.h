@@ -1,4 +1,4 @@
-// An HCA without a wire: it stores the MADs that are sent. The test makes MADs arrive and ports change.
+// An HCA without a wire. It stores the MADs that are sent. The test makes MADs arrive and ports change.
 #pragma once
 
 #include <vector>
@@ -35,7 +35,7 @@ struct fake_hca final : fabric::hca {
     {
         listener->mad_arrived(port, source, test::bytes_of(mad));
     }
-    // A fabric reports a change after the port reads the new state.
+    // A fabric reports a change only after a read of the port returns the new state.
     void change(int port, fabric::port_change change, uint16_t sm_lid = 0)
     {
         if (change != fabric::port_change::sm_change)
@@ -46,8 +46,8 @@ struct fake_hca final : fabric::hca {
 
     std::string hca_name = "mthca0";
     std::vector<fabric::port_attributes> ports{2};
-    std::function<void(int port)> while_read; // called after the state was read, before the read returns
-    std::function<bool()> while_polled;       // called by poll(); true: a MAD arrived
+    std::function<void(int port)> while_read; // called after the state was read and before the read returns
+    std::function<bool()> while_polled;       // called by poll(); true means that a MAD arrived
     bool accepts = true;
     std::vector<sent_mad> sent_mads;
     fabric::listener* listener = nullptr;
@@ -57,7 +57,7 @@ struct plugged_fake {
     fake_hca hca;
 };
 
-// A machine with this HCA. The HCA is a base, so that it outlives the machine.
+// A machine with this HCA. The HCA is a base class, so it outlives the machine.
 struct machine_with_fake : plugged_fake, one_machine {
     explicit machine_with_fake(const exec::simulation_options& options = {}) : one_machine(options) { host.plug(hca); }
 

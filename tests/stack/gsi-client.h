@@ -11,7 +11,7 @@ constexpr kq_hca_name mthca0{"mthca0"};
 class gsi_client
 {
   public:
-    // With `joins`, the client joins a class that another client has registered.
+    // With `joins`, the client joins a class of another client.
     explicit gsi_client(int32_t pool_size = 16, int32_t ports = 2, bool joins = false)
     {
         EXPECT_EQ(gsi_dtgrm_pool_create_named(pool_size, &pool, "client"), 0);
@@ -32,7 +32,7 @@ class gsi_client
         EXPECT_EQ(gsi_dtgrm_pool_destroy(pool), 0);
     }
 
-    // A request to the SA at LID 1; null when the pool is empty.
+    // A request to the SA at LID 1, or null if the pool is empty.
     gsi_dtgrm_t* make() const
     {
         gsi_dtgrm_t* datagram;

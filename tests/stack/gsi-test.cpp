@@ -1,4 +1,4 @@
-// The GSI layer: what it puts on the wire, and how it gives datagrams back.
+// The GSI layer: the datagrams on the wire, and the return of datagrams.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -70,9 +70,9 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     world.run([&] {
         gsi_client client;
         client.action = [&](const gsi_dtgrm_t* datagram) {
-            if (client.lines.size() == 2) client.post(1); // from a callback: queued behind what is there
+            if (client.lines.size() == 2) client.post(1); // from a callback: queued after the waiting ones
             if (client.lines.size() == 5) {
-                world.hca.arrive(2, answer(52)); // on another port, and the fabric's task would complete it at once
+                world.hca.arrive(2, answer(52)); // on another port; the fabric's task could complete it at once
                 world.hca.listener->may_complete(false);
             }
             if (client.lines.size() != 3) return;
@@ -146,13 +146,13 @@ TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
     const test::record_t foreign = test::host_record(fabric::make_gid(1, 3), 1);
     const struct {
         uint8_t method;
-        test::record_t record; // of the request
-        int status;            // of the answer
-        test::record_t answer; // its record
+        test::record_t record; // in the request
+        int status;            // in the answer
+        test::record_t answer; // the record in the answer
         stack::registration_state expectation;
         uint64_t confirmations;
         bool is_unanswered = false;
-        bool is_new = false; // never confirmed
+        bool is_new = false; // not confirmed before
     } steps[] = {
         {set, first, 0, first, confirmed, 1},        {set, second, lost, {}, asked, 1, true, true},
         {get, second, 0, second, confirmed, 2}, // replaces the lost answer
@@ -199,7 +199,7 @@ TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
         gsi_client client(1, 1);
         world.hca.arrive(1, answer(1, MAD_METHOD_GET));
         world.hca.arrive(1, answer(2, test::get_response, performance_management));
-        world.hca.arrive(2, answer(3)); // the class is not registered there
+        world.hca.arrive(2, answer(3)); // the class has no client there
         sa_mad_v2_t other_version = answer(4);
         other_version.hdr.class_ver = 1;
         world.hca.arrive(1, other_version); // the client checks the version
@@ -304,7 +304,7 @@ TEST(gsi, a_class_ends_only_when_nothing_of_it_is_under_way)
         EXPECT_EQ(refusal_count, 2) << "a callback is running";
         client.close();
 
-        world.hca.listener = nullptr; // the adapter listens no longer
+        world.hca.listener = nullptr; // the adapter has stopped listening
         EXPECT_NE(gsi_deregister_class(handle), 0);
         gsi_client next_client(2, 1);
         EXPECT_NE(next_client.classes[0], handle);

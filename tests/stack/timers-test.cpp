@@ -1,4 +1,4 @@
-// The timing service, through the calls that modules make.
+// The timing service, through the calls for modules.
 #include <chrono>
 
 #include <gmock/gmock.h>
@@ -23,7 +23,7 @@ class timers_test : public testing::Test
         std::vector<std::string>& lines;
     };
 
-    // Arms a timer whose handler writes "name@tick" and then calls `action`. By a task.
+    // Arms a timer whose handler writes "name@tick" and then calls `action`. Called by a task.
     timing_t& arm(const std::string& name, bool atomic, uint64_t tick, std::function<void(timing_t&)> action = {})
     {
         stories.push_back(std::unique_ptr<story>(new story{{}, name, std::move(action), lines}));
@@ -78,8 +78,8 @@ TEST_F(timers_test, run_at_their_tick_and_those_of_one_tick_in_order_however_tas
 }
 
 // While an atomic timer is due, the task of the sleeping timers waits without a deadline until the atomic task rings
-// it. In the meantime an atomic handler moves the sleeping timer, or another sleeping timer is armed. The sleeping task
-// must wake all the same. A lost ring() leaves a sleeping timer that never runs.
+// it. Meanwhile an atomic handler moves the sleeping timer, or another sleeping timer is armed. The sleeping task must
+// still wake up. If a ring() is lost, a sleeping timer never runs.
 TEST_F(timers_test, a_sleeping_timer_is_not_lost_behind_an_atomic_one_that_is_due)
 {
     for (uint64_t seed = 1; seed <= 50; ++seed) {

@@ -20,9 +20,9 @@ namespace
 constexpr kq_hca_name mthca0{"mthca0"};
 constexpr kq_request_event_record_t all_events{kq_async_even_all, nullptr};
 
-// The events that a subscriber got, with port and tick: "up 1@20".
+// The events of a subscriber, with port and tick: "up 1@20".
 std::vector<std::string> reports;
-std::function<void()> callback_action; // in every callback
+std::function<void()> callback_action; // runs in every callback
 
 void event_callback(kq_event_record_st event)
 {
@@ -34,7 +34,7 @@ void event_callback(kq_event_record_st event)
     if (callback_action) callback_action();
 }
 
-// A machine that subscribes to the events of its fake HCA, and unsubscribes in the end.
+// A machine that subscribes to the events of its fake HCA. The destructor unsubscribes.
 struct subscriber : machine_with_fake {
     subscriber()
     {
@@ -60,14 +60,14 @@ struct subscriber : machine_with_fake {
     kq_hca_h_t handle = nullptr;
 };
 
-// A port reads as active before the fabric reports it. A subscription may begin before, between or after the two.
+// A port reads as active before the fabric reports it. A subscription may start before, between or after the two.
 TEST(verbs_events, tell_once_of_a_link_that_comes_up_while_one_subscribes)
 {
     constexpr port_change link_up = port_change::link_up;
     constexpr port_change link_down = port_change::link_down;
     struct {
         const char* name;
-        std::vector<port_change> while_read; // after the port was read, before the read returns
+        std::vector<port_change> while_read; // after the port was read and before the read returns
         uint64_t later_tick;
         std::vector<port_change> later;
         std::vector<std::string> expectation;
@@ -175,7 +175,7 @@ TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
 }
 
 // The exit function of a module must give back everything that calls into the module, and everything that only the
-// module can give back. The services report what is left, and the machine stops before the image is unmapped.
+// module can give back. The services report the rest. The machine stops before it unmaps the image.
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
     machine_with_fake machine;

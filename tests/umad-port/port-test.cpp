@@ -1,4 +1,4 @@
-// A real port that its own task and a polling task share. A fake of libibumad stands in: a device whose SA answers
+// A real port that is shared by its own task and a polling task. A fake replaces libibumad: a device whose SA answers
 // every request at once, unless it is silent.
 #include <deque>
 #include <set>
@@ -30,11 +30,11 @@ struct fake_device {
 constexpr int sa_agent = 0, self_agent = 1;
 constexpr uint8_t port_info = 0x15;
 
-// The same for libibverbs: an HCA that reports the events that a test puts in.
+// A fake of libibverbs: an HCA that reports the events of a test.
 struct fake_verbs {
     std::mutex mutex; // guards events
     std::deque<ibv_async_event> events;
-    std::atomic<bool> is_known{false}; // to libibverbs
+    std::atomic<bool> is_known{false}; // libibverbs knows the HCA
     std::atomic<int> unacknowledged{0};
     ibv_device device{};
     ibv_context context{};
@@ -196,7 +196,7 @@ class umad_port : public testing::Test
 
     const std::unique_ptr<exec::executor> exec = exec::make_threaded_executor();
     std::atomic<bool> is_stopping{false}, is_keen{false}, must_sleep{false}, is_asleep{false};
-    std::atomic<bool> is_call_promised{false}; // of may_complete(), by its last call
+    std::atomic<bool> is_call_promised{false}; // the last may_complete() has announced another call
     std::atomic<uint64_t> answered_polls{0}, answers{0};
     uint64_t requests = 0;
     std::set<uint64_t> transactions; // of the answers
@@ -282,7 +282,7 @@ struct change_list final : fabric::listener {
     std::vector<fabric::port_change> changes;
 };
 
-// The ports are asked so seldom here that only events can tell what happens.
+// Here the ports are asked so rarely that only events can show a change.
 TEST(hca_with_verbs, tells_at_once_what_its_events_report)
 {
     using enum fabric::port_change;

@@ -42,7 +42,7 @@ std::string text_of(const std::string& path)
     return text.str();
 }
 
-// The processor time that the program has used, in clock ticks of the system.
+// The processor time of the program, in clock ticks of the system.
 long ticks_used_by(const fabric_tools::process& program)
 {
     std::ifstream stat("/proc/" + std::to_string(program.pid()) + "/stat");
@@ -65,7 +65,7 @@ struct hosts_on_fabric : testing::Test {
         net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
     }
 
-    // Fails if the output of any program holds a sanitizer's report. A killed program reports nowhere else.
+    // Fails if the output of any program has a sanitizer's report. A killed program shows its report only there.
     void TearDown() override
     {
         if (!net) return;
@@ -87,7 +87,7 @@ struct hosts_on_fabric : testing::Test {
         for (int i = 1; i <= count; ++i) hosts.push_back(std::make_unique<fabric_host>(*net, i, options));
         for (const auto& host : hosts) ASSERT_TRUE(host->wait_serving()) << host->output();
     }
-    // Waits until the SA holds `count` records. Fails if the SA cannot be asked.
+    // Waits until the SA has `count` records. Fails if the SA cannot be asked.
     testing::AssertionResult sa_reaches_count(int count, std::chrono::milliseconds timeout = 30s)
     {
         if (wait_until([&] { return count_records(*net, "sm2") == count; }, timeout))
@@ -98,7 +98,7 @@ struct hosts_on_fabric : testing::Test {
     {
         return wait_until([&] { return host.port().value("state", "") == state; }, 30s);
     }
-    // Asks one question and returns what was found, or the status. Asks again while the SA is too busy to answer.
+    // Asks one question and returns the result, or the status. Asks again while the SA is too busy to answer.
     std::string answer(const fabric_host& host, const std::string& command, const std::string& question)
     {
         json answers;
@@ -114,7 +114,7 @@ struct hosts_on_fabric : testing::Test {
     std::string gid(int host) { return hosts.at(static_cast<size_t>(host) - 1)->port().value("gid", ""); }
     int lid(int host) { return hosts.at(static_cast<size_t>(host) - 1)->port().value("lid", 0); }
 
-    // The path to 10.0.0.2 that ib_acme gets from host 1, as in "4 to 5, SL 0"; "none" if it gets none.
+    // The path to 10.0.0.2 that ib_acme gets from host 1, for example "4 to 5, SL 0", or "none".
     std::string path_of_ib_acme()
     {
         process program({.arguments = {"ib_acme", "-S", hosts[0]->folder() + "/acm", "-f", "i", "-d", "10.0.0.2"},
@@ -144,7 +144,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_EQ(answer(*hosts[1], "reverse", gid(1)), "10.0.0.1");
     EXPECT_EQ(answer(*hosts[1], "resolve", "10.0.0.9"), "not found");
 
-    // Records of another client of libibumad: one of a third port, and one that disputes an address.
+    // Another client of libibumad registers two records: one of a third port, and one with an address of another host.
     const std::string third = net->run("sm1", {"ibstat", "-p"}).substr(2, 16);
     const std::string third_gid = "0xFE80000000000000" + third;
     EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.3", "other"}), "0x0000\n");
@@ -168,7 +168,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
-// Through ib_acme and librdmacm, as Debian ships them.
+// Through Debian's ib_acme and librdmacm.
 TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 {
     start_sm();
@@ -198,7 +198,7 @@ TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 #endif
 }
 
-// The SM gives its paths another SL than the one that takes over from it.
+// The first SM gives its paths another SL than the SM that replaces it.
 TEST_F(hosts_on_fabric, give_programs_the_path_that_the_sa_knows_and_none_that_has_become_false)
 {
     const std::string partitions = net->folder() + "/partitions";
@@ -240,7 +240,7 @@ TEST_F(hosts_on_fabric, give_programs_the_path_that_the_sa_knows_and_none_that_h
 
     EXPECT_EQ(sm->stop(), 0);
     EXPECT_EQ(path_of_ib_acme(), first_path) << "an SM that is away makes no path false";
-    for (const int number : {1, 2}) // the next SM keeps the LIDs that it finds
+    for (const int number : {1, 2}) // the next SM keeps the present LIDs
         net->console("Baselid \"" + fabric_tools::node_name(number) + "\"[1] " + std::to_string(20 + number));
     EXPECT_TRUE(path_becomes("none"));
     start_sm("sm1", settings);
@@ -313,7 +313,7 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
         hosts[0]->ask({"resolve", "--verify", "10.0.0.2"});
         return times_in(hosts[0]->output(), "answers no request") == 1;
     };
-    net->lose("node1", 100); // its requests still reach the SA: ibsim drops only what arrives at node1
+    net->lose("node1", 100); // its requests still reach the SA, because ibsim drops only packets that arrive at node1
     EXPECT_TRUE(wait_until(is_silent, 30s)) << hosts[0]->output();
     // The port's answers to questions about itself are lost too.
     EXPECT_TRUE(hosts[0]->program().wait_line("the port does not report its state any more")) << hosts[0]->output();
@@ -323,7 +323,7 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     EXPECT_TRUE(hosts[0]->program().wait_line("the SA answers again")) << hosts[0]->output();
 
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    // A Delete without a P_Key finds nothing. So the modules leave their records behind.
+    // A Delete without a P_Key finds no record. Therefore the modules leave their records behind.
     for (const auto& host : hosts) EXPECT_EQ(times_in(host->output(), "that the host has left at the SA"), 1u);
     EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
 }
@@ -377,7 +377,7 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
         << "the program polls without a pause";
 }
 
-// Hosts look after their records once a minute.
+// Hosts check their records once a minute.
 TEST_F(hosts_on_fabric, of_seven_register_again_by_themselves_when_the_sa_forgets)
 {
     start_sm();

@@ -17,27 +17,27 @@ using testing::IsEmpty;
 TEST(umad_transactions, are_found_once_by_their_low_half)
 {
     umad::transactions table;
-    constexpr uint64_t foreign_half = 0x0003000500000000; // as the kernel would replace the high half
+    constexpr uint64_t foreign_half = 0x0003000500000000; // the kernel would replace the high half in this way
     for (uint64_t i = 1; i <= 200; ++i) table.begin(0x1234567800000000 | i);
     for (uint64_t i = 1; i <= 200; ++i) {
         EXPECT_EQ(table.end(foreign_half | i), 0x1234567800000000 | i);
         EXPECT_EQ(table.end(foreign_half | i), std::nullopt) << "answered twice";
     }
     EXPECT_EQ(table.end(0), std::nullopt) << "never sent";
-    // The newest are found, though many old ones are never answered.
+    // The newest requests are found, even if many old ones are never answered.
     for (uint64_t i = 1; i <= 100'000; ++i) table.begin(i);
     for (uint64_t i = 100'000; i > 99'900; --i) EXPECT_EQ(table.end(foreign_half | i), i);
     EXPECT_EQ(table.end(foreign_half | 1), std::nullopt);
 }
 
-// A Delete of GID number 7: its P_Key before and after. The module writes 0.
+// A Delete of GID number 7, with its P_Key before and after. The module writes 0.
 TEST(umad_registered_p_keys, complete_the_identifier_in_a_delete)
 {
     using enum umad::delete_p_key;
     const struct {
         const char* name;
         umad::delete_p_key setting;
-        uint16_t set_p_key; // of the Set in this run; 0: there was none
+        uint16_t set_p_key; // of the Set in this run; 0 if there was none
         uint16_t p_key_before;
         uint16_t p_key_after;
     } cases[] = {
@@ -94,7 +94,7 @@ TEST(umad_port, tells_what_a_host_must_act_on)
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.p_keys[1] = 0; })),
                 ElementsAre(sm_change));
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.bad_p_keys = 9; })), IsEmpty());
-    // The record at the SA, or the SA itself, may no longer be what it was.
+    // The record at the SA, or the SA itself, may have changed.
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.lid = 5; })),
                 ElementsAre(link_down, link_up));
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.gids[0][7] = 1; })),
@@ -103,7 +103,7 @@ TEST(umad_port, tells_what_a_host_must_act_on)
                 ElementsAre(link_down, link_up));
 }
 
-// The answer of a port in which every attribute is set.
+// The answer of a port that has a value in every attribute.
 fabric::mad_bytes answer_to(const fabric::mad_bytes& question)
 {
     fabric::mad_bytes answer = question;
@@ -169,7 +169,7 @@ TEST(umad_port, is_read_from_its_own_answers)
     EXPECT_EQ(watch.next_due(), 1000u);
 }
 
-// One look: how many questions it takes, and what it finds. `lid` is the low byte of the LID that the port reports.
+// One look: the number of its questions, and its result. `lid` is the low byte of the LID that the port reports.
 struct look {
     int questions = 0;
     std::optional<fabric::port_attributes> attributes = {};

@@ -1,6 +1,6 @@
-// Preloaded before libibumad, it breaks the HCA of a program. The file named by BROKEN_UMAD holds the fault. "short"
-// cuts the next answer of the SA, "stray" changes its TransactionID, "request" clears its response bit; each happens
-// once. "gone" takes the device away and "deaf" makes reading fail, as long as the file says so.
+// A library to preload before libibumad. It breaks the HCA of a program. The file named by BROKEN_UMAD contains the
+// fault. "short" cuts the next answer of the SA, "stray" changes its TransactionID, "request" clears its response bit;
+// each happens once. "gone" removes the device and "deaf" makes reading fail, as long as the file has that word.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -55,7 +55,8 @@ PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout
 {
     const std::string current_fault = fault();
     if (current_fault == "gone") return fail();
-    if (current_fault == "deaf") return 0; // not sent: under ibsim no answer may be on its way when a program ends
+    // Not sent, because under ibsim no answer may be on its way when a program ends.
+    if (current_fault == "deaf") return 0;
     return real<decltype(umad_send)>("umad_send")(port, agent, umad, length, timeout_ms, retries);
 }
 
