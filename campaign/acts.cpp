@@ -1,4 +1,4 @@
-// All kinds of acts of a campaign, and what each of them does.
+// All kinds of acts of a campaign, and their effects.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -16,9 +16,9 @@ namespace
 
 constexpr uint16_t spare_lids = 0x1000; // no port has this LID or a higher one
 
-// ---- what users do ----
+// ---- acts of users ----
 
-// `act_kind`: the answer counts as an effect of this kind of act. Null: the answer does not count.
+// If `act_kind` has a value, the answer counts as an effect of this kind of act.
 question& new_question(node& node, std::optional<uint32_t> act_kind)
 {
     ++node.fabric.counts.questions;
@@ -39,7 +39,7 @@ kq_gid_t any_gid(tested_fabric& fabric, uint32_t a)
     fabric::hca& hca = *node.hcas[(a >> 8) % node.hcas.size()];
     const int port = 1 + static_cast<int>((a >> 16) % static_cast<uint32_t>(hca.port_count()));
     kq_gid_t gid = *world::parse_gid(embedded::text_of(hca.read_port(port).gids[0]));
-    if (a % 16 == 0) ++gid.subnet; // no port's
+    if (a % 16 == 0) ++gid.subnet; // no port has this prefix
     return gid;
 }
 
@@ -66,7 +66,7 @@ void ask_path(tested_fabric& fabric, const act& act)
     });
 }
 
-// True if more questions of the host wait for an answer than its module's pool has datagrams.
+// Returns true if more questions of the host are open than its module's pool has datagrams.
 bool has_many_open(const node& node)
 {
     constexpr ptrdiff_t pool_size = 16;
@@ -107,7 +107,7 @@ void report(tested_fabric& fabric, const act& act)
     node.start("report", [&node, act] { node.fabric.mark(act, !node.read_control().empty()); });
 }
 
-// Writes to the control file. True if the calling task sent a request during the write.
+// Writes to the control file. Returns true if the calling task sent a request during the write.
 bool write_makes_request(node& node, const std::string& text)
 {
     const uint64_t old_requests = node.fabric.wire.requests_of_this_task();
@@ -122,8 +122,8 @@ void control_rarp(tested_fabric& fabric, const act& act)
     });
 }
 
-// Writes commands with wrong arguments, unknown words, arbitrary bytes, and more than the module reads. Nothing of this
-// changes what the host registers.
+// Writes commands with wrong arguments, unknown words, arbitrary bytes, and more bytes than the module reads. None of
+// these writes changes the host's registration.
 void control_garbage(tested_fabric& fabric, const act& act)
 {
     static const char* const words[] = {"rarp",
@@ -158,7 +158,7 @@ void verify_period(tested_fabric& fabric, const act& act)
 {
     static constexpr int periods[] = {0, -5, 10, 20, 30, 60, 90}, skews[] = {0, 1, 10, 100, 250, -7};
     node& node = fabric.node_of(act);
-    node.longest_period = 180; // the longest of these, twice
+    node.longest_period = 180; // twice the longest of these
     node.may_not_verify = true;
     const int period = periods[act.a % 7], skew = skews[act.b % 6];
     node.start("control", [&node, act, period, skew] {
@@ -167,7 +167,7 @@ void verify_period(tested_fabric& fabric, const act& act)
     });
 }
 
-// ---- what the administrator changes; the SA must have the change soon ----
+// ---- changes by the administrator; the SA must have the change soon ----
 
 void expect_truth_soon(node& node)
 {
@@ -175,14 +175,14 @@ void expect_truth_soon(node& node)
     node.start("check", [&node, acted_tick = node.fabric.now()] { check_promptly(node, acted_tick); });
 }
 
-// Writes a line and returns true if the module logged no failure.
+// Writes a line. Returns true if the module logged no failure.
 bool write_succeeds(node& node, const std::string& line)
 {
     std::string output;
     return node.write_control(line, &output) && output.find("FAIL") == std::string::npos;
 }
 
-// Names the host, through the control file or through the exported call. True if the module reported success.
+// Names the host, through the control file or through the exported call. Returns true if the module reported success.
 bool give_name(node& node, const std::string& name, uint32_t way)
 {
     if (way % 2 == 0) return write_succeeds(node, "set_host_name " + name);
@@ -190,7 +190,7 @@ bool give_name(node& node, const std::string& name, uint32_t way)
     return call && call.as<int32_t (*)(const char*)>()(name.c_str()) == 0;
 }
 
-// Sets the address of all HCAs, in one of the module's four ways. True if the module reported success.
+// Sets the address of all HCAs, in one of the module's four ways. Returns true if the module reported success.
 bool give_address(node& node, uint32_t ip, uint32_t way)
 {
     using set_address = int32_t (*)(uint32_t);
@@ -283,7 +283,7 @@ fabric::hca& any_hca(node& node, const act& act)
     return *node.hcas[act.a % node.hcas.size()];
 }
 
-// Sets the link's state. True if the state changed.
+// Sets the link's state. Returns true if the state changed.
 bool change_link(tested_fabric& fabric, const act& act, bool is_up)
 {
     node& node = fabric.node_of(act);
@@ -309,7 +309,7 @@ void link_comes_up(tested_fabric& fabric, const act& act)
     change_link(fabric, act, true);
 }
 
-// Changes a host's links many times in one tick. Afterwards they are up.
+// Changes a host's links many times in one tick. At the end they are up.
 void event_storm(tested_fabric& fabric, const act& act)
 {
     auto change = act;
@@ -322,7 +322,7 @@ void event_storm(tested_fabric& fabric, const act& act)
 
 // ---- faults of a host ----
 
-// Disarms the host's fault injector. If an act had armed it, the calls that failed since then count for that act.
+// Disarms the host's fault injector. If an act had armed it, the calls that have failed count for that act.
 void end_failing_calls(node& node)
 {
     kernel::fault_injector& faults = node.machine().faults;
@@ -334,7 +334,7 @@ void end_failing_calls(node& node)
     faults.disarm();
 }
 
-// Returns the host's fault injector, for `act` to arm. An earlier act that still lets calls fail ends here.
+// Returns the host's fault injector for `act`, which arms it. Ends an earlier act that still makes calls fail.
 kernel::fault_injector& begin_failing_calls(node& node, const act& act)
 {
     end_failing_calls(node);
@@ -378,7 +378,7 @@ void clear_signals(tested_fabric& fabric, const act& act)
 
 // ---- faults of the network and of the SA ----
 
-// A kind of act that sets a switch of the subnet, a bool or a number, to 1 up to `highest` while it lasts.
+// A kind of act that sets a switch of the subnet (a bool or a number) to a value from 1 to `highest` during the act.
 template <auto fault_switch, uint32_t highest = 1>
 act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
                   uint64_t embedded::fault_effects::*effect)

@@ -17,26 +17,27 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t soon_ticks = 600;            // within this time a change reaches the SA
-constexpr uint64_t verification_ticks = 60'600; // the longest time between two verifications, by default
-constexpr uint64_t answer_ticks = 3 * second;   // within this time every question is settled
-constexpr uint64_t calm_ticks = 30 * second;    // within this time every running call ends
+constexpr uint64_t soon_ticks = 600;            // maximum time until a change reaches the SA
+constexpr uint64_t verification_ticks = 60'600; // default maximum time between two verifications
+constexpr uint64_t answer_ticks = 3 * second;   // maximum time until a question is settled
+constexpr uint64_t calm_ticks = 30 * second;    // maximum time until a running call ends
 constexpr size_t lookups_per_host = 6;
 
 using records_t = std::vector<ib_service_record_v2_t>;
 using embedded::view_of;
 
-// The service checks the address of its record only. Other fields may stay wrong: the name if harm was done since the
-// host was named, and fields that were misread from the port or corrupted on the way to the SA.
+// The service only checks the address of its record. Other fields may stay wrong. The name may be wrong if a fault
+// occurred after the host was named. Other fields may be wrong if they were misread from the port or corrupted on the
+// way to the SA.
 enum class excuse { none, harm_since_named, false_record };
 
-// One thing that is wrong about the record of an HCA's active port.
+// One fault in the record of an HCA's active port.
 struct flaw {
-    std::string text; // empty: no flaw
+    std::string text; // empty if there is no flaw
     excuse possible_excuse = excuse::none;
 };
 
-// True if the harm that the host has suffered explains the flaw.
+// Returns true if the host's faults explain the flaw.
 bool is_excused(node& node, const flaw& flaw)
 {
     const bool was_harmed =
@@ -45,14 +46,14 @@ bool is_excused(node& node, const flaw& flaw)
            (flaw.possible_excuse == excuse::false_record && (node.fabric.network.ever || node.may_be_misread));
 }
 
-// True if every byte of the record is as a host registers it.
+// Returns true if every byte of the record is as a host registers it.
 bool is_as_registered(const ib_service_record_v2_t& record)
 {
     const ib_service_record_v2_t registered = records::encode(records::decode(record));
     return memcmp(&registered, &record, sizeof record) == 0;
 }
 
-// Checks the SA's record of `gid`. `records` are all records of the SA; `ipv4` is the address that the host reports for
+// Checks the SA's record of `gid`. `records` are all records of the SA. `ipv4` is the address that the host reports for
 // the GID. Returns the flaw; its text is empty if there is none.
 flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& ipv4, const records_t& records)
 {
@@ -76,14 +77,14 @@ flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& 
     return {};
 }
 
-// The GIDs that a host should have records of, and what is wrong with these records.
+// The GIDs for which a host should have records, and the faults of these records.
 struct findings {
     std::vector<std::string> gids;
     std::vector<flaw> flaws;
 };
 
-// Compares the host's own report with the links and with the SA's records. Called by a task of the host. Without the
-// module there is nothing to find.
+// Compares the host's own report with the links and with the SA's records. Called by a task of the host. Returns
+// nothing if the module is not loaded.
 findings examine(node& node)
 {
     findings findings;
@@ -114,7 +115,7 @@ findings examine(node& node)
 
 // ---- at the end ----
 
-// Brings all links up and waits until no task of an act runs.
+// Brings all links up and waits until the tasks of all acts have ended.
 void end_faults(tested_fabric& fabric)
 {
     const bool queries_may_have_failed = std::ranges::any_of(fabric.nodes, [](node& each) { return each.harm().ever; });
@@ -138,7 +139,7 @@ void bring_hosts_up(tested_fabric& fabric)
     uint64_t longest_period = 0;
     for (node& each : fabric.nodes) {
         each.machine().enter("insmod", [&] {
-            // A module that could not list the HCAs when it was loaded serves none.
+            // If a module could not list the HCAs when it was loaded, it serves none.
             if (each.may_be_misread && each.read_control() == console::json::array()) each.unload("ats");
             if (!each.is_live() && (fabric.plan.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})
@@ -160,8 +161,8 @@ node& owner_of(tested_fabric& fabric, const std::string& gid)
     fabric.violate("the SA holds a record of " + gid + ", which no port has");
 }
 
-// Compares the SA's records with the truth. If `to_forget` is not null, excused flaws are allowed, and the GIDs of
-// wrong or left-over records are appended to it. If it is null, no flaw is allowed.
+// Compares the SA's records with the expected ones. If `to_forget` is not null, excused flaws are allowed, and the GIDs
+// of wrong or left-over records are appended to it. If it is null, no flaw is allowed.
 void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
 {
     std::vector<std::string> true_gids;
@@ -191,7 +192,7 @@ void forget(tested_fabric& fabric, const std::vector<std::string>& gids)
     }
 }
 
-// Asks through `ask` and runs the simulation until the question is settled, or for `answer_ticks`.
+// Asks with `ask` and runs the simulation until the question is settled, at most for `answer_ticks`.
 const question& ask_and_wait(node& node, const std::function<void(question&)>& ask)
 {
     auto& question = node.questions.emplace_back(
@@ -209,15 +210,15 @@ ibat_stat_t status_of(const question& question)
     return question.returned == ibat_stat_pending ? question.status : question.returned;
 }
 
-// True if the answer holds an address or a GID. If the SA answers every request with status 0, it holds neither.
+// Returns true if the answer has an address or a GID. It has neither if the SA answers every request with status 0.
 bool has_answer(const question& question)
 {
     if (status_of(question) != ibat_stat_ok) return false;
     return question.by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
-// Lets every live host look up some of the SA's records, by GID and by address. If two HCAs share an address,
-// its lookup may return either GID, so it is not compared.
+// Makes every live host look up some of the SA's records, by GID and by address. If two HCAs share an address, a lookup
+// of it may return either GID. Therefore it is not compared.
 void compare_lookups(tested_fabric& fabric)
 {
     std::mt19937_64 dice(fabric.plan.seed);
@@ -250,7 +251,7 @@ void compare_lookups(tested_fabric& fabric)
     }
 }
 
-// Unloads all modules. Nothing may be left: no memory, no pool, no record.
+// Unloads all modules. No memory, pool or record may be left.
 void shut_down(tested_fabric& fabric)
 {
     for (node& each : fabric.nodes) {
@@ -268,7 +269,7 @@ void shut_down(tested_fabric& fabric)
                        records[0].host_name);
 }
 
-// Checks that every question was answered as often as it may be, and counts the answers as effects of the acts.
+// Checks the number of answers to every question, and counts the answers as effects of the acts.
 void settle_questions(tested_fabric& fabric)
 {
     for (node& node : fabric.nodes)
@@ -287,7 +288,7 @@ void settle_questions(tested_fabric& fabric)
 void check_promptly(node& node, uint64_t acted_tick)
 {
     schedule_timeout_uninterruptible(soon_ticks);
-    // Two verifications repair what harm did before.
+    // Two verifications repair the effects of earlier faults.
     const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
     const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
     const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
@@ -308,7 +309,7 @@ void check_at_the_end(tested_fabric& fabric)
     std::vector<std::string> to_forget;
     compare_records(fabric, &to_forget);
     if (!to_forget.empty()) {
-        // The service cannot see that these records are wrong. The SA loses them, and then everything must become
+        // The service cannot detect that these records are wrong. Make the SA lose them; then everything must become
         // right.
         forget(fabric, to_forget);
         fabric.simulation->run_for(2 * verification_ticks + answer_ticks);

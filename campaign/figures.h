@@ -1,4 +1,4 @@
-// The figures of a campaign: what one seed did, or the sum over many.
+// The figures of a campaign: those of one seed, or the sum over many.
 #pragma once
 
 #include <array>
@@ -16,32 +16,32 @@ struct figures {
     uint64_t seeds = 0;
     uint64_t simulated_ticks = 0;
     uint64_t acts = 0;
-    uint64_t faults = 0; // acts that do harm, link changes, failed calls, datagrams lost or changed on the way
+    uint64_t faults = 0; // harmful acts, link changes, failed calls, datagrams lost or changed on the way
     uint64_t questions = 0;
-    uint64_t answers = 0; // callbacks that answered a question
-    uint64_t truths = 0;  // registrations and lookups compared with the truth
+    uint64_t answers = 0; // callbacks with an answer
+    uint64_t truths = 0;  // registrations and lookups that were compared with the expected state
     uint64_t datagrams = 0;
     std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
     uint64_t digest = 0;                          // hash of all log lines; for several seeds, the xor of their digests
 };
 
-// The fields that are summed, without the marks. The names are those in a result file.
+// The fields that are summed, except the marks. The names are the keys in a result file.
 struct summed_figure {
     const char* name;
     uint64_t figures::*member;
 };
 extern const std::array<summed_figure, 8> summed_figures;
 
-// The order in which seeds are added does not matter.
+// Adds the figures of a seed. The order of the seeds does not matter.
 void add(figures& sum, const figures& counts);
 
-// What a campaign over a range of seeds has found, or a shard of it.
+// The result of a campaign over a range of seeds, or of a shard of it.
 struct campaign_result {
     plan_options options;
     uint64_t first_seed = 1, last_seed = 1; // of the whole campaign, also in the result of a shard
     uint64_t shard = 1, shards = 1;
     bool is_interrupted = false;
-    double seconds = 0; // of the wall clock; of merged shards, the sum
+    double seconds = 0; // of the wall clock; the sum for merged shards
     figures counts;
 
     struct failure {

@@ -20,7 +20,7 @@ using namespace campaign;
 constexpr double ticks_per_hour = 3'600'000;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
-constexpr int exit_interrupted = 130;   // as shells report a SIGINT
+constexpr int exit_interrupted = 130;   // the code that shells use for a SIGINT
 constexpr const char* no_acts = "none"; // some seeds fail without any act
 
 struct command_line {
@@ -28,10 +28,10 @@ struct command_line {
     double hours = 0;
     int jobs = 2;
     uint64_t shard = 1, shards = 1;
-    std::string result_path;               // where a shard leaves its result; empty: nowhere
-    std::vector<std::string> result_paths; // of the shards to merge; empty: run seeds
+    std::string result_path;               // the file for the result of a shard; empty if none
+    std::vector<std::string> result_paths; // of the shards to merge; empty to run seeds
     bool minimise = false;
-    std::vector<std::string> only; // acts; empty: all
+    std::vector<std::string> only; // acts; empty means all
     campaign::plan_options plan_options;
     run_options options;
 };
@@ -109,7 +109,7 @@ std::string text_of(const std::vector<size_t>& acts)
     return text.empty() ? no_acts : text;
 }
 
-// Each of the next four returns the exit code. The error is one of the command line or of the system.
+// Each of the next four functions returns the exit code. An error comes from the command line or from the system.
 
 ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, const run_options& options)
 {
@@ -202,7 +202,7 @@ int main(int argc, char** argv)
     const auto reads = [&](ats::result<> (*read)(std::string_view, command_line&)) {
         return [&line, read](const std::string& text) {
             if (const ats::result<> result = read(text, line); !result)
-                throw CLI::ValidationError(result.error().text); // how CLI11 is told of a wrong value
+                throw CLI::ValidationError(result.error().text); // tells CLI11 that a value is wrong
         };
     };
     program.add_option_function<std::string>("--seeds", reads(read_seeds),

@@ -30,7 +30,7 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
 // Only the active port may be in the state "Active". Returns the contradiction in the report, or an empty text.
 std::string contradiction_in(const console::json& hca)
 {
-    console::json active_port; // null: none
+    console::json active_port; // null if none
     for (const console::json& port : hca["ports"]) {
         if (port["state"] != "Active") continue;
         if (!active_port.is_null()) return "there are two active ports";
@@ -107,7 +107,7 @@ uint32_t node::next_address()
     return ip;
 }
 
-// A quarter of the names have 30 or 40 characters. A record holds 30.
+// A quarter of the names have 30 or 40 characters. A record has space for 30.
 std::string node::next_name(uint32_t random)
 {
     std::string next = host.name() + "-" + std::to_string(names_made_++);
@@ -193,7 +193,8 @@ bool node::load(const std::string& module)
 
 bool node::unload(const std::string& module)
 {
-    // A host without an active port cannot delete its record. Just after a change it may have none yet.
+    // A host without an active port cannot delete its record. Immediately after a change it may have no active port
+    // yet.
     const auto is_settled = [&] {
         bool has_links = true;
         for (size_t hca = 0; hca < hcas.size(); ++hca) has_links = has_links && has_link(hca);

@@ -12,7 +12,7 @@ namespace
 
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
 constexpr uint64_t request_timer_ticks = 1000;
-constexpr uint64_t cluster_ticks = 40; // about the time that the service waits for an answer
+constexpr uint64_t cluster_ticks = 40; // approximately the time that the service waits for an answer
 
 class dice
 {
@@ -58,8 +58,8 @@ uint32_t draw_kind(dice& dice, harm worst, const plan_options& options)
     }
 }
 
-// Draws when and where an act happens. Half of the acts follow closely on the last one, mostly at the same host. Half
-// of the others begin within a tick of the request timers' expiry.
+// Draws the time and the place of an act. Half of the acts follow soon after the previous one, mostly on the same host.
+// Half of the others begin within one tick of the request timers' expiry.
 void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
 {
     act.host = static_cast<uint32_t>(dice.below(plan.hosts.size()));
@@ -74,15 +74,15 @@ void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
     act.begin_tick = std::min(act.begin_tick, plan.faults_end_tick);
 }
 
-// A third of the campaigns have a perfect network, and a third of those have perfect hosts too. There every
-// registration must succeed at once, and nothing may be left behind.
+// A third of the campaigns have a perfect network. A third of those also have perfect hosts: every registration must
+// succeed at once, and nothing may be left behind.
 harm draw_worst_harm(dice& dice)
 {
     if (!dice.one_in(3)) return harm::network;
     return dice.one_in(3) ? harm::none : harm::host;
 }
 
-// Lengths of each order of magnitude are equally likely.
+// Draws a length. All orders of magnitude have equal chances.
 uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 {
     return 1 + dice.below(1 + (longest_ticks >> dice.below(12)));

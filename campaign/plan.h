@@ -12,14 +12,14 @@
 namespace campaign
 {
 
-// In ticks.
+// A second in ticks.
 constexpr uint64_t second = 1000;
 constexpr uint64_t minute = 60 * second;
 
 struct tested_fabric;
 
-// What a plan may contain beyond the standard. Each option changes the plan of a seed; without any, the plan is the
-// standard one.
+// Additions to the standard plan. Each option changes the plan of a seed. Without options, the plan is the standard
+// one.
 struct plan_options {
     bool asks_for_paths = false;
 
@@ -33,14 +33,14 @@ struct plan_option {
 };
 extern const std::array<plan_option, 1> plan_option_table;
 
-// The options as on a command line, each with a space before it.
+// The options in the form of a command line, each with a space before it.
 std::string describe(const plan_options& options);
 
-// Says which registrations may fail while an act lasts.
+// The registrations that may fail during an act.
 enum class harm {
     none,
-    host,    // those of the act's host
-    network, // those of all hosts
+    host,    // the registrations of the act's host
+    network, // the registrations of all hosts
 };
 
 struct act {
@@ -56,22 +56,22 @@ struct act {
 
 struct act_kind {
     const char* name;
-    int weight; // how often it is drawn, relative to the other kinds
+    int weight; // its chance, relative to the other kinds
     campaign::harm harm;
-    uint64_t longest_ticks; // 0: it begins and ends at once
+    uint64_t longest_ticks; // 0 if it begins and ends at once
     void (*begin)(tested_fabric&, const act&);
-    void (*end)(tested_fabric&, const act&); // null: nothing to undo
+    void (*end)(tested_fabric&, const act&); // null if there is nothing to undo
 
-    // Names the effect that is counted for this kind. `effect` is the fabric's counter for it. If `effect` is null, the
-    // act calls tested_fabric::mark.
+    // The name of the effect that is counted for this kind. `effect` is the fabric's counter for it. If `effect` is
+    // null, the act calls tested_fabric::mark.
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
-    bool plan_options::*option = nullptr; // it is drawn only for plans with this option; null: for all
+    bool plan_options::*option = nullptr; // only plans with this option have such acts; null means all plans
 };
 constexpr size_t act_kind_count = 37;
 extern const std::array<act_kind, act_kind_count> act_kinds;
 
-// True if plans with these options may have acts of this kind.
+// Returns true if plans with these options may have acts of this kind.
 bool may_occur(const act_kind& kind, const plan_options& options);
 
 struct host_shape {
@@ -85,13 +85,13 @@ struct plan {
     uint64_t seed;
     std::vector<host_shape> hosts;
     std::vector<act> acts;    // sorted by begin_tick
-    uint64_t faults_end_tick; // every act has ended by then
+    uint64_t faults_end_tick; // every act has ended before this tick
     plan_options options;
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);
 
-// Describes an act as "17 at 1234 for 500: loss host=3 a=17 b=4". The digest depends on this text.
+// Formats an act as "17 at 1234 for 500: loss host=3 a=17 b=4". The digest depends on this text.
 std::string describe(const plan& plan, size_t act_number);
 
 } // namespace campaign

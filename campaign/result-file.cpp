@@ -17,7 +17,7 @@ namespace
 
 using nlohmann::json;
 
-// Counts the changes of the file's format.
+// Increment it with every change of the file's format.
 constexpr int format = 1;
 
 json to_json(const campaign_result& result)
@@ -81,7 +81,7 @@ ats::result<campaign_result> load(const std::string& path)
     }
 }
 
-// The part of a result that all shards of a campaign share.
+// The part of a result that is equal for all shards of a campaign.
 std::string campaign_of(const campaign_result& result)
 {
     return "--seeds " + std::to_string(result.first_seed) + "-" + std::to_string(result.last_seed) +
@@ -102,7 +102,7 @@ ats::result<> save(const campaign_result& result, const std::string& path)
     const std::string draft = path + ".new";
     std::FILE* const file = std::fopen(draft.c_str(), "w");
     if (!file) return ats::fail("cannot write " + draft + ": " + std::strerror(errno));
-    // A complaint may hold any bytes that a module logged.
+    // A complaint may contain any bytes, because modules log any bytes.
     const std::string text = to_json(result).dump(1, ' ', false, json::error_handler_t::replace) + "\n";
     const bool is_written = std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0 &&
                             fsync(fileno(file)) == 0;

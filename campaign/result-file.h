@@ -1,5 +1,5 @@
-// The file in which a shard of a campaign leaves its result, as one JSON object. Shards run on different machines; the
-// files of all shards together give the result that one machine would have found.
+// The result file of a campaign's shard: one JSON object. Shards run on different machines. The files of all shards
+// together give the same result as one machine.
 #pragma once
 
 #include <string>
@@ -11,11 +11,12 @@
 namespace campaign
 {
 
-// Writes the file, or leaves an existing one as it is. The error says what failed.
+// Writes the file. On failure, an existing file does not change.
 ats::result<> save(const campaign_result& result, const std::string& path);
 
-// Reads the files of all shards of one campaign, in any order, and adds them up. The failures are sorted by seed. The
-// error: a file cannot be read, a shard is missing, there twice or interrupted, or a file is of another campaign.
+// Reads the files of all shards of one campaign, in any order, and adds them up. The failures are sorted by seed. Fails
+// if a file cannot be read or belongs to another campaign. Also fails if a shard is missing, occurs twice or was
+// interrupted.
 ats::result<campaign_result> merge(const std::vector<std::string>& paths);
 
 } // namespace campaign

@@ -33,7 +33,8 @@ class run_process
 
     pid_t pid() const { return pid_; }
 
-    // The process has ended with this status of waitpid(). Frees the shared memory; nothing may be called afterwards.
+    // Call it after the process has ended; `status` comes from waitpid(). Frees the shared memory. No other call may
+    // follow.
     run_result finish(int status);
 
   private:
@@ -69,7 +70,8 @@ ats::result<run_process> run_process::start(const plan& plan, const std::vector<
 
 void run_process::run(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
 {
-    if (stops_when_interrupted) signal(SIGINT, SIG_IGN); // the terminal signals all; the parent kills this process
+    // The terminal sends it to all processes; the parent kills this one.
+    if (stops_when_interrupted) signal(SIGINT, SIG_IGN);
     alarm(longest_run_seconds);
     dup2(output_, STDERR_FILENO);
     try {
@@ -110,7 +112,7 @@ void kill_all(const std::map<pid_t, run_process>& processes)
     for (const auto& [pid, process] : processes) waitpid(pid, nullptr, 0);
 }
 
-// The letters of the complaint's first line. Two complaints that differ in numbers only are of the same kind.
+// The letters of the complaint's first line. Two complaints that differ only in numbers are of the same kind.
 std::string kind_of(const std::string& complaint)
 {
     std::string letters;
@@ -127,7 +129,7 @@ void stop_when_interrupted()
     struct sigaction action {
     };
     action.sa_handler = [](int) { was_interrupted = true; };
-    sigaction(SIGINT, &action, nullptr); // without SA_RESTART, so that waitpid() returns
+    sigaction(SIGINT, &action, nullptr); // without SA_RESTART, so waitpid() returns
 }
 
 bool is_interrupted()
@@ -161,7 +163,7 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
             const run_result result = process->second.finish(status);
             running.erase(process);
             add(sum, result.counts);
-            if (!result.complaint.empty()) ++sum.seeds; // its process has counted nothing
+            if (!result.complaint.empty()) ++sum.seeds; // its process has not counted it
             report(result);
         }
         if (was_interrupted) {
@@ -186,7 +188,7 @@ std::vector<size_t> all_acts(const plan& plan)
     return numbers;
 }
 
-// Leaves out pieces of the list, smaller and smaller ones, as long as the rest still fails.
+// Removes pieces of the list, smaller and smaller ones, as long as the rest still fails.
 ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options)
 {
     const ats::result<run_result> failure = run_apart(plan, act_numbers, options);

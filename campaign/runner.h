@@ -1,4 +1,4 @@
-// Runs campaigns, each in its own process: if one crashes, its complaint is kept and the others continue.
+// Runs campaigns, each in its own process. If one crashes, its complaint is kept and the others continue.
 #pragma once
 
 #include <functional>
@@ -14,15 +14,15 @@ namespace campaign
 // The result of a run of one seed's plan, or of some of its acts.
 struct run_result {
     uint64_t seed = 0;
-    std::string complaint; // empty: the run found nothing wrong
+    std::string complaint; // empty if the run found no fault
     figures counts;
 };
 
-// Runs these acts of the plan and waits for the end. The error: no process could be started.
+// Runs these acts of the plan and waits for the end. Fails if no process could be started.
 ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options);
 
-// After this call, Ctrl-C (SIGINT) no longer ends the program. run_many starts no more seeds, kills the running ones
-// without counting them, and returns the sum so far.
+// After this call, Ctrl-C (SIGINT) no longer ends the program. Instead run_many starts no more seeds, kills the running
+// ones without counting them, and returns the sum so far.
 void stop_when_interrupted();
 bool is_interrupted();
 
@@ -32,9 +32,9 @@ struct seed_series {
     uint64_t step = 1;
 };
 
-// Runs the seeds of a series in turn, `jobs` at a time, until `is_enough` returns true. It receives the number of seeds
-// started and the sum of those that have ended. `report` receives each result as its seed ends. Returns the sum. The
-// error: no process could be started.
+// Runs the seeds of a series in order, `jobs` at a time, until `is_enough` returns true. `is_enough` receives the
+// number of started seeds and the sum of the ended ones. `report` receives each result when its seed ends. Returns the
+// sum. Fails if no process could be started.
 ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan_options, int jobs,
                               const run_options& options,
                               const std::function<bool(uint64_t, const figures&)>& is_enough,
@@ -43,7 +43,7 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
 // The numbers of all acts of a plan.
 std::vector<size_t> all_acts(const plan& plan);
 
-// Returns fewer acts than `act_numbers` that fail in the same way: none of them can be left out.
+// Returns fewer acts than `act_numbers` that fail in the same way. None of them can be removed.
 ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options);
 
 } // namespace campaign

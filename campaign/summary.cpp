@@ -9,7 +9,7 @@ namespace
 {
 
 constexpr double ticks_per_hour = 3'600'000;
-constexpr uint64_t seeds_with_every_kind = 60; // fewer may lack some kinds of acts
+constexpr uint64_t seeds_with_every_kind = 60; // with fewer seeds, some kinds of acts may be missing
 
 void show_marks(const campaign_result& result)
 {

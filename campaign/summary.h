@@ -1,4 +1,4 @@
-// What a campaign prints at its end, on one machine or merged from shards.
+// The output at the end of a campaign, on one machine or merged from shards.
 #pragma once
 
 #include <string>
@@ -9,14 +9,16 @@
 namespace campaign
 {
 
-// Prints the complaint of a failed run, and the command that replays it. `acts` is the value of --only; empty: all.
+// Prints the complaint of a failed run, and the command that replays it. `acts` is the value of --only; empty means
+// all.
 void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts);
 
 // Prints the line of figures.
 void show(const figures& counts, double seconds);
 
 // Prints the figures, the marks, the number of failed seeds, and each kind of act that never took effect. A shard may
-// lack some kinds, so they are not checked there. True if the campaign was complete and found nothing wrong.
+// lack some kinds of acts, so these are not checked for a shard. Returns true if the campaign was complete and found no
+// fault.
 bool show_summary(const campaign_result& result);
 
 } // namespace campaign

@@ -1,5 +1,5 @@
-// The fabric that a campaign tests: an embedded subnet in simulated time, its hosts, and the checks of both. A
-// violation of the rules ends the process with one line.
+// The fabric that a campaign tests: an embedded subnet in simulated time, its hosts, and the checks of both. If a rule
+// is violated, the process prints one line and ends.
 #pragma once
 
 #include <cassert>
@@ -18,14 +18,14 @@ namespace campaign
 
 struct run_options {
     std::string module_folder;
-    std::string log_path;     // empty: no log
-    std::string capture_path; // empty: no capture
+    std::string log_path;     // empty if no log is written
+    std::string capture_path; // empty if nothing is captured
 };
 
 // The longest time from the end of a harmful act to the end of its effects.
 constexpr uint64_t harm_lasts_ticks = 500;
 
-// Records when acts harmed a host or the network.
+// Records the times at which acts harmed a host or the network.
 struct harm_watch {
     int acts_running = 0;
     uint64_t last_tick = 0;
@@ -42,7 +42,7 @@ struct harm_watch {
         --acts_running;
         last_tick = now_ticks;
     }
-    // True if no harmful act is running, and the effects of earlier acts ended before this tick.
+    // Returns true if no harmful act is running, and the effects of earlier acts ended before this tick.
     bool quiet_since(uint64_t tick) const { return acts_running == 0 && (!ever || last_tick < tick); }
 };
 
@@ -50,8 +50,8 @@ struct tested_fabric {
     tested_fabric(const campaign::plan& plan, const run_options& options);
     ~tested_fabric();
 
-    // Runs the acts with these numbers, ends every fault, and checks that everything becomes right again. Called once.
-    // An error means that the capture file could not be written. Every other fault is a violation.
+    // Runs the acts with these numbers, ends every fault, and checks that everything becomes right again. Call it once.
+    // Returns an error only if the capture file could not be written. Every other fault is a violation.
     ats::result<> run(const std::vector<size_t>& act_numbers);
 
     // Prints the fault and ends the process.
@@ -61,7 +61,7 @@ struct tested_fabric {
     void note(const std::string& subject, const std::string& event);
     uint64_t now() const { return simulation->now(); }
 
-    // Counts the act for its kind if it took effect. Returns `took_effect`.
+    // Counts the act for its kind if `took_effect`. Returns `took_effect`.
     bool mark(const act& act, bool took_effect = true)
     {
         counts.marks[act.kind] += took_effect;
@@ -79,7 +79,7 @@ struct tested_fabric {
     std::deque<node> nodes;
 
     harm_watch network;
-    std::deque<std::vector<ib_service_record_v2_t>> kept_records; // the SA's records, one entry for each minute
+    std::deque<std::vector<ib_service_record_v2_t>> kept_records; // copies of the SA's records, one for each minute
 
   private:
     void start_hosts();
@@ -90,11 +90,11 @@ struct tested_fabric {
     uint64_t next_keep_tick_ = 0;
 };
 
-// A task of the host calls this right after a change. It waits until the change must have reached the SA. If nothing
-// else disturbed the host, its records must then be right.
+// A task of the host calls this immediately after a change. It waits until the change must have reached the SA. If
+// nothing else disturbed the host, its records must then be right.
 void check_promptly(node& node, uint64_t acted_tick);
 
-// Ends every fault and compares everything with the truth.
+// Ends every fault and compares everything with the expected state.
 void check_at_the_end(tested_fabric& fabric);
 
 } // namespace campaign
