@@ -13,7 +13,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint16_t first_lid = 2; // the hosts' ports have the consecutive LIDs from here on
+constexpr uint16_t first_lid = 2; // the hosts' ports have consecutive LIDs from this one on
 
 // Component masks of the service's requests.
 constexpr uint64_t mask_of_set = UINT64_MAX, mask_by_gid = 0x43, mask_by_address = 0x7FFFC1;
@@ -97,7 +97,7 @@ std::string wire_watch::fault_in_path_request(const port_entry& sender, const sa
     return "";
 }
 
-// The answer to a Delete comes in the same tick if nothing disturbs it. Then the Set must follow in this tick too.
+// The answer to a Delete comes in the same tick if nothing disturbs it. Then the Set must also follow in this tick.
 std::string wire_watch::timing_fault_in(node& node, uint8_t method, uint64_t now_ticks)
 {
     uint64_t& delete_tick = delete_ticks_[exec::current_task()];
