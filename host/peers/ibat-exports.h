@@ -1,5 +1,5 @@
 // IBAT's functions for modules of its host that need addresses. (ibat.h has those for the resolver.) IBAT keeps a cache
-// of the resolver's answers. If several requesters ask for one address, IBAT sends one request. It repeats the request
+// of the resolver's answers. If several askers ask for one address, IBAT sends one request. It repeats the request
 // and finally gives up.
 //
 // In every record from IBAT, `dst_ip` is the address of the request, `gid` the GID that owns it, and `local_port_num`
@@ -67,7 +67,7 @@ struct ibat_counters_t {
     uint64_t unsolicited;      // answers of either kind without a waiting request, including duplicates
     uint64_t ignored;          // replies without a usable address, GID or operation
     uint64_t conflicts;        // answers not stored: they contradict the own mapping, or the cache is full
-    uint64_t timeouts;         // requests given up; a request counts once for all its requesters
+    uint64_t timeouts;         // requests given up; a request counts once for all its askers
     uint64_t entries;          // in the cache now
     uint64_t pending;          // requests now
 };

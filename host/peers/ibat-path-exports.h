@@ -1,6 +1,6 @@
 // IBAT's functions for modules of its host that need paths. A path leads from the host's active port to the port with a
 // GID. IBAT asks the SA for the PathRecord (SubnAdmGet, IBA 15.2.5.16) and caches it for a while. It drops the path
-// when the port's link, LID or SM changes. If several requesters ask for one GID, IBAT sends one request. It sends
+// when the port's link, LID or SM changes. If several askers ask for one GID, IBAT sends one request. It sends
 // nothing before the first question.
 //
 // Every record with ibat_stat_ok has these fields: `gid` is the destination, `local_port_num` the port on which the
@@ -51,7 +51,7 @@ struct ibat_path_counters_t {
     uint64_t absences; // answers that there is no such path
     uint64_t errors;   // answers with another error, including "busy"
     uint64_t strays;   // answers without a waiting attempt: late ones and duplicates
-    uint64_t timeouts; // requests given up; a request counts once for all its requesters
+    uint64_t timeouts; // requests given up; a request counts once for all its askers
     uint64_t drops;    // paths dropped because of an event
     uint64_t entries;  // in the cache now
     uint64_t pending;  // requests now

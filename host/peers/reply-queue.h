@@ -1,6 +1,6 @@
 // The callbacks that a peer still has to make. Answers arrive in contexts that may not sleep, but a callback may sleep
-// and may ask again. Therefore a sleeping timer makes the callbacks, one after another. A requester is in exactly one
-// place at a time: in its request, in this queue, or in its callback. Therefore each requester gets exactly one
+// and may ask again. Therefore a sleeping timer makes the callbacks, one after another. An asker is in exactly one
+// place at a time: in its request, in this queue, or in its callback. Therefore each asker gets exactly one
 // callback.
 #pragma once
 
@@ -24,7 +24,7 @@ struct asker_t {
     }
 };
 
-// Unlinks and frees the matching requesters of a list. Returns their number. The caller holds the lock that guards the
+// Unlinks and frees the matching askers of a list. Returns their number. The caller holds the lock that guards the
 // list.
 inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t callback, void* context)
 {
@@ -107,7 +107,7 @@ class reply_queue
         }
     }
 
-    // The next requester to call, or null.
+    // The next asker to call, or null.
     asker_t* take()
     {
         spin_guard guard(lock_);
@@ -123,7 +123,7 @@ class reply_queue
 
     spinlock_t* lock_;
     list_head owed_askers_; // oldest first
-    asker_t* called_asker_; // the requester whose callback runs, or null
+    asker_t* called_asker_; // the asker whose callback runs, or null
     bool is_scheduled_;     // the timer is armed, or its handler runs
     wait_queue_head_t callback_ended_;
     timing_t timer_;

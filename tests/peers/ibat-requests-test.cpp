@@ -1,4 +1,4 @@
-// The requests of IBAT, from the first requester to the last callback.
+// The requests of IBAT, from the first asker to the last callback.
 #include "tests/peers/ibat-world.h"
 
 namespace
@@ -8,7 +8,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-// The ticks and statuses of a requester's callbacks.
+// The ticks and statuses of an asker's callbacks.
 std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks_of(const asker& caller)
 {
     std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks;
@@ -104,7 +104,7 @@ TEST(ibat_requests, refresh_asks_whatever_the_cache_holds_and_the_answer_correct
     world.reply(world.answer(ip_a, gid_of(1)));
     refresh(first);
     refresh(second);
-    EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(0, ip_a))); // one request for both requesters
+    EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(0, ip_a))); // one request for both askers
     world.reply(world.answer(ip_a, gid_of(2)));
     EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(0, ibat_stat_ok)));
     EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(0, ibat_stat_ok)));
@@ -167,7 +167,7 @@ TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_wait
     world.ask(ip_a, stays);
     world.ask(ip_b, leaves);
     world.run([&] { EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 2); });
-    EXPECT_EQ(world.counters().pending, 1u); // b has no requester any more
+    EXPECT_EQ(world.counters().pending, 1u); // b has no asker any more
     world.reply(world.answer(ip_a, gid_of(1)));
     EXPECT_EQ(stays.replies.size(), 1u);
 

@@ -65,7 +65,7 @@ class peer_world
     std::string module_;
 };
 
-// A requester, and the replies to its callbacks. It outlives the world, whose end may still call it back.
+// An asker, and the replies to its callbacks. It outlives the world, whose end may still call it back.
 struct asker {
     struct reply {
         uint64_t tick;

@@ -107,8 +107,8 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
         ibat_stat_t result;
         ibat_stat_t early_callback; // before send_rarp returns
         ibat_stat_t late_callback;  // after send_rarp returns
-        ibat_stat_t status;         // the requester's result at once
-        ibat_stat_t reply;          // the requester's result by callback
+        ibat_stat_t status;         // the asker's result at once
+        ibat_stat_t reply;          // the asker's result by callback
         uint64_t swallowed_count;
     } const cases[] = {
         {ibat_stat_ok, none, none, ibat_stat_ok, none, 0},

@@ -14,13 +14,13 @@ uint8_t method_of(const sa_mad_v2_t& mad)
     return static_cast<uint8_t>(mad.hdr.m.r << 7 | mad.hdr.m.method);
 }
 
-// True if the SA says that there is no such path.
+// Returns true if the SA says that there is no such path.
 bool is_absence(uint16_t status)
 {
     return status == status_word(SA_STATUS_NO_RECORDS) || status == status_word(SA_STATUS_REQ_INVALID_GID);
 }
 
-// True if the SA may answer the same request better later.
+// Returns true if a later request may get a better answer.
 bool is_temporary(uint16_t status)
 {
     return (status & MAD_STATUS_COMMON_BITS) == MAD_STATUS_BUSY || status == status_word(SA_STATUS_NO_RESOURCES);
@@ -30,17 +30,18 @@ bool is_temporary(uint16_t status)
 
 // ---- requests ----
 
-// Joins or makes the request for the path. `arp_data` null: does not look into the cache.
+// Joins or makes the request for the path. If `arp_data` is null, skips the cache.
 ibat_stat_t path_resolver::ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                                void* context)
 {
     source_port source;
     uint64_t generation;
     if (!find_source(&source, &generation)) return ibat_stat_no_port;
-    uint64_t request_id = 0; // of a new request, which the caller sends
+    uint64_t request_id = 0; // of a new request; the caller sends it
     const ibat_stat_t status = requests_.ask(
         gid, callback, context,
-        [&] { return arp_data ? from_cache(gid, arp_data) : ibat_stat_pending; }, // an answer may have come in between
+        // An answer may have arrived in between.
+        [&] { return arp_data ? from_cache(gid, arp_data) : ibat_stat_pending; },
         [&](path_request* request) {
             request->serial = 0;
             request_id = request->id;
@@ -57,7 +58,7 @@ int32_t path_resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* contex
 
 // ---- attempts and their deadlines ----
 
-// Sends the next attempt of a request. The request may end at any moment without the lock, and its memory is then
+// Sends the next attempt of a request. Without the lock, the request may end at any moment, and its memory is then
 // freed. Therefore it is looked up again.
 void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
 {
@@ -77,8 +78,8 @@ void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
     await_answer(request);
 }
 
-// Counts an attempt and gives it a serial number. False: the request has ended, or it ends here because no port is
-// active.
+// Counts an attempt and gives it a serial number. Returns false if the request has ended. If no port is active, ends
+// the request and returns false.
 bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt)
 {
     while (true) {
@@ -91,7 +92,7 @@ bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, atte
             give_up(request, ibat_stat_no_port);
             return false;
         }
-        if (generation != generation_) continue; // an event has made the source false
+        if (generation != generation_) continue; // an event has made the source port invalid
         assert(request->serial == 0 && request->attempts < limits_.attempts);
         request->serial = free_serial();
         request->port_number = attempt->source.number;
@@ -102,7 +103,7 @@ bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, atte
     }
 }
 
-// A number that no attempt has. With the lock held.
+// Returns a number that no attempt has. The caller holds the lock.
 uint32_t path_resolver::free_serial()
 {
     do last_serial_ = last_serial_ == gsi_joined_transaction_bits ? 1 : last_serial_ + 1;
@@ -110,7 +111,7 @@ uint32_t path_resolver::free_serial()
     return last_serial_;
 }
 
-// From here on no answer to the attempt counts. With the lock held.
+// Invalidates the attempt: its answer is ignored from now on. The caller holds the lock.
 void path_resolver::void_attempt(path_request* request)
 {
     if (request->serial == 0) return;
@@ -118,8 +119,8 @@ void path_resolver::void_attempt(path_request* request)
     request->serial = 0;
 }
 
-// Lets a request wait for its answer until the next attempt. If every attempt was refused, gives it up at once. With
-// the lock held.
+// Makes a request wait for its answer until the next attempt. If every attempt was refused, gives it up at once. The
+// caller holds the lock.
 void path_resolver::await_answer(path_request* request)
 {
     if (!request->was_sent && request->attempts >= limits_.attempts) {
@@ -127,7 +128,7 @@ void path_resolver::await_answer(path_request* request)
         return;
     }
     if (request->serial == 0)
-        requests_.hurry(request); // an event came during the attempt: it is repeated at once
+        requests_.hurry(request); // an event came during the attempt: repeat it at once
     else
         requests_.wait(request, limits_.retry_ticks);
 }
@@ -140,8 +141,8 @@ void path_resolver::retry_due()
     while (next_due(&gid, &request_id)) send(gid, request_id);
 }
 
-// Gives up the requests that are due and have no attempt left. True: the caller sends the next attempt of another
-// request that is due.
+// Gives up the due requests that have no attempt left. Returns true if another request is due; the caller then sends
+// its next attempt.
 bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
 {
     spin_guard guard(&lock_);
@@ -171,8 +172,8 @@ void path_resolver::take_answer(const sa_mad_v2_t& mad)
         return;
     }
     const ib_path_record_v2_t path = path_in(mad);
-    assert(has_source_); // an attempt whose source is false has no serial number
-    // A path without a DLID leads nowhere (IBA 4.1.3).
+    assert(has_source_); // an attempt with an invalid source has no serial number
+    // A path without a DLID is not usable (IBA 4.1.3).
     const bool is_path =
         status == 0 && path.dgid == request->gid && path.sgid == source_.gid && path.dlid != 0 && path.slid != 0;
     if (is_path) return take_path(request, path);
@@ -183,12 +184,12 @@ void path_resolver::take_answer(const sa_mad_v2_t& mad)
     }
     ++counters_.errors;
     if (status == 0 || is_temporary(status))
-        void_attempt(request); // the deadline brings the next attempt
+        void_attempt(request); // the next attempt follows at the deadline
     else
         give_up(request, ibat_stat_refused);
 }
 
-// With the lock held.
+// The caller holds the lock.
 void path_resolver::take_path(path_request* request, const ib_path_record_v2_t& path)
 {
     ++counters_.answers;
@@ -198,7 +199,7 @@ void path_resolver::take_path(path_request* request, const ib_path_record_v2_t& 
     complete(request, ibat_stat_ok, answer);
 }
 
-// Ends a request. With the lock held.
+// Ends a request. The caller holds the lock.
 void path_resolver::complete(path_request* request, ibat_stat_t status, const ibat_arp_data_t& answer)
 {
     void_attempt(request);

@@ -1,4 +1,4 @@
-// The path resolver's opening and closing, its source port and its lookups. Its requests: path-requests.cpp.
+// The path resolver: open and close, its source port and its lookups. Its requests are in path-requests.cpp.
 #include "host/peers/ibat/path-resolver.h"
 
 #include "host/peers/ibat/path-records.h"
@@ -28,7 +28,7 @@ void path_resolver::prepare(const path_limits& limits, kq_async_event_fn_t event
         &lock_, [](unsigned long self) { reinterpret_cast<path_resolver*>(self)->retry_due(); }, this);
 }
 
-// Opens what the first question needs. False: something was refused; the next question tries again.
+// Opens what the first question needs. Returns false if a call was refused; the next question tries again.
 bool path_resolver::open()
 {
     if (is_open()) return true;
@@ -78,7 +78,7 @@ void path_resolver::close()
 
 // ---- the source port ----
 
-// The port from which paths begin now, and the generation for which that holds. False: no port is active. May sleep.
+// Finds the port on which paths begin now, and the present generation. Returns false if no port is active. May sleep.
 bool path_resolver::find_source(source_port* source, uint64_t* generation)
 {
     {
@@ -98,7 +98,8 @@ bool path_resolver::find_source(source_port* source, uint64_t* generation)
     return true;
 }
 
-// Prefers the port that the provider of addresses uses. When its link is down, the provider has taken another one.
+// Prefers the port that the provider of addresses uses. If the link of that port is down, the provider has changed to
+// another port.
 bool path_resolver::find_active_port(source_port* source) const
 {
     const uint32_t provider_port = provider_port_;
@@ -108,7 +109,7 @@ bool path_resolver::find_active_port(source_port* source) const
     return false;
 }
 
-// The source has become false, or may have. With the lock held.
+// Call it when the source port has become invalid or may have. The caller holds the lock.
 void path_resolver::leave_source()
 {
     assert(is_held(lock_));
@@ -129,13 +130,13 @@ void path_resolver::note_provider_port(uint32_t number)
 
 void path_resolver::take_event(const kq_event_record_st& event)
 {
-    // Verbs reports an active port to a new subscriber, too. That changes nothing.
+    // Verbs also reports an active port to a new subscriber. Such a report changes nothing.
     if (event.event_type == kq_async_r_port_link_up && is_same_source(event.port_num)) return;
     spin_guard guard(&lock_);
     if (!has_source_ || source_.number == event.port_num) leave_source();
 }
 
-// True if the port is the source and still has the attributes that it had.
+// Returns true if the port is the source and its attributes have not changed.
 bool path_resolver::is_same_source(uint32_t port_number)
 {
     source_port port_now;
@@ -146,7 +147,7 @@ bool path_resolver::is_same_source(uint32_t port_number)
 
 // ---- lookups ----
 
-// Answers from the cache. ibat_stat_pending: the cache has no path. With the lock held.
+// Answers from the cache. Returns ibat_stat_pending if the cache has no path. The caller holds the lock.
 ibat_stat_t path_resolver::from_cache(const kq_gid_t& gid, ibat_arp_data_t* arp_data) const
 {
     const cached_path* entry = cache_.find(gid);

@@ -1,11 +1,11 @@
-// Finds paths from the host's active port to GIDs, in the cache or by asking the SA. There is one request per GID,
-// whatever the number of askers. It is repeated until an answer comes or the attempts are used up. Every attempt has a
-// serial number, by which its answer is recognised.
+// Finds paths from the host's active port to GIDs, in the cache or by asking the SA. Several askers share one request
+// per GID. A request is repeated until an answer comes or no attempt is left. Every attempt has a serial number, which
+// its answer repeats.
 //
-// An event of the port makes the paths false: the cache is emptied, and answers to attempts from before it are ignored;
-// their requests are repeated at once.
+// An event of the port makes the paths invalid. The resolver then empties the cache, ignores answers to earlier
+// attempts, and repeats their requests at once.
 //
-// Nothing is opened, and nothing of the host is used, until somebody asks for a path. One spin lock guards everything.
+// The resolver opens nothing, and uses nothing of the host, before the first question. One spin lock guards everything.
 // No code sleeps or calls another module while holding it.
 #pragma once
 
@@ -22,7 +22,7 @@ namespace ibat
 struct path_limits {
     int32_t capacity;
     unsigned long lifetime_ticks;
-    int32_t attempts; // in all
+    int32_t attempts; // total number
     unsigned long retry_ticks;
 };
 
@@ -31,7 +31,7 @@ struct path_request : request_base {
     path_request* next_by_gid;
     path_request* next_by_serial;
     kq_gid_t gid;
-    uint32_t serial; // of the attempt whose answer counts; 0: none
+    uint32_t serial; // of the attempt that waits for its answer; 0 if none
     uint32_t port_number;
 };
 
@@ -39,7 +39,7 @@ struct path_request : request_base {
 class path_resolver
 {
   public:
-    // Before every other call. `event` passes the events of the HCA to take_event().
+    // Call it before every other call. `event` passes the events of the HCA to take_event().
     void prepare(const path_limits& limits, kq_async_event_fn_t event);
 
     // Ends every request with an error and frees everything. May sleep.
@@ -52,13 +52,13 @@ class path_resolver
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
     ibat_path_counters_t counters();
 
-    // True once somebody has asked for a path. Any context.
+    // Returns true after the first question. Any context.
     bool is_open() const { return is_open_.load(std::memory_order_acquire); }
 
     // The provider of addresses uses this port now. Any context.
     void note_provider_port(uint32_t number);
 
-    // Drops the path to a GID, or all paths; requests go on. Any context.
+    // Drops the path to a GID, or all paths. Requests continue. Any context.
     void forget(const kq_gid_t& gid);
     void flush();
 
@@ -99,15 +99,15 @@ class path_resolver
     kq_async_event_fn_t event_;
     semaphore opening_;
     std::atomic<bool> is_open_;
-    std::atomic<uint32_t> provider_port_; // 0: unknown
+    std::atomic<uint32_t> provider_port_; // 0 if unknown
 
     spinlock_t lock_;
     sa_ports ports_;
     path_cache cache_;
     ibat_path_counters_t counters_;
     source_port source_;
-    bool has_source_;     // source_ is the active port, as far as the events tell
-    uint64_t generation_; // counts the events that made a source false
+    bool has_source_;     // source_ is the active port, according to the events so far
+    uint64_t generation_; // counts the events that made a source invalid
     request_list<path_request, kq_gid_t, &path_request::gid, &path_request::next_by_gid> requests_;
     hash_index<path_request, uint32_t, &path_request::serial, &path_request::next_by_serial> requests_by_serial_;
     uint32_t last_serial_;

@@ -1,8 +1,8 @@
-// The requests of a resolver: one per key, whatever the number of askers, from the first asker to the last callback. A
-// request is being sent, or it waits until its deadline. A timer then hands it back to the resolver, which repeats it
-// or gives it up.
+// The requests of a resolver, from the first asker to the last callback. Several askers share one request per key. A
+// request is being sent, or it waits until its deadline. After the deadline, a timer returns it to the resolver, which
+// repeats it or gives it up.
 //
-// The resolver's lock guards everything. Calls are made with the lock held, unless their comment says otherwise.
+// The resolver's lock guards everything. The caller holds the lock, unless a comment says otherwise.
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -20,13 +20,13 @@ struct request_base {
     unsigned long deadline;
 };
 
-// `request_t` is a request_base with a key and a link of its own for the index.
+// `request_t` is a request_base with two members: a key, and a link for the index.
 template <class request_t, class key_t, key_t request_t::*key, request_t* request_t::*next>
 class request_list
 {
   public:
-    // Before every other call. `due` gets `context` when a request is due, may sleep, and calls take_due(). Without the
-    // lock; may sleep.
+    // Call it before every other call. When a request is due, a timer calls `due` with `context`; `due` may sleep, and
+    // calls take_due(). The caller does not hold the lock. May sleep.
     void prepare(spinlock_t* lock, void (*due)(unsigned long), void* context)
     {
         lock_ = lock;
@@ -41,18 +41,18 @@ class request_list
         replies_.open(lock);
     }
 
-    // False: no memory. Without the lock; may sleep.
+    // Returns false if there is no memory. The caller does not hold the lock. May sleep.
     bool open()
     {
         constexpr size_t expected_requests = 512;
         return requests_by_key_.open(expected_requests);
     }
 
-    // After the last request has ended, and none is made any more. `due` does not run afterwards. Without the lock; may
-    // sleep.
+    // Call it after the last request has ended, when no more are made. `due` does not run afterwards. The caller does
+    // not hold the lock. May sleep.
     void stop_timer() { del_timing_sync(&timer_); }
 
-    // Makes the callbacks that are still owed, and frees the index. Without the lock; may sleep.
+    // Makes the remaining callbacks, and frees the index. The caller does not hold the lock. May sleep.
     void close()
     {
         replies_.close();
@@ -63,16 +63,16 @@ class request_list
 
     request_t* find(const key_t& value) const { return requests_by_key_.find(value); }
 
-    // The request, unless it has ended; null: it has.
+    // Returns the request, or null if it has ended.
     request_t* find(const key_t& value, uint64_t id) const
     {
         request_t* request = find(value);
         return request && request->id == id ? request : nullptr;
     }
 
-    // Joins or makes the request for a key, if look() returns ibat_stat_pending; begin() takes a new one, which is
-    // being sent. Both are called with the lock held. Returns what look() returns, or an error if there is no memory.
-    // Takes the lock.
+    // First calls look(). If it returns ibat_stat_pending, adds the asker to the key's request. If there is none yet,
+    // makes one and calls begin() to send it. Both run with the lock held. Returns the result of look(), or an error if
+    // there is no memory. Takes the lock.
     template <class look_t, class begin_t>
     ibat_stat_t ask(const key_t& value, ibat_get_ib_data_reply_fn_t callback, void* context, const look_t& look,
                     const begin_t& begin)
@@ -98,25 +98,25 @@ class request_list
         return status;
     }
 
-    // Withdraws the matching askers, and gives up requests that no asker remains for, with give_up(). Returns their
-    // number when no matching callback runs. Takes the lock; may sleep; a callback must not cancel itself.
+    // Cancels the matching askers. Calls give_up() for requests without an asker left. Waits until no matching callback
+    // runs. Returns the number of cancelled askers. Takes the lock; may sleep; a callback must not cancel itself.
     template <class give_up_t>
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context, const give_up_t& give_up)
     {
-        int32_t withdrawn;
+        int32_t cancel_count;
         {
             spin_guard guard(lock_);
-            withdrawn = replies_.withdraw(callback, context);
+            cancel_count = replies_.withdraw(callback, context);
             for_each([&](request_t* request) {
-                withdrawn += withdraw_askers(&request->askers, callback, context);
+                cancel_count += withdraw_askers(&request->askers, callback, context);
                 if (list_empty(&request->askers)) give_up(request);
             });
         }
         replies_.wait_while_running(callback, context);
-        return withdrawn;
+        return cancel_count;
     }
 
-    // Calls visit() with every request; it may end that request.
+    // Calls visit() with every request. visit() may end that request.
     template <class visit_t>
     void for_each(const visit_t& visit)
     {
@@ -128,8 +128,8 @@ class request_list
             }
     }
 
-    // An attempt of the request was sent, or refused: it waits for so many ticks. All requests wait equally long, so
-    // the waiting list is in the order of the deadlines.
+    // Call it when an attempt of the request was sent or refused. The request waits for this many ticks. All requests
+    // wait equally long, so the waiting list is in the order of the deadlines.
     void wait(request_t* request, unsigned long ticks)
     {
         request->deadline = jiffies + ticks;
@@ -138,7 +138,7 @@ class request_list
         arm_timer();
     }
 
-    // The request is due at once.
+    // Makes the request due at once.
     void hurry(request_t* request)
     {
         request->deadline = jiffies;
@@ -147,7 +147,7 @@ class request_list
         restart_timer();
     }
 
-    // The same of all that wait.
+    // Makes all waiting requests due at once.
     void hurry_all()
     {
         if (list_empty(&waiting_list_)) return;
@@ -156,7 +156,8 @@ class request_list
         restart_timer();
     }
 
-    // The next request that is due. It is being sent from now on. Null: none; the timer is armed for the others.
+    // Returns the next due request and moves it to the sending list. Without one, arms the timer for the others and
+    // returns null.
     request_t* take_due()
     {
         if (!list_empty(&waiting_list_) && has_come(request_of(waiting_list_.next)->deadline)) {
@@ -192,10 +193,10 @@ class request_list
 
     static bool has_come(unsigned long deadline)
     {
-        return static_cast<long>(jiffies - deadline) >= 0; // right across the wrap of the tick count
+        return static_cast<long>(jiffies - deadline) >= 0; // correct even if the tick count has wrapped
     }
 
-    // Gives `asker` to the request for the key. True: that is `new_request`.
+    // Adds `asker` to the key's request. Returns true if that is `new_request`.
     bool join(const key_t& value, asker_t* asker, request_t* new_request)
     {
         request_t* request = find(value);
@@ -233,11 +234,11 @@ class request_list
 
     spinlock_t* lock_;
     hash_index<request_t, key_t, key, next> requests_by_key_;
-    list_head sending_list_; // requests of which an attempt is being sent
+    list_head sending_list_; // requests with an attempt that is being sent
     list_head waiting_list_; // requests that wait for an answer, earliest deadline first
     uint64_t last_id_;
     uint64_t count_;
-    bool is_timer_armed_; // or `due` runs
+    bool is_timer_armed_; // the timer is armed, or `due` runs
     timing_t timer_;
     reply_queue replies_;
 };

@@ -14,13 +14,13 @@ constexpr uint32_t usable_reply = IBAT_MASK_SRC_IP | IBAT_MASK_DST_IP | IBAT_MAS
 
 // ---- requests ----
 
-// Joins or makes the request for the address. `arp_data` null: does not look into the cache.
+// Joins or makes the request for the address. If `arp_data` is null, skips the cache.
 ibat_stat_t resolver::ask(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                           void* context)
 {
     send_order order{};
     const auto look = [&] {
-        const ibat_stat_t status = arp_data ? from_cache(address, arp_data) : ibat_stat_pending; // it may be new
+        const ibat_stat_t status = arp_data ? from_cache(address, arp_data) : ibat_stat_pending; // the entry may be new
         return status == ibat_stat_pending && !attachment_.accepts_calls() ? ibat_stat_error : status;
     };
     const ibat_stat_t status = requests_.ask(address, callback, context, look,
@@ -36,8 +36,8 @@ int32_t resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* context)
 
 // ---- attempts and their deadlines ----
 
-// Counts an attempt of a request that is being sent. The caller sends it without the lock. With the lock held; the
-// attachment accepts calls.
+// Counts an attempt of a request that is being sent. The caller holds the lock, and the attachment accepts calls. The
+// caller then releases the lock and sends the attempt.
 send_order resolver::begin_attempt(address_request* request)
 {
     assert(request->attempts < max_attempts_);
@@ -69,8 +69,8 @@ void resolver::send(const send_order& order)
     attachment_.wake_detach();
 }
 
-// Lets a request wait for its answer until the next attempt. If the provider has refused every attempt, gives it up at
-// once. With the lock held.
+// Makes a request wait for its answer until the next attempt. If the provider has refused every attempt, gives it up at
+// once. The caller holds the lock.
 void resolver::await_answer(address_request* request)
 {
     if (!request->was_sent && request->attempts >= max_attempts_) {
@@ -87,8 +87,8 @@ void resolver::retry_due()
     while (next_due(&order)) send(order);
 }
 
-// Gives up the requests that are due and have no attempt left. True: the caller sends `*order`, the next attempt of
-// another request that is due.
+// Gives up the due requests that have no attempt left. Returns true if another request is due; the caller then sends
+// `*order`, its next attempt.
 bool resolver::next_due(send_order* order)
 {
     spin_guard guard(&lock_);
@@ -116,7 +116,7 @@ ibat_stat_t resolver::take_reply(const ibat_arp_data_t& reply)
         ++counters_.ignored;
         return ibat_stat_error;
     }
-    // An answer without a record repeats the request, and a request for an address has no GID.
+    // An answer without a record has the fields of its request, and a request for an address has no GID.
     if (reply.gid == kq_gid_t{}) {
         take_negative(reply.src_ip);
     } else {
@@ -129,7 +129,8 @@ ibat_stat_t resolver::take_reply(const ibat_arp_data_t& reply)
 void resolver::take_positive(const ibat_arp_data_t& reply)
 {
     ++counters_.answers;
-    // Only an attached provider confirms the host's own mapping. Without one the answer is like that of another host.
+    // Only an attached provider confirms the host's own mapping. Without one, treat the answer like that of another
+    // host.
     const bool is_own = reply.mask & IBAT_MASK_STATIC && attachment_.is_attached();
     const uint32_t port = reply.mask & IBAT_MASK_LOCAL_PORT_NUM ? reply.local_port_num : 0;
     const bool is_stored =
@@ -157,7 +158,7 @@ void resolver::take_negative(uint32_t address)
     requests_.end(request, ibat_stat_not_found, address_record(address));
 }
 
-// With the lock held.
+// The caller holds the lock.
 void resolver::give_up(address_request* request, ibat_stat_t status)
 {
     requests_.end(request, status, address_record(request->address));

@@ -1,4 +1,4 @@
-// The resolver's opening and closing, its attachment, lookups, ageing and reports. Its requests: resolver-requests.cpp.
+// The resolver: open and close, its attachment, lookups, expiry and reports. Its requests are in resolver-requests.cpp.
 #include "host/peers/ibat/resolver.h"
 #include "host/peers/ibat/records.h"
 
@@ -8,7 +8,7 @@ namespace
 {
 
 constexpr unsigned long sweep_period_ticks = 10 * HZ;
-constexpr int32_t sweep_batch = 64; // entries dropped while the lock is held once
+constexpr int32_t sweep_batch = 64; // maximum number of entries that are dropped without releasing the lock
 
 } // namespace
 
@@ -71,7 +71,7 @@ void resolver::end_attachment()
 
 // ---- lookups ----
 
-// Answers from the cache. ibat_stat_pending: the cache has no entry. With the lock held.
+// Answers from the cache. Returns ibat_stat_pending if the cache has no entry. The caller holds the lock.
 ibat_stat_t resolver::from_cache(uint32_t address, ibat_arp_data_t* arp_data) const
 {
     const cache_entry* entry = cache_.find(address);
@@ -102,7 +102,7 @@ ibat_stat_t resolver::cached(uint32_t address, ibat_arp_data_t* arp_data)
 
 ibat_stat_t resolver::look_up_gid(const kq_gid_t& gid, ibat_arp_data_t* arp_data)
 {
-    const kq_gid_t gid_copy = gid; // the caller's GID may lie in the record that is filled
+    const kq_gid_t gid_copy = gid; // the caller's GID may be part of the record that is filled
     spin_guard guard(&lock_);
     ++counters_.lookups;
     const cache_entry* entry = cache_.find(gid_copy);
@@ -135,9 +135,9 @@ ibat_stat_t resolver::refresh(uint32_t address, ibat_get_ib_data_reply_fn_t call
     return ask(address, nullptr, callback, context);
 }
 
-// ---- ageing ----
+// ---- expiry ----
 
-// With the lock held.
+// The caller holds the lock.
 void resolver::arm_sweep()
 {
     assert(is_held(lock_));
@@ -147,7 +147,7 @@ void resolver::arm_sweep()
     add_timing(&sweep_timer_);
 }
 
-// The sweep timer's handler. Frees aged entries; lookups ignore them already.
+// The sweep timer's handler. Frees expired entries; lookups already ignore them.
 void resolver::sweep_aged()
 {
     int32_t count = sweep_batch;

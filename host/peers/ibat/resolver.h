@@ -1,7 +1,7 @@
 // Finds the GID that owns an address, in the cache or by asking the attached provider. (Other modules call the provider
-// the resolver.) There is one request per address, whatever the number of askers. It is repeated until an answer comes,
-// the provider detaches or the attempts are used up. One spin lock guards everything. No code sleeps or calls another
-// module while holding it.
+// the resolver.) Several askers share one request per address. A request is repeated until an answer comes, the
+// provider detaches or no attempt is left. One spin lock guards everything. No code sleeps or calls another module
+// while holding it.
 #pragma once
 
 #include "host/peers/attachment.h"
@@ -13,7 +13,7 @@ namespace ibat
 
 struct resolver_limits {
     cache_limits cache;
-    int32_t attempts; // in all
+    int32_t attempts; // total number
     unsigned long retry_ticks;
 };
 
@@ -23,7 +23,7 @@ struct address_request : request_base {
     uint32_t address;
 };
 
-// One attempt to send without the lock. `provider.send` is null when there is no attempt to send.
+// One attempt to send without the lock. `provider.send` is null if there is no attempt to send.
 struct send_order {
     attachment<send_arp_data_fn_t>::provider_t provider;
     uint32_t address;
@@ -35,7 +35,7 @@ struct send_order {
 class resolver
 {
   public:
-    // False: no memory; then nothing is held. May sleep.
+    // Returns false if there is no memory; nothing is held then. May sleep.
     bool open(const resolver_limits& limits);
 
     // Ends every request with an error and frees everything. May sleep.
@@ -80,7 +80,7 @@ class resolver
     attachment<send_arp_data_fn_t> attachment_;
 
     request_list<address_request, uint32_t, &address_request::address, &address_request::next_by_address> requests_;
-    bool is_sweep_armed_; // or its handler runs
+    bool is_sweep_armed_; // the timer is armed, or its handler runs
     timing_t sweep_timer_;
 };
 

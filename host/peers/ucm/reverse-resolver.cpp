@@ -104,7 +104,7 @@ bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
     return true;
 }
 
-// Ends the call into the provider, which has returned `status`. Returns the status for the requester. If a callback or
+// Ends the call into the provider, which has returned `status`. Returns the status for the asker. If a callback or
 // a cancel has already ended the request, ignores `status`.
 ibat_stat_t reverse_resolver::end_send(uint64_t id, ibat_stat_t status)
 {
