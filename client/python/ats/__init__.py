@@ -70,14 +70,14 @@ class Answer:
     address: ipaddress.IPv4Address
     gid: ipaddress.IPv6Address
     source: Source
-    seconds: float # the time that the service needed
-    verified: Optional[bool] # for verify=True: True if the SA agrees; None if unknown
+    seconds: float  # the time that the service needed
+    verified: Optional[bool]  # for verify=True: True if the SA agrees; None if unknown
 
 
 @dataclass(frozen=True)
 class Path:
     """A PathRecord (IBA 15.2.5.16) in the standard's encodings."""
-    address: Optional[ipaddress.IPv4Address] # of the destination; None if the question named a GID
+    address: Optional[ipaddress.IPv4Address]  # of the destination; None if the question named a GID
     gid: ipaddress.IPv6Address  # of the destination
     sgid: ipaddress.IPv6Address
     dlid: int
@@ -86,12 +86,12 @@ class Path:
     sl: int
     mtu: int  # 1 is 256 bytes, 5 is 4096
     rate: int
-    packet_lifetime: int # n means 4.096 microseconds times 2 to the n
+    packet_lifetime: int  # n means 4.096 microseconds times 2 to the n
     hop_limit: int
     flow_label: int
     traffic_class: int
     source: Source
-    seconds: float # the time that the service needed
+    seconds: float  # the time that the service needed
 
 
 def error_of(status: int, reason: str) -> Exception:
@@ -300,5 +300,5 @@ class AsyncClient(Base):
                 continue
             try:
                 future.set_result(result_of(raw))
-            except Exception as error: # the caller's error; it is raised at the caller's await
+            except Exception as error:  # the caller's error; it is raised at the caller's await
                 future.set_exception(error)
