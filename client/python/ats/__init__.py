@@ -1,11 +1,11 @@
-"""Asks the InfiniBand address translation service of this machine: which port GID owns an IPv4 address, the other way
-round, and for the path to either.
+"""Asks the InfiniBand address translation service of this machine. Finds the port GID of an IPv4 address, the IPv4 address
+of a GID, and the path to either.
 
     import ats
     with ats.Client() as client:
         print(client.resolve("10.0.0.2").gid)
 
-Asynchronous, in any number:
+Any number of asynchronous questions:
 
     async with ats.AsyncClient() as client:
         answers = await asyncio.gather(*(client.resolve(address) for address in addresses))
@@ -33,11 +33,11 @@ DEFAULT_TIMEOUT = 5.0
 
 
 class Error(Exception):
-    """The question has no answer. str() says why, in one line."""
+    """The question has no answer. str() gives the reason in one line."""
 
 
 class NotFound(Error):
-    """The SA names no owner, or the cache does not know (cached_only)."""
+    """The SA names no owner, or the cache has no answer (cached_only)."""
 
 
 class NoAnswer(Error):
@@ -49,11 +49,11 @@ class Refused(Error):
 
 
 class NotConnected(Error):
-    """No service listens, or it went away before it answered."""
+    """No service listens, or it ended before it answered."""
 
 
 class Invalid(Error):
-    """An argument is wrong, or the service's answer makes no sense."""
+    """An argument is wrong, or the service's answer is invalid."""
 
 
 ERRORS = {1: NotFound, 2: NoAnswer, 3: Refused, 4: NotConnected, 5: Invalid}
@@ -101,7 +101,7 @@ def error_of(status: int, reason: str) -> Exception:
 
 
 def answer_of(raw: library.Answer) -> Answer:
-    """The answer, or its error raised."""
+    """Returns the answer, or raises its error."""
     if raw.status != 0:
         raise error_of(raw.status, raw.reason.decode(errors="replace"))
     return Answer(ipaddress.IPv4Address(ctypes.string_at(ctypes.byref(raw, library.Answer.address.offset), 4)),
@@ -110,7 +110,7 @@ def answer_of(raw: library.Answer) -> Answer:
 
 
 def path_of(raw: library.Answer) -> Path:
-    """The path in the answer, or its error raised."""
+    """Returns the path in the answer, or raises its error."""
     answer = answer_of(raw)
     path = raw.path
     return Path(answer.address if int(answer.address) else None, answer.gid, ipaddress.IPv6Address(bytes(path.sgid)), path.dlid,
@@ -125,7 +125,7 @@ def is_address(destination: Destination) -> bool:
 
 
 def address_word(address: Address) -> int:
-    """The address as the library takes it: four bytes in network order, read as a number of this machine."""
+    """The address in the library's form: four bytes in network order, read as a number of this machine."""
     try:
         return ctypes.c_uint32.from_buffer_copy(ipaddress.IPv4Address(address).packed).value
     except ValueError as error:
@@ -133,7 +133,7 @@ def address_word(address: Address) -> int:
 
 
 def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
-    """The GID as 16 bytes. A text is written like an IPv6 address, or as 0x and up to 32 hexadecimal digits."""
+    """The GID as 16 bytes. A text has the form of an IPv6 address, or 0x and up to 32 hexadecimal digits."""
     try:
         if isinstance(gid, str) and gid[:2].lower() == "0x":
             packed = int(gid, 16).to_bytes(16, "big")
@@ -145,7 +145,7 @@ def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
 
 
 def milliseconds(timeout: float) -> int:
-    """A time-out as the library takes it: at least 1 ms, at most 24 days."""
+    """A time-out in the library's form: at least 1 ms, at most 24 days."""
     if not timeout > 0:
         raise Invalid("a time-out is above 0")
     return max(1, int(min(timeout * 1000, 2**31 - 1)))
@@ -167,7 +167,7 @@ def last_error() -> str:
 
 
 class Base:
-    """What both clients share: the library's client, and its end."""
+    """The common part of both clients: the library's client, and its end."""
 
     def __init__(self, socket: Optional[str] = None) -> None:
         self._client = ctypes.c_void_p()
@@ -209,7 +209,7 @@ class Client(Base):
 
     def path(self, destination: Destination, *, cached_only: bool = False, fresh: bool = False,
              timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Path:
-        """Finds the path to an IPv4 address or a GID. `fresh`: asks the SA whatever the cache knows."""
+        """Finds the path to an IPv4 address or a GID. `fresh` asks the SA even if the cache has an answer."""
         options, answer = make_options(cached_only, False, timeout, host, fresh), library.Answer()
         by_address = is_address(destination)
         call = library.lib.ats_find_path if by_address else library.lib.ats_find_path_to_gid
@@ -218,7 +218,7 @@ class Client(Base):
         return path_of(answer)
 
     def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
-        """Sends any request of docs/protocol.md, as in {"request": "status"}, and returns its answer."""
+        """Sends any request of docs/protocol.md, for example {"request": "status"}, and returns its answer."""
         line = ctypes.c_void_p()
         status = library.lib.ats_request(self._client, json.dumps(request).encode(), milliseconds(timeout), ctypes.byref(line))
         if status != 0:

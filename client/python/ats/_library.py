@@ -1,4 +1,4 @@
-"""The C library as ctypes sees it. The layouts are those of ats/client.h."""
+"""The C library for ctypes. The layouts are those of ats/client.h."""
 
 import ctypes
 import os
