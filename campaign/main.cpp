@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "campaign/picture.h"
 #include "campaign/result-file.h"
 #include "campaign/runner.h"
 #include "campaign/summary.h"
@@ -20,8 +21,7 @@ using namespace campaign;
 constexpr double ticks_per_hour = 3'600'000;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
-constexpr int exit_interrupted = 130;   // the code that shells use for a SIGINT
-constexpr const char* no_acts = "none"; // some seeds fail without any act
+constexpr int exit_interrupted = 130; // the code that shells use for a SIGINT
 
 struct command_line {
     uint64_t first_seed = 1, last_seed = 30;
@@ -32,6 +32,7 @@ struct command_line {
     std::vector<std::string> result_paths; // of the shards to merge; empty to run seeds
     bool minimise = false;
     std::vector<std::string> only; // acts; empty means all
+    picture_options picture;
     campaign::plan_options plan_options;
     run_options options;
 };
@@ -101,14 +102,6 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-// The acts as the value of --only.
-std::string text_of(const std::vector<size_t>& acts)
-{
-    std::string text;
-    for (const size_t number : acts) text += (text.empty() ? "" : ",") + std::to_string(number);
-    return text.empty() ? no_acts : text;
-}
-
 // Each of the next four functions returns the exit code. An error comes from the command line or from the system.
 
 ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, const run_options& options)
@@ -127,10 +120,13 @@ ats::result<int> replay(const command_line& line)
     const plan plan = draw_plan(line.first_seed, line.plan_options);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
-    for (const std::string& path : {line.options.log_path, line.options.capture_path})
+    for (const std::string& path : {line.options.log_path, line.options.capture_path, line.picture.path})
         if (const ats::result<> result = check_writable(path); !result) return ats::pass_on(result);
     const ats::result<run_result> result = run_apart(plan, *acts, line.options);
     if (!result) return ats::pass_on(result);
+    if (!line.picture.path.empty())
+        if (const ats::result<> picture = draw(line.picture, plan, *acts, line.options, *result); !picture)
+            return ats::pass_on(picture);
     if (result->complaint.empty()) {
         show(result->counts, 0);
         return 0;
@@ -230,6 +226,13 @@ int main(int argc, char** argv)
     program.add_option("--log", line.options.log_path, "write every act and every log line to this file")->needs(seed);
     program.add_option("--capture", line.options.capture_path, "write every datagram to this file, for Wireshark")
         ->needs(seed);
+    CLI::Option* const html =
+        program
+            .add_option("--html", line.picture.path,
+                        "draw the run as a page in this file; if it fails, only the acts that matter")
+            ->needs(seed);
+    program.add_flag("--all-acts", line.picture.shows_all_acts, "draw all acts of a run that fails")->needs(html);
+    program.add_option("--modules", line.options.module_folder, "load the modules from this folder");
     try {
         program.parse(argc, argv);
         const ats::result<int> exit_code = seed->count() > 0            ? replay(line)

@@ -33,11 +33,17 @@ int show_idle_kinds(const campaign_result& result)
 
 } // namespace
 
+std::string replay_command(uint64_t seed, const plan_options& options, const std::string& acts)
+{
+    const std::string number = std::to_string(seed);
+    return "ats-campaign --seed " + number + describe(options) + (acts.empty() ? "" : " --only " + acts) +
+           " --log seed-" + number + ".log";
+}
+
 void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts)
 {
-    std::printf("FAILED seed %lu: %sreplay: ats-campaign --seed %lu%s%s%s --log seed-%lu.log\n", failure.seed,
-                failure.complaint.c_str(), failure.seed, describe(options).c_str(), acts.empty() ? "" : " --only ",
-                acts.c_str(), failure.seed);
+    std::printf("FAILED seed %lu: %sreplay: %s\n", failure.seed, failure.complaint.c_str(),
+                replay_command(failure.seed, options, acts).c_str());
     std::fflush(stdout);
 }
 

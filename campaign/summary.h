@@ -9,8 +9,10 @@
 namespace campaign
 {
 
-// Prints the complaint of a failed run, and the command that replays it. `acts` is the value of --only; empty means
-// all.
+// The command that runs a seed again. `acts` is the value of --only; empty means all.
+std::string replay_command(uint64_t seed, const plan_options& options, const std::string& acts);
+
+// Prints the complaint of a failed run, and the command that replays it.
 void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts);
 
 // Prints the line of figures.

@@ -17,14 +17,19 @@ tested_fabric::tested_fabric(const campaign::plan& plan, const run_options& opti
         log_ = std::fopen(options.log_path.c_str(), "w");
         if (!log_) violate("cannot write " + options.log_path);
     }
+    if (options.record_file)
+        recorder_ = std::make_unique<recording::recorder>(options.record_file,
+                                                          "ats-campaign --seed " + std::to_string(plan.seed));
     for (const host_shape& shape : plan.hosts) nodes.emplace_back(*this, nodes.size(), shape);
     wire.begin(options.capture_path);
     subnet.set_tap(&wire);
+    if (recorder_) recorder_->follow(subnet);
     counts.seeds = 1;
 }
 
 tested_fabric::~tested_fabric()
 {
+    if (recorder_) recorder_->stop();
     subnet.set_tap(nullptr);
     if (log_) std::fclose(log_);
 }
@@ -40,9 +45,12 @@ void tested_fabric::violate(const std::string& fault)
 {
     note("violation", fault);
     if (log_) std::fflush(log_);
+    if (recorder_) recorder_->note(now(), "violation", {{"text", fault}});
+    const ats::result<> recording = finish_recording();
     std::fprintf(stderr, "at tick %llu: %s\n", static_cast<unsigned long long>(now()), fault.c_str());
     const ats::result<> flush = wire.flush_capture();
-    if (!flush) std::fprintf(stderr, "%s\n", flush.error().text.c_str());
+    for (const ats::result<>& result : {recording, flush})
+        if (!result) std::fprintf(stderr, "%s\n", result.error().text.c_str());
     _exit(1);
 }
 
@@ -73,6 +81,7 @@ ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
     const embedded::subnet_counts traffic = subnet.counts();
     counts.faults += traffic.dropped + traffic.duplicated + traffic.corrupted + traffic.refused;
     counts.simulated_ticks = now();
+    if (const ats::result<> recording = finish_recording(); !recording) return recording;
     return wire.flush_capture();
 }
 
@@ -94,6 +103,7 @@ void tested_fabric::perform(const act& act, size_t number, bool begins)
     const act_kind& kind = act_kinds[act.kind];
     node& node = node_of(act);
     note(begins ? "begins" : "ends", describe(plan, number));
+    record_act(act, number, begins);
     harm_watch* watch = nullptr;
     if (kind.harm == harm::network) watch = &network;
     if (kind.harm == harm::host) watch = &node.harm();
@@ -107,6 +117,7 @@ void tested_fabric::perform(const act& act, size_t number, bool begins)
     } else {
         kind.end(*this, act);
     }
+    if (recorder_) recorder_->note_faults(now());
     const bool is_over = !begins || !kind.end;
     if (watch && is_over) watch->end(now() + harm_lasts_ticks);
     node.reap();
@@ -116,6 +127,31 @@ void tested_fabric::keep_records()
 {
     simulation->run_until(next_keep_tick_);
     kept_records.push_back(subnet.save_records());
+    if (recorder_) recorder_->note_table(now());
+}
+
+void tested_fabric::record_act(const act& act, size_t number, bool begins)
+{
+    if (!recorder_) return;
+    const act_kind& kind = act_kinds[act.kind];
+    static constexpr const char* harm_texts[] = {"none", "host", "network"};
+    recorder_->note(now(), "act",
+                    {{"number", number},
+                     {"phase", !kind.end ? "moment"
+                               : begins  ? "begin"
+                                         : "end"},
+                     {"name", kind.name},
+                     {"host", node_of(act).host.name()},
+                     {"harm", harm_texts[static_cast<size_t>(kind.harm)]},
+                     {"a", act.a},
+                     {"b", act.b}});
+}
+
+ats::result<> tested_fabric::finish_recording()
+{
+    if (!recorder_) return {};
+    recorder_->note_table(now());
+    return recorder_->finish(now());
 }
 
 } // namespace campaign

@@ -12,14 +12,16 @@
 #include "campaign/plan.h"
 #include "campaign/wire-watch.h"
 #include "host/result.h"
+#include "recording/recorder.h"
 
 namespace campaign
 {
 
 struct run_options {
     std::string module_folder;
-    std::string log_path;     // empty if no log is written
-    std::string capture_path; // empty if nothing is captured
+    std::string log_path;             // empty if no log is written
+    std::string capture_path;         // empty if nothing is captured
+    std::FILE* record_file = nullptr; // receives a recording; null if nothing is recorded
 };
 
 // The longest time from the end of a harmful act to the end of its effects.
@@ -70,6 +72,9 @@ struct tested_fabric {
 
     node& node_of(const act& act) { return nodes[act.host % nodes.size()]; }
 
+    // Null if nothing is recorded.
+    recording::recorder* recorder() { return recorder_.get(); }
+
     const std::string module_folder;
     const campaign::plan plan;
     figures counts;
@@ -86,7 +91,11 @@ struct tested_fabric {
     void perform(const act& act, size_t number, bool begins);
     void keep_records();
 
+    void record_act(const act& act, size_t number, bool begins);
+    ats::result<> finish_recording();
+
     std::FILE* log_ = nullptr;
+    std::unique_ptr<recording::recorder> recorder_;
     uint64_t next_keep_tick_ = 0;
 };
 

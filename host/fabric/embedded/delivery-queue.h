@@ -32,6 +32,7 @@ struct datagram {
     uint8_t static_rate;
     bool is_from_sa;
 
+    uint64_t number = 0;    // of the datagram, for an observer
     uint64_t departure = 0; // a number that grows with every departure
     datagram_faults faults = {};
 };

@@ -1,6 +1,7 @@
 // How the embedded subnet delivers datagrams: the send of an HCA, and the fabric task.
 #include <algorithm>
 #include <cassert>
+#include <optional>
 
 #include "host/exec/task.h"
 #include "host/fabric/embedded/subnet-hca.h"
@@ -50,22 +51,25 @@ bool subnet::send(subnet_hca& hca, int port, const fabric::address& destination,
     datagram* datagram = is_send_refused() ? nullptr : queue_.take();
     if (!datagram) {
         ++counts_.refused;
+        if (observer_) observer_->refused(exec_.now(), mad, view_of(source));
         return false;
     }
     ++counts_.sent;
-    if (!source.is_active() || destination.p_key_index >= source.p_keys.size()) {
-        drop(*datagram);
-        return true;
-    }
+    const bool has_p_key = destination.p_key_index < source.p_keys.size();
     *datagram = {.mad = mad,
                  .source_lid = source.lid,
                  .destination_lid = destination.lid,
                  .destination_qpn = destination.qpn,
                  .q_key = destination.q_key,
-                 .p_key = source.p_keys[destination.p_key_index],
+                 .p_key = has_p_key ? source.p_keys[destination.p_key_index] : uint16_t{0},
                  .sl = destination.sl,
                  .static_rate = destination.static_rate,
                  .is_from_sa = false};
+    observe_send(*datagram, &source);
+    if (!source.is_active() || !has_p_key) {
+        lose(*datagram, has_p_key ? "the port is down" : "the port has no such P_Key");
+        return true;
+    }
     const uint64_t now_ticks = exec_.now();
     if (tap_) tap_->crossed(now_ticks, source.lid, destination, mad);
     dispatch(*datagram, now_ticks);
@@ -151,10 +155,11 @@ void subnet::deliver(datagram& datagram, lock_guard& lock)
         return;
     }
     count_arrival(datagram);
-    if (answer_as_sa(datagram))
-        dispatch(datagram, service_end_tick(exec_.now()));
-    else
-        drop(datagram);
+    const std::optional<embedded::datagram> request = observer_ ? std::optional(datagram) : std::nullopt;
+    if (const char* const reason = answer_as_sa(datagram)) return ignore(datagram, reason);
+    if (request) observe_arrival(*request, nullptr);
+    observe_send(datagram, nullptr);
+    dispatch(datagram, service_end_tick(exec_.now()));
 }
 
 void subnet::count_arrival(const datagram& datagram)
@@ -168,24 +173,28 @@ void subnet::count_arrival(const datagram& datagram)
     latest_arrived_departure_ = std::max(latest_arrived_departure_, datagram.departure);
 }
 
-bool subnet::answer_as_sa(datagram& request)
+// Returns null, or the reason why the SA does not answer.
+const char* subnet::answer_as_sa(datagram& request)
 {
-    if (request.destination_qpn != qp1 || request.q_key != fabric::qp1_q_key) return false;
+    if (request.destination_qpn != qp1 || request.q_key != fabric::qp1_q_key) return "it is not for QP1";
     const int p_key_index = matching_p_key(options_.p_keys, request.p_key);
-    if (p_key_index < 0 || !serve_as_sa(request.mad)) return false;
+    if (p_key_index < 0) return "its sender is in another partition";
+    if (const char* const reason = serve_as_sa(request.mad)) return reason;
 
     std::swap(request.source_lid, request.destination_lid); // the answer takes the same path
     request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
     request.is_from_sa = true;
-    return true;
+    request.faults = {};
+    return nullptr;
 }
 
-// Turns a request into the answer of the SA, in place. False: the SA does not answer. The caller holds the lock.
-bool subnet::serve_as_sa(fabric::mad_bytes& mad)
+// Turns a request into the answer of the SA, in place. Returns null, or the reason why the SA does not answer. The
+// caller holds the lock.
+const char* subnet::serve_as_sa(fabric::mad_bytes& mad)
 {
     if (faults.sa_silent) {
         ++effects_.requests_met_by_silence;
-        return false;
+        return "the SA is silent";
     }
 
     bool is_answered = false;
@@ -198,34 +207,36 @@ bool subnet::serve_as_sa(fabric::mad_bytes& mad)
     } else {
         is_answered = sa_.answer(mad, exec_.now(), counts_);
     }
-    if (!is_answered) return false;
+    if (!is_answered) return "the SA answers no such datagram";
     effects_.requests_after_hand_over += sm_lid_ != options_.sm_lid;
     if (use_up(faults.drop_next_answers)) {
         ++effects_.answers_dropped;
-        return false;
+        return "the SA served it, but its answer was lost";
     }
-    return true;
+    return nullptr;
 }
 
 bool subnet::ask_sa(fabric::mad_bytes& mad)
 {
     const lock_guard lock(mutex_);
-    return serve_as_sa(mad);
+    return !serve_as_sa(mad);
 }
 
 void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
 {
     const uint16_t lid = datagram.destination_lid;
     port_record* port = lid < port_by_lid_.size() ? port_by_lid_[lid] : nullptr;
-    if (!port || !port->is_active() || datagram.destination_qpn != qp1) return drop(datagram);
+    if (!port) return ignore(datagram, "no port has this LID");
+    if (!port->is_active()) return ignore(datagram, "the port is down");
+    if (datagram.destination_qpn != qp1) return ignore(datagram, "it is not for QP1");
     const int p_key_index = matching_p_key(port->p_keys, datagram.p_key);
     if (p_key_index < 0) {
         ++port->bad_p_keys;
-        return drop(datagram);
+        return ignore(datagram, "its sender is in another partition");
     }
     if (datagram.q_key != fabric::qp1_q_key) {
         ++port->bad_q_keys;
-        return drop(datagram);
+        return ignore(datagram, "its Q_Key is wrong");
     }
 
     fabric::address destination{.lid = lid,
@@ -233,11 +244,12 @@ void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
                                 .static_rate = datagram.static_rate,
                                 .p_key_index = static_cast<uint16_t>(p_key_index)};
     if (tap_ && datagram.is_from_sa) tap_->crossed(exec_.now(), datagram.source_lid, destination, datagram.mad);
-    if (!port->owner->listener) return drop(datagram);
+    if (!port->owner->listener) return ignore(datagram, "nobody listens at the HCA");
     fabric::address source = destination; // the path is the same both ways
     source.lid = datagram.source_lid;
     ++counts_.arrived;
     count_arrival(datagram);
+    observe_arrival(datagram, port);
     call_listener(*port->owner, lock,
                   [&](fabric::listener& listener) { listener.mad_arrived(port->number, source, datagram.mad); });
     queue_.put(datagram);
@@ -248,11 +260,11 @@ void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
 {
     if (use_up(faults.drop_next)) {
         ++effects_.dropped_next;
-        return drop(datagram);
+        return lose(datagram, "lost on the way");
     }
     if (draw(faults.loss_percent)) {
         ++effects_.lost_by_chance;
-        return drop(datagram);
+        return lose(datagram, "lost on the way");
     }
     datagram.faults = {};
     if (draw(faults.corrupt_percent)) {
@@ -270,10 +282,41 @@ void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
     }
 }
 
-void subnet::drop(datagram& datagram)
+// A datagram does not reach its receiver.
+void subnet::lose(datagram& datagram, const char* reason)
+{
+    drop(datagram, reason, false);
+}
+
+// The receiver drops a datagram.
+void subnet::ignore(datagram& datagram, const char* reason)
+{
+    drop(datagram, reason, true);
+}
+
+void subnet::drop(datagram& datagram, const char* reason, bool has_reached_end)
 {
     ++counts_.dropped;
+    if (observer_)
+        observer_->lost(exec_.now(), {datagram.number, datagram.mad, datagram.faults}, reason, has_reached_end);
     queue_.put(datagram);
+}
+
+// `sender`, or null for the SA, sends this datagram next.
+void subnet::observe_send(datagram& datagram, const port_record* sender)
+{
+    datagram.number = ++sent_count_;
+    if (!observer_) return;
+    const std::optional<port_view> view = sender ? std::optional(view_of(*sender)) : std::nullopt;
+    observer_->sent(exec_.now(), {datagram.number, datagram.mad, datagram.faults}, view ? &*view : nullptr,
+                    datagram.destination_lid);
+}
+
+void subnet::observe_arrival(const datagram& datagram, const port_record* receiver)
+{
+    if (!observer_) return;
+    const std::optional<port_view> view = receiver ? std::optional(view_of(*receiver)) : std::nullopt;
+    observer_->arrived(exec_.now(), {datagram.number, datagram.mad, datagram.faults}, view ? &*view : nullptr);
 }
 
 uint64_t subnet::due_tick(datagram& datagram, uint64_t now_ticks)

@@ -95,6 +95,7 @@ bool service_records::set(const ib_service_record_v2_t& record, uint64_t now_tic
     const auto position = records_.emplace(bytes_of(record.service_gid.bytes), entry{record, expires});
     by_address_.emplace(bytes_of(record.service_data8), position);
     assert(by_address_.size() == records_.size());
+    if (on_change) on_change(record, true);
     return true;
 }
 
@@ -155,7 +156,10 @@ service_records::by_gid_map::iterator service_records::erase(by_gid_map::iterato
     while (address != end && address->second != position) ++address;
     assert(address != end);
     by_address_.erase(address);
-    return records_.erase(position);
+    const ib_service_record_v2_t record = position->second.record;
+    const auto next = records_.erase(position);
+    if (on_change) on_change(record, false);
+    return next;
 }
 
 void service_records::expire(uint64_t now_ticks)
@@ -184,8 +188,7 @@ size_t service_records::clear(uint64_t now_ticks)
 {
     expire(now_ticks);
     const size_t count = records_.size();
-    by_address_.clear();
-    records_.clear();
+    while (!records_.empty()) erase(records_.begin());
     next_expiry_tick_ = UINT64_MAX;
     return count;
 }

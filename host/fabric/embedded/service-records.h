@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -29,6 +30,9 @@ class service_records
 {
   public:
     explicit service_records(size_t limit) : limit_(limit) {}
+
+    // Is called for each record that is stored or removed, whatever the reason. Null: nobody is told.
+    std::function<void(const ib_service_record_v2_t& record, bool is_stored)> on_change;
 
     // Stores the record, and removes one with the same key. Its lease, in seconds, begins at `now_ticks`. False: the
     // limit is reached.

@@ -28,6 +28,8 @@ struct port_record {
     bool is_active() const { return state == fabric::link_state::active; }
 };
 
+port_view view_of(const port_record& port);
+
 class subnet_hca final : public fabric::hca
 {
   public:

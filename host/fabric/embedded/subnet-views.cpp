@@ -5,6 +5,7 @@
 #include <array>
 #include <cstring>
 
+#include "host/fabric/embedded/subnet-hca.h"
 #include "records/host-record.h"
 
 namespace embedded
@@ -15,6 +16,17 @@ std::string text_of(const fabric::gid_bytes& gid)
     wire_gid_t wire;
     std::ranges::copy(gid, wire.bytes);
     return records::gid_text(from_wire(wire));
+}
+
+port_view view_of(const port_record& port)
+{
+    return {.host_name = port.owner->host,
+            .hca_name = port.owner->name(),
+            .port = port.number,
+            .state = port.state,
+            .lid = port.lid,
+            .sm_lid = port.sm_lid,
+            .gid = text_of(port.gid)};
 }
 
 service_record_view view_of(const ib_service_record_v2_t& record)

@@ -193,6 +193,7 @@ ats::result<> subnet::change_link(const std::string& host, const std::string& hc
         port.sm_lid = sm_lid_;
         port.sm_sl = sm_sl_;
     }
+    if (observer_) observer_->port_changed(exec_.now(), view_of(port));
     announce(port, port.is_active() ? fabric::port_change::link_up : fabric::port_change::link_down);
     wake_fabric(lock);
     return {};
@@ -212,6 +213,7 @@ ats::result<> subnet::set_sm(uint16_t lid, uint8_t sl)
     }
     sm_lid_ = lid;
     sm_sl_ = sl;
+    if (observer_) observer_->sm_moved(exec_.now(), lid);
     for (const auto& hca : hcas_) {
         for (port_record& port : hca->ports) {
             if (!port.is_active()) continue;
@@ -272,13 +274,31 @@ void subnet::set_tap(fabric::tap* tap)
     tap_ = tap;
 }
 
+void subnet::set_observer(embedded::observer* observer)
+{
+    lock_guard lock(mutex_);
+    observer_ = observer;
+    sa_.records.on_change = nullptr;
+    if (!observer) return;
+    observer->sm_moved(exec_.now(), sm_lid_);
+    for (const auto& hca : hcas_)
+        for (const port_record& port : hca->ports) observer->port_changed(exec_.now(), view_of(port));
+    for (const ib_service_record_v2_t& record : sa_.records.all(exec_.now()))
+        observer->record_stored(exec_.now(), record);
+    sa_.records.on_change = [this](const ib_service_record_v2_t& record, bool is_stored) {
+        if (is_stored)
+            observer_->record_stored(exec_.now(), record);
+        else
+            observer_->record_removed(exec_.now(), record);
+    };
+}
+
 std::vector<port_view> subnet::ports() const
 {
     lock_guard lock(mutex_);
     std::vector<port_view> list;
     for (const auto& hca : hcas_)
-        for (const port_record& port : hca->ports)
-            list.push_back({hca->host, hca->name(), port.number, port.state, port.lid, port.sm_lid, text_of(port.gid)});
+        for (const port_record& port : hca->ports) list.push_back(view_of(port));
     return list;
 }
 

@@ -16,6 +16,7 @@
 #include "host/exec/executor.h"
 #include "host/fabric/embedded/delivery-queue.h"
 #include "host/fabric/embedded/faults.h"
+#include "host/fabric/embedded/observer.h"
 #include "host/fabric/embedded/subnet-administrator.h"
 #include "host/fabric/embedded/subnet-views.h"
 #include "host/fabric/fabric.h"
@@ -101,6 +102,9 @@ class subnet
     // any more.
     void set_tap(fabric::tap* tap);
 
+    // The same for an observer. It is told of all ports at once.
+    void set_observer(embedded::observer* observer);
+
     std::vector<port_view> ports() const;                     // in the order of add_hca
     std::vector<service_record_view> service_records() const; // ordered by GID
 
@@ -128,11 +132,15 @@ class subnet
     template <class call_t>
     void call_listener(subnet_hca& hca, lock_guard& lock, const call_t& call);
     void deliver(datagram& datagram, lock_guard& lock);
-    bool answer_as_sa(datagram& request);
-    bool serve_as_sa(fabric::mad_bytes& mad);
+    const char* answer_as_sa(datagram& request);
+    const char* serve_as_sa(fabric::mad_bytes& mad);
     void deliver_to_port(datagram& datagram, lock_guard& lock);
     void dispatch(datagram& datagram, uint64_t now_ticks);
-    void drop(datagram& datagram);
+    void lose(datagram& datagram, const char* reason);
+    void ignore(datagram& datagram, const char* reason);
+    void drop(datagram& datagram, const char* reason, bool has_reached_end);
+    void observe_send(datagram& datagram, const port_record* sender);
+    void observe_arrival(const datagram& datagram, const port_record* receiver);
     uint64_t due_tick(datagram& datagram, uint64_t now_ticks);
     void count_arrival(const datagram& datagram);
     bool is_send_refused();
@@ -155,7 +163,9 @@ class subnet
     fault_effects effects_;
     uint64_t departure_count_ = 0;
     uint64_t latest_arrived_departure_ = 0;
+    uint64_t sent_count_ = 0; // datagrams of hosts and of the SA
     fabric::tap* tap_ = nullptr;
+    embedded::observer* observer_ = nullptr;
 
     struct pending_change {
         subnet_hca* hca;

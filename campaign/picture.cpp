@@ -1,0 +1,49 @@
+#include "campaign/picture.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "campaign/summary.h"
+#include "recording/page.h"
+
+namespace campaign
+{
+
+std::string text_of(const std::vector<size_t>& acts)
+{
+    std::string text;
+    for (const size_t number : acts) text += (text.empty() ? "" : ",") + std::to_string(number);
+    return text.empty() ? no_acts : text;
+}
+
+ats::result<> draw(const picture_options& picture, const plan& plan, std::vector<size_t> acts, run_options options,
+                   const run_result& first_run)
+{
+    options.log_path = options.capture_path = "";
+    const bool is_shortened = !first_run.complaint.empty() && !picture.shows_all_acts;
+    if (is_shortened) {
+        ats::result<std::vector<size_t>> fewest_acts = shorten(plan, std::move(acts), options);
+        if (!fewest_acts) return ats::pass_on(fewest_acts);
+        acts = std::move(*fewest_acts);
+    }
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
+    if (!file) return ats::fail(std::string("cannot create a file for the recording: ") + std::strerror(errno));
+    options.record_file = file.get();
+    const ats::result<run_result> result = run_apart(plan, acts, options);
+    if (!result) return ats::pass_on(result);
+    if (result->counts.digest != first_run.counts.digest)
+        return ats::fail("the run was another one while it was recorded");
+    const std::string only = acts.size() < plan.acts.size() ? text_of(acts) : "";
+    nlohmann::ordered_json about = {{"title", "Campaign, seed " + std::to_string(plan.seed)},
+                                    {"verdict", result->complaint.empty() ? "passed" : "failed"},
+                                    {"replay", replay_command(plan.seed, plan.options, only)},
+                                    {"acts", acts.size()},
+                                    {"planned_acts", plan.acts.size()},
+                                    {"is_shortened", is_shortened}};
+    if (!result->complaint.empty()) about["complaint"] = result->complaint;
+    return recording::write_page(picture.path, about, recording::text_of_file(file.get()));
+}
+
+} // namespace campaign

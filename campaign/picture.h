@@ -1,0 +1,28 @@
+// Draws a run of a seed as a page, which recording/ makes from a recording.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "campaign/runner.h"
+
+namespace campaign
+{
+
+constexpr const char* no_acts = "none"; // the value of --only for a seed that fails without any act
+
+// The acts as the value of --only.
+std::string text_of(const std::vector<size_t>& acts);
+
+struct picture_options {
+    std::string path; // empty if nothing is drawn
+    bool shows_all_acts = false;
+};
+
+// Runs these acts again and writes the page. If they failed in `first_run`, only those that matter are run, unless the
+// options ask for all. A run that passed must have the same digest with and without a recording; anything else is an
+// error. Other errors: no process could be started, a file could not be written.
+ats::result<> draw(const picture_options& picture, const plan& plan, std::vector<size_t> acts, run_options options,
+                   const run_result& first_run);
+
+} // namespace campaign

@@ -1,0 +1,79 @@
+// Writes a recording of a run: what was sent, what arrived, how ports and the SA's records changed, what hosts logged.
+// docs/recording.md describes the format, which is JSON Lines. The recorder only watches: a run is the same with and
+// without it.
+#pragma once
+
+#include <array>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "host/fabric/embedded/subnet.h"
+#include "host/kernel/machine.h"
+#include "host/result.h"
+
+namespace recording
+{
+
+using json = nlohmann::ordered_json;
+
+constexpr int format_version = 1;
+
+// Any thread may make any call.
+class recorder final : public embedded::observer
+{
+  public:
+    // Writes to `file`, which stays open. `program` is the command line that repeats the run.
+    recorder(std::FILE* file, const std::string& program);
+
+    // Records what happens in the subnet until stop(). The subnet outlives the recorder or is stopped before.
+    void follow(embedded::subnet& subnet);
+    void stop();
+
+    // Records the log lines of a host from now on. No machine is used after stop().
+    void follow(const std::string& host, kernel::machine& machine);
+
+    // Records one log line of a host.
+    void note_line(const std::string& host, const kernel::log_line& line);
+
+    // Records any event of the program, such as an act of a campaign: its kind and its own fields.
+    void note(uint64_t now_ticks, const char* kind, json fields);
+
+    // Records which faults of the subnet are switched on, if that has changed. Each event of the subnet does this too.
+    void note_faults(uint64_t now_ticks);
+
+    // Records all records of the SA, to compare them with what the changes add up to.
+    void note_table(uint64_t now_ticks);
+
+    // Writes the last event, with the subnet's own counters, and all that is buffered.
+    ats::result<> finish(uint64_t now_ticks);
+
+    // ---- embedded::observer ----
+
+    void sent(uint64_t now_ticks, const embedded::datagram_sight& datagram, const embedded::port_view* sender,
+              uint16_t destination_lid) override;
+    void arrived(uint64_t now_ticks, const embedded::datagram_sight& datagram,
+                 const embedded::port_view* receiver) override;
+    void lost(uint64_t now_ticks, const embedded::datagram_sight& datagram, const char* reason,
+              bool has_reached_end) override;
+    void refused(uint64_t now_ticks, const fabric::mad_bytes& mad, const embedded::port_view& sender) override;
+    void port_changed(uint64_t now_ticks, const embedded::port_view& port) override;
+    void sm_moved(uint64_t now_ticks, uint16_t lid) override;
+    void record_stored(uint64_t now_ticks, const ib_service_record_v2_t& record) override;
+    void record_removed(uint64_t now_ticks, const ib_service_record_v2_t& record) override;
+
+  private:
+    using switch_values = std::array<uint32_t, 15>;
+    static switch_values values_of(const embedded::fault_switches& faults);
+    void write(uint64_t now_ticks, const char* kind, const json& fields);
+
+    std::mutex mutex_; // guards the file and the next three
+    std::FILE* const file_;
+    embedded::subnet* subnet_ = nullptr;
+    switch_values switches_{};
+    std::map<kernel::machine*, int> followed_; // the handle of kernel::log::follow
+};
+
+} // namespace recording

@@ -1,0 +1,186 @@
+// Where everything stands in the picture. Time runs down. A row holds one event; long stretches without any are folded.
+
+const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
+const FOLD_MS = 400; // a longer stretch without events is folded
+const TIME_WIDTH = 84;
+const SA_ROOM = 96; // between the times and the SA's lane, for the bars of faults
+const TOP = 10;
+
+const formatNumber = number => number.toLocaleString("en");
+
+function formatTime(ms) {
+  if (ms < 60000) return (ms / 1000).toFixed(3);
+  const [minutes, seconds] = [Math.floor(ms / 60000), ((ms % 60000) / 1000).toFixed(3).padStart(6, "0")];
+  if (minutes < 60) return `${minutes}:${seconds}`;
+  return `${Math.floor(minutes / 60)}:${String(minutes % 60).padStart(2, "0")}:${seconds}`;
+}
+
+function formatLength(ms) {
+  if (ms < 1000) return `${ms} ms`;
+  if (ms < 60000) return `${+(ms / 1000).toFixed(1)} s`;
+  const [minutes, seconds] = [Math.floor(ms / 60000), Math.round((ms % 60000) / 1000)];
+  if (minutes < 60) return seconds ? `${minutes} min ${seconds} s` : `${minutes} min`;
+  return `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
+}
+
+// The x of each lane. `width` is the room that there is.
+function placeLanes(recording, filter, width) {
+  const ports = [...recording.ports.values()].filter(port => !filter.hiddenHosts.has(port.host));
+  const saX = TIME_WIDTH + SA_ROOM;
+  const room = (width - saX - 60) / Math.max(ports.length, 1);
+  const step = Math.max(width < 700 ? 112 : 150, Math.min(room, 260));
+  const lanes = new Map([["sa", { name: "sa", x: saX }]]);
+  ports.forEach((port, i) => lanes.set(port.name, { ...port, x: saX + (i + 1) * step }));
+  return { lanes, step, width: saX + ports.length * step + Math.max(60, step / 2) };
+}
+
+class Layout {
+  constructor(recording, filter, width) {
+    this.recording = recording;
+    this.filter = filter;
+    Object.assign(this, placeLanes(recording, filter, width));
+    this.hostLane = new Map(); // the first lane of each host
+    for (const lane of this.lanes.values()) if (lane.host && !this.hostLane.has(lane.host)) this.hostLane.set(lane.host, lane);
+    this.yOf = new Float64Array(recording.events.length); // of each event
+    this.stops = [];      // the events at which the scrubber halts
+    this.arrows = [];
+    this.logs = [];
+    this.folds = [];
+    this.titles = [];     // steps and violations
+    this.acts = [];
+    this.changes = [];    // of the SA's records
+    this.times = [];
+    this.y = TOP;
+    this.lastTick = null; // of the last event that is shown
+    this.logRow = null;
+    recording.events.forEach(event => this.place(event));
+    this.height = this.y + 40;
+  }
+
+  place(event) {
+    const isShown = this.placeShown(event);
+    this.yOf[event.index] = this.y;
+    if (isShown) this.stops.push(event.index);
+  }
+
+  // Gives the event its row. False: it has none.
+  placeShown(event) {
+    switch (event.e) {
+    case "sent":
+    case "refused": return this.placeDatagram(event);
+    case "arrived":
+    case "lost": return this.placeEnd(event);
+    case "log": return this.placeLog(event);
+    case "act": return this.placeAct(event);
+    case "step":
+    case "violation": return this.placeTitle(event);
+    case "stored":
+    case "removed": return this.placeChange(event);
+    case "port":
+    case "fault":
+    case "sm": return this.placeSilent(event);
+    default: return false;
+    }
+  }
+
+  // Begins a row. A long pause before it becomes a fold.
+  beginRow(event, height) {
+    const pause = this.lastTick === null ? 0 : event.t - this.lastTick;
+    if (pause > FOLD_MS) {
+      this.folds.push({ y: this.y + 16, ms: pause });
+      this.y += ROW.fold;
+    } else if (pause > 0) {
+      this.y += 4 + Math.min(12, pause / 10);
+    }
+    this.y += height;
+    if (this.lastTick !== event.t) this.times.push({ y: this.y, t: event.t });
+    this.lastTick = event.t;
+    this.logRow = null;
+  }
+
+  placeDatagram(event) {
+    const datagram = event.datagram;
+    datagram.lane = this.lanes.get(portOf(this.recording, datagram));
+    datagram.isShown = this.filter.shows(datagram);
+    if (!datagram.isShown) return false;
+    this.beginRow(event, ROW.datagram);
+    datagram.y = this.y;
+    datagram.arrows = [];
+    if (event.e === "refused") this.addArrow(datagram, null, this.y);
+    return true;
+  }
+
+  placeEnd(event) {
+    const datagram = event.datagram;
+    if (!datagram || !datagram.isShown) return false;
+    if (event.t === datagram.sent.t) {
+      this.addArrow(datagram, event, datagram.y + 6 * datagram.arrows.length);
+      return false;
+    }
+    this.beginRow(event, ROW.change);
+    this.addArrow(datagram, event, this.y);
+    return true;
+  }
+
+  addArrow(datagram, end, y) {
+    const arrow = { datagram, end, y1: end && end.twin ? datagram.y + 3 : datagram.y, y2: y };
+    datagram.arrows.push(arrow);
+    this.arrows.push(arrow);
+  }
+
+  // Lines that follow each other at one moment make one mark for each host.
+  placeLog(event) {
+    const lane = this.hostLane.get(event.host);
+    if (!lane || !this.filter.showsLog(event)) return false;
+    const row = this.logRow;
+    const isNew = !row || this.lastTick !== event.t;
+    if (isNew) {
+      this.beginRow(event, ROW.log);
+      this.logRow = new Map();
+    }
+    let mark = this.logRow.get(event.host);
+    if (!mark) {
+      mark = { lane, y: this.y, lines: [] };
+      this.logRow.set(event.host, mark);
+      this.logs.push(mark);
+    }
+    mark.lines.push(event);
+    return isNew;
+  }
+
+  placeAct(event) {
+    const lane = event.harm === "network" ? this.lanes.get("sa") : this.hostLane.get(event.host);
+    if (!lane || !this.filter.showsAct(event)) return false;
+    this.beginRow(event, ROW.act);
+    this.acts.push({ event, lane, y: this.y - 5 });
+    return true;
+  }
+
+  placeTitle(event) {
+    this.beginRow(event, ROW[event.e]);
+    this.titles.push({ event, y: this.y - 6 });
+    return true;
+  }
+
+  placeChange(event) {
+    this.beginRow(event, ROW.change);
+    this.changes.push({ event, y: this.y });
+    return true;
+  }
+
+  placeSilent(event) {
+    if (event.t === 0 && event.e === "port" && event.state === "down") return false;
+    this.beginRow(event, ROW.change);
+    return true;
+  }
+
+  // The stop at or before a place in the picture.
+  stopAt(y) {
+    let [low, high] = [0, this.stops.length - 1];
+    while (low < high) {
+      const middle = (low + high + 1) >> 1;
+      if (this.yOf[this.stops[middle]] <= y) low = middle; else high = middle - 1;
+    }
+    return low;
+  }
+}
