@@ -148,13 +148,13 @@ void door::ended(connection& source)
     note_closed();
 }
 
-// The connections stay open if the service manager has copies of them. This includes connections that nobody has
-// accepted yet.
+// The connections stay open if the service manager has copies of them. This includes connections that were never
+// accepted.
 void door::close_all()
 {
     life_.reset();
     if (open_handles_ > 0) {
-        listening_.reset(); // removes the file; nobody else can connect
+        listening_.reset(); // removes the file; no other program can connect
         accept_all();
         cli::forget_descriptor(listener_name);
         const auto closed = [](uv_handle_t* handle) {

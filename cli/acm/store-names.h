@@ -25,7 +25,7 @@ inline bool is_connection_name(const std::string& name)
     return name.starts_with(connection_prefix);
 }
 
-// The highest number in use, so that new names are unique.
+// The highest number in use. New names get higher numbers.
 inline uint64_t last_number_in(const std::vector<cli::kept_descriptor>& kept)
 {
     const size_t prefix_size = std::string(connection_prefix).size();

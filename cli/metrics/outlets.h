@@ -19,7 +19,7 @@ namespace metrics
 class outlets
 {
   public:
-    using print_t = std::function<void(const std::string& line)>; // takes a line for the administrator
+    using print_t = std::function<void(const std::string& line)>; // receives a line for the administrator
     using text_t = std::function<std::string()>;                  // creates the text; any thread may call it
 
     // Starts a thread if anything is configured. Throws a shortage if the thread cannot be created.

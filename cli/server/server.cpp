@@ -304,7 +304,7 @@ void server::begin(conversation& source, const return_ticket& ticket)
     if (!ticket.id) source.pause();
 }
 
-// Sends the answer, unless the client has gone.
+// Sends the answer, unless the client has disconnected.
 void server::finish(const return_ticket& ticket, const std::string& line)
 {
     conversation* source = find(ticket.place.connection);

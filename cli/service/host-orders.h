@@ -19,7 +19,7 @@ ats::result<std::string> write_control(world::host& host, const std::string& com
 // From 0 (nothing) to 5 (everything).
 void set_trace_level(world::host& host, int level);
 
-// Sets how often the host asks the SA for its record. A check that is due before that still takes place on every HCA.
+// Sets how often the host asks the SA for its record. The new period begins after the next check of each HCA.
 ats::result<> set_verification(world::host& host, const verification& verification);
 
 enum class awaited { sent, confirmed };

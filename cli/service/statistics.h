@@ -73,11 +73,13 @@ struct host_statistics {
 struct door_statistics {
     std::atomic<int64_t> open{0}; // connections now
     counter accepted{0};
-    counter denied{0};               // requests refused by the access rules
-    counter connections_reached{0};  // connections beyond the limit of the user; likewise:
-    counter questions_reached{0};    // requests
-    counter line_bytes_reached{0};   // lines
-    counter unread_bytes_reached{0}; // connections that were cut off
+    counter denied{0}; // requests refused by the access rules
+
+    // Connections, questions, lines and answers beyond the limits of a user or a connection.
+    counter connections_reached{0};
+    counter questions_reached{0};
+    counter line_bytes_reached{0};
+    counter unread_bytes_reached{0};
 };
 
 struct service_statistics {

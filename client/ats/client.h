@@ -16,7 +16,7 @@
  * child of fork() must not use its parent's client.
  * Signals: no call raises SIGPIPE. A signal does not end a waiting call early.
  * Connection: a client connects at its first question, and again after a restart of the service.
- * Byte order: addresses are in network order, as in struct in_addr. GIDs are 16 bytes in network order, as in
+ * Byte order: addresses are in network order, like struct in_addr. GIDs are 16 bytes in network order, like
  * struct in6_addr and union ibv_gid. */
 #ifndef ATS_CLIENT_H
 #define ATS_CLIENT_H

@@ -19,7 +19,7 @@ struct path_record {
     uint8_t sl = 0;
     uint8_t mtu = 0;             // 1 is 256 bytes, 5 is 4096
     uint8_t rate = 0;            // 2 is 2.5 Gbit/s, 3 is 10 Gbit/s; see gigabits_of()
-    uint8_t packet_lifetime = 0; // n stands for 4.096 microseconds times 2 to the n
+    uint8_t packet_lifetime = 0; // n means 4.096 microseconds times 2 to the n
     uint8_t hop_limit = 0;
     uint8_t traffic_class = 0;
     uint8_t preference = 0;

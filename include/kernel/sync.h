@@ -73,7 +73,7 @@ struct wait_queue_t {
 KERNEL_API void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name);
 #define init_waitqueue_head(queue) init_waitqueue_head_named(queue, #queue)
 
-// Wakes all sleepers of the queue, so that each checks its condition again. Any context.
+// Wakes all sleepers of the queue. Each of them checks its condition again. Any context.
 KERNEL_API void wake_up_interruptible(wait_queue_head_t* queue);
 
 // prepare_to_wait puts the calling task into the queue, unless it is already in it; finish_wait removes it. A task in

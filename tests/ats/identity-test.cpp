@@ -1,5 +1,5 @@
-// Other modules change the name and the address at run time. Tests what every HCA registers, and what remains after a
-// failure.
+// Other modules change the name and the address at run time. Tests the registrations of every HCA, and the state after
+// a failure.
 #include "tests/ats/ats-world.h"
 
 namespace

@@ -90,7 +90,7 @@ TEST(trace, is_off_without_a_registry_value)
     EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "tracing stays off until the next load";
 }
 
-// The host checks its record once a minute and traces every step. It must free what it no longer needs, mainly its log.
+// The host checks its record once a minute and traces every step. It must free unused memory, mainly that of its log.
 TEST(trace, of_everything_for_a_month_takes_no_more_memory)
 {
     ats_world w;

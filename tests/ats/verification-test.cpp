@@ -1,4 +1,4 @@
-// Each HCA checks its own record. Tests the times of the checks, and what is registered again.
+// Each HCA checks its own record. Tests the times of the checks and the new registrations.
 #include "host/kernel/random.h"
 #include "host/stack/timers.h"
 #include "tests/ats/ats-world.h"

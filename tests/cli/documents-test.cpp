@@ -96,7 +96,7 @@ TEST(documents, manual_page_and_completion_have_every_command_and_its_options)
             EXPECT_THAT(page, testing::HasSubstr(command_line.substr(4)));
         }
 
-        // No word holds a space or a quotation mark, so one pair of quotation marks around the script is enough.
+        // Words contain no spaces and quotation marks, so one pair of quotation marks around the script is enough.
         const std::string script = "source " ATS_SOURCE_DIR "/dist/ats.bash-completion; COMP_WORDS=(" + command_line +
                                    " \"\"); COMP_CWORD=" + std::to_string(command.size() + 1) +
                                    "; _ats; echo \" ${COMPREPLY[*]} \"";

@@ -1,4 +1,4 @@
-// Whole hosts, each an `ats run` of its own, on a fabric that ibsim simulates and OpenSM manages.
+// Complete hosts on a fabric that ibsim simulates and OpenSM manages. Each host is an `ats run` of its own.
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>

@@ -41,7 +41,7 @@ void port::read_state_files(uint64_t now)
 
 void port::ask(const fabric::mad_bytes& question)
 {
-    constexpr uint16_t permissive_lid = 0xFFFF; // this port, whatever its LID
+    constexpr uint16_t permissive_lid = 0xFFFF; // this port, with any LID
     device::packet packet;
     packet.mad() = question;
     packet.address().lid = permissive_lid;

@@ -57,7 +57,7 @@ class cache
     // Turns the own mapping into a learned entry, because the resolver no longer confirms it. It can then expire.
     void release_own();
 
-    // Stores a negative answer: nobody owns `address`.
+    // Stores a negative answer: no host owns `address`.
     void learn_absence(uint32_t address);
 
     // Drops up to `limit` expired entries. Returns the number of dropped entries.
