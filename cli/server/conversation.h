@@ -24,8 +24,8 @@ class conversation
         virtual void input_ended(conversation& source) = 0;     // the client sends nothing more
         virtual void became_writable(conversation& source) = 0; // the queued lines have been sent
         virtual void left_unread(conversation& source) = 0;     // cut off: it does not read its answers
-        virtual void ended(conversation& source) = 0;      // its handle is closed; it may be destroyed
-        virtual void has_unsent(conversation& source) = 0; // call flush() at the end of this round
+        virtual void ended(conversation& source) = 0;           // its handle is closed; it may be destroyed
+        virtual void has_unsent(conversation& source) = 0;      // call flush() at the end of this round
     };
 
     conversation(owner& owner, uv_loop_t* loop, uint64_t number, const service_limits& limits);

@@ -1,15 +1,12 @@
 #include "cli/server/server.h"
 
-#include <algorithm>
 #include <future>
 
 #include "cli/metrics/metrics.h"
+#include "cli/server/answer-lines.h"
+#include "cli/server/lookup-requests.h"
 #include "cli/server/request-kinds.h"
-#include "cli/service/lookup-answer.h"
 #include "cli/service/requests.h"
-#include "console/errors.h"
-#include "console/gids.h"
-#include "console/identity.h"
 #include "console/log-filter.h"
 
 namespace cli
@@ -23,81 +20,6 @@ using json = nlohmann::json;
 constexpr int protocol_version = 1;
 constexpr size_t worker_threads = 4;
 
-// A line of the protocol. Texts of modules may not be valid UTF-8; this makes them valid.
-std::string line_of(json answer, const std::optional<uint64_t>& id)
-{
-    if (id) answer["id"] = *id;
-    return answer.dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
-json refusal(const ats::error& error)
-{
-    return {{"error", error.text}, {"exit_code", int{console::exit_code_of(error.kind)}}};
-}
-
-ats::error malformed(const std::string& text)
-{
-    return {ats::error_kind::invalid, text};
-}
-
-// Returns the error for the exception that is being handled: a missing member, a member with a wrong type, or a
-// shortage.
-ats::error caught_error()
-{
-    try {
-        throw;
-    } catch (const json::exception& wrong) {
-        return malformed(std::string("the request is malformed: ") + wrong.what());
-    } catch (const std::exception& wrong) {
-        return ats::error(wrong.what());
-    }
-}
-
-// Returns the request's id, if it has one. Fails if the id is not an integer from 0 on.
-ats::result<std::optional<uint64_t>> id_of(const json& object)
-{
-    const auto id = object.find("id");
-    if (id == object.end()) return std::optional<uint64_t>();
-    if (!id->is_number_unsigned()) return ats::fail(ats::error_kind::invalid, "an id is an integer from 0");
-    return std::optional<uint64_t>(id->get<uint64_t>());
-}
-
-// Returns an error if members contradict each other or are out of range.
-std::optional<ats::error> wrong_members(const json& request, const std::string& name)
-{
-    const auto is_set = [&](const char* key) { return request.value(key, false); };
-    if (is_set("cached") + is_set("verify") + is_set("fresh") > 1)
-        return malformed("'cached', 'verify' and 'fresh' exclude each other");
-    if (name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses and paths only");
-    if (name == "path" && is_set("verify")) return malformed("'verify' is for addresses and GIDs only");
-    if (name == "path" && request.contains("address") == request.contains("gid"))
-        return malformed("a path leads to an 'address' or to a 'gid'");
-    const auto level = request.find("level");
-    const bool is_level = level == request.end() ||
-                          (level->is_number_unsigned() && level->get<uint64_t>() <= console::trace_level_everything);
-    if (!is_level) return malformed("a trace level is a number from 0 (nothing) to 5 (everything)");
-    return std::nullopt;
-}
-
-// Asks only the cache.
-lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject)
-{
-    constexpr auto cache_only = world::lookup_mode::cache_only;
-    if (const auto* path = std::get_if<lookups::path_to_address>(&subject))
-        return resolve_path(machine, path->ip, cache_only);
-    if (const auto* path = std::get_if<lookups::path_to_gid>(&subject))
-        return resolve_path(machine, path->gid, cache_only);
-    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject)) return resolve_gid(machine, *gid, cache_only);
-    return resolve_address(machine, std::get<uint32_t>(subject), cache_only);
-}
-
-// The line that answers a lookup.
-std::string line_of(const lookups::answer& answer, bool is_by_gid, bool cache_only, const std::optional<uint64_t>& id)
-{
-    if (const auto* path = std::get_if<world::path_resolution>(&answer)) return path_answer(*path, id);
-    return lookup_answer(std::get<world::resolution>(answer), is_by_gid, cache_only, id);
-}
-
 } // namespace
 
 ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::unique_ptr<listening_socket> listening,
@@ -109,7 +31,11 @@ ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::un
 }
 
 server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options)
-    : hosts_(hosts), listening_(std::move(listening)), options_(options), workers_(worker_threads)
+    : hosts_(hosts), listening_(std::move(listening)), options_(options),
+      followers_(
+          loop_, [this](uint64_t number) { return find(number); },
+          [this](const return_ticket& ticket, const std::string& line) { finish(ticket, line); }),
+      workers_(worker_threads)
 {
     loop_.set_end_of_round([this] { flush_all(); });
     uv_pipe_init(loop_.uv(), &listener_, 0);
@@ -193,7 +119,7 @@ void server::ended(conversation& source)
         share.outstanding -= source.outstanding;
         if (share.connections == 0) users_.erase(place.user);
     }
-    followings_.erase(place.connection);
+    followers_.forget(place.connection);
     drop(place);
     conversations_.erase(place.connection);
 }
@@ -223,21 +149,13 @@ void server::flush_all()
 
 void server::take_line(conversation& source, std::string_view line)
 {
-    json object = json::parse(line, nullptr, false);
-    if (!object.is_object()) return refuse(source, {}, malformed("a request is one JSON object on a line"));
-    if (std::ranges::any_of(object, [](const json& member) { return member.is_structured(); }))
-        return refuse(source, {}, malformed("a request's members are texts, numbers, true or false"));
-    const ats::result<std::optional<uint64_t>> id = id_of(object);
-    if (!id) return refuse(source, {}, id.error());
-    request request{std::move(object), {}, {{source.peer().user, source.number()}, *id}};
-    const auto name = request.object.find("request");
-    if (name == request.object.end() || !name->is_string())
-        return refuse(source, *id, malformed("a request names itself, as in {\"request\":\"status\"}"));
-    request.name = *name;
+    std::optional<uint64_t> id;
+    const ats::result<request> request = request_of(line, {source.peer().user, source.number()}, id);
+    if (!request) return refuse(source, id, request.error());
     try {
-        carry_out(source, request);
+        carry_out(source, *request);
     } catch (...) {
-        refuse(source, *id, caught_error());
+        refuse(source, id, caught_error());
     }
 }
 
@@ -259,12 +177,10 @@ void server::carry_out(conversation& source, const request& request)
                       {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
                                                          " questions outstanding already: wait for answers first"});
     }
-    if (const std::optional<ats::error> wrong = wrong_members(request.object, request.name))
+    if (const std::optional<ats::error> wrong = wrong_members(request))
         return refuse(source, request.ticket.id, *wrong);
-    const bool is_lookup = request.name == "resolve" || request.name == "reverse" || request.name == "path";
-    const bool is_simple = !request.object.value("verify", false) && !request.object.contains("name");
     if (request.name == "log") return follow_log(source, request);
-    if (is_lookup && is_simple) return look_up(source, request);
+    if (is_simple_lookup(request)) return look_up(source, request);
     hand_to_workers(source, request);
 }
 
@@ -348,21 +264,6 @@ lookups& server::lookups_of(kernel::machine& machine)
     return lookups_.try_emplace(&machine, machine, hosts_.statistics_of(machine).lookups).first->second;
 }
 
-ats::result<lookups::subject> server::subject_of(const request& request) const
-{
-    const bool is_fresh = request.object.value("fresh", false);
-    const bool is_path = request.name == "path";
-    if (request.name == "reverse" || (is_path && request.object.contains("gid"))) {
-        const ats::result<kq_gid_t> gid = console::gid_of(request.object.at("gid"));
-        if (!gid) return ats::pass_on(gid);
-        return is_path ? lookups::subject(lookups::path_to_gid{*gid, is_fresh}) : lookups::subject(*gid);
-    }
-    const ats::result<uint32_t> ip = console::address_of(request.object.at("address"));
-    if (!ip) return ats::pass_on(ip);
-    if (is_path) return lookups::path_to_address{*ip, is_fresh};
-    return is_fresh ? lookups::subject(lookups::fresh_address{*ip}) : lookups::subject(*ip);
-}
-
 void server::look_up(conversation& source, const request& request)
 {
     const ats::result<world::host*> host = find_host(hosts_, request.object);
@@ -375,13 +276,7 @@ void server::look_up(conversation& source, const request& request)
     const return_ticket ticket = request.ticket;
     begin(source, ticket); // from here on nothing may throw
     if (is_cached_only) {
-        const lookups::answer answer = look_into_cache(machine, *subject);
-        lookup_statistics& statistics = hosts_.statistics_of(machine).lookups;
-        if (const auto* path = std::get_if<world::path_resolution>(&answer))
-            statistics.note(*path);
-        else
-            statistics.note(is_by_gid ? lookup_kind::gid : lookup_kind::address, std::get<world::resolution>(answer),
-                            true);
+        const auto answer = look_into_cache(machine, *subject, hosts_.statistics_of(machine).lookups);
         return finish(ticket, line_of(answer, is_by_gid, true, ticket.id));
     }
     const auto loop_thread = std::this_thread::get_id();
@@ -406,64 +301,20 @@ void server::follow_log(conversation& source, const request& request)
     const ats::result<world::host*> host = find_host(hosts_, request.object);
     if (!host) return refuse(source, request.ticket.id, host.error());
     const int level = request.object.value("level", console::trace_level_everything);
-    const bool follows = request.object.value("follow", false);
-    auto is_pump_posted = std::make_shared<std::atomic<bool>>(false);
-    std::function<void()> ring;
-    if (follows)
-        ring = [this, number = source.number(), is_pump_posted] {
-            if (is_pump_posted->exchange(true)) return;
-            loop_.post([this, number] {
-                if (conversation* follower = find(number)) pump_log(*follower);
-            });
-        };
-    end_log(source);
-    if (follows)
+    const bool goes_on = request.object.value("follow", false);
+    followers_.end(source);
+    if (goes_on)
         count(source, request.ticket); // it may end late, so other requests do not wait for it
     else
         begin(source, request.ticket);
-    auto stream = std::make_unique<log_stream>((*host)->machine().log, level, ring);
-    followings_.emplace(source.number(), following{request.ticket, level, std::move(stream), is_pump_posted});
-    pump_log(source);
-}
-
-void server::pump_log(conversation& source)
-{
-    const auto entry = followings_.find(source.number());
-    if (entry == followings_.end()) return;
-    following& following = entry->second;
-    following.is_pump_posted->store(false); // before the lines are read: a line that comes later posts again
-    const return_ticket ticket = following.ticket;
-    const bool goes_on = following.stream->pump([&] { return !source.is_congested() && !source.is_ending(); },
-                                                [&](const json& line) { source.send(line_of(line, ticket.id)); });
-    if (!goes_on) end_log(source);
-}
-
-void server::end_log(conversation& source)
-{
-    const auto entry = followings_.find(source.number());
-    if (entry == followings_.end()) return;
-    const return_ticket ticket = entry->second.ticket;
-    followings_.erase(entry);
-    finish(ticket, line_of({{"end", true}}, ticket.id));
-}
-
-// Ends the logs whose followers are no longer allowed to read them.
-void server::end_refused_logs()
-{
-    std::vector<conversation*> refused;
-    for (const auto& [number, following] : followings_) {
-        conversation* const follower = find(number);
-        if (follower && refusal_of(options_.access, follower->peer(), {{"level", following.level}}, "log"))
-            refused.push_back(follower);
-    }
-    for (conversation* follower : refused) end_log(*follower);
+    followers_.begin(source, request.ticket, (*host)->machine().log, level, goes_on);
 }
 
 ats::result<> server::set_options(const server_options& options)
 {
     loop_.post([this, options] {
         options_ = options;
-        end_refused_logs();
+        followers_.end_refused(options.access);
     });
     return listening_->set_for_all(options.access.is_open_to_others());
 }
@@ -471,12 +322,12 @@ ats::result<> server::set_options(const server_options& options)
 // A follower that has closed its side needs no more lines.
 void server::input_ended(conversation& source)
 {
-    if (followings_.contains(source.number())) source.cut_off();
+    if (followers_.contains(source)) source.cut_off();
 }
 
 void server::became_writable(conversation& source)
 {
-    pump_log(source);
+    followers_.pump(source);
 }
 
 } // namespace cli

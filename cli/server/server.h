@@ -2,16 +2,14 @@
 // requests. docs/protocol.md describes the protocol for clients.
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
 
-#include <nlohmann/json.hpp>
-
 #include "cli/server/conversation.h"
 #include "cli/server/event-loop.h"
-#include "cli/server/log-stream.h"
+#include "cli/server/log-followers.h"
 #include "cli/server/lookups.h"
+#include "cli/server/request.h"
 #include "cli/server/workers.h"
 #include "cli/service/running-hosts.h"
 #include "cli/socket/socket.h"
@@ -48,32 +46,13 @@ class server final : public conversation::owner
     void drop(const queue_place& place); // drops its questions; it may still be called back
 
   private:
-    using json = nlohmann::json;
-
     server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options);
     ats::result<> listen();
 
-    // Identifies the connection and the request of an answer.
-    struct return_ticket {
-        queue_place place;
-        std::optional<uint64_t> id;
-    };
-    struct request {
-        json object;
-        std::string name;
-        return_ticket ticket;
-    };
     struct user_share {
         size_t connections = 0;
         size_t outstanding = 0;
     };
-    struct following {
-        return_ticket ticket;
-        int level;
-        std::unique_ptr<log_stream> stream;
-        std::shared_ptr<std::atomic<bool>> is_pump_posted;
-    };
-
     void take_line(conversation& source, std::string_view line) override;
     void line_too_long(conversation& source) override;
     void input_ended(conversation& source) override;
@@ -88,11 +67,7 @@ class server final : public conversation::owner
     void carry_out(conversation& source, const request& request);
     void greet(conversation& source, const request& request);
     void look_up(conversation& source, const request& request);
-    ats::result<lookups::subject> subject_of(const request& request) const;
     void follow_log(conversation& source, const request& request);
-    void pump_log(conversation& source);
-    void end_log(conversation& source);
-    void end_refused_logs();
     std::string answer_line(const request& request);
     void hand_to_workers(conversation& source, const request& request);
     void count(conversation& source, const return_ticket& ticket);
@@ -112,9 +87,9 @@ class server final : public conversation::owner
     bool is_stopping_ = false; // no more requests are taken
     uint64_t last_number_ = 0;
     std::map<uint64_t, std::unique_ptr<conversation>> conversations_;
-    std::map<uint64_t, following> followings_; // by conversation; each has at most one
     std::map<uid_t, user_share> users_;
     std::vector<uint64_t> unsent_; // conversations that need a flush
+    log_followers followers_;
     std::map<kernel::machine*, lookups> lookups_;
     workers workers_;
 };

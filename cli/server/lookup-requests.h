@@ -1,0 +1,27 @@
+// Requests of clients for an address, a GID or a path: what they ask, and the lines that answer them.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "cli/server/lookups.h"
+#include "cli/server/request.h"
+
+namespace cli
+{
+
+// True if the request needs only one lookup. The server answers it without a worker.
+bool is_simple_lookup(const request& request);
+
+// The question of a lookup request. Fails if its address or GID is malformed.
+ats::result<lookups::subject> subject_of(const request& request);
+
+// Looks into the caches of IBAT only, and counts the answer. Never waits.
+lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject,
+                                lookup_statistics& statistics);
+
+// The line that answers `request`.
+std::string line_of(const lookups::answer& answer, bool is_by_gid, bool is_cached_only,
+                    const std::optional<uint64_t>& id);
+
+} // namespace cli

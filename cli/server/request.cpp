@@ -1,0 +1,60 @@
+#include "cli/server/request.h"
+
+#include <algorithm>
+
+#include "cli/server/answer-lines.h"
+#include "console/log-filter.h"
+
+namespace cli
+{
+
+namespace
+{
+
+using json = nlohmann::json;
+
+// Returns the request's id, if it has one. Fails if the id is not an integer from 0 on.
+ats::result<std::optional<uint64_t>> id_of(const json& object)
+{
+    const auto id = object.find("id");
+    if (id == object.end()) return std::optional<uint64_t>();
+    if (!id->is_number_unsigned()) return ats::fail(ats::error_kind::invalid, "an id is an integer from 0");
+    return std::optional<uint64_t>(id->get<uint64_t>());
+}
+
+} // namespace
+
+ats::result<request> request_of(std::string_view line, const queue_place& place, std::optional<uint64_t>& id)
+{
+    json object = json::parse(line, nullptr, false);
+    if (!object.is_object()) return ats::fail(ats::error_kind::invalid, "a request is one JSON object on a line");
+    if (std::ranges::any_of(object, [](const json& member) { return member.is_structured(); }))
+        return ats::fail(ats::error_kind::invalid, "a request's members are texts, numbers, true or false");
+    const ats::result<std::optional<uint64_t>> found_id = id_of(object);
+    if (!found_id) return ats::pass_on(found_id);
+    id = *found_id;
+    const auto name = object.find("request");
+    if (name == object.end() || !name->is_string())
+        return ats::fail(ats::error_kind::invalid, "a request names itself, as in {\"request\":\"status\"}");
+    const std::string text = *name;
+    return request{std::move(object), text, {place, id}};
+}
+
+std::optional<ats::error> wrong_members(const request& request)
+{
+    const json& object = request.object;
+    const auto is_set = [&](const char* key) { return object.value(key, false); };
+    if (is_set("cached") + is_set("verify") + is_set("fresh") > 1)
+        return malformed("'cached', 'verify' and 'fresh' exclude each other");
+    if (request.name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses and paths only");
+    if (request.name == "path" && is_set("verify")) return malformed("'verify' is for addresses and GIDs only");
+    if (request.name == "path" && object.contains("address") == object.contains("gid"))
+        return malformed("a path leads to an 'address' or to a 'gid'");
+    const auto level = object.find("level");
+    const bool is_level = level == object.end() ||
+                          (level->is_number_unsigned() && level->get<uint64_t>() <= console::trace_level_everything);
+    if (!is_level) return malformed("a trace level is a number from 0 (nothing) to 5 (everything)");
+    return std::nullopt;
+}
+
+} // namespace cli

@@ -1,0 +1,36 @@
+// A request of a client, and the checks that need nothing but the request itself.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/server/fair-queue.h"
+#include "host/result.h"
+
+namespace cli
+{
+
+// Identifies the connection and the request of an answer.
+struct return_ticket {
+    queue_place place;
+    std::optional<uint64_t> id;
+};
+
+struct request {
+    nlohmann::json object;
+    std::string name;
+    return_ticket ticket;
+};
+
+// Reads the line of a request from the connection at `place`. `id` receives the request's id as soon as it is known, so
+// that an error can be answered with it.
+ats::result<request> request_of(std::string_view line, const queue_place& place, std::optional<uint64_t>& id);
+
+// Returns an error if members contradict each other or are out of range. Throws a json::exception if a member has the
+// wrong type.
+std::optional<ats::error> wrong_members(const request& request);
+
+} // namespace cli
