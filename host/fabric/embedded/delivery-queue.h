@@ -1,5 +1,5 @@
-// The datagrams in transit, ordered by the tick at which they are due, then by the order of posting. The queue owns
-// them and allocates all memory when it is built. It has no lock: the caller guards it.
+// The datagrams in transit, ordered by their due tick, then by the order of posting. The queue owns them and allocates
+// all memory at its construction. It has no lock: the caller guards it.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 namespace embedded
 {
 
-// The faults that a datagram has met.
+// The faults that have affected a datagram.
 struct datagram_faults {
     bool is_late = false;
     bool is_jittered = false;
@@ -27,12 +27,12 @@ struct datagram {
     uint16_t destination_lid;
     uint32_t destination_qpn;
     uint32_t q_key;
-    uint16_t p_key; // of the packet
+    uint16_t p_key; // the P_Key of the packet
     uint8_t sl;
     uint8_t static_rate;
     bool is_from_sa;
 
-    uint64_t number = 0;    // of the datagram, for an observer
+    uint64_t number = 0;    // identifies the datagram for an observer
     uint64_t departure = 0; // a number that grows with every departure
     datagram_faults faults = {};
 };
@@ -47,7 +47,7 @@ class delivery_queue
         for (datagram& each : datagrams_) free_.push_back(&each);
     }
 
-    // A free datagram, or null when all are in transit. The caller fills it in, and then posts or puts it.
+    // Returns a free datagram, or null if all are in transit. The caller fills it in, and then posts or puts it.
     datagram* take()
     {
         if (free_.empty()) return nullptr;
@@ -67,7 +67,7 @@ class delivery_queue
         std::push_heap(heap_.begin(), heap_.end());
     }
 
-    // The next datagram that is due, or null when none is due yet. The caller puts or posts it again.
+    // Returns the next due datagram, or null if none is due yet. The caller puts or posts it again.
     datagram* next_due(uint64_t now_ticks)
     {
         if (heap_.empty() || heap_.front().due_tick > now_ticks) return nullptr;
@@ -84,7 +84,7 @@ class delivery_queue
         uint64_t number;
         datagram* content;
 
-        // A heap has its greatest element in front. That must be the earliest datagram.
+        // A heap has its greatest element in front, so the earliest datagram must be the greatest.
         bool operator<(const transit& other) const
         {
             return due_tick != other.due_tick ? due_tick > other.due_tick : number > other.number;

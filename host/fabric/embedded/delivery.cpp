@@ -1,4 +1,4 @@
-// How the embedded subnet delivers datagrams: the send of an HCA, and the fabric task.
+// Delivery of datagrams in the embedded subnet: the send of an HCA, and the fabric task.
 #include <algorithm>
 #include <cassert>
 #include <optional>
@@ -15,8 +15,8 @@ namespace
 constexpr uint32_t qp1 = 1;
 static_assert(exec::never == UINT64_MAX, "next_due_tick() of an empty queue must mean to park without a deadline");
 
-// Returns the index of the P_Key in the table that matches, or -1. Two P_Keys match if they name the same partition and
-// at least one is that of a full member (IBA 10.9.3).
+// Returns the table index of the matching P_Key, or -1. Two P_Keys match if they name the same partition and at least
+// one belongs to a full member (IBA 10.9.3).
 int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
 {
     constexpr uint16_t full_member = 0x8000;
@@ -91,7 +91,7 @@ void subnet::set_listener(subnet_hca& hca, fabric::listener* listener)
     if (exec::current_task() == fabric_task_) exec::panic("%s: a listener called listen()", hca.name().c_str());
     lock_guard lock(mutex_);
     hca.listener = listener;
-    // Wait for a call of the previous listener to end. It is short, since a listener may not sleep.
+    // Wait for a call of the previous listener to end. The wait is short, because a listener may not sleep.
     while (called_hca_ == &hca) {
         lock.unlock();
         exec_.relax();
@@ -181,15 +181,15 @@ const char* subnet::answer_as_sa(datagram& request)
     if (p_key_index < 0) return "its sender is in another partition";
     if (const char* const reason = serve_as_sa(request.mad)) return reason;
 
-    std::swap(request.source_lid, request.destination_lid); // the answer takes the same path
+    std::swap(request.source_lid, request.destination_lid); // the answer uses the reverse path
     request.p_key = options_.p_keys[static_cast<size_t>(p_key_index)];
     request.is_from_sa = true;
     request.faults = {};
     return nullptr;
 }
 
-// Turns a request into the answer of the SA, in place. Returns null, or the reason why the SA does not answer. The
-// caller holds the lock.
+// Replaces a request with the answer of the SA. Returns null, or the reason why the SA does not answer. The caller
+// holds the lock.
 const char* subnet::serve_as_sa(fabric::mad_bytes& mad)
 {
     if (faults.sa_silent) {
@@ -255,7 +255,7 @@ void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
     queue_.put(datagram);
 }
 
-// Puts a datagram on its way, with the faults that it meets.
+// Sends a datagram, with the faults that affect it.
 void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
 {
     if (use_up(faults.drop_next)) {
@@ -282,13 +282,13 @@ void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
     }
 }
 
-// A datagram does not reach its receiver.
+// Call it when a datagram does not reach its receiver.
 void subnet::lose(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, false);
 }
 
-// The receiver drops a datagram.
+// Call it when the receiver drops a datagram.
 void subnet::ignore(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, true);
@@ -302,7 +302,7 @@ void subnet::drop(datagram& datagram, const char* reason, bool has_reached_end)
     queue_.put(datagram);
 }
 
-// `sender`, or null for the SA, sends this datagram next.
+// Call it before `sender`, or the SA if null, sends this datagram.
 void subnet::observe_send(datagram& datagram, const port_record* sender)
 {
     datagram.number = ++sent_count_;
@@ -330,7 +330,7 @@ uint64_t subnet::due_tick(datagram& datagram, uint64_t now_ticks)
     return now_ticks + latency + jitter + datagram.faults.is_held_back;
 }
 
-// When the SA has served a request that arrives now: it first serves those that arrived earlier.
+// Returns the tick at which the SA has served a request that arrives now. The SA serves earlier requests first.
 uint64_t subnet::service_end_tick(uint64_t now_ticks)
 {
     sa_busy_until_tick_ = std::max(sa_busy_until_tick_, now_ticks) + faults.sa_service_ticks;
@@ -338,7 +338,7 @@ uint64_t subnet::service_end_tick(uint64_t now_ticks)
     return sa_busy_until_tick_;
 }
 
-// True with a probability of `percent`. Draws nothing for 0.
+// Returns true with a probability of `percent`. Draws no random number for 0.
 bool subnet::draw(uint32_t percent)
 {
     return percent > 0 && dice_() % 100 < percent;

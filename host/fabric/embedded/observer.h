@@ -1,5 +1,5 @@
-// Sees everything that happens in an embedded subnet: each datagram from its sender to its end, each change of a port
-// and each change of the SA's records. A recording of a run is made from this.
+// Sees all events in an embedded subnet: each datagram from its sender to its end, each change of a port and each
+// change of the SA's records. A recording of a run is made from these calls.
 #pragma once
 
 #include <cstdint>
@@ -12,24 +12,24 @@
 namespace embedded
 {
 
-// A datagram as an observer sees it. `number` is the same in all calls about one datagram; its duplicate has it too.
+// A datagram in the calls of an observer. `number` is the same in all calls about one datagram and its duplicate.
 struct datagram_sight {
     uint64_t number;
     const fabric::mad_bytes& mad;
     const datagram_faults& faults;
 };
 
-// All calls are made with the lock of the subnet held. They must not call the subnet, and must not sleep.
+// The caller holds the lock of the subnet. The calls must not call the subnet, and must not sleep.
 class observer
 {
   public:
-    // A datagram has left its sender; null: the SA. Exactly one arrived() or lost() follows for it and for each of its
-    // duplicates, unless the run ends before.
+    // A datagram has left its sender; a null sender means the SA. Exactly one arrived() or lost() follows for it and
+    // for each of its duplicates, unless the run ends first.
     virtual void sent(uint64_t now_ticks, const datagram_sight& datagram, const port_view* sender,
                       uint16_t destination_lid) = 0;
     virtual void arrived(uint64_t now_ticks, const datagram_sight& datagram, const port_view* receiver) = 0;
 
-    // `has_reached_end`: the receiver has dropped it; otherwise it was lost on the way.
+    // With `has_reached_end`, the receiver has dropped it; otherwise it was lost on the way.
     virtual void lost(uint64_t now_ticks, const datagram_sight& datagram, const char* reason, bool has_reached_end) = 0;
 
     // The fabric has not accepted a send.

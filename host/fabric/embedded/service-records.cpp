@@ -21,7 +21,7 @@ constexpr uint64_t address_components = uint64_t{0xFFFF} << SR_COMPONENT_SERVICE
 
 // The offset of each component in the record, and the end of the last one. There are no gaps.
 constexpr auto component_offsets = [] {
-    constexpr int sizes[][2] = { // a number of components, and the bytes of each
+    constexpr int sizes[][2] = { // number of components, and bytes of each
         {1, 8}, {1, 16}, {1, 2}, {1, 2}, {1, 4}, {1, 16}, {1, 64}, {16, 1}, {8, 2}, {4, 4}, {2, 8}};
     std::array<size_t, SR_COMPONENT_COUNT + 1> offsets{};
     size_t component = 0;
@@ -33,10 +33,10 @@ static_assert(component_offsets[SR_COMPONENT_SERVICE_NAME] == offsetof(ib_servic
 static_assert(component_offsets[SR_COMPONENT_SERVICE_DATA16] == offsetof(ib_service_record_v2_t, service_data16));
 static_assert(component_offsets[SR_COMPONENT_COUNT] == sizeof(ib_service_record_v2_t));
 
-// The bytes of the first run of selected components, and the mask of the components behind it.
+// The bytes of the first run of selected components, and the mask of the later components.
 struct stretch {
     size_t offset = 0;
-    size_t size = 0; // 0: no component is selected
+    size_t size = 0; // 0 if no component is selected
     uint64_t rest = 0;
 };
 
@@ -123,7 +123,7 @@ service_records::selection service_records::select(uint64_t component_mask, cons
 {
     expire(now_ticks);
     selection selection;
-    // Adds the record to the selection if it is one of those. False: there are two, and no more need be compared.
+    // Adds the record to the selection if it matches. Returns false if there are two matches; the search can then stop.
     const auto add = [&](by_gid_map::iterator position) {
         entry& candidate = position->second;
         if (candidate.expires_tick != never_expires)

@@ -20,10 +20,11 @@ enum class matches { none, one, many };
 
 constexpr uint64_t defined_components = (uint64_t{1} << SR_COMPONENT_COUNT) - 1;
 
-// True if `record` equals `pattern` in every component that `component_mask` selects. Undefined bits select nothing.
+// Returns true if `record` equals `pattern` in every component that `component_mask` selects. Undefined bits select
+// nothing.
 bool equal_in(uint64_t component_mask, const ib_service_record_v2_t& record, const ib_service_record_v2_t& pattern);
 
-// A copy of the record in which the components that are not selected are zero.
+// Returns a copy of the record. Components that are not selected are zero.
 ib_service_record_v2_t components_of(uint64_t component_mask, const ib_service_record_v2_t& record);
 
 class service_records
@@ -31,18 +32,18 @@ class service_records
   public:
     explicit service_records(size_t limit) : limit_(limit) {}
 
-    // Is called for each record that is stored or removed, whatever the reason. Null: nobody is told.
+    // Called for each record that is stored or removed, for any reason. May be null.
     std::function<void(const ib_service_record_v2_t& record, bool is_stored)> on_change;
 
-    // Stores the record, and removes one with the same key. Its lease, in seconds, begins at `now_ticks`. False: the
-    // limit is reached.
+    // Stores the record, and removes a record with the same key. Its lease, in seconds, starts at `now_ticks`. Returns
+    // false if the limit is reached.
     bool set(const ib_service_record_v2_t& record, uint64_t now_ticks);
 
     // Finds the selected records. Writes `record` only if there is exactly one; its lease is the remaining time.
     matches get(uint64_t component_mask, const ib_service_record_v2_t& pattern, uint64_t now_ticks,
                 ib_service_record_v2_t& record);
 
-    // The same, and removes the record if it is the only one.
+    // Does the same, and removes the record if it is the only one.
     matches remove(uint64_t component_mask, const ib_service_record_v2_t& pattern, uint64_t now_ticks,
                    ib_service_record_v2_t& record);
 

@@ -1,4 +1,4 @@
-// An HCA of the embedded subnet. It holds its ports, and hands every call to the subnet.
+// An HCA of the embedded subnet. It owns its ports, and passes every call to the subnet.
 #pragma once
 
 #include <vector>
@@ -49,7 +49,7 @@ class subnet_hca final : public fabric::hca
     void listen(fabric::listener* listener) override { net_.set_listener(*this, listener); }
 
     const std::string host;
-    std::vector<port_record> ports;       // none is added or moved once add_hca() has returned
+    std::vector<port_record> ports;       // fixed after add_hca() has returned
     fabric::listener* listener = nullptr; // guarded by the subnet
 
   private:

@@ -20,21 +20,21 @@ struct port_view {
     std::string gid;
 };
 
-// A ServiceRecord. The address and the host name are only meaningful in a record that hosts exchange
-// (records::is_host_record). The names are the bytes of the record and may not be printable.
+// A ServiceRecord. The address and the host name are valid only in records of this service (records::is_host_record).
+// The names are the bytes of the record and may not be printable.
 struct service_record_view {
     std::string gid; // "0x" and 32 digits
     uint16_t p_key;
-    std::string ipv4; // "10.0.0.1"
+    std::string ipv4; // for example "10.0.0.1"
     std::string host_name;
-    uint32_t lease_seconds; // the rest of it; see records::infinite_lease
+    uint32_t lease_seconds; // the remaining lease; see records::infinite_lease
     uint64_t service_id;
     std::string service_name;
 };
 
 service_record_view view_of(const ib_service_record_v2_t& record);
 
-// "0x" and 32 digits.
+// Formats a GID as "0x" and 32 digits.
 std::string text_of(const fabric::gid_bytes& gid);
 
 } // namespace embedded

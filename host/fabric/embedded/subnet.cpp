@@ -13,10 +13,10 @@ namespace
 {
 
 constexpr uint16_t last_unicast_lid = 0xBFFF; // IBA 4.1.3
-constexpr int last_port = 254;                // IBA 14.2.5.3: port numbers are bytes, and 255 is none
-constexpr size_t listed_names_limit = 8;      // in an error
+constexpr int last_port = 254;                // IBA 14.2.5.3: port numbers are bytes, and 255 is not a port
+constexpr size_t listed_names_limit = 8;      // in an error text
 
-// A locally administered EUI-64 that holds the number of the HCA in the subnet, and that of its port.
+// A locally administered EUI-64 with the number of the HCA in the subnet, and the number of its port.
 uint64_t assigned_guid(size_t hca_number, int port)
 {
     return 0x0200000000000000 | static_cast<uint64_t>(hca_number) << 16 | static_cast<uint64_t>(port);
@@ -27,13 +27,13 @@ bool is_unicast(uint16_t lid)
     return lid >= 1 && lid <= last_unicast_lid;
 }
 
-// The HCA as errors name it.
+// The name of the HCA in errors.
 std::string title(const std::string& host, const hca_description& description)
 {
     return description.name + " of " + host;
 }
 
-// "node1, node2, node3"; of many names, the first ones and the number of the rest.
+// For example "node1, node2, node3". From a long list, the first names and the number of the others.
 class name_list
 {
   public:
@@ -94,7 +94,7 @@ ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_des
     return hcas_.back().get();
 }
 
-// Checks all of the description but the GUIDs, some of which the subnet assigns.
+// Checks all of the description except the GUIDs. The subnet assigns some of them.
 ats::result<> subnet::check(const std::string& host, const hca_description& description) const
 {
     using enum ats::error_kind;

@@ -1,6 +1,6 @@
 // A whole InfiniBand subnet in memory: the HCAs of hosts, their links, the addresses that a subnet manager assigns, and
-// a Subnet Administrator. One task, "fabric", delivers datagrams and calls listeners, one at a time, in the order in
-// which they are due. A send delivers nothing itself. The same calls always give the same LIDs and GUIDs.
+// a Subnet Administrator. One task, "fabric", delivers datagrams and calls listeners, one at a time, in the order of
+// their due ticks. A send only queues a datagram. The same calls always give the same LIDs and GUIDs.
 #pragma once
 
 #include <cstdint>
@@ -26,12 +26,12 @@ namespace embedded
 {
 
 struct subnet_options {
-    uint64_t gid_prefix = 0xFE80000000000000; // of every GID, IBA 4.1.1
-    uint16_t sm_lid = 1;                      // a unicast LID; the SA has the same
+    uint64_t gid_prefix = 0xFE80000000000000; // for every GID, IBA 4.1.1
+    uint16_t sm_lid = 1;                      // a unicast LID; the SA has the same LID
     uint8_t sm_sl = 0;
-    std::vector<uint16_t> p_keys = {0xFFFF}; // of the SA's port, and of the ports of HCAs without P_Keys of their own
+    std::vector<uint16_t> p_keys = {0xFFFF}; // for the SA's port, and for the ports of HCAs without their own P_Keys
     uint8_t mtu = 4;                         // PortInfo encoding
-    size_t queue_capacity = 4096;            // datagrams in transit; a send beyond that is not accepted
+    size_t queue_capacity = 4096;            // maximum number of datagrams in transit; more sends are refused
     size_t service_record_limit = 65536;
     uint64_t fault_seed = 1;
 };
@@ -39,36 +39,36 @@ struct subnet_options {
 struct hca_description {
     std::string name = "mthca0";
     int ports = 1;
-    std::vector<uint64_t> port_guids = {}; // of the first ports; the subnet assigns the others
-    std::vector<uint16_t> p_keys = {};     // of every port; empty: those of the subnet
+    std::vector<uint64_t> port_guids = {}; // for the first ports; the subnet assigns the others
+    std::vector<uint16_t> p_keys = {};     // for every port; if empty, those of the subnet
 };
 
 class subnet_hca;
 struct port_record;
 
-// Every call may come from any thread. Calls take the subnet's lock, and none sleeps but the destructor.
+// Any thread may make any call. Calls take the subnet's lock. Only the destructor may sleep.
 class subnet
 {
   public:
     // Starts the fabric task. `exec` must outlive the subnet.
     explicit subnet(exec::executor& exec, subnet_options options = {});
 
-    // Ends the fabric task and drops the datagrams in transit. No HCA may be in use any more. Called by a task, or from
-    // outside.
+    // Ends the fabric task and drops the datagrams in transit. No HCA may be in use any more. The caller is a task, or
+    // is outside.
     ~subnet();
     subnet(const subnet&) = delete;
     subnet& operator=(const subnet&) = delete;
 
     // Plugs an HCA into a host; its links are down. The subnet owns it. Ports get the LIDs from 2 upwards in the order
-    // of these calls. Fails on a name that the host has already, on the GUID of another port, on a number of ports
-    // outside 1 to 254, and when no LIDs are left.
+    // of these calls. Fails if the host already has the name, if another port has the GUID, if the number of ports is
+    // not 1 to 254, and if no LIDs are left.
     ats::result<fabric::hca*> add_hca(const std::string& host, const hca_description& description);
     ats::result<fabric::hca*> add_hca(const std::string& host, const std::string& name, int ports)
     {
         return add_hca(host, hca_description{.name = name, .ports = ports});
     }
 
-    // The HCA of that name. The error lists the names that there are.
+    // Returns the HCA with that name. The error lists the existing names.
     ats::result<fabric::hca*> find(const std::string& host, const std::string& hca) const;
 
     // Brings a link up, and the port learns its LID and the SM's; or takes it down. The listener is called even when
@@ -84,25 +84,25 @@ class subnet
     size_t forget(const fabric::gid_bytes& gid);
     size_t forget_all();
 
-    // Returns the records of the SA; and replaces its records by such a copy, as an SA does that restarts from a
-    // backup.
+    // The first call returns the records of the SA. The second call replaces its records with such a copy, like an SA
+    // that restarts from a backup.
     std::vector<ib_service_record_v2_t> save_records() const;
     void restore_records(const std::vector<ib_service_record_v2_t>& records);
 
-    // Sends a request to the SA from its own node, and writes the answer over it. Faults of the wire do not apply,
-    // those of the SA do. False: the SA does not answer.
+    // Sends a request to the SA from the SA's own node, and replaces it with the answer. Faults of the wire have no
+    // effect, but faults of the SA do. Returns false if the SA does not answer.
     bool ask_sa(fabric::mad_bytes& mad);
 
     fault_switches faults;
     subnet_counts counts() const;
-    fault_effects effects() const; // of `faults`, so far
+    fault_effects effects() const; // of `faults`, until now
 
-    // Sets the tap, or none (null). It is called once for every datagram that crosses between a host and the fabric,
-    // with the lock of the fabric held. The subnet does not own it. When this returns, the previous tap is not called
-    // any more.
+    // Sets the tap, or removes it (null). The tap is called once for every datagram that crosses between a host and the
+    // fabric, with the lock of the fabric held. The subnet does not own it. After the return, the previous tap is not
+    // called any more.
     void set_tap(fabric::tap* tap);
 
-    // The same for an observer. It is told of all ports at once.
+    // Does the same for an observer. The observer immediately gets the state of all ports.
     void set_observer(embedded::observer* observer);
 
     std::vector<port_view> ports() const;                     // in the order of add_hca
@@ -116,7 +116,7 @@ class subnet
     ats::result<> check(const std::string& host, const hca_description& description) const;
     ats::result<subnet_hca*> find_hca(const std::string& host, const std::string& hca) const;
     ats::result<port_record*> find_port(const std::string& host, const std::string& hca, int port) const;
-    const port_record* port_of(const fabric::gid_bytes& gid) const; // null: there is none; whatever its state
+    const port_record* port_of(const fabric::gid_bytes& gid) const; // a port in any state, or null
     const port_record* port_of(uint16_t lid) const;
     ats::result<> change_link(const std::string& host, const std::string& hca, int port, fabric::link_state state);
     void announce(const port_record& port, fabric::port_change change);
@@ -150,7 +150,7 @@ class subnet
     exec::executor& exec_;
     const subnet_options options_;
 
-    mutable std::mutex mutex_; // guards all below
+    mutable std::mutex mutex_; // guards the following members
     std::vector<std::unique_ptr<subnet_hca>> hcas_;
     std::map<std::string, std::vector<subnet_hca*>> hosts_;
     std::vector<port_record*> port_by_lid_;
@@ -158,12 +158,12 @@ class subnet
     uint16_t sm_lid_;
     uint8_t sm_sl_;
     uint16_t next_lid_ = 2;
-    mutable subnet_administrator sa_; // listing the records expires them
+    mutable subnet_administrator sa_; // mutable, because listing the records removes expired ones
     subnet_counts counts_;
     fault_effects effects_;
     uint64_t departure_count_ = 0;
     uint64_t latest_arrived_departure_ = 0;
-    uint64_t sent_count_ = 0; // datagrams of hosts and of the SA
+    uint64_t sent_count_ = 0; // number of datagrams sent by hosts and by the SA
     fabric::tap* tap_ = nullptr;
     embedded::observer* observer_ = nullptr;
 
@@ -177,8 +177,8 @@ class subnet
     delivery_queue queue_;
     uint64_t sa_busy_until_tick_ = 0;
     std::mt19937_64 dice_;
-    subnet_hca* called_hca_ = nullptr; // its listener is running
-    bool is_asleep_ = false;           // the fabric task has parked, and nobody has woken it since
+    subnet_hca* called_hca_ = nullptr; // the HCA whose listener is running
+    bool is_asleep_ = false;           // the fabric task has parked and was not woken since
     bool is_stopping_ = false;
     exec::task* fabric_task_ = nullptr;
 };
