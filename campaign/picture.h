@@ -1,4 +1,4 @@
-// Draws a run of a seed as a page, which recording/ makes from a recording.
+// Draws a run of a seed as a page. recording/ makes the page from a recording.
 #pragma once
 
 #include <string>
@@ -19,9 +19,9 @@ struct picture_options {
     bool shows_all_acts = false;
 };
 
-// Runs these acts again and writes the page. If they failed in `first_run`, only those that matter are run, unless the
-// options ask for all. A run that passed must have the same digest with and without a recording; anything else is an
-// error. Other errors: no process could be started, a file could not be written.
+// Runs these acts again and writes the page. If they failed in `first_run`, only the acts that matter are run, unless
+// the options ask for all. If the run passed, it must have the same digest with and without a recording; a difference
+// is an error. Other errors: no process could be started, or a file could not be written.
 ats::result<> draw(const picture_options& picture, const plan& plan, std::vector<size_t> acts, run_options options,
                    const run_result& first_run);
 

@@ -1,4 +1,4 @@
-// The fields of SA datagrams and of ServiceRecords, as recordings hold them.
+// The fields of SA datagrams and of ServiceRecords in a recording.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -9,11 +9,11 @@
 namespace recording
 {
 
-// "method", "attribute" and "tid"; of a response "status"; of a ServiceRecord "mask" and "record", of a PathRecord
-// "mask" and "path".
+// Returns "method", "attribute" and "tid". A response also has "status". A ServiceRecord has "mask" and "record", a
+// PathRecord has "mask" and "path".
 nlohmann::ordered_json fields_of(const fabric::mad_bytes& mad);
 
-// "gid", "p_key", "address", "name", "lease"; "service" if the record is not one that hosts exchange.
+// Returns "gid", "p_key", "address", "name" and "lease". A record of another service also has "service".
 nlohmann::ordered_json fields_of(const ib_service_record_v2_t& record);
 
 } // namespace recording

@@ -18,7 +18,7 @@ void replace(std::string& text, const std::string& mark, const std::string& valu
     if (position != std::string::npos) text.replace(position, mark.size(), value);
 }
 
-// A script element ends at the first "</". JSON may write "<" in another way.
+// Replaces each "<". A script element would end at the first "</", and JSON can write "<" in another way.
 std::string inside_script(const std::string& lines)
 {
     std::string text;

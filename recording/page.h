@@ -1,4 +1,4 @@
-// Makes a self-contained HTML page from a recording: a picture of the run that needs no network.
+// Makes a self-contained HTML page from a recording. The page shows the run and needs no network.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -10,10 +10,10 @@ namespace recording
 {
 
 // Writes the page. `about` describes the run; docs/recording.md lists its fields. `lines` is a whole recording. The
-// error says why the file cannot be written.
+// error tells why the file cannot be written.
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);
 
-// The whole text of a file that is open for reading and writing, from its start.
+// Returns the whole text of a file that is open for reading and writing.
 std::string text_of_file(std::FILE* file);
 
 } // namespace recording

@@ -11,7 +11,7 @@ namespace recording
 namespace
 {
 
-// In the order of recorder::values_of.
+// The order is that of recorder::values_of.
 constexpr const char* switch_names[] = {
     "latency ticks",    "jitter ticks", "loss percent",      "duplicates percent", "reordering percent",
     "corrupt percent",  "drop next",    "drop next answers", "send queue full",    "refused sends percent",
@@ -29,7 +29,7 @@ const char* text_of(fabric::link_state state)
     return texts[static_cast<size_t>(state) - 1];
 }
 
-// Names the faults that a datagram has met; only those that it did meet.
+// Names only the faults that have affected the datagram.
 void add_faults(const embedded::datagram_faults& faults, json& fields)
 {
     if (faults.is_twin) fields["twin"] = true;
@@ -175,12 +175,12 @@ recorder::switch_values recorder::values_of(const embedded::fault_switches& faul
             faults.sa_busy,         faults.sa_status,       faults.sa_status_count};
 }
 
-// With mutex_ held.
+// The caller holds mutex_.
 void recorder::write(uint64_t now_ticks, const char* kind, const json& fields)
 {
     json line = {{"t", now_ticks}, {"e", kind}};
     line.update(fields);
-    // Names may hold any bytes. Those that are not UTF-8 become U+FFFD.
+    // Names may have any bytes. U+FFFD replaces bytes that are not UTF-8.
     std::fputs((line.dump(-1, ' ', false, json::error_handler_t::replace) + "\n").c_str(), file_);
 }
 

@@ -1,6 +1,6 @@
-// Writes a recording of a run: what was sent, what arrived, how ports and the SA's records changed, what hosts logged.
-// docs/recording.md describes the format, which is JSON Lines. The recorder only watches: a run is the same with and
-// without it.
+// Writes a recording of a run: sent and arrived datagrams, changes of ports and of the SA's records, and log lines of
+// hosts. docs/recording.md describes the format, which is JSON Lines. The recorder only watches: it does not change the
+// run.
 #pragma once
 
 #include <array>
@@ -28,7 +28,7 @@ class recorder final : public embedded::observer
     // Writes to `file`, which stays open. `program` is the command line that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // Records what happens in the subnet until stop(). The subnet outlives the recorder or is stopped before.
+    // Records the events in the subnet until stop(). The subnet must outlive the recorder, or stop() must come first.
     void follow(embedded::subnet& subnet);
     void stop();
 
@@ -38,16 +38,16 @@ class recorder final : public embedded::observer
     // Records one log line of a host.
     void note_line(const std::string& host, const kernel::log_line& line);
 
-    // Records any event of the program, such as an act of a campaign: its kind and its own fields.
+    // Records an event of the program, for example an act of a campaign, with its kind and its own fields.
     void note(uint64_t now_ticks, const char* kind, json fields);
 
-    // Records which faults of the subnet are switched on, if that has changed. Each event of the subnet does this too.
+    // Records the active faults of the subnet, if they have changed. Each event of the subnet does this too.
     void note_faults(uint64_t now_ticks);
 
-    // Records all records of the SA, to compare them with what the changes add up to.
+    // Records all records of the SA, for comparison with the recorded changes.
     void note_table(uint64_t now_ticks);
 
-    // Writes the last event, with the subnet's own counters, and all that is buffered.
+    // Writes the last event, with the subnet's own counters, and flushes the file.
     ats::result<> finish(uint64_t now_ticks);
 
     // ---- embedded::observer ----
@@ -69,7 +69,7 @@ class recorder final : public embedded::observer
     static switch_values values_of(const embedded::fault_switches& faults);
     void write(uint64_t now_ticks, const char* kind, const json& fields);
 
-    std::mutex mutex_; // guards the file and the next three
+    std::mutex mutex_; // guards the file and the next three members
     std::FILE* const file_;
     embedded::subnet* subnet_ = nullptr;
     switch_values switches_{};

@@ -1,4 +1,4 @@
-// The files of viewer/, as the build has put them into the program.
+// The files of viewer/. The build puts them into the program.
 #pragma once
 
 namespace recording

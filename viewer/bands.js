@@ -1,5 +1,5 @@
-// The bands beside each lane: how long a port had its link, was the active one, was registered, and waited for answers;
-// and the bars of faults.
+// The bands beside each lane, and the bars of faults. A band shows when a port had its link, was active, was
+// registered, and waited for answers.
 
 // The columns of a lane, in pixels from its line.
 const BANDS = [
@@ -22,7 +22,7 @@ function waitingOf(state, port) {
   return count ? `n${Math.min(count, 4)}` : null;
 }
 
-// The intervals of every band: [{port, band, value, begin, end}], with the places in the picture.
+// Returns the intervals of every band: [{port, band, value, begin, end}], with their places in the picture.
 function findBands(recording, layout) {
   const open = new Map();
   const found = [];
@@ -56,10 +56,11 @@ function findBands(recording, layout) {
   return found;
 }
 
-// The bars of acts or, in recordings without acts, of the fabric's fault switches: [{lane, slot, name, begin, end}].
+// Returns the bars of acts: [{lane, slot, name, begin, end}]. In recordings without acts, returns those of the fabric's
+// fault switches.
 function findBars(recording, layout) {
   const open = new Map();
-  const slots = new Map(); // of each lane: which are taken
+  const slots = new Map(); // for each lane, the slots in use
   const bars = [];
   const begin = (key, lane, name, y) => {
     const taken = slots.get(lane.name) || [];

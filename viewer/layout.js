@@ -1,9 +1,9 @@
-// Where everything stands in the picture. Time runs down. A row holds one event; long stretches without any are folded.
+// The places of all parts of the picture. Time runs down. A row has one event. Long periods without events are folded.
 
 const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
-const FOLD_MS = 400; // a longer stretch without events is folded
+const FOLD_MS = 400; // a longer period without events is folded
 const TIME_WIDTH = 84;
-const SA_ROOM = 96; // between the times and the SA's lane, for the bars of faults
+const SA_ROOM = 96; // space for the bars of faults, between the times and the SA's lane
 const TOP = 10;
 
 const formatNumber = number => number.toLocaleString("en");
@@ -23,7 +23,7 @@ function formatLength(ms) {
   return `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
 }
 
-// The x of each lane. `width` is the room that there is.
+// Computes the x of each lane. `width` is the available space.
 function placeLanes(recording, filter, width) {
   const ports = [...recording.ports.values()].filter(port => !filter.hiddenHosts.has(port.host));
   const saX = TIME_WIDTH + SA_ROOM;
@@ -42,7 +42,7 @@ class Layout {
     this.hostLane = new Map(); // the first lane of each host
     for (const lane of this.lanes.values()) if (lane.host && !this.hostLane.has(lane.host)) this.hostLane.set(lane.host, lane);
     this.yOf = new Float64Array(recording.events.length); // of each event
-    this.stops = [];      // the events at which the scrubber halts
+    this.stops = []; // the events at which the scrubber stops
     this.arrows = [];
     this.logs = [];
     this.folds = [];
@@ -51,7 +51,7 @@ class Layout {
     this.changes = [];    // of the SA's records
     this.times = [];
     this.y = TOP;
-    this.lastTick = null; // of the last event that is shown
+    this.lastTick = null; // tick of the last event that is shown
     this.logRow = null;
     recording.events.forEach(event => this.place(event));
     this.height = this.y + 40;
@@ -63,7 +63,7 @@ class Layout {
     if (isShown) this.stops.push(event.index);
   }
 
-  // Gives the event its row. False: it has none.
+  // Gives the event its row. Returns false if the event has no row.
   placeShown(event) {
     switch (event.e) {
     case "sent":
@@ -83,7 +83,7 @@ class Layout {
     }
   }
 
-  // Begins a row. A long pause before it becomes a fold.
+  // Starts a row. A long pause before it becomes a fold.
   beginRow(event, height) {
     const pause = this.lastTick === null ? 0 : event.t - this.lastTick;
     if (pause > FOLD_MS) {
@@ -128,7 +128,7 @@ class Layout {
     this.arrows.push(arrow);
   }
 
-  // Lines that follow each other at one moment make one mark for each host.
+  // Consecutive lines with the same tick make one mark for each host.
   placeLog(event) {
     const lane = this.hostLane.get(event.host);
     if (!lane || !this.filter.showsLog(event)) return false;

@@ -1,4 +1,4 @@
-// The panel: what is selected, and the state at the moment.
+// The panel: the selected item, and the state at the selected moment.
 
 function node(name, attributes = {}, ...children) {
   const made = document.createElement(name);

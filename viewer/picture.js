@@ -1,8 +1,8 @@
-// Draws the picture as SVG. Of a long run it draws what is on the screen.
+// Draws the picture as SVG. For a long run, it draws only the visible part.
 
 const SVG = "http://www.w3.org/2000/svg";
-const DRAW_ALL_ITEMS = 4000; // so many are drawn at once
-const MARGIN = 1500;         // pixels above and below the screen that are drawn too
+const DRAW_ALL_ITEMS = 4000; // up to this number, all items are drawn at once
+const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
   const node = document.createElementNS(SVG, name);
@@ -17,7 +17,7 @@ const svgText = (x, y, text, className, anchor) => svgNode("text", { x, y, class
 function kindOf(sent) {
   if (sent.attribute === "PathRecord") return "path";
   const method = sent.method.replace("Resp", "").toLowerCase();
-  // A Set is answered with a GetResp; the request tells them apart.
+  // The answer to a Set is a GetResp, so the request determines the kind.
   return ["get", "set", "delete"].includes(method) ? method : "other";
 }
 
@@ -26,7 +26,7 @@ function labelOf(sent) {
   return `${sent.method} ${subjectOf(sent)}`.trim();
 }
 
-// "it holds no such record" of "0x0300 (it holds no such record)".
+// Extracts "it holds no such record" from "0x0300 (it holds no such record)".
 const statusText = sent => sent.status.replace(/^\S+ \((.*)\)$/, "$1").replace(/^it /, "");
 
 function subjectOf(sent) {
@@ -42,7 +42,7 @@ function subjectOf(sent) {
 let gidDigits = 6;
 const shortGid = gid => "…" + gid.slice(-gidDigits);
 
-// So many digits that all GIDs of the ports differ.
+// Chooses the number of digits with which all GIDs of the ports differ.
 function chooseGidDigits(ports) {
   const gids = [...ports.values()].map(port => port.gid);
   for (gidDigits = 6; gidDigits < 32; ++gidDigits)
@@ -67,7 +67,7 @@ class Picture {
     this.draw();
   }
 
-  // Draws what is near the screen, or everything if that is not too much.
+  // Draws the part near the screen, or everything if there are few items.
   draw(isForPrint = false) {
     const { height } = this.layout;
     const isWhole = this.items <= DRAW_ALL_ITEMS;
@@ -182,7 +182,7 @@ class Picture {
               "label", direction > 0 ? "start" : "end"));
   }
 
-  // The request that a datagram answers, to show both in one colour; else the datagram itself.
+  // Returns the request that a datagram answers, to show both in one colour. Otherwise returns the datagram itself.
   requestOf(datagram) {
     return datagram.request ? datagram.request.sent : datagram.sent;
   }
@@ -233,7 +233,7 @@ function tipOfLines(lines) {
   return texts.join("\n");
 }
 
-// Finds the request of each answer: the latest of its transaction that the SA had received.
+// Finds the request of each answer: the latest request with its transaction that the SA had received.
 function joinAnswers(recording) {
   const requests = new Map();
   for (const event of recording.events) {

@@ -1,6 +1,6 @@
-// The recording, and the state that its events add up to: the SA's records, and what each host shows on the wire.
+// The recording, and the state after its events: the SA's records, and the traffic of each host.
 
-const ANSWER_LIMIT_MS = 1000; // a request that has no answer by then is no longer waited for
+const ANSWER_LIMIT_MS = 1000; // after this time, a request without an answer no longer counts as waiting
 
 function readLines(text) {
   return text.split("\n").filter(Boolean).map(line => JSON.parse(line));
@@ -19,7 +19,7 @@ function readRecording(text) {
   return recording;
 }
 
-// Joins what belongs to one datagram, and lists the ports.
+// Joins the events of one datagram, and lists the ports.
 function noteEvent(recording, event) {
   if (event.e === "port" && !recording.ports.has(event.port))
     recording.ports.set(event.port, { name: event.port, host: event.host, gid: event.gid });
@@ -38,7 +38,7 @@ const isAnswer = sent => sent.method.endsWith("Resp");
 const isGood = sent => !sent.status || sent.status.startsWith("0x0000");
 const keyOf = record => [record.gid, record.p_key, record.service].join("/");
 
-// The port that a datagram goes to or has come from, which is not the SA; null if it is not known.
+// Returns the port (not the SA) that a datagram goes to or comes from, or null if it is unknown.
 function portOf(recording, datagram) {
   if (datagram.sent.from !== "sa") return datagram.sent.from;
   const end = datagram.ends.find(each => each.to);
@@ -80,7 +80,7 @@ const APPLY = {
   },
 };
 
-// Changes the state as the event does.
+// Applies an event to the state.
 function applyEvent(state, event) {
   for (const [key, request] of state.waiting)
     if (event.t - request.t >= ANSWER_LIMIT_MS) state.waiting.delete(key);
@@ -104,7 +104,7 @@ function noteRequest(state, sent) {
   if (sent.method === "Set") setRegistration(state, sent, "asked");
 }
 
-// An answer has arrived at a host. It says what the SA holds only if it is about the host's own record.
+// An answer has arrived at a host. It tells the SA's state only if it is about the host's own record.
 function noteAnswer(state, event) {
   const key = hostOf(event.to) + event.datagram.sent.tid;
   const request = state.waiting.get(key);

@@ -1,4 +1,4 @@
-// The page: filters, scrubber, keys, and what a click does.
+// The page: filters, scrubber, keys, and clicks.
 
 const byId = id => document.getElementById(id);
 const KINDS = [["get", "Get"], ["set", "Set"], ["delete", "Delete"], ["path", "Path"], ["other", "Other"], ["lost", "Lost only"], ["log", "Log"], ["act", "Acts"]];
@@ -26,7 +26,7 @@ let layout = null;
 let stop = 0; // index into layout.stops
 let selected = null;
 
-// What the text filter looks at.
+// The text that the text filter searches.
 function textOfDatagram(datagram) {
   const { datagram: _, index, ...fields } = datagram.sent;
   const ends = datagram.ends.map(end => `${end.to || ""} ${end.why || ""} ${end.twin ? "duplicate" : ""} ${end.corrupt ? "corrupted" : ""}`);
@@ -54,7 +54,7 @@ function showSummary() {
   byId("summary").textContent = parts.join(" · ");
 }
 
-// Moves the moment to a stop of the scrubber, and scrolls there unless the reader does.
+// Moves the moment to a stop of the scrubber. Also scrolls there, unless the reader is scrolling.
 function moveTo(next, scrolls = true) {
   if (!layout.stops.length) return;
   stop = Math.max(0, Math.min(next, layout.stops.length - 1));
@@ -69,7 +69,7 @@ function moveTo(next, scrolls = true) {
   byId("state").replaceChildren(describeState(recording, state, filter.hiddenHosts));
 }
 
-// The last event that belongs to the stop: those without a row follow at once.
+// Returns the last event of the stop: later events without a row belong to it.
 function endOfStop() {
   const next = stop + 1 < layout.stops.length ? layout.stops[stop + 1] : recording.events.length;
   return next - 1;
