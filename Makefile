@@ -132,6 +132,8 @@ check-options:
 	cmake --build build/no-verbs --target host/CMakeFiles/ats_umad.dir/fabric/umad/device-events-none.cpp.o
 	cmake --preset dev -B build/no-http -DATS_HTTP=OFF >build/no-http.log || { cat build/no-http.log; exit 1; }
 	cmake --build build/no-http --target cli/CMakeFiles/ats_cli.dir/metrics/http-none.cpp.o
+	cmake --preset dev -B build/no-journal -DATS_JOURNAL=OFF >build/no-journal.log || { cat build/no-journal.log; exit 1; }
+	cmake --build build/no-journal --target console/CMakeFiles/ats_console.dir/journal-entry-none.cpp.o
 	cmake --preset dev -B build/no-fuse -DATS_FUSE=OFF >build/no-fuse.log || { cat build/no-fuse.log; exit 1; }
 	cmake --build build/no-fuse --target cli/CMakeFiles/ats_cli.dir/mount/proc-mount-none.cpp.o
 

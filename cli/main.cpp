@@ -11,7 +11,6 @@
 #include "console/errors.h"
 #include "console/journal.h"
 #include "console/usage.h"
-#include "host/world/printable.h"
 
 namespace
 {
@@ -27,13 +26,6 @@ constexpr const char* footer =
     "\n"
     "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
     "See ats(8), ats-run(8).";
-
-// Prints an error. It may repeat a text from elsewhere, such as a line of a file, so control characters are escaped.
-void print_error(const std::string& text)
-{
-    const std::string lines = "ats: " + world::printable_lines(text);
-    std::fprintf(stderr, "%s\n", console::with_priority(console::priority::error, lines).c_str());
-}
 
 // `ats help COMMAND...` means `ats COMMAND... --help`, and `ats version` means `ats --version`.
 std::vector<std::string> with_options_for_words(std::vector<std::string> words)
@@ -99,6 +91,6 @@ int main(int argc, char** argv)
     }
     const ats::result<int> exit_code = parse_and_run(program, with_options_for_words({argv + 1, argv + argc}), outcome);
     if (exit_code) return exit_code_after_output(*exit_code);
-    print_error(exit_code.error().text);
+    console::print({.priority = console::priority::error, .text = exit_code.error().text});
     return exit_code_after_output(console::exit_code_of(exit_code.error().kind));
 }

@@ -31,7 +31,6 @@
 #include "console/usage.h"
 #include "host/exec/shortage.h"
 #include "host/world/module-folder.h"
-#include "host/world/printable.h"
 
 namespace cli
 {
@@ -55,15 +54,28 @@ struct run_options {
     std::string acm_socket;
 };
 
-// Prints a line for the administrator.
-void print_line(console::priority priority, const std::string& line)
+void print_error(const std::string& line)
 {
-    std::cerr << console::with_priority(priority, "ats: " + world::printable_lines(line)) << std::endl;
+    console::print({.priority = console::priority::error, .text = line});
 }
 
-void print_report(const std::string& line)
+// Returns a function that prints warnings about this part of the service; docs/operations.md lists the parts.
+std::function<void(const std::string&)> warnings_about(const char* part)
 {
-    print_line(console::priority::warning, line);
+    return [part](const std::string& line) {
+        console::print_limited({.priority = console::priority::warning, .text = line, .part = part});
+    };
+}
+
+void warn_of_host(const std::string& host, const std::string& line)
+{
+    console::print_limited(
+        {.priority = console::priority::warning, .text = host + ": " + line, .part = "registration", .host = host});
+}
+
+void print_reload(const std::string& line, const std::string& host)
+{
+    console::print_limited({.text = line, .part = "reload", .host = host});
 }
 
 // Null without a directory.
@@ -87,7 +99,7 @@ void announce(const run_options& options, size_t host_count)
 int unload(running_hosts& hosts)
 {
     const std::vector<std::string> refusals = hosts.stop();
-    for (const std::string& refusal : refusals) print_line(console::priority::error, refusal);
+    for (const std::string& refusal : refusals) print_error(refusal);
     if (!refusals.empty()) return console::exit_failed;
     std::cout << "ats: all hosts have unloaded." << std::endl;
     return console::exit_ok;
@@ -127,7 +139,7 @@ ats::result<bool> start(running_hosts& hosts, const service_signals& signals)
 // Says why programs that use librdmacm are not answered. The service goes on without them.
 void report_acm(const ats::error& error)
 {
-    print_report("programs that use librdmacm are not answered: " + error.text);
+    warnings_about("librdmacm")("programs that use librdmacm are not answered: " + error.text);
 }
 
 // librdmacm reads this file first, and goes to the TCP port that it names.
@@ -137,8 +149,8 @@ void warn_of_port_file()
     std::ifstream file(path);
     int port = 0;
     if (file >> port && port > 0)
-        print_report("warning: programs that use librdmacm ask TCP port " + std::to_string(port) +
-                     " instead, because " + path + " says so: remove the file");
+        warnings_about("librdmacm")("warning: programs that use librdmacm ask TCP port " + std::to_string(port) +
+                                    " instead, because " + path + " says so: remove the file");
 }
 
 bool has_registered(world::host& host)
@@ -183,8 +195,9 @@ void notify_reloading()
 void try_reload(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
 {
     const ats::result<world_config> file = config_of(options);
-    if (!file) return print_report("not reloaded, everything stays as it was: " + file.error().text);
-    for (const std::string& warning : file->warnings) print_report("warning: " + warning);
+    const auto warn = warnings_about("reload");
+    if (!file) return warn("not reloaded, everything stays as it was: " + file.error().text);
+    for (const std::string& warning : file->warnings) warn("warning: " + warning);
     reload(hosts, running, *file, calls);
 }
 
@@ -195,7 +208,7 @@ void reload_config(const run_options& options, world_config& running, running_ho
     try {
         try_reload(options, running, hosts, calls);
     } catch (const std::exception& error) {
-        print_report(std::string("not reloaded any further: ") + error.what());
+        warnings_about("reload")(std::string("not reloaded any further: ") + error.what());
     }
     notify_service_manager("READY=1");
 }
@@ -213,10 +226,10 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     if (!kept.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
     acm_service acm(**server, hosts, config, std::move(kept));
     const metrics::outlets metrics_outlets(
-        config.metrics, [&hosts] { return metrics::text_of(metrics::collect(hosts)); }, print_report);
+        config.metrics, [&hosts] { return metrics::text_of(metrics::collect(hosts)); }, warnings_about("metrics"));
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
-    const watchdog watchdog((*server)->loop(), hosts, print_report);
+    const watchdog watchdog((*server)->loop(), hosts, warnings_about("watchdog"));
     const reload_calls reload_calls{
         .set_rules =
             [&](const access_rules& access, const service_limits& limits) {
@@ -224,7 +237,7 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
                 return (*server)->set_options({access, limits});
             },
         .may_go_on = [&] { return !signals.is_stop_pending(); },
-        .print = [](const std::string& line) { print_line(console::priority::notice, line); },
+        .print = print_reload,
     };
     while (signals.wait() == service_signals::told::reload) reload_config(options, config, hosts, reload_calls);
     notify_service_manager("STOPPING=1");
@@ -236,19 +249,19 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
 {
     ats::result<world_config> config = config_of(options);
     if (!config) return ats::pass_on(config);
-    for (const std::string& warning : config->warnings) print_report("warning: " + warning);
+    for (const std::string& warning : config->warnings) warnings_about("configuration")("warning: " + warning);
     const service_signals signals(!options.config.empty());
     const exec::reserve last_memory([] { kill(getpid(), SIGTERM); });
     ats::result<std::unique_ptr<listening_socket>> socket =
         listening_socket::open(options.socket, config->access.is_open_to_others());
     if (!socket) return ats::pass_on(socket);
     const ats::result<std::unique_ptr<running_hosts>> hosts =
-        running_hosts::build(*config, options.modules, print_report);
+        running_hosts::build(*config, options.modules, warn_of_host);
     if (!hosts) return ats::pass_on(hosts);
     const ats::result<bool> started = start(**hosts, signals);
     if (!started) return ats::pass_on(started);
     if (!*started) {
-        print_line(console::priority::notice, "told to end while hosts were starting");
+        console::print({.text = "told to end while hosts were starting"});
         signals.wait_for_stop();
         return unload(**hosts);
     }

@@ -26,7 +26,8 @@ struct service {
     }
 
     std::unique_ptr<cli::running_hosts> hosts =
-        cli::running_hosts::build(config(), world::default_module_folder(), [](const std::string&) {}).value();
+        cli::running_hosts::build(config(), world::default_module_folder(), [](const std::string&, const std::string&) {
+        }).value();
     std::string path = "/tmp/ats-fuzz-" + std::to_string(getpid());
     std::unique_ptr<cli::server> server =
         cli::server::start(*hosts, cli::listening_socket::open(path, false).value(), {}).value();

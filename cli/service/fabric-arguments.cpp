@@ -1,10 +1,7 @@
 #include "cli/service/fabric-arguments.h"
 
-#include <cstdio>
-
 #include "console/journal.h"
 #include "console/usage.h"
-#include "host/world/printable.h"
 
 namespace cli
 {
@@ -14,11 +11,10 @@ namespace
 
 using ats::error_kind;
 
-// Prints a line for the administrator: on the terminal, or into the journal. Any thread.
-void print_port_report(const std::string& line)
+// Prints a line about a port of this host.
+void print_port_remark(const std::string& host, const umad::port_remark& remark)
 {
-    const std::string text = "ats: " + world::printable_lines(line);
-    std::fprintf(stderr, "%s\n", console::with_priority(console::priority::notice, text).c_str());
+    console::print_limited({.text = remark.text, .part = "port", .host = host, .hca = remark.hca, .port = remark.port});
 }
 
 ats::result<world_config> real_config(const fabric_arguments& arguments)
@@ -84,7 +80,9 @@ ats::result<world_config> with_fabric(world_config config, const fabric_argument
             return ats::fail(error_kind::invalid,
                              option->get_name() +
                                  " is for --fabric umad; hosts on the embedded fabric are described by --config");
-    config.fabric.ports.report = print_port_report;
+    config.fabric.ports.report = [host = config.hosts.front().name](const umad::port_remark& remark) {
+        print_port_remark(host, remark);
+    };
     if (!arguments.capture.empty()) config.fabric.capture = arguments.capture;
     return config;
 }

@@ -105,16 +105,26 @@ class reloading
 
     void refuse(const std::string& part)
     {
-        calls_.print("not reloaded: " + part + " has changed in the configuration, which needs a restart");
+        calls_.print(refusal_of(part), "");
+        ++lines_;
+    }
+    void refuse(const std::string& part, const world::host& host)
+    {
+        calls_.print(refusal_of(part + " of " + host.name()), host.name());
         ++lines_;
     }
 
     void end()
     {
-        if (lines_ == 0) calls_.print("reloaded: nothing has changed");
+        if (lines_ == 0) calls_.print("reloaded: nothing has changed", "");
     }
 
   private:
+    static std::string refusal_of(const std::string& part)
+    {
+        return "not reloaded: " + part + " has changed in the configuration, which needs a restart";
+    }
+
     static std::string text_of(const verification& verification)
     {
         if (verification.period_seconds == 0) return "does not check its registration any more";
@@ -122,15 +132,15 @@ class reloading
                std::to_string(verification.skew_percent) + "% more";
     }
 
-    void say(const std::string& text)
+    void say(const std::string& text, const std::string& host = "")
     {
-        calls_.print("reloaded: " + text);
+        calls_.print("reloaded: " + text, host);
         ++lines_;
     }
 
-    void report(const ats::result<>& changed, const std::string& text)
+    void report(const ats::result<>& changed, const std::string& text, const std::string& host = "")
     {
-        say(changed ? text : text + ", which failed: " + changed.error().text);
+        say(changed ? text : text + ", which failed: " + changed.error().text, host);
     }
 
     template <class setting_t>
@@ -139,7 +149,7 @@ class reloading
     {
         if (running == file || !calls_.may_go_on()) return;
         const ats::result<> changed = order();
-        report(changed, host.name() + " now " + text);
+        report(changed, host.name() + " now " + text, host.name());
         if (changed) running = file;
     }
 
@@ -161,8 +171,7 @@ void reload(running_hosts& hosts, world_config& running, const world_config& fil
         if (!counterparts[i]) continue;
         world::host& host = *hosts.all()[i];
         for (const auto& part : fixed_host_parts)
-            if (!part.is_same(running.hosts[i], *counterparts[i]))
-                reloading.refuse(std::string(part.name) + " of " + host.name());
+            if (!part.is_same(running.hosts[i], *counterparts[i])) reloading.refuse(part.name, host);
         reloading.change_host(host, running.hosts[i].settings, counterparts[i]->settings);
     }
     reloading.end();

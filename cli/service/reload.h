@@ -17,8 +17,9 @@ struct reload_calls {
     // The service's doors admit users by these rules and limits from now on. Error: the limits and rules hold, but the
     // file of a socket has not got the permissions that they ask for.
     std::function<ats::result<>(const access_rules&, const service_limits&)> set_rules;
-    std::function<bool()> may_go_on;               // false: the service is told to end, so no host is changed any more
-    std::function<void(const std::string&)> print; // takes a line for the administrator
+    std::function<bool()> may_go_on; // false: the service is told to end, so no host is changed any more
+    // Takes a line for the administrator, and the name of the host that it is about, or "".
+    std::function<void(const std::string& line, const std::string& host)> print;
 };
 
 // Gives `hosts` and doors the settings of `file` that differ from those of `running`, and prints a line for each.

@@ -68,6 +68,7 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
 {
     std::unique_ptr<running_hosts> hosts(new running_hosts(std::move(report)));
     if (const ats::result<> opened = hosts->open_fabric(config.fabric); !opened) return ats::pass_on(opened);
+    if (console::has_journal_fields()) hosts->journal_copy_.emplace(console::print);
     for (const host_config& host : config.hosts)
         if (const ats::result<> added = hosts->add_host(host, module_folder); !added) return ats::pass_on(added);
     return hosts;
@@ -101,6 +102,7 @@ ats::result<> running_hosts::add_host(const host_config& plan, const std::string
         settings_.push_back(plan.settings);
         kernel::machine& machine = hosts_.back()->machine();
         host_statistics_[&machine].follow(machine.log);
+        if (journal_copy_) journal_copy_->follow(plan.name, machine.log);
         return {};
     });
 }
@@ -162,7 +164,7 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
 void running_hosts::report_other_holder(world::host& host, const std::string& address) const
 {
     const ats::result<std::string> line = other_holder(host, address);
-    if (line && !line->empty()) report_(host.name() + ": " + *line);
+    if (line && !line->empty()) report_(host.name(), *line);
 }
 
 void running_hosts::delete_records(world::host& host)
@@ -170,9 +172,9 @@ void running_hosts::delete_records(world::host& host)
     const ats::result<std::vector<std::string>> lines = delete_leftovers(host);
     if (!lines) {
         is_sa_silent_ = true;
-        return report_(host.name() + ": its record may still be at the SA: " + lines.error().text);
+        return report_(host.name(), "its record may still be at the SA: " + lines.error().text);
     }
-    for (const std::string& line : *lines) report_(host.name() + ": " + line);
+    for (const std::string& line : *lines) report_(host.name(), line);
 }
 
 std::vector<std::string> running_hosts::stop()

@@ -6,9 +6,11 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "cli/service/log-copy.h"
 #include "cli/service/statistics.h"
 #include "cli/service/world-config.h"
 #include "host/exec/executor.h"
@@ -27,8 +29,8 @@ class running_hosts
     // Builds the fabric and the hosts, with the links of an embedded fabric down. Modules come from `module_folder`.
     // Fails if real ports cannot be opened, if the capture file cannot be written (invalid), or if the process has no
     // room for all hosts (no_memory).
-    // `report` takes lines for the administrator, in the calls of this class.
-    using report_t = std::function<void(const std::string&)>;
+    // `report` takes lines for the administrator about a host, in the calls of this class.
+    using report_t = std::function<void(const std::string& host, const std::string& line)>;
     static ats::result<std::unique_ptr<running_hosts>> build(const world_config& config,
                                                              const std::string& module_folder, report_t report);
 
@@ -81,6 +83,7 @@ class running_hosts
     std::unique_ptr<umad::real_fabric> real_fabric_;
     service_statistics statistics_;
     std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs are followed
+    std::optional<log_copy> journal_copy_;                              // likewise; empty without a journal
     std::vector<std::unique_ptr<world::host>> hosts_;
     const report_t report_;
     bool is_sa_silent_ = false;           // it has left a question of the service unanswered

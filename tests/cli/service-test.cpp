@@ -162,7 +162,8 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     unsetenv("WATCHDOG_USEC");
     EXPECT_TRUE(eventually([&] { return notices.next() == "WATCHDOG=1"; }));
 
-    const auto hosts = cli::running_hosts::build(cli::numbered_hosts(2), "", [](const std::string&) {}).value();
+    const auto hosts =
+        cli::running_hosts::build(cli::numbered_hosts(2), "", [](const std::string&, const std::string&) {}).value();
     cli::event_loop loop;
     loop.start();
     cli::life_signs signs(loop, *hosts);
@@ -186,22 +187,6 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     ending.count_down();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
     loop.stop();
-}
-
-TEST(service, lines_in_the_journal_have_their_priority_and_those_elsewhere_do_not)
-{
-    const scratch_folder folder;
-    write_file(folder / "err", "");
-    struct stat status = {};
-    stat((folder / "err").c_str(), &status);
-    const std::string journal = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
-    for (const bool is_journal : {true, false}) {
-        setenv("JOURNAL_STREAM", (is_journal ? journal : "1:1").c_str(), 1);
-        ats_process process({"run", "--config", "/dev/null"}, folder / "out", folder / "err");
-        EXPECT_EQ(process.wait(), 2);
-        EXPECT_THAT(text_of_file(folder / "err"), testing::StartsWith(is_journal ? "<3>ats: " : "ats: "));
-    }
-    unsetenv("JOURNAL_STREAM");
 }
 
 TEST(check, names_what_a_service_would_fail_at_and_starts_nothing)

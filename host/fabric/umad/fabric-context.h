@@ -19,9 +19,9 @@ class fabric_context
     const fabric_options options;
 
     // Passes a line to the administrator. Any thread.
-    void report(const std::string& line) const
+    void report(const port_remark& remark) const
     {
-        if (options.report) options.report(line);
+        if (options.report) options.report(remark);
     }
 
     // Shows a datagram to the tap, if there is one. Any thread.

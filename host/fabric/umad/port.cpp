@@ -113,7 +113,7 @@ bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad
 
 void port::report(const std::string& text) const
 {
-    context_.report(name_ + ": " + text);
+    context_.report({.hca = hca_, .port = number_, .text = name_ + ": " + text});
 }
 
 void port::report_once(std::atomic<bool>& is_reported, const char* text) const

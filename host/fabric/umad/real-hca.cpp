@@ -41,8 +41,10 @@ ats::result<> real_hca::open()
 {
     for (size_t i = 0; i < ports_.size(); ++i) {
         if (!is_infiniband_[i]) {
-            context_.report(name_ + " port " + std::to_string(i + 1) +
-                            ": not InfiniBand, or without a management device: not used");
+            context_.report({.hca = name_,
+                             .port = static_cast<int>(i) + 1,
+                             .text = name_ + " port " + std::to_string(i + 1) +
+                                     ": not InfiniBand, or without a management device: not used"});
             continue;
         }
         if (const auto opened = ports_[i]->open(); !opened) return opened;
@@ -59,7 +61,9 @@ ats::result<> real_hca::open()
 void real_hca::take_event(const device_event& event)
 {
     const bool has_ended = event.kind == device_event_kind::ended;
-    if (has_ended) context_.report(name_ + ": the device reports no further events; its ports are asked more often");
+    if (has_ended)
+        context_.report(
+            {.hca = name_, .text = name_ + ": the device reports no further events; its ports are asked more often"});
     for (int number = 1; number <= port_count(); ++number) {
         if (event.port != 0 && event.port != number) continue;
         port& changed = *ports_[static_cast<size_t>(number - 1)];

@@ -23,12 +23,18 @@ enum class delete_p_key {
     off,       // 0
 };
 
+// A line for the administrator about a port, or about the whole HCA (port 0). The text names them.
+struct port_remark {
+    std::string hca;
+    int port = 0;
+    std::string text;
+};
+
 struct fabric_options {
     std::vector<std::string> hcas = {};  // names; empty: all
     uint64_t watch_interval_ticks = 100; // how often a port is asked for its state
     delete_p_key sa_delete_p_key = delete_p_key::automatic;
-    std::function<void(const std::string&)> report =
-        {}; // takes a line for the administrator; any thread, must not sleep
+    std::function<void(const port_remark&)> report = {}; // any thread, must not sleep
 };
 
 struct datagram_counts {

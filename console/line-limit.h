@@ -1,0 +1,59 @@
+// Limits a flood of lines: at most 1000 in ten seconds. systemd's journal, as it is shipped, admits 10000 lines of a
+// service in thirty seconds, and drops later ones whatever their priority. docs/operations.md states the limit.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "console/journal.h"
+
+namespace console
+{
+
+// One thread at a time.
+class line_limit
+{
+  public:
+    static constexpr uint64_t most_lines = 1000;
+    static constexpr uint64_t period_ms = 10'000;
+
+    // `advice` ends the line about lines that were left out.
+    explicit line_limit(std::string advice) : advice_(std::move(advice)) {}
+
+    // Asks for a line of this part of the service at `now_ms`, a time that does not go back. None: leave the line out.
+    // Else print these lines before it: there is one if lines were left out earlier.
+    std::optional<std::vector<notice>> admit(uint64_t now_ms, const std::string& part)
+    {
+        if (!start_ms_ || now_ms >= *start_ms_ + period_ms) {
+            start_ms_ = now_ms;
+            lines_ = 0;
+        }
+        if (lines_ == most_lines) {
+            leave_out();
+            return std::nullopt;
+        }
+        ++lines_;
+        if (left_out_ == 0) return std::vector<notice>();
+        return std::vector{
+            notice{.priority = priority::warning, .text = remark(std::exchange(left_out_, 0)), .part = part}};
+    }
+
+    // Leaves a line out for another reason.
+    void leave_out() { ++left_out_; }
+
+  private:
+    std::string remark(uint64_t lines) const
+    {
+        return std::to_string(lines) + (lines == 1 ? " line was" : " lines were") + " left out here, beyond " +
+               std::to_string(most_lines) + " in " + std::to_string(period_ms / 1000) + " seconds" + advice_;
+    }
+
+    const std::string advice_;
+    std::optional<uint64_t> start_ms_; // of the period
+    uint64_t lines_ = 0;               // in the period
+    uint64_t left_out_ = 0;            // that no line has told of
+};
+
+} // namespace console

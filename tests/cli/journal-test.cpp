@@ -1,0 +1,233 @@
+// Lines for the administrator: in systemd's journal, and in a flood.
+#include <algorithm>
+#include <cstring>
+#include <latch>
+#include <map>
+#include <mutex>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+
+#include "cli/service/log-copy.h"
+#include "console/journal-entry.h"
+#include "console/journal.h"
+#include "tests/cli/program.h"
+
+namespace
+{
+
+using fields = std::map<std::string, std::string>;
+
+// What journald binds at /run/systemd/journal/socket. Each datagram is an entry: lines "NAME=VALUE", or "NAME" and the
+// value with its length before it (systemd's "Native Journal Protocol").
+class journal_socket
+{
+  public:
+    explicit journal_socket(const std::string& folder) : socket_(socket(AF_UNIX, SOCK_DGRAM, 0))
+    {
+        std::filesystem::create_directory(folder);
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        std::strncpy(address.sun_path, (folder + "/socket").c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        reader_ = std::thread([this] { read(); });
+    }
+    ~journal_socket()
+    {
+        shutdown(socket_, SHUT_RD);
+        reader_.join();
+        close(socket_);
+    }
+
+    // The first entry that has arrived, or arrives now, and has the value in this field.
+    fields wait_entry(const std::string& field, const std::string& value)
+    {
+        fields found;
+        EXPECT_TRUE(eventually([&] { return take_entry(field, value, found); })) << field << "=" << value;
+        return found;
+    }
+
+  private:
+    void read()
+    {
+        std::string datagram(1 << 16, '\0');
+        ssize_t length = 0;
+        while ((length = recv(socket_, datagram.data(), datagram.size(), 0)) > 0) {
+            const std::lock_guard lock(mutex_);
+            entries_.push_back(parse(datagram.substr(0, static_cast<size_t>(length))));
+        }
+    }
+
+    bool take_entry(const std::string& field, const std::string& value, fields& found)
+    {
+        const std::lock_guard lock(mutex_);
+        const auto entry =
+            std::ranges::find_if(entries_, [&](fields& each) { return each[field].find(value) != std::string::npos; });
+        if (entry == entries_.end()) return false;
+        found = *entry;
+        entries_.erase(entry);
+        std::erase_if(found, [](const auto& each) { return each.second.empty(); });
+        return true;
+    }
+
+    static fields parse(const std::string& datagram)
+    {
+        fields parsed;
+        for (size_t at = 0; at < datagram.size();) {
+            const size_t end = datagram.find_first_of("=\n", at);
+            const std::string name = datagram.substr(at, end - at);
+            uint64_t length = datagram.find('\n', end + 1) - end - 1;
+            at = end + 1;
+            if (datagram[end] == '\n') {
+                std::memcpy(&length, &datagram[at], sizeof length); // little-endian, as this machine is
+                at += sizeof length;
+            }
+            parsed[name] = datagram.substr(at, length);
+            at += length + 1;
+        }
+        return parsed;
+    }
+
+    const int socket_;
+    std::mutex mutex_; // guards entries_
+    std::vector<fields> entries_;
+    std::thread reader_;
+};
+
+TEST(journal, fields_are_those_that_the_documentation_lists)
+{
+    using testing::ElementsAre;
+    const console::notice full = {.priority = console::priority::debug,
+                                  .text = "two\nlines\x1b",
+                                  .part = "log",
+                                  .host = "node1",
+                                  .hca = "mlx5_0",
+                                  .port = 2,
+                                  .module = "ats",
+                                  .trace_level = 0};
+    EXPECT_THAT(console::journal_fields(full),
+                ElementsAre("MESSAGE=ats: two\nlines\\x1b", "PRIORITY=7", "SYSLOG_IDENTIFIER=ats", "ATS_PART=log",
+                            "ATS_HOST=node1", "ATS_HCA=mlx5_0", "ATS_PORT=2", "ATS_MODULE=ats", "ATS_TRACE_LEVEL=0"));
+    EXPECT_THAT(console::journal_fields({.text = "plain"}),
+                ElementsAre("MESSAGE=ats: plain", "PRIORITY=5", "SYSLOG_IDENTIFIER=ats", "ATS_PART=service"));
+    const std::string page = text_of_file(ATS_SOURCE_DIR "/docs/operations.md");
+    for (const std::string& field : console::journal_fields(full))
+        EXPECT_NE(page.find("| `" + field.substr(0, field.find('=')) + "` |"), std::string::npos) << field;
+}
+
+// A shell's command that runs in a mount namespace of its own, where `folder` is the journal's.
+std::vector<std::string> with_journal(const std::string& folder, const std::string& command)
+{
+    const std::string mounts = "mount -t tmpfs tmpfs /run && mkdir -p /run/systemd/journal && mount --bind '" + folder +
+                               "' /run/systemd/journal && exec ";
+    return {"unshare", "--mount", "--map-root-user", "sh", "-c", mounts + command};
+}
+
+// journald names the stream that a service gets as its stderr.
+std::string journal_stream(const std::string& file)
+{
+    write_file(file, "");
+    struct stat status = {};
+    EXPECT_EQ(stat(file.c_str(), &status), 0);
+    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+// A program whose stderr is the journal, if `is_journal`.
+std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, const std::string& arguments,
+                                                 bool is_journal = true)
+{
+    const std::string stream = journal_stream(folder / "err");
+    return std::make_unique<fabric_tools::process>(
+        fabric_tools::command{.arguments = with_journal(folder / "journal", ATS_PROGRAM " " + arguments),
+                              .environment = {"JOURNAL_STREAM=" + (is_journal ? stream : "1:1")},
+                              .output = folder / "out",
+                              .errors = folder / "err"});
+}
+
+// "" if this user may make mount namespaces.
+std::string refusal_of_mounts(const scratch_folder& folder)
+{
+    fabric_tools::process trial({.arguments = with_journal(folder / ".", "true"), .output = folder / "trial"});
+    return trial.wait_end(std::chrono::minutes(1)) == 0 ? "" : "no mount namespaces: " + text_of_file(folder / "trial");
+}
+
+TEST(journal, takes_the_lines_of_the_service_and_of_its_hosts_logs_with_their_fields)
+{
+    const scratch_folder folder;
+    if (const std::string refusal = refusal_of_mounts(folder); !refusal.empty()) GTEST_SKIP() << refusal;
+    if (!console::can_send_journal_entries()) GTEST_SKIP() << "no libsystemd";
+    journal_socket journal(folder / "journal");
+    const auto expect_entry = [&](const std::string& message, fields others) {
+        const fields found = journal.wait_entry("MESSAGE", message);
+        others.insert({{"SYSLOG_IDENTIFIER", "ats"}, {"MESSAGE", found.at("MESSAGE")}});
+        EXPECT_EQ(found, others);
+    };
+    const std::string config = folder / "world.toml";
+    const std::string metrics = "[metrics]\ntextfile = \"" + (folder / "missing") + "\"\n";
+    write_file(config, metrics + "[[host]]\n[[host]]\nname = \"second\"\n");
+    const auto ats = start_ats(folder, "run --config '" + config + "' --socket '" + (folder / "socket'"));
+    expect_entry("LOGGER: Added key", {{"ATS_PART", "log"}, {"ATS_HOST", "node1"}, {"PRIORITY", "5"}});
+    expect_entry("LOGGER: Added key", {{"ATS_PART", "log"}, {"ATS_HOST", "second"}, {"PRIORITY", "5"}});
+    expect_entry("ats: the metrics file is not written", {{"ATS_PART", "metrics"}, {"PRIORITY", "4"}});
+
+    write_file(config, metrics + "[[host]]\n[[host]]\nname = \"second\"\ntrace = 4\naddress = \"10.0.0.9\"\n");
+    ats->signal(SIGHUP);
+    expect_entry("ats: reloaded: second now has", {{"ATS_PART", "reload"}, {"ATS_HOST", "second"}, {"PRIORITY", "5"}});
+    expect_entry("ats: DEBUG ", {{"ATS_PART", "log"},
+                                 {"ATS_HOST", "second"},
+                                 {"ATS_MODULE", "ats"},
+                                 {"ATS_TRACE_LEVEL", "4"},
+                                 {"PRIORITY", "7"}});
+    EXPECT_EQ(text_of_file(folder / "err"), "") << "lines went to the journal twice";
+    std::filesystem::remove(folder / "journal/socket");
+    ats->signal(SIGHUP);
+    const auto is_said = [&] {
+        return text_of_file(folder / "err").find("<5>ats: reloaded: nothing") != std::string::npos;
+    };
+    EXPECT_TRUE(eventually(is_said)) << "the journal is gone: " << text_of_file(folder / "err");
+    EXPECT_EQ(ats->stop(std::chrono::minutes(1)), 0);
+}
+
+TEST(journal, lines_without_fields_have_their_priority_and_those_elsewhere_do_not)
+{
+    const scratch_folder folder;
+    if (const std::string refusal = refusal_of_mounts(folder); !refusal.empty()) GTEST_SKIP() << refusal;
+    std::filesystem::create_directory(folder / "journal");
+    for (const bool is_journal : {true, false}) {
+        const auto ats = start_ats(folder, "run --config /dev/null", is_journal);
+        EXPECT_EQ(ats->wait_end(std::chrono::minutes(1)), 2);
+        EXPECT_THAT(text_of_file(folder / "err"), testing::StartsWith(is_journal ? "<3>ats: " : "ats: "));
+    }
+}
+
+// The printing task goes on while the journal takes nothing.
+TEST(journal, a_flood_of_a_hosts_log_is_limited_and_the_log_keeps_it)
+{
+    std::latch open_journal(1);
+    std::mutex mutex; // guards texts
+    std::vector<std::string> texts;
+    const auto text_count = [&] {
+        const std::lock_guard lock(mutex);
+        return texts.size();
+    };
+    cli::log_copy copy([&](const console::notice& notice) {
+        open_journal.wait();
+        const std::lock_guard lock(mutex);
+        texts.push_back(notice.text);
+    });
+    kernel::log log;
+    copy.follow("node1", log);
+    for (int i = 0; i < 2500; ++i) log.append(5000, "line " + std::to_string(i) + "\n");
+    open_journal.count_down();
+    EXPECT_TRUE(eventually([&] { return text_count() == 1000; }));
+    log.append(14'999, "too early\n");
+    log.append(15'000, "next\n");
+    EXPECT_TRUE(eventually([&] { return text_count() == 1002; }));
+    EXPECT_EQ(texts.at(0), "line 0");
+    EXPECT_EQ(texts.at(999), "line 999");
+    EXPECT_EQ(texts.at(1000), "1501 lines were left out here, beyond 1000 in 10 seconds: 'ats log' has them");
+    EXPECT_EQ(texts.at(1001), "next");
+    EXPECT_EQ(log.lines().size(), 2502);
+}
+
+} // namespace
