@@ -10,16 +10,16 @@ void inter_module_registry::publish(const std::string& name, const kernel_module
 {
     const std::lock_guard lock(mutex_);
     if (!entries_.try_emplace(name, entry{owner, pointer, 0}).second)
-        panic("inter_module_register: the name %s is taken", name.c_str());
+        panic("inter_module_register: the name %s is in use", name.c_str());
 }
 
 void inter_module_registry::withdraw(const std::string& name)
 {
     const std::lock_guard lock(mutex_);
     const auto position = entries_.find(name);
-    if (position == entries_.end()) panic("inter_module_unregister: nobody registered %s", name.c_str());
+    if (position == entries_.end()) panic("inter_module_unregister: %s is not registered", name.c_str());
     if (position->second.references > 0)
-        panic("inter_module_unregister: %s is held %d times", name.c_str(), position->second.references);
+        panic("inter_module_unregister: %s has %d references", name.c_str(), position->second.references);
     entries_.erase(position);
 }
 

@@ -129,13 +129,13 @@ void loader::check_leftovers(const loaded_module& module) const
 {
     const kernel_module_t& declaration = module.declaration();
     if (const std::string name = machine_.inter_modules.name_owned_by(declaration); !name.empty())
-        panic("%s goes without withdrawing the inter-module name %s", declaration.name, name.c_str());
+        panic("%s is unloaded without withdrawing the inter-module name %s", declaration.name, name.c_str());
     if (const std::string path = machine_.proc.path_owned_by(declaration); !path.empty())
-        panic("%s goes without removing the /proc entry %s", declaration.name, path.c_str());
+        panic("%s is unloaded without removing the /proc entry %s", declaration.name, path.c_str());
     std::string leftovers;
     for (const std::string& each : machine_.left_by(module_code(declaration.name, &declaration)))
         leftovers += (leftovers.empty() ? "" : ", ") + each;
-    if (!leftovers.empty()) panic("%s goes and leaves behind %s", declaration.name, leftovers.c_str());
+    if (!leftovers.empty()) panic("%s is unloaded and leaves behind %s", declaration.name, leftovers.c_str());
 }
 
 void loader::unmap(loaded_module& module)
@@ -212,7 +212,7 @@ void loader::drop_user(const kernel_module_t* owner, int loaded_module::*count)
     if (!owner) return;
     const std::lock_guard lock(mutex_);
     loaded_module* module = find(owner);
-    if (!module || module->*count == 0) panic("a reference on a module is returned that nobody took");
+    if (!module || module->*count == 0) panic("a reference on a module is returned but was never taken");
     --(module->*count);
     // Wake the task while holding the lock. The task takes the lock to read the counts, so it cannot have ended yet.
     if (module->unload_task) module->unload_task->exec.wake(*module->unload_task);

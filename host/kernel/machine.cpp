@@ -16,7 +16,7 @@ machine::machine(executor& exec, std::string name, const machine_options& option
 machine::~machine()
 {
     if (const std::vector<std::string> names = modules.loaded(); !names.empty())
-        panic("machine %s goes while %s is loaded", name().c_str(), names.back().c_str());
+        panic("machine %s is destroyed while %s is loaded", name().c_str(), names.back().c_str());
     while (!services_.empty()) services_.pop_back();
     for (const std::string& leak : memory.leaks()) std::fprintf(stderr, "%s leaked %s\n", name().c_str(), leak.c_str());
 }

@@ -138,7 +138,7 @@ ats::result<> module_image::map(const std::string& path)
     }
     declaration_ = static_cast<kernel_module_t*>(dlsym(handle_, "this_module"));
     if (!declaration_)
-        return ats::fail(ats::error_kind::invalid, path + " is no kernel module: it does not export 'this_module'");
+        return ats::fail(ats::error_kind::invalid, path + " is not a kernel module: it does not export 'this_module'");
     if (const ats::result<> result = check_declaration(); !result)
         return ats::fail(ats::error_kind::invalid, path + " does not fit this kernel: its 'this_module' has " +
                                                        result.error().text + "; build both from the same source");

@@ -30,7 +30,7 @@ ats::result<std::vector<assignment>> split(const std::string& line)
         const size_t equals = line.find_first_of("= \t\n", begin);
         const std::string name = line.substr(begin, equals - begin);
         if (equals == std::string::npos || line[equals] != '=')
-            return ats::fail("'" + name + "' is no parameter: write name=value");
+            return ats::fail("'" + name + "' is not a parameter: write name=value");
         const bool has_quotes = equals + 1 < line.size() && line[equals + 1] == '"';
         const size_t value = equals + (has_quotes ? 2 : 1);
         const size_t end =
@@ -74,7 +74,7 @@ ats::result<> set(const module_parameter_t& parameter, const std::string& value,
     const char* const end = value.data() + value.size();
     const auto [number_end, error] = std::from_chars(value.data(), end, number);
     if (error != std::errc() || number_end != end)
-        return ats::fail("'" + value + "' is no value for '" + parameter.name +
+        return ats::fail("'" + value + "' is not a value for '" + parameter.name +
                          "': write a whole decimal number of 32 bits");
     *static_cast<int32_t*>(parameter.value) = number;
     return {};

@@ -221,7 +221,7 @@ void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
     task& caller = self();
     if (caller.wait_queue != sleeper)
-        exec::panic("finish_wait: the task does not stand in %s, or joined another wait queue later", queue->name);
+        exec::panic("finish_wait: the task is not in %s, or joined another wait queue later", queue->name);
     const guarded inside(queue->guard);
     list_del_init(&sleeper->link);
     caller.wait_queue = sleeper->outer;

@@ -78,15 +78,15 @@ TEST_F(loading, refuses_malformed_parameters_and_says_what_is_valid)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"speed=1", "unknown parameter 'speed'"},
-        {"number", "'number' is no parameter: write name=value"},
-        {"number =1", "'number' is no parameter: write name=value"},
+        {"number", "'number' is not a parameter: write name=value"},
+        {"number =1", "'number' is not a parameter: write name=value"},
         {"number=1 number=2", "parameter 'number' is given twice"},
         {"text=\"open", "the value of 'text' lacks its closing quotation mark"},
         {"text=\"a\"number=1", "a blank is missing after the value of 'text'"},
-        {"number=2147483648", "'2147483648' is no value for 'number': write a whole decimal number of 32 bits"},
-        {"number=0x10", "'0x10' is no value for 'number': write a whole decimal number of 32 bits"},
-        {"number=", "'' is no value for 'number': write a whole decimal number of 32 bits"},
-        {"number=\" 1\"", "' 1' is no value for 'number': write a whole decimal number of 32 bits"},
+        {"number=2147483648", "'2147483648' is not a value for 'number': write a whole decimal number of 32 bits"},
+        {"number=0x10", "'0x10' is not a value for 'number': write a whole decimal number of 32 bits"},
+        {"number=", "'' is not a value for 'number': write a whole decimal number of 32 bits"},
+        {"number=\" 1\"", "' 1' is not a value for 'number': write a whole decimal number of 32 bits"},
     };
     for (const auto& [parameters, error] : cases) {
         const ats::result<> result = host.modules.insmod(probe, parameters);
@@ -154,13 +154,13 @@ TEST_F(loading, unloading_is_refused_while_a_name_of_the_module_is_held)
     const ats::result<> refused = host.modules.rmmod("probe");
     EXPECT_EQ(error_of(refused).kind, ats::error_kind::busy);
     EXPECT_EQ(error_of(refused).text, "rmmod probe: it is in use (2 references); unload its users first");
-    EXPECT_DEATH(run([] { inter_module_unregister("probe_call"); }), "probe_call is held 2 times");
+    EXPECT_DEATH(run([] { inter_module_unregister("probe_call"); }), "probe_call has 2 references");
     run([] {
         inter_module_put("probe_call");
         inter_module_put("probe_call");
     });
     EXPECT_DEATH(run([] { inter_module_put("probe_call"); }), "inter_module_put: probe_call is not held");
-    EXPECT_DEATH(run([] { inter_module_register("probe_call", nullptr, nullptr); }), "the name probe_call is taken");
+    EXPECT_DEATH(run([] { inter_module_register("probe_call", nullptr, nullptr); }), "the name probe_call is in use");
     EXPECT_TRUE(host.modules.rmmod("probe"));
 }
 
@@ -219,13 +219,13 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
             host.modules.insmod(probe, "forget=1");
             host.modules.rmmod("probe");
         },
-        "probe goes without withdrawing the inter-module name probe_call");
+        "probe is unloaded without withdrawing the inter-module name probe_call");
     EXPECT_DEATH(
         {
             kernel::machine gone(*sim, "node2");
             gone.modules.insmod(probe);
         },
-        "machine node2 goes while probe is loaded");
+        "machine node2 is destroyed while probe is loaded");
 
     ASSERT_TRUE(host.modules.insmod(probe, "leak_bytes=33"));
     EXPECT_TRUE(host.modules.rmmod("probe"));

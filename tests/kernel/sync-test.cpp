@@ -206,7 +206,7 @@ TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
         prepare_to_wait(&inner, &second);
         finish_wait(&outer, &first);
     }),
-                 "does not stand in &outer, or joined another wait queue later");
+                 "is not in &outer, or joined another wait queue later");
 }
 
 TEST(spin_locks, a_release_without_a_lock_dies)
