@@ -47,7 +47,7 @@ datagram_pool::~datagram_pool()
         gsi_dtgrm_t& datagram = slots_[i].datagram;
         const datagram_record& record = datagram_record::record_of(&datagram, "the end of a datagram pool");
         if (record.state() != datagram_state::free)
-            exec::panic("datagram %p does not come back to pool '%s', which goes with %zu of %zu free: %s",
+            exec::panic("datagram %p was not returned to pool '%s', which is destroyed with %zu of %zu free: %s",
                         static_cast<const void*>(&datagram), name_.c_str(), free_count_, size_,
                         record.history().c_str());
         allow_use(datagram, true);

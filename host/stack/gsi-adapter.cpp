@@ -94,8 +94,9 @@ gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomi
 gsi_adapter::~gsi_adapter()
 {
     if (!registered_classes_.empty())
-        exec::panic("machine %s goes while class %d of port %d of %s is registered with GSI", home_.name().c_str(),
-                    registered_classes_[0]->mgt_class, registered_classes_[0]->port, hca_.name().c_str());
+        exec::panic("machine %s is destroyed while class %d of port %d of %s is registered with GSI",
+                    home_.name().c_str(), registered_classes_[0]->mgt_class, registered_classes_[0]->port,
+                    hca_.name().c_str());
 }
 
 int gsi_adapter::register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle)

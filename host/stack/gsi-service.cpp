@@ -15,7 +15,8 @@ gsi::gsi(kernel::machine& home) : home_(home)
 gsi::~gsi()
 {
     if (!pools_.empty())
-        exec::panic("machine %s goes while datagram pool '%s' exists", home_.name().c_str(), pools_[0]->name().c_str());
+        exec::panic("machine %s is destroyed while datagram pool '%s' exists", home_.name().c_str(),
+                    pools_[0]->name().c_str());
 }
 
 gsi_adapter* gsi::adapter(const char* name_in_stack)

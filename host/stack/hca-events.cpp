@@ -51,7 +51,7 @@ hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
 hca_events::~hca_events()
 {
     if (!subscriptions_.empty())
-        exec::panic("machine %s goes while %s is subscribed to", home_.name().c_str(), hca_.name().c_str());
+        exec::panic("machine %s is destroyed while %s is subscribed to", home_.name().c_str(), hca_.name().c_str());
 }
 
 bool hca_events::subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback)

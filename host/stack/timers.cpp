@@ -23,8 +23,9 @@ timers::~timers()
     if (const size_t count = armed(); count > 0) {
         const lane& holder = atomic_.queue.size() > 0 ? atomic_ : sleeping_;
         const armed_timer& first = holder.queue.first();
-        exec::panic("machine %s goes with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(), count,
-                    reinterpret_cast<const void*>(first.function), static_cast<unsigned long long>(first.expires_tick));
+        exec::panic("machine %s is destroyed with %zu armed timers; one calls %p at tick %llu", home_.name().c_str(),
+                    count, reinterpret_cast<const void*>(first.function),
+                    static_cast<unsigned long long>(first.expires_tick));
     }
 }
 

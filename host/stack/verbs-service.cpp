@@ -13,7 +13,7 @@ verbs::verbs(kernel::machine& home) : home_(home)
 verbs::~verbs()
 {
     if (!open_.empty())
-        exec::panic("machine %s goes while %s is open", home_.name().c_str(),
+        exec::panic("machine %s is destroyed while %s is open", home_.name().c_str(),
                     open_.begin()->second.events->hca().name().c_str());
 }
 

@@ -352,7 +352,7 @@ TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
              gsi_dtgrm_t foreign{};
              gsi_dtgrm_pool_put(&foreign);
          }},
-        {"does not come back to pool 'client', which goes with 15 of 16 free: taken at tick 0",
+        {"was not returned to pool 'client', which is destroyed with 15 of 16 free: taken at tick 0",
          [](gsi_client& client, machine_with_fake&) {
              client.make();
              gsi_dtgrm_pool_destroy(client.pool);
@@ -365,7 +365,8 @@ TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
              client.post();
              schedule_timeout_uninterruptible(1);
          }},
-        {"pool 'mthca0 receive', which goes with 255 of 256 free: received at .* by class 3 of port 1, delivered",
+        {"pool 'mthca0 receive', which is destroyed with 255 of 256 free: received at .* by class 3 of port 1, "
+         "delivered",
          [](gsi_client& client, machine_with_fake& world) {
              client.keeps_datagrams = true;
              world.hca.arrive(1, answer(1));

@@ -204,7 +204,7 @@ TEST_F(timers_test, misuse_is_a_hard_error)
     EXPECT_DEATH(run(true, [](timing_t&) { schedule_timeout_uninterruptible(1); }),
                  "schedule_timeout_uninterruptible may sleep, and is called in the timer context");
     EXPECT_DEATH(run(true, [](timing_t& self) { move(self, 1000); }),
-                 "machine node1 goes with 1 armed timers; one calls 0x[0-9a-f]+ at tick 1000");
+                 "machine node1 is destroyed with 1 armed timers; one calls 0x[0-9a-f]+ at tick 1000");
 }
 
 } // namespace

@@ -187,7 +187,7 @@ TEST(stack_services, name_what_a_module_leaves_behind)
         machine.host.modules.rmmod("probe");
     };
     EXPECT_DEATH(unload_with_leftovers(),
-                 AllOf(HasSubstr("probe goes and leaves behind "),
+                 AllOf(HasSubstr("probe is unloaded and leaves behind "),
                        ContainsRegex("a timer that calls probe\\+0x[0-9a-f]+ at tick 1000"),
                        HasSubstr("open HCA mthca0"), HasSubstr("a subscription to the events of mthca0"),
                        HasSubstr("GSI class 3 of port 1 of mthca0"), HasSubstr("datagram pool 'probe'"),
