@@ -77,7 +77,7 @@ ats::result<campaign_result> load(const std::string& path)
         return from_json(file);
     } catch (const json::exception& exception) {
         return ats::fail(ats::error_kind::invalid,
-                         path + " is no result of a shard of this version (" + exception.what() + ")");
+                         path + " is not a result of a shard of this version (" + exception.what() + ")");
     }
 }
 

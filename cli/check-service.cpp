@@ -51,7 +51,7 @@ void check_door(findings& findings, const std::string& door, const std::string& 
                               name_of_user(geteuid()), folder, name_of_user(status.st_uid), option));
     if (lstat(path.c_str(), &status) != 0) return findings.add_ok(door, path + " can be made");
     if (!S_ISSOCK(status.st_mode) && !S_ISLNK(status.st_mode))
-        return findings.add_missing(door, path + " is no socket: remove it, or choose another path with " + option);
+        return findings.add_missing(door, path + " is not a socket: remove it, or choose another path with " + option);
     if (status.st_uid != geteuid())
         return findings.add_missing(
             door, fmt::format("{} belongs to {}: stop the program that made it, or choose another path with {}", path,

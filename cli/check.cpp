@@ -164,7 +164,7 @@ int run_check(const check_options& options)
 void add_check(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand(
-        "check", "Look at this machine: can it run a host on its real ports, and what is missing?");
+        "check", "Check if this machine can run a host on its real ports, and list what is missing");
     auto options = std::make_shared<check_options>();
     command->add_flag("--json", options->as_json, "Print JSON")->option_text(" ");
     command->add_option("--config", options->config, "Check this configuration too, and for its hosts; start nothing")

@@ -18,14 +18,13 @@ namespace
 constexpr const char* summary =
     "InfiniBand address translation service: finds the GID of an IPv4 address, and the address of a GID.";
 
-constexpr const char* footer =
-    "Exit codes: 0  done\n"
-    "            1  carried out, and the answer is no (not found, timed out, a step failed)\n"
-    "            2  the command line, an argument, a file or a folder is wrong\n"
-    "            3  no service answers on the socket\n"
-    "\n"
-    "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
-    "See ats(8), ats-run(8).";
+constexpr const char* footer = "Exit codes: 0  done\n"
+                               "            1  executed without success (not found, timed out, a step failed)\n"
+                               "            2  the command line, an argument, a file or a folder is wrong\n"
+                               "            3  no service answers on the socket\n"
+                               "\n"
+                               "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
+                               "See ats(8), ats-run(8).";
 
 // `ats help COMMAND...` means `ats COMMAND... --help`, and `ats version` means `ats --version`.
 std::vector<std::string> with_options_for_words(std::vector<std::string> words)
@@ -83,7 +82,7 @@ int main(int argc, char** argv)
     cli::add_check(program, outcome);
     cli::add_queries(program, outcome);
     cli::add_orders(program, outcome);
-    program.add_subcommand("help", "Say how to use ats, or a command of it: ats help COMMAND");
+    program.add_subcommand("help", "Show how to use ats or one of its commands: ats help COMMAND");
     program.add_subcommand("version", "Print the version");
     if (argc < 2) {
         std::fputs(program.help().c_str(), stderr);

@@ -261,7 +261,7 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     const ats::result<bool> started = start(**hosts, signals);
     if (!started) return ats::pass_on(started);
     if (!*started) {
-        console::print({.text = "told to end while hosts were starting"});
+        console::print({.text = "stopped by a signal while hosts were starting"});
         signals.wait_for_stop();
         return unload(**hosts);
     }

@@ -164,7 +164,8 @@ void client::take_hello(std::string_view line)
 void client::take_line(std::string_view line)
 {
     const reply reply = read_reply(line);
-    if (!reply.is_valid) return lose_protocol("what listens on " + path_ + " does not speak the protocol of ats");
+    if (!reply.is_valid)
+        return lose_protocol("the program that listens on " + path_ + " does not use the protocol of ats");
     if (!reply.has_id) return;
     const question* question = outstanding_.find(reply.id);
     if (!question) return; // its time was already over

@@ -143,7 +143,7 @@ void read_answer(const json& object, ats_answer_t& answer)
         answer.microseconds = microseconds->get<uint64_t>();
     if (answer.status == ATS_OK && !read_found(object, answer)) answer.status = ATS_INVALID;
     if (answer.status == ATS_INVALID)
-        set_reason(answer, "the service's answer makes no sense: are it and this library of one version?");
+        set_reason(answer, "the service's answer is invalid: do the service and this library have the same version?");
     else
         set_reason(answer, text_of(object, "reason"));
 }
@@ -207,7 +207,7 @@ reply read_request_line(std::string_view line, std::string& text)
 std::string hello_refusal(std::string_view line)
 {
     const json object = json::parse(line, nullptr, false);
-    if (!object.is_object()) return "what listens there does not speak the protocol of ats";
+    if (!object.is_object()) return "the program that listens there does not use the protocol of ats";
     if (object.contains("error")) return text_of(object, "error");
     if (object.value("protocol", json()) == protocol_version) return "";
     return "the service speaks another version of the protocol: install the library of its version";

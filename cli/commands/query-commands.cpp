@@ -158,13 +158,11 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
         ->option_text("...");
     CLI::Option* at_the_sa =
         description.name == "path"
-            ? command->add_flag("--fresh", options->is_fresh, "Ask the SA, whatever the cache knows")
+            ? command->add_flag("--fresh", options->is_fresh, "Ask the SA, even if the cache has an answer")
             : command->add_flag("--verify", options->must_verify,
-                                "When the cache answers, ask the SA too, and say whether it was right");
+                                "If the cache answers, also ask the SA, and print if the cache was right");
     at_the_sa->option_text(" "); // the help does not list excluded options; the error message names them
-    command->add_flag("--cached", options->cache_only, "Ask nobody: look in the cache only")
-        ->excludes(at_the_sa)
-        ->option_text(" ");
+    command->add_flag("--cached", options->cache_only, "Ask only the cache")->excludes(at_the_sa)->option_text(" ");
     auto common = add_client_options(*command, one_host);
     add_gid_format_option(*command, *common);
     set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });
@@ -254,7 +252,7 @@ void add_log(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("log", "Show a host's kernel log");
     auto options = std::make_shared<log_options>();
-    command->add_flag("-f,--follow", options->is_endless, "Go on with new lines until interrupted");
+    command->add_flag("-f,--follow", options->is_endless, "Continue with new lines until interrupted");
     command
         ->add_option("--level", options->level,
                      "Only trace lines up to this level: 1 errors, 2 warnings, 4 progress, 5 all (default)")

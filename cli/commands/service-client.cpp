@@ -32,7 +32,7 @@ ats::error library_error(const client_options& options, ats_status_t status, boo
     case ATS_NO_ANSWER: {
         const std::string seconds = fmt::format("{:g} s", options.timeout_seconds);
         return {error_kind::unreachable,
-                service + " gives no sign of life for " + seconds + ": " + how_to_wake(options.socket)};
+                service + " shows no sign of life for " + seconds + ": " + how_to_wake(options.socket)};
     }
     case ATS_NOT_CONNECTED:
         if (is_asked) return {error_kind::unreachable, service + " hung up: " + where_to_look(options.socket)};
@@ -58,7 +58,7 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
         ->option_text("PATH");
     command
         .add_option("--timeout", options->timeout_seconds,
-                    "Give up when the service gives no sign of life for this time (default: 5)")
+                    "Give up when the service shows no sign of life for this time (default: 5)")
         ->check(console::number_from(0.1, 3600.0))
         ->option_text("SECONDS");
     return options;
@@ -78,7 +78,7 @@ void set_client_action(CLI::App& command, ats::result<int>& outcome, std::functi
             return body();
         } catch (const json::exception&) {
             return ats::fail(error_kind::unreachable, "the service gave an answer that this command does not "
-                                                      "understand: are both of one version?");
+                                                      "understand: do both have the same version?");
         }
     }));
 }

@@ -35,7 +35,7 @@ ats::result<request> request_of(std::string_view line, const queue_place& place,
     id = *found_id;
     const auto name = object.find("request");
     if (name == object.end() || !name->is_string())
-        return ats::fail(ats::error_kind::invalid, "a request names itself, as in {\"request\":\"status\"}");
+        return ats::fail(ats::error_kind::invalid, "a request has a name, for example {\"request\":\"status\"}");
     const std::string text = *name;
     return request{std::move(object), text, {place, id}};
 }

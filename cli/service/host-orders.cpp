@@ -69,7 +69,7 @@ ats::result<std::string> write_control(world::host& host, const std::string& com
     });
     if (written == -EK_NOENT) return not_loaded(machine);
     if (written < 0)
-        return ats::fail("ats on " + machine.name() + " did not take the command: " + std::strerror(-written));
+        return ats::fail("ats on " + machine.name() + " did not accept the command: " + std::strerror(-written));
     return output;
 }
 
@@ -86,7 +86,8 @@ ats::result<> set_verification(world::host& host, const verification& verificati
         write_control(host, "sa_verify_period " + std::to_string(verification.period_seconds) + " " +
                                 std::to_string(verification.skew_percent));
     if (!output) return ats::pass_on(output);
-    if (console::is_complaint(*output)) return ats::fail(host.name() + " did not take its verification: " + *output);
+    if (console::is_complaint(*output))
+        return ats::fail(host.name() + " did not accept its verification period: " + *output);
     return {};
 }
 

@@ -69,7 +69,7 @@ ats::result<> remove_stale(const std::string& path, const sockaddr_un& address, 
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) return {};
     if (!S_ISSOCK(status.st_mode))
-        return ats::fail(error_kind::invalid, path + " exists and is no socket" + choose_another(option));
+        return ats::fail(error_kind::invalid, path + " exists and is not a socket" + choose_another(option));
     const ats::result<descriptor> probe = new_socket();
     if (!probe) return ats::pass_on(probe);
     if (connects(*probe, address)) return already_served(path, option);

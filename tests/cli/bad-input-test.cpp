@@ -44,18 +44,18 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
     const std::string overlong(5000, 'a');
     const service ats({"--hosts", "2"});
     const bad_input cases[] = {
-        {{"resolve", "10.0.0"}, 2, "'10.0.0' is no IPv4 address: write four numbers"},
-        {{"resolve", ""}, 2, "'' is no IPv4 address"},
-        {{"flush", "10.0.0"}, 2, "'10.0.0' is no IPv4 address"},
-        {{"resolve", overlong}, 2, "aaa...' is no IPv4 address"},
+        {{"resolve", "10.0.0"}, 2, "'10.0.0' is not an IPv4 address: write four numbers"},
+        {{"resolve", ""}, 2, "'' is not an IPv4 address"},
+        {{"flush", "10.0.0"}, 2, "'10.0.0' is not an IPv4 address"},
+        {{"resolve", overlong}, 2, "aaa...' is not an IPv4 address"},
         {{"resolve", "--cached", "node1"}, 2, "no cache knows host names"},
         {{"resolve"}, 2, "ADDRESS is missing"},
         {{"resolve", "--verify", "--cached", "10.0.0.1"}, 2, "cannot go together with"},
         {{"resolve", "10.0.0.1", "--host", "node9"}, 2, "no host 'node9'; there are node1, node2"},
-        {{"reverse", "node1"}, 2, "is no GID: write 0x and up to 32 hexadecimal digits"},
-        {{"reverse", "0x"}, 2, "is no GID"},
-        {{"reverse", "0x" + std::string(33, '1')}, 2, "is no GID"},
-        {{"reverse", "0x12g4"}, 2, "is no GID"},
+        {{"reverse", "node1"}, 2, "is not a GID: write 0x and up to 32 hexadecimal digits"},
+        {{"reverse", "0x"}, 2, "is not a GID"},
+        {{"reverse", "0x" + std::string(33, '1')}, 2, "is not a GID"},
+        {{"reverse", "0x12g4"}, 2, "is not a GID"},
         {{"set-name", "two words"}, 2, "cannot be a host name: take 1 to 30 bytes of UTF-8 without blanks"},
         {{"set-name", ""}, 2, "cannot be a host name"},
         {{"set-name", ".."}, 2, "cannot be a host name"},
@@ -72,10 +72,10 @@ TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
         {{"link", "up", "--port", "9"}, 2, "9"},
         {{"link", "up", "--hca", "mlx5"}, 2, "mlx5"},
         {{"link"}, 2, "Try 'ats link --help'"},
-        {{"sa", "forget", "node1"}, 2, "is no GID: write 0x and up to 32"},
+        {{"sa", "forget", "node1"}, 2, "is not a GID: write 0x and up to 32"},
         {{"sa", "silence", "maybe"}, 2, "STATE: 'maybe' is not possible: write on or off"},
-        {{"sa", "status", "0x10000"}, 2, "is no status word"},
-        {{"sa", "status", "busy"}, 2, "'busy' is no status word: write a number up to 65535"},
+        {{"sa", "status", "0x10000"}, 2, "is not a status word"},
+        {{"sa", "status", "busy"}, 2, "'busy' is not a status word: write a number up to 65535"},
         {{"control"}, 2, "COMMAND is empty"},
         {{"control", "set_hostname x"}, 2, "no control command 'set_hostname'; did you mean 'set_host_name'?"},
         {{"control", "rarp"}, 2, "write rarp GID, not 0 arguments"},
@@ -113,8 +113,8 @@ TEST(bad_input, service_survives_clients_without_manners)
         {"", "a request is one JSON object on a line"},
         {"status", "a request is one JSON object on a line"},
         {"[1]", "a request is one JSON object on a line"},
-        {"{}", "a request names itself"},
-        {R"({"request":7})", "a request names itself"},
+        {"{}", "a request has a name"},
+        {R"({"request":7})", "a request has a name"},
         {R"({"request":"ping","id":-1})", "an id is an integer from 0"},
         {R"({"request":"hello","protocol":2})", "this service speaks protocol 1 only"},
         {std::string("\0\1", 2), "a request is one JSON object on a line"},
@@ -270,7 +270,7 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
         {{"--capture", folder / "no/all.pcap"}, 2, "cannot write the capture"},
         {{"--socket", std::string(200, 's')}, 2, "a socket's path has 1 to 107 bytes"},
         {{"--socket", folder / "missing/socket"}, 2, "choose another path with --socket"},
-        {{"--socket", folder / "file"}, 2, "exists and is no socket"},
+        {{"--socket", folder / "file"}, 2, "exists and is not a socket"},
         {{"--mount", folder / "missing"}, 2, mounts_work() ? "make it with mkdir" : "mount"},
         {{"--mount", folder / "file"}, 2, mounts_work() ? "is not a folder" : "mount"},
     };
@@ -297,7 +297,7 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
     EXPECT_EQ(ats->ask({"resolve", "10.0.0.1"}).exit_code, 0);
     kill(ats->pid(), SIGSTOP);
     expect_refused(ats->ask({"status", "--timeout", "0.2"}),
-                   {{"stopped"}, 3, "gives no sign of life for 0.2 s: it is"});
+                   {{"stopped"}, 3, "shows no sign of life for 0.2 s: it is"});
     EXPECT_EQ(ats->stop(SIGKILL), -SIGKILL);
     ASSERT_TRUE(std::filesystem::exists(socket));
 

@@ -418,7 +418,7 @@ TEST(run, obeys_a_signal_while_hosts_are_starting)
     ats_process process({"run", "--hosts", "1000", "--socket", folder / "socket"}, folder / "out", folder / "err");
     EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "socket"); }));
     EXPECT_EQ(process.stop(), 0);
-    EXPECT_EQ(text_of_file(folder / "err"), "ats: told to end while hosts were starting\n");
+    EXPECT_EQ(text_of_file(folder / "err"), "ats: stopped by a signal while hosts were starting\n");
     EXPECT_EQ(text_of_file(folder / "out"), "ats: all hosts have unloaded.\n");
 }
 

@@ -208,7 +208,7 @@ TEST(check, names_what_a_service_would_fail_at_and_starts_nothing)
     auto found = verdicts(folder / "missing/socket");
     EXPECT_EQ(found["configuration"], "ok: " + config + ": 2 hosts on an embedded fabric");
     EXPECT_THAT(found["client socket"], HasSubstr("MISSING: " + (folder / "missing") + ": No such file"));
-    EXPECT_THAT(found["acm socket"], HasSubstr("MISSING: " + config + " is no socket: remove it"));
+    EXPECT_THAT(found["acm socket"], HasSubstr("MISSING: " + config + " is not a socket: remove it"));
     EXPECT_THAT(found["open files"], testing::StartsWith("ok: "));
     EXPECT_FALSE(found.contains("SA")) << "an embedded fabric needs no port";
     found = verdicts(folder / "socket");

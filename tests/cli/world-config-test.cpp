@@ -127,7 +127,7 @@ TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_righ
         {"[[host]]\nname = 3", ":2: 'name' must be a text in quotation marks"},
         {"[[host]]\nname = \"a/b\"", "'a/b' cannot be a host name: give it a 'name' of 1 to 30 bytes of UTF-8 without"},
         {"[[host]]\nname = \"a\"\n[[host]]\nname = \"a\"", ":3: there are two hosts named 'a'"},
-        {"[[host]]\naddress = \"10.0.0\"", ":2: '10.0.0' is no IPv4 address: write four numbers"},
+        {"[[host]]\naddress = \"10.0.0\"", ":2: '10.0.0' is not an IPv4 address: write four numbers"},
         {"[[host]]\naddress = \"127.1.2.3\"", ":2: '127.1.2.3' cannot be a host's address: it is a loopback"},
         {"[[host]]\n[host.ats]\nats_ipaddr_str = \"127.1.2.3\"", ":3: give 'address' in the [[host]] table"},
         {"[[host]]\ntrace = 6", ":2: 'trace' must be a whole number from 0 to 5"},
