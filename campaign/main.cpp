@@ -194,7 +194,7 @@ int main(int argc, char** argv)
     command_line line;
     line.options.module_folder = world::default_module_folder();
     CLI::App program(
-        "Tries to break the service, one seed after another, and replays and shortens the runs that failed.");
+        "Tests the service under random faults, one seed after another. Replays and shortens the runs that failed.");
     const auto reads = [&](ats::result<> (*read)(std::string_view, command_line&)) {
         return [&line, read](const std::string& text) {
             if (const ats::result<> result = read(text, line); !result)
@@ -203,10 +203,11 @@ int main(int argc, char** argv)
     };
     program.add_option_function<std::string>("--seeds", reads(read_seeds),
                                              "N or A-B: run the first N seeds, or seeds A to B");
-    CLI::Option* const hours = program.add_option("--hours", line.hours, "continue until so many hours are simulated");
+    CLI::Option* const hours =
+        program.add_option("--hours", line.hours, "continue until this many hours are simulated");
     for (const plan_option& each : plan_option_table)
         program.add_flag(std::string("--") + each.name, line.plan_options.*each.member, each.help);
-    program.add_option("--jobs", line.jobs, "run so many seeds at a time")->check(CLI::PositiveNumber);
+    program.add_option("--jobs", line.jobs, "run this many seeds at a time")->check(CLI::PositiveNumber);
     CLI::Option* const seed = program.add_option("--seed", line.first_seed, "replay this seed");
     CLI::Option* const shard = program.add_option_function<std::string>(
         "--shard", reads(read_shard), "K/N: run the K-th of N parts of the seeds; needs --result");

@@ -61,7 +61,7 @@ void check_door(findings& findings, const std::string& door, const std::string& 
 
 void check_limit(findings& findings, const std::string& subject, size_t limit, size_t need, const std::string& advice)
 {
-    const std::string text = fmt::format("{}, and the hosts take some {}", limit, need);
+    const std::string text = fmt::format("{}, and the hosts need about {}", limit, need);
     if (limit >= need)
         findings.add_ok(subject, text);
     else

@@ -167,9 +167,12 @@ void add_check(CLI::App& program, ats::result<int>& outcome)
         "check", "Check if this machine can run a host on its real ports, and list what is missing");
     auto options = std::make_shared<check_options>();
     command->add_flag("--json", options->as_json, "Print JSON")->option_text(" ");
-    command->add_option("--config", options->config, "Check this configuration too, and for its hosts; start nothing")
+    command
+        ->add_option("--config", options->config,
+                     "Also check this configuration, and the machine for its hosts; start nothing")
         ->option_text("FILE");
-    command->add_option("--socket", options->socket, "Where the service would serve clients")->option_text("PATH");
+    command->add_option("--socket", options->socket, "The socket on which the service would serve clients")
+        ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);
     command->callback(console::command_callback(outcome, [options] { return run_check(*options); }));
 }

@@ -296,7 +296,7 @@ ats::result<int> run(const run_options& options)
 
 void add_run(CLI::App& program, ats::result<int>& outcome)
 {
-    CLI::App* command = program.add_subcommand("run", "Keep hosts running on a fabric until a signal");
+    CLI::App* command = program.add_subcommand("run", "Run hosts on a fabric until a signal comes");
     auto options = std::make_shared<run_options>();
     auto* hosts =
         command->add_option("--hosts", options->hosts, "How many hosts to run: node1, node2, ... (default: 3)")
@@ -316,12 +316,11 @@ void add_run(CLI::App& program, ats::result<int>& outcome)
         ->option_text("KIB");
     command->add_option("--mount", options->mount, "Show every host's /proc tree and log as files in this folder")
         ->option_text("DIR");
-    command->add_option("--socket", options->socket, "Where clients are served (default: " + options->socket + ")")
+    command->add_option("--socket", options->socket, "The socket for clients (default: " + options->socket + ")")
         ->option_text("PATH");
-    command->add_flag("--acm", options->is_acm_served, "Answer programs that use librdmacm, in place of ibacm")
+    command->add_flag("--acm", options->is_acm_served, "Answer programs that use librdmacm, instead of ibacm")
         ->option_text(" ");
-    command
-        ->add_option("--acm-socket", options->acm_socket, "The same, where this socket is (default: /run/ibacm.sock)")
+    command->add_option("--acm-socket", options->acm_socket, "The same, with this socket (default: /run/ibacm.sock)")
         ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);
     command->callback(console::command_callback(outcome, [options] { return run(*options); }));

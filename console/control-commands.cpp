@@ -33,7 +33,7 @@ constexpr std::array<control_command, 7> commands = {{
     {"set_host_name", "NAME", 1, "Register this host name from now on, on every HCA"},
     {"set_ip_addrs", "ADDRESS", 1, "Register this IPv4 address from now on, on every HCA"},
     {"sa_verify_period", "SECONDS PERCENT", 2,
-     "Check the registration so often, up to so much later; 0 seconds: never"},
+     "Check the registration in this interval, plus a random delay of up to this percentage; 0 seconds means never"},
     {"delete_ip", "ADDRESS", 1,
      "WARNING: makes ADDRESS this host's own, on the first HCA, and deletes the record registered last"},
 }};

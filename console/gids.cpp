@@ -13,7 +13,7 @@ ats::result<kq_gid_t> gid_of(const std::string& text)
     const std::optional<kq_gid_t> gid = world::parse_gid(text);
     if (gid) return *gid;
     return ats::fail(ats::error_kind::invalid,
-                     quote(text) + " is not a GID: write 0x and up to 32 hexadecimal digits, or as in fe80::1");
+                     quote(text) + " is not a GID: write 0x and up to 32 hexadecimal digits, or like fe80::1");
 }
 
 void add_gid6(json& answer)

@@ -60,7 +60,7 @@ ats::result<uint32_t> address_of(const std::string& text, const std::string& pla
     const std::optional<uint32_t> address = world::parse_ipv4(text);
     if (address) return *address;
     return ats::fail(ats::error_kind::invalid,
-                     place + quote(text) + " is not an IPv4 address: write four numbers from 0 to 255, as in 10.0.0.1");
+                     place + quote(text) + " is not an IPv4 address: write four numbers from 0 to 255, like 10.0.0.1");
 }
 
 ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place)

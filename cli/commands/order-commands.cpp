@@ -40,7 +40,7 @@ void add_record_order(CLI::App& program, ats::result<int>& outcome, const std::s
 
 void add_flush(CLI::App& program, ats::result<int>& outcome)
 {
-    CLI::App* command = program.add_subcommand("flush", "Make a host's address cache forget an entry, or all");
+    CLI::App* command = program.add_subcommand("flush", "Drop an entry of a host's address cache, or all entries");
     auto entry = std::make_shared<std::string>();
     command->add_option("WHAT", *entry, "An address or a GID (default: everything but the host's own)")
         ->option_text(" ");
@@ -68,9 +68,9 @@ void add_control(CLI::App& program, ats::result<int>& outcome)
     CLI::App* command = program.add_subcommand("control", "Write a command to the control file of ats");
     auto words = std::make_shared<std::vector<std::string>>();
     auto is_list = std::make_shared<bool>(false);
-    command->add_option("COMMAND", *words, "As in 'sa_verify_period 60 1'. Quote it when a word begins with -")
+    command->add_option("COMMAND", *words, "As in 'sa_verify_period 60 1'. Quote it if a word begins with -")
         ->option_text("...");
-    command->add_flag("--list", *is_list, "Show the commands and what each does");
+    command->add_flag("--list", *is_list, "Show the commands and their effects");
     auto options = add_client_options(*command, one_host);
     set_client_action(*command, outcome, [=]() -> ats::result<int> {
         const bool is_help = *words == std::vector<std::string>{"help"};
@@ -128,11 +128,11 @@ CLI::Option* add_sa_action(CLI::App& sa, ats::result<int>& outcome, const std::s
 
 void add_sa(CLI::App& program, ats::result<int>& outcome)
 {
-    CLI::App* sa =
-        program.add_subcommand("sa", "List the Subnet Administrator's records, or disturb that of an embedded fabric");
+    CLI::App* sa = program.add_subcommand(
+        "sa", "List the Subnet Administrator's records, or disturb the SA of an embedded fabric");
     sa->require_subcommand(1);
     add_sa_show(*sa, outcome);
-    add_sa_action(*sa, outcome, "forget", "Make it forget a GID's record, or all records",
+    add_sa_action(*sa, outcome, "forget", "Make it lose a GID's record, or all records",
                   {"gid", "GID", "The ServiceGID (default: all records)"});
     add_sa_action(*sa, outcome, "silence", "Make it answer nothing, or answer again", {"state", "STATE", "on or off"})
         ->required()

@@ -199,7 +199,8 @@ void add_status(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command = program.add_subcommand("status", "Show hosts, ports, addresses, counters and caches");
     auto watch = std::make_shared<bool>(false);
-    command->add_flag("--watch", *watch, "Show it anew every second until interrupted, on a terminal in its window");
+    command->add_flag("--watch", *watch,
+                      "Show it again every second until interrupted; on a terminal, fit it into the window");
     auto common = add_client_options(*command, "Show this host only");
     add_gid_format_option(*command, *common);
     set_client_action(*command, outcome, [=] {
@@ -214,7 +215,8 @@ void show_metrics(std::ostream& output, const json& answer)
 
 void add_metrics(CLI::App& program, ats::result<int>& outcome)
 {
-    CLI::App* command = program.add_subcommand("metrics", "Show the service's counters as Prometheus reads them");
+    CLI::App* command =
+        program.add_subcommand("metrics", "Show the service's counters in the text format of Prometheus");
     auto common = add_client_options(*command, no_host);
     set_client_action(*command, outcome, [=] { return ask_and_show(*common, {{"request", "metrics"}}, show_metrics); });
 }
@@ -272,19 +274,19 @@ void add_queries(CLI::App& program, ats::result<int>& outcome)
                      .key = "address",
                      .summary = "Find the GID of IPv4 addresses or host names",
                      .argument = "ADDRESS",
-                     .argument_help = "As in 10.0.0.2, or a host name"});
+                     .argument_help = "For example 10.0.0.2, or a host name"});
     add_resolutions(program, outcome,
                     {.name = "reverse",
                      .key = "gid",
                      .summary = "Find the IPv4 address of GIDs",
                      .argument = "GID",
-                     .argument_help = "0x and up to 32 hexadecimal digits, or as in fe80::1"});
+                     .argument_help = "0x and up to 32 hexadecimal digits, or like fe80::1"});
     add_resolutions(program, outcome,
                     {.name = "path",
                      .key = "",
                      .summary = "Find the path to IPv4 addresses or GIDs",
                      .argument = "DESTINATION",
-                     .argument_help = "An address as in 10.0.0.2, or a GID as in fe80::1"});
+                     .argument_help = "An address like 10.0.0.2, or a GID like fe80::1"});
     add_metrics(program, outcome);
     add_log(program, outcome);
 }

@@ -125,7 +125,8 @@ void add_sa_show(CLI::App& sa, ats::result<int>& outcome)
     command->add_option("--gid", options->gid, "Only those of this GID")->option_text("GID");
     command->add_option("--name", options->name, "Only those of this host name")->option_text("NAME");
     command
-        ->add_flag("--real", options->is_real, "Ask the SA of this machine's real fabric, whatever service runs here")
+        ->add_flag("--real", options->is_real,
+                   "Ask the SA of this machine's real fabric, even if another service runs here")
         ->option_text(" ");
     auto* hca = command->add_option("--hca", options->hca, "The same, through this HCA")->option_text("NAME");
     command->add_option("--port", options->port, "... and this port (default: the first active one)")

@@ -49,7 +49,7 @@ std::optional<ats::error> wrong_members(const request& request)
     if (request.name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses and paths only");
     if (request.name == "path" && is_set("verify")) return malformed("'verify' is for addresses and GIDs only");
     if (request.name == "path" && object.contains("address") == object.contains("gid"))
-        return malformed("a path leads to an 'address' or to a 'gid'");
+        return malformed("a path needs an 'address' or a 'gid'");
     const auto level = object.find("level");
     const bool is_level = level == object.end() ||
                           (level->is_number_unsigned() && level->get<uint64_t>() <= console::trace_level_everything);

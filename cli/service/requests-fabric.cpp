@@ -56,7 +56,7 @@ ats::result<uint16_t> status_of(const std::string& word)
     const auto [number_end, error] = std::from_chars(begin, end, status, is_hexadecimal ? 16 : 10);
     if (error == std::errc() && number_end == end) return status;
     return ats::fail(error_kind::invalid,
-                     console::quote(word) + " is not a status word: write a number up to 65535, as in 0x0300");
+                     console::quote(word) + " is not a status word: write a number up to 65535, for example 0x0300");
 }
 
 // Makes the SA answer every request with that status; 0 ends this.

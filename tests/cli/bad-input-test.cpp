@@ -131,7 +131,7 @@ TEST(bad_input, service_survives_clients_without_manners)
         {R"({"request":"resolve","address":"10.0.0.1","cached":1})", "malformed"},
         {R"({"request":"resolve","address":"10.0.0.1","cached":true,"fresh":true})", "exclude each other"},
         {R"({"request":"reverse","gid":"fe80::1","fresh":true})", "'fresh' is for addresses and paths only"},
-        {R"({"request":"path","address":"10.0.0.1","gid":"fe80::1"})", "a path leads to an 'address' or to a 'gid'"},
+        {R"({"request":"path","address":"10.0.0.1","gid":"fe80::1"})", "a path needs an 'address' or a 'gid'"},
         {R"({"request":"log","level":4294967296})", "a trace level is a number from 0"},
         {R"({"request":"ping","x":)" + std::string(30'000, '[') + std::string(30'000, ']') + "}", "members are texts"},
         {R"({"request":"ping"})" + std::string(100'000, ' '), "a line has at most 65536 bytes"},
