@@ -37,11 +37,11 @@ std::vector<std::string> with_options_for_words(std::vector<std::string> words)
     return words;
 }
 
-// Parses the words, and with them runs the command. `outcome` is what the commands store.
+// Parses the words and runs the command. The commands store their results in `outcome`.
 ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words, const ats::result<int>& outcome)
 {
     using ats::error_kind;
-    std::reverse(words.begin(), words.end()); // CLI11 takes them from the end
+    std::reverse(words.begin(), words.end()); // CLI11 reads them from the end
     try {
         program.parse(words);
         return outcome;
@@ -58,7 +58,8 @@ ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words
     }
 }
 
-// Returns the exit code, or exit_failed if the output could not be written whole: the disk may be full.
+// Returns the exit code, or exit_failed if the output could not be written completely, for example because the disk is
+// full.
 int exit_code_after_output(int exit_code)
 {
     const bool is_whole = std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;

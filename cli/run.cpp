@@ -46,11 +46,11 @@ struct run_options {
     int hosts = 3; // node1, node2, node3
     std::string config;
     std::string socket = client::own_socket_path();
-    int log_kib = 0; // 0: as configured
+    int log_kib = 0; // 0 means the configured size
     std::string mount;
     std::string modules = world::default_module_folder();
     fabric_arguments fabric;
-    bool is_acm_served = false; // besides the configuration
+    bool is_acm_served = false; // in addition to the configuration
     std::string acm_socket;
 };
 
@@ -78,7 +78,7 @@ void print_reload(const std::string& line, const std::string& host)
     console::print_limited({.text = line, .part = "reload", .host = host});
 }
 
-// Null without a directory.
+// Returns null without a directory.
 ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, const running_hosts& hosts)
 {
     if (directory.empty()) return nullptr;
@@ -105,7 +105,7 @@ int unload(running_hosts& hosts)
     return console::exit_ok;
 }
 
-// The configuration that --config and --hosts ask for; empty on a real fabric without --config.
+// The configuration that --config and --hosts select. It is empty on a real fabric without --config.
 ats::result<world_config> hosts_config(const run_options& options)
 {
     if (!options.config.empty()) return read_world_config(options.config);
@@ -125,7 +125,7 @@ ats::result<world_config> config_of(const run_options& options)
     return config;
 }
 
-// Shows the progress on a terminal. False if a signal came meanwhile.
+// Shows the progress on a terminal. Returns false if a signal came meanwhile.
 ats::result<bool> start(running_hosts& hosts, const service_signals& signals)
 {
     const std::string count = std::to_string(hosts.all().size());
@@ -136,13 +136,13 @@ ats::result<bool> start(running_hosts& hosts, const service_signals& signals)
     });
 }
 
-// Says why programs that use librdmacm are not answered. The service goes on without them.
+// Reports why programs that use librdmacm are not answered. The service continues.
 void report_acm(const ats::error& error)
 {
     warnings_about("librdmacm")("programs that use librdmacm are not answered: " + error.text);
 }
 
-// librdmacm reads this file first, and goes to the TCP port that it names.
+// librdmacm reads this file first, and then connects to the TCP port in it.
 void warn_of_port_file()
 {
     constexpr const char* path = "/run/ibacm.port";
@@ -158,7 +158,7 @@ bool has_registered(world::host& host)
     return std::ranges::all_of(registrations_of(host), [](const json& hca) { return hca.value("registered", false); });
 }
 
-// Programs that have waited for the restart need a path. There is none before the hosts are registered.
+// Programs that have waited during the restart need a path. There are no paths before the hosts are registered.
 void wait_for_registrations(const running_hosts& hosts, std::chrono::milliseconds limit)
 {
     constexpr std::chrono::milliseconds period(5);
@@ -168,7 +168,8 @@ void wait_for_registrations(const running_hosts& hosts, std::chrono::millisecond
         std::this_thread::sleep_for(period);
 }
 
-// Answers programs that use librdmacm, if configured; in any case those that an earlier process of the service served.
+// Answers programs that use librdmacm, if this is configured. Always answers the programs that an earlier process of
+// the service has served.
 struct acm_service {
     acm_service(server& server, running_hosts& hosts, const world_config& config, std::vector<kept_descriptor> kept)
         : routes(server, hosts),
@@ -183,7 +184,7 @@ struct acm_service {
     acm::door door;
 };
 
-// Tells a service manager of the reload, as sd_notify(3) describes it.
+// Reports a reload to the service manager, in the way of sd_notify(3).
 void notify_reloading()
 {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -191,7 +192,7 @@ void notify_reloading()
     notify_service_manager(("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(now_us)).c_str());
 }
 
-// Reads the configuration again. One with an error changes nothing.
+// Reads the configuration again. If it has an error, nothing changes.
 void try_reload(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
 {
     const ats::result<world_config> file = config_of(options);
@@ -201,7 +202,7 @@ void try_reload(const run_options& options, world_config& running, running_hosts
     reload(hosts, running, *file, calls);
 }
 
-// The service survives a shortage.
+// Does the same, and handles a shortage: the service continues.
 void reload_config(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
 {
     notify_reloading();
@@ -213,7 +214,7 @@ void reload_config(const run_options& options, world_config& running, running_ho
     notify_service_manager("READY=1");
 }
 
-// Serves clients and files until a signal ends it. `config` receives what a reload changes.
+// Serves clients and files until a signal ends it. A reload changes `config`.
 ats::result<> serve_clients(const run_options& options, world_config& config, running_hosts& hosts,
                             std::unique_ptr<listening_socket> socket, std::vector<kept_descriptor> kept,
                             const service_signals& signals)
@@ -244,7 +245,7 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     return {};
 }
 
-// The exit code, or the error that kept the service from running. Takes `kept` when the hosts are up.
+// Returns the exit code, or the error that prevented the service from running. Takes over `kept` when the hosts are up.
 ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>& kept)
 {
     ats::result<world_config> config = config_of(options);
@@ -273,14 +274,14 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
                      "the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts");
 }
 
-// Clients may be more than the soft limit, often 1024, admits. Nothing here uses select(), for which that limit is
-// kept.
+// The number of clients may exceed the soft limit, which is often 1024. That limit exists for select(), which this
+// program does not use.
 void allow_more_descriptors()
 {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
     limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit); // if it fails, the limit stays as it is
+    setrlimit(RLIMIT_NOFILE, &limit); // if it fails, the limit does not change
 }
 
 ats::result<int> run(const run_options& options)

@@ -15,17 +15,17 @@ namespace
 
 using console::priority;
 
-constexpr const char* part = "log"; // docs/operations.md names it
+constexpr const char* part = "log"; // docs/operations.md lists it
 
-// Lines that wait for the journal. It has stopped if there are as many.
+// Maximum number of lines that wait for the journal. With more lines, the journal counts as stopped.
 constexpr size_t most_waiting_lines = console::line_limit::most_lines;
 
-// Of a trace line, by its level.
+// The priorities of trace lines, by level.
 constexpr std::array trace_priorities = {priority::error,       priority::error, priority::warning,
                                          priority::information, priority::debug, priority::debug};
 static_assert(trace_priorities.size() == console::trace_level_everything + 1);
 
-// The module that a trace line names, in lower case: "ats" of "ERROR   : ATS : ...".
+// The module in a trace line, in lower case: "ats" for "ERROR   : ATS : ...".
 std::string module_of(const std::string& trace_line)
 {
     constexpr std::string_view separator = " : ";
@@ -35,7 +35,7 @@ std::string module_of(const std::string& trace_line)
     return name;
 }
 
-// A plain line has the priority that it was printed with; without one it is a notice.
+// A plain line has the priority with which it was printed, or else the priority of a notice.
 console::notice notice_of(const std::string& host, const kernel::log_line& line)
 {
     console::notice notice{.text = line.text, .part = part, .host = host};

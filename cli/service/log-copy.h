@@ -1,5 +1,6 @@
 // Copies the lines of the hosts' kernel logs into systemd's journal. The printing tasks must not wait for the journal,
-// so a thread sends. A flood is limited, see console/line-limit.h; the logs themselves keep every line.
+// so a thread sends the lines. The number of lines is limited, see console/line-limit.h. The logs themselves keep every
+// line.
 #pragma once
 
 #include <condition_variable>
@@ -21,15 +22,15 @@ class log_copy
   public:
     using send_t = std::function<void(const console::notice&)>;
 
-    // Starts a thread, which calls `send`; throws a shortage if it cannot be had.
+    // Starts a thread, which calls `send`. Throws a shortage if the thread cannot be created.
     explicit log_copy(send_t send);
 
-    // Waits until every line that was taken has been sent. The logs have gone.
+    // Waits until every copied line has been sent. The logs are already destroyed.
     ~log_copy();
     log_copy(const log_copy&) = delete;
     log_copy& operator=(const log_copy&) = delete;
 
-    // Copies the lines of this host's log from now on. All logs have the same clock. The log goes first.
+    // Copies the lines of this host's log from now on. All logs have the same clock. The log must be destroyed first.
     void follow(const std::string& host, kernel::log& log);
 
   private:
@@ -37,7 +38,7 @@ class log_copy
     void work();
 
     const send_t send_;
-    std::mutex mutex_; // guards the rest
+    std::mutex mutex_; // guards the following members
     std::condition_variable changed_;
     console::line_limit limit_{": 'ats log' has them"};
     std::deque<console::notice> waiting_lines_;

@@ -26,7 +26,7 @@ bool are_same_hcas(const host_config& left, const host_config& right)
     });
 }
 
-// The parts of the configuration that are fixed while the service runs.
+// The parts of the configuration that only a restart changes.
 constexpr struct {
     const char* name;
     bool (*is_same)(const world_config&, const world_config&);
@@ -39,7 +39,7 @@ constexpr struct {
      [](const world_config& left, const world_config& right) { return left.hosts.size() == right.hosts.size(); }},
 };
 
-// The same of a host.
+// The parts of a host's configuration that only a restart changes.
 constexpr struct {
     const char* name;
     bool (*is_same)(const host_config&, const host_config&);
@@ -50,7 +50,8 @@ constexpr struct {
      [](const host_config& left, const host_config& right) { return left.parameters == right.parameters; }},
 };
 
-// Finds the host of the file for each running one: that of its name, or else the next one whose name does not run.
+// Finds the host in the file for each running host: the host with the same name, otherwise the next host whose name
+// does not run.
 std::vector<const host_config*> counterparts_of(const world_config& running, const world_config& file)
 {
     const auto named = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {
@@ -70,13 +71,13 @@ std::vector<const host_config*> counterparts_of(const world_config& running, con
     return counterparts;
 }
 
-// Reloads one configuration; see reload().
+// Executes one reload; see reload().
 class reloading
 {
   public:
     explicit reloading(const reload_calls& calls) : calls_(calls) {}
 
-    // Calls even if nothing differs: an earlier call may have changed a part only.
+    // Makes the call even if nothing differs, because an earlier call may have succeeded only in part.
     void change_rules(world_config& running, const world_config& file)
     {
         const ats::result<> changed = calls_.set_rules(file.access, file.limits);

@@ -1,4 +1,4 @@
-// Changes the settings of a running service to those of its configuration, which was read again.
+// Reloads the configuration of a running service, and applies the changed settings.
 #pragma once
 
 #include <functional>
@@ -14,18 +14,17 @@ namespace cli
 
 // The calls by which a reload changes the service.
 struct reload_calls {
-    // The service's doors admit users by these rules and limits from now on. Error: the limits and rules hold, but the
-    // file of a socket has not got the permissions that they ask for.
+    // Makes the service's doors use these rules and limits from now on. If it fails, the rules and limits are in use,
+    // but the permissions of a socket's file could not be changed.
     std::function<ats::result<>(const access_rules&, const service_limits&)> set_rules;
-    std::function<bool()> may_go_on; // false: the service is told to end, so no host is changed any more
-    // Takes a line for the administrator, and the name of the host that it is about, or "".
+    std::function<bool()> may_go_on; // false if a signal ends the service; then no more hosts are changed
+    // Receives a line for the administrator, and the name of the line's host or "".
     std::function<void(const std::string& line, const std::string& host)> print;
 };
 
-// Gives `hosts` and doors the settings of `file` that differ from those of `running`, and prints a line for each.
-// `running` receives what has been changed. Of what needs a restart, a line says so. What could not be changed is
-// tried again by the next reload. Call from outside of the machines; waits for the SA if a host's name or address
-// changes.
+// Applies the settings of `file` that differ from those of `running`, and prints a line for each. Stores the applied
+// settings in `running`. For settings that need a restart, it only prints a line. The next reload tries failed changes
+// again. Call it from outside of the machines. Waits for the SA if a host's name or address changes.
 void reload(running_hosts& hosts, world_config& running, const world_config& file, const reload_calls& calls);
 
 } // namespace cli

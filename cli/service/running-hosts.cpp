@@ -32,7 +32,7 @@ std::string end_of_log(world::host& host)
     return text;
 }
 
-// An error ends with the end of the log, unless memory ran out, of which the log says nothing.
+// The error ends with the last lines of the log, unless memory ran out: the log does not mention that.
 ats::result<> load(world::host& host, const verification& verification)
 {
     ats::result<> loaded = host.load();
@@ -41,8 +41,8 @@ ats::result<> load(world::host& host, const verification& verification)
     return ats::fail(loaded.error().kind, loaded.error().text + end_of_log(host));
 }
 
-// Takes a step of a host's start, an ats::result<>(). An error names the host, also when the step came to a limit of
-// the process.
+// Executes one step of a host's start, an ats::result<>(). The error names the host, also if the step has reached a
+// limit of the process.
 template <class step_t>
 ats::result<> take_step(const std::string& host, const step_t& step)
 {

@@ -1,5 +1,5 @@
-// The world of `ats run`: a fabric in real time and its hosts. The fabric is an embedded one, or this machine's real
-// ports with one host.
+// The fabric and the hosts of `ats run`, in real time. The fabric is an embedded one, or this machine's real ports with
+// one host.
 #pragma once
 
 #include <chrono>
@@ -27,9 +27,9 @@ class running_hosts
 {
   public:
     // Builds the fabric and the hosts, with the links of an embedded fabric down. Modules come from `module_folder`.
-    // Fails if real ports cannot be opened, if the capture file cannot be written (invalid), or if the process has no
-    // room for all hosts (no_memory).
-    // `report` takes lines for the administrator about a host, in the calls of this class.
+    // Fails if real ports cannot be opened, if the capture file cannot be written (invalid), or if a limit of the
+    // process is reached (no_memory). The calls of this class pass lines about a host to `report`, for the
+    // administrator.
     using report_t = std::function<void(const std::string& host, const std::string& line)>;
     static ats::result<std::unique_ptr<running_hosts>> build(const world_config& config,
                                                              const std::string& module_folder, report_t report);
@@ -40,12 +40,13 @@ class running_hosts
     running_hosts& operator=(const running_hosts&) = delete;
 
     // Loads every host's modules and brings all links of an embedded fabric up. Calls `may_go_on` before each host,
-    // with the number of hosts that have started. Returns false if `may_go_on` did. An error names the host that did
+    // with the number of started hosts. Returns false if `may_go_on` returned false. An error names the host that did
     // not start, with the end of its log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
-    // Takes the hosts down, in reverse order, and deletes what the SA still holds of them. Until the SA has been silent
-    // once it may take a second for a host. Returns a line for each host that refuses, and for an incomplete capture.
+    // Stops the hosts in reverse order, and deletes their remaining records from the SA. This may take a second for
+    // each host until the SA was once silent. Returns a line for each host that refuses to unload, and for an
+    // incomplete capture.
     std::vector<std::string> stop();
 
     // The time since build().
@@ -53,17 +54,17 @@ class running_hosts
 
     bool is_real() const { return real_fabric_ != nullptr; }
 
-    // The embedded fabric, never null. A real fabric is invalid.
+    // The embedded fabric, never null. An error (invalid) on a real fabric.
     ats::result<embedded::subnet*> subnet();
 
     const std::vector<std::unique_ptr<world::host>>& all() const { return hosts_; }
 
-    // Any thread may count. The machine is one of these hosts.
+    // Any thread may count. The machine must be one of these hosts.
     service_statistics& statistics() { return statistics_; }
     host_statistics& statistics_of(const kernel::machine& machine) { return host_statistics_.at(&machine); }
 
-    // The host of that name, never null; the first host for "". A host has two names: the configured one, and the one
-    // that it is registered under. An unknown or ambiguous name is invalid; the error lists the hosts.
+    // The host with that name, or the first host for "". Never null. A host has two names: the configured one, and the
+    // registered one. An unknown or ambiguous name is invalid; the error lists the hosts.
     ats::result<world::host*> find(const std::string& name);
 
   private:
@@ -78,16 +79,16 @@ class running_hosts
 
     const std::chrono::steady_clock::time_point build_time_ = std::chrono::steady_clock::now();
     std::unique_ptr<exec::executor> exec_;
-    std::unique_ptr<fabric::capture> capture_; // before the fabric, which writes to it until it is destroyed
+    std::unique_ptr<fabric::capture> capture_; // before the fabric, which writes to it in its destructor
     std::unique_ptr<embedded::subnet> subnet_; // this one or real_fabric_
     std::unique_ptr<umad::real_fabric> real_fabric_;
     service_statistics statistics_;
-    std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs are followed
-    std::optional<log_copy> journal_copy_;                              // likewise; empty without a journal
+    std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs it follows
+    std::optional<log_copy> journal_copy_; // also before the hosts; empty without a journal
     std::vector<std::unique_ptr<world::host>> hosts_;
     const report_t report_;
-    bool is_sa_silent_ = false;           // it has left a question of the service unanswered
-    std::vector<host_settings> settings_; // of each host, as configured
+    bool is_sa_silent_ = false;           // it has not answered a question of the service
+    std::vector<host_settings> settings_; // the configured settings of each host
 };
 
 } // namespace cli
