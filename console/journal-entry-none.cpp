@@ -1,4 +1,4 @@
-// A build without libsystemd.
+// Replaces journal-entry-systemd.cpp in a build without libsystemd.
 #include "console/journal-entry.h"
 
 namespace console

@@ -3,7 +3,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#define SD_JOURNAL_SUPPRESS_LOCATION // every entry would have this file's
+#define SD_JOURNAL_SUPPRESS_LOCATION // otherwise every entry would name this file
 #include <systemd/sd-journal.h>
 
 namespace console

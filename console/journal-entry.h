@@ -7,10 +7,11 @@
 namespace console
 {
 
-// False: a build without libsystemd.
+// Returns false in a build without libsystemd.
 bool can_send_journal_entries();
 
-// Sends an entry of fields "NAME=value". False: the journal did not take it. Any thread; may wait for the journal.
+// Sends an entry with fields "NAME=value". Returns false if the journal did not accept it. Any thread; may wait for the
+// journal.
 bool send_journal_entry(const std::vector<std::string>& fields);
 
 } // namespace console

@@ -17,7 +17,7 @@ namespace console
 namespace
 {
 
-// The manager names the journal's stream by device and inode. A redirected stderr is another one.
+// The manager names the journal's stream by device and inode. A redirected stderr has other numbers.
 bool is_stderr_the_journal()
 {
     const char* stream = std::getenv("JOURNAL_STREAM");
@@ -31,7 +31,7 @@ std::string priority_text(const notice& notice)
     return std::to_string(static_cast<int>(notice.priority));
 }
 
-// `text` with "<N>" before each of its lines, which the journal takes as the line's priority.
+// Returns `text` with "<N>" before each of its lines. The journal reads it as the line's priority.
 std::string with_priority(const std::string& text, const std::string& priority)
 {
     const std::string mark = "<" + priority + ">";

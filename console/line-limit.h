@@ -1,5 +1,5 @@
-// Limits a flood of lines: at most 1000 in ten seconds. systemd's journal, as it is shipped, admits 10000 lines of a
-// service in thirty seconds, and drops later ones whatever their priority. docs/operations.md states the limit.
+// Limits the number of lines: at most 1000 in ten seconds. The default of systemd's journal is 10000 lines of a service
+// in thirty seconds; it drops later lines of any priority. docs/operations.md states the limit.
 #pragma once
 
 #include <cstdint>
@@ -19,11 +19,11 @@ class line_limit
     static constexpr uint64_t most_lines = 1000;
     static constexpr uint64_t period_ms = 10'000;
 
-    // `advice` ends the line about lines that were left out.
+    // The line about omitted lines ends with `advice`.
     explicit line_limit(std::string advice) : advice_(std::move(advice)) {}
 
-    // Asks for a line of this part of the service at `now_ms`, a time that does not go back. None: leave the line out.
-    // Else print these lines before it: there is one if lines were left out earlier.
+    // Asks to print a line of this part of the service at `now_ms`, which must not decrease. If the result is none,
+    // omit the line. Otherwise print the returned lines first: there is one if lines were omitted before.
     std::optional<std::vector<notice>> admit(uint64_t now_ms, const std::string& part)
     {
         if (!start_ms_ || now_ms >= *start_ms_ + period_ms) {
@@ -40,7 +40,7 @@ class line_limit
             notice{.priority = priority::warning, .text = remark(std::exchange(left_out_, 0)), .part = part}};
     }
 
-    // Leaves a line out for another reason.
+    // Counts a line that was omitted for another reason.
     void leave_out() { ++left_out_; }
 
   private:
@@ -51,9 +51,9 @@ class line_limit
     }
 
     const std::string advice_;
-    std::optional<uint64_t> start_ms_; // of the period
+    std::optional<uint64_t> start_ms_; // start of the period
     uint64_t lines_ = 0;               // in the period
-    uint64_t left_out_ = 0;            // that no line has told of
+    uint64_t left_out_ = 0;            // omitted lines that were not reported yet
 };
 
 } // namespace console

@@ -1,5 +1,5 @@
-// The sockets of `ats run`: an input is what a client sends before it closes its side. One that begins with the version
-// of librdmacm's protocol goes to the socket that librdmacm uses. Threads serve both in real time.
+// The sockets of `ats run`. An input is the bytes of a client before it closes its side. An input that begins with the
+// version of librdmacm's protocol goes to the socket for librdmacm. Threads serve both sockets in real time.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,7 +21,7 @@ struct service {
     static cli::world_config config()
     {
         cli::world_config config = cli::numbered_hosts(2);
-        config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // requests do not wait long for an answer
+        config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // makes requests end soon
         return config;
     }
 
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static service service;
     const bool is_acm = size > 0 && bytes[0] == acm::protocol_version;
-    const bool says_hello = !is_acm && size % 8 != 0; // some inputs begin before it
+    const bool says_hello = !is_acm && size % 8 != 0; // some inputs have their own hello or none
     const raw_connection client(is_acm ? service.acm_path : service.path, says_hello);
     send_all(client.fd(), bytes, size);
     shutdown(client.fd(), SHUT_WR);

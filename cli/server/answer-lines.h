@@ -1,4 +1,4 @@
-// The lines that the server sends: JSON texts, and the error of a refused request.
+// The lines that the server sends: JSON texts, and the error for a refused request.
 #pragma once
 
 #include <optional>
@@ -15,10 +15,10 @@ namespace cli
 // valid.
 std::string line_of(nlohmann::json answer, const std::optional<uint64_t>& id);
 
-// The answer to a request that is refused.
+// The answer to a refused request.
 nlohmann::json refusal(const ats::error& error);
 
-// An error of the client: it must change its request.
+// The client's error: the client must change its request.
 ats::error malformed(const std::string& text);
 
 // Returns the error for the exception that is being handled: a missing member, a member with a wrong type, or a

@@ -1,5 +1,5 @@
-// The connections that read a host's log. Lives in the event loop's thread; only a new line of a log rings from another
-// thread.
+// The connections that read a host's log. Lives in the event loop's thread. Only the notice of a new log line comes
+// from another thread.
 #pragma once
 
 #include <atomic>
@@ -18,7 +18,7 @@ namespace cli
 class log_followers
 {
   public:
-    // `find` returns the conversation with that number, or nullptr. `finish` sends the last line of an answer.
+    // `find` returns the conversation with that number, or null. `finish` sends the last line of an answer.
     using find_conversation = std::function<conversation*(uint64_t number)>;
     using finish_answer = std::function<void(const return_ticket& ticket, const std::string& line)>;
     log_followers(event_loop& loop, find_conversation find, finish_answer finish)
@@ -26,11 +26,11 @@ class log_followers
     {
     }
 
-    // Sends the lines of `log` up to `level`, and with `goes_on` all later ones. A connection follows one log at most:
+    // Sends the lines of `log` up to `level`, and with `goes_on` all later ones. A connection follows at most one log:
     // call end() first.
     void begin(conversation& source, const return_ticket& ticket, kernel::log& log, int level, bool goes_on);
 
-    // Sends what the client has room for.
+    // Sends as many lines as the client can accept now.
     void pump(conversation& source);
 
     // Ends the answer, if this connection follows a log.

@@ -1,4 +1,4 @@
-// Requests of clients for an address, a GID or a path: what they ask, and the lines that answer them.
+// Requests of clients for an address, a GID or a path: their questions, and the lines with their answers.
 #pragma once
 
 #include <optional>
@@ -10,13 +10,13 @@
 namespace cli
 {
 
-// True if the request needs only one lookup. The server answers it without a worker.
+// Returns true if the request needs only one lookup. The server answers it without a worker.
 bool is_simple_lookup(const request& request);
 
 // The question of a lookup request. Fails if its address or GID is malformed.
 ats::result<lookups::subject> subject_of(const request& request);
 
-// Looks into the caches of IBAT only, and counts the answer. Never waits.
+// Searches only the caches of IBAT, and counts the answer. Never waits.
 lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject,
                                 lookup_statistics& statistics);
 

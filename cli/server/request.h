@@ -1,4 +1,4 @@
-// A request of a client, and the checks that need nothing but the request itself.
+// A request of a client, and the checks that only need the request itself.
 #pragma once
 
 #include <optional>
@@ -25,8 +25,8 @@ struct request {
     return_ticket ticket;
 };
 
-// Reads the line of a request from the connection at `place`. `id` receives the request's id as soon as it is known, so
-// that an error can be answered with it.
+// Parses a line from the connection at `place`. Sets `id` as soon as the request's id is known. An error can then be
+// answered with the id.
 ats::result<request> request_of(std::string_view line, const queue_place& place, std::optional<uint64_t>& id);
 
 // Returns an error if members contradict each other or are out of range. Throws a json::exception if a member has the

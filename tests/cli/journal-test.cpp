@@ -1,4 +1,4 @@
-// Lines for the administrator: in systemd's journal, and in a flood.
+// Lines for the administrator in systemd's journal, and the limit of their number.
 #include <algorithm>
 #include <cstring>
 #include <latch>
@@ -19,8 +19,8 @@ namespace
 
 using fields = std::map<std::string, std::string>;
 
-// What journald binds at /run/systemd/journal/socket. Each datagram is an entry: lines "NAME=VALUE", or "NAME" and the
-// value with its length before it (systemd's "Native Journal Protocol").
+// A replacement for journald's socket at /run/systemd/journal/socket. Each datagram is an entry: lines "NAME=VALUE", or
+// "NAME" and the value with its length before it (systemd's "Native Journal Protocol").
 class journal_socket
 {
   public:
@@ -39,7 +39,7 @@ class journal_socket
         close(socket_);
     }
 
-    // The first entry that has arrived, or arrives now, and has the value in this field.
+    // Returns the first entry with the value in this field. Waits for it if it has not arrived.
     fields wait_entry(const std::string& field, const std::string& value)
     {
         fields found;
@@ -79,7 +79,7 @@ class journal_socket
             uint64_t length = datagram.find('\n', end + 1) - end - 1;
             at = end + 1;
             if (datagram[end] == '\n') {
-                std::memcpy(&length, &datagram[at], sizeof length); // little-endian, as this machine is
+                std::memcpy(&length, &datagram[at], sizeof length); // little-endian, like this machine
                 at += sizeof length;
             }
             parsed[name] = datagram.substr(at, length);
@@ -115,7 +115,7 @@ TEST(journal, fields_are_those_that_the_documentation_lists)
         EXPECT_NE(page.find("| `" + field.substr(0, field.find('=')) + "` |"), std::string::npos) << field;
 }
 
-// A shell's command that runs in a mount namespace of its own, where `folder` is the journal's.
+// A shell command in its own mount namespace, where `folder` is the journal's folder.
 std::vector<std::string> with_journal(const std::string& folder, const std::string& command)
 {
     const std::string mounts = "mount -t tmpfs tmpfs /run && mkdir -p /run/systemd/journal && mount --bind '" + folder +
@@ -123,7 +123,7 @@ std::vector<std::string> with_journal(const std::string& folder, const std::stri
     return {"unshare", "--mount", "--map-root-user", "sh", "-c", mounts + command};
 }
 
-// journald names the stream that a service gets as its stderr.
+// The name that journald gives to the stream of a service's stderr.
 std::string journal_stream(const std::string& file)
 {
     write_file(file, "");
@@ -132,7 +132,7 @@ std::string journal_stream(const std::string& file)
     return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-// A program whose stderr is the journal, if `is_journal`.
+// Starts the program. Its stderr is the journal if `is_journal`.
 std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, const std::string& arguments,
                                                  bool is_journal = true)
 {
@@ -144,7 +144,7 @@ std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, c
                               .errors = folder / "err"});
 }
 
-// "" if this user may make mount namespaces.
+// Returns "" if this user may make mount namespaces, otherwise the reason.
 std::string refusal_of_mounts(const scratch_folder& folder)
 {
     fabric_tools::process trial({.arguments = with_journal(folder / ".", "true"), .output = folder / "trial"});
@@ -200,7 +200,7 @@ TEST(journal, lines_without_fields_have_their_priority_and_those_elsewhere_do_no
     }
 }
 
-// The printing task goes on while the journal takes nothing.
+// The printing task continues while the journal accepts nothing.
 TEST(journal, a_flood_of_a_hosts_log_is_limited_and_the_log_keeps_it)
 {
     std::latch open_journal(1);
