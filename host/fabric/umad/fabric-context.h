@@ -1,4 +1,4 @@
-// All ports of one real fabric share this: executor, options, and the tap.
+// The common part of all ports of one real fabric: executor, options, and the tap.
 #pragma once
 
 #include <atomic>
@@ -24,10 +24,10 @@ class fabric_context
         if (options.report) options.report(remark);
     }
 
-    // Shows a datagram to the tap, if there is one. Any thread.
+    // Passes a datagram to the tap, if there is one. Any thread.
     void show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad);
 
-    // As real_fabric::set_tap.
+    // The same as real_fabric::set_tap.
     void set_tap(fabric::tap* tap);
 
   private:

@@ -9,7 +9,7 @@ namespace umad
 namespace
 {
 
-constexpr uint64_t first_state_ticks = 1000; // how long open() waits for the port's attributes
+constexpr uint64_t first_state_ticks = 1000; // maximum time for which open() waits for the port's attributes
 
 } // namespace
 
@@ -94,7 +94,7 @@ bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad
     umad_address.pkey_index = destination.p_key_index;
 
     sa_mad_v2_t& request = packet.sa_mad();
-    const bool is_lookup = request.hdr.m.method == MAD_METHOD_GET; // most requests are; they need no P_Key
+    const bool is_lookup = request.hdr.m.method == MAD_METHOD_GET; // most requests are lookups; they need no P_Key
     if (!is_lookup && p_keys_.complete(request, read())) ++counts_.deletes_completed;
     const uint64_t transaction = from_wire(request.hdr.transact_id);
     if (!request.hdr.m.r) transactions_.begin(transaction);

@@ -1,4 +1,4 @@
-// A real HCA: its ports, each with a task of its own, and the one listener that all of them call.
+// A real HCA: its ports, each with a task of its own, and the common listener of the ports.
 #pragma once
 
 #include <memory>
@@ -15,14 +15,14 @@ class real_hca final : public fabric::hca
   public:
     real_hca(fabric_context& context, const hca_listing& hca);
 
-    // Opens every InfiniBand port and starts its task. Error: one of them cannot be opened. Once only.
+    // Opens every InfiniBand port and starts its task. Fails if one of them cannot be opened. Call it once.
     ats::result<> open();
 
     const std::string& name() const override { return name_; }
     int port_count() const override { return static_cast<int>(ports_.size()); }
 
-    // Returns what the port last reported, at most one watch interval ago. Does not wait, even if the HCA is slow: the
-    // listener hears of every change anyway.
+    // Returns the last report of the port, which is at most one watch interval old. Does not wait, even if the HCA is
+    // slow, because the listener gets every change anyway.
     fabric::port_attributes read_port(int port) override;
     bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override;
     bool poll() override;
