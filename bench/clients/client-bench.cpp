@@ -1,5 +1,6 @@
-// Measures a service from the side of its clients, on one machine. It measures cached lookups one at a time and many at
-// a time, paths in the way of librdmacm, idle connections, and a thousand clients that ask at the same time.
+// Measures a service from the side of its clients, on one machine. The figures are: cached lookups, one at a time and
+// many at a time; lookups of paths in the protocol of librdmacm; idle connections; a thousand clients that ask at the
+// same time.
 //   client-bench
 #include <algorithm>
 #include <arpa/inet.h>

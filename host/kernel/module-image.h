@@ -21,8 +21,8 @@ class module_image
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    // Maps a copy of the file. Call it once. Fails if there is no such file (not_found), if this kernel cannot use it
-    // as a module (invalid), or if a limit of the process is reached (no_memory).
+    // Maps a copy of the file. Call it once. Errors: not_found if there is no such file; invalid if this kernel cannot
+    // use it as a module; no_memory if a limit of the process is reached.
     ats::result<> map(const std::string& path);
 
     // The module's `this_module`, which is inside the image. Null before map() has succeeded.

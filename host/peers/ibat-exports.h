@@ -1,10 +1,10 @@
 // IBAT's functions for modules of its host that need addresses. (ibat.h has those for the resolver.) IBAT keeps a cache
-// of the resolver's answers. If several askers ask for one address, IBAT sends one request. It repeats the request
-// and finally gives up.
+// of the resolver's answers. If several askers ask for one address, IBAT sends one request. It repeats the request and
+// finally gives up.
 //
-// In every record from IBAT, `dst_ip` is the address of the request, `gid` the GID that owns it, and `local_port_num`
-// the port on which the answer arrived. `mask` names the valid fields. IBAT_MASK_STATIC marks the host's own mapping.
-// Other fields keep their values.
+// Every record from IBAT has these fields: `dst_ip` is the address of the request, `gid` is the GID that owns it, and
+// `local_port_num` is the port on which the answer arrived. `mask` names the valid fields. IBAT_MASK_STATIC marks the
+// host's own mapping. Other fields keep their values.
 #pragma once
 
 #include "ibat.h"

@@ -1,7 +1,7 @@
-// Events and answers that no fabric here produces: events of unknown types, and of ports and HCAs that do not exist;
-// answers that arrive before the sending call has returned; a link that goes down during a call. This test produces
-// them between ats and the stack. It loads a copy of the module in which the names of some kernel calls are replaced by
-// the names of this test's own calls.
+// Events and answers that no fabric here produces. Events may have unknown types, or name ports and HCAs that do not
+// exist. An answer may arrive before the sending call has returned. A link may go down during a call. This test
+// produces them between ats and the stack. It loads a copy of the module in which the names of some kernel calls are
+// replaced by the names of this test's own calls.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>

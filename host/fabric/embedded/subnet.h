@@ -60,8 +60,8 @@ class subnet
     subnet& operator=(const subnet&) = delete;
 
     // Plugs an HCA into a host; its links are down. The subnet owns it. Ports get the LIDs from 2 upwards in the order
-    // of these calls. Fails if the host already has the name, if another port has the GUID, if the number of ports is
-    // not 1 to 254, and if no LIDs are left.
+    // of these calls. Fails if the host already has the name or another port has the GUID. Also fails if the number of
+    // ports is not 1 to 254, or if no LIDs are left.
     ats::result<fabric::hca*> add_hca(const std::string& host, const hca_description& description);
     ats::result<fabric::hca*> add_hca(const std::string& host, const std::string& name, int ports)
     {

@@ -8,7 +8,7 @@ namespace umad
 namespace
 {
 
-// Ports whose events are reported are asked so much less often.
+// A port with reported events is asked this many times less often.
 constexpr uint64_t slow_watch_factor = 50;
 
 } // namespace
