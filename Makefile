@@ -6,17 +6,17 @@ BUILD := build/$(PRESET)
 .PHONY: help configure build program demo fabric package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
 
 help:
-	@echo "make demo      install what is missing, build, and show the service at work on an embedded fabric"
+	@echo "make demo      install missing packages, build, and show how the service works on an embedded fabric"
 	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
-	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range as in 1-50; HOURS=0: each seed once)"
+	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range like 1-50; HOURS=0: each seed once)"
 	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
 	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make aarch64   the kernel's tests on another processor, in an emulator"
-	@echo "make package   packages for Debian and Fedora, as far as this machine can build them, in build/packages"
-	@echo "make check-packages  builds them twice, and installs, starts, upgrades and removes them in roots of their own (as root)"
+	@echo "make package   packages for Debian and Fedora, if this machine can build them, in build/packages"
+	@echo "make check-packages  build them twice, and install, start, upgrade and remove them in separate root folders (as root)"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
 configure:
