@@ -222,7 +222,7 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     const ats::result<std::unique_ptr<proc_mount>> files = mount(options.mount, hosts);
     if (!files) return ats::pass_on(files);
     const ats::result<std::unique_ptr<server>> server =
-        server::start(hosts, std::move(socket), {config.access, config.limits});
+        server::start(hosts, std::move(socket), {config.access, config.limits, warnings_about("service")});
     if (!server) return ats::pass_on(server);
     if (!kept.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
     acm_service acm(**server, hosts, config, std::move(kept));
@@ -235,7 +235,7 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
         .set_rules =
             [&](const access_rules& access, const service_limits& limits) {
                 acm.door.set_limits(limits);
-                return (*server)->set_options({access, limits});
+                return (*server)->set_options({access, limits, warnings_about("service")});
             },
         .may_go_on = [&] { return !signals.is_stop_pending(); },
         .print = print_reload,

@@ -31,15 +31,13 @@ ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::un
 }
 
 server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options)
-    : hosts_(hosts), listening_(std::move(listening)), options_(options),
+    : hosts_(hosts), listener_(std::move(listening), options.report), options_(options),
       followers_(
           loop_, [this](uint64_t number) { return find(number); },
           [this](const return_ticket& ticket, const std::string& line) { finish(ticket, line); }),
       workers_(worker_threads)
 {
     loop_.set_end_of_round([this] { flush_all(); });
-    uv_pipe_init(loop_.uv(), &listener_, 0);
-    listener_.data = this;
     loop_.start();
 }
 
@@ -48,13 +46,7 @@ ats::result<> server::listen()
 {
     std::promise<int> outcome;
     loop_.post([&] {
-        const int opened = uv_pipe_open(&listener_, listening_->duplicate().release());
-        outcome.set_value(opened != 0 ? opened
-                                      : uv_listen(reinterpret_cast<uv_stream_t*>(&listener_), SOMAXCONN,
-                                                  [](uv_stream_t* listener, int status) {
-                                                      if (status == 0)
-                                                          static_cast<server*>(listener->data)->accept_client();
-                                                  }));
+        outcome.set_value(listener_.start(loop_.uv(), [this](uv_stream_t* listener) { accept_client(listener); }));
     });
     const int error = outcome.get_future().get();
     if (error == 0) return {};
@@ -66,7 +58,7 @@ server::~server()
     std::promise<void> closed;
     loop_.post([&] {
         is_stopping_ = true;
-        uv_close(reinterpret_cast<uv_handle_t*>(&listener_), nullptr);
+        listener_.close();
         for (auto& [number, client] : conversations_) client->pause();
         closed.set_value();
     });
@@ -84,12 +76,12 @@ server::~server()
 
 // ---- connections ----
 
-void server::accept_client()
+void server::accept_client(uv_stream_t* listener)
 {
     auto client = std::make_unique<conversation>(*this, loop_.uv(), new_connection_number(), options_.limits);
     conversation& accepted = *client;
     conversations_.emplace(accepted.number(), std::move(client));
-    if (accepted.accept(reinterpret_cast<uv_stream_t*>(&listener_))) admit(accepted);
+    if (accepted.accept(listener)) admit(accepted);
 }
 
 // Refuses a user with too many connections.
@@ -316,7 +308,7 @@ ats::result<> server::set_options(const server_options& options)
         options_ = options;
         followers_.end_refused(options.access);
     });
-    return listening_->set_for_all(options.access.is_open_to_others());
+    return listener_.set_for_all(options.access.is_open_to_others());
 }
 
 // A follower that has closed its side needs no more lines.

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 
+#include "cli/server/client-listener.h"
 #include "cli/server/conversation.h"
 #include "cli/server/event-loop.h"
 #include "cli/server/log-followers.h"
@@ -20,6 +21,8 @@ namespace cli
 struct server_options {
     access_rules access;
     service_limits limits;
+    // Receives lines for the administrator, in the loop's thread. A reload does not change it.
+    std::function<void(const std::string&)> report = [](const std::string&) {};
 };
 
 class server final : public conversation::owner
@@ -61,7 +64,7 @@ class server final : public conversation::owner
     void ended(conversation& source) override;
     void has_unsent(conversation& source) override { unsent_.push_back(source.number()); }
 
-    void accept_client();
+    void accept_client(uv_stream_t* listener);
     void admit(conversation& client);
     void flush_all();
     void carry_out(conversation& source, const request& request);
@@ -78,9 +81,8 @@ class server final : public conversation::owner
     conversation* find(uint64_t number);
 
     running_hosts& hosts_;
-    const std::unique_ptr<listening_socket> listening_;
     event_loop loop_;
-    uv_pipe_t listener_;
+    client_listener listener_;
 
     // The next members are for the loop's thread only.
     server_options options_;

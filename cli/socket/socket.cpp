@@ -80,15 +80,13 @@ ats::result<> remove_stale(const std::string& path, const sockaddr_un& address, 
                      "cannot take over the stale socket " + path + reason() + choose_another(option));
 }
 
-// Creates the socket file with mode 0600 from the start. On failure, errno has the reason.
-bool binds_privately(const descriptor& socket, const sockaddr_un& address)
+// Creates the socket file and listens there. The file has mode 0600 from the start: Linux gives it the mode of the
+// unbound socket. On failure, errno has the reason.
+bool listens_privately(const descriptor& socket, const sockaddr_un& address)
 {
-    const mode_t previous_mask = umask(0177);
-    const int result = bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int bind_errno = errno;
-    umask(previous_mask);
-    errno = bind_errno;
-    return result == 0;
+    return fchmod(socket.get(), 0600) == 0 &&
+           bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+           listen(socket.get(), SOMAXCONN) == 0;
 }
 
 // Returns true if `file` still names the open file. Otherwise the last holder of the lock has removed it, and another
@@ -148,12 +146,11 @@ ats::result<std::unique_ptr<listening_socket>> listening_socket::open(const std:
     if (const ats::result<> removed = remove_stale(path, *address, option); !removed) return ats::pass_on(removed);
     ats::result<descriptor> socket = new_socket();
     if (!socket) return ats::pass_on(socket);
-    if (!binds_privately(*socket, *address))
+    if (!listens_privately(*socket, *address))
         return ats::fail(error_kind::invalid, "cannot create the socket " + path + reason() + choose_another(option));
     std::unique_ptr<listening_socket> bound(new listening_socket(path, std::move(*lock), std::move(*socket)));
     if (is_for_all)
         if (const ats::result<> opened = bound->set_for_all(true); !opened) return ats::pass_on(opened);
-    if (listen(bound->socket_.get(), SOMAXCONN) != 0) return ats::fail("cannot listen on " + path + reason());
     return bound;
 }
 
@@ -171,27 +168,62 @@ ats::result<std::unique_ptr<listening_socket>> listening_socket::adopt(const std
 }
 
 listening_socket::listening_socket(std::string path, path_lock lock, descriptor socket)
-    : path_(std::move(path)), lock_(std::move(lock)), socket_(std::move(socket))
+    : path_(std::move(path)), lock_(std::move(lock)), socket_(std::move(socket)), file_(identity_of(path_))
 {
 }
 
 // Remove the file before the members release socket and lock: after that, the path may belong to another service.
 listening_socket::~listening_socket()
 {
-    unlink(path_.c_str());
+    if (is_in_place()) unlink(path_.c_str());
+}
+
+std::optional<listening_socket::file_identity> listening_socket::identity_of(const std::string& path)
+{
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+    return file_identity{status.st_dev, status.st_ino};
+}
+
+bool listening_socket::is_in_place() const
+{
+    const std::lock_guard lock(mutex_);
+    return file_ && identity_of(path_) == file_;
+}
+
+ats::result<> listening_socket::restore()
+{
+    const std::lock_guard lock(mutex_);
+    if (identity_of(path_)) return ats::fail(path_ + " is another file now: remove it");
+    const ats::result<sockaddr_un> address = socket_address(path_);
+    if (!address) return ats::pass_on(address);
+    ats::result<descriptor> socket = new_socket();
+    if (!socket) return ats::pass_on(socket);
+    if (!listens_privately(*socket, *address)) return ats::fail("cannot create the socket " + path_ + reason());
+    socket_ = std::move(*socket);
+    file_ = identity_of(path_);
+    return give_permissions();
 }
 
 ats::result<> listening_socket::set_for_all(bool is_for_all)
 {
+    const std::lock_guard lock(mutex_);
+    is_for_all_ = is_for_all;
+    return give_permissions();
+}
+
+ats::result<> listening_socket::give_permissions()
+{
     constexpr mode_t everyone = 0666; // the service asks the kernel for the identity of a client
     constexpr mode_t owner = 0600;
-    if (chmod(path_.c_str(), is_for_all ? everyone : owner) == 0) return {};
-    return ats::fail("cannot " + std::string(is_for_all ? "open the socket " : "close the socket ") + path_ +
+    if (chmod(path_.c_str(), is_for_all_ ? everyone : owner) == 0) return {};
+    return ats::fail("cannot " + std::string(is_for_all_ ? "open the socket " : "close the socket ") + path_ +
                      " to other users" + reason());
 }
 
 descriptor listening_socket::duplicate() const
 {
+    const std::lock_guard lock(mutex_);
     return descriptor(fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
 }
 

@@ -2,7 +2,10 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 #include "client/descriptor.h"
 #include "host/result.h"
@@ -47,18 +50,39 @@ class listening_socket
     listening_socket(const listening_socket&) = delete;
     listening_socket& operator=(const listening_socket&) = delete;
 
-    // Lets other users connect, or only this one and root.
+    // Lets other users connect, or only this one and root. Any thread.
     ats::result<> set_for_all(bool is_for_all);
 
     // Returns a copy of the listening descriptor. The caller closes it.
     descriptor duplicate() const;
 
+    const std::string& path() const { return path_; }
+
+    // Returns false if the path no longer names this socket, for example because somebody has removed the file.
+    bool is_in_place() const;
+
+    // Makes the file again and listens there. Copies of the earlier descriptor no longer receive clients. Fails if the
+    // path names another file, or if its folder is gone. Any thread.
+    ats::result<> restore();
+
   private:
+    // Identifies a file while it exists.
+    struct file_identity {
+        dev_t device;
+        ino_t number;
+        bool operator==(const file_identity&) const = default;
+    };
+    static std::optional<file_identity> identity_of(const std::string& path);
+
+    ats::result<> give_permissions();
     listening_socket(std::string path, path_lock lock, descriptor socket);
 
     const std::string path_;
-    const path_lock lock_; // keeps two starting services from removing each other's socket
+    const path_lock lock_;     // keeps two starting services from removing each other's socket
+    mutable std::mutex mutex_; // guards the following members
     descriptor socket_;
+    std::optional<file_identity> file_;
+    bool is_for_all_ = false;
 };
 
 } // namespace cli

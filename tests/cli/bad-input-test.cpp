@@ -295,6 +295,10 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
     const std::string socket = ats->socket();
     expect_refused(run_ats({"run", "--socket", socket}), {{"live"}, 2, "a service is listening on"});
     EXPECT_EQ(ats->ask({"resolve", "10.0.0.1"}).exit_code, 0);
+    ASSERT_TRUE(std::filesystem::remove(socket));
+    EXPECT_TRUE(eventually([&] {
+        return ats->ask({"resolve", "10.0.0.1"}).exit_code == 0;
+    })) << "its file is made again";
     kill(ats->pid(), SIGSTOP);
     expect_refused(ats->ask({"status", "--timeout", "0.2"}),
                    {{"stopped"}, 3, "shows no sign of life for 0.2 s: it is"});

@@ -1,0 +1,73 @@
+#include "cli/server/client-listener.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr uint64_t look_period_ms = 1000;
+
+void close_and_free(uv_pipe_t* pipe)
+{
+    uv_close(reinterpret_cast<uv_handle_t*>(pipe),
+             [](uv_handle_t* handle) { delete reinterpret_cast<uv_pipe_t*>(handle); });
+}
+
+} // namespace
+
+int client_listener::start(uv_loop_t* loop, accept_call accept)
+{
+    loop_ = loop;
+    accept_ = std::move(accept);
+    uv_timer_init(loop, &look_);
+    look_.data = this;
+    if (const int error = listen(); error != 0) return error;
+    return uv_timer_start(
+        &look_, [](uv_timer_t* timer) { static_cast<client_listener*>(timer->data)->look_at_file(); }, look_period_ms,
+        look_period_ms);
+}
+
+int client_listener::listen()
+{
+    auto* pipe = new uv_pipe_t;
+    uv_pipe_init(loop_, pipe, 0);
+    pipe->data = this;
+    int error = uv_pipe_open(pipe, socket_->duplicate().release());
+    if (error == 0)
+        error = uv_listen(reinterpret_cast<uv_stream_t*>(pipe), SOMAXCONN, [](uv_stream_t* listener, int status) {
+            if (status == 0) static_cast<client_listener*>(listener->data)->accept_(listener);
+        });
+    if (error != 0) {
+        close_and_free(pipe);
+        return error;
+    }
+    if (listener_) close_and_free(listener_);
+    listener_ = pipe;
+    return 0;
+}
+
+void client_listener::look_at_file()
+{
+    if (socket_->is_in_place()) {
+        is_loss_reported_ = false;
+        return;
+    }
+    const ats::result<> restored = socket_->restore();
+    const int error = restored ? listen() : 0;
+    if (restored && error == 0)
+        return report_("the file of the socket " + socket_->path() + " was removed; the service has made it again");
+    if (is_loss_reported_) return;
+    is_loss_reported_ = true;
+    report_("new clients do not find the service: " +
+            (restored ? std::string(uv_strerror(error)) : restored.error().text));
+}
+
+void client_listener::close()
+{
+    if (listener_) close_and_free(listener_);
+    listener_ = nullptr;
+    uv_close(reinterpret_cast<uv_handle_t*>(&look_), nullptr);
+}
+
+} // namespace cli
