@@ -184,9 +184,9 @@ ats_status_t ats_open(ats_client_t** client, const char* path)
         if (socket.empty() || socket.size() >= sizeof(sockaddr_un::sun_path))
             return failed(ATS_INVALID, "a socket's path has 1 to " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
                                            " bytes: '" + socket + "' cannot be one");
-        auto made = std::make_unique<ats_client>(socket);
-        if (made->client.open() != ATS_OK) return failed(ATS_NO_MEMORY, "no descriptors are left");
-        *client = made.release();
+        auto handle = std::make_unique<ats_client>(socket);
+        if (handle->client.open() != ATS_OK) return failed(ATS_NO_MEMORY, "no descriptors are left");
+        *client = handle.release();
         return ATS_OK;
     });
 }

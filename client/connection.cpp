@@ -58,20 +58,21 @@ connection::attempt connection::open(const std::string& path, std::string& error
         if (result == attempt::failed) error = std::string("cannot make a socket: ") + std::strerror(number);
         return result;
     };
-    descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!made.is_open()) return refuse(errno);
+    descriptor new_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!new_socket.is_open()) return refuse(errno);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return refuse(errno);
-    if (!is_trusted_service(made.get(), path)) {
+    if (connect(new_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return refuse(errno);
+    if (!is_trusted_service(new_socket.get(), path)) {
         error = foreign_service(path);
         return attempt::foreign;
     }
-    const int flags = fcntl(made.get(), F_GETFL);
-    fcntl(made.get(), F_SETFL, flags & ~O_NONBLOCK); // receive() may block in recv(2)
+    const int flags = fcntl(new_socket.get(), F_GETFL);
+    fcntl(new_socket.get(), F_SETFL, flags & ~O_NONBLOCK); // receive() may block in recv(2)
     close();
-    socket_ = std::move(made);
+    socket_ = std::move(new_socket);
     return attempt::connected;
 }
 

@@ -38,9 +38,9 @@ void connection::set_events(int events)
 {
     if (events == events_ || is_closed_) return;
     events_ = events;
-    uv_poll_start(&poll_, events, [](uv_poll_t* poll, int error, int seen) {
+    uv_poll_start(&poll_, events, [](uv_poll_t* poll, int error, int revents) {
         connection& self = self_of(poll->data);
-        if (error < 0 || (seen & UV_DISCONNECT) != 0)
+        if (error < 0 || (revents & UV_DISCONNECT) != 0)
             self.cut_off();
         else
             self.look();
@@ -53,12 +53,12 @@ void connection::look()
     const ssize_t size = recv(socket_.get(), request_.data(), request_.size(), MSG_PEEK | MSG_DONTWAIT);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (size <= 0) return cut_off();
-    const auto arrived = message_view(request_).first(static_cast<size_t>(size));
-    const std::optional<size_t> length = length_of(arrived);
+    const auto input = message_view(request_).first(static_cast<size_t>(size));
+    const std::optional<size_t> length = length_of(input);
     if (!length) return cut_off();
-    if (*length == 0 || arrived.size() < *length) return wait_for_rest();
+    if (*length == 0 || input.size() < *length) return wait_for_rest();
     rest_deadline_ms_ = 0;
-    begin(arrived.first(*length));
+    begin(input.first(*length));
 }
 
 void connection::wait_for_rest()

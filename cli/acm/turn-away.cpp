@@ -17,9 +17,9 @@ void refuse_request(int socket)
     std::array<uint8_t, longest_message> bytes;
     const ssize_t size = recv(socket, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (size <= 0) return;
-    const auto arrived = message_view(bytes).first(static_cast<size_t>(size));
-    if (length_of(arrived) != arrived.size()) return; // no whole request, so no program waits for an answer
-    const message answer = refusal(arrived, status::not_connected);
+    const auto request = message_view(bytes).first(static_cast<size_t>(size));
+    if (length_of(request) != request.size()) return; // no whole request, so no program waits for an answer
+    const message answer = refusal(request, status::not_connected);
     send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 

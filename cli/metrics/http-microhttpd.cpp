@@ -62,17 +62,17 @@ ats::result<> http::open(const std::string& address, std::function<std::string()
 {
     const std::optional<sockaddr_in> place = cli::metrics_address_of(address);
     if (!place) return ats::fail(ats::error_kind::invalid, address + " is no address and port");
-    auto made = std::make_unique<state>();
-    made->text = std::move(text);
+    auto server = std::make_unique<state>();
+    server->text = std::move(text);
     errno = 0;
-    made->daemon =
+    server->daemon =
         MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD, ntohs(place->sin_port), nullptr, nullptr, answer_request,
-                         &made->text, MHD_OPTION_SOCK_ADDR, &*place, MHD_OPTION_CONNECTION_LIMIT, most_connections,
+                         &server->text, MHD_OPTION_SOCK_ADDR, &*place, MHD_OPTION_CONNECTION_LIMIT, most_connections,
                          MHD_OPTION_CONNECTION_TIMEOUT, idle_limit_seconds, MHD_OPTION_END);
-    if (!made->daemon)
+    if (!server->daemon)
         return ats::fail(address + " cannot be listened to, is it another program's? " +
                          (errno != 0 ? std::strerror(errno) : ""));
-    state_ = std::move(made);
+    state_ = std::move(server);
     return {};
 }
 

@@ -62,9 +62,9 @@ ats::result<> textfile::write(const std::string& text)
     if (!file.is_open()) return system_error(draft() + " cannot be made");
     fchmod(file.get(), readable_by_all); // independent of the umask
     if (write_all(file.get(), text) && rename(draft().c_str(), path().c_str()) == 0) return {};
-    const auto failed = system_error(path() + " cannot be written");
+    const auto error = system_error(path() + " cannot be written");
     unlink(draft().c_str());
-    return failed;
+    return error;
 }
 
 } // namespace metrics

@@ -85,9 +85,9 @@ void lookups::serve_queue()
         changed_.wait(lock, [&] { return is_stopping_ || (!queue_.is_empty() && asked_.size() < window); });
         if (is_stopping_) return;
         entry next = queue_.pop();
-        const auto [asked, is_new] = asked_.try_emplace(next.wanted);
+        const auto [position, is_new] = asked_.try_emplace(next.wanted);
         // Waits together with another client that asked the same question.
-        asked->second.push_back(std::move(next.done));
+        position->second.push_back(std::move(next.done));
         if (!is_new) continue;
         ++unfinished_;
         lock.unlock();
@@ -118,9 +118,9 @@ void lookups::start(const subject& subject)
 void lookups::finish(const subject& subject, const answer& answer)
 {
     std::unique_lock lock(mutex_);
-    const auto asked = asked_.find(subject);
-    const std::vector<completion> askers = std::move(asked->second);
-    asked_.erase(asked);
+    const auto position = asked_.find(subject);
+    const std::vector<completion> askers = std::move(position->second);
+    asked_.erase(position);
     if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next question
     lock.unlock();
     for (const completion& done : askers) {

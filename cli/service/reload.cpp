@@ -54,17 +54,18 @@ constexpr struct {
 // does not run.
 std::vector<const host_config*> counterparts_of(const world_config& running, const world_config& file)
 {
-    const auto named = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {
-        const auto found = std::ranges::find(hosts, name, [](const host_config& host) { return host.settings.name; });
-        return found == hosts.end() ? nullptr : &*found;
+    const auto find_host = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {
+        const auto position =
+            std::ranges::find(hosts, name, [](const host_config& host) { return host.settings.name; });
+        return position == hosts.end() ? nullptr : &*position;
     };
     std::vector<const host_config*> renamed;
     for (const host_config& host : file.hosts)
-        if (!named(running.hosts, host.settings.name)) renamed.push_back(&host);
+        if (!find_host(running.hosts, host.settings.name)) renamed.push_back(&host);
     std::vector<const host_config*> counterparts;
     auto next = renamed.begin();
     for (const host_config& host : running.hosts) {
-        const host_config* counterpart = named(file.hosts, host.settings.name);
+        const host_config* counterpart = find_host(file.hosts, host.settings.name);
         if (!counterpart && next != renamed.end()) counterpart = *next++;
         counterparts.push_back(counterpart);
     }

@@ -8,7 +8,7 @@ namespace world
 
 std::string default_module_folder()
 {
-    if (const char* chosen = std::getenv("ATS_MODULE_DIR"); chosen && *chosen) return chosen;
+    if (const char* folder = std::getenv("ATS_MODULE_DIR"); folder && *folder) return folder;
     std::error_code error;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
     const std::filesystem::path built_folder = (program / "../modules").lexically_normal();

@@ -102,7 +102,7 @@ struct path_question {
     void finish()
     {
         answer.took_ticks = machine.exec().now() - started_ticks;
-        answer.took_nanoseconds = nanoseconds_since(started);
+        answer.took_nanoseconds = nanoseconds_since(start_time);
         if (answer.status != path_status::found) answer.from_cache = false;
         done(answer);
     }
@@ -114,7 +114,7 @@ struct path_question {
     const path_callback done;
     path_resolution answer;
     const uint64_t started_ticks;
-    const steady_clock::time_point started = steady_clock::now();
+    const steady_clock::time_point start_time = steady_clock::now();
 };
 
 void take_reply(ibat_stat_t status, ibat_arp_data_t* record, void* context)
@@ -224,7 +224,7 @@ void start_path_resolution(kernel::machine& machine, const path_destination& des
 
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination)
 {
-    const auto started = steady_clock::now();
+    const auto start_time = steady_clock::now();
     const published<ibat_cached_path_fn_t> get(machine, "ibat_cached_path_fn");
     if (!get) return std::nullopt;
     path_resolution answer;
@@ -235,7 +235,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
         answer.gid = resolved->gid;
         if (resolved->status != ibat_stat_ok) {
             take_unknown_address(answer, *resolved, machine);
-            answer.took_nanoseconds = nanoseconds_since(started);
+            answer.took_nanoseconds = nanoseconds_since(start_time);
             return answer;
         }
     }
@@ -245,7 +245,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
     if (status != ibat_stat_ok) return std::nullopt;
     take_path(answer, status, record);
     answer.from_cache = true;
-    answer.took_nanoseconds = nanoseconds_since(started);
+    answer.took_nanoseconds = nanoseconds_since(start_time);
     return answer;
 }
 

@@ -37,7 +37,7 @@ struct question {
             answer.ip = record.dst_ip;
             answer.gid = record.gid;
         }
-        answer.took_nanoseconds = nanoseconds_since(started);
+        answer.took_nanoseconds = nanoseconds_since(start_time);
         explain(answer);
         done(answer);
     }
@@ -51,24 +51,24 @@ struct question {
     const published<function_t> call;
     const resolution_callback done;
     resolution answer; // has the address or GID of the question
-    const steady_clock::time_point started = steady_clock::now();
+    const steady_clock::time_point start_time = steady_clock::now();
 };
 
-// Asks a peer. The peer answers at once, or by a callback, which then owns `asked`.
+// Asks a peer. The peer answers at once, or by a callback, which then owns `query`.
 template <class question_t, class ask_t>
-void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> asked, const char* module, ask_t ask)
+void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> query, const char* module, ask_t ask)
 {
-    if (!asked->call) {
-        asked->answer.reason = std::string(module) + " is not loaded on this host";
-        return asked->done(asked->answer);
+    if (!query->call) {
+        query->answer.reason = std::string(module) + " is not loaded on this host";
+        return query->done(query->answer);
     }
     ibat_arp_data_t record{};
     ibat_stat_t status = ibat_stat_error;
-    machine.enter("resolve", [&] { status = ask(*asked, &record); });
+    machine.enter("resolve", [&] { status = ask(*query, &record); });
     if (status == ibat_stat_pending)
-        static_cast<void>(asked.release()); // the callback owns it, and may already have destroyed it
+        static_cast<void>(query.release()); // the callback owns it, and may already have destroyed it
     else
-        asked->finish(status, record, true);
+        query->finish(status, record, true);
 }
 
 // Searches IBAT's cache. A GID that is not in it may still have an owner.
@@ -78,7 +78,7 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
     constexpr bool is_by_gid = std::is_pointer_v<subject_t>;
     const published<function_t> call(machine, function);
     if (!call) return std::nullopt;
-    const auto started = steady_clock::now();
+    const auto start_time = steady_clock::now();
     ibat_arp_data_t record{};
     ibat_stat_t status = ibat_stat_error;
     machine.enter("resolve", [&] { status = (*call)(subject, &record); });
@@ -88,7 +88,7 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
     answer.from_cache = true;
     answer.ip = record.dst_ip;
     answer.gid = record.gid;
-    answer.took_nanoseconds = nanoseconds_since(started);
+    answer.took_nanoseconds = nanoseconds_since(start_time);
     explain(answer);
     return answer;
 }
@@ -98,29 +98,29 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
 void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
 {
     using question_t = question<ibat_get_ib_data_fn_t>;
-    auto asked = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
-    asked->answer.ip = ip;
-    ask_peer(machine, std::move(asked), "ibat", [&](question_t& asked, ibat_arp_data_t* record) {
-        return (*asked.call)(ip, record, question_t::called_back, &asked);
+    auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
+    query->answer.ip = ip;
+    ask_peer(machine, std::move(query), "ibat", [&](question_t& query, ibat_arp_data_t* record) {
+        return (*query.call)(ip, record, question_t::called_back, &query);
     });
 }
 
 void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
 {
     using question_t = question<ibat_refresh_fn_t>;
-    auto asked = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
-    asked->answer.ip = ip;
-    ask_peer(machine, std::move(asked), "ibat",
-             [&](question_t& asked, ibat_arp_data_t*) { return (*asked.call)(ip, question_t::called_back, &asked); });
+    auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
+    query->answer.ip = ip;
+    ask_peer(machine, std::move(query), "ibat",
+             [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::called_back, &query); });
 }
 
 void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
 {
     using question_t = question<ucm_get_ip_fn_t>;
-    auto asked = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
-    asked->answer.gid = gid;
-    ask_peer(machine, std::move(asked), "ucm", [&](question_t& asked, ibat_arp_data_t* record) {
-        return (*asked.call)(&gid, record, question_t::called_back, &asked);
+    auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
+    query->answer.gid = gid;
+    ask_peer(machine, std::move(query), "ucm", [&](question_t& query, ibat_arp_data_t* record) {
+        return (*query.call)(&gid, record, question_t::called_back, &query);
     });
 }
 

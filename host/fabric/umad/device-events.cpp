@@ -83,10 +83,10 @@ class verbs_events final : public device_events
     {
         ibv_async_event event;
         if (ibv_get_async_event(context_, &event) != 0) return errno == EAGAIN || errno == EINTR;
-        const std::optional<device_event> known = meaning_of(event);
+        const std::optional<device_event> port_event = meaning_of(event);
         ibv_ack_async_event(&event);
-        if (known && known->kind == device_event_kind::ended) return false;
-        if (known) take_(*known);
+        if (port_event && port_event->kind == device_event_kind::ended) return false;
+        if (port_event) take_(*port_event);
         return true;
     }
 

@@ -211,7 +211,7 @@ ats::result<std::unique_ptr<sa_client>> open_sa_client(const std::string& hca, i
             const bool is_selected = (hca.empty() || adapter.name == hca) && (port == 0 || each.number == port);
             if (!is_selected || !is_infiniband(each) || each.state != fabric::link_state::active) continue;
             auto client = std::make_unique<umad_sa_client>(each);
-            if (const auto opened = client->open(adapter.name); !opened) return ats::pass_on(opened);
+            if (const auto result = client->open(adapter.name); !result) return ats::pass_on(result);
             return client;
         }
     }

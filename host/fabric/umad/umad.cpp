@@ -92,15 +92,15 @@ ats::result<std::vector<hca_listing>> chosen_hcas(const fabric_options& options)
 {
     auto hcas = list_hcas();
     if (!hcas || options.hcas.empty()) return hcas;
-    std::vector<hca_listing> chosen;
+    std::vector<hca_listing> selection;
     for (const std::string& name : options.hcas) {
-        if (std::ranges::find(chosen, name, &hca_listing::name) != chosen.end())
+        if (std::ranges::find(selection, name, &hca_listing::name) != selection.end())
             return ats::fail("HCA '" + name + "' is named twice");
         const auto hca = std::ranges::find(*hcas, name, &hca_listing::name);
         if (hca == hcas->end()) return ats::fail("there is no HCA '" + name + "'; there is " + names_text(*hcas));
-        chosen.push_back(*hca);
+        selection.push_back(*hca);
     }
-    return chosen;
+    return selection;
 }
 
 } // namespace
