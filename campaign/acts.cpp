@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "campaign/tested-fabric.h"
+#include "campaign/unhealed.h"
 #include "host/world/published.h"
 #include "host/world/text.h"
 #include "kernel/sync.h"
@@ -393,6 +394,11 @@ act_kind switches(const char* name, int weight, uint64_t longest_ticks, const ch
             effect};
 }
 
+act_kind unhealed(const char* name, void (*begin)(tested_fabric&, const act&))
+{
+    return {name, 1, harm::none, 0, begin, nullptr, "datagrams lost", nullptr, &plan_options::has_unhealed_faults};
+}
+
 void sa_answers_a_status(tested_fabric& fabric, const act& act)
 {
     const uint16_t status = act.b % 3 == 0 ? static_cast<uint16_t>(act.a) : static_cast<uint16_t>((act.a % 9) << 8);
@@ -483,6 +489,12 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"SM hand-over", 2, harm::network, 0, sm_hands_over, nullptr, "requests to the SA's new LID",
      &effects::requests_after_hand_over},
     {"ask for a path", 48, harm::none, 0, ask_path, nullptr, "paths found", nullptr, &plan_options::asks_for_paths},
+    unhealed("host cut off", cut_host_off),
+    unhealed("port that never answers", cut_port_off),
+    unhealed("one way of a link lost", cut_one_way),
+    unhealed("partition", cut_partition_off),
+    {"check in spite of cuts", 0, harm::none, 0, check_the_rest, nullptr, "healthy hosts that found another one",
+     nullptr, &plan_options::has_unhealed_faults},
 });
 
 } // namespace campaign

@@ -83,9 +83,15 @@ struct findings {
     std::vector<flaw> flaws;
 };
 
-// Compares the host's own report with the links and with the SA's records. Called by a task of the host. Returns
-// nothing if the module is not loaded.
-findings examine(node& node)
+// Which HCAs are expected to reach the SA.
+enum class scope {
+    healthy_hcas,  // those of which no port has been cut off for good
+    healthy_ports, // those whose active port has not been cut off
+};
+
+// Compares the host's own report with the links and, as far as the HCAs reach the SA, with its records. Called by a
+// task of the host. Without the module there is nothing to find.
+findings examine(node& node, scope scope)
 {
     findings findings;
     const console::json report = node.read_control();
@@ -99,6 +105,9 @@ findings examine(node& node)
             findings.flaws.push_back(
                 {active.is_null() ? "no port is active in spite of a link" : "a port is active without a link"});
         } else if (!active.is_null()) {
+            const bool is_cut_off =
+                scope == scope::healthy_hcas ? node.is_cut_off(i) : node.is_cut_off(i, active.get<int>());
+            if (is_cut_off) continue;
             const console::json& port = report[i]["ports"][active.get<size_t>() - 1];
             findings.gids.push_back(port["gid"]);
             const flaw flaw = flaw_of(node, i, port["gid"], port["address"], records);
@@ -152,12 +161,17 @@ void bring_hosts_up(tested_fabric& fabric)
     fabric.simulation->run_for(longest_period * second);
 }
 
-node& owner_of(tested_fabric& fabric, const std::string& gid)
+struct hca_of_node {
+    campaign::node& node;
+    size_t hca;
+};
+
+hca_of_node owner_of(tested_fabric& fabric, const std::string& gid)
 {
     for (node& each : fabric.nodes)
-        for (fabric::hca* hca : each.hcas)
-            for (int port = 1; port <= hca->port_count(); ++port)
-                if (embedded::text_of(hca->read_port(port).gids[0]) == gid) return each;
+        for (size_t hca = 0; hca < each.hcas.size(); ++hca)
+            for (int port = 1; port <= each.hcas[hca]->port_count(); ++port)
+                if (embedded::text_of(each.hcas[hca]->read_port(port).gids[0]) == gid) return {each, hca};
     fabric.violate("the SA holds a record of " + gid + ", which no port has");
 }
 
@@ -169,7 +183,7 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
     for (node& each : fabric.nodes) {
         if (!each.is_live()) continue;
         findings findings;
-        each.machine().enter("check", [&] { findings = examine(each); });
+        each.machine().enter("check", [&] { findings = examine(each, scope::healthy_ports); });
         for (const flaw& flaw : findings.flaws)
             if (!to_forget || !is_excused(each, flaw)) fail(each, flaw.text);
         if (findings.flaws.empty()) true_gids.insert(true_gids.end(), findings.gids.begin(), findings.gids.end());
@@ -177,7 +191,8 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
     for (const ib_service_record_v2_t& raw : fabric.subnet.save_records()) {
         const embedded::service_record_view record = view_of(raw);
         if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
-        const node& owner = owner_of(fabric, record.gid);
+        const auto& [owner, hca] = owner_of(fabric, record.gid);
+        if (owner.is_cut_off(hca)) continue; // nobody may be able to delete it
         if (!to_forget || !(fabric.network.ever || owner.harm().ever || owner.may_have_left_records))
             fabric.violate("the SA still holds a record of " + record.gid + ", " + record.host_name);
         to_forget->push_back(record.gid);
@@ -225,7 +240,7 @@ void compare_lookups(tested_fabric& fabric)
     const std::vector<embedded::service_record_view> records = fabric.subnet.service_records();
     if (records.empty()) return;
     for (node& node : fabric.nodes) {
-        if (!node.is_live()) continue;
+        if (!node.is_live() || node.is_cut_off()) continue;
         node.machine().enter("flush",
                              [&node] { (**world::published<ibat_flush_fn_t>(node.machine(), "ibat_flush_fn"))(); });
         for (size_t i = 0; i < lookups_per_host; ++i) {
@@ -263,10 +278,12 @@ void shut_down(tested_fabric& fabric)
         for (const std::string& leak : each.machine().memory.leaks()) fail(each, "it leaks " + leak);
         if (!each.machine().get<stack::gsi>().pools().empty()) fail(each, "a pool of datagrams is left");
     }
-    const auto records = fabric.subnet.service_records();
-    if (!records.empty())
-        fabric.violate("all modules are unloaded, but the SA still holds a record of " + records[0].gid + ", " +
-                       records[0].host_name);
+    for (const embedded::service_record_view& record : fabric.subnet.service_records()) {
+        const auto& [owner, hca] = owner_of(fabric, record.gid);
+        if (!owner.is_cut_off(hca))
+            fabric.violate("all modules are unloaded, but the SA still holds a record of " + record.gid + ", " +
+                           record.host_name);
+    }
 }
 
 // Checks the number of answers to every question, and counts the answers as effects of the acts.
@@ -283,22 +300,65 @@ void settle_questions(tested_fabric& fabric)
         }
 }
 
+// True if only the act of this tick has disturbed the host, and two verifications have repaired all that happened
+// before.
+bool is_undisturbed(node& node, uint64_t acted_tick)
+{
+    // Two verifications repair what harm did before.
+    const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
+    const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
+    const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
+    return node.disturbed_tick <= acted_tick && !node.is_changing() && node.is_live() && !node.may_be_misread &&
+           node.fabric.network.quiet_since(quiet_tick) && node.harm().quiet_since(quiet_tick);
+}
+
 } // namespace
 
 void check_promptly(node& node, uint64_t acted_tick)
 {
     schedule_timeout_uninterruptible(soon_ticks);
-    // Two verifications repair the effects of earlier faults.
-    const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
-    const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
-    const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
-    const bool is_undisturbed = node.disturbed_tick <= acted_tick && !node.is_changing() && node.is_live() &&
-                                !node.may_be_misread && node.fabric.network.quiet_since(quiet_tick) &&
-                                node.harm().quiet_since(quiet_tick);
-    if (!is_undisturbed) return;
-    for (const flaw& flaw : examine(node).flaws)
+    if (!is_undisturbed(node, acted_tick)) return;
+    for (const flaw& flaw : examine(node, scope::healthy_hcas).flaws)
         if (!is_excused(node, flaw))
             fail(node, "it changed at tick " + std::to_string(acted_tick) + ", but " + flaw.text);
+}
+
+void check_in_spite_of_cuts(node& node, const act& act)
+{
+    tested_fabric& fabric = node.fabric;
+    schedule_timeout_uninterruptible(2 * node.longest_period * second + answer_ticks);
+    const uint64_t quiet_tick = fabric.now();
+    check_promptly(node, quiet_tick);
+    const auto is_healthy = [&](campaign::node& each) {
+        return is_undisturbed(each, quiet_tick) && !each.is_cut_off() && each.has_link(0);
+    };
+    const auto has_one_address = [](const campaign::node& each) {
+        return each.address_is_certain && each.hcas.size() == 1;
+    };
+    const auto other = std::ranges::find_if(fabric.nodes, [&](campaign::node& each) {
+        return &each != &node && is_healthy(each) && has_one_address(each);
+    });
+    if (other == fabric.nodes.end() || !is_healthy(node) || !node.machine().modules.is_loaded("ibat")) return;
+    const uint32_t ip = other->address[0];
+    question& question = node.questions.emplace_back(
+        campaign::question{.asker = node, .act_kind = std::nullopt, .begun_tick = fabric.now()});
+    ++fabric.counts.questions;
+    ask_for_gid(question, ip, true);
+    schedule_timeout_uninterruptible(answer_ticks);
+    // An SA that has come back from the past may also hold the record of a port that was active then.
+    const auto records = fabric.subnet.service_records();
+    const bool is_ambiguous =
+        std::ranges::count(records, world::format_ipv4(ip), &embedded::service_record_view::ipv4) > 1;
+    if (!is_healthy(node) || !is_healthy(*other) || is_ambiguous) return;
+    ++fabric.counts.truths;
+    for (int port = 1; port <= other->hcas[0]->port_count(); ++port)
+        if (world::parse_gid(embedded::text_of(other->hcas[0]->read_port(port).gids[0])) == question.gid) {
+            fabric.mark(act);
+            return;
+        }
+    fail(node, "in spite of " + std::to_string(fabric.unhealed_faults.size()) + " cuts elsewhere it must find " +
+                   world::format_ipv4(ip) + ", but it finds " + world::format_gid(question.gid) + ", status " +
+                   std::to_string(status_of(question)));
 }
 
 void check_at_the_end(tested_fabric& fabric)

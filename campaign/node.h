@@ -1,6 +1,7 @@
 // A host of a campaign, and the identity that its administrator has set.
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <map>
@@ -63,6 +64,14 @@ struct node {
     // Returns true if a link of the HCA is up in the fabric.
     bool has_link(size_t hca);
 
+    // True if the port, a port of the HCA, or any port has been cut off for good.
+    bool is_cut_off(size_t hca, int port) const
+    {
+        return std::ranges::find(cut_ports, port_name{hca, port}) != cut_ports.end();
+    }
+    bool is_cut_off(size_t hca) const { return std::ranges::find(cut_ports, hca, &port_name::hca) != cut_ports.end(); }
+    bool is_cut_off() const { return !cut_ports.empty(); }
+
     bool is_changing() const { return changes_running_ > 0; }
     bool has_tasks() const { return !tasks_.empty(); }
 
@@ -85,6 +94,12 @@ struct node {
     std::vector<uint32_t> addresses_given;
 
     harm_watch& harm() const { return *harm_; }
+    struct port_name {
+        size_t hca;
+        int port;
+        bool operator==(const port_name&) const = default;
+    };
+    std::vector<port_name> cut_ports;   // cut off for good, in one direction or both
     uint64_t disturbed_tick = 0;        // when its links or its identity last changed
     uint64_t longest_period = 61;       // maximum seconds between two of its verifications
     bool may_not_verify = false;        // verification may be switched off

@@ -4,6 +4,8 @@
 #include <numeric>
 #include <random>
 
+#include "campaign/unhealed.h"
+
 namespace campaign
 {
 
@@ -11,6 +13,7 @@ namespace
 {
 
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
+constexpr uint64_t longest_check = 8 * minute; // of the healthy hosts, after a fault that never heals
 constexpr uint64_t request_timer_ticks = 1000;
 constexpr uint64_t cluster_ticks = 40; // approximately the time that the service waits for an answer
 
@@ -47,7 +50,9 @@ std::vector<host_shape> draw_hosts(dice& dice)
 // Draws a kind of act, by weight, that does no more harm than `worst`.
 uint32_t draw_kind(dice& dice, harm worst, const plan_options& options)
 {
-    const auto weight_of = [&](const act_kind& kind) { return may_occur(kind, options) ? kind.weight : 0; };
+    const auto weight_of = [&](const act_kind& kind) {
+        return may_occur(kind, options) && !is_unhealed(kind) ? kind.weight : 0;
+    };
     const int total = std::accumulate(act_kinds.begin(), act_kinds.end(), 0,
                                       [&](int sum, const act_kind& each) { return sum + weight_of(each); });
     while (true) {
@@ -82,6 +87,32 @@ harm draw_worst_harm(dice& dice)
     return dice.one_in(3) ? harm::none : harm::host;
 }
 
+// The kind of act that begins like this.
+uint32_t kind_of(void (*begin)(tested_fabric&, const act&))
+{
+    return static_cast<uint32_t>(std::ranges::find(act_kinds, begin, &act_kind::begin) - act_kinds.begin());
+}
+
+// Adds one to three faults that never heal. They hit neighbours, at most half of the hosts, so that one stays healthy.
+// They have dice of their own: the other acts are those of the same seed without them.
+void add_unhealed_faults(plan& plan)
+{
+    constexpr uint64_t own_sequence = 0x756E6865616C6564;
+    dice dice(plan.seed ^ own_sequence);
+    const uint64_t limit = most_hosts_cut(plan.hosts.size()), first_host = dice.below(plan.hosts.size());
+    for (uint64_t count = 1 + dice.below(3); count > 0; --count) {
+        const uint64_t tick = dice.below(plan.faults_end_tick - longest_check);
+        act next{.begin_tick = tick, .end_tick = tick, .a = dice.bits(), .b = dice.bits()};
+        do next.kind = static_cast<uint32_t>(dice.below(act_kind_count));
+        while (!is_unhealed(act_kinds[next.kind]));
+        const uint64_t distance = next.kind == kind_of(cut_partition_off) ? 0 : dice.below(limit);
+        next.host = static_cast<uint32_t>((first_host + distance) % plan.hosts.size());
+        plan.acts.push_back(next);
+        next.kind = kind_of(check_the_rest);
+        plan.acts.push_back(next);
+    }
+}
+
 // Draws a length. All orders of magnitude have equal chances.
 uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 {
@@ -90,8 +121,9 @@ uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 
 } // namespace
 
-const std::array<plan_option, 1> plan_option_table = {
-    {{"paths", &plan_options::asks_for_paths, "let hosts ask for paths, too"}}};
+const std::array<plan_option, 2> plan_option_table = {
+    {{"paths", &plan_options::asks_for_paths, "let hosts ask for paths, too"},
+     {"unhealed", &plan_options::has_unhealed_faults, "add faults that never heal, at up to half of the hosts"}}};
 
 std::string describe(const plan_options& options)
 {
@@ -99,6 +131,11 @@ std::string describe(const plan_options& options)
     for (const plan_option& each : plan_option_table)
         if (options.*each.member) text += std::string(" --") + each.name;
     return text;
+}
+
+bool is_unhealed(const act_kind& kind)
+{
+    return kind.option == &plan_options::has_unhealed_faults && kind.weight > 0;
 }
 
 bool may_occur(const act_kind& kind, const plan_options& options)
@@ -121,6 +158,7 @@ plan draw_plan(uint64_t seed, const plan_options& options)
         next.end_tick = std::min(next.begin_tick + ticks, plan.faults_end_tick);
         plan.acts.push_back(next);
     }
+    if (options.has_unhealed_faults) add_unhealed_faults(plan);
     std::ranges::stable_sort(plan.acts, {}, &act::begin_tick);
     return plan;
 }

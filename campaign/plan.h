@@ -22,6 +22,7 @@ struct tested_fabric;
 // one.
 struct plan_options {
     bool asks_for_paths = false;
+    bool has_unhealed_faults = false;
 
     bool operator==(const plan_options&) const = default;
 };
@@ -31,7 +32,7 @@ struct plan_option {
     bool plan_options::*member;
     const char* help;
 };
-extern const std::array<plan_option, 1> plan_option_table;
+extern const std::array<plan_option, 2> plan_option_table;
 
 // The options in the form of a command line, each with a space before it.
 std::string describe(const plan_options& options);
@@ -68,8 +69,11 @@ struct act_kind {
     uint64_t embedded::fault_effects::*effect = nullptr;
     bool plan_options::*option = nullptr; // only plans with this option have such acts; null means all plans
 };
-constexpr size_t act_kind_count = 37;
+constexpr size_t act_kind_count = 42;
 extern const std::array<act_kind, act_kind_count> act_kinds;
+
+// Returns true if the kind is a fault that never heals. It has no end, and harms only the hosts that it cuts off.
+bool is_unhealed(const act_kind& kind);
 
 // Returns true if plans with these options may have acts of this kind.
 bool may_occur(const act_kind& kind, const plan_options& options);

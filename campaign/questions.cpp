@@ -74,7 +74,7 @@ void check_path(const question& question, ibat_stat_t status, const ibat_arp_dat
     tested_fabric& fabric = asker.fabric;
     const uint64_t quiet_tick = question.begun_tick > harm_lasts_ticks ? question.begun_tick - harm_lasts_ticks : 0;
     const bool is_quiet = fabric.network.quiet_since(quiet_tick) && asker.harm().quiet_since(quiet_tick) &&
-                          asker.disturbed_tick + event_ticks < question.begun_tick;
+                          asker.disturbed_tick + event_ticks < question.begun_tick && !asker.is_cut_off();
     const bool may_be_corrupt = fabric.subnet.effects().arrived_corrupted > 0 && !(question.is_fresh && is_quiet);
     if (status == ibat_stat_ok) {
         if (may_be_corrupt) return;

@@ -113,7 +113,7 @@ void kill_all(const std::map<pid_t, run_process>& processes)
 }
 
 // The letters of the complaint's first line. Two complaints that differ only in numbers are of the same kind.
-std::string kind_of(const std::string& complaint)
+std::string complaint_kind(const std::string& complaint)
 {
     std::string letters;
     for (const char c : complaint.substr(0, complaint.find('\n')))
@@ -193,7 +193,7 @@ ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> a
 {
     const ats::result<run_result> failure = run_apart(plan, act_numbers, options);
     if (!failure) return ats::pass_on(failure);
-    const std::string kind = kind_of(failure->complaint);
+    const std::string kind = complaint_kind(failure->complaint);
     for (size_t piece = std::max<size_t>(act_numbers.size() / 2, 1); piece > 0; piece /= 2) {
         for (size_t position = 0; position < act_numbers.size();) {
             std::vector<size_t> rest = act_numbers;
@@ -201,7 +201,7 @@ ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> a
             rest.erase(begin, begin + static_cast<ptrdiff_t>(std::min(piece, rest.size() - position)));
             const ats::result<run_result> result = run_apart(plan, rest, options);
             if (!result) return ats::pass_on(result);
-            if (kind_of(result->complaint) == kind)
+            if (complaint_kind(result->complaint) == kind)
                 act_numbers = std::move(rest);
             else
                 position += piece;

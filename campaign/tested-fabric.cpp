@@ -77,6 +77,7 @@ ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
     const embedded::fault_effects effects = subnet.effects();
     for (size_t kind = 0; kind < act_kind_count; ++kind)
         if (const auto effect = act_kinds[kind].effect) counts.marks[kind] = effects.*effect;
+    count_unhealed_faults(*this);
     check_at_the_end(*this);
     const embedded::subnet_counts traffic = subnet.counts();
     counts.faults += traffic.dropped + traffic.duplicated + traffic.corrupted + traffic.refused;

@@ -10,6 +10,7 @@
 #include "campaign/figures.h"
 #include "campaign/node.h"
 #include "campaign/plan.h"
+#include "campaign/unhealed.h"
 #include "campaign/wire-watch.h"
 #include "host/result.h"
 #include "recording/recorder.h"
@@ -84,6 +85,7 @@ struct tested_fabric {
     std::deque<node> nodes;
 
     harm_watch network;
+    std::vector<unhealed_fault> unhealed_faults;
     std::deque<std::vector<ib_service_record_v2_t>> kept_records; // copies of the SA's records, one for each minute
 
   private:
@@ -103,7 +105,11 @@ struct tested_fabric {
 // nothing else disturbed the host, its records must then be right.
 void check_promptly(node& node, uint64_t acted_tick);
 
-// Ends every fault and compares everything with the expected state.
+// A task of the host calls this when a host is cut off for good. It waits for two verifications. If nothing else
+// disturbed the host, its records must then be right, and it must find another healthy host.
+void check_in_spite_of_cuts(node& node, const act& act);
+
+// Ends every fault that can end, and compares everything with the expected state.
 void check_at_the_end(tested_fabric& fabric);
 
 } // namespace campaign

@@ -76,7 +76,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     if (fault.empty() && !node.models.empty())
         fault = node.models[sender.hca].check_request(*exec::current_task(), method,
                                                       std::to_array(record.service_gid.bytes));
-    if (fault.empty()) fault = timing_fault_in(node, method, now_ticks);
+    if (fault.empty()) fault = timing_fault_in(node, sender.hca, method, now_ticks);
     if (!fault.empty()) fabric_.violate(host_name + ": " + fault);
 }
 
@@ -98,13 +98,14 @@ std::string wire_watch::fault_in_path_request(const port_entry& sender, const sa
 }
 
 // The answer to a Delete comes in the same tick if nothing disturbs it. Then the Set must also follow in this tick.
-std::string wire_watch::timing_fault_in(node& node, uint8_t method, uint64_t now_ticks)
+std::string wire_watch::timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks)
 {
     uint64_t& delete_tick = delete_ticks_[exec::current_task()];
     if (method == MAD_METHOD_DELETE) delete_tick = now_ticks;
     const bool is_answered_at_once = fabric_.network.quiet_since(now_ticks - harm_lasts_ticks) &&
                                      node.harm().quiet_since(now_ticks - harm_lasts_ticks) &&
-                                     now_ticks - node.disturbed_tick > harm_lasts_ticks && !node.may_be_misread;
+                                     now_ticks - node.disturbed_tick > harm_lasts_ticks && !node.may_be_misread &&
+                                     !node.is_cut_off(hca);
     if (method != MAD_METHOD_SET || !node.is_changing() || delete_tick == 0 || !is_answered_at_once) return "";
     return delete_tick == now_ticks ? "" : "a registration continued to wait after the answer to its Delete";
 }

@@ -155,6 +155,26 @@ TEST_F(two_hosts, partitions_keep_hosts_apart)
     third.listen(nullptr);
 }
 
+TEST_F(two_hosts, a_cut_port_loses_one_direction_only_and_no_other_port_loses_anything)
+{
+    ASSERT_TRUE(net.cut_outbound("node1", "mthca0", 1, true));
+    ASSERT_TRUE(first.send(1, sa_address, set_first()));
+    sim->settle();
+    EXPECT_THAT(net.service_records(), IsEmpty()) << "the request is lost";
+    ASSERT_TRUE(net.cut_outbound("node1", "mthca0", 1, false));
+    ASSERT_TRUE(net.cut_inbound("node1", "mthca0", 1, true));
+    ASSERT_TRUE(first.send(1, sa_address, set_first(2)));
+    ASSERT_TRUE(first.send(2, sa_address, get_first(3)));
+    sim->settle();
+    EXPECT_EQ(net.service_records().size(), 1u) << "only the answer is lost";
+    EXPECT_THAT(first_listener.transactions(), ElementsAre(3));
+    ASSERT_TRUE(net.cut_inbound("node1", "mthca0", 1, false));
+    ASSERT_TRUE(first.send(1, sa_address, get_first(4)));
+    sim->settle();
+    EXPECT_THAT(first_listener.transactions(), ElementsAre(3, 4));
+    EXPECT_EQ(net.ports().front().lost_at_cuts, 2u);
+}
+
 TEST_F(two_hosts, chance_faults_follow_the_seed)
 {
     auto campaign = [](uint64_t seed) {

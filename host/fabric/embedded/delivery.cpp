@@ -46,7 +46,7 @@ fabric::port_attributes subnet_hca::read_port(int port)
 bool subnet::send(subnet_hca& hca, int port, const fabric::address& destination, const fabric::mad_bytes& mad)
 {
     if (port < 1 || port > hca.port_count()) return false;
-    const port_record& source = hca.ports[static_cast<size_t>(port - 1)];
+    port_record& source = hca.ports[static_cast<size_t>(port - 1)];
     lock_guard lock(mutex_);
     datagram* datagram = is_send_refused() ? nullptr : queue_.take();
     if (!datagram) {
@@ -72,6 +72,10 @@ bool subnet::send(subnet_hca& hca, int port, const fabric::address& destination,
     }
     const uint64_t now_ticks = exec_.now();
     if (tap_) tap_->crossed(now_ticks, source.lid, destination, mad);
+    if (source.is_cut_outbound) {
+        lose_at_cut(source, *datagram);
+        return true;
+    }
     dispatch(*datagram, now_ticks);
     wake_fabric(lock);
     return true;
@@ -228,6 +232,7 @@ void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
     port_record* port = lid < port_by_lid_.size() ? port_by_lid_[lid] : nullptr;
     if (!port) return ignore(datagram, "no port has this LID");
     if (!port->is_active()) return ignore(datagram, "the port is down");
+    if (port->is_cut_inbound) return lose_at_cut(*port, datagram);
     if (datagram.destination_qpn != qp1) return ignore(datagram, "it is not for QP1");
     const int p_key_index = matching_p_key(port->p_keys, datagram.p_key);
     if (p_key_index < 0) {
@@ -286,6 +291,12 @@ void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
 void subnet::lose(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, false);
+}
+
+void subnet::lose_at_cut(port_record& port, datagram& datagram)
+{
+    ++port.lost_at_cuts;
+    lose(datagram, "the port is cut off");
 }
 
 // Call it when the receiver drops a datagram.

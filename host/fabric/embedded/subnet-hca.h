@@ -25,6 +25,10 @@ struct port_record {
     uint32_t bad_p_keys = 0;
     uint32_t bad_q_keys = 0;
 
+    bool is_cut_outbound = false;
+    bool is_cut_inbound = false;
+    uint64_t lost_at_cuts = 0;
+
     bool is_active() const { return state == fabric::link_state::active; }
 };
 

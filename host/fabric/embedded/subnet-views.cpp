@@ -26,7 +26,8 @@ port_view view_of(const port_record& port)
             .state = port.state,
             .lid = port.lid,
             .sm_lid = port.sm_lid,
-            .gid = text_of(port.gid)};
+            .gid = text_of(port.gid),
+            .lost_at_cuts = port.lost_at_cuts};
 }
 
 service_record_view view_of(const ib_service_record_v2_t& record)

@@ -199,6 +199,24 @@ ats::result<> subnet::change_link(const std::string& host, const std::string& hc
     return {};
 }
 
+ats::result<> subnet::cut_outbound(const std::string& host, const std::string& hca, int port, bool is_cut)
+{
+    const lock_guard lock(mutex_);
+    const ats::result<port_record*> record = find_port(host, hca, port);
+    if (!record) return ats::pass_on(record);
+    (*record)->is_cut_outbound = is_cut;
+    return {};
+}
+
+ats::result<> subnet::cut_inbound(const std::string& host, const std::string& hca, int port, bool is_cut)
+{
+    const lock_guard lock(mutex_);
+    const ats::result<port_record*> record = find_port(host, hca, port);
+    if (!record) return ats::pass_on(record);
+    (*record)->is_cut_inbound = is_cut;
+    return {};
+}
+
 ats::result<> subnet::set_sm(uint16_t lid, uint8_t sl)
 {
     lock_guard lock(mutex_);

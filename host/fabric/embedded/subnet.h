@@ -76,6 +76,11 @@ class subnet
     [[nodiscard]] ats::result<> link_up(const std::string& host, const std::string& hca, int port);
     [[nodiscard]] ats::result<> link_down(const std::string& host, const std::string& hca, int port);
 
+    // Loses every datagram that leaves the port, or that is due to arrive there, until the cut is healed. The link
+    // stays active, and the port still learns of events. Fails when there is no such port.
+    [[nodiscard]] ats::result<> cut_outbound(const std::string& host, const std::string& hca, int port, bool is_cut);
+    [[nodiscard]] ats::result<> cut_inbound(const std::string& host, const std::string& hca, int port, bool is_cut);
+
     // Moves the SM and the SA to another LID, and reports that to every active port. The records stay (see
     // forget_all). Fails on the LID of a port and on a LID that is not unicast.
     [[nodiscard]] ats::result<> set_sm(uint16_t lid, uint8_t sl);
@@ -137,6 +142,7 @@ class subnet
     void deliver_to_port(datagram& datagram, lock_guard& lock);
     void dispatch(datagram& datagram, uint64_t now_ticks);
     void lose(datagram& datagram, const char* reason);
+    void lose_at_cut(port_record& port, datagram& datagram);
     void ignore(datagram& datagram, const char* reason);
     void drop(datagram& datagram, const char* reason, bool has_reached_end);
     void observe_send(datagram& datagram, const port_record* sender);
