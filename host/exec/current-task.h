@@ -1,4 +1,4 @@
-// For executors only: sets the task that the calling thread runs.
+// Sets the task that the calling thread runs. Only executors use it.
 #pragma once
 
 #include "host/exec/task.h"

@@ -84,11 +84,11 @@ struct simulation_options {
 class simulation : public executor
 {
   public:
-    // Only from outside. Runs the tasks until the clock reads `tick` and everything due at that tick has run.
+    // Called only from outside: runs the tasks until the clock reads `tick` and everything due at that tick has run.
     virtual void run_until(uint64_t tick) = 0;
     void run_for(uint64_t ticks) { run_until(now() + ticks); }
 
-    // Only from outside. Runs everything that is due now; the clock does not move.
+    // Called only from outside: runs everything that is due now; the clock does not move.
     virtual void settle() = 0;
 
     // One line with the reason of the wait for each task that is parked or spins.

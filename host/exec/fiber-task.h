@@ -52,7 +52,7 @@ struct fiber_task final : task {
     deadline_map::iterator deadline;
     deadline_map::node_type node; // kept between sleeps; therefore a sleep does not allocate
 
-    // For example "machine/name waits for down(&ats->ats_sem) since tick 20", with a line end.
+    // Describes the wait, for example "machine/name waits for down(&ats->ats_sem) since tick 20", with a line end.
     std::string describe() const
     {
         const std::string full_name = home ? home->name() + "/" + name : name;

@@ -30,8 +30,8 @@ class capture final : public tap
     // Adds a packet. After a failure nothing more is written. Any thread; blocks only for a file write.
     void crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad) override;
 
-    // These return the first failure so far. flush() and close() first write the buffered packets. After close()
-    // nothing is added. Any thread.
+    // These functions return the first failure so far. flush() and close() first write the buffered packets. After
+    // close() nothing is added. Any thread.
     ats::result<> status() const;
     ats::result<> flush();
     ats::result<> close();

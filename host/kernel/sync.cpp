@@ -31,7 +31,7 @@ class guarded
     kernel_guard_t& guard_;
 };
 
-// For a task that has slept for something else while it was in a wait queue. A wake-up of that queue may have ended
+// Call it when a task has slept for something else while it was in a wait queue. A wake-up of that queue may have ended
 // this sleep. Makes the task's next sleep end at once, so the wake-up is not lost.
 void keep_outer_wake_up(task& sleeper)
 {

@@ -51,7 +51,7 @@ class datagram_record
         if (!state_.compare_exchange_strong(state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
     }
 
-    // For the GSI layer while it owns the datagram.
+    // Only the GSI layer calls it, while it owns the datagram.
     void set_state(datagram_state new_state) { state_.store(new_state, std::memory_order_release); }
 
     // Adds a step to the history, which keeps the last four.
@@ -60,7 +60,7 @@ class datagram_record
         steps_[step_count_++ % steps_.size()] = {tick, event, mgt_class, port};
     }
 
-    // For example "taken at tick 5, posted at tick 7 by class 3 of port 1", oldest step first.
+    // The last steps, for example "taken at tick 5, posted at tick 7 by class 3 of port 1", oldest step first.
     std::string history() const;
 
     datagram_pool& pool;

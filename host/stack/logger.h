@@ -14,7 +14,7 @@ class logger final : public kernel::service
   public:
     explicit logger(kernel::machine& home) : home_(home) {}
 
-    // From 0 (no traces) to 5 (every trace, the default). Stores it in the registry. May sleep.
+    // Stores the level in the registry: from 0 (no traces) to 5 (every trace, the default). May sleep.
     void set_level(int32_t level);
     int32_t level() const { return home_.modules.logger_level(); }
 

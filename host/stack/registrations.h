@@ -77,7 +77,7 @@ class registrations
 
     const exec::executor& exec_;
 
-    // With these two, answers about other hosts are detected without the lock.
+    // The next two members detect answers about other hosts without the lock.
     std::atomic<bool> awaits_answer_{false};
     std::atomic<uint64_t> own_guid_{0}; // wire order, of the last Set
 

@@ -10,11 +10,12 @@
 namespace stack
 {
 
-// In the order of sa_request_texts.
+// The kinds of requests, in the order of sa_request_texts.
 enum class sa_request { set_service, get_service, delete_service, get_path, other };
 constexpr size_t sa_request_count = 5;
 
-// In the order of sa_status_texts: 0, busy, the codes of IBA 15.4.2 from 0x0100 on, and any other error.
+// The number of statuses, in the order of sa_status_texts: 0, busy, the codes of IBA 15.4.2 from 0x0100 on, and any
+// other error.
 constexpr size_t sa_status_count = 10;
 
 struct sa_kind_text {

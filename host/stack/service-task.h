@@ -55,10 +55,10 @@ class service_task
     // before start().
     void ring();
 
-    // Only the task itself calls it. Sleeps until ring() or until the clock reaches `deadline`; may return early.
+    // Called only by the task itself. Sleeps until ring() or until the clock reaches `deadline`; may return early.
     void sleep(uint64_t deadline, const char* reason) const;
 
-    // Only the task itself calls it, once for each round. Returns false after stop().
+    // Called only by the task itself, once for each round. Returns false after stop().
     bool goes_on()
     {
         rounds_.fetch_add(1, std::memory_order_relaxed);

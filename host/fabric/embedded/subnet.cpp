@@ -33,7 +33,8 @@ std::string title(const std::string& host, const hca_description& description)
     return description.name + " of " + host;
 }
 
-// For example "node1, node2, node3". From a long list, the first names and the number of the others.
+// A list of names in an error, for example "node1, node2, node3". A long list is cut, and ends with the number of the
+// other names.
 class name_list
 {
   public:

@@ -27,7 +27,7 @@ class fabric_context
     // Passes a datagram to the tap, if there is one. Any thread.
     void show_tap(uint16_t source_lid, const fabric::address& destination, const fabric::mad_bytes& mad);
 
-    // The same as real_fabric::set_tap.
+    // Implements real_fabric::set_tap.
     void set_tap(fabric::tap* tap);
 
   private:

@@ -15,8 +15,8 @@ namespace umad
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current);
 
-// The same for a host that must register again, even if nothing has changed. A port that is not active registers when
-// it becomes active.
+// Adds the events for a host that must register again, even if nothing has changed. A port that is not active registers
+// when it becomes active.
 std::vector<fabric::port_change> with_registration(const std::vector<fabric::port_change>& changes,
                                                    const fabric::port_attributes& current);
 

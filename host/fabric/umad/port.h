@@ -56,7 +56,7 @@ class port
     // Starts the port's task. Throws a shortage if the task cannot be created.
     void start();
 
-    // The same as fabric::hca::send and fabric::hca::poll. Any thread.
+    // These functions implement fabric::hca::send and fabric::hca::poll. Any thread.
     bool send(const fabric::address& destination, const fabric::mad_bytes& mad);
     bool poll();
 
