@@ -13,10 +13,10 @@ class findings
   public:
     void add_ok(const std::string& subject, const std::string& text) { rows_.push_back({"ok", subject, text}); }
 
-    // For a subject that a host does not need.
+    // Adds a row about a subject that a host does not need.
     void add_note(const std::string& subject, const std::string& text) { rows_.push_back({"note", subject, text}); }
 
-    // For a subject that a host needs. The text says what to do.
+    // Adds a row about a missing subject that a host needs. The text says what to do.
     void add_missing(const std::string& subject, const std::string& text)
     {
         rows_.push_back({"MISSING", subject, text});

@@ -38,7 +38,7 @@ class client
     // Sends a request and returns the first line of its answer. Threads take turns.
     ats_status_t request(const std::string& body, clock::time_point deadline, std::string& line);
 
-    // These two do the same in steps. Only one thread at a time may use them.
+    // The next two calls do the same in steps. Only one thread at a time may use them.
     ats_status_t begin_request(const std::string& body, clock::time_point deadline);
     ats_status_t next_request_line(clock::time_point deadline, std::string& line);
 

@@ -66,7 +66,7 @@ class connection
     size_t read_ = 0;    // bytes of the input that were returned as lines
     size_t scanned_ = 0; // bytes of the input that have no line end after `read_`
 
-    // For the thread in wait(). Without such a thread, for take_bytes().
+    // Only the thread in wait() uses it. If no thread is in wait(), take_bytes() may use it.
     std::chrono::microseconds receive_limit_{0}; // the value that is set on the socket; 0 means none
     std::array<char, size_t{1} << 16> bytes_;
     size_t byte_count_ = 0;

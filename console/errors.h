@@ -10,7 +10,7 @@
 namespace console
 {
 
-// The same for every subcommand; `ats --help` and ats(8) list them.
+// All subcommands use these exit codes; `ats --help` and ats(8) list them.
 enum exit_code : int {
     exit_ok = 0,
     exit_failed = 1,      // executed without success: not found, timed out, a step failed

@@ -109,7 +109,7 @@ static_assert(offsetof(path_record, flow_label_hop_limit) == 44 && offsetof(path
 static_assert(offsetof(path_record, p_key) == 50 && offsetof(path_record, qos_class_sl) == 52);
 static_assert(offsetof(path_record, mtu) == 54 && offsetof(path_record, packet_lifetime) == 56);
 
-// Follows the header in the answer about an endpoint. After it come `address_count` addresses of address_size bytes.
+// Follows the header in the answer about an endpoint. `address_count` addresses of address_size bytes follow it.
 struct endpoint_config {
     be64_t device_guid;
     uint8_t port;

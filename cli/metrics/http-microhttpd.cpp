@@ -13,7 +13,7 @@ namespace metrics
 namespace
 {
 
-// The connection limit. A client that reads slowly or not at all keeps a connection at most for the time below.
+// The limit of connections. A slow client loses its connection after idle_limit_seconds.
 constexpr unsigned most_connections = 16;
 constexpr unsigned idle_limit_seconds = 10;
 

@@ -16,7 +16,7 @@ namespace cli
 // Writes a command to the control file. Returns the text that the module printed about it.
 ats::result<std::string> write_control(world::host& host, const std::string& command);
 
-// From 0 (nothing) to 5 (everything).
+// Sets the trace level: from 0 (nothing) to 5 (everything).
 void set_trace_level(world::host& host, int level);
 
 // Sets how often the host asks the SA for its record. The new period begins after the next check of each HCA.

@@ -45,7 +45,7 @@ tl::unexpected<ats::error> not_sent()
     return ats::fail("it was not sent, 'ats log --level 1' says why");
 }
 
-// In the order of the host's HCAs.
+// Reads the states of the host's HCAs, in their order.
 std::vector<hca_state> look(world::host& host)
 {
     kernel::machine& machine = host.machine();

@@ -42,7 +42,7 @@ ats::result<json> set_trace(running_hosts& hosts, const json& request)
     return done(done_text + " on " + name + ".");
 }
 
-// For an order that changes the registered record.
+// Reads "no_wait" of an order that changes the registered record.
 awaited awaited_by(const json& request)
 {
     return request.value("no_wait", false) ? awaited::sent : awaited::confirmed;

@@ -21,8 +21,8 @@ void ats_sa_encode_mad(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_p
                        const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table);
 
 // Takes a datagram from the context's pool and encodes a request in it. `is_set` and `is_get` choose the request. For a
-// lookup, only `op` equal to ATS_GET_SR_ARP_OP matters. `port` is the active port, which the caller has read once
-// because it may change at any moment. Returns 0, or -1 without a datagram.
+// lookup, ATS_GET_SR_ARP_OP selects by address, and any other `op` by GID. `port` is the active port, which the caller
+// has read once because it may change at any moment. Returns 0, or -1 without a datagram.
 int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                                                   const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
                                                   uint8_t is_table, gsi_dtgrm_t** dt);

@@ -46,7 +46,7 @@ struct mad_hdr_t {
         } ns;
     } u;
     be64_t transact_id; // written by the GSI layer when the datagram is posted
-    // In host order between a GSI client and the GSI layer. The layer converts it to and from wire order.
+    // A GSI client sees it in host order. The GSI layer converts it to and from wire order.
     uint16_t attrib_id;
     be16_t reserved;
     be32_t attrib_modifier;

@@ -37,7 +37,7 @@ KERNEL_API void up(semaphore* sem);
 
 // ---- spin lock ----
 
-// Its holder may not sleep. In a real kernel, interrupts are off.
+// A task that holds it may not sleep. In a real kernel, interrupts are off.
 struct spinlock_t {
     std::atomic<uint32_t> state;
 };

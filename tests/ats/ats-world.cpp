@@ -36,7 +36,7 @@ std::string readable(std::string line)
     return std::regex_replace(std::regex_replace(line, pointer, "PTR"), trace_line, "$1 $3/$2: $4");
 }
 
-// For example "node1.2", or "node1.mthca1.2" for an HCA other than the host's first.
+// A short name of a port, for example "node1.2", or "node1.mthca1.2" for an HCA other than the host's first.
 std::string name_of(const embedded::port_view& port)
 {
     const std::string hca = port.hca_name == "mthca0" ? "" : port.hca_name + ".";

@@ -100,7 +100,7 @@ TEST(client, reads_every_field_of_an_answer)
     EXPECT_EQ(answer.verified, -1);
 }
 
-// With a hostile, broken or foreign service, every question ends with a status, within its time limit.
+// Even if a service is hostile, broken or foreign, every question ends with a status within its time limit.
 TEST(client, survives_whatever_a_service_says)
 {
     const std::string id1 = R"({"id":1,)";
