@@ -83,14 +83,14 @@ struct findings {
     std::vector<flaw> flaws;
 };
 
-// Which HCAs are expected to reach the SA.
+// The HCAs that must reach the SA.
 enum class scope {
-    healthy_hcas,  // those of which no port has been cut off for good
-    healthy_ports, // those whose active port has not been cut off
+    healthy_hcas,  // HCAs without a port that was cut off for good
+    healthy_ports, // HCAs whose active port was not cut off
 };
 
-// Compares the host's own report with the links and, as far as the HCAs reach the SA, with its records. Called by a
-// task of the host. Without the module there is nothing to find.
+// Compares the host's own report with the links. If an HCA must reach the SA, also compares it with the SA's records.
+// Called by a task of the host. Returns nothing if the module is not loaded.
 findings examine(node& node, scope scope)
 {
     findings findings;
@@ -192,7 +192,7 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
         const embedded::service_record_view record = view_of(raw);
         if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
         const auto& [owner, hca] = owner_of(fabric, record.gid);
-        if (owner.is_cut_off(hca)) continue; // nobody may be able to delete it
+        if (owner.is_cut_off(hca)) continue; // no host may be able to delete it
         if (!to_forget || !(fabric.network.ever || owner.harm().ever || owner.may_have_left_records))
             fabric.violate("the SA still holds a record of " + record.gid + ", " + record.host_name);
         to_forget->push_back(record.gid);
@@ -300,11 +300,11 @@ void settle_questions(tested_fabric& fabric)
         }
 }
 
-// True if only the act of this tick has disturbed the host, and two verifications have repaired all that happened
-// before.
+// Returns true if only the act of this tick has disturbed the host. Two verifications must have repaired all earlier
+// effects.
 bool is_undisturbed(node& node, uint64_t acted_tick)
 {
-    // Two verifications repair what harm did before.
+    // Two verifications repair the effects of earlier faults.
     const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
     const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
     const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
@@ -345,7 +345,7 @@ void check_in_spite_of_cuts(node& node, const act& act)
     ++fabric.counts.questions;
     ask_for_gid(question, ip, true);
     schedule_timeout_uninterruptible(answer_ticks);
-    // An SA that has come back from the past may also hold the record of a port that was active then.
+    // If the SA has restarted with old records, it may also have the record of a port that was active then.
     const auto records = fabric.subnet.service_records();
     const bool is_ambiguous =
         std::ranges::count(records, world::format_ipv4(ip), &embedded::service_record_view::ipv4) > 1;

@@ -64,7 +64,8 @@ struct node {
     // Returns true if a link of the HCA is up in the fabric.
     bool has_link(size_t hca);
 
-    // True if the port, a port of the HCA, or any port has been cut off for good.
+    // Returns true if that port has been cut off for good. Without a port number, checks all ports of the HCA; without
+    // an HCA, all ports.
     bool is_cut_off(size_t hca, int port) const
     {
         return std::ranges::find(cut_ports, port_name{hca, port}) != cut_ports.end();

@@ -13,7 +13,7 @@ namespace
 {
 
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
-constexpr uint64_t longest_check = 8 * minute; // of the healthy hosts, after a fault that never heals
+constexpr uint64_t longest_check = 8 * minute; // time to check the healthy hosts after a fault that never heals
 constexpr uint64_t request_timer_ticks = 1000;
 constexpr uint64_t cluster_ticks = 40; // approximately the time that the service waits for an answer
 
@@ -87,14 +87,14 @@ harm draw_worst_harm(dice& dice)
     return dice.one_in(3) ? harm::none : harm::host;
 }
 
-// The kind of act that begins like this.
+// Returns the kind of act that has this `begin` function.
 uint32_t kind_of(void (*begin)(tested_fabric&, const act&))
 {
     return static_cast<uint32_t>(std::ranges::find(act_kinds, begin, &act_kind::begin) - act_kinds.begin());
 }
 
-// Adds one to three faults that never heal. They hit neighbours, at most half of the hosts, so that one stays healthy.
-// They have dice of their own: the other acts are those of the same seed without them.
+// Adds one to three faults that never heal. They affect neighbours, at most half of the hosts, so at least one host
+// stays healthy. They have their own dice, so all other acts of the seed stay the same.
 void add_unhealed_faults(plan& plan)
 {
     constexpr uint64_t own_sequence = 0x756E6865616C6564;
