@@ -1,5 +1,5 @@
-// Listens on the service's socket. If somebody removes the socket's file, it is made again within a second, so that new
-// clients find the service. Lives in the event loop's thread, except where stated.
+// Listens on the service's socket. If the socket's file is removed, it is created again within a second, so new clients
+// can connect. Lives in the event loop's thread, except where stated.
 #pragma once
 
 #include <functional>
@@ -15,10 +15,10 @@ namespace cli
 class client_listener
 {
   public:
-    // Called when a client waits in `listener`.
+    // Called when a client waits at `listener`.
     using accept_call = std::function<void(uv_stream_t* listener)>;
 
-    // Receives one line when the file was made again, or when it could not be.
+    // Receives one line when the file was created again, or when this failed.
     using report_call = std::function<void(const std::string& line)>;
 
     client_listener(std::unique_ptr<listening_socket> socket, report_call report)
@@ -43,7 +43,7 @@ class client_listener
     const report_call report_;
     accept_call accept_;
     uv_loop_t* loop_ = nullptr;
-    uv_pipe_t* listener_ = nullptr; // freed when libuv has closed it
+    uv_pipe_t* listener_ = nullptr; // freed after libuv has closed it
     uv_timer_t look_;
     bool is_loss_reported_ = false;
 };

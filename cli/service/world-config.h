@@ -93,7 +93,7 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
 // Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
-// Invalid are: unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out of
+// These are invalid: unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out of
 // range. An error is a line "FILE:LINE: what is wrong and what would be right".
 ats::result<world_config> read_world_config(const std::string& path);
 

@@ -58,11 +58,11 @@ class listening_socket
 
     const std::string& path() const { return path_; }
 
-    // Returns false if the path no longer names this socket, for example because somebody has removed the file.
+    // Returns false if the path no longer names this socket, for example because the file was removed.
     bool is_in_place() const;
 
-    // Makes the file again and listens there. Copies of the earlier descriptor no longer receive clients. Fails if the
-    // path names another file, or if its folder is gone. Any thread.
+    // Creates the file again and listens there. Copies of the earlier descriptor no longer receive clients. Fails if
+    // the path names another file, or if its folder does not exist. Any thread.
     ats::result<> restore();
 
   private:

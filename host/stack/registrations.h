@@ -27,7 +27,7 @@ enum class registration_state {
 
 struct registration {
     ib_service_record_v2_t record{}; // of the last Set
-    int port = 0;                    // that sent it
+    int port = 0;                    // the port that sent it
     uint16_t sm_lid = 0;             // the destination of the last Set
     registration_state state = registration_state::asked;
     uint16_t status = 0;
@@ -45,13 +45,13 @@ class registrations
   public:
     explicit registrations(const exec::executor& exec) : exec_(exec) {}
 
-    // `port` is about to send a MAD to `lid`. MADs are in wire order in all calls.
+    // Call it before `port` sends a MAD to `lid`. MADs are in wire order in all calls.
     void note_request(int port, uint16_t lid, const fabric::mad_bytes& mad);
 
-    // The fabric has refused to send that MAD.
+    // Call it when the fabric has refused to send that MAD.
     void note_send_failure(const fabric::mad_bytes& mad);
 
-    // An answer has arrived.
+    // Call it when an answer has arrived.
     void note_answer(const fabric::mad_bytes& mad);
 
     // One entry for each service.

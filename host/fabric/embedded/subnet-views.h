@@ -16,9 +16,9 @@ struct port_view {
     int port;
     fabric::link_state state;
     uint16_t lid;    // 0 until the link first came up
-    uint16_t sm_lid; // as the port last learned it
+    uint16_t sm_lid; // the last one that the port has learned
     std::string gid;
-    uint64_t lost_at_cuts = 0; // datagrams, see subnet::cut_outbound
+    uint64_t lost_at_cuts = 0; // lost datagrams, see subnet::cut_outbound
 };
 
 // A ServiceRecord. The address and the host name are valid only in records of this service (records::is_host_record).

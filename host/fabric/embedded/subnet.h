@@ -71,18 +71,18 @@ class subnet
     // Returns the HCA with that name. The error lists the existing names.
     ats::result<fabric::hca*> find(const std::string& host, const std::string& hca) const;
 
-    // Brings a link up, and the port learns its LID and the SM's; or takes it down. The listener is called even when
-    // nothing changes: a host must accept repeated events. Fails when there is no such port.
+    // link_up() brings a link up: the port learns its LID and the SM's. link_down() takes it down. The listener is
+    // called even if nothing changes, because a host must accept repeated events. Fails if there is no such port.
     [[nodiscard]] ats::result<> link_up(const std::string& host, const std::string& hca, int port);
     [[nodiscard]] ats::result<> link_down(const std::string& host, const std::string& hca, int port);
 
     // Loses every datagram that leaves the port, or that is due to arrive there, until the cut is healed. The link
-    // stays active, and the port still learns of events. Fails when there is no such port.
+    // stays active, and the port still gets events. Fails if there is no such port.
     [[nodiscard]] ats::result<> cut_outbound(const std::string& host, const std::string& hca, int port, bool is_cut);
     [[nodiscard]] ats::result<> cut_inbound(const std::string& host, const std::string& hca, int port, bool is_cut);
 
-    // Moves the SM and the SA to another LID, and reports that to every active port. The records stay (see
-    // forget_all). Fails on the LID of a port and on a LID that is not unicast.
+    // Moves the SM and the SA to another LID, and reports this to every active port. The records stay (see forget_all).
+    // Fails if a port has the LID, or if it is not a unicast LID.
     [[nodiscard]] ats::result<> set_sm(uint16_t lid, uint8_t sl);
 
     // Makes the SA lose the records of a GID, or all records. Returns their number.

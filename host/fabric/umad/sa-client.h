@@ -32,8 +32,8 @@ class sa_client
   public:
     virtual ~sa_client() = default;
 
-    // Sends the requests and sets their TransactionIDs. Returns the answers in the order of the requests. A request has
-    // no answer if it was sent again for some seconds in vain.
+    // Sends the requests and sets their TransactionIDs. Repeats a request without an answer for some seconds. Returns
+    // the answers in the order of the requests.
     virtual ats::result<std::vector<std::optional<sa_mad_v2_t>>> ask(const std::vector<sa_mad_v2_t>& requests) = 0;
     virtual ats::result<sa_table> ask_table(const sa_mad_v2_t& request) = 0;
 
