@@ -25,7 +25,7 @@ class tour
   public:
     explicit tour(int hosts) : count_(hosts), net_(node_names(hosts, {"sm", tool_node}))
     {
-        std::printf("%-44s %-42s %10s\n", "WHAT HAPPENS", "WHAT IS SEEN", "AFTER");
+        std::printf("%-44s %-42s %10s\n", "EVENT", "EFFECT", "TIME");
     }
 
     void run()
@@ -61,7 +61,7 @@ class tour
         progress.clear();
         const std::chrono::duration<double, std::milli> took = clock::now() - begin;
         is_good_ = is_good_ && is_seen;
-        const std::string text = is_seen ? effect : "NOT SEEN: " + effect;
+        const std::string text = is_seen ? effect : "MISSING: " + effect;
         std::printf("%-44s %-42s %7.0f ms\n", event.c_str(), text.c_str(), took.count());
         std::fflush(stdout);
     }
@@ -117,7 +117,7 @@ class tour
                     if ((i + j) % 2 != 0) resolve(i, j);
                 }
             }
-            effect = std::to_string(right) + " right, " + std::to_string(from_sa) + " of the SA";
+            effect = std::to_string(right) + " right, " + std::to_string(from_sa) + " from the SA";
         };
         const auto begin = clock::now();
         all_pairs();
@@ -142,7 +142,7 @@ class tour
             "... and plugged again", "node1's port is active", [&] { net_.plug("node1"); }, state_is("Active"));
         // A new registration needs two answers: to a Delete and to a Set.
         step(
-            "", "node1 has registered anew", [] {}, [&] { return host.port().value("received", 0) >= received + 2; });
+            "", "node1 has registered again", [] {}, [&] { return host.port().value("received", 0) >= received + 2; });
     }
 
     void restart_sm()
@@ -151,9 +151,9 @@ class tour
             "OpenSM ends", "it is gone", [&] { sm_->stop(); }, [&] { return sm_->has_ended(); });
         start_sm("OpenSM starts again");
         step(
-            "", "its SA knows nothing", [] {}, [&] { return records() == 0; });
+            "", "its SA has no records", [] {}, [&] { return records() == 0; });
         step(
-            "hosts check their records (after a minute)", "the SA holds all records again", [] {},
+            "hosts check their records (after a minute)", "the SA has all records again", [] {},
             [&] { return records() == count_; });
     }
 
@@ -162,10 +162,10 @@ class tour
         fabric_host& host = *hosts_.back();
         const std::string name = host.name();
         step(
-            name + " is killed without warning", "its record stays, for it has no end", [&] { host.kill(); },
+            name + " is killed without warning", "its record stays (infinite lease)", [&] { host.kill(); },
             [&] { return records() == count_; });
         step(
-            name + " starts again", "one record, its own, is the SA's",
+            name + " starts again", "the SA has one record of it",
             [&] {
                 hosts_.back() = std::make_unique<fabric_host>(net_, count_);
                 hosts_.back()->wait_serving();
@@ -206,10 +206,10 @@ int show(int hosts)
     try {
         tour life(hosts);
         life.run();
-        std::puts(life.is_good() ? "All was as it should be." : "Something was not as it should be.");
+        std::puts(life.is_good() ? "All effects were right." : "An effect was missing or wrong.");
         return life.is_good() ? 0 : 1;
     } catch (const interrupted&) {
-        std::cerr << "ats-fabric: interrupted; everything is ended and removed\n";
+        std::cerr << "ats-fabric: interrupted; all programs are ended and all files removed\n";
         return 130;
     } catch (const std::exception& error) {
         std::cerr << "ats-fabric: " << error.what() << '\n';
