@@ -35,7 +35,7 @@ class address_layout
     // to a pointer, do not change. Any thread, any context.
     uint64_t nominal(const void* pointer);
 
-    // Gives memory a nominal address of its own until it is removed. Remove it before the memory is freed.
+    // Gives memory its own nominal address until remove(). Call remove() before the memory is freed.
     void add_image(const void* begin, size_t bytes);
     void add_object(const void* begin, size_t bytes);
     void remove(const void* begin);
