@@ -11,7 +11,7 @@ namespace console
 // more than a third of its letters, are wrong.
 std::string nearest_word(const std::string& word, const std::vector<std::string>& candidates);
 
-// "; did you mean 'WORD'?", or "".
+// Returns "; did you mean 'WORD'?", or "" if no candidate is near.
 std::string suggestion_for(const std::string& word, const std::vector<std::string>& candidates);
 
 } // namespace console

@@ -1,5 +1,5 @@
 // The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14). All
-// of its hosts' records name one service. These functions encode, decode and print a record. All functions are pure and
+// these records belong to one service. These functions encode, decode and print a record. All functions are pure and
 // may be called in any context.
 #pragma once
 

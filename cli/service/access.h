@@ -21,7 +21,7 @@ struct peer {
 // The peer of a connected socket, or nothing if the kernel does not tell.
 std::optional<peer> peer_of(int socket);
 
-// "root", or "root and the user NAME" if another user runs this service. Asks the user database.
+// Returns "root", or "root and the user NAME" if another user runs this service. Asks the user database.
 std::string owner_text();
 
 // The users that may send requests of one kind. Root and the user that runs the service always may.

@@ -44,9 +44,9 @@ class running_hosts
     // not start, with the end of its log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
-    // Stops the hosts in reverse order, and deletes their remaining records from the SA. This may take a second for
-    // each host until the SA was once silent. Returns a line for each host that refuses to unload, and for an
-    // incomplete capture.
+    // Stops the hosts in reverse order, and deletes their remaining records from the SA. If the SA is silent, this
+    // takes a second, and the SA is not asked for the other hosts. Returns a line for each host that refuses to unload,
+    // and for an incomplete capture.
     std::vector<std::string> stop();
 
     // The time since build().

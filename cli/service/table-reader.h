@@ -41,7 +41,7 @@ class table_reader
     // Call it last. Returns the first error. A key that no call has read is an error.
     ats::result<> finish();
 
-    // "FILE:LINE: "
+    // Formats the place of a node as "FILE:LINE: ".
     std::string place_of(const toml::node& node) const;
 
   private:

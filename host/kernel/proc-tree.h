@@ -50,7 +50,7 @@ class proc_tree
     // arrives while it waits for another writer.
     int write(const std::string& path, const std::string& bytes);
 
-    // create_proc_entry(), proc_mkdir() and remove_proc_entry() of kernel/proc.h.
+    // These functions implement create_proc_entry(), proc_mkdir() and remove_proc_entry() of kernel/proc.h.
     proc_dir_entry* create(const std::string& path, mode_t mode, bool is_directory);
     void remove(const std::string& path);
 

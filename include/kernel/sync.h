@@ -51,7 +51,7 @@ KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock);
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
 // Functions that must not be called with a spin lock held call this. It is a hard error that names `entry` if the task
-// holds a spin lock. It finds a callback under a lock before the callback deadlocks on that lock.
+// holds a spin lock. It finds such a callback before the callback deadlocks on the lock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----

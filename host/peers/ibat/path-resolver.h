@@ -55,7 +55,7 @@ class path_resolver
     // Returns true after the first question. Any context.
     bool is_open() const { return is_open_.load(std::memory_order_acquire); }
 
-    // The provider of addresses uses this port now. Any context.
+    // Call it when the provider of addresses uses this port from now on. Any context.
     void note_provider_port(uint32_t number);
 
     // Drops the path to a GID, or all paths. Requests continue. Any context.
