@@ -257,7 +257,7 @@ void compare_lookups(tested_fabric& fabric)
             if (serves_ucm && (status_of(by_gid) != ibat_stat_ok || by_gid.ip != ip))
                 fail(node, record.gid + " is " + world::format_ipv4(by_gid.ip) + ", status " +
                                std::to_string(status_of(by_gid)) + ", instead of " + record.ipv4);
-            if (!fabric.plan.options.asks_for_paths) continue;
+            if (!fabric.plan.drawn.asks_for_paths) continue;
             const question& by_path =
                 ask_and_wait(node, [&](question& question) { ask_for_path(question, gid, true); });
             if (status_of(by_path) != ibat_stat_ok)

@@ -47,18 +47,43 @@ std::vector<host_shape> draw_hosts(dice& dice)
     return hosts;
 }
 
-// Draws a kind of act, by weight, that does no more harm than `worst`.
-uint32_t draw_kind(dice& dice, harm worst, const plan_options& options)
+// The chance of each kind of act, relative to the others.
+using weights = std::array<int, act_kind_count>;
+
+bool is_wanted(const act_kind& kind, const plan_options& options)
 {
-    const auto weight_of = [&](const act_kind& kind) {
-        return may_occur(kind, options) && !is_unhealed(kind) ? kind.weight : 0;
-    };
-    const int total = std::accumulate(act_kinds.begin(), act_kinds.end(), 0,
-                                      [&](int sum, const act_kind& each) { return sum + weight_of(each); });
+    return !kind.option || options.*kind.option;
+}
+
+weights weights_of(const plan_options& options)
+{
+    weights weights{};
+    for (size_t kind = 0; kind < act_kind_count; ++kind)
+        if (is_wanted(act_kinds[kind], options) && !is_unhealed(act_kinds[kind]))
+            weights[kind] = act_kinds[kind].weight;
+    return weights;
+}
+
+// Leaves out half of the kinds, and makes some of the others up to eight times as frequent. Therefore a seed may have
+// combinations of acts that are rare while all kinds compete. One harmless kind always remains.
+void draw_swarm(dice& dice, weights& weights)
+{
+    const size_t kept_kind = dice.below(2);
+    for (size_t kind = 0; kind < act_kind_count; ++kind) {
+        const bool is_left_out = dice.one_in(2);
+        const int factor = 1 << dice.below(4);
+        weights[kind] *= is_left_out && kind != kept_kind ? 0 : factor;
+    }
+}
+
+// Draws a kind of act, by weight, that does no more harm than `worst`.
+uint32_t draw_kind(dice& dice, harm worst, const weights& weights)
+{
+    const int total = std::accumulate(weights.begin(), weights.end(), 0);
     while (true) {
         int weight = static_cast<int>(dice.below(static_cast<uint64_t>(total)));
         uint32_t kind = 0;
-        while (weight >= weight_of(act_kinds[kind])) weight -= weight_of(act_kinds[kind++]);
+        while (weight >= weights[kind]) weight -= weights[kind++];
         if (act_kinds[kind].harm <= worst) return kind;
     }
 }
@@ -121,9 +146,10 @@ uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 
 } // namespace
 
-const std::array<plan_option, 2> plan_option_table = {
+const std::array<plan_option, 3> plan_option_table = {
     {{"paths", &plan_options::asks_for_paths, "let hosts ask for paths, too"},
-     {"unhealed", &plan_options::has_unhealed_faults, "add faults that never heal, at up to half of the hosts"}}};
+     {"unhealed", &plan_options::has_unhealed_faults, "add faults that never heal, at up to half of the hosts"},
+     {"swarm", &plan_options::is_swarm, "draw for each seed which kinds of acts there are, and how often"}}};
 
 std::string describe(const plan_options& options)
 {
@@ -140,25 +166,38 @@ bool is_unhealed(const act_kind& kind)
 
 bool may_occur(const act_kind& kind, const plan_options& options)
 {
-    return !kind.option || options.*kind.option;
+    return is_wanted(kind, options) || options.is_swarm;
 }
 
 plan draw_plan(uint64_t seed, const plan_options& options)
 {
     dice dice(seed);
-    plan plan{.seed = seed, .hosts = draw_hosts(dice), .acts = {}, .faults_end_tick = 0, .options = options};
+    plan plan{.seed = seed,
+              .hosts = draw_hosts(dice),
+              .acts = {},
+              .faults_end_tick = 0,
+              .options = options,
+              .drawn = options};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);
-    const size_t count = 50 + dice.below(50 + 20 * plan.hosts.size());
+    size_t count = 50 + dice.below(50 + 20 * plan.hosts.size());
+    weights weights = weights_of(options);
+    if (options.is_swarm) {
+        for (const plan_option& each : plan_option_table)
+            if (dice.one_in(2)) plan.drawn.*each.member = true;
+        weights = weights_of(plan.drawn);
+        draw_swarm(dice, weights);
+        count = count * (1 + dice.below(8)) / 4;
+    }
     for (size_t i = 0; i < count; ++i) {
-        act next{.kind = draw_kind(dice, worst, options), .a = dice.bits(), .b = dice.bits()};
+        act next{.kind = draw_kind(dice, worst, weights), .a = dice.bits(), .b = dice.bits()};
         place(next, dice, plan.acts.empty() ? nullptr : &plan.acts.back(), plan);
         const uint64_t longest = act_kinds[next.kind].longest_ticks;
         const uint64_t ticks = longest > 0 ? draw_length(dice, longest) : 0;
         next.end_tick = std::min(next.begin_tick + ticks, plan.faults_end_tick);
         plan.acts.push_back(next);
     }
-    if (options.has_unhealed_faults) add_unhealed_faults(plan);
+    if (plan.drawn.has_unhealed_faults) add_unhealed_faults(plan);
     std::ranges::stable_sort(plan.acts, {}, &act::begin_tick);
     return plan;
 }

@@ -23,6 +23,7 @@ struct tested_fabric;
 struct plan_options {
     bool asks_for_paths = false;
     bool has_unhealed_faults = false;
+    bool is_swarm = false; // each seed draws which kinds of acts there are; each other option may then hold, too
 
     bool operator==(const plan_options&) const = default;
 };
@@ -32,7 +33,7 @@ struct plan_option {
     bool plan_options::*member;
     const char* help;
 };
-extern const std::array<plan_option, 2> plan_option_table;
+extern const std::array<plan_option, 3> plan_option_table;
 
 // The options in the form of a command line, each with a space before it.
 std::string describe(const plan_options& options);
@@ -90,7 +91,8 @@ struct plan {
     std::vector<host_shape> hosts;
     std::vector<act> acts;    // sorted by begin_tick
     uint64_t faults_end_tick; // every act has ended before this tick
-    plan_options options;
+    plan_options options;     // as on the command line
+    plan_options drawn;       // those that hold
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);

@@ -65,7 +65,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     const uint8_t method = mad.hdr.m.method;
     const std::string host_name = node.host.name();
     fabric_.note(host_name, "sends method " + std::to_string(method) + " from LID " + std::to_string(source_lid));
-    if (fabric_.plan.options.asks_for_paths && is_of_paths(mad)) {
+    if (fabric_.plan.drawn.asks_for_paths && is_of_paths(mad)) {
         if (const std::string fault = fault_in_path_request(sender, mad); !fault.empty())
             fabric_.violate(host_name + ": " + fault);
         return;
