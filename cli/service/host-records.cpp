@@ -20,6 +20,8 @@ namespace
 using records::host_record;
 
 constexpr int most_records = 8; // of one GID; they differ in their P_Keys
+// A Delete whose answer was lost is repeated, and its second answer says that there is no such record.
+constexpr int most_tries_in_vain = 2;
 constexpr uint64_t id_component = uint64_t{1} << SR_COMPONENT_SERVICE_ID;
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr uint64_t p_key_component = uint64_t{1} << SR_COMPONENT_SERVICE_P_KEY;
@@ -119,12 +121,12 @@ ats::result<std::string> host_records::remove_all(const fabric::gid_bytes& gid_b
 {
     const kq_gid_t gid = gid_of(gid_bytes);
     const std::string subject = "of " + records::gid_text(gid) + " that the host has left at the SA";
-    int count = 0;
-    for (int i = 0; i < most_records; ++i) {
+    bool had_record = false;
+    for (int tries_in_vain = 0, i = 0; i < most_records && tries_in_vain < most_tries_in_vain; ++i) {
         const ats::result<sa_answer> answer = get(gid_component, {.gid = gid, .host_name = {}});
         if (!answer) return ats::pass_on(answer);
         if (answer->status == status_word(SA_STATUS_NO_RECORDS))
-            return count == 0 ? "" : "deleted the record " + subject;
+            return had_record ? "deleted the record " + subject : "";
         const bool has_several = answer->status == status_word(SA_STATUS_TOO_MANY_RECORDS);
         if (answer->status != 0 && !has_several)
             return "the SA does not say if there is a record " + subject + ": " + records::status_text(answer->status);
@@ -132,8 +134,8 @@ ats::result<std::string> host_records::remove_all(const fabric::gid_bytes& gid_b
                                              ? remove_by_p_key(gid, p_keys)
                                              : remove(answer->record).map([](bool is_gone) { return int{is_gone}; });
         if (!removed) return ats::pass_on(removed);
-        if (*removed == 0) break;
-        count += *removed;
+        had_record = true;
+        if (*removed == 0) ++tries_in_vain;
     }
     return "could not delete the record " + subject;
 }

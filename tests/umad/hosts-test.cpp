@@ -326,6 +326,11 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     // A Delete without a P_Key finds no record. Therefore the modules leave their records behind.
     for (const auto& host : hosts) EXPECT_EQ(times_in(host->output(), "that the host has left at the SA"), 1u);
     EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
+
+    fabric_host failing(*net, 3, {"--sa-delete-pkey", "off", "--mount", "/dev/null"}); // it registers before it mounts
+    EXPECT_EQ(failing.program().wait_end(30s), 2);
+    EXPECT_EQ(times_in(failing.output(), "that the host has left at the SA"), 1u) << failing.output();
+    EXPECT_TRUE(sa_reaches_count(1));
 }
 
 TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric)
