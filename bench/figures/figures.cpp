@@ -28,11 +28,19 @@ namespace
 
 constexpr uint64_t second = 1000;
 
-double resident_bytes()
+// The number of KiB in a line "name:  123 kB" of a file of /proc.
+double kib_in(const char* path, const std::string& name)
 {
-    size_t total = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident;
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(name + ":")) return std::stod(line.substr(name.size() + 1));
+    throw std::runtime_error(std::string(path) + " has no line " + name);
+}
+
+// The memory of this process: pages that several places share count once (Pss), and page tables count, too.
+double memory_bytes()
+{
+    return 1024 * (kib_in("/proc/self/smaps_rollup", "Pss") + kib_in("/proc/self/status", "VmPTE"));
 }
 
 // Counts the requests to the SA, second by second.
@@ -128,14 +136,14 @@ double lookup_microseconds(bench_world& world)
 int come_and_go(int hosts)
 {
     const exec::reserve last_memory;
-    const double bytes_at_start = resident_bytes();
+    const double bytes_at_start = memory_bytes();
     const double begin = processor_seconds();
     bench_world world(hosts);
     const double made = processor_seconds();
     if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
     const double up = processor_seconds();
     const size_t records = world.subnet.service_records().size();
-    const double bytes_up = resident_bytes() - bytes_at_start;
+    const double bytes_up = memory_bytes() - bytes_at_start;
     const size_t mappings = mapping_count();
     const double lookup = lookup_microseconds(world);
 
@@ -155,10 +163,10 @@ int come_and_go(int hosts)
 int scale(int hosts)
 {
     const exec::reserve last_memory;
-    const double bytes_at_start = resident_bytes();
+    const double bytes_at_start = memory_bytes();
     bench_world world(hosts);
     if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
-    const double bytes_per_host = (resident_bytes() - bytes_at_start) / hosts;
+    const double bytes_per_host = (memory_bytes() - bytes_at_start) / hosts;
     load_meter meter(world.subnet);
     const auto seconds_now = [&] { return world.sim->now() / second; };
 

@@ -1,8 +1,10 @@
 #include "host/kernel/address-layout.h"
 
+#include <algorithm>
 #include <iterator>
 
 #include "host/kernel/memory.h"
+#include "host/kernel/module-image.h"
 
 namespace kernel
 {
@@ -37,28 +39,36 @@ uint64_t address_layout::nominal(const void* pointer)
     return entry->second;
 }
 
-void address_layout::add_image(const void* begin, size_t bytes)
+void address_layout::add_image(const std::vector<image_part>& parts)
 {
     const std::lock_guard lock(mutex_);
-    ranges_[static_cast<const char*>(begin)] = {bytes, next_image_, true};
+    size_t bytes = 0;
+    for (const image_part& each : parts) {
+        ranges_[static_cast<const char*>(each.begin)] = {each.bytes, next_image_ + each.usual_offset};
+        bytes = std::max(bytes, each.usual_offset + each.bytes);
+    }
     ++image_count_;
     next_image_ += round_up(bytes, image_room);
+}
+
+void address_layout::remove_image(const std::vector<image_part>& parts)
+{
+    const std::lock_guard lock(mutex_);
+    for (const image_part& each : parts) ranges_.erase(static_cast<const char*>(each.begin));
+    if (--image_count_ == 0) next_image_ = nominal_images;
 }
 
 void address_layout::add_object(const void* begin, size_t bytes)
 {
     const std::lock_guard lock(mutex_);
-    ranges_[static_cast<const char*>(begin)] = {bytes, next_object_, false};
+    ranges_[static_cast<const char*>(begin)] = {bytes, next_object_};
     next_object_ += round_up(bytes, page_bytes);
 }
 
 void address_layout::remove(const void* begin)
 {
     const std::lock_guard lock(mutex_);
-    const auto entry = ranges_.find(static_cast<const char*>(begin));
-    if (entry == ranges_.end()) return;
-    if (entry->second.is_image && --image_count_ == 0) next_image_ = nominal_images;
-    ranges_.erase(entry);
+    ranges_.erase(static_cast<const char*>(begin));
 }
 
 std::optional<uint64_t> address_layout::find(const char* pointer) const

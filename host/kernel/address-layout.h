@@ -9,11 +9,13 @@
 #include <mutex>
 #include <optional>
 #include <unordered_map>
+#include <vector>
 
 namespace kernel
 {
 
 class memory_account;
+struct image_part;
 
 // The nominal addresses of a machine's parts.
 constexpr uint64_t nominal_allocations = 0xffff880000000000; // blocks of kmalloc, in order of allocation
@@ -35,8 +37,9 @@ class address_layout
     // to a pointer, do not change. Any thread, any context.
     uint64_t nominal(const void* pointer);
 
-    // Gives memory its own nominal address until remove(). Call remove() before the memory is freed.
-    void add_image(const void* begin, size_t bytes);
+    // Gives memory its own nominal address until it is removed. Remove it before the memory is freed.
+    void add_image(const std::vector<image_part>& parts);
+    void remove_image(const std::vector<image_part>& parts);
     void add_object(const void* begin, size_t bytes);
     void remove(const void* begin);
 
@@ -44,7 +47,6 @@ class address_layout
     struct range {
         size_t bytes;
         uint64_t nominal;
-        bool is_image;
     };
     std::optional<uint64_t> find(const char* pointer) const; // the caller holds mutex_
 

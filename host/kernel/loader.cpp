@@ -58,8 +58,7 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
         if (find(std::string(module.name())))
             return ats::fail(ats::error_kind::exists, title + "it is loaded already; unload it first");
         if (module.declaration().logger_level) *module.declaration().logger_level = logger_level_;
-        const image_range range = range_of_image(&module.declaration());
-        machine_.addresses.add_image(range.begin, range.bytes);
+        machine_.addresses.add_image(parts_of_image(&module.declaration()));
         module.start_task = current_task(); // set before others can find the module; rmmod is then refused
         modules_.push_back(std::move(image));
     }
@@ -143,7 +142,7 @@ void loader::unmap(loaded_module& module)
     check_leftovers(module);
     const kernel_module_t& declaration = module.declaration();
     machine_.memory.note_unmapping(module_code(declaration.name, &declaration));
-    machine_.addresses.remove(range_of_image(&declaration).begin);
+    machine_.addresses.remove_image(parts_of_image(&declaration));
 
     // Destroyed after the lock is released, because the image's destructors may call the kernel.
     std::unique_ptr<loaded_module> image;

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <functional>
-#include <link.h>
 
 #include "host/kernel/module-image.h"
 
@@ -15,18 +13,6 @@ namespace
 {
 
 constexpr size_t nominal_step = 64; // between the addresses that the log shows
-
-std::string describe(const void* code)
-{
-    Dl_info place{};
-    void* entry = nullptr;
-    if (dladdr1(code, &place, &entry, RTLD_DL_SYMENT) == 0) return "unknown code";
-    // The nearest exported symbol may belong to another function, because most functions are not exported.
-    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
-    const bool is_inside =
-        symbol && static_cast<const char*>(code) < static_cast<const char*>(place.dli_saddr) + symbol->st_size;
-    return is_inside ? place.dli_sname : text_of_place(place.dli_fname, code, place.dli_fbase);
-}
 
 } // namespace
 
@@ -59,7 +45,7 @@ std::vector<std::string> memory_account::leaks() const
     std::vector<std::string> lines;
     for (const auto& [memory, block] : blocks_)
         lines.push_back(std::to_string(block.size) + " bytes allocated by " +
-                        (block.caller_text.empty() ? describe(block.caller) : block.caller_text));
+                        (block.caller_text.empty() ? describe_code(block.caller) : block.caller_text));
     return lines;
 }
 

@@ -15,6 +15,7 @@
 
 #include "host/exec/sanitizers.h"
 #include "host/exec/shortage.h"
+#include "host/kernel/placed-image.h"
 #include "kernel/module.h"
 
 namespace kernel
@@ -50,9 +51,18 @@ ats::result<> copy_file(int source, int copy)
     return {};
 }
 
+uint64_t offset_in(const placed_range& image, const void* address)
+{
+    return static_cast<uint64_t>(static_cast<const char*>(address) - image.begin);
+}
+
 // Returns the size of the object at `address`, from the symbol table of its image, or 0 if there is no such object.
 size_t object_size(const void* address)
 {
+    if (const placed_range image = find_placed_image(address); image.source) {
+        const auto* entry = image.source->export_at(offset_in(image, address));
+        return entry && entry->second.is_object ? entry->second.bytes : 0;
+    }
     Dl_info place{};
     void* entry = nullptr;
     if (dladdr1(address, &place, &entry, RTLD_DL_SYMENT) == 0 || !entry || place.dli_saddr != address) return 0;
@@ -79,8 +89,25 @@ bool is_size_of_declaration(size_t bytes)
 
 const void* image_of(const void* address)
 {
+    if (const placed_range image = find_placed_image(address); image.source) return image.begin;
     Dl_info place{};
     return dladdr(address, &place) != 0 ? place.dli_fbase : nullptr;
+}
+
+std::string describe_code(const void* code)
+{
+    if (const placed_range image = find_placed_image(code); image.source) {
+        const auto* entry = image.source->export_at(offset_in(image, code));
+        return entry ? entry->first : text_of_place(image.source->name, code, image.begin);
+    }
+    Dl_info place{};
+    void* entry = nullptr;
+    if (dladdr1(code, &place, &entry, RTLD_DL_SYMENT) == 0) return "unknown code";
+    // The nearest exported symbol may belong to another function, because most functions are not exported.
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
+    const bool is_inside =
+        symbol && static_cast<const char*>(code) < static_cast<const char*>(place.dli_saddr) + symbol->st_size;
+    return is_inside ? place.dli_sname : text_of_place(place.dli_fname, code, place.dli_fbase);
 }
 
 std::string text_of_place(const std::string& image, const void* code, const void* base)
@@ -105,13 +132,21 @@ std::string module_code::place(const void* code) const
     return text_of_place(name_, code, base_);
 }
 
-image_range range_of_image(const void* address)
+std::vector<image_part> parts_of_image(const void* address)
 {
+    if (const placed_range image = find_placed_image(address); image.source) {
+        const image_template& source = *image.source;
+        return {
+            {image.begin, source.text.size(), 0},
+            {image.begin + source.data_begin, source.data_end - source.data_begin, source.data_begin - data_distance}};
+    }
     dl_find_object object{};
     if (_dl_find_object(const_cast<void*>(address), &object) != 0) return {};
     const auto* begin = static_cast<const char*>(object.dlfo_map_start);
-    return {begin, static_cast<size_t>(static_cast<const char*>(object.dlfo_map_end) - begin)};
+    return {{begin, static_cast<size_t>(static_cast<const char*>(object.dlfo_map_end) - begin), 0}};
 }
+
+module_image::module_image() = default;
 
 module_image::~module_image()
 {
@@ -128,21 +163,31 @@ module_image::~module_image()
 
 ats::result<> module_image::map(const std::string& path)
 {
-    assert(!handle_);
-    if (ats::result<> result = copy(path); !result) return result;
-    handle_ = dlopen(path_of(copy_).c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle_) {
-        if (ats::result<> limits = exec::check_limits(); !limits) return limits;
-        const char* reason = dlerror();
-        return ats::fail(ats::error_kind::invalid, path + " cannot be mapped: " + (reason ? reason : "unknown reason"));
-    }
-    declaration_ = static_cast<kernel_module_t*>(dlsym(handle_, "this_module"));
+    assert(!handle_ && !placed_);
+    ats::result<std::unique_ptr<placed_image>> placed = placed_image::place(path);
+    if (!placed) return ats::pass_on(placed);
+    placed_ = std::move(*placed);
+    if (!placed_)
+        if (ats::result<> result = link(path); !result) return result;
+    declaration_ =
+        static_cast<kernel_module_t*>(placed_ ? placed_->symbol("this_module") : dlsym(handle_, "this_module"));
     if (!declaration_)
         return ats::fail(ats::error_kind::invalid, path + " is not a kernel module: it does not export 'this_module'");
     if (const ats::result<> result = check_declaration(); !result)
         return ats::fail(ats::error_kind::invalid, path + " does not fit this kernel: its 'this_module' has " +
                                                        result.error().text + "; build both from the same source");
     return {};
+}
+
+// Lets the dynamic linker map a copy of the file.
+ats::result<> module_image::link(const std::string& path)
+{
+    if (ats::result<> result = copy(path); !result) return result;
+    handle_ = dlopen(path_of(copy_).c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle_) return {};
+    if (ats::result<> limits = exec::check_limits(); !limits) return limits;
+    const char* reason = dlerror();
+    return ats::fail(ats::error_kind::invalid, path + " cannot be mapped: " + (reason ? reason : "unknown reason"));
 }
 
 ats::result<> module_image::copy(const std::string& path)
@@ -186,6 +231,7 @@ bool module_image::contains(const void* address) const
 
 void* module_image::symbol(const std::string& name) const
 {
+    if (placed_) return placed_->symbol(name);
     void* address = dlsym(handle_, name.c_str()); // also searches the libraries that the image needs
     return contains(address) ? address : nullptr;
 }

@@ -1,8 +1,10 @@
-// A module image that is mapped privately.
+// A module image whose variables are private.
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "host/result.h"
 
@@ -11,18 +13,21 @@ struct kernel_module_t;
 namespace kernel
 {
 
-// Maps a copy of an image file. Each image needs a copy of its own, because the dynamic linker maps a file only once.
-// For one thread at a time.
+class placed_image;
+
+// Makes an image of a module file. Most images are placed (placed-image.h). If a file cannot be placed, the dynamic
+// linker maps a copy of it. Each image needs a copy of its own, because the dynamic linker maps a file only once. For
+// one thread at a time.
 class module_image
 {
   public:
-    module_image() = default;
+    module_image();
     ~module_image();
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    // Maps a copy of the file. Call it once. Errors: not_found if there is no such file; invalid if this kernel cannot
-    // use it as a module; no_memory if a limit of the process is reached.
+    // Makes the image. Call it once. Errors: not_found if there is no such file; invalid if this kernel cannot use it
+    // as a module; no_memory if a limit of the process is reached.
     ats::result<> map(const std::string& path);
 
     // The module's `this_module`, which is inside the image. Null before map() has succeeded.
@@ -32,10 +37,12 @@ class module_image
     void* symbol(const std::string& name) const;
 
   private:
+    ats::result<> link(const std::string& path);
     ats::result<> copy(const std::string& path);
     ats::result<> check_declaration() const;
     bool contains(const void* address) const;
 
+    std::unique_ptr<placed_image> placed_; // or else the next two
     int copy_ = -1; // a memory file; stays open, because the linker treats equal paths as one object
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;
@@ -77,12 +84,20 @@ class module_code
 // A place in the image that is mapped at `base`, for example "ats+0x1a2b".
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// The mapped image that contains an address, of a module or another one. Zero bytes if there is none. Any thread.
-struct image_range {
-    const void* begin = nullptr;
-    size_t bytes = 0;
+// Code as reports name it: the exported function that it belongs to, or its place in its image.
+std::string describe_code(const void* code);
+
+// A part of an image in memory, and where it would lie without the distance between code and variables. An image that
+// the dynamic linker has mapped is one part.
+struct image_part {
+    const void* begin;
+    size_t bytes;
+    size_t usual_offset;
 };
-image_range range_of_image(const void* address);
+
+// The parts of the image that an address belongs to, a module's or another; the first one begins the image. Empty if
+// there is none. Any thread.
+std::vector<image_part> parts_of_image(const void* address);
 
 // The start address of that image, or null if there is none. Any thread.
 const void* image_of(const void* address);

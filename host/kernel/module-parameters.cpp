@@ -22,7 +22,7 @@ struct assignment {
 constexpr const char* blanks = " \t\n";
 
 // Splits the line into assignments. A value in double quotes may contain blanks.
-ats::result<std::vector<assignment>> split(const std::string& line)
+ats::result<std::vector<assignment>> assignments_in(const std::string& line)
 {
     std::vector<assignment> assignments;
     size_t begin = line.find_first_not_of(blanks);
@@ -82,7 +82,7 @@ ats::result<> set(const module_parameter_t& parameter, const std::string& value,
 
 ats::result<> set_all(const kernel_module_t& module, const std::string& parameters, std::list<std::string>* texts)
 {
-    const ats::result<std::vector<assignment>> assignments = split(parameters);
+    const ats::result<std::vector<assignment>> assignments = assignments_in(parameters);
     if (!assignments) return ats::pass_on(assignments);
     std::set<std::string> names;
     for (const assignment& each : *assignments) {

@@ -194,7 +194,7 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
-// Hosts need threads and module images most. Here both fail in the middle of a start.
+// Hosts need address space for threads, and descriptors for the code of their modules. Both end here during a start.
 TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -202,7 +202,7 @@ TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 #endif
     const std::pair<fabric_tools::process_limit, const char*> cases[] = {
         {{RLIMIT_AS, rlim_t{300} << 20}, " does not start: the address space is used up (the limit is 300 MiB): raise"},
-        {{RLIMIT_NOFILE, 30}, " does not start: no more files can be opened (the limit is 30): raise"},
+        {{RLIMIT_NOFILE, 6}, " does not start: no more files can be opened (the limit is 6): raise"},
     };
     for (const auto& [limit, complaint] : cases) {
         const scratch_folder folder;

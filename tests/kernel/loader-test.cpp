@@ -232,8 +232,24 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
     EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
 }
 
-// Every image keeps a descriptor open. A thousand machines need more of them than the default limit of a shell.
-TEST_F(loading, many_copies_of_one_image_find_enough_descriptors)
+// Kernel calls throw when memory is used up.
+TEST_F(loading, an_exception_passes_through_a_module)
+{
+    ASSERT_TRUE(host.modules.insmod(probe));
+    using call_back_t = int(void (*)());
+    auto* call_back = reinterpret_cast<call_back_t*>(host.modules.symbol("probe", "probe_call_back"));
+    EXPECT_THROW(call_back([] { throw std::bad_alloc(); }), std::bad_alloc);
+    run([] {
+        auto* count = reinterpret_cast<int (*)()>(const_cast<void*>(inter_module_get("probe_call")));
+        EXPECT_EQ(count(), 2) << "the module's frame was not unwound";
+        inter_module_put("probe_call");
+    });
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+}
+
+// Images are placed beside each other, and their places are used again. Those of the dynamic linker each keep a
+// descriptor open: a thousand machines need more of them than a shell allows at first.
+TEST_F(loading, many_images_of_one_module_have_variables_of_their_own)
 {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -248,6 +264,9 @@ TEST_F(loading, many_copies_of_one_image_find_enough_descriptors)
     }
     EXPECT_EQ(call<int>(*machines.front(), "probe_number"), 0);
     for (const auto& each : machines) EXPECT_TRUE(each->modules.rmmod("probe"));
+    ASSERT_TRUE(machines.back()->modules.insmod(probe));
+    EXPECT_EQ(call<int>(*machines.back(), "probe_number"), 7) << "the default";
+    EXPECT_TRUE(machines.back()->modules.rmmod("probe"));
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "host/kernel/format.h"
+#include "host/kernel/module-image.h"
 #include "kernel/memory.h"
 #include "kernel/printk.h"
 #include "tests/kernel/one-machine.h"
@@ -142,11 +143,11 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
                                     "ffff8f0000000000 ffff8f0000001000 ffff8f0000000000\n"
                                     "0000000000000000 0000000000000098\n");
     char image[100], later[100];
-    world.host.addresses.add_image(image, sizeof image);
-    world.host.addresses.add_image(later, sizeof later);
+    world.host.addresses.add_image({{image, sizeof image, 0}});
+    world.host.addresses.add_image({{later, sizeof later, 0}});
     EXPECT_EQ(world.host.addresses.nominal(image + 99), kernel::nominal_images + 99);
     EXPECT_EQ(world.host.addresses.nominal(later), kernel::nominal_images + kernel::image_room);
-    world.host.addresses.remove(image);
+    world.host.addresses.remove_image({{image, sizeof image, 0}});
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
 }
 

@@ -117,6 +117,16 @@ MODULE_EXPORT int probe_number()
     return number;
 }
 
+// Calls back into the program, with a frame of its own to be unwound.
+MODULE_EXPORT int probe_call_back(void (*function)())
+{
+    struct counter {
+        ~counter() { ++calls; }
+    } at_return;
+    function();
+    return 0;
+}
+
 kernel_module_t this_module = {
     .name = "probe",
     .description = "a probe for tests",

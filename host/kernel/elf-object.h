@@ -1,0 +1,89 @@
+// A shared object as its file describes it (System V ABI, "Object Files"). Only what the kernel needs to place an
+// image: segments, the dynamic section, symbols and relocations. It reads the object of the processor that it runs on.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <elf.h>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace kernel
+{
+
+// Addresses are those of the object: offsets from the beginning of an image. Texts and bytes live as long as the
+// object.
+class elf_object
+{
+  public:
+    // Maps the file. Null if it is no shared object of 64 bits for this processor, or is cut short.
+    static std::unique_ptr<elf_object> read(int file);
+    ~elf_object();
+    elf_object(const elf_object&) = delete;
+    elf_object& operator=(const elf_object&) = delete;
+
+    const std::vector<Elf64_Phdr>& segments() const { return segments_; }
+
+    // The bytes of a segment that the file holds.
+    std::string_view bytes_of(const Elf64_Phdr& segment) const
+    {
+        return file_bytes(segment.p_offset, segment.p_filesz);
+    }
+
+    // The value of an entry of the dynamic section (DT_...). Nothing if there is no such entry.
+    std::optional<uint64_t> dynamic(int64_t tag) const;
+
+    // The names of the libraries that the object needs.
+    std::vector<std::string_view> libraries() const;
+
+    // A symbol by its number. Nothing if there is no such symbol.
+    std::optional<Elf64_Sym> symbol(uint64_t number) const;
+    std::string_view name_of(const Elf64_Sym& symbol) const;
+
+    // The symbols that other objects can find, the undefined ones excepted. Nothing if the hash table is missing or
+    // broken.
+    std::optional<std::vector<Elf64_Sym>> exported_symbols() const;
+
+    // Nothing if a table is cut short.
+    std::optional<std::vector<Elf64_Rela>> relocations() const;
+
+  private:
+    elf_object(const char* mapping, size_t size) : mapping_(mapping), size_(size) {}
+    bool read_segments();
+    bool read_dynamic(const Elf64_Phdr& segment);
+    bool read_table(int64_t address_tag, int64_t size_tag, std::vector<Elf64_Rela>& entries) const;
+
+    // `count` bytes of the file from `offset` on. Empty if the file ends before.
+    std::string_view file_bytes(uint64_t offset, uint64_t count) const;
+
+    // The bytes from an address to the end of its segment. Empty if the file does not hold the address.
+    std::string_view bytes_at(uint64_t address) const;
+
+    template <class value_t>
+    static std::optional<value_t> value_in(std::string_view bytes)
+    {
+        if (bytes.size() < sizeof(value_t)) return std::nullopt;
+        value_t value;
+        std::memcpy(&value, bytes.data(), sizeof value);
+        return value;
+    }
+
+    template <class value_t>
+    std::optional<value_t> value_at(uint64_t address) const
+    {
+        return value_in<value_t>(bytes_at(address));
+    }
+
+    std::string_view text(uint64_t offset) const; // of the string table
+
+    const char* const mapping_;
+    const size_t size_;
+    std::vector<Elf64_Phdr> segments_;
+    std::map<int64_t, uint64_t> dynamic_;
+    std::vector<uint64_t> libraries_; // the offsets of their names in the string table
+};
+
+} // namespace kernel
