@@ -1,7 +1,10 @@
 #include "cli/server/event-loop.h"
 
 #include <csignal>
+#include <fcntl.h>
+#include <vector>
 
+#include "client/descriptor.h"
 #include "host/exec/shortage.h"
 
 namespace cli
@@ -20,10 +23,22 @@ void block_sigpipe()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+// libuv ends the program when it cannot open the files that a loop needs. So this tries whether there is room for them.
+void require_room()
+{
+    constexpr size_t files_of_a_loop = 8;
+    std::vector<client::descriptor> files;
+    while (files.size() < files_of_a_loop) {
+        files.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        if (!files.back().is_open()) exec::throw_shortage("clients cannot be served: /dev/null cannot be opened");
+    }
+}
+
 } // namespace
 
 event_loop::event_loop()
 {
+    require_room();
     uv_loop_init(&loop_);
     uv_async_init(&loop_, &wake_up_, [](uv_async_t* handle) { static_cast<event_loop*>(handle->data)->run_posted(); });
     wake_up_.data = this;

@@ -203,6 +203,7 @@ TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
     const std::pair<fabric_tools::process_limit, const char*> cases[] = {
         {{RLIMIT_AS, rlim_t{300} << 20}, " does not start: the address space is used up (the limit is 300 MiB): raise"},
         {{RLIMIT_NOFILE, 6}, " does not start: no more files can be opened (the limit is 6): raise"},
+        {{RLIMIT_NOFILE, 10}, "ats: no more files can be opened (the limit is 10): raise"}, // for clients
     };
     for (const auto& [limit, complaint] : cases) {
         const scratch_folder folder;
