@@ -495,6 +495,8 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     unhealed("partition", cut_partition_off),
     {"check in spite of cuts", 0, harm::none, 0, check_the_rest, nullptr, "healthy hosts that found another one",
      nullptr, &plan_options::has_unhealed_faults},
+    {"priorities", 0, harm::none, 0, nullptr, nullptr, "tasks overtaken at a change of priority", nullptr,
+     &plan_options::has_priorities}, // no act: it holds for the whole run
 });
 
 } // namespace campaign

@@ -138,6 +138,14 @@ void add_unhealed_faults(plan& plan)
     }
 }
 
+// Short rounds often change the order of a few tasks. Long rounds hold a task back while many others run.
+exec::priority_options draw_priorities(uint64_t seed)
+{
+    constexpr uint64_t own_sequence = 0x7072696F72697479;
+    dice dice(seed ^ own_sequence);
+    return {.seed = seed, .depth = static_cast<int>(1 + dice.below(4)), .round_choices = uint64_t{64} << dice.below(8)};
+}
+
 // Draws a length. All orders of magnitude have equal chances.
 uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 {
@@ -146,9 +154,10 @@ uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 
 } // namespace
 
-const std::array<plan_option, 3> plan_option_table = {
+const std::array<plan_option, 4> plan_option_table = {
     {{"paths", &plan_options::asks_for_paths, "let hosts ask for paths, too"},
      {"unhealed", &plan_options::has_unhealed_faults, "add faults that never heal, at up to half of the hosts"},
+     {"pct", &plan_options::has_priorities, "run the tasks by random priorities (PCT)"},
      {"swarm", &plan_options::is_swarm, "draw for each seed which kinds of acts there are, and how often"}}};
 
 std::string describe(const plan_options& options)
@@ -177,6 +186,7 @@ plan draw_plan(uint64_t seed, const plan_options& options)
               .acts = {},
               .faults_end_tick = 0,
               .options = options,
+              .priorities = {},
               .drawn = options};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);
@@ -197,6 +207,7 @@ plan draw_plan(uint64_t seed, const plan_options& options)
         next.end_tick = std::min(next.begin_tick + ticks, plan.faults_end_tick);
         plan.acts.push_back(next);
     }
+    if (plan.drawn.has_priorities) plan.priorities = draw_priorities(seed);
     if (plan.drawn.has_unhealed_faults) add_unhealed_faults(plan);
     std::ranges::stable_sort(plan.acts, {}, &act::begin_tick);
     return plan;

@@ -4,9 +4,11 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "host/exec/schedule.h"
 #include "host/fabric/embedded/faults.h"
 
 namespace campaign
@@ -23,7 +25,8 @@ struct tested_fabric;
 struct plan_options {
     bool asks_for_paths = false;
     bool has_unhealed_faults = false;
-    bool is_swarm = false; // each seed draws which kinds of acts there are; each other option may then hold, too
+    bool has_priorities = false; // tasks run by random priorities, see exec::priority_schedule
+    bool is_swarm = false;       // each seed draws which kinds of acts there are; each other option may then hold, too
 
     bool operator==(const plan_options&) const = default;
 };
@@ -33,7 +36,7 @@ struct plan_option {
     bool plan_options::*member;
     const char* help;
 };
-extern const std::array<plan_option, 3> plan_option_table;
+extern const std::array<plan_option, 4> plan_option_table;
 
 // The options in the form of a command line, each with a space before it.
 std::string describe(const plan_options& options);
@@ -70,7 +73,7 @@ struct act_kind {
     uint64_t embedded::fault_effects::*effect = nullptr;
     bool plan_options::*option = nullptr; // only plans with this option have such acts; null means all plans
 };
-constexpr size_t act_kind_count = 42;
+constexpr size_t act_kind_count = 43;
 extern const std::array<act_kind, act_kind_count> act_kinds;
 
 // Returns true if the kind is a fault that never heals. It has no end, and harms only the hosts that it cuts off.
@@ -92,7 +95,8 @@ struct plan {
     std::vector<act> acts;    // sorted by begin_tick
     uint64_t faults_end_tick; // every act has ended before this tick
     plan_options options;     // as on the command line
-    plan_options drawn;       // those that hold
+    std::optional<exec::priority_options> priorities;
+    plan_options drawn; // those that hold
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);

@@ -9,7 +9,8 @@ namespace
 {
 
 constexpr double ticks_per_hour = 3'600'000;
-constexpr uint64_t seeds_with_every_kind = 60; // with fewer seeds, some kinds of acts may be missing
+constexpr uint64_t seeds_with_every_kind = 60,
+                   swarm_seeds_with_every_kind = 500; // with fewer seeds, some kinds of acts may be missing
 
 void show_marks(const campaign_result& result)
 {
@@ -21,7 +22,8 @@ void show_marks(const campaign_result& result)
 // Prints each kind of act that never took effect, and returns their number.
 int show_idle_kinds(const campaign_result& result)
 {
-    if (result.shards > 1 || result.is_interrupted || result.counts.seeds < seeds_with_every_kind) return 0;
+    const uint64_t needed_seeds = result.options.is_swarm ? swarm_seeds_with_every_kind : seeds_with_every_kind;
+    if (result.shards > 1 || result.is_interrupted || result.counts.seeds < needed_seeds) return 0;
     int idle_kinds = 0;
     for (size_t kind = 0; kind < act_kind_count; ++kind) {
         if (result.counts.marks[kind] > 0 || !may_occur(act_kinds[kind], result.options)) continue;

@@ -10,7 +10,8 @@ namespace campaign
 
 tested_fabric::tested_fabric(const campaign::plan& plan, const run_options& options)
     : module_folder(options.module_folder), plan(plan),
-      simulation(exec::make_simulation({.seed = plan.seed, .explore_switches = true})),
+      order(plan.priorities ? std::make_unique<exec::priority_schedule>(*plan.priorities) : nullptr),
+      simulation(exec::make_simulation({.seed = plan.seed, .explore_switches = true, .order = order.get()})),
       subnet(*simulation, {.fault_seed = plan.seed}), wire(*this)
 {
     if (!options.log_path.empty()) {
@@ -75,8 +76,10 @@ ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
     }
     simulation->run_until(plan.faults_end_tick);
     const embedded::fault_effects effects = subnet.effects();
-    for (size_t kind = 0; kind < act_kind_count; ++kind)
+    for (size_t kind = 0; kind < act_kind_count; ++kind) {
         if (const auto effect = act_kinds[kind].effect) counts.marks[kind] = effects.*effect;
+        if (order && act_kinds[kind].option == &plan_options::has_priorities) counts.marks[kind] = order->overtakings();
+    }
     count_unhealed_faults(*this);
     check_at_the_end(*this);
     const embedded::subnet_counts traffic = subnet.counts();

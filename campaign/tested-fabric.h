@@ -79,6 +79,7 @@ struct tested_fabric {
     const std::string module_folder;
     const campaign::plan plan;
     figures counts;
+    std::unique_ptr<exec::priority_schedule> order; // null: the order is drawn from the seed
     std::unique_ptr<exec::simulation> simulation;
     embedded::subnet subnet;
     wire_watch wire;

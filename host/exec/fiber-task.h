@@ -35,6 +35,7 @@ struct fiber_task final : task {
 
     std::function<void()> body;
     fiber thread;
+    uint64_t number = 0;                         // tasks are numbered in the order in which they start
     std::list<fiber_task*>::iterator position{}; // in the list of all tasks
 
     task_state state = task_state::ready;

@@ -33,6 +33,13 @@ class ready_queue
         return first;
     }
 
+    // The task at `index` in the order of arrival.
+    const task_t& at(size_t index) const
+    {
+        assert(index < count_);
+        return *ring_[slot(index)];
+    }
+
     // Removes and returns the task at `index` in the order of arrival. The first task moves to that place.
     task_t* take(size_t index)
     {

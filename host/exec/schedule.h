@@ -1,9 +1,11 @@
 // The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one. One
-// schedule draws from a seed. Another schedule tries all orders up to a bound, one order in each run.
+// schedule draws from a seed, another one gives the tasks random priorities, and a third one tries all orders up to a
+// bound, one order in each run.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,14 +19,26 @@ enum class choice_point {
     switch_point, // the running task could continue: it is choice 0, and the ready tasks follow
 };
 
+// The tasks that could continue at a choice. Valid during the choice only.
+class candidates
+{
+  public:
+    virtual size_t count() const = 0; // 2 or more
+
+    // The number of the task at this index. Tasks are numbered in the order in which they start.
+    virtual uint64_t task_number(size_t index) const = 0;
+
+  protected:
+    ~candidates() = default;
+};
+
 class schedule
 {
   public:
     virtual ~schedule() = default;
 
-    // Returns the index of the task that continues, among `count` tasks (2 or more). Called by the simulation; must not
-    // call back into it.
-    virtual size_t choose(size_t count, choice_point point) = 0;
+    // Returns the index of the candidate that continues. Called by the simulation; must not call back into it.
+    virtual size_t choose(const candidates& tasks, choice_point point) = 0;
 };
 
 // Switches on average at one of three switch points. All other choices have equal chances.
@@ -32,10 +46,49 @@ class random_schedule final : public schedule
 {
   public:
     explicit random_schedule(uint64_t seed) : engine_(seed) {}
-    size_t choose(size_t count, choice_point point) override;
+    size_t choose(const candidates& tasks, choice_point point) override;
 
   private:
     std::mt19937_64 engine_;
+};
+
+struct priority_options {
+    uint64_t seed = 1;
+    int depth = 3;                // 1 or more
+    uint64_t round_choices = 256; // 1 or more
+};
+
+// Gives each task a random priority, and always continues with the highest one (PCT: Burckhardt et al., "A randomized
+// scheduler with probabilistic guarantees of finding bugs", ASPLOS 2010). At `depth` - 1 random choices of a round, the
+// task that would continue gets a priority below all others. This holds one task back for long while many others run.
+// The random schedule almost never does that, as it would have to draw the same way at each of many choices.
+//
+// The bound: let a fault show if d events happen in a certain order, all within a round of k choices among at most n
+// tasks. If `depth` is d or more, this order comes with a probability of at least 1/(n * k^(d-1)).
+//
+// A run is cut into rounds of `round_choices` choices. Each draws all priorities again, so that the bound also holds
+// for each part of a long run, and so that tasks that wait actively for one of low priority do not wait for ever.
+class priority_schedule final : public schedule
+{
+  public:
+    explicit priority_schedule(const priority_options& options) : options_(options), engine_(options.seed) {}
+    size_t choose(const candidates& tasks, choice_point point) override;
+
+    // How often a change of priority has let another task continue.
+    uint64_t overtakings() const { return overtakings_; }
+
+  private:
+    void begin_round();
+    uint64_t priority_of(uint64_t task_number) const;
+    size_t highest_of(const candidates& tasks) const;
+
+    const priority_options options_;
+    std::mt19937_64 engine_;
+    uint64_t position_ = 0; // in the round
+    uint64_t round_key_ = 0;
+    std::vector<uint64_t> change_positions_; // in the round, in any order
+    std::map<uint64_t, uint64_t> lowered_;   // the priorities that were changed, by the task's number
+    uint64_t overtakings_ = 0;
 };
 
 // Goes through all orders with at most a given number of deviations from the plain order. In the plain order the
@@ -66,7 +119,7 @@ class systematic_schedule final : public schedule
     // 23.
     std::string describe() const;
 
-    size_t choose(size_t count, choice_point point) override;
+    size_t choose(const candidates& tasks, choice_point point) override;
 
   private:
     struct decision {

@@ -105,9 +105,9 @@ class simulated_executor final : public simulation
         if (!self) return;
         ready_spinners();
         if (ready_count() == 0) return;
-        const size_t choice = options_.order->choose(ready_count() + 1, choice_point::switch_point);
-        if (choice == 0) return;
-        fiber_task* next = take_ready(choice - 1);
+        const size_t index = options_.order->choose(choice(*this, self), choice_point::switch_point);
+        if (index == 0) return;
+        fiber_task* next = take_ready(index - 1);
         preempted_tasks_.push(self);
         switch_to(*self, next);
     }
@@ -152,6 +152,27 @@ class simulated_executor final : public simulation
     }
 
   private:
+    // The ready tasks, after the running one if that could continue.
+    class choice final : public candidates
+    {
+      public:
+        choice(const simulated_executor& executor, const fiber_task* running) : executor_(executor), running_(running)
+        {
+        }
+        size_t count() const override { return executor_.ready_count() + (running_ ? 1 : 0); }
+        uint64_t task_number(size_t index) const override
+        {
+            if (running_ && index-- == 0) return running_->number;
+            const size_t first_preempted = executor_.ready_tasks_.size();
+            return index < first_preempted ? executor_.ready_tasks_.at(index).number
+                                           : executor_.preempted_tasks_.at(index - first_preempted).number;
+        }
+
+      private:
+        const simulated_executor& executor_;
+        const fiber_task* running_;
+    };
+
     fiber_task* running() const { return static_cast<fiber_task*>(current_task()); }
 
     void check_thread(const char* call) const
@@ -162,6 +183,7 @@ class simulated_executor final : public simulation
     fiber_task& start_fiber(task_home* home, std::string name, std::function<void()> body)
     {
         auto* task = new fiber_task(*this, home, std::move(name), std::move(body), stacks_.take(), run_body);
+        task->number = ++tasks_started_;
         task->position = tasks_.insert(tasks_.end(), task);
         ready_tasks_.push(task);
         return *task;
@@ -282,7 +304,7 @@ class simulated_executor final : public simulation
     fiber_task* choose_ready()
     {
         const bool has_choice = options_.order && ready_count() > 1;
-        return take_ready(has_choice ? options_.order->choose(ready_count(), choice_point::stop) : 0);
+        return take_ready(has_choice ? options_.order->choose(choice(*this, nullptr), choice_point::stop) : 0);
     }
 
     // From outside: runs ready tasks until none is left or the target task has ended. Returns false if no task was
@@ -328,6 +350,7 @@ class simulated_executor final : public simulation
     uint64_t now_;
     fiber outside_;
     fiber_stack_pool stacks_;
+    uint64_t tasks_started_ = 0;
     std::list<fiber_task*> tasks_;
     ready_queue<fiber_task> ready_tasks_;
     ready_queue<fiber_task> preempted_tasks_; // ready, but they run after ready_tasks_

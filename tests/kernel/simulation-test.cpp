@@ -83,6 +83,51 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
     EXPECT_EQ(orders, 4u); // the plain order, the second task first, a switch in down(), a switch in up()
 }
 
+// The number of orders out of 1000 in which a task is held back for long: `many_steps` runs as a whole between the two
+// steps of the other task.
+int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::schedule>(uint64_t seed)>& make_order)
+{
+    int hits = 0;
+    for (uint64_t seed = 1; seed <= 1000; ++seed) {
+        const auto order = make_order(seed);
+        one_machine world({.order = order.get()});
+        semaphore switch_place; // has units for both, so they may switch but never wait
+        sema_init(&switch_place, 2);
+        const auto step = [&] {
+            down(&switch_place);
+            up(&switch_place);
+        };
+        bool has_begun = false, has_ended = false, began_between = false;
+        world.at(0, "two steps", [&] {
+            has_begun = true;
+            step();
+            has_ended = true;
+        });
+        world.at(0, "many steps", [&] {
+            began_between = has_begun && !has_ended;
+            for (int i = 0; i < 20; ++i) step();
+            hits += began_between && !has_ended;
+        });
+        world.finish();
+    }
+    return hits;
+}
+
+TEST(order, of_priorities_holds_a_task_back_at_least_as_often_as_its_bound_says)
+{
+    constexpr int tasks = 2, choices = 64; // the run has about 45
+    const auto by_priority = [](int depth) {
+        return [depth](uint64_t seed) {
+            return std::make_unique<exec::priority_schedule>(
+                exec::priority_options{.seed = seed, .depth = depth, .round_choices = choices});
+        };
+    };
+    EXPECT_EQ(orders_that_hold_a_task_back(by_priority(1)), 0) << "without a change, the first task runs to its end";
+    EXPECT_GE(orders_that_hold_a_task_back(by_priority(2)), 1000 / (tasks * choices));
+    EXPECT_EQ(orders_that_hold_a_task_back([](uint64_t seed) { return std::make_unique<exec::random_schedule>(seed); }),
+              0);
+}
+
 // Starts this many tasks at one instant in each run. The choices of the previous run may then not fit.
 void run_with_tasks(const std::vector<int>& task_counts)
 {
