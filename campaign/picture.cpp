@@ -43,7 +43,11 @@ ats::result<> draw(const picture_options& picture, const plan& plan, std::vector
                                     {"planned_acts", plan.acts.size()},
                                     {"is_shortened", is_shortened}};
     if (!result->complaint.empty()) about["complaint"] = result->complaint;
-    return recording::write_page(picture.path, about, recording::text_of_file(file.get()));
+    const ats::result<recording::cut_recording> cut =
+        recording::cut(recording::text_of_file(file.get()), {.keeps_end = !result->complaint.empty()});
+    if (!cut) return ats::pass_on(cut);
+    recording::add_window(about, cut->shown);
+    return recording::write_page(picture.path, about, cut->lines);
 }
 
 } // namespace campaign

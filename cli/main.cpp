@@ -7,6 +7,7 @@
 #include "cli/check.h"
 #include "cli/commands/client-commands.h"
 #include "cli/demo/demo.h"
+#include "cli/replay.h"
 #include "cli/run.h"
 #include "console/errors.h"
 #include "console/journal.h"
@@ -80,6 +81,7 @@ int main(int argc, char** argv)
     ats::result<int> outcome = console::exit_ok;
     cli::add_demo(program, outcome);
     cli::add_run(program, outcome);
+    cli::add_replay(program, outcome);
     cli::add_check(program, outcome);
     cli::add_queries(program, outcome);
     cli::add_orders(program, outcome);

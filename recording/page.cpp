@@ -47,6 +47,11 @@ ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& 
     return ats::fail("cannot write " + path + ": " + std::strerror(errno));
 }
 
+void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown)
+{
+    if (shown) about["window"] = {{"from", shown->from_tick}, {"to", shown->to_tick}};
+}
+
 std::string text_of_file(std::FILE* file)
 {
     std::string text;

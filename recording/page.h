@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/result.h"
+#include "recording/cut.h"
 
 namespace recording
 {
@@ -12,6 +13,9 @@ namespace recording
 // Writes the page. `about` describes the run; docs/recording.md lists its fields. `lines` is a whole recording. The
 // error tells why the file cannot be written.
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);
+
+// Says in `about` that the recording was cut, if it was.
+void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown);
 
 // Returns the whole text of a file that is open for reading and writing.
 std::string text_of_file(std::FILE* file);

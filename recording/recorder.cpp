@@ -106,6 +106,7 @@ ats::result<> recorder::finish(uint64_t now_ticks)
     }
     note(now_ticks, "end", fields);
     const std::lock_guard lock(mutex_);
+    is_finished_ = true;
     if (std::fflush(file_) == 0 && !std::ferror(file_)) return {};
     return ats::fail(std::string("cannot write the recording: ") + std::strerror(errno));
 }
@@ -178,6 +179,7 @@ recorder::switch_values recorder::values_of(const embedded::fault_switches& faul
 // The caller holds mutex_.
 void recorder::write(uint64_t now_ticks, const char* kind, const json& fields)
 {
+    if (is_finished_) return;
     json line = {{"t", now_ticks}, {"e", kind}};
     line.update(fields);
     // Names may have any bytes. U+FFFD replaces bytes that are not UTF-8.

@@ -21,19 +21,18 @@ using json = nlohmann::ordered_json;
 
 constexpr int format_version = 1;
 
-// Any thread may make any call.
+// Any thread may make any call, unless it says otherwise.
 class recorder final : public embedded::observer
 {
   public:
     // Writes to `file`, which stays open. `program` is the command line that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // Records the events in the subnet until stop(). The subnet must outlive the recorder, or stop() must come first.
+    // One thread makes the next three calls. follow() records the events in the subnet or the log lines of a host from now
+    // on. stop() ends that: afterwards the recorder uses neither.
     void follow(embedded::subnet& subnet);
-    void stop();
-
-    // Records the log lines of a host from now on. No machine is used after stop().
     void follow(const std::string& host, kernel::machine& machine);
+    void stop();
 
     // Records one log line of a host.
     void note_line(const std::string& host, const kernel::log_line& line);
@@ -47,7 +46,8 @@ class recorder final : public embedded::observer
     // Records all records of the SA, for comparison with the recorded changes.
     void note_table(uint64_t now_ticks);
 
-    // Writes the last event, with the subnet's own counters, and flushes the file.
+    // Writes the last event, with the subnet's own counters, and flushes the file. Nothing is recorded
+    // afterwards.
     ats::result<> finish(uint64_t now_ticks);
 
     // ---- embedded::observer ----
@@ -69,9 +69,10 @@ class recorder final : public embedded::observer
     static switch_values values_of(const embedded::fault_switches& faults);
     void write(uint64_t now_ticks, const char* kind, const json& fields);
 
-    std::mutex mutex_; // guards the file and the next three members
+    std::mutex mutex_; // guards the file and the next four members
     std::FILE* const file_;
     embedded::subnet* subnet_ = nullptr;
+    bool is_finished_ = false;
     switch_values switches_{};
     std::map<kernel::machine*, int> followed_; // the handle of kernel::log::follow
 };

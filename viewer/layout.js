@@ -53,6 +53,7 @@ class Layout {
     this.y = TOP;
     this.lastTick = null; // tick of the last event that is shown
     this.logRow = null;
+    this.isQuietRow = false; // the last row holds only changes that have no mark
     recording.events.forEach(event => this.place(event));
     this.height = this.y + 40;
   }
@@ -96,6 +97,7 @@ class Layout {
     if (this.lastTick !== event.t) this.times.push({ y: this.y, t: event.t });
     this.lastTick = event.t;
     this.logRow = null;
+    this.isQuietRow = false;
   }
 
   placeDatagram(event) {
@@ -106,7 +108,8 @@ class Layout {
     this.beginRow(event, ROW.datagram);
     datagram.y = this.y;
     datagram.arrows = [];
-    if (event.e === "refused") this.addArrow(datagram, null, this.y);
+    const hasEnd = datagram.ends.length > 0 && !datagram.isRefused;
+    if (!hasEnd) this.addArrow(datagram, null, this.y);
     return true;
   }
 
@@ -170,8 +173,10 @@ class Layout {
 
   placeSilent(event) {
     if (event.t === 0 && event.e === "port" && event.state === "down") return false;
-    this.beginRow(event, ROW.change);
-    return true;
+    const isNew = !this.isQuietRow || this.lastTick !== event.t;
+    if (isNew) this.beginRow(event, ROW.change);
+    this.isQuietRow = true;
+    return isNew;
   }
 
   // The stop at or before a place in the picture.

@@ -27,8 +27,9 @@ function describeRecord(record) {
           ["P_Key", isSet(record.p_key) ? record.p_key : null], ["lease", isSet(record.lease) ? record.lease : null], ["service", record.service]];
 }
 
-function describeEnd(datagram) {
+function describeEnd(datagram, isSeenAtHosts) {
   if (datagram.isRefused) return [["fate", "the fabric did not accept it"]];
+  if (!datagram.ends.length && !isSeenAtHosts) return [["fate", "still on its way at the end"]];
   return datagram.ends.map(end => {
     const marks = [end.twin && "duplicate", end.corrupt && "corrupted", end.held && "held back"].filter(Boolean).join(", ");
     const after = end.t - datagram.sent.t;
@@ -43,7 +44,7 @@ function describeDatagram(recording, datagram) {
   const path = sent.path ? [["from GID", sent.path.sgid], ["to GID", sent.path.dgid], ["LIDs", `${sent.path.slid} to ${sent.path.dlid}`], ["P_Key", sent.path.p_key]] : [];
   return node("div", {}, node("h2", {}, node("i", { class: `swatch ${kindOf(datagram.request ? datagram.request.sent : sent)}` }), `${sent.method} ${sent.attribute}`),
     list([["from", sent.from === "sa" ? "SA" : sent.from], ["to", sent.from === "sa" ? other : `SA, LID ${sent.lid}`], ["sent", formatTime(sent.t)],
-          ...describeEnd(datagram), ["status", sent.status], ["TID", sent.tid], ["mask", sent.mask], ...describeRecord(sent.record), ...path]));
+          ...describeEnd(datagram, recording.isSeenAtHosts), ["status", sent.status], ["TID", sent.tid], ["mask", sent.mask], ...describeRecord(sent.record), ...path]));
 }
 
 function describeLog(lines) {
@@ -79,15 +80,15 @@ function describeSelection(recording, event, logIndexes) {
 
 function describeState(recording, state, hiddenHosts) {
   const records = [...state.table.values()].sort((a, b) => a.gid < b.gid ? -1 : 1);
-  const parts = [
+  const parts = recording.isSeenAtHosts ? [] : [
     node("h2", {}, `The SA’s records `, node("span", { class: "count" }, String(records.length))),
     records.length ? table("sa-table", ["Address", "Name", "GID", "P_Key", "Lease"], records.map(record => ({
       attributes: { "data-gid": record.gid, "data-address": record.address, "data-name": record.name },
       cells: [record.address, record.name, gidNode(record.gid), record.p_key, record.lease] })))
       : node("p", { class: "hint", id: "sa-table" }, "none"),
-    node("h2", {}, "Ports"),
-    table("port-table", ["Port", "Link", "Active", "Registered", "Waiting"], portRows(recording, state, hiddenHosts)),
   ];
+  parts.push(node("h2", {}, "Ports"),
+             table("port-table", ["Port", "Link", "Active", "Registered", "Waiting"], portRows(recording, state, hiddenHosts)));
   const faults = [...state.faults].map(([name, value]) => value > 1 ? `${name} ${value}` : name);
   if (faults.length) parts.push(node("h2", {}, "Faults of the fabric"), node("p", { id: "fault-list" }, faults.join(", ")));
   const acts = [...state.acts.values()].map(act => `${act.number} ${act.name}, ${act.host}`);
@@ -103,7 +104,7 @@ function portRows(recording, state, hiddenHosts) {
     const waiting = [...state.waiting.values()].filter(request => request.from === port.name);
     const verdict = isOwn ? registration.verdict : "";
     return { attributes: { "data-port": port.name }, cells: [
-      port.name, node("span", { class: `dot ${now.state}` }, now.state), state.active.get(hcaOf(port.name)) === port.name ? "yes" : "",
+      port.name, node("span", { class: `dot ${now.state}` }, now.state === "active" ? "up" : now.state), state.active.get(hcaOf(port.name)) === port.name ? "yes" : "",
       isOwn ? node("span", { class: `dot ${verdict.replace(" ", "-")}`, title: `${registration.record.address} ${registration.record.name} ${registration.status || ""}` }, verdict) : "",
       waiting.length ? node("span", { title: waiting.map(request => labelOf(request)).join("\n") }, String(waiting.length)) : ""] };
   });

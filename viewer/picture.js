@@ -2,6 +2,7 @@
 
 const SVG = "http://www.w3.org/2000/svg";
 const DRAW_ALL_ITEMS = 4000; // up to this number, all items are drawn at once
+const LETTER_WIDTH = 6.2; // of a label, about
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
@@ -21,10 +22,14 @@ function kindOf(sent) {
   return ["get", "set", "delete"].includes(method) ? method : "other";
 }
 
-function labelOf(sent) {
-  if (isAnswer(sent)) return isGood(sent) ? `${sent.method} ${subjectOf(sent)}`.trim() : statusText(sent);
-  return `${sent.method} ${subjectOf(sent)}`.trim();
+function labelOf(sent, room) {
+  const text = isAnswer(sent) && !isGood(sent) ? statusText(sent) : `${sent.method} ${subjectOf(sent)}`.trim();
+  const digits = Math.max(8, Math.floor(room / LETTER_WIDTH));
+  return text.length > digits ? text.slice(0, digits - 1) + "…" : text;
 }
+
+// No record is a usual answer; others with an error status stand out.
+const isTroubleStatus = sent => !isGood(sent) && !sent.status.startsWith("0x0300");
 
 // Extracts "it holds no such record" from "0x0300 (it holds no such record)".
 const statusText = sent => sent.status.replace(/^\S+ \((.*)\)$/, "$1").replace(/^it /, "");
@@ -165,21 +170,24 @@ class Picture {
     const host = datagram.lane ? datagram.lane.x : this.layout.width;
     const [x1, x2] = sent.from === "sa" ? [sa, host] : [host, sa];
     const direction = Math.sign(x2 - x1);
-    const isLost = !end || end.e === "lost";
-    const reach = datagram.isRefused ? 24 / Math.abs(x2 - x1) : !isLost ? 1 : end.at_end ? 1 - 9 / Math.abs(x2 - x1) : 0.5;
+    const isLost = datagram.isRefused || (end && end.e === "lost");
+    const isOpen = !end && !isLost && !this.layout.recording.isSeenAtHosts; // the run ended before it arrived
+    const length = Math.abs(x2 - x1) || 1;
+    const reach = datagram.isRefused ? 24 / length : isOpen || (isLost && !end.at_end) ? 0.5 : isLost ? 1 - 9 / length : 1;
     const [tipX, tipY] = [x1 + (x2 - x1) * reach, y1 + (y2 - y1) * reach];
     const request = this.requestOf(datagram);
     const classes = ["arrow", kindOf(request), isAnswer(sent) ? "answer" : "request"];
     if (end && end.twin) classes.push("twin");
     if (isLost) classes.push("lost");
-    if (!isGood(sent)) classes.push("error");
+    if (isTroubleStatus(sent)) classes.push("error");
     if (end && end.corrupt) classes.push("corrupt");
     const line = `M${x1} ${y1}L${tipX} ${tipY}`;
-    const head = isLost ? `M${tipX - 4} ${tipY - 4}l8 8m0 -8l-8 8` : `M${tipX} ${tipY}l${-7 * direction} -3.5v7z`;
+    const head = isLost ? `M${tipX - 4} ${tipY - 4}l8 8m0 -8l-8 8` : isOpen ? "" : `M${tipX} ${tipY}l${-7 * direction} -3.5v7z`;
+    const labelX = x1 + direction * (sent.from === "sa" ? 12 : 40);
+    const label = labelOf(sent, Math.abs(x2 - labelX) - 10) + (end && end.corrupt ? " (corrupted)" : "");
     return svgNode("g", { class: classes.join(" "), "data-n": datagram.n, "data-event": sent.index, "data-tip": this.tip(datagram, end) },
       svgNode("path", { class: "hit", d: line }), svgNode("path", { class: "line", d: line }), svgNode("path", { class: "head", d: head }),
-      end && end.twin ? "" : svgText(x1 + direction * (sent.from === "sa" ? 10 : 40), y1 - 4, labelOf(sent) + (end && end.corrupt ? " (corrupted)" : ""),
-              "label", direction > 0 ? "start" : "end"));
+      end && end.twin ? "" : svgText(labelX, y1 - 4, label, "label", direction > 0 ? "start" : "end"));
   }
 
   // Returns the request that a datagram answers, to show both in one colour. Otherwise returns the datagram itself.
@@ -189,7 +197,7 @@ class Picture {
 
   tip(datagram, end) {
     const sent = datagram.sent;
-    let fate = "still on its way at the end";
+    let fate = this.layout.recording.isSeenAtHosts ? "sent" : "still on its way at the end";
     if (datagram.isRefused) fate = "the fabric did not accept it";
     else if (end && end.e === "lost") fate = end.why;
     else if (end) fate = end.t === sent.t ? "arrived at once" : `arrived after ${formatLength(end.t - sent.t)}`;

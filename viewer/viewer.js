@@ -48,7 +48,8 @@ function showSummary() {
   const shown = new Set(layout.arrows.map(arrow => arrow.datagram)).size;
   const all = recording.datagrams.size + recording.events.filter(event => event.e === "refused").length;
   const last = recording.events[recording.events.length - 1];
-  const parts = [`${recording.hosts.length} hosts`, `${formatLength(last ? last.t : 0)}`,
+  const hostCount = recording.hosts.length;
+  const parts = [filter.hiddenHosts.size ? `${hostCount - filter.hiddenHosts.size} of ${hostCount} hosts` : `${hostCount} hosts`, `${formatLength(last ? last.t : 0)}`,
                  shown === all ? `${formatNumber(all)} datagrams` : `${formatNumber(shown)} of ${formatNumber(all)} datagrams`];
   if (about.planned_acts !== undefined) parts.push(about.acts === about.planned_acts ? `${about.acts} acts` : `${about.acts} of ${about.planned_acts} acts`);
   byId("summary").textContent = parts.join(" · ");
@@ -103,7 +104,7 @@ function step(by) {
 }
 
 const isTrouble = event => event.e === "lost" || event.e === "refused" || event.e === "violation" ||
-  event.e === "sent" && !isGood(event) || event.e === "log" && event.level < 4;
+  event.e === "sent" && isTroubleStatus(event) || event.e === "log" && event.level < 4;
 
 function jump(by) {
   for (let next = stop + by; next >= 0 && next < layout.stops.length; next += by) {
@@ -143,7 +144,7 @@ function makeChips() {
   const isNeeded = key => key === "lost" || key === "log" || (key === "act" ? hasActs : present.has(key));
   byId("kinds").replaceChildren(...KINDS.filter(([key]) => isNeeded(key)).map(([key, text]) =>
     chip(text, key, !filter.hiddenKinds.has(key), toggler(filter.hiddenKinds, key))));
-  byId("host-list").replaceChildren(...recording.hosts.map(host => chip(host, "host", true, toggler(filter.hiddenHosts, host))));
+  byId("host-list").replaceChildren(...recording.hosts.map(host => chip(host, "host", !filter.hiddenHosts.has(host), toggler(filter.hiddenHosts, host))));
 }
 
 function showHead() {
@@ -269,11 +270,22 @@ function listen() {
   addEventListener("beforeprint", () => picture.draw(true));
 }
 
+// Of a failed run on many hosts, shows at first those that its acts and the violation name.
+function hideIdleHosts() {
+  const violation = violationEvent();
+  if (!violation || recording.ports.size <= 12) return;
+  const named = new Set(recording.events.filter(event => event.e === "act").map(event => event.host));
+  for (const port of recording.ports.values())
+    if (violation.text.includes(port.gid) || violation.text.startsWith(port.host + ":")) named.add(port.host);
+  if (named.size) for (const host of recording.hosts) if (!named.has(host)) filter.hiddenHosts.add(host);
+}
+
 function main() {
   joinAnswers(recording);
   for (const datagram of recording.datagrams.values()) datagram.text = textOfDatagram(datagram);
   for (const event of recording.events) if (event.e === "refused") event.datagram.text = textOfDatagram(event.datagram);
   chooseGidDigits(recording.ports);
+  hideIdleHosts();
   makeChips();
   showHead();
   select(null);

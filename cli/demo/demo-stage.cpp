@@ -32,8 +32,9 @@ world::host_plan plan_of(const std::string& name, int ports, const std::string& 
 
 } // namespace
 
-stage::stage(const std::string& module_folder, fabric::tap* tap, bool is_terminal)
-    : is_terminal_(is_terminal), time_(exec::make_simulation()), subnet_(std::make_unique<embedded::subnet>(*time_))
+stage::stage(const std::string& module_folder, fabric::tap* tap, recording::recorder* recorder, bool is_terminal)
+    : is_terminal_(is_terminal), recorder_(recorder), time_(exec::make_simulation()),
+      subnet_(std::make_unique<embedded::subnet>(*time_))
 {
     subnet_->set_tap(tap);
     const world::host_plan plans[] = {plan_of("node1", 1, "10.0.0.1"), plan_of("node2", 2, "10.0.0.2"),
@@ -43,6 +44,14 @@ stage::stage(const std::string& module_folder, fabric::tap* tap, bool is_termina
         hosts_.push_back(std::make_unique<world::host>(*time_, world::add_hcas(*subnet_, plan).value(), plan,
                                                        module_folder, ++random_seed));
     log_positions_.resize(hosts_.size());
+    if (!recorder_) return;
+    recorder_->follow(*subnet_);
+    for (const auto& host : hosts_) recorder_->follow(host->name(), host->machine());
+}
+
+stage::~stage()
+{
+    if (recorder_) recorder_->stop();
 }
 
 void stage::set_link(world::host& host, int port, bool is_up)
@@ -86,6 +95,10 @@ void stage::begin(size_t number, const std::string& title)
 {
     for (size_t i = 0; i < hosts_.size(); ++i)
         hosts_[i]->machine().log.lines_from(log_positions_[i], SIZE_MAX, &log_positions_[i]);
+    if (recorder_) {
+        recorder_->note_table(time_->now());
+        recorder_->note(time_->now(), "step", {{"text", std::to_string(number) + ". " + title}});
+    }
     std::printf("%s%2zu. %-86s%8.3f s%s\n", is_terminal_ ? bold : "", number, title.c_str(),
                 static_cast<double>(time_->now()) / 1000, is_terminal_ ? plain : "");
 }

@@ -12,6 +12,7 @@
 #include "host/fabric/embedded/subnet.h"
 #include "host/world/host.h"
 #include "host/world/resolution.h"
+#include "recording/recorder.h"
 
 namespace cli
 {
@@ -25,9 +26,13 @@ struct step_failed : std::runtime_error {
 class stage
 {
   public:
-    // Starts without modules and with all links down. `tap` (or null) receives every datagram. Modules come from
-    // `module_folder`. With `is_terminal` the output has colours.
-    stage(const std::string& module_folder, fabric::tap* tap, bool is_terminal);
+    // Starts without modules and with all links down. `tap` (or null) receives every datagram, and `recorder` (or null)
+    // everything that happens; both outlive the stage. Modules come from `module_folder`. With `is_terminal` the output
+    // has colours.
+    stage(const std::string& module_folder, fabric::tap* tap, recording::recorder* recorder, bool is_terminal);
+    ~stage();
+    stage(const stage&) = delete;
+    stage& operator=(const stage&) = delete;
 
     exec::simulation& time() { return *time_; }
     embedded::subnet& subnet() { return *subnet_; }
@@ -73,6 +78,7 @@ class stage
 
   private:
     bool is_terminal_;
+    recording::recorder* recorder_;
     std::unique_ptr<exec::simulation> time_;
     std::unique_ptr<embedded::subnet> subnet_;
     std::vector<std::unique_ptr<world::host>> hosts_;

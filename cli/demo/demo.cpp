@@ -1,8 +1,11 @@
 #include "cli/demo/demo.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
+#include <memory>
 #include <unistd.h>
 
 #include "cli/demo/demo-steps.h"
@@ -10,6 +13,7 @@
 #include "console/usage.h"
 #include "host/fabric/capture.h"
 #include "host/world/module-folder.h"
+#include "recording/page.h"
 
 namespace cli
 {
@@ -61,26 +65,53 @@ int play(stage& stage)
     return console::exit_ok;
 }
 
-// Returns the exit code. `capture` (or null) receives every datagram.
-int run_demo(const std::string& module_folder, fabric::capture* capture)
+struct demo_options {
+    std::string modules = world::default_module_folder();
+    std::string capture; // empty if nothing is captured
+    std::string html;    // empty if nothing is drawn
+};
+
+// Returns the exit code. `capture` (or null) receives every datagram, `recorder` (or null) everything that happens.
+int run_demo(const std::string& module_folder, fabric::capture* capture, recording::recorder* recorder)
 {
     const auto begin = wall_clock::now();
-    stage stage(module_folder, capture, isatty(STDOUT_FILENO) == 1);
+    stage stage(module_folder, capture, recorder, isatty(STDOUT_FILENO) == 1);
     const int exit_code = play(stage);
+    if (recorder) recorder->finish(stage.time().now());
     if (exit_code == console::exit_ok)
         std::printf("All %zu steps happened: %.1f s of simulated time in %.2f s.\n", std::size(steps),
                     static_cast<double>(stage.time().now()) / 1000, seconds_since(begin));
     return exit_code;
 }
 
-ats::result<int> run_captured_demo(const std::string& module_folder, const std::string& path)
+// Draws the demo, if that is asked for.
+ats::result<int> run_drawn_demo(const demo_options& options, fabric::capture* capture)
 {
+    if (options.html.empty()) return run_demo(options.modules, capture, nullptr);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
+    if (!file) return ats::fail(std::string("cannot create a file for the recording: ") + std::strerror(errno));
+    recording::recorder recorder(file.get(), "ats demo");
+    const int exit_code = run_demo(options.modules, capture, &recorder);
+    const ats::result<recording::cut_recording> cut = recording::cut(recording::text_of_file(file.get()), {});
+    if (!cut) return ats::pass_on(cut);
+    nlohmann::ordered_json about = {{"title", "ats demo"}};
+    recording::add_window(about, cut->shown);
+    if (const ats::result<> written = recording::write_page(options.html, about, cut->lines); !written)
+        return ats::fail(ats::error_kind::invalid, written.error().text);
+    std::printf("The picture is in %s: open it in a browser.\n", options.html.c_str());
+    return exit_code;
+}
+
+ats::result<int> run_captured_demo(const demo_options& options)
+{
+    const std::string& path = options.capture;
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     fabric::capture capture(path, static_cast<uint64_t>(now_ms));
     const ats::result<> status = capture.status();
     if (!status) return ats::fail(ats::error_kind::invalid, status.error().text);
-    const int exit_code = run_demo(module_folder, &capture);
+    const ats::result<int> exit_code = run_drawn_demo(options, &capture);
+    if (!exit_code) return exit_code;
     const ats::result<> end = capture.close();
     if (!end) return ats::pass_on(end);
     std::printf("%llu datagrams are in %s: open it with Wireshark, or 'tshark -V -r %s'.\n",
@@ -94,14 +125,14 @@ void add_demo(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* command =
         program.add_subcommand("demo", "Show the service at work: three hosts on a simulated fabric, in a moment");
-    auto path = std::make_shared<std::string>();
-    auto modules = std::make_shared<std::string>(world::default_module_folder());
-    command->add_option("--capture", *path, "Write every datagram to this file, for Wireshark and tshark")
+    auto options = std::make_shared<demo_options>();
+    command->add_option("--capture", options->capture, "Write every datagram to this file, for Wireshark and tshark")
         ->option_text("FILE");
-    console::add_module_folder_option(*command, *modules);
-    command->callback(console::command_callback(outcome, [=]() -> ats::result<int> {
-        if (path->empty()) return run_demo(*modules, nullptr);
-        return run_captured_demo(*modules, *path);
+    command->add_option("--html", options->html, "Draw everything that happens as a page for a browser, in this file")
+        ->option_text("FILE");
+    console::add_module_folder_option(*command, options->modules);
+    command->callback(console::command_callback(outcome, [options]() -> ats::result<int> {
+        return options->capture.empty() ? run_drawn_demo(*options, nullptr) : run_captured_demo(*options);
     }));
 }
 

@@ -66,6 +66,10 @@ void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Opt
                    "MS");
     command.add_option("--capture", arguments.capture, "Write every datagram to this file, for Wireshark and tshark")
         ->option_text("FILE");
+    command
+        .add_option("--record", arguments.record,
+                    "Record everything that happens in this file, for 'ats replay': datagrams, ports, logs, records")
+        ->option_text("FILE");
 }
 
 ats::result<world_config> with_fabric(world_config config, const fabric_arguments& arguments)
@@ -84,6 +88,7 @@ ats::result<world_config> with_fabric(world_config config, const fabric_argument
         print_port_remark(host, remark);
     };
     if (!arguments.capture.empty()) config.fabric.capture = arguments.capture;
+    config.fabric.record = arguments.record;
     return config;
 }
 

@@ -17,6 +17,7 @@ struct fabric_arguments {
     std::string name;
     std::string address;
     std::string capture;
+    std::string record;
     std::string sa_delete_pkey = "auto";
     int port_interval_ms = 100;
     const CLI::Option* hosts_option = nullptr;

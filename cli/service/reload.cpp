@@ -14,7 +14,7 @@ namespace
 
 bool is_same_fabric(const fabric_config& left, const fabric_config& right)
 {
-    return left.is_real == right.is_real && left.capture == right.capture &&
+    return left.is_real == right.is_real && left.capture == right.capture && left.record == right.record &&
            left.ports.watch_interval_ticks == right.ports.watch_interval_ticks &&
            left.ports.sa_delete_p_key == right.ports.sa_delete_p_key;
 }

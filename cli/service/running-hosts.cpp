@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
+#include <cstring>
 #include <new>
 
 #include "cli/service/host-orders.h"
@@ -89,6 +91,8 @@ ats::result<> running_hosts::open_fabric(const fabric_config& config)
     } else {
         subnet_ = std::make_unique<embedded::subnet>(*exec_);
     }
+    if (!config.record.empty())
+        if (const ats::result<> started = start_recording(config.record); !started) return started;
     return config.capture.empty() ? ats::result<>() : start_capture(config.capture);
 }
 
@@ -96,13 +100,14 @@ ats::result<> running_hosts::add_host(const host_config& plan, const std::string
 {
     return take_step(plan.name, [&]() -> ats::result<> {
         const ats::result<std::vector<fabric::hca*>> hcas =
-            is_real() ? real_fabric_->hcas() : world::add_hcas(*subnet_, plan);
+            is_real() ? watched(plan.name, real_fabric_->hcas()) : world::add_hcas(*subnet_, plan);
         if (!hcas) return ats::pass_on(hcas);
         hosts_.push_back(std::make_unique<world::host>(*exec_, *hcas, plan, module_folder, system_randomness));
         settings_.push_back(plan.settings);
         kernel::machine& machine = hosts_.back()->machine();
         host_statistics_[&machine].follow(machine.log);
         if (journal_copy_) journal_copy_->follow(plan.name, machine.log);
+        if (recorder_) recorder_->follow(plan.name, machine);
         return {};
     });
 }
@@ -119,6 +124,36 @@ void running_hosts::set_tap(fabric::tap* tap)
         real_fabric_->set_tap(tap);
     else
         subnet_->set_tap(tap);
+}
+
+ats::result<> running_hosts::start_recording(const std::string& path)
+{
+    record_file_.reset(std::fopen(path.c_str(), "w"));
+    if (!record_file_)
+        return ats::fail(error_kind::invalid, "cannot write the recording " + path + ": " + std::strerror(errno));
+    recorder_ = std::make_unique<recording::recorder>(record_file_.get(), "ats run");
+    if (subnet_) recorder_->follow(*subnet_);
+    return {};
+}
+
+ats::result<> running_hosts::stop_recording()
+{
+    if (!recorder_) return {};
+    const ats::result<> finished = recorder_->finish(exec_->now());
+    recorder_->stop();
+    return finished;
+}
+
+// A real fabric has no observer, so its HCAs are watched.
+std::vector<fabric::hca*> running_hosts::watched(const std::string& host, const std::vector<fabric::hca*>& hcas)
+{
+    if (!recorder_) return hcas;
+    std::vector<fabric::hca*> result;
+    for (fabric::hca* const hca : hcas) {
+        watched_hcas_.push_back(std::make_unique<recording::watched_hca>(host, *hca, *recorder_, *exec_));
+        result.push_back(watched_hcas_.back().get());
+    }
+    return result;
 }
 
 ats::result<> running_hosts::start_capture(const std::string& path)
@@ -187,7 +222,8 @@ std::vector<std::string> running_hosts::stop()
         else if (!is_sa_silent_)
             delete_records(**host);
     }
-    if (const ats::result<> captured = stop_capture(); !captured) refusals.push_back(captured.error().text);
+    for (const ats::result<>& stopped : {stop_capture(), stop_recording()})
+        if (!stopped) refusals.push_back(stopped.error().text);
     return refusals;
 }
 

@@ -18,6 +18,8 @@
 #include "host/fabric/embedded/subnet.h"
 #include "host/result.h"
 #include "host/world/host.h"
+#include "recording/recorder.h"
+#include "recording/watched-hca.h"
 
 namespace cli
 {
@@ -76,12 +78,19 @@ class running_hosts
     ats::result<> start_capture(const std::string& path);
     ats::result<> stop_capture();
     void set_tap(fabric::tap* tap);
+    ats::result<> start_recording(const std::string& path);
+    ats::result<> stop_recording();
+    std::vector<fabric::hca*> watched(const std::string& host, const std::vector<fabric::hca*>& hcas);
 
     const std::chrono::steady_clock::time_point build_time_ = std::chrono::steady_clock::now();
     std::unique_ptr<exec::executor> exec_;
     std::unique_ptr<fabric::capture> capture_; // before the fabric, which writes to it in its destructor
-    std::unique_ptr<embedded::subnet> subnet_; // this one or real_fabric_
+    using file_pointer = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+    file_pointer record_file_{nullptr, std::fclose};
+    std::unique_ptr<recording::recorder> recorder_; // before everything that it records
+    std::unique_ptr<embedded::subnet> subnet_;      // this one or real_fabric_
     std::unique_ptr<umad::real_fabric> real_fabric_;
+    std::vector<std::unique_ptr<recording::watched_hca>> watched_hcas_; // of a real fabric that is recorded
     service_statistics statistics_;
     std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs it follows
     std::optional<log_copy> journal_copy_; // also before the hosts; empty without a journal

@@ -27,6 +27,7 @@ struct fabric_config {
     bool is_real = false;            // true: this machine's real ports, with one host; false: an embedded fabric
     umad::fabric_options ports = {}; // of a real fabric
     std::string capture = {};        // the file for all datagrams, or ""
+    std::string record = {};         // the file for a recording, or ""
 };
 
 // Settings for programs that use librdmacm.
