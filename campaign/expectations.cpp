@@ -35,7 +35,13 @@ enum class excuse { none, harm_since_named, false_record };
 struct flaw {
     std::string text; // empty if there is no flaw
     excuse possible_excuse = excuse::none;
+    campaign::mismatch mismatch = {};
 };
+
+std::string content_of(const embedded::service_record_view& record)
+{
+    return record.ipv4 + " " + record.host_name;
+}
 
 // Returns true if the host's faults explain the flaw.
 bool is_excused(node& node, const flaw& flaw)
@@ -59,19 +65,28 @@ flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& 
 {
     const auto has_gid = [&](const auto& each) { return view_of(each).gid == gid; };
     const auto record = std::ranges::find_if(records, has_gid);
-    if (record == records.end()) return {"there is no record of " + gid};
+    if (record == records.end())
+        return {"there is no record of " + gid, excuse::none, {"a record of " + gid + " with " + ipv4, "none"}};
     if (std::ranges::count_if(records, has_gid) > 1)
-        return {"there are several records of " + gid, excuse::false_record};
+        return {"there are several records of " + gid, excuse::false_record, {"one record of " + gid, "several"}};
     const embedded::service_record_view view = view_of(*record);
-    if (view.ipv4 != ipv4) return {gid + " has the address " + view.ipv4 + ", not " + ipv4};
-    if (node.address_is_certain && ipv4 != world::format_ipv4(node.address[hca]))
-        return {"the host has the address " + ipv4 + ", not " + world::format_ipv4(node.address[hca])};
+    if (view.ipv4 != ipv4)
+        return {gid + " has the address " + view.ipv4 + ", not " + ipv4,
+                excuse::none,
+                {ipv4 + ", which the host reports for " + gid, "the SA's record: " + content_of(view)}};
+    const std::string given_address = world::format_ipv4(node.address[hca]);
+    if (node.address_is_certain && ipv4 != given_address)
+        return {"the host has the address " + ipv4 + ", not " + given_address,
+                excuse::none,
+                {given_address + ", which was given to the host last", "the host's report: " + ipv4}};
     if (std::ranges::find(node.addresses_given, *world::parse_ipv4(view.ipv4)) == node.addresses_given.end())
         return {"nobody gave the address " + view.ipv4};
     if (view.p_key != node.hcas[hca]->read_port(1).p_keys[0] || !is_as_registered(*record))
         return {"the record of " + gid + " has a wrong P_Key or a wrong constant field", excuse::false_record};
     if (node.name_is_certain && view.host_name != node.name.substr(0, 30))
-        return {gid + " has the name " + view.host_name + ", not " + node.name, excuse::harm_since_named};
+        return {gid + " has the name " + view.host_name + ", not " + node.name,
+                excuse::harm_since_named,
+                {"the name " + node.name.substr(0, 30), "the SA's record: " + content_of(view)}};
     if (std::ranges::find(node.names_given, view.host_name) == node.names_given.end())
         return {"nobody gave the name " + view.host_name, excuse::false_record};
     return {};
@@ -102,8 +117,12 @@ findings examine(node& node, scope scope)
         const console::json& active = report[i]["active_port"];
         ++node.fabric.counts.truths;
         if (active.is_null() == node.has_link(i)) {
-            findings.flaws.push_back(
-                {active.is_null() ? "no port is active in spite of a link" : "a port is active without a link"});
+            findings.flaws.push_back(active.is_null() ? flaw{"no port is active in spite of a link",
+                                                             excuse::none,
+                                                             {"an active port", "none in the host's report"}}
+                                                      : flaw{"a port is active without a link",
+                                                             excuse::none,
+                                                             {"no active port", "port " + active.dump()}});
         } else if (!active.is_null()) {
             const bool is_cut_off =
                 scope == scope::healthy_hcas ? node.is_cut_off(i) : node.is_cut_off(i, active.get<int>());
@@ -117,9 +136,9 @@ findings examine(node& node, scope scope)
     return findings;
 }
 
-[[noreturn]] void fail(node& node, const std::string& fault)
+[[noreturn]] void fail(node& node, const std::string& fault, const mismatch& mismatch = {})
 {
-    node.fabric.violate(node.host.name() + ": " + fault);
+    node.fabric.violate(node.host.name() + ": " + fault, mismatch);
 }
 
 // ---- at the end ----
@@ -185,7 +204,7 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
         findings findings;
         each.machine().enter("check", [&] { findings = examine(each, scope::healthy_ports); });
         for (const flaw& flaw : findings.flaws)
-            if (!to_forget || !is_excused(each, flaw)) fail(each, flaw.text);
+            if (!to_forget || !is_excused(each, flaw)) fail(each, flaw.text, flaw.mismatch);
         if (findings.flaws.empty()) true_gids.insert(true_gids.end(), findings.gids.begin(), findings.gids.end());
     }
     for (const ib_service_record_v2_t& raw : fabric.subnet.save_records()) {
@@ -194,7 +213,9 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
         const auto& [owner, hca] = owner_of(fabric, record.gid);
         if (owner.is_cut_off(hca)) continue; // no host may be able to delete it
         if (!to_forget || !(fabric.network.ever || owner.harm().ever || owner.may_have_left_records))
-            fabric.violate("the SA still holds a record of " + record.gid + ", " + record.host_name);
+            fabric.violate(
+                "the SA still holds a record of " + record.gid + ", " + record.host_name,
+                {"no record of " + record.gid + ", or a right one", "the SA's record: " + content_of(record)});
         to_forget->push_back(record.gid);
     }
 }
@@ -250,13 +271,17 @@ void compare_lookups(tested_fabric& fabric)
             const bool is_shared = std::ranges::count(records, record.ipv4, &embedded::service_record_view::ipv4) > 1;
             const question& by_ip = ask_and_wait(node, [&](question& question) { ask_for_gid(question, ip, true); });
             if (!is_shared && (status_of(by_ip) != ibat_stat_ok || !(by_ip.gid == gid)))
-                fail(node, record.ipv4 + " is " + world::format_gid(by_ip.gid) + ", status " +
-                               std::to_string(status_of(by_ip)) + ", instead of " + record.gid);
+                fail(node,
+                     record.ipv4 + " is " + world::format_gid(by_ip.gid) + ", status " +
+                         std::to_string(status_of(by_ip)) + ", instead of " + record.gid,
+                     {record.gid, world::format_gid(by_ip.gid)});
             const question& by_gid = ask_and_wait(node, [&](question& question) { ask_for_address(question, gid); });
             const bool serves_ucm = node.machine().inter_modules.references("ucm_rarp_attach_fn") > 0;
             if (serves_ucm && (status_of(by_gid) != ibat_stat_ok || by_gid.ip != ip))
-                fail(node, record.gid + " is " + world::format_ipv4(by_gid.ip) + ", status " +
-                               std::to_string(status_of(by_gid)) + ", instead of " + record.ipv4);
+                fail(node,
+                     record.gid + " is " + world::format_ipv4(by_gid.ip) + ", status " +
+                         std::to_string(status_of(by_gid)) + ", instead of " + record.ipv4,
+                     {record.ipv4, world::format_ipv4(by_gid.ip)});
             if (!fabric.plan.drawn.asks_for_paths) continue;
             const question& by_path =
                 ask_and_wait(node, [&](question& question) { ask_for_path(question, gid, true); });
@@ -292,7 +317,8 @@ void settle_questions(tested_fabric& fabric)
     for (node& node : fabric.nodes)
         for (const question& each : node.questions) {
             if (each.returned == ibat_stat_pending && !each.is_closed && each.replies == 0)
-                fail(node, "a question of tick " + std::to_string(each.begun_tick) + " was never answered");
+                fail(node, "a question of tick " + std::to_string(each.begun_tick) + " was never answered",
+                     {"one answer", "none"});
             const bool may_reply =
                 each.returned == ibat_stat_pending || (each.of_service && each.returned == ibat_stat_error);
             if (!may_reply && each.replies > 0) fail(node, "a question that was settled at once was answered again");
@@ -320,7 +346,7 @@ void check_promptly(node& node, uint64_t acted_tick)
     if (!is_undisturbed(node, acted_tick)) return;
     for (const flaw& flaw : examine(node, scope::healthy_hcas).flaws)
         if (!is_excused(node, flaw))
-            fail(node, "it changed at tick " + std::to_string(acted_tick) + ", but " + flaw.text);
+            fail(node, "it changed at tick " + std::to_string(acted_tick) + ", but " + flaw.text, flaw.mismatch);
 }
 
 void check_in_spite_of_cuts(node& node, const act& act)

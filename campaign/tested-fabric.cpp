@@ -42,11 +42,11 @@ void tested_fabric::note(const std::string& subject, const std::string& event)
     if (log_) std::fputs(line.c_str(), log_);
 }
 
-void tested_fabric::violate(const std::string& fault)
+void tested_fabric::violate(const std::string& fault, const mismatch& mismatch)
 {
     note("violation", fault);
     if (log_) std::fflush(log_);
-    if (recorder_) recorder_->note(now(), "violation", {{"text", fault}});
+    record_violation(fault, mismatch);
     const ats::result<> recording = finish_recording();
     std::fprintf(stderr, "at tick %llu: %s\n", static_cast<unsigned long long>(now()), fault.c_str());
     const ats::result<> flush = wire.flush_capture();
@@ -149,6 +149,14 @@ void tested_fabric::record_act(const act& act, size_t number, bool begins)
                      {"harm", harm_texts[static_cast<size_t>(kind.harm)]},
                      {"a", act.a},
                      {"b", act.b}});
+}
+
+void tested_fabric::record_violation(const std::string& fault, const mismatch& mismatch)
+{
+    if (!recorder_) return;
+    recording::json fields = {{"text", fault}};
+    if (!mismatch.expected.empty()) fields.update({{"expected", mismatch.expected}, {"actual", mismatch.actual}});
+    recorder_->note(now(), "violation", fields);
 }
 
 ats::result<> tested_fabric::finish_recording()

@@ -49,6 +49,12 @@ struct harm_watch {
     bool quiet_since(uint64_t tick) const { return acts_running == 0 && (!ever || last_tick < tick); }
 };
 
+// The expected and the actual state, for the picture of a violation. Both are empty if the fault says it all.
+struct mismatch {
+    std::string expected;
+    std::string actual;
+};
+
 struct tested_fabric {
     tested_fabric(const campaign::plan& plan, const run_options& options);
     ~tested_fabric();
@@ -58,7 +64,7 @@ struct tested_fabric {
     ats::result<> run(const std::vector<size_t>& act_numbers);
 
     // Prints the fault and ends the process.
-    [[noreturn]] void violate(const std::string& fault);
+    [[noreturn]] void violate(const std::string& fault, const mismatch& mismatch = {});
 
     // Adds a line to the log and to the digest.
     void note(const std::string& subject, const std::string& event);
@@ -95,6 +101,7 @@ struct tested_fabric {
     void keep_records();
 
     void record_act(const act& act, size_t number, bool begins);
+    void record_violation(const std::string& fault, const mismatch& mismatch);
     ats::result<> finish_recording();
 
     std::FILE* log_ = nullptr;

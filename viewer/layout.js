@@ -3,7 +3,8 @@
 const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
 const FOLD_MS = 400; // a longer period without events is folded
 const TIME_WIDTH = 84;
-const SA_ROOM = 96; // space for the bars of faults, between the times and the SA's lane
+const SA_ROOM = 96; // between the times and the SA's lane, for the bars of faults
+const NARROW = 700;  // a screen below this width has less room between
 const TOP = 10;
 
 const formatNumber = number => number.toLocaleString("en");
@@ -18,7 +19,8 @@ function formatTime(ms) {
 function formatLength(ms) {
   if (ms < 1000) return `${ms} ms`;
   if (ms < 60000) return `${+(ms / 1000).toFixed(1)} s`;
-  const [minutes, seconds] = [Math.floor(ms / 60000), Math.round((ms % 60000) / 1000)];
+  const all = Math.round(ms / 1000);
+  const [minutes, seconds] = [Math.floor(all / 60), all % 60];
   if (minutes < 60) return seconds ? `${minutes} min ${seconds} s` : `${minutes} min`;
   return `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
 }
@@ -26,9 +28,9 @@ function formatLength(ms) {
 // Computes the x of each lane. `width` is the available space.
 function placeLanes(recording, filter, width) {
   const ports = [...recording.ports.values()].filter(port => !filter.hiddenHosts.has(port.host));
-  const saX = TIME_WIDTH + SA_ROOM;
+  const saX = TIME_WIDTH + (width < NARROW ? SA_ROOM / 2 : SA_ROOM);
   const room = (width - saX - 60) / Math.max(ports.length, 1);
-  const step = Math.max(width < 700 ? 112 : 150, Math.min(room, 260));
+  const step = Math.max(width < NARROW ? 112 : 132, Math.min(room, 260));
   const lanes = new Map([["sa", { name: "sa", x: saX }]]);
   ports.forEach((port, i) => lanes.set(port.name, { ...port, x: saX + (i + 1) * step }));
   return { lanes, step, width: saX + ports.length * step + Math.max(60, step / 2) };

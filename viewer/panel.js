@@ -23,7 +23,7 @@ const gidNode = gid => node("abbr", { title: gid }, shortGid(gid));
 function describeRecord(record) {
   if (!record) return [];
   const isSet = value => value && value !== "0.0.0.0" && value !== "0x0" && value !== "0 s";
-  return [["GID", record.gid], ["address", isSet(record.address) ? record.address : null], ["name", record.name],
+  return [["GID", /^0x0+$/.test(record.gid) ? null : record.gid], ["address", isSet(record.address) ? record.address : null], ["name", record.name],
           ["P_Key", isSet(record.p_key) ? record.p_key : null], ["lease", isSet(record.lease) ? record.lease : null], ["service", record.service]];
 }
 
@@ -78,17 +78,19 @@ function describeSelection(recording, event, logIndexes) {
   return node("div");
 }
 
-function describeState(recording, state, hiddenHosts) {
+// Marks the records and ports whose GID the violation names.
+function describeState(recording, state, hiddenHosts, violation) {
+  const suspect = gid => violation.includes(gid) ? "suspect" : null;
   const records = [...state.table.values()].sort((a, b) => a.gid < b.gid ? -1 : 1);
   const parts = recording.isSeenAtHosts ? [] : [
     node("h2", {}, `The SA’s records `, node("span", { class: "count" }, String(records.length))),
-    records.length ? table("sa-table", ["Address", "Name", "GID", "P_Key", "Lease"], records.map(record => ({
-      attributes: { "data-gid": record.gid, "data-address": record.address, "data-name": record.name },
-      cells: [record.address, record.name, gidNode(record.gid), record.p_key, record.lease] })))
+    records.length ? table("sa-table", ["Address", "GID", "Name", "P_Key", "Lease"], records.map(record => ({
+      attributes: { class: suspect(record.gid), "data-gid": record.gid, "data-address": record.address, "data-name": record.name },
+      cells: [record.address, gidNode(record.gid), node("span", { class: "name", title: record.name }, record.name), record.p_key, record.lease] })))
       : node("p", { class: "hint", id: "sa-table" }, "none"),
   ];
   parts.push(node("h2", {}, "Ports"),
-             table("port-table", ["Port", "Link", "Active", "Registered", "Waiting"], portRows(recording, state, hiddenHosts)));
+             table("port-table", ["Port", "Link", "Active", "Registered", "Waiting"], portRows(recording, state, hiddenHosts, suspect)));
   const faults = [...state.faults].map(([name, value]) => value > 1 ? `${name} ${value}` : name);
   if (faults.length) parts.push(node("h2", {}, "Faults of the fabric"), node("p", { id: "fault-list" }, faults.join(", ")));
   const acts = [...state.acts.values()].map(act => `${act.number} ${act.name}, ${act.host}`);
@@ -96,14 +98,14 @@ function describeState(recording, state, hiddenHosts) {
   return node("div", {}, ...parts);
 }
 
-function portRows(recording, state, hiddenHosts) {
+function portRows(recording, state, hiddenHosts, suspect) {
   return [...recording.ports.values()].filter(port => !hiddenHosts.has(port.host)).map(port => {
     const now = state.ports.get(port.name) || { state: "unknown" };
     const registration = state.registrations.get(hcaOf(port.name));
     const isOwn = registration && registration.port === port.name;
     const waiting = [...state.waiting.values()].filter(request => request.from === port.name);
     const verdict = isOwn ? registration.verdict : "";
-    return { attributes: { "data-port": port.name }, cells: [
+    return { attributes: { class: suspect(port.gid), "data-port": port.name }, cells: [
       port.name, node("span", { class: `dot ${now.state}` }, now.state === "active" ? "up" : now.state), state.active.get(hcaOf(port.name)) === port.name ? "yes" : "",
       isOwn ? node("span", { class: `dot ${verdict.replace(" ", "-")}`, title: `${registration.record.address} ${registration.record.name} ${registration.status || ""}` }, verdict) : "",
       waiting.length ? node("span", { title: waiting.map(request => labelOf(request)).join("\n") }, String(waiting.length)) : ""] };

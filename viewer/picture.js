@@ -3,6 +3,7 @@
 const SVG = "http://www.w3.org/2000/svg";
 const DRAW_ALL_ITEMS = 4000; // up to this number, all items are drawn at once
 const LETTER_WIDTH = 6.2; // of a label, about
+const LONG_ARROW = 600; // pixels: the far end may not be on the screen, so both ends say what it is
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
@@ -179,6 +180,8 @@ class Picture {
     const classes = ["arrow", kindOf(request), isAnswer(sent) ? "answer" : "request"];
     if (end && end.twin) classes.push("twin");
     if (isLost) classes.push("lost");
+    if (isOpen) classes.push("open");
+    if (datagram.isRefused) classes.push("refused");
     if (isTroubleStatus(sent)) classes.push("error");
     if (end && end.corrupt) classes.push("corrupt");
     const line = `M${x1} ${y1}L${tipX} ${tipY}`;
@@ -187,7 +190,15 @@ class Picture {
     const label = labelOf(sent, Math.abs(x2 - labelX) - 10) + (end && end.corrupt ? " (corrupted)" : "");
     return svgNode("g", { class: classes.join(" "), "data-n": datagram.n, "data-event": sent.index, "data-tip": this.tip(datagram, end) },
       svgNode("path", { class: "hit", d: line }), svgNode("path", { class: "line", d: line }), svgNode("path", { class: "head", d: head }),
-      end && end.twin ? "" : svgText(labelX, y1 - 4, label, "label", direction > 0 ? "start" : "end"));
+      end && end.twin ? "" : svgText(labelX, y1 - 4, label, "label", direction > 0 ? "start" : "end"),
+      end && end.twin || length < LONG_ARROW ? "" : this.farLabel(datagram, label, [x1, y1], [x2, y2]));
+  }
+
+  // Names the host of a long arrow at the end that the label does not stand at.
+  farLabel(datagram, label, [x1, y1], [x2, y2]) {
+    const host = datagram.lane ? datagram.lane.host : "";
+    if (datagram.sent.from === "sa") return svgText(x2 - 14, y2 - 4, label, "label", "end");
+    return svgText(x2 + 14, y2 - 4, `${host}: ${label}`, "label", "start");
   }
 
   // Returns the request that a datagram answers, to show both in one colour. Otherwise returns the datagram itself.

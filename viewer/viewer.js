@@ -2,7 +2,7 @@
 
 const byId = id => document.getElementById(id);
 const KINDS = [["get", "Get"], ["set", "Set"], ["delete", "Delete"], ["path", "Path"], ["other", "Other"], ["lost", "Lost only"], ["log", "Log"], ["act", "Acts"]];
-const KEYS = [["↑ ↓, k j", "previous, next event"], ["Home, End", "begin, end"], ["n, p", "next, previous loss or error"], ["v", "the violation"],
+const KEYS = [["↑ ↓, k j", "previous, next event"], ["Home, End", "begin, end"], ["n, p", "next, previous loss or error"], ["a, A", "next, previous act or step"], ["v", "the violation"],
               ["/", "filter by text"], ["Esc", "drop the filter or the selection"], ["?", "this help"]];
 
 const recording = readRecording(byId("recording").textContent);
@@ -63,11 +63,11 @@ function moveTo(next, scrolls = true) {
   const event = recording.events[index];
   const y = layout.yOf[index];
   byId("scrubber").value = stop;
-  byId("moment").textContent = `${formatTime(event.t)} · tick ${formatNumber(event.t)}`;
+  byId("moment").replaceChildren(formatTime(event.t), node("span", { class: "tick" }, ` · tick ${formatNumber(event.t)}`));
   picture.moveCursor(y);
   if (scrolls) keepInView(y);
   const state = stateAfter(recording, endOfStop());
-  byId("state").replaceChildren(describeState(recording, state, filter.hiddenHosts));
+  byId("state").replaceChildren(describeState(recording, state, filter.hiddenHosts, (violationEvent() || {}).text || ""));
 }
 
 // Returns the last event of the stop: later events without a row belong to it.
@@ -103,14 +103,16 @@ function step(by) {
   select(event, mark ? mark.lines.map(line => line.index) : undefined);
 }
 
-const isTrouble = event => event.e === "lost" || event.e === "refused" || event.e === "violation" ||
+const isLoss = event => event.e === "sent" && event.datagram.ends.some(end => end.e === "lost");
+const isAct = event => event.e === "act" || event.e === "step";
+const isTrouble = event => isLoss(event) || event.e === "lost" || event.e === "refused" || event.e === "violation" ||
   event.e === "sent" && isTroubleStatus(event) || event.e === "log" && event.level < 4;
 
-function jump(by) {
+// Moves to the next event of a sort; `by` is -1 or 1.
+function jump(by, isOfSort) {
   for (let next = stop + by; next >= 0 && next < layout.stops.length; next += by) {
     const event = recording.events[layout.stops[next]];
-    const isLost = event.e === "sent" && event.datagram.ends.some(end => end.e === "lost");
-    if (!isTrouble(event) && !isLost) continue;
+    if (!isOfSort(event)) continue;
     moveTo(next);
     select(event);
     return;
@@ -204,7 +206,8 @@ function showHelp() {
 
 const ON_KEY = {
   ArrowDown: () => step(1), j: () => step(1), ArrowUp: () => step(-1), k: () => step(-1),
-  Home: () => moveTo(0), End: () => moveTo(layout.stops.length - 1), n: () => jump(1), p: () => jump(-1),
+  Home: () => moveTo(0), End: () => moveTo(layout.stops.length - 1), n: () => jump(1, isTrouble), p: () => jump(-1, isTrouble),
+  a: () => jump(1, isAct), A: () => jump(-1, isAct),
   v: () => { const violation = violationEvent(); if (violation) goTo(violation); },
   "/": () => byId("search").focus(), "?": showHelp, Escape: () => select(null),
 };
@@ -244,6 +247,11 @@ function onHover(event) {
   tip.style.top = `${Math.min(event.clientY + 16, innerHeight - tip.offsetHeight - 8)}px`;
 }
 
+function applySearch() {
+  filter.text = byId("search").value.trim().toLowerCase();
+  relayout();
+}
+
 function later(action, ms) {
   let timer = 0;
   return () => {
@@ -253,10 +261,7 @@ function later(action, ms) {
 }
 
 function listen() {
-  byId("search").addEventListener("input", later(() => {
-    filter.text = byId("search").value.trim().toLowerCase();
-    relayout();
-  }, 120));
+  byId("search").addEventListener("input", later(applySearch, 120));
   byId("scrubber").addEventListener("input", () => moveTo(+byId("scrubber").value));
   byId("back").addEventListener("click", () => step(-1));
   byId("forth").addEventListener("click", () => step(1));
@@ -278,6 +283,14 @@ function hideIdleHosts() {
   for (const port of recording.ports.values())
     if (violation.text.includes(port.gid) || violation.text.startsWith(port.host + ":")) named.add(port.host);
   if (named.size) for (const host of recording.hosts) if (!named.has(host)) filter.hiddenHosts.add(host);
+}
+
+// The moment that tells most: the violation, or else the first lost datagram.
+function showForPicture() {
+  const violation = violationEvent();
+  if (violation) return goTo(violation);
+  moveTo(0);
+  jump(1, isLoss);
 }
 
 function main() {
