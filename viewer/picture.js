@@ -3,7 +3,8 @@
 const SVG = "http://www.w3.org/2000/svg";
 const DRAW_ALL_ITEMS = 4000; // up to this number, all items are drawn at once
 const LETTER_WIDTH = 6.2; // of a label, about
-const LONG_ARROW = 600; // pixels: the far end may not be on the screen, so both ends say what it is
+const NAMES_HEIGHT = 46;
+const LONG_ARROW = 900; // pixels: the far end may not be on the screen, so both ends say what it is
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
@@ -68,6 +69,9 @@ class Picture {
     this.items = layout.arrows.length + layout.logs.length;
     for (const each of [this.svg, this.names]) each.setAttribute("width", layout.width);
     this.svg.setAttribute("height", layout.height);
+    // Print shrinks both to the paper's width.
+    this.svg.setAttribute("viewBox", `0 0 ${layout.width} ${layout.height}`);
+    this.names.setAttribute("viewBox", `0 0 ${layout.width} ${NAMES_HEIGHT}`);
     this.drawNames();
     this.drawn = [0, 0];
     this.draw();
@@ -104,7 +108,7 @@ class Picture {
   }
 
   drawNames() {
-    this.names.setAttribute("height", 46);
+    this.names.setAttribute("height", NAMES_HEIGHT);
     this.names.replaceChildren(...[...this.layout.lanes.values()].map(lane => {
       const isSa = lane.name === "sa";
       const port = isSa ? "Subnet Administrator" : lane.name.split(" ").slice(1).join(" port ");
