@@ -496,7 +496,7 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"check in spite of cuts", 0, harm::none, 0, check_the_rest, nullptr, "healthy hosts that found another one",
      nullptr, &plan_options::has_unhealed_faults},
     {"priorities", 0, harm::none, 0, nullptr, nullptr, "tasks overtaken at a change of priority", nullptr,
-     &plan_options::has_priorities}, // no act: it holds for the whole run
+     &plan_options::has_priorities}, // this is not an act; it lasts for the whole run
 });
 
 } // namespace campaign

@@ -64,8 +64,8 @@ weights weights_of(const plan_options& options)
     return weights;
 }
 
-// Leaves out half of the kinds, and makes some of the others up to eight times as frequent. Therefore a seed may have
-// combinations of acts that are rare while all kinds compete. One harmless kind always remains.
+// Removes half of the kinds, and makes some of the others up to eight times as frequent. Then a seed may have
+// combinations of acts that are rare when all kinds occur. At least one harmless kind always remains.
 void draw_swarm(dice& dice, weights& weights)
 {
     const size_t kept_kind = dice.below(2);
@@ -138,7 +138,7 @@ void add_unhealed_faults(plan& plan)
     }
 }
 
-// Short rounds often change the order of a few tasks. Long rounds hold a task back while many others run.
+// Short rounds often change the order of a few tasks. In a long round, one task waits while many others run.
 exec::priority_options draw_priorities(uint64_t seed)
 {
     constexpr uint64_t own_sequence = 0x7072696F72697479;

@@ -26,7 +26,7 @@ struct plan_options {
     bool asks_for_paths = false;
     bool has_unhealed_faults = false;
     bool has_priorities = false; // tasks run by random priorities, see exec::priority_schedule
-    bool is_swarm = false;       // each seed draws which kinds of acts there are; each other option may then hold, too
+    bool is_swarm = false;       // each seed draws the kinds of acts; it may add each of the other options
 
     bool operator==(const plan_options&) const = default;
 };
@@ -94,9 +94,9 @@ struct plan {
     std::vector<host_shape> hosts;
     std::vector<act> acts;    // sorted by begin_tick
     uint64_t faults_end_tick; // every act has ended before this tick
-    plan_options options;     // as on the command line
+    plan_options options;     // as the command line gives them
     std::optional<exec::priority_options> priorities;
-    plan_options drawn; // those that hold
+    plan_options drawn; // the options that the run uses
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);

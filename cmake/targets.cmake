@@ -4,9 +4,10 @@
 add_library(ats_interfaces INTERFACE)
 target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/ib-code/include)
 
-# Machines share the code of a module (host/kernel/image-area.h). Their variables lie 4 MiB further behind it than usual
-# (data_distance in host/kernel/image-template.h): the linker's own script with one step more. Without it, as under
-# sanitizers, whose variables are laid out otherwise, the dynamic linker maps a copy of the module for each machine.
+# All machines share the code of a module (host/kernel/image-area.h). The variables lie 4 MiB further behind the code
+# than usual (data_distance in host/kernel/image-template.h). For this, the linker's own script gets one more step.
+# Sanitizers place variables in another way, so builds with them do without it. Then the dynamic linker maps a copy of
+# the module for each machine.
 function(make_module_linker_script)
   set(MODULE_LINKER_SCRIPT "" PARENT_SCOPE)
   if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR ATS_SANITIZE OR ATS_COVERAGE)

@@ -146,7 +146,7 @@ class bench
         std::fflush(stdout);
     }
 
-    // The event reaches a host through a stand-in for libibverbs, because ibsim has no such events.
+    // A replacement for libibverbs reports the event to the host, because ibsim has no such events.
     void measure_reregistration()
     {
 #ifdef REREGISTRATIONS

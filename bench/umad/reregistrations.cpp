@@ -1,5 +1,5 @@
-// Measures how long a host's record is away after the SM has asked for all registrations anew (ClientReregister). A
-// whole host runs on its real port, and a stand-in for libibverbs reports the events. Compares with bare round trips to
+// Measures how long a host's record is missing after the SM has asked for new registrations (ClientReregister). One
+// host runs on its real port, and a replacement for libibverbs reports the events. Compares with bare round trips to
 // the SA.
 //   reregistrations OWN_ADDRESS COUNT
 #include <algorithm>
@@ -23,7 +23,7 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-// One HCA, named as ibsim names it, that reports an event for each report().
+// One HCA with the name that ibsim gives it. It reports an event for each report().
 struct stand_in {
     ibv_device device{};
     ibv_context context{};
@@ -85,7 +85,7 @@ double milliseconds_since(clock::time_point begin)
     return std::chrono::duration<double, std::milli>(clock::now() - begin).count();
 }
 
-// How often the SA has confirmed the host's record so far.
+// The number of times that the SA has confirmed the host's record.
 uint64_t confirmations(kernel::machine& host)
 {
     uint64_t count = 0;
@@ -95,7 +95,7 @@ uint64_t confirmations(kernel::machine& host)
     return count;
 }
 
-// Waits until the SA has confirmed it more often than that.
+// Waits until the SA has confirmed the record more than `count` times.
 void wait_confirmed(kernel::machine& host, uint64_t count)
 {
     constexpr std::chrono::seconds longest(30);
@@ -137,7 +137,7 @@ int main(int count, char** arguments)
     if (const auto load = host.load(); !load) fail(load.error().text);
     wait_confirmed(host.machine(), 0);
     std::vector<double> registrations, round_trips;
-    for (int i = 0; i < rounds; ++i) { // they take turns
+    for (int i = 0; i < rounds; ++i) { // alternately
         registrations.push_back(time_registration(host.machine()));
         round_trips.push_back(time_round_trip(host.machine(), *address));
     }

@@ -194,7 +194,8 @@ TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_lea
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
-// Hosts need address space for threads, and descriptors for the code of their modules. Both end here during a start.
+// Hosts need address space for threads, and descriptors for the code of their modules. Here both run out during a
+// start.
 TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -80,7 +80,7 @@ TEST(documents, manual_pages_name_the_options_of_every_command_and_no_others)
         EXPECT_THAT(options, IsSubsetOf(page_options)) << page;
         std::set<std::string> foreign;
         std::ranges::set_difference(page_options, options, std::inserter(foreign, foreign.end()));
-        // Texts show options of other commands: `ats run --hosts` and `--record`, `tail -f` and `jq -r`.
+        // The texts mention options of other commands: `ats run --hosts` and `--record`, `tail -f` and `jq -r`.
         EXPECT_THAT(foreign, IsSubsetOf({"--hosts", "--record", "-r", "-f"})) << page;
     }
 }

@@ -1,4 +1,4 @@
-// The records of a host at the SA, as the service checks them: before the host registers, and after it has left.
+// The service's calls for the records of a host at the SA, before the host registers and after it has left.
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@ namespace
 constexpr uint16_t first_p_key = 0xFFFF, second_p_key = 0x8005; // of the host's ports
 constexpr uint16_t not_its_p_key = 0x8006, nor_this = 0x8007;
 
-// A host with two ports; the link of the first one is up. No module runs.
+// A host with two ports. The link of the first port is up. No module runs.
 struct host_records : testing::Test {
     host_records() { EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1)); }
 
@@ -25,7 +25,7 @@ struct host_records : testing::Test {
                " that the host has left at the SA";
     }
 
-    // Lets `fault` act on `call`, at an SA that holds `records`.
+    // Makes `call` at an SA with these `records`, while `fault` is in effect.
     template <class call_t>
     auto with(const std::vector<test::record_t>& records, const std::function<void(embedded::fault_switches&)>& fault,
               const call_t& call)
@@ -56,7 +56,7 @@ TEST_F(host_records, that_the_host_has_left_are_deleted_and_no_others)
         const char* name;
         std::vector<test::record_t> records;
         std::vector<std::string> lines;
-        size_t rest; // of the records
+        size_t rest; // the number of records that remain
         std::function<void(embedded::fault_switches&)> fault = nullptr;
     } rows[] = {
         {"none", {other}, {}, 1},

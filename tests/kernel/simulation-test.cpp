@@ -83,15 +83,15 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
     EXPECT_EQ(orders, 4u); // the plain order, the second task first, a switch in down(), a switch in up()
 }
 
-// The number of orders out of 1000 in which a task is held back for long: `many_steps` runs as a whole between the two
-// steps of the other task.
+// Counts the orders out of 1000 in which the task "two steps" waits for long. That is when all of "many steps" runs
+// between its two steps.
 int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::schedule>(uint64_t seed)>& make_order)
 {
     int hits = 0;
     for (uint64_t seed = 1; seed <= 1000; ++seed) {
         const auto order = make_order(seed);
         one_machine world({.order = order.get()});
-        semaphore switch_place; // has units for both, so they may switch but never wait
+        semaphore switch_place; // has units for both tasks, so they may switch but never wait
         sema_init(&switch_place, 2);
         const auto step = [&] {
             down(&switch_place);
@@ -115,7 +115,7 @@ int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::sched
 
 TEST(order, of_priorities_holds_a_task_back_at_least_as_often_as_its_bound_says)
 {
-    constexpr int tasks = 2, choices = 64; // the run has about 45
+    constexpr int tasks = 2, choices = 64; // the run has about 45 choices
     const auto by_priority = [](int depth) {
         return [depth](uint64_t seed) {
             return std::make_unique<exec::priority_schedule>(

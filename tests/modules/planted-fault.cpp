@@ -1,5 +1,5 @@
-// A fault planted into the module: of its Sets, every fourth registers a wrong address. A campaign must find it. The
-// linker puts this function between the module and the kernel's (--wrap).
+// A fault in the module for tests: every fourth Set registers a wrong address. A campaign must find it. The linker
+// inserts this function between the module and the kernel (--wrap).
 #include <atomic>
 
 #include "gsi.h"
@@ -13,7 +13,7 @@ extern "C" int __wrap_gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t
     constexpr size_t last_byte_of_address = offsetof(sa_mad_v2_t, payload) +
                                             offsetof(ib_service_record_v2_t, service_data8) +
                                             sizeof(ib_service_record_v2_t::service_data8) - 1;
-    static std::atomic<unsigned> sets{0}; // each host has its own
+    static std::atomic<unsigned> sets{0}; // each host has its own counter
     const auto& header = reinterpret_cast<const mad_hdr_t&>(dtgrm->mad);
     if (header.m.method == MAD_METHOD_SET && ++sets % period == 0) ++dtgrm->mad[last_byte_of_address];
     return __real_gsi_post_send_dtgrm(handle, dtgrm, transaction_id);

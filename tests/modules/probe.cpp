@@ -117,7 +117,7 @@ MODULE_EXPORT int probe_number()
     return number;
 }
 
-// Calls back into the program, with a frame of its own to be unwound.
+// Calls a function of the program. The frame of this function needs unwinding.
 MODULE_EXPORT int probe_call_back(void (*function)())
 {
     struct counter {
