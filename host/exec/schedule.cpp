@@ -35,7 +35,7 @@ void priority_schedule::begin_round()
     for (int i = 1; i < options_.depth; ++i) change_positions_.push_back(engine_() % options_.round_choices);
 }
 
-// Priorities below `depth` are those that were changed.
+// All changed priorities are below `depth`.
 uint64_t priority_schedule::priority_of(uint64_t task_number) const
 {
     constexpr uint64_t above_all_changed = uint64_t{1} << 63;

@@ -1,6 +1,8 @@
-// The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one. One
-// schedule draws from a seed, another one gives the tasks random priorities, and a third one tries all orders up to a
-// bound, one order in each run.
+// The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one.
+// There are
+// three schedules. One draws from a seed. One gives the tasks random priorities. One tries all orders up to a bound,
+// one
+// order in each run.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +21,7 @@ enum class choice_point {
     switch_point, // the running task could continue: it is choice 0, and the ready tasks follow
 };
 
-// The tasks that could continue at a choice. Valid during the choice only.
+// The tasks that could continue at a choice. The object is valid during the choice only.
 class candidates
 {
   public:
@@ -37,7 +39,7 @@ class schedule
   public:
     virtual ~schedule() = default;
 
-    // Returns the index of the candidate that continues. Called by the simulation; must not call back into it.
+    // Returns the index of the candidate that continues. The simulation calls it; it must not call the simulation.
     virtual size_t choose(const candidates& tasks, choice_point point) = 0;
 };
 
@@ -58,23 +60,25 @@ struct priority_options {
     uint64_t round_choices = 256; // 1 or more
 };
 
-// Gives each task a random priority, and always continues with the highest one (PCT: Burckhardt et al., "A randomized
-// scheduler with probabilistic guarantees of finding bugs", ASPLOS 2010). At `depth` - 1 random choices of a round, the
-// task that would continue gets a priority below all others. This holds one task back for long while many others run.
-// The random schedule almost never does that, as it would have to draw the same way at each of many choices.
+// Gives each task a random priority; the task with the highest priority always continues. The method is PCT (Burckhardt
+// et al., "A randomized scheduler with probabilistic guarantees of finding bugs", ASPLOS 2010). A round has `depth` - 1
+// random choices at which the task that would continue gets a priority below all others. This task then waits for a
+// long time while many others run. The random schedule almost never does that: it would have to draw the same way at
+// many choices in turn.
 //
 // The bound: let a fault show if d events happen in a certain order, all within a round of k choices among at most n
 // tasks. If `depth` is d or more, this order comes with a probability of at least 1/(n * k^(d-1)).
 //
-// A run is cut into rounds of `round_choices` choices. Each draws all priorities again, so that the bound also holds
-// for each part of a long run, and so that tasks that wait actively for one of low priority do not wait for ever.
+// A run is cut into rounds of `round_choices` choices. Each round draws all priorities again, for two reasons. The
+// bound must also be valid for each part of a long run. And tasks that poll for a task of low priority must not wait
+// for ever.
 class priority_schedule final : public schedule
 {
   public:
     explicit priority_schedule(const priority_options& options) : options_(options), engine_(options.seed) {}
     size_t choose(const candidates& tasks, choice_point point) override;
 
-    // How often a change of priority has let another task continue.
+    // The number of times that a change of priority has let another task continue.
     uint64_t overtakings() const { return overtakings_; }
 
   private:
@@ -87,7 +91,7 @@ class priority_schedule final : public schedule
     uint64_t position_ = 0; // in the round
     uint64_t round_key_ = 0;
     std::vector<uint64_t> change_positions_; // in the round, in any order
-    std::map<uint64_t, uint64_t> lowered_;   // the priorities that were changed, by the task's number
+    std::map<uint64_t, uint64_t> lowered_;   // the changed priorities, by the task's number
     uint64_t overtakings_ = 0;
 };
 

@@ -152,7 +152,7 @@ class simulated_executor final : public simulation
     }
 
   private:
-    // The ready tasks, after the running one if that could continue.
+    // The ready tasks. If the running task could continue, it comes first.
     class choice final : public candidates
     {
       public:

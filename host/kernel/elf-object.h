@@ -1,5 +1,6 @@
-// A shared object as its file describes it (System V ABI, "Object Files"). Only what the kernel needs to place an
-// image: segments, the dynamic section, symbols and relocations. It reads the object of the processor that it runs on.
+// A shared object as its file describes it (System V ABI, "Object Files"). The kernel reads only the parts that it
+// needs to place an image: segments, the dynamic section, symbols and relocations. The object must be for this
+// processor.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +15,11 @@
 namespace kernel
 {
 
-// Addresses are those of the object: offsets from the beginning of an image. Texts and bytes live as long as the
-// object.
+// All addresses are offsets from the beginning of an image. Returned texts and bytes live as long as the object.
 class elf_object
 {
   public:
-    // Maps the file. Null if it is no shared object of 64 bits for this processor, or is cut short.
+    // Maps the file. Returns null if it is not a shared object of 64 bits for this processor, or if it is cut short.
     static std::unique_ptr<elf_object> read(int file);
     ~elf_object();
     elf_object(const elf_object&) = delete;
@@ -33,21 +33,21 @@ class elf_object
         return file_bytes(segment.p_offset, segment.p_filesz);
     }
 
-    // The value of an entry of the dynamic section (DT_...). Nothing if there is no such entry.
+    // The value of an entry of the dynamic section (DT_...). Empty if there is no such entry.
     std::optional<uint64_t> dynamic(int64_t tag) const;
 
     // The names of the libraries that the object needs.
     std::vector<std::string_view> libraries() const;
 
-    // A symbol by its number. Nothing if there is no such symbol.
+    // A symbol by its number. Empty if there is no such symbol.
     std::optional<Elf64_Sym> symbol(uint64_t number) const;
     std::string_view name_of(const Elf64_Sym& symbol) const;
 
-    // The symbols that other objects can find, the undefined ones excepted. Nothing if the hash table is missing or
+    // The symbols that other objects can find, without the undefined ones. Empty if the hash table is missing or
     // broken.
     std::optional<std::vector<Elf64_Sym>> exported_symbols() const;
 
-    // Nothing if a table is cut short.
+    // Empty if a table is cut short.
     std::optional<std::vector<Elf64_Rela>> relocations() const;
 
   private:

@@ -34,7 +34,7 @@ ats::error no_room(const char* call)
     return exec::shortage_error(std::string("no room for a module (") + call + ": " + std::strerror(errno) + ")");
 }
 
-// A memory file with sixteen copies of the text, one stride apart. -1: there is no room, and errno says why.
+// Makes a memory file with sixteen copies of the text, one stride apart. Returns -1 and sets errno on failure.
 int file_of_copies(const std::string& text, size_t stride)
 {
     const int file = memfd_create("modules", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -50,7 +50,7 @@ int file_of_copies(const std::string& text, size_t stride)
     return -1;
 }
 
-// Reserves the addresses of an area, at a multiple of its size. Null: there is no room.
+// Reserves the addresses of an area, at a multiple of its size. Returns null if there is no room.
 char* reserve_area()
 {
     void* mapping = mmap(nullptr, 2 * area_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -62,12 +62,12 @@ char* reserve_area()
     return begin + before;
 }
 
-// The areas by their beginning, in a table that only grows. Readers take no lock, because the unwinder reads it while
-// an exception passes. An area's place in the table is found by hashing.
+// All areas, found by their begin address. The table only grows. Readers take no lock, because the unwinder reads the
+// table while an exception passes. The place of an area in the table is found by hashing.
 class area_table
 {
   public:
-    // False: the table is full. One thread at a time.
+    // Returns false if the table is full. For one thread at a time.
     bool add(const char* begin, image_area& area)
     {
         for (size_t i = 0; i < entries_.size(); ++i) {
@@ -159,7 +159,7 @@ ats::result<size_t> image_area::take()
 void image_area::put(size_t slot)
 {
     char* data = slot_begin(slot) + code_.data_page();
-    // Locked memory cannot be dropped.
+    // MADV_DONTNEED fails for locked memory, so this writes zeros.
     if (madvise(data, code_.data_bytes(), MADV_DONTNEED) != 0) std::memset(data, 0, code_.data_bytes());
     in_use_[slot].store(false, std::memory_order_release);
     --used_;

@@ -18,7 +18,7 @@
 namespace kernel
 {
 
-// A module and its code, which any number of areas map. It stays for the life of the process.
+// A module and its code. Any number of areas map this code. It exists until the process ends.
 class shared_code
 {
   public:
@@ -30,9 +30,9 @@ class shared_code
     ats::result<> prepare();
 
     const image_template& source() const { return *source_; }
-    size_t slots() const { return slots_; } // of an area; 0: the module is too large
+    size_t slots() const { return slots_; } // in one area; 0 if the module is too large
     size_t stride() const { return stride_; }
-    size_t data_page() const { return data_page_; } // where the variables of a slot begin, from its code
+    size_t data_page() const { return data_page_; } // the distance from a slot's code to its variables
     size_t data_bytes() const { return data_bytes_; }
     int file() const { return file_; }
 
@@ -45,8 +45,8 @@ class shared_code
     int file_ = -1;
 };
 
-// One area. It stays for the life of the process, since find() may look at it at any time. Its slots are used again.
-// Calls are for one thread at a time, except find().
+// One area. It exists until the process ends, because find() may read it at any time. Its slots are used again. All
+// calls except find() are for one thread at a time.
 class image_area
 {
   public:
@@ -61,7 +61,7 @@ class image_area
     ats::result<size_t> take();
     void put(size_t slot);
 
-    // The beginning of the image that an address of the area belongs to; null if there is none. Any thread.
+    // The beginning of the image that an address of the area belongs to, or null. Any thread.
     char* find(const char* address) const;
 
   private:
@@ -70,11 +70,11 @@ class image_area
     const shared_code& code_;
     char* const begin_;
     std::vector<std::atomic<bool>> in_use_;
-    std::vector<bool> is_mapped_; // the code of sixteen slots
+    std::vector<bool> is_mapped_; // for each sixteen slots: the code is mapped
     size_t used_ = 0;
 };
 
-// The area that an address belongs to; null if there is none. Any thread, any context; takes no lock.
+// The area that an address belongs to, or null. Any thread, any context; takes no lock.
 const image_area* find_area(const void* address);
 
 } // namespace kernel

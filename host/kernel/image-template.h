@@ -4,7 +4,7 @@
 //   image:  | headers, code, constants |   ...   | variables (.data, .got, .bss) |
 //           0                      text_bytes   data_begin                    data_end
 //
-// An image's code and constants never change, so that all images share them. Only the variables are private.
+// The code and the constants of an image never change, so all images share them. Only the variables are private.
 #pragma once
 
 #include <cstddef>
@@ -53,13 +53,13 @@ struct image_template {
     uint64_t unwind_table = 0; // .eh_frame_hdr; 0: none
     std::unordered_map<std::string, symbol> exports;
 
-    // The exported function or variable that holds an offset; null: there is none.
+    // The exported function or variable that contains an offset, or null.
     const std::pair<const std::string, symbol>* export_at(uint64_t offset) const;
 };
 
-// Reads a module's file from its descriptor. Null if the file cannot be placed, for whatever reason: it is not linked
-// for it, it needs something that only the dynamic linker does, or it is no image at all. The dynamic linker then says
-// what is wrong with it, or maps it. Any thread.
+// Reads a module's file from its descriptor. Returns null if the file cannot be placed. Possible reasons: it is not
+// linked for that, it needs something that only the dynamic linker does, or it is not an image. The dynamic linker can
+// then map it, or report the error. Any thread.
 std::unique_ptr<image_template> read_image_template(int file);
 
 } // namespace kernel

@@ -16,8 +16,8 @@ namespace kernel
 class placed_image;
 
 // Makes an image of a module file. Most images are placed (placed-image.h). If a file cannot be placed, the dynamic
-// linker maps a copy of it. Each image needs a copy of its own, because the dynamic linker maps a file only once. For
-// one thread at a time.
+// linker maps a copy of it. Each image needs its own copy, because the dynamic linker maps a file only once. For one
+// thread at a time.
 class module_image
 {
   public:
@@ -42,7 +42,7 @@ class module_image
     ats::result<> check_declaration() const;
     bool contains(const void* address) const;
 
-    std::unique_ptr<placed_image> placed_; // or else the next two
+    std::unique_ptr<placed_image> placed_; // null if the dynamic linker has mapped the image (next two members)
     int copy_ = -1; // a memory file; stays open, because the linker treats equal paths as one object
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;
@@ -84,19 +84,20 @@ class module_code
 // A place in the image that is mapped at `base`, for example "ats+0x1a2b".
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// Code as reports name it: the exported function that it belongs to, or its place in its image.
+// Describes code for reports: by the exported function that contains it, or by its place in its image.
 std::string describe_code(const void* code);
 
-// A part of an image in memory, and where it would lie without the distance between code and variables. An image that
-// the dynamic linker has mapped is one part.
+// A part of an image in memory. `usual_offset` is its place if the variables were not moved away from the code. An
+// image that the dynamic linker has mapped is one part.
 struct image_part {
     const void* begin;
     size_t bytes;
     size_t usual_offset;
 };
 
-// The parts of the image that an address belongs to, a module's or another; the first one begins the image. Empty if
-// there is none. Any thread.
+// The parts of the image that contains an address. It may be a module or another image. The first part begins the
+// image.
+// Empty if there is no such image. Any thread.
 std::vector<image_part> parts_of_image(const void* address);
 
 // The start address of that image, or null if there is none. Any thread.

@@ -28,9 +28,9 @@ struct stored_module {
 };
 
 struct module_store {
-    using key = std::tuple<dev_t, ino_t, off_t, int64_t, int64_t>; // a changed file is another one
+    using key = std::tuple<dev_t, ino_t, off_t, int64_t, int64_t>; // a changed file has another key
 
-    std::mutex mutex; // guards the rest, and the slots of all areas
+    std::mutex mutex; // guards `modules`, and the slots of all areas
     std::map<key, stored_module> modules;
 };
 
@@ -41,7 +41,7 @@ module_store& store()
     return instance;
 }
 
-// The code of a module file; null: it cannot be placed.
+// The code of a module file. Null if the file cannot be placed.
 std::unique_ptr<shared_code> read_module(int file, const std::string& name)
 {
     std::unique_ptr<image_template> source = read_image_template(file);
@@ -51,7 +51,7 @@ std::unique_ptr<shared_code> read_module(int file, const std::string& name)
     return code->slots() > 0 ? std::move(code) : nullptr;
 }
 
-// The module of an open file; null: it cannot be placed. With the lock of the store held, as the next two.
+// The module of an open file. Null if it cannot be placed. The caller of this and the next two holds the store's lock.
 stored_module* module_of(int file, const std::string& name)
 {
     struct stat attributes;
@@ -79,7 +79,7 @@ ats::result<stored_module*> find_module(const std::string& path)
 
 ats::result<image_area*> area_with_room(stored_module& module)
 {
-    // The newest area is the likeliest to have room.
+    // The newest area is the most likely to have room.
     const auto found =
         std::find_if(module.areas.rbegin(), module.areas.rend(), [](auto* each) { return each->has_room(); });
     if (found != module.areas.rend()) return *found;

@@ -12,14 +12,14 @@ namespace kernel
 
 class image_area;
 
-// One image. Its slot is free again when this goes.
+// One image. Its destructor frees the slot.
 class placed_image
 {
   public:
-    // Places an image of the module file at `path` and runs its initialisers. Null if the file cannot be placed (see
-    // read_image_template), or if the environment variable ATS_DLOPEN_MODULES is set: then debuggers and profilers,
-    // which know only what the dynamic linker has mapped, see all of an image. Fails (no_memory) when a limit of the
-    // process is used up. A file is read again only when it has changed. Any thread.
+    // Places an image of the module file at `path` and runs its initialisers. Returns null if the file cannot be placed
+    // (see read_image_template). Also returns null if the environment variable ATS_DLOPEN_MODULES is set. Then the
+    // dynamic linker maps the image, so that debuggers and profilers see all of it. Fails (no_memory) when a limit of
+    // the process is used up. A file is read again only when it has changed. Any thread.
     static ats::result<std::unique_ptr<placed_image>> place(const std::string& path);
 
     // Runs the exit functions of the image.
@@ -43,7 +43,7 @@ class placed_image
 
 // The placed image that an address belongs to. Any thread, any context; takes no lock.
 struct placed_range {
-    const image_template* source = nullptr; // null: the address belongs to no placed image
+    const image_template* source = nullptr; // null if the address does not belong to a placed image
     char* begin = nullptr;
 };
 placed_range find_placed_image(const void* address);

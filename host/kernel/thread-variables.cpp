@@ -23,20 +23,20 @@ struct owner {
     }
 };
 
-// Modules keep little in such variables and use them seldom, so that one lock serves all.
+// Modules have few such variables and seldom use them, so one lock is enough.
 struct all_variables {
     std::mutex mutex;
     std::map<owner, std::unique_ptr<char[]>> blocks;
 };
 
-// Never destroyed, since threads may end after the statics of the program.
+// Never destroyed, because threads may end after the program's statics are destroyed.
 all_variables& variables()
 {
     static auto& instance = *new all_variables;
     return instance;
 }
 
-// Stands for a thread, and frees its variables when it ends.
+// Identifies a thread, and frees its variables when it ends.
 struct thread_mark {
     bool has_variables = false;
 

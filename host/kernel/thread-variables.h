@@ -1,4 +1,4 @@
-// The thread-local variables of images that the dynamic linker does not know.
+// The thread-local variables of placed images. The dynamic linker does not know these images.
 #pragma once
 
 #include <cstddef>
@@ -12,32 +12,32 @@ struct thread_variables_layout {
     size_t bytes = 0;
 };
 
-// The variables of one image. Each thread gets its own when it uses them first.
+// The thread-local variables of one image. A thread gets its copy when it first uses one of them.
 class thread_variables
 {
   public:
-    // `layout` must outlive this.
+    // `layout` must outlive this object.
     explicit thread_variables(const thread_variables_layout& layout) : layout_(layout) {}
 
-    // Frees the variables of all threads. No thread may use them meanwhile.
+    // Frees the variables of all threads. Meanwhile no thread may use them.
     ~thread_variables();
     thread_variables(const thread_variables&) = delete;
     thread_variables& operator=(const thread_variables&) = delete;
 
-    // Those of the calling thread.
+    // The variables of the calling thread.
     char* of_this_thread();
 
   private:
     const thread_variables_layout& layout_;
 };
 
-// What an image hands to __tls_get_addr to find a variable (System V ABI of x86-64, "Thread-Local Storage").
+// The argument that an image passes to __tls_get_addr (System V ABI of x86-64, "Thread-Local Storage").
 struct thread_variable_index {
     thread_variables* image;
     unsigned long offset;
 };
 
-// Takes the place of __tls_get_addr: the address of the variable in the calling thread.
+// Replaces __tls_get_addr. Returns the address of the variable in the calling thread.
 void* address_of_thread_variable(const thread_variable_index* index);
 
 } // namespace kernel

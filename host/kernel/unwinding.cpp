@@ -1,6 +1,6 @@
-// Exceptions pass through module code: a call of the kernel throws when memory is used up. The unwinder asks the C
-// library's _dl_find_object() for the unwind table of each address, and that knows only what the dynamic linker has
-// mapped. A program's own function of that name comes first. This one adds the placed images.
+// Exceptions pass through module code: a call of the kernel throws when memory is used up. The unwinder gets the unwind
+// table of each address from the C library's _dl_find_object(). That function knows only images of the dynamic linker.
+// This file replaces it, and adds the placed images. The program's own function has precedence.
 #include <dlfcn.h>
 
 #include "host/kernel/placed-image.h"
@@ -17,7 +17,8 @@ find_object_t* library_function()
     return function;
 }
 
-[[maybe_unused]] find_object_t* const found_at_start = library_function(); // not while an exception passes
+// Looked up at start, not while an exception passes.
+[[maybe_unused]] find_object_t* const found_at_start = library_function();
 
 } // namespace
 
