@@ -8,7 +8,7 @@
 namespace cli
 {
 
-// Adds the subcommand. It prints, and stores its exit code or an error in `outcome`.
+// Adds the subcommand. It prints its results, and stores its exit code or an error in `outcome`.
 void add_replay(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

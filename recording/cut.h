@@ -16,18 +16,18 @@ struct window {
 };
 
 struct cut_options {
-    std::optional<window> wanted = {}; // only this; otherwise as much as fits
-    bool keeps_end = false;            // if it does not all fit, the end is kept; otherwise the beginning
-    size_t byte_limit = 4 << 20;       // of datagrams and log lines
+    std::optional<window> wanted = {}; // the part to show; if empty, as much as fits
+    bool keeps_end = false;            // if not everything fits, keeps the end instead of the beginning
+    size_t byte_limit = 4 << 20;       // for datagrams and log lines
 };
 
 struct cut_recording {
     std::string lines;
-    std::optional<window> shown; // empty if nothing was left out
+    std::optional<window> shown; // empty if everything is shown
 };
 
-// Leaves out datagrams, log lines and tables outside of the window. Other events are kept: they make the states in it.
-// Fails (invalid) on a text that is not a recording of this version; the error names the line.
+// Removes datagrams, log lines and tables outside of the window. All other events stay, because the states in the
+// window result from them. Fails (invalid) if the text is not a recording of this version; the error names the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

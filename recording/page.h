@@ -14,7 +14,7 @@ namespace recording
 // error tells why the file cannot be written.
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);
 
-// Says in `about` that the recording was cut, if it was.
+// If the recording was cut, says so in `about`.
 void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown);
 
 // Returns the whole text of a file that is open for reading and writing.

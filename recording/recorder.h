@@ -21,15 +21,15 @@ using json = nlohmann::ordered_json;
 
 constexpr int format_version = 1;
 
-// Any thread may make any call, unless it says otherwise.
+// Any thread may call any function, unless its comment says otherwise.
 class recorder final : public embedded::observer
 {
   public:
     // Writes to `file`, which stays open. `program` is the command line that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // One thread makes the next three calls. follow() records the events in the subnet or the log lines of a host from now
-    // on. stop() ends that: afterwards the recorder uses neither.
+    // The next three calls are for one thread at a time. follow() begins to record the events of the subnet, or the log
+    // lines of a host. stop() ends that: afterwards the recorder uses neither.
     void follow(embedded::subnet& subnet);
     void follow(const std::string& host, kernel::machine& machine);
     void stop();
@@ -46,8 +46,7 @@ class recorder final : public embedded::observer
     // Records all records of the SA, for comparison with the recorded changes.
     void note_table(uint64_t now_ticks);
 
-    // Writes the last event, with the subnet's own counters, and flushes the file. Nothing is recorded
-    // afterwards.
+    // Writes the last event, with the subnet's own counters, and flushes the file. Afterwards nothing is recorded.
     ats::result<> finish(uint64_t now_ticks);
 
     // ---- embedded::observer ----

@@ -6,7 +6,7 @@ namespace recording
 namespace
 {
 
-std::atomic<uint64_t> last_number{0}; // of the datagrams that any watched HCA has seen
+std::atomic<uint64_t> last_number{0}; // of the datagrams at all watched HCAs
 
 } // namespace
 

@@ -1,5 +1,5 @@
-// An HCA that records what crosses the boundary to its fabric. It is for fabrics that have no observer: of a request it
-// sees that it was sent, of an answer that it arrived, and of a port that it changed.
+// An HCA that records the datagrams and changes at its ports, for fabrics without an observer. It cannot see if a
+// request arrives, or when an answer was sent.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@ namespace recording
 class watched_hca final : public fabric::hca, private fabric::listener
 {
   public:
-    // Reads the ports of `hca`; may sleep. Both others outlive this object.
+    // Reads the ports of `hca`; may sleep. `hca` and `recorder` must outlive this object.
     watched_hca(std::string host, fabric::hca& hca, recorder& recorder, const exec::executor& exec);
 
     const std::string& name() const override { return hca_.name(); }

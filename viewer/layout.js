@@ -3,8 +3,8 @@
 const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
 const FOLD_MS = 400; // a longer period without events is folded
 const TIME_WIDTH = 84;
-const SA_ROOM = 96; // between the times and the SA's lane, for the bars of faults
-const NARROW = 700;  // a screen below this width has less room between
+const SA_ROOM = 96; // space between the times and the SA's lane, for the bars of faults
+const NARROW = 700; // pixels: on a narrower screen this space is smaller
 const TOP = 10;
 
 const formatNumber = number => number.toLocaleString("en");
@@ -55,7 +55,7 @@ class Layout {
     this.y = TOP;
     this.lastTick = null; // tick of the last event that is shown
     this.logRow = null;
-    this.isQuietRow = false; // the last row holds only changes that have no mark
+    this.isQuietRow = false; // the last row has only changes without a mark
     recording.events.forEach(event => this.place(event));
     this.height = this.y + 40;
   }

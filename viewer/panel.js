@@ -78,7 +78,7 @@ function describeSelection(recording, event, logIndexes) {
   return node("div");
 }
 
-// Marks the records and ports whose GID the violation names.
+// Marks the records and ports whose GID is in the text of the violation.
 function describeState(recording, state, hiddenHosts, violation) {
   const suspect = gid => violation.includes(gid) ? "suspect" : null;
   const records = [...state.table.values()].sort((a, b) => a.gid < b.gid ? -1 : 1);

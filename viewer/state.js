@@ -16,7 +16,8 @@ function readRecording(text) {
     noteEvent(recording, event);
   });
   recording.hosts = [...new Set([...recording.ports.values()].map(port => port.host))];
-  // A fabric inside the program tells where its SA is. Of a real one only the ends at the hosts were seen.
+  // The recording of a fabric inside the program has the place of the SA. That of a real fabric has only the hosts'
+  // ends.
   recording.isSeenAtHosts = !events.some(event => event.e === "sm");
   return recording;
 }

@@ -108,7 +108,7 @@ const isAct = event => event.e === "act" || event.e === "step";
 const isTrouble = event => isLoss(event) || event.e === "lost" || event.e === "refused" || event.e === "violation" ||
   event.e === "sent" && isTroubleStatus(event) || event.e === "log" && event.level < 4;
 
-// Moves to the next event of a sort; `by` is -1 or 1.
+// Moves to the next event of a kind, or to the previous one if `by` is -1.
 function jump(by, isOfSort) {
   for (let next = stop + by; next >= 0 && next < layout.stops.length; next += by) {
     const event = recording.events[layout.stops[next]];
@@ -275,7 +275,7 @@ function listen() {
   addEventListener("beforeprint", () => picture.draw(true));
 }
 
-// Of a failed run on many hosts, shows at first those that its acts and the violation name.
+// If a run on many hosts failed, shows at first only the hosts of its acts and of the violation.
 function hideIdleHosts() {
   const violation = violationEvent();
   if (!violation || recording.ports.size <= 12) return;
@@ -285,7 +285,7 @@ function hideIdleHosts() {
   if (named.size) for (const host of recording.hosts) if (!named.has(host)) filter.hiddenHosts.add(host);
 }
 
-// The moment that tells most: the violation, or else the first lost datagram.
+// Shows the most useful moment: the violation, or else the first lost datagram.
 function showForPicture() {
   const violation = violationEvent();
   if (violation) return goTo(violation);

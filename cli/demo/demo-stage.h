@@ -26,9 +26,9 @@ struct step_failed : std::runtime_error {
 class stage
 {
   public:
-    // Starts without modules and with all links down. `tap` (or null) receives every datagram, and `recorder` (or null)
-    // everything that happens; both outlive the stage. Modules come from `module_folder`. With `is_terminal` the output
-    // has colours.
+    // Starts without modules and with all links down. `tap` (or null) receives every datagram. `recorder` (or null)
+    // receives every event. Both must outlive the stage. Modules come from `module_folder`. With `is_terminal` the
+    // output has colours.
     stage(const std::string& module_folder, fabric::tap* tap, recording::recorder* recorder, bool is_terminal);
     ~stage();
     stage(const stage&) = delete;

@@ -71,7 +71,7 @@ struct demo_options {
     std::string html;    // empty if nothing is drawn
 };
 
-// Returns the exit code. `capture` (or null) receives every datagram, `recorder` (or null) everything that happens.
+// Returns the exit code. `capture` (or null) receives every datagram. `recorder` (or null) receives every event.
 int run_demo(const std::string& module_folder, fabric::capture* capture, recording::recorder* recorder)
 {
     const auto begin = wall_clock::now();
@@ -84,7 +84,7 @@ int run_demo(const std::string& module_folder, fabric::capture* capture, recordi
     return exit_code;
 }
 
-// Draws the demo, if that is asked for.
+// Draws the demo, if the command line asks for it.
 ats::result<int> run_drawn_demo(const demo_options& options, fabric::capture* capture)
 {
     if (options.html.empty()) return run_demo(options.modules, capture, nullptr);

@@ -23,7 +23,7 @@ void block_sigpipe()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-// libuv ends the program when it cannot open the files that a loop needs. So this tries whether there is room for them.
+// libuv ends the program when it cannot open the files that a loop needs. This function fails before that happens.
 void require_room()
 {
     constexpr size_t files_of_a_loop = 8;

@@ -20,7 +20,7 @@ namespace
 using records::host_record;
 
 constexpr int most_records = 8; // of one GID; they differ in their P_Keys
-// A Delete whose answer was lost is repeated, and its second answer says that there is no such record.
+// If the answer to a Delete is lost, the Delete is repeated. The second answer says that the SA has no such record.
 constexpr int most_tries_in_vain = 2;
 constexpr uint64_t id_component = uint64_t{1} << SR_COMPONENT_SERVICE_ID;
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
