@@ -1,5 +1,5 @@
-// The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one. There
-// are three schedules. One draws from a seed. One gives the tasks random priorities. One tries all orders up to a
+// The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one.
+// There are three schedules. One draws from a seed. One gives the tasks random priorities. One tries all orders up to a
 // bound, one order in each run.
 #pragma once
 
