@@ -1,4 +1,5 @@
-// The places of all parts of the picture. Time runs down. A row has one event. Long periods without events are folded.
+// The places of all parts of the picture. Time runs from top to bottom. Each row has one event. Long periods without
+// events are folded.
 
 const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
 const FOLD_MS = 400; // a longer period without events is folded

@@ -2,9 +2,9 @@
 
 const SVG = "http://www.w3.org/2000/svg";
 const DRAW_ALL_ITEMS = 4000; // up to this number, all items are drawn at once
-const LETTER_WIDTH = 6.2; // of a label, about
+const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label
 const NAMES_HEIGHT = 46;
-const LONG_ARROW = 900; // pixels: the far end may not be on the screen, so both ends say what it is
+const LONG_ARROW = 900; // pixels: one end may be outside the screen, so both ends have a label
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
@@ -30,7 +30,7 @@ function labelOf(sent, room) {
   return text.length > digits ? text.slice(0, digits - 1) + "…" : text;
 }
 
-// No record is a usual answer; others with an error status stand out.
+// The answer "no such record" is usual, so it does not count as an error.
 const isTroubleStatus = sent => !isGood(sent) && !sent.status.startsWith("0x0300");
 
 // Extracts "it holds no such record" from "0x0300 (it holds no such record)".
@@ -49,7 +49,7 @@ function subjectOf(sent) {
 let gidDigits = 6;
 const shortGid = gid => "…" + gid.slice(-gidDigits);
 
-// Chooses the number of digits with which all GIDs of the ports differ.
+// Chooses enough digits to make the shown GIDs of all ports different.
 function chooseGidDigits(ports) {
   const gids = [...ports.values()].map(port => port.gid);
   for (gidDigits = 6; gidDigits < 32; ++gidDigits)
@@ -69,7 +69,7 @@ class Picture {
     this.items = layout.arrows.length + layout.logs.length;
     for (const each of [this.svg, this.names]) each.setAttribute("width", layout.width);
     this.svg.setAttribute("height", layout.height);
-    // Print shrinks both to the paper's width.
+    // On paper, the picture and the names of the lanes shrink to the width of the paper.
     this.svg.setAttribute("viewBox", `0 0 ${layout.width} ${layout.height}`);
     this.names.setAttribute("viewBox", `0 0 ${layout.width} ${NAMES_HEIGHT}`);
     this.drawNames();
@@ -198,7 +198,7 @@ class Picture {
       end && end.twin || length < LONG_ARROW ? "" : this.farLabel(datagram, label, [x1, y1], [x2, y2]));
   }
 
-  // Names the host of a long arrow at the end that the label does not stand at.
+  // Names the host of a long arrow at the end without the label.
   farLabel(datagram, label, [x1, y1], [x2, y2]) {
     const host = datagram.lane ? datagram.lane.host : "";
     if (datagram.sent.from === "sa") return svgText(x2 - 14, y2 - 4, label, "label", "end");

@@ -107,7 +107,7 @@ function noteRequest(state, sent) {
   if (sent.method === "Set") setRegistration(state, sent, "asked");
 }
 
-// An answer has arrived at a host. It tells the SA's state only if it is about the host's own record.
+// An answer has arrived at a host. It shows the SA's state only if it is about the host's own record.
 function noteAnswer(state, event) {
   const key = hostOf(event.to) + event.datagram.sent.tid;
   const request = state.waiting.get(key);
