@@ -1,8 +1,11 @@
 // The program `ats`: reads the command line, runs the command, and prints its error.
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <iostream>
 #include <new>
+#include <unistd.h>
 
 #include "cli/check.h"
 #include "cli/commands/client-commands.h"
@@ -26,6 +29,14 @@ constexpr const char* footer = "Exit codes: 0  done\n"
                                "\n"
                                "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
                                "See ats(8), ats-run(8).";
+
+// Opens /dev/null for a standard file that is closed. Otherwise the next file or socket would get its number, and lines
+// would go there.
+void open_closed_standard_files()
+{
+    for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(file, F_GETFD) < 0 && errno == EBADF) open("/dev/null", O_RDWR); // gets this number, the lowest free
+}
 
 // `ats help COMMAND...` means `ats COMMAND... --help`, and `ats version` means `ats --version`.
 std::vector<std::string> with_options_for_words(std::vector<std::string> words)
@@ -73,6 +84,7 @@ int exit_code_after_output(int exit_code)
 
 int main(int argc, char** argv)
 {
+    open_closed_standard_files();
     CLI::App program(summary, "ats");
     program.footer(footer);
     program.set_version_flag("-v,--version", "ats " ATS_VERSION);

@@ -58,6 +58,19 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     kill(ats.pid(), SIGHUP);
     EXPECT_EQ(ats.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
+
+    // Its output files are closed. The next file that it opens must not get their numbers, and its lines.
+    const std::string config = folder / "world.toml", socket = folder / "socket";
+    write_file(config, "[[host]]\n");
+    fabric_tools::process closed(
+        {.arguments = {"sh", "-c",
+                       "exec " ATS_PROGRAM " run --config '" + config + "' --socket '" + socket + "' >&- 2>&-"},
+         .output = folder / "out"});
+    EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
+    closed.signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
+    EXPECT_EQ(text_of_file(socket + ".lock").find("ats:"), std::string::npos) << "a line is in the lock file";
+    EXPECT_EQ(closed.stop(std::chrono::minutes(1)), 0);
 }
 
 // Sends the service the signal to reload, and returns the lines that it prints about it.
