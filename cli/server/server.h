@@ -40,8 +40,8 @@ class server final : public conversation::owner
     // Any thread.
     ats::result<> set_options(const server_options& options);
 
-    // For another door to the same hosts; the door is destroyed first. Except for loop(), only the loop's thread may
-    // call these.
+    // For another door to the same hosts; the door is destroyed first. Except for loop() and background(), only the
+    // loop's thread may call these.
     event_loop& loop() { return loop_; }
     uint64_t new_connection_number() { return ++last_number_; }
     lookups& lookups_of(kernel::machine& machine);

@@ -23,7 +23,8 @@ std::string joined(const std::vector<std::string>& names)
 
 } // namespace
 
-life_signs::life_signs(event_loop& loop, const running_hosts& hosts) : loop_(loop), hosts_(hosts)
+life_signs::life_signs(event_loop& loop, workers& workers, const running_hosts& hosts)
+    : loop_(loop), workers_(workers), hosts_(hosts), fabric_tasks_(hosts.fabric_tasks())
 {
     for (const auto& host : hosts.all()) liveness_.emplace_back(host->machine());
 }
@@ -32,13 +33,22 @@ void life_signs::ask()
 {
     has_loop_answered_ = std::make_shared<std::atomic<bool>>(false);
     loop_.post([has_answered = has_loop_answered_] { *has_answered = true; });
+    fabric_rounds_.clear();
+    for (const fabric::fabric_task& task : fabric_tasks_) {
+        fabric_rounds_.push_back(task.rounds());
+        task.wake();
+    }
     for (stack::liveness& liveness : liveness_) liveness.ask();
 }
 
-std::vector<std::string> life_signs::missing() const
+std::vector<std::string> life_signs::missing(std::chrono::steady_clock::time_point now) const
 {
     std::vector<std::string> parts;
     if (!*has_loop_answered_) parts.emplace_back("the event loop");
+    const auto oldest_start = workers_.oldest_start();
+    if (oldest_start && now - *oldest_start > longest_request) parts.emplace_back("a worker");
+    for (size_t i = 0; i < fabric_tasks_.size(); ++i)
+        if (fabric_tasks_[i].rounds() == fabric_rounds_[i]) parts.push_back(fabric_tasks_[i].name);
     for (size_t i = 0; i < liveness_.size(); ++i)
         for (const std::string& task : liveness_[i].silent()) parts.push_back(task + " of " + hosts_.all()[i]->name());
     return parts;
@@ -53,8 +63,9 @@ std::optional<std::chrono::microseconds> watchdog_period()
     return us > 0 ? std::optional(std::chrono::microseconds(us)) : std::nullopt;
 }
 
-watchdog::watchdog(event_loop& loop, const running_hosts& hosts, std::function<void(const std::string&)> report)
-    : signs_(loop, hosts), report_(std::move(report))
+watchdog::watchdog(event_loop& loop, workers& workers, const running_hosts& hosts,
+                   std::function<void(const std::string&)> report)
+    : signs_(loop, workers, hosts), report_(std::move(report))
 {
     if (const auto period = watchdog_period()) thread_ = exec::new_thread([this, period] { run(*period); });
 }

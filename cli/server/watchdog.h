@@ -14,27 +14,36 @@
 #include <vector>
 
 #include "cli/server/event-loop.h"
+#include "cli/server/workers.h"
 #include "cli/service/running-hosts.h"
 #include "host/stack/liveness.h"
 
 namespace cli
 {
 
-// The parts of the service that must show a sign of life. For one thread. Loop and hosts must outlive it.
+// The parts of the service that must show a sign of life. For one thread. Loop, workers and hosts must outlive it.
 class life_signs
 {
   public:
-    life_signs(event_loop& loop, const running_hosts& hosts);
+    // An order waits for answers of the SA, a few times a second or two each.
+    static constexpr std::chrono::minutes longest_request{5};
+
+    life_signs(event_loop& loop, workers& workers, const running_hosts& hosts);
 
     // Asks all parts for a sign of life.
     void ask();
 
     // Returns the parts without a sign of life since ask(), for example "the event loop" or "timer of node1".
-    std::vector<std::string> missing() const;
+    // A worker is missing if its request has run for longer than `longest_request`.
+    std::vector<std::string>
+    missing(std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now()) const;
 
   private:
     event_loop& loop_;
+    workers& workers_;
     const running_hosts& hosts_;
+    const std::vector<fabric::fabric_task> fabric_tasks_;
+    std::vector<uint64_t> fabric_rounds_; // of each task, at ask()
     std::shared_ptr<std::atomic<bool>> has_loop_answered_;
     std::vector<stack::liveness> liveness_; // for each host
 };
@@ -47,7 +56,8 @@ class watchdog
   public:
     // Notifies the manager until it is destroyed, if the manager expects notices. `report` receives a line when signs
     // are missing, and another line when all are back.
-    watchdog(event_loop& loop, const running_hosts& hosts, std::function<void(const std::string&)> report);
+    watchdog(event_loop& loop, workers& workers, const running_hosts& hosts,
+             std::function<void(const std::string&)> report);
     ~watchdog();
 
   private:

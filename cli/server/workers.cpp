@@ -28,6 +28,13 @@ void workers::stop()
         if (thread.joinable()) thread.join();
 }
 
+std::optional<std::chrono::steady_clock::time_point> workers::oldest_start()
+{
+    const std::lock_guard lock(mutex_);
+    if (starts_.empty()) return std::nullopt;
+    return *starts_.begin();
+}
+
 void workers::push(const queue_place& place, std::function<void()> job)
 {
     {
@@ -60,9 +67,11 @@ void workers::work()
         if (is_stopping_) return;
         const std::function<void()> job = queue_.pop(*user);
         ++running_[*user];
+        const auto start = starts_.insert(std::chrono::steady_clock::now());
         lock.unlock();
         job();
         lock.lock();
+        starts_.erase(start);
         if (--running_[*user] == 0) running_.erase(*user);
     }
 }

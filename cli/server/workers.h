@@ -2,11 +2,13 @@
 // get at most half of the threads. The jobs of others therefore continue while these wait for a silent SA.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -25,6 +27,9 @@ class workers
     // Drops the queue, and waits for the running jobs. Runs no jobs afterwards.
     void stop();
 
+    // The time at which the oldest running job began; none: no job runs. Any thread.
+    std::optional<std::chrono::steady_clock::time_point> oldest_start();
+
     // Any thread.
     void push(const queue_place& place, std::function<void()> job);
     void remove(const queue_place& place);
@@ -34,10 +39,11 @@ class workers
     std::optional<uid_t> next_user() const; // the caller holds mutex_
 
     const size_t most_of_user_;
-    std::mutex mutex_; // guards the next four members
+    std::mutex mutex_; // guards the next five members
     std::condition_variable changed_;
     fair_queue<std::function<void()>> queue_;
-    std::map<uid_t, size_t> running_; // number of jobs by user
+    std::map<uid_t, size_t> running_;                             // number of jobs by user
+    std::multiset<std::chrono::steady_clock::time_point> starts_; // of the running jobs
     bool is_stopping_ = false;
     std::vector<std::thread> threads_;
 };

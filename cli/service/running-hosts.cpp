@@ -118,6 +118,11 @@ ats::result<embedded::subnet*> running_hosts::subnet()
     return ats::fail(error_kind::invalid, "this is a real fabric: ats cannot change its links or its SA");
 }
 
+std::vector<fabric::fabric_task> running_hosts::fabric_tasks() const
+{
+    return is_real() ? real_fabric_->tasks() : std::vector{subnet_->task()};
+}
+
 void running_hosts::set_tap(fabric::tap* tap)
 {
     if (is_real())

@@ -61,6 +61,9 @@ class running_hosts
 
     const std::vector<std::unique_ptr<world::host>>& all() const { return hosts_; }
 
+    // The tasks of the fabric, for a watchdog.
+    std::vector<fabric::fabric_task> fabric_tasks() const;
+
     // Any thread may count. The machine must be one of these hosts.
     service_statistics& statistics() { return statistics_; }
     host_statistics& statistics_of(const kernel::machine& machine) { return host_statistics_.at(&machine); }

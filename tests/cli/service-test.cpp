@@ -166,6 +166,15 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
 
+// Calls `change` in the fabric's task when a link changes.
+struct link_listener final : fabric::listener {
+    explicit link_listener(std::function<void()> change) : change(std::move(change)) {}
+    void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
+    void port_changed(int, fabric::port_change, uint16_t) override { change(); }
+
+    const std::function<void()> change;
+};
+
 TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_do)
 {
     const scratch_folder folder;
@@ -179,15 +188,21 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
         cli::running_hosts::build(cli::numbered_hosts(2), "", [](const std::string&, const std::string&) {}).value();
     cli::event_loop loop;
     loop.start();
-    cli::life_signs signs(loop, *hosts);
+    cli::workers workers(1);
+    cli::life_signs signs(loop, workers, *hosts);
     signs.ask();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
-    std::latch hanging(2), ending(1);
+    std::latch hanging(4), ending(1);
     const auto hang = [&] {
         hanging.count_down();
         ending.wait();
     };
     loop.post(hang);
+    workers.push({}, hang);
+    link_listener listener(hang);
+    fabric::hca* const adapter = hosts->subnet().value()->add_hca("other", "hca", 1).value();
+    adapter->listen(&listener);
+    EXPECT_TRUE(hosts->subnet().value()->link_up("other", "hca", 1));
     const std::function<void()> handler = hang;
     timing_t timer{};
     timer.function = [](unsigned long handler) { (*reinterpret_cast<const std::function<void()>*>(handler))(); };
@@ -195,10 +210,14 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     hosts->all()[1]->machine().get<stack::timers>().arm(timer);
     hanging.wait();
     signs.ask();
-    const std::vector<std::string> expected = {"the event loop", "sleeping timers of node2"};
+    const std::vector<std::string> expected = {"the event loop", "the fabric's task", "sleeping timers of node2"};
     EXPECT_TRUE(eventually([&] { return signs.missing() == expected; })) << testing::PrintToString(signs.missing());
+    const auto much_later = std::chrono::steady_clock::now() + cli::life_signs::longest_request;
+    EXPECT_THAT(signs.missing(much_later), testing::Contains("a worker"));
     ending.count_down();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
+    EXPECT_TRUE(eventually([&] { return signs.missing(much_later).empty(); }));
+    adapter->listen(nullptr);
     loop.stop();
 }
 

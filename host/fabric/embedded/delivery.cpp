@@ -115,6 +115,7 @@ void subnet::run_fabric()
 {
     lock_guard lock(mutex_);
     while (!is_stopping_) {
+        rounds_.fetch_add(1, std::memory_order_relaxed);
         if (report_next_change(lock)) continue;
         if (datagram* datagram = queue_.next_due(exec_.now())) {
             deliver(*datagram, lock);

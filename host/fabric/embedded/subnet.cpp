@@ -77,6 +77,13 @@ subnet::~subnet()
     exec_.join(*fabric_task_);
 }
 
+fabric::fabric_task subnet::task()
+{
+    return {.name = "the fabric's task",
+            .wake = [this] { exec_.wake(*fabric_task_); },
+            .rounds = [this] { return rounds_.load(std::memory_order_relaxed); }};
+}
+
 ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_description& description)
 {
     lock_guard lock(mutex_);

@@ -3,6 +3,7 @@
 // their due ticks. A send only queues a datagram. The same calls always give the same LIDs and GUIDs.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -19,6 +20,7 @@
 #include "host/fabric/embedded/observer.h"
 #include "host/fabric/embedded/subnet-administrator.h"
 #include "host/fabric/embedded/subnet-views.h"
+#include "host/fabric/fabric-task.h"
 #include "host/fabric/fabric.h"
 #include "host/result.h"
 
@@ -97,6 +99,9 @@ class subnet
     // Sends a request to the SA from the SA's own node, and replaces it with the answer. Faults of the wire have no
     // effect, but faults of the SA do. Returns false if the SA does not answer.
     bool ask_sa(fabric::mad_bytes& mad);
+
+    // The task that delivers and calls listeners.
+    fabric::fabric_task task();
 
     fault_switches faults;
     subnet_counts counts() const;
@@ -187,6 +192,7 @@ class subnet
     bool is_asleep_ = false;           // the fabric task has parked and was not woken since
     bool is_stopping_ = false;
     exec::task* fabric_task_ = nullptr;
+    std::atomic<uint64_t> rounds_{0}; // of the fabric task
 };
 
 } // namespace embedded

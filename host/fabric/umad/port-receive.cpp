@@ -30,6 +30,7 @@ bool is_long_enough(const sa_mad_v2_t& answer, int length)
 void port::run()
 {
     while (!is_stopping_) {
+        rounds_.fetch_add(1, std::memory_order_relaxed);
         if (context_.exec.now() >= check_due_)
             check_port();
         else if (is_polled_.exchange(false))

@@ -81,6 +81,18 @@ fabric::port_attributes port::read() const
     return attributes_;
 }
 
+fabric::fabric_task port::watched_task()
+{
+    assert(task_);
+    return {.name = name_,
+            .wake =
+                [this] {
+                    device_.wake();
+                    context_.exec.wake(*task_);
+                },
+            .rounds = [this] { return rounds_.load(std::memory_order_relaxed); }};
+}
+
 bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad)
 {
     device::packet packet;

@@ -67,6 +67,9 @@ class port
     // Sets how often the port is asked from now on. Any thread.
     void set_watch_interval(uint64_t ticks);
 
+    // The port's task. start() comes first.
+    fabric::fabric_task watched_task();
+
     // The last attributes that the port reported. Any thread; does not wait for the port.
     fabric::port_attributes read() const;
     datagram_counts counts() const;
@@ -133,6 +136,7 @@ class port
     std::atomic<bool> is_busy_{false};       // a datagram has just arrived, and more may follow
     std::atomic<bool> is_polled_{false};     // another task receives
     std::atomic<bool> is_stopping_{false};
+    std::atomic<uint64_t> rounds_{0}; // of the task
     exec::task* task_ = nullptr;
 };
 

@@ -58,6 +58,14 @@ ats::result<> real_hca::open()
     return {};
 }
 
+std::vector<fabric::fabric_task> real_hca::tasks()
+{
+    std::vector<fabric::fabric_task> list;
+    for (size_t i = 0; i < ports_.size(); ++i)
+        if (is_infiniband_[i]) list.push_back(ports_[i]->watched_task());
+    return list;
+}
+
 void real_hca::take_event(const device_event& event)
 {
     const bool has_ended = event.kind == device_event_kind::ended;

@@ -30,6 +30,9 @@ class real_hca final : public fabric::hca
 
     datagram_counts counts() const;
 
+    // The tasks of its InfiniBand ports.
+    std::vector<fabric::fabric_task> tasks();
+
   private:
     void take_event(const device_event& event);
 

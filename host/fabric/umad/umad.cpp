@@ -44,6 +44,13 @@ class umad_fabric final : public real_fabric
         return list;
     }
     void set_tap(fabric::tap* tap) override { context_.set_tap(tap); }
+    std::vector<fabric::fabric_task> tasks() override
+    {
+        std::vector<fabric::fabric_task> list;
+        for (const auto& each : hcas_)
+            for (fabric::fabric_task& task : each->tasks()) list.push_back(std::move(task));
+        return list;
+    }
     datagram_counts counts() const override
     {
         datagram_counts sum;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/exec/executor.h"
+#include "host/fabric/fabric-task.h"
 #include "host/fabric/fabric.h"
 #include "host/result.h"
 
@@ -61,6 +62,9 @@ class real_fabric
     virtual void set_tap(fabric::tap* tap) = 0;
 
     virtual datagram_counts counts() const = 0;
+
+    // The tasks that receive at the ports and call listeners.
+    virtual std::vector<fabric::fabric_task> tasks() = 0;
 };
 
 // Opens the ports of the selected HCAs. `exec` must run in real time. Waits up to a second for each port that does not
