@@ -91,6 +91,25 @@ void check_doors(findings& findings, const world_config& config, const std::stri
     if (config.acm.is_served) check_door(findings, "acm socket", config.acm.socket, "'socket' of [acm]");
 }
 
+void check_metrics_folder(findings& findings, const world_config& config)
+{
+    constexpr const char* subject = "metrics folder";
+    const std::string& folder = config.metrics.textfile;
+    if (folder.empty()) return;
+    struct stat status = {};
+    if (stat(folder.c_str(), &status) != 0)
+        return findings.add_note(subject, fmt::format("{}: {}: make this folder, or choose another one with "
+                                                      "'textfile' of [metrics]",
+                                                      folder, std::strerror(errno)));
+    if (!S_ISDIR(status.st_mode))
+        return findings.add_note(subject, folder + " is no folder: choose one with 'textfile' of [metrics]");
+    const std::string user = name_of_user(geteuid());
+    if (access(folder.c_str(), W_OK | X_OK) != 0)
+        return findings.add_note(subject, fmt::format("{} may not write to {}, which belongs to {}: {}", user, folder,
+                                                      name_of_user(status.st_uid), std::strerror(errno)));
+    findings.add_ok(subject, fmt::format("{}: {} may write there", folder, user));
+}
+
 void check_limits(findings& findings, const world_config& config)
 {
     const size_t hosts = config.hosts.size();

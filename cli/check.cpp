@@ -154,6 +154,7 @@ int run_check(const check_options& options)
     if (config && config->fabric.is_real) check_fabric(findings);
     check_fuse(findings);
     if (config) check_doors(findings, *config, options.socket);
+    if (config) check_metrics_folder(findings, *config);
     if (config) check_limits(findings, *config);
     show(findings, options.as_json);
     return findings.is_fit() ? console::exit_ok : console::exit_failed;

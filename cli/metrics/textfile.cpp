@@ -37,18 +37,24 @@ bool write_all(int file, const std::string& text)
 
 textfile::~textfile()
 {
-    if (lock_.is_open()) unlink(path().c_str());
+    if (!lock_.is_open()) return;
+    unlink(path().c_str());
+    unlink(lock_path().c_str()); // the lock is held, see lock()
 }
 
 ats::result<> textfile::lock()
 {
     if (lock_.is_open()) return {};
-    const std::string name = folder_ + "/.ats.prom.lock";
-    client::descriptor file(open(name.c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));
+    const std::string name = lock_path();
+    client::descriptor file(open(name.c_str(), O_CREAT | O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file.is_open())
         return system_error(name + " cannot be made, does the folder exist, and may the service write there");
     if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
         return ats::fail("another service writes " + path() + ": give each its own folder");
+    // The service that held the lock before may have ended and removed the file. Then the next try makes another one.
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0 || status.st_nlink == 0)
+        return ats::fail("another service that wrote " + path() + " has just ended");
     lock_ = std::move(file);
     return {};
 }

@@ -27,6 +27,7 @@ class textfile
   private:
     std::string path() const { return folder_ + "/ats.prom"; }
     std::string draft() const { return folder_ + "/.ats.prom.new"; }
+    std::string lock_path() const { return folder_ + "/.ats.prom.lock"; }
     ats::result<> lock();
 
     const std::string folder_;

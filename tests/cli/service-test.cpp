@@ -246,6 +246,13 @@ TEST(check, names_what_a_service_would_fail_at_and_starts_nothing)
     found = verdicts(folder / "socket");
     EXPECT_EQ(found["client socket"], "ok: " + (folder / "socket") + " can be made");
     EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
+    const auto metrics_finding = [&](const std::string& textfile) {
+        write_file(config, "[metrics]\ntextfile = \"" + textfile + "\"\n[[host]]\n");
+        return verdicts(folder / "socket")["metrics folder"];
+    };
+    EXPECT_THAT(metrics_finding(folder / "."), HasSubstr("ok: " + (folder / ".")));
+    EXPECT_THAT(metrics_finding(folder / "missing"), HasSubstr("note: " + (folder / "missing") + ": No such file"));
+    EXPECT_THAT(metrics_finding(config), HasSubstr("note: " + config + " is no folder"));
     write_file(config, "[[host]]\ntrace = 6\n");
     EXPECT_THAT(verdicts(folder / "socket")["configuration"], HasSubstr("MISSING: " + config + ":2: 'trace' must"));
 }
