@@ -247,8 +247,8 @@ TEST_F(loading, an_exception_passes_through_a_module)
     EXPECT_TRUE(host.modules.rmmod("probe"));
 }
 
-// Images are placed beside each other, and their places are used again. Those of the dynamic linker each keep a
-// descriptor open: a thousand machines need more of them than a shell allows at first.
+// Images are placed side by side, and their places are used again. Every image of the dynamic linker keeps a descriptor
+// open. A thousand machines need more descriptors than a shell allows at first.
 TEST_F(loading, many_images_of_one_module_have_variables_of_their_own)
 {
     rlimit limit{};

@@ -168,7 +168,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
-// Through Debian's ib_acme and librdmacm.
+// Uses Debian's ib_acme and librdmacm.
 TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 {
     start_sm();

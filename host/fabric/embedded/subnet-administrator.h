@@ -21,7 +21,7 @@ class subnet_administrator
     // response or belongs to another class.
     bool answer(fabric::mad_bytes& mad, uint64_t now_ticks, subnet_counts& counts);
 
-    // Does the same, but only answers `status`.
+    // Counts a request and turns it into a response with this status. Does not serve the request. Returns as answer().
     bool refuse(fabric::mad_bytes& mad, uint16_t status, subnet_counts& counts);
 
     service_records records;
