@@ -70,7 +70,7 @@ ats::result<run_process> run_process::start(const plan& plan, const std::vector<
 
 void run_process::run(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
 {
-    // The terminal sends it to all processes; the parent kills this one.
+    // The terminal sends SIGINT to all processes. The parent kills this process, so it ignores the signal.
     if (stops_when_interrupted) signal(SIGINT, SIG_IGN);
     alarm(longest_run_seconds);
     dup2(output_, STDERR_FILENO);

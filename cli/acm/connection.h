@@ -41,7 +41,7 @@ class connection
     // Closes only this process's descriptor. Another process may still have the connection open.
     void close();
 
-    // Also ends the connection for the program.
+    // Ends the connection for the other program too.
     void cut_off();
 
     uint64_t number() const { return number_; }

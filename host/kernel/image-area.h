@@ -70,7 +70,7 @@ class image_area
     const shared_code& code_;
     char* const begin_;
     std::vector<std::atomic<bool>> in_use_;
-    std::vector<bool> is_mapped_; // for each sixteen slots: the code is mapped
+    std::vector<bool> is_mapped_; // for each group of sixteen slots, true if its code is mapped
     size_t used_ = 0;
 };
 
