@@ -9,6 +9,7 @@
 #include "campaign/picture.h"
 #include "campaign/result-file.h"
 #include "campaign/runner.h"
+#include "campaign/simplify.h"
 #include "campaign/summary.h"
 #include "console/progress.h"
 #include "host/world/module-folder.h"
@@ -31,7 +32,8 @@ struct command_line {
     std::string result_path;               // the file for the result of a shard; empty if none
     std::vector<std::string> result_paths; // of the shards to merge; empty to run seeds
     bool minimise = false;
-    std::vector<std::string> only; // acts; empty means all
+    std::vector<std::string> changes; // of the plan
+    std::vector<std::string> only;    // acts; empty means all
     picture_options picture;
     campaign::plan_options plan_options;
     run_options options;
@@ -108,16 +110,20 @@ ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, con
 {
     const ats::result<std::vector<size_t>> fewest_acts = shorten(plan, acts, options);
     if (!fewest_acts) return ats::pass_on(fewest_acts);
-    for (const size_t number : *fewest_acts) std::printf("  %s\n", describe(plan, number).c_str());
-    const ats::result<run_result> result = run_apart(plan, *fewest_acts, options);
+    const ats::result<campaign::plan> simplest = simplify(plan, *fewest_acts, options);
+    if (!simplest) return ats::pass_on(simplest);
+    for (const size_t number : *fewest_acts) std::printf("  %s\n", describe(*simplest, number).c_str());
+    const ats::result<run_result> result = run_apart(*simplest, *fewest_acts, options);
     if (!result) return ats::pass_on(result);
-    show_failure({result->seed, result->complaint}, plan.options, text_of(*fewest_acts));
+    show_failure({result->seed, result->complaint}, plan.options, selection_of(*simplest, text_of(*fewest_acts)));
     return exit_failed;
 }
 
 ats::result<int> replay(const command_line& line)
 {
-    const plan plan = draw_plan(line.first_seed, line.plan_options);
+    plan plan = draw_plan(line.first_seed, line.plan_options);
+    for (const std::string& text : line.changes)
+        if (const ats::result<> result = change(plan, text); !result) return ats::pass_on(result);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
     for (const std::string& path : {line.options.log_path, line.options.capture_path, line.picture.path})
@@ -131,7 +137,8 @@ ats::result<int> replay(const command_line& line)
         show(result->counts, 0);
         return 0;
     }
-    show_failure({result->seed, result->complaint}, plan.options, CLI::detail::join(line.only, ","));
+    show_failure({result->seed, result->complaint}, plan.options,
+                 selection_of(plan, CLI::detail::join(line.only, ",")));
     return line.minimise ? minimise(plan, *acts, line.options) : exit_failed;
 }
 
@@ -223,7 +230,10 @@ int main(int argc, char** argv)
     program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
         ->delimiter(',')
         ->needs(seed);
-    program.add_flag("--minimise", line.minimise, "find the fewest acts that fail")->needs(seed);
+    program.add_option("--change", line.changes, "A,B,..: change the plan first, as --minimise has found")
+        ->delimiter(',')
+        ->needs(seed);
+    program.add_flag("--minimise", line.minimise, "find the fewest acts and the simplest plan that fail")->needs(seed);
     program.add_option("--log", line.options.log_path, "write every act and every log line to this file")->needs(seed);
     program.add_option("--capture", line.options.capture_path, "write every datagram to this file, for Wireshark")
         ->needs(seed);

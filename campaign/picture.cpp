@@ -38,7 +38,7 @@ ats::result<> draw(const picture_options& picture, const plan& plan, std::vector
     const std::string only = acts.size() < plan.acts.size() ? text_of(acts) : "";
     nlohmann::ordered_json about = {{"title", "Campaign, seed " + std::to_string(plan.seed)},
                                     {"verdict", result->complaint.empty() ? "passed" : "failed"},
-                                    {"replay", replay_command(plan.seed, plan.options, only)},
+                                    {"replay", replay_command(plan.seed, plan.options, selection_of(plan, only))},
                                     {"acts", acts.size()},
                                     {"planned_acts", plan.acts.size()},
                                     {"is_shortened", is_shortened}};

@@ -187,6 +187,8 @@ plan draw_plan(uint64_t seed, const plan_options& options)
               .faults_end_tick = 0,
               .options = options,
               .priorities = {},
+              .has_plain_order = false,
+              .changes = {},
               .drawn = options};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);

@@ -96,7 +96,9 @@ struct plan {
     uint64_t faults_end_tick; // every act has ended before this tick
     plan_options options;     // as the command line gives them
     std::optional<exec::priority_options> priorities;
-    plan_options drawn; // the options that the run uses
+    bool has_plain_order = false;
+    std::vector<std::string> changes; // that were made to the plan of the seed, see simplify.h
+    plan_options drawn;               // the options that the run uses
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);

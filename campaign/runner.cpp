@@ -112,15 +112,6 @@ void kill_all(const std::map<pid_t, run_process>& processes)
     for (const auto& [pid, process] : processes) waitpid(pid, nullptr, 0);
 }
 
-// The letters of the complaint's first line. Two complaints that differ only in numbers are of the same kind.
-std::string complaint_kind(const std::string& complaint)
-{
-    std::string letters;
-    for (const char c : complaint.substr(0, complaint.find('\n')))
-        if (std::isalpha(static_cast<unsigned char>(c))) letters += c;
-    return letters;
-}
-
 } // namespace
 
 void stop_when_interrupted()
@@ -179,6 +170,14 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
         }
         running.emplace(process->pid(), *process);
     }
+}
+
+std::string complaint_kind(const std::string& complaint)
+{
+    std::string letters;
+    for (const char c : complaint.substr(0, complaint.find('\n')))
+        if (std::isalpha(static_cast<unsigned char>(c))) letters += c;
+    return letters;
 }
 
 std::vector<size_t> all_acts(const plan& plan)

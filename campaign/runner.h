@@ -40,6 +40,9 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
                               const std::function<bool(uint64_t, const figures&)>& is_enough,
                               const std::function<void(const run_result&)>& report);
 
+// The letters of the complaint's first line. Two complaints that differ only in numbers are of the same kind.
+std::string complaint_kind(const std::string& complaint);
+
 // The numbers of all acts of a plan.
 std::vector<size_t> all_acts(const plan& plan);
 

@@ -35,17 +35,23 @@ int show_idle_kinds(const campaign_result& result)
 
 } // namespace
 
-std::string replay_command(uint64_t seed, const plan_options& options, const std::string& acts)
+std::string selection_of(const plan& plan, const std::string& acts)
 {
-    const std::string number = std::to_string(seed);
-    return "ats-campaign --seed " + number + describe(options) + (acts.empty() ? "" : " --only " + acts) +
-           " --log seed-" + number + ".log";
+    std::string text = acts.empty() ? "" : " --only " + acts;
+    for (const std::string& each : plan.changes) text += (&each == &plan.changes[0] ? " --change " : ",") + each;
+    return text;
 }
 
-void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts)
+std::string replay_command(uint64_t seed, const plan_options& options, const std::string& selection)
+{
+    const std::string number = std::to_string(seed);
+    return "ats-campaign --seed " + number + describe(options) + selection + " --log seed-" + number + ".log";
+}
+
+void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& selection)
 {
     std::printf("FAILED seed %lu: %sreplay: %s\n", failure.seed, failure.complaint.c_str(),
-                replay_command(failure.seed, options, acts).c_str());
+                replay_command(failure.seed, options, selection).c_str());
     std::fflush(stdout);
 }
 

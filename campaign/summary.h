@@ -9,11 +9,14 @@
 namespace campaign
 {
 
-// The command that runs a seed again. `acts` is the value of --only; empty means all.
-std::string replay_command(uint64_t seed, const plan_options& options, const std::string& acts);
+// The options that select these acts (the value of --only; empty means all) and the changes of the plan.
+std::string selection_of(const plan& plan, const std::string& acts);
+
+// The command that runs a seed again. `selection` is that of selection_of(); empty for a plan as it was drawn.
+std::string replay_command(uint64_t seed, const plan_options& options, const std::string& selection);
 
 // Prints the complaint of a failed run, and the command that replays it.
-void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& acts);
+void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& selection);
 
 // Prints the line of figures.
 void show(const figures& counts, double seconds);

@@ -1,0 +1,23 @@
+// Makes the plan of a run that fails simpler: fewer hosts, smaller numbers, the plain order of tasks. A simpler plan is
+// the plan of the seed with a list of changes, which the command line takes too.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "campaign/runner.h"
+
+namespace campaign
+{
+
+// Carries out a change and notes it in the plan. These are the changes, with examples of numbers:
+//     hosts=2 hcas=1 ports=1         the first hosts only; at most so many HCAs a host, and ports an HCA
+//     order=plain depth=1            tasks run in the plain order; the depth of the priorities
+//     7.host=0 7.a=1 7.b=0 7.ticks=5 the numbers of act 7, and how long it lasts
+// The error: there is no such change, or the plan has no such act or number.
+ats::result<> change(plan& plan, std::string_view text);
+
+// Returns the plan with all changes after which these acts still fail in the same way.
+ats::result<plan> simplify(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options);
+
+} // namespace campaign
