@@ -211,7 +211,12 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
         const embedded::service_record_view record = view_of(raw);
         if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
         const auto& [owner, hca] = owner_of(fabric, record.gid);
-        if (owner.is_cut_off(hca)) continue; // no host may be able to delete it
+        if (owner.is_cut_off(hca)) {
+            // Nobody may be able to delete or to correct it. Of an HCA that has changed to a healthy port, the record
+            // comes back correct.
+            if (to_forget) to_forget->push_back(record.gid);
+            continue;
+        }
         if (!to_forget || !(fabric.network.ever || owner.harm().ever || owner.may_have_left_records))
             fabric.violate(
                 "the SA still holds a record of " + record.gid + ", " + record.host_name,
