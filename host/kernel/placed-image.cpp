@@ -140,7 +140,7 @@ void placed_image::initialise()
         std::memcpy(begin_ + each.place, &target, sizeof target);
     }
     for (const uint64_t place : source_.thread_indexes) {
-        thread_variables* own = &thread_variables_;
+        void* own = &thread_variables_;
         std::memcpy(begin_ + place, &own, sizeof own);
     }
     using function = void(int, char**, char**);
