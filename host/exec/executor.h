@@ -16,6 +16,14 @@ namespace exec
 
 constexpr uint64_t never = UINT64_MAX; // a deadline that never comes
 
+// What a task waits for between two steps of its work; see executor::park for the members.
+struct rest {
+    uint64_t deadline;
+    const char* reason;
+    const char* object;
+    bool is_last = false; // the task ends instead
+};
+
 class executor
 {
   public:
@@ -28,6 +36,11 @@ class executor
     // The executor owns the task until it is joined. Every task must be joined. The name appears in reports. Any
     // thread. Throws a shortage if the process cannot create another task.
     virtual task& start(task_home* home, std::string name, std::function<void()> body) = 0;
+
+    // Starts a task that takes one step after another, and parks between two steps as the last one says. Start and join
+    // it like any other task. In the simulation it needs no stack while it rests, so thousands of hosts can keep such
+    // tasks.
+    virtual task& start_steps(task_home* home, std::string name, std::function<rest()> step) = 0;
 
     // Waits until the task has ended, and frees it. The caller is a task that may sleep, or a thread from outside. In
     // the simulation, the thread from outside runs the tasks meanwhile. It throws `stalled` if the task cannot end.

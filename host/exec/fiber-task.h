@@ -34,6 +34,8 @@ struct fiber_task final : task {
     }
 
     std::function<void()> body;
+    std::function<rest()> step; // if set, the task takes steps instead of the body
+    bool has_stack = true;      // false: it rests between two steps, or before the first
     fiber thread;
     uint64_t number = 0;                         // tasks are numbered in the order in which they start
     std::list<fiber_task*>::iterator position{}; // in the list of all tasks

@@ -31,12 +31,26 @@ constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are l
 constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
+// More stacks than these get a guard only if that splits no mapping. All stacks run the same code, and the number of
+// mappings is limited.
+constexpr size_t split_stacks_limit = 4096;
+
+// Makes the lowest page of a stack fault. The kernel keeps such a guard in its page tables since Linux 6.13. Before, a
+// guard was a mapping of its own.
+bool install_guard(void* page, size_t bytes, size_t stack_count)
+{
+    constexpr int guard_install = 102; // MADV_GUARD_INSTALL, which older headers lack
+    if (madvise(page, bytes, guard_install) == 0 || stack_count > split_stacks_limit) return true;
+    return mprotect(page, bytes, PROT_NONE) == 0;
+}
+
 constexpr const char* no_memory = "no memory is left for the stack of a task: free some, or run fewer hosts";
 
 } // namespace
 
 fiber_stack_pool::~fiber_stack_pool()
 {
+    if (last_current_.mapping) free_.push_back(last_current_);
     for (const fiber_stack& stack : free_) munmap(stack.mapping, stack.mapped_bytes);
 }
 
@@ -53,7 +67,8 @@ fiber_stack fiber_stack_pool::take()
     stack.mapping = mmap(nullptr, stack.mapped_bytes, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
     if (stack.mapping == MAP_FAILED) throw_shortage(no_memory);
-    if (mprotect(stack.mapping, page, PROT_NONE) != 0) {
+    madvise(stack.mapping, stack.mapped_bytes, MADV_NOHUGEPAGE); // a huge page would take memory for several stacks
+    if (!install_guard(stack.mapping, page, ++stack_count_)) {
         munmap(stack.mapping, stack.mapped_bytes);
         throw_shortage(no_memory);
     }
@@ -69,6 +84,12 @@ void fiber_stack_pool::put(fiber_stack stack)
     __asan_unpoison_memory_region(stack.bottom, stack.bytes);
 #endif
     free_.push_back(stack);
+}
+
+void fiber_stack_pool::put_current(fiber_stack stack)
+{
+    if (last_current_.mapping) put(last_current_);
+    last_current_ = stack;
 }
 
 void fiber_stack_pool::put_abandoned(fiber_stack stack)
@@ -87,12 +108,22 @@ fiber::fiber()
 #endif
 }
 
-fiber::fiber(fiber_stack stack, void (*entry)(void*), void* argument)
-    : stack_(stack), entry_(entry), argument_(argument)
+fiber::fiber(fiber_stack stack, void (*entry)(void*), void* argument) : entry_(entry), argument_(argument)
 {
+    if (stack.mapping) restart(stack);
+}
+
+void fiber::restart(fiber_stack stack)
+{
+    stack_ = stack;
+    exceptions_ = {};
     char* top = static_cast<char*>(stack.bottom) + stack.bytes;
     context_ = boost::context::detail::make_fcontext(top, stack.bytes, begin);
+#ifdef __SANITIZE_ADDRESS__
+    fake_stack_ = nullptr;
+#endif
 #ifdef __SANITIZE_THREAD__
+    if (thread_sanitizer_fiber_) __tsan_destroy_fiber(thread_sanitizer_fiber_);
     thread_sanitizer_fiber_ = __tsan_create_fiber(0);
 #endif
 }
@@ -100,7 +131,7 @@ fiber::fiber(fiber_stack stack, void (*entry)(void*), void* argument)
 fiber::~fiber()
 {
 #ifdef __SANITIZE_THREAD__
-    if (entry_) __tsan_destroy_fiber(thread_sanitizer_fiber_);
+    if (entry_ && thread_sanitizer_fiber_) __tsan_destroy_fiber(thread_sanitizer_fiber_);
 #endif
 }
 

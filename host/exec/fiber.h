@@ -33,12 +33,17 @@ class fiber_stack_pool
     // Puts back a stack whose fiber has ended or never started.
     void put(fiber_stack stack);
 
+    // Puts back the stack on which the caller runs. The caller must leave it with its next switch, for good.
+    void put_current(fiber_stack stack);
+
     // Puts back a stack whose fiber stopped half-way. Its local objects are never destroyed. The leak checker regards
     // memory that they refer to as used.
     void put_abandoned(fiber_stack stack);
 
   private:
+    size_t stack_count_ = 0; // those that were mapped
     std::vector<fiber_stack> free_;
+    fiber_stack last_current_; // may still be in use until the next put_current(); no mapping: none
 };
 
 // One fiber, or the thread on its own stack. A fiber starts at the first switch to it. For one thread.
@@ -49,11 +54,16 @@ class fiber
     fiber();
 
     // A fiber that calls `entry(argument)`. `entry` must not return; it ends with a last switch to another fiber. The
-    // caller owns the stack, which must outlive the fiber.
+    // caller owns the stack, which must outlive the fiber. Without a stack (no mapping), restart() must come before the
+    // first switch.
     fiber(fiber_stack stack, void (*entry)(void*), void* argument);
     ~fiber();
     fiber(const fiber&) = delete;
     fiber& operator=(const fiber&) = delete;
+
+    // Starts again, with `entry(argument)` on another stack. The fiber has stopped for good, or was made without a
+    // stack.
+    void restart(fiber_stack stack);
 
     // Leaves the calling fiber, which must be `current`, and continues with `next`. Returns when a fiber switches back.
     // With `has_ended`, the calling fiber is never resumed.

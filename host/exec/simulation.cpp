@@ -5,6 +5,7 @@
 #include "host/exec/fiber-task.h"
 #include "host/exec/ready-queue.h"
 #include "host/exec/schedule.h"
+#include "host/exec/shortage.h"
 
 namespace exec
 {
@@ -34,6 +35,15 @@ class simulated_executor final : public simulation
     {
         check_thread("start");
         return start_fiber(home, std::move(name), std::move(body));
+    }
+
+    task& start_steps(task_home* home, std::string name, std::function<rest()> step) override
+    {
+        check_thread("start_steps");
+        auto* task = new fiber_task(*this, home, std::move(name), nullptr, {}, run_body);
+        task->step = std::move(step);
+        task->has_stack = false;
+        return add(*task);
     }
 
     void join(task& task) override
@@ -182,11 +192,15 @@ class simulated_executor final : public simulation
 
     fiber_task& start_fiber(task_home* home, std::string name, std::function<void()> body)
     {
-        auto* task = new fiber_task(*this, home, std::move(name), std::move(body), stacks_.take(), run_body);
-        task->number = ++tasks_started_;
-        task->position = tasks_.insert(tasks_.end(), task);
-        ready_tasks_.push(task);
-        return *task;
+        return add(*new fiber_task(*this, home, std::move(name), std::move(body), stacks_.take(), run_body));
+    }
+
+    fiber_task& add(fiber_task& task)
+    {
+        task.number = ++tasks_started_;
+        task.position = tasks_.insert(tasks_.end(), &task);
+        ready_tasks_.push(&task);
+        return task;
     }
 
     static void run_body(void* argument)
@@ -194,7 +208,10 @@ class simulated_executor final : public simulation
         auto& self = *static_cast<fiber_task*>(argument);
         self.has_begun = true;
         try {
-            self.body();
+            if (self.step)
+                static_cast<simulated_executor&>(self.exec).take_steps(self);
+            else
+                self.body();
         } catch (const std::exception& exception) {
             if (!self.may_throw) panic("an exception escaped: %s", exception.what());
             self.exception = std::current_exception();
@@ -203,6 +220,49 @@ class simulated_executor final : public simulation
             self.exception = std::current_exception();
         }
         static_cast<simulated_executor&>(self.exec).end(self);
+    }
+
+    // Returns when the last step is done. At a rest the fiber stops for good; the next step begins on another stack.
+    void take_steps(fiber_task& self)
+    {
+        for (;;) {
+            const rest pause = self.step();
+            if (pause.is_last) return;
+            if (self.has_wake_up || pause.deadline <= now_) {
+                park(pause.deadline, pause.reason, pause.object);
+                continue;
+            }
+            might_sleep(pause.reason);
+            if (pause.deadline != never) arm(self, pause.deadline);
+            stop(self, task_state::parked, pause.reason, pause.object);
+            ready_spinners();
+            self.has_stack = false;
+            stacks_.put_current(self.thread.stack());
+            switch_away(self);
+        }
+    }
+
+    // Gives the task a stack before it goes on.
+    void prepare(fiber_task& next)
+    {
+        if (next.has_stack) return;
+        if (next.has_begun) next.has_wake_up = false; // it has ended the rest
+        next.thread.restart(stack_for_step());
+        next.has_stack = true;
+    }
+
+    // There is nobody to whom a shortage could be reported here. It releases the reserve, so that there is room then.
+    fiber_stack stack_for_step()
+    {
+        try {
+            return stacks_.take();
+        } catch (const shortage&) {
+        }
+        try {
+            return stacks_.take();
+        } catch (const shortage& error) {
+            panic("%s", error.what());
+        }
     }
 
     void end(fiber_task& self)
@@ -217,7 +277,9 @@ class simulated_executor final : public simulation
     {
         disarm(task);
         tasks_.erase(task.position);
-        if (task.state == task_state::ended || !task.has_begun)
+        if (!task.has_stack) {
+            // nothing to give back
+        } else if (task.state == task_state::ended || !task.has_begun)
             stacks_.put(task.thread.stack());
         else
             stacks_.put_abandoned(task.thread.stack());
@@ -278,6 +340,7 @@ class simulated_executor final : public simulation
 
     void switch_to(fiber_task& self, fiber_task* next)
     {
+        prepare(*next);
         set_current_task(next);
         fiber::switch_between(self.thread, next->thread);
     }
@@ -289,8 +352,10 @@ class simulated_executor final : public simulation
         const bool returns_outside = ready_count() == 0 || (target_ && target_->state == task_state::ended);
         fiber_task* next = returns_outside ? nullptr : choose_ready();
         if (next == &self) return;
+        const bool is_gone = self.state == task_state::ended || !self.has_stack;
+        if (next) prepare(*next);
         set_current_task(next);
-        fiber::switch_between(self.thread, next ? next->thread : outside_, self.state == task_state::ended);
+        fiber::switch_between(self.thread, next ? next->thread : outside_, is_gone);
     }
 
     size_t ready_count() const { return ready_tasks_.size() + preempted_tasks_.size(); }
@@ -313,6 +378,7 @@ class simulated_executor final : public simulation
     {
         if (ready_count() == 0) return false;
         fiber_task* next = choose_ready();
+        prepare(*next);
         set_current_task(next);
         fiber::switch_between(outside_, next->thread);
         return true;

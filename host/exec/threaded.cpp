@@ -73,6 +73,13 @@ class threaded_executor final : public executor
         return *task.release();
     }
 
+    task& start_steps(task_home* home, std::string name, std::function<rest()> step) override
+    {
+        return start(home, std::move(name), [this, step = std::move(step)] {
+            for (rest pause = step(); !pause.is_last; pause = step()) park(pause.deadline, pause.reason, pause.object);
+        });
+    }
+
     void join(task& task) override
     {
         if (current_task()) might_sleep("join");

@@ -85,10 +85,8 @@ gsi_adapter::gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomi
       task_(home, context_name_)
 {
     if (!receive_pool_) throw std::bad_alloc();
-    task_.start([this] {
-        while (task_.goes_on())
-            if (!complete()) task_.sleep(exec::never, "completions");
-    });
+    const auto work = [this] { return complete() ? std::nullopt : std::optional(exec::never); };
+    task_.start(work, "completions");
 }
 
 gsi_adapter::~gsi_adapter()

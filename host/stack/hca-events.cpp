@@ -45,7 +45,7 @@ hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
     : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().hub_of(adapter)), task_(home, adapter.name() + " events")
 {
     init_waitqueue_head_named(&callback_ended_, "the end of an event callback");
-    task_.start([this] { run(); });
+    task_.start([this] { return deliver_next() ? std::nullopt : std::optional(exec::never); }, "events");
 }
 
 hca_events::~hca_events()
@@ -157,12 +157,6 @@ void hca_events::queue(const event& new_event)
     if (std::ranges::count_if(queue_, is_alike) >= queue_limit) queue_.erase(std::ranges::find_if(queue_, is_alike));
     queue_.push_back(new_event);
     task_.ring();
-}
-
-void hca_events::run()
-{
-    while (task_.goes_on())
-        if (!deliver_next()) task_.sleep(exec::never, "events");
 }
 
 bool hca_events::deliver_next()

@@ -63,8 +63,7 @@ class hca_events final : public fabric::listener
     void announce_active_ports(kq_hca_h_t handle);
     bool callback_runs(kq_hca_h_t handle) const;
 
-    // The body of the task.
-    void run();
+    // The work of the task. Returns false if there is no event.
     bool deliver_next();
 
     kernel::machine& home_;

@@ -17,10 +17,18 @@ service_task::~service_task()
     stop();
 }
 
-void service_task::start(std::function<void()> body)
+void service_task::start(std::function<std::optional<uint64_t>()> work, const char* reason)
 {
     assert(!task_);
-    task_ = &home_.start(name_, std::move(body));
+    const auto step = [this, work = std::move(work), reason]() -> exec::rest {
+        while (!is_stopping_) {
+            rounds_.fetch_add(1, std::memory_order_relaxed);
+            const std::optional<uint64_t> deadline = work();
+            if (deadline && !is_stopping_) return {.deadline = *deadline, .reason = reason, .object = name_.c_str()};
+        }
+        return {.deadline = exec::never, .reason = "", .object = "", .is_last = true};
+    };
+    task_ = &home_.exec().start_steps(&home_, name_, step);
     ring(); // a ring() before task_ was set had no effect; repeat it
 }
 
@@ -28,11 +36,6 @@ void service_task::ring()
 {
     exec::task* task = task_;
     if (task) home_.exec().wake(*task);
-}
-
-void service_task::sleep(uint64_t deadline, const char* reason) const
-{
-    if (!is_stopping_) home_.exec().park(deadline, reason, name_.c_str());
 }
 
 void service_task::stop()

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,29 +48,21 @@ class service_task
     service_task(const service_task&) = delete;
     service_task& operator=(const service_task&) = delete;
 
-    // Starts the task. `body` repeats two steps while goes_on(): its work and sleep(). Call it once; it does not sleep.
-    // Throws a shortage if the task cannot be created.
-    void start(std::function<void()> body);
+    // Starts the task, which calls `work` until stop(). Without work to do, `work` returns the tick until which the
+    // task sleeps. ring() ends the sleep, and it may end early. `reason` names in reports what the task waits for, and
+    // must outlive it. Call it once; it does not sleep. Throws a shortage if the task cannot be created.
+    void start(std::function<std::optional<uint64_t>()> work, const char* reason);
 
     // Reports new work. Ends the task's sleep; if it does not sleep, ends its next sleep. Any context. Does nothing
     // before start().
     void ring();
 
-    // Called only by the task itself. Sleeps until ring() or until the clock reaches `deadline`; may return early.
-    void sleep(uint64_t deadline, const char* reason) const;
-
-    // Called only by the task itself, once for each round. Returns false after stop().
-    bool goes_on()
-    {
-        rounds_.fetch_add(1, std::memory_order_relaxed);
-        return !is_stopping_;
-    }
     const std::string& name() const { return name_; }
-    uint64_t rounds() const { return rounds_.load(std::memory_order_relaxed); } // any thread
+    uint64_t rounds() const { return rounds_.load(std::memory_order_relaxed); } // calls of `work`; any thread
     bool is_current() const { return task_ && task_ == exec::current_task(); }
 
-    // Waits until the body has ended. ring() must not be called from now on. The caller is a task that may sleep, or is
-    // outside.
+    // Waits until the last call of `work` has returned. ring() must not be called from now on. The caller is a task
+    // that may sleep, or is outside.
     void stop();
 
   private:

@@ -13,7 +13,7 @@ namespace stack
 timers::timers(kernel::machine& home) : home_(home), atomic_(home, "timer"), sleeping_(home, "sleeping timers")
 {
     init_waitqueue_head_named(&handler_ended_, "the end of a timer's handler");
-    for (lane* each : {&atomic_, &sleeping_}) each->task.start([this, each] { run(*each); });
+    for (lane* each : {&atomic_, &sleeping_}) each->task.start([this, each] { return run(*each); }, "timers");
 }
 
 timers::~timers()
@@ -86,12 +86,11 @@ std::vector<std::string> timers::left_by(const kernel::module_code& module) cons
     return leftovers;
 }
 
-void timers::run(lane& self)
+// Nothing: it has run a handler, or done idle work. Otherwise the tick until which the lane may sleep.
+std::optional<uint64_t> timers::run(lane& self)
 {
-    while (self.task.goes_on()) {
-        const bool has_worked = run_next(self) || run_idle_work(self);
-        if (!has_worked) self.task.sleep(next_deadline(self), "timers");
-    }
+    if (run_next(self) || run_idle_work(self)) return std::nullopt;
+    return next_deadline(self);
 }
 
 void timers::set_idle_work(std::function<bool()> work)

@@ -48,7 +48,7 @@ class timers final : public kernel::service
         service_task task;
     };
 
-    void run(lane& self);
+    std::optional<uint64_t> run(lane& self);
     bool run_idle_work(const lane& self) const;
     bool run_next(lane& self);
     bool take_next(lane& self, armed_timer& next);
