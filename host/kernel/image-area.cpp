@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "host/exec/shortage.h"
+#include "host/kernel/zeroing.h"
 
 namespace kernel
 {
@@ -163,6 +164,11 @@ void image_area::put(size_t slot)
     if (madvise(data, code_.data_bytes(), MADV_DONTNEED) != 0) std::memset(data, 0, code_.data_bytes());
     in_use_[slot].store(false, std::memory_order_release);
     --used_;
+}
+
+void image_area::give_back_zero_pages(size_t slot) const
+{
+    kernel::give_back_zero_pages(slot_begin(slot) + code_.data_page(), code_.data_bytes());
 }
 
 char* image_area::find(const char* address) const

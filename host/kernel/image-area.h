@@ -61,6 +61,9 @@ class image_area
     ats::result<size_t> take();
     void put(size_t slot);
 
+    // Gives back the pages of a slot's variables that are zero. No other thread may write them meanwhile. Any thread.
+    void give_back_zero_pages(size_t slot) const;
+
     // The beginning of the image that an address of the area belongs to, or null. Any thread.
     char* find(const char* address) const;
 

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 
 #include "host/kernel/elf-object.h"
+#include "host/kernel/zeroing.h"
 
 namespace kernel
 {
@@ -147,6 +148,7 @@ class template_maker
         if (name == "__cxa_finalize") return true; // weak, and there is nothing to finalise: stays null
         void* found = dlsym(RTLD_DEFAULT, name.c_str());
         if (name == "__tls_get_addr") found = reinterpret_cast<void*>(&address_of_thread_variable);
+        if (name == "memset") found = reinterpret_cast<void*>(&set_memory);
         if (!found) return ELF64_ST_BIND(symbol.st_info) == STB_WEAK;
         const uint64_t address = reinterpret_cast<uint64_t>(found) + addend;
         std::memcpy(result_->data.data() + (place - result_->data_begin), &address, sizeof address);

@@ -148,6 +148,7 @@ void placed_image::initialise()
     if (initialisers.first != 0) reinterpret_cast<function*>(begin_ + initialisers.first)(0, nullptr, environ);
     for (size_t i = 0; i < initialisers.array_size; ++i)
         reinterpret_cast<function**>(begin_ + initialisers.array)[i](0, nullptr, environ);
+    area_.give_back_zero_pages(slot_); // constructors write zeros, too
 }
 
 void* placed_image::symbol(const std::string& name) const

@@ -1,4 +1,5 @@
 // Loads and unloads a small module while it is used in other ways.
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -6,6 +7,8 @@
 #include <unistd.h>
 
 #include "host/exec/print-capture.h"
+#include "host/kernel/image-template.h"
+#include "host/kernel/zeroing.h"
 #include "host/world/module-folder.h"
 #include "kernel/errno.h"
 #include "kernel/module.h"
@@ -230,6 +233,23 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
     ASSERT_TRUE(host.modules.insmod(probe, "leak_bytes=33"));
     EXPECT_TRUE(host.modules.rmmod("probe"));
     EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
+}
+
+// Modules get this in place of memset().
+TEST(zeroing, clears_exactly_what_it_is_told)
+{
+    constexpr size_t page = kernel::image_page_bytes;
+    std::vector<char> full(5 * page, 'x'), sparse(5 * page); // some pages of the second are zero
+    for (size_t i = 0; i < sparse.size(); i += 2 * page + 1) sparse[i] = 'x';
+    for (const auto& before : {full, sparse})
+        for (const size_t begin : {size_t{0}, size_t{1}, page - 1, page})
+            for (const size_t bytes : {page - 1, page, page + 1, 3 * page})
+                for (const int value : {0, 7}) {
+                    std::vector<char> memory = before, expected = before;
+                    std::fill_n(expected.begin() + static_cast<ptrdiff_t>(begin), bytes, static_cast<char>(value));
+                    EXPECT_EQ(kernel::set_memory(memory.data() + begin, value, bytes), memory.data() + begin);
+                    EXPECT_TRUE(memory == expected) << bytes << " bytes from " << begin << " set to " << value;
+                }
 }
 
 // Kernel calls throw when memory is used up.
