@@ -99,6 +99,7 @@ bench:
 	cmake --preset release
 	cmake --build --preset release
 	build/release/bench/ats-bench
+	build/release/bench/ats-figures subnet 48000
 	build/release/bench/client-bench
 	test ! -x build/release/bench/fabric-bench || build/release/bench/fabric-bench
 

@@ -1,19 +1,18 @@
 // ats-figures: measures the figures of docs/report.md and prints a JSON object for each. `scripts/report` runs it and
-// draws them.
+// draws them. 'subnet' prints the figures of a whole subnet beside their limits instead, for `make bench`.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <new>
 #include <optional>
 #include <unistd.h>
 
 #include "bench/bench-world.h"
+#include "bench/figures/process-usage.h"
+#include "bench/figures/whole-subnet.h"
 #include "host/exec/shortage.h"
 #include "host/world/module-folder.h"
 #include "host/world/resolution.h"
@@ -27,21 +26,6 @@ namespace
 {
 
 constexpr uint64_t second = 1000;
-
-// The number of KiB in a line "name:  123 kB" of a file of /proc.
-double kib_in(const char* path, const std::string& name)
-{
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with(name + ":")) return std::stod(line.substr(name.size() + 1));
-    throw std::runtime_error(std::string(path) + " has no line " + name);
-}
-
-// The memory of this process: pages that several places share count once (Pss), and page tables count, too.
-double memory_bytes()
-{
-    return 1024 * (kib_in("/proc/self/smaps_rollup", "Pss") + kib_in("/proc/self/status", "VmPTE"));
-}
 
 // Counts the requests to the SA, second by second.
 class load_meter final : public fabric::tap
@@ -83,79 +67,6 @@ void show_load(const char* name, const load_meter::load& load)
 {
     std::printf("\"%s\":{\"mean\":%.2f,\"peak\":%llu,\"series\":%s}", name, load.mean,
                 static_cast<unsigned long long>(load.peak), load.series.c_str());
-}
-
-size_t mapping_count()
-{
-    std::ifstream maps("/proc/self/maps");
-    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
-}
-
-double processor_seconds()
-{
-    timespec spent{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spent);
-    return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
-}
-
-// Prints the error of a world that did not come up, and unloads the loaded modules. Returns the program's exit code.
-int give_up(bench_world& world, const ats::error& error)
-{
-    std::fprintf(stderr, "%s\n", error.text.c_str());
-    size_t loaded_hosts = 0;
-    for (const auto& host : world.hosts) {
-        loaded_hosts += !host->machine().modules.loaded().empty();
-        if (const ats::result<> result = host->unload(); !result)
-            std::fprintf(stderr, "%s: %s\n", host->name().c_str(), result.error().text.c_str());
-    }
-    std::fprintf(stderr, "%zu hosts were unloaded in good order, and left %zu records at the SA\n", loaded_hosts,
-                 world.subnet.service_records().size());
-    return 1;
-}
-
-// The processor time of a lookup at the SA, in microseconds. It is the mean of lookups from hosts all over the subnet,
-// each for the address of another host.
-double lookup_microseconds(bench_world& world)
-{
-    constexpr size_t most_lookups = 20'000;
-    const size_t hosts = world.hosts.size(), lookups = std::min(most_lookups, 100 * hosts);
-    const double begin = processor_seconds();
-    size_t asker = 0;
-    for (size_t i = 0; i < lookups; ++i) {
-        asker = (asker + 7919) % hosts; // a prime: consecutive askers are far apart in memory
-        const uint32_t address =
-            *world::parse_ipv4(bench_world::address_of(static_cast<int>((asker * 31 + i) % hosts) + 1));
-        if (world::resolve_address(world.hosts[asker]->machine(), address, world::lookup_mode::sa_only).status !=
-            ibat_stat_ok)
-            throw std::runtime_error("a lookup failed");
-    }
-    return (processor_seconds() - begin) / static_cast<double>(lookups) * 1e6;
-}
-
-// Every host starts, registers, asks for addresses, and is unloaded.
-int come_and_go(int hosts)
-{
-    const exec::reserve last_memory;
-    const double bytes_at_start = memory_bytes();
-    const double begin = processor_seconds();
-    bench_world world(hosts);
-    const double made = processor_seconds();
-    if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
-    const double up = processor_seconds();
-    const size_t records = world.subnet.service_records().size();
-    const double bytes_up = memory_bytes() - bytes_at_start;
-    const size_t mappings = mapping_count();
-    const double lookup = lookup_microseconds(world);
-
-    const double unload_begin = processor_seconds();
-    for (const auto& host : world.hosts)
-        if (const ats::result<> result = host->unload(); !result) return give_up(world, result.error());
-    std::printf("{\"hosts\":%d,\"registered\":%zu,\"kib_per_host\":%.1f,\"module_bytes\":%zu,\"mappings\":%zu,"
-                "\"made_s\":%.2f,\"up_s\":%.2f,\"lookup_us\":%.2f,\"unload_s\":%.2f,\"left\":%zu}\n",
-                hosts, records, bytes_up / 1024 / hosts, world.hosts[0]->machine().memory.bytes(), mappings,
-                made - begin, up - made, lookup, processor_seconds() - unload_begin,
-                world.subnet.service_records().size());
-    return 0;
 }
 
 // The hosts start together. An hour later, the SM moves to another LID and loses all records, several times. Then the
@@ -297,13 +208,12 @@ int run(int argc, char** argv)
     const std::string figure = argc > 1 ? argv[1] : "";
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
     if (figure == "scale" && count > 0) return scale(count);
-    if (figure == "come-and-go" && count > 0) return come_and_go(count);
+    if (figure == "subnet" && count > 0) return whole_subnet(count);
     if (figure == "lookups" && count > 0) return lookups(count);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
         if (figure == step && count > 0) return repeat(figure, count);
-    std::fprintf(
-        stderr,
-        "usage: ats-figures scale|come-and-go HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
+    std::fprintf(stderr,
+                 "usage: ats-figures scale|subnet HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }
 

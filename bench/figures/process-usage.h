@@ -1,0 +1,11 @@
+// What this process has used so far.
+#pragma once
+
+#include <cstddef>
+
+// The memory in bytes. Pages that several places share count once (Pss), and page tables count, too.
+double memory_bytes();
+
+size_t mapping_count();
+
+double processor_seconds();
