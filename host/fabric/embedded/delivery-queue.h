@@ -1,10 +1,11 @@
-// The datagrams in transit, ordered by their due tick, then by the order of posting. The queue owns them and allocates
-// all memory at its construction. It has no lock: the caller guards it.
+// The datagrams in transit, ordered by their due tick, then by the order of posting. The queue owns them. It
+// allocates memory when more are in transit than ever before. It has no lock: the caller guards it.
 #pragma once
 
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <deque>
 #include <vector>
 
 #include "host/fabric/fabric.h"
@@ -40,17 +41,12 @@ struct datagram {
 class delivery_queue
 {
   public:
-    explicit delivery_queue(size_t capacity) : datagrams_(capacity)
-    {
-        heap_.reserve(capacity);
-        free_.reserve(capacity);
-        for (datagram& each : datagrams_) free_.push_back(&each);
-    }
+    explicit delivery_queue(size_t capacity) : capacity_(capacity) {}
 
     // Returns a free datagram, or null if all are in transit. The caller fills it in, and then posts or puts it.
     datagram* take()
     {
-        if (free_.empty()) return nullptr;
+        if (free_.empty()) return datagrams_.size() < capacity_ ? &datagrams_.emplace_back() : nullptr;
         datagram* taken_datagram = free_.back();
         free_.pop_back();
         return taken_datagram;
@@ -91,7 +87,8 @@ class delivery_queue
         }
     };
 
-    std::vector<datagram> datagrams_;
+    const size_t capacity_;
+    std::deque<datagram> datagrams_; // as many as were in transit at once
     std::vector<datagram*> free_;
     std::vector<transit> heap_;
     uint64_t post_count_ = 0;

@@ -33,7 +33,9 @@ struct subnet_options {
     uint8_t sm_sl = 0;
     std::vector<uint16_t> p_keys = {0xFFFF}; // for the SA's port, and for the ports of HCAs without their own P_Keys
     uint8_t mtu = 4;                         // PortInfo encoding
-    size_t queue_capacity = 4096;            // maximum number of datagrams in transit; more sends are refused
+    // The maximum number of datagrams in transit; more sends are refused. Four for each unicast LID, so that all hosts
+    // of the largest subnet can send at once.
+    size_t queue_capacity = 4 * size_t{0xBFFF};
     size_t service_record_limit = 65536;
     uint64_t fault_seed = 1;
 };
