@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "host/exec/executor.h"
 #include "host/exec/fiber.h"
 #include "host/exec/task.h"
 
