@@ -15,7 +15,7 @@ namespace
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
 constexpr uint64_t longest_check = 8 * minute; // time to check the healthy hosts after a fault that never heals
 constexpr uint64_t request_timer_ticks = 1000;
-constexpr uint64_t cluster_ticks = 40; // approximately the time that the service waits for an answer
+constexpr uint64_t cluster_ticks = 40; // about the time of two waits for the answer to a Delete
 
 class dice
 {
@@ -118,8 +118,8 @@ uint32_t kind_of(void (*begin)(tested_fabric&, const act&))
     return static_cast<uint32_t>(std::ranges::find(act_kinds, begin, &act_kind::begin) - act_kinds.begin());
 }
 
-// Adds one to three faults that never heal. They affect neighbours, at most half of the hosts, so at least one host
-// stays healthy. They have their own dice, so all other acts of the seed stay the same.
+// Adds one to three faults that never heal. They affect hosts with consecutive numbers, at most half of all, so at
+// least one host stays healthy. They have their own dice, so all other acts of the seed stay the same.
 void add_unhealed_faults(plan& plan)
 {
     constexpr uint64_t own_sequence = 0x756E6865616C6564;
@@ -138,7 +138,8 @@ void add_unhealed_faults(plan& plan)
     }
 }
 
-// Short rounds often change the order of a few tasks. In a long round, one task waits while many others run.
+// exec::priority_schedule explains rounds. Short ones often change the order of a few tasks. In a long one, a task
+// waits while many others run.
 exec::priority_options draw_priorities(uint64_t seed)
 {
     constexpr uint64_t own_sequence = 0x7072696F72697479;

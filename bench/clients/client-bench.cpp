@@ -63,8 +63,8 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-// The cost of the socket alone: rounds per second with a process that answers each question's bytes with an answer's
-// bytes.
+// The cost of the socket alone: exchanges per second with a process that only sends an answer's bytes for the bytes of
+// each question.
 double ping_pong(int count, const exchange& exchange)
 {
     int ends[2];

@@ -165,8 +165,8 @@ int lookups(int count)
     return 0;
 }
 
-// Repeats one step. `scripts/report` counts the instructions of two runs with different counts; their difference is the
-// cost.
+// Repeats one step. `scripts/report` counts the instructions of two runs that differ in `count`, and calculates the
+// cost of one step from the difference.
 int repeat(const std::string& step, int count)
 {
     if (step == "encode" || step == "decode") {

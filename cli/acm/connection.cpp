@@ -10,8 +10,8 @@ namespace acm
 namespace
 {
 
-// poll() reports a partial request again and again, so it cannot wait for the rest. Check for the rest in this
-// interval.
+// A partial request stays in the socket, so poll() would report it without end. A timer looks for the rest at this
+// interval instead.
 constexpr uint64_t rest_period_ms = 10;
 
 connection& self_of(void* handle_data)
@@ -104,7 +104,7 @@ void connection::answer(const message& bytes)
     const bool is_taken = taken_size == static_cast<ssize_t>(request_length_);
     request_length_ = 0;
     ++request_number_;
-    // A program that does not read its answers gets no more answers.
+    // A program that does not read its answers is cut off.
     const ssize_t sent = is_taken ? send(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) : -1;
     if (sent != static_cast<ssize_t>(bytes.size())) return cut_off();
     if (is_timer_running_) uv_timer_stop(&timer_);

@@ -31,7 +31,7 @@ class event_loop
     // Calls `work` at the end of every round, after all input of the round was handled. Call it before start().
     void set_end_of_round(std::function<void()> work) { end_of_round_ = std::move(work); }
 
-    // Ends the thread after the work that was posted before. The caller must have closed its handles.
+    // Ends the thread after the work that was posted before. All handles of the loop must be closed before.
     void stop();
 
   private:

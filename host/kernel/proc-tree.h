@@ -42,8 +42,8 @@ class proc_tree
     int stat(const std::string& path, proc_listing* entry) const;
 
     // Reads from `offset` on, page by page like a kernel. Stops when `size` bytes are read, when the handler signals
-    // the end of the file, or when its answer is empty. Appends to `text`, and returns the length of `text`.
-    // kernel/proc.h describes what happens if a handler exceeds its bounds.
+    // the end of the file, or when its answer is empty. Appends to `text`, which is usually empty, and returns its
+    // whole length. kernel/proc.h describes what happens if a handler exceeds its bounds.
     int read(const std::string& path, size_t offset, size_t size, std::string* text);
 
     // Passes the bytes to the handler in one call. Returns the handler's result. Returns -EK_RESTARTSYS if a signal

@@ -1,5 +1,5 @@
 // The timing service of a machine. Handlers that never sleep run in its timer context. Handlers that may sleep run in
-// another task, where they delay only each other; idle work may delay them, too. At one tick, the handlers that never
+// another task. They may delay each other there, and idle work may delay them. At one tick, the handlers that never
 // sleep run first. Within each kind, the order is by deadline, then by arming.
 #pragma once
 
@@ -20,7 +20,7 @@ class timers final : public kernel::service
     // Starts the tasks of both kinds. Throws a shortage if they cannot be created.
     explicit timers(kernel::machine& home);
 
-    // A hard error if a timer is still armed: its record, or the module of its handler, may not exist any more.
+    // A hard error if a timer is still armed: its record, or the module of its handler, is perhaps gone already.
     ~timers() override;
 
     // timing.h describes these calls. arm() may be called in any context; disarm_and_wait() may sleep.
@@ -44,7 +44,7 @@ class timers final : public kernel::service
         timer_queue queue;
         const timing_t* running_timer = nullptr;          // the timer whose handler runs, or null
         void (*running_handler)(unsigned long) = nullptr; // valid while running_timer is set
-        bool is_arming_void = false;                      // a task is deleting running_timer and waits for the handler
+        bool is_arming_void = false; // arm() ignores running_timer: a task is deleting it and waits for its handler
         service_task task;
     };
 
@@ -58,8 +58,8 @@ class timers final : public kernel::service
     kernel::machine& home_;
     mutable std::mutex mutex_;
     uint64_t times_armed_ = 0;
-    bool sleeping_waits_for_atomic_ =
-        false; // the sleeping lane sleeps without a deadline until the atomic lane rings it
+    // The lane of handlers that may sleep waits without a deadline. The atomic lane rings it when it has no timer due.
+    bool sleeping_waits_for_atomic_ = false;
     wait_queue_head_t handler_ended_;
     std::function<bool()> idle_work_;
     std::atomic<bool> has_idle_work_{false}; // idle_work_ is set and does not change any more

@@ -94,7 +94,7 @@ std::string names_text(const std::vector<hca_listing>& hcas)
     return text;
 }
 
-// The HCAs that the options select, in their order.
+// The HCAs that the options select, in the order of the options.
 ats::result<std::vector<hca_listing>> chosen_hcas(const fabric_options& options)
 {
     auto hcas = list_hcas();
