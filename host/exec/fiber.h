@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "host/exec/sanitizers.h"
+
 namespace boost::context::detail
 {
 struct transfer_t;
@@ -45,6 +47,14 @@ class fiber_stack_pool
     std::vector<fiber_stack> free_;
     fiber_stack last_current_; // may still be in use until the next put_current(); no mapping: none
 };
+
+// The thread sanitizer takes longer to start a fiber than most fibers run. There, a task keeps its fiber while it
+// rests.
+#ifdef __SANITIZE_THREAD__
+constexpr bool is_restart_cheap = false;
+#else
+constexpr bool is_restart_cheap = true;
+#endif
 
 // One fiber, or the thread on its own stack. A fiber starts at the first switch to it. For one thread.
 class fiber

@@ -228,7 +228,7 @@ class simulated_executor final : public simulation
         for (;;) {
             const rest pause = self.step();
             if (pause.is_last) return;
-            if (self.has_wake_up || pause.deadline <= now_) {
+            if (!is_restart_cheap || self.has_wake_up || pause.deadline <= now_) {
                 park(pause.deadline, pause.reason, pause.object);
                 continue;
             }
