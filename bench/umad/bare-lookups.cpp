@@ -3,27 +3,18 @@
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
 // Looks up the record of ADDRESS, LOOKUPS times, and prints the lookups per second. With "path", each lookup also asks
 // for the path to the GID in the record.
-#include <arpa/inet.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
-#include "host/fabric/umad/libibumad.h"
-#include "records/host-record.h"
-#include "sa-mads.h"
+#include "bench/umad/bare-port.h"
 
 namespace
 {
 
 constexpr int patience_ms = 500; // after this time, the requests in flight count as lost and are sent again
-
-struct umad_buffer {
-    ib_user_mad_t header;
-    sa_mad_v2_t mad;
-};
 
 [[noreturn]] void fail(const char* reason)
 {
@@ -31,22 +22,12 @@ struct umad_buffer {
     std::exit(2);
 }
 
-void prepare(umad_buffer& request, const umad_port_t& port, const char* address)
+void prepare(umad_buffer& request, const bare_port& port, const char* address)
 {
-    std::memset(&request, 0, sizeof request);
-    umad_set_addr(&request, static_cast<int>(port.sm_lid), 1, static_cast<int>(port.sm_sl),
-                  static_cast<int>(0x80010000));
+    constexpr uint64_t address_lookup = 0x7FFFC1;
     records::host_record host;
     if (inet_pton(AF_INET, address, &host.address) != 1) fail("expected an IPv4 address");
-    const ib_service_record_v2_t record = records::encode(host);
-    sa_mad_v2_t& mad = request.mad;
-    mad.hdr.base_ver = MAD_BASE_VERSION;
-    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
-    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
-    mad.hdr.m.method = MAD_METHOD_GET;
-    mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
-    mad.component_mask = to_wire(uint64_t{0x7FFFC1});
-    std::memcpy(mad.payload, &record, sizeof record);
+    prepare_request(request, port, MAD_METHOD_GET, address_lookup, host);
 }
 
 // Turns `request` into a request for the path from the port to a GID.
@@ -155,14 +136,12 @@ int main(int count, char** arguments)
     const long window = count > 3 ? std::atol(arguments[3]) : 16;
     if (lookups < 1 || window < 1 || window > 1024) fail("expected at least 1 lookup, and a window of 1 to 1024");
 
-    umad_port_t port;
-    if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
-    umad_release_port(&port); // frees only its P_Keys; the other fields do not change
+    const bare_port port = open_bare_port();
+    if (port.descriptor < 0) fail("no active port can be opened");
     lookup_loop loop;
-    loop.port_attributes = port;
+    loop.port_attributes = port.attributes;
     loop.asks_for_paths = count > 4 && std::strcmp(arguments[4], "path") == 0;
-    loop.port = umad_open_port(port.ca_name, port.portnum);
-    if (loop.port < 0 || umad_size() != sizeof(ib_user_mad_t)) fail("cannot open the port");
+    loop.port = port.descriptor;
     loop.agent = umad_register(loop.port, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
     if (loop.agent < 0) fail("cannot register the SA class");
     prepare(loop.request, port, arguments[1]);

@@ -210,6 +210,11 @@ TEST(umad_port, is_asked_one_question_while_nothing_changes)
     EXPECT_EQ(watch.next_due(), 5u);
     EXPECT_FALSE(watch.accept(old_answer, 5)) << "an answer from before the event";
     EXPECT_EQ(look_at(watch, 9).questions, 5);
+
+    watch.hurry(5, umad::self_query::look::brief);
+    EXPECT_EQ(look_at(watch, 9).questions, 1);
+    EXPECT_EQ(watch.next_due(), 5u) << "its GIDs could have changed with the event";
+    EXPECT_EQ(look_at(watch, 9).questions, 5);
 }
 
 TEST(umad_port, that_stops_answering_counts_as_silent_and_is_heard_again)

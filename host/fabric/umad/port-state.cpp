@@ -26,6 +26,11 @@ void port::update_state(uint64_t now)
         watch_.postpone(now);
         return set_link_down(port_condition::silent);
     }
+    ask_next(now);
+}
+
+void port::ask_next(uint64_t now)
+{
     if (const auto question = watch_.due_question(now)) ask(*question);
 }
 

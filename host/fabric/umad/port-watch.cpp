@@ -1,6 +1,7 @@
 #include "host/fabric/umad/port-watch.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "host/fabric/umad/umad.h"
 
@@ -105,15 +106,19 @@ std::optional<fabric::port_attributes> port_watch::accept(const fabric::mad_byte
     tries_ = 0;
     due_ = now;
     const auto attributes = query_.result();
-    if (attributes) postpone(now);
+    if (!attributes) return std::nullopt;
+    postpone(now);
+    if (std::exchange(next_look_is_due_, false)) due_ = now;
     return attributes;
 }
 
-void port_watch::hurry(uint64_t now)
+void port_watch::hurry(uint64_t now, self_query::look first)
 {
+    const bool is_brief = first == self_query::look::brief;
     is_asking_ = false; // answers to earlier questions may be outdated
     tries_ = 0;
-    brief_looks_ = 0;
+    brief_looks_ = is_brief ? 1 : 0;
+    next_look_is_due_ = is_brief;
     due_ = now;
 }
 

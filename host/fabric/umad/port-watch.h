@@ -36,8 +36,9 @@ class port_watch
 
     void set_interval(uint64_t interval) { interval_ = interval; }
 
-    // Asks for all attributes at once, because the port has probably changed.
-    void hurry(uint64_t now);
+    // Asks for all attributes at once, because the port has probably changed. A brief look first learns in one
+    // question whether PortInfo has changed, for a caller who is in a hurry; the look at everything follows it.
+    void hurry(uint64_t now, self_query::look first = self_query::look::whole);
 
     // Returns the question to send now, or none before next_due().
     std::optional<fabric::mad_bytes> due_question(uint64_t now);
@@ -70,8 +71,9 @@ class port_watch
     uint64_t due_ = 0;
     bool is_asking_ = false;
     bool has_ever_answered_ = false;
-    int tries_ = 0;       // tries of the current question
-    int brief_looks_ = 0; // brief looks left before the next whole one
+    int tries_ = 0;                 // tries of the current question
+    int brief_looks_ = 0;           // brief looks left before the next whole one
+    bool next_look_is_due_ = false; // look again without a pause
 };
 
 } // namespace umad

@@ -58,15 +58,26 @@ void port::start()
     task_ = &context_.exec.start(nullptr, name_, [this] { run(); });
 }
 
+// Asks in the caller's task: the port's task may sleep or wait for another datagram. The answer then wakes it.
 void port::look_now(bool must_register)
 {
     if (must_register) must_register_ = true;
     {
         const std::lock_guard lock(receive_mutex_);
-        watch_.hurry(context_.exec.now());
+        const uint64_t now = context_.exec.now();
+        watch_.hurry(now, must_register ? self_query::look::brief : self_query::look::whole);
+        if (device_.is_open() && !reads_files_) ask_next(now);
         check_due_ = watch_.next_due();
     }
     device_.wake();
+    receive_in_own_task();
+}
+
+// For answers that no other task waits for.
+void port::receive_in_own_task()
+{
+    is_polled_ = false;
+    if (task_) context_.exec.wake(*task_);
 }
 
 void port::set_watch_interval(uint64_t ticks)
@@ -120,6 +131,7 @@ bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad
     ++counts_.sent;
     if (unanswered_requests_ == 0) first_unanswered_tick_ = context_.exec.now();
     ++unanswered_requests_;
+    if (request.hdr.m.method == MAD_METHOD_SET) receive_in_own_task(); // its sender does not wait for the answer
     return true;
 }
 

@@ -14,7 +14,8 @@
 //            ^                       poll() finds nothing, wakes the port's task                 |
 //            +-----------------------------------------------------------------------------------+
 //
-// is_busy_ is true in the states busy and polled, is_polled_ in the state polled.
+// is_busy_ is true in the states busy and polled, is_polled_ in the state polled. No other task waits for the answer to
+// a Set or for the port's own attributes, so such a request ends the state polled at once.
 #pragma once
 
 #include <atomic>
@@ -75,6 +76,8 @@ class port
     datagram_counts counts() const;
 
   private:
+    void receive_in_own_task();
+
     // Called by the port's task.
     void run();
     void check_port();
@@ -91,6 +94,7 @@ class port
     void deliver(device::packet& packet);
     void update_state(uint64_t now_ticks);
     void read_state_files(uint64_t now_ticks);
+    void ask_next(uint64_t now_ticks);
     void ask(const fabric::mad_bytes& question);
     void set_attributes(const fabric::port_attributes& attributes, port_condition condition);
     void set_link_down(port_condition condition);

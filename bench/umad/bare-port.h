@@ -1,0 +1,49 @@
+// A port and its SA, with libibumad only. The benchmarks compare a whole host with it.
+#pragma once
+
+#include <arpa/inet.h>
+#include <cstdint>
+#include <cstring>
+
+#include "host/fabric/umad/libibumad.h"
+#include "records/host-record.h"
+#include "sa-mads.h"
+
+struct umad_buffer {
+    ib_user_mad_t header;
+    sa_mad_v2_t mad;
+};
+
+struct bare_port {
+    int descriptor = -1; // negative if there is no active port or it cannot be opened
+    umad_port_t attributes{};
+};
+
+// Opens the first active port. The descriptor stays open until the program ends.
+inline bare_port open_bare_port()
+{
+    bare_port port;
+    if (umad_init() < 0 || umad_get_port(nullptr, 0, &port.attributes) < 0) return port;
+    umad_release_port(&port.attributes); // frees only its P_Keys; the other fields do not change
+    port.descriptor = umad_open_port(port.attributes.ca_name, port.attributes.portnum);
+    if (umad_size() != sizeof(ib_user_mad_t)) port.descriptor = -1; // known only with an open port
+    return port;
+}
+
+// Fills `request` with a request to the port's SA about a record. The TransactionID is left to the caller.
+inline void prepare_request(umad_buffer& request, const bare_port& port, uint8_t method, uint64_t component_mask,
+                            const records::host_record& host)
+{
+    std::memset(&request, 0, sizeof request);
+    umad_set_addr(&request, static_cast<int>(port.attributes.sm_lid), 1, static_cast<int>(port.attributes.sm_sl),
+                  static_cast<int>(0x80010000));
+    const ib_service_record_v2_t record = records::encode(host);
+    sa_mad_v2_t& mad = request.mad;
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.m.method = method;
+    mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
+    mad.component_mask = to_wire(component_mask);
+    std::memcpy(mad.payload, &record, sizeof record);
+}
