@@ -1,0 +1,38 @@
+// A client of the SA for small tools. It only uses libibumad, so it is independent of the service.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "sa-mads.h"
+
+namespace fabric_tools
+{
+
+// Ends the program with exit code 2 and this reason.
+[[noreturn]] void fail(const char* reason);
+
+// Reads "fe80::1", or "0x" and 32 digits. Returns false if the text is no GID.
+bool parse_gid(const char* text, wire_gid_t& gid);
+
+// Returns a request for a ServiceRecord. Everything is in wire order.
+sa_mad_v2_t make_request(uint8_t method, uint64_t component_mask, const ib_service_record_v2_t& record);
+
+class sa_client
+{
+  public:
+    // Opens the first active port. Calls fail() if there is none.
+    sa_client();
+
+    // Sends the request and returns the SA's answer, or none if five requests got no answer within a second each.
+    std::optional<sa_mad_v2_t> ask(sa_mad_v2_t request);
+
+  private:
+    std::optional<sa_mad_v2_t> receive(uint32_t transaction) const;
+
+    int sm_lid_ = 0, sm_sl_ = 0;
+    int descriptor_ = -1, agent_ = -1;
+    uint32_t transaction_ = 0x5E7;
+};
+
+} // namespace fabric_tools
