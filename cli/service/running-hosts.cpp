@@ -21,6 +21,7 @@ namespace
 using ats::error_kind;
 
 constexpr uint64_t system_randomness = 0;
+constexpr size_t record_buffer_bytes = 65536; // more than a line
 constexpr const char* memory_is_used_up = "the memory is used up: run fewer hosts";
 
 // The last lines of the host's log, indented.
@@ -136,6 +137,8 @@ ats::result<> running_hosts::start_recording(const std::string& path)
     record_file_.reset(std::fopen(path.c_str(), "w"));
     if (!record_file_)
         return ats::fail(error_kind::invalid, "cannot write the recording " + path + ": " + std::strerror(errno));
+    // Each event is written at once, so the recording of a killed service also shows its last moments.
+    std::setvbuf(record_file_.get(), nullptr, _IOLBF, record_buffer_bytes);
     recorder_ = std::make_unique<recording::recorder>(record_file_.get(), "ats run");
     if (subnet_) recorder_->follow(*subnet_);
     return {};
