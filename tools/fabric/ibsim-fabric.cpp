@@ -72,14 +72,16 @@ ibsim_fabric::own_folder::~own_folder()
         files::remove_all(path, error);
 }
 
-ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes)
+ibsim_fabric::ibsim_fabric(const std::vector<std::string>& nodes, const std::string& preload) : preload_(preload)
 {
     // Each fabric has its own socket name, so many fabrics can run side by side.
     static std::atomic<int> count = 0;
     socket_name_ = "ats" + std::to_string(getpid()) + "." + std::to_string(++count);
     write_net(folder() + "/net", nodes);
+    std::vector<std::string> variables = {"IBSIM_SOCKNAME=" + socket_name_};
+    if (!preload_.empty()) variables.push_back("LD_PRELOAD=" + preload_);
     ibsim_ = std::make_unique<process>(command{.arguments = {find_program("ibsim"), "-s", folder() + "/net"},
-                                               .environment = {"IBSIM_SOCKNAME=" + socket_name_},
+                                               .environment = variables,
                                                .directory = folder(),
                                                .output = folder() + "/ibsim.out"});
     if (!ibsim_->wait_line("Network simulator ready"))
@@ -94,7 +96,8 @@ std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std:
     const std::string own_folder = new_file(name);
     files::create_directory(own_folder);
     std::vector<std::string> variables = environment;
-    variables.insert(variables.end(), {"IBSIM_SOCKNAME=" + socket_name_, "SIM_HOST=" + node, "LD_PRELOAD=" + library(),
+    variables.insert(variables.end(), {"IBSIM_SOCKNAME=" + socket_name_, "SIM_HOST=" + node,
+                                       "LD_PRELOAD=" + (preload_.empty() ? "" : preload_ + ":") + library(),
                                        sanitizer_options, "OSM_TMP_DIR=" + own_folder, "OSM_CACHE_DIR=" + own_folder});
     return std::make_unique<process>(command{
         .arguments = arguments, .environment = variables, .directory = own_folder, .output = own_folder + "/out"});

@@ -29,8 +29,9 @@ class ibsim_fabric
     // The path of ibsim's library, for preloading.
     static std::string library();
 
-    // Connects the nodes to one switch. Throws std::runtime_error if ibsim does not start.
-    explicit ibsim_fabric(const std::vector<std::string>& nodes);
+    // Connects the nodes to one switch. ibsim and all programs also preload the library `preload`, unless it is "".
+    // Throws std::runtime_error if ibsim does not start.
+    explicit ibsim_fabric(const std::vector<std::string>& nodes, const std::string& preload = "");
     ibsim_fabric(const ibsim_fabric&) = delete;
     ibsim_fabric& operator=(const ibsim_fabric&) = delete;
 
@@ -78,7 +79,8 @@ class ibsim_fabric
         std::string path;
     };
 
-    own_folder folder_; // first member: removed after the programs in it have ended
+    const std::string preload_;
+    own_folder folder_; // before the programs: removed after the programs in it have ended
     std::string socket_name_;
     std::unique_ptr<process> ibsim_;
     int files_ = 0; // number of names from new_file()

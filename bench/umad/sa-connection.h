@@ -1,0 +1,73 @@
+// One connection to the SA with many requests in flight, for measurements. It sends single datagrams through libibumad
+// and recognizes answers, late ones, and losses. One thread uses it.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "bench/umad/sa-requests.h"
+
+namespace sa_load
+{
+
+using clock = std::chrono::steady_clock;
+
+// The results of some requests.
+struct tally {
+    uint64_t answered = 0;         // with any status
+    uint64_t late = 0;             // of these: after `late_after`
+    uint64_t busy = 0;             // of these: with the status BUSY
+    uint64_t refused = 0;          // of these: with another status than success
+    uint64_t lost = 0;             // not answered within `lost_after`
+    std::vector<float> latency_ms; // of each answer
+
+    // The latency that this percentage of the answers does not exceed; 0 without answers.
+    double percentile_ms(double percent);
+};
+
+class connection
+{
+  public:
+    // A host gives up a lookup after about two seconds, and a client of ats after some more.
+    static constexpr std::chrono::milliseconds late_after{1000}, lost_after{20000};
+    static constexpr size_t most_in_flight = 65536;
+
+    // Opens the first active port. Throws std::runtime_error without one.
+    connection();
+    ~connection();
+    connection(const connection&) = delete;
+    connection& operator=(const connection&) = delete;
+
+    // The GID of the port.
+    kq_gid_t gid() const;
+
+    // Sends a request. Throws std::runtime_error if libibumad refuses it, or if too many are in flight.
+    void send(const sa_mad_v2_t& request);
+
+    // Waits for an answer for at most `longest`, and counts it. Returns false if there was none.
+    bool receive(std::chrono::milliseconds longest);
+
+    // Counts the requests that are too old as lost.
+    void give_up_lost();
+
+    size_t in_flight() const { return in_flight_; }
+
+    tally results; // of all requests since the last reset
+
+  private:
+    struct slot {
+        uint32_t transaction = 0; // 0: free
+        clock::time_point sent;
+    };
+
+    void release(slot& slot);
+
+    umad_port_t attributes_;
+    int port_ = -1, agent_ = -1;
+    std::vector<slot> slots_;
+    std::vector<uint32_t> free_slots_;
+    uint32_t sent_count_ = 0;
+    size_t in_flight_ = 0;
+};
+
+} // namespace sa_load

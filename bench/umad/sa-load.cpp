@@ -1,0 +1,292 @@
+// Measures what an SA can serve: requests of many hosts over one connection, through libibumad.
+//   sa-load SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] [--overload]
+// Registers RECORDS hosts first. Then it keeps a window of requests in flight, for each kind of request alone and for
+// a mix. With --overload, it also sends more than the SA can serve, and waits until the SA has recovered. Prints one
+// JSON object for each measurement. The processor time of the SM process SM_PID (0: none) depends little on the load of
+// the machine. PATH_GUID is the port GUID to which paths are asked.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+
+#include "bench/umad/sa-connection.h"
+
+namespace
+{
+
+using namespace sa_load;
+using namespace std::chrono_literals;
+
+struct load_plan {
+    pid_t sm = 0;
+    uint32_t records = 0;
+    uint64_t path_guid = 0;
+    std::vector<size_t> windows = {1, 4, 16, 64, 256, 1024};
+    std::vector<std::string> kinds = {"get-by-gid", "get-by-address", "get-path", "set", "delete", "mixed"};
+    double seconds = 2;
+    bool has_overload = false;
+};
+
+double processor_seconds(pid_t process)
+{
+    clockid_t id;
+    timespec spent{};
+    if (clock_getcpuclockid(process, &id) != 0 || clock_gettime(id, &spent) != 0)
+        throw std::runtime_error("the SM's processor time cannot be read");
+    return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
+}
+
+double seconds_since(clock::time_point begin)
+{
+    return std::chrono::duration<double>(clock::now() - begin).count();
+}
+
+// Adds up the time and the processor time of those parts of a measurement that count.
+struct stopwatch {
+    pid_t sm;
+    double seconds = 0, sm_seconds = 0;
+
+    void time(const std::function<void()>& part)
+    {
+        const double sm_begin = sm ? processor_seconds(sm) : 0;
+        const clock::time_point begin = clock::now();
+        part();
+        seconds += seconds_since(begin);
+        sm_seconds += sm ? processor_seconds(sm) - sm_begin : 0;
+    }
+};
+
+class load
+{
+  public:
+    explicit load(const load_plan& plan)
+        : plan_(plan), destination_{.eui64 = plan.path_guid, .subnet = connection_.gid().subnet}
+    {
+    }
+
+    void run()
+    {
+        fill();
+        for (const std::string& kind : plan_.kinds)
+            for (const size_t window : plan_.windows) measure(kind, window);
+        if (!plan_.has_overload) return;
+        for (const double share : {0.5, 0.8, 1.2, 2.0}) overload(share);
+    }
+
+  private:
+    sa_mad_v2_t request(request_kind kind, uint32_t number) const
+    {
+        return make_request(kind, number, connection_.gid(), destination_);
+    }
+
+    uint32_t any_host() { return static_cast<uint32_t>(dice_() % plan_.records); }
+
+    // Sends `count` requests from `next`, with `window` in flight, and waits for all answers.
+    void exchange(size_t window, uint64_t count, const std::function<sa_mad_v2_t(uint64_t)>& next)
+    {
+        for (uint64_t sent = 0; sent < count || connection_.in_flight() > 0;) {
+            while (sent < count && connection_.in_flight() < window) connection_.send(next(sent++));
+            if (!connection_.receive(100ms)) connection_.give_up_lost();
+        }
+    }
+
+    // Registers all hosts. Those whose request was lost are registered again.
+    void fill()
+    {
+        constexpr size_t window = 16;
+        stopwatch watch{plan_.sm};
+        watch.time([&] {
+            exchange(window, plan_.records,
+                     [&](uint64_t i) { return request(request_kind::set, static_cast<uint32_t>(i)); });
+        });
+        print("fill", window, watch);
+        if (connection_.results.answered != plan_.records || connection_.results.refused > 0)
+            throw std::runtime_error("the SA did not take all records");
+    }
+
+    void measure(const std::string& kind, size_t window)
+    {
+        connection_.results = {};
+        stopwatch watch{plan_.sm};
+        if (kind == "delete")
+            measure_deletes(window, watch);
+        else
+            watch.time([&] { keep_busy(window, [&] { return next_of(kind); }); });
+        print(kind, window, watch);
+    }
+
+    // A mix as hosts send it: most requests are checks of the own record, some are lookups of an address and its path,
+    // and few are registrations.
+    sa_mad_v2_t next_of(const std::string& kind)
+    {
+        if (const auto single = kind_named(kind)) return request(*single, any_host());
+        const uint64_t draw = dice_() % 100;
+        if (draw < 50) return request(request_kind::get_by_gid, any_host());
+        if (draw < 70) return request(request_kind::get_by_address, any_host());
+        if (draw < 90) return request(request_kind::get_path, any_host());
+        return request(request_kind::set, any_host());
+    }
+
+    void keep_busy(size_t window, const std::function<sa_mad_v2_t()>& next)
+    {
+        const clock::time_point begin = clock::now();
+        do {
+            while (connection_.in_flight() < window) connection_.send(next());
+            if (!connection_.receive(100ms)) connection_.give_up_lost();
+        } while (seconds_since(begin) < plan_.seconds);
+        exchange(window, 0, {});
+    }
+
+    // Deletes some records and registers them again, repeatedly. Only the Deletes count. The table shrinks by a tenth
+    // at most meanwhile, or by ten records.
+    void measure_deletes(size_t window, stopwatch& watch)
+    {
+        const uint64_t part = std::min<uint64_t>(plan_.records, std::clamp<uint64_t>(plan_.records / 10, 10, 1000));
+        const clock::time_point begin = clock::now();
+        do {
+            const uint32_t first = any_host();
+            const auto some_host = [&](uint64_t i) {
+                return static_cast<uint32_t>((first + i * 7919) % plan_.records);
+            };
+            watch.time([&] {
+                exchange(window, part, [&](uint64_t i) { return request(request_kind::remove, some_host(i)); });
+            });
+            tally deletes = connection_.results;
+            exchange(window, part, [&](uint64_t i) { return request(request_kind::set, some_host(i)); });
+            if (connection_.results.answered != deletes.answered + part)
+                throw std::runtime_error("deleted records do not come back");
+            connection_.results = std::move(deletes);
+        } while (seconds_since(begin) < 2 * plan_.seconds);
+    }
+
+    // Sends the mix at a fixed rate, a share of the best rate that was measured for it, without waiting for answers.
+    // Afterwards, asks one request after another until an answer is as fast as before.
+    void overload(double share)
+    {
+        constexpr double burst_seconds = 5;
+        const double usual_ms = probe_ms();
+        const double rate = share * best_mixed_rate_;
+        connection_.results = {};
+        stopwatch watch{plan_.sm};
+        const clock::time_point begin = clock::now();
+        uint64_t sent = 0;
+        size_t most_in_flight = 0;
+        watch.time([&] {
+            while (seconds_since(begin) < burst_seconds) {
+                while (static_cast<double>(sent) < rate * seconds_since(begin) &&
+                       connection_.in_flight() < connection::most_in_flight) {
+                    connection_.send(next_of("mixed"));
+                    ++sent;
+                    while (connection_.receive(0ms)) {}
+                }
+                most_in_flight = std::max(most_in_flight, connection_.in_flight());
+                connection_.receive(1ms);
+            }
+        });
+        const clock::time_point burst_end = clock::now();
+        watch.time([&] { exchange(0, 0, {}); });
+        const double drained_seconds = seconds_since(burst_end);
+        while (probe_ms() > 3 * usual_ms + 1) {}
+        std::printf(
+            "{\"records\":%u,\"kind\":\"overload\",\"share\":%.1f,\"rate\":%.0f,\"sent\":%llu,\"most_in_flight\":%zu,"
+            "\"drained_s\":%.3f,\"usual_after_s\":%.3f,",
+            plan_.records, share, rate, static_cast<unsigned long long>(sent), most_in_flight, drained_seconds,
+            seconds_since(burst_end));
+        print_results(watch);
+    }
+
+    // The latency of a single request.
+    double probe_ms()
+    {
+        const clock::time_point begin = clock::now();
+        exchange(1, 1, [&](uint64_t) { return request(request_kind::get_by_gid, any_host()); });
+        return seconds_since(begin) * 1000;
+    }
+
+    void print(const std::string& kind, size_t window, const stopwatch& watch)
+    {
+        const double rate = static_cast<double>(connection_.results.answered) / watch.seconds;
+        if (kind == "mixed") best_mixed_rate_ = std::max(best_mixed_rate_, rate);
+        std::printf("{\"records\":%u,\"kind\":\"%s\",\"window\":%zu,\"per_second\":%.0f,", plan_.records, kind.c_str(),
+                    window, rate);
+        print_results(watch);
+    }
+
+    void print_results(const stopwatch& watch)
+    {
+        tally& results = connection_.results;
+        const auto answers = static_cast<double>(std::max<uint64_t>(results.answered, 1));
+        std::printf("\"seconds\":%.3f,\"sm_us\":%.2f,\"answered\":%llu,\"late\":%llu,\"busy\":%llu,\"refused\":%llu,"
+                    "\"lost\":%llu,\"p50_ms\":%.3f,\"p99_ms\":%.3f,\"max_ms\":%.3f}\n",
+                    watch.seconds, watch.sm_seconds / answers * 1e6, static_cast<unsigned long long>(results.answered),
+                    static_cast<unsigned long long>(results.late), static_cast<unsigned long long>(results.busy),
+                    static_cast<unsigned long long>(results.refused), static_cast<unsigned long long>(results.lost),
+                    results.percentile_ms(50), results.percentile_ms(99), results.percentile_ms(100));
+        std::fflush(stdout);
+    }
+
+    const load_plan plan_;
+    connection connection_;
+    const kq_gid_t destination_;
+    std::mt19937_64 dice_{1};
+    double best_mixed_rate_ = 0;
+};
+
+std::vector<std::string> parts_of(const std::string& list)
+{
+    std::vector<std::string> parts;
+    std::istringstream stream(list);
+    for (std::string part; std::getline(stream, part, ',');) parts.push_back(part);
+    return parts;
+}
+
+load_plan read_plan(int count, char** arguments)
+{
+    if (count < 4)
+        throw std::runtime_error("expected SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] "
+                                 "[--overload]");
+    load_plan plan;
+    plan.sm = std::atoi(arguments[1]);
+    plan.records = static_cast<uint32_t>(std::atoi(arguments[2]));
+    plan.path_guid = std::strtoull(arguments[3], nullptr, 16);
+    for (int i = 4; i < count; ++i) {
+        const std::string option = arguments[i];
+        if (option == "--overload") {
+            plan.has_overload = true;
+            continue;
+        }
+        const std::string value = i + 1 < count ? arguments[++i] : "";
+        if (option == "--windows") {
+            plan.windows.clear();
+            for (const std::string& part : parts_of(value)) plan.windows.push_back(std::stoul(part));
+        } else if (option == "--kinds") {
+            plan.kinds = parts_of(value);
+        } else if (option == "--seconds") {
+            plan.seconds = std::stod(value);
+        } else {
+            throw std::runtime_error("unknown option " + option);
+        }
+    }
+    for (const std::string& kind : plan.kinds)
+        if (kind != "mixed" && !kind_named(kind)) throw std::runtime_error("unknown kind of request " + kind);
+    if (plan.records < 1 || std::ranges::find(plan.windows, 0u) != plan.windows.end())
+        throw std::runtime_error("expected at least one record, and windows of at least one request");
+    return plan;
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    try {
+        load(read_plan(count, arguments)).run();
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "sa-load: %s\n", error.what());
+        return 2;
+    }
+}

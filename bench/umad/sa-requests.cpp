@@ -1,0 +1,113 @@
+#include "bench/umad/sa-requests.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+
+#include "records/host-record.h"
+
+namespace sa_load
+{
+
+namespace
+{
+
+// The component masks that hosts use (IBA 15.2.5.14 and 15.2.5.16).
+constexpr uint64_t set_mask = UINT64_MAX & ~(uint64_t{1} << SR_COMPONENT_SERVICE_P_KEY);
+constexpr uint64_t by_gid_mask = 0x43;
+constexpr uint64_t by_address_mask = 0x7FFFC1;
+constexpr uint64_t path_mask = 0x380C; // both GIDs, reversible, number of paths, P_Key
+
+constexpr uint64_t default_gid_prefix = 0xFE80000000000000;
+constexpr uint64_t first_guid = 0x0A75000000000000;
+constexpr uint32_t first_address = 0x0A000001; // 10.0.0.1
+constexpr uint16_t default_p_key = 0xFFFF;
+
+records::host_record host_record(uint32_t number)
+{
+    return {.gid = {.eui64 = first_guid + number, .subnet = default_gid_prefix},
+            .p_key = default_p_key,
+            .address = htonl(first_address + number),
+            .host_name = "host" + std::to_string(number)};
+}
+
+uint8_t method_of(request_kind kind)
+{
+    switch (kind) {
+    case request_kind::set:
+        return MAD_METHOD_SET;
+    case request_kind::remove:
+        return MAD_METHOD_DELETE;
+    default:
+        return MAD_METHOD_GET;
+    }
+}
+
+uint64_t mask_of(request_kind kind)
+{
+    switch (kind) {
+    case request_kind::set:
+        return set_mask;
+    case request_kind::get_by_address:
+        return by_address_mask;
+    case request_kind::get_path:
+        return path_mask;
+    default:
+        return by_gid_mask;
+    }
+}
+
+ib_path_record_wire_t path_query(const kq_gid_t& source, const kq_gid_t& destination)
+{
+    ib_path_record_wire_t path{};
+    path.dgid = to_wire(destination);
+    path.sgid = to_wire(source);
+    path.reversible_numb_path = 0x81;
+    path.p_key = to_wire(default_p_key);
+    return path;
+}
+
+} // namespace
+
+std::string name_of(request_kind kind)
+{
+    switch (kind) {
+    case request_kind::set:
+        return "set";
+    case request_kind::remove:
+        return "delete";
+    case request_kind::get_by_address:
+        return "get-by-address";
+    case request_kind::get_by_gid:
+        return "get-by-gid";
+    default:
+        return "get-path";
+    }
+}
+
+std::optional<request_kind> kind_named(const std::string& name)
+{
+    for (const request_kind each : all_kinds)
+        if (name_of(each) == name) return each;
+    return std::nullopt;
+}
+
+sa_mad_v2_t make_request(request_kind kind, uint32_t number, const kq_gid_t& source, const kq_gid_t& destination)
+{
+    sa_mad_v2_t mad{};
+    mad.hdr.base_ver = MAD_BASE_VERSION;
+    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
+    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
+    mad.hdr.m.method = method_of(kind);
+    mad.hdr.attrib_id = htons(kind == request_kind::get_path ? SA_ATTR_PATH_RECORD : SA_ATTR_SERVICE_RECORD);
+    mad.component_mask = to_wire(mask_of(kind));
+    if (kind == request_kind::get_path) {
+        const ib_path_record_wire_t path = path_query(source, destination);
+        std::memcpy(mad.payload, &path, sizeof path);
+    } else {
+        const ib_service_record_v2_t record = records::encode(host_record(number));
+        std::memcpy(mad.payload, &record, sizeof record);
+    }
+    return mad;
+}
+
+} // namespace sa_load
