@@ -1,6 +1,9 @@
 // Asks one host for addresses, GIDs and paths on behalf of clients. An answer from the host's caches comes at once.
 // Other questions wait for the SA in turns, at most sixteen at a time, because the module has sixteen datagrams. Every
 // door of the service asks here.
+//
+// A question leaves the queue when its turn comes or when its connection closes. The service does not know how long a
+// client waits, so it also asks the questions of clients that no longer wait.
 #pragma once
 
 #include <condition_variable>

@@ -15,7 +15,11 @@
  * Threads: any number of threads may use one client at the same time, except that ats_close() must be the last call. A
  * child of fork() must not use its parent's client.
  * Signals: no call raises SIGPIPE. A signal does not end a waiting call early.
- * Connection: a client connects at its first question, and again after a restart of the service.
+ * Connection: a client connects at its first question, and again after a restart of the service. If the connection
+ * breaks before the answer, the client connects again and repeats the question once, without a report. Requests of
+ * ats_request() and ats_request_begin() are not repeated, because they may be orders. A question whose time is over
+ * stays in the service's queue until the service has answered it or the connection closes. It counts against the
+ * user's limit until then.
  * Byte order: addresses are in network order, like struct in_addr. GIDs are 16 bytes in network order, like
  * struct in6_addr and union ibv_gid. */
 #ifndef ATS_CLIENT_H

@@ -67,9 +67,9 @@ path_resolution resolve_path(kernel::machine& machine, const path_destination& d
 // machine that may sleep.
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
-// Asks in the same way as resolve_path(), but does not wait for the answer. `done` is called exactly once, within the
-// time that IBAT tries. The caller is this call, or later a task of the machine, which `done` must not block. May
-// sleep. `mode` must not be cache_only.
+// Asks in the same way as resolve_path(), but does not wait for the answer. `done` is called exactly once: by this
+// call, or later by a task of the machine, at the latest when IBAT's last attempt has timed out. `done` must not block
+// that task. Sending the question may sleep. `mode` must not be cache_only.
 using path_callback = std::function<void(const path_resolution&)>;
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
                            path_callback done);
