@@ -78,7 +78,7 @@ void empty_loop(benchmark::State& state)
 }
 BENCHMARK(empty_loop);
 
-// The argument is not evaluated. Otherwise abort() would end the program.
+// A trace line that is off must not evaluate its arguments. If it did, abort() would end the program.
 void trace_line_that_is_off(benchmark::State& state)
 {
     for (auto _ : state) {

@@ -15,7 +15,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint16_t spare_lids = 0x1000; // no port has this LID or a higher one
+constexpr uint16_t spare_lids = 0x1000; // no port has this LID or a higher one, so the SM may move there
 
 // ---- acts of users ----
 
@@ -26,14 +26,14 @@ question& new_question(node& node, std::optional<uint32_t> act_kind)
     return node.questions.emplace_back(question{.asker = node, .act_kind = act_kind, .begun_tick = node.fabric.now()});
 }
 
-// An address that some host has or had, or sometimes one that no host ever had.
+// Returns an address that some host has or had. Sometimes returns one that no host ever had.
 uint32_t any_address(tested_fabric& fabric, uint32_t a)
 {
     const std::vector<uint32_t>& addresses = fabric.nodes[a % fabric.nodes.size()].addresses_given;
     return a % 16 == 0 ? 0x0100000Au + a : addresses[(a >> 8) % addresses.size()];
 }
 
-// The GID of some port, or sometimes one that no port has.
+// Returns the GID of some port. Sometimes returns one that no port has.
 kq_gid_t any_gid(tested_fabric& fabric, uint32_t a)
 {
     node& node = fabric.nodes[a % fabric.nodes.size()];
@@ -123,8 +123,8 @@ void control_rarp(tested_fabric& fabric, const act& act)
     });
 }
 
-// Writes commands with wrong arguments, unknown words, arbitrary bytes, and more bytes than the module reads. None of
-// these writes changes the host's registration.
+// Writes commands with wrong arguments, unknown words and arbitrary bytes. Some texts have more bytes than the module
+// reads. No such write changes the host's registration, but one may switch verification off.
 void control_garbage(tested_fabric& fabric, const act& act)
 {
     static const char* const words[] = {"rarp",
@@ -159,7 +159,7 @@ void verify_period(tested_fabric& fabric, const act& act)
 {
     static constexpr int periods[] = {0, -5, 10, 20, 30, 60, 90}, skews[] = {0, 1, 10, 100, 250, -7};
     node& node = fabric.node_of(act);
-    node.longest_period = 180; // twice the longest of these
+    node.longest_period = 180; // seconds: the longest period, and a skew of up to 100 percent of it
     node.may_not_verify = true;
     const int period = periods[act.a % 7], skew = skews[act.b % 6];
     node.start("control", [&node, act, period, skew] {
@@ -176,14 +176,14 @@ void expect_truth_soon(node& node)
     node.start("check", [&node, acted_tick = node.fabric.now()] { check_promptly(node, acted_tick); });
 }
 
-// Writes a line. Returns true if the module logged no failure.
+// Writes a line to the control file. Returns true if the module logged no failure.
 bool write_succeeds(node& node, const std::string& line)
 {
     std::string output;
     return node.write_control(line, &output) && output.find("FAIL") == std::string::npos;
 }
 
-// Names the host, through the control file or through the exported call. Returns true if the module reported success.
+// Names the host. `way` selects the control file or the exported function. Returns true if the module reported success.
 bool give_name(node& node, const std::string& name, uint32_t way)
 {
     if (way % 2 == 0) return write_succeeds(node, "set_host_name " + name);
@@ -191,7 +191,8 @@ bool give_name(node& node, const std::string& name, uint32_t way)
     return call && call.as<int32_t (*)(const char*)>()(name.c_str()) == 0;
 }
 
-// Sets the address of all HCAs, in one of the module's four ways. Returns true if the module reported success.
+// Sets the address of all HCAs. `way` selects one of the module's four ways to do this. Returns true if the module
+// reported success.
 bool give_address(node& node, uint32_t ip, uint32_t way)
 {
     using set_address = int32_t (*)(uint32_t);
@@ -245,7 +246,8 @@ void readdress(tested_fabric& fabric, const act& act)
     });
 }
 
-// Deletes the first HCA's record. Its next verification sets one with the new address.
+// Writes "delete_ip". The module deletes the first HCA's record. At its next verification, it sets a record with the
+// new address.
 void delete_ip(tested_fabric& fabric, const act& act)
 {
     node& node = fabric.node_of(act);
@@ -310,7 +312,7 @@ void link_comes_up(tested_fabric& fabric, const act& act)
     change_link(fabric, act, true);
 }
 
-// Changes a host's links many times in one tick. At the end they are up.
+// Changes the links of one HCA many times in one tick. At the end, all of them are up.
 void event_storm(tested_fabric& fabric, const act& act)
 {
     auto change = act;
@@ -323,7 +325,7 @@ void event_storm(tested_fabric& fabric, const act& act)
 
 // ---- faults of a host ----
 
-// Disarms the host's fault injector. If an act had armed it, the calls that have failed count for that act.
+// Disarms the host's fault injector. If an act has armed it, the failed calls count as effects of that act.
 void end_failing_calls(node& node)
 {
     kernel::fault_injector& faults = node.machine().faults;
@@ -335,7 +337,7 @@ void end_failing_calls(node& node)
     faults.disarm();
 }
 
-// Returns the host's fault injector for `act`, which arms it. Ends an earlier act that still makes calls fail.
+// Returns the host's fault injector, so that `act` can arm it. First ends an earlier act that still makes calls fail.
 kernel::fault_injector& begin_failing_calls(node& node, const act& act)
 {
     end_failing_calls(node);
@@ -379,7 +381,8 @@ void clear_signals(tested_fabric& fabric, const act& act)
 
 // ---- faults of the network and of the SA ----
 
-// A kind of act that sets a switch of the subnet (a bool or a number) to a value from 1 to `highest` during the act.
+// A kind of act that sets a switch of the subnet and clears it at the end. The switch is a bool or a number. Its value
+// is from 1 to `highest`.
 template <auto fault_switch, uint32_t highest = 1>
 act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
                   uint64_t embedded::fault_effects::*effect)
@@ -423,7 +426,7 @@ void sa_forgets_one(tested_fabric& fabric, const act& act)
         fabric.mark(act, fabric.subnet.forget(hca.read_port(port).gids[0]) > 0);
 }
 
-// The SA restarts with the records of an earlier minute.
+// The SA restarts with the records that it had at an earlier minute. It counts as an effect if the records differ.
 void sa_comes_back_from_the_past(tested_fabric& fabric, const act& act)
 {
     const std::vector<ib_service_record_v2_t> old_records = fabric.subnet.save_records();
@@ -496,7 +499,7 @@ const std::array<act_kind, act_kind_count> act_kinds = std::to_array<act_kind>({
     {"check in spite of cuts", 0, harm::none, 0, check_the_rest, nullptr, "healthy hosts that found another one",
      nullptr, &plan_options::has_unhealed_faults},
     {"priorities", 0, harm::none, 0, nullptr, nullptr, "tasks overtaken at a change of priority", nullptr,
-     &plan_options::has_priorities}, // this is not an act; it lasts for the whole run
+     &plan_options::has_priorities}, // not an act: it lasts for the whole run, so no function begins it
 });
 
 } // namespace campaign

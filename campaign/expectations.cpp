@@ -26,9 +26,9 @@ constexpr size_t lookups_per_host = 6;
 using records_t = std::vector<ib_service_record_v2_t>;
 using embedded::view_of;
 
-// The service only checks the address of its record. Other fields may stay wrong. The name may be wrong if a fault
-// occurred after the host was named. Other fields may be wrong if they were misread from the port or corrupted on the
-// way to the SA.
+// The service verifies only the address of its record, so other fields may stay wrong. The name may be wrong if a fault
+// occurred after the host was named. The rest may be wrong if it was misread from the port or corrupted on the way to
+// the SA.
 enum class excuse { none, harm_since_named, false_record };
 
 // One fault in the record of an HCA's active port.
@@ -212,8 +212,8 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
         if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
         const auto& [owner, hca] = owner_of(fabric, record.gid);
         if (owner.is_cut_off(hca)) {
-            // Nobody may be able to delete or to correct it. Of an HCA that has changed to a healthy port, the record
-            // comes back correct.
+            // The record's host may be cut off, so it can neither delete nor correct the record. If its HCA has changed
+            // to a healthy port, it registers a right record again.
             if (to_forget) to_forget->push_back(record.gid);
             continue;
         }
@@ -331,11 +331,10 @@ void settle_questions(tested_fabric& fabric)
         }
 }
 
-// Returns true if only the act of this tick has disturbed the host. Two verifications must have repaired all earlier
-// effects.
+// Returns true if the act of this tick is the only recent disturbance of the host.
 bool is_undisturbed(node& node, uint64_t acted_tick)
 {
-    // Two verifications repair the effects of earlier faults.
+    // Two verifications repair the effects of earlier faults. If so much time has passed, only later faults matter.
     const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
     const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
     const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
@@ -376,7 +375,7 @@ void check_in_spite_of_cuts(node& node, const act& act)
     ++fabric.counts.questions;
     ask_for_gid(question, ip, true);
     schedule_timeout_uninterruptible(answer_ticks);
-    // If the SA has restarted with old records, it may also have the record of a port that was active then.
+    // If the SA has restarted with old records, it may also have a record of the host's earlier active port.
     const auto records = fabric.subnet.service_records();
     const bool is_ambiguous =
         std::ranges::count(records, world::format_ipv4(ip), &embedded::service_record_view::ipv4) > 1;

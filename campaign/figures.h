@@ -19,7 +19,7 @@ struct figures {
     uint64_t faults = 0; // harmful acts, link changes, failed calls, datagrams lost or changed on the way
     uint64_t questions = 0;
     uint64_t answers = 0; // callbacks with an answer
-    uint64_t truths = 0;  // registrations and lookups that were compared with the expected state
+    uint64_t truths = 0;  // comparisons of a registration or a lookup with the expected state
     uint64_t datagrams = 0;
     std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
     uint64_t digest = 0;                          // hash of all log lines; for several seeds, the xor of their digests

@@ -41,8 +41,8 @@ struct node {
     uint32_t next_address();
     std::string next_name(uint32_t random);
 
-    // Runs `change`, which sets the identity and returns true on success. The result is certain only if nothing else
-    // changed the identity meanwhile and no fault was active. In that case `on_certain` is called.
+    // Runs `change`, which sets the identity and returns true on success. The new identity is certain only if nothing
+    // else changed it meanwhile and no fault was active. Then `on_certain` is called.
     void change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain);
 
     // Writes to the control file, from a task of the host. Returns true if the file exists and accepts all bytes.
@@ -84,8 +84,8 @@ struct node {
     std::unique_ptr<watching_ucm> ucm;
     std::deque<question> questions;
 
-    // The name and the addresses (one for each HCA) that the host should register. If one of them is not certain, the
-    // host may register any value that it was ever given.
+    // The name and the addresses (one for each HCA) that the host should register. If a value is not certain, the host
+    // may register any value that it ever got.
     std::string name;
     bool name_is_certain = true;
     uint64_t name_tick = 0;

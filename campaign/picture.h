@@ -19,9 +19,9 @@ struct picture_options {
     bool shows_all_acts = false;
 };
 
-// Runs these acts again and writes the page. If they failed in `first_run`, only the acts that matter are run, unless
-// the options ask for all. If the run passed, it must have the same digest with and without a recording; a difference
-// is an error. Other errors: no process could be started, or a file could not be written.
+// Runs these acts again, records the run, and writes the page. If they failed in `first_run`, only the acts that the
+// failure needs are run, unless the options ask for all. If they passed, the new run must have the same digest; another
+// digest is an error. Other errors: no process could be started, or a file could not be written.
 ats::result<> draw(const picture_options& picture, const plan& plan, std::vector<size_t> acts, run_options options,
                    const run_result& first_run);
 

@@ -88,8 +88,8 @@ uint32_t draw_kind(dice& dice, harm worst, const weights& weights)
     }
 }
 
-// Draws the time and the place of an act. Half of the acts follow soon after the previous one, mostly on the same host.
-// Half of the others begin within one tick of the request timers' expiry.
+// Draws the time and the host of an act. Half of the acts follow soon after the previous one, mostly on the same host.
+// Half of the others begin at most one tick before or after the request timers expire.
 void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
 {
     act.host = static_cast<uint32_t>(dice.below(plan.hosts.size()));

@@ -38,7 +38,7 @@ bool is_active(const std::optional<embedded::port_view>& port)
     return port && port->state == fabric::link_state::active;
 }
 
-// Returns true if, since the question was asked, no disturbance of this host has lasted longer than an event.
+// Returns true if the last disturbance of this host was over before this tick.
 bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
 {
     for (const node& node : fabric.nodes)
@@ -46,8 +46,8 @@ bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
     return true;
 }
 
-// Compares a path that was found with the subnet. A cached path may be older than a change at its far end, but not
-// older than a change at its own end.
+// Compares a path that was found with the subnet. A cached path may be older than a change at the destination, but not
+// older than a change at the source.
 void check_found_path(const question& question, const ibat_arp_data_t& record)
 {
     tested_fabric& fabric = question.asker.fabric;

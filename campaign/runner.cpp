@@ -154,7 +154,7 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
             const run_result result = process->second.finish(status);
             running.erase(process);
             add(sum, result.counts);
-            if (!result.complaint.empty()) ++sum.seeds; // its process has not counted it
+            if (!result.complaint.empty()) ++sum.seeds; // a process counts its seed only if the run passes
             report(result);
         }
         if (was_interrupted) {

@@ -13,7 +13,7 @@ namespace
 constexpr const char* all_changes =
     "hosts=N, hcas=1, ports=1, order=plain, depth=N, ACT.host=N, ACT.a=N, ACT.b=N and ACT.ticks=N";
 
-// True if all of the text is a number.
+// Returns true if the whole text is a number.
 template <class number_t>
 bool read(std::string_view text, number_t& number)
 {
@@ -64,7 +64,7 @@ class simplifier
     {
     }
 
-    // True if the change was kept. Another failure than that of a run ends the search.
+    // Returns true if the change was kept. If a run cannot be started, the search ends.
     bool keeps(const std::string& text)
     {
         campaign::plan changed = plan_;
@@ -76,7 +76,7 @@ class simplifier
         return true;
     }
 
-    // Keeps the first of these numbers that can be kept and is below `present`.
+    // Replaces `present` by the first of these numbers that is lower and with which the plan still fails.
     void lower(const std::string& name, uint64_t present, std::initializer_list<uint64_t> numbers)
     {
         for (const uint64_t number : numbers)

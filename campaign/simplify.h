@@ -1,5 +1,5 @@
 // Makes the plan of a run that fails simpler: fewer hosts, smaller numbers, the plain order of tasks. A simpler plan is
-// the plan of the seed with a list of changes, which the command line takes too.
+// the plan of the seed with a list of changes. The command line accepts the same list.
 #pragma once
 
 #include <string_view>

@@ -49,7 +49,8 @@ struct harm_watch {
     bool quiet_since(uint64_t tick) const { return acts_running == 0 && (!ever || last_tick < tick); }
 };
 
-// The expected and the actual state, for the picture of a violation. Both are empty if the fault's text is enough.
+// The expected and the actual state, for the picture of a violation. Both are empty if the text of the fault contains
+// them.
 struct mismatch {
     std::string expected;
     std::string actual;

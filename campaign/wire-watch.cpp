@@ -97,7 +97,7 @@ std::string wire_watch::fault_in_path_request(const port_entry& sender, const sa
     return "";
 }
 
-// The answer to a Delete comes in the same tick if nothing disturbs it. Then the Set must also follow in this tick.
+// If nothing disturbs it, the answer to a Delete comes in the same tick. Then the Set must follow in this tick, too.
 std::string wire_watch::timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks)
 {
     uint64_t& delete_tick = delete_ticks_[exec::current_task()];

@@ -79,8 +79,8 @@ ats_status_t no_arguments()
     return failed(ATS_INVALID, "a pointer is null");
 }
 
-// Returns the reason why a request cannot be sent, or null if it can. For a line that is too long, a service closes the
-// connection; this would end other questions, too.
+// Returns the reason why a request cannot be sent, or null if it can be sent. A service closes the connection after a
+// line that is too long, which would end other questions, too.
 const char* fault_of(const std::string& body)
 {
     constexpr size_t longest_body = 65000; // a service accepts lines of 65536 bytes by default
@@ -105,7 +105,7 @@ ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const 
     return answer->status;
 }
 
-// Fills the answer of a call that ended before its question was sent.
+// Fills the answer of a call that failed before its question was sent.
 ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
 {
     if (answer && status != ATS_OK && answer->status != status) {

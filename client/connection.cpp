@@ -117,7 +117,8 @@ bool connection::flush()
     return true;
 }
 
-// Does not set the socket's option again to the same value. This saves a system call for each question.
+// Limits the time of recv(2). Does not set the socket option again for almost the same time, which saves a system call
+// for each question.
 void connection::limit_receiving(std::chrono::microseconds time)
 {
     using namespace std::chrono;

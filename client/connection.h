@@ -64,7 +64,7 @@ class connection
     size_t sent_ = 0;
     std::string input_;
     size_t read_ = 0;    // bytes of the input that were returned as lines
-    size_t scanned_ = 0; // bytes of the input that have no line end after `read_`
+    size_t scanned_ = 0; // number of input bytes that contain no line end after `read_`
 
     // Only the thread in wait() uses it. If no thread is in wait(), take_bytes() may use it.
     std::chrono::microseconds receive_limit_{0}; // the value that is set on the socket; 0 means none

@@ -20,7 +20,7 @@ std::string dump(const json& value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-// Adds the members that both questions share.
+// Adds the members for the options, which are equal in all kinds of lookups.
 void append_options(std::string& body, const ats_options_t& options)
 {
     if (options.flags & ATS_CACHED_ONLY) body += R"(,"cached":true)";

@@ -42,8 +42,8 @@ bool is_writable_only_by(uid_t user, const std::string& folder)
     return stat(folder.c_str(), &status) == 0 && status.st_uid == user && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Returns true for root itself, and for a user to whom root gave the folder, for example the service's user and
-// /run/ats.
+// Returns true if only root can write to the folder. Also returns true if only this user can, and only root can write
+// to the parent folder: root has then made the folder for the user, as /run/ats for the service.
 bool is_folder_of_service(uid_t user, const std::string& folder)
 {
     return is_writable_only_by(0, folder) ||

@@ -14,7 +14,7 @@ namespace console
 // Reads a GID in either notation. Any other text is invalid.
 ats::result<kq_gid_t> gid_of(const std::string& text);
 
-// Adds "gid6" to every object with a "gid", at any depth: the same GID like an IPv6 address, or null.
+// Adds "gid6" to every object with a "gid", at any depth. It is the same GID in the form of an IPv6 address, or null.
 void add_gid6(nlohmann::json& answer);
 
 // Replaces every text that is a GID of 32 hexadecimal digits, at any depth, with the form of an IPv6 address.

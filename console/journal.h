@@ -32,7 +32,8 @@ std::vector<std::string> journal_fields(const notice& notice);
 // build without libsystemd only adds the priority (sd-daemon(3)). Any thread. May wait for the journal.
 void print(const notice& notice);
 
-// Does the same within the line limit. Lines beyond the limit are only counted, and the next line tells their number.
+// Does the same within the limit of line-limit.h. Lines beyond the limit are only counted. A warning before the next
+// printed line tells their number.
 void print_limited(const notice& notice);
 
 // Returns true if print() makes entries with fields.

@@ -1,5 +1,5 @@
-// Shows progress in one line of the terminal and overwrites it each time. If standard error is not a terminal, shows
-// nothing.
+// Shows progress in one line of the terminal, on standard error. Each call overwrites the line. Shows nothing if
+// standard error is not a terminal.
 #pragma once
 
 #include <cstdio>

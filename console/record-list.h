@@ -1,6 +1,6 @@
-// Lists the records of this service at the SA of a real fabric. One SubnAdmGetTable is enough if long answers arrive.
-// Otherwise the records are searched one by one: the answer to a SubnAdmGet shows if none, one or several records
-// match. This searches the addresses octet by octet.
+// Lists the records of this service at the SA of a real fabric. One SubnAdmGetTable is enough if answers of several
+// segments arrive whole. Otherwise the records are searched with SubnAdmGets. Their answers show if none, one or
+// several records match, so the addresses can be searched octet by octet.
 #pragma once
 
 #include <optional>

@@ -26,8 +26,9 @@ struct cut_recording {
     std::optional<window> shown; // empty if everything is shown
 };
 
-// Removes datagrams, log lines and tables outside of the window. All other events stay, because the states in the
-// window result from them. Fails (invalid) if the text is not a recording of this version; the error names the line.
+// Removes datagrams, log lines and tables outside of the window. All other events stay, because the states at the
+// beginning of the window result from them. Fails (invalid) if the text is not a recording of this version; the error
+// names the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

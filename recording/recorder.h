@@ -29,7 +29,7 @@ class recorder final : public embedded::observer
     recorder(std::FILE* file, const std::string& program);
 
     // The next three calls are for one thread at a time. follow() begins to record the events of the subnet, or the log
-    // lines of a host. stop() ends that: afterwards the recorder uses neither.
+    // lines of a host. stop() ends both; afterwards the recorder no longer uses the subnet and the machines.
     void follow(embedded::subnet& subnet);
     void follow(const std::string& host, kernel::machine& machine);
     void stop();

@@ -63,8 +63,7 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-// The cost of the socket alone: exchanges per second with a process that only sends an answer's bytes for the bytes of
-// each question.
+// The cost of the socket alone: exchanges per second with a process that answers each question with fixed bytes.
 double ping_pong(int count, const exchange& exchange)
 {
     int ends[2];

@@ -86,8 +86,8 @@ int scale(int hosts)
     world.sim->run_until(3600 * second);
     const load_meter::load steady = meter.between(3000, seconds_now());
 
-    // Repeat it six times, each time at another moment between two checks of a host, because the duration depends on
-    // that moment.
+    // Repeat this six times, each time at another moment between two checks of a host. The duration depends on that
+    // moment.
     uint64_t restart = 0, longest_ticks = 0, sum_ticks = 0;
     constexpr int restarts = 6;
     for (int i = 0; i < restarts; ++i) {

@@ -137,7 +137,8 @@ int main(int count, char** arguments)
     if (const auto load = host.load(); !load) fail(load.error().text);
     wait_confirmed(host.machine(), 0);
     std::vector<double> registrations, round_trips;
-    // Not alternately: the answer to a lookup confirms the record, too, and may be counted a little later.
+    // Do not alternate: the answer to a lookup also confirms the record, and may be counted a little later, during a
+    // registration.
     for (int i = 0; i < rounds; ++i) registrations.push_back(time_registration(host.machine()));
     for (int i = 0; i < rounds; ++i) round_trips.push_back(time_round_trip(host.machine(), *address));
     std::printf("%.3f ms to register, %.3f ms a round trip\n", median(registrations), median(round_trips));

@@ -1,5 +1,5 @@
-// One connection to the SA with many requests in flight, for measurements. It sends single datagrams through libibumad
-// and recognizes answers, late ones, and losses. One thread uses it.
+// One connection to the SA with many requests in flight, for measurements. It sends single datagrams through libibumad,
+// and counts answers, late answers and losses. For one thread.
 #pragma once
 
 #include <chrono>
@@ -15,9 +15,9 @@ using clock = std::chrono::steady_clock;
 // The results of some requests.
 struct tally {
     uint64_t answered = 0;         // with any status
-    uint64_t late = 0;             // of these: after `late_after`
-    uint64_t busy = 0;             // of these: with the status BUSY
-    uint64_t refused = 0;          // of these: with another status than success
+    uint64_t late = 0;             // of the answered: later than `late_after`
+    uint64_t busy = 0;             // of the answered: with the status BUSY
+    uint64_t refused = 0;          // of the answered: with another error status
     uint64_t lost = 0;             // not answered within `lost_after`
     std::vector<float> latency_ms; // of each answer
 

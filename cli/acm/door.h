@@ -1,7 +1,7 @@
-// Answers programs that use librdmacm, instead of the daemon that librdmacm asks for paths. Such a program waits
-// without limit for its answer and holds a lock meanwhile. If its connection breaks, SIGPIPE ends the program.
-// Therefore every request is answered within a limited time, and the service manager keeps the connections during a
-// restart of the service.
+// Answers programs that use librdmacm, instead of the daemon that librdmacm asks for paths. Such a program waits for
+// its answer without a time limit, and holds a lock of librdmacm meanwhile. If its connection breaks, SIGPIPE ends the
+// program. Therefore every request is answered within a limited time. During a restart of the service, the service
+// manager keeps the connections.
 #pragma once
 
 #include <future>

@@ -28,7 +28,7 @@ using place = std::variant<std::monostate, uint32_t, std::string>;
 struct resolve_request {
     place source;
     place destination;
-    std::optional<path_record> path; // to be completed; zero fields are not fixed
+    std::optional<path_record> path; // the path to find must agree with the fields that are not zero
     bool is_cache_only = false;
     bool is_fresh = false; // the SA must be asked even if the cache has an answer
 };

@@ -23,10 +23,11 @@ class route_finder
 
     route_finder(cli::server& server, cli::running_hosts& hosts) : server_(server), hosts_(hosts) {}
 
-    // Calls `done` at once, or later in another thread. Never calls it if the place is forgotten first.
+    // Calls `done` at once, or later in another thread. After forget(place), only a question that was already sent to
+    // the SA still calls it.
     void find(const resolve_request& request, const cli::queue_place& place, const completion& done);
 
-    // Drops the waiting questions of the connection.
+    // Drops the queued questions of the connection.
     void forget(const cli::queue_place& place);
 
     // Endpoints are the HCAs of the hosts, in order. Returns nothing if there is no such port.

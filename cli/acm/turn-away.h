@@ -9,7 +9,7 @@ namespace acm
 {
 
 // Answers the waiting requests with "not connected". `kept` has the descriptors of an earlier process. The service
-// manager keeps the connections. The listener is closed, which refuses new connections.
+// manager keeps the connections. It forgets the listener, so new connections are refused.
 void turn_away(std::vector<cli::kept_descriptor> kept);
 
 } // namespace acm

@@ -1,4 +1,4 @@
-// Draws on the alternate screen of the terminal, on standard output. The normal screen does not change.
+// Draws on the alternate screen of the terminal, through standard output. The normal screen does not change.
 #pragma once
 
 #include <string>

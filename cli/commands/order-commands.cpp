@@ -16,7 +16,7 @@ namespace cli
 namespace
 {
 
-// The argument of a command. `key` is its name in the request, `name` its name in the help.
+// The argument of a command. `key` is the name of the argument in the request, `name` is its name in the help.
 struct argument_text {
     std::string key;
     std::string name;

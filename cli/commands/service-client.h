@@ -23,7 +23,7 @@ struct client_options {
     std::string host; // "" means the first host
     bool as_json = false;
     std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
-    double timeout_seconds = 5;     // for how long the service may show no sign of life
+    double timeout_seconds = 5;     // the longest time without a sign of life of the service
 };
 
 constexpr const char* one_host = "The host to ask (default: the first)";

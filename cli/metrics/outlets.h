@@ -29,7 +29,7 @@ class outlets
     outlets& operator=(const outlets&) = delete;
 
   private:
-    // One outlet, and the result of its last try.
+    // One outlet, and the error of its last try.
     struct way {
         const char* name;
         std::string error = {};

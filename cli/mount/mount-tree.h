@@ -22,8 +22,8 @@ struct mount_entry {
     uint64_t size = 0;
 };
 
-// The size of a log as a file. The log drops its oldest lines. While the file is open, its size still includes them, so
-// the size only grows. Any thread.
+// The size of a log as a file. The log drops its oldest lines. While the file is open, its size includes the dropped
+// lines, so the size only grows. Any thread.
 class log_size
 {
   public:

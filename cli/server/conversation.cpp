@@ -44,7 +44,8 @@ bool conversation::accept(uv_stream_t* listener)
 
 // ---- input ----
 
-// Reads only while nothing else must be finished first.
+// Reads from the client, unless the conversation ends, waits for an answer without an id, or has too many unread
+// answers.
 void conversation::set_reading()
 {
     const bool should_read = !is_ending_ && !is_closed_ && !has_input_ended_ && !is_paused_ && !is_congested();

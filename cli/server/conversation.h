@@ -20,7 +20,7 @@ class conversation
     struct owner {
         virtual ~owner() = default;
         virtual void take_line(conversation& source, std::string_view line) = 0;
-        virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the answer to this
+        virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the error was sent
         virtual void input_ended(conversation& source) = 0;     // the client sends nothing more
         virtual void became_writable(conversation& source) = 0; // the queued lines have been sent
         virtual void left_unread(conversation& source) = 0;     // cut off: it does not read its answers
@@ -42,7 +42,7 @@ class conversation
     void send(std::string_view line);
     void flush();
 
-    // Returns true if so much is unread that a long answer should wait for became_writable().
+    // Returns true if the client has many unread bytes. A long answer should then wait for became_writable().
     bool is_congested() const;
 
     // Stops reading lines until resume(), because a request without an id is being answered.
@@ -74,7 +74,7 @@ class conversation
     uv_pipe_t pipe_;
     cli::peer peer_;
     std::string input_;
-    size_t taken_ = 0;    // bytes of the input that are done
+    size_t taken_ = 0;    // bytes of the input whose lines were handled
     std::string unsent_;  // not yet given to the socket
     std::string sending_; // given to the socket
     uv_write_t write_;

@@ -26,8 +26,8 @@ class log_followers
     {
     }
 
-    // Sends the lines of `log` up to `level`, and with `goes_on` all later ones. A connection follows at most one log:
-    // call end() first.
+    // Sends the lines of `log` up to `level`. With `goes_on`, also sends all later lines. A connection follows at most
+    // one log: call end() first.
     void begin(conversation& source, const return_ticket& ticket, kernel::log& log, int level, bool goes_on);
 
     // Sends as many lines as the client can accept now.

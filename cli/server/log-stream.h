@@ -14,8 +14,9 @@ namespace cli
 class log_stream
 {
   public:
-    // Sends lines of a level up to `level`. Without `on_new_line` it ends after the last line, otherwise it continues.
-    // `on_new_line` is called for each new line, in any thread and also in contexts that may not sleep.
+    // Sends the lines up to this level. Without `on_new_line`, the answer ends after the last line of the log. With it,
+    // the answer continues with new lines. `on_new_line` is called for each new line, in any thread and also in
+    // contexts that may not sleep.
     log_stream(kernel::log& log, int level, std::function<void()> on_new_line);
     ~log_stream();
     log_stream(const log_stream&) = delete;

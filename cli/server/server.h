@@ -46,7 +46,7 @@ class server final : public conversation::owner
     uint64_t new_connection_number() { return ++last_number_; }
     lookups& lookups_of(kernel::machine& machine);
     workers& background() { return workers_; }
-    void drop(const queue_place& place); // drops its questions; it may still be called back
+    void drop(const queue_place& place); // drops the queued questions of a connection; others may still be answered
 
   private:
     server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options);

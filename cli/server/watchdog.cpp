@@ -80,7 +80,7 @@ watchdog::~watchdog()
     if (thread_.joinable()) thread_.join();
 }
 
-// Checks four times a period. A part may need almost three quarters of a period for its sign.
+// Checks four times in each period. A part may therefore take almost three quarters of a period to show a sign of life.
 void watchdog::run(std::chrono::microseconds period)
 {
     std::unique_lock lock(mutex_);

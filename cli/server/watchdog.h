@@ -25,7 +25,7 @@ namespace cli
 class life_signs
 {
   public:
-    // An order waits for answers of the SA, a few times a second or two each.
+    // The longest orders wait for several answers of the SA, for one or two seconds each.
     static constexpr std::chrono::minutes longest_request{5};
 
     life_signs(event_loop& loop, workers& workers, const running_hosts& hosts);

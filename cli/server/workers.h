@@ -1,5 +1,5 @@
 // A few threads that execute slow requests: orders, the status, verifications. Users take turns. The jobs of one user
-// get at most half of the threads. The jobs of others therefore continue while these wait for a silent SA.
+// get at most half of the threads. If they wait for a silent SA, the jobs of other users still run.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,5 @@
-// The access rules: which users may send which requests to the service. The kernel names the user of a connection.
+// The access rules define which users may send which requests to the service. The kernel names the user of a
+// connection.
 #pragma once
 
 #include <optional>

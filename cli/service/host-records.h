@@ -13,8 +13,8 @@ namespace cli
 
 // Deletes the remaining records of the host from the SA: those of its present GIDs and of GIDs under which it has
 // registered in this run. Its modules are already unloaded. Returns a line for each GID with such a record. Fails with
-// unreachable if the SA is silent, or if it cannot be asked although the host has registered. A silent SA takes a
-// second.
+// unreachable if the SA is silent, or if it cannot be asked although the host has registered. If the SA is silent, the
+// call takes a second.
 ats::result<std::vector<std::string>> delete_leftovers(world::host& host);
 
 // Returns one line if the SA has a record of `address` under a GID of another host. Otherwise, or without an active

@@ -17,7 +17,8 @@ using console::priority;
 
 constexpr const char* part = "log"; // docs/operations.md lists it
 
-// Maximum number of lines that wait for the journal. With more lines, the journal counts as stopped.
+// The maximum number of lines that wait for the journal. More lines mean that the journal accepts none; they are
+// dropped.
 constexpr size_t most_waiting_lines = console::line_limit::most_lines;
 
 // The priorities of trace lines, by level.

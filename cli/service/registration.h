@@ -13,7 +13,8 @@
 namespace cli
 {
 
-// One JSON object for each HCA; ats(8) describes them under "registrations". Call it from outside of the machine.
+// One JSON object for each HCA. docs/protocol.md and ats(8) describe them under "registrations". Call it from outside
+// of the machine.
 nlohmann::json registrations_of(world::host& host);
 
 // The host name in the record that was sent last, or "" if none was sent. Call it from outside of the machine.

@@ -50,8 +50,8 @@ constexpr struct {
      [](const host_config& left, const host_config& right) { return left.parameters == right.parameters; }},
 };
 
-// Finds the host in the file for each running host: the host with the same name, otherwise the next host whose name
-// does not run.
+// Pairs each running host with a host of the file: with the host of the same name, otherwise with the next host whose
+// name no running host has.
 std::vector<const host_config*> counterparts_of(const world_config& running, const world_config& file)
 {
     const auto find_host = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {

@@ -1,4 +1,4 @@
-// The requests of clients, as JSON: one function for each request. ats(8) describes requests and answers.
+// The requests of clients, as JSON: one function for each request. docs/protocol.md describes requests and answers.
 #pragma once
 
 #include <string>

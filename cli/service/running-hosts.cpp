@@ -44,8 +44,8 @@ ats::result<> load(world::host& host, const verification& verification)
     return ats::fail(loaded.error().kind, loaded.error().text + end_of_log(host));
 }
 
-// Executes one step of a host's start, an ats::result<>(). The error names the host, also if the step has reached a
-// limit of the process.
+// Executes one step of a host's start; `step` returns an ats::result<>. The error names the host. It also does so if
+// the step has thrown a shortage.
 template <class step_t>
 ats::result<> take_step(const std::string& host, const step_t& step)
 {

@@ -58,7 +58,8 @@ void service_signals::wait_for_stop() const
     while (wait() == told::reload) continue;
 }
 
-// A signal may come twice at once: timeout(1) signals the process and then its group. Drop such repeats.
+// A signal may come twice within a moment: timeout(1) signals the process and then its group. Drops such a repeat, so
+// that only a later signal ends the program.
 void service_signals::let_next_signal_end_the_program() const
 {
     constexpr std::chrono::milliseconds repeat_limit(100);

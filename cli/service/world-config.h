@@ -47,8 +47,8 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
-// How often a host asks the SA for its own record: every `period_seconds`, plus a random part of up to `skew_percent`.
-// The defaults are those of the module.
+// How often a host asks the SA for its own record. The time between two checks is `period_seconds` plus a random part,
+// which is at most `skew_percent` of it. The defaults are those of the module.
 struct verification {
     int period_seconds = 60; // 0: never
     int skew_percent = 1;

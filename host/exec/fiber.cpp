@@ -31,8 +31,8 @@ constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are l
 constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
-// More stacks than these get a guard only if that splits no mapping. All stacks run the same code, and the number of
-// mappings is limited.
+// Beyond this number of stacks, a stack gets a guard only if the guard does not split a mapping, because the number of
+// mappings is limited. All stacks run the same code, so the guards of the first stacks find an overflow as well.
 constexpr size_t split_stacks_limit = 4096;
 
 // Makes the lowest page of a stack fault. The kernel keeps such a guard in its page tables since Linux 6.13. Before, a

@@ -38,8 +38,8 @@ class fiber_stack_pool
     // Puts back the stack on which the caller runs. The caller must leave it with its next switch, for good.
     void put_current(fiber_stack stack);
 
-    // Puts back a stack whose fiber stopped half-way. Its local objects are never destroyed. The leak checker regards
-    // memory that they refer to as used.
+    // Puts back a stack whose fiber stopped half-way. Its local objects are never destroyed. The leak checker does not
+    // report the memory that they own.
     void put_abandoned(fiber_stack stack);
 
   private:

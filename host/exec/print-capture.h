@@ -6,8 +6,8 @@
 namespace exec
 {
 
-// During its lifetime, it keeps the texts that the calling task prints. An option decides if they also go to the
-// machine's log. Captures of one task may be nested. Only that task may use it.
+// During its lifetime, keeps the texts that the calling task prints. An option decides if they also go to the machine's
+// log. Captures of one task may be nested. Only that task may use it.
 class print_capture
 {
   public:

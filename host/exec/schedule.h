@@ -64,8 +64,9 @@ struct priority_options {
 // long time while many others run. The random schedule almost never does that: it would have to draw the same way at
 // many choices in turn.
 //
-// The bound: let a fault show if d events happen in a certain order, all within a round of k choices among at most n
-// tasks. If `depth` is d or more, this order comes with a probability of at least 1/(n * k^(d-1)).
+// The bound: assume that a fault shows if d events happen in a certain order, all within one round. The round has k
+// choices among at most n tasks. If `depth` is d or more, this order occurs with a probability of at least 1/(n *
+// k^(d-1)).
 //
 // A run is cut into rounds of `round_choices` choices. Each round draws all priorities again, for two reasons. The
 // bound must also be valid for each part of a long run. And tasks that poll for a task of low priority must not wait

@@ -222,7 +222,8 @@ class simulated_executor final : public simulation
         static_cast<simulated_executor&>(self.exec).end(self);
     }
 
-    // Returns when the last step is done. At a rest the fiber stops for good; the next step begins on another stack.
+    // Returns after the last step. Between two steps the fiber stops for good and gives up its stack; the next step
+    // begins on another one.
     void take_steps(fiber_task& self)
     {
         for (;;) {
@@ -246,12 +247,13 @@ class simulated_executor final : public simulation
     void prepare(fiber_task& next)
     {
         if (next.has_stack) return;
-        if (next.has_begun) next.has_wake_up = false; // it has ended the rest
+        if (next.has_begun) next.has_wake_up = false; // this wake-up has ended the rest
         next.thread.restart(stack_for_step());
         next.has_stack = true;
     }
 
-    // There is nobody to whom a shortage could be reported here. It releases the reserve, so that there is room then.
+    // No caller could handle a shortage here. A failed attempt releases the memory reserve, so the second attempt
+    // succeeds.
     fiber_stack stack_for_step()
     {
         try {

@@ -97,7 +97,8 @@ class threaded_executor final : public executor
             const timespec end = as_timespec(start_time_ + tick_duration(std::min(deadline, largest_deadline)));
             while (state == sleeping && now() < deadline) sleep_on(state, &end);
         }
-        // An exchange: after a wake-up at the deadline, this task sees the waker's earlier writes.
+        // An exchange instead of a store: if a wake-up came at the deadline, this task then sees the waker's earlier
+        // writes.
         state.exchange(running);
     }
 

@@ -96,7 +96,7 @@ class hca
     virtual port_attributes read_port(int port) = 0;
 
     // Sends one datagram from QP1 of `port`. Returns true if it was accepted; it may still be lost. Returns false if
-    // the send queue is full or the port does not exist. Does not sleep, and does not allocate in the sender's account.
+    // the send queue is full or the port does not exist. Does not sleep. Uses no memory of the sender's machine.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
 
     // Busy polling, for a task that expects answers and would otherwise only sleep. For a short time it does the work

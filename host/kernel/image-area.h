@@ -45,8 +45,8 @@ class shared_code
     int file_ = -1;
 };
 
-// One area. It exists until the process ends, because find() may read it at any time. Its slots are used again. All
-// calls except find() are for one thread at a time.
+// One area. It exists until the process ends, because find() may read it at any time. Its slots are used again. Calls
+// are for one thread at a time, unless a comment says otherwise.
 class image_area
 {
   public:

@@ -31,7 +31,7 @@ bool asks_for_the_dynamic_linker(const elf_object& object)
     return (flags & (DF_TEXTREL | DF_STATIC_TLS)) || !(flags & DF_SYMBOLIC);
 }
 
-// Makes the template of one object. Each step is false if the object cannot be placed.
+// Makes the template of one object. Each step returns false if the object cannot be placed.
 class template_maker
 {
   public:
@@ -132,7 +132,7 @@ class template_maker
             if (symbol->st_shndx == SHN_UNDEF) return bind(entry.r_offset, *symbol, addend);
             image.pointers.push_back({entry.r_offset, symbol->st_value + addend});
             return true;
-        case R_X86_64_DTPMOD64: // without a symbol: of a variable that the image keeps to itself
+        case R_X86_64_DTPMOD64: // no symbol: the variable is not exported
             image.thread_indexes.push_back(entry.r_offset);
             return ELF64_R_SYM(entry.r_info) == 0;
         default:

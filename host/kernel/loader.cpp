@@ -45,7 +45,7 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
     auto image = std::make_unique<loaded_module>();
     loaded_module& module = *image;
     if (const ats::result<> result = module.image.map(path); !result) {
-        // Such an error does not concern the image.
+        // A limit of the process was reached. The text says enough; the image is not the cause.
         if (result.error().kind == ats::error_kind::no_memory) return result;
         return ats::fail(result.error().kind, "insmod: " + result.error().text);
     }

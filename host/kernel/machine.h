@@ -31,8 +31,9 @@ class service
   public:
     virtual ~service() = default;
 
-    // Describes everything that the service still holds for a module after the module's exit function, one text each:
-    // things that would later call the module, and things that nobody else can release. May sleep.
+    // Describes everything that the service still holds for a module after the module's exit function, one text each.
+    // These are subscriptions and timers that would call the module later, and resources that only the module could
+    // release. May sleep.
     virtual std::vector<std::string> left_by(const module_code&) const { return {}; }
 };
 

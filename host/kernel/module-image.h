@@ -87,17 +87,16 @@ std::string text_of_place(const std::string& image, const void* code, const void
 // Describes code for reports: by the exported function that contains it, or by its place in its image.
 std::string describe_code(const void* code);
 
-// A part of an image in memory. `usual_offset` is its place if the variables were not moved away from the code. An
-// image that the dynamic linker has mapped is one part.
+// A part of an image in memory. `usual_offset` is the offset that the part would have in the image if the variables
+// followed directly behind the code. An image that the dynamic linker has mapped is one part.
 struct image_part {
     const void* begin;
     size_t bytes;
     size_t usual_offset;
 };
 
-// The parts of the image that contains an address. It may be a module or another image. The first part begins the
-// image.
-// Empty if there is no such image. Any thread.
+// The parts of the image that contains an address. The image may be a module, the program or a library. The first part
+// is the beginning of the image. Empty if there is no such image. Any thread.
 std::vector<image_part> parts_of_image(const void* address);
 
 // The start address of that image, or null if there is none. Any thread.

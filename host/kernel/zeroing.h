@@ -1,5 +1,5 @@
-// Takes the place of memset() in placed images. Modules set large tables to zero when they start, and most of such a
-// table is zero already and stays so for the life of a host. A page that is only read takes no memory.
+// Keeps pages of zeros out of memory. A module sets large tables to zero when it starts. Most of such a table is zero
+// already and stays zero while the host exists. A page that is only read takes no memory.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
-// IBAT's functions for modules of its host that need addresses. (ibat.h has those for the resolver.) IBAT keeps a cache
-// of the resolver's answers. If several askers ask for one address, IBAT sends one request. It repeats the request and
-// finally gives up.
+// IBAT's functions for modules of its host that need addresses. (ibat.h has the functions for the resolver, the module
+// that asks the SA.) IBAT keeps a cache of the resolver's answers. If several askers ask for one address, IBAT sends
+// one request. It repeats the request and finally gives up.
 //
 // Every record from IBAT has these fields: `dst_ip` is the address of the request, `gid` is the GID that owns it, and
 // `local_port_num` is the port on which the answer arrived. `mask` names the valid fields. IBAT_MASK_STATIC marks the

@@ -52,9 +52,9 @@ struct ibat_path_counters_t {
     uint64_t errors;   // answers with another error, including "busy"
     uint64_t strays;   // answers without a waiting attempt: late ones and duplicates
     uint64_t timeouts; // requests given up; a request counts once for all its askers
-    uint64_t drops;    // paths dropped because of an event
-    uint64_t entries;  // in the cache now
-    uint64_t pending;  // requests now
+    uint64_t drops; // paths dropped before they expired: by an event, a flush, or an address that moved to another GID
+    uint64_t entries; // in the cache now
+    uint64_t pending; // requests now
 };
 
 // Published as "ibat_path_counters_fn". Reads all counters at one moment. Any context.

@@ -44,7 +44,7 @@ struct gsi_class_t {
     uint8_t number = 0; // of a client that has joined; 0 if it has registered the class
 
     static constexpr uint32_t end_mark = 0x80000000;
-    // Datagrams whose callback has not returned; end_mark is added when it has ended.
+    // The number of datagrams whose callback has not returned. end_mark is added when the registration has ended.
     std::atomic<uint32_t> in_flight{0};
 
     // Counts a datagram that is posted or has arrived. Returns false if the registration has ended. Any thread.

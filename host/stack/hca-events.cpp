@@ -13,8 +13,8 @@ namespace stack
 namespace
 {
 
-// The limit of waiting link changes for one port and one subscriber; also that of SM changes. Beyond it the oldest is
-// dropped.
+// The limit of waiting link changes for one port and one subscriber. SM changes have an equal limit of their own.
+// Beyond a limit, the oldest change is dropped.
 constexpr ptrdiff_t queue_limit = 16;
 
 // The fabric reports a link-up after a read of the port shows it. A subscription between the two announces the link

@@ -38,7 +38,7 @@ class hca_hub final : public fabric::listener
         int attach_count;
     };
     fabric::hca& adapter_;
-    semaphore change_semaphore_; // held during listen(): its calls have the order of the changes
+    semaphore change_semaphore_; // held during hca::listen(), so these calls come in the order of the changes
     std::mutex mutex_;           // guards listeners_; held while a listener is called
     std::vector<attached_listener> listeners_;
 };

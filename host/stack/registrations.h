@@ -1,5 +1,5 @@
-// Watches the ServiceRecords that the clients of an HCA register. It sees the wire like GSI: the record of the last Set
-// of each service, and the SA's later answers about it. It is only for reports and sends nothing.
+// Watches the ServiceRecords that the clients of an HCA register. It sees the same MADs as GSI. It keeps the record of
+// the last Set of each service, and the SA's later answers about this record. It is only for reports and sends nothing.
 #pragma once
 
 #include <atomic>

@@ -86,7 +86,8 @@ std::vector<std::string> timers::left_by(const kernel::module_code& module) cons
     return leftovers;
 }
 
-// Nothing: it has run a handler, or done idle work. Otherwise the tick until which the lane may sleep.
+// Returns nothing if the lane has run a handler or done idle work. Otherwise returns the tick until which the lane may
+// sleep.
 std::optional<uint64_t> timers::run(lane& self)
 {
     if (run_next(self) || run_idle_work(self)) return std::nullopt;

@@ -20,7 +20,7 @@ class timers final : public kernel::service
     // Starts the tasks of both kinds. Throws a shortage if they cannot be created.
     explicit timers(kernel::machine& home);
 
-    // A hard error if a timer is still armed: its record, or the module of its handler, is perhaps gone already.
+    // A hard error if a timer is still armed, because its record or the module of its handler may be gone already.
     ~timers() override;
 
     // timing.h describes these calls. arm() may be called in any context; disarm_and_wait() may sleep.
@@ -44,7 +44,7 @@ class timers final : public kernel::service
         timer_queue queue;
         const timing_t* running_timer = nullptr;          // the timer whose handler runs, or null
         void (*running_handler)(unsigned long) = nullptr; // valid while running_timer is set
-        bool is_arming_void = false; // arm() ignores running_timer: a task is deleting it and waits for its handler
+        bool is_arming_void = false; // arm() ignores running_timer, because a task deletes it and waits for its handler
         service_task task;
     };
 

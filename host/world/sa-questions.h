@@ -1,5 +1,6 @@
-// Asks the SA questions for the program that runs a host. It joins the SA's class beside the modules. It can therefore
-// ask before the modules are loaded and after they are unloaded, without any effect on them.
+// Asks the SA questions for the program that runs a host. It is a client of GSI of its own and joins the SA's class
+// beside the modules. It can therefore ask before the modules are loaded and after they are unloaded. The modules do
+// not notice it.
 #pragma once
 
 #include <memory>

@@ -50,8 +50,8 @@ KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock);
 // Releases the lock. A hard error if it is not held. Any context.
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
-// Functions that must not be called with a spin lock held call this. It is a hard error that names `entry` if the task
-// holds a spin lock. It finds such a callback before the callback deadlocks on the lock.
+// For functions that must not be called with a spin lock held. If the task holds one, this is a hard error that names
+// `entry`. Such a call is thus found before it deadlocks on the lock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----

@@ -1,5 +1,5 @@
-// Hosts of a simulated fabric and the records of its SA. Each host is an `ats run` of its own. Both are read through
-// `ats`.
+// Hosts of a simulated fabric and the records of its SA. Each host is an `ats run` of its own. Commands of `ats` report
+// the state of the hosts and the records.
 #pragma once
 
 #include <memory>

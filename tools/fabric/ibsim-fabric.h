@@ -48,8 +48,9 @@ class ibsim_fabric
     // Runs a program on the node, for at most one minute. Returns its output.
     std::string run(const std::string& node, const std::vector<std::string>& arguments);
 
-    // Kills a program without warning. Detaches it from ibsim first; otherwise ibsim would keep its place for ever.
-    // Also, a request that reaches a dying program gets neither an answer nor a time-out. An OpenSM that sent it hangs.
+    // Kills a program without warning. Detaches it from ibsim first, for two reasons. ibsim would keep its place for
+    // ever. And a request that reaches a dying program gets neither an answer nor a time-out, so an OpenSM that has
+    // sent it would hang.
     void kill(process& program);
 
     // Ends ibsim. The whole fabric becomes silent.

@@ -22,7 +22,7 @@ namespace
 constexpr duration poll_period = 2ms;
 
 volatile sig_atomic_t was_interrupted = 0;
-// `interrupted` was thrown; wait_until() does not throw it again, because destructors must be able to wait.
+// True after `interrupted` was thrown. wait_until() does not throw it again, because destructors must be able to wait.
 bool is_ending = false;
 
 std::vector<char*> pointers_to(const std::vector<std::string>& texts)
@@ -148,7 +148,7 @@ std::optional<std::string> process::wait_line(const std::string& text, duration 
 {
     std::optional<std::string> match;
     const auto look = [&] {
-        const bool was_over = has_ended(); // checked before reading, to read the last output
+        const bool was_over = has_ended(); // checked before the read, which then gets all of the output
         const std::string all = output();
         while (true) {
             const size_t end = all.find('\n', searched_);

@@ -43,7 +43,8 @@ class delivery_queue
   public:
     explicit delivery_queue(size_t capacity) : capacity_(capacity) {}
 
-    // Returns a free datagram, or null if all are in transit. The caller fills it in, and then posts or puts it.
+    // Returns a free datagram, or null if all are in transit. The caller fills it in. Then the caller posts it, or
+    // returns it with put().
     datagram* take()
     {
         if (free_.empty()) return datagrams_.size() < capacity_ ? &datagrams_.emplace_back() : nullptr;
@@ -63,7 +64,7 @@ class delivery_queue
         std::push_heap(heap_.begin(), heap_.end());
     }
 
-    // Returns the next due datagram, or null if none is due yet. The caller puts or posts it again.
+    // Returns the next due datagram, or null if none is due yet. The caller returns it with put(), or posts it again.
     datagram* next_due(uint64_t now_ticks)
     {
         if (heap_.empty() || heap_.front().due_tick > now_ticks) return nullptr;

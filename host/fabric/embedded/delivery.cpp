@@ -314,7 +314,7 @@ void subnet::drop(datagram& datagram, const char* reason, bool has_reached_end)
     queue_.put(datagram);
 }
 
-// Call it before `sender`, or the SA if null, sends this datagram.
+// Call it before the datagram leaves `sender`. A null sender means the SA.
 void subnet::observe_send(datagram& datagram, const port_record* sender)
 {
     datagram.number = ++sent_count_;

@@ -13,12 +13,12 @@ struct fault_switches {
     static constexpr uint32_t every = UINT32_MAX;
 
     std::atomic<uint32_t> latency_ticks{0};
-    std::atomic<uint32_t> jitter_ticks{
-        0}; // the maximum of an additional delay, drawn for each datagram: they overtake each other
+    // The maximum of an additional delay, which is drawn for each datagram. Datagrams then overtake each other.
+    std::atomic<uint32_t> jitter_ticks{0};
 
     std::atomic<uint32_t> loss_percent{0};
     std::atomic<uint32_t> duplicate_percent{0}; // the datagram arrives twice
-    std::atomic<uint32_t> reorder_percent{0};   // it is one tick late: later datagrams overtake it
+    std::atomic<uint32_t> reorder_percent{0};   // one tick late, so later datagrams overtake it
     std::atomic<uint32_t> corrupt_percent{0};   // one of its bytes changes
 
     std::atomic<uint32_t> drop_next{0};         // this many datagrams are lost, requests or answers

@@ -88,7 +88,8 @@ ats::result<> device::open()
     }
     self_agent_ = register_client(class_directed_route, class_version_smp);
 
-    // ibsim's poll() looks at its own descriptor only. With ibsim, waits must be short.
+    // ibsim replaces poll() and ignores the second descriptor. Find this out here: if poll() does not see the wake-up,
+    // waits must be short.
     wake();
     pollfd both[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
     sees_wakeup_ = ::poll(both, 2, 0) > 0 && both[1].revents != 0;

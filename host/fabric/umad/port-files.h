@@ -1,5 +1,5 @@
 // Reads a port's attributes from the system's files, through libibumad. For ports that do not answer questions about
-// themselves. It is slower. Under ibsim the files do not change after the program has started.
+// themselves. Files are slower than questions. Under ibsim the files do not change after the program has started.
 #pragma once
 
 #include <optional>

@@ -83,8 +83,8 @@ bool port::poll()
 }
 
 // Receives one datagram at a time and passes it on before it receives the next one. While the port is busy, the
-// listener relies on another may_complete(). So this makes the call once more when nothing has arrived. Returns false
-// if nothing arrived, or nothing for the listener.
+// listener relies on another may_complete(). This function therefore makes the call once more when nothing has arrived.
+// Returns false if nothing arrived, or nothing for the listener.
 bool port::receive_next()
 {
     const bool was_busy = is_busy_;

@@ -36,8 +36,9 @@ class port_watch
 
     void set_interval(uint64_t interval) { interval_ = interval; }
 
-    // Asks for all attributes at once, because the port has probably changed. A brief look first learns in one
-    // question whether PortInfo has changed, for a caller who is in a hurry; the look at everything follows it.
+    // Asks for all attributes without waiting for the interval, because the port has probably changed. With a brief
+    // `first` look, the first question asks for PortInfo. If that has not changed, the attributes are complete after
+    // this one answer. In any case a whole look follows.
     void hurry(uint64_t now, self_query::look first = self_query::look::whole);
 
     // Returns the question to send now, or none before next_due().

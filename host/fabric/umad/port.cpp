@@ -73,7 +73,7 @@ void port::look_now(bool must_register)
     receive_in_own_task();
 }
 
-// For answers that no other task waits for.
+// Lets the port's own task receive the next answer, because no other task waits for it.
 void port::receive_in_own_task()
 {
     is_polled_ = false;

@@ -45,8 +45,8 @@ class real_hca final : public fabric::hca
     std::mutex listener_mutex_; // held during each call of the listener: one call at a time
     fabric::listener* listener_ = nullptr;
     std::vector<bool> is_infiniband_;          // one for each port
-    std::vector<std::unique_ptr<port>> ports_; // after what their tasks use
-    std::unique_ptr<device_events> events_;    // last: its task uses the ports
+    std::vector<std::unique_ptr<port>> ports_; // declared after the members that their tasks use
+    std::unique_ptr<device_events> events_;    // declared last: its task uses the ports
 };
 
 } // namespace umad

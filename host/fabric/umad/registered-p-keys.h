@@ -31,7 +31,7 @@ class registered_p_keys
 
     const delete_p_key setting_;
     std::mutex mutex_;
-    std::map<key, uint16_t> p_keys_; // one for each GID that this host has had: only a few
+    std::map<key, uint16_t> p_keys_; // one for each GID that this host has had, usually few
 };
 
 } // namespace umad

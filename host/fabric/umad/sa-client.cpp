@@ -20,7 +20,7 @@ namespace
 using clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr size_t window = 8; // requests in flight; a socket under ibsim holds ten datagrams and drops more
+constexpr size_t window = 8; // requests in flight; under ibsim, a socket drops datagrams when it holds ten
 constexpr milliseconds resend_time(250);
 constexpr int most_tries = 12;
 constexpr size_t longest_answer_bytes = 1 << 20; // some thousand records

@@ -12,7 +12,7 @@ namespace umad
 namespace
 {
 
-constexpr size_t most_reported = 256; // limits the memory; more lines would not help anyway
+constexpr size_t most_reported = 256; // limits the memory; more lines would not help an administrator
 
 constexpr uint64_t all_components = UINT64_MAX; // the mask of a Set
 constexpr uint64_t address_components = uint64_t{0xFFFF} << SR_COMPONENT_SERVICE_DATA8;

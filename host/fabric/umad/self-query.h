@@ -1,7 +1,7 @@
-// Asks a port for its own attributes with directed-route SMPs of no hops (IBA 14.2.2). It sends one question at a time,
-// from NodeInfo to the last block of the P_Key table. A short look asks only for PortInfo, unless PortInfo has changed.
-// A port also answers while its link is down. Under ibsim this is the only way to see changes, because there the
-// system's files do not change.
+// Asks a port for its own attributes with directed-route SMPs with a hop count of 0 (IBA 14.2.2). It sends one question
+// at a time, from NodeInfo to the last block of the P_Key table. A brief look asks only for PortInfo, unless PortInfo
+// has changed. A port also answers while its link is down. Under ibsim this is the only way to see changes, because
+// there the system's files do not change.
 #pragma once
 
 #include <array>

@@ -20,7 +20,7 @@ namespace umad
 // identifier, ServiceID, ServiceGID and P_Key (IBA 15.2.5.14), even if the component mask omits the P_Key.
 enum class delete_p_key {
     automatic, // the P_Key of the record, if it was Set through this HCA; else 0
-    on,        // the same; else, for a GID of the port, the port's first P_Key, for records of an earlier run
+    on,        // the same; if it was not Set in this run, but the GID is the port's: the port's first P_Key
     off,       // 0
 };
 

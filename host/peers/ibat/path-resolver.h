@@ -5,8 +5,8 @@
 // An event of the port makes the paths invalid. The resolver then empties the cache, ignores answers to earlier
 // attempts, and repeats their requests at once.
 //
-// The resolver opens nothing, and uses nothing of the host, before the first question. One spin lock guards everything.
-// No code sleeps or calls another module while holding it.
+// Before the first question, the resolver opens no HCA and allocates no memory. One spin lock guards everything. No
+// code sleeps or calls another module while holding it.
 #pragma once
 
 #include <atomic>
