@@ -110,7 +110,9 @@ class bench
         for (int i = 0; i < window; ++i) ats.push_back(target_address(i));
         std::vector<std::string> ats_paths = ats;
         ats_paths.insert(ats_paths.begin() + 3, "path");
-        std::vector<double> ats_rates, bare_rates, shares, client_rates, client_shares;
+        std::vector<std::string> bare_service = {BARE_SERVICE, lookups_};
+        for (int i = 0; i < window; ++i) bare_service.push_back(target_address(i));
+        std::vector<double> ats_rates, bare_rates, shares, client_rates, client_shares, bare_service_shares;
         std::vector<double> path_rates, bare_path_rates, path_shares;
         for (int i = 0; i < rounds; ++i) { // alternately, so other load on the machine affects all equally
             bare_rates.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
@@ -122,6 +124,7 @@ class bench
             path_shares.push_back(path_rates.back() / bare_path_rates.back());
             client_rates.push_back(rate_of_clients());
             client_shares.push_back(client_rates.back() / ats_rates.back());
+            bare_service_shares.push_back(client_rates.back() / rate(bare_service));
         }
         constexpr int queries = 20;
         const auto begin = clock::now();
@@ -133,9 +136,10 @@ class bench
             "                          %9.0f /s   a bare libibumad loop: ats reaches %.2f of it (%.2f to %.2f)\n",
             median(bare_rates), median(shares), std::ranges::min(shares), std::ranges::max(shares));
         std::printf("                          %9.0f /s   %d processes through libatsclient: %.2f of ats by itself "
-                    "(%.2f to %.2f)\n",
+                    "(%.2f to %.2f), %.2f of a bare service for as many processes (%.2f to %.2f)\n",
                     median(client_rates), window, median(client_shares), std::ranges::min(client_shares),
-                    std::ranges::max(client_shares));
+                    std::ranges::max(client_shares), median(bare_service_shares), std::ranges::min(bare_service_shares),
+                    std::ranges::max(bare_service_shares));
         std::printf("                          %9.0f /s   saquery, once per lookup: ats is %.0f times as fast\n",
                     saquery_rate, median(ats_rates) / saquery_rate);
         std::printf(
