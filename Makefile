@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
+.PHONY: help configure build program demo fabric chaos package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
 
 help:
 	@echo "make demo      install missing packages, build, and show how the service works on an embedded fabric"
@@ -13,6 +13,7 @@ help:
 	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
+	@echo "make chaos     random acts on real hosts under OpenSM for MINUTES=10, and what must be true after them (SEED=N: one plan again)"
 	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make aarch64   the kernel's tests on another processor, in an emulator"
 	@echo "make package   packages for Debian and Fedora, if this machine can build them, in build/packages"
@@ -42,6 +43,13 @@ fabric:
 	@scripts/install-dependencies test
 	@$(MAKE) --no-print-directory build PRESET=release
 	@build/release/tools/ats-fabric $(HOSTS)
+
+MINUTES ?= 10
+chaos:
+	@scripts/install-dependencies test
+	@$(MAKE) --no-print-directory configure PRESET=release
+	@cmake --build --preset release --target ats-chaos
+	@build/release/tools/ats-chaos --minutes $(MINUTES) $(if $(SEED),--seed $(SEED))
 
 package:
 	@scripts/install-dependencies package

@@ -39,6 +39,15 @@ std::vector<std::string> node_names(int count, std::vector<std::string> others)
     return others;
 }
 
+json ask_service(ibsim_fabric& net, const std::string& socket, std::vector<std::string> command)
+{
+    command.insert(command.begin(), program_path);
+    command.insert(command.end(), {"--json", "--socket", socket});
+    process client({.arguments = command, .output = net.new_file("client")});
+    client.wait_end(60s);
+    return parse(client.output());
+}
+
 fabric_host::fabric_host(ibsim_fabric& net, int number, const std::vector<std::string>& options,
                          const std::vector<std::string>& environment)
     : net_(net), name_(node_name(number)), socket_(net.folder() + "/" + name_ + ".sock")
@@ -52,16 +61,6 @@ fabric_host::fabric_host(ibsim_fabric& net, int number, const std::vector<std::s
 bool fabric_host::wait_serving(duration longest)
 {
     return program_->wait_line("clients are served", longest).has_value();
-}
-
-// A client needs no port, so it runs outside ibsim, which supports only a few programs.
-json fabric_host::ask(std::vector<std::string> command) const
-{
-    command.insert(command.begin(), program_path);
-    command.insert(command.end(), {"--json", "--socket", socket_});
-    process client({.arguments = command, .output = net_.new_file("client")});
-    client.wait_end(60s);
-    return parse(client.output());
 }
 
 json fabric_host::port() const

@@ -24,6 +24,10 @@ std::vector<std::string> node_names(int count, std::vector<std::string> others);
 // The path of the program `ats`.
 std::string ats_program();
 
+// Asks the service at the socket: `ats COMMAND... --json`. A client needs no port, so it runs outside ibsim, which supports
+// only a few programs. Returns the output, or null if that is not JSON.
+json ask_service(ibsim_fabric& net, const std::string& socket, std::vector<std::string> command);
+
 class fabric_host
 {
   public:
@@ -34,8 +38,8 @@ class fabric_host
     // Waits until the host serves clients. Returns false after the time limit.
     bool wait_serving(duration longest = 30s);
 
-    // Runs `ats COMMAND... --json` for the host. Returns the output, or null if that is not JSON.
-    json ask(std::vector<std::string> command) const;
+    // Asks the host, see ask_service().
+    json ask(std::vector<std::string> command) const { return ask_service(net_, socket_, std::move(command)); }
 
     // The status of its first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
     json port() const;

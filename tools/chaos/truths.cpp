@@ -1,0 +1,229 @@
+// The truths of a chaos run: when no fault is active, the hosts, the SA and all answers agree.
+#include <algorithm>
+#include <sstream>
+
+#include "tools/chaos/run.h"
+
+namespace chaos
+{
+
+namespace
+{
+
+const std::string unused_address = "10.9.9.9";
+constexpr auto longest_settling = 90s;
+constexpr auto patience_of_administrator = 15s; // then it repeats orders that were not confirmed
+constexpr auto longest_silence = 20s;           // of the SA, when no fault is active
+constexpr long most_new_descriptors = 4;
+constexpr long most_new_kib = 16 * 1024;
+
+std::string join(const std::set<std::string>& texts, const char* last = " or ")
+{
+    std::string all;
+    for (const std::string& text : texts) all += (all.empty() ? "" : last) + text;
+    return all.empty() ? "none" : all;
+}
+
+// The number of the host that has such an address, or 0.
+int owner_of(const std::string& address)
+{
+    int owner = 0;
+    std::sscanf(address.c_str(), "10.0.%d.", &owner);
+    return owner;
+}
+
+// ibsim loses the last 32 bytes of a Set, and OpenSM stores there what its buffer held. The host then sees a record
+// with the same address and name that is not its own.
+bool differs_by_ibsim(const json& registration, const std::string& held)
+{
+    const json reason = registration.value("reason", json());
+    return reason.is_string() && reason.get<std::string>() == "the SA holds another record: " + held;
+}
+
+json first_of(const json& status, const char* list)
+{
+    const json::json_pointer place(std::string("/hosts/0/") + list + "/0");
+    return status.is_object() && status.contains(place) ? status[place] : json::object();
+}
+
+} // namespace
+
+void run::look()
+{
+    std::vector<host*> askers;
+    for (const auto& each : hosts_)
+        if (each->is_running() && !each->is_paused()) askers.push_back(each.get());
+    if (askers.empty()) return;
+    const host& asker = *askers[static_cast<size_t>(looks_++) % askers.size()];
+    std::vector<std::string> addresses = {"resolve"}, gids = {"reverse"};
+    for (const auto& each : hosts_) {
+        if (each.get() == &asker) continue;
+        addresses.insert(addresses.end(), each->addresses().begin(), each->addresses().end());
+        gids.push_back(each->gid());
+    }
+    for (const std::vector<std::string>& question : {addresses, gids}) {
+        const json answers = asker.ask(question);
+        if (!answers.is_array())
+            throw failure{asker.name() + " gives no answer", "a list of answers",
+                          answers.dump() + "\n" + asker.output()};
+        for (const json& answer : answers) {
+            ++figures_.questions;
+            if (answer.value("status", "") != "ok") {
+                ++figures_.unanswered;
+                continue;
+            }
+            const size_t owner = static_cast<size_t>(owner_of(answer.value("address", "")));
+            const std::string expected =
+                owner >= 1 && owner <= hosts_.size() ? hosts_[owner - 1]->gid() : "no such address";
+            if (answer.value("gid", "") != expected)
+                throw failure{asker.name() + " gives a wrong answer about " + answer.value("asked", ""),
+                              "the GID " + expected + ", or a refusal", answer.dump()};
+        }
+    }
+}
+
+void run::settle()
+{
+    const auto begin = clock::now();
+    auto deadline = begin + longest_settling;
+    silent_since_.reset();
+    std::optional<failure> fault;
+    const auto is_right = [&] {
+        fault = first_fault();
+        if (!fault) return true;
+        if (silent_since_ && clock::now() - *silent_since_ > longest_silence) {
+            ++figures_.sms_lost;
+            sms_.kill_all();
+            sms_.start(false);
+            silent_since_.reset();
+            deadline = clock::now() + longest_settling;
+        }
+        if (clock::now() - begin > patience_of_administrator)
+            for (const auto& each : hosts_)
+                if (each->is_running() && each->has_open_orders()) {
+                    ++figures_.orders_repeated;
+                    each->repeat_orders();
+                }
+        return clock::now() >= deadline;
+    };
+    fabric_tools::wait_until(is_right, 10 * longest_settling);
+    if (fault) throw failure(*fault);
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin);
+    figures_.longest_settling = std::max(figures_.longest_settling, took);
+}
+
+// The first truth that does not hold now.
+std::optional<failure> run::first_fault()
+{
+    for (const auto& each : hosts_)
+        if (const auto fault = each->is_running() ? fault_of_process(*each) : std::nullopt) return fault;
+    if (!sms_.are_quiet()) {
+        note_silence();
+        return failure{"the SM does not end its sweep", "a quiet subnet", "see its log"};
+    }
+    const auto records = read_records();
+    if (!records)
+        return failure{"the SA does not answer",
+                       "the SA's records within " + std::to_string(longest_silence.count()) + " s", "no answer"};
+    for (const auto& each : hosts_)
+        if (const auto fault = fault_of_registration(*each, *records)) return fault;
+    for (const auto& each : hosts_)
+        if (const auto fault = each->is_running() ? fault_of_lookups(*each, *records) : std::nullopt) return fault;
+    return std::nullopt;
+}
+
+std::optional<failure> run::fault_of_process(host& host) const
+{
+    if (host.has_ended_by_itself()) throw failure{host.name() + " has ended by itself", "it runs", host.output()};
+    const resources before = host.first_used(), now = host.used();
+    if (now.descriptors > before.descriptors + most_new_descriptors)
+        return failure{host.name() + " leaks descriptors", "about " + std::to_string(before.descriptors),
+                       std::to_string(now.descriptors)};
+    if (now.resident_kib > before.resident_kib + most_new_kib)
+        return failure{host.name() + " leaks memory", "about " + std::to_string(before.resident_kib) + " KiB",
+                       std::to_string(now.resident_kib) + " KiB"};
+    return std::nullopt;
+}
+
+void run::note_silence()
+{
+    if (!silent_since_) silent_since_ = clock::now();
+}
+
+// Asks the SA with a program that is independent of the service. Returns none if it does not answer.
+std::optional<std::map<std::string, std::string>> run::read_records()
+{
+    std::vector<std::string> command = {READ_RECORDS};
+    for (const auto& each : hosts_) command.push_back(each->gid());
+    const std::string output = net_.run(tool_node, command);
+    std::map<std::string, std::string> records;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("0x")) { // an error
+            note_silence();
+            return std::nullopt;
+        }
+        std::istringstream words(line);
+        std::string gid, p_key, record;
+        words >> gid >> p_key >> std::ws;
+        std::getline(words, record);
+        records[gid] = record.empty() ? "several records, or the error " + p_key : record;
+    }
+    silent_since_.reset();
+    return records;
+}
+
+std::optional<failure> run::fault_of_registration(host& host, const record_map& records) const
+{
+    const auto found = records.find(host.gid());
+    const std::string at_sa = found == records.end() ? "" : found->second;
+    if (!host.is_running()) {
+        const std::set<std::string> kept = sms_.kept_of(host.gid());
+        if (at_sa.empty() || kept.count(at_sa) > 0) return std::nullopt;
+        return failure{"the SA has a record of " + host.name() + ", which has gone", join(kept), at_sa};
+    }
+    const json status = host.ask({"status"});
+    const json port = first_of(status, "hcas").value("ports", json::array({json::object()})).at(0);
+    const json registration = first_of(status, "registrations");
+    if (port.value("state", "") != "Active") return failure{host.name() + "'s port", "state Active", port.dump()};
+    const std::string held = registration.value("address", "") + " " + registration.value("name", "");
+    if (!registration.value("registered", false) && !differs_by_ibsim(registration, held))
+        return failure{host.name() + " is not registered", "registered with " + join(host.possible_records()),
+                       registration.dump()};
+    if (host.possible_records().count(held) == 0)
+        return failure{host.name() + " holds another record than it was told", join(host.possible_records()), held};
+    if (at_sa != held) return failure{"the SA's record of " + host.name(), held, at_sa.empty() ? "none" : at_sa};
+    return std::nullopt;
+}
+
+std::optional<failure> run::fault_of_lookups(host& host, const record_map& records)
+{
+    std::vector<std::string> addresses = {"resolve", unused_address}, gids = {"reverse"};
+    std::map<std::string, std::string> expected = {{unused_address, ""}}; // "" for "not found"
+    for (const auto& [gid, record] : records) {
+        const std::string address = record.substr(0, record.find(' '));
+        expected[address] = gid;
+        expected[gid] = address;
+    }
+    for (const auto& each : hosts_) {
+        gids.push_back(each->gid());
+        for (const std::string& address : each->known_addresses()) addresses.push_back(address);
+    }
+    for (const std::vector<std::string>& question : {addresses, gids}) {
+        const json answers = host.ask(question);
+        if (!answers.is_array() || answers.size() + 1 != question.size())
+            return failure{host.name() + " gives no answers", std::to_string(question.size() - 1), answers.dump()};
+        for (const json& answer : answers) {
+            ++figures_.questions;
+            const std::string right = expected[answer.value("asked", "")], status = answer.value("status", "");
+            const bool is_right =
+                right.empty() ? status == "not found" : status == "ok" && answer.value("found", "") == right;
+            if (!is_right)
+                return failure{host.name() + "'s answer about " + answer.value("asked", ""),
+                               right.empty() ? "not found" : right, answer.dump()};
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace chaos
