@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric chaos package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage install clean
+.PHONY: help configure build program demo fabric chaos package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage mutants install clean
 
 help:
 	@echo "make demo      install missing packages, build, and show how the service works on an embedded fabric"
@@ -11,6 +11,7 @@ help:
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
 	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range like 1-50; HOURS=0: each seed once)"
 	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
+	@echo "make mutants   change one place at a time of PART=module, peers, stack, kernel or exec, and count what the tests notice"
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
 	@echo "make chaos     random acts on real hosts under OpenSM for MINUTES=10, and what must be true after them (SEED=N: one plan again)"
@@ -88,6 +89,15 @@ test-threads:
 	cmake --preset tsan
 	cmake --build --preset tsan --target tests-of-threads
 	ctest --preset tsan -E '_NOT_BUILT|^campaign|^protocol|^metrics|^librdmacm|^trace.of_everything|every_order'
+
+# Modules are changed beside a release build. For other parts, each file needs an object of its own.
+PART ?= module
+OPTIONS ?=
+mutants:
+	@scripts/install-dependencies mutants
+	@$(MAKE) --no-print-directory configure PRESET=$(if $(filter module peers,$(PART)),release,dev)
+	cmake --build --preset $(if $(filter module peers,$(PART)),release,dev) --target ats-campaign test-ats test-peers test-stack test-kernel
+	scripts/mutants --part $(PART) --build build/$(if $(filter module peers,$(PART)),release,dev) $(OPTIONS)
 
 SECONDS ?= 300
 fuzz:

@@ -1,0 +1,76 @@
+"""Stores results, and counts them by file."""
+
+import collections
+import json
+import pathlib
+
+NOTICED = ("failed", "hung")
+
+
+def read_lines(paths):
+    """Reads results of earlier runs: {identity: result}. A later result replaces an earlier one."""
+    found = {}
+    for path in paths:
+        for line in pathlib.Path(path).read_text().splitlines():
+            result = json.loads(line)
+            found[result["mutant"]] = result
+    return found
+
+
+def read_explained(path):
+    """Reads the mutants that change nothing: {(file, removed lines, added lines)}. tests/mutants/equivalent.txt explains the form."""
+    explained = set()
+    for paragraph in path.read_text().split("\n\n"):
+        lines = [line for line in paragraph.splitlines() if line and not line.startswith("#")]
+        if not lines:
+            continue
+        old = tuple(line[1:].strip() for line in lines if line.startswith("-"))
+        new = tuple(line[1:].strip() for line in lines if line.startswith("+"))
+        reason = [line for line in lines[1:] if not line.startswith(("-", "+"))]
+        if not (old or new) or not reason or lines[0].startswith(("-", "+")):
+            raise ValueError(f"{path}: a file, lines with - and +, and a reason are needed: {paragraph}")
+        explained.add((lines[0], old, new))
+    return explained
+
+
+def is_explained(result, explained):
+    return (result["file"], tuple(result["old"]), tuple(result["new"])) in explained
+
+
+def counted(results, explained):
+    """Returns {file: counts}. An explained mutant that was noticed counts as noticed."""
+    counts = collections.defaultdict(lambda: {"mutants": 0, "noticed": 0, "survived": 0, "equivalent": 0})
+    for result in results:
+        verdict = result["verdict"]
+        if verdict == "not compiled":
+            continue
+        count = counts[result["file"]]
+        count["mutants"] += 1
+        if verdict in NOTICED:
+            count["noticed"] += 1
+        elif verdict == "same code" or is_explained(result, explained):
+            count["equivalent"] += 1
+        else:
+            count["survived"] += 1
+    return dict(sorted(counts.items()))
+
+
+def total_of(counts):
+    return {key: sum(count[key] for count in counts.values()) for key in ("mutants", "noticed", "survived", "equivalent")}
+
+
+def share(count):
+    judged = count["noticed"] + count["survived"]
+    return 100 * count["noticed"] / judged if judged else 100.0
+
+
+def table(counts):
+    lines = [f"{'file':40} mutants  equivalent  noticed  survived   share"]
+    for name, count in [*counts.items(), ("all", total_of(counts))]:
+        lines.append(f"{name:40} {count['mutants']:7}  {count['equivalent']:10}  {count['noticed']:7}  {count['survived']:8}  {share(count):5.1f} %")
+    return "\n".join(lines)
+
+
+def describe(result):
+    changed = "".join(f"\n    - {line}" for line in result["old"]) + "".join(f"\n    + {line}" for line in result["new"])
+    return f"{result['file']}:{result['line']}: {result['change']}{changed}"

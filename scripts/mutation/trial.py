@@ -1,0 +1,196 @@
+"""Builds a mutant beside a built tree, and runs tests on it until one fails."""
+
+import collections
+import json
+import os
+import pathlib
+import resource
+import shlex
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+from mutation import changes
+
+MEMORY_LIMIT = 24 << 30  # bytes of addresses: a mutant that allocates for ever must not exhaust the machine
+# Undefined behaviour ends the program, as it does under the sanitizers of `make test-all`.
+FAST_COMPILER = ["-O0", "-g0", "-U_FORTIFY_SOURCE", "-UNDEBUG", "-fsanitize=undefined", "-fsanitize-undefined-trap-on-error"]
+PASSED, FAILED, HUNG = "passed", "failed", "hung"
+
+# A step runs a program of the build tree. `name` stands in results.
+Step = collections.namedtuple("Step", "name program arguments")
+LONG_TESTS = "*every_order*:*in_every_order*:trace.of_everything*:threaded.*:*leaves_nothing_behind*"
+
+
+def campaign(name, *arguments):
+    return Step(name, "campaign/ats-campaign", ("--jobs", "1", *arguments))
+
+
+def tests(name, *arguments):
+    return Step(name, f"tests/test-{name.split(' ')[0]}", ("--gtest_fail_fast", "--gtest_brief=1", *arguments))
+
+
+CAMPAIGNS = [campaign("campaign", "--seeds", "60"), campaign("campaign of rarer worlds", "--seeds", "60", "--unhealed", "--paths"),
+             campaign("campaign of swarms", "--seeds", "60", "--swarm")]
+ATS_TESTS = [tests("ats", f"--gtest_filter=-{LONG_TESTS}"), tests("ats in every order", f"--gtest_filter={LONG_TESTS}")]
+FIRST = campaign("campaign of 6 seeds", "--seeds", "6")  # most mutants of the module fail here, in less than a second
+# Each part of the tree: its folders, and the steps in the order of their cost: quick ones, and thorough ones.
+PARTS = {
+    "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
+    "peers": (["host/peers/ibat", "host/peers/ucm"], [tests("peers"), ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
+    "stack": (["host/stack"], [tests("stack"), FIRST], [tests("kernel"), *ATS_TESTS, *CAMPAIGNS]),
+    "kernel": (["host/kernel"], [tests("kernel"), FIRST], [tests("stack"), *ATS_TESTS, *CAMPAIGNS]),
+    "exec": (["host/exec"], [tests("kernel"), FIRST], [tests("stack"), *ATS_TESTS, *CAMPAIGNS]),
+}
+
+
+def run_limited(command, folder, environment, processor_seconds, seconds):
+    """Runs a command with a limit of its processor time. Ends its whole process group after `seconds`, in case it waits for ever."""
+    def limit():
+        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        resource.setrlimit(resource.RLIMIT_AS, (MEMORY_LIMIT, MEMORY_LIMIT))
+        resource.setrlimit(resource.RLIMIT_CPU, (processor_seconds, processor_seconds + 1))
+
+    process = subprocess.Popen(command, cwd=folder, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                               preexec_fn=limit, start_new_session=True)
+    try:
+        code = process.wait(seconds)
+        return PASSED if code == 0 else HUNG if code in (-signal.SIGXCPU, -signal.SIGKILL) else FAILED
+    except subprocess.TimeoutExpired:
+        return HUNG
+    finally:
+        try:
+            os.killpg(process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        process.wait()
+
+
+class Bench:
+    """A built tree, and a scratch folder for one mutant at a time. The tree itself stays as it is."""
+
+    def __init__(self, root, build, folder, part, is_quick):
+        self.root, self.build, self.folder = root, build, folder
+        self.folders, self.quick_steps, self.thorough_steps = PARTS[part]
+        if is_quick:
+            self.thorough_steps = []
+        commands = json.loads((build / "compile_commands.json").read_text())
+        self.commands = {each["file"]: shlex.split(each["command"]) for each in commands if "faulty-ats" not in each["command"]}
+        self.limits = {}
+        shutil.rmtree(folder, ignore_errors=True)
+        (folder / "modules").mkdir(parents=True)
+        for module in (build / "modules").glob("*.so"):
+            (folder / "modules" / module.name).symlink_to(module)
+        self.headers = {}
+        self.links = {target: self.link_command(target) for target in self.targets()}
+
+    def targets(self):
+        """Returns the products that contain the part's code: modules, or the programs of the steps."""
+        modules = {"ib-code/ats": "ats", "host/peers/ibat": "ibat", "host/peers/ucm": "ucm"}
+        named = [f"modules/{modules[folder]}.so" for folder in self.folders if folder in modules]
+        return named or sorted({step.program for step in self.quick_steps + self.thorough_steps})
+
+    def link_command(self, target):
+        output = subprocess.run(["ninja", "-t", "commands", target], cwd=self.build, capture_output=True, text=True, check=True).stdout
+        words = shlex.split(output.splitlines()[-1])
+        return words[words.index("&&") + 1:len(words) - words[::-1].index("&&") - 1]
+
+    def compile_command(self, path, source, output):
+        """Returns the compiler's command for a file of the tree, with other places of source and output, and without warnings."""
+        words = [word for word in self.commands[str(path)] if word not in ("-Wall", "-Wextra", "-Werror")]
+        words[words.index("-o") + 1] = str(output)
+        words[words.index("-c") + 1] = str(source)
+        return [words[0], "-iquote", str(path.parent), *words[1:], "-w"]
+
+    def headers_of(self, path):
+        """Compiles what a file includes, once for all its mutants. That takes most of the time of the compiler."""
+        if path not in self.headers:
+            lines = path.read_text().splitlines()
+            last = max((number for number, line in enumerate(lines) if line.startswith("#include")), default=-1)
+            header = self.folder / "headers" / (path.stem + "-includes.h")
+            header.parent.mkdir(exist_ok=True)
+            header.write_text("\n".join(lines[:last + 1]) + "\n")
+            words = self.compile_command(path, header, f"{header}.gch") + FAST_COMPILER
+            words[words.index("-c"):words.index("-c") + 1] = ["-x", "c++-header", "-c"]
+            subprocess.run(words, cwd=self.build, check=True)
+            self.headers[path] = header
+        return self.headers[path]
+
+    def compile(self, mutant_file, text, output, is_fast):
+        """Compiles changed text in place of a file of the tree. Returns false if it does not compile."""
+        path = self.root / mutant_file
+        copy = self.folder / path.name
+        copy.write_bytes(text)
+        words = self.compile_command(path, copy, output)
+        words += [*FAST_COMPILER, "-include", str(self.headers_of(path))] if is_fast else ["-O2"]
+        return subprocess.run(words, cwd=self.build, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
+
+    def link(self, target, mutant_file, object_file):
+        words = list(self.links[target])
+        compiled = self.commands[str(self.root / mutant_file)]
+        replaced = compiled[compiled.index("-o") + 1]
+        if replaced not in words:
+            return False  # this product does not contain the file
+        words[words.index(replaced)] = str(object_file)
+        linked = self.folder / target
+        linked.parent.mkdir(parents=True, exist_ok=True)
+        linked.unlink(missing_ok=True)
+        words[words.index("-o") + 1] = str(linked)
+        if not target.endswith(".so"):
+            words.append("-fuse-ld=lld")  # the modules need a script of the other linker
+        subprocess.run(words, cwd=self.build, check=True, stdout=subprocess.DEVNULL)
+        return True
+
+    def program_of(self, step):
+        changed = self.folder / step.program
+        return changed if changed.exists() else self.build / step.program
+
+    def run(self, step):
+        processor_seconds, seconds = self.limits.get(step.name, (3600, 3600))
+        environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"))
+        return run_limited([str(self.program_of(step)), *step.arguments], self.folder, environment, processor_seconds, seconds)
+
+    def measure(self):
+        """Runs every step on the unchanged tree, and derives the time after which a mutant counts as hung."""
+        for step in self.quick_steps + self.thorough_steps:
+            begin, used = time.monotonic(), resource.getrusage(resource.RUSAGE_CHILDREN)
+            if self.run(step) != PASSED:
+                sys.exit(f"mutants: without any change, this fails: {self.program_of(step)} {' '.join(step.arguments)}")
+            now = resource.getrusage(resource.RUSAGE_CHILDREN)
+            processor = now.ru_utime + now.ru_stime - used.ru_utime - used.ru_stime
+            self.limits[step.name] = (int(5 + 5 * processor), 60 + 10 * (time.monotonic() - begin))
+
+    def makes_same_code(self, mutant, source):
+        """Returns true if the optimising compiler makes the same code of both. Then nothing can notice the mutant."""
+        objects = [self.folder / "original.o", self.folder / "changed.o"]
+        for text, output in zip((source, changes.mutated(source, mutant)), objects):
+            if not self.compile(mutant.file, text, output, is_fast=False):
+                return False
+        return objects[0].read_bytes() == objects[1].read_bytes()
+
+    def verdict(self, mutant):
+        """Returns (verdict, name of the step). The verdict is failed, hung, survived, "same code" or "not compiled"."""
+        source = (self.root / mutant.file).read_bytes()
+        object_file = self.folder / "mutant.o"
+        if not self.compile(mutant.file, changes.mutated(source, mutant), object_file, is_fast=True):
+            return "not compiled", ""
+        linked = set()
+        for step in self.quick_steps:
+            if (result := self.run_changed(step, mutant, object_file, linked)) != PASSED:
+                return result, step.name
+        if self.makes_same_code(mutant, source):
+            return "same code", ""
+        for step in self.thorough_steps:
+            if (result := self.run_changed(step, mutant, object_file, linked)) != PASSED:
+                return result, step.name
+        return "survived", ""
+
+    def run_changed(self, step, mutant, object_file, linked):
+        """Runs a step on the mutant. `linked` has the products that are linked already."""
+        for target in self.links:
+            if target not in linked and (target.endswith(".so") or target == step.program):
+                self.link(target, mutant.file, object_file)
+                linked.add(target)
+        return self.run(step)
