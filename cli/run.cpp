@@ -230,7 +230,8 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
         config.metrics, [&hosts] { return metrics::text_of(metrics::collect(hosts)); }, warnings_about("metrics"));
     announce(options, hosts.all().size());
     notify_service_manager("READY=1");
-    const watchdog watchdog((*server)->loop(), (*server)->background(), hosts, warnings_about("watchdog"));
+    const watchdog watchdog((*server)->loop(), (*server)->background(), (*server)->all_lookups(), hosts,
+                            warnings_about("watchdog"));
     const reload_calls reload_calls{
         .set_rules =
             [&](const access_rules& access, const service_limits& limits) {

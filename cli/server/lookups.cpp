@@ -78,6 +78,12 @@ void lookups::remove(const queue_place& place)
     queue_.remove(place);
 }
 
+std::optional<std::chrono::steady_clock::time_point> lookups::question_start()
+{
+    const std::lock_guard lock(mutex_);
+    return question_start_;
+}
+
 void lookups::serve_queue()
 {
     std::unique_lock lock(mutex_);
@@ -90,9 +96,11 @@ void lookups::serve_queue()
         position->second.push_back(std::move(next.done));
         if (!is_new) continue;
         ++unfinished_;
+        question_start_ = std::chrono::steady_clock::now();
         lock.unlock();
         start(next.wanted);
         lock.lock();
+        question_start_.reset();
     }
 }
 
@@ -130,6 +138,32 @@ void lookups::finish(const subject& subject, const answer& answer)
     lock.lock();
     // Notify with the lock held: the destructor may be waiting.
     if (--unfinished_ == 0 && is_stopping_) changed_.notify_all();
+}
+
+lookups& host_lookups::at(kernel::machine& machine, lookup_statistics& statistics)
+{
+    if (const auto known = lookups_.find(&machine); known != lookups_.end()) return known->second;
+    const std::lock_guard lock(mutex_);
+    return lookups_.try_emplace(&machine, machine, statistics).first->second;
+}
+
+void host_lookups::remove(const queue_place& place)
+{
+    for (auto& [machine, lookups] : lookups_) lookups.remove(place);
+}
+
+void host_lookups::stop()
+{
+    for (auto& [machine, lookups] : lookups_) lookups.stop();
+}
+
+std::vector<std::string> host_lookups::stuck_since(std::chrono::steady_clock::time_point time)
+{
+    std::vector<std::string> names;
+    const std::lock_guard lock(mutex_);
+    for (auto& [machine, lookups] : lookups_)
+        if (const auto start = lookups.question_start(); start && *start < time) names.push_back(machine->name());
+    return names;
 }
 
 } // namespace cli

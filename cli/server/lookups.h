@@ -6,10 +6,12 @@
 // client waits, so it also asks the questions of clients that no longer wait.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <variant>
 #include <vector>
@@ -56,6 +58,9 @@ class lookups
     // Drops the queued questions of a connection without calling it back.
     void remove(const queue_place& place);
 
+    // The time since which the thread has been passing on the same question; none: it waits for questions. Any thread.
+    std::optional<std::chrono::steady_clock::time_point> question_start();
+
   private:
     struct entry {
         subject wanted;
@@ -79,8 +84,29 @@ class lookups
     fair_queue<entry> queue_;
     std::map<subject, std::vector<completion>, subject_order> asked_; // by the question to the SA
     size_t unfinished_ = 0; // questions to the SA whose clients have not all been answered
+    std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;
     std::thread thread_; // passes the queued questions to the host, which may sleep
+};
+
+// The lookups of all hosts that were asked.
+class host_lookups
+{
+  public:
+    // The first call for a host creates its lookups. Only the loop's thread calls these two.
+    lookups& at(kernel::machine& machine, lookup_statistics& statistics);
+    void remove(const queue_place& place);
+
+    // Stops all of them. The loop's thread must not call the others any more.
+    void stop();
+
+    // The names of the hosts whose thread has been passing on the same question since before `time`. Any thread.
+    std::vector<std::string> stuck_since(std::chrono::steady_clock::time_point time);
+
+  private:
+    // Held by the loop's thread when it adds lookups, and by other threads when they read.
+    std::mutex mutex_;
+    std::map<kernel::machine*, lookups> lookups_;
 };
 
 } // namespace cli

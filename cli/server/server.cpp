@@ -64,7 +64,7 @@ server::~server()
     });
     closed.get_future().wait(); // from here on there are no new requests
     workers_.stop();
-    for (auto& [machine, lookups] : lookups_) lookups.stop();
+    lookups_.stop();
     loop_.post([this] {
         for (auto& [number, client] : conversations_) {
             client->flush();
@@ -119,7 +119,7 @@ void server::ended(conversation& source)
 void server::drop(const queue_place& place)
 {
     workers_.remove(place);
-    for (auto& [machine, lookups] : lookups_) lookups.remove(place);
+    lookups_.remove(place);
 }
 
 conversation* server::find(uint64_t number)
@@ -253,7 +253,7 @@ void server::hand_to_workers(conversation& source, const request& request)
 
 lookups& server::lookups_of(kernel::machine& machine)
 {
-    return lookups_.try_emplace(&machine, machine, hosts_.statistics_of(machine).lookups).first->second;
+    return lookups_.at(machine, hosts_.statistics_of(machine).lookups);
 }
 
 void server::look_up(conversation& source, const request& request)

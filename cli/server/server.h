@@ -40,12 +40,13 @@ class server final : public conversation::owner
     // Any thread.
     ats::result<> set_options(const server_options& options);
 
-    // For another door to the same hosts; the door is destroyed first. Except for loop() and background(), only the
-    // loop's thread may call these.
+    // For another door to the same hosts; the door is destroyed first. Except for loop(), background() and
+    // all_lookups(), only the loop's thread may call these.
     event_loop& loop() { return loop_; }
     uint64_t new_connection_number() { return ++last_number_; }
     lookups& lookups_of(kernel::machine& machine);
     workers& background() { return workers_; }
+    host_lookups& all_lookups() { return lookups_; }
     void drop(const queue_place& place); // drops the queued questions of a connection; others may still be answered
 
   private:
@@ -92,7 +93,7 @@ class server final : public conversation::owner
     std::map<uid_t, user_share> users_;
     std::vector<uint64_t> unsent_; // conversations that need a flush
     log_followers followers_;
-    std::map<kernel::machine*, lookups> lookups_;
+    host_lookups lookups_;
     workers workers_;
 };
 

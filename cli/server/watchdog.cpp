@@ -23,8 +23,8 @@ std::string joined(const std::vector<std::string>& names)
 
 } // namespace
 
-life_signs::life_signs(event_loop& loop, workers& workers, const running_hosts& hosts)
-    : loop_(loop), workers_(workers), hosts_(hosts), fabric_tasks_(hosts.fabric_tasks())
+life_signs::life_signs(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts)
+    : loop_(loop), workers_(workers), lookups_(lookups), hosts_(hosts), fabric_tasks_(hosts.fabric_tasks())
 {
     for (const auto& host : hosts.all()) liveness_.emplace_back(host->machine());
 }
@@ -47,6 +47,7 @@ std::vector<std::string> life_signs::missing(std::chrono::steady_clock::time_poi
     if (!*has_loop_answered_) parts.emplace_back("the event loop");
     const auto oldest_start = workers_.oldest_start();
     if (oldest_start && now - *oldest_start > longest_request) parts.emplace_back("a worker");
+    for (const std::string& host : lookups_.stuck_since(now - longest_request)) parts.push_back("lookups of " + host);
     for (size_t i = 0; i < fabric_tasks_.size(); ++i)
         if (fabric_tasks_[i].rounds() == fabric_rounds_[i]) parts.push_back(fabric_tasks_[i].name);
     for (size_t i = 0; i < liveness_.size(); ++i)
@@ -63,9 +64,9 @@ std::optional<std::chrono::microseconds> watchdog_period()
     return us > 0 ? std::optional(std::chrono::microseconds(us)) : std::nullopt;
 }
 
-watchdog::watchdog(event_loop& loop, workers& workers, const running_hosts& hosts,
+watchdog::watchdog(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts,
                    std::function<void(const std::string&)> report)
-    : signs_(loop, workers, hosts), report_(std::move(report))
+    : signs_(loop, workers, lookups, hosts), report_(std::move(report))
 {
     if (const auto period = watchdog_period()) thread_ = exec::new_thread([this, period] { run(*period); });
 }

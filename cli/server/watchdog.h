@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "cli/server/event-loop.h"
+#include "cli/server/lookups.h"
 #include "cli/server/workers.h"
 #include "cli/service/running-hosts.h"
 #include "host/stack/liveness.h"
@@ -21,26 +22,28 @@
 namespace cli
 {
 
-// The parts of the service that must show a sign of life. For one thread. Loop, workers and hosts must outlive it.
+// The parts of the service that must show a sign of life. For one thread. Its arguments must outlive it.
 class life_signs
 {
   public:
     // The longest orders wait for several answers of the SA, for one or two seconds each.
     static constexpr std::chrono::minutes longest_request{5};
 
-    life_signs(event_loop& loop, workers& workers, const running_hosts& hosts);
+    life_signs(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts);
 
     // Asks all parts for a sign of life.
     void ask();
 
     // Returns the parts without a sign of life since ask(), for example "the event loop" or "timer of node1".
-    // A worker is missing if its request has run for longer than `longest_request`.
+    // A worker is missing if its request has run for longer than `longest_request`. So are the lookups of a host that
+    // have been passing on one question for that time.
     std::vector<std::string>
     missing(std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now()) const;
 
   private:
     event_loop& loop_;
     workers& workers_;
+    host_lookups& lookups_;
     const running_hosts& hosts_;
     const std::vector<fabric::fabric_task> fabric_tasks_;
     std::vector<uint64_t> fabric_rounds_; // of each task, at ask()
@@ -56,7 +59,7 @@ class watchdog
   public:
     // Notifies the manager until it is destroyed, if the manager expects notices. `report` receives a line when signs
     // are missing, and another line when all are back.
-    watchdog(event_loop& loop, workers& workers, const running_hosts& hosts,
+    watchdog(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts,
              std::function<void(const std::string&)> report);
     ~watchdog();
 

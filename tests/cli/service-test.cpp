@@ -189,16 +189,19 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     cli::event_loop loop;
     loop.start();
     cli::workers workers(1);
-    cli::life_signs signs(loop, workers, *hosts);
+    cli::host_lookups lookups;
+    cli::life_signs signs(loop, workers, lookups, *hosts);
     signs.ask();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
-    std::latch hanging(4), ending(1);
+    std::latch hanging(5), ending(1);
     const auto hang = [&] {
         hanging.count_down();
         ending.wait();
     };
     loop.post(hang);
     workers.push({}, hang);
+    kernel::machine& first = hosts->all()[0]->machine();
+    lookups.at(first, hosts->statistics_of(first).lookups).ask({}, uint32_t{1}, [&](const auto&) { hang(); });
     link_listener listener(hang);
     fabric::hca* const adapter = hosts->subnet().value()->add_hca("other", "hca", 1).value();
     adapter->listen(&listener);
@@ -213,7 +216,7 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     const std::vector<std::string> expected = {"the event loop", "the fabric's task", "sleeping timers of node2"};
     EXPECT_TRUE(eventually([&] { return signs.missing() == expected; })) << testing::PrintToString(signs.missing());
     const auto much_later = std::chrono::steady_clock::now() + cli::life_signs::longest_request;
-    EXPECT_THAT(signs.missing(much_later), testing::Contains("a worker"));
+    EXPECT_THAT(signs.missing(much_later), testing::IsSupersetOf({"a worker", "lookups of node1"}));
     ending.count_down();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
     EXPECT_TRUE(eventually([&] { return signs.missing(much_later).empty(); }));

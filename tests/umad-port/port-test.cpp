@@ -282,6 +282,16 @@ struct change_list final : fabric::listener {
     std::vector<fabric::port_change> changes;
 };
 
+// Wakes a task like a watchdog.
+bool begins_a_round(const fabric::fabric_task& task)
+{
+    const uint64_t rounds = task.rounds();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    task.wake();
+    while (task.rounds() == rounds && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    return task.rounds() > rounds;
+}
+
 // Here the ports are asked so rarely that only events can show a change.
 TEST(hca_with_verbs, tells_at_once_what_its_events_report)
 {
@@ -304,12 +314,15 @@ TEST(hca_with_verbs, tells_at_once_what_its_events_report)
         {IBV_EVENT_PORT_ERR, 1, 8, {link_down}},  {IBV_EVENT_CLIENT_REREGISTER, 1, 8, {}},
         {IBV_EVENT_PORT_ACTIVE, 4, 8, {link_up}}, {IBV_EVENT_DEVICE_FATAL, 1, 8, {link_down}},
     };
+    const fabric::fabric_task events = hca.tasks().at(1);
+    EXPECT_EQ(events.name, "fake events");
     for (const auto& step : steps) {
         SCOPED_TRACE(ibv_event_type_str(step.event));
         wire.state = step.state;
         wire.lid = step.lid;
         verbs.report(step.event);
         EXPECT_EQ(listener.take(step.changes.size()), step.changes);
+        EXPECT_TRUE(begins_a_round(events)) << "a watchdog would end the service";
     }
     EXPECT_EQ(verbs.unacknowledged, 0);
     hca.listen(nullptr);

@@ -52,11 +52,11 @@ class verbs_events final : public device_events
   public:
     verbs_events(exec::executor& exec, const std::string& hca, ibv_context* context,
                  std::function<void(const device_event&)> take)
-        : exec_(exec), context_(context), take_(std::move(take))
+        : exec_(exec), name_(hca + " events"), context_(context), take_(std::move(take))
     {
         const int descriptor = context_->async_fd;
         fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
-        task_ = &exec_.start(nullptr, hca + " events", [this] { run(); });
+        task_ = &exec_.start(nullptr, name_, [this] { run(); });
     }
 
     ~verbs_events() override
@@ -68,13 +68,28 @@ class verbs_events final : public device_events
         close(wakeup_);
     }
 
+    fabric::fabric_task watched_task() override
+    {
+        return {.name = name_,
+                .wake = [this] { eventfd_write(wakeup_, 1); },
+                .rounds = [this] { return rounds_.load(std::memory_order_relaxed); }};
+    }
+
   private:
+    // After the last event, it only shows that it does not hang.
     void run()
     {
         pollfd both[] = {{context_->async_fd, POLLIN, 0}, {wakeup_, POLLIN, 0}};
         while (!is_stopping_) {
-            if (poll(both, 2, -1) < 0 && errno != EINTR) return take_({device_event_kind::ended});
-            if (both[0].revents != 0 && !take_next()) return take_({device_event_kind::ended});
+            rounds_.fetch_add(1, std::memory_order_relaxed);
+            const bool has_failed = poll(both, 2, -1) < 0 && errno != EINTR;
+            if (has_failed || (both[0].revents != 0 && !take_next())) {
+                if (both[0].fd == no_file) return;
+                both[0] = {no_file, 0, 0};
+                take_({device_event_kind::ended});
+            }
+            eventfd_t wake_ups;
+            eventfd_read(wakeup_, &wake_ups);
         }
     }
 
@@ -90,11 +105,15 @@ class verbs_events final : public device_events
         return true;
     }
 
+    static constexpr int no_file = -1; // poll() skips it
+
     exec::executor& exec_;
+    const std::string name_;
     ibv_context* const context_;
     const std::function<void(const device_event&)> take_;
     const int wakeup_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::atomic<bool> is_stopping_{false};
+    std::atomic<uint64_t> rounds_{0}; // of the task
     exec::task* task_ = nullptr;
 };
 

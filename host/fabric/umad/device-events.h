@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/exec/executor.h"
+#include "host/fabric/fabric-task.h"
 
 namespace umad
 {
@@ -31,6 +32,9 @@ class device_events
     static std::unique_ptr<device_events> open(exec::executor& exec, const std::string& hca,
                                                std::function<void(const device_event&)> take);
     virtual ~device_events() = default;
+
+    // Its task.
+    virtual fabric::fabric_task watched_task() = 0;
 };
 
 } // namespace umad

@@ -63,6 +63,7 @@ std::vector<fabric::fabric_task> real_hca::tasks()
     std::vector<fabric::fabric_task> list;
     for (size_t i = 0; i < ports_.size(); ++i)
         if (is_infiniband_[i]) list.push_back(ports_[i]->watched_task());
+    if (events_) list.push_back(events_->watched_task());
     return list;
 }
 

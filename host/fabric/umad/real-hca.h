@@ -30,7 +30,7 @@ class real_hca final : public fabric::hca
 
     datagram_counts counts() const;
 
-    // The tasks of its InfiniBand ports.
+    // The tasks of its InfiniBand ports, and the task that takes its events.
     std::vector<fabric::fabric_task> tasks();
 
   private:
