@@ -87,12 +87,18 @@ ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, con
     return proc_mount::open(directory, machines);
 }
 
+// main() looks at std::cout to find out if the output is complete.
+void print_output(const std::string& line)
+{
+    if (!console::print_output(line)) std::cout.setstate(std::ios::badbit);
+}
+
 void announce(const run_options& options, size_t host_count)
 {
-    std::cout << "ats: " << host_count << (host_count == 1 ? " host" : " hosts") << " up; clients are served on "
-              << options.socket;
-    if (!options.mount.empty()) std::cout << ", files are in " << options.mount;
-    std::cout << ". Stop with Ctrl-C." << std::endl;
+    std::string line = "ats: " + std::to_string(host_count) + (host_count == 1 ? " host" : " hosts") +
+                       " up; clients are served on " + options.socket;
+    if (!options.mount.empty()) line += ", files are in " + options.mount;
+    print_output(line + ". Stop with Ctrl-C.");
 }
 
 // Prints the outcome and returns the exit code.
@@ -101,7 +107,7 @@ int unload(running_hosts& hosts)
     const std::vector<std::string> refusals = hosts.stop();
     for (const std::string& refusal : refusals) print_error(refusal);
     if (!refusals.empty()) return console::exit_failed;
-    std::cout << "ats: all hosts have unloaded." << std::endl;
+    print_output("ats: all hosts have unloaded.");
     return console::exit_ok;
 }
 
@@ -211,6 +217,7 @@ void reload_config(const run_options& options, world_config& running, running_ho
     } catch (const std::exception& error) {
         warnings_about("reload")(std::string("not reloaded any further: ") + error.what());
     }
+    console::finish_lines();
     notify_service_manager("READY=1");
 }
 
@@ -288,6 +295,7 @@ void allow_more_descriptors()
 ats::result<int> run(const run_options& options)
 {
     allow_more_descriptors();
+    console::start_line_writer();
     std::vector<kept_descriptor> kept = take_kept_descriptors();
     const ats::result<int> outcome = serve(options, kept);
     acm::turn_away(std::move(kept));

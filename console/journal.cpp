@@ -1,14 +1,18 @@
 #include "console/journal.h"
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "console/journal-entry.h"
 #include "console/line-limit.h"
+#include "console/line-writer.h"
 #include "host/world/printable.h"
 
 namespace console
@@ -68,20 +72,58 @@ std::vector<std::string> journal_fields(const notice& notice)
 namespace
 {
 
+// Not destroyed: at the end of the program, its thread may still wait for a reader.
+std::atomic<line_writer*> writer{nullptr};
+
 uint64_t now_ms()
 {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-} // namespace
+// Without stdio, whose lock the waiting thread would hold. Returns false if the file takes no more.
+bool write_text(int file, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t length = ::write(file, text.data(), text.size());
+        if (length > 0) text.remove_prefix(static_cast<size_t>(length));
+        if (length >= 0 || errno == EINTR) continue;
+        if (errno != EAGAIN) return false;
+        pollfd ready = {file, POLLOUT, 0}; // another program has made the file non-blocking
+        poll(&ready, 1, -1);
+    }
+    return true;
+}
 
-void print(const notice& notice)
+void write(const notice& notice)
 {
     const bool is_journal = is_stderr_the_journal();
     if (is_journal && send_journal_entry(journal_fields(notice))) return;
     const std::string text = text_of(notice);
-    std::fprintf(stderr, "%s\n", is_journal ? with_priority(text, priority_text(notice)).c_str() : text.c_str());
+    write_text(STDERR_FILENO, (is_journal ? with_priority(text, priority_text(notice)) : text) + "\n");
+}
+
+void remark_on_left_out_lines(uint64_t lines)
+{
+    write({.priority = priority::warning,
+           .text = std::to_string(lines) + (lines == 1 ? " line was" : " lines were") + " left out here, because " +
+                   (is_stderr_the_journal() ? "the journal accepted no more" : "stderr was not read")});
+}
+
+void write_or_add(std::function<void()> write)
+{
+    if (line_writer* const thread = writer)
+        thread->add(std::move(write));
+    else
+        write();
+}
+
+} // namespace
+
+void print(const notice& notice)
+{
+    write_or_add([notice] { write(notice); });
+    finish_lines();
 }
 
 void print_limited(const notice& notice)
@@ -94,8 +136,27 @@ void print_limited(const notice& notice)
         earlier = limit.admit(now_ms(), console::notice().part);
     }
     if (!earlier) return;
-    for (const console::notice& each : *earlier) print(each);
-    print(notice);
+    for (const console::notice& each : *earlier) write_or_add([each] { write(each); });
+    write_or_add([notice] { write(notice); });
+}
+
+bool print_output(const std::string& line)
+{
+    const auto is_written = std::make_shared<std::atomic<bool>>(true);
+    write_or_add([line, is_written] { *is_written = write_text(STDOUT_FILENO, line + "\n"); });
+    finish_lines();
+    return *is_written;
+}
+
+void start_line_writer()
+{
+    writer = std::make_unique<line_writer>(remark_on_left_out_lines).release();
+}
+
+void finish_lines()
+{
+    constexpr std::chrono::seconds limit(1);
+    if (line_writer* const thread = writer) thread->wait_written(limit);
 }
 
 bool has_journal_fields()

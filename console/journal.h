@@ -28,13 +28,25 @@ struct notice {
 // The fields of the line's journal entry, in the form NAME=VALUE.
 std::vector<std::string> journal_fields(const notice& notice);
 
+// Lets a thread write all lines from now on, so that print() and its relatives do not hang when the journal or the
+// reader of stderr does. Call it once, in a program that runs for long. The thread ends with the program. Throws a
+// shortage if the thread cannot be created.
+void start_line_writer();
+
 // Prints the line on stderr as "ats: TEXT". If stderr is systemd's journal, the line becomes an entry with fields. A
-// build without libsystemd only adds the priority (sd-daemon(3)). Any thread. May wait for the journal.
+// build without libsystemd only adds the priority (sd-daemon(3)). Any thread. Waits until the line is written; after
+// start_line_writer() for at most a second.
 void print(const notice& notice);
 
 // Does the same within the limit of line-limit.h. Lines beyond the limit are only counted. A warning before the next
-// printed line tells their number.
+// printed line tells their number. After start_line_writer() it does not wait.
 void print_limited(const notice& notice);
+
+// Prints the line on stdout, with the same waiting as print(). Returns false if it could not be written.
+bool print_output(const std::string& line);
+
+// Waits until the lines of print_limited() are written, for at most a second.
+void finish_lines();
 
 // Returns true if print() makes entries with fields.
 bool has_journal_fields();

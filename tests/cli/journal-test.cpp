@@ -1,6 +1,7 @@
 // Lines for the administrator in systemd's journal, and the limit of their number.
 #include <algorithm>
 #include <cstring>
+#include <fcntl.h>
 #include <latch>
 #include <map>
 #include <mutex>
@@ -12,6 +13,7 @@
 #include "cli/service/log-copy.h"
 #include "console/journal-entry.h"
 #include "console/journal.h"
+#include "console/line-writer.h"
 #include "tests/cli/program.h"
 
 namespace
@@ -30,13 +32,27 @@ class journal_socket
         sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
         std::strncpy(address.sun_path, (folder + "/socket").c_str(), sizeof address.sun_path - 1);
         EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        reader_ = std::thread([this] { read(); });
+        EXPECT_EQ(connect(filler_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
     ~journal_socket()
     {
         shutdown(socket_, SHUT_RD);
-        reader_.join();
+        if (reader_.joinable()) reader_.join();
         close(socket_);
+        close(filler_);
+    }
+
+    void start_reading()
+    {
+        reader_ = std::thread([this] { read(); });
+    }
+
+    // Writers wait from now on, until someone reads.
+    void fill()
+    {
+        const std::string entry = "MESSAGE=of another program\n";
+        while (send(filler_, entry.data(), entry.size(), MSG_DONTWAIT) > 0) continue;
+        EXPECT_EQ(errno, EAGAIN);
     }
 
     // Returns the first entry with the value in this field. Waits for it if it has not arrived.
@@ -89,6 +105,7 @@ class journal_socket
     }
 
     const int socket_;
+    const int filler_ = socket(AF_UNIX, SOCK_DGRAM, 0);
     std::mutex mutex_; // guards entries_
     std::vector<fields> entries_;
     std::thread reader_;
@@ -157,6 +174,7 @@ TEST(journal, takes_the_lines_of_the_service_and_of_its_hosts_logs_with_their_fi
     if (const std::string refusal = refusal_of_mounts(folder); !refusal.empty()) GTEST_SKIP() << refusal;
     if (!console::can_send_journal_entries()) GTEST_SKIP() << "no libsystemd";
     journal_socket journal(folder / "journal");
+    journal.start_reading();
     const auto expect_entry = [&](const std::string& message, fields others) {
         const fields found = journal.wait_entry("MESSAGE", message);
         others.insert({{"SYSLOG_IDENTIFIER", "ats"}, {"MESSAGE", found.at("MESSAGE")}});
@@ -228,6 +246,111 @@ TEST(journal, a_flood_of_a_hosts_log_is_limited_and_the_log_keeps_it)
     EXPECT_EQ(texts.at(1000), "1501 lines were left out here, beyond 1000 in 10 seconds: 'ats log' has them");
     EXPECT_EQ(texts.at(1001), "next");
     EXPECT_EQ(log.lines().size(), 2502);
+}
+
+TEST(journal, a_reader_that_stops_holds_up_no_printer_and_learns_how_many_lines_it_missed)
+{
+    constexpr uint64_t limit = console::line_writer::most_waiting_lines;
+    std::latch hanging(1), reading(1);
+    std::vector<uint64_t> written; // by the writer's thread; a remark counts from a million
+    {
+        console::line_writer writer([&](uint64_t left_out) { written.push_back(1'000'000 + left_out); });
+        writer.add([&] {
+            hanging.count_down();
+            reading.wait();
+        });
+        hanging.wait();
+        for (uint64_t line = 0; line < limit + 3; ++line) writer.add([&, line] { written.push_back(line); });
+        EXPECT_FALSE(writer.wait_written(std::chrono::milliseconds(1)));
+        EXPECT_FALSE(writer.wait_written(std::chrono::hours(1))) << "it waits again for a reader that hangs";
+        reading.count_down();
+        EXPECT_TRUE(eventually([&] { return writer.wait_written(std::chrono::hours(1)); }));
+        writer.add([&] { written.push_back(limit); });
+    }
+    std::vector<uint64_t> expected(limit);
+    std::ranges::generate(expected, [line = uint64_t{0}]() mutable { return line++; });
+    expected.insert(expected.end(), {1'000'003, limit});
+    EXPECT_EQ(written, expected);
+}
+
+// Asks the service in this folder until it answers, then lets it print another line.
+void expect_to_work(const scratch_folder& folder, fabric_tools::process& ats)
+{
+    const auto answers = [&] { return run_ats({"status", "--socket", folder / "socket"}).exit_code == 0; };
+    EXPECT_TRUE(eventually(answers)) << "it waits for a reader";
+    ats.signal(SIGHUP);
+}
+
+TEST(journal, a_full_one_stops_neither_the_service_nor_its_end)
+{
+    for (const bool is_read_later : {true, false}) {
+        const scratch_folder folder;
+        if (const std::string refusal = refusal_of_mounts(folder); !refusal.empty()) GTEST_SKIP() << refusal;
+        if (!console::can_send_journal_entries()) GTEST_SKIP() << "no libsystemd";
+        journal_socket journal(folder / "journal");
+        journal.fill();
+        write_file(folder / "world.toml", "[[host]]\ntrace = 5\n");
+        const auto ats =
+            start_ats(folder, "run --config '" + (folder / "world.toml") + "' --socket '" + (folder / "socket'"));
+        expect_to_work(folder, *ats);
+        if (is_read_later) {
+            journal.start_reading();
+            journal.wait_entry("MESSAGE", "ats: reloaded: nothing has changed");
+        }
+        EXPECT_EQ(ats->stop(std::chrono::minutes(1)), 0);
+    }
+}
+
+TEST(service, a_full_pipe_at_its_output_stops_neither_the_service_nor_its_end)
+{
+    for (const bool is_read_later : {true, false}) {
+        const scratch_folder folder;
+        const std::string path = folder / "pipe";
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        const int pipe = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        while (write(pipe, "x", 1) == 1) continue;
+        write_file(folder / "world.toml", "[[host]]\n");
+        fabric_tools::process ats(
+            {.arguments = {ATS_PROGRAM, "run", "--config", folder / "world.toml", "--socket", folder / "socket"},
+             .output = path,
+             .errors = path});
+        expect_to_work(folder, ats);
+        std::string text;
+        const auto is_read = [&] {
+            char part[1 << 16];
+            const ssize_t length = read(pipe, part, sizeof part);
+            if (length > 0) text.append(part, static_cast<size_t>(length));
+            return text.find("ats: reloaded: nothing has changed") != std::string::npos;
+        };
+        EXPECT_TRUE(!is_read_later || eventually(is_read)) << text.substr(text.find_last_of('x'));
+        EXPECT_EQ(ats.stop(std::chrono::minutes(1)), 0);
+        close(pipe);
+    }
+}
+
+// A thousand lines in ten seconds are a hundred a second: any machine prints more.
+TEST(journal, a_flood_of_the_services_own_lines_is_limited)
+{
+    const scratch_folder folder;
+    const auto file = [&] { return text_of_file(folder / "err"); };
+    const int terminal = dup(STDERR_FILENO);
+    const int output = open((folder / "err").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
+    dup2(output, STDERR_FILENO);
+    constexpr int most_lines = 100'000;
+    int lines = 0;
+    uintmax_t bytes = 0;
+    bool is_left_out = false;
+    for (; lines < most_lines && !is_left_out; ++lines) {
+        console::print_limited({.text = "of a flood"});
+        is_left_out = bytes == std::filesystem::file_size(folder / "err");
+        bytes = std::filesystem::file_size(folder / "err");
+    }
+    dup2(terminal, STDERR_FILENO);
+    close(terminal);
+    close(output);
+    EXPECT_TRUE(is_left_out) << "after " << lines << " lines";
+    EXPECT_GT(lines, 1000);
+    EXPECT_EQ(file().find("left out"), std::string::npos) << "the number comes with the next line";
 }
 
 } // namespace
