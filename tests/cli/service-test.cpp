@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 #include "cli/server/watchdog.h"
 #include "cli/socket/service-origin.h"
@@ -162,6 +163,26 @@ TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_not
     for (int i = 0; i < 100; ++i) kill(ats.pid(), SIGHUP);
     kill(ats.pid(), SIGTERM);
     for (int i = 0; i < 100; ++i) kill(ats.pid(), SIGHUP);
+    EXPECT_EQ(ats.stop(0), 0) << ats.complaints();
+    EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
+}
+
+// The hosts need a moment to unload, because the SA does not answer.
+TEST(service, reload_while_hosts_unload_does_not_end_it_before_they_have_unloaded)
+{
+    const scratch_folder folder;
+    notice_socket notices(folder / "notify");
+    write_file(folder / "world.toml", "[[host]]\n[[host]]\n");
+    service ats({"--config", folder / "world.toml"});
+    EXPECT_EQ(ats.ask({"sa", "silence", "on"}).exit_code, 0);
+    kill(ats.pid(), SIGTERM);
+    EXPECT_TRUE(eventually([&] { return notices.next() == "STOPPING=1"; }));
+    const auto has_ended = [&] {
+        kill(ats.pid(), SIGHUP);
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(ats.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+    };
+    EXPECT_TRUE(eventually(has_ended));
     EXPECT_EQ(ats.stop(0), 0) << ats.complaints();
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
