@@ -40,9 +40,9 @@ FIRST = campaign("campaign of 6 seeds", "--seeds", "6")  # most mutants of the m
 PARTS = {
     "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
     "peers": (["host/peers/ibat", "host/peers/ucm"], [tests("peers"), ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
-    "stack": (["host/stack"], [tests("stack"), FIRST], [tests("kernel"), *ATS_TESTS, *CAMPAIGNS]),
-    "kernel": (["host/kernel"], [tests("kernel"), FIRST], [tests("stack"), *ATS_TESTS, *CAMPAIGNS]),
-    "exec": (["host/exec"], [tests("kernel"), FIRST], [tests("stack"), *ATS_TESTS, *CAMPAIGNS]),
+    "stack": (["host/stack"], [tests("stack"), ATS_TESTS[0], FIRST], [tests("kernel"), *CAMPAIGNS, ATS_TESTS[1]]),
+    "kernel": (["host/kernel"], [tests("kernel"), ATS_TESTS[0], FIRST], [tests("stack"), *CAMPAIGNS, ATS_TESTS[1]]),
+    "exec": (["host/exec"], [tests("kernel"), ATS_TESTS[0], FIRST], [tests("stack"), *CAMPAIGNS, ATS_TESTS[1]]),
 }
 
 
@@ -149,7 +149,8 @@ class Bench:
 
     def run(self, step):
         processor_seconds, seconds = self.limits.get(step.name, (3600, 3600))
-        environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"))
+        # The C library overwrites freed memory. Its later use then shows, as it does under the address sanitizer.
+        environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"), MALLOC_PERTURB_="165")
         return run_limited([str(self.program_of(step)), *step.arguments], self.folder, environment, processor_seconds, seconds)
 
     def measure(self):
@@ -160,7 +161,7 @@ class Bench:
                 sys.exit(f"mutants: without any change, this fails: {self.program_of(step)} {' '.join(step.arguments)}")
             now = resource.getrusage(resource.RUSAGE_CHILDREN)
             processor = now.ru_utime + now.ru_stime - used.ru_utime - used.ru_stime
-            self.limits[step.name] = (int(5 + 5 * processor), 60 + 10 * (time.monotonic() - begin))
+            self.limits[step.name] = (round(2 + 10 * processor), 60 + 10 * (time.monotonic() - begin))
 
     def makes_same_code(self, mutant, source):
         """Returns true if the optimising compiler makes the same code of both. Then nothing can notice the mutant."""

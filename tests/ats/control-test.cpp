@@ -63,6 +63,7 @@ TEST_F(control, bad_input_is_logged_and_changes_nothing)
         {repeated("w ", 35), unknown(repeated(" 'w'", 30))},
         {repeated("w ", 29) + forty_five, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {repeated("w ", 29) + forty, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
+        {repeated(forty + " ", 30), unknown(repeated(" '" + forty + "'", 30))},
         {"half" + nul + "rest", unknown(" 'half'")},
         // The last byte is not white space, so it counts as one more word.
         {"half " + nul + "rest", unknown(" 'half' ''")},
@@ -108,7 +109,7 @@ TEST_F(control, an_unreadable_buffer_is_logged)
 TEST_F(control, verification_settings_are_kept_within_their_range)
 {
     const std::map<std::string, std::string> table = {
-        {"300 250", "SA verification period:300   verification skew(%): 100"},
+        {"300 101", "SA verification period:300   verification skew(%): 100"},
         {"300 -5", "SA verification period:300   verification skew(%): 0"},
         {"0 0", "SA verification period:0   verification skew(%): 0"},
         {"-7 7", "SA verification period:-7   verification skew(%): 7"},

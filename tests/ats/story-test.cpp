@@ -1,0 +1,114 @@
+// The log of one long story, with every trace line in its order. Log readers and support scripts search for these
+// lines, so each of them is part of the module's contract. story.txt has the expected log.
+#include <fstream>
+
+#include "tests/ats/ats-world.h"
+
+namespace
+{
+
+using lines = std::vector<std::string>;
+
+struct story : testing::Test {
+    ats_world w;
+    ats_host& host = w.add({.ports = {2, 1}, .trace = trace_func});
+    lines log;
+
+    // Runs one chapter. Appends its title and the lines of the log, without dumps of datagrams (see replies-test.cpp).
+    void chapter(const std::string& title, const std::function<void()>& body)
+    {
+        log.push_back("== " + title);
+        body();
+        w.at(host.machine().exec().now());
+        for (const std::string& line : host.log())
+            if (line.find("ats_sa_dump_service_record_mad") == line.npos) log.push_back(line);
+    }
+
+    // Runs until the next check has ended.
+    void check() { w.at(host.machine().exec().now() + 63'000); }
+
+    // The same with the n-th call of a kernel function failing.
+    void failing(const std::string& call, uint64_t times, const std::string& title, const std::function<void()>& body)
+    {
+        chapter(title + ", " + call + " fails", [&] {
+            host.faults().fail_calls(call, times);
+            body();
+            host.faults().disarm();
+        });
+    }
+};
+
+TEST_F(story, every_trace_line_stays_to_the_letter)
+{
+    const std::string other_gid = world::format_gid(host.gid(2)), unknown_gid = "0x99";
+    chapter("load", [&] { host.load(); });
+    chapter("link up", [&] { host.link_up(1); });
+    chapter("standby", [&] { host.link_up(2); });
+    chapter("second HCA", [&] { host.link_up(1, 1); });
+    chapter("check", [&] { check(); });
+    chapter("failover", [&] { host.link_down(1); });
+    chapter("link up again", [&] { host.link_up(1); });
+    chapter("SM change", [&] { EXPECT_TRUE(w.subnet.set_sm(99, 3)); });
+    chapter("name", [&] { host.control("set_host_name other"); });
+    chapter("address", [&] { host.control("set_ip_addrs 10.0.0.7"); });
+    chapter("address lookup", [&] { host.resolve("10.0.0.7"); });
+    chapter("GID lookup", [&] { host.control("rarp " + other_gid); });
+    chapter("unknown GID", [&] { host.control("rarp " + unknown_gid); });
+    chapter("bad GID", [&] { host.control("rarp 0x1z"); });
+    chapter("short GID", [&] { host.control("rarp 0x"); });
+    chapter("GID without prefix", [&] { host.control("rarp 1234"); });
+    host.peers().cache = {{kq_gid_t{0x99, 0}, ip_of("10.0.0.9")}};
+    chapter("cached GID", [&] { host.control("rarp " + unknown_gid); });
+    host.peers().cache = {};
+    w.subnet.faults.answer_with(0x0400, 1);
+    chapter("refused GID", [&] { host.control("rarp " + unknown_gid); });
+    w.subnet.faults.answer_with(0x0900, 1);
+    chapter("odd refusal", [&] { host.control("rarp " + unknown_gid); });
+    failing("kmalloc", 1, "GID lookup", [&] { host.control("rarp " + other_gid); });
+    for (const char* call : {"gsi_dtgrm_pool_get", "gsi_post_send_dtgrm", "down_interruptible"}) {
+        failing(call, 1, "GID lookup", [&] { host.control("rarp " + other_gid); });
+        failing(call, 1, "address lookup", [&] { host.resolve("10.0.0.7"); });
+        failing(call, 9, "name", [&] { host.control("set_host_name third"); });
+        failing(call, 9, "address", [&] { host.control("set_ip_addrs 10.0.0.8"); });
+        failing(call, 9, "delete", [&] { host.control("delete_ip 10.0.0.8"); });
+        failing(call, 9, "check", [&] { check(); });
+    }
+    for (const char* call : {"kq_port_query", "kq_get_port_gid_tbl", "kq_get_port_partition_tbl"}) {
+        host.link_down(1);
+        host.log();
+        failing(call, 9, "link up", [&] { host.link_up(1); });
+    }
+    w.subnet.forget_all();
+    chapter("lost record", [&] { check(); });
+    w.subnet.faults.sa_silent = true;
+    chapter("silent SA", [&] { host.control("set_host_name fourth"); });
+    chapter("check without answer", [&] { check(); });
+    w.subnet.faults.sa_silent = false;
+    chapter("report", [&] { host.read("dorvex/ats/control"); });
+    for (const int port : {1, 2}) host.link_down(port);
+    host.link_down(1, 1);
+    host.log();
+    chapter("name without a port", [&] { host.control("set_host_name fifth"); });
+    chapter("address without a port", [&] { host.control("set_ip_addrs 10.0.0.9"); });
+    chapter("address lookup without a port", [&] { host.resolve("10.0.0.7"); });
+    chapter("GID lookup without a port", [&] { host.control("rarp " + other_gid); });
+    chapter("check without a port", [&] { check(); });
+    host.link_up(1);
+    host.log();
+    w.subnet.faults.sa_silent = true;
+    chapter("unload", [&] { host.unload(); });
+
+    const std::string path = ATS_SOURCE_DIR "/tests/ats/story.txt";
+    lines expected;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) expected.push_back(line);
+    if (log != expected) {
+        std::ofstream copy("story.txt");
+        for (const std::string& line : log) copy << line << "\n";
+    }
+    for (size_t i = 0; i < std::max(log.size(), expected.size()); ++i)
+        ASSERT_EQ(i < log.size() ? log[i] : "the end", i < expected.size() ? expected[i] : "the end")
+            << path << " line " << i + 1 << "; the actual log is in ./story.txt";
+}
+
+} // namespace
