@@ -40,9 +40,9 @@ FIRST = campaign("campaign of 6 seeds", "--seeds", "6")  # most mutants of the m
 PARTS = {
     "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
     "peers": (["host/peers/ibat", "host/peers/ucm"], [tests("peers"), ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
-    "stack": (["host/stack"], [tests("stack"), ATS_TESTS[0], FIRST], [tests("kernel"), *CAMPAIGNS, ATS_TESTS[1]]),
-    "kernel": (["host/kernel"], [tests("kernel"), ATS_TESTS[0], FIRST], [tests("stack"), *CAMPAIGNS, ATS_TESTS[1]]),
-    "exec": (["host/exec"], [tests("kernel"), ATS_TESTS[0], FIRST], [tests("stack"), *CAMPAIGNS, ATS_TESTS[1]]),
+    "stack": (["host/stack"], [tests("stack"), ATS_TESTS[0], tests("kernel"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
+    "kernel": (["host/kernel"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
+    "exec": (["host/exec"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
 }
 
 
