@@ -22,9 +22,10 @@ std::string text_of(const std::string& path)
 
 } // namespace
 
-host::host(fabric_tools::ibsim_fabric& net, int number, std::string gid, bool has_small_disk, std::string records)
-    : net_(net), number_(number), gid_(std::move(gid)), records_(std::move(records)),
-      disk_(net.folder() + "/disk" + std::to_string(number), has_small_disk), last_address_(address(0)),
+host::host(fabric_tools::ibsim_fabric& net, int number, std::string gid, const host_options& options,
+           std::string records)
+    : net_(net), number_(number), gid_(std::move(gid)), records_(std::move(records)), modules_(options.modules),
+      disk_(net.folder() + "/disk" + std::to_string(number), options.has_small_disk), last_address_(address(0)),
       last_name_(name())
 {
 }
@@ -59,9 +60,11 @@ void host::start()
     first_used_.reset();
     write_configuration();
     recording_ = records_ + "/" + name() + "-" + std::to_string(++starts_) + ".jsonl";
-    program_ = net_.start(name(), name(),
-                          {fabric_tools::ats_program(), "run", "--config", net_.folder() + "/" + name() + ".toml",
-                           "--socket", disk_.folder() + "/socket", "--record", recording_});
+    std::vector<std::string> arguments = {
+        fabric_tools::ats_program(), "run",      "--config", net_.folder() + "/" + name() + ".toml", "--socket",
+        disk_.folder() + "/socket",  "--record", recording_};
+    if (!modules_.empty()) arguments.insert(arguments.end(), {"--modules", modules_});
+    program_ = net_.start(name(), name(), arguments);
     is_running_ = true;
     if (!program_->wait_line("clients are served", 30s))
         throw failure{name() + " does not start", "it serves clients within 30 s", program_->output()};

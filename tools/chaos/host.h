@@ -23,12 +23,18 @@ struct resources {
     long resident_kib = 0;
 };
 
+struct host_options {
+    bool has_small_disk = false; // without one, an act that fills the disk does nothing
+    std::string modules;         // the folder of the modules; empty: those of the program
+};
+
 class host
 {
   public:
-    // The service writes to a disk of its own, which is small if `has_small_disk`. Its recordings are written to the
+    // The service writes to a disk of its own. Its recordings are written to the
     // folder `records`.
-    host(fabric_tools::ibsim_fabric& net, int number, std::string gid, bool has_small_disk, std::string records);
+    host(fabric_tools::ibsim_fabric& net, int number, std::string gid, const host_options& options,
+         std::string records);
 
     // Starts the service, and waits until it serves clients. Throws failure if it does not.
     void start();
@@ -83,7 +89,7 @@ class host
 
     fabric_tools::ibsim_fabric& net_;
     const int number_;
-    const std::string gid_, records_;
+    const std::string gid_, records_, modules_;
     chaos::disk disk_;
     std::unique_ptr<fabric_tools::process> program_;
     std::string recording_;

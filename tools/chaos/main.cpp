@@ -1,6 +1,6 @@
 // `make chaos`: real hosts under OpenSM on a simulated fabric, and random acts from a seed. After each round everything
 // must be right again.
-//   ats-chaos [--seed N] [--minutes M] [--rounds N] [--hosts N] [--plan] [--folder DIR]
+//   ats-chaos [--seed N] [--minutes M] [--rounds N] [--hosts N] [--plan] [--folder DIR] [--modules DIR]
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -20,29 +20,33 @@ constexpr int exit_failed = 1, exit_usage = 2, exit_interrupted = 130;
 constexpr int most_hosts = fabric_tools::most_programs - 3; // without two SMs and a tool
 constexpr int rounds_per_minute = 20;                       // more than can be carried out
 constexpr const char* usage =
-    "usage: ats-chaos [--seed N] [--minutes M] [--rounds N] [--plan] [--folder DIR]\n"
+    "usage: ats-chaos [--seed N] [--minutes M] [--rounds N] [--plan] [--folder DIR] [--modules DIR]\n"
     "  --seed N      the seed of the plan (default: a random one)\n"
     "  --minutes M   begin no round after this time (default: 10)\n"
     "  --rounds N    end after so many rounds\n"
     "  --plan        only print the plan\n"
-    "  --folder DIR  the folder for the logs and recordings of a run that fails (default: chaos-SEED)\n";
+    "  --folder DIR  the folder for the logs and recordings of a run that fails (default: chaos-SEED)\n"
+    "  --modules DIR the folder of the modules, for example of some with a planted fault\n";
 
 struct settings {
     uint64_t seed = std::random_device()();
     long minutes = 10;
     long rounds = 0; // 0: as many as there is time for
     bool only_shows_plan = false;
-    std::string folder;
+    std::string folder, modules;
 };
 
 // Returns none if the command line is wrong.
 std::optional<settings> read_settings(int count, char** arguments)
 {
     settings settings;
-    static const option options[] = {
-        {"seed", required_argument, nullptr, 's'},   {"minutes", required_argument, nullptr, 'm'},
-        {"rounds", required_argument, nullptr, 'r'}, {"plan", no_argument, nullptr, 'p'},
-        {"folder", required_argument, nullptr, 'f'}, {}};
+    static const option options[] = {{"seed", required_argument, nullptr, 's'},
+                                     {"minutes", required_argument, nullptr, 'm'},
+                                     {"rounds", required_argument, nullptr, 'r'},
+                                     {"plan", no_argument, nullptr, 'p'},
+                                     {"folder", required_argument, nullptr, 'f'},
+                                     {"modules", required_argument, nullptr, 'o'},
+                                     {}};
     for (int letter; (letter = getopt_long(count, arguments, "", options, nullptr)) != -1;) {
         char* end = nullptr;
         const unsigned long number = optarg ? std::strtoul(optarg, &end, 10) : 0;
@@ -52,6 +56,8 @@ std::optional<settings> read_settings(int count, char** arguments)
         if (letter == 'p') settings.only_shows_plan = true;
         if (letter == 'f')
             settings.folder = optarg;
+        else if (letter == 'o')
+            settings.modules = std::filesystem::absolute(optarg);
         else if (letter == '?' || (optarg && (*end != '\0' || end == optarg)))
             return std::nullopt;
     }
@@ -99,7 +105,7 @@ int carry_out(const plan& plan, const settings& settings)
     const auto minutes = [&] {
         return std::chrono::duration<double, std::ratio<60>>(chaos::clock::now() - begin).count();
     };
-    chaos::run run(plan, folder, disks.has_value());
+    chaos::run run(plan.hosts, folder, {.has_small_disk = disks.has_value(), .modules = settings.modules});
     size_t number = 0;
     try {
         run.begin();

@@ -22,15 +22,15 @@ std::vector<std::string> all_nodes(int hosts)
 
 } // namespace
 
-run::run(const plan& plan, const std::string& records, bool has_small_disks)
-    : plan_(plan), records_(records), has_small_disks_(has_small_disks), net_(all_nodes(plan.hosts)), sms_(net_)
+run::run(int hosts, const std::string& records, const host_options& options)
+    : records_(records), net_(all_nodes(hosts)), sms_(net_)
 {
-    for (int number = 1; number <= plan.hosts; ++number) {
+    for (int number = 1; number <= hosts; ++number) {
         const std::string guid = net_.run(fabric_tools::node_name(number), {"ibstat", "-p"});
         if (guid.size() < 18) throw failure{"ibstat shows no port", "a GUID of 16 digits", guid};
         std::string gid = "0xFE80000000000000" + guid.substr(2, 16);
         std::ranges::transform(gid.begin() + 2, gid.end(), gid.begin() + 2, ::toupper);
-        hosts_.push_back(std::make_unique<host>(net_, number, gid, has_small_disks, records));
+        hosts_.push_back(std::make_unique<host>(net_, number, gid, options, records));
     }
 }
 

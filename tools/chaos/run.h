@@ -32,8 +32,8 @@ struct figures {
 class run
 {
   public:
-    // `records` is the folder for recordings. Without small disks, acts that fill a disk do nothing.
-    run(const plan& plan, const std::string& records, bool has_small_disks);
+    // `hosts` is their number, `records` the folder for recordings.
+    run(int hosts, const std::string& records, const host_options& options);
 
     // Starts all programs. Throws failure if they do not reach the right state.
     void begin();
@@ -83,9 +83,7 @@ class run
     void keep_records_of(const host& host);
     void annotate(const host& host, const std::optional<failure>& failure) const;
 
-    const plan& plan_;
     const std::string records_;
-    const bool has_small_disks_;
     fabric_tools::ibsim_fabric net_;
     sms sms_;
     std::vector<std::unique_ptr<host>> hosts_;

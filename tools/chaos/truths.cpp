@@ -15,7 +15,7 @@ constexpr auto longest_settling = 90s;
 constexpr auto patience_of_administrator = 15s; // then it repeats orders that were not confirmed
 constexpr auto longest_silence = 20s;           // of the SA, when no fault is active
 constexpr long most_new_descriptors = 4;
-constexpr long most_new_kib = 16 * 1024;
+constexpr long most_new_kib = 16L * 1024;
 
 std::string join(const std::set<std::string>& texts, const char* last = " or ")
 {
