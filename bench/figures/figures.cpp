@@ -1,5 +1,6 @@
 // ats-figures: measures the figures of docs/report.md and prints a JSON object for each. `scripts/report` runs it and
-// draws them. 'subnet' prints the figures of a whole subnet beside their limits instead, for `make bench`.
+// draws them. 'subnet' prints the figures of a whole subnet beside their limits instead, for `make bench`. 'trace' is
+// the memory after a year of tracing, for example.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include "bench/bench-world.h"
+#include "bench/figures/long-trace.h"
 #include "bench/figures/process-usage.h"
 #include "bench/figures/whole-subnet.h"
 #include "host/exec/shortage.h"
@@ -209,11 +211,12 @@ int run(int argc, char** argv)
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
     if (figure == "scale" && count > 0) return scale(count);
     if (figure == "subnet" && count > 0) return whole_subnet(count);
+    if (figure == "trace" && count > 0) return long_trace(count);
     if (figure == "lookups" && count > 0) return lookups(count);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
         if (figure == step && count > 0) return repeat(figure, count);
-    std::fprintf(stderr,
-                 "usage: ats-figures scale|subnet HOSTS | lookups COUNT | encode|decode|send|receive|resolve COUNT\n");
+    std::fprintf(stderr, "usage: ats-figures scale|subnet HOSTS | trace DAYS | lookups COUNT | "
+                         "encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }
 
