@@ -142,11 +142,12 @@ def mutated(source, mutant):
 
 
 def lines_of(source, mutant):
-    """Returns the lines that a mutant removes and those that it adds, without indentation."""
+    """Returns the line before a mutant, the lines that it removes, and those that it adds, without indentation."""
     first = source.rfind(b"\n", 0, mutant.start) + 1
     last = source.find(b"\n", mutant.end)
     new = source[first:mutant.start] + mutant.text.encode() + source[mutant.end:last]
-    return tuple([line.strip() for line in part.decode().splitlines()] for part in (source[first:last], new))
+    before = source[source.rfind(b"\n", 0, max(first - 1, 0)) + 1:first].decode().strip()
+    return (before, *([line.strip() for line in part.decode().splitlines()] for part in (source[first:last], new)))
 
 
 def identity(source, mutant):

@@ -18,7 +18,7 @@ def read_lines(paths):
 
 
 def read_explained(path):
-    """Reads the mutants that change nothing: {(file, removed lines, added lines)}. tests/mutants/equivalent.txt explains the form."""
+    """Reads the mutants that change nothing: {(file, line before, removed lines, added lines)}. tests/mutants/equivalent.txt explains the form."""
     explained = set()
     for paragraph in path.read_text().split("\n\n"):
         lines = [line for line in paragraph.splitlines() if line and not line.startswith("#")]
@@ -26,15 +26,16 @@ def read_explained(path):
             continue
         old = tuple(line[1:].strip() for line in lines if line.startswith("-"))
         new = tuple(line[1:].strip() for line in lines if line.startswith("+"))
-        reason = [line for line in lines[1:] if not line.startswith(("-", "+"))]
-        if not (old or new) or not reason or lines[0].startswith(("-", "+")):
-            raise ValueError(f"{path}: a file, lines with - and +, and a reason are needed: {paragraph}")
-        explained.add((lines[0], old, new))
+        before = [line[1:].strip() for line in lines if line.startswith(" ")]
+        reason = [line for line in lines[1:] if not line.startswith((" ", "-", "+"))]
+        if len(before) != 1 or not old or not new or not reason or not lines[0].endswith((".cpp", ".h")):
+            raise ValueError(f"{path}: needs a file, the line before the change, lines with - and +, and a reason: {paragraph}")
+        explained.add((lines[0], before[0], old, new))
     return explained
 
 
 def is_explained(result, explained):
-    return (result["file"], tuple(result["old"]), tuple(result["new"])) in explained
+    return (result["file"], result["before"], tuple(result["old"]), tuple(result["new"])) in explained
 
 
 def counted(results, explained):
@@ -72,5 +73,5 @@ def table(counts):
 
 
 def describe(result):
-    changed = "".join(f"\n    - {line}" for line in result["old"]) + "".join(f"\n    + {line}" for line in result["new"])
+    changed = f"\n      {result['before']}" + "".join(f"\n    - {line}" for line in result["old"]) + "".join(f"\n    + {line}" for line in result["new"])
     return f"{result['file']}:{result['line']}: {result['change']}{changed}"

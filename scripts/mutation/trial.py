@@ -107,7 +107,8 @@ class Bench:
     def headers_of(self, path):
         """Compiles what a file includes, once for all its mutants. That takes most of the time of the compiler."""
         if path not in self.headers:
-            lines = path.read_text().splitlines()
+            text = path.read_text()
+            lines = text[:text.find("\n#if")].splitlines() if "\n#if" in text else text.splitlines()
             last = max((number for number, line in enumerate(lines) if line.startswith("#include")), default=-1)
             header = self.folder / "headers" / (path.stem + "-includes.h")
             header.parent.mkdir(exist_ok=True)

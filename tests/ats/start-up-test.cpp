@@ -189,6 +189,23 @@ TEST(start_up_of, no_hca_loads_and_does_nothing)
     EXPECT_EQ(host.leftovers(), "");
 }
 
+// Sanitizers then notice a loop that goes beyond the last context.
+TEST(start_up_of, the_largest_number_of_hcas)
+{
+    constexpr int hca_count = 32;
+    ats_world w;
+    ats_host& host = w.add({.ports = std::vector<int>(hca_count, 1)}).load();
+    for (int hca = 0; hca < hca_count; ++hca) host.link_up(1, hca);
+    host.control("set_host_name other");
+    host.control("set_ip_addrs 10.0.0.2");
+    EXPECT_THAT(w.records(), testing::SizeIs(hca_count));
+    EXPECT_THAT(w.records(), testing::Each(testing::EndsWith(" 10.0.0.2 other")));
+    host.read("dorvex/ats/control");
+    host.unload();
+    EXPECT_EQ(host.leftovers(), "");
+    EXPECT_THAT(w.records(), IsEmpty());
+}
+
 TEST(start_up_of, a_host_with_odd_parameters)
 {
     ats_world w;

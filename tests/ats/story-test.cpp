@@ -84,6 +84,15 @@ TEST_F(story, every_trace_line_stays_to_the_letter)
     chapter("silent SA", [&] { host.control("set_host_name fourth"); });
     chapter("check without answer", [&] { check(); });
     w.subnet.faults.sa_silent = false;
+    chapter("check that loses its port", [&] {
+        host.link_down(1, 1);
+        for (w.requests(); w.requests().empty();) w.at(host.machine().exec().now() + 100);
+        for (const int port : {1, 2}) host.link_down(port);
+        check();
+    });
+    for (const int port : {1, 2}) host.link_up(port);
+    host.link_up(1, 1);
+    host.log();
     chapter("report", [&] { host.read("dorvex/ats/control"); });
     for (const int port : {1, 2}) host.link_down(port);
     host.link_down(1, 1);
@@ -97,6 +106,18 @@ TEST_F(story, every_trace_line_stays_to_the_letter)
     host.log();
     w.subnet.faults.sa_silent = true;
     chapter("unload", [&] { host.unload(); });
+
+    host.link_down(1);
+    bool has_failed = true;
+    for (uint64_t number = 1; has_failed; ++number)
+        chapter("load with a failing call", [&] {
+            host.faults().fail_nth(number);
+            const ats::result<> result = host.try_load();
+            has_failed = host.faults().failures() > 0;
+            log.push_back(host.faults().failed_call());
+            host.faults().disarm();
+            if (result) host.unload();
+        });
 
     const std::string path = ATS_SOURCE_DIR "/tests/ats/story.txt";
     lines expected;

@@ -85,6 +85,16 @@ TEST_F(verification, restores_over_a_wrong_address)
     EXPECT_THAT(log, Contains("DEBUG api/rarp_callback: gid & ipaddress don't match"));
 }
 
+// Such an answer has no meaning but its code, even if its record looks right.
+TEST_F(verification, restores_after_a_refusal_with_the_right_address)
+{
+    w.subnet.faults.sa_silent = true;
+    w.at(next_check);
+    w.requests();
+    w.inject(host, 1, sa_reply(host.gid(1), "10.0.0.1", 0x0300));
+    EXPECT_THAT(w.requests(), ElementsAre(std::to_string(next_check) + " node1.1 SET node1.1 10.0.0.1 node1"));
+}
+
 // The answer to a registration also has the own GID. It ends a check that waits for its answer.
 TEST_F(verification, ends_with_the_answer_to_a_registration)
 {
