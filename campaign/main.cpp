@@ -34,7 +34,8 @@ struct command_line {
     bool minimise = false;
     std::vector<std::string> changes; // of the plan
     std::vector<std::string> only;    // acts; empty means all
-    picture_options picture;
+    std::string picture_path;         // empty if nothing is drawn
+    bool draws_all_acts = false;      // of a run that fails
     campaign::plan_options plan_options;
     run_options options;
 };
@@ -106,16 +107,31 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
 
 // Each of the next four functions returns the exit code. An error comes from the command line or from the system.
 
-ats::result<int> minimise(const plan& plan, const std::vector<size_t>& acts, const run_options& options)
+// Shows a run that fails: in the form of the command line, and, as far as it asks for that, simplified and as a
+// picture.
+ats::result<int> show_failing_run(const command_line& line, const plan& plan, const std::vector<size_t>& acts,
+                                  const run_result& result)
 {
-    const ats::result<std::vector<size_t>> fewest_acts = shorten(plan, acts, options);
-    if (!fewest_acts) return ats::pass_on(fewest_acts);
-    const ats::result<campaign::plan> simplest = simplify(plan, *fewest_acts, options);
-    if (!simplest) return ats::pass_on(simplest);
-    for (const size_t number : *fewest_acts) std::printf("  %s\n", describe(*simplest, number).c_str());
-    const ats::result<run_result> result = run_apart(*simplest, *fewest_acts, options);
-    if (!result) return ats::pass_on(result);
-    show_failure({result->seed, result->complaint}, plan.options, selection_of(*simplest, text_of(*fewest_acts)));
+    show_failure({result.seed, result.complaint}, plan.options, selection_of(plan, CLI::detail::join(line.only, ",")));
+    const bool draws = !line.picture_path.empty();
+    failing_run simplest{plan, acts};
+    if (line.minimise || (draws && !line.draws_all_acts)) {
+        ats::result<failing_run> simplified = simplify(std::move(simplest), line.options);
+        if (!simplified) return ats::pass_on(simplified);
+        simplest = std::move(*simplified);
+    }
+    if (line.minimise) {
+        for (const size_t number : simplest.acts) std::printf("  %s\n", describe(simplest.plan, number).c_str());
+        const ats::result<run_result> again = run_apart(simplest.plan, simplest.acts, line.options);
+        if (!again) return ats::pass_on(again);
+        show_failure({again->seed, again->complaint}, plan.options,
+                     selection_of(simplest.plan, text_of(simplest.acts)));
+    }
+    if (!draws) return exit_failed;
+    const failing_run& drawn = line.draws_all_acts ? failing_run{plan, acts} : simplest;
+    const ats::result<> picture =
+        draw(line.picture_path, drawn.plan, drawn.acts, line.options, result, !line.draws_all_acts);
+    if (!picture) return ats::pass_on(picture);
     return exit_failed;
 }
 
@@ -126,20 +142,16 @@ ats::result<int> replay(const command_line& line)
         if (const ats::result<> result = change(plan, text); !result) return ats::pass_on(result);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
-    for (const std::string& path : {line.options.log_path, line.options.capture_path, line.picture.path})
+    for (const std::string& path : {line.options.log_path, line.options.capture_path, line.picture_path})
         if (const ats::result<> result = check_writable(path); !result) return ats::pass_on(result);
     const ats::result<run_result> result = run_apart(plan, *acts, line.options);
     if (!result) return ats::pass_on(result);
-    if (!line.picture.path.empty())
-        if (const ats::result<> picture = draw(line.picture, plan, *acts, line.options, *result); !picture)
+    if (!result->complaint.empty()) return show_failing_run(line, plan, *acts, *result);
+    if (!line.picture_path.empty())
+        if (const ats::result<> picture = draw(line.picture_path, plan, *acts, line.options, *result, false); !picture)
             return ats::pass_on(picture);
-    if (result->complaint.empty()) {
-        show(result->counts, 0);
-        return 0;
-    }
-    show_failure({result->seed, result->complaint}, plan.options,
-                 selection_of(plan, CLI::detail::join(line.only, ",")));
-    return line.minimise ? minimise(plan, *acts, line.options) : exit_failed;
+    show(result->counts, 0);
+    return 0;
 }
 
 // Runs the seeds of a campaign, or of its shard.
@@ -239,10 +251,10 @@ int main(int argc, char** argv)
         ->needs(seed);
     CLI::Option* const html =
         program
-            .add_option("--html", line.picture.path,
-                        "draw the run as a page in this file; if it fails, only the acts that matter")
+            .add_option("--html", line.picture_path,
+                        "draw the run as a page in this file; if it fails, the simplest run that fails")
             ->needs(seed);
-    program.add_flag("--all-acts", line.picture.shows_all_acts, "draw all acts of a run that fails")->needs(html);
+    program.add_flag("--all-acts", line.draws_all_acts, "draw all acts of a run that fails")->needs(html);
     program.add_option("--modules", line.options.module_folder, "load the modules from this folder");
     try {
         program.parse(argc, argv);

@@ -18,16 +18,10 @@ std::string text_of(const std::vector<size_t>& acts)
     return text.empty() ? no_acts : text;
 }
 
-ats::result<> draw(const picture_options& picture, const plan& plan, std::vector<size_t> acts, run_options options,
-                   const run_result& first_run)
+ats::result<> draw(const std::string& path, const plan& plan, const std::vector<size_t>& acts, run_options options,
+                   const run_result& first_run, bool is_shortened)
 {
     options.log_path = options.capture_path = "";
-    const bool is_shortened = !first_run.complaint.empty() && !picture.shows_all_acts;
-    if (is_shortened) {
-        ats::result<std::vector<size_t>> fewest_acts = shorten(plan, std::move(acts), options);
-        if (!fewest_acts) return ats::pass_on(fewest_acts);
-        acts = std::move(*fewest_acts);
-    }
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
     if (!file) return ats::fail(std::string("cannot create a file for the recording: ") + std::strerror(errno));
     options.record_file = file.get();
@@ -41,13 +35,14 @@ ats::result<> draw(const picture_options& picture, const plan& plan, std::vector
                                     {"replay", replay_command(plan.seed, plan.options, selection_of(plan, only))},
                                     {"acts", acts.size()},
                                     {"planned_acts", plan.acts.size()},
-                                    {"is_shortened", is_shortened}};
+                                    {"is_shortened", is_shortened},
+                                    {"changes", plan.changes}};
     if (!result->complaint.empty()) about["complaint"] = result->complaint;
     const ats::result<recording::cut_recording> cut =
         recording::cut(recording::text_of_file(file.get()), {.keeps_end = !result->complaint.empty()});
     if (!cut) return ats::pass_on(cut);
     recording::add_window(about, cut->shown);
-    return recording::write_page(picture.path, about, cut->lines);
+    return recording::write_page(path, about, cut->lines);
 }
 
 } // namespace campaign

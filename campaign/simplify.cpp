@@ -140,13 +140,17 @@ ats::result<> change(plan& plan, std::string_view text)
     return {};
 }
 
-ats::result<plan> simplify(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
+ats::result<failing_run> simplify(failing_run run, const run_options& options)
 {
-    const ats::result<run_result> failure = run_apart(plan, act_numbers, options);
+    ats::result<std::vector<size_t>> fewest_acts = shorten(run.plan, std::move(run.acts), options);
+    if (!fewest_acts) return ats::pass_on(fewest_acts);
+    const ats::result<run_result> failure = run_apart(run.plan, *fewest_acts, options);
     if (!failure) return ats::pass_on(failure);
-    simplifier simplifier(plan, act_numbers, options, complaint_kind(failure->complaint));
+    simplifier simplifier(std::move(run.plan), *fewest_acts, options, complaint_kind(failure->complaint));
     simplifier.lower_all();
-    return simplifier.result();
+    ats::result<plan> simplest = simplifier.result();
+    if (!simplest) return ats::pass_on(simplest);
+    return failing_run{std::move(*simplest), std::move(*fewest_acts)};
 }
 
 } // namespace campaign

@@ -17,7 +17,14 @@ namespace campaign
 // The error: there is no such change, or the plan has no such act or number.
 ats::result<> change(plan& plan, std::string_view text);
 
-// Returns the plan with all changes after which these acts still fail in the same way.
-ats::result<plan> simplify(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options);
+// A run that fails.
+struct failing_run {
+    campaign::plan plan;
+    std::vector<size_t> acts;
+};
+
+// Returns the simplest run that fails in the same way: the fewest acts, and the plan with all changes after which they
+// still fail.
+ats::result<failing_run> simplify(failing_run run, const run_options& options);
 
 } // namespace campaign

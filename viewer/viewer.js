@@ -175,6 +175,7 @@ function showViolation() {
   if (violation && violation.expected) parts.push(list([["expected", violation.expected], ["but was", violation.actual]]));
   if (about.replay) parts.unshift(replayLine());
   if (about.is_shortened) parts.push(node("p", { class: "hint" }, `Shortened: ${about.acts} of ${about.planned_acts} acts are enough to make it fail. Add --all-acts to draw them all.`));
+  if (about.changes && about.changes.length > 0) parts.push(node("p", { class: "hint" }, `Simplified: with ${about.changes.join(", ")} it still fails.`));
   byId("violation").replaceChildren(...parts);
   byId("violation").hidden = false;
 }
