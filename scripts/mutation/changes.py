@@ -128,11 +128,12 @@ def mutants_of_file(path, root, arguments):
         yield Mutant(str(path.relative_to(root)), source[:start].count(b"\n") + 1, start, end, text, change)
 
 
-def mutants_of(folders, root, build):
-    """Lists the mutants of all files of some folders that the build tree compiles."""
+def mutants_of(folders, root, build, pattern="*"):
+    """Lists the mutants of the files of some folders that the build tree compiles and whose name matches the pattern."""
     for command in sorted(json.loads((build / "compile_commands.json").read_text()), key=lambda each: each["file"]):
         path = pathlib.Path(command["file"])
-        if path.is_relative_to(root) and str(path.parent.relative_to(root)) in folders and "faulty-ats" not in command["command"]:
+        is_wanted = path.is_relative_to(root) and str(path.parent.relative_to(root)) in folders and path.match(pattern)
+        if is_wanted and "faulty-ats" not in command["command"]:
             words = shlex.split(command["command"])
             yield from mutants_of_file(path, root, [word for word in words if word.startswith(("-I", "-D", "-std=", "-isystem"))])
 
