@@ -2,44 +2,12 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/bench-world.h"
-#include "host/peers/ibat-exports.h"
+#include "bench/sa-lookups.h"
 #include "host/peers/ucm-exports.h"
-#include "host/world/published.h"
 #include "host/world/text.h"
-#include "kernel/sync.h"
 
 namespace
 {
-
-constexpr int window = 8; // pending requests; each needs its own address, because IBAT joins requests for the same one
-
-// Asks the SA for addresses, with at most `window` pending requests, and counts the right answers.
-struct sa_lookups {
-    explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free, window); }
-
-    void send(uint32_t ip)
-    {
-        down(&free);
-        if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free);
-    }
-
-    // Waits for all answers. No slot is free for send() meanwhile.
-    void wait_for_all()
-    {
-        for (int i = 0; i < window; ++i) down(&free);
-    }
-
-    static void count_answer(ibat_stat_t status, ibat_arp_data_t*, void* context)
-    {
-        auto& self = *static_cast<sa_lookups*>(context);
-        if (status == ibat_stat_ok) ++self.right_answers;
-        up(&self.free);
-    }
-
-    world::published<ibat_refresh_fn_t> refresh;
-    semaphore free;
-    uint64_t right_answers = 0;
-};
 
 void resolve(benchmark::State& state)
 {
@@ -92,7 +60,7 @@ void match_among_pending(benchmark::State& state)
         for (auto _ : state) {
             lookups.send(ip);
             lookups.wait_for_all();
-            for (int i = 0; i < window; ++i) up(&lookups.free);
+            for (int i = 0; i < sa_lookups::window; ++i) up(&lookups.free);
         }
         if (lookups.right_answers != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
     });

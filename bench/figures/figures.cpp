@@ -15,6 +15,7 @@
 #include "bench/figures/long-trace.h"
 #include "bench/figures/process-usage.h"
 #include "bench/figures/whole-subnet.h"
+#include "bench/sa-lookups.h"
 #include "host/exec/shortage.h"
 #include "host/world/module-folder.h"
 #include "host/world/resolution.h"
@@ -205,6 +206,24 @@ int repeat(const std::string& step, int count)
     return 0;
 }
 
+// One host asks for the addresses of nine others in turn, like the benchmark of resolutions.
+int resolutions(int count)
+{
+    bench_world world(10);
+    if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
+    kernel::machine& host = world.hosts[0]->machine();
+    std::vector<uint32_t> addresses;
+    for (int i = 2; i <= 10; ++i) addresses.push_back(*world::parse_ipv4(bench_world::address_of(i)));
+    uint64_t right_answers = 0;
+    host.enter("asker", [&] {
+        sa_lookups lookups(host);
+        for (int i = 0; i < count; ++i) lookups.send(addresses[static_cast<size_t>(i) % addresses.size()]);
+        lookups.wait_for_all();
+        right_answers = lookups.right_answers;
+    });
+    return right_answers == static_cast<uint64_t>(count) ? 0 : 1;
+}
+
 int run(int argc, char** argv)
 {
     const std::string figure = argc > 1 ? argv[1] : "";
@@ -213,9 +232,10 @@ int run(int argc, char** argv)
     if (figure == "subnet" && count > 0) return whole_subnet(count);
     if (figure == "trace" && count > 0) return long_trace(count);
     if (figure == "lookups" && count > 0) return lookups(count);
+    if (figure == "resolutions" && count > 0) return resolutions(count);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
         if (figure == step && count > 0) return repeat(figure, count);
-    std::fprintf(stderr, "usage: ats-figures scale|subnet HOSTS | trace DAYS | lookups COUNT | "
+    std::fprintf(stderr, "usage: ats-figures scale|subnet HOSTS | trace DAYS | lookups|resolutions COUNT | "
                          "encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }

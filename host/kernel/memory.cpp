@@ -1,9 +1,12 @@
 #include "host/kernel/memory.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <utility>
 
+#include "host/exec/sanitizers.h"
 #include "host/kernel/module-image.h"
 
 namespace kernel
@@ -13,18 +16,47 @@ namespace
 {
 
 constexpr size_t nominal_step = 64; // between the addresses that the log shows
+constexpr size_t shelf_step =
+    64; // sizes are rounded up to a multiple of this; larger blocks than the last are not kept
+constexpr size_t first_buckets = 16;
+
+// The number of freed blocks that a shelf keeps. The address sanitizer needs every block freed, to report later uses.
+#ifdef __SANITIZE_ADDRESS__
+constexpr size_t shelf_capacity = 0;
+#else
+constexpr size_t shelf_capacity = 64;
+#endif
+
+size_t shelf_of(size_t size)
+{
+    return (size + shelf_step - 1) / shelf_step;
+}
 
 } // namespace
 
+struct alignas(std::max_align_t) memory_account::block {
+    block* next; // in the bucket, or on the shelf
+    size_t size;
+    const void* caller;
+    uint64_t nominal; // the address that the log shows
+
+    void* memory() { return this + 1; }
+    const char* begin() const { return reinterpret_cast<const char*>(this + 1); }
+};
+
 memory_account::~memory_account()
 {
-    for (const auto& [memory, block] : blocks_) std::free(const_cast<void*>(memory));
+    const auto free_all = [](block* each) {
+        while (each) std::free(std::exchange(each, each->next));
+    };
+    for (block* first : buckets_) free_all(first);
+    for (const shelf& each : shelves_) free_all(each.first);
 }
 
 size_t memory_account::blocks() const
 {
     const std::lock_guard lock(mutex_);
-    return blocks_.size();
+    return block_count_;
 }
 
 size_t memory_account::bytes() const
@@ -43,57 +75,129 @@ std::vector<std::string> memory_account::leaks() const
 {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> lines;
-    for (const auto& [memory, block] : blocks_)
-        lines.push_back(std::to_string(block.size) + " bytes allocated by " +
-                        (block.caller_text.empty() ? describe_code(block.caller) : block.caller_text));
+    for (const block* each : blocks_by_age()) {
+        const auto unmapped_caller = unmapped_callers_.find(each);
+        lines.push_back(
+            std::to_string(each->size) + " bytes allocated by " +
+            (unmapped_caller == unmapped_callers_.end() ? describe_code(each->caller) : unmapped_caller->second));
+    }
     return lines;
 }
 
 void memory_account::note_unmapping(const module_code& code)
 {
     const std::lock_guard lock(mutex_);
-    for (auto& [memory, block] : blocks_)
-        if (block.caller_text.empty() && code.holds(block.caller)) block.caller_text = code.place(block.caller);
+    for (const block* each : blocks_by_age())
+        if (!unmapped_callers_.contains(each) && code.holds(each->caller))
+            unmapped_callers_[each] = code.place(each->caller);
 }
 
 void* memory_account::allocate(size_t size, const void* caller)
 {
-    void* memory = std::malloc(size);
-    if (!memory) return nullptr;
     const std::lock_guard lock(mutex_);
-    blocks_[memory] = {size, caller, next_nominal_, ""};
+    block* taken = take_block(size);
+    if (!taken) return nullptr;
+    *taken = {.next = nullptr, .size = size, .caller = caller, .nominal = next_nominal_};
+    insert(taken);
     next_nominal_ += (size / nominal_step + 1) * nominal_step;
     bytes_ += size;
     ++total_allocations_;
-    return memory;
+    return taken->memory();
 }
 
 std::optional<uint64_t> memory_account::nominal(const void* pointer) const
 {
     const std::lock_guard lock(mutex_);
-    auto entry = blocks_.find(pointer);
-    if (entry == blocks_.end())
-        entry = std::find_if(blocks_.begin(), blocks_.end(), [pointer](const auto& each) {
-            const std::less<const void*> lies_before; // also compares pointers into different blocks
-            const void* end = static_cast<const char*>(each.first) + each.second.size;
-            return lies_before(each.first, pointer) && lies_before(pointer, end);
-        });
-    if (entry == blocks_.end()) return std::nullopt;
-    const auto offset = static_cast<const char*>(pointer) - static_cast<const char*>(entry->first);
-    return entry->second.nominal + static_cast<uint64_t>(offset);
+    const block* block = buckets_.empty() ? nullptr : *link_to(pointer);
+    if (!block) block = block_around(pointer);
+    if (!block) return std::nullopt;
+    return block->nominal + static_cast<uint64_t>(static_cast<const char*>(pointer) - block->begin());
 }
 
 bool memory_account::release(const void* memory)
 {
-    {
-        const std::lock_guard lock(mutex_);
-        const auto entry = blocks_.find(memory);
-        if (entry == blocks_.end()) return false;
-        bytes_ -= entry->second.size;
-        blocks_.erase(entry);
-    }
-    std::free(const_cast<void*>(memory));
+    const std::lock_guard lock(mutex_);
+    if (buckets_.empty()) return false;
+    block** link = link_to(memory);
+    block* freed = *link;
+    if (!freed) return false;
+    *link = freed->next;
+    --block_count_;
+    bytes_ -= freed->size;
+    if (!unmapped_callers_.empty()) unmapped_callers_.erase(freed);
+    put_block(freed);
     return true;
+}
+
+// Returns a block without contents, or null if there is no memory.
+memory_account::block* memory_account::take_block(size_t size)
+{
+    if (size > PTRDIFF_MAX) return nullptr; // the header must not make it wrap
+    const size_t number = shelf_of(size);
+    if (number >= shelf_count) return static_cast<block*>(std::malloc(sizeof(block) + size));
+    shelf& shelf = shelves_[number];
+    if (!shelf.first) return static_cast<block*>(std::malloc(sizeof(block) + number * shelf_step));
+    --shelf.count;
+    return std::exchange(shelf.first, shelf.first->next);
+}
+
+void memory_account::put_block(block* freed)
+{
+    const size_t number = shelf_of(freed->size);
+    if (number >= shelf_count || shelves_[number].count >= shelf_capacity) return std::free(freed);
+    freed->next = std::exchange(shelves_[number].first, freed);
+    ++shelves_[number].count;
+}
+
+void memory_account::insert(block* added)
+{
+    if (block_count_ == buckets_.size()) make_buckets(buckets_.empty() ? first_buckets : 2 * buckets_.size());
+    ++block_count_;
+    added->next = std::exchange(buckets_[bucket_of(added->memory())], added);
+}
+
+void memory_account::make_buckets(size_t count)
+{
+    const std::vector<block*> blocks_before = std::exchange(buckets_, std::vector<block*>(count));
+    for (block* each : blocks_before) {
+        while (block* moved = each) {
+            each = each->next;
+            moved->next = std::exchange(buckets_[bucket_of(moved->memory())], moved);
+        }
+    }
+}
+
+size_t memory_account::bucket_of(const void* memory) const
+{
+    constexpr uint64_t spread = 0x9E3779B97F4A7C15u; // Fibonacci hashing
+    return (reinterpret_cast<uintptr_t>(memory) * spread >> 32) & (buckets_.size() - 1);
+}
+
+// Returns the link to the block with this memory, or the null link at the end of its bucket. The memory is not read:
+// the pointer need not be valid. There must be buckets.
+memory_account::block** memory_account::link_to(const void* memory) const
+{
+    block* const* link = &buckets_[bucket_of(memory)];
+    while (*link && (*link)->begin() != memory) link = &(*link)->next;
+    return const_cast<block**>(link);
+}
+
+const memory_account::block* memory_account::block_around(const void* pointer) const
+{
+    const std::less<const void*> lies_before; // also compares pointers into different blocks
+    for (const block* first : buckets_)
+        for (const block* each = first; each; each = each->next)
+            if (lies_before(each->begin(), pointer) && lies_before(pointer, each->begin() + each->size)) return each;
+    return nullptr;
+}
+
+std::vector<const memory_account::block*> memory_account::blocks_by_age() const
+{
+    std::vector<const block*> list;
+    for (const block* first : buckets_)
+        for (const block* each = first; each; each = each->next) list.push_back(each);
+    std::ranges::sort(list, {}, &block::nominal);
+    return list;
 }
 
 } // namespace kernel

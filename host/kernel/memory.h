@@ -1,9 +1,10 @@
-// The memory that kmalloc allocates on one machine. It is counted, and leaks are listed.
+// The memory that kmalloc allocates on one machine. It is counted, and leaks are listed. A freed block is kept for the
+// next one of its size, so a load that repeats itself soon allocates nothing from the process.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory_resource>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -51,18 +52,32 @@ class memory_account
     bool release(const void* memory);
 
   private:
-    struct block {
-        size_t size;
-        const void* caller;
-        uint64_t nominal;        // the address that the log shows
-        std::string caller_text; // names the caller after its image was unmapped; otherwise empty
+    struct block; // the header of a block; the memory for the caller follows it
+    struct shelf {
+        block* first = nullptr;
+        size_t count = 0;
     };
-    mutable std::mutex mutex_;                     // guards the following members
-    std::pmr::unsynchronized_pool_resource nodes_; // memory for the map, which changes with every call
-    std::pmr::unordered_map<const void*, block> blocks_{&nodes_};
+
+    // The caller of the next calls holds mutex_.
+    block* take_block(size_t size);
+    void put_block(block* freed);
+    void insert(block* added);
+    void make_buckets(size_t count);
+    block** link_to(const void* memory) const;
+    const block* block_around(const void* pointer) const;
+    std::vector<const block*> blocks_by_age() const;
+    size_t bucket_of(const void* memory) const;
+
+    mutable std::mutex mutex_;    // guards the following members
+    std::vector<block*> buckets_; // a hash table of the blocks by their memory; the size is a power of two
+    size_t block_count_ = 0;
     size_t bytes_ = 0;
     uint64_t total_allocations_ = 0;
     uint64_t next_nominal_ = nominal_allocations;
+    std::unordered_map<const block*, std::string> unmapped_callers_; // names of callers whose image was unmapped
+
+    static constexpr size_t shelf_count = 16;
+    std::array<shelf, shelf_count> shelves_; // freed blocks by size
 };
 
 } // namespace kernel

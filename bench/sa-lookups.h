@@ -1,0 +1,36 @@
+// Asks the SA for addresses, with at most `window` pending requests, and counts the right answers. For tasks of a
+// simulation.
+#pragma once
+
+#include "host/peers/ibat-exports.h"
+#include "host/world/published.h"
+#include "kernel/sync.h"
+
+struct sa_lookups {
+    static constexpr int window = 8; // each request needs its own address: IBAT joins requests for the same one
+
+    explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free, window); }
+
+    void send(uint32_t ip)
+    {
+        down(&free);
+        if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free);
+    }
+
+    // Waits for all answers. No slot is free for send() meanwhile.
+    void wait_for_all()
+    {
+        for (int i = 0; i < window; ++i) down(&free);
+    }
+
+    static void count_answer(ibat_stat_t status, ibat_arp_data_t*, void* context)
+    {
+        auto& self = *static_cast<sa_lookups*>(context);
+        if (status == ibat_stat_ok) ++self.right_answers;
+        up(&self.free);
+    }
+
+    world::published<ibat_refresh_fn_t> refresh;
+    semaphore free;
+    uint64_t right_answers = 0;
+};
