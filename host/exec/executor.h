@@ -61,13 +61,31 @@ class executor
     virtual void enter(task_home* home, const std::string& name, const std::function<void()>& body) = 0;
 
     // Another task may run here. The simulation may switch tasks here when it explores interleavings. Called at locks,
-    // unlocks and posts.
-    virtual void switch_point() = 0;
+    // unlocks and posts, so it costs one load if there is nothing to explore.
+    void switch_point()
+    {
+        if (explores_switches_) [[unlikely]]
+            explore_switch();
+    }
 
     // For a caller that spins until another task releases something. Yields the processor. In the simulation, returns
     // when another task has run or the clock has advanced. If only spinning tasks are left, the simulation has stalled.
     virtual void relax() = 0;
+
+  protected:
+    bool explores_switches_ = false; // switch_point() calls explore_switch(); only a constructor sets it
+
+  private:
+    virtual void explore_switch() {}
 };
+
+// Another task may run here, unless the calling task holds a spin lock. Kernel calls call it before and after an effect
+// that other tasks can see.
+inline void preemption_point()
+{
+    const task& self = current_task_of("preemption_point");
+    if (self.spin_locks == 0) self.exec.switch_point();
+}
 
 // Real threads and real time. The ticks start at 0 when the executor is created.
 std::unique_ptr<executor> make_threaded_executor();

@@ -22,6 +22,7 @@ class simulated_executor final : public simulation
             seeded_order_ = std::make_unique<random_schedule>(options_.seed);
             options_.order = seeded_order_.get();
         }
+        explores_switches_ = options_.order != nullptr;
     }
 
     ~simulated_executor() override
@@ -108,20 +109,6 @@ class simulated_executor final : public simulation
         if (exception) std::rethrow_exception(exception);
     }
 
-    void switch_point() override
-    {
-        if (!options_.order) return;
-        fiber_task* self = running();
-        if (!self) return;
-        ready_spinners();
-        if (ready_count() == 0) return;
-        const size_t index = options_.order->choose(choice(*this, self), choice_point::switch_point);
-        if (index == 0) return;
-        fiber_task* next = take_ready(index - 1);
-        preempted_tasks_.push(self);
-        switch_to(*self, next);
-    }
-
     void relax() override
     {
         check_thread("relax");
@@ -162,6 +149,19 @@ class simulated_executor final : public simulation
     }
 
   private:
+    void explore_switch() override
+    {
+        fiber_task* self = running();
+        if (!self) return;
+        ready_spinners();
+        if (ready_count() == 0) return;
+        const size_t index = options_.order->choose(choice(*this, self), choice_point::switch_point);
+        if (index == 0) return;
+        fiber_task* next = take_ready(index - 1);
+        preempted_tasks_.push(self);
+        switch_to(*self, next);
+    }
+
     // The ready tasks. If the running task could continue, it comes first.
     class choice final : public candidates
     {

@@ -56,11 +56,27 @@ struct task : kernel_task_t {
     ~task() = default;
 };
 
+// The task of the calling thread or fiber. Only the next calls and set_current_task() use it.
+extern constinit thread_local task* running_task;
+
 // The task of the calling thread or fiber; null in a thread from outside.
-task* current_task();
+inline task* current_task()
+{
+    return running_task;
+}
+
+// Ends the process because an invariant of the kernel or of its user is broken. Prints the text, the task and its
+// machine to stderr. Any thread.
+[[noreturn]] void panic(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // The calling task. A hard error that names `caller` if there is none.
-task& current_task_of(const char* caller);
+inline task& current_task_of(const char* caller)
+{
+    task* self = current_task();
+    if (!self) [[unlikely]]
+        panic("%s is called outside of any task", caller);
+    return *self;
+}
 
 // Sends the task a signal. The signal ends an interruptible sleep and stays pending until clear_signal(). Any thread.
 void send_signal(task& task);
@@ -71,8 +87,11 @@ void clear_signal(task& task);
 class atomic_section
 {
   public:
-    explicit atomic_section(const char* context);
-    ~atomic_section();
+    explicit atomic_section(const char* context) : outer_(current_task_of(context).atomic_context)
+    {
+        current_task()->atomic_context = context;
+    }
+    ~atomic_section() { current_task()->atomic_context = outer_; }
     atomic_section(const atomic_section&) = delete;
     atomic_section& operator=(const atomic_section&) = delete;
 
@@ -81,14 +100,13 @@ class atomic_section
 };
 
 // Every call that may block begins with this call. A hard error in a context that may not sleep.
-void might_sleep(const char* call);
-
-// Another task may run here, unless the calling task holds a spin lock. Kernel calls call it before and after an effect
-// that other tasks can see.
-void preemption_point();
-
-// Ends the process because an invariant of the kernel or of its user is broken. Prints the text, the task and its
-// machine to stderr. Any thread.
-[[noreturn]] void panic(const char* format, ...) __attribute__((format(printf, 1, 2)));
+inline void might_sleep(const char* call)
+{
+    const task& self = current_task_of(call);
+    if (self.atomic_context) [[unlikely]]
+        panic("%s may sleep, and is called in %s, which may not", call, self.atomic_context);
+    if (self.spin_locks > 0) [[unlikely]]
+        panic("%s may sleep, and is called with a spin lock held", call);
+}
 
 } // namespace exec

@@ -127,7 +127,6 @@ class threaded_executor final : public executor
         set_current_task(nullptr);
     }
 
-    void switch_point() override {}
     void relax() override { std::this_thread::yield(); }
 
   private:

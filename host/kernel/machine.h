@@ -12,7 +12,6 @@
 
 #include "host/fabric/fabric.h"
 #include "host/kernel/address-layout.h"
-#include "host/kernel/current-machine.h"
 #include "host/kernel/fault.h"
 #include "host/kernel/inter-module.h"
 #include "host/kernel/loader.h"
@@ -21,6 +20,8 @@
 #include "host/kernel/proc-tree.h"
 #include "host/kernel/random.h"
 #include "host/kernel/tasks.h"
+
+struct semaphore;
 
 namespace kernel
 {
@@ -105,5 +106,27 @@ service_t& machine::get()
         return std::make_unique<service_t>(self);
     }));
 }
+
+// Returns the machine of the calling task. A hard error that names `caller` if the task is outside of all machines.
+inline machine& current_machine(const char* caller)
+{
+    auto* home = static_cast<machine*>(current_task_of(caller).home);
+    if (!home) [[unlikely]]
+        panic("%s is called outside of any machine", caller);
+    return *home;
+}
+
+// Does the same at the start of a kernel call that may sleep. A hard error in a context that may not sleep. As in a
+// real kernel, other tasks may run first.
+inline machine& machine_where_others_may_run(const char* call)
+{
+    might_sleep(call);
+    machine& home = current_machine(call);
+    home.exec().switch_point();
+    return home;
+}
+
+// The same as down_interruptible(), but for the kernel itself: injected faults do not affect it.
+int down_or_signal(semaphore* sem);
 
 } // namespace kernel
