@@ -3,7 +3,7 @@
 #include "host/exec/current-task.h"
 #include "host/exec/executor.h"
 #include "host/exec/fiber-task.h"
-#include "host/exec/ready-queue.h"
+#include "host/exec/ring-queue.h"
 #include "host/exec/schedule.h"
 #include "host/exec/shortage.h"
 
@@ -420,9 +420,9 @@ class simulated_executor final : public simulation
     fiber_stack_pool stacks_;
     uint64_t tasks_started_ = 0;
     std::list<fiber_task*> tasks_;
-    ready_queue<fiber_task> ready_tasks_;
-    ready_queue<fiber_task> preempted_tasks_; // ready, but they run after ready_tasks_
-    ready_queue<fiber_task> spinning_tasks_;  // become ready when another task has run
+    ring_queue<fiber_task> ready_tasks_;
+    ring_queue<fiber_task> preempted_tasks_; // ready, but they run after ready_tasks_
+    ring_queue<fiber_task> spinning_tasks_;  // become ready when another task has run
     deadline_map deadlines_;
     const fiber_task* target_ = nullptr; // the thread from outside waits for its end
 };

@@ -1,5 +1,6 @@
-// The datagrams in transit, ordered by their due tick, then by the order of posting. The queue owns them. It
-// allocates memory when more are in transit than ever before. It has no lock: the caller guards it.
+// The datagrams in transit, ordered by their due tick, then by the order of posting. Most are posted in the order of
+// their due ticks: they wait in a line. Only those that overtake others wait in a heap. The queue owns the datagrams.
+// It allocates memory when more are in transit than ever before. It has no lock: the caller guards it.
 #pragma once
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <deque>
 #include <vector>
 
+#include "host/exec/ring-queue.h"
 #include "host/fabric/fabric.h"
 
 namespace embedded
@@ -36,6 +38,15 @@ struct datagram {
     uint64_t number = 0;    // identifies the datagram for an observer
     uint64_t departure = 0; // a number that grows with every departure
     datagram_faults faults = {};
+
+    // Set by the queue, while in transit.
+    uint64_t due_tick = 0;
+    uint64_t post_number = 0;
+
+    bool is_due_before(const datagram& other) const
+    {
+        return due_tick != other.due_tick ? due_tick < other.due_tick : post_number < other.post_number;
+    }
 };
 
 class delivery_queue
@@ -60,38 +71,49 @@ class delivery_queue
 
     void post(datagram& datagram, uint64_t due_tick)
     {
-        heap_.push_back({due_tick, ++post_count_, &datagram});
-        std::push_heap(heap_.begin(), heap_.end());
+        datagram.due_tick = due_tick;
+        datagram.post_number = ++post_count_;
+        if (line_.empty() || line_.last().due_tick <= due_tick) {
+            line_.push(&datagram);
+        } else {
+            overtakers_.push_back(&datagram);
+            std::ranges::push_heap(overtakers_, is_due_later);
+        }
     }
 
     // Returns the next due datagram, or null if none is due yet. The caller returns it with put(), or posts it again.
     datagram* next_due(uint64_t now_ticks)
     {
-        if (heap_.empty() || heap_.front().due_tick > now_ticks) return nullptr;
-        std::pop_heap(heap_.begin(), heap_.end());
-        datagram* due_datagram = heap_.back().content;
-        heap_.pop_back();
-        return due_datagram;
+        const datagram* next = first();
+        if (!next || next->due_tick > now_ticks) return nullptr;
+        if (overtakers_.empty() || next != overtakers_.front()) return line_.take_first();
+        std::ranges::pop_heap(overtakers_, is_due_later);
+        datagram* overtaker = overtakers_.back();
+        overtakers_.pop_back();
+        return overtaker;
     }
-    uint64_t next_due_tick() const { return heap_.empty() ? UINT64_MAX : heap_.front().due_tick; }
+    uint64_t next_due_tick() const
+    {
+        const datagram* next = first();
+        return next ? next->due_tick : UINT64_MAX;
+    }
 
   private:
-    struct transit {
-        uint64_t due_tick;
-        uint64_t number;
-        datagram* content;
+    // A heap has its greatest element in front, so the earliest datagram must be the greatest.
+    static bool is_due_later(const datagram* left, const datagram* right) { return right->is_due_before(*left); }
 
-        // A heap has its greatest element in front, so the earliest datagram must be the greatest.
-        bool operator<(const transit& other) const
-        {
-            return due_tick != other.due_tick ? due_tick > other.due_tick : number > other.number;
-        }
-    };
+    const datagram* first() const
+    {
+        if (line_.empty()) return overtakers_.empty() ? nullptr : overtakers_.front();
+        const datagram* next = &line_.at(0);
+        return overtakers_.empty() || next->is_due_before(*overtakers_.front()) ? next : overtakers_.front();
+    }
 
     const size_t capacity_;
     std::deque<datagram> datagrams_; // as many as were in transit at once
     std::vector<datagram*> free_;
-    std::vector<transit> heap_;
+    exec::ring_queue<datagram> line_;
+    std::vector<datagram*> overtakers_; // a heap
     uint64_t post_count_ = 0;
 };
 

@@ -81,6 +81,12 @@ ib_service_record_v2_t components_of(uint64_t component_mask, const ib_service_r
     return result;
 }
 
+size_t service_records::hash::operator()(const index_key& key) const
+{
+    const auto halves = std::bit_cast<std::array<uint64_t, 2>>(key);
+    return ((halves[0] * 31 ^ halves[1]) * 0x9E3779B97F4A7C15u) >> 16; // Fibonacci hashing
+}
+
 bool service_records::set(const ib_service_record_v2_t& record, uint64_t now_ticks)
 {
     expire(now_ticks);

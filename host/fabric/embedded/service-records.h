@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 #include "host/fabric/fabric.h"
@@ -61,7 +62,11 @@ class service_records
         uint64_t expires_tick;
     };
     using by_gid_map = std::multimap<index_key, entry>;
-    using by_address_map = std::multimap<index_key, by_gid_map::iterator>; // an insertion does not invalidate iterators
+    struct hash {
+        size_t operator()(const index_key& key) const;
+    };
+    // By all of ServiceData8. An insertion into a map does not invalidate iterators of it.
+    using by_address_map = std::unordered_multimap<index_key, by_gid_map::iterator, hash>;
 
     struct selection {
         matches count = matches::none;
@@ -73,7 +78,7 @@ class service_records
 
     const size_t limit_;
     by_gid_map records_;
-    by_address_map by_address_; // by all of ServiceData8
+    by_address_map by_address_;
     uint64_t next_expiry_tick_ = UINT64_MAX;
 };
 

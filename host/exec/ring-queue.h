@@ -1,5 +1,5 @@
-// A first-in, first-out queue of tasks, in a ring that grows. Pushing allocates only when the ring is full. For one
-// thread.
+// A first-in, first-out queue of pointers, in a ring that grows. Pushing allocates only when the ring is full. The
+// caller guards it.
 #pragma once
 
 #include <cassert>
@@ -10,38 +10,41 @@
 namespace exec
 {
 
-template <class task_t>
-class ready_queue
+template <class object_t>
+class ring_queue
 {
   public:
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }
 
-    void push(task_t* task)
+    void push(object_t* object)
     {
         if (count_ == ring_.size()) grow();
-        ring_[slot(count_++)] = task;
+        ring_[slot(count_++)] = object;
     }
 
     // The queue must not be empty.
-    task_t* take_first()
+    object_t* take_first()
     {
         assert(count_ > 0);
-        task_t* first = ring_[slot(0)];
+        object_t* first = ring_[slot(0)];
         first_ = slot(1);
         --count_;
         return first;
     }
 
-    // The task at `index` in the order of arrival.
-    const task_t& at(size_t index) const
+    // The object that was pushed last. The queue must not be empty.
+    const object_t& last() const { return at(count_ - 1); }
+
+    // The object at `index` in the order of arrival.
+    const object_t& at(size_t index) const
     {
         assert(index < count_);
         return *ring_[slot(index)];
     }
 
-    // Removes and returns the task at `index` in the order of arrival. The first task moves to that place.
-    task_t* take(size_t index)
+    // Removes and returns the object at `index` in the order of arrival. The first object moves to that place.
+    object_t* take(size_t index)
     {
         assert(index < count_);
         std::swap(ring_[slot(0)], ring_[slot(index)]);
@@ -55,13 +58,13 @@ class ready_queue
 
     void grow()
     {
-        std::vector<task_t*> larger(ring_.empty() ? initial_slots : 2 * ring_.size());
+        std::vector<object_t*> larger(ring_.empty() ? initial_slots : 2 * ring_.size());
         for (size_t i = 0; i < count_; ++i) larger[i] = ring_[slot(i)];
         ring_ = std::move(larger);
         first_ = 0;
     }
 
-    std::vector<task_t*> ring_;
+    std::vector<object_t*> ring_;
     size_t first_ = 0;
     size_t count_ = 0;
 };
