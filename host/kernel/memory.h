@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/exec/brief-lock.h"
 #include "host/kernel/address-layout.h"
 
 namespace kernel
@@ -68,8 +69,8 @@ class memory_account
     std::vector<const block*> blocks_by_age() const;
     size_t bucket_of(const void* memory) const;
 
-    mutable std::mutex mutex_;    // guards the following members
-    std::vector<block*> buckets_; // a hash table of the blocks by their memory; the size is a power of two
+    mutable exec::brief_lock mutex_; // guards the following members
+    std::vector<block*> buckets_;    // a hash table of the blocks by their memory; the size is a power of two
     size_t block_count_ = 0;
     size_t bytes_ = 0;
     uint64_t total_allocations_ = 0;

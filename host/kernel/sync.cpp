@@ -1,5 +1,6 @@
 #include "kernel/sync.h"
 
+#include "host/exec/brief-lock.h"
 #include "host/kernel/machine.h"
 #include "kernel/errno.h"
 
@@ -21,7 +22,7 @@ class guarded
   public:
     explicit guarded(kernel_guard_t& guard) : guard_(guard)
     {
-        while (guard_.state.exchange(1, std::memory_order_acquire) != 0) self().exec.relax();
+        while (exec::exchange(guard_.state, 1, std::memory_order_acquire) != 0) self().exec.relax();
     }
     ~guarded() { guard_.state.store(0, std::memory_order_release); }
     guarded(const guarded&) = delete;
@@ -169,7 +170,7 @@ unsigned long spin_lock_irqsave(spinlock_t* lock)
 {
     task& caller = self();
     caller.exec.switch_point();
-    while (lock->state.exchange(1, std::memory_order_acquire) != 0) caller.exec.relax();
+    while (exec::exchange(lock->state, 1, std::memory_order_acquire) != 0) caller.exec.relax();
     return static_cast<unsigned long>(caller.spin_locks++);
 }
 
@@ -177,7 +178,7 @@ void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags)
 {
     task& holder = self();
     holder.spin_locks = static_cast<int>(flags);
-    if (lock->state.exchange(0, std::memory_order_release) == 0)
+    if (exec::exchange(lock->state, 0, std::memory_order_release) == 0)
         exec::panic("spin_unlock_irqrestore: the lock is not held");
     holder.exec.switch_point();
 }

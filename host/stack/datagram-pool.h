@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "host/exec/brief-lock.h"
 #include "host/exec/executor.h"
 #include "host/stack/datagram.h"
 
@@ -61,8 +62,8 @@ class datagram_pool
     const std::string name_;
     const size_t size_;
     const slot_memory slots_;
-    mutable std::mutex mutex_; // guards the members below
-    size_t used_slots_ = 0;    // the slots after these were never taken and have no record
+    mutable exec::brief_lock mutex_; // guards the members below
+    size_t used_slots_ = 0;          // the slots after these were never taken and have no record
     size_t free_count_ = size_;
     datagram_record* free_list_ = nullptr; // list of free used slots
 };

@@ -42,11 +42,6 @@ constexpr size_t class_byte = offsetof(mad_hdr_t, mgt_class);
 constexpr size_t method_byte = class_byte + 2;
 static_assert(offsetof(mad_hdr_t, u) == method_byte + 1);
 
-void count(std::atomic<uint64_t>& counter)
-{
-    counter.fetch_add(1, std::memory_order_relaxed);
-}
-
 mad_hdr_t& header_of(gsi_dtgrm_t& datagram)
 {
     return *reinterpret_cast<mad_hdr_t*>(datagram.mad);
@@ -116,7 +111,7 @@ int gsi_adapter::join_class(std::unique_ptr<gsi_class_t> client, gsi_class_handl
 
 // The caller holds the lock; the call releases it.
 void gsi_adapter::add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle,
-                      std::unique_lock<std::mutex>& held_lock)
+                      std::unique_lock<exec::brief_lock>& held_lock)
 {
     *handle = client.get();
     registered_classes_.push_back(client.get());
@@ -174,11 +169,11 @@ int gsi_adapter::post(gsi_class_t& client, datagram_record& record, uint64_t* tr
         record.note(now_ticks, datagram_event::refused, client.mgt_class, client.port);
         record.set_state(datagram_state::held);
         client.leave();
-        count(counters_.refused);
+        exec::count(counters_.refused);
         return -EK_BUSY;
     }
     record.note(now_ticks, datagram_event::posted, client.mgt_class, client.port);
-    count(counters_.posted);
+    exec::count(counters_.posted);
     if (transaction_id) *transaction_id = new_id;
     exec::preemption_point(); // the answer may arrive before the send completes
     std::unique_lock lock(mutex_);
@@ -217,7 +212,7 @@ bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transact
 void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad)
 {
     if (!(mad[method_byte] & MAD_METHOD_RESPONSE)) {
-        count(counters_.dropped_no_response);
+        exec::count(counters_.dropped_no_response);
         return;
     }
     sa_traffic_.count_answer(mad);
@@ -228,12 +223,12 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
     const uint8_t number = number_in(from_wire(transaction_id));
     gsi_class_t* client = find(port, mad[class_byte], number);
     if (!client) {
-        count(number == 0 ? counters_.dropped_no_class : counters_.dropped_no_asker);
+        exec::count(number == 0 ? counters_.dropped_no_class : counters_.dropped_no_asker);
         return;
     }
     datagram_record* record = receive_pool_->take();
     if (!record) {
-        count(counters_.dropped_no_datagram);
+        exec::count(counters_.dropped_no_datagram);
         return;
     }
     [[maybe_unused]] const bool is_registered = client->enter();
@@ -264,7 +259,7 @@ gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class, uint8_t number) cons
 // Appends a datagram to the queue, and wakes the adapter's task unless another task completes it. The caller holds the
 // lock; the call releases it. With `may_be_deferred`, the datagram may wait for the next may_complete(), if the fabric
 // has announced one.
-void gsi_adapter::queue(datagram_record& record, std::unique_lock<std::mutex>& lock, bool may_be_deferred)
+void gsi_adapter::queue(datagram_record& record, std::unique_lock<exec::brief_lock>& lock, bool may_be_deferred)
 {
     assert(lock.owns_lock());
     assert(record.state() == datagram_state::posted || record.state() == datagram_state::received);
@@ -347,7 +342,7 @@ void gsi_adapter::hand_out(datagram_record& record, uint64_t now_ticks)
     const gsi_completion_fn_t callback = was_posted ? client.send_callback : client.receive_callback;
     record.note(now_ticks, event, client.mgt_class, client.port);
     record.set_state(datagram_state::held);
-    count(was_posted ? counters_.completed : counters_.delivered);
+    exec::count(was_posted ? counters_.completed : counters_.delivered);
     callback(&client, client.context, &record.datagram());
     client.leave();
 }

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "host/exec/brief-lock.h"
 #include "host/stack/datagram-pool.h"
 #include "host/stack/hca-hub.h"
 #include "host/stack/registrations.h"
@@ -113,10 +114,10 @@ class gsi_adapter final : public fabric::listener
     gsi_class_t* find(int port, uint8_t mgt_class, uint8_t number) const;
     uint8_t free_number(const gsi_class_t& client) const;
 
-    void add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle, std::unique_lock<std::mutex>& lock);
+    void add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle, std::unique_lock<exec::brief_lock>& lock);
     uint64_t new_transaction_id(const gsi_class_t& client, const gsi_dtgrm_t& datagram);
     bool put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id);
-    void queue(datagram_record& record, std::unique_lock<std::mutex>& lock, bool may_be_deferred);
+    void queue(datagram_record& record, std::unique_lock<exec::brief_lock>& lock, bool may_be_deferred);
 
     // The completion context. A batch is a list of datagrams, linked by `next`.
     bool complete();
@@ -136,7 +137,7 @@ class gsi_adapter final : public fabric::listener
     sa_traffic sa_traffic_;
     const std::unique_ptr<datagram_pool> receive_pool_;
 
-    mutable std::mutex mutex_;                          // guards the members below, except the task
+    mutable exec::brief_lock mutex_;                    // guards the members below, except the task
     std::vector<std::unique_ptr<gsi_class_t>> classes_; // including those that have ended
     std::vector<gsi_class_t*> registered_classes_;
     datagram_record* queue_head_ = nullptr;

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "host/exec/brief-lock.h"
 #include "sa-mads.h"
 
 namespace stack
@@ -72,14 +73,14 @@ void sa_traffic::count_request(const fabric::mad_bytes& mad)
 {
     const mad_hdr_t header = header_of(mad);
     if (!is_for_sa(header)) return;
-    requests_[static_cast<size_t>(kind_of(header))].fetch_add(1, std::memory_order_relaxed);
+    exec::count(requests_[static_cast<size_t>(kind_of(header))]);
 }
 
 void sa_traffic::count_answer(const fabric::mad_bytes& mad)
 {
     const mad_hdr_t header = header_of(mad);
     if (!is_for_sa(header)) return;
-    answers_[status_index(from_wire(header.u.ns.status.raw16))].fetch_add(1, std::memory_order_relaxed);
+    exec::count(answers_[status_index(from_wire(header.u.ns.status.raw16))]);
 }
 
 sa_counts sa_traffic::counts() const

@@ -2,6 +2,8 @@
 
 #include <cassert>
 
+#include "host/exec/brief-lock.h"
+
 namespace stack
 {
 
@@ -22,7 +24,7 @@ void service_task::start(std::function<std::optional<uint64_t>()> work, const ch
     assert(!task_);
     const auto step = [this, work = std::move(work), reason]() -> exec::rest {
         while (!is_stopping_) {
-            rounds_.fetch_add(1, std::memory_order_relaxed);
+            exec::count(rounds_);
             const std::optional<uint64_t> deadline = work();
             if (deadline && !is_stopping_) return {.deadline = *deadline, .reason = reason, .object = name_.c_str()};
         }

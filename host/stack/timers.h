@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 
+#include "host/exec/brief-lock.h"
 #include "host/stack/service-task.h"
 #include "host/stack/timer-queue.h"
 #include "kernel/sync.h"
@@ -56,7 +57,7 @@ class timers final : public kernel::service
     bool still_runs(const timing_t& timer);
 
     kernel::machine& home_;
-    mutable std::mutex mutex_;
+    mutable exec::brief_lock mutex_;
     uint64_t times_armed_ = 0;
     // The lane of handlers that may sleep waits without a deadline. The atomic lane rings it when it has no timer due.
     bool sleeping_waits_for_atomic_ = false;

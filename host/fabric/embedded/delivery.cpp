@@ -3,6 +3,7 @@
 #include <cassert>
 #include <optional>
 
+#include "host/exec/brief-lock.h"
 #include "host/exec/task.h"
 #include "host/fabric/embedded/subnet-hca.h"
 
@@ -115,7 +116,7 @@ void subnet::run_fabric()
 {
     lock_guard lock(mutex_);
     while (!is_stopping_) {
-        rounds_.fetch_add(1, std::memory_order_relaxed);
+        exec::count(rounds_);
         if (report_next_change(lock)) continue;
         if (datagram* datagram = queue_.next_due(exec_.now())) {
             deliver(*datagram, lock);

@@ -1,0 +1,52 @@
+// Locks and counters that cost little in a process with one thread, like a simulation. There, nothing else can run
+// between a load and a store, so no locked instruction is necessary. The values in memory are always right; therefore a
+// thread may start at any moment, even while a lock is held. (The C++ library counts its shared pointers in this way.)
+#pragma once
+
+#include <atomic>
+#include <ext/atomicity.h>
+#include <thread>
+#include <type_traits>
+
+namespace exec
+{
+
+inline bool has_one_thread()
+{
+    return __gnu_cxx::__is_single_threaded();
+}
+
+template <class value_t>
+value_t exchange(std::atomic<value_t>& object, std::type_identity_t<value_t> value, std::memory_order order)
+{
+    if (!has_one_thread()) return object.exchange(value, order);
+    const value_t previous = object.load(std::memory_order_relaxed);
+    object.store(value, std::memory_order_relaxed);
+    return previous;
+}
+
+// Adds 1 to a counter that orders no other memory.
+template <class value_t>
+void count(std::atomic<value_t>& counter)
+{
+    if (has_one_thread())
+        counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    else
+        counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+// A mutex for a few instructions. Waiters spin. Do not sleep, and do not call other modules, while holding it.
+class brief_lock
+{
+  public:
+    void lock()
+    {
+        while (exchange(is_held_, true, std::memory_order_acquire)) std::this_thread::yield();
+    }
+    void unlock() { is_held_.store(false, std::memory_order_release); }
+
+  private:
+    std::atomic<bool> is_held_{false};
+};
+
+} // namespace exec
