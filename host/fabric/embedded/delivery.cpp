@@ -315,19 +315,15 @@ void subnet::drop(datagram& datagram, const char* reason, bool has_reached_end)
     queue_.put(datagram);
 }
 
-// Call it before the datagram leaves `sender`. A null sender means the SA.
-void subnet::observe_send(datagram& datagram, const port_record* sender)
+void subnet::report_send(const datagram& datagram, const port_record* sender)
 {
-    datagram.number = ++sent_count_;
-    if (!observer_) return;
     const std::optional<port_view> view = sender ? std::optional(view_of(*sender)) : std::nullopt;
     observer_->sent(exec_.now(), {datagram.number, datagram.mad, datagram.faults}, view ? &*view : nullptr,
                     datagram.destination_lid);
 }
 
-void subnet::observe_arrival(const datagram& datagram, const port_record* receiver)
+void subnet::report_arrival(const datagram& datagram, const port_record* receiver)
 {
-    if (!observer_) return;
     const std::optional<port_view> view = receiver ? std::optional(view_of(*receiver)) : std::nullopt;
     observer_->arrived(exec_.now(), {datagram.number, datagram.mad, datagram.faults}, view ? &*view : nullptr);
 }

@@ -152,8 +152,19 @@ class subnet
     void lose_at_cut(port_record& port, datagram& datagram);
     void ignore(datagram& datagram, const char* reason);
     void drop(datagram& datagram, const char* reason, bool has_reached_end);
-    void observe_send(datagram& datagram, const port_record* sender);
-    void observe_arrival(const datagram& datagram, const port_record* receiver);
+
+    // Call it before the datagram leaves `sender`. A null sender means the SA.
+    void observe_send(datagram& datagram, const port_record* sender)
+    {
+        datagram.number = ++sent_count_;
+        if (observer_) report_send(datagram, sender);
+    }
+    void observe_arrival(const datagram& datagram, const port_record* receiver)
+    {
+        if (observer_) report_arrival(datagram, receiver);
+    }
+    void report_send(const datagram& datagram, const port_record* sender);
+    void report_arrival(const datagram& datagram, const port_record* receiver);
     uint64_t due_tick(datagram& datagram, uint64_t now_ticks);
     void count_arrival(const datagram& datagram);
     bool is_send_refused();
