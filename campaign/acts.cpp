@@ -23,13 +23,13 @@ constexpr uint16_t spare_lids = 0x1000; // no port has this LID or a higher one,
 question& new_question(node& node, std::optional<uint32_t> act_kind)
 {
     ++node.fabric.counts.questions;
-    return node.questions.emplace_back(question{.asker = node, .act_kind = act_kind, .begun_tick = node.fabric.now()});
+    return node.questions.emplace_back(question{.asker = node, .act_kind = act_kind, .begin_tick = node.fabric.now()});
 }
 
 // Returns an address that some host has or had. Sometimes returns one that no host ever had.
 uint32_t any_address(tested_fabric& fabric, uint32_t a)
 {
-    const std::vector<uint32_t>& addresses = fabric.nodes[a % fabric.nodes.size()].addresses_given;
+    const std::vector<uint32_t>& addresses = fabric.nodes[a % fabric.nodes.size()].given_addresses;
     return a % 16 == 0 ? 0x0100000Au + a : addresses[(a >> 8) % addresses.size()];
 }
 
@@ -173,7 +173,7 @@ void verify_period(tested_fabric& fabric, const act& act)
 void expect_truth_soon(node& node)
 {
     node.disturbed_tick = node.fabric.now();
-    node.start("check", [&node, acted_tick = node.fabric.now()] { check_promptly(node, acted_tick); });
+    node.start("check", [&node, act_tick = node.fabric.now()] { check_promptly(node, act_tick); });
 }
 
 // Writes a line to the control file. Returns true if the module logged no failure.
@@ -221,12 +221,12 @@ void rename(tested_fabric& fabric, const act& act)
     node& node = fabric.node_of(act);
     node.start("rename", [&node, act] {
         const std::string name = node.next_name(act.b);
-        const uint64_t began_tick = node.fabric.now();
+        const uint64_t begin_tick = node.fabric.now();
         node.change_identity([&] { return node.fabric.mark(act, give_name(node, name, act.a)); },
                              [&] {
                                  node.name = name;
-                                 node.name_is_certain = true;
-                                 node.name_tick = began_tick;
+                                 node.is_name_certain = true;
+                                 node.name_tick = begin_tick;
                              });
         expect_truth_soon(node);
     });
@@ -240,7 +240,7 @@ void readdress(tested_fabric& fabric, const act& act)
         node.change_identity([&] { return node.fabric.mark(act, give_address(node, ip, act.a)); },
                              [&] {
                                  node.address.assign(node.hcas.size(), ip);
-                                 node.address_is_certain = true;
+                                 node.is_address_certain = true;
                              });
         expect_truth_soon(node);
     });

@@ -47,9 +47,9 @@ std::string content_of(const embedded::service_record_view& record)
 bool is_excused(node& node, const flaw& flaw)
 {
     const bool was_harmed =
-        !node.fabric.network.quiet_since(node.name_tick) || !node.harm().quiet_since(node.name_tick);
+        !node.fabric.network.was_quiet_since(node.name_tick) || !node.harm().was_quiet_since(node.name_tick);
     return (flaw.possible_excuse == excuse::harm_since_named && was_harmed) ||
-           (flaw.possible_excuse == excuse::false_record && (node.fabric.network.ever || node.may_be_misread));
+           (flaw.possible_excuse == excuse::false_record && (node.fabric.network.has_done_harm || node.may_be_misread));
 }
 
 // Returns true if every byte of the record is as a host registers it.
@@ -75,19 +75,19 @@ flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& 
                 excuse::none,
                 {ipv4 + ", which the host reports for " + gid, "the SA's record: " + content_of(view)}};
     const std::string given_address = world::format_ipv4(node.address[hca]);
-    if (node.address_is_certain && ipv4 != given_address)
+    if (node.is_address_certain && ipv4 != given_address)
         return {"the host has the address " + ipv4 + ", not " + given_address,
                 excuse::none,
                 {given_address + ", which was given to the host last", "the host's report: " + ipv4}};
-    if (std::ranges::find(node.addresses_given, *world::parse_ipv4(view.ipv4)) == node.addresses_given.end())
+    if (std::ranges::find(node.given_addresses, *world::parse_ipv4(view.ipv4)) == node.given_addresses.end())
         return {"nobody gave the address " + view.ipv4};
     if (view.p_key != node.hcas[hca]->read_port(1).p_keys[0] || !is_as_registered(*record))
         return {"the record of " + gid + " has a wrong P_Key or a wrong constant field", excuse::false_record};
-    if (node.name_is_certain && view.host_name != node.name.substr(0, 30))
+    if (node.is_name_certain && view.host_name != node.name.substr(0, 30))
         return {gid + " has the name " + view.host_name + ", not " + node.name,
                 excuse::harm_since_named,
                 {"the name " + node.name.substr(0, 30), "the SA's record: " + content_of(view)}};
-    if (std::ranges::find(node.names_given, view.host_name) == node.names_given.end())
+    if (std::ranges::find(node.given_names, view.host_name) == node.given_names.end())
         return {"nobody gave the name " + view.host_name, excuse::false_record};
     return {};
 }
@@ -146,13 +146,14 @@ findings examine(node& node, scope scope)
 // Brings all links up and waits until the tasks of all acts have ended.
 void end_faults(tested_fabric& fabric)
 {
-    const bool queries_may_have_failed = std::ranges::any_of(fabric.nodes, [](node& each) { return each.harm().ever; });
+    const bool queries_may_have_failed =
+        std::ranges::any_of(fabric.nodes, [](node& each) { return each.harm().has_done_harm; });
     for (node& each : fabric.nodes)
         for (fabric::hca* hca : each.hcas)
             for (int port = 1; port <= hca->port_count(); ++port)
                 (void)fabric.subnet.link_up(each.host.name(), hca->name(), port);
     // If the query of a port failed, the service reads it again only at its next event.
-    if (queries_may_have_failed || fabric.network.ever) (void)fabric.subnet.set_sm(0x2FFF, 0);
+    if (queries_may_have_failed || fabric.network.has_done_harm) (void)fabric.subnet.set_sm(0x2FFF, 0);
     fabric.simulation->run_for(calm_ticks);
     for (node& each : fabric.nodes) {
         each.reap();
@@ -217,7 +218,7 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
             if (to_forget) to_forget->push_back(record.gid);
             continue;
         }
-        if (!to_forget || !(fabric.network.ever || owner.harm().ever || owner.may_have_left_records))
+        if (!to_forget || !(fabric.network.has_done_harm || owner.harm().has_done_harm || owner.may_have_left_records))
             fabric.violate(
                 "the SA still holds a record of " + record.gid + ", " + record.host_name,
                 {"no record of " + record.gid + ", or a right one", "the SA's record: " + content_of(record)});
@@ -237,7 +238,7 @@ void forget(tested_fabric& fabric, const std::vector<std::string>& gids)
 const question& ask_and_wait(node& node, const std::function<void(question&)>& ask)
 {
     auto& question = node.questions.emplace_back(
-        campaign::question{.asker = node, .act_kind = std::nullopt, .begun_tick = node.fabric.now()});
+        campaign::question{.asker = node, .act_kind = std::nullopt, .begin_tick = node.fabric.now()});
     node.machine().enter("ask", [&] { ask(question); });
     const uint64_t deadline_tick = node.fabric.now() + answer_ticks;
     while (!question.is_settled() && node.fabric.now() < deadline_tick) node.fabric.simulation->run_for(1);
@@ -248,14 +249,14 @@ const question& ask_and_wait(node& node, const std::function<void(question&)>& a
 
 ibat_stat_t status_of(const question& question)
 {
-    return question.returned == ibat_stat_pending ? question.status : question.returned;
+    return question.return_status == ibat_stat_pending ? question.status : question.return_status;
 }
 
 // Returns true if the answer has an address or a GID. It has neither if the SA answers every request with status 0.
 bool has_answer(const question& question)
 {
     if (status_of(question) != ibat_stat_ok) return false;
-    return question.by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
+    return question.is_by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
 // Makes every live host look up some of the SA's records, by GID and by address. If two HCAs share an address, a lookup
@@ -274,24 +275,27 @@ void compare_lookups(tested_fabric& fabric)
             const uint32_t ip = *world::parse_ipv4(record.ipv4);
             const kq_gid_t gid = *world::parse_gid(record.gid);
             const bool is_shared = std::ranges::count(records, record.ipv4, &embedded::service_record_view::ipv4) > 1;
-            const question& by_ip = ask_and_wait(node, [&](question& question) { ask_for_gid(question, ip, true); });
-            if (!is_shared && (status_of(by_ip) != ibat_stat_ok || !(by_ip.gid == gid)))
+            const question& ip_question =
+                ask_and_wait(node, [&](question& question) { ask_for_gid(question, ip, true); });
+            if (!is_shared && (status_of(ip_question) != ibat_stat_ok || !(ip_question.gid == gid)))
                 fail(node,
-                     record.ipv4 + " is " + world::format_gid(by_ip.gid) + ", status " +
-                         std::to_string(status_of(by_ip)) + ", instead of " + record.gid,
-                     {record.gid, world::format_gid(by_ip.gid)});
-            const question& by_gid = ask_and_wait(node, [&](question& question) { ask_for_address(question, gid); });
+                     record.ipv4 + " is " + world::format_gid(ip_question.gid) + ", status " +
+                         std::to_string(status_of(ip_question)) + ", instead of " + record.gid,
+                     {record.gid, world::format_gid(ip_question.gid)});
+            const question& gid_question =
+                ask_and_wait(node, [&](question& question) { ask_for_address(question, gid); });
             const bool serves_ucm = node.machine().inter_modules.references("ucm_rarp_attach_fn") > 0;
-            if (serves_ucm && (status_of(by_gid) != ibat_stat_ok || by_gid.ip != ip))
+            if (serves_ucm && (status_of(gid_question) != ibat_stat_ok || gid_question.ip != ip))
                 fail(node,
-                     record.gid + " is " + world::format_ipv4(by_gid.ip) + ", status " +
-                         std::to_string(status_of(by_gid)) + ", instead of " + record.ipv4,
-                     {record.ipv4, world::format_ipv4(by_gid.ip)});
-            if (!fabric.plan.drawn.asks_for_paths) continue;
-            const question& by_path =
+                     record.gid + " is " + world::format_ipv4(gid_question.ip) + ", status " +
+                         std::to_string(status_of(gid_question)) + ", instead of " + record.ipv4,
+                     {record.ipv4, world::format_ipv4(gid_question.ip)});
+            if (!fabric.plan.drawn_options.asks_for_paths) continue;
+            const question& path_question =
                 ask_and_wait(node, [&](question& question) { ask_for_path(question, gid, true); });
-            if (status_of(by_path) != ibat_stat_ok)
-                fail(node, "it finds no path to " + record.gid + ", status " + std::to_string(status_of(by_path)));
+            if (status_of(path_question) != ibat_stat_ok)
+                fail(node,
+                     "it finds no path to " + record.gid + ", status " + std::to_string(status_of(path_question)));
         }
     }
 }
@@ -321,36 +325,36 @@ void settle_questions(tested_fabric& fabric)
 {
     for (node& node : fabric.nodes)
         for (const question& each : node.questions) {
-            if (each.returned == ibat_stat_pending && !each.is_closed && each.replies == 0)
-                fail(node, "a question of tick " + std::to_string(each.begun_tick) + " was never answered",
+            if (each.return_status == ibat_stat_pending && !each.is_closed && each.replies == 0)
+                fail(node, "a question of tick " + std::to_string(each.begin_tick) + " was never answered",
                      {"one answer", "none"});
-            const bool may_reply =
-                each.returned == ibat_stat_pending || (each.of_service && each.returned == ibat_stat_error);
+            const bool may_reply = each.return_status == ibat_stat_pending ||
+                                   (each.is_of_service && each.return_status == ibat_stat_error);
             if (!may_reply && each.replies > 0) fail(node, "a question that was settled at once was answered again");
             if (each.act_kind && has_answer(each)) ++fabric.counts.marks[*each.act_kind];
         }
 }
 
 // Returns true if the act of this tick is the only recent disturbance of the host.
-bool is_undisturbed(node& node, uint64_t acted_tick)
+bool is_undisturbed(node& node, uint64_t act_tick)
 {
     // Two verifications repair the effects of earlier faults. If so much time has passed, only later faults matter.
     const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
-    const bool has_recovered = acted_tick > recovery_ticks && !node.may_not_verify;
-    const uint64_t quiet_tick = has_recovered ? acted_tick - recovery_ticks : 0;
-    return node.disturbed_tick <= acted_tick && !node.is_changing() && node.is_live() && !node.may_be_misread &&
-           node.fabric.network.quiet_since(quiet_tick) && node.harm().quiet_since(quiet_tick);
+    const bool has_recovered = act_tick > recovery_ticks && !node.may_not_verify;
+    const uint64_t quiet_tick = has_recovered ? act_tick - recovery_ticks : 0;
+    return node.disturbed_tick <= act_tick && !node.is_changing() && node.is_live() && !node.may_be_misread &&
+           node.fabric.network.was_quiet_since(quiet_tick) && node.harm().was_quiet_since(quiet_tick);
 }
 
 } // namespace
 
-void check_promptly(node& node, uint64_t acted_tick)
+void check_promptly(node& node, uint64_t act_tick)
 {
     schedule_timeout_uninterruptible(soon_ticks);
-    if (!is_undisturbed(node, acted_tick)) return;
+    if (!is_undisturbed(node, act_tick)) return;
     for (const flaw& flaw : examine(node, scope::healthy_hcas).flaws)
         if (!is_excused(node, flaw))
-            fail(node, "it changed at tick " + std::to_string(acted_tick) + ", but " + flaw.text, flaw.mismatch);
+            fail(node, "it changed at tick " + std::to_string(act_tick) + ", but " + flaw.text, flaw.mismatch);
 }
 
 void check_in_spite_of_cuts(node& node, const act& act)
@@ -363,7 +367,7 @@ void check_in_spite_of_cuts(node& node, const act& act)
         return is_undisturbed(each, quiet_tick) && !each.is_cut_off() && each.has_link(0);
     };
     const auto has_one_address = [](const campaign::node& each) {
-        return each.address_is_certain && each.hcas.size() == 1;
+        return each.is_address_certain && each.hcas.size() == 1;
     };
     const auto other = std::ranges::find_if(fabric.nodes, [&](campaign::node& each) {
         return &each != &node && is_healthy(each) && has_one_address(each);
@@ -371,7 +375,7 @@ void check_in_spite_of_cuts(node& node, const act& act)
     if (other == fabric.nodes.end() || !is_healthy(node) || !node.machine().modules.is_loaded("ibat")) return;
     const uint32_t ip = other->address[0];
     question& question = node.questions.emplace_back(
-        campaign::question{.asker = node, .act_kind = std::nullopt, .begun_tick = fabric.now()});
+        campaign::question{.asker = node, .act_kind = std::nullopt, .begin_tick = fabric.now()});
     ++fabric.counts.questions;
     ask_for_gid(question, ip, true);
     schedule_timeout_uninterruptible(answer_ticks);

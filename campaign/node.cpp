@@ -100,36 +100,36 @@ void node::reap()
 
 uint32_t node::next_address()
 {
-    assert(number < UINT8_MAX && addresses_made_ <= UINT16_MAX); // otherwise two hosts would get one address
-    const uint32_t version = addresses_made_++;
+    assert(number < UINT8_MAX && address_count_ <= UINT16_MAX); // otherwise two hosts would get one address
+    const uint32_t version = address_count_++;
     const uint8_t octets[] = {10, static_cast<uint8_t>(number + 1), static_cast<uint8_t>(version >> 8),
                               static_cast<uint8_t>(version)};
     uint32_t ip;
     memcpy(&ip, octets, sizeof ip);
-    addresses_given.push_back(ip);
+    given_addresses.push_back(ip);
     return ip;
 }
 
 // A quarter of the names have 30 or 40 characters. A record has space for 30.
 std::string node::next_name(uint32_t random)
 {
-    std::string next = host.name() + "-" + std::to_string(names_made_++);
+    std::string next = host.name() + "-" + std::to_string(name_count_++);
     if (random % 8 < 2) next.resize(random % 8 == 0 ? 30 : 40, 'x');
-    names_given.push_back(next.substr(0, 30));
+    given_names.push_back(next.substr(0, 30));
     return next;
 }
 
 void node::change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain)
 {
-    const bool is_alone = changes_running_++ == 0;
-    const uint64_t change_number = ++changes_begun_;
+    const bool is_alone = running_changes_++ == 0;
+    const uint64_t change_number = ++change_count_;
     const uint64_t begin_tick = fabric.now();
-    name_is_certain = address_is_certain = false;
+    is_name_certain = is_address_certain = false;
     const bool succeeded = change();
-    assert(changes_running_ > 0);
-    --changes_running_;
-    const bool stayed_alone = is_alone && changes_begun_ == change_number;
-    if (succeeded && stayed_alone && fabric.network.quiet_since(begin_tick) && harm().quiet_since(begin_tick))
+    assert(running_changes_ > 0);
+    --running_changes_;
+    const bool stayed_alone = is_alone && change_count_ == change_number;
+    if (succeeded && stayed_alone && fabric.network.was_quiet_since(begin_tick) && harm().was_quiet_since(begin_tick))
         on_certain();
     disturbed_tick = fabric.now();
 }
@@ -188,7 +188,7 @@ bool node::load(const std::string& module)
         },
         [&] {
             std::ranges::fill(address, ip);
-            name_is_certain = address_is_certain = true;
+            is_name_certain = is_address_certain = true;
             name_tick = fabric.now();
         });
     return is_loaded;
@@ -207,7 +207,7 @@ bool node::unload(const std::string& module)
     if (!machine().modules.rmmod(module)) return false;
     if (module == "ats" && !(was_settled && is_settled())) may_have_left_records = true;
     for (question& each : questions)
-        if (module == "ats" && each.of_service)
+        if (module == "ats" && each.is_of_service)
             each.is_closed = true; // if it is still open, it is dropped without a callback
     disturbed_tick = fabric.now();
     return true;

@@ -73,7 +73,7 @@ struct node {
     bool is_cut_off(size_t hca) const { return std::ranges::find(cut_ports, hca, &port_name::hca) != cut_ports.end(); }
     bool is_cut_off() const { return !cut_ports.empty(); }
 
-    bool is_changing() const { return changes_running_ > 0; }
+    bool is_changing() const { return running_changes_ > 0; }
     bool has_tasks() const { return !tasks_.empty(); }
 
     tested_fabric& fabric;
@@ -87,12 +87,12 @@ struct node {
     // The name and the addresses (one for each HCA) that the host should register. If a value is not certain, the host
     // may register any value that it ever got.
     std::string name;
-    bool name_is_certain = true;
+    bool is_name_certain = true;
     uint64_t name_tick = 0;
     std::vector<uint32_t> address;
-    bool address_is_certain = true;
-    std::vector<std::string> names_given;
-    std::vector<uint32_t> addresses_given;
+    bool is_address_certain = true;
+    std::vector<std::string> given_names;
+    std::vector<uint32_t> given_addresses;
 
     harm_watch& harm() const { return *harm_; }
     struct port_name {
@@ -118,10 +118,10 @@ struct node {
     };
     std::deque<std::unique_ptr<running_task>> tasks_;
     std::unique_ptr<harm_watch> harm_;
-    int changes_running_ = 0;
-    uint64_t changes_begun_ = 0;
-    uint32_t addresses_made_ = 0;
-    uint32_t names_made_ = 0;
+    int running_changes_ = 0;
+    uint64_t change_count_ = 0;
+    uint32_t address_count_ = 0;
+    uint32_t name_count_ = 0;
     std::optional<act> verification_act_; // waits for a report with verification_
     console::json verification_;
     std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent its last request

@@ -41,7 +41,7 @@ ats::result<> draw(const std::string& path, const plan& plan, const std::vector<
     const ats::result<recording::cut_recording> cut =
         recording::cut(recording::text_of_file(file.get()), {.keeps_end = !result->complaint.empty()});
     if (!cut) return ats::pass_on(cut);
-    recording::add_window(about, cut->shown);
+    recording::add_window(about, cut->shown_window);
     return recording::write_page(path, about, cut->lines);
 }
 

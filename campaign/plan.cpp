@@ -190,15 +190,15 @@ plan draw_plan(uint64_t seed, const plan_options& options)
               .priorities = {},
               .has_plain_order = false,
               .changes = {},
-              .drawn = options};
+              .drawn_options = options};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);
     size_t count = 50 + dice.below(50 + 20 * plan.hosts.size());
     weights weights = weights_of(options);
     if (options.is_swarm) {
         for (const plan_option& each : plan_option_table)
-            if (dice.one_in(2)) plan.drawn.*each.member = true;
-        weights = weights_of(plan.drawn);
+            if (dice.one_in(2)) plan.drawn_options.*each.member = true;
+        weights = weights_of(plan.drawn_options);
         draw_swarm(dice, weights);
         count = count * (1 + dice.below(8)) / 4;
     }
@@ -210,8 +210,8 @@ plan draw_plan(uint64_t seed, const plan_options& options)
         next.end_tick = std::min(next.begin_tick + ticks, plan.faults_end_tick);
         plan.acts.push_back(next);
     }
-    if (plan.drawn.has_priorities) plan.priorities = draw_priorities(seed);
-    if (plan.drawn.has_unhealed_faults) add_unhealed_faults(plan);
+    if (plan.drawn_options.has_priorities) plan.priorities = draw_priorities(seed);
+    if (plan.drawn_options.has_unhealed_faults) add_unhealed_faults(plan);
     std::ranges::stable_sort(plan.acts, {}, &act::begin_tick);
     return plan;
 }

@@ -98,7 +98,7 @@ struct plan {
     std::optional<exec::priority_options> priorities;
     bool has_plain_order = false;
     std::vector<std::string> changes; // that were made to the plan of the seed, see simplify.h
-    plan_options drawn;               // the options that the run uses; a swarm adds some to `options`
+    plan_options drawn_options;       // the options that the run uses; a swarm adds some to `options`
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);

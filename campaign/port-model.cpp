@@ -28,9 +28,9 @@ int number_after(const std::string& line, std::string_view text)
 
 } // namespace
 
-std::string port_model::check_line(const exec::task& task, const std::string& line, bool link_is_stable)
+std::string port_model::check_line(const exec::task& task, const std::string& line, bool is_link_stable)
 {
-    link_is_stable_ = link_is_stable;
+    is_link_stable_ = is_link_stable;
     if (contains(line, "LOGGER: Added key")) {
         *this = port_model(event_task_.substr(0, event_task_.find(' ')), ports_, gids_);
         is_on_ = true;
@@ -52,7 +52,7 @@ std::string port_model::check_event_line(const std::string& line)
     } else if (const int port = port_after("Received link_down <port:"); port > 0) {
         link_down(port);
     } else if (contains(line, "() failed <")) {
-        refresh_failed_ = true;
+        has_refresh_failed_ = true;
         // The service reads the P_Keys last, so it already has the GID when this call fails.
         if (contains(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
             known_gids_[event_port_ - 1] = gids_[event_port_ - 1];
@@ -64,8 +64,8 @@ std::string port_model::check_event_line(const std::string& line)
     } else if (const size_t position = line.find(set_result); position != std::string::npos) {
         return end_registration(line.substr(position + set_result.size()));
     } else if (contains(line, "release the sem")) {
-        if (must_choose_ && !refresh_failed_) return "no port became active, although one is up";
-        must_choose_ = refresh_failed_ = false;
+        if (must_choose_ && !has_refresh_failed_) return "no port became active, although one is up";
+        must_choose_ = has_refresh_failed_ = false;
     }
     return "";
 }
@@ -92,7 +92,7 @@ void port_model::link_down(int port)
 
 std::string port_model::make_active(int port)
 {
-    if (!must_choose_ || refresh_failed_ || active_port_ != 0 || port != lowest_port_up())
+    if (!must_choose_ || has_refresh_failed_ || active_port_ != 0 || port != lowest_port_up())
         return "port " + std::to_string(port) + " became active, against the rules";
     must_choose_ = false;
     is_registering_ = true;
@@ -106,7 +106,7 @@ std::string port_model::end_registration(const std::string& result)
 {
     is_registering_ = false;
     const bool was_sent = result == "0";
-    const bool is_missing = was_sent && sets_ == 0 && link_is_stable_; // while the link is down, no request can be seen
+    const bool is_missing = was_sent && sets_ == 0 && is_link_stable_; // while the link is down, no request can be seen
     if (sets_ > (was_sent ? 1 : 0) || is_missing)
         return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;
     if (deletes_ > max_deletes) return "a registration sent " + std::to_string(deletes_) + " Deletes";

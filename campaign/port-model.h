@@ -25,8 +25,8 @@ class port_model
     }
 
     // Each function returns the fault that it found, or an empty text. `task` logged the line or sent the request.
-    // `link_is_stable` means that no link has changed recently.
-    std::string check_line(const exec::task& task, const std::string& line, bool link_is_stable);
+    // `is_link_stable` means that no link has changed recently.
+    std::string check_line(const exec::task& task, const std::string& line, bool is_link_stable);
     std::string check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
 
     // Compares one of the "hcas" of console::parse_control_report with the model.
@@ -49,13 +49,13 @@ class port_model
     std::array<port_state, 2> states_{};
     std::array<fabric::gid_bytes, 2> known_gids_{}; // the GIDs that the service has read last
     int active_port_ = 0;                           // 0 if none
-    bool link_is_stable_ = false;
+    bool is_link_stable_ = false;
     fabric::gid_bytes registered_gid_{}; // the next Delete names it
 
     // The state of the event that is being handled.
     int event_port_ = 0;
     bool must_choose_ = false;
-    bool refresh_failed_ = false;
+    bool has_refresh_failed_ = false;
     bool is_registering_ = false;
     int deletes_ = 0;
     int sets_ = 0;

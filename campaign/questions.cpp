@@ -63,7 +63,7 @@ void check_found_path(const question& question, const ibat_arp_data_t& record)
         fabric.violate(subject + " is not that of the subnet: it leads from LID " + std::to_string(path.slid) + ", " +
                        world::format_gid(path.sgid) + " at port " + std::to_string(record.local_port_num) + " to LID " +
                        std::to_string(path.dlid));
-    if (source->state != fabric::link_state::active && is_settled(fabric, source->host_name, question.begun_tick))
+    if (source->state != fabric::link_state::active && is_settled(fabric, source->host_name, question.begin_tick))
         fabric.violate(subject + " begins at port " + std::to_string(source->port) + ", which is down");
 }
 
@@ -72,9 +72,9 @@ void check_path(const question& question, ibat_stat_t status, const ibat_arp_dat
 {
     node& asker = question.asker;
     tested_fabric& fabric = asker.fabric;
-    const uint64_t quiet_tick = question.begun_tick > harm_lasts_ticks ? question.begun_tick - harm_lasts_ticks : 0;
-    const bool is_quiet = fabric.network.quiet_since(quiet_tick) && asker.harm().quiet_since(quiet_tick) &&
-                          asker.disturbed_tick + event_ticks < question.begun_tick && !asker.is_cut_off();
+    const uint64_t quiet_tick = question.begin_tick > harm_lasts_ticks ? question.begin_tick - harm_lasts_ticks : 0;
+    const bool is_quiet = fabric.network.was_quiet_since(quiet_tick) && asker.harm().was_quiet_since(quiet_tick) &&
+                          asker.disturbed_tick + event_ticks < question.begin_tick && !asker.is_cut_off();
     const bool may_be_corrupt = fabric.subnet.effects().arrived_corrupted > 0 && !(question.is_fresh && is_quiet);
     if (status == ibat_stat_ok) {
         if (may_be_corrupt) return;
@@ -84,7 +84,7 @@ void check_path(const question& question, ibat_stat_t status, const ibat_arp_dat
     if (!is_quiet || status == ibat_stat_error || !asker.has_link(0)) return; // error means that IBAT is unloaded
     const auto destination = port_with(fabric, question.destination);
     const bool is_true_absence =
-        !is_active(destination) || !is_settled(fabric, destination->host_name, question.begun_tick);
+        !is_active(destination) || !is_settled(fabric, destination->host_name, question.begin_tick);
     ++fabric.counts.truths;
     if (status == ibat_stat_no_path && is_true_absence) return;
     fabric.violate(asker.host.name() + ": the path to " + world::format_gid(question.destination) +
@@ -93,20 +93,20 @@ void check_path(const question& question, ibat_stat_t status, const ibat_arp_dat
 
 } // namespace
 
-void question::answered(ibat_stat_t status, ibat_arp_data_t* record, void* self)
+void question::take_answer(ibat_stat_t status, ibat_arp_data_t* record, void* self)
 {
     question& question = *static_cast<campaign::question*>(self);
     tested_fabric& fabric = question.asker.fabric;
-    const uint64_t elapsed_ticks = fabric.now() - question.begun_tick;
+    const uint64_t elapsed_ticks = fabric.now() - question.begin_tick;
     const std::string subject = question.asker.host.name() + ": a question ";
     if (question.replies++ > 0) fabric.violate(subject + "was answered twice");
     if (question.is_closed) fabric.violate(subject + "was answered after it had been withdrawn");
     if (exec::current_task()->spin_locks > 0) fabric.violate(subject + "was answered under a lock");
-    if (question.of_service && status == ibat_stat_timeout && elapsed_ticks < shortest_wait_ticks)
+    if (question.is_of_service && status == ibat_stat_timeout && elapsed_ticks < shortest_wait_ticks)
         fabric.violate(subject + "timed out after " + std::to_string(elapsed_ticks) + " ticks");
-    if (elapsed_ticks >= (question.of_service ? longest_wait_ticks : longest_wait_for_peers_ticks))
+    if (elapsed_ticks >= (question.is_of_service ? longest_wait_ticks : longest_wait_for_peers_ticks))
         fabric.violate(subject + "was answered too late, after " + std::to_string(elapsed_ticks) + " ticks");
-    if (question.by_path) check_path(question, status, *record);
+    if (question.is_by_path) check_path(question, status, *record);
     question.status = status;
     if (record) question.ip = record->dst_ip;
     if (record) question.gid = record->gid;
@@ -119,22 +119,22 @@ void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache)
     ibat_arp_data_t record{};
     if (bypasses_cache) {
         if (const world::published<ibat_refresh_fn_t> refresh(machine, "ibat_refresh_fn"); refresh)
-            question.returned = (*refresh)(ip, question::answered, &question);
+            question.return_status = (*refresh)(ip, question::take_answer, &question);
     } else if (const world::published<ibat_get_ib_data_fn_t> get(machine, "ibat_get_ib_data_fn"); get) {
-        question.returned = (*get)(ip, &record, question::answered, &question);
-        if (question.returned == ibat_stat_ok) question.gid = record.gid;
+        question.return_status = (*get)(ip, &record, question::take_answer, &question);
+        if (question.return_status == ibat_stat_ok) question.gid = record.gid;
     }
 }
 
 void ask_for_address(question& question, const kq_gid_t& gid)
 {
     node& node = question.asker;
-    question.by_gid = true;
+    question.is_by_gid = true;
     if (node.ucm) return node.ucm->ask(question, gid);
     const world::published<ucm_get_ip_fn_t> get(node.machine(), "ucm_get_ip_fn");
     ibat_arp_data_t record{};
-    if (get) question.returned = (*get)(&gid, &record, question::answered, &question);
-    if (question.returned == ibat_stat_ok) question.ip = record.dst_ip;
+    if (get) question.return_status = (*get)(&gid, &record, question::take_answer, &question);
+    if (question.return_status == ibat_stat_ok) question.ip = record.dst_ip;
 }
 
 void ask_for_path(question& question, const kq_gid_t& gid, bool bypasses_cache)
@@ -143,23 +143,23 @@ void ask_for_path(question& question, const kq_gid_t& gid, bool bypasses_cache)
     const world::published<ibat_get_path_fn_t> get(machine, "ibat_get_path_fn");
     const world::published<ibat_refresh_path_fn_t> refresh(machine, "ibat_refresh_path_fn");
     if (!get || !refresh) return;
-    question.by_path = true;
+    question.is_by_path = true;
     question.is_fresh = bypasses_cache;
     question.destination = gid;
     ibat_arp_data_t record{};
-    question.returned = bypasses_cache ? (*refresh)(&gid, question::answered, &question)
-                                       : (*get)(&gid, &record, question::answered, &question);
-    if (question.returned != ibat_stat_pending) check_path(question, question.returned, record);
-    if (question.returned == ibat_stat_ok) question.gid = record.gid;
+    question.return_status = bypasses_cache ? (*refresh)(&gid, question::take_answer, &question)
+                                            : (*get)(&gid, &record, question::take_answer, &question);
+    if (question.return_status != ibat_stat_pending) check_path(question, question.return_status, record);
+    if (question.return_status == ibat_stat_ok) question.gid = record.gid;
 }
 
 bool withdraw(question& question)
 {
-    const char* const cancel_of_address = question.by_gid ? "ucm_cancel_fn" : "ibat_cancel_fn";
+    const char* const cancel_of_address = question.is_by_gid ? "ucm_cancel_fn" : "ibat_cancel_fn";
     const world::published<ibat_cancel_fn_t> cancel(question.asker.machine(),
-                                                    question.by_path ? "ibat_cancel_path_fn" : cancel_of_address);
-    if (!cancel || question.of_service) return false;
-    const bool was_open = (*cancel)(question::answered, &question) > 0;
+                                                    question.is_by_path ? "ibat_cancel_path_fn" : cancel_of_address);
+    if (!cancel || question.is_of_service) return false;
+    const bool was_open = (*cancel)(question::take_answer, &question) > 0;
     question.is_closed = true;
     return was_open;
 }
@@ -183,11 +183,11 @@ void watching_ucm::ask(question& question, const kq_gid_t& gid)
     if (!send_rarp_) return;
     ibat_arp_data_t query{};
     query.gid = gid;
-    question.of_service = true;
-    ++calls_running_;
-    question.returned = send_rarp_(&query, question::answered, &question, provider_context_);
-    --calls_running_;
-    if (question.returned == ibat_stat_ok) question.ip = query.dst_ip;
+    question.is_of_service = true;
+    ++running_calls_;
+    question.return_status = send_rarp_(&query, question::take_answer, &question, provider_context_);
+    --running_calls_;
+    if (question.return_status == ibat_stat_ok) question.ip = query.dst_ip;
 }
 
 ucm_stat_t watching_ucm::attach(send_rarp_fn_t send_rarp, void* provider_context, void** handle)
@@ -206,7 +206,7 @@ ucm_stat_t watching_ucm::detach(void* handle)
     if (handle != &self || !self.send_rarp_)
         self.node_.fabric.violate(self.node_.host.name() + ": a detach from UCM without an attach");
     self.send_rarp_ = nullptr;
-    while (self.calls_running_ > 0) schedule_timeout_uninterruptible(1);
+    while (self.running_calls_ > 0) schedule_timeout_uninterruptible(1);
     return ucm_stat_ok;
 }
 

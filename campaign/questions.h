@@ -22,21 +22,21 @@ struct node;
 struct question {
     node& asker;
     std::optional<uint32_t> act_kind; // the answer is an effect of this kind of act
-    bool by_gid = false;              // it asks for the address of a GID; otherwise for the GID of an address
-    bool of_service = false;          // it was sent to the service itself, whose time limits are exact to the tick
-    uint64_t begun_tick = 0;
-    ibat_stat_t returned = ibat_stat_error;
+    bool is_by_gid = false;           // it asks for the address of a GID; otherwise for the GID of an address
+    bool is_of_service = false;       // it was sent to the service itself, whose time limits are exact to the tick
+    uint64_t begin_tick = 0;
+    ibat_stat_t return_status = ibat_stat_error;
     int replies = 0;
     ibat_stat_t status = ibat_stat_pending;
     uint32_t ip = 0;
     kq_gid_t gid{};
-    bool by_path = false;  // it asks for the path to `destination`
-    bool is_fresh = false; // for a path: the SA was asked
+    bool is_by_path = false; // it asks for the path to `destination`
+    bool is_fresh = false;   // for a path: the SA was asked
     kq_gid_t destination{};
     bool is_closed = false; // no more callbacks may follow
 
-    static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* self);
-    bool is_settled() const { return returned != ibat_stat_pending || replies > 0 || is_closed; }
+    static void take_answer(ibat_stat_t status, ibat_arp_data_t* record, void* self);
+    bool is_settled() const { return return_status != ibat_stat_pending || replies > 0 || is_closed; }
 };
 
 // These functions ask and return without waiting for the answer. The caller is a task of the host that may sleep.
@@ -64,7 +64,7 @@ class watching_ucm
     node& node_;
     send_rarp_fn_t send_rarp_ = nullptr;
     void* provider_context_ = nullptr;
-    int calls_running_ = 0;
+    int running_calls_ = 0;
 };
 
 } // namespace campaign

@@ -30,23 +30,23 @@ constexpr uint64_t harm_lasts_ticks = 500;
 
 // Records the times at which acts harmed a host or the network.
 struct harm_watch {
-    int acts_running = 0;
+    int running_acts = 0;
     uint64_t last_tick = 0;
-    bool ever = false; // an act has done harm
+    bool has_done_harm = false;
 
     void begin()
     {
-        ++acts_running;
-        ever = true;
+        ++running_acts;
+        has_done_harm = true;
     }
     void end(uint64_t now_ticks)
     {
-        assert(acts_running > 0);
-        --acts_running;
+        assert(running_acts > 0);
+        --running_acts;
         last_tick = now_ticks;
     }
     // Returns true if no harmful act is running, and the effects of earlier acts ended before this tick.
-    bool quiet_since(uint64_t tick) const { return acts_running == 0 && (!ever || last_tick < tick); }
+    bool was_quiet_since(uint64_t tick) const { return running_acts == 0 && (!has_done_harm || last_tick < tick); }
 };
 
 // The expected and the actual state, for the picture of a violation. Both are empty if the text of the fault contains
@@ -112,7 +112,7 @@ struct tested_fabric {
 
 // A task of the host calls this immediately after a change. It waits until the change must have reached the SA. If
 // nothing else disturbed the host, its records must then be right.
-void check_promptly(node& node, uint64_t acted_tick);
+void check_promptly(node& node, uint64_t act_tick);
 
 // A task of the host calls this when a host is cut off for good. It waits for two verifications. If nothing else
 // disturbed the host, its records must then be right, and it must find another healthy host.

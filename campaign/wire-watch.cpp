@@ -65,7 +65,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     const uint8_t method = mad.hdr.m.method;
     const std::string host_name = node.host.name();
     fabric_.note(host_name, "sends method " + std::to_string(method) + " from LID " + std::to_string(source_lid));
-    if (fabric_.plan.drawn.asks_for_paths && is_of_paths(mad)) {
+    if (fabric_.plan.drawn_options.asks_for_paths && is_of_paths(mad)) {
         if (const std::string fault = fault_in_path_request(sender, mad); !fault.empty())
             fabric_.violate(host_name + ": " + fault);
         return;
@@ -102,8 +102,8 @@ std::string wire_watch::timing_fault_in(node& node, size_t hca, uint8_t method, 
 {
     uint64_t& delete_tick = delete_ticks_[exec::current_task()];
     if (method == MAD_METHOD_DELETE) delete_tick = now_ticks;
-    const bool is_answered_at_once = fabric_.network.quiet_since(now_ticks - harm_lasts_ticks) &&
-                                     node.harm().quiet_since(now_ticks - harm_lasts_ticks) &&
+    const bool is_answered_at_once = fabric_.network.was_quiet_since(now_ticks - harm_lasts_ticks) &&
+                                     node.harm().was_quiet_since(now_ticks - harm_lasts_ticks) &&
                                      now_ticks - node.disturbed_tick > harm_lasts_ticks && !node.may_be_misread &&
                                      !node.is_cut_off(hca);
     if (method != MAD_METHOD_SET || !node.is_changing() || delete_tick == 0 || !is_answered_at_once) return "";
@@ -129,7 +129,7 @@ std::string wire_watch::fault_in(const port_entry& sender, const sa_mad_v2_t& ma
     case MAD_METHOD_SET:
         if (mask != mask_of_set || from_wire(record.service_lease) != UINT32_MAX) return "a Set is not complete";
         // If a query of a port fails, the service registers it with the values that it has read so far.
-        if (fabric_.nodes[sender.node].harm().ever) return "";
+        if (fabric_.nodes[sender.node].harm().has_done_harm) return "";
         if (from_wire(record.service_pkey) != sender.p_key) return "the P_Key in a Set is not that of its port";
         if (memcmp(&record.service_gid, &sender.gid, sizeof sender.gid) != 0)
             return "the GID in a Set is not that of its port";

@@ -40,16 +40,16 @@ ats::result<int> replay(const replay_options& options)
     if (options.to_seconds > 0 && options.to_seconds <= options.from_seconds)
         return ats::fail(ats::error_kind::invalid, "--to must be later than --from");
     if (options.from_seconds > 0 || options.to_seconds > 0)
-        cut_options.wanted = {ticks_of(options.from_seconds),
-                              options.to_seconds > 0 ? ticks_of(options.to_seconds) : UINT64_MAX};
+        cut_options.selection = {ticks_of(options.from_seconds),
+                                 options.to_seconds > 0 ? ticks_of(options.to_seconds) : UINT64_MAX};
     const ats::result<recording::cut_recording> cut = recording::cut(lines.str(), cut_options);
     if (!cut) return ats::fail(cut.error().kind, options.recording + ", " + cut.error().text);
     nlohmann::ordered_json about = {{"title", "Recording " + options.recording}};
-    recording::add_window(about, cut->shown);
+    recording::add_window(about, cut->shown_window);
     if (const ats::result<> written = recording::write_page(options.html, about, cut->lines); !written)
         return ats::fail(ats::error_kind::invalid, written.error().text);
     std::printf("The picture is in %s: open it in a browser.\n", options.html.c_str());
-    if (cut->shown) std::printf("It shows a part of the recording. Choose another part with --from and --to.\n");
+    if (cut->shown_window) std::printf("It shows a part of the recording. Choose another part with --from and --to.\n");
     return console::exit_ok;
 }
 

@@ -199,21 +199,21 @@ void notify_reloading()
 }
 
 // Reads the configuration again. If it has an error, nothing changes.
-void try_reload(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
+void try_reload(const run_options& options, world_config& current, running_hosts& hosts, const reload_calls& calls)
 {
     const ats::result<world_config> file = config_of(options);
     const auto warn = warnings_about("reload");
     if (!file) return warn("not reloaded, everything stays as it was: " + file.error().text);
     for (const std::string& warning : file->warnings) warn("warning: " + warning);
-    reload(hosts, running, *file, calls);
+    reload(hosts, current, *file, calls);
 }
 
 // Does the same, and handles a shortage: the service continues.
-void reload_config(const run_options& options, world_config& running, running_hosts& hosts, const reload_calls& calls)
+void reload_config(const run_options& options, world_config& current, running_hosts& hosts, const reload_calls& calls)
 {
     notify_reloading();
     try {
-        try_reload(options, running, hosts, calls);
+        try_reload(options, current, hosts, calls);
     } catch (const std::exception& error) {
         warnings_about("reload")(std::string("not reloaded any further: ") + error.what());
     }
@@ -248,7 +248,8 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
         .may_go_on = [&] { return !signals.is_stop_pending(); },
         .print = print_reload,
     };
-    while (signals.wait() == service_signals::told::reload) reload_config(options, config, hosts, reload_calls);
+    while (signals.wait() == service_signals::signal_meaning::reload)
+        reload_config(options, config, hosts, reload_calls);
     notify_service_manager("STOPPING=1");
     return {};
 }
@@ -267,15 +268,15 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     const ats::result<std::unique_ptr<running_hosts>> hosts =
         running_hosts::build(*config, options.modules, warn_of_host);
     if (!hosts) return ats::pass_on(hosts);
-    const ats::result<bool> started = start(**hosts, signals);
-    if (!started) return ats::pass_on(started);
-    if (!*started) {
+    const ats::result<bool> start_result = start(**hosts, signals);
+    if (!start_result) return ats::pass_on(start_result);
+    if (!*start_result) {
         console::print({.text = "stopped by a signal while hosts were starting"});
         signals.wait_for_stop();
         return unload(**hosts);
     }
-    const ats::result<> served = serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept), signals);
-    if (!served) return ats::pass_on(served);
+    const ats::result<> result = serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept), signals);
+    if (!result) return ats::pass_on(result);
     const int exit_code = unload(**hosts);
     if (!exec::reserve::is_used()) return exit_code;
     return ats::fail(ats::error_kind::no_memory,

@@ -38,7 +38,7 @@ void client::greet()
 }
 
 // Connects if there is no connection. While the service accepts no connections, waits without the mutex.
-ats_status_t client::connect(lock& held, clock::time_point deadline)
+ats_status_t client::connect(lock& guard, clock::time_point deadline)
 {
     constexpr int pause_milliseconds = 5;
     while (!connection_.is_open()) {
@@ -49,9 +49,9 @@ ats_status_t client::connect(lock& held, clock::time_point deadline)
             break;
         case connection::attempt::busy:
             if (clock::now() >= deadline) return failed(ATS_NO_ANSWER, "the service takes no connections");
-            held.unlock();
+            guard.unlock();
             poll(nullptr, 0, pause_milliseconds);
-            held.lock();
+            guard.lock();
             break;
         case connection::attempt::nobody:
             return failed(ATS_NOT_CONNECTED, error);
@@ -65,18 +65,18 @@ ats_status_t client::connect(lock& held, clock::time_point deadline)
 }
 
 // Waits while the service does not read the data sent before.
-ats_status_t client::drain_output(lock& held, clock::time_point deadline)
+ats_status_t client::drain_output(lock& guard, clock::time_point deadline)
 {
     const auto has_room = [&] { return connection_.unsent() < most_unsent_bytes; };
-    if (wait_until(held, deadline, has_room)) return ATS_OK;
+    if (wait_until(guard, deadline, has_room)) return ATS_OK;
     return failed(ATS_NO_ANSWER, "the service does not read its questions");
 }
 
 // Sends a question and marks it as outstanding. Gives up at `deadline` if the service does not read.
-ats_status_t client::send(lock& held, uint64_t id, question question, clock::time_point deadline)
+ats_status_t client::send(lock& guard, uint64_t id, question question, clock::time_point deadline)
 {
-    if (const ats_status_t status = connect(held, deadline); status != ATS_OK) return status;
-    if (const ats_status_t status = drain_output(held, deadline); status != ATS_OK) return status;
+    if (const ats_status_t status = connect(guard, deadline); status != ATS_OK) return status;
+    if (const ats_status_t status = drain_output(guard, deadline); status != ATS_OK) return status;
     const std::string line = question.line;
     if (question.kind == asker::submission) ++submissions_;
     outstanding_.add(id, std::move(question));
@@ -95,28 +95,28 @@ ats_status_t client::send(lock& held, uint64_t id, question question, clock::tim
 // ---- receiving ----
 
 template <class condition_t>
-bool client::wait_until(lock& held, clock::time_point deadline, condition_t is_reached)
+bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_reached)
 {
     while (!is_reached()) {
         if (clock::now() >= deadline) return false;
-        const auto until = std::min(deadline, outstanding_.first_deadline());
+        const auto wait_end = std::min(deadline, outstanding_.first_deadline());
         if (is_receiving_ || !connection_.is_open())
-            news_.wait_until(held, until);
+            news_.wait_until(guard, wait_end);
         else
-            receive(held, until);
+            receive(guard, wait_end);
         end_overdue();
     }
     return true;
 }
 
 // Waits for input. Only one thread at a time does this.
-void client::receive(lock& held, clock::time_point deadline)
+void client::receive(lock& guard, clock::time_point deadline)
 {
     const bool until_writable = connection_.unsent() > 0;
     is_receiving_ = true;
-    held.unlock();
+    guard.unlock();
     connection::outcome outcome = connection_.wait(deadline, until_writable);
-    held.lock();
+    guard.lock();
     is_receiving_ = false;
     if (!connection_.flush()) outcome = connection::outcome::gone;
     take_input(outcome);
@@ -255,11 +255,12 @@ void client::end(uint64_t id, const ats_answer_t& answer)
 ats_answer_t client::ask(const ats_options_t& options, const std::string& body)
 {
     const auto deadline = clock::now() + std::chrono::milliseconds(options.timeout_ms);
-    lock held(mutex_);
+    lock guard(mutex_);
     const uint64_t id = new_id();
-    const ats_status_t status = send(held, id, {asker::blocking_call, 0, deadline, line_of(body, id), false}, deadline);
+    const ats_status_t status =
+        send(guard, id, {asker::blocking_call, 0, deadline, line_of(body, id), false}, deadline);
     if (status != ATS_OK) return ended(status, last_error());
-    wait_until(held, deadline, [&] { return blocking_answers_.contains(id); });
+    wait_until(guard, deadline, [&] { return blocking_answers_.contains(id); });
     end(id, ended(ATS_NO_ANSWER, no_answer)); // if its deadline has passed
     const ats_answer_t answer = blocking_answers_.extract(id).mapped();
     watch();
@@ -269,25 +270,25 @@ ats_answer_t client::ask(const ats_options_t& options, const std::string& body)
 ats_status_t client::submit(const ats_options_t& options, uint64_t tag, const std::string& body)
 {
     const auto deadline = clock::now() + std::chrono::milliseconds(options.timeout_ms);
-    lock held(mutex_);
+    lock guard(mutex_);
     const uint64_t id = new_id();
-    const ats_status_t status = send(held, id, {asker::submission, tag, deadline, line_of(body, id), false}, deadline);
+    const ats_status_t status = send(guard, id, {asker::submission, tag, deadline, line_of(body, id), false}, deadline);
     watch();
     return status;
 }
 
 size_t client::collect(ats_answer_t* answers, size_t capacity)
 {
-    const lock held(mutex_);
+    const lock guard(mutex_);
     take_input_without_waiting();
     return hand_out(answers, capacity);
 }
 
 size_t client::wait(ats_answer_t* answers, size_t capacity, clock::time_point deadline)
 {
-    lock held(mutex_);
+    lock guard(mutex_);
     take_input_without_waiting();
-    wait_until(held, deadline, [&] { return !completions_.empty() || submissions_ == 0; });
+    wait_until(guard, deadline, [&] { return !completions_.empty() || submissions_ == 0; });
     return hand_out(answers, capacity);
 }
 
@@ -311,34 +312,34 @@ void client::watch()
 // connection has broken.
 ats_status_t client::begin_request(const std::string& body, clock::time_point deadline)
 {
-    lock held(mutex_);
+    lock guard(mutex_);
     take_input_without_waiting();
     outstanding_.take(request_id_);
     request_lines_.clear();
     request_end_ = {};
     request_id_ = new_id();
     question question{asker::request, 0, clock::time_point::max(), line_of(body, request_id_), false};
-    return send(held, request_id_, std::move(question), deadline);
+    return send(guard, request_id_, std::move(question), deadline);
 }
 
 ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
 {
     const auto longest = clock::now() + std::chrono::hours(1);
     {
-        lock held(mutex_);
-        const bool is_our_turn = news_.wait_until(held, std::min(deadline, longest), [&] { return !is_in_request_; });
+        lock guard(mutex_);
+        const bool is_our_turn = news_.wait_until(guard, std::min(deadline, longest), [&] { return !is_in_request_; });
         if (!is_our_turn) return failed(ATS_NO_ANSWER, no_answer);
         is_in_request_ = true;
     }
     const std::unique_ptr<client, void (*)(client*)> turn(this, [](client* self) { self->end_turn(); });
-    const ats_status_t begun = begin_request(body, deadline);
-    return begun == ATS_OK ? next_request_line(deadline, line) : begun;
+    const ats_status_t status = begin_request(body, deadline);
+    return status == ATS_OK ? next_request_line(deadline, line) : status;
 }
 
 // Lets the next thread ask. If an answer is still missing, it is dropped when it arrives.
 void client::end_turn()
 {
-    const lock held(mutex_);
+    const lock guard(mutex_);
     outstanding_.take(request_id_);
     is_in_request_ = false;
     news_.notify_all();
@@ -346,9 +347,9 @@ void client::end_turn()
 
 ats_status_t client::next_request_line(clock::time_point deadline, std::string& line)
 {
-    lock held(mutex_);
+    lock guard(mutex_);
     const auto is_over = [&] { return !outstanding_.find(request_id_); };
-    wait_until(held, deadline, [&] { return !request_lines_.empty() || is_over(); });
+    wait_until(guard, deadline, [&] { return !request_lines_.empty() || is_over(); });
     if (!request_lines_.empty()) {
         line = std::move(request_lines_.front());
         request_lines_.pop_front();

@@ -46,13 +46,13 @@ class client
     using lock = std::unique_lock<std::mutex>;
 
     uint64_t new_id() { return ++last_id_; }
-    ats_status_t send(lock& held, uint64_t id, question question, clock::time_point deadline);
+    ats_status_t send(lock& guard, uint64_t id, question question, clock::time_point deadline);
     void greet();
-    ats_status_t connect(lock& held, clock::time_point deadline);
-    ats_status_t drain_output(lock& held, clock::time_point deadline);
+    ats_status_t connect(lock& guard, clock::time_point deadline);
+    ats_status_t drain_output(lock& guard, clock::time_point deadline);
     template <class condition_t>
-    bool wait_until(lock& held, clock::time_point deadline, condition_t is_reached);
-    void receive(lock& held, clock::time_point deadline);
+    bool wait_until(lock& guard, clock::time_point deadline, condition_t is_reached);
+    void receive(lock& guard, clock::time_point deadline);
     void take_input(connection::outcome outcome);
     void take_input_without_waiting();
     void take_hello(std::string_view line);

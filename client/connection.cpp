@@ -84,7 +84,7 @@ void connection::close()
     input_.clear();
     shrink(unsent_);
     shrink(input_);
-    sent_ = read_ = scanned_ = byte_count_ = 0;
+    sent_bytes_ = read_bytes_ = scanned_bytes_ = byte_count_ = 0;
 }
 
 void connection::hang_up() const
@@ -107,13 +107,14 @@ bool connection::send(std::string_view bytes)
 bool connection::flush()
 {
     while (unsent() > 0) {
-        const ssize_t count = ::send(socket_.get(), unsent_.data() + sent_, unsent(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t count =
+            ::send(socket_.get(), unsent_.data() + sent_bytes_, unsent(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return errno == EAGAIN;
-        sent_ += static_cast<size_t>(count);
+        sent_bytes_ += static_cast<size_t>(count);
     }
     unsent_.clear();
-    sent_ = 0;
+    sent_bytes_ = 0;
     return true;
 }
 
@@ -156,10 +157,10 @@ connection::outcome connection::wait(clock::time_point deadline, bool until_writ
 
 void connection::take_bytes()
 {
-    if (read_ > 0) {
-        input_.erase(0, read_);
-        scanned_ -= read_;
-        read_ = 0;
+    if (read_bytes_ > 0) {
+        input_.erase(0, read_bytes_);
+        scanned_bytes_ -= read_bytes_;
+        read_bytes_ = 0;
     }
     input_.append(bytes_.data(), byte_count_);
     byte_count_ = 0;
@@ -167,13 +168,13 @@ void connection::take_bytes()
 
 bool connection::next_line(std::string_view& line)
 {
-    const size_t end = input_.find('\n', std::max(read_, scanned_));
+    const size_t end = input_.find('\n', std::max(read_bytes_, scanned_bytes_));
     if (end == std::string::npos) {
-        scanned_ = input_.size();
+        scanned_bytes_ = input_.size();
         return false;
     }
-    line = std::string_view(input_).substr(read_, end - read_);
-    read_ = scanned_ = end + 1;
+    line = std::string_view(input_).substr(read_bytes_, end - read_bytes_);
+    read_bytes_ = scanned_bytes_ = end + 1;
     return true;
 }
 

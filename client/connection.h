@@ -37,7 +37,7 @@ class connection
     // connection.
     bool send(std::string_view bytes);
     bool flush();
-    size_t unsent() const { return unsent_.size() - sent_; }
+    size_t unsent() const { return unsent_.size() - sent_bytes_; }
 
     // Waits for bytes until `deadline`; does not wait if it has passed. With `until_writable`, also returns when the
     // socket accepts unsent output. One thread at a time may be in this call. Meanwhile others may call everything
@@ -51,7 +51,7 @@ class connection
     // Removes the next whole line from the input and returns it without its end. The view is valid until the next
     // take_bytes().
     bool next_line(std::string_view& line);
-    bool has_endless_line() const { return input_.size() - read_ > longest_line; }
+    bool has_endless_line() const { return input_.size() - read_bytes_ > longest_line; }
 
   private:
     static constexpr size_t longest_line = size_t{16} << 20;
@@ -61,10 +61,10 @@ class connection
 
     descriptor socket_;
     std::string unsent_;
-    size_t sent_ = 0;
+    size_t sent_bytes_ = 0;
     std::string input_;
-    size_t read_ = 0;    // bytes of the input that were returned as lines
-    size_t scanned_ = 0; // number of input bytes that contain no line end after `read_`
+    size_t read_bytes_ = 0;    // bytes of the input that were returned as lines
+    size_t scanned_bytes_ = 0; // number of input bytes that contain no line end after `read_bytes_`
 
     // Only the thread in wait() uses it. If no thread is in wait(), take_bytes() may use it.
     std::chrono::microseconds receive_limit_{0}; // the value that is set on the socket; 0 means none

@@ -35,13 +35,13 @@ class line_limit
             return std::nullopt;
         }
         ++lines_;
-        if (left_out_ == 0) return std::vector<notice>();
+        if (omitted_lines_ == 0) return std::vector<notice>();
         return std::vector{
-            notice{.priority = priority::warning, .text = remark(std::exchange(left_out_, 0)), .part = part}};
+            notice{.priority = priority::warning, .text = remark(std::exchange(omitted_lines_, 0)), .part = part}};
     }
 
     // Counts a line that was omitted for another reason.
-    void leave_out() { ++left_out_; }
+    void leave_out() { ++omitted_lines_; }
 
   private:
     std::string remark(uint64_t lines) const
@@ -53,7 +53,7 @@ class line_limit
     const std::string advice_;
     std::optional<uint64_t> start_ms_; // start of the period
     uint64_t lines_ = 0;               // in the period
-    uint64_t left_out_ = 0;            // omitted lines that were not reported yet
+    uint64_t omitted_lines_ = 0;       // omitted lines that were not reported yet
 };
 
 } // namespace console

@@ -110,8 +110,8 @@ inline int version_read_proc(char* page, char** start, off_t off, int count, int
 inline proc_dir_entry* version_create_entry(const char* path, const char* directory)
 {
     if (proc_dir_entry* entry = create_proc_entry(path, 0)) return entry;
-    const bool made = proc_mkdir(directory) || (proc_mkdir("dorvex") && proc_mkdir(directory));
-    return made ? create_proc_entry(path, 0) : nullptr;
+    const bool has_directories = proc_mkdir(directory) || (proc_mkdir("dorvex") && proc_mkdir(directory));
+    return has_directories ? create_proc_entry(path, 0) : nullptr;
 }
 
 // Creates the file. The texts may be null. Returns 0, or -1 without a file. May sleep.
@@ -119,9 +119,9 @@ inline int32_t module_version_init(const char* module_name, const char* version_
 {
     module_banner = build_module_ver_str(module_name, version_string, tag_name);
     version_path_t path, directory;
-    const bool named = module_banner && module_proc_str_create(&path, module_name, "/version") &&
-                       module_proc_str_create(&directory, module_name, "");
-    proc_dir_entry* entry = named ? version_create_entry(path.text, directory.text) : nullptr;
+    const bool has_paths = module_banner && module_proc_str_create(&path, module_name, "/version") &&
+                           module_proc_str_create(&directory, module_name, "");
+    proc_dir_entry* entry = has_paths ? version_create_entry(path.text, directory.text) : nullptr;
     if (!entry) {
         kfree(module_banner);
         module_banner = nullptr;

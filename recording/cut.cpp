@@ -91,12 +91,12 @@ ats::result<cut_recording> cut(const std::string& lines, const cut_options& opti
     }
     if (number == 0) return ats::fail(ats::error_kind::invalid, "the recording is empty");
     if (events.empty()) return result;
-    window window = options.wanted.value_or(fitting_window(events, options));
+    window window = options.selection.value_or(fitting_window(events, options));
     window.to_tick = std::min(window.to_tick, events.back().tick);
     for (const event_line& event : events) {
         const bool is_inside = event.tick >= window.from_tick && event.tick <= window.to_tick;
         if (!is_inside && event.is_detail) {
-            result.shown = window;
+            result.shown_window = window;
             continue;
         }
         result.lines += event.text + "\n";

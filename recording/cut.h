@@ -16,14 +16,14 @@ struct window {
 };
 
 struct cut_options {
-    std::optional<window> wanted = {}; // the part to show; if empty, as much as fits
-    bool keeps_end = false;            // if not everything fits, keeps the end instead of the beginning
-    size_t byte_limit = 4 << 20;       // for datagrams and log lines
+    std::optional<window> selection = {}; // the part to show; if empty, as much as fits
+    bool keeps_end = false;               // if not everything fits, keeps the end instead of the beginning
+    size_t byte_limit = 4 << 20;          // for datagrams and log lines
 };
 
 struct cut_recording {
     std::string lines;
-    std::optional<window> shown; // empty if everything is shown
+    std::optional<window> shown_window; // empty if everything is shown
 };
 
 // Removes datagrams, log lines and tables outside of the window. All other events stay, because the states at the

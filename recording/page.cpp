@@ -47,9 +47,9 @@ ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& 
     return ats::fail("cannot write " + path + ": " + std::strerror(errno));
 }
 
-void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown)
+void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown_window)
 {
-    if (shown) about["window"] = {{"from", shown->from_tick}, {"to", shown->to_tick}};
+    if (shown_window) about["window"] = {{"from", shown_window->from_tick}, {"to", shown_window->to_tick}};
 }
 
 std::string text_of_file(std::FILE* file)

@@ -15,7 +15,7 @@ namespace recording
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);
 
 // If the recording was cut, says so in `about`.
-void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown);
+void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown_window);
 
 // Returns the whole text of a file that is open for reading and writing.
 std::string text_of_file(std::FILE* file);

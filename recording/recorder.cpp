@@ -55,13 +55,13 @@ void recorder::follow(embedded::subnet& subnet)
 void recorder::stop()
 {
     if (subnet_) subnet_->set_observer(nullptr);
-    for (const auto& [machine, handle] : followed_) machine->log.unfollow(handle);
-    followed_.clear();
+    for (const auto& [machine, handle] : log_handles_) machine->log.unfollow(handle);
+    log_handles_.clear();
 }
 
 void recorder::follow(const std::string& host, kernel::machine& machine)
 {
-    followed_[&machine] = machine.log.follow([this, host](const kernel::log_line& line) { note_line(host, line); });
+    log_handles_[&machine] = machine.log.follow([this, host](const kernel::log_line& line) { note_line(host, line); });
 }
 
 void recorder::note_line(const std::string& host, const kernel::log_line& line)

@@ -73,7 +73,7 @@ class recorder final : public embedded::observer
     embedded::subnet* subnet_ = nullptr;
     bool is_finished_ = false;
     switch_values switches_{};
-    std::map<kernel::machine*, int> followed_; // the handle of kernel::log::follow
+    std::map<kernel::machine*, int> log_handles_; // the handle of kernel::log::follow
 };
 
 } // namespace recording

@@ -155,7 +155,7 @@ int lookups(int count)
     for (int i = 0; i < count; ++i) {
         const world::resolution answer =
             world::resolve_address(host.machine(), *world::parse_ipv4("10.0.0.1"), world::lookup_mode::sa_only);
-        if (answer.status == ibat_stat_ok) durations_ns.push_back(answer.took_nanoseconds);
+        if (answer.status == ibat_stat_ok) durations_ns.push_back(answer.duration_nanoseconds);
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     std::ranges::sort(durations_ns);

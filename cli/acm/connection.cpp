@@ -99,9 +99,9 @@ void connection::timer_fired()
 void connection::answer(const message& bytes)
 {
     if (is_closed_ || request_length_ == 0) return;
-    std::array<uint8_t, longest_message> taken;
-    const ssize_t taken_size = recv(socket_.get(), taken.data(), request_length_, MSG_DONTWAIT);
-    const bool is_taken = taken_size == static_cast<ssize_t>(request_length_);
+    std::array<uint8_t, longest_message> request_bytes;
+    const ssize_t request_size = recv(socket_.get(), request_bytes.data(), request_length_, MSG_DONTWAIT);
+    const bool is_taken = request_size == static_cast<ssize_t>(request_length_);
     request_length_ = 0;
     ++request_number_;
     // A program that does not read its answers is cut off.

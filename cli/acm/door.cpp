@@ -46,7 +46,7 @@ door::door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& c
 door::~door()
 {
     loop_.post([this] { close_all(); });
-    closed_.get_future().wait();
+    close_promise_.get_future().wait();
 }
 
 // ---- connections ----
@@ -55,14 +55,14 @@ ats::result<> door::listen()
 {
     using cli::listening_socket;
     const bool was_kept = kept_listener_.is_open();
-    ats::result<std::unique_ptr<listening_socket>> opened;
-    if (was_kept) opened = listening_socket::adopt(config_.socket, std::move(kept_listener_));
-    const bool is_adopted = opened && *opened;
+    ats::result<std::unique_ptr<listening_socket>> socket_result;
+    if (was_kept) socket_result = listening_socket::adopt(config_.socket, std::move(kept_listener_));
+    const bool is_adopted = socket_result && *socket_result;
     if (was_kept && !is_adopted) cli::forget_descriptor(listener_name);
-    if (!is_adopted) opened = listening_socket::open(config_.socket, true, "--acm-socket");
-    if (!opened) return ats::pass_on(opened);
-    listening_ = std::move(*opened);
-    if (!is_adopted) cli::keep_descriptor(listener_name, listening_->duplicate().get());
+    if (!is_adopted) socket_result = listening_socket::open(config_.socket, true, "--acm-socket");
+    if (!socket_result) return ats::pass_on(socket_result);
+    listening_socket_ = std::move(*socket_result);
+    if (!is_adopted) cli::keep_descriptor(listener_name, listening_socket_->duplicate().get());
     loop_.post([this] { start_accepting(); });
     return {};
 }
@@ -78,8 +78,8 @@ void door::set_limits(const cli::service_limits& limits)
 
 void door::start_accepting()
 {
-    accepting_ = listening_->duplicate();
-    uv_poll_init(loop_.uv(), &listener_, accepting_.get()); // also makes it non-blocking
+    accept_descriptor_ = listening_socket_->duplicate();
+    uv_poll_init(loop_.uv(), &listener_, accept_descriptor_.get()); // also makes it non-blocking
     uv_timer_init(loop_.uv(), &pause_);
     open_handles_ = 2;
     listener_.data = this;
@@ -91,7 +91,7 @@ void door::start_accepting()
 void door::accept_all()
 {
     while (true) {
-        client::descriptor socket(accept4(accepting_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        client::descriptor socket(accept4(accept_descriptor_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket.is_open())
             admit(std::move(socket), "");
         else if (errno != EINTR && errno != ECONNABORTED)
@@ -154,16 +154,16 @@ void door::close_all()
 {
     life_.reset();
     if (open_handles_ > 0) {
-        listening_.reset(); // removes the file; no other program can connect
+        listening_socket_.reset(); // removes the file; no other program can connect
         accept_all();
         cli::forget_descriptor(listener_name);
-        const auto closed = [](uv_handle_t* handle) {
+        const auto count_close = [](uv_handle_t* handle) {
             auto* self = static_cast<door*>(handle->data);
             --self->open_handles_;
             self->note_closed();
         };
-        uv_close(handle(listener_), closed);
-        uv_close(handle(pause_), closed);
+        uv_close(handle(listener_), count_close);
+        uv_close(handle(pause_), count_close);
     }
     is_closing_ = true;
     for (auto& [number, guest] : guests_) guest.connection->close();
@@ -172,7 +172,7 @@ void door::close_all()
 
 void door::note_closed()
 {
-    if (is_closing_ && guests_.empty() && open_handles_ == 0) closed_.set_value();
+    if (is_closing_ && guests_.empty() && open_handles_ == 0) close_promise_.set_value();
 }
 
 // ---- requests ----
@@ -191,13 +191,14 @@ void door::take_request(connection& source, message_view request)
 
 void door::resolve(connection& source, message_view request)
 {
-    const read_request read = read_resolve(request);
+    const read_request parse_result = read_resolve(request);
     const guest& guest = guests_.at(source.number());
-    const status refused = guest.is_beyond_limit ? status::no_memory : read.status;
+    const status refusal_status = guest.is_beyond_limit ? status::no_memory : parse_result.status;
     const uint64_t number = source.number();
     const uint64_t request_number = source.request_number();
-    if (refused != status::success)
-        return take_route(number, request_number, {request.begin(), request.end()}, {.route = {.status = refused}});
+    if (refusal_status != status::success)
+        return take_route(number, request_number, {request.begin(), request.end()},
+                          {.route = {.status = refusal_status}});
     const auto done = [this, life = std::weak_ptr(life_), loop = &loop_, loop_thread = std::this_thread::get_id(),
                        number, request_number,
                        request = message(request.begin(), request.end())](const found_route& found) {
@@ -206,7 +207,7 @@ void door::resolve(connection& source, message_view request)
             if (!life.expired()) take_route(number, request_number, request, found);
         });
     };
-    routes_.find(read.request, {guest.user, number}, done);
+    routes_.find(parse_result.request, {guest.user, number}, done);
 }
 
 void door::take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found)

@@ -66,11 +66,11 @@ class door final : public connection::owner
     cli::door_statistics& statistics_;
     const cli::acm_config config_;
     client::descriptor kept_listener_;
-    std::unique_ptr<cli::listening_socket> listening_;
+    std::unique_ptr<cli::listening_socket> listening_socket_;
 
     // The next members are for the loop's thread only.
     cli::service_limits limits_;
-    client::descriptor accepting_;
+    client::descriptor accept_descriptor_;
     uv_poll_t listener_;
     uv_timer_t pause_;
     size_t open_handles_ = 0;
@@ -79,7 +79,7 @@ class door final : public connection::owner
     counters counters_{};
     uint64_t last_store_number_ = 0;
     bool is_closing_ = false;
-    std::promise<void> closed_;
+    std::promise<void> close_promise_;
     std::shared_ptr<bool> life_ = std::make_shared<bool>(); // ends with the door; late answers check it first
 };
 

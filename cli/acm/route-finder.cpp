@@ -35,15 +35,15 @@ path_record on_wire(const world::path_record& path)
 }
 
 // Returns true if the path has the values that the program has set in its request.
-bool completes(const world::path_record& path, const path_record& wanted)
+bool completes(const world::path_record& path, const path_record& request)
 {
     const kq_gid_t any_gid{};
     const auto agrees = [](const auto& field, const auto& open, const auto& value) {
         return field == open || field == value;
     };
-    return agrees(from_wire(wanted.dgid), any_gid, path.dgid) && agrees(from_wire(wanted.sgid), any_gid, path.sgid) &&
-           agrees(from_wire(wanted.dlid), 0, path.dlid) && agrees(from_wire(wanted.slid), 0, path.slid) &&
-           agrees(from_wire(wanted.p_key), 0, path.p_key);
+    return agrees(from_wire(request.dgid), any_gid, path.dgid) && agrees(from_wire(request.sgid), any_gid, path.sgid) &&
+           agrees(from_wire(request.dlid), 0, path.dlid) && agrees(from_wire(request.slid), 0, path.slid) &&
+           agrees(from_wire(request.p_key), 0, path.p_key);
 }
 
 status status_of(world::path_status path_status)
@@ -163,13 +163,13 @@ void route_finder::forget(const cli::queue_place& place)
     server_.drop(place);
 }
 
-std::optional<endpoint> route_finder::endpoint(const endpoint_port& wanted) const
+std::optional<endpoint> route_finder::endpoint(const endpoint_port& subject) const
 {
     unsigned number = 0;
     for (const auto& host : hosts_.all())
         for (fabric::hca* hca : host->machine().hcas()) {
-            if (++number != wanted.endpoint) continue;
-            const auto port = static_cast<int>(wanted.port);
+            if (++number != subject.endpoint) continue;
+            const auto port = static_cast<int>(subject.port);
             if (port < 1 || port > hca->port_count()) return std::nullopt;
             const fabric::port_attributes attributes = hca->read_port(port);
             acm::endpoint endpoint{.port = static_cast<uint8_t>(port),

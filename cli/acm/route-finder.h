@@ -31,7 +31,7 @@ class route_finder
     void forget(const cli::queue_place& place);
 
     // Endpoints are the HCAs of the hosts, in order. Returns nothing if there is no such port.
-    std::optional<acm::endpoint> endpoint(const endpoint_port& wanted) const;
+    std::optional<acm::endpoint> endpoint(const endpoint_port& subject) const;
 
     // Returns a number for a connection; the server's own connections never have it.
     uint64_t new_number() { return server_.new_connection_number(); }

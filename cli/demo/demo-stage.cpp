@@ -117,7 +117,7 @@ void stage::say(const std::string& question, const world::resolution& answer) co
         text = fmt::format("{}, from {}", is_about_address ? world::format_gid(answer.gid) : address,
                            answer.from_cache ? "IBAT's cache" : "the SA");
     }
-    if (answer.took_ticks > 0) text += fmt::format(", after {} ms", answer.took_ticks);
+    if (answer.duration_ticks > 0) text += fmt::format(", after {} ms", answer.duration_ticks);
     say(question + ": " + text);
 }
 

@@ -95,7 +95,7 @@ ats::result<int> run_drawn_demo(const demo_options& options, fabric::capture* ca
     const ats::result<recording::cut_recording> cut = recording::cut(recording::text_of_file(file.get()), {});
     if (!cut) return ats::pass_on(cut);
     nlohmann::ordered_json about = {{"title", "ats demo"}};
-    recording::add_window(about, cut->shown);
+    recording::add_window(about, cut->shown_window);
     if (const ats::result<> written = recording::write_page(options.html, about, cut->lines); !written)
         return ats::fail(ats::error_kind::invalid, written.error().text);
     std::printf("The picture is in %s: open it in a browser.\n", options.html.c_str());

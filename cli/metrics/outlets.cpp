@@ -36,23 +36,23 @@ void outlets::work()
     std::unique_lock lock(mutex_);
     while (!is_stopping_) {
         lock.unlock();
-        if (!config_.textfile.empty()) note(file_way_, file_.write(text_()));
-        if (!config_.listen.empty() && !http_.is_open()) note(http_way_, http_.open(config_.listen, text_));
+        if (!config_.textfile.empty()) note(file_outlet_, file_.write(text_()));
+        if (!config_.listen.empty() && !http_.is_open()) note(http_outlet_, http_.open(config_.listen, text_));
         lock.lock();
         changed_.wait_for(lock, period, [&] { return is_stopping_; });
     }
 }
 
 // Reports the start and the end of a failure.
-void outlets::note(way& way, const ats::result<>& tried)
+void outlets::note(outlet& outlet, const ats::result<>& result)
 {
-    const std::string error = tried ? "" : tried.error().text;
-    if (error == way.error) return;
+    const std::string error = result ? "" : result.error().text;
+    if (error == outlet.error) return;
     if (!error.empty())
-        print_(std::string(way.name) + ", it is tried again every 15 seconds: " + error);
+        print_(std::string(outlet.name) + ", it is tried again every 15 seconds: " + error);
     else
-        print_(std::string(way.name) + ": this is over");
-    way.error = error;
+        print_(std::string(outlet.name) + ": this is over");
+    outlet.error = error;
 }
 
 } // namespace metrics

@@ -30,18 +30,18 @@ class outlets
 
   private:
     // One outlet, and the error of its last try.
-    struct way {
+    struct outlet {
         const char* name;
         std::string error = {};
     };
     void work();
-    void note(way& way, const ats::result<>& tried);
+    void note(outlet& outlet, const ats::result<>& result);
 
     const cli::metrics_config config_;
     const text_t text_;
     const print_t print_;
-    way file_way_{"the metrics file is not written"};
-    way http_way_{"metrics are not served over HTTP"};
+    outlet file_outlet_{"the metrics file is not written"};
+    outlet http_outlet_{"metrics are not served over HTTP"};
     textfile file_;
     http http_;
     std::mutex mutex_; // guards the next two members

@@ -53,14 +53,13 @@ void client_listener::look_at_file()
         is_loss_reported_ = false;
         return;
     }
-    const ats::result<> restored = socket_->restore();
-    const int error = restored ? listen() : 0;
-    if (restored && error == 0)
+    const ats::result<> result = socket_->restore();
+    const int error = result ? listen() : 0;
+    if (result && error == 0)
         return report_("the file of the socket " + socket_->path() + " was removed; the service has made it again");
     if (is_loss_reported_) return;
     is_loss_reported_ = true;
-    report_("new clients do not find the service: " +
-            (restored ? std::string(uv_strerror(error)) : restored.error().text));
+    report_("new clients do not find the service: " + (result ? std::string(uv_strerror(error)) : result.error().text));
 }
 
 void client_listener::close()

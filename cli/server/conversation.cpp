@@ -89,7 +89,7 @@ void conversation::take_end()
 
 void conversation::end_if_done()
 {
-    if (has_input_ended_ && outstanding == 0 && !is_paused_ && input_.find('\n') == std::string::npos) hang_up();
+    if (has_input_ended_ && open_requests == 0 && !is_paused_ && input_.find('\n') == std::string::npos) hang_up();
 }
 
 void conversation::take_lines()
@@ -97,9 +97,10 @@ void conversation::take_lines()
     if (is_taking_lines_) return; // called from the loop below, which continues
     is_taking_lines_ = true;
     size_t end = 0;
-    while (!is_ending_ && !is_paused_ && !is_congested() && (end = input_.find('\n', taken_)) != std::string::npos) {
-        const std::string_view line = std::string_view(input_).substr(taken_, end - taken_);
-        taken_ = end + 1;
+    while (!is_ending_ && !is_paused_ && !is_congested() &&
+           (end = input_.find('\n', handled_bytes_)) != std::string::npos) {
+        const std::string_view line = std::string_view(input_).substr(handled_bytes_, end - handled_bytes_);
+        handled_bytes_ = end + 1;
         if (line.size() > limits_.line_bytes) {
             owner_.line_too_long(*this);
             hang_up();
@@ -108,8 +109,8 @@ void conversation::take_lines()
         owner_.take_line(*this, line);
     }
     is_taking_lines_ = false;
-    input_.erase(0, taken_);
-    taken_ = 0;
+    input_.erase(0, handled_bytes_);
+    handled_bytes_ = 0;
     const bool has_endless_line = input_.size() > limits_.line_bytes && input_.find('\n') == std::string::npos;
     if (has_endless_line && !is_ending_) {
         input_.clear();
@@ -136,32 +137,32 @@ void conversation::resume()
 
 bool conversation::is_congested() const
 {
-    return unsent_.size() + sending_.size() > std::min(congestion_bytes, limits_.unread_bytes / 4);
+    return unsent_bytes_.size() + bytes_in_write_.size() > std::min(congestion_bytes, limits_.unread_bytes / 4);
 }
 
 void conversation::send(std::string_view line)
 {
     if (is_closed_) return;
-    if (unsent_.size() + sending_.size() > limits_.unread_bytes) { // one long answer is always allowed
+    if (unsent_bytes_.size() + bytes_in_write_.size() > limits_.unread_bytes) { // one long answer is always allowed
         owner_.left_unread(*this);
         return cut_off();
     }
-    if (unsent_.empty()) owner_.has_unsent(*this);
-    unsent_ += line;
-    unsent_ += '\n';
+    if (unsent_bytes_.empty()) owner_.has_unsent(*this);
+    unsent_bytes_ += line;
+    unsent_bytes_ += '\n';
 }
 
 void conversation::flush()
 {
-    if (is_closed_ || is_writing_ || unsent_.empty()) return;
+    if (is_closed_ || is_writing_ || unsent_bytes_.empty()) return;
     auto* stream = reinterpret_cast<uv_stream_t*>(&pipe_);
-    uv_buf_t buffer = uv_buf_init(unsent_.data(), static_cast<unsigned>(unsent_.size()));
+    uv_buf_t buffer = uv_buf_init(unsent_bytes_.data(), static_cast<unsigned>(unsent_bytes_.size()));
     const int sent = uv_try_write(stream, &buffer, 1);
     if (sent < 0 && sent != UV_EAGAIN) return cut_off();
-    unsent_.erase(0, static_cast<size_t>(std::max(sent, 0)));
-    if (unsent_.empty()) return written(0);
-    sending_.swap(unsent_);
-    buffer = uv_buf_init(sending_.data(), static_cast<unsigned>(sending_.size()));
+    unsent_bytes_.erase(0, static_cast<size_t>(std::max(sent, 0)));
+    if (unsent_bytes_.empty()) return written(0);
+    bytes_in_write_.swap(unsent_bytes_);
+    buffer = uv_buf_init(bytes_in_write_.data(), static_cast<unsigned>(bytes_in_write_.size()));
     is_writing_ = true;
     uv_write(&write_, stream, &buffer, 1,
              [](uv_write_t* request, int status) { self_of(request->data).written(status); });
@@ -170,10 +171,10 @@ void conversation::flush()
 void conversation::written(int status)
 {
     is_writing_ = false;
-    sending_.clear();
+    bytes_in_write_.clear();
     if (is_closed_) return;
     if (status < 0) return cut_off();
-    if (!unsent_.empty()) return flush();
+    if (!unsent_bytes_.empty()) return flush();
     if (is_ending_) return cut_off();
     owner_.became_writable(*this);
     take_lines();
@@ -184,7 +185,7 @@ void conversation::written(int status)
 void conversation::hang_up()
 {
     is_ending_ = true;
-    if (unsent_.empty() && !is_writing_) cut_off();
+    if (unsent_bytes_.empty() && !is_writing_) cut_off();
 }
 
 void conversation::cut_off()

@@ -59,7 +59,7 @@ class conversation
 
     bool is_greeted = false;
     bool is_admitted = false; // counted among its user's connections
-    size_t outstanding = 0;   // requests being answered
+    size_t open_requests = 0; // requests being answered
 
   private:
     void take_input(const char* bytes, size_t size);
@@ -74,9 +74,9 @@ class conversation
     uv_pipe_t pipe_;
     cli::peer peer_;
     std::string input_;
-    size_t taken_ = 0;    // bytes of the input whose lines were handled
-    std::string unsent_;  // not yet given to the socket
-    std::string sending_; // given to the socket
+    size_t handled_bytes_ = 0;   // bytes of the input whose lines were handled
+    std::string unsent_bytes_;   // not yet given to the socket
+    std::string bytes_in_write_; // given to the socket
     uv_write_t write_;
     bool is_writing_ = false;
     bool is_reading_ = false;

@@ -88,17 +88,17 @@ void lookups::serve_queue()
 {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [&] { return is_stopping_ || (!queue_.is_empty() && asked_.size() < window); });
+        changed_.wait(lock, [&] { return is_stopping_ || (!queue_.is_empty() && sa_questions_.size() < window); });
         if (is_stopping_) return;
         entry next = queue_.pop();
-        const auto [position, is_new] = asked_.try_emplace(next.wanted);
+        const auto [position, is_new] = sa_questions_.try_emplace(next.question);
         // Waits together with another client that asked the same question.
         position->second.push_back(std::move(next.done));
         if (!is_new) continue;
         ++unfinished_;
         question_start_ = std::chrono::steady_clock::now();
         lock.unlock();
-        start(next.wanted);
+        start(next.question);
         lock.lock();
         question_start_.reset();
     }
@@ -126,9 +126,9 @@ void lookups::start(const subject& subject)
 void lookups::finish(const subject& subject, const answer& answer)
 {
     std::unique_lock lock(mutex_);
-    const auto position = asked_.find(subject);
+    const auto position = sa_questions_.find(subject);
     const std::vector<completion> askers = std::move(position->second);
-    asked_.erase(position);
+    sa_questions_.erase(position);
     if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next question
     lock.unlock();
     for (const completion& done : askers) {

@@ -63,7 +63,7 @@ class lookups
 
   private:
     struct entry {
-        subject wanted;
+        subject question;
         completion done;
     };
     struct subject_order {
@@ -82,7 +82,7 @@ class lookups
     std::mutex mutex_; // guards the following members
     std::condition_variable changed_;
     fair_queue<entry> queue_;
-    std::map<subject, std::vector<completion>, subject_order> asked_; // by the question to the SA
+    std::map<subject, std::vector<completion>, subject_order> sa_questions_; // by the question to the SA
     size_t unfinished_ = 0; // questions to the SA whose clients have not all been answered
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;

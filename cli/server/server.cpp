@@ -22,16 +22,16 @@ constexpr size_t worker_threads = 4;
 
 } // namespace
 
-ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::unique_ptr<listening_socket> listening,
+ats::result<std::unique_ptr<server>> server::start(running_hosts& hosts, std::unique_ptr<listening_socket> socket,
                                                    const server_options& options)
 {
-    std::unique_ptr<server> made(new server(hosts, std::move(listening), options));
-    if (const ats::result<> listens = made->listen(); !listens) return ats::pass_on(listens);
-    return made;
+    std::unique_ptr<server> result(new server(hosts, std::move(socket), options));
+    if (const ats::result<> listen_result = result->listen(); !listen_result) return ats::pass_on(listen_result);
+    return result;
 }
 
-server::server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options)
-    : hosts_(hosts), listener_(std::move(listening), options.report), options_(options),
+server::server(running_hosts& hosts, std::unique_ptr<listening_socket> socket, const server_options& options)
+    : hosts_(hosts), listener_(std::move(socket), options.report), options_(options),
       followers_(
           loop_, [this](uint64_t number) { return find(number); },
           [this](const return_ticket& ticket, const std::string& line) { finish(ticket, line); }),
@@ -108,7 +108,7 @@ void server::ended(conversation& source)
         user_share& share = users_[place.user];
         --share.connections;
         --hosts_.statistics().clients.open;
-        share.outstanding -= source.outstanding;
+        share.open_requests -= source.open_requests;
         if (share.connections == 0) users_.erase(place.user);
     }
     followers_.forget(place.connection);
@@ -131,10 +131,11 @@ conversation* server::find(uint64_t number)
 void server::flush_all()
 {
     std::vector<uint64_t> numbers;
-    numbers.swap(unsent_);
+    numbers.swap(conversations_to_flush_);
     for (const uint64_t number : numbers)
         if (conversation* client = find(number)) client->flush();
-    if (!unsent_.empty()) loop_.post([] {}); // later lines are sent in the next round, after those of other clients
+    if (!conversations_to_flush_.empty())
+        loop_.post([] {}); // later lines are sent in the next round, after those of other clients
 }
 
 // ---- requests ----
@@ -163,7 +164,7 @@ void server::carry_out(conversation& source, const request& request)
         return refuse(source, request.ticket.id, *refusal);
     }
     if (request.name == "ping") return source.send(line_of(done("alive"), request.ticket.id));
-    if (users_[request.ticket.place.user].outstanding >= options_.limits.questions) {
+    if (users_[request.ticket.place.user].open_requests >= options_.limits.questions) {
         cli::count(hosts_.statistics().clients.questions_reached);
         return refuse(source, request.ticket.id,
                       {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
@@ -201,8 +202,8 @@ void server::line_too_long(conversation& source)
 // Counts a request whose answer comes later.
 void server::count(conversation& source, const return_ticket& ticket)
 {
-    ++users_[ticket.place.user].outstanding;
-    ++source.outstanding;
+    ++users_[ticket.place.user].open_requests;
+    ++source.open_requests;
 }
 
 // Does the same. Without an id, the answer comes before the next line is read.
@@ -217,8 +218,8 @@ void server::finish(const return_ticket& ticket, const std::string& line)
 {
     conversation* source = find(ticket.place.connection);
     if (!source) return;
-    --users_[ticket.place.user].outstanding;
-    --source->outstanding;
+    --users_[ticket.place.user].open_requests;
+    --source->open_requests;
     source->send(line);
     if (!ticket.id && !is_stopping_) source->resume();
     source->end_if_done();

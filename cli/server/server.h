@@ -29,7 +29,7 @@ class server final : public conversation::owner
 {
   public:
     // Starts serving at once. `hosts` must outlive the server. Fails if descriptors or threads are exhausted.
-    static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> listening,
+    static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> socket,
                                                       const server_options& options);
 
     // Takes no new clients. Ends all conversations after the requests in progress.
@@ -50,12 +50,12 @@ class server final : public conversation::owner
     void drop(const queue_place& place); // drops the queued questions of a connection; others may still be answered
 
   private:
-    server(running_hosts& hosts, std::unique_ptr<listening_socket> listening, const server_options& options);
+    server(running_hosts& hosts, std::unique_ptr<listening_socket> socket, const server_options& options);
     ats::result<> listen();
 
     struct user_share {
         size_t connections = 0;
-        size_t outstanding = 0;
+        size_t open_requests = 0;
     };
     void take_line(conversation& source, std::string_view line) override;
     void line_too_long(conversation& source) override;
@@ -63,7 +63,7 @@ class server final : public conversation::owner
     void became_writable(conversation& source) override;
     void left_unread(conversation&) override { cli::count(hosts_.statistics().clients.unread_bytes_reached); }
     void ended(conversation& source) override;
-    void has_unsent(conversation& source) override { unsent_.push_back(source.number()); }
+    void has_unsent(conversation& source) override { conversations_to_flush_.push_back(source.number()); }
 
     void accept_client(uv_stream_t* listener);
     void admit(conversation& client);
@@ -91,7 +91,7 @@ class server final : public conversation::owner
     uint64_t last_number_ = 0;
     std::map<uint64_t, std::unique_ptr<conversation>> conversations_;
     std::map<uid_t, user_share> users_;
-    std::vector<uint64_t> unsent_; // conversations that need a flush
+    std::vector<uint64_t> conversations_to_flush_;
     log_followers followers_;
     host_lookups lookups_;
     workers workers_;

@@ -53,8 +53,8 @@ void workers::remove(const queue_place& place)
 std::optional<uid_t> workers::next_user() const
 {
     return queue_.first([&](uid_t user) {
-        const auto jobs = running_.find(user);
-        return jobs == running_.end() || jobs->second < most_of_user_;
+        const auto jobs = running_jobs_.find(user);
+        return jobs == running_jobs_.end() || jobs->second < most_of_user_;
     });
 }
 
@@ -66,13 +66,13 @@ void workers::work()
         changed_.wait(lock, [&] { return is_stopping_ || (user = next_user()); });
         if (is_stopping_) return;
         const std::function<void()> job = queue_.pop(*user);
-        ++running_[*user];
+        ++running_jobs_[*user];
         const auto start = starts_.insert(std::chrono::steady_clock::now());
         lock.unlock();
         job();
         lock.lock();
         starts_.erase(start);
-        if (--running_[*user] == 0) running_.erase(*user);
+        if (--running_jobs_[*user] == 0) running_jobs_.erase(*user);
     }
 }
 

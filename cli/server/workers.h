@@ -42,7 +42,7 @@ class workers
     std::mutex mutex_; // guards the next five members
     std::condition_variable changed_;
     fair_queue<std::function<void()>> queue_;
-    std::map<uid_t, size_t> running_;                             // number of jobs by user
+    std::map<uid_t, size_t> running_jobs_;                        // number of jobs by user
     std::multiset<std::chrono::steady_clock::time_point> starts_; // of the running jobs
     bool is_stopping_ = false;
     std::vector<std::thread> threads_;

@@ -37,21 +37,22 @@ ats::result<bool> set_identity(kernel::machine& machine, const char* function, a
 }
 
 // Executes an order that changes the registered record.
-ats::result<> change_record(world::host& host, awaited awaited, const confirmation::is_new_record_t& is_new_record,
+ats::result<> change_record(world::host& host, completion completion,
+                            const confirmation::is_new_record_t& is_new_record,
                             const std::function<ats::result<bool>()>& order)
 {
     constexpr const char* see_the_log = "'ats log --level 1' says why";
-    if (awaited == awaited::sent) {
-        const ats::result<bool> ordered = order();
-        if (!ordered) return ats::pass_on(ordered);
-        if (*ordered) return {};
+    if (completion == completion::sent) {
+        const ats::result<bool> order_result = order();
+        if (!order_result) return ats::pass_on(order_result);
+        if (*order_result) return {};
         return ats::fail(std::string("stored, but not registered on every HCA: ") + see_the_log);
     }
     confirmation confirmation(host, is_new_record);
-    const ats::result<bool> ordered = order();
-    if (!ordered) return ats::pass_on(ordered);
+    const ats::result<bool> order_result = order();
+    if (!order_result) return ats::pass_on(order_result);
     const ats::result<> confirmed = confirmation.wait();
-    if (confirmed && *ordered) return {};
+    if (confirmed && *order_result) return {};
     return ats::fail("stored, not confirmed by the SA: " + (confirmed ? see_the_log : confirmed.error().text));
 }
 
@@ -91,17 +92,17 @@ ats::result<> set_verification(world::host& host, const verification& verificati
     return {};
 }
 
-ats::result<> set_name(world::host& host, const std::string& name, awaited awaited)
+ats::result<> set_name(world::host& host, const std::string& name, completion completion)
 {
     return change_record(
-        host, awaited, [&](const records::host_record& record) { return record.host_name == name; },
+        host, completion, [&](const records::host_record& record) { return record.host_name == name; },
         [&] { return set_identity(host.machine(), "ats_sa_set_hostname", name.c_str()); });
 }
 
-ats::result<> set_address(world::host& host, uint32_t ip, awaited awaited)
+ats::result<> set_address(world::host& host, uint32_t ip, completion completion)
 {
     return change_record(
-        host, awaited, [&](const records::host_record& record) { return record.address == ip; },
+        host, completion, [&](const records::host_record& record) { return record.address == ip; },
         [&] { return set_identity(host.machine(), "ats_sa_set_ip_addrs", ip); });
 }
 

@@ -22,12 +22,12 @@ void set_trace_level(world::host& host, int level);
 // Sets how often the host asks the SA for its record. The new period begins after the next check of each HCA.
 ats::result<> set_verification(world::host& host, const verification& verification);
 
-enum class awaited { sent, confirmed };
+enum class completion { sent, confirmed };
 
 // Changes the registered name or address, which must be valid. Waits until the record has been sent, or until the SA
 // has confirmed it: at most about three seconds. If the record is stored, but not sent or not confirmed, this is an
 // error. A later check then registers the record.
-ats::result<> set_name(world::host& host, const std::string& name, awaited awaited);
-ats::result<> set_address(world::host& host, uint32_t ip, awaited awaited);
+ats::result<> set_name(world::host& host, const std::string& name, completion completion);
+ats::result<> set_address(world::host& host, uint32_t ip, completion completion);
 
 } // namespace cli

@@ -99,7 +99,8 @@ void add_path(std::string& line, const world::path_record& path)
 
 std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool cache_only, std::optional<uint64_t> id)
 {
-    std::string line = begin_answer(id, status_word(answer, cache_only), source_word(answer), answer.took_nanoseconds);
+    std::string line =
+        begin_answer(id, status_word(answer, cache_only), source_word(answer), answer.duration_nanoseconds);
     if (answer.status == ibat_stat_ok) {
         const std::string address = world::format_ipv4(answer.ip);
         const std::string gid = world::format_gid(answer.gid);
@@ -115,7 +116,7 @@ std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool 
 
 std::string path_answer(const world::path_resolution& answer, std::optional<uint64_t> id)
 {
-    std::string line = begin_answer(id, status_word(answer.status), source_word(answer), answer.took_nanoseconds);
+    std::string line = begin_answer(id, status_word(answer.status), source_word(answer), answer.duration_nanoseconds);
     if (answer.status == world::path_status::found) {
         if (answer.ip != 0) add_text(line, "address", world::format_ipv4(answer.ip));
         add_text(line, "gid", world::format_gid(answer.gid));

@@ -52,57 +52,57 @@ constexpr struct {
 
 // Pairs each running host with a host of the file: with the host of the same name, otherwise with the next host whose
 // name no running host has.
-std::vector<const host_config*> counterparts_of(const world_config& running, const world_config& file)
+std::vector<const host_config*> counterparts_of(const world_config& current, const world_config& file)
 {
     const auto find_host = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {
         const auto position =
             std::ranges::find(hosts, name, [](const host_config& host) { return host.settings.name; });
         return position == hosts.end() ? nullptr : &*position;
     };
-    std::vector<const host_config*> renamed;
+    std::vector<const host_config*> new_names;
     for (const host_config& host : file.hosts)
-        if (!find_host(running.hosts, host.settings.name)) renamed.push_back(&host);
+        if (!find_host(current.hosts, host.settings.name)) new_names.push_back(&host);
     std::vector<const host_config*> counterparts;
-    auto next = renamed.begin();
-    for (const host_config& host : running.hosts) {
+    auto next = new_names.begin();
+    for (const host_config& host : current.hosts) {
         const host_config* counterpart = find_host(file.hosts, host.settings.name);
-        if (!counterpart && next != renamed.end()) counterpart = *next++;
+        if (!counterpart && next != new_names.end()) counterpart = *next++;
         counterparts.push_back(counterpart);
     }
     return counterparts;
 }
 
 // Executes one reload; see reload().
-class reloading
+class reload_run
 {
   public:
-    explicit reloading(const reload_calls& calls) : calls_(calls) {}
+    explicit reload_run(const reload_calls& calls) : calls_(calls) {}
 
     // Makes the call even if nothing differs, because an earlier call may have succeeded only in part.
-    void change_rules(world_config& running, const world_config& file)
+    void change_rules(world_config& current, const world_config& file)
     {
         const ats::result<> changed = calls_.set_rules(file.access, file.limits);
-        if (running.access != file.access || !changed) report(changed, "[access] has changed");
-        if (running.limits != file.limits) say("[limits] have changed");
-        if (changed) running.access = file.access;
-        running.limits = file.limits;
+        if (current.access != file.access || !changed) report(changed, "[access] has changed");
+        if (current.limits != file.limits) say("[limits] have changed");
+        if (changed) current.access = file.access;
+        current.limits = file.limits;
     }
 
-    void change_host(world::host& host, host_settings& running, const host_settings& file)
+    void change_host(world::host& host, host_settings& current, const host_settings& file)
     {
-        change(running.trace, file.trace, host, "traces at level " + std::to_string(file.trace),
+        change(current.trace, file.trace, host, "traces at level " + std::to_string(file.trace),
                [&]() -> ats::result<> {
                    set_trace_level(host, file.trace);
                    return {};
                });
-        change(running.verification, file.verification, host, text_of(file.verification),
+        change(current.verification, file.verification, host, text_of(file.verification),
                [&] { return set_verification(host, file.verification); });
-        change(running.address, file.address, host, "has the address " + file.address, [&]() -> ats::result<> {
+        change(current.address, file.address, host, "has the address " + file.address, [&]() -> ats::result<> {
             const ats::result<uint32_t> ip = console::host_address_of(file.address);
-            return ip ? set_address(host, *ip, awaited::confirmed) : ats::pass_on(ip);
+            return ip ? set_address(host, *ip, completion::confirmed) : ats::pass_on(ip);
         });
-        change(running.name, file.name, host, "is called " + file.name,
-               [&] { return set_name(host, file.name, awaited::confirmed); });
+        change(current.name, file.name, host, "is called " + file.name,
+               [&] { return set_name(host, file.name, completion::confirmed); });
     }
 
     void refuse(const std::string& part)
@@ -146,13 +146,13 @@ class reloading
     }
 
     template <class setting_t>
-    void change(setting_t& running, const setting_t& file, world::host& host, const std::string& text,
+    void change(setting_t& current, const setting_t& file, world::host& host, const std::string& text,
                 const std::function<ats::result<>()>& order)
     {
-        if (running == file || !calls_.may_go_on()) return;
+        if (current == file || !calls_.may_go_on()) return;
         const ats::result<> changed = order();
         report(changed, host.name() + " now " + text, host.name());
-        if (changed) running = file;
+        if (changed) current = file;
     }
 
     const reload_calls& calls_;
@@ -161,22 +161,22 @@ class reloading
 
 } // namespace
 
-void reload(running_hosts& hosts, world_config& running, const world_config& file, const reload_calls& calls)
+void reload(running_hosts& hosts, world_config& current, const world_config& file, const reload_calls& calls)
 {
-    assert(hosts.all().size() == running.hosts.size());
-    reloading reloading(calls);
+    assert(hosts.all().size() == current.hosts.size());
+    reload_run reload_run(calls);
     for (const auto& part : fixed_parts)
-        if (!part.is_same(running, file)) reloading.refuse(part.name);
-    reloading.change_rules(running, file);
-    const std::vector<const host_config*> counterparts = counterparts_of(running, file);
+        if (!part.is_same(current, file)) reload_run.refuse(part.name);
+    reload_run.change_rules(current, file);
+    const std::vector<const host_config*> counterparts = counterparts_of(current, file);
     for (size_t i = 0; i < counterparts.size(); ++i) {
         if (!counterparts[i]) continue;
         world::host& host = *hosts.all()[i];
         for (const auto& part : fixed_host_parts)
-            if (!part.is_same(running.hosts[i], *counterparts[i])) reloading.refuse(part.name, host);
-        reloading.change_host(host, running.hosts[i].settings, counterparts[i]->settings);
+            if (!part.is_same(current.hosts[i], *counterparts[i])) reload_run.refuse(part.name, host);
+        reload_run.change_host(host, current.hosts[i].settings, counterparts[i]->settings);
     }
-    reloading.end();
+    reload_run.end();
 }
 
 } // namespace cli

@@ -22,9 +22,9 @@ struct reload_calls {
     std::function<void(const std::string& line, const std::string& host)> print;
 };
 
-// Applies the settings of `file` that differ from those of `running`, and prints a line for each. Stores the applied
-// settings in `running`. For settings that need a restart, it only prints a line. The next reload tries failed changes
+// Applies the settings of `file` that differ from those of `current`, and prints a line for each. Stores the applied
+// settings in `current`. For settings that need a restart, it only prints a line. The next reload tries failed changes
 // again. Call it from outside of the machines. Waits for the SA if a host's name or address changes.
-void reload(running_hosts& hosts, world_config& running, const world_config& file, const reload_calls& calls);
+void reload(running_hosts& hosts, world_config& current, const world_config& file, const reload_calls& calls);
 
 } // namespace cli

@@ -43,9 +43,9 @@ ats::result<json> set_trace(running_hosts& hosts, const json& request)
 }
 
 // Reads "no_wait" of an order that changes the registered record.
-awaited awaited_by(const json& request)
+completion completion_of(const json& request)
 {
-    return request.value("no_wait", false) ? awaited::sent : awaited::confirmed;
+    return request.value("no_wait", false) ? completion::sent : completion::confirmed;
 }
 
 // {"name", "host", "no_wait"}: changes the registered name of a host.
@@ -57,7 +57,7 @@ ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
                          console::quote(name) + " cannot be a host name: take " + console::host_name_rule);
     const ats::result<world::host*> host = find_host(hosts, request);
     if (!host) return ats::pass_on(host);
-    const ats::result<> changed = set_name(**host, name, awaited_by(request));
+    const ats::result<> changed = set_name(**host, name, completion_of(request));
     if (!changed) return ats::pass_on(changed);
     return done((*host)->name() + " is now called " + name + ".");
 }
@@ -86,7 +86,7 @@ ats::result<json> answer_set_address(running_hosts& hosts, const json& request)
     const ats::result<world::host*> host = find_host(hosts, request);
     if (!host) return ats::pass_on(host);
     const std::string warning = warning_of_another_owner(hosts, **host, address);
-    const ats::result<> changed = set_address(**host, *ip, awaited_by(request));
+    const ats::result<> changed = set_address(**host, *ip, completion_of(request));
     if (!changed) return ats::pass_on(changed);
     json answer = done((*host)->name() + " now has the address " + address + ".");
     if (!warning.empty()) answer["warning"] = warning;

@@ -27,10 +27,10 @@ constexpr const char* memory_is_used_up = "the memory is used up: run fewer host
 // The last lines of the host's log, indented.
 std::string end_of_log(world::host& host)
 {
-    constexpr size_t lines_shown = 4;
+    constexpr size_t line_count = 4;
     std::string text;
     const std::vector<kernel::log_line> lines = host.machine().log.lines();
-    for (size_t i = lines.size() - std::min(lines.size(), lines_shown); i < lines.size(); ++i)
+    for (size_t i = lines.size() - std::min(lines.size(), line_count); i < lines.size(); ++i)
         text += "\n  " + kernel::format_line(lines[i]);
     return text;
 }
@@ -38,10 +38,10 @@ std::string end_of_log(world::host& host)
 // The error ends with the last lines of the log, unless memory ran out: the log does not mention that.
 ats::result<> load(world::host& host, const verification& verification)
 {
-    ats::result<> loaded = host.load();
-    if (loaded && verification != cli::verification()) loaded = set_verification(host, verification);
-    if (loaded || loaded.error().kind == error_kind::no_memory) return loaded;
-    return ats::fail(loaded.error().kind, loaded.error().text + end_of_log(host));
+    ats::result<> result = host.load();
+    if (result && verification != cli::verification()) result = set_verification(host, verification);
+    if (result || result.error().kind == error_kind::no_memory) return result;
+    return ats::fail(result.error().kind, result.error().text + end_of_log(host));
 }
 
 // Executes one step of a host's start; `step` returns an ats::result<>. The error names the host. It also does so if
@@ -51,8 +51,8 @@ ats::result<> take_step(const std::string& host, const step_t& step)
 {
     const std::string title = host + " does not start: ";
     try {
-        if (const ats::result<> taken = step(); !taken)
-            return ats::fail(taken.error().kind, title + taken.error().text);
+        if (const ats::result<> result = step(); !result)
+            return ats::fail(result.error().kind, title + result.error().text);
         if (exec::reserve::is_used()) exec::throw_shortage(memory_is_used_up);
         return {};
     } catch (const exec::shortage& shortage) {
@@ -70,10 +70,10 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
                                                                  const std::string& module_folder, report_t report)
 {
     std::unique_ptr<running_hosts> hosts(new running_hosts(std::move(report)));
-    if (const ats::result<> opened = hosts->open_fabric(config.fabric); !opened) return ats::pass_on(opened);
+    if (const ats::result<> result = hosts->open_fabric(config.fabric); !result) return ats::pass_on(result);
     if (console::has_journal_fields()) hosts->journal_copy_.emplace(console::print);
     for (const host_config& host : config.hosts)
-        if (const ats::result<> added = hosts->add_host(host, module_folder); !added) return ats::pass_on(added);
+        if (const ats::result<> result = hosts->add_host(host, module_folder); !result) return ats::pass_on(result);
     return hosts;
 }
 
@@ -86,9 +86,9 @@ running_hosts::~running_hosts()
 ats::result<> running_hosts::open_fabric(const fabric_config& config)
 {
     if (config.is_real) {
-        auto opened = umad::open(*exec_, config.ports);
-        if (!opened) return ats::fail(opened.error().text);
-        real_fabric_ = std::move(*opened);
+        auto result = umad::open(*exec_, config.ports);
+        if (!result) return ats::fail(result.error().text);
+        real_fabric_ = std::move(*result);
     } else {
         subnet_ = std::make_unique<embedded::subnet>(*exec_);
     }
@@ -147,9 +147,9 @@ ats::result<> running_hosts::start_recording(const std::string& path)
 ats::result<> running_hosts::stop_recording()
 {
     if (!recorder_) return {};
-    const ats::result<> finished = recorder_->finish(exec_->now());
+    const ats::result<> result = recorder_->finish(exec_->now());
     recorder_->stop();
-    return finished;
+    return result;
 }
 
 // A real fabric has no observer, so its HCAs are watched.
@@ -179,9 +179,9 @@ ats::result<> running_hosts::stop_capture()
 {
     if (!capture_) return {};
     set_tap(nullptr);
-    const ats::result<> closed = capture_->close();
+    const ats::result<> result = capture_->close();
     capture_.reset();
-    return closed;
+    return result;
 }
 
 ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go_on)
@@ -190,9 +190,9 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     for (const auto& host : hosts_) {
         if (!may_go_on(host_count)) return false;
         if (is_real()) report_other_holder(*host, settings_[host_count].address);
-        const ats::result<> loaded =
+        const ats::result<> result =
             take_step(host->name(), [&] { return load(*host, settings_[host_count].verification); });
-        if (!loaded) return ats::pass_on(loaded);
+        if (!result) return ats::pass_on(result);
         ++host_count;
     }
     if (is_real()) return true;
@@ -224,14 +224,14 @@ std::vector<std::string> running_hosts::stop()
 {
     std::vector<std::string> refusals;
     for (auto host = hosts_.rbegin(); host != hosts_.rend(); ++host) {
-        const ats::result<> unloaded = (*host)->unload();
-        if (!unloaded)
-            refusals.push_back((*host)->name() + ": " + unloaded.error().text);
+        const ats::result<> result = (*host)->unload();
+        if (!result)
+            refusals.push_back((*host)->name() + ": " + result.error().text);
         else if (!is_sa_silent_)
             delete_records(**host);
     }
-    for (const ats::result<>& stopped : {stop_capture(), stop_recording()})
-        if (!stopped) refusals.push_back(stopped.error().text);
+    for (const ats::result<>& result : {stop_capture(), stop_recording()})
+        if (!result) refusals.push_back(result.error().text);
     return refusals;
 }
 

@@ -38,24 +38,24 @@ bool service_signals::stops(int number) const
 
 bool service_signals::is_stop_pending() const
 {
-    sigset_t pending;
-    sigpending(&pending);
+    sigset_t pending_signals;
+    sigpending(&pending_signals);
     return std::ranges::any_of(numbers,
-                               [&](int number) { return sigismember(&pending, number) == 1 && stops(number); });
+                               [&](int number) { return sigismember(&pending_signals, number) == 1 && stops(number); });
 }
 
-service_signals::told service_signals::wait() const
+service_signals::signal_meaning service_signals::wait() const
 {
     int number = 0;
     sigwait(&set_, &number);
-    if (!stops(number)) return told::reload;
+    if (!stops(number)) return signal_meaning::reload;
     let_next_signal_end_the_program();
-    return told::stop;
+    return signal_meaning::stop;
 }
 
 void service_signals::wait_for_stop() const
 {
-    while (wait() == told::reload) continue;
+    while (wait() == signal_meaning::reload) continue;
 }
 
 // A signal may come twice within a moment: timeout(1) signals the process and then its group. Drops such a repeat, so

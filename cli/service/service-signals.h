@@ -9,7 +9,7 @@ namespace cli
 class service_signals
 {
   public:
-    enum class told { stop, reload };
+    enum class signal_meaning { stop, reload };
 
     // Blocks the signals in this thread and in all threads that it starts later; only wait() accepts them. SIGINT and
     // SIGTERM end the service. Without `can_reload`, SIGHUP also ends it. With `can_reload`, SIGHUP reloads; on a
@@ -20,7 +20,7 @@ class service_signals
 
     // Waits for a signal. Repeats of a signal that has not been accepted yet count once. After `stop`, another stop
     // signal ends the program at once, and a reload signal does nothing.
-    told wait() const;
+    signal_meaning wait() const;
 
     // Does the same, but ignores reloads.
     void wait_for_stop() const;

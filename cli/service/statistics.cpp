@@ -60,12 +60,12 @@ void lookup_statistics::note(lookup_kind kind, lookup_outcome outcome, uint64_t 
 
 void lookup_statistics::note(lookup_kind kind, const world::resolution& answer, bool cache_only)
 {
-    note(kind, outcome_of(answer, cache_only), answer.took_nanoseconds);
+    note(kind, outcome_of(answer, cache_only), answer.duration_nanoseconds);
 }
 
 void lookup_statistics::note(const world::path_resolution& answer)
 {
-    note(lookup_kind::path, outcome_of(answer), answer.took_nanoseconds);
+    note(lookup_kind::path, outcome_of(answer), answer.duration_nanoseconds);
 }
 
 void host_statistics::follow(kernel::log& log)

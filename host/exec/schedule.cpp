@@ -30,7 +30,7 @@ void priority_schedule::begin_round()
 {
     position_ = 0;
     round_key_ = engine_();
-    lowered_.clear();
+    lowered_priorities_.clear();
     change_positions_.clear();
     for (int i = 1; i < options_.depth; ++i) change_positions_.push_back(engine_() % options_.round_choices);
 }
@@ -39,8 +39,8 @@ void priority_schedule::begin_round()
 uint64_t priority_schedule::priority_of(uint64_t task_number) const
 {
     constexpr uint64_t above_all_changed = uint64_t{1} << 63;
-    const auto entry = lowered_.find(task_number);
-    return entry == lowered_.end() ? above_all_changed | mix(round_key_ + task_number) : entry->second;
+    const auto entry = lowered_priorities_.find(task_number);
+    return entry == lowered_priorities_.end() ? above_all_changed | mix(round_key_ + task_number) : entry->second;
 }
 
 size_t priority_schedule::highest_of(const candidates& tasks) const
@@ -62,7 +62,7 @@ size_t priority_schedule::choose(const candidates& tasks, choice_point)
     size_t highest = highest_of(tasks);
     for (size_t i = 0; i < change_positions_.size(); ++i) {
         if (change_positions_[i] != position_) continue;
-        lowered_[tasks.task_number(highest)] = i;
+        lowered_priorities_[tasks.task_number(highest)] = i;
         const size_t next = highest_of(tasks);
         overtakings_ += next != highest;
         highest = next;
@@ -96,7 +96,7 @@ bool systematic_schedule::next()
     while (!decisions_.empty() && decisions_.back().choice + 1 >= decisions_.back().choices) decisions_.pop_back();
     if (decisions_.empty()) return false;
     ++decisions_.back().choice;
-    ++orders_tried_;
+    ++tried_orders_;
     return true;
 }
 

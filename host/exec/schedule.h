@@ -89,8 +89,8 @@ class priority_schedule final : public schedule
     std::mt19937_64 engine_;
     uint64_t position_ = 0; // in the round
     uint64_t round_key_ = 0;
-    std::vector<uint64_t> change_positions_; // in the round, in any order
-    std::map<uint64_t, uint64_t> lowered_;   // the changed priorities, by the task's number
+    std::vector<uint64_t> change_positions_;          // in the round, in any order
+    std::map<uint64_t, uint64_t> lowered_priorities_; // the changed priorities, by the task's number
     uint64_t overtakings_ = 0;
 };
 
@@ -116,7 +116,7 @@ class systematic_schedule final : public schedule
     // Selects the next order. Returns false if all have been tried.
     bool next();
 
-    uint64_t orders_tried() const { return orders_tried_; }
+    uint64_t orders_tried() const { return tried_orders_; }
 
     // The deviations of the present order. For example, "17:1 23:2" means index 1 at choice 17 and index 2 at choice
     // 23.
@@ -136,7 +136,7 @@ class systematic_schedule final : public schedule
     std::vector<decision> decisions_; // of this run up to `position_`; the rest is from the previous run
     size_t position_ = 0;
     int deviations_ = 0; // before `position_`
-    uint64_t orders_tried_ = 1;
+    uint64_t tried_orders_ = 1;
 };
 
 } // namespace exec

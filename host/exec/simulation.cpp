@@ -197,7 +197,7 @@ class simulated_executor final : public simulation
 
     fiber_task& add(fiber_task& task)
     {
-        task.number = ++tasks_started_;
+        task.number = ++started_tasks_;
         task.position = tasks_.insert(tasks_.end(), &task);
         ready_tasks_.push(&task);
         return task;
@@ -418,7 +418,7 @@ class simulated_executor final : public simulation
     uint64_t now_;
     fiber outside_;
     fiber_stack_pool stacks_;
-    uint64_t tasks_started_ = 0;
+    uint64_t started_tasks_ = 0;
     std::list<fiber_task*> tasks_;
     ring_queue<fiber_task> ready_tasks_;
     ring_queue<fiber_task> preempted_tasks_; // ready, but they run after ready_tasks_

@@ -33,8 +33,8 @@ uint64_t address_layout::nominal(const void* pointer)
     }
     if (const auto address = memory_.nominal(pointer)) return *address;
     const std::lock_guard lock(mutex_);
-    if (unknown_.size() == max_unknown) unknown_.clear();
-    const auto [entry, is_new] = unknown_.try_emplace(pointer, next_unknown_);
+    if (unknown_pointers_.size() == max_unknown) unknown_pointers_.clear();
+    const auto [entry, is_new] = unknown_pointers_.try_emplace(pointer, next_unknown_);
     if (is_new) next_unknown_ += page_bytes;
     return entry->second;
 }

@@ -56,7 +56,7 @@ class address_layout
     size_t image_count_ = 0;
     uint64_t next_image_ = nominal_images;
     uint64_t next_object_ = nominal_objects;
-    std::unordered_map<const void*, uint64_t> unknown_;
+    std::unordered_map<const void*, uint64_t> unknown_pointers_;
     uint64_t next_unknown_ = nominal_unknown;
 };
 

@@ -57,10 +57,10 @@ char* reserve_area()
     void* mapping = mmap(nullptr, 2 * area_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapping == MAP_FAILED) return nullptr;
     auto* begin = static_cast<char*>(mapping);
-    const size_t before = (area_bytes - reinterpret_cast<uintptr_t>(begin) % area_bytes) % area_bytes;
-    if (before > 0) munmap(begin, before);
-    munmap(begin + before + area_bytes, area_bytes - before);
-    return begin + before;
+    const size_t excess = (area_bytes - reinterpret_cast<uintptr_t>(begin) % area_bytes) % area_bytes;
+    if (excess > 0) munmap(begin, excess);
+    munmap(begin + excess + area_bytes, area_bytes - excess);
+    return begin + excess;
 }
 
 // All areas, found by their begin address. The table only grows. Readers take no lock, because the unwinder reads the
@@ -153,7 +153,7 @@ ats::result<size_t> image_area::take()
         is_mapped_[mapping] = true;
     }
     in_use_[slot].store(true, std::memory_order_release);
-    ++used_;
+    ++used_slots_;
     return slot;
 }
 
@@ -163,7 +163,7 @@ void image_area::put(size_t slot)
     // MADV_DONTNEED fails for locked memory, so this writes zeros.
     if (madvise(data, code_.data_bytes(), MADV_DONTNEED) != 0) std::memset(data, 0, code_.data_bytes());
     in_use_[slot].store(false, std::memory_order_release);
-    --used_;
+    --used_slots_;
 }
 
 void image_area::give_back_zero_pages(size_t slot) const

@@ -54,7 +54,7 @@ class image_area
     static ats::result<image_area*> make(const shared_code& code);
 
     const image_template& source() const { return code_.source(); }
-    bool has_room() const { return used_ < code_.slots(); }
+    bool has_room() const { return used_slots_ < code_.slots(); }
     char* slot_begin(size_t slot) const { return begin_ + slot * code_.stride(); }
 
     // Takes a free slot. Its variables are zero. Fails (no_memory) when no more mappings are allowed.
@@ -74,7 +74,7 @@ class image_area
     char* const begin_;
     std::vector<std::atomic<bool>> in_use_;
     std::vector<bool> is_mapped_; // for each group of sixteen slots, true if its code is mapped
-    size_t used_ = 0;
+    size_t used_slots_ = 0;
 };
 
 // The area that an address belongs to, or null. Any thread, any context; takes no lock.

@@ -153,8 +153,8 @@ module_image::~module_image()
     bool is_unmapped = true;
     if (handle_) {
         dlclose(handle_);
-        if (void* still_mapped = dlopen(path_of(copy_).c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
-            dlclose(still_mapped);
+        if (void* mapped_image = dlopen(path_of(copy_).c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
+            dlclose(mapped_image);
             is_unmapped = false; // an image can ask to stay mapped; then no other copy can ever use this path
         }
     }
@@ -164,9 +164,9 @@ module_image::~module_image()
 ats::result<> module_image::map(const std::string& path)
 {
     assert(!handle_ && !placed_);
-    ats::result<std::unique_ptr<placed_image>> placed = placed_image::place(path);
-    if (!placed) return ats::pass_on(placed);
-    placed_ = std::move(*placed);
+    ats::result<std::unique_ptr<placed_image>> image = placed_image::place(path);
+    if (!image) return ats::pass_on(image);
+    placed_ = std::move(*image);
     if (!placed_)
         if (ats::result<> result = link(path); !result) return result;
     declaration_ =

@@ -28,16 +28,16 @@ struct asker_t {
 // list.
 inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t callback, void* context)
 {
-    int32_t withdrawn = 0;
+    int32_t withdraw_count = 0;
     for (list_head* link = askers->next; link != askers;) {
         asker_t* asker = list_entry(link, asker_t, link);
         link = link->next;
         if (!asker->matches(callback, context)) continue;
         list_del_init(&asker->link);
         kfree(asker);
-        ++withdrawn;
+        ++withdraw_count;
     }
-    return withdrawn;
+    return withdraw_count;
 }
 
 class reply_queue

@@ -100,7 +100,7 @@ std::vector<std::string> registry::left_by(const kernel::module_code& module) co
 {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> leftovers;
-    for (const auto& [handle, each] : open_)
+    for (const auto& [handle, each] : open_keys_)
         if (module.holds(each.opener)) leftovers.push_back("open registry key " + each.target.path);
     for (const auto& [notifier, each] : subscriptions_)
         if (module.holds(each.callback) || module.holds(each.context))
@@ -117,7 +117,7 @@ int registry::open(rep_key_t parent, const char* path, rep_key_t* handle, const 
     const auto entry = keys_.find(key_path);
     if (entry == keys_.end()) return -EK_NOENT;
     *handle = next_handle_++;
-    open_[*handle] = {{key_path, entry->second.serial}, opener};
+    open_keys_[*handle] = {{key_path, entry->second.serial}, opener};
     return 0;
 }
 
@@ -146,7 +146,7 @@ int registry::follow(rep_key_t handle, rep_change_fn_t callback, void* context, 
 void registry::close(rep_key_t handle)
 {
     const std::lock_guard lock(mutex_);
-    open_.erase(handle);
+    open_keys_.erase(handle);
 }
 
 void registry::unfollow(rep_notifier_t notifier)
@@ -179,8 +179,8 @@ const registry::key* registry::find(const reference& target) const
 const registry::key* registry::find(rep_key_t handle, std::string* path) const
 {
     if (handle == root) return &keys_.at("");
-    const auto entry = open_.find(handle);
-    if (entry == open_.end()) return nullptr;
+    const auto entry = open_keys_.find(handle);
+    if (entry == open_keys_.end()) return nullptr;
     if (path) *path = entry->second.target.path;
     return find(entry->second.target);
 }

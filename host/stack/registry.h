@@ -82,7 +82,7 @@ class registry final : public kernel::service
     semaphore change_semaphore_; // held by set() during its callbacks, and while a subscription ends
     mutable std::mutex mutex_;   // guards the members below; not held during a callback
     key_map keys_;
-    std::map<rep_key_t, opened_key> open_;
+    std::map<rep_key_t, opened_key> open_keys_;
     std::map<rep_notifier_t, subscription> subscriptions_;
     uint64_t next_serial_ = 1;
     rep_key_t next_handle_ = root + 1;

@@ -38,7 +38,7 @@ void timers::arm(const timing_t& timer)
         each->queue.remove(&timer);
     }
     lane& home_lane = timer.atomic ? atomic_ : sleeping_;
-    home_lane.queue.add({timer.expires, ++times_armed_, &timer, timer.function, timer.data});
+    home_lane.queue.add({timer.expires, ++arm_count_, &timer, timer.function, timer.data});
     if (home_lane.queue.first().record == &timer) home_lane.task.ring();
 }
 

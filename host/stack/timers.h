@@ -58,7 +58,7 @@ class timers final : public kernel::service
 
     kernel::machine& home_;
     mutable exec::brief_lock mutex_;
-    uint64_t times_armed_ = 0;
+    uint64_t arm_count_ = 0;
     // The lane of handlers that may sleep waits without a deadline. The atomic lane rings it when it has no timer due.
     bool sleeping_waits_for_atomic_ = false;
     wait_queue_head_t handler_ended_;

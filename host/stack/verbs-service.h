@@ -47,7 +47,7 @@ class verbs final : public kernel::service
     kernel::machine& home_;
     mutable std::mutex mutex_;
     std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // for each HCA
-    std::map<kq_hca_h_t, open_hca> open_;
+    std::map<kq_hca_h_t, open_hca> open_hcas_;
     uintptr_t last_handle_ = 0;
     std::atomic<bool> is_cut_reported_{false};
 };

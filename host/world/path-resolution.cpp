@@ -73,12 +73,14 @@ void take_path(path_resolution& answer, ibat_stat_t status, const ibat_arp_data_
 }
 
 // Stores the reason why the destination's address has no GID.
-void take_unknown_address(path_resolution& answer, const resolution& resolved, const kernel::machine& machine)
+void take_unknown_address(path_resolution& answer, const resolution& address_answer, const kernel::machine& machine)
 {
-    if (resolved.status == ibat_stat_not_found) return set_failure(answer, path_status::not_found, resolved.reason);
-    if (resolved.status == ibat_stat_timeout) return set_failure(answer, path_status::timed_out, resolved.reason);
+    if (address_answer.status == ibat_stat_not_found)
+        return set_failure(answer, path_status::not_found, address_answer.reason);
+    if (address_answer.status == ibat_stat_timeout)
+        return set_failure(answer, path_status::timed_out, address_answer.reason);
     if (!has_active_port(machine)) return take_path(answer, ibat_stat_no_port, {});
-    set_failure(answer, path_status::failed, resolved.reason);
+    set_failure(answer, path_status::failed, address_answer.reason);
 }
 
 void note_destination(path_resolution& answer, const path_destination& destination)
@@ -101,8 +103,8 @@ struct path_question {
 
     void finish()
     {
-        answer.took_ticks = machine.exec().now() - started_ticks;
-        answer.took_nanoseconds = nanoseconds_since(start_time);
+        answer.duration_ticks = machine.exec().now() - started_ticks;
+        answer.duration_nanoseconds = nanoseconds_since(start_time);
         if (answer.status != path_status::found) answer.from_cache = false;
         done(answer);
     }
@@ -154,19 +156,19 @@ void ask_for_address(std::unique_ptr<path_question> question)
                            ? start_fresh_resolution
                            : static_cast<void (*)(kernel::machine&, uint32_t, resolution_callback)>(start_resolution);
     path_question* context = question.release(); // std::function cannot store an object that is not copyable
-    start(machine, ip, [context](const resolution& resolved) {
+    start(machine, ip, [context](const resolution& address_answer) {
         std::unique_ptr<path_question> question(context);
-        question->answer.from_cache = resolved.from_cache;
-        question->answer.gid = resolved.gid;
-        if (resolved.status == ibat_stat_ok) return ask_for_path(std::move(question));
-        take_unknown_address(question->answer, resolved, question->machine);
+        question->answer.from_cache = address_answer.from_cache;
+        question->answer.gid = address_answer.gid;
+        if (address_answer.status == ibat_stat_ok) return ask_for_path(std::move(question));
+        take_unknown_address(question->answer, address_answer, question->machine);
         question->finish();
     });
 }
 
 // Shared by resolve_path() and the callback. The callback may come after the end of the wait.
-struct awaited_answer {
-    awaited_answer() { init_waitqueue_head_named(&arrival, "path"); }
+struct shared_answer {
+    shared_answer() { init_waitqueue_head_named(&arrival, "path"); }
 
     path_resolution answer;
     std::atomic<bool> has_arrived{false};
@@ -174,19 +176,19 @@ struct awaited_answer {
 };
 
 // Waits inside the machine. Returns false after the timeout.
-bool wait_for(awaited_answer& awaited, uint64_t timeout_ticks)
+bool wait_for(shared_answer& state, uint64_t timeout_ticks)
 {
     wait_queue_t sleeper;
-    prepare_to_wait(&awaited.arrival, &sleeper);
-    while (!awaited.has_arrived && timeout_ticks > 0) {
+    prepare_to_wait(&state.arrival, &sleeper);
+    while (!state.has_arrived && timeout_ticks > 0) {
         constexpr uint64_t most_ticks = 60 * HZ;
         const uint64_t ticks = std::min(timeout_ticks, most_ticks);
         const uint64_t rest = schedule_timeout_uninterruptible(ticks);
         if (timeout_ticks != no_path_timeout) timeout_ticks -= ticks - rest;
-        prepare_to_wait(&awaited.arrival, &sleeper);
+        prepare_to_wait(&state.arrival, &sleeper);
     }
-    finish_wait(&awaited.arrival, &sleeper);
-    return awaited.has_arrived;
+    finish_wait(&state.arrival, &sleeper);
+    return state.has_arrived;
 }
 
 } // namespace
@@ -230,12 +232,12 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
     path_resolution answer;
     note_destination(answer, destination);
     if (answer.ip != 0) {
-        const std::optional<resolution> resolved = answer_from_cache(machine, answer.ip);
-        if (!resolved) return std::nullopt;
-        answer.gid = resolved->gid;
-        if (resolved->status != ibat_stat_ok) {
-            take_unknown_address(answer, *resolved, machine);
-            answer.took_nanoseconds = nanoseconds_since(start_time);
+        const std::optional<resolution> address_answer = answer_from_cache(machine, answer.ip);
+        if (!address_answer) return std::nullopt;
+        answer.gid = address_answer->gid;
+        if (address_answer->status != ibat_stat_ok) {
+            take_unknown_address(answer, *address_answer, machine);
+            answer.duration_nanoseconds = nanoseconds_since(start_time);
             return answer;
         }
     }
@@ -245,7 +247,7 @@ std::optional<path_resolution> path_from_cache(kernel::machine& machine, const p
     if (status != ibat_stat_ok) return std::nullopt;
     take_path(answer, status, record);
     answer.from_cache = true;
-    answer.took_nanoseconds = nanoseconds_since(start_time);
+    answer.duration_nanoseconds = nanoseconds_since(start_time);
     return answer;
 }
 
@@ -255,21 +257,22 @@ path_resolution resolve_path(kernel::machine& machine, const path_destination& d
     path_resolution unanswered;
     note_destination(unanswered, destination);
     if (mode == lookup_mode::cache_only) {
-        if (const std::optional<path_resolution> cached = path_from_cache(machine, destination)) return *cached;
+        if (const std::optional<path_resolution> cache_answer = path_from_cache(machine, destination))
+            return *cache_answer;
         set_failure(unanswered, path_status::not_cached, "it is not in the cache");
         return unanswered;
     }
-    const auto awaited = std::make_shared<awaited_answer>();
+    const auto state = std::make_shared<shared_answer>();
     bool has_arrived = false;
     machine.enter("path", [&] {
-        start_path_resolution(machine, destination, mode, [awaited](const path_resolution& answer) {
-            awaited->answer = answer;
-            awaited->has_arrived = true;
-            wake_up_interruptible(&awaited->arrival);
+        start_path_resolution(machine, destination, mode, [state](const path_resolution& answer) {
+            state->answer = answer;
+            state->has_arrived = true;
+            wake_up_interruptible(&state->arrival);
         });
-        has_arrived = wait_for(*awaited, timeout_ticks);
+        has_arrived = wait_for(*state, timeout_ticks);
     });
-    if (has_arrived) return awaited->answer;
+    if (has_arrived) return state->answer;
     set_failure(unanswered, path_status::timed_out, "no answer came within " + std::to_string(timeout_ticks) + " ms");
     return unanswered;
 }

@@ -50,9 +50,9 @@ struct path_resolution {
     path_record path;  // valid for `found`
     uint32_t port = 0; // valid for `found`: the host's port on which the path begins
     bool from_cache = false;
-    uint64_t took_ticks = 0;       // by the machine's clock
-    uint64_t took_nanoseconds = 0; // by the wall clock
-    std::string reason;            // one line for people; empty if the status is `found`
+    uint64_t duration_ticks = 0;       // by the machine's clock
+    uint64_t duration_nanoseconds = 0; // by the wall clock
+    std::string reason;                // one line for people; empty if the status is `found`
 };
 
 using path_destination = std::variant<uint32_t, kq_gid_t>; // an address in network order, or a GID

@@ -50,8 +50,8 @@ resolution resolve_inside(kernel::machine& machine, request_t request)
         }
         answer.ip = pending.record.dst_ip;
         answer.gid = pending.record.gid;
-        answer.took_ticks = machine.exec().now() - begin_ticks;
-        answer.took_nanoseconds =
+        answer.duration_ticks = machine.exec().now() - begin_ticks;
+        answer.duration_nanoseconds =
             static_cast<uint64_t>(std::chrono::nanoseconds(std::chrono::steady_clock::now() - begin).count());
     });
     return answer;

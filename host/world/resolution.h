@@ -24,9 +24,9 @@ struct resolution {
     uint32_t ip = 0;                      // network order
     kq_gid_t gid{};
     bool from_cache = false;
-    uint64_t took_ticks = 0;       // by the machine's clock
-    uint64_t took_nanoseconds = 0; // by the wall clock
-    std::string reason;            // one line for people; empty if the status is ok
+    uint64_t duration_ticks = 0;       // by the machine's clock
+    uint64_t duration_nanoseconds = 0; // by the wall clock
+    std::string reason;                // one line for people; empty if the status is ok
 };
 
 // resolve_address() and resolve_gid() wait for the answer. In the simulation, time passes meanwhile. The caller is

@@ -37,7 +37,7 @@ struct question {
             answer.ip = record.dst_ip;
             answer.gid = record.gid;
         }
-        answer.took_nanoseconds = nanoseconds_since(start_time);
+        answer.duration_nanoseconds = nanoseconds_since(start_time);
         explain(answer);
         done(answer);
     }
@@ -88,7 +88,7 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
     answer.from_cache = true;
     answer.ip = record.dst_ip;
     answer.gid = record.gid;
-    answer.took_nanoseconds = nanoseconds_since(start_time);
+    answer.duration_nanoseconds = nanoseconds_since(start_time);
     explain(answer);
     return answer;
 }

@@ -30,11 +30,11 @@ class shared_record
     record_t load() const
     {
         uint64_t words[word_count];
-        uint32_t before;
+        uint32_t sequence;
         do {
-            before = sequence_.load(std::memory_order_acquire);
+            sequence = sequence_.load(std::memory_order_acquire);
             for (size_t i = 0; i < word_count; ++i) words[i] = words_[i].load(std::memory_order_acquire);
-        } while ((before & 1) != 0 || sequence_.load(std::memory_order_relaxed) != before);
+        } while ((sequence & 1) != 0 || sequence_.load(std::memory_order_relaxed) != sequence);
         record_t record;
         memcpy(&record, words, sizeof record);
         return record;

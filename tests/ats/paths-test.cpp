@@ -130,7 +130,7 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
         row.fault(subnet.faults);
         const path_resolution answer = find(gid, lookup_mode::sa_only);
         EXPECT_EQ(answer.status, row.status);
-        EXPECT_EQ(answer.took_ticks, row.ticks);
+        EXPECT_EQ(answer.duration_ticks, row.ticks);
         EXPECT_EQ(answer.reason.empty(), row.status == path_status::found);
         pass(2000);
         EXPECT_GT(counters().*row.counter, before);
@@ -168,7 +168,7 @@ TEST_F(paths, are_forgotten_when_an_event_makes_them_false)
     EXPECT_TRUE(subnet.link_down("node1", "mthca0", 1));
     pass(100);
     expect_true(late, 2, false);
-    EXPECT_LT(late.took_ticks, 100u);
+    EXPECT_LT(late.duration_ticks, 100u);
     expect_true(find(gid), 2, true);
 
     // When the other port comes back, the module keeps its port, and so do the paths.

@@ -27,10 +27,10 @@ bool is_selected(uint64_t component_mask, path_record_component_t value_bit, pat
     if (!(component_mask & component(value_bit))) return true;
     const bool has_selector = component_mask & component(selector_bit);
     const uint8_t selector = has_selector ? field >> 6 : exactly;
-    const uint8_t requested = field & 0x3F;
-    if (selector == greater_than) return value > requested;
-    if (selector == less_than) return value < requested;
-    return selector == largest || value == requested;
+    const uint8_t requested_p_key = field & 0x3F;
+    if (selector == greater_than) return value > requested_p_key;
+    if (selector == less_than) return value < requested_p_key;
+    return selector == largest || value == requested_p_key;
 }
 
 // One end of a path. The request names it by its GID, by its LID, or by both.
@@ -52,7 +52,7 @@ end_of_path find_end(const port_directory& ports, bool has_gid, const wire_gid_t
 // Returns the P_Key of `source` with which it can send to `destination`. Both ports are in its partition, and at least
 // one is a full member (IBA 10.9.3). If `requested` is set, only that partition counts.
 std::optional<uint16_t> shared_p_key(const port_record& source, const port_record& destination,
-                                     std::optional<uint16_t> requested)
+                                     std::optional<uint16_t> requested_p_key)
 {
     constexpr uint16_t full_member = 0x8000;
     constexpr uint16_t partition = 0x7FFF;
@@ -60,7 +60,7 @@ std::optional<uint16_t> shared_p_key(const port_record& source, const port_recor
         for (const uint16_t other : destination.p_keys) {
             const bool is_shared =
                 (own & partition) != 0 && ((own ^ other) & partition) == 0 && ((own | other) & full_member);
-            if (is_shared && (!requested || ((own ^ *requested) & partition) == 0)) return own;
+            if (is_shared && (!requested_p_key || ((own ^ *requested_p_key) & partition) == 0)) return own;
         }
     return std::nullopt;
 }

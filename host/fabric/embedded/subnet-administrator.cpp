@@ -144,8 +144,9 @@ uint16_t subnet_administrator::serve_service_record(uint8_t method, uint64_t com
 uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
     // Without an ID and a GID, the record could not be found later.
-    constexpr uint64_t required = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
-    if ((component_mask & required) != required) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
+    constexpr uint64_t required_components = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
+    if ((component_mask & required_components) != required_components)
+        return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
     if (!ports_.by_gid(std::to_array(record.service_gid.bytes))) return status_word(SA_STATUS_REQ_INVALID_GID);
 
     ib_service_record_v2_t result = components_of(component_mask, record);

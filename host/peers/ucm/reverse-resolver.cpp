@@ -165,21 +165,21 @@ void reverse_resolver::unlink(gid_request* request)
 
 int32_t reverse_resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* context)
 {
-    int32_t withdrawn;
+    int32_t withdraw_count;
     {
         spin_guard guard(&lock_);
-        withdrawn = replies_.withdraw(callback, context);
+        withdraw_count = replies_.withdraw(callback, context);
         for (list_head* link = requests_.next; link != &requests_;) {
             gid_request* request = list_entry(link, gid_request, asker.link);
             link = link->next;
             if (!request->asker.matches(callback, context)) continue;
             unlink(request);
             kfree(request);
-            ++withdrawn;
+            ++withdraw_count;
         }
     }
     replies_.wait_while_running(callback, context);
-    return withdrawn;
+    return withdraw_count;
 }
 
 ucm_counters_t reverse_resolver::counters()
