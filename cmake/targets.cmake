@@ -5,9 +5,9 @@ add_library(ats_interfaces INTERFACE)
 target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/ib-code/include)
 
 # All machines share the code of a module (host/kernel/image-area.h). The variables lie 4 MiB further behind the code
-# than usual (data_distance in host/kernel/image-template.h). For this, the linker's own script gets one more step.
-# Sanitizers place variables in another way, so builds with them do without it. Then the dynamic linker maps a copy of
-# the module for each machine.
+# than usual (data_distance in host/kernel/image-template.h). For this, a step is added to the linker's own script.
+# Sanitizers place variables in another way, so builds with sanitizers do not use the script. In such builds the dynamic
+# linker maps a copy of the module for each machine.
 function(make_module_linker_script)
   set(MODULE_LINKER_SCRIPT "" PARENT_SCOPE)
   if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR ATS_SANITIZE OR ATS_COVERAGE)
@@ -26,8 +26,8 @@ function(make_module_linker_script)
 endfunction()
 make_module_linker_script()
 
-# A module is a shared object whose undefined symbols are kernel calls. -Bsymbolic binds its exported variables to the
-# module itself, so reading one needs a single load. Its units are compiled one by one, because each trace line names
+# A module is a shared object. Its undefined symbols are kernel calls. With -Bsymbolic, its exported variables are bound
+# to the module itself, so a read needs a single load. Its units are compiled one by one, because each trace line names
 # its unit.
 function(add_kernel_module name)
   add_library(${name}_module MODULE ${ARGN})

@@ -1,5 +1,5 @@
 // The reference for a registration after an event: only libibumad, in one thread. Like a host, it asks its port for
-// PortInfo, deletes its record at the SA and sets it again, each after the answer to the one before.
+// PortInfo, deletes its record at the SA and sets it again. Each request follows the answer to the previous one.
 //   bare-registrations OWN_ADDRESS COUNT
 // Prints the median time of a registration.
 #include <algorithm>

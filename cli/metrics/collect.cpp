@@ -48,7 +48,7 @@ const std::vector<family> all_families = {
     {"ats_path_requests_total", "Questions about paths to the SA, by first try, retry, or refused by the stack.",
      type::counter},
     {"ats_path_answers_total", "Results of questions about paths to the SA.", type::counter},
-    {"ats_path_drops_total", "Paths dropped from the cache because of an event.", type::counter},
+    {"ats_path_drops_total", "Paths dropped from the cache before they expired.", type::counter},
     {"ats_datagram_pool_size", "Datagrams of the pool.", type::gauge},
     {"ats_datagram_pool_free", "Datagrams of the pool that are not in use.", type::gauge},
     {"ats_sa_requests_total", "Requests sent to the SA, by method and attribute.", type::counter},

@@ -31,8 +31,9 @@ constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are l
 constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
-// Beyond this number of stacks, a stack gets a guard only if the guard does not split a mapping, because the number of
-// mappings is limited. All stacks run the same code, so the guards of the first stacks find an overflow as well.
+// A guard may split a mapping, and the number of mappings is limited. Beyond this number of stacks, only guards that
+// split no mapping are installed. All stacks run the same code, so the guards of the first stacks find an overflow as
+// well.
 constexpr size_t split_stacks_limit = 4096;
 
 // Makes the lowest page of a stack fault. The kernel keeps such a guard in its page tables since Linux 6.13. Before, a

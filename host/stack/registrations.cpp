@@ -55,8 +55,8 @@ bool equal(const field_t& first, const field_t& second)
     return std::memcmp(&first, &second, sizeof first) == 0;
 }
 
-// Returns true if the record of the SA has the registered content. Three fields may differ: the remaining lease gets
-// shorter, the SA hides the key from most readers, and the SA may store the P_Key with or without the membership bit.
+// Returns true if the record of the SA has the registered content. Three fields may differ. The remaining lease gets
+// shorter. The SA hides the key from most readers. The SA may store the P_Key with or without the membership bit.
 bool has_content_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
 {
     return equal(sa_record.service_id, set_record.service_id) && equal(sa_record.service_gid, set_record.service_gid) &&

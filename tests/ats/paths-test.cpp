@@ -77,7 +77,7 @@ struct paths : testing::Test {
     const kq_gid_t gid = world::parse_gid("fe80::200:0:2:1").value();
 };
 
-TEST_F(paths, are_asked_once_and_kept_until_they_age)
+TEST_F(paths, are_asked_for_once_and_cached_until_they_expire)
 {
     EXPECT_EQ(find(address, lookup_mode::cache_only).status, path_status::not_cached);
     subnet.faults.latency_ticks = 5;
@@ -146,7 +146,7 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
     EXPECT_TRUE(asker.unload());
 }
 
-TEST_F(paths, are_forgotten_when_an_event_makes_them_false)
+TEST_F(paths, are_dropped_when_an_event_makes_them_invalid)
 {
     expect_true(find(address), 1, false);
     EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1)); // repeats the present state

@@ -60,7 +60,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
     EXPECT_THAT(w.records(), ElementsAre("node1.2 10.0.0.1 node1"));
 }
 
-TEST_F(port_events, a_silent_sa_costs_three_waits)
+TEST_F(port_events, a_silent_sa_delays_a_registration_by_three_waits)
 {
     host.link_up(1);
     host.control("delete_ip 10.0.0.1"); // its answer has arrived, so no later Delete can mistake it for its own

@@ -70,7 +70,7 @@ TEST_F(resolution, other_answers_do_not_end_a_request)
 
 // The timer runs once a second and ends the requests that are at least one second old. In one run the tick count
 // exceeds 32 bits meanwhile, in another 31.
-TEST(time_out, comes_to_the_tick)
+TEST(time_out, comes_at_the_exact_tick)
 {
     for (const uint64_t begin : {uint64_t{0}, uint64_t{0xFFFFFE00}, uint64_t{0x7FFFFFFF}}) {
         SCOPED_TRACE(testing::Message() << "starting at tick " << begin);

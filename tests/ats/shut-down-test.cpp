@@ -25,7 +25,7 @@ struct shut_down : testing::Test {
     ats_host& host = w.add_registered({.ports = {2}, .trace = trace_debug});
 };
 
-TEST_F(shut_down, gives_each_delete_its_time)
+TEST_F(shut_down, waits_for_the_answer_to_each_delete)
 {
     host.link_up(2);
     w.requests();
@@ -63,7 +63,7 @@ TEST_F(shut_down, is_not_held_up_by_a_silent_sa_or_a_signal)
     EXPECT_THAT(lookup.answers, IsEmpty()) << "the asker has detached by then";
 }
 
-TEST_F(shut_down, waits_for_gsi_to_let_go)
+TEST_F(shut_down, waits_until_gsi_releases_the_class)
 {
     host.faults().fail_calls("gsi_deregister_class", 2);
     host.unload();

@@ -40,7 +40,7 @@ struct verification : testing::Test {
     uint64_t next_check = 0;
 };
 
-TEST_F(verification, leaves_a_sound_record_alone)
+TEST_F(verification, does_not_change_a_right_record)
 {
     EXPECT_THAT(check(), ElementsAre("0 node1.1 GET node1.1"));
     host.trace(trace_debug);
@@ -72,7 +72,7 @@ TEST_F(verification, restores_after_silence_when_the_request_has_timed_out)
     EXPECT_THAT(requests[1], HasSubstr("SET node1.1 10.0.0.1 node1"));
 }
 
-TEST_F(verification, restores_over_a_wrong_address)
+TEST_F(verification, replaces_a_wrong_address)
 {
     host.trace(trace_debug);
     w.subnet.faults.sa_silent = true;
@@ -129,7 +129,7 @@ TEST_F(verification, needs_an_active_port)
 }
 
 // A registration that waits for its answer delays the lookup of the check. It does not delay the next check.
-TEST_F(verification, keeps_its_pace_when_a_query_has_waited)
+TEST_F(verification, keeps_its_period_after_a_delayed_lookup)
 {
     const stack::timers& timers = host.machine().get<stack::timers>();
     w.at(next_check - 1);

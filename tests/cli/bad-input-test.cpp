@@ -39,7 +39,7 @@ void expect_refused(const program_result& result, const bad_input& expectation)
     EXPECT_EQ(result.out, "");
 }
 
-TEST(bad_input, clients_refuse_what_makes_no_sense_and_the_service_goes_on)
+TEST(bad_input, clients_refuse_wrong_arguments_and_the_service_continues)
 {
     const std::string overlong(5000, 'a');
     const service ats({"--hosts", "2"});
@@ -103,7 +103,7 @@ std::string answer_to(const std::string& line, const std::string& socket)
     return raw_connection(socket).ask(line);
 }
 
-TEST(bad_input, service_survives_clients_without_manners)
+TEST(bad_input, service_survives_misbehaving_clients)
 {
     const service ats({"--hosts", "2"});
     const struct {
@@ -175,7 +175,7 @@ TEST(bad_input, limits_hold_for_each_user)
     EXPECT_THAT(first.ask(R"({"request":"ping"})"), HasSubstr("alive"));
 }
 
-TEST(bad_input, service_that_ran_out_of_descriptors_hears_again_when_clients_leave)
+TEST(bad_input, service_without_descriptors_accepts_again_when_clients_leave)
 {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizers of a service need descriptors themselves";
@@ -236,14 +236,14 @@ TEST(bad_input, service_whose_memory_is_used_up_stops_in_good_order)
     EXPECT_THAT(ats.complaints(), StartsWith("ats: the memory was used up, so all hosts were stopped"));
 }
 
-TEST(bad_input, output_that_is_lost_is_no_success)
+TEST(bad_input, lost_output_is_a_failure)
 {
     const scratch_folder folder;
     EXPECT_EQ(ats_process({"--version"}, "/dev/full", folder / "err").wait(), 1);
     EXPECT_EQ(text_of_file(folder / "err"), "ats: not all of the output could be written\n");
 }
 
-TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
+TEST(bad_input, wrong_options_of_run_are_refused_before_anything_starts)
 {
     const scratch_folder folder;
     const auto config = [&](const std::string& name, const std::string& text) {
@@ -291,7 +291,7 @@ TEST(bad_input, wrong_ways_to_run_are_refused_before_anything_starts)
     EXPECT_THAT(no_modules.err, HasSubstr("no module image at"));
 }
 
-TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_but_a_live_one_is_not)
+TEST(bad_input, missing_service_is_reported_and_a_stale_socket_is_replaced_but_not_a_live_one)
 {
     std::optional<service> ats(std::in_place, std::vector<std::string>{"--hosts", "1"});
     const std::string socket = ats->socket();
@@ -321,7 +321,7 @@ TEST(bad_input, socket_without_a_service_is_said_and_a_stale_one_is_taken_over_b
     expect_refused(run_ats({"status", "--socket", socket}), {{"none"}, 3, "start one with 'ats run'"});
 }
 
-TEST(bad_input, answers_that_make_no_sense_are_one_clear_line)
+TEST(bad_input, invalid_answers_give_one_clear_line)
 {
     const scratch_folder folder;
     for (const char* nonsense : {R"({"hosts":[{"name":"x"}]})", R"({"error":5})", "{}", "[1]", "status"}) {

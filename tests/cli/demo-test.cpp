@@ -56,7 +56,7 @@ TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshar
         EXPECT_THAT(packets, HasSubstr(field));
 }
 
-TEST(demo, step_that_does_not_happen_ends_it_with_a_failure)
+TEST(demo, failed_step_ends_it_with_an_error)
 {
     const scratch_folder folder;
     const std::filesystem::path modules = world::default_module_folder();

@@ -147,7 +147,7 @@ TEST_F(mount_tree, open_log_grows_with_the_log_and_can_be_read_from_anywhere)
     EXPECT_EQ(kind("b/log"), "file 444 size 0");
 }
 
-TEST_F(mount_tree, log_that_has_dropped_lines_is_its_end_but_does_not_move_under_a_reader)
+TEST_F(mount_tree, log_with_dropped_lines_begins_later_but_not_for_an_open_reader)
 {
     constexpr size_t line_bytes = 16;
     const auto file_of = [&](size_t lines) { return "file 444 size " + std::to_string(lines * line_bytes); };

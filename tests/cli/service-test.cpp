@@ -86,7 +86,7 @@ std::string reload(const service& ats, notice_socket& notices)
     return ats.complaints().substr(before);
 }
 
-TEST(service, reload_changes_what_it_can_says_what_needs_a_restart_and_takes_nothing_from_a_wrong_file)
+TEST(service, reload_applies_what_it_can_names_what_needs_a_restart_and_ignores_a_wrong_file)
 {
     const scratch_folder folder;
     notice_socket notices(folder / "notify");
@@ -245,7 +245,7 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     loop.stop();
 }
 
-TEST(check, names_what_a_service_would_fail_at_and_starts_nothing)
+TEST(check, names_what_would_stop_a_service_and_starts_nothing)
 {
     const scratch_folder folder;
     const std::string config = folder / "world.toml";

@@ -100,7 +100,7 @@ TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
     EXPECT_EQ(config->acm.socket, "/run/ats/ibacm.sock"); // the unit allows the service to write only to /run/ats
 }
 
-TEST(world_config, what_may_be_meant_is_taken_with_a_warning)
+TEST(world_config, probable_mistakes_are_accepted_with_a_warning)
 {
     const auto config = read_config("[[host]]\naddress = \"10.0.0.2\"\n[[host]]\n[[host]]").value();
     EXPECT_EQ(config.hosts.size(), 3u);
@@ -113,7 +113,7 @@ TEST(world_config, what_may_be_meant_is_taken_with_a_warning)
     EXPECT_THAT(remarks, ElementsAre(HasSubstr("31 bytes, and a record carries 30: it registers as 'thirty-bytes")));
 }
 
-TEST(world_config, what_is_wrong_is_refused_with_its_line_and_what_would_be_right)
+TEST(world_config, errors_are_refused_with_their_line_and_a_remedy)
 {
     const struct {
         const char* text;

@@ -101,7 +101,7 @@ TEST(client, reads_every_field_of_an_answer)
 }
 
 // Even if a service is hostile, broken or foreign, every question ends with a status within its time limit.
-TEST(client, survives_whatever_a_service_says)
+TEST(client, ends_every_question_whatever_the_service_sends)
 {
     const std::string id1 = R"({"id":1,)";
     const struct {

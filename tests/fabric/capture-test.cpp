@@ -8,7 +8,7 @@
 namespace
 {
 
-TEST(capture, a_failure_to_write_is_told)
+TEST(capture, a_write_failure_is_reported)
 {
     fabric::capture nowhere("/nonexistent/a.pcap");
     EXPECT_EQ(nowhere.status().error().text, "cannot write the capture /nonexistent/a.pcap: No such file or directory");

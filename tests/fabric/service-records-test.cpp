@@ -34,7 +34,7 @@ bool naively_equal(uint64_t mask, const record_t& a, const record_t& b)
     return true;
 }
 
-TEST(service_records, every_byte_counts_for_its_component_alone)
+TEST(service_records, every_byte_belongs_to_one_component)
 {
     const record_t record = test::host_record(gid_number(1), 1);
     for (int bit = 0; bit < SR_COMPONENT_COUNT; ++bit) {
@@ -109,7 +109,7 @@ struct naive_store {
     }
 };
 
-TEST(service_records, an_index_never_answers_otherwise_than_a_search)
+TEST(service_records, an_index_gives_the_same_answers_as_a_search)
 {
     clashing_records draw;
     service_records store(1000);

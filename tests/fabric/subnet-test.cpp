@@ -62,7 +62,7 @@ struct small_world {
 struct two_hosts : testing::Test, small_world {
 };
 
-TEST_F(two_hosts, a_request_is_answered_by_the_path_it_came)
+TEST_F(two_hosts, a_request_is_answered_on_its_own_path)
 {
     ASSERT_TRUE(first.send(2, {.lid = 1, .sl = 3}, set_first()));
     EXPECT_THAT(first_listener.arrivals, IsEmpty()) << "nothing arrives inside a send";

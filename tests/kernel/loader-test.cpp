@@ -236,7 +236,7 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
 }
 
 // Modules get this in place of memset().
-TEST(zeroing, clears_exactly_what_it_is_told)
+TEST(zeroing, clears_exactly_the_given_bytes)
 {
     constexpr size_t page = kernel::image_page_bytes;
     std::vector<char> full(5 * page, 'x'), sparse(5 * page); // some pages of the second are zero

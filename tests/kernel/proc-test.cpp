@@ -80,7 +80,7 @@ TEST_F(proc, a_long_answer_is_read_page_by_page_from_any_offset)
     });
 }
 
-TEST_F(proc, a_handler_is_held_to_the_bounds_of_its_page)
+TEST_F(proc, a_handler_cannot_exceed_its_page)
 {
     handler_plan plan{.text = long_text(), .excess_bytes = 5};
     std::string text;

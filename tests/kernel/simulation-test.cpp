@@ -34,7 +34,7 @@ std::string log_of_busy_machine(const exec::simulation_options& options)
     return world.host.log.raw();
 }
 
-TEST(order, is_the_seeds_and_only_the_seeds)
+TEST(order, depends_on_the_seed_and_on_nothing_else)
 {
     std::set<std::string> runs;
     for (uint64_t seed = 1; seed <= 20; ++seed) {

@@ -12,7 +12,7 @@ using testing::ElementsAre;
 namespace
 {
 
-TEST(semaphores, a_latecomer_does_not_overtake_those_who_wait)
+TEST(semaphores, a_new_task_does_not_overtake_waiting_tasks)
 {
     one_machine world;
     semaphore sem;

@@ -8,7 +8,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
+TEST(ibat_cache, learned_mapping_is_used_in_both_directions_until_it_expires)
 {
     for (uint64_t start : {uint64_t{0}, uint64_t{0xFFFFFFFF} - 9'000}) {
         asker first, second, third;
@@ -40,7 +40,7 @@ TEST(ibat_cache, learned_address_serves_both_ways_until_its_last_tick)
     }
 }
 
-TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
+TEST(ibat_cache, negative_answer_is_cached_briefly_and_is_never_a_mapping)
 {
     asker first, second;
     ibat_world world;
@@ -70,7 +70,7 @@ TEST(ibat_cache, absence_is_remembered_briefly_and_is_never_a_mapping)
     EXPECT_EQ(forgetful.entry_text(ip_a), "unknown");
 }
 
-TEST(ibat_cache, full_cache_gives_up_absences_then_the_oldest_but_not_the_own_mapping)
+TEST(ibat_cache, full_cache_drops_negative_entries_then_the_oldest_but_not_the_own_mapping)
 {
     ibat_world world("ibat_capacity=3");
     world.reply(world.own(0x6300000A, gid_of(99)));
@@ -134,7 +134,7 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
     EXPECT_EQ(world.entry_text(ip_c), "unknown");
 }
 
-TEST(ibat_cache, own_mapping_ages_once_the_resolver_is_gone_and_memory_comes_back_without_a_lookup)
+TEST(ibat_cache, own_mapping_expires_after_a_detach_and_is_freed_without_a_lookup)
 {
     ibat_world world("ibat_lifetime_seconds=10");
     const size_t blocks_before = world.host.memory.blocks();

@@ -16,7 +16,7 @@ std::vector<std::pair<uint64_t, ibat_stat_t>> callbacks_of(const asker& caller)
     return callbacks;
 }
 
-TEST(ibat_requests, unanswered_request_is_repeated_and_given_up_to_the_tick_for_all_who_joined)
+TEST(ibat_requests, unanswered_request_is_repeated_and_times_out_at_the_exact_tick_for_every_asker)
 {
     asker first, second, other;
     ibat_world world;
@@ -50,7 +50,7 @@ TEST(ibat_requests, unanswered_request_is_repeated_and_given_up_to_the_tick_for_
     EXPECT_EQ(counters.pending, 0u);
 }
 
-TEST(ibat_requests, refused_attempts_are_repeated_and_only_the_last_makes_it_an_error)
+TEST(ibat_requests, refused_attempts_are_repeated_and_the_request_fails_after_the_last_one)
 {
     struct {
         const char* parameters;
@@ -94,7 +94,7 @@ TEST(ibat_requests, callback_may_ask_again_whatever_ended_the_request)
     EXPECT_THAT(callbacks_of(third), ElementsAre(Pair(1'000, ibat_stat_timeout)));
 }
 
-TEST(ibat_requests, refresh_asks_whatever_the_cache_holds_and_the_answer_corrects_it)
+TEST(ibat_requests, refresh_asks_in_spite_of_a_cache_entry_and_the_answer_replaces_it)
 {
     asker first, second;
     ibat_world world;
@@ -159,7 +159,7 @@ TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
     EXPECT_EQ(world.resolver.attempts.size(), 3u);
 }
 
-TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_waited_for)
+TEST(ibat_requests, cancel_prevents_callbacks_and_waits_for_a_running_one)
 {
     asker leaves, stays, slow;
     ibat_world world;
@@ -187,7 +187,7 @@ TEST(ibat_requests, withdrawn_asker_hears_nothing_and_a_running_callback_is_wait
     EXPECT_EQ(world.resolver.attempts.size(), 3u);
 }
 
-TEST(ibat_requests, unloading_ends_what_is_pending_and_leaves_nothing_behind)
+TEST(ibat_requests, unloading_ends_pending_requests_and_leaves_nothing_behind)
 {
     asker first;
     ibat_world world;

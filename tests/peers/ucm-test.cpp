@@ -149,7 +149,7 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
     }
 }
 
-TEST(ucm, detach_waits_for_a_running_call_and_ends_what_is_outstanding_once)
+TEST(ucm, detach_waits_for_a_running_call_and_ends_every_pending_request_once)
 {
     asker first, second, late;
     ucm_world world;
@@ -180,7 +180,7 @@ TEST(ucm, detach_waits_for_a_running_call_and_ends_what_is_outstanding_once)
     EXPECT_THAT(late.replies, IsEmpty());
 }
 
-TEST(ucm, callback_may_ask_again_and_a_withdrawn_asker_hears_nothing)
+TEST(ucm, callback_may_ask_again_and_a_cancelled_asker_gets_no_callback)
 {
     asker first, second, leaves;
     ucm_world world;

@@ -29,7 +29,7 @@ sa_mad_v2_t answer(uint64_t transaction_id, uint8_t method = test::get_response,
     return mad;
 }
 
-TEST(gsi, supplies_on_the_wire_what_clients_leave_to_it)
+TEST(gsi, fills_in_the_fields_that_clients_leave_to_it)
 {
     machine_with_fake world;
     world.run([&] {
@@ -94,7 +94,7 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     });
 }
 
-TEST(gsi, is_run_by_the_fabrics_task_and_sends_wait_for_answers_while_that_lends_itself)
+TEST(gsi, completes_in_the_fabrics_task_and_defers_completed_sends_while_that_is_lent)
 {
     machine_with_fake world;
     world.run([&] {
@@ -135,7 +135,7 @@ TEST(gsi, is_run_by_the_fabrics_task_and_sends_wait_for_answers_while_that_lends
     });
 }
 
-TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
+TEST(gsi, reports_the_latest_answer_of_the_sa_about_a_registration)
 {
     using enum stack::registration_state;
     constexpr uint8_t set = MAD_METHOD_SET, get = MAD_METHOD_GET, remove = MAD_METHOD_DELETE;
@@ -190,7 +190,7 @@ TEST(gsi, tells_of_a_registration_what_the_sa_has_said_last)
     });
 }
 
-TEST(gsi, drops_and_counts_what_no_client_is_waiting_for)
+TEST(gsi, drops_and_counts_datagrams_without_a_client)
 {
     constexpr uint8_t performance_management = 0x04;
     constexpr uint64_t receive_pool = 256;
@@ -287,7 +287,7 @@ TEST(gsi, a_pool_runs_out_and_a_refused_post_leaves_the_datagram_as_it_was)
     });
 }
 
-TEST(gsi, a_class_ends_only_when_nothing_of_it_is_under_way)
+TEST(gsi, a_class_cannot_end_while_its_datagrams_are_in_flight)
 {
     machine_with_fake world;
     world.run([&] {
@@ -318,7 +318,7 @@ TEST(gsi, a_class_ends_only_when_nothing_of_it_is_under_way)
     });
 }
 
-TEST(gsi, misuse_is_a_hard_error_that_tells_the_datagrams_steps)
+TEST(gsi, misuse_is_a_hard_error_that_shows_the_history_of_the_datagram)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     struct {

@@ -50,7 +50,7 @@ class timers_test : public testing::Test
     one_machine machine{{.start_tick = 100}};
 };
 
-TEST_F(timers_test, run_at_their_tick_and_those_of_one_tick_in_order_however_tasks_are_switched)
+TEST_F(timers_test, run_at_their_tick_and_in_their_order_for_every_order_of_tasks)
 {
     for (uint64_t seed = 1; seed <= 50; ++seed) {
         one_machine world({.seed = seed, .start_tick = 100, .explore_switches = true});
@@ -140,7 +140,7 @@ TEST_F(timers_test, arming_again_moves_a_timer_and_a_handler_may_arm_its_own)
                                    "periodic@205", "periodic@305", "periodic@305"));
 }
 
-TEST_F(timers_test, a_handler_that_sleeps_delays_its_like_but_no_other)
+TEST_F(timers_test, a_sleeping_handler_delays_only_other_sleeping_handlers)
 {
     kernel::machine other{*machine.sim, "node2"};
     machine.run([&] {

@@ -61,7 +61,7 @@ struct subscriber : machine_with_fake {
 };
 
 // A port reads as active before the fabric reports it. A subscription may start before, between or after the two.
-TEST(verbs_events, tell_once_of_a_link_that_comes_up_while_one_subscribes)
+TEST(verbs_events, report_once_a_link_that_comes_up_during_a_subscription)
 {
     constexpr port_change link_up = port_change::link_up;
     constexpr port_change link_down = port_change::link_down;
@@ -114,7 +114,7 @@ TEST(verbs_events, unsubscribing_waits_for_the_callback_and_drops_the_rest)
     EXPECT_THAT(reports, ElementsAre("up 1@0"));
 }
 
-TEST(verbs_events, a_storm_is_cut_short_but_not_its_end)
+TEST(verbs_events, too_many_events_lose_the_oldest_but_never_the_last)
 {
     subscriber world;
     world.subscribe();
@@ -135,7 +135,7 @@ TEST(verbs_events, a_storm_is_cut_short_but_not_its_end)
               1);
 }
 
-TEST(verbs, answers_from_the_port_and_knows_stale_handles_and_missing_ports)
+TEST(verbs, queries_read_the_port_and_refuse_stale_handles_and_missing_ports)
 {
     machine_with_fake world;
     world.hca.ports[1].state = fabric::link_state::active;

@@ -214,7 +214,7 @@ class umad_port : public testing::Test
     exec::task* poller = nullptr;
 };
 
-TEST_F(umad_port, tells_every_answer_once_whoever_receives_it_and_is_watched_meanwhile)
+TEST_F(umad_port, reports_every_answer_once_whichever_task_receives_it_and_watches_its_state_meanwhile)
 {
     start_polling();
     const int self_questions = wire.self_questions;
@@ -229,7 +229,7 @@ TEST_F(umad_port, tells_every_answer_once_whoever_receives_it_and_is_watched_mea
     EXPECT_EQ(transactions.size(), requests);
 }
 
-TEST_F(umad_port, is_received_from_though_the_task_that_polled_has_come_to_sleep)
+TEST_F(umad_port, receives_in_its_own_task_again_when_the_polling_task_sleeps)
 {
     start_polling();
     for (int round = 0; round < 10; ++round) {
@@ -245,7 +245,7 @@ TEST_F(umad_port, is_received_from_though_the_task_that_polled_has_come_to_sleep
     }
 }
 
-TEST_F(umad_port, ends_what_it_promised_when_the_sa_falls_silent_however_much_is_asked)
+TEST_F(umad_port, makes_the_announced_call_even_if_the_sa_falls_silent)
 {
     start_polling();
     is_keen = true;
@@ -293,7 +293,7 @@ bool begins_a_round(const fabric::fabric_task& task)
 }
 
 // Here the ports are asked so rarely that only events can show a change.
-TEST(hca_with_verbs, tells_at_once_what_its_events_report)
+TEST(hca_with_verbs, reports_an_event_at_once)
 {
     using enum fabric::port_change;
     const auto exec = exec::make_threaded_executor();

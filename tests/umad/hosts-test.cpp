@@ -199,7 +199,7 @@ TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 }
 
 // The first SM gives its paths another SL than the SM that replaces it.
-TEST_F(hosts_on_fabric, give_programs_the_path_that_the_sa_knows_and_none_that_has_become_false)
+TEST_F(hosts_on_fabric, give_programs_the_present_path_and_no_outdated_one)
 {
     const std::string partitions = net->folder() + "/partitions";
     std::ofstream(partitions) << "Default=0x7fff, sl=3, ipoib: ALL=full;\n";

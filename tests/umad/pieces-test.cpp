@@ -71,7 +71,7 @@ TEST(umad_registered_p_keys, complete_the_identifier_in_a_delete)
     }
 }
 
-TEST(umad_port, tells_what_a_host_must_act_on)
+TEST(umad_port, reports_the_changes_that_a_host_must_act_on)
 {
     const fabric::port_attributes active{.state = fabric::link_state::active,
                                          .lid = 4,

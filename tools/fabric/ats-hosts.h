@@ -24,8 +24,8 @@ std::vector<std::string> node_names(int count, std::vector<std::string> others);
 // The path of the program `ats`.
 std::string ats_program();
 
-// Asks the service at the socket: `ats COMMAND... --json`. A client needs no port, so it runs outside ibsim, which supports
-// only a few programs. Returns the output, or null if that is not JSON.
+// Asks the service at the socket: `ats COMMAND... --json`. A client needs no port, so it runs outside ibsim, which
+// supports only a few programs. Returns the output, or null if that is not JSON.
 json ask_service(ibsim_fabric& net, const std::string& socket, std::vector<std::string> command);
 
 class fabric_host

@@ -15,7 +15,7 @@
 //            +-----------------------------------------------------------------------------------+
 //
 // is_busy_ is true in the states busy and polled, is_polled_ in the state polled. No other task waits for the answer to
-// a Set or for the port's own attributes, so such a request ends the state polled at once.
+// a Set or for the port's own attributes. Such a request therefore ends the state polled at once.
 #pragma once
 
 #include <atomic>
