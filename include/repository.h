@@ -27,9 +27,9 @@ KERNEL_API int rep_open_key(rep_key_t parent, const char* path, int flags, rep_k
 // does not change `*value`.
 KERNEL_API int rep_get_value(rep_key_t key, const char* name, int flags, intptr_t* value, int* length);
 
-// Calls `changed` after each change of the key, until rep_notify_del. The key may be closed meanwhile. Returns 0 and
+// Calls `callback` after each change of the key, until rep_notify_del. The key may be closed meanwhile. Returns 0 and
 // stores the handle, which is never 0, or returns a negative error number.
-KERNEL_API int rep_notify_key_change(rep_key_t key, int scope, int events, rep_change_fn_t changed, void* context,
+KERNEL_API int rep_notify_key_change(rep_key_t key, int scope, int events, rep_change_fn_t callback, void* context,
                                      rep_notifier_t* notifier);
 
 KERNEL_API void rep_close_key(rep_key_t key);

@@ -20,10 +20,10 @@ datagram_pool* pool_of(gsi_dtgrm_pool_handle_t handle)
 
 // Checks the arguments of a registration and makes its record.
 int make_client(kernel::machine& home, uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
-                gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context, const gsi_class_handle_t* handle,
-                std::unique_ptr<gsi_class_t>* client)
+                gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
+                const gsi_class_handle_t* handle, std::unique_ptr<gsi_class_t>* client)
 {
-    if (!hca || !sent || !received || !handle) return -EK_INVAL;
+    if (!hca || !send_callback || !receive_callback || !handle) return -EK_INVAL;
     stack::gsi_adapter* adapter = home.get<stack::gsi>().adapter(hca->name);
     if (!adapter) return -EK_NXIO;
     if (port_num < 1 || port_num > adapter->hca().port_count()) return -EK_INVAL;
@@ -31,8 +31,8 @@ int make_client(kernel::machine& home, uint8_t mgt_class, uint8_t class_ver, con
                                   .port = static_cast<uint8_t>(port_num),
                                   .mgt_class = mgt_class,
                                   .class_ver = class_ver,
-                                  .send_callback = sent,
-                                  .receive_callback = received,
+                                  .send_callback = send_callback,
+                                  .receive_callback = receive_callback,
                                   .context = context});
     return 0;
 }
@@ -40,26 +40,29 @@ int make_client(kernel::machine& home, uint8_t mgt_class, uint8_t class_ver, con
 } // namespace
 
 int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num, int redirection,
-                       int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context,
+                       int rmpp, gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
                        gsi_class_handle_t* handle)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (redirection != no_redirection || rmpp != no_rmpp) return -EK_INVAL;
     std::unique_ptr<gsi_class_t> client;
-    const int error = make_client(home, mgt_class, class_ver, hca, port_num, sent, received, context, handle, &client);
+    const int error = make_client(home, mgt_class, class_ver, hca, port_num, send_callback, receive_callback, context,
+                                  handle, &client);
     if (error != 0) return error;
     stack::gsi_adapter& adapter = client->adapter;
     return adapter.register_class(std::move(client), handle);
 }
 
 int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
-                   gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context, gsi_class_handle_t* handle)
+                   gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
+                   gsi_class_handle_t* handle)
 {
     kernel::machine& home = machine_where_others_may_run(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     std::unique_ptr<gsi_class_t> client;
-    const int error = make_client(home, mgt_class, class_ver, hca, port_num, sent, received, context, handle, &client);
+    const int error = make_client(home, mgt_class, class_ver, hca, port_num, send_callback, receive_callback, context,
+                                  handle, &client);
     if (error != 0) return error;
     stack::gsi_adapter& adapter = client->adapter;
     return adapter.join_class(std::move(client), handle);

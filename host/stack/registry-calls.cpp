@@ -26,13 +26,13 @@ int rep_get_value(rep_key_t key, const char* name, int flags, intptr_t* value, i
     return home.get<registry>().read(key, name, value);
 }
 
-int rep_notify_key_change(rep_key_t key, int scope, int events, rep_change_fn_t changed, void* context,
+int rep_notify_key_change(rep_key_t key, int scope, int events, rep_change_fn_t callback, void* context,
                           rep_notifier_t* notifier)
 {
     kernel::machine& home = current_machine(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
-    if (scope != REP_NOTIFY_THIS_KEY || events != REP_NOTIFY_ON_VALUE || !changed || !notifier) return -EK_INVAL;
-    return home.get<registry>().follow(key, changed, context, notifier);
+    if (scope != REP_NOTIFY_THIS_KEY || events != REP_NOTIFY_ON_VALUE || !callback || !notifier) return -EK_INVAL;
+    return home.get<registry>().follow(key, callback, context, notifier);
 }
 
 void rep_close_key(rep_key_t key)

@@ -48,11 +48,11 @@ using gsi_completion_fn_t = void (*)(gsi_class_handle_t handle, void* context, g
 // All calls that return int return 0 on success and a negative number on failure.
 
 // Registers a client for one management class on one port. The two int arguments after the port switch on redirection
-// and RMPP; 0 means off. `received` gets the responses of the class that arrive on the port. A callback may come before
-// the call returns; the handle is stored before the first callback.
+// and RMPP; 0 means off. `receive_callback` gets the responses of the class that arrive on the port. A callback may
+// come before the call returns; the handle is stored before the first callback.
 KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
-                                  int redirection, int rmpp, gsi_completion_fn_t sent, gsi_completion_fn_t received,
-                                  void* context, gsi_class_handle_t* handle);
+                                  int redirection, int rmpp, gsi_completion_fn_t send_callback,
+                                  gsi_completion_fn_t receive_callback, void* context, gsi_class_handle_t* handle);
 
 // Joins a class on one port. Another client may have registered the class. The new client sends its own requests and
 // gets only the answers to these. The client writes a TransactionID into each datagram. GSI keeps the low 24 bits and
@@ -60,7 +60,7 @@ KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq
 // TransactionID of its request. The rest is as in gsi_register_class.
 constexpr uint64_t gsi_joined_transaction_bits = 0xFFFFFF;
 KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
-                              gsi_completion_fn_t sent, gsi_completion_fn_t received, void* context,
+                              gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
                               gsi_class_handle_t* handle);
 
 // Ends a registration of either kind. Fails, and changes nothing, while a datagram of the class is in flight or a
@@ -81,6 +81,6 @@ KERNEL_API int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dt
 KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
 
 // Queues the datagram's MAD for sending and assigns its TransactionID (see gsi_join_class). Stores the TransactionID
-// (host order) in `transaction_id` unless null. On success, the GSI layer owns the datagram until it calls `sent`. On
-// failure, the caller still owns it. Any context; allocates nothing.
+// (host order) in `transaction_id` unless null. On success, the GSI layer owns the datagram until it calls
+// `send_callback`. On failure, the caller still owns it. Any context; allocates nothing.
 KERNEL_API int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id);

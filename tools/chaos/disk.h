@@ -1,4 +1,4 @@
-// A small file system that can become full. It is only visible to this program and its children, and vanishes with it.
+// A small file system that can become full. Only this program and its children see it, and it vanishes when they end.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// A host of a chaos run: an `ats run` with a configuration of its own, and what may be true about it.
+// A host of a chaos run: an `ats run` with a configuration of its own, and the states in which it may be.
 #pragma once
 
 #include <chrono>
@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 using clock = std::chrono::steady_clock;
 using fabric_tools::json;
 
-// What a process holds.
+// The resources that a process uses.
 struct resources {
     long descriptors = 0;
     long resident_kib = 0;

@@ -23,7 +23,7 @@ struct figures {
     std::map<act_kind, int> acts;
     int rounds = 0;
     int questions = 0;  // of hosts about each other
-    int unanswered = 0; // of them, during faults
+    int unanswered = 0; // questions without an answer; only during faults
     int orders_repeated = 0;
     int sms_lost = 0; // an SM that ended or hung by itself, because ibsim had lost an answer to it
     std::chrono::milliseconds longest_settling{0};
@@ -48,8 +48,8 @@ class run
     const figures& counts() const { return figures_; }
     std::string current_act() const { return current_act_; }
 
-    // Copies the logs of all programs to the folder of the recordings, and adds the acts, and the failure if there is
-    // one, to the recordings.
+    // Copies the logs of all programs to the folder of the recordings. Adds the acts to the recordings, and the failure
+    // if there is one.
     void keep_logs(const std::optional<failure>& failure);
 
   private:

@@ -32,8 +32,8 @@ int owner_of(const std::string& address)
     return owner;
 }
 
-// ibsim loses the last 32 bytes of a Set, and OpenSM stores there what its buffer held. The host then sees a record
-// with the same address and name that is not its own.
+// ibsim loses the last 32 bytes of a Set, which OpenSM replaces by old bytes of its buffer. The host then sees a record
+// with the same address and name that differs from its own.
 bool differs_by_ibsim(const json& registration, const std::string& held)
 {
     const json reason = registration.value("reason", json());

@@ -40,7 +40,7 @@ bool path_resolver::open()
 
 bool path_resolver::open_all()
 {
-    const auto received = [](gsi_class_handle_t, void* self, gsi_dtgrm_t* datagram) {
+    const auto receive_callback = [](gsi_class_handle_t, void* self, gsi_dtgrm_t* datagram) {
         sa_mad_v2_t mad;
         memcpy(&mad, datagram->mad, sizeof mad);
         gsi_dtgrm_pool_put(datagram);
@@ -49,7 +49,7 @@ bool path_resolver::open_all()
     if (cache_.open(limits_.capacity, limits_.lifetime_ticks)) {
         if (requests_.open()) {
             if (requests_by_serial_.open(expected_requests)) {
-                is_open_.store(ports_.open({.received = received, .context = this, .event = event_}),
+                is_open_.store(ports_.open({.receive_callback = receive_callback, .context = this, .event = event_}),
                                std::memory_order_release);
                 if (is_open()) return true;
                 requests_by_serial_.close();

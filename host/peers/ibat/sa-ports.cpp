@@ -55,8 +55,8 @@ bool sa_ports::join_ports(const kq_hca_name& hca, const callbacks& callbacks)
     if (kq_hca_query(hca_, &attributes) != kq_return_ok) return false;
     const int32_t count = std::min<int32_t>(attributes.port_num, most_ports);
     for (; count_ < count; ++count_)
-        if (gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &hca, count_ + 1, sent, callbacks.received,
-                           callbacks.context, &classes_[count_]) != 0)
+        if (gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &hca, count_ + 1, sent,
+                           callbacks.receive_callback, callbacks.context, &classes_[count_]) != 0)
             return false;
     return true;
 }

@@ -15,7 +15,7 @@ class sa_ports
   public:
     // IBAT's callbacks for datagrams of the SA and events of the HCA.
     struct callbacks {
-        gsi_completion_fn_t received; // gets `context`
+        gsi_completion_fn_t receive_callback; // gets `context`
         void* context;
         kq_async_event_fn_t event;
     };
