@@ -17,7 +17,7 @@ struct unhealed_fault {
     uint32_t kind;
     struct cut_port {
         size_t number;        // index in subnet::ports()
-        uint64_t lost_before; // number of datagrams that the port had lost before
+        uint64_t lost_before; // number of datagrams that the port had already lost at earlier cuts
     };
     std::vector<cut_port> ports;
 };
@@ -28,13 +28,13 @@ constexpr uint64_t most_hosts_cut(uint64_t hosts)
     return hosts / 2;
 }
 
-// Each function starts an act.
-void cut_host_off(tested_fabric& fabric, const act& act);
-void cut_port_off(tested_fabric& fabric, const act& act);
-void cut_one_way(tested_fabric& fabric, const act& act);
-void cut_partition_off(tested_fabric& fabric, const act& act); // of neighbours, beginning with the act's host
+// Each function starts an act, which cuts ports off for good.
+void cut_host_off(tested_fabric& fabric, const act& act);      // all ports of a host
+void cut_port_off(tested_fabric& fabric, const act& act);      // one port
+void cut_one_way(tested_fabric& fabric, const act& act);       // one direction of a port
+void cut_partition_off(tested_fabric& fabric, const act& act); // all ports of neighbours, the act's host first
 
-// Starts an act. Checks on every host that the cuts affect only the ports that are cut off.
+// Starts an act, which checks on every host that the cuts affect only the ports that are cut off.
 void check_the_rest(tested_fabric& fabric, const act& act);
 
 // Counts the datagrams that each fault has lost, as effects of its kind.

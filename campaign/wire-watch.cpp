@@ -57,7 +57,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     if (capture_) capture_->crossed(now_ticks, source_lid, destination, bytes);
     ++fabric_.counts.datagrams;
     const bool is_from_host = source_lid >= first_lid && size_t(source_lid - first_lid) < ports_by_lid_.size();
-    if (!is_from_host) return; // the SA's answer
+    if (!is_from_host) return; // it is an answer of the SA
     ++requests_[exec::current_task()];
     const port_entry& sender = ports_by_lid_[source_lid - first_lid];
     node& node = fabric_.nodes[sender.node];

@@ -1,5 +1,5 @@
-// Checks every datagram that a host sends to the fabric. It must be one of the service's four requests, and every
-// checked field must be correct. The P_Key and GID of a Set must be those of its port.
+// Checks every datagram that a host sends to the fabric. It must be one of the module's four requests, or IBAT's
+// request for a path. Every checked field must be correct. The P_Key and GID of a Set must be those of its port.
 #pragma once
 
 #include <map>

@@ -16,7 +16,7 @@ namespace
 constexpr size_t few_hosts = 10;
 
 // The limits hold for the largest subnet, on two cores and without a changed system setting.
-constexpr double seconds_limit = 60; // to bring all hosts up; the same to unload them
+constexpr double seconds_limit = 60; // to bring all hosts up, and again to unload them
 constexpr double kib_per_host_limit = 100;
 constexpr double ratio_limit = 1.3; // of the largest subnet's costs to those of ten hosts
 
@@ -58,7 +58,7 @@ double lookup_microseconds_of_few_hosts()
     return lookup_microseconds(world, few_hosts);
 }
 
-// The processor time of the first tenth of the hosts and of the last, until they are registered.
+// The processor time until the first tenth of the hosts is registered, and that of the last tenth.
 struct bring_up_seconds {
     double first = 0;
     double last = 0;

@@ -1,4 +1,4 @@
-// The reference for a service that looks up for client processes on a real fabric: only sockets and libibumad. One
+// The reference for a service that makes lookups for client processes on a real fabric: only sockets and libibumad. One
 // thread passes questions from the clients to the SA, the other passes the SA's answers to the clients.
 //   bare-service LOOKUPS ADDRESS...
 // One client process runs for each address. It asks again and again, and waits for each answer. Questions and answers
@@ -93,7 +93,7 @@ class service
     {
         question asked;
         if (read(clients_[client], asked.data(), asked.size()) <= 0) {
-            epoll_ctl(ready, EPOLL_CTL_DEL, clients_[client], nullptr); // it has had all its answers
+            epoll_ctl(ready, EPOLL_CTL_DEL, clients_[client], nullptr); // the client has all its answers
             return;
         }
         if (umad_send(port_.descriptor, agent_, &requests_[client], MAD_SIZE, patience_ms, 0) < 0)
