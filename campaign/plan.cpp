@@ -47,7 +47,7 @@ std::vector<host_shape> draw_hosts(dice& dice)
     return hosts;
 }
 
-// The chance of each kind of act, relative to the others.
+// The weight of each kind of act. The chance of a kind is its share of the sum.
 using weights = std::array<int, act_kind_count>;
 
 bool is_wanted(const act_kind& kind, const plan_options& options)

@@ -61,7 +61,7 @@ struct act {
 
 struct act_kind {
     const char* name;
-    int weight; // its chance, relative to the other kinds
+    int weight; // the chance of the kind is its share of the sum of all weights
     campaign::harm harm;
     uint64_t longest_ticks; // 0 if it begins and ends at once
     void (*begin)(tested_fabric&, const act&);

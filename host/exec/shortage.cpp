@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr size_t reserve_bytes = size_t{32} << 20;
-constexpr size_t reserve_split_pages = 128; // neighbours have different protection, so each counts as a mapping
+constexpr size_t reserve_split_pages = 128; // pages with alternating protection, so each is a mapping of its own
 
 // The failed call has released its memory, so usage is now slightly below the limit.
 constexpr size_t mappings_margin = 64;
