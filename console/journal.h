@@ -28,8 +28,8 @@ struct notice {
 // The fields of the line's journal entry, in the form NAME=VALUE.
 std::vector<std::string> journal_fields(const notice& notice);
 
-// Lets a thread write all lines from now on, so that print() and its relatives do not hang when the journal or the
-// reader of stderr does. Call it once, in a program that runs for long. The thread ends with the program. Throws a
+// Lets a thread write all lines from now on. print() and print_limited() then do not hang when the journal or the
+// reader of stderr hangs. Call it once, in a program that runs for long. The thread ends with the program. Throws a
 // shortage if the thread cannot be created.
 void start_line_writer();
 

@@ -1,5 +1,5 @@
 // Writes lines in a thread of its own, in order. The reader of a line (systemd's journal, or a pipe at stderr) may stop
-// reading. Then only this thread waits for the reader. A limited number of lines wait with it; further lines are
+// reading. Then only this thread waits for the reader. A limited number of lines wait in its queue. Further lines are
 // counted and left out.
 #pragma once
 

@@ -1,5 +1,5 @@
 // ats-figures: measures the figures of docs/report.md and prints a JSON object for each. `scripts/report` runs it and
-// draws them. 'subnet' prints the figures of a whole subnet beside their limits instead, for `make bench`. 'trace' is
+// draws them. With 'subnet', it prints the figures of a whole subnet beside their limits, for `make bench`. 'trace' is
 // the memory after a year of tracing, for example.
 #include <algorithm>
 #include <chrono>

@@ -1,5 +1,5 @@
 // Locks and counters that cost little in a process with one thread, like a simulation. There, nothing else can run
-// between a load and a store, so no locked instruction is necessary. The values in memory are always right; therefore a
+// between a load and a store, so no locked instruction is necessary. Every change is stored at once. Therefore a second
 // thread may start at any moment, even while a lock is held. (The C++ library counts its shared pointers in this way.)
 #pragma once
 

@@ -56,7 +56,7 @@ struct task : kernel_task_t {
     ~task() = default;
 };
 
-// The task of the calling thread or fiber. Only the next calls and set_current_task() use it.
+// The task of the calling thread or fiber. Only current_task() and set_current_task() use it.
 extern constinit thread_local task* running_task;
 
 // The task of the calling thread or fiber; null in a thread from outside.
