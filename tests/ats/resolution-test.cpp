@@ -1,5 +1,7 @@
 // Lookups for IBAT and UCM: the requests to the SA, the answers and their times. Each request ends exactly once.
+#include "kernel/time.h"
 #include "tests/ats/ats-world.h"
+#include "timing.h"
 
 namespace
 {
@@ -69,14 +71,18 @@ TEST_F(resolution, other_answers_do_not_end_a_request)
 }
 
 // The timer runs once a second and ends the requests that are at least one second old. In one run the tick count
-// exceeds 32 bits meanwhile, in another 31.
+// exceeds 32 bits meanwhile, in another 31. A timer whose function sleeps must not delay it.
 TEST(time_out, comes_at_the_exact_tick)
 {
+    timing_t sleeper{};
+    sleeper.function = [](unsigned long) { schedule_timeout_uninterruptible(3000); };
     for (const uint64_t begin : {uint64_t{0}, uint64_t{0xFFFFFE00}, uint64_t{0x7FFFFFFF}}) {
         SCOPED_TRACE(testing::Message() << "starting at tick " << begin);
         ats_world w({.start_tick = begin});
         ats_host& host = w.add_registered({.trace = trace_func});
         w.subnet.faults.sa_silent = true;
+        sleeper.expires = begin + 1;
+        host.run([&] { add_timing(&sleeper); });
         reverse_lookup lookup_0, lookup_1, other_lookup_1, lookup_1000;
         host.reverse({7, 7}, lookup_0);
         w.at(1);
