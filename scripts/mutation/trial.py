@@ -38,7 +38,7 @@ ATS_TESTS = [tests("ats", f"--gtest_filter=-{LONG_TESTS}"), tests("ats in every 
 FIRST = campaign("campaign of 6 seeds", "--seeds", "6")  # most mutants of the module fail here, in less than a second
 # Each part of the tree: its folders, and the steps in the order of their cost: quick ones, and thorough ones.
 PARTS = {
-    "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
+    "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [ATS_TESTS[1], *CAMPAIGNS]),
     "peers": (["host/peers/ibat", "host/peers/ucm"], [tests("peers"), ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
     "stack": (["host/stack"], [tests("stack"), ATS_TESTS[0], tests("kernel"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
     "kernel": (["host/kernel"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),

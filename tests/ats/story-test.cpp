@@ -52,6 +52,9 @@ TEST_F(story, every_trace_line_stays_to_the_letter)
     chapter("SM change", [&] { EXPECT_TRUE(w.subnet.set_sm(99, 3)); });
     chapter("name", [&] { host.control("set_host_name other"); });
     chapter("address", [&] { host.control("set_ip_addrs 10.0.0.7"); });
+    const auto set_name = host.symbol<int32_t (*)(const char*)>("ats_sa_set_hostname");
+    chapter("name by call", [&] { host.run([&] { set_name("called"); }); });
+    chapter("no name", [&] { host.run([&] { set_name(nullptr); }); });
     chapter("address lookup", [&] { host.resolve("10.0.0.7"); });
     chapter("GID lookup", [&] { host.control("rarp " + other_gid); });
     chapter("unknown GID", [&] { host.control("rarp " + unknown_gid); });
