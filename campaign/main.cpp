@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "campaign/corpus.h"
 #include "campaign/picture.h"
 #include "campaign/result-file.h"
 #include "campaign/runner.h"
@@ -31,6 +32,8 @@ struct command_line {
     uint64_t shard = 1, shards = 1;
     std::string result_path;               // the file for the result of a shard; empty if none
     std::vector<std::string> result_paths; // of the shards to merge; empty to run seeds
+    std::string corpus_folder;             // empty if no corpus is extended
+    int minutes = 10;                      // for the corpus
     bool minimise = false;
     std::vector<std::string> changes; // of the plan
     std::vector<std::string> only;    // acts; empty means all
@@ -105,7 +108,7 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-// Each of the next four functions returns the exit code. An error comes from the command line or from the system.
+// Each of the next five functions returns the exit code. An error comes from the command line or from the system.
 
 // Shows a run that fails: in the form of the command line, and, as far as it asks for that, simplified and as a
 // picture.
@@ -197,6 +200,16 @@ ats::result<int> run(const command_line& line)
     return is_good ? 0 : exit_failed;
 }
 
+ats::result<int> extend(const command_line& line)
+{
+    const ats::result<bool> is_good = extend_corpus({.folder = line.corpus_folder,
+                                                     .time = std::chrono::minutes(line.minutes),
+                                                     .plan = line.plan_options,
+                                                     .run = line.options});
+    if (!is_good) return ats::pass_on(is_good);
+    return *is_good ? 0 : exit_failed;
+}
+
 // Merges the results of shards.
 ats::result<int> merge_shards(const command_line& line)
 {
@@ -238,6 +251,17 @@ int main(int argc, char** argv)
         ->excludes(shard)
         ->excludes(result);
 
+    CLI::Option* const corpus =
+        program
+            .add_option("--corpus", line.corpus_folder,
+                        "extend the plans in this folder by what makes the module do something new")
+            ->excludes(seed)
+            ->excludes(hours)
+            ->excludes(result);
+    program.add_option("--minutes", line.minutes, "the time for --corpus; half of it is for plain seeds")
+        ->check(CLI::PositiveNumber)
+        ->needs(corpus);
+
     // A run of many seeds has no single list of acts, and its processes cannot share a file.
     program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
         ->delimiter(',')
@@ -259,6 +283,7 @@ int main(int argc, char** argv)
     try {
         program.parse(argc, argv);
         const ats::result<int> exit_code = seed->count() > 0            ? replay(line)
+                                           : corpus->count() > 0        ? extend(line)
                                            : !line.result_paths.empty() ? merge_shards(line)
                                                                         : run(line);
         if (exit_code) return *exit_code;

@@ -189,6 +189,7 @@ plan draw_plan(uint64_t seed, const plan_options& options)
               .options = options,
               .priorities = {},
               .has_plain_order = false,
+              .order_seed = {},
               .changes = {},
               .drawn_options = options};
     plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);

@@ -92,13 +92,14 @@ struct host_shape {
 struct plan {
     uint64_t seed;
     std::vector<host_shape> hosts;
-    std::vector<act> acts;    // sorted by begin_tick
+    std::vector<act> acts;
     uint64_t faults_end_tick; // every act has ended before this tick
     plan_options options;     // as the command line gives them
     std::optional<exec::priority_options> priorities;
     bool has_plain_order = false;
-    std::vector<std::string> changes; // that were made to the plan of the seed, see simplify.h
-    plan_options drawn_options;       // the options that the run uses; a swarm adds some to `options`
+    std::optional<uint64_t> order_seed = {}; // draws the order of tasks instead of `seed`
+    std::vector<std::string> changes;        // that were made to the plan of the seed, see simplify.h
+    plan_options drawn_options;              // the options that the run uses; a swarm adds some to `options`
 };
 
 plan draw_plan(uint64_t seed, const plan_options& options);

@@ -11,7 +11,8 @@ namespace
 {
 
 constexpr const char* all_changes =
-    "hosts=N, hcas=1, ports=1, order=plain, depth=N, ACT.host=N, ACT.a=N, ACT.b=N and ACT.ticks=N";
+    "hosts=N, hcas=1, ports=1, order=plain, order=N, depth=N, more=SEED, ACT.host=N, ACT.a=N, ACT.b=N, ACT.ticks=N and "
+    "ACT.begin=N";
 
 // Returns true if the whole text is a number.
 template <class number_t>
@@ -21,8 +22,24 @@ bool read(std::string_view text, number_t& number)
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
-bool change_act(act& act, std::string_view member, std::string_view value)
+// Adds the acts of another seed's plan. They get the numbers after those of the present acts.
+void add_acts(plan& plan, uint64_t seed)
 {
+    for (const act& each : draw_plan(seed, plan.options).acts)
+        if (each.end_tick < plan.faults_end_tick && may_occur(act_kinds[each.kind], plan.drawn_options) &&
+            !is_unhealed(act_kinds[each.kind]))
+            plan.acts.push_back(each);
+}
+
+bool change_act(const plan& plan, act& act, std::string_view member, std::string_view value)
+{
+    if (uint64_t tick = 0; member == "begin") {
+        const uint64_t ticks = act.end_tick - act.begin_tick;
+        if (!read(value, tick) || tick + ticks >= plan.faults_end_tick) return false;
+        act.begin_tick = tick;
+        act.end_tick = tick + ticks;
+        return true;
+    }
     if (member == "host") return read(value, act.host);
     if (member == "a") return read(value, act.a);
     if (member == "b") return read(value, act.b);
@@ -41,6 +58,14 @@ bool change_plan(plan& plan, std::string_view name, std::string_view value)
     }
     uint64_t number = 0;
     if (!read(value, number)) return false;
+    if (name == "order") {
+        plan.order_seed = number;
+        return true;
+    }
+    if (name == "more") {
+        add_acts(plan, number);
+        return true;
+    }
     if (name == "hosts" && number >= 2 && number <= plan.hosts.size()) {
         plan.hosts.resize(number);
         return true;
@@ -129,13 +154,14 @@ ats::result<> change(plan& plan, std::string_view text)
     if (size_t number = 0; dot == name.npos)
         is_done = change_plan(plan, name, value);
     else if (read(name.substr(0, dot), number) && number < plan.acts.size())
-        is_done = change_act(plan.acts[number], name.substr(dot + 1), value);
+        is_done = change_act(plan, plan.acts[number], name.substr(dot + 1), value);
     if (!is_done)
         return ats::fail(ats::error_kind::invalid, "'" + std::string(text) +
                                                        "' does not fit this plan; the changes are " + all_changes +
                                                        ", with numbers up to those of the plan");
     // A later change of the same number takes the place of the earlier one.
-    std::erase_if(plan.changes, [&](const std::string& each) { return each.substr(0, each.find('=')) == name; });
+    if (name != "more")
+        std::erase_if(plan.changes, [&](const std::string& each) { return each.substr(0, each.find('=')) == name; });
     plan.changes.emplace_back(text);
     return {};
 }

@@ -12,8 +12,9 @@ namespace campaign
 
 // Carries out a change and notes it in the plan. These are the changes, with examples of numbers:
 //     hosts=2 hcas=1 ports=1         the first hosts only; at most so many HCAs a host, and ports an HCA
-//     order=plain depth=1            tasks run in the plain order; the depth of the priorities
-//     7.host=0 7.a=1 7.b=0 7.ticks=5 the numbers of act 7, and how long it lasts
+//     order=plain order=5 depth=1    tasks run in the plain order, or in another random one; the depth of the
+//     priorities more=12                        the acts of seed 12, too 7.host=0 7.a=1 7.b=0           the numbers of
+//     act 7 7.ticks=5 7.begin=900          how long it lasts, and when it begins
 // The error: there is no such change, or the plan has no such act or number.
 ats::result<> change(plan& plan, std::string_view text);
 

@@ -11,8 +11,9 @@ namespace campaign
 tested_fabric::tested_fabric(const campaign::plan& plan, const run_options& options)
     : module_folder(options.module_folder), plan(plan),
       order(plan.priorities ? std::make_unique<exec::priority_schedule>(*plan.priorities) : nullptr),
-      simulation(
-          exec::make_simulation({.seed = plan.seed, .explore_switches = !plan.has_plain_order, .order = order.get()})),
+      simulation(exec::make_simulation({.seed = plan.order_seed.value_or(plan.seed),
+                                        .explore_switches = !plan.has_plain_order,
+                                        .order = order.get()})),
       subnet(*simulation, {.fault_seed = plan.seed}), wire(*this)
 {
     if (!options.log_path.empty()) {

@@ -16,6 +16,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LES
 endif()
 
 option(ATS_COVERAGE "Measure test coverage" OFF)
+option(ATS_EDGES "Count the edges of the module's control flow, for ats-campaign --corpus; needs clang" OFF)
 set(ATS_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
 if(ATS_SANITIZE)
   add_compile_options(-fsanitize=${ATS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

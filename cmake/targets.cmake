@@ -10,7 +10,7 @@ target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/includ
 # linker maps a copy of the module for each machine.
 function(make_module_linker_script)
   set(MODULE_LINKER_SCRIPT "" PARENT_SCOPE)
-  if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR ATS_SANITIZE OR ATS_COVERAGE)
+  if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR ATS_SANITIZE OR ATS_COVERAGE OR ATS_EDGES)
     return()
   endif()
   execute_process(
