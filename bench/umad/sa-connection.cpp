@@ -60,7 +60,9 @@ void connection::send(const sa_mad_v2_t& request)
     umad_buffer buffer{};
     umad_set_addr(&buffer, attributes_.sm_lid, 1, attributes_.sm_sl, sa_q_key);
     buffer.mad = request;
-    const uint32_t transaction = ++sent_count_ << slot_bits | index;
+    ++sent_count_;
+    if (sent_count_ << slot_bits == 0) ++sent_count_; // no transaction is 0
+    const uint32_t transaction = sent_count_ << slot_bits | index;
     buffer.mad.hdr.transact_id = to_wire(uint64_t{transaction});
     if (umad_send(port_, agent_, &buffer, MAD_SIZE, umad_wait_ms, 0) < 0)
         throw std::runtime_error("a request was not sent");

@@ -1,14 +1,16 @@
 // Measures what an SA can serve: requests of many hosts over one connection, through libibumad.
-//   sa-load SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] [--overload]
-// Registers RECORDS hosts first. Then it keeps a window of requests in flight, for each kind of request alone and for
-// a mix. With --overload, it also sends more than the SA can serve, and waits until the SA has recovered. Prints one
-// JSON object for each measurement. The processor time of the SM process SM_PID (0: none) depends little on the load of
-// the machine. PATH_GUID is the port GUID to which paths are asked.
+//   sa-load SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] [--aged] [--overload SECONDS]
+// Registers RECORDS hosts first. With --aged, it then deletes all records and registers them again in another order, so
+// that they are scattered over the SA's memory, as after years of changes. Then it keeps a window of requests in
+// flight, for each kind of request alone and for a mix. With --overload, it also sends more than the SA can serve, and
+// waits until the SA has recovered. Prints one JSON object for each measurement. The processor time of the SM process
+// SM_PID (0: none) depends little on the load of the machine. PATH_GUID is the port GUID to which paths are asked.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <numeric>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -28,7 +30,8 @@ struct load_plan {
     std::vector<size_t> windows = {1, 4, 16, 64, 256, 1024};
     std::vector<std::string> kinds = {"get-by-gid", "get-by-address", "get-path", "set", "delete", "mixed"};
     double seconds = 2;
-    bool has_overload = false;
+    bool is_aged = false;
+    double overload_seconds = 0;
 };
 
 double processor_seconds(pid_t process)
@@ -71,9 +74,10 @@ class load
     void run()
     {
         fill();
+        if (plan_.is_aged) scatter_records();
         for (const std::string& kind : plan_.kinds)
             for (const size_t window : plan_.windows) measure(kind, window);
-        if (!plan_.has_overload) return;
+        if (plan_.overload_seconds <= 0) return;
         for (const double share : {0.5, 0.8, 1.2, 2.0}) overload(share);
     }
 
@@ -106,6 +110,19 @@ class load
         print("fill", window, watch);
         if (connection_.results.answered != plan_.records || connection_.results.refused > 0)
             throw std::runtime_error("the SA did not take all records");
+    }
+
+    void scatter_records()
+    {
+        constexpr size_t window = 16;
+        std::vector<uint32_t> hosts(plan_.records);
+        std::iota(hosts.begin(), hosts.end(), 0);
+        for (const request_kind kind : {request_kind::remove, request_kind::set}) {
+            std::ranges::shuffle(hosts, dice_);
+            exchange(window, plan_.records, [&](uint64_t i) { return request(kind, hosts[i]); });
+        }
+        if (connection_.results.lost > 0 || connection_.results.refused > 0)
+            throw std::runtime_error("the SA did not take all records again");
     }
 
     void measure(const std::string& kind, size_t window)
@@ -167,7 +184,6 @@ class load
     // Afterwards, asks one request after another until an answer is as fast as before.
     void overload(double share)
     {
-        constexpr double burst_seconds = 5;
         const double usual_ms = probe_ms();
         const double rate = share * best_mixed_rate_;
         connection_.results = {};
@@ -176,7 +192,7 @@ class load
         uint64_t sent = 0;
         size_t most_in_flight = 0;
         watch.time([&] {
-            while (seconds_since(begin) < burst_seconds) {
+            while (seconds_since(begin) < plan_.overload_seconds) {
                 while (static_cast<double>(sent) < rate * seconds_since(begin) &&
                        connection_.in_flight() < connection::most_in_flight) {
                     connection_.send(next_of("mixed"));
@@ -191,11 +207,11 @@ class load
         watch.time([&] { exchange(0, 0, {}); });
         const double drained_seconds = seconds_since(burst_end);
         while (probe_ms() > 3 * usual_ms + 1) {}
-        std::printf(
-            "{\"records\":%u,\"kind\":\"overload\",\"share\":%.1f,\"rate\":%.0f,\"sent\":%llu,\"most_in_flight\":%zu,"
-            "\"drained_s\":%.3f,\"usual_after_s\":%.3f,",
-            plan_.records, share, rate, static_cast<unsigned long long>(sent), most_in_flight, drained_seconds,
-            seconds_since(burst_end));
+        print_table();
+        std::printf("\"kind\":\"overload\",\"share\":%.1f,\"rate\":%.0f,\"sent\":%llu,\"most_in_flight\":%zu,"
+                    "\"drained_s\":%.3f,\"usual_after_s\":%.3f,",
+                    share, rate, static_cast<unsigned long long>(sent), most_in_flight, drained_seconds,
+                    seconds_since(burst_end));
         print_results(watch);
     }
 
@@ -207,12 +223,17 @@ class load
         return seconds_since(begin) * 1000;
     }
 
+    void print_table() const
+    {
+        std::printf("{\"records\":%u,\"aged\":%s,", plan_.records, plan_.is_aged ? "true" : "false");
+    }
+
     void print(const std::string& kind, size_t window, const stopwatch& watch)
     {
         const double rate = static_cast<double>(connection_.results.answered) / watch.seconds;
         if (kind == "mixed") best_mixed_rate_ = std::max(best_mixed_rate_, rate);
-        std::printf("{\"records\":%u,\"kind\":\"%s\",\"window\":%zu,\"per_second\":%.0f,", plan_.records, kind.c_str(),
-                    window, rate);
+        print_table();
+        std::printf("\"kind\":\"%s\",\"window\":%zu,\"per_second\":%.0f,", kind.c_str(), window, rate);
         print_results(watch);
     }
 
@@ -248,15 +269,15 @@ load_plan read_plan(int count, char** arguments)
 {
     if (count < 4)
         throw std::runtime_error("expected SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] "
-                                 "[--overload]");
+                                 "[--aged] [--overload SECONDS]");
     load_plan plan;
     plan.sm = std::atoi(arguments[1]);
     plan.records = static_cast<uint32_t>(std::atoi(arguments[2]));
     plan.path_guid = std::strtoull(arguments[3], nullptr, 16);
     for (int i = 4; i < count; ++i) {
         const std::string option = arguments[i];
-        if (option == "--overload") {
-            plan.has_overload = true;
+        if (option == "--aged") {
+            plan.is_aged = true;
             continue;
         }
         const std::string value = i + 1 < count ? arguments[++i] : "";
@@ -265,6 +286,8 @@ load_plan read_plan(int count, char** arguments)
             for (const std::string& part : parts_of(value)) plan.windows.push_back(std::stoul(part));
         } else if (option == "--kinds") {
             plan.kinds = parts_of(value);
+        } else if (option == "--overload") {
+            plan.overload_seconds = std::stod(value);
         } else if (option == "--seconds") {
             plan.seconds = std::stod(value);
         } else {
