@@ -70,7 +70,7 @@ void watched_hca::port_changed(int port, fabric::port_change change, uint16_t ne
         embedded::port_view& view = views_[static_cast<size_t>(port - 1)];
         if (change == fabric::port_change::sm_change)
             view.sm_lid = new_sm_lid;
-        else
+        else if (change != fabric::port_change::reregister)
             view.state = change == fabric::port_change::link_up ? fabric::link_state::active : fabric::link_state::down;
         recorder_.port_changed(exec_.now(), view);
     }

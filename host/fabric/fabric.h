@@ -62,7 +62,8 @@ struct port_attributes {
     std::vector<uint16_t> p_keys;
 };
 
-enum class port_change { link_up, link_down, sm_change };
+// reregister: the port was and is active, but the SM may have lost the host's records, or they are outdated.
+enum class port_change { link_up, link_down, sm_change, reregister };
 
 // Receives the events of an HCA. Calls come from the fabric's own context or from a poll(), one at a time for an HCA.
 // The fabric then holds no lock that send() needs. The calls must not sleep.

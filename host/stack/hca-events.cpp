@@ -33,7 +33,7 @@ kq_async_record_t event_type_of(port_change change)
         return kq_async_r_port_link_up;
     case port_change::link_down:
         return kq_async_r_port_link_down;
-    case port_change::sm_change:
+    default:
         break;
     }
     return kq_async_r_port_sm_change;
@@ -42,10 +42,11 @@ kq_async_record_t event_type_of(port_change change)
 } // namespace
 
 hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
-    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().hub_of(adapter)), task_(home, adapter.name() + " events")
+    : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().hub_of(adapter)), spread_(home.get<link_up_spread>()),
+      task_(home, adapter.name() + " events")
 {
     init_waitqueue_head_named(&callback_ended_, "the end of an event callback");
-    task_.start([this] { return deliver_next() ? std::nullopt : std::optional(exec::never); }, "events");
+    task_.start([this] { return deliver_next(); }, "events");
 }
 
 hca_events::~hca_events()
@@ -133,8 +134,35 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
             each.ports[port - 1] = {.has_link_report = true};
             if (is_repeated) continue;
         }
-        queue({each.handle, port, change, new_sm_lid, false});
+        queue_change(each.handle, port, change, new_sm_lid);
     }
+}
+
+// To register again, a host needs a link-down and a link-up. Until their time has come, it keeps its port, and only
+// learns of a new SM.
+void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, uint16_t sm_lid)
+{
+    if (change == port_change::sm_change) return queue({handle, port, change, sm_lid, false});
+    std::erase_if(queue_, [&](const event& each) {
+        return each.handle == handle && each.port == port && each.due_tick > home_.exec().now();
+    });
+    if (change == port_change::link_down) return queue({handle, port, change, sm_lid, false});
+    const uint64_t due_tick = link_up_tick();
+    if (change == port_change::reregister) {
+        if (due_tick > 0) queue({handle, port, port_change::sm_change, sm_lid, false});
+        queue({handle, port, port_change::link_down, sm_lid, false, due_tick});
+    }
+    queue({handle, port, port_change::link_up, sm_lid, false, due_tick});
+}
+
+// Draws the tick at which a link-up of this moment is delivered; 0 without a spread.
+uint64_t hca_events::link_up_tick()
+{
+    const uint64_t spread_ticks = spread_.ticks;
+    if (spread_ticks == 0) return 0;
+    uint32_t random;
+    home_.random.fill(&random, sizeof random);
+    return home_.exec().now() + random % (spread_ticks + 1);
 }
 
 // Returns true if the fabric now reports the link-up that subscribe() has announced.
@@ -159,15 +187,21 @@ void hca_events::queue(const event& new_event)
     task_.ring();
 }
 
-bool hca_events::deliver_next()
+std::optional<uint64_t> hca_events::deliver_next()
 {
     kq_async_event_fn_t callback;
     kq_event_record_st record{};
     {
         const std::lock_guard lock(mutex_);
-        if (queue_.empty()) return false;
-        const event next = queue_.front();
-        queue_.pop_front();
+        const uint64_t now_ticks = home_.exec().now();
+        const auto position =
+            std::ranges::find_if(queue_, [&](const event& each) { return each.due_tick <= now_ticks; });
+        if (position == queue_.end()) {
+            const auto earliest = std::ranges::min_element(queue_, {}, &event::due_tick);
+            return earliest == queue_.end() ? exec::never : earliest->due_tick;
+        }
+        const event next = *position;
+        queue_.erase(position);
         const subscription* subscriber = find(next.handle);
         assert(subscriber); // the end of a subscription removes its events
         called_handle_ = next.handle;
@@ -183,7 +217,7 @@ bool hca_events::deliver_next()
         called_handle_ = nullptr;
     }
     wake_up_interruptible(&callback_ended_);
-    return true;
+    return std::nullopt;
 }
 
 } // namespace stack

@@ -1,16 +1,27 @@
 // Delivers the events of one HCA to its subscribers through a queue. One task makes one callback at a time. A callback
 // may sleep. If too many events come, the oldest ones of a port are dropped, but never the last one.
+//
+// When a subnet manager starts, all hosts of a fabric would register in the same second. With a spread, each link-up
+// waits for a random part of that time. A link-down is never late: it replaces a link-up that still waits.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <list>
 #include <mutex>
+#include <optional>
 
 #include "host/stack/hca-hub.h"
 #include "host/stack/service-task.h"
 
 namespace stack
 {
+
+// The spread of a machine's link-ups, in ticks. Any thread may change it; it applies to later events.
+struct link_up_spread final : kernel::service {
+    explicit link_up_spread(kernel::machine&) {}
+    std::atomic<uint64_t> ticks{0};
+};
 
 class hca_events final : public fabric::listener
 {
@@ -53,22 +64,26 @@ class hca_events final : public fabric::listener
         fabric::port_change change;
         uint16_t sm_lid;
         bool is_announcement;
+        uint64_t due_tick = 0; // it is not delivered earlier
     };
 
     // The caller holds mutex_.
     subscription* find(kq_hca_h_t handle);
     bool repeats_announcement(const subscription& subscriber, int port) const;
     void queue(const event& new_event);
+    void queue_change(kq_hca_h_t handle, int port, fabric::port_change change, uint16_t sm_lid);
+    uint64_t link_up_tick();
 
     void announce_active_ports(kq_hca_h_t handle);
     bool callback_runs(kq_hca_h_t handle) const;
 
-    // The work of the task. Returns false if there is no event.
-    bool deliver_next();
+    // The work of the task: delivers an event. Without one that is due, returns the tick until which to sleep.
+    std::optional<uint64_t> deliver_next();
 
     kernel::machine& home_;
     fabric::hca& hca_;
     hca_hub& hub_;
+    const link_up_spread& spread_;
     wait_queue_head_t callback_ended_;
     mutable std::mutex mutex_; // guards the members below, except the task
     std::list<subscription> subscriptions_;

@@ -38,7 +38,7 @@ struct fake_hca final : fabric::hca {
     // A fabric reports a change only after a read of the port returns the new state.
     void change(int port, fabric::port_change change, uint16_t sm_lid = 0)
     {
-        if (change != fabric::port_change::sm_change)
+        if (change == fabric::port_change::link_up || change == fabric::port_change::link_down)
             ports[static_cast<size_t>(port - 1)].state =
                 change == fabric::port_change::link_up ? fabric::link_state::active : fabric::link_state::down;
         if (listener) listener->port_changed(port, change, sm_lid);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/stack/hca-events.h"
 #include "host/world/module-folder.h"
 #include "tests/stack/fake-hca.h"
 #include "verbs.h"
@@ -133,6 +134,40 @@ TEST(verbs_events, too_many_events_lose_the_oldest_but_never_the_last)
     EXPECT_THAT(reports.back(), testing::StartsWith("sm at 999 1"));
     EXPECT_EQ(std::count_if(reports.begin(), reports.end(), [](const auto& line) { return line.starts_with("up 2"); }),
               1);
+}
+
+TEST(verbs_events, a_spread_delays_link_ups_and_registrations_but_no_link_down)
+{
+    using enum port_change;
+    constexpr uint64_t spread_ticks = 1000;
+    subscriber world;
+    world.subscribe();
+    world.host.get<stack::link_up_spread>().ticks = spread_ticks;
+    const auto reports_after = [&](std::initializer_list<port_change> changes, uint64_t ticks) {
+        reports.clear();
+        for (const port_change each : changes) world.hca.change(1, each, 9);
+        world.sim->run_for(ticks);
+        std::vector<std::string> kinds;
+        for (const std::string& each : reports) kinds.push_back(each.substr(0, each.find('@')));
+        return kinds;
+    };
+    EXPECT_THAT(reports_after({link_down}, 0), ElementsAre("down 1"));
+    EXPECT_THAT(reports_after({link_up}, spread_ticks), ElementsAre("up 1"));
+    EXPECT_THAT(reports_after({link_down, link_up, link_down}, 2 * spread_ticks), ElementsAre("down 1", "down 1"))
+        << "the link-up between them is outdated";
+    EXPECT_THAT(reports_after({link_up}, spread_ticks), ElementsAre("up 1"));
+    EXPECT_THAT(reports_after({reregister, reregister}, spread_ticks),
+                ElementsAre("sm at 9 1", "sm at 9 1", "down 1", "up 1"))
+        << "the new SM counts at once; both demands are met by one registration";
+
+    std::vector<uint64_t> ticks; // from a link-up to its report
+    for (int i = 0; i < 100; ++i) {
+        const uint64_t begin = world.sim->now();
+        reports_after({link_up}, spread_ticks);
+        ticks.push_back(std::stoull(reports[0].substr(reports[0].find('@') + 1)) - begin);
+    }
+    EXPECT_LT(std::ranges::min(ticks), spread_ticks / 10);
+    EXPECT_GT(std::ranges::max(ticks), spread_ticks * 9 / 10);
 }
 
 TEST(verbs, queries_read_the_port_and_refuse_stale_handles_and_missing_ports)

@@ -25,9 +25,8 @@ typename table_t::value_type first_of(const table_t& table)
 } // namespace
 
 // If an active port has another GID or first P_Key, its record at the SA is now wrong. If it has another LID, a new SM
-// may have set it up and may not know the record. In both cases the host must register again. A link-down and a link-up
-// event make it register, with one Delete and one Set. For other changes an SM change event is enough: the host then
-// only reads the port again.
+// may have set it up and may not know the record. In both cases the host must register again. For other changes an
+// SM change event is enough: the host then only reads the port again.
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current)
 {
@@ -37,7 +36,7 @@ std::vector<fabric::port_change> changes_between(const fabric::port_attributes& 
     if (!is_active(current)) return {link_down};
     if (previous.lid != current.lid || first_of(previous.gids) != first_of(current.gids) ||
         first_of(previous.p_keys) != first_of(current.p_keys))
-        return {link_down, link_up};
+        return {reregister};
     if (previous.sm_lid != current.sm_lid || previous.sm_sl != current.sm_sl || previous.lmc != current.lmc ||
         previous.mtu != current.mtu || previous.gids != current.gids || previous.p_keys != current.p_keys)
         return {sm_change};
@@ -50,7 +49,7 @@ std::vector<fabric::port_change> with_registration(const std::vector<fabric::por
     using enum fabric::port_change;
     const bool registers_anyway = std::ranges::find(changes, link_up) != changes.end();
     if (!is_active(current) || registers_anyway) return changes;
-    return {link_down, link_up};
+    return {reregister};
 }
 
 port_condition condition_of(const fabric::port_attributes& attributes)
