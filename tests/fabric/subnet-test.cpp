@@ -264,6 +264,30 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
         std::inner_product(original.begin(), original.end(), arrival.begin(), 0, std::plus{}, std::not_equal_to{}), 1);
 }
 
+TEST_F(two_hosts, a_slow_sa_serves_in_turn_and_drops_what_it_has_no_room_for)
+{
+    net.set_sa_limits(embedded::sa_limits{.set = {.fixed_us = 2500}, // 2.5 ticks
+                                          .get_by_gid = {.fixed_us = 1500, .record_us = 2000},
+                                          .queue_capacity = 3});
+    EXPECT_TRUE(first.send(1, sa_address, set_first(1)));
+    for (const uint64_t transaction : {2, 3, 4}) EXPECT_TRUE(first.send(1, sa_address, get_first(transaction)));
+    sim->settle();
+    EXPECT_EQ(net.record_count(), 0u) << "a request takes effect when it is served";
+    const size_t answers_by_tick[] = {0, 0, 1, 1, 2, 3}; // served after 2.5, 4 and 5.5 ticks; the fourth was dropped
+    for (const size_t answers : answers_by_tick) {
+        EXPECT_EQ(first_listener.arrivals.size(), answers) << sim->now();
+        sim->run_for(1);
+    }
+    EXPECT_EQ(net.sa_queue_counts().longest, 3u);
+    EXPECT_EQ(net.sa_queue_counts().dropped, 1u);
+
+    EXPECT_TRUE(first.send(1, sa_address, get_first(5))); // with one record in the table: 3.5 ticks
+    sim->run_for(2);
+    EXPECT_EQ(first_listener.arrivals.size(), 3u);
+    sim->run_for(1);
+    EXPECT_EQ(first_listener.transactions(), (std::vector<uint64_t>{1, 2, 3, 5}));
+}
+
 TEST(subnet, the_queue_is_bounded_and_empties_again)
 {
     small_world world({.queue_capacity = 8});

@@ -34,6 +34,7 @@ struct datagram {
     uint8_t sl;
     uint8_t static_rate;
     bool is_from_sa;
+    bool is_admitted = false; // waits in the SA's queue
 
     uint64_t number = 0;    // identifies the datagram for an observer
     uint64_t departure = 0; // a number that grows with every departure

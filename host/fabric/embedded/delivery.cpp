@@ -160,12 +160,29 @@ void subnet::deliver(datagram& datagram, lock_guard& lock)
         deliver_to_port(datagram, lock);
         return;
     }
+    if (keep_waiting_for_sa(datagram)) return;
     count_arrival(datagram);
     const std::optional<embedded::datagram> request = observer_ ? std::optional(datagram) : std::nullopt;
     if (const char* const reason = answer_as_sa(datagram)) return ignore(datagram, reason);
     if (request) observe_arrival(*request, nullptr);
     observe_send(datagram, nullptr);
     dispatch(datagram, service_end_tick(exec_.now()));
+}
+
+// Returns true if the request waits until the SA has served others, or if there is no room for it.
+bool subnet::keep_waiting_for_sa(datagram& datagram)
+{
+    if (!sa_queue_ || datagram.is_admitted || faults.sa_silent) return false;
+    const uint64_t now_ticks = exec_.now();
+    const uint64_t end_tick = sa_queue_->admit(datagram.mad, sa_.records.size(), now_ticks);
+    if (end_tick == exec::never) {
+        ignore(datagram, "the queue of the SA is full");
+        return true;
+    }
+    datagram.is_admitted = true;
+    if (end_tick == now_ticks) return false;
+    queue_.post(datagram, end_tick);
+    return true;
 }
 
 void subnet::count_arrival(const datagram& datagram)

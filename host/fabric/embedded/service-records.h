@@ -52,6 +52,8 @@ class service_records
     size_t forget(const fabric::gid_bytes& gid, uint64_t now_ticks);
     size_t clear(uint64_t now_ticks);
 
+    size_t size() const { return records_.size(); } // may count some that have expired
+
     // All records, ordered by GID, ServiceID and P_Key.
     std::vector<ib_service_record_v2_t> all(uint64_t now_ticks);
 

@@ -252,6 +252,15 @@ ats::result<> subnet::set_sm(uint16_t lid, uint8_t sl)
     return {};
 }
 
+void subnet::request_registrations()
+{
+    lock_guard lock(mutex_);
+    for (const auto& hca : hcas_)
+        for (const port_record& port : hca->ports)
+            if (port.is_active()) announce(port, fabric::port_change::reregister);
+    wake_fabric(lock);
+}
+
 void subnet::announce(const port_record& port, fabric::port_change change)
 {
     changes_.push_back({port.owner, port.number, change, port.sm_lid});
@@ -280,6 +289,25 @@ void subnet::restore_records(const std::vector<ib_service_record_v2_t>& records)
     lock_guard lock(mutex_);
     sa_.records.clear(exec_.now());
     for (const ib_service_record_v2_t& record : records) sa_.records.set(record, exec_.now());
+}
+
+size_t subnet::record_count() const
+{
+    const lock_guard lock(mutex_);
+    return sa_.records.size();
+}
+
+void subnet::set_sa_limits(const std::optional<sa_limits>& limits)
+{
+    const lock_guard lock(mutex_);
+    sa_queue_.reset();
+    if (limits) sa_queue_.emplace(*limits);
+}
+
+sa_queue_counts subnet::sa_queue_counts() const
+{
+    const lock_guard lock(mutex_);
+    return sa_queue_ ? sa_queue_->counts() : embedded::sa_queue_counts();
 }
 
 subnet_counts subnet::counts() const

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -18,6 +19,7 @@
 #include "host/fabric/embedded/delivery-queue.h"
 #include "host/fabric/embedded/faults.h"
 #include "host/fabric/embedded/observer.h"
+#include "host/fabric/embedded/sa-capacity.h"
 #include "host/fabric/embedded/subnet-administrator.h"
 #include "host/fabric/embedded/subnet-views.h"
 #include "host/fabric/fabric-task.h"
@@ -89,9 +91,15 @@ class subnet
     // Fails if a port has the LID, or if it is not a unicast LID.
     [[nodiscard]] ats::result<> set_sm(uint16_t lid, uint8_t sl);
 
+    // Reports to every active port that its host must register again (PortInfo's ClientReregister, IBA 14.2.5.6).
+    void request_registrations();
+
     // Makes the SA lose the records of a GID, or all records. Returns their number.
     size_t forget(const fabric::gid_bytes& gid);
     size_t forget_all();
+
+    // The number of records at the SA. Expired ones may count.
+    size_t record_count() const;
 
     // The first call returns the records of the SA. The second call replaces its records with such a copy, like an SA
     // that restarts from a backup.
@@ -104,6 +112,11 @@ class subnet
 
     // The task that delivers and calls listeners.
     fabric::fabric_task task();
+
+    // Gives the SA a limited speed from now on, or removes the limits. Waiting requests are still served. A request
+    // takes effect, and its answer leaves, at the end of its service time. The counts start at zero.
+    void set_sa_limits(const std::optional<sa_limits>& limits);
+    embedded::sa_queue_counts sa_queue_counts() const; // all zero without limits
 
     fault_switches faults;
     subnet_counts counts() const;
@@ -146,6 +159,7 @@ class subnet
     void deliver(datagram& datagram, lock_guard& lock);
     const char* answer_as_sa(datagram& request);
     const char* serve_as_sa(fabric::mad_bytes& mad);
+    bool keep_waiting_for_sa(datagram& datagram);
     void deliver_to_port(datagram& datagram, lock_guard& lock);
     void dispatch(datagram& datagram, uint64_t now_ticks);
     void lose(datagram& datagram, const char* reason);
@@ -200,6 +214,7 @@ class subnet
     std::deque<pending_change> changes_; // reported before any datagram is delivered
     delivery_queue queue_;
     uint64_t sa_busy_until_tick_ = 0;
+    std::optional<sa_queue> sa_queue_; // none without limits
     std::mt19937_64 dice_;
     subnet_hca* called_hca_ = nullptr; // the HCA whose listener is running
     bool is_asleep_ = false;           // the fabric task has parked and was not woken since
