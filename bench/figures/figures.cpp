@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "bench/bench-world.h"
+#include "bench/figures/fabric-load.h"
 #include "bench/figures/long-trace.h"
 #include "bench/figures/process-usage.h"
 #include "bench/figures/whole-subnet.h"
@@ -230,13 +231,14 @@ int run(int argc, char** argv)
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
     if (figure == "scale" && count > 0) return scale(count);
     if (figure == "subnet" && count > 0) return whole_subnet(count);
+    if (figure == "load" && count > 0) return fabric_load(count, {argv + 3, argv + argc});
     if (figure == "trace" && count > 0) return long_trace(count);
     if (figure == "lookups" && count > 0) return lookups(count);
     if (figure == "resolutions" && count > 0) return resolutions(count);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
         if (figure == step && count > 0) return repeat(figure, count);
-    std::fprintf(stderr, "usage: ats-figures scale|subnet HOSTS | trace DAYS | lookups|resolutions COUNT | "
-                         "encode|decode|send|receive|resolve COUNT\n");
+    std::fprintf(stderr, "usage: ats-figures scale|subnet HOSTS | load HOSTS [SETTING=VALUE...] | trace DAYS | "
+                         "lookups|resolutions COUNT | encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }
 
