@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <random>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
@@ -24,6 +26,7 @@
 #include "cli/service/running-hosts.h"
 #include "cli/service/service-notice.h"
 #include "cli/service/service-signals.h"
+#include "cli/service/start-delay.h"
 #include "cli/socket/socket.h"
 #include "console/errors.h"
 #include "console/journal.h"
@@ -131,11 +134,30 @@ ats::result<world_config> config_of(const run_options& options)
     return config;
 }
 
+// See start_delay(). Returns false if a signal came meanwhile.
+bool wait_after_machine_start(const host_settings& settings, const service_signals& signals,
+                              console::progress& progress)
+{
+    timespec uptime{};
+    clock_gettime(CLOCK_BOOTTIME, &uptime);
+    const std::chrono::milliseconds delay =
+        start_delay(settings.spread_seconds, std::chrono::seconds(uptime.tv_sec), std::random_device()());
+    const auto end = std::chrono::steady_clock::now() + delay;
+    if (delay.count() > 0) progress.show("waiting for up to " + std::to_string(settings.spread_seconds) + " seconds");
+    while (std::chrono::steady_clock::now() < end) {
+        if (signals.is_stop_pending()) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
 // Shows the progress on a terminal. Returns false if a signal came meanwhile.
-ats::result<bool> start(running_hosts& hosts, const service_signals& signals)
+ats::result<bool> start(const world_config& config, running_hosts& hosts, const service_signals& signals)
 {
     const std::string count = std::to_string(hosts.all().size());
     console::progress progress;
+    if (config.fabric.is_real && !wait_after_machine_start(config.hosts.front().settings, signals, progress))
+        return false;
     return hosts.start([&](size_t started_count) {
         progress.show("starting host " + std::to_string(started_count + 1) + " of " + count);
         return !signals.is_stop_pending();
@@ -268,7 +290,7 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     const ats::result<std::unique_ptr<running_hosts>> hosts =
         running_hosts::build(*config, options.modules, warn_of_host);
     if (!hosts) return ats::pass_on(hosts);
-    const ats::result<bool> start_result = start(**hosts, signals);
+    const ats::result<bool> start_result = start(*config, **hosts, signals);
     if (!start_result) return ats::pass_on(start_result);
     if (!*start_result) {
         console::print({.text = "stopped by a signal while hosts were starting"});

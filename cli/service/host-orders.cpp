@@ -6,6 +6,7 @@
 #include "console/control-commands.h"
 #include "console/host-plans.h"
 #include "host/exec/print-capture.h"
+#include "host/stack/hca-events.h"
 #include "host/stack/registry.h"
 #include "kernel/errno.h"
 
@@ -79,6 +80,12 @@ void set_trace_level(world::host& host, int level)
     kernel::machine& machine = host.machine();
     machine.enter("trace",
                   [&] { machine.get<stack::registry>().set(console::registry_key, console::trace_level_name, level); });
+}
+
+void set_spread(world::host& host, int seconds)
+{
+    constexpr uint64_t ticks_per_second = 1000;
+    host.machine().get<stack::link_up_spread>().ticks = static_cast<uint64_t>(seconds) * ticks_per_second;
 }
 
 ats::result<> set_verification(world::host& host, const verification& verification)

@@ -20,6 +20,9 @@ ats::result<std::string> write_control(world::host& host, const std::string& com
 void set_trace_level(world::host& host, int level);
 
 // Sets how often the host asks the SA for its record. The new period begins after the next check of each HCA.
+// Spreads the host's later link-ups and registrations; see stack::link_up_spread.
+void set_spread(world::host& host, int seconds);
+
 ats::result<> set_verification(world::host& host, const verification& verification);
 
 enum class completion { sent, confirmed };

@@ -97,6 +97,11 @@ class reload_run
                });
         change(current.verification, file.verification, host, text_of(file.verification),
                [&] { return set_verification(host, file.verification); });
+        change(current.spread_seconds, file.spread_seconds, host,
+               "spreads its registrations over " + std::to_string(file.spread_seconds) + " s", [&]() -> ats::result<> {
+                   set_spread(host, file.spread_seconds);
+                   return {};
+               });
         change(current.address, file.address, host, "has the address " + file.address, [&]() -> ats::result<> {
             const ats::result<uint32_t> ip = console::host_address_of(file.address);
             return ip ? set_address(host, *ip, completion::confirmed) : ats::pass_on(ip);

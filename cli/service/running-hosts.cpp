@@ -36,10 +36,11 @@ std::string end_of_log(world::host& host)
 }
 
 // The error ends with the last lines of the log, unless memory ran out: the log does not mention that.
-ats::result<> load(world::host& host, const verification& verification)
+ats::result<> load(world::host& host, const host_settings& settings)
 {
+    set_spread(host, settings.spread_seconds);
     ats::result<> result = host.load();
-    if (result && verification != cli::verification()) result = set_verification(host, verification);
+    if (result && settings.verification != verification()) result = set_verification(host, settings.verification);
     if (result || result.error().kind == error_kind::no_memory) return result;
     return ats::fail(result.error().kind, result.error().text + end_of_log(host));
 }
@@ -190,8 +191,7 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     for (const auto& host : hosts_) {
         if (!may_go_on(host_count)) return false;
         if (is_real()) report_other_holder(*host, settings_[host_count].address);
-        const ats::result<> result =
-            take_step(host->name(), [&] { return load(*host, settings_[host_count].verification); });
+        const ats::result<> result = take_step(host->name(), [&] { return load(*host, settings_[host_count]); });
         if (!result) return ats::pass_on(result);
         ++host_count;
     }

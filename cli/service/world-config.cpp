@@ -141,6 +141,7 @@ ats::result<host_config> read_host(const toml::table& table, const std::string& 
     }
     settings.trace = reader.number("trace", settings.trace, ZR_PANIC, ZR_FUNC);
     settings.verification = read_verification(reader);
+    settings.spread_seconds = reader.number("spread_seconds", settings.spread_seconds, 0, longest_spread_seconds);
 
     host_config host = host_of(settings);
     host.log_bytes = bytes_of_kib(reader.number("log_kib", default_log_kib, least_log_kib, most_log_kib));
@@ -235,7 +236,7 @@ void read_hosts(table_reader& reader, const std::string& file, world_config& con
             reader.refuse(*table, "on a real fabric there is one host, which is this machine");
         const ats::result<host_config> host = read_host(*table, file, config);
         if (!host) return reader.keep(host.error());
-        const auto& [name, address, trace, verification] = host->settings;
+        const std::string &name = host->settings.name, &address = host->settings.address;
         config.hosts.push_back(*host);
         if (!names.insert(name).second) reader.refuse(*table, "there are two hosts named " + console::quote(name));
         const auto [owner, is_new] = owners.emplace(address, name);

@@ -47,6 +47,9 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
+// The longest spread. A service manager waits 90 seconds for the end of a start.
+constexpr int longest_spread_seconds = 60;
+
 // How often a host asks the SA for its own record. The time between two checks is `period_seconds` plus a random part,
 // which is at most `skew_percent` of it. The defaults are those of the module.
 struct verification {
@@ -62,6 +65,7 @@ struct host_settings {
     std::string address = {};
     int trace = ZR_ERROR;
     cli::verification verification = {};
+    int spread_seconds = 0; // see stack::link_up_spread and start_delay()
 
     bool operator==(const host_settings&) const = default;
 };

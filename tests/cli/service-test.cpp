@@ -105,7 +105,8 @@ TEST(service, reload_applies_what_it_can_names_what_needs_a_restart_and_ignores_
         "[acm]\ntimeout_ms = 30\n[metrics]\ntextfile = \"/x\"\n[[host]]\nname = \"new\"\nlog_kib = 64\n[host.ibat]\n"
         "ibat_capacity = 9\n";
     write_file(config, "[access]\nquestions = \"everyone\"\n" + fixed_parts +
-                           "[[host]]\naddress = \"10.0.0.77\"\ntrace = 3\nverify_seconds = 0\n");
+                           "[[host]]\naddress = \"10.0.0.77\"\ntrace = 3\nverify_seconds = 0\n"
+                           "spread_seconds = 1\n");
     const auto is_open = [&] {
         return (std::filesystem::status(ats.socket()).permissions() & std::filesystem::perms::others_write) !=
                std::filesystem::perms::none;
@@ -121,6 +122,7 @@ TEST(service, reload_applies_what_it_can_names_what_needs_a_restart_and_ignores_
               "ats: reloaded: node1 now is called new\n"
               "ats: reloaded: node2 now traces at level 3\n"
               "ats: reloaded: node2 now does not check its registration any more\n"
+              "ats: reloaded: node2 now spreads its registrations over 1 s\n"
               "ats: reloaded: node2 now has the address 10.0.0.77\n");
     EXPECT_TRUE(is_open());
     EXPECT_EQ(host(0)["registrations"][0]["name"], "new");

@@ -1,4 +1,5 @@
 // The configuration of `ats run`: valid files, and files that are refused with the line of the error.
+#include "cli/service/start-delay.h"
 #include "cli/service/world-config.h"
 #include "console/identity.h"
 #include "tests/cli/program.h"
@@ -113,6 +114,16 @@ TEST(world_config, probable_mistakes_are_accepted_with_a_warning)
     EXPECT_THAT(remarks, ElementsAre(HasSubstr("31 bytes, and a record carries 30: it registers as 'thirty-bytes")));
 }
 
+TEST(start_delay, covers_the_spread_after_the_machine_started_and_ends_with_that)
+{
+    using namespace std::chrono_literals;
+    EXPECT_EQ(cli::start_delay(48, 599s, 0), 0ms);
+    EXPECT_EQ(cli::start_delay(48, 599s, 48'000), 48'000ms);
+    EXPECT_EQ(cli::start_delay(48, 599s, 48'001), 0ms);
+    EXPECT_EQ(cli::start_delay(0, 1s, UINT32_MAX), 0ms);
+    EXPECT_EQ(cli::start_delay(48, 600s, 48'000), 0ms) << "an upgrade needs no delay";
+}
+
 TEST(world_config, errors_are_refused_with_their_line_and_a_remedy)
 {
     const struct {
@@ -120,7 +131,7 @@ TEST(world_config, errors_are_refused_with_their_line_and_a_remedy)
         const char* complaint;
     } cases[] = {
         {"[[host]]\nnmae = \"x\"",
-         ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, log_kib, name, trace, ucm, "
+         ":2: unknown key 'nmae'; valid here are address, ats, hca, ibat, log_kib, name, spread_seconds, trace, ucm, "
          "verify_seconds, verify_skew_percent"},
         {"[[host]]\n\n[[host.hca]]\nport = 1", ":4: unknown key 'port'; valid here are name, ports"},
         {"hosts = 3", ":1: unknown key 'hosts'; valid here are access, acm, fabric, host, limits, metrics"},
@@ -132,6 +143,7 @@ TEST(world_config, errors_are_refused_with_their_line_and_a_remedy)
         {"[[host]]\n[host.ats]\nats_ipaddr_str = \"127.1.2.3\"", ":3: give 'address' in the [[host]] table"},
         {"[[host]]\ntrace = 6", ":2: 'trace' must be a whole number from 0 to 5"},
         {"[[host]]\nverify_skew_percent = 101", ":2: 'verify_skew_percent' must be a whole number from 0 to 100"},
+        {"[[host]]\nspread_seconds = 61", ":2: 'spread_seconds' must be a whole number from 0 to 60"},
         {"[[host]]\ntrace = \"high\"", ":2: 'trace' must be a whole number from 0 to 5"},
         {"[[host]]\n[[host.hca]]\nports = 3", ":3: 'ports' must be a whole number from 1 to 2"},
         {"[[host]]\nhca = 1", ":2: 'hca' must be written as [[hca]] tables"},

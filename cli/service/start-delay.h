@@ -1,0 +1,20 @@
+// The delay of a host's start after its machine has started.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace cli
+{
+
+// After a power failure, all machines of a fabric start together. Without a delay, their hosts register in the same
+// second, and check their records in the same second a minute later. Returns the part of the spread that `random`
+// selects. A service that starts later, for example after an upgrade, does not wait.
+inline std::chrono::milliseconds start_delay(int spread_seconds, std::chrono::seconds uptime, uint32_t random)
+{
+    constexpr std::chrono::minutes machine_start{10};
+    if (uptime >= machine_start) return std::chrono::milliseconds(0);
+    return std::chrono::milliseconds(random % (static_cast<uint32_t>(spread_seconds) * 1000 + 1));
+}
+
+} // namespace cli
