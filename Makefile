@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: help configure build program demo fabric chaos package check-packages check-packaging test test-all test-threads campaign fuzz report bench format check-format check-headers check-options bare aarch64 tidy coverage mutants install clean
+.PHONY: help configure build program demo fabric chaos package check-packages check-packaging test test-all test-threads campaign fuzz report scale bench format check-format check-headers check-options bare aarch64 tidy coverage mutants install clean
 
 help:
 	@echo "make demo      install missing packages, build, and show how the service works on an embedded fabric"
@@ -15,6 +15,7 @@ help:
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
 	@echo "make chaos     random acts on real hosts under OpenSM for MINUTES=10, and what must be true after them (SEED=N: one plan again)"
+	@echo "make scale     measure OpenSM and a simulated fabric of 48,000 hosts, and write docs/scale.md with pictures (an hour, 11 GiB)"
 	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make aarch64   the kernel's tests on another processor, in an emulator"
 	@echo "make package   packages for Debian and Fedora, if this machine can build them, in build/packages"
@@ -111,6 +112,11 @@ report: build
 	cmake --preset release && cmake --build --preset release --target test-ats ats-figures
 	cmake --preset coverage && cmake --build --preset coverage --target test-ats ats-campaign
 	scripts/report
+	scripts/scale-report
+
+scale: build
+	@scripts/install-dependencies report
+	scripts/scale-report --measure
 
 bench:
 	@scripts/install-dependencies bench
