@@ -9,12 +9,33 @@
 namespace
 {
 
+// The list of the index with the requests for this GID. Its memory is all zero before its first request, so a host
+// without such requests has no page for the index. The caller holds the lock.
+list_head* bucket_of(ats_context_t* ats, const kq_gid_t& gid)
+{
+    constexpr uint64_t spread = 0x9E3779B97F4A7C15u; // Fibonacci hashing
+    return &ats_rarp_reqs_by_gid[ats - ats_cntx][(gid.eui64 ^ gid.subnet) * spread >> 32 & (ATS_RARP_BUCKETS - 1)];
+}
+
 void queue_request(ats_context_t* ats, ats_rarp_req_t* req)
 {
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
     list_add_tail(&req->link, &ats->rarp_reqs_pending);
+    list_head* bucket = bucket_of(ats, req->dgid);
+    if (!bucket->next) list_init(bucket);
+    list_add_tail(&req->found_list_link, bucket);
     req->timestamp = static_cast<uint32_t>(jiffies);
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
+}
+
+// Traces the comparison of the answered GID with every pending request. The caller holds the lock.
+void trace_comparisons(ats_context_t* ats, const char* operation)
+{
+    for (list_head* link = ats->rarp_reqs_pending.next; link != &ats->rarp_reqs_pending; link = link->next) {
+        const ats_rarp_req_t* req = list_entry(link, ats_rarp_req_t, link);
+        ATS_TRACE_AS(operation, ZR_DEBUG, "check match against gid " KQ_GID_FORMAT "\n", KQ_GID_ARGS(req->dgid));
+        if (ats->rcv_arp_data.gid == req->dgid) ATS_TRACE_AS(operation, ZR_DEBUG, "found match\n");
+    }
 }
 
 // Moves the requests for the answered GID to the head of `found`, the newest first. Returns their number.
@@ -22,14 +43,15 @@ int32_t take_matching(ats_context_t* ats, list_head* found, const char* operatio
 {
     int32_t count = 0;
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
-    for (list_head* link = ats->rarp_reqs_pending.next; link != &ats->rarp_reqs_pending;) {
-        ats_rarp_req_t* req = list_entry(link, ats_rarp_req_t, link);
+    if (zr_is_traced(ZR_DEBUG, ATS_trace_level)) trace_comparisons(ats, operation);
+    list_head* bucket = bucket_of(ats, ats->rcv_arp_data.gid);
+    for (list_head* link = bucket->next; link && link != bucket;) {
+        ats_rarp_req_t* req = list_entry(link, ats_rarp_req_t, found_list_link);
         link = link->next;
-        ATS_TRACE_AS(operation, ZR_DEBUG, "check match against gid " KQ_GID_FORMAT "\n", KQ_GID_ARGS(req->dgid));
         if (!(ats->rcv_arp_data.gid == req->dgid)) continue;
-        ATS_TRACE_AS(operation, ZR_DEBUG, "found match\n");
         ++count;
         list_del_init(&req->link);
+        list_del_init(&req->found_list_link);
         list_add(&req->found_list_link, found);
     }
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);

@@ -4,6 +4,8 @@
 #include "kernel/memory.h"
 #include "kernel/time.h"
 
+list_head ats_rarp_reqs_by_gid[ATS_MAX_HCAS][ATS_RARP_BUCKETS];
+
 namespace
 {
 
@@ -57,6 +59,7 @@ void take_expired(ats_context_t* ats, list_head* expired, const char* operation)
         if (static_cast<uint32_t>(jiffies) - req->timestamp < ATS_REQ_AGE_LIMIT_TICKS) continue;
         ATS_TRACE_AS(operation, ZR_FUNC, "\t\t-> timeouted!\n");
         list_del_init(&req->link);
+        list_del_init(&req->found_list_link);
         list_add(&req->link, expired);
     }
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
@@ -102,9 +105,10 @@ void ats_sa_drop_pending_requests(ats_context_t* ats)
     list_init(&dropped);
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
     while (!list_empty(&ats->rarp_reqs_pending)) {
-        list_head* link = ats->rarp_reqs_pending.next;
-        list_del_init(link);
-        list_add(link, &dropped);
+        ats_rarp_req_t* req = list_entry(ats->rarp_reqs_pending.next, ats_rarp_req_t, link);
+        list_del_init(&req->link);
+        list_del_init(&req->found_list_link);
+        list_add(&req->link, &dropped);
     }
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
     while (!list_empty(&dropped)) {

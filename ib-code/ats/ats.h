@@ -22,6 +22,7 @@
 constexpr int32_t ATS_MAX_HCAS = 32;
 constexpr int32_t ATS_PORTS_PER_HCA = 2;
 constexpr size_t ATS_HOST_NAME_SIZE = 30;
+constexpr size_t ATS_RARP_BUCKETS = 256;
 constexpr unsigned long ATS_REQ_TIMER_PERIOD_TICKS = 1000;
 constexpr unsigned long ATS_REQ_AGE_LIMIT_TICKS = 1000;
 
@@ -89,7 +90,7 @@ struct ats_context_t {
     ibat_arp_data_t rcv_arp_data; // the last reply; only the completion context uses it
 
     list_head rarp_reqs_pending; // oldest first
-    spinlock_t rarp_reqs_lock;   // guards that list; no callback runs under it
+    spinlock_t rarp_reqs_lock;   // guards that list and its index; no callback runs under it
 
     shared_record<ats_host_name_t> host_name; // written with `ats_sem` held
     semaphore ats_sem; // guards port states, the active port, registration and the sending of lookups
@@ -112,7 +113,7 @@ struct ats_context_t {
 // The code that takes it off calls back once and frees it.
 struct ats_rarp_req_t {
     list_head link;
-    list_head found_list_link;
+    list_head found_list_link; // while pending, in the index; later in the list of requests with the answered GID
     kq_gid_t dgid;
     ats_rarp_reply_fn_t user_cb;
     void* user_context;
@@ -127,6 +128,8 @@ inline int ats_octet(uint32_t ip, int index)
 #define ATS_IP_ARGS(ip) ats_octet(ip, 0), ats_octet(ip, 1), ats_octet(ip, 2), ats_octet(ip, 3)
 
 extern ats_context_t ats_cntx[ATS_MAX_HCAS];
+// The index of each context's `rarp_reqs_pending`: lists of requests by the hash of their GID, oldest first.
+extern list_head ats_rarp_reqs_by_gid[ATS_MAX_HCAS][ATS_RARP_BUCKETS];
 extern int32_t ats_n_hcas; // contexts in use; zero or negative: none
 
 // The module parameters.
