@@ -207,14 +207,14 @@ int repeat(const std::string& step, int count)
     return 0;
 }
 
-// One host asks for the addresses of nine others in turn, like the benchmark of resolutions.
-int resolutions(int count)
+// One host asks for the addresses of all others in turn, like the benchmark of resolutions.
+int resolutions(int count, int hosts)
 {
-    bench_world world(10);
+    bench_world world(hosts);
     if (const ats::result<> result = world.bring_up(); !result) return give_up(world, result.error());
     kernel::machine& host = world.hosts[0]->machine();
     std::vector<uint32_t> addresses;
-    for (int i = 2; i <= 10; ++i) addresses.push_back(*world::parse_ipv4(bench_world::address_of(i)));
+    for (int i = 2; i <= hosts; ++i) addresses.push_back(*world::parse_ipv4(bench_world::address_of(i)));
     uint64_t right_answers = 0;
     host.enter("asker", [&] {
         sa_lookups lookups(host);
@@ -228,17 +228,17 @@ int resolutions(int count)
 int run(int argc, char** argv)
 {
     const std::string figure = argc > 1 ? argv[1] : "";
-    const int count = argc > 2 ? std::atoi(argv[2]) : 0;
+    const int count = argc > 2 ? std::atoi(argv[2]) : 0, hosts = argc > 3 ? std::atoi(argv[3]) : 10;
     if (figure == "scale" && count > 0) return scale(count);
     if (figure == "subnet" && count > 0) return whole_subnet(count);
     if (figure == "load" && count > 0) return fabric_load(count, {argv + 3, argv + argc});
     if (figure == "trace" && count > 0) return long_trace(count);
     if (figure == "lookups" && count > 0) return lookups(count);
-    if (figure == "resolutions" && count > 0) return resolutions(count);
+    if (figure == "resolutions" && count > 0 && hosts > 1) return resolutions(count, hosts);
     for (const char* step : {"encode", "decode", "send", "receive", "resolve"})
         if (figure == step && count > 0) return repeat(figure, count);
     std::fprintf(stderr, "usage: ats-figures scale|subnet HOSTS | load HOSTS [SETTING=VALUE...] | trace DAYS | "
-                         "lookups|resolutions COUNT | encode|decode|send|receive|resolve COUNT\n");
+                         "lookups COUNT | resolutions COUNT [HOSTS] | encode|decode|send|receive|resolve COUNT\n");
     return 2;
 }
 
