@@ -108,10 +108,11 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-// Each of the next five functions returns the exit code. An error comes from the command line or from the system.
+// The next five functions return the exit code of the program. They fail if the command line is wrong, or if the system
+// refuses something.
 
-// Shows a run that fails: in the form of the command line, and, as far as it asks for that, simplified and as a
-// picture.
+// Shows the complaint of a run that fails, and the command that replays it. Also shows the simplest run that fails
+// (--minimise), and draws a picture (--html), if the command line asks for them.
 ats::result<int> show_failing_run(const command_line& line, const plan& plan, const std::vector<size_t>& acts,
                                   const run_result& result)
 {
@@ -262,7 +263,8 @@ int main(int argc, char** argv)
         ->check(CLI::PositiveNumber)
         ->needs(corpus);
 
-    // A run of many seeds has no single list of acts, and its processes cannot share a file.
+    // The following options work for one seed only. Each seed has its own acts, and each seed runs in its own process,
+    // which cannot share a file with others.
     program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
         ->delimiter(',')
         ->needs(seed);

@@ -53,8 +53,8 @@ struct node {
     // console::parse_control_report, or null if there is no such file.
     console::json read_control();
 
-    // Call it after an act has set this verification period and skew ("verification" of console::parse_control_report).
-    // The act counts as effective when a later report shows them.
+    // Call it after an act has set the verification period and skew to these values, in the form that "verification" of
+    // console::parse_control_report has. The act is marked as effective when a later report shows the values.
     void expect_verification(const act& act, console::json verification);
 
     // Loads a module with the present identity, or unloads it, from a task of the host. Returns false on failure.
@@ -64,8 +64,7 @@ struct node {
     // Returns true if a link of the HCA is up in the fabric.
     bool has_link(size_t hca);
 
-    // Returns true if that port has been cut off for good. Without a port number, checks all ports of the HCA; without
-    // an HCA, all ports.
+    // These return true if a port has been cut off for good: this port, any port of this HCA, or any port of the host.
     bool is_cut_off(size_t hca, int port) const
     {
         return std::ranges::find(cut_ports, port_name{hca, port}) != cut_ports.end();
@@ -109,7 +108,8 @@ struct node {
     bool may_be_misread = false;        // a query of a port may have failed
 
   private:
-    // Checks a log line of the host against the models and against the wait for a Delete.
+    // Checks a log line of the host. It must agree with the models. If it says that the answer to a Delete did not come
+    // in time, the task must have waited exactly the allowed time.
     void check_line(const std::string& line);
 
     struct running_task {
@@ -122,7 +122,7 @@ struct node {
     uint64_t change_count_ = 0;
     uint32_t address_count_ = 0;
     uint32_t name_count_ = 0;
-    std::optional<act> verification_act_; // waits for a report with verification_
+    std::optional<act> verification_act_; // see expect_verification(); empty when the act is marked as effective
     console::json verification_;
     std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent its last request
 };

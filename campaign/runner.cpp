@@ -70,7 +70,8 @@ ats::result<run_process> run_process::start(const plan& plan, const std::vector<
 
 void run_process::run(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
 {
-    // The terminal sends SIGINT to all processes. The parent kills this process, so it ignores the signal.
+    // At Ctrl-C, the terminal sends SIGINT to this process, too. The process ignores it, because the parent ends it
+    // with SIGKILL.
     if (stops_when_interrupted) signal(SIGINT, SIG_IGN);
     alarm(longest_run_seconds);
     dup2(output_, STDERR_FILENO);
@@ -187,7 +188,8 @@ std::vector<size_t> all_acts(const plan& plan)
     return numbers;
 }
 
-// Removes pieces of the list, smaller and smaller ones, as long as the rest still fails.
+// Tries to leave out pieces of the list: halves first, then pieces of half that length, at last single acts. A piece
+// stays out if the rest still fails in the same way.
 ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options)
 {
     const ats::result<run_result> failure = run_apart(plan, act_numbers, options);

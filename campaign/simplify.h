@@ -10,12 +10,21 @@
 namespace campaign
 {
 
+// clang-format off
 // Carries out a change and notes it in the plan. These are the changes, with examples of numbers:
-//     hosts=2 hcas=1 ports=1         the first hosts only; at most so many HCAs a host, and ports an HCA
-//     order=plain order=5 depth=1    tasks run in the plain order, or in another random one; the depth of the
-//     priorities more=12                        the acts of seed 12, too 7.host=0 7.a=1 7.b=0           the numbers of
-//     act 7 7.ticks=5 7.begin=900          how long it lasts, and when it begins
-// The error: there is no such change, or the plan has no such act or number.
+//     hosts=2         only the first two hosts
+//     hcas=1          each host has one HCA
+//     ports=1         each HCA has one port
+//     order=plain     tasks run in the plain order
+//     order=5         tasks run in another random order
+//     depth=1         the depth of the random priorities (--pct)
+//     more=12         adds the acts of seed 12
+//     7.host=0        the host of act 7
+//     7.a=1 7.b=0     the other random numbers of act 7
+//     7.ticks=5       act 7 lasts 5 ticks
+//     7.begin=900     act 7 begins at tick 900
+// Fails if there is no such change, or if the plan has no such act or does not allow the number.
+// clang-format on
 ats::result<> change(plan& plan, std::string_view text);
 
 // A run that fails.

@@ -48,25 +48,25 @@ void line_writer::add(write_t write)
 {
     const std::lock_guard lock(mutex_);
     if (waiting_.size() >= most_waiting_lines) {
-        ++left_out_;
+        ++omitted_line_count_;
         return;
     }
-    if (left_out_ > 0) {
-        waiting_.emplace_back([this, lines = std::exchange(left_out_, 0)] { remark_(lines); });
-        ++added_;
+    if (omitted_line_count_ > 0) {
+        waiting_.emplace_back([this, lines = std::exchange(omitted_line_count_, 0)] { remark_(lines); });
+        ++added_line_count_;
     }
     waiting_.push_back(std::move(write));
-    ++added_;
+    ++added_line_count_;
     changed_.notify_all();
 }
 
 bool line_writer::wait_written(std::chrono::milliseconds limit)
 {
     std::unique_lock lock(mutex_);
-    const uint64_t last = added_;
-    if (written_ < last && written_when_given_up_ == written_) return false;
-    if (changed_.wait_for(lock, limit, [&] { return written_ >= last; })) return true;
-    written_when_given_up_ = written_;
+    const uint64_t last = added_line_count_;
+    if (written_line_count_ < last && timeout_line_count_ == written_line_count_) return false;
+    if (changed_.wait_for(lock, limit, [&] { return written_line_count_ >= last; })) return true;
+    timeout_line_count_ = written_line_count_;
     return false;
 }
 
@@ -81,11 +81,11 @@ void line_writer::work()
         lock.unlock();
         write();
         lock.lock();
-        ++written_;
+        ++written_line_count_;
         // The reader is back, so report at once what was left out. The next line may come much later.
-        if (const uint64_t lines = waiting_.empty() ? std::exchange(left_out_, 0) : 0) {
+        if (const uint64_t lines = waiting_.empty() ? std::exchange(omitted_line_count_, 0) : 0) {
             waiting_.emplace_back([this, lines] { remark_(lines); });
-            ++added_;
+            ++added_line_count_;
         }
         changed_.notify_all();
     }

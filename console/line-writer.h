@@ -19,7 +19,7 @@ class line_writer
 {
   public:
     using write_t = std::function<void()>;
-    using remark_t = std::function<void(uint64_t left_out)>;
+    using remark_t = std::function<void(uint64_t line_count)>;
 
     static constexpr size_t most_waiting_lines = 1000;
 
@@ -46,10 +46,10 @@ class line_writer
     std::mutex mutex_; // guards the following members
     std::condition_variable changed_;
     std::deque<write_t> waiting_;
-    uint64_t added_ = 0;
-    uint64_t written_ = 0;
-    std::optional<uint64_t> written_when_given_up_; // by the last wait_written() that gave up
-    uint64_t left_out_ = 0;                         // lines that were not reported yet
+    uint64_t added_line_count_ = 0;
+    uint64_t written_line_count_ = 0;
+    std::optional<uint64_t> timeout_line_count_; // the written lines when a wait_written() last gave up
+    uint64_t omitted_line_count_ = 0;            // lines that were not reported yet
     bool is_stopping_ = false;
     std::thread thread_;
 };

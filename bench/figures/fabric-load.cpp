@@ -23,8 +23,8 @@ struct load_settings {
         {"skew", 1},         // per cent of the period: the random part of each check's delay
         {"spread", 0},       // seconds: a link-up reaches the modules after a random part of this time
         {"start-spread", 0}, // seconds: the modules of a host start after a random part of this time
-        {"fabric", 0},       // hosts of the fabric that is meant; its SA is slowed down to fit these hosts. 0: the same
-        {"queue", 65536},    // requests that the SA of the meant fabric keeps
+        {"fabric", 0},       // hosts of the larger fabric that the simulated hosts stand for. 0: there is none
+        {"queue", 65536},    // requests that the SA of the larger fabric keeps
         {"set-us", 9.5},     // times of the SA: for a request, and for each record in its table
         {"set-record-us", 0.006},
         {"delete-us", 9.5},
@@ -51,8 +51,9 @@ load_settings read_settings(const std::vector<std::string>& words)
     return settings;
 }
 
-// The limits of the SA. If the simulated hosts stand for a larger fabric, the SA is slower by the same factor, so it is
-// as busy as that of the larger fabric.
+// The limits of the simulated SA. If the simulated hosts stand for a larger fabric, the SA gets fewer requests by a
+// certain factor. Its times are longer and its queue is shorter by that factor, so it is as busy as the SA of the
+// larger fabric. Its table is shorter by the factor, too. Therefore the time for each record grows with the square.
 embedded::sa_limits limits_of(const load_settings& settings, int hosts)
 {
     const double factor = settings["fabric"] > 0 ? settings["fabric"] / hosts : 1;

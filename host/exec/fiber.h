@@ -1,5 +1,5 @@
-// Fibers: one thread runs on several stacks and switches between them. Boost.Context does the switch. It needs no
-// system call and supports each processor's registers.
+// Fibers: one thread runs on several stacks and switches between them. Boost.Context saves and restores the registers
+// at a switch. It has the code for each kind of processor, and makes no system call.
 #pragma once
 
 #include <cstddef>
@@ -45,11 +45,13 @@ class fiber_stack_pool
   private:
     size_t stack_count_ = 0; // those that were mapped
     std::vector<fiber_stack> free_;
-    fiber_stack last_current_; // may still be in use until the next put_current(); no mapping: none
+    // The stack of the last put_current(). Its fiber may still run on it until the next put_current(). The mapping is
+    // null if there is none.
+    fiber_stack last_current_;
 };
 
-// The thread sanitizer takes longer to start a fiber than most fibers run. There, a task keeps its fiber while it
-// rests.
+// If true, a task gives up its stack while it rests, and its fiber is restarted for the next step. If false, it keeps
+// both: the thread sanitizer takes longer to start a fiber than most fibers run.
 #ifdef __SANITIZE_THREAD__
 constexpr bool is_restart_cheap = false;
 #else
@@ -71,8 +73,8 @@ class fiber
     fiber(const fiber&) = delete;
     fiber& operator=(const fiber&) = delete;
 
-    // Starts again, with `entry(argument)` on another stack. The fiber has stopped for good, or was made without a
-    // stack.
+    // The next switch to the fiber calls `entry(argument)` on this stack. Call it only if the fiber was made without a
+    // stack, or if nothing has to continue at the place where it stopped. The caller owns both stacks.
     void restart(fiber_stack stack);
 
     // Leaves the calling fiber, which must be `current`, and continues with `next`. Returns when a fiber switches back.

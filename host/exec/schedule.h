@@ -13,13 +13,14 @@
 namespace exec
 {
 
-// Ready tasks are ordered: first those that became ready, the oldest first, then those that were preempted.
 enum class choice_point {
     stop,         // the running task has stopped: the choices are the ready tasks
     switch_point, // the running task could continue: it is choice 0, and the ready tasks follow
 };
 
-// The tasks that could continue at a choice. The object is valid during the choice only.
+// The tasks that could continue at a choice. At a switch point, the running task is the first one. Then come the tasks
+// that have become ready, and then the tasks that were preempted. Both groups begin with the task that has waited
+// longest. The object is valid during the choice only.
 class candidates
 {
   public:
@@ -41,7 +42,8 @@ class schedule
     virtual size_t choose(const candidates& tasks, choice_point point) = 0;
 };
 
-// Switches on average at one of three switch points. All other choices have equal chances.
+// At a switch point, another task continues with a probability of 1/3. Which of the ready tasks continues is drawn with
+// equal chances, there and after a stop.
 class random_schedule final : public schedule
 {
   public:
@@ -60,13 +62,15 @@ struct priority_options {
 
 // Gives each task a random priority; the task with the highest priority always continues. The method is PCT (Burckhardt
 // et al., "A randomized scheduler with probabilistic guarantees of finding bugs", ASPLOS 2010). A round has `depth` - 1
-// random choices at which the task that would continue gets a priority below all others. This task then waits for a
-// long time while many others run. The random schedule almost never does that: it would have to draw the same way at
-// many choices in turn.
+// change points. Each lies at a random choice. There the task that would continue gets a priority below all random
+// ones: the change point with index i gives it priority i. The indices have no order in time, so lowered tasks are in a
+// random order among each other. A lowered task waits for a long time while many others run. The random schedule almost
+// never does that: it would have to draw the same way at many choices in turn.
 //
 // The bound: assume that a fault shows if d events happen in a certain order, all within one round. The round has k
-// choices among at most n tasks. If `depth` is d or more, this order occurs with a probability of at least 1/(n *
-// k^(d-1)).
+// choices among at most n tasks. If `depth` is d or more, this order occurs with at least this probability:
+//
+//     1 / (n * k^(d-1))
 //
 // A run is cut into rounds of `round_choices` choices. Each round draws all priorities again, for two reasons. The
 // bound must also be valid for each part of a long run. And tasks that poll for a task of low priority must not wait
@@ -94,9 +98,9 @@ class priority_schedule final : public schedule
     uint64_t overtakings_ = 0;
 };
 
-// Goes through all orders with at most a given number of deviations from the plain order. In the plain order the
-// running task continues; later the tasks run in the order in which they became ready. A preempted task waits until no
-// other task can run. A single deviation therefore lets a whole chain of tasks overtake it. The scenario runs once for
+// Goes through all orders with at most a given number of deviations from the plain order. In the plain order a task
+// runs until it stops. Then the task that became ready first continues. A preempted task waits until no other task can
+// run. A single deviation therefore lets a whole chain of tasks overtake it. The scenario runs once for
 // each order, each time in a new simulation with this schedule:
 //
 //     systematic_schedule orders(2);

@@ -8,7 +8,8 @@ enum ucm_stat_t : int32_t {
     ucm_stat_error = -255,
 };
 
-// Reverse resolution uses the same type of callback as address resolution.
+// Reverse resolution uses the same type of callback as address resolution. But the provider calls it in the completion
+// context of an HCA or in an atomic timer, so it must not sleep. IBAT's callbacks may sleep.
 using ats_rarp_reply_fn_t = ibat_get_ib_data_reply_fn_t;
 
 // Asks for the address of `arp_data->gid`.

@@ -131,7 +131,10 @@ struct kq_request_event_record_t {
 // Runs in a thread of its HCA and may sleep. The events of one HCA come one at a time.
 using kq_async_event_fn_t = void (*)(kq_event_record_st event_record);
 
-// Fills up to `capacity` records with the names of the present HCAs. Returns their number, or a negative status.
+// All calls below may sleep.
+
+// Fills the first records of `names`, at most `capacity`, with the names of the present HCAs. Returns the number of
+// filled records, or a negative status.
 KERNEL_API int kq_list_hcas(kq_hca_name* names, int capacity);
 
 // Opens an HCA for shared use (`flags` 0 is the only mode) and stores its handle. The caller closes it.
@@ -140,7 +143,8 @@ KERNEL_API kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_
 // Closes an HCA; its handle becomes stale. Returns kq_return_err_busy while the handle has a subscription.
 KERNEL_API kq_return_t kq_hca_close(kq_hca_h_t hca);
 
-// The queries return the port's state at the moment of the call. They may sleep.
+// kq_hca_query returns the number of ports of the HCA. kq_port_query returns the attributes that the port has at the
+// moment of the call.
 KERNEL_API kq_return_t kq_hca_query(kq_hca_h_t hca, kq_hca_attrib_t* attributes);
 KERNEL_API kq_return_t kq_port_query(kq_hca_h_t hca, kq_port_num_t port, kq_port_attrib_t* attributes);
 
@@ -152,5 +156,5 @@ KERNEL_API kq_return_t kq_get_port_partition_tbl(kq_hca_h_t hca, kq_port_num_t p
 KERNEL_API kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
                                                        kq_async_event_fn_t callback);
 
-// Ends the subscription. After the return, the callback does not run. May sleep.
+// Ends the subscription. After the return, the callback does not run.
 KERNEL_API kq_return_t kq_dell_sleepable_async_event_cb(kq_hca_h_t hca, kq_async_event_fn_t callback);

@@ -57,7 +57,7 @@ void host::start()
     names_ = {last_name_};
     known_addresses_.insert(last_address_);
     has_open_orders_ = false;
-    first_used_.reset();
+    first_resource_use_.reset();
     write_configuration();
     recording_ = records_ + "/" + name() + "-" + std::to_string(++starts_) + ".jsonl";
     std::vector<std::string> arguments = {
@@ -157,23 +157,23 @@ void host::repeat_orders()
     order("set-name", last_name_, names_);
 }
 
-resources host::used() const
+resources host::resource_use() const
 {
     const std::string process = "/proc/" + std::to_string(program_->pid());
     std::error_code error;
     const auto descriptors = std::filesystem::directory_iterator(process + "/fd", error);
-    resources used{.descriptors = std::distance(begin(descriptors), end(descriptors))};
+    resources use{.descriptors = std::distance(begin(descriptors), end(descriptors))};
     std::istringstream pages(text_of(process + "/statm"));
     long all = 0, resident = 0;
     pages >> all >> resident;
-    used.resident_kib = resident * (sysconf(_SC_PAGESIZE) / 1024);
-    return used;
+    use.resident_kib = resident * (sysconf(_SC_PAGESIZE) / 1024);
+    return use;
 }
 
-const resources& host::first_used()
+const resources& host::first_resource_use()
 {
-    if (!first_used_) first_used_ = used();
-    return *first_used_;
+    if (!first_resource_use_) first_resource_use_ = resource_use();
+    return *first_resource_use_;
 }
 
 std::set<std::string> host::possible_records() const

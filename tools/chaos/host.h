@@ -56,7 +56,7 @@ class host
     void repeat_orders();
 
     json ask(std::vector<std::string> command) const;
-    resources used() const;
+    resources resource_use() const;
 
     int number() const { return number_; }
     std::string name() const { return fabric_tools::node_name(number_); }
@@ -75,7 +75,7 @@ class host
     std::set<std::string> possible_records() const;
 
     // The first call after a start stores the value, later ones return what was stored.
-    const resources& first_used();
+    const resources& first_resource_use();
 
     const std::string& recording() const { return recording_; } // of the present or the last process
     clock::time_point recording_begin() const { return recording_begin_; }
@@ -99,7 +99,7 @@ class host
     std::set<std::string> addresses_, names_; // those that may be registered
     std::set<std::string> known_addresses_;
     std::string last_address_, last_name_; // those of the last order, or of the configuration
-    std::optional<resources> first_used_;
+    std::optional<resources> first_resource_use_;
 };
 
 // A truth that does not hold.

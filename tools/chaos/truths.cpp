@@ -135,7 +135,7 @@ std::optional<failure> run::first_fault()
 std::optional<failure> run::fault_of_process(host& host) const
 {
     if (host.has_ended_by_itself()) throw failure{host.name() + " has ended by itself", "it runs", host.output()};
-    const resources before = host.first_used(), now = host.used();
+    const resources before = host.first_resource_use(), now = host.resource_use();
     if (now.descriptors > before.descriptors + most_new_descriptors)
         return failure{host.name() + " leaks descriptors", "about " + std::to_string(before.descriptors),
                        std::to_string(now.descriptors)};

@@ -33,7 +33,7 @@ class device_events
                                                std::function<void(const device_event&)> take);
     virtual ~device_events() = default;
 
-    // Its task.
+    // The task that receives the events, as a watchdog sees it.
     virtual fabric::fabric_task watched_task() = 0;
 };
 

@@ -115,7 +115,7 @@ void device::close()
 
 void device::close_port()
 {
-    poll_descriptor_ = -1; // a poll() of a closed or reused descriptor would return at once
+    poll_descriptor_ = -1; // poll() ignores -1; for a closed or reused descriptor it would return at once
     umad_close_port(descriptor_);
     descriptor_ = -1;
 }
