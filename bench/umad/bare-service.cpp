@@ -73,8 +73,8 @@ class service
         }
     }
 
-    // Passes questions to the SA until the program ends.
-    void pass_questions()
+    // Passes `total` questions of the clients to the SA.
+    void pass_questions(long total)
     {
         const int ready = epoll_create1(EPOLL_CLOEXEC);
         for (uint32_t i = 0; i < clients_.size(); ++i) {
@@ -82,22 +82,24 @@ class service
             epoll_ctl(ready, EPOLL_CTL_ADD, clients_[i], &event);
         }
         std::array<epoll_event, 64> events;
-        while (true) {
+        for (long passed = 0; passed < total;) {
             const int count = epoll_wait(ready, events.data(), events.size(), -1);
-            for (int i = 0; i < count; ++i) pass_question(events[static_cast<size_t>(i)].data.u32, ready);
+            for (int i = 0; i < count; ++i) passed += pass_question(events[static_cast<size_t>(i)].data.u32, ready);
         }
     }
 
   private:
-    void pass_question(uint32_t client, int ready)
+    // Returns the number of questions passed: 1, or 0 if the client has ended.
+    int pass_question(uint32_t client, int ready)
     {
         question asked;
         if (read(clients_[client], asked.data(), asked.size()) <= 0) {
             epoll_ctl(ready, EPOLL_CTL_DEL, clients_[client], nullptr); // the client has all its answers
-            return;
+            return 0;
         }
         if (umad_send(port_.descriptor, agent_, &requests_[client], MAD_SIZE, patience_ms, 0) < 0)
             fail("a request was not sent");
+        return 1;
     }
 
     const std::vector<int> clients_;
@@ -128,8 +130,9 @@ int main(int count, char** arguments)
     }
     service served(clients, arguments + 2);
     const auto begin = std::chrono::steady_clock::now();
-    std::thread([&] { served.pass_questions(); }).detach();
+    std::thread questions([&] { served.pass_questions(process_lookups * processes); });
     served.pass_answers(process_lookups * processes);
+    questions.join();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     int failures = 0;
     for (const pid_t child : children) {
@@ -138,6 +141,5 @@ int main(int count, char** arguments)
         failures += status != 0;
     }
     std::printf("%.0f lookups/s\n", static_cast<double>(process_lookups * processes) / took.count());
-    std::fflush(stdout);
-    std::_Exit(failures == 0 ? 0 : 2); // the other thread still waits
+    return failures == 0 ? 0 : 2;
 }
