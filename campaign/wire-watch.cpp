@@ -66,8 +66,7 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     const std::string host_name = node.host.name();
     fabric_.note(host_name, "sends method " + std::to_string(method) + " from LID " + std::to_string(source_lid));
     if (fabric_.plan.drawn_options.asks_for_paths && is_of_paths(mad)) {
-        if (const std::string fault = fault_in_path_request(sender, mad); !fault.empty())
-            fabric_.violate(host_name + ": " + fault);
+        if (const std::string fault = fault_in_path_request(sender, mad); !fault.empty()) report(node, fault);
         return;
     }
     ib_service_record_v2_t record;
@@ -77,7 +76,15 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
         fault = node.models[sender.hca].check_request(*exec::current_task(), method,
                                                       std::to_array(record.service_gid.bytes));
     if (fault.empty()) fault = timing_fault_in(node, sender.hca, method, now_ticks);
-    if (!fault.empty()) fabric_.violate(host_name + ": " + fault);
+    if (!fault.empty()) report(node, fault);
+}
+
+// The fabric calls the watch with its lock held. The end of a recording reads the fabric, so it needs a task of its
+// own.
+void wire_watch::report(node& node, const std::string& fault)
+{
+    const std::string text = node.host.name() + ": " + fault;
+    node.start("violation", [this, text] { fabric_.violate(text); });
 }
 
 std::string wire_watch::fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const

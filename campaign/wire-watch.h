@@ -49,6 +49,7 @@ class wire_watch final : public fabric::tap
     std::string fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
     std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
     std::string timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks);
+    void report(node& node, const std::string& fault);
 
     tested_fabric& fabric_;
     std::map<const exec::task*, uint64_t> requests_;     // number of requests of each task
