@@ -52,6 +52,7 @@ class Layout {
     this.titles = [];     // steps and violations
     this.acts = [];
     this.changes = [];    // of the SA's records
+    this.sms = [];        // changes of the SM
     this.times = [];
     this.y = TOP;
     this.lastTick = null; // tick of the last event that is shown
@@ -80,9 +81,9 @@ class Layout {
     case "violation": return this.placeTitle(event);
     case "stored":
     case "removed": return this.placeChange(event);
+    case "sm": return this.placeSm(event);
     case "port":
-    case "fault":
-    case "sm": return this.placeSilent(event);
+    case "fault": return this.placeSilent(event);
     default: return false;
     }
   }
@@ -159,6 +160,12 @@ class Layout {
     if (!lane || !this.filter.showsAct(event)) return false;
     this.beginRow(event, ROW.act);
     this.acts.push({ event, lane, y: this.y - 5 });
+    return true;
+  }
+
+  placeSm(event) {
+    this.beginRow(event, ROW.act);
+    this.sms.push({ event, y: this.y - 5 });
     return true;
   }
 

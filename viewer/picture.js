@@ -99,6 +99,7 @@ class Picture {
       this.group("arrows", this.layout.arrows.filter(arrow => touches(arrow.y1, arrow.y2)).map(arrow => this.arrow(arrow))),
       this.group("logs", this.layout.logs.filter(mark => touches(mark.y, mark.y)).map(mark => this.log(mark))),
       this.group("acts", this.layout.acts.filter(act => touches(act.y, act.y)).map(act => this.act(act))),
+      this.group("sms", this.layout.sms.filter(sm => touches(sm.y, sm.y)).map(sm => this.sm(sm))),
       this.cursor = svgNode("g", { id: "cursor" }));
     this.moveCursor(this.cursorY || 0);
   }
@@ -216,7 +217,7 @@ class Picture {
     if (datagram.isRefused) fate = "the fabric did not accept it";
     else if (end && end.e === "lost") fate = end.why;
     else if (end) fate = end.t === sent.t ? "arrived at once" : `arrived after ${formatLength(end.t - sent.t)}`;
-    return `${sent.method} ${sent.attribute}${sent.status ? ", " + sent.status : ""}: ${subjectOf(sent)} — ${end && end.twin ? "duplicate, " : ""}${fate}`;
+    return `${sent.method} ${sent.attribute}${sent.status ? ", " + sent.status : ""} to LID ${sent.lid}: ${subjectOf(sent)} — ${end && end.twin ? "duplicate, " : ""}${fate}`;
   }
 
   log(mark) {
@@ -235,6 +236,15 @@ class Picture {
     const x = Math.max(TIME_WIDTH, lane.x - 18 - width);
     return svgNode("g", { class: `act ${event.phase} ${event.harm}`, "data-event": event.index, "data-tip": `act ${event.number}, ${event.phase}: ${event.name}` },
       svgNode("rect", { x, y: y - 8, width, height: 16, rx: 8 }), svgText(x + width / 2, y + 3.5, text, "", "middle"));
+  }
+
+  // The moment from which requests must go to another LID.
+  sm({ event, y }) {
+    const text = `SM at LID ${event.lid}`;
+    const width = 12 + 5.6 * text.length;
+    const x = this.layout.lanes.get("sa").x;
+    return svgNode("g", { class: "sm", "data-event": event.index, "data-tip": `the SM and the SA have LID ${event.lid} from now on` },
+      svgNode("rect", { x: x - width / 2, y: y - 8, width, height: 16, rx: 8 }), svgText(x, y + 3.5, text, "", "middle"));
   }
 
   moveCursor(y) {
