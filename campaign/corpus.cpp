@@ -27,7 +27,7 @@ constexpr size_t most_acts = 3000; // of a plan; longer plans take too long
 constexpr const char* no_edges = "these modules count no edges: cmake --preset edges && cmake --build --preset edges, "
                                  "then build/edges/campaign/ats-campaign";
 
-// What some runs have reached.
+// The edges that runs have reached. An element is an edge with the number of binary digits of its count.
 class reached
 {
   public:

@@ -1,4 +1,4 @@
-// What this process has used so far.
+// Measures the memory and the processor time of this process.
 #pragma once
 
 #include <cstddef>

@@ -38,10 +38,8 @@ void ask_for_path(umad_buffer& request, const umad_port_t& port, const wire_gid_
     path.sgid = to_wire(kq_gid_t{.eui64 = be64toh(port.port_guid), .subnet = be64toh(port.gid_prefix)});
     path.reversible_numb_path = 0x81;
     path.p_key = to_wire(uint16_t{0xFFFF});
-    request.mad.hdr.attrib_id = htons(SA_ATTR_PATH_RECORD);
-    request.mad.component_mask = to_wire(uint64_t{0x380C});
-    std::memset(request.mad.payload, 0, sizeof request.mad.payload);
-    std::memcpy(request.mad.payload, &path, sizeof path);
+    constexpr uint64_t path_query = 0x380C; // both GIDs, reversible, number of paths, P_Key
+    request.mad = fabric_tools::make_request(MAD_METHOD_GET, SA_ATTR_PATH_RECORD, path_query, path);
 }
 
 struct lookup_loop {

@@ -7,7 +7,7 @@
 
 #include "host/fabric/umad/libibumad.h"
 #include "records/host-record.h"
-#include "sa-mads.h"
+#include "tools/fabric/sa-request.h"
 
 struct umad_buffer {
     ib_user_mad_t header;
@@ -37,13 +37,5 @@ inline void prepare_request(umad_buffer& request, const bare_port& port, uint8_t
     std::memset(&request, 0, sizeof request);
     umad_set_addr(&request, static_cast<int>(port.attributes.sm_lid), 1, static_cast<int>(port.attributes.sm_sl),
                   static_cast<int>(0x80010000));
-    const ib_service_record_v2_t record = records::encode(host);
-    sa_mad_v2_t& mad = request.mad;
-    mad.hdr.base_ver = MAD_BASE_VERSION;
-    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
-    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
-    mad.hdr.m.method = method;
-    mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
-    mad.component_mask = to_wire(component_mask);
-    std::memcpy(mad.payload, &record, sizeof record);
+    request.mad = fabric_tools::make_request(method, SA_ATTR_SERVICE_RECORD, component_mask, records::encode(host));
 }

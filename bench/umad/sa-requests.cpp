@@ -1,9 +1,9 @@
 #include "bench/umad/sa-requests.h"
 
 #include <arpa/inet.h>
-#include <cstring>
 
 #include "records/host-record.h"
+#include "tools/fabric/sa-request.h"
 
 namespace sa_load
 {
@@ -42,15 +42,13 @@ uint8_t method_of(request_kind kind)
     }
 }
 
-uint64_t mask_of(request_kind kind)
+uint64_t record_mask_of(request_kind kind)
 {
     switch (kind) {
     case request_kind::set:
         return set_mask;
     case request_kind::get_by_address:
         return by_address_mask;
-    case request_kind::get_path:
-        return path_mask;
     default:
         return by_gid_mask;
     }
@@ -93,21 +91,11 @@ std::optional<request_kind> kind_named(const std::string& name)
 
 sa_mad_v2_t make_request(request_kind kind, uint32_t number, const kq_gid_t& source, const kq_gid_t& destination)
 {
-    sa_mad_v2_t mad{};
-    mad.hdr.base_ver = MAD_BASE_VERSION;
-    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
-    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
-    mad.hdr.m.method = method_of(kind);
-    mad.hdr.attrib_id = htons(kind == request_kind::get_path ? SA_ATTR_PATH_RECORD : SA_ATTR_SERVICE_RECORD);
-    mad.component_mask = to_wire(mask_of(kind));
-    if (kind == request_kind::get_path) {
-        const ib_path_record_wire_t path = path_query(source, destination);
-        std::memcpy(mad.payload, &path, sizeof path);
-    } else {
-        const ib_service_record_v2_t record = records::encode(host_record(number));
-        std::memcpy(mad.payload, &record, sizeof record);
-    }
-    return mad;
+    const uint8_t method = method_of(kind);
+    if (kind == request_kind::get_path)
+        return fabric_tools::make_request(method, SA_ATTR_PATH_RECORD, path_mask, path_query(source, destination));
+    return fabric_tools::make_request(method, SA_ATTR_SERVICE_RECORD, record_mask_of(kind),
+                                      records::encode(host_record(number)));
 }
 
 } // namespace sa_load

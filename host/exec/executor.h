@@ -16,7 +16,7 @@ namespace exec
 
 constexpr uint64_t never = UINT64_MAX; // a deadline that never comes
 
-// What a task waits for between two steps of its work; see executor::park for the members.
+// A task waits in this way between two steps of its work. executor::park describes the members.
 struct rest {
     uint64_t deadline;
     const char* reason;

@@ -124,16 +124,11 @@ std::string text_of(const act& act)
         return "reload " + host + " with name and address " + number;
     case act_kind::fill_disk:
         return "fill the disk of " + host;
-    case act_kind::kill_sm:
-        return "kill the SM";
-    case act_kind::restart_sm:
-        return "restart the SM";
-    case act_kind::pause_sm:
-        return "pause the SM";
     case act_kind::start_sm:
         return act.number == 1 ? "hand over to a second SM" : "start a standby SM";
+    default:
+        return name_of(act.kind); // the acts on an SM have no host and no number
     }
-    return "";
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "records/host-record.h"
 #include "tools/fabric/sa-client.h"
+#include "tools/fabric/sa-request.h"
 
 namespace
 {
@@ -33,8 +34,8 @@ int main(int count, char** arguments)
         if (!fabric_tools::parse_gid(arguments[i], gid)) fabric_tools::fail("a GID is malformed");
         records::host_record host;
         host.gid = from_wire(gid);
-        const auto answer =
-            sa.ask(fabric_tools::make_request(MAD_METHOD_GET, service_id_and_gid, records::encode(host)));
+        const auto answer = sa.ask(fabric_tools::make_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD,
+                                                              service_id_and_gid, records::encode(host)));
         if (!answer) fabric_tools::fail("the SA does not answer");
         const uint16_t status = from_wire(answer->hdr.u.ns.status.raw16);
         ib_service_record_v2_t record;

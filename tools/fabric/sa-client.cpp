@@ -34,19 +34,6 @@ bool parse_gid(const char* text, wire_gid_t& gid)
     return true;
 }
 
-sa_mad_v2_t make_request(uint8_t method, uint64_t component_mask, const ib_service_record_v2_t& record)
-{
-    sa_mad_v2_t mad{};
-    mad.hdr.base_ver = MAD_BASE_VERSION;
-    mad.hdr.mgt_class = MAD_CLASS_SUBN_ADM;
-    mad.hdr.class_ver = MAD_CLASS_VERSION_SUBN_ADM;
-    mad.hdr.m.method = method;
-    mad.hdr.attrib_id = htons(SA_ATTR_SERVICE_RECORD);
-    mad.component_mask = to_wire(component_mask);
-    std::memcpy(mad.payload, &record, sizeof record);
-    return mad;
-}
-
 sa_client::sa_client()
 {
     umad_port_t port;

@@ -15,16 +15,14 @@ namespace fabric_tools
 // Reads "fe80::1", or "0x" and 32 digits. Returns false if the text is no GID.
 bool parse_gid(const char* text, wire_gid_t& gid);
 
-// Returns a request for a ServiceRecord. Everything is in wire order.
-sa_mad_v2_t make_request(uint8_t method, uint64_t component_mask, const ib_service_record_v2_t& record);
-
 class sa_client
 {
   public:
     // Opens the first active port. Calls fail() if there is none.
     sa_client();
 
-    // Sends the request and returns the SA's answer, or none if five requests got no answer within a second each.
+    // Sends the request with a TransactionID of its own and returns the SA's answer, or none if five requests got no
+    // answer within a second each.
     std::optional<sa_mad_v2_t> ask(sa_mad_v2_t request);
 
   private:

@@ -9,6 +9,7 @@
 
 #include "records/host-record.h"
 #include "tools/fabric/sa-client.h"
+#include "tools/fabric/sa-request.h"
 
 namespace
 {
@@ -30,7 +31,7 @@ sa_mad_v2_t request_of(bool removes, char** arguments)
         if (inet_pton(AF_INET, arguments[2], &host.address) != 1) fail("the address is malformed");
         host.host_name = arguments[3];
     }
-    return fabric_tools::make_request(removes ? MAD_METHOD_DELETE : MAD_METHOD_SET,
+    return fabric_tools::make_request(removes ? MAD_METHOD_DELETE : MAD_METHOD_SET, SA_ATTR_SERVICE_RECORD,
                                       removes ? identifier_mask : UINT64_MAX, records::encode(host));
 }
 
