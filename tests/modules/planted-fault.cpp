@@ -1,6 +1,8 @@
-// A fault in the module for tests: every fourth Set registers a wrong address. A campaign must find it. The linker
-// inserts this function between the module and the kernel (--wrap).
+// A fault in the module for tests: every fourth Set registers a wrong address. With FAULT_ON_WIRE in the environment it
+// also has a wrong version, which the watch of the wire sees. A campaign must find both. The linker inserts
+// this function between the module and the kernel (--wrap).
 #include <atomic>
+#include <cstdlib>
 
 #include "gsi.h"
 #include "sa-mads.h"
@@ -14,7 +16,10 @@ extern "C" int __wrap_gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t
                                             offsetof(ib_service_record_v2_t, service_data8) +
                                             sizeof(ib_service_record_v2_t::service_data8) - 1;
     static std::atomic<unsigned> sets{0}; // each host has its own counter
-    const auto& header = reinterpret_cast<const mad_hdr_t&>(dtgrm->mad);
-    if (header.m.method == MAD_METHOD_SET && ++sets % period == 0) ++dtgrm->mad[last_byte_of_address];
+    auto& header = reinterpret_cast<mad_hdr_t&>(dtgrm->mad);
+    if (header.m.method == MAD_METHOD_SET && ++sets % period == 0) {
+        ++dtgrm->mad[last_byte_of_address];
+        if (std::getenv("FAULT_ON_WIRE")) ++header.base_ver;
+    }
     return __real_gsi_post_send_dtgrm(handle, dtgrm, transaction_id);
 }
