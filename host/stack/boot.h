@@ -1,4 +1,4 @@
-// Starts the tasks of a machine's stack before a module is loaded.
+// Starts the tasks of a machine's stack (timers, verbs, GSI) before a module is loaded.
 #pragma once
 
 #include "host/kernel/machine.h"
@@ -6,9 +6,9 @@
 namespace stack
 {
 
-// Starts the tasks of the timers, and for every plugged HCA those of verbs and GSI. Later calls of modules then start
-// no task; most of these calls could not report a shortage. Throws a shortage if a task cannot be created. Call it once
-// for a machine.
+// Starts the tasks of the timers, and for every plugged HCA the tasks of verbs and GSI. Modules that call the stack
+// later then start no task. This matters because most of their calls could not report that a task cannot be created.
+// Throws exec::shortage if a task cannot be created. Call it once for a machine, after its HCAs are plugged.
 void boot(kernel::machine& home);
 
 } // namespace stack

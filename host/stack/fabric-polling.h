@@ -1,8 +1,8 @@
-// Receives answers in the task of the sleeping timers while answers keep coming. Handlers that may sleep mostly wait
-// for answers of the SA, and an answer mostly makes such a handler due. Receiving in the same task saves two task
-// switches for each answer: one to the fabric's own task, one back.
+// Lets one task receive the answers of the SA itself. It is the task that runs the timer handlers that may sleep
+// (stack::timers). These handlers mostly wait for answers of the SA, and an answer mostly makes such a handler due. If
+// the same task receives the answer, each answer saves two task switches: one to the fabric's own task, and one back.
 //
-//   states of the sleeping timers' task:
+//   states of that task:
 //
 //                  a timer becomes due
 //      asleep ------------------------------> running handlers
@@ -13,7 +13,7 @@
 //                                              |   ^
 //                                              +---+ an HCA received something
 //
-// A fabric whose HCAs cannot be polled (embedded) receives nothing here: the task goes straight to sleep.
+// The HCAs of the embedded fabric cannot be polled: their poll() always returns false, so the task sleeps at once.
 #pragma once
 
 #include <utility>
@@ -27,11 +27,11 @@ namespace stack
 class fabric_polling
 {
   public:
-    // The fabric owns the HCAs. They must outlive the polling task.
+    // The fabric owns the HCAs. They must outlive the task that calls poll().
     explicit fabric_polling(std::vector<fabric::hca*> hcas) : hcas_(std::move(hcas)) {}
 
-    // Polls every HCA once (see fabric::hca::poll). Returns true if one of them received something. May sleep, at most
-    // one tick at each port. Only one task may call it.
+    // Polls every HCA once (see fabric::hca::poll). Returns true if at least one HCA received something. May sleep, at
+    // most one tick (1 ms) at each port. Only one task may call it.
     bool poll() const
     {
         bool has_received = false;

@@ -14,13 +14,18 @@ namespace stack
 namespace
 {
 
-// More than the answers to all datagrams of a client's pool. An unused datagram needs no memory.
+// The clients' pools are smaller. Therefore the answers to all requests from one pool can arrive at the same time. A
+// datagram that was never used needs no memory.
 constexpr size_t receive_pool_size = 256;
 
-// The TransactionIDs of a registered client count up. Those of a client that has joined a class consist of a mark, the
-// client's number and 24 bits from the client. The low half is unique among the requests in flight, because fabrics may
-// replace the high half.
-constexpr uint64_t joined_mark = 0x6A6F696E; // the high half
+// A client that has registered a class gets TransactionIDs that count up. A client that has joined a class gets
+// TransactionIDs of four parts:
+//   bits 63-32  joined_mark
+//   bit 31      1 (joined_bit)
+//   bits 30-24  the client's number
+//   bits 23-0   the client's own value
+// The low 32 bits alone distinguish the requests in flight, because a fabric may replace the high 32 bits on the wire.
+constexpr uint64_t joined_mark = 0x6A6F696E; // the high 32 bits
 constexpr uint64_t joined_bit = uint64_t{1} << 31;
 constexpr int number_shift = 24;
 constexpr uint8_t last_number = 127;
@@ -31,7 +36,7 @@ uint64_t joined_transaction_id(uint8_t number, uint64_t clients_bits)
            (clients_bits & gsi_joined_transaction_bits);
 }
 
-// Returns the number of the joined client that made this TransactionID, or 0 if a registered client made it.
+// Returns the number of the client if it has joined the class. Returns 0 if the client has registered the class.
 uint8_t number_in(uint64_t transaction_id)
 {
     const bool is_joined = transaction_id >> 32 == joined_mark && (transaction_id & joined_bit);
@@ -109,25 +114,26 @@ int gsi_adapter::join_class(std::unique_ptr<gsi_class_t> client, gsi_class_handl
     return 0;
 }
 
-// The caller holds the lock; the call releases it.
+// The caller holds the lock. This function releases it.
 void gsi_adapter::add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle,
                       std::unique_lock<exec::brief_lock>& held_lock)
 {
     *handle = client.get();
     registered_classes_.push_back(client.get());
-    home_.addresses.add_object(client.get(), sizeof *client); // classes live as long as the machine
+    // This address is never removed, because registrations live as long as the machine.
+    home_.addresses.add_object(client.get(), sizeof *client);
     classes_.push_back(std::move(client));
     held_lock.unlock();
     hub_.attach(*this);
     {
         const std::lock_guard lock(mutex_);
-        will_be_called_ = false; // the fabric may have cancelled its next call while the adapter was not listening
+        will_be_called_ = false; // the fabric may have cancelled the announced call while the adapter did not listen
     }
     task_.ring();
 }
 
-// Returns a number that no other client of the class has on the port, or 0 if there are too many clients. The caller
-// holds the lock.
+// Returns a number that no other client of the class has on the port, or 0 if all 127 numbers are in use. The caller
+// holds mutex_.
 uint8_t gsi_adapter::free_number(const gsi_class_t& client) const
 {
     for (uint8_t number = 1; number <= last_number; ++number)
@@ -175,7 +181,7 @@ int gsi_adapter::post(gsi_class_t& client, datagram_record& record, uint64_t* tr
     record.note(now_ticks, datagram_event::posted, client.mgt_class, client.port);
     exec::count(counters_.posted);
     if (transaction_id) *transaction_id = new_id;
-    exec::preemption_point(); // the answer may arrive before the send completes
+    exec::preemption_point(); // the answer may arrive before the send callback
     std::unique_lock lock(mutex_);
     queue(record, lock, !record.pool.runs_low());
     return 0;
@@ -188,8 +194,9 @@ uint64_t gsi_adapter::new_transaction_id(const gsi_class_t& client, const gsi_dt
     return joined_transaction_id(client.number, from_wire(header.transact_id));
 }
 
-// Sends a datagram. Returns false if the fabric refused it. The AttributeID is in wire order only during the send. The
-// client always sees it in host order, after a completion and after a failure.
+// Sends a datagram. Returns false if the fabric refused it. The AttributeID is in wire order only during the send.
+// Before and after, it is in host order for the client. If the fabric refuses the datagram, the client also gets its
+// own TransactionID back.
 bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id)
 {
     mad_hdr_t& header = header_of(datagram);
@@ -198,7 +205,7 @@ bool gsi_adapter::put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transact
     header.attrib_id = __builtin_bswap16(header.attrib_id);
     const fabric::address destination = destination_of(datagram);
     const auto& mad = reinterpret_cast<const fabric::mad_bytes&>(datagram.mad);
-    registrations_.note_request(port, destination.lid, mad); // the answer may arrive before send() returns
+    registrations_.note_request(port, destination.lid, mad); // first, because the answer may arrive during send()
     const bool is_accepted = hca_.send(port, destination, mad);
     if (is_accepted)
         sa_traffic_.count_request(mad);
@@ -232,7 +239,7 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
         return;
     }
     [[maybe_unused]] const bool is_registered = client->enter();
-    assert(is_registered); // true, because deregister() needs the lock
+    assert(is_registered); // true, because deregister() needs mutex_ to end a registration that find() can return
     fill(record->datagram(), source, mad);
     record->client = client;
     record->note(home_.exec().now(), datagram_event::received, client->mgt_class, client->port);
@@ -256,9 +263,10 @@ gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class, uint8_t number) cons
     return nullptr;
 }
 
-// Appends a datagram to the queue, and wakes the adapter's task unless another task completes it. The caller holds the
-// lock; the call releases it. With `may_be_deferred`, the datagram may wait for the next may_complete(), if the fabric
-// has announced one.
+// Appends a datagram to the queue, and wakes the adapter's task to complete it. No wake-up is needed in two cases. A
+// task already runs the completion context: it takes the queue once more before it leaves. Or the fabric has announced
+// another may_complete(), and `may_be_deferred` allows to wait for this call. The caller holds the lock. This function
+// releases it.
 void gsi_adapter::queue(datagram_record& record, std::unique_lock<exec::brief_lock>& lock, bool may_be_deferred)
 {
     assert(lock.owns_lock());
@@ -281,22 +289,22 @@ uint64_t gsi_adapter::batch_in_work() const
     return is_completing_ ? batch_number_ : 0;
 }
 
-// Runs the completion context until the queue is empty. Returns false if the queue was empty, or if another task runs
-// the context.
+// Runs the completion context until the queue is empty. Returns false, and does nothing, if the queue is empty at the
+// start, or if another task runs the context.
 bool gsi_adapter::complete()
 {
     datagram_record* batch = first_batch();
     if (!batch) return false;
     const exec::atomic_section no_sleep(context_name_.c_str());
     while (batch) {
-        hand_out_batch(batch);
+        call_clients(batch);
         batch = next_batch();
     }
     return true;
 }
 
-// Enters the completion context and takes the queue. Returns null, without entering, if the queue is empty or another
-// task is inside.
+// Enters the completion context and takes the queue. Does not enter, and returns null, if the queue is empty or another
+// task runs the context.
 datagram_record* gsi_adapter::first_batch()
 {
     const std::lock_guard lock(mutex_);
@@ -305,7 +313,8 @@ datagram_record* gsi_adapter::first_batch()
     return take_queue();
 }
 
-// Takes the datagrams queued since then. If there are none, leaves the completion context and returns null.
+// Takes the datagrams that were queued after the last batch. If there are none, leaves the completion context and
+// returns null.
 datagram_record* gsi_adapter::next_batch()
 {
     const std::lock_guard lock(mutex_);
@@ -323,17 +332,17 @@ datagram_record* gsi_adapter::take_queue()
     return batch;
 }
 
-void gsi_adapter::hand_out_batch(datagram_record* batch)
+void gsi_adapter::call_clients(datagram_record* batch)
 {
     const uint64_t now_ticks = home_.exec().now();
     while (batch) {
         datagram_record& record = *batch;
         batch = record.next; // the callback may put the datagram back, which changes `next`
-        hand_out(record, now_ticks);
+        call_client(record, now_ticks);
     }
 }
 
-void gsi_adapter::hand_out(datagram_record& record, uint64_t now_ticks)
+void gsi_adapter::call_client(datagram_record& record, uint64_t now_ticks)
 {
     gsi_class_t& client = *record.client;
     const bool was_posted = record.state() == datagram_state::posted;

@@ -1,6 +1,7 @@
-// The GSI layer of one HCA. One queue has all sent and all arrived datagrams, in order. The HCA's completion context
-// takes the whole queue and passes the datagrams to the clients one by one. Only one task at a time runs this context:
-// the adapter's own task, or a task of the fabric that has just received answers.
+// The GSI layer of one HCA. One queue holds all sent and all arrived datagrams, in order. The HCA's completion context
+// takes everything from the queue and passes the datagrams to the clients' callbacks one by one. Two kinds of tasks can
+// run this context, but only one task at a time: the adapter's own task, or a task of the fabric that has just received
+// answers (may_complete()).
 #pragma once
 
 #include <memory>
@@ -24,16 +25,17 @@ struct gsi_counts {
     uint64_t refused = 0; // posts that failed
     uint64_t completed = 0;
     uint64_t delivered = 0;
-    uint64_t dropped_no_response = 0; // arrived without the R bit: requests, which GSI does not serve
+    uint64_t dropped_no_response = 0; // arrived without the response bit: requests, which GSI does not serve
     uint64_t dropped_no_class = 0;    // arrived for a class that is not registered on the port
-    uint64_t dropped_no_asker = 0;    // answers for a client that has left a joined class
+    uint64_t dropped_no_asker = 0;    // answers to a client that has left the class that it had joined
     uint64_t dropped_no_datagram = 0; // arrived while the receive pool was empty
 };
 
 } // namespace stack
 
-// A client of a class. It has registered the class or joined it. The record lives as long as the machine, so a stale
-// handle is detected.
+// A client's registration: the client has registered a class on a port (gsi_register_class) or joined it
+// (gsi_join_class). The adapter keeps the object as long as the machine lives, so it detects a handle of an ended
+// registration.
 struct gsi_class_t {
     stack::gsi_adapter& adapter;
     const uint8_t port;
@@ -42,13 +44,15 @@ struct gsi_class_t {
     const gsi_completion_fn_t send_callback;
     const gsi_completion_fn_t receive_callback;
     void* const context;
-    uint8_t number = 0; // of a client that has joined; 0 if it has registered the class
+    uint8_t number = 0; // 1 to 127 for a client that has joined the class; 0 if it has registered the class
 
     static constexpr uint32_t end_mark = 0x80000000;
-    // The number of datagrams whose callback has not returned. end_mark is added when the registration has ended.
+    // The number of datagrams that were posted or have arrived and whose callback has not returned. When the
+    // registration has ended, end_mark is set.
     std::atomic<uint32_t> in_flight{0};
 
-    // Counts a datagram that is posted or has arrived. Returns false if the registration has ended. Any thread.
+    // Counts a datagram that the client posts or that has arrived for it. Returns false if the registration has ended.
+    // Any thread.
     bool enter()
     {
         if (!(in_flight.fetch_add(1, std::memory_order_acquire) & end_mark)) return true;
@@ -56,10 +60,10 @@ struct gsi_class_t {
         return false;
     }
 
-    // Call it when the callback of a counted datagram has returned, or when its post has failed. Any thread.
+    // Undoes enter(). Call it when the callback of the datagram has returned, or when its post has failed. Any thread.
     void leave() { in_flight.fetch_sub(1, std::memory_order_release); }
 
-    // Ends the registration. Returns false if a datagram is in flight. Any thread.
+    // Ends the registration. Returns false, and does nothing, if a datagram is in flight. Any thread.
     bool end()
     {
         uint32_t count = 0;
@@ -74,14 +78,16 @@ namespace stack
 class gsi_adapter final : public fabric::listener
 {
   public:
-    // `last_transaction_id` is the host's counter. Starts the completion task. Throws a shortage if the task cannot be
-    // created.
+    // Starts the completion task. `last_transaction_id` is the counter that all HCAs of the host share. Throws
+    // exec::shortage if the task cannot be created, or std::bad_alloc.
     gsi_adapter(kernel::machine& home, fabric::hca& adapter, std::atomic<uint64_t>& last_transaction_id);
 
-    // A hard error if a class is still registered or if a received datagram was not put back.
+    // Ends the process (exec::panic) if a class is still registered, or if a client has not put back a received
+    // datagram.
     ~gsi_adapter();
 
-    // gsi.h describes these calls and their results. `*handle` is stored before the first callback.
+    // gsi.h describes these calls and their results. register_class() and join_class() store `*handle` before the first
+    // callback.
     int register_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle);
     int join_class(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* handle);
     int deregister(gsi_class_t& client);
@@ -92,12 +98,13 @@ class gsi_adapter final : public fabric::listener
     sa_counts sa_traffic_counts() const { return sa_traffic_.counts(); }
     const std::string& context_name() const { return context_name_; }
 
-    // The number of the batch that the completion context processes now, or 0 if it does not run. Any thread.
+    // Returns the number of the batch that the completion context processes now, or 0 if no task runs the context. A
+    // batch is everything that the context took from the queue at one time. Any thread.
     uint64_t batch_in_work() const;
 
     const stack::registrations& registrations() const { return registrations_; }
 
-    // Describes the classes that a module has left registered, one text each.
+    // Describes the classes that a module has not deregistered, one text for each.
     std::vector<std::string> left_by(const kernel::module_code& module) const;
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
@@ -110,7 +117,7 @@ class gsi_adapter final : public fabric::listener
         std::atomic<uint64_t> dropped_no_response{0}, dropped_no_class{0}, dropped_no_asker{0}, dropped_no_datagram{0};
     };
 
-    // The caller holds mutex_. `number` is the number of a client that has joined, or 0.
+    // The caller holds mutex_. `number` is gsi_class_t::number.
     gsi_class_t* find(int port, uint8_t mgt_class, uint8_t number) const;
     uint8_t free_number(const gsi_class_t& client) const;
 
@@ -119,13 +126,13 @@ class gsi_adapter final : public fabric::listener
     bool put_on_wire(int port, gsi_dtgrm_t& datagram, uint64_t transaction_id);
     void queue(datagram_record& record, std::unique_lock<exec::brief_lock>& lock, bool may_be_deferred);
 
-    // The completion context. A batch is a list of datagrams, linked by `next`.
+    // The completion context. The datagrams of a batch are linked by datagram_record::next.
     bool complete();
     datagram_record* first_batch();
     datagram_record* next_batch();
     datagram_record* take_queue(); // the caller holds mutex_
-    void hand_out_batch(datagram_record* batch);
-    void hand_out(datagram_record& record, uint64_t now_ticks);
+    void call_clients(datagram_record* batch);
+    void call_client(datagram_record& record, uint64_t now_ticks);
 
     kernel::machine& home_;
     fabric::hca& hca_;
@@ -138,13 +145,13 @@ class gsi_adapter final : public fabric::listener
     const std::unique_ptr<datagram_pool> receive_pool_;
 
     mutable exec::brief_lock mutex_;                    // guards the members below, except the task
-    std::vector<std::unique_ptr<gsi_class_t>> classes_; // including those that have ended
+    std::vector<std::unique_ptr<gsi_class_t>> classes_; // all registrations, also those that have ended
     std::vector<gsi_class_t*> registered_classes_;
     datagram_record* queue_head_ = nullptr;
     datagram_record* queue_tail_ = nullptr;
-    bool is_completing_ = false;  // a task runs the completion context; it checks the queue once more before it leaves
-    uint64_t batch_number_ = 0;   // of the latest batch
-    bool will_be_called_ = false; // the fabric will call may_complete() again
+    bool is_completing_ = false;  // a task runs the completion context; before it leaves, it takes the queue once more
+    uint64_t batch_number_ = 0;   // number of the latest batch
+    bool will_be_called_ = false; // the fabric has announced another may_complete()
     service_task task_;
 };
 

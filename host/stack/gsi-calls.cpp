@@ -18,7 +18,8 @@ datagram_pool* pool_of(gsi_dtgrm_pool_handle_t handle)
     return reinterpret_cast<datagram_pool*>(handle);
 }
 
-// Checks the arguments of a registration and makes its record.
+// Checks the arguments of a registration. Stores a new registration in `*client` and returns 0, or returns a negative
+// error number.
 int make_client(kernel::machine& home, uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                 gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
                 const gsi_class_handle_t* handle, std::unique_ptr<gsi_class_t>* client)

@@ -9,7 +9,7 @@ namespace stack
 
 gsi::gsi(kernel::machine& home) : home_(home)
 {
-    home.get<hca_hubs>(); // created first and therefore destroyed after this service
+    home.get<hca_hubs>(); // the hubs exist before this service, so the machine destroys them after this service
 }
 
 gsi::~gsi()
@@ -43,7 +43,7 @@ datagram_pool* gsi::create_pool(const char* name, size_t size, const void* creat
 
 bool gsi::destroy_pool(const datagram_pool* pool)
 {
-    std::unique_ptr<datagram_pool> owner; // destroys the pool after the lock is released
+    std::unique_ptr<datagram_pool> owner; // declared before the lock, so the pool is destroyed after the unlock
     const std::lock_guard lock(mutex_);
     const auto position = std::ranges::find(pools_, pool, &std::unique_ptr<datagram_pool>::get);
     if (position == pools_.end()) return false;

@@ -13,12 +13,12 @@ namespace stack
 namespace
 {
 
-// The limit of waiting link changes for one port and one subscriber. SM changes have an equal limit of their own.
-// Beyond a limit, the oldest change is dropped.
+// The largest number of link changes that wait for one port and one subscriber. SM changes have a separate limit of the
+// same size. A new change beyond the limit replaces the oldest one.
 constexpr ptrdiff_t queue_limit = 16;
 
-// The fabric reports a link-up after a read of the port shows it. A subscription between the two announces the link
-// first. The report of the fabric then follows in the same tick or in the next one.
+// hca::read_port() shows an active link shortly before the fabric reports the link-up. If subscribe() is called in
+// between, it announces the link-up itself. The fabric's report then follows within this time, and is ignored.
 constexpr uint64_t same_moment_ticks = 1;
 
 bool is_link_change(port_change change)
@@ -75,7 +75,7 @@ void hca_events::announce_active_ports(kq_hca_h_t handle)
         subscription* subscriber = find(handle);
         if (!subscriber) return;
         port_progress& progress = subscriber->ports[port - 1];
-        if (progress.has_link_report) continue; // the report is not older than the read
+        if (progress.has_link_report) continue; // the subscriber learns the state of the link from the fabric's reports
         progress.announced_tick = home_.exec().now();
         queue({handle, port, port_change::link_up, 0, true});
     }
@@ -138,8 +138,9 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
     }
 }
 
-// To register again, a host needs a link-down and a link-up. Until their time has come, it keeps its port, and only
-// learns of a new SM.
+// Queues a change of the fabric for one subscriber. A host registers again after a link-down and a link-up. Therefore
+// the change `reregister` becomes these two events. With a spread, both wait until the same tick. Until that tick the
+// host keeps its port; an SM change tells it the new LID of the SM at once.
 void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, uint16_t sm_lid)
 {
     if (change == port_change::sm_change) return queue({handle, port, change, sm_lid, false});
@@ -155,7 +156,7 @@ void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, u
     queue({handle, port, port_change::link_up, sm_lid, false, due_tick});
 }
 
-// Draws the tick at which a link-up of this moment is delivered; 0 without a spread.
+// Draws the tick at which a link-up of this moment is delivered. Returns 0 (at once) without a spread.
 uint64_t hca_events::link_up_tick()
 {
     const uint64_t spread_ticks = spread_.ticks;
@@ -165,7 +166,7 @@ uint64_t hca_events::link_up_tick()
     return home_.exec().now() + random % (spread_ticks + 1);
 }
 
-// Returns true if the fabric now reports the link-up that subscribe() has announced.
+// Returns true if subscribe() has already announced the link-up that the fabric reports now.
 bool hca_events::repeats_announcement(const subscription& subscriber, int port) const
 {
     const uint64_t announced_tick = subscriber.ports[port - 1].announced_tick;
@@ -203,7 +204,7 @@ std::optional<uint64_t> hca_events::deliver_next()
         const event next = *position;
         queue_.erase(position);
         const subscription* subscriber = find(next.handle);
-        assert(subscriber); // the end of a subscription removes its events
+        assert(subscriber); // unsubscribe() also removes the queued events
         called_handle_ = next.handle;
         callback = subscriber->callback;
         record.event_type = event_type_of(next.change);

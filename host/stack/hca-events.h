@@ -1,8 +1,9 @@
-// Delivers the events of one HCA to its subscribers through a queue. One task makes one callback at a time. A callback
-// may sleep. If too many events come, the oldest ones of a port are dropped, but never the last one.
+// Delivers the events of one HCA to its subscribers through a queue. One task calls the callbacks, one at a time. A
+// callback may sleep. The queue is limited for each port: if too many events wait, the oldest one is dropped.
 //
-// When a subnet manager starts, all hosts of a fabric would register in the same second. With a spread, each link-up
-// waits for a random part of that time. A link-down is never late: it replaces a link-up that still waits.
+// When a subnet manager starts, all hosts of a fabric learn of it at once, and would all register in the same second.
+// Therefore a machine can have a spread: each link-up, and each request to register again, then waits for a random time
+// up to the spread. A link-down of the fabric does not wait. It removes a link-up that still waits.
 #pragma once
 
 #include <atomic>
@@ -17,7 +18,8 @@
 namespace stack
 {
 
-// The spread of a machine's link-ups, in ticks. Any thread may change it; it applies to later events.
+// The spread of a machine, in ticks (1 ms); 0 means no spread. Any thread may change it. The change applies to later
+// events.
 struct link_up_spread final : kernel::service {
     explicit link_up_spread(kernel::machine&) {}
     std::atomic<uint64_t> ticks{0};
@@ -28,21 +30,22 @@ class hca_events final : public fabric::listener
   public:
     hca_events(kernel::machine& home, fabric::hca& adapter);
 
-    // A hard error if a subscription has not ended.
+    // Ends the process (exec::panic) if a handle is still subscribed.
     ~hca_events();
 
     fabric::hca& hca() const { return hca_; }
 
-    // Subscribes a handle. Returns false if it already has a subscription. The callback then gets a link-up for every
-    // active port, unless the fabric reports one at the same time. May sleep.
+    // Subscribes an open HCA. Returns false if the handle is subscribed already. The callback then gets a link-up for
+    // every port that is active, and later events. If the fabric reports the same link-up at this moment, the callback
+    // gets it only once. May sleep.
     bool subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
 
-    // Ends a subscription. After the return, its callback does not run. Returns false if there is no such subscription.
-    // May sleep. It is a hard error if a callback ends its own subscription.
+    // Ends a subscription. After the return, its callback does not run. Returns false if the handle is not subscribed
+    // with this callback. Ends the process (exec::panic) if a callback ends its own subscription. May sleep.
     bool unsubscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
     bool is_subscribed(kq_hca_h_t handle) const;
 
-    // Returns true if the callback of a subscription is in that module.
+    // Returns true if the callback of a subscription is code of that module.
     bool calls(const kernel::module_code& module) const;
 
     void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
@@ -50,8 +53,8 @@ class hca_events final : public fabric::listener
 
   private:
     struct port_progress {
-        bool has_link_report = false;          // the fabric has reported the link since the subscription
-        uint64_t announced_tick = exec::never; // when subscribe() announced that the link is up, or `never`
+        bool has_link_report = false;          // the fabric has reported this port's link since subscribe()
+        uint64_t announced_tick = exec::never; // when subscribe() queued a link-up for this port, or `never`
     };
     struct subscription {
         kq_hca_h_t handle;
@@ -63,8 +66,8 @@ class hca_events final : public fabric::listener
         int port;
         fabric::port_change change;
         uint16_t sm_lid;
-        bool is_announcement;
-        uint64_t due_tick = 0; // it is not delivered earlier
+        bool is_announcement;  // subscribe() has queued it, not the fabric
+        uint64_t due_tick = 0; // the event is not delivered before this tick
     };
 
     // The caller holds mutex_.
@@ -77,7 +80,7 @@ class hca_events final : public fabric::listener
     void announce_active_ports(kq_hca_h_t handle);
     bool callback_runs(kq_hca_h_t handle) const;
 
-    // The work of the task: delivers an event. Without one that is due, returns the tick until which to sleep.
+    // The work of the task: delivers one event that is due. If no event is due, returns the tick until which to sleep.
     std::optional<uint64_t> deliver_next();
 
     kernel::machine& home_;

@@ -1,5 +1,6 @@
-// An HCA has one listener, but verbs and GSI both need its events. Therefore each HCA of a machine has a hub. The hub
-// listens to the HCA while a listener is attached, and passes every event to all attached listeners.
+// Lets several listeners share an HCA. An HCA accepts only one listener (fabric::hca::listen), but verbs and GSI both
+// need its events. Each HCA of a machine therefore has a hub. The hub is the listener of the HCA while at least one
+// listener is attached to the hub, and passes every event to all of them.
 #pragma once
 
 #include <map>
@@ -20,12 +21,13 @@ class hca_hub final : public fabric::listener
   public:
     explicit hca_hub(fabric::hca& adapter);
 
-    // Calls `listener` from now on, with the hub locked. The listener must not sleep, and must not call the hub or the
-    // HCA, except for send(). Each attach() needs its own detach(). May sleep.
+    // Adds a listener. The hub then calls it for every event, and is locked during the call. The listener must not
+    // sleep and must not call the hub. It may call send() of the HCA, but no other function of the HCA. Each attach()
+    // needs its own detach(). May sleep.
     void attach(fabric::listener& listener);
 
-    // Undoes one attach(). After the last one, `listener` is not called any more. A detach without an attach is a hard
-    // error. May sleep.
+    // Undoes one attach(). After as many detach() calls as attach() calls, the hub does not call `listener` any more.
+    // Ends the process (exec::panic) if the listener is not attached. May sleep.
     void detach(fabric::listener& listener);
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override;
@@ -38,8 +40,9 @@ class hca_hub final : public fabric::listener
         int attach_count;
     };
     fabric::hca& adapter_;
-    semaphore change_semaphore_; // held during hca::listen(), so these calls come in the order of the changes
-    std::mutex mutex_;           // guards listeners_; held while a listener is called
+    // attach() and detach() hold it until their hca::listen() has returned, so that the last change decides.
+    semaphore change_semaphore_;
+    std::mutex mutex_; // guards listeners_; held while a listener is called
     std::vector<attached_listener> listeners_;
 };
 
@@ -49,18 +52,18 @@ class hca_hubs final : public kernel::service
   public:
     explicit hca_hubs(kernel::machine&) {}
 
-    // Returns the hub of an HCA. The first call creates it; the service owns it. Any context.
+    // Returns the hub of an HCA. The first call creates it. This service owns the hub. Any context.
     hca_hub& hub_of(fabric::hca& adapter);
 
   private:
-    std::mutex mutex_;
+    std::mutex mutex_; // guards hubs_
     std::map<fabric::hca*, std::unique_ptr<hca_hub>> hubs_;
 };
 
-// The HCA's name in the stack: at most 99 bytes.
+// Returns the HCA's name as modules see it: its first 99 bytes, NUL-terminated.
 kq_hca_name name_in_stack(const fabric::hca& adapter);
 
-// The machine's HCA with that name, or null.
+// Returns the machine's HCA whose name_in_stack() is this name, or null.
 fabric::hca* find_hca(const kernel::machine& home, const char* name_in_stack);
 
 } // namespace stack

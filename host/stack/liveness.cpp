@@ -8,8 +8,8 @@
 namespace stack
 {
 
-// Fabrics also run completion contexts in their own tasks. Therefore check the context in addition to the adapter's
-// task.
+// A task of the fabric can also run a completion context of GSI (gsi_adapter::may_complete). If a callback then hangs,
+// the adapter's own task still makes progress. Therefore this function also notes the batch of each context.
 void liveness::ask()
 {
     rounds_.clear();

@@ -1,4 +1,5 @@
-// Finds the tasks of a machine's stack that hang. It wakes all of them. A task that works responds within a moment.
+// Finds tasks of a machine's stack that hang. ask() wakes all tasks. A task that works then soon begins another round
+// of its work. silent() names the tasks that have not done so.
 #pragma once
 
 #include <map>
@@ -10,23 +11,25 @@
 namespace stack
 {
 
-// Call it from outside of the machine, in one thread. The machine outlives it. Neither call waits for a task.
+// Call it from one thread outside of the machine. The machine must outlive it. No call waits for a task.
 class liveness
 {
   public:
     explicit liveness(kernel::machine& home) : home_(home) {}
 
-    // Wakes every task.
+    // Wakes every task, and notes its progress.
     void ask();
 
-    // Returns the names of the tasks, and of GSI's completion contexts, that have made no progress since ask(). Either
-    // a handler or callback of a module has been running since then, or the task waits for ever.
+    // Returns the names of the tasks, and of GSI's completion contexts, that have made no progress since the last
+    // ask(). Such a task runs a handler or callback of a module for all this time, or hangs. The caller decides how
+    // much time passes between ask() and silent().
     std::vector<std::string> silent() const;
 
   private:
     kernel::machine& home_;
-    std::map<std::string, uint64_t> rounds_;  // of each task
-    std::map<std::string, uint64_t> batches_; // of each completion context that was running
+    std::map<std::string, uint64_t> rounds_; // service_task::rounds() of each task at ask()
+    // For each completion context, gsi_adapter::batch_in_work() at ask(): 0 if the context did not run.
+    std::map<std::string, uint64_t> batches_;
 };
 
 } // namespace stack

@@ -1,5 +1,5 @@
-// The logger's own trace level. No module of the machine prints traces above it. The registry stores it, and the loader
-// copies it into every image.
+// The logger's own trace level. It limits all modules of the machine: a module does not print a trace of a higher
+// level. The registry stores the level. kernel::loader copies it into every loaded module.
 #pragma once
 
 #include <cstdint>
@@ -14,14 +14,15 @@ class logger final : public kernel::service
   public:
     explicit logger(kernel::machine& home) : home_(home) {}
 
-    // Stores the level in the registry: from 0 (no traces) to 5 (every trace, the default). May sleep.
+    // Stores the level in the registry. Levels go from 0 (no traces) to 5 (every trace, the default). May sleep.
     void set_level(int32_t level);
     int32_t level() const { return home_.modules.logger_level(); }
 
     static constexpr const char* registry_key = "dorvex/logger";
     static constexpr const char* registry_value_name = "trace-level";
 
-    // A rep_change_fn_t: passes the new level to the loader of the machine to which `home` points.
+    // The logger's subscription to the registry (a rep_change_fn_t). Passes the new level to the loader of the machine
+    // to which `home` points.
     static void level_changed(const char* value_name, intptr_t new_value, void* home);
 
   private:

@@ -10,7 +10,7 @@ namespace stack
 namespace
 {
 
-constexpr size_t most_services = 16;     // of one HCA; limits the memory that a client can use
+constexpr size_t most_services = 16;     // of one HCA; limits the memory that clients can use
 constexpr size_t most_set_records = 256; // limits the memory if a host's GIDs change again and again
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr size_t guid_offset = offsetof(sa_mad_v2_t, payload) + offsetof(ib_service_record_v2_t, service_gid) + 8;
@@ -55,8 +55,9 @@ bool equal(const field_t& first, const field_t& second)
     return std::memcmp(&first, &second, sizeof first) == 0;
 }
 
-// Returns true if the record of the SA has the registered content. Three fields may differ. The remaining lease gets
-// shorter. The SA hides the key from most readers. The SA may store the P_Key with or without the membership bit.
+// Returns true if the record that the SA returned has the content that was Set. It does not compare three fields. The
+// lease gets shorter with time. The SA hides the ServiceKey from most readers. The SA may store the P_Key with or
+// without the membership bit.
 bool has_content_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
 {
     return equal(sa_record.service_id, set_record.service_id) && equal(sa_record.service_gid, set_record.service_gid) &&
@@ -99,7 +100,7 @@ void registrations::note_request(int port, uint16_t lid, const fabric::mad_bytes
         own_guid_ = guid_in(mad);
     } else if (!entry || !equal(entry->record.service_gid, record.service_gid) ||
                (is_check && entry->is_unanswered && entry->method != MAD_METHOD_GET)) {
-        return; // for another GID, or for a record that a Set or a Delete is changing
+        return; // concerns another GID, or a Set or a Delete of the record has no answer yet
     }
     await(*entry, method, transaction);
     publish();
@@ -134,7 +135,7 @@ void registrations::note_answer(const fabric::mad_bytes& mad)
         if (is_awaited)
             take_answer(entry, status, record);
         else if (shows_record)
-            confirm(entry); // the answer to a lookup of this host
+            confirm(entry); // the answer to some other Get, for example by address, contains the record
     }
     publish();
 }
@@ -168,7 +169,8 @@ registrations::watched_registration* registrations::find(const ib_service_record
     return nullptr;
 }
 
-// Notes a request that waits for its answer. If it repeats an unanswered request, keeps the time of the first one.
+// Notes that a request has no answer yet. If it repeats an unanswered request, unanswered_tick remains that of the
+// first one.
 void registrations::await(watched_registration& entry, uint8_t method, uint64_t transaction) const
 {
     if (!entry.is_unanswered || entry.method != method) entry.unanswered_tick = exec_.now();
@@ -185,8 +187,9 @@ void registrations::confirm(watched_registration& entry) const
     entry.is_unanswered = false;
 }
 
-// Processes the answer to the waiting request. An error status of a Delete or a Get tells nothing about the record. The
-// exception is ERR_NO_RECORDS: there is no record.
+// Processes the answer to the latest request about the entry's record. If a Delete or a Get fails, only the status
+// ERR_NO_RECORDS says something about the record: the SA does not have it. With any other error, the state does not
+// change.
 void registrations::take_answer(watched_registration& entry, uint16_t status,
                                 const ib_service_record_v2_t& record) const
 {
@@ -211,7 +214,7 @@ void registrations::take_answer(watched_registration& entry, uint16_t status,
     }
 }
 
-// Call it after every change of the entries.
+// Updates awaits_answer_. Call it after every change of the entries.
 void registrations::publish()
 {
     awaits_answer_ = std::ranges::any_of(entries_, &watched_registration::is_unanswered);

@@ -1,5 +1,6 @@
-// Watches the ServiceRecords that the clients of an HCA register. It sees the same MADs as GSI. It keeps the record of
-// the last Set of each service, and the SA's later answers about this record. It is only for reports and sends nothing.
+// Watches the ServiceRecords that the clients of an HCA register, for reports. gsi_adapter shows it every MAD that it
+// sends or receives. For each service it keeps the record of the last Set, and what the SA has answered about this
+// record since then. It sends nothing itself.
 #pragma once
 
 #include <atomic>
@@ -21,50 +22,50 @@ enum class registration_state {
     refused,   // the SA answered the Set with the error `status`
     confirmed, // the SA accepted the Set, or returned the record
     missing,   // the SA answered that it has no such record
-    different, // the SA returned another record for the GID: `sa_record`
+    different, // the SA returned another record for this GID; it is in `sa_record`
     withdrawn, // the SA deleted the record
 };
 
 struct registration {
-    ib_service_record_v2_t record{}; // of the last Set
-    int port = 0;                    // the port that sent it
-    uint16_t sm_lid = 0;             // the destination of the last Set
+    ib_service_record_v2_t record{}; // the record of the last Set
+    int port = 0;                    // the port that sent the last Set
+    uint16_t sm_lid = 0;             // the LID to which the last Set was sent
     registration_state state = registration_state::asked;
-    uint16_t status = 0;
+    uint16_t status = 0; // of the SA's last answer, in host order
     ib_service_record_v2_t sa_record{};
-    std::optional<uint64_t> confirmed_tick; // when the SA last confirmed this content, if ever
-    uint64_t confirmations = 0;             // of this content and of earlier ones
-    uint64_t restores = 0;                  // Sets of this record after the SA had lost it
-    bool is_unanswered = false;             // a Set, a Delete or a Get of the record waits for its answer
-    uint64_t unanswered_tick = 0;
+    std::optional<uint64_t> confirmed_tick; // when the SA last confirmed this content; none if never
+    uint64_t confirmations = 0;             // how often the SA has confirmed this or an earlier content
+    uint64_t restores = 0;                  // Sets that repeated the record after the SA had lost or changed it
+    bool is_unanswered = false;             // a Set, a Delete or a Get of the record has no answer yet
+    uint64_t unanswered_tick = 0;           // when that request was sent first
 };
 
-// Any context may call it. The lock is held only while copying.
+// Any context may call it. It locks a mutex, but never during a send or a callback.
 class registrations
 {
   public:
     explicit registrations(const exec::executor& exec) : exec_(exec) {}
 
-    // Call it before `port` sends a MAD to `lid`. MADs are in wire order in all calls.
+    // Call it before `port` sends a MAD to `lid`. In all calls, MADs are in wire order.
     void note_request(int port, uint16_t lid, const fabric::mad_bytes& mad);
 
-    // Call it when the fabric has refused to send that MAD.
+    // Call it when the fabric has refused to send a MAD that was passed to note_request().
     void note_send_failure(const fabric::mad_bytes& mad);
 
-    // Call it when an answer has arrived.
+    // Call it when an answer has arrived at the HCA.
     void note_answer(const fabric::mad_bytes& mad);
 
-    // One entry for each service.
+    // Returns one entry for each service, at most 16.
     std::vector<registration> list() const;
 
-    // The last Set of each record; a record is identified by its ServiceID, GID and P_Key. Limited to the latest 256
-    // records.
+    // Returns the records of all Sets, each once, the latest Set last. Two records are the same if ServiceID, GID and
+    // P_Key are equal. Only the latest 256 records are kept.
     std::vector<ib_service_record_v2_t> set_records() const;
 
   private:
     struct watched_registration : registration {
-        uint64_t transaction = 0; // of the request that waits
-        uint8_t method = 0;       // of the request that waits
+        uint64_t transaction = 0; // TransactionID of the latest request without an answer
+        uint8_t method = 0;       // method of that request
     };
 
     // The caller holds mutex_.
@@ -77,13 +78,14 @@ class registrations
 
     const exec::executor& exec_;
 
-    // The next two members detect answers about other hosts without the lock.
+    // note_answer() reads the next two members without the lock. Most answers concern other hosts, and this detects
+    // them quickly.
     std::atomic<bool> awaits_answer_{false};
-    std::atomic<uint64_t> own_guid_{0}; // wire order, of the last Set
+    std::atomic<uint64_t> own_guid_{0}; // of the GID in the last Set, in wire order
 
     mutable std::mutex mutex_; // guards the members below
     std::vector<watched_registration> entries_;
-    std::vector<ib_service_record_v2_t> set_records_; // latest last
+    std::vector<ib_service_record_v2_t> set_records_; // the latest Set last
 };
 
 } // namespace stack

@@ -22,7 +22,7 @@ std::string normal_path(const std::string& path)
     return normal;
 }
 
-std::string below(const std::string& parent, const std::string& path)
+std::string path_below(const std::string& parent, const std::string& path)
 {
     return normal_path(parent + "/" + path);
 }
@@ -39,7 +39,7 @@ registry::registry(kernel::machine& home) : home_(home)
     sema_init_named(&change_semaphore_, 1, "registry changes");
     make_key("");
     make_key(logger::registry_key).values[logger::registry_value_name] = home.modules.logger_level();
-    rep_notifier_t unused_notifier; // this subscription lives as long as the registry
+    rep_notifier_t unused_notifier; // never used: the logger's subscription lasts as long as the registry
     rep_key_t logger_key;
     open(root, logger::registry_key, &logger_key, nullptr);
     follow(logger_key, logger::level_changed, &home, &unused_notifier);
@@ -113,7 +113,7 @@ int registry::open(rep_key_t parent, const char* path, rep_key_t* handle, const 
     const std::lock_guard lock(mutex_);
     std::string parent_path;
     if (!find(parent, &parent_path)) return -EK_INVAL;
-    const std::string key_path = below(parent_path, path);
+    const std::string key_path = path_below(parent_path, path);
     const auto entry = keys_.find(key_path);
     if (entry == keys_.end()) return -EK_NOENT;
     *handle = next_handle_++;

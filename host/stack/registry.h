@@ -1,5 +1,5 @@
-// A machine's registry: a tree of keys, each with named integers. Its owner sets values, also at run time. Modules read
-// values and subscribe to changes through repository.h.
+// A machine's registry: a tree of keys. Each key has named integers. The program that owns the machine sets the values,
+// also at run time. Modules read values and subscribe to changes through repository.h.
 #pragma once
 
 #include <map>
@@ -15,34 +15,35 @@ namespace stack
 {
 
 struct registry_value {
-    std::string key; // its path, with slashes only between names
+    std::string key; // path of the key from the root, for example "a/b"
     std::string name;
     intptr_t value;
 };
 
-// The owner's calls use paths from the root. They ignore slashes at the ends and double slashes. The caller need not be
-// inside a machine. set() may sleep.
+// The program that owns the machine calls set(), get(), remove() and list(), also from outside of the machine. A path
+// starts at the root; leading, trailing and double slashes are ignored. Only set() may sleep.
 class registry final : public kernel::service
 {
   public:
     explicit registry(kernel::machine& home);
 
-    // Creates the key and its parent keys if they are missing. Stores the value and calls the subscribers.
+    // Creates the key and its parent keys if they are missing. Stores the value. Calls the subscribers before it
+    // returns.
     void set(const std::string& path, const std::string& name, intptr_t value);
 
     // Stores the value in `*value`. If there is no such value, returns false and does not change `*value`.
     bool get(const std::string& path, const std::string& name, intptr_t* value) const;
 
-    // Removes the key and all keys below it. Their open handles become stale, and their subscriptions end. Returns
-    // false if the key is the root or does not exist.
+    // Removes the key and all keys below it. Their open handles become stale, and their subscribers get no more calls.
+    // Returns false if the key is the root or does not exist.
     bool remove(const std::string& path);
 
-    // Returns the values of the key and of all keys below it, ordered by path and name.
+    // Returns the values of the key and of all keys below it, ordered by path and name. An empty `path` is the root.
     std::vector<registry_value> list(const std::string& path = "") const;
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // repository.h describes these calls. `opener` is the address of the calling code.
+    // repository.h describes these calls. `opener` is the address of the code that called, for left_by().
     int open(rep_key_t parent, const char* path, rep_key_t* handle, const void* opener);
     int read(rep_key_t handle, const char* name, intptr_t* value) const;
     int follow(rep_key_t handle, rep_change_fn_t callback, void* context, rep_notifier_t* notifier);
@@ -53,7 +54,7 @@ class registry final : public kernel::service
 
   private:
     struct key {
-        uint64_t serial; // distinguishes it from an earlier key with the same path
+        uint64_t serial; // differs if the key was removed and created again
         std::map<std::string, intptr_t> values;
     };
     using key_map = std::map<std::string, key>;
@@ -79,8 +80,9 @@ class registry final : public kernel::service
     std::vector<subscription> followers_of(const std::string& path) const;
 
     kernel::machine& home_;
-    semaphore change_semaphore_; // held by set() during its callbacks, and while a subscription ends
-    mutable std::mutex mutex_;   // guards the members below; not held during a callback
+    // set() holds it during its callbacks. unfollow() takes it, so that no callback runs after its return.
+    semaphore change_semaphore_;
+    mutable std::mutex mutex_; // guards the members below; not held during a callback
     key_map keys_;
     std::map<rep_key_t, opened_key> open_keys_;
     std::map<rep_notifier_t, subscription> subscriptions_;

@@ -31,8 +31,8 @@ sa_request kind_of(const mad_hdr_t& header)
     return method == MAD_METHOD_DELETE ? sa_request::delete_service : sa_request::other;
 }
 
-// Returns an index into sa_status_texts. The low byte of the status is common to all classes; the high byte belongs to
-// the SA.
+// Returns an index into sa_status_texts. The low byte of a status has codes that are common to all classes, for example
+// busy. The high byte has the codes of the SA.
 size_t status_index(uint16_t status)
 {
     constexpr uint16_t busy = 1;

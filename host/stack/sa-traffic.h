@@ -1,4 +1,5 @@
-// Counts the requests that the clients of an HCA send to SAs by attribute, and the SAs' answers by status.
+// Counts the requests that the clients of an HCA send to the SA, by method and attribute, and the SA's answers, by
+// status.
 #pragma once
 
 #include <array>
@@ -10,12 +11,12 @@
 namespace stack
 {
 
-// The kinds of requests, in the order of sa_request_texts.
+// The kinds of requests that are counted separately. sa_request_texts has the same order.
 enum class sa_request { set_service, get_service, delete_service, get_path, other };
 constexpr size_t sa_request_count = 5;
 
-// The number of statuses, in the order of sa_status_texts: 0, busy, the codes of IBA 15.4.2 from 0x0100 on, and any
-// other error.
+// The number of statuses that are counted separately: ok (0), busy, the SA's codes 0x0100 to 0x0700 (IBA 15.4.2), and
+// all others together. sa_status_texts has the same order.
 constexpr size_t sa_status_count = 10;
 
 struct sa_kind_text {
@@ -30,7 +31,7 @@ struct sa_counts {
     std::array<uint64_t, sa_status_count> answers{};
 };
 
-// Any context may call it. The MADs are in wire order; MADs of other classes are not counted.
+// Any context may call it. MADs are in wire order. MADs of other classes than SubnAdm are not counted.
 class sa_traffic
 {
   public:

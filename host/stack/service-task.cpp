@@ -31,7 +31,7 @@ void service_task::start(std::function<std::optional<uint64_t>()> work, const ch
         return {.deadline = exec::never, .reason = "", .object = "", .is_last = true};
     };
     task_ = &home_.exec().start_steps(&home_, name_, step);
-    ring(); // a ring() before task_ was set had no effect; repeat it
+    ring(); // ring() has no effect before task_ is set; repeat a call that came too early
 }
 
 void service_task::ring()

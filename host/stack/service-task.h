@@ -1,5 +1,5 @@
-// A task that a service uses for its own work, and the list of all such tasks of a machine. The list serves to find a
-// task that hangs.
+// A task in which a service of a machine does its own work, and the list of all these tasks of the machine.
+// stack::liveness uses the list to find a task that hangs.
 #pragma once
 
 #include <atomic>
@@ -18,11 +18,11 @@ namespace stack
 
 class service_task;
 
-// All tasks of a machine, for the liveness check. Any thread.
+// The service tasks of a machine. Any thread.
 class service_tasks
 {
   public:
-    // Calls `visit` for each task. Meanwhile, no task can be added or removed.
+    // Calls `visit` for each task. add() and remove() wait until it has returned.
     void visit_all(const std::function<void(service_task&)>& visit) const;
 
     void add(service_task& task);
@@ -33,13 +33,13 @@ class service_tasks
     std::vector<service_task*> tasks_;
 };
 
-// Owns the list of a machine. Every task shares it, because the task may be destroyed after this service.
+// Holds the list of a machine. Every task shares the list, because a task may be destroyed after this service.
 struct service_task_list final : kernel::service {
     explicit service_task_list(kernel::machine&) {}
     const std::shared_ptr<service_tasks> tasks = std::make_shared<service_tasks>();
 };
 
-// ring() wakes the task when there is work. The task ends with its service.
+// The task sleeps when it has no work, and ring() wakes it. The destructor stops it.
 class service_task
 {
   public:
@@ -48,21 +48,22 @@ class service_task
     service_task(const service_task&) = delete;
     service_task& operator=(const service_task&) = delete;
 
-    // Starts the task, which calls `work` until stop(). Without work to do, `work` returns the tick until which the
-    // task sleeps. ring() ends the sleep, and it may end early. `reason` names in reports what the task waits for, and
-    // must outlive it. Call it once; it does not sleep. Throws a shortage if the task cannot be created.
+    // Starts the task, which calls `work` again and again until stop(). `work` returns nothing if there may be more
+    // work. Otherwise it returns a tick, and the task sleeps until that tick or until ring(). The sleep may also end
+    // early without a reason. Reports show `reason` as what the task waits for; the text must outlive the task. Call it
+    // once. Does not sleep. Throws exec::shortage if the task cannot be created.
     void start(std::function<std::optional<uint64_t>()> work, const char* reason);
 
-    // Reports new work. Ends the task's sleep; if it does not sleep, ends its next sleep. Any context. Does nothing
-    // before start().
+    // Reports new work: the task calls `work` again. Ends the task's sleep, or its next sleep if it does not sleep now.
+    // Does nothing before start(). Any context.
     void ring();
 
     const std::string& name() const { return name_; }
-    uint64_t rounds() const { return rounds_.load(std::memory_order_relaxed); } // calls of `work`; any thread
+    uint64_t rounds() const { return rounds_.load(std::memory_order_relaxed); } // number of calls of `work`; any thread
     bool is_current() const { return task_ && task_ == exec::current_task(); }
 
-    // Waits until the last call of `work` has returned. ring() must not be called from now on. The caller is a task
-    // that may sleep, or is outside.
+    // Ends the task. Waits until the current call of `work` has returned. The caller is a task that may sleep, or a
+    // thread from outside (see executor::join). From now on, nobody may call ring().
     void stop();
 
   private:

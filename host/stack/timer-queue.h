@@ -1,5 +1,6 @@
-// The armed timers of one context, by deadline and by record. A new timer reuses the memory of a disarmed one.
-// Therefore arming allocates only when more timers are armed than ever before. The caller guards the queue.
+// The armed timers of one context. They are found by deadline and by record. A new timer reuses the memory of a
+// disarmed one, so add() allocates only if more timers are armed than ever before. The queue has no lock: class timers
+// guards it.
 #pragma once
 
 #include <cassert>
@@ -15,15 +16,15 @@
 namespace stack
 {
 
-// A copy of the timer's record, made when it was armed. The record itself is not read again.
+// A copy of the fields of a timing_t, made when the timer was armed. The queue does not read the timing_t again.
 struct armed_timer {
     uint64_t expires_tick;
-    uint64_t number; // in the order of arming
-    const timing_t* record;
+    uint64_t number;        // counts up with each arming
+    const timing_t* record; // identifies the timer
     void (*function)(unsigned long data);
     unsigned long data;
 
-    // Timers with the same deadline are in the order in which they were armed.
+    // Orders by deadline. Timers with the same deadline are in the order in which they were armed.
     bool operator<(const armed_timer& other) const
     {
         return std::tie(expires_tick, number) < std::tie(other.expires_tick, other.number);
@@ -35,10 +36,10 @@ class timer_queue
   public:
     size_t size() const { return timers_by_deadline_.size(); }
 
-    // The armed timers, by deadline.
+    // All armed timers, the earliest deadline first.
     const std::set<armed_timer>& all() const { return timers_by_deadline_; }
 
-    // The next timer to run. The queue must not be empty.
+    // The timer with the earliest deadline. The queue must not be empty.
     const armed_timer& first() const
     {
         assert(size() > 0);
@@ -46,7 +47,7 @@ class timer_queue
     }
     bool is_due(uint64_t now_ticks) const { return size() > 0 && first().expires_tick <= now_ticks; }
 
-    // The record must not be armed.
+    // Adds a timer. Its record must not be in the queue.
     void add(const armed_timer& timer)
     {
         assert(!timers_by_record_.contains(timer.record));
@@ -62,7 +63,7 @@ class timer_queue
         timers_by_record_.insert(std::move(nodes.place));
     }
 
-    // Does nothing if the record is not armed.
+    // Removes the timer of a record. Does nothing if the record is not in the queue.
     void remove(const timing_t* record)
     {
         auto place = timers_by_record_.extract(record);

@@ -50,7 +50,7 @@ void timers::disarm_and_wait(const timing_t& timer)
     finish_wait(&handler_ended_, &sleeper);
 }
 
-// Disarms the timer. Returns true if its handler is running; the handler then cannot arm the timer again.
+// Disarms the timer. Returns true if its handler is running. From now on the handler cannot arm the timer again.
 bool timers::still_runs(const timing_t& timer)
 {
     const std::lock_guard lock(mutex_);
@@ -86,8 +86,8 @@ std::vector<std::string> timers::left_by(const kernel::module_code& module) cons
     return leftovers;
 }
 
-// Returns nothing if the lane has run a handler or done idle work. Otherwise returns the tick until which the lane may
-// sleep.
+// One round of a lane's task. Returns nothing if it has run a handler or done idle work. Otherwise returns the tick
+// until which the task may sleep.
 std::optional<uint64_t> timers::run(lane& self)
 {
     if (run_next(self) || run_idle_work(self)) return std::nullopt;
@@ -139,9 +139,10 @@ bool timers::take_next(lane& self, armed_timer& next)
     return true;
 }
 
-// Returns the tick until which an idle lane may sleep. While an atomic timer is due, the sleeping lane sleeps without a
-// deadline. When no atomic timer is due any more, the atomic lane calls this and then rings the sleeping lane. This
-// also works if timers were deleted or armed in between, and if the two lanes read different ticks.
+// Returns the tick until which the task of an idle lane may sleep. If an atomic timer is due, the sleeping lane must
+// wait: it sleeps without a deadline. After the last atomic timer that is due, the atomic lane calls this function too,
+// and wakes the sleeping lane. This works even if timers were deleted or armed in between, and if the two lanes have
+// read different ticks.
 uint64_t timers::next_deadline(lane& self)
 {
     const uint64_t now = home_.exec().now();

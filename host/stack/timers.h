@@ -1,6 +1,7 @@
-// The timing service of a machine. Handlers that never sleep run in its timer context. Handlers that may sleep run in
-// another task. They may delay each other there, and idle work may delay them. At one tick, the handlers that never
-// sleep run first. Within each kind, the order is by deadline, then by arming.
+// The timing service of a machine. Atomic handlers (timing_t::atomic) never sleep; they run in the timer context. The
+// other handlers may sleep. They run in a second task, in which one handler can delay the next one, and idle work can
+// delay a handler. If handlers of both kinds are due at one tick, the atomic ones run first. Within each kind, the
+// order is by deadline, then by arming.
 #pragma once
 
 #include <atomic>
@@ -18,34 +19,37 @@ namespace stack
 class timers final : public kernel::service
 {
   public:
-    // Starts the tasks of both kinds. Throws a shortage if they cannot be created.
+    // Starts the tasks of both kinds. Throws exec::shortage if a task cannot be created.
     explicit timers(kernel::machine& home);
 
-    // A hard error if a timer is still armed, because its record or the module of its handler may be gone already.
+    // Ends the process (exec::panic) if a timer is still armed, because its record or the module of its handler may be
+    // gone already.
     ~timers() override;
 
-    // timing.h describes these calls. arm() may be called in any context; disarm_and_wait() may sleep.
+    // timing.h describes these calls. arm() is for any context; disarm_and_wait() may sleep.
     void arm(const timing_t& timer);
     void disarm_and_wait(const timing_t& timer);
 
     // The number of armed timers.
     size_t armed() const;
 
-    // Sets the work that the task of the sleeping handlers repeats while no handler is due. `work` returns false if
-    // there was nothing to do; the task then sleeps. `work` may sleep, and a handler that becomes due waits for it.
-    // Call it once.
+    // Sets the idle work of the task that runs the handlers that may sleep. The task calls `work` again and again while
+    // no handler is due. `work` returns false if there was nothing to do; the task then sleeps until the next deadline.
+    // `work` may sleep, but a handler that becomes due meanwhile must wait for it. Call it once.
     void set_idle_work(std::function<bool()> work);
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
   private:
-    // One of the two contexts that run handlers. Guarded by mutex_, except the task.
+    // A lane is one of the two contexts that run handlers: a task with its own queue of timers. mutex_ guards the
+    // members, except the task.
     struct lane {
         lane(kernel::machine& home, const char* name) : task(home, name) {}
         timer_queue queue;
         const timing_t* running_timer = nullptr;          // the timer whose handler runs, or null
         void (*running_handler)(unsigned long) = nullptr; // valid while running_timer is set
-        bool is_arming_void = false; // arm() ignores running_timer, because a task deletes it and waits for its handler
+        // arm() ignores running_timer, because disarm_and_wait() waits for the end of its handler.
+        bool is_arming_void = false;
         service_task task;
     };
 
@@ -59,11 +63,11 @@ class timers final : public kernel::service
     kernel::machine& home_;
     mutable exec::brief_lock mutex_;
     uint64_t arm_count_ = 0;
-    // The lane of handlers that may sleep waits without a deadline. The atomic lane rings it when it has no timer due.
+    // The sleeping lane sleeps without a deadline until no atomic timer is due; see next_deadline().
     bool sleeping_waits_for_atomic_ = false;
     wait_queue_head_t handler_ended_;
     std::function<bool()> idle_work_;
-    std::atomic<bool> has_idle_work_{false}; // idle_work_ is set and does not change any more
+    std::atomic<bool> has_idle_work_{false}; // idle_work_ is set; it does not change afterwards
     lane atomic_;
     lane sleeping_;
 };

@@ -4,7 +4,7 @@
 namespace
 {
 
-stack::timers& timers_here(const char* call)
+stack::timers& current_timers(const char* call)
 {
     return kernel::current_machine(call).get<stack::timers>();
 }
@@ -13,19 +13,19 @@ stack::timers& timers_here(const char* call)
 
 void init_timing(timing_t* timer)
 {
-    timers_here(__func__); // creates the service here, because this may sleep and add_timing() must not
+    current_timers(__func__); // creates the service if it is missing: the creation may sleep, but add_timing() must not
     *timer = {};
 }
 
 void add_timing(timing_t* timer)
 {
-    timers_here(__func__).arm(*timer);
-    exec::preemption_point(); // the handler may run before the return, as if on another processor
+    current_timers(__func__).arm(*timer);
+    exec::preemption_point(); // as on another processor, the handler may run before add_timing() returns
 }
 
 void del_timing_sync(timing_t* timer)
 {
     exec::might_sleep(__func__);
     exec::current_task()->exec.switch_point();
-    timers_here(__func__).disarm_and_wait(*timer);
+    current_timers(__func__).disarm_and_wait(*timer);
 }

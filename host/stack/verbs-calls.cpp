@@ -13,7 +13,8 @@ namespace
 constexpr int shared_use = 0;
 constexpr uint32_t largest_message = 0x80000000; // bytes (IBA 9.2)
 
-// Reads the port's attributes for `call`. Returns kq_return_ok, or the error that `call` must return.
+// Reads the attributes of a port for the verbs call named `call`. Returns kq_return_ok, or the error that the verbs
+// call must return.
 kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabric::port_attributes& attributes)
 {
     kernel::machine& home = machine_where_others_may_run(call);
@@ -25,7 +26,7 @@ kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabr
     return kq_return_ok;
 }
 
-// Copies at most `*count` entries of the table, and sets `*count` to the number of copied entries.
+// Converts and copies entries of the table, at most `*count`. Sets `*count` to the number of copied entries.
 template <class source_t, class entry_t, class convert_t>
 kq_return_t store(const std::vector<source_t>& table, int* count, entry_t* entries, const convert_t& convert)
 {

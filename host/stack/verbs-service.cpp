@@ -7,7 +7,7 @@ namespace stack
 
 verbs::verbs(kernel::machine& home) : home_(home)
 {
-    home.get<hca_hubs>(); // created first and therefore destroyed after this service
+    home.get<hca_hubs>(); // the hubs exist before this service, so the machine destroys them after this service
 }
 
 verbs::~verbs()

@@ -1,5 +1,5 @@
-// The verbs service of a machine: its open HCAs. A handle is a number that is never reused, so a stale handle is
-// detected.
+// The verbs service of a machine: its open HCAs and their events. A handle is a number that is never used again, so the
+// service detects a handle of a closed HCA.
 #pragma once
 
 #include <atomic>
@@ -17,26 +17,27 @@ class verbs final : public kernel::service
   public:
     explicit verbs(kernel::machine& home);
 
-    // A hard error if an HCA was not closed.
+    // Ends the process (exec::panic) if an HCA was not closed.
     ~verbs() override;
 
-    // Opens an HCA. `opener` is the address of the calling code. Returns null if the machine has no HCA with that name.
+    // Opens an HCA. `opener` is the address of the code that called, for left_by(). Returns null if the machine has no
+    // HCA with that name.
     kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
-    // The events of a plugged HCA. The first call starts the task that delivers them. It throws a shortage if the task
-    // cannot be created.
+    // Returns the events of a plugged HCA. The first call for an HCA starts the task that delivers its events, and
+    // throws exec::shortage if the task cannot be created.
     hca_events& events_of(fabric::hca& adapter);
 
-    // The events of an open HCA, which live as long as the machine. Returns null for a handle that is stale or was
-    // never valid.
+    // Returns the events of an open HCA, or null if the handle is not open. The object lives as long as the machine.
     hca_events* find(kq_hca_h_t handle) const;
 
-    // Returns kq_return_ok, kq_return_err_invalid_hca, or kq_return_err_busy if the handle has a subscription.
+    // Closes an HCA. Returns kq_return_ok, kq_return_err_invalid_hca if the handle is not open, or kq_return_err_busy
+    // if the handle has a subscription.
     kq_return_t close(kq_hca_h_t handle);
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // Returns true at the first call. A list that is too short for all HCAs is logged only once.
+    // Returns true at the first call only. kq_list_hcas() uses it to log only once that a caller's list was too short.
     bool should_report_cut() { return !is_cut_reported_.exchange(true); }
 
   private:
@@ -45,8 +46,8 @@ class verbs final : public kernel::service
         const void* opener;
     };
     kernel::machine& home_;
-    mutable std::mutex mutex_;
-    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // for each HCA
+    mutable std::mutex mutex_;                                   // guards the members below, except is_cut_reported_
+    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // one for each HCA
     std::map<kq_hca_h_t, open_hca> open_hcas_;
     uintptr_t last_handle_ = 0;
     std::atomic<bool> is_cut_reported_{false};
