@@ -14,7 +14,10 @@ namespace
 
 constexpr uintptr_t lowest_address = 0x10000; // no program has memory below it
 constexpr uint64_t page_bytes = 4096;
-constexpr size_t max_unknown = 4096; // at this limit all are forgotten; they get new addresses when they appear again
+
+// The largest number of unknown pointers that a layout stores. When it is reached, the layout forgets all of them. A
+// forgotten pointer gets a new nominal address when it is printed again.
+constexpr size_t max_unknown = 4096;
 
 uint64_t round_up(size_t bytes, uint64_t unit)
 {

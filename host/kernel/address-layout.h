@@ -1,6 +1,6 @@
-// The addresses that a machine's log shows. The real addresses of a program's memory differ from run to run. Therefore
-// a pointer is printed as an address in a nominal layout, and equal runs print equal logs. Pointers are translated only
-// when they are printed.
+// Computes the addresses that a machine's log shows. The real addresses of a program's memory differ from run to run.
+// Therefore printk prints a pointer as an address in a nominal layout, and equal runs print equal logs. All other code
+// uses the real addresses.
 #pragma once
 
 #include <cstddef>
@@ -17,18 +17,20 @@ namespace kernel
 class memory_account;
 struct image_part;
 
-// The nominal addresses of a machine's parts.
+// Where the nominal addresses of each kind of memory begin.
 constexpr uint64_t nominal_allocations = 0xffff880000000000; // blocks of kmalloc, in order of allocation
-constexpr uint64_t nominal_unknown = 0xffff8f0000000000;     // stacks and the like, in order of appearance
-constexpr uint64_t nominal_objects = 0xffffc90000000000;     // other added memory, in order of addition
+constexpr uint64_t nominal_unknown = 0xffff8f0000000000;     // stacks and other memory, in order of first printing
+constexpr uint64_t nominal_objects = 0xffffc90000000000;     // memory of add_object(), in order of the calls
 constexpr uint64_t nominal_images = 0xffffffffa0000000;      // modules, in order of loading
-// Address space for each module; its address does not depend on the size of other modules.
+
+// Each module gets a multiple of this many bytes of address space. If a module grows a little, the addresses of later
+// modules therefore do not change.
 constexpr uint64_t image_room = 0x100000;
 
 class address_layout
 {
   public:
-    // Finds blocks of kmalloc in `memory`, which must outlive this object.
+    // `memory` knows the blocks of kmalloc. It must outlive this object.
     explicit address_layout(const memory_account& memory) : memory_(memory) {}
     address_layout(const address_layout&) = delete;
     address_layout& operator=(const address_layout&) = delete;
@@ -37,7 +39,8 @@ class address_layout
     // to a pointer, do not change. Any thread, any context.
     uint64_t nominal(const void* pointer);
 
-    // Gives memory its own nominal address until it is removed. Remove it before the memory is freed.
+    // add_image() and add_object() give memory a nominal address of its own. remove_image() and remove() take this
+    // address back. Call them before the memory is freed. Any thread.
     void add_image(const std::vector<image_part>& parts);
     void remove_image(const std::vector<image_part>& parts);
     void add_object(const void* begin, size_t bytes);
@@ -60,7 +63,7 @@ class address_layout
     uint64_t next_unknown_ = nominal_unknown;
 };
 
-// Adds an object during its lifetime.
+// Gives memory a nominal address of its own for as long as the shown_object exists.
 class shown_object
 {
   public:

@@ -1,4 +1,5 @@
-// Kernel calls that only need one part of the calling task's machine.
+// Implements the kernel calls that need only one part of the calling task's machine, for example its log or its memory.
+// sync.cpp implements semaphores, locks and sleeps.
 
 #include <algorithm>
 #include <cstdarg>
@@ -20,7 +21,7 @@ using kernel::machine_where_others_may_run;
 namespace
 {
 
-constexpr size_t max_print_bytes = 2048; // with the NUL
+constexpr size_t max_print_bytes = 2048; // including the NUL
 
 uint64_t shown_address(const void* pointer)
 {
@@ -38,7 +39,7 @@ void printk(const char* format, ...)
     va_end(arguments);
     if (length >= sizeof text && std::string_view(format).ends_with('\n'))
         text[sizeof text - 2] = '\n'; // keep the line end of a text that was cut
-    // Remove NULs that were printed as characters (%c): they do not end the text.
+    // A NUL that was printed with %c does not end the text. Remove it.
     *std::remove(text, text + std::min(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& machine = current_machine(__func__);
     exec::print_capture* capture = exec::current_task()->capture;

@@ -91,8 +91,9 @@ std::string_view elf_object::name_of(const Elf64_Sym& symbol) const
     return text(symbol.st_name);
 }
 
-// The GNU hash table: four words, a filter of 64-bit words, buckets that hold the first symbol of each chain, and a
-// hash for each symbol of the chains. The lowest bit of a chain's last hash is set.
+// The GNU hash table has four parts: four words of 32 bits, a filter of 64-bit words, buckets, and hashes. A bucket
+// holds the number of the first symbol of a chain. Each symbol of a chain has a hash. The lowest bit of the hash is 1
+// for the last symbol of the chain.
 std::optional<std::vector<Elf64_Sym>> elf_object::exported_symbols() const
 {
     const auto table = dynamic(DT_GNU_HASH);
@@ -107,7 +108,7 @@ std::optional<std::vector<Elf64_Sym>> elf_object::exported_symbols() const
     for (uint32_t bucket = 0; bucket < *bucket_count; ++bucket) {
         const auto first = value_at<uint32_t>(buckets + uint64_t{bucket} * 4);
         if (!first) return std::nullopt;
-        if (*first < *first_hashed) continue; // no symbol has this hash
+        if (*first < *first_hashed) continue; // the bucket is empty
         for (uint32_t number = *first;; ++number) {
             const auto found = symbol(number);
             const auto hash = value_at<uint32_t>(hashes + uint64_t{number - *first_hashed} * 4);

@@ -1,6 +1,5 @@
-// A shared object as its file describes it (System V ABI, "Object Files"). The kernel reads only the parts that it
-// needs to place an image: segments, the dynamic section, symbols and relocations. The object must be for this
-// processor.
+// Reads the file of a shared object (System V ABI, "Object Files"). It reads only the parts that the kernel needs to
+// place an image: segments, the dynamic section, symbols and relocations. It accepts only objects for this processor.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +18,8 @@ namespace kernel
 class elf_object
 {
   public:
-    // Maps the file. Returns null if it is not a shared object of 64 bits for this processor, or if it is cut short.
+    // Maps the file; the caller still owns the descriptor `file`. Returns null if the file cannot be mapped, is cut
+    // short, has no dynamic section, or is not a shared object of 64 bits for this processor.
     static std::unique_ptr<elf_object> read(int file);
     ~elf_object();
     elf_object(const elf_object&) = delete;
@@ -27,13 +27,13 @@ class elf_object
 
     const std::vector<Elf64_Phdr>& segments() const { return segments_; }
 
-    // The bytes of a segment that the file holds.
+    // Returns the bytes of a segment that are stored in the file. The segment may be larger in memory.
     std::string_view bytes_of(const Elf64_Phdr& segment) const
     {
         return file_bytes(segment.p_offset, segment.p_filesz);
     }
 
-    // The value of an entry of the dynamic section (DT_...). Empty if there is no such entry.
+    // Returns the value of the entry DT_... of the dynamic section. Empty if there is no such entry.
     std::optional<uint64_t> dynamic(int64_t tag) const;
 
     // The names of the libraries that the object needs.
@@ -47,7 +47,7 @@ class elf_object
     // broken.
     std::optional<std::vector<Elf64_Sym>> exported_symbols() const;
 
-    // Empty if a table is cut short.
+    // Returns the entries of the tables DT_RELA and DT_JMPREL. Empty if a table is cut short.
     std::optional<std::vector<Elf64_Rela>> relocations() const;
 
   private:
@@ -56,10 +56,10 @@ class elf_object
     bool read_dynamic(const Elf64_Phdr& segment);
     bool read_table(int64_t address_tag, int64_t size_tag, std::vector<Elf64_Rela>& entries) const;
 
-    // `count` bytes of the file from `offset` on. Empty if the file ends before.
+    // Returns `count` bytes of the file from `offset` on. Empty if the file ends earlier.
     std::string_view file_bytes(uint64_t offset, uint64_t count) const;
 
-    // The bytes from an address to the end of its segment. Empty if the file does not hold the address.
+    // Returns the bytes from an address to the end of its segment. Empty if the file has no bytes for the address.
     std::string_view bytes_at(uint64_t address) const;
 
     template <class value_t>
@@ -77,13 +77,14 @@ class elf_object
         return value_in<value_t>(bytes_at(address));
     }
 
-    std::string_view text(uint64_t offset) const; // of the string table
+    // Returns the text at this offset of the string table.
+    std::string_view text(uint64_t offset) const;
 
     const char* const mapping_;
     const size_t size_;
     std::vector<Elf64_Phdr> segments_;
     std::map<int64_t, uint64_t> dynamic_;
-    std::vector<uint64_t> libraries_; // the offsets of their names in the string table
+    std::vector<uint64_t> libraries_; // offsets of the libraries' names in the string table
 };
 
 } // namespace kernel

@@ -58,7 +58,7 @@ struct conversion {
     bool has_zeros = false;  // '0'
     int width = none;
     int precision = none;
-    char size = 0; // 'h', 'l', 'z' or 't'; 'H' for hh, 'L' for ll and L
+    char size = 0; // 'h', 'l', 'z' or 't'; 'H' for hh, 'L' for ll and L; 0 if there is none
 };
 
 // Returns false if the character is not a flag.
@@ -126,7 +126,7 @@ unsigned base_of(char letter)
     }
 }
 
-// Prints a number with its `sign` (0 means none) in the base of the conversion `letter`.
+// Prints a number with its `sign` (0 means no sign) in the base of the conversion `letter`.
 void put_number(text_writer& writer, uint64_t number, char sign, char letter, const conversion& form)
 {
     const char* set = letter == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
@@ -158,7 +158,8 @@ void put_number(text_writer& writer, uint64_t number, char sign, char letter, co
     if (form.is_left) writer.fill(' ', padding);
 }
 
-// The arguments of a format, in order. It is a struct because a va_list cannot be passed by reference everywhere.
+// The arguments of a format, in order. The struct can be passed by reference. A va_list cannot, because it is an array
+// on some processors.
 struct argument_list {
     va_list next;
 
@@ -173,7 +174,7 @@ struct argument_list {
         case 'z':
         case 't':
             return va_arg(next, unsigned long);
-        // clang-tidy 14 takes the next two branches for copies of each other. Their types differ.
+        // clang-tidy 14 reports the next two branches as equal. But their types differ.
         case 'L': // NOLINT(bugprone-branch-clone)
             return va_arg(next, unsigned long long);
         default:

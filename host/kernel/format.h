@@ -1,6 +1,6 @@
-// Formats texts as the printk of a 2.6 kernel does. It differs from printf(3). "%p" prints 16 hexadecimal digits
-// without a prefix. "%#x" prints the prefix for zero, too. The flag 0 keeps its effect if there is a precision. 'L'
-// means that an integer is a long long.
+// Formats texts like printk of a Linux 2.6 kernel. It differs from printf(3): "%p" prints 16 hexadecimal digits without
+// a prefix. "%#x" prints the prefix for zero, too. The flag 0 pads with zeros even if there is a precision. The size
+// 'L' means that an integer is a long long.
 #pragma once
 
 #include <cstdarg>
@@ -14,8 +14,9 @@ namespace kernel
 using pointer_value_fn = uint64_t (*)(const void* pointer);
 
 // Writes the text into `buffer`, cut to `size` bytes including its NUL. `size` is at least 1. Returns the length of the
-// whole text. The conversions are d i u x X o c s p %, with the flags - + space # 0, a width, a precision, and the
-// sizes hh h l ll L z t. A null text is printed as "<NULL>". Anything else is printed unchanged and uses no argument.
+// whole text, without the NUL. The conversions are d i u x X o c s p %, with the flags - + space # 0, a width, a
+// precision, and the sizes hh h l ll L z t. A null text is printed as "<NULL>". An unknown conversion is printed
+// unchanged. It uses no argument, except for each '*' in it.
 size_t format_text(char* buffer, size_t size, const char* format, va_list arguments, pointer_value_fn value_of);
 
 } // namespace kernel

@@ -17,8 +17,8 @@ namespace kernel
 namespace
 {
 
-constexpr size_t area_bytes = 2 * data_distance; // areas are aligned to it
-constexpr size_t slots_of_a_mapping = 16;
+constexpr size_t area_bytes = 2 * data_distance; // the size of an area; its address is a multiple of this
+constexpr size_t slots_of_a_mapping = 16;        // number of slots whose code is in one mapping
 
 size_t page_of(size_t offset)
 {
@@ -35,7 +35,8 @@ ats::error no_room(const char* call)
     return exec::shortage_error(std::string("no room for a module (") + call + ": " + std::strerror(errno) + ")");
 }
 
-// Makes a memory file with sixteen copies of the text, one stride apart. Returns -1 and sets errno on failure.
+// Makes a memory file with sixteen copies of the code `text`, which begin `stride` bytes apart. Returns its descriptor.
+// On failure, returns -1 and sets errno.
 int file_of_copies(const std::string& text, size_t stride)
 {
     const int file = memfd_create("modules", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -51,7 +52,7 @@ int file_of_copies(const std::string& text, size_t stride)
     return -1;
 }
 
-// Reserves the addresses of an area, at a multiple of its size. Returns null if there is no room.
+// Reserves the addresses of an area, at a multiple of area_bytes. Returns null if no addresses are left.
 char* reserve_area()
 {
     void* mapping = mmap(nullptr, 2 * area_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -63,8 +64,8 @@ char* reserve_area()
     return begin + excess;
 }
 
-// All areas, found by their begin address. The table only grows. Readers take no lock, because the unwinder reads the
-// table while an exception passes. The place of an area in the table is found by hashing.
+// A hash table of all areas by their begin address. Areas are never removed. Readers take no lock, because the unwinder
+// reads the table while it handles an exception (unwinding.cpp).
 class area_table
 {
   public:
@@ -98,7 +99,8 @@ class area_table
     };
     static size_t first_place(const char* begin) { return reinterpret_cast<uintptr_t>(begin) / area_bytes; }
 
-    std::array<entry, 16384> entries_{}; // with three modules in areas of 32 slots, room for 170,000 machines
+    // Enough for 170,000 machines with three modules each, if an area has 32 slots.
+    std::array<entry, 16384> entries_{};
 };
 
 constinit area_table areas;
@@ -137,7 +139,7 @@ ats::result<image_area*> image_area::make(const shared_code& code)
         munmap(begin, area_bytes);
         return tl::make_unexpected(error);
     }
-    madvise(data, bytes, MADV_NOHUGEPAGE); // a huge page would take memory for dozens of images at once
+    madvise(data, bytes, MADV_NOHUGEPAGE); // a huge page takes memory for dozens of images at once
     return area.release();
 }
 
@@ -160,7 +162,7 @@ ats::result<size_t> image_area::take()
 void image_area::put(size_t slot)
 {
     char* data = slot_begin(slot) + code_.data_page();
-    // MADV_DONTNEED fails for locked memory, so this writes zeros.
+    // MADV_DONTNEED sets the bytes to zero. It fails if the memory is locked. In this case, memset() does it.
     if (madvise(data, code_.data_bytes(), MADV_DONTNEED) != 0) std::memset(data, 0, code_.data_bytes());
     in_use_[slot].store(false, std::memory_order_release);
     --used_slots_;

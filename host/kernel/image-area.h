@@ -1,10 +1,11 @@
-// Module images at equal strides in large areas of memory, so that few mappings serve many machines.
+// Places many images of one module in a large area of memory, so that few mappings serve many machines. An area has
+// slots of equal size, and each slot holds one image.
 //
 //   area:   | code of slots 0 to 15 | code of slots 16 to 31 | ... | variables of slot 0 | of slot 1 | of slot 2 | ...
 //           one mapping each, all of the same memory file          one mapping
 //
-// All code of a module is in one memory file that holds sixteen equal copies of it. A slot's variables lie behind its
-// code at the distance for which the module was linked. Only the variables that an image has written take memory.
+// The memory file holds sixteen equal copies of the module's code. A slot's variables lie behind its code at the
+// distance for which the module was linked. A page of variables takes memory only after the image has written to it.
 #pragma once
 
 #include <atomic>
@@ -18,7 +19,8 @@
 namespace kernel
 {
 
-// A module and its code. Any number of areas map this code. It exists until the process ends.
+// A module and the memory file with its code. Any number of areas map this file. The object exists until the process
+// ends. Only one thread at a time may call prepare().
 class shared_code
 {
   public:
@@ -26,14 +28,15 @@ class shared_code
     shared_code(const shared_code&) = delete;
     shared_code& operator=(const shared_code&) = delete;
 
-    // Writes the memory file, unless it has been written. Fails (no_memory) when a limit of the process is used up.
+    // Writes the memory file at the first call. Call it before an area takes a slot. Fails (no_memory) when a limit of
+    // the process is reached.
     ats::result<> prepare();
 
     const image_template& source() const { return *source_; }
-    size_t slots() const { return slots_; } // in one area; 0 if the module is too large
-    size_t stride() const { return stride_; }
-    size_t data_page() const { return data_page_; } // the distance from a slot's code to its variables
-    size_t data_bytes() const { return data_bytes_; }
+    size_t slots() const { return slots_; }         // in one area; 0 if the module is too large
+    size_t stride() const { return stride_; }       // bytes from the code of one slot to the code of the next slot
+    size_t data_page() const { return data_page_; } // bytes from the code of a slot to the first page of its variables
+    size_t data_bytes() const { return data_bytes_; } // size of these pages
     int file() const { return file_; }
 
   private:
@@ -45,26 +48,31 @@ class shared_code
     int file_ = -1;
 };
 
-// One area. It exists until the process ends, because find() may read it at any time. Its slots are used again. Calls
-// are for one thread at a time, unless a comment says otherwise.
+// One area. It exists until the process ends, because find() may read it at any time. A slot that was freed can be
+// taken again. Only one thread at a time may make a call, except for calls whose comment says "any thread".
 class image_area
 {
   public:
-    // Makes an area without images. Fails (no_memory) when a limit of the process is used up.
+    // Makes an area without images. Fails (no_memory) when a limit of the process is reached.
     static ats::result<image_area*> make(const shared_code& code);
 
     const image_template& source() const { return code_.source(); }
     bool has_room() const { return used_slots_ < code_.slots(); }
     char* slot_begin(size_t slot) const { return begin_ + slot * code_.stride(); }
 
-    // Takes a free slot. Its variables are zero. Fails (no_memory) when no more mappings are allowed.
+    // Takes a free slot and returns its number. The area must have room. The bytes of the slot's variables are zero.
+    // Fails (no_memory) when the process may not make another mapping.
     ats::result<size_t> take();
+
+    // Frees a slot. Sets the bytes of its variables to zero.
     void put(size_t slot);
 
-    // Gives back the pages of a slot's variables that are zero. No other thread may write them meanwhile. Any thread.
+    // Of a slot's variables, returns the pages that contain only zeros to the system. No other thread may write to
+    // these pages meanwhile. Any thread.
     void give_back_zero_pages(size_t slot) const;
 
-    // The beginning of the image that an address of the area belongs to, or null. Any thread.
+    // Returns the beginning of the image that contains `address`, an address in this area. Returns null if no image
+    // contains it. Any thread.
     char* find(const char* address) const;
 
   private:
@@ -72,12 +80,12 @@ class image_area
 
     const shared_code& code_;
     char* const begin_;
-    std::vector<std::atomic<bool>> in_use_;
-    std::vector<bool> is_mapped_; // for each group of sixteen slots, true if its code is mapped
+    std::vector<std::atomic<bool>> in_use_; // for each slot, true if it is taken
+    std::vector<bool> is_mapped_;           // for each group of sixteen slots, true if its code is mapped
     size_t used_slots_ = 0;
 };
 
-// The area that an address belongs to, or null. Any thread, any context; takes no lock.
+// Returns the area that contains an address, or null if there is none. Takes no lock. Any thread, any context.
 const image_area* find_area(const void* address);
 
 } // namespace kernel

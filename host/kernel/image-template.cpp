@@ -22,8 +22,9 @@ bool needs_only_loaded_libraries(const elf_object& object)
     });
 }
 
-// Only the dynamic linker does what these entries ask for. Exported variables must be bound to the image itself.
-bool asks_for_the_dynamic_linker(const elf_object& object)
+// Returns true if the dynamic section has an entry that only the dynamic linker can handle. Also returns true if the
+// object was not linked with -Bsymbolic: the dynamic linker may then bind its variables to another image.
+bool needs_dynamic_linker(const elf_object& object)
 {
     for (const int64_t tag : {DT_TEXTREL, DT_REL, DT_RELR, DT_PREINIT_ARRAY})
         if (object.dynamic(tag)) return true;
@@ -31,7 +32,7 @@ bool asks_for_the_dynamic_linker(const elf_object& object)
     return (flags & (DF_TEXTREL | DF_STATIC_TLS)) || !(flags & DF_SYMBOLIC);
 }
 
-// Makes the template of one object. Each step returns false if the object cannot be placed.
+// Makes the template of one object. Each step returns false if no image can be made from the object.
 class template_maker
 {
   public:
@@ -39,7 +40,7 @@ class template_maker
 
     std::unique_ptr<image_template> make()
     {
-        if (asks_for_the_dynamic_linker(object_) || !needs_only_loaded_libraries(object_)) return nullptr;
+        if (needs_dynamic_linker(object_) || !needs_only_loaded_libraries(object_)) return nullptr;
         take_initialisers();
         return take_segments() && take_exports() && relocate() ? std::move(result_) : nullptr;
     }
@@ -63,7 +64,7 @@ class template_maker
         return !result_->text.empty() && !result_->data.empty();
     }
 
-    // One segment holds the variables, at the distance for which modules are linked.
+    // The segment of the variables. It must be the only writable one, at an offset from data_distance to twice as much.
     bool take_variables(const Elf64_Phdr& segment)
     {
         image_template& image = *result_;
@@ -74,7 +75,7 @@ class template_maker
         return image.data_begin > data_distance && image.data_end < 2 * data_distance;
     }
 
-    // All other segments do not change. They lie in the image as they do in the file.
+    // A segment of code or constants. Its offset in the image must equal its offset in the file.
     bool take_constants(const Elf64_Phdr& segment)
     {
         const uint64_t end = segment.p_vaddr + segment.p_memsz;
@@ -111,7 +112,8 @@ class template_maker
                std::ranges::all_of(*relocations, [this](const Elf64_Rela& each) { return relocate(each); });
     }
 
-    // Pointers into the image are set in each image. Those into the program are set here, once for all images.
+    // Handles one relocation. A pointer into the image differs from image to image, so each image sets it later. A
+    // pointer into the program is the same in all images, so bind() writes it into `data`.
     bool relocate(const Elf64_Rela& entry)
     {
         image_template& image = *result_;
@@ -132,7 +134,7 @@ class template_maker
             if (symbol->st_shndx == SHN_UNDEF) return bind(entry.r_offset, *symbol, addend);
             image.pointers.push_back({entry.r_offset, symbol->st_value + addend});
             return true;
-        case R_X86_64_DTPMOD64: // no symbol: the variable is not exported
+        case R_X86_64_DTPMOD64: // with a symbol, the variable may belong to another image
             image.thread_indexes.push_back(entry.r_offset);
             return ELF64_R_SYM(entry.r_info) == 0;
         default:
@@ -140,12 +142,13 @@ class template_maker
         }
     }
 
-    // Binds a pointer to the symbol of that name in the program.
+    // Sets the pointer at `place` to the symbol with the same name in the program.
     bool bind(uint64_t place, const Elf64_Sym& symbol, uint64_t addend)
     {
         const std::string name(object_.name_of(symbol));
-        if (name == "__cxa_atexit" || name == "__cxa_thread_atexit") return false; // the C library keeps these lists
-        if (name == "__cxa_finalize") return true; // weak, and there is nothing to finalise: stays null
+        // With these functions, the C library keeps pointers to code of the image, even after the image is gone.
+        if (name == "__cxa_atexit" || name == "__cxa_thread_atexit") return false;
+        if (name == "__cxa_finalize") return true; // a weak symbol; stays null, because there is nothing to finalise
         void* found = dlsym(RTLD_DEFAULT, name.c_str());
         if (name == "__tls_get_addr") found = reinterpret_cast<void*>(&address_of_thread_variable);
         if (name == "memset") found = reinterpret_cast<void*>(&set_memory);

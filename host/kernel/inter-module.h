@@ -13,22 +13,23 @@ namespace kernel
 
 class machine;
 
-// Any thread, any context. Each entry is a name, a pointer and the module that owns both.
+// An entry has a name, a pointer, and the module that owns the entry. All calls: any thread, any context.
 class inter_module_registry
 {
   public:
     explicit inter_module_registry(machine& machine) : machine_(machine) {}
 
-    // A hard error if the name is in use.
+    // Adds an entry. Panics if the name is in use.
     void publish(const std::string& name, const kernel_module_t* owner, const void* pointer);
-    // A hard error if the name is unknown or others hold references.
+
+    // Removes an entry. Panics if the name is unknown or if references taken with get() remain.
     void withdraw(const std::string& name);
 
-    // Returns the pointer with that name and takes a reference on its owner, until put(). Null if there is no such name
-    // or its owner is being unloaded.
+    // Returns the pointer with that name and takes a reference on its owner. The caller returns the reference with
+    // put(). Returns null, without a reference, if there is no such name or its owner is being unloaded.
     const void* get(const std::string& name);
 
-    // Returns one reference. A hard error if there is none.
+    // Returns one reference that get() has taken. Panics if there is none.
     void put(const std::string& name);
 
     std::vector<std::string> names() const;

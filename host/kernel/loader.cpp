@@ -13,17 +13,17 @@
 namespace kernel
 {
 
-// One loaded image. Its address is stable while it is loaded.
+// One loaded module. The object is not moved while the module is loaded.
 class loaded_module
 {
   public:
-    std::list<std::string> texts;     // values of text parameters
-    module_image image;               // unmapped before the texts are freed
-    int references = 0;               // rmmod is refused while there are references
-    int visitors = 0;                 // rmmod waits for them
-    bool is_unloading = false;        // no new users are accepted
-    const task* start_task = nullptr; // runs the entry function
-    task* unload_task = nullptr;      // waits for the users to leave
+    std::list<std::string> texts;     // values of text parameters; the image points to them
+    module_image image;               // unmapped before `texts` is destroyed
+    int references = 0;               // taken with hold(); rmmod() fails while there are any
+    int visitors = 0;                 // tasks between enter() and leave(); rmmod() waits for them
+    bool is_unloading = false;        // hold() and enter() fail
+    const task* start_task = nullptr; // the task that runs the entry function; null when the function has returned
+    task* unload_task = nullptr;      // the task that waits until `references` and `visitors` are 0
 
     const kernel_module_t& declaration() const { return *image.declaration(); }
     const char* name() const { return declaration().name; }
@@ -45,7 +45,7 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
     auto image = std::make_unique<loaded_module>();
     loaded_module& module = *image;
     if (const ats::result<> result = module.image.map(path); !result) {
-        // A limit of the process was reached. The text says enough; the image is not the cause.
+        // A limit of the process was reached. The text names it, and does not need "insmod:".
         if (result.error().kind == ats::error_kind::no_memory) return result;
         return ats::fail(result.error().kind, "insmod: " + result.error().text);
     }
@@ -59,14 +59,14 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
             return ats::fail(ats::error_kind::exists, title + "it is loaded already; unload it first");
         if (module.declaration().logger_level) *module.declaration().logger_level = logger_level_;
         machine_.addresses.add_image(parts_of_image(&module.declaration()));
-        module.start_task = current_task(); // set before others can find the module; rmmod is then refused
+        module.start_task = current_task(); // makes rmmod() fail; set it before another task can find the module
         modules_.push_back(std::move(image));
     }
     const int start_result = start(module);
     if (start_result >= 0) return {};
 
     const std::string number = std::to_string(start_result);
-    wait_for_users(module); // users of the /proc entries that it has removed
+    wait_for_users(module); // another task may still be in a handler of its /proc entries
     unmap(module);
     const ats::error_kind kind = start_result == -EK_INVAL ? ats::error_kind::invalid : ats::error_kind::failed;
     return ats::fail(kind, title + "start-up failed with " + number + " (" + std::strerror(-start_result) +
@@ -122,8 +122,7 @@ void loader::wait_for_users(loaded_module& module)
     while (has_users()) current_task()->exec.park(never, "rmmod", module.name());
 }
 
-// A hard error if the module has left something behind. Its code is about to be unmapped, so pointers to it would
-// become invalid.
+// Panics if the module has left something behind. Its code is unmapped next, and pointers to the code become invalid.
 void loader::check_leftovers(const loaded_module& module) const
 {
     const kernel_module_t& declaration = module.declaration();
@@ -144,7 +143,8 @@ void loader::unmap(loaded_module& module)
     machine_.memory.note_unmapping(module_code(declaration.name, &declaration));
     machine_.addresses.remove_image(parts_of_image(&declaration));
 
-    // Destroyed after the lock is released, because the image's destructors may call the kernel.
+    // The image's destructors may call the kernel. Therefore `image` is declared before the lock and destroyed after
+    // the lock is released.
     std::unique_ptr<loaded_module> image;
     const std::lock_guard lock(mutex_);
     const auto position =
@@ -213,7 +213,8 @@ void loader::drop_user(const kernel_module_t* owner, int loaded_module::*count)
     loaded_module* module = find(owner);
     if (!module || module->*count == 0) panic("a reference on a module is returned but was never taken");
     --(module->*count);
-    // Wake the task while holding the lock. The task takes the lock to read the counts, so it cannot have ended yet.
+    // Wake the unloading task while holding the lock. The task must take the lock to read the counts, so it has not
+    // ended yet.
     if (module->unload_task) module->unload_task->exec.wake(*module->unload_task);
 }
 

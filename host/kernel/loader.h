@@ -1,4 +1,4 @@
-// Loads and unloads modules.
+// Loads and unloads modules. Each machine has its own image of a module, so machines share no variables.
 #pragma once
 
 #include <cstdint>
@@ -19,29 +19,31 @@ class machine;
 
 class loaded_module;
 
-// The modules of one machine. Any thread may call it.
+// The modules of one machine. Any thread.
 class loader
 {
   public:
     explicit loader(machine& machine);
     ~loader();
 
-    // Loads a module. Maps a private copy of the image at `path`; its statics are its own and start at zero. Sets the
-    // parameters, which are written as "name=value name=\"two words\"". Writes the logger level and runs the entry
-    // function. After a failure, nothing stays loaded. Fails if
-    // - there is no image at `path` (not_found),
-    // - the image does not fit, or a parameter is unknown, malformed or repeated (invalid),
+    // Loads the module file at `path`. Makes an image of it, whose variables have their initial values. Sets the
+    // module's parameters, which are written as "name=value name=\"two words\"". Writes the machine's logger level into
+    // the image and runs the entry function. After a failure, nothing stays loaded. Fails if
+    // - there is no file at `path` (not_found),
+    // - the file is not a module for this kernel (invalid),
+    // - a parameter is unknown, malformed or repeated (invalid),
     // - a module with that name is already loaded (exists),
     // - a limit of the process is reached (no_memory),
     // - the entry function fails (invalid for -EK_INVAL, otherwise failed).
-    // If the caller is outside of the machine, the call enters it. May sleep.
+    // The caller may be outside of the machine; the call enters the machine. May sleep.
     ats::result<> insmod(const std::string& path, const std::string& parameters = "");
 
-    // Unloads a module: waits for its running /proc handlers, runs its exit function, unmaps it. Fails if no module
-    // with that name is loaded (not_found). Also fails while others hold references or it is still starting (busy).
-    // Once the unloading has begun, no handler of its /proc entries is called. It is a hard error if the exit function
-    // leaves a published name, a /proc entry, or something in a service of the machine. The caller may be outside of
-    // the machine. May sleep.
+    // Unloads a module: waits for its running /proc handlers, runs its exit function, unmaps its image. Fails if no
+    // module with that name is loaded (not_found). Fails if other modules hold references on it, or if its entry
+    // function still runs (busy). As soon as the unloading has begun, no further handler of its /proc entries is
+    // called. Panics if the exit function leaves behind a published name, a /proc entry, or something in a service of
+    // the machine, for example a timer. The caller may be outside of the machine; the call enters the machine. May
+    // sleep.
     ats::result<> rmmod(const std::string& name);
 
     bool is_loaded(const std::string& name) const;
@@ -49,20 +51,22 @@ class loader
     // The names of all loaded modules, in order of loading.
     std::vector<std::string> loaded() const;
 
-    // Returns the address of an exported symbol of a loaded module, or null if there is none. Also returns null while
-    // the module is starting or unloading, because the symbol may not be initialised then.
+    // Returns the address of an exported symbol of a loaded module, or null if there is no such symbol. Also returns
+    // null while the module is starting or unloading, because its variables may not be usable then.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
-    // Take and return a reference on a module. rmmod() is refused while there are references. hold() returns false once
-    // unloading has begun. A null `owner` means the kernel itself, which is never unloaded. Any context.
+    // hold() takes a reference on a module, release() returns it. rmmod() fails while there are references. hold()
+    // returns false if the module is not loaded or is being unloaded. A null `owner` means the kernel itself, which is
+    // never unloaded. Any context.
     bool hold(const kernel_module_t* owner);
     void release(const kernel_module_t* owner);
 
-    // Does the same for a /proc handler that is about to run. rmmod() then waits instead of failing.
+    // The same calls for a task that runs a /proc handler of the module: enter() before, leave() after. rmmod() does
+    // not fail because of these tasks, but waits until they have left. Any context.
     bool enter(const kernel_module_t* owner);
     void leave(const kernel_module_t* owner);
 
-    // Writes the logger's level into every loaded image. Images that are loaded later get it, too.
+    // Writes the logger's level into every loaded image, and later into every image that is loaded.
     void set_logger_level(int32_t level);
     int32_t logger_level() const;
 
@@ -75,17 +79,21 @@ class loader
     void unmap(loaded_module& module);
     bool add_user(const kernel_module_t* owner, int loaded_module::*count);
     void drop_user(const kernel_module_t* owner, int loaded_module::*count);
-    loaded_module* find(const std::string& name) const; // both: the caller holds mutex_
+
+    // The caller of find() holds mutex_.
+    loaded_module* find(const std::string& name) const;
     loaded_module* find(const kernel_module_t* declaration) const;
 
     machine& machine_;
-    // Guards the following members and the counts in modules_; never held while module code runs.
+    // Guards the following members, and all members of loaded_module except `texts` and `image`. Never held while
+    // module code runs.
     mutable std::mutex mutex_;
     std::list<std::unique_ptr<loaded_module>> modules_;
     int32_t logger_level_ = 5;
 };
 
-// A symbol of a loaded module. The module stays loaded during its lifetime.
+// A symbol of a loaded module. The module stays loaded as long as the held_symbol exists. Converts to false if the
+// module or the symbol is not available.
 class held_symbol
 {
   public:

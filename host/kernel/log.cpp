@@ -35,7 +35,7 @@ std::string log_line::raw() const
 void log::append(uint64_t tick, std::string_view text)
 {
     const std::lock_guard lock(mutex_);
-    last_tick_ = std::max(last_tick_, tick); // callers read the clock before they lock
+    last_tick_ = std::max(last_tick_, tick); // a caller may read the clock before another caller, but append later
     while (!text.empty()) {
         const size_t end = text.find('\n');
         const bool has_end = end != std::string_view::npos;
@@ -46,7 +46,7 @@ void log::append(uint64_t tick, std::string_view text)
 
 void log::add_piece(std::string_view piece, bool has_end)
 {
-    if (!last_is_open_) {
+    if (!has_open_line_) {
         const bool is_marked = has_mark(piece);
         begin_line(is_marked ? static_cast<int8_t>(piece[1] - '0') : log_default_priority, is_marked);
         if (is_marked) piece.remove_prefix(mark_size);
@@ -69,7 +69,7 @@ void log::begin_line(int8_t priority, bool has_mark)
     line.priority = priority;
     line.has_mark = has_mark;
     bytes_ += memory_of(line);
-    last_is_open_ = true;
+    has_open_line_ = true;
 }
 
 void log::extend_line(std::string_view piece)
@@ -89,7 +89,7 @@ void log::finish_line(bool has_end)
 {
     log_line& line = lines_.back();
     line.has_end = has_end;
-    last_is_open_ = false;
+    has_open_line_ = false;
     for (const auto& [handle, follower] : followers_) follower(line);
 }
 
@@ -103,7 +103,7 @@ std::vector<log_line> log::lines_from(uint64_t first, size_t limit, uint64_t* ne
 {
     const std::lock_guard lock(mutex_);
     if (drop_count) *drop_count = first_number_ - std::min(first, first_number_);
-    const uint64_t end = first_number_ + lines_.size() - (last_is_open_ ? 1 : 0);
+    const uint64_t end = first_number_ + lines_.size() - (has_open_line_ ? 1 : 0);
     std::vector<log_line> lines;
     *next = std::max(first, first_number_);
     for (; *next < end && lines.size() < limit; ++*next) lines.push_back(lines_[*next - first_number_]);
@@ -137,7 +137,7 @@ void log::clear()
     first_number_ += lines_.size();
     lines_.clear();
     bytes_ = 0;
-    last_is_open_ = false;
+    has_open_line_ = false;
 }
 
 std::string format_line(const log_line& line)

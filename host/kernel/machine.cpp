@@ -23,7 +23,7 @@ machine::~machine()
 
 std::vector<std::string> machine::left_by(const module_code& code) const
 {
-    // Called without the lock, because a service may create another one in its call.
+    // The services are called without the lock, because a service may create another service in this call.
     std::vector<const service*> services;
     {
         const std::lock_guard lock(services_mutex_);
@@ -41,8 +41,8 @@ service& machine::find_or_make(std::type_index type, std::unique_ptr<service> (*
         const std::lock_guard lock(services_mutex_);
         if (const auto entry = services_by_type_.find(type); entry != services_by_type_.end()) return *entry->second;
     }
-    // Create it without the lock, because a service may use others. If two threads create one at the same time, the
-    // first one is kept.
+    // Create the service without the lock, because its constructor may get other services. If two threads create the
+    // same service at the same time, only the service that is stored first is kept.
     std::unique_ptr<service> instance = make(*this);
     const std::lock_guard lock(services_mutex_);
     const auto [entry, is_new] = services_by_type_.try_emplace(type, instance.get());

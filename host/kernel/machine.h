@@ -26,21 +26,21 @@ struct semaphore;
 namespace kernel
 {
 
-// A part of a machine that belongs to a layer above the kernel: verbs, GSI, timing, the registry.
+// A part of a machine that a layer above the kernel adds: verbs, GSI, timers, the registry (host/stack).
 class service
 {
   public:
     virtual ~service() = default;
 
-    // Describes everything that the service still holds for a module after the module's exit function, one text each.
-    // These are subscriptions and timers that would call the module later, and resources that only the module could
+    // Called when a module's exit function has returned. Returns one text for each thing that the service still holds
+    // for the module: a subscription or a timer that can call the module, or a resource that only the module can
     // release. May sleep.
     virtual std::vector<std::string> left_by(const module_code&) const { return {}; }
 };
 
 struct machine_options {
     uint64_t random_seed = 0;             // 0 means random bytes from the system
-    size_t log_bytes = default_log_bytes; // the log's limit
+    size_t log_bytes = default_log_bytes; // memory for the lines of the log; older lines are dropped
 };
 
 class machine final : public exec::task_home
@@ -49,8 +49,8 @@ class machine final : public exec::task_home
     // The executor must outlive the machine.
     machine(executor& exec, std::string name, const machine_options& options = {});
 
-    // Destroys the services in reverse order of creation, and prints leaks to stderr. A hard error if a module is still
-    // loaded.
+    // Destroys the services in reverse order of creation. Then prints the blocks of kmalloc that were not freed to
+    // stderr. Panics if a module is still loaded.
     ~machine();
     machine(const machine&) = delete;
     machine& operator=(const machine&) = delete;
@@ -61,12 +61,12 @@ class machine final : public exec::task_home
     void plug(fabric::hca& adapter) { hcas_.push_back(&adapter); }
     const std::vector<fabric::hca*>& hcas() const { return hcas_; }
 
-    // Returns the machine's only `service_t`. The first call creates it with service_t(machine&) and may sleep. Code in
-    // contexts that may not sleep keeps a pointer. Any thread.
+    // Returns the machine's only `service_t`. The first call creates it with service_t(machine&) and may sleep. Code
+    // that may not sleep must get the service beforehand and keep a pointer to it. Any thread.
     template <class service_t>
     service_t& get();
 
-    // For a thread from outside: runs `body` inside this machine; see executor::enter.
+    // Runs `body` inside this machine and returns when it has ended; see executor::enter.
     void enter(const std::string& task_name, const std::function<void()>& body) { exec_.enter(this, task_name, body); }
 
     // Starts a task inside this machine; see executor::start. Reports show its name as "machine/name".
@@ -75,13 +75,13 @@ class machine final : public exec::task_home
         return exec_.start(this, task_name, std::move(body));
     }
 
-    // Describes everything that the services still hold for a module after its exit function. May sleep.
+    // Calls service::left_by() of all services and returns all their texts. May sleep.
     std::vector<std::string> left_by(const module_code& code) const;
 
     kernel::log log;
     fault_injector faults;
-    std::atomic<uint64_t> signals_seen{
-        0}; // waits that a signal ended, and calls of signal_pending() that returned true
+    // Counts the waits that a signal has ended, and the calls of signal_pending() that have returned true.
+    std::atomic<uint64_t> signals_seen{0};
     memory_account memory;
     address_layout addresses{memory};
     random_source random;
@@ -107,7 +107,7 @@ service_t& machine::get()
     }));
 }
 
-// Returns the machine of the calling task. A hard error that names `caller` if the task is outside of all machines.
+// Returns the machine of the calling task. Panics with the name `caller` if the task is outside of all machines.
 inline machine& current_machine(const char* caller)
 {
     auto* home = static_cast<machine*>(current_task_of(caller).home);
@@ -116,8 +116,8 @@ inline machine& current_machine(const char* caller)
     return *home;
 }
 
-// Does the same at the start of a kernel call that may sleep. A hard error in a context that may not sleep. As in a
-// real kernel, other tasks may run first.
+// Returns the machine of the calling task. A kernel call that may sleep begins with this function. Other tasks may run
+// before it returns, as in a real kernel. Panics in a context that may not sleep.
 inline machine& machine_where_others_may_run(const char* call)
 {
     might_sleep(call);
@@ -126,7 +126,8 @@ inline machine& machine_where_others_may_run(const char* call)
     return home;
 }
 
-// The same as down_interruptible(), but for the kernel itself: injected faults do not affect it.
+// Does the same as down_interruptible() of kernel/sync.h. But the fault injector cannot make it fail. The kernel itself
+// uses it.
 int down_or_signal(semaphore* sem);
 
 } // namespace kernel

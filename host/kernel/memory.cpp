@@ -15,12 +15,12 @@ namespace kernel
 namespace
 {
 
-constexpr size_t nominal_step = 64; // between the addresses that the log shows
-constexpr size_t shelf_step =
-    64; // sizes are rounded up to a multiple of this; larger blocks than the last are not kept
+constexpr size_t nominal_step = 64; // the addresses that the log shows are multiples of this
+constexpr size_t shelf_step = 64;   // shelf n keeps freed blocks with room for n * shelf_step bytes
 constexpr size_t first_buckets = 16;
 
-// The number of freed blocks that a shelf keeps. The address sanitizer needs every block freed, to report later uses.
+// The largest number of freed blocks on a shelf. The address sanitizer reports the use of a freed block only if the
+// block was really freed. Therefore the shelves stay empty under this sanitizer.
 #ifdef __SANITIZE_ADDRESS__
 constexpr size_t shelf_capacity = 0;
 #else
@@ -35,10 +35,10 @@ size_t shelf_of(size_t size)
 } // namespace
 
 struct alignas(std::max_align_t) memory_account::block {
-    block* next; // in the bucket, or on the shelf
+    block* next; // the next block in the same bucket or on the same shelf
     size_t size;
-    const void* caller;
-    uint64_t nominal; // the address that the log shows
+    const void* caller; // the code that has allocated the block
+    uint64_t nominal;   // the address that the log shows
 
     void* memory() { return this + 1; }
     const char* begin() const { return reinterpret_cast<const char*>(this + 1); }
@@ -129,10 +129,10 @@ bool memory_account::release(const void* memory)
     return true;
 }
 
-// Returns a block without contents, or null if there is no memory.
+// Returns a block with an uninitialised header, or null if there is no memory.
 memory_account::block* memory_account::take_block(size_t size)
 {
-    if (size > PTRDIFF_MAX) return nullptr; // the header must not make it wrap
+    if (size > PTRDIFF_MAX) return nullptr; // otherwise sizeof(block) + size may overflow
     const size_t number = shelf_of(size);
     if (number >= shelf_count) return static_cast<block*>(std::malloc(sizeof(block) + size));
     shelf& shelf = shelves_[number];
@@ -173,8 +173,8 @@ size_t memory_account::bucket_of(const void* memory) const
     return (reinterpret_cast<uintptr_t>(memory) * spread >> 32) & (buckets_.size() - 1);
 }
 
-// Returns the link to the block with this memory, or the null link at the end of its bucket. The memory is not read:
-// the pointer need not be valid. There must be buckets.
+// Returns the link that points to the block beginning at `memory`, or the null link at the end of the bucket. Does not
+// read the memory, so the pointer may be invalid. buckets_ must not be empty.
 memory_account::block** memory_account::link_to(const void* memory) const
 {
     block* const* link = &buckets_[bucket_of(memory)];

@@ -1,5 +1,6 @@
-// The memory that kmalloc allocates on one machine. It is counted, and leaks are listed. A freed block is kept for the
-// next one of its size, so a load that repeats itself soon allocates nothing from the process.
+// The memory that kmalloc allocates on one machine. Counts the blocks and lists those that were not freed. A freed
+// block is kept and used again for a block of about the same size. A task that repeats its work therefore soon needs no
+// further memory from malloc().
 #pragma once
 
 #include <array>
@@ -24,7 +25,7 @@ class memory_account
 {
   public:
     memory_account() = default;
-    ~memory_account(); // frees the blocks that leaked
+    ~memory_account(); // also frees the blocks that the machine has not freed
     memory_account(const memory_account&) = delete;
     memory_account& operator=(const memory_account&) = delete;
 
@@ -35,31 +36,32 @@ class memory_account
     // The number of all blocks allocated so far.
     uint64_t total_allocations() const;
 
-    // One line for each block that has not been freed: its size and the code that allocated it. The code is a symbol,
-    // or a place in its image for addr2line: "ats+0x1a2b".
+    // Returns one line for each block that has not been freed: its size and the code that allocated it. The code is
+    // the name of an exported function, or a place in an image for addr2line: "ats+0x1a2b".
     std::vector<std::string> leaks() const;
 
-    // Call it before an image is unmapped. Stores the module's name for the blocks that its code has allocated.
+    // Call it before a module is unmapped. Finds the blocks that the module has not freed, and stores for each of them
+    // the place of the code that allocated it. leaks() can then still print this place.
     void note_unmapping(const module_code& code);
 
-    // Returns null if there is no memory. `caller` is the code that allocates.
+    // Returns null if there is no memory. `caller` is the address of the code that allocates.
     void* allocate(size_t size, const void* caller);
 
     // Returns the address that the log shows for a pointer into a block, or none if the pointer is outside of all
     // blocks.
     std::optional<uint64_t> nominal(const void* pointer) const;
 
-    // Frees a block. Returns false if this machine has no such block.
+    // Frees the block that begins at `memory`. Returns false if this machine has no such block.
     bool release(const void* memory);
 
   private:
-    struct block; // the header of a block; the memory for the caller follows it
-    struct shelf {
+    struct block;  // the header of a block; the memory for the caller follows it
+    struct shelf { // a list of freed blocks of one size
         block* first = nullptr;
         size_t count = 0;
     };
 
-    // The caller of the next calls holds mutex_.
+    // The callers of the next functions hold mutex_.
     block* take_block(size_t size);
     void put_block(block* freed);
     void insert(block* added);
@@ -70,12 +72,12 @@ class memory_account
     size_t bucket_of(const void* memory) const;
 
     mutable exec::brief_lock mutex_; // guards the following members
-    std::vector<block*> buckets_;    // a hash table of the blocks by their memory; the size is a power of two
+    std::vector<block*> buckets_;    // a hash table of the blocks by their address; the size is a power of two
     size_t block_count_ = 0;
     size_t bytes_ = 0;
     uint64_t total_allocations_ = 0;
     uint64_t next_nominal_ = nominal_allocations;
-    std::unordered_map<const block*, std::string> unmapped_callers_; // names of callers whose image was unmapped
+    std::unordered_map<const block*, std::string> unmapped_callers_; // the places that note_unmapping() has stored
 
     static constexpr size_t shelf_count = 16;
     std::array<shelf, shelf_count> shelves_; // freed blocks by size

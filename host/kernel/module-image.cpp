@@ -26,8 +26,8 @@ namespace
 
 constexpr rlim_t spare_descriptors = 16; // left for the file, the linker and other threads
 
-// Raises the limit of open descriptors. Every image keeps one open, and a thousand machines need more than the default
-// limit.
+// Raises the limit of open descriptors if `descriptor` is close to it. Every image of the dynamic linker keeps one
+// descriptor open, so a thousand machines need more descriptors than the default limit allows.
 void allow_descriptors_beyond(int descriptor)
 {
     rlimit limit{};
@@ -75,7 +75,8 @@ std::string path_of(int descriptor)
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// Clang's address sanitizer adds a guard behind each variable. The size of the symbol includes it.
+// Returns true if a symbol of this size can be a kernel_module_t. Clang's address sanitizer adds guard bytes behind
+// each variable, and the size of the symbol includes them.
 bool is_size_of_declaration(size_t bytes)
 {
 #if defined(__SANITIZE_ADDRESS__) && defined(__clang__)
@@ -155,7 +156,7 @@ module_image::~module_image()
         dlclose(handle_);
         if (void* mapped_image = dlopen(path_of(copy_).c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
             dlclose(mapped_image);
-            is_unmapped = false; // an image can ask to stay mapped; then no other copy can ever use this path
+            is_unmapped = false; // an image can ask to stay mapped; its path must then never be used again
         }
     }
     if (copy_ >= 0 && is_unmapped) close(copy_);
@@ -197,7 +198,7 @@ ats::result<> module_image::copy(const std::string& path)
         return tl::make_unexpected(
             exec::shortage_error("no room for a copy of " + path + " (" + std::strerror(errno) + ")"));
     allow_descriptors_beyond(copy_);
-    // O_NONBLOCK: without it, opening a FIFO without a writer would block. A later check refuses a FIFO.
+    // With O_NONBLOCK, open() does not wait for the writer of a FIFO. copy_file() then refuses the FIFO.
     const int source = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     const ats::result<> result = source < 0 ? ats::fail(std::strerror(errno)) : copy_file(source, copy_);
     if (source >= 0) close(source);
@@ -207,8 +208,8 @@ ats::result<> module_image::copy(const std::string& path)
                      "no module image at " + path + " (" + result.error().text + "): build it or give its path");
 }
 
-// Fails if this kernel cannot use the module's record. The error describes the record. Reads a field only if an earlier
-// check shows that it exists.
+// Fails if this kernel cannot use the module's `this_module`. The error says what is wrong with it. Checks its size and
+// version first, because another kernel's record may lack the fields that are checked later.
 ats::result<> module_image::check_declaration() const
 {
     if (const size_t size = object_size(declaration_); !is_size_of_declaration(size))
@@ -232,7 +233,7 @@ bool module_image::contains(const void* address) const
 void* module_image::symbol(const std::string& name) const
 {
     if (placed_) return placed_->symbol(name);
-    void* address = dlsym(handle_, name.c_str()); // also searches the libraries that the image needs
+    void* address = dlsym(handle_, name.c_str()); // dlsym() also searches the libraries that the image needs
     return contains(address) ? address : nullptr;
 }
 

@@ -1,4 +1,5 @@
-// A module image whose variables are private.
+// The image of a module in memory. Each machine has its own images, because the variables of a module belong to one
+// machine. Most images share their code (placed-image.h).
 #pragma once
 
 #include <cstddef>
@@ -15,9 +16,9 @@ namespace kernel
 
 class placed_image;
 
-// Makes an image of a module file. Most images are placed (placed-image.h). If a file cannot be placed, the dynamic
-// linker maps a copy of it. Each image needs its own copy, because the dynamic linker maps a file only once. For one
-// thread at a time.
+// One image. It is a placed_image if the module file can be placed. If not, the dynamic linker maps a copy of the file.
+// Each such image needs another copy, because the dynamic linker maps a file only once. Only one thread at a time may
+// use the object.
 class module_image
 {
   public:
@@ -26,14 +27,14 @@ class module_image
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    // Makes the image. Call it once. Errors: not_found if there is no such file; invalid if this kernel cannot use it
-    // as a module; no_memory if a limit of the process is reached.
+    // Makes the image from the module file at `path`. Call it once. Fails with not_found if there is no such file, with
+    // invalid if the file is not a module for this kernel, and with no_memory if a limit of the process is reached.
     ats::result<> map(const std::string& path);
 
     // The module's `this_module`, which is inside the image. Null before map() has succeeded.
     kernel_module_t* declaration() const { return declaration_; }
 
-    // Returns the address of a symbol that the image itself exports, or null.
+    // Returns the address of a symbol that the image exports, or null. Ignores the symbols of other libraries.
     void* symbol(const std::string& name) const;
 
   private:
@@ -42,14 +43,18 @@ class module_image
     ats::result<> check_declaration() const;
     bool contains(const void* address) const;
 
-    std::unique_ptr<placed_image> placed_; // null if the dynamic linker has mapped the image (next two members)
-    int copy_ = -1; // a memory file; stays open, because the linker treats equal paths as one object
+    std::unique_ptr<placed_image> placed_; // null if the dynamic linker has mapped the image
+
+    // Only for an image of the dynamic linker: the descriptor of a memory file with the copy, and dlopen()'s handle.
+    // The descriptor stays open, so that no other image gets the path "/proc/self/fd/N". The dynamic linker takes files
+    // with equal paths for one object.
+    int copy_ = -1;
     void* handle_ = nullptr;
     kernel_module_t* declaration_ = nullptr;
 };
 
-// The address range of a loaded module. With it the kernel and its services find everything that the module has left
-// behind.
+// Recognises the code of one loaded module. After the module's exit function, the kernel and its services look in this
+// way for callbacks and memory that the module has left behind.
 class module_code
 {
   public:
@@ -58,7 +63,7 @@ class module_code
 
     const std::string& name() const { return name_; }
 
-    // Returns true if the code belongs to the module.
+    // Returns true if the address `code` is in the module's image.
     bool holds(const void* code) const;
 
     template <class result_t, class... arguments_t>
@@ -67,7 +72,7 @@ class module_code
         return holds(reinterpret_cast<const void*>(function));
     }
 
-    // A place in the code, in the form for addr2line: "ats+0x1a2b".
+    // Returns the place of an address in the image, in the form for addr2line: "ats+0x1a2b".
     std::string place(const void* code) const;
 
     template <class result_t, class... arguments_t>
@@ -81,25 +86,28 @@ class module_code
     const void* const base_;
 };
 
-// A place in the image that is mapped at `base`, for example "ats+0x1a2b".
+// Returns the place of the address `code` in the image with the name `image`, which is mapped at `base`. Example:
+// "ats+0x1a2b".
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// Describes code for reports: by the exported function that contains it, or by its place in its image.
+// Returns a text for reports: the name of the exported function that contains `code`, or the place of `code` in its
+// image.
 std::string describe_code(const void* code);
 
-// A part of an image in memory. `usual_offset` is the offset that the part would have in the image if the variables
-// followed directly behind the code. An image that the dynamic linker has mapped is one part.
+// A part of an image in memory. An image that the dynamic linker has mapped is one part. A placed image has two: its
+// code, and its variables. `usual_offset` is the offset of the part in an image that was linked without data_distance
+// (image-template.h).
 struct image_part {
     const void* begin;
     size_t bytes;
     size_t usual_offset;
 };
 
-// The parts of the image that contains an address. The image may be a module, the program or a library. The first part
-// is the beginning of the image. Empty if there is no such image. Any thread.
+// Returns the parts of the image that contains an address, beginning with its code. The image may be a module, the
+// program or a library. Empty if no image contains the address. Any thread.
 std::vector<image_part> parts_of_image(const void* address);
 
-// The start address of that image, or null if there is none. Any thread.
+// Returns the start address of the image that contains an address, or null if no image contains it. Any thread.
 const void* image_of(const void* address);
 
 } // namespace kernel

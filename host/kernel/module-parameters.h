@@ -1,4 +1,4 @@
-// The parameters of insmod's command line.
+// Sets the parameters of a module from the command line of insmod.
 #pragma once
 
 #include <list>
@@ -11,9 +11,9 @@ struct kernel_module_t;
 namespace kernel
 {
 
-// Sets variables of the image from the assignments in "name=value name=\"two words\"". Stores texts in `texts`, which
-// must live as long as the image. Fails (invalid) with one line that lists the valid parameters. Some parameters may
-// already be set then.
+// Sets variables of the module's image from assignments such as "name=value name=\"two words\"". Stores values that are
+// texts in `texts`, which must outlive the image. If an assignment is wrong, fails (invalid) with one line that also
+// lists the valid parameters. The assignments before the wrong one may then be done.
 ats::result<> set_parameters(const kernel_module_t& module, const std::string& parameters,
                              std::list<std::string>* texts);
 

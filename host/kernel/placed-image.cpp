@@ -28,20 +28,21 @@ struct stored_module {
 };
 
 struct module_store {
-    using key = std::tuple<dev_t, ino_t, off_t, int64_t, int64_t>; // a changed file has another key
+    // Device, inode, size, and time of the last change (seconds, nanoseconds). A changed file has another key.
+    using key = std::tuple<dev_t, ino_t, off_t, int64_t, int64_t>;
 
     std::mutex mutex; // guards `modules`, and the slots of all areas
     std::map<key, stored_module> modules;
 };
 
-// Never destroyed: images may stay until the process ends.
+// The store is never destroyed, because images may exist until the process ends.
 module_store& store()
 {
     static auto& instance = *new module_store;
     return instance;
 }
 
-// The code of a module file. Null if the file cannot be placed.
+// Reads a module file. Returns null if the file cannot be placed.
 std::unique_ptr<shared_code> read_module(int file, const std::string& name)
 {
     std::unique_ptr<image_template> source = read_image_template(file);
@@ -51,7 +52,9 @@ std::unique_ptr<shared_code> read_module(int file, const std::string& name)
     return code->slots() > 0 ? std::move(code) : nullptr;
 }
 
-// The module of an open file. Null if it cannot be placed. The caller of this and the next two holds the store's lock.
+// The callers of the next three functions hold the store's mutex.
+
+// Returns the stored module of an open file. Reads and stores it if necessary. Returns null if it cannot be placed.
 stored_module* module_of(int file, const std::string& name)
 {
     struct stat attributes;
@@ -66,7 +69,7 @@ stored_module* module_of(int file, const std::string& name)
 
 ats::result<stored_module*> find_module(const std::string& path)
 {
-    // O_NONBLOCK: opening a FIFO without a writer must not block.
+    // With O_NONBLOCK, open() does not wait for the writer of a FIFO.
     const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file < 0) {
         if (ats::result<> limits = exec::check_limits(); !limits) return ats::pass_on(limits);
@@ -112,7 +115,7 @@ ats::result<std::unique_ptr<placed_image>> placed_image::place(const std::string
     if (!slot) return ats::pass_on(slot);
     lock.unlock();
     std::unique_ptr<placed_image> image(new placed_image(**area, *slot));
-    image->initialise(); // may call the kernel
+    image->initialise(); // without the lock, because initialisers may call the kernel
     return image;
 }
 
@@ -148,7 +151,7 @@ void placed_image::initialise()
     if (initialisers.first != 0) reinterpret_cast<function*>(begin_ + initialisers.first)(0, nullptr, environ);
     for (size_t i = 0; i < initialisers.array_size; ++i)
         reinterpret_cast<function**>(begin_ + initialisers.array)[i](0, nullptr, environ);
-    area_.give_back_zero_pages(slot_); // constructors write zeros, too
+    area_.give_back_zero_pages(slot_); // memcpy() and the initialisers may have written only zeros to a page
 }
 
 void* placed_image::symbol(const std::string& name) const

@@ -12,22 +12,24 @@ namespace kernel
 
 class image_area;
 
-// One image. Its destructor frees the slot.
+// One image in a slot of an area.
 class placed_image
 {
   public:
-    // Places an image of the module file at `path` and runs its initialisers. Returns null if the file cannot be placed
-    // (see read_image_template). Also returns null if the environment variable ATS_DLOPEN_MODULES is set. Then the
-    // dynamic linker maps the image, so that debuggers and profilers see all of it. Fails (no_memory) when a limit of
-    // the process is used up. A file is read again only when it has changed. Any thread.
+    // Places an image of the module file at `path` and runs its initialisers. Reads the file only at the first call and
+    // after the file has changed. Fails (no_memory) when a limit of the process is reached. Any thread.
+    //
+    // Returns null if the file cannot be opened or cannot be placed (see read_image_template). Also returns null if the
+    // environment variable ATS_DLOPEN_MODULES is set. The caller then lets the dynamic linker map an image. Debuggers
+    // and profilers see all of such an image.
     static ats::result<std::unique_ptr<placed_image>> place(const std::string& path);
 
-    // Runs the exit functions of the image.
+    // Runs the finalisers of the image and frees its slot.
     ~placed_image();
     placed_image(const placed_image&) = delete;
     placed_image& operator=(const placed_image&) = delete;
 
-    // The exported function or variable of that name, or null.
+    // Returns the address of the exported function or variable with this name, or null.
     void* symbol(const std::string& name) const;
 
   private:
@@ -41,9 +43,9 @@ class placed_image
     thread_variables thread_variables_;
 };
 
-// The placed image that an address belongs to. Any thread, any context; takes no lock.
+// Finds the placed image that contains an address. Takes no lock. Any thread, any context.
 struct placed_range {
-    const image_template* source = nullptr; // null if the address does not belong to a placed image
+    const image_template* source = nullptr; // null if no placed image contains the address
     char* begin = nullptr;
 };
 placed_range find_placed_image(const void* address);

@@ -15,8 +15,8 @@ struct proc_tree::node {
     proc_dir_entry entry{};
     mode_t mode = 0;
     bool is_directory = false;
-    int users = 0;               // number of tasks in its handlers
-    task* remove_task = nullptr; // waits until they have left
+    int users = 0;               // number of `visit` objects
+    task* remove_task = nullptr; // the task that removes the entry; it waits until `users` is 0
     semaphore write_semaphore;   // held while the write handler runs
     std::map<std::string, std::shared_ptr<node>> children;
 };
@@ -86,7 +86,8 @@ int proc_tree::stat(const std::string& path, proc_listing* entry) const
     return 0;
 }
 
-// During its lifetime, an entry is not removed and its owner is not unloaded. A handler can then run safely.
+// A visit of a task to an entry. As long as it exists, remove() waits and the owner of the entry is not unloaded.
+// Therefore the task can run a handler.
 class proc_tree::visit
 {
   public:
@@ -95,7 +96,7 @@ class proc_tree::visit
         const std::lock_guard lock(tree_.mutex_);
         const std::shared_ptr<node> target = tree_.find(path);
         if (!target) return;
-        if (!target->entry.read_proc && !target->entry.write_proc) { // without handlers, its owner may not be set yet
+        if (!target->entry.read_proc && !target->entry.write_proc) { // a module sets the owner before the handlers
             error_ = -EK_INVAL;
             return;
         }
@@ -119,7 +120,7 @@ class proc_tree::visit
     visit(const visit&) = delete;
     visit& operator=(const visit&) = delete;
 
-    // Returns 0, or the error number if there is no usable entry.
+    // Returns 0, or a negative error number if the entry cannot be used.
     int error() const { return error_; }
     node* operator->() const { return node_.get(); }
 
@@ -133,13 +134,13 @@ class proc_tree::visit
 namespace
 {
 
-// The answer of a read handler: `length` bytes at `start`. A negative length is an error number.
+// The answer of a read handler: `length` bytes at `start`. If `length` is negative, it is an error number.
 struct proc_answer {
     const char* start;
     int length;
 };
 
-// Cuts an answer to `size` bytes and to the page. A hard error if it starts outside of the page.
+// Cuts an answer to `size` bytes and to the end of the page. Panics if the answer starts outside of the page.
 proc_answer within_bounds(const std::string& path, const std::string& page, proc_answer answer, size_t size)
 {
     if (answer.length <= 0) return answer;

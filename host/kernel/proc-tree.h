@@ -17,11 +17,11 @@ namespace kernel
 
 class machine;
 
-// One entry in a list for users.
+// One entry, as list() and stat() report it.
 struct proc_listing {
     std::string name;
     bool is_directory = false;
-    mode_t mode = 0;
+    mode_t mode = 0; // permission bits
 };
 
 // Any thread.
@@ -31,23 +31,26 @@ class proc_tree
     explicit proc_tree(machine& machine);
     ~proc_tree();
 
-    // Paths are relative to the root; "" is the root itself. Results are 0 or more, or a negative error number, like
-    // the results of the handlers. -EK_NOENT means that there is no such entry or its owner is being unloaded.
-    // -EK_INVAL means that the entry has the wrong kind or does not have that handler (yet). Call read() and write()
-    // inside the machine. The handlers run in the calling task and may sleep.
+    // Paths are relative to the root of the tree; "" is the root itself. The functions return 0 or more, or a negative
+    // error number. -EK_NOENT means that there is no such entry or its owner is being unloaded. -EK_INVAL means that
+    // the entry has the wrong kind, or that its module has not set the necessary handler. The handlers may return other
+    // error numbers.
 
     // Appends the entries of a directory to `entries`.
     int list(const std::string& path, std::vector<proc_listing>* entries) const;
 
+    // Describes one entry.
     int stat(const std::string& path, proc_listing* entry) const;
 
-    // Reads from `offset` on, page by page like a kernel. Stops when `size` bytes are read, when the handler signals
-    // the end of the file, or when its answer is empty. Appends to `text`, which is usually empty, and returns its
-    // whole length. kernel/proc.h describes what happens if a handler exceeds its bounds.
+    // The calling task of read() and write() is inside the machine. It runs the handlers, which may sleep.
+
+    // Reads from `offset` on, page by page like a kernel, and appends to `text`. Ends when `text` has `size` bytes,
+    // when the handler reports the end of the file, or when the handler returns 0 bytes. Returns the length of `text`.
+    // kernel/proc.h describes what happens if a handler exceeds its bounds.
     int read(const std::string& path, size_t offset, size_t size, std::string* text);
 
-    // Passes the bytes to the handler in one call. Returns the handler's result. Returns -EK_RESTARTSYS if a signal
-    // arrives while it waits for another writer.
+    // Passes the bytes to the handler in one call, and returns the handler's result. First waits until no other task
+    // writes to the entry. Returns -EK_RESTARTSYS if a signal ends this wait.
     int write(const std::string& path, const std::string& bytes);
 
     // These functions implement create_proc_entry(), proc_mkdir() and remove_proc_entry() of kernel/proc.h.

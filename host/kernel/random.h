@@ -1,4 +1,4 @@
-// Random bytes from the system, or from a seed for repeatable runs. Any thread.
+// Gives random bytes from the system, or from a seed if a run must be repeatable. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ namespace kernel
 class random_source
 {
   public:
-    explicit random_source(uint64_t seed); // 0 means from the system
-    void fill(void* buffer, int count);
+    explicit random_source(uint64_t seed); // 0 means that the bytes come from the system
+    void fill(void* buffer, int count);    // `count` is in bytes
 
   private:
     std::mutex mutex_;

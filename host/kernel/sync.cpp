@@ -1,3 +1,5 @@
+// Implements semaphores, spin locks, wait queues and sleeps for modules. A sleeping task is parked by the executor, and
+// woken by up(), wake_up_interruptible() or a signal.
 #include "kernel/sync.h"
 
 #include "host/exec/brief-lock.h"
@@ -16,7 +18,8 @@ task& self(const char* caller = __builtin_FUNCTION())
     return exec::current_task_of(caller);
 }
 
-// Holds a guard for a few instructions. Other tasks spin meanwhile, because no task sleeps while it holds a guard.
+// Holds a guard in a scope of a few instructions. No task sleeps while it holds a guard. Therefore another task that
+// needs the guard spins.
 class guarded
 {
   public:
@@ -32,8 +35,9 @@ class guarded
     kernel_guard_t& guard_;
 };
 
-// Call it when a task has slept for something else while it was in a wait queue. A wake-up of that queue may have ended
-// this sleep. Makes the task's next sleep end at once, so the wake-up is not lost.
+// Call it when a task has slept in an inner wait (for a semaphore or in a second wait queue) while it was also in an
+// outer wait queue. A wake-up of the outer queue may have ended the inner sleep. Therefore this function makes the
+// task's next sleep end at once, so that the task checks the condition of the outer queue again.
 void keep_outer_wake_up(task& sleeper)
 {
     if (sleeper.wait_queue) sleeper.exec.wake(sleeper);
@@ -43,7 +47,7 @@ void keep_outer_wake_up(task& sleeper)
 struct semaphore_waiter {
     list_head link;
     ::task* task;
-    bool has_unit; // guarded by the semaphore
+    bool has_unit; // true if up() has given the task a unit; guarded by the semaphore's guard
 };
 
 bool has_unit(semaphore* sem, const semaphore_waiter& waiter)
@@ -52,7 +56,7 @@ bool has_unit(semaphore* sem, const semaphore_waiter& waiter)
     return waiter.has_unit;
 }
 
-// Leaves the queue. Returns false if the caller got a unit meanwhile.
+// Removes the waiter from the queue. Returns false if up() has already removed it and given it a unit.
 bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
@@ -61,7 +65,7 @@ bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
     return true;
 }
 
-// Takes a unit or joins the queue. Returns true if it has taken a unit.
+// Takes a unit and returns true. If there is none, puts the calling task into the queue and returns false.
 bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
 {
     const guarded inside(sem->guard);
@@ -79,7 +83,8 @@ void count_signal_seen(const task& task)
     if (task.home) ++static_cast<kernel::machine*>(task.home)->signals_seen;
 }
 
-// Returns the remaining ticks. An uninterruptible sleep ends early only if the task is in a wait queue.
+// Sleeps and returns the remaining ticks. Outside of all wait queues, an uninterruptible sleep lasts until its
+// deadline.
 unsigned long sleep_for(unsigned long timeout_ticks, const char* call, bool is_interruptible)
 {
     might_sleep(call);
@@ -153,8 +158,8 @@ void up(semaphore* sem)
             auto* first = list_entry(sem->waiters.next, semaphore_waiter, link);
             list_del_init(&first->link);
             first->has_unit = true;
-            // Wake the task while holding the guard. The record is on its stack, and the task may free it when the
-            // guard is released.
+            // Wake the task while holding the guard. As soon as the guard is released, the task may continue and its
+            // record `first`, which is on its stack, may be gone.
             first->task->exec.wake(*first->task);
         }
     }

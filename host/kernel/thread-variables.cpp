@@ -12,6 +12,7 @@ namespace kernel
 namespace
 {
 
+// The image and the thread to which a copy of variables belongs.
 struct owner {
     const thread_variables* image;
     const void* thread;
@@ -23,20 +24,20 @@ struct owner {
     }
 };
 
-// Modules have few such variables and seldom use them, so one lock is enough.
+// The copies of all threads. Modules have few thread-local variables and seldom use them, so one lock is enough.
 struct all_variables {
     std::mutex mutex;
-    std::map<owner, std::unique_ptr<char[]>> blocks;
+    std::map<owner, std::unique_ptr<char[]>> copies;
 };
 
-// Never destroyed, because threads may end after the program's statics are destroyed.
+// The object is never destroyed, because threads may end after the program's statics are destroyed.
 all_variables& variables()
 {
     static auto& instance = *new all_variables;
     return instance;
 }
 
-// Identifies a thread, and frees its variables when it ends.
+// The address of this object identifies a thread. When the thread ends, the destructor frees the thread's copies.
 struct thread_mark {
     bool has_variables = false;
 
@@ -44,7 +45,7 @@ struct thread_mark {
     {
         if (!has_variables) return;
         const std::lock_guard lock(variables().mutex);
-        std::erase_if(variables().blocks, [this](const auto& each) { return each.first.thread == this; });
+        std::erase_if(variables().copies, [this](const auto& each) { return each.first.thread == this; });
     }
 };
 
@@ -55,28 +56,28 @@ thread_local thread_mark mark_of_thread;
 thread_variables::~thread_variables()
 {
     const std::lock_guard lock(variables().mutex);
-    auto& blocks = variables().blocks;
-    auto first = blocks.lower_bound({this, nullptr}), end = first;
-    while (end != blocks.end() && end->first.image == this) ++end;
-    blocks.erase(first, end);
+    auto& copies = variables().copies;
+    auto first = copies.lower_bound({this, nullptr}), end = first;
+    while (end != copies.end() && end->first.image == this) ++end;
+    copies.erase(first, end);
 }
 
-char* thread_variables::of_this_thread()
+char* thread_variables::copy_of_this_thread()
 {
     thread_mark& mark = mark_of_thread;
     const std::lock_guard lock(variables().mutex);
-    std::unique_ptr<char[]>& block = variables().blocks[{this, &mark}];
-    if (!block) {
+    std::unique_ptr<char[]>& copy = variables().copies[{this, &mark}];
+    if (!copy) {
         mark.has_variables = true;
-        block = std::make_unique<char[]>(layout_.bytes);
-        std::memcpy(block.get(), layout_.first_values.data(), layout_.first_values.size());
+        copy = std::make_unique<char[]>(layout_.bytes);
+        std::memcpy(copy.get(), layout_.first_values.data(), layout_.first_values.size());
     }
-    return block.get();
+    return copy.get();
 }
 
 void* address_of_thread_variable(const thread_variable_index* index)
 {
-    return index->image->of_this_thread() + index->offset;
+    return index->image->copy_of_this_thread() + index->offset;
 }
 
 } // namespace kernel

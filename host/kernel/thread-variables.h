@@ -1,4 +1,5 @@
-// The thread-local variables of placed images. The dynamic linker does not know these images.
+// The thread-local variables of placed images. The dynamic linker does not know these images, so the kernel allocates
+// the variables itself and replaces __tls_get_addr().
 #pragma once
 
 #include <cstddef>
@@ -8,24 +9,24 @@ namespace kernel
 {
 
 struct thread_variables_layout {
-    std::string first_values; // the rest are zero
-    size_t bytes = 0;
+    std::string first_values; // initial bytes of the variables; all later bytes are zero
+    size_t bytes = 0;         // size of all variables
 };
 
-// The thread-local variables of one image. A thread gets its copy when it first uses one of them.
+// The thread-local variables of one image. A thread gets its own copy of them when it first uses one.
 class thread_variables
 {
   public:
     // `layout` must outlive this object.
     explicit thread_variables(const thread_variables_layout& layout) : layout_(layout) {}
 
-    // Frees the variables of all threads. Meanwhile no thread may use them.
+    // Frees the variables of all threads. No thread may use them any more.
     ~thread_variables();
     thread_variables(const thread_variables&) = delete;
     thread_variables& operator=(const thread_variables&) = delete;
 
-    // The variables of the calling thread.
-    char* of_this_thread();
+    // Returns the copy of the calling thread. Any thread.
+    char* copy_of_this_thread();
 
   private:
     const thread_variables_layout& layout_;
@@ -34,10 +35,10 @@ class thread_variables
 // The argument that an image passes to __tls_get_addr (System V ABI of x86-64, "Thread-Local Storage").
 struct thread_variable_index {
     thread_variables* image;
-    unsigned long offset;
+    unsigned long offset; // of the variable in the copy of a thread
 };
 
-// Replaces __tls_get_addr. Returns the address of the variable in the calling thread.
+// Placed images call this function instead of __tls_get_addr(). Returns the address of the calling thread's variable.
 void* address_of_thread_variable(const thread_variable_index* index);
 
 } // namespace kernel

@@ -1,6 +1,7 @@
-// Exceptions pass through module code: a call of the kernel throws when memory is used up. The unwinder gets the unwind
-// table of each address from the C library's _dl_find_object(). That function knows only images of the dynamic linker.
-// This file replaces it, and adds the placed images. The program's own function has precedence.
+// Lets exceptions pass through the code of placed images. A kernel call throws exec::shortage when a limit of the
+// process is reached, and its caller is module code. The unwinder calls _dl_find_object() to find the unwind table for
+// an address. The C library's function knows only the images of the dynamic linker. The function in this file takes
+// precedence over it, and also finds the placed images.
 #include <dlfcn.h>
 
 #include "host/kernel/placed-image.h"
@@ -17,7 +18,7 @@ find_object_t* library_function()
     return function;
 }
 
-// Looked up at start, not while an exception passes.
+// Finds the C library's function when the program starts. Otherwise dlsym() is called while an exception is handled.
 [[maybe_unused]] find_object_t* const found_at_start = library_function();
 
 } // namespace

@@ -13,7 +13,7 @@ namespace kernel
 namespace
 {
 
-// The bytes from `memory` to the end of its page.
+// Returns the number of bytes from `memory` to the end of its page.
 size_t rest_of_page(const char* memory)
 {
     return image_page_bytes - reinterpret_cast<uintptr_t>(memory) % image_page_bytes;
@@ -41,7 +41,7 @@ void* set_memory(void* memory, int value, size_t bytes)
 void give_back_zero_pages(char* begin, size_t bytes)
 {
     for (char* page = begin; page != begin + bytes; page += image_page_bytes)
-        if (is_zero(page, image_page_bytes)) madvise(page, image_page_bytes, MADV_DONTNEED); // fails if it is locked
+        if (is_zero(page, image_page_bytes)) madvise(page, image_page_bytes, MADV_DONTNEED); // fails for locked memory
 }
 
 } // namespace kernel

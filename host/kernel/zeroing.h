@@ -1,5 +1,5 @@
-// Keeps pages of zeros out of memory. A module sets large tables to zero when it starts. Most of such a table is zero
-// already and stays zero while the host exists. A page that is only read takes no memory.
+// Saves the memory of pages that contain only zeros. A module sets large tables to zero when it starts. Most pages of
+// these tables are zero already and stay zero. A page that nobody has written to takes no memory.
 #pragma once
 
 #include <cstddef>
@@ -7,11 +7,12 @@
 namespace kernel
 {
 
-// Takes the place of memset() in placed images. Does not write a page that is to become zero and is zero already.
+// Placed images call this function instead of memset(). It does the same, but does not write zeros to a page that
+// already contains only zeros.
 void* set_memory(void* memory, int value, size_t bytes);
 
-// Gives back the pages that are zero. The memory is private, and `begin` and `bytes` are whole pages. No other thread
-// may write there meanwhile.
+// Returns the pages that contain only zeros to the system. The memory must be a private mapping. `begin` must be the
+// beginning of a page, and `bytes` a multiple of the page size. No other thread may write to the memory meanwhile.
 void give_back_zero_pages(char* begin, size_t bytes);
 
 } // namespace kernel
