@@ -9,7 +9,7 @@
 namespace ats
 {
 
-// The kind of a failure. Some callers handle some kinds differently.
+// The kind of a failure. A caller may handle one kind in another way than the others.
 enum class error_kind {
     failed,      // executed, but without success
     invalid,     // an argument, a file or a folder is wrong
@@ -17,7 +17,7 @@ enum class error_kind {
     busy,        // still in use
     not_found,   // does not exist
     no_memory,   // no memory left, or no space for an image
-    unreachable, // no service, or no SA, has answered
+    unreachable, // the service or the SA has not answered
 };
 
 struct error {
@@ -28,11 +28,11 @@ struct error {
     std::string text; // one line for people: the fault and its remedy
 };
 
-// A value, or the error instead of it. `result<>` is for a call without a value.
+// A value, or an error if the call has failed. `result<>` is for a call that returns no value.
 template <class T = void>
 using result = tl::expected<T, error>;
 
-// The return value of a function that fails.
+// The return value of a function that fails. The second form has the kind `failed`.
 inline tl::unexpected<error> fail(error_kind kind, std::string text)
 {
     return tl::make_unexpected(error(kind, std::move(text)));
@@ -43,7 +43,7 @@ inline tl::unexpected<error> fail(std::string text)
     return fail(error_kind::failed, std::move(text));
 }
 
-// Passes the error of one result on as an error of another type of result.
+// The error of `failed`, as the return value of a function with another type of result. `failed` must have an error.
 template <class T>
 tl::unexpected<error> pass_on(const result<T>& failed)
 {

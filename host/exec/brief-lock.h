@@ -1,6 +1,7 @@
-// Locks and counters that cost little in a process with one thread, like a simulation. There, nothing else can run
-// between a load and a store, so no locked instruction is necessary. Every change is stored at once. Therefore a second
-// thread may start at any moment, even while a lock is held. (The C++ library counts its shared pointers in this way.)
+// A spin lock and a counter that cost little in a process with one thread, for example a simulation. In such a process
+// nothing else can run between a load and a store, so these functions use plain loads and stores instead of locked
+// instructions. Every change is in memory when the function returns. Therefore the process may start a second thread at
+// any moment, even while a lock is held. (libstdc++ counts the references of a shared_ptr in the same way.)
 #pragma once
 
 #include <atomic>
@@ -25,7 +26,7 @@ value_t exchange(std::atomic<value_t>& object, std::type_identity_t<value_t> val
     return previous;
 }
 
-// Adds 1 to a counter that orders no other memory.
+// Adds 1 to a counter, in relaxed memory order. Any thread.
 template <class value_t>
 void count(std::atomic<value_t>& counter)
 {
@@ -35,7 +36,7 @@ void count(std::atomic<value_t>& counter)
         counter.fetch_add(1, std::memory_order_relaxed);
 }
 
-// A mutex for a few instructions. Waiters spin. Do not sleep, and do not call other modules, while holding it.
+// A spin lock for critical sections of a few instructions. The holder must not sleep, and must not call other modules.
 class brief_lock
 {
   public:

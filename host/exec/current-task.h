@@ -1,4 +1,4 @@
-// Sets the task that the calling thread runs. Only executors use it.
+// Sets the task that the calling thread runs. Only executors include this file.
 #pragma once
 
 #include "host/exec/task.h"
@@ -9,7 +9,8 @@ namespace exec
 // Null means that the thread runs no task.
 void set_current_task(task* task);
 
-// During its lifetime, the calling task `self` is inside another machine.
+// While an object of this class exists, the calling task `self` is inside the machine `home` (null: outside of all
+// machines). The destructor restores the previous machine. Objects may be nested.
 class inside_machine
 {
   public:

@@ -1,5 +1,9 @@
-// Tasks and time: the calls with which the hosted kernel runs and waits. All blocking code uses only these calls. There
-// are two implementations: `threaded` (real threads, the steady clock) and `simulated` (fibers, a clock that jumps).
+// Tasks and time. The hosted kernel starts tasks, waits and reads the clock only through these calls. There are two
+// implementations: make_threaded_executor() (real threads, the steady clock) and make_simulation() (fibers, a clock
+// that jumps).
+//
+// A thread from outside is a thread that runs no task, for example the main thread of a program or of a test. A hard
+// error ends the process (exec::panic).
 #pragma once
 
 #include <cstdint>
@@ -16,14 +20,17 @@ namespace exec
 
 constexpr uint64_t never = UINT64_MAX; // a deadline that never comes
 
-// A task waits in this way between two steps of its work. executor::park describes the members.
-struct rest {
+// The result of one step of a task (see executor::start_steps). Before the next step, the task calls executor::park
+// with the first three members.
+struct step_pause {
     uint64_t deadline;
     const char* reason;
     const char* object;
-    bool is_last = false; // the task ends instead
+    bool is_last = false; // if true, the task ends and does not park
 };
 
+// Where a comment says "any thread", it means the threaded executor. Only one thread may use a simulation (see class
+// simulation below).
 class executor
 {
   public:
@@ -32,44 +39,48 @@ class executor
     // The clock in ticks of 1 ms. Any thread.
     virtual uint64_t now() const = 0;
 
-    // Starts a task inside `home`. A null `home` is for tasks outside of all machines, for example those of the fabric.
-    // The executor owns the task until it is joined. Every task must be joined. The name appears in reports. Any
-    // thread. Throws a shortage if the process cannot create another task.
+    // Starts a task that runs `body` inside the machine `home`. A null `home` is for tasks outside of all machines, for
+    // example those of the fabric. The executor owns the task until join() frees it. Every task must be joined. The
+    // name appears in reports. Any thread. Throws a shortage if the process cannot create another task.
     virtual task& start(task_home* home, std::string name, std::function<void()> body) = 0;
 
-    // Starts a task that takes one step after another, and parks between two steps as the last one says. Start and join
-    // it like any other task. In the simulation it needs no stack while it rests, so thousands of hosts can keep such
-    // tasks.
-    virtual task& start_steps(task_home* home, std::string name, std::function<rest()> step) = 0;
+    // Starts a task that calls `step` again and again. After each call the task parks, or ends, as the returned
+    // step_pause says. In all other respects this is a task like those of start(). In the simulation, such a task needs
+    // no stack while it is parked. Therefore the tasks of thousands of hosts fit into one process.
+    virtual task& start_steps(task_home* home, std::string name, std::function<step_pause()> step) = 0;
 
-    // Waits until the task has ended, and frees it. The caller is a task that may sleep, or a thread from outside. In
-    // the simulation, the thread from outside runs the tasks meanwhile. It throws `stalled` if the task cannot end.
+    // Waits until `task` has ended, and frees it. The caller is a task that may sleep, or a thread from outside. In the
+    // simulation, a join from outside runs all tasks while it waits, and throws `stalled` if `task` cannot end.
     virtual void join(task& task) = 0;
 
-    // The calling task sleeps until it is woken or the clock reaches `deadline`. Returns at once if it was woken after
-    // it last parked. No wake-up is lost, but several count as one. May return early without a reason. `reason` and
-    // `object` tell in reports what the task waits for. They must outlive the sleep. A hard error in a context that may
+    // Puts the calling task to sleep until wake() is called for it, or until the clock reaches `deadline` (a tick). If
+    // wake() was called since the last park() of this task, returns at once. Several wake-ups count as one. park() may
+    // also return too early, so the caller must check its condition again. In reports, `reason` and `object` describe
+    // the wait. Both texts must stay valid during the sleep. It is a hard error to call park() in a context that may
     // not sleep.
     virtual void park(uint64_t deadline, const char* reason, const char* object) = 0;
 
-    // Ends the task's sleep. If it does not sleep, ends its next sleep. Any thread, any context; never blocks.
+    // Ends the sleep of `task`. If `task` is not asleep, its next park() returns at once. Any thread, any context;
+    // never blocks.
     virtual void wake(task& task) = 0;
 
-    // For a thread from outside: runs `body` inside `home` as a task named `name`, and returns when it has ended. If
-    // the caller is a task, it runs `body` itself and is inside `home` meanwhile. Passes on exceptions of `body`. In
-    // the simulation, throws `stalled` if the body cannot end, and a shortage if it cannot create a task.
+    // Runs `body` inside the machine `home`, and returns when `body` has ended. If a thread from outside calls enter(),
+    // a task named `name` runs `body`. If a task calls enter(), this task runs `body` itself. An exception of `body`
+    // reaches the caller. In the simulation, a call from outside throws `stalled` if `body` cannot end, and a shortage
+    // if no task can be created.
     virtual void enter(task_home* home, const std::string& name, const std::function<void()>& body) = 0;
 
-    // Another task may run here. The simulation may switch tasks here when it explores interleavings. Called at locks,
-    // unlocks and posts, so it costs one load if there is nothing to explore.
+    // A simulation that explores interleavings may switch to another task here. Otherwise the call does nothing and
+    // costs one load. The kernel calls it often, for example at every lock and unlock.
     void switch_point()
     {
         if (explores_switches_) [[unlikely]]
             explore_switch();
     }
 
-    // For a caller that spins until another task releases something. Yields the processor. In the simulation, returns
-    // when another task has run or the clock has advanced. If only spinning tasks are left, the simulation has stalled.
+    // A caller that spins until another task releases something calls this in its loop. Yields the processor. In the
+    // simulation, returns when another task has run or the clock has advanced. If all tasks spin or wait without a
+    // deadline, the simulation has stalled.
     virtual void relax() = 0;
 
   protected:
@@ -79,8 +90,8 @@ class executor
     virtual void explore_switch() {}
 };
 
-// Another task may run here, unless the calling task holds a spin lock. Kernel calls call it before and after an effect
-// that other tasks can see.
+// Calls switch_point() if the calling task holds no spin lock. Functions of the kernel call this before and after an
+// effect that other tasks can see.
 inline void preemption_point()
 {
     const task& self = current_task_of("preemption_point");
@@ -90,11 +101,13 @@ inline void preemption_point()
 // Real threads and real time. The ticks start at 0 when the executor is created.
 std::unique_ptr<executor> make_threaded_executor();
 
-// Thrown in a thread from outside when the simulation has stalled: the task that the thread waits for can never
-// continue. what() names every parked task and the reason of its wait. It is an exception because the waiting calls
-// cannot return an error and the only way out is to leave them all. A body that enter() ran is never resumed, because
-// its caller has left. It keeps its resources, for example semaphore units or memory. Machines and the simulation can
-// still be destroyed if no module is loaded.
+// The simulation throws this in a thread from outside if the task for which the thread waits can never end, or has not
+// ended within simulation_options::patience_ticks. what() names every parked task and the reason of its wait. This is
+// an exception, not an ats::result, because the waiting calls of the kernel cannot return an error.
+//
+// If enter() throws it, the task that ran `body` never continues, because `body` uses variables of the caller.
+// Resources of that task are not released, for example semaphore units or memory. Machines and the simulation can still
+// be destroyed if no module is loaded.
 struct stalled : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -102,30 +115,38 @@ struct stalled : std::runtime_error {
 class schedule;
 
 struct simulation_options {
-    uint64_t seed = 1; // for the order of tasks, if switches are explored
+    uint64_t seed = 1; // used with explore_switches
     uint64_t start_tick = 0;
-    bool explore_switches = false;       // tasks run in an order drawn from the seed, and switch_point() may switch
-    schedule* order = nullptr;           // replaces the seed; must outlive the simulation
-    uint64_t patience_ticks = 3'600'000; // the simulation has stalled if a thread from outside waits longer for a task
+
+    // If true, the order of tasks is drawn from the seed, and switch_point() may switch to another task.
+    bool explore_switches = false;
+
+    // If not null, this schedule chooses the order of tasks, also at switch_point(). The seed and explore_switches then
+    // have no effect. The schedule must outlive the simulation.
+    schedule* order = nullptr;
+
+    // If a thread from outside waits longer than this for a task, the simulation counts as stalled.
+    uint64_t patience_ticks = 3'600'000;
 };
 
-// One thread and many fibers. When every task is parked, the clock jumps to the next deadline. Tasks that are ready at
-// the same tick run in the order in which they became ready, unless the options choose another order. The same options
-// and the same calls give the same run. A call from a second thread is a hard error.
+// One thread runs all tasks, each as a fiber. When every task is parked, the clock jumps to the next deadline. Tasks
+// that are ready at the same tick run in the order in which they became ready; the options can choose another order.
+// The same options and the same calls give the same run. All calls must come from the thread that made the simulation.
+// A call that starts, wakes or runs tasks is a hard error in any other thread.
 class simulation : public executor
 {
   public:
-    // Called only from outside: runs the tasks until the clock reads `tick` and everything due at that tick has run.
+    // Runs the tasks until the clock reads `tick` and everything due at that tick has run. A task must not call it.
     virtual void run_until(uint64_t tick) = 0;
     void run_for(uint64_t ticks) { run_until(now() + ticks); }
 
-    // Called only from outside: runs everything that is due now; the clock does not move.
+    // Runs everything that is due now. The clock does not move. A task must not call it.
     virtual void settle() = 0;
 
-    // One line with the reason of the wait for each task that is parked or spins.
+    // One line for each task that is parked or spins. The line says what the task waits for.
     virtual std::string report() const = 0;
 
-    // All tasks that have not ended, the oldest first. The simulation owns them until they are joined.
+    // All tasks that have not ended, the oldest first. A pointer is valid until its task is joined.
     virtual std::vector<task*> tasks() const = 0;
 };
 

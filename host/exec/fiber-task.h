@@ -16,15 +16,16 @@ namespace exec
 
 struct fiber_task;
 
-// The sleeping tasks by deadline. Tasks with the same deadline are in the order in which they went to sleep.
+// The parked tasks that have a deadline, by this deadline (a tick). Tasks with the same deadline are in the order in
+// which they parked.
 using deadline_map = std::multimap<uint64_t, fiber_task*>;
 
 enum class task_state {
     ready,     // in a queue of ready tasks, or running
-    parked,    // until it is woken or its deadline is reached
-    spinning,  // until another task has run
-    ended,     // but not freed yet
-    abandoned, // its caller has left; it is never resumed
+    parked,    // waits for a wake-up or for its deadline
+    spinning,  // in relax(): waits until another task has run
+    ended,     // waits for join() to free it
+    abandoned, // enter() has thrown `stalled`; the task never continues
 };
 
 struct fiber_task final : task {
@@ -35,18 +36,18 @@ struct fiber_task final : task {
     }
 
     std::function<void()> body;
-    std::function<rest()> step; // if set, the task takes steps instead of the body
-    bool has_stack = true;      // false: it rests between two steps, or before the first
+    std::function<step_pause()> step; // if set, the task runs steps instead of `body`
+    bool has_stack = true;            // false between two steps, and before the first one
     fiber thread;
     uint64_t number = 0;                         // tasks are numbered in the order in which they start
     std::list<fiber_task*>::iterator position{}; // in the list of all tasks
 
     task_state state = task_state::ready;
     bool has_begun = false;
-    bool has_wake_up = false;           // ends the next park()
-    std::exception_ptr exception;       // escaped from the body
-    bool may_throw = false;             // enter() passes the exception on; in other tasks it is a hard error
-    fiber_task* joining_task = nullptr; // waits for the end of this task
+    bool has_wake_up = false;           // the next park() returns at once
+    std::exception_ptr exception;       // the exception that escaped from `body`, or null
+    bool may_throw = false;             // enter() passes an exception on; otherwise it is a hard error
+    fiber_task* joining_task = nullptr; // the task that waits in join() for the end of this task, or null
 
     // Valid while parked or spinning.
     const char* reason = "";
@@ -54,9 +55,9 @@ struct fiber_task final : task {
     uint64_t stopped_at_tick = 0;
     bool has_deadline = false;
     deadline_map::iterator deadline;
-    deadline_map::node_type node; // kept between sleeps; therefore a sleep does not allocate
+    deadline_map::node_type node; // the map node between two sleeps: the next sleep reuses it and allocates nothing
 
-    // Describes the wait, for example "machine/name waits for down(&ats->ats_sem) since tick 20", with a line end.
+    // Returns one line about the wait, for example "machine/name waits for down(&ats->ats_sem) since tick 20\n".
     std::string describe() const
     {
         const std::string full_name = home ? home->name() + "/" + name : name;

@@ -23,21 +23,22 @@ namespace exec
 namespace
 {
 
-// Only touched pages use memory, so a large stack is cheap. A task that loads or unloads a module needs the largest
-// stack: the dynamic linker keeps arrays of all loaded images there, about 10 bytes for each image.
+// Only pages that a task has touched use memory, so a large stack is cheap. A task that loads or unloads a module needs
+// the largest stack: the dynamic linker puts arrays of all loaded images on it, about 10 bytes for each image.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are larger
 #else
 constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
-// A guard may split a mapping, and the number of mappings is limited. Beyond this number of stacks, only guards that
-// split no mapping are installed. All stacks run the same code, so the guards of the first stacks find an overflow as
-// well.
+// A guard page that mprotect() makes splits the mapping of its stack, and a process may have only so many mappings
+// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so the guards of
+// these stacks find an overflow as well.
 constexpr size_t split_stacks_limit = 4096;
 
-// Makes the lowest page of a stack fault. The kernel keeps such a guard in its page tables since Linux 6.13. Before, a
-// guard was a mapping of its own.
+// Makes every access to the lowest page of a stack end in SIGSEGV. Since Linux 6.13, madvise() can mark such a page in
+// the page table, which splits no mapping. On an older Linux, mprotect() makes the page a mapping of its own. There, a
+// stack gets no guard if `stack_count` is above the limit. Returns false if mprotect() fails.
 bool install_guard(void* page, size_t bytes, size_t stack_count)
 {
     constexpr int guard_install = 102; // MADV_GUARD_INSTALL, which older headers lack
@@ -68,7 +69,8 @@ fiber_stack fiber_stack_pool::take()
     stack.mapping = mmap(nullptr, stack.mapped_bytes, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
     if (stack.mapping == MAP_FAILED) throw_shortage(no_memory);
-    madvise(stack.mapping, stack.mapped_bytes, MADV_NOHUGEPAGE); // a huge page would take memory for several stacks
+    // A huge page would span several stacks, and use memory for all of them.
+    madvise(stack.mapping, stack.mapped_bytes, MADV_NOHUGEPAGE);
     if (!install_guard(stack.mapping, page, ++stack_count_)) {
         munmap(stack.mapping, stack.mapped_bytes);
         throw_shortage(no_memory);
@@ -81,7 +83,8 @@ fiber_stack fiber_stack_pool::take()
 void fiber_stack_pool::put(fiber_stack stack)
 {
 #ifdef __SANITIZE_ADDRESS__
-    // The fiber ended without returning from its last frames, so their marks are still set.
+    // AddressSanitizer marks parts of the frames of running functions. The last functions of the fiber have never
+    // returned, so their marks are still set.
     __asan_unpoison_memory_region(stack.bottom, stack.bytes);
 #endif
     free_.push_back(stack);
@@ -152,13 +155,13 @@ void fiber::switch_between(fiber& current, fiber& next, [[maybe_unused]] bool ha
     current.arrive(transfer.fctx);
 }
 
-// Runs first after each switch to this fiber.
+// Completes a switch to this fiber. The fiber calls it first after the switch.
 void fiber::arrive(void* previous_context)
 {
     previous_->context_ = previous_context;
 #ifdef __SANITIZE_ADDRESS__
     __sanitizer_finish_switch_fiber(fake_stack_, &previous_bottom_, &previous_bytes_);
-    // A thread's own stack bounds are known only when the thread leaves that stack.
+    // If the previous fiber is the thread itself, the bounds of its stack become known only here.
     if (!previous_->entry_) {
         previous_->stack_.bottom = const_cast<void*>(previous_bottom_);
         previous_->stack_.bytes = previous_bytes_;

@@ -6,8 +6,9 @@
 namespace exec
 {
 
-// During its lifetime, keeps the texts that the calling task prints. An option decides if they also go to the machine's
-// log. Captures of one task may be nested. Only that task may use it.
+// Keeps the texts that the calling task prints from the constructor to the destructor. `destination` decides if the
+// texts also go to the machine's log. A task may nest captures. With `also_log`, an inner capture passes its texts to
+// the outer one, which decides about the log. Only the task that made a capture may use it.
 class print_capture
 {
   public:

@@ -1,5 +1,5 @@
-// A first-in, first-out queue of pointers, in a ring that grows. Pushing allocates only when the ring is full. The
-// caller guards it.
+// A first-in, first-out queue of pointers, in a ring buffer that grows. push() allocates memory only when the buffer is
+// full. The queue does not own the objects. It has no lock: the caller guards it.
 #pragma once
 
 #include <cassert>
@@ -43,7 +43,8 @@ class ring_queue
         return *ring_[slot(index)];
     }
 
-    // Removes and returns the object at `index` in the order of arrival. The first object moves to that place.
+    // Removes and returns the object at `index` in the order of arrival. To fill the gap, the first object moves to the
+    // place of the removed one, so the order changes.
     object_t* take(size_t index)
     {
         assert(index < count_);
@@ -52,7 +53,7 @@ class ring_queue
     }
 
   private:
-    static constexpr size_t initial_slots = 16; // every size of the ring is a power of two
+    static constexpr size_t initial_slots = 16; // the size of the ring is always a power of two
 
     size_t slot(size_t index) const { return (first_ + index) & (ring_.size() - 1); }
 

@@ -18,9 +18,10 @@ namespace
 {
 
 constexpr size_t reserve_bytes = size_t{32} << 20;
-constexpr size_t reserve_split_pages = 128; // pages with alternating protection, so each is a mapping of its own
+constexpr size_t reserve_split_pages = 128; // the protection of these pages alternates, so each one is a mapping
 
-// The failed call has released its memory, so usage is now slightly below the limit.
+// check_limits() runs after a call that has failed and has released what it had. The usage is then a little below the
+// limit. Therefore check_limits() adds these margins to the usage.
 constexpr size_t mappings_margin = 64;
 constexpr size_t bytes_margin = size_t{16} << 20;
 
@@ -28,7 +29,7 @@ std::atomic<void*> reserve_mapping{nullptr};
 std::atomic<bool> reserve_was_used{false};
 std::atomic<void (*)()> reserve_use_handler{nullptr};
 
-// Returns false if the reserve was already released.
+// Returns false if there is no reserve, or if it was already released.
 bool release_reserve()
 {
     void* mapping = reserve_mapping.exchange(nullptr);
@@ -38,7 +39,7 @@ bool release_reserve()
     return true;
 }
 
-// The process's std::new_handler. After its return, the allocation is repeated.
+// The std::new_handler of the process. operator new calls it after a failure, and then repeats the allocation.
 void use_reserve()
 {
     if (!release_reserve()) throw std::bad_alloc();
@@ -46,8 +47,8 @@ void use_reserve()
     if (use_handler) use_handler();
 }
 
-// Reads a file and passes each piece to `take(begin, end)`. Does not allocate, because memory may be used up. Returns
-// false if the file cannot be opened; errno has the reason.
+// Reads a file and passes each piece to `take(begin, end)`. Allocates no memory, because the memory may be used up.
+// Returns false if the file cannot be opened; errno has the reason.
 template <class take_t>
 bool read_file(const char* path, const take_t& take)
 {
@@ -95,7 +96,7 @@ bool mappings_are_used_up(size_t limit)
 bool address_space_is_used_up(const rlimit& limit)
 {
     if (limit.rlim_cur == RLIM_INFINITY) return false;
-    rlimit stack{}; // the size of a thread's stack
+    rlimit stack{}; // the stack size of a new thread: the call that failed may have started one
     getrlimit(RLIMIT_STACK, &stack);
     const size_t stack_bytes = stack.rlim_cur == RLIM_INFINITY ? 0 : stack.rlim_cur;
     const size_t mapped_bytes = first_number_in("/proc/self/statm") * static_cast<size_t>(sysconf(_SC_PAGESIZE));

@@ -38,7 +38,7 @@ class simulated_executor final : public simulation
         return start_fiber(home, std::move(name), std::move(body));
     }
 
-    task& start_steps(task_home* home, std::string name, std::function<rest()> step) override
+    task& start_steps(task_home* home, std::string name, std::function<step_pause()> step) override
     {
         check_thread("start_steps");
         auto* task = new fiber_task(*this, home, std::move(name), nullptr, {}, run_body);
@@ -69,7 +69,7 @@ class simulated_executor final : public simulation
         might_sleep(reason);
         fiber_task& self = *running();
         if (!self.has_wake_up && deadline <= now_) {
-            yield(self); // otherwise a loop of such sleeps would keep other tasks from running
+            yield(self); // a loop of such sleeps must not keep other tasks from running
         } else if (!self.has_wake_up) {
             if (deadline != never) arm(self, deadline);
             stop(self, task_state::parked, reason, object);
@@ -101,7 +101,7 @@ class simulated_executor final : public simulation
             drive_until_ended(visitor);
         } catch (const stalled&) {
             disarm(visitor);
-            visitor.state = task_state::abandoned; // its body refers to variables of the caller, which leaves now
+            visitor.state = task_state::abandoned; // its body uses variables of the caller, and the caller leaves now
             throw;
         }
         const std::exception_ptr exception = visitor.exception;
@@ -162,7 +162,7 @@ class simulated_executor final : public simulation
         switch_to(*self, next);
     }
 
-    // The ready tasks. If the running task could continue, it comes first.
+    // The tasks among which a schedule chooses. If `running` is not null, this task comes first.
     class choice final : public candidates
     {
       public:
@@ -222,12 +222,13 @@ class simulated_executor final : public simulation
         static_cast<simulated_executor&>(self.exec).end(self);
     }
 
-    // Returns after the last step. Between two steps the fiber stops for good and gives up its stack; the next step
-    // begins on another one.
+    // Runs the steps of the calling task. Returns after the last one. If the task must wait between two steps, its
+    // fiber gives its stack back and never returns from switch_away(). prepare() then restarts the fiber on another
+    // stack.
     void take_steps(fiber_task& self)
     {
         for (;;) {
-            const rest pause = self.step();
+            const step_pause pause = self.step();
             if (pause.is_last) return;
             if (!is_restart_cheap || self.has_wake_up || pause.deadline <= now_) {
                 park(pause.deadline, pause.reason, pause.object);
@@ -243,17 +244,17 @@ class simulated_executor final : public simulation
         }
     }
 
-    // Gives the task a stack before it goes on.
+    // Before a switch to the task: restarts its fiber on a new stack if the task has none.
     void prepare(fiber_task& next)
     {
         if (next.has_stack) return;
-        if (next.has_begun) next.has_wake_up = false; // this wake-up has ended the rest
+        if (next.has_begun) next.has_wake_up = false; // the wake-up has ended the pause between two steps
         next.thread.restart(stack_for_step());
         next.has_stack = true;
     }
 
-    // No caller could handle a shortage here. A failed attempt releases the memory reserve, so the second attempt
-    // succeeds.
+    // Takes a stack from the pool. No caller could handle a shortage here. If the first attempt fails, it releases the
+    // memory reserve, so the second attempt should succeed. If it fails, too, this is a hard error.
     fiber_stack stack_for_step()
     {
         try {
@@ -347,8 +348,8 @@ class simulated_executor final : public simulation
         fiber::switch_between(self.thread, next->thread);
     }
 
-    // Leaves the calling task, which is not ready. Continues with a ready task. Continues with the thread from outside
-    // if no task is ready or if that thread's target task has ended.
+    // Switches from the calling task, which is not ready, to a ready task. Switches to the thread from outside instead
+    // if no task is ready, or if the task for which that thread waits (target_) has ended.
     void switch_away(fiber_task& self)
     {
         const bool returns_outside = ready_count() == 0 || (target_ && target_->state == task_state::ended);
@@ -374,8 +375,8 @@ class simulated_executor final : public simulation
         return take_ready(has_choice ? options_.order->choose(choice(*this, nullptr), choice_point::stop) : 0);
     }
 
-    // From outside: runs ready tasks until none is left or the target task has ended. Returns false if no task was
-    // ready.
+    // Called by the thread from outside. Runs ready tasks until none is left, or until the task target_ has ended.
+    // Returns false if no task was ready.
     bool run_ready()
     {
         if (ready_count() == 0) return false;
@@ -386,8 +387,8 @@ class simulated_executor final : public simulation
         return true;
     }
 
-    // From outside: advances the clock to the next deadline and wakes the tasks with that deadline. Returns false if
-    // there is no deadline up to `limit`.
+    // Called by the thread from outside. Advances the clock to the next deadline and makes the tasks with that deadline
+    // ready. Returns false if there is no deadline up to the tick `limit`.
     bool advance_to_deadline(uint64_t limit)
     {
         if (deadlines_.empty() || deadlines_.begin()->first > limit) return false;
@@ -397,7 +398,8 @@ class simulated_executor final : public simulation
         return true;
     }
 
-    // From outside: runs the simulation until the task has ended. Throws `stalled` if it cannot end.
+    // Called by the thread from outside. Runs the simulation until the task has ended. Throws `stalled` if it cannot
+    // end.
     void drive_until_ended(const fiber_task& target)
     {
         const uint64_t limit = options_.patience_ticks < never - now_ ? now_ + options_.patience_ticks : never;
@@ -421,10 +423,10 @@ class simulated_executor final : public simulation
     uint64_t started_tasks_ = 0;
     std::list<fiber_task*> tasks_;
     ring_queue<fiber_task> ready_tasks_;
-    ring_queue<fiber_task> preempted_tasks_; // ready, but they run after ready_tasks_
-    ring_queue<fiber_task> spinning_tasks_;  // become ready when another task has run
+    ring_queue<fiber_task> preempted_tasks_; // preempted at a switch point; they run after all ready_tasks_
+    ring_queue<fiber_task> spinning_tasks_;  // they become ready when another task has run
     deadline_map deadlines_;
-    const fiber_task* target_ = nullptr; // the thread from outside waits for its end
+    const fiber_task* target_ = nullptr; // the task for whose end the thread from outside waits, or null
 };
 
 } // namespace

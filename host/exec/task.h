@@ -17,7 +17,7 @@ namespace exec
 class executor;
 class print_capture;
 
-// The machine in which a task runs. Tasks only need its name, for reports. The kernel derives its machines from it.
+// The machine in which a task runs. Tasks only need its name, for reports. kernel::machine derives from this class.
 class task_home
 {
   public:
@@ -48,9 +48,9 @@ struct task : kernel_task_t {
 
     // Only the task itself reads and writes the following members.
     const char* atomic_context = nullptr;     // the innermost context that may not sleep, or null
-    int spin_locks = 0;                       // number of spin locks that it holds
-    const wait_queue_t* wait_queue = nullptr; // its entry in the wait queue that it joined last, or null
-    print_capture* capture = nullptr;         // receives the texts that it prints, or null
+    int spin_locks = 0;                       // number of spin locks that the task holds
+    const wait_queue_t* wait_queue = nullptr; // the task's entry in the wait queue that it joined last, or null
+    print_capture* capture = nullptr;         // keeps the texts that the task prints, or null
 
   protected:
     ~task() = default;
@@ -65,11 +65,11 @@ inline task* current_task()
     return running_task;
 }
 
-// Ends the process because an invariant of the kernel or of its user is broken. Prints the text, the task and its
-// machine to stderr. Any thread.
+// A hard error: ends the process with abort(), because the kernel or its caller has broken an invariant. Prints the
+// text, the task and its machine to stderr. Any thread.
 [[noreturn]] void panic(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The calling task. A hard error that names `caller` if there is none.
+// The calling task. If the thread runs no task, this is a hard error that names `caller`.
 inline task& current_task_of(const char* caller)
 {
     task* self = current_task();
@@ -82,8 +82,8 @@ inline task& current_task_of(const char* caller)
 void send_signal(task& task);
 void clear_signal(task& task);
 
-// During its lifetime, the calling task may not sleep: a blocking call is a hard error that names the call and
-// `context`. The text must outlive it.
+// While an object of this class exists, the calling task may not sleep. A blocking call is then a hard error that names
+// the call and `context`. The text `context` must outlive the object. Objects may be nested.
 class atomic_section
 {
   public:
@@ -99,7 +99,8 @@ class atomic_section
     const char* outer_;
 };
 
-// Every call that may block begins with this call. A hard error in a context that may not sleep.
+// Every call that may block calls this first, with its own name. It is a hard error if the calling task may not sleep
+// now, or holds a spin lock.
 inline void might_sleep(const char* call)
 {
     const task& self = current_task_of(call);

@@ -21,19 +21,19 @@ namespace
 using clock = std::chrono::steady_clock;
 using tick_duration = std::chrono::milliseconds;
 
-// The steady clock is CLOCK_MONOTONIC, which futexes use as well.
+// Converts a time of the steady clock for futex(). Both use CLOCK_MONOTONIC.
 timespec as_timespec(clock::time_point time)
 {
     const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
     return {.tv_sec = ns / 1'000'000'000, .tv_nsec = ns % 1'000'000'000};
 }
 
-constexpr uint64_t largest_deadline = 1ull << 42; // centuries; a later deadline would overflow the clock
+constexpr uint64_t largest_deadline = 1ull << 42; // 139 years; a later one would overflow the clock
 
 enum wake_state : uint32_t {
     running,
     sleeping,
-    woken, // a wake-up has come that park() has not seen yet
+    woken, // wake() was called, and the task has not seen it yet
 };
 
 struct thread_task final : task {
@@ -73,10 +73,11 @@ class threaded_executor final : public executor
         return *task.release();
     }
 
-    task& start_steps(task_home* home, std::string name, std::function<rest()> step) override
+    task& start_steps(task_home* home, std::string name, std::function<step_pause()> step) override
     {
         return start(home, std::move(name), [this, step = std::move(step)] {
-            for (rest pause = step(); !pause.is_last; pause = step()) park(pause.deadline, pause.reason, pause.object);
+            for (step_pause pause = step(); !pause.is_last; pause = step())
+                park(pause.deadline, pause.reason, pause.object);
         });
     }
 
@@ -97,15 +98,16 @@ class threaded_executor final : public executor
             const timespec end = as_timespec(start_time_ + tick_duration(std::min(deadline, largest_deadline)));
             while (state == sleeping && now() < deadline) sleep_on(state, &end);
         }
-        // An exchange instead of a store: if a wake-up came at the deadline, this task then sees the waker's earlier
-        // writes.
+        // An exchange instead of a store, because wake() may have set `woken` at the deadline. The exchange reads that
+        // value. Therefore this task sees everything that the waking task wrote before wake().
         state.exchange(running);
     }
 
     void wake(task& task) override
     {
         std::atomic<uint32_t>& state = static_cast<thread_task&>(task).state;
-        // The task may be freed after the exchange. The system call uses only the address of its state.
+        // After the exchange, the task can end and another task can free it. The system call uses only the address of
+        // `state`, not its value.
         if (state.exchange(woken) == sleeping) syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 

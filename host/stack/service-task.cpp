@@ -22,7 +22,7 @@ service_task::~service_task()
 void service_task::start(std::function<std::optional<uint64_t>()> work, const char* reason)
 {
     assert(!task_);
-    const auto step = [this, work = std::move(work), reason]() -> exec::rest {
+    const auto step = [this, work = std::move(work), reason]() -> exec::step_pause {
         while (!is_stopping_) {
             exec::count(rounds_);
             const std::optional<uint64_t> deadline = work();
