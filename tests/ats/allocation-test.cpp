@@ -1,5 +1,5 @@
-// Counts the allocations of a process while a host resolves addresses. This program's own malloc replaces that of the C
-// library for it, for all its libraries and for its modules.
+// Counts the allocations of this process while a host resolves addresses. The test program defines malloc, calloc and
+// realloc itself. Its libraries and modules then call these functions instead of those of the C library.
 #include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include "host/world/published.h"
 #include "tests/ats/ats-world.h"
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they have a malloc of their own
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // these sanitizers have a malloc of their own
 
 namespace
 {
@@ -51,25 +51,25 @@ struct questions {
     {
         auto& self = *static_cast<questions*>(context);
         self.answer_count += status == ibat_stat_ok;
-        up(&self.free);
+        up(&self.answers);
     }
 
-    // Asks the SA for both addresses at once, this many times.
+    // Asks the SA for the addresses of both hosts at once, and waits for both answers. Repeats this `times` times.
     void ask(const world::published<ibat_refresh_fn_t>& refresh, int times)
     {
         for (int i = 0; i < times; ++i) {
             for (const uint32_t address : {ip_of("10.0.0.1"), ip_of("10.0.0.2")})
                 EXPECT_EQ((*refresh)(address, take_answer, this), ibat_stat_pending);
-            for (int answer = 0; answer < 2; ++answer) down(&free);
+            for (int answer = 0; answer < 2; ++answer) down(&answers);
         }
     }
 
-    semaphore free;
+    semaphore answers; // raised by each answer
     std::atomic<int> answer_count{0};
 };
 
-// Resolves addresses in several rounds. Returns the number of allocations in the round with the fewest: queues may
-// still grow in the first rounds, and with real threads also later.
+// Resolves addresses in several rounds. Returns the number of allocations in the round with the fewest. In the first
+// rounds, queues may still grow. With real threads they may also grow later.
 uint64_t fewest_allocations(exec::executor& exec, const std::function<void()>& let_time_pass)
 {
     embedded::subnet subnet(exec);
@@ -90,7 +90,7 @@ uint64_t fewest_allocations(exec::executor& exec, const std::function<void()>& l
     asker.enter("asker", [&] {
         const world::published<ibat_refresh_fn_t> refresh(asker, "ibat_refresh_fn");
         questions questions;
-        sema_init(&questions.free, 0);
+        sema_init(&questions.answers, 0);
         for (int round = 0; round < rounds; ++round) {
             const uint64_t count_before = allocation_count;
             questions.ask(refresh, 100);

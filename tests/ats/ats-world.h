@@ -38,11 +38,11 @@ struct host_setup {
     std::string more_parameters = "";
     int trace = trace_error;
     bool has_ucm = true;
-    bool has_key = true;         // the registry has the host's trace level
+    bool has_key = true;         // the registry has the key with the module's trace level
     size_t log_bytes = 64 << 20; // enough for the log of a long test
 };
 
-// A lookup of a GID's address, made in the way of UCM, and the answers to it.
+// A lookup of the address that belongs to a GID, and its answers. The lookup calls the function of ats that UCM calls.
 struct reverse_lookup {
     struct answer {
         uint64_t tick;
@@ -78,13 +78,13 @@ class ats_host
     void link_down(int port, int hca = 0);
     kq_gid_t gid(int port, int hca = 0) const;
 
-    // Runs `body` in a task of the host. A caller outside of any task then also waits until all tasks are parked.
+    // Runs `body` in a task of the host. If the caller is not a task, it then also waits until all tasks are parked.
     void run(const std::function<void()>& body);
 
-    // Sends a lookup in the way of UCM. `lookup` receives the answer and must live until then.
+    // Looks up a GID through the function of ats that UCM calls. `lookup` receives the answer and must live until then.
     ibat_stat_t reverse(const kq_gid_t& gid, reverse_lookup& lookup);
 
-    // Sends a lookup in the way of IBAT.
+    // Looks up an address through the function of ats that IBAT calls.
     ibat_stat_t resolve(const std::string& address);
 
     // Starts a task of the host. The scenario may send it a signal, and must finish() it.
@@ -98,8 +98,8 @@ class ats_host
     std::string read(const std::string& proc_file);
     void trace(int level);
 
-    // The log lines since the last call. A trace line has the form "LEVEL unit/operation: text"; any other line does
-    // not change. PTR replaces pointers.
+    // The log lines since the last call. A trace line is shortened to "LEVEL unit/operation: text". In all lines, PTR
+    // replaces pointers.
     std::vector<std::string> log();
 
     // Lists the resources that the module has not given back, or "".
@@ -134,10 +134,10 @@ class ats_world final : fabric::tap
   public:
     explicit ats_world(const exec::simulation_options& options = {}, embedded::subnet_options subnet_options = {});
 
-    // Adds a host with its peers. The module is not loaded.
+    // Adds a host with replacements for IBAT and UCM. Does not load the module.
     ats_host& add(const host_setup& setup = {});
 
-    // Adds a host, loads the module and raises the link of port 1. Discards the requests and log lines up to then.
+    // Adds a host, loads the module and raises the link of port 1. Then discards all requests and log lines.
     ats_host& add_registered(const host_setup& setup = {});
 
     // Runs the world until this many ticks after its start.
@@ -150,7 +150,7 @@ class ats_world final : fabric::tap
     // The records at the SA, for example "node1.1 10.0.0.1 node1".
     std::vector<std::string> records() const;
 
-    // Sends a datagram to a port of a host. The sender is not the SA's port. The datagram has arrived when the call
+    // Sends a datagram to a port of a host, from a port that is not the SA's. The datagram has arrived when the call
     // returns.
     void inject(const ats_host& host, int port, const fabric::mad_bytes& mad);
 

@@ -124,7 +124,7 @@ TEST_F(control, verification_settings_are_kept_within_their_range)
     }
 }
 
-// The record of the first HCA is deleted. The next record of that HCA has the given address.
+// delete_ip deletes the record of the first HCA. The next record that this HCA registers has the given address.
 TEST_F(control, delete_ip_deletes_the_record_and_sets_the_address_of_the_next)
 {
     const std::string second_record = "node1.mthca1.1 10.0.0.1 node1";

@@ -1,5 +1,6 @@
-// Moments at which several events meet. Each test tries every order of the tasks with at most two deviations from the
-// plain order. The environment variable ATS_DEVIATIONS changes that limit.
+// Several events happen at the same time. Each test runs its scenario once for every order of their tasks that has at
+// most one or two deviations from the plain order (host/exec/schedule.h). The environment variable ATS_DEVIATIONS sets
+// another limit.
 #include <csignal>
 #include <cstdlib>
 
@@ -14,7 +15,7 @@ namespace
 
 const exec::systematic_schedule* present_order = nullptr;
 
-// A hard error ends the process. This prints the order that has caused it.
+// A hard error ends the process with a signal. This signal handler prints the order that has caused the error.
 void print_order(int signal)
 {
     std::signal(signal, SIG_DFL);
@@ -27,13 +28,13 @@ int deviation_bound(int default_bound)
     return text ? std::atoi(text) : default_bound;
 }
 
-// The world in which one order is tried. A scenario first sets up its hosts. Then it calls explore() for the moment of
-// interest.
+// The world of one run, in which the tasks run in `order`. A scenario first sets up its hosts in the plain order. Then
+// it calls explore() for the ticks in which its events happen.
 struct moment {
     ats_world w;
     exec::systematic_schedule& order;
 
-    // Runs the world for this many ticks. The tasks run in the order that is being tried.
+    // Runs the world for `ticks`. During these ticks, the tasks run in `order`.
     void explore(uint64_t ticks)
     {
         order.explore(true);
@@ -75,7 +76,7 @@ exec::task& start_write(ats_host& host, const std::string& command)
     return host.start("writer", [&host, command] { host.machine().proc.write("dorvex/ats/control", command); });
 }
 
-// The tick at which the first check of a newly loaded host is due, from its trace lines.
+// The tick at which a newly loaded host first checks its own record. The host's trace lines contain it.
 uint64_t first_check_tick(ats_host& host)
 {
     for (const std::string& line : host.log())
@@ -122,7 +123,7 @@ TEST(every_order, of_the_answer_its_duplicate_the_time_out_and_the_stop_of_one_r
     });
 }
 
-// UCM is unloaded immediately after ats. From then on, no code may call into it.
+// UCM is unloaded immediately after ats. After that, no code may call a function of UCM.
 TEST(every_order, of_a_time_out_and_the_unloading_of_ats_and_ucm)
 {
     in_every_order(1, [](moment& moment) {
@@ -170,7 +171,8 @@ TEST(every_order, of_two_updates_and_a_failover)
     });
 }
 
-// A check finds no record or gets no answer, and registers again. Another event happens at the same time.
+// A host checks its own record. The SA has no record or does not answer, so the host registers again. Another event
+// happens at the same time.
 struct check_that_fails : testing::TestWithParam<const char*> {
 };
 
@@ -184,11 +186,11 @@ TEST_P(check_that_fails, in_every_order)
         host.link_up(2);
         moment.w.subnet.forget_all();
         if (other == "rename" || other == "flap") {
-            // The check meets the request timer, which ends the unanswered check after a second.
+            // The SA does not answer the check. The other event happens when the request timer ends the check.
             moment.w.subnet.faults.drop_next_answers = 1;
             moment.w.at((due_tick + 1999) / 1000 * 1000 - 1);
         } else {
-            // The other event meets the answer to the check.
+            // The other event happens when the answer to the check arrives.
             moment.w.subnet.faults.latency_ticks = 1;
             moment.w.at(due_tick + 1);
         }
@@ -210,7 +212,7 @@ TEST_P(check_that_fails, in_every_order)
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(and_an, check_that_fails, testing::Values("unload", "rename", "link_down", "flap"),
+INSTANTIATE_TEST_SUITE_P(with_an, check_that_fails, testing::Values("unload", "rename", "link_down", "flap"),
                          [](const auto& info) { return std::string(info.param); });
 
 TEST(every_order, of_a_load_and_the_events_of_its_ports)

@@ -1,24 +1,24 @@
-// Makes every kernel call of a scenario fail, one after the other: first alone, then together with each later call. One
-// loop tests all error paths of a scenario.
+// Repeats a scenario, and lets another kernel call fail in each run: first each call alone, then each call together
+// with each later call. One loop so tests all error paths of the scenario.
 #pragma once
 
 #include "tests/ats/ats-world.h"
 
-// The calls of a run that fail: the n-th one, and the one `gap` calls later unless `gap` is 0.
+// The calls that fail in one run: the n-th one. If `gap` is not 0, also the one `gap` calls later.
 struct failing_calls {
     uint64_t n;
     uint64_t gap;
 };
 
-// The calls that failed.
+// The calls that have failed in a run.
 struct failed_calls {
     uint64_t count = 0;
     std::string last; // the name of the last one
 };
 
-// Runs `scenario` with the first call failing, then the second, until a run has no failure. Each of these runs is
-// repeated with a second failure at every distance. The scenario passes `calls` to with_failing_calls(), checks the
-// result and returns the failures.
+// Lets the first call of `scenario` fail, then the second, and so on until no call is left to fail. Repeats each of
+// these runs with a second failure, one call later, two calls later, and so on. The scenario passes its argument to
+// with_failing_calls(), checks the result and returns the calls that have failed.
 inline void for_every_failing_call(const std::function<failed_calls(failing_calls)>& scenario)
 {
     for (failing_calls calls{1, 0};; ++calls.n) {

@@ -1,5 +1,5 @@
-// Other modules change the name and the address at run time. Tests the registrations of every HCA, and the state after
-// a failure.
+// The name and the address of a host change at run time. Other modules change them by calls, users by commands. Tests
+// the records that each HCA then registers, and what remains after a failure.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -67,13 +67,14 @@ TEST(identity_of_three_hcas, takes_a_name_on_each_and_restores_it)
     EXPECT_THAT(w.records(), all);
 }
 
-// The first HCA that fails ends the update. HCAs before it have the new value. The failing HCA may have stored it.
+// The first HCA that fails ends the update. HCAs before it have the new value. The failing HCA has stored a new
+// address, but not a new name.
 TEST(identity_of_three_hcas, stops_at_the_first_failure)
 {
     const struct {
         const char* command;
         const char* first_record;
-        const char* second_record; // a failed update has stored an address, but not a name
+        const char* second_record; // of the HCA that fails, after its next registration
     } table[] = {
         {"set_host_name new", "node1.1 10.0.0.1 new", "node1.mthca1.1 10.0.0.1 node1"},
         {"set_ip_addrs 10.0.0.7", "node1.1 10.0.0.7 node1", "node1.mthca1.1 10.0.0.7 node1"},
@@ -84,8 +85,8 @@ TEST(identity_of_three_hcas, stops_at_the_first_failure)
         ats_host& host = w.add_registered({.ports = {1, 1, 1}});
         for (int hca : {1, 2}) host.link_up(1, hca);
         w.requests();
-        constexpr uint64_t copy = 1;                // of the command
-        constexpr uint64_t calls_of_one_update = 5; // the semaphore, and two datagrams with their posts
+        constexpr uint64_t copy = 1;                // of the command's text
+        constexpr uint64_t calls_of_one_update = 5; // one for the semaphore; two each for the Delete and the Set
         host.faults().fail_nth(copy + calls_of_one_update + 1);
         host.control(command);
         EXPECT_EQ(host.faults().failed_call(), "down_interruptible");
@@ -121,7 +122,8 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
 }
 
-// A writer with a pending signal gets the semaphore if it is free. After that, it never waits.
+// The writing task has a pending signal. It gets the semaphore, which is free. Then the signal ends
+// each wait for the answer to a Delete at once.
 TEST_F(identity, a_pending_signal_ends_every_wait)
 {
     host.link_up(1);

@@ -1,7 +1,7 @@
-// Events and answers that no fabric here produces. Events may have unknown types, or name ports and HCAs that do not
-// exist. An answer may arrive before the sending call has returned. A link may go down during a call. This test
-// produces them between ats and the stack. It loads a copy of the module in which the names of some kernel calls are
-// replaced by the names of this test's own calls.
+// Events and answers that the simulated fabric never produces: events of unknown types, or of ports and HCAs that do
+// not exist; an answer that arrives before the sending call has returned; a link that goes down during a call. This
+// file has its own versions of some calls between ats and the stack. It loads a copy of the module in which the names
+// of these calls are replaced.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -23,10 +23,10 @@ constexpr std::pair<std::string_view, std::string_view> own_calls[] = {
 static_assert(std::ranges::all_of(own_calls, [](const auto& call) { return call.first.size() == call.second.size(); }),
               "a name in the image can only be replaced by one of the same length");
 
-kq_async_event_fn_t event_callback; // of the last subscription
+kq_async_event_fn_t event_callback; // of the module's last subscription
 kq_hca_h_t event_hca;
-std::function<void()> datagram_hook; // called once, before the next datagram is taken
-std::function<void()> post_hook;     // called after every post
+std::function<void()> datagram_hook; // called once, before the module takes its next datagram from the pool
+std::function<void()> post_hook;     // called after every post, before the post returns to the module
 
 } // namespace
 
@@ -55,7 +55,7 @@ KERNEL_API int own_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* datag
 namespace
 {
 
-// A copy of the module with the names replaced.
+// Writes a copy of the module in which the names in own_calls are replaced. Returns its path.
 std::string changed_image()
 {
     std::ifstream original(world::default_module_folder() + "/ats.so", std::ios::binary);
@@ -104,10 +104,12 @@ TEST_F(interposed, odd_events_are_logged_and_change_nothing)
         uint8_t port;
         const char* line;
     } table[] = {
-        {own, 0x30000, 1, "DEBUG sa/ats_async_event_cb: Received async event <type: 30000> <port:1>"}, // up and down
+        {own, 0x30000, 1,
+         "DEBUG sa/ats_async_event_cb: Received async event <type: 30000> <port:1>"}, // link up and link down in one
+                                                                                      // event
         {own, 0, 2, "DEBUG sa/ats_async_event_cb: Received async event <type: 0> <port:2>"},
         {own, 0x10000, 0, "ERROR sa/handle_link_up: port 0 is not used"},
-        {own, 0x10000, 1, "DEBUG sa/ats_async_event_cb: Received link_up <port:1>"}, // the active port
+        {own, 0x10000, 1, "DEBUG sa/ats_async_event_cb: Received link_up <port:1>"}, // of the active port
         {own, 0x20000, 255, "ERROR sa/handle_link_down: port 255 is not used"},
         {own, 0x40000, 0, "ERROR sa/ats_sa_get_port_attr_and_sgid: port 0 is not used"},
         {unknown, 0x20000, 1, "ERROR sa/ats_async_event_cb: couldn't find ats conext"},

@@ -1,4 +1,5 @@
-// Paths from a host with its real modules. Tests the requests, the cache, and the events that drop a path.
+// A host with the real modules ibat, ucm and ats asks for paths. Tests the requests to the SA, IBAT's cache, and the
+// events that drop a path from the cache.
 #include <gtest/gtest.h>
 
 #include "host/fabric/embedded/subnet.h"
@@ -52,7 +53,8 @@ struct paths : testing::Test {
     {
         return subnet.find(host, "mthca0").value()->read_port(number);
     }
-    void expect_true(const path_resolution& answer, int port_number, bool from_cache)
+    // The path must lead from this port of node1 to the port of node2.
+    void expect_right(const path_resolution& answer, int port_number, bool from_cache)
     {
         const fabric::port_attributes source = port("node1", port_number), destination = port("node2", 1);
         EXPECT_EQ(answer.status, path_status::found) << answer.reason;
@@ -88,12 +90,12 @@ TEST_F(paths, are_asked_for_once_and_cached_until_they_expire)
         });
     pass(20);
     EXPECT_EQ(found, 20);
-    EXPECT_EQ(counters().requests, 1u) << "all who ask join one request";
+    EXPECT_EQ(counters().requests, 1u) << "all questions share one request";
 
-    expect_true(find(gid), 1, true);
-    expect_true(find(address), 1, false); // the SA had to be asked for the address
-    expect_true(find(address), 1, true);
-    expect_true(find(gid, lookup_mode::sa_only), 1, false);
+    expect_right(find(gid), 1, true);
+    expect_right(find(address), 1, false); // the path is in the cache, but the address is not
+    expect_right(find(address), 1, true);
+    expect_right(find(gid, lookup_mode::sa_only), 1, false);
     EXPECT_EQ(counters().requests, 2u);
     pass(301'000);
     EXPECT_EQ(find(gid, lookup_mode::cache_only).status, path_status::not_cached);
@@ -108,7 +110,7 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
         std::function<void(embedded::fault_switches&)> fault;
         path_status status;
         uint64_t ticks;
-        counter_t counter; // the counter that counts this
+        counter_t counter; // must have counted the fault
     } rows[] = {
         {"lost", [](auto& faults) { faults.drop_next = 1; }, path_status::found, 500, &ibat_path_counters_t::retries},
         {"busy", [](auto& faults) { faults.answer_with(MAD_STATUS_BUSY, 2); }, path_status::found, 1000,
@@ -142,23 +144,23 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
     subnet.faults.sa_silent = true;
     const path_resolution impatient = find(gid, lookup_mode::sa_only, 70);
     EXPECT_EQ(impatient.status, path_status::timed_out);
-    pass(2000); // wait for the answer, which no task needs any more
+    pass(2000); // the request ends, although its question has ended already
     EXPECT_TRUE(asker.unload());
 }
 
 TEST_F(paths, are_dropped_when_an_event_makes_them_invalid)
 {
-    expect_true(find(address), 1, false);
+    expect_right(find(address), 1, false);
     EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1)); // repeats the present state
     EXPECT_TRUE(subnet.link_up("node1", "mthca0", 2)); // for a port that is not in use
     pass(10);
-    expect_true(find(address), 1, true);
+    expect_right(find(address), 1, true);
 
     EXPECT_TRUE(subnet.set_sm(900, 0));
     pass(10);
-    expect_true(find(address), 1, false);
+    expect_right(find(address), 1, false);
 
-    // If its port goes down, a request in flight is repeated at once through the other port.
+    // A request is in flight when its port goes down. IBAT repeats it at once through the other port.
     subnet.faults.sa_silent = true;
     path_resolution late;
     world::start_path_resolution(asker.machine(), gid, lookup_mode::sa_only,
@@ -167,14 +169,14 @@ TEST_F(paths, are_dropped_when_an_event_makes_them_invalid)
     subnet.faults.sa_silent = false;
     EXPECT_TRUE(subnet.link_down("node1", "mthca0", 1));
     pass(100);
-    expect_true(late, 2, false);
+    expect_right(late, 2, false);
     EXPECT_LT(late.duration_ticks, 100u);
-    expect_true(find(gid), 2, true);
+    expect_right(find(gid), 2, true);
 
-    // When the other port comes back, the module keeps its port, and so do the paths.
+    // Port 1 comes back. Port 2 stays the active port, and new paths begin there.
     EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1));
     pass(10);
-    expect_true(find(gid, lookup_mode::sa_only), 2, false);
+    expect_right(find(gid, lookup_mode::sa_only), 2, false);
 
     EXPECT_TRUE(subnet.link_down("node1", "mthca0", 1));
     EXPECT_TRUE(subnet.link_down("node1", "mthca0", 2));

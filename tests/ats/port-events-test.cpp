@@ -1,4 +1,5 @@
-// Two ports and their events. Tests which port is active, and the times of the requests to the SA.
+// A host with two ports gets events of them: link up, link down, another SM. Tests which port the module makes the
+// active one, and when it sends which requests to the SA.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -21,7 +22,7 @@ struct port_events : testing::Test {
         return text;
     }
 
-    // The trace lines of a function, without their prefix.
+    // The trace lines that a function of the module has printed since the last look at the log, without their prefix.
     lines lines_of(const std::string& operation)
     {
         lines texts;
@@ -63,7 +64,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
 TEST_F(port_events, a_silent_sa_delays_a_registration_by_three_waits)
 {
     host.link_up(1);
-    host.control("delete_ip 10.0.0.1"); // its answer has arrived, so no later Delete can mistake it for its own
+    host.control("delete_ip 10.0.0.1"); // all answers to Deletes have arrived, so none can end the waits below
     host.link_down(1);
     w.requests();
     host.trace(trace_debug);
@@ -81,7 +82,9 @@ TEST_F(port_events, a_silent_sa_delays_a_registration_by_three_waits)
 
 TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
 {
-    w.subnet.faults.latency_ticks = 15; // the answer to the first Delete comes while the second one waits
+    // The answer to the first Delete takes 2 * 15 ticks. The module waits only 20, then sends a second Delete. The late
+    // answer ends the wait for the answer to the second one.
+    w.subnet.faults.latency_ticks = 15;
     host.link_up(1);
     w.at(30);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE none", "20 node1.1 DELETE none",
@@ -93,8 +96,8 @@ TEST_F(port_events, any_answer_to_a_delete_ends_the_wait)
     EXPECT_THAT(w.requests(), ElementsAre("100 node1.1 DELETE node1.1", "100 node1.1 SET node1.1 10.0.0.1 other"));
 }
 
-// A link goes down while a registration through it is running. Events of that HCA wait for the registration; events of
-// another HCA do not.
+// A link goes down while the host registers through it. Events of the same HCA wait until the registration has ended.
+// Events of another HCA do not wait.
 TEST(port_events_of_two_hcas, wait_for_the_registration_before_them)
 {
     ats_world w;
@@ -115,7 +118,7 @@ TEST(port_events_of_two_hcas, wait_for_the_registration_before_them)
                             "60 node1.mthca1.2 DELETE node1.mthca1.1", "70 node1.1 SET node1.1 10.0.0.1 new",
                             "80 node1.mthca1.2 DELETE node1.mthca1.1", "100 node1.mthca1.2 DELETE node1.mthca1.1",
                             "120 node1.mthca1.2 SET node1.mthca1.2 10.0.0.1 new"))
-        << "a datagram that port 1 sends without a link does not reach the wire";
+        << "the later requests of mthca1.1 do not reach the wire, because its link is down";
 }
 
 TEST_F(port_events, refused_sends_are_logged_and_neither_wait_nor_stop_the_next_request)
@@ -151,13 +154,13 @@ TEST_F(port_events, refused_sends_are_logged_and_neither_wait_nor_stop_the_next_
     }
 }
 
-// A Set that was not sent does not change which record the next Delete names.
+// A Delete names the record that the host registered last. A Set that could not be sent does not change this.
 TEST_F(port_events, a_refused_set_keeps_the_gid_of_the_next_delete)
 {
     host.link_up(2);
     host.link_up(1);
     w.requests();
-    constexpr uint64_t delete_calls = 2, set_calls = 2; // each needs a datagram and its post
+    constexpr uint64_t delete_calls = 2, set_calls = 2; // for each: get a datagram, post it
     host.faults().fail_nth(delete_calls + set_calls);
     host.link_down(2);
     EXPECT_EQ(host.faults().failed_call(), "gsi_post_send_dtgrm");
@@ -171,7 +174,7 @@ TEST_F(port_events, a_refused_set_keeps_the_gid_of_the_next_delete)
     host.link_down(1);
     EXPECT_EQ(host.faults().failed_call(), "gsi_post_send_dtgrm");
     host.faults().disarm();
-    host.link_down(2); // the next Delete names this port, although its record was never sent
+    host.link_down(2); // although the Set of port 2 was not sent, the next Delete names port 2
     w.requests();
     host.link_up(1);
     EXPECT_THAT(w.requests(), ElementsAre("0 node1.1 DELETE node1.2", "0 node1.1 SET node1.1 10.0.0.1 again"));
@@ -181,7 +184,8 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
 {
     const struct {
         const char* call;
-        // Lacks the fields that were not read; without the port's attributes it has no SM to go to.
+        // The GID that the failed call did not read is missing. Without the port's attributes, the module does not know
+        // the LID of the SM. So no Delete is answered, and the Set follows after three waits of 20 ticks.
         const char* last_request;
     } table[] = {{"kq_port_query", "60 node1.1 SET none 10.0.0.1 node1"},
                  {"kq_get_port_gid_tbl", "0 node1.1 SET none 10.0.0.1 node1"},
@@ -200,7 +204,7 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
         other.link_up(2);
         fresh.at(100);
         EXPECT_THAT(fresh.requests().back(), last_request)
-            << "through the lower port, not through the one that was read";
+            << "through the lower port, although only the other one could be read";
 
         other.link_down(2);
         other.faults().fail_calls(call, 1);
@@ -211,7 +215,7 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
     }
 }
 
-TEST_F(port_events, requests_go_to_the_sm_of_the_moment)
+TEST_F(port_events, requests_go_to_the_new_sm_after_it_has_changed)
 {
     host.link_up(1);
     host.link_up(2);
@@ -232,7 +236,7 @@ TEST_F(port_events, requests_go_to_the_sm_of_the_moment)
     EXPECT_EQ(requests[0].destination.sl, 3);
 }
 
-TEST_F(port_events, a_third_port_is_not_used_and_logged)
+TEST_F(port_events, a_third_port_is_logged_and_not_used)
 {
     ats_host& big = w.add({.name = "big", .ports = {3}});
     EXPECT_TRUE(big.try_load());

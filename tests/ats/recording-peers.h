@@ -1,5 +1,5 @@
-// Replacements for IBAT and UCM. They record the calls of ats, and answer as the test requires. Each machine has one
-// pair, published under the names of the real ones.
+// Replacements for the modules IBAT and UCM. They record the calls of ats, and answer as the test requires. Each
+// machine has one object of this class. It publishes its functions under the names of those of IBAT and UCM.
 #pragma once
 
 #include <functional>
@@ -16,6 +16,7 @@ class recording_peers final : public kernel::service
   public:
     explicit recording_peers(kernel::machine& home) : home_(home) {}
 
+    // The object of the machine in which the caller runs.
     static recording_peers& here() { return kernel::current_machine("a peer's function").get<recording_peers>(); }
 
     void publish_ibat()
@@ -32,7 +33,7 @@ class recording_peers final : public kernel::service
     }
     void withdraw(const std::string& name) { home_.inter_modules.withdraw(name); }
 
-    // The number of references that the module holds on the functions of both.
+    // The number of references that ats holds on the functions of IBAT and UCM.
     int references() const
     {
         int sum = 0;
@@ -40,10 +41,10 @@ class recording_peers final : public kernel::service
         return sum;
     }
 
-    std::vector<std::string> calls; // "attach", "detach", "ucm attach", "ucm detach", in order
-    bool accepts = true;            // the answer of IBAT's attach
-    unsigned long attach_takes_ticks = 0;
-    bool ucm_accepts = true;
+    std::vector<std::string> calls;       // "attach", "detach", "ucm attach", "ucm detach", in order
+    bool accepts = true;                  // false: IBAT refuses that ats attaches
+    unsigned long attach_takes_ticks = 0; // duration of IBAT's attach function
+    bool ucm_accepts = true;              // false: UCM refuses that ats attaches
 
     send_arp_data_fn_t send_arp = nullptr; // set while ats is attached
     void* arp_context = nullptr;
@@ -51,7 +52,7 @@ class recording_peers final : public kernel::service
     void* rarp_context = nullptr;
 
     std::vector<ibat_arp_data_t> replies;             // the replies that ats passed to IBAT
-    std::function<void()> processing_hook;            // called for each of them, before IBAT returns
+    std::function<void()> processing_hook;            // called for each reply, before IBAT returns to ats
     std::vector<std::pair<kq_gid_t, uint32_t>> cache; // the cache of IBAT
 
   private:
@@ -83,7 +84,7 @@ class recording_peers final : public kernel::service
     {
         here().replies.push_back(*reply);
         if (here().processing_hook) here().processing_hook();
-        return ibat_stat_error; // ats ignores it
+        return ibat_stat_error; // ats must ignore this value
     }
     static ibat_stat_t look_up(kq_gid_t* gid, ibat_arp_data_t* record)
     {

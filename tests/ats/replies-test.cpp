@@ -1,5 +1,5 @@
-// Injects good and malformed replies, and checks the log lines of each and the record that IBAT gets. The replies come
-// from a port that is not the SA's.
+// A host receives good and malformed replies. Tests the log lines of each reply, and the record that the module then
+// passes to IBAT. The replies come from a port that is not the SA's.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -12,7 +12,7 @@ struct replies : testing::Test {
     ats_world w;
     ats_host& host = w.add_registered({.ports = {2}, .trace = trace_debug});
 
-    // The lines of the decoder and of the later steps, without those about the pending list.
+    // The log lines about an answer, without those about its datagram and about pending requests.
     std::vector<std::string> lines()
     {
         std::vector<std::string> log = host.log();

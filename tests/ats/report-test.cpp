@@ -1,5 +1,5 @@
-// The two files of the module, byte by byte. A read of the control file writes the report to the log. The other file is
-// the version.
+// The texts of the module's two /proc files, byte by byte. A read of the file "control" writes a report to the log. The
+// file "version" contains the version.
 #include "module-version.h"
 #include "tests/ats/ats-world.h"
 
@@ -9,7 +9,8 @@ namespace
 TEST(report, shows_every_hca_and_port)
 {
     ats_world w;
-    w.subnet.add_hca("other", "hca", 8).value(); // uses eight LIDs: the next one, 11, has a letter in the report
+    w.subnet.add_hca("other", "hca", 8)
+        .value(); // uses eight LIDs; the LID of port 2 is then 11, with a letter in hexadecimal
     ats_host& host = w.add({.ports = {2, 1}}).load();
     host.link_up(2);
     w.subnet.faults.drop_next_answers = 1;
@@ -67,11 +68,12 @@ TEST(report, shows_the_version_whole_and_in_pieces)
     EXPECT_EQ(host.read("dorvex/ats/version"), whole);
 }
 
-// Some kernels read on until the handler reports the end.
+// Some kernels call the handler again and again until it reports the end of the file. Outside of a module, the file
+// contains the six bytes "Error\n".
 TEST(report, reports_the_end_of_the_version)
 {
     std::vector<int> ends;
-    for (const auto& [offset, count] : {std::pair{0, 5}, {0, 6}, {4, 1}, {4, 2}, {6, 1}}) { // of "Error\n"
+    for (const auto& [offset, count] : {std::pair{0, 5}, {0, 6}, {4, 1}, {4, 2}, {6, 1}}) {
         char page[PROC_PAGE_SIZE], *start = page;
         ends.push_back(0);
         version_read_proc(page, &start, offset, count, &ends.back(), nullptr);

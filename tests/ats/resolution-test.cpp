@@ -1,4 +1,5 @@
-// Lookups for IBAT and UCM: the requests to the SA, the answers and their times. Each request ends exactly once.
+// Lookups that IBAT and UCM ask for. Tests the requests to the SA, the answers, and the ticks at which they come. Each
+// lookup must end exactly once.
 #include "kernel/time.h"
 #include "tests/ats/ats-world.h"
 #include "timing.h"
@@ -70,8 +71,9 @@ TEST_F(resolution, other_answers_do_not_end_a_request)
     EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
 }
 
-// The timer runs once a second and ends the requests that are at least one second old. In one run the tick count
-// exceeds 32 bits meanwhile, in another 31. A timer whose function sleeps must not delay it.
+// The request timer runs once a second and ends the requests that are at least one second old. A timer whose function
+// sleeps must not delay it. The second run begins just before the tick count exceeds 32 bits, the third one just before
+// it exceeds 31 bits.
 TEST(time_out, comes_at_the_exact_tick)
 {
     timing_t sleeper{};
@@ -115,7 +117,7 @@ TEST_F(resolution, ends_once_however_late_the_answer_is)
     w.at(6000);
     EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
     EXPECT_THAT(second_lookup.answers, ElementsAre(answer_at(2500, ibat_stat_ok, "10.0.0.2")))
-        << "by the answer to the first";
+        << "the answer to the first request ends the second one";
 }
 
 TEST_F(resolution, of_twenty_at_once_four_find_no_datagram)
@@ -126,7 +128,7 @@ TEST_F(resolution, of_twenty_at_once_four_find_no_datagram)
         for (uint64_t i = 0; i < lookups.size(); ++i) ++first_statuses[host.reverse({i, 7}, lookups[i])];
     });
     EXPECT_THAT(first_statuses, ElementsAre(std::pair(ibat_stat_error, 4), std::pair(ibat_stat_pending, 16)));
-    EXPECT_THAT(host.log(), testing::SizeIs(8)); // two for each
+    EXPECT_THAT(host.log(), testing::SizeIs(8)); // two for each of the four
     w.at(2000);
     for (const reverse_lookup& each : lookups) ++last_statuses[each.answers.at(0).status];
     EXPECT_THAT(last_statuses, ElementsAre(std::pair(ibat_stat_not_found, 16), std::pair(ibat_stat_timeout, 4)));
@@ -145,7 +147,7 @@ TEST_F(resolution, without_an_active_port_fails_and_still_times_out)
     EXPECT_THAT(w.requests(), IsEmpty());
 }
 
-// A registration holds the semaphore for 60 ticks. A lookup waits for it until a signal comes.
+// A registration holds the semaphore for 60 ticks. A lookup waits until the semaphore is free or a signal comes.
 TEST_F(resolution, waits_for_a_registration_or_a_signal)
 {
     w.subnet.faults.sa_silent = true;

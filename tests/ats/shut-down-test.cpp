@@ -1,4 +1,5 @@
-// In any state of the module, unloading deletes the record, gives everything back and ends.
+// The module is unloaded in many states. It must then delete its record and give back all resources, and its stop must
+// end.
 #include "kernel/errno.h"
 #include "tests/ats/failing-calls.h"
 
@@ -7,7 +8,7 @@ namespace
 
 using lines = std::vector<std::string>;
 
-// The lines of the stop, without those of the functions that it calls.
+// The log lines that ats_sa_stop prints itself, without those of the functions that it calls.
 lines lines_of_stop(ats_host& host)
 {
     lines texts;
@@ -76,7 +77,8 @@ TEST_F(shut_down, waits_until_gsi_releases_the_class)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The check of the first HCA would come after that HCA has stopped, during the wait for the Delete of the second one.
+// The first HCA is about to check its record. The stop takes longer than that, because the SA is silent. It must end
+// all checks first; otherwise the check runs when the first HCA has already stopped.
 TEST(shut_down_of_two_hcas, ends_verification_first)
 {
     ats_world w;
@@ -96,7 +98,8 @@ TEST(shut_down_of_two_hcas, ends_verification_first)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// IBAT is still processing an answer when the stop begins. Without UCM, only this step of the stop waits for that.
+// IBAT is still processing an answer when the stop begins. The stop must wait before it gives back IBAT's function.
+// Without UCM, no other step of the stop waits for answers in progress.
 TEST(shut_down_without_ucm, waits_for_an_answer_that_ibat_is_processing)
 {
     ats_world w;
@@ -140,7 +143,7 @@ TEST_F(shut_down, without_an_active_port_has_nothing_to_wait_for)
     EXPECT_EQ(log.back(), "ATS - module stopped ");
 }
 
-// ---- the same for each failing call ----
+// ---- scenarios in which each kernel call fails once ----
 
 TEST(failing_calls, of_an_unload_leave_nothing_behind)
 {

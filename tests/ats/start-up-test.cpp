@@ -1,5 +1,5 @@
-// Loads the module on hosts of every kind. When a kernel call fails, the load leaves nothing behind and the next load
-// succeeds.
+// Loads the module on hosts with different HCAs, parameters and other modules. If a kernel call fails during the load,
+// nothing may remain, and the next load must succeed.
 #include <map>
 #include <set>
 
@@ -12,7 +12,7 @@ namespace
 
 using lines = std::vector<std::string>;
 
-// The error number of the module's start-up, or 0 without an error.
+// The error number that the module's entry function has returned, or 0.
 int number_of_failure(const ats::result<>& result)
 {
     const std::string words = "start-up failed with ";
@@ -25,7 +25,7 @@ int number_of_failure(const ats::result<>& result)
 struct start_up : testing::TestWithParam<std::vector<int>> {
 };
 
-// The calls without which an HCA cannot work.
+// An HCA cannot work if one of these calls fails, so the load must fail, too.
 const std::set<std::string> needed_calls = {"kq_hca_open", "kq_hca_query", "gsi_register_class",
                                             "gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"};
 
@@ -38,7 +38,7 @@ TEST_P(start_up, leaves_nothing_behind_whatever_fails)
         ats::result<> result;
         const failed_calls failures = with_failing_calls(host, calls, [&] { result = host.try_load(); });
         w.at(300);
-        EXPECT_FALSE(result && needed_calls.contains(failures.last)) << "no HCA works without this call";
+        EXPECT_FALSE(result && needed_calls.contains(failures.last)) << "the load succeeded without " << failures.last;
         if (result) host.unload();
         EXPECT_EQ(host.leftovers(), "");
         EXPECT_THAT(w.records(), IsEmpty());
@@ -96,7 +96,7 @@ TEST(start_up_of, an_hca_that_fails_says_why)
     }
 }
 
-// HCA 0 is stopped again and its record deleted. HCA 1 gives back its resources. HCA 2 was never started.
+// HCA 1 fails and gives back its resources. Then HCA 0 is stopped and its record is deleted. HCA 2 was never started.
 TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
 {
     ats_world w;
@@ -104,7 +104,7 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     host.link_up(1);
     host.peers().attach_takes_ticks = 10;
     exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
-    w.at(5); // the first one has started and registered
+    w.at(5); // HCA 0 has started and registered
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
     host.faults().fail_calls("gsi_dtgrm_pool_create_named");
     host.finish(insmod);
@@ -118,7 +118,8 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The failing HCA's resources are released first. Stopping the other HCAs takes longer.
+// The module releases the resources of the HCA that fails before it stops the other HCAs. The stop takes longer,
+// because it waits for the SA.
 TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
 {
     for (const char* call : {"gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"}) {
@@ -157,7 +158,7 @@ TEST(start_up_of, a_taken_control_file_fails_and_is_logged)
     host.unload();
 }
 
-TEST(start_up_of, a_slow_host_shows_its_version_already)
+TEST(start_up_of, a_slow_host_shows_its_version_before_it_ends)
 {
     ats_world w;
     ats_host& host = w.add();
@@ -189,8 +190,8 @@ TEST(start_up_of, no_hca_loads_and_does_nothing)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// Sanitizers then notice a loop that goes beyond the last context.
-TEST(start_up_of, the_largest_number_of_hcas)
+// All places of the table of HCAs are in use. If a loop goes beyond the last one, the address sanitizer notices.
+TEST(start_up_of, the_largest_number_of_hcas_uses_no_memory_beyond_the_table)
 {
     constexpr int hca_count = 32;
     ats_world w;
@@ -206,7 +207,7 @@ TEST(start_up_of, the_largest_number_of_hcas)
     EXPECT_THAT(w.records(), IsEmpty());
 }
 
-TEST(start_up_of, a_host_with_odd_parameters)
+TEST(start_up_of, a_host_with_bad_or_missing_parameters_succeeds)
 {
     ats_world w;
     ats_host& host = w.add({.name = "", .address = "1.2.3"}).load();
@@ -221,7 +222,7 @@ TEST(start_up_of, a_host_with_odd_parameters)
     EXPECT_THAT(w.records(), ElementsAre(".1 0.0.0.0 ", "plain.1 0.0.0.0 No hostname"));
 }
 
-// ---- the peers ----
+// ---- the connection to IBAT and UCM ----
 
 TEST(binding, needs_only_the_functions_of_ibat_that_it_uses)
 {
@@ -260,7 +261,7 @@ TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
     ats_host& host = w.add();
     host.link_up(1);
     host.peers().accepts = false;
-    host.peers().attach_takes_ticks = 50; // while the port becomes active
+    host.peers().attach_takes_ticks = 50; // meanwhile the port becomes active
     EXPECT_EQ(number_of_failure(host.try_load()), -6);
     EXPECT_THAT(host.log(), ElementsAre(StartsWith("LOGGER"), "ERROR api/ats_ibat_init: Could not attach to IBAT",
                                         "ERROR api/ats_init: ats_ibat_init failed -255",

@@ -1,5 +1,5 @@
-// The log of one long story, with every trace line in its order. Log readers and support scripts search for these
-// lines, so each of them is part of the module's contract. story.txt has the expected log.
+// One long scenario whose log is compared, line by line, with the expected log in story.txt. Users search logs for
+// these lines and support scripts read them. So the text of each line is part of the module's contract.
 #include <fstream>
 
 #include "tests/ats/ats-world.h"
@@ -14,8 +14,8 @@ struct story : testing::Test {
     ats_host& host = w.add({.ports = {2, 1}, .trace = trace_func});
     lines log;
 
-    // Runs one chapter. Appends its title and the lines of the log. Of each dump of a datagram, one line shows that it
-    // was made; replies-test.cpp compares the others.
+    // Runs one chapter, and appends its title and its log lines to `log`. Of a datagram's dump it appends only one
+    // line; replies-test.cpp compares the others.
     void chapter(const std::string& title, const std::function<void()>& body)
     {
         log.push_back("== " + title);
@@ -25,10 +25,10 @@ struct story : testing::Test {
             if (line.find("ats_sa_dump_") == line.npos || line.find("service lease") != line.npos) log.push_back(line);
     }
 
-    // Runs until the next check has ended.
+    // Lets time pass until the module has checked its own record once more.
     void check() { w.at(host.machine().exec().now() + 63'000); }
 
-    // The same with the n-th call of a kernel function failing.
+    // Runs one chapter in which the next `times` calls of a kernel function fail.
     void failing(const std::string& call, uint64_t times, const std::string& title, const std::function<void()>& body)
     {
         chapter(title + ", " + call + " fails", [&] {

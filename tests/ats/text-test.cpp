@@ -1,4 +1,5 @@
-// Addresses and GIDs as text. Tests which texts the calls and commands accept, and the values that they send.
+// Addresses and GIDs that other modules and users write as text. Tests which texts the module accepts, and which values
+// it then sends to the SA.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -9,7 +10,7 @@ struct text : testing::Test {
     ats_host& host = w.add_registered();
 };
 
-TEST_F(text, ipv4_addresses)
+TEST_F(text, ipv4_addresses_have_the_same_meaning_as_ever)
 {
     const std::map<std::string, std::string> table = {
         {"10.0.0.1", "10.0.0.1"},
@@ -24,7 +25,7 @@ TEST_F(text, ipv4_addresses)
         {"300.2.3.4", "44.2.3.4"},
         {"4294967295.1.1.1", "refused"}, // this value means no address
         {"1.1.1.4294967295", "refused"},
-        {"8589934591.1.1.1", "refused"}, // the same, in the low 32 bits
+        {"8589934591.1.1.1", "refused"}, // its low 32 bits have that value
         {"4294967296.1.1.1", "0.1.1.1"},
         {"255.255.255.255", "255.255.255.255"},
         {"a.b.c.d", "0.0.0.0"},
@@ -54,7 +55,7 @@ TEST_F(text, ipv4_addresses)
     EXPECT_THAT(host.log(), IsEmpty());
 }
 
-TEST_F(text, gids)
+TEST_F(text, gids_have_the_same_meaning_as_ever)
 {
     const std::string too_long = "ERROR misc/ats_parsegidstr: The gid string is too long or too short";
     const std::string no_prefix = "ERROR misc/ats_parsegidstr: The gid string should start with 0x";

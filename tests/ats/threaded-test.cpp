@@ -1,5 +1,6 @@
-// The whole service on real threads. Hosts resolve each other while links flap, identities change, the SA moves and
-// loses records, and one host leaves. Nothing is simulated, so the thread sanitizer sees real races.
+// Hosts with all modules on real threads. They resolve each other while links flap, names and addresses change, the SA
+// changes its port and loses records, and one host leaves. The fabric is embedded, but tasks and time are real, so the
+// thread sanitizer can find races.
 #include <chrono>
 
 #include "console/host-plans.h"
@@ -52,8 +53,8 @@ class running_hosts
         machine(host).enter("write", [&] { machine(host).proc.write("dorvex/ats/control", command); });
     }
 
-    // Looks up addresses, their GIDs and the paths to them, `times` times, at the SA or in the caches. Does not wait
-    // for some of the paths.
+    // Looks up addresses, their GIDs and the paths to them, `times` times, at the SA or in the caches. Stops waiting
+    // for every fifth path after one tick.
     void resolve_others(size_t host, int times)
     {
         for (int i = 0; i < times; ++i) {
@@ -98,7 +99,7 @@ class running_hosts
     std::atomic<int> answer_count = 0, path_count = 0;
 };
 
-TEST(threaded, hosts_resolve_flap_change_and_leave)
+TEST(threaded, hosts_have_no_race_when_they_resolve_flap_change_and_leave)
 {
     running_hosts w;
     for (size_t host = 0; host < w.hosts.size(); ++host) {
@@ -140,10 +141,10 @@ TEST(threaded, hosts_resolve_flap_change_and_leave)
               ibat_stat_ok);
     w.leave(1);
 
-    // The second HCA gets events while the first one is being stopped. Its last record may remain, because its link may
-    // be down at its stop.
+    // The second HCA of node1 gets events while the first one is being stopped. If its link is down when it is stopped
+    // itself, its record remains at the SA.
     std::atomic<bool> has_left = false;
-    w.start(0, "flap on", [&] {
+    w.start(0, "flap until the end", [&] {
         while (!has_left) w.flap("mthca1");
     });
     w.leave(0);

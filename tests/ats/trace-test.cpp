@@ -1,5 +1,5 @@
-// Trace levels. A line is printed only if both the level of the logger and that of the module allow it. Both levels can
-// change at any time.
+// Trace levels. A trace line is printed only if both the logger's level and the module's own level allow it. Both
+// levels can change at any time.
 #include <malloc.h>
 #include <set>
 
@@ -10,7 +10,8 @@
 namespace
 {
 
-// The levels of the lines that an event prints. The event fails in part, so it prints lines of each level.
+// Causes events that print lines of all levels, some of them because a call fails. Returns the levels of the lines that
+// were printed.
 std::set<std::string> levels_of_an_event(ats_world& w, ats_host& host)
 {
     host.log();
@@ -90,7 +91,7 @@ TEST(trace, is_off_without_a_registry_value)
     EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "tracing stays off until the next load";
 }
 
-// The host checks its record once a minute and traces every step. It must free unused memory, mainly that of its log.
+// The host checks its record once a minute and traces every step. Its log has a limit, and old lines must be freed.
 TEST(trace, of_everything_for_a_month_takes_no_more_memory)
 {
     ats_world w;
@@ -101,7 +102,7 @@ TEST(trace, of_everything_for_a_month_takes_no_more_memory)
         constexpr uint64_t day_ticks = 86'400'000;
         for (; day < last_day; ++day) {
             w.at((day + 1) * day_ticks);
-            w.requests(); // this world keeps them, too
+            w.requests(); // frees the requests that the test's world has recorded
         }
         return mallinfo2().uordblks;
     };
@@ -109,7 +110,7 @@ TEST(trace, of_everything_for_a_month_takes_no_more_memory)
     EXPECT_LT(heap_bytes_after(30), after_three_days + (64 << 10));
     uint64_t next = 0, drop_count = 0;
     host.machine().log.lines_from(0, 1, &next, &drop_count);
-    EXPECT_GT(drop_count, 100'000u) << "nothing was traced";
+    EXPECT_GT(drop_count, 100'000u) << "the log has not reached its limit";
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-// Each HCA checks its own record. Tests the times of the checks and the new registrations.
+// Each HCA asks the SA for its own record once in a period, and registers again if the answer is wrong or missing.
+// Tests the times of these checks and the new registrations.
 #include "host/kernel/random.h"
 #include "host/stack/timers.h"
 #include "tests/ats/ats-world.h"
@@ -15,14 +16,14 @@ struct verification : testing::Test {
         host.control("sa_verify_period 0 0");
         w.at(59'999);
         host.control("sa_verify_period 10 0");
-        w.at(60'600); // the check armed at load has run; now checks are on again
+        w.at(60'600); // the timer that the load has started has expired, and the first check has run
         const lines requests = w.requests();
         EXPECT_EQ(requests.size(), 1u);
         next_check = std::stoull(requests.at(0)) + 10'000;
     }
 
-    // Runs until after the next check and the time-out of its request. Returns the requests. Their ticks count from the
-    // check.
+    // Runs until the next check has ended, if need be by a time-out. Returns the requests to the SA. Their ticks count
+    // from the begin of the check.
     lines check()
     {
         w.requests();
@@ -85,7 +86,7 @@ TEST_F(verification, replaces_a_wrong_address)
     EXPECT_THAT(log, Contains("DEBUG api/rarp_callback: gid & ipaddress don't match"));
 }
 
-// Such an answer has no meaning but its code, even if its record looks right.
+// In an answer with an error code, the record has no meaning, even if it looks right.
 TEST_F(verification, restores_after_a_refusal_with_the_right_address)
 {
     w.subnet.faults.sa_silent = true;
@@ -95,7 +96,7 @@ TEST_F(verification, restores_after_a_refusal_with_the_right_address)
     EXPECT_THAT(w.requests(), ElementsAre(std::to_string(next_check) + " node1.1 SET node1.1 10.0.0.1 node1"));
 }
 
-// The answer to a registration also has the own GID. It ends a check that waits for its answer.
+// The answer to a Set has the host's own GID, like the answer to a check. It ends a check whose answer was lost.
 TEST_F(verification, ends_with_the_answer_to_a_registration)
 {
     w.subnet.faults.drop_next_answers = 1;
@@ -115,7 +116,7 @@ TEST_F(verification, needs_an_active_port)
     w.at(next_check);
     host.link_down(1);
     w.requests();
-    w.at(next_check + 2000); // its request times out
+    w.at(next_check + 2000); // the request of the check times out
     EXPECT_THAT(w.requests(), IsEmpty());
     EXPECT_THAT(host.log(), Contains("DEBUG api/rarp_callback: no active port"));
     next_check += 10'000;
@@ -128,7 +129,8 @@ TEST_F(verification, needs_an_active_port)
     EXPECT_THAT(check(), ElementsAre("0 node1.2 GET node1.2"));
 }
 
-// A registration that waits for its answer delays the lookup of the check. It does not delay the next check.
+// A registration holds the semaphore while it waits for an answer. It delays the lookup of one check, but the next
+// check comes in time.
 TEST_F(verification, keeps_its_period_after_a_delayed_lookup)
 {
     const stack::timers& timers = host.machine().get<stack::timers>();
@@ -155,7 +157,8 @@ TEST_F(verification, logs_what_it_could_not_send)
         Contains("DEBUG api/verification_callback: call ats_rarp_send_nocache() returned ibat_stat_error (-255)"));
     w.subnet.forget_all();
     w.at(next_check - 1);
-    // The fifth call is the datagram of the Set, after memory, the semaphore, a datagram and its post.
+    // The check makes four kernel calls: memory, the semaphore, a datagram, its post. The fifth one gets the datagram
+    // of the Set.
     host.faults().fail_nth(5);
     w.at(next_check);
     EXPECT_EQ(host.faults().failed_call(), "gsi_dtgrm_pool_get");
@@ -168,7 +171,7 @@ TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
         ats_world w;
         ats_host& host = w.add_registered({.trace = trace_debug});
         host.control("sa_verify_period 1 0");
-        w.at(60'600); // after the first check; the second finds that checks are off
+        w.at(60'600); // the first check has run; the second one will find that checks are off
         const uint64_t off_tick = std::stoull(w.requests().at(0)) + 1000;
         host.control("sa_verify_period " + std::string(off) + " 0");
         w.subnet.forget_all();
@@ -187,7 +190,7 @@ TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
     }
 }
 
-// The delay is the period plus a random part of the skew. The seed of the host makes the random numbers known.
+// The delay is the period plus a random part of the skew. The seed of the host determines the random numbers.
 TEST(verification_period, is_lengthened_by_up_to_the_skew)
 {
     struct {

@@ -1,5 +1,5 @@
-// The bytes of the four requests, and their destination. All hosts of the service must use the same layout. If one byte
-// of a host is at another place, lookups between this host and others fail.
+// Compares each byte of the requests that the module sends, and their destination. All hosts of the service must use
+// the same layout. If one host has a byte at another place, lookups between this host and the others fail.
 #include <set>
 
 #include "tests/ats/ats-world.h"
@@ -37,7 +37,7 @@ fabric::mad_bytes request_with(const std::vector<field>& fields)
 
 const bytes gid = {0xFE, 0x80, 1, 2, 3, 4, 5, 6, 2, 0, 0, 0, 0, 1, 0, 1};
 const bytes mask_by_gid = {0, 0, 0, 0, 0, 0, 0, 0x43};
-const std::string name = "abcdefghijklmnopqrstuvwxyzABCD"; // as long as a registered name may be
+const std::string name = "abcdefghijklmnopqrstuvwxyzABCD"; // the longest name that a record can hold
 
 const fabric::mad_bytes first_delete = request_with({{3, {0x15}}, {48, mask_by_gid}});
 const fabric::mad_bytes later_delete = request_with({{3, {0x15}}, {48, mask_by_gid}, {64, gid}});
@@ -53,7 +53,7 @@ const fabric::mad_bytes get_by_address =
     request_with({{3, {0x01}}, {48, {0, 0, 0, 0, 0, 0x7F, 0xFF, 0xC1}}, {180, {192, 168, 0, 5}}});
 const fabric::mad_bytes get_by_gid = request_with({{3, {0x01}}, {48, mask_by_gid}, {64, gid}});
 
-TEST(wire, every_byte_of_every_request_and_its_address)
+TEST(wire, no_byte_of_a_request_or_of_its_destination_changes)
 {
     ats_world w({}, {.gid_prefix = 0xFE80010203040506, .sm_lid = 77, .sm_sl = 5, .p_keys = {0x8123}});
     ats_host& host = w.add({.name = name + "beyond", .address = "10.1.2.3"}).load();

@@ -16,10 +16,10 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-struct closing {
+struct client_deleter {
     void operator()(ats_client_t* client) const { ats_close(client); }
 };
-using client_ptr = std::unique_ptr<ats_client_t, closing>;
+using client_ptr = std::unique_ptr<ats_client_t, client_deleter>;
 
 client_ptr open_client()
 {
@@ -100,7 +100,7 @@ TEST(client, reads_every_field_of_an_answer)
     EXPECT_EQ(answer.verified, -1);
 }
 
-// Even if a service is hostile, broken or foreign, every question ends with a status within its time limit.
+// A service may be hostile or broken, or may not be ats. Every question must end with a status within its time limit.
 TEST(client, ends_every_question_whatever_the_service_sends)
 {
     const std::string id1 = R"({"id":1,)";
@@ -155,11 +155,11 @@ TEST(client, reconnects_to_a_service_that_was_restarted)
     service = std::make_unique<fake_service>();
     service->serve();
     EXPECT_EQ(resolve(client).status, ATS_OK);
-    service = nullptr; // dies; it comes back before the next question
+    service = nullptr; // the service ends, and starts again before the next question
     service = std::make_unique<fake_service>();
     service->serve();
     EXPECT_EQ(resolve(client).status, ATS_OK);
-    char* answer = nullptr; // of an order, which is never sent twice
+    char* answer = nullptr; // of an ats_request(), which the client never sends a second time
     EXPECT_EQ(ats_request(client.get(), R"({"request":"ping"})", 5000, &answer), ATS_OK) << ats_last_error();
     ats_free(answer);
 }

@@ -1,4 +1,4 @@
-// A service with answers that a test defines, on a socket of its own.
+// A service for tests of libatsclient. It listens on a socket of its own, and a function of the test makes its answers.
 #pragma once
 
 #include <atomic>
@@ -18,13 +18,14 @@ namespace client_tests
 
 using json = nlohmann::json;
 
-// The bytes that answer a line, or "" for none. With hang_up, the connection ends afterwards.
+// The reaction of the service to one line of a client.
 struct reaction {
-    std::string bytes;
-    bool hang_up = false;
+    std::string bytes;    // sent to the client; may be empty
+    bool hang_up = false; // the service then closes the connection
 };
 using behaviour = std::function<reaction(const json& request)>;
 
+// Greets the client, and answers every question with the same record.
 inline reaction usual(const json& request)
 {
     if (request.value("request", "") == "hello")
@@ -113,7 +114,7 @@ class fake_service
     const std::string socket_;
     int listener_;
     std::thread acceptor_;
-    std::list<talk> talks_; // only for the acceptor's thread until it has ended
+    std::list<talk> talks_; // used by the thread `acceptor_`, and by the destructor after that thread has ended
 };
 
 } // namespace client_tests

@@ -1,3 +1,4 @@
+// The capture file of a fabric: errors of its writes, and the checksums of its packets.
 #include "host/fabric/capture.h"
 
 #include <cstring>
@@ -26,16 +27,17 @@ TEST(capture, checksums_are_the_standard_ones)
     uint32_t crc = UINT32_MAX;
     for (const uint8_t digit : {'1', '2', '3', '4', '5', '6', '7', '8', '9'})
         crc = fabric::crc_step<uint32_t, 0xEDB88320>(crc, digit);
-    EXPECT_EQ(~crc, 0xCBF43926) << "the check value that CRC-32 is known by";
+    EXPECT_EQ(~crc, 0xCBF43926) << "the published check value of CRC-32";
 
-    // A switch may choose another VL, so the VL does not change the invariant CRC. Every other bit changes it.
+    // A switch may change the VL (4 bits) and one byte of the BTH. The invariant CRC must not depend on them. It must
+    // depend on every other bit.
     uint8_t packet[32] = {}, invariant_crc[4], crc_of_change[4];
     fabric::write_invariant_crc(packet, sizeof packet, invariant_crc);
     for (size_t bit = 0; bit < 8 * sizeof packet; ++bit) {
         packet[bit / 8] ^= static_cast<uint8_t>(0x80 >> bit % 8);
         fabric::write_invariant_crc(packet, sizeof packet, crc_of_change);
-        const bool is_masked = bit < 4 || bit / 8 == 12;
-        EXPECT_EQ(memcmp(invariant_crc, crc_of_change, sizeof crc_of_change) == 0, is_masked) << "bit " << bit;
+        const bool may_change = bit < 4 || bit / 8 == 12;
+        EXPECT_EQ(memcmp(invariant_crc, crc_of_change, sizeof crc_of_change) == 0, may_change) << "bit " << bit;
         packet[bit / 8] = 0;
     }
 }

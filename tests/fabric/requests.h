@@ -1,4 +1,4 @@
-// Requests to an SA, and a listener that records its calls.
+// Builds requests to an SA and reads its answers. Also has a fabric::listener that records its calls.
 #pragma once
 
 #include <bit>
@@ -41,6 +41,7 @@ inline record_t host_record(const fabric::gid_bytes& gid, uint8_t octet, uint16_
     return record;
 }
 
+// A request for a ServiceRecord, in wire order.
 inline sa_mad_v2_t request(uint8_t method, uint64_t component_mask, const record_t& record, uint64_t transaction = 7)
 {
     sa_mad_v2_t mad{};

@@ -12,7 +12,7 @@ using namespace embedded;
 using test::gid_number;
 using test::record_t;
 
-// The first byte and the size of component `bit`. This table is independent of the implementation.
+// The offset in the record and the size in bytes of component `bit`. Does not use the offsets of the tested code.
 std::pair<size_t, size_t> place_of_component(int bit)
 {
     if (bit >= SR_COMPONENT_SERVICE_DATA64) return {160 + 8 * (bit - SR_COMPONENT_SERVICE_DATA64), 8};
@@ -23,6 +23,7 @@ std::pair<size_t, size_t> place_of_component(int bit)
     return places[bit];
 }
 
+// A slow and simple version of equal_in().
 bool naively_equal(uint64_t mask, const record_t& a, const record_t& b)
 {
     for (int bit = 0; bit < SR_COMPONENT_COUNT; ++bit) {
@@ -46,7 +47,7 @@ TEST(service_records, every_byte_belongs_to_one_component)
             EXPECT_FALSE(equal_in(mask, record, other)) << "component " << bit << " byte " << i;
             EXPECT_TRUE(equal_in(~mask, record, other)) << "component " << bit << " byte " << i;
 
-            // Does the same through a store, with masks that use an index and masks that do not.
+            // The store finds the record only if the changed component is not selected.
             service_records store(8);
             store.set(record, 0);
             record_t result;
@@ -54,11 +55,11 @@ TEST(service_records, every_byte_belongs_to_one_component)
             EXPECT_EQ(store.get(test::mask_all & ~mask, other, 0, result), matches::one);
         }
     }
-    // Undefined components select nothing. An empty selection matches everything.
+    // Bits beyond the last component select nothing. Without a selected component, all records are equal.
     EXPECT_TRUE(equal_in(test::mask_all << SR_COMPONENT_COUNT, record, record_t{}));
 }
 
-// Records with fields from so few values that most keys and components are equal.
+// Draws records and masks at random. Each field has only a few possible values, so many records have the same key.
 struct clashing_records {
     std::mt19937 dice{42};
     int draw(int below) { return static_cast<int>(dice() % static_cast<unsigned>(below)); }
@@ -78,7 +79,7 @@ struct clashing_records {
     }
 };
 
-// The same store without an index: slow and simple.
+// A slow and simple version of the store. It has no index and searches all records.
 struct naive_store {
     struct entry {
         record_t record;
@@ -148,7 +149,7 @@ TEST(service_records, an_index_gives_the_same_answers_as_a_search)
         }
         ASSERT_EQ(store.all(now_ticks).size(), naive.all.size()) << "step " << step;
     }
-    for (const int times : counts) EXPECT_GT(times, 1000) << "the draw must try every outcome often";
+    for (const int times : counts) EXPECT_GT(times, 1000) << "one of none, one and many results was seldom tried";
 }
 
 } // namespace

@@ -20,7 +20,8 @@ constexpr fabric::gid_bytes gid_c{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 3
 constexpr fabric::gid_bytes gid_d{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 4, 0, 1};
 constexpr fabric::gid_bytes gid_elsewhere{0xFE, 0xC0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 1};
 
-// The ports of the subnet. The port with gid_c is in another partition; the port with gid_d is down.
+// The ports of the subnet. The port with gid_c is not in the default partition. The link of the port with gid_d is
+// down.
 const port_record ports[] = {
     {.owner = nullptr, .number = 1, .assigned_lid = 2, .gid = gid_a, .p_keys = {0xFFFF, 0x0005}},
     {.owner = nullptr, .number = 1, .assigned_lid = 3, .gid = gid_b, .p_keys = {0x7FFF, 0x0005}},
@@ -47,6 +48,7 @@ port_directory directory()
         .by_lid = [=](uint16_t lid) { return find([&](const auto& port) { return port.lid == lid; }); }};
 }
 
+// A record that has only the fields of a lookup by GID.
 record_t like_gid(const fabric::gid_bytes& gid)
 {
     record_t like{};
@@ -66,12 +68,12 @@ constexpr size_t base_version_byte = 0, class_version_byte = 2, attribute_byte =
 
 struct exchange {
     const char* name;
-    std::vector<record_t> records;
+    std::vector<record_t> records; // in the store before the request
     sa_mad_v2_t request;
-    uint16_t status; // as a number: the class-specific code is the high byte
-    uint8_t method;
+    uint16_t status; // of the response, in host order: the class-specific code is the high byte
+    uint8_t method;  // of the response
     record_t answer; // the record in the response
-    size_t rest;     // number of records in the store afterwards
+    size_t rest;     // number of records in the store after the request
 };
 
 const record_t a1 = test::host_record(gid_a, 1), a2 = test::host_record(gid_a, 2), b1 = test::host_record(gid_b, 1);
@@ -112,7 +114,7 @@ const exchange exchanges[] = {
     {"class_version", {}, with(request(set, all, a1), class_version_byte, 1), 0x04, reply, a1, 0},
 };
 
-TEST(subnet_administrator, answers)
+TEST(subnet_administrator, answers_each_request_with_the_right_status_and_record)
 {
     for (const exchange& row : exchanges) {
         SCOPED_TRACE(row.name);
@@ -136,14 +138,14 @@ TEST(subnet_administrator, answers)
     }
 }
 
-// A request for a path. Both ends are named by GID, or both by LID.
+// A request for the path from the port with gid_a to the port with gid_b, and its answer. The full request selects all
+// of `path_components` below.
 struct path_exchange {
     const char* name;
-    // Changes a request from gid_a to gid_b with all components below.
-    std::function<void(ib_path_record_wire_t&)> change;
-    uint64_t removed_components;
-    uint16_t status;
-    uint16_t p_key; // expected in the answer
+    std::function<void(ib_path_record_wire_t&)> change; // changes the record of the full request
+    uint64_t removed_components;                        // not selected in this request
+    uint16_t status;                                    // of the answer
+    uint16_t p_key;                                     // of the answer
 };
 
 constexpr uint64_t bit(path_record_component_t component)
@@ -171,7 +173,7 @@ const path_exchange path_exchanges[] = {
     {"other_sl", [](auto& path) { path.qos_class_sl = to_wire(uint16_t{1}); }, 0, no_records, 0},
 };
 
-TEST(subnet_administrator, paths)
+TEST(subnet_administrator, answers_each_path_request_with_the_right_status_and_path)
 {
     for (const path_exchange& row : path_exchanges) {
         SCOPED_TRACE(row.name);

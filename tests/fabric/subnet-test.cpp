@@ -91,7 +91,7 @@ TEST_F(two_hosts, link_and_sm_changes_are_reported_and_read)
     ASSERT_TRUE(net.set_sm(9, 5));
     sim->settle();
     EXPECT_THAT(first_listener.changes, ElementsAre("sm 1 to 9", "sm 2 to 9"));
-    EXPECT_THAT(second_listener.changes, ElementsAre("down 1")) << "a port without a link learns of no SM";
+    EXPECT_THAT(second_listener.changes, ElementsAre("down 1")) << "a port without a link is not told of a new SM";
     EXPECT_EQ(first.read_port(2).sm_lid, 9);
     EXPECT_EQ(first.read_port(2).sm_sl, 5);
     EXPECT_EQ(second.read_port(1).state, link_state::down);
@@ -143,10 +143,10 @@ TEST_F(two_hosts, partitions_keep_hosts_apart)
     third.listen(&third_listener);
     for (const char* host : {"node3", "node4"}) ASSERT_TRUE(net.link_up(host, "mthca0", 1));
 
-    ASSERT_TRUE(third.send(1, sa_address, get_first(1)));                   // a limited member asks a full one
-    ASSERT_TRUE(third.send(1, {.lid = 1, .p_key_index = 1}, get_first(2))); // the SA is not in that partition
-    ASSERT_TRUE(fourth.send(1, {.lid = 5}, get_first(3))); // from a limited to a full member; index 1 there
-    ASSERT_TRUE(third.send(1, {.lid = 6, .p_key_index = 0}, get_first(4))); // another partition
+    ASSERT_TRUE(third.send(1, sa_address, get_first(1)));                   // from a limited member to a full one
+    ASSERT_TRUE(third.send(1, {.lid = 1, .p_key_index = 1}, get_first(2))); // the SA is not in partition 1
+    ASSERT_TRUE(fourth.send(1, {.lid = 5}, get_first(3)));                  // to node3, a full member of partition 1
+    ASSERT_TRUE(third.send(1, {.lid = 6, .p_key_index = 0}, get_first(4))); // node4 is not in the default partition
     sim->settle();
     ASSERT_THAT(third_listener.transactions(), ElementsAre(3, 1));
     EXPECT_EQ(third_listener.arrivals[0].source.p_key_index, 1);
@@ -175,7 +175,7 @@ TEST_F(two_hosts, a_cut_port_loses_one_direction_only_and_no_other_port_loses_an
     EXPECT_EQ(net.ports().front().lost_at_cuts, 2u);
 }
 
-TEST_F(two_hosts, chance_faults_follow_the_seed)
+TEST_F(two_hosts, random_faults_depend_on_the_seed_and_on_nothing_else)
 {
     auto campaign = [](uint64_t seed) {
         small_world world({.fault_seed = seed});
@@ -219,7 +219,7 @@ TEST_F(two_hosts, jitter_lets_datagrams_overtake_each_other_within_its_bounds)
 TEST_F(two_hosts, faults_of_the_sa_come_and_go)
 {
     uint64_t transaction = 0;
-    // Sends a request once. Returns the status of the answer, or -1 without one.
+    // Sends a request once. Returns the status of the answer, or -1 if no answer comes.
     auto ask = [&](const fabric::mad_bytes& mad) {
         first_listener.arrivals.clear();
         EXPECT_TRUE(first.send(1, sa_address, mad));
@@ -229,7 +229,7 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
     net.faults.sa_silent = true;
     EXPECT_EQ(ask(set_first(++transaction)), -1);
     net.faults.sa_silent = false;
-    EXPECT_EQ(ask(get_first(++transaction)), 0x0300) << "a silent SA does nothing either";
+    EXPECT_EQ(ask(get_first(++transaction)), 0x0300) << "a silent SA must not carry out a Set";
 
     net.faults.drop_next_answers = 1;
     EXPECT_EQ(ask(set_first(++transaction)), -1);
@@ -253,7 +253,7 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
     EXPECT_EQ(net.forget(gid_of(first, 1)), 1u);
     EXPECT_EQ(ask(get_first(++transaction)), 0x0300);
     net.restore_records(backup);
-    EXPECT_EQ(ask(get_first(++transaction)), 0) << "the SA came back with what it held before";
+    EXPECT_EQ(ask(get_first(++transaction)), 0) << "the SA has the saved records again";
 
     net.faults.corrupt_percent = 100;
     EXPECT_TRUE(second.send(1, {.lid = 2}, get_first(++transaction)));
@@ -266,7 +266,7 @@ TEST_F(two_hosts, faults_of_the_sa_come_and_go)
 
 TEST_F(two_hosts, a_slow_sa_serves_in_turn_and_drops_what_it_has_no_room_for)
 {
-    net.set_sa_limits(embedded::sa_limits{.set = {.fixed_us = 2500}, // 2.5 ticks
+    net.set_sa_limits(embedded::sa_limits{.set = {.fixed_us = 2500}, // a Set takes 2.5 ticks
                                           .get_by_gid = {.fixed_us = 1500, .record_us = 2000},
                                           .queue_capacity = 3});
     EXPECT_TRUE(first.send(1, sa_address, set_first(1)));
@@ -319,7 +319,7 @@ TEST(subnet, hosts_get_what_they_asked_for_or_a_clear_error)
     EXPECT_EQ(ports[1].gid, "0xFEC00000000000010200000000010002");
     EXPECT_EQ(ports[1].lid, 0) << "no LID before the first link";
     for (int port : {1, 2}) ASSERT_TRUE(net.link_up("node1", "mthca0", port));
-    EXPECT_EQ(net.ports()[1].lid, 4) << "LID 3 is the SM's";
+    EXPECT_EQ(net.ports()[1].lid, 4) << "LID 3 belongs to the SM";
 
     EXPECT_EQ(net.link_up("node9", "mthca0", 1).error().text, "there is no host 'node9'; there are node1, node2");
     EXPECT_EQ(net.find("node1", "mthca3").error().text, "node1 has no HCA 'mthca3'; it has mthca0, mthca1");

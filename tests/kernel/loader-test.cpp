@@ -1,4 +1,5 @@
-// Loads and unloads a small module while it is used in other ways.
+// Loads and unloads modules: a small one, "probe", and others that the loader must refuse. Tests parameters, errors,
+// use during the load and the unloading, and what a module leaves behind.
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,7 +40,7 @@ result_t call(kernel::machine& machine, const char* symbol)
 
 ats::error error_of(const ats::result<>& result)
 {
-    return result ? ats::error("it succeeded") : result.error();
+    return result ? ats::error("no error") : result.error();
 }
 
 struct loading : testing::Test, one_machine {
@@ -112,7 +113,8 @@ TEST_F(loading, refuses_files_that_are_not_modules_and_says_what_to_do)
          "insmod: no module image at /nowhere/ats.so (No such file or directory): build it or give its path"},
         {"/proc/self/cmdline", "insmod: /proc/self/cmdline cannot be mapped: "},
         {module_folder, "insmod: no module image at " + module_folder + " (it is not a regular file)"},
-        {fifo, "insmod: no module image at " + fifo + " (it is not a regular file)"}, // without a writer
+        {fifo, "insmod: no module image at " + fifo +
+                   " (it is not a regular file)"}, // has no writer: the loader must not wait for one
         {misfit + "RECORD_SIZE.so", misfit_has("RECORD_SIZE", "4 bytes instead of 64")},
         {misfit + "RECORD_VERSION.so", misfit_has("RECORD_VERSION", "version 1 instead of 2")},
         {misfit + "NO_INIT.so", misfit_has("NO_INIT", "no init function")},
@@ -131,10 +133,10 @@ TEST_F(loading, refuses_files_that_are_not_modules_and_says_what_to_do)
     EXPECT_EQ(error_of(host.modules.rmmod("probe")).kind, ats::error_kind::not_found);
 }
 
-TEST_F(loading, gives_symbols_of_the_module_only_and_keeps_it_while_they_are_held)
+TEST_F(loading, finds_only_symbols_of_the_module_and_keeps_it_loaded_while_one_is_held)
 {
     ASSERT_TRUE(host.modules.insmod(probe));
-    EXPECT_EQ(host.modules.symbol("probe", "printf"), nullptr) << "that is the C library's";
+    EXPECT_EQ(host.modules.symbol("probe", "printf"), nullptr) << "the C library has this symbol, not the module";
     EXPECT_EQ(host.modules.symbol("other", "probe_text"), nullptr);
     {
         const kernel::held_symbol text(host.modules, "probe", "probe_text");
@@ -235,11 +237,11 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
     EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
 }
 
-// Modules get this in place of memset().
+// The loader binds a module's memset() to set_memory(), which does not write pages that are zero already.
 TEST(zeroing, clears_exactly_the_given_bytes)
 {
     constexpr size_t page = kernel::image_page_bytes;
-    std::vector<char> full(5 * page, 'x'), sparse(5 * page); // some pages of the second are zero
+    std::vector<char> full(5 * page, 'x'), sparse(5 * page); // some pages of `sparse` are zero
     for (size_t i = 0; i < sparse.size(); i += 2 * page + 1) sparse[i] = 'x';
     for (const auto& before : {full, sparse})
         for (const size_t begin : {size_t{0}, size_t{1}, page - 1, page})
@@ -252,7 +254,8 @@ TEST(zeroing, clears_exactly_the_given_bytes)
                 }
 }
 
-// Kernel calls throw when memory is used up.
+// A kernel call throws if the process has no memory left. The exception must leave the module, and destroy the module's
+// local objects on its way.
 TEST_F(loading, an_exception_passes_through_a_module)
 {
     ASSERT_TRUE(host.modules.insmod(probe));
@@ -267,8 +270,9 @@ TEST_F(loading, an_exception_passes_through_a_module)
     EXPECT_TRUE(host.modules.rmmod("probe"));
 }
 
-// Images are placed side by side, and their places are used again. Every image of the dynamic linker keeps a descriptor
-// open. A thousand machines need more descriptors than a shell allows at first.
+// The loader places images side by side, and uses the place of an unloaded image again. If it loads them with the
+// dynamic linker instead, each image keeps a descriptor open. Then the loader must raise the limit, which is too low
+// for all.
 TEST_F(loading, many_images_of_one_module_have_variables_of_their_own)
 {
     rlimit limit{};

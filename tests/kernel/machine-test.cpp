@@ -1,4 +1,4 @@
-// Parts of a machine: memory, fault injection and the log.
+// Three parts of a machine: its memory, its fault injector and its log.
 #include <climits>
 #include <cstdarg>
 #include <gmock/gmock.h>
@@ -39,7 +39,7 @@ TEST(memory, is_listed_and_reported_as_a_leak_unless_it_is_freed)
     EXPECT_DEATH(world.run(free_twice), "kfree: .* is not memory of this machine, or was freed before");
 }
 
-TEST(fault_injector, forgets_one_plan_when_it_is_given_the_next)
+TEST(fault_injector, forgets_its_plan_when_it_gets_another_one)
 {
     kernel::fault_injector faults;
     const auto pattern_of = [&](const char* call) {
@@ -82,7 +82,7 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
     EXPECT_EQ(lines[1].text, "two 2, continued <3>here");
     EXPECT_EQ(lines[1].priority, kernel::log_default_priority);
     EXPECT_EQ(lines[2].text, "");
-    EXPECT_EQ(lines[3].text, std::string(2043, 'x')) << "2047 bytes with its priority and its line end";
+    EXPECT_EQ(lines[3].text, std::string(2043, 'x')) << "the text, its priority and its line end are 2047 bytes";
     EXPECT_EQ(lines[4].text, "!");
     ASSERT_EQ(texts.size(), lines.size());
     for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(texts[i], lines[i].text);
@@ -151,7 +151,8 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
 }
 
-// The texts of the lines from number `first` on, and the number of dropped lines, for example "2 dropped;line 3;".
+// The texts of at most `limit` lines from number `first` on, and the number of dropped lines, for example "2
+// dropped;line 3;". Then `first` is the number of the next line.
 std::string texts_from(const kernel::log& log, uint64_t* first, size_t limit)
 {
     uint64_t drop_count = 0;
@@ -160,7 +161,7 @@ std::string texts_from(const kernel::log& log, uint64_t* first, size_t limit)
     return drop_count > 0 ? std::to_string(drop_count) + " dropped;" + all : all;
 }
 
-TEST(log, drops_the_oldest_lines_and_numbers_go_on)
+TEST(log, drops_the_oldest_lines_and_does_not_number_the_others_again)
 {
     kernel::log small(2 * sizeof(kernel::log_line));
     uint64_t next = 0;

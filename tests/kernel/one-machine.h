@@ -1,4 +1,4 @@
-// A simulated machine for tests of kernel calls, and the tasks of a scenario.
+// One machine in simulated time, for tests of kernel calls. A test starts tasks at given ticks.
 #pragma once
 
 #include <functional>
@@ -28,7 +28,7 @@ struct one_machine {
     // Runs `body` in a task of the machine and returns when it has ended.
     void run(const std::function<void()>& body) { host.enter("test", body); }
 
-    // Waits for all tasks. Starts with the latest one, because it may refer to earlier ones.
+    // Waits for all tasks, the latest one first: its body may use earlier tasks, which must still exist.
     void finish()
     {
         for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());

@@ -1,4 +1,4 @@
-// The /proc tree: its readers and writers, and the modules behind it.
+// The /proc tree of a machine: its entries, and calls of their read and write handlers.
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,17 +20,17 @@ std::string long_text()
     return text;
 }
 
-// The text that a read handler returns.
+// The behaviour of the read handler read_text(), and its calls.
 struct handler_plan {
-    std::string text;
-    std::vector<std::pair<off_t, int>> calls{}; // offset and count of each
-    int error = 0;                              // returned unless 0
-    bool signals_end = true;
-    int excess_bytes = 0; // bytes returned beyond the count
-    ptrdiff_t start = 0;  // offset in the page
+    std::string text;                           // what it returns
+    std::vector<std::pair<off_t, int>> calls{}; // offset and count of each call
+    int error = 0;                              // if not 0, it returns this number and no text
+    bool signals_end = true;                    // it sets *eof at the end of the text
+    int excess_bytes = 0;                       // bytes that it returns beyond the requested count
+    ptrdiff_t start = 0;                        // offset of *start in the page
 };
 
-// Answers in the old way of handlers: at most `count` bytes of the text from `off` on.
+// A read handler. It writes at most `count` bytes of the text, from the offset `off` on, into the page.
 int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
 {
     auto& plan = *static_cast<handler_plan*>(data);

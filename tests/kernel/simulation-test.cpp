@@ -1,4 +1,4 @@
-// The simulation: the order of tasks, time, stalls, and the exceptions of fibers.
+// The simulated executor. Tests the order of its tasks, its clock, its reports of deadlocks, and exceptions in fibers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -14,7 +14,7 @@ using testing::HasSubstr;
 namespace
 {
 
-// The log of a busy machine. It depends on every choice that the seed makes.
+// The log of a machine on which five tasks compete for a semaphore. It shows the order in which they have run.
 std::string log_of_busy_machine(const exec::simulation_options& options)
 {
     one_machine world(options);
@@ -47,7 +47,8 @@ TEST(order, depends_on_the_seed_and_on_nothing_else)
     EXPECT_EQ(log_of_busy_machine({.seed = 1}), log_of_busy_machine({.seed = 2})) << "switches are not explored";
 }
 
-// The results of two tasks that each read a number, may be preempted, and write it back plus one.
+// Two tasks each read a number, may be preempted, and write the number plus one. Runs them in all orders with at most
+// `deviations` deviations. Returns the possible results, and stores the number of orders.
 std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
 {
     exec::systematic_schedule order(deviations);
@@ -74,7 +75,7 @@ std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
     return outcomes;
 }
 
-TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_loses_an_update)
+TEST(order, a_systematic_schedule_tries_all_within_its_bound_and_finds_the_one_that_loses_an_update)
 {
     uint64_t orders;
     EXPECT_THAT(outcomes_of_a_race(0, &orders), ElementsAre(2));
@@ -83,8 +84,8 @@ TEST(order, systematic_tries_each_one_up_to_its_bound_and_finds_the_one_that_los
     EXPECT_EQ(orders, 4u); // the plain order, the second task first, a switch in down(), a switch in up()
 }
 
-// Counts the orders out of 1000 in which the task "two steps" waits for long. That is when all of "many steps" runs
-// between its two steps.
+// Two tasks run in 1000 orders. Counts the orders in which the task "many steps" begins and ends while the task "two
+// steps" is in its only step.
 int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::schedule>(uint64_t seed)>& make_order)
 {
     int hits = 0;
@@ -113,7 +114,7 @@ int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::sched
     return hits;
 }
 
-TEST(order, of_priorities_holds_a_task_back_at_least_as_often_as_its_bound_says)
+TEST(order, a_priority_schedule_holds_a_task_back_at_least_as_often_as_its_bound_says)
 {
     constexpr int tasks = 2, choices = 64; // the run has about 45 choices
     const auto by_priority = [](int depth) {
@@ -128,7 +129,8 @@ TEST(order, of_priorities_holds_a_task_back_at_least_as_often_as_its_bound_says)
               0);
 }
 
-// Starts this many tasks at one instant in each run. The choices of the previous run may then not fit.
+// Runs a scenario once for each element. The element is the number of tasks that start at the same tick. If it changes,
+// the scenario offers the schedule other choices than in its previous run.
 void run_with_tasks(const std::vector<int>& task_counts)
 {
     exec::systematic_schedule order(1);
@@ -141,7 +143,7 @@ void run_with_tasks(const std::vector<int>& task_counts)
     }
 }
 
-TEST(order, systematic_refuses_a_scenario_that_is_not_the_same_in_each_run)
+TEST(order, a_systematic_schedule_refuses_a_scenario_that_is_not_the_same_in_each_run)
 {
     run_with_tasks({3, 3});
     EXPECT_DEATH(run_with_tasks({2, 3}), "choice 0 was among 2 tasks and is now among 3");
@@ -170,7 +172,7 @@ TEST(time, jumps_to_each_deadline_and_serves_those_of_one_tick_in_order)
     EXPECT_EQ(world.sim->now(), 500'000'000u);
 }
 
-TEST(wake_ups, are_never_lost_and_several_are_one)
+TEST(wake_ups, are_never_lost_and_several_count_as_one)
 {
     one_machine world;
     std::vector<uint64_t> wake_ticks;
@@ -224,7 +226,7 @@ TEST(stalls, are_reported_with_all_tasks_and_what_they_wait_for)
               "node1/test waits for down(&ats->ats_sem) since tick 20\n");
     EXPECT_THROW(world.sim->join(worker), exec::stalled);
 
-    // The other tasks can continue, but not the one whose caller has left.
+    // The other tasks can still continue.
     exec::send_signal(worker);
     world.finish();
     EXPECT_EQ(world.sim->report(), "");

@@ -1,4 +1,4 @@
-// Semaphores, wait queues, sleeps, signals and spin locks, on simulated time.
+// Semaphores, wait queues, sleeps, signals and spin locks, in simulated time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ TEST(semaphores, a_signal_ends_a_wait_but_does_not_refuse_a_free_unit)
     world.run([&] {
         exec::send_signal(*exec::current_task());
         EXPECT_EQ(down_interruptible(&sem), 0) << "a unit was free";
-        EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS) << "it would have had to wait";
+        EXPECT_EQ(down_interruptible(&sem), -EK_RESTARTSYS) << "no unit was free";
         EXPECT_EQ(get_jiffies(), 0u);
     });
     exec::task& deaf = world.at(0, "deaf", [&] {
@@ -73,7 +73,7 @@ TEST(semaphores, a_signal_ends_a_wait_but_does_not_refuse_a_free_unit)
     EXPECT_EQ(sem.count, 0);
 }
 
-TEST(semaphores, a_unit_handed_to_a_signalled_task_is_never_lost)
+TEST(semaphores, a_unit_is_not_lost_when_its_task_gets_a_signal_at_the_same_time)
 {
     bool has_been_taken = false;
     bool has_been_interrupted = false;
@@ -139,7 +139,7 @@ TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_ti
     }
 }
 
-TEST(sleeps, only_the_interruptible_ends_early_and_returns_the_rest)
+TEST(sleeps, a_signal_ends_only_an_interruptible_one_which_returns_the_remaining_ticks)
 {
     one_machine world;
     unsigned long interruptible_left = 0;
@@ -159,7 +159,8 @@ TEST(sleeps, only_the_interruptible_ends_early_and_returns_the_rest)
     EXPECT_EQ(interruptible_left, 12u);
 }
 
-// If a condition sleeps, for example because it takes a semaphore, it consumes the wake-up.
+// A task sleeps in a wait queue until a condition holds. The condition may sleep itself, for example to take a
+// semaphore. It may then consume a wake-up of the outer wait queue, and the outer sleep must still end.
 TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
 {
     one_machine world;
@@ -221,7 +222,7 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
 {
     one_machine world;
     semaphore sem;
-    sema_init(&sem, 1); // the call would not need to sleep now, but this is still a fault
+    sema_init(&sem, 1); // a unit is free, so down() does not sleep; nevertheless the call is a fault
     spinlock_t lock;
     spin_lock_init(&lock);
     char byte = 0;
@@ -250,7 +251,7 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
         EXPECT_DEATH(world.run(in_completion), start + "in a send completion, which may not");
         EXPECT_DEATH(world.run(under_lock), start + "with a spin lock held");
     }
-    world.run([&] { // here these calls are allowed
+    world.run([&] { // these calls never sleep, so they are allowed
         const exec::atomic_section completion("a send completion");
         up(&sem);
         kfree(kmalloc(1, GFP_ATOMIC));

@@ -1,4 +1,4 @@
-// The kernel on real threads, mainly for the thread sanitizer. No test depends on real time.
+// Semaphores, spin locks and tasks on real threads, mainly for the thread sanitizer. No test depends on real time.
 #include <gtest/gtest.h>
 
 #include "host/kernel/machine.h"

@@ -1,5 +1,5 @@
-// Images that the loader must refuse. The build makes one image for each fault: MISFIT_RECORD_SIZE,
-// MISFIT_RECORD_VERSION, MISFIT_NO_INIT and MISFIT_NO_EXIT.
+// Modules that the loader must refuse, because the record `this_module` has a fault. The build makes one image for each
+// fault: MISFIT_RECORD_SIZE, MISFIT_RECORD_VERSION, MISFIT_NO_INIT and MISFIT_NO_EXIT.
 #ifdef MISFIT_RECORD_SIZE
 extern "C" __attribute__((visibility("default"))) int this_module;
 int this_module = 7;

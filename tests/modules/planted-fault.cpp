@@ -1,6 +1,6 @@
-// A fault in the module for tests: every fourth Set registers a wrong address. With FAULT_ON_WIRE in the environment it
-// also has a wrong version, which the watch of the wire sees. A campaign must find both. The linker inserts
-// this function between the module and the kernel (--wrap).
+// A fault in the module for tests: every fourth Set registers a wrong address. A campaign must find it. If the
+// environment has the variable FAULT_ON_WIRE, these Sets also have a wrong version, which the campaign's wire_watch
+// must find. The linker inserts this function between the module and the kernel (--wrap).
 #include <atomic>
 #include <cstdlib>
 

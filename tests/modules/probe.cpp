@@ -20,7 +20,7 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-int32_t forget = 0; // what it leaves behind: 1 its published name, 2 all resources of the stack
+int32_t forget = 0; // what the module leaves behind: 1 its published name, 2 all resources of the stack
 std::atomic<int32_t> logger_level{-1};
 
 const module_parameter_t parameters[] = {
@@ -64,7 +64,8 @@ void stop()
     printk("<6>probe stopped\n");
 }
 
-// Takes a timer, an HCA, an event subscription, a GSI class, a datagram pool and a registry subscription.
+// Acquires a timer, an HCA, an event subscription, a GSI class, a datagram pool and a registry subscription. Never
+// releases them.
 void use_stack()
 {
     static timing_t timer;
@@ -117,7 +118,7 @@ MODULE_EXPORT int probe_number()
     return number;
 }
 
-// Calls a function of the program. The frame of this function needs unwinding.
+// Calls a function of the test program. If it throws, the local object below must be destroyed.
 MODULE_EXPORT int probe_call_back(void (*function)())
 {
     struct counter {

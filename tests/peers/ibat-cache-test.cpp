@@ -16,7 +16,7 @@ TEST(ibat_cache, learned_mapping_is_used_in_both_directions_until_it_expires)
         EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
         EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(start, ip_a)));
 
-        world.until(start + 40);
+        world.run_until(start + 40);
         EXPECT_EQ(world.reply(world.answer(ip_a, gid_of(1), 2)), ibat_stat_ok);
         ASSERT_EQ(first.replies.size(), 1u);
         EXPECT_EQ(first.replies[0].status, ibat_stat_ok);
@@ -24,14 +24,14 @@ TEST(ibat_cache, learned_mapping_is_used_in_both_directions_until_it_expires)
         EXPECT_EQ(first.replies[0].record.gid, gid_of(1));
         EXPECT_EQ(first.replies[0].record.dst_ip, ip_a);
 
-        world.until(start + 40 + 9'999);
+        world.run_until(start + 40 + 9'999);
         EXPECT_EQ(world.ask(ip_a, second), ibat_stat_ok);
         EXPECT_EQ(world.record.gid, gid_of(1));
         EXPECT_EQ(world.record.local_port_num, 2u);
         EXPECT_EQ(world.address_of(gid_of(1)), ip_a);
         EXPECT_EQ(world.resolver.attempts.size(), 1u);
 
-        world.until(start + 40 + 10'000);
+        world.run_until(start + 40 + 10'000);
         EXPECT_EQ(world.entry_text(ip_a), "unknown");
         EXPECT_EQ(world.address_of(gid_of(1)), 0u);
         EXPECT_EQ(world.ask(ip_a, third), ibat_stat_pending);
@@ -45,17 +45,17 @@ TEST(ibat_cache, negative_answer_is_cached_briefly_and_is_never_a_mapping)
     asker first, second;
     ibat_world world;
     world.ask(ip_a, first);
-    // The host's own address may have no record, either. The reply is then marked as its own and has no GID.
+    // The absent address may be the host's own. The reply then has the mark of an own address, and no GID.
     world.reply(world.own(ip_a, kq_gid_t{}));
     ASSERT_EQ(first.replies.size(), 1u);
     EXPECT_EQ(first.replies[0].status, ibat_stat_not_found);
     EXPECT_EQ(first.replies[0].record.dst_ip, ip_a);
     EXPECT_EQ(world.address_of(kq_gid_t{}), 0u);
 
-    world.until(1'999);
+    world.run_until(1'999);
     EXPECT_EQ(world.ask(ip_a, second), ibat_stat_not_found);
     EXPECT_EQ(world.resolver.attempts.size(), 1u);
-    world.until(2'000);
+    world.run_until(2'000);
     EXPECT_EQ(world.ask(ip_a, second), ibat_stat_pending);
     EXPECT_EQ(world.resolver.attempts.size(), 2u);
     world.reply(world.answer(ip_a, gid_of(1)));
@@ -78,7 +78,7 @@ TEST(ibat_cache, full_cache_drops_negative_entries_then_the_oldest_but_not_the_o
     world.reply(world.absence(ip_b));
     world.reply(world.answer(ip_c, gid_of(3)));
     EXPECT_EQ(world.entry_text(ip_b), "unknown");
-    world.reply(world.answer(ip_a, gid_of(1))); // refreshed, so that c is now the oldest
+    world.reply(world.answer(ip_a, gid_of(1))); // newer now, so c is the oldest
     world.reply(world.answer(ip_d, gid_of(4)));
     EXPECT_EQ(world.entry_text(ip_c), "unknown");
     EXPECT_EQ(world.address_of(gid_of(3)), 0u);
@@ -105,7 +105,7 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
 {
     ibat_world world("ibat_lifetime_seconds=10");
     world.reply(world.own(ip_a, gid_of(1), 1));
-    world.until(60'000);
+    world.run_until(60'000);
     EXPECT_EQ(world.entry_text(ip_a), "1 own");
     world.run([&] { world.flush(); });
     world.reply(world.absence(ip_a));
@@ -122,11 +122,12 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
     world.reply(world.own(ip_b, gid_of(2), 2)); // fail-over to the second port
     EXPECT_EQ(world.entry_text(ip_b), "2 own");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
-    world.reply(
-        world.own(ip_c, gid_of(1), 1)); // back, with another address; the entry of the other port is now a learned one
+    // The first port is active again, with another address. The entry of the second port is now like one of another
+    // host.
+    world.reply(world.own(ip_c, gid_of(1), 1));
     EXPECT_EQ(world.entry_text(ip_c), "1 own");
     EXPECT_EQ(world.entry_text(ip_b), "2");
-    world.until(70'000);
+    world.run_until(70'000);
     EXPECT_EQ(world.entry_text(ip_b), "unknown");
 
     ibat_arp_data_t addressless = world.own(0, gid_of(7), 1); // the port no longer has an address
@@ -139,16 +140,16 @@ TEST(ibat_cache, own_mapping_expires_after_a_detach_and_is_freed_without_a_looku
     ibat_world world("ibat_lifetime_seconds=10");
     const size_t blocks_before = world.host.memory.blocks();
     world.reply(world.own(ip_a, gid_of(1)));
-    world.until(30'000);
+    world.run_until(30'000);
     world.run([&] { EXPECT_EQ(world.detach(world.handle), ibat_stat_ok); });
     EXPECT_EQ(world.entry_text(ip_a), "1");
-    world.until(35'000);
-    world.reply(world.own(ip_b, gid_of(2))); // arrived after the resolver had detached
+    world.run_until(35'000);
+    world.reply(world.own(ip_b, gid_of(2))); // arrives after the resolver has detached
     EXPECT_EQ(world.entry_text(ip_b), "2");
-    world.until(40'000);
+    world.run_until(40'000);
     EXPECT_EQ(world.entry_text(ip_a), "unknown");
     for (uint32_t i = 1; i <= 500; ++i) world.reply(world.answer(i, gid_of(i)));
-    world.until(60'001);
+    world.run_until(60'001);
     EXPECT_EQ(world.counters().entries, 0u);
     EXPECT_EQ(world.host.memory.blocks(), blocks_before);
 }

@@ -1,4 +1,4 @@
-// The requests of IBAT, from the first asker to the last callback.
+// The requests that IBAT makes for its callers: when it sends and repeats them, and how it calls back.
 #include "tests/peers/ibat-world.h"
 
 namespace
@@ -20,15 +20,15 @@ TEST(ibat_requests, unanswered_request_is_repeated_and_times_out_at_the_exact_ti
 {
     asker first, second, other;
     ibat_world world;
-    world.until(7);
+    world.run_until(7);
     EXPECT_EQ(world.ask(ip_a, first), ibat_stat_pending);
-    world.until(100);
+    world.run_until(100);
     EXPECT_EQ(world.ask(ip_b, other), ibat_stat_pending);
-    world.until(700);
+    world.run_until(700);
     EXPECT_EQ(world.ask(ip_a, second), ibat_stat_pending);
-    world.until(1'506);
+    world.run_until(1'506);
     EXPECT_THAT(first.replies, IsEmpty());
-    world.until(5'000);
+    world.run_until(5'000);
     EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(1'507, ibat_stat_timeout)));
     EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(1'507, ibat_stat_timeout)));
     EXPECT_THAT(callbacks_of(other), ElementsAre(Pair(1'600, ibat_stat_timeout)));
@@ -70,7 +70,7 @@ TEST(ibat_requests, refused_attempts_are_repeated_and_the_request_fails_after_th
         size_t attempt = 0;
         world.resolver.action = [&](uint32_t) { world.resolver.result = each.results.at(attempt++); };
         EXPECT_EQ(world.ask(ip_a, caller), ibat_stat_pending);
-        world.until(10'000);
+        world.run_until(10'000);
         EXPECT_THAT(callbacks_of(caller), ElementsAre(Pair(each.callback_tick, each.callback_status)));
         EXPECT_EQ(attempt, each.results.size());
     }
@@ -87,8 +87,8 @@ TEST(ibat_requests, callback_may_ask_again_whatever_ended_the_request)
         EXPECT_EQ(world.get_ib_data(ip_c, &world.record, asker::reply_callback, &third), ibat_stat_pending);
     };
     world.ask(ip_a, first);
-    world.reply(world.answer(ip_a, gid_of(1))); // comes in a context that may not sleep
-    world.until(10'000);
+    world.reply(world.answer(ip_a, gid_of(1))); // in a context that may not sleep
+    world.run_until(10'000);
     EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(0, ibat_stat_ok)));
     EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(500, ibat_stat_timeout)));
     EXPECT_THAT(callbacks_of(third), ElementsAre(Pair(1'000, ibat_stat_timeout)));
@@ -115,7 +115,7 @@ TEST(ibat_requests, refresh_asks_in_spite_of_a_cache_entry_and_the_answer_replac
     world.reply(world.absence(ip_a));
     EXPECT_EQ(callbacks_of(first).back(), std::pair(uint64_t{0}, ibat_stat_not_found));
     refresh(first);
-    world.until(5'000);
+    world.run_until(5'000);
     EXPECT_EQ(callbacks_of(first).back(), std::pair(uint64_t{1'500}, ibat_stat_timeout));
     world.run([&] {
         EXPECT_EQ(world.detach(world.handle), ibat_stat_ok);
@@ -133,7 +133,7 @@ TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
         ibat_arp_data_t record{};
         EXPECT_EQ(world.get_ib_data(ip_b, &record, asker::reply_callback, &second), ibat_stat_pending);
     });
-    world.until(100);
+    world.run_until(100);
     world.run([&] {
         void* handle;
         EXPECT_EQ(world.attach(nullptr, recording_resolver::send_arp, nullptr, &handle), ibat_stat_error);
@@ -141,11 +141,11 @@ TEST(ibat_requests, detach_waits_for_a_running_send_and_ends_every_request_once)
         EXPECT_EQ(world.detach(world.handle), ibat_stat_ok);
         EXPECT_EQ(get_jiffies(), 300u);
         EXPECT_EQ(world.resolver.call_count, 0);
-        EXPECT_EQ(world.detach(world.handle), ibat_stat_error); // stale
+        EXPECT_EQ(world.detach(world.handle), ibat_stat_error); // the handle is no longer valid
     });
     world.sim->join(slow);
     EXPECT_EQ(world.ask(ip_c, late), ibat_stat_error);
-    world.until(10'000);
+    world.run_until(10'000);
     EXPECT_THAT(callbacks_of(first), ElementsAre(Pair(100, ibat_stat_error)));
     EXPECT_THAT(callbacks_of(second), ElementsAre(Pair(100, ibat_stat_error)));
     EXPECT_THAT(late.replies, IsEmpty());
@@ -167,7 +167,7 @@ TEST(ibat_requests, cancel_prevents_callbacks_and_waits_for_a_running_one)
     world.ask(ip_a, stays);
     world.ask(ip_b, leaves);
     world.run([&] { EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 2); });
-    EXPECT_EQ(world.counters().pending, 1u); // b has no asker any more
+    EXPECT_EQ(world.counters().pending, 1u); // no caller waits for ip_b any more
     world.reply(world.answer(ip_a, gid_of(1)));
     EXPECT_EQ(stays.replies.size(), 1u);
 
@@ -175,14 +175,14 @@ TEST(ibat_requests, cancel_prevents_callbacks_and_waits_for_a_running_one)
     world.ask(ip_c, slow);
     world.reply(world.answer(ip_c, gid_of(3)));
     ASSERT_EQ(slow.replies.size(), 1u);
-    world.until(50);
+    world.run_until(50);
     world.run([&] {
         EXPECT_EQ(world.cancel(asker::reply_callback, &stays), 0);
         EXPECT_EQ(get_jiffies(), 50u);
         EXPECT_EQ(world.cancel(asker::reply_callback, &slow), 0);
         EXPECT_EQ(get_jiffies(), 200u);
     });
-    world.until(10'000);
+    world.run_until(10'000);
     EXPECT_THAT(leaves.replies, IsEmpty());
     EXPECT_EQ(world.resolver.attempts.size(), 3u);
 }
@@ -202,7 +202,7 @@ TEST(ibat_requests, unloading_ends_pending_requests_and_leaves_nothing_behind)
     EXPECT_EQ(first.replies.at(0).status, ibat_stat_error);
     EXPECT_EQ(world.host.memory.blocks(), 0u) << testing::PrintToString(world.host.memory.leaks());
     EXPECT_THAT(world.host.inter_modules.names(), IsEmpty());
-    world.until(10'000); // no timer is left; it would enter the unloaded image
+    world.run_until(10'000); // if a timer is left, it calls into the unloaded image
 }
 
 TEST(ibat_requests, any_allocation_may_fail_without_losing_or_doubling_a_callback)

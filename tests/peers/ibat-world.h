@@ -1,4 +1,4 @@
-// A host with IBAT and a resolver that records its attempts.
+// A host with the module IBAT. In the place of ats, a fake resolver is attached to IBAT and records its attempts.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -8,10 +8,10 @@
 
 struct recording_resolver {
     std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each, including refused ones
-    ibat_stat_t result = ibat_stat_ok;
-    unsigned long duration_ticks = 0;
-    int call_count = 0; // calls that have not returned
-    std::function<void(uint32_t)> action;
+    ibat_stat_t result = ibat_stat_ok;                   // returned by send_arp()
+    unsigned long duration_ticks = 0;                    // send_arp() sleeps so long
+    int call_count = 0;                                  // calls of send_arp() that have not returned
+    std::function<void(uint32_t)> action;                // runs in each send_arp(), with the address
 
     static ibat_stat_t send_arp(ibat_arp_data_t* arp_data, void* self, int)
     {
@@ -53,13 +53,14 @@ class ibat_world : public peer_world
         return status;
     }
 
-    // Passes a reply to IBAT in the way of the receive path: in a context that may not sleep.
+    // Passes a reply to IBAT in a context that may not sleep, as ats does.
     ibat_stat_t reply(const ibat_arp_data_t& arp)
     {
         ibat_stat_t status{};
         run([&] { status = reply_here(arp); });
         return status;
     }
+    // The same for a caller that is a task of the host.
     ibat_stat_t reply_here(ibat_arp_data_t arp)
     {
         exec::atomic_section section("completion");

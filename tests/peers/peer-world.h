@@ -1,4 +1,5 @@
-// One simulated host with a peer module. The tests call the module by published names, like other modules.
+// One simulated host with one of the modules IBAT and UCM. The tests call the functions that the module has published,
+// like other modules do.
 #pragma once
 
 #include <functional>
@@ -38,7 +39,8 @@ class peer_world
         return host.modules.rmmod(module_);
     }
 
-    // A function of the module. It may be called only while the module is loaded; there is no reference on it.
+    // A function that the module has published. The test may call it only while the module is loaded, because
+    // published() keeps no reference.
     template <class function_t>
     function_t published(const char* name)
     {
@@ -48,14 +50,14 @@ class peer_world
         return reinterpret_cast<function_t>(const_cast<void*>(function));
     }
 
-    // Runs `body` in a task of the host, then every task that is ready.
+    // Runs `body` in a task of the host. Then runs the other tasks until all of them wait.
     void run(const std::function<void()>& body)
     {
         host.enter("test", body);
         sim->settle();
     }
 
-    void until(uint64_t tick) { sim->run_until(tick); }
+    void run_until(uint64_t tick) { sim->run_until(tick); }
 
     std::unique_ptr<exec::simulation> sim;
     kernel::machine host{*sim, "host"};
@@ -65,7 +67,8 @@ class peer_world
     std::string module_;
 };
 
-// An asker, and the replies to its callbacks. It outlives the world, whose end may still call it back.
+// A caller of the module, and the replies that its callbacks have got. A test declares it before the world: when the
+// world ends, the module may still call back.
 struct asker {
     struct reply {
         uint64_t tick;

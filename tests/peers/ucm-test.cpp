@@ -1,4 +1,5 @@
-// Reverse resolution through UCM. Every request ends once, in every order of the provider's calls.
+// UCM finds the address of a GID. It asks a provider, which is ats in a real host and a fake here. Every request must
+// end once, in whatever order the provider returns and calls back.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +12,7 @@ namespace
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A provider that stores the callbacks that it must make. A test makes them later.
+// A fake provider. It stores the callbacks that it owes to UCM, and the test makes them later.
 struct scripted_provider {
     struct owed_callback {
         kq_gid_t gid;
@@ -28,11 +29,11 @@ struct scripted_provider {
             callback(status, status == ibat_stat_timeout ? nullptr : &record, context);
         }
     };
-    ibat_stat_t result = ibat_stat_pending;
-    unsigned long duration_ticks = 0;
-    std::function<void(const owed_callback&)> before_return;
+    ibat_stat_t result = ibat_stat_pending;                // returned by send_rarp()
+    unsigned long duration_ticks = 0;                      // send_rarp() sleeps so long
+    std::function<void(const owed_callback&)> last_action; // runs before send_rarp() returns
     std::vector<owed_callback> callbacks;
-    int call_count = 0; // calls that have not returned
+    int call_count = 0; // calls of send_rarp() that have not returned
 
     static ibat_stat_t send_rarp(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t callback, void* context, void* self)
     {
@@ -42,7 +43,7 @@ struct scripted_provider {
         const owed_callback new_callback{arp_data->gid, callback, context};
         provider->callbacks.push_back(new_callback);
         if (provider->duration_ticks) schedule_timeout_uninterruptible(provider->duration_ticks);
-        if (provider->before_return) provider->before_return(new_callback);
+        if (provider->last_action) provider->last_action(new_callback);
         if (provider->result == ibat_stat_ok) {
             arp_data->mask |= IBAT_MASK_DST_IP;
             arp_data->dst_ip = ip_a;
@@ -71,7 +72,7 @@ class ucm_world : public peer_world
         ibat_stat_t status{};
         run([&] {
             record = {};
-            record.gid = gid_of(gid_number); // the GID may be part of the caller's record
+            record.gid = gid_of(gid_number); // a caller may pass a GID that is part of its own record
             status = get_ip(&record.gid, &record, asker::reply_callback, &caller);
         });
         return status;
@@ -100,7 +101,7 @@ class ucm_world : public peer_world
     ucm_counters_fn_t read_counters;
 };
 
-TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_order)
+TEST(ucm, result_and_callback_of_the_provider_end_a_request_once_in_every_order)
 {
     constexpr ibat_stat_t none = ibat_stat_t(1); // means that there is no such callback
     struct {
@@ -109,17 +110,17 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
         ibat_stat_t late_callback;  // after send_rarp returns
         ibat_stat_t status;         // the asker's result at once
         ibat_stat_t reply;          // the asker's result by callback
-        uint64_t swallowed_count;
+        uint64_t swallowed_count;   // callbacks that UCM must ignore
     } const cases[] = {
         {ibat_stat_ok, none, none, ibat_stat_ok, none, 0},
         {ibat_stat_pending, none, ibat_stat_ok, ibat_stat_pending, ibat_stat_ok, 0},
         {ibat_stat_pending, none, ibat_stat_not_found, ibat_stat_pending, ibat_stat_not_found, 0},
         {ibat_stat_pending, none, ibat_stat_timeout, ibat_stat_pending, ibat_stat_timeout, 0},
         {ibat_stat_pending, ibat_stat_ok, none, ibat_stat_pending, ibat_stat_ok, 0},
-        {ibat_stat_pending, ibat_stat_ok, ibat_stat_ok, ibat_stat_pending, ibat_stat_ok, 1}, // one too many
+        {ibat_stat_pending, ibat_stat_ok, ibat_stat_ok, ibat_stat_pending, ibat_stat_ok, 1}, // a second callback
         {ibat_stat_error, none, none, ibat_stat_error, none, 0},
         {ibat_stat_error, none, ibat_stat_timeout, ibat_stat_error, none, 1},
-        // The request timed out while its query was still waiting to be sent, which then failed.
+        // The request times out while send_rarp() still waits, and then the send fails.
         {ibat_stat_error, ibat_stat_timeout, none, ibat_stat_pending, ibat_stat_timeout, 0},
         {ibat_stat_not_found, none, none, ibat_stat_not_found, none, 0},
     };
@@ -129,7 +130,7 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
         ucm_world world;
         world.provider.result = each.result;
         if (each.early_callback != none)
-            world.provider.before_return = [&](const auto& callback) { callback.make(each.early_callback); };
+            world.provider.last_action = [&](const auto& callback) { callback.make(each.early_callback); };
         EXPECT_EQ(world.ask(1, caller), each.status);
         if (each.late_callback != none) world.make_callback(0, each.late_callback);
         if (each.reply == none) {
@@ -145,7 +146,7 @@ TEST(ucm, result_and_callback_of_the_provider_settle_a_request_once_in_every_ord
         }
         EXPECT_EQ(world.counters().swallowed, each.swallowed_count);
         EXPECT_EQ(world.counters().pending, 0u);
-        EXPECT_EQ(world.host.memory.blocks(), 1u); // the index by number; all requests are freed
+        EXPECT_EQ(world.host.memory.blocks(), 1u); // the table of requests; every request is freed
     }
 }
 
@@ -160,18 +161,18 @@ TEST(ucm, detach_waits_for_a_running_call_and_ends_every_pending_request_once)
         ibat_arp_data_t record{};
         EXPECT_EQ(world.get_ip(&gid, &record, asker::reply_callback, &second), ibat_stat_pending);
     });
-    world.until(100);
+    world.run_until(100);
     world.run([&] {
         EXPECT_EQ(world.detach(nullptr), ucm_stat_error);
         EXPECT_EQ(world.detach(world.handle), ucm_stat_ok);
         EXPECT_EQ(get_jiffies(), 300u);
         EXPECT_EQ(world.provider.call_count, 0);
-        EXPECT_EQ(world.detach(world.handle), ucm_stat_error); // stale
+        EXPECT_EQ(world.detach(world.handle), ucm_stat_error); // the handle is no longer valid
     });
     world.sim->join(slow);
     EXPECT_EQ(world.ask(3, late), ibat_stat_error);
     EXPECT_EQ(world.provider.callbacks.size(), 2u);
-    world.make_callback(0, ibat_stat_ok); // the provider's timer was still running
+    world.make_callback(0, ibat_stat_ok); // a late callback of the provider
     for (const asker* caller : {&first, &second}) {
         ASSERT_EQ(caller->replies.size(), 1u);
         EXPECT_EQ(caller->replies[0].status, ibat_stat_error);

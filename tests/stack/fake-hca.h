@@ -1,4 +1,5 @@
-// An HCA without a wire. It stores the MADs that are sent. The test makes MADs arrive and ports change.
+// A fake HCA for tests of verbs and GSI. It stores the MADs that are sent. A test calls arrive() and change() to make
+// MADs arrive and ports change.
 #pragma once
 
 #include <vector>
@@ -35,7 +36,7 @@ struct fake_hca final : fabric::hca {
     {
         listener->mad_arrived(port, source, test::bytes_of(mad));
     }
-    // A fabric reports a change only after a read of the port returns the new state.
+    // Changes the state of the port and then reports the change, in the order of a real fabric.
     void change(int port, fabric::port_change change, uint16_t sm_lid = 0)
     {
         if (change == fabric::port_change::link_up || change == fabric::port_change::link_down)
@@ -46,9 +47,9 @@ struct fake_hca final : fabric::hca {
 
     std::string hca_name = "mthca0";
     std::vector<fabric::port_attributes> ports{2};
-    std::function<void(int port)> while_read; // called after the state was read and before the read returns
-    std::function<bool()> while_polled;       // called by poll(); true means that a MAD arrived
-    bool accepts = true;
+    std::function<void(int port)> while_read; // read_port() calls it after it has copied the state
+    std::function<bool()> while_polled;       // poll() calls it; true means that a MAD has arrived
+    bool accepts = true;                      // false: send() refuses every MAD
     std::vector<sent_mad> sent_mads;
     fabric::listener* listener = nullptr;
 };
@@ -57,7 +58,7 @@ struct plugged_fake {
     fake_hca hca;
 };
 
-// A machine with this HCA. The HCA is a base class, so it outlives the machine.
+// A machine with a fake HCA. The HCA is in the first base class, so it is destroyed after the machine.
 struct machine_with_fake : plugged_fake, one_machine {
     explicit machine_with_fake(const exec::simulation_options& options = {}) : one_machine(options) { host.plug(hca); }
 

@@ -11,7 +11,7 @@ constexpr kq_hca_name mthca0{"mthca0"};
 class gsi_client
 {
   public:
-    // With `joins`, the client joins a class of another client.
+    // If `joins` is true, the client joins the class that another client has registered.
     explicit gsi_client(int32_t pool_size = 16, int32_t ports = 2, bool joins = false)
     {
         EXPECT_EQ(gsi_dtgrm_pool_create_named(pool_size, &pool, "client"), 0);
@@ -32,7 +32,8 @@ class gsi_client
         EXPECT_EQ(gsi_dtgrm_pool_destroy(pool), 0);
     }
 
-    // A request to the SA at LID 1, or null if the pool is empty.
+    // Takes a datagram from the pool and writes a request to the SA at LID 1 into it. Returns null if the pool is
+    // empty.
     gsi_dtgrm_t* make() const
     {
         gsi_dtgrm_t* datagram;
@@ -56,19 +57,19 @@ class gsi_client
     gsi_class_handle_t classes[2] = {};
     std::function<void(gsi_dtgrm_t*)> action; // called in every callback
     bool keeps_datagrams = false;             // true: stores datagrams; false: returns them to the pool
-    std::vector<gsi_dtgrm_t*> datagrams;      // the stored ones
-    std::vector<std::string> lines;           // "sent 1", "got 1 on port 2", with the transaction ID
+    std::vector<gsi_dtgrm_t*> datagrams;      // stored if keeps_datagrams is true
+    std::vector<std::string> lines;           // "sent 1", "got 1 on port 2"; the first number is the transaction ID
 
   private:
     static void sent(gsi_class_handle_t handle, void* self, gsi_dtgrm_t* datagram)
     {
-        static_cast<gsi_client*>(self)->take("sent ", handle, datagram);
+        static_cast<gsi_client*>(self)->record("sent ", handle, datagram);
     }
     static void received(gsi_class_handle_t handle, void* self, gsi_dtgrm_t* datagram)
     {
-        static_cast<gsi_client*>(self)->take("got ", handle, datagram);
+        static_cast<gsi_client*>(self)->record("got ", handle, datagram);
     }
-    void take(const char* event, gsi_class_handle_t handle, gsi_dtgrm_t* datagram)
+    void record(const char* event, gsi_class_handle_t handle, gsi_dtgrm_t* datagram)
     {
         EXPECT_FALSE(is_in_callback_) << "two callbacks run at the same time";
         is_in_callback_ = true;

@@ -1,4 +1,4 @@
-// The GSI layer: the datagrams on the wire, and the return of datagrams.
+// The GSI layer. Tests which datagrams it sends, when it calls its clients back, and when it gives datagrams back.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -70,13 +70,14 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     world.run([&] {
         gsi_client client;
         client.action = [&](const gsi_dtgrm_t* datagram) {
-            if (client.lines.size() == 2) client.post(1); // from a callback: queued after the waiting ones
+            if (client.lines.size() == 2) client.post(1); // a callback posts: it completes after the waiting sends
             if (client.lines.size() == 5) {
-                world.hca.arrive(2, answer(52)); // on another port; the fabric's task could complete it at once
+                // An answer arrives during a callback. may_complete() must not call a second callback at the same time.
+                world.hca.arrive(2, answer(52));
                 world.hca.listener->may_complete(false);
             }
             if (client.lines.size() != 3) return;
-            EXPECT_EQ(int{datagram->rlid}, 77); // a copy: the record is packed
+            EXPECT_EQ(int{datagram->rlid}, 77); // int{} copies the field: the record is packed, so it has no reference
             EXPECT_EQ(int{datagram->sl}, 4);
             EXPECT_EQ(int{datagram->pkey_idx}, 2);
         };
@@ -94,7 +95,8 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     });
 }
 
-TEST(gsi, completes_in_the_fabrics_task_and_defers_completed_sends_while_that_is_lent)
+// The fabric's task calls may_complete(). Its argument announces another call; until then, completed sends may wait.
+TEST(gsi, completes_in_the_fabrics_task_and_leaves_sends_for_its_announced_next_call)
 {
     machine_with_fake world;
     world.run([&] {
@@ -108,7 +110,7 @@ TEST(gsi, completes_in_the_fabrics_task_and_defers_completed_sends_while_that_is
         world.hca.arrive(2, answer(50));
         world.hca.listener->may_complete(true);
         EXPECT_THAT(new_lines(true), ElementsAre("sent 1", "got 50 on port 2"));
-        EXPECT_THAT(new_lines(false), ElementsAre()) << "the adapter's task finds them completed";
+        EXPECT_THAT(new_lines(false), ElementsAre()) << "the adapter's own task must not call back a second time";
         client.post();
         EXPECT_THAT(new_lines(false), ElementsAre());
         world.hca.arrive(1, answer(51));
@@ -117,7 +119,8 @@ TEST(gsi, completes_in_the_fabrics_task_and_defers_completed_sends_while_that_is
         EXPECT_THAT(new_lines(true), ElementsAre("sent 2", "got 51"));
 
         for (int i = 0; i < 4; ++i) client.post();
-        EXPECT_THAT(new_lines(false), ElementsAre("sent 3", "sent 4", "sent 5", "sent 6")) << "the pool had run low";
+        EXPECT_THAT(new_lines(false), ElementsAre("sent 3", "sent 4", "sent 5", "sent 6"))
+            << "the pool is almost empty, so sends do not wait for the announced call";
 
         client.post();
         world.hca.listener->may_complete(false);
@@ -130,7 +133,8 @@ TEST(gsi, completes_in_the_fabrics_task_and_defers_completed_sends_while_that_is
         gsi_client next_client(4);
         next_client.post();
         schedule_timeout_uninterruptible(1);
-        EXPECT_THAT(next_client.lines, ElementsAre("sent 9")) << "a promise of may_complete() ends with the last class";
+        EXPECT_THAT(next_client.lines, ElementsAre("sent 9"))
+            << "an announced call counts no longer after the last class has ended";
         next_client.close();
     });
 }
@@ -152,10 +156,10 @@ TEST(gsi, reports_the_latest_answer_of_the_sa_about_a_registration)
         stack::registration_state expectation;
         uint64_t confirmations;
         bool is_unanswered = false;
-        bool is_new = false; // not confirmed before
+        bool is_new = false; // the SA has never confirmed this content
     } steps[] = {
         {set, first, 0, first, confirmed, 1},        {set, second, lost, {}, asked, 1, true, true},
-        {get, second, 0, second, confirmed, 2}, // replaces the lost answer
+        {get, second, 0, second, confirmed, 2}, // confirms the Set, whose answer was lost
         {get, second, none, second, missing, 2},     {set, second, full, {}, refused, 2},
         {get, second, 0, first, different, 2},       {get, foreign, 0, foreign, different, 2},
         {remove, foreign, 0, foreign, different, 2}, {remove, second, lost, {}, different, 2, true},
@@ -199,10 +203,10 @@ TEST(gsi, drops_and_counts_datagrams_without_a_client)
         gsi_client client(1, 1);
         world.hca.arrive(1, answer(1, MAD_METHOD_GET));
         world.hca.arrive(1, answer(2, test::get_response, performance_management));
-        world.hca.arrive(2, answer(3)); // the class has no client there
+        world.hca.arrive(2, answer(3)); // the class has no client at port 2
         sa_mad_v2_t other_version = answer(4);
         other_version.hdr.class_ver = 1;
-        world.hca.arrive(1, other_version); // the client checks the version
+        world.hca.arrive(1, other_version); // GSI delivers it; the client must check the version itself
         schedule_timeout_uninterruptible(1);
         EXPECT_THAT(client.lines, ElementsAre("got 4"));
         EXPECT_EQ(counts_of(world).dropped_no_response, 1u);
@@ -232,16 +236,17 @@ TEST(gsi, clients_that_share_a_class_get_the_answers_to_their_own_requests)
             gsi_dtgrm_t* datagram = each->make();
             sa_mad_v2_t mad;
             memcpy(&mad, datagram->mad, sizeof mad);
-            mad.hdr.transact_id = to_wire(uint64_t{0xAB000005}); // the client's bits are the low 24
+            mad.hdr.transact_id = to_wire(uint64_t{0xAB000005}); // a guest chooses the low 24 bits
             memcpy(datagram->mad, &mad, sizeof mad);
             ASSERT_EQ(gsi_post_send_dtgrm(each->classes[0], datagram, &transactions.emplace_back()), 0);
             EXPECT_EQ(from_wire(std::bit_cast<sa_mad_v2_t>(world.hca.sent_mads.back().mad).hdr.transact_id),
                       transactions.back());
         }
         EXPECT_EQ(transactions[0], 1u);
-        EXPECT_EQ(transactions[3], 2u) << "those of the owner are what they are without guests";
+        EXPECT_EQ(transactions[3], 2u) << "guests must not change the transaction IDs of the owner";
         EXPECT_EQ(transactions[1] & gsi_joined_transaction_bits, 5u);
-        EXPECT_NE(static_cast<uint32_t>(transactions[1]), static_cast<uint32_t>(transactions[2])) << "the low half";
+        EXPECT_NE(static_cast<uint32_t>(transactions[1]), static_cast<uint32_t>(transactions[2]))
+            << "the low halves must differ";
         schedule_timeout_uninterruptible(1);
         for (gsi_client* each : {&owner, &guest, &other_guest}) each->lines.clear();
 

@@ -1,4 +1,4 @@
-// The timing service, through the calls for modules.
+// The timing service. Tests it through the calls that modules make: init_timing(), add_timing(), del_timing_sync().
 #include <chrono>
 
 #include <gmock/gmock.h>
@@ -16,25 +16,25 @@ namespace
 class timers_test : public testing::Test
 {
   protected:
-    struct story {
+    struct test_timer {
         timing_t timer;
         std::string name;
         std::function<void(timing_t&)> action;
         std::vector<std::string>& lines;
     };
 
-    // Arms a timer whose handler writes "name@tick" and then calls `action`. Called by a task.
+    // Arms a timer whose handler adds "name@tick" to `lines` and then calls `action`. The caller must be a task.
     timing_t& arm(const std::string& name, bool atomic, uint64_t tick, std::function<void(timing_t&)> action = {})
     {
-        stories.push_back(std::unique_ptr<story>(new story{{}, name, std::move(action), lines}));
-        timing_t& timer = stories.back()->timer;
+        timers.push_back(std::unique_ptr<test_timer>(new test_timer{{}, name, std::move(action), lines}));
+        timing_t& timer = timers.back()->timer;
         init_timing(&timer);
         timer.function = [](unsigned long self) {
-            auto* run = reinterpret_cast<story*>(self);
-            run->lines.push_back(run->name + "@" + std::to_string(get_jiffies()));
-            if (run->action) run->action(run->timer);
+            auto* due = reinterpret_cast<test_timer*>(self);
+            due->lines.push_back(due->name + "@" + std::to_string(get_jiffies()));
+            if (due->action) due->action(due->timer);
         };
-        timer.data = reinterpret_cast<unsigned long>(stories.back().get());
+        timer.data = reinterpret_cast<unsigned long>(timers.back().get());
         timer.atomic = atomic;
         move(timer, tick);
         return timer;
@@ -46,7 +46,7 @@ class timers_test : public testing::Test
     }
 
     std::vector<std::string> lines;
-    std::vector<std::unique_ptr<story>> stories;
+    std::vector<std::unique_ptr<test_timer>> timers;
     one_machine machine{{.start_tick = 100}};
 };
 
@@ -77,9 +77,9 @@ TEST_F(timers_test, run_at_their_tick_and_in_their_order_for_every_order_of_task
     }
 }
 
-// While an atomic timer is due, the task of the sleeping timers waits without a deadline until the atomic task rings
-// it. Meanwhile an atomic handler moves the sleeping timer, or another sleeping timer is armed. The sleeping task must
-// still wake up. If a ring() is lost, a sleeping timer never runs.
+// One task runs the atomic timers, another one the sleeping timers. While an atomic timer is due, the second task waits
+// without a deadline until the first task wakes it. Meanwhile an atomic handler moves a sleeping timer, or a sleeping
+// timer is armed. If the wake-up is then lost, the sleeping timer never runs.
 TEST_F(timers_test, a_sleeping_timer_is_not_lost_behind_an_atomic_one_that_is_due)
 {
     for (uint64_t seed = 1; seed <= 50; ++seed) {
@@ -153,7 +153,7 @@ TEST_F(timers_test, a_sleeping_handler_delays_only_other_sleeping_handlers)
     EXPECT_THAT(lines, ElementsAre("slow@110", "atomic@120", "neighbour@121", "waits@160"));
 }
 
-TEST_F(timers_test, the_task_of_handlers_that_sleep_receives_answers_while_none_is_due)
+TEST_F(timers_test, the_task_of_the_sleeping_timers_polls_for_answers_while_none_is_due)
 {
     machine_with_fake world({.start_tick = 100});
     int answers = 0;
@@ -170,7 +170,7 @@ TEST_F(timers_test, the_task_of_handlers_that_sleep_receives_answers_while_none_
     EXPECT_THAT(lines, ElementsAre("atomic@105", "asks@110", "answer 2@110", "answer 1@110"));
 }
 
-TEST_F(timers_test, deletion_waits_for_the_handler_and_voids_its_arming)
+TEST_F(timers_test, deletion_waits_for_the_handler_and_cancels_a_timer_that_it_has_armed_again)
 {
     machine.run([&] {
         timing_t& slow = arm("slow", false, 110, [](timing_t& self) {
@@ -186,7 +186,7 @@ TEST_F(timers_test, deletion_waits_for_the_handler_and_voids_its_arming)
         schedule_timeout_uninterruptible(50);
         move(slow, 300);
         del_timing_sync(&slow);
-        EXPECT_EQ(get_jiffies(), 210u) << "nothing runs";
+        EXPECT_EQ(get_jiffies(), 210u) << "no handler runs, so the deletion must not wait";
     });
     machine.sim->run_until(400);
     EXPECT_THAT(lines, ElementsAre("slow@110", "slow@200", "slow@205"));

@@ -1,4 +1,4 @@
-// The verbs layer: handles, queries and events.
+// The verbs layer: handles of HCAs, queries of ports, and events.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ namespace
 constexpr kq_hca_name mthca0{"mthca0"};
 constexpr kq_request_event_record_t all_events{kq_async_even_all, nullptr};
 
-// The events of a subscriber, with port and tick: "up 1@20".
+// The events that the subscriber below has got. For example, "up 1@20" is a link-up of port 1 at tick 20.
 std::vector<std::string> reports;
 std::function<void()> callback_action; // runs in every callback
 
@@ -61,22 +61,23 @@ struct subscriber : machine_with_fake {
     kq_hca_h_t handle = nullptr;
 };
 
-// A port reads as active before the fabric reports it. A subscription may start before, between or after the two.
+// A link comes up. First a read of the port shows this, and a little later the fabric reports it. A subscription may
+// start before, between or after these two moments.
 TEST(verbs_events, report_once_a_link_that_comes_up_during_a_subscription)
 {
     constexpr port_change link_up = port_change::link_up;
     constexpr port_change link_down = port_change::link_down;
     struct {
         const char* name;
-        std::vector<port_change> while_read; // after the port was read and before the read returns
+        std::vector<port_change> while_read; // changes after the state was read and before the read returns
         uint64_t later_tick;
-        std::vector<port_change> later;
+        std::vector<port_change> later; // changes at later_tick
         std::vector<std::string> expectation;
     } const cases[] = {
         {"up long ago", {}, 0, {}, {"up 1@0"}},
-        {"the fabric tells first", {link_up}, 0, {}, {"up 1@0"}},
-        {"the fabric tells a moment later", {}, 1, {link_up}, {"up 1@0"}},
-        {"told again, as any other event", {}, 2, {link_up}, {"up 1@0", "up 1@2"}},
+        {"the fabric reports it during the read", {link_up}, 0, {}, {"up 1@0"}},
+        {"the fabric reports it a moment after the read", {}, 1, {link_up}, {"up 1@0"}},
+        {"a later report is a new event", {}, 2, {link_up}, {"up 1@0", "up 1@2"}},
         {"down meanwhile", {link_down}, 0, {}, {"down 1@0"}},
         {"down and up meanwhile", {link_down, link_up}, 0, {}, {"down 1@0", "up 1@0"}},
         {"down and up later", {}, 0, {link_down, link_up}, {"up 1@0", "down 1@0", "up 1@0"}},
@@ -123,7 +124,7 @@ TEST(verbs_events, too_many_events_lose_the_oldest_but_never_the_last)
     for (int i = 0; i < 1000; ++i) {
         world.hca.change(1, i % 2 == 0 ? port_change::link_down : port_change::link_up);
         world.hca.change(1, port_change::sm_change, static_cast<uint16_t>(i));
-        if (i == 500) world.hca.change(2, port_change::link_up); // another port's only event
+        if (i == 500) world.hca.change(2, port_change::link_up); // the only event of port 2
     }
     world.sim->run_until(200);
     EXPECT_LT(reports.size(), 40u);
@@ -154,11 +155,11 @@ TEST(verbs_events, a_spread_delays_link_ups_and_registrations_but_no_link_down)
     EXPECT_THAT(reports_after({link_down}, 0), ElementsAre("down 1"));
     EXPECT_THAT(reports_after({link_up}, spread_ticks), ElementsAre("up 1"));
     EXPECT_THAT(reports_after({link_down, link_up, link_down}, 2 * spread_ticks), ElementsAre("down 1", "down 1"))
-        << "the link-up between them is outdated";
+        << "a link-up that a link-down has followed must not be reported";
     EXPECT_THAT(reports_after({link_up}, spread_ticks), ElementsAre("up 1"));
     EXPECT_THAT(reports_after({reregister, reregister}, spread_ticks),
                 ElementsAre("sm at 9 1", "sm at 9 1", "down 1", "up 1"))
-        << "the new SM counts at once; both demands are met by one registration";
+        << "sm_change is reported at once; one registration is enough for both";
 
     std::vector<uint64_t> ticks; // from a link-up to its report
     for (int i = 0; i < 100; ++i) {
@@ -204,13 +205,13 @@ TEST(verbs, queries_read_the_port_and_refuse_stale_handles_and_missing_ports)
         EXPECT_EQ(kq_hca_close(hca), kq_return_ok);
         EXPECT_EQ(kq_hca_query(hca, &attributes), kq_return_err_invalid_hca) << "a stale handle";
         EXPECT_EQ(kq_hca_close(hca), kq_return_err_invalid_hca);
-        EXPECT_EQ(kq_port_query(other, 1, &port), kq_return_ok) << "another one's handle";
+        EXPECT_EQ(kq_port_query(other, 1, &port), kq_return_ok) << "another handle of this HCA is still open";
         EXPECT_EQ(kq_hca_close(other), kq_return_ok);
     });
 }
 
-// The exit function of a module must give back everything that calls into the module, and everything that only the
-// module can give back. The services report the rest. The machine stops before it unmaps the image.
+// The exit function of a module must release all its resources. The services of the stack name those that it has left
+// behind. This is a hard error, before the machine unmaps the image.
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
     machine_with_fake machine;

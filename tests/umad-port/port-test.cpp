@@ -1,5 +1,5 @@
-// A real port that is shared by its own task and a polling task. A fake replaces libibumad: a device whose SA answers
-// every request at once, unless it is silent.
+// A port of the umad fabric. Two tasks receive from it: its own one, and one that polls. Fakes replace libibumad and
+// libibverbs. The fake device answers every request at once, except that its SA can be silent.
 #include <deque>
 #include <set>
 #include <sys/eventfd.h>
@@ -21,16 +21,16 @@ struct fake_device {
     };
     std::mutex mutex; // guards arrivals
     std::deque<arrival> arrivals;
-    std::atomic<bool> is_silent{false}; // the SA, not the port itself
-    std::atomic<int> self_questions{0};
-    std::atomic<uint8_t> state{1}, lid{0};         // of the port: PortState as in PortInfo
+    std::atomic<bool> is_silent{false};            // the SA does not answer; the port itself still does
+    std::atomic<int> self_questions{0};            // requests for the attributes of the port
+    std::atomic<uint8_t> state{1}, lid{0};         // the port's PortState, as in PortInfo, and its LID
     const int readable = eventfd(0, EFD_NONBLOCK); // readable while there are arrivals
 } wire;
 
 constexpr int sa_agent = 0, self_agent = 1;
 constexpr uint8_t port_info = 0x15;
 
-// A fake of libibverbs: an HCA that reports the events of a test.
+// A fake of libibverbs. It has one HCA, for which a test reports events.
 struct fake_verbs {
     std::mutex mutex; // guards events
     std::deque<ibv_async_event> events;
@@ -160,8 +160,8 @@ class umad_port : public testing::Test
         if (poller) exec->join(*poller);
     }
 
-    // Starts a task that polls. After a poll without an answer it sleeps for a tick, unless `is_keen`. After an answer
-    // it sleeps while `must_sleep` is set.
+    // Starts a task that polls the port. After a poll without an answer it sleeps for a tick; if `is_keen` is set, it
+    // polls again at once. After an answer it sleeps while `must_sleep` is set.
     void start_polling()
     {
         poller = &exec->start(nullptr, "poller", [this] {
@@ -180,6 +180,7 @@ class umad_port : public testing::Test
         });
     }
 
+    // Sends a request to the SA.
     void ask()
     {
         const sa_mad_v2_t mad = test::request(MAD_METHOD_GET, test::mask_gid_lookup, {}, ++requests);
@@ -187,6 +188,7 @@ class umad_port : public testing::Test
     }
 
     template <class condition_t>
+    // Waits up to 10 seconds until `condition` returns true. Returns its last value.
     [[nodiscard]] bool comes_true(const condition_t& condition) const
     {
         const uint64_t deadline = exec->now() + 10'000;
@@ -222,7 +224,7 @@ TEST_F(umad_port, reports_every_answer_once_whichever_task_receives_it_and_watch
         ask();
         if (requests % 16 != 0) continue;
         ASSERT_TRUE(comes_true([&] { return answers == requests; }));
-        ASSERT_LT(requests, 5'000'000u) << "polling keeps the port's task from asking the port";
+        ASSERT_LT(requests, 5'000'000u) << "while a task polls, the port's own task never reads the port's attributes";
     }
     EXPECT_GT(answered_polls, 0u);
     EXPECT_TRUE(comes_true([&] { return answers == requests && !is_call_promised; }));
@@ -245,7 +247,8 @@ TEST_F(umad_port, receives_in_its_own_task_again_when_the_polling_task_sleeps)
     }
 }
 
-TEST_F(umad_port, makes_the_announced_call_even_if_the_sa_falls_silent)
+// The port calls may_complete() and announces another call of it. It must make this call, even if no answer arrives.
+TEST_F(umad_port, makes_the_announced_call_even_if_the_sa_becomes_silent)
 {
     start_polling();
     is_keen = true;
@@ -267,6 +270,7 @@ struct change_list final : fabric::listener {
         const std::lock_guard lock(mutex);
         changes.push_back(change);
     }
+    // Waits up to 10 seconds until `count` changes were reported. Returns all changes, and forgets them.
     std::vector<fabric::port_change> take(size_t count)
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -282,7 +286,7 @@ struct change_list final : fabric::listener {
     std::vector<fabric::port_change> changes;
 };
 
-// Wakes a task like a watchdog.
+// Wakes a task like the service's watchdog. Returns true if the task then begins a new round of its loop.
 bool begins_a_round(const fabric::fabric_task& task)
 {
     const uint64_t rounds = task.rounds();
@@ -292,7 +296,7 @@ bool begins_a_round(const fabric::fabric_task& task)
     return task.rounds() > rounds;
 }
 
-// Here the ports are asked so rarely that only events can show a change.
+// The interval between two reads of the port is an hour, so only events can show a change.
 TEST(hca_with_verbs, reports_an_event_at_once)
 {
     using enum fabric::port_change;

@@ -1,4 +1,4 @@
-// Complete hosts on a fabric that ibsim simulates and OpenSM manages. Each host is an `ats run` of its own.
+// Complete hosts on a fabric that ibsim simulates and OpenSM manages. Each host is a separate process, `ats run`.
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -65,7 +65,7 @@ struct hosts_on_fabric : testing::Test {
         net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
     }
 
-    // Fails if the output of any program has a sanitizer's report. A killed program shows its report only there.
+    // Fails if any program has printed a sanitizer's report. Of a program that was killed, nothing else shows it.
     void TearDown() override
     {
         if (!net) return;
@@ -87,7 +87,7 @@ struct hosts_on_fabric : testing::Test {
         for (int i = 1; i <= count; ++i) hosts.push_back(std::make_unique<fabric_host>(*net, i, options));
         for (const auto& host : hosts) ASSERT_TRUE(host->wait_serving()) << host->output();
     }
-    // Waits until the SA has `count` records. Fails if the SA cannot be asked.
+    // Waits until the SA has `count` records. Fails if it does not reach them in time, or does not answer.
     testing::AssertionResult sa_reaches_count(int count, std::chrono::milliseconds timeout = 30s)
     {
         if (wait_until([&] { return count_records(*net, "sm2") == count; }, timeout))
@@ -98,7 +98,7 @@ struct hosts_on_fabric : testing::Test {
     {
         return wait_until([&] { return host.port().value("state", "") == state; }, 30s);
     }
-    // Asks one question and returns the result, or the status. Asks again while the SA is too busy to answer.
+    // Asks a host one question. Returns what it has found, or the status. Repeats the question if it times out.
     std::string answer(const fabric_host& host, const std::string& command, const std::string& question)
     {
         json answers;
@@ -144,7 +144,8 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_EQ(answer(*hosts[1], "reverse", gid(1)), "10.0.0.1");
     EXPECT_EQ(answer(*hosts[1], "resolve", "10.0.0.9"), "not found");
 
-    // Another client of libibumad registers two records: one of a third port, and one with an address of another host.
+    // The program set-record registers two records, one after the other: one of a third port, and one with an address
+    // that node2 has registered already.
     const std::string third = net->run("sm1", {"ibstat", "-p"}).substr(2, 16);
     const std::string third_gid = "0xFE80000000000000" + third;
     EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.3", "other"}), "0x0000\n");
@@ -161,21 +162,22 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
 
     const std::string capture_path = hosts[0]->folder() + "/host.pcap";
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
-    EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
+    EXPECT_TRUE(sa_reaches_count(1)) << "the record of set-record stays";
     const std::string decoded = net->run("sm2", {"sh", "-c", "unset LD_PRELOAD; tshark -V -r " + capture_path});
     if (!times_in(decoded, "InfiniBand")) GTEST_SKIP() << "tshark is missing: " << decoded;
     EXPECT_EQ(times_in(decoded, "Encapsulation type"), 16u);
     EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
-// Uses Debian's ib_acme and librdmacm.
+// Debian's ib_acme and librdmacm ask the host, and must get the LIDs of the right port.
 TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 {
     start_sm();
     start_hosts(2, {"--acm-socket", "acm"});
     ASSERT_TRUE(sa_reaches_count(2));
     const std::string socket = hosts[0]->folder() + "/acm";
-    // The host knows its address from the SA's answer. If this is lost, the answer to its next check follows.
+    // The host learns its own address from the SA's answer to its registration. If this answer is lost, it learns it
+    // from the check of its own record a minute later.
     const auto endpoints = [&] { return net->run("sm2", {"ib_acme", "-S", socket, "-e"}); };
     const auto has_address = [&] { return times_in(endpoints(), ",ats,10.0.0.1,node1") > 0; };
     ASSERT_TRUE(wait_until(has_address, 120s)) << endpoints();
@@ -201,7 +203,7 @@ TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 #endif
 }
 
-// The first SM gives its paths another SL than the SM that replaces it.
+// The SM sm1 gives its paths SL 3. The SM sm2, which replaces it at the end, gives them SL 0.
 TEST_F(hosts_on_fabric, give_programs_the_present_path_and_no_outdated_one)
 {
     const std::string partitions = net->folder() + "/partitions";
@@ -228,11 +230,11 @@ TEST_F(hosts_on_fabric, give_programs_the_present_path_and_no_outdated_one)
         EXPECT_EQ(std::stoul(found.str(1), nullptr, base), value) << field;
     }
 
-    const auto path_becomes = [&](const std::string& wanted) {
+    const auto path_becomes = [&](const std::string& expectation) {
         std::string last;
-        return wait_until([&] { return (last = path_of_ib_acme()) == wanted; }, 30s)
+        return wait_until([&] { return (last = path_of_ib_acme()) == expectation; }, 30s)
                    ? testing::AssertionSuccess()
-                   : testing::AssertionFailure() << last << " instead of " << wanted << "\n"
+                   : testing::AssertionFailure() << last << " instead of " << expectation << "\n"
                                                  << hosts[0]->output();
     };
     EXPECT_EQ(path_of_ib_acme(), first_path);
@@ -242,8 +244,8 @@ TEST_F(hosts_on_fabric, give_programs_the_present_path_and_no_outdated_one)
     EXPECT_TRUE(path_becomes(first_path));
 
     EXPECT_EQ(sm->stop(), 0);
-    EXPECT_EQ(path_of_ib_acme(), first_path) << "an SM that is away makes no path false";
-    for (const int number : {1, 2}) // the next SM keeps the present LIDs
+    EXPECT_EQ(path_of_ib_acme(), first_path) << "paths stay valid while there is no SM";
+    for (const int number : {1, 2}) // gives both ports other LIDs; the next SM keeps them
         net->console("Baselid \"" + fabric_tools::node_name(number) + "\"[1] " + std::to_string(20 + number));
     EXPECT_TRUE(path_becomes("none"));
     start_sm("sm1", settings);
@@ -266,7 +268,7 @@ TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_b
     net->unplug("node1");
     ASSERT_TRUE(reaches_state(*hosts[0], "Down"));
     EXPECT_EQ(answer(*hosts[0], "resolve", "10.0.0.2"), "failed") << "there is no port to ask through";
-    EXPECT_EQ(net->run("node2", {SET_RECORD, "-d", own, "0xFFFF"}), "0x0000\n"); // as if its SA had lost it
+    EXPECT_EQ(net->run("node2", {SET_RECORD, "-d", own, "0xFFFF"}), "0x0000\n"); // the SA loses the record
     net->plug("node1");
     ASSERT_TRUE(reaches_state(*hosts[0], "Active")) << hosts[0]->output() << sm->output();
     EXPECT_TRUE(sa_reaches_count(2)) << "registered anew";
@@ -328,9 +330,10 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     for (const auto& host : hosts) EXPECT_EQ(host->stop(), 0) << host->output();
     // A Delete without a P_Key finds no record. Therefore the modules leave their records behind.
     for (const auto& host : hosts) EXPECT_EQ(times_in(host->output(), "that the host has left at the SA"), 1u);
-    EXPECT_TRUE(sa_reaches_count(1)) << "the other client's record stays";
+    EXPECT_TRUE(sa_reaches_count(1)) << "the record of set-record stays";
 
-    fabric_host failing(*net, 3, {"--sa-delete-pkey", "off", "--mount", "/dev/null"}); // it registers before it mounts
+    fabric_host failing(*net, 3,
+                        {"--sa-delete-pkey", "off", "--mount", "/dev/null"}); // registers, and then fails to mount
     EXPECT_EQ(failing.program().wait_end(30s), 2);
     EXPECT_EQ(times_in(failing.output(), "that the host has left at the SA"), 1u) << failing.output();
     EXPECT_TRUE(sa_reaches_count(1));
@@ -385,8 +388,8 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
         << "the program polls without a pause";
 }
 
-// Hosts check their records once a minute.
-TEST_F(hosts_on_fabric, of_seven_register_again_by_themselves_when_the_sa_forgets)
+// Each host checks its record once a minute.
+TEST_F(hosts_on_fabric, register_again_by_themselves_when_the_sa_forgets)
 {
     start_sm();
     start_hosts(7);
@@ -402,6 +405,7 @@ TEST_F(hosts_on_fabric, of_seven_register_again_by_themselves_when_the_sa_forget
     EXPECT_TRUE(sa_reaches_count(0));
 }
 
+// `ats check` reports what the machine lacks.
 TEST_F(hosts_on_fabric, get_a_report_of_what_a_machine_lacks)
 {
     const std::vector<std::string> check = {fabric_tools::ats_program(), "check"};

@@ -1,4 +1,5 @@
-// The parts of the layer over libibumad that need no device.
+// Three parts of the umad fabric that need no device: the table of transactions, the P_Keys of Deletes, and the reading
+// of a port's attributes.
 #include <gmock/gmock.h>
 
 #include "host/fabric/umad/port-watch.h"
@@ -17,7 +18,7 @@ using testing::IsEmpty;
 TEST(umad_transactions, are_found_once_by_their_low_half)
 {
     umad::transactions table;
-    constexpr uint64_t foreign_half = 0x0003000500000000; // the kernel would replace the high half in this way
+    constexpr uint64_t foreign_half = 0x0003000500000000; // a kernel replaces the high half of the TransactionID
     for (uint64_t i = 1; i <= 200; ++i) table.begin(0x1234567800000000 | i);
     for (uint64_t i = 1; i <= 200; ++i) {
         EXPECT_EQ(table.end(foreign_half | i), 0x1234567800000000 | i);
@@ -30,7 +31,8 @@ TEST(umad_transactions, are_found_once_by_their_low_half)
     EXPECT_EQ(table.end(foreign_half | 1), std::nullopt);
 }
 
-// A Delete of GID number 7, with its P_Key before and after. The module writes 0.
+// The module writes P_Key 0 into a Delete. registered_p_keys::complete() replaces it. Each case is a Delete of the
+// record with GID number 7.
 TEST(umad_registered_p_keys, complete_the_identifier_in_a_delete)
 {
     using enum umad::delete_p_key;
@@ -41,6 +43,7 @@ TEST(umad_registered_p_keys, complete_the_identifier_in_a_delete)
         uint16_t p_key_before;
         uint16_t p_key_after;
     } cases[] = {
+        // the P_Keys are those of the Delete
         {"registered in this run", automatic, 0x8002, 0, 0x8002},
         {"registered by an earlier run", automatic, 0, 0, 0},
         {"with a P_Key already", automatic, 0x8002, 0x8003, 0x8003},
@@ -94,7 +97,7 @@ TEST(umad_port, reports_the_changes_that_a_host_must_act_on)
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.p_keys[1] = 0; })),
                 ElementsAre(sm_change));
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.bad_p_keys = 9; })), IsEmpty());
-    // The record at the SA, or the SA itself, may have changed.
+    // After these changes the SA may have no right record of the host.
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.lid = 5; })), ElementsAre(reregister));
     EXPECT_THAT(umad::changes_between(active, active_but([](auto& port) { port.gids[0][7] = 1; })),
                 ElementsAre(reregister));
@@ -102,7 +105,7 @@ TEST(umad_port, reports_the_changes_that_a_host_must_act_on)
                 ElementsAre(reregister));
 }
 
-// The answer of a port that has a value in every attribute.
+// The answer of a port to a question about itself. Each of its attributes has a value.
 fabric::mad_bytes answer_to(const fabric::mad_bytes& question)
 {
     fabric::mad_bytes answer = question;
@@ -136,12 +139,12 @@ TEST(umad_port, is_read_from_its_own_answers)
         ASSERT_TRUE(question);
         auto late = answer_to(*question);
         ++late[15];
-        EXPECT_FALSE(watch.accept(late, now)) << "another question's answer";
+        EXPECT_FALSE(watch.accept(late, now)) << "the answer to another question";
         if (questions == 1) {
-            EXPECT_EQ((*question)[23], 2) << "PortInfo of that port";
+            EXPECT_EQ((*question)[23], 2) << "PortInfo of port 2";
             EXPECT_FALSE(watch.due_question(now)) << "asked twice at once";
             const auto again = watch.due_question(watch.next_due());
-            ASSERT_TRUE(again) << "not asked again though it got no answer";
+            ASSERT_TRUE(again) << "a question without an answer is not repeated";
             attributes = watch.accept(answer_to(*again), now);
             continue;
         }
@@ -162,61 +165,63 @@ TEST(umad_port, is_read_from_its_own_answers)
     EXPECT_THAT(attributes->gids, ElementsAre(fabric::make_gid(0xFEC0000000000001, 0x0002C90300010203),
                                               fabric::make_gid(0xFEC0000000000001, 0),
                                               fabric::make_gid(0xFEC0000000000001, 0x0002C90300010204)));
-    ASSERT_EQ(attributes->p_keys.size(), 34u) << "entries keep their index";
+    ASSERT_EQ(attributes->p_keys.size(), 34u) << "an empty entry must not be left out";
     EXPECT_EQ(attributes->p_keys[0], 0xFFFF);
     EXPECT_EQ(attributes->p_keys[33], 0x8005);
     EXPECT_EQ(watch.next_due(), 1000u);
 }
 
-// One look: the number of its questions, and its result. `lid` is the low byte of the LID that the port reports.
-struct look {
-    int questions = 0;
+struct port_reading {
+    int questions = 0; // number of questions to the port
     std::optional<fabric::port_attributes> attributes = {};
 };
-look look_at(umad::port_watch& watch, uint8_t lid = 2)
+
+// Answers the questions of `watch` until it has the attributes of the port. `lid` is the low byte of the port's LID.
+port_reading read_port(umad::port_watch& watch, uint8_t lid = 2)
 {
-    look look;
+    port_reading reading;
     const uint64_t now = watch.next_due();
-    while (!look.attributes && ++look.questions < 20) {
+    while (!reading.attributes && ++reading.questions < 20) {
         const auto question = watch.due_question(now);
-        if (!question) return look;
+        if (!question) return reading;
         fabric::mad_bytes answer = answer_to(*question);
         if ((*question)[17] == 0x15) answer[64 + 17] = lid;
-        look.attributes = watch.accept(answer, now);
+        reading.attributes = watch.accept(answer, now);
     }
-    return look;
+    return reading;
 }
 
 TEST(umad_port, is_asked_one_question_while_nothing_changes)
 {
     umad::port_watch watch(2, 100);
-    const auto first = look_at(watch);
+    const auto first = read_port(watch);
     ASSERT_EQ(first.questions, 5);
     for (int i = 0; i < 9; ++i) {
-        const auto brief = look_at(watch);
+        const auto brief = read_port(watch);
         EXPECT_EQ(brief.questions, 1);
         EXPECT_THAT(umad::changes_between(*first.attributes, *brief.attributes), IsEmpty());
     }
-    EXPECT_EQ(look_at(watch).questions, 5) << "its P_Keys could have changed";
-    const auto changed = look_at(watch, 9);
+    EXPECT_EQ(read_port(watch).questions, 5)
+        << "from time to time all attributes must be read, because the P_Keys may have changed";
+    const auto changed = read_port(watch, 9);
     EXPECT_EQ(changed.questions, 6);
     EXPECT_EQ(changed.attributes->lid, 0x0109);
-    EXPECT_EQ(look_at(watch, 9).attributes->lid, 0x0109);
+    EXPECT_EQ(read_port(watch, 9).attributes->lid, 0x0109);
 
     fabric::mad_bytes old_answer = answer_to(*watch.due_question(watch.next_due()));
     old_answer[64 + 17] = 9;
     watch.hurry(5);
     EXPECT_EQ(watch.next_due(), 5u);
     EXPECT_FALSE(watch.accept(old_answer, 5)) << "an answer from before the event";
-    EXPECT_EQ(look_at(watch, 9).questions, 5);
+    EXPECT_EQ(read_port(watch, 9).questions, 5);
 
     watch.hurry(5, umad::self_query::look::brief);
-    EXPECT_EQ(look_at(watch, 9).questions, 1);
-    EXPECT_EQ(watch.next_due(), 5u) << "its GIDs could have changed with the event";
-    EXPECT_EQ(look_at(watch, 9).questions, 5);
+    EXPECT_EQ(read_port(watch, 9).questions, 1);
+    EXPECT_EQ(watch.next_due(), 5u) << "after the brief reading, all attributes must be read";
+    EXPECT_EQ(read_port(watch, 9).questions, 5);
 }
 
-TEST(umad_port, that_stops_answering_counts_as_silent_and_is_heard_again)
+TEST(umad_port, that_stops_answering_counts_as_silent_and_is_asked_again)
 {
     umad::port_watch watch(1, 1000);
     uint64_t now = 0;
@@ -225,16 +230,16 @@ TEST(umad_port, that_stops_answering_counts_as_silent_and_is_heard_again)
     const uint64_t last_heard = now;
     int questions = 0;
     while (!watch.is_silent()) {
-        ASSERT_GT(watch.next_due(), now) << "a spin";
+        ASSERT_GT(watch.next_due(), now) << "the port is asked again without a pause";
         now = watch.next_due();
         ASSERT_TRUE(watch.due_question(now));
         ASSERT_LT(++questions, 100);
     }
-    EXPECT_GT(now - last_heard, 5000u) << "losing a datagram or two is no silence";
+    EXPECT_GT(now - last_heard, 5000u) << "after the loss of one or two datagrams the port must not count as silent";
     EXPECT_LT(now - last_heard, 10'000u);
     watch.postpone(now);
-    EXPECT_FALSE(watch.is_silent()) << "a port that counts as silent for ever is never asked again";
-    EXPECT_TRUE(look_at(watch).attributes);
+    EXPECT_FALSE(watch.is_silent()) << "a silent port must be asked again";
+    EXPECT_TRUE(read_port(watch).attributes);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
-// A library to preload before libibumad. It breaks the HCA of a program. The file named by BROKEN_UMAD contains the
-// fault. "short" cuts the next answer of the SA, "stray" changes its TransactionID, "request" clears its response bit;
-// each happens once. "gone" removes the device and "deaf" makes reading fail, as long as the file has that word.
+// A library that a test preloads before libibumad, to break the HCA of a program. The environment variable BROKEN_UMAD
+// names a file, which contains one word, the fault. Three faults change the next answer of the SA and then empty the
+// file: "short" cuts it, "stray" changes its TransactionID, "request" clears its response bit. Two faults last until
+// the test changes the file: with "gone", the device is missing; with "deaf", nothing is sent and every receive fails.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -55,7 +56,7 @@ PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout
 {
     const std::string current_fault = fault();
     if (current_fault == "gone") return fail();
-    // Not sent, because under ibsim no answer may be on its way when a program ends.
+    // If a program ends while an answer is on its way to it, ibsim fails. So the request is not sent.
     if (current_fault == "deaf") return 0;
     return real<decltype(umad_send)>("umad_send")(port, agent, umad, length, timeout_ms, retries);
 }
