@@ -1,4 +1,5 @@
-// Wrong input gets one clear line and its exit code, and nothing is lost.
+// Wrong arguments, wrong requests, exceeded limits and other bad input. The program must print one clear line and
+// return the right exit code. It must change and lose nothing.
 #include <algorithm>
 #include <grp.h>
 #include <list>
@@ -27,7 +28,7 @@ struct bad_input {
     const char* complaint; // a part of the line on stderr
 };
 
-// Expects one line ("ats: ..."). A second line is allowed if it names further help.
+// Expects one line ("ats: ..."). A second line may follow, for example "Try 'ats link --help'".
 void expect_refused(const program_result& result, const bad_input& expectation)
 {
     SCOPED_TRACE(testing::PrintToString(expectation.arguments));
@@ -35,7 +36,7 @@ void expect_refused(const program_result& result, const bad_input& expectation)
     EXPECT_THAT(result.err, StartsWith("ats: "));
     EXPECT_THAT(result.err, HasSubstr(expectation.complaint));
     EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 2);
-    EXPECT_LT(result.err.size(), 400u) << "not a line that anybody reads";
+    EXPECT_LT(result.err.size(), 400u) << "the line is too long to be read";
     EXPECT_EQ(result.out, "");
 }
 
@@ -97,7 +98,7 @@ TEST(bad_input, clients_refuse_wrong_arguments_and_the_service_continues)
     EXPECT_EQ(std::count(most_make_sense.out.begin(), most_make_sense.out.end(), '\n'), 40);
 }
 
-// Sends a line that the program itself never sends. Returns the service's answer.
+// Sends a line to the service through a plain connection, without libatsclient. Returns the service's answer.
 std::string answer_to(const std::string& line, const std::string& socket)
 {
     return raw_connection(socket).ask(line);
@@ -149,12 +150,12 @@ TEST(bad_input, service_survives_misbehaving_clients)
     EXPECT_THAT(hasty.read(), HasSubstr("uptime_seconds"));
     EXPECT_EQ(hasty.read(), "(hung up)");
     for (int i = 0; i < 2000; ++i) raw_connection(ats.socket(), false).write("{\"request\":");
-    // The other clients have left.
+    // The service must first notice that those clients have left.
     EXPECT_TRUE(eventually([&] { return ats.ask({"set-name", "plain"}).exit_code == 0; }));
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
 }
 
-// A client that exceeds its limits does not disturb others.
+// A client that exceeds its limits is refused. It must not disturb other clients.
 TEST(bad_input, limits_hold_for_each_user)
 {
     const scratch_folder folder;
@@ -169,7 +170,7 @@ TEST(bad_input, limits_hold_for_each_user)
     for (int i = 1; i <= 4; ++i)
         first.write(R"({"request":"resolve","address":"10.0.1.)" + std::to_string(i) + "\",\"id\":4}\n");
     EXPECT_THAT(first.read(), HasSubstr("this user has 3 questions outstanding already"));
-    // The service also stops reading from a client that does not read.
+    // If a client does not read its answers, the service does not read its requests any more. Then send() fails.
     const std::string status = "{\"request\":\"status\"}\n";
     while (send(reader.fd(), status.data(), status.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) continue;
     EXPECT_THAT(first.ask(R"({"request":"ping"})"), HasSubstr("alive"));
@@ -194,17 +195,18 @@ TEST(bad_input, service_without_descriptors_accepts_again_when_clients_leave)
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
 }
 
-// Hosts need address space for threads, and descriptors for the code of their modules. Here both run out during a
-// start.
+// Hosts need address space for threads, and descriptors for the code of their modules. Here one of these is used up
+// while the hosts start.
 TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizers need more than that themselves";
+    GTEST_SKIP() << "the sanitizers themselves need more than these limits";
 #endif
     const std::pair<fabric_tools::process_limit, const char*> cases[] = {
         {{RLIMIT_AS, rlim_t{300} << 20}, " does not start: the address space is used up (the limit is 300 MiB): raise"},
         {{RLIMIT_NOFILE, 6}, " does not start: no more files can be opened (the limit is 6): raise"},
-        {{RLIMIT_NOFILE, 10}, "ats: no more files can be opened (the limit is 10): raise"}, // for clients
+        {{RLIMIT_NOFILE, 10},
+         "ats: no more files can be opened (the limit is 10): raise"}, // the server needs some for clients
     };
     for (const auto& [limit, complaint] : cases) {
         const scratch_folder folder;
@@ -217,7 +219,7 @@ TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
     }
 }
 
-TEST(bad_input, service_whose_memory_is_used_up_stops_in_good_order)
+TEST(bad_input, service_whose_memory_is_used_up_unloads_its_hosts_and_says_why)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizers need memory themselves";
@@ -281,7 +283,7 @@ TEST(bad_input, wrong_options_of_run_are_refused_before_anything_starts)
         if (std::ranges::find(each.arguments, "--socket") == each.arguments.end())
             each.arguments.insert(each.arguments.end(), {"--socket", socket});
         program_result result = run_ats(each.arguments);
-        result.err.erase(std::min(result.err.size(), result.err.find("\n  ["))); // the host's log
+        result.err.erase(std::min(result.err.size(), result.err.find("\n  ["))); // lines of the host's log follow
         expect_refused(result, each);
         EXPECT_FALSE(std::filesystem::exists(socket));
     }
@@ -300,7 +302,7 @@ TEST(bad_input, missing_service_is_reported_and_a_stale_socket_is_replaced_but_n
     ASSERT_TRUE(std::filesystem::remove(socket));
     EXPECT_TRUE(eventually([&] {
         return ats->ask({"resolve", "10.0.0.1"}).exit_code == 0;
-    })) << "its file is made again";
+    })) << "the service must make the missing file of its socket again";
     kill(ats->pid(), SIGSTOP);
     expect_refused(ats->ask({"status", "--timeout", "0.2"}),
                    {{"stopped"}, 3, "shows no sign of life for 0.2 s: it is"});
@@ -344,12 +346,14 @@ TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
 {
     const scratch_folder folder;
     const auto first = cli::listening_socket::open(folder / "socket", false).value();
-    std::filesystem::remove(folder / "socket"); // just before the first service creates its own
+    // The first service has taken the lock, but its socket does not exist yet.
+    std::filesystem::remove(folder / "socket");
     EXPECT_FALSE(cli::listening_socket::open(folder / "socket", false));
 }
 
-// Returns the answer that a process of another user gets, or "(not connected)" if the file's mode denies it.
-std::string heard_by_another_user(const std::string& socket, const std::string& line)
+// Sends a line in a process of another user. Returns the answer, or "(not connected)" if the mode of the socket's file
+// forbids the connection.
+std::string answer_to_another_user(const std::string& socket, const std::string& line)
 {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
@@ -373,7 +377,8 @@ TEST(bad_input, other_users_may_ask_what_the_configuration_allows)
 {
     if (geteuid() != 0) GTEST_SKIP() << "only root can be two users";
     const std::string resolve = R"({"request":"resolve","address":"10.0.0.1"})";
-    const std::string order = R"({"request":"set-name","name":"mine","no_wait":true})"; // it may not be registered yet
+    const std::string order = R"({"request":"set-name","name":"mine","no_wait":true})"; // the SA may not have confirmed
+                                                                                        // the first registration yet
     const std::string log = R"({"request":"log","level":1})", all_of_log = R"({"request":"log"})";
     const struct {
         std::string access, line, answer;
@@ -393,7 +398,7 @@ TEST(bad_input, other_users_may_ask_what_the_configuration_allows)
         write_file(folder / "config", "[access]\n" + access + "\n[[host]]\naddress = \"10.0.0.1\"\n");
         const service ats({"--config", folder / "config"});
         chmod((ats.folder / "").c_str(), 0755);
-        EXPECT_THAT(heard_by_another_user(ats.socket(), line), HasSubstr(answer)) << access << ": " << line;
+        EXPECT_THAT(answer_to_another_user(ats.socket(), line), HasSubstr(answer)) << access << ": " << line;
     }
 }
 
@@ -411,7 +416,7 @@ TEST(bad_input, busy_or_deserted_mount_points_are_refused_and_nobody_else_is_dis
     EXPECT_EQ(first.stop(SIGKILL), -SIGKILL);
     const bad_input no_service = {busy.arguments, 2, "is a mount whose service is gone: run 'fusermount3 -u"};
     expect_refused(run_ats(no_service.arguments), no_service);
-    EXPECT_EQ(system(("fusermount3 -u " + mnt).c_str()), 0); // the advice in the line works
+    EXPECT_EQ(system(("fusermount3 -u " + mnt).c_str()), 0); // the advice in the line must work
     service second({"--hosts", "1", "--mount", mnt});
     EXPECT_EQ(second.stop(), 0);
 }

@@ -1,4 +1,4 @@
-// The demo prints all its steps and fails if one of them fails. Other programs can read its capture.
+// `ats demo`. It must print all its steps, and fail if one of them fails. tshark must be able to read its capture.
 #include <algorithm>
 
 #include "host/world/module-folder.h"
@@ -56,6 +56,7 @@ TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshar
         EXPECT_THAT(packets, HasSubstr(field));
 }
 
+// ucm.so is another module under this name, so the third step fails.
 TEST(demo, failed_step_ends_it_with_an_error)
 {
     const scratch_folder folder;

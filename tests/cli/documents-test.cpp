@@ -1,4 +1,4 @@
-// The manual pages and the completion agree with the help of the command.
+// The manual pages and the bash completion must name the same commands, options and exit codes as --help.
 #include <algorithm>
 #include <cctype>
 #include <map>
@@ -12,7 +12,7 @@ namespace
 using testing::IsSubsetOf;
 using words = std::vector<std::string>;
 
-// The options in a text: words of letters behind one or two dashes.
+// The options in a text. An option is one or two dashes and a word of lower-case letters and dashes.
 std::set<std::string> options_in(const std::string& text)
 {
     std::set<std::string> options;
@@ -41,7 +41,8 @@ words left_column(const std::string& help, const std::string& heading)
     return column;
 }
 
-// Returns the options that --help lists. The key is the command's words; {} is the program itself.
+// The options that --help lists, for the given command and all its subcommands. The key is the command, word by word;
+// {} is the program itself.
 std::map<words, std::set<std::string>> options_by_command(const words& command = {})
 {
     words arguments = command;
@@ -57,7 +58,7 @@ std::map<words, std::set<std::string>> options_by_command(const words& command =
     return options;
 }
 
-// The source of a manual page, with plain dashes.
+// The source of a manual page. Each escaped dash (backslash and dash) is replaced by a dash.
 std::string manual(const std::string& page)
 {
     std::string source = text_of_file(ATS_SOURCE_DIR "/man/" + page + ".in");
@@ -80,7 +81,8 @@ TEST(documents, manual_pages_name_the_options_of_every_command_and_no_others)
         EXPECT_THAT(options, IsSubsetOf(page_options)) << page;
         std::set<std::string> foreign;
         std::ranges::set_difference(page_options, options, std::inserter(foreign, foreign.end()));
-        // The texts mention options of other commands: `ats run --hosts` and `--record`, `tail -f` and `jq -r`.
+        // A page may also mention these options of other commands: `ats run --hosts` and `--record`, `tail -f`, `jq
+        // -r`.
         EXPECT_THAT(foreign, IsSubsetOf({"--hosts", "--record", "-r", "-f"})) << page;
     }
 }
@@ -96,7 +98,7 @@ TEST(documents, manual_page_and_completion_have_every_command_and_its_options)
             EXPECT_THAT(page, testing::HasSubstr(command_line.substr(4)));
         }
 
-        // Words contain no spaces and quotation marks, so one pair of quotation marks around the script is enough.
+        // Runs the completion function in bash, like the Tab key after the command.
         const std::string script = "source " ATS_SOURCE_DIR "/dist/ats.bash-completion; COMP_WORDS=(" + command_line +
                                    " \"\"); COMP_CWORD=" + std::to_string(command.size() + 1) +
                                    "; _ats; echo \" ${COMPREPLY[*]} \"";

@@ -1,3 +1,4 @@
+// The queue and the worker threads of the server. No user may delay the requests of other users for long.
 #include <atomic>
 #include <future>
 #include <gmock/gmock.h>
@@ -17,7 +18,7 @@ std::vector<std::string> pop_all(cli::fair_queue<std::string>& queue, size_t mos
     return entries;
 }
 
-// A user who asks much, or opens many connections, delays other users by only one entry.
+// A user may make many requests or open many connections. This delays each request of another user by one request only.
 TEST(fair_queue, users_take_turns_and_so_do_their_connections)
 {
     cli::fair_queue<std::string> queue;
@@ -60,7 +61,7 @@ TEST(workers, leave_half_of_their_threads_to_other_users)
     while ((carried_out < 8 || waiting < 2) && waiting <= 2) std::this_thread::yield();
     EXPECT_EQ(waiting, 2);
     end.set_value();
-    while (waiting < 8 || carried_out < 8) std::this_thread::yield(); // the rest must wait for its turn
+    while (waiting < 8 || carried_out < 8) std::this_thread::yield(); // the other six jobs of the first user still run
 }
 
 } // namespace

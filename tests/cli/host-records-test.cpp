@@ -1,4 +1,5 @@
-// The service's calls for the records of a host at the SA, before the host registers and after it has left.
+// Before a host registers, the service searches the SA for records of its address under other GIDs. After the host has
+// left, the service deletes those of its records that are still there. Tests these two calls.
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -10,8 +11,8 @@
 namespace
 {
 
-constexpr uint16_t first_p_key = 0xFFFF, second_p_key = 0x8005; // of the host's ports
-constexpr uint16_t not_its_p_key = 0x8006, nor_this = 0x8007;
+constexpr uint16_t first_p_key = 0xFFFF, second_p_key = 0x8005;  // of the host's ports
+constexpr uint16_t other_p_key = 0x8006, another_p_key = 0x8007; // not of the host's ports
 
 // A host with two ports. The link of the first port is up. No module runs.
 struct host_records : testing::Test {
@@ -25,7 +26,7 @@ struct host_records : testing::Test {
                " that the host has left at the SA";
     }
 
-    // Makes `call` at an SA with these `records`, while `fault` is in effect.
+    // Gives these records, and no others, to the SA. Runs `call` while `fault` is in effect, and returns its result.
     template <class call_t>
     auto with(const std::vector<test::record_t>& records, const std::function<void(embedded::fault_switches&)>& fault,
               const call_t& call)
@@ -63,8 +64,8 @@ TEST_F(host_records, that_the_host_has_left_are_deleted_and_no_others)
         {"one", {other, own(1, first_p_key)}, {"deleted " + title(1)}, 1},
         {"of the port that is down", {own(2, first_p_key)}, {"deleted " + title(2)}, 0},
         {"two P_Keys", {other, own(1, first_p_key), own(1, second_p_key)}, {"deleted " + title(1)}, 1},
-        {"one of another P_Key", {own(1, first_p_key), own(1, not_its_p_key)}, {"deleted " + title(1)}, 0},
-        {"two other P_Keys", {own(1, not_its_p_key), own(1, nor_this)}, {"could not delete " + title(1)}, 2},
+        {"one of another P_Key", {own(1, first_p_key), own(1, other_p_key)}, {"deleted " + title(1)}, 0},
+        {"two other P_Keys", {own(1, other_p_key), own(1, another_p_key)}, {"could not delete " + title(1)}, 2},
         {"a lost request",
          {own(1, first_p_key)},
          {"deleted " + title(1)},
@@ -101,7 +102,8 @@ TEST_F(host_records, that_the_host_has_left_are_deleted_and_no_others)
         });
     EXPECT_EQ(silent.error().text, "the SA does not answer");
     EXPECT_TRUE(subnet.link_down("node1", "mthca0", 1));
-    EXPECT_EQ(cli::delete_leftovers(host).value(), std::vector<std::string>()) << "it has not registered";
+    EXPECT_EQ(cli::delete_leftovers(host).value(), std::vector<std::string>())
+        << "without an active port, the service cannot ask the SA";
 }
 
 TEST_F(host_records, of_another_host_with_the_same_address_are_reported)

@@ -1,4 +1,5 @@
-// Lines for the administrator in systemd's journal, and the limit of their number.
+// The service writes lines for the administrator to systemd's journal. Tests the fields of these lines, the limit of
+// their number, and a journal that reads no lines.
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
@@ -21,8 +22,9 @@ namespace
 
 using fields = std::map<std::string, std::string>;
 
-// A replacement for journald's socket at /run/systemd/journal/socket. Each datagram is an entry: lines "NAME=VALUE", or
-// "NAME" and the value with its length before it (systemd's "Native Journal Protocol").
+// Takes the place of journald's socket /run/systemd/journal/socket. Each datagram is an entry. Each of its fields is a
+// line "NAME=VALUE", or a line "NAME" and then the length and the bytes of the value (systemd's "Native Journal
+// Protocol").
 class journal_socket
 {
   public:
@@ -47,7 +49,7 @@ class journal_socket
         reader_ = std::thread([this] { read(); });
     }
 
-    // Writers wait from now on, until someone reads.
+    // Fills the buffer of the socket. Then programs that write to it wait until start_reading() is called.
     void fill()
     {
         const std::string entry = "MESSAGE=of another program\n";
@@ -55,7 +57,7 @@ class journal_socket
         EXPECT_EQ(errno, EAGAIN);
     }
 
-    // Returns the first entry with the value in this field. Waits for it if it has not arrived.
+    // Waits for an entry whose field contains this text. Returns the first such entry, and forgets it.
     fields wait_entry(const std::string& field, const std::string& value)
     {
         fields found;
@@ -89,17 +91,17 @@ class journal_socket
     static fields parse(const std::string& datagram)
     {
         fields parsed;
-        for (size_t at = 0; at < datagram.size();) {
-            const size_t end = datagram.find_first_of("=\n", at);
-            const std::string name = datagram.substr(at, end - at);
+        for (size_t position = 0; position < datagram.size();) {
+            const size_t end = datagram.find_first_of("=\n", position);
+            const std::string name = datagram.substr(position, end - position);
             uint64_t length = datagram.find('\n', end + 1) - end - 1;
-            at = end + 1;
+            position = end + 1;
             if (datagram[end] == '\n') {
-                std::memcpy(&length, &datagram[at], sizeof length); // little-endian, like this machine
-                at += sizeof length;
+                std::memcpy(&length, &datagram[position], sizeof length); // little-endian, like this machine
+                position += sizeof length;
             }
-            parsed[name] = datagram.substr(at, length);
-            at += length + 1;
+            parsed[name] = datagram.substr(position, length);
+            position += length + 1;
         }
         return parsed;
     }
@@ -132,7 +134,8 @@ TEST(journal, fields_are_those_that_the_documentation_lists)
         EXPECT_NE(page.find("| `" + field.substr(0, field.find('=')) + "` |"), std::string::npos) << field;
 }
 
-// A shell command in its own mount namespace, where `folder` is the journal's folder.
+// The arguments that run a shell command in a mount namespace of its own. There `folder` is mounted as the folder of
+// the journal's socket.
 std::vector<std::string> with_journal(const std::string& folder, const std::string& command)
 {
     const std::string mounts = "mount -t tmpfs tmpfs /run && mkdir -p /run/systemd/journal && mount --bind '" + folder +
@@ -140,7 +143,8 @@ std::vector<std::string> with_journal(const std::string& folder, const std::stri
     return {"unshare", "--mount", "--map-root-user", "sh", "-c", mounts + command};
 }
 
-// The name that journald gives to the stream of a service's stderr.
+// Creates `file`, the stderr of a service. Returns the value of JOURNAL_STREAM with which systemd says that this file
+// is the journal: its device and its inode.
 std::string journal_stream(const std::string& file)
 {
     write_file(file, "");
@@ -149,7 +153,7 @@ std::string journal_stream(const std::string& file)
     return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-// Starts the program. Its stderr is the journal if `is_journal`.
+// Starts the program. If `is_journal` is true, JOURNAL_STREAM says that its stderr is the journal.
 std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, const std::string& arguments,
                                                  bool is_journal = true)
 {
@@ -161,14 +165,14 @@ std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, c
                               .errors = folder / "err"});
 }
 
-// Returns "" if this user may make mount namespaces, otherwise the reason.
+// Returns "" if this user may make mount namespaces, otherwise why not.
 std::string refusal_of_mounts(const scratch_folder& folder)
 {
     fabric_tools::process trial({.arguments = with_journal(folder / ".", "true"), .output = folder / "trial"});
     return trial.wait_end(std::chrono::minutes(1)) == 0 ? "" : "no mount namespaces: " + text_of_file(folder / "trial");
 }
 
-TEST(journal, takes_the_lines_of_the_service_and_of_its_hosts_logs_with_their_fields)
+TEST(journal, gets_the_lines_of_the_service_and_of_its_hosts_logs_with_their_fields)
 {
     const scratch_folder folder;
     if (const std::string refusal = refusal_of_mounts(folder); !refusal.empty()) GTEST_SKIP() << refusal;
@@ -196,7 +200,7 @@ TEST(journal, takes_the_lines_of_the_service_and_of_its_hosts_logs_with_their_fi
                                  {"ATS_MODULE", "ats"},
                                  {"ATS_TRACE_LEVEL", "4"},
                                  {"PRIORITY", "7"}});
-    EXPECT_EQ(text_of_file(folder / "err"), "") << "lines went to the journal twice";
+    EXPECT_EQ(text_of_file(folder / "err"), "") << "lines also went to stderr, so the journal has them twice";
     std::filesystem::remove(folder / "journal/socket");
     ats->signal(SIGHUP);
     const auto is_said = [&] {
@@ -206,7 +210,7 @@ TEST(journal, takes_the_lines_of_the_service_and_of_its_hosts_logs_with_their_fi
     EXPECT_EQ(ats->stop(std::chrono::minutes(1)), 0);
 }
 
-TEST(journal, lines_without_fields_have_their_priority_and_those_elsewhere_do_not)
+TEST(journal, lines_on_stderr_begin_with_their_priority_only_if_stderr_is_the_journal)
 {
     const scratch_folder folder;
     if (const std::string refusal = refusal_of_mounts(folder); !refusal.empty()) GTEST_SKIP() << refusal;
@@ -218,8 +222,8 @@ TEST(journal, lines_without_fields_have_their_priority_and_those_elsewhere_do_no
     }
 }
 
-// The printing task continues while the journal accepts nothing.
-TEST(journal, a_flood_of_a_hosts_log_is_limited_and_the_log_keeps_it)
+// A host logs 2500 lines while the journal accepts none. The logging task must not wait for the journal.
+TEST(journal, a_flood_of_a_hosts_log_is_limited_and_the_log_keeps_all_lines)
 {
     std::latch open_journal(1);
     std::mutex mutex; // guards texts
@@ -248,22 +252,22 @@ TEST(journal, a_flood_of_a_hosts_log_is_limited_and_the_log_keeps_it)
     EXPECT_EQ(log.lines().size(), 2502);
 }
 
-TEST(journal, a_reader_that_stops_holds_up_no_printer_and_learns_how_many_lines_it_missed)
+TEST(journal, a_reader_that_stops_delays_no_writer_and_is_told_how_many_lines_are_missing)
 {
     constexpr uint64_t limit = console::line_writer::most_waiting_lines;
-    std::latch hanging(1), reading(1);
-    std::vector<uint64_t> written; // by the writer's thread; a remark counts from a million
+    std::latch hang_begin(1), hang_end(1);
+    std::vector<uint64_t> written; // the numbers of lines; a remark is 1,000,000 plus the number of lines left out
     {
         console::line_writer writer([&](uint64_t left_out) { written.push_back(1'000'000 + left_out); });
         writer.add([&] {
-            hanging.count_down();
-            reading.wait();
+            hang_begin.count_down();
+            hang_end.wait();
         });
-        hanging.wait();
+        hang_begin.wait();
         for (uint64_t line = 0; line < limit + 3; ++line) writer.add([&, line] { written.push_back(line); });
         EXPECT_FALSE(writer.wait_written(std::chrono::milliseconds(1)));
-        EXPECT_FALSE(writer.wait_written(std::chrono::hours(1))) << "it waits again for a reader that hangs";
-        reading.count_down();
+        EXPECT_FALSE(writer.wait_written(std::chrono::hours(1))) << "waited a second time for a reader that hangs";
+        hang_end.count_down();
         EXPECT_TRUE(eventually([&] { return writer.wait_written(std::chrono::hours(1)); }));
         writer.add([&] { written.push_back(limit); });
     }
@@ -273,11 +277,11 @@ TEST(journal, a_reader_that_stops_holds_up_no_printer_and_learns_how_many_lines_
     EXPECT_EQ(written, expected);
 }
 
-// Asks the service in this folder until it answers, then lets it print another line.
+// Expects that the service in this folder answers a client. Then lets the service print another line.
 void expect_to_work(const scratch_folder& folder, fabric_tools::process& ats)
 {
     const auto answers = [&] { return run_ats({"status", "--socket", folder / "socket"}).exit_code == 0; };
-    EXPECT_TRUE(eventually(answers)) << "it waits for a reader";
+    EXPECT_TRUE(eventually(answers)) << "the service waits until its lines are read";
     ats.signal(SIGHUP);
 }
 
@@ -328,7 +332,7 @@ TEST(service, a_full_pipe_at_its_output_stops_neither_the_service_nor_its_end)
     }
 }
 
-// A thousand lines in ten seconds are a hundred a second: any machine prints more.
+// The limit is 1000 lines in 10 seconds. Any machine prints faster, so the loop below soon reaches the limit.
 TEST(journal, a_flood_of_the_services_own_lines_is_limited)
 {
     const scratch_folder folder;
@@ -350,7 +354,8 @@ TEST(journal, a_flood_of_the_services_own_lines_is_limited)
     close(output);
     EXPECT_TRUE(is_left_out) << "after " << lines << " lines";
     EXPECT_GT(lines, 1000);
-    EXPECT_EQ(file().find("left out"), std::string::npos) << "the number comes with the next line";
+    EXPECT_EQ(file().find("left out"), std::string::npos)
+        << "the number of missing lines must come only with the next line";
 }
 
 } // namespace

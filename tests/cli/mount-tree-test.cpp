@@ -1,4 +1,4 @@
-// The files of a mount, without FUSE.
+// The files of a mount: the /proc trees and logs of two hosts. Tests them without FUSE.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,7 +14,8 @@ using testing::IsEmpty;
 
 std::string last_write;
 
-int take(struct file*, const char* bytes, unsigned long count, void*)
+// The write handler of /proc/net/control.
+int store_text(struct file*, const char* bytes, unsigned long count, void*)
 {
     std::string text(count, '\0');
     if (copy_from_user(text.data(), bytes, count) != 0) return -EFAULT;
@@ -22,7 +23,8 @@ int take(struct file*, const char* bytes, unsigned long count, void*)
     return static_cast<int>(count);
 }
 
-int show(char* page, char** start, off_t offset, int count, int* eof, void*)
+// The read handler of /proc/net/control.
+int show_text(char* page, char** start, off_t offset, int count, int* eof, void*)
 {
     const std::string text = "hosted 1\n";
     const size_t rest = text.size() - std::min(text.size(), static_cast<size_t>(offset));
@@ -40,8 +42,8 @@ class mount_tree : public testing::Test
         first.enter("make", [] {
             proc_mkdir("net");
             proc_dir_entry* entry = create_proc_entry("net/control", 0644);
-            entry->write_proc = take;
-            entry->read_proc = show;
+            entry->write_proc = store_text;
+            entry->read_proc = show_text;
         });
     }
     ~mount_tree() override
@@ -137,7 +139,7 @@ TEST_F(mount_tree, open_log_grows_with_the_log_and_can_be_read_from_anywhere)
     first.log.append(0, "half");
     const auto reader = tree.open_log("a/log");
     const std::string one = "[    0.000] one\n";
-    EXPECT_EQ(reader->read(0, 4096), one); // an incomplete line is not shown
+    EXPECT_EQ(reader->read(0, 4096), one); // the incomplete line is not in the file yet
     EXPECT_EQ(kind("a/log"), "file 444 size 16");
     EXPECT_EQ(reader->read(one.size(), 4096), "");
     print(first.log, " and half");
@@ -162,7 +164,7 @@ TEST_F(mount_tree, log_with_dropped_lines_begins_later_but_not_for_an_open_reade
 
     for (size_t i = 0; i < 5; ++i) print(first.log, "now");
     EXPECT_EQ(reader->read(capacity * line_bytes, line_bytes), "[    0.000] now\n");
-    const auto second_reader = tree.open_log("a/log"); // the first one must not see its file get shorter
+    const auto second_reader = tree.open_log("a/log"); // the file must not become shorter for the first reader
     EXPECT_EQ(kind("a/log"), file_of(capacity + 5));
 
     for (size_t i = 0; i < capacity + 3; ++i) print(first.log, "far");

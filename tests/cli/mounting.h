@@ -8,7 +8,7 @@
 #include "cli/mount/proc-mount.h"
 #include "tests/cli/program.h"
 
-// Tries one mount in a separate process.
+// Tries one mount in a separate process, once for all tests. Returns true if it succeeds.
 inline bool mounts_work()
 {
     static const bool works = [] {
@@ -16,7 +16,7 @@ inline bool mounts_work()
         mkdir((folder / "mnt").c_str(), 0755);
         const pid_t trial = fork();
         if (trial == 0) {
-            // The destructor unmounts again.
+            // The destructor of the temporary object unmounts.
             const bool is_mounted = cli::proc_mount::open(folder / "mnt", {}).has_value();
             _exit(is_mounted ? 0 : 1);
         }

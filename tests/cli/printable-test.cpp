@@ -1,4 +1,4 @@
-// Control characters are escaped; readable text does not change.
+// Texts from outside are printed. Control characters must be escaped, and readable text must not change.
 #include <gtest/gtest.h>
 
 #include "host/world/printable.h"

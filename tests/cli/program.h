@@ -1,4 +1,4 @@
-// Runs the program like its users: starts it with arguments, and reads its output, files and exit code.
+// Runs the program `ats` like its users: starts it with arguments, and reads its output, its files and its exit code.
 #pragma once
 
 #include <chrono>
@@ -57,7 +57,7 @@ inline void write_file(const std::string& path, const std::string& text)
     std::ofstream(path) << text;
 }
 
-// Waits until `holds` returns true, because of other processes. Returns false after a minute.
+// Waits until `holds` returns true; other processes make it true. Returns false after a minute.
 inline bool eventually(const std::function<bool()>& holds)
 {
     return fabric_tools::wait_until(holds, std::chrono::minutes(1));
@@ -75,12 +75,13 @@ class ats_process
 
     pid_t pid() const { return process_.pid(); }
 
-    // Waits for the end. Returns the exit code, or the negated number of the signal that killed it.
+    // Waits until the process has ended. Returns its exit code, or the negated number of the signal that has killed it.
     int wait()
     {
         constexpr std::chrono::hours no_limit(1);
         return process_.wait_end(no_limit).value();
     }
+    // Sends the signal, or none if it is 0. Then does the same as wait().
     int stop(int signal = SIGTERM)
     {
         process_.signal(signal);
@@ -113,7 +114,7 @@ inline program_result run_ats(const std::vector<std::string>& arguments)
     return {exit_code, text_of_file(folder / "out"), text_of_file(folder / "err")};
 }
 
-// `ats run` in the background. The constructor waits until it serves clients.
+// `ats run` in the background. The constructor returns when the service serves clients.
 class service
 {
   public:
@@ -130,7 +131,7 @@ class service
     pid_t pid() const { return process_.pid(); }
     int stop(int signal = SIGTERM) { return process_.stop(signal); }
 
-    // A client of this service.
+    // Runs a client of this service with these arguments.
     program_result ask(std::vector<std::string> arguments) const
     {
         arguments.insert(arguments.end(), {"--socket", socket()});

@@ -1,4 +1,5 @@
-// The whole life of one `ats run`, in one scenario: every client and the mounted files, until it is stopped.
+// The whole life of one `ats run`, in one scenario. All commands of `ats` ask the service, programs use the mounted
+// files, and finally the service is stopped.
 #include <fcntl.h>
 #include <sys/wait.h>
 
@@ -48,7 +49,7 @@ class running_service : public testing::Test
         EXPECT_TRUE(eventually([&] { return is_settled(); })) << ats->ask({"status"}).out;
     }
 
-    // Returns true when every host has the answer to its registration, and node2 also that of its second link.
+    // Returns true when every host has the answer to its registration, and the second port of node2 is up.
     bool is_settled()
     {
         const json status = ats->ask_json({"status"});
@@ -67,7 +68,7 @@ class running_service : public testing::Test
         return json::object();
     }
 
-    // Gives an order whose record the SA does not have when the order ends.
+    // Gives an order that changes a host's record. Expects that the SA does not confirm it, for this reason.
     void expect_unconfirmed(const std::vector<std::string>& order, const std::string& reason)
     {
         const program_result result = ats->ask(order);
@@ -86,10 +87,10 @@ class running_service : public testing::Test
 
     std::string file(const std::string& name) const { return folder / ("mnt/" + name); }
 
-    void look();
-    void look_up();
+    void check_status();
+    void check_lookups();
     void find_a_stale_cache();
-    void upset_the_sa();
+    void disturb_the_sa();
     void fail_over();
     void change_identity();
     void follow_the_log();
@@ -100,7 +101,7 @@ class running_service : public testing::Test
     std::optional<service> ats;
 };
 
-void running_service::look()
+void running_service::check_status()
 {
     const json status = ats->ask_json({"status"});
     ASSERT_EQ(status["hosts"].size(), 3u);
@@ -152,7 +153,7 @@ void running_service::look()
         EXPECT_THAT(picture.out, HasSubstr(part));
 }
 
-void running_service::look_up()
+void running_service::check_lookups()
 {
     const program_result both = ats->ask({"resolve", "10.0.0.2", "10.0.0.77", "--json"});
     EXPECT_EQ(both.exit_code, 1);
@@ -181,7 +182,7 @@ void running_service::look_up()
                 HasSubstr("has no entry of " + std::string(gid_of_node2_port1)));
     EXPECT_EQ(ats->ask({"resolve", "10.0.0.2", "10.0.0.3"}).exit_code, 0);
     EXPECT_EQ(ats->ask_json({"flush", gid_of_node2_port1})["dropped"], 1);
-    EXPECT_EQ(ats->ask({"flush", "10.0.0.1"}).exit_code, 1) << "the own mapping";
+    EXPECT_EQ(ats->ask({"flush", "10.0.0.1"}).exit_code, 1) << "the host's own mapping stays";
     EXPECT_EQ(ats->ask({"flush"}).exit_code, 0);
     EXPECT_EQ(host_status("node1")["ibat"]["cache"].size(), 1u);
 
@@ -213,7 +214,7 @@ void running_service::find_a_stale_cache()
     for (const char* asker : {"node1", "node2"})
         EXPECT_EQ(ats->ask({"resolve", "10.0.0.3", "--host", asker}).exit_code, 0);
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.33", "--host", "node3"}).exit_code, 0);
-    EXPECT_EQ(record_of("node3").value("address", ""), "10.0.0.33") << "not there when the order was carried out";
+    EXPECT_EQ(record_of("node3").value("address", ""), "10.0.0.33") << "the order ended before the SA had the record";
     const program_result wrong = ats->ask({"resolve", "10.0.0.3", "--verify"});
     EXPECT_EQ(wrong.exit_code, 1);
     EXPECT_THAT(wrong.out, StartsWith("10.0.0.3  not found: the SA names no owner  (from the SA, "));
@@ -226,13 +227,13 @@ void running_service::find_a_stale_cache()
     EXPECT_EQ(ats->ask_json({"resolve", "10.0.0.33"})[0]["status"], "ok");
 }
 
-void running_service::upset_the_sa()
+void running_service::disturb_the_sa()
 {
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
     EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("It is silent"));
     EXPECT_THAT(ats->ask({"resolve", "node2"}).out, HasSubstr("node2  timed out"));
     const program_result silence = ats->ask({"resolve", "10.0.0.98", "--timeout", "1.4"});
-    EXPECT_EQ(silence.exit_code, 1) << "the service was alive, and the question took longer";
+    EXPECT_EQ(silence.exit_code, 1) << "the service is alive, so the client waits longer than --timeout";
     EXPECT_THAT(silence.out, HasSubstr("timed out: the SA did not answer in time"));
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.1", "--no-wait"}).exit_code, 0);
     expect_unconfirmed({"set-address", "10.0.0.1"}, "the SA did not answer");
@@ -278,7 +279,8 @@ void running_service::change_identity()
 {
     EXPECT_EQ(ats->ask({"set-name", "größenänderung"}).exit_code, 0);
     EXPECT_FALSE(record_of("größenänderung").empty());
-    EXPECT_EQ(host_status("größenänderung")["name"], "node1") << "a host is found by the name it is registered under";
+    EXPECT_EQ(host_status("größenänderung")["name"], "node1")
+        << "--host also takes the name that the host has registered";
     EXPECT_THAT(ats->ask({"sa", "show"}).out, HasSubstr("10.0.0.1  größenänderung  infinite\n"));
     EXPECT_THAT(ats->ask({"set-address", "10.0.0.2"}).out, HasSubstr("'node1' has the same address as 'node2'"));
     EXPECT_EQ(ats->ask({"set-address", "10.0.0.1"}).exit_code, 0);
@@ -296,7 +298,8 @@ void running_service::change_identity()
     const program_result refusal = ats->ask({"control", "set_ip_addrs", "1.2.3"});
     EXPECT_EQ(refusal.exit_code, 1);
     EXPECT_THAT(refusal.out, HasSubstr("ats_sa_update_ip_addrs FAIL"));
-    EXPECT_EQ(ats->ask({"control", "sa_verify_period", "x", "5"}).exit_code, 1) << "a plain line is a complaint too";
+    EXPECT_EQ(ats->ask({"control", "sa_verify_period", "x", "5"}).exit_code, 1)
+        << "the module complains with a plain line";
     const std::string command_list = ats->ask({"control", "--list"}).out;
     const std::string help = raw_connection(ats->socket()).ask(R"({"request":"control","command":"help"})");
     std::istringstream usage(json::parse(help).at("output").get<std::string>());
@@ -326,7 +329,8 @@ void running_service::follow_the_log()
     EXPECT_EQ(follower.stop(SIGINT), -SIGINT);
     EXPECT_THAT(ats->ask({"log"}).out, HasSubstr("DEBUG  "));
     EXPECT_THAT(ats->ask({"log", "--level", "1"}).out, Not(HasSubstr("DEBUG  ")));
-    EXPECT_THAT(ats->ask({"log"}).out, Not(HasSubstr("ATS Ports Info"))) << "status is asked for without a trace";
+    EXPECT_THAT(ats->ask({"log"}).out, Not(HasSubstr("ATS Ports Info")))
+        << "`ats status` must not leave lines in the log";
     EXPECT_THAT(ats->ask({"log", "--json"}).out, HasSubstr(R"("tick":)"));
     EXPECT_EQ(ats->ask({"trace", "1"}).exit_code, 0);
 }
@@ -356,7 +360,8 @@ void running_service::use_the_files()
     EXPECT_THAT(ats->ask({"log", "--host", "node3"}).out, HasSubstr("'wh\\x1b[mat'"));
 }
 
-// The writer waits for a silent SA. A signal ends its waits, and the module logs this.
+// A process writes to the control file, and the module waits for a silent SA. A signal to the process ends these waits,
+// and the module logs this.
 void running_service::interrupt_a_write()
 {
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);
@@ -381,10 +386,10 @@ void running_service::interrupt_a_write()
 
 TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
 {
-    look();
-    look_up();
+    check_status();
+    check_lookups();
     find_a_stale_cache();
-    upset_the_sa();
+    disturb_the_sa();
     fail_over();
     change_identity();
     follow_the_log();
@@ -400,7 +405,7 @@ TEST_F(running_service, serves_every_client_and_file_until_it_is_stopped)
     }));
     ats_process log_follower({"log", "-f", "--socket", socket}, folder / "log", folder / "complaints2");
     EXPECT_TRUE(eventually([&] { return !text_of_file(folder / "log").empty(); }));
-    std::ifstream still_open(file("node1/log"));
+    std::ifstream still_open(file("node1/log")); // must not prevent the unmounting
     EXPECT_EQ(ats->stop(SIGINT), 0);
     EXPECT_EQ(watcher.wait(), 3);
     EXPECT_THAT(text_of_file(folder / "complaints"), HasSubstr("no service on"));

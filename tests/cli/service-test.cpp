@@ -1,4 +1,5 @@
-// `ats run` under a service manager.
+// `ats run` under a service manager (systemd): its notices to the manager, reloads of its configuration, the watchdog,
+// and `ats check`.
 #include <latch>
 #include <map>
 #include <sys/socket.h>
@@ -54,27 +55,28 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     std::string notice;
     EXPECT_TRUE(eventually([&] { return !(notice = notices.next()).empty(); }));
     EXPECT_EQ(notice, "READY=1");
-    EXPECT_EQ(ats.ask({"status"}).exit_code, 0) << "it was not ready";
+    EXPECT_EQ(ats.ask({"status"}).exit_code, 0) << "READY=1 came too early";
     EXPECT_EQ(notices.next(), "");
     kill(ats.pid(), SIGHUP);
     EXPECT_EQ(ats.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
 
-    // Its output files are closed. The next file that it opens must not get their numbers, and its lines.
+    // A service is started with stdout and stderr closed. No file that it opens may get the descriptors 1 and 2: the
+    // lines for the user would go into that file.
     const std::string config = folder / "world.toml", socket = folder / "socket";
     write_file(config, "[[host]]\n");
-    fabric_tools::process closed(
+    fabric_tools::process mute_service(
         {.arguments = {"sh", "-c",
                        "exec " ATS_PROGRAM " run --config '" + config + "' --socket '" + socket + "' >&- 2>&-"},
          .output = folder / "out"});
     EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
-    closed.signal(SIGHUP);
+    mute_service.signal(SIGHUP);
     EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
     EXPECT_EQ(text_of_file(socket + ".lock").find("ats:"), std::string::npos) << "a line is in the lock file";
-    EXPECT_EQ(closed.stop(std::chrono::minutes(1)), 0);
+    EXPECT_EQ(mute_service.stop(std::chrono::minutes(1)), 0);
 }
 
-// Sends the service the signal to reload, and returns the lines that it prints about it.
+// Sends the service the signal to reload. Waits until it is ready again, and returns the lines that it has printed.
 std::string reload(const service& ats, notice_socket& notices)
 {
     const size_t before = ats.complaints().size();
@@ -86,7 +88,7 @@ std::string reload(const service& ats, notice_socket& notices)
     return ats.complaints().substr(before);
 }
 
-TEST(service, reload_applies_what_it_can_names_what_needs_a_restart_and_ignores_a_wrong_file)
+TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ignores_a_wrong_file)
 {
     const scratch_folder folder;
     notice_socket notices(folder / "notify");
@@ -130,7 +132,7 @@ TEST(service, reload_applies_what_it_can_names_what_needs_a_restart_and_ignores_
     EXPECT_EQ(host(1)["trace"], 3);
     EXPECT_EQ(host(1)["verification"]["period"], 0);
 
-    // The file of the socket is missing for a while. The next reload undoes the change, as far as it was made.
+    // The file of the socket is missing, so one change of this reload fails. The next reload must undo the others.
     const std::string changed_text = text_of_file(config);
     const auto answer_to_long_line = [&] { return raw_connection(ats.socket()).ask(std::string(2000, ' ')); };
     std::filesystem::rename(ats.socket(), folder / "away");
@@ -169,7 +171,7 @@ TEST(service, reload_applies_what_it_can_names_what_needs_a_restart_and_ignores_
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
 
-// The hosts need a moment to unload, because the SA does not answer.
+// The SA does not answer, so the hosts need a moment to unload. Signals to reload arrive meanwhile.
 TEST(service, reload_while_hosts_unload_does_not_end_it_before_they_have_unloaded)
 {
     const scratch_folder folder;
@@ -189,13 +191,13 @@ TEST(service, reload_while_hosts_unload_does_not_end_it_before_they_have_unloade
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
 
-// Calls `change` in the fabric's task when a link changes.
+// Calls `action` in the fabric's task when a link changes.
 struct link_listener final : fabric::listener {
-    explicit link_listener(std::function<void()> change) : change(std::move(change)) {}
+    explicit link_listener(std::function<void()> action) : action(std::move(action)) {}
     void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
-    void port_changed(int, fabric::port_change, uint16_t) override { change(); }
+    void port_changed(int, fabric::port_change, uint16_t) override { action(); }
 
-    const std::function<void()> change;
+    const std::function<void()> action;
 };
 
 TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_do)
@@ -216,10 +218,10 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     cli::life_signs signs(loop, workers, lookups, *hosts);
     signs.ask();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
-    std::latch hanging(5), ending(1);
-    const auto hang = [&] {
-        hanging.count_down();
-        ending.wait();
+    std::latch hang_begins(5), hang_end(1);
+    const auto hang = [&] { // runs in five threads of the service
+        hang_begins.count_down();
+        hang_end.wait();
     };
     loop.post(hang);
     workers.push({}, hang);
@@ -234,13 +236,13 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     timer.function = [](unsigned long handler) { (*reinterpret_cast<const std::function<void()>*>(handler))(); };
     timer.data = reinterpret_cast<unsigned long>(&handler);
     hosts->all()[1]->machine().get<stack::timers>().arm(timer);
-    hanging.wait();
+    hang_begins.wait();
     signs.ask();
     const std::vector<std::string> expected = {"the event loop", "the fabric's task", "sleeping timers of node2"};
     EXPECT_TRUE(eventually([&] { return signs.missing() == expected; })) << testing::PrintToString(signs.missing());
     const auto much_later = std::chrono::steady_clock::now() + cli::life_signs::longest_request;
     EXPECT_THAT(signs.missing(much_later), testing::IsSupersetOf({"a worker", "lookups of node1"}));
-    ending.count_down();
+    hang_end.count_down();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
     EXPECT_TRUE(eventually([&] { return signs.missing(much_later).empty(); }));
     adapter->listen(nullptr);

@@ -1,4 +1,4 @@
-// The configuration of `ats run`: valid files, and files that are refused with the line of the error.
+// The configuration file of `ats run`. A valid file is read. An invalid one is refused, and the error names the line.
 #include "cli/service/start-delay.h"
 #include "cli/service/world-config.h"
 #include "console/identity.h"
@@ -54,7 +54,7 @@ ibat_lifetime_seconds = 30
     EXPECT_EQ(hosts[1].log_bytes, kernel::default_log_bytes);
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::name, "left"), Field(&hca_plan::name, "mthca1")));
     EXPECT_THAT(hosts[0].hcas, ElementsAre(Field(&hca_plan::ports, 2), Field(&hca_plan::ports, 1)));
-    ASSERT_EQ(hosts[0].modules.size(), 3u); // the peers come first, because ats binds to them at its start
+    ASSERT_EQ(hosts[0].modules.size(), 3u); // ibat and ucm come first, because ats needs them when it starts
     EXPECT_EQ(hosts[0].modules[0].name, "ibat");
     EXPECT_EQ(hosts[0].modules[0].parameters, " ibat_lifetime_seconds=30");
     EXPECT_EQ(hosts[0].modules[2].parameters,
@@ -88,7 +88,8 @@ name = "mlx5_1"
     EXPECT_EQ(config.hosts.at(0).name, std::string(name).substr(0, std::string(name).find('.')));
 }
 
-// An administrator removes the number sign before each line that a machine needs.
+// In the packaged file most settings are comments. An administrator removes the number sign before the lines that a
+// machine needs. This test removes all of them.
 TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
 {
     std::ifstream file(ATS_SOURCE_DIR "/dist/ats.toml");
@@ -114,14 +115,14 @@ TEST(world_config, probable_mistakes_are_accepted_with_a_warning)
     EXPECT_THAT(remarks, ElementsAre(HasSubstr("31 bytes, and a record carries 30: it registers as 'thirty-bytes")));
 }
 
-TEST(start_delay, covers_the_spread_after_the_machine_started_and_ends_with_that)
+TEST(start_delay, is_within_the_spread_and_only_soon_after_the_machine_has_started)
 {
     using namespace std::chrono_literals;
     EXPECT_EQ(cli::start_delay(48, 599s, 0), 0ms);
     EXPECT_EQ(cli::start_delay(48, 599s, 48'000), 48'000ms);
     EXPECT_EQ(cli::start_delay(48, 599s, 48'001), 0ms);
     EXPECT_EQ(cli::start_delay(0, 1s, UINT32_MAX), 0ms);
-    EXPECT_EQ(cli::start_delay(48, 600s, 48'000), 0ms) << "an upgrade needs no delay";
+    EXPECT_EQ(cli::start_delay(48, 600s, 48'000), 0ms) << "ten minutes after a power failure, no other machines start";
 }
 
 TEST(world_config, errors_are_refused_with_their_line_and_a_remedy)
