@@ -111,7 +111,7 @@ ats::result<> recorder::finish(uint64_t now_ticks)
     return ats::fail(std::string("cannot write the recording: ") + std::strerror(errno));
 }
 
-void recorder::sent(uint64_t now_ticks, const embedded::datagram_sight& datagram, const embedded::port_view* sender,
+void recorder::sent(uint64_t now_ticks, const embedded::observed_datagram& datagram, const embedded::port_view* sender,
                     uint16_t destination_lid)
 {
     json fields = {{"n", datagram.number}, {"from", name_of(sender)}, {"lid", destination_lid}};
@@ -119,7 +119,7 @@ void recorder::sent(uint64_t now_ticks, const embedded::datagram_sight& datagram
     note(now_ticks, "sent", std::move(fields));
 }
 
-void recorder::arrived(uint64_t now_ticks, const embedded::datagram_sight& datagram,
+void recorder::arrived(uint64_t now_ticks, const embedded::observed_datagram& datagram,
                        const embedded::port_view* receiver)
 {
     json fields = {{"n", datagram.number}, {"to", name_of(receiver)}};
@@ -127,7 +127,7 @@ void recorder::arrived(uint64_t now_ticks, const embedded::datagram_sight& datag
     note(now_ticks, "arrived", std::move(fields));
 }
 
-void recorder::lost(uint64_t now_ticks, const embedded::datagram_sight& datagram, const char* reason,
+void recorder::lost(uint64_t now_ticks, const embedded::observed_datagram& datagram, const char* reason,
                     bool has_reached_end)
 {
     json fields = {{"n", datagram.number}, {"why", reason}, {"at_end", has_reached_end}};

@@ -51,11 +51,11 @@ class recorder final : public embedded::observer
 
     // ---- embedded::observer ----
 
-    void sent(uint64_t now_ticks, const embedded::datagram_sight& datagram, const embedded::port_view* sender,
+    void sent(uint64_t now_ticks, const embedded::observed_datagram& datagram, const embedded::port_view* sender,
               uint16_t destination_lid) override;
-    void arrived(uint64_t now_ticks, const embedded::datagram_sight& datagram,
+    void arrived(uint64_t now_ticks, const embedded::observed_datagram& datagram,
                  const embedded::port_view* receiver) override;
-    void lost(uint64_t now_ticks, const embedded::datagram_sight& datagram, const char* reason,
+    void lost(uint64_t now_ticks, const embedded::observed_datagram& datagram, const char* reason,
               bool has_reached_end) override;
     void refused(uint64_t now_ticks, const fabric::mad_bytes& mad, const embedded::port_view& sender) override;
     void port_changed(uint64_t now_ticks, const embedded::port_view& port) override;

@@ -33,7 +33,7 @@ struct pcap_packet_header {
 };
 
 struct erf_header {
-    uint64_t timestamp; // little-endian seconds and fractions of 2^32
+    uint64_t timestamp; // little-endian; high half: seconds since 1970, low half: units of 2^-32 s
     uint8_t type;
     uint8_t flags;
     be16_t record_bytes;
@@ -48,7 +48,7 @@ struct local_route_header { // IBA 7.7
     uint8_t vl_and_version;
     uint8_t sl_and_next; // next header 2: BTH
     be16_t destination_lid;
-    be16_t length_in_words; // up to the VCRC, in units of 4 bytes
+    be16_t length_in_words; // from this header up to the VCRC, in units of 4 bytes
     be16_t source_lid;
 };
 

@@ -1,7 +1,7 @@
-// Writes every datagram that crosses a fabric boundary to a capture file for Wireshark and tshark. It is a pcap file of
-// link type 197 (ERF). Each record, of ERF type 21, is an InfiniBand packet with the datagram inside. Some header
-// fields are unknown at the boundary: the capture writes the default P_Key for any P_Key index, and numbers the packets
-// from 0.
+// Writes every datagram that a host sends or receives to a capture file for Wireshark and tshark. The file is a pcap
+// file of link type 197 (ERF). Each record has ERF type 21, and contains an InfiniBand packet with the datagram. The
+// capture does not know some fields of the packet header: it writes the default P_Key for any P_Key index, and uses the
+// number of the packet in the file, from 0, as the packet sequence number.
 #pragma once
 
 #include <cstdint>
@@ -18,20 +18,20 @@ namespace fabric
 class capture final : public tap
 {
   public:
-    // Opens the file, replacing an existing one, and writes its header. status() reports a failure. Timestamps count
-    // from `start_unix_ms`, which is tick 0.
+    // Opens the file, replacing an existing one, and writes its header. If this fails, status() returns the error.
+    // `start_unix_ms` is the time of tick 0, in milliseconds since 1970.
     explicit capture(std::string path, uint64_t start_unix_ms = 0);
 
-    // Closes the file. Its errors are lost; to see them, call close() first.
+    // Closes the file. If that fails, the error is lost. To get the error, call close() first.
     ~capture();
     capture(const capture&) = delete;
     capture& operator=(const capture&) = delete;
 
-    // Adds a packet. After a failure nothing more is written. Any thread; blocks only for a file write.
+    // Adds a packet. After a failure, does nothing. Any thread; waits only for the lock and for the file write.
     void crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad) override;
 
     // These functions return the first failure so far. flush() and close() first write the buffered packets. After
-    // close() nothing is added. Any thread.
+    // close(), crossed() does nothing. Any thread.
     ats::result<> status() const;
     ats::result<> flush();
     ats::result<> close();

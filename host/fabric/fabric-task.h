@@ -1,4 +1,5 @@
-// A task of a fabric, as a watchdog sees it.
+// A task of a fabric, for a watchdog that looks for tasks that hang. The main loop of a task makes rounds. If the
+// number of rounds does not grow after wake(), the task hangs.
 #pragma once
 
 #include <cstdint>
@@ -8,11 +9,11 @@
 namespace fabric
 {
 
-// The calls may come from any thread, do not wait, and are valid as long as the fabric exists.
+// Any thread may call these functions as long as the fabric exists. They do not block.
 struct fabric_task {
     std::string name;
-    std::function<void()> wake;       // lets the task begin another round soon, unless it hangs
-    std::function<uint64_t()> rounds; // the number of rounds that it has begun
+    std::function<void()> wake;       // makes the task begin another round soon
+    std::function<uint64_t()> rounds; // the number of rounds that the task has begun
 };
 
 } // namespace fabric

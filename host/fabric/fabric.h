@@ -1,6 +1,6 @@
-// The whole boundary between a host and a wire. GSI and verbs use only this interface, so they work on a simulated
-// subnet and on real ports. Names are those of the InfiniBand Architecture. Numbers are in host order; datagrams are
-// wire bytes.
+// The interface between a host and the wire. GSI and verbs (host/stack) reach the wire only through this interface, so
+// they work on a simulated subnet and on real ports. Names are those of the InfiniBand Architecture. Numbers are in
+// host order; datagrams are wire bytes.
 #pragma once
 
 #include <array>
@@ -40,13 +40,13 @@ struct address {
 // IBA 14.2.5.6, PortInfo.PortState.
 enum class link_state : uint8_t { down = 1, init = 2, armed = 3, active = 4 };
 
-// Returns the state with that number, or `down` if there is no such state.
+// Returns the state with this number, or `down` if there is no such state.
 constexpr link_state link_state_of(unsigned number)
 {
     return number >= 1 && number <= 4 ? static_cast<link_state>(number) : link_state::down;
 }
 
-// The attributes of a port at one moment (PortInfo, GUIDInfo and P_KeyTable of IBA 14.2.5).
+// The attributes of a port at one moment (IBA 14.2.5: PortInfo, GUIDInfo and P_KeyTable).
 struct port_attributes {
     link_state state = link_state::down;
     uint16_t lid = 0;
@@ -62,59 +62,63 @@ struct port_attributes {
     std::vector<uint16_t> p_keys;
 };
 
-// reregister: the port was and is active, but the SM may have lost the host's records, or they are outdated.
+// reregister: the port stays active, but the host must register its records again. Either the SA may have lost them, or
+// their content is outdated.
 enum class port_change { link_up, link_down, sm_change, reregister };
 
-// Receives the events of an HCA. Calls come from the fabric's own context or from a poll(), one at a time for an HCA.
-// The fabric then holds no lock that send() needs. The calls must not sleep.
+// Receives the events of an HCA. A task of the fabric makes these calls, or a task that calls hca::poll(). One HCA
+// makes one call at a time. A listener may call hca::send(), because the fabric holds no lock that send() needs. A
+// listener must not sleep.
 class listener
 {
   public:
     // A datagram arrived at QP1 of `port`.
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
 
-    // Lends the calling task to the listener. The listener can complete the work of earlier mad_arrived() calls in it.
-    // With `again`, another such call follows within a few ticks, even if nothing arrives. The listener may then leave
-    // work for it. A fabric without a task to lend never makes this call.
+    // Gives the listener time to complete the work that earlier mad_arrived() calls have queued. If `again` is true,
+    // another may_complete() follows within a few ticks, even if nothing arrives; the listener may then leave the work
+    // for that call. The embedded fabric never calls may_complete().
     virtual void may_complete(bool /*again*/) {}
 
-    // `port` has changed. `new_sm_lid` is valid only for sm_change. read_port() already returns the new state.
+    // `port` has changed. `new_sm_lid` is valid only for sm_change. read_port() already returns the new attributes.
     virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;
 
   protected:
     ~listener() = default;
 };
 
-// One host channel adapter in a host. The fabric owns it, and it outlives its users. Any thread may make any call. No
-// call throws on bad input.
+// One host channel adapter in a host. The fabric owns it: it is valid as long as the fabric exists. Any thread may make
+// any call.
 class hca
 {
   public:
     virtual const std::string& name() const = 0;
     virtual int port_count() const = 0; // ports are numbered from 1
 
-    // Reads the port's attributes. `port` must exist (the caller has checked it against port_count()). May sleep.
+    // Reads the attributes of a port. `port` must be 1 to port_count(). May sleep.
     virtual port_attributes read_port(int port) = 0;
 
-    // Sends one datagram from QP1 of `port`. Returns true if it was accepted; it may still be lost. Returns false if
-    // the send queue is full or the port does not exist. Does not sleep. Uses no memory of the sender's machine.
+    // Sends one datagram from QP1 of `port`. Returns true if the fabric has accepted it; it may still be lost. Returns
+    // false if the send queue is full or the port does not exist. Copies `mad`, but not into memory that counts for
+    // the sender's machine. Does not sleep.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
 
-    // Busy polling, for a task that expects answers and would otherwise only sleep. For a short time it does the work
-    // of the fabric's own task: it receives and calls the listener. It waits at most one tick at each port that has
-    // just received something, and does not wait at other ports. Returns false if nothing arrived. For tasks that may
-    // sleep; the listener must not call it.
+    // Busy polling: receives in the calling task instead of the fabric's own task, and calls the listener. A task that
+    // expects answers calls this instead of sleeping. Waits at most one tick at each port that has just received
+    // something, and does not wait at other ports. Returns false if nothing arrived, or if the fabric has no polling.
+    // The caller must be a task that may sleep. The listener must not call poll().
     virtual bool poll() { return false; }
 
-    // Sets the listener, or removes it (null). After the return, the previous listener is not called any more. May
-    // sleep; the listener itself must not call it.
+    // Sets the listener, or removes it (null). After listen() has returned, the fabric does not call the previous
+    // listener any more. May sleep. The listener itself must not call listen().
     virtual void listen(listener* listener) = 0;
 
   protected:
     ~hca() = default;
 };
 
-// Sees every datagram that crosses a boundary, in order. Called in the sender's or receiver's context; must not sleep.
+// Sees every datagram that crosses this interface, in order. The task that sends or receives the datagram calls
+// crossed(), which must not sleep.
 class tap
 {
   public:

@@ -1,5 +1,5 @@
-// The two checksums of an InfiniBand packet (IBA 7.8). Both are sent with the least significant byte first and with
-// reflected bits.
+// The two checksums of an InfiniBand packet (IBA 7.8). Both begin with the least significant bit of each byte
+// (reflected CRCs). Both are sent with the least significant byte first.
 #pragma once
 
 #include <array>
@@ -28,7 +28,7 @@ constexpr crc_t crc_step(crc_t crc, uint8_t byte)
     return static_cast<crc_t>(crc >> 8 ^ table[(crc ^ byte) & 0xFF]);
 }
 
-// The bits of a byte that a switch may change. The invariant CRC counts them as ones.
+// The bits that a switch may change in the packet's byte at `offset`. In the invariant CRC, these bits count as ones.
 constexpr uint8_t variant_bits(size_t offset)
 {
     constexpr size_t vl_offset = 0, bth_reserved_offset = 12;
@@ -36,7 +36,8 @@ constexpr uint8_t variant_bits(size_t offset)
     return offset == bth_reserved_offset ? 0xFF : 0;
 }
 
-// Writes the invariant CRC of a packet without a GRH: a CRC-32 over LRH, BTH and all that follows.
+// Writes the invariant CRC of a packet without a GRH: a CRC-32 over the first `size` bytes of the packet, from the LRH
+// to the end of the payload.
 inline void write_invariant_crc(const uint8_t* packet, size_t size, uint8_t (&bytes)[4])
 {
     uint32_t crc = UINT32_MAX;
@@ -45,7 +46,8 @@ inline void write_invariant_crc(const uint8_t* packet, size_t size, uint8_t (&by
     for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uint8_t>(crc >> 8 * i);
 }
 
-// Writes the variant CRC, x^16 + x^12 + x^3 + x + 1. `size` includes the invariant CRC.
+// Writes the variant CRC, with the polynomial x^16 + x^12 + x^3 + x + 1, over the first `size` bytes of the packet.
+// These bytes include the invariant CRC.
 inline void write_variant_crc(const uint8_t* packet, size_t size, uint8_t (&bytes)[2])
 {
     uint16_t crc = UINT16_MAX;

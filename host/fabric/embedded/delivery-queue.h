@@ -1,6 +1,7 @@
-// The datagrams in transit, ordered by their due tick, then by the order of posting. Most are posted in the order of
-// their due ticks: they wait in a line. Only those that overtake others wait in a heap. The queue owns the datagrams.
-// It allocates memory when more are in transit than ever before. It has no lock: the caller guards it.
+// The datagrams in transit. They leave the queue in the order of their due ticks. Datagrams with the same due tick
+// leave in the order in which they were posted. Most datagrams are also posted in the order of their due ticks; they
+// wait in line_, which is cheap. A datagram that overtakes others waits in a heap. The queue owns the datagrams. It
+// allocates memory only when more datagrams are in transit than ever before. It has no lock: the caller guards it.
 #pragma once
 
 #include <algorithm>
@@ -15,13 +16,13 @@
 namespace embedded
 {
 
-// The faults that have affected a datagram.
+// The faults that have affected a datagram (see faults.h).
 struct datagram_faults {
-    bool is_late = false;
-    bool is_jittered = false;
-    bool is_held_back = false;
+    bool is_late = false;      // late by the latency
+    bool is_jittered = false;  // late by jitter
+    bool is_held_back = false; // one tick late by reordering
     bool is_corrupted = false;
-    bool is_twin = false;
+    bool is_twin = false; // it is a duplicate of another datagram
 };
 
 struct datagram {
@@ -34,13 +35,13 @@ struct datagram {
     uint8_t sl;
     uint8_t static_rate;
     bool is_from_sa;
-    bool is_admitted = false; // waits in the SA's queue
+    bool is_admitted = false; // the SA's queue (sa_queue) has accepted it
 
     uint64_t number = 0;    // identifies the datagram for an observer
-    uint64_t departure = 0; // a number that grows with every departure
+    uint64_t departure = 0; // its number in the order of departure
     datagram_faults faults = {};
 
-    // Set by the queue, while in transit.
+    // Set by delivery_queue::post().
     uint64_t due_tick = 0;
     uint64_t post_number = 0;
 
@@ -55,8 +56,8 @@ class delivery_queue
   public:
     explicit delivery_queue(size_t capacity) : capacity_(capacity) {}
 
-    // Returns a free datagram, or null if all are in transit. The caller fills it in. Then the caller posts it, or
-    // returns it with put().
+    // Returns a free datagram, or null if `capacity` datagrams are in use. The caller fills the datagram in, and then
+    // posts it or gives it back with put().
     datagram* take()
     {
         if (free_.empty()) return datagrams_.size() < capacity_ ? &datagrams_.emplace_back() : nullptr;
@@ -82,7 +83,8 @@ class delivery_queue
         }
     }
 
-    // Returns the next due datagram, or null if none is due yet. The caller returns it with put(), or posts it again.
+    // Removes the first datagram from the queue and returns it, or returns null if none is due yet. The caller gives
+    // the datagram back with put(), or posts it again.
     datagram* next_due(uint64_t now_ticks)
     {
         const datagram* next = first();
@@ -111,10 +113,10 @@ class delivery_queue
     }
 
     const size_t capacity_;
-    std::deque<datagram> datagrams_; // as many as were in transit at once
+    std::deque<datagram> datagrams_; // all datagrams, free or in use
     std::vector<datagram*> free_;
     exec::ring_queue<datagram> line_;
-    std::vector<datagram*> overtakers_; // a heap
+    std::vector<datagram*> overtakers_; // a heap: the next due datagram is in front
     uint64_t post_count_ = 0;
 };
 

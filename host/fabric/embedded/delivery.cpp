@@ -1,4 +1,4 @@
-// Delivery of datagrams in the embedded subnet: the send of an HCA, and the fabric task.
+// The delivery of datagrams in the embedded subnet: HCAs send them, and the fabric task delivers them.
 #include <algorithm>
 #include <cassert>
 #include <optional>
@@ -16,8 +16,8 @@ namespace
 constexpr uint32_t qp1 = 1;
 static_assert(exec::never == UINT64_MAX, "next_due_tick() of an empty queue must mean to park without a deadline");
 
-// Returns the table index of the matching P_Key, or -1. Two P_Keys match if they name the same partition and at least
-// one belongs to a full member (IBA 10.9.3).
+// Returns the index of the first P_Key in `table` that matches `p_key`, or -1. Two P_Keys match if they name the same
+// partition and at least one of them belongs to a full member (IBA 10.9.3).
 int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
 {
     constexpr uint16_t full_member = 0x8000;
@@ -96,7 +96,7 @@ void subnet::set_listener(subnet_hca& hca, fabric::listener* listener)
     if (exec::current_task() == fabric_task_) exec::panic("%s: a listener called listen()", hca.name().c_str());
     lock_guard lock(mutex_);
     hca.listener = listener;
-    // Wait for a call of the previous listener to end. The wait is short, because a listener may not sleep.
+    // Wait until a call of the previous listener has ended. The wait is short, because a listener must not sleep.
     while (called_hca_ == &hca) {
         lock.unlock();
         exec_.relax();
@@ -169,7 +169,8 @@ void subnet::deliver(datagram& datagram, lock_guard& lock)
     dispatch(datagram, service_end_tick(exec_.now()));
 }
 
-// Returns true if the request waits until the SA has served others, or if there is no room for it.
+// Returns true if the SA must not serve the request now. Then either the request waits for the end of its service time,
+// or the function has dropped it because the queue of the SA is full.
 bool subnet::keep_waiting_for_sa(datagram& datagram)
 {
     if (!sa_queue_ || datagram.is_admitted || faults.sa_silent) return false;
@@ -196,7 +197,7 @@ void subnet::count_arrival(const datagram& datagram)
     latest_arrived_departure_ = std::max(latest_arrived_departure_, datagram.departure);
 }
 
-// Returns null, or the reason why the SA does not answer.
+// Turns a request to the SA into the datagram of the answer. Returns null, or the reason why the SA does not answer.
 const char* subnet::answer_as_sa(datagram& request)
 {
     if (request.destination_qpn != qp1 || request.q_key != fabric::qp1_q_key) return "it is not for QP1";
@@ -211,8 +212,8 @@ const char* subnet::answer_as_sa(datagram& request)
     return nullptr;
 }
 
-// Replaces a request with the answer of the SA. Returns null, or the reason why the SA does not answer. The caller
-// holds the lock.
+// Replaces the MAD of a request with the SA's answer. Returns null, or the reason why the SA does not answer. The
+// caller holds the lock.
 const char* subnet::serve_as_sa(fabric::mad_bytes& mad)
 {
     if (faults.sa_silent) {
@@ -269,7 +270,7 @@ void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
                                 .p_key_index = static_cast<uint16_t>(p_key_index)};
     if (tap_ && datagram.is_from_sa) tap_->crossed(exec_.now(), datagram.source_lid, destination, datagram.mad);
     if (!port->owner->listener) return ignore(datagram, "nobody listens at the HCA");
-    fabric::address source = destination; // the path is the same both ways
+    fabric::address source = destination; // the path back has the same attributes
     source.lid = datagram.source_lid;
     ++counts_.arrived;
     count_arrival(datagram);
@@ -279,7 +280,8 @@ void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
     queue_.put(datagram);
 }
 
-// Sends a datagram, with the faults that affect it.
+// Draws the faults of the wire for a datagram that leaves its sender. Then loses the datagram, or posts it and perhaps
+// a duplicate to the queue.
 void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
 {
     if (use_up(faults.drop_next)) {
@@ -306,7 +308,7 @@ void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
     }
 }
 
-// Call it when a datagram does not reach its receiver.
+// Drops a datagram on its way to the receiver.
 void subnet::lose(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, false);
@@ -318,7 +320,7 @@ void subnet::lose_at_cut(port_record& port, datagram& datagram)
     lose(datagram, "the port is cut off");
 }
 
-// Call it when the receiver drops a datagram.
+// Drops a datagram that the receiver does not accept.
 void subnet::ignore(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, true);
@@ -356,7 +358,8 @@ uint64_t subnet::due_tick(datagram& datagram, uint64_t now_ticks)
     return now_ticks + latency + jitter + datagram.faults.is_held_back;
 }
 
-// Returns the tick at which the SA has served a request that arrives now. The SA serves earlier requests first.
+// Call it for a request that arrives now. Returns the tick at which its answer leaves. The SA serves one request after
+// another, each for faults.sa_service_ticks.
 uint64_t subnet::service_end_tick(uint64_t now_ticks)
 {
     sa_busy_until_tick_ = std::max(sa_busy_until_tick_, now_ticks) + faults.sa_service_ticks;
@@ -364,7 +367,8 @@ uint64_t subnet::service_end_tick(uint64_t now_ticks)
     return sa_busy_until_tick_;
 }
 
-// Returns true with a probability of `percent`. Draws no random number for 0.
+// Returns true with a probability of `percent`. For 0, draws no random number, so a fault that is off does not change
+// the other draws.
 bool subnet::draw(uint32_t percent)
 {
     return percent > 0 && dice_() % 100 < percent;

@@ -1,6 +1,6 @@
-// The faults of an embedded subnet, and its counters. Any thread may set any switch at any time. A switch applies to
-// the datagrams that leave afterwards. Chances are drawn from the subnet's fault seed. Latency, jitter, loss,
-// duplication, reordering and corruption apply to a request and again to its answer.
+// The faults of an embedded subnet, and its counters. Any thread may set any switch at any time. A switch affects the
+// datagrams that are sent, or reach the SA, afterwards. The subnet draws the chances with subnet_options::fault_seed.
+// Latency, jitter, loss, duplication, reordering and corruption affect a request, and again its answer.
 #pragma once
 
 #include <atomic>
@@ -10,38 +10,38 @@ namespace embedded
 {
 
 struct fault_switches {
-    static constexpr uint32_t every = UINT32_MAX;
+    static constexpr uint32_t every = UINT32_MAX; // a count that never runs out
 
     std::atomic<uint32_t> latency_ticks{0};
-    // The maximum of an additional delay, which is drawn for each datagram. Datagrams then overtake each other.
+    // The maximum of an additional delay. The delay is drawn for each datagram, so datagrams overtake each other.
     std::atomic<uint32_t> jitter_ticks{0};
 
     std::atomic<uint32_t> loss_percent{0};
     std::atomic<uint32_t> duplicate_percent{0}; // the datagram arrives twice
-    std::atomic<uint32_t> reorder_percent{0};   // one tick late, so later datagrams overtake it
-    std::atomic<uint32_t> corrupt_percent{0};   // one of its bytes changes
+    std::atomic<uint32_t> reorder_percent{0};   // the datagram is one tick late, so later datagrams overtake it
+    std::atomic<uint32_t> corrupt_percent{0};   // one byte of the datagram changes
 
-    std::atomic<uint32_t> drop_next{0};         // this many datagrams are lost, requests or answers
-    std::atomic<uint32_t> drop_next_answers{0}; // this many answers of the SA are lost; it has served the requests
+    std::atomic<uint32_t> drop_next{0};         // number of datagrams, requests or answers, still to be lost
+    std::atomic<uint32_t> drop_next_answers{0}; // number of the SA's answers still to be lost; it serves the requests
 
-    std::atomic<bool> queue_full{false};       // no send is accepted
-    std::atomic<uint32_t> refuse_percent{0};   // this share of the sends is not accepted
+    std::atomic<bool> queue_full{false};       // the fabric accepts no send
+    std::atomic<uint32_t> refuse_percent{0};   // the fabric does not accept this share of the sends
     std::atomic<uint32_t> sa_service_ticks{0}; // the SA's time for one request
 
     std::atomic<bool> sa_silent{false}; // the SA ignores every request
-    std::atomic<bool> sa_busy{false};   // the SA answers BUSY and does nothing else
+    std::atomic<bool> sa_busy{false};   // the SA answers every request with BUSY, without serving it
 
-    // The SA answers the next `count` requests with this status word and does nothing else.
+    // Makes the SA answer the next `count` requests with this status word, without serving them.
     void answer_with(uint16_t status, uint32_t count = every)
     {
         sa_status = status;
         sa_status_count = count;
     }
     std::atomic<uint16_t> sa_status{0};
-    std::atomic<uint32_t> sa_status_count{0}; // `every` means no count-down
+    std::atomic<uint32_t> sa_status_count{0}; // number of requests that still get this answer
 };
 
-// Returns true if `count` is not 0. Decrements it, unless it is `every`.
+// Takes 1 from `count` and returns true. If `count` is 0, returns false instead. The value `every` never decreases.
 inline bool use_up(std::atomic<uint32_t>& count)
 {
     uint32_t rest = count;
@@ -50,12 +50,12 @@ inline bool use_up(std::atomic<uint32_t>& count)
 }
 
 struct subnet_counts {
-    uint64_t sent = 0;       // accepted from hosts
+    uint64_t sent = 0;       // the fabric has accepted them from hosts
     uint64_t arrived = 0;    // delivered to hosts
-    uint64_t dropped = 0;    // lost for any reason
-    uint64_t duplicated = 0; // additional arrivals
+    uint64_t dropped = 0;    // lost on the way, or not accepted by the receiver
+    uint64_t duplicated = 0; // duplicates that were put on their way
     uint64_t corrupted = 0;
-    uint64_t refused = 0; // not accepted: queue full
+    uint64_t refused = 0; // sends that the fabric has not accepted
 
     // Requests to the SA, by method.
     uint64_t sa_gets = 0;
@@ -64,13 +64,14 @@ struct subnet_counts {
     uint64_t sa_others = 0;
 };
 
-// The number of times that each fault affected a datagram or a request. Setting its switch does not count.
+// How often each fault has affected a datagram or a request. A fault that is on, but affects nothing, does not count.
 struct fault_effects {
-    // Datagrams. Arriving datagrams are counted at the SA or at the port's listener.
+    // Effects on datagrams. A late, repeated or changed datagram counts when the SA or the listener of a port receives
+    // it.
     uint64_t lost_by_chance = 0;
     uint64_t dropped_next = 0;
     uint64_t arrived_twice = 0;
-    uint64_t overtaken = 0; // delayed by reordering, and a later one arrived earlier
+    uint64_t overtaken = 0; // delayed by reordering, and a later datagram arrived earlier
     uint64_t arrived_corrupted = 0;
     uint64_t arrived_late = 0;     // delayed by the latency
     uint64_t arrived_jittered = 0; // delayed by jitter
@@ -78,12 +79,12 @@ struct fault_effects {
     uint64_t sends_refused_by_chance = 0;
     uint64_t sends_refused_queue_full = 0;
 
-    // Requests that reached the SA.
-    uint64_t requests_kept_waiting = 0; // the answer left at least one tick later
+    // Effects on requests that reached the SA.
+    uint64_t requests_kept_waiting = 0; // the answer left later, because of sa_service_ticks
     uint64_t requests_met_by_silence = 0;
     uint64_t requests_answered_busy = 0;
     uint64_t requests_answered_status = 0; // see answer_with()
-    uint64_t requests_after_hand_over = 0; // served when the SA had another LID than at first
+    uint64_t requests_after_hand_over = 0; // answered while the SA had another LID than subnet_options::sm_lid
     uint64_t answers_dropped = 0;          // by drop_next_answers
 };
 

@@ -1,5 +1,5 @@
-// Sees all events in an embedded subnet: each datagram from its sender to its end, each change of a port and each
-// change of the SA's records. A recording of a run is made from these calls.
+// Sees all events in an embedded subnet: each datagram from its sender to its end, each change of a port, and each
+// change of the SA's records. recording/recorder.h writes the recording of a run from these calls.
 #pragma once
 
 #include <cstdint>
@@ -12,27 +12,30 @@
 namespace embedded
 {
 
-// A datagram in the calls of an observer. `number` is the same in all calls about one datagram and its duplicate.
-struct datagram_sight {
+// A datagram, as an observer sees it. `number` is the same in all calls about a datagram and its duplicate. The
+// references are valid only during the call.
+struct observed_datagram {
     uint64_t number;
     const fabric::mad_bytes& mad;
     const datagram_faults& faults;
 };
 
-// The caller holds the lock of the subnet. The calls must not call the subnet, and must not sleep.
+// The subnet holds its lock while it makes these calls. An observer must not call the subnet, and must not sleep.
 class observer
 {
   public:
-    // A datagram has left its sender; a null sender means the SA. Exactly one arrived() or lost() follows for it and
-    // for each of its duplicates, unless the run ends first.
-    virtual void sent(uint64_t now_ticks, const datagram_sight& datagram, const port_view* sender,
+    // A datagram leaves its sender. If the run does not end before, one arrived() or lost() follows for the datagram,
+    // and one for each of its duplicates. A null sender or receiver means the SA.
+    virtual void sent(uint64_t now_ticks, const observed_datagram& datagram, const port_view* sender,
                       uint16_t destination_lid) = 0;
-    virtual void arrived(uint64_t now_ticks, const datagram_sight& datagram, const port_view* receiver) = 0;
+    virtual void arrived(uint64_t now_ticks, const observed_datagram& datagram, const port_view* receiver) = 0;
 
-    // With `has_reached_end`, the receiver has dropped it; otherwise it was lost on the way.
-    virtual void lost(uint64_t now_ticks, const datagram_sight& datagram, const char* reason, bool has_reached_end) = 0;
+    // A datagram was dropped: with `has_reached_end` by its receiver, otherwise on the way. `reason` is a text for
+    // people.
+    virtual void lost(uint64_t now_ticks, const observed_datagram& datagram, const char* reason,
+                      bool has_reached_end) = 0;
 
-    // The fabric has not accepted a send.
+    // The fabric has not accepted a datagram from a host.
     virtual void refused(uint64_t now_ticks, const fabric::mad_bytes& mad, const port_view& sender) = 0;
 
     virtual void port_changed(uint64_t now_ticks, const port_view& port) = 0;

@@ -19,25 +19,27 @@ constexpr uint64_t component(path_record_component_t bit)
 // The values of a selector (IBA 15.2.5.16).
 enum selector_t : uint8_t { greater_than = 0, less_than = 1, exactly = 2, largest = 3 };
 
-// Returns true if the path's `value` satisfies the request. `field` is the request's selector and value. A request with
-// a value but no selector asks for exactly this value.
+// Returns true if the path's `value` satisfies the request. `field` is the byte of the request with the selector (the
+// high two bits) and the requested value. A request with a value but no selector asks for exactly this value.
 bool is_selected(uint64_t component_mask, path_record_component_t value_bit, path_record_component_t selector_bit,
                  uint8_t field, uint8_t value)
 {
     if (!(component_mask & component(value_bit))) return true;
     const bool has_selector = component_mask & component(selector_bit);
     const uint8_t selector = has_selector ? field >> 6 : exactly;
-    const uint8_t requested_p_key = field & 0x3F;
-    if (selector == greater_than) return value > requested_p_key;
-    if (selector == less_than) return value < requested_p_key;
-    return selector == largest || value == requested_p_key;
+    const uint8_t requested_value = field & 0x3F;
+    if (selector == greater_than) return value > requested_value;
+    if (selector == less_than) return value < requested_value;
+    return selector == largest || value == requested_value;
 }
 
-// One end of a path. The request names it by its GID, by its LID, or by both.
+// One end of a path. If the request names no active port, `port` is null and `status` is the status word of the answer.
 struct end_of_path {
     const port_record* port = nullptr;
     uint16_t status = 0;
 };
+
+// The request names a port by its GID, by its LID, or by both.
 end_of_path find_end(const port_directory& ports, bool has_gid, const wire_gid_t& gid, bool has_lid, be16_t lid)
 {
     if (!has_gid && !has_lid) return {.status = status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS)};
@@ -49,8 +51,8 @@ end_of_path find_end(const port_directory& ports, bool has_gid, const wire_gid_t
     return {.port = port};
 }
 
-// Returns the P_Key of `source` with which it can send to `destination`. Both ports are in its partition, and at least
-// one is a full member (IBA 10.9.3). If `requested` is set, only that partition counts.
+// Returns the P_Key with which `source` can send to `destination`, or none. Both ports must be in the partition of this
+// P_Key, and at least one must be a full member (IBA 10.9.3). If `requested_p_key` is set, it must name that partition.
 std::optional<uint16_t> shared_p_key(const port_record& source, const port_record& destination,
                                      std::optional<uint16_t> requested_p_key)
 {
@@ -68,7 +70,8 @@ std::optional<uint16_t> shared_p_key(const port_record& source, const port_recor
 constexpr uint32_t raw_traffic_bit = 0x80000000, flow_label_bits = 0x0FFFFF00, hop_limit_bits = 0xFF;
 constexpr uint16_t sl_bits = 0xF;
 
-// Returns true if the request asks for a route that paths within a subnet cannot have.
+// Returns true if the request asks for a route that no path of this subnet has: raw traffic, an SL other than 0, or
+// values of a GRH (flow label, hop limit, traffic class) other than 0.
 bool asks_for_other_route(uint64_t component_mask, const ib_path_record_wire_t& record)
 {
     const auto selects = [&](path_record_component_t bit) { return (component_mask & component(bit)) != 0; };

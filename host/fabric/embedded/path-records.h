@@ -1,6 +1,6 @@
-// Answers SubnAdmGet of PathRecords (IBA 15.2.5.16) from the ports of the subnet. Two active ports with a common
-// partition have one path, in both directions. The LIDs and the P_Key are those of the ports; all other attributes are
-// those of the subnet.
+// Answers SubnAdmGet of PathRecords (IBA 15.2.5.16) from the ports of the subnet. There is one path between two active
+// ports with a common partition, and it is reversible. Its LIDs and its P_Key are those of the ports. All its other
+// attributes are those of the subnet.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace embedded
 
 struct port_record;
 
-// Finds a port of the subnet in any state. Returns null if there is no such port.
+// Functions that find a port of the subnet in any state. They return null if there is no such port.
 struct port_directory {
     std::function<const port_record*(const fabric::gid_bytes&)> by_gid;
     std::function<const port_record*(uint16_t lid)> by_lid;
@@ -27,8 +27,8 @@ struct path_attributes {
     uint8_t packet_lifetime = 18; // about a second
 };
 
-// Serves a request with `record` and returns the status word. If the status is 0, `record` becomes the path. Otherwise
-// `record` does not change.
+// Finds the path that a SubnAdmGet asks for. `record` and `component_mask` are those of the request. Returns the status
+// word of the answer. If it is 0, `record` becomes the path. Otherwise `record` does not change.
 uint16_t find_path(const port_directory& ports, const path_attributes& attributes, uint64_t component_mask,
                    ib_path_record_wire_t& record);
 

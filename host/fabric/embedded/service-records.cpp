@@ -33,14 +33,14 @@ static_assert(component_offsets[SR_COMPONENT_SERVICE_NAME] == offsetof(ib_servic
 static_assert(component_offsets[SR_COMPONENT_SERVICE_DATA16] == offsetof(ib_service_record_v2_t, service_data16));
 static_assert(component_offsets[SR_COMPONENT_COUNT] == sizeof(ib_service_record_v2_t));
 
-// The bytes of the first run of selected components, and the mask of the later components.
-struct stretch {
+// A run of consecutive selected components. Its bytes are consecutive, too.
+struct component_run {
     size_t offset = 0;
-    size_t size = 0; // 0 if no component is selected
-    uint64_t rest = 0;
+    size_t size = 0;         // 0 if the mask selects no component
+    uint64_t later_mask = 0; // the mask of the components after this run
 };
 
-stretch first_stretch(uint64_t component_mask)
+component_run first_run(uint64_t component_mask)
 {
     component_mask &= defined_components;
     if (component_mask == 0) return {};
@@ -66,7 +66,7 @@ bool equal_in(uint64_t component_mask, const ib_service_record_v2_t& record, con
 {
     const auto* left = reinterpret_cast<const uint8_t*>(&record);
     const auto* right = reinterpret_cast<const uint8_t*>(&pattern);
-    for (stretch run = first_stretch(component_mask); run.size > 0; run = first_stretch(run.rest))
+    for (component_run run = first_run(component_mask); run.size > 0; run = first_run(run.later_mask))
         if (memcmp(left + run.offset, right + run.offset, run.size) != 0) return false;
     return true;
 }
@@ -76,7 +76,7 @@ ib_service_record_v2_t components_of(uint64_t component_mask, const ib_service_r
     ib_service_record_v2_t result{};
     auto* target = reinterpret_cast<uint8_t*>(&result);
     const auto* source = reinterpret_cast<const uint8_t*>(&record);
-    for (stretch run = first_stretch(component_mask); run.size > 0; run = first_stretch(run.rest))
+    for (component_run run = first_run(component_mask); run.size > 0; run = first_run(run.later_mask))
         memcpy(target + run.offset, source + run.offset, run.size);
     return result;
 }
@@ -129,7 +129,8 @@ service_records::selection service_records::select(uint64_t component_mask, cons
 {
     expire(now_ticks);
     selection selection;
-    // Adds the record to the selection if it matches. Returns false if there are two matches; the search can then stop.
+    // Adds the record to the selection if it matches. Returns false if this is the second match: the search can then
+    // stop.
     const auto add = [&](by_gid_map::iterator position) {
         entry& candidate = position->second;
         if (candidate.expires_tick != never_expires)

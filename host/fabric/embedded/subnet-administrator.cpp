@@ -29,7 +29,7 @@ uint16_t status_word(matches count)
     }
 }
 
-// The SA answers only requests of its own class.
+// Returns true if the MAD is a request of the SA's class. The SA answers no others.
 bool is_request(const sa_mad_v2_t& mad)
 {
     return mad.hdr.mgt_class == MAD_CLASS_SUBN_ADM && !mad.hdr.m.r;
@@ -53,7 +53,7 @@ void count(const mad_hdr_t& header, subnet_counts& counts)
     }
 }
 
-// Transaction, attribute, mask and payload do not change.
+// Turns a request into its response. TransactionID, attribute, component mask and payload do not change.
 void make_response(sa_mad_v2_t& mad, uint16_t status)
 {
     // The method of an answer to a Set is SubnAdmGetResp. Any other method has its own response (IBA 15.2.2).
@@ -104,7 +104,7 @@ uint16_t subnet_administrator::serve(sa_mad_v2_t& mad, uint64_t now_ticks)
         if (status == 0) memcpy(mad.payload, &record, sizeof record);
         return status;
     };
-    // On the wire, the AttributeID is in network order, despite its declared type.
+    // attrib_id is declared as a number in host order, but here it is still in wire order.
     switch (from_wire(std::bit_cast<be16_t>(mad.hdr.attrib_id))) {
     case SA_ATTR_SERVICE_RECORD:
         return serve_record(ib_service_record_v2_t{}, [&](ib_service_record_v2_t& record) {
@@ -143,7 +143,7 @@ uint16_t subnet_administrator::serve_service_record(uint8_t method, uint64_t com
 
 uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // Without an ID and a GID, the record could not be found later.
+    // ServiceID and ServiceGID are parts of the key. A record without them could not be found later.
     constexpr uint64_t required_components = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
     if ((component_mask & required_components) != required_components)
         return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
@@ -160,8 +160,8 @@ uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2
 
 uint16_t subnet_administrator::remove(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // A request deletes one record (IBA 15.4). The SA refuses it, and deletes nothing, if it selects by no component or
-    // selects several records.
+    // A request deletes one record (IBA 15.4). If the mask selects no component, or if several records match, the SA
+    // refuses the request and deletes nothing.
     if ((component_mask & defined_components) == 0) return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);
     return status_word(records.remove(component_mask, record, now_ticks, record));
 }

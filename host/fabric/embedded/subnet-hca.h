@@ -8,7 +8,7 @@
 namespace embedded
 {
 
-// The subnet guards all members that are not const.
+// A port of an HCA. The lock of the subnet guards all members that are not const.
 struct port_record {
     subnet_hca* const owner;
     const int number;
@@ -16,7 +16,7 @@ struct port_record {
     const fabric::gid_bytes gid;
     const std::vector<uint16_t> p_keys;
 
-    // Assigned by the subnet manager; zero before the first link-up.
+    // The subnet manager assigns these. They are zero before the first link-up.
     uint16_t lid = 0;
     uint16_t sm_lid = 0;
     uint8_t sm_sl = 0;
@@ -53,8 +53,8 @@ class subnet_hca final : public fabric::hca
     void listen(fabric::listener* listener) override { net_.set_listener(*this, listener); }
 
     const std::string host;
-    std::vector<port_record> ports;       // fixed after add_hca() has returned
-    fabric::listener* listener = nullptr; // guarded by the subnet
+    std::vector<port_record> ports;       // subnet::add_hca() fills it; later the number of ports is fixed
+    fabric::listener* listener = nullptr; // guarded by the lock of the subnet
 
   private:
     subnet& net_;

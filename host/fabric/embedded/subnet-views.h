@@ -15,20 +15,20 @@ struct port_view {
     std::string hca_name;
     int port;
     fabric::link_state state;
-    uint16_t lid;    // 0 until the link first came up
-    uint16_t sm_lid; // the last one that the port has learned
-    std::string gid;
-    uint64_t lost_at_cuts = 0; // lost datagrams, see subnet::cut_outbound
+    uint16_t lid;              // 0 before the first link-up
+    uint16_t sm_lid;           // the LID of the SM that the port has learned last
+    std::string gid;           // "0x" and 32 digits
+    uint64_t lost_at_cuts = 0; // datagrams lost by subnet::cut_outbound() and subnet::cut_inbound()
 };
 
 // A ServiceRecord. The address and the host name are valid only in records of this service (records::is_host_record).
-// The names are the bytes of the record and may not be printable.
+// The names are copies of the record's bytes, and can contain characters that are not printable.
 struct service_record_view {
     std::string gid; // "0x" and 32 digits
     uint16_t p_key;
     std::string ipv4; // for example "10.0.0.1"
     std::string host_name;
-    uint32_t lease_seconds; // the remaining lease; see records::infinite_lease
+    uint32_t lease_seconds; // the remaining lease, or records::infinite_lease
     uint64_t service_id;
     std::string service_name;
 };

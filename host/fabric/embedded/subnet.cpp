@@ -14,9 +14,9 @@ namespace
 
 constexpr uint16_t last_unicast_lid = 0xBFFF; // IBA 4.1.3
 constexpr int last_port = 254;                // IBA 14.2.5.3: port numbers are bytes, and 255 is not a port
-constexpr size_t listed_names_limit = 8;      // in an error text
+constexpr size_t listed_names_limit = 8;      // the number of names in an error text
 
-// A locally administered EUI-64 with the number of the HCA in the subnet, and the number of its port.
+// Returns a locally administered EUI-64 that contains the number of the HCA in the subnet and the number of the port.
 uint64_t assigned_guid(size_t hca_number, int port)
 {
     return 0x0200000000000000 | static_cast<uint64_t>(hca_number) << 16 | static_cast<uint64_t>(port);
@@ -27,14 +27,13 @@ bool is_unicast(uint16_t lid)
     return lid >= 1 && lid <= last_unicast_lid;
 }
 
-// The name of the HCA in errors.
+// The name of an HCA in error texts.
 std::string title(const std::string& host, const hca_description& description)
 {
     return description.name + " of " + host;
 }
 
-// A list of names in an error, for example "node1, node2, node3". A long list is cut, and ends with the number of the
-// other names.
+// A list of names for an error text, for example "node1, node2, node3". A long list ends with "and 5 more".
 class name_list
 {
   public:
@@ -102,7 +101,7 @@ ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_des
     return hcas_.back().get();
 }
 
-// Checks all of the description except the GUIDs. The subnet assigns some of them.
+// Checks the description except for the GUIDs. add_hca() checks the GUIDs after it has added the missing ones.
 ats::result<> subnet::check(const std::string& host, const hca_description& description) const
 {
     using enum ats::error_kind;

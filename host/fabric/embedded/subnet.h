@@ -1,6 +1,6 @@
-// A whole InfiniBand subnet in memory: the HCAs of hosts, their links, the addresses that a subnet manager assigns, and
-// a Subnet Administrator. One task, "fabric", delivers datagrams and calls listeners, one at a time, in the order of
-// their due ticks. A send only queues a datagram. The same calls always give the same LIDs and GUIDs.
+// A whole InfiniBand subnet in memory: the HCAs of hosts, their links, the LIDs that a subnet manager assigns, and a
+// Subnet Administrator. A send only queues a datagram. One task, "fabric", delivers one datagram after another, in the
+// order of their due ticks, and makes all calls of listeners. The same calls always give the same LIDs and GUIDs.
 #pragma once
 
 #include <atomic>
@@ -35,8 +35,8 @@ struct subnet_options {
     uint8_t sm_sl = 0;
     std::vector<uint16_t> p_keys = {0xFFFF}; // for the SA's port, and for the ports of HCAs without their own P_Keys
     uint8_t mtu = 4;                         // PortInfo encoding
-    // The maximum number of datagrams in transit; more sends are refused. Four for each unicast LID, so that all hosts
-    // of the largest subnet can send at once.
+    // The maximum number of datagrams in transit; further sends are refused. The default is four for each unicast LID,
+    // so that all hosts of the largest subnet can send at once.
     size_t queue_capacity = 4 * size_t{0xBFFF};
     size_t service_record_limit = 65536;
     uint64_t fault_seed = 1;
@@ -45,8 +45,8 @@ struct subnet_options {
 struct hca_description {
     std::string name = "mthca0";
     int ports = 1;
-    std::vector<uint64_t> port_guids = {}; // for the first ports; the subnet assigns the others
-    std::vector<uint16_t> p_keys = {};     // for every port; if empty, those of the subnet
+    std::vector<uint64_t> port_guids = {}; // for the first ports; the subnet assigns the GUIDs of the others
+    std::vector<uint16_t> p_keys = {};     // for every port; if empty, subnet_options::p_keys
 };
 
 class subnet_hca;
@@ -56,18 +56,19 @@ struct port_record;
 class subnet
 {
   public:
-    // Starts the fabric task. `exec` must outlive the subnet.
+    // Starts the fabric task. `exec` must outlive the subnet. Throws a shortage if the task cannot be created.
     explicit subnet(exec::executor& exec, subnet_options options = {});
 
-    // Ends the fabric task and drops the datagrams in transit. No HCA may be in use any more. The caller is a task, or
-    // is outside.
+    // Ends the fabric task and drops the datagrams in transit. No HCA may be in use any more. The caller is a task that
+    // may sleep, or a thread that runs no task.
     ~subnet();
     subnet(const subnet&) = delete;
     subnet& operator=(const subnet&) = delete;
 
-    // Plugs an HCA into a host; its links are down. The subnet owns it. Ports get the LIDs from 2 upwards in the order
-    // of these calls. Fails if the host already has the name or another port has the GUID. Also fails if the number of
-    // ports is not 1 to 254, or if no LIDs are left.
+    // Plugs an HCA into a host. Its links are down. The subnet owns the HCA. Ports get the LIDs from 2 upwards, in the
+    // order of these calls. Fails if the host already has an HCA with the name, if another port already has a GUID of
+    // the description, if the number of ports is not 1 to 254, if there are more GUIDs than ports, or if no LIDs are
+    // left.
     ats::result<fabric::hca*> add_hca(const std::string& host, const hca_description& description);
     ats::result<fabric::hca*> add_hca(const std::string& host, const std::string& name, int ports)
     {
@@ -77,57 +78,62 @@ class subnet
     // Returns the HCA with that name. The error lists the existing names.
     ats::result<fabric::hca*> find(const std::string& host, const std::string& hca) const;
 
-    // link_up() brings a link up: the port learns its LID and the SM's. link_down() takes it down. The listener is
-    // called even if nothing changes, because a host must accept repeated events. Fails if there is no such port.
+    // link_up() activates the link of a port: the port learns its own LID and the SM's LID. link_down() takes the link
+    // down. Both call the listener even if the state does not change, because a host must accept repeated events. Both
+    // fail if there is no such port.
     [[nodiscard]] ats::result<> link_up(const std::string& host, const std::string& hca, int port);
     [[nodiscard]] ats::result<> link_down(const std::string& host, const std::string& hca, int port);
 
-    // Loses every datagram that leaves the port, or that is due to arrive there, until the cut is healed. The link
-    // stays active, and the port still gets events. Fails if there is no such port.
+    // After cut_outbound(), every datagram that leaves the port is lost. After cut_inbound(), every datagram that
+    // should arrive at the port is lost. A call with false for `is_cut` ends this. The link stays active, and the
+    // listener still gets events of the port. Fails if there is no such port.
     [[nodiscard]] ats::result<> cut_outbound(const std::string& host, const std::string& hca, int port, bool is_cut);
     [[nodiscard]] ats::result<> cut_inbound(const std::string& host, const std::string& hca, int port, bool is_cut);
 
-    // Moves the SM and the SA to another LID, and reports this to every active port. The records stay (see forget_all).
-    // Fails if a port has the LID, or if it is not a unicast LID.
+    // Moves the SM and the SA to another LID and SL, and reports this to every active port. The SA keeps its records.
+    // Fails if a port has the LID, or if the LID is not a unicast LID.
     [[nodiscard]] ats::result<> set_sm(uint16_t lid, uint8_t sl);
 
-    // Reports to every active port that its host must register again (PortInfo's ClientReregister, IBA 14.2.5.6).
+    // Reports to every active port that its host must register again (IBA 14.2.5.6, ClientReregister of PortInfo).
     void request_registrations();
 
     // Makes the SA lose the records of a GID, or all records. Returns their number.
     size_t forget(const fabric::gid_bytes& gid);
     size_t forget_all();
 
-    // The number of records at the SA. Expired ones may count.
+    // The number of records at the SA. It may include expired records.
     size_t record_count() const;
 
-    // The first call returns the records of the SA. The second call replaces its records with such a copy, like an SA
-    // that restarts from a backup.
+    // save_records() returns a copy of the SA's records. restore_records() replaces the SA's records with such a copy,
+    // like an SA that restarts from a backup.
     std::vector<ib_service_record_v2_t> save_records() const;
     void restore_records(const std::vector<ib_service_record_v2_t>& records);
 
-    // Sends a request to the SA from the SA's own node, and replaces it with the answer. Faults of the wire have no
-    // effect, but faults of the SA do. Returns false if the SA does not answer.
+    // Passes a request directly to the SA, and replaces it with the answer. Faults of the wire do not affect it. Faults
+    // of the SA do, except for delays. Returns false if the SA does not answer.
     bool ask_sa(fabric::mad_bytes& mad);
 
-    // The task that delivers and calls listeners.
+    // The fabric task, for a watchdog.
     fabric::fabric_task task();
 
-    // Gives the SA a limited speed from now on, or removes the limits. Waiting requests are still served. A request
-    // takes effect, and its answer leaves, at the end of its service time. The counts start at zero.
+    // Sets limits for the speed of the SA, or removes them (nullopt). The SA then serves a request, and sends the
+    // answer, at the end of the request's service time. Requests that already wait are still served. The counts in
+    // sa_queue_counts() start at zero again.
     void set_sa_limits(const std::optional<sa_limits>& limits);
     embedded::sa_queue_counts sa_queue_counts() const; // all zero without limits
 
     fault_switches faults;
     subnet_counts counts() const;
-    fault_effects effects() const; // of `faults`, until now
+    fault_effects effects() const; // what `faults` have done so far
 
-    // Sets the tap, or removes it (null). The tap is called once for every datagram that crosses between a host and the
-    // fabric, with the lock of the fabric held. The subnet does not own it. After the return, the previous tap is not
-    // called any more.
+    // Sets the tap, or removes it (null). The tap sees every datagram that leaves an active port, and every answer of
+    // the SA that reaches a port. The subnet holds its lock while it calls the tap. The caller owns the tap. After
+    // set_tap() has returned, the subnet does not call the previous tap any more.
     void set_tap(fabric::tap* tap);
 
-    // Does the same for an observer. The observer immediately gets the state of all ports.
+    // Sets the observer, or removes it (null). The caller owns the observer. Before set_observer() returns, the new
+    // observer gets the LID of the SM, the state of all ports and all records of the SA. After that, the subnet does
+    // not call the previous observer any more.
     void set_observer(embedded::observer* observer);
 
     std::vector<port_view> ports() const;                     // in the order of add_hca
@@ -151,8 +157,10 @@ class subnet
     bool send(subnet_hca& hca, int port, const fabric::address& destination, const fabric::mad_bytes& mad);
     void set_listener(subnet_hca& hca, fabric::listener* listener);
 
-    // The fabric task. The lock is held on entry and on return. It is released only while a listener runs.
+    // The fabric task runs this function.
     void run_fabric();
+
+    // The caller of these functions holds the lock. call_listener() releases it while the listener runs.
     bool report_next_change(lock_guard& lock);
     template <class call_t>
     void call_listener(subnet_hca& hca, lock_guard& lock, const call_t& call);
@@ -167,7 +175,8 @@ class subnet
     void ignore(datagram& datagram, const char* reason);
     void drop(datagram& datagram, const char* reason, bool has_reached_end);
 
-    // Call it before the datagram leaves `sender`. A null sender means the SA.
+    // Numbers a datagram and reports it to the observer. Call it before the datagram leaves `sender`. A null sender
+    // means the SA.
     void observe_send(datagram& datagram, const port_record* sender)
     {
         datagram.number = ++sent_count_;
@@ -201,7 +210,7 @@ class subnet
     fault_effects effects_;
     uint64_t departure_count_ = 0;
     uint64_t latest_arrived_departure_ = 0;
-    uint64_t sent_count_ = 0; // number of datagrams sent by hosts and by the SA
+    uint64_t sent_count_ = 0; // number of datagrams that hosts and the SA have sent
     fabric::tap* tap_ = nullptr;
     embedded::observer* observer_ = nullptr;
 
@@ -211,16 +220,16 @@ class subnet
         fabric::port_change change;
         uint16_t sm_lid;
     };
-    std::deque<pending_change> changes_; // reported before any datagram is delivered
+    std::deque<pending_change> changes_; // the fabric task reports them before it delivers the next datagram
     delivery_queue queue_;
     uint64_t sa_busy_until_tick_ = 0;
-    std::optional<sa_queue> sa_queue_; // none without limits
+    std::optional<sa_queue> sa_queue_; // none if the SA has no limits
     std::mt19937_64 dice_;
     subnet_hca* called_hca_ = nullptr; // the HCA whose listener is running
-    bool is_asleep_ = false;           // the fabric task has parked and was not woken since
+    bool is_asleep_ = false;           // the fabric task is parked, and wake_fabric() has not woken it
     bool is_stopping_ = false;
     exec::task* fabric_task_ = nullptr;
-    std::atomic<uint64_t> rounds_{0}; // of the fabric task
+    std::atomic<uint64_t> rounds_{0}; // rounds of the fabric task's loop
 };
 
 } // namespace embedded
