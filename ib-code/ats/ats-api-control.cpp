@@ -1,4 +1,4 @@
-// The control file: a write runs one command, a read puts a report into the kernel log.
+// The control file /proc/dorvex/ats/control. A write runs one command. A read prints a report into the kernel log.
 #include "ats-api.h"
 
 #include <cassert>
@@ -16,7 +16,7 @@ constexpr size_t input_size = 4096;
 constexpr int max_arguments = 30;
 constexpr size_t argument_size = 41; // with its NUL
 
-// Shared by all writes: the /proc tree runs one write of an entry at a time.
+// All writes use these buffers. No lock is needed: the /proc tree runs one write of an entry at a time.
 char input[input_size];
 char arguments[max_arguments][argument_size];
 char* argument_pointers[max_arguments];
@@ -26,8 +26,8 @@ bool is_space(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Splits the written bytes into words and returns their number. A word that is too long becomes several; words beyond
-// `max_arguments` are ignored.
+// Splits the written bytes into words, stores them in `arguments`, and returns their number. A word that is too long
+// becomes several words. Words beyond `max_arguments` are ignored.
 int split_into_arguments(const char* bytes, size_t count)
 {
     for (int i = 0; i < max_arguments; ++i) {
@@ -56,7 +56,8 @@ int split_into_arguments(const char* bytes, size_t count)
     return complete;
 }
 
-// Reads the decimal number at the start of `text`. Returns false if there is no number or if an int cannot store it.
+// Reads the decimal number at the start of `text`. Returns false if there is no number, or if it does not fit into
+// 32 bits.
 bool parse_int(const char* text, int32_t* number)
 {
     char* end;
@@ -66,7 +67,8 @@ bool parse_int(const char* text, int32_t* number)
     return true;
 }
 
-// Returns true if the number of words, including the command, is `expected`. Otherwise logs a line.
+// `argc` is the number of words of the command line, including the command. Returns true if it is `expected`. Otherwise
+// logs a line and returns false.
 bool has_arguments(int argc, int expected)
 {
     if (argc != expected) printk("Wrong usage. <%d>\n", argc);
@@ -107,7 +109,7 @@ void ats_proc_cmd_rarp(int argc, char** argv)
         printk("Could not parse dgid address.\n");
         return;
     }
-    if (ats_n_hcas <= 0) { // without a context there is no cache and no port
+    if (ats_n_hcas <= 0) { // there is no context, and so no IBAT to ask and no port to send through
         printk("ATS - there is no hca, can't send rarp\n");
         return;
     }
@@ -134,7 +136,7 @@ void ats_proc_cmd_update_ip_addrs(int argc, char** argv)
     if (ats_sa_set_ip_addrs_str(argv[1]) != 0) ATS_ERROR("ats_sa_update_ip_addrs FAIL\n");
 }
 
-// The new values take effect at each timer's next expiry.
+// Each context's verification timer uses the new values from its next expiry on.
 void ats_proc_cmd_verify_period(int argc, char** argv)
 {
     if (argc != 3) {
@@ -150,8 +152,8 @@ void ats_proc_cmd_verify_period(int argc, char** argv)
     verification_period_skew_percent = skew < 0 ? 0 : skew > 100 ? 100 : skew;
 }
 
-// Deletes the record of the GID registered last; the argument does not select another one. The argument becomes this
-// host's address at its next registration.
+// Deletes the record of the GID that was registered last. The argument does not select the record: it becomes this
+// host's address, with which the host registers next. Works on the first HCA only.
 void ats_proc_cmd_delete_ip(int argc, char** argv)
 {
     if (!has_arguments(argc, 2)) return;
@@ -189,7 +191,7 @@ void show_usage()
 
 void show_unknown_command(int argc, char** argv)
 {
-    // Printed in one call, to keep other lines from coming in between.
+    // One call prints the whole line. Lines of other tasks cannot come in between.
     char words[max_arguments * (argument_size + 3)] = "";
     for (int i = 0, length = 0; i < argc; ++i)
         length += snprintf(words + length, sizeof words - static_cast<size_t>(length), " '%s'", argv[i]);
@@ -239,7 +241,7 @@ void report_hca(const ats_context_t& ats)
 
 int ats_proc_write(struct file*, const char* user_buffer, unsigned long count, void*)
 {
-    // A write never fails. The log reports the result of the command.
+    // A write always succeeds. The result of the command is in the log.
     if (count > input_size)
         printk("ATS - a command has at most %zu bytes, ignoring one of %lu\n", input_size, count);
     else if (copy_from_user(input, user_buffer, count) != 0)

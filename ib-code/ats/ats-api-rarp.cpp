@@ -9,8 +9,9 @@
 namespace
 {
 
-// The list of the index with the requests for this GID. Its memory is all zero before its first request, so a host
-// without such requests has no page for the index. The caller holds the lock.
+// Returns the list of the index in which the requests for this GID are. The list's memory is all zero before the first
+// request is added to it; see queue_request. Therefore a host that makes no requests uses no memory pages for the
+// index. The caller holds `rarp_reqs_lock`.
 list_head* bucket_of(ats_context_t* ats, const kq_gid_t& gid)
 {
     constexpr uint64_t spread = 0x9E3779B97F4A7C15u; // Fibonacci hashing
@@ -28,7 +29,7 @@ void queue_request(ats_context_t* ats, ats_rarp_req_t* req)
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
 }
 
-// Traces the comparison of the answered GID with every pending request. The caller holds the lock.
+// Traces the comparison of the answered GID with every pending request. The caller holds `rarp_reqs_lock`.
 void trace_comparisons(ats_context_t* ats, const char* operation)
 {
     for (list_head* link = ats->rarp_reqs_pending.next; link != &ats->rarp_reqs_pending; link = link->next) {
@@ -38,7 +39,7 @@ void trace_comparisons(ats_context_t* ats, const char* operation)
     }
 }
 
-// Moves the requests for the answered GID to the head of `found`, the newest first. Returns their number.
+// Moves the pending requests for the answered GID to the list `found`, the newest first. Returns their number.
 int32_t take_matching(ats_context_t* ats, list_head* found, const char* operation)
 {
     int32_t count = 0;
@@ -110,7 +111,8 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
     req->user_cb = user_cb;
     req->user_context = user_context;
     queue_request(ats, req);
-    // The request is queued before it is sent, so its answer always finds it. From here on an answer may free it.
+    // The request is in the list before it is sent. Therefore its answer always finds it there. From here on, do not
+    // use `req`: an answer or a time-out may free it.
     return ats_sa_rarp_send(ats, arp_data) == 0 ? ibat_stat_pending : ibat_stat_error;
 }
 
@@ -155,7 +157,7 @@ void ats_ucm_stop(ats_context_t* ats)
         return;
     }
     ats->ucm_rarp_detach(ats->ucm_rarp_handle);
-    ats_sa_drop_pending_requests(ats); // after put_ucm, UCM and its callbacks may be unloaded
+    ats_sa_drop_pending_requests(ats); // before put_ucm: after it, UCM and its callbacks may be unloaded
     put_ucm(ats);
 }
 

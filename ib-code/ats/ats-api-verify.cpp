@@ -1,5 +1,5 @@
-// Self-verification. Each context periodically asks the SA for the address of its own GID. If the answer is not its own
-// address, the context registers again.
+// Self-verification. Each context periodically asks the SA for the address of its own GID. If there is no answer, or
+// the answer is not its own address, the context registers again.
 #include "ats-api.h"
 
 #include <algorithm>
@@ -15,12 +15,12 @@ namespace
 {
 
 constexpr int64_t ticks_per_second = HZ;
-constexpr unsigned long off_ticks = 60 * HZ; // while verification is off, its timer checks this often if it is on again
+constexpr unsigned long off_ticks = 60 * HZ; // while verification is off, the timer checks for a new period this often
 constexpr size_t ipaddr_text_size = 30;
-constexpr int64_t skew_divisor = int64_t{100} * 255; // 100 percent times the largest random byte gives a whole period
+constexpr int64_t skew_divisor = int64_t{100} * 255; // 100 percent times the largest random byte
 
-// Returns the tick of the next check: one period, plus a random part of the skew. The random part spreads the hosts'
-// checks over time.
+// Returns the tick of the next check. It comes after one period plus a random part of the skew, which is a percentage
+// of the period. The random part spreads the checks of many hosts over time.
 unsigned long calc_verify_timeout()
 {
     uint8_t random;
@@ -32,10 +32,12 @@ unsigned long calc_verify_timeout()
     return jiffies + static_cast<unsigned long>(delay);
 }
 
+// Sends a Set of the active port's record. Does not sleep.
 void restore_registration(ats_context_t* ats, const char* operation)
 {
-    // This context may not sleep, so it cannot take `ats_sem`. A task that registers another port or another identity
-    // waits until this Set is posted. The Delete and the Set of that task therefore come later.
+    // The caller may not sleep and therefore cannot take `ats_sem`. Instead it counts itself in `restores_running`. A
+    // task that registers another port or identity calls ats_sa_wait_for_restores: it sends its own Delete and Set
+    // after this Set is posted.
     ++ats->restores_running;
     const int32_t ret = ats_sa_post_set(ats);
     ++ats->sets_tried;
@@ -46,12 +48,13 @@ void restore_registration(ats_context_t* ats, const char* operation)
 void show_addresses(uint32_t held_by_sa, uint32_t own, const char* operation)
 {
     if (!zr_is_traced(ZR_DEBUG, ATS_trace_level)) return;
-    char first[ipaddr_text_size]; // print_ipaddr reuses its buffer
+    char first[ipaddr_text_size]; // a copy, because the second print_ipaddr overwrites the buffer of the first
     snprintf(first, sizeof first, "%s", print_ipaddr(held_by_sa));
     ATS_TRACE_AS(operation, ZR_DEBUG, "ipaddresses [%s, %s]\n", first, print_ipaddr(own));
 }
 
-// Processes the SA's answer about the context's own GID. Runs in the completion context or in the request timer.
+// Compares the SA's answer with the context's own address, and registers again if they differ. After a time-out,
+// `arp_data` is null. Runs in the completion context or in the request timer.
 void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
 {
     ATS_DEBUG("status=%s  arp_data=%p  context=%p\n", print_ibat_stat(status), static_cast<void*>(arp_data), context);
@@ -73,7 +76,8 @@ void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
     restore_registration(ats, __func__);
 }
 
-// The timer's function. `data` is the context's index. May sleep.
+// The function of the verification timer. Arms the timer again and sends the question to the SA. `data` is the
+// context's index in ats_cntx. May sleep.
 void verification_callback(unsigned long data)
 {
     ATS_DEBUG("data=%lu\n", data);
@@ -124,7 +128,7 @@ void end_verification(int32_t n_hcas)
     for (int32_t i = 0; i < n_hcas; ++i) del_timing_sync(&ats_cntx[i].timing_request);
 }
 
-// Several contexts may trace at the same time. The next two functions therefore use one buffer per thread.
+// Several threads may trace at the same time. The next two functions therefore use one buffer for each thread.
 
 const char* print_ibat_stat(ibat_stat_t stat)
 {

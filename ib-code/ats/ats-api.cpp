@@ -1,4 +1,5 @@
-// Starts and stops contexts, binds to IBAT, and delivers replies.
+// Starts and stops contexts, connects the module to IBAT, and delivers the SA's replies to IBAT and to pending
+// requests.
 #include "ats-api.h"
 
 #include <cassert>
@@ -10,13 +11,15 @@ namespace
 constexpr uint64_t ats_service_id = 0x10000CE100415453; // ends in the letters A, T, S
 constexpr int32_t datagrams_per_hca = 16;
 
-// The function that IBAT calls. The answer comes later, through ibat_process_arp_data.
+// IBAT calls this function to ask for a GID. It only sends the request. ats_process_sa_reply passes the SA's answer to
+// IBAT later.
 ibat_stat_t ats_arp_send(ibat_arp_data_t* arp_data, void* context, int)
 {
     return ats_sa_arp_send(static_cast<ats_context_t*>(context), arp_data) == 0 ? ibat_stat_ok : ibat_stat_error;
 }
 
-// The completion context may be calling IBAT. Wait for that call before returning the reference.
+// Returns the reference on ibat_process_arp_data. The completion context may be in a call of that function; therefore
+// first waits until the call ends.
 void put_process_arp_data(ats_context_t* ats)
 {
     if (!ats->ibat_process_arp_data.exchange(nullptr)) return;
@@ -33,8 +36,8 @@ void put_ibat(ats_context_t* ats)
     ats_put_peer("ibat_attach_fn", &ats->ibat_attach);
 }
 
-// Acquires the references that `attach_ibat` asks for. Returns null, or a text for the log if IBAT does not publish a
-// function.
+// Takes references on IBAT's functions: on all four, or only on the cache lookup if `attach_ibat` is 0. Returns null,
+// or a text for the log if IBAT does not publish a function.
 const char* get_ibat(ats_context_t* ats, int32_t attach_ibat)
 {
     if (attach_ibat != 0) {
@@ -104,7 +107,7 @@ ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat)
         put_ibat(ats);
         return ibat_stat_error;
     }
-    // Without an attachment the module only reads the cache. IBAT then never calls the module.
+    // If `attach_ibat` is 0, the module only reads IBAT's cache, and IBAT never calls the module.
     if (!ats->ibat_attach) return ibat_stat_ok;
     if (ats->ibat_attach(nullptr, ats_arp_send, ats, &ats->ibat_handle) == ibat_stat_ok) return ibat_stat_ok;
     ATS_ERROR("Could not attach to IBAT\n");
@@ -124,9 +127,10 @@ void ats_ibat_stop(ats_context_t* ats)
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats)
 {
     ATS_DEBUG("mad_stat=%hd  ats=%p\n", mad_stat, static_cast<void*>(ats));
-    if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // the requester's timeout reports the failure
+    if ((mad_stat & MAD_STATUS_COMMON_BITS) != 0) return; // the requesters get a time-out
 
-    // IBAT sees an ARP reply. Its source is the host of the lookup.
+    // For IBAT, the reply has the form of an ARP reply: its source is the host that was looked up. Swap the addresses
+    // for this call only.
     ++ats->deliveries;
     ibat_arp_data_t& reply = ats->rcv_arp_data;
     reply.arp_operation = IBAT_ARP_REPLY;

@@ -1,4 +1,4 @@
-// Addresses, GIDs and port states as text.
+// Reads addresses and GIDs from text, and names port states.
 #define ATS_TRACE_UNIT "ats_misc.cpp"
 
 #include <cstring>
@@ -9,14 +9,15 @@
 namespace
 {
 
-constexpr size_t longest_ip_text = 18; // longer than any address, because other text may follow a number
+constexpr size_t longest_ip_text = 18; // an address has at most 15 characters; other text may follow each number
 constexpr int32_t ip_fields = 4;
-constexpr uint32_t refused_field = 0xFFFFFFFF;
+constexpr uint32_t refused_field = 0xFFFFFFFF; // an address with a field of this value is refused
 
 constexpr size_t gid_prefix_length = 2; // "0x"
 constexpr size_t longest_gid_text = gid_prefix_length + 2 * sizeof(kq_gid_t);
 
-// Reads the decimal digits at the start of a field; 0 if there are none. 18 digits fit without overflow.
+// Reads the decimal number at the start of a field. Returns 0 if there are no digits. The number cannot overflow: a
+// text has at most 18 characters.
 uint64_t read_field(const char* field)
 {
     uint64_t value = 0;
@@ -65,7 +66,7 @@ ibat_stat_t ats_parsegidstr(char* s, kq_gid_t* gid)
         return ibat_stat_error;
     }
     const char* digits = s + gid_prefix_length;
-    if ((length - gid_prefix_length) % 2 != 0) { // add a leading zero to get whole bytes
+    if ((length - gid_prefix_length) % 2 != 0) { // replace the "x" by a leading zero, to get whole bytes
         s[1] = '0';
         --digits;
     }

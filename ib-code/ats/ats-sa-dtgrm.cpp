@@ -1,4 +1,4 @@
-// Sends datagrams, and handles sent and received ones.
+// Sends requests to the SA, and implements GSI's callbacks for sent and received datagrams.
 #include "ats-sa.h"
 
 #include <cassert>
@@ -6,7 +6,7 @@
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table)
 {
-    // Read once: without `ats_sem`, the active port may change at any moment.
+    // Read `active_port` only once. It may change at any moment, because the caller need not hold `ats_sem`.
     ats_port_ctx_t* port = ats->active_port;
     if (!port) {
         ATS_ERROR("ats_sa_send_service_rec_set_get_del_mad No active port, exit\n");
@@ -29,7 +29,8 @@ int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t 
         gsi_dtgrm_pool_put(dtgrm);
         return -1;
     }
-    // The datagram may have completed already, so print only its address.
+    // The send may have completed already, and its callback has then returned the datagram to the pool. Therefore print
+    // only its address.
     ATS_DEBUG(" gsi_post_send_dtgrm() on dtgrm %p succeeded ret = %d\n", static_cast<void*>(dtgrm), 0);
     ATS_DEBUG(" sent dtgrm transaction id is 0x%016LX\n", static_cast<unsigned long long>(transaction_id));
     return 0;
@@ -42,8 +43,7 @@ void ats_sa_gsi_send_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dt
     gsi_dtgrm_pool_put(dtgrm);
 }
 
-// Replies differ only by their method. Any answer to a Delete wakes the waiting task. All other answers go to IBAT and
-// to the pending requests.
+// An answer to a Delete wakes the task that waits for it. All other answers go to IBAT and to the pending requests.
 void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
 {
     ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));

@@ -1,4 +1,5 @@
-// Sends lookups. The request timer ends the lookups that get no answer.
+// Sends the two lookups: the GID of an address (arp) and the address of a GID (rarp). A request timer ends the pending
+// rarp requests that get no answer in time.
 #include "ats-sa.h"
 
 #include "kernel/memory.h"
@@ -9,7 +10,7 @@ list_head ats_rarp_reqs_by_gid[ATS_MAX_HCAS][ATS_RARP_BUCKETS];
 namespace
 {
 
-// The differences between the two lookups.
+// The values and trace texts in which the two lookups differ.
 struct lookup_t {
     ats_sa_op_t op;
     const char* operation;
@@ -29,7 +30,7 @@ constexpr lookup_t rarp = {
     .no_port = "ATS - Can't Send rarp there is no active port, Check your link!\n",
 };
 
-// Sends a Get. Holds `ats_sem`, so the active port cannot change or register meanwhile.
+// Sends a Get. Takes `ats_sem` meanwhile, so that no other task changes the active port or registers.
 int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const lookup_t& lookup)
 {
     ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "%s", lookup.waiting);
@@ -48,7 +49,7 @@ int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const l
     return ret;
 }
 
-// Moves the requests that have expired to the head of `expired`, the newest first.
+// Moves the pending requests that have expired to the list `expired`, the newest first.
 void take_expired(ats_context_t* ats, list_head* expired, const char* operation)
 {
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
@@ -80,7 +81,7 @@ int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data)
 void ats_req_timer_handler(unsigned long context)
 {
     auto* ats = reinterpret_cast<ats_context_t*>(context);
-    if (!list_empty(&ats->rarp_reqs_pending)) { // read without the lock: the timer sees a new request at its next run
+    if (!list_empty(&ats->rarp_reqs_pending)) { // no lock: a request that is added now is seen at the next expiry
         ATS_DEBUG("Pending RARP requests present.\n");
         ++ats->deliveries;
         list_head expired;
@@ -116,7 +117,8 @@ void ats_sa_drop_pending_requests(ats_context_t* ats)
         list_del_init(&req->link);
         kfree(req);
     }
-    // Requests taken off earlier may still be in their callbacks; wait for them.
+    // The completion context or the request timer may have taken requests off the list earlier, and may still be
+    // calling their callbacks. Wait for these calls.
     ats_wait_for_deliveries(ats);
 }
 

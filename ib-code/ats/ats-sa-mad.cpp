@@ -1,4 +1,5 @@
-// The ServiceRecord datagram: encodes its four requests, decodes replies, and logs it.
+// Encodes the requests about ServiceRecords (Set, Delete, and Get by address or by GID), decodes the replies, and logs
+// both.
 #include "ats-sa.h"
 
 #include <cassert>
@@ -7,15 +8,15 @@
 namespace
 {
 
-// The identifiers of the service's record. The module is a separate image, so records/ has its own copy for hosts and
-// programs.
+// Fixed values in every record of this service. records/host-record.h has the same values for the programs outside of
+// the module, because the module is a separate image.
 constexpr char service_name[] = "DAPL Address Translation Service";
 constexpr uint8_t service_data16_marker[] = {0x5C, 0x27};
 constexpr uint32_t infinite_lease = 0xFFFFFFFF;
-constexpr uint32_t payload_length = 0xF0;
+constexpr uint32_t payload_length = 0xF0; // RMPP PayloadLength
 constexpr uint32_t sa_qp = 1;
 
-// The component masks of the requests (IBA 15.2.5.14). A Set sets every bit, even those that name no component.
+// The component masks of the requests (IBA 15.2.5.14). A Set has all 64 bits, also the bits that name no component.
 constexpr uint64_t mask_of_set = UINT64_MAX;
 constexpr uint64_t mask_by_gid =
     1 << SR_COMPONENT_SERVICE_ID | 1 << SR_COMPONENT_SERVICE_GID | 1 << SR_COMPONENT_SERVICE_NAME;
@@ -29,7 +30,7 @@ constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 -
 // The host name begins in ServiceData32. ServiceData64 has the rest, from this offset of the name on.
 constexpr size_t name_split = sizeof ib_service_record_v2_t::service_data32;
 
-// Converts a number of `Size` bytes (8 or 16) between wire and host order. `dest` and `src` may be the same.
+// Converts a number of `Size` bytes (8 or 16) between wire order and host order. `dest` and `src` may be the same.
 void ntoh(void* dest, const void* src, uint8_t Size)
 {
     uint64_t first, last;
@@ -65,7 +66,8 @@ void fill_gid(ib_service_record_v2_t& record, const kq_gid_t& gid)
     ntoh(&record.service_gid, &gid, sizeof gid);
 }
 
-// The SA is reached at the SM's LID. The GSI layer supplies the Q_Key and the P_Key index.
+// Addresses the datagram to QP1 at the SM's LID, where the SA is. `rqk` 0 makes the GSI layer use the Q_Key of QP1. The
+// pool has set the P_Key index.
 void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
 {
     const kq_sm_address_info_t sm = port->port_attrib.load().port_sma_address_info;
@@ -78,7 +80,7 @@ void address_to_sa(gsi_dtgrm_t* dtgrm, const ats_port_ctx_t* port)
     dtgrm->static_rate = 0;
 }
 
-struct quarters_t { // the four quarters of a 16-byte field, read in host order
+struct quarters_t { // a 16-byte field as four numbers, in the host's byte order
     uint32_t number[4];
 };
 
@@ -89,7 +91,7 @@ quarters_t quarters_of(const uint8_t (&field)[16])
     return quarters;
 }
 
-struct halves_t {
+struct halves_t { // a 16-byte field as two numbers, in the host's byte order
     uint64_t number[2];
 };
 
@@ -225,7 +227,7 @@ int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t
     reply.mask |= IBAT_MASK_GID;
     ntoh(&reply.gid, &record.service_gid, sizeof reply.gid);
 
-    // Only the common status bits make a reply bad; the class-specific code is an answer.
+    // Common status bits mean that the SA did not process the request. The class-specific code is the SA's answer.
     const uint16_t status = from_wire(mad.hdr.u.ns.status.raw16);
     if ((status & MAD_STATUS_COMMON_BITS) != 0) {
         ATS_ERROR("ATS - Incoming mad has an error status <0x%04X> .\n", status);

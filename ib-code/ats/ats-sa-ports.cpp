@@ -1,4 +1,4 @@
-// Chooses the active port on port events, and registers its record.
+// Handles port events: chooses the active port, and registers its record at the SA.
 #include "ats-sa.h"
 
 #include <cassert>
@@ -8,8 +8,7 @@ namespace
 
 constexpr int32_t delete_tries = 3;
 
-// Returns the port with that number. If the context does not use that port, logs a line and returns null; the event
-// then changes nothing.
+// Returns the port with the number `port_num`. Logs a line and returns null if the context does not use that port.
 ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* operation)
 {
     assert(ats->num_of_hca_ports <= ATS_PORTS_PER_HCA);
@@ -18,7 +17,8 @@ ats_port_ctx_t* find_port(ats_context_t* ats, int32_t port_num, const char* oper
     return nullptr;
 }
 
-// Makes the lowest-numbered standby port the active one and registers through it. The caller holds `ats_sem`.
+// Makes the lowest-numbered standby port the active port and registers through it. Does nothing if there is no standby
+// port. The caller holds `ats_sem`, and there is no active port. May sleep.
 void handle_no_active_port(ats_context_t* ats)
 {
     assert(!ats->active_port.load());
@@ -34,8 +34,8 @@ void handle_no_active_port(ats_context_t* ats)
     }
 }
 
-// Reads the port's attributes, its first GID and its first P_Key again. Returns 0 or -1. On failure, the values read
-// before it are kept. May sleep; the caller holds `ats_sem`.
+// Reads the port's attributes, its first GID and its first P_Key from the HCA and stores them. Returns 0. Returns -1 at
+// the first failure; the values that were read before it are stored. May sleep. The caller holds `ats_sem`.
 int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
 {
     ats_port_ctx_t* port = find_port(ats, port_num, __func__);
@@ -54,7 +54,7 @@ int32_t ats_sa_get_port_attr_and_sgid(ats_context_t* ats, int32_t port_num)
               attributes.port_sma_address_info.service_level);
 
     int count = 1;
-    kq_gid_t gid = port->port_gid.load(); // does not change if the table is empty
+    kq_gid_t gid = port->port_gid.load(); // kept if the GID table is empty
     if (const kq_return_t ret = kq_get_port_gid_tbl(ats->hca, number, &count, &gid); ret != kq_return_ok) {
         ATS_DEBUG("kq_get_port_gid_tbl() failed <%d>\n", ret);
         return -1;
@@ -132,8 +132,9 @@ void ats_sa_wait_for_delete_answer(ats_context_t* ats)
 
 void ats_sa_wait_for_restores(ats_context_t* ats)
 {
-    // A read-modify-write instead of a load. Both sides therefore see the counter and the earlier changes in the same
-    // order.
+    // fetch_add(0) instead of a load, because it orders this task against restore_registration. Either this task sees
+    // the counter that restore_registration has raised, or restore_registration sees the values that this task has
+    // written before.
     while (ats->restores_running.fetch_add(0) != 0) schedule_timeout_uninterruptible(1);
 }
 

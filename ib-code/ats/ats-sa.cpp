@@ -1,4 +1,4 @@
-// The SA client of an HCA: its start, its advertised identity and its stop.
+// Starts and stops the SA client of an HCA, and changes the host name and the address that it registers.
 #include "ats-sa.h"
 
 #include <cstring>
@@ -63,7 +63,8 @@ int32_t register_ports(ats_context_t* ats, const char* operation)
     return 0;
 }
 
-// Tries once for every port. ats_sa_stop tries again for ports that GSI does not release yet.
+// Tries once to deregister every port from GSI. GSI refuses while a datagram of the port is in flight. ats_sa_stop
+// tries again for ports that are still registered.
 void deregister_ports(ats_context_t* ats)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)
@@ -81,7 +82,7 @@ void start_req_timer(ats_context_t* ats)
     ats->holds_req_timer = true;
 }
 
-// Deletes the record of every port, through the active port, and waits a short time for each answer.
+// Sends a Delete of every port's record through the active port, and waits up to ATS_DELETE_WAIT_TICKS for each answer.
 void delete_all_records(ats_context_t* ats, const char* operation)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) {
@@ -143,7 +144,7 @@ int32_t ats_sa_do_update_ip(ats_context_t* ats, uint32_t port_ipaddr)
     return ret;
 }
 
-// The part of a name update that runs with `ats_sem` held.
+// Stores the name, and registers it if there is an active port. Returns 0 or -1. The caller holds `ats_sem`. May sleep.
 int32_t store_and_register_name(ats_context_t* ats, const char* host_name, const char* operation)
 {
     if (!host_name) {
@@ -221,14 +222,15 @@ int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name)
 
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr)
 {
-    // Store the address first: even if the rest fails, the next registration must contain the new address.
+    // Store the address without waiting for `ats_sem`. If a signal ends the wait, the next registration still contains
+    // the new address.
     set_port_addresses(ats, port_ipaddr);
     return ats_sa_do_update_ip(ats, port_ipaddr);
 }
 
 void ats_sa_stop(ats_context_t* ats)
 {
-    if (!ats->holds_hca) return; // opened first and closed last: without it, nothing else is held
+    if (!ats->holds_hca) return; // the HCA is opened first and closed last: if it is not open, nothing else is held
     const uint32_t sets_before = ats->sets_tried;
     delete_all_records(ats, __func__);
     if (ats->holds_req_timer) del_timing_sync(&ats->ats_req_timer);
@@ -237,8 +239,9 @@ void ats_sa_stop(ats_context_t* ats)
     ats->holds_events = false;
     ats_sa_drop_pending_requests(ats);
 
-    // A port event or a check may have registered the record after the Deletes. From here on this is impossible. Delete
-    // once more: a record left at the SA never expires, and the next owner of the address could not use it.
+    // A port event or self-verification may have sent a Set after the Deletes above. From here on, neither can send
+    // one. If there was one, delete again: a record at the SA never expires. If another host got the same address
+    // later, a lookup of the address would find two records and fail.
     if (ats->sets_tried != sets_before) delete_all_records(ats, __func__);
 
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i)
@@ -252,6 +255,6 @@ void ats_sa_stop(ats_context_t* ats)
         ATS_DEBUG(" Packets received through the GSI port %d: %llu.\n", port->port_num,
                   static_cast<unsigned long long>(port->gsi_rx_pkts));
     }
-    kq_hca_close(ats->hca); // keep the handle: events of other HCAs search the table
+    kq_hca_close(ats->hca); // keep `hca`: ats_find_context still compares it for events of other HCAs
     ats->holds_hca = false;
 }

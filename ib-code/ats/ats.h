@@ -1,8 +1,15 @@
-// The module's model: a static table with one context for each HCA. A context has two ports and a list of requests that
-// wait for an answer of the Subnet Administrator (SA). One port is active: the context registers its ServiceRecord and
-// sends every request through it.
+// The data and the internal functions of the module. The module translates between IPv4 addresses and GIDs: it asks the
+// Subnet Administrator (SA), and it registers its own host's ServiceRecord there.
 //
-// IPv4 addresses are always in network byte order: their octets in memory order, never converted.
+// `ats_cntx` has one context for each HCA. A context has up to two ports. At most one of them is the active port: the
+// context sends every request through the active port. A context also has a list of pending requests: requests for the
+// address of a GID that wait for the SA's answer.
+//
+// "Completion context" is the context in which GSI calls the module's callbacks (gsi.h). Each HCA has one. It runs one
+// callback at a time, and callbacks must not sleep. Self-verification means that each context periodically asks the SA
+// for its own address (ats-api-verify.cpp).
+//
+// The module stores and passes IPv4 addresses in network byte order and never converts them.
 #pragma once
 
 #include <atomic>
@@ -27,7 +34,7 @@ constexpr unsigned long ATS_REQ_TIMER_PERIOD_TICKS = 1000;
 constexpr unsigned long ATS_REQ_AGE_LIMIT_TICKS = 1000;
 
 enum ats_port_state_t : int32_t {
-    ATS_PORT_DOWN = 0,   // link down, or not reported up yet
+    ATS_PORT_DOWN = 0,   // link down, or no link-up event has come yet
     ATS_PORT_UP = 1,     // link up: a standby port
     ATS_PORT_ACTIVE = 2, // the context's one active port
 };
@@ -40,15 +47,16 @@ enum ats_sa_op_t : uint32_t {
     ATS_GET_SR_RARP_OP = 0xEEEB, // the record of a GID
 };
 
-// Padded with NULs; a name of the full length has none.
+// A host name, padded with NULs. A name of ATS_HOST_NAME_SIZE characters has no NUL.
 struct ats_host_name_t {
     char text[ATS_HOST_NAME_SIZE];
 };
 
 struct ats_context_t;
 
-// A writer of `state`, `port_attrib`, `port_gid` and `port_pkey` holds `ats_sem`. A writer of `port_ipaddr` need not.
-// Sends and reports may read all of them at any moment.
+// One port of an HCA. `state`, `port_attrib`, `port_gid` and `port_pkey` are written only with `ats_sem` held.
+// `port_ipaddr` is also written without `ats_sem`. Sends, and reads of the control file, read all five fields without
+// `ats_sem`.
 struct ats_port_ctx_t {
     int32_t port_num; // from 1
     std::atomic<kq_p_key_t> port_pkey;
@@ -57,14 +65,14 @@ struct ats_port_ctx_t {
     shared_record<kq_port_attrib_t> port_attrib;
     gsi_class_handle_t gsi_handle; // null: not registered
     std::atomic<ats_port_state_t> state;
-    std::atomic<uint64_t> gsi_tx_pkts; // completions, counted by the HCA's completion context
-    std::atomic<uint64_t> gsi_rx_pkts;
+    std::atomic<uint64_t> gsi_tx_pkts; // completed sends; the HCA's completion context counts them
+    std::atomic<uint64_t> gsi_rx_pkts; // received datagrams; the same context counts them
     ats_context_t* ats_context;
 };
 
 struct ats_context_t {
-    // The bindings to IBAT and UCM. A function is null if there is no reference on it. Only the first HCA's context has
-    // bindings.
+    // The functions of the modules IBAT and UCM. The context holds a reference on each function that is not null. Only
+    // the first HCA's context has such functions.
     void* ibat_handle;
     ibat_attach_fn_t ibat_attach;
     ibat_detach_fn_t ibat_detach;
@@ -78,11 +86,12 @@ struct ats_context_t {
     gsi_dtgrm_pool_handle_t pool_handle;
     ats_port_ctx_t ib_ports[ATS_PORTS_PER_HCA]; // index i is port i + 1
 
-    std::atomic<ats_port_ctx_t*> active_port;  // null if none; written with `ats_sem` held; a send reads it once
+    std::atomic<ats_port_ctx_t*> active_port;  // null: no active port; written only with `ats_sem` held
     shared_record<kq_gid_t> sm_registered_gid; // the next Delete names this GID
-    int32_t num_of_hca_ports;                  // used ports: at most ATS_PORTS_PER_HCA
+    int32_t num_of_hca_ports;                  // number of ports in use, at most ATS_PORTS_PER_HCA
 
-    // Set when the SA answers any task's Delete. A task clears it before it waits.
+    // 1 if the SA has answered a Delete since a task last cleared this field. It does not show which Delete. A task
+    // clears the field before it sends a Delete and waits for the answer.
     std::atomic<int32_t> resp_recv;
     wait_queue_head_t delete_resp_wq;
 
@@ -90,30 +99,34 @@ struct ats_context_t {
     ibat_arp_data_t rcv_arp_data; // the last reply; only the completion context uses it
 
     list_head rarp_reqs_pending; // oldest first
-    spinlock_t rarp_reqs_lock;   // guards that list and its index; no callback runs under it
+    spinlock_t rarp_reqs_lock;   // guards rarp_reqs_pending and ats_rarp_reqs_by_gid; not held during a callback
 
-    shared_record<ats_host_name_t> host_name; // written with `ats_sem` held
-    semaphore ats_sem; // guards port states, the active port, registration and the sending of lookups
-    timing_t ats_req_timer;
-    timing_t timing_request; // self-verification
-    kq_hca_h_t hca;          // written once, when it is opened
+    shared_record<ats_host_name_t> host_name; // written only with `ats_sem` held
+    // A task holds `ats_sem` while it handles a port event, changes the identity and registers it, or sends a lookup.
+    // Self-verification sends its Set without `ats_sem`, because it runs in a context that may not sleep.
+    semaphore ats_sem;
+    timing_t ats_req_timer;  // ends pending requests that get no answer
+    timing_t timing_request; // starts the checks of self-verification
+    kq_hca_h_t hca;          // written once, when the HCA is opened
     kq_hca_name hca_name;
 
-    // Resources that ats_sa_stop must release. A class and the pool are held while their handles are not null.
+    // Each flag is true while the context holds the resource; ats_sa_stop releases it. The GSI classes and the pool
+    // have no flag: the context holds them while their handles are not null.
     bool holds_hca;
     bool holds_events;
     bool holds_req_timer;
 
-    std::atomic<uint32_t> deliveries;       // replies and time-outs that are being delivered to IBAT and to callbacks
-    std::atomic<uint32_t> sets_tried;       // number of Sets; tells ats_sa_stop if a Set came after its Deletes
+    std::atomic<uint32_t> deliveries; // replies and time-outs that are being delivered to IBAT and to callbacks
+    std::atomic<uint32_t> sets_tried; // number of Sets, also failed ones; shows ats_sa_stop a Set after its Deletes
     std::atomic<uint32_t> restores_running; // Sets that self-verification is sending without `ats_sem`
 };
 
-// One request for the address of a GID. It stays on the pending list until an answer or the request timer takes it off.
-// The code that takes it off calls back once and frees it.
+// One request for the address of a GID. The completion context (after an answer) or the request timer takes the request
+// off the pending list, calls the callback once, and frees the request. If the module stops first, it frees the request
+// without a callback.
 struct ats_rarp_req_t {
     list_head link;
-    list_head found_list_link; // while pending, in the index; later in the list of requests with the answered GID
+    list_head found_list_link; // in ats_rarp_reqs_by_gid while pending, then in a list of the answered requests
     kq_gid_t dgid;
     ats_rarp_reply_fn_t user_cb;
     void* user_context;
@@ -128,11 +141,12 @@ inline int ats_octet(uint32_t ip, int index)
 #define ATS_IP_ARGS(ip) ats_octet(ip, 0), ats_octet(ip, 1), ats_octet(ip, 2), ats_octet(ip, 3)
 
 extern ats_context_t ats_cntx[ATS_MAX_HCAS];
-// The index of each context's `rarp_reqs_pending`: lists of requests by the hash of their GID, oldest first.
+// The index of each context's `rarp_reqs_pending`: lists of requests by the hash of their GID, oldest first. The
+// context's `rarp_reqs_lock` guards its lists.
 extern list_head ats_rarp_reqs_by_gid[ATS_MAX_HCAS][ATS_RARP_BUCKETS];
-extern int32_t ats_n_hcas; // contexts in use; zero or negative: none
+extern int32_t ats_n_hcas; // number of contexts in use; zero or negative: none is in use
 
-// The module parameters.
+// The module parameters. The table in ats-module.cpp describes them.
 extern const char* ats_ipaddr_str;
 extern const char* ats_hostName_str;
 extern int32_t ats_attach_ibat;
@@ -142,8 +156,8 @@ extern int32_t ats_attach_ibat;
 // The context of an open HCA, or null.
 ats_context_t* ats_find_context(kq_hca_h_t hca);
 
-// Change the advertised identity on every HCA in turn. Stop at the first failure and return -1; otherwise return 0. A
-// null name, a null text and a text without an address are failures. May sleep.
+// These functions change the host's name or address on every HCA in turn. They stop at the first failure and return -1;
+// otherwise they return 0. A null name, a null text and a text without an address are failures. May sleep.
 MODULE_EXPORT int32_t ats_sa_set_hostname(const char* host_name);
 MODULE_EXPORT int32_t ats_sa_set_ip_addrs(uint32_t port_ipaddr);
 MODULE_EXPORT int32_t ats_sa_set_ip_addrs_str(const char* ip_add_str);
@@ -151,17 +165,20 @@ MODULE_EXPORT int32_t ats_sa_set_ip_addrs_str(const char* ip_add_str);
 // ---- ats-api ----
 
 // Starts a context; its `hca_name` must be set. With `sa_only`, starts only the SA client, without IBAT and UCM.
-// Returns 0, or a negative value; ats_stop then releases the rest.
+// `attach_ibat` is the module parameter ats_attach_ibat. Returns 0. Returns a negative value if the SA client or the
+// connection to IBAT does not start; the caller then calls ats_stop, which releases everything. A failure of UCM is
+// only logged. May sleep.
 int32_t ats_init(ats_context_t* ats, int32_t attach_ibat, int32_t sa_only);
 
-// Stops every context. Skips one that was never started. May sleep.
+// Stops every context. Skips contexts that were not started. May sleep.
 void ats_stop();
 
-// Passes the decoded reply in `rcv_arp_data` to IBAT and to the requests waiting for its GID. `mad_stat` is the MAD's
-// status in host order. Completion context only.
+// Passes the decoded reply in `rcv_arp_data` to IBAT and to the pending requests for its GID. Ignores a reply with
+// common status bits. `mad_stat` is the MAD's status in host order. Completion context only.
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats);
 
-// Self-verification of the first `n_hcas` contexts. After end_verification returns, no check runs.
+// Start and end the self-verification of the first `n_hcas` contexts. After end_verification returns, no timer starts a
+// check. The answer to an earlier check may still come, and may cause a Set. end_verification may sleep.
 void start_verification(int32_t n_hcas);
 void end_verification(int32_t n_hcas);
 
@@ -169,26 +186,31 @@ void end_verification(int32_t n_hcas);
 write_proc_t ats_proc_write;
 read_proc_t ats_proc_read;
 
-// Each function returns a text in a buffer of the calling thread. The next call overwrites it.
+// Each function returns a text in a buffer of its own for each thread. The next call of the same function in the same
+// thread overwrites the text.
 const char* print_ibat_stat(ibat_stat_t stat);
 const char* print_ipaddr(uint32_t addr);
 
 // ---- ats-sa ----
 
-// Opens the HCA and registers everything that the SA client needs; sends nothing. Returns 0, or -1; ats_sa_stop then
-// releases the rest. May sleep.
+// Opens the HCA, registers with GSI, and subscribes to port events. The call itself sends nothing: the first link-up
+// event makes the HCA's event thread register the host. Returns 0. Returns -1 on failure; the caller then calls
+// ats_sa_stop, which releases everything. May sleep.
 int32_t ats_sa_init(ats_context_t* ats);
 
-// Deletes the record at the SA and releases everything the context holds. May sleep.
+// Deletes the records of all ports at the SA, and releases everything that the context holds. Does nothing if the HCA
+// is not open. May sleep.
 void ats_sa_stop(ats_context_t* ats);
 
-// Posts one request to the SA through the active port. Returns 0 if it was posted, otherwise -1. The completion context
-// receives the SA's answer, if any. Takes no lock, does not sleep, allocates nothing. `arp_data` is the query of a Get.
+// Posts one request to the SA through the active port: a Set if `is_set`, otherwise a Get (a GetTable with `is_table`)
+// if `is_get`, otherwise a Delete. `arp_data` is the query of a Get. Returns 0 if the request was posted, otherwise -1.
+// The completion context receives the SA's answer, if any. Takes no lock, does not sleep, allocates nothing.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
 
-// The requests of the module. A Set registers the active port's record. The Get of a lookup has `op` ATS_GET_SR_ARP_OP
-// or ATS_GET_SR_RARP_OP. A Delete removes the record that `sm_registered_gid` names.
+// The three requests that the module sends, with the results and contexts of the function above. A Set registers the
+// active port's record. A Get asks for the record of an address (`op` is ATS_GET_SR_ARP_OP) or of a GID
+// (ATS_GET_SR_RARP_OP). A Delete removes the record that `sm_registered_gid` names.
 inline int32_t ats_sa_post_set(ats_context_t* ats)
 {
     return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_SET_SR_OP, nullptr, 1, 0, 0);
@@ -203,35 +225,40 @@ inline int32_t ats_sa_post_delete(ats_context_t* ats)
     return ats_sa_send_service_rec_set_get_del_mad(ats, ATS_DEL_SR_OP, nullptr, 0, 0, 0);
 }
 
-// Sleeps until no delivery is running.
+// Sleeps until `deliveries` is zero: no reply and no time-out is being delivered.
 void ats_wait_for_deliveries(ats_context_t* ats);
 
-// Frees every pending request without a callback. The caller makes sure that no new request can come. After the return
-// no callback of a request runs. May sleep.
+// Frees every pending request without a callback, and waits for callbacks that are running. The caller makes sure that
+// no new request can come. After the return, no callback of a request runs. May sleep.
 void ats_sa_drop_pending_requests(ats_context_t* ats);
 
-// Ask for the record of `arp_data->dst_ip`, or of `arp_data->gid`. Return 0 if posted. Return -1 if there is no active
-// port, a signal came or the send failed. May sleep; `ats_sem` must not be held.
+// ats_sa_arp_send asks the SA for the record of `arp_data->dst_ip`, ats_sa_rarp_send for the record of `arp_data->gid`.
+// Both return 0 if the request was posted. They return -1 if there is no active port, if a signal came, or if the send
+// failed. May sleep. The caller must not hold `ats_sem`.
 int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 
-// Change the identity of one context. If a port is active, register it again at once, otherwise when a port becomes
-// active. Return 0. Return -1 if a signal came, the name is null, or the Set could not be sent; in the last case, the
-// new value is kept. May sleep; `ats_sem` must not be held.
+// These functions change the host name or the address of one context. If a port is active, they delete the record at
+// the SA and post a Set with the new value. Otherwise the context registers the new value when a port becomes active.
+// They return 0. They return -1 if the name is null, if a signal came, or if the Set could not be posted. An address is
+// stored in all cases. A name is not stored if it is null or if a signal came. May sleep. The caller must not hold
+// `ats_sem`.
 int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
 
-// Sleeps until self-verification is not sending a Set. The caller has just changed the active port or the identity. A
-// Set that was started earlier may contain the old value; a Set that starts later contains the new one.
+// Sleeps until self-verification is not sending a Set. Call it after a change of the active port or of the identity,
+// and before the Delete or the Set that follows from the change. After the return, no Set with the old values is sent.
 void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // ---- ats-misc ----
 
-// Reads four decimal numbers between points; ignores other text after each number. Returns ibat_stat_ok, or
-// ibat_stat_error without a change of `*ip`.
+// Reads four decimal numbers that are separated by points. Ignores other text after each number. A field without digits
+// is 0, and a number over 255 is cut to its low 8 bits. Returns ibat_stat_ok. Returns ibat_stat_error, without a change
+// of `*ip`, if the text is too long, has fewer than four fields, or has the number 4294967295.
 ibat_stat_t ats_parseipstr(const char* s, uint32_t* ip);
 
-// Reads "0x" and up to 32 hexadecimal digits. Returns ibat_stat_ok or ibat_stat_error. May overwrite the "x" of `s`.
+// Reads "0x" and up to 32 hexadecimal digits. May overwrite the "x" of `s`. Returns ibat_stat_ok. Returns
+// ibat_stat_error if the text has another form; the value of `*gid` is then undefined.
 ibat_stat_t ats_parsegidstr(char* s, kq_gid_t* gid);
 
 const char* ats_port_state2str(ats_port_state_t state);
