@@ -1,6 +1,6 @@
-// The logger's filter. A trace line has a level. It is printed if both the logger's level and the module's level are at
-// least as high. A line that is not printed only costs the reading of both levels; its arguments are not evaluated. Any
-// context.
+// The trace lines of a module. A trace line has a level. It is printed only if the logger's level and the module's
+// level are both at least as high. If it is not printed, it costs almost nothing: the code compares the two levels and
+// does not evaluate the arguments. ZR_TRACE may be used in any context.
 #pragma once
 
 #include <atomic>
@@ -19,10 +19,11 @@ enum zr_trace_level_t : int32_t {
     ZR_FUNC = 5,  // the most detailed level
 };
 
-// The names of the levels in trace lines.
+// The names of the levels as trace lines show them.
 inline constexpr const char* zrlog_levels[] = {"PANIC  ", "ERROR  ", "WARNING", "INFO   ", "DEBUG  ", "FUNC   "};
 
-// This image's copy of the logger's level. Each module defines it; the loader updates it.
+// The module's own copy of the logger's level. Each module defines this variable and names it in its kernel_module_t.
+// When the logger's level changes, the loader of the kernel writes the new level to it.
 extern std::atomic<int32_t> logger_trace_level;
 
 inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level)
@@ -31,7 +32,7 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
            logger_trace_level.load(std::memory_order_relaxed) >= level;
 }
 
-// Prints `format` with its arguments after "<6>LEVEL : TITLE : OPERATION:(UNIT):", if both levels allow it.
+// Prints "<6>LEVEL : TITLE : OPERATION:(UNIT):" and then `format` with its arguments, if zr_is_traced().
 #define ZR_TRACE(level, module_level, title, operation, unit, format, ...)                                             \
     do {                                                                                                               \
         if (__builtin_expect(zr_is_traced(level, module_level), false))                                                \
@@ -39,12 +40,12 @@ inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level
                    unit __VA_OPT__(, ) __VA_ARGS__);                                                                   \
     } while (false)
 
-// The registry's callback that updates a module's level; `context` points at the level. The logger service implements
-// it.
+// The registry calls this function when a value of the module's key is set. It stores a new "debug-level" in the
+// module's level, to which `context` points.
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
-// Reads the level of a module from the registry key at `key_path` and subscribes to its changes. If the key or its
-// value is missing, logs this and sets the level to 0. May sleep.
+// Sets the module's level to the value "debug-level" of the registry key at `key_path`, and subscribes to changes of
+// this value. If the key or the value is missing, logs a line and sets the level to 0. May sleep.
 inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_level, rep_notifier_t* notifier)
 {
     *module_level = 0;
@@ -58,8 +59,9 @@ inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_le
             printk("ZR_LOGGER: rep_get_value failed for, %s -- disabling logging\n", key_path);
         } else {
             printk("LOGGER: Added key %s, trace level %d\n", key_path, static_cast<int>(level));
-            *module_level = static_cast<int32_t>(level); // before the first change can be reported
-            // If the subscription fails, the level stays as it is.
+            // Set the level before the subscription begins. A change that the registry reports is newer.
+            *module_level = static_cast<int32_t>(level);
+            // If the subscription fails, the level does not change any more.
             (void)rep_notify_key_change(key, REP_NOTIFY_THIS_KEY, REP_NOTIFY_ON_VALUE, trace_lvl_change_cb,
                                         module_level, notifier);
         }
@@ -67,7 +69,8 @@ inline void zr_logger_init(const char* key_path, std::atomic<int32_t>* module_le
     }
 }
 
-// Ends the subscription; the level keeps its last value. The notifier 0 means no subscription. May sleep.
+// Ends the subscription that zr_logger_init has begun. The level keeps its last value. Does nothing if `notifier` is 0.
+// May sleep.
 inline void zr_logger_exit(rep_notifier_t notifier)
 {
     rep_notify_del(notifier);

@@ -1,8 +1,8 @@
-// The version report of a module. The read-only /proc file "dorvex/NAME/version" has one line with the loaded version
-// and its build. One unit of the module includes this header. The unit calls module_version_init at start-up and
-// module_version_exit at shut-down. Both may sleep.
+// The version report of a module: a read-only /proc file "dorvex/NAME/version". Its one line shows the version of the
+// loaded module, the compiler, the kernel, and the date and time of the build. One source file of the module includes
+// this header. It calls module_version_init when the module starts and module_version_exit when it ends.
 //
-// The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL as texts in parentheses.
+// The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL, for example as "(12.2)" with the parentheses.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@
 #define MODULE_VERSION_KERNEL ""
 #endif
 
-// The report line; null before start-up and after shut-down.
+// The line of the report; null before module_version_init and after module_version_exit.
 inline char* module_banner;
 
 inline bool version_is_space(char c)
@@ -43,8 +43,9 @@ inline char* ktrim(char* str)
     return str;
 }
 
-// Copies the value of a revision keyword such as "$Name: ATS_1_21 $" into `value`. Cuts it to the size of `value`, and
-// returns it without white space at its ends. Null if `text` is not a keyword.
+// Takes the value ("ATS_1_21") out of the text of a revision keyword ("$Name: ATS_1_21 $"), and cuts it to the size of
+// `value`. Returns a pointer into `value`: the text without white space at its ends. Returns null if `text` is not a
+// keyword.
 template <size_t size>
 const char* version_keyword_value(const char* text, char (&value)[size])
 {
@@ -58,7 +59,7 @@ const char* version_keyword_value(const char* text, char (&value)[size])
     return ktrim(value);
 }
 
-// Returns the report line, or null without memory. The caller frees it with kfree.
+// Returns the line of the report, or null if there is no memory. The caller frees it with kfree. May sleep.
 inline char* build_module_ver_str(const char* module_name, const char* version_string, const char* tag_name)
 {
     const char* name = check_str_notempty(module_name, "Unknown");
@@ -66,7 +67,7 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     char version_value[10];
     if (const char* value = version_keyword_value(version, version_value)) version = check_str_notempty(value, "0");
 
-    // A tag that is not a keyword is not shown.
+    // If the tag is not a keyword, the report shows "NoTag".
     char tag_value[30];
     const char* tag = version_keyword_value(check_str_notempty(tag_name, "NoTag"), tag_value);
     tag = check_str_notempty(tag, "NoTag");
@@ -82,13 +83,13 @@ inline char* build_module_ver_str(const char* module_name, const char* version_s
     return line;
 }
 
-// A path is a record without allocated memory: the removal of an entry must not fail, because its handler will be
-// unmapped.
+// A path in /proc. It needs no allocated memory, so that the removal of the entry cannot fail for lack of memory. The
+// entry must be removed, because its read handler is unmapped together with the module.
 struct version_path_t {
     char text[128];
 };
 
-// Sets the path to "dorvex/NAME" and `rest`. False if the name is null or too long.
+// Sets the path to "dorvex/NAME" followed by `rest`. Returns false if the name is null or the path is too long.
 inline bool module_proc_str_create(version_path_t* path, const char* module_name, const char* rest)
 {
     const int length = module_name ? snprintf(path->text, sizeof path->text, "dorvex/%s%s", module_name, rest) : -1;
@@ -106,7 +107,8 @@ inline int version_read_proc(char* page, char** start, off_t off, int count, int
     return static_cast<int>(rest < 0 ? 0 : rest < count ? rest : count);
 }
 
-// Creates the file's entry and the missing directories above it.
+// Creates the file at `path` and, if they are missing, the directories "dorvex" and `directory`. Returns null on
+// failure.
 inline proc_dir_entry* version_create_entry(const char* path, const char* directory)
 {
     if (proc_dir_entry* entry = create_proc_entry(path, 0)) return entry;
@@ -114,7 +116,8 @@ inline proc_dir_entry* version_create_entry(const char* path, const char* direct
     return has_directories ? create_proc_entry(path, 0) : nullptr;
 }
 
-// Creates the file. The texts may be null. Returns 0, or -1 without a file. May sleep.
+// Creates the report. The texts may be null. Returns 0. Returns -1 if there is no memory, if the name is null or too
+// long, or if the file cannot be created; nothing is allocated then. May sleep.
 inline int32_t module_version_init(const char* module_name, const char* version_string, const char* tag_name)
 {
     module_banner = build_module_ver_str(module_name, version_string, tag_name);
@@ -132,8 +135,8 @@ inline int32_t module_version_init(const char* module_name, const char* version_
     return 0;
 }
 
-// Removes the file; the directories stay for the next load. Returns 0, or -1 if the name is null or too long. May
-// sleep.
+// Removes the file. The directories stay for the next load of the module. Returns 0. Returns -1 and removes nothing if
+// the name is null or too long. May sleep.
 inline int32_t module_version_exit(const char* module_name)
 {
     version_path_t path;

@@ -1,13 +1,14 @@
-// The trace lines of ats. Before a unit includes this, it defines ATS_TRACE_UNIT, its name in trace lines.
+// Macros for the trace lines of the ats module. Before a source file includes this header, it defines ATS_TRACE_UNIT as
+// the file name that its trace lines show.
 #pragma once
 
 #include "logger.h"
 
-MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // follows the registry
-MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to the registry; 0: none
+MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // the module's level; changes when its registry value is set
+MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to changes of the level; 0: no subscription
 
-// Writes a trace line under the name `operation`. A helper function passes its caller's name. The macros below use the
-// name of the enclosing function.
+// Prints a trace line that shows `operation` as the name of the function. A helper function passes the name of its
+// caller. The macros below pass the name of the enclosing function.
 #define ATS_TRACE_AS(operation, level, ...)                                                                            \
     ZR_TRACE(level, ATS_trace_level, "ATS", operation, ATS_TRACE_UNIT, __VA_ARGS__)
 

@@ -1,4 +1,6 @@
-// The GSI layer: management datagrams to and from QP1 of every port (IBA volume 1, 13.5).
+// The GSI layer: sends and receives management datagrams (MADs) through QP1 of every port (IBA volume 1, 13.5). A
+// client registers for a management class on a port, takes datagrams from a pool, and posts them. GSI calls the
+// client's callbacks for sent datagrams and for received responses.
 #pragma once
 
 #include "kernel/export.h"
@@ -10,7 +12,8 @@ struct gsi_dtgrm_pool_t;
 using gsi_class_handle_t = gsi_class_t*;
 using gsi_dtgrm_pool_handle_t = gsi_dtgrm_pool_t*;
 
-// One datagram, exchanged between the GSI layer and its clients. Packed: separately built binaries share the layout.
+// One datagram with its remote address. GSI and its clients exchange pointers to it. They are separately built
+// binaries: the record is packed, so that all of them have the same layout.
 struct __attribute__((packed)) gsi_dtgrm_t {
     uint8_t priv[104]; // for the GSI layer only
     uint8_t mad[MAD_SIZE];
@@ -19,11 +22,13 @@ struct __attribute__((packed)) gsi_dtgrm_t {
     int32_t rmpp_payload_size;
     void* rmpp_context;
     int32_t rmpp_dir_switch_needed;
-    uint32_t rqp;     // remote QP number, in host order like all following fields
-    uint32_t rqk;     // remote Q_Key; the GSI layer replaces 0 with that of QP1
-    uint16_t rlid;    // remote LID
+    // The remote address: the destination of a datagram to send, the source of a received one. All fields are in host
+    // order.
+    uint32_t rqp;     // QP number
+    uint32_t rqk;     // Q_Key; GSI sends with the Q_Key of QP1 if it is 0
+    uint16_t rlid;    // LID
     uint8_t sl;       // service level
-    int32_t pkey_idx; // P_Key table index; the pool sets 0, the index of the P_Key that clients advertise
+    int32_t pkey_idx; // index in the local port's P_Key table; gsi_dtgrm_pool_get sets it to 0
     uint64_t guid;
     uint8_t path_bits;
     uint8_t static_rate;
@@ -41,46 +46,50 @@ static_assert(offsetof(gsi_dtgrm_t, guid) == 423 && offsetof(gsi_dtgrm_t, path_b
 static_assert(offsetof(gsi_dtgrm_t, static_rate) == 432 && offsetof(gsi_dtgrm_t, is_marked_for_release) == 433);
 static_assert(offsetof(gsi_dtgrm_t, is_in_use) == 434);
 
-// Called in the HCA's completion context: one completion of an HCA at a time, in order; must not sleep. The callee then
-// owns the datagram and returns it with gsi_dtgrm_pool_put.
+// A client's callback for one sent or received datagram. GSI calls it in the HCA's completion context: one callback of
+// an HCA at a time, in the order of the datagrams. The callback must not sleep. With the call, the client becomes the
+// owner of the datagram, and later returns it with gsi_dtgrm_pool_put.
 using gsi_completion_fn_t = void (*)(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* dtgrm);
 
-// All calls that return int return 0 on success and a negative number on failure.
+// All calls below that return int return 0 on success and a negative error number (kernel/errno.h) on failure.
 
-// Registers a client for one management class on one port. The two int arguments after the port switch on redirection
-// and RMPP; 0 means off. `receive_callback` gets the responses of the class that arrive on the port. A callback may
-// come before the call returns; the handle is stored before the first callback.
+// Registers a client for one management class on one port. Fails if another client has registered for the same class
+// and port. `redirection` and `rmpp` must be 0 (off). `receive_callback` gets the responses of the class that arrive on
+// the port, except the answers to clients that have joined the class. `context` is passed to both callbacks. GSI stores
+// `*handle` before it calls a callback; the first callback may come before this call returns. May sleep.
 KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                                   int redirection, int rmpp, gsi_completion_fn_t send_callback,
                                   gsi_completion_fn_t receive_callback, void* context, gsi_class_handle_t* handle);
 
-// Joins a class on one port. Another client may have registered the class. The new client sends its own requests and
-// gets only the answers to these. The client writes a TransactionID into each datagram. GSI keeps the low 24 bits and
-// sets the high bits. The low 24 bits must differ between the client's requests in flight. An answer has the
-// TransactionID of its request. The rest is as in gsi_register_class.
+// Joins a class on one port, for which another client may be registered. The joining client gets only the answers to
+// its own requests. It writes a TransactionID into each datagram. GSI keeps the low 24 bits and replaces the high bits.
+// The low 24 bits must differ between the client's requests in flight: the client finds the request of an answer by
+// them. The arguments and results are those of gsi_register_class.
 constexpr uint64_t gsi_joined_transaction_bits = 0xFFFFFF;
 KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                               gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
                               gsi_class_handle_t* handle);
 
-// Ends a registration of either kind. Fails, and changes nothing, while a datagram of the class is in flight or a
-// callback of it runs. The caller then tries again later. After success no callback of the class runs.
+// Ends a registration of either kind. Fails, and changes nothing, while a datagram of this client is being sent or
+// delivered, or while one of its callbacks runs. The caller then tries again later. After success, no callback of this
+// client runs. Any context.
 KERNEL_API int gsi_deregister_class(gsi_class_handle_t handle);
 
-// Creates a pool of `size` datagrams. Reports show its name. May sleep.
+// Creates a pool of `size` datagrams and stores it in `*pool`. Error messages show `name`. May sleep.
 KERNEL_API int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, const char* name);
 
-// Destroys a pool. It is a hard error if a datagram was not returned; the message shows the history of that datagram.
-// May sleep.
+// Destroys a pool. If a datagram was not returned to the pool, this is a hard error (the program ends); the message
+// shows the history of the datagram. May sleep.
 KERNEL_API int gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool);
 
-// Takes one free datagram. Fails if none is free. Allocates nothing. Any context.
+// Takes one free datagram and stores it in `*dtgrm`. Fails if no datagram is free. Allocates nothing. Any context.
 KERNEL_API int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm);
 
 // Returns a datagram to its pool. Any context. Returning it twice is a hard error.
 KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
 
-// Queues the datagram's MAD for sending and assigns its TransactionID (see gsi_join_class). Stores the TransactionID
-// (host order) in `transaction_id` unless null. On success, the GSI layer owns the datagram until it calls
-// `send_callback`. On failure, the caller still owns it. Any context; allocates nothing.
+// Sends the datagram's MAD. GSI assigns the TransactionID (see also gsi_join_class), and stores it in host order in
+// `*transaction_id` unless the pointer is null. On success, GSI owns the datagram until it calls the client's send
+// callback, which may happen before this call returns. On failure, the caller still owns the datagram. Allocates
+// nothing. Any context.
 KERNEL_API int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id);

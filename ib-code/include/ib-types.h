@@ -1,4 +1,5 @@
-// InfiniBand base types of the stack.
+// The base types of the InfiniBand stack: GIDs, LIDs, P_Keys, and numbers in wire order. Values for calculation and
+// values on the wire have different types, so that the compiler finds a missing conversion.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +14,8 @@ struct kq_gid_t {
 };
 static_assert(sizeof(kq_gid_t) == 16 && offsetof(kq_gid_t, subnet) == 8);
 
-// The format of every GID: `subnet` first, then `eui64`, each cast to unsigned long long. The argument is evaluated
-// twice.
+// The printf format of a GID and its two arguments: the subnet prefix, then the interface identifier. KQ_GID_ARGS
+// evaluates its argument twice.
 #define KQ_GID_FORMAT "0x%016LX%016LX"
 #define KQ_GID_ARGS(gid) static_cast<unsigned long long>((gid).subnet), static_cast<unsigned long long>((gid).eui64)
 
@@ -22,8 +23,8 @@ using kq_lid_t = uint16_t;
 using kq_p_key_t = uint16_t;
 using kq_port_num_t = uint8_t;
 
-// Numbers in wire order (most significant byte first). They are byte aligned, so wire records need no packing. They
-// have no arithmetic: from_wire and to_wire convert them.
+// Numbers in wire order (most significant byte first). Their alignment is 1, so records made of them have no padding.
+// They have no arithmetic: from_wire and to_wire convert them.
 struct be16_t {
     uint8_t bytes[2];
 };

@@ -1,18 +1,19 @@
-// IBAT, the IP-over-InfiniBand address translation module: the record of a resolution, its status codes, and the
-// functions that IBAT publishes by inter-module name.
+// The interface of IBAT, the IP-over-InfiniBand address translation module. IBAT keeps a cache of IPv4 addresses and
+// their GIDs. Another module, the resolver, attaches itself to IBAT and asks the SA for addresses that are not in the
+// cache. This file has the record of a resolution, its status codes, and the functions between IBAT and the resolver.
 #pragma once
 
 #include "ib-types.h"
 
 enum ibat_stat_t : int32_t {
     ibat_stat_ok = 0,
-    ibat_stat_pending = -253,   // request sent; the answer comes through a callback
+    ibat_stat_pending = -253,   // the request was sent; the answer comes through a callback
     ibat_stat_timeout = -254,   // no answer came in time
     ibat_stat_error = -255,     // the operation failed
     ibat_stat_not_found = -256, // the SA has no matching record
 };
 
-// A PathRecord in host order (IBA 15.2.5.16). Modules only pass it on.
+// A PathRecord in host order (IBA 15.2.5.16). IBAT stores the SA's answer in it.
 struct ib_path_record_v2_t {
     uint32_t reserved0;
     uint32_t reserved1;
@@ -45,16 +46,17 @@ static_assert(offsetof(ib_path_record_v2_t, dlid) == 40 && offsetof(ib_path_reco
 static_assert(offsetof(ib_path_record_v2_t, traffic_class) == 48 && offsetof(ib_path_record_v2_t, pkey) == 50);
 static_assert(offsetof(ib_path_record_v2_t, preference) == 57 && offsetof(ib_path_record_v2_t, reserved2) == 58);
 
-// Bits of ibat_arp_data_t::mask: which fields are valid.
+// Bits of ibat_arp_data_t::mask. Each of the first four bits says that one field of the record is valid.
 constexpr uint32_t IBAT_MASK_SRC_IP = 0x1;
 constexpr uint32_t IBAT_MASK_DST_IP = 0x2;
 constexpr uint32_t IBAT_MASK_GID = 0x4;
 constexpr uint32_t IBAT_MASK_LOCAL_PORT_NUM = 0x200;
-constexpr uint32_t IBAT_MASK_STATIC = 0x8000; // the answer is the receiving port's own address: never expire it
+constexpr uint32_t IBAT_MASK_STATIC = 0x8000; // the address is this host's own: the cache does not let it expire
 
 constexpr uint16_t IBAT_ARP_REPLY = 2;
 
-// Separately built modules exchange pointers to it, so its layout must not change.
+// The record of a resolution: a question, and later its answer. Separately built modules exchange pointers to it.
+// Therefore its layout must not change.
 struct ibat_arp_data {
     uint32_t mask;
     uint16_t arp_operation;
@@ -83,27 +85,34 @@ static_assert(offsetof(ibat_arp_data_t, secondary_path) == 56 && offsetof(ibat_a
 static_assert(offsetof(ibat_arp_data_t, paths_count) == 68 && offsetof(ibat_arp_data_t, paths) == 72);
 static_assert(offsetof(ibat_arp_data_t, context) == 264);
 
-// Finds the interface that owns an address. No attaching module supplies such a function today; they pass null.
+// Finds the interface that owns an address. IBAT does not use it; a resolver passes null.
 using get_if_info_fn_t = ibat_stat_t (*)(uint32_t ip, kq_p_key_t* p_key, uint32_t* qkey, int* hca, int* port);
 
-// Asks for the GID of `arp_data->dst_ip`. Returns at once, with ibat_stat_ok if the request was sent. The answer comes
-// through ibat_process_arp_data. May sleep.
+// The resolver's function that asks the SA for the GID of `arp_data->dst_ip`. `context` is the argument of the attach
+// call. IBAT passes 0 as `send_class_port_info`. Returns ibat_stat_ok if the request was sent; it does not wait for the
+// answer. The resolver passes the answer to IBAT through ibat_process_arp_data_fn_t. May sleep.
 using send_arp_data_fn_t = ibat_stat_t (*)(ibat_arp_data_t* arp_data, void* context, int send_class_port_info);
 
-// Attaches a resolver. IBAT keeps `send_arp` and `context`, stores its handle, and may call `send_arp` from then on.
+// IBAT publishes the next four functions under the names "ibat_attach_fn", "ibat_detach_fn", "ibat_process_arp_data_fn"
+// and "ibat_seq_cache_lookup_fn". inter_module_get (kernel/module.h) finds them.
+
+// Attaches a resolver. IBAT keeps `send_arp` and `context`, and stores a handle for ibat_detach_fn_t in `*handle`. It
+// may call `send_arp` before this call returns. Returns ibat_stat_error if a resolver is attached already.
 using ibat_attach_fn_t = ibat_stat_t (*)(get_if_info_fn_t get_if_info, send_arp_data_fn_t send_arp, void* context,
                                          void** handle);
 
-// Ends the attachment. After the return, IBAT makes no calls through it. May sleep.
+// Ends the attachment. After the return, IBAT does not call `send_arp` any more. Returns ibat_stat_error if the handle
+// is not that of the attachment. May sleep.
 using ibat_detach_fn_t = ibat_stat_t (*)(void* handle);
 
-// Passes an ARP reply to IBAT: `src_ip` is the answered host's address, `gid` its GID, `dst_ip` the own address. IBAT
-// copies the reply before it returns. Does not sleep.
+// Passes an answer of the SA to IBAT in the form of an ARP reply: `src_ip` is the address that was asked for, `gid` its
+// GID (all zero: the SA has no record), `dst_ip` the address of this host. IBAT copies the reply before it returns.
+// Returns ibat_stat_error if the record is not a usable reply. Does not sleep.
 using ibat_process_arp_data_fn_t = ibat_stat_t (*)(ibat_arp_data_t* arp_data);
 
-// Searches the cache for a GID. Returns ibat_stat_ok on a hit, with the record filled and the address in `dst_ip`. Does
-// not sleep.
+// Searches the cache for a GID. On a hit, returns ibat_stat_ok and fills the record; the address is in `dst_ip`.
+// Otherwise returns ibat_stat_not_found. Does not sleep.
 using ibat_seq_cache_lookup_fn_t = ibat_stat_t (*)(kq_gid_t* gid, ibat_arp_data_t* arp_data);
 
-// The completion callback of a resolution. The record is valid only during the call.
+// The callback that ends a resolution with ibat_stat_pending. The record is valid only during the call.
 using ibat_get_ib_data_reply_fn_t = void (*)(ibat_stat_t status, ibat_arp_data_t* arp_data, void* user_context);

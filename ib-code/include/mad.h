@@ -1,4 +1,5 @@
-// The common management datagram (IBA volume 1, 13.4): 256 bytes, of which the first 24 are the header.
+// The management datagram (MAD) that is common to all management classes (IBA volume 1, 13.4): 256 bytes, of which the
+// first 24 are the header.
 #pragma once
 
 #include "ib-types.h"
@@ -8,9 +9,9 @@ constexpr size_t MAD_SIZE = 256;
 constexpr uint8_t MAD_BASE_VERSION = 1;
 constexpr uint8_t MAD_CLASS_SUBN_ADM = 0x03; // IBA 15.2.1
 constexpr uint8_t MAD_CLASS_VERSION_SUBN_ADM = 2;
-constexpr uint8_t MAD_METHOD_RESPONSE = 0x80; // the R bit, as a bit of the method byte
+constexpr uint8_t MAD_METHOD_RESPONSE = 0x80; // the R bit in the byte that also has the method
 
-// IBA 13.4.5 and 15.2.2
+// Methods (IBA 13.4.5 and 15.2.2), without the R bit.
 constexpr uint8_t MAD_METHOD_GET = 0x01;
 constexpr uint8_t MAD_METHOD_SET = 0x02;
 constexpr uint8_t MAD_METHOD_GET_TABLE = 0x12;
@@ -45,9 +46,8 @@ struct mad_hdr_t {
             be16_t reserved;
         } ns;
     } u;
-    be64_t transact_id; // written by the GSI layer when the datagram is posted
-    // A GSI client sees it in host order. The GSI layer converts it to and from wire order.
-    uint16_t attrib_id;
+    be64_t transact_id; // GSI writes it when the datagram is posted
+    uint16_t attrib_id; // GSI clients see it in host order; GSI converts it when it sends and receives
     be16_t reserved;
     be32_t attrib_modifier;
 };

@@ -1,4 +1,5 @@
-// Subnet Administration datagrams (IBA volume 1, 15.2) and the ServiceRecord they carry (15.2.5.14).
+// The datagrams of Subnet Administration (IBA volume 1, 15.2), and the two records in their payload that this stack
+// uses: ServiceRecord (15.2.5.14) and PathRecord (15.2.5.16).
 #pragma once
 
 #include "mad.h"
@@ -57,7 +58,7 @@ struct ib_service_record_v2_t {
     wire_gid_t service_gid;
     be16_t service_pkey;
     be16_t reserved1;
-    be32_t service_lease; // seconds; all ones means for ever
+    be32_t service_lease; // seconds; 0xFFFFFFFF means that the record does not expire
     uint8_t service_key[16];
     char service_name[64];
     uint8_t service_data8[16];
@@ -88,10 +89,10 @@ enum service_record_component_t : int {
     SR_COMPONENT_SERVICE_LEASE = 4,
     SR_COMPONENT_SERVICE_KEY = 5,
     SR_COMPONENT_SERVICE_NAME = 6,
-    SR_COMPONENT_SERVICE_DATA8 = 7,   // 16 of them, one per byte
-    SR_COMPONENT_SERVICE_DATA16 = 23, // 8, one per 16-bit number
-    SR_COMPONENT_SERVICE_DATA32 = 31, // 4
-    SR_COMPONENT_SERVICE_DATA64 = 35, // 2
+    SR_COMPONENT_SERVICE_DATA8 = 7,   // first of 16 bits, one for each byte
+    SR_COMPONENT_SERVICE_DATA16 = 23, // first of 8 bits, one for each 16-bit number
+    SR_COMPONENT_SERVICE_DATA32 = 31, // first of 4 bits
+    SR_COMPONENT_SERVICE_DATA64 = 35, // first of 2 bits
     SR_COMPONENT_COUNT = 37,
 };
 
@@ -102,12 +103,12 @@ struct ib_path_record_wire_t {
     wire_gid_t sgid;
     be16_t dlid;
     be16_t slid;
-    be32_t route; // raw traffic (1 bit), reserved (3), flow label (20), hop limit (8)
+    be32_t route; // from the most significant bit: raw traffic (1 bit), reserved (3), flow label (20), hop limit (8)
     uint8_t traffic_class;
-    uint8_t reversible_numb_path; // 1 bit and 7
+    uint8_t reversible_numb_path; // Reversible (1 bit) and NumbPath (7)
     be16_t p_key;
-    be16_t qos_class_sl; // 12 bits and 4
-    uint8_t mtu;         // each of the next three: a selector (2 bits) and the value (6)
+    be16_t qos_class_sl; // QosClass (12 bits) and SL (4)
+    uint8_t mtu;         // `mtu`, `rate` and `packet_lifetime` each have a selector (2 bits) and a value (6)
     uint8_t rate;
     uint8_t packet_lifetime;
     uint8_t preference;

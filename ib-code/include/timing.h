@@ -1,4 +1,5 @@
-// The timing service: one-shot timers on the kernel clock.
+// The timing service: one-shot timers on the kernel clock. The caller owns the record of a timer. The service calls the
+// timer's function once in each armed period.
 #pragma once
 
 #include <cstdint>
@@ -9,18 +10,20 @@ struct timing_t {
     unsigned long expires; // absolute, in ticks
     void (*function)(unsigned long data);
     unsigned long data;
-    // True if the handler never sleeps. It then runs in the timer context, before the handlers that may sleep. A
-    // blocking call in it is a hard error.
+    // True if `function` never sleeps. The service then calls it in the timer context, before the functions of other
+    // due timers that may sleep. If it makes a call that may sleep, the program ends with an error.
     bool atomic;
 };
 
-// Prepares a record; every field becomes zero. The record must stay in place until it is deleted.
+// Prepares a record: every field becomes zero. The record must exist, at the same address, until del_timing_sync has
+// returned. May sleep.
 KERNEL_API void init_timing(timing_t* timer);
 
-// Arms the timer. When the clock reaches `expires` (at once if it already has), `function` is called once with `data`.
-// `function` may arm the timer again. Arming an armed timer changes its time. Any context.
+// Arms the timer. When the clock reaches `expires`, the service calls `function` once with `data`. If the clock has
+// already reached `expires`, the service calls it at once. `function` may arm the timer again. If the timer is armed,
+// the call changes its time. Any context.
 KERNEL_API void add_timing(timing_t* timer);
 
-// Disarms the timer and waits until its function does not run. Also disarms the timer if its function has armed it
-// again. May sleep; the function itself must not call this.
+// Disarms the timer. If `function` is running, waits until it has returned, and ignores its attempts to arm the timer
+// again. `function` must not delete its own timer. May sleep.
 KERNEL_API void del_timing_sync(timing_t* timer);

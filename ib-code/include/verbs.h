@@ -1,4 +1,5 @@
-// The verbs layer: HCAs, their ports and their events (IBA volume 1, chapter 11).
+// The verbs layer (IBA volume 1, chapter 11): lists and opens HCAs, reads the attributes of their ports, and reports
+// port events to subscribers.
 #pragma once
 
 #include "ib-types.h"
@@ -7,9 +8,9 @@
 enum kq_return_t : int32_t {
     kq_return_ok = 0,
     kq_return_err_general = -176,
-    kq_return_err_invalid_hca = -177,  // no such HCA, or a stale handle
-    kq_return_err_invalid_port = -178, // the HCA has no port of that number
-    kq_return_err_busy = -179,         // the HCA still has a subscription
+    kq_return_err_invalid_hca = -177,  // no HCA has this name, or the handle was closed
+    kq_return_err_invalid_port = -178, // the HCA has no port with this number
+    kq_return_err_busy = -179,         // the handle has a subscription to events
 };
 
 struct kq_hca;
@@ -20,7 +21,7 @@ struct kq_hca_name {
 };
 
 struct kq_hca_attrib_t {
-    uint8_t port_num; // how many ports the HCA has
+    uint8_t port_num; // number of ports of the HCA
 };
 
 enum kq_mtu_t : int32_t {
@@ -64,7 +65,7 @@ struct kq_port_attrib_t {
     kq_port_cap_mask_t port_capability_support;
 };
 
-// One bit per kind of event.
+// The kinds of events, one bit for each. The hosted stack reports link up, link down and SM change.
 enum kq_async_record_t : uint32_t {
     kq_async_r_path_migrated_ev = 0x1,
     kq_async_r_com_est_ev = 0x2,
@@ -106,7 +107,7 @@ union type_ev_re_un {
         void* context;
     } eec;
     kq_gid_t gid;
-    uint64_t data; // SM change: the new SM LID
+    uint64_t data; // for kq_async_r_port_sm_change: the LID of the new SM
 };
 
 struct kq_event_record_st {
@@ -125,36 +126,39 @@ enum kq_request_async_record_t : int32_t {
 
 struct kq_request_event_record_t {
     kq_request_async_record_t req_event_type;
-    void* type; // a handle for kinds that concern one object; unused for kq_async_even_all
+    void* type; // unused for kq_async_even_all
 };
 
-// Runs in a thread of its HCA and may sleep. The events of one HCA come one at a time.
+// A subscriber's callback. The HCA's event thread calls it, for one event at a time. It may sleep.
 using kq_async_event_fn_t = void (*)(kq_event_record_st event_record);
 
 // All calls below may sleep.
 
-// Fills the first records of `names`, at most `capacity`, with the names of the present HCAs. Returns the number of
-// filled records, or a negative status.
+// Stores the names of the HCAs of this host in `names`, at most `capacity` of them. Returns the number of stored names,
+// or a negative kq_return_t.
 KERNEL_API int kq_list_hcas(kq_hca_name* names, int capacity);
 
-// Opens an HCA for shared use (`flags` 0 is the only mode) and stores its handle. The caller closes it.
+// Opens an HCA and stores its handle in `*hca`. `flags` must be 0: others may open the HCA, too. The caller closes the
+// handle.
 KERNEL_API kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca);
 
-// Closes an HCA; its handle becomes stale. Returns kq_return_err_busy while the handle has a subscription.
+// Closes a handle. Returns kq_return_err_busy while the handle has a subscription.
 KERNEL_API kq_return_t kq_hca_close(kq_hca_h_t hca);
 
-// kq_hca_query returns the number of ports of the HCA. kq_port_query returns the attributes that the port has at the
+// kq_hca_query stores the number of ports of the HCA. kq_port_query stores the attributes that the port has at the
 // moment of the call.
 KERNEL_API kq_return_t kq_hca_query(kq_hca_h_t hca, kq_hca_attrib_t* attributes);
 KERNEL_API kq_return_t kq_port_query(kq_hca_h_t hca, kq_port_num_t port, kq_port_attrib_t* attributes);
 
-// `*count` is the capacity on entry and the number of entries stored on return.
+// Copy the first entries of the port's GID table or P_Key table. The caller sets `*count` to the capacity of the array;
+// the call sets it to the number of copied entries.
 KERNEL_API kq_return_t kq_get_port_gid_tbl(kq_hca_h_t hca, kq_port_num_t port, int* count, kq_gid_t* gids);
 KERNEL_API kq_return_t kq_get_port_partition_tbl(kq_hca_h_t hca, kq_port_num_t port, int* count, kq_p_key_t* p_keys);
 
-// Subscribes to the HCA's events. A link-up event follows at once for every port that is active already.
+// Subscribes to the HCA's events. A handle has at most one subscription; the call returns kq_return_err_busy for a
+// second one. For every port that is active already, the event thread reports a link-up event at once.
 KERNEL_API kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
                                                        kq_async_event_fn_t callback);
 
-// Ends the subscription. After the return, the callback does not run.
+// Ends the subscription. After the return, the callback does not run. The callback itself must not call this.
 KERNEL_API kq_return_t kq_dell_sleepable_async_event_cb(kq_hca_h_t hca, kq_async_event_fn_t callback);

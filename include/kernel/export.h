@@ -1,8 +1,9 @@
-// Makes symbols of the kernel and of modules visible to other images.
+// Marks the symbols that the kernel and the modules share. A module is a shared object of its own; the loader connects
+// its undefined symbols with those of the kernel.
 #pragma once
 
-// A function or variable that modules may use. C linkage: modules find it by its plain name.
+// Declares a kernel function that modules may call. It has C linkage, so its symbol is its plain name.
 #define KERNEL_API extern "C" __attribute__((visibility("default")))
 
-// A symbol that a module exports to other modules and to the loader. All others are hidden.
+// Declares a symbol of a module that the loader and other modules can find. All other symbols of a module are hidden.
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))

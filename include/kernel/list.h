@@ -1,5 +1,6 @@
 // A circular doubly linked list. Its links are members of the listed records. No operation allocates, locks or fails.
-// The caller guards the list. Only list_empty may be called without the guard; its result is then a hint.
+// The caller protects the list with a lock of its own. Only list_empty may be called without the lock; its result may
+// then be out of date.
 #pragma once
 
 #include <cstddef>
@@ -48,5 +49,5 @@ inline void list_del_init(list_head* entry)
     list_init(entry);
 }
 
-// Returns the record of type `type` whose member `member` is `link`.
+// Returns a pointer to the record of type `type` that contains `*link` as its member `member`.
 #define list_entry(link, type, member) (reinterpret_cast<type*>(reinterpret_cast<char*>(link) - offsetof(type, member)))

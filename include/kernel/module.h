@@ -1,4 +1,5 @@
-// The declaration of a loadable module, and the registry through which modules find each other's functions.
+// The declaration of a loadable module, and the inter-module calls: a module publishes a function under a name, and
+// other modules find the function by this name. A "hard error" ends the program with a message.
 #pragma once
 
 #include <atomic>
@@ -18,13 +19,15 @@ struct module_parameter_t {
     const char* description;
 };
 
-// Increment it when the layout of kernel_module_t, or of a record that it points to, changes.
+// The version of the layout of kernel_module_t and of the records to which it points. Increment it with each change of
+// the layout.
 constexpr int32_t module_record_version = 2;
 
-// Every module image exports one record under the name `this_module`. The loader refuses an image if the record has
-// another size or version, or has no `name`, `init` or `exit`. Otherwise it sets the parameters, writes the machine's
-// logger level to `logger_level` (unless null), then calls `init`. If `init` returns a negative number, the image is
-// unloaded again. All pointers point into the image itself.
+// The declaration of a module. Every module exports one record of this type under the name `this_module`. All its
+// pointers point into the module's own image. The loader refuses an image if the record has another size or version, or
+// has no `name`, `init` or `exit`. Then the loader sets the parameters, writes the machine's logger level to
+// `*logger_level` (unless the pointer is null), and calls `init`. If `init` returns a negative number, the loader
+// unloads the image.
 struct kernel_module_t {
     int32_t record_version = module_record_version;
     const char* name;
@@ -33,22 +36,26 @@ struct kernel_module_t {
     void (*exit)();
     const module_parameter_t* parameters;
     int32_t parameter_count;
-    std::atomic<int32_t>* logger_level; // the image's copy of the logger's level, which the loader updates
+    std::atomic<int32_t>* logger_level; // the module's copy of the logger's level; the loader updates it
 };
 
 #define THIS_MODULE (&this_module)
 MODULE_EXPORT kernel_module_t this_module;
 
-// Publishes `pointer` under `name` for `owner` and copies the name. A hard error if the name is in use: two modules of
-// one kind cannot work on one machine. Does not sleep.
+// Publishes `pointer` under `name`. The module `owner` cannot be unloaded while others hold references on the name. The
+// call copies the name. It is a hard error if the name is in use: two modules that publish the same function cannot be
+// loaded on one machine. Does not sleep.
 KERNEL_API void inter_module_register(const char* name, kernel_module_t* owner, const void* pointer);
 
-// Removes a name. A hard error if the name is unknown or others hold references. Does not sleep.
+// Removes a published name. It is a hard error if the name is not published, or if others hold references on it. Does
+// not sleep.
 KERNEL_API void inter_module_unregister(const char* name);
 
-// Returns the pointer published under `name` and takes a reference on its owner. The caller returns the reference with
-// inter_module_put. Null if the name is not published or its owner is being unloaded. Does not sleep.
+// Returns the pointer that is published under `name`, and takes a reference on its owner. The caller returns the
+// reference with inter_module_put. Returns null, and takes no reference, if the name is not published or if the owner
+// is being unloaded. Does not sleep.
 KERNEL_API const void* inter_module_get(const char* name);
 
-// Returns one reference that inter_module_get(name) has taken. Does not sleep.
+// Returns one reference that inter_module_get(name) has taken. It is a hard error if there is no such reference. Does
+// not sleep.
 KERNEL_API void inter_module_put(const char* name);

@@ -1,4 +1,5 @@
-// The /proc tree.
+// The /proc tree of a machine: files whose contents come from a module's read handler, and whose writes go to a
+// module's write handler.
 #pragma once
 
 #include <atomic>
@@ -9,23 +10,24 @@
 
 constexpr size_t PROC_PAGE_SIZE = 4096;
 
-// The open file of the writer. Handlers ignore it.
+// The open file of the writer. This kernel passes null to the handlers.
 struct file;
 
-// Fills `page` (PROC_PAGE_SIZE bytes). Sets `*start` to the place in `page` where the answer for offset `off` begins.
-// Sets `*eof` to 1 if the answer reaches the end. Returns the number of bytes from `*start` on, at most `count`, or a
-// negative error number. More bytes are cut off with a line in the log. A `*start` outside of the page is a hard error.
-// May sleep.
+// A read handler. It writes text into `page` (PROC_PAGE_SIZE bytes), and sets `*start` to the place in `page` where the
+// text for the file offset `off` begins. It sets `*eof` to 1 if this text reaches the end of the file. It returns the
+// number of bytes from `*start` on, at most `count`, or a negative error number. The kernel cuts off further bytes and
+// logs a line. If `*start` is outside of the page, the program ends with an error. `data` is that of the entry. May
+// sleep.
 using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof, void* data);
 
-// Handles `count` bytes at `user_buffer`; it reads them with copy_from_user. Returns the number of bytes handled, or a
-// negative error number. May sleep. An entry has one writer at a time. A signal ends a writer's wait for another writer
-// with -EK_RESTARTSYS.
+// A write handler. It reads the `count` bytes at `user_buffer` with copy_from_user. It returns the number of bytes that
+// it has handled, or a negative error number. May sleep. The kernel runs one write of an entry at a time. Another
+// writer waits meanwhile; a signal ends its wait, and its write fails with -EK_RESTARTSYS.
 using write_proc_t = int(struct file* file, const char* user_buffer, unsigned long count, void* data);
 
-// One entry. It can be read or written as soon as the handler is set, even before its module has started. Therefore set
-// `data` and `owner` before the handlers. Once the owner's unloading has begun, its entries cannot be read or written
-// any more.
+// One entry. Its handlers may be called as soon as they are set, even before the module's `init` has returned.
+// Therefore set `data` and `owner` first. When the unloading of the owner has begun, the kernel does not call the
+// handlers any more.
 struct proc_dir_entry {
     std::atomic<read_proc_t*> read_proc;
     std::atomic<write_proc_t*> write_proc;
@@ -33,13 +35,14 @@ struct proc_dir_entry {
     std::atomic<kernel_module_t*> owner;
 };
 
-// Creates a file at `path`, which is relative to the /proc root and has no leading slash. The mode 0 means 0444. Null
-// if a directory on the path is missing, the name already exists, or there is no memory. The tree owns the entry.
+// Creates a file without handlers at `path`, which is relative to the /proc root and has no leading slash. The mode 0
+// means 0444. Returns null if a directory on the path is missing, if the name exists already, or if there is no memory.
+// The tree owns the entry.
 KERNEL_API proc_dir_entry* create_proc_entry(const char* path, mode_t mode);
 
-// Creates a directory, with the rules of create_proc_entry.
+// Creates a directory. The path, the result and the errors are as in create_proc_entry.
 KERNEL_API proc_dir_entry* proc_mkdir(const char* path);
 
-// Removes the entry at `path`, and waits for its running handlers. A missing entry is ignored. A hard error for a
-// directory that is not empty. May sleep.
+// Removes the entry at `path`, and waits until its handlers do not run any more. Does nothing if there is no entry. If
+// the entry is a directory that is not empty, the program ends with an error. May sleep.
 KERNEL_API void remove_proc_entry(const char* path);

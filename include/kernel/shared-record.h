@@ -1,6 +1,7 @@
-// A record that one context writes while another one reads it without a lock: a sequence lock. A reader always gets a
-// whole record. Memory of zeros is a valid zero record. Neither call sleeps. A reader repeats while a writer is active.
-// Therefore it must not interrupt a writer on its own processor.
+// A record that tasks can read without a lock while another task writes it: a sequence lock. load() always returns a
+// record that one store() has written, and never a mixture. Memory that is all zero is a valid shared_record, which
+// contains a record of zeros. load() and store() do not sleep: they spin while another task is in store(). Therefore
+// code that interrupts a store() on the same processor must not call them.
 #pragma once
 
 #include <atomic>
@@ -14,19 +15,19 @@ class shared_record
     static_assert(std::is_trivially_copyable_v<record_t>);
 
   public:
-    // Writers exclude each other for a few instructions. Any context.
+    // Writes the record. Spins while another task is in store(). Any context.
     void store(const record_t& record)
     {
         uint64_t words[word_count] = {};
         memcpy(words, &record, sizeof record);
         uint32_t even = sequence_.load(std::memory_order_relaxed) & ~1u;
         while (!sequence_.compare_exchange_weak(even, even + 1, std::memory_order_acquire)) even &= ~1u;
-        // A reader that sees one of these words also sees the odd number.
+        // If a load() reads one of these words, it then also sees the odd sequence number, and repeats.
         for (size_t i = 0; i < word_count; ++i) words_[i].store(words[i], std::memory_order_release);
         sequence_.store(even + 2, std::memory_order_release);
     }
 
-    // Any context.
+    // Returns the record. Any context.
     record_t load() const
     {
         uint64_t words[word_count];

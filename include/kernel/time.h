@@ -1,4 +1,4 @@
-// The kernel clock: 1000 ticks a second. Its first tick is an arbitrary number.
+// The kernel clock: it counts 1000 ticks a second and starts at an arbitrary number.
 #pragma once
 
 #include "kernel/export.h"
