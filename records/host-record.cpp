@@ -10,7 +10,7 @@ namespace records
 namespace
 {
 
-constexpr uint8_t data16_marker[] = {0x5C, 0x27};
+constexpr uint8_t data16_marker[] = {0x5C, 0x27}; // the first bytes of ServiceData16 in every record of the service
 constexpr size_t host_name_offset = offsetof(ib_service_record_v2_t, service_data32);
 
 const char* meaning_of(uint16_t word)
@@ -63,7 +63,7 @@ ib_service_record_v2_t encode(const host_record& host)
     std::memcpy(record.service_data8 + address_offset, &host.address, sizeof host.address);
     std::memcpy(record.service_data16, data16_marker, sizeof data16_marker);
     char* const name = reinterpret_cast<char*>(&record) + host_name_offset;
-    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): a name of the field's full length has no terminating NUL
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): a name of host_name_size bytes has no terminating NUL
     std::memcpy(name, host.host_name.data(), std::min(host.host_name.size(), host_name_size));
     return record;
 }

@@ -1,6 +1,6 @@
-// The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14). All
-// these records belong to one service. These functions encode, decode and print a record. All functions are pure and
-// may be called in any context.
+// The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14). The
+// records of all hosts have the same service ID and service name. The functions here encode, decode and print a record.
+// They are pure and may be called in any context.
 #pragma once
 
 #include <cstdint>
@@ -20,21 +20,24 @@ constexpr uint32_t infinite_lease = UINT32_MAX;
 // The IPv4 address is in the last four bytes of ServiceData8.
 constexpr size_t address_offset = sizeof ib_service_record_v2_t::service_data8 - sizeof(uint32_t);
 
-// The host name begins in ServiceData32 and continues in ServiceData64. A shorter name is padded with zero bytes.
+// The host name begins in ServiceData32 and continues in ServiceData64. If it is shorter than 30 bytes, zero bytes
+// follow.
 constexpr size_t host_name_size = 30;
 
 struct host_record {
     kq_gid_t gid{};
     uint16_t p_key = 0;
     uint32_t address = 0;  // network order
-    std::string host_name; // up to host_name_size bytes, without conversion
+    std::string host_name; // the bytes of the record up to the first zero byte; at most host_name_size
 };
 
-// True if the record belongs to the service. Only such a record can be decoded.
+// Returns true if the record has the service ID of this service.
 bool is_host_record(const ib_service_record_v2_t& record);
+
+// Decodes a record for which is_host_record() returns true.
 host_record decode(const ib_service_record_v2_t& record);
 
-// Encodes the record that a host registers, with an infinite lease. A name that is too long is cut.
+// Encodes the record that a host registers. It has an infinite lease. A name that is too long is cut.
 ib_service_record_v2_t encode(const host_record& host);
 
 // Formats a GID as "0x" and 32 digits.
