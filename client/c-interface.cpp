@@ -1,4 +1,4 @@
-// The C interface: checks arguments, catches exceptions, and calls the client.
+// Implements client/ats/client.h. Each function checks its arguments, calls class client, and catches all exceptions.
 #include <bit>
 #include <cstddef>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 #include "client/last-error.h"
 #include "client/socket-path.h"
 
-// Programs that are already compiled rely on these layouts.
+// Compiled programs contain these layouts. They must not change.
 static_assert(sizeof(ats_options_t) == 24 && offsetof(ats_options_t, host) == 16);
 static_assert(sizeof(ats_answer_t) == 240 && offsetof(ats_answer_t, gid) == 24 &&
               offsetof(ats_answer_t, reason) == 48 && offsetof(ats_answer_t, path) == 208);
@@ -32,29 +32,31 @@ namespace
 
 thread_local std::string error_text;
 
-constexpr size_t longest_host_bytes = 30; // the limit of a ServiceRecord
+constexpr size_t longest_host_bytes = 30; // the longest host name that a ServiceRecord can contain
 
 constexpr ats_options_t usual_options = ATS_OPTIONS_INIT;
 
-// Runs a call. No exception reaches C code.
+// Runs `call` and returns its status. Converts an exception to an error status: it must not reach C code.
 template <class call_t>
 ats_status_t guarded(call_t call)
 {
     try {
         return call();
     } catch (const std::bad_alloc&) {
-        return failed(ATS_NO_MEMORY, "out of memory"); // a short text, which needs no memory itself
+        return failed(ATS_NO_MEMORY, "out of memory"); // a std::string stores such a short text without allocation
     } catch (const std::exception& error) {
         return failed(ATS_INVALID, error.what());
     }
 }
 
-clock::time_point after(int milliseconds)
+// Returns the deadline of a call. A negative number means no limit.
+clock::time_point deadline_after(int milliseconds)
 {
     return milliseconds < 0 ? clock::time_point::max() : clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
-// Returns the options to use, or null with the error stored. Later versions of the structure are longer, never shorter.
+// Returns the options to use: `options`, or the defaults for null. If they are wrong, stores the error and returns
+// null. A program that was compiled with a later version of the structure passes a larger size, never a smaller one.
 const ats_options_t* checked(const ats_options_t* options)
 {
     if (!options) return &usual_options;
@@ -79,8 +81,8 @@ ats_status_t no_arguments()
     return failed(ATS_INVALID, "a pointer is null");
 }
 
-// Returns the reason why a request cannot be sent, or null if it can be sent. A service closes the connection after a
-// line that is too long, which would end other questions, too.
+// Returns the reason why a request cannot be sent, or null if it can be sent. A line that is too long must not be sent:
+// the service would close the connection, and the client's other questions would end, too.
 const char* fault_of(const std::string& body)
 {
     constexpr size_t longest_body = 65000; // a service accepts lines of 65536 bytes by default
@@ -88,7 +90,7 @@ const char* fault_of(const std::string& body)
     return body.size() > longest_body ? "a request has at most 65000 bytes" : nullptr;
 }
 
-// Returns the error if the options do not fit the lookup, otherwise null.
+// Returns the error if a flag of the options is not allowed for this lookup, otherwise null.
 const char* misuse_of(const lookup& lookup, const ats_options_t& options)
 {
     const bool is_path = lookup.request == std::string_view("path");
@@ -98,6 +100,7 @@ const char* misuse_of(const lookup& lookup, const ats_options_t& options)
     return nullptr;
 }
 
+// Asks a question and waits for its answer.
 ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const std::string& body, ats_answer_t* answer)
 {
     *answer = client->client.ask(*options, body);
@@ -105,8 +108,9 @@ ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const 
     return answer->status;
 }
 
-// Fills the answer of a call that failed before its question was sent.
-ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
+// Completes the answer of a call that has returned `status`. If the call failed before its question was sent, `answer`
+// has another status; it then gets `status` and the text of the last error.
+ats_status_t complete_answer(ats_status_t status, ats_answer_t* answer)
 {
     if (answer && status != ATS_OK && answer->status != status) {
         *answer = {};
@@ -117,7 +121,7 @@ ats_status_t without_answer(ats_status_t status, ats_answer_t* answer)
     return status;
 }
 
-// Checks the arguments of a lookup, and passes options and body to `ask`.
+// Checks the arguments of a lookup, makes its body, and calls `ask` with the options and the body.
 template <class ask_t>
 ats_status_t with_body(const ats_client_t* client, const lookup& lookup, const ats_options_t* options, const ask_t& ask)
 {
@@ -137,7 +141,7 @@ ats_status_t ask(ats_client_t* client, const lookup& lookup, const ats_options_t
     const auto ask_and_wait = [&](const ats_options_t& usable, const std::string& body) {
         return blocking(client, &usable, body, answer);
     };
-    return without_answer(with_body(client, lookup, options, ask_and_wait), answer);
+    return complete_answer(with_body(client, lookup, options, ask_and_wait), answer);
 }
 
 ats_status_t submit(ats_client_t* client, const lookup& lookup, const ats_options_t* options, uint64_t tag)
@@ -147,6 +151,7 @@ ats_status_t submit(ats_client_t* client, const lookup& lookup, const ats_option
     });
 }
 
+// Returns a copy from malloc(), which the program frees with ats_free().
 char* copy_of(const std::string& text)
 {
     char* copy = static_cast<char*>(std::malloc(text.size() + 1));
@@ -255,7 +260,7 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
     size_t count = 0;
     guarded([&] {
         count = timeout_ms == 0 ? client->client.collect(answers, capacity)
-                                : client->client.wait(answers, capacity, client::after(timeout_ms));
+                                : client->client.wait(answers, capacity, client::deadline_after(timeout_ms));
         return ATS_OK;
     });
     return count;
@@ -267,7 +272,7 @@ ats_status_t ats_request_begin(ats_client_t* client, const char* request, int ti
     return guarded([&] {
         const std::string body = client::request_body(request);
         if (const char* reason = client::fault_of(body)) return failed(ATS_INVALID, reason);
-        return client->client.begin_request(body, client::after(timeout_ms));
+        return client->client.begin_request(body, client::deadline_after(timeout_ms));
     });
 }
 
@@ -277,7 +282,7 @@ ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line)
     *line = nullptr;
     return guarded([&] {
         std::string text;
-        const ats_status_t status = client->client.next_request_line(client::after(timeout_ms), text);
+        const ats_status_t status = client->client.next_request_line(client::deadline_after(timeout_ms), text);
         if (status == ATS_OK) *line = client::copy_of(text);
         return status;
     });
@@ -292,7 +297,7 @@ ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_
         const std::string body = client::request_body(request);
         if (const char* reason = client::fault_of(body)) return failed(ATS_INVALID, reason);
         std::string text;
-        const ats_status_t status = client->client.request(body, client::after(timeout_ms), text);
+        const ats_status_t status = client->client.request(body, client::deadline_after(timeout_ms), text);
         if (status == ATS_OK) *answer = client::copy_of(text);
         return status;
     });

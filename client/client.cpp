@@ -10,10 +10,11 @@ namespace client
 namespace
 {
 
-constexpr size_t most_unread_lines = 100'000;         // of an answer that the program does not read
-constexpr size_t most_unsent_bytes = size_t{1} << 20; // of questions that the service does not read
+constexpr size_t most_unread_lines = 100'000;         // lines of one answer that the program has not fetched
+constexpr size_t most_unsent_bytes = size_t{1} << 20; // bytes of questions that the service has not read
 
-ats_answer_t ended(ats_status_t status, std::string_view reason)
+// Returns the answer for a question that has failed.
+ats_answer_t failure(ats_status_t status, std::string_view reason)
 {
     ats_answer_t answer{};
     answer.status = status;
@@ -23,13 +24,14 @@ ats_answer_t ended(ats_status_t status, std::string_view reason)
 }
 
 constexpr const char* no_answer = "the service gave no answer in time";
-constexpr const char* went_away = "the service went away before it answered";
+constexpr const char* lost_service = "the service went away before it answered";
 
 } // namespace
 
 // ---- sending ----
 
-// Starts the conversation on a new connection. If the service is already gone, the next call notices it.
+// Sends the hello on a new connection. Does not report a failure: if the service has already closed the connection, the
+// next send or receive finds this out.
 void client::greet()
 {
     wake_up_.watch_socket(connection_.fd());
@@ -37,7 +39,8 @@ void client::greet()
     connection_.send(hello_line());
 }
 
-// Connects if there is no connection. While the service accepts no connections, waits without the mutex.
+// Connects if there is no connection. While the service accepts no connections, tries again until `deadline`; releases
+// the mutex during the pauses.
 ats_status_t client::connect(lock& guard, clock::time_point deadline)
 {
     constexpr int pause_milliseconds = 5;
@@ -64,44 +67,48 @@ ats_status_t client::connect(lock& guard, clock::time_point deadline)
     return ATS_OK;
 }
 
-// Waits while the service does not read the data sent before.
+// Waits until the unsent output is below its limit. It grows while the service does not read the questions.
 ats_status_t client::drain_output(lock& guard, clock::time_point deadline)
 {
-    const auto has_room = [&] { return connection_.unsent() < most_unsent_bytes; };
+    const auto has_room = [&] { return connection_.unsent_bytes() < most_unsent_bytes; };
     if (wait_until(guard, deadline, has_room)) return ATS_OK;
     return failed(ATS_NO_ANSWER, "the service does not read its questions");
 }
 
-// Sends a question and marks it as outstanding. Gives up at `deadline` if the service does not read.
+// Sends a question and adds it to the open questions. Returns ATS_OK if the question is in open_questions_ or has
+// already got an answer. Returns an error if there is no connection, or if the service does not read until `deadline`;
+// the question then gets no answer.
 ats_status_t client::send(lock& guard, uint64_t id, question question, clock::time_point deadline)
 {
     if (const ats_status_t status = connect(guard, deadline); status != ATS_OK) return status;
     if (const ats_status_t status = drain_output(guard, deadline); status != ATS_OK) return status;
     const std::string line = question.line;
-    if (question.kind == asker::submission) ++submissions_;
-    outstanding_.add(id, std::move(question));
+    if (question.kind == question_kind::submission) ++submissions_;
+    open_questions_.add(id, std::move(question));
     if (connection_.is_open() && connection_.send(line)) return ATS_OK;
     if (is_receiving_) {
-        connection_.hang_up(); // the receiving thread reconnects
+        connection_.hang_up(); // makes the receiving thread reconnect
     } else if (connection_.is_open()) {
-        connection_.wait(clock::time_point::min(), false); // the service may have sent the reason
+        connection_.wait(clock::time_point::min(), false); // the service may have sent why it closes the connection
         take_input(connection::outcome::gone);
     } else {
-        broken();
+        reconnect();
     }
     return ATS_OK;
 }
 
 // ---- receiving ----
 
+// Waits until the condition is true, and receives meanwhile if no other thread does. Returns false at `deadline`. Also
+// ends the open questions whose own deadline passes meanwhile. The caller holds the mutex; the waiting releases it.
 template <class condition_t>
 bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_reached)
 {
     while (!is_reached()) {
         if (clock::now() >= deadline) return false;
-        const auto wait_end = std::min(deadline, outstanding_.first_deadline());
+        const auto wait_end = std::min(deadline, open_questions_.first_deadline());
         if (is_receiving_ || !connection_.is_open())
-            news_.wait_until(guard, wait_end);
+            progress_.wait_until(guard, wait_end);
         else
             receive(guard, wait_end);
         end_overdue();
@@ -109,10 +116,11 @@ bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_
     return true;
 }
 
-// Waits for input. Only one thread at a time does this.
+// Waits for input and processes it. Only one thread at a time is in this function. The caller holds the mutex; the
+// waiting releases it.
 void client::receive(lock& guard, clock::time_point deadline)
 {
-    const bool until_writable = connection_.unsent() > 0;
+    const bool until_writable = connection_.unsent_bytes() > 0;
     is_receiving_ = true;
     guard.unlock();
     connection::outcome outcome = connection_.wait(deadline, until_writable);
@@ -121,9 +129,10 @@ void client::receive(lock& guard, clock::time_point deadline)
     if (!connection_.flush()) outcome = connection::outcome::gone;
     take_input(outcome);
     watch();
-    news_.notify_all();
+    progress_.notify_all();
 }
 
+// Processes the bytes that connection_.wait() has received. `outcome` is its result. After `gone`, reconnects.
 void client::take_input(connection::outcome outcome)
 {
     connection_.take_bytes();
@@ -135,11 +144,12 @@ void client::take_input(connection::outcome outcome)
             take_hello(line);
     }
     if (!connection_.is_open()) return;
-    if (connection_.has_endless_line()) return lose_protocol("the service sends a line without an end");
-    if (outcome == connection::outcome::gone) broken();
+    if (connection_.has_endless_line()) return reject_service("the service sends a line without an end");
+    if (outcome == connection::outcome::gone) reconnect();
 }
 
-// Reads a limited amount, so the caller returns soon.
+// Processes the input that has arrived. Reads at most `most_pieces` times, so that it returns soon even if the service
+// sends without end.
 void client::take_input_without_waiting()
 {
     constexpr int most_pieces = 16;
@@ -165,17 +175,18 @@ void client::take_line(std::string_view line)
 {
     const reply reply = read_reply(line);
     if (!reply.is_valid)
-        return lose_protocol("the program that listens on " + path_ + " does not use the protocol of ats");
+        return reject_service("the program that listens on " + path_ + " does not use the protocol of ats");
     if (!reply.has_id) return;
-    const question* question = outstanding_.find(reply.id);
-    if (!question) return; // its time was already over
-    if (question->kind == asker::request)
+    const question* question = open_questions_.find(reply.id);
+    if (!question) return; // the question has ended before, at its deadline
+    if (question->kind == question_kind::request)
         take_request_line(line);
     else
         end(reply.id, reply.answer);
 }
 
-void client::lose_protocol(const std::string& reason)
+// Closes the connection and ends all open questions, because the service has broken the protocol.
+void client::reject_service(const std::string& reason)
 {
     close_connection();
     end_all(ATS_INVALID, reason);
@@ -187,35 +198,37 @@ void client::take_request_line(std::string_view line)
     const reply reply = read_request_line(line, text);
     request_lines_.push_back(std::move(text));
     if (reply.is_last)
-        outstanding_.take(reply.id);
+        open_questions_.take(reply.id);
     else if (request_lines_.size() == most_unread_lines)
-        end(reply.id, ended(ATS_NO_MEMORY, "the lines of the answer were not read in time"));
+        end(reply.id, failure(ATS_NO_MEMORY, "the lines of the answer were not read in time"));
 }
 
 // ---- connections that break ----
 
-// Stop watching the socket first: a forked child keeps it open, and it would stay readable.
+// Removes the socket from the epoll instance before it closes it. If a child of fork() still has the socket, the close
+// alone does not remove it, and the program's descriptor stays readable.
 void client::close_connection()
 {
     if (connection_.is_open()) wake_up_.forget_socket(connection_.fd());
     connection_.close();
 }
 
-// Reconnects, and repeats each question that was sent only once. Ends the other questions.
-void client::broken()
+// Closes the connection. If there are open questions, connects again and repeats each question that was not repeated
+// before. Ends requests and the other questions with ATS_NOT_CONNECTED.
+void client::reconnect()
 {
     close_connection();
-    if (outstanding_.is_empty()) return;
+    if (open_questions_.is_empty()) return;
     std::string error;
     const bool is_connected = connection_.open(path_, error) == connection::attempt::connected;
     if (is_connected) greet();
-    for (const uint64_t id : outstanding_.all()) {
-        question& question = *outstanding_.find(id);
-        const bool may_resend = is_connected && !question.was_resent && question.kind != asker::request;
+    for (const uint64_t id : open_questions_.all()) {
+        question& question = *open_questions_.find(id);
+        const bool may_resend = is_connected && !question.was_resent && question.kind != question_kind::request;
         if (may_resend && connection_.send(question.line))
             question.was_resent = true;
         else
-            end(id, ended(ATS_NOT_CONNECTED, went_away));
+            end(id, failure(ATS_NOT_CONNECTED, lost_service));
     }
 }
 
@@ -223,28 +236,29 @@ void client::broken()
 
 void client::end_overdue()
 {
-    for (const uint64_t id : outstanding_.overdue(clock::now())) end(id, ended(ATS_NO_ANSWER, no_answer));
+    for (const uint64_t id : open_questions_.overdue(clock::now())) end(id, failure(ATS_NO_ANSWER, no_answer));
 }
 
 void client::end_all(ats_status_t status, const std::string& reason)
 {
-    for (const uint64_t id : outstanding_.all()) end(id, ended(status, reason));
+    for (const uint64_t id : open_questions_.all()) end(id, failure(status, reason));
 }
 
+// Removes an open question, and stores its answer for the caller that needs it. Does nothing if the question has ended.
 void client::end(uint64_t id, const ats_answer_t& answer)
 {
-    const std::optional<question> question = outstanding_.take(id);
+    const std::optional<question> question = open_questions_.take(id);
     if (!question) return;
     switch (question->kind) {
-    case asker::blocking_call:
+    case question_kind::blocking_call:
         blocking_answers_[id] = answer;
         break;
-    case asker::submission:
+    case question_kind::submission:
         --submissions_;
         completions_.push_back(answer);
         completions_.back().tag = question->tag;
         break;
-    case asker::request:
+    case question_kind::request:
         if (id == request_id_) request_end_ = answer;
         break;
     }
@@ -258,10 +272,10 @@ ats_answer_t client::ask(const ats_options_t& options, const std::string& body)
     lock guard(mutex_);
     const uint64_t id = new_id();
     const ats_status_t status =
-        send(guard, id, {asker::blocking_call, 0, deadline, line_of(body, id), false}, deadline);
-    if (status != ATS_OK) return ended(status, last_error());
+        send(guard, id, {question_kind::blocking_call, 0, deadline, line_of(body, id), false}, deadline);
+    if (status != ATS_OK) return failure(status, last_error());
     wait_until(guard, deadline, [&] { return blocking_answers_.contains(id); });
-    end(id, ended(ATS_NO_ANSWER, no_answer)); // if its deadline has passed
+    end(id, failure(ATS_NO_ANSWER, no_answer)); // has an effect only if there is no answer yet
     const ats_answer_t answer = blocking_answers_.extract(id).mapped();
     watch();
     return answer;
@@ -272,7 +286,8 @@ ats_status_t client::submit(const ats_options_t& options, uint64_t tag, const st
     const auto deadline = clock::now() + std::chrono::milliseconds(options.timeout_ms);
     lock guard(mutex_);
     const uint64_t id = new_id();
-    const ats_status_t status = send(guard, id, {asker::submission, tag, deadline, line_of(body, id), false}, deadline);
+    const ats_status_t status =
+        send(guard, id, {question_kind::submission, tag, deadline, line_of(body, id), false}, deadline);
     watch();
     return status;
 }
@@ -292,6 +307,7 @@ size_t client::wait(ats_answer_t* answers, size_t capacity, clock::time_point de
     return hand_out(answers, capacity);
 }
 
+// Moves up to `capacity` completions to `answers`. Returns their number.
 size_t client::hand_out(ats_answer_t* answers, size_t capacity)
 {
     const size_t count = std::min(capacity, completions_.size());
@@ -302,23 +318,24 @@ size_t client::hand_out(ats_answer_t* answers, size_t capacity)
     return count;
 }
 
-// Sets the events for which the client's descriptor becomes readable.
+// Tells wake_up_ for which events the program's descriptor must become readable now.
 void client::watch()
 {
-    wake_up_.set(connection_.fd(), connection_.unsent() > 0, !completions_.empty(), outstanding_.first_deadline());
+    wake_up_.set(connection_.fd(), connection_.unsent_bytes() > 0, !completions_.empty(),
+                 open_questions_.first_deadline());
 }
 
-// Do not repeat a request on a second connection, because it may be an order. Therefore check first if the idle
-// connection has broken.
+// A request is never repeated on a second connection, because it may be an order. Therefore this call first processes
+// the input: if the service has closed the idle connection, the request goes to a new one.
 ats_status_t client::begin_request(const std::string& body, clock::time_point deadline)
 {
     lock guard(mutex_);
     take_input_without_waiting();
-    outstanding_.take(request_id_);
+    open_questions_.take(request_id_);
     request_lines_.clear();
     request_end_ = {};
     request_id_ = new_id();
-    question question{asker::request, 0, clock::time_point::max(), line_of(body, request_id_), false};
+    question question{question_kind::request, 0, clock::time_point::max(), line_of(body, request_id_), false};
     return send(guard, request_id_, std::move(question), deadline);
 }
 
@@ -327,7 +344,8 @@ ats_status_t client::request(const std::string& body, clock::time_point deadline
     const auto longest = clock::now() + std::chrono::hours(1);
     {
         lock guard(mutex_);
-        const bool is_our_turn = news_.wait_until(guard, std::min(deadline, longest), [&] { return !is_in_request_; });
+        const bool is_our_turn =
+            progress_.wait_until(guard, std::min(deadline, longest), [&] { return !is_in_request_; });
         if (!is_our_turn) return failed(ATS_NO_ANSWER, no_answer);
         is_in_request_ = true;
     }
@@ -336,19 +354,20 @@ ats_status_t client::request(const std::string& body, clock::time_point deadline
     return status == ATS_OK ? next_request_line(deadline, line) : status;
 }
 
-// Lets the next thread ask. If an answer is still missing, it is dropped when it arrives.
+// Ends request() of this thread, so that the next thread can send its request. If the answer comes later, the client
+// ignores it.
 void client::end_turn()
 {
     const lock guard(mutex_);
-    outstanding_.take(request_id_);
+    open_questions_.take(request_id_);
     is_in_request_ = false;
-    news_.notify_all();
+    progress_.notify_all();
 }
 
 ats_status_t client::next_request_line(clock::time_point deadline, std::string& line)
 {
     lock guard(mutex_);
-    const auto is_over = [&] { return !outstanding_.find(request_id_); };
+    const auto is_over = [&] { return !open_questions_.find(request_id_); };
     wait_until(guard, deadline, [&] { return !request_lines_.empty() || is_over(); });
     if (!request_lines_.empty()) {
         line = std::move(request_lines_.front());

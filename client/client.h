@@ -1,8 +1,9 @@
 // The client behind the C interface. client/ats/client.h describes each call.
 //
-// Any thread may call. `mutex_` guards all members. No thread holds it while it waits. One thread at a time receives
-// (is_receiving_). It waits for input without the mutex, stores all arrived answers, and wakes the other threads
-// (news_). A thread that still needs an answer then receives in its turn.
+// Any thread may make any call. `mutex_` guards all members. No thread holds it while it waits. Only one thread at a
+// time receives (is_receiving_). It waits for input without the mutex, stores all answers that have arrived, also those
+// for other threads, and wakes the other threads (progress_). If the answer of a woken thread has not come yet, this
+// thread receives next.
 #pragma once
 
 #include <chrono>
@@ -12,7 +13,7 @@
 #include <memory>
 #include <mutex>
 
-#include "client/outstanding.h"
+#include "client/open-questions.h"
 #include "client/protocol.h"
 #include "client/wake-up.h"
 
@@ -24,10 +25,10 @@ class client
   public:
     explicit client(std::string path) : path_(std::move(path)) {}
 
-    // Fails with ATS_NO_MEMORY if no descriptor is left.
+    // Makes the descriptor for the program. Returns ATS_NO_MEMORY if no descriptors are left.
     ats_status_t open() { return wake_up_.open() ? ATS_OK : ATS_NO_MEMORY; }
 
-    // `body` is the question without its id; see client/protocol.h.
+    // `body` is the question without its id, as lookup_body() in client/protocol.h makes it.
     ats_answer_t ask(const ats_options_t& options, const std::string& body);
     ats_status_t submit(const ats_options_t& options, uint64_t tag, const std::string& body);
 
@@ -35,10 +36,12 @@ class client
     size_t collect(ats_answer_t* answers, size_t capacity);
     size_t wait(ats_answer_t* answers, size_t capacity, clock::time_point deadline);
 
-    // Sends a request and returns the first line of its answer. Threads take turns.
+    // Sends a request, waits for the first line of its answer, and stores it in `line`. If several threads call this,
+    // one request is sent after the other.
     ats_status_t request(const std::string& body, clock::time_point deadline, std::string& line);
 
-    // The next two calls do the same in steps. Only one thread at a time may use them.
+    // begin_request() sends a request. next_request_line() waits for the next line of its answer and stores it in
+    // `line`. Only one thread at a time may use these two calls.
     ats_status_t begin_request(const std::string& body, clock::time_point deadline);
     ats_status_t next_request_line(clock::time_point deadline, std::string& line);
 
@@ -58,9 +61,9 @@ class client
     void take_hello(std::string_view line);
     void take_line(std::string_view line);
     void take_request_line(std::string_view line);
-    void lose_protocol(const std::string& reason);
+    void reject_service(const std::string& reason);
     void close_connection();
-    void broken();
+    void reconnect();
     void end_overdue();
     void end_all(ats_status_t status, const std::string& reason);
     void end(uint64_t id, const ats_answer_t& answer);
@@ -70,20 +73,20 @@ class client
 
     const std::string path_;
     std::mutex mutex_;
-    std::condition_variable news_;
+    std::condition_variable progress_; // signalled when a thread has processed input, or has left request()
     bool is_receiving_ = false;
     connection connection_;
-    bool is_greeted_ = false; // the service has answered the hello
+    bool is_greeted_ = false; // true if the service has answered the hello of this connection
     uint64_t last_id_ = 0;
-    outstanding outstanding_;
-    std::map<uint64_t, ats_answer_t> blocking_answers_; // for threads that wait in ask()
-    std::deque<ats_answer_t> completions_;              // answers of submit() that collect() has not fetched yet
-    size_t submissions_ = 0;                            // number of outstanding submissions
+    open_questions open_questions_;
+    std::map<uint64_t, ats_answer_t> blocking_answers_; // by id, for the threads that wait in ask()
+    std::deque<ats_answer_t> completions_;              // answers to submitted questions, for collect() and wait()
+    size_t submissions_ = 0;                            // number of submitted questions without an answer
 
-    bool is_in_request_ = false; // a thread is in request()
-    uint64_t request_id_ = 0;    // of the request from ats_request(); 0 if there is none
-    std::deque<std::string> request_lines_;
-    ats_answer_t request_end_{};
+    bool is_in_request_ = false;            // true while a thread is in request()
+    uint64_t request_id_ = 0;               // id of the last request; 0: there was no request
+    std::deque<std::string> request_lines_; // lines of its answer that next_request_line() has not returned yet
+    ats_answer_t request_end_{};            // the error that has ended the request; ATS_OK: no error
 
     wake_up wake_up_;
 };

@@ -17,13 +17,14 @@ namespace client
 namespace
 {
 
-// Frees the memory of a buffer that was once large.
+// Frees the memory of an empty buffer, if it is large.
 void shrink(std::string& buffer)
 {
     constexpr size_t usual_size = size_t{1} << 18;
     if (buffer.capacity() > usual_size) std::string().swap(buffer);
 }
 
+// Converts an error number of socket(2) or connect(2).
 connection::attempt attempt_of(int number)
 {
     switch (number) {
@@ -70,7 +71,7 @@ connection::attempt connection::open(const std::string& path, std::string& error
         return attempt::foreign;
     }
     const int flags = fcntl(new_socket.get(), F_GETFL);
-    fcntl(new_socket.get(), F_SETFL, flags & ~O_NONBLOCK); // receive() may block in recv(2)
+    fcntl(new_socket.get(), F_SETFL, flags & ~O_NONBLOCK); // from here on, recv(2) may block; see receive()
     close();
     socket_ = std::move(new_socket);
     return attempt::connected;
@@ -80,9 +81,9 @@ void connection::close()
 {
     socket_.reset();
     receive_limit_ = {};
-    unsent_.clear();
+    output_.clear();
     input_.clear();
-    shrink(unsent_);
+    shrink(output_);
     shrink(input_);
     sent_bytes_ = read_bytes_ = scanned_bytes_ = byte_count_ = 0;
 }
@@ -94,32 +95,32 @@ void connection::hang_up() const
 
 bool connection::send(std::string_view bytes)
 {
-    if (unsent() > 0) {
-        unsent_ += bytes;
+    if (unsent_bytes() > 0) {
+        output_ += bytes;
         return flush();
     }
     const ssize_t count = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count < 0 && errno != EAGAIN && errno != EINTR) return false;
-    unsent_ += bytes.substr(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    output_ += bytes.substr(static_cast<size_t>(std::max<ssize_t>(count, 0)));
     return true;
 }
 
 bool connection::flush()
 {
-    while (unsent() > 0) {
+    while (unsent_bytes() > 0) {
         const ssize_t count =
-            ::send(socket_.get(), unsent_.data() + sent_bytes_, unsent(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            ::send(socket_.get(), output_.data() + sent_bytes_, unsent_bytes(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return errno == EAGAIN;
         sent_bytes_ += static_cast<size_t>(count);
     }
-    unsent_.clear();
+    output_.clear();
     sent_bytes_ = 0;
     return true;
 }
 
-// Limits the time of recv(2). Does not set the socket option again for almost the same time, which saves a system call
-// for each question.
+// Limits the time for which recv(2) blocks. If the limit is almost the same as before, does not set the socket option
+// again: this saves a system call for each question.
 void connection::limit_receiving(std::chrono::microseconds time)
 {
     using namespace std::chrono;
@@ -129,6 +130,7 @@ void connection::limit_receiving(std::chrono::microseconds time)
     receive_limit_ = time;
 }
 
+// Calls recv(2) once, and stores the received bytes in bytes_.
 connection::outcome connection::receive(int flags)
 {
     const ssize_t count = recv(socket_.get(), bytes_.data(), bytes_.size(), flags);

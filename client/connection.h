@@ -1,4 +1,5 @@
-// One connection to the service. It sends bytes and receives lines. Not thread-safe, except for wait().
+// One connection to the service. It sends bytes and receives lines. The caller protects it with a mutex; only wait()
+// may run without the mutex.
 #pragma once
 
 #include <array>
@@ -20,56 +21,63 @@ class connection
         connected,
         busy,    // the service accepts no connections at the moment: try again
         nobody,  // no service listens
-        foreign, // another user's service listens; the client does not use it
+        foreign, // the service belongs to another user, or the socket forbids this user: do not use it
         failed,  // no memory or descriptors are left
     };
 
-    // Connects to the socket at `path` without waiting. `error` receives the reason of a failure, for people.
+    // Connects to the socket at `path`. Does not wait. After a failure, stores the reason, for people, in `error`.
     attempt open(const std::string& path, std::string& error);
+
+    // Closes the socket, and drops unsent output and unread input.
     void close();
     bool is_open() const { return socket_.is_open(); }
     int fd() const { return socket_.get(); }
 
-    // Makes a thread in wait() return as if the service had closed the connection.
+    // Shuts the connection down in both directions. A thread in wait() then returns; after the last input, wait()
+    // returns `gone`.
     void hang_up() const;
 
-    // Appends bytes to the output, and sends as much as the socket accepts. Returns false if the service has closed the
-    // connection.
+    // send() appends bytes to the output. send() and flush() then send as much of the output as the socket accepts.
+    // They return false if the service has closed the connection.
     bool send(std::string_view bytes);
     bool flush();
-    size_t unsent() const { return unsent_.size() - sent_bytes_; }
+    size_t unsent_bytes() const { return output_.size() - sent_bytes_; }
 
-    // Waits for bytes until `deadline`; does not wait if it has passed. With `until_writable`, also returns when the
-    // socket accepts unsent output. One thread at a time may be in this call. Meanwhile others may call everything
-    // except close() and open().
+    // Waits until the socket has input, at most until `deadline`, and receives it. With `until_writable`, also returns
+    // when the socket accepts more output. If `deadline` has passed, does not wait. Returns `input` if it has received
+    // bytes, `gone` if the service has closed the connection, otherwise `nothing`. One thread at a time may be in this
+    // call. Meanwhile, other threads may make all other calls except open(), close() and take_bytes().
     enum class outcome { input, nothing, gone };
     outcome wait(clock::time_point deadline, bool until_writable);
 
-    // Appends the bytes of the last wait() to the input.
+    // Appends the bytes that wait() has received to the input.
     void take_bytes();
 
-    // Removes the next whole line from the input and returns it without its end. The view is valid until the next
-    // take_bytes().
+    // Removes the next whole line from the input, and stores it without its line end in `line`. Returns false if there
+    // is no whole line. `line` is valid until the next take_bytes().
     bool next_line(std::string_view& line);
+
+    // Returns true if the input begins with more bytes without a line end than a line may have.
     bool has_endless_line() const { return input_.size() - read_bytes_ > longest_line; }
 
   private:
-    static constexpr size_t longest_line = size_t{16} << 20;
+    static constexpr size_t longest_line = size_t{16} << 20; // bytes
 
     void limit_receiving(std::chrono::microseconds time);
     outcome receive(int flags);
 
     descriptor socket_;
-    std::string unsent_;
-    size_t sent_bytes_ = 0;
+    std::string output_;
+    size_t sent_bytes_ = 0; // number of bytes at the start of output_ that were sent
     std::string input_;
-    size_t read_bytes_ = 0;    // bytes of the input that were returned as lines
-    size_t scanned_bytes_ = 0; // number of input bytes that contain no line end after `read_bytes_`
+    size_t read_bytes_ = 0;    // number of bytes at the start of input_ that were returned as lines
+    size_t scanned_bytes_ = 0; // there is no line end between read_bytes_ and this offset in input_
 
-    // Only the thread in wait() uses it. If no thread is in wait(), take_bytes() may use it.
-    std::chrono::microseconds receive_limit_{0}; // the value that is set on the socket; 0 means none
-    std::array<char, size_t{1} << 16> bytes_;
-    size_t byte_count_ = 0;
+    // The thread that is in wait() uses these three members. While no thread is in wait(), the other calls may use
+    // them.
+    std::chrono::microseconds receive_limit_{0}; // the socket's SO_RCVTIMEO; 0: it was not set
+    std::array<char, size_t{1} << 16> bytes_;    // the received bytes
+    size_t byte_count_ = 0;                      // their number
 };
 
 } // namespace client

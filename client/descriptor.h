@@ -1,4 +1,4 @@
-// A file descriptor. Its destructor closes it.
+// Owns a file descriptor. The destructor closes it. The value -1 means that there is no descriptor.
 #pragma once
 
 #include <unistd.h>
@@ -23,7 +23,7 @@ class descriptor
 
     bool is_open() const { return fd_ >= 0; }
     int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); } // the caller must close it
+    int release() { return std::exchange(fd_, -1); } // the caller then owns it
     void reset()
     {
         if (fd_ >= 0) close(fd_);

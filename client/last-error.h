@@ -1,4 +1,4 @@
-// The calling thread's last error, which ats_last_error() shows.
+// The text of the last error. Each thread has its own; ats_last_error() returns it to the program.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@ namespace client
 
 const std::string& last_error();
 
-// Stores the error's text and returns the status.
+// Stores `text` as the last error of the calling thread, and returns `status`.
 ats_status_t failed(ats_status_t status, const std::string& text);
 
 } // namespace client

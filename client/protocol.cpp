@@ -20,7 +20,7 @@ std::string dump(const json& value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-// Adds the members for the options, which are equal in all kinds of lookups.
+// Adds the members for the options. They are the same for all lookups.
 void append_options(std::string& body, const ats_options_t& options)
 {
     if (options.flags & ATS_CACHED_ONLY) body += R"(,"cached":true)";
@@ -78,7 +78,7 @@ void read_error(const json& object, ats_answer_t& answer)
     set_reason(answer, text_of(object, "error"));
 }
 
-// Reads a number. Returns false if it is missing or too large.
+// Reads a number. Returns false if the member is missing, is no number, or is too large for `number`.
 template <class number_t>
 bool read_number(const json& object, const char* key, number_t& number)
 {
@@ -89,7 +89,7 @@ bool read_number(const json& object, const char* key, number_t& number)
     return number == value;
 }
 
-// Reads a word like "0xFFFF".
+// Reads a 16-bit number in a text like "0xFFFF". Returns false if the text has another form.
 bool read_word(const json& object, const char* key, uint16_t& word)
 {
     const std::string text = text_of(object, key);
@@ -99,7 +99,8 @@ bool read_word(const json& object, const char* key, uint16_t& word)
     return rest == end && error == std::errc();
 }
 
-// Reads a GID of "0x" and 32 digits into network order.
+// Reads a GID, a text of "0x" and 32 hexadecimal digits. Stores it in network order. Returns false if the text has
+// another form.
 bool read_gid(const json& object, const char* key, uint8_t (&gid)[16])
 {
     const std::string text = text_of(object, key);
@@ -121,7 +122,8 @@ bool read_path(const json& object, ats_path_t& path)
            read_number(object, "traffic_class", path.traffic_class);
 }
 
-// Reads the result: a mapping, or a path, whose address may be unknown.
+// Reads the result: an address and its GID, and for a path also its fields. A path to a GID has no address. Returns
+// false if a field is missing or malformed.
 bool read_found(const json& object, ats_answer_t& answer)
 {
     const bool is_path = object.contains("dlid");
@@ -170,7 +172,7 @@ std::string request_body(std::string_view request)
     if (!object.is_object()) return "";
     object.erase("id");
     std::string body = object.empty() ? "" : dump(object);
-    if (!body.empty()) body.pop_back(); // line_of() appends it again
+    if (!body.empty()) body.pop_back(); // the closing brace; line_of() adds it
     return body;
 }
 

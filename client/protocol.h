@@ -1,4 +1,4 @@
-// Questions and answers as lines of the service's protocol; see docs/protocol.md.
+// Makes the lines of the service's protocol and reads them. docs/protocol.md describes the protocol.
 #pragma once
 
 #include <cstdint>
@@ -15,40 +15,43 @@ constexpr int protocol_version = 1;
 // The first line of every connection, with its line end.
 std::string hello_line();
 
-// A lookup that a program asks for.
+// The question of one lookup call of the C interface.
 struct lookup {
     const char* request; // "resolve", "reverse" or "path"
     int family;          // AF_INET for an address, AF_INET6 for a GID
-    const void* subject; // the address or GID in network order; null if the program passed none
+    const void* subject; // the address or GID in network order; null if the program passed a null pointer
 };
 
-// lookup_body() returns a lookup without its id. The other function adds an id and makes a line of it. The answer has
-// the same id.
+// A body is a request as JSON without an id and without the closing brace. lookup_body() makes the body of a lookup.
+// request_body() makes the body of a request that is passed to ats_request(); it returns "" if `request` is not a JSON
+// object with members.
 std::string lookup_body(const lookup& lookup, const ats_options_t& options);
-std::string line_of(const std::string& body, uint64_t id);
-
-// Returns the body of a program's own request, or "" if it is not a JSON object with members.
 std::string request_body(std::string_view request);
 
-// The parts of a line from the service that every reader needs.
+// Adds the id, the closing brace and the line end to a body. The service's answer has the same id.
+std::string line_of(const std::string& body, uint64_t id);
+
+// The contents of a line from the service.
 struct reply {
-    bool is_valid = false; // a JSON object
+    bool is_valid = false; // true if the line is a JSON object
     bool has_id = false;
     uint64_t id = 0;
-    bool is_last = true; // no more lines with this id follow
-    ats_answer_t answer{};
+    bool is_last = true;   // true if no more lines with this id follow
+    ats_answer_t answer{}; // only from read_reply()
 };
 
-// Reads the answer of a question.
+// Reads the answer to a lookup.
 reply read_reply(std::string_view line);
 
-// Reads a line that answers a program's own request. Returns the id, and in `text` the object without the id.
+// Reads a line of the answer to ats_request() or ats_request_begin(). Stores the JSON object, without the id, in
+// `text`.
 reply read_request_line(std::string_view line, std::string& text);
 
-// Returns the error in the answer to the hello, or "" if the service speaks this protocol.
+// Reads the answer to the hello. Returns "" if the service uses this version of the protocol, otherwise the reason why
+// the client cannot use the service.
 std::string hello_refusal(std::string_view line);
 
-// Stores `text`, cut to its size, as the answer's reason.
+// Stores `text` as the answer's reason. Cuts it to the size of the field, between two UTF-8 characters.
 void set_reason(ats_answer_t& answer, std::string_view text);
 
 } // namespace client

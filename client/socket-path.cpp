@@ -11,7 +11,7 @@ namespace client
 namespace
 {
 
-// The variable's value, or null if it is unset or empty.
+// Returns the value of an environment variable, or null if the variable is unset or empty.
 const char* variable(const char* name)
 {
     const char* value = std::getenv(name);
@@ -42,8 +42,9 @@ bool is_writable_only_by(uid_t user, const std::string& folder)
     return stat(folder.c_str(), &status) == 0 && status.st_uid == user && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Returns true if only root can write to the folder. Also returns true if only this user can, and only root can write
-// to the parent folder: root has then made the folder for the user, as /run/ats for the service.
+// Returns true if only root can write to the folder. Also returns true if only `user` can write to it, and only root
+// can write to its parent folder. In this case root has created the folder for the user, for example /run/ats for the
+// service.
 bool is_folder_of_service(uid_t user, const std::string& folder)
 {
     return is_writable_only_by(0, folder) ||

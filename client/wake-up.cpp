@@ -21,7 +21,7 @@ bool add(int epoll, int fd, uint32_t events)
 void set_timer(int timer, clock::time_point alarm)
 {
     using namespace std::chrono;
-    itimerspec time{}; // all zero means off
+    itimerspec time{}; // all zero switches the timer off
     if (alarm != clock::time_point::max()) {
         const auto due = std::max<nanoseconds>(alarm.time_since_epoch(), nanoseconds(1));
         time.it_value.tv_sec = duration_cast<seconds>(due).count();
@@ -36,15 +36,15 @@ bool wake_up::open()
 {
     epoll_ = descriptor(epoll_create1(EPOLL_CLOEXEC));
     timer_ = descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    answers_ = descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    return epoll_.is_open() && timer_.is_open() && answers_.is_open() && add(epoll_.get(), timer_.get(), EPOLLIN) &&
-           add(epoll_.get(), answers_.get(), EPOLLIN);
+    answer_event_ = descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return epoll_.is_open() && timer_.is_open() && answer_event_.is_open() &&
+           add(epoll_.get(), timer_.get(), EPOLLIN) && add(epoll_.get(), answer_event_.get(), EPOLLIN);
 }
 
 void wake_up::watch_socket(int socket)
 {
     add(epoll_.get(), socket, EPOLLIN);
-    has_unsent_ = false;
+    has_output_ = false;
 }
 
 void wake_up::forget_socket(int socket)
@@ -52,23 +52,24 @@ void wake_up::forget_socket(int socket)
     epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
 }
 
-void wake_up::set(int socket, bool has_unsent, bool has_answers, clock::time_point first_deadline)
+void wake_up::set(int socket, bool has_output, bool has_answers, clock::time_point first_deadline)
 {
-    if (has_unsent != has_unsent_ && socket >= 0) {
+    if (has_output != has_output_ && socket >= 0) {
         epoll_event event{};
-        event.events = has_unsent ? EPOLLIN | EPOLLOUT : EPOLLIN;
+        event.events = has_output ? EPOLLIN | EPOLLOUT : EPOLLIN;
         epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, socket, &event);
-        has_unsent_ = has_unsent;
+        has_output_ = has_output;
     }
     if (has_answers != has_answers_) {
         eventfd_t count = 0;
         if (has_answers)
-            eventfd_write(answers_.get(), 1);
+            eventfd_write(answer_event_.get(), 1);
         else
-            eventfd_read(answers_.get(), &count);
+            eventfd_read(answer_event_.get(), &count);
         has_answers_ = has_answers;
     }
-    // An alarm that comes too early costs one empty wake-up. This is cheaper than a system call for each question.
+    // Keep an alarm that comes before the first deadline. The program then finds nothing to collect once; this is
+    // cheaper than a system call for each question.
     const bool is_early_enough = alarm_ <= first_deadline && alarm_ > clock::now();
     if (is_early_enough || (alarm_ == first_deadline)) return;
     alarm_ = first_deadline;

@@ -1,5 +1,6 @@
-// The descriptor of a client for poll() in programs. It is readable when the connection has input, when there are
-// answers to collect, or when a question's deadline has passed.
+// The descriptor that ats_descriptor() returns to programs for poll(). It is readable when the connection has input,
+// when there are answers to collect, or when the deadline of a question has passed. It is an epoll instance, which
+// contains the socket, a timer and an event descriptor. The client's mutex guards this object.
 #pragma once
 
 #include "client/connection.h"
@@ -10,22 +11,23 @@ namespace client
 class wake_up
 {
   public:
-    // Returns false if no descriptors are left.
+    // Creates the descriptors. Returns false if no descriptors are left.
     bool open();
     int fd() const { return epoll_.get(); }
 
-    // Adds a new connection's socket, and removes it before it is closed.
+    // Add the socket of a new connection; remove the socket before it is closed.
     void watch_socket(int socket);
     void forget_socket(int socket);
 
-    // Sets the reasons to become readable from now on.
-    void set(int socket, bool has_unsent, bool has_answers, clock::time_point first_deadline);
+    // Makes the descriptor readable from now on when `socket` has input, when `socket` accepts output (if
+    // `has_output`), at once (if `has_answers`), and at `first_deadline`. `socket` is -1 if there is no connection.
+    void set(int socket, bool has_output, bool has_answers, clock::time_point first_deadline);
 
   private:
     descriptor epoll_;
-    descriptor timer_;
-    descriptor answers_;
-    bool has_unsent_ = false;
+    descriptor timer_;        // readable after `alarm_`
+    descriptor answer_event_; // readable while `has_answers_`
+    bool has_output_ = false; // true if epoll also reports when the socket accepts output
     bool has_answers_ = false;
     clock::time_point alarm_ = clock::time_point::max();
 };

@@ -1,5 +1,5 @@
 """Asks the InfiniBand address translation service of this machine. Finds the port GID of an IPv4 address, the IPv4 address
-of a GID, and the path to either.
+of a GID, and the path to an address or a GID.
 
     import ats
     with ats.Client() as client:
@@ -33,23 +33,23 @@ DEFAULT_TIMEOUT = 5.0
 
 
 class Error(Exception):
-    """The question has no answer. str() gives the reason in one line."""
+    """The question has failed. str() gives the reason in one line."""
 
 
 class NotFound(Error):
-    """The SA names no owner, or the cache has no answer (cached_only)."""
+    """The SA has no such record. With cached_only: the cache has no answer."""
 
 
 class NoAnswer(Error):
-    """Neither the SA nor the service answered in time."""
+    """The SA or the service did not answer in time."""
 
 
 class Refused(Error):
-    """The service, or the SA, refused the question."""
+    """The service or the SA refused the question."""
 
 
 class NotConnected(Error):
-    """No service listens, or it ended before it answered."""
+    """No service listens, or the service ended before it answered."""
 
 
 class Invalid(Error):
@@ -71,15 +71,16 @@ class Answer:
     gid: ipaddress.IPv6Address
     source: Source
     seconds: float  # the time that the service needed
-    verified: Optional[bool]  # for verify=True: True if the SA agrees; None if unknown
+    # For verify=True. True: cache and SA agree. False: they differ, and this is the SA's answer. None: unknown.
+    verified: Optional[bool]
 
 
 @dataclass(frozen=True)
 class Path:
     """A PathRecord (IBA 15.2.5.16) in the standard's encodings."""
-    address: Optional[ipaddress.IPv4Address]  # of the destination; None if the question named a GID
-    gid: ipaddress.IPv6Address  # of the destination
-    sgid: ipaddress.IPv6Address
+    address: Optional[ipaddress.IPv4Address]  # the destination's address; None for a path to a GID
+    gid: ipaddress.IPv6Address  # the destination's GID
+    sgid: ipaddress.IPv6Address  # the GID of the port on which the path begins
     dlid: int
     slid: int
     p_key: int
@@ -101,7 +102,7 @@ def error_of(status: int, reason: str) -> Exception:
 
 
 def answer_of(raw: library.Answer) -> Answer:
-    """Returns the answer, or raises its error."""
+    """Converts the library's answer. Raises an exception if its status is an error."""
     if raw.status != 0:
         raise error_of(raw.status, raw.reason.decode(errors="replace"))
     return Answer(ipaddress.IPv4Address(ctypes.string_at(ctypes.byref(raw, library.Answer.address.offset), 4)),
@@ -110,7 +111,7 @@ def answer_of(raw: library.Answer) -> Answer:
 
 
 def path_of(raw: library.Answer) -> Path:
-    """Returns the path in the answer, or raises its error."""
+    """Converts the path in the library's answer. Raises an exception if the answer's status is an error."""
     answer = answer_of(raw)
     path = raw.path
     return Path(answer.address if int(answer.address) else None, answer.gid, ipaddress.IPv6Address(bytes(path.sgid)), path.dlid,
@@ -125,7 +126,7 @@ def is_address(destination: Destination) -> bool:
 
 
 def address_word(address: Address) -> int:
-    """The address in the library's form: four bytes in network order, read as a number of this machine."""
+    """Returns the address as the library expects it: a number whose bytes in memory are in network order."""
     try:
         return ctypes.c_uint32.from_buffer_copy(ipaddress.IPv4Address(address).packed).value
     except ValueError as error:
@@ -133,7 +134,7 @@ def address_word(address: Address) -> int:
 
 
 def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
-    """The GID as 16 bytes. A text has the form of an IPv6 address, or 0x and up to 32 hexadecimal digits."""
+    """Returns the GID as 16 bytes in network order. A text is an IPv6 address, or 0x and up to 32 hexadecimal digits."""
     try:
         if isinstance(gid, str) and gid[:2].lower() == "0x":
             packed = int(gid, 16).to_bytes(16, "big")
@@ -145,7 +146,7 @@ def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
 
 
 def milliseconds(timeout: float) -> int:
-    """A time-out in the library's form: at least 1 ms, at most 24 days."""
+    """Converts a time-out in seconds to the library's milliseconds: at least 1, at most 2**31 - 1 (24 days)."""
     if not timeout > 0:
         raise Invalid("a time-out is above 0")
     return max(1, int(min(timeout * 1000, 2**31 - 1)))
@@ -167,7 +168,7 @@ def last_error() -> str:
 
 
 class Base:
-    """The common part of both clients: the library's client, and its end."""
+    """The common part of Client and AsyncClient: opens and closes a client of the C library."""
 
     def __init__(self, socket: Optional[str] = None) -> None:
         self._client = ctypes.c_void_p()
@@ -233,12 +234,12 @@ class Client(Base):
 
 
 class AsyncClient(Base):
-    """The same questions for asyncio. Use it in one event loop."""
+    """The same questions as coroutines for asyncio. Use an object in one event loop only."""
 
     def __init__(self, socket: Optional[str] = None) -> None:
         super().__init__(socket)
-        # The future, and the function that makes its result.
-        self._waiting: dict[int, tuple[asyncio.Future[Any], Any]] = {}
+        # By the tag of a question: its future, and the function that converts the answer to the future's result.
+        self._futures: dict[int, tuple[asyncio.Future[Any], Any]] = {}
         self._last_tag = 0
         self._loop: Optional[asyncio.AbstractEventLoop] = None
 
@@ -251,9 +252,9 @@ class AsyncClient(Base):
     def close(self) -> None:
         if self._loop and not self._loop.is_closed() and self._client:
             self._loop.remove_reader(library.lib.ats_descriptor(self._client))
-            for future, _ in self._waiting.values():
+            for future, _ in self._futures.values():
                 future.cancel()
-        self._waiting.clear()
+        self._futures.clear()
         super().close()
 
     async def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
@@ -286,19 +287,19 @@ class AsyncClient(Base):
         if status != 0:
             raise error_of(status, last_error())
         future = self._loop.create_future()
-        self._waiting[tag] = future, result_of
+        self._futures[tag] = future, result_of
         try:
             return await future
         finally:
-            self._waiting.pop(tag, None)
+            self._futures.pop(tag, None)
 
     def _collect(self) -> None:
         answers = (library.Answer * 64)()
         for raw in answers[:library.lib.ats_collect(self._client, answers, len(answers))]:
-            future, result_of = self._waiting.get(raw.tag, (None, None))
+            future, result_of = self._futures.get(raw.tag, (None, None))
             if future is None or future.done():
                 continue
             try:
                 future.set_result(result_of(raw))
-            except Exception as error:  # the caller's error; it is raised at the caller's await
+            except Exception as error:  # the await in _submit() raises it
                 future.set_exception(error)

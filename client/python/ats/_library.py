@@ -1,4 +1,4 @@
-"""The C library for ctypes. The layouts are those of ats/client.h."""
+"""Loads libatsclient with ctypes. The structures here have the same layouts as those of ats/client.h."""
 
 import ctypes
 import os
@@ -23,7 +23,7 @@ class Answer(ctypes.Structure):
 
 
 def load() -> ctypes.CDLL:
-    """Loads the library by its soname, or from $ATS_CLIENT_LIBRARY."""
+    """Loads $ATS_CLIENT_LIBRARY if it is set, otherwise the installed library; then declares the types of its calls."""
     name = os.environ.get("ATS_CLIENT_LIBRARY", "libatsclient.so.1")
     try:
         library = ctypes.CDLL(name, use_errno=False)

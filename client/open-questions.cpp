@@ -1,33 +1,33 @@
-#include "client/outstanding.h"
+#include "client/open-questions.h"
 
 #include <algorithm>
 
 namespace client
 {
 
-question* outstanding::find(uint64_t id)
+question* open_questions::find(uint64_t id)
 {
     const auto entry = questions_.find(id);
     return entry == questions_.end() ? nullptr : &entry->second;
 }
 
-void outstanding::add(uint64_t id, question question)
+void open_questions::add(uint64_t id, question question)
 {
     deadlines_.emplace(question.deadline, id);
     questions_.emplace(id, std::move(question));
 }
 
-std::optional<question> outstanding::take(uint64_t id)
+std::optional<question> open_questions::take(uint64_t id)
 {
     const auto entry = questions_.find(id);
     if (entry == questions_.end()) return std::nullopt;
     deadlines_.erase({entry->second.deadline, id});
-    question taken = std::move(entry->second);
+    question removed = std::move(entry->second);
     questions_.erase(entry);
-    return taken;
+    return removed;
 }
 
-std::vector<uint64_t> outstanding::overdue(clock::time_point now) const
+std::vector<uint64_t> open_questions::overdue(clock::time_point now) const
 {
     std::vector<uint64_t> ids;
     for (const auto& [deadline, id] : deadlines_) {
@@ -37,7 +37,7 @@ std::vector<uint64_t> outstanding::overdue(clock::time_point now) const
     return ids;
 }
 
-std::vector<uint64_t> outstanding::all() const
+std::vector<uint64_t> open_questions::all() const
 {
     std::vector<uint64_t> ids;
     for (const auto& [id, question] : questions_) ids.push_back(id);
@@ -45,7 +45,7 @@ std::vector<uint64_t> outstanding::all() const
     return ids;
 }
 
-clock::time_point outstanding::first_deadline() const
+clock::time_point open_questions::first_deadline() const
 {
     return deadlines_.empty() ? clock::time_point::max() : deadlines_.begin()->first;
 }
