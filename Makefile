@@ -1,4 +1,4 @@
-# The entry point. `make demo` and `make test` install missing packages (as root, on Debian and Fedora), build, and run.
+# Start here: `make demo` and `make test` install missing packages (as root, on Debian and Fedora), build, and run.
 
 PRESET ?= release
 BUILD := build/$(PRESET)
@@ -7,19 +7,19 @@ BUILD := build/$(PRESET)
 
 help:
 	@echo "make demo      install missing packages, build, and show how the service works on an embedded fabric"
-	@echo "make test      the same for every test (PRESET=asan, tsan or coverage for an instrumented build)"
+	@echo "make test      install missing packages, build, and run every test (PRESET=asan, tsan or coverage: an instrumented build)"
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
-	@echo "make campaign  whole fabrics under random work and faults (SEEDS=1000, or a range like 1-50; HOURS=0: each seed once)"
-	@echo "make fuzz      every fuzzer for SECONDS=300, from the corpus in the tree"
+	@echo "make campaign  run whole fabrics under random work and faults (SEEDS=1000, or a range like 1-50; HOURS=0: each seed once)"
+	@echo "make fuzz      run every fuzzer for SECONDS=300, from the corpus in the tree"
 	@echo "make mutants   change one place at a time of PART=module, peers, stack, kernel or exec, and count what the tests notice"
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
-	@echo "make fabric    real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
-	@echo "make chaos     random acts on real hosts under OpenSM for MINUTES=10, and what must be true after them (SEED=N: one plan again)"
+	@echo "make fabric    run real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
+	@echo "make chaos     run real hosts under OpenSM and random acts for MINUTES=10, and check them after each act (SEED=N: one plan again)"
 	@echo "make scale     measure OpenSM and a simulated fabric of 48,000 hosts, and write docs/scale.md with pictures (an hour, 11 GiB)"
-	@echo "make bench     measurements: encoding, tracing, resolutions, a thousand hosts, a real fabric"
-	@echo "make aarch64   the kernel's tests on another processor, in an emulator"
-	@echo "make package   packages for Debian and Fedora, if this machine can build them, in build/packages"
-	@echo "make check-packages  build them twice, and install, start, upgrade and remove them in separate root folders (as root)"
+	@echo "make bench     measure encoding, tracing, resolutions, a thousand hosts, a real fabric"
+	@echo "make aarch64   run the kernel's tests on another processor, in an emulator"
+	@echo "make package   build packages for Debian and Fedora in build/packages, those that this machine can build"
+	@echo "make check-packages  build the packages twice, and install, start, upgrade and remove them in separate root folders (as root)"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
 
 configure:
@@ -84,14 +84,15 @@ HOURS ?= 0
 campaign: build
 	$(BUILD)/campaign/ats-campaign --seeds $(SEEDS) --hours $(HOURS)
 
-# The tests that run on real threads, under the thread sanitizer. Without simulations that run long in one thread.
+# Runs the tests that use real threads, under the thread sanitizer. Leaves out simulations that run long in one thread.
 test-threads:
 	@scripts/install-dependencies test
 	cmake --preset tsan
 	cmake --build --preset tsan --target tests-of-threads
 	ctest --preset tsan -E '_NOT_BUILT|^campaign|^protocol|^metrics|^librdmacm|^trace.of_everything|every_order'
 
-# Modules are changed beside a release build. For other parts, each file needs an object of its own.
+# A mutant of a module is a changed module beside a release build. A mutant of another part is one changed object, so it needs
+# the preset dev, where each file has an object of its own.
 PART ?= module
 OPTIONS ?=
 mutants:
@@ -127,7 +128,7 @@ bench:
 	build/release/bench/client-bench
 	test ! -x build/release/bench/fabric-bench || build/release/bench/fabric-bench
 
-# The program without any optional library.
+# Builds the program without any optional library, and runs the demo.
 bare:
 	@scripts/install-dependencies build
 	@$(MAKE) --no-print-directory configure PRESET=bare
@@ -138,7 +139,7 @@ bare:
 check-headers:
 	@scripts/check-headers
 
-# The kernel's tests on another processor, in an emulator.
+# Runs the kernel's tests for another processor in an emulator.
 aarch64:
 	@scripts/install-dependencies aarch64
 	@scripts/fetch-aarch64-libraries build/aarch64-libraries
@@ -147,7 +148,7 @@ aarch64:
 	@cd build/aarch64 && qemu-aarch64 -L /usr/aarch64-linux-gnu tests/test-kernel >test.log 2>&1 || { cat test.log; exit 1; }
 	@tail -n 1 build/aarch64/test.log
 
-# Configures without each optional library in turn, and compiles its replacement file.
+# Leaves out one optional library after the other. Each time, configures and compiles the file that replaces the library.
 check-options:
 	@scripts/install-dependencies test
 	@mkdir -p build

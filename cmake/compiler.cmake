@@ -4,20 +4,21 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-# In a program that loads modules, only the kernel calls are visible to them.
+# Only functions that are marked for export are visible outside of their image. Modules thus see only the kernel calls of
+# the program that loads them.
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
 add_compile_options(-Wall -Wextra)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # False warnings of GCC 12 in inlined std::string and std::tuple code (GCC bugs 105651 and 105329). clang also has
-  # these checks.
+  # GCC 12 gives false warnings in inlined std::string and std::tuple code (GCC bugs 105651 and 105329). clang makes the
+  # same checks without them.
   add_compile_options(-Wno-restrict -Wno-array-bounds -Wno-stringop-overflow)
 endif()
 
 option(ATS_COVERAGE "Measure test coverage" OFF)
 option(ATS_EDGES "Count the edges of the module's control flow, for ats-campaign --corpus; needs clang" OFF)
-set(ATS_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
+set(ATS_SANITIZE "" CACHE STRING "Sanitizers, written as for -fsanitize=")
 if(ATS_SANITIZE)
   add_compile_options(-fsanitize=${ATS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ATS_SANITIZE})
@@ -28,7 +29,8 @@ elseif(ATS_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
 else()
-  # Every user of a host can reach the service. Releases are therefore hardened like services of distributions.
+  # Every user of a machine can send requests to the service. Therefore it is hardened like other services of a
+  # distribution.
   include(CheckPIESupported)
   check_pie_supported()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)

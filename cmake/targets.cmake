@@ -4,10 +4,10 @@
 add_library(ats_interfaces INTERFACE)
 target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/ib-code/include)
 
-# All machines share the code of a module (host/kernel/image-area.h). The variables lie 4 MiB further behind the code
-# than usual (data_distance in host/kernel/image-template.h). For this, a step is added to the linker's own script.
-# Sanitizers place variables in another way, so builds with sanitizers do not use the script. In such builds the dynamic
-# linker maps a copy of the module for each machine.
+# All hosts in a process share the code of a module (host/kernel/image-area.h). For this, a module's variables must lie 4 MiB
+# further behind its code than usual (data_distance in host/kernel/image-template.h). This function adds that distance to the
+# linker's own script. Sanitizers place variables in another way, so builds with sanitizers do not use the script. In these
+# builds the dynamic linker maps a copy of the module for each host.
 function(make_module_linker_script)
   set(MODULE_LINKER_SCRIPT "" PARENT_SCOPE)
   if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR ATS_SANITIZE OR ATS_COVERAGE OR ATS_EDGES)
@@ -26,9 +26,9 @@ function(make_module_linker_script)
 endfunction()
 make_module_linker_script()
 
-# A module is a shared object. Its undefined symbols are kernel calls. With -Bsymbolic, its exported variables are bound
-# to the module itself, so a read needs a single load. Its units are compiled one by one, because each trace line names
-# its unit.
+# A module is a shared object, and its undefined symbols are kernel calls. With -Bsymbolic, the module's own code reads an
+# exported variable with a single load. The source files of a module are compiled one by one, because each trace line names
+# its file.
 function(add_kernel_module name)
   add_library(${name}_module MODULE ${ARGN})
   set_target_properties(${name}_module PROPERTIES PREFIX "" OUTPUT_NAME ${name} UNITY_BUILD OFF
