@@ -18,6 +18,13 @@ task& self(const char* caller = __builtin_FUNCTION())
     return exec::current_task_of(caller);
 }
 
+// Waits until nobody holds the lock or guard with this state, and takes it.
+[[gnu::noinline, gnu::cold]] void wait_and_take(std::atomic<uint32_t>& state, exec::executor& exec)
+{
+    do exec.relax();
+    while (exec::exchange(state, 1, std::memory_order_acquire) != 0);
+}
+
 // Holds a guard in a scope of a few instructions. No task sleeps while it holds a guard. Therefore another task that
 // needs the guard spins.
 class guarded
@@ -25,7 +32,7 @@ class guarded
   public:
     explicit guarded(kernel_guard_t& guard) : guard_(guard)
     {
-        while (exec::exchange(guard_.state, 1, std::memory_order_acquire) != 0) self().exec.relax();
+        if (exec::exchange(guard_.state, 1, std::memory_order_acquire) != 0) wait_and_take(guard_.state, self().exec);
     }
     ~guarded() { guard_.state.store(0, std::memory_order_release); }
     guarded(const guarded&) = delete;
@@ -175,7 +182,7 @@ unsigned long spin_lock_irqsave(spinlock_t* lock)
 {
     task& caller = self();
     caller.exec.switch_point();
-    while (exec::exchange(lock->state, 1, std::memory_order_acquire) != 0) caller.exec.relax();
+    if (exec::exchange(lock->state, 1, std::memory_order_acquire) != 0) wait_and_take(lock->state, caller.exec);
     return static_cast<unsigned long>(caller.spin_locks++);
 }
 

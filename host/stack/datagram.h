@@ -10,6 +10,8 @@
 
 #include <gsi.h>
 
+#include "host/exec/brief-lock.h"
+
 namespace stack
 {
 
@@ -52,7 +54,7 @@ class datagram_record
     void take_over(datagram_state new_state, const char* call)
     {
         datagram_state state = datagram_state::held;
-        if (!state_.compare_exchange_strong(state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
+        if (!exec::compare_exchange(state_, state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
     }
 
     // Only the GSI layer calls it, while the GSI layer owns the datagram.

@@ -189,7 +189,7 @@ int gsi_adapter::post(gsi_class_t& client, datagram_record& record, uint64_t* tr
 
 uint64_t gsi_adapter::new_transaction_id(const gsi_class_t& client, const gsi_dtgrm_t& datagram)
 {
-    if (client.number == 0) return last_transaction_id_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (client.number == 0) return exec::fetch_add(last_transaction_id_, 1, std::memory_order_relaxed) + 1;
     const auto& header = reinterpret_cast<const mad_hdr_t&>(datagram.mad);
     return joined_transaction_id(client.number, from_wire(header.transact_id));
 }

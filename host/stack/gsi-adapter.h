@@ -55,19 +55,19 @@ struct gsi_class_t {
     // Any thread.
     bool enter()
     {
-        if (!(in_flight.fetch_add(1, std::memory_order_acquire) & end_mark)) return true;
+        if (!(exec::fetch_add(in_flight, 1, std::memory_order_acquire) & end_mark)) return true;
         leave();
         return false;
     }
 
     // Undoes enter(). Call it when the callback of the datagram has returned, or when its post has failed. Any thread.
-    void leave() { in_flight.fetch_sub(1, std::memory_order_release); }
+    void leave() { exec::fetch_add(in_flight, UINT32_MAX, std::memory_order_release); } // adds -1
 
     // Ends the registration. Returns false, and does nothing, if a datagram is in flight. Any thread.
     bool end()
     {
         uint32_t count = 0;
-        return in_flight.compare_exchange_strong(count, end_mark, std::memory_order_acq_rel);
+        return exec::compare_exchange(in_flight, count, end_mark, std::memory_order_acq_rel);
     }
     bool has_ended() const { return in_flight.load(std::memory_order_relaxed) & end_mark; }
 };
