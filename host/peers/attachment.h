@@ -1,6 +1,6 @@
-// The attachment of a provider to a peer. A provider is the module that sends the requests of the peer; a peer has at
-// most one. The peer calls the provider without holding its lock. The attachment counts these calls. A detach waits
-// until the last one has returned.
+// The attachment of a provider to a peer. A peer is a module such as IBAT or UCM. Its provider is the module that sends
+// its requests to the SA. A peer has at most one provider. The peer does not hold its own lock while it calls the
+// provider. The attachment counts the running calls, and a detach waits until all of them have returned.
 #pragma once
 
 #include <cassert>
@@ -12,14 +12,14 @@ template <class send_fn_t>
 class attachment
 {
   public:
-    // The arguments of a call into the provider. `send` is null if there is no provider.
+    // The provider's function, and the context that it gets. `send` is null if there is no provider.
     struct provider_t {
         send_fn_t send;
         void* context;
     };
 
-    // Starts without a provider. `lock` guards the attachment and the peer's other state. Deadlock reports show
-    // `queue_name`, which must outlive the attachment.
+    // Prepares an attachment without a provider. `lock` guards the attachment and the peer's other state. Deadlock
+    // reports show `queue_name`, a text that must outlive the attachment.
     void open(spinlock_t* lock, const char* queue_name)
     {
         lock_ = lock;
@@ -30,8 +30,8 @@ class attachment
         init_waitqueue_head_named(&calls_ended_, queue_name);
     }
 
-    // Attaches a provider and stores the handle for its detach. Returns false if an argument is null or another
-    // provider is attached. Takes the lock.
+    // Attaches a provider. Stores in `*handle` the handle with which the provider detaches itself. Returns false if an
+    // argument is null or another provider is attached. Takes the lock.
     bool attach(send_fn_t send, void* context, void** handle)
     {
         if (!send || !handle) return false;
@@ -47,8 +47,8 @@ class attachment
     bool is_attached() const { return provider_.send != nullptr; }
     bool accepts_calls() const { return is_attached() && !is_ending_; }
 
-    // Counts a call into the provider. The caller holds the lock, and the attachment accepts calls. The caller then
-    // releases the lock, makes the call and calls end_call().
+    // Counts a call of the provider's function as running, and returns this function. The caller holds the lock, and
+    // accepts_calls() is true. The caller then releases the lock, calls the provider and calls end_call().
     provider_t begin_call()
     {
         assert(is_held(*lock_) && accepts_calls());
@@ -56,7 +56,8 @@ class attachment
         return provider_;
     }
 
-    // Call it after the call has returned, with the lock held. Then call wake_detach() without the lock.
+    // Call end_call() with the lock held when the provider's function has returned. Then release the lock and call
+    // wake_detach().
     void end_call()
     {
         assert(is_held(*lock_) && calls_ > 0);
@@ -64,11 +65,11 @@ class attachment
     }
     void wake_detach() { wake_up_interruptible(&calls_ended_); }
 
-    // A detach has four steps: begin_detach(), refuse_calls(), wait_for_calls(), end(). Between the steps, the peer
-    // ends its requests. When the peer itself ends, it skips the first step.
+    // A provider detaches itself in four steps: begin_detach(), refuse_calls(), wait_for_calls(), end(). Between these
+    // steps, the peer ends its requests. A peer that is unloaded begins with refuse_calls().
 
-    // Accepts no more calls. Returns false if the handle is not that of the provider, or if another task is detaching
-    // it. Takes the lock.
+    // Refuses further calls. Returns false if `handle` is not the handle of the attached provider, or if another task
+    // is detaching it already. Takes the lock.
     bool begin_detach(void* handle)
     {
         spin_guard guard(lock_);
@@ -77,20 +78,20 @@ class attachment
         return true;
     }
 
-    // The caller holds the lock.
+    // From here on, accepts_calls() is false. The caller holds the lock.
     void refuse_calls()
     {
         assert(is_held(*lock_));
         is_ending_ = true;
     }
 
-    // Returns when the last call has ended. May sleep. The caller does not hold the lock.
+    // Returns when no call of the provider's function runs any more. May sleep. The caller does not hold the lock.
     void wait_for_calls()
     {
         wait_until(&calls_ended_, lock_, [this] { return calls_ == 0; });
     }
 
-    // From here on another provider may attach. The caller holds the lock.
+    // From here on, another provider may attach itself. The caller holds the lock.
     void end()
     {
         assert(is_held(*lock_) && is_ending_ && calls_ == 0);
@@ -101,8 +102,8 @@ class attachment
   private:
     spinlock_t* lock_;
     provider_t provider_;
-    uintptr_t serial_; // number of the attachment, and its handle; a stale handle has another number
-    bool is_ending_;
-    int32_t calls_; // number of calls that have not returned
+    uintptr_t serial_; // counts the attachments; the latest number is the provider's handle
+    bool is_ending_;   // true from refuse_calls() to end()
+    int32_t calls_;    // number of running calls
     wait_queue_head_t calls_ended_;
 };

@@ -1,5 +1,6 @@
-// A hash index of records that its user owns. The links of the chains are members of the records, so no call after
-// open() allocates, sleeps or fails. Contexts that may not sleep can use it. The caller guards it with a lock.
+// Finds records by a key, with a hash table. The owner of the table also owns the records, and guards all calls with a
+// lock. The links of the table are members of the records. Therefore only open() allocates memory, may fail or may
+// sleep. Contexts that may not sleep can make all other calls.
 #pragma once
 
 #include <bit>
@@ -22,8 +23,8 @@ template <class record_t, class key_t, key_t record_t::*key, record_t* record_t:
 class hash_index
 {
   public:
-    // Allocates memory for `record_count` records; with more records, it is slower. Returns false if there is no
-    // memory. May sleep.
+    // Allocates a table for `record_count` records. It can hold more records, but is then slower. Returns false if
+    // there is no memory. May sleep.
     bool open(size_t record_count)
     {
         const size_t count = std::bit_ceil(record_count);
@@ -34,7 +35,7 @@ class hash_index
         return true;
     }
 
-    // Frees the index. Does nothing if the index is closed or its open() failed.
+    // Frees the table. Does nothing if open() has failed or the table is already freed.
     void close()
     {
         kfree(buckets_);
@@ -49,7 +50,7 @@ class hash_index
         return record;
     }
 
-    // The index must not contain a record with this key.
+    // Adds a record. The table must not contain another record with the same key.
     void insert(record_t* record)
     {
         assert(!find(record->*key));
@@ -58,7 +59,7 @@ class hash_index
         head = record;
     }
 
-    // The index must contain `record`.
+    // Removes a record. The table must contain it.
     void remove(record_t* record)
     {
         record_t** link = &buckets_[hash_of(record->*key) & mask_];

@@ -1,7 +1,9 @@
-// The callbacks that a peer still has to make. Answers arrive in contexts that may not sleep, but a callback may sleep
-// and may ask again. Therefore a sleeping timer makes the callbacks, one after another. An asker is in exactly one
-// place at a time: in its request, in this queue, or in its callback. Therefore each asker gets exactly one
-// callback.
+// The queue of callbacks that IBAT or UCM still has to make. An asker is a call of another module that waits for its
+// callback. Answers arrive in contexts that may not sleep, but a callback may sleep and may ask again. Therefore the
+// handler of a timer, which may sleep, makes the callbacks one after another.
+//
+// An asker is in one place at a time: in the list of its request, in this queue, or in its running callback. Therefore
+// each asker gets exactly one callback.
 #pragma once
 
 #include <cassert>
@@ -15,8 +17,8 @@ struct asker_t {
     list_head link;
     ibat_get_ib_data_reply_fn_t callback;
     void* context;
-    ibat_stat_t status;
-    ibat_arp_data_t answer;
+    ibat_stat_t status;     // first argument of the callback
+    ibat_arp_data_t answer; // second argument of the callback
 
     bool matches(ibat_get_ib_data_reply_fn_t other_callback, void* other_context) const
     {
@@ -24,8 +26,8 @@ struct asker_t {
     }
 };
 
-// Unlinks and frees the matching askers of a list. Returns their number. The caller holds the lock that guards the
-// list.
+// Unlinks and frees the askers of a list that have this callback and context. Returns their number. The caller holds
+// the lock that guards the list.
 inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t callback, void* context)
 {
     int32_t withdraw_count = 0;
@@ -43,11 +45,11 @@ inline int32_t withdraw_askers(list_head* askers, ibat_get_ib_data_reply_fn_t ca
 class reply_queue
 {
   public:
-    // `lock` guards the queue and the peer's other state. May sleep.
+    // `lock` guards the queue and the other state of its module.
     void open(spinlock_t* lock)
     {
         lock_ = lock;
-        list_init(&owed_askers_);
+        list_init(&askers_);
         called_asker_ = nullptr;
         is_scheduled_ = false;
         init_waitqueue_head_named(&callback_ended_, "peer callback");
@@ -56,36 +58,38 @@ class reply_queue
         timer_.data = reinterpret_cast<unsigned long>(this);
     }
 
-    // Calls `asker` back soon, and then frees it. `asker` comes from kmalloc and must not be in a list. The caller
-    // holds the lock. Any context.
-    void owe(asker_t* asker, ibat_stat_t status, const ibat_arp_data_t& answer)
+    // Adds an asker to the queue. The timer calls it back with `status` and `answer`, and then frees it. `asker` comes
+    // from kmalloc and must not be in a list. The caller holds the lock. Any context.
+    void add(asker_t* asker, ibat_stat_t status, const ibat_arp_data_t& answer)
     {
         assert(is_held(*lock_) && list_empty(&asker->link));
         asker->status = status;
         asker->answer = answer;
         if (answer.primary_path == &answer.paths[0]) asker->answer.primary_path = &asker->answer.paths[0];
-        list_add_tail(&asker->link, &owed_askers_);
+        list_add_tail(&asker->link, &askers_);
         if (is_scheduled_) return;
         is_scheduled_ = true;
         timer_.expires = jiffies;
         add_timing(&timer_);
     }
 
-    // Cancels the matching callbacks in the queue. Returns their number. The caller holds the lock.
+    // Removes the askers with this callback and context from the queue. Returns their number. The caller holds the
+    // lock.
     int32_t withdraw(ibat_get_ib_data_reply_fn_t callback, void* context)
     {
         assert(is_held(*lock_));
-        return withdraw_askers(&owed_askers_, callback, context);
+        return withdraw_askers(&askers_, callback, context);
     }
 
-    // Returns when no matching callback runs. May sleep; a callback must not wait for itself.
+    // Returns when this callback does not run with this context. The caller does not hold the lock. May sleep. A
+    // callback must not wait for itself.
     void wait_while_running(ibat_get_ib_data_reply_fn_t callback, void* context)
     {
         wait_until(&callback_ended_, lock_,
                    [&] { return !called_asker_ || !called_asker_->matches(callback, context); });
     }
 
-    // Makes the remaining callbacks in the calling task. The peer must not add more. May sleep.
+    // Makes the remaining callbacks in the calling task. Do not call add() any more. May sleep.
     void close()
     {
         del_timing_sync(&timer_);
@@ -93,7 +97,8 @@ class reply_queue
     }
 
   private:
-    // Only one task at a time runs this: the timer is armed again only after the queue was empty.
+    // Makes the callbacks until the queue is empty. Only one task at a time runs this function: add() arms the timer
+    // again only when the queue has been empty.
     void deliver()
     {
         for (asker_t* asker = take(); asker; asker = take()) {
@@ -107,24 +112,24 @@ class reply_queue
         }
     }
 
-    // The next asker to call, or null.
+    // Removes the oldest asker from the queue and returns it, or returns null if the queue is empty.
     asker_t* take()
     {
         spin_guard guard(lock_);
         assert(!called_asker_);
-        if (list_empty(&owed_askers_)) {
+        if (list_empty(&askers_)) {
             is_scheduled_ = false;
             return nullptr;
         }
-        called_asker_ = list_entry(owed_askers_.next, asker_t, link);
+        called_asker_ = list_entry(askers_.next, asker_t, link);
         list_del_init(&called_asker_->link);
         return called_asker_;
     }
 
     spinlock_t* lock_;
-    list_head owed_askers_; // oldest first
+    list_head askers_;      // oldest first
     asker_t* called_asker_; // the asker whose callback runs, or null
-    bool is_scheduled_;     // the timer is armed, or its handler runs
+    bool is_scheduled_;     // true while the timer is armed or its handler runs
     wait_queue_head_t callback_ended_;
     timing_t timer_;
 };

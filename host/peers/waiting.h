@@ -1,4 +1,4 @@
-// Locking and waiting, shared by the peers.
+// Locking and waiting, for the modules IBAT and UCM.
 #pragma once
 
 #include "kernel/sync.h"
@@ -24,8 +24,8 @@ inline bool is_held(const spinlock_t& lock)
     return lock.state.load(std::memory_order_relaxed) != 0;
 }
 
-// Sleeps until `condition()` is true; signals do not end the sleep. Checks the condition with `lock` held, first at
-// once and then after every wake-up of `queue`.
+// Sleeps until `condition()` is true. Signals do not end the sleep. Calls `condition()` with `lock` held: first at
+// once, then after every wake-up of `queue`. The caller does not hold `lock`. May sleep.
 template <class condition_t>
 void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t condition)
 {
@@ -33,11 +33,11 @@ void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t conditio
         spin_guard guard(lock);
         return condition();
     };
-    constexpr unsigned long look_again_ticks = 60 * HZ;
+    constexpr unsigned long sleep_ticks = 60 * HZ; // of one sleep; then the condition is checked again
     wait_queue_t sleeper;
     prepare_to_wait(queue, &sleeper);
     while (!holds()) {
-        schedule_timeout_uninterruptible(look_again_ticks);
+        schedule_timeout_uninterruptible(sleep_ticks);
         prepare_to_wait(queue, &sleeper);
     }
     finish_wait(queue, &sleeper);

@@ -65,7 +65,7 @@ bool cache::learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port
 
 void cache::forget_own(const kq_gid_t& gid, uint32_t local_port_num)
 {
-    if (own_entry_ && is_of_own(gid, local_port_num)) drop(own_entry_);
+    if (own_entry_ && own_entry_has(gid, local_port_num)) drop(own_entry_);
 }
 
 void cache::release_own()
@@ -120,7 +120,7 @@ unsigned long cache::lifetime_of(const cache_entry* entry) const
     return entry->is_negative() ? limits_.negative_ticks : limits_.lifetime_ticks;
 }
 
-// The difference is correct even if the tick count has wrapped.
+// The result is correct even if the tick count has wrapped around.
 unsigned long cache::age_of(const cache_entry* entry) const
 {
     return jiffies - entry->answered_tick;
@@ -131,13 +131,15 @@ bool cache::is_live(const cache_entry* entry) const
     return entry == own_entry_ || age_of(entry) < lifetime_of(entry);
 }
 
-bool cache::is_of_own(const kq_gid_t& gid, uint32_t local_port_num) const
+// Returns true if the own mapping has this GID or this port.
+bool cache::own_entry_has(const kq_gid_t& gid, uint32_t local_port_num) const
 {
     assert(own_entry_);
     return own_entry_->gid == gid || (local_port_num != 0 && own_entry_->local_port_num == local_port_num);
 }
 
-// Stores an entry that was learned now, and drops the entries that contradict it. Returns null if there is no memory.
+// Stores a new entry, which is a negative one if `gid` is zero. Drops the entries that contradict it. Returns null if
+// there is no memory.
 cache_entry* cache::store(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num)
 {
     cache_entry* entry = entries_by_address_.find(address);
@@ -157,8 +159,8 @@ cache_entry* cache::store(uint32_t address, const kq_gid_t& gid, uint32_t local_
     return entry;
 }
 
-// Allocates one more entry. If the cache is full or memory has run out, reuses the oldest entry. Returns null if there
-// is none.
+// Allocates an entry. If the cache is full or there is no memory, unlinks the oldest entry and returns it for reuse.
+// Returns null if there is no such entry.
 cache_entry* cache::allocate()
 {
     if (count_ < limits_.capacity) {
@@ -170,7 +172,8 @@ cache_entry* cache::allocate()
     return entry;
 }
 
-// The entry to drop first: a negative entry if there is one, because it is the cheapest to learn again.
+// Returns the entry to drop first. This is the oldest negative entry if there is one, otherwise the oldest learned
+// entry. Returns null if there is neither.
 cache_entry* cache::oldest() const
 {
     if (!list_empty(&negative_entries_)) return list_entry(negative_entries_.next, cache_entry, link);

@@ -1,7 +1,10 @@
-// IBAT's cache: at most one GID per address and one address per GID, learned from answers. Learned and negative entries
-// expire. The host's own mapping does not expire, and answers about other hosts do not change it. The owner guards
-// every call with its lock. Only open() and close() may sleep. The time of a call does not depend on the number of
-// entries, except for list() and flush().
+// IBAT's cache of answers from the SA. It has at most one GID for an address, and at most one address for a GID. There
+// are three kinds of entries: the host's own mapping (its address and its GID), mappings learned from answers about
+// other hosts, and negative entries (the SA has no record of the address). Learned and negative entries expire. The own
+// mapping does not expire, and answers about other hosts do not change it.
+//
+// The owner of the cache guards every call with a lock. Only open() and close() may sleep. Only list(), flush() and
+// close() take longer if there are more entries.
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -12,7 +15,7 @@ namespace ibat
 {
 
 struct cache_entry {
-    list_head link; // in the list of learned or of negative entries; unused for the own mapping
+    list_head link; // in the list of learned or of negative entries; the own mapping is in no list
     cache_entry* next_by_address;
     cache_entry* next_by_gid; // unused in a negative entry
     uint32_t address;
@@ -32,32 +35,33 @@ struct cache_limits {
 class cache
 {
   public:
-    // Returns false if there is no memory; nothing is allocated then.
+    // Returns false if there is no memory; nothing stays allocated then.
     bool open(const cache_limits& limits);
 
     // Drops every entry and frees the memory.
     void close();
 
-    // Returns the entry, or null if there is none or it has expired.
+    // Returns the entry of an address or GID, or null if there is no entry or it has expired.
     const cache_entry* find(uint32_t address) const;
     const cache_entry* find(const kq_gid_t& gid) const;
 
-    // Stores an answer: `gid` owns `address`. It replaces earlier entries of both. Returns false if it is not stored,
-    // because it contradicts the own mapping or because there is no memory.
+    // Stores an answer: `gid` owns `address`. The new entry replaces earlier entries of this address and of this GID.
+    // Returns false, and stores nothing, if the answer contradicts the own mapping or there is no memory.
     bool learn(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Stores the own mapping: the host owns `address` through `gid` on its port. An earlier own mapping of the same
-    // port or GID is dropped, because the host's address has changed. An earlier own mapping of another port becomes a
-    // learned entry, because the resolver no longer confirms it. Returns false if there is no memory.
+    // Stores the own mapping: the host itself has `address`, and its port has `gid`. If there is an earlier own mapping
+    // with another address, it is replaced. The earlier mapping is dropped if it has the same port or GID, because the
+    // address of this port has changed. Otherwise it becomes a learned entry. Returns false if there is no memory.
     bool learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Drops the own mapping if it belongs to this port or GID, because the port no longer has an address.
+    // Call it when a port no longer has an address. Drops the own mapping if it has this port or this GID.
     void forget_own(const kq_gid_t& gid, uint32_t local_port_num);
 
-    // Turns the own mapping into a learned entry, because the resolver no longer confirms it. It can then expire.
+    // Turns the own mapping into a learned entry, which can expire. Call it when no provider confirms the mapping any
+    // more.
     void release_own();
 
-    // Stores a negative answer: no host owns `address`.
+    // Stores a negative answer: the SA has no record of `address`.
     void learn_absence(uint32_t address);
 
     // Drops up to `limit` expired entries. Returns the number of dropped entries.
@@ -66,7 +70,8 @@ class cache
     // Drops every entry except the own mapping. Returns the number of dropped entries.
     int32_t flush();
 
-    // Drops one entry. Returns false if there is none, it has expired, or it is the own mapping.
+    // Drops the entry of an address or GID, but never the own mapping. Returns true if it has dropped an entry that had
+    // not expired.
     bool forget(uint32_t address) { return forget(entries_by_address_.find(address)); }
     bool forget(const kq_gid_t& gid) { return forget(entries_by_gid_.find(gid)); }
 
@@ -81,7 +86,7 @@ class cache
     unsigned long lifetime_of(const cache_entry* entry) const;
     unsigned long age_of(const cache_entry* entry) const;
     bool is_live(const cache_entry* entry) const;
-    bool is_of_own(const kq_gid_t& gid, uint32_t local_port_num) const;
+    bool own_entry_has(const kq_gid_t& gid, uint32_t local_port_num) const;
     cache_entry* store(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
     cache_entry* allocate();
     cache_entry* oldest() const;

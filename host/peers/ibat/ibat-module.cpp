@@ -1,4 +1,4 @@
-// The module: its parameters, the functions that it publishes, its entry and exit functions.
+// The module IBAT: its parameters, the functions that it publishes, its entry function and its exit function.
 #include <iterator>
 
 #include "host/peers/ibat/path-resolver.h"
@@ -48,14 +48,14 @@ ibat_stat_t detach(void* handle)
     return service.detach(handle);
 }
 
-// The port on which an answer arrived; 0 means unknown.
+// Returns the port on which an answer arrived; 0 means unknown.
 uint32_t port_of(const ibat_arp_data_t& arp_data)
 {
     return arp_data.mask & IBAT_MASK_LOCAL_PORT_NUM ? arp_data.local_port_num : 0;
 }
 
-// An answer also tells which port the provider uses. If an address has moved to another GID, its host may have left the
-// old GID, so the path to that GID is dropped.
+// Passes an answer to both resolvers. The path resolver gets the port on which it arrived. If the address now belongs
+// to another GID, the host with the earlier GID may be gone. Therefore this function drops the path to the earlier GID.
 ibat_stat_t process_arp_data(ibat_arp_data_t* arp_data)
 {
     if (!paths.is_open()) {
@@ -110,7 +110,7 @@ void counters(ibat_counters_t* counters)
     *counters = service.counters();
 }
 
-// Drops the paths together with the addresses.
+// Also drops all paths.
 int32_t flush()
 {
     paths.flush();

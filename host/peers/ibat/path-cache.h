@@ -1,5 +1,5 @@
-// IBAT's cache of paths, by destination GID. Paths expire. A full cache drops its oldest path. The owner guards every
-// call with its lock. Only open() and close() may sleep.
+// IBAT's cache of paths. It has at most one path to a destination GID. Paths expire. A full cache drops its oldest
+// path. The owner of the cache guards every call with a lock. Only open() and close() may sleep.
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -22,7 +22,7 @@ struct cached_path {
 class path_cache
 {
   public:
-    // Returns false if there is no memory; nothing is allocated then.
+    // Returns false if there is no memory; nothing stays allocated then.
     bool open(int32_t capacity, unsigned long lifetime_ticks)
     {
         list_init(&paths_);
@@ -38,14 +38,15 @@ class path_cache
         paths_by_gid_.close();
     }
 
-    // Returns the path, or null if there is none or it has expired.
+    // Returns the path to a GID, or null if there is no path or it has expired.
     const cached_path* find(const kq_gid_t& gid) const
     {
         const cached_path* path = paths_by_gid_.find(gid);
         return path && jiffies - path->answered_tick < lifetime_ticks_ ? path : nullptr;
     }
 
-    // Stores a path, and replaces an earlier one to the same GID. Does nothing if there is no memory.
+    // Stores a path in place of an earlier one to the same GID. If there is no memory, stores nothing; the earlier path
+    // is dropped all the same.
     void store(const kq_gid_t& gid, const ib_path_record_v2_t& path, uint32_t port_number)
     {
         forget(gid);
@@ -60,7 +61,7 @@ class path_cache
         ++count_;
     }
 
-    // Drops the path to a GID, or all paths. Returns the number of dropped paths.
+    // forget() drops the path to a GID, clear() drops all paths. They return the number of dropped paths.
     int32_t forget(const kq_gid_t& gid)
     {
         cached_path* path = paths_by_gid_.find(gid);
@@ -88,8 +89,8 @@ class path_cache
         --count_;
     }
 
-    // Allocates a path. If the cache is full or memory has run out, reuses the oldest path. Returns null if there is
-    // none.
+    // Allocates an entry. If the cache is full or there is no memory, unlinks the oldest path and returns it for reuse.
+    // Returns null if there is no such path.
     cached_path* allocate()
     {
         if (count_ < capacity_)

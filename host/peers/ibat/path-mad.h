@@ -1,4 +1,4 @@
-// The datagrams with which IBAT asks the SA for paths (IBA 15.2.5.16). All functions are pure.
+// Encodes IBAT's requests for paths, and decodes the SA's answers (PathRecord, IBA 15.2.5.16). All functions are pure.
 #pragma once
 
 #include "ibat.h"
@@ -19,8 +19,8 @@ struct source_port {
     bool operator==(const source_port&) const = default;
 };
 
-// A request for one reversible path to `destination` in the port's partition. The AttributeID is in host order, as GSI
-// needs it.
+// Returns a request for one reversible path from `source` to `destination`, with the P_Key of `source`. `serial` is the
+// TransactionID. All fields are in wire order, except the AttributeID: GSI expects it in host order and converts it.
 sa_mad_v2_t path_request_mad(const source_port& source, const kq_gid_t& destination, uint32_t serial);
 
 // Returns the path in an answer, in host order.

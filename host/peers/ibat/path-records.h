@@ -1,4 +1,4 @@
-// The record of IBAT's answers about paths.
+// Fills records of type ibat_arp_data_t with IBAT's answers about paths.
 #pragma once
 
 #include "ibat.h"
@@ -6,7 +6,7 @@
 namespace ibat
 {
 
-// A record with only a GID.
+// Returns a record with only a GID.
 inline ibat_arp_data_t gid_record(const kq_gid_t& gid)
 {
     ibat_arp_data_t record{};
@@ -15,7 +15,7 @@ inline ibat_arp_data_t gid_record(const kq_gid_t& gid)
     return record;
 }
 
-// Writes a path to `gid` into `record` and keeps its other fields. `gid` may be part of the record.
+// Writes a path to `gid` into `*record`, and keeps the other fields of the record. `gid` may be a field of the record.
 inline void fill_path_record(const kq_gid_t& gid, const ib_path_record_v2_t& path, uint32_t port_number,
                              ibat_arp_data_t* record)
 {

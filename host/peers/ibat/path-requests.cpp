@@ -1,4 +1,4 @@
-// The path resolver's requests, from the first asker to the last callback.
+// Implements the requests of class path_resolver, from the first caller that asks to the last callback.
 #include "host/peers/ibat/path-records.h"
 #include "host/peers/ibat/path-resolver.h"
 
@@ -30,17 +30,18 @@ bool is_temporary(uint16_t status)
 
 // ---- requests ----
 
-// Joins or makes the request for the path. If `arp_data` is null, skips the cache.
+// Adds the caller to the request for the path. Makes and sends this request if there is none. Before that, answers from
+// the cache if `arp_data` is not null.
 ibat_stat_t path_resolver::ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                                void* context)
 {
     source_port source;
     uint64_t generation;
     if (!find_source(&source, &generation)) return ibat_stat_no_port;
-    uint64_t request_id = 0; // of a new request; the caller sends it
+    uint64_t request_id = 0; // the ID of the request if it is new; 0 if not
     const ibat_stat_t status = requests_.ask(
         gid, callback, context,
-        // An answer may have arrived in between.
+        // An answer may have arrived since get() has searched the cache.
         [&] { return arp_data ? from_cache(gid, arp_data) : ibat_stat_pending; },
         [&](path_request* request) {
             request->serial = 0;
@@ -58,8 +59,8 @@ int32_t path_resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* contex
 
 // ---- attempts and their deadlines ----
 
-// Sends the next attempt of a request. Without the lock, the request may end at any moment, and its memory is then
-// freed. Therefore it is looked up again.
+// Sends the next attempt of a request. While this function does not hold the lock, the request may end and be freed.
+// Therefore it searches for the request again afterwards. The caller does not hold the lock. May sleep.
 void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
 {
     attempt attempt;
@@ -78,8 +79,8 @@ void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
     await_answer(request);
 }
 
-// Counts an attempt and gives it a serial number. Returns false if the request has ended. If no port is active, ends
-// the request and returns false.
+// Counts an attempt, gives it a serial number and fills `*attempt`. Returns false if the request has ended. If no port
+// is active, ends the request and returns false. May sleep.
 bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt)
 {
     while (true) {
@@ -92,7 +93,7 @@ bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, atte
             give_up(request, ibat_stat_no_port);
             return false;
         }
-        if (generation != generation_) continue; // an event has made the source port invalid
+        if (generation != generation_) continue; // the source port may have changed since find_source()
         assert(request->serial == 0 && request->attempts < limits_.attempts);
         request->serial = free_serial();
         request->port_number = attempt->source.number;
@@ -103,7 +104,7 @@ bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, atte
     }
 }
 
-// Returns a number that no attempt has. The caller holds the lock.
+// Returns a serial number that no waiting attempt has. The caller holds the lock.
 uint32_t path_resolver::free_serial()
 {
     do last_serial_ = last_serial_ == gsi_joined_transaction_bits ? 1 : last_serial_ + 1;
@@ -111,16 +112,16 @@ uint32_t path_resolver::free_serial()
     return last_serial_;
 }
 
-// Invalidates the attempt: its answer is ignored from now on. The caller holds the lock.
-void path_resolver::void_attempt(path_request* request)
+// From here on, an answer to the request's latest attempt is ignored. The caller holds the lock.
+void path_resolver::invalidate_attempt(path_request* request)
 {
     if (request->serial == 0) return;
     requests_by_serial_.remove(request);
     request->serial = 0;
 }
 
-// Makes a request wait for its answer until the next attempt. If every attempt was refused, gives it up at once. The
-// caller holds the lock.
+// Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
+// last attempt and none could be sent, ends the request. The caller holds the lock.
 void path_resolver::await_answer(path_request* request)
 {
     if (!request->was_sent && request->attempts >= limits_.attempts) {
@@ -128,12 +129,12 @@ void path_resolver::await_answer(path_request* request)
         return;
     }
     if (request->serial == 0)
-        requests_.hurry(request); // an event came during the attempt: repeat it at once
+        requests_.hurry(request); // an event has invalidated the attempt while it was sent: send the next one at once
     else
         requests_.wait(request, limits_.retry_ticks);
 }
 
-// The retry timer's handler. May sleep.
+// The handler of the timer in requests_. May sleep.
 void path_resolver::retry_due()
 {
     kq_gid_t gid;
@@ -141,13 +142,13 @@ void path_resolver::retry_due()
     while (next_due(&gid, &request_id)) send(gid, request_id);
 }
 
-// Gives up the due requests that have no attempt left. Returns true if another request is due; the caller then sends
-// its next attempt.
+// Looks for a request whose deadline has come and that has an attempt left. If there is one, stores its GID and ID and
+// returns true. The caller then sends its next attempt. On the way, ends the requests that have no attempt left.
 bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
 {
     spin_guard guard(&lock_);
     while (path_request* request = requests_.take_due()) {
-        void_attempt(request);
+        invalidate_attempt(request);
         if (request->attempts < limits_.attempts) {
             *gid = request->gid;
             *request_id = request->id;
@@ -172,8 +173,8 @@ void path_resolver::take_answer(const sa_mad_v2_t& mad)
         return;
     }
     const ib_path_record_v2_t path = path_in(mad);
-    assert(has_source_); // an attempt with an invalid source has no serial number
-    // A path without a DLID is not usable (IBA 4.1.3).
+    assert(has_source_); // leave_source() sets the serial numbers of all attempts to 0
+    // A path with a LID of 0 is not usable: 0 is reserved (IBA 4.1.3).
     const bool is_path =
         status == 0 && path.dgid == request->gid && path.sgid == source_.gid && path.dlid != 0 && path.slid != 0;
     if (is_path) return take_path(request, path);
@@ -184,12 +185,12 @@ void path_resolver::take_answer(const sa_mad_v2_t& mad)
     }
     ++counters_.errors;
     if (status == 0 || is_temporary(status))
-        void_attempt(request); // the next attempt follows at the deadline
+        invalidate_attempt(request); // the next attempt follows at the deadline
     else
         give_up(request, ibat_stat_refused);
 }
 
-// The caller holds the lock.
+// Stores the path of an answer in the cache, and ends the request with it. The caller holds the lock.
 void path_resolver::take_path(path_request* request, const ib_path_record_v2_t& path)
 {
     ++counters_.answers;
@@ -199,13 +200,14 @@ void path_resolver::take_path(path_request* request, const ib_path_record_v2_t& 
     complete(request, ibat_stat_ok, answer);
 }
 
-// Ends a request. The caller holds the lock.
+// Ends a request: the callbacks get `status` and `answer`. The caller holds the lock.
 void path_resolver::complete(path_request* request, ibat_stat_t status, const ibat_arp_data_t& answer)
 {
-    void_attempt(request);
+    invalidate_attempt(request);
     requests_.end(request, status, answer);
 }
 
+// Ends a request without a path. The caller holds the lock.
 void path_resolver::give_up(path_request* request, ibat_stat_t status)
 {
     complete(request, status, gid_record(request->gid));

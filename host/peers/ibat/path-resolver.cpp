@@ -1,4 +1,5 @@
-// The path resolver: open and close, its source port and its lookups. Its requests are in path-requests.cpp.
+// Implements class path_resolver, except for its requests (see path-requests.cpp): open and close, the source port, and
+// lookups in the cache.
 #include "host/peers/ibat/path-resolver.h"
 
 #include "host/peers/ibat/path-records.h"
@@ -28,7 +29,8 @@ void path_resolver::prepare(const path_limits& limits, kq_async_event_fn_t event
         &lock_, [](unsigned long self) { reinterpret_cast<path_resolver*>(self)->retry_due(); }, this);
 }
 
-// Opens what the first question needs. Returns false if a call was refused; the next question tries again.
+// At the first call, opens the ports and allocates the memory. Returns false if this fails. The next call then tries
+// again. May sleep.
 bool path_resolver::open()
 {
     if (is_open()) return true;
@@ -78,7 +80,8 @@ void path_resolver::close()
 
 // ---- the source port ----
 
-// Finds the port on which paths begin now, and the present generation. Returns false if no port is active. May sleep.
+// Stores in `*source` the port on which paths begin now, and in `*generation` the present generation. Returns false if
+// no port is active. May sleep.
 bool path_resolver::find_source(source_port* source, uint64_t* generation)
 {
     {
@@ -98,8 +101,8 @@ bool path_resolver::find_source(source_port* source, uint64_t* generation)
     return true;
 }
 
-// Prefers the port that the provider of addresses uses. If the link of that port is down, the provider has changed to
-// another port.
+// Finds an active port. Prefers the port that the provider of addresses uses. If the link of this port is down, the
+// provider also changes to another port.
 bool path_resolver::find_active_port(source_port* source) const
 {
     const uint32_t provider_port = provider_port_;
@@ -109,7 +112,8 @@ bool path_resolver::find_active_port(source_port* source) const
     return false;
 }
 
-// Call it when the source port has become invalid or may have. The caller holds the lock.
+// Call it when the source port may have changed. Drops all paths and ignores the answers to all waiting attempts. The
+// next attempts follow at once. The caller holds the lock.
 void path_resolver::leave_source()
 {
     assert(is_held(lock_));
@@ -117,7 +121,7 @@ void path_resolver::leave_source()
     if (!has_source_) return;
     has_source_ = false;
     counters_.drops += static_cast<uint64_t>(cache_.clear());
-    requests_.for_each([this](path_request* request) { void_attempt(request); });
+    requests_.for_each([this](path_request* request) { invalidate_attempt(request); });
     requests_.hurry_all();
 }
 
@@ -130,13 +134,13 @@ void path_resolver::note_provider_port(uint32_t number)
 
 void path_resolver::take_event(const kq_event_record_st& event)
 {
-    // Verbs also reports an active port to a new subscriber. Such a report changes nothing.
+    // Verbs reports every active port once to a new subscriber. This report changes nothing.
     if (event.event_type == kq_async_r_port_link_up && is_same_source(event.port_num)) return;
     spin_guard guard(&lock_);
     if (!has_source_ || source_.number == event.port_num) leave_source();
 }
 
-// Returns true if the port is the source and its attributes have not changed.
+// Returns true if this port is the source port and its attributes have not changed. May sleep.
 bool path_resolver::is_same_source(uint32_t port_number)
 {
     source_port port_now;
@@ -147,7 +151,7 @@ bool path_resolver::is_same_source(uint32_t port_number)
 
 // ---- lookups ----
 
-// Answers from the cache. Returns ibat_stat_pending if the cache has no path. The caller holds the lock.
+// Answers from the cache. Returns ibat_stat_pending if the cache has no path to the GID. The caller holds the lock.
 ibat_stat_t path_resolver::from_cache(const kq_gid_t& gid, ibat_arp_data_t* arp_data) const
 {
     const cached_path* entry = cache_.find(gid);

@@ -1,12 +1,12 @@
-// Finds paths from the host's active port to GIDs, in the cache or by asking the SA. Several askers share one request
-// per GID. A request is repeated until an answer comes or no attempt is left. Every attempt has a serial number, which
-// its answer repeats.
+// Finds paths from the host's active port, the source, to GIDs. It answers from a cache, or asks the SA. All callers
+// that ask for the same GID share one request. A request is repeated until an answer comes or no attempt is left. Every
+// attempt has a serial number as its TransactionID, and the answer has the same TransactionID.
 //
-// An event of the port makes the paths invalid. The resolver then empties the cache, ignores answers to earlier
-// attempts, and repeats their requests at once.
+// An event of the source port makes the paths invalid. The resolver then empties the cache, ignores answers to earlier
+// attempts, and repeats the requests at once.
 //
-// Before the first question, the resolver opens no HCA and allocates no memory. One spin lock guards everything. No
-// code sleeps or calls another module while holding it.
+// Before the first call of get() or refresh(), the resolver opens no HCA and allocates no memory. One spin lock guards
+// the cache, the counters, the source and the requests. No code sleeps or calls another module while it holds the lock.
 #pragma once
 
 #include <atomic>
@@ -22,8 +22,8 @@ namespace ibat
 struct path_limits {
     int32_t capacity;
     unsigned long lifetime_ticks;
-    int32_t attempts; // total number
-    unsigned long retry_ticks;
+    int32_t attempts;          // largest number of attempts of a request, including the first one
+    unsigned long retry_ticks; // time from one attempt to the next
 };
 
 // A request for the path to one GID.
@@ -31,15 +31,16 @@ struct path_request : request_base {
     path_request* next_by_gid;
     path_request* next_by_serial;
     kq_gid_t gid;
-    uint32_t serial; // of the attempt that waits for its answer; 0 if none
-    uint32_t port_number;
+    uint32_t serial;      // number of the attempt that waits for its answer; 0 if no attempt waits
+    uint32_t port_number; // the port on which this attempt was sent
 };
 
-// ibat-path-exports.h describes the calls.
+// ibat-path-exports.h describes the functions without a comment.
 class path_resolver
 {
   public:
-    // Call it before every other call. `event` passes the events of the HCA to take_event().
+    // Call it before every other call. `event` becomes the callback for the events of the HCA. It must pass them to
+    // take_event().
     void prepare(const path_limits& limits, kq_async_event_fn_t event);
 
     // Ends every request with an error and frees everything. May sleep.
@@ -52,17 +53,18 @@ class path_resolver
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
     ibat_path_counters_t counters();
 
-    // Returns true after the first question. Any context.
+    // Returns true once get() or refresh() has opened the HCA. Any context.
     bool is_open() const { return is_open_.load(std::memory_order_acquire); }
 
-    // Call it when the provider of addresses uses this port from now on. Any context.
+    // Call it when the provider of addresses (see resolver.h) has received an answer on this port. Paths begin on the
+    // same port if its link is active. The number 0 means that the port is unknown. Any context.
     void note_provider_port(uint32_t number);
 
-    // Drops the path to a GID, or all paths. Requests continue. Any context.
+    // forget() drops the path to a GID, flush() drops all paths. Requests continue. Any context.
     void forget(const kq_gid_t& gid);
     void flush();
 
-    // May sleep.
+    // Call it for every event of the HCA. Drops the paths if the source port may have changed. May sleep.
     void take_event(const kq_event_record_st& event);
 
   private:
@@ -84,7 +86,7 @@ class path_resolver
     void send(const kq_gid_t& gid, uint64_t request_id);
     bool begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt);
     uint32_t free_serial();
-    void void_attempt(path_request* request);
+    void invalidate_attempt(path_request* request);
     void await_answer(path_request* request);
     void retry_due();
     bool next_due(kq_gid_t* gid, uint64_t* request_id);
@@ -97,17 +99,17 @@ class path_resolver
 
     path_limits limits_;
     kq_async_event_fn_t event_;
-    semaphore opening_;
+    semaphore opening_; // held while a task opens the resolver
     std::atomic<bool> is_open_;
-    std::atomic<uint32_t> provider_port_; // 0 if unknown
+    std::atomic<uint32_t> provider_port_; // the number of note_provider_port(); 0 means unknown
 
     spinlock_t lock_;
     sa_ports ports_;
     path_cache cache_;
     ibat_path_counters_t counters_;
     source_port source_;
-    bool has_source_;     // source_ is the active port, according to the events so far
-    uint64_t generation_; // counts the events that made a source invalid
+    bool has_source_;     // true if no event since find_source() has made source_ invalid
+    uint64_t generation_; // changes whenever the source port may have changed
     request_list<path_request, kq_gid_t, &path_request::gid, &path_request::next_by_gid> requests_;
     hash_index<path_request, uint32_t, &path_request::serial, &path_request::next_by_serial> requests_by_serial_;
     uint32_t last_serial_;

@@ -1,4 +1,4 @@
-// The record of IBAT's requests and answers.
+// Fills records of type ibat_arp_data_t for IBAT's requests for addresses, and with its answers.
 #pragma once
 
 #include "ibat.h"
@@ -6,7 +6,7 @@
 namespace ibat
 {
 
-// A record with only an address.
+// Returns a record with only an address (network order).
 inline ibat_arp_data_t address_record(uint32_t address)
 {
     ibat_arp_data_t record{};
@@ -15,7 +15,8 @@ inline ibat_arp_data_t address_record(uint32_t address)
     return record;
 }
 
-// Writes a mapping into `record` and keeps its other fields.
+// Writes a mapping of `address` to `gid` into `*record`, and keeps the other fields of the record. `is_own` means that
+// it is the host's own mapping. If `local_port_num` is 0, the port is unknown.
 inline void fill_record(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num, bool is_own,
                         ibat_arp_data_t* record)
 {

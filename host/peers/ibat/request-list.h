@@ -1,8 +1,12 @@
-// The requests of a resolver, from the first asker to the last callback. Several askers share one request per key. A
-// request is being sent, or it waits until its deadline. After the deadline, a timer returns it to the resolver, which
-// repeats it or gives it up.
+// The requests of a resolver: class resolver asks for addresses, class path_resolver asks for paths. An asker is a call
+// of another module that waits for its callback (reply-queue.h). All askers for the same key share one request.
 //
-// The resolver's lock guards everything. The caller holds the lock, unless a comment says otherwise.
+// A request is in one of two lists. It is in the sending list while an attempt is being sent. Then it is in the waiting
+// list until its deadline. After the deadline, the handler of a timer gets it from take_due(). The handler sends
+// another attempt or ends the request.
+//
+// The resolver's lock guards all members. The caller of a function holds the lock, unless the function's comment says
+// otherwise.
 #pragma once
 
 #include "host/peers/hash-index.h"
@@ -12,21 +16,21 @@ namespace ibat
 {
 
 struct request_base {
-    list_head link; // in the sending list or in the waiting list
-    uint64_t id;    // distinguishes it from an earlier request for the same key
-    list_head askers;
-    int32_t attempts; // so far
-    bool was_sent;    // at least one attempt was sent
-    unsigned long deadline;
+    list_head link;         // in the sending list or in the waiting list
+    uint64_t id;            // no earlier request for the same key has this number
+    list_head askers;       // askers that have no answer yet, oldest first
+    int32_t attempts;       // number of attempts so far
+    bool was_sent;          // true if at least one attempt was sent
+    unsigned long deadline; // in ticks; only used in the waiting list
 };
 
-// `request_t` is a request_base with two members: a key, and a link for the index.
+// `request_t` is derived from request_base. It adds two members: its key, and a link for the hash index.
 template <class request_t, class key_t, key_t request_t::*key, request_t* request_t::*next>
 class request_list
 {
   public:
-    // Call it before every other call. When a request is due, a timer calls `due` with `context`; `due` may sleep, and
-    // calls take_due(). The caller does not hold the lock. May sleep.
+    // Call it before every other call. When the deadline of a request has come, a timer calls `due` with `context`.
+    // `due` must call take_due() until it returns null. `due` may sleep. The caller does not hold the lock.
     void prepare(spinlock_t* lock, void (*due)(unsigned long), void* context)
     {
         lock_ = lock;
@@ -41,18 +45,18 @@ class request_list
         replies_.open(lock);
     }
 
-    // Returns false if there is no memory. The caller does not hold the lock. May sleep.
+    // Allocates the hash index. Returns false if there is no memory. The caller does not hold the lock. May sleep.
     bool open()
     {
         constexpr size_t expected_requests = 512;
         return requests_by_key_.open(expected_requests);
     }
 
-    // Call it after the last request has ended, when no more are made. `due` does not run afterwards. The caller does
-    // not hold the lock. May sleep.
+    // Call it when all requests have ended and no new ones are made. When it has returned, `due` does not run any more.
+    // The caller does not hold the lock. May sleep.
     void stop_timer() { del_timing_sync(&timer_); }
 
-    // Makes the remaining callbacks, and frees the index. The caller does not hold the lock. May sleep.
+    // Makes the remaining callbacks and frees the hash index. The caller does not hold the lock. May sleep.
     void close()
     {
         replies_.close();
@@ -63,18 +67,21 @@ class request_list
 
     request_t* find(const key_t& value) const { return requests_by_key_.find(value); }
 
-    // Returns the request, or null if it has ended.
+    // Returns the request with this key and ID, or null if it has ended.
     request_t* find(const key_t& value, uint64_t id) const
     {
         request_t* request = find(value);
         return request && request->id == id ? request : nullptr;
     }
 
-    // First calls look(). If it returns ibat_stat_pending, adds the asker to the key's request. If there is none yet,
-    // makes one and calls begin() to send it. Both run with the lock held. Returns the result of look(), or an error if
-    // there is no memory. Takes the lock.
-    template <class look_t, class begin_t>
-    ibat_stat_t ask(const key_t& value, ibat_get_ib_data_reply_fn_t callback, void* context, const look_t& look,
+    // Adds an asker to the request for the key `value`. Makes the request if there is none, and calls begin(request).
+    // The caller must send an attempt of this new request after the return.
+    //
+    // Before that, calls check(). If its result is not ibat_stat_pending, no request is necessary: adds nothing, and
+    // returns the result. check() and begin() run with the lock held and must not sleep. Returns ibat_stat_pending if
+    // it has added the asker, and ibat_stat_error if there is no memory. The caller does not hold the lock. May sleep.
+    template <class check_t, class begin_t>
+    ibat_stat_t ask(const key_t& value, ibat_get_ib_data_reply_fn_t callback, void* context, const check_t& check,
                     const begin_t& begin)
     {
         auto* asker = static_cast<asker_t*>(kmalloc(sizeof(asker_t), GFP_KERNEL));
@@ -84,7 +91,7 @@ class request_list
             asker->callback = callback;
             asker->context = context;
             spin_guard guard(lock_);
-            status = look();
+            status = check();
             if (status == ibat_stat_pending) {
                 if (join(value, asker, new_request)) {
                     begin(new_request);
@@ -98,8 +105,9 @@ class request_list
         return status;
     }
 
-    // Cancels the matching askers. Calls give_up() for requests without an asker left. Waits until no matching callback
-    // runs. Returns the number of cancelled askers. Takes the lock; may sleep; a callback must not cancel itself.
+    // Cancels the askers with this callback and context. Calls give_up(request) for a request that has no asker left.
+    // Waits until this callback does not run with this context. Returns the number of cancelled askers. The caller does
+    // not hold the lock. May sleep. A callback must not cancel itself.
     template <class give_up_t>
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context, const give_up_t& give_up)
     {
@@ -116,7 +124,7 @@ class request_list
         return cancel_count;
     }
 
-    // Calls visit() with every request. visit() may end that request.
+    // Calls visit(request) for every request. visit() may end this request, but no other one.
     template <class visit_t>
     void for_each(const visit_t& visit)
     {
@@ -128,8 +136,9 @@ class request_list
             }
     }
 
-    // Call it when an attempt of the request was sent or refused. The request waits for this many ticks. All requests
-    // wait equally long, so the waiting list is in the order of the deadlines.
+    // Call it when an attempt of the request was sent or refused. Moves the request to the end of the waiting list,
+    // with a deadline after `ticks`. This number must be the same in all calls, so that the list is in the order of the
+    // deadlines.
     void wait(request_t* request, unsigned long ticks)
     {
         request->deadline = jiffies + ticks;
@@ -138,7 +147,7 @@ class request_list
         arm_timer();
     }
 
-    // Makes the request due at once.
+    // Moves the request to the beginning of the waiting list, with a deadline that has come now.
     void hurry(request_t* request)
     {
         request->deadline = jiffies;
@@ -147,7 +156,7 @@ class request_list
         restart_timer();
     }
 
-    // Makes all waiting requests due at once.
+    // Sets the deadline of all requests in the waiting list to the present tick.
     void hurry_all()
     {
         if (list_empty(&waiting_list_)) return;
@@ -156,8 +165,8 @@ class request_list
         restart_timer();
     }
 
-    // Returns the next due request and moves it to the sending list. Without one, arms the timer for the others and
-    // returns null.
+    // If the deadline of a request has come, moves the request to the sending list and returns it. Otherwise arms the
+    // timer for the next deadline and returns null.
     request_t* take_due()
     {
         if (!list_empty(&waiting_list_) && has_come(request_of(waiting_list_.next)->deadline)) {
@@ -170,13 +179,13 @@ class request_list
         return nullptr;
     }
 
-    // Ends a request: queues the callbacks of its askers and frees it.
+    // Ends a request: puts its askers into the reply queue, which calls them back later, and frees the request.
     void end(request_t* request, ibat_stat_t status, const ibat_arp_data_t& answer)
     {
         while (!list_empty(&request->askers)) {
             asker_t* asker = list_entry(request->askers.next, asker_t, link);
             list_del_init(&asker->link);
-            replies_.owe(asker, status, answer);
+            replies_.add(asker, status, answer);
         }
         assert(count_ > 0);
         requests_by_key_.remove(request);
@@ -193,10 +202,11 @@ class request_list
 
     static bool has_come(unsigned long deadline)
     {
-        return static_cast<long>(jiffies - deadline) >= 0; // correct even if the tick count has wrapped
+        return static_cast<long>(jiffies - deadline) >= 0; // correct even if the tick count has wrapped around
     }
 
-    // Adds `asker` to the key's request. Returns true if that is `new_request`.
+    // Adds `asker` to the request for the key `value`. If there is none, makes `new_request` this request and returns
+    // true.
     bool join(const key_t& value, asker_t* asker, request_t* new_request)
     {
         request_t* request = find(value);
@@ -234,11 +244,11 @@ class request_list
 
     spinlock_t* lock_;
     hash_index<request_t, key_t, key, next> requests_by_key_;
-    list_head sending_list_; // requests with an attempt that is being sent
-    list_head waiting_list_; // requests that wait for an answer, earliest deadline first
+    list_head sending_list_; // an attempt of these requests is being sent
+    list_head waiting_list_; // these requests wait for an answer; earliest deadline first
     uint64_t last_id_;
     uint64_t count_;
-    bool is_timer_armed_; // the timer is armed, or `due` runs
+    bool is_timer_armed_; // true while the timer is armed or its handler `due` runs
     timing_t timer_;
     reply_queue replies_;
 };

@@ -1,4 +1,4 @@
-// The resolver's requests, from the first asker to the last callback.
+// Implements the requests of class resolver, from the first caller that asks to the last callback.
 #include "host/peers/ibat/records.h"
 #include "host/peers/ibat/resolver.h"
 
@@ -14,16 +14,18 @@ constexpr uint32_t usable_reply = IBAT_MASK_SRC_IP | IBAT_MASK_DST_IP | IBAT_MAS
 
 // ---- requests ----
 
-// Joins or makes the request for the address. If `arp_data` is null, skips the cache.
+// Adds the caller to the request for the address. Makes and sends this request if there is none. Before that, answers
+// from the cache if `arp_data` is not null.
 ibat_stat_t resolver::ask(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                           void* context)
 {
     send_order order{};
-    const auto look = [&] {
-        const ibat_stat_t status = arp_data ? from_cache(address, arp_data) : ibat_stat_pending; // the entry may be new
+    const auto check = [&] {
+        // An answer may have arrived since resolve() has searched the cache.
+        const ibat_stat_t status = arp_data ? from_cache(address, arp_data) : ibat_stat_pending;
         return status == ibat_stat_pending && !attachment_.accepts_calls() ? ibat_stat_error : status;
     };
-    const ibat_stat_t status = requests_.ask(address, callback, context, look,
+    const ibat_stat_t status = requests_.ask(address, callback, context, check,
                                              [&](address_request* request) { order = begin_attempt(request); });
     if (order.provider.send) send(order);
     return status;
@@ -36,8 +38,8 @@ int32_t resolver::cancel(ibat_get_ib_data_reply_fn_t callback, void* context)
 
 // ---- attempts and their deadlines ----
 
-// Counts an attempt of a request that is being sent. The caller holds the lock, and the attachment accepts calls. The
-// caller then releases the lock and sends the attempt.
+// Counts an attempt of a request in the sending list, and begins a call of the provider. The caller holds the lock, and
+// the attachment accepts calls. The caller then releases the lock and passes the result to send().
 send_order resolver::begin_attempt(address_request* request)
 {
     assert(request->attempts < max_attempts_);
@@ -45,8 +47,8 @@ send_order resolver::begin_attempt(address_request* request)
     return {attachment_.begin_call(), request->address, request->id, request->attempts > 1};
 }
 
-// Sends an attempt of begin_attempt(). The request may end during the call, and its memory is then freed. Therefore it
-// is looked up again.
+// Sends an attempt of begin_attempt() through the provider. During the provider's call, the request may end and be
+// freed. Therefore this function searches for it again afterwards. The caller does not hold the lock. May sleep.
 void resolver::send(const send_order& order)
 {
     ibat_arp_data_t query = address_record(order.address);
@@ -69,8 +71,8 @@ void resolver::send(const send_order& order)
     attachment_.wake_detach();
 }
 
-// Makes a request wait for its answer until the next attempt. If the provider has refused every attempt, gives it up at
-// once. The caller holds the lock.
+// Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
+// last attempt and the provider has refused all of them, ends the request. The caller holds the lock.
 void resolver::await_answer(address_request* request)
 {
     if (!request->was_sent && request->attempts >= max_attempts_) {
@@ -80,15 +82,15 @@ void resolver::await_answer(address_request* request)
     requests_.wait(request, retry_ticks_);
 }
 
-// The retry timer's handler. May sleep, because the provider may.
+// The handler of the timer in requests_. May sleep, because the provider's function may sleep.
 void resolver::retry_due()
 {
     send_order order{};
     while (next_due(&order)) send(order);
 }
 
-// Gives up the due requests that have no attempt left. Returns true if another request is due; the caller then sends
-// `*order`, its next attempt.
+// Looks for a request whose deadline has come and that has an attempt left. If there is one, stores its next attempt in
+// `*order` and returns true. The caller then sends it. On the way, ends the requests that have no attempt left.
 bool resolver::next_due(send_order* order)
 {
     spin_guard guard(&lock_);
@@ -111,12 +113,13 @@ ibat_stat_t resolver::take_reply(const ibat_arp_data_t& reply)
     spin_guard guard(&lock_);
     const bool is_usable = reply.arp_operation == IBAT_ARP_REPLY && (reply.mask & usable_reply) == usable_reply;
     if (!is_usable || reply.src_ip == 0) {
-        // If the own address of a port is zero, every answer without an address looks like its own mapping.
+        // The provider marks an answer as static if its address is the address of the port. An answer without an
+        // address is thus static if the port has no address any more. Its earlier own mapping is then out of date.
         if (is_usable && reply.mask & IBAT_MASK_STATIC) cache_.forget_own(reply.gid, reply.local_port_num);
         ++counters_.ignored;
         return ibat_stat_error;
     }
-    // An answer without a record has the fields of its request, and a request for an address has no GID.
+    // If the SA has no record, its answer repeats the fields of the request. A request for an address has no GID.
     if (reply.gid == kq_gid_t{}) {
         take_negative(reply.src_ip);
     } else {
@@ -129,8 +132,8 @@ ibat_stat_t resolver::take_reply(const ibat_arp_data_t& reply)
 void resolver::take_positive(const ibat_arp_data_t& reply)
 {
     ++counters_.answers;
-    // Only an attached provider confirms the host's own mapping. Without one, treat the answer like that of another
-    // host.
+    // The host's own mapping does not expire. It is stored only while a provider is attached, because the provider
+    // confirms it. Without a provider, the answer is stored like that of another host, and expires.
     const bool is_own = reply.mask & IBAT_MASK_STATIC && attachment_.is_attached();
     const uint32_t port = reply.mask & IBAT_MASK_LOCAL_PORT_NUM ? reply.local_port_num : 0;
     const bool is_stored =
@@ -158,7 +161,7 @@ void resolver::take_negative(uint32_t address)
     requests_.end(request, ibat_stat_not_found, address_record(address));
 }
 
-// The caller holds the lock.
+// Ends a request without an answer: the callbacks get `status`. The caller holds the lock.
 void resolver::give_up(address_request* request, ibat_stat_t status)
 {
     requests_.end(request, status, address_record(request->address));

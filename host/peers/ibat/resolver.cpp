@@ -1,4 +1,5 @@
-// The resolver: open and close, its attachment, lookups, expiry and reports. Its requests are in resolver-requests.cpp.
+// Implements class resolver, except for its requests (see resolver-requests.cpp): open and close, the attachment,
+// lookups in the cache, the expiry of entries, and reports.
 #include "host/peers/ibat/resolver.h"
 #include "host/peers/ibat/records.h"
 
@@ -8,7 +9,7 @@ namespace
 {
 
 constexpr unsigned long sweep_period_ticks = 10 * HZ;
-constexpr int32_t sweep_batch = 64; // maximum number of entries that are dropped without releasing the lock
+constexpr int32_t sweep_batch = 64; // largest number of entries that are dropped before the lock is released for others
 
 } // namespace
 
@@ -71,7 +72,8 @@ void resolver::end_attachment()
 
 // ---- lookups ----
 
-// Answers from the cache. Returns ibat_stat_pending if the cache has no entry. The caller holds the lock.
+// Answers from the cache. Returns ibat_stat_pending if the cache has no entry for the address. The caller holds the
+// lock.
 ibat_stat_t resolver::from_cache(uint32_t address, ibat_arp_data_t* arp_data) const
 {
     const cache_entry* entry = cache_.find(address);
@@ -102,7 +104,7 @@ ibat_stat_t resolver::cached(uint32_t address, ibat_arp_data_t* arp_data)
 
 ibat_stat_t resolver::look_up_gid(const kq_gid_t& gid, ibat_arp_data_t* arp_data)
 {
-    const kq_gid_t gid_copy = gid; // the caller's GID may be part of the record that is filled
+    const kq_gid_t gid_copy = gid; // `gid` may be a field of `*arp_data`, which fill_record() changes
     spin_guard guard(&lock_);
     ++counters_.lookups;
     const cache_entry* entry = cache_.find(gid_copy);
@@ -137,7 +139,7 @@ ibat_stat_t resolver::refresh(uint32_t address, ibat_get_ib_data_reply_fn_t call
 
 // ---- expiry ----
 
-// The caller holds the lock.
+// Arms the sweep timer if it is not armed and an entry can expire. The caller holds the lock.
 void resolver::arm_sweep()
 {
     assert(is_held(lock_));
@@ -147,7 +149,7 @@ void resolver::arm_sweep()
     add_timing(&sweep_timer_);
 }
 
-// The sweep timer's handler. Frees expired entries; lookups already ignore them.
+// The handler of the sweep timer. Frees the expired entries. Until then, lookups ignore them.
 void resolver::sweep_aged()
 {
     int32_t count = sweep_batch;

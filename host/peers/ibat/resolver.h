@@ -1,7 +1,9 @@
-// Finds the GID that owns an address, in the cache or by asking the attached provider. (Other modules call the provider
-// the resolver.) Several askers share one request per address. A request is repeated until an answer comes, the
-// provider detaches or no attempt is left. One spin lock guards everything. No code sleeps or calls another module
-// while holding it.
+// Finds the GID that owns an address, in the cache or through the attached provider. The provider is the module that
+// sends requests to the SA. (ibat.h calls this module the resolver. Here, the resolver is the class below.) All callers
+// that ask for the same address share one request. A request is repeated until an answer comes, the provider detaches
+// itself, or no attempt is left.
+//
+// One spin lock guards all members. No code sleeps or calls another module while it holds the lock.
 #pragma once
 
 #include "host/peers/attachment.h"
@@ -13,8 +15,8 @@ namespace ibat
 
 struct resolver_limits {
     cache_limits cache;
-    int32_t attempts; // total number
-    unsigned long retry_ticks;
+    int32_t attempts;          // largest number of attempts of a request, including the first one
+    unsigned long retry_ticks; // time from one attempt to the next
 };
 
 // A request for the GID of one address.
@@ -23,7 +25,7 @@ struct address_request : request_base {
     uint32_t address;
 };
 
-// One attempt to send without the lock. `provider.send` is null if there is no attempt to send.
+// An attempt that must be sent when the lock has been released. `provider.send` is null if nothing must be sent.
 struct send_order {
     attachment<send_arp_data_fn_t>::provider_t provider;
     uint32_t address;
@@ -31,11 +33,11 @@ struct send_order {
     bool is_retry;
 };
 
-// ibat.h and ibat-exports.h describe the calls.
+// ibat.h and ibat-exports.h describe the functions without a comment.
 class resolver
 {
   public:
-    // Returns false if there is no memory; nothing is held then. May sleep.
+    // Returns false if there is no memory; nothing stays allocated then. May sleep.
     bool open(const resolver_limits& limits);
 
     // Ends every request with an error and frees everything. May sleep.
@@ -80,7 +82,7 @@ class resolver
     attachment<send_arp_data_fn_t> attachment_;
 
     request_list<address_request, uint32_t, &address_request::address, &address_request::next_by_address> requests_;
-    bool is_sweep_armed_; // the timer is armed, or its handler runs
+    bool is_sweep_armed_; // true while sweep_timer_ is armed or its handler runs
     timing_t sweep_timer_;
 };
 

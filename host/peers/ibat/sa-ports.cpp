@@ -61,7 +61,8 @@ bool sa_ports::join_ports(const kq_hca_name& hca, const callbacks& callbacks)
     return true;
 }
 
-// GSI does not release a client before its last datagram has completed.
+// Leaves the class on all ports. gsi_deregister_class() fails while a datagram is in flight, so this function repeats
+// the call until it succeeds.
 void sa_ports::leave_ports()
 {
     for (; count_ > 0; --count_)

@@ -1,6 +1,6 @@
-// The ports through which IBAT asks the SA. They are ports of the first HCA, which the address module uses as well.
-// IBAT joins the SA's class on these ports beside that module. It has its own datagrams and follows the events of the
-// HCA.
+// The ports through which IBAT asks the SA for paths. They are ports of the first HCA. The module that asks the SA for
+// addresses uses the same ports and has registered the SA's class there. IBAT joins the class as a second client, with
+// datagrams of its own. It also subscribes to the events of the HCA.
 #pragma once
 
 #include "gsi.h"
@@ -13,30 +13,31 @@ namespace ibat
 class sa_ports
 {
   public:
-    // IBAT's callbacks for datagrams of the SA and events of the HCA.
+    // The callbacks for answers of the SA and for events of the HCA.
     struct callbacks {
-        gsi_completion_fn_t receive_callback; // gets `context`
-        void* context;
+        gsi_completion_fn_t receive_callback;
+        void* context; // argument of receive_callback
         kq_async_event_fn_t event;
     };
 
-    // Returns false if a call was refused; nothing is held then. The callbacks may come before the call returns. May
-    // sleep.
+    // Opens the HCA and joins the class on its ports. Returns false if verbs or GSI refuse a call; nothing stays open
+    // then. A callback may come before the return. May sleep.
     bool open(const callbacks& callbacks);
 
-    // After the return, no callback runs. May sleep.
+    // Closes the HCA. When it has returned, no callback runs any more. May sleep.
     void close();
 
     int32_t count() const { return count_; }
 
-    // Reads the port's present attributes. Returns false if it is not active or does not exist. May sleep.
+    // Reads the present attributes of a port. Returns false if the port does not exist or its link is not active. May
+    // sleep.
     bool read(uint32_t number, source_port* port) const;
 
-    // Sends a request to the port's SA. Returns false if it was not sent. Any context.
+    // Sends a request through `port` to the SA of its subnet. Returns false if it was not sent. Any context.
     bool send(const source_port& port, const sa_mad_v2_t& request) const;
 
   private:
-    static constexpr int32_t most_ports = 2; // the same as the module uses
+    static constexpr int32_t most_ports = 2; // the module that asks for addresses does not use more ports, either
 
     bool join_ports(const kq_hca_name& hca, const callbacks& callbacks);
     void leave_ports();
@@ -45,7 +46,7 @@ class sa_ports
     kq_async_event_fn_t event_;
     gsi_dtgrm_pool_handle_t pool_;
     int32_t count_;
-    gsi_class_handle_t classes_[most_ports]; // null means not joined
+    gsi_class_handle_t classes_[most_ports]; // handles of the ports 1 to count_
 };
 
 } // namespace ibat

@@ -45,8 +45,8 @@ ucm_stat_t reverse_resolver::detach(void* handle)
     return ucm_stat_ok;
 }
 
-// First waits for the running calls into the provider, because a failing call ends its own request. Then ends the
-// remaining requests.
+// Waits for the running calls of the provider's function, because end_send() ends the request of a call that fails.
+// Then ends the remaining requests.
 void reverse_resolver::end_attachment()
 {
     {
@@ -58,7 +58,7 @@ void reverse_resolver::end_attachment()
     while (!list_empty(&requests_)) {
         gid_request* request = list_entry(requests_.next, gid_request, asker.link);
         unlink(request);
-        replies_.owe(&request->asker, ibat_stat_error, request->asker.answer);
+        replies_.add(&request->asker, ibat_stat_error, request->asker.answer);
     }
     attachment_.end();
 }
@@ -82,15 +82,15 @@ ibat_stat_t reverse_resolver::get_ip(const kq_gid_t& gid, ibat_arp_data_t* arp_d
         kfree(request);
         return ibat_stat_error;
     }
-    const uint64_t id = request->id; // an answer may free the request during the call
+    const uint64_t id = request->id; // read it now: an answer may free the request during the next call
     ibat_stat_t status = provider.send(&query, reply_, number_to_context(id), provider.context);
     status = end_send(id, status);
     if (status == ibat_stat_ok) *arp_data = query;
     return status;
 }
 
-// Registers a request, and the call into `*provider` that the caller makes next. Returns false if there is no provider.
-// Otherwise the provider stays attached until end_send().
+// Adds a request and begins a call of the provider's function. Stores the provider in `*provider`; the caller then
+// calls it. The provider stays attached until end_send(). Returns false, and adds nothing, if there is no provider.
 bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
 {
     spin_guard guard(&lock_);
@@ -104,8 +104,8 @@ bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
     return true;
 }
 
-// Ends the call into the provider, which has returned `status`. Returns the status for the asker. If a callback or
-// a cancel has already ended the request, ignores `status`.
+// Call it when the provider's function has returned `status`. Returns the status for the caller of get_ip(). If a
+// callback or cancel() has already ended the request, ignores `status` and returns ibat_stat_pending.
 ibat_stat_t reverse_resolver::end_send(uint64_t id, ibat_stat_t status)
 {
     {
@@ -135,7 +135,7 @@ void reverse_resolver::take_answer(ibat_stat_t status, const ibat_arp_data_t* re
     }
     count_answer(status);
     unlink(request);
-    replies_.owe(&request->asker, status, record ? *record : request->asker.answer);
+    replies_.add(&request->asker, status, record ? *record : request->asker.answer);
 }
 
 void reverse_resolver::count_answer(ibat_stat_t status)

@@ -1,6 +1,8 @@
-// Finds the address that belongs to a GID by asking the attached provider. The provider gets a number for each request,
-// not its memory address. A callback for a request that has ended finds no request with its number, and is ignored. One
-// spin lock guards everything. No code sleeps or calls another module while holding it.
+// Finds the address that belongs to a GID. It asks the attached provider, the module that sends requests to the SA. The
+// provider gets the number of a request as its context, not a pointer to the request. If a callback comes after the
+// request has ended, no request has this number, and the callback is ignored.
+//
+// One spin lock guards all members. No code sleeps or calls another module while it holds the lock.
 #pragma once
 
 #include "host/peers/attachment.h"
@@ -13,18 +15,18 @@ namespace ucm
 
 // A request that waits for the provider's answer.
 struct gid_request {
-    asker_t asker; // first member: the reply queue frees the request through it
+    asker_t asker; // the first member, because reply_queue frees the whole request with kfree(asker)
     gid_request* next_by_id;
     uint64_t id;
 };
 static_assert(offsetof(gid_request, asker) == 0);
 
-// The calls are those of devucm-exports.h and ucm-exports.h.
+// devucm-exports.h and ucm-exports.h describe the functions without a comment.
 class reverse_resolver
 {
   public:
-    // `reply` is the callback for providers; it calls take_answer(). Returns false if there is no memory; nothing is
-    // held then. May sleep.
+    // `reply` is the callback that each request passes to the provider. It must call take_answer(). Returns false if
+    // there is no memory; nothing stays allocated then. May sleep.
     bool open(ats_rarp_reply_fn_t reply);
 
     // Ends every request with an error and frees everything. May sleep.
@@ -37,8 +39,8 @@ class reverse_resolver
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
     ucm_counters_t counters();
 
-    // The provider's callback, with the user context of its request. The record may be null. Does not sleep. The caller
-    // holds no spin lock.
+    // Takes the arguments of a provider's callback. `user_context` is the number of the request. The record may be
+    // null. Does not sleep. The caller holds no spin lock.
     void take_answer(ibat_stat_t status, const ibat_arp_data_t* record, void* user_context);
 
   private:

@@ -1,4 +1,4 @@
-// The module: the functions that it publishes, its entry and exit functions.
+// The module UCM: the functions that it publishes, its entry function and its exit function.
 #include "host/peers/publications.h"
 #include "host/peers/ucm/reverse-resolver.h"
 #include "kernel/errno.h"
