@@ -1,4 +1,4 @@
-// Measures the time of a lookup.
+// Measures how long a lookup takes, by the wall clock.
 #pragma once
 
 #include <chrono>

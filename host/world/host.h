@@ -1,4 +1,5 @@
-// A host: a machine with its HCAs, its registry values and its modules. It can run any modules; the plan names them.
+// A host: a machine with its HCAs, its registry values and its modules. A plan says which HCAs, values and modules the
+// host has. The host can run any modules.
 #pragma once
 
 #include <cstdint>
@@ -39,24 +40,26 @@ ats::result<std::vector<fabric::hca*>> add_hcas(embedded::subnet& subnet, const 
 class host
 {
   public:
-    // Plugs the HCAs, starts the tasks of the stack and fills the registry. `hcas` can belong to any fabric and must
-    // outlive the host; the plan's own list of HCAs is not used. Modules come from `module_folder`. Throws a shortage
-    // if the tasks cannot be created.
+    // Plugs the HCAs, starts the tasks of host/stack and fills the registry. Does not load the modules. `hcas` can
+    // belong to any fabric and must outlive the host. `plan.hcas` is not used. load() finds the modules in
+    // `module_folder`. Throws exec::shortage if a task cannot be created.
     host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
 
-    // Unloads all modules. If a module refuses, prints the error on stderr.
+    // Unloads all modules. If a module cannot be unloaded, prints the error to stderr.
     ~host();
 
     kernel::machine& machine() { return *machine_; }
     const std::string& name() const { return plan_.name; }
     const host_plan& plan() const { return plan_; }
 
-    // Loads the planned modules in order and stops at the first error. The modules loaded before it stay loaded. The
-    // caller is outside, or a task that may sleep. Throws a shortage if an image cannot be mapped.
+    // Loads the modules of the plan in order. At the first error, returns the error of loader::insmod; the modules that
+    // were loaded before stay loaded. The caller is a thread outside of all machines, or a task that may sleep. Throws
+    // exec::shortage if a module needs a task that cannot be created.
     ats::result<> load();
 
-    // Unloads every loaded module, the latest first. Stops at the first one that refuses.
+    // Unloads all loaded modules, the latest first. At the first error, returns the error of loader::rmmod; the other
+    // modules stay loaded. The caller is as for load().
     ats::result<> unload();
 
   private:

@@ -49,7 +49,7 @@ void set_failure(path_resolution& answer, path_status status, const std::string&
     answer.reason = reason;
 }
 
-// Stores IBAT's answer about the path to a GID.
+// Stores IBAT's answer about the path to a GID in `answer`.
 void take_path(path_resolution& answer, ibat_stat_t status, const ibat_arp_data_t& record)
 {
     switch (static_cast<int32_t>(status)) {
@@ -72,7 +72,7 @@ void take_path(path_resolution& answer, ibat_stat_t status, const ibat_arp_data_
     }
 }
 
-// Stores the reason why the destination's address has no GID.
+// Stores in `answer` why IBAT has found no GID for the destination's address.
 void take_unknown_address(path_resolution& answer, const resolution& address_answer, const kernel::machine& machine)
 {
     if (address_answer.status == ibat_stat_not_found)
@@ -91,7 +91,8 @@ void note_destination(path_resolution& answer, const path_destination& destinati
         answer.gid = std::get<kq_gid_t>(destination);
 }
 
-// One question about a path. It lives until its answer has been delivered, and keeps IBAT loaded.
+// One call of start_path_resolution(). The object exists until `done` has been called. It holds references on IBAT, so
+// IBAT stays loaded.
 struct path_question {
     path_question(kernel::machine& machine, const path_destination& destination, lookup_mode mode, path_callback done)
         : machine(machine), get(machine, "ibat_get_path_fn"), refresh(machine, "ibat_refresh_path_fn"), mode(mode),
@@ -140,14 +141,14 @@ void ask_for_path(std::unique_ptr<path_question> question)
             status = (*question->get)(&gid, &record, take_reply, question.get());
     });
     if (status == ibat_stat_pending) {
-        static_cast<void>(question.release()); // the callback owns it, and may already have destroyed it
+        static_cast<void>(question.release()); // take_reply() owns the question, and may already have destroyed it
         return;
     }
     take_path(question->answer, status, record);
     question->finish();
 }
 
-// Finds the GID of the destination's address first.
+// Asks IBAT for the GID of the destination's address, and then for the path to this GID.
 void ask_for_address(std::unique_ptr<path_question> question)
 {
     kernel::machine& machine = question->machine;
@@ -155,7 +156,7 @@ void ask_for_address(std::unique_ptr<path_question> question)
     const auto start = question->mode == lookup_mode::sa_only
                            ? start_fresh_resolution
                            : static_cast<void (*)(kernel::machine&, uint32_t, resolution_callback)>(start_resolution);
-    path_question* context = question.release(); // std::function cannot store an object that is not copyable
+    path_question* context = question.release(); // std::function cannot store a unique_ptr; the lambda owns `context`
     start(machine, ip, [context](const resolution& address_answer) {
         std::unique_ptr<path_question> question(context);
         question->answer.from_cache = address_answer.from_cache;
@@ -166,7 +167,8 @@ void ask_for_address(std::unique_ptr<path_question> question)
     });
 }
 
-// Shared by resolve_path() and the callback. The callback may come after the end of the wait.
+// The answer for which resolve_path() waits. resolve_path() and its callback share the object, because the callback may
+// come after the time limit of resolve_path().
 struct shared_answer {
     shared_answer() { init_waitqueue_head_named(&arrival, "path"); }
 
@@ -175,7 +177,8 @@ struct shared_answer {
     wait_queue_head_t arrival;
 };
 
-// Waits inside the machine. Returns false after the timeout.
+// Waits until the answer has arrived. Returns false if it has not arrived after `timeout_ticks`. The calling task is
+// inside the machine.
 bool wait_for(shared_answer& state, uint64_t timeout_ticks)
 {
     wait_queue_t sleeper;
@@ -208,7 +211,7 @@ double gigabits_of(const path_record& path)
 uint64_t lifetime_microseconds_of(const path_record& path)
 {
     constexpr uint64_t unit_nanoseconds = 4096;
-    constexpr int longest = 63 - 12; // beyond it, the number would overflow
+    constexpr int longest = 63 - 12; // for larger values, the result of the shift overflows
     return path.packet_lifetime <= longest ? (unit_nanoseconds << path.packet_lifetime) / 1000 : 0;
 }
 

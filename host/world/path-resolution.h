@@ -1,5 +1,5 @@
-// Paths from a host to an address or a GID. IBAT finds them: first the GID of the address, then the PathRecord from the
-// SA.
+// Finds the path from a host to an address or to a GID. For an address, it first asks the host's module IBAT for the
+// GID. Then it asks IBAT for the PathRecord of the SA.
 #pragma once
 
 #include <variant>
@@ -9,7 +9,7 @@
 namespace world
 {
 
-// A PathRecord (IBA 15.2.5.16) in host order. Numbers have the standard's encodings.
+// A PathRecord (IBA 15.2.5.16) in host order. The fields have the encodings of the standard.
 struct path_record {
     kq_gid_t dgid{};
     kq_gid_t sgid{};
@@ -29,27 +29,27 @@ struct path_record {
     bool operator==(const path_record&) const = default;
 };
 
-// These functions decode fields of a path. An unknown encoding gives zero. Pure.
+// These functions decode fields of a path. They return 0 for an unknown encoding. Pure.
 uint32_t mtu_bytes_of(const path_record& path);
 double gigabits_of(const path_record& path); // per second
 uint64_t lifetime_microseconds_of(const path_record& path);
 
 enum class path_status {
     found,
-    not_found,      // the SA has no owner of the address, or no path to the GID
-    not_cached,     // only for cache_only: the cache has no path
+    not_found,      // the SA has no record of the address, or no path to the GID
+    not_cached,     // only for lookup_mode::cache_only: the cache has no path
     timed_out,      // the SA did not answer in time
-    no_active_port, // the host has no port that can send a question
-    failed,         // the SA could not be asked, or refused
+    no_active_port, // no port of the host can send a request
+    failed,         // no request could be sent to the SA, or the SA has refused it
 };
 
 struct path_resolution {
     path_status status = path_status::failed;
-    uint32_t ip = 0;   // of the destination, network order; 0 if the question named a GID
-    kq_gid_t gid{};    // of the destination; zero if unknown
-    path_record path;  // valid for `found`
-    uint32_t port = 0; // valid for `found`: the host's port on which the path begins
-    bool from_cache = false;
+    uint32_t ip = 0;                   // address of the destination, network order; 0 if the destination is a GID
+    kq_gid_t gid{};                    // GID of the destination; zero if unknown
+    path_record path;                  // only valid if the status is `found`
+    uint32_t port = 0;                 // only valid if the status is `found`: the host's port on which the path begins
+    bool from_cache = false;           // true if no request to the SA was necessary
     uint64_t duration_ticks = 0;       // by the machine's clock
     uint64_t duration_nanoseconds = 0; // by the wall clock
     std::string reason;                // one line for people; empty if the status is `found`
@@ -57,19 +57,21 @@ struct path_resolution {
 
 using path_destination = std::variant<uint32_t, kq_gid_t>; // an address in network order, or a GID
 
-// Waits at most `timeout_ticks` for the answer; the default is longer than IBAT tries. In the simulation, time passes
-// meanwhile. The caller is outside, or is a task of the machine that may sleep.
+// Finds a path and waits for the answer, at most `timeout_ticks`. By default there is no such limit, and the wait ends
+// when IBAT gives up. In the simulation, time passes meanwhile. The caller is a thread outside of all machines, or a
+// task of this machine that may sleep.
 inline constexpr uint64_t no_path_timeout = UINT64_MAX;
 path_resolution resolve_path(kernel::machine& machine, const path_destination& destination,
                              lookup_mode mode = lookup_mode::usual, uint64_t timeout_ticks = no_path_timeout);
 
-// Returns the path if the host's caches have it. A hit counts as a lookup. The caller is outside, or is a task of the
-// machine that may sleep.
+// Returns the answer if IBAT's caches of addresses and of paths have it: a path, or that the SA has no record of the
+// address. Otherwise returns nothing. Each hit in one of the caches counts as a lookup. The caller is a thread outside
+// of all machines, or a task of this machine that may sleep.
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
-// Asks in the same way as resolve_path(), but does not wait for the answer. `done` is called exactly once: by this
-// call, or later by a task of the machine, at the latest when IBAT's last attempt has timed out. `done` must not block
-// that task. Sending the question may sleep. `mode` must not be cache_only.
+// Finds a path like resolve_path(), but does not wait for the answer. `done` is called exactly once: before the return,
+// or later by a task of the machine, at the latest when IBAT gives up. `done` must not block this task. The function
+// may sleep while it sends a request. `mode` must not be cache_only.
 using path_callback = std::function<void(const path_resolution&)>;
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
                            path_callback done);

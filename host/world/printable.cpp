@@ -13,7 +13,7 @@ namespace
 struct character {
     size_t bytes = 1;
     uint32_t code = 0;
-    bool is_valid = false; // if false, one byte that does not begin a UTF-8 character
+    bool is_valid = false; // false for a single byte that does not begin a valid UTF-8 character
 };
 
 bool continues(char byte)
@@ -21,7 +21,8 @@ bool continues(char byte)
     return (static_cast<uint8_t>(byte) & 0xC0) == 0x80;
 }
 
-// The first character of a non-empty text. RFC 3629 allows only the shortest form and excludes surrogates.
+// Returns the first character of a text that is not empty. RFC 3629 allows only the shortest form of a character, and
+// no surrogates.
 character first_of(std::string_view text)
 {
     constexpr struct {
@@ -42,7 +43,7 @@ character first_of(std::string_view text)
     return {};
 }
 
-// Control characters, line and paragraph separators, and marks of the writing direction.
+// Returns true for control characters, line separators, paragraph separators and marks of the writing direction.
 bool is_control(uint32_t code)
 {
     constexpr struct {
@@ -51,7 +52,7 @@ bool is_control(uint32_t code)
     return std::ranges::any_of(ranges, [&](const auto& range) { return code >= range.first && code <= range.last; });
 }
 
-// Replaces each character by the result of `show(character, bytes)`.
+// Returns the text with each character replaced by the result of show(character, bytes).
 template <class show_t>
 std::string rewritten(std::string_view text, const show_t& show)
 {

@@ -8,25 +8,28 @@
 namespace world
 {
 
-// Returns true for valid UTF-8 without control characters and without marks that change the writing direction.
+// In these comments, a control character is also a line separator or a mark that changes the writing direction.
+
+// Returns true if the text is valid UTF-8 without control characters.
 bool is_printable(std::string_view text);
 
-// Writes as \xNN each byte of such a character, and each byte that is not valid UTF-8.
+// Returns the text with "\xNN" for each byte of a control character and for each byte that is not valid UTF-8.
 std::string printable(std::string_view text);
 
-// Does the same for a text of several lines. Keeps line ends and tabs.
+// Does the same as printable(), but keeps line ends and tabs.
 std::string printable_lines(std::string_view text);
 
-// Writes such characters of a JSON document as \uNNNN. Keeps its line ends. `document` must be valid JSON, which has
-// such characters only inside strings.
+// Returns a JSON document with "\uNNNN" for each control character except line ends. `document` must be valid JSON,
+// which has other control characters only inside strings.
 std::string printable_json(std::string_view document);
 
 // Cuts the text between two characters, to at most `limit` bytes.
 std::string cut_to_bytes(std::string_view text, size_t limit);
 
-// columns_of() returns the width of the text, with one column for each character. The other function cuts the text to
-// at most `limit` columns.
+// Returns the width of a text in columns. Each character has one column.
 size_t columns_of(std::string_view text);
+
+// Cuts the text to at most `limit` columns.
 std::string cut_to_columns(std::string_view text, size_t limit);
 
 } // namespace world

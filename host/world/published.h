@@ -1,4 +1,4 @@
-// Access to a function that a module has published under an inter-module name.
+// Finds a function that a module has published under an inter-module name.
 #pragma once
 
 #include "host/kernel/machine.h"
@@ -6,16 +6,16 @@
 namespace world
 {
 
-// During its lifetime, holds a reference on the publishing module, so the module stays loaded. Converts to false if no
-// module has published the name. If a function needs a current machine, call it inside the machine (see
-// machine::enter). `machine` and `name` must outlive this object.
+// The function with the name `name`. This object holds a reference on the module that has published it, so the module
+// stays loaded. Converts to false if no module has published the name. If the function makes kernel calls, call it
+// inside the machine (see machine::enter). `machine` and `name` must outlive this object.
 template <class function_t>
 class published
 {
   public:
     published(kernel::machine& machine, const char* name) : machine_(machine), name_(name)
     {
-        // The registry holds plain pointers. The name implies the type of the function.
+        // The registry stores plain pointers. The type of the function belongs to its name.
         function_ = reinterpret_cast<function_t>(const_cast<void*>(machine_.inter_modules.get(name_)));
     }
     ~published()

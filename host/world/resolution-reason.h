@@ -1,4 +1,4 @@
-// The reason why a question has no answer, for people.
+// Texts for people that say why a lookup has failed.
 #pragma once
 
 #include "host/world/resolution.h"
@@ -9,13 +9,13 @@ namespace world
 inline constexpr const char* not_sent = "the request could not be sent: is a port active, and what does the log say?";
 inline constexpr const char* sa_refusal = "the SA refused the question";
 
-// The reason for a status other than ok; "" for ok. `error_text` is the reason for ibat_stat_error.
+// Returns the reason for the status of a lookup; "" for ibat_stat_ok. `error_text` is the reason for ibat_stat_error.
 inline std::string reason_of(const resolution& answer, const char* error_text)
 {
     switch (answer.status) {
     case ibat_stat_ok:
         return "";
-    case ibat_stat_not_found: // also if the SA has several records of it and returns none
+    case ibat_stat_not_found: // IBAT also gives this status if the SA has several records: the SA then returns none
         return answer.from_cache ? "the SA named no owner a moment ago" : "the SA names no owner";
     case ibat_stat_timeout:
         return "the SA did not answer in time";

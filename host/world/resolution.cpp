@@ -14,7 +14,7 @@ namespace world
 namespace
 {
 
-// The answer to one request. A callback stores it and wakes the waiting task.
+// The answer for which a task waits. The callback store() fills it and wakes the task.
 struct pending_answer {
     pending_answer() { sema_init(&arrival, 0); }
 
@@ -33,7 +33,8 @@ struct pending_answer {
 
 constexpr const char* not_cached = "it is not in the cache";
 
-// Runs `request` inside the machine, waits for its callback if it is pending, and fills the common fields.
+// Runs `request` inside the machine. If it returns ibat_stat_pending, waits for the callback. Returns the answer with
+// all fields except the reason.
 template <class request_t>
 resolution resolve_inside(kernel::machine& machine, request_t request)
 {
@@ -43,7 +44,7 @@ resolution resolve_inside(kernel::machine& machine, request_t request)
         const uint64_t begin_ticks = machine.exec().now();
         pending_answer pending;
         answer.status = request(pending);
-        answer.from_cache = answer.status != ibat_stat_pending; // or the request failed at once
+        answer.from_cache = answer.status != ibat_stat_pending; // also true if the request has failed at once
         if (answer.status == ibat_stat_pending) {
             down(&pending.arrival);
             answer.status = pending.status;
@@ -94,7 +95,7 @@ resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mod
     if (!get) return not_loaded("ucm");
     if (!peek) return not_loaded("ibat");
     resolution answer = resolve_inside(machine, [&](pending_answer& pending) {
-        kq_gid_t gid_argument = gid; // the functions need a pointer to a variable
+        kq_gid_t gid_argument = gid; // `peek` needs a pointer to a GID that is not const
         if (mode != lookup_mode::cache_only)
             return (*get)(&gid_argument, &pending.record, pending_answer::store, &pending);
         // If the cache does not have the GID, the SA may still have a record of it.

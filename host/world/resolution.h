@@ -1,5 +1,5 @@
-// Lookups on a host, with functions that its modules publish. IBAT finds the GID of an address; UCM finds the address
-// of a GID.
+// Lookups on a host. They call functions that the host's modules publish: IBAT finds the GID of an address, and UCM
+// finds the address of a GID.
 #pragma once
 
 #include <cstdint>
@@ -14,39 +14,41 @@ namespace world
 {
 
 enum class lookup_mode {
-    usual,      // in the cache, then at the SA if necessary
-    cache_only, // sends nothing
-    sa_only,    // at the SA, even if the cache has an answer
+    usual,      // searches the cache; asks the SA if the cache has no answer
+    cache_only, // searches the cache; sends nothing
+    sa_only,    // asks the SA, even if the cache has an answer
 };
 
 struct resolution {
-    ibat_stat_t status = ibat_stat_error; // with `cache_only`, this also means: not in the cache
+    ibat_stat_t status = ibat_stat_error; // after a lookup with cache_only, an error can mean "not in the cache"
     uint32_t ip = 0;                      // network order
     kq_gid_t gid{};
-    bool from_cache = false;
+    bool from_cache = false;           // true if the answer came without waiting for the SA
     uint64_t duration_ticks = 0;       // by the machine's clock
     uint64_t duration_nanoseconds = 0; // by the wall clock
     std::string reason;                // one line for people; empty if the status is ok
 };
 
-// resolve_address() and resolve_gid() wait for the answer. In the simulation, time passes meanwhile. The caller is
-// outside of all machines, or is a task of this machine that may sleep.
+// Finds the GID of an address. resolve_address() and resolve_gid() wait for the answer. In the simulation, time passes
+// meanwhile. The caller is a thread outside of all machines, or a task of this machine that may sleep.
 resolution resolve_address(kernel::machine& machine, uint32_t ip, lookup_mode mode = lookup_mode::usual);
 
-// `sa_only` means `usual` here, because UCM's provider always searches the cache first.
+// Finds the address of a GID. The mode sa_only has the same effect as usual, because UCM's provider always searches the
+// cache first.
 resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mode mode = lookup_mode::usual);
 
-// Searches the host's cache for an address or a GID. Returns nothing if the answer must come from the SA. A hit counts
-// as a lookup. The caller is outside of all machines, or is a task of this machine that may sleep.
+// Searches IBAT's cache for an address or a GID. Returns nothing if the cache does not have the answer. The caller is a
+// thread outside of all machines, or a task of this machine that may sleep. In IBAT's counters, a returned answer
+// counts as a lookup and a hit.
 std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 
-// Asks in the same way as resolve_address() and resolve_gid(), but does not wait for the answer. `done` is called
-// exactly once: by this call, or later by a task of the machine. `done` must not block that task. Sending the question
-// may sleep.
+// The next functions do the same lookups as resolve_address() and resolve_gid(), but do not wait for the answer. `done`
+// is called exactly once: before the return, or later by a task of the machine. `done` must not block this task. The
+// functions may sleep while they send a request. start_fresh_resolution() ignores the cache.
 using resolution_callback = std::function<void(const resolution&)>;
 void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);
-void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done); // skips the cache
+void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);
 void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done);
 
 } // namespace world

@@ -57,7 +57,8 @@ bool sa_questions::join(fabric::hca& hca, int port)
     return has_joined;
 }
 
-// GSI does not release a client before its last datagram has completed.
+// Leaves the class and destroys the pool. gsi_deregister_class() fails while a datagram is in flight, so this function
+// repeats the call until it succeeds.
 void sa_questions::leave()
 {
     while (class_ && gsi_deregister_class(class_) != 0) schedule_timeout_uninterruptible(pause_ticks);
@@ -82,14 +83,15 @@ std::optional<sa_mad_v2_t> sa_questions::ask(const sa_mad_v2_t& request)
     return answer_;
 }
 
-// If GSI refuses a request, it counts as lost.
+// Sends one attempt. If GSI refuses it, does nothing: ask() sends the next attempt later.
 void sa_questions::send(sa_mad_v2_t request)
 {
     gsi_dtgrm_t* datagram;
     if (gsi_dtgrm_pool_get(pool_, &datagram) != 0) return;
     last_transaction_ = (last_transaction_ + 1) & gsi_joined_transaction_bits;
     request.hdr.transact_id = to_wire(uint64_t{last_transaction_});
-    request.hdr.attrib_id = from_wire(std::bit_cast<be16_t>(request.hdr.attrib_id)); // GSI converts it
+    // GSI expects the AttributeID in host order and converts it to wire order.
+    request.hdr.attrib_id = from_wire(std::bit_cast<be16_t>(request.hdr.attrib_id));
     std::memcpy(datagram->mad, &request, sizeof request);
     datagram->rqp = 1;
     datagram->rqk = 0;

@@ -1,6 +1,6 @@
-// Asks the SA questions for the program that runs a host. It is a client of GSI of its own and joins the SA's class
-// beside the modules. It can therefore ask before the modules are loaded and after they are unloaded. The modules do
-// not notice it.
+// Sends requests to the SA for the program that runs a host. Each object is a GSI client of its own and joins the SA's
+// class in addition to the modules. Therefore the program can ask the SA before the modules are loaded and after they
+// are unloaded. The modules do not see these requests and answers.
 #pragma once
 
 #include <memory>
@@ -19,16 +19,17 @@ namespace world
 class sa_questions
 {
   public:
-    // Opens the first active port of the machine. Fails with unreachable if there is none, and with no_memory or failed
-    // if GSI refuses. Only one caller at a time, from outside of the machine, may use this call, ask() and the
-    // destructor.
+    // Opens the first port of the machine whose link is active and which has an SM. Fails with unreachable if there is
+    // no such port, and with failed if GSI refuses a call. Only one thread at a time may call open(), ask() and the
+    // destructor. It is outside of the machine.
     static ats::result<std::unique_ptr<sa_questions>> open(kernel::machine& machine);
     ~sa_questions();
     sa_questions(const sa_questions&) = delete;
     sa_questions& operator=(const sa_questions&) = delete;
 
-    // Sends the request, repeats it if necessary, and waits at most one second for its answer. The result is empty if
-    // the SA is silent. The request is in wire order; its TransactionID does not matter.
+    // Sends the request and waits at most one second for the answer. Repeats the request every quarter of a second
+    // until the answer has come. The result is empty if there was no answer. Request and answer are in wire order.
+    // ask() replaces the TransactionID of the request.
     std::optional<sa_mad_v2_t> ask(const sa_mad_v2_t& request);
 
   private:
@@ -47,9 +48,9 @@ class sa_questions
     gsi_class_handle_t class_ = nullptr;
     uint32_t last_transaction_ = 0;
 
-    std::mutex mutex_;               // guards the members below
-    uint32_t first_transaction_ = 0; // of the waiting question; answers to older questions are late
-    std::optional<sa_mad_v2_t> answer_;
+    std::mutex mutex_;                  // guards the members below
+    uint32_t first_transaction_ = 0;    // first TransactionID of the latest ask(); smaller ones are of earlier calls
+    std::optional<sa_mad_v2_t> answer_; // the answer to the latest ask()
 };
 
 } // namespace world

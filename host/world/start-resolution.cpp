@@ -1,4 +1,4 @@
-// Resolution without waiting, for a service that answers many clients.
+// Implements the lookups of resolution.h that do not wait for the answer. A service uses them to answer many clients.
 #include <memory>
 
 #include "host/peers/ibat-exports.h"
@@ -14,13 +14,14 @@ namespace world
 namespace
 {
 
-// Adds the reason to an answer that is not ok.
+// Fills the reason of an answer, from its status.
 void explain(resolution& answer)
 {
     answer.reason = reason_of(answer, answer.from_cache ? not_sent : sa_refusal);
 }
 
-// One question. It lives until its answer has been delivered, and keeps the answering module loaded.
+// One call of start_resolution() or start_fresh_resolution(). The object exists until `done` has been called. It holds
+// a reference on the module that answers, IBAT or UCM, so the module stays loaded.
 template <class function_t>
 struct question {
     question(kernel::machine& machine, const char* function, resolution_callback done)
@@ -28,7 +29,7 @@ struct question {
     {
     }
 
-    // Delivers the answer. `status` and `record` come from a peer.
+    // Calls `done` with the answer. `status` and `record` come from the module.
     void finish(ibat_stat_t status, const ibat_arp_data_t& record, bool from_cache)
     {
         answer.status = status;
@@ -50,13 +51,14 @@ struct question {
 
     const published<function_t> call;
     const resolution_callback done;
-    resolution answer; // has the address or GID of the question
+    resolution answer; // from the beginning, contains the address or GID of the question
     const steady_clock::time_point start_time = steady_clock::now();
 };
 
-// Asks a peer. The peer answers at once, or by a callback, which then owns `query`.
+// Asks a module by calling ask(question, record). The module either answers at once, or calls called_back() later.
+// Calls `done` at once if the module is not loaded.
 template <class question_t, class ask_t>
-void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> query, const char* module, ask_t ask)
+void ask_module(kernel::machine& machine, std::unique_ptr<question_t> query, const char* module, ask_t ask)
 {
     if (!query->call) {
         query->answer.reason = std::string(module) + " is not loaded on this host";
@@ -66,12 +68,13 @@ void ask_peer(kernel::machine& machine, std::unique_ptr<question_t> query, const
     ibat_stat_t status = ibat_stat_error;
     machine.enter("resolve", [&] { status = ask(*query, &record); });
     if (status == ibat_stat_pending)
-        static_cast<void>(query.release()); // the callback owns it, and may already have destroyed it
+        static_cast<void>(query.release()); // called_back() owns the question, and may already have destroyed it
     else
         query->finish(status, record, true);
 }
 
-// Searches IBAT's cache. A GID that is not in it may still have an owner.
+// Searches IBAT's cache for `subject`, an address or a pointer to a GID. Returns nothing if the cache does not have the
+// answer. For a GID, ibat_stat_not_found does not mean that the SA has no record of it.
 template <class function_t, class subject_t>
 std::optional<resolution> look_up(kernel::machine& machine, const char* function, subject_t subject)
 {
@@ -100,7 +103,7 @@ void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback
     using question_t = question<ibat_get_ib_data_fn_t>;
     auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
     query->answer.ip = ip;
-    ask_peer(machine, std::move(query), "ibat", [&](question_t& query, ibat_arp_data_t* record) {
+    ask_module(machine, std::move(query), "ibat", [&](question_t& query, ibat_arp_data_t* record) {
         return (*query.call)(ip, record, question_t::called_back, &query);
     });
 }
@@ -110,8 +113,8 @@ void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_ca
     using question_t = question<ibat_refresh_fn_t>;
     auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
     query->answer.ip = ip;
-    ask_peer(machine, std::move(query), "ibat",
-             [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::called_back, &query); });
+    ask_module(machine, std::move(query), "ibat",
+               [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::called_back, &query); });
 }
 
 void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
@@ -119,7 +122,7 @@ void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_
     using question_t = question<ucm_get_ip_fn_t>;
     auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
     query->answer.gid = gid;
-    ask_peer(machine, std::move(query), "ucm", [&](question_t& query, ibat_arp_data_t* record) {
+    ask_module(machine, std::move(query), "ucm", [&](question_t& query, ibat_arp_data_t* record) {
         return (*query.call)(&gid, record, question_t::called_back, &query);
     });
 }

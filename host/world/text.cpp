@@ -20,8 +20,8 @@ std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
     return number;
 }
 
-// Returns true if inet_pton() accepts the text. Then fills `address`, whose size depends on the family. inet_pton()
-// stops at a NUL, so this refuses a text that contains one.
+// Returns true if inet_pton() accepts the text, and then fills `*address`, whose size depends on the family. Refuses a
+// text that contains a NUL, because inet_pton() reads only the part before the NUL.
 bool parse_address(int family, const std::string& text, void* address)
 {
     return text.find('\0') == text.npos && inet_pton(family, text.c_str(), address) == 1;

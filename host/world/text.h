@@ -10,11 +10,11 @@
 namespace world
 {
 
-// Accepts exactly four numbers from 0 to 255 with points between them. The address is in network order.
+// The address is in network order. parse_ipv4() accepts exactly four decimal numbers from 0 to 255, separated by dots.
 std::optional<uint32_t> parse_ipv4(const std::string& text);
 std::string format_ipv4(uint32_t ip);
 
-// Accepts "0x" and 1 to 32 hexadecimal digits, or the notation of IPv6 ("fe80::1").
+// Reads a GID. Accepts "0x" and 1 to 32 hexadecimal digits, or the notation of an IPv6 address ("fe80::1").
 std::optional<kq_gid_t> parse_gid(const std::string& text);
 
 // Formats a GID as "0x" and 32 hexadecimal digits, as in the kernel log and in commands of the control file.
