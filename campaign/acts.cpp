@@ -1,4 +1,4 @@
-// All kinds of acts of a campaign, and their effects.
+// All kinds of acts, and their effects.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -17,9 +17,10 @@ namespace
 
 constexpr uint16_t spare_lids = 0x1000; // no port has this LID or a higher one, so the SM may move there
 
-// ---- acts of users ----
+// ---- acts of users: they ask, and read or write the control file ----
 
-// If `act_kind` has a value, the answer counts as an effect of this kind of act.
+// Adds a question that the host is about to ask. If `act_kind` has a value, the answer counts as an effect of this kind
+// of act.
 question& new_question(node& node, std::optional<uint32_t> act_kind)
 {
     ++node.fabric.counts.questions;
@@ -123,8 +124,8 @@ void control_rarp(tested_fabric& fabric, const act& act)
     });
 }
 
-// Writes commands with wrong arguments, unknown words and arbitrary bytes. Some texts have more bytes than the module
-// reads. No such write changes the host's registration, but one may switch verification off.
+// Writes commands with wrong arguments, unknown words and arbitrary bytes to the control file. Some texts are longer
+// than the module reads. None of these writes changes the host's registration, but some may switch verification off.
 void control_garbage(tested_fabric& fabric, const act& act)
 {
     static const char* const words[] = {"rarp",
@@ -168,7 +169,7 @@ void verify_period(tested_fabric& fabric, const act& act)
     });
 }
 
-// ---- changes by the administrator; the SA must have the change soon ----
+// ---- acts of the administrator; afterwards the SA must soon have the right records ----
 
 void expect_truth_soon(node& node)
 {
@@ -183,7 +184,8 @@ bool write_succeeds(node& node, const std::string& line)
     return node.write_control(line, &output) && output.find("FAIL") == std::string::npos;
 }
 
-// Names the host. `way` selects the control file or the exported function. Returns true if the module reported success.
+// Sets the host's name. `way` selects the control file or the exported function. Returns true if the module reported
+// success.
 bool give_name(node& node, const std::string& name, uint32_t way)
 {
     if (way % 2 == 0) return write_succeeds(node, "set_host_name " + name);
@@ -191,8 +193,8 @@ bool give_name(node& node, const std::string& name, uint32_t way)
     return call && call.as<int32_t (*)(const char*)>()(name.c_str()) == 0;
 }
 
-// Sets the address of all HCAs. `way` selects one of the module's four ways to do this. Returns true if the module
-// reported success.
+// Sets the address of all HCAs. `way` selects one of four ways: the control file or one of three functions of the
+// module. Returns true if the module reported success.
 bool give_address(node& node, uint32_t ip, uint32_t way)
 {
     using set_address = int32_t (*)(uint32_t);
@@ -246,8 +248,8 @@ void readdress(tested_fabric& fabric, const act& act)
     });
 }
 
-// Writes "delete_ip". The module deletes the first HCA's record. At its next verification, it sets a record with the
-// new address.
+// Writes "delete_ip". The module deletes the first HCA's record. At the next verification, the module sets a record
+// with the new address.
 void delete_ip(tested_fabric& fabric, const act& act)
 {
     node& node = fabric.node_of(act);
@@ -286,7 +288,7 @@ fabric::hca& any_hca(node& node, const act& act)
     return *node.hcas[act.a % node.hcas.size()];
 }
 
-// Sets the link's state. Returns true if the state changed.
+// Sets the state of a link. Returns true if the state has changed.
 bool change_link(tested_fabric& fabric, const act& act, bool is_up)
 {
     node& node = fabric.node_of(act);
@@ -312,7 +314,7 @@ void link_comes_up(tested_fabric& fabric, const act& act)
     change_link(fabric, act, true);
 }
 
-// Changes the links of one HCA many times in one tick. At the end, all of them are up.
+// Changes the links of one HCA many times in one tick. At the end, all links of the HCA are up.
 void event_storm(tested_fabric& fabric, const act& act)
 {
     auto change = act;
@@ -325,7 +327,7 @@ void event_storm(tested_fabric& fabric, const act& act)
 
 // ---- faults of a host ----
 
-// Disarms the host's fault injector. If an act has armed it, the failed calls count as effects of that act.
+// Disarms the host's fault injector. If an act had armed it, the calls that failed count as effects of this act.
 void end_failing_calls(node& node)
 {
     kernel::fault_injector& faults = node.machine().faults;
@@ -337,7 +339,7 @@ void end_failing_calls(node& node)
     faults.disarm();
 }
 
-// Returns the host's fault injector, so that `act` can arm it. First ends an earlier act that still makes calls fail.
+// Returns the host's fault injector, so that `act` can arm it. First ends an earlier act that still uses the injector.
 kernel::fault_injector& begin_failing_calls(node& node, const act& act)
 {
     end_failing_calls(node);
@@ -381,8 +383,8 @@ void clear_signals(tested_fabric& fabric, const act& act)
 
 // ---- faults of the network and of the SA ----
 
-// A kind of act that sets a switch of the subnet and clears it at the end. The switch is a bool or a number. Its value
-// is from 1 to `highest`.
+// Makes a kind of act that sets a switch of fault_switches at its beginning and clears it at its end. The switch is a
+// bool or a number. Its value is from 1 to `highest`.
 template <auto fault_switch, uint32_t highest = 1>
 act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
                   uint64_t embedded::fault_effects::*effect)
@@ -426,7 +428,8 @@ void sa_forgets_one(tested_fabric& fabric, const act& act)
         fabric.mark(act, fabric.subnet.forget(hca.read_port(port).gids[0]) > 0);
 }
 
-// The SA restarts with the records that it had at an earlier minute. It counts as an effect if the records differ.
+// The SA restarts with the records that it had at an earlier minute. The act has an effect if these records differ from
+// the present ones.
 void sa_comes_back_from_the_past(tested_fabric& fabric, const act& act)
 {
     const std::vector<ib_service_record_v2_t> old_records = fabric.subnet.save_records();

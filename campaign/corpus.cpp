@@ -21,17 +21,17 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-constexpr size_t first_seeds = 10; // plain seeds with which an empty corpus begins
-constexpr int most_changes = 4;    // that are made at a time
-constexpr size_t most_acts = 3000; // of a plan; longer plans take too long
+constexpr size_t first_seeds = 10; // number of plain seeds with which an empty corpus begins
+constexpr int most_changes = 4;    // largest number of changes to one copy of a plan
+constexpr size_t most_acts = 3000; // a plan with more acts takes too long, so it gets no more acts
 constexpr const char* no_edges = "these modules count no edges: cmake --preset edges && cmake --build --preset edges, "
                                  "then build/edges/campaign/ats-campaign";
 
-// The edges that runs have reached. An element is an edge with the number of binary digits of its count.
-class reached
+// What runs have reached. An element is an edge with the number of binary digits of its count (see edges.h).
+class coverage
 {
   public:
-    // Returns true if one of the elements is new.
+    // Returns true if at least one element is new.
     bool add(const std::set<uint32_t>& elements)
     {
         const size_t before = elements_.size();
@@ -43,12 +43,12 @@ class reached
     }
     size_t edges() const { return edges_.size(); }
     size_t elements() const { return elements_.size(); }
-    size_t edges_not_in(const reached& other) const
+    size_t edges_not_in(const coverage& other) const
     {
         return static_cast<size_t>(
             std::ranges::count_if(edges_, [&](uint32_t edge) { return other.edges_.count(edge) == 0; }));
     }
-    size_t elements_not_in(const reached& other) const
+    size_t elements_not_in(const coverage& other) const
     {
         return static_cast<size_t>(
             std::ranges::count_if(elements_, [&](uint32_t element) { return other.elements_.count(element) == 0; }));
@@ -58,6 +58,7 @@ class reached
     std::set<uint32_t> edges_, elements_;
 };
 
+// Runs plain seeds, then "steered" plans: those of the corpus and changed copies of them.
 class search
 {
   public:
@@ -82,7 +83,7 @@ class search
         return {};
     }
 
-    // Runs the plans that the folder has.
+    // Runs the plans in the folder of the corpus.
     ats::result<> load()
     {
         std::filesystem::create_directories(options_.folder);
@@ -107,8 +108,8 @@ class search
     {
         const auto end = clock::now() + time;
         for (; clock::now() < end; ++steered_runs_) {
-            const bool is_plain = corpus_.size() < first_seeds || below(8) == 0;
-            plan plan = is_plain ? draw_plan(next_seed_++, options_.plan) : corpus_[below(corpus_.size())];
+            const bool is_plain = corpus_.size() < first_seeds || number_below(8) == 0;
+            plan plan = is_plain ? draw_plan(next_seed_++, options_.plan) : corpus_[number_below(corpus_.size())];
             if (!is_plain) vary(plan);
             const ats::result<bool> is_new = run(plan, steered_);
             if (!is_new) return ats::pass_on(is_new);
@@ -119,8 +120,8 @@ class search
         return {};
     }
 
-    // Returns true if the run reached something new.
-    ats::result<bool> run(const plan& plan, reached& reached)
+    // Runs a plan and adds what it reached. Returns true if the run reached something new.
+    ats::result<bool> run(const plan& plan, coverage& coverage)
     {
         edges_.clear();
         const ats::result<run_result> result = run_apart(plan, all_acts(plan), options_.run);
@@ -133,34 +134,34 @@ class search
             progress_.clear();
             show_failure({plan.seed, result->complaint}, options_.plan, selection_of(plan, ""));
         }
-        return reached.add(edges_.taken());
+        return coverage.add(edges_.elements());
     }
 
-    // Makes some changes: more acts, other numbers, other times, another order of the tasks.
+    // Makes some random changes: more acts, other numbers, other times, another order of the tasks.
     void vary(plan& plan)
     {
-        for (int count = 1 + static_cast<int>(below(most_changes)); count > 0; --count) {
-            const uint64_t kind = below(6);
+        for (int count = 1 + static_cast<int>(number_below(most_changes)); count > 0; --count) {
+            const uint64_t kind = number_below(6);
             std::string text;
             if (kind == 0 && plan.acts.size() < most_acts)
-                text = "more=" + std::to_string(1 + below(1'000'000));
+                text = "more=" + std::to_string(1 + number_below(1'000'000));
             else if (kind == 1 || plan.acts.empty())
-                text = "order=" + std::to_string(below(1'000'000));
+                text = "order=" + std::to_string(number_below(1'000'000));
             else
                 text = changed_act(plan, kind);
             (void)change(plan, text); // a change that does not fit this plan has no effect
         }
     }
 
-    // An act gets another host, another number, or the time of another act.
+    // Returns a change that gives an act another host, another random number, or a time near that of another act.
     std::string changed_act(const plan& plan, uint64_t kind)
     {
-        const std::string act = std::to_string(below(plan.acts.size()));
-        const auto& other = plan.acts[below(plan.acts.size())];
-        if (kind == 2) return act + ".host=" + std::to_string(below(plan.hosts.size()));
+        const std::string act = std::to_string(number_below(plan.acts.size()));
+        const auto& other = plan.acts[number_below(plan.acts.size())];
+        if (kind == 2) return act + ".host=" + std::to_string(number_below(plan.hosts.size()));
         if (kind == 3) return act + ".a=" + std::to_string(other.a);
         if (kind == 4) return act + ".b=" + std::to_string(other.b);
-        return act + ".begin=" + std::to_string(other.begin_tick + below(100));
+        return act + ".begin=" + std::to_string(other.begin_tick + number_below(100));
     }
 
     ats::result<> store(const plan& plan)
@@ -189,11 +190,11 @@ class search
         std::printf("%d runs FAILED\n", failures_);
     }
 
-    uint64_t below(uint64_t limit) { return engine_() % limit; }
+    uint64_t number_below(uint64_t limit) { return engine_() % limit; }
 
     const corpus_options& options_;
     edge_counters edges_;
-    reached plain_, steered_;
+    coverage plain_, steered_;
     std::vector<plan> corpus_;
     std::mt19937_64 engine_{std::random_device()()};
     console::progress progress_;

@@ -1,5 +1,6 @@
-// Searches for plans that make the module do something new, and extends these plans further. Compares the result with
-// that of plain seeds in the same time.
+// A corpus is a folder of plans. Each plan made the module do something that no earlier plan had made it do: see
+// edges.h. This code changes the plans of the corpus at random, and adds those that do something new again. For
+// comparison, it also runs plain seeds for the same time.
 #pragma once
 
 #include <chrono>
@@ -11,15 +12,15 @@ namespace campaign
 {
 
 struct corpus_options {
-    std::string folder;                // the corpus: a file for each plan, with its part of a command line
-    std::chrono::milliseconds time{0}; // half of it is for plain seeds
+    std::string folder; // of the corpus; it has one file for each plan, with the seed and its changes (see simplify.h)
+    std::chrono::milliseconds time{0}; // total time; half of it is for plain seeds
     plan_options plan;
     run_options run;
 };
 
-// Runs plain seeds first. Then runs the plans of the corpus, and changes of them. Stores each plan that reached
-// something new, and prints each failure with the command that repeats it. Returns true if no run failed. The error:
-// the module counts no edges, a file of the corpus is wrong, or a file cannot be written.
+// Runs plain seeds first. Then runs the plans of the corpus and changed copies of them. Stores each plan that reached
+// something new. Prints each failure with the command that repeats it. Returns true if no run failed. Returns an error
+// if the modules count no edges, if a file of the corpus is wrong, or if a file cannot be written.
 ats::result<bool> extend_corpus(const corpus_options& options);
 
 } // namespace campaign

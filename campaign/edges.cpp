@@ -12,15 +12,16 @@ namespace
 constexpr uint32_t most_edges = 1 << 16;
 
 struct shared_counters {
-    uint32_t edges; // in the module
+    uint32_t edges; // number of edges in the module
     uint64_t counts[most_edges];
 };
-shared_counters* counters = nullptr; // of the only edge_counters; null if edges are not counted
+shared_counters* counters = nullptr; // of the only edge_counters object; null if edges are not counted
 
 } // namespace
 
 #ifdef ATS_EDGES
-// Each loaded image calls this. Edges have the same numbers in all images of the module.
+// The compiler's code calls this function when an image is loaded. It numbers the edges. An edge has the same number in
+// all images of the module.
 extern "C" __attribute__((visibility("default"))) void __sanitizer_cov_trace_pc_guard_init(uint32_t* begin,
                                                                                            uint32_t* end)
 {
@@ -29,7 +30,7 @@ extern "C" __attribute__((visibility("default"))) void __sanitizer_cov_trace_pc_
     if (counters) counters->edges = static_cast<uint32_t>(end - begin);
 }
 
-// The tasks of a run take turns, so a plain increment is enough.
+// The compiler's code calls this function at each edge. The tasks of a run take turns, so a plain increment is enough.
 extern "C" __attribute__((visibility("default"))) void __sanitizer_cov_trace_pc_guard(uint32_t* guard)
 {
     if (counters) ++counters->counts[*guard];
@@ -62,7 +63,7 @@ size_t edge_counters::all_edges() const
     return counters->edges;
 }
 
-std::set<uint32_t> edge_counters::taken() const
+std::set<uint32_t> edge_counters::elements() const
 {
     std::set<uint32_t> elements;
     for (uint32_t edge = 1; edge <= counters->edges; ++edge)

@@ -1,4 +1,5 @@
-// Checks the service: the SA must have the right record of every host, and every lookup must return it.
+// Checks the service (the module ats on each host): the SA must have the right record of every host, and every lookup
+// must return it.
 #include <algorithm>
 #include <cstring>
 #include <random>
@@ -26,14 +27,17 @@ constexpr size_t lookups_per_host = 6;
 using records_t = std::vector<ib_service_record_v2_t>;
 using embedded::view_of;
 
-// The service verifies only the address of its record, so other fields may stay wrong. The name may be wrong if a fault
-// occurred after the host was named. The rest may be wrong if it was misread from the port or corrupted on the way to
-// the SA.
-enum class excuse { none, harm_since_named, false_record };
+// Faults excuse some flaws. The service verifies only the address of its record, so other fields may stay wrong after a
+// fault.
+enum class excuse {
+    none,             // nothing excuses the flaw
+    harm_since_named, // a fault after the host got its name: the SA may still have an earlier name
+    false_record,     // the host may have misread its port, or the network may have corrupted the Set
+};
 
-// One fault in the record of an HCA's active port.
+// A difference between the SA's record of an HCA's active port and the expected record.
 struct flaw {
-    std::string text; // empty if there is no flaw
+    std::string text; // describes the flaw; empty if there is none
     excuse possible_excuse = excuse::none;
     campaign::mismatch mismatch = {};
 };
@@ -43,7 +47,7 @@ std::string content_of(const embedded::service_record_view& record)
     return record.ipv4 + " " + record.host_name;
 }
 
-// Returns true if the host's faults explain the flaw.
+// Returns true if faults that happened in this run excuse the flaw.
 bool is_excused(node& node, const flaw& flaw)
 {
     const bool was_harmed =
@@ -52,15 +56,15 @@ bool is_excused(node& node, const flaw& flaw)
            (flaw.possible_excuse == excuse::false_record && (node.fabric.network.has_done_harm || node.may_be_misread));
 }
 
-// Returns true if every byte of the record is as a host registers it.
+// Returns true if a host that registers this content would send exactly these bytes.
 bool is_as_registered(const ib_service_record_v2_t& record)
 {
     const ib_service_record_v2_t registered = records::encode(records::decode(record));
     return memcmp(&registered, &record, sizeof record) == 0;
 }
 
-// Checks the SA's record of `gid`. `records` are all records of the SA. `ipv4` is the address that the host reports for
-// the GID. Returns the flaw; its text is empty if there is none.
+// Compares the SA's record of `gid` with the expected one. `records` are all records of the SA. `ipv4` is the address
+// that the host reports for the GID. Returns the flaw; its text is empty if there is none.
 flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& ipv4, const records_t& records)
 {
     const auto has_gid = [&](const auto& each) { return view_of(each).gid == gid; };
@@ -92,20 +96,20 @@ flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& 
     return {};
 }
 
-// The GIDs for which a host should have records, and the faults of these records.
+// The result of examine(): the GIDs for which the host should have records, and the flaws of these records.
 struct findings {
     std::vector<std::string> gids;
     std::vector<flaw> flaws;
 };
 
-// The HCAs that must reach the SA.
+// The HCAs whose records examine() compares.
 enum class scope {
     healthy_hcas,  // HCAs without a port that was cut off for good
     healthy_ports, // HCAs whose active port was not cut off
 };
 
-// Compares the host's own report with the links. If an HCA must reach the SA, also compares it with the SA's records.
-// Called by a task of the host. Returns nothing if the module is not loaded.
+// Compares the host's own report with the links, and with the SA's records of the HCAs in `scope`. Call it in a task of
+// the host. Returns nothing if the module is not loaded.
 findings examine(node& node, scope scope)
 {
     findings findings;
@@ -141,7 +145,7 @@ findings examine(node& node, scope scope)
     node.fabric.violate(node.host.name() + ": " + fault, mismatch);
 }
 
-// ---- at the end ----
+// ---- checks at the end of a run ----
 
 // Brings all links up and waits until the tasks of all acts have ended.
 void end_faults(tested_fabric& fabric)
@@ -152,7 +156,8 @@ void end_faults(tested_fabric& fabric)
         for (fabric::hca* hca : each.hcas)
             for (int port = 1; port <= hca->port_count(); ++port)
                 (void)fabric.subnet.link_up(each.host.name(), hca->name(), port);
-    // If the query of a port failed, the service reads it again only at its next event.
+    // If the query of a port has failed, the service queries the port again only at the next event. An SM change is
+    // such an event.
     if (queries_may_have_failed || fabric.network.has_done_harm) (void)fabric.subnet.set_sm(0x2FFF, 0);
     fabric.simulation->run_for(calm_ticks);
     for (node& each : fabric.nodes) {
@@ -161,8 +166,8 @@ void end_faults(tested_fabric& fabric)
     }
 }
 
-// Loads the modules on about three of four hosts that are down. Sets the default verification period on every running
-// host.
+// Leaves about a quarter of the hosts without ats as they are. Loads the missing modules on all other hosts, and sets
+// the default verification period there. Waits until the longest earlier period is over.
 void bring_hosts_up(tested_fabric& fabric)
 {
     uint64_t longest_period = 0;
@@ -195,8 +200,8 @@ hca_of_node owner_of(tested_fabric& fabric, const std::string& gid)
     fabric.violate("the SA holds a record of " + gid + ", which no port has");
 }
 
-// Compares the SA's records with the expected ones. If `to_forget` is not null, excused flaws are allowed, and the GIDs
-// of wrong or left-over records are appended to it. If it is null, no flaw is allowed.
+// Compares the SA's records with the expected ones. With `to_forget`, excused flaws are allowed, and the GIDs of wrong
+// or left-over records are appended to it. If `to_forget` is null, no flaw is allowed.
 void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
 {
     std::vector<std::string> true_gids;
@@ -213,8 +218,8 @@ void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
         if (std::ranges::find(true_gids, record.gid) != true_gids.end() && is_as_registered(raw)) continue;
         const auto& [owner, hca] = owner_of(fabric, record.gid);
         if (owner.is_cut_off(hca)) {
-            // The record's host may be cut off, so it can neither delete nor correct the record. If its HCA has changed
-            // to a healthy port, it registers a right record again.
+            // A port of this HCA is cut off, so the host may be unable to delete or correct the record. If the HCA has
+            // changed to a healthy port, and the SA loses the record, the host registers a right one.
             if (to_forget) to_forget->push_back(record.gid);
             continue;
         }
@@ -234,7 +239,7 @@ void forget(tested_fabric& fabric, const std::vector<std::string>& gids)
     }
 }
 
-// Asks with `ask` and runs the simulation until the question is settled, at most for `answer_ticks`.
+// Asks a question with `ask`, and runs the simulation until the question is settled, at most for `answer_ticks`.
 const question& ask_and_wait(node& node, const std::function<void(question&)>& ask)
 {
     auto& question = node.questions.emplace_back(
@@ -252,15 +257,16 @@ ibat_stat_t status_of(const question& question)
     return question.return_status == ibat_stat_pending ? question.status : question.return_status;
 }
 
-// Returns true if the answer has an address or a GID. It has neither if the SA answers every request with status 0.
+// Returns true if the answer contains an address or a GID. An answer contains neither if a fault made the SA answer a
+// request with status 0.
 bool has_answer(const question& question)
 {
     if (status_of(question) != ibat_stat_ok) return false;
     return question.is_by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
-// Makes every live host look up some of the SA's records, by GID and by address. If two HCAs share an address, a lookup
-// of it may return either GID. Therefore it is not compared.
+// Makes every live host look up some of the SA's records, by GID and by address. If two HCAs share an address, the
+// lookup of the address may return either GID; then the GID is not compared.
 void compare_lookups(tested_fabric& fabric)
 {
     std::mt19937_64 dice(fabric.plan.seed);
@@ -300,7 +306,7 @@ void compare_lookups(tested_fabric& fabric)
     }
 }
 
-// Unloads all modules. No memory, pool or record may be left.
+// Unloads all modules. Afterwards no memory, datagram pool or record may be left.
 void shut_down(tested_fabric& fabric)
 {
     for (node& each : fabric.nodes) {
@@ -320,7 +326,7 @@ void shut_down(tested_fabric& fabric)
     }
 }
 
-// Checks the number of answers to every question, and counts the answers as effects of the acts.
+// Checks that every question has the right number of answers. Counts the answers as effects of the acts that asked.
 void settle_questions(tested_fabric& fabric)
 {
     for (node& node : fabric.nodes)
@@ -335,10 +341,11 @@ void settle_questions(tested_fabric& fabric)
         }
 }
 
-// Returns true if the act of this tick is the only recent disturbance of the host.
+// Returns true if nothing but the act at `act_tick` has disturbed the host recently.
 bool is_undisturbed(node& node, uint64_t act_tick)
 {
-    // Two verifications repair the effects of earlier faults. If so much time has passed, only later faults matter.
+    // Two verifications repair the effects of faults. If the host had time for two verifications before the act, only
+    // faults within this time matter.
     const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
     const bool has_recovered = act_tick > recovery_ticks && !node.may_not_verify;
     const uint64_t quiet_tick = has_recovered ? act_tick - recovery_ticks : 0;
@@ -379,7 +386,7 @@ void check_in_spite_of_cuts(node& node, const act& act)
     ++fabric.counts.questions;
     ask_for_gid(question, ip, true);
     schedule_timeout_uninterruptible(answer_ticks);
-    // If the SA has restarted with old records, it may also have a record of the host's earlier active port.
+    // If the SA has restarted with old records, it may also have a record of an earlier active port of the other host.
     const auto records = fabric.subnet.service_records();
     const bool is_ambiguous =
         std::ranges::count(records, world::format_ipv4(ip), &embedded::service_record_view::ipv4) > 1;
@@ -403,7 +410,7 @@ void check_at_the_end(tested_fabric& fabric)
     std::vector<std::string> to_forget;
     compare_records(fabric, &to_forget);
     if (!to_forget.empty()) {
-        // The service cannot detect that these records are wrong. Make the SA lose them; then everything must become
+        // The service cannot detect that these records are wrong. Make the SA lose them. Then everything must become
         // right.
         forget(fabric, to_forget);
         fabric.simulation->run_for(2 * verification_ticks + answer_ticks);

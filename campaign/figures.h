@@ -1,4 +1,4 @@
-// The figures of a campaign: those of one seed, or the sum over many.
+// The figures of a campaign, of one seed or summed over many seeds, and its result.
 #pragma once
 
 #include <array>
@@ -11,37 +11,37 @@
 namespace campaign
 {
 
-// The figures of one seed. The figures of several seeds are the sums of each field, except the digest.
+// The figures of one seed. add() sums them for several seeds.
 struct figures {
     uint64_t seeds = 0;
     uint64_t simulated_ticks = 0;
     uint64_t acts = 0;
-    uint64_t faults = 0; // harmful acts, link changes, failed calls, datagrams lost or changed on the way
+    uint64_t faults = 0; // harmful acts, link changes, failed calls, and datagrams that were lost or changed on the way
     uint64_t questions = 0;
     uint64_t answers = 0; // callbacks with an answer
-    uint64_t truths = 0;  // comparisons of a registration or a lookup with the expected state
+    uint64_t truths = 0;  // how often a registration or a lookup was compared with the expected state
     uint64_t datagrams = 0;
     std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect
-    uint64_t digest = 0;                          // hash of all log lines; for several seeds, the xor of their digests
+    uint64_t digest = 0;                          // hash of the log; for several seeds, the xor of their digests
 };
 
-// The fields that are summed, except the marks. The names are the keys in a result file.
+// The fields that add() sums, except the marks. The names are the keys in a result file.
 struct summed_figure {
     const char* name;
     uint64_t figures::*member;
 };
 extern const std::array<summed_figure, 8> summed_figures;
 
-// Adds the figures of a seed. The order of the seeds does not matter.
+// Adds the figures of a seed to a sum. The order of the seeds does not matter.
 void add(figures& sum, const figures& counts);
 
-// The result of a campaign over a range of seeds, or of a shard of it.
+// The result of a campaign over a range of seeds, or of one shard of the campaign.
 struct campaign_result {
     plan_options options;
-    uint64_t first_seed = 1, last_seed = 1; // of the whole campaign, also in the result of a shard
+    uint64_t first_seed = 1, last_seed = 1; // of the whole campaign, also if this is the result of a shard
     uint64_t shard = 1, shards = 1;
     bool is_interrupted = false;
-    double seconds = 0; // of the wall clock; the sum for merged shards
+    double seconds = 0; // on the wall clock; for merged shards, the sum
     figures counts;
 
     struct failure {

@@ -1,4 +1,4 @@
-// ats-campaign: tries to break the service, one seed after another, and replays and shortens the runs that failed.
+// ats-campaign: tests the service under random faults, one seed after another. Replays and shortens runs that failed.
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <charconv>
@@ -23,22 +23,22 @@ using namespace campaign;
 constexpr double ticks_per_hour = 3'600'000;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
-constexpr int exit_interrupted = 130; // the code that shells use for a SIGINT
+constexpr int exit_interrupted = 130; // the exit code that shells use for SIGINT
 
 struct command_line {
     uint64_t first_seed = 1, last_seed = 30;
     double hours = 0;
     int jobs = 2;
     uint64_t shard = 1, shards = 1;
-    std::string result_path;               // the file for the result of a shard; empty if none
-    std::vector<std::string> result_paths; // of the shards to merge; empty to run seeds
+    std::string result_path;               // the file for the result of a campaign or of its shard; empty if none
+    std::vector<std::string> result_paths; // results of the shards to merge; empty if seeds are run
     std::string corpus_folder;             // empty if no corpus is extended
-    int minutes = 10;                      // for the corpus
+    int minutes = 10;                      // time for --corpus
     bool minimise = false;
-    std::vector<std::string> changes; // of the plan
-    std::vector<std::string> only;    // acts; empty means all
+    std::vector<std::string> changes; // changes of the plan, see simplify.h
+    std::vector<std::string> only;    // numbers of the acts to replay; empty means all acts
     std::string picture_path;         // empty if nothing is drawn
-    bool draws_all_acts = false;      // of a run that fails
+    bool draws_all_acts = false;      // the picture of a run that fails shows all acts, not the shortened run
     campaign::plan_options plan_options;
     run_options options;
 };
@@ -53,7 +53,7 @@ ats::result<uint64_t> parse_number(std::string_view text)
     return number;
 }
 
-// Reads "N", which means the first N seeds, or "A-B".
+// Reads the value of --seeds: "N" means the first N seeds, "A-B" the seeds A to B.
 ats::result<> read_seeds(std::string_view range, command_line& line)
 {
     const size_t dash = range.find('-');
@@ -68,7 +68,7 @@ ats::result<> read_seeds(std::string_view range, command_line& line)
     return {};
 }
 
-// Reads "K/N": the K-th of N shards.
+// Reads the value of --shard: "K/N" means the K-th of N shards.
 ats::result<> read_shard(std::string_view text, command_line& line)
 {
     const size_t slash = std::min(text.find('/'), text.size());
@@ -81,7 +81,8 @@ ats::result<> read_shard(std::string_view text, command_line& line)
     return {};
 }
 
-// Creates the file unless it exists. An empty path means no file. The error says why it cannot be written.
+// Checks that the file can be written. Creates it if it does not exist. An empty path means no file. The error gives
+// the reason.
 ats::result<> check_writable(const std::string& path)
 {
     if (path.empty()) return {};
@@ -91,7 +92,7 @@ ats::result<> check_writable(const std::string& path)
     return {};
 }
 
-// The acts of a replay.
+// Returns the numbers of the acts to replay. `only` is the value of --only.
 ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector<std::string>& only)
 {
     if (only.empty()) return all_acts(plan);
@@ -108,11 +109,11 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-// The next five functions return the exit code of the program. They fail if the command line is wrong, or if the system
-// refuses something.
+// The next five functions return the exit code of the program. They return an error if the command line is wrong, or if
+// the system refuses something.
 
-// Shows the complaint of a run that fails, and the command that replays it. Also shows the simplest run that fails
-// (--minimise), and draws a picture (--html), if the command line asks for them.
+// Shows the complaint of a run that fails, and the command that replays it. If the command line asks for it, also shows
+// the simplest run that fails (--minimise), and draws a picture (--html).
 ats::result<int> show_failing_run(const command_line& line, const plan& plan, const std::vector<size_t>& acts,
                                   const run_result& result)
 {
@@ -158,7 +159,7 @@ ats::result<int> replay(const command_line& line)
     return 0;
 }
 
-// Runs the seeds of a campaign, or of its shard.
+// Runs the seeds of a campaign, or of one shard of it.
 ats::result<int> run(const command_line& line)
 {
     const auto begin = std::chrono::steady_clock::now();
@@ -263,8 +264,8 @@ int main(int argc, char** argv)
         ->check(CLI::PositiveNumber)
         ->needs(corpus);
 
-    // The following options work for one seed only. Each seed has its own acts, and each seed runs in its own process,
-    // which cannot share a file with others.
+    // The options from --only to --all-acts are for a single seed. A number of an act has a meaning for one seed only,
+    // and the processes of several seeds cannot share a file.
     program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
         ->delimiter(',')
         ->needs(seed);

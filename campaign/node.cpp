@@ -15,7 +15,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t delete_wait_ticks = 20; // how long the service waits for the answer to a Delete
+constexpr uint64_t delete_wait_ticks = 20; // the service waits exactly so long for the answer to a Delete
 
 world::host_plan plan_of(size_t number, const host_shape& shape)
 {
@@ -27,7 +27,8 @@ world::host_plan plan_of(size_t number, const host_shape& shape)
     return plan;
 }
 
-// Only the active port may be in the state "Active". Returns the contradiction in the report, or an empty text.
+// Checks an HCA in a report: only its active port may be in the state "Active". Returns the contradiction, or an empty
+// text.
 std::string contradiction_in(const console::json& hca)
 {
     console::json active_port; // null if none
@@ -175,7 +176,7 @@ void node::expect_verification(const act& act, console::json verification)
 bool node::load(const std::string& module)
 {
     const std::string image = fabric.module_folder + "/" + module + ".so";
-    if (module == "ucm" && ucm) return false; // watching_ucm has published its names
+    if (module == "ucm" && ucm) return false; // watching_ucm replaces UCM and has published the same names
     if (module != "ats") return static_cast<bool>(machine().modules.insmod(image, ""));
     bool is_loaded = false;
     const uint32_t ip = address[0];
@@ -196,8 +197,8 @@ bool node::load(const std::string& module)
 
 bool node::unload(const std::string& module)
 {
-    // A host without an active port cannot delete its record. Immediately after a change it may have no active port
-    // yet.
+    // A host without an active port cannot delete its record. Immediately after a change, a host may have no active
+    // port yet.
     const auto is_settled = [&] {
         bool has_links = true;
         for (size_t hca = 0; hca < hcas.size(); ++hca) has_links = has_links && has_link(hca);
@@ -208,7 +209,7 @@ bool node::unload(const std::string& module)
     if (module == "ats" && !(was_settled && is_settled())) may_have_left_records = true;
     for (question& each : questions)
         if (module == "ats" && each.is_of_service)
-            each.is_closed = true; // if it is still open, it is dropped without a callback
+            each.is_closed = true; // ats drops its open questions without a callback
     disturbed_tick = fabric.now();
     return true;
 }

@@ -1,4 +1,4 @@
-// A host of a campaign, and the identity that its administrator has set.
+// A host of a run, and the identity (name and addresses) that its administrator has set.
 #pragma once
 
 #include <algorithm>
@@ -30,34 +30,37 @@ struct node {
     kernel::machine& machine() { return host.machine(); }
     bool is_live() { return machine().modules.is_loaded("ats"); }
 
-    // Runs `body` in a new task of the host. check_at_the_end() requires that the task has ended.
+    // Runs `body` in a new task of the host. The task must end before check_at_the_end() checks for open tasks.
     void start(const char* task_name, std::function<void()> body);
 
     // Joins the tasks that have ended.
     void reap();
 
-    // Each call returns a new value, which no other host gets. Depending on `random`, some names are longer than a
-    // record allows.
+    // Each call returns a new value that no other host gets. Depending on `random`, next_name() returns a name that is
+    // longer than a record allows.
     uint32_t next_address();
     std::string next_name(uint32_t random);
 
-    // Runs `change`, which sets the identity and returns true on success. The new identity is certain only if nothing
-    // else changed it meanwhile and no fault was active. Then `on_certain` is called.
+    // Calls `change`, which sets the identity and returns true on success. Afterwards the identity is uncertain. It is
+    // certain only if `change` succeeded, no other change ran at the same time, and no fault was active. In this case,
+    // change_identity() calls `on_certain`.
     void change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain);
 
-    // Writes to the control file, from a task of the host. Returns true if the file exists and accepts all bytes.
-    // `output` receives the log lines of the write.
+    // Writes to the control file of the module ats. Call it in a task of the host. Returns true if the file exists and
+    // accepts all bytes. `output` receives the log lines that the write causes.
     bool write_control(const std::string& text, std::string* output = nullptr);
 
-    // Reads the control file, from a task of the host, and checks its report for contradictions. Returns the "hcas" of
-    // console::parse_control_report, or null if there is no such file.
+    // Reads the control file of the module ats, and checks its report for contradictions. Call it in a task of the
+    // host. Returns the member "hcas" of console::parse_control_report(), or null if there is no such file.
     console::json read_control();
 
-    // Call it after an act has set the verification period and skew to these values, in the form that "verification" of
-    // console::parse_control_report has. The act is marked as effective when a later report shows the values.
+    // Call it after an act has set the verification period and skew. `verification` has these values, in the form of
+    // the member "verification" of console::parse_control_report(). The act is marked as effective when a later report
+    // shows the values.
     void expect_verification(const act& act, console::json verification);
 
-    // Loads a module with the present identity, or unloads it, from a task of the host. Returns false on failure.
+    // Loads or unloads a module. load() passes the present identity to the module ats. Call them in a task of the host.
+    // They return false on failure.
     bool load(const std::string& module);
     bool unload(const std::string& module);
 
@@ -79,15 +82,15 @@ struct node {
     const size_t number;
     world::host host;
     std::vector<fabric::hca*> hcas;
-    std::vector<port_model> models; // one for each HCA; empty if the host logs too little for it
+    std::vector<port_model> models; // one for each HCA; empty if the trace level is too low for the models
     std::unique_ptr<watching_ucm> ucm;
     std::deque<question> questions;
 
     // The name and the addresses (one for each HCA) that the host should register. If a value is not certain, the host
-    // may register any value that it ever got.
+    // may register any value that it has ever been given.
     std::string name;
     bool is_name_certain = true;
-    uint64_t name_tick = 0;
+    uint64_t name_tick = 0; // when `name` was set
     std::vector<uint32_t> address;
     bool is_address_certain = true;
     std::vector<std::string> given_names;
@@ -99,17 +102,17 @@ struct node {
         int port;
         bool operator==(const port_name&) const = default;
     };
-    std::vector<port_name> cut_ports;   // cut off for good, in one direction or both
-    uint64_t disturbed_tick = 0;        // when its links or its identity last changed
-    uint64_t longest_period = 61;       // maximum seconds between two of its verifications
+    std::vector<port_name> cut_ports;   // ports that were cut off for good, in one direction or in both
+    uint64_t disturbed_tick = 0;        // when the host's links, identity or modules last changed
+    uint64_t longest_period = 61;       // maximum seconds between two verifications by the host
     bool may_not_verify = false;        // verification may be switched off
     std::optional<act> failing_calls;   // the act that last armed the machine's fault injector
-    bool may_have_left_records = false; // it was unloaded when it could not send Deletes
+    bool may_have_left_records = false; // the module ats was unloaded when it possibly could not send Deletes
     bool may_be_misread = false;        // a query of a port may have failed
 
   private:
-    // Checks a log line of the host. It must agree with the models. If it says that the answer to a Delete did not come
-    // in time, the task must have waited exactly the allowed time.
+    // Checks a log line of the host. The line must agree with the models. If the line says that the answer to a Delete
+    // did not come in time, the task must have waited exactly the allowed time.
     void check_line(const std::string& line);
 
     struct running_task {
@@ -118,11 +121,11 @@ struct node {
     };
     std::deque<std::unique_ptr<running_task>> tasks_;
     std::unique_ptr<harm_watch> harm_;
-    int running_changes_ = 0;
-    uint64_t change_count_ = 0;
+    int running_changes_ = 0;   // number of change_identity() calls that run now
+    uint64_t change_count_ = 0; // number of all change_identity() calls
     uint32_t address_count_ = 0;
     uint32_t name_count_ = 0;
-    std::optional<act> verification_act_; // see expect_verification(); empty when the act is marked as effective
+    std::optional<act> verification_act_; // set by expect_verification(), until a report shows the values
     console::json verification_;
     std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent its last request
 };

@@ -1,4 +1,4 @@
-// Draws a run of a seed as a page. recording/ makes the page from a recording.
+// Draws a run of a seed as a page: records the run, and lets recording/ make the page.
 #pragma once
 
 #include <string>
@@ -9,14 +9,14 @@
 namespace campaign
 {
 
-constexpr const char* no_acts = "none"; // the value of --only for a seed that fails without any act
+constexpr const char* no_acts = "none"; // the value of --only for a seed that fails even without acts
 
-// The acts as the value of --only.
+// Returns the acts as a value of --only.
 std::string text_of(const std::vector<size_t>& acts);
 
-// Runs these acts of the plan again, records the run, and writes the page. If they passed in `first_run`, the new run
-// must have the same digest; another digest is an error. Other errors: no process could be started, or a file could not
-// be written. `is_shortened`: acts were removed, because the run fails without them.
+// Runs these acts of the plan again, records the run, and writes the page to `path`. `is_shortened` tells the reader of
+// the page that acts were removed. Returns an error if the run has another digest than `first_run`, if no process can
+// be started, or if a file cannot be written. (The digest of a run that fails is 0.)
 ats::result<> draw(const std::string& path, const plan& plan, const std::vector<size_t>& acts, run_options options,
                    const run_result& first_run, bool is_shortened);
 

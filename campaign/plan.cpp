@@ -13,16 +13,17 @@ namespace
 {
 
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
-constexpr uint64_t longest_check = 8 * minute; // time to check the healthy hosts after a fault that never heals
+constexpr uint64_t longest_check = 8 * minute; // time to check the healthy hosts after a port was cut off
 constexpr uint64_t request_timer_ticks = 1000;
-constexpr uint64_t cluster_ticks = 40; // about the time of two waits for the answer to a Delete
+// Half of the acts begin within this time after another act. Two waits for the answer to a Delete last about as long.
+constexpr uint64_t cluster_ticks = 40;
 
 class dice
 {
   public:
     explicit dice(uint64_t seed) : engine_(seed) {}
-    uint64_t below(uint64_t limit) { return engine_() % limit; }
-    bool one_in(uint64_t n) { return below(n) == 0; }
+    uint64_t number_below(uint64_t limit) { return engine_() % limit; }
+    bool one_in(uint64_t n) { return number_below(n) == 0; }
     uint32_t bits() { return static_cast<uint32_t>(engine_()); }
 
   private:
@@ -32,8 +33,8 @@ class dice
 // Most fabrics have few hosts. Some have up to fifty.
 std::vector<host_shape> draw_hosts(dice& dice)
 {
-    const uint64_t limit = uint64_t{2} << dice.below(6);
-    std::vector<host_shape> hosts(std::min<uint64_t>(50, 2 + dice.below(limit)));
+    const uint64_t limit = uint64_t{2} << dice.number_below(6);
+    std::vector<host_shape> hosts(std::min<uint64_t>(50, 2 + dice.number_below(limit)));
     const bool has_models = dice.one_in(3);
     for (host_shape& host : hosts) {
         host.hcas = dice.one_in(4) ? 2 : 1;
@@ -65,13 +66,14 @@ weights weights_of(const plan_options& options)
 }
 
 // Removes half of the kinds, and makes some of the others up to eight times as frequent. Then a seed may have
-// combinations of acts that are rare when all kinds occur. At least one harmless kind always remains.
+// combinations of acts that are rare when all kinds occur. The kinds 0 and 1 only ask questions and do no harm. One of
+// these two always remains, so draw_kind() always finds a kind.
 void draw_swarm(dice& dice, weights& weights)
 {
-    const size_t kept_kind = dice.below(2);
+    const size_t kept_kind = dice.number_below(2);
     for (size_t kind = 0; kind < act_kind_count; ++kind) {
         const bool is_left_out = dice.one_in(2);
-        const int factor = 1 << dice.below(4);
+        const int factor = 1 << dice.number_below(4);
         weights[kind] *= is_left_out && kind != kept_kind ? 0 : factor;
     }
 }
@@ -81,31 +83,31 @@ uint32_t draw_kind(dice& dice, harm worst, const weights& weights)
 {
     const int total = std::accumulate(weights.begin(), weights.end(), 0);
     while (true) {
-        int weight = static_cast<int>(dice.below(static_cast<uint64_t>(total)));
+        int weight = static_cast<int>(dice.number_below(static_cast<uint64_t>(total)));
         uint32_t kind = 0;
         while (weight >= weights[kind]) weight -= weights[kind++];
         if (act_kinds[kind].harm <= worst) return kind;
     }
 }
 
-// Draws the time and the host of an act. Half of the acts follow soon after the previous one, mostly on the same host.
-// Half of the others begin at most one tick before or after the request timers expire.
+// Draws the time and the host of an act. Half of the acts begin soon after the previous act, mostly on the same host.
+// Half of the other acts begin when request timers expire: at a multiple of 1000 ticks, or one tick before or after it.
 void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
 {
-    act.host = static_cast<uint32_t>(dice.below(plan.hosts.size()));
+    act.host = static_cast<uint32_t>(dice.number_below(plan.hosts.size()));
     if (last && dice.one_in(2)) {
-        act.begin_tick = last->begin_tick + (dice.one_in(2) ? 0 : dice.below(cluster_ticks));
+        act.begin_tick = last->begin_tick + (dice.one_in(2) ? 0 : dice.number_below(cluster_ticks));
         if (!dice.one_in(3)) act.host = last->host;
     } else {
-        act.begin_tick = dice.below(plan.faults_end_tick);
+        act.begin_tick = dice.number_below(plan.faults_end_tick);
         if (dice.one_in(2))
-            act.begin_tick += request_timer_ticks - act.begin_tick % request_timer_ticks - 1 + dice.below(3);
+            act.begin_tick += request_timer_ticks - act.begin_tick % request_timer_ticks - 1 + dice.number_below(3);
     }
     act.begin_tick = std::min(act.begin_tick, plan.faults_end_tick);
 }
 
-// A third of the campaigns have a perfect network. A third of those also have perfect hosts: every registration must
-// succeed at once, and nothing may be left behind.
+// In a third of the plans, no act harms the network. In a third of these plans, no act harms a host either: then every
+// registration must succeed at once, and nothing may be left behind.
 harm draw_worst_harm(dice& dice)
 {
     if (!dice.one_in(3)) return harm::network;
@@ -118,19 +120,20 @@ uint32_t kind_of(void (*begin)(tested_fabric&, const act&))
     return static_cast<uint32_t>(std::ranges::find(act_kinds, begin, &act_kind::begin) - act_kinds.begin());
 }
 
-// Adds one to three faults that never heal. They affect hosts with consecutive numbers, at most half of all, so at
-// least one host stays healthy. They have their own dice, so all other acts of the seed stay the same.
+// Adds one to three faults that never heal, each with a check of the healthy hosts. The faults affect hosts with
+// consecutive numbers, at most half of all, so at least one host stays healthy. A separate random sequence draws them,
+// so the other acts of the seed do not change.
 void add_unhealed_faults(plan& plan)
 {
     constexpr uint64_t own_sequence = 0x756E6865616C6564;
     dice dice(plan.seed ^ own_sequence);
-    const uint64_t limit = most_hosts_cut(plan.hosts.size()), first_host = dice.below(plan.hosts.size());
-    for (uint64_t count = 1 + dice.below(3); count > 0; --count) {
-        const uint64_t tick = dice.below(plan.faults_end_tick - longest_check);
+    const uint64_t limit = most_hosts_cut(plan.hosts.size()), first_host = dice.number_below(plan.hosts.size());
+    for (uint64_t count = 1 + dice.number_below(3); count > 0; --count) {
+        const uint64_t tick = dice.number_below(plan.faults_end_tick - longest_check);
         act next{.begin_tick = tick, .end_tick = tick, .a = dice.bits(), .b = dice.bits()};
-        do next.kind = static_cast<uint32_t>(dice.below(act_kind_count));
+        do next.kind = static_cast<uint32_t>(dice.number_below(act_kind_count));
         while (!is_unhealed(act_kinds[next.kind]));
-        const uint64_t distance = next.kind == kind_of(cut_partition_off) ? 0 : dice.below(limit);
+        const uint64_t distance = next.kind == kind_of(cut_partition_off) ? 0 : dice.number_below(limit);
         next.host = static_cast<uint32_t>((first_host + distance) % plan.hosts.size());
         plan.acts.push_back(next);
         next.kind = kind_of(check_the_rest);
@@ -138,19 +141,21 @@ void add_unhealed_faults(plan& plan)
     }
 }
 
-// exec::priority_schedule explains rounds. Short ones often change the order of a few tasks. In a long one, a task
-// waits while many others run.
+// exec::priority_schedule explains rounds. Short rounds often change the order of a few tasks. In a long round, a task
+// waits while many other tasks run.
 exec::priority_options draw_priorities(uint64_t seed)
 {
     constexpr uint64_t own_sequence = 0x7072696F72697479;
     dice dice(seed ^ own_sequence);
-    return {.seed = seed, .depth = static_cast<int>(1 + dice.below(4)), .round_choices = uint64_t{64} << dice.below(8)};
+    return {.seed = seed,
+            .depth = static_cast<int>(1 + dice.number_below(4)),
+            .round_choices = uint64_t{64} << dice.number_below(8)};
 }
 
-// Draws a length. All orders of magnitude have equal chances.
+// Draws the duration of an act. All orders of magnitude have equal chances.
 uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 {
-    return 1 + dice.below(1 + (longest_ticks >> dice.below(12)));
+    return 1 + dice.number_below(1 + (longest_ticks >> dice.number_below(12)));
 }
 
 } // namespace
@@ -192,16 +197,16 @@ plan draw_plan(uint64_t seed, const plan_options& options)
               .order_seed = {},
               .changes = {},
               .drawn_options = options};
-    plan.faults_end_tick = shortest_run + dice.below(longest_run - shortest_run);
+    plan.faults_end_tick = shortest_run + dice.number_below(longest_run - shortest_run);
     const harm worst = draw_worst_harm(dice);
-    size_t count = 50 + dice.below(50 + 20 * plan.hosts.size());
+    size_t count = 50 + dice.number_below(50 + 20 * plan.hosts.size());
     weights weights = weights_of(options);
     if (options.is_swarm) {
         for (const plan_option& each : plan_option_table)
             if (dice.one_in(2)) plan.drawn_options.*each.member = true;
         weights = weights_of(plan.drawn_options);
         draw_swarm(dice, weights);
-        count = count * (1 + dice.below(8)) / 4;
+        count = count * (1 + dice.number_below(8)) / 4;
     }
     for (size_t i = 0; i < count; ++i) {
         act next{.kind = draw_kind(dice, worst, weights), .a = dice.bits(), .b = dice.bits()};

@@ -1,5 +1,6 @@
-// The plan of a campaign: a fabric, and acts that each begin and end at a tick. The plan is drawn from a seed before
-// anything runs. Therefore a list of acts can be replayed, and shortened until only the necessary acts remain.
+// The plan of a run: a fabric, and acts that each begin and end at a tick. The plan is drawn from a seed before
+// anything runs. Therefore a list of acts can be replayed, and shortened until only the necessary acts remain. A
+// campaign runs the plans of many seeds.
 #pragma once
 
 #include <array>
@@ -14,19 +15,18 @@
 namespace campaign
 {
 
-// A second in ticks.
+// One second, and one minute, in ticks.
 constexpr uint64_t second = 1000;
 constexpr uint64_t minute = 60 * second;
 
 struct tested_fabric;
 
-// Additions to the standard plan. Each option changes the plan of a seed. Without options, the plan is the standard
-// one.
+// The options of a plan. Each option changes the plan of a seed. Without options, the plan is the standard one.
 struct plan_options {
-    bool asks_for_paths = false;
-    bool has_unhealed_faults = false;
-    bool has_priorities = false; // tasks run by random priorities, see exec::priority_schedule
-    bool is_swarm = false;       // each seed draws the kinds of acts; it may add each of the other options
+    bool asks_for_paths = false;      // hosts also ask for paths
+    bool has_unhealed_faults = false; // ports are cut off for good, see unhealed.h
+    bool has_priorities = false;      // tasks run by random priorities, see exec::priority_schedule
+    bool is_swarm = false;            // each seed draws its kinds of acts, and may switch on the other options
 
     bool operator==(const plan_options&) const = default;
 };
@@ -38,10 +38,10 @@ struct plan_option {
 };
 extern const std::array<plan_option, 4> plan_option_table;
 
-// The options in the form of a command line, each with a space before it.
+// Returns the options as text for a command line, each with a space before it.
 std::string describe(const plan_options& options);
 
-// The registrations that may fail during an act.
+// Tells whose registrations may fail during an act.
 enum class harm {
     none,
     host,    // the registrations of the act's host
@@ -53,7 +53,7 @@ struct act {
     uint64_t end_tick = 0;
     uint32_t kind = 0; // index into act_kinds
 
-    // Random numbers. Each kind uses them in its own way.
+    // Random numbers. `host` selects a host. Each kind of act uses `a` and `b` in its own way.
     uint32_t host = 0;
     uint32_t a = 0;
     uint32_t b = 0;
@@ -61,14 +61,15 @@ struct act {
 
 struct act_kind {
     const char* name;
-    int weight; // the chance of the kind is its share of the sum of all weights
+    int weight; // the chance of this kind is its share of the sum of all weights
     campaign::harm harm;
-    uint64_t longest_ticks; // 0 if it begins and ends at once
+    uint64_t longest_ticks; // maximum duration; 0 if it begins and ends at once
     void (*begin)(tested_fabric&, const act&);
     void (*end)(tested_fabric&, const act&); // null if there is nothing to undo
 
-    // The name of the effect that is counted for this kind. `effect` is the fabric's counter for it. If `effect` is
-    // null, the act calls tested_fabric::mark.
+    // The campaign counts how often the acts of each kind took effect. `mark` is the name of this count in the summary.
+    // `effect` is the fabric's counter for it. If `effect` is null, the campaign counts by itself, mostly with
+    // tested_fabric::mark().
     const char* mark;
     uint64_t embedded::fault_effects::*effect = nullptr;
     bool plan_options::*option = nullptr; // only plans with this option have such acts; null means all plans
@@ -86,25 +87,27 @@ struct host_shape {
     int hcas;
     int ports;
     bool has_watching_ucm; // see questions.h
-    int trace_level;       // from 4 (debug) on, the log is compared with port_model
+    int trace_level;       // from 4 (debug) on, port_model checks the lines of the log
 };
 
 struct plan {
     uint64_t seed;
     std::vector<host_shape> hosts;
     std::vector<act> acts;
-    uint64_t faults_end_tick; // every act has ended before this tick
-    plan_options options;     // as the command line gives them
-    std::optional<exec::priority_options> priorities;
-    bool has_plain_order = false;
-    std::optional<uint64_t> order_seed = {}; // draws the order of tasks instead of `seed`
-    std::vector<std::string> changes;        // that were made to the plan of the seed, see simplify.h
-    plan_options drawn_options;              // the options that the run uses; a swarm adds some to `options`
+    uint64_t faults_end_tick;                         // no act lasts beyond this tick
+    plan_options options;                             // the options of the command line
+    std::optional<exec::priority_options> priorities; // for --pct; replaces the random order
+    bool has_plain_order = false;            // tasks run in the order in which they become ready; no random order
+    std::optional<uint64_t> order_seed = {}; // the seed for the order of tasks, instead of `seed`
+    std::vector<std::string> changes;        // changes that were made to the plan of the seed, see simplify.h
+    plan_options drawn_options;              // the options of the run: `options`, and those that --swarm has added
 };
 
+// Draws the plan of a seed. The same arguments always give the same plan.
 plan draw_plan(uint64_t seed, const plan_options& options);
 
-// Formats an act as "17 at 1234 for 500: loss host=3 a=17 b=4". The digest depends on this text.
+// Formats an act as "17 at 1234 for 500: loss host=3 a=17 b=4". Times are in ticks. The digest of a run depends on this
+// text.
 std::string describe(const plan& plan, size_t act_number);
 
 } // namespace campaign

@@ -11,8 +11,8 @@ namespace campaign
 namespace
 {
 
-constexpr int max_deletes = 3;
-constexpr std::string_view set_result = "sending SA Set SR, ret = "; // followed by the result
+constexpr int max_deletes = 3;                                       // in one registration
+constexpr std::string_view set_result = "sending SA Set SR, ret = "; // the return value of the send follows
 
 bool contains(const std::string& line, const char* text)
 {
@@ -53,7 +53,7 @@ std::string port_model::check_event_line(const std::string& line)
         link_down(port);
     } else if (contains(line, "() failed <")) {
         has_refresh_failed_ = true;
-        // The service reads the P_Keys last, so it already has the GID when this call fails.
+        // The service reads the P_Keys last. If this call fails, the service has already read the GID.
         if (contains(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
             known_gids_[event_port_ - 1] = gids_[event_port_ - 1];
     } else if (const int port = port_after(": port "); port > 0 && contains(line, " pkey 0x")) {
@@ -106,7 +106,8 @@ std::string port_model::end_registration(const std::string& result)
 {
     is_registering_ = false;
     const bool was_sent = result == "0";
-    const bool is_missing = was_sent && sets_ == 0 && is_link_stable_; // while the link is down, no request can be seen
+    // While a link is down, wire_watch sees no request.
+    const bool is_missing = was_sent && sets_ == 0 && is_link_stable_;
     if (sets_ > (was_sent ? 1 : 0) || is_missing)
         return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;
     if (deletes_ > max_deletes) return "a registration sent " + std::to_string(deletes_) + " Deletes";

@@ -16,12 +16,13 @@ namespace campaign
 namespace
 {
 
-// The time limits of the service's own requests. IBAT and UCM add their retries and the time in their reply queues.
+// If no answer comes, the service ends its own request after this time. Questions through IBAT or UCM may take longer,
+// because these modules repeat requests and queue their replies.
 constexpr uint64_t shortest_wait_ticks = 1000, longest_wait_ticks = 2000;
 constexpr uint64_t longest_wait_for_peers_ticks = 6000;
 
-// The maximum time from a change of a link to the end of its event. Also the maximum time of a path request in a quiet
-// network.
+// The maximum time from a change of a link until the host has processed the event. A path request in a quiet network
+// takes no longer.
 constexpr uint64_t event_ticks = 100;
 
 std::map<const kernel::machine*, watching_ucm*> watching_ucms;
@@ -38,7 +39,7 @@ bool is_active(const std::optional<embedded::port_view>& port)
     return port && port->state == fabric::link_state::active;
 }
 
-// Returns true if the last disturbance of this host was over before this tick.
+// Returns true if the host's last change was over before this tick.
 bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
 {
     for (const node& node : fabric.nodes)
@@ -46,8 +47,8 @@ bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
     return true;
 }
 
-// Compares a path that was found with the subnet. A cached path may be older than a change at the destination, but not
-// older than a change at the source.
+// Compares a path that was found with the subnet. A cached path may be older than a change at the destination. It must
+// not be older than a change at the source.
 void check_found_path(const question& question, const ibat_arp_data_t& record)
 {
     tested_fabric& fabric = question.asker.fabric;
@@ -67,7 +68,7 @@ void check_found_path(const question& question, const ibat_arp_data_t& record)
         fabric.violate(subject + " begins at port " + std::to_string(source->port) + ", which is down");
 }
 
-// Compares the answer about a path with the real state, if no fault can explain a difference.
+// Compares the answer about a path with the real state. Does nothing if a fault may have caused a difference.
 void check_path(const question& question, ibat_stat_t status, const ibat_arp_data_t& record)
 {
     node& asker = question.asker;
@@ -81,7 +82,7 @@ void check_path(const question& question, ibat_stat_t status, const ibat_arp_dat
         ++fabric.counts.truths;
         return check_found_path(question, record);
     }
-    if (!is_quiet || status == ibat_stat_error || !asker.has_link(0)) return; // error means that IBAT is unloaded
+    if (!is_quiet || status == ibat_stat_error || !asker.has_link(0)) return; // ibat_stat_error: IBAT is not loaded
     const auto destination = port_with(fabric, question.destination);
     const bool is_true_absence =
         !is_active(destination) || !is_settled(fabric, destination->host_name, question.begin_tick);

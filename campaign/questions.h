@@ -1,4 +1,5 @@
-// Questions of a host's users, and a replacement for UCM that checks how the service answers.
+// The questions that users of a host ask the service (the module ats), and a replacement for UCM that checks how the
+// service answers.
 #pragma once
 
 #include <cstdint>
@@ -18,37 +19,39 @@ namespace campaign
 
 struct node;
 
-// One question and its result. Its address must not change until the campaign ends: callbacks point to it.
+// One question and its result. A question stays at its address until the run ends, because callbacks have pointers to
+// it.
 struct question {
     node& asker;
-    std::optional<uint32_t> act_kind; // the answer is an effect of this kind of act
-    bool is_by_gid = false;           // it asks for the address of a GID; otherwise for the GID of an address
-    bool is_of_service = false;       // it was sent to the service itself, whose time limits are exact to the tick
+    std::optional<uint32_t> act_kind; // if set, the answer counts as an effect of this kind of act
+    bool is_by_gid = false;           // asks for the address of a GID; otherwise for the GID of an address
+    bool is_of_service = false;       // asks the service directly; without IBAT and UCM, time limits are exact
     uint64_t begin_tick = 0;
-    ibat_stat_t return_status = ibat_stat_error;
-    int replies = 0;
-    ibat_stat_t status = ibat_stat_pending;
+    ibat_stat_t return_status = ibat_stat_error; // what the call that asked has returned
+    int replies = 0;                             // number of callbacks
+    ibat_stat_t status = ibat_stat_pending;      // what the callback has reported
     uint32_t ip = 0;
     kq_gid_t gid{};
-    bool is_by_path = false; // it asks for the path to `destination`
-    bool is_fresh = false;   // for a path: the SA was asked
+    bool is_by_path = false; // asks for the path to `destination`
+    bool is_fresh = false;   // for a path: the question bypassed the cache
     kq_gid_t destination{};
-    bool is_closed = false; // no more callbacks may follow
+    bool is_closed = false; // no callback may follow any more
 
     static void take_answer(ibat_stat_t status, ibat_arp_data_t* record, void* self);
     bool is_settled() const { return return_status != ibat_stat_pending || replies > 0 || is_closed; }
 };
 
-// These functions ask and return without waiting for the answer. The caller is a task of the host that may sleep.
+// These functions ask, and return without waiting for the answer. Call them in a task of the host that may sleep.
 void ask_for_path(question& question, const kq_gid_t& gid, bool bypasses_cache);
 void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache);
 void ask_for_address(question& question, const kq_gid_t& gid);
 
-// Cancels an open question; no callback follows then. Returns true if the module still had it.
+// Cancels an open question; afterwards no callback comes. Returns true if IBAT or UCM still had the question. Does
+// nothing for a question that was asked of the service directly.
 bool withdraw(question& question);
 
-// Replaces the module UCM: the service attaches to it, and it passes questions directly to the service. As in UCM, a
-// detach waits until no call runs.
+// Replaces the module UCM. The service attaches to this object, and ask() passes questions directly to the service. As
+// with UCM, a detach waits until no such call runs.
 class watching_ucm
 {
   public:

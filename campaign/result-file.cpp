@@ -17,7 +17,7 @@ namespace
 
 using nlohmann::json;
 
-// Increment it with every change of the file's format.
+// The version of the file's format. Increment it with every change of the format.
 constexpr int format = 1;
 
 json to_json(const campaign_result& result)
@@ -81,7 +81,7 @@ ats::result<campaign_result> load(const std::string& path)
     }
 }
 
-// The part of a result that is equal for all shards of a campaign.
+// Describes a campaign by the part of the result that is equal for all its shards.
 std::string campaign_of(const campaign_result& result)
 {
     return "--seeds " + std::to_string(result.first_seed) + "-" + std::to_string(result.last_seed) +

@@ -24,7 +24,7 @@ constexpr unsigned longest_run_seconds = 900; // of the wall clock
 std::atomic<bool> was_interrupted{false};
 bool stops_when_interrupted = false;
 
-// A process that runs a plan. It writes its complaint and its figures to memory that it shares with this process.
+// A child process that runs a plan. The child writes its figures to shared memory, and its complaint to a memory file.
 class run_process
 {
   public:
@@ -33,8 +33,7 @@ class run_process
 
     pid_t pid() const { return pid_; }
 
-    // Call it after the process has ended; `status` comes from waitpid(). Frees the shared memory. No other call may
-    // follow.
+    // Call it once, after the child has ended. `status` is the status from waitpid(). Frees the shared memory.
     run_result finish(int status);
 
   private:
@@ -43,8 +42,8 @@ class run_process
     void free();
 
     uint64_t seed_;
-    int output_;      // a memory file
-    figures* counts_; // shared
+    int output_;      // the memory file; it is the child's standard error
+    figures* counts_; // in the memory that the child shares
     pid_t pid_ = -1;
 };
 
@@ -70,7 +69,7 @@ ats::result<run_process> run_process::start(const plan& plan, const std::vector<
 
 void run_process::run(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
 {
-    // At Ctrl-C, the terminal sends SIGINT to this process, too. The process ignores it, because the parent ends it
+    // At Ctrl-C, the terminal sends SIGINT to the child, too. The child ignores it, because the parent ends the child
     // with SIGKILL.
     if (stops_when_interrupted) signal(SIGINT, SIG_IGN);
     alarm(longest_run_seconds);
@@ -121,7 +120,7 @@ void stop_when_interrupted()
     struct sigaction action {
     };
     action.sa_handler = [](int) { was_interrupted = true; };
-    sigaction(SIGINT, &action, nullptr); // without SA_RESTART, so waitpid() returns
+    sigaction(SIGINT, &action, nullptr); // without SA_RESTART, so that the signal ends waitpid()
 }
 
 bool is_interrupted()
@@ -151,11 +150,11 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
                (running.size() >= static_cast<size_t>(jobs) || is_enough(started, sum))) {
             int status;
             const auto process = running.find(waitpid(-1, &status, 0));
-            if (process == running.end()) continue; // a signal ended the wait
+            if (process == running.end()) continue; // a signal has ended the wait
             const run_result result = process->second.finish(status);
             running.erase(process);
             add(sum, result.counts);
-            if (!result.complaint.empty()) ++sum.seeds; // a process counts its seed only if the run passes
+            if (!result.complaint.empty()) ++sum.seeds; // the process counts its seed only if its run passes
             report(result);
         }
         if (was_interrupted) {
@@ -188,8 +187,8 @@ std::vector<size_t> all_acts(const plan& plan)
     return numbers;
 }
 
-// Tries to leave out pieces of the list: halves first, then pieces of half that length, at last single acts. A piece
-// stays out if the rest still fails in the same way.
+// Tries to remove parts of the list: first halves, then quarters, and so on, and at last single acts. A part stays
+// removed if the other acts still fail in the same way.
 ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options)
 {
     const ats::result<run_result> failure = run_apart(plan, act_numbers, options);

@@ -14,7 +14,7 @@ constexpr const char* all_changes =
     "hosts=N, hcas=1, ports=1, order=plain, order=N, depth=N, more=SEED, ACT.host=N, ACT.a=N, ACT.b=N, ACT.ticks=N and "
     "ACT.begin=N";
 
-// Returns true if the whole text is a number.
+// Returns true if the whole text is a number, and stores the number.
 template <class number_t>
 bool read(std::string_view text, number_t& number)
 {
@@ -22,7 +22,7 @@ bool read(std::string_view text, number_t& number)
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
-// Adds the acts of another seed's plan. They get the numbers after those of the present acts.
+// Adds the acts of another seed's plan that can occur in this plan. They get numbers after those of the existing acts.
 void add_acts(plan& plan, uint64_t seed)
 {
     for (const act& each : draw_plan(seed, plan.options).acts)
@@ -80,7 +80,7 @@ bool change_plan(plan& plan, std::string_view name, std::string_view value)
     return true;
 }
 
-// Tries changes of a plan one by one, and keeps those after which it still fails in the same way.
+// Tries changes of a plan one by one. Keeps those after which the acts still fail in the same way.
 class simplifier
 {
   public:
@@ -89,7 +89,8 @@ class simplifier
     {
     }
 
-    // Returns true if the change was kept. If a run cannot be started, the search ends.
+    // Tries a change. Returns true if it was kept. If a run cannot be started, no further change is tried, and result()
+    // returns the error.
     bool keeps(const std::string& text)
     {
         campaign::plan changed = plan_;
@@ -101,7 +102,8 @@ class simplifier
         return true;
     }
 
-    // Replaces `present` by the first of these numbers that is lower and with which the plan still fails.
+    // Tries to lower the number `name` from `present`: keeps the first of `numbers` with which the acts still fail.
+    // `numbers` are in ascending order; those from `present` on are not tried.
     void lower(const std::string& name, uint64_t present, std::initializer_list<uint64_t> numbers)
     {
         for (const uint64_t number : numbers)
@@ -159,7 +161,7 @@ ats::result<> change(plan& plan, std::string_view text)
         return ats::fail(ats::error_kind::invalid, "'" + std::string(text) +
                                                        "' does not fit this plan; the changes are " + all_changes +
                                                        ", with numbers up to those of the plan");
-    // A later change of the same number takes the place of the earlier one.
+    // A change of the same number replaces an earlier one.
     if (name != "more")
         std::erase_if(plan.changes, [&](const std::string& each) { return each.substr(0, each.find('=')) == name; });
     plan.changes.emplace_back(text);

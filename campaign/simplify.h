@@ -1,5 +1,5 @@
-// Makes the plan of a run that fails simpler: fewer hosts, smaller numbers, the plain order of tasks. A simpler plan is
-// the plan of the seed with a list of changes. The command line accepts the same list.
+// Makes the plan of a run that fails simpler: fewer hosts, smaller numbers, the plain order of tasks. A simpler plan
+// consists of the seed and a list of changes. The command line accepts this list after --change.
 #pragma once
 
 #include <string_view>
@@ -11,19 +11,19 @@ namespace campaign
 {
 
 // clang-format off
-// Carries out a change and notes it in the plan. These are the changes, with examples of numbers:
-//     hosts=2         only the first two hosts
+// Makes a change in the plan, and adds it to plan::changes. These are the changes, with examples of numbers:
+//     hosts=2         keep only the first two hosts
 //     hcas=1          each host has one HCA
 //     ports=1         each HCA has one port
-//     order=plain     tasks run in the plain order
-//     order=5         tasks run in another random order
-//     depth=1         the depth of the random priorities (--pct)
-//     more=12         adds the acts of seed 12
-//     7.host=0        the host of act 7
-//     7.a=1 7.b=0     the other random numbers of act 7
+//     order=plain     tasks run in the order in which they become ready
+//     order=5         draw the order of tasks from seed 5
+//     depth=1         the depth of the random priorities (--pct), see exec::priority_schedule
+//     more=12         add the acts of seed 12
+//     7.host=0        act 7 selects its host with the number 0
+//     7.a=1 7.b=0     act 7 has these other random numbers
 //     7.ticks=5       act 7 lasts 5 ticks
 //     7.begin=900     act 7 begins at tick 900
-// Fails if there is no such change, or if the plan has no such act or does not allow the number.
+// Returns an error if there is no such change, if the plan has no such act, or if the number does not fit the plan.
 // clang-format on
 ats::result<> change(plan& plan, std::string_view text);
 
@@ -33,8 +33,8 @@ struct failing_run {
     std::vector<size_t> acts;
 };
 
-// Returns the simplest run that fails in the same way: the fewest acts, and the plan with all changes after which they
-// still fail.
+// Returns a simpler run that fails in the same way. It has fewer acts (see shorten()), and a plan with all changes
+// after which these acts still fail. Returns an error only if no process could be started.
 ats::result<failing_run> simplify(failing_run run, const run_options& options);
 
 } // namespace campaign

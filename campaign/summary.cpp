@@ -9,8 +9,8 @@ namespace
 {
 
 constexpr double ticks_per_hour = 3'600'000;
-constexpr uint64_t seeds_with_every_kind = 60,
-                   swarm_seeds_with_every_kind = 500; // with fewer seeds, some kinds of acts may be missing
+// With fewer seeds, some kinds of acts may be missing.
+constexpr uint64_t seeds_with_every_kind = 60, swarm_seeds_with_every_kind = 500;
 
 void show_marks(const campaign_result& result)
 {
@@ -55,7 +55,7 @@ void show_failure(const campaign_result::failure& failure, const plan_options& o
     std::fflush(stdout);
 }
 
-// scripts/report reads this line.
+// scripts/report reads this line. Change both together.
 void show(const figures& counts, double seconds)
 {
     const double hours = static_cast<double>(counts.simulated_ticks) / ticks_per_hour;

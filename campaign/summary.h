@@ -1,4 +1,4 @@
-// The output at the end of a campaign, on one machine or merged from shards.
+// The output at the end of a campaign. The campaign ran on one machine, or its result was merged from shards.
 #pragma once
 
 #include <string>
@@ -9,21 +9,23 @@
 namespace campaign
 {
 
-// The options that select these acts (the value of --only; empty means all) and the changes of the plan.
+// Returns the options of a command line that select these acts and the changes of the plan. `acts` is a value of
+// --only; empty means all acts.
 std::string selection_of(const plan& plan, const std::string& acts);
 
-// The command that runs a seed again. `selection` is that of selection_of(); empty for a plan as it was drawn.
+// Returns the command that runs a seed again. `selection` comes from selection_of(); it is empty for an unchanged plan
+// with all acts.
 std::string replay_command(uint64_t seed, const plan_options& options, const std::string& selection);
 
 // Prints the complaint of a failed run, and the command that replays it.
 void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& selection);
 
-// Prints the line of figures.
+// Prints the figures in one line. `seconds` is the time that has passed.
 void show(const figures& counts, double seconds);
 
-// Prints the figures, the marks, the number of failed seeds, and each kind of act that never took effect. A shard may
-// lack some kinds of acts, so these are not checked for a shard. Returns true if the campaign was complete and found no
-// fault.
+// Prints the figures, the marks, the number of failed seeds, and each kind of act that never took effect. In a shard or
+// a short campaign, some kinds may be missing, so these are not checked there. Returns true if the campaign was not
+// interrupted and no check failed.
 bool show_summary(const campaign_result& result);
 
 } // namespace campaign

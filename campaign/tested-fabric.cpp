@@ -91,7 +91,7 @@ ats::result<> tested_fabric::run(const std::vector<size_t>& act_numbers)
     return wire.flush_capture();
 }
 
-// Loads the modules in one task per host, and brings all links up.
+// Loads the modules, in one task for each host, and brings all links up.
 void tested_fabric::start_hosts()
 {
     for (node& node : nodes) {

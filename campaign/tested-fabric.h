@@ -1,5 +1,5 @@
-// The fabric that a campaign tests: an embedded subnet in simulated time, its hosts, and the checks of both. If a rule
-// is violated, the process prints one line and ends.
+// The fabric that a run tests: an embedded subnet in simulated time, its hosts, and the checks of both. If a check
+// finds a fault, the process prints the fault and ends.
 #pragma once
 
 #include <cassert>
@@ -28,10 +28,10 @@ struct run_options {
 // The longest time from the end of a harmful act to the end of its effects.
 constexpr uint64_t harm_lasts_ticks = 500;
 
-// Records the times at which acts harmed a host or the network.
+// Notes when acts harm one host, or the network. Harm here means that registrations may fail (see harm in plan.h).
 struct harm_watch {
     int running_acts = 0;
-    uint64_t last_tick = 0;
+    uint64_t effects_end_tick = 0; // when the effects of the harmful acts that have ended are over
     bool has_done_harm = false;
 
     void begin()
@@ -39,18 +39,21 @@ struct harm_watch {
         ++running_acts;
         has_done_harm = true;
     }
-    void end(uint64_t now_ticks)
+    void end(uint64_t end_tick)
     {
         assert(running_acts > 0);
         --running_acts;
-        last_tick = now_ticks;
+        effects_end_tick = end_tick;
     }
-    // Returns true if no harmful act is running, and the effects of earlier acts ended before this tick.
-    bool was_quiet_since(uint64_t tick) const { return running_acts == 0 && (!has_done_harm || last_tick < tick); }
+    // Returns true if no harmful act is running, and the effects of all earlier ones ended before this tick.
+    bool was_quiet_since(uint64_t tick) const
+    {
+        return running_acts == 0 && (!has_done_harm || effects_end_tick < tick);
+    }
 };
 
-// The expected and the actual state, for the picture of a violation. Both are empty if the text of the fault contains
-// them.
+// The expected and the actual state, shown in the picture of a violation. Both are empty if the text of the violation
+// says enough.
 struct mismatch {
     std::string expected;
     std::string actual;
@@ -61,17 +64,18 @@ struct tested_fabric {
     ~tested_fabric();
 
     // Runs the acts with these numbers, ends every fault, and checks that everything becomes right again. Call it once.
-    // Returns an error only if the capture file could not be written. Every other fault is a violation.
+    // If a check finds a fault, it does not return (see violate()). Returns an error only if the recording or the
+    // capture file could not be written.
     ats::result<> run(const std::vector<size_t>& act_numbers);
 
-    // Prints the fault and ends the process.
+    // Prints the fault and ends the process with exit code 1. Also completes the recording and the capture file.
     [[noreturn]] void violate(const std::string& fault, const mismatch& mismatch = {});
 
     // Adds a line to the log and to the digest.
     void note(const std::string& subject, const std::string& event);
     uint64_t now() const { return simulation->now(); }
 
-    // Counts the act for its kind if `took_effect`. Returns `took_effect`.
+    // Counts an effect for the act's kind if `took_effect`. Returns `took_effect`.
     bool mark(const act& act, bool took_effect = true)
     {
         counts.marks[act.kind] += took_effect;
@@ -80,21 +84,22 @@ struct tested_fabric {
 
     node& node_of(const act& act) { return nodes[act.host % nodes.size()]; }
 
-    // Null if nothing is recorded.
+    // Returns the recorder, or null if nothing is recorded.
     recording::recorder* recorder() { return recorder_.get(); }
 
     const std::string module_folder;
     const campaign::plan plan;
     figures counts;
-    std::unique_ptr<exec::priority_schedule> order; // null: the order is drawn from the seed
+    std::unique_ptr<exec::priority_schedule> order; // for --pct; null if a seed draws the order of the tasks
     std::unique_ptr<exec::simulation> simulation;
     embedded::subnet subnet;
     wire_watch wire;
     std::deque<node> nodes;
 
+    // The harm of acts that affect all hosts; node::harm() is for one host.
     harm_watch network;
     std::vector<unhealed_fault> unhealed_faults;
-    std::deque<std::vector<ib_service_record_v2_t>> kept_records; // copies of the SA's records, one for each minute
+    std::deque<std::vector<ib_service_record_v2_t>> kept_records; // the SA's records at each full minute
 
   private:
     void start_hosts();
@@ -110,15 +115,16 @@ struct tested_fabric {
     uint64_t next_keep_tick_ = 0;
 };
 
-// A task of the host calls this immediately after a change. It waits until the change must have reached the SA. If
-// nothing else disturbed the host, its records must then be right.
+// Call it in a task of the host immediately after the change at `act_tick`. Waits until the change must have reached
+// the SA. Then checks that the host's records are right, unless something else has disturbed the host.
 void check_promptly(node& node, uint64_t act_tick);
 
-// A task of the host calls this when a host is cut off for good. It waits for two verifications. If nothing else
-// disturbed the host, its records must then be right, and it must find another healthy host.
+// Call it in a task of each host when a port of some host was cut off for good. Waits for two verifications. Then
+// checks that the host's records are right and that it finds another healthy host, unless something else has disturbed
+// it. Marks `act` as effective if it finds one.
 void check_in_spite_of_cuts(node& node, const act& act);
 
-// Ends every fault that can end, and compares everything with the expected state.
+// Ends every fault that can end. Checks all records and lookups, and that unloading all modules leaves nothing behind.
 void check_at_the_end(tested_fabric& fabric);
 
 } // namespace campaign

@@ -1,5 +1,5 @@
-// Faults that never heal: ports that lose all datagrams for good, although their links stay up. Such a fault cuts the
-// port's host off from the SA. All other hosts must register and find each other normally.
+// Faults that never heal: from some tick on, a port loses all datagrams in one direction or in both, although its link
+// stays up. The host cannot talk to the SA through this port. All other hosts must register and find each other.
 #pragma once
 
 #include <cstdint>
@@ -12,32 +12,33 @@ namespace campaign
 
 struct tested_fabric;
 
-// A fault that has started.
+// A fault that has begun.
 struct unhealed_fault {
-    uint32_t kind;
+    uint32_t kind; // index into act_kinds
     struct cut_port {
-        size_t number;        // index in subnet::ports()
-        uint64_t lost_before; // number of datagrams that the port had already lost at earlier cuts
+        size_t number;        // index into subnet::ports()
+        uint64_t lost_before; // number of datagrams that the port had lost at cuts before this fault
     };
     std::vector<cut_port> ports;
 };
 
-// The maximum number of hosts that are cut off. A fabric has at least 2 hosts.
+// Returns the maximum number of hosts that are cut off. A fabric has at least 2 hosts, so at least one stays healthy.
 constexpr uint64_t most_hosts_cut(uint64_t hosts)
 {
     return hosts / 2;
 }
 
-// Each function starts an act, which cuts ports off for good.
-void cut_host_off(tested_fabric& fabric, const act& act);      // all ports of a host
-void cut_port_off(tested_fabric& fabric, const act& act);      // one port
-void cut_one_way(tested_fabric& fabric, const act& act);       // one direction of a port
-void cut_partition_off(tested_fabric& fabric, const act& act); // all ports of neighbours, the act's host first
+// Each function begins an act that cuts ports off for good. The last one cuts off all ports of several hosts. These
+// hosts have consecutive numbers, beginning with that of the act's host.
+void cut_host_off(tested_fabric& fabric, const act& act); // all ports of a host
+void cut_port_off(tested_fabric& fabric, const act& act); // one port
+void cut_one_way(tested_fabric& fabric, const act& act);  // one direction of a port
+void cut_partition_off(tested_fabric& fabric, const act& act);
 
-// Starts an act, which checks on every host that the cuts affect only the ports that are cut off.
+// Begins an act that checks on every host that the faults affect only the ports that are cut off.
 void check_the_rest(tested_fabric& fabric, const act& act);
 
-// Counts the datagrams that each fault has lost, as effects of its kind.
+// Adds the datagrams that each fault has lost to the marks of its kind of act.
 void count_unhealed_faults(tested_fabric& fabric);
 
 } // namespace campaign

@@ -13,9 +13,9 @@ namespace campaign
 namespace
 {
 
-constexpr uint16_t first_lid = 2; // the hosts' ports have consecutive LIDs from this one on
+constexpr uint16_t first_lid = 2; // LID of the first port; the hosts' ports have consecutive LIDs
 
-// Component masks of the service's requests.
+// Component masks of the requests that ats sends (ServiceRecord, IBA 15.2.5.14).
 constexpr uint64_t mask_of_set = UINT64_MAX, mask_by_gid = 0x43, mask_by_address = 0x7FFFC1;
 
 bool is_zero(const void* field, size_t size)
@@ -79,8 +79,8 @@ void wire_watch::crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::
     if (!fault.empty()) report(node, fault);
 }
 
-// The fabric calls the watch with its lock held. The end of a recording reads the fabric, so it needs a task of its
-// own.
+// violate() reads the fabric to complete the recording. The fabric holds its lock while it calls crossed(), so a new
+// task calls violate().
 void wire_watch::report(node& node, const std::string& fault)
 {
     const std::string text = node.host.name() + ": " + fault;
@@ -104,7 +104,7 @@ std::string wire_watch::fault_in_path_request(const port_entry& sender, const sa
     return "";
 }
 
-// If nothing disturbs it, the answer to a Delete comes in the same tick. Then the Set must follow in this tick, too.
+// Without disturbances, the answer to a Delete comes in the same tick. Then the Set must follow in this tick, too.
 std::string wire_watch::timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks)
 {
     uint64_t& delete_tick = delete_ticks_[exec::current_task()];
@@ -135,7 +135,7 @@ std::string wire_watch::fault_in(const port_entry& sender, const sa_mad_v2_t& ma
     switch (mad.hdr.m.method) {
     case MAD_METHOD_SET:
         if (mask != mask_of_set || from_wire(record.service_lease) != UINT32_MAX) return "a Set is not complete";
-        // If a query of a port fails, the service registers it with the values that it has read so far.
+        // If a query of a port has failed, the service registers the port with the values that it has read so far.
         if (fabric_.nodes[sender.node].harm().has_done_harm) return "";
         if (from_wire(record.service_pkey) != sender.p_key) return "the P_Key in a Set is not that of its port";
         if (memcmp(&record.service_gid, &sender.gid, sizeof sender.gid) != 0)

@@ -1,5 +1,6 @@
-// Checks every datagram that a host sends to the fabric. It must be one of the module's four requests, or IBAT's
-// request for a path. Every checked field must be correct. The P_Key and GID of a Set must be those of its port.
+// Checks every datagram that a host sends. It must be one of the four requests of the module ats, or IBAT's request for
+// a path. Its header, component mask and record must be correct. The P_Key and the GID of a Set must be those of the
+// port that sends it.
 #pragma once
 
 #include <map>
@@ -22,14 +23,14 @@ class wire_watch final : public fabric::tap
   public:
     explicit wire_watch(tested_fabric& fabric) : fabric_(fabric) {}
 
-    // Notes the LIDs of the hosts' ports and opens the capture file. Call it once, when all hosts have their HCAs.
-    // Without a path, nothing is captured.
+    // Notes the LIDs of the hosts' ports and opens the capture file. Call it once, when all hosts have their HCAs. If
+    // the path is empty, nothing is captured.
     void begin(const std::string& capture_path);
 
-    // Writes the buffered packets. Returns the first failure of the file as an error.
+    // Writes the buffered packets to the capture file. Returns the first error of the file.
     ats::result<> flush_capture() { return capture_ ? capture_->flush() : ats::result<>(); }
 
-    // The number of requests that the calling task has sent so far.
+    // Returns the number of requests that the calling task has sent so far.
     uint64_t requests_of_this_task() const;
 
     // Called in the task that sends the datagram.
@@ -45,16 +46,16 @@ class wire_watch final : public fabric::tap
         uint16_t p_key;
     };
 
-    // Each function returns the fault of a request, or an empty text.
+    // Each function returns a text that describes the fault of a request, or an empty text.
     std::string fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
     std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
     std::string timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks);
-    void report(node& node, const std::string& fault);
+    void report(node& node, const std::string& fault); // ends the run with this fault
 
     tested_fabric& fabric_;
     std::map<const exec::task*, uint64_t> requests_;     // number of requests of each task
     std::map<const exec::task*, uint64_t> delete_ticks_; // when each task sent its last Delete
-    std::vector<port_entry> ports_by_lid_;
+    std::vector<port_entry> ports_by_lid_;               // the first one has the LID first_lid
     std::unique_ptr<fabric::capture> capture_;
 };
 
