@@ -14,7 +14,7 @@ namespace umad
 namespace
 {
 
-// Translates an event of an HCA into an event of its ports. Returns none for events of queues.
+// Translates an event of libibverbs. Returns none for events that are not about ports or the whole device.
 std::optional<device_event> meaning_of(const ibv_async_event& event)
 {
     using enum device_event_kind;
@@ -76,16 +76,17 @@ class verbs_events final : public device_events
     }
 
   private:
-    // After the last event, it only shows that it does not hang.
+    // The task's loop. After the last event, the task makes a round only for each wake-up, so that a watchdog sees that
+    // it does not hang.
     void run()
     {
-        pollfd both[] = {{context_->async_fd, POLLIN, 0}, {wakeup_, POLLIN, 0}};
+        pollfd descriptors[] = {{context_->async_fd, POLLIN, 0}, {wakeup_, POLLIN, 0}};
         while (!is_stopping_) {
             rounds_.fetch_add(1, std::memory_order_relaxed);
-            const bool has_failed = poll(both, 2, -1) < 0 && errno != EINTR;
-            if (has_failed || (both[0].revents != 0 && !take_next())) {
-                if (both[0].fd == no_file) return;
-                both[0] = {no_file, 0, 0};
+            const bool has_failed = poll(descriptors, 2, -1) < 0 && errno != EINTR;
+            if (has_failed || (descriptors[0].revents != 0 && !take_next())) {
+                if (descriptors[0].fd == no_file) return;
+                descriptors[0] = {no_file, 0, 0};
                 take_({device_event_kind::ended});
             }
             eventfd_t wake_ups;
@@ -93,7 +94,7 @@ class verbs_events final : public device_events
         }
     }
 
-    // Returns false if no further event can come.
+    // Receives an event, if there is one, and passes it on. Returns false if no further event can come.
     bool take_next()
     {
         ibv_async_event event;
@@ -113,7 +114,7 @@ class verbs_events final : public device_events
     const std::function<void(const device_event&)> take_;
     const int wakeup_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::atomic<bool> is_stopping_{false};
-    std::atomic<uint64_t> rounds_{0}; // of the task
+    std::atomic<uint64_t> rounds_{0}; // rounds of the task's loop
     exec::task* task_ = nullptr;
 };
 

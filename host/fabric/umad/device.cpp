@@ -18,14 +18,13 @@ namespace umad
 namespace
 {
 
-// The time for which the kernel remembers a request: a little longer than any caller waits. It must not be 0, because
-// the kernel delivers an answer only while it remembers the request. The kernel resends nothing, because all callers
-// have time-outs of their own.
+// The time for which the kernel remembers a request. The kernel delivers an answer only during this time, so the time
+// is a little longer than any sender of a request waits.
 constexpr int answer_time_ms = 2500;
-constexpr int no_retries = 0;
+constexpr int no_retries = 0; // senders repeat their requests themselves
 
-// The longest wait if wake() cannot end it.
-constexpr uint64_t deaf_wait_ms = 100;
+// The longest wait() if wake() cannot end it.
+constexpr uint64_t short_wait_ms = 100;
 
 std::string read_line(const std::string& path)
 {
@@ -88,11 +87,11 @@ ats::result<> device::open()
     }
     self_agent_ = register_client(class_directed_route, class_version_smp);
 
-    // ibsim replaces poll() and ignores the second descriptor. Find this out here: if poll() does not see the wake-up,
-    // waits must be short.
+    // ibsim replaces poll() with a function that ignores the second descriptor. Then wake() cannot end a wait(), and
+    // all waits must be short. Test this with a wake-up and a poll().
     wake();
-    pollfd both[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
-    sees_wakeup_ = ::poll(both, 2, 0) > 0 && both[1].revents != 0;
+    pollfd descriptors[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
+    sees_wakeup_ = ::poll(descriptors, 2, 0) > 0 && descriptors[1].revents != 0;
     return {};
 }
 
@@ -115,7 +114,7 @@ void device::close()
 
 void device::close_port()
 {
-    poll_descriptor_ = -1; // poll() ignores -1; for a closed or reused descriptor it would return at once
+    poll_descriptor_ = -1; // poll() ignores -1, but returns at once for a closed or reused descriptor
     umad_close_port(descriptor_);
     descriptor_ = -1;
 }
@@ -128,16 +127,16 @@ bool device::send(client sender, packet& packet)
     return umad_send(descriptor_, agent, packet.bytes(), sizeof(fabric::mad_bytes), answer_time_ms, no_retries) == 0;
 }
 
-void device::wait(uint64_t longest_ms)
+void device::wait(uint64_t limit_ms)
 {
-    pollfd both[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
-    if (!sees_wakeup_) longest_ms = std::min(longest_ms, deaf_wait_ms);
-    const int ready = ::poll(both, 2, static_cast<int>(longest_ms));
-    // Normally, poll() of two good descriptors does not fail repeatedly. The sleep avoids a busy loop if it does.
+    pollfd descriptors[] = {{poll_descriptor_, POLLIN, 0}, {wakeup_, POLLIN, 0}};
+    if (!sees_wakeup_) limit_ms = std::min(limit_ms, short_wait_ms);
+    const int ready = ::poll(descriptors, 2, static_cast<int>(limit_ms));
+    // If poll() fails again and again, the sleep avoids a busy loop.
     if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    if (ready > 0 && (both[0].revents & (POLLERR | POLLHUP | POLLNVAL))) is_broken_ = true;
+    if (ready > 0 && (descriptors[0].revents & (POLLERR | POLLHUP | POLLNVAL))) is_broken_ = true;
     uint64_t wakeups;
-    if (ready > 0 && both[1].revents != 0 && ::read(wakeup_, &wakeups, sizeof wakeups) < 0 && errno != EAGAIN)
+    if (ready > 0 && descriptors[1].revents != 0 && ::read(wakeup_, &wakeups, sizeof wakeups) < 0 && errno != EAGAIN)
         sees_wakeup_ = false;
 }
 
@@ -158,7 +157,7 @@ device::arrival device::receive(packet& packet)
 void device::wake()
 {
     const uint64_t one = 1;
-    // Fails only if the counter of wake-ups is full. wait() ends in that case, too.
+    // The write fails only if the counter of wake-ups is full. Then wait() ends anyway.
     [[maybe_unused]] const ssize_t written = ::write(wakeup_, &one, sizeof one);
 }
 

@@ -1,5 +1,5 @@
-// One port that is open through libibumad: the umad calls and the meaning of their results. It has two clients: one for
-// the SA, and one for the port's own answers to self_query.
+// One port that is opened through libibumad. This class makes the umad calls and interprets their results. It registers
+// two clients: `sa` exchanges MADs with the SA, and `self` exchanges the MADs of self_query with the port itself.
 #pragma once
 
 #include <atomic>
@@ -21,11 +21,12 @@ class device
   public:
     enum class client { sa, self };
 
-    // The result of receive(). `returned`: the kernel returns a request that got no answer; it may be incomplete.
-    // `gone`: the device cannot be used any more and must be closed.
+    // The result of receive(). `returned`: the kernel returns a request that got no answer; perhaps only its first
+    // bytes. `gone`: the device cannot be used any more and must be closed.
     enum class arrival { nothing, datagram, returned, gone };
 
-    // A datagram with libibumad's header in front, in the form that its system calls need. This avoids a copy.
+    // A datagram with libibumad's header in front. libibumad sends from this buffer and receives into it, so no copy is
+    // necessary.
     class packet
     {
       public:
@@ -36,7 +37,7 @@ class device
 
         // Valid only in a received packet.
         client receiver = client::sa;
-        int length = 0; // number of MAD bytes that arrived; the rest are zero
+        int length = 0; // number of MAD bytes that arrived; the other bytes are zero
 
       private:
         alignas(ib_user_mad_t) unsigned char bytes_[sizeof(ib_user_mad_t) + sizeof(fabric::mad_bytes)] = {};
@@ -47,23 +48,24 @@ class device
     device(const device&) = delete;
     device& operator=(const device&) = delete;
 
-    // Opens the port and registers both clients. The error says what to do. open() and close() must not be called while
-    // another thread receives.
+    // Opens the port and registers both clients. Succeeds without the `self` client if the port does not accept it (see
+    // has_self_client). The error says what to do. Do not call open() or close() while another thread receives.
     ats::result<> open();
     void close();
     bool is_open() const { return descriptor_ >= 0; }
     bool has_self_client() const { return self_agent_ >= 0; }
 
-    // Sends the packet; the caller has filled in its address. Returns false if libibumad did not accept it. Any thread.
+    // Sends the packet to the address that the caller has written into it. Returns false if the device is closed or
+    // libibumad does not accept the packet. Any thread.
     bool send(client sender, packet& packet);
 
-    // Waits until a datagram is ready, for `longest_ms`, or until wake(). May return early. Any thread.
-    void wait(uint64_t longest_ms);
+    // Waits until a datagram is ready or wake() is called, at most for `limit_ms`. May return early. Any thread.
+    void wait(uint64_t limit_ms);
 
     // Receives one datagram if one is ready; does not wait. One thread at a time.
     arrival receive(packet& packet);
 
-    // Ends wait(). If no thread waits, ends the next wait(). Any thread.
+    // Ends a wait(). If no thread waits now, ends the next wait(). Any thread.
     void wake();
 
   private:
@@ -72,10 +74,10 @@ class device
 
     const std::string hca_;
     const int port_;
-    const int wakeup_; // an eventfd
-    std::atomic<bool> sees_wakeup_{true};
-    std::atomic<bool> is_broken_{false}; // poll() reported an error on the device
-    std::mutex send_mutex_;              // held to send, and to change descriptor and agents
+    const int wakeup_;                    // an eventfd
+    std::atomic<bool> sees_wakeup_{true}; // wake() can end a wait()
+    std::atomic<bool> is_broken_{false};  // poll() reported an error on the device
+    std::mutex send_mutex_;               // held to send, and to change descriptor_ and the agents
     int descriptor_ = -1;
     std::atomic<int> poll_descriptor_{-1};
     int sa_agent_ = -1, self_agent_ = -1;
@@ -84,7 +86,7 @@ class device
 // The file through which libibumad reaches a port, or "" if the port has no such file.
 std::string device_file(const std::string& hca, int port);
 
-// One line for people about a port that libibumad cannot open: the cause for errno `error_number`, and what to do.
+// One line for people about a port that libibumad cannot open: the cause and what to do. `error_number` is the errno.
 std::string open_error_text(const std::string& hca, int port, int error_number);
 
 } // namespace umad

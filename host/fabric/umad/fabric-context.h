@@ -1,4 +1,4 @@
-// The common part of all ports of one real fabric: executor, options, and the tap.
+// The objects that all ports of one real fabric share: the executor, the options and the tap.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// Includes libibumad. Its header defines obsolete wire types with the names of the stack's own types. This file renames
-// them. Include it instead of <infiniband/umad.h>.
+// Include this file instead of <infiniband/umad.h>. libibumad's header defines obsolete types be16_t, be32_t and
+// be64_t. This file renames them, because ib-types.h uses these names for the wire types of this program.
 #pragma once
 
 #define be16_t umad_obsolete_be16_t

@@ -1,5 +1,6 @@
-// Reads a port's attributes from the system's files, through libibumad. For ports that do not answer questions about
-// themselves. Files are slower than questions. Under ibsim the files do not change after the program has started.
+// Reads a port's attributes from the files of the system (/sys/class/infiniband), through libibumad. This is for ports
+// that do not answer the questions of self_query. Reading files is slower than asking. Under ibsim, the files do not
+// change after the program has started.
 #pragma once
 
 #include <optional>
@@ -10,7 +11,7 @@
 namespace umad
 {
 
-// Returns none if the port does not exist any more.
+// Returns the attributes, or none if the port does not exist any more.
 std::optional<fabric::port_attributes> read_port_files(const std::string& hca, int port);
 
 } // namespace umad

@@ -12,17 +12,17 @@ namespace umad
 namespace
 {
 
-constexpr uint64_t quiet_ms = 20; // after this quiet time at the end, nothing more arrives
+constexpr uint64_t drain_ms = 20; // drain() ends when nothing has arrived for this time
 constexpr int most_drained = 4096;
 
-// An answer may end after its record: OpenSM under ibsim sends no more bytes. A shorter answer with status 0 is
-// incomplete: its record would end in zeros.
+// Returns false if an answer is incomplete. An answer with status 0 about ServiceRecords must contain a whole record.
+// It may end after the record: OpenSM under ibsim sends no more bytes.
 bool is_long_enough(const sa_mad_v2_t& answer, int length)
 {
     const bool has_record = from_wire(answer.hdr.u.ns.status.raw16) == 0 &&
                             from_wire(std::bit_cast<be16_t>(answer.hdr.attrib_id)) == SA_ATTR_SERVICE_RECORD;
-    const size_t least = offsetof(sa_mad_v2_t, payload) + (has_record ? sizeof(ib_service_record_v2_t) : 0);
-    return static_cast<size_t>(length) >= least;
+    const size_t minimum_bytes = offsetof(sa_mad_v2_t, payload) + (has_record ? sizeof(ib_service_record_v2_t) : 0);
+    return static_cast<size_t>(length) >= minimum_bytes;
 }
 
 } // namespace
@@ -50,8 +50,9 @@ void port::check_port()
     check_due_ = watch_.next_due();
 }
 
-// Sleeps for one tick. A poll() during that tick extends the sleep by another tick. A task that stops polling therefore
-// delays further answers for two ticks at most.
+// The port's task sleeps for one tick, while another task receives in poll(). If that task calls poll() again during
+// this tick, run() lets the port's task sleep for another tick. If that task stops polling, the port's task receives
+// again after two ticks at most.
 void port::leave_to_poller()
 {
     context_.exec.park(context_.exec.now() + 1, "arrivals", name_.c_str());
@@ -82,9 +83,9 @@ bool port::poll()
     return false;
 }
 
-// Receives one datagram at a time and passes it on before it receives the next one. While the port is busy, the
-// listener relies on another may_complete(). This function therefore makes the call once more when nothing has arrived.
-// Returns false if nothing arrived, or nothing for the listener.
+// Receives one datagram, if one is ready, and passes it to the listener. While the port is busy, every may_complete()
+// promises another one. Therefore this function also calls may_complete() when the port stops being busy. Returns false
+// if nothing arrived for the listener.
 bool port::receive_next()
 {
     const bool was_busy = is_busy_;
@@ -94,15 +95,15 @@ bool port::receive_next()
     return is_busy_;
 }
 
-// A program under ibsim may hang in the simulator's exit handler if it ends while datagrams are still on their way to
-// it.
+// Receives the last datagrams, ignores them, and closes the device. Without this, a program under ibsim may hang in the
+// simulator's exit handler, because datagrams to the program are still on their way.
 void port::drain()
 {
     const std::lock_guard lock(receive_mutex_);
     device::packet packet; // ignored
     for (int i = 0; i < most_drained && device_.is_open(); ++i) {
         if (device_.receive(packet) != device::arrival::nothing) continue;
-        device_.wait(quiet_ms);
+        device_.wait(drain_ms);
         if (device_.receive(packet) == device::arrival::nothing) break;
     }
     device_.close();
@@ -166,8 +167,8 @@ void port::deliver(device::packet& packet)
     events_.mad_arrived(source, packet.mad());
 }
 
-// A returned request has failed. The listener is not called, because all senders of requests have time-outs of their
-// own.
+// The kernel has returned a request without an answer. The listener is not called, because all senders of requests have
+// time-outs of their own.
 void port::handle_returned(device::packet& packet)
 {
     ++counts_.timed_out;

@@ -1,4 +1,4 @@
-// The state that a port reports about itself, and the detection of a silent SA.
+// The functions of `port` that update its state from its own answers, and that find out if the SA is silent.
 #include "host/fabric/umad/port-files.h"
 #include "host/fabric/umad/port.h"
 
@@ -8,8 +8,8 @@ namespace umad
 namespace
 {
 
-// An SA is silent if this many requests had no answer for this long. With lower limits, one lost datagram or a briefly
-// busy SA would count as silence.
+// The SA counts as silent if at least so many requests were sent since its last answer, and the first of them is at
+// least so old. With lower limits, a single lost datagram or a briefly busy SA would count as silence.
 constexpr uint32_t silence_requests = 3;
 constexpr uint64_t silence_ticks = 3000;
 
@@ -46,7 +46,7 @@ void port::read_state_files(uint64_t now)
 
 void port::ask(const fabric::mad_bytes& question)
 {
-    constexpr uint16_t permissive_lid = 0xFFFF; // this port, with any LID
+    constexpr uint16_t permissive_lid = 0xFFFF; // addresses this port, whatever its LID is
     device::packet packet;
     packet.mad() = question;
     packet.address().lid = permissive_lid;

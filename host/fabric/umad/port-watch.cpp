@@ -24,9 +24,9 @@ typename table_t::value_type first_of(const table_t& table)
 
 } // namespace
 
-// If an active port has another GID or first P_Key, its record at the SA is now wrong. If it has another LID, a new SM
-// may have set it up and may not know the record. In both cases the host must register again. For other changes an
-// SM change event is enough: the host then only reads the port again.
+// If the first GID or the first P_Key of an active port changes, the host's record at the SA is wrong. If the LID
+// changes, perhaps a new SM has set up the port, and its SA does not know the record. In both cases the host must
+// register again. For all other changes an sm_change is enough: the host then only reads the port again.
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current)
 {

@@ -1,5 +1,6 @@
-// Watches a port: decides when to ask for its attributes, interprets its answers and its silence, and turns changes
-// into events. Nothing here touches a device.
+// Watches a port. Decides when to ask the port for its attributes, interprets its answers and its silence, and turns
+// changes into events. A look is a series of questions that reads the attributes once (self_query::look). This file
+// uses no device: the class `port` sends the questions and receives the answers.
 #pragma once
 
 #include <optional>
@@ -11,60 +12,61 @@
 namespace umad
 {
 
-// The events that tell a listener about this change of a port, in their order.
+// Returns the events that report a change of a port's attributes to the listener, in their order.
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current);
 
-// Adds the events for a host that must register again, even if nothing has changed. A port that is not active registers
-// when it becomes active.
+// Returns the events after which a host registers again, even if `changes` is empty. If the port becomes active, or is
+// not active, these are just the `changes`, because a host registers after every link-up.
 std::vector<fabric::port_change> with_registration(const std::vector<fabric::port_change>& changes,
                                                    const fabric::port_attributes& current);
 
-// A port's state for an administrator. `lost` means that the device is gone. `silent` means that the port does not
-// answer questions about itself.
+// A port's state for an administrator. `unknown`: the port has not reported anything yet. `lost`: the device is gone.
+// `silent`: the port does not answer questions about itself. `no_sm`: no SM has activated the port.
 enum class port_condition { unknown, lost, silent, link_down, no_sm, active };
 port_condition condition_of(const fabric::port_attributes& attributes);
 
-// One line about the condition, without the port's name; "" for `unknown`.
+// One line for people about the condition, without the port's name; "" for `unknown`.
 std::string text_of(port_condition condition, const fabric::port_attributes& attributes);
 
 class port_watch
 {
   public:
-    // All times are in ticks.
+    // `interval` is the time from the end of one look to the next. All times are in ticks.
     port_watch(int port, uint64_t interval) : interval_(interval), query_(port) {}
 
     void set_interval(uint64_t interval) { interval_ = interval; }
 
-    // Asks for all attributes without waiting for the interval, because the port has probably changed. With a brief
-    // `first` look, the first question asks for PortInfo. If that has not changed, the attributes are complete after
-    // this one answer. In any case a whole look follows.
+    // Starts a new look without waiting for the interval. Call it when the port has probably changed. `first` is the
+    // kind of this look. A whole look reads all attributes. A brief look asks for PortInfo only; if PortInfo has not
+    // changed, the attributes are known after one answer. A whole look follows a brief `first` look at once.
     void hurry(uint64_t now, self_query::look first = self_query::look::whole);
 
-    // Returns the question to send now, or none before next_due().
+    // Returns the question that must be sent now, or none before next_due().
     std::optional<fabric::mad_bytes> due_question(uint64_t now);
 
     // The time of the next question.
     uint64_t next_due() const { return due_; }
 
-    // Processes an answer of the port. Returns the attributes after the answer to the last question.
+    // Processes an answer of the port. Returns the attributes if this was the last answer of a look, otherwise none.
     std::optional<fabric::port_attributes> accept(const fabric::mad_bytes& answer, uint64_t now);
 
-    // Returns true if the port has not answered for so long that its state is unknown. The first questions get fewer
-    // tries.
+    // Returns true if the present question has no answer after its last try. The port's state is then unknown. Before
+    // the port's first answer, a question gets fewer tries.
     bool is_silent() const { return tries_ > (has_ever_answered_ ? most_tries : most_first_tries); }
     bool has_ever_answered() const { return has_ever_answered_; }
 
-    // Starts the next look after one interval. A silent port is then asked again, as often as before.
+    // Ends the present look. The next one starts after one interval. A silent port then gets as many tries as before.
     void postpone(uint64_t now);
 
   private:
-    // Local answers take microseconds. After this time, a question without an answer is repeated.
+    // After this time, a question without an answer is repeated. A port answers within microseconds.
     static constexpr uint64_t answer_time = 250;
     static constexpr int most_tries = 20;
     static constexpr int most_first_tries = 3;
 
-    // One of this many looks is whole: P_Keys and GIDs can change without a change of PortInfo.
+    // One look in so many is whole, because P_Keys and GIDs can change without a change of PortInfo. The other looks
+    // are brief.
     static constexpr int whole_look_period = 10;
 
     uint64_t interval_;
@@ -74,7 +76,7 @@ class port_watch
     bool has_ever_answered_ = false;
     int tries_ = 0;                 // tries of the current question
     int brief_looks_ = 0;           // brief looks left before the next whole one
-    bool next_look_is_due_ = false; // look again without a pause
+    bool next_look_is_due_ = false; // the next look starts right after this one
 };
 
 } // namespace umad

@@ -58,7 +58,8 @@ void port::start()
     task_ = &context_.exec.start(nullptr, name_, [this] { run(); });
 }
 
-// Asks in the caller's task: the port's task may sleep or wait for another datagram. The answer then wakes it.
+// The calling task sends the first question itself, because the port's task may be asleep or wait for a datagram. The
+// port's task receives the answer.
 void port::look_now(bool must_register)
 {
     if (must_register) must_register_ = true;
@@ -73,7 +74,7 @@ void port::look_now(bool must_register)
     receive_in_own_task();
 }
 
-// Lets the port's own task receive the next answer, because no other task waits for it.
+// Makes the port's own task receive the next answer. Call this if no other task polls for that answer.
 void port::receive_in_own_task()
 {
     is_polled_ = false;
@@ -131,7 +132,7 @@ bool port::send(const fabric::address& destination, const fabric::mad_bytes& mad
     ++counts_.sent;
     if (unanswered_requests_ == 0) first_unanswered_tick_ = context_.exec.now();
     ++unanswered_requests_;
-    if (request.hdr.m.method == MAD_METHOD_SET) receive_in_own_task(); // its sender does not wait for the answer
+    if (request.hdr.m.method == MAD_METHOD_SET) receive_in_own_task(); // no task polls for the answer to a Set
     return true;
 }
 

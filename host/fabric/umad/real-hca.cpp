@@ -8,7 +8,7 @@ namespace umad
 namespace
 {
 
-// A port with reported events is asked this many times less often.
+// If libibverbs reports the events of an HCA, the interval in which its ports are asked is so many times longer.
 constexpr uint64_t slow_watch_factor = 50;
 
 } // namespace

@@ -15,14 +15,15 @@ class real_hca final : public fabric::hca
   public:
     real_hca(fabric_context& context, const hca_listing& hca);
 
-    // Opens every InfiniBand port and starts its task. Fails if one of them cannot be opened. Call it once.
+    // Opens every InfiniBand port and starts its task. Fails if one of the ports cannot be opened. Throws a shortage if
+    // a task cannot be created. Call it once.
     ats::result<> open();
 
     const std::string& name() const override { return name_; }
     int port_count() const override { return static_cast<int>(ports_.size()); }
 
-    // Returns the last report of the port, which is at most one watch interval old. Does not wait, even if the HCA is
-    // slow, because the listener gets every change anyway.
+    // Returns the attributes that the port has reported last. Does not ask the port now, and so does not wait. The
+    // port's task asks the port regularly, and reports every change to the listener.
     fabric::port_attributes read_port(int port) override;
     bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override;
     bool poll() override;
@@ -30,7 +31,7 @@ class real_hca final : public fabric::hca
 
     datagram_counts counts() const;
 
-    // The tasks of its InfiniBand ports, and the task that takes its events.
+    // The tasks of the InfiniBand ports, and the task that receives the HCA's events.
     std::vector<fabric::fabric_task> tasks();
 
   private:
@@ -42,7 +43,7 @@ class real_hca final : public fabric::hca
     fabric_context& context_;
     const std::string name_;
     registered_p_keys p_keys_;
-    std::mutex listener_mutex_; // held during each call of the listener: one call at a time
+    std::mutex listener_mutex_; // held during each call of the listener, so calls never overlap
     fabric::listener* listener_ = nullptr;
     std::vector<bool> is_infiniband_;          // one for each port
     std::vector<std::unique_ptr<port>> ports_; // declared after the members that their tasks use

@@ -1,5 +1,6 @@
-// The P_Keys of the records that this host has registered through an HCA. They are learned from the Sets that the host
-// sends. They are written into Deletes without a P_Key, because some SAs find a record by its whole identifier only.
+// The P_Keys of the records that this host has registered through one HCA. This class learns them from the Sets that
+// the host sends, and writes them into Deletes without a P_Key. The reason: some SAs find a record only by its whole
+// identifier, which includes the P_Key (see delete_p_key in umad.h).
 #pragma once
 
 #include <map>
@@ -12,14 +13,14 @@
 namespace umad
 {
 
-// Any thread.
+// Any thread may make any call.
 class registered_p_keys
 {
   public:
     explicit registered_p_keys(delete_p_key setting) : setting_(setting) {}
 
-    // Processes a MAD that `port` is about to send. Learns the P_Key of a Set; may write a P_Key into a Delete. Returns
-    // true if it wrote one.
+    // Processes a MAD before it is sent. Learns the P_Key of a Set, and may write a P_Key into a Delete. `port` has the
+    // attributes of the sending port. Returns true if a P_Key was written.
     bool complete(sa_mad_v2_t& mad, const fabric::port_attributes& port);
 
   private:
@@ -31,7 +32,7 @@ class registered_p_keys
 
     const delete_p_key setting_;
     std::mutex mutex_;
-    std::map<key, uint16_t> p_keys_; // one for each GID that this host has had, usually few
+    std::map<key, uint16_t> p_keys_; // one for each ServiceID and GID of this host, usually few
 };
 
 } // namespace umad

@@ -20,10 +20,10 @@ namespace
 using clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr size_t window = 8; // requests in flight; under ibsim, a socket drops datagrams when it holds ten
+constexpr size_t window = 8; // most requests in flight; under ibsim, a socket has space for only ten datagrams
 constexpr milliseconds resend_time(250);
 constexpr int most_tries = 12;
-constexpr size_t longest_answer_bytes = 1 << 20; // some thousand records
+constexpr size_t longest_answer_bytes = 1 << 20; // almost 6000 records
 constexpr uint8_t kernel_does_rmpp = 1;
 
 class umad_sa_client final : public sa_client
@@ -52,10 +52,11 @@ class umad_sa_client final : public sa_client
 
     void send(sa_mad_v2_t mad, sent_request& state);
 
-    // Waits for one answer and stores it in the buffer. Returns its length in bytes, or 0 if none came in time.
-    ats::result<size_t> receive(milliseconds longest);
+    // Waits for one answer, at most for `limit`, and stores it in the buffer. Returns the length of the MAD in bytes,
+    // or 0 if there is no answer.
+    ats::result<size_t> receive(milliseconds limit);
 
-    // Does the same for the answer to one request, within its deadline.
+    // Does the same as receive(), but waits for the answer to `request` until its deadline. Ignores other answers.
     ats::result<size_t> receive_answer(const sent_request& request);
 
     // Returns the first `length` bytes of the answer in the buffer, but at most one MAD.
@@ -70,7 +71,7 @@ class umad_sa_client final : public sa_client
     std::vector<unsigned char> buffer_; // a umad header and the last answer
 };
 
-// Returns the half of the TransactionID that an answer keeps.
+// Returns the low half of the TransactionID. The kernel and ibsim change the high half.
 uint32_t transaction_of(const sa_mad_v2_t& mad)
 {
     return static_cast<uint32_t>(from_wire(mad.hdr.transact_id));
@@ -82,7 +83,7 @@ ats::result<> umad_sa_client::open(const std::string& hca)
     descriptor_ = umad_open_port(hca.c_str(), port_.number);
     if (descriptor_ < 0) return ats::fail(open_error_text(hca, port_.number, errno));
     agent_ = umad_register(descriptor_, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, kernel_does_rmpp, nullptr);
-    buffer_.resize(umad_size() + sizeof(sa_mad_v2_t)); // libibumad knows the size of its header only after its start
+    buffer_.resize(umad_size() + sizeof(sa_mad_v2_t)); // libibumad knows umad_size() only after it has opened a port
     if (agent_ < 0) return ats::fail(name_ + " accepts no client of the SA: " + std::strerror(errno));
     return {};
 }
@@ -103,11 +104,11 @@ void umad_sa_client::send(sa_mad_v2_t mad, sent_request& state)
     umad_send(descriptor_, agent_, packet.bytes(), MAD_SIZE, static_cast<int>(resend_time.count()), 0);
 }
 
-ats::result<size_t> umad_sa_client::receive(milliseconds longest)
+ats::result<size_t> umad_sa_client::receive(milliseconds limit)
 {
-    errno = 0; // libibumad does not always set it
+    errno = 0; // umad_recv() does not set errno in all cases
     int length = static_cast<int>(buffer_.size() - umad_size());
-    int agent = umad_recv(descriptor_, buffer_.data(), &length, static_cast<int>(longest.count()));
+    int agent = umad_recv(descriptor_, buffer_.data(), &length, static_cast<int>(limit.count()));
     if (agent == -ENOSPC && length > 0) {
         if (static_cast<size_t>(length) > longest_answer_bytes)
             return ats::fail("the SA's answer has " + std::to_string(length) + " bytes: ask for fewer records");
@@ -117,7 +118,8 @@ ats::result<size_t> umad_sa_client::receive(milliseconds longest)
     const bool is_early = agent == -ETIMEDOUT || agent == -EWOULDBLOCK || errno == EWOULDBLOCK || errno == EINTR;
     if (agent < 0 && !is_early)
         return ats::fail(name_ + " cannot be read from: " + std::strerror(errno != 0 ? errno : -agent));
-    // The kernel may return an unanswered request at once. It is sent again only after its deadline.
+    // A status other than 0 means that the kernel returns a request without an answer, perhaps long before its
+    // deadline. This counts as no answer: the caller sends the request again after its deadline.
     const bool is_answer =
         agent >= 0 && umad_status(buffer_.data()) == 0 && static_cast<size_t>(length) >= offsetof(sa_mad_v2_t, payload);
     return is_answer ? static_cast<size_t>(length) : 0;
@@ -194,8 +196,8 @@ sa_table umad_sa_client::buffered_table(size_t length) const
         static_cast<const unsigned char*>(umad_get_mad(const_cast<unsigned char*>(buffer_.data()))) + header;
     for (size_t offset = 0; offset + sizeof(ib_service_record_v2_t) <= length - header; offset += stride)
         std::memcpy(&table.records.emplace_back(), bytes + offset, sizeof(ib_service_record_v2_t));
-    // A whole table ends at the end of a record. If only the first segment arrives, it has the size of a MAD and ends
-    // within a record.
+    // A whole table ends at the end of a record. If only the first segment has arrived, the answer has the size of a
+    // MAD, and ends within a record.
     table.is_whole = length != MAD_SIZE || (length - header) % stride == 0;
     return table;
 }

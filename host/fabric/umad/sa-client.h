@@ -1,5 +1,5 @@
-// Asks the SA through a real port, for tools that run only briefly. It keeps many requests in flight and resends each
-// one until it is answered. Hosts that run for long use real_fabric.
+// Asks the SA through a real port, for tools that run only briefly. The client keeps several requests in flight, and
+// sends a request again if it gets no answer. Hosts, which run for a long time, use real_fabric (umad.h) instead.
 #pragma once
 
 #include <algorithm>
@@ -17,27 +17,30 @@
 namespace umad
 {
 
-// The answer to a SubnAdmGetTable of ServiceRecords. A long answer comes in segments (RMPP, IBA 13.6); the kernel joins
-// them. Under ibsim, MADs bypass the kernel and only the first segment arrives.
+// The answer to a SubnAdmGetTable of ServiceRecords. A long answer comes in segments (RMPP, IBA 13.6), and the kernel
+// joins them. Under ibsim, MADs bypass the kernel, and only the first segment arrives.
 struct sa_table {
-    uint16_t status = 0;
+    uint16_t status = 0; // the status word of the answer
     std::vector<ib_service_record_v2_t> records = {};
     bool is_whole = true; // false: further segments are missing
 };
 
-// For one thread. Its calls wait for answers. Errors are one line for people. `unreachable` means that the SA does not
-// answer. `failed` means that the port cannot be used or an answer is unreasonably long.
+// Only one thread may use a client. ask() and ask_table() wait for answers. The text of an error is one line for
+// people. The kind `unreachable` means that the SA does not answer. `failed` means that the port cannot be used, or
+// that an answer is too long.
 class sa_client
 {
   public:
     virtual ~sa_client() = default;
 
-    // Sends the requests and sets their TransactionIDs. Repeats a request without an answer for some seconds. Returns
-    // the answers in the order of the requests.
+    // Sends the requests, with TransactionIDs of its own. Repeats a request without an answer for about three seconds.
+    // Returns the answers in the order of the requests; an element is none if the SA has not answered that request.
     virtual ats::result<std::vector<std::optional<sa_mad_v2_t>>> ask(const std::vector<sa_mad_v2_t>& requests) = 0;
+
+    // Does the same for one SubnAdmGetTable of ServiceRecords. Fails with `unreachable` if the SA does not answer.
     virtual ats::result<sa_table> ask_table(const sa_mad_v2_t& request) = 0;
 
-    // The port's GID and the LID of its SM when the client was opened.
+    // The GID of the port, and the LID of its SM at the time when the client was opened.
     virtual fabric::gid_bytes gid() const = 0;
     virtual uint16_t sm_lid() const = 0;
 
@@ -49,7 +52,8 @@ class sa_client
     }
 };
 
-// A request to the SA. The payload is cut to the size of a MAD's payload.
+// Builds a request to the SA. Numbers are in host order; `payload` is copied as it is, at most as much as fits into a
+// MAD.
 inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const void* payload,
                                    size_t payload_size)
 {

@@ -14,7 +14,7 @@ namespace
 
 constexpr size_t most_reported = 256; // limits the memory; more lines would not help an administrator
 
-constexpr uint64_t all_components = UINT64_MAX; // the mask of a Set
+constexpr uint64_t all_components = UINT64_MAX; // only the Sets of a host have this mask
 constexpr uint64_t address_components = uint64_t{0xFFFF} << SR_COMPONENT_SERVICE_DATA8;
 
 std::string text_of(uint16_t status, uint64_t component_mask, uint32_t address)

@@ -1,5 +1,5 @@
-// Lines for the administrator about answers of the SA. The SA is busy, it refuses a record of this host, or several
-// records have the same address. Each line is reported once.
+// Lines for the administrator about answers of the SA. There are three reasons for a line: the SA is busy, the SA
+// refuses a record of this host, or several records have the same address. Each line is reported only once.
 #pragma once
 
 #include <set>
@@ -11,11 +11,11 @@
 namespace umad
 {
 
-// For one thread at a time.
+// Only one thread at a time may use an object.
 class sa_remarks
 {
   public:
-    // Returns a line about the answer, or "" if there is nothing to report or it has been reported before.
+    // Returns a line about the answer. Returns "" if there is nothing to report, or if the line was returned before.
     std::string remark_on(const sa_mad_v2_t& answer);
 
   private:

@@ -12,9 +12,9 @@ namespace umad
 namespace
 {
 
-// IBA 14.2.1.2: the header of a directed-route SMP, and its 64 bytes of attribute.
+// A directed-route SMP (IBA 14.2.1.2).
 struct directed_route_smp {
-    mad_hdr_t hdr; // the low half of its status word has the hop pointer and the hop count
+    mad_hdr_t hdr; // u.ns.reserved contains the hop pointer and the hop count
     be64_t m_key;
     be16_t dr_source_lid;
     be16_t dr_destination_lid;
@@ -29,7 +29,7 @@ constexpr uint16_t permissive_lid = 0xFFFF;
 constexpr size_t guids_in_block = 8;
 constexpr size_t p_keys_in_block = 32;
 
-// IBA 14.2.5.
+// AttributeIDs of SMPs (IBA 14.2.5).
 constexpr uint16_t attribute_node_info = 0x0011;
 constexpr uint16_t attribute_guid_info = 0x0014;
 constexpr uint16_t attribute_port_info = 0x0015;
@@ -51,8 +51,8 @@ uint64_t number64(const uint8_t* bytes)
     return from_wire(number_at<be64_t>(bytes));
 }
 
-// IBA 14.2.5.6: 1 to 4. State 5 (ActiveDefer) means that the link has an error that may pass; such a port counts as
-// active.
+// Converts PortInfo.PortState (IBA 14.2.5.6). State 5 (ActiveDefer) means that the link has an error that may pass.
+// Such a port counts as active.
 fabric::link_state state_of(uint8_t port_state)
 {
     constexpr uint8_t active_deferred = 5;
@@ -67,10 +67,10 @@ uint8_t vls_of(uint8_t vl_cap)
 
 } // namespace
 
-void self_query::restart(look extent)
+void self_query::restart(look kind)
 {
-    extent_ = extent;
-    restart_with(extent == look::whole ? question::node_info : question::port_info);
+    kind_ = kind;
+    restart_with(kind == look::whole ? question::node_info : question::port_info);
 }
 
 void self_query::restart_with(question first)
@@ -109,7 +109,7 @@ fabric::mad_bytes self_query::next_question()
 bool self_query::accept(const fabric::mad_bytes& answer)
 {
     const auto smp = std::bit_cast<directed_route_smp>(answer);
-    constexpr uint8_t status_bits = 0x7F; // IBA 14.2.1.2: the top bit has the direction
+    constexpr uint8_t status_bits = 0x7F; // IBA 14.2.1.2: the highest bit is the direction
     const uint8_t* status = smp.hdr.u.ns.status.raw16.bytes;
     const bool is_awaited = smp.hdr.m.r && static_cast<uint32_t>(from_wire(smp.hdr.transact_id)) == transaction_ &&
                             question_ != question::none;
@@ -143,10 +143,10 @@ void self_query::accept_node(const uint8_t* node_info)
 void self_query::accept_port(const uint8_t* port_info)
 {
     std::copy_n(port_info, port_info_.size(), port_info_.begin());
-    if (extent_ == look::brief) {
+    if (kind_ == look::brief) {
         const bool is_known = port_info_ == known_port_info_;
         restart_with(is_known ? question::none : question::node_info);
-        extent_ = look::whole;
+        kind_ = look::whole;
         if (is_known) attributes_ = known_attributes_;
         return;
     }
@@ -178,7 +178,7 @@ void self_query::accept_p_keys(const uint8_t* block)
 {
     for (size_t i = 0; i < p_keys_in_block; ++i) attributes_.p_keys.push_back(number16(block + i * 2));
     if (++p_key_block_ < p_key_blocks_) return;
-    // Remove unused entries at the end. Keep those in between, because each entry keeps its index.
+    // Remove unused entries at the end. Keep unused entries before others, because an entry must keep its index.
     while (!attributes_.p_keys.empty() && attributes_.p_keys.back() == 0) attributes_.p_keys.pop_back();
     question_ = question::none;
     known_port_info_ = port_info_;

@@ -1,7 +1,11 @@
-// Asks a port for its own attributes with directed-route SMPs with a hop count of 0 (IBA 14.2.2). It sends one question
-// at a time, from NodeInfo to the last block of the P_Key table. A brief look asks only for PortInfo, unless PortInfo
-// has changed. A port also answers while its link is down. Under ibsim this is the only way to see changes, because
-// there the system's files do not change.
+// Asks a port of this machine for its own attributes, with directed-route SMPs that have a hop count of 0 (IBA 14.2.2).
+// This class only makes the questions and reads the answers; the class `port` sends and receives them. A port answers
+// even while its link is down. Under ibsim, only these answers show changes, because there the system's files do not
+// change.
+//
+// A look is a series of questions that reads the attributes once. A whole look asks for NodeInfo, PortInfo, GUIDInfo
+// and all blocks of the P_Key table. A brief look asks only for PortInfo. If PortInfo has changed, the look becomes a
+// whole one.
 #pragma once
 
 #include <array>
@@ -21,17 +25,18 @@ class self_query
   public:
     explicit self_query(int port) : port_(port) {}
 
-    // Starts again. A brief look needs one question, unless PortInfo has changed since the last whole look.
     enum class look { whole, brief };
-    void restart(look extent);
 
-    // Returns the question that is not answered yet, with a new TransactionID.
+    // Starts a new look of this kind. A brief look compares PortInfo with the one of the last whole look.
+    void restart(look kind);
+
+    // Returns the next question without an answer. Each call uses a new TransactionID.
     fabric::mad_bytes next_question();
 
-    // Processes an answer. Returns false, and ignores it, if it does not answer the last question.
+    // Processes an answer. If it does not answer the last question, ignores it and returns false.
     bool accept(const fabric::mad_bytes& answer);
 
-    // The attributes, once the port has answered all questions since restart().
+    // The attributes, or none until the port has answered all questions of the look.
     std::optional<fabric::port_attributes> result() const;
 
   private:
@@ -46,16 +51,16 @@ class self_query
     void accept_p_keys(const uint8_t* block);
 
     const int port_;
-    question question_ = question::node_info; // the next one without an answer
+    question question_ = question::node_info; // the next question without an answer
     uint16_t p_key_block_ = 0;
     uint16_t p_key_blocks_ = 1;
     uint32_t transaction_ = 0;
     uint64_t gid_prefix_ = 0;
     port_info_bytes port_info_{};
     fabric::port_attributes attributes_;
-    look extent_ = look::whole;
-    port_info_bytes known_port_info_{}; // of the last whole look, like the following members
-    fabric::port_attributes known_attributes_;
+    look kind_ = look::whole;
+    port_info_bytes known_port_info_{};        // from the last whole look
+    fabric::port_attributes known_attributes_; // from the last whole look
 };
 
 } // namespace umad

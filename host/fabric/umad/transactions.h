@@ -1,6 +1,6 @@
-// Requests in flight, by the low half of their TransactionID: the kernel and ibsim replace the high half with a number
-// of their own. The table has a fixed size. If two requests need the same slot, the newer one gets it. The answer to
-// the older one then counts as late.
+// The requests in flight, by the low half of their TransactionID. The kernel and ibsim replace the high half with a
+// number of their own. The table has a fixed size. If two requests need the same slot, the newer one gets it. end()
+// then does not find the older one, and its answer counts as a stray.
 #pragma once
 
 #include <array>
@@ -11,7 +11,7 @@
 namespace umad
 {
 
-// Any thread.
+// Any thread may make any call.
 class transactions
 {
   public:
@@ -21,7 +21,8 @@ class transactions
         slot_of(static_cast<uint32_t>(transaction)) = {.transaction = transaction, .is_in_flight = true};
     }
 
-    // Ends the request with this low half. Returns its whole TransactionID, or none if no such request is in flight.
+    // Ends the request whose TransactionID has the same low half. Returns the whole TransactionID with which it was
+    // sent, or none if no such request is in flight. TransactionIDs are in host order.
     std::optional<uint64_t> end(uint64_t received_transaction)
     {
         const auto low_half = static_cast<uint32_t>(received_transaction);
@@ -39,8 +40,9 @@ class transactions
     };
     static constexpr int bits = 10;
 
-    // Fibonacci hashing. TransactionIDs count up, and hundreds of consecutive numbers get different slots. GSI has two
-    // kinds of TransactionIDs, which differ in the highest bit of this half. The two kinds use separate slots.
+    // Fibonacci hashing. TransactionIDs count up, and hundreds of consecutive numbers get different slots. GSI uses two
+    // series of TransactionIDs, which differ in the highest bit of the low half (host/stack/gsi-adapter.cpp). Each
+    // series has its own half of the table.
     table_slot& slot_of(uint32_t low_half)
     {
         const size_t slot = (low_half * 0x9E3779B9u) << 1 >> (32 - bits);

@@ -1,4 +1,5 @@
-// Replaces the files for real ports in a build without libibumad.
+// Replaces the other files of this folder in a build without libibumad. The calls fail with an error that says what
+// is missing.
 #include "host/fabric/umad/sa-client.h"
 #include "host/fabric/umad/umad.h"
 

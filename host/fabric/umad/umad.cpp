@@ -14,7 +14,7 @@ namespace
 
 constexpr unsigned channel_adapter = 1; // IBA 14.2.5.3, NodeInfo.NodeType
 
-// The error of a machine without a usable HCA.
+// The error for a machine without a usable HCA.
 tl::unexpected<ats::error> no_hcas()
 {
     std::error_code error;
@@ -30,7 +30,7 @@ class umad_fabric final : public real_fabric
   public:
     umad_fabric(exec::executor& exec, const fabric_options& options) : context_(exec, options) {}
 
-    // Opens the ports of one more HCA.
+    // Adds an HCA and opens its ports.
     ats::result<> add(const hca_listing& hca)
     {
         hcas_.push_back(std::make_unique<real_hca>(context_, hca));

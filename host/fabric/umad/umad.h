@@ -1,6 +1,6 @@
-// Real InfiniBand ports, through libibumad: the second implementation of the fabric boundary. A real fabric is opened
-// once for all HCAs in use. Each port has a task of its own, which receives and watches the port. Each change of state
-// is reported to the administrator in one plain line.
+// Real InfiniBand ports, through libibumad. This is the second implementation of fabric.h; host/fabric/embedded is the
+// first. A program opens one real fabric for all HCAs that it uses. Each port has its own task, which receives
+// datagrams and watches the port. The fabric reports each change of a port's state to the administrator in one line.
 #pragma once
 
 #include <functional>
@@ -16,15 +16,16 @@
 namespace umad
 {
 
-// Chooses the P_Key that replaces the P_Key 0 in a host's Delete. Some SAs (OpenSM) search for the record by its whole
-// identifier, ServiceID, ServiceGID and P_Key (IBA 15.2.5.14), even if the component mask omits the P_Key.
+// A host sends a Delete with the P_Key 0 in the record. Some SAs (OpenSM) search for the record by its whole
+// identifier: ServiceID, ServiceGID and P_Key (IBA 15.2.5.14), even if the component mask omits the P_Key. Therefore
+// the fabric can replace the 0 before it sends the Delete.
 enum class delete_p_key {
-    automatic, // the P_Key of the record, if it was Set through this HCA; else 0
-    on,        // the same; if it was not Set in this run, but the GID is the port's: the port's first P_Key
-    off,       // 0
+    automatic, // with the P_Key of the record, if the record was Set through this HCA in this run
+    on,        // like `automatic`; for any other record with a GID of the port: with the first P_Key of the port
+    off,       // never
 };
 
-// A line for the administrator about a port, or about the whole HCA (port 0). The text names them.
+// A line for the administrator about a port, or about a whole HCA (port 0). `text` already contains their names.
 struct port_remark {
     std::string hca;
     int port = 0;
@@ -33,42 +34,45 @@ struct port_remark {
 
 struct fabric_options {
     std::vector<std::string> hcas = {};  // names; if empty, all HCAs
-    uint64_t watch_interval_ticks = 100; // how often a port is asked for its state
+    uint64_t watch_interval_ticks = 100; // a port is asked for its attributes once in this time
     delete_p_key sa_delete_p_key = delete_p_key::automatic;
-    std::function<void(const port_remark&)> report = {}; // any thread, must not sleep
+    std::function<void(const port_remark&)> report = {}; // called in any thread; must not sleep
 };
 
 struct datagram_counts {
     uint64_t sent = 0;
     uint64_t refused = 0; // datagrams that libibumad did not accept
     uint64_t arrived = 0;
-    uint64_t timed_out = 0;         // requests that came back without an answer
-    uint64_t too_short = 0;         // answers shorter than a record
-    uint64_t strays = 0;            // datagrams that answer no request in flight
-    uint64_t deletes_completed = 0; // Deletes that received a P_Key
+    uint64_t timed_out = 0;         // requests that the kernel returned without an answer
+    uint64_t too_short = 0;         // answers that ended before their record; they were ignored
+    uint64_t strays = 0;            // datagrams that answered no request in flight; they were ignored
+    uint64_t deletes_completed = 0; // Deletes into which the fabric wrote a P_Key (see delete_p_key)
 };
 
 class real_fabric
 {
   public:
-    // Stop all listeners first. The destructor receives datagrams in flight for a short time.
+    // Remove all listeners before. The destructor waits a short time for datagrams in flight, and may sleep.
     virtual ~real_fabric() = default;
 
-    // The HCAs in the order of the options, or by name. They live as long as the fabric.
+    // The HCAs in the order of fabric_options::hcas, or by name if it is empty. They are valid as long as the fabric
+    // exists.
     virtual std::vector<fabric::hca*> hcas() const = 0;
 
-    // Sets the tap, or removes it (null). The tap sees every datagram that leaves or arrives, except the questions and
-    // answers of the port watch. After the return, the previous tap is not called any more.
+    // Sets the tap, or removes it (null). The tap sees every datagram that hca::send() sends, and every datagram that
+    // the listener of an HCA receives. The caller owns the tap. After set_tap() has returned, the fabric does not call
+    // the previous tap any more.
     virtual void set_tap(fabric::tap* tap) = 0;
 
     virtual datagram_counts counts() const = 0;
 
-    // The tasks that receive at the ports and call listeners.
+    // The tasks of the ports, and the tasks that receive the events of the HCAs. For a watchdog.
     virtual std::vector<fabric::fabric_task> tasks() = 0;
 };
 
-// Opens the ports of the selected HCAs. `exec` must run in real time. Waits up to a second for each port that does not
-// report its state. The error says what to do.
+// Opens the ports of the selected HCAs. `exec` must run in real time, and must outlive the fabric. Waits at most a
+// second for each port until it reports its state. The error says what to do. Throws a shortage if a task cannot be
+// created.
 ats::result<std::unique_ptr<real_fabric>> open(exec::executor& exec, const fabric_options& options);
 
 // A port of this machine, even if it cannot be opened.
@@ -103,7 +107,8 @@ ats::result<std::vector<hca_listing>> list_hcas();
 // Opens the port and closes it again. The error says what to do.
 ats::result<> try_port(const std::string& hca, int port);
 
-// Returns false in a build without libibumad. The calls above then fail with an error that explains it.
+// Returns false in a build without libibumad. Then is_infiniband() returns false, and the other functions fail with an
+// error that explains it.
 bool is_available();
 
 } // namespace umad
