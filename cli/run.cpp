@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 #include "cli/acm/door.h"
-#include "cli/acm/turn-away.h"
+#include "cli/acm/refuse-requests.h"
 #include "cli/metrics/metrics.h"
 #include "cli/metrics/outlets.h"
 #include "cli/mount/proc-mount.h"
@@ -321,7 +321,7 @@ ats::result<int> run(const run_options& options)
     console::start_line_writer();
     std::vector<kept_descriptor> kept = take_kept_descriptors();
     const ats::result<int> outcome = serve(options, kept);
-    acm::turn_away(std::move(kept));
+    acm::refuse_waiting_requests(std::move(kept));
     return outcome;
 }
 

@@ -10,8 +10,8 @@ namespace acm
 namespace
 {
 
-// A partial request stays in the socket, so poll() would report it without end. A timer looks for the rest at this
-// interval instead.
+// A partial request stays in the socket, so poll() would report input all the time. Therefore the connection stops
+// polling for input, and peeks at the socket again after this time.
 constexpr uint64_t rest_period_ms = 10;
 
 connection& self_of(void* handle_data)
@@ -34,6 +34,7 @@ connection::connection(owner& owner, uv_loop_t* loop, uint64_t number, client::d
 
 // ---- requests ----
 
+// Sets the events that poll_ reports. UV_DISCONNECT reports only that the program has closed the connection.
 void connection::set_events(int events)
 {
     if (events == events_ || is_closed_) return;
@@ -43,12 +44,13 @@ void connection::set_events(int events)
         if (error < 0 || (revents & UV_DISCONNECT) != 0)
             self.cut_off();
         else
-            self.look();
+            self.peek_request();
     });
 }
 
-// Looks for the next whole request, and leaves it in the socket.
-void connection::look()
+// Copies the input without removing it from the socket. If it begins with a whole request, starts to answer the
+// request. Cuts the program off if the input is not a request.
+void connection::peek_request()
 {
     const ssize_t size = recv(socket_.get(), request_.data(), request_.size(), MSG_PEEK | MSG_DONTWAIT);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
@@ -58,9 +60,10 @@ void connection::look()
     if (!length) return cut_off();
     if (*length == 0 || input.size() < *length) return wait_for_rest();
     rest_deadline_ms_ = 0;
-    begin(input.first(*length));
+    begin_request(input.first(*length));
 }
 
+// Waits until the rest of a partial request has come. Cuts the program off if this takes longer than the time-out.
 void connection::wait_for_rest()
 {
     const uint64_t now = uv_now(poll_.loop);
@@ -70,11 +73,11 @@ void connection::wait_for_rest()
     start_timer(rest_period_ms);
 }
 
-void connection::begin(message_view request)
+void connection::begin_request(message_view request)
 {
     request_length_ = request.size();
     owner_.take_request(*this, request);
-    if (is_closed_ || request_length_ == 0) return; // it already has its answer
+    if (is_closed_ || request_length_ == 0) return; // the owner has answered during the call
     set_events(UV_DISCONNECT);
     start_timer(timeout_ms_);
 }
@@ -83,30 +86,32 @@ void connection::start_timer(uint64_t milliseconds)
 {
     is_timer_running_ = true;
     uv_timer_start(
-        &timer_, [](uv_timer_t* timer) { self_of(timer->data).timer_fired(); }, milliseconds, 0);
+        &timer_, [](uv_timer_t* timer) { self_of(timer->data).handle_timer(); }, milliseconds, 0);
 }
 
-void connection::timer_fired()
+// The timer runs while a request is being answered, or while the rest of a partial request is missing.
+void connection::handle_timer()
 {
     is_timer_running_ = false;
     if (request_length_ > 0) return owner_.request_timed_out(*this, message_view(request_).first(request_length_));
     set_events(UV_READABLE);
-    look();
+    peek_request();
 }
 
-// Takes the request out of the socket before sending the answer. If the process is killed in between, one answer is
-// missing. In the other order, the program could get this answer a second time, as the answer to its next request.
+// Removes the request from the socket before it sends the answer. If the process is killed between the two calls, the
+// program gets no answer to this request. In the other order, the next process would find the request again, and its
+// answer would be the second one: the program would take it for the answer to its next request.
 void connection::answer(const message& bytes)
 {
     if (is_closed_ || request_length_ == 0) return;
     std::array<uint8_t, longest_message> request_bytes;
     const ssize_t request_size = recv(socket_.get(), request_bytes.data(), request_length_, MSG_DONTWAIT);
-    const bool is_taken = request_size == static_cast<ssize_t>(request_length_);
+    const bool is_removed = request_size == static_cast<ssize_t>(request_length_);
     request_length_ = 0;
     ++request_number_;
-    // A program that does not read its answers is cut off.
-    const ssize_t sent = is_taken ? send(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) : -1;
-    if (sent != static_cast<ssize_t>(bytes.size())) return cut_off();
+    // The send fails if the program does not read its answers. The program is then cut off.
+    const ssize_t size = is_removed ? send(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) : -1;
+    if (size != static_cast<ssize_t>(bytes.size())) return cut_off();
     if (is_timer_running_) uv_timer_stop(&timer_);
     is_timer_running_ = false;
     set_events(UV_READABLE);
@@ -124,14 +129,14 @@ void connection::close()
 {
     if (is_closed_) return;
     is_closed_ = true;
-    const auto closed = [](uv_handle_t* handle) { self_of(handle->data).handle_closed(); };
-    uv_close(reinterpret_cast<uv_handle_t*>(&poll_), closed);
-    uv_close(reinterpret_cast<uv_handle_t*>(&timer_), closed);
+    const auto count_close = [](uv_handle_t* handle) { self_of(handle->data).count_closed_handle(); };
+    uv_close(reinterpret_cast<uv_handle_t*>(&poll_), count_close);
+    uv_close(reinterpret_cast<uv_handle_t*>(&timer_), count_close);
 }
 
-void connection::handle_closed()
+void connection::count_closed_handle()
 {
-    if (--open_handles_ == 0) owner_.ended(*this);
+    if (--open_handles_ == 0) owner_.connection_ended(*this);
 }
 
 } // namespace acm

@@ -1,6 +1,7 @@
 // One connection of a program that asks for paths. It answers requests one at a time, in the order in which librdmacm
-// sends them. A request stays in the socket until its answer is ready. If this process ends first, the next process
-// finds the request there. Lives in the event loop's thread.
+// sends them. It only peeks at a request (MSG_PEEK): the request stays in the socket until its answer is ready. If this
+// process ends before that, the next process of the service gets the socket and finds the request there. All calls are
+// made in the event loop's thread.
 #pragma once
 
 #include <array>
@@ -17,43 +18,46 @@ namespace acm
 class connection
 {
   public:
-    // The calls of a connection to its owner.
+    // The calls that a connection makes to its owner.
     struct owner {
         virtual ~owner() = default;
-        virtual void take_request(connection& source, message_view request) = 0; // the owner must call answer() once
+        // A request has come. The owner calls answer() once for it, during this call or later.
+        virtual void take_request(connection& source, message_view request) = 0;
+        // The owner has not answered the request in time. It calls answer() during this call.
         virtual void request_timed_out(connection& source, message_view request) = 0;
-        virtual void ended(connection& source) = 0; // its handles are closed; it may be destroyed
+        // The connection has closed its libuv handles. The owner may destroy it.
+        virtual void connection_ended(connection& source) = 0;
     };
 
-    // Receives requests from `socket`. If the owner does not answer within `timeout`, request_timed_out() is called.
-    // The owner chooses `number`.
+    // Receives requests from `socket`. If the owner does not answer a request within `timeout`, calls
+    // request_timed_out(). `number` is the owner's number for the connection.
     connection(owner& owner, uv_loop_t* loop, uint64_t number, client::descriptor socket,
                std::chrono::milliseconds timeout);
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
-    // Sends the answer to the current request.
+    // Sends the answer to the current request. Does nothing if the connection is closed or the request was answered.
     void answer(const message& bytes);
 
-    // Identifies the current request. It changes with each answer.
+    // Returns the number of the current request. It increases with each answer.
     uint64_t request_number() const { return request_number_; }
 
-    // Closes only this process's descriptor. Another process may still have the connection open.
+    // Closes this process's descriptor. The connection stays open if the service manager has a copy of the descriptor.
     void close();
 
-    // Ends the connection for the other program too.
+    // Ends the connection, also for the program at its other end, and closes the descriptor.
     void cut_off();
 
     uint64_t number() const { return number_; }
 
   private:
-    void look();
+    void peek_request();
     void wait_for_rest();
-    void begin(message_view request);
+    void begin_request(message_view request);
     void set_events(int events);
     void start_timer(uint64_t milliseconds);
-    void timer_fired();
-    void handle_closed();
+    void handle_timer();
+    void count_closed_handle();
 
     owner& owner_;
     const uint64_t number_;
@@ -61,12 +65,12 @@ class connection
     const uint64_t timeout_ms_;
     uv_poll_t poll_;
     uv_timer_t timer_;
-    int events_ = 0;
-    int open_handles_ = 2;
+    int events_ = 0;       // the events that poll_ reports
+    int open_handles_ = 2; // poll_ and timer_
     uint64_t request_number_ = 0;
-    std::array<uint8_t, longest_message> request_; // a copy: the socket keeps the original
-    size_t request_length_ = 0;                    // 0 if no request is being answered
-    uint64_t rest_deadline_ms_ = 0;                // for the rest of a partial request; 0 if there is none
+    std::array<uint8_t, longest_message> request_; // a copy of the request; the request itself is still in the socket
+    size_t request_length_ = 0;                    // 0: no request is being answered
+    uint64_t rest_deadline_ms_ = 0; // when the rest of a partial request must have come; 0: there is none
     bool is_timer_running_ = false;
     bool is_closed_ = false;
 };

@@ -13,9 +13,9 @@ namespace acm
 namespace
 {
 
-// A user with more connections than the limit still gets answers, but they are refusals. With this many times the
-// limit, further connections are closed.
-constexpr size_t most_refused = 4;
+// If a user has more connections than the limit, the door answers the requests of the further connections with a
+// refusal. If the user has more than this factor times the limit, the door closes the further connections.
+constexpr size_t refusal_factor = 4;
 
 template <class handle_t>
 uv_handle_t* handle(handle_t& specific)
@@ -26,13 +26,14 @@ uv_handle_t* handle(handle_t& specific)
 } // namespace
 
 door::door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config,
-           const cli::service_limits& limits, cli::door_statistics& statistics, std::vector<cli::kept_descriptor> kept)
+           const cli::service_limits& limits, cli::door_statistics& statistics,
+           std::vector<cli::kept_descriptor> descriptors)
     : loop_(loop), routes_(routes), statistics_(statistics), config_(config), limits_(limits)
 {
     auto connections = std::make_shared<std::vector<cli::kept_descriptor>>();
-    for (cli::kept_descriptor& descriptor : kept) {
+    for (cli::kept_descriptor& descriptor : descriptors) {
         if (descriptor.name == listener_name)
-            kept_listener_ = std::move(descriptor.file);
+            earlier_listener_ = std::move(descriptor.file);
         else if (is_connection_name(descriptor.name))
             connections->push_back(std::move(descriptor));
     }
@@ -54,11 +55,11 @@ door::~door()
 ats::result<> door::listen()
 {
     using cli::listening_socket;
-    const bool was_kept = kept_listener_.is_open();
+    const bool has_earlier_listener = earlier_listener_.is_open();
     ats::result<std::unique_ptr<listening_socket>> socket_result;
-    if (was_kept) socket_result = listening_socket::adopt(config_.socket, std::move(kept_listener_));
+    if (has_earlier_listener) socket_result = listening_socket::adopt(config_.socket, std::move(earlier_listener_));
     const bool is_adopted = socket_result && *socket_result;
-    if (was_kept && !is_adopted) cli::forget_descriptor(listener_name);
+    if (has_earlier_listener && !is_adopted) cli::forget_descriptor(listener_name);
     if (!is_adopted) socket_result = listening_socket::open(config_.socket, true, "--acm-socket");
     if (!socket_result) return ats::pass_on(socket_result);
     listening_socket_ = std::move(*socket_result);
@@ -71,8 +72,8 @@ void door::set_limits(const cli::service_limits& limits)
 {
     loop_.post([this, limits] {
         limits_ = limits;
-        for (auto& [number, guest] : guests_)
-            if (guest.rank <= limits.connections) guest.is_beyond_limit = false;
+        for (auto& [number, program] : open_connections_)
+            if (program.rank <= limits.connections) program.is_beyond_limit = false;
     });
 }
 
@@ -88,6 +89,7 @@ void door::start_accepting()
                   [](uv_poll_t* listener, int, int) { static_cast<door*>(listener->data)->accept_all(); });
 }
 
+// Accepts all programs that wait at the listening socket.
 void door::accept_all()
 {
     while (true) {
@@ -100,56 +102,57 @@ void door::accept_all()
     if (errno != EAGAIN) pause_accepting();
 }
 
-// No descriptor is left for accept(). The programs wait until a descriptor has been closed.
+// Stops accepting for a short time, because no descriptor is left for accept(). The programs wait meanwhile.
 void door::pause_accepting()
 {
     constexpr uint64_t pause_ms = 100;
     uv_poll_stop(&listener_);
-    const auto go_on = [](uv_timer_t* timer) {
+    const auto resume = [](uv_timer_t* timer) {
         auto* self = static_cast<door*>(timer->data);
         uv_poll_start(&self->listener_, UV_READABLE,
                       [](uv_poll_t* listener, int, int) { static_cast<door*>(listener->data)->accept_all(); });
     };
-    uv_timer_start(&pause_, go_on, pause_ms, 0);
+    uv_timer_start(&pause_, resume, pause_ms, 0);
 }
 
+// Starts to serve a connection. If `store_name` is "", first gives a copy of its descriptor to the service manager.
 void door::admit(client::descriptor socket, std::string store_name)
 {
     const std::optional<cli::peer> peer = cli::peer_of(socket.get());
     if (!peer) return;
-    const size_t connections = ++connections_[peer->user];
+    const size_t connections = ++connection_counts_[peer->user];
     if (store_name.empty()) {
         store_name = connection_name(++last_store_number_);
         if (!cli::keep_descriptor(store_name, socket.get())) store_name.clear();
     }
     const uint64_t number = routes_.new_number();
-    guest& guest = guests_[number];
-    guest.store_name = std::move(store_name);
-    guest.user = peer->user;
-    guest.rank = connections;
-    guest.is_beyond_limit = guest.rank > limits_.connections;
+    open_connection& program = open_connections_[number];
+    program.store_name = std::move(store_name);
+    program.user = peer->user;
+    program.rank = connections;
+    program.is_beyond_limit = program.rank > limits_.connections;
     cli::count(statistics_.accepted);
-    if (guest.is_beyond_limit) cli::count(statistics_.connections_reached);
+    if (program.is_beyond_limit) cli::count(statistics_.connections_reached);
     ++statistics_.open;
-    guest.connection = std::make_unique<acm::connection>(*this, loop_.uv(), number, std::move(socket),
-                                                         std::chrono::milliseconds(config_.timeout_ms));
-    if (connections > most_refused * limits_.connections) guest.connection->cut_off();
+    program.connection = std::make_unique<acm::connection>(*this, loop_.uv(), number, std::move(socket),
+                                                           std::chrono::milliseconds(config_.timeout_ms));
+    if (connections > refusal_factor * limits_.connections) program.connection->cut_off();
 }
 
-void door::ended(connection& source)
+void door::connection_ended(connection& source)
 {
-    const auto entry = guests_.find(source.number());
-    const guest& guest = entry->second;
-    routes_.forget({guest.user, source.number()});
-    if (!is_closing_ && !guest.store_name.empty()) cli::forget_descriptor(guest.store_name);
+    const auto entry = open_connections_.find(source.number());
+    const open_connection& program = entry->second;
+    routes_.forget({program.user, source.number()});
+    if (!is_closing_ && !program.store_name.empty()) cli::forget_descriptor(program.store_name);
     --statistics_.open;
-    if (--connections_[guest.user] == 0) connections_.erase(guest.user);
-    guests_.erase(entry);
-    note_closed();
+    if (--connection_counts_[program.user] == 0) connection_counts_.erase(program.user);
+    open_connections_.erase(entry);
+    finish_close();
 }
 
-// The connections stay open if the service manager has copies of them. This includes connections that were never
-// accepted.
+// Closes the handles and this process's descriptors. Connections of which the service manager has a copy stay open.
+// Therefore first accepts the programs that still wait: the service manager then gets copies of their connections, too.
 void door::close_all()
 {
     life_.reset();
@@ -160,19 +163,20 @@ void door::close_all()
         const auto count_close = [](uv_handle_t* handle) {
             auto* self = static_cast<door*>(handle->data);
             --self->open_handles_;
-            self->note_closed();
+            self->finish_close();
         };
         uv_close(handle(listener_), count_close);
         uv_close(handle(pause_), count_close);
     }
     is_closing_ = true;
-    for (auto& [number, guest] : guests_) guest.connection->close();
-    note_closed();
+    for (auto& [number, program] : open_connections_) program.connection->close();
+    finish_close();
 }
 
-void door::note_closed()
+// Ends the wait of the destructor when the last handle is closed.
+void door::finish_close()
 {
-    if (is_closing_ && guests_.empty() && open_handles_ == 0) close_promise_.set_value();
+    if (is_closing_ && open_connections_.empty() && open_handles_ == 0) close_promise_.set_value();
 }
 
 // ---- requests ----
@@ -189,11 +193,13 @@ void door::take_request(connection& source, message_view request)
     source.answer(endpoint ? endpoint_answer(request, *endpoint) : refusal(request, status::invalid));
 }
 
+// Looks for the path and answers the request when it is found. `done` may be called in another thread, also after the
+// connection or the door has gone; see take_route() and life_.
 void door::resolve(connection& source, message_view request)
 {
     const read_request parse_result = read_resolve(request);
-    const guest& guest = guests_.at(source.number());
-    const status refusal_status = guest.is_beyond_limit ? status::no_memory : parse_result.status;
+    const open_connection& program = open_connections_.at(source.number());
+    const status refusal_status = program.is_beyond_limit ? status::no_memory : parse_result.status;
     const uint64_t number = source.number();
     const uint64_t request_number = source.request_number();
     if (refusal_status != status::success)
@@ -207,13 +213,14 @@ void door::resolve(connection& source, message_view request)
             if (!life.expired()) take_route(number, request_number, request, found);
         });
     };
-    routes_.find(parse_result.request, {guest.user, number}, done);
+    routes_.find(parse_result.request, {program.user, number}, done);
 }
 
+// Sends the answer to a resolve request. Does nothing if the connection is gone or the request was already answered.
 void door::take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found)
 {
-    const auto entry = guests_.find(number);
-    if (entry == guests_.end() || entry->second.connection->request_number() != request_number) return;
+    const auto entry = open_connections_.find(number);
+    if (entry == open_connections_.end() || entry->second.connection->request_number() != request_number) return;
     const status status = found.route.status;
     ++counters_[resolutions];
     if (status == status::no_data) ++counters_[absences];
@@ -225,7 +232,7 @@ void door::take_route(uint64_t number, uint64_t request_number, const message& r
 
 void door::request_timed_out(connection& source, message_view request)
 {
-    routes_.forget({guests_.at(source.number()).user, source.number()});
+    routes_.forget({open_connections_.at(source.number()).user, source.number()});
     take_route(source.number(), source.request_number(), {request.begin(), request.end()},
                {.route = {.status = status::timed_out}});
 }

@@ -1,7 +1,9 @@
-// Answers programs that use librdmacm, instead of the daemon that librdmacm asks for paths. Such a program waits for
-// its answer without a time limit, and holds a lock of librdmacm meanwhile. If its connection breaks, SIGPIPE ends the
-// program. Therefore every request is answered within a limited time. During a restart of the service, the service
-// manager keeps the connections.
+// Answers programs that use librdmacm. librdmacm asks a daemon (ibacm) for paths; this door listens on the daemon's
+// socket in its place. (A door is a part of the service that serves programs through one socket and one protocol.)
+//
+// A program waits for its answer without a time limit, and holds a lock of librdmacm meanwhile. If its connection
+// breaks, SIGPIPE ends the program. Therefore the door answers every request within a limited time, and the service
+// manager keeps the connections open during a restart of the service.
 #pragma once
 
 #include <future>
@@ -25,28 +27,31 @@ namespace acm
 class door final : public connection::owner
 {
   public:
-    // Serves the connections among `kept`, the descriptors of an earlier process, in the thread of `loop`. `loop`,
-    // `routes` and `statistics` must outlive this object.
+    // Serves the connections of an earlier process in the thread of `loop`. They are among `descriptors`, which the
+    // service manager has kept. `loop`, `routes` and `statistics` must outlive this object.
     door(cli::event_loop& loop, route_finder& routes, const cli::acm_config& config, const cli::service_limits& limits,
-         cli::door_statistics& statistics, std::vector<cli::kept_descriptor> kept);
+         cli::door_statistics& statistics, std::vector<cli::kept_descriptor> descriptors);
 
-    // Also serves new connections. Call it once. Fails if another daemon serves on the socket, or if the socket cannot
-    // be created.
+    // Listens on the configured socket, and then also serves new connections. Call it once. Fails if another daemon
+    // listens there, or if the socket cannot be created.
     ats::result<> listen();
 
-    // Sets new limits for connections from now on. Refused connections within a higher limit are admitted. Any thread.
+    // Sets new limits. If the limit for connections is higher, connections that were beyond the earlier limit are
+    // served. Any thread.
     void set_limits(const cli::service_limits& limits);
 
-    // Takes no more requests. Unanswered requests stay in their sockets for the next process.
+    // Answers no more requests. Unanswered requests stay in their sockets for the next process. Waits until the loop's
+    // thread has closed all handles.
     ~door() override;
 
   private:
-    struct guest {
+    struct open_connection {
         std::unique_ptr<acm::connection> connection;
-        std::string store_name; // "" if the service manager has no copy
+        std::string store_name; // the name of its copy at the service manager; "" if there is no copy
         uid_t user = 0;
-        size_t rank = 0;              // position among the connections of its user at the time of accept()
-        bool is_beyond_limit = false; // its requests are refused; closing it would end the program
+        size_t rank = 0; // number of connections of its user when it was accepted, itself included
+        // If true, its requests are refused. The connection stays open, because closing it would end the program.
+        bool is_beyond_limit = false;
     };
 
     void start_accepting();
@@ -55,32 +60,34 @@ class door final : public connection::owner
     void admit(client::descriptor socket, std::string store_name);
     void take_request(connection& source, message_view request) override;
     void request_timed_out(connection& source, message_view request) override;
-    void ended(connection& source) override;
+    void connection_ended(connection& source) override;
     void resolve(connection& source, message_view request);
     void take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found);
     void close_all();
-    void note_closed();
+    void finish_close();
 
     cli::event_loop& loop_;
     route_finder& routes_;
     cli::door_statistics& statistics_;
     const cli::acm_config config_;
-    client::descriptor kept_listener_;
+    client::descriptor earlier_listener_; // the listening socket of an earlier process, until listen()
     std::unique_ptr<cli::listening_socket> listening_socket_;
 
-    // The next members are for the loop's thread only.
+    // Only the loop's thread uses the next members.
     cli::service_limits limits_;
     client::descriptor accept_descriptor_;
     uv_poll_t listener_;
     uv_timer_t pause_;
-    size_t open_handles_ = 0;
-    std::map<uint64_t, guest> guests_;    // by number
-    std::map<uid_t, size_t> connections_; // by user
+    size_t open_handles_ = 0;                              // of `listener_` and `pause_`
+    std::map<uint64_t, open_connection> open_connections_; // by number
+    std::map<uid_t, size_t> connection_counts_;            // number of connections by user
     counters counters_{};
     uint64_t last_store_number_ = 0;
     bool is_closing_ = false;
     std::promise<void> close_promise_;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(); // ends with the door; late answers check it first
+    // An answer can come after the door has closed. Its callback has a weak pointer to this object, and does nothing if
+    // the object is gone.
+    std::shared_ptr<bool> life_ = std::make_shared<bool>();
 };
 
 } // namespace acm

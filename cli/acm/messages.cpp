@@ -24,6 +24,7 @@ void append(message& message, const record_t& record)
     message.insert(message.end(), bytes, bytes + sizeof record);
 }
 
+// Returns the length that the header of a message contains.
 size_t stated_length(message_view bytes)
 {
     if (opcode_of(bytes) == opcode_resolve) return record_at<resolve_header>(bytes, 0).length;
@@ -38,7 +39,7 @@ std::string text_of(const entry& entry)
 
 // Returns the source or destination that an entry names. Returns std::nullopt if the entry has neither a name nor an
 // IPv4 address.
-std::optional<place> place_of(const entry& entry)
+std::optional<path_end> path_end_of(const entry& entry)
 {
     if (entry.type == type_name) return text_of(entry);
     if (entry.type != type_ipv4) return std::nullopt;
@@ -47,8 +48,8 @@ std::optional<place> place_of(const entry& entry)
     return ip;
 }
 
-// Copies an entry into the request. Returns the status with which the request must be refused, or `success`.
-status take(const entry& entry, resolve_request& request)
+// Adds the content of an entry to the request. Returns `success`, or the status with which to refuse the request.
+status add(const entry& entry, resolve_request& request)
 {
     request.is_cache_only |= (entry.flags & flag_no_delay) != 0;
     request.is_fresh |= (entry.flags & flag_query_sa) != 0;
@@ -60,13 +61,13 @@ status take(const entry& entry, resolve_request& request)
     }
     const bool is_source = (entry.flags & flag_source) != 0;
     if (!is_source && (entry.flags & flag_destination) == 0) return status::invalid;
-    const std::optional<place> place = place_of(entry);
-    if (!place) return is_source ? status::wrong_source_type : status::wrong_destination_type;
-    (is_source ? request.source : request.destination) = *place;
+    const std::optional<path_end> end = path_end_of(entry);
+    if (!end) return is_source ? status::wrong_source_type : status::wrong_destination_type;
+    (is_source ? request.source : request.destination) = *end;
     return status::success;
 }
 
-// The header of the answer to a query.
+// Returns the header of the answer to a query. `content_size` is the number of bytes that follow the header.
 query_header query_answer_header(message_view request, status status, size_t content_size)
 {
     auto header = record_at<query_header>(request, 0);
@@ -114,7 +115,7 @@ read_request read_resolve(message_view bytes)
 {
     read_request result;
     for (size_t offset = sizeof(resolve_header); offset < bytes.size(); offset += sizeof(entry)) {
-        result.status = take(record_at<entry>(bytes, offset), result.request);
+        result.status = add(record_at<entry>(bytes, offset), result.request);
         if (result.status != status::success) return result;
     }
     const bool has_destination = !std::holds_alternative<std::monostate>(result.request.destination);

@@ -16,24 +16,24 @@ namespace acm
 using message = std::vector<uint8_t>;
 using message_view = std::span<const uint8_t>;
 
-// Returns the length of the request at the start of `bytes`. Returns 0 if more bytes are needed to know it, and nothing
-// if `bytes` is not the start of a request.
+// Returns the length in bytes of the request at the start of `bytes`, which may be longer than `bytes`. Returns 0 if
+// there are too few bytes to know the length. Returns nothing if `bytes` is not the start of a request.
 std::optional<size_t> length_of(message_view bytes);
 
 uint8_t opcode_of(message_view request);
 
 // One end of a path: nothing, an IPv4 address in network order, or a host name.
-using place = std::variant<std::monostate, uint32_t, std::string>;
+using path_end = std::variant<std::monostate, uint32_t, std::string>;
 
 struct resolve_request {
-    place source;
-    place destination;
-    std::optional<path_record> path; // the path to find must agree with the fields that are not zero
+    path_end source;
+    path_end destination;
+    std::optional<path_record> path; // the found path must have the same values as the fields here that are not zero
     bool is_cache_only = false;
     bool is_fresh = false; // the SA must be asked even if the cache has an answer
 };
 
-// Reads a whole resolve request. If the status is not `success`, the request must be refused with it.
+// Reads a whole resolve request. If `status` is not `success`, refuse the request with this status.
 struct read_request {
     acm::status status = status::success;
     resolve_request request = {};
@@ -42,16 +42,20 @@ read_request read_resolve(message_view bytes);
 
 struct route {
     acm::status status = status::no_data;
-    path_record path = {};               // valid for success, like the next member
-    std::optional<uint32_t> source = {}; // the address of the asking host, if the request names none
+    path_record path = {}; // valid only if `status` is `success`
+    std::optional<uint32_t> source =
+        {}; // if the request names no source: the address of the host that has asked the SA
 };
+
+// Returns the answer to a resolve request.
 message resolve_answer(message_view request, const route& route);
 
-// Numbers of counters, in the order of the protocol.
+// The counters of the door, in the order of the protocol.
 enum counter { errors, resolutions, absences, address_queries, address_hits, path_queries, path_hits, counter_count };
 using counters = std::array<uint64_t, counter_count>;
 
-// These functions read the subject of a query. Endpoints and ports count from 1. Endpoint 0 means all.
+// An endpoint is an HCA of the service. endpoint_of_counters() returns the endpoint whose counters a request asks for;
+// 0 means all. endpoint_of_query() returns the endpoint and port that a request asks for. Both count from 1.
 unsigned endpoint_of_counters(message_view request);
 struct endpoint_port {
     unsigned endpoint;
@@ -59,18 +63,19 @@ struct endpoint_port {
 };
 endpoint_port endpoint_of_query(message_view request);
 
+// One port of an endpoint.
 struct endpoint {
     uint64_t device_guid = 0;
     uint8_t port = 0;
     uint8_t port_count = 0;
     uint16_t p_key = 0;
-    std::vector<std::string> addresses = {};
+    std::vector<std::string> addresses = {}; // the IPv4 address as text, if it is known, and the host's name
 };
 
 message counters_answer(message_view request, const counters& counters);
 message endpoint_answer(message_view request, const endpoint& endpoint);
 
-// An answer without content, for a request of any kind.
+// Returns an answer that has only a header with `status`, for a request of any kind.
 message refusal(message_view request, status status);
 
 } // namespace acm

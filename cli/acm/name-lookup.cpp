@@ -19,7 +19,7 @@ namespace
 
 using cli::json;
 
-constexpr int output_of_program = 1;
+constexpr int output_of_program = 1; // standard output
 
 std::string read_all(int source)
 {
@@ -31,7 +31,7 @@ std::string read_all(int source)
     return text;
 }
 
-// Starts this program with other arguments; its output goes to `output`. Returns 0 on failure.
+// Starts another process of this program, whose standard output is `output`. Returns its process ID, or 0 on failure.
 pid_t start_self(const std::array<const char*, 7>& arguments, int output)
 {
     posix_spawn_file_actions_t files;
@@ -41,7 +41,8 @@ pid_t start_self(const std::array<const char*, 7>& arguments, int output)
     posix_spawnattr_init(&attributes);
     sigset_t no_signals;
     sigemptyset(&no_signals);
-    posix_spawnattr_setsigmask(&attributes, &no_signals); // this service blocks the signals that end it
+    // The service blocks the signals that end it. The new process must not inherit this.
+    posix_spawnattr_setsigmask(&attributes, &no_signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t child = 0;
     const int error =
@@ -51,8 +52,8 @@ pid_t start_self(const std::array<const char*, 7>& arguments, int output)
     return error == 0 ? child : 0;
 }
 
-// The output of `ats sa show`. It runs in another process, because ibsim's library supports only one user of a port per
-// process.
+// Returns the output of `ats sa show --real` for a name. The command runs in another process: this process already uses
+// the port, and ibsim's library supports only one user of a port in each process.
 ats::result<json> records_at_real_sa(const std::string& name)
 {
     std::array<int, 2> ends{};

@@ -10,8 +10,8 @@
 namespace acm
 {
 
-// Asks the SA, which may take some seconds. The address is in network order. The result is empty if the SA has no
-// record of the name. If several hosts have the name, the lowest address is returned. Fails if the SA did not answer.
+// Asks the SA, which may take some seconds. Returns the address in network order. Returns no address if the SA has no
+// record with the name. If several hosts have the name, returns the lowest address. Fails if the SA does not answer.
 ats::result<std::optional<uint32_t>> address_of_name(cli::running_hosts& hosts, const std::string& name);
 
 } // namespace acm

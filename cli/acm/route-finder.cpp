@@ -13,9 +13,9 @@ namespace acm
 namespace
 {
 
-constexpr uint8_t exactly = 2 << 6; // a selector (IBA 15.2.5.16)
+constexpr uint8_t exactly = 2 << 6; // the selector "exactly this value" (IBA 15.2.5.16)
 
-path_record on_wire(const world::path_record& path)
+path_record wire_record_of(const world::path_record& path)
 {
     path_record record{};
     record.dgid = to_wire(path.dgid);
@@ -34,12 +34,13 @@ path_record on_wire(const world::path_record& path)
     return record;
 }
 
-// Returns true if the path has the values that the program has set in its request.
+// Returns true if the path has the values that the program has set in the record of its request. A field of 0 is not
+// set.
 bool completes(const world::path_record& path, const path_record& request)
 {
     const kq_gid_t any_gid{};
-    const auto agrees = [](const auto& field, const auto& open, const auto& value) {
-        return field == open || field == value;
+    const auto agrees = [](const auto& field, const auto& unset, const auto& value) {
+        return field == unset || field == value;
     };
     return agrees(from_wire(request.dgid), any_gid, path.dgid) && agrees(from_wire(request.sgid), any_gid, path.sgid) &&
            agrees(from_wire(request.dlid), 0, path.dlid) && agrees(from_wire(request.slid), 0, path.slid) &&
@@ -60,7 +61,7 @@ status status_of(world::path_status path_status)
     }
 }
 
-// Returns the address under which the port with this GID is registered. Asks only the cache of its host.
+// Returns the address with which the port with this GID is registered. Asks only the cache of the port's host.
 std::optional<uint32_t> own_address(kernel::machine& machine, const kq_gid_t& gid)
 {
     const std::optional<world::resolution> own = world::answer_from_cache(machine, gid);
@@ -92,7 +93,7 @@ found_route route_to(const world::path_resolution& found, kernel::machine& machi
         result.route.status = status::no_data;
         return result;
     }
-    result.route.path = on_wire(found.path);
+    result.route.path = wire_record_of(found.path);
     if (std::holds_alternative<std::monostate>(request.source))
         result.route.source = own_address(machine, found.path.sgid);
     return result;
@@ -100,9 +101,9 @@ found_route route_to(const world::path_resolution& found, kernel::machine& machi
 
 } // namespace
 
-// Returns the host with this name or address. A `source` without either means the first host. Returns null if there is
-// no such host.
-world::host* route_finder::host_of(const place& source) const
+// Returns the host with this name or address. If `source` has neither, returns the first host. Returns null if no host
+// has the name or address.
+world::host* route_finder::host_of(const path_end& source) const
 {
     if (const std::string* name = std::get_if<std::string>(&source)) {
         const ats::result<world::host*> named = hosts_.find(*name);
@@ -121,11 +122,13 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
     if (const std::string* name = std::get_if<std::string>(&request.destination)) return find_by_name(question, *name);
     if (const uint32_t* ip = std::get_if<uint32_t>(&request.destination)) return find_path(question, *ip);
     const kq_gid_t gid = from_wire(request.path->dgid);
-    if (gid == kq_gid_t{}) return done({}); // a path record cannot be found by a LID alone
+    if (gid == kq_gid_t{})
+        return done({}); // the answer "no data": a path can be found by its GID, but not by a LID alone
     find_path(question, gid);
 }
 
-// Caches have no host names. This asks the SA even if the program allows only cached answers.
+// Finds the address of the name first, in a thread of the workers. This asks the SA even if the program allows only
+// cached answers, because no cache contains host names.
 void route_finder::find_by_name(const question& question, const std::string& name)
 {
     server_.background().push(question.place, [this, question, name] {

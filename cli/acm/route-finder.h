@@ -1,5 +1,5 @@
-// Finds the paths that programs ask the door for, with the lookups of the service. It serves every connection of the
-// door. All calls are made in the thread of the server's loop.
+// Finds the paths for which programs ask the door (cli/acm/door.h). It uses the lookups of the server, so the limits
+// and turns of the client socket also hold for these programs. Call it in the thread of the server's loop only.
 #pragma once
 
 #include <functional>
@@ -12,8 +12,8 @@ namespace acm
 
 struct found_route {
     acm::route route = {};
-    bool is_by_address = false; // the GID of an address was looked up first
-    bool is_cached = false;     // the SA was not asked
+    bool is_by_address = false; // true if the destination was an address or a name: its GID was looked up first
+    bool is_cached = false;     // true if the answer came from the caches, without the SA
 };
 
 class route_finder
@@ -23,17 +23,19 @@ class route_finder
 
     route_finder(cli::server& server, cli::running_hosts& hosts) : server_(server), hosts_(hosts) {}
 
-    // Calls `done` at once, or later in another thread. After forget(place), only a question that was already sent to
-    // the SA still calls it.
+    // Looks for a path and calls `done` with the result: before it returns, or later in any thread. `place` is the
+    // user and the connection that ask. forget(place) drops the question; `done` is then called only if the question
+    // was already sent to the SA.
     void find(const resolve_request& request, const cli::queue_place& place, const completion& done);
 
-    // Drops the queued questions of the connection.
+    // Drops the questions of a connection that are still in a queue.
     void forget(const cli::queue_place& place);
 
-    // Endpoints are the HCAs of the hosts, in order. Returns nothing if there is no such port.
+    // Returns the port of an endpoint. The endpoints are the HCAs of all hosts, counted from 1. Returns nothing if
+    // there is no such port.
     std::optional<acm::endpoint> endpoint(const endpoint_port& subject) const;
 
-    // Returns a number for a connection; the server's own connections never have it.
+    // Returns a number for a new connection of the door. It differs from the numbers of all connections of the server.
     uint64_t new_number() { return server_.new_connection_number(); }
 
   private:
@@ -44,7 +46,7 @@ class route_finder
         completion done;
     };
 
-    world::host* host_of(const place& source) const;
+    world::host* host_of(const path_end& source) const;
     void find_by_name(const question& question, const std::string& name);
     void find_path(const question& question, const world::path_destination& destination);
 

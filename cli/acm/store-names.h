@@ -1,4 +1,4 @@
-// The names under which the service manager keeps the door's descriptors.
+// The names under which the service manager keeps copies of the door's descriptors (cli/service/descriptor-store.h).
 #pragma once
 
 #include <algorithm>
@@ -25,12 +25,12 @@ inline bool is_connection_name(const std::string& name)
     return name.starts_with(connection_prefix);
 }
 
-// The highest number in use. New names get higher numbers.
-inline uint64_t last_number_in(const std::vector<cli::kept_descriptor>& kept)
+// Returns the highest number in the names of connections, or 0 if there are none. New names must get higher numbers.
+inline uint64_t last_number_in(const std::vector<cli::kept_descriptor>& descriptors)
 {
     const size_t prefix_size = std::string(connection_prefix).size();
     uint64_t last = 0;
-    for (const cli::kept_descriptor& descriptor : kept)
+    for (const cli::kept_descriptor& descriptor : descriptors)
         if (is_connection_name(descriptor.name))
             last = std::max<uint64_t>(last, std::strtoull(descriptor.name.c_str() + prefix_size, nullptr, 10));
     return last;
