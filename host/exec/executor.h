@@ -78,9 +78,9 @@ class executor
             explore_switch();
     }
 
-    // A caller that spins until another task releases something calls this in its loop. Yields the processor. In the
-    // simulation, returns when another task has run or the clock has advanced. If all tasks spin or wait without a
-    // deadline, the simulation has stalled.
+    // Call this in a loop that spins until another task releases something. Yields the processor. In the simulation,
+    // returns when another task has run or the clock has advanced. If all tasks spin or wait without a deadline, the
+    // simulation has stalled.
     virtual void relax() = 0;
 
   protected:

@@ -16,8 +16,8 @@ namespace exec
 
 struct fiber_task;
 
-// The parked tasks that have a deadline, by this deadline (a tick). Tasks with the same deadline are in the order in
-// which they parked.
+// The parked tasks that have a deadline, in the order of their deadlines (ticks). Tasks with the same deadline are in
+// the order in which they parked.
 using deadline_map = std::multimap<uint64_t, fiber_task*>;
 
 enum class task_state {

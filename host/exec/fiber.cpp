@@ -155,13 +155,14 @@ void fiber::switch_between(fiber& current, fiber& next, [[maybe_unused]] bool ha
     current.arrive(transfer.fctx);
 }
 
-// Completes a switch to this fiber. The fiber calls it first after the switch.
+// Completes a switch to this fiber. The fiber calls this first after every switch to it.
 void fiber::arrive(void* previous_context)
 {
     previous_->context_ = previous_context;
 #ifdef __SANITIZE_ADDRESS__
     __sanitizer_finish_switch_fiber(fake_stack_, &previous_bottom_, &previous_bytes_);
-    // If the previous fiber is the thread itself, the bounds of its stack become known only here.
+    // If the previous fiber is the thread on its own stack, AddressSanitizer reports the bounds of that stack only
+    // here.
     if (!previous_->entry_) {
         previous_->stack_.bottom = const_cast<void*>(previous_bottom_);
         previous_->stack_.bytes = previous_bytes_;

@@ -6,9 +6,9 @@
 namespace exec
 {
 
-// Keeps the texts that the calling task prints from the constructor to the destructor. `destination` decides if the
-// texts also go to the machine's log. A task may nest captures. With `also_log`, an inner capture passes its texts to
-// the outer one, which decides about the log. Only the task that made a capture may use it.
+// A capture keeps the texts that the calling task prints while the capture exists. `destination` decides if the texts
+// also go to the machine's log. A task may nest captures. With `also_log`, an inner capture passes its texts to the
+// outer one, and the outer one decides about the log. Only the task that made a capture may use it.
 class print_capture
 {
   public:

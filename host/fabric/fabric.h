@@ -75,9 +75,9 @@ class listener
     // A datagram arrived at QP1 of `port`.
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
 
-    // Gives the listener time to complete the work that earlier mad_arrived() calls have queued. If `again` is true,
-    // another may_complete() follows within a few ticks, even if nothing arrives; the listener may then leave the work
-    // for that call. The embedded fabric never calls may_complete().
+    // In this call, the listener can complete the work that earlier mad_arrived() calls have queued. If `again` is
+    // true, another may_complete() follows within a few ticks, even if nothing arrives; the listener may then leave the
+    // work for that call. The embedded fabric never calls may_complete().
     virtual void may_complete(bool /*again*/) {}
 
     // `port` has changed. `new_sm_lid` is valid only for sm_change. read_port() already returns the new attributes.
@@ -99,8 +99,8 @@ class hca
     virtual port_attributes read_port(int port) = 0;
 
     // Sends one datagram from QP1 of `port`. Returns true if the fabric has accepted it; it may still be lost. Returns
-    // false if the send queue is full or the port does not exist. Copies `mad`, but not into memory that counts for
-    // the sender's machine. Does not sleep.
+    // false if the send queue is full or the port does not exist. Copies `mad` without kmalloc, so the copy does not
+    // count as memory of the sender's machine. Does not sleep.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
 
     // Busy polling: receives in the calling task instead of the fabric's own task, and calls the listener. A task that

@@ -50,10 +50,10 @@ inline bool use_up(std::atomic<uint32_t>& count)
 }
 
 struct subnet_counts {
-    uint64_t sent = 0;       // the fabric has accepted them from hosts
-    uint64_t arrived = 0;    // delivered to hosts
-    uint64_t dropped = 0;    // lost on the way, or not accepted by the receiver
-    uint64_t duplicated = 0; // duplicates that were put on their way
+    uint64_t sent = 0;       // datagrams that the fabric has accepted from hosts
+    uint64_t arrived = 0;    // datagrams that the fabric has delivered to hosts
+    uint64_t dropped = 0;    // datagrams that were lost on the way, or that the receiver did not accept
+    uint64_t duplicated = 0; // duplicates that have left
     uint64_t corrupted = 0;
     uint64_t refused = 0; // sends that the fabric has not accepted
 

@@ -14,7 +14,8 @@ namespace umad
 namespace
 {
 
-// Translates an event of libibverbs. Returns none for events that are not about ports or the whole device.
+// Translates an event of libibverbs about a port or the whole device. Returns none for other events, for example those
+// of queues.
 std::optional<device_event> meaning_of(const ibv_async_event& event)
 {
     using enum device_event_kind;

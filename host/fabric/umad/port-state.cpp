@@ -8,8 +8,8 @@ namespace umad
 namespace
 {
 
-// The SA counts as silent if at least so many requests were sent since its last answer, and the first of them is at
-// least so old. With lower limits, a single lost datagram or a briefly busy SA would count as silence.
+// The SA counts as silent if at least silence_requests requests were sent since its last answer, and the first of them
+// is at least silence_ticks old. With lower limits, one lost datagram or a briefly busy SA would count as silence.
 constexpr uint32_t silence_requests = 3;
 constexpr uint64_t silence_ticks = 3000;
 

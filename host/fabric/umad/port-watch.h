@@ -16,8 +16,8 @@ namespace umad
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current);
 
-// Returns the events after which a host registers again, even if `changes` is empty. If the port becomes active, or is
-// not active, these are just the `changes`, because a host registers after every link-up.
+// Returns the events for a host that must register again: for an active port, reregister instead of `changes`. Returns
+// `changes` if they contain a link_up, or if the port is not active, because a host registers at every link-up anyway.
 std::vector<fabric::port_change> with_registration(const std::vector<fabric::port_change>& changes,
                                                    const fabric::port_attributes& current);
 

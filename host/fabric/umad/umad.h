@@ -33,8 +33,9 @@ struct port_remark {
 };
 
 struct fabric_options {
-    std::vector<std::string> hcas = {};  // names; if empty, all HCAs
-    uint64_t watch_interval_ticks = 100; // a port is asked for its attributes once in this time
+    std::vector<std::string> hcas = {}; // names; if empty, all HCAs
+    // A port is asked for its attributes once in this time, or less often if libibverbs reports the events of its HCA.
+    uint64_t watch_interval_ticks = 100;
     delete_p_key sa_delete_p_key = delete_p_key::automatic;
     std::function<void(const port_remark&)> report = {}; // called in any thread; must not sleep
 };
@@ -55,8 +56,8 @@ class real_fabric
     // Remove all listeners before. The destructor waits a short time for datagrams in flight, and may sleep.
     virtual ~real_fabric() = default;
 
-    // The HCAs in the order of fabric_options::hcas, or by name if it is empty. They are valid as long as the fabric
-    // exists.
+    // The HCAs in the order of fabric_options::hcas; if that list is empty, in the order of their names. They are valid
+    // as long as the fabric exists.
     virtual std::vector<fabric::hca*> hcas() const = 0;
 
     // Sets the tap, or removes it (null). The tap sees every datagram that hca::send() sends, and every datagram that
