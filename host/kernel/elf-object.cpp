@@ -110,10 +110,10 @@ std::optional<std::vector<Elf64_Sym>> elf_object::exported_symbols() const
         if (!first) return std::nullopt;
         if (*first < *first_hashed) continue; // the bucket is empty
         for (uint32_t number = *first;; ++number) {
-            const auto found = symbol(number);
+            const auto entry = symbol(number);
             const auto hash = value_at<uint32_t>(hashes + uint64_t{number - *first_hashed} * 4);
-            if (!found || !hash) return std::nullopt;
-            if (found->st_shndx != SHN_UNDEF) symbols.push_back(*found);
+            if (!entry || !hash) return std::nullopt;
+            if (entry->st_shndx != SHN_UNDEF) symbols.push_back(*entry);
             if (*hash & 1) break;
         }
     }

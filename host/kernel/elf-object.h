@@ -36,15 +36,15 @@ class elf_object
     // Returns the value of the entry DT_... of the dynamic section. Empty if there is no such entry.
     std::optional<uint64_t> dynamic(int64_t tag) const;
 
-    // The names of the libraries that the object needs.
+    // Returns the names of the libraries that the object needs.
     std::vector<std::string_view> libraries() const;
 
-    // A symbol by its number. Empty if there is no such symbol.
+    // Returns the symbol with this number. Empty if there is no such symbol.
     std::optional<Elf64_Sym> symbol(uint64_t number) const;
     std::string_view name_of(const Elf64_Sym& symbol) const;
 
-    // The symbols that other objects can find, without the undefined ones. Empty if the hash table is missing or
-    // broken.
+    // Returns the symbols that this object defines and that other objects can find. Empty if the hash table is missing
+    // or broken.
     std::optional<std::vector<Elf64_Sym>> exported_symbols() const;
 
     // Returns the entries of the tables DT_RELA and DT_JMPREL. Empty if a table is cut short.

@@ -9,11 +9,11 @@ namespace kernel
 namespace
 {
 
-constexpr size_t longest_digits = 22; // of 64 bits, in octal
+constexpr size_t longest_digits = 22; // number of digits of 64 bits in octal
 constexpr int pointer_digits = 2 * sizeof(void*);
 constexpr int none = -1;
 
-// Writes into a buffer. Characters beyond its end are only counted.
+// Writes into a buffer. Characters that do not fit are only counted.
 class text_writer
 {
   public:

@@ -69,7 +69,7 @@ char* reserve_area()
 class area_table
 {
   public:
-    // Returns false if the table is full. For one thread at a time.
+    // Adds an area. Returns false if the table is full. Only one thread at a time may call it.
     bool add(const char* begin, image_area& area)
     {
         for (size_t i = 0; i < entries_.size(); ++i) {

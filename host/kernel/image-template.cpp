@@ -149,11 +149,11 @@ class template_maker
         // With these functions, the C library keeps pointers to code of the image, even after the image is gone.
         if (name == "__cxa_atexit" || name == "__cxa_thread_atexit") return false;
         if (name == "__cxa_finalize") return true; // a weak symbol; stays null, because there is nothing to finalise
-        void* found = dlsym(RTLD_DEFAULT, name.c_str());
-        if (name == "__tls_get_addr") found = reinterpret_cast<void*>(&address_of_thread_variable);
-        if (name == "memset") found = reinterpret_cast<void*>(&set_memory);
-        if (!found) return ELF64_ST_BIND(symbol.st_info) == STB_WEAK;
-        const uint64_t address = reinterpret_cast<uint64_t>(found) + addend;
+        void* target = dlsym(RTLD_DEFAULT, name.c_str());
+        if (name == "__tls_get_addr") target = reinterpret_cast<void*>(&address_of_thread_variable);
+        if (name == "memset") target = reinterpret_cast<void*>(&set_memory);
+        if (!target) return ELF64_ST_BIND(symbol.st_info) == STB_WEAK;
+        const uint64_t address = reinterpret_cast<uint64_t>(target) + addend;
         std::memcpy(result_->data.data() + (place - result_->data_begin), &address, sizeof address);
         return true;
     }

@@ -58,8 +58,9 @@ struct image_template {
 };
 
 // Reads a module file from its descriptor, which the caller still owns. Returns null if no image can be made from it,
-// for one of these reasons: the file is not a shared object, it was not linked with data_distance, or it needs the
-// dynamic linker. The caller can then call dlopen(), which maps the file or reports the error. Any thread.
+// for one of these reasons: the file is not a shared object, it was not linked with data_distance, or it needs
+// something that only the dynamic linker can do. The caller can then call dlopen(), which maps the file or reports the
+// error. Any thread.
 std::unique_ptr<image_template> read_image_template(int file);
 
 } // namespace kernel

@@ -20,7 +20,7 @@ constexpr size_t shelf_step = 64;   // shelf n keeps freed blocks with room for 
 constexpr size_t first_buckets = 16;
 
 // The largest number of freed blocks on a shelf. The address sanitizer reports the use of a freed block only if the
-// block was really freed. Therefore the shelves stay empty under this sanitizer.
+// block was really freed_block. Therefore the shelves stay empty under this sanitizer.
 #ifdef __SANITIZE_ADDRESS__
 constexpr size_t shelf_capacity = 0;
 #else
@@ -95,14 +95,14 @@ void memory_account::note_unmapping(const module_code& code)
 void* memory_account::allocate(size_t size, const void* caller)
 {
     const std::lock_guard lock(mutex_);
-    block* taken = take_block(size);
-    if (!taken) return nullptr;
-    *taken = {.next = nullptr, .size = size, .caller = caller, .nominal = next_nominal_};
-    insert(taken);
+    block* new_block = take_block(size);
+    if (!new_block) return nullptr;
+    *new_block = {.next = nullptr, .size = size, .caller = caller, .nominal = next_nominal_};
+    insert(new_block);
     next_nominal_ += (size / nominal_step + 1) * nominal_step;
     bytes_ += size;
     ++total_allocations_;
-    return taken->memory();
+    return new_block->memory();
 }
 
 std::optional<uint64_t> memory_account::nominal(const void* pointer) const
@@ -119,13 +119,13 @@ bool memory_account::release(const void* memory)
     const std::lock_guard lock(mutex_);
     if (buckets_.empty()) return false;
     block** link = link_to(memory);
-    block* freed = *link;
-    if (!freed) return false;
-    *link = freed->next;
+    block* freed_block = *link;
+    if (!freed_block) return false;
+    *link = freed_block->next;
     --block_count_;
-    bytes_ -= freed->size;
-    if (!unmapped_callers_.empty()) unmapped_callers_.erase(freed);
-    put_block(freed);
+    bytes_ -= freed_block->size;
+    if (!unmapped_callers_.empty()) unmapped_callers_.erase(freed_block);
+    put_block(freed_block);
     return true;
 }
 
@@ -141,19 +141,19 @@ memory_account::block* memory_account::take_block(size_t size)
     return std::exchange(shelf.first, shelf.first->next);
 }
 
-void memory_account::put_block(block* freed)
+void memory_account::put_block(block* freed_block)
 {
-    const size_t number = shelf_of(freed->size);
-    if (number >= shelf_count || shelves_[number].count >= shelf_capacity) return std::free(freed);
-    freed->next = std::exchange(shelves_[number].first, freed);
+    const size_t number = shelf_of(freed_block->size);
+    if (number >= shelf_count || shelves_[number].count >= shelf_capacity) return std::free(freed_block);
+    freed_block->next = std::exchange(shelves_[number].first, freed_block);
     ++shelves_[number].count;
 }
 
-void memory_account::insert(block* added)
+void memory_account::insert(block* new_block)
 {
     if (block_count_ == buckets_.size()) make_buckets(buckets_.empty() ? first_buckets : 2 * buckets_.size());
     ++block_count_;
-    added->next = std::exchange(buckets_[bucket_of(added->memory())], added);
+    new_block->next = std::exchange(buckets_[bucket_of(new_block->memory())], new_block);
 }
 
 void memory_account::make_buckets(size_t count)

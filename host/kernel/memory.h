@@ -33,7 +33,7 @@ class memory_account
     size_t blocks() const;
     size_t bytes() const;
 
-    // The number of all blocks allocated so far.
+    // The number of allocations so far, including those of blocks that have been freed.
     uint64_t total_allocations() const;
 
     // Returns one line for each block that has not been freed: its size and the code that allocated it. The code is
@@ -44,7 +44,7 @@ class memory_account
     // the place of the code that allocated it. leaks() can then still print this place.
     void note_unmapping(const module_code& code);
 
-    // Returns null if there is no memory. `caller` is the address of the code that allocates.
+    // Allocates a block. Returns null if there is no memory. `caller` is the address of the code that allocates.
     void* allocate(size_t size, const void* caller);
 
     // Returns the address that the log shows for a pointer into a block, or none if the pointer is outside of all
@@ -63,8 +63,8 @@ class memory_account
 
     // The callers of the next functions hold mutex_.
     block* take_block(size_t size);
-    void put_block(block* freed);
-    void insert(block* added);
+    void put_block(block* freed_block);
+    void insert(block* new_block);
     void make_buckets(size_t count);
     block** link_to(const void* memory) const;
     const block* block_around(const void* pointer) const;

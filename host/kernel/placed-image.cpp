@@ -83,9 +83,9 @@ ats::result<stored_module*> find_module(const std::string& path)
 ats::result<image_area*> area_with_room(stored_module& module)
 {
     // The newest area is the most likely to have room.
-    const auto found =
+    const auto position =
         std::find_if(module.areas.rbegin(), module.areas.rend(), [](auto* each) { return each->has_room(); });
-    if (found != module.areas.rend()) return *found;
+    if (position != module.areas.rend()) return *position;
     if (const ats::result<> result = module.code->prepare(); !result) return ats::pass_on(result);
     ats::result<image_area*> area = image_area::make(*module.code);
     if (area) module.areas.push_back(*area);

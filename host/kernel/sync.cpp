@@ -27,16 +27,16 @@ task& self(const char* caller = __builtin_FUNCTION())
 
 // Holds a guard in a scope of a few instructions. No task sleeps while it holds a guard. Therefore another task that
 // needs the guard spins.
-class guarded
+class guard_lock
 {
   public:
-    explicit guarded(kernel_guard_t& guard) : guard_(guard)
+    explicit guard_lock(kernel_guard_t& guard) : guard_(guard)
     {
         if (exec::exchange(guard_.state, 1, std::memory_order_acquire) != 0) wait_and_take(guard_.state, self().exec);
     }
-    ~guarded() { guard_.state.store(0, std::memory_order_release); }
-    guarded(const guarded&) = delete;
-    guarded& operator=(const guarded&) = delete;
+    ~guard_lock() { guard_.state.store(0, std::memory_order_release); }
+    guard_lock(const guard_lock&) = delete;
+    guard_lock& operator=(const guard_lock&) = delete;
 
   private:
     kernel_guard_t& guard_;
@@ -59,14 +59,14 @@ struct semaphore_waiter {
 
 bool has_unit(semaphore* sem, const semaphore_waiter& waiter)
 {
-    const guarded inside(sem->guard);
+    const guard_lock lock(sem->guard);
     return waiter.has_unit;
 }
 
 // Removes the waiter from the queue. Returns false if up() has already removed it and given it a unit.
 bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
 {
-    const guarded inside(sem->guard);
+    const guard_lock lock(sem->guard);
     if (waiter.has_unit) return false;
     list_del_init(&waiter.link);
     return true;
@@ -75,7 +75,7 @@ bool leave_queue(semaphore* sem, semaphore_waiter& waiter)
 // Takes a unit and returns true. If there is none, puts the calling task into the queue and returns false.
 bool take_or_queue(semaphore* sem, semaphore_waiter& waiter)
 {
-    const guarded inside(sem->guard);
+    const guard_lock lock(sem->guard);
     if (sem->count > 0) {
         --sem->count;
         return true;
@@ -158,7 +158,7 @@ int kernel::down_or_signal(semaphore* sem)
 void up(semaphore* sem)
 {
     {
-        const guarded inside(sem->guard);
+        const guard_lock lock(sem->guard);
         if (list_empty(&sem->waiters)) {
             ++sem->count;
         } else {
@@ -210,7 +210,7 @@ void init_waitqueue_head_named(wait_queue_head_t* queue, const char* name)
 void wake_up_interruptible(wait_queue_head_t* queue)
 {
     {
-        const guarded inside(queue->guard);
+        const guard_lock lock(queue->guard);
         for (list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
             self().exec.wake(*static_cast<task*>(list_entry(link, wait_queue_t, link)->task));
     }
@@ -219,7 +219,7 @@ void wake_up_interruptible(wait_queue_head_t* queue)
 
 void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
-    const guarded inside(queue->guard);
+    const guard_lock lock(queue->guard);
     for (const list_head* link = queue->sleepers.next; link != &queue->sleepers; link = link->next)
         if (link == &sleeper->link) return; // it is already in the queue
     task& caller = self();
@@ -235,7 +235,7 @@ void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
     task& caller = self();
     if (caller.wait_queue != sleeper)
         exec::panic("finish_wait: the task is not in %s, or joined another wait queue later", queue->name);
-    const guarded inside(queue->guard);
+    const guard_lock lock(queue->guard);
     list_del_init(&sleeper->link);
     caller.wait_queue = sleeper->outer;
     keep_outer_wake_up(caller);

@@ -18,7 +18,7 @@ find_object_t* library_function()
     return function;
 }
 
-// Finds the C library's function when the program starts. Otherwise dlsym() is called while an exception is handled.
+// Calls dlsym() when the program starts, so that dlsym() is not called while an exception is handled.
 [[maybe_unused]] find_object_t* const found_at_start = library_function();
 
 } // namespace

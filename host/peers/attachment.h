@@ -30,8 +30,8 @@ class attachment
         init_waitqueue_head_named(&calls_ended_, queue_name);
     }
 
-    // Attaches a provider. Stores in `*handle` the handle with which the provider detaches itself. Returns false if an
-    // argument is null or another provider is attached. Takes the lock.
+    // Attaches a provider. Stores in `*handle` the handle that the provider passes when it detaches itself. Returns
+    // false if `send` or `handle` is null or another provider is attached. Takes the lock.
     bool attach(send_fn_t send, void* context, void** handle)
     {
         if (!send || !handle) return false;
@@ -65,8 +65,8 @@ class attachment
     }
     void wake_detach() { wake_up_interruptible(&calls_ended_); }
 
-    // A provider detaches itself in four steps: begin_detach(), refuse_calls(), wait_for_calls(), end(). Between these
-    // steps, the peer ends its requests. A peer that is unloaded begins with refuse_calls().
+    // The peer detaches its provider in four steps: begin_detach(), refuse_calls(), wait_for_calls(), end(). Between
+    // these steps, the peer ends its requests. When the peer itself is unloaded, it begins with refuse_calls().
 
     // Refuses further calls. Returns false if `handle` is not the handle of the attached provider, or if another task
     // is detaching it already. Takes the lock.

@@ -1,4 +1,4 @@
-// Measures how long a lookup takes, by the wall clock.
+// Measures how long a lookup takes in real time.
 #pragma once
 
 #include <chrono>

@@ -51,7 +51,7 @@ struct path_resolution {
     uint32_t port = 0;                 // only valid if the status is `found`: the host's port on which the path begins
     bool from_cache = false;           // true if no request to the SA was necessary
     uint64_t duration_ticks = 0;       // by the machine's clock
-    uint64_t duration_nanoseconds = 0; // by the wall clock
+    uint64_t duration_nanoseconds = 0; // in real time
     std::string reason;                // one line for people; empty if the status is `found`
 };
 
@@ -70,8 +70,8 @@ path_resolution resolve_path(kernel::machine& machine, const path_destination& d
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
 // Finds a path like resolve_path(), but does not wait for the answer. `done` is called exactly once: before the return,
-// or later by a task of the machine, at the latest when IBAT gives up. `done` must not block this task. The function
-// may sleep while it sends a request. `mode` must not be cache_only.
+// or later by a task of the machine, at the latest when IBAT gives up. `done` must not block that task.
+// start_path_resolution() may sleep while it sends a request. `mode` must not be cache_only.
 using path_callback = std::function<void(const path_resolution&)>;
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
                            path_callback done);

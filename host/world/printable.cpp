@@ -54,7 +54,7 @@ bool is_control(uint32_t code)
 
 // Returns the text with each character replaced by the result of show(character, bytes).
 template <class show_t>
-std::string rewritten(std::string_view text, const show_t& show)
+std::string replace_characters(std::string_view text, const show_t& show)
 {
     std::string result;
     while (!text.empty()) {
@@ -65,17 +65,17 @@ std::string rewritten(std::string_view text, const show_t& show)
     return result;
 }
 
-std::string formatted(const char* format, unsigned number)
+std::string format_number(const char* format, unsigned number)
 {
     char text[16];
     std::snprintf(text, sizeof text, format, number);
     return text;
 }
 
-std::string escaped(std::string_view bytes)
+std::string escape_bytes(std::string_view bytes)
 {
     std::string result;
-    for (const char byte : bytes) result += formatted("\\x%02x", static_cast<uint8_t>(byte));
+    for (const char byte : bytes) result += format_number("\\x%02x", static_cast<uint8_t>(byte));
     return result;
 }
 
@@ -88,22 +88,22 @@ bool is_printable(std::string_view text)
 
 std::string printable(std::string_view text)
 {
-    return rewritten(text, [](const character& each, std::string_view bytes) {
-        return each.is_valid && !is_control(each.code) ? std::string(bytes) : escaped(bytes);
+    return replace_characters(text, [](const character& each, std::string_view bytes) {
+        return each.is_valid && !is_control(each.code) ? std::string(bytes) : escape_bytes(bytes);
     });
 }
 
 std::string printable_lines(std::string_view text)
 {
-    return rewritten(text, [](const character&, std::string_view bytes) {
+    return replace_characters(text, [](const character&, std::string_view bytes) {
         return bytes == "\n" || bytes == "\t" ? std::string(bytes) : printable(bytes);
     });
 }
 
 std::string printable_json(std::string_view document)
 {
-    return rewritten(document, [](const character& each, std::string_view bytes) {
-        return each.code != '\n' && is_control(each.code) ? formatted("\\u%04x", each.code) : std::string(bytes);
+    return replace_characters(document, [](const character& each, std::string_view bytes) {
+        return each.code != '\n' && is_control(each.code) ? format_number("\\u%04x", each.code) : std::string(bytes);
     });
 }
 

@@ -25,7 +25,7 @@ struct resolution {
     kq_gid_t gid{};
     bool from_cache = false;           // true if the answer came without waiting for the SA
     uint64_t duration_ticks = 0;       // by the machine's clock
-    uint64_t duration_nanoseconds = 0; // by the wall clock
+    uint64_t duration_nanoseconds = 0; // in real time
     std::string reason;                // one line for people; empty if the status is ok
 };
 
@@ -39,7 +39,7 @@ resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mod
 
 // Searches IBAT's cache for an address or a GID. Returns nothing if the cache does not have the answer. The caller is a
 // thread outside of all machines, or a task of this machine that may sleep. In IBAT's counters, a returned answer
-// counts as a lookup and a hit.
+// counts as a lookup and a hit. A GID that is not in the cache counts as a lookup and a miss.
 std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 

@@ -17,7 +17,7 @@ constexpr int most_tries = 4;
 constexpr uint64_t try_ticks = 250;
 constexpr unsigned long pause_ticks = 1;
 
-void sent(gsi_class_handle_t, void*, gsi_dtgrm_t* datagram)
+void put_sent_datagram(gsi_class_handle_t, void*, gsi_dtgrm_t* datagram)
 {
     gsi_dtgrm_pool_put(datagram);
 }
@@ -51,8 +51,8 @@ bool sa_questions::join(fabric::hca& hca, int port)
     machine_.enter("SA questions", [&] {
         const kq_hca_name name = stack::name_in_stack(hca);
         if (gsi_dtgrm_pool_create_named(pool_size, &pool_, "SA questions") != 0) return;
-        has_joined = gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &name, port, sent, received, this,
-                                    &class_) == 0;
+        has_joined = gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &name, port, put_sent_datagram,
+                                    take_answer, this, &class_) == 0;
     });
     return has_joined;
 }
@@ -109,7 +109,7 @@ bool sa_questions::has_answer()
     return answer_.has_value();
 }
 
-void sa_questions::received(gsi_class_handle_t, void* context, gsi_dtgrm_t* datagram)
+void sa_questions::take_answer(gsi_class_handle_t, void* context, gsi_dtgrm_t* datagram)
 {
     auto& self = *static_cast<sa_questions*>(context);
     sa_mad_v2_t answer;

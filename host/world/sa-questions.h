@@ -39,7 +39,7 @@ class sa_questions
     void leave();
     void send(sa_mad_v2_t request);
     bool has_answer();
-    static void received(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* datagram);
+    static void take_answer(gsi_class_handle_t handle, void* context, gsi_dtgrm_t* datagram);
 
     kernel::machine& machine_;
     uint16_t sm_lid_ = 0;

@@ -43,7 +43,7 @@ struct question {
         done(answer);
     }
 
-    static void called_back(ibat_stat_t status, ibat_arp_data_t* record, void* context)
+    static void take_reply(ibat_stat_t status, ibat_arp_data_t* record, void* context)
     {
         const std::unique_ptr<question> self(static_cast<question*>(context));
         self->finish(status, *record, false);
@@ -51,11 +51,11 @@ struct question {
 
     const published<function_t> call;
     const resolution_callback done;
-    resolution answer; // from the beginning, contains the address or GID of the question
+    resolution answer; // contains the address or GID from the beginning, and the rest from finish() on
     const steady_clock::time_point start_time = steady_clock::now();
 };
 
-// Asks a module by calling ask(question, record). The module either answers at once, or calls called_back() later.
+// Asks a module by calling ask(question, record). The module either answers at once, or calls take_reply() later.
 // Calls `done` at once if the module is not loaded.
 template <class question_t, class ask_t>
 void ask_module(kernel::machine& machine, std::unique_ptr<question_t> query, const char* module, ask_t ask)
@@ -68,7 +68,7 @@ void ask_module(kernel::machine& machine, std::unique_ptr<question_t> query, con
     ibat_stat_t status = ibat_stat_error;
     machine.enter("resolve", [&] { status = ask(*query, &record); });
     if (status == ibat_stat_pending)
-        static_cast<void>(query.release()); // called_back() owns the question, and may already have destroyed it
+        static_cast<void>(query.release()); // take_reply() owns the question, and may already have destroyed it
     else
         query->finish(status, record, true);
 }
@@ -104,7 +104,7 @@ void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback
     auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
     query->answer.ip = ip;
     ask_module(machine, std::move(query), "ibat", [&](question_t& query, ibat_arp_data_t* record) {
-        return (*query.call)(ip, record, question_t::called_back, &query);
+        return (*query.call)(ip, record, question_t::take_reply, &query);
     });
 }
 
@@ -114,7 +114,7 @@ void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_ca
     auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
     query->answer.ip = ip;
     ask_module(machine, std::move(query), "ibat",
-               [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::called_back, &query); });
+               [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::take_reply, &query); });
 }
 
 void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
@@ -123,7 +123,7 @@ void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_
     auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
     query->answer.gid = gid;
     ask_module(machine, std::move(query), "ucm", [&](question_t& query, ibat_arp_data_t* record) {
-        return (*query.call)(&gid, record, question_t::called_back, &query);
+        return (*query.call)(&gid, record, question_t::take_reply, &query);
     });
 }
 

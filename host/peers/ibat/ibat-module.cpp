@@ -14,7 +14,7 @@ namespace
 int32_t lifetime_seconds = 600;
 int32_t negative_seconds = 2;
 int32_t retry_ticks = 500;
-int32_t retries = 3; // counts the first attempt, too
+int32_t retries = 3; // number of attempts, including the first one
 int32_t capacity = 4096;
 int32_t path_seconds = 300;
 

@@ -19,8 +19,9 @@ struct source_port {
     bool operator==(const source_port&) const = default;
 };
 
-// Returns a request for one reversible path from `source` to `destination`, with the P_Key of `source`. `serial` is the
-// TransactionID. All fields are in wire order, except the AttributeID: GSI expects it in host order and converts it.
+// Returns a request for one reversible path from `source` to `destination`, with the P_Key of `source`. `serial`
+// becomes the TransactionID; it has at most 24 bits, because GSI sets the high bits. All fields are in wire order,
+// except the AttributeID: GSI expects it in host order and converts it.
 sa_mad_v2_t path_request_mad(const source_port& source, const kq_gid_t& destination, uint32_t serial);
 
 // Returns the path in an answer, in host order.

@@ -143,7 +143,8 @@ void path_resolver::retry_due()
 }
 
 // Looks for a request whose deadline has come and that has an attempt left. If there is one, stores its GID and ID and
-// returns true. The caller then sends its next attempt. On the way, ends the requests that have no attempt left.
+// returns true. The caller then sends its next attempt. Requests whose deadline has come without an attempt left are
+// ended.
 bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
 {
     spin_guard guard(&lock_);

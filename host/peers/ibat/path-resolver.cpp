@@ -191,7 +191,7 @@ ibat_stat_t path_resolver::refresh(const kq_gid_t& gid, ibat_get_ib_data_reply_f
     return ask(gid, nullptr, callback, context);
 }
 
-// ---- orders and reports ----
+// ---- dropping paths, and counters ----
 
 void path_resolver::forget(const kq_gid_t& gid)
 {

@@ -1,6 +1,6 @@
 // Finds paths from the host's active port, the source, to GIDs. It answers from a cache, or asks the SA. All callers
 // that ask for the same GID share one request. A request is repeated until an answer comes or no attempt is left. Every
-// attempt has a serial number as its TransactionID, and the answer has the same TransactionID.
+// attempt has a serial number. The number is in the low 24 bits of the TransactionID, and comes back in the answer.
 //
 // An event of the source port makes the paths invalid. The resolver then empties the cache, ignores answers to earlier
 // attempts, and repeats the requests at once.

@@ -90,7 +90,8 @@ void resolver::retry_due()
 }
 
 // Looks for a request whose deadline has come and that has an attempt left. If there is one, stores its next attempt in
-// `*order` and returns true. The caller then sends it. On the way, ends the requests that have no attempt left.
+// `*order` and returns true. The caller then sends it. Requests whose deadline has come without an attempt left are
+// ended.
 bool resolver::next_due(send_order* order)
 {
     spin_guard guard(&lock_);

@@ -14,7 +14,7 @@ constexpr int32_t pool_size = 64;
 constexpr unsigned long leave_pause_ticks = 10;
 constexpr uint32_t sa_qpn = 1;
 
-void sent(gsi_class_handle_t, void*, gsi_dtgrm_t* datagram)
+void put_sent_datagram(gsi_class_handle_t, void*, gsi_dtgrm_t* datagram)
 {
     gsi_dtgrm_pool_put(datagram);
 }
@@ -55,7 +55,7 @@ bool sa_ports::join_ports(const kq_hca_name& hca, const callbacks& callbacks)
     if (kq_hca_query(hca_, &attributes) != kq_return_ok) return false;
     const int32_t count = std::min<int32_t>(attributes.port_num, most_ports);
     for (; count_ < count; ++count_)
-        if (gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &hca, count_ + 1, sent,
+        if (gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &hca, count_ + 1, put_sent_datagram,
                            callbacks.receive_callback, callbacks.context, &classes_[count_]) != 0)
             return false;
     return true;

@@ -1,6 +1,6 @@
 // The ports through which IBAT asks the SA for paths. They are ports of the first HCA. The module that asks the SA for
-// addresses uses the same ports and has registered the SA's class there. IBAT joins the class as a second client, with
-// datagrams of its own. It also subscribes to the events of the HCA.
+// addresses registers the SA's class on the same ports. IBAT joins the class as a second client, with datagrams of its
+// own. IBAT also subscribes to the events of the HCA.
 #pragma once
 
 #include "gsi.h"
