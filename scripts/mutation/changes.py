@@ -1,4 +1,4 @@
-"""Lists the mutants of a source file: each changes one place, which clang's syntax tree names."""
+"""Lists the mutants of a source file. A mutant changes one place of the file. The places come from clang's syntax tree."""
 
 import collections
 import hashlib
@@ -34,7 +34,7 @@ def text_of(cursor, source):
 
 
 def other_operator(cursor, source):
-    """Yields the change of a binary operator. An operator inside a macro has no place in the file."""
+    """Yields the change of a binary operator, or nothing if the operator is inside a macro."""
     children = list(cursor.get_children())
     if len(children) != 2:
         return
@@ -57,7 +57,7 @@ def changed_literal(cursor, source):
 def inverted_condition(cursor, source):
     text = text_of(cursor, source)
     if not (text.startswith(("if", "while")) or cursor.kind == CursorKind.CONDITIONAL_OPERATOR):
-        return  # it comes from a macro
+        return  # the statement is inside a macro
     for child in cursor.get_children():
         if child.kind.is_expression():
             condition = text_of(child, source)
@@ -84,7 +84,7 @@ def swapped_statements(first, second, source):
 
 
 def changes_of(cursor, source):
-    """Yields (start, end, new text, description) for each change at this node."""
+    """Yields (start, end, new text, description) for each change at this node of the syntax tree."""
     kind = cursor.kind
     children = list(cursor.get_children())
     if kind in (CursorKind.BINARY_OPERATOR, CursorKind.COMPOUND_ASSIGNMENT_OPERATOR):
@@ -94,7 +94,7 @@ def changes_of(cursor, source):
     elif kind in (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.CONDITIONAL_OPERATOR):
         yield from inverted_condition(cursor, source)
     if kind in (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.FOR_STMT, CursorKind.CXX_FOR_RANGE_STMT):
-        for child in children[1:]:  # a body without braces; the step of a `for` has no semicolon behind it
+        for child in children[1:]:  # a body without braces; dropped_statement() skips the step of a `for`
             yield from dropped_statement(child, source)
     elif kind == CursorKind.COMPOUND_STMT:
         for statement in children:
@@ -129,7 +129,7 @@ def mutants_of_file(path, root, arguments):
 
 
 def mutants_of(folders, root, build, pattern="*"):
-    """Lists the mutants of the files of some folders that the build tree compiles and whose name matches the pattern."""
+    """Yields the mutants of all files in these folders that the build tree compiles and whose name matches the pattern."""
     for command in sorted(json.loads((build / "compile_commands.json").read_text()), key=lambda each: each["file"]):
         path = pathlib.Path(command["file"])
         is_wanted = path.is_relative_to(root) and str(path.parent.relative_to(root)) in folders and path.match(pattern)
@@ -143,7 +143,7 @@ def mutated(source, mutant):
 
 
 def lines_of(source, mutant):
-    """Returns the line before a mutant, the lines that it removes, and those that it adds, without indentation."""
+    """Returns the line before a mutant, the lines that it removes, and the lines that it adds, all without indentation."""
     first = source.rfind(b"\n", 0, mutant.start) + 1
     last = source.find(b"\n", mutant.end)
     new = source[first:mutant.start] + mutant.text.encode() + source[mutant.end:last]
@@ -152,5 +152,5 @@ def lines_of(source, mutant):
 
 
 def identity(source, mutant):
-    """Names a mutant in results. It is only found again in the same text of its file."""
+    """Returns the name of a mutant in results. If the text of its file changes, all mutants of the file get other names."""
     return f"{mutant.file}@{hashlib.sha256(source).hexdigest()[:12]}:{mutant.start}-{mutant.end}:{mutant.text}"

@@ -1,4 +1,4 @@
-"""Stores results, and counts them by file."""
+"""Reads the results of mutants, and counts them by file."""
 
 import collections
 import json
@@ -8,7 +8,7 @@ NOTICED = ("failed", "hung")
 
 
 def read_lines(paths):
-    """Reads results of earlier runs: {identity: result}. A later result replaces an earlier one."""
+    """Reads results of earlier runs. Returns {identity: result}. If a mutant has several results, the last one counts."""
     found = {}
     for path in paths:
         for line in pathlib.Path(path).read_text().splitlines():
@@ -18,7 +18,8 @@ def read_lines(paths):
 
 
 def read_explained(path):
-    """Reads the mutants that change nothing: {(file, line before, removed lines, added lines)}. tests/mutants/equivalent.txt explains the form."""
+    """Reads the mutants that change nothing. Returns {(file, line before, removed lines, added lines)}. The beginning of
+    tests/mutants/equivalent.txt explains its form."""
     explained = set()
     for paragraph in path.read_text().split("\n\n"):
         lines = [line for line in paragraph.splitlines() if line and not line.startswith("#")]
@@ -39,7 +40,7 @@ def is_explained(result, explained):
 
 
 def counted(results, explained):
-    """Returns {file: counts}. An explained mutant that was noticed counts as noticed."""
+    """Returns {file: counts}. A mutant that a test has noticed counts as noticed, even if it is explained as equivalent."""
     counts = collections.defaultdict(lambda: {"mutants": 0, "noticed": 0, "survived": 0, "equivalent": 0})
     for result in results:
         verdict = result["verdict"]

@@ -1,4 +1,4 @@
-"""Builds a mutant beside a built tree, and runs tests on it until one fails."""
+"""Builds a mutant in a scratch folder, from the objects of a built tree. Runs tests on it until one fails."""
 
 import collections
 import json
@@ -14,12 +14,12 @@ import time
 
 from mutation import changes
 
-MEMORY_LIMIT = 24 << 30  # bytes of addresses: a mutant that allocates for ever must not exhaust the machine
+MEMORY_LIMIT = 24 << 30  # bytes of address space: a mutant that allocates for ever must not use up the machine's memory
 # Undefined behaviour ends the program, as it does under the sanitizers of `make test-all`.
 FAST_COMPILER = ["-O0", "-g0", "-U_FORTIFY_SOURCE", "-UNDEBUG", "-fsanitize=undefined", "-fsanitize-undefined-trap-on-error"]
 PASSED, FAILED, HUNG = "passed", "failed", "hung"
 
-# A step runs a program of the build tree. `name` stands in results.
+# A step runs a program of the build tree with these arguments. `name` is its name in results.
 Step = collections.namedtuple("Step", "name program arguments")
 LONG_TESTS = "*every_order*:*in_every_order*:trace.of_everything*:threaded.*:*leaves_nothing_behind*"
 
@@ -36,7 +36,7 @@ CAMPAIGNS = [campaign("campaign", "--seeds", "60"), campaign("campaign of rarer 
              campaign("campaign of swarms", "--seeds", "60", "--swarm")]
 ATS_TESTS = [tests("ats", f"--gtest_filter=-{LONG_TESTS}"), tests("ats in every order", f"--gtest_filter={LONG_TESTS}")]
 FIRST = campaign("campaign of 6 seeds", "--seeds", "6")  # most mutants of the module fail here, in less than a second
-# Each part of the tree: its folders, and the steps in the order of their cost: quick ones, and thorough ones.
+# Each part of the tree: its folders, the quick steps and the thorough steps. Both lists begin with the step that costs least.
 PARTS = {
     "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [ATS_TESTS[1], *CAMPAIGNS]),
     "peers": (["host/peers/ibat", "host/peers/ucm"], [tests("peers"), ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
@@ -47,7 +47,8 @@ PARTS = {
 
 
 def run_limited(command, folder, environment, processor_seconds, seconds):
-    """Runs a command with a limit of its processor time. Ends its whole process group after `seconds`, in case it waits for ever."""
+    """Runs a command with limits of its processor time and its memory. Kills all its processes if it has not ended after
+    `seconds`. Returns PASSED, FAILED or HUNG."""
     def limit():
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         resource.setrlimit(resource.RLIMIT_AS, (MEMORY_LIMIT, MEMORY_LIMIT))
@@ -69,7 +70,7 @@ def run_limited(command, folder, environment, processor_seconds, seconds):
 
 
 class Bench:
-    """A built tree, and a scratch folder for one mutant at a time. The tree itself stays as it is."""
+    """A built tree, and a scratch folder for one mutant at a time. The tree itself does not change."""
 
     def __init__(self, root, build, folder, part, is_quick):
         self.root, self.build, self.folder = root, build, folder
@@ -87,7 +88,7 @@ class Bench:
         self.links = {target: self.link_command(target) for target in self.targets()}
 
     def targets(self):
-        """Returns the products that contain the part's code: modules, or the programs of the steps."""
+        """Returns the modules or programs that contain the part's code and must be linked again for each mutant."""
         modules = {"ib-code/ats": "ats", "host/peers/ibat": "ibat", "host/peers/ucm": "ucm"}
         named = [f"modules/{modules[folder]}.so" for folder in self.folders if folder in modules]
         return named or sorted({step.program for step in self.quick_steps + self.thorough_steps})
@@ -98,14 +99,14 @@ class Bench:
         return words[words.index("&&") + 1:len(words) - words[::-1].index("&&") - 1]
 
     def compile_command(self, path, source, output):
-        """Returns the compiler's command for a file of the tree, with other places of source and output, and without warnings."""
+        """Returns the command that compiles a file of the tree, with another source and output file, and without warnings."""
         words = [word for word in self.commands[str(path)] if word not in ("-Wall", "-Wextra", "-Werror")]
         words[words.index("-o") + 1] = str(output)
         words[words.index("-c") + 1] = str(source)
         return [words[0], "-iquote", str(path.parent), *words[1:], "-w"]
 
     def headers_of(self, path):
-        """Compiles what a file includes, once for all its mutants. That takes most of the time of the compiler."""
+        """Compiles the headers that a file includes, once for all its mutants. Compiling them takes most of the compiler's time."""
         if path not in self.headers:
             text = path.read_text()
             lines = text[:text.find("\n#if")].splitlines() if "\n#if" in text else text.splitlines()
@@ -120,7 +121,7 @@ class Bench:
         return self.headers[path]
 
     def compile(self, mutant_file, text, output, is_fast):
-        """Compiles changed text in place of a file of the tree. Returns false if it does not compile."""
+        """Compiles `text` with the command of a file of the tree. Returns false if it does not compile."""
         path = self.root / mutant_file
         copy = self.folder / path.name
         copy.write_bytes(text)
@@ -133,14 +134,14 @@ class Bench:
         compiled = self.commands[str(self.root / mutant_file)]
         replaced = compiled[compiled.index("-o") + 1]
         if replaced not in words:
-            return False  # this product does not contain the file
+            return False  # this module or program does not contain the file
         words[words.index(replaced)] = str(object_file)
         linked = self.folder / target
         linked.parent.mkdir(parents=True, exist_ok=True)
         linked.unlink(missing_ok=True)
         words[words.index("-o") + 1] = str(linked)
         if not target.endswith(".so"):
-            words.append("-fuse-ld=lld")  # the modules need a script of the other linker
+            words.append("-fuse-ld=lld")  # modules need the script of GNU's linker (cmake/targets.cmake)
         subprocess.run(words, cwd=self.build, check=True, stdout=subprocess.DEVNULL)
         return True
 
@@ -150,12 +151,12 @@ class Bench:
 
     def run(self, step):
         processor_seconds, seconds = self.limits.get(step.name, (3600, 3600))
-        # The C library overwrites freed memory. Its later use then shows, as it does under the address sanitizer.
+        # The C library overwrites freed memory, so a mutant that uses freed memory fails.
         environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"), MALLOC_PERTURB_="165")
         return run_limited([str(self.program_of(step)), *step.arguments], self.folder, environment, processor_seconds, seconds)
 
     def measure(self):
-        """Runs every step on the unchanged tree, and derives the time after which a mutant counts as hung."""
+        """Runs every step on the unchanged tree. A mutant that takes much longer than this counts as hung."""
         for step in self.quick_steps + self.thorough_steps:
             begin, used = time.monotonic(), resource.getrusage(resource.RUSAGE_CHILDREN)
             if self.run(step) != PASSED:
@@ -165,7 +166,7 @@ class Bench:
             self.limits[step.name] = (round(2 + 10 * processor), 60 + 10 * (time.monotonic() - begin))
 
     def makes_same_code(self, mutant, source):
-        """Returns true if the optimising compiler makes the same code of both. Then nothing can notice the mutant."""
+        """Returns true if the mutant and the original compile to the same object with -O2. Then no test can notice the mutant."""
         objects = [self.folder / "original.o", self.folder / "changed.o"]
         for text, output in zip((source, changes.mutated(source, mutant)), objects):
             if not self.compile(mutant.file, text, output, is_fast=False):
@@ -190,7 +191,7 @@ class Bench:
         return "survived", ""
 
     def run_changed(self, step, mutant, object_file, linked):
-        """Runs a step on the mutant. `linked` has the products that are linked already."""
+        """Runs a step on the mutant. `linked` has the modules and programs that are linked already; adds new ones."""
         for target in self.links:
             if target not in linked and (target.endswith(".so") or target == step.program):
                 self.link(target, mutant.file, object_file)
