@@ -17,7 +17,7 @@ namespace console
 namespace
 {
 
-constexpr size_t longest_word = 40; // the module splits a longer one
+constexpr size_t longest_word = 40; // bytes; the module splits a longer word into several
 
 struct control_command {
     const char* name;
@@ -64,7 +64,8 @@ ats::result<control_command> command_named(const std::string& name)
                                                    " ('ats control --list' shows them)");
 }
 
-// Converts the argument for the module: a GID to hexadecimal digits; any other word stays unchanged.
+// Converts a GID in IPv6 notation to hexadecimal digits, the only notation that the module reads. Returns any other
+// word unchanged.
 ats::result<std::string> argument_for_module(const control_command& command, const std::string& word)
 {
     const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;

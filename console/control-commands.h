@@ -1,5 +1,5 @@
-// The commands of the control file of ats. `ats control` checks them, because the module does not report a wrong
-// command to its writer. It only writes a line to its log.
+// The commands that the module ats accepts in its control file. `ats control` checks a command before it writes the
+// command to the file. The module does not return an error for a wrong command: it only logs a line.
 #pragma once
 
 #include <string>
@@ -14,15 +14,17 @@ namespace console
 // Returns a table of the commands, their arguments and effects.
 std::string list_control_commands();
 
-// Joins the arguments to one line. An argument may have several words. Fails (invalid) if the command is unknown, the
-// number of its arguments is wrong, or a word is too long.
+// Joins `words`, the arguments of `ats control`, to one line for the control file. The line begins with the command.
+// Each argument may contain several words. Fails (invalid) if the command is missing or unknown, the number of its
+// arguments is wrong, a GID is wrong, or a word is too long.
 ats::result<std::string> control_line(const std::vector<std::string>& words);
 
-// Returns a warning about the effect of this command line, or "" for most lines.
+// Returns a warning about the effect of `line`, which is a result of control_line(). Returns "" if no warning is
+// needed.
 std::string control_warning(const std::string& line);
 
-// Returns true if the module's output reports that the command failed, by an error line or a plain line. Progress lines
-// and warnings do not count.
+// `output` is the text that the module logged during a command. Returns true if the command failed: the output then
+// contains an error line, or a line without a trace level. Warnings and lines of higher trace levels do not count.
 bool is_complaint(std::string_view output);
 
 } // namespace console

@@ -12,7 +12,7 @@ namespace
 
 constexpr std::string_view heading_end = ": ATS Ports Info";
 
-// Stores the value of one line of the report in `port`. An earlier line has named the port.
+// Stores the value in `line` in `port`. `port` is the object of the port that the report named last.
 void read_port_line(const std::string& line, json& port)
 {
     char word[64];
@@ -47,7 +47,7 @@ json parse_control_report(const std::string& text)
         } else if (std::sscanf(line.c_str(), "SA verification period:%d verification skew(%%): %d", &number, &skew) ==
                    2) {
             report["verification"] = {{"period", std::max(number, 0)},
-                                      {"skew", skew}}; // a negative period also switches verification off
+                                      {"skew", skew}}; // 0 and negative periods mean: no verification
         } else if (hcas.empty()) {
             continue;
         } else if (std::sscanf(line.c_str(), "The Active Port Is Port Number %d", &number) == 1) {

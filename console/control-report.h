@@ -10,7 +10,8 @@ namespace console
 using json = nlohmann::json;
 
 // Returns {"hcas": [{"name", "active_port" (or null), "ports": [{"port", "state", "gid", "lid", "address", "sent",
-// "received"}]}], "verification": {"period", "skew"}}. Ignores other lines.
+// "received"}]}], "verification": {"period" (seconds), "skew" (percent)}}. Leaves out a value that the report does not
+// contain. Ignores all other lines.
 json parse_control_report(const std::string& text);
 
 } // namespace console

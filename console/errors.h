@@ -1,4 +1,4 @@
-// The exit codes of commands, and the output of a command's error.
+// The exit codes of commands, and functions that turn errors into exit codes and text.
 #pragma once
 
 #include <functional>
@@ -18,7 +18,7 @@ enum exit_code : int {
     exit_unreachable = 3, // no service answers on the socket
 };
 
-// The exit code of a command that ends with an error of this kind.
+// Returns the exit code of a command that ends with an error of this kind.
 constexpr exit_code exit_code_of(ats::error_kind kind)
 {
     switch (kind) {
@@ -31,7 +31,7 @@ constexpr exit_code exit_code_of(ats::error_kind kind)
     }
 }
 
-// The kind of error for an exit code of a service.
+// Returns the kind of error for an exit code. The service sends an exit code in its answer to a failed request.
 constexpr ats::error_kind error_kind_of(int code)
 {
     switch (code) {
@@ -51,7 +51,8 @@ inline std::function<void()> command_callback(ats::result<int>& outcome, std::fu
     return [&outcome, body = std::move(body)] { outcome = body(); };
 }
 
-// Quotes a person's text for an error line: in quotation marks, cut to 60 bytes, with control characters escaped.
+// Quotes a text of the user for an error line: cuts it to 60 bytes, escapes control characters, and adds quotation
+// marks.
 inline std::string quote(const std::string& word)
 {
     constexpr size_t longest = 60;

@@ -1,5 +1,5 @@
-// GIDs in the notations of clients. An answer of the service has each GID in two notations: that of the module ("0x"
-// and 32 digits) and that of InfiniBand tools (like an IPv6 address).
+// Converts between the two notations of a GID. The module writes "0x" and 32 hexadecimal digits. InfiniBand tools write
+// a GID like an IPv6 address. An answer of the service contains each GID in both notations.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -11,13 +11,14 @@
 namespace console
 {
 
-// Reads a GID in either notation. Any other text is invalid.
+// Reads a GID in either notation. Fails (invalid) if `text` is not a GID.
 ats::result<kq_gid_t> gid_of(const std::string& text);
 
-// Adds "gid6" to every object with a "gid", at any depth. It is the same GID in the form of an IPv6 address, or null.
+// Adds "gid6" to every object that has a "gid", at any depth. "gid6" is the same GID like an IPv6 address. It is null
+// if "gid" is not a valid GID.
 void add_gid6(nlohmann::json& answer);
 
-// Replaces every text that is a GID of 32 hexadecimal digits, at any depth, with the form of an IPv6 address.
+// Replaces every text of the form "0x" and 32 hexadecimal digits, at any depth, by the same GID like an IPv6 address.
 void use_ipv6_notation(nlohmann::json& answer);
 
 } // namespace console

@@ -1,5 +1,5 @@
-// The plan of a host of this service: its modules and their parameters, and the files and the registry key of the
-// module ats. Only this file names these modules; the layers below can load any modules.
+// The plan of a host of this service: its modules and their parameters. Also names the /proc files and the registry key
+// of the module ats. The code that runs hosts takes the modules' names from a plan, so it can run other modules, too.
 #pragma once
 
 #include <string>
@@ -12,22 +12,22 @@
 namespace console
 {
 
-// A path in the /proc tree of a host. Reading the control file makes ats print the report of its ports.
+// Paths in the /proc tree of a host. When a program reads the control file, ats prints the report of its ports.
 constexpr const char* control_file = "dorvex/ats/control";
 constexpr const char* version_file = "dorvex/ats/version";
 
-// The registry key of the trace level of ats.
+// The key, and the name of the value below it, where the registry stores the trace level of ats.
 constexpr const char* registry_key = "dorvex/modules/ats";
 constexpr const char* trace_level_name = "debug-level";
 
-// The registry's value for a trace level, from ZR_PANIC (nothing) to ZR_FUNC (everything).
+// Returns the registry value that sets the trace level of ats: from ZR_PANIC (traces nothing) to ZR_FUNC (everything).
 stack::registry_value trace_setting(int level);
 
-// IBAT, UCM and ats for a host with that name and IPv4 address. They are in loading order, because ats binds to the
-// other two.
+// Returns the modules of a host with that name and IPv4 address, in loading order: IBAT, UCM, ats. The module ats is
+// the last, because it binds to IBAT and UCM.
 std::vector<world::module_plan> usual_modules(const std::string& host_name, const std::string& ipv4);
 
-// A host with these modules and one single-port HCA.
+// Returns the plan of a host with the usual modules and one HCA, which has one port.
 world::host_plan usual_host(const std::string& name, const std::string& ipv4, int trace_level = ZR_ERROR);
 
 } // namespace console

@@ -1,5 +1,5 @@
-// The rules for a host's name and address. The configuration, the command line and orders share them. A value that
-// cannot work is an error. A value that works but is probably a mistake gives a warning.
+// The rules for a host's name and address. They apply to the configuration, to the command line and to requests from
+// clients. A value that cannot work is an error. A value that works but is probably a mistake gives a warning.
 #pragma once
 
 #include <cstdint>
@@ -20,21 +20,23 @@ bool is_host_name(const std::string& name);
 constexpr const char* host_name_rule =
     "1 to 30 bytes of UTF-8 without blanks, slashes, quotation marks and control characters, and neither . nor ..";
 
-// Makes a host name from a machine's name: without the domain, and cut to the size of a ServiceRecord. Adds a line to
-// `remarks` if it was cut.
+// Makes a host name from a machine's name: removes the domain, and cuts the rest to longest_host_name_bytes. If it
+// cuts, it adds a line to `remarks`.
 std::string host_name_for(const std::string& machine_name, std::vector<std::string>& remarks);
 
-// Does the same with the name of this machine.
+// Does the same with the result of gethostname().
 std::string host_name_of_machine(std::vector<std::string>& remarks);
 
-// Reads an IPv4 address; the value is in network order. Any other text is invalid. The text of the error begins with
-// `place`.
+// Reads an IPv4 address; the value is in network order. Fails (invalid) for any other text. The error begins with
+// `place`, for example the name of the option.
 ats::result<uint32_t> address_of(const std::string& text, const std::string& place = "");
 
-// Reads the address of a host. "This network", loopback, multicast and broadcast addresses are also invalid.
+// Does the same for the address of a host. Also fails (invalid) for addresses that no host can have: 0.0.0.0/8,
+// loopback, multicast and broadcast.
 ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place = "");
 
-// The warning that two hosts of a fabric have the same address. Every lookup of such an address fails.
+// Returns the warning that two hosts of one fabric have the same address. The SA then fails every lookup of the
+// address.
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);
 
 } // namespace console

@@ -3,7 +3,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#define SD_JOURNAL_SUPPRESS_LOCATION // otherwise every entry would name this file
+#define SD_JOURNAL_SUPPRESS_LOCATION // without it, every entry names this file as its source
 #include <systemd/sd-journal.h>
 
 namespace console
@@ -16,7 +16,8 @@ bool can_send_journal_entries()
 
 bool send_journal_entry(const std::vector<std::string>& fields)
 {
-    if (access("/run/systemd/journal/socket", F_OK) != 0) return false; // sd_journal_sendv() would drop the entry
+    // Without the journal's socket, sd_journal_sendv() drops the entry and reports success.
+    if (access("/run/systemd/journal/socket", F_OK) != 0) return false;
     std::vector<iovec> parts;
     for (const std::string& field : fields)
         parts.push_back({.iov_base = const_cast<char*>(field.data()), .iov_len = field.size()});

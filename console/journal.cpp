@@ -21,7 +21,8 @@ namespace console
 namespace
 {
 
-// The manager names the journal's stream by device and inode. A redirected stderr has other numbers.
+// systemd sets JOURNAL_STREAM to the device and inode of the stream to the journal. A redirected stderr has other
+// numbers.
 bool is_stderr_the_journal()
 {
     const char* stream = std::getenv("JOURNAL_STREAM");
@@ -35,7 +36,7 @@ std::string priority_text(const notice& notice)
     return std::to_string(static_cast<int>(notice.priority));
 }
 
-// Returns `text` with "<N>" before each of its lines. The journal reads it as the line's priority.
+// Returns `text` with "<N>" before each of its lines. The journal reads "<N>" as the priority of the line.
 std::string with_priority(const std::string& text, const std::string& priority)
 {
     const std::string mark = "<" + priority + ">";
@@ -72,7 +73,8 @@ std::vector<std::string> journal_fields(const notice& notice)
 namespace
 {
 
-// Not destroyed: at the end of the program, its thread may still wait for a reader.
+// Null before start_line_writer(). Never deleted: the destructor waits until every line is written, and at the end of
+// the program the reader of stderr may have stopped reading.
 std::atomic<line_writer*> writer{nullptr};
 
 uint64_t now_ms()
@@ -81,7 +83,8 @@ uint64_t now_ms()
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// Without stdio, whose lock the waiting thread would hold. Returns false if the file takes no more.
+// Writes the whole text; waits while the file cannot accept more. Returns false after a write error. It does not use
+// stdio: a thread that waits in stdio holds the lock of the stream, so all other users of the stream wait, too.
 bool write_text(int file, std::string_view text)
 {
     while (!text.empty()) {
@@ -89,7 +92,7 @@ bool write_text(int file, std::string_view text)
         if (length > 0) text.remove_prefix(static_cast<size_t>(length));
         if (length >= 0 || errno == EINTR) continue;
         if (errno != EAGAIN) return false;
-        pollfd ready = {file, POLLOUT, 0}; // another program has made the file non-blocking
+        pollfd ready = {file, POLLOUT, 0}; // EAGAIN: another program has made the file non-blocking
         poll(&ready, 1, -1);
     }
     return true;

@@ -1,5 +1,6 @@
-// Limits the number of lines: at most 1000 in ten seconds. The default of systemd's journal is 10000 lines of a service
-// in thirty seconds; it drops later lines of any priority. docs/operations.md states the limit.
+// Limits the number of printed lines to 1000 in ten seconds. systemd's journal has its own limit, by default 10000
+// lines of a service in thirty seconds. Beyond its limit, the journal drops even important lines. Our lower limit
+// prevents that. docs/operations.md states it.
 #pragma once
 
 #include <cstdint>
@@ -12,18 +13,20 @@
 namespace console
 {
 
-// One thread at a time.
+// Only one thread at a time may use it.
 class line_limit
 {
   public:
     static constexpr uint64_t most_lines = 1000;
     static constexpr uint64_t period_ms = 10'000;
 
-    // The line about omitted lines ends with `advice`.
+    // `advice` is the end of the warning about omitted lines.
     explicit line_limit(std::string advice) : advice_(std::move(advice)) {}
 
-    // Asks to print a line of this part of the service at `now_ms`, which must not decrease. If the result is none,
-    // omit the line. Otherwise print the returned lines first: there is one if lines were omitted before.
+    // Decides if the caller may print a line at the time `now_ms`. `now_ms` must not decrease from call to call. If
+    // nothing is returned, the caller must omit the line. Otherwise the caller prints the returned lines, then its own.
+    // The returned list is empty, or it has a warning with the number of lines that were omitted before. The warning
+    // belongs to `part` of the service.
     std::optional<std::vector<notice>> admit(uint64_t now_ms, const std::string& part)
     {
         if (!start_ms_ || now_ms >= *start_ms_ + period_ms) {
@@ -40,7 +43,7 @@ class line_limit
             notice{.priority = priority::warning, .text = remark(std::exchange(omitted_lines_, 0)), .part = part}};
     }
 
-    // Counts a line that was omitted for another reason.
+    // Counts a line that the caller has omitted for another reason.
     void leave_out() { ++omitted_lines_; }
 
   private:

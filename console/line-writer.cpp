@@ -11,7 +11,8 @@ namespace console
 namespace
 {
 
-// Starts a thread that receives no signals, even if the service has not blocked them yet.
+// Starts a thread in which all signals are blocked. A thread inherits the signal mask of its creator, so the caller's
+// mask changes for a moment.
 std::thread new_thread_without_signals(std::function<void()> body)
 {
     sigset_t all, previous;
@@ -39,7 +40,7 @@ line_writer::~line_writer()
     {
         const std::lock_guard lock(mutex_);
         is_stopping_ = true;
-        changed_.notify_all();
+        change_.notify_all();
     }
     thread_.join();
 }
@@ -47,17 +48,17 @@ line_writer::~line_writer()
 void line_writer::add(write_t write)
 {
     const std::lock_guard lock(mutex_);
-    if (waiting_.size() >= most_waiting_lines) {
+    if (queue_.size() >= most_waiting_lines) {
         ++omitted_line_count_;
         return;
     }
     if (omitted_line_count_ > 0) {
-        waiting_.emplace_back([this, lines = std::exchange(omitted_line_count_, 0)] { remark_(lines); });
+        queue_.emplace_back([this, lines = std::exchange(omitted_line_count_, 0)] { remark_(lines); });
         ++added_line_count_;
     }
-    waiting_.push_back(std::move(write));
+    queue_.push_back(std::move(write));
     ++added_line_count_;
-    changed_.notify_all();
+    change_.notify_all();
 }
 
 bool line_writer::wait_written(std::chrono::milliseconds limit)
@@ -65,7 +66,7 @@ bool line_writer::wait_written(std::chrono::milliseconds limit)
     std::unique_lock lock(mutex_);
     const uint64_t last = added_line_count_;
     if (written_line_count_ < last && timeout_line_count_ == written_line_count_) return false;
-    if (changed_.wait_for(lock, limit, [&] { return written_line_count_ >= last; })) return true;
+    if (change_.wait_for(lock, limit, [&] { return written_line_count_ >= last; })) return true;
     timeout_line_count_ = written_line_count_;
     return false;
 }
@@ -74,20 +75,20 @@ void line_writer::work()
 {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [&] { return is_stopping_ || !waiting_.empty(); });
-        if (waiting_.empty()) return;
-        const write_t write = std::move(waiting_.front());
-        waiting_.pop_front();
+        change_.wait(lock, [&] { return is_stopping_ || !queue_.empty(); });
+        if (queue_.empty()) return;
+        const write_t write = std::move(queue_.front());
+        queue_.pop_front();
         lock.unlock();
         write();
         lock.lock();
         ++written_line_count_;
-        // The reader is back, so report at once what was left out. The next line may come much later.
-        if (const uint64_t lines = waiting_.empty() ? std::exchange(omitted_line_count_, 0) : 0) {
-            waiting_.emplace_back([this, lines] { remark_(lines); });
+        // The queue is empty, so the reader reads again. Report omitted lines now; the next add() may come much later.
+        if (const uint64_t lines = queue_.empty() ? std::exchange(omitted_line_count_, 0) : 0) {
+            queue_.emplace_back([this, lines] { remark_(lines); });
             ++added_line_count_;
         }
-        changed_.notify_all();
+        change_.notify_all();
     }
 }
 

@@ -1,6 +1,6 @@
-// Writes lines in a thread of its own, in order. The reader of a line (systemd's journal, or a pipe at stderr) may stop
-// reading. Then only this thread waits for the reader. A limited number of lines wait in its queue. Further lines are
-// counted and left out.
+// Writes lines in its own thread, in order. The reader of the lines (systemd's journal, or a program behind a pipe) may
+// stop reading. Then only this thread waits for the reader. Up to most_waiting_lines lines wait in a queue. Further
+// lines are counted and omitted.
 #pragma once
 
 #include <chrono>
@@ -23,8 +23,8 @@ class line_writer
 
     static constexpr size_t most_waiting_lines = 1000;
 
-    // `remark` writes a line about the number of lines that were left out. The thread calls it at their place. Throws a
-    // shortage if the thread cannot be created.
+    // The thread calls `remark` where lines were omitted, with their number. `remark` then writes a line about them.
+    // Throws exec::shortage if the thread cannot be created.
     explicit line_writer(remark_t remark);
 
     // Waits until every line is written.
@@ -32,24 +32,26 @@ class line_writer
     line_writer(const line_writer&) = delete;
     line_writer& operator=(const line_writer&) = delete;
 
-    // Lets the thread call `write`, which may wait for the reader. Does not wait. Any thread.
+    // Puts `write` into the queue, or counts it as omitted if the queue is full. Does not wait. The thread calls
+    // `write` later; `write` may wait for the reader. Any thread.
     void add(write_t write);
 
-    // Waits until the lines that were added before are written. Returns false if they are not. Gives up after `limit`,
-    // or at once if an earlier call gave up and no line was written since. Any thread.
+    // Waits until all lines are written that were added before this call. Returns false if they are not written after
+    // `limit`. Once a call has returned false, further calls return false at once until the next line is written. Any
+    // thread.
     bool wait_written(std::chrono::milliseconds limit);
 
   private:
     void work();
 
     const remark_t remark_;
-    std::mutex mutex_; // guards the following members
-    std::condition_variable changed_;
-    std::deque<write_t> waiting_;
+    std::mutex mutex_;               // guards the following members
+    std::condition_variable change_; // of the queue, of a count or of is_stopping_
+    std::deque<write_t> queue_;
     uint64_t added_line_count_ = 0;
     uint64_t written_line_count_ = 0;
-    std::optional<uint64_t> timeout_line_count_; // the written lines when a wait_written() last gave up
-    uint64_t omitted_line_count_ = 0;            // lines that were not reported yet
+    std::optional<uint64_t> timeout_line_count_; // written_line_count_ at the last timeout of wait_written()
+    uint64_t omitted_line_count_ = 0;            // omitted lines that `remark_` has not reported yet
     bool is_stopping_ = false;
     std::thread thread_;
 };

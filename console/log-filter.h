@@ -1,4 +1,4 @@
-// Finds the trace level of a log line.
+// Finds the trace level of a log line. Commands and the journal filter log lines by their level.
 #pragma once
 
 #include <string_view>
@@ -10,8 +10,8 @@ namespace console
 
 constexpr int trace_level_everything = ZR_FUNC;
 
-// Returns the level of a trace line ("ERROR   : ATS : ..."). A plain line has no level; it counts as ZR_PANIC, so no
-// filter hides it.
+// Returns the level of a trace line ("ERROR   : ATS : ..."). Returns ZR_PANIC, the lowest level, for a line that does
+// not begin with a level. A filter never hides such a line.
 inline int trace_level_of(std::string_view line)
 {
     for (int level = ZR_PANIC; level <= ZR_FUNC; ++level) {

@@ -24,7 +24,7 @@ class progress
         is_empty_ = false;
     }
 
-    // Call it before writing anything else to the terminal.
+    // Removes the line. Call it before you write anything else to the terminal.
     void clear()
     {
         if (is_empty_) return;

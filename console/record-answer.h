@@ -1,4 +1,4 @@
-// A ServiceRecord in answers and in tables.
+// Formats a ServiceRecord as JSON for answers of the service, and as a row of a table for people.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@
 namespace console
 {
 
-// Formats a P_Key or a status word, for example "0x0300".
+// Formats a P_Key or a MAD's status word, for example "0x0300".
 std::string format_word(uint16_t word);
 
-// Returns {"gid", "p_key", "address", "host_name", "lease"}.
+// Returns {"gid", "p_key", "address", "host_name", "lease"}; all values are texts.
 nlohmann::json record_answer(const embedded::service_record_view& record);
 
-// Makes a table from an array of such answers.
+// Makes a table from a JSON array of results of record_answer().
 table_rows record_rows(const nlohmann::json& records);
 
 } // namespace console

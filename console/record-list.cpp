@@ -21,7 +21,8 @@ constexpr uint64_t component(int bit)
     return uint64_t{1} << bit;
 }
 
-// The example record of a request, and the components that must be equal to it.
+// Selects records at the SA. A record is selected if it equals `example` in all components of `component_mask`. Every
+// selection contains the ServiceID and the ServiceName, so only records of this service are selected.
 struct record_selection {
     uint64_t component_mask = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_NAME);
     ib_service_record_v2_t example = records::encode({});
@@ -74,7 +75,9 @@ class address_search
   public:
     explicit address_search(umad::sa_client& sa) : sa_(sa) {}
 
-    // Extends `start`, which has `known_octets` octets, octet by octet until each selection matches only one record.
+    // Finds the records that `start` selects. `start` has the first `known_octets` octets of the address. The search
+    // adds one octet after the other until a selection matches only one record. Several records with the same whole
+    // address are searched by their GIDs.
     ats::result<record_list> run(const record_selection& start, size_t known_octets);
 
   private:
@@ -85,11 +88,12 @@ class address_search
 
     umad::sa_client& sa_;
     record_list list_;
-    bool has_unanswered_ = false;
-    std::optional<std::vector<fabric::gid_bytes>> gids_; // of all ports of the fabric; empty until needed
+    bool has_unanswered_request_ = false;
+    std::optional<std::vector<fabric::gid_bytes>> gids_; // of all ports of the fabric; set by learn_gids()
 };
 
-// Sends all selections. Single records go to the list; selections that match several records go to `ambiguous`.
+// Sends a SubnAdmGet for each selection. Adds a record to the list if it is the only match. Adds the selection to
+// `ambiguous` if several records match it.
 ats::result<> address_search::sort_answers(const std::vector<record_selection>& selections,
                                            std::vector<record_selection>& ambiguous)
 {
@@ -105,7 +109,7 @@ ats::result<> address_search::sort_answers(const std::vector<record_selection>& 
         else if (answer && status == 0)
             std::memcpy(&list_.records.emplace_back(), answer->payload, sizeof(ib_service_record_v2_t));
         else if (!answer || status != status_word(SA_STATUS_NO_RECORDS))
-            has_unanswered_ = true;
+            has_unanswered_request_ = true;
     }
     return {};
 }
@@ -126,11 +130,12 @@ ats::result<record_list> address_search::run(const record_selection& start, size
     }
     for (const record_selection& each : ambiguous)
         if (const auto searched = search_by_gid(each); !searched) return ats::pass_on(searched);
-    if (has_unanswered_) list_.remarks.emplace_back("some requests were not answered: records may be missing");
+    if (has_unanswered_request_) list_.remarks.emplace_back("some requests were not answered: records may be missing");
     return std::move(list_);
 }
 
-// Records with the same address differ only in their GIDs.
+// Finds the records of one address, which `ambiguous` selects. Asks for the record of each GID of the fabric. The GID
+// of a port that has left the fabric is unknown, so its record is found only in the first segment of the SA's table.
 ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
 {
     const auto table = sa_.ask_table(ambiguous.request(MAD_METHOD_GET_TABLE));
@@ -152,8 +157,8 @@ ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
     return sorted;
 }
 
-// Reads the NodeRecords (IBA 15.2.5.2) of consecutive LIDs, a batch at a time. Stops after the first batch without a
-// record.
+// Learns the GIDs of all ports from their NodeRecords (IBA 15.2.5.2). Asks for the records of consecutive LIDs, in
+// batches. Stops after the first batch without a record.
 ats::result<> address_search::learn_gids()
 {
     constexpr uint16_t last_unicast_lid = 0xBFFF, batch_size = 256;
@@ -174,7 +179,7 @@ ats::result<> address_search::learn_gids()
         for (const std::optional<sa_mad_v2_t>& answer : *answers) {
             if (!answer || from_wire(answer->hdr.u.ns.status.raw16) != 0) continue;
             has_records = true;
-            fabric::gid_bytes gid = sa_.gid(); // its first half is common to the subnet
+            fabric::gid_bytes gid = sa_.gid(); // all ports of the subnet have the same prefix, the first eight bytes
             std::copy_n(answer->payload + port_guid_offset, port_guid_size, gid.begin() + port_guid_size);
             gids.insert(gid);
         }
@@ -183,7 +188,7 @@ ats::result<> address_search::learn_gids()
     return {};
 }
 
-// Sorts by address, GID and P_Key. Keeps each record once.
+// Sorts by address, GID and P_Key. Removes duplicates.
 void put_in_order(std::vector<ib_service_record_v2_t>& records)
 {
     const auto key = [](const ib_service_record_v2_t& record) {

@@ -1,6 +1,6 @@
-// Lists the records of this service at the SA of a real fabric. One SubnAdmGetTable is enough if answers of several
-// segments arrive whole. Otherwise the records are searched with SubnAdmGets. Their answers show if none, one or
-// several records match, so the addresses can be searched octet by octet.
+// Lists the records of this service at the SA of a real fabric. It first sends a SubnAdmGetTable. Under ibsim, only the
+// first segment of a long answer arrives. The records are then searched with SubnAdmGets. The answer to a SubnAdmGet
+// tells if zero, one or several records match, so the search can go through the addresses octet by octet.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@
 namespace console
 {
 
-// Selects the records that are equal in every field with a value.
+// Selects records. A record must be equal in every field that has a value here. Without any value, all are selected.
 struct record_filter {
     std::optional<uint32_t> address = {}; // network order
     std::optional<fabric::gid_bytes> gid = {};
@@ -21,12 +21,12 @@ struct record_filter {
 };
 
 struct record_list {
-    std::vector<ib_service_record_v2_t> records; // ordered by address, then GID
-    std::vector<std::string> remarks;            // one line for each kind of record that may be missing
+    std::vector<ib_service_record_v2_t> records; // sorted by address, GID and P_Key
+    std::vector<std::string> remarks;            // each line tells which records may be missing, and why
 };
 
-// Asks through the client's port. Takes some seconds if it must search the addresses. Fails with unreachable if the SA
-// does not answer, and with failed if it refuses or the port cannot be used.
+// Asks the SA through the port of `sa`. A search through the addresses takes some seconds. Fails with unreachable if
+// the SA does not answer. Fails with failed if the SA refuses the request or the port cannot be used.
 ats::result<record_list> list_records(umad::sa_client& sa, const record_filter& filter);
 
 } // namespace console

@@ -18,10 +18,10 @@ namespace
 
 std::string number_text(double number)
 {
-    return fmt::format("{:.15g}", number); // no exponent for the whole numbers of options
+    return fmt::format("{:.15g}", number); // 15 digits are enough to write the limits of options without an exponent
 }
 
-// Makes a check of an option's value. `complaint_about_value` returns "" for a valid value.
+// Makes a validator from `complaint_about_value`, which returns "" for a valid value.
 CLI::Validator check(const std::function<std::string(const std::string&)>& complaint_about_value)
 {
     return CLI::Validator([complaint_about_value](std::string& value) { return complaint_about_value(value); }, "");
@@ -132,7 +132,7 @@ void add_module_folder_option(CLI::App& command, std::string& folder)
 
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& error)
 {
-    const CLI::App* command = &program; // the parser stopped in this command
+    const CLI::App* command = &program; // after the loop: the command in which the parser stopped
     std::string command_line = program.get_name();
     while (!command->get_subcommands().empty()) {
         command = command->get_subcommands().front();
@@ -140,7 +140,8 @@ std::string complaint_about(const CLI::App& program, const CLI::ParseError& erro
     }
     const std::vector<std::string> unknown_words = command->remaining();
     const bool needs_subcommand = command->get_require_subcommand_min() > 0;
-    const bool is_about_words = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr; // get_name() varies
+    // The name of an ExtrasError may be the name of a command, so its type decides.
+    const bool is_about_words = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
     std::string complaint;
     if (!unknown_words.empty() && (is_about_words || needs_subcommand))
         complaint = complaint_about_word(*command, unknown_words.front());

@@ -1,4 +1,4 @@
-// Explains an error in a command line, and names the valid values.
+// Checks the values of options, and explains errors in a command line.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,16 +8,17 @@
 namespace console
 {
 
-// Checks of an option's value. Their messages list the valid values.
+// Return validators for the value of an option. The error text of a validator says what a valid value is.
 CLI::Validator one_of(const std::vector<std::string>& words);
 CLI::Validator number_from(double least, double most);
 CLI::Validator existing_file();
 CLI::Validator existing_folder();
 
-// Adds --modules. `folder` is the default and receives the value.
+// Adds the option --modules. `folder` holds the default and receives the value; it must outlive `command`.
 void add_module_folder_option(CLI::App& command, std::string& folder);
 
-// Explains the error in the command line that `program` was parsing. The second line names the right help.
+// Returns two lines about `error`, which `program` threw while it parsed a command line. The first line explains the
+// error. The second line tells the user which --help to read.
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& error);
 
 } // namespace console
