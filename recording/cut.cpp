@@ -30,7 +30,7 @@ tl::unexpected<ats::error> wrong_line(size_t number, const std::string& reason)
     return ats::fail(ats::error_kind::invalid, "line " + std::to_string(number) + ": " + reason);
 }
 
-// Reads a line of a recording. False: it has no tick or no kind.
+// Reads the event in a line of a recording. Returns false if the line has no tick ("t") or no kind ("e").
 bool read_event(const std::string& text, event_line& event)
 {
     const json fields = json::parse(text, nullptr, false);
@@ -47,7 +47,8 @@ bool is_header(const std::string& text)
            header.value("version", json()) == format_version;
 }
 
-// The largest window at one end of the recording whose details do not exceed the limit.
+// Returns the largest window whose details have at most byte_limit bytes. The window is at the beginning of the
+// recording, or at the end with keeps_end.
 window fitting_window(const std::vector<event_line>& events, const cut_options& options)
 {
     window window{events.front().tick, events.back().tick};
@@ -85,7 +86,7 @@ ats::result<cut_recording> cut(const std::string& lines, const cut_options& opti
             result.lines = text + "\n";
         } else if (read_event(text, event)) {
             events.push_back(std::move(event));
-        } else if (!is_last) { // a run that was killed may end within a line
+        } else if (!is_last) { // the last line may be cut off, because the run was killed
             return wrong_line(number, "it is not an event of a recording");
         }
     }

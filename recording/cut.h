@@ -1,4 +1,4 @@
-// Cuts a long recording to a window, so that its page stays small enough to open.
+// Cuts a long recording to a window of time. The page of the recording then stays small enough for a browser.
 #pragma once
 
 #include <cstdint>
@@ -10,20 +10,21 @@
 namespace recording
 {
 
+// Both ends belong to the window.
 struct window {
     uint64_t from_tick;
     uint64_t to_tick;
 };
 
 struct cut_options {
-    std::optional<window> selection = {}; // the part to show; if empty, as much as fits
-    bool keeps_end = false;               // if not everything fits, keeps the end instead of the beginning
-    size_t byte_limit = 4 << 20;          // for datagrams and log lines
+    std::optional<window> selection = {}; // the window to show; without it, the largest window within byte_limit
+    bool keeps_end = false;               // the window is at the end of the recording, not at its beginning
+    size_t byte_limit = 4 << 20;          // for the datagrams, log lines and tables of a window without `selection`
 };
 
 struct cut_recording {
     std::string lines;
-    std::optional<window> shown_window; // empty if everything is shown
+    std::optional<window> shown_window; // empty if nothing was removed
 };
 
 // Removes datagrams, log lines and tables outside of the window. All other events stay, because the states at the

@@ -1,4 +1,4 @@
-// The fields of SA datagrams and of ServiceRecords in a recording.
+// Makes the JSON fields that describe an SA datagram or a ServiceRecord in a recording.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -9,11 +9,11 @@
 namespace recording
 {
 
-// Returns "method", "attribute" and "tid". A response also has "status". A ServiceRecord has "mask" and "record", a
-// PathRecord has "mask" and "path".
+// Returns "method", "attribute", "tid" (the TransactionID) and "mask" (the component mask). A response also has
+// "status". A datagram with a ServiceRecord also has "record". A datagram with a PathRecord also has "path".
 nlohmann::ordered_json fields_of(const fabric::mad_bytes& mad);
 
-// Returns "gid", "p_key", "address", "name" and "lease". A record of another service also has "service".
+// Returns "gid", "p_key", "address", "name" and "lease". A record of another service also has "service", its ServiceID.
 nlohmann::ordered_json fields_of(const ib_service_record_v2_t& record);
 
 } // namespace recording

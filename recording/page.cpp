@@ -18,7 +18,7 @@ void replace(std::string& text, const std::string& mark, const std::string& valu
     if (position != std::string::npos) text.replace(position, mark.size(), value);
 }
 
-// Replaces each "<" by its escape in JSON. Otherwise the script element of the page would end at the first "</".
+// Replaces each "<" by its JSON escape. Without the escape, a browser ends the script element at the first "</script".
 std::string inside_script(const std::string& lines)
 {
     std::string text;

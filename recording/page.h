@@ -10,14 +10,14 @@
 namespace recording
 {
 
-// Writes the page. `about` describes the run; docs/recording.md lists its fields. `lines` is a whole recording. The
-// error tells why the file cannot be written.
+// Writes the page to the file `path`. `about` describes the run; docs/recording.md lists its fields. `lines` is a whole
+// recording, or one from cut(). The error tells why the file cannot be written.
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);
 
-// If the recording was cut, says so in `about`.
+// Adds the window of a recording that was cut to `about`, so that the page can show it. Does nothing without a window.
 void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown_window);
 
-// Returns the whole text of a file that is open for reading and writing.
+// Returns the whole text of a file that is open for reading and writing. Moves the position of `file` to its end.
 std::string text_of_file(std::FILE* file);
 
 } // namespace recording

@@ -11,7 +11,7 @@ namespace recording
 namespace
 {
 
-// The order is that of recorder::values_of.
+// In the order of recorder::values_of().
 constexpr const char* switch_names[] = {
     "latency ticks",    "jitter ticks", "loss percent",      "duplicates percent", "reordering percent",
     "corrupt percent",  "drop next",    "drop next answers", "send queue full",    "refused sends percent",
@@ -29,7 +29,7 @@ const char* text_of(fabric::link_state state)
     return texts[static_cast<size_t>(state) - 1];
 }
 
-// Names only the faults that have affected the datagram.
+// Adds a field for each fault that has affected the datagram.
 void add_faults(const embedded::datagram_faults& faults, json& fields)
 {
     if (faults.is_twin) fields["twin"] = true;
@@ -182,7 +182,7 @@ void recorder::write(uint64_t now_ticks, const char* kind, const json& fields)
     if (is_finished_) return;
     json line = {{"t", now_ticks}, {"e", kind}};
     line.update(fields);
-    // Names may have any bytes. U+FFFD replaces bytes that are not UTF-8.
+    // A host name may contain any bytes. dump() replaces those that are not UTF-8 by U+FFFD.
     std::fputs((line.dump(-1, ' ', false, json::error_handler_t::replace) + "\n").c_str(), file_);
 }
 

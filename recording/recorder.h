@@ -1,6 +1,5 @@
 // Writes a recording of a run: sent and arrived datagrams, changes of ports and of the SA's records, and log lines of
-// hosts. docs/recording.md describes the format, which is JSON Lines. The recorder only watches: it does not change the
-// run.
+// hosts. The format is JSON Lines; docs/recording.md describes it. The recorder does not change the run.
 #pragma once
 
 #include <array>
@@ -21,15 +20,18 @@ using json = nlohmann::ordered_json;
 
 constexpr int format_version = 1;
 
-// Any thread may call any function, unless its comment says otherwise.
+// Any thread may call any function, except for the first three below.
 class recorder final : public embedded::observer
 {
   public:
-    // Writes to `file`, which stays open. `program` is the command line that repeats the run.
+    // Writes to `file`. The caller owns `file` and closes it after its last use here. `program` is the command line
+    // that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // The next three calls are for one thread at a time. follow() begins to record the events of the subnet, or the log
-    // lines of a host. stop() ends both; afterwards the recorder no longer uses the subnet and the machines.
+    // follow() begins to record the events of a subnet, or the log lines of a host. stop() ends this recording. The
+    // machines must live until stop(). The subnet must outlive the last call of the recorder: note() and finish() read
+    // its faults and counters. Only one thread at a time may call these three functions. Call follow(subnet) before
+    // other threads use the recorder.
     void follow(embedded::subnet& subnet);
     void follow(const std::string& host, kernel::machine& machine);
     void stop();
@@ -37,16 +39,18 @@ class recorder final : public embedded::observer
     // Records one log line of a host.
     void note_line(const std::string& host, const kernel::log_line& line);
 
-    // Records an event of the program, for example an act of a campaign, with its kind and its own fields.
+    // Records an event of any kind, with its fields. Programs add their own kinds, for example "act" for a campaign.
+    // First records changed faults, as note_faults() does.
     void note(uint64_t now_ticks, const char* kind, json fields);
 
-    // Records the active faults of the subnet, if they have changed. Each event of the subnet does this too.
+    // Records each fault switch of the subnet whose value has changed since the last call.
     void note_faults(uint64_t now_ticks);
 
-    // Records all records of the SA, for comparison with the recorded changes.
+    // Records all ServiceRecords of the SA, for comparison with the recorded changes. Needs follow(subnet).
     void note_table(uint64_t now_ticks);
 
-    // Writes the last event, with the subnet's own counters, and flushes the file. Afterwards nothing is recorded.
+    // Records the last event, "end", with the counters of the subnet, and flushes the file. Later events are ignored.
+    // Fails if the file could not be written.
     ats::result<> finish(uint64_t now_ticks);
 
     // ---- embedded::observer ----
@@ -68,12 +72,12 @@ class recorder final : public embedded::observer
     static switch_values values_of(const embedded::fault_switches& faults);
     void write(uint64_t now_ticks, const char* kind, const json& fields);
 
-    std::mutex mutex_; // guards the file and the next four members
+    std::mutex mutex_; // guards the file, is_finished_ and switches_
     std::FILE* const file_;
     embedded::subnet* subnet_ = nullptr;
     bool is_finished_ = false;
     switch_values switches_{};
-    std::map<kernel::machine*, int> log_handles_; // the handle of kernel::log::follow
+    std::map<kernel::machine*, int> log_handles_; // the results of kernel::log::follow()
 };
 
 } // namespace recording

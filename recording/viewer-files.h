@@ -1,4 +1,4 @@
-// The files of viewer/. The build puts them into the program.
+// The texts of the files in viewer/. The build makes the definitions from viewer-files.cpp.in.
 #pragma once
 
 namespace recording

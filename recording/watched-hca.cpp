@@ -6,7 +6,7 @@ namespace recording
 namespace
 {
 
-std::atomic<uint64_t> last_number{0}; // of the datagrams at all watched HCAs
+std::atomic<uint64_t> last_number{0}; // the datagrams at all watched HCAs are numbered from 1
 
 } // namespace
 
@@ -35,7 +35,7 @@ bool watched_hca::send(int port, const fabric::address& destination, const fabri
         const std::lock_guard lock(mutex_);
         view = views_[static_cast<size_t>(port - 1)];
     }
-    // The answer may arrive before send() returns, so the request is recorded first.
+    // Record the request before send(), because the answer may arrive before send() returns.
     const uint64_t number = ++last_number;
     recorder_.sent(exec_.now(), {number, mad, {}}, &view, destination.lid);
     if (hca_.send(port, destination, mad)) return true;

@@ -1,5 +1,5 @@
-// An HCA that records the datagrams and changes at its ports, for fabrics without an observer. It cannot see if a
-// request arrives, or when an answer was sent.
+// Wraps an HCA of a real fabric and records the datagrams and changes at its ports. On the embedded fabric, the
+// recorder itself observes the subnet. A watched HCA cannot see if a request arrives, or when an answer was sent.
 #pragma once
 
 #include <atomic>
