@@ -17,7 +17,8 @@ std::vector<gid_t> groups_of(int socket, gid_t primary)
     std::vector<gid_t> groups(64);
     socklen_t bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
     if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) {
-        groups.resize(bytes / sizeof(gid_t)); // if it was too small, the call has returned the size that it needs
+        groups.resize(bytes /
+                      sizeof(gid_t)); // if the buffer was too small, getsockopt() has set `bytes` to the needed size
         bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
         if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) bytes = 0;
     }

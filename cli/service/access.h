@@ -1,5 +1,5 @@
-// The access rules define which users may send which requests to the service. The kernel names the user of a
-// connection.
+// The access rules define which users may send which requests to the service. A request is a question, which changes
+// nothing, or an order. The kernel tells the service the user of a connection (SO_PEERCRED).
 #pragma once
 
 #include <optional>
@@ -19,13 +19,13 @@ struct peer {
     std::vector<gid_t> groups;
 };
 
-// The peer of a connected socket, or nothing if the kernel does not tell.
+// Returns the user at the other end of a connected socket, or nothing if the kernel cannot tell.
 std::optional<peer> peer_of(int socket);
 
 // Returns "root", or "root and the user NAME" if another user runs this service. Asks the user database.
 std::string owner_text();
 
-// The users that may send requests of one kind. Root and the user that runs the service always may.
+// Selects the users that may send questions, or orders. Root and the user that runs the service may always send both.
 struct access_rule {
     enum class audience { owner, everyone, group };
     audience audience = audience::owner;
@@ -39,16 +39,16 @@ struct access_rule {
 struct access_rules {
     access_rule questions;
     access_rule orders;
-    // Users who may ask questions but not give orders can read log lines up to this trace level; 0 means none.
+    // The highest trace level of log lines for users who may send questions but no orders; 0 means no lines.
     int log_level = 0;
 
-    // Returns true if a user other than root and the owner may ask anything.
+    // Returns true if users other than root and the owner may send questions or orders.
     bool is_open_to_others() const;
     bool operator==(const access_rules&) const = default;
 };
 
-// `word` is "owner", "everyone" or the name of a group. An unknown group is invalid. Asks the user database, which may
-// be slow.
+// Makes a rule from `word`: "owner", "everyone" or the name of a group. Fails (invalid) if the group is unknown. Asks
+// the user database, which may be slow.
 ats::result<access_rule> access_rule_of(const std::string& word);
 
 } // namespace cli

@@ -1,6 +1,6 @@
-// Descriptors that outlive this process. The service manager keeps copies of them and passes them to the next process
-// of the service (FDSTORE=1 of sd_notify(3), LISTEN_FDS of sd_listen_fds(3)). Any thread. Without a service manager,
-// nothing is kept.
+// Keeps file descriptors open after the end of this process. The service manager stores copies of them and passes the
+// copies to the next process of the service (FDSTORE=1 of sd_notify(3), LISTEN_FDS of sd_listen_fds(3)). Without a
+// service manager, nothing is stored. Any thread may call these functions.
 #pragma once
 
 #include <string>
@@ -16,12 +16,13 @@ struct kept_descriptor {
     client::descriptor file;
 };
 
-// Returns the descriptors that earlier processes of the service have left, each one once. Call it before other threads
-// read the environment.
+// Returns the descriptors that earlier processes of the service have stored. A second call returns none. The call
+// changes the environment, so make it before other threads read the environment.
 std::vector<kept_descriptor> take_kept_descriptors();
 
-// Makes the service manager keep a copy of `file` until it is forgotten or its other end is closed. Names must be
-// unique. Returns false if there is no service manager, or if it accepts no message at once.
+// keep_descriptor() asks the service manager to store a copy of `file`. The manager closes the copy after
+// forget_descriptor(), or when the other end of `file` is closed. `name` must be unique. Returns false if there is no
+// service manager, or if it does not accept the message within 0.1 seconds.
 bool keep_descriptor(const std::string& name, int file);
 void forget_descriptor(const std::string& name);
 

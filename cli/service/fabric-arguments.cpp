@@ -11,7 +11,7 @@ namespace
 
 using ats::error_kind;
 
-// Prints a line about a port of this host.
+// Prints a line about a port of `host`.
 void print_port_remark(const std::string& host, const umad::port_remark& remark)
 {
     console::print_limited({.text = remark.text, .part = "port", .host = host, .hca = remark.hca, .port = remark.port});

@@ -1,4 +1,4 @@
-// The options of `ats run` that select the fabric: the embedded one, or this machine's real ports.
+// The options of `ats run` that select the fabric: the embedded fabric, or the real ports of this machine.
 #pragma once
 
 #include <string>
@@ -26,12 +26,13 @@ struct fabric_arguments {
     bool is_real() const { return kind == "umad"; }
 };
 
-// Adds the options to the command. Its options --hosts and --config exclude some of them. `arguments` must outlive the
-// command.
+// Adds the options to `command`. `hosts` and `config` are the command's options --hosts and --config; some of the new
+// options cannot go together with them. `arguments` must outlive the command.
 void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Option* hosts, CLI::Option* config);
 
-// Completes the configuration from --config or --hosts. On a real fabric without --config, that configuration is empty.
-// Options that contradict each other are invalid.
+// Adds the values of the options to `config`, which is the configuration from --config or --hosts. With --fabric umad,
+// `config` is replaced by a configuration with one host, which is this machine. Fails (invalid) if options contradict
+// each other.
 ats::result<world_config> with_fabric(world_config config, const fabric_arguments& arguments);
 
 } // namespace cli

@@ -21,8 +21,8 @@ tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
     return ats::fail("ats is not loaded on " + machine.name());
 }
 
-// Calls an identity function that ats exports. Its module stays loaded during the call. Returns false if the new
-// identity was stored, but not sent on every HCA.
+// Calls `function`, by which ats exports the change of a host's name or address. The module ats stays loaded during the
+// call. Returns false if ats has stored the new value, but has not sent the new record on every HCA.
 template <class argument_t>
 ats::result<bool> set_identity(kernel::machine& machine, const char* function, argument_t argument)
 {
@@ -37,7 +37,8 @@ ats::result<bool> set_identity(kernel::machine& machine, const char* function, a
     return status == 0;
 }
 
-// Executes an order that changes the registered record.
+// Executes `order`, which changes the registered record. Then waits as `completion` says. `order` returns false if it
+// has not sent the record on every HCA. `is_new_record` recognizes the new record.
 ats::result<> change_record(world::host& host, completion completion,
                             const confirmation::is_new_record_t& is_new_record,
                             const std::function<ats::result<bool>()>& order)

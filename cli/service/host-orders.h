@@ -1,4 +1,7 @@
-// Orders that change a running host. Requests of clients and the reload of the configuration use the same orders.
+// Functions that change a running host. Requests of clients and the reload of the configuration use the same functions.
+//
+// Call them from a thread that is not a task of a machine. They may sleep. An error says that the module ats is not
+// loaded, or why the change failed.
 #pragma once
 
 #include <string>
@@ -10,26 +13,24 @@
 namespace cli
 {
 
-// Any thread outside of the machines may give these orders. They may sleep. The error says that the module is not
-// loaded, or why the order failed.
-
-// Writes a command to the control file. Returns the text that the module printed about it.
+// Writes a command to the control file. Returns the text that ats printed meanwhile.
 ats::result<std::string> write_control(world::host& host, const std::string& command);
 
-// Sets the trace level: from 0 (nothing) to 5 (everything).
+// Sets the trace level of ats: from 0 (traces nothing) to 5 (traces everything).
 void set_trace_level(world::host& host, int level);
 
-// Sets how often the host asks the SA for its record. The new period begins after the next check of each HCA.
-// Spreads the host's later link-ups and registrations; see stack::link_up_spread.
+// Delays each later link-up, and the registration after it, by a random part of `seconds`; see stack::link_up_spread.
 void set_spread(world::host& host, int seconds);
 
+// Sets how often the host checks its record at the SA. The new period begins after the next check of each HCA.
 ats::result<> set_verification(world::host& host, const verification& verification);
 
+// The event for which set_name() and set_address() wait: the host has sent the record, or the SA has confirmed it.
 enum class completion { sent, confirmed };
 
-// Changes the registered name or address, which must be valid. Waits until the record has been sent, or until the SA
-// has confirmed it: at most about three seconds. If the record is stored, but not sent or not confirmed, this is an
-// error. A later check then registers the record.
+// Changes the registered name or address. `name` must pass console::is_host_name(). `ip` is in network order and must
+// be a result of console::host_address_of(). Waits for `completion`, at most about three seconds. Fails if the host has
+// stored the new value but the record was not sent, or not confirmed. A later check of the record then registers it.
 ats::result<> set_name(world::host& host, const std::string& name, completion completion);
 ats::result<> set_address(world::host& host, uint32_t ip, completion completion);
 

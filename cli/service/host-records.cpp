@@ -19,19 +19,20 @@ namespace
 
 using records::host_record;
 
-constexpr int most_records = 8; // of one GID; they differ in their P_Keys
-// If the answer to a Delete is lost, the Delete is repeated. The second answer says that the SA has no such record.
+constexpr int most_records = 8; // records of one GID, which differ in their P_Keys
+// host_records::remove_all() gives up after so many Deletes without a record. One of them may be harmless: if the
+// answer to a Delete is lost, sa_questions repeats the Delete, and the SA then answers that it has no such record.
 constexpr int most_tries_in_vain = 2;
 constexpr uint64_t id_component = uint64_t{1} << SR_COMPONENT_SERVICE_ID;
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr uint64_t p_key_component = uint64_t{1} << SR_COMPONENT_SERVICE_P_KEY;
 constexpr uint64_t address_components = uint64_t{0xF} << (SR_COMPONENT_SERVICE_DATA8 + records::address_offset);
 
-// The identities under which the SA may have a record of the host.
+// The GIDs and P_Keys under which the SA may have a record of the host.
 struct own_identity {
     std::set<fabric::gid_bytes> gids;
     std::set<uint16_t> p_keys;
-    bool has_registered = false; // in this run
+    bool has_registered = false; // true: the host has sent a record since the service started
 };
 
 own_identity identity_of(world::host& host)
@@ -70,7 +71,7 @@ struct sa_answer {
     host_record record;
 };
 
-// Asks the SA for the records of one host.
+// Reads and deletes records at the SA.
 class host_records
 {
   public:
@@ -81,14 +82,16 @@ class host_records
         return ask(MAD_METHOD_GET, id_component | components, record);
     }
 
-    // Returns true if there was such a record.
+    // Deletes the record with the GID and P_Key of `record`. Returns true if the SA had it.
     ats::result<bool> remove(const host_record& record)
     {
         return ask(MAD_METHOD_DELETE, id_component | gid_component | p_key_component, record)
             .map([](const sa_answer& a) { return a.status == 0; });
     }
 
-    // Deletes every record of the GID. Returns a line, or "" if there was none.
+    // Deletes every record of the GID. Returns a line for the administrator, which also says if a record remains.
+    // Returns
+    // "" if the SA has no record.
     ats::result<std::string> remove_all(const fabric::gid_bytes& gid, const std::set<uint16_t>& p_keys);
 
   private:

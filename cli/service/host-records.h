@@ -1,5 +1,6 @@
-// Checks the records of a host at the SA before the host's modules are loaded and after they are unloaded. The modules
-// do not notice it. Call it from outside of the machine.
+// Checks the records of a host at the SA before the host's modules are loaded, and after they are unloaded. The service
+// asks the SA itself, through the host's ports. Only one thread at a time, which is not a task of a machine, may call
+// these functions for a host.
 #pragma once
 
 #include <string>
@@ -11,14 +12,14 @@
 namespace cli
 {
 
-// Deletes the remaining records of the host from the SA: those of its present GIDs and of GIDs under which it has
-// registered in this run. Its modules are already unloaded. Returns a line for each GID with such a record. Fails with
-// unreachable if the SA is silent, or if it cannot be asked although the host has registered. If the SA is silent, the
-// call takes a second.
+// Deletes the records that the host has left at the SA. Call it after the host's modules are unloaded. Deletes the
+// records of all GIDs that the host's ports have now, and of all GIDs under which the host has registered since the
+// service started. Returns a line for each GID with a record. Fails (unreachable) if the SA does not answer within a
+// second. If no port is active, the SA cannot be asked: this is also an error if the host has registered.
 ats::result<std::vector<std::string>> delete_leftovers(world::host& host);
 
 // Returns one line if the SA has a record of `address` under a GID of another host. Otherwise, or without an active
-// port, returns "". Fails for the same reasons as delete_leftovers().
+// port, returns "". Fails (unreachable) if the SA does not answer within a second.
 ats::result<std::string> other_holder(world::host& host, const std::string& address);
 
 } // namespace cli

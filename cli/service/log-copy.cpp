@@ -15,10 +15,10 @@ namespace
 
 using console::priority;
 
-constexpr const char* part = "log"; // docs/operations.md lists it
+constexpr const char* part = "log"; // the value of ATS_PART; docs/operations.md lists these values
 
-// The maximum number of lines that wait for the journal. More lines mean that the journal accepts none; they are
-// dropped.
+// The maximum number of lines that wait for the journal. More lines are dropped, because the journal accepts no lines
+// then.
 constexpr size_t most_waiting_lines = console::line_limit::most_lines;
 
 // The priorities of trace lines, by level.
@@ -26,7 +26,7 @@ constexpr std::array trace_priorities = {priority::error,       priority::error,
                                          priority::information, priority::debug, priority::debug};
 static_assert(trace_priorities.size() == console::trace_level_everything + 1);
 
-// The module in a trace line, in lower case: "ats" for "ERROR   : ATS : ...".
+// Returns the module's name in a trace line, in lower case: "ats" for "ERROR   : ATS : ...".
 std::string module_of(const std::string& trace_line)
 {
     constexpr std::string_view separator = " : ";
@@ -36,7 +36,8 @@ std::string module_of(const std::string& trace_line)
     return name;
 }
 
-// A plain line has the priority with which it was printed, or else the priority of a notice.
+// A trace line gets the priority of its level. Any other line keeps the priority with which the host printed it.
+// Without such a priority, it becomes a notice.
 console::notice notice_of(const std::string& host, const kernel::log_line& line)
 {
     console::notice notice{.text = line.text, .part = part, .host = host};
@@ -60,17 +61,17 @@ log_copy::~log_copy()
     {
         const std::lock_guard lock(mutex_);
         is_stopping_ = true;
-        changed_.notify_all();
+        change_.notify_all();
     }
     thread_.join();
 }
 
 void log_copy::follow(const std::string& host, kernel::log& log)
 {
-    log.follow([this, host](const kernel::log_line& line) { take(host, line); });
+    log.follow([this, host](const kernel::log_line& line) { add(host, line); });
 }
 
-void log_copy::take(const std::string& host, const kernel::log_line& line)
+void log_copy::add(const std::string& host, const kernel::log_line& line)
 {
     const std::lock_guard lock(mutex_);
     if (waiting_lines_.size() >= most_waiting_lines) return limit_.leave_out();
@@ -78,14 +79,14 @@ void log_copy::take(const std::string& host, const kernel::log_line& line)
     if (!earlier) return;
     waiting_lines_.insert(waiting_lines_.end(), earlier->begin(), earlier->end());
     waiting_lines_.push_back(notice_of(host, line));
-    changed_.notify_all();
+    change_.notify_all();
 }
 
 void log_copy::work()
 {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [&] { return is_stopping_ || !waiting_lines_.empty(); });
+        change_.wait(lock, [&] { return is_stopping_ || !waiting_lines_.empty(); });
         if (waiting_lines_.empty()) return;
         const console::notice notice = std::move(waiting_lines_.front());
         waiting_lines_.pop_front();

@@ -1,6 +1,6 @@
-// Copies the lines of the hosts' kernel logs into systemd's journal. The printing tasks must not wait for the journal,
-// so a thread sends the lines. The number of lines is limited, see console/line-limit.h. The logs themselves keep every
-// line.
+// Copies the lines of the hosts' kernel logs into systemd's journal. The tasks that print the lines must not wait for
+// the journal, so a thread sends the lines. The number of copied lines is limited, see console/line-limit.h. The kernel
+// logs also keep the lines that are not copied.
 #pragma once
 
 #include <condition_variable>
@@ -22,24 +22,25 @@ class log_copy
   public:
     using send_t = std::function<void(const console::notice&)>;
 
-    // Starts a thread, which calls `send`. Throws a shortage if the thread cannot be created.
+    // Starts a thread, which calls `send` for each line. Throws exec::shortage if the thread cannot be created.
     explicit log_copy(send_t send);
 
-    // Waits until every copied line has been sent. The logs are already destroyed.
+    // Waits until every waiting line has been sent.
     ~log_copy();
     log_copy(const log_copy&) = delete;
     log_copy& operator=(const log_copy&) = delete;
 
-    // Copies the lines of this host's log from now on. All logs have the same clock. The log must be destroyed first.
+    // Copies the later lines of `log`, which is the log of `host`. `log` must be destroyed before this object. All logs
+    // must use the same clock, because the limit of lines compares their times.
     void follow(const std::string& host, kernel::log& log);
 
   private:
-    void take(const std::string& host, const kernel::log_line& line);
+    void add(const std::string& host, const kernel::log_line& line);
     void work();
 
     const send_t send_;
-    std::mutex mutex_; // guards the following members
-    std::condition_variable changed_;
+    std::mutex mutex_;               // guards the following members
+    std::condition_variable change_; // of waiting_lines_ or is_stopping_
     console::line_limit limit_{": 'ats log' has them"};
     std::deque<console::notice> waiting_lines_;
     bool is_stopping_ = false;

@@ -65,7 +65,8 @@ std::string begin_answer(const std::optional<uint64_t>& id, const char* status, 
            std::to_string(nanoseconds / 1000);
 }
 
-// Adds members. The texts are our own and need no escapes.
+// These functions add a member to the JSON object in `line`. The texts come from this program and contain no characters
+// that JSON must escape.
 void add_text(std::string& line, const char* key, const std::string& text)
 {
     line += std::string(",\"") + key + "\":\"" + text + "\"";

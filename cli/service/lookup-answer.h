@@ -1,5 +1,5 @@
-// The answer about an address, a GID or a path as a line of the protocol. It is built without a JSON library, because
-// it is the most frequent answer.
+// Formats the answer to a lookup of an address, a GID or a path as a line of the protocol. Lookups are the most
+// frequent requests, so this code builds the line without a JSON library, which is faster.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,8 @@
 namespace cli
 {
 
-// The line without its end. `id` is the request's, if it has one.
+// Return a JSON object in one line, without the line end. `id` is the "id" of the request; empty if the request has
+// none. `cache_only` means that only the cache was asked. Pure.
 std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool cache_only, std::optional<uint64_t> id);
 std::string path_answer(const world::path_resolution& answer, std::optional<uint64_t> id);
 

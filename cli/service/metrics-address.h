@@ -1,4 +1,4 @@
-// The address at which metrics are served over HTTP.
+// Reads the address at which the service offers its metrics over HTTP.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,7 +10,8 @@
 namespace cli
 {
 
-// Reads an IPv4 address and a port from 1 to 65535, for example "127.0.0.1:9783". Pure.
+// Reads an IPv4 address and a port from 1 to 65535, for example "127.0.0.1:9783". Returns nothing for any other text.
+// Pure.
 inline std::optional<sockaddr_in> metrics_address_of(const std::string& text)
 {
     constexpr unsigned long most = 65535;

@@ -20,14 +20,14 @@ namespace
 using nlohmann::json;
 using stack::registration_state;
 
-constexpr uint64_t answer_limit_ticks = 1000; // the longest time for an answer of the SA
-constexpr unsigned long look_period_ticks = 5;
+constexpr uint64_t answer_limit_ticks = 1000; // the SA counts as silent if it has not answered after this time
+constexpr unsigned long poll_period_ticks = 5;
 
 struct hca_state {
     std::string hca;
-    bool has_link = false;                           // at least one port has a link
-    bool port_has_link = false;                      // the port that sent the record has a link
-    std::optional<stack::registration> registration; // empty if no record has been sent
+    bool has_link = false;                           // at least one port is active
+    bool port_has_link = false;                      // the port that sent the record is active
+    std::optional<stack::registration> registration; // empty if the HCA has sent no record
 };
 
 tl::unexpected<ats::error> no_port()
@@ -45,8 +45,8 @@ tl::unexpected<ats::error> not_sent()
     return ats::fail("it was not sent, 'ats log --level 1' says why");
 }
 
-// Reads the states of the host's HCAs, in their order.
-std::vector<hca_state> look(world::host& host)
+// Reads the states of the host's HCAs, in the order of the HCAs.
+std::vector<hca_state> read_hca_states(world::host& host)
 {
     kernel::machine& machine = host.machine();
     std::vector<stack::registration_view> views;
@@ -79,7 +79,7 @@ std::string text_of(const ib_service_record_v2_t& record)
     return world::format_ipv4(host.address) + " " + world::printable(host.host_name);
 }
 
-// Succeeds if the SA has the record that was sent last.
+// Succeeds if the SA has confirmed the record that the host sent last. Otherwise the error gives the reason.
 ats::result<> answer_of(const stack::registration& registration)
 {
     switch (registration.state) {
@@ -101,7 +101,8 @@ ats::result<> answer_of(const stack::registration& registration)
     return {};
 }
 
-// Succeeds if the HCA counts as registered at that time.
+// Succeeds if the HCA is registered at the time `now_ticks`: its port is active, the SA has confirmed its record, and
+// the SA is not silent.
 ats::result<> registration_of(const hca_state& hca, uint64_t now_ticks)
 {
     if (!hca.has_link) return no_port();
@@ -146,8 +147,8 @@ json report_of(const hca_state& hca, uint64_t now_ticks)
     return report;
 }
 
-// Asks the SA for the owner of the unconfirmed record's address. The stack also sees the answer. Fails if the SA names
-// another owner or none.
+// Asks the SA for the owner of the address in an unconfirmed record. The host's stack also notes the answer and may
+// then count the record as confirmed. Fails if the SA names another owner, or none.
 ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration& registration)
 {
     const records::host_record record = records::decode(registration.record);
@@ -159,8 +160,8 @@ ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration&
     return {};
 }
 
-// Judges an HCA with a link after an order. Returns true if the SA has the new record, and false if its answer is still
-// missing.
+// Tells if the SA has confirmed the change that an order made. `hca` must have a link. Returns true if the SA has the
+// new record. Returns false if the SA has not answered yet. Otherwise the error gives the reason.
 ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_before,
                                const confirmation::is_new_record_t& is_new_record)
 {
@@ -169,14 +170,15 @@ ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_befo
     const bool is_of_order =
         is_new_record(records::decode(registration.record)) &&
         (registration.state != registration_state::confirmed || registration.confirmations > confirmations_before);
-    if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent(); // the Delete comes before the Set
+    // The host first sends a Delete of the old record. The Set of the new record follows the answer to the Delete.
+    if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent();
     if (registration.state == registration_state::asked) return false;
     return answer_of(registration).map([] { return true; });
 }
 
 void pause(kernel::machine& machine)
 {
-    machine.enter("confirmation", [] { schedule_timeout_uninterruptible(look_period_ticks); });
+    machine.enter("confirmation", [] { schedule_timeout_uninterruptible(poll_period_ticks); });
 }
 
 } // namespace
@@ -184,14 +186,14 @@ void pause(kernel::machine& machine)
 json registrations_of(world::host& host)
 {
     json reports = json::array();
-    const std::vector<hca_state> hcas = look(host);
+    const std::vector<hca_state> hcas = read_hca_states(host);
     for (const hca_state& hca : hcas) reports.push_back(report_of(hca, host.machine().exec().now()));
     return reports;
 }
 
 std::string registered_name(world::host& host)
 {
-    for (const hca_state& hca : look(host))
+    for (const hca_state& hca : read_hca_states(host))
         if (hca.registration) return records::decode(hca.registration->record).host_name;
     return "";
 }
@@ -199,7 +201,7 @@ std::string registered_name(world::host& host)
 confirmation::confirmation(world::host& host, is_new_record_t is_new_record)
     : host_(host), is_new_record_(std::move(is_new_record))
 {
-    for (const hca_state& hca : look(host)) confirmations_before_.push_back(confirmations_of(hca));
+    for (const hca_state& hca : read_hca_states(host)) confirmations_before_.push_back(confirmations_of(hca));
 }
 
 ats::result<> confirmation::wait()
@@ -207,7 +209,7 @@ ats::result<> confirmation::wait()
     kernel::machine& machine = host_.machine();
     const uint64_t deadline = machine.exec().now() + answer_limit_ticks;
     for (bool has_asked = false;; pause(machine)) {
-        const std::vector<hca_state> hcas = look(host_);
+        const std::vector<hca_state> hcas = read_hca_states(host_);
         assert(hcas.size() == confirmations_before_.size());
         const hca_state* unconfirmed_hca = nullptr;
         bool has_link = false;

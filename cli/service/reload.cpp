@@ -26,7 +26,7 @@ bool are_same_hcas(const host_config& left, const host_config& right)
     });
 }
 
-// The parts of the configuration that only a restart changes.
+// The parts of the configuration that change only with a restart.
 constexpr struct {
     const char* name;
     bool (*is_same)(const world_config&, const world_config&);
@@ -39,7 +39,7 @@ constexpr struct {
      [](const world_config& left, const world_config& right) { return left.hosts.size() == right.hosts.size(); }},
 };
 
-// The parts of a host's configuration that only a restart changes.
+// The parts of a host's configuration that change only with a restart.
 constexpr struct {
     const char* name;
     bool (*is_same)(const host_config&, const host_config&);
@@ -50,8 +50,8 @@ constexpr struct {
      [](const host_config& left, const host_config& right) { return left.parameters == right.parameters; }},
 };
 
-// Pairs each running host with a host of the file: with the host of the same name, otherwise with the next host whose
-// name no running host has.
+// Returns the host of the file for each running host: the host with the same name. If the file has no such name, the
+// running host is to be renamed: it gets the next host of the file with a new name. Null if there is no such host.
 std::vector<const host_config*> counterparts_of(const world_config& current, const world_config& file)
 {
     const auto find_host = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {
@@ -78,7 +78,8 @@ class reload_run
   public:
     explicit reload_run(const reload_calls& calls) : calls_(calls) {}
 
-    // Makes the call even if nothing differs, because an earlier call may have succeeded only in part.
+    // Calls set_rules() even if nothing has changed, because an earlier call may have failed to change the permissions
+    // of a socket's file.
     void change_rules(world_config& current, const world_config& file)
     {
         const ats::result<> changed = calls_.set_rules(file.access, file.limits);

@@ -12,19 +12,21 @@
 namespace cli
 {
 
-// The calls by which a reload changes the service.
+// Functions of the service that reload() calls.
 struct reload_calls {
-    // Makes the service's doors use these rules and limits from now on. If it fails, the rules and limits are in use,
-    // but the permissions of a socket's file could not be changed.
+    // Makes all sockets of the service use these rules and limits from now on. If it fails, the rules and limits are in
+    // use, but the permissions of a socket's file could not be changed.
     std::function<ats::result<>(const access_rules&, const service_limits&)> set_rules;
-    std::function<bool()> may_go_on; // false if a signal ends the service; then no more hosts are changed
-    // Receives a line for the administrator, and the name of the line's host or "".
+    // Returns false after a signal that ends the service. reload() then makes no more changes to hosts.
+    std::function<bool()> may_go_on;
+    // Prints a line for the administrator. `host` is the name of the host that the line is about, or "".
     std::function<void(const std::string& line, const std::string& host)> print;
 };
 
-// Applies the settings of `file` that differ from those of `current`, and prints a line for each. Stores the applied
-// settings in `current`. For settings that need a restart, it only prints a line. The next reload tries failed changes
-// again. Call it from outside of the machines. Waits for the SA if a host's name or address changes.
+// Compares `file`, the new configuration, with `current`. Applies each setting that differs, prints a line about it,
+// and stores it in `current`. A change that fails is not stored, so the next reload tries it again. For a setting that
+// needs a restart, only prints a line. Waits for the SA if a host's name or address changes. The calling thread must
+// not be a task of a machine.
 void reload(running_hosts& hosts, world_config& current, const world_config& file, const reload_calls& calls);
 
 } // namespace cli

@@ -1,4 +1,4 @@
-// Requests about the embedded fabric: its links and its Subnet Administrator.
+// Answers requests about the embedded fabric: its links and its Subnet Administrator.
 
 #include <charconv>
 
@@ -15,8 +15,8 @@ namespace
 
 using ats::error_kind;
 
-// Returns {"real": true} on a real fabric. The client then asks the SA itself, possibly through a port that this
-// service does not use.
+// Returns the records and the faults of the embedded SA. Returns {"real": true} on a real fabric. The client then asks
+// the SA itself, because it may use a port that this service does not use.
 json show_records(running_hosts& hosts)
 {
     const ats::result<embedded::subnet*> subnet = hosts.subnet();
@@ -31,7 +31,7 @@ json show_records(running_hosts& hosts)
             {"status", has_status ? json(console::format_word(faults.sa_status)) : json()}};
 }
 
-// Deletes the records of a GID, or all records for "".
+// Deletes the records of a GID from the SA. If `gid` is "", deletes all records.
 ats::result<json> forget(embedded::subnet& subnet, const std::string& gid)
 {
     size_t count = 0;
@@ -59,7 +59,7 @@ ats::result<uint16_t> status_of(const std::string& word)
                      console::quote(word) + " is not a status word: write a number up to 65535, for example 0x0300");
 }
 
-// Makes the SA answer every request with that status; 0 ends this.
+// Makes the SA answer every request with that status. Status 0 makes it answer normally again.
 ats::result<json> answer_with_status(embedded::subnet& subnet, const std::string& word)
 {
     const ats::result<uint16_t> status = status_of(word);

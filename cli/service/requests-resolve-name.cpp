@@ -1,4 +1,4 @@
-// Resolves host names from the records of the SA. Caches and modules do not know host names.
+// Finds records by their host name. Asks the SA, because the modules cannot look up host names.
 
 #include <bit>
 #include <chrono>
@@ -14,7 +14,8 @@ namespace cli
 namespace
 {
 
-// A SubnAdmGet of the record with that host name. It selects by the name and by the fields that all ATS records share.
+// Makes a SubnAdmGet for the record with that host name. Also selects by ServiceID and ServiceName, which are the same
+// in all records of this service.
 fabric::mad_bytes request_for(const std::string& host_name)
 {
     const ib_service_record_v2_t record = records::encode({.host_name = host_name});
@@ -24,8 +25,8 @@ fabric::mad_bytes request_for(const std::string& host_name)
         umad::make_sa_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD, mask, &record, sizeof record));
 }
 
-// The records with that host name. A single record is in the SA's answer. The answer of the embedded SA cannot contain
-// several.
+// Returns the records with that host name. If only one record matches, it is in `answer`. A SubnAdmGet cannot return
+// several records. They are read from the subnet instead.
 json matches_of(const embedded::subnet& subnet, const sa_mad_v2_t& answer, const std::string& host_name)
 {
     json matches = json::array();

@@ -1,4 +1,5 @@
-// Requests that verify the cache's answer about an address or a GID, and requests that empty the cache.
+// Answers two kinds of requests: lookups of an address or a GID whose cached answer is verified at the SA, and requests
+// to remove entries from the cache.
 
 #include <optional>
 
@@ -38,9 +39,9 @@ bool agree(const resolution& one, const resolution& other)
     return one.status == other.status && (one.status != ibat_stat_ok || (one.ip == other.ip && one.gid == other.gid));
 }
 
-// Compares `answer`, which comes from the cache, with the SA's answer and adds the result. If they differ, the answer
-// of the SA replaces it, and the cached value moves to "cached". `is_corrected` means that the cache has dropped that
-// value.
+// Compares the cache's answer with the SA's answer, and adds the result to `answer`. At the call, `answer` describes
+// `cache_answer`. If the two differ, it describes `sa_answer` afterwards, and "cached" is the cached value.
+// `is_corrected` means that the cache has dropped its wrong value.
 void compare(const resolution& cache_answer, const resolution& sa_answer, bool is_by_gid, bool is_corrected,
              json& answer)
 {
@@ -57,8 +58,9 @@ void compare(const resolution& cache_answer, const resolution& sa_answer, bool i
     answer.update({{"verified", false}, {"source", "SA"}, {"cached", cached_value}, {"corrected", is_corrected}});
 }
 
-// Asks the SA about a GID that is in the cache. UCM's provider searches the cache first, so it would not ask the SA.
-// Therefore this asks the SA about the address. If the SA disagrees, the cache drops the GID, and UCM can ask the SA.
+// Asks the SA about a GID that is in the cache. UCM's provider searches the cache first, so it finds the GID there and
+// does not ask the SA. This function therefore asks the SA about the cached address. If the SA names another GID, the
+// cache drops its entry. A lookup of the GID then reaches the SA.
 resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answer)
 {
     resolution by_address = world::resolve_address(machine, cache_answer.ip, lookup_mode::sa_only);

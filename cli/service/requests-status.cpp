@@ -1,5 +1,5 @@
-// The status of every host. Its sources are available to any user of a host: /proc files, published functions, the
-// registry and the ports of the fabric.
+// Answers requests for the status of hosts. It uses only sources that any program on a host can use: /proc files,
+// functions that the modules publish, the registry and the ports of the fabric.
 
 #include <map>
 
@@ -41,7 +41,7 @@ json ibat_status(kernel::machine& machine)
     if (!list || !read_counters) return nullptr;
 
     std::vector<ibat_cache_entry_t> entries(static_cast<size_t>((*list)(nullptr, 0)));
-    const int32_t count = (*list)(entries.data(), static_cast<int32_t>(entries.size())); // the number may have changed
+    const int32_t count = (*list)(entries.data(), static_cast<int32_t>(entries.size())); // the cache may have changed
     entries.resize(std::min(entries.size(), static_cast<size_t>(count)));
     json cache = json::array();
     for (const ibat_cache_entry_t& entry : entries) cache.push_back(cache_entry(entry));
@@ -62,7 +62,7 @@ json ibat_status(kernel::machine& machine)
               {"pending", counters.pending}}}};
 }
 
-// Adds the link states. They come from the fabric, because the module does not report them.
+// Adds "link", the state of the link, to each port. The state comes from the fabric, because ats does not report it.
 void add_links(const kernel::machine& machine, json& hcas)
 {
     std::map<std::pair<std::string, int>, const char*> links;

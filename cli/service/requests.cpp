@@ -16,7 +16,7 @@ namespace
 
 using ats::error_kind;
 
-// {"host", "command"}: writes a command to the control file. Returns the text that the module printed about it.
+// {"host", "command"}: writes a command to the control file of ats. Returns the text that ats printed meanwhile.
 ats::result<json> control(running_hosts& hosts, const json& request)
 {
     const ats::result<world::host*> host = find_host(hosts, request);
@@ -42,7 +42,7 @@ ats::result<json> set_trace(running_hosts& hosts, const json& request)
     return done(done_text + " on " + name + ".");
 }
 
-// Reads "no_wait" of an order that changes the registered record.
+// With "no_wait": true, an order does not wait until the SA has confirmed the changed record.
 completion completion_of(const json& request)
 {
     return request.value("no_wait", false) ? completion::sent : completion::confirmed;
@@ -62,11 +62,11 @@ ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
     return done((*host)->name() + " is now called " + name + ".");
 }
 
-// Returns a warning if the embedded SA has a record of another host with that address, otherwise "".
+// Returns a warning if the embedded SA has a record of another host with that address. Otherwise returns "".
 std::string warning_of_another_owner(running_hosts& hosts, world::host& host, const std::string& address)
 {
     const ats::result<embedded::subnet*> subnet = hosts.subnet();
-    if (!subnet) return ""; // only the embedded SA can be searched from here
+    if (!subnet) return ""; // this service does not read the records of a real SA
     std::set<std::string> own_gids;
     for (fabric::hca* hca : host.machine().hcas())
         for (int port = 1; port <= hca->port_count(); ++port)

@@ -1,4 +1,5 @@
-// The requests of clients, as JSON: one function for each request. docs/protocol.md describes requests and answers.
+// Answers the requests of clients, with one function for each request. Requests and answers are JSON objects;
+// docs/protocol.md describes them. A comment such as {"host", "gid"} lists the fields of the request.
 #pragma once
 
 #include <string>
@@ -13,28 +14,31 @@ namespace cli
 
 using json = nlohmann::json;
 
-// Any thread outside of the machines may call these functions, several at a time. They may sleep until the SA answers.
-// An answer is an object. A field that is missing or has another type throws a json::exception; other errors are
-// results.
+// Any threads that are not tasks of a machine may call these functions, also at the same time. The functions may sleep
+// until the SA answers. They throw a json::exception if a field of the request is missing or has a wrong type. They
+// return all other errors.
 
-// Executes {"request": NAME, ...}. An unknown name is invalid.
+// Answers {"request": NAME, ...} with the function for NAME. Fails (invalid) if the name is unknown.
 ats::result<json> answer_request(running_hosts& hosts, const json& request);
 
 // {"host"}: HCAs, ports, verification, and IBAT's cache and counters, of that host or of all hosts.
 ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
-// {"host", "address", "verify"}: the GID of the address, its source, and the result of the verification. For {"name"}
-// see below. The server itself answers lookups without verification.
+// {"host", "address"}: the GID of the address, its source, and the result of the verification at the SA. A request with
+// "name" is answered by answer_resolve_name(). cli/server answers lookups without "verify" and does not call this
+// function for them.
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
-// {"name"}: returns {"matches"}, the records with that host name at the SA of the embedded fabric. Returns {"real":
-// true} on a real fabric, where the client asks the SA itself.
+// {"name"}: "matches", the records with that host name at the SA of the embedded fabric. On a real fabric, the answer
+// is
+// {"real": true}; the client then asks the SA itself.
 ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
 
-// {"host", "gid", "verify"}: the address of the GID, its source, and the result of the verification.
+// {"host", "gid"}: the address of the GID, its source, and the result of the verification at the SA. Like
+// answer_resolve(), only for lookups with "verify".
 ats::result<json> answer_reverse(running_hosts& hosts, const json& request);
 
-// {"host", "what"}: IBAT drops its cache entry of that address or GID, or all entries for "".
+// {"host", "what"}: IBAT drops its cache entry of the address or GID in "what". If "what" is "", it drops all entries.
 ats::result<json> answer_flush(running_hosts& hosts, const json& request);
 
 // {"host", "direction": "up" or "down", "hca", "port"}: changes a link of the embedded fabric.
@@ -44,10 +48,11 @@ ats::result<json> answer_link(running_hosts& hosts, const json& request);
 // it misbehave.
 ats::result<json> answer_sa(running_hosts& hosts, const json& request);
 
-// The host that {"host"} names, or the first one if it names none. Never null.
+// Returns the host that "host" of the request names, or the first host if "host" is missing. Never null. Fails
+// (invalid) if no host has the name.
 ats::result<world::host*> find_host(running_hosts& hosts, const json& request);
 
-// The answer of a successful order. `sentence` says what was done.
+// Makes the answer of a successful order. `sentence` says what the order has changed.
 json done(const std::string& sentence);
 
 } // namespace cli

@@ -21,10 +21,10 @@ namespace
 using ats::error_kind;
 
 constexpr uint64_t system_randomness = 0;
-constexpr size_t record_buffer_bytes = 65536; // more than a line
+constexpr size_t record_buffer_bytes = 65536; // most lines of a recording fit into it
 constexpr const char* memory_is_used_up = "the memory is used up: run fewer hosts";
 
-// The last lines of the host's log, indented.
+// Returns the last lines of the host's log, indented.
 std::string end_of_log(world::host& host)
 {
     constexpr size_t line_count = 4;
@@ -35,7 +35,8 @@ std::string end_of_log(world::host& host)
     return text;
 }
 
-// The error ends with the last lines of the log, unless memory ran out: the log does not mention that.
+// Loads the host's modules and applies its settings. An error ends with the last lines of the host's log. An error with
+// the kind no_memory does not, because the log does not mention a lack of memory.
 ats::result<> load(world::host& host, const host_settings& settings)
 {
     set_spread(host, settings.spread_seconds);
@@ -45,8 +46,8 @@ ats::result<> load(world::host& host, const host_settings& settings)
     return ats::fail(result.error().kind, result.error().text + end_of_log(host));
 }
 
-// Executes one step of a host's start; `step` returns an ats::result<>. The error names the host. It also does so if
-// the step has thrown a shortage.
+// Executes one step of a host's start. `step` returns an ats::result<>; it may throw exec::shortage or std::bad_alloc.
+// All these errors are returned, with the name of the host. Also fails if the step has used the memory reserve.
 template <class step_t>
 ats::result<> take_step(const std::string& host, const step_t& step)
 {
@@ -81,7 +82,7 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
 running_hosts::~running_hosts()
 {
     stop();
-    hosts_.clear(); // machines use the HCAs of the fabric and the clock
+    hosts_.clear(); // now, because the machines use the HCAs of the fabric and the clock
 }
 
 ats::result<> running_hosts::open_fabric(const fabric_config& config)
@@ -138,7 +139,7 @@ ats::result<> running_hosts::start_recording(const std::string& path)
     record_file_.reset(std::fopen(path.c_str(), "w"));
     if (!record_file_)
         return ats::fail(error_kind::invalid, "cannot write the recording " + path + ": " + std::strerror(errno));
-    // Each event is written at once, so the recording of a killed service also shows its last moments.
+    // With _IOLBF, each event is written at once, so the recording of a killed service also shows its last moments.
     std::setvbuf(record_file_.get(), nullptr, _IOLBF, record_buffer_bytes);
     recorder_ = std::make_unique<recording::recorder>(record_file_.get(), "ats run");
     if (subnet_) recorder_->follow(*subnet_);
@@ -153,7 +154,8 @@ ats::result<> running_hosts::stop_recording()
     return result;
 }
 
-// A real fabric has no observer, so its HCAs are watched.
+// Returns the HCAs for a host on a real fabric. During a recording, each HCA is wrapped in a watched_hca, because a
+// real fabric has no embedded::observer.
 std::vector<fabric::hca*> running_hosts::watched(const std::string& host, const std::vector<fabric::hca*>& hcas)
 {
     if (!recorder_) return hcas;
@@ -203,7 +205,8 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     return true;
 }
 
-// A real port may be active before the host registers. An embedded fabric is new, and its links are still down.
+// Reports if the SA already has a record of `address` before the host registers. This is possible only on a real
+// fabric, whose ports may already be active. On an embedded fabric, the SA is new and all links are still down.
 void running_hosts::report_other_holder(world::host& host, const std::string& address) const
 {
     const ats::result<std::string> line = other_holder(host, address);

@@ -1,5 +1,5 @@
-// The fabric and the hosts of `ats run`, in real time. The fabric is an embedded one, or this machine's real ports with
-// one host.
+// Runs the fabric and the hosts of `ats run`, in real time. The fabric is embedded in this program, or it consists of
+// this machine's real ports. A real fabric has one host here: this machine.
 #pragma once
 
 #include <chrono>
@@ -24,14 +24,14 @@
 namespace cli
 {
 
-// After start(), any thread may ask for hosts and the subnet.
+// One thread calls build(), start() and stop(). Between start() and stop(), any thread may call the other functions.
 class running_hosts
 {
   public:
-    // Builds the fabric and the hosts, with the links of an embedded fabric down. Modules come from `module_folder`.
-    // Fails if real ports cannot be opened, if the capture file cannot be written (invalid), or if a limit of the
-    // process is reached (no_memory). The calls of this class pass lines about a host to `report`, for the
-    // administrator.
+    // Builds the fabric and the hosts. The links of an embedded fabric are still down. Modules come from
+    // `module_folder`. Fails if real ports cannot be opened, if the capture or the recording cannot be written
+    // (invalid), or if a limit of the process is reached (no_memory). start() and stop() call `report` with lines for
+    // the administrator about a host.
     using report_t = std::function<void(const std::string& host, const std::string& line)>;
     static ats::result<std::unique_ptr<running_hosts>> build(const world_config& config,
                                                              const std::string& module_folder, report_t report);
@@ -41,14 +41,14 @@ class running_hosts
     running_hosts(const running_hosts&) = delete;
     running_hosts& operator=(const running_hosts&) = delete;
 
-    // Loads every host's modules and brings all links of an embedded fabric up. Calls `may_go_on` before each host,
-    // with the number of started hosts. Returns false if `may_go_on` returned false. An error names the host that did
-    // not start, with the end of its log.
+    // Loads every host's modules, then brings up all links of an embedded fabric. Before each host, calls `may_go_on`
+    // with the number of hosts that have started. If `may_go_on` returns false, stops and returns false. An error names
+    // the host that did not start, and shows the end of its log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
-    // Stops the hosts in reverse order, and deletes their remaining records from the SA. If the SA is silent, this
-    // takes a second, and the SA is not asked for the other hosts. Returns a line for each host that refuses to unload,
-    // and for an incomplete capture.
+    // Stops the hosts in reverse order, and deletes the records that they have left at the SA. If the SA does not
+    // answer within a second, it is not asked about further hosts. Returns a line for each host whose modules cannot be
+    // unloaded, and for an incomplete capture or recording.
     std::vector<std::string> stop();
 
     // The time since build().
@@ -56,20 +56,20 @@ class running_hosts
 
     bool is_real() const { return real_fabric_ != nullptr; }
 
-    // The embedded fabric, never null. An error (invalid) on a real fabric.
+    // Returns the embedded fabric, never null. Fails (invalid) on a real fabric.
     ats::result<embedded::subnet*> subnet();
 
     const std::vector<std::unique_ptr<world::host>>& all() const { return hosts_; }
 
-    // The tasks of the fabric, for a watchdog.
+    // Returns the tasks of the fabric. A watchdog checks that they still run.
     std::vector<fabric::fabric_task> fabric_tasks() const;
 
-    // Any thread may count. The machine must be one of these hosts.
+    // The counters for metrics. `machine` must be the machine of one of these hosts.
     service_statistics& statistics() { return statistics_; }
     host_statistics& statistics_of(const kernel::machine& machine) { return host_statistics_.at(&machine); }
 
-    // The host with that name, or the first host for "". Never null. A host has two names: the configured one, and the
-    // registered one. An unknown or ambiguous name is invalid; the error lists the hosts.
+    // Returns the host with that name, or the first host if `name` is "". Never null. `name` is the configured name or
+    // the registered name of the host. Fails (invalid) if the name is unknown or ambiguous; the error lists the hosts.
     ats::result<world::host*> find(const std::string& name);
 
   private:
@@ -87,19 +87,20 @@ class running_hosts
 
     const std::chrono::steady_clock::time_point build_time_ = std::chrono::steady_clock::now();
     std::unique_ptr<exec::executor> exec_;
-    std::unique_ptr<fabric::capture> capture_; // before the fabric, which writes to it in its destructor
+    std::unique_ptr<fabric::capture> capture_; // destroyed after the fabric, whose destructor writes to it
     using file_pointer = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
     file_pointer record_file_{nullptr, std::fclose};
-    std::unique_ptr<recording::recorder> recorder_; // before everything that it records
-    std::unique_ptr<embedded::subnet> subnet_;      // this one or real_fabric_
-    std::unique_ptr<umad::real_fabric> real_fabric_;
-    std::vector<std::unique_ptr<recording::watched_hca>> watched_hcas_; // of a real fabric that is recorded
+    std::unique_ptr<recording::recorder> recorder_;                     // destroyed after everything that it records
+    std::unique_ptr<embedded::subnet> subnet_;                          // null on a real fabric
+    std::unique_ptr<umad::real_fabric> real_fabric_;                    // null on an embedded fabric
+    std::vector<std::unique_ptr<recording::watched_hca>> watched_hcas_; // empty without a recording of a real fabric
     service_statistics statistics_;
-    std::map<const kernel::machine*, host_statistics> host_statistics_; // before the hosts, whose logs it follows
-    std::optional<log_copy> journal_copy_; // also before the hosts; empty without a journal
+    std::map<const kernel::machine*, host_statistics>
+        host_statistics_;                  // destroyed after the hosts, whose logs it follows
+    std::optional<log_copy> journal_copy_; // destroyed after the hosts, whose logs it follows; empty without a journal
     std::vector<std::unique_ptr<world::host>> hosts_;
     const report_t report_;
-    bool is_sa_silent_ = false;           // it has not answered a question of the service
+    bool is_sa_silent_ = false; // true: the SA did not answer delete_leftovers(), so stop() does not ask it again
     std::vector<host_settings> settings_; // the configured settings of each host
 };
 

@@ -28,7 +28,7 @@ service_signals::service_signals(bool can_reload) : can_reload_(can_reload), had
     sigemptyset(&set_);
     for (const int number : numbers) sigaddset(&set_, number);
     pthread_sigmask(SIG_BLOCK, &set_, nullptr);
-    signal(SIGPIPE, SIG_IGN); // without a terminal, the hosts must still delete their records
+    signal(SIGPIPE, SIG_IGN); // a failed write must not end the program before the hosts have deleted their records
 }
 
 bool service_signals::stops(int number) const
@@ -58,8 +58,8 @@ void service_signals::wait_for_stop() const
     while (wait() == signal_meaning::reload) continue;
 }
 
-// A signal may come twice within a moment: timeout(1) signals the process and then its group. Drops such a repeat, so
-// that only a later signal ends the program.
+// Lets the next signal end the program, unless it comes within 0.1 seconds. Such a signal is a duplicate and is
+// dropped: timeout(1), for example, signals the process and then its group.
 void service_signals::let_next_signal_end_the_program() const
 {
     constexpr std::chrono::milliseconds repeat_limit(100);

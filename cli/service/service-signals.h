@@ -12,14 +12,15 @@ class service_signals
     enum class signal_meaning { stop, reload };
 
     // Blocks the signals in this thread and in all threads that it starts later; only wait() accepts them. SIGINT and
-    // SIGTERM end the service. Without `can_reload`, SIGHUP also ends it. With `can_reload`, SIGHUP reloads; on a
-    // terminal, it ends the service when the terminal closes.
+    // SIGTERM end the service. Without `can_reload`, SIGHUP also ends it. With `can_reload`, SIGHUP means reload. But
+    // it ends a service that was started on a terminal if the terminal has closed.
     explicit service_signals(bool can_reload);
 
+    // Returns true if wait() would return `stop` at once. Does not wait.
     bool is_stop_pending() const;
 
-    // Waits for a signal. Repeats of a signal that has not been accepted yet count once. After `stop`, another stop
-    // signal ends the program at once, and a reload signal does nothing.
+    // Waits for a signal. If the same signal came several times before the call, it counts once. After wait() has
+    // returned `stop`, another signal to stop ends the program at once, and a signal to reload does nothing.
     signal_meaning wait() const;
 
     // Does the same, but ignores reloads.

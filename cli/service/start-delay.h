@@ -1,4 +1,4 @@
-// The delay of a host's start after its machine has started.
+// Delays the start of a host if its machine has just started.
 #pragma once
 
 #include <chrono>
@@ -8,8 +8,9 @@ namespace cli
 {
 
 // After a power failure, all machines of a fabric start together. Without a delay, their hosts register in the same
-// second, and check their records in the same second a minute later. Returns the part of the spread that `random`
-// selects. A service that starts later, for example after an upgrade, does not wait.
+// second, and check their records in the same second a minute later. Returns a delay from 0 to `spread_seconds`; the
+// random number `random` selects it. Returns 0 if `uptime`, the time since the machine started, is ten minutes or more:
+// then only the service was restarted, for example by an upgrade. Pure.
 inline std::chrono::milliseconds start_delay(int spread_seconds, std::chrono::seconds uptime, uint32_t random)
 {
     constexpr std::chrono::minutes machine_start{10};

@@ -1,5 +1,6 @@
-// Counters of a service's clients and its hosts' logs, for metrics. They only grow. Each counter is atomic on its own.
-// Two counters may show slightly different moments.
+// Counters of a service's clients and of its hosts' logs, for metrics. Each counter is atomic on its own, so any thread
+// may use it. A reader of two counters may see them at slightly different moments. All of them only grow, except
+// door_statistics::open.
 #pragma once
 
 #include <array>
@@ -23,7 +24,7 @@ inline void count(counter& counter, uint64_t more = 1)
 enum class lookup_kind { address, gid, path };
 constexpr std::array lookup_kind_words = {"address", "gid", "path"};
 
-// The result of a lookup: its source and its status.
+// The source and the status of a lookup's answer. lookup_outcome_words has their names in metrics, in the same order.
 enum class lookup_outcome { cache_ok, cache_not_found, sa_ok, sa_not_found, not_cached, timed_out, failed };
 struct outcome_words {
     const char* source;
@@ -37,7 +38,8 @@ constexpr std::array<outcome_words, 7> lookup_outcome_words = {{{"cache", "ok"},
                                                                 {"none", "timed_out"},
                                                                 {"none", "failed"}}};
 
-// The durations of lookups, by the source of the answer.
+// Counts lookups by their duration. counts[i] counts lookups that took at most bounds_ns[i], but longer than the bound
+// before.
 class latency_histogram
 {
   public:
@@ -46,12 +48,12 @@ class latency_histogram
 
     void note(uint64_t nanoseconds);
 
-    std::array<counter, bounds_ns.size() + 1> counts{}; // the last one counts longer times
+    std::array<counter, bounds_ns.size() + 1> counts{}; // the last element counts times above the highest bound
     counter sum_ns{0};
 };
 
 struct lookup_statistics {
-    // Any thread. `cache_only` means that only the cache was asked.
+    // Counts a lookup with this answer. `cache_only` means that only the cache was asked. Any thread.
     void note(lookup_kind kind, const world::resolution& answer, bool cache_only = false);
     void note(const world::path_resolution& answer);
 
@@ -63,25 +65,27 @@ struct lookup_statistics {
 };
 
 struct host_statistics {
-    // Counts the lines of this log from now on. The log must be destroyed first.
+    // Counts all later lines of the log. `log` must be destroyed before this object.
     void follow(kernel::log& log);
 
     lookup_statistics lookups;
     std::array<counter, console::trace_level_everything + 1> log_lines{}; // by trace level
 };
 
+// The counters of a door, which is a socket of the service with its connections. See service_statistics.
 struct door_statistics {
-    std::atomic<int64_t> open{0}; // connections now
-    counter accepted{0};
-    counter denied{0}; // requests refused by the access rules
+    std::atomic<int64_t> open{0}; // connections that are open now
+    counter accepted{0};          // connections
+    counter denied{0};            // requests that the access rules refused
 
-    // Connections, questions, lines and answers beyond the limits of a user or a connection.
+    // How often a user or a connection has reached the limit with this name in service_limits.
     counter connections_reached{0};
     counter questions_reached{0};
     counter line_bytes_reached{0};
     counter unread_bytes_reached{0};
 };
 
+// `clients` is the socket for `ats` and libatsclient. `librdmacm` is the socket for programs that use librdmacm.
 struct service_statistics {
     door_statistics clients, librdmacm;
 };

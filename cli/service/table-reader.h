@@ -1,4 +1,4 @@
-// Reads one table of a TOML file, key by key.
+// Reads one table of a TOML file, key by key, and finds keys that do not exist.
 #pragma once
 
 #include <initializer_list>
@@ -13,32 +13,34 @@
 namespace cli
 {
 
-// Each read call defines a valid key of the table. After an error, reading continues: the default replaces a wrong
-// value. The first error is kept, and finish() returns it. An error begins with "FILE:LINE: " and says what would be
-// right. The table must outlive its reader.
+// Each call that reads a key also makes this key valid in the table. After an error, reading continues, with the
+// default instead of the wrong value. finish() returns the first error. An error begins with "FILE:LINE: " and says
+// which values are valid. The table must outlive its reader.
 class table_reader
 {
   public:
     table_reader(const toml::table& table, std::string file) : table_(table), file_(std::move(file)) {}
 
-    // The node with that key, or null.
+    // Returns the node with that key, or null.
     const toml::node* find(const std::string& key);
 
+    // Return the value of a key, or the default if the key is missing.
     std::string text(const std::string& key, const std::string& default_text);
     std::string word(const std::string& key, const char* default_word, std::initializer_list<std::string> valid_words);
     int number(const std::string& key, int default_number, int least, int most);
 
-    // A table inside this one, or null.
+    // Returns a table inside this table, or null.
     const toml::table* table(const std::string& key);
 
-    // The tables of an [[array]].
+    // Returns the tables of an array that is written as [[key]].
     std::vector<const toml::table*> tables(const std::string& key);
 
-    // These functions keep an error about a node, or an error that already has its place.
+    // Store an error for finish(). refuse() puts the place of `node` before the reason. The error for keep() must
+    // already begin with its place.
     void refuse(const toml::node& node, const std::string& reason);
     void keep(const ats::error& error);
 
-    // Call it last. Returns the first error. A key that no call has read is an error.
+    // Returns the first error. A key that no call has read is also an error, so call it last.
     ats::result<> finish();
 
     // Formats the place of a node as "FILE:LINE: ".

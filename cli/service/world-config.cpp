@@ -25,7 +25,8 @@ constexpr int max_hcas = 32;
 
 using ats::error_kind;
 
-// Passes on module parameters without change, because insmod knows their names and types.
+// Returns the parameters of a module as text for insmod: " NAME=VALUE" for each. Does not check their names and types,
+// because insmod does so.
 std::string read_parameters(table_reader& reader, const std::string& module)
 {
     std::string parameters;
@@ -50,7 +51,7 @@ bool is_hca_name(const std::string& name)
            std::ranges::all_of(name, [](unsigned char byte) { return std::isprint(byte); });
 }
 
-// The address of a host without a configured address. Numbers begin with 1.
+// Returns the address of a host on an embedded fabric without a configured address. The first host has the number 1.
 std::string numbered_address(size_t number)
 {
     return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
@@ -68,7 +69,8 @@ ats::result<world::hca_plan> read_hca(const toml::table& table, const std::strin
     return reader.finish().map([&] { return plan; });
 }
 
-// The HCAs of a host. A host on an embedded fabric gets `default_hcas` if it lists none.
+// Returns the HCAs of a host. If the table lists none, a host on an embedded fabric gets `default_hcas`. A host on a
+// real fabric gets an empty list, which means all HCAs of this machine.
 std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& file, bool is_real,
                                        std::vector<world::hca_plan> default_hcas)
 {
@@ -89,7 +91,8 @@ std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& 
     return hcas;
 }
 
-// The host's own keys set its identity and are checked. Module parameters would bypass the check.
+// Refuses module parameters that set the host's address or name. The keys 'address' and 'name' set them and are
+// checked; a module parameter is not checked.
 void refuse_identity_parameters(table_reader& reader)
 {
     const toml::table* const ats = reader.table("ats");
@@ -117,7 +120,7 @@ host_config host_of(host_settings settings)
     return host;
 }
 
-// Reads the next host of `config`. Adds warnings to it.
+// Reads a host, which becomes the next host of `config`. Adds warnings to `config`.
 ats::result<host_config> read_host(const toml::table& table, const std::string& file, world_config& config)
 {
     const bool is_real = config.fabric.is_real;
@@ -225,8 +228,8 @@ ats::result<metrics_config> read_metrics(const toml::table& table, const std::st
     return reader.finish().map([&] { return metrics; });
 }
 
-// Reads the hosts of the file for the fabric of `config`. Adds hosts and warnings to it. Stops at the first host with
-// an error.
+// Reads the hosts of the file. Adds them and warnings to `config`, whose fabric must already be read. Stops at the
+// first host with an error.
 void read_hosts(table_reader& reader, const std::string& file, world_config& config)
 {
     std::set<std::string> names;

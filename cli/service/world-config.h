@@ -1,4 +1,5 @@
-// The configuration of `ats run`: the fabric and its hosts.
+// The configuration of `ats run`: the fabric, its hosts, and the access to the service. It comes from a file or from
+// the command line.
 #pragma once
 
 #include <string>
@@ -25,7 +26,7 @@ constexpr size_t bytes_of_kib(int kib)
 
 struct fabric_config {
     bool is_real = false;            // true: this machine's real ports, with one host; false: an embedded fabric
-    umad::fabric_options ports = {}; // of a real fabric
+    umad::fabric_options ports = {}; // only for a real fabric
     std::string capture = {};        // the file for all datagrams, or ""
     std::string record = {};         // the file for a recording, or ""
 };
@@ -39,7 +40,7 @@ struct acm_config {
     bool operator==(const acm_config&) const = default;
 };
 
-// The outlets for metrics besides `ats metrics`; docs/metrics.md describes them.
+// Where the service publishes its metrics, in addition to `ats metrics`; see docs/metrics.md.
 struct metrics_config {
     std::string textfile = {}; // the folder of node_exporter's textfile collector, or ""
     std::string listen = {};   // the address and port of an HTTP server, or ""
@@ -47,11 +48,11 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
-// The longest spread. A service manager waits 90 seconds for the end of a start.
+// The longest spread. A host may start so much later, and systemd ends a service that has not started after 90 seconds.
 constexpr int longest_spread_seconds = 60;
 
-// How often a host asks the SA for its own record. The time between two checks is `period_seconds` plus a random part,
-// which is at most `skew_percent` of it. The defaults are those of the module.
+// How often a host asks the SA for its own record. The time between two checks is the period plus a random time, which
+// is at most `skew_percent` of the period. The module ats has the same defaults.
 struct verification {
     int period_seconds = 60; // 0: never
     int skew_percent = 1;
@@ -70,10 +71,10 @@ struct host_settings {
     bool operator==(const host_settings&) const = default;
 };
 
-// A host's plan, built from the settings and the file's parameters.
+// A host's plan, built from its settings and from the module parameters in the file.
 struct host_config : world::host_plan {
     host_settings settings = {};
-    std::vector<std::string> parameters = {}; // for each module
+    std::vector<std::string> parameters = {}; // of each module, in the file; text for insmod
 };
 
 struct world_config {
@@ -86,20 +87,21 @@ struct world_config {
     std::vector<std::string> warnings = {}; // one line for each setting that may be a mistake
 };
 
-// `count` hosts node1, node2, ... with one single-port HCA each and the addresses from 10.0.0.1 on.
+// Returns a configuration with the hosts node1, node2, ... on an embedded fabric. Their addresses begin with 10.0.0.1.
+// Each has one HCA with one port.
 world_config numbered_hosts(int count);
 
-// One host with that name and address on the real ports of `ports`. "" means this machine's name. A name or an address
-// that a host cannot have is invalid.
+// Returns a configuration with one host on the real ports that `ports` selects. If `name` is "", the host gets this
+// machine's name. Fails (invalid) if a host cannot have the name or the address.
 ats::result<world_config> real_host(const std::string& name, const std::string& address,
                                     const umad::fabric_options& ports);
 
-// `word` is "auto", "on" or "off".
+// Converts the value of an option or a key. `word` is "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
 // Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
-// These are invalid: unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out of
-// range. An error is a line "FILE:LINE: what is wrong and what would be right".
+// Fails (invalid) for unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out
+// of range. An error is a line "FILE:LINE: what is wrong, and what is valid".
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli
