@@ -17,8 +17,7 @@ std::vector<gid_t> groups_of(int socket, gid_t primary)
     std::vector<gid_t> groups(64);
     socklen_t bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
     if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) {
-        groups.resize(bytes /
-                      sizeof(gid_t)); // if the buffer was too small, getsockopt() has set `bytes` to the needed size
+        groups.resize(bytes / sizeof(gid_t)); // getsockopt() sets `bytes` to the needed size if the buffer is too small
         bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
         if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) bytes = 0;
     }

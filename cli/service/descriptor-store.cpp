@@ -24,7 +24,7 @@ long number_of(const char* variable)
 
 std::vector<kept_descriptor> take_kept_descriptors()
 {
-    std::vector<kept_descriptor> kept;
+    std::vector<kept_descriptor> descriptors;
     if (number_of("LISTEN_PID") == getpid()) {
         const char* all_names = std::getenv("LISTEN_FDNAMES");
         std::istringstream names(all_names ? all_names : "");
@@ -32,11 +32,11 @@ std::vector<kept_descriptor> take_kept_descriptors()
             kept_descriptor next{"", client::descriptor(first_passed_descriptor + i)};
             std::getline(names, next.name, ':');
             fcntl(next.file.get(), F_SETFD, FD_CLOEXEC);
-            kept.push_back(std::move(next));
+            descriptors.push_back(std::move(next));
         }
     }
     for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(variable);
-    return kept;
+    return descriptors;
 }
 
 bool keep_descriptor(const std::string& name, int file)

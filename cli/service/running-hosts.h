@@ -95,9 +95,9 @@ class running_hosts
     std::unique_ptr<umad::real_fabric> real_fabric_;                    // null on an embedded fabric
     std::vector<std::unique_ptr<recording::watched_hca>> watched_hcas_; // empty without a recording of a real fabric
     service_statistics statistics_;
-    std::map<const kernel::machine*, host_statistics>
-        host_statistics_;                  // destroyed after the hosts, whose logs it follows
-    std::optional<log_copy> journal_copy_; // destroyed after the hosts, whose logs it follows; empty without a journal
+    // These two follow the logs of the hosts, so they are destroyed after the hosts.
+    std::map<const kernel::machine*, host_statistics> host_statistics_;
+    std::optional<log_copy> journal_copy_; // empty without a journal
     std::vector<std::unique_ptr<world::host>> hosts_;
     const report_t report_;
     bool is_sa_silent_ = false; // true: the SA did not answer delete_leftovers(), so stop() does not ask it again

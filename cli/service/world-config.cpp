@@ -251,8 +251,8 @@ void read_hosts(table_reader& reader, const std::string& file, world_config& con
 
 ats::result<toml::table> parse(const std::string& path)
 {
-    std::error_code ignored;
-    if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored))
+    std::error_code status; // after an error, the path counts as a file; parse_file() then explains the error
+    if (std::filesystem::exists(path, status) && !std::filesystem::is_regular_file(path, status))
         return ats::fail(error_kind::invalid, path + " is not a file");
     try {
         return toml::parse_file(path);
