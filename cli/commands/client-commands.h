@@ -1,4 +1,5 @@
-// The commands that ask a running service. Each command prints, and stores its exit code or an error in `outcome`.
+// The commands that send requests to a running service. Each command prints the answer, and stores its exit code or an
+// error in `outcome`, which must outlive `program`.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +9,7 @@
 namespace cli
 {
 
-// Adds the commands that change nothing: status, resolve, reverse, log.
+// Adds the commands that change nothing: status, resolve, reverse, path, metrics, log.
 void add_queries(CLI::App& program, ats::result<int>& outcome);
 
 // Adds the commands that change something: flush, control, trace, set-name, set-address, link, sa.

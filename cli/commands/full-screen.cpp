@@ -12,7 +12,7 @@ namespace cli
 namespace
 {
 
-constexpr std::string_view enter_screen = "\033[?1049h\033[?25l"; // the alternate screen, no cursor
+constexpr std::string_view enter_screen = "\033[?1049h\033[?25l"; // selects the alternate screen, hides the cursor
 constexpr std::string_view leave_screen = "\033[?25h\033[?1049l";
 constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP};
 
@@ -48,8 +48,8 @@ full_screen::size full_screen::window() const
 void full_screen::draw(const std::string& picture) const
 {
     constexpr std::string_view home = "\033[H";
-    constexpr std::string_view clear_line =
-        "\033[K"; // sent before the text of each line: after a full line it would erase the last column
+    // Written before the text of each line. Written after a line that fills the window, it erases the last column.
+    constexpr std::string_view clear_line = "\033[K";
     size_t free_lines = window().lines - 1;
     std::string text;
     text += home;

@@ -6,8 +6,8 @@
 namespace cli
 {
 
-// Use one object at a time. If SIGINT, SIGTERM or SIGHUP ends the program, its handler first switches back to the
-// normal screen.
+// Only one object may exist at a time. The object handles SIGINT, SIGTERM and SIGHUP: the terminal first switches back
+// to the normal screen, then the signal ends the program.
 class full_screen
 {
   public:
@@ -20,7 +20,7 @@ class full_screen
     full_screen(const full_screen&) = delete;
     full_screen& operator=(const full_screen&) = delete;
 
-    // The current size of the window; 80 x 24 if the terminal does not report it.
+    // Returns the current size of the window, or 80 x 24 if the terminal does not report its size.
     size window() const;
 
     // Draws over the previous picture. The last line must not have a line end, because that would scroll the screen.

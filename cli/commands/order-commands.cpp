@@ -16,7 +16,7 @@ namespace cli
 namespace
 {
 
-// The argument of a command. `key` is the name of the argument in the request, `name` is its name in the help.
+// The argument of a command. `key` is the name of the argument in the request. `name` is its name in the help.
 struct argument_text {
     std::string key;
     std::string name;
@@ -112,7 +112,7 @@ void add_link(CLI::App& program, ats::result<int>& outcome)
     }
 }
 
-// Adds an action of `ats sa`. Returns the option that takes its argument.
+// Adds an action of `ats sa`. Returns the option for the argument of the action.
 CLI::Option* add_sa_action(CLI::App& sa, ats::result<int>& outcome, const std::string& action,
                            const std::string& summary, const argument_text& text)
 {

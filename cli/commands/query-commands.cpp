@@ -45,8 +45,8 @@ bool is_name_to_resolve(const std::string& question)
     return question.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(question);
 }
 
-// Asks the SA of this machine's real fabric for a host name, because the service does not. The answer has the form of
-// the service's answers.
+// Asks the SA of this machine's real fabric for a host name. On a real fabric, the service itself does not look up host
+// names. The answer has the same form as an answer of the service.
 ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -60,8 +60,8 @@ ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
                 {"matches", *records}};
 }
 
-// Returns an array. It has one answer for each record of the host name, or one answer with the reason why there is
-// none.
+// Asks for a host name. Returns an array with one answer for each record of that name. Without a record, the array has
+// one answer, which gives the reason.
 ats::result<json> resolve_name(service_client& service, const std::string& host_name)
 {
     ats::result<json> answer = service.ask({{"request", "resolve"}, {"name", host_name}});
@@ -77,23 +77,25 @@ ats::result<json> resolve_name(service_client& service, const std::string& host_
     return answers;
 }
 
-// Describes `resolve`, `reverse` or `path`.
+// Describes the command `resolve`, `reverse` or `path`.
 struct resolution_command {
     std::string name; // the request has the same name
-    std::string key;  // the key of the question in the request; "" means that it is an address or a GID
+    std::string key;  // the key of the question in the request; "" if the question may be an address or a GID
     std::string summary;
     std::string argument;
     std::string argument_help;
 };
 
-// The key of the question in the request. A text of digits and points counts as an address, even if it is not valid.
+// Returns the key of the question in the request. A text of digits and points counts as an address, even if it is not a
+// valid one.
 std::string key_of(const resolution_command& command, const std::string& question)
 {
     if (!command.key.empty()) return command.key;
     return question.find_first_not_of("0123456789.") == std::string::npos ? "address" : "gid";
 }
 
-// Returns an array of answers, or of one refusal. Only a host name can have several answers.
+// Asks one question. Returns an array with the answer; for a host name, it may have several answers. If the service
+// refuses the question, the array has the refusal {"error", "exit_code"}.
 ats::result<json> resolve_one(service_client& service, const resolve_options& options,
                               const resolution_command& command, const std::string& question)
 {
@@ -106,7 +108,7 @@ ats::result<json> resolve_one(service_client& service, const resolve_options& op
     if (options.must_verify) request["verify"] = true;
     if (options.is_fresh) request["fresh"] = true;
     const ats::result<json> answer = service.ask(request);
-    return answer.map([](const json& only) { return json::array({only}); });
+    return answer.map([](const json& single_answer) { return json::array({single_answer}); });
 }
 
 int exit_code_of(const json& answer)
@@ -125,7 +127,7 @@ void show_answer_or_refusal(const client_options& common, const resolution_comma
         show_resolution(std::cout, with_gid_format(answer, common));
 }
 
-// Asks all questions, even if the service refuses one. Returns the greatest exit code.
+// Asks all questions, even if the service refuses some of them. Returns the highest exit code.
 ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
                                  const resolution_command& command)
 {
@@ -156,20 +158,20 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
     command->add_option(description.argument, options->questions, description.argument_help)
         ->required()
         ->option_text("...");
-    CLI::Option* at_the_sa =
+    CLI::Option* sa_option =
         description.name == "path"
             ? command->add_flag("--fresh", options->is_fresh, "Ask the SA, even if the cache has an answer")
             : command->add_flag("--verify", options->must_verify,
                                 "If the cache answers, also ask the SA, and print if the cache was right");
-    at_the_sa->option_text(" "); // the help does not list excluded options; the error message names them
-    command->add_flag("--cached", options->cache_only, "Ask only the cache")->excludes(at_the_sa)->option_text(" ");
+    sa_option->option_text(" "); // the help then does not list excluded options; the error message names them
+    command->add_flag("--cached", options->cache_only, "Ask only the cache")->excludes(sa_option)->option_text(" ");
     auto common = add_client_options(*command, one_host);
     add_gid_format_option(*command, *common);
     set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });
 }
 
-// Shows the status every second, until a signal ends the program or the output fails. On a terminal, the status fills
-// the window.
+// Shows the status every second, until a signal ends the program or the output fails. On a terminal, fits the status
+// into the window.
 ats::result<int> watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);

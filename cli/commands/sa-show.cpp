@@ -50,7 +50,7 @@ ats::result<console::record_filter> filter_of(const show_options& options)
     return filter;
 }
 
-// Names the command that explains why no port is active.
+// Returns the end of an error message. If no port is active, it names the command that explains why.
 std::string check_hint(const ats::error& error)
 {
     return error.kind == ats::error_kind::not_found ? "; 'ats check' says more" : "";
@@ -61,7 +61,8 @@ ats::result<json> ask_real_sa(const show_options& options, const console::record
     const auto sa = umad::open_sa_client(options.hca, options.port);
     if (!sa) return ats::fail(sa.error().text + check_hint(sa.error()));
     const auto list = console::list_records(**sa, filter);
-    if (!list) return ats::fail(list.error().text); // without its kind, because exit code 3 means a silent service
+    // Drop the kind of the error: `unreachable` gives exit code 3, which means that the service does not answer.
+    if (!list) return ats::fail(list.error().text);
     json records = json::array();
     for (const ib_service_record_v2_t& record : list->records)
         records.push_back(console::record_answer(embedded::view_of(record)));
@@ -69,7 +70,7 @@ ats::result<json> ask_real_sa(const show_options& options, const console::record
     return json{{"records", records}, {"remarks", list->remarks}, {"silent", false}, {"status", nullptr}};
 }
 
-// Removes the records that the filter excludes. An embedded SA always reports all of its records.
+// Removes the records that the filter excludes from an answer of the service, which always has all records of its SA.
 void select(json& answer, const console::record_filter& filter)
 {
     const auto is_excluded = [&](const json& record) {
@@ -97,7 +98,7 @@ ats::result<json> find_records(const client_options& common, const show_options&
     if (!answer) return answer;
     if (answer->value("real", false)) return ask_real_sa(options, *filter);
     select(*answer, *filter);
-    (*answer)["remarks"] = json::array(); // only a real SA causes remarks
+    (*answer)["remarks"] = json::array(); // the embedded SA always returns all records, so there are no remarks
     return answer;
 }
 

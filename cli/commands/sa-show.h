@@ -15,7 +15,7 @@ namespace cli
 void add_sa_show(CLI::App& sa, ats::result<int>& outcome);
 
 // Asks the SA of this machine's real fabric for the records of a host name. Returns an array of records in the same
-// form as the service.
+// form as the service. Fails if no port is active, or if the SA does not answer or refuses.
 ats::result<nlohmann::json> real_records_of(const std::string& host_name);
 
 } // namespace cli

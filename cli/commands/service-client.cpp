@@ -23,8 +23,8 @@ int half_timeout_ms(const client_options& options)
     return static_cast<int>(options.timeout_seconds * 1000 / 2);
 }
 
-// Explains a failed library call to the user, and says what to do. `is_asked` means that the request had already been
-// sent.
+// Returns an error for a failed call of libatsclient, which says what the user can do. `is_asked` means that the
+// request was sent before the failure.
 ats::error library_error(const client_options& options, ats_status_t status, bool is_asked)
 {
     const std::string service = "the service on " + options.socket;
@@ -129,7 +129,8 @@ ats::result<json> service_client::next()
     return json::parse(line);
 }
 
-// Any reply shows that the service works, even a refusal or a closed connection.
+// Pings the service on a second connection. Any reaction shows that the service works: an answer, a refusal, or a
+// closed connection.
 bool service_client::is_alive() const
 {
     const ats::result<service_client> second = open(options_);

@@ -1,4 +1,4 @@
-// The common parts of all client commands: their options, the conversation with the service, and the output of answers.
+// The common parts of all client commands: their options, the connection to the service, and the output of answers.
 #pragma once
 
 #include <functional>
@@ -23,38 +23,39 @@ struct client_options {
     std::string host; // "" means the first host
     bool as_json = false;
     std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
-    double timeout_seconds = 5;     // the longest time without a sign of life of the service
+    double timeout_seconds = 5;     // give up if the service sends nothing and answers no ping for this time
 };
 
+// Values for the help text of --host: for a command that asks one host, and for a command without --host.
 constexpr const char* one_host = "The host to ask (default: the first)";
 constexpr const char* no_host = "";
 
-// Adds --json, --socket, --timeout and --host. Omits --host if `host_meaning` is `no_host`.
+// Adds --json, --socket, --timeout and --host. `host_meaning` is the help text of --host; `no_host` omits --host.
 std::shared_ptr<client_options> add_client_options(CLI::App& command, const std::string& host_meaning);
 
 // Adds --gid-format, for commands that show GIDs.
 void add_gid_format_option(CLI::App& command, client_options& options);
 
-// Makes `body` the action of the command. `outcome` receives its exit code or its error. If the service's answer lacks
-// a key that the command needs, this also gives an error.
+// Makes `body` the action of the command. `outcome` receives the exit code or the error that `body` returns. If `body`
+// throws a json::exception, because the service's answer lacks a key, `outcome` receives an error, too.
 void set_client_action(CLI::App& command, ats::result<int>& outcome, std::function<ats::result<int>()> body);
 
 // Returns the answer with its GIDs in the notation that --gid-format selects.
 json with_gid_format(json answer, const client_options& options);
 
-// One conversation with the service, through libatsclient. An answer may take long: the SA may be silent, or a followed
-// log may have no new line. If the service sends nothing for half the timeout, the client pings it on a second
-// connection. It keeps waiting while the service answers the pings. Otherwise the call fails with an error of kind
-// `unreachable`.
+// A connection to the service, through libatsclient. An answer may take long: the SA may be silent, or a followed log
+// may have no new line. If the service sends nothing for half the timeout, the client pings it on a second connection.
+// The client waits as long as the service answers the pings. If a ping is not answered within the other half of the
+// timeout, the call fails (unreachable).
 class service_client
 {
   public:
     static ats::result<service_client> open(const client_options& options);
 
-    // Sends a request and returns its answer. A refusal, {"error", "exit_code"}, also counts as an answer.
+    // Sends a request and returns its answer. If the service refuses the request, the answer is {"error", "exit_code"}.
     ats::result<json> ask(json request);
 
-    // Does the same, but returns a refusal as an error.
+    // Does the same, but returns an answer {"error", "exit_code"} as an error.
     ats::result<json> ask_accepted(json request);
 
     // Reads the next line of an answer that has several lines.
@@ -76,14 +77,14 @@ class service_client
     library_client library_;
 };
 
-// Opens a conversation, sends one request and returns its answer. A refusal becomes an error.
+// Opens a connection, sends one request and returns its answer. If the service refuses the request, returns an error.
 ats::result<json> ask_once(const client_options& options, const json& request);
 
-// Shows an answer as JSON with --json, otherwise as text with `show_text`.
+// Prints an answer: as JSON if the command has --json, otherwise as text with `show_text`.
 using show_text_t = void (*)(std::ostream& output, const json& answer);
 void show_answer(const client_options& options, const json& answer, show_text_t show_text);
 
-// Calls ask_once() and shows the answer. Returns the exit code.
+// Calls ask_once() and show_answer(). Returns the exit code.
 ats::result<int> ask_and_show(const client_options& options, const json& request, show_text_t show_text);
 
 } // namespace cli

@@ -24,7 +24,7 @@ std::vector<std::string> lines_of(const std::string& text)
     return lines;
 }
 
-// One row for each port.
+// Returns a table with a row for each port.
 console::table_rows port_rows(const json& answer)
 {
     console::table_rows rows = {{"HOST", "HCA", "PORT", "LINK", "STATE", "LID", "ADDRESS", "SENT", "RECEIVED"}};
@@ -46,7 +46,7 @@ std::string registration_of(const json& host)
     return host.at("registrations").empty() ? "-" : "yes";
 }
 
-// One row for each host.
+// Returns a table with a row for each host.
 console::table_rows host_rows(const json& answer)
 {
     console::table_rows rows = {{"HOST", "CACHED", "HITS", "MISSES", "REQUESTS", "RETRIES", "TIME-OUTS", "REGISTERED"}};

@@ -19,7 +19,7 @@ std::string field(const json& object, const char* key)
     return console::cell_text(object.at(key));
 }
 
-// Examples of the result: "12 s", "3 min", "2 h 10 min".
+// Returns, for example, "12 s", "3 min" or "2 h 10 min".
 std::string duration_in_words(uint64_t seconds)
 {
     const uint64_t minutes = seconds / 60;
@@ -52,7 +52,7 @@ void show_missing_registration(std::ostream& output, const json& registration)
            << confirmation_text(registration, "the SA last confirmed it") << '\n';
 }
 
-// Reports if the SA has the host's record. Names the HCA if the host has several.
+// Prints if the SA has the record of one HCA of a host. Names the HCA if the host has several HCAs.
 void show_registration(std::ostream& output, const json& registration, bool is_only_one)
 {
     output << "  ";
@@ -107,7 +107,7 @@ void show_host(std::ostream& output, const json& host)
     if (host.contains("ibat")) show_ibat(output, host.at("ibat"));
 }
 
-// Describes the result of a verification. Returns "" if the answer has none.
+// Describes the result of a verification of the cache. Returns "" if the answer has no such result.
 std::string verification_text(const json& answer)
 {
     if (!answer.contains("verified")) return "";
