@@ -1,4 +1,5 @@
-// The calls of libfuse's low-level interface. The high-level interface does not report interrupted requests.
+// Implements the calls of libfuse's low-level interface. The high-level interface does not report interrupted requests,
+// so it cannot be used.
 
 #include "cli/mount/fuse-calls.h"
 
@@ -12,7 +13,7 @@ namespace cli
 namespace
 {
 
-constexpr double no_caching = 0.0; // entries appear and disappear with their modules
+constexpr double no_caching = 0.0; // in seconds; entries appear and disappear when modules are loaded and unloaded
 
 mount_state& mount_of(fuse_req_t request)
 {
@@ -136,13 +137,14 @@ void on_interrupt(fuse_req_t, void* task)
 void on_write(fuse_req_t request, fuse_ino_t inode, const char* bytes, size_t size, off_t, fuse_file_info*)
 {
     mount_state& mount = mount_of(request);
-    // libfuse holds the request's lock while it calls on_interrupt. The second function below removes on_interrupt.
-    // After that, no such call is running.
+    // The first function below registers on_interrupt for this request, and the second function removes it. Both wait
+    // for the lock of the request, which libfuse holds while on_interrupt runs. After the second function, on_interrupt
+    // therefore does not run any more, and the task may end.
     const int result = mount.tree.write_proc(
         mount.inodes.path(inode), std::string(bytes, size),
         [request](exec::task& writer) { fuse_req_interrupt_func(request, on_interrupt, &writer); },
         [request] { fuse_req_interrupt_func(request, nullptr, nullptr); });
-    if (result == -EK_RESTARTSYS) // programs must not see this number
+    if (result == -EK_RESTARTSYS) // an error code inside the kernel; programs get EINTR instead
         fuse_reply_err(request, EINTR);
     else if (result < 0)
         fuse_reply_err(request, -result);

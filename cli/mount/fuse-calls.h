@@ -1,4 +1,5 @@
-// The calls of a FUSE session. They serve the files of a mount tree by inode number. Any thread.
+// The functions that libfuse calls for the requests of a FUSE session. They serve the files of a mount tree by inode
+// number. libfuse calls them in any of its threads.
 #pragma once
 
 #define FUSE_USE_VERSION 312
@@ -15,8 +16,8 @@
 namespace cli
 {
 
-// Paths by inode number. A path gets a number at its first use and keeps it. Only existing files get a number, so the
-// table stays small.
+// Maps paths to inode numbers and back. A path gets a number at its first use and keeps the number. Only paths of
+// existing files get numbers, so the table stays small. Any thread.
 class inode_table
 {
   public:
@@ -40,7 +41,7 @@ class inode_table
     std::map<std::string, fuse_ino_t> numbers_{{"", 1}};
 };
 
-// The open logs, by file handle. Logs that are still open are closed at the end of the mount.
+// Stores the open log files by file handle. The destructor closes files that are still open. Any thread.
 class open_logs
 {
   public:
@@ -50,7 +51,7 @@ class open_logs
     };
     static constexpr uint64_t no_log = 0; // the handle of a /proc entry
 
-    // Returns no_log for a null reader.
+    // Stores `reader` and returns its handle. Returns no_log if `reader` is null.
     uint64_t add(std::unique_ptr<log_reader> reader)
     {
         if (!reader) return no_log;
@@ -78,12 +79,12 @@ class open_logs
     uint64_t last_handle_ = no_log;
 };
 
-// The user data of a session.
+// The state of a FUSE session, which is its user data for libfuse.
 struct mount_state {
     explicit mount_state(const std::vector<kernel::machine*>& machines) : tree(machines) {}
     mount_tree tree;
     inode_table inodes;
-    open_logs logs; // after the tree: their readers refer to it
+    open_logs logs; // destroyed before the tree, to which the readers refer
     const time_t start_time = time(nullptr);
 
     struct stat attributes(const std::string& path, const mount_entry& entry)
@@ -103,7 +104,7 @@ struct mount_state {
     }
 };
 
-// The calls of a session whose user data is a `mount_state`.
+// Returns the functions for a session. The user data of the session must be a `mount_state`.
 fuse_lowlevel_ops fuse_calls();
 
 } // namespace cli

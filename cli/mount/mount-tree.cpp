@@ -44,9 +44,9 @@ std::string file_text(const std::vector<kernel::log_line>& lines)
 log_size::log_size(kernel::log& log) : log_(log)
 {
     const auto count = [this](const kernel::log_line& line) { written_bytes_ += file_text({line}).size(); };
-    // Start following first, then count the older lines. A line printed in between is counted twice, so the file looks
-    // slightly too long. In the other order that line would not be counted, and readers would not reach the end of the
-    // file.
+    // First follow the log, then count the older lines. If a line is printed between these two actions, it is counted
+    // twice, and the file looks slightly too long. In the opposite order, the line is not counted, and readers do not
+    // reach the end of the file.
     follower_ = log_.follow(count);
     for (const kernel::log_line& line : log_.lines()) count(line);
 }
@@ -60,8 +60,8 @@ void log_size::add_reader()
 {
     const std::lock_guard lock(mutex_);
     if (readers_++ > 0) return;
-    // Read written_bytes_ before counting the lines. If a line is printed in between, the file looks slightly too long.
-    // In the other order, it would look too short.
+    // First read written_bytes_, then count the stored lines. If a line is printed between these two actions, the file
+    // looks slightly too long. In the opposite order, the file looks too short.
     const uint64_t written_bytes = written_bytes_;
     uint64_t stored_bytes = 0;
     uint64_t next_line = 0;
@@ -83,7 +83,8 @@ void log_size::remove_reader()
 log_reader::log_reader(kernel::log& log, log_size& size) : log_(log), size_(size)
 {
     size_.add_reader();
-    const size_t lines = log_.lines_from(0, 1, &next_line_).size(); // sets next_line_ to the second oldest line
+    const size_t lines =
+        log_.lines_from(0, 1, &next_line_).size(); // next_line_ becomes the number after the oldest line
     first_line_ = next_line_ - lines;
     next_line_ = first_line_;
 }

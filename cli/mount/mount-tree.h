@@ -1,4 +1,4 @@
-// The files of a mount: finds the file of a path, lists folders, and reads and writes files. Does not depend on FUSE.
+// The files of a mount: finds the file for a path, lists folders, and reads and writes files. Does not depend on FUSE.
 #pragma once
 
 #include <atomic>
@@ -22,12 +22,12 @@ struct mount_entry {
     uint64_t size = 0;
 };
 
-// The size of a log as a file. The log drops its oldest lines. While the file is open, its size includes the dropped
-// lines, so the size only grows. Any thread.
+// The size of a log file. The log drops its oldest lines. While a reader has the file open, the size includes the lines
+// that were dropped meanwhile, so the size only grows. Any thread.
 class log_size
 {
   public:
-    explicit log_size(kernel::log& log); // which must outlive this object
+    explicit log_size(kernel::log& log); // `log` must outlive this object
     ~log_size();
     log_size(const log_size&) = delete;
     log_size& operator=(const log_size&) = delete;
@@ -40,12 +40,12 @@ class log_size
     kernel::log& log_;
     int follower_;
     std::atomic<uint64_t> written_bytes_{0}; // since the machine started
-    std::atomic<uint64_t> dropped_bytes_{0}; // dropped before the first reader opened the file
+    std::atomic<uint64_t> dropped_bytes_{0}; // those of written_bytes_ that the log had dropped when readers_ became 1
     std::mutex mutex_;                       // guards the changes of readers_ and dropped_bytes_
     int readers_ = 0;
 };
 
-// One open log file. Only one thread at a time.
+// An open log file. Only one thread at a time may use it. `log` and `size` must outlive this object.
 class log_reader
 {
   public:
@@ -54,7 +54,7 @@ class log_reader
     log_reader(const log_reader&) = delete;
     log_reader& operator=(const log_reader&) = delete;
 
-    // Returns at most `size` bytes from `offset` on. Returns fewer or none at the end.
+    // Returns at most `size` bytes from `offset` on. May return fewer bytes. Returns none at the end.
     std::string read(size_t offset, size_t size);
 
   private:
@@ -64,28 +64,28 @@ class log_reader
     log_size& size_;
     uint64_t first_line_ = 0;
     uint64_t next_line_ = 0; // the first line after piece_
-    std::string piece_;      // the text of the lines read last; begins at piece_offset_
+    std::string piece_;      // the text of the lines that were read last; piece_offset_ is its place in the file
     size_t piece_offset_ = 0;
 };
 
-// Any thread may call it from outside of the machines.
+// Any thread that is not a task of a machine may call these functions.
 class mount_tree
 {
   public:
-    explicit mount_tree(const std::vector<kernel::machine*>& machines); // which must outlive this object
+    explicit mount_tree(const std::vector<kernel::machine*>& machines); // the machines must outlive this object
 
-    // Paths are relative to the mount; "" is its root. As in a kernel, results are 0 or more, or a negative errno for
-    // the program that reads or writes the file.
+    // Paths are relative to the mount; "" is its root. As in a kernel, a result is 0 or more, or a negative errno. The
+    // program that uses the file gets the errno.
     int stat(const std::string& path, mount_entry* entry);
     int list(const std::string& path, std::vector<mount_entry>* entries);
     int read_proc(const std::string& path, size_t offset, size_t size, std::string* bytes);
 
-    // Calls `on_start` with the task of the write before it enters the module, and `on_end` after the module has
-    // returned.
+    // Writes to a /proc entry. Calls `on_start` with the task that makes the write, before the task enters the module.
+    // Calls `on_end` after the module has returned.
     template <class on_start_t, class on_end_t>
     int write_proc(const std::string& path, const std::string& bytes, on_start_t on_start, on_end_t on_end);
 
-    // Returns null unless `path` is a host's log.
+    // Returns a reader if `path` is a host's log, otherwise null. This object must outlive the reader.
     std::unique_ptr<log_reader> open_log(const std::string& path);
 
   private:
@@ -103,7 +103,7 @@ class mount_tree
         std::string path = {};              // relative to the machine's /proc
     };
 
-    // Returns nothing if no host has that name.
+    // Finds the host of a path. Returns nothing if no host has the name at the beginning of `path`.
     std::optional<place> locate(const std::string& path);
     proc_place locate_proc(const std::string& path);
 

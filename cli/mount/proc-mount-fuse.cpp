@@ -1,4 +1,4 @@
-// The mount through libfuse 3.
+// Implements proc_mount with libfuse 3.
 
 #include "cli/mount/proc-mount.h"
 
@@ -40,8 +40,8 @@ ats::result<> check_mount_point(const std::string& directory)
     return {};
 }
 
-// During its lifetime, libfuse does not print its error messages. The object stores the last one. A process has one
-// object at a time.
+// While this object exists, libfuse does not print its error messages, and the object stores the last message. Only one
+// object may exist in a process at a time.
 class libfuse_complaints
 {
   public:
@@ -50,15 +50,15 @@ class libfuse_complaints
     libfuse_complaints(const libfuse_complaints&) = delete;
     libfuse_complaints& operator=(const libfuse_complaints&) = delete;
 
-    static inline std::string last;
+    static inline std::string last_line;
 
   private:
     static void keep(fuse_log_level, const char* format, va_list arguments)
     {
         char line[256];
         std::vsnprintf(line, sizeof line, format, arguments);
-        last = line;
-        while (last.ends_with('\n')) last.pop_back();
+        last_line = line;
+        while (last_line.ends_with('\n')) last_line.pop_back();
     }
 };
 
@@ -69,11 +69,12 @@ class fuse_mount final : public proc_mount
   public:
     explicit fuse_mount(const std::vector<kernel::machine*>& machines) : state_(machines) {}
 
-    // Call it once. It may fail halfway; the destructor then cleans up.
+    // Mounts the files, and starts the thread that serves them. Call it once. If it fails halfway, the destructor
+    // cleans up.
     ats::result<> start(const std::string& directory)
     {
         if (const ats::result<> mounted = mount(directory); !mounted) return mounted;
-        struct sigaction wake_up = {}; // the signal only interrupts a blocked read of the loop
+        struct sigaction wake_up = {}; // the destructor uses SIGUSR1 to interrupt a blocked read() in serve()
         wake_up.sa_handler = do_nothing;
         sigaction(SIGUSR1, &wake_up, nullptr);
         try {
@@ -84,8 +85,8 @@ class fuse_mount final : public proc_mount
         return {};
     }
 
-    // End the loop before the unmount, because an unmount does not wake the loop while a file is open. A signal wakes
-    // the loop. The loop then waits for the calls in progress.
+    // Ends the loop of serve() before the unmount, because an unmount does not wake the loop while a file is open. A
+    // signal wakes the loop. The loop ends when the calls in progress have returned.
     ~fuse_mount() override
     {
         constexpr std::chrono::milliseconds repeat_interval(5);
@@ -122,12 +123,12 @@ class fuse_mount final : public proc_mount
         fuse_args arguments = FUSE_ARGS_INIT(3, words);
         session_ = fuse_session_new(&arguments, &calls, sizeof calls, &state_);
         fuse_opt_free_args(&arguments);
-        if (!session_) return ats::fail("libfuse refuses to start: " + complaints.last);
+        if (!session_) return ats::fail("libfuse refuses to start: " + complaints.last_line);
         if (fuse_session_mount(session_, directory.c_str()) == 0) return {};
         fuse_session_destroy(session_);
         session_ = nullptr;
         return ats::fail(error_kind::invalid,
-                         "cannot mount on " + directory + " (" + complaints.last +
+                         "cannot mount on " + directory + " (" + complaints.last_line +
                              "): check that /dev/fuse exists and that you may open it, or leave --mount out");
     }
 

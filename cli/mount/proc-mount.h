@@ -11,17 +11,18 @@
 namespace cli
 {
 
-// During its lifetime, DIR/HOST/proc/... are the host's /proc entries, and DIR/HOST/log is its kernel log, which grows
-// with every line. If the writer of a /proc entry is interrupted, the kernel call has a pending signal.
+// While this object exists, DIR/HOST/proc/... are the host's /proc entries, and DIR/HOST/log is its kernel log, which
+// grows with every line. If a signal interrupts a program that writes to a /proc entry, the host's task that executes
+// the write gets a signal, too.
 class proc_mount
 {
   public:
-    // Mounts on the folder `directory`. The machines must outlive the mount, because FUSE's threads call into them. The
-    // error says what to do. An unsuitable folder, or a build without libfuse, is invalid.
+    // Mounts on the folder `directory`. The machines must outlive the mount, because FUSE's threads call into them.
+    // Fails (invalid) if the folder is unsuitable, or in a build without libfuse. The error says what to do.
     static ats::result<std::unique_ptr<proc_mount>> open(const std::string& directory,
                                                          const std::vector<kernel::machine*>& machines);
 
-    // Returns false in a build without libfuse.
+    // Returns true in a build with libfuse.
     static bool is_available();
 
     // Waits for the calls in progress, then unmounts.
