@@ -21,7 +21,7 @@ namespace
 
 constexpr double nanoseconds_per_second = 1e9;
 
-// Every family, in the order of the text.
+// All families, in the order in which they are printed.
 const std::vector<family> all_families = {
     {"ats_build_info", "The version of the service, and the kind of its fabric.", type::gauge},
     {"ats_uptime_seconds", "Time since the start of the service.", type::gauge},
@@ -77,7 +77,7 @@ class collection
         add(name, std::move(labels), static_cast<double>(counter.load(std::memory_order_relaxed)));
     }
 
-    // One value of the last label, and its sample.
+    // The value of the last label in a sample, and the value of the sample.
     struct part {
         const char* word;
         uint64_t value;
@@ -86,9 +86,9 @@ class collection
                    std::initializer_list<part> parts)
     {
         for (const part& part : parts) {
-            std::vector<label> all = labels;
-            all.emplace_back(last_label, part.word);
-            add(name, std::move(all), static_cast<double>(part.value));
+            std::vector<label> part_labels = labels;
+            part_labels.emplace_back(last_label, part.word);
+            add(name, std::move(part_labels), static_cast<double>(part.value));
         }
     }
 
@@ -121,7 +121,7 @@ void add_registrations(collection& table, world::host& host)
     }
 }
 
-// The caller is inside the host's machine.
+// Call it inside machine::enter() of the host's machine.
 void add_gsi(collection& table, world::host& host)
 {
     const auto& gsi = host.machine().get<stack::gsi>();
@@ -153,7 +153,7 @@ void add_gsi(collection& table, world::host& host)
     }
 }
 
-// The caller is inside the host's machine.
+// Call it inside machine::enter() of the host's machine.
 void add_ibat(collection& table, world::host& host)
 {
     const world::published<ibat_counters_fn_t> read(host.machine(), "ibat_counters_fn");
@@ -175,7 +175,7 @@ void add_ibat(collection& table, world::host& host)
                      {"conflict", counters.conflicts}});
 }
 
-// The caller is inside the host's machine.
+// Call it inside machine::enter() of the host's machine.
 void add_paths(collection& table, world::host& host)
 {
     const world::published<ibat_path_counters_fn_t> read(host.machine(), "ibat_path_counters_fn");
@@ -204,12 +204,12 @@ void add_histogram(collection& table, const std::vector<label>& labels, const cl
     uint64_t total = 0;
     for (size_t i = 0; i < histogram.counts.size(); ++i) {
         total += histogram.counts.at(i).load(std::memory_order_relaxed);
-        std::vector<label> with_bound = labels;
-        with_bound.emplace_back(
+        std::vector<label> bucket_labels = labels;
+        bucket_labels.emplace_back(
             "le", i < histogram.bounds_ns.size()
                       ? fmt::format("{}", static_cast<double>(histogram.bounds_ns.at(i)) / nanoseconds_per_second)
                       : "+Inf");
-        table.add(name, std::move(with_bound), static_cast<double>(total), "_bucket");
+        table.add(name, std::move(bucket_labels), static_cast<double>(total), "_bucket");
     }
     table.add(name, labels,
               static_cast<double>(histogram.sum_ns.load(std::memory_order_relaxed)) / nanoseconds_per_second, "_sum");

@@ -13,7 +13,7 @@ namespace metrics
 namespace
 {
 
-// The limit of connections. A slow client loses its connection after idle_limit_seconds.
+// The maximum number of connections. A connection that is idle for idle_limit_seconds is closed.
 constexpr unsigned most_connections = 16;
 constexpr unsigned idle_limit_seconds = 10;
 
@@ -22,7 +22,8 @@ MHD_Result answer(MHD_Connection* connection, unsigned status, const char* conte
     MHD_Response* response = MHD_create_response_from_buffer(text.size(), text.data(), MHD_RESPMEM_MUST_COPY);
     if (!response) return MHD_NO;
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, content_type);
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close"); // no client keeps a connection
+    // Each connection carries one request. Otherwise idle clients would use up most_connections.
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     const MHD_Result queued = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return queued;

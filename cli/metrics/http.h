@@ -14,12 +14,13 @@ class http
 {
   public:
     http();
-    ~http(); // stops serving; waits for an answer in progress
+    ~http(); // stops serving; waits until an answer in progress is sent
     http(const http&) = delete;
     http& operator=(const http&) = delete;
 
-    // Answers `GET /metrics` on `address`, for example "127.0.0.1:9783", in a thread of its own. `text` creates the
-    // answer. Fails if the port is in use or not allowed, or if this build lacks the library.
+    // Starts a thread that answers `GET /metrics` on `address`, for example "127.0.0.1:9783". The thread calls `text`
+    // for each answer. Fails if another program uses the port, if this user may not use it, or if this build lacks
+    // libmicrohttpd.
     ats::result<> open(const std::string& address, std::function<std::string()> text);
 
     bool is_open() const { return state_ != nullptr; }
@@ -29,7 +30,7 @@ class http
     std::unique_ptr<state> state_;
 };
 
-// Returns false if this program was built without the HTTP library.
+// Returns true if this program was built with libmicrohttpd.
 bool can_serve_http();
 
 } // namespace metrics

@@ -1,5 +1,5 @@
-// The state of a service as metrics, in the text format of Prometheus. docs/metrics.md lists them. Their names, types
-// and labels are a contract.
+// Collects the metrics of a service, and writes them in the text format of Prometheus. docs/metrics.md lists the
+// metrics. Users rely on their names, types and labels.
 #pragma once
 
 #include <string>
@@ -21,7 +21,7 @@ struct sample {
 
 enum class type { gauge, counter, histogram };
 
-// The samples with one name.
+// A metric and its samples. Prometheus calls this a family.
 struct family {
     const char* name;
     const char* help;
@@ -29,11 +29,11 @@ struct family {
     std::vector<sample> samples = {};
 };
 
-// Collects all present metrics of the service. Reads ports, which may sleep. Any thread outside of the machines;
-// several threads at a time.
+// Collects the current values of all metrics. It reads ports, which may sleep. Any thread that is not a task of a
+// machine may call it, also several threads at the same time.
 std::vector<family> collect(cli::running_hosts& hosts);
 
-// Formats HELP, TYPE and samples of each family that has samples. Pure.
+// Formats the HELP line, the TYPE line and the samples of each family. Leaves out families without samples. Pure.
 std::string text_of(const std::vector<family>& families);
 
 } // namespace metrics

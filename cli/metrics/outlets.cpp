@@ -26,7 +26,7 @@ outlets::~outlets()
     {
         const std::lock_guard lock(mutex_);
         is_stopping_ = true;
-        changed_.notify_all();
+        change_.notify_all();
     }
     if (thread_.joinable()) thread_.join();
 }
@@ -39,11 +39,11 @@ void outlets::work()
         if (!config_.textfile.empty()) note(file_outlet_, file_.write(text_()));
         if (!config_.listen.empty() && !http_.is_open()) note(http_outlet_, http_.open(config_.listen, text_));
         lock.lock();
-        changed_.wait_for(lock, period, [&] { return is_stopping_; });
+        change_.wait_for(lock, period, [&] { return is_stopping_; });
     }
 }
 
-// Reports the start and the end of a failure.
+// Prints a line if the outlet fails with a new error, and if it works again after an error.
 void outlets::note(outlet& outlet, const ats::result<>& result)
 {
     const std::string error = result ? "" : result.error().text;

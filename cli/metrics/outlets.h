@@ -1,5 +1,6 @@
-// The outlets for a service's metrics besides `ats metrics`: a file for node_exporter's textfile collector, and HTTP. A
-// failure is reported once. The service continues, and tries again every 15 seconds.
+// Publishes a service's metrics in two ways, which are called outlets: in a file for node_exporter's textfile
+// collector, and over HTTP. If an outlet fails, the administrator gets one line. The service continues, and tries again
+// every 15 seconds.
 #pragma once
 
 #include <condition_variable>
@@ -19,17 +20,17 @@ namespace metrics
 class outlets
 {
   public:
-    using print_t = std::function<void(const std::string& line)>; // receives a line for the administrator
-    using text_t = std::function<std::string()>;                  // creates the text; any thread may call it
+    using print_t = std::function<void(const std::string& line)>; // prints a line for the administrator
+    using text_t = std::function<std::string()>;                  // makes the text of the metrics; called in any thread
 
-    // Starts a thread if anything is configured. Throws a shortage if the thread cannot be created.
+    // Starts a thread if an outlet is configured. Throws exec::shortage if the thread cannot be created.
     outlets(const cli::metrics_config& config, text_t text, print_t print);
     ~outlets();
     outlets(const outlets&) = delete;
     outlets& operator=(const outlets&) = delete;
 
   private:
-    // One outlet, and the error of its last try.
+    // The error of an outlet's last try, or "". `name` is the beginning of the lines about it.
     struct outlet {
         const char* name;
         std::string error = {};
@@ -44,8 +45,8 @@ class outlets
     outlet http_outlet_{"metrics are not served over HTTP"};
     textfile file_;
     http http_;
-    std::mutex mutex_; // guards the next two members
-    std::condition_variable changed_;
+    std::mutex mutex_;               // guards the next two members
+    std::condition_variable change_; // of is_stopping_
     bool is_stopping_ = false;
     std::thread thread_;
 };

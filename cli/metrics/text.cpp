@@ -11,7 +11,7 @@ namespace
 
 constexpr const char* type_words[] = {"gauge", "counter", "histogram"};
 
-// Escapes a text for the format: valid UTF-8, with escaped backslashes, quotation marks and line ends.
+// Makes a text valid as the value of a label: UTF-8, with escaped backslashes, quotation marks and line ends.
 std::string escaped(const std::string& text)
 {
     std::string result;

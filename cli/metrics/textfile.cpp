@@ -14,7 +14,7 @@ namespace metrics
 namespace
 {
 
-constexpr mode_t readable_by_all = 0644; // node_exporter is another user
+constexpr mode_t readable_by_all = 0644; // node_exporter runs as another user
 
 tl::unexpected<ats::error> system_error(const std::string& what)
 {
@@ -39,7 +39,7 @@ textfile::~textfile()
 {
     if (!lock_.is_open()) return;
     unlink(path().c_str());
-    unlink(lock_path().c_str()); // the lock is held, see lock()
+    unlink(lock_path().c_str()); // lock() of another service notices that the file was removed
 }
 
 ats::result<> textfile::lock()
@@ -51,7 +51,8 @@ ats::result<> textfile::lock()
         return system_error(name + " cannot be made, does the folder exist, and may the service write there");
     if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
         return ats::fail("another service writes " + path() + ": give each its own folder");
-    // The service that held the lock before may have ended and removed the file. Then the next try makes another one.
+    // The service that held the lock before may have removed the file between our open() and our flock(). A lock on a
+    // removed file protects nothing. The next call of lock() creates a new file.
     struct stat status = {};
     if (fstat(file.get(), &status) != 0 || status.st_nlink == 0)
         return ats::fail("another service that wrote " + path() + " has just ended");
@@ -59,11 +60,11 @@ ats::result<> textfile::lock()
     return {};
 }
 
-// If the disk is full, the draft is incomplete, and the file does not change.
+// Writes a draft and renames it. If the disk is full, only the draft is incomplete, and the file does not change.
 ats::result<> textfile::write(const std::string& text)
 {
     if (const ats::result<> locked = lock(); !locked) return locked;
-    unlink(draft().c_str()); // left by a service that was killed
+    unlink(draft().c_str()); // a service that was killed may have left its draft
     const client::descriptor file(open(draft().c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, readable_by_all));
     if (!file.is_open()) return system_error(draft() + " cannot be made");
     fchmod(file.get(), readable_by_all); // independent of the umask

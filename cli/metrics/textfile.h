@@ -1,4 +1,4 @@
-// The file that node_exporter's textfile collector reads.
+// Writes the file that node_exporter's textfile collector reads.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@
 namespace metrics
 {
 
-// For one thread. Readers never see a partial file. A lock on FOLDER/.ats.prom.lock keeps a second service from writing
-// it.
+// Only one thread may use it. Readers never see a partial file. A lock on FOLDER/.ats.prom.lock prevents a second
+// service from writing the same file.
 class textfile
 {
   public:
