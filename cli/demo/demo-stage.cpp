@@ -74,7 +74,7 @@ std::string stage::read_control(world::host& host)
     std::string report;
     machine.enter("read", [&] {
         exec::print_capture capture(exec::print_capture::also_log);
-        std::string text; // stays empty, because the module prints its report
+        std::string text; // stays empty: ats prints its report, and print_capture receives it
         expect(machine.proc.read(console::control_file, 0, PROC_PAGE_SIZE, &text) == 0,
                "the control file reads as empty");
         report = capture.text();

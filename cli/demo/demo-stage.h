@@ -1,5 +1,5 @@
-// The stage of `ats demo`: three hosts on an embedded fabric in simulated time. A step uses it to act on the hosts,
-// check the effect, and print it.
+// The world of `ats demo`: three hosts on an embedded fabric in simulated time. Each step of the demo uses the stage to
+// act on the hosts, to check the effect, and to print it.
 #pragma once
 
 #include <array>
@@ -17,8 +17,8 @@
 namespace cli
 {
 
-// Thrown by a step when an expectation is not met. The text is the expectation. A step is a list of expectations, like
-// a test, so it uses an exception instead of results.
+// A step throws it when an expectation is not met. The text is the expectation. A step is a list of expectations, like
+// a test, so it uses an exception and not results.
 struct step_failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -26,9 +26,9 @@ struct step_failed : std::runtime_error {
 class stage
 {
   public:
-    // Starts without modules and with all links down. `tap` (or null) receives every datagram. `recorder` (or null)
-    // receives every event. Both must outlive the stage. Modules come from `module_folder`. With `is_terminal` the
-    // output has colours.
+    // At the start, no module is loaded and all links are down. `tap` (or null) receives every datagram. `recorder` (or
+    // null) receives every event. Both must outlive the stage. Modules come from `module_folder`. With `is_terminal`,
+    // the output is formatted for a terminal: titles in bold, log lines dim.
     stage(const std::string& module_folder, fabric::tap* tap, recording::recorder* recorder, bool is_terminal);
     ~stage();
     stage(const stage&) = delete;
@@ -47,11 +47,12 @@ class stage
     void write_control(world::host& host, const std::string& command);
     std::string read_control(world::host& host); // returns the report of ats
 
-    // Advances the time until `holds()` returns true. Returns the ticks that passed. Throws after `limit_ticks`.
+    // Advances the time until `holds()` returns true. Returns the ticks that have passed. Throws step_failed after
+    // `limit_ticks`.
     template <class condition_t>
     uint64_t wait_for(uint64_t limit_ticks, const std::string& expectation, condition_t holds);
 
-    // Returns the SA's record of that host name. Throws unless there is exactly one.
+    // Returns the SA's record with that host name. Throws step_failed if the SA has none or several.
     embedded::service_record_view record_of(const std::string& host_name);
 
     // ---- checks: they throw step_failed ----
@@ -71,9 +72,9 @@ class stage
     void begin(size_t number, const std::string& title);
     void say(const std::string& fact) const;
     void say(const std::string& question, const world::resolution& answer) const;
-    void show_records(); // those of the SA
+    void show_records(); // prints all records of the SA
 
-    // Prints the first line with `fragment` that the host has logged in this step. Throws if there is none.
+    // Prints the first line with `fragment` that the host has logged in this step. Throws step_failed if there is none.
     void quote(world::host& host, const std::string& fragment);
 
   private:

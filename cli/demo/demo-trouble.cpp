@@ -9,8 +9,8 @@ namespace cli
 namespace
 {
 
-constexpr uint64_t verification_period_ticks = 60'600; // with the default skew
-constexpr uint64_t request_ticks = 2'000;              // time until a request without an answer ends
+constexpr uint64_t verification_period_ticks = 60'600; // the default period, and the default skew of one percent
+constexpr uint64_t request_ticks = 2'000;              // a request without an answer has failed after this time
 
 std::string seconds(uint64_t ticks)
 {
@@ -22,7 +22,7 @@ fabric::gid_bytes bytes_of(const std::string& gid)
     return std::to_array(to_wire(world::parse_gid(gid).value()).bytes);
 }
 
-// Sets a host's address through the function that ats publishes, like another module of the host.
+// Sets a host's address through a function that ats publishes for other modules.
 void set_address(world::host& host, const std::string& address)
 {
     kernel::machine& machine = host.machine();
@@ -55,7 +55,7 @@ void lose_a_record(stage& stage)
     stage::expect(stage.record_of("node1").gid == gid, "node1 has its record back");
     stage.quote(stage.node1(), "gid & ipaddress don't match");
     stage.say("It asks about itself once a minute; this time that was after " + seconds(ticks) + ".");
-    stage.time().run_for(request_ticks); // wait for the record checks of the other hosts, too
+    stage.time().run_for(request_ticks); // the other hosts check their records meanwhile
 }
 
 void use_an_address_twice(stage& stage)
@@ -77,7 +77,7 @@ void change_address_at_a_silent_sa(stage& stage)
 {
     stage.subnet().faults.sa_silent = true;
     stage.write_control(stage.node3(), "set_ip_addrs 10.0.0.33");
-    stage.time().run_for(10); // long enough to lose the last request, too
+    stage.time().run_for(10); // the SA stays silent until the last request has reached it
     stage.subnet().faults.sa_silent = false;
     stage.quote(stage.node3(), "ATS - ERROR DEL SR Failed");
     stage::expect(stage.record_of("node3").ipv4 == "10.0.0.3", "the SA has not heard of it");
@@ -91,7 +91,7 @@ void change_address_at_a_silent_sa(stage& stage)
 void change_name(stage& stage)
 {
     stage.write_control(stage.node3(), "set_host_name database");
-    stage.time().run_for(10); // the writer does not wait for the answer
+    stage.time().run_for(10); // wait for the answer of the SA, because write_control() does not
     const embedded::service_record_view record = stage.record_of("database");
     stage::expect(record.ipv4 == "10.0.0.33", "the record has the new name and the new address");
     const std::string report = stage.read_control(stage.node3());

@@ -67,11 +67,12 @@ int play(stage& stage)
 
 struct demo_options {
     std::string modules = world::default_module_folder();
-    std::string capture; // empty if nothing is captured
-    std::string html;    // empty if nothing is drawn
+    std::string capture; // the file for all datagrams, or ""
+    std::string html;    // the file for the page, or ""
 };
 
-// Returns the exit code. `capture` (or null) receives every datagram. `recorder` (or null) receives every event.
+// Runs the demo. Returns the exit code. `capture` (or null) receives every datagram. `recorder` (or null) receives
+// every event.
 int run_demo(const std::string& module_folder, fabric::capture* capture, recording::recorder* recorder)
 {
     const auto begin = wall_clock::now();
@@ -84,7 +85,7 @@ int run_demo(const std::string& module_folder, fabric::capture* capture, recordi
     return exit_code;
 }
 
-// Draws the demo, if the command line asks for it.
+// Runs the demo. With --html, also writes a page that shows it. `capture` may be null.
 ats::result<int> run_drawn_demo(const demo_options& options, fabric::capture* capture)
 {
     if (options.html.empty()) return run_demo(options.modules, capture, nullptr);
