@@ -17,7 +17,7 @@ namespace cli
 namespace
 {
 
-// The needs of a host with one HCA, of each further HCA, and of the process itself.
+// The open files and the memory mappings that a host with one HCA, each further HCA, and the process itself need.
 constexpr size_t files_of_host = 3, files_of_process = 64;
 constexpr size_t mappings_of_host = 25, mappings_of_hca = 4, mappings_of_process = 500;
 
@@ -36,7 +36,8 @@ void check_file_mode(findings& findings, const std::string& file)
                                                name_of_user(status.st_uid) + ": 'chmod go-w' ends that");
 }
 
-// Checks a door, a socket at `path`. This user must be able to create files in its folder.
+// Checks if this user can create the socket `path` of the service. `door` is the name of the socket in the finding.
+// `option` is the option that selects another path.
 void check_door(findings& findings, const std::string& door, const std::string& path, const std::string& option)
 {
     const std::filesystem::path parent = std::filesystem::path(path).parent_path();

@@ -1,4 +1,5 @@
-// The checks of `ats check` about the service: its configuration, its doors and the limits of its process.
+// The checks of `ats check` about the service: its configuration, its doors (the sockets for clients) and the limits of
+// its process. Each check adds its results to `findings`.
 #pragma once
 
 #include <optional>
@@ -10,14 +11,16 @@
 namespace cli
 {
 
-// Reads the file in the same way as `ats run --config`, and starts nothing. The result is empty if the file has an
-// error; a finding then explains it.
+// Reads the configuration in `file` like `ats run --config`. Returns nothing if the file has an error; a finding then
+// explains the error.
 std::optional<world_config> check_config(findings& findings, const std::string& file);
 
-// Checks that this user can create the sockets of such a service. `socket` is the socket for clients.
+// Checks that this user can create the sockets of a service with this configuration. `socket` is the path of the socket
+// for clients.
 void check_doors(findings& findings, const world_config& config, const std::string& socket);
 
-// Checks that this user can write the metrics file of such a service, if it is configured. The service works without.
+// Checks that this user can write the metrics file, if the configuration has one. A problem is only a note, because the
+// service works without the file.
 void check_metrics_folder(findings& findings, const world_config& config);
 
 // Checks that the process limits of this user are high enough for the hosts.

@@ -41,7 +41,7 @@ void check_modules(findings& findings, const std::string& folder)
             "modules", fmt::format("{} not found in {}: name their folder with --modules", missing_modules, folder));
 }
 
-// Returns true if this user may use the port and the port is active.
+// Checks one port. Returns true if this user may use the port and the port is active.
 bool check_port(findings& findings, const std::string& hca, const umad::port_listing& port)
 {
     const std::string subject = fmt::format("{} port {}", hca, port.number);
@@ -54,17 +54,18 @@ bool check_port(findings& findings, const std::string& hca, const umad::port_lis
         findings.add_missing(subject, access.error().text);
         return false;
     }
-    const std::string usable = port.device + " may be used; ";
+    const std::string device_text = port.device + " may be used; ";
     switch (port.state) {
     case fabric::link_state::active:
-        findings.add_ok(subject, usable + umad::active_text(port.lid, port.sm_lid));
+        findings.add_ok(subject, device_text + umad::active_text(port.lid, port.sm_lid));
         return true;
     case fabric::link_state::down:
-        findings.add_note(subject, usable + umad::link_down_text);
+        findings.add_note(subject, device_text + umad::link_down_text);
         return false;
     default:
-        findings.add_missing(subject, usable + "the link is up, but no subnet manager has activated the port: start "
-                                               "one (opensm) somewhere on the fabric");
+        findings.add_missing(subject, device_text +
+                                          "the link is up, but no subnet manager has activated the port: start "
+                                          "one (opensm) somewhere on the fabric");
         return false;
     }
 }
@@ -80,7 +81,7 @@ void check_service_records(findings& findings, umad::sa_client& sa)
         findings.add_ok("ServiceRecords", "supported; this port has a record");
 }
 
-// Asks for ClassPortInfo (IBA 13.4.8.1), which every SA must support.
+// Checks that the SA answers. Asks for its ClassPortInfo (IBA 13.4.8.1), which every SA must support.
 void check_sa(findings& findings, const std::string& hca, int port)
 {
     constexpr uint16_t class_port_info = 0x0001;
@@ -96,7 +97,7 @@ void check_sa(findings& findings, const std::string& hca, int port)
     check_service_records(findings, sa);
 }
 
-// Checks all ports, and the SA through the first active one.
+// Checks all ports. Checks the SA through the first active port.
 void check_fabric(findings& findings)
 {
     const auto hcas = umad::list_hcas();
@@ -144,7 +145,8 @@ struct check_options {
     bool as_json = false;
 };
 
-// Returns the exit code. Without a configuration, checks for one host on the real ports.
+// Makes all checks and prints the findings. Returns the exit code. Without a configuration, checks if the machine can
+// run one host on its real ports.
 int run_check(const check_options& options)
 {
     findings findings;

@@ -1,5 +1,5 @@
-// `ats check`: reports if this machine can run a host on its real ports. It lists what is missing and how to correct
-// it.
+// `ats check`: reports if this machine can run a host on its real ports. Lists the missing things, and tells the user
+// how to get them.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -9,7 +9,8 @@
 namespace cli
 {
 
-// Adds the subcommand. It prints its findings, and stores its exit code or an error in `outcome`.
+// Adds the subcommand. It prints its findings, and stores its exit code or an error in `outcome`, which must outlive
+// `program`.
 void add_check(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

@@ -1,4 +1,4 @@
-// The program `ats`: reads the command line, runs the command, and prints its error.
+// The program `ats`: reads the command line, runs the command, and prints the command's error.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -30,12 +30,12 @@ constexpr const char* footer = "Exit codes: 0  done\n"
                                "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
                                "See ats(8), ats-run(8).";
 
-// Opens /dev/null for a standard file that is closed. Otherwise the next file or socket would get its number, and lines
-// would go there.
+// If stdin, stdout or stderr is closed, opens /dev/null in its place. Without this, the next file or socket gets the
+// free number, and the program's output goes into that file.
 void open_closed_standard_files()
 {
     for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        if (fcntl(file, F_GETFD) < 0 && errno == EBADF) open("/dev/null", O_RDWR); // gets this number, the lowest free
+        if (fcntl(file, F_GETFD) < 0 && errno == EBADF) open("/dev/null", O_RDWR); // gets the lowest free number
 }
 
 // `ats help COMMAND...` means `ats COMMAND... --help`, and `ats version` means `ats --version`.
@@ -49,7 +49,8 @@ std::vector<std::string> with_options_for_words(std::vector<std::string> words)
     return words;
 }
 
-// Parses the words and runs the command. The commands store their results in `outcome`.
+// Parses the words, which CLI11 follows by running the command. Returns `outcome`, in which the command has stored its
+// result, or the error in the command line.
 ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words, const ats::result<int>& outcome)
 {
     using ats::error_kind;

@@ -1,4 +1,4 @@
-// `ats replay`: draws a recording of `ats run --record` as a page.
+// `ats replay`: draws a recording of `ats run --record` as an HTML page.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +8,8 @@
 namespace cli
 {
 
-// Adds the subcommand. It prints its results, and stores its exit code or an error in `outcome`.
+// Adds the subcommand. It prints the name of the page, and stores its exit code or an error in `outcome`, which must
+// outlive `program`.
 void add_replay(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

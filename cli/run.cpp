@@ -49,11 +49,11 @@ struct run_options {
     int hosts = 3; // node1, node2, node3
     std::string config;
     std::string socket = client::own_socket_path();
-    int log_kib = 0; // 0 means the configured size
+    int log_kib = 0; // memory of each host's log, in KiB; 0 means the configured size
     std::string mount;
     std::string modules = world::default_module_folder();
     fabric_arguments fabric;
-    bool is_acm_served = false; // in addition to the configuration
+    bool is_acm_served = false; // true for --acm; false leaves the decision to the configuration
     std::string acm_socket;
 };
 
@@ -62,7 +62,7 @@ void print_error(const std::string& line)
     console::print({.priority = console::priority::error, .text = line});
 }
 
-// Returns a function that prints warnings about this part of the service; docs/operations.md lists the parts.
+// Returns a function that prints warnings about `part`, a part of the service. docs/operations.md lists the parts.
 std::function<void(const std::string&)> warnings_about(const char* part)
 {
     return [part](const std::string& line) {
@@ -81,7 +81,7 @@ void print_reload(const std::string& line, const std::string& host)
     console::print_limited({.text = line, .part = "reload", .host = host});
 }
 
-// Returns null without a directory.
+// Mounts the files of the hosts on `directory`. Returns null if `directory` is "".
 ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, const running_hosts& hosts)
 {
     if (directory.empty()) return nullptr;
@@ -90,7 +90,7 @@ ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, con
     return proc_mount::open(directory, machines);
 }
 
-// main() looks at std::cout to find out if the output is complete.
+// Prints a line on stdout. After a failure, sets std::cout to bad, because main() checks std::cout at the end.
 void print_output(const std::string& line)
 {
     if (!console::print_output(line)) std::cout.setstate(std::ios::badbit);
@@ -104,7 +104,7 @@ void announce(const run_options& options, size_t host_count)
     print_output(line + ". Stop with Ctrl-C.");
 }
 
-// Prints the outcome and returns the exit code.
+// Stops the hosts and prints the result. Returns the exit code.
 int unload(running_hosts& hosts)
 {
     const std::vector<std::string> refusals = hosts.stop();
@@ -114,7 +114,8 @@ int unload(running_hosts& hosts)
     return console::exit_ok;
 }
 
-// The configuration that --config and --hosts select. It is empty on a real fabric without --config.
+// Returns the configuration that --config or --hosts selects. With --fabric umad it is empty, and with_fabric() fills
+// it.
 ats::result<world_config> hosts_config(const run_options& options)
 {
     if (!options.config.empty()) return read_world_config(options.config);
@@ -134,7 +135,7 @@ ats::result<world_config> config_of(const run_options& options)
     return config;
 }
 
-// See start_delay(). Returns false if a signal came meanwhile.
+// Waits for the time that start_delay() returns. Returns false if a signal to stop came meanwhile.
 bool wait_after_machine_start(const host_settings& settings, const service_signals& signals,
                               console::progress& progress)
 {
@@ -151,7 +152,7 @@ bool wait_after_machine_start(const host_settings& settings, const service_signa
     return true;
 }
 
-// Shows the progress on a terminal. Returns false if a signal came meanwhile.
+// Starts the hosts, and shows the progress on a terminal. Returns false if a signal to stop came meanwhile.
 ats::result<bool> start(const world_config& config, running_hosts& hosts, const service_signals& signals)
 {
     const std::string count = std::to_string(hosts.all().size());
@@ -164,13 +165,13 @@ ats::result<bool> start(const world_config& config, running_hosts& hosts, const 
     });
 }
 
-// Reports why programs that use librdmacm are not answered. The service continues.
+// Prints a warning that programs that use librdmacm are not answered, and why. The service continues.
 void report_acm(const ats::error& error)
 {
     warnings_about("librdmacm")("programs that use librdmacm are not answered: " + error.text);
 }
 
-// librdmacm reads this file first, and then connects to the TCP port in it.
+// Prints a warning if the file of ibacm's TCP port exists. librdmacm then connects to that port, not to our socket.
 void warn_of_port_file()
 {
     constexpr const char* path = "/run/ibacm.port";
@@ -186,7 +187,8 @@ bool has_registered(world::host& host)
     return std::ranges::all_of(registrations_of(host), [](const json& hca) { return hca.value("registered", false); });
 }
 
-// Programs that have waited during the restart need a path. There are no paths before the hosts are registered.
+// Waits until all hosts are registered, at most for `limit`. Programs that have waited during a restart of the service
+// ask for paths at once, and there are no paths before the hosts are registered.
 void wait_for_registrations(const running_hosts& hosts, std::chrono::milliseconds limit)
 {
     constexpr std::chrono::milliseconds period(5);
@@ -196,12 +198,13 @@ void wait_for_registrations(const running_hosts& hosts, std::chrono::millisecond
         std::this_thread::sleep_for(period);
 }
 
-// Answers programs that use librdmacm, if this is configured. Always answers the programs that an earlier process of
-// the service has served.
+// Answers programs that use librdmacm. New programs are answered only if the configuration says so. Programs that were
+// connected to an earlier process of the service are always answered: `kept_descriptors` has their connections.
 struct acm_service {
-    acm_service(server& server, running_hosts& hosts, const world_config& config, std::vector<kept_descriptor> kept)
-        : routes(server, hosts),
-          door(server.loop(), routes, config.acm, config.limits, hosts.statistics().librdmacm, std::move(kept))
+    acm_service(server& server, running_hosts& hosts, const world_config& config,
+                std::vector<kept_descriptor> kept_descriptors)
+        : routes(server, hosts), door(server.loop(), routes, config.acm, config.limits, hosts.statistics().librdmacm,
+                                      std::move(kept_descriptors))
     {
         if (!config.acm.is_served) return;
         if (const ats::result<> listens = door.listen(); !listens) report_acm(listens.error());
@@ -230,7 +233,8 @@ void try_reload(const run_options& options, world_config& current, running_hosts
     reload(hosts, current, *file, calls);
 }
 
-// Does the same, and handles a shortage: the service continues.
+// Calls try_reload(), and tells the service manager about the reload. After an exception, for example exec::shortage,
+// prints a warning. The service then continues.
 void reload_config(const run_options& options, world_config& current, running_hosts& hosts, const reload_calls& calls)
 {
     notify_reloading();
@@ -243,9 +247,9 @@ void reload_config(const run_options& options, world_config& current, running_ho
     notify_service_manager("READY=1");
 }
 
-// Serves clients and files until a signal ends it. A reload changes `config`.
+// Serves clients and files until a signal ends the service. A reload changes `config`.
 ats::result<> serve_clients(const run_options& options, world_config& config, running_hosts& hosts,
-                            std::unique_ptr<listening_socket> socket, std::vector<kept_descriptor> kept,
+                            std::unique_ptr<listening_socket> socket, std::vector<kept_descriptor> kept_descriptors,
                             const service_signals& signals)
 {
     const ats::result<std::unique_ptr<proc_mount>> files = mount(options.mount, hosts);
@@ -253,8 +257,8 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     const ats::result<std::unique_ptr<server>> server =
         server::start(hosts, std::move(socket), {config.access, config.limits, warnings_about("service")});
     if (!server) return ats::pass_on(server);
-    if (!kept.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
-    acm_service acm(**server, hosts, config, std::move(kept));
+    if (!kept_descriptors.empty()) wait_for_registrations(hosts, std::chrono::milliseconds(config.acm.timeout_ms));
+    acm_service acm(**server, hosts, config, std::move(kept_descriptors));
     const metrics::outlets metrics_outlets(
         config.metrics, [&hosts] { return metrics::text_of(metrics::collect(hosts)); }, warnings_about("metrics"));
     announce(options, hosts.all().size());
@@ -276,8 +280,10 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     return {};
 }
 
-// Returns the exit code, or the error that prevented the service from running. Takes over `kept` when the hosts are up.
-ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>& kept)
+// Runs the service until a signal ends it. Returns the exit code, or the error that prevented the service from running.
+// `kept_descriptors` has the connections of an earlier process. They move into the service when the hosts are up; after
+// an earlier error they remain in `kept_descriptors`.
+ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>& kept_descriptors)
 {
     ats::result<world_config> config = config_of(options);
     if (!config) return ats::pass_on(config);
@@ -297,7 +303,8 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
         signals.wait_for_stop();
         return unload(**hosts);
     }
-    const ats::result<> result = serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept), signals);
+    const ats::result<> result =
+        serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept_descriptors), signals);
     if (!result) return ats::pass_on(result);
     const int exit_code = unload(**hosts);
     if (!exec::reserve::is_used()) return exit_code;
@@ -305,23 +312,23 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
                      "the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts");
 }
 
-// The number of clients may exceed the soft limit, which is often 1024. That limit exists for select(), which this
-// program does not use.
+// Raises the soft limit of open files to the hard limit. The soft limit is often 1024, and there may be more clients.
+// It is so low because of programs that use select(); this program does not use it.
 void allow_more_descriptors()
 {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
     limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit); // if it fails, the limit does not change
+    setrlimit(RLIMIT_NOFILE, &limit); // after a failure, the service runs with the old limit
 }
 
 ats::result<int> run(const run_options& options)
 {
     allow_more_descriptors();
     console::start_line_writer();
-    std::vector<kept_descriptor> kept = take_kept_descriptors();
-    const ats::result<int> outcome = serve(options, kept);
-    acm::refuse_waiting_requests(std::move(kept));
+    std::vector<kept_descriptor> kept_descriptors = take_kept_descriptors();
+    const ats::result<int> outcome = serve(options, kept_descriptors);
+    acm::refuse_waiting_requests(std::move(kept_descriptors));
     return outcome;
 }
 

@@ -8,7 +8,8 @@
 namespace cli
 {
 
-// Adds the subcommand. It prints, and stores its exit code or an error in `outcome`.
+// Adds the subcommand. It prints lines for the administrator, and stores its exit code or an error in `outcome`, which
+// must outlive `program`.
 void add_run(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli
