@@ -1,15 +1,15 @@
 // The reference for lookups on a real fabric: only libibumad and the SA, in one thread. Several requests are in flight;
 // a new one follows each answer at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
-// Looks up the record of ADDRESS, LOOKUPS times, and prints the lookups per second. With "path", each lookup also asks
-// for the path to the GID in the record.
-#include <chrono>
+// Looks up the record of ADDRESS, LOOKUPS times. Prints the lookups per second, and the processor time of each. With
+// "path", each lookup also asks for the path to the GID in the record.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "bench/umad/bare-port.h"
+#include "bench/umad/stopwatch.h"
 
 namespace
 {
@@ -145,10 +145,8 @@ int main(int count, char** arguments)
     prepare(loop.request, port, arguments[1]);
     loop.in_flight.resize(static_cast<size_t>(window));
 
-    const auto begin = std::chrono::steady_clock::now();
+    const stopwatch watch;
     loop.run(lookups);
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    std::printf("%.0f lookups/s (%ld found nothing, %ld lost)\n",
-                static_cast<double>(loop.found_count + loop.refused_count) / took.count(), loop.refused_count,
-                loop.lost_count);
+    watch.print(static_cast<double>(loop.found_count + loop.refused_count));
+    std::printf(" (%ld found nothing, %ld lost)\n", loop.refused_count, loop.lost_count);
 }

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <sched.h>
 #include <unistd.h>
 
 #include "tools/fabric/ats-hosts.h"
@@ -14,7 +16,7 @@ namespace
 using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
-constexpr int window = 16;
+constexpr int window = 16, large_window = 64;
 constexpr int rounds = 9; // each figure is the median of this many rounds
 constexpr int hosts = most_programs - 3;
 constexpr int first_target = 101; // the looked-up addresses start at 10.0.0.101
@@ -36,6 +38,43 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
+// For example "0.95 (0.91 to 0.99)": the median, the least and the greatest.
+std::string spread(const std::vector<double>& figures)
+{
+    char text[64];
+    std::snprintf(text, sizeof text, "%.2f (%.2f to %.2f)", median(figures), std::ranges::min(figures),
+                  std::ranges::max(figures));
+    return text;
+}
+
+struct speed {
+    double rate = 0;         // lookups per second
+    double processor_us = 0; // of each lookup; 0 if the program does not print it
+};
+
+constexpr int fabric_processor = 0, asker_processor = 1;
+
+// The programs that are started during its lifetime use this processor only, so that the fabric and the asker do not
+// displace each other. Does nothing if the machine has no such processor.
+class pinned
+{
+  public:
+    explicit pinned(int processor)
+    {
+        sched_getaffinity(0, sizeof previous_, &previous_);
+        cpu_set_t choice;
+        CPU_ZERO(&choice);
+        CPU_SET(processor, &choice);
+        sched_setaffinity(0, sizeof choice, &choice);
+    }
+    ~pinned() { sched_setaffinity(0, sizeof previous_, &previous_); }
+    pinned(const pinned&) = delete;
+    pinned& operator=(const pinned&) = delete;
+
+  private:
+    cpu_set_t previous_;
+};
+
 [[noreturn]] void fail(const std::string& reason)
 {
     throw std::runtime_error(reason);
@@ -44,20 +83,24 @@ double median(std::vector<double> figures)
 std::vector<std::string> node_list()
 {
     std::vector<std::string> nodes = node_names(hosts, {sm_node, asker});
-    for (int i = 0; i < window; ++i) nodes.push_back("target" + std::to_string(i));
+    for (int i = 0; i < large_window; ++i) nodes.push_back("target" + std::to_string(i));
     return nodes;
 }
 
 class bench
 {
   public:
-    explicit bench(std::string lookups) : lookups_(std::move(lookups)), net_(node_list()) {}
+    explicit bench(std::string lookups) : lookups_(std::move(lookups)) {}
 
     void run()
     {
         start_sm();
         set_targets();
-        measure_lookups();
+        measure_lookups("lookups", window, false);
+        measure_lookups("lookups", large_window, false);
+        measure_lookups("address to path, uncached", window, true);
+        measure_clients();
+        measure_saquery();
         measure_reregistration();
         measure_registrations();
     }
@@ -65,6 +108,7 @@ class bench
   private:
     void start_sm()
     {
+        const pinned fabric(fabric_processor);
         sm_ = net_.start_sm(sm_node);
         if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
     }
@@ -72,7 +116,7 @@ class bench
     // Another client of the SA registers the records for the lookups, under the GIDs of nodes without a program.
     void set_targets()
     {
-        for (int i = 0; i < window; ++i) {
+        for (int i = 0; i < large_window; ++i) {
             const std::string node = "target" + std::to_string(i);
             const std::string guid = net_.run(node, {"ibstat", "-p"}); // "0x", 16 digits and a line end
             if (guid.size() != 19) fail("ibstat shows no port GUID of " + node + ": " + guid);
@@ -82,12 +126,22 @@ class bench
         }
     }
 
-    // Runs the command on the asker's node. Returns the number before "lookups/s" in its output.
-    double rate(const std::vector<std::string>& command)
+    // Runs the command on the asker's node, on a processor of its own if `is_pinned`.
+    speed speed_of(const std::vector<std::string>& command, bool is_pinned = false)
     {
+        std::optional<pinned> own_processor;
+        if (is_pinned) own_processor.emplace(asker_processor);
         const std::string output = net_.run(asker, command);
-        if (output.find("lookups/s") == std::string::npos) fail(command.front() + ": " + output);
-        return std::atof(output.c_str() + output.rfind('\n', output.find("lookups/s")) + 1);
+        speed measured;
+        if (std::sscanf(output.c_str(), "%lf lookups/s, %lf", &measured.rate, &measured.processor_us) < 1)
+            fail(command.front() + ": " + output);
+        return measured;
+    }
+
+    static std::vector<std::string> with_targets(std::vector<std::string> command, int count)
+    {
+        for (int i = 0; i < count; ++i) command.push_back(target_address(i));
+        return command;
     }
 
     // One client process for each target asks a service on the asker's node. Returns the total rate.
@@ -97,57 +151,59 @@ class bench
         const std::unique_ptr<process> service = net_.start(
             asker, "service", {ATS_PROGRAM, "run", "--fabric", "umad", "--address", address_of(1), "--socket", socket});
         if (!service->wait_line("clients are served", 30s)) fail(service->output());
-        std::vector<std::string> clients = {CLIENT_LOOKUPS, socket, lookups_};
-        for (int i = 0; i < window; ++i) clients.push_back(target_address(i));
-        const double clients_rate = rate(clients);
+        const double rate = speed_of(with_targets({CLIENT_LOOKUPS, socket, lookups_}, window)).rate;
         service->stop();
-        return clients_rate;
+        return rate;
     }
 
-    void measure_lookups()
+    // The programs run alternately, so other load on the machine affects both equally.
+    void measure_lookups(const char* name, int in_flight, bool asks_for_paths)
     {
         std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};
-        for (int i = 0; i < window; ++i) ats.push_back(target_address(i));
-        std::vector<std::string> ats_paths = ats;
-        ats_paths.insert(ats_paths.begin() + 3, "path");
-        std::vector<std::string> bare_service = {BARE_SERVICE, lookups_};
-        for (int i = 0; i < window; ++i) bare_service.push_back(target_address(i));
-        std::vector<double> ats_rates, bare_rates, shares, client_rates, client_shares, bare_service_shares;
-        std::vector<double> path_rates, bare_path_rates, path_shares;
-        for (int i = 0; i < rounds; ++i) { // alternately, so other load on the machine affects all equally
-            bare_rates.push_back(rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window)}));
-            ats_rates.push_back(rate(ats));
-            shares.push_back(ats_rates.back() / bare_rates.back());
-            bare_path_rates.push_back(
-                rate({BARE_LOOKUPS, target_address(0), lookups_, std::to_string(window), "path"}));
-            path_rates.push_back(rate(ats_paths));
-            path_shares.push_back(path_rates.back() / bare_path_rates.back());
-            client_rates.push_back(rate_of_clients());
-            client_shares.push_back(client_rates.back() / ats_rates.back());
-            bare_service_shares.push_back(client_rates.back() / rate(bare_service));
+        std::vector<std::string> bare = {BARE_LOOKUPS, target_address(0), lookups_, std::to_string(in_flight)};
+        for (std::vector<std::string>* command : {&ats, &bare})
+            if (asks_for_paths) command->push_back("path");
+        ats = with_targets(ats, in_flight);
+        std::vector<double> rates, bare_rates, shares, costs, cost_ratios;
+        for (int i = 0; i < rounds; ++i) {
+            const speed bare_speed = speed_of(bare, true), ats_speed = speed_of(ats, true);
+            rates.push_back(ats_speed.rate);
+            bare_rates.push_back(bare_speed.rate);
+            shares.push_back(ats_speed.rate / bare_speed.rate);
+            costs.push_back(ats_speed.processor_us);
+            cost_ratios.push_back(ats_speed.processor_us / bare_speed.processor_us);
         }
+        std::printf("%s, %d in flight: %.0f /s; a bare libibumad loop: %.0f /s\n", name, in_flight, median(rates),
+                    median(bare_rates));
+        std::printf("  ats reaches this share of the loop:          %s   goal: %.2f\n", spread(shares).c_str(),
+                    asks_for_paths ? 0.9 : 0.97);
+        std::printf("  processor time, %5.2f us, to that of the loop: %s   limit: 1.5\n", median(costs),
+                    spread(cost_ratios).c_str());
+        std::fflush(stdout);
+    }
+
+    void measure_clients()
+    {
+        const std::vector<std::string> ats = with_targets({ATS_LOOKUPS, address_of(1), lookups_}, window);
+        const std::vector<std::string> bare_service = with_targets({BARE_SERVICE, lookups_}, window);
+        std::vector<double> rates, shares, bare_service_shares;
+        for (int i = 0; i < rounds; ++i) {
+            rates.push_back(rate_of_clients());
+            shares.push_back(rates.back() / speed_of(ats).rate);
+            bare_service_shares.push_back(rates.back() / speed_of(bare_service).rate);
+        }
+        std::printf("lookups of %d processes through libatsclient: %.0f /s\n", window, median(rates));
+        std::printf("  share of ats by itself:                      %s   goal: 0.9\n", spread(shares).c_str());
+        std::printf("  share of a bare service for as many:         %s\n", spread(bare_service_shares).c_str());
+        std::fflush(stdout);
+    }
+
+    void measure_saquery()
+    {
         constexpr int queries = 20;
         const auto begin = clock::now();
         for (int i = 0; i < queries; ++i) net_.run(asker, {"saquery", "SR"});
-        const double saquery_rate = queries / milliseconds_since(begin) * 1000;
-
-        std::printf("lookups, %d in flight      %9.0f /s   ats\n", window, median(ats_rates));
-        std::printf(
-            "                          %9.0f /s   a bare libibumad loop: ats reaches %.2f of it (%.2f to %.2f)\n",
-            median(bare_rates), median(shares), std::ranges::min(shares), std::ranges::max(shares));
-        std::printf("                          %9.0f /s   %d processes through libatsclient: %.2f of ats by itself "
-                    "(%.2f to %.2f), %.2f of a bare service for as many processes (%.2f to %.2f)\n",
-                    median(client_rates), window, median(client_shares), std::ranges::min(client_shares),
-                    std::ranges::max(client_shares), median(bare_service_shares), std::ranges::min(bare_service_shares),
-                    std::ranges::max(bare_service_shares));
-        std::printf("                          %9.0f /s   saquery, once per lookup: ats is %.0f times as fast\n",
-                    saquery_rate, median(ats_rates) / saquery_rate);
-        std::printf(
-            "address to path, uncached %9.0f /s   ats; a bare loop with the same two queries reaches %.0f: %.2f of "
-            "it (%.2f to %.2f, goal: 0.9)\n",
-            median(path_rates), median(bare_path_rates), median(path_shares), std::ranges::min(path_shares),
-            std::ranges::max(path_shares));
-        std::fflush(stdout);
+        std::printf("saquery, once per lookup: %.0f /s\n", queries / milliseconds_since(begin) * 1000);
     }
 
     // Runs the program on the asker's node. Returns the milliseconds of a registration and, if it prints them, of a
@@ -221,8 +277,14 @@ class bench
         return milliseconds_since(begin);
     }
 
+    static ibsim_fabric start_fabric()
+    {
+        const pinned fabric(fabric_processor);
+        return ibsim_fabric(node_list());
+    }
+
     const std::string lookups_;
-    ibsim_fabric net_;
+    ibsim_fabric net_ = start_fabric();
     std::unique_ptr<process> sm_;
 };
 

@@ -1,0 +1,24 @@
+// Measures the speed and the cost of lookups. Runs from its construction.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+
+class stopwatch
+{
+  public:
+    // Prints the lookups per second, and the processor time of all threads of this process for each, without a line
+    // end.
+    void print(double lookups) const
+    {
+        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin_;
+        const double processor_seconds = static_cast<double>(std::clock() - processor_begin_) / CLOCKS_PER_SEC;
+        std::printf("%.0f lookups/s, %.3f us of processor time each", lookups / seconds.count(),
+                    processor_seconds / lookups * 1e6);
+    }
+
+  private:
+    const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+    const std::clock_t processor_begin_ = std::clock();
+};
