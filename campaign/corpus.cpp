@@ -95,8 +95,8 @@ class search
                 return ats::fail(ats::error_kind::invalid, entry.path().string() + " does not begin with a seed");
             plan plan = draw_plan(seed, options_.plan);
             while (file >> change_text)
-                if (const ats::result<> changed = change(plan, change_text); !changed)
-                    return ats::fail(changed.error().kind, entry.path().string() + ": " + changed.error().text);
+                if (const ats::result<> result = change(plan, change_text); !result)
+                    return ats::fail(result.error().kind, entry.path().string() + ": " + result.error().text);
             if (const auto result = run(plan, steered_); !result) return ats::pass_on(result);
             corpus_.push_back(std::move(plan));
             ++loaded_;
@@ -114,7 +114,7 @@ class search
             const ats::result<bool> is_new = run(plan, steered_);
             if (!is_new) return ats::pass_on(is_new);
             if (!*is_new) continue;
-            if (const ats::result<> stored = store(plan); !stored) return stored;
+            if (const ats::result<> result = store(plan); !result) return result;
             corpus_.push_back(std::move(plan));
         }
         return {};

@@ -121,15 +121,15 @@ ats::result<int> show_failing_run(const command_line& line, const plan& plan, co
     const bool draws = !line.picture_path.empty();
     failing_run simplest{plan, acts};
     if (line.minimise || (draws && !line.draws_all_acts)) {
-        ats::result<failing_run> simplified = simplify(std::move(simplest), line.options);
-        if (!simplified) return ats::pass_on(simplified);
-        simplest = std::move(*simplified);
+        ats::result<failing_run> simplest_run = simplify(std::move(simplest), line.options);
+        if (!simplest_run) return ats::pass_on(simplest_run);
+        simplest = std::move(*simplest_run);
     }
     if (line.minimise) {
         for (const size_t number : simplest.acts) std::printf("  %s\n", describe(simplest.plan, number).c_str());
-        const ats::result<run_result> again = run_apart(simplest.plan, simplest.acts, line.options);
-        if (!again) return ats::pass_on(again);
-        show_failure({again->seed, again->complaint}, plan.options,
+        const ats::result<run_result> last_run = run_apart(simplest.plan, simplest.acts, line.options);
+        if (!last_run) return ats::pass_on(last_run);
+        show_failure({last_run->seed, last_run->complaint}, plan.options,
                      selection_of(simplest.plan, text_of(simplest.acts)));
     }
     if (!draws) return exit_failed;
@@ -197,7 +197,8 @@ ats::result<int> run(const command_line& line)
     sum.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     const bool is_good = show_summary(sum);
     if (!line.result_path.empty())
-        if (const ats::result<> saved = save(sum, line.result_path); !saved) return ats::pass_on(saved);
+        if (const ats::result<> save_result = save(sum, line.result_path); !save_result)
+            return ats::pass_on(save_result);
     if (sum.is_interrupted) return exit_interrupted;
     return is_good ? 0 : exit_failed;
 }

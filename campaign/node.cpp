@@ -126,11 +126,11 @@ void node::change_identity(const std::function<bool()>& change, const std::funct
     const uint64_t change_number = ++change_count_;
     const uint64_t begin_tick = fabric.now();
     is_name_certain = is_address_certain = false;
-    const bool succeeded = change();
+    const bool is_success = change();
     assert(running_changes_ > 0);
     --running_changes_;
     const bool stayed_alone = is_alone && change_count_ == change_number;
-    if (succeeded && stayed_alone && fabric.network.was_quiet_since(begin_tick) && harm().was_quiet_since(begin_tick))
+    if (is_success && stayed_alone && fabric.network.was_quiet_since(begin_tick) && harm().was_quiet_since(begin_tick))
         on_certain();
     disturbed_tick = fabric.now();
 }

@@ -144,10 +144,10 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
 {
     figures sum;
     std::map<pid_t, run_process> running;
-    uint64_t started = 0;
-    for (uint64_t seed = seeds.first;; seed += seeds.step, ++started) {
+    uint64_t start_count = 0;
+    for (uint64_t seed = seeds.first;; seed += seeds.step, ++start_count) {
         while (!was_interrupted && !running.empty() &&
-               (running.size() >= static_cast<size_t>(jobs) || is_enough(started, sum))) {
+               (running.size() >= static_cast<size_t>(jobs) || is_enough(start_count, sum))) {
             int status;
             const auto process = running.find(waitpid(-1, &status, 0));
             if (process == running.end()) continue; // a signal has ended the wait
@@ -161,7 +161,7 @@ ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan
             kill_all(running);
             return sum;
         }
-        if (is_enough(started, sum)) return sum;
+        if (is_enough(start_count, sum)) return sum;
         const plan plan = draw_plan(seed, plan_options);
         const ats::result<run_process> process = run_process::start(plan, all_acts(plan), options);
         if (!process) {

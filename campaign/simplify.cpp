@@ -93,12 +93,12 @@ class simplifier
     // returns the error.
     bool keeps(const std::string& text)
     {
-        campaign::plan changed = plan_;
-        if (failure_ || !change(changed, text)) return false;
-        const ats::result<run_result> result = run_apart(changed, acts_, options_);
+        campaign::plan candidate = plan_;
+        if (failure_ || !change(candidate, text)) return false;
+        const ats::result<run_result> result = run_apart(candidate, acts_, options_);
         if (!result) failure_ = result.error();
         if (!result || complaint_kind(result->complaint) != kind_) return false;
-        plan_ = std::move(changed);
+        plan_ = std::move(candidate);
         return true;
     }
 

@@ -24,7 +24,7 @@ bool write_text(const std::string& path, const std::string& text)
     return static_cast<bool>(file << text << std::flush);
 }
 
-// The user keeps its number in the new namespace.
+// The user and the group keep their numbers in the new user namespace.
 bool map_user(uid_t user, gid_t group)
 {
     const auto map = [](unsigned id) { return std::to_string(id) + " " + std::to_string(id) + " 1"; };

@@ -1,4 +1,5 @@
-// A small file system that can become full. Only this program and its children see it, and it vanishes when they end.
+// A small file system that can become full. It is a mount that only this program and its children see. It vanishes when
+// they end.
 #pragma once
 
 #include <string>
@@ -8,25 +9,27 @@
 namespace chaos
 {
 
-// Takes this process into a mount namespace of its own, which needs no privileges if the system allows user namespaces.
-// Call it once, before any thread starts. The error says why there can be no disks.
+// Moves this process into a new mount namespace, in which it can mount disks. This needs no privileges if the system
+// allows user namespaces. Call it once, before any thread starts. The error says why disks are not possible.
 ats::result<> allow_disks();
 
 class disk
+// A folder for a host. With `is_small`, it is a file system of its own that can become full.
 {
   public:
-    // Makes the folder, and mounts a file system there if `is_small`. Throws std::system_error.
+    // Makes the folder, and mounts a file system of 2 MiB there if `is_small`. Throws std::system_error if the mount
+    // fails.
     disk(std::string folder, bool is_small);
     ~disk();
     disk(const disk&) = delete;
     disk& operator=(const disk&) = delete;
 
-    // Takes all space, or returns it. Does nothing if the disk is an ordinary folder.
+    // fill() uses all space of the file system. empty() frees this space. Both do nothing if the disk is not small.
     void fill();
     void empty();
 
     const std::string& folder() const { return folder_; }
-    bool was_full() const { return was_full_; } // ever
+    bool was_full() const { return was_full_; } // fill() has used all space at least once
 
   private:
     const std::string folder_;

@@ -40,7 +40,7 @@ std::string host::new_name(int number) const
     return name() + "-" + std::to_string(number);
 }
 
-// The host checks its record often, and its cache is short-lived, so that a round ends soon.
+// The host checks its record often, and its cache entries expire soon. Thus a round ends soon.
 void host::write_configuration() const
 {
     std::ofstream(net_.folder() + "/" + name() + ".toml")
@@ -71,7 +71,7 @@ void host::start()
     recording_begin_ = clock::now() - std::chrono::milliseconds(last_recorded_tick());
 }
 
-// The time of the last event in the recording.
+// Returns the time of the last event in the recording, in ms since the start of the service.
 uint64_t host::last_recorded_tick() const
 {
     std::ifstream lines(recording_);

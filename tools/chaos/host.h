@@ -1,4 +1,5 @@
-// A host of a chaos run: an `ats run` with a configuration of its own, and the states in which it may be.
+// A host of a chaos run: one `ats run` process with its own configuration, and the addresses and names that it may
+// have.
 #pragma once
 
 #include <chrono>
@@ -17,44 +18,44 @@ using namespace std::chrono_literals;
 using clock = std::chrono::steady_clock;
 using fabric_tools::json;
 
-// The resources that a process uses.
+// The resources that a process uses: open file descriptors, and resident memory in KiB.
 struct resources {
     long descriptors = 0;
     long resident_kib = 0;
 };
 
 struct host_options {
-    bool has_small_disk = false; // without one, an act that fills the disk does nothing
-    std::string modules;         // the folder of the modules; empty: those of the program
+    bool has_small_disk = false; // without it, the act fill_disk does nothing
+    std::string modules;         // folder of the modules; empty: the program's own folder
 };
 
 class host
 {
   public:
-    // The service writes to a disk of its own. Its recordings are written to the
-    // folder `records`.
+    // Makes the host's disk, to which its service writes its files. Its recordings go to the folder `records`.
     host(fabric_tools::ibsim_fabric& net, int number, std::string gid, const host_options& options,
          std::string records);
 
-    // Starts the service, and waits until it serves clients. Throws failure if it does not.
+    // Starts the service, and waits until it serves clients. Throws failure if it does not within 30 s.
     void start();
 
-    // Ends the service without warning.
+    // Kills the service (SIGKILL).
     void kill();
 
-    // Ends the service in order. Throws failure if it does not end, or not in order.
+    // Ends the service with SIGTERM. Throws failure if it does not end within 40 s, or if its exit code shows an error.
     void stop();
 
     void pause();
     void resume();
 
-    // Gives the host a new address or name with an order. If the service does not confirm it, both the old and the new
-    // one may be registered, until repeat_orders() succeeds.
+    // These functions order the service to change its address or name. If the service does not confirm an order, both
+    // the old and the new value may be registered, until repeat_orders() succeeds. `number` selects the new value.
     void set_address(int number);
     void set_name(int number);
-    void reload(int number); // the same for both, with the configuration
+    void reload(int number); // changes address and name in the configuration file, and sends SIGHUP
     void repeat_orders();
 
+    // Runs `ats COMMAND --json` as a client of this host; see fabric_tools::ask_service().
     json ask(std::vector<std::string> command) const;
     resources resource_use() const;
 
@@ -69,15 +70,17 @@ class host
     std::string output() const { return program_->output(); }
     const std::set<std::string>& addresses() const { return addresses_; }
     const std::set<std::string>& names() const { return names_; }
-    const std::set<std::string>& known_addresses() const { return known_addresses_; } // all that it ever had
 
-    // The records that it may have at the SA while it runs, as "ADDRESS NAME".
+    // Returns all addresses that the host has ever had.
+    const std::set<std::string>& known_addresses() const { return known_addresses_; }
+
+    // Returns the records that the SA may have of this host while it runs, as "ADDRESS NAME".
     std::set<std::string> possible_records() const;
 
-    // The first call after a start stores the value, later ones return what was stored.
+    // The first call after a start stores the present resource use. Later calls return the stored one.
     const resources& first_resource_use();
 
-    const std::string& recording() const { return recording_; } // of the present or the last process
+    const std::string& recording() const { return recording_; } // file of the running process, or of the last one
     clock::time_point recording_begin() const { return recording_begin_; }
 
   private:
@@ -96,13 +99,13 @@ class host
     clock::time_point recording_begin_{};
     int starts_ = 0;
     bool is_running_ = false, is_paused_ = false, has_open_orders_ = false;
-    std::set<std::string> addresses_, names_; // those that may be registered
+    std::set<std::string> addresses_, names_; // the values that may be registered now
     std::set<std::string> known_addresses_;
-    std::string last_address_, last_name_; // those of the last order, or of the configuration
+    std::string last_address_, last_name_; // from the last order, or from the configuration
     std::optional<resources> first_resource_use_;
 };
 
-// A truth that does not hold.
+// Something that must be true after a round, but is not. Thrown as an exception.
 struct failure {
     std::string text, expected, actual;
 };

@@ -1,6 +1,6 @@
-// `make chaos`: real hosts under OpenSM on a simulated fabric, and random acts from a seed. After each round everything
-// must be right again.
-//   ats-chaos [--seed N] [--minutes M] [--rounds N] [--hosts N] [--plan] [--folder DIR] [--modules DIR]
+// `make chaos`: runs real hosts under OpenSM on a simulated fabric, and random acts from a seed. After each round of
+// acts, everything must be right again.
+//   ats-chaos [--seed N] [--minutes M] [--rounds N] [--plan] [--folder DIR] [--modules DIR]
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -17,8 +17,8 @@ namespace
 using namespace chaos;
 
 constexpr int exit_failed = 1, exit_usage = 2, exit_interrupted = 130;
-constexpr int most_hosts = fabric_tools::most_programs - 3; // without two SMs and a tool
-constexpr int rounds_per_minute = 20;                       // more than can be carried out
+constexpr int most_hosts = fabric_tools::most_programs - 3; // two SMs and one tool also need a place in ibsim
+constexpr int rounds_per_minute = 20;                       // without --rounds; more than fit into a minute
 constexpr const char* usage =
     "usage: ats-chaos [--seed N] [--minutes M] [--rounds N] [--plan] [--folder DIR] [--modules DIR]\n"
     "  --seed N      the seed of the plan (default: a random one)\n"
@@ -31,7 +31,7 @@ constexpr const char* usage =
 struct settings {
     uint64_t seed = std::random_device()();
     long minutes = 10;
-    long rounds = 0; // 0: as many as there is time for
+    long rounds = 0; // 0: as many as fit into the minutes
     bool only_shows_plan = false;
     std::string folder, modules;
 };
@@ -145,8 +145,8 @@ int main(int count, char** arguments)
         show(plan);
         return 0;
     }
-    if (const auto checked = fabric_tools::ibsim_fabric::check_programs(); !checked) {
-        std::cerr << "ats-chaos: " << checked.error().text << '\n';
+    if (const auto programs = fabric_tools::ibsim_fabric::check_programs(); !programs) {
+        std::cerr << "ats-chaos: " << programs.error().text << '\n';
         return exit_usage;
     }
     fabric_tools::throw_when_interrupted();

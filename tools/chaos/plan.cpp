@@ -11,8 +11,8 @@ namespace
 {
 
 constexpr int least_hosts = 2;
-constexpr int most_acts = 4, most_looks = 3;
-constexpr int numbers = 9; // of addresses and names of a host
+constexpr int most_acts = 4, most_lookups = 3;
+constexpr int numbers = 9; // act::number is drawn from 1 to this value
 
 struct weighted_kind {
     act_kind kind;
@@ -30,7 +30,7 @@ bool is_on_sm(act_kind kind)
     return kind >= act_kind::kill_sm;
 }
 
-// Draws rounds one after another, and follows which hosts and SMs run, so that each act has an effect.
+// Draws rounds one after another. Keeps track of which hosts and SMs run, so that each act has an effect.
 class drawer
 {
   public:
@@ -41,12 +41,13 @@ class drawer
         round round;
         busy_hosts_.clear();
         is_sm_busy_ = false;
-        for (int count = 1 + below(most_acts); count > 0; --count) {
-            act act{.kind = draw_kind(), .number = 1 + below(numbers), .looks = below(most_looks + 1)};
+        for (int count = 1 + number_below(most_acts); count > 0; --count) {
+            act act{
+                .kind = draw_kind(), .number = 1 + number_below(numbers), .lookups = number_below(most_lookups + 1)};
             if (is_on_sm(act.kind) ? begin_on_sm(act) : begin_on_host(act)) round.acts.push_back(act);
         }
         for (const int host : std::set<int>(gone_hosts_))
-            if (below(2) == 0 || static_cast<int>(gone_hosts_.size()) > hosts_ - least_hosts) {
+            if (number_below(2) == 0 || static_cast<int>(gone_hosts_.size()) > hosts_ - least_hosts) {
                 round.returning_hosts.push_back(host);
                 gone_hosts_.erase(host);
             }
@@ -54,19 +55,19 @@ class drawer
     }
 
   private:
-    int below(int limit) { return static_cast<int>(engine_() % static_cast<uint64_t>(limit)); }
+    int number_below(int limit) { return static_cast<int>(engine_() % static_cast<uint64_t>(limit)); }
 
     act_kind draw_kind()
     {
         int sum = 0;
         for (const weighted_kind& each : kinds) sum += each.weight;
-        int number = below(sum);
+        int number = number_below(sum);
         for (const weighted_kind& each : kinds)
             if ((number -= each.weight) < 0) return each.kind;
         return kinds[0].kind;
     }
 
-    // One act on an SM in each round.
+    // Completes an act on an SM. Returns false if the act is not possible. A round has at most one act on an SM.
     bool begin_on_sm(act& act)
     {
         const bool is_possible =
@@ -79,11 +80,12 @@ class drawer
         return true;
     }
 
+    // Completes an act on a host, and draws the host. Returns false if the act is not possible.
     bool begin_on_host(act& act)
     {
-        act.host = 1 + below(hosts_);
+        act.host = 1 + number_below(hosts_);
         if (gone_hosts_.count(act.host) > 0 || !busy_hosts_.insert({act.host, act.kind}).second) return false;
-        // A paused host could neither end in order nor answer.
+        // A paused host can neither end in order nor answer an order.
         const bool ends = act.kind == act_kind::kill_host || act.kind == act_kind::stop_host;
         if (ends && busy_hosts_.count({act.host, act_kind::pause_host}) > 0) return false;
         const bool is_order =
@@ -97,8 +99,8 @@ class drawer
     std::mt19937_64 engine_;
     const int hosts_;
     int sms_ = 1;
-    std::set<int> gone_hosts_;
-    std::set<std::pair<int, act_kind>> busy_hosts_; // of this round
+    std::set<int> gone_hosts_;                      // stopped or killed, and not started again
+    std::set<std::pair<int, act_kind>> busy_hosts_; // hosts and kinds of their acts in this round
     bool is_sm_busy_ = false;
 };
 
@@ -179,7 +181,7 @@ const char* name_of(act_kind kind)
 
 std::string describe(const act& act)
 {
-    return text_of(act) + (act.looks > 0 ? ", ask " + std::to_string(act.looks) + " times" : "");
+    return text_of(act) + (act.lookups > 0 ? ", ask " + std::to_string(act.lookups) + " times" : "");
 }
 
 std::string describe(const round& round)

@@ -50,7 +50,7 @@ void run::carry_out(const round& round)
         current_act_ = describe(act);
         ++figures_.acts[act.kind];
         begin_act(act);
-        for (int i = 0; i < act.looks; ++i) look();
+        for (int i = 0; i < act.lookups; ++i) look_up_all();
     }
     current_act_ = "the end of the faults";
     heal(round);
@@ -66,8 +66,8 @@ void run::end()
     settle();
 }
 
-// ibsim loses the answers of a node whose link or program ends, and an SM that has asked it would hang. An SM that does
-// not become quiet is left to settle().
+// Waits until no SM sweeps. If a link or a program ends during a sweep, ibsim loses answers to the SM, and the SM
+// hangs. If an SM does not end its sweep in time, settle() replaces it later.
 void run::wait_quiet()
 {
     fabric_tools::wait_until([&] { return sms_.are_quiet(); }, longest_wait);
@@ -90,7 +90,7 @@ void run::act_on_sm(const act& act)
     if (act.kind == act_kind::restart_sm) sms_.stop_all();
     if (act.kind == act_kind::pause_sm) sms_.pause();
     if (act.kind == act_kind::start_sm) {
-        // The present SM keeps its records, and may be the master again later.
+        // The present SM keeps its records, and may become the master again later.
         if (act.number == 1)
             for (const auto& each : hosts_)
                 if (each->is_running()) sms_.keep(each->gid(), each->possible_records());
@@ -213,7 +213,7 @@ void run::keep_logs(const std::optional<failure>& failure)
     }
 }
 
-// Inserts the acts into the recording of the last process of the host, at their times.
+// Inserts the acts, at their times, into the recording of the host's last process.
 void run::annotate(const host& host, const std::optional<failure>& failure) const
 {
     std::multimap<uint64_t, std::string> additions;
@@ -233,7 +233,7 @@ void run::annotate(const host& host, const std::optional<failure>& failure) cons
                             {"host", host.name()},
                             {"harm", each.act.host == 0 ? "network" : "host"},
                             {"a", each.act.number},
-                            {"b", each.act.looks}});
+                            {"b", each.act.lookups}});
     if (failure)
         add(clock::now(), {{"e", "violation"},
                            {"text", failure->text},
@@ -243,7 +243,7 @@ void run::annotate(const host& host, const std::optional<failure>& failure) cons
     std::ostringstream all;
     for (std::string line; std::getline(lines, line);) {
         const json event = json::parse(line, nullptr, false);
-        if (!event.is_object()) continue; // the end of a line that was cut off
+        if (!event.is_object()) continue; // a line that was cut off when the process was killed
         for (auto next = additions.begin(); next != additions.end() && next->first < event.value("t", uint64_t{0});
              next = additions.erase(next))
             all << next->second << "\n";

@@ -1,4 +1,5 @@
-// Carries out a plan on real programs, and checks after each round that everything is right again.
+// Carries out the plan of a chaos run on real programs. After each round it checks that everything is right again;
+// truths.cpp says what must be right.
 #pragma once
 
 #include <functional>
@@ -15,49 +16,49 @@
 namespace chaos
 {
 
-// The node for programs that ask the SA.
+// The node on which programs run that ask the SA directly.
 constexpr const char* tool_node = "desk";
 
 // Numbers for the summary.
 struct figures {
     std::map<act_kind, int> acts;
     int rounds = 0;
-    int questions = 0;  // of hosts about each other
-    int unanswered = 0; // questions without an answer; only during faults
-    int orders_repeated = 0;
-    int sms_lost = 0; // an SM that ended or hung by itself, because ibsim had lost an answer to it
-    std::chrono::milliseconds longest_settling{0};
+    int questions = 0;       // questions that hosts were asked about each other
+    int unanswered = 0;      // questions without an answer; allowed only during faults
+    int orders_repeated = 0; // how often an order was repeated because it was not confirmed
+    int sms_lost = 0;        // how often an SM had to be replaced, because ibsim had lost an answer to it
+    std::chrono::milliseconds longest_settling{0}; // from the end of the faults until everything was right
 };
 
 class run
 {
   public:
-    // `hosts` is their number, `records` the folder for recordings.
+    // `hosts` is the number of hosts. Their recordings go to the folder `records`.
     run(int hosts, const std::string& records, const host_options& options);
 
-    // Starts all programs. Throws failure if they do not reach the right state.
+    // Starts all programs. Throws failure if not everything is right after a time limit.
     void begin();
 
-    // Carries out the next round, and waits until everything is right. Throws failure after a time limit, or at once if
-    // an answer is wrong that no fault can excuse.
+    // Carries out the next round, and waits until everything is right. Throws failure after a time limit. Throws
+    // failure at once if an answer is wrong during the faults: a missing answer is allowed, a wrong one is not.
     void carry_out(const round& round);
 
-    // Ends all hosts in order. Throws failure if a record stays.
+    // Ends all hosts in order. Throws failure if a record of a host stays at the SA.
     void end();
 
     const figures& counts() const { return figures_; }
     std::string current_act() const { return current_act_; }
 
-    // Copies the logs of all programs to the folder of the recordings. Adds the acts to the recordings, and the failure
-    // if there is one.
+    // Copies the logs of all programs to the folder of the recordings. Adds the acts, and `failure` if there is one, to
+    // the recordings.
     void keep_logs(const std::optional<failure>& failure);
 
   private:
-    using record_map = std::map<std::string, std::string>; // "ADDRESS NAME" by GID
+    using record_map = std::map<std::string, std::string>; // GID to "ADDRESS NAME"
 
     struct noted_act {
         clock::time_point time;
-        const char* phase; // "begin", "end" or "moment"
+        const char* phase; // "begin" or "end" of an act, or "moment" if it has no end
         int number;
         chaos::act act;
     };
@@ -69,9 +70,10 @@ class run
     void note(const act& act, const char* phase);
     host& host_of(const act& act) { return *hosts_[static_cast<size_t>(act.host - 1)]; }
 
-    // One host asks for all others. An answer must be right, or missing.
-    void look();
+    // Asks one host for the addresses and GIDs of all others. Throws failure if an answer is wrong; it may be missing.
+    void look_up_all();
 
+    // Waits until first_fault() finds nothing. Throws failure after a time limit.
     void settle();
     std::optional<failure> first_fault();
     std::optional<failure> fault_of_process(host& host) const;
@@ -89,10 +91,10 @@ class run
     std::vector<std::unique_ptr<host>> hosts_;
     std::vector<noted_act> noted_acts_;
     std::string current_act_;
-    std::vector<act> faults_;      // of this round, until they end
-    bool is_sa_disturbed_ = false; // in this round
-    int looks_ = 0;
-    std::optional<clock::time_point> silent_since_; // the SA does not answer, or the SM sweeps
+    std::vector<act> faults_;      // faults of this round that have not ended
+    bool is_sa_disturbed_ = false; // an act on an SM has begun in this round
+    int lookup_count_ = 0;
+    std::optional<clock::time_point> silent_since_; // since when the SA does not answer or the SM sweeps
     figures figures_;
 };
 

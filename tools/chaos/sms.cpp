@@ -11,7 +11,7 @@ namespace
 
 constexpr int least_priority = 0, middle_priority = 8, most_priority = 15;
 
-// The place of the last such line, or 0.
+// Returns the position after the start of the last such line, or 0 if there is none.
 size_t last_place(const std::string& text, const std::string& line)
 {
     const size_t place = text.rfind(line);
@@ -23,35 +23,39 @@ size_t last_place(const std::string& text, const std::string& line)
 void sms::start(bool becomes_master)
 {
     const bool is_first_free = std::ranges::none_of(members_, [](const member& each) { return each.node == "sm1"; });
-    member started{.program = nullptr, .node = is_first_free ? "sm1" : "sm2", .priority = middle_priority, .kept = {}};
+    member new_member{
+        .program = nullptr, .node = is_first_free ? "sm1" : "sm2", .priority = middle_priority, .kept = {}};
     if (!members_.empty())
-        started.priority = std::clamp(members_[0].priority + (becomes_master ? 1 : -1), least_priority, most_priority);
-    started.program = net_.start_sm(started.node, {.priority = started.priority});
-    members_.push_back(std::move(started));
+        new_member.priority =
+            std::clamp(members_[0].priority + (becomes_master ? 1 : -1), least_priority, most_priority);
+    new_member.program = net_.start_sm(new_member.node, {.priority = new_member.priority});
+    members_.push_back(std::move(new_member));
 }
 
-// The last state in its log.
+// Returns the state that the SM's log shows last.
 sms::state sms::state_of(const member& member)
 {
     const std::string output = member.program->output();
-    const size_t up = last_place(output, "SUBNET UP"), standby = last_place(output, "Entering STANDBY state");
-    const size_t discovering = last_place(output, "Entering DISCOVERING state");
-    if (std::max({up, standby, discovering}) == up && up > 0)
-        return last_place(output, "(Link state change)") > up ? state::sweeping : state::master;
-    return standby > discovering ? state::standby : state::starting;
+    const size_t up_place = last_place(output, "SUBNET UP"),
+                 standby_place = last_place(output, "Entering STANDBY state");
+    const size_t discovering_place = last_place(output, "Entering DISCOVERING state");
+    if (std::max({up_place, standby_place, discovering_place}) == up_place && up_place > 0)
+        return last_place(output, "(Link state change)") > up_place ? state::sweeping : state::master;
+    return standby_place > discovering_place ? state::standby : state::starting;
 }
 
 bool sms::are_quiet() const
 {
-    const auto count = [&](state wanted) {
-        return std::ranges::count_if(members_, [&](const member& each) { return state_of(each) == wanted; });
+    const auto count = [&](state counted_state) {
+        return std::ranges::count_if(members_, [&](const member& each) { return state_of(each) == counted_state; });
     };
-    const auto ended = std::ranges::count_if(members_, [](const member& each) { return each.program->has_ended(); });
-    return ended == 0 && count(state::master) == 1 &&
+    const auto ended_count =
+        std::ranges::count_if(members_, [](const member& each) { return each.program->has_ended(); });
+    return ended_count == 0 && count(state::master) == 1 &&
            count(state::master) + count(state::standby) == std::ssize(members_);
 }
 
-// The index of the master, or of the only one.
+// Returns the index of the master. If no SM is the master, returns 0.
 size_t sms::master() const
 {
     for (size_t i = 0; i < members_.size(); ++i)

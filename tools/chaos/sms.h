@@ -16,25 +16,29 @@ class sms
   public:
     explicit sms(fabric_tools::ibsim_fabric& net) : net_(net) {}
 
-    // Starts one on the first node that has none, with a priority above or below that of the present one.
+    // Starts an SM on the first node that has none. If another SM runs, the new one gets a higher priority
+    // (`becomes_master`) or a lower one.
     void start(bool becomes_master);
 
-    // Ends the master, or all of them. Then no SM runs, or the standby becomes the master.
+    // kill_master() kills the master; a standby then becomes the master. stop_all() sends SIGTERM to all SMs,
+    // kill_all() SIGKILL.
     void kill_master();
     void stop_all();
     void kill_all();
 
+    // pause() stops all SMs with SIGSTOP. resume() continues them.
     void pause();
     void resume();
 
     bool is_empty() const { return members_.empty(); }
 
-    // True if there is one master, the other one is a standby, and no change of a link waits for a sweep. An SM that
-    // stays in another state has lost an answer in ibsim, and hangs.
+    // Returns true if there is one master, any other SM is a standby, and no link change waits for a sweep. If an SM
+    // stays in another state, ibsim has lost an answer to it, and the SM hangs.
     bool are_quiet() const;
 
-    // GIDs and records ("ADDRESS NAME") that an SA may keep of a host that has gone: of hosts that were killed, or that
-    // left while the SA could not be reached. A new SM has none.
+    // A record may stay at the SA after its host was killed, or was stopped while the SA could not be reached. keep()
+    // notes such records ("ADDRESS NAME") of a GID for all SMs that run now. kept_of() returns them, as long as one of
+    // these SMs runs.
     void keep(const std::string& gid, const std::set<std::string>& records);
     std::set<std::string> kept_of(const std::string& gid) const;
 
@@ -43,7 +47,7 @@ class sms
         std::unique_ptr<fabric_tools::process> program;
         std::string node;
         int priority = 0;
-        std::set<std::string> kept; // "GID ADDRESS NAME"
+        std::set<std::string> kept; // noted by keep(), as "GID ADDRESS NAME"
     };
     enum class state { starting, standby, sweeping, master };
     static state state_of(const member& member);

@@ -1,4 +1,5 @@
-// The truths of a chaos run: when no fault is active, the hosts, the SA and all answers agree.
+// What must be right after each round of a chaos run: when no fault is active, the hosts, the SA's records and all
+// answers must agree.
 #include <algorithm>
 #include <sstream>
 
@@ -12,8 +13,8 @@ namespace
 
 const std::string unused_address = "10.9.9.9";
 constexpr auto longest_settling = 90s;
-constexpr auto patience_of_administrator = 15s; // then it repeats orders that were not confirmed
-constexpr auto longest_silence = 20s;           // of the SA, when no fault is active
+constexpr auto patience_of_administrator = 15s; // then settle() repeats orders that were not confirmed
+constexpr auto longest_silence = 20s;           // of the SA without faults; then settle() replaces the SM
 constexpr long most_new_descriptors = 4;
 constexpr long most_new_kib = 16L * 1024;
 
@@ -24,7 +25,7 @@ std::string join(const std::set<std::string>& texts, const char* last = " or ")
     return all.empty() ? "none" : all;
 }
 
-// The number of the host that has such an address, or 0.
+// Returns the number of the host that has this address, or 0 if it is not an address of a host.
 int owner_of(const std::string& address)
 {
     int owner = 0;
@@ -32,12 +33,13 @@ int owner_of(const std::string& address)
     return owner;
 }
 
-// ibsim loses the last 32 bytes of a Set, which OpenSM replaces by old bytes of its buffer. The host then sees a record
-// with the same address and name that differs from its own.
-bool differs_by_ibsim(const json& registration, const std::string& held)
+// ibsim loses the last 32 bytes of a Set. OpenSM replaces them with old bytes of its buffer. The host then reports that
+// the SA holds another record, although address and name are the same. Returns true in this case. `host_record` is
+// "ADDRESS NAME" of the host.
+bool differs_by_ibsim(const json& registration, const std::string& host_record)
 {
     const json reason = registration.value("reason", json());
-    return reason.is_string() && reason.get<std::string>() == "the SA holds another record: " + held;
+    return reason.is_string() && reason.get<std::string>() == "the SA holds another record: " + host_record;
 }
 
 json first_of(const json& status, const char* list)
@@ -48,13 +50,13 @@ json first_of(const json& status, const char* list)
 
 } // namespace
 
-void run::look()
+void run::look_up_all()
 {
     std::vector<host*> askers;
     for (const auto& each : hosts_)
         if (each->is_running() && !each->is_paused()) askers.push_back(each.get());
     if (askers.empty()) return;
-    const host& asker = *askers[static_cast<size_t>(looks_++) % askers.size()];
+    const host& asker = *askers[static_cast<size_t>(lookup_count_++) % askers.size()];
     std::vector<std::string> addresses = {"resolve"}, gids = {"reverse"};
     for (const auto& each : hosts_) {
         if (each.get() == &asker) continue;
@@ -108,11 +110,11 @@ void run::settle()
     };
     fabric_tools::wait_until(is_right, 10 * longest_settling);
     if (fault) throw failure(*fault);
-    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin);
-    figures_.longest_settling = std::max(figures_.longest_settling, took);
+    const auto settling_time = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin);
+    figures_.longest_settling = std::max(figures_.longest_settling, settling_time);
 }
 
-// The first truth that does not hold now.
+// Returns the first thing that is not right now, or nothing.
 std::optional<failure> run::first_fault()
 {
     for (const auto& each : hosts_)
@@ -150,7 +152,7 @@ void run::note_silence()
     if (!silent_since_) silent_since_ = clock::now();
 }
 
-// Asks the SA with a program that is independent of the service. Returns none if it does not answer.
+// Reads the SA's records with a program that is independent of the service. Returns nothing if the SA does not answer.
 std::optional<std::map<std::string, std::string>> run::read_records()
 {
     std::vector<std::string> command = {READ_RECORDS};
@@ -159,7 +161,7 @@ std::optional<std::map<std::string, std::string>> run::read_records()
     std::map<std::string, std::string> records;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
-        if (!line.starts_with("0x")) { // an error
+        if (!line.starts_with("0x")) { // an error message
             note_silence();
             return std::nullopt;
         }
@@ -175,8 +177,8 @@ std::optional<std::map<std::string, std::string>> run::read_records()
 
 std::optional<failure> run::fault_of_registration(host& host, const record_map& records) const
 {
-    const auto found = records.find(host.gid());
-    const std::string at_sa = found == records.end() ? "" : found->second;
+    const auto entry = records.find(host.gid());
+    const std::string at_sa = entry == records.end() ? "" : entry->second;
     if (!host.is_running()) {
         const std::set<std::string> kept = sms_.kept_of(host.gid());
         if (at_sa.empty() || kept.count(at_sa) > 0) return std::nullopt;
@@ -186,20 +188,22 @@ std::optional<failure> run::fault_of_registration(host& host, const record_map& 
     const json port = first_of(status, "hcas").value("ports", json::array({json::object()})).at(0);
     const json registration = first_of(status, "registrations");
     if (port.value("state", "") != "Active") return failure{host.name() + "'s port", "state Active", port.dump()};
-    const std::string held = registration.value("address", "") + " " + registration.value("name", "");
-    if (!registration.value("registered", false) && !differs_by_ibsim(registration, held))
+    const std::string host_record = registration.value("address", "") + " " + registration.value("name", "");
+    if (!registration.value("registered", false) && !differs_by_ibsim(registration, host_record))
         return failure{host.name() + " is not registered", "registered with " + join(host.possible_records()),
                        registration.dump()};
-    if (host.possible_records().count(held) == 0)
-        return failure{host.name() + " holds another record than it was told", join(host.possible_records()), held};
-    if (at_sa != held) return failure{"the SA's record of " + host.name(), held, at_sa.empty() ? "none" : at_sa};
+    if (host.possible_records().count(host_record) == 0)
+        return failure{host.name() + " holds another record than it was told", join(host.possible_records()),
+                       host_record};
+    if (at_sa != host_record)
+        return failure{"the SA's record of " + host.name(), host_record, at_sa.empty() ? "none" : at_sa};
     return std::nullopt;
 }
 
 std::optional<failure> run::fault_of_lookups(host& host, const record_map& records)
 {
     std::vector<std::string> addresses = {"resolve", unused_address}, gids = {"reverse"};
-    std::map<std::string, std::string> expected = {{unused_address, ""}}; // "" for "not found"
+    std::map<std::string, std::string> expected = {{unused_address, ""}}; // "" means "not found"
     for (const auto& [gid, record] : records) {
         const std::string address = record.substr(0, record.find(' '));
         expected[address] = gid;

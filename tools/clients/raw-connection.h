@@ -1,4 +1,4 @@
-// A connection to a service that sends exactly the bytes that a test chooses.
+// A client's connection to a service. It sends exactly the bytes that a test chooses.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ class raw_connection
   public:
     static constexpr const char* hello = R"({"request":"hello","protocol":1})";
 
-    // Connects. With `greets`, also says hello and reads the answer.
+    // Connects. With `greets`, also sends the hello and reads its answer. After a failure, is_open() returns false.
     explicit raw_connection(const std::string& path, bool greets = true)
     {
         sockaddr_un address{};
@@ -33,8 +33,8 @@ class raw_connection
 
     void write(const std::string& bytes) const { send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
-    // Reads the next line, without its end. Returns "(hung up)" if the service closes the connection or sends nothing
-    // for 60 s.
+    // Returns the next line without its line feed. Returns "(hung up)" if the service closes the connection or sends
+    // nothing for 60 s.
     std::string read()
     {
         size_t end = 0;
@@ -49,6 +49,7 @@ class raw_connection
         return line;
     }
 
+    // Sends a line, and returns the next line from the service.
     std::string ask(const std::string& line)
     {
         write(line + "\n");

@@ -1,5 +1,5 @@
-// Hosts of a simulated fabric and the records of its SA. Each host is an `ats run` of its own. Commands of `ats` report
-// the state of the hosts and the records.
+// Real hosts on a simulated fabric, and the records of its SA. Each host is a separate `ats run`. Commands of `ats`
+// report the state of the hosts and the records.
 #pragma once
 
 #include <memory>
@@ -14,18 +14,18 @@ namespace fabric_tools
 
 using nlohmann::json;
 
-// Node name (which is also the host name) and address of a host by number: 1 is "node1" with 10.0.0.1.
+// The node name of a host, which is also its host name, and its address. Host 1 is "node1" with 10.0.0.1.
 std::string node_name(int number);
 std::string address_of(int number);
 
-// The names of `others`, followed by those of hosts 1 to `count`.
+// Returns the names of `others`, followed by those of hosts 1 to `count`.
 std::vector<std::string> node_names(int count, std::vector<std::string> others);
 
-// The path of the program `ats`.
+// Returns the path of the program `ats`.
 std::string ats_program();
 
-// Asks the service at the socket: `ats COMMAND... --json`. A client needs no port, so it runs outside ibsim, which
-// supports only a few programs. Returns the output, or null if that is not JSON.
+// Asks the service at the socket with `ats COMMAND... --json`. This client needs no port, so it runs outside of ibsim,
+// which supports only a few programs. Returns its output, or null if the output is not JSON.
 json ask_service(ibsim_fabric& net, const std::string& socket, std::vector<std::string> command);
 
 class fabric_host
@@ -35,25 +35,25 @@ class fabric_host
     fabric_host(ibsim_fabric& net, int number, const std::vector<std::string>& options = {},
                 const std::vector<std::string>& environment = {});
 
-    // Waits until the host serves clients. Returns false after the time limit.
+    // Waits until the host serves clients. Returns false if it does not within the time limit.
     bool wait_serving(duration longest = 30s);
 
-    // Asks the host, see ask_service().
+    // Asks the host; see ask_service().
     json ask(std::vector<std::string> command) const { return ask_service(net_, socket_, std::move(command)); }
 
-    // The status of its first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
+    // Returns the status of the host's first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
     json port() const;
 
-    // The output of the host so far.
+    // Returns the output of the host so far.
     std::string output() const { return program_->output(); }
     process& program() { return *program_; }
     const std::string& name() const { return name_; }
     const std::string& folder() const { return program_->folder(); } // the host's working folder
 
-    // Ends the host with SIGTERM. Returns its exit code, like process::stop.
+    // Ends the host with SIGTERM, or with SIGKILL after 30 s. Returns the same as process::stop().
     std::optional<int> stop() { return program_->stop(30s); }
 
-    // Kills the host without warning.
+    // Kills the host (SIGKILL); see ibsim_fabric::kill().
     void kill() { net_.kill(*program_); }
 
   private:
@@ -63,14 +63,13 @@ class fabric_host
     std::unique_ptr<process> program_;
 };
 
-// Asks from `node` for the records of the SA, with `ats sa show --json` and these filter options. Returns null on
-// failure.
+// Asks the SA for records from `node`, with `ats sa show --json` and these filter options. Returns null on failure.
 json records_at_sa(ibsim_fabric& net, const std::string& node, const std::vector<std::string>& filter = {});
 
-// The number of records at the SA, or -1 if the SA cannot be asked.
+// Returns the number of records at the SA, or -1 if the SA cannot be asked.
 int count_records(ibsim_fabric& net, const std::string& node);
 
-// Formats each record as "node1 10.0.0.1 0xFE80...", sorted.
+// Formats each record as "node1 10.0.0.1 0xFE80...", and sorts the texts.
 std::vector<std::string> texts_of(const json& records);
 
 } // namespace fabric_tools

@@ -17,8 +17,8 @@ namespace
 
 namespace files = std::filesystem;
 
-// For programs with the address sanitizer. ibsim's library is loaded before the sanitizer's. When a datagram is read,
-// it also copies more bytes than it has allocated.
+// For programs with the address sanitizer, which would end them for two reasons. ibsim's library is loaded before the
+// sanitizer's library. And when ibsim's library reads a datagram, it copies more bytes than it has allocated.
 const char* const sanitizer_options = "ASAN_OPTIONS=verify_asan_link_order=0:replace_intrin=0";
 
 std::string find_program(const std::string& name)
@@ -65,7 +65,7 @@ ibsim_fabric::own_folder::own_folder()
 
 ibsim_fabric::own_folder::~own_folder()
 {
-    std::error_code error; // ignored, because nothing can be done about it
+    std::error_code error; // ignored, because a destructor cannot report it
     if (std::getenv("ATS_KEEP_FABRIC"))
         std::fprintf(stderr, "kept: %s\n", path.c_str());
     else
@@ -130,7 +130,7 @@ void ibsim_fabric::kill(process& program)
     if (const auto line = ibsim_->wait_line(": pid " + std::to_string(program.pid()) + " connected", 2s)) {
         const size_t number = line->find("Client ") + 7;
         console("X " + line->substr(number, line->find(':') - number));
-        console("Verbose"); // its answer comes after all commands before it
+        console("Verbose"); // ibsim answers in order, so after this answer the program is detached
         ibsim_->wait_line("verbose level");
     }
     program.signal(SIGKILL);

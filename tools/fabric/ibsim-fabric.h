@@ -1,5 +1,5 @@
-// A simulated fabric for real programs: ibsim in a folder of its own, one switch, and nodes. A program with ibsim's
-// library preloaded runs on a node. The destructor ends all programs and removes the folder.
+// A simulated fabric for real programs: ibsim in its own folder, one switch, and nodes. A program runs on a node if
+// ibsim's library is preloaded into it. The destructor ends ibsim and removes the folder.
 #pragma once
 
 #include <memory>
@@ -17,16 +17,16 @@ constexpr int most_programs = 10;
 
 struct sm_options {
     int priority = 0;
-    std::string settings = {}; // more lines for its configuration file
+    std::string settings = {}; // more lines for OpenSM's configuration file
 };
 
 class ibsim_fabric
 {
   public:
-    // Fails if a needed program is not installed.
+    // Returns an error if a needed program is not installed.
     static ats::result<> check_programs();
 
-    // The path of ibsim's library, for preloading.
+    // Returns the path of ibsim's library, for LD_PRELOAD.
     static std::string library();
 
     // Connects the nodes to one switch. ibsim and all programs also preload the library `preload`, unless it is "".
@@ -35,12 +35,13 @@ class ibsim_fabric
     ibsim_fabric(const ibsim_fabric&) = delete;
     ibsim_fabric& operator=(const ibsim_fabric&) = delete;
 
-    // Starts an OpenSM on the node. wait_master() waits until the subnet is up with this OpenSM as its master.
+    // Starts an OpenSM on the node. wait_master() waits until this OpenSM is the master and the subnet is up. It
+    // returns false after the time limit.
     std::unique_ptr<process> start_sm(const std::string& node, const sm_options& options = {});
     static bool wait_master(process& sm, duration longest = 20s);
 
-    // Starts a program on the node, in a new folder for its output. The folder's name contains `name`. `environment`
-    // comes before the variables that connect the program to the fabric.
+    // Starts a program on the node, in a new folder for its output. The folder's name contains `name`. If `environment`
+    // sets a variable that this function also sets, the value from `environment` counts.
     std::unique_ptr<process> start(const std::string& node, const std::string& name,
                                    const std::vector<std::string>& arguments,
                                    const std::vector<std::string>& environment = {});
@@ -48,12 +49,12 @@ class ibsim_fabric
     // Runs a program on the node, for at most one minute. Returns its output.
     std::string run(const std::string& node, const std::vector<std::string>& arguments);
 
-    // Kills a program without warning. Detaches it from ibsim first, for two reasons. ibsim would keep its place for
-    // ever. And a request that reaches a dying program gets neither an answer nor a time-out, so an OpenSM that has
-    // sent it would hang.
+    // Kills a program (SIGKILL). Detaches the program from ibsim first. Otherwise ibsim would count it for ever as one
+    // of its few programs. Also, ibsim would deliver requests to the dying program, and an OpenSM that waits for the
+    // answer would hang.
     void kill(process& program);
 
-    // Ends ibsim. The whole fabric becomes silent.
+    // Ends ibsim. From then on, no program on the fabric receives anything.
     void kill_simulator() { ibsim_->stop(); }
 
     // Sends a command to ibsim's console.
@@ -61,17 +62,19 @@ class ibsim_fabric
     void unplug(const std::string& node) { console("Unlink \"" + node + "\"[1]"); }
     void plug(const std::string& node) { console("ReLink \"" + node + "\"[1]"); }
 
-    // Loses this share of the packets that reach the node over its link. SMPs of the node to itself are not lost.
+    // From now on, loses this share of the packets that reach the node over its link; 0 ends the loss. SMPs of the node
+    // to itself are not lost.
     void lose(const std::string& node, int percent);
 
     const std::string& folder() const { return folder_.path; }
-    std::string output() const { return ibsim_->output(); } // of ibsim itself
+    std::string output() const { return ibsim_->output(); } // what ibsim has printed
 
-    // A new path in the folder.
+    // Returns a new path in the folder.
     std::string new_file(const std::string& name) { return folder() + "/" + name + "-" + std::to_string(++files_); }
 
   private:
-    // The destructor removes it, also after an interrupted construction. It is kept if $ATS_KEEP_FABRIC is set.
+    // A temporary folder. Its destructor removes it, also if the constructor of ibsim_fabric is interrupted. If
+    // $ATS_KEEP_FABRIC is set, the folder is kept.
     struct own_folder {
         own_folder();
         ~own_folder();
@@ -81,7 +84,7 @@ class ibsim_fabric
     };
 
     const std::string preload_;
-    own_folder folder_; // before the programs: removed after the programs in it have ended
+    own_folder folder_; // declared before ibsim_, so it is removed after ibsim has ended
     std::string socket_name_;
     std::unique_ptr<process> ibsim_;
     int files_ = 0; // number of names from new_file()

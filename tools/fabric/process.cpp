@@ -33,7 +33,7 @@ std::vector<char*> pointers_to(const std::vector<std::string>& texts)
     return pointers;
 }
 
-// The parent's environment with these variables added. If a name occurs twice, the first value counts.
+// Returns the additions, followed by the parent's environment. If a name occurs twice, only the first value is kept.
 std::vector<std::string> whole_environment(const std::vector<std::string>& additions)
 {
     std::vector<std::string> all;
@@ -58,14 +58,14 @@ bool set_limit(const process_limit& limit)
     return setrlimit(limit.resource, &values) == 0;
 }
 
-// Runs in the child. Executes the command. If there is no such program, exits with code 127 like a shell. Only makes
-// calls that are safe after a fork.
+// Runs in the child: executes the command. If the program cannot be executed, exits with code 127, like a shell. Makes
+// only calls that are safe after a fork.
 [[noreturn]] void become(const command& command, char* const* arguments, char* const* environment, pid_t parent,
                          int input)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
-    signal(SIGINT, SIG_DFL); // the parent may have inherited an ignored SIGINT from a shell, which does this for "&"
+    signal(SIGINT, SIG_DFL); // if a shell started the parent with "&", this process has inherited an ignored SIGINT
     const int output = open_output(command.output);
     const int errors = command.errors.empty() ? output : open_output(command.errors);
     const bool is_ready = getppid() == parent && output >= 0 && errors >= 0 && dup2(input, 0) == 0 &&
@@ -81,15 +81,15 @@ void throw_when_interrupted()
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, [](int) { was_interrupted = 1; });
 }
 
-bool wait_until(const std::function<bool()>& holds, duration longest)
+bool wait_until(const std::function<bool()>& condition, duration longest)
 {
     const auto deadline = std::chrono::steady_clock::now() + longest;
-    while (!holds()) {
+    while (!condition()) {
         if (was_interrupted && !is_ending) {
             is_ending = true;
             throw interrupted();
         }
-        if (std::chrono::steady_clock::now() >= deadline) return holds();
+        if (std::chrono::steady_clock::now() >= deadline) return condition();
         std::this_thread::sleep_for(poll_period);
     }
     return true;
@@ -101,7 +101,7 @@ process::process(const command& command) : folder_(command.directory), output_pa
     if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
     const std::vector<std::string> environment = whole_environment(command.environment);
     const std::vector<char*> arguments = pointers_to(command.arguments), variables = pointers_to(environment);
-    std::ofstream(output_path_, std::ios::trunc).close(); // output() can read the file from now on
+    std::ofstream(output_path_, std::ios::trunc).close(); // creates the file, so that output() can read it from now on
     const pid_t parent = getpid();
     pid_ = fork();
     if (pid_ == 0) become(command, arguments.data(), variables.data(), parent, ends[0]);
@@ -148,7 +148,7 @@ std::optional<std::string> process::wait_line(const std::string& text, duration 
 {
     std::optional<std::string> match;
     const auto look = [&] {
-        const bool was_over = has_ended(); // checked before the read, which then gets all of the output
+        const bool was_over = has_ended(); // checked first: then the read gets all of the output
         const std::string all = output();
         while (true) {
             const size_t end = all.find('\n', searched_);

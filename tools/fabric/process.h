@@ -1,5 +1,5 @@
-// A child process that is watched through its output. Its wait calls have deadlines: they wait for a line or for the
-// end of the process. The process never outlives its parent.
+// A child process, and its output. The wait calls wait for a line of the output or for the end of the process, and have
+// deadlines. The process never outlives its parent.
 #pragma once
 
 #include <chrono>
@@ -16,11 +16,13 @@ namespace fabric_tools
 using namespace std::chrono_literals;
 using duration = std::chrono::milliseconds;
 
-// Calls `holds` every few milliseconds until it returns true. Returns false after the time limit.
-bool wait_until(const std::function<bool()>& holds, duration longest);
+// Calls `condition` every few milliseconds until it returns true. Returns false after the time limit. Throws
+// `interrupted` after a signal; see throw_when_interrupted().
+bool wait_until(const std::function<bool()>& condition, duration longest);
 
-// From now on SIGINT, SIGTERM and SIGHUP make the current wait, or the next one, throw `interrupted`. Destructors then
-// end all processes. The children do not receive the terminal's signals, because they have their own process groups.
+// After this call, SIGINT, SIGTERM and SIGHUP make the current wait, or the next one, throw `interrupted`. Destructors
+// then end all child processes. The children do not receive the terminal's signals, because they have their own process
+// groups.
 void throw_when_interrupted();
 struct interrupted {
 };
@@ -32,11 +34,11 @@ struct process_limit {
 };
 
 struct command {
-    std::vector<std::string> arguments;        // the first one is the program, which is searched like in a shell
-    std::vector<std::string> environment = {}; // NAME=value, in addition to the parent's
+    std::vector<std::string> arguments;        // the first one is the program; it is searched in $PATH
+    std::vector<std::string> environment = {}; // NAME=value; added to the parent's environment
     std::string directory = ".";
     std::string output;      // the file for stdout; no other process may write to it
-    std::string errors = {}; // the file for stderr; "" means the same file
+    std::string errors = {}; // the file for stderr; "" means that of stdout
     std::optional<process_limit> limit = {};
 };
 
@@ -58,21 +60,21 @@ class process
     // Writes to the stdin of the process. Does nothing if the process has ended.
     void write_line(const std::string& line);
 
-    // Waits for a line of the output that contains `text` and comes after the last line found. Returns it. Returns none
-    // after the time limit, or if the process has ended without it.
+    // Waits for a line of the output that contains `text`. The search begins after the last line that an earlier call
+    // found. Returns the line. Returns nothing after the time limit, or if the process has ended without such a line.
     std::optional<std::string> wait_line(const std::string& text, duration longest = 10s);
 
-    // The whole output so far.
+    // Returns the whole output so far.
     std::string output() const;
 
-    // Waits for the end. Returns the exit code, or the negated number of the signal that ended the process. Returns
-    // none after the time limit.
+    // Waits for the end of the process. Returns its exit code, or the negated number of the signal that ended it.
+    // Returns nothing after the time limit.
     std::optional<int> wait_end(duration longest = 10s);
     bool has_ended() { return wait_end(0s).has_value(); }
 
     void signal(int number) const;
 
-    // Sends SIGTERM, and SIGKILL if the process still runs after that time. Returns the same as wait_end().
+    // Sends SIGTERM. If the process still runs after the time limit, sends SIGKILL. Returns the same as wait_end().
     std::optional<int> stop(duration longest = 10s);
 
   private:
@@ -80,7 +82,7 @@ class process
     const std::string output_path_;
     pid_t pid_ = -1;
     int stdin_ = -1;
-    size_t searched_ = 0; // bytes of the output that wait_line has searched
+    size_t searched_ = 0; // number of bytes of the output that wait_line() has searched
     std::optional<int> exit_code_;
 };
 

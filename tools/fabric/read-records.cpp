@@ -1,5 +1,5 @@
-// Asks the SA for the service's records of these GIDs, one request for each. ibsim delivers no answer with several
-// records, so one request for all is not enough.
+// Asks the SA for the hosts' ServiceRecords of some GIDs. It sends one request for each GID, because ibsim cannot
+// deliver an answer that contains several records.
 //   read-records GID...
 // Prints "GID P_KEY ADDRESS NAME" for a record, and "GID STATUS" for an error other than "no records".
 #include <arpa/inet.h>
@@ -13,7 +13,7 @@
 namespace
 {
 
-constexpr uint64_t service_id_and_gid = 0x03; // the component mask
+constexpr uint64_t service_id_and_gid = 0x03; // component mask
 constexpr uint16_t status_no_records = 0x0300;
 
 void print(const ib_service_record_v2_t& record)

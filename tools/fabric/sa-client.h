@@ -1,4 +1,4 @@
-// A client of the SA for small tools. It only uses libibumad, so it is independent of the service.
+// A client of the SA for small tools. It uses only libibumad, so it is independent of the service.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,10 @@
 namespace fabric_tools
 {
 
-// Ends the program with exit code 2 and this reason.
+// Prints the reason, and ends the program with exit code 2.
 [[noreturn]] void fail(const char* reason);
 
-// Reads "fe80::1", or "0x" and 32 digits. Returns false if the text is no GID.
+// Reads a GID like "fe80::1", or "0x" and 32 hexadecimal digits. Returns false if the text is not a GID.
 bool parse_gid(const char* text, wire_gid_t& gid);
 
 class sa_client
@@ -21,8 +21,8 @@ class sa_client
     // Opens the first active port. Calls fail() if there is none.
     sa_client();
 
-    // Sends the request with a TransactionID of its own and returns the SA's answer, or none if five requests got no
-    // answer within a second each.
+    // Sends the request with a new TransactionID, and returns the SA's answer. Repeats the request after a second
+    // without an answer. Returns nothing after five requests without an answer.
     std::optional<sa_mad_v2_t> ask(sa_mad_v2_t request);
 
   private:

@@ -1,4 +1,4 @@
-// A request to the SA, for tools and benchmarks that use no host.
+// Makes requests to the SA, for tools and benchmarks that talk to the SA without a host.
 #pragma once
 
 #include <arpa/inet.h>
@@ -10,8 +10,8 @@
 namespace fabric_tools
 {
 
-// Returns a request (IBA 15.2.1) with a record in wire order. The other arguments are in host order. The TransactionID
-// is left to the caller.
+// Returns a request (IBA 15.2.1) that contains `record`, which is in wire order. The other arguments are in host order.
+// The caller sets the TransactionID.
 template <class record_t>
 sa_mad_v2_t make_request(uint8_t method, uint16_t attribute, uint64_t component_mask, const record_t& record)
 {

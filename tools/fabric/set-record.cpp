@@ -1,4 +1,5 @@
-// A second client of the SA, for example for an administrator. It registers or deletes one record of the service.
+// Registers or deletes the ServiceRecord of one host. It talks to the SA without the service, for example for an
+// administrator or a test.
 //   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
 //   set-record -d GID P_KEY                SubnAdmDelete, by record identifier
 // Prints the status of the answer in hex. The exit code is 0 if the status is 0.
@@ -16,8 +17,8 @@ namespace
 
 using fabric_tools::fail;
 
-// ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without its mask bit. With that bit, it refuses
-// the request if the port of the GID is gone.
+// The mask bits of ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without its mask bit. With its
+// mask bit, OpenSM refuses the request if the port of the GID is gone.
 constexpr uint64_t identifier_mask = 0x43;
 
 sa_mad_v2_t request_of(bool removes, char** arguments)

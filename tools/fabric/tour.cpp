@@ -1,5 +1,5 @@
-// `make fabric`: runs real hosts on a simulated fabric under OpenSM, and makes the usual events of a fabric happen.
-// Prints a line for each event, with its effect and its duration. The exit code is 1 if an effect was missing.
+// `make fabric`: runs real hosts on a simulated fabric under OpenSM, and causes the usual events of a fabric. Prints
+// one line for each event, with its effect and its duration. The exit code is 1 if an effect is missing.
 //   ats-fabric [HOSTS]
 
 #include <csignal>
@@ -17,7 +17,7 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int least_hosts = 2;
-constexpr int most_hosts = most_programs - 3; // without an SM and two tools
+constexpr int most_hosts = most_programs - 3; // one SM and two tools also need a place in ibsim
 const std::string tool_node = "desk";
 
 class tour
@@ -42,27 +42,27 @@ class tour
     bool is_good() const { return is_good_; }
 
   private:
-    // Makes an event happen and waits for its effect, until `holds` returns true.
+    // Calls `action`, which causes an event. Waits until `condition` returns true: the event has had its effect.
     template <class action_t>
     void step(const std::string& event, const std::string& effect, const action_t& action,
-              const std::function<bool()>& holds)
+              const std::function<bool()>& condition)
     {
         const auto begin = clock::now();
         const std::string title = event.empty() ? effect : event;
         console::progress progress;
         progress.show(title);
         action();
-        const auto holds_now = [&] {
+        const auto condition_now = [&] {
             const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(clock::now() - begin).count();
             progress.show(title + ", " + std::to_string(seconds) + " s");
-            return holds();
+            return condition();
         };
-        const bool is_seen = wait_until(holds_now, 60s);
+        const bool is_seen = wait_until(condition_now, 60s);
         progress.clear();
-        const std::chrono::duration<double, std::milli> took = clock::now() - begin;
+        const std::chrono::duration<double, std::milli> step_time = clock::now() - begin;
         is_good_ = is_good_ && is_seen;
         const std::string text = is_seen ? effect : "MISSING: " + effect;
-        std::printf("%-44s %-42s %7.0f ms\n", event.c_str(), text.c_str(), took.count());
+        std::printf("%-44s %-42s %7.0f ms\n", event.c_str(), text.c_str(), step_time.count());
         std::fflush(stdout);
     }
 
@@ -90,8 +90,8 @@ class tour
         }
     }
 
-    // Every host looks up every other host in both directions. Each direction comes first for half of the pairs. The SA
-    // then answers it; the second direction may be answered from the cache.
+    // Every host looks up every other host in both directions. For half of the pairs, the lookup by address comes
+    // first; for the others, the lookup by GID. The SA answers the first lookup. The cache may answer the second one.
     void resolve_all()
     {
         int right = 0, from_sa = 0;
@@ -122,11 +122,11 @@ class tour
         const auto begin = clock::now();
         all_pairs();
         progress.clear();
-        const std::chrono::duration<double, std::milli> took = clock::now() - begin;
+        const std::chrono::duration<double, std::milli> step_time = clock::now() - begin;
         is_good_ = is_good_ && right == questions && from_sa >= questions / 2;
         std::printf("%-44s %-42s %7.0f ms\n",
                     ("all find each other: " + std::to_string(questions) + " questions").c_str(), effect.c_str(),
-                    took.count());
+                    step_time.count());
     }
 
     void lose_and_find_a_link()
@@ -135,14 +135,15 @@ class tour
         const auto state_is = [&](const std::string& state) {
             return [&host, state] { return host.port().value("state", "") == state; };
         };
-        const int received = host.port().value("received", 0);
+        const int old_received = host.port().value("received", 0);
         step(
             "node1's link is unplugged", "node1 has no active port", [&] { net_.unplug("node1"); }, state_is("Down"));
         step(
             "... and plugged again", "node1's port is active", [&] { net_.plug("node1"); }, state_is("Active"));
-        // A new registration needs two answers: to a Delete and to a Set.
+        // For a new registration, the host receives two answers: to a Delete and to a Set.
         step(
-            "", "node1 has registered again", [] {}, [&] { return host.port().value("received", 0) >= received + 2; });
+            "", "node1 has registered again", [] {},
+            [&] { return host.port().value("received", 0) >= old_received + 2; });
     }
 
     void restart_sm()
@@ -198,16 +199,16 @@ class tour
 
 int show(int hosts)
 {
-    if (const auto checked = ibsim_fabric::check_programs(); !checked) {
-        std::cerr << "ats-fabric: " << checked.error().text << '\n';
+    if (const auto programs = ibsim_fabric::check_programs(); !programs) {
+        std::cerr << "ats-fabric: " << programs.error().text << '\n';
         return 2;
     }
     throw_when_interrupted();
     try {
-        tour life(hosts);
-        life.run();
-        std::puts(life.is_good() ? "All effects were right." : "An effect was missing or wrong.");
-        return life.is_good() ? 0 : 1;
+        tour tour(hosts);
+        tour.run();
+        std::puts(tour.is_good() ? "All effects were right." : "An effect was missing or wrong.");
+        return tour.is_good() ? 0 : 1;
     } catch (const interrupted&) {
         std::cerr << "ats-fabric: interrupted; all programs are ended and all files removed\n";
         return 130;

@@ -1,5 +1,5 @@
-// Asks librdmacm for routes, like other programs. Each line of the input is an address. The program prints the DLID of
-// the route that rdma_getaddrinfo() finds, or "none".
+// Asks librdmacm for routes, as other programs do. Each line of the input is an address. For each address, prints the
+// DLID of the route that rdma_getaddrinfo() finds, or "none".
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -15,15 +15,15 @@ std::string route_to(const std::string& address)
 {
     rdma_addrinfo hints{};
     hints.ai_port_space = RDMA_PS_TCP;
-    rdma_addrinfo* found = nullptr;
-    constexpr const char* port = "7471"; // any port is valid
-    if (rdma_getaddrinfo(address.c_str(), port, &hints, &found) != 0) {
+    rdma_addrinfo* result = nullptr;
+    constexpr const char* port = "7471"; // rdma_getaddrinfo() needs one; the value does not matter
+    if (rdma_getaddrinfo(address.c_str(), port, &hints, &result) != 0) {
         std::perror("rdma_getaddrinfo");
         return "failed";
     }
-    const auto* path = static_cast<const ibv_path_data*>(found->ai_route);
+    const auto* path = static_cast<const ibv_path_data*>(result->ai_route);
     const std::string route = path ? "DLID " + std::to_string(ntohs(path->path.dlid)) : "none";
-    rdma_freeaddrinfo(found);
+    rdma_freeaddrinfo(result);
     return route;
 }
 

@@ -1,5 +1,6 @@
-// A library to preload. With it, librdmacm runs on a machine without an RDMA device: it finds one device, and never
-// opens it. ACM_SOCKET names the socket that librdmacm connects to instead of /run/ibacm.sock.
+// A library to preload. With this library, librdmacm works on a machine without an RDMA device: librdmacm finds one
+// device, but never opens it. If librdmacm connects to /run/ibacm.sock, this library connects to the socket
+// $ACM_SOCKET instead.
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
