@@ -15,24 +15,26 @@ namespace
 {
 
 struct service_origin {
-    long pid = 0;     // 0 means unknown
-    std::string unit; // "" if a person has started it
+    long pid = 0;     // 0: unknown
+    std::string unit; // the name of its systemd unit; "" if systemd has not started it
 };
 
-bool is_there(const std::string& path)
+bool exists(const std::string& path)
 {
-    std::error_code error; // a file with an error counts as missing
+    std::error_code error; // not used: if the file cannot be examined, it counts as missing
     return std::filesystem::exists(path, error);
 }
 
-// systemd sets the variable to the process ID. Programs started by the service inherit it, but have other IDs.
+// systemd sets SYSTEMD_EXEC_PID to the process ID of the service. A program that the service starts inherits the
+// variable, but has another process ID.
 bool is_started_by_systemd()
 {
     const char* pid = std::getenv("SYSTEMD_EXEC_PID");
     return pid != nullptr && std::to_string(getpid()) == pid;
 }
 
-// The last part of the control group's path, for example of "0::/system.slice/ats.service".
+// Returns the name of the systemd unit of this process. It is the last part of the path of the control group, for
+// example in "0::/system.slice/ats.service".
 std::string unit_of_this_process()
 {
     constexpr const char* usual_unit = "ats.service";
@@ -42,26 +44,28 @@ std::string unit_of_this_process()
     return usual_unit;
 }
 
-// The place of the socket, if `path` is a link to it. The lock is beside the socket.
-std::string resolved(const std::string& path)
+// Returns the path without symbolic links. If the path of a socket is a link, the lock file is beside the socket
+// itself.
+std::string canonical_path_of(const std::string& path)
 {
     std::error_code error;
     const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
     return error ? path : target.string();
 }
 
+// Reads the lock file of the service on `socket_path`.
 service_origin origin_of_service(const std::string& socket_path)
 {
     service_origin origin;
-    std::ifstream(lock_file_of(resolved(socket_path))) >> origin.pid >> origin.unit;
+    std::ifstream(lock_file_of(canonical_path_of(socket_path))) >> origin.pid >> origin.unit;
     return origin;
 }
 
 bool has_installed_unit()
 {
-    if (!is_there("/run/systemd/system")) return false;
+    if (!exists("/run/systemd/system")) return false;
     for (const char* folder : {"/etc", "/usr/local/lib", "/usr/lib", "/lib"})
-        if (is_there(std::string(folder) + "/systemd/system/ats.service")) return true;
+        if (exists(std::string(folder) + "/systemd/system/ats.service")) return true;
     return false;
 }
 
@@ -96,7 +100,7 @@ std::string how_to_start(const std::string& socket_path)
 {
     const service_origin origin = origin_of_service(socket_path);
     if (!origin.unit.empty()) return "'systemctl status " + origin.unit + "' says what became of it";
-    if (geteuid() != 0 && socket_path != client::socket_of_machine && is_there(client::socket_of_machine))
+    if (geteuid() != 0 && socket_path != client::socket_of_machine && exists(client::socket_of_machine))
         return std::string("root's is on ") + client::socket_of_machine +
                ": ask that with sudo, or start your own with 'ats run'";
     if (socket_path == client::socket_of_machine && has_installed_unit())

@@ -1,4 +1,5 @@
-// The Unix socket between `ats run` and its clients. In both directions, each line is one JSON text.
+// The Unix sockets on which the service (`ats run`) listens, and the locks on their paths. A lock keeps two services
+// from listening on one path.
 #pragma once
 
 #include <memory>
@@ -15,12 +16,13 @@ namespace cli
 
 using client::descriptor;
 
-// Holds a lock on PATH.lock. Only its holder may listen on PATH. The file describes how the service was started, and is
-// removed with the lock.
+// Holds a lock on the file PATH.lock. Only the process that holds the lock may listen on PATH. The file contains a
+// description of the process (service-origin.h). The destructor removes the file and releases the lock.
 class path_lock
 {
   public:
-    // Fails if another process holds the lock, or if the file cannot be created.
+    // Creates and locks the file. Fails if another process holds the lock, or if the file cannot be created. Error
+    // texts name `option`, the command-line option that sets the path.
     static ats::result<path_lock> acquire(const std::string& path, const std::string& option = "--socket");
 
     ~path_lock();
@@ -33,40 +35,43 @@ class path_lock
     descriptor lock_;
 };
 
-// A socket in the file system. The destructor removes its file.
+// A listening Unix socket with its file. The destructor removes the file.
 class listening_socket
 {
   public:
-    // Replaces a socket of an ended service at `path`. Fails if a service listens there, or if there is another kind of
-    // file. Other users can connect if `is_for_all`. Errors name the `option` that sets the path.
+    // Creates a socket at `path` and listens. Replaces the socket file of a service that has ended. Fails if a service
+    // listens there, or if the file at `path` is not a socket. If `is_for_all`, other users can connect. Error texts
+    // name `option`, the command-line option that sets the path.
     static ats::result<std::unique_ptr<listening_socket>> open(const std::string& path, bool is_for_all,
                                                                const std::string& option = "--socket");
 
-    // Continues to use a listening socket of an earlier process at `path`. Fails if the path now belongs to another
-    // socket.
+    // Continues to use `socket`, the listening socket of an earlier process. Fails if the socket is not at `path`, or
+    // if another process holds the lock of the path.
     static ats::result<std::unique_ptr<listening_socket>> adopt(const std::string& path, descriptor socket);
 
     ~listening_socket();
     listening_socket(const listening_socket&) = delete;
     listening_socket& operator=(const listening_socket&) = delete;
 
-    // Lets other users connect, or only this one and root. Any thread.
+    // If `is_for_all`, lets other users connect; otherwise, only this user and root can connect. Any thread.
     ats::result<> set_for_all(bool is_for_all);
 
-    // Returns a copy of the listening descriptor. The caller closes it.
+    // Returns a copy of the listening descriptor. The caller owns it. Any thread.
     descriptor duplicate() const;
 
     const std::string& path() const { return path_; }
 
-    // Returns false if the path no longer names this socket, for example because the file was removed.
+    // Returns false if the file at the path is not this socket any more, for example because somebody has removed it.
+    // Any thread.
     bool is_in_place() const;
 
-    // Creates the file again and listens there. Copies of the earlier descriptor no longer receive clients. Fails if
-    // the path names another file, or if its folder does not exist. Any thread.
+    // Creates a new socket with its file at the path, and listens. New clients reach only the new socket: copies of the
+    // earlier descriptor are useless then. Fails if there is a file at the path, or if its folder does not exist. Any
+    // thread.
     ats::result<> restore();
 
   private:
-    // Identifies a file while it exists.
+    // Identifies a file as long as the file exists.
     struct file_identity {
         dev_t device;
         ino_t number;
@@ -78,10 +83,10 @@ class listening_socket
     listening_socket(std::string path, path_lock lock, descriptor socket);
 
     const std::string path_;
-    const path_lock lock_;     // keeps two starting services from removing each other's socket
+    const path_lock lock_;     // keeps another service that starts from removing this socket
     mutable std::mutex mutex_; // guards the following members
     descriptor socket_;
-    std::optional<file_identity> file_;
+    std::optional<file_identity> file_; // the file of socket_
     bool is_for_all_ = false;
 };
 
