@@ -1,4 +1,4 @@
-// The lines that the server sends: JSON texts, and the error for a refused request.
+// Makes the lines that the server sends to clients: answers and errors, as JSON.
 #pragma once
 
 #include <optional>
@@ -11,18 +11,18 @@
 namespace cli
 {
 
-// The line for an answer, with the request's id if it has one. Texts of modules may not be valid UTF-8; this makes them
-// valid.
+// Returns the line for an answer, without a line end. Adds the id of the request, if it has one. Replaces bytes that
+// are not valid UTF-8, because texts of modules may contain such bytes.
 std::string line_of(nlohmann::json answer, const std::optional<uint64_t>& id);
 
-// The answer to a refused request.
+// Returns the answer to a refused request.
 nlohmann::json refusal(const ats::error& error);
 
-// The client's error: the client must change its request.
+// Returns an error of the kind "invalid": the client has sent a wrong request.
 ats::error malformed(const std::string& text);
 
-// Returns the error for the exception that is being handled: a missing member, a member with a wrong type, or a
-// shortage.
+// Call it in a catch block. Returns the error for the caught exception: a member of the request is missing or has a
+// wrong type, or the service has a shortage of memory, threads or descriptors.
 ats::error caught_error();
 
 } // namespace cli

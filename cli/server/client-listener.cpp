@@ -6,7 +6,7 @@ namespace cli
 namespace
 {
 
-constexpr uint64_t look_period_ms = 1000;
+constexpr uint64_t check_period_ms = 1000;
 
 void close_and_free(uv_pipe_t* pipe)
 {
@@ -20,14 +20,16 @@ int client_listener::start(uv_loop_t* loop, accept_call accept)
 {
     loop_ = loop;
     accept_ = std::move(accept);
-    uv_timer_init(loop, &look_);
-    look_.data = this;
+    uv_timer_init(loop, &check_timer_);
+    check_timer_.data = this;
     if (const int error = listen(); error != 0) return error;
     return uv_timer_start(
-        &look_, [](uv_timer_t* timer) { static_cast<client_listener*>(timer->data)->look_at_file(); }, look_period_ms,
-        look_period_ms);
+        &check_timer_, [](uv_timer_t* timer) { static_cast<client_listener*>(timer->data)->check_file(); },
+        check_period_ms, check_period_ms);
 }
 
+// Listens on a copy of the socket's descriptor, and stops listening on the earlier copy. Returns 0, or an error number
+// of libuv.
 int client_listener::listen()
 {
     auto* pipe = new uv_pipe_t;
@@ -47,7 +49,8 @@ int client_listener::listen()
     return 0;
 }
 
-void client_listener::look_at_file()
+// Creates the socket's file again if it is not in place. Reports a failure only once.
+void client_listener::check_file()
 {
     if (socket_->is_in_place()) {
         is_loss_reported_ = false;
@@ -66,7 +69,7 @@ void client_listener::close()
 {
     if (listener_) close_and_free(listener_);
     listener_ = nullptr;
-    uv_close(reinterpret_cast<uv_handle_t*>(&look_), nullptr);
+    uv_close(reinterpret_cast<uv_handle_t*>(&check_timer_), nullptr);
 }
 
 } // namespace cli

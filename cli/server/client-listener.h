@@ -1,5 +1,6 @@
-// Listens on the service's socket. If the socket's file is removed, it is created again within a second, so new clients
-// can connect. Lives in the event loop's thread, except where stated.
+// Listens on the service's socket. Checks once a second if the socket's file still exists. If somebody has removed it,
+// creates it again, so that new clients can connect. All calls are made in the event loop's thread, except those marked
+// "any thread".
 #pragma once
 
 #include <functional>
@@ -15,10 +16,11 @@ namespace cli
 class client_listener
 {
   public:
-    // Called when a client waits at `listener`.
+    // The listener calls this function when a client waits at `listener`. The function must accept the client.
     using accept_call = std::function<void(uv_stream_t* listener)>;
 
-    // Receives one line when the file was created again, or when this failed.
+    // The listener calls this function with one line for the administrator: it has created the file again, or it could
+    // not create the file.
     using report_call = std::function<void(const std::string& line)>;
 
     client_listener(std::unique_ptr<listening_socket> socket, report_call report)
@@ -26,26 +28,26 @@ class client_listener
     {
     }
 
-    // Returns 0, or an error of libuv.
+    // Starts to listen. Returns 0, or an error number of libuv.
     int start(uv_loop_t* loop, accept_call accept);
 
-    // Accepts no more clients. The object must exist until the loop has ended.
+    // Stops listening. The object must exist until the loop has ended.
     void close();
 
-    // Lets other users connect, or only this one and root. Any thread.
+    // If `is_for_all`, lets other users connect; otherwise, only this user and root can connect. Any thread.
     ats::result<> set_for_all(bool is_for_all) { return socket_->set_for_all(is_for_all); }
 
   private:
     int listen();
-    void look_at_file();
+    void check_file();
 
     const std::unique_ptr<listening_socket> socket_;
     const report_call report_;
     accept_call accept_;
     uv_loop_t* loop_ = nullptr;
-    uv_pipe_t* listener_ = nullptr; // freed after libuv has closed it
-    uv_timer_t look_;
-    bool is_loss_reported_ = false;
+    uv_pipe_t* listener_ = nullptr; // owned; libuv calls back when it may be freed
+    uv_timer_t check_timer_;
+    bool is_loss_reported_ = false; // report_ was called because the file is missing and could not be created
 };
 
 } // namespace cli

@@ -9,7 +9,7 @@ namespace cli
 namespace
 {
 
-// If this many bytes are unread, the service reads no more requests of the client.
+// If more than this number of bytes is queued for a client, the service reads no more requests of this client.
 constexpr size_t congestion_bytes = size_t{256} << 10;
 
 conversation& self_of(void* data)
@@ -44,8 +44,8 @@ bool conversation::accept(uv_stream_t* listener)
 
 // ---- input ----
 
-// Reads from the client, unless the conversation ends, waits for an answer without an id, or has too many unread
-// answers.
+// Starts or stops reading from the client. The conversation does not read while it is paused or congested, and when it
+// ends.
 void conversation::set_reading()
 {
     const bool should_read = !is_ending_ && !is_closed_ && !has_input_ended_ && !is_paused_ && !is_congested();
@@ -56,7 +56,7 @@ void conversation::set_reading()
         uv_read_stop(stream);
         return;
     }
-    // The loop has one thread, so one buffer serves all connections.
+    // All conversations share one buffer, because they are all in the loop's thread.
     const auto give_buffer = [](uv_handle_t*, size_t, uv_buf_t* buffer) {
         static std::array<char, size_t{1} << 16> shared;
         *buffer = uv_buf_init(shared.data(), static_cast<unsigned>(shared.size()));
@@ -78,7 +78,8 @@ void conversation::take_input(const char* bytes, size_t size)
     take_lines();
 }
 
-// A client may close its sending side and still read its answers.
+// The client has closed its sending side. It may still read its answers, so the conversation goes on until they are
+// sent.
 void conversation::take_end()
 {
     has_input_ended_ = true;
@@ -92,9 +93,10 @@ void conversation::end_if_done()
     if (has_input_ended_ && open_requests == 0 && !is_paused_ && input_.find('\n') == std::string::npos) hang_up();
 }
 
+// Passes the whole lines of the input to the owner, until the conversation is paused or congested, or ends.
 void conversation::take_lines()
 {
-    if (is_taking_lines_) return; // called from the loop below, which continues
+    if (is_taking_lines_) return; // the owner has called resume() from take_line(); the loop below continues
     is_taking_lines_ = true;
     size_t end = 0;
     while (!is_ending_ && !is_paused_ && !is_congested() &&
@@ -143,11 +145,12 @@ bool conversation::is_congested() const
 void conversation::send(std::string_view line)
 {
     if (is_closed_) return;
-    if (unsent_bytes_.size() + bytes_in_write_.size() > limits_.unread_bytes) { // one long answer is always allowed
-        owner_.left_unread(*this);
+    // The length of this line does not count. One answer may therefore be longer than the limit.
+    if (unsent_bytes_.size() + bytes_in_write_.size() > limits_.unread_bytes) {
+        owner_.client_does_not_read(*this);
         return cut_off();
     }
-    if (unsent_bytes_.empty()) owner_.has_unsent(*this);
+    if (unsent_bytes_.empty()) owner_.needs_flush(*this);
     unsent_bytes_ += line;
     unsent_bytes_ += '\n';
 }
@@ -160,15 +163,16 @@ void conversation::flush()
     const int sent = uv_try_write(stream, &buffer, 1);
     if (sent < 0 && sent != UV_EAGAIN) return cut_off();
     unsent_bytes_.erase(0, static_cast<size_t>(std::max(sent, 0)));
-    if (unsent_bytes_.empty()) return written(0);
+    if (unsent_bytes_.empty()) return finish_write(0);
     bytes_in_write_.swap(unsent_bytes_);
     buffer = uv_buf_init(bytes_in_write_.data(), static_cast<unsigned>(bytes_in_write_.size()));
     is_writing_ = true;
     uv_write(&write_, stream, &buffer, 1,
-             [](uv_write_t* request, int status) { self_of(request->data).written(status); });
+             [](uv_write_t* request, int status) { self_of(request->data).finish_write(status); });
 }
 
-void conversation::written(int status)
+// All bytes of a write were given to the socket, or it has failed with `status`. Continues with the next queued lines.
+void conversation::finish_write(int status)
 {
     is_writing_ = false;
     bytes_in_write_.clear();
@@ -195,7 +199,7 @@ void conversation::cut_off()
     is_closed_ = true;
     uv_close(reinterpret_cast<uv_handle_t*>(&pipe_), [](uv_handle_t* handle) {
         conversation& self = self_of(handle->data);
-        self.owner_.ended(self);
+        self.owner_.conversation_ended(self);
     });
 }
 

@@ -1,4 +1,6 @@
-// One connection of a client: lines in, lines out, within the limits. Lives in the event loop's thread.
+// One connection of a client of the service's socket. It receives the lines of the client, passes them to its owner,
+// and sends lines to the client. It enforces the limits for the length of a line and for unread bytes. All calls are
+// made in the event loop's thread.
 #pragma once
 
 #include <functional>
@@ -19,54 +21,69 @@ class conversation
     // The calls that a conversation makes to its owner.
     struct owner {
         virtual ~owner() = default;
+        // The client has sent a line.
         virtual void take_line(conversation& source, std::string_view line) = 0;
-        virtual void line_too_long(conversation& source) = 0;   // the conversation ends after the error was sent
-        virtual void input_ended(conversation& source) = 0;     // the client sends nothing more
-        virtual void became_writable(conversation& source) = 0; // the queued lines have been sent
-        virtual void left_unread(conversation& source) = 0;     // cut off: it does not read its answers
-        virtual void ended(conversation& source) = 0;           // its handle is closed; it may be destroyed
-        virtual void has_unsent(conversation& source) = 0;      // call flush() at the end of this round
+        // The client has sent a line that is too long. The owner may send() an error; the conversation then ends.
+        virtual void line_too_long(conversation& source) = 0;
+        // The client has closed its sending side.
+        virtual void input_ended(conversation& source) = 0;
+        // All queued lines were given to the socket.
+        virtual void became_writable(conversation& source) = 0;
+        // The conversation ends, because the client does not read its answers.
+        virtual void client_does_not_read(conversation& source) = 0;
+        // The conversation has closed its libuv handle. The owner may destroy it.
+        virtual void conversation_ended(conversation& source) = 0;
+        // There are queued lines. The owner must call flush() at the end of this round of the loop.
+        virtual void needs_flush(conversation& source) = 0;
     };
 
+    // `number` is the owner's number for the conversation. `limits` must outlive the conversation.
     conversation(owner& owner, uv_loop_t* loop, uint64_t number, const service_limits& limits);
     conversation(const conversation&) = delete;
     conversation& operator=(const conversation&) = delete;
 
-    // Accepts the next connection of `listener`. Returns false on failure; ended() follows.
+    // Accepts the next client of `listener`. Returns false on failure; the conversation then calls
+    // conversation_ended().
     bool accept(uv_stream_t* listener);
 
     uint64_t number() const { return number_; }
     const cli::peer& peer() const { return peer_; }
 
-    // Queues a line for the client. A client that reads nothing is cut off at the limit.
+    // Queues a line for the client; adds the line end. If more bytes than the limit `unread_bytes` are already queued,
+    // cuts the client off instead.
     void send(std::string_view line);
+
+    // Gives the queued lines to the socket. libuv sends the rest when the socket accepts it.
     void flush();
 
-    // Returns true if the client has many unread bytes. A long answer should then wait for became_writable().
+    // Returns true if many bytes are queued, because the client reads slowly. Before it sends more of a long answer,
+    // the owner should then wait for became_writable().
     bool is_congested() const;
 
-    // Stops reading lines until resume(), because a request without an id is being answered.
+    // pause() stops the processing of lines; resume() continues it. The owner pauses while a request without an id is
+    // being answered.
     void pause();
     void resume();
 
-    // Ends the conversation after the queued lines have been sent, or at once.
+    // hang_up() ends the conversation after the queued lines have been sent. cut_off() ends it at once.
     void hang_up();
     void cut_off();
     bool is_ending() const { return is_ending_; }
 
-    // Ends the conversation if the client sends nothing more and has received all its answers.
+    // Ends the conversation if the client has closed its sending side and all its requests were answered.
     void end_if_done();
 
-    bool is_greeted = false;
-    bool is_admitted = false; // counted among its user's connections
-    size_t open_requests = 0; // requests being answered
+    // The owner's notes.
+    bool is_greeted = false;  // true if the client has sent a correct hello
+    bool is_admitted = false; // true if it is counted among the connections of its user
+    size_t open_requests = 0; // number of requests that are being answered
 
   private:
     void take_input(const char* bytes, size_t size);
     void take_end();
     void take_lines();
     void set_reading();
-    void written(int status);
+    void finish_write(int status);
 
     owner& owner_;
     const uint64_t number_;
@@ -74,17 +91,17 @@ class conversation
     uv_pipe_t pipe_;
     cli::peer peer_;
     std::string input_;
-    size_t handled_bytes_ = 0;   // bytes of the input whose lines were handled
-    std::string unsent_bytes_;   // not yet given to the socket
-    std::string bytes_in_write_; // given to the socket
+    size_t handled_bytes_ = 0;   // number of bytes at the start of `input_` whose lines were passed to the owner
+    std::string unsent_bytes_;   // queued lines
+    std::string bytes_in_write_; // bytes that libuv is sending; unchanged while is_writing_
     uv_write_t write_;
     bool is_writing_ = false;
     bool is_reading_ = false;
     bool is_paused_ = false;
-    bool is_taking_lines_ = false;
-    bool has_input_ended_ = false;
-    bool is_ending_ = false;
-    bool is_closed_ = false;
+    bool is_taking_lines_ = false; // take_lines() runs
+    bool has_input_ended_ = false; // the client has closed its sending side
+    bool is_ending_ = false;       // no more lines are passed to the owner
+    bool is_closed_ = false;       // uv_close() was called
 };
 
 } // namespace cli

@@ -13,8 +13,8 @@ namespace cli
 namespace
 {
 
-// libuv writes without MSG_NOSIGNAL. If a client has closed its connection, SIGPIPE would end the process. With the
-// signal blocked, the write fails instead.
+// Blocks SIGPIPE in the calling thread. libuv writes without MSG_NOSIGNAL: a write to a connection that the client has
+// closed raises SIGPIPE, which ends the process. If the signal is blocked, the write fails instead.
 void block_sigpipe()
 {
     sigset_t signals;
@@ -23,7 +23,8 @@ void block_sigpipe()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-// libuv ends the program when it cannot open the files that a loop needs. This function fails before that happens.
+// Throws a shortage if the process cannot open the number of files that a loop needs. Without this check, libuv would
+// end the program.
 void require_room()
 {
     constexpr size_t files_of_a_loop = 8;
@@ -40,11 +41,11 @@ event_loop::event_loop()
 {
     require_room();
     uv_loop_init(&loop_);
-    uv_async_init(&loop_, &wake_up_, [](uv_async_t* handle) { static_cast<event_loop*>(handle->data)->run_posted(); });
+    uv_async_init(&loop_, &wake_up_, [](uv_async_t* handle) { static_cast<event_loop*>(handle->data)->run_queue(); });
     wake_up_.data = this;
-    uv_check_init(&loop_, &round_);
-    round_.data = this;
-    uv_check_start(&round_, [](uv_check_t* handle) { static_cast<event_loop*>(handle->data)->end_of_round_(); });
+    uv_check_init(&loop_, &round_check_);
+    round_check_.data = this;
+    uv_check_start(&round_check_, [](uv_check_t* handle) { static_cast<event_loop*>(handle->data)->end_of_round_(); });
 }
 
 event_loop::~event_loop()
@@ -63,16 +64,16 @@ void event_loop::start()
 void event_loop::post(std::function<void()> work)
 {
     const std::lock_guard lock(mutex_);
-    posted_.push_back(std::move(work));
-    if (posted_.size() == 1) uv_async_send(&wake_up_);
+    queue_.push_back(std::move(work));
+    if (queue_.size() == 1) uv_async_send(&wake_up_);
 }
 
-void event_loop::run_posted()
+void event_loop::run_queue()
 {
     std::vector<std::function<void()>> all;
     {
         const std::lock_guard lock(mutex_);
-        all.swap(posted_);
+        all.swap(queue_);
     }
     for (const auto& work : all) work();
 }
@@ -81,7 +82,7 @@ void event_loop::stop()
 {
     post([this] {
         uv_close(reinterpret_cast<uv_handle_t*>(&wake_up_), nullptr);
-        uv_close(reinterpret_cast<uv_handle_t*>(&round_), nullptr);
+        uv_close(reinterpret_cast<uv_handle_t*>(&round_check_), nullptr);
     });
     if (thread_.joinable()) thread_.join();
 }

@@ -1,4 +1,5 @@
-// The thread that serves all clients: libuv's loop, and a call that gives it work from other threads.
+// The thread that serves all clients. It runs libuv's loop. Other threads give it work with post(). A round is one
+// iteration of the loop: it handles all input that has arrived.
 #pragma once
 
 #include <functional>
@@ -14,35 +15,40 @@ namespace cli
 class event_loop
 {
   public:
+    // Throws a shortage if no descriptors are left.
     event_loop();
-    ~event_loop(); // all of its handles must be closed
+
+    // All handles of the loop must be closed.
+    ~event_loop();
 
     event_loop(const event_loop&) = delete;
     event_loop& operator=(const event_loop&) = delete;
 
     uv_loop_t* uv() { return &loop_; }
 
-    // Starts the loop in a thread of its own. That thread receives no signals.
+    // Starts a thread that runs the loop. Throws a shortage if no thread can be created.
     void start();
 
-    // Runs `work` in the loop's thread, soon and in order. Any thread.
+    // Makes the loop's thread run `work` as soon as possible. The thread runs all posted work in the order of the
+    // calls. Any thread.
     void post(std::function<void()> work);
 
-    // Calls `work` at the end of every round, after all input of the round was handled. Call it before start().
+    // Makes the loop call `work` at the end of every round, when it has handled all input. Call it before start().
     void set_end_of_round(std::function<void()> work) { end_of_round_ = std::move(work); }
 
-    // Ends the thread after the work that was posted before. All handles of the loop must be closed before.
+    // Ends the loop and its thread after all work that was posted before. The owners of other handles must have closed
+    // them, or must have posted work that closes them.
     void stop();
 
   private:
-    void run_posted();
+    void run_queue();
 
     uv_loop_t loop_;
     uv_async_t wake_up_;
-    uv_check_t round_;
+    uv_check_t round_check_; // libuv calls it once in each round, after the input
     std::function<void()> end_of_round_ = [] {};
-    std::mutex mutex_; // guards posted_
-    std::vector<std::function<void()>> posted_;
+    std::mutex mutex_;                         // guards queue_
+    std::vector<std::function<void()>> queue_; // posted work
     std::thread thread_;
 };
 

@@ -1,5 +1,6 @@
-// A queue that serves its users in turn, and each user's connections in turn. A new entry waits for at most one entry
-// of every other user, so no user can block others with many entries. Not thread-safe.
+// A queue in which the users take turns, and the connections of each user take turns, too. When a user adds a first
+// entry, it waits for at most one entry of each other user. Therefore no user can block others with many entries. The
+// caller protects the queue with a lock.
 #pragma once
 
 #include <algorithm>
@@ -14,19 +15,21 @@
 namespace cli
 {
 
+// The user and the connection that have added an entry.
 struct queue_place {
     uid_t user;
-    uint64_t connection;
+    uint64_t connection; // the number of the connection
 };
 
-// Keys that take turns. Each has a queue, which can be empty.
+// Keys that take turns. A key has a queue, and loses its turn when the queue is empty. `queue_t` must have pop() and
+// is_empty().
 template <class key_t, class queue_t>
 class rotation
 {
   public:
     bool is_empty() const { return turns_.empty(); }
 
-    // Returns the queue of `key`. A new key gets the last turn.
+    // Returns the queue of `key`, to which the caller adds an entry. A new key gets the last turn.
     queue_t& queue_of(key_t key)
     {
         const auto [entry, is_new] = queues_.try_emplace(key);
@@ -34,7 +37,8 @@ class rotation
         return entry->second;
     }
 
-    // Returns the next key in turn that passes the test, or nothing if none has an entry and passes.
+    // Returns the first key, in the order of the turns, for which `may_have_turn` returns true. Returns nothing if
+    // there is no such key.
     template <class test_t>
     std::optional<key_t> first(const test_t& may_have_turn) const
     {
@@ -42,10 +46,11 @@ class rotation
         return turn == turns_.end() ? std::nullopt : std::optional(*turn);
     }
 
-    // Removes and returns one entry of the key in turn.
+    // Removes and returns one entry of the key that has the first turn. The key then gets the last turn. There must be
+    // an entry.
     auto pop() { return pop(turns_.front()); }
 
-    // Removes and returns one entry of `key`, which must have one.
+    // The same for `key`, which must have an entry.
     auto pop(key_t key)
     {
         turns_.erase(std::ranges::find(turns_, key));
@@ -58,11 +63,13 @@ class rotation
         return entry;
     }
 
+    // Removes `key` and its entries, if there are any.
     void remove(key_t key)
     {
         if (queues_.erase(key) > 0) std::erase(turns_, key);
     }
 
+    // Calls `change_queue` with the queue of `key`, if it has one. The call may remove entries.
     template <class change_t>
     void change(key_t key, change_t change_queue)
     {
@@ -73,7 +80,7 @@ class rotation
     }
 
   private:
-    std::deque<key_t> turns_;
+    std::deque<key_t> turns_; // the keys of queues_, in the order of their turns
     std::map<key_t, queue_t> queues_;
 };
 
@@ -91,17 +98,18 @@ class fair_queue
     // Removes and returns the next entry. The queue must not be empty.
     entry_t pop() { return users_.pop(); }
 
-    // Returns the next user in turn that passes the test, or nothing if none has an entry and passes.
+    // Returns the first user with an entry, in the order of the turns, for whom `may_have_turn` returns true. Returns
+    // nothing if there is no such user.
     template <class test_t>
     std::optional<uid_t> first(const test_t& may_have_turn) const
     {
         return users_.first(may_have_turn);
     }
 
-    // Removes and returns the next entry of a user, who must have one.
+    // Removes and returns the next entry of `user`, who must have an entry.
     entry_t pop(uid_t user) { return users_.pop(user); }
 
-    // Drops the entries of a connection.
+    // Removes the entries of a connection.
     void remove(const queue_place& place)
     {
         users_.change(place.user, [&](auto& connections) { connections.remove(place.connection); });

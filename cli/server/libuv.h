@@ -1,4 +1,5 @@
-// Includes libuv, and removes the macro HZ of its system headers: the kernel's interface uses the name HZ here.
+// Includes libuv. Its system headers define a macro HZ. This file removes the macro, because include/kernel/time.h has
+// a constant with the name HZ.
 #pragma once
 
 #include <uv.h>

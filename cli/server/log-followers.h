@@ -1,5 +1,5 @@
-// The connections that read a host's log. Lives in the event loop's thread. Only the notice of a new log line comes
-// from another thread.
+// The connections that read the log of a host ("log" requests). All calls are made in the event loop's thread. When
+// another thread adds a line to a log, it only posts a pump() to the loop.
 #pragma once
 
 #include <atomic>
@@ -18,7 +18,8 @@ namespace cli
 class log_followers
 {
   public:
-    // `find` returns the conversation with that number, or null. `finish` sends the last line of an answer.
+    // `find` returns the conversation with a number, or null if it has ended. `finish` sends the last line of an answer
+    // and counts the request as answered.
     using find_conversation = std::function<conversation*(uint64_t number)>;
     using finish_answer = std::function<void(const return_ticket& ticket, const std::string& line)>;
     log_followers(event_loop& loop, find_conversation find, finish_answer finish)
@@ -26,34 +27,38 @@ class log_followers
     {
     }
 
-    // Sends the lines of `log` up to `level`. With `goes_on`, also sends all later lines. A connection follows at most
-    // one log: call end() first.
-    void begin(conversation& source, const return_ticket& ticket, kernel::log& log, int level, bool goes_on);
+    // Answers a "log" request: sends the lines of `log` up to the trace level `level`. If `is_followed`, also sends all
+    // later lines. A connection reads at most one log: call end() for the earlier one first.
+    void begin(conversation& source, const return_ticket& ticket, kernel::log& log, int level, bool is_followed);
 
-    // Sends as many lines as the client can accept now.
+    // Sends lines until the connection is congested or the log has no more lines. Does nothing if the connection reads
+    // no log.
     void pump(conversation& source);
 
-    // Ends the answer, if this connection follows a log.
+    // Sends the end of the answer. Does nothing if the connection reads no log.
     void end(conversation& source);
 
-    // Ends the logs whose followers are no longer allowed to read them.
+    // Ends the answers of all connections whose users may not read the log under the new rules.
     void end_refused(const access_rules& access);
 
-    bool contains(const conversation& source) const { return followings_.contains(source.number()); }
-    void forget(uint64_t number) { followings_.erase(number); }
+    // Returns true if the connection reads a log.
+    bool contains(const conversation& source) const { return followers_.contains(source.number()); }
+
+    // Forgets a connection that has ended.
+    void forget(uint64_t number) { followers_.erase(number); }
 
   private:
-    struct following {
+    struct follower {
         return_ticket ticket;
         int level;
         std::unique_ptr<log_stream> stream;
-        std::shared_ptr<std::atomic<bool>> is_pump_posted;
+        std::shared_ptr<std::atomic<bool>> is_pump_posted; // shared with the threads that add lines to the log
     };
 
     event_loop& loop_;
     const find_conversation find_;
     const finish_answer finish_;
-    std::map<uint64_t, following> followings_; // by conversation
+    std::map<uint64_t, follower> followers_; // by the number of the conversation
 };
 
 } // namespace cli

@@ -1,4 +1,5 @@
-// The answer of a "log" request: sends a host's lines at the speed of the client.
+// The answer to a "log" request. It reads the lines of a host's log only as fast as the client can receive them. The
+// log keeps a limited number of lines; lines that it drops before they are read are reported as a number.
 #pragma once
 
 #include <functional>
@@ -14,22 +15,23 @@ namespace cli
 class log_stream
 {
   public:
-    // Sends the lines up to this level. Without `on_new_line`, the answer ends after the last line of the log. With it,
-    // the answer continues with new lines. `on_new_line` is called for each new line, in any thread and also in
-    // contexts that may not sleep.
+    // Sends the lines up to the trace level `level`. If `on_new_line` is empty, the answer ends after the last line of
+    // the log. Otherwise the answer continues with new lines. The log then calls `on_new_line` for each new line, in
+    // the thread that adds the line; the call must not sleep.
     log_stream(kernel::log& log, int level, std::function<void()> on_new_line);
     ~log_stream();
     log_stream(const log_stream&) = delete;
     log_stream& operator=(const log_stream&) = delete;
 
-    // Calls `send` with the available lines while `may_send` returns true. Returns false when the answer is complete.
+    // Calls `send` with one line of the answer after the other, while `may_send` returns true and there are lines.
+    // Returns false when the answer is complete.
     bool pump(const std::function<bool()>& may_send, const std::function<void(const nlohmann::json&)>& send);
 
   private:
     kernel::log& log_;
     const int level_;
-    uint64_t next_ = 0;
-    std::optional<int> follower_;
+    uint64_t next_ = 0;           // the number of the next line
+    std::optional<int> follower_; // the handle of the subscription to new lines
 };
 
 } // namespace cli

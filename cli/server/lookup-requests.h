@@ -1,4 +1,5 @@
-// Requests of clients for an address, a GID or a path: their questions, and the lines with their answers.
+// Converts the requests "resolve", "reverse" and "path" of clients into questions for class lookups, and the answers
+// into lines.
 #pragma once
 
 #include <optional>
@@ -10,17 +11,19 @@
 namespace cli
 {
 
-// Returns true if the request needs only one lookup. The server answers it without a worker.
+// Returns true if the request needs only one lookup. The server then answers it without a worker.
 bool is_simple_lookup(const request& request);
 
-// The question of a lookup request. Fails if its address or GID is malformed.
+// Returns the question of a lookup request. Fails if the address or GID in the request is malformed. Throws a
+// json::exception if a member is missing or has the wrong type.
 ats::result<lookups::subject> subject_of(const request& request);
 
-// Searches only the caches of IBAT, and counts the answer. Never waits.
+// Looks for the answer in the caches of IBAT only, and counts it in `statistics`. Does not wait.
 lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject,
                                 lookup_statistics& statistics);
 
-// The line that answers `request`.
+// Returns the line for an answer. `is_by_gid`: the question was a GID ("reverse"). `is_cached_only`: only the cache was
+// asked.
 std::string line_of(const lookups::answer& answer, bool is_by_gid, bool is_cached_only,
                     const std::optional<uint64_t>& id);
 

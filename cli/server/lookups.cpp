@@ -10,7 +10,7 @@ namespace cli
 namespace
 {
 
-constexpr size_t window = 16; // the size of the module's datagram pool
+constexpr size_t most_questions = 16; // the size of the module's datagram pool
 
 std::string bytes_of(const lookups::subject& subject)
 {
@@ -32,12 +32,13 @@ void lookups::stop()
     {
         std::unique_lock lock(mutex_);
         is_stopping_ = true;
-        changed_.notify_all();
-        changed_.wait(lock, [&] { return unfinished_ == 0; });
+        change_.notify_all();
+        change_.wait(lock, [&] { return question_count_ == 0; });
     }
     if (thread_.joinable()) thread_.join();
 }
 
+// Calls `done` and returns true if the caches have the answer.
 bool lookups::answer_from_cache(const subject& subject, const completion& done)
 {
     const auto hand_on = [&](const auto& found) {
@@ -56,6 +57,7 @@ bool lookups::answer_from_cache(const subject& subject, const completion& done)
     return false;
 }
 
+// Counts an answer in the statistics.
 void lookups::note(const subject& subject, const answer& answer)
 {
     if (const auto* path = std::get_if<world::path_resolution>(&answer)) return statistics_.note(*path);
@@ -69,7 +71,7 @@ void lookups::ask(const queue_place& place, const subject& subject, completion d
     const std::lock_guard lock(mutex_);
     if (!thread_.joinable()) thread_ = exec::new_thread([this] { serve_queue(); });
     queue_.push(place, {subject, std::move(done)});
-    changed_.notify_all();
+    change_.notify_all();
 }
 
 void lookups::remove(const queue_place& place)
@@ -88,14 +90,14 @@ void lookups::serve_queue()
 {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [&] { return is_stopping_ || (!queue_.is_empty() && sa_questions_.size() < window); });
+        change_.wait(lock,
+                     [&] { return is_stopping_ || (!queue_.is_empty() && sa_questions_.size() < most_questions); });
         if (is_stopping_) return;
         entry next = queue_.pop();
         const auto [position, is_new] = sa_questions_.try_emplace(next.question);
-        // Waits together with another client that asked the same question.
         position->second.push_back(std::move(next.done));
-        if (!is_new) continue;
-        ++unfinished_;
+        if (!is_new) continue; // the same question is at the SA already; its answer is for both clients
+        ++question_count_;
         question_start_ = std::chrono::steady_clock::now();
         lock.unlock();
         start(next.question);
@@ -104,6 +106,7 @@ void lookups::serve_queue()
     }
 }
 
+// Passes a question to the host. finish() gets the answer, during this call or later in another thread. May sleep.
 void lookups::start(const subject& subject)
 {
     const auto done = [this, subject](const auto& answer) { finish(subject, answer); };
@@ -123,21 +126,22 @@ void lookups::start(const subject& subject)
         ask_for_path(std::get<path_to_gid>(subject).gid, std::get<path_to_gid>(subject).is_fresh != 0);
 }
 
+// Calls `done` of all clients that have asked this question.
 void lookups::finish(const subject& subject, const answer& answer)
 {
     std::unique_lock lock(mutex_);
     const auto position = sa_questions_.find(subject);
     const std::vector<completion> askers = std::move(position->second);
     sa_questions_.erase(position);
-    if (!queue_.is_empty()) changed_.notify_all(); // a datagram is free for the next question
+    if (!queue_.is_empty()) change_.notify_all(); // a datagram is free for the next question
     lock.unlock();
     for (const completion& done : askers) {
         note(subject, answer);
         done(answer);
     }
     lock.lock();
-    // Notify with the lock held: the destructor may be waiting.
-    if (--unfinished_ == 0 && is_stopping_) changed_.notify_all();
+    // Notify while holding the lock: stop() may be waiting, and after it the destructor frees change_.
+    if (--question_count_ == 0 && is_stopping_) change_.notify_all();
 }
 
 lookups& host_lookups::at(kernel::machine& machine, lookup_statistics& statistics)

@@ -1,9 +1,10 @@
-// Asks one host for addresses, GIDs and paths on behalf of clients. An answer from the host's caches comes at once.
-// Other questions wait for the SA in turns, at most sixteen at a time, because the module has sixteen datagrams. Every
-// door of the service asks here.
+// The questions of clients to one host: for a GID, an address or a path. If the host's caches have the answer, it comes
+// at once. Otherwise the question waits in a fair queue until the host asks the SA. At most sixteen questions are at
+// the SA at a time, because the module has sixteen datagrams for each HCA. The client socket and the door for librdmacm
+// programs (cli/acm/door.h) both use this class.
 //
-// A question leaves the queue when its turn comes or when its connection closes. The service does not know how long a
-// client waits, so it also asks the questions of clients that no longer wait.
+// A question leaves the queue when its turn comes, or when its connection closes. The service does not know for how
+// long a client waits. Therefore it also asks questions whose clients have stopped waiting.
 #pragma once
 
 #include <chrono>
@@ -26,20 +27,27 @@ namespace cli
 class lookups
 {
   public:
-    struct fresh_address { // the SA is asked even if the cache has an answer
-        uint32_t ip;
+    // A question for the GID of an address that the SA must answer, even if the cache has an answer.
+    struct fresh_address {
+        uint32_t ip; // network order
     };
+
+    // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. It is a whole word, so
+    // that the record has no padding: subject_order compares the bytes.
     struct path_to_address {
-        uint32_t ip;
-        uint32_t is_fresh; // 1: the SA is asked even if the caches have an answer; a 32-bit word, to avoid padding
+        uint32_t ip; // network order
+        uint32_t is_fresh;
     };
     struct path_to_gid {
         kq_gid_t gid;
         uint64_t is_fresh;
     };
-    // An address in network order, a GID, or a path to one of them.
+
+    // A question. A uint32_t is an address (network order) whose GID is asked for; a kq_gid_t is a GID whose address is
+    // asked for.
     using subject = std::variant<uint32_t, kq_gid_t, fresh_address, path_to_address, path_to_gid>;
-    // The answer to a path question is a path_resolution, to all others a resolution.
+
+    // The answer to a question for a path is a path_resolution. The answer to all other questions is a resolution.
     using answer = std::variant<world::resolution, world::path_resolution>;
     using completion = std::function<void(const answer&)>;
 
@@ -48,17 +56,20 @@ class lookups
 
     ~lookups() { stop(); }
 
-    // Drops the queue, and waits for the questions at the SA. Asks nothing afterwards.
+    // Waits for the answers to the questions that are at the SA. Questions in the queue get no answer. After this call,
+    // the host is not asked any more.
     void stop();
 
-    // Answers from the cache before it returns, or calls `done` later in another thread. Only one thread may call this
-    // and remove(). Throws exec::shortage, without a call of `done`, if no further thread can be created.
+    // Asks a question and calls `done` with the answer: during this call if the cache has the answer, otherwise later
+    // in another thread. `place` is the user and the connection that ask. Only one thread may call ask() and remove().
+    // Throws exec::shortage, without a call of `done`, if no thread can be created.
     void ask(const queue_place& place, const subject& subject, completion done);
 
-    // Drops the queued questions of a connection without calling it back.
+    // Removes the questions of a connection from the queue, without a call of their `done`.
     void remove(const queue_place& place);
 
-    // The time since which the thread has been passing on the same question; none: it waits for questions. Any thread.
+    // thread_ passes one question after the other to the host. Returns the time at which it began with the present
+    // question. Returns nothing if it waits for questions. Any thread.
     std::optional<std::chrono::steady_clock::time_point> question_start();
 
   private:
@@ -66,6 +77,7 @@ class lookups
         subject question;
         completion done;
     };
+    // Any strict order, for a map.
     struct subject_order {
         bool operator()(const subject& one, const subject& other) const;
     };
@@ -80,31 +92,33 @@ class lookups
     kernel::machine& machine_;
     lookup_statistics& statistics_;
     std::mutex mutex_; // guards the following members
-    std::condition_variable changed_;
+    std::condition_variable change_;
     fair_queue<entry> queue_;
-    std::map<subject, std::vector<completion>, subject_order> sa_questions_; // by the question to the SA
-    size_t unfinished_ = 0; // questions to the SA whose clients have not all been answered
+    std::map<subject, std::vector<completion>, subject_order> sa_questions_; // questions at the SA, and who asked them
+    size_t question_count_ = 0; // number of questions at the SA, and of those whose `done` calls have not all returned
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;
-    std::thread thread_; // passes the queued questions to the host, which may sleep
+    std::thread thread_; // passes questions from the queue to the host; this may sleep
 };
 
-// The lookups of all hosts that were asked.
+// The lookups of all hosts of the service.
 class host_lookups
 {
   public:
-    // The first call for a host creates its lookups. Only the loop's thread calls these two.
+    // at() returns the lookups of a host; the first call for a host creates them. remove() removes the questions of a
+    // connection from the queues of all hosts. Only the loop's thread may make these two calls.
     lookups& at(kernel::machine& machine, lookup_statistics& statistics);
     void remove(const queue_place& place);
 
-    // Stops all of them. The loop's thread must not call the others any more.
+    // Stops the lookups of all hosts. The loop's thread must not call at() and remove() any more.
     void stop();
 
-    // The names of the hosts whose thread has been passing on the same question since before `time`. Any thread.
+    // Returns the names of the hosts whose thread began with its present question before `time`. Any thread.
     std::vector<std::string> stuck_since(std::chrono::steady_clock::time_point time);
 
   private:
-    // Held by the loop's thread when it adds lookups, and by other threads when they read.
+    // The loop's thread holds the mutex when it adds an element to lookups_. It reads lookups_ without the mutex; other
+    // threads read with the mutex.
     std::mutex mutex_;
     std::map<kernel::machine*, lookups> lookups_;
 };

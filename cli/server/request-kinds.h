@@ -1,4 +1,5 @@
-// Tells which requests are questions and which are orders.
+// Checks if a client may send a request. A request is a question or an order, and the access rules set for each kind
+// which users may send it.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -8,7 +9,8 @@
 namespace cli
 {
 
-// Returns the error for a peer that may not send this request, or nothing if it may.
+// `peer` is the client's process, and `name` the name of the request. Returns nothing if the client may send the
+// request, otherwise the error for the client. Throws a json::exception if a member of the request has the wrong type.
 std::optional<ats::error> refusal_of(const access_rules& access, const peer& peer, const nlohmann::json& request,
                                      const std::string& name);
 

@@ -13,7 +13,7 @@ namespace
 
 using json = nlohmann::json;
 
-// Returns the request's id, if it has one. Fails if the id is not an integer from 0 on.
+// Returns the id of the request, or nothing if it has no id. Fails if the id is not an integer from 0.
 ats::result<std::optional<uint64_t>> id_of(const json& object)
 {
     const auto id = object.find("id");

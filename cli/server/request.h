@@ -1,4 +1,4 @@
-// A request of a client, and the checks that only need the request itself.
+// Parses a request of a client, and checks the members of the request against each other.
 #pragma once
 
 #include <optional>
@@ -13,10 +13,10 @@
 namespace cli
 {
 
-// Identifies the connection and the request of an answer.
+// Identifies the connection to which an answer goes, and the request that it answers.
 struct return_ticket {
     queue_place place;
-    std::optional<uint64_t> id;
+    std::optional<uint64_t> id; // nothing if the request has no id
 };
 
 struct request {
@@ -25,12 +25,12 @@ struct request {
     return_ticket ticket;
 };
 
-// Parses a line from the connection at `place`. Sets `id` as soon as the request's id is known. An error can then be
-// answered with the id.
+// Parses a line from the connection `place`. Also sets `id` to the id of the request, if it has one. If the call fails,
+// the caller uses this id for the answer with the error.
 ats::result<request> request_of(std::string_view line, const queue_place& place, std::optional<uint64_t>& id);
 
-// Returns an error if members contradict each other or are out of range. Throws a json::exception if a member has the
-// wrong type.
+// Returns an error if members of the request contradict each other or are out of range, otherwise nothing. Throws a
+// json::exception if a member has the wrong type.
 std::optional<ats::error> wrong_members(const request& request);
 
 } // namespace cli

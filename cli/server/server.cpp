@@ -41,7 +41,8 @@ server::server(running_hosts& hosts, std::unique_ptr<listening_socket> socket, c
     loop_.start();
 }
 
-// Runs in the loop's thread, because libuv's handles belong to one thread.
+// Starts the listener in the loop's thread, because all handles of a libuv loop belong to one thread. Waits for the
+// result.
 ats::result<> server::listen()
 {
     std::promise<int> outcome;
@@ -55,14 +56,14 @@ ats::result<> server::listen()
 
 server::~server()
 {
-    std::promise<void> closed;
+    std::promise<void> close_promise;
     loop_.post([&] {
         is_stopping_ = true;
         listener_.close();
         for (auto& [number, client] : conversations_) client->pause();
-        closed.set_value();
+        close_promise.set_value();
     });
-    closed.get_future().wait(); // from here on there are no new requests
+    close_promise.get_future().wait(); // from here on, no new requests come
     workers_.stop();
     lookups_.stop();
     loop_.post([this] {
@@ -79,12 +80,12 @@ server::~server()
 void server::accept_client(uv_stream_t* listener)
 {
     auto client = std::make_unique<conversation>(*this, loop_.uv(), new_connection_number(), options_.limits);
-    conversation& accepted = *client;
-    conversations_.emplace(accepted.number(), std::move(client));
-    if (accepted.accept(listener)) admit(accepted);
+    conversation& new_client = *client;
+    conversations_.emplace(new_client.number(), std::move(client));
+    if (new_client.accept(listener)) admit(new_client);
 }
 
-// Refuses a user with too many connections.
+// Counts a new connection of a user. If the user has too many connections, refuses and ends it.
 void server::admit(conversation& client)
 {
     user_share& share = users_[client.peer().user];
@@ -101,7 +102,7 @@ void server::admit(conversation& client)
     client.hang_up();
 }
 
-void server::ended(conversation& source)
+void server::conversation_ended(conversation& source)
 {
     const queue_place place{source.peer().user, source.number()};
     if (source.is_admitted) {
@@ -135,7 +136,7 @@ void server::flush_all()
     for (const uint64_t number : numbers)
         if (conversation* client = find(number)) client->flush();
     if (!conversations_to_flush_.empty())
-        loop_.post([] {}); // later lines are sent in the next round, after those of other clients
+        loop_.post([] {}); // flush() can queue more lines; this starts another round, whose end sends these lines
 }
 
 // ---- requests ----
@@ -152,6 +153,7 @@ void server::take_line(conversation& source, std::string_view line)
     }
 }
 
+// Checks a request and executes it, or passes it to the part that executes it.
 void server::carry_out(conversation& source, const request& request)
 {
     if (request.name == "hello") return greet(source, request);
@@ -199,21 +201,22 @@ void server::line_too_long(conversation& source)
     refuse(source, {}, malformed("a line has at most " + std::to_string(options_.limits.line_bytes) + " bytes"));
 }
 
-// Counts a request whose answer comes later.
+// Counts a request that is answered later.
 void server::count(conversation& source, const return_ticket& ticket)
 {
     ++users_[ticket.place.user].open_requests;
     ++source.open_requests;
 }
 
-// Does the same. Without an id, the answer comes before the next line is read.
+// Counts a request that is answered later. If it has no id, also pauses the conversation: the answer must be sent
+// before the next line is read.
 void server::begin(conversation& source, const return_ticket& ticket)
 {
     count(source, ticket);
     if (!ticket.id) source.pause();
 }
 
-// Sends the answer, unless the client has disconnected.
+// Sends the answer of a counted request, and ends its count. Does nothing if the connection has ended.
 void server::finish(const return_ticket& ticket, const std::string& line)
 {
     conversation* source = find(ticket.place.connection);
@@ -225,13 +228,13 @@ void server::finish(const return_ticket& ticket, const std::string& line)
     source->end_if_done();
 }
 
-// Does the same from another thread.
+// Makes the loop's thread call finish(). Any thread.
 void server::finish_soon(const return_ticket& ticket, std::string line)
 {
     loop_.post([this, ticket, line = std::move(line)] { finish(ticket, line); });
 }
 
-// Executes a request in a worker's thread and returns the answer.
+// Executes a request and returns the line with its answer. Runs in a worker's thread.
 std::string server::answer_line(const request& request)
 {
     try {
@@ -257,6 +260,7 @@ lookups& server::lookups_of(kernel::machine& machine)
     return lookups_.at(machine, hosts_.statistics_of(machine).lookups);
 }
 
+// Answers a lookup. The answer from a cache is sent before this call returns.
 void server::look_up(conversation& source, const request& request)
 {
     const ats::result<world::host*> host = find_host(hosts_, request.object);
@@ -267,7 +271,7 @@ void server::look_up(conversation& source, const request& request)
     const bool is_by_gid = request.name == "reverse";
     const bool is_cached_only = request.object.value("cached", false);
     const return_ticket ticket = request.ticket;
-    begin(source, ticket); // from here on nothing may throw
+    begin(source, ticket); // from here on, finish() must be called: an exception would leave the request counted
     if (is_cached_only) {
         const auto answer = look_into_cache(machine, *subject, hosts_.statistics_of(machine).lookups);
         return finish(ticket, line_of(answer, is_by_gid, true, ticket.id));
@@ -294,13 +298,13 @@ void server::follow_log(conversation& source, const request& request)
     const ats::result<world::host*> host = find_host(hosts_, request.object);
     if (!host) return refuse(source, request.ticket.id, host.error());
     const int level = request.object.value("level", console::trace_level_everything);
-    const bool goes_on = request.object.value("follow", false);
+    const bool is_followed = request.object.value("follow", false);
     followers_.end(source);
-    if (goes_on)
-        count(source, request.ticket); // it may end late, so other requests do not wait for it
+    if (is_followed)
+        count(source, request.ticket); // does not pause the conversation, because this answer may never end
     else
         begin(source, request.ticket);
-    followers_.begin(source, request.ticket, (*host)->machine().log, level, goes_on);
+    followers_.begin(source, request.ticket, (*host)->machine().log, level, is_followed);
 }
 
 ats::result<> server::set_options(const server_options& options)
@@ -312,7 +316,7 @@ ats::result<> server::set_options(const server_options& options)
     return listener_.set_for_all(options.access.is_open_to_others());
 }
 
-// A follower that has closed its side needs no more lines.
+// If the client reads a log and has closed its sending side, it needs no more lines: ends the conversation.
 void server::input_ended(conversation& source)
 {
     if (followers_.contains(source)) source.cut_off();

@@ -1,5 +1,6 @@
-// Serves the clients of running hosts over the Unix socket. One thread receives and sends; a few others execute slow
-// requests. docs/protocol.md describes the protocol for clients.
+// Serves clients through the Unix socket of the service. docs/protocol.md describes the protocol. The loop's thread
+// receives all requests and sends all answers. It passes slow requests to the workers, and questions that the cache
+// cannot answer to the lookups of the host.
 #pragma once
 
 #include <map>
@@ -21,49 +22,55 @@ namespace cli
 struct server_options {
     access_rules access;
     service_limits limits;
-    // Receives lines for the administrator, in the loop's thread. A reload does not change it.
+    // The loop's thread calls it with a line for the administrator. set_options() does not change it.
     std::function<void(const std::string&)> report = [](const std::string&) {};
 };
 
 class server final : public conversation::owner
 {
   public:
-    // Starts serving at once. `hosts` must outlive the server. Fails if descriptors or threads are exhausted.
+    // Creates a server that serves clients from now on. `hosts` must outlive it. Fails if libuv cannot listen on the
+    // socket. Throws a shortage if no descriptors or threads are left.
     static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> socket,
                                                       const server_options& options);
 
-    // Takes no new clients. Ends all conversations after the requests in progress.
+    // Accepts no more clients and requests. Waits for the requests that are being executed, sends their answers, and
+    // ends all conversations. Requests that are still in a queue get no answer.
     ~server() override;
 
-    // Sets new rules and limits for requests from now on, and for logs that are already followed. A connection above a
-    // lower limit stays. Fails if the socket's permissions could not be changed; all other settings have changed then.
-    // Any thread.
+    // Sets new access rules and limits. They hold for all further requests. The logs of clients that may not read them
+    // any more end. A connection beyond a lower limit stays open. Fails if the permissions of the socket cannot be
+    // changed; the other settings are changed nevertheless. Any thread.
     ats::result<> set_options(const server_options& options);
 
-    // For another door to the same hosts; the door is destroyed first. Except for loop(), background() and
-    // all_lookups(), only the loop's thread may call these.
+    // The next calls are for the door that serves librdmacm programs (cli/acm/door.h) and for the watchdog. These parts
+    // must be destroyed before the server. loop(), background() and all_lookups() may be called in any thread; the
+    // other calls are for the loop's thread only.
     event_loop& loop() { return loop_; }
-    uint64_t new_connection_number() { return ++last_number_; }
-    lookups& lookups_of(kernel::machine& machine);
     workers& background() { return workers_; }
     host_lookups& all_lookups() { return lookups_; }
-    void drop(const queue_place& place); // drops the queued questions of a connection; others may still be answered
+    uint64_t new_connection_number() { return ++last_number_; }
+    lookups& lookups_of(kernel::machine& machine);
+
+    // Removes the requests of a connection from all queues. Requests that have left the queue are still answered.
+    void drop(const queue_place& place);
 
   private:
     server(running_hosts& hosts, std::unique_ptr<listening_socket> socket, const server_options& options);
     ats::result<> listen();
 
+    // The counts for the limits of a user.
     struct user_share {
         size_t connections = 0;
-        size_t open_requests = 0;
+        size_t open_requests = 0; // requests without an answer
     };
     void take_line(conversation& source, std::string_view line) override;
     void line_too_long(conversation& source) override;
     void input_ended(conversation& source) override;
     void became_writable(conversation& source) override;
-    void left_unread(conversation&) override { cli::count(hosts_.statistics().clients.unread_bytes_reached); }
-    void ended(conversation& source) override;
-    void has_unsent(conversation& source) override { conversations_to_flush_.push_back(source.number()); }
+    void client_does_not_read(conversation&) override { cli::count(hosts_.statistics().clients.unread_bytes_reached); }
+    void conversation_ended(conversation& source) override;
+    void needs_flush(conversation& source) override { conversations_to_flush_.push_back(source.number()); }
 
     void accept_client(uv_stream_t* listener);
     void admit(conversation& client);
@@ -85,13 +92,13 @@ class server final : public conversation::owner
     event_loop loop_;
     client_listener listener_;
 
-    // The next members are for the loop's thread only.
+    // Only the loop's thread uses the next members, except lookups_ and workers_.
     server_options options_;
-    bool is_stopping_ = false; // no more requests are taken
-    uint64_t last_number_ = 0;
-    std::map<uint64_t, std::unique_ptr<conversation>> conversations_;
+    bool is_stopping_ = false;                                        // the destructor has paused all conversations
+    uint64_t last_number_ = 0;                                        // of a connection
+    std::map<uint64_t, std::unique_ptr<conversation>> conversations_; // by number
     std::map<uid_t, user_share> users_;
-    std::vector<uint64_t> conversations_to_flush_;
+    std::vector<uint64_t> conversations_to_flush_; // numbers of the conversations that have called needs_flush()
     log_followers followers_;
     host_lookups lookups_;
     workers workers_;

@@ -12,7 +12,7 @@ namespace cli
 namespace
 {
 
-std::string joined(const std::vector<std::string>& names)
+std::string list_of(const std::vector<std::string>& names)
 {
     constexpr size_t most_named = 5;
     std::string text;
@@ -57,7 +57,7 @@ std::vector<std::string> life_signs::missing(std::chrono::steady_clock::time_poi
 
 std::optional<std::chrono::microseconds> watchdog_period()
 {
-    const char* process = std::getenv("WATCHDOG_PID"); // if it is another process, the variables were inherited
+    const char* process = std::getenv("WATCHDOG_PID"); // if it names another process, that process expects the notices
     if (process && std::strtoll(process, nullptr, 10) != getpid()) return std::nullopt;
     const char* period = std::getenv("WATCHDOG_USEC");
     const long long us = period ? std::strtoll(period, nullptr, 10) : 0;
@@ -77,29 +77,31 @@ watchdog::~watchdog()
         const std::lock_guard lock(mutex_);
         is_stopping_ = true;
     }
-    stopped_.notify_all();
+    stop_.notify_all();
     if (thread_.joinable()) thread_.join();
 }
 
-// Checks four times in each period. A part may therefore take almost three quarters of a period to show a sign of life.
+// Checks four times in each period. If a part shows its sign of life within three quarters of a period after ask(), the
+// next notice still comes in time.
 void watchdog::run(std::chrono::microseconds period)
 {
     std::unique_lock lock(mutex_);
     signs_.ask();
-    while (!stopped_.wait_for(lock, period / 4, [&] { return is_stopping_; })) look();
+    while (!stop_.wait_for(lock, period / 4, [&] { return is_stopping_; })) check();
 }
 
-void watchdog::look()
+// Sends a notice and asks again if all parts have shown a sign of life. Otherwise waits for the next check.
+void watchdog::check()
 {
     const std::vector<std::string> missing = signs_.missing();
     if (missing.empty()) {
         notify_service_manager("WATCHDOG=1");
-        if (is_missed_) report_("every part of the service works again");
+        if (is_sign_missing_) report_("every part of the service works again");
         signs_.ask();
-    } else if (!is_missed_) {
-        report_("no sign of life from " + joined(missing) + ": the service manager restarts a service that hangs");
+    } else if (!is_sign_missing_) {
+        report_("no sign of life from " + list_of(missing) + ": the service manager restarts a service that hangs");
     }
-    is_missed_ = !missing.empty();
+    is_sign_missing_ = !missing.empty();
 }
 
 } // namespace cli

@@ -1,5 +1,6 @@
-// Tells the service manager regularly that the service works (sd_notify's WATCHDOG=1). It does so only while the event
-// loop and every task of every host show a sign of life. A manager with WatchdogSec= restarts a service that hangs.
+// Tells the service manager (systemd) regularly that the service works, with WATCHDOG=1 of sd_notify(3). It sends this
+// notice only if all parts of the service have shown a sign of life: the event loop, the workers, the lookups, and the
+// tasks of all hosts and fabrics. If the unit has WatchdogSec=, systemd restarts the service when no notice comes.
 #pragma once
 
 #include <atomic>
@@ -22,21 +23,23 @@
 namespace cli
 {
 
-// The parts of the service that must show a sign of life. For one thread. Its arguments must outlive it.
+// Asks all parts of the service for a sign of life, and finds the parts that show none. Only one thread may use an
+// object. The arguments of the constructor must outlive it.
 class life_signs
 {
   public:
-    // The longest orders wait for several answers of the SA, for one or two seconds each.
+    // A request that has run for longer than this hangs. The longest orders wait for several answers of the SA, for one
+    // or two seconds each.
     static constexpr std::chrono::minutes longest_request{5};
 
     life_signs(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts);
 
-    // Asks all parts for a sign of life.
+    // Asks all parts for a sign of life. Does not wait.
     void ask();
 
-    // Returns the parts without a sign of life since ask(), for example "the event loop" or "timer of node1".
-    // A worker is missing if its request has run for longer than `longest_request`. So are the lookups of a host that
-    // have been passing on one question for that time.
+    // Returns the names of the parts that have shown no sign of life since ask(), for example "the event loop" or
+    // "timer of node1". Workers and lookups are not asked: the list has "a worker" if a request has run for longer than
+    // `longest_request`, and "lookups of NAME" if the lookups of that host have passed on one question for this time.
     std::vector<std::string>
     missing(std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now()) const;
 
@@ -46,33 +49,35 @@ class life_signs
     host_lookups& lookups_;
     const running_hosts& hosts_;
     const std::vector<fabric::fabric_task> fabric_tasks_;
-    std::vector<uint64_t> fabric_rounds_; // of each task, at ask()
-    std::shared_ptr<std::atomic<bool>> has_loop_answered_;
-    std::vector<stack::liveness> liveness_; // for each host
+    std::vector<uint64_t> fabric_rounds_; // for each of fabric_tasks_: its count of rounds at the time of ask()
+    std::shared_ptr<std::atomic<bool>> has_loop_answered_; // shared with the work that ask() posts to the loop
+    std::vector<stack::liveness> liveness_;                // one for each host
 };
 
-// The period in which the service manager expects a notice, or nothing if it expects none from this process.
+// Returns the longest time between two notices that the service manager allows. Returns nothing if it expects no
+// notices from this process.
 std::optional<std::chrono::microseconds> watchdog_period();
 
 class watchdog
 {
   public:
-    // Notifies the manager until it is destroyed, if the manager expects notices. `report` receives a line when signs
-    // are missing, and another line when all are back.
+    // Starts a thread that sends the notices, if the service manager expects them. The thread calls `report` with a
+    // line for the administrator when a part shows no sign of life, and with another line when all parts show one
+    // again.
     watchdog(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts,
              std::function<void(const std::string&)> report);
     ~watchdog();
 
   private:
     void run(std::chrono::microseconds period);
-    void look();
+    void check();
 
     life_signs signs_;
     const std::function<void(const std::string&)> report_;
-    bool is_missed_ = false; // only for the thread
+    bool is_sign_missing_ = false; // true if the last check has found a part without a sign of life; only for thread_
 
-    std::mutex mutex_; // guards is_stopping_
-    std::condition_variable stopped_;
+    std::mutex mutex_;             // guards is_stopping_
+    std::condition_variable stop_; // signalled when is_stopping_ is set
     bool is_stopping_ = false;
     std::thread thread_;
 };

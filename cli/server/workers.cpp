@@ -7,7 +7,7 @@
 namespace cli
 {
 
-workers::workers(size_t threads) : most_of_user_(std::max<size_t>(threads / 2, 1))
+workers::workers(size_t threads) : user_limit_(std::max<size_t>(threads / 2, 1))
 {
     try {
         for (size_t i = 0; i < threads; ++i) threads_.push_back(exec::new_thread([this] { work(); }));
@@ -23,7 +23,7 @@ void workers::stop()
         const std::lock_guard lock(mutex_);
         is_stopping_ = true;
     }
-    changed_.notify_all();
+    change_.notify_all();
     for (std::thread& thread : threads_)
         if (thread.joinable()) thread.join();
 }
@@ -41,7 +41,7 @@ void workers::push(const queue_place& place, std::function<void()> job)
         const std::lock_guard lock(mutex_);
         queue_.push(place, std::move(job));
     }
-    changed_.notify_one();
+    change_.notify_one();
 }
 
 void workers::remove(const queue_place& place)
@@ -54,7 +54,7 @@ std::optional<uid_t> workers::next_user() const
 {
     return queue_.first([&](uid_t user) {
         const auto jobs = running_jobs_.find(user);
-        return jobs == running_jobs_.end() || jobs->second < most_of_user_;
+        return jobs == running_jobs_.end() || jobs->second < user_limit_;
     });
 }
 
@@ -63,7 +63,7 @@ void workers::work()
     std::unique_lock lock(mutex_);
     while (true) {
         std::optional<uid_t> user;
-        changed_.wait(lock, [&] { return is_stopping_ || (user = next_user()); });
+        change_.wait(lock, [&] { return is_stopping_ || (user = next_user()); });
         if (is_stopping_) return;
         const std::function<void()> job = queue_.pop(*user);
         ++running_jobs_[*user];

@@ -1,5 +1,6 @@
-// A few threads that execute slow requests: orders, the status, verifications. Users take turns. The jobs of one user
-// get at most half of the threads. If they wait for a silent SA, the jobs of other users still run.
+// A few threads that execute slow requests: orders, the status, verifications. The users take turns. The jobs of one
+// user use at most half of the threads. If all of these threads wait for an SA that does not answer, the jobs of other
+// users still run.
 #pragma once
 
 #include <chrono>
@@ -20,30 +21,36 @@ namespace cli
 class workers
 {
   public:
+    // Starts `threads` threads. Throws a shortage if a thread cannot be created.
     explicit workers(size_t threads);
 
     ~workers() { stop(); }
 
-    // Drops the queue, and waits for the running jobs. Runs no jobs afterwards.
+    // Waits for the running jobs. Jobs in the queue are not run any more.
     void stop();
 
-    // The time at which the oldest running job began; none: no job runs. Any thread.
+    // Returns the time at which the running job that began first has begun, or nothing if no job runs. Any thread.
     std::optional<std::chrono::steady_clock::time_point> oldest_start();
 
-    // Any thread.
+    // Adds a job of the user and connection `place` to the queue. Any thread.
     void push(const queue_place& place, std::function<void()> job);
+
+    // Removes the jobs of a connection from the queue. Any thread.
     void remove(const queue_place& place);
 
   private:
     void work();
-    std::optional<uid_t> next_user() const; // the caller holds mutex_
 
-    const size_t most_of_user_;
-    std::mutex mutex_; // guards the next five members
-    std::condition_variable changed_;
+    // Returns the first user, in the order of the turns, who has a job in the queue and may use another thread. The
+    // caller holds mutex_.
+    std::optional<uid_t> next_user() const;
+
+    const size_t user_limit_; // threads that one user may use at a time
+    std::mutex mutex_;        // guards the next five members
+    std::condition_variable change_;
     fair_queue<std::function<void()>> queue_;
     std::map<uid_t, size_t> running_jobs_;                        // number of jobs by user
-    std::multiset<std::chrono::steady_clock::time_point> starts_; // of the running jobs
+    std::multiset<std::chrono::steady_clock::time_point> starts_; // when the running jobs began
     bool is_stopping_ = false;
     std::vector<std::thread> threads_;
 };
