@@ -36,14 +36,13 @@ struct node {
     // Joins the tasks that have ended.
     void reap();
 
-    // Each call returns a new value that no other host gets. Depending on `random`, next_name() returns a name that is
-    // longer than a record allows.
+    // Each call returns a new value that no other host gets. For some values of `random`, the name is longer than a
+    // record allows.
     uint32_t next_address();
     std::string next_name(uint32_t random);
 
-    // Calls `change`, which sets the identity and returns true on success. Afterwards the identity is uncertain. It is
-    // certain only if `change` succeeded, no other change ran at the same time, and no fault was active. In this case,
-    // change_identity() calls `on_certain`.
+    // Marks the identity as uncertain, and calls `change`, which sets the identity and returns true on success. Then
+    // calls `on_certain` if `change` succeeded, no other change ran at the same time, and no fault was active.
     void change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain);
 
     // Writes to the control file of the module ats. Call it in a task of the host. Returns true if the file exists and

@@ -28,7 +28,7 @@ struct run_options {
 // The longest time from the end of a harmful act to the end of its effects.
 constexpr uint64_t harm_lasts_ticks = 500;
 
-// Notes when acts harm one host, or the network. Harm here means that registrations may fail (see harm in plan.h).
+// Notes when acts may make registrations fail: those of one host, or those of all hosts. See `harm` in plan.h.
 struct harm_watch {
     int running_acts = 0;
     uint64_t effects_end_tick = 0; // when the effects of the harmful acts that have ended are over
@@ -116,12 +116,12 @@ struct tested_fabric {
 };
 
 // Call it in a task of the host immediately after the change at `act_tick`. Waits until the change must have reached
-// the SA. Then checks that the host's records are right, unless something else has disturbed the host.
+// the SA. Then checks that the host's records are right. If something else has disturbed the host, checks nothing.
 void check_promptly(node& node, uint64_t act_tick);
 
-// Call it in a task of each host when a port of some host was cut off for good. Waits for two verifications. Then
-// checks that the host's records are right and that it finds another healthy host, unless something else has disturbed
-// it. Marks `act` as effective if it finds one.
+// Call it in a task of each host after a port of some host was cut off for good. Waits for two verifications. Then
+// checks that the host's records are right, and that the host finds another healthy host. If something else has
+// disturbed the host, checks nothing. Marks `act` as effective if the host finds another one.
 void check_in_spite_of_cuts(node& node, const act& act);
 
 // Ends every fault that can end. Checks all records and lookups, and that unloading all modules leaves nothing behind.

@@ -14,8 +14,8 @@ namespace stack
 namespace
 {
 
-// The clients' pools are smaller. Therefore the answers to all requests from one pool can arrive at the same time. A
-// datagram that was never used needs no memory.
+// The clients' pools are smaller. Therefore there is room even if the answers to all requests from one pool arrive at
+// the same time. A datagram that was never used needs no memory.
 constexpr size_t receive_pool_size = 256;
 
 // A client that has registered a class gets TransactionIDs that count up. A client that has joined a class gets
@@ -36,7 +36,7 @@ uint64_t joined_transaction_id(uint8_t number, uint64_t clients_bits)
            (clients_bits & gsi_joined_transaction_bits);
 }
 
-// Returns the number of the client if it has joined the class. Returns 0 if the client has registered the class.
+// Returns the number of the client whose request had this TransactionID: 0 if the client has registered the class.
 uint8_t number_in(uint64_t transaction_id)
 {
     const bool is_joined = transaction_id >> 32 == joined_mark && (transaction_id & joined_bit);

@@ -31,8 +31,8 @@ class gsi final : public kernel::service
   public:
     explicit gsi(kernel::machine& home);
 
-    // Ends the process (exec::panic) if a client has not deregistered a class, destroyed a pool or put back a received
-    // datagram.
+    // Ends the process (exec::panic) if a class is still registered, if a pool still exists, or if a received datagram
+    // was not put back.
     ~gsi() override;
 
     // For reports: the HCAs on which classes can be registered, and the clients' pools.

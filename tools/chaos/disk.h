@@ -13,8 +13,8 @@ namespace chaos
 // allows user namespaces. Call it once, before any thread starts. The error says why disks are not possible.
 ats::result<> allow_disks();
 
+// The folder of a host: a small file system, or an ordinary folder if `is_small` is false.
 class disk
-// A folder for a host. With `is_small`, it is a file system of its own that can become full.
 {
   public:
     // Makes the folder, and mounts a file system of 2 MiB there if `is_small`. Throws std::system_error if the mount

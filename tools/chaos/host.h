@@ -26,13 +26,14 @@ struct resources {
 
 struct host_options {
     bool has_small_disk = false; // without it, the act fill_disk does nothing
-    std::string modules;         // folder of the modules; empty: the program's own folder
+    std::string modules;         // folder of the modules; empty: the default of `ats run`
 };
 
 class host
 {
   public:
-    // Makes the host's disk, to which its service writes its files. Its recordings go to the folder `records`.
+    // Makes the host's disk. The service will write its recordings to the folder `records`, and its other files to the
+    // disk.
     host(fabric_tools::ibsim_fabric& net, int number, std::string gid, const host_options& options,
          std::string records);
 

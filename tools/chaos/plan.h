@@ -50,7 +50,7 @@ plan draw_plan(uint64_t seed, int most_hosts, int rounds);
 // Returns the name of a kind of act for people, for example "kill a host".
 const char* name_of(act_kind kind);
 
-// Return an act or a round as text, for example "kill node3".
+// These functions return an act or a round as text, for example "kill node3".
 std::string describe(const act& act);
 std::string describe(const round& round);
 
