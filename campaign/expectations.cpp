@@ -166,14 +166,14 @@ void end_faults(tested_fabric& fabric)
     }
 }
 
-// Leaves about a quarter of the hosts without ats as they are. Loads the missing modules on all other hosts, and sets
-// the default verification period there. Waits until the longest earlier period is over.
+// About a quarter of the hosts on which ats is not loaded stay as they are. On all other hosts, loads the missing
+// modules and sets the default verification period. Waits until the longest earlier period is over.
 void bring_hosts_up(tested_fabric& fabric)
 {
     uint64_t longest_period = 0;
     for (node& each : fabric.nodes) {
         each.machine().enter("insmod", [&] {
-            // If a module could not list the HCAs when it was loaded, it serves none.
+            // If ats could not list the HCAs when it was loaded, it serves none. Then it must be loaded again.
             if (each.may_be_misread && each.read_control() == console::json::array()) each.unload("ats");
             if (!each.is_live() && (fabric.plan.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})

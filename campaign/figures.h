@@ -1,4 +1,4 @@
-// The figures of a campaign, of one seed or summed over many seeds, and its result.
+// The figures of one seed, their sums over many seeds, and the result of a campaign.
 #pragma once
 
 #include <array>

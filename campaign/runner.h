@@ -25,6 +25,7 @@ ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& a
 // After this call, Ctrl-C (SIGINT) no longer ends the program. Instead, run_many() starts no more seeds, kills the
 // seeds that run, does not count them, and returns the sum so far.
 void stop_when_interrupted();
+
 // Returns true if Ctrl-C was pressed after stop_when_interrupted().
 bool is_interrupted();
 

@@ -22,7 +22,7 @@ class service_task;
 class service_tasks
 {
   public:
-    // Calls `visit` for each task. add() and remove() wait until it has returned.
+    // Calls `visit` for each task. Meanwhile, add() and remove() wait.
     void visit_all(const std::function<void(service_task&)>& visit) const;
 
     void add(service_task& task);
@@ -39,7 +39,7 @@ struct service_task_list final : kernel::service {
     const std::shared_ptr<service_tasks> tasks = std::make_shared<service_tasks>();
 };
 
-// The task sleeps when it has no work, and ring() wakes it. The destructor stops it.
+// A task of a service. The task sleeps when it has no work, and ring() wakes it. The destructor stops it.
 class service_task
 {
   public:
