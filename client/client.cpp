@@ -67,7 +67,7 @@ ats_status_t client::connect(lock& guard, clock::time_point deadline)
     return ATS_OK;
 }
 
-// Waits until the unsent output is below its limit. It grows while the service does not read the questions.
+// Waits until the unsent output is below its limit. The output grows while the service does not read the questions.
 ats_status_t client::drain_output(lock& guard, clock::time_point deadline)
 {
     const auto has_room = [&] { return connection_.unsent_bytes() < most_unsent_bytes; };
@@ -100,7 +100,8 @@ ats_status_t client::send(lock& guard, uint64_t id, question question, clock::ti
 // ---- receiving ----
 
 // Waits until the condition is true, and receives meanwhile if no other thread does. Returns false at `deadline`. Also
-// ends the open questions whose own deadline passes meanwhile. The caller holds the mutex; the waiting releases it.
+// ends the open questions whose own deadline passes meanwhile. The caller holds the mutex; the call releases it while
+// it waits.
 template <class condition_t>
 bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_reached)
 {
@@ -116,8 +117,8 @@ bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_
     return true;
 }
 
-// Waits for input and processes it. Only one thread at a time is in this function. The caller holds the mutex; the
-// waiting releases it.
+// Waits for input and processes it. Only one thread at a time is in this function. The caller holds the mutex; the call
+// releases it while it waits.
 void client::receive(lock& guard, clock::time_point deadline)
 {
     const bool until_writable = connection_.unsent_bytes() > 0;

@@ -8,17 +8,17 @@ namespace client
 
 constexpr const char* socket_of_machine = "/run/ats.sock";
 
-// Returns the path on which a service listens that this user starts without another path. It is the first of these that
+// Returns the path on which a service of this user (`ats run`) listens by default. It is the first of these that
 // applies: $ATS_SOCKET, /run/ats.sock for root, ats.sock in $XDG_RUNTIME_DIR, /tmp/ats-UID.sock. A variable that is
-// empty does not apply.
+// unset or empty does not apply.
 std::string own_socket_path();
 
-// Returns the path to which a client connects without another path; see ats_default_socket() in client/ats/client.h.
+// Returns the path to which a client connects by default; see ats_default_socket() in client/ats/client.h.
 std::string default_socket_path();
 
-// Returns true if the client may believe the service at the other end of the connected socket `fd`. The service must
-// run as root or as this user. Or the socket at `path` must be in a folder in which only the service's own user can
-// create files and which root has created for this user.
+// Returns true if the client may trust the service at the other end of `fd`, a socket that is connected to `path`. This
+// is so if the service runs as root or as this user. It is also so if only root can create files in the folder of
+// `path`, or if root has created this folder for the user of the service.
 bool is_trusted_service(int fd, const std::string& path);
 
 } // namespace client

@@ -32,13 +32,13 @@ KERNEL_API int rep_open_key(rep_key_t parent, const char* path, int flags, rep_k
 KERNEL_API int rep_get_value(rep_key_t key, const char* name, int flags, intptr_t* value, int* length);
 
 // Subscribes to a key. The registry calls `callback` each time a value of the key is set, until rep_notify_del. The
-// caller may close the key before. `scope` must be REP_NOTIFY_THIS_KEY and `events` must be REP_NOTIFY_ON_VALUE.
+// caller may close the key meanwhile. `scope` must be REP_NOTIFY_THIS_KEY and `events` must be REP_NOTIFY_ON_VALUE.
 // Returns 0 and stores the handle of the subscription in `*notifier`; it is never 0. On failure, returns a negative
 // error number.
 KERNEL_API int rep_notify_key_change(rep_key_t key, int scope, int events, rep_change_fn_t callback, void* context,
                                      rep_notifier_t* notifier);
 
-// Closes a key. Its subscriptions stay.
+// Closes a key. Subscriptions to the key continue.
 KERNEL_API void rep_close_key(rep_key_t key);
 
 // Ends a subscription. After the return, its callback does not run. Does nothing if `notifier` is 0.

@@ -80,7 +80,7 @@ void door::set_limits(const cli::service_limits& limits)
 void door::start_accepting()
 {
     accept_descriptor_ = listening_socket_->duplicate();
-    uv_poll_init(loop_.uv(), &listener_, accept_descriptor_.get()); // also makes it non-blocking
+    uv_poll_init(loop_.uv(), &listener_, accept_descriptor_.get()); // also makes the descriptor non-blocking
     uv_timer_init(loop_.uv(), &pause_);
     open_handles_ = 2;
     listener_.data = this;

@@ -16,8 +16,8 @@ namespace acm
 using message = std::vector<uint8_t>;
 using message_view = std::span<const uint8_t>;
 
-// Returns the length in bytes of the request at the start of `bytes`, which may be longer than `bytes`. Returns 0 if
-// there are too few bytes to know the length. Returns nothing if `bytes` is not the start of a request.
+// Returns the length in bytes of the request that begins with `bytes`. The request may be longer than `bytes`. Returns
+// 0 if there are too few bytes to know the length. Returns nothing if `bytes` is not the start of a request.
 std::optional<size_t> length_of(message_view bytes);
 
 uint8_t opcode_of(message_view request);
@@ -33,18 +33,20 @@ struct resolve_request {
     bool is_fresh = false; // the SA must be asked even if the cache has an answer
 };
 
-// Reads a whole resolve request. If `status` is not `success`, refuse the request with this status.
+// The contents of a resolve request. If `status` is not `success`, the request is wrong: refuse it with this status.
 struct read_request {
     acm::status status = status::success;
     resolve_request request = {};
 };
+
+// Reads a whole resolve request.
 read_request read_resolve(message_view bytes);
 
 struct route {
     acm::status status = status::no_data;
     path_record path = {}; // valid only if `status` is `success`
-    std::optional<uint32_t> source =
-        {}; // if the request names no source: the address of the host that has asked the SA
+    // If the request names no source: the address of the host that has asked the SA.
+    std::optional<uint32_t> source = {};
 };
 
 // Returns the answer to a resolve request.

@@ -45,7 +45,7 @@ void refuse_waiting_requests(std::vector<cli::kept_descriptor> descriptors)
         if (is_connection_name(descriptor.name)) refuse_request(descriptor.file.get());
         if (descriptor.name != listener_name) continue;
         cli::forget_descriptor(listener_name);
-        accept_all(descriptor.file.get(), last_number); // the listener does not block
+        accept_all(descriptor.file.get(), last_number); // ends, because the listening socket is non-blocking
     }
 }
 

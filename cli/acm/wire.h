@@ -54,8 +54,8 @@ struct query_header {
     uint8_t number; // in a request for an endpoint: its number; in the answer with counters: how many counters follow
     uint8_t index;  // in a request for an endpoint: the port; in a request for counters: the endpoint, or 0 for all
     uint8_t reserved;
-    be16_t length;
-    be64_t tid;
+    be16_t length; // bytes of the whole message, with the header
+    be64_t tid;    // transaction ID; the answer has the same
 };
 static_assert(sizeof(query_header) == 16 && offsetof(query_header, number) == 3);
 static_assert(offsetof(query_header, length) == 6 && offsetof(query_header, tid) == 8);

@@ -50,7 +50,7 @@ class rotation
     // an entry.
     auto pop() { return pop(turns_.front()); }
 
-    // The same for `key`, which must have an entry.
+    // Removes and returns one entry of `key`, which must have an entry. The key then gets the last turn.
     auto pop(key_t key)
     {
         turns_.erase(std::ranges::find(turns_, key));

@@ -10,7 +10,7 @@ namespace cli
 namespace
 {
 
-constexpr size_t most_questions = 16; // the size of the module's datagram pool
+constexpr size_t most_questions = 16; // at the SA at a time: the module has this number of datagrams for each HCA
 
 std::string bytes_of(const lookups::subject& subject)
 {

@@ -77,7 +77,7 @@ class lookups
         subject question;
         completion done;
     };
-    // Any strict order, for a map.
+    // An arbitrary order of the questions, so that they can be the keys of a map.
     struct subject_order {
         bool operator()(const subject& one, const subject& other) const;
     };
@@ -94,7 +94,8 @@ class lookups
     std::mutex mutex_; // guards the following members
     std::condition_variable change_;
     fair_queue<entry> queue_;
-    std::map<subject, std::vector<completion>, subject_order> sa_questions_; // questions at the SA, and who asked them
+    std::map<subject, std::vector<completion>, subject_order>
+        sa_questions_;          // questions at the SA, each with its callers
     size_t question_count_ = 0; // number of questions at the SA, and of those whose `done` calls have not all returned
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;

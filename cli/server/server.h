@@ -38,9 +38,9 @@ class server final : public conversation::owner
     // ends all conversations. Requests that are still in a queue get no answer.
     ~server() override;
 
-    // Sets new access rules and limits. They hold for all further requests. The logs of clients that may not read them
-    // any more end. A connection beyond a lower limit stays open. Fails if the permissions of the socket cannot be
-    // changed; the other settings are changed nevertheless. Any thread.
+    // Sets new access rules and limits for all further requests. If a client is reading a log that it may not read
+    // under the new rules, the answer ends. A connection beyond a lower limit stays open. Fails if the permissions of
+    // the socket cannot be changed; the other settings are changed nevertheless. Any thread.
     ats::result<> set_options(const server_options& options);
 
     // The next calls are for the door that serves librdmacm programs (cli/acm/door.h) and for the watchdog. These parts

@@ -28,8 +28,8 @@ namespace cli
 class life_signs
 {
   public:
-    // A request that has run for longer than this hangs. The longest orders wait for several answers of the SA, for one
-    // or two seconds each.
+    // If a request runs for longer than this, the service counts it as hanging. The longest orders wait for several
+    // answers of the SA, for one or two seconds each.
     static constexpr std::chrono::minutes longest_request{5};
 
     life_signs(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts);

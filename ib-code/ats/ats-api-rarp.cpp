@@ -157,7 +157,7 @@ void ats_ucm_stop(ats_context_t* ats)
         return;
     }
     ats->ucm_rarp_detach(ats->ucm_rarp_handle);
-    ats_sa_drop_pending_requests(ats); // before put_ucm: after it, UCM and its callbacks may be unloaded
+    ats_sa_drop_pending_requests(ats); // must come before put_ucm, which allows UCM's callbacks to be unloaded
     put_ucm(ats);
 }
 

@@ -35,9 +35,9 @@ unsigned long calc_verify_timeout()
 // Sends a Set of the active port's record. Does not sleep.
 void restore_registration(ats_context_t* ats, const char* operation)
 {
-    // The caller may not sleep and therefore cannot take `ats_sem`. Instead it counts itself in `restores_running`. A
-    // task that registers another port or identity calls ats_sa_wait_for_restores: it sends its own Delete and Set
-    // after this Set is posted.
+    // The caller may not sleep, so this function cannot take `ats_sem`. Instead, `restores_running` counts the calls of
+    // this function. A task that registers another port or identity waits in ats_sa_wait_for_restores until this Set is
+    // posted, and then sends its own Delete and Set.
     ++ats->restores_running;
     const int32_t ret = ats_sa_post_set(ats);
     ++ats->sets_tried;

@@ -1,4 +1,4 @@
-// Reads addresses and GIDs from text, and names port states.
+// Converts text to addresses and GIDs, and port states to text.
 #define ATS_TRACE_UNIT "ats_misc.cpp"
 
 #include <cstring>
@@ -25,7 +25,7 @@ uint64_t read_field(const char* field)
     return value;
 }
 
-// The value of a hexadecimal digit, or -1.
+// Returns the value of a hexadecimal digit. Returns -1 for other characters.
 int32_t digit_value(char c)
 {
     if (c >= '0' && c <= '9') return c - '0';

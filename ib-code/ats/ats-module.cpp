@@ -1,4 +1,5 @@
-// Loading and unloading, the table of contexts, and the exported calls that set the identity.
+// The module's entry and exit functions, the table of contexts, and the exported functions that set the host's name and
+// address.
 #define ATS_TRACE_UNIT "ats_module.cpp"
 
 #include <iterator>

@@ -49,7 +49,7 @@ void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dt
     ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));
     auto* port = static_cast<ats_port_ctx_t*>(context);
     ats_context_t* ats = port->ats_context;
-    assert(ats); // set before the class was registered
+    assert(ats); // is set before GSI can call this function
     port->gsi_rx_pkts.fetch_add(1, std::memory_order_relaxed);
     ats->rcv_arp_data = {};
     ats_sa_gsi_decode_recv_dtgrm(port, dtgrm);

@@ -116,9 +116,12 @@ struct ats_context_t {
     bool holds_events;
     bool holds_req_timer;
 
-    std::atomic<uint32_t> deliveries; // replies and time-outs that are being delivered to IBAT and to callbacks
-    std::atomic<uint32_t> sets_tried; // number of Sets, also failed ones; shows ats_sa_stop a Set after its Deletes
-    std::atomic<uint32_t> restores_running; // Sets that self-verification is sending without `ats_sem`
+    // Number of replies and time-outs that are being delivered to IBAT and to callbacks.
+    std::atomic<uint32_t> deliveries;
+    // Number of Sets so far, also of failed ones. If it changes during ats_sa_stop, a Set came after the Deletes.
+    std::atomic<uint32_t> sets_tried;
+    // Number of Sets that self-verification is sending without `ats_sem`.
+    std::atomic<uint32_t> restores_running;
 };
 
 // One request for the address of a GID. The completion context (after an answer) or the request timer takes the request
@@ -153,7 +156,7 @@ extern int32_t ats_attach_ibat;
 
 // ---- ats-module ----
 
-// The context of an open HCA, or null.
+// Returns the context of an open HCA, or null.
 ats_context_t* ats_find_context(kq_hca_h_t hca);
 
 // These functions change the host's name or address on every HCA in turn. They stop at the first failure and return -1;
