@@ -108,8 +108,8 @@ ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const 
     return answer->status;
 }
 
-// Completes the answer of a call that has returned `status`. If the call failed before its question was sent, `answer`
-// has another status; it then gets `status` and the text of the last error.
+// Completes the answer of a call that has returned `status`. If the call failed before it sent its question, `answer`
+// has no error yet: stores `status` and the text of the last error in it.
 ats_status_t complete_answer(ats_status_t status, ats_answer_t* answer)
 {
     if (answer && status != ATS_OK && answer->status != status) {

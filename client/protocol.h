@@ -37,7 +37,7 @@ struct reply {
     bool has_id = false;
     uint64_t id = 0;
     bool is_last = true;   // true if no more lines with this id follow
-    ats_answer_t answer{}; // only from read_reply()
+    ats_answer_t answer{}; // filled only by read_reply()
 };
 
 // Reads the answer to a lookup.

@@ -22,8 +22,8 @@ enum zr_trace_level_t : int32_t {
 // The names of the levels as trace lines show them.
 inline constexpr const char* zrlog_levels[] = {"PANIC  ", "ERROR  ", "WARNING", "INFO   ", "DEBUG  ", "FUNC   "};
 
-// The module's own copy of the logger's level. Each module defines this variable and names it in its kernel_module_t.
-// When the logger's level changes, the loader of the kernel writes the new level to it.
+// The module's own copy of the logger's level. Each module defines this variable and stores its address in
+// kernel_module_t::logger_level. When the logger's level changes, the kernel's loader writes the new level to it.
 extern std::atomic<int32_t> logger_trace_level;
 
 inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level)

@@ -1,6 +1,6 @@
 // The version report of a module: a read-only /proc file "dorvex/NAME/version". Its one line shows the version of the
 // loaded module, the compiler, the kernel, and the date and time of the build. One source file of the module includes
-// this header. It calls module_version_init when the module starts and module_version_exit when it ends.
+// this header. That file calls module_version_init when the module starts and module_version_exit when it ends.
 //
 // The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL, for example as "(12.2)" with the parentheses.
 #pragma once

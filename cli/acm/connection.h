@@ -1,7 +1,7 @@
-// One connection of a program that asks for paths. It answers requests one at a time, in the order in which librdmacm
-// sends them. It only peeks at a request (MSG_PEEK): the request stays in the socket until its answer is ready. If this
-// process ends before that, the next process of the service gets the socket and finds the request there. All calls are
-// made in the event loop's thread.
+// One connection of a program that asks for paths. The door answers its requests one at a time, in the order in which
+// librdmacm sends them. The connection only peeks at a request (MSG_PEEK): the request stays in the socket until its
+// answer is ready. If this process ends before that, the next process of the service gets the socket and finds the
+// request there. All calls are made in the event loop's thread.
 #pragma once
 
 #include <array>

@@ -36,8 +36,8 @@ class door final : public connection::owner
     // listens there, or if the socket cannot be created.
     ats::result<> listen();
 
-    // Sets new limits. If the limit for connections is higher, connections that were beyond the earlier limit are
-    // served. Any thread.
+    // Sets new limits. If the limit for connections is higher, the door from now on serves connections that were beyond
+    // the earlier limit. Any thread.
     void set_limits(const cli::service_limits& limits);
 
     // Answers no more requests. Unanswered requests stay in their sockets for the next process. Waits until the loop's

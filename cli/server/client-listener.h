@@ -45,7 +45,7 @@ class client_listener
     const report_call report_;
     accept_call accept_;
     uv_loop_t* loop_ = nullptr;
-    uv_pipe_t* listener_ = nullptr; // owned; libuv calls back when it may be freed
+    uv_pipe_t* listener_ = nullptr; // owned; freed when libuv has closed it
     uv_timer_t check_timer_;
     bool is_loss_reported_ = false; // report_ was called because the file is missing and could not be created
 };

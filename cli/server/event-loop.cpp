@@ -23,8 +23,8 @@ void block_sigpipe()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-// Throws a shortage if the process cannot open the number of files that a loop needs. Without this check, libuv would
-// end the program.
+// Throws exec::shortage if the process cannot open the number of files that a loop needs. Without this check, libuv
+// would end the program.
 void require_room()
 {
     constexpr size_t files_of_a_loop = 8;

@@ -15,7 +15,7 @@ namespace cli
 class event_loop
 {
   public:
-    // Throws a shortage if no descriptors are left.
+    // Throws exec::shortage if no descriptors are left.
     event_loop();
 
     // All handles of the loop must be closed.
@@ -26,7 +26,7 @@ class event_loop
 
     uv_loop_t* uv() { return &loop_; }
 
-    // Starts a thread that runs the loop. Throws a shortage if no thread can be created.
+    // Starts a thread that runs the loop. Throws exec::shortage if no thread can be created.
     void start();
 
     // Makes the loop's thread run `work` as soon as possible. The thread runs all posted work in the order of the

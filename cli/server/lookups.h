@@ -94,8 +94,8 @@ class lookups
     std::mutex mutex_; // guards the following members
     std::condition_variable change_;
     fair_queue<entry> queue_;
-    std::map<subject, std::vector<completion>, subject_order>
-        sa_questions_;          // questions at the SA, each with its callers
+    // The questions at the SA, each with the `done` calls that its answer needs.
+    std::map<subject, std::vector<completion>, subject_order> sa_questions_;
     size_t question_count_ = 0; // number of questions at the SA, and of those whose `done` calls have not all returned
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;

@@ -21,7 +21,7 @@ namespace cli
 class workers
 {
   public:
-    // Starts `threads` threads. Throws a shortage if a thread cannot be created.
+    // Starts `threads` threads. Throws exec::shortage if a thread cannot be created.
     explicit workers(size_t threads);
 
     ~workers() { stop(); }

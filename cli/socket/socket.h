@@ -83,7 +83,7 @@ class listening_socket
     listening_socket(std::string path, path_lock lock, descriptor socket);
 
     const std::string path_;
-    const path_lock lock_;     // keeps another service that starts from removing this socket
+    const path_lock lock_;     // while it is held, no other service removes this socket
     mutable std::mutex mutex_; // guards the following members
     descriptor socket_;
     std::optional<file_identity> file_; // the file of socket_

@@ -98,7 +98,7 @@ typedef struct ats_path {
     uint8_t traffic_class;
 } ats_path_t;
 
-/* An answer. Fields whose value is not known are 0. */
+/* An answer. A field is 0 if its value is not known; `verified` is then -1. */
 typedef struct ats_answer {
     uint64_t tag; /* the tag of the submitted question; 0 for a blocking call */
     ats_status_t status;
@@ -113,7 +113,8 @@ typedef struct ats_answer {
 
 /* Makes a client for the service on the socket `path`. If `path` is NULL, uses the default socket (see
  * ats_default_socket()). The client connects at its first question. Returns ATS_OK. Returns ATS_INVALID if the path is
- * empty or too long, or ATS_NO_MEMORY. The caller owns *client and ends it with ats_close(). */
+ * empty or too long, and ATS_NO_MEMORY if no memory or descriptors are left. The caller owns *client and ends it with
+ * ats_close(). */
 ats_status_t ats_open(ats_client_t** client, const char* path);
 
 /* Ends a client. Its unanswered questions get no answer any more. Does nothing for NULL. No other call with this client

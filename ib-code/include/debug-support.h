@@ -4,7 +4,7 @@
 
 #include "logger.h"
 
-MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // the module's level; changes when its registry value is set
+MODULE_EXPORT std::atomic<int32_t> ATS_trace_level; // the module's level; follows its value in the registry
 MODULE_EXPORT rep_notifier_t ATS_log_rep_h;         // the subscription to changes of the level; 0: no subscription
 
 // Prints a trace line that shows `operation` as the name of the function. A helper function passes the name of its

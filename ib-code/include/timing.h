@@ -1,5 +1,5 @@
-// The timing service: one-shot timers on the kernel clock. The caller owns the record of a timer. The service calls the
-// timer's function once in each armed period.
+// The timing service: one-shot timers on the kernel clock. The caller owns the record of a timer, and arms the timer
+// for a tick. When this tick comes, the service calls the timer's function once.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ struct timing_t {
     void (*function)(unsigned long data);
     unsigned long data;
     // True if `function` never sleeps. The service then calls it in the timer context, before the functions of other
-    // due timers that may sleep. If it makes a call that may sleep, the program ends with an error.
+    // due timers that may sleep. If `function` makes a call that may sleep, the program ends with an error.
     bool atomic;
 };
 
@@ -24,6 +24,6 @@ KERNEL_API void init_timing(timing_t* timer);
 // the call changes its time. Any context.
 KERNEL_API void add_timing(timing_t* timer);
 
-// Disarms the timer. If `function` is running, waits until it has returned, and ignores its attempts to arm the timer
-// again. `function` must not delete its own timer. May sleep.
+// Disarms the timer. If `function` is running, waits until it has returned; if it arms the timer again meanwhile, this
+// has no effect. `function` must not delete its own timer. May sleep.
 KERNEL_API void del_timing_sync(timing_t* timer);

@@ -1,5 +1,5 @@
-// The /proc tree of a machine: files whose contents come from a module's read handler, and whose writes go to a
-// module's write handler.
+// The /proc tree of a machine. The read handler of a module supplies the content of a file. The write handler receives
+// the bytes that are written to the file.
 #pragma once
 
 #include <atomic>
@@ -16,7 +16,7 @@ struct file;
 // A read handler. It writes text into `page` (PROC_PAGE_SIZE bytes), and sets `*start` to the place in `page` where the
 // text for the file offset `off` begins. It sets `*eof` to 1 if this text reaches the end of the file. It returns the
 // number of bytes from `*start` on, at most `count`, or a negative error number. The kernel cuts off further bytes and
-// logs a line. If `*start` is outside of the page, the program ends with an error. `data` is that of the entry. May
+// logs a line. If `*start` is outside of the page, the program ends with an error. `data` is proc_dir_entry::data. May
 // sleep.
 using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof, void* data);
 
