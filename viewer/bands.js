@@ -1,7 +1,7 @@
-// The bands beside each lane, and the bars of faults. A band shows when a port had its link, was active, was
-// registered, and waited for answers.
+// The bands at the right of each lane, and the bars of faults at its left. Each port has four bands. They show when its link
+// was up, when it was the active port, when it was registered, and when its requests waited for answers.
 
-// The columns of a lane, in pixels from its line.
+// The four bands. `x` is the distance from the line of the lane, in pixels. `read` returns the value of the band in a state.
 const BANDS = [
   { key: "link", x: 7, label: "link", read: (state, port) => (state.ports.get(port) || {}).state === "active" ? "up" : null },
   { key: "active", x: 14, label: "active port", read: (state, port) => state.active.get(hcaOf(port)) === port ? "active" : null },
@@ -22,12 +22,12 @@ function waitingOf(state, port) {
   return count ? `n${Math.min(count, 4)}` : null;
 }
 
-// Returns the intervals of every band: [{port, band, value, begin, end}], with their places in the picture.
+// Returns the intervals of all bands: [{port, band, value, begin, end}]. `begin` and `end` are heights in the picture.
 function findBands(recording, layout) {
   const open = new Map();
   const found = [];
   const state = newState();
-  const portsOf = new Map(); // of each HCA
+  const portsOf = new Map(); // the ports of each HCA
   for (const name of layout.lanes.keys())
     if (name !== "sa") portsOf.set(hcaOf(name), [...(portsOf.get(hcaOf(name)) || []), name]);
   let waiting = []; // the ports whose requests waited before the event
@@ -40,10 +40,11 @@ function findBands(recording, layout) {
     if (event.e === "log" || event.e === "table") continue;
     applyEvent(state, event);
     const y = layout.yOf[event.index];
-    const touched = new Set(waiting);
-    for (const port of [event.port, event.from, event.to]) for (const each of portsOf.get(hcaOf(port || "")) || []) touched.add(each);
+    // The ports whose bands the event may change.
+    const ports = new Set(waiting);
+    for (const port of [event.port, event.from, event.to]) for (const each of portsOf.get(hcaOf(port || "")) || []) ports.add(each);
     waiting = [...state.waiting.values()].map(request => request.from).filter(port => layout.lanes.has(port));
-    for (const port of touched)
+    for (const port of ports)
       for (const band of BANDS) {
         const key = `${port}/${band.key}`;
         const value = band.read(state, port);
@@ -56,11 +57,11 @@ function findBands(recording, layout) {
   return found;
 }
 
-// Returns the bars of acts: [{lane, slot, name, begin, end}]. In recordings without acts, returns those of the fabric's
-// fault switches.
+// Returns the bars of acts: [{lane, slot, name, begin, end}]. If the recording has no acts, returns the bars of the fabric's
+// faults instead.
 function findBars(recording, layout) {
   const open = new Map();
-  const slots = new Map(); // for each lane, the slots in use
+  const slots = new Map(); // for each lane, which places for bars are in use
   const bars = [];
   const begin = (key, lane, name, y) => {
     const taken = slots.get(lane.name) || [];

@@ -1,11 +1,11 @@
-// The places of all parts of the picture. Time runs from top to bottom. Each row has one event. Long periods without
-// events are folded.
+// Computes the places of all parts of the picture. Time runs from top to bottom, and each row has one event. A long period
+// without events is folded: it takes one row of constant height.
 
 const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
 const FOLD_MS = 400; // a longer period without events is folded
 const TIME_WIDTH = 84;
-const SA_ROOM = 96; // space between the times and the SA's lane, for the bars of faults
-const NARROW = 700; // pixels: on a narrower screen this space is smaller
+const SA_ROOM = 96; // pixels between the times and the SA's lane, for the bars of faults
+const NARROW = 700; // pixels; on a narrower screen, SA_ROOM is halved
 const TOP = 10;
 
 const formatNumber = number => number.toLocaleString("en");
@@ -26,7 +26,7 @@ function formatLength(ms) {
   return `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
 }
 
-// Computes the x of each lane. `width` is the available space.
+// Computes the x of each lane. `width` is the width of the screen, in pixels.
 function placeLanes(recording, filter, width) {
   const ports = [...recording.ports.values()].filter(port => !filter.hiddenHosts.has(port.host));
   const saX = TIME_WIDTH + (width < NARROW ? SA_ROOM / 2 : SA_ROOM);
@@ -44,20 +44,20 @@ class Layout {
     Object.assign(this, placeLanes(recording, filter, width));
     this.hostLane = new Map(); // the first lane of each host
     for (const lane of this.lanes.values()) if (lane.host && !this.hostLane.has(lane.host)) this.hostLane.set(lane.host, lane);
-    this.yOf = new Float64Array(recording.events.length); // of each event
-    this.stops = []; // the events at which the scrubber stops
+    this.yOf = new Float64Array(recording.events.length); // the y of each event
+    this.stops = []; // indexes of the events at which the scrubber stops
     this.arrows = [];
     this.logs = [];
     this.folds = [];
     this.titles = [];     // steps and violations
     this.acts = [];
-    this.changes = [];    // of the SA's records
-    this.sms = [];        // changes of the SM
+    this.changes = [];    // changes of the SA's records
+    this.sms = [];        // changes of the SM's LID
     this.times = [];
-    this.y = TOP;
-    this.lastTick = null; // tick of the last event that is shown
-    this.logRow = null;
-    this.isQuietRow = false; // the last row has only changes without a mark
+    this.y = TOP;         // of the last row
+    this.lastTick = null; // tick of the last event that has a row
+    this.logRow = null;   // the marks of log lines in the last row
+    this.isUnmarkedRow = false; // the last row has only events that draw no mark, such as link changes
     recording.events.forEach(event => this.place(event));
     this.height = this.y + 40;
   }
@@ -83,12 +83,12 @@ class Layout {
     case "removed": return this.placeChange(event);
     case "sm": return this.placeSm(event);
     case "port":
-    case "fault": return this.placeSilent(event);
+    case "fault": return this.placeUnmarked(event);
     default: return false;
     }
   }
 
-  // Starts a row. A long pause before it becomes a fold.
+  // Starts a row for the event. If there was a long pause before the event, draws a fold above the row.
   beginRow(event, height) {
     const pause = this.lastTick === null ? 0 : event.t - this.lastTick;
     if (pause > FOLD_MS) {
@@ -101,7 +101,7 @@ class Layout {
     if (this.lastTick !== event.t) this.times.push({ y: this.y, t: event.t });
     this.lastTick = event.t;
     this.logRow = null;
-    this.isQuietRow = false;
+    this.isUnmarkedRow = false;
   }
 
   placeDatagram(event) {
@@ -135,7 +135,7 @@ class Layout {
     this.arrows.push(arrow);
   }
 
-  // Consecutive lines with the same tick make one mark for each host.
+  // Consecutive log lines with the same tick share a row. There, each host has one mark for all its lines.
   placeLog(event) {
     const lane = this.hostLane.get(event.host);
     if (!lane || !this.filter.showsLog(event)) return false;
@@ -181,15 +181,16 @@ class Layout {
     return true;
   }
 
-  placeSilent(event) {
+  // Gives an event without a mark a row. Consecutive ones with the same tick share it.
+  placeUnmarked(event) {
     if (event.t === 0 && event.e === "port" && event.state === "down") return false;
-    const isNew = !this.isQuietRow || this.lastTick !== event.t;
+    const isNew = !this.isUnmarkedRow || this.lastTick !== event.t;
     if (isNew) this.beginRow(event, ROW.change);
-    this.isQuietRow = true;
+    this.isUnmarkedRow = true;
     return isNew;
   }
 
-  // The stop at or before a place in the picture.
+  // Returns the index of the last stop that is not below y.
   stopAt(y) {
     let [low, high] = [0, this.stops.length - 1];
     while (low < high) {

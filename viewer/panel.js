@@ -1,4 +1,4 @@
-// The panel: the selected item, and the state at the selected moment.
+// The panel at the right. It shows the fields of the selected event, and the state of the fabric at the selected moment.
 
 function node(name, attributes = {}, ...children) {
   const made = document.createElement(name);
@@ -78,7 +78,8 @@ function describeSelection(recording, event, logIndexes) {
   return node("div");
 }
 
-// Marks the records and ports whose GID is in the text of the violation.
+// Shows the state: the SA's records, the ports, the faults and the acts. Marks the records and ports whose GID the text of the
+// violation contains.
 function describeState(recording, state, hiddenHosts, violation) {
   const suspect = gid => violation.includes(gid) ? "suspect" : null;
   const records = [...state.table.values()].sort((a, b) => a.gid < b.gid ? -1 : 1);

@@ -1,10 +1,10 @@
-// Draws the picture as SVG. For a long run, it draws only the visible part.
+// Draws the picture as SVG. If there are many items, it draws only the visible part.
 
 const SVG = "http://www.w3.org/2000/svg";
-const DRAW_ALL_ITEMS = 4000; // up to this number, all items are drawn at once
-const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label
+const DRAW_ALL_ITEMS = 4000; // a picture with at most this number of items is drawn whole
+const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label, in pixels
 const NAMES_HEIGHT = 46;
-const LONG_ARROW = 900; // pixels: one end may be outside the screen, so both ends have a label
+const LONG_ARROW = 900; // pixels; one end of a longer arrow may be outside the screen, so it has a label at both ends
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
@@ -16,11 +16,11 @@ function svgNode(name, attributes = {}, ...children) {
 
 const svgText = (x, y, text, className, anchor) => svgNode("text", { x, y, class: className, "text-anchor": anchor }, text);
 
-// The class of a datagram's colour.
+// Returns the kind of a datagram, which determines its colour.
 function kindOf(sent) {
   if (sent.attribute === "PathRecord") return "path";
   const method = sent.method.replace("Resp", "").toLowerCase();
-  // The answer to a Set is a GetResp, so the request determines the kind.
+  // The answer to a Set is a GetResp. Therefore callers pass the request in place of its answer, if it is known.
   return ["get", "set", "delete"].includes(method) ? method : "other";
 }
 
@@ -30,7 +30,7 @@ function labelOf(sent, room) {
   return text.length > digits ? text.slice(0, digits - 1) + "…" : text;
 }
 
-// The answer "no such record" is usual, so it does not count as an error.
+// Status 0x0300 (no such record) is a usual answer, so it does not count as an error.
 const isTroubleStatus = sent => !isGood(sent) && !sent.status.startsWith("0x0300");
 
 // Extracts "it holds no such record" from "0x0300 (it holds no such record)".
@@ -49,7 +49,7 @@ function subjectOf(sent) {
 let gidDigits = 6;
 const shortGid = gid => "…" + gid.slice(-gidDigits);
 
-// Chooses enough digits to make the shown GIDs of all ports different.
+// Sets gidDigits to the smallest number of last digits, from 6 on, in which the GIDs of all ports differ.
 function chooseGidDigits(ports) {
   const gids = [...ports.values()].map(port => port.gid);
   for (gidDigits = 6; gidDigits < 32; ++gidDigits)
@@ -69,7 +69,7 @@ class Picture {
     this.items = layout.arrows.length + layout.logs.length;
     for (const each of [this.svg, this.names]) each.setAttribute("width", layout.width);
     this.svg.setAttribute("height", layout.height);
-    // On paper, the picture and the names of the lanes shrink to the width of the paper.
+    // With a viewBox, a printed picture shrinks to the width of the paper.
     this.svg.setAttribute("viewBox", `0 0 ${layout.width} ${layout.height}`);
     this.names.setAttribute("viewBox", `0 0 ${layout.width} ${NAMES_HEIGHT}`);
     this.drawNames();
@@ -77,7 +77,7 @@ class Picture {
     this.draw();
   }
 
-  // Draws the part near the screen, or everything if there are few items.
+  // Draws the visible part and a margin, or everything if there are few items. Does nothing if this part is drawn already.
   draw(isForPrint = false) {
     const { height } = this.layout;
     const isWhole = this.items <= DRAW_ALL_ITEMS;
@@ -199,14 +199,14 @@ class Picture {
       end && end.twin || length < LONG_ARROW ? "" : this.farLabel(datagram, label, [x1, y1], [x2, y2]));
   }
 
-  // Names the host of a long arrow at the end without the label.
+  // Returns a second label of a long arrow, for the end that the first label is not near.
   farLabel(datagram, label, [x1, y1], [x2, y2]) {
     const host = datagram.lane ? datagram.lane.host : "";
     if (datagram.sent.from === "sa") return svgText(x2 - 14, y2 - 4, label, "label", "end");
     return svgText(x2 + 14, y2 - 4, `${host}: ${label}`, "label", "start");
   }
 
-  // Returns the request that a datagram answers, to show both in one colour. Otherwise returns the datagram itself.
+  // Returns the request that the datagram answers; they have the same colour. For a request, returns the request itself.
   requestOf(datagram) {
     return datagram.request ? datagram.request.sent : datagram.sent;
   }
@@ -238,7 +238,7 @@ class Picture {
       svgNode("rect", { x, y: y - 8, width, height: 16, rx: 8 }), svgText(x + width / 2, y + 3.5, text, "", "middle"));
   }
 
-  // The moment from which requests must go to another LID.
+  // Draws a change of the SM's LID. From then on, requests must go to the new LID.
   sm({ event, y }) {
     const text = `SM at LID ${event.lid}`;
     const width = 12 + 5.6 * text.length;
@@ -266,7 +266,7 @@ function tipOfLines(lines) {
   return texts.join("\n");
 }
 
-// Finds the request of each answer: the latest request with its transaction that the SA had received.
+// Finds the request of each answer: the last request of the same host with the same TransactionID.
 function joinAnswers(recording) {
   const requests = new Map();
   for (const event of recording.events) {

@@ -1,4 +1,5 @@
-// The recording, and the state after its events: the SA's records, and the traffic of each host.
+// Reads the recording, and computes the state of the fabric after each event: the SA's records, the ports, the registrations of
+// the hosts, and the requests that wait for an answer.
 
 const ANSWER_LIMIT_MS = 1000; // after this time, a request without an answer no longer counts as waiting
 
@@ -16,13 +17,13 @@ function readRecording(text) {
     noteEvent(recording, event);
   });
   recording.hosts = [...new Set([...recording.ports.values()].map(port => port.host))];
-  // The recording of a fabric inside the program has the place of the SA. That of a real fabric has only the hosts'
-  // ends.
+  // A recording of an embedded fabric begins with an event "sm". A recording of a real fabric has no such event: it has only
+  // the events at the hosts' ports, and nothing that happened at the SA.
   recording.isSeenAtHosts = !events.some(event => event.e === "sm");
   return recording;
 }
 
-// Joins the events of one datagram, and lists the ports.
+// Joins the events of a datagram, and adds its port to the list of ports.
 function noteEvent(recording, event) {
   if (event.e === "port" && !recording.ports.has(event.port))
     recording.ports.set(event.port, { name: event.port, host: event.host, gid: event.gid });
@@ -41,7 +42,7 @@ const isAnswer = sent => sent.method.endsWith("Resp");
 const isGood = sent => !sent.status || sent.status.startsWith("0x0000");
 const keyOf = record => [record.gid, record.p_key, record.service].join("/");
 
-// Returns the port (not the SA) that a datagram goes to or comes from, or null if it is unknown.
+// Each datagram goes from a port to the SA, or from the SA to a port. Returns this port, or null if it is unknown.
 function portOf(recording, datagram) {
   if (datagram.sent.from !== "sa") return datagram.sent.from;
   const end = datagram.ends.find(each => each.to);
@@ -107,7 +108,7 @@ function noteRequest(state, sent) {
   if (sent.method === "Set") setRegistration(state, sent, "asked");
 }
 
-// An answer has arrived at a host. It shows the SA's state only if it is about the host's own record.
+// An answer has arrived at a host. If it is about the host's own record, it shows if the host is registered.
 function noteAnswer(state, event) {
   const key = hostOf(event.to) + event.datagram.sent.tid;
   const request = state.waiting.get(key);

@@ -1,4 +1,4 @@
-// The page: filters, scrubber, keys, and clicks.
+// The page: its filters, its scrubber (the slider of time), keys and clicks.
 
 const byId = id => document.getElementById(id);
 const KINDS = [["get", "Get"], ["set", "Set"], ["delete", "Delete"], ["path", "Path"], ["other", "Other"], ["lost", "Lost only"], ["log", "Log"], ["act", "Acts"]];
@@ -23,10 +23,10 @@ const filter = {
 };
 const picture = new Picture(byId("drawing"), byId("lane-names"), byId("picture"));
 let layout = null;
-let stop = 0; // index into layout.stops
+let stop = 0; // the selected moment, an index into layout.stops
 let selected = null;
 
-// The text that the text filter searches.
+// Returns the text of a datagram in which the text filter searches.
 function textOfDatagram(datagram) {
   const { datagram: _, index, ...fields } = datagram.sent;
   const ends = datagram.ends.map(end => `${end.to || ""} ${end.why || ""} ${end.twin ? "duplicate" : ""} ${end.corrupt ? "corrupted" : ""}`);
@@ -55,7 +55,7 @@ function showSummary() {
   byId("summary").textContent = parts.join(" · ");
 }
 
-// Moves the moment to a stop of the scrubber. Also scrolls there, unless the reader is scrolling.
+// Selects the moment with this index in layout.stops. If `scrolls` is true, also scrolls the picture there.
 function moveTo(next, scrolls = true) {
   if (!layout.stops.length) return;
   stop = Math.max(0, Math.min(next, layout.stops.length - 1));
@@ -70,7 +70,7 @@ function moveTo(next, scrolls = true) {
   byId("state").replaceChildren(describeState(recording, state, filter.hiddenHosts, (violationEvent() || {}).text || ""));
 }
 
-// Returns the last event of the stop: later events without a row belong to it.
+// Returns the index of the last event of the selected moment. Events without a row belong to the moment before them.
 function endOfStop() {
   const next = stop + 1 < layout.stops.length ? layout.stops[stop + 1] : recording.events.length;
   return next - 1;
@@ -108,7 +108,7 @@ const isAct = event => event.e === "act" || event.e === "step";
 const isTrouble = event => isLoss(event) || event.e === "lost" || event.e === "refused" || event.e === "violation" ||
   event.e === "sent" && isTroubleStatus(event) || event.e === "log" && event.level < 4;
 
-// Moves to the next event of a kind, or to the previous one if `by` is -1.
+// Selects the next event for which isOfSort() is true, or the previous one if `by` is -1.
 function jump(by, isOfSort) {
   for (let next = stop + by; next >= 0 && next < layout.stops.length; next += by) {
     const event = recording.events[layout.stops[next]];
@@ -253,7 +253,8 @@ function applySearch() {
   relayout();
 }
 
-function later(action, ms) {
+// Returns a function that calls `action` when it has not been called for this time.
+function debounce(action, ms) {
   let timer = 0;
   return () => {
     clearTimeout(timer);
@@ -262,7 +263,7 @@ function later(action, ms) {
 }
 
 function listen() {
-  byId("search").addEventListener("input", later(applySearch, 120));
+  byId("search").addEventListener("input", debounce(applySearch, 120));
   byId("scrubber").addEventListener("input", () => moveTo(+byId("scrubber").value));
   byId("back").addEventListener("click", () => step(-1));
   byId("forth").addEventListener("click", () => step(1));
@@ -272,11 +273,11 @@ function listen() {
   byId("drawing").addEventListener("mousemove", onHover);
   byId("drawing").addEventListener("mouseleave", () => { byId("tip").hidden = true; });
   document.addEventListener("keydown", onKey);
-  addEventListener("resize", later(relayout, 150));
+  addEventListener("resize", debounce(relayout, 150));
   addEventListener("beforeprint", () => picture.draw(true));
 }
 
-// If a run on many hosts failed, shows at first only the hosts of its acts and of the violation.
+// If a run with more than 12 ports has failed, hides at first all hosts except those of acts and of the violation.
 function hideIdleHosts() {
   const violation = violationEvent();
   if (!violation || recording.ports.size <= 12) return;
@@ -286,7 +287,7 @@ function hideIdleHosts() {
   if (named.size) for (const host of recording.hosts) if (!named.has(host)) filter.hiddenHosts.add(host);
 }
 
-// Shows the most useful moment: the violation, or else the first lost datagram.
+// For screenshots (scripts/check-viewer): shows the violation, or the first lost datagram if there is no violation.
 function showForPicture() {
   const violation = violationEvent();
   if (violation) return goTo(violation);
