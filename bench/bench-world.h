@@ -1,4 +1,4 @@
-// Hosts on one simulated fabric, registered at its SA, for measurements.
+// A simulated fabric with hosts, for measurements.
 #pragma once
 
 #include <memory>
@@ -9,6 +9,7 @@
 #include "host/world/host.h"
 #include "host/world/module-folder.h"
 
+// Hosts are called node1, node2, ... and have the addresses of address_of().
 struct bench_world {
     explicit bench_world(int count)
     {
@@ -25,7 +26,8 @@ struct bench_world {
         return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
     }
 
-    // Loads the modules of every host and brings its link up. Stops at the first error.
+    // Loads the modules of every host and brings its link up. Then one tick passes, in which the hosts register. Stops
+    // at the first error.
     ats::result<> bring_up()
     {
         for (const auto& host : hosts)
@@ -34,7 +36,7 @@ struct bench_world {
         return {};
     }
 
-    // The same for one host. It registers while time goes on.
+    // Loads the modules of one host and brings its link up. The host registers when the simulated time advances.
     ats::result<> bring_up(world::host& host)
     {
         if (ats::result<> result = host.load(); !result) return result;

@@ -1,5 +1,6 @@
-// Measures the module's work for each request and each trace line, and simpler work for comparison. In a loaded module,
-// these steps cannot be called separately. Therefore this program links the module's encoder.
+// Measures the work of the module ats for each request and each trace line, and simpler work for comparison. A
+// benchmark cannot call these steps in a loaded module, because the module does not export them. Therefore this program
+// links the module's encoder.
 #include <benchmark/benchmark.h>
 
 #include "ib-code/ats/ats-sa.h"
@@ -78,7 +79,7 @@ void empty_loop(benchmark::State& state)
 }
 BENCHMARK(empty_loop);
 
-// A trace line that is off must not evaluate its arguments. If it did, abort() would end the program.
+// Measures a trace line whose level is off. The line must not evaluate its arguments: here an argument is abort().
 void trace_line_that_is_off(benchmark::State& state)
 {
     for (auto _ : state) {

@@ -1,4 +1,4 @@
-// Measures a complete resolution: the call of IBAT, the request to the SA, its answer and the callback.
+// Measures a complete resolution: the call of IBAT, the request to the SA, the SA's answer and the callback.
 #include <benchmark/benchmark.h>
 
 #include "bench/bench-world.h"
@@ -33,15 +33,16 @@ void resolve(benchmark::State& state)
 }
 BENCHMARK(resolve)->ArgName("hosts")->Arg(10)->Arg(100)->Arg(1000)->UseRealTime();
 
-// Measures one answer while many reverse requests for other GIDs are pending. The module compares it with each of them
-// while it holds its lock.
+// Measures one answer while many reverse requests for other GIDs are pending. The module compares the answer with each
+// pending request while it holds its lock.
 void match_among_pending(benchmark::State& state)
 {
     bench_world world(2);
     if (const ats::result<> result = world.bring_up(); !result) return state.SkipWithError(result.error().text.c_str());
     kernel::machine& asker = world.hosts[0]->machine();
     const kq_gid_t port_gid = *world::parse_gid(world.subnet.ports()[1].gid);
-    world.subnet.faults.drop_next_answers = static_cast<uint32_t>(state.range(0)); // these requests stay pending
+    // The next requests stay pending, because the fabric drops their answers.
+    world.subnet.faults.drop_next_answers = static_cast<uint32_t>(state.range(0));
     uint64_t answers = 0;
     asker.enter("bench", [&] {
         const world::published<ucm_get_ip_fn_t> get(asker, "ucm_get_ip_fn");
@@ -61,7 +62,7 @@ void match_among_pending(benchmark::State& state)
         for (auto _ : state) {
             lookups.send(ip);
             lookups.wait_for_all();
-            for (int i = 0; i < sa_lookups::window; ++i) up(&lookups.free);
+            for (int i = 0; i < sa_lookups::window; ++i) up(&lookups.free_slots);
         }
         if (lookups.right_answers != static_cast<uint64_t>(state.iterations())) state.SkipWithError("a wrong answer");
     });

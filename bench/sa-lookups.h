@@ -7,30 +7,31 @@
 #include "kernel/sync.h"
 
 struct sa_lookups {
-    static constexpr int window = 8; // each request needs its own address: IBAT joins requests for the same one
+    static constexpr int window = 8; // needs as many addresses, because IBAT joins requests for the same address
 
-    explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free, window); }
+    explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free_slots, window); }
 
+    // Sends a request for an address in network order. Sleeps while `window` requests are pending.
     void send(uint32_t ip)
     {
-        down(&free);
-        if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free);
+        down(&free_slots);
+        if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free_slots);
     }
 
-    // Waits for all answers. No slot is free for send() meanwhile.
+    // Waits for all answers. Takes all slots; send() sleeps until the caller releases slots with up(&free_slots).
     void wait_for_all()
     {
-        for (int i = 0; i < window; ++i) down(&free);
+        for (int i = 0; i < window; ++i) down(&free_slots);
     }
 
     static void count_answer(ibat_stat_t status, ibat_arp_data_t*, void* context)
     {
         auto& self = *static_cast<sa_lookups*>(context);
         if (status == ibat_stat_ok) ++self.right_answers;
-        up(&self.free);
+        up(&self.free_slots);
     }
 
     world::published<ibat_refresh_fn_t> refresh;
-    semaphore free;
+    semaphore free_slots;
     uint64_t right_answers = 0;
 };

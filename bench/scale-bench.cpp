@@ -1,4 +1,4 @@
-// The start, registration and unloading of a thousand hosts in one process.
+// Measures the start, the registration and the unloading of a thousand hosts in one process.
 #include <benchmark/benchmark.h>
 #include <chrono>
 #include <fstream>

@@ -1,6 +1,5 @@
-// Measures a service from the side of its clients, on one machine. The figures are: cached lookups, one at a time and
-// many at a time; lookups of paths in the protocol of librdmacm; idle connections; a thousand clients that ask at the
-// same time.
+// Measures how a service on this machine serves its clients. Measures cached lookups, one at a time and many at a time;
+// lookups of paths in the protocol of librdmacm; idle connections; a thousand clients that ask at the same time.
 //   client-bench
 #include <algorithm>
 #include <arpa/inet.h>
@@ -63,7 +62,8 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-// The cost of the socket alone: exchanges per second with a process that answers each question with fixed bytes.
+// Measures the socket alone. Returns the exchanges per second with a child process that answers each question with
+// fixed bytes.
 double ping_pong(int count, const exchange& exchange)
 {
     int ends[2];
@@ -72,13 +72,13 @@ double ping_pong(int count, const exchange& exchange)
     const bool is_child = child == 0;
     const int fd = ends[is_child ? 1 : 0];
     close(ends[is_child ? 0 : 1]);
-    std::vector<char> sent(is_child ? exchange.answer_bytes : exchange.question_bytes),
-        received(is_child ? exchange.question_bytes : exchange.answer_bytes);
+    std::vector<char> output(is_child ? exchange.answer_bytes : exchange.question_bytes),
+        input(is_child ? exchange.question_bytes : exchange.answer_bytes);
     const auto begin = clock::now();
     for (int i = 0; i < count; ++i) {
-        if (!is_child) send(fd, sent.data(), sent.size(), 0);
-        if (recv(fd, received.data(), received.size(), MSG_WAITALL) <= 0) break;
-        if (is_child) send(fd, sent.data(), sent.size(), 0);
+        if (!is_child) send(fd, output.data(), output.size(), 0);
+        if (recv(fd, input.data(), input.size(), MSG_WAITALL) <= 0) break;
+        if (is_child) send(fd, output.data(), output.size(), 0);
     }
     if (is_child) _exit(0);
     const double rate = count / seconds_since(begin);
@@ -101,14 +101,14 @@ double submitted_lookups(const std::string& socket, size_t count, size_t window)
 {
     const client_ptr client = open_client(socket);
     std::vector<ats_answer_t> answers(window);
-    size_t submitted = 0, answered = 0;
+    size_t question_count = 0, answer_count = 0;
     const auto begin = clock::now();
-    while (answered < count) {
-        for (; submitted < count && submitted - answered < window; ++submitted)
-            if (ats_submit_resolve(client.get(), target, nullptr, submitted) != ATS_OK) fail(ats_last_error());
-        const size_t taken = ats_wait(client.get(), answers.data(), answers.size(), 5000);
-        if (taken == 0) fail("no answers");
-        answered += taken;
+    while (answer_count < count) {
+        for (; question_count < count && question_count - answer_count < window; ++question_count)
+            if (ats_submit_resolve(client.get(), target, nullptr, question_count) != ATS_OK) fail(ats_last_error());
+        const size_t new_answers = ats_wait(client.get(), answers.data(), answers.size(), 5000);
+        if (new_answers == 0) fail("no answers");
+        answer_count += new_answers;
     }
     return static_cast<double>(count) / seconds_since(begin);
 }
@@ -123,7 +123,7 @@ client::descriptor connected_to(const std::string& path)
     return connection;
 }
 
-// Paths per second, asked like librdmacm.
+// Returns the lookups of paths per second, in the protocol of librdmacm.
 double acm_lookups(const std::string& path, int count)
 {
     const client::descriptor connection = connected_to(path);
@@ -168,12 +168,12 @@ struct waiting_times {
     double median_ms, longest_ms;
 };
 
-// Every client asks `each` times. It asks again as soon as it has its answer.
-waiting_times all_ask(const std::vector<client_ptr>& clients, int each)
+// Every client asks `question_count` times. Each client asks again as soon as it has its answer.
+waiting_times all_ask(const std::vector<client_ptr>& clients, int question_count)
 {
     const int poller = epoll_create1(0);
     std::vector<clock::time_point> begins(clients.size());
-    std::vector<int> left(clients.size(), each);
+    std::vector<int> remaining_counts(clients.size(), question_count);
     std::vector<double> times;
     const auto ask = [&](size_t i) {
         begins[i] = clock::now();
@@ -186,17 +186,17 @@ waiting_times all_ask(const std::vector<client_ptr>& clients, int each)
         epoll_ctl(poller, EPOLL_CTL_ADD, ats_descriptor(clients[i].get()), &event);
         ask(i);
     }
-    const size_t count = clients.size() * static_cast<size_t>(each);
+    const size_t count = clients.size() * static_cast<size_t>(question_count);
     while (times.size() < count) {
         epoll_event events[64];
-        const int ready = epoll_wait(poller, events, 64, 5000);
-        if (ready <= 0) fail("no answers");
-        for (int k = 0; k < ready; ++k) {
+        const int event_count = epoll_wait(poller, events, 64, 5000);
+        if (event_count <= 0) fail("no answers");
+        for (int k = 0; k < event_count; ++k) {
             const size_t i = events[k].data.u64;
             ats_answer_t answer;
             if (ats_collect(clients[i].get(), &answer, 1) == 0) continue;
             times.push_back(seconds_since(begins[i]) * 1000);
-            if (--left[i] > 0) ask(i);
+            if (--remaining_counts[i] > 0) ask(i);
         }
     }
     close(poller);
@@ -207,47 +207,48 @@ waiting_times all_ask(const std::vector<client_ptr>& clients, int each)
 void measure_lookups(const std::string& socket)
 {
     constexpr int count = 20'000;
-    std::vector<double> bare, blocking, shares, submitted;
-    for (int i = 0; i < rounds; ++i) { // alternately, so other load affects both equally
-        bare.push_back(ping_pong(count, lookup));
-        blocking.push_back(blocking_lookups(socket, count));
-        shares.push_back(blocking.back() / bare.back());
-        submitted.push_back(submitted_lookups(socket, size_t{10} * count, 1000));
+    std::vector<double> bare_rates, blocking_rates, shares, submitted_rates;
+    // The measurements alternate, so that other load on the machine affects all of them equally.
+    for (int i = 0; i < rounds; ++i) {
+        bare_rates.push_back(ping_pong(count, lookup));
+        blocking_rates.push_back(blocking_lookups(socket, count));
+        shares.push_back(blocking_rates.back() / bare_rates.back());
+        submitted_rates.push_back(submitted_lookups(socket, size_t{10} * count, 1000));
     }
-    std::printf("cached lookups, submitted  %9.0f /s   one connection, 1000 outstanding\n", median(submitted));
+    std::printf("cached lookups, submitted  %9.0f /s   one connection, 1000 outstanding\n", median(submitted_rates));
     std::printf("cached lookups, blocking   %9.0f /s   %.2f of a bare ping-pong of the same bytes (%.0f /s)\n",
-                median(blocking), median(shares), median(bare));
+                median(blocking_rates), median(shares), median(bare_rates));
 }
 
 void measure_acm(const std::string& socket)
 {
     constexpr int count = 20'000;
     acm_lookups(socket, 1); // fills the cache
-    std::vector<double> bare, paths, shares;
+    std::vector<double> bare_rates, path_rates, shares;
     for (int i = 0; i < rounds; ++i) {
-        bare.push_back(ping_pong(count, acm_lookup));
-        paths.push_back(acm_lookups(socket, count));
-        shares.push_back(paths.back() / bare.back());
+        bare_rates.push_back(ping_pong(count, acm_lookup));
+        path_rates.push_back(acm_lookups(socket, count));
+        shares.push_back(path_rates.back() / bare_rates.back());
     }
     std::printf("cached paths, librdmacm    %9.0f /s   %.2f of a bare ping-pong of the same bytes (%.0f /s)\n",
-                median(paths), median(shares), median(bare));
+                median(path_rates), median(shares), median(bare_rates));
 }
 
 void measure_connections(const std::string& socket, pid_t service)
 {
     constexpr size_t connections = 1000;
-    const double before = resident_mebibytes(service);
+    const double mebibytes_at_start = resident_mebibytes(service);
     std::vector<client_ptr> clients;
     ats_answer_t answer;
     for (size_t i = 0; i < connections; ++i) {
         clients.push_back(open_client(socket));
         if (ats_resolve(clients.back().get(), target, nullptr, &answer) != ATS_OK) fail(answer.reason);
     }
-    const double memory = resident_mebibytes(service) - before;
-    const double used_before = processor_seconds(service);
+    const double memory = resident_mebibytes(service) - mebibytes_at_start;
+    const double seconds_at_start = processor_seconds(service);
     const auto begin = clock::now();
     sleep(3);
-    const double load = (processor_seconds(service) - used_before) / seconds_since(begin);
+    const double load = (processor_seconds(service) - seconds_at_start) / seconds_since(begin);
     std::printf("1000 connections at rest   %9.1f MiB  %.1f KiB each; %.1f %% of a processor\n", memory,
                 memory * 1024 / connections, load * 100);
     const waiting_times times = all_ask(clients, 20);

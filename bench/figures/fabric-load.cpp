@@ -19,13 +19,15 @@ constexpr uint64_t ticks_per_second = 1000;
 
 struct load_settings {
     std::map<std::string, double> values = {
-        {"period", 60},      // seconds between two checks of a host
-        {"skew", 1},         // per cent of the period: the random part of each check's delay
+        {"period", 60},      // seconds between two checks of a host's record
+        {"skew", 1},         // percent of the period: the longest random delay that is added to it
         {"spread", 0},       // seconds: a link-up reaches the modules after a random part of this time
         {"start-spread", 0}, // seconds: the modules of a host start after a random part of this time
-        {"fabric", 0},       // hosts of the larger fabric that the simulated hosts stand for. 0: there is none
-        {"queue", 65536},    // requests that the SA of the larger fabric keeps
-        {"set-us", 9.5},     // times of the SA: for a request, and for each record in its table
+        {"fabric", 0},       // the number of hosts of a larger fabric, see limits_of(); 0 means no larger fabric
+        {"queue", 65536},    // the length of the SA's queue, in requests
+        // The time in which the SA serves a request, in microseconds: a fixed time, and a time for each record that the
+        // SA has.
+        {"set-us", 9.5},
         {"set-record-us", 0.006},
         {"delete-us", 9.5},
         {"delete-record-us", 0.006},
@@ -51,9 +53,11 @@ load_settings read_settings(const std::vector<std::string>& words)
     return settings;
 }
 
-// The limits of the simulated SA. If the simulated hosts stand for a larger fabric, the SA gets fewer requests by a
-// certain factor. Its times are longer and its queue is shorter by that factor, so it is as busy as the SA of the
-// larger fabric. Its table is shorter by the factor, too. Therefore the time for each record grows with the square.
+// Returns the limits of the simulated SA. With the setting "fabric", the simulated hosts represent a larger fabric,
+// which has `factor` times as many hosts and sends `factor` times as many requests. The simulated SA must be as busy as
+// the SA of the larger fabric. So its service times are multiplied by `factor`, and its queue is divided by `factor`.
+// The number of its records is also divided by `factor`, so the time for each record is multiplied by the square of
+// `factor`.
 embedded::sa_limits limits_of(const load_settings& settings, int hosts)
 {
     const double factor = settings["fabric"] > 0 ? settings["fabric"] / hosts : 1;
@@ -70,7 +74,7 @@ embedded::sa_limits limits_of(const load_settings& settings, int hosts)
             .queue_capacity = static_cast<size_t>(std::max(settings["queue"] / factor, 1.0))};
 }
 
-// Counts the requests to the SA, second by second. The fabric's lock is held during the calls.
+// Counts the requests to the SA, second by second. The fabric holds its lock when it calls crossed().
 class request_counter final : public fabric::tap
 {
   public:
@@ -84,7 +88,7 @@ class request_counter final : public fabric::tap
     std::vector<uint64_t> by_second;
 };
 
-// A lookup that a random host began in some second.
+// A lookup by a random host. Each second, one probe begins.
 struct probe {
     uint64_t begin_tick;
     bool is_found = false;
@@ -128,7 +132,7 @@ class fabric_under_load
 
     uint64_t now_second() { return world_.sim->now() / ticks_per_second; }
 
-    // Loads all hosts, each after its part of the start spread.
+    // Starts all hosts. Each host starts at a random time within the start spread.
     ats::result<> power_on()
     {
         restart_queue();
@@ -155,7 +159,8 @@ class fabric_under_load
 
     ats::result<> start(world::host& host)
     {
-        // The subnet manager has activated the ports before the hosts' services start.
+        // Bring the link up first: after a power failure, the subnet manager activates a port before the service
+        // starts.
         if (ats::result<> up = world_.subnet.link_up(host.name(), host.plan().hcas[0].name, 1); !up) return up;
         if (ats::result<> loaded = host.load(); !loaded) return loaded;
         const std::string command = "sa_verify_period " + std::to_string(static_cast<int>(settings_["period"])) + " " +
@@ -178,7 +183,7 @@ class fabric_under_load
 
     void restart_queue() { world_.subnet.set_sa_limits(limits_of(settings_, static_cast<int>(world_.hosts.size()))); }
 
-    // Runs until the scenario's end, and prints its figures.
+    // Runs the scenario for `seconds` seconds from the second `begin`, and prints its figures.
     void observe(const std::string& name, uint64_t begin, uint64_t seconds)
     {
         while (now_second() < begin + seconds) {
@@ -218,7 +223,7 @@ class fabric_under_load
         }
     }
 
-    // A random host asks for the address of another one.
+    // Makes a random host ask the SA for the address of a random host.
     void start_probe()
     {
         kernel::machine& asker = world_.hosts[dice_() % world_.hosts.size()]->machine();
@@ -232,7 +237,7 @@ class fabric_under_load
         });
     }
 
-    // Notes how many records the SA has at this moment.
+    // Stores the number of records at the SA in records_, for the current second.
     void take_samples()
     {
         records_.resize(now_second() + 1);
@@ -242,15 +247,16 @@ class fabric_under_load
     void print(const std::string& name, uint64_t begin, uint64_t seconds)
     {
         counter_.by_second.resize(std::max<size_t>(counter_.by_second.size(), begin + seconds));
-        uint64_t complete = 0, found = begin;
+        // The second after which the SA has all records, and the second from which on all lookups succeed.
+        uint64_t registration_seconds = 0, success_begin = begin;
         for (uint64_t moment = begin; moment < begin + seconds; ++moment)
-            if (records_[moment] < world_.hosts.size()) complete = moment + 1 - begin;
+            if (records_[moment] < world_.hosts.size()) registration_seconds = moment + 1 - begin;
         std::string lookups;
         for (const auto& probe : probes_) {
             world_.sim->join(*probe->task);
             lookups += lookups.empty() ? "" : ",";
             lookups += probe->is_found ? "1" : "0";
-            if (!probe->is_found) found = probe->begin_tick / ticks_per_second + 1;
+            if (!probe->is_found) success_begin = probe->begin_tick / ticks_per_second + 1;
         }
         probes_.clear();
         const embedded::sa_queue_counts queue = world_.subnet.sa_queue_counts();
@@ -259,8 +265,9 @@ class fabric_under_load
                     "queue\":%zu,"
                     "\"dropped\":%llu,\"requests\":[",
                     name.c_str(), world_.hosts.size(), settings_["fabric"], settings_["period"], settings_["skew"],
-                    settings_["spread"], settings_["start-spread"], static_cast<unsigned long long>(complete),
-                    static_cast<unsigned long long>(found - begin), queue.longest,
+                    settings_["spread"], settings_["start-spread"],
+                    static_cast<unsigned long long>(registration_seconds),
+                    static_cast<unsigned long long>(success_begin - begin), queue.longest,
                     static_cast<unsigned long long>(queue.dropped));
         print_series(counter_.by_second, begin, seconds);
         std::printf("],\"records\":[");
@@ -278,7 +285,7 @@ class fabric_under_load
     bench_world world_;
     const load_settings settings_;
     request_counter counter_;
-    std::vector<uint64_t> records_; // at the SA, second by second
+    std::vector<uint64_t> records_; // the number of records at the SA, second by second
     std::vector<std::unique_ptr<probe>> probes_;
     std::vector<exec::task*> askers_;
     std::mt19937_64 dice_{1};

@@ -1,9 +1,11 @@
-// The load of a whole fabric on its SA, simulated with an SA of the measured speed.
+// Simulates a whole fabric, and measures the load on its SA. Settings define the speed of the SA. For docs/scale.md,
+// they are the times of OpenSM that bench/umad/sa-load.cpp measured.
 #pragma once
 
 #include <string>
 #include <vector>
 
-// Runs HOSTS hosts through a power-on, SM restarts, a hand-over, a silent SA and a flapping rack. `settings` are words
-// "name=value"; see the source. Prints one JSON object for each scenario. Returns the program's exit code.
+// Runs the scenarios: power-on, rest, restarts of the SM, a hand-over to another SM, a silent SA, and a rack whose
+// links flap. `hosts` is the number of hosts. `settings` are words "name=value"; load_settings in fabric-load.cpp lists
+// the names. Prints one JSON object for each scenario. Returns the program's exit code.
 int fabric_load(int hosts, const std::vector<std::string>& settings);

@@ -1,6 +1,6 @@
-// ats-figures: measures the figures of docs/report.md and prints a JSON object for each. `scripts/report` runs it and
-// draws them. With 'subnet', it prints the figures of a whole subnet beside their limits, for `make bench`. 'trace' is
-// the memory after a year of tracing, for example.
+// ats-figures: measures figures of docs/report.md and docs/scale.md. `scripts/report` and `scripts/scale-report` run it
+// and draw the figures. The first argument selects a figure. Most figures are printed as JSON objects. 'subnet' prints
+// the figures of a whole subnet beside their limits, for `make bench`.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -29,7 +29,7 @@ std::atomic<int32_t> logger_trace_level;
 namespace
 {
 
-constexpr uint64_t second = 1000;
+constexpr uint64_t second = 1000; // in ticks
 
 // Counts the requests to the SA, second by second.
 class load_meter final : public fabric::tap
@@ -48,7 +48,7 @@ class load_meter final : public fabric::tap
         uint64_t peak;
         std::string series; // "[0,3,...]"
     };
-    load between(uint64_t begin_second, uint64_t end_second) const
+    load load_of(uint64_t begin_second, uint64_t end_second) const
     {
         load result{0, 0, "["};
         for (uint64_t moment = begin_second; moment < end_second; ++moment) {
@@ -73,8 +73,9 @@ void show_load(const char* name, const load_meter::load& load)
                 static_cast<unsigned long long>(load.peak), load.series.c_str());
 }
 
-// The hosts start together. An hour later, the SM moves to another LID and loses all records, several times. Then the
-// SA does not answer for two minutes while every host asks for an address.
+// Measures the load of `hosts` hosts on the SA. The hosts start together. After an hour, the SM moves to another LID
+// and loses all records, several times. Then the SA does not answer for two minutes while every host asks for an
+// address.
 int scale(int hosts)
 {
     const exec::reserve last_memory;
@@ -86,12 +87,12 @@ int scale(int hosts)
     const auto seconds_now = [&] { return world.sim->now() / second; };
 
     world.sim->run_until(600 * second);
-    const load_meter::load first = meter.between(0, seconds_now());
+    const load_meter::load start_load = meter.load_of(0, seconds_now());
     world.sim->run_until(3600 * second);
-    const load_meter::load steady = meter.between(3000, seconds_now());
+    const load_meter::load steady_load = meter.load_of(3000, seconds_now());
 
-    // Repeat this six times, each time at another moment between two checks of a host. The duration depends on that
-    // moment.
+    // Restart the SM six times, each time at another moment between two checks of a host. The time until all hosts are
+    // registered again depends on that moment.
     uint64_t restart = 0, longest_ticks = 0, sum_ticks = 0;
     constexpr int restarts = 6;
     for (int i = 0; i < restarts; ++i) {
@@ -104,12 +105,12 @@ int scale(int hosts)
         sum_ticks += world.sim->now() - restart * second;
     }
     world.sim->run_until((restart + 120) * second);
-    const load_meter::load restart_load = meter.between(restart, restart + 120);
+    const load_meter::load restart_load = meter.load_of(restart, restart + 120);
 
     world.sim->run_until((restart + 200) * second);
     world.subnet.faults.sa_silent = true;
     std::vector<exec::task*> askers;
-    std::optional<ats::error> shortage; // if there is no memory for all askers
+    std::optional<ats::error> shortage; // set if the memory is not enough for all askers
     for (const auto& host : world.hosts) {
         try {
             askers.push_back(&host->machine().start("asker", [&] {
@@ -125,24 +126,24 @@ int scale(int hosts)
     world.sim->run_for(120 * second);
     for (exec::task* each : askers) world.sim->join(*each);
     if (shortage) return give_up(world, *shortage);
-    const load_meter::load silent = meter.between(restart + 200, restart + 440);
+    const load_meter::load silence_load = meter.load_of(restart + 200, restart + 440);
 
     std::printf("{\"hosts\":%d,\"kib_per_host\":%.1f,\"module_bytes\":%zu,\"converged_mean_s\":%.1f,"
                 "\"converged_longest_s\":%.1f,",
                 hosts, bytes_per_host / 1024, world.hosts[0]->machine().memory.bytes(),
                 static_cast<double>(sum_ticks) / restarts / second, static_cast<double>(longest_ticks) / second);
-    show_load("first", first);
+    show_load("first", start_load);
     std::printf(",");
-    show_load("steady", steady);
+    show_load("steady", steady_load);
     std::printf(",");
     show_load("restart", restart_load);
     std::printf(",");
-    show_load("silence", silent);
+    show_load("silence", silence_load);
     std::printf("}\n");
     return 0;
 }
 
-// The time of a lookup at the SA, with real threads and in real time.
+// Measures `count` lookups at the SA, with real threads and in real time.
 int lookups(int count)
 {
     const auto exec = exec::make_threaded_executor();
@@ -169,8 +170,8 @@ int lookups(int count)
     return 0;
 }
 
-// Repeats one step. `scripts/report` counts the instructions of two runs that differ in `count`, and calculates the
-// cost of one step from the difference.
+// Repeats one step `count` times. `scripts/report` counts the instructions of two runs with different counts, and
+// calculates the cost of one step from the difference.
 int repeat(const std::string& step, int count)
 {
     if (step == "encode" || step == "decode") {
@@ -190,13 +191,13 @@ int repeat(const std::string& step, int count)
     const uint32_t other = *world::parse_ipv4("10.0.0.2");
     fabric::mad_bytes answer{1, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, MAD_METHOD_GET | MAD_METHOD_RESPONSE};
     answer[17] = SA_ATTR_SERVICE_RECORD;
-    answer[64] = answer[183] = 1; // a GID and an address
+    answer[64] = answer[183] = 1; // the first byte of the ServiceGID, and a byte of ServiceData8
     world.subnet.faults.sa_silent = step == "send";
     for (int i = 0; i < count; ++i) {
         if (step == "receive") {
             stranger.send(1, {.lid = 2}, answer);
             world.sim->settle();
-        } else if (step == "send") { // a control command that sends one request without an answer
+        } else if (step == "send") { // the command sends one request, and the silent SA does not answer it
             host.enter("writer", [&] { host.proc.write(console::control_file, "delete_ip 10.0.0.1"); });
             world.sim->settle();
         } else if (world::resolve_address(host, other, world::lookup_mode::sa_only).status != ibat_stat_ok) {
@@ -207,7 +208,7 @@ int repeat(const std::string& step, int count)
     return 0;
 }
 
-// One host asks for the addresses of all others in turn, like the benchmark of resolutions.
+// Makes one host ask for the addresses of all others in turn, like resolve() in bench/resolution-bench.cpp.
 int resolutions(int count, int hosts)
 {
     bench_world world(hosts);

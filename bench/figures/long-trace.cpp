@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr uint64_t day_ticks = 86'400'000;
-constexpr int first_days = 3; // after these, the log has its full size
+constexpr int first_days = 3; // after this time, the log has its full size
 constexpr size_t growth_limit_bytes = size_t{64} << 10;
 
 size_t heap_bytes()
@@ -22,7 +22,7 @@ size_t heap_bytes()
 
 } // namespace
 
-// The host checks its record once a minute and traces every step.
+// The host checks its record at the SA once a minute, and traces every step of the check.
 int long_trace(int days)
 {
     const auto sim = exec::make_simulation();

@@ -10,7 +10,7 @@
 namespace
 {
 
-// The number of KiB in a line "name:  123 kB" of a file of /proc.
+// Returns the number of KiB in the line "name:  123 kB" of a file in /proc.
 double kib_in(const char* path, const std::string& name)
 {
     std::ifstream file(path);

@@ -3,7 +3,8 @@
 
 #include <cstddef>
 
-// The memory in bytes. Pages that several places share count once (Pss), and page tables count, too.
+// Returns the memory of this process in bytes, with its page tables. A page that is mapped several times counts once
+// (Pss of proc(5)).
 double memory_bytes();
 
 size_t mapping_count();

@@ -15,10 +15,10 @@ namespace
 
 constexpr size_t few_hosts = 10;
 
-// The limits hold for the largest subnet, on two cores and without a changed system setting.
-constexpr double seconds_limit = 60; // to bring all hosts up, and again to unload them
+// The limits apply to the largest subnet, which has 48000 hosts, on two cores and without a changed system setting.
+constexpr double seconds_limit = 60; // to bring all hosts up; the same again to unload them
 constexpr double kib_per_host_limit = 100;
-constexpr double ratio_limit = 1.3; // of the largest subnet's costs to those of ten hosts
+constexpr double ratio_limit = 1.3; // the costs in the largest subnet, divided by the costs in a subnet of ten hosts
 
 void print_figure(const char* name, double figure, const char* unit, double limit)
 {
@@ -32,16 +32,16 @@ double mappings_limit()
     return limit;
 }
 
-// The processor time of a lookup at the SA, in microseconds. `askers` hosts from all over the subnet ask in turn, each
-// for the address of another host.
+// Returns the processor time of a lookup at the SA, in microseconds. `askers` hosts from all over the subnet ask in
+// turn, each for the address of another host.
 double lookup_microseconds(bench_world& world, size_t askers)
 {
     constexpr size_t rounds = 20'000;
     const size_t hosts = world.hosts.size(), step = hosts / askers;
     double begin = 0;
     for (size_t i = 0; i < 2 * rounds; ++i) {
-        if (i == rounds) begin = processor_seconds();  // the first half fills the caches of the hosts
-        const size_t asker = i * 7919 % askers * step; // a prime: consecutive askers are far apart in memory
+        if (i == rounds) begin = processor_seconds();  // only the second half counts; the first half fills the caches
+        const size_t asker = i * 7919 % askers * step; // 7919 is a prime; consecutive askers are far apart in memory
         const uint32_t address =
             *world::parse_ipv4(bench_world::address_of(static_cast<int>((asker * 31 + i) % hosts) + 1));
         if (world::resolve_address(world.hosts[asker]->machine(), address, world::lookup_mode::sa_only).status !=
@@ -58,7 +58,7 @@ double lookup_microseconds_of_few_hosts()
     return lookup_microseconds(world, few_hosts);
 }
 
-// The processor time until the first tenth of the hosts is registered, and that of the last tenth.
+// The processor time to bring up the first tenth of the hosts, and the last tenth.
 struct bring_up_seconds {
     double first = 0;
     double last = 0;

@@ -1,8 +1,9 @@
 // Measures lookups of a whole host on its real port: IBAT asks ats, ats asks the SA, and the answer comes back the same
-// way. Compare it with bare-lookups with the same number of requests in flight.
+// way. bare-lookups is the reference, with the same number of requests in flight.
 //   ats-lookups OWN_ADDRESS LOOKUPS [path] ADDRESS...
 // With "path", each lookup also asks the SA for the path to the GID of the address. One request is in flight for each
-// address, because IBAT would join two for the same one. Prints the lookups per second, and the processor time of each.
+// address, because IBAT joins simultaneous requests for the same address. Prints the lookups per second, and the
+// processor time of each.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -28,26 +29,26 @@ namespace
     std::exit(2);
 }
 
-// Asks the SA for all addresses. After each answer, the callback asks for the same address again, until `count` lookups
-// were sent.
+// Asks the SA for all addresses at the same time. After each answer, the callback asks for the same address again,
+// until `count` lookups were sent.
 class repeated_lookups
 {
   public:
     repeated_lookups(kernel::machine& host, const std::vector<uint32_t>& addresses, uint64_t count, bool asks_for_paths)
         : refresh_(host, "ibat_refresh_fn"), refresh_path_(host, "ibat_refresh_path_fn"),
-          asks_for_paths_(asks_for_paths), questions_(addresses.size()), still_to_ask_(static_cast<int64_t>(count))
+          asks_for_paths_(asks_for_paths), questions_(addresses.size()), remaining_count_(static_cast<int64_t>(count))
     {
-        sema_init(&chain_ends_, 0);
+        sema_init(&ended_questions_, 0);
         for (size_t i = 0; i < addresses.size(); ++i) questions_[i] = {this, addresses[i]};
     }
 
     void run()
     {
         for (question& each : questions_) ask(each);
-        for (size_t i = 0; i < questions_.size(); ++i) down(&chain_ends_);
+        for (size_t i = 0; i < questions_.size(); ++i) down(&ended_questions_);
     }
 
-    uint64_t wrong() const { return wrong_; }
+    uint64_t failure_count() const { return failure_count_; }
 
   private:
     struct question {
@@ -57,7 +58,7 @@ class repeated_lookups
 
     void ask(question& question)
     {
-        if (still_to_ask_-- <= 0) return up(&chain_ends_);
+        if (remaining_count_-- <= 0) return up(&ended_questions_);
         if ((*refresh_)(question.ip, receive, &question) != ibat_stat_pending) fail("a request was refused");
     }
 
@@ -70,7 +71,7 @@ class repeated_lookups
             if ((*self.refresh_path_)(&gid, receive, context) != ibat_stat_pending) fail("a path request was refused");
             return;
         }
-        if (status != ibat_stat_ok) ++self.wrong_;
+        if (status != ibat_stat_ok) ++self.failure_count_;
         self.ask(answered_question);
     }
 
@@ -78,9 +79,9 @@ class repeated_lookups
     const world::published<ibat_refresh_path_fn_t> refresh_path_;
     const bool asks_for_paths_;
     std::vector<question> questions_;
-    std::atomic<int64_t> still_to_ask_;
-    semaphore chain_ends_;
-    std::atomic<uint64_t> wrong_{0};
+    std::atomic<int64_t> remaining_count_; // lookups that were not sent yet; negative at the end
+    semaphore ended_questions_;            // counts the questions that are not asked again
+    std::atomic<uint64_t> failure_count_{0};
 };
 
 // Waits until the host can resolve the address. On failure, returns the reason of the last try.
@@ -121,13 +122,13 @@ int main(int count, char** arguments)
     if (const auto ready = wait_ready(host.machine(), addresses.front()); !ready) fail(ready.error().text);
 
     const stopwatch watch;
-    uint64_t wrong = 0;
+    uint64_t failure_count = 0;
     host.machine().enter("bench", [&] {
         repeated_lookups lookups(host.machine(), addresses, lookup_count, asks_for_paths);
         lookups.run();
-        wrong = lookups.wrong();
+        failure_count = lookups.failure_count();
     });
     watch.print(static_cast<double>(lookup_count));
-    std::printf(" (%llu wrong)\n", static_cast<unsigned long long>(wrong));
-    return wrong == 0 ? 0 : 1;
+    std::printf(" (%llu wrong)\n", static_cast<unsigned long long>(failure_count));
+    return failure_count == 0 ? 0 : 1;
 }

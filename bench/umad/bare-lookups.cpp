@@ -1,5 +1,5 @@
-// The reference for lookups on a real fabric: only libibumad and the SA, in one thread. Several requests are in flight;
-// a new one follows each answer at once.
+// Measures lookups with libibumad only, in one thread. It is the reference for ats-lookups. WINDOW requests are in
+// flight: each answer is followed by the next request at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
 // Looks up the record of ADDRESS, LOOKUPS times. Prints the lookups per second, and the processor time of each. With
 // "path", each lookup also asks for the path to the GID in the record.
@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr int patience_ms = 500; // after this time, the requests in flight count as lost and are sent again
+constexpr int timeout_ms = 500; // without an answer for this time, all requests in flight are lost and sent again
 
 [[noreturn]] void fail(const char* reason)
 {
@@ -24,7 +24,7 @@ constexpr int patience_ms = 500; // after this time, the requests in flight coun
 
 void prepare(umad_buffer& request, const bare_port& port, const char* address)
 {
-    constexpr uint64_t address_lookup = 0x7FFFC1;
+    constexpr uint64_t address_lookup = 0x7FFFC1; // the component mask: ServiceID, ServiceName, ServiceData8
     records::host_record host;
     if (inet_pton(AF_INET, address, &host.address) != 1) fail("expected an IPv4 address");
     prepare_request(request, port, MAD_METHOD_GET, address_lookup, host);
@@ -38,7 +38,7 @@ void ask_for_path(umad_buffer& request, const umad_port_t& port, const wire_gid_
     path.sgid = to_wire(kq_gid_t{.eui64 = be64toh(port.port_guid), .subnet = be64toh(port.gid_prefix)});
     path.reversible_numb_path = 0x81;
     path.p_key = to_wire(uint16_t{0xFFFF});
-    constexpr uint64_t path_query = 0x380C; // both GIDs, reversible, number of paths, P_Key
+    constexpr uint64_t path_query = 0x380C; // the component mask: both GIDs, Reversible, NumbPath, P_Key
     request.mad = fabric_tools::make_request(MAD_METHOD_GET, SA_ATTR_PATH_RECORD, path_query, path);
 }
 
@@ -48,7 +48,7 @@ struct lookup_loop {
     bool asks_for_paths = false;
     umad_buffer request;
     uint32_t sent_count = 0;
-    std::vector<uint32_t> in_flight; // transactions; 0 means that the slot is free
+    std::vector<uint32_t> in_flight; // a slot for each request in flight: its transaction, or 0 if the slot is free
     long found_count = 0, refused_count = 0, lost_count = 0;
 
     void send(uint32_t& slot) { send(slot, request); }
@@ -57,14 +57,14 @@ struct lookup_loop {
     {
         slot = ++sent_count;
         request.mad.hdr.transact_id = to_wire(uint64_t{slot});
-        if (umad_send(port, agent, &request, MAD_SIZE, patience_ms, 0) < 0) fail("a request was not sent");
+        if (umad_send(port, agent, &request, MAD_SIZE, timeout_ms, 0) < 0) fail("a request was not sent");
     }
 
-    // Returns false if no answer came in time.
+    // Returns false if no answer came within timeout_ms.
     bool receive(umad_buffer& answer)
     {
         int length = MAD_SIZE;
-        return umad_recv(port, &answer, &length, patience_ms) >= 0;
+        return umad_recv(port, &answer, &length, timeout_ms) >= 0;
     }
 
     void count(const umad_buffer& answer)
@@ -92,15 +92,15 @@ struct lookup_loop {
         send(slot, path_request);
     }
 
-    // Runs until `lookups` are answered and nothing is in flight. Under ibsim, a process hangs if it ends while answers
-    // are on their way to it.
+    // Runs until `lookups` lookups are answered and nothing is in flight. Under ibsim, a process that ends earlier
+    // hangs, because answers are still on their way to it.
     void run(long lookups)
     {
         for (uint32_t& slot : in_flight) send(slot);
         umad_buffer answer;
-        for (size_t busy = in_flight.size(); busy > 0;) {
+        for (size_t busy_slots = in_flight.size(); busy_slots > 0;) {
             if (!receive(answer)) {
-                lost_count += static_cast<long>(busy);
+                lost_count += static_cast<long>(busy_slots);
                 for (uint32_t& slot : in_flight)
                     if (slot != 0) send(slot);
                 continue;
@@ -113,11 +113,11 @@ struct lookup_loop {
                     break;
                 }
                 count(answer);
-                if (found_count + refused_count + static_cast<long>(busy) <= lookups) {
+                if (found_count + refused_count + static_cast<long>(busy_slots) <= lookups) {
                     send(slot);
                 } else {
                     slot = 0;
-                    --busy;
+                    --busy_slots;
                 }
                 break;
             }

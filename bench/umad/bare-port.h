@@ -1,4 +1,5 @@
-// A port and its SA, with libibumad only. The benchmarks compare a whole host with it.
+// Opens a port and makes requests to its SA, with libibumad only. Benchmarks compare a whole host with programs that
+// use such a bare port.
 #pragma once
 
 #include <arpa/inet.h>
@@ -26,11 +27,11 @@ inline bare_port open_bare_port()
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port.attributes) < 0) return port;
     umad_release_port(&port.attributes); // frees only its P_Keys; the other fields do not change
     port.descriptor = umad_open_port(port.attributes.ca_name, port.attributes.portnum);
-    if (umad_size() != sizeof(ib_user_mad_t)) port.descriptor = -1; // known only with an open port
+    if (umad_size() != sizeof(ib_user_mad_t)) port.descriptor = -1; // umad_size() is valid only after umad_open_port()
     return port;
 }
 
-// Fills `request` with a request to the port's SA about a record. The TransactionID is left to the caller.
+// Fills `request` with a request to the port's SA about the record of `host`. The caller sets the TransactionID.
 inline void prepare_request(umad_buffer& request, const bare_port& port, uint8_t method, uint64_t component_mask,
                             const records::host_record& host)
 {

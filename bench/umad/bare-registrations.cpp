@@ -1,5 +1,6 @@
-// The reference for a registration after an event: only libibumad, in one thread. Like a host, it asks its port for
-// PortInfo, deletes its record at the SA and sets it again. Each request follows the answer to the previous one.
+// Measures registrations with libibumad only, in one thread. It is the reference for reregistrations. Like a host after
+// an event, it asks its port for PortInfo, deletes its record at the SA, and sets the record again. It sends each
+// request after the answer to the previous request.
 //   bare-registrations OWN_ADDRESS COUNT
 // Prints the median time of a registration.
 #include <algorithm>
@@ -14,7 +15,7 @@
 namespace
 {
 
-constexpr int patience_ms = 500;
+constexpr int timeout_ms = 500;
 
 [[noreturn]] void fail(const char* reason)
 {
@@ -25,17 +26,17 @@ constexpr int patience_ms = 500;
 // Sends the request and waits for its answer.
 void ask(const bare_port& port, int agent, umad_buffer& request)
 {
-    if (umad_send(port.descriptor, agent, &request, MAD_SIZE, patience_ms, 0) < 0) fail("a request was not sent");
+    if (umad_send(port.descriptor, agent, &request, MAD_SIZE, timeout_ms, 0) < 0) fail("a request was not sent");
     umad_buffer answer;
     int length = MAD_SIZE;
-    if (umad_recv(port.descriptor, &answer, &length, patience_ms) < 0 || umad_status(&answer) != 0)
+    if (umad_recv(port.descriptor, &answer, &length, timeout_ms) < 0 || umad_status(&answer) != 0)
         fail("a request was not answered");
 }
 
-// A question for the port's own PortInfo.
+// Makes a request for the PortInfo of the port itself.
 umad_buffer port_question(const bare_port& port)
 {
-    constexpr int permissive_lid = 0xFFFF; // this port, with any LID
+    constexpr int permissive_lid = 0xFFFF; // the destination is this port itself, whatever its LID is
     umad::self_query query(port.attributes.portnum);
     query.restart(umad::self_query::look::brief);
     const fabric::mad_bytes mad = query.next_question();
@@ -55,11 +56,12 @@ int main(int count, char** arguments)
     const bare_port port = open_bare_port();
     if (port.descriptor < 0) fail("no active port can be opened");
     host.gid = {.eui64 = be64toh(port.attributes.port_guid), .subnet = be64toh(port.attributes.gid_prefix)};
-    const int sa = umad_register(port.descriptor, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
-    const int self = umad_register(port.descriptor, umad::class_directed_route, umad::class_version_smp, 0, nullptr);
-    if (sa < 0 || self < 0) fail("cannot register the management classes");
+    const int sa_agent = umad_register(port.descriptor, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);
+    const int smp_agent =
+        umad_register(port.descriptor, umad::class_directed_route, umad::class_version_smp, 0, nullptr);
+    if (sa_agent < 0 || smp_agent < 0) fail("cannot register the management classes");
 
-    constexpr uint64_t record_identifier = 0x43; // ServiceID, ServiceGID and ServiceName
+    constexpr uint64_t record_identifier = 0x43; // the component mask: ServiceID, ServiceGID and ServiceName
     umad_buffer question = port_question(port), removal, registration;
     prepare_request(removal, port, MAD_METHOD_DELETE, record_identifier, host);
     prepare_request(registration, port, MAD_METHOD_SET, UINT64_MAX, host);
@@ -69,9 +71,9 @@ int main(int count, char** arguments)
         removal.mad.hdr.transact_id = to_wire(uint64_t{++sent_count});
         registration.mad.hdr.transact_id = to_wire(uint64_t{++sent_count});
         const auto begin = std::chrono::steady_clock::now();
-        ask(port, self, question);
-        ask(port, sa, removal);
-        ask(port, sa, registration);
+        ask(port, smp_agent, question);
+        ask(port, sa_agent, removal);
+        ask(port, sa_agent, registration);
         times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
     }
     std::ranges::sort(times);

@@ -1,5 +1,6 @@
-// The reference for a service that makes lookups for client processes on a real fabric: only sockets and libibumad. One
-// thread passes questions from the clients to the SA, the other passes the SA's answers to the clients.
+// Measures a minimal service that makes lookups for client processes, with sockets and libibumad only. It is the
+// reference for `ats run` on a real fabric. One thread passes questions from the clients to the SA. The other thread
+// passes the answers of the SA to the clients.
 //   bare-service LOOKUPS ADDRESS...
 // One client process runs for each address. It asks again and again, and waits for each answer. Questions and answers
 // have as many bytes as those of a real service. Prints the lookups per second of all clients together.
@@ -20,7 +21,7 @@
 namespace
 {
 
-constexpr int patience_ms = 2000;
+constexpr int timeout_ms = 2000;
 using question = std::array<char, 72>;
 using answer = std::array<char, 256>;
 
@@ -34,10 +35,10 @@ using answer = std::array<char, 256>;
 int ask(int socket, long count)
 {
     for (long i = 0; i < count; ++i) {
-        const question asked{};
-        answer received;
-        if (write(socket, asked.data(), asked.size()) != ssize_t{asked.size()}) return 2;
-        if (read(socket, received.data(), received.size()) != ssize_t{received.size()}) return 2;
+        const question output{};
+        answer input;
+        if (write(socket, output.data(), output.size()) != ssize_t{output.size()}) return 2;
+        if (read(socket, input.data(), input.size()) != ssize_t{input.size()}) return 2;
     }
     return 0;
 }
@@ -52,7 +53,7 @@ class service
         if (agent_ < 0) fail("cannot register the SA class");
         requests_.resize(clients.size());
         for (size_t i = 0; i < clients.size(); ++i) {
-            constexpr uint64_t address_lookup = 0x7FFFC1;
+            constexpr uint64_t address_lookup = 0x7FFFC1; // the component mask: ServiceID, ServiceName, ServiceData8
             records::host_record host;
             if (inet_pton(AF_INET, addresses[i], &host.address) != 1) fail("expected an IPv4 address");
             prepare_request(requests_[i], port_, MAD_METHOD_GET, address_lookup, host);
@@ -64,40 +65,42 @@ class service
     void pass_answers(long count)
     {
         for (long i = 0; i < count; ++i) {
-            umad_buffer received;
+            umad_buffer response;
             int length = MAD_SIZE;
-            if (umad_recv(port_.descriptor, &received, &length, patience_ms) < 0) fail("the SA does not answer");
-            const auto client = static_cast<uint32_t>(from_wire(received.mad.hdr.transact_id));
-            const answer sent{};
-            if (write(clients_[client], sent.data(), sent.size()) != ssize_t{sent.size()}) fail("a client is gone");
+            if (umad_recv(port_.descriptor, &response, &length, timeout_ms) < 0) fail("the SA does not answer");
+            const auto client = static_cast<uint32_t>(from_wire(response.mad.hdr.transact_id));
+            const answer output{};
+            if (write(clients_[client], output.data(), output.size()) != ssize_t{output.size()})
+                fail("a client is gone");
         }
     }
 
     // Passes `total` questions of the clients to the SA.
     void pass_questions(long total)
     {
-        const int ready = epoll_create1(EPOLL_CLOEXEC);
+        const int poller = epoll_create1(EPOLL_CLOEXEC);
         for (uint32_t i = 0; i < clients_.size(); ++i) {
             epoll_event event{.events = EPOLLIN, .data = {.u32 = i}};
-            epoll_ctl(ready, EPOLL_CTL_ADD, clients_[i], &event);
+            epoll_ctl(poller, EPOLL_CTL_ADD, clients_[i], &event);
         }
         std::array<epoll_event, 64> events;
-        for (long passed = 0; passed < total;) {
-            const int count = epoll_wait(ready, events.data(), events.size(), -1);
-            for (int i = 0; i < count; ++i) passed += pass_question(events[static_cast<size_t>(i)].data.u32, ready);
+        for (long passed_count = 0; passed_count < total;) {
+            const int count = epoll_wait(poller, events.data(), events.size(), -1);
+            for (int i = 0; i < count; ++i)
+                passed_count += pass_question(events[static_cast<size_t>(i)].data.u32, poller);
         }
     }
 
   private:
-    // Returns the number of questions passed: 1, or 0 if the client has ended.
-    int pass_question(uint32_t client, int ready)
+    // Passes a question of a client to the SA. Returns the number of passed questions: 1, or 0 if the client has ended.
+    int pass_question(uint32_t client, int poller)
     {
-        question asked;
-        if (read(clients_[client], asked.data(), asked.size()) <= 0) {
-            epoll_ctl(ready, EPOLL_CTL_DEL, clients_[client], nullptr); // the client has all its answers
+        question input;
+        if (read(clients_[client], input.data(), input.size()) <= 0) {
+            epoll_ctl(poller, EPOLL_CTL_DEL, clients_[client], nullptr); // the client has all its answers
             return 0;
         }
-        if (umad_send(port_.descriptor, agent_, &requests_[client], MAD_SIZE, patience_ms, 0) < 0)
+        if (umad_send(port_.descriptor, agent_, &requests_[client], MAD_SIZE, timeout_ms, 0) < 0)
             fail("a request was not sent");
         return 1;
     }
@@ -105,7 +108,7 @@ class service
     const std::vector<int> clients_;
     const bare_port port_;
     int agent_ = -1;
-    std::vector<umad_buffer> requests_; // by client
+    std::vector<umad_buffer> requests_; // the request for each client's questions
 };
 
 } // namespace
@@ -128,18 +131,18 @@ int main(int count, char** arguments)
         if (child == 0) _exit(ask(end, process_lookups));
         children.push_back(child);
     }
-    service served(clients, arguments + 2);
+    service bare_service(clients, arguments + 2);
     const auto begin = std::chrono::steady_clock::now();
-    std::thread questions([&] { served.pass_questions(process_lookups * processes); });
-    served.pass_answers(process_lookups * processes);
+    std::thread questions([&] { bare_service.pass_questions(process_lookups * processes); });
+    bare_service.pass_answers(process_lookups * processes);
     questions.join();
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    const std::chrono::duration<double> duration = std::chrono::steady_clock::now() - begin;
     int failures = 0;
     for (const pid_t child : children) {
         int status = 0;
         waitpid(child, &status, 0);
         failures += status != 0;
     }
-    std::printf("%.0f lookups/s\n", static_cast<double>(process_lookups * processes) / took.count());
+    std::printf("%.0f lookups/s\n", static_cast<double>(process_lookups * processes) / duration.count());
     return failures == 0 ? 0 : 2;
 }

@@ -1,5 +1,6 @@
-// Measures hosts that use libibumad, on one ibsim fabric with one OpenSM. Compares the lookups of a whole host with a
-// bare libibumad loop, with client processes and with saquery. Also measures the time until records are registered.
+// Measures hosts that use libibumad, on an ibsim fabric with OpenSM. Measures the lookups of a whole host, and compares
+// them with bare-lookups, with lookups of client processes, and with saquery. Also measures the time until records are
+// registered.
 //   fabric-bench [LOOKUPS]
 #include <algorithm>
 #include <cstdio>
@@ -19,7 +20,7 @@ using clock = std::chrono::steady_clock;
 constexpr int window = 16, large_window = 64;
 constexpr int rounds = 9; // each figure is the median of this many rounds
 constexpr int hosts = most_programs - 3;
-constexpr int first_target = 101; // the looked-up addresses start at 10.0.0.101
+constexpr int first_target = 101; // the lookups ask for 10.0.0.101 and the following addresses
 const std::string asker = "asker", sm_node = "sm";
 
 std::string target_address(int i)
@@ -38,7 +39,7 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-// For example "0.95 (0.91 to 0.99)": the median, the least and the greatest.
+// Formats the median, the least and the greatest of some figures, for example "0.95 (0.91 to 0.99)".
 std::string spread(const std::vector<double>& figures)
 {
     char text[64];
@@ -54,8 +55,9 @@ struct speed {
 
 constexpr int fabric_processor = 0, asker_processor = 1;
 
-// The programs that are started during its lifetime use this processor only, so that the fabric and the asker do not
-// displace each other. Does nothing if the machine has no such processor.
+// Programs that are started while this object exists run only on `processor`. The fabric and the asker get one
+// processor each, so they do not take processor time from each other. Does nothing if the machine has no such
+// processor.
 class pinned
 {
   public:
@@ -113,7 +115,8 @@ class bench
         if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
     }
 
-    // Another client of the SA registers the records for the lookups, under the GIDs of nodes without a program.
+    // Registers the records that the lookups ask for, with the program set-record. Their GIDs belong to nodes that run
+    // no program.
     void set_targets()
     {
         for (int i = 0; i < large_window; ++i) {
@@ -126,7 +129,8 @@ class bench
         }
     }
 
-    // Runs the command on the asker's node, on a processor of its own if `is_pinned`.
+    // Runs the command on the asker's node and reads the speed in its output. With `is_pinned`, the command runs only
+    // on asker_processor.
     speed speed_of(const std::vector<std::string>& command, bool is_pinned = false)
     {
         std::optional<pinned> own_processor;
@@ -144,7 +148,8 @@ class bench
         return command;
     }
 
-    // One client process for each target asks a service on the asker's node. Returns the total rate.
+    // Starts a service on the asker's node, and one client process for each target, which asks the service. Returns the
+    // rate of all clients together.
     double rate_of_clients()
     {
         const std::string socket = "/tmp/ats-fabric-bench-" + std::to_string(getpid()) + ".sock";
@@ -156,7 +161,7 @@ class bench
         return rate;
     }
 
-    // The programs run alternately, so other load on the machine affects both equally.
+    // Measures ats-lookups and bare-lookups. The two alternate, so that other load on the machine affects both equally.
     void measure_lookups(const char* name, int in_flight, bool asks_for_paths)
     {
         std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};
@@ -206,8 +211,8 @@ class bench
         std::printf("saquery, once per lookup: %.0f /s\n", queries / milliseconds_since(begin) * 1000);
     }
 
-    // Runs the program on the asker's node. Returns the milliseconds of a registration and, if it prints them, of a
-    // round trip.
+    // Runs the program on the asker's node. Returns two times in milliseconds: of a registration, and of a round trip
+    // to the SA. The second is 0 if the program does not print it.
     std::pair<double, double> median_times(const char* program)
     {
         constexpr const char* count = "101";
@@ -217,7 +222,8 @@ class bench
         return times;
     }
 
-    // A replacement for libibverbs reports the event to the host, because ibsim has no such events.
+    // ibsim does not report the event ClientReregister. The program `reregistrations` therefore replaces libibverbs and
+    // reports the event to the host itself.
     void measure_reregistration()
     {
 #ifdef REREGISTRATIONS

@@ -1,6 +1,6 @@
-// Measures how long a host's record is missing after the SM has asked for new registrations (ClientReregister). One
-// host runs on its real port, and a replacement for libibverbs reports the events. Compares with bare round trips to
-// the SA.
+// Measures the time from the event ClientReregister, by which the SM asks for new registrations, until the SA has
+// confirmed the host's record again. One host runs on its real port. This program replaces libibverbs, and reports the
+// events to the host itself. For comparison, it also measures single round trips to the SA.
 //   reregistrations OWN_ADDRESS COUNT
 #include <algorithm>
 #include <chrono>
@@ -23,12 +23,13 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-// One HCA with the name that ibsim gives it. It reports an event for each report().
-struct stand_in {
+// The only HCA that the functions below report. They replace those of libibverbs. Each call of report() causes one
+// event.
+struct event_source {
     ibv_device device{};
     ibv_context context{};
 
-    stand_in() { context.async_fd = eventfd(0, EFD_NONBLOCK | EFD_SEMAPHORE); }
+    event_source() { context.async_fd = eventfd(0, EFD_NONBLOCK | EFD_SEMAPHORE); }
     void report() { eventfd_write(context.async_fd, 1); }
 } verbs;
 
@@ -45,7 +46,7 @@ void ibv_free_device_list(ibv_device** list)
 }
 const char* ibv_get_device_name(ibv_device*)
 {
-    return "ibsim0";
+    return "ibsim0"; // the name that ibsim gives the HCA
 }
 ibv_context* ibv_open_device(ibv_device*)
 {
@@ -85,7 +86,7 @@ double milliseconds_since(clock::time_point begin)
     return std::chrono::duration<double, std::milli>(clock::now() - begin).count();
 }
 
-// The number of times that the SA has confirmed the host's record.
+// Returns how many times the SA has confirmed the host's record.
 uint64_t confirmations(kernel::machine& host)
 {
     uint64_t count = 0;
@@ -108,10 +109,10 @@ void wait_confirmed(kernel::machine& host, uint64_t count)
 
 double time_registration(kernel::machine& host)
 {
-    const uint64_t before = confirmations(host);
+    const uint64_t earlier_count = confirmations(host);
     const auto begin = clock::now();
     verbs.report();
-    wait_confirmed(host, before);
+    wait_confirmed(host, earlier_count);
     return milliseconds_since(begin);
 }
 
@@ -137,8 +138,8 @@ int main(int count, char** arguments)
     if (const auto load = host.load(); !load) fail(load.error().text);
     wait_confirmed(host.machine(), 0);
     std::vector<double> registrations, round_trips;
-    // Do not alternate: the answer to a lookup also confirms the record, and may be counted a little later, during a
-    // registration.
+    // Do not alternate the two measurements. The answer to a lookup also confirms the record. If this confirmation is
+    // counted a little late, it looks like the end of the next registration.
     for (int i = 0; i < rounds; ++i) registrations.push_back(time_registration(host.machine()));
     for (int i = 0; i < rounds; ++i) round_trips.push_back(time_round_trip(host.machine(), *address));
     std::printf("%.3f ms to register, %.3f ms a round trip\n", median(registrations), median(round_trips));

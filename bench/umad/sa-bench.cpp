@@ -1,6 +1,6 @@
-// Measures OpenSM's SA on a simulated fabric with sa-load, for tables of several sizes. Prints a JSON object for each
-// measurement; docs/data/opensm.jsonl has such output.
-//   sa-bench RECORDS... [-- OPTION...]      the options are those of sa-load
+// Measures OpenSM's SA on an ibsim fabric. Runs sa-load once for each number of records. Prints a JSON object for each
+// measurement; docs/data/opensm.jsonl is such output.
+//   sa-bench RECORDS... [-- OPTION...]      passes the options to sa-load
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,9 +14,10 @@ namespace
 using namespace fabric_tools;
 
 const std::string sm_node = "sm", asker_node = "asker";
-constexpr auto longest = 1800s; // for one size of the table
+constexpr auto longest = 1800s; // the time limit of one sa-load
 
-// Every size gets its own fabric and SM, because OpenSM keeps deleted memory.
+// Measures one size of the SA's table. Every size gets its own fabric and SM, because OpenSM keeps the memory of
+// deleted records.
 void measure(const std::string& records, const std::vector<std::string>& options)
 {
     ibsim_fabric net({sm_node, asker_node}, LARGE_SOCKET_BUFFERS);

@@ -10,9 +10,9 @@ namespace sa_load
 namespace
 {
 
-constexpr int umad_wait_ms = 20000; // libibumad reports a lost request after this time
+constexpr int umad_wait_ms = 20000; // the kernel reports a request without an answer after this time
 constexpr int sa_q_key = static_cast<int>(0x80010000);
-constexpr uint32_t slot_bits = 16; // of a transaction; the rest is a counter
+constexpr uint32_t slot_bits = 16; // the low bits of a transaction are the slot, the high bits are a counter
 static_assert(connection::most_in_flight == 1u << slot_bits);
 
 struct umad_buffer {
@@ -61,7 +61,7 @@ void connection::send(const sa_mad_v2_t& request)
     umad_set_addr(&buffer, attributes_.sm_lid, 1, attributes_.sm_sl, sa_q_key);
     buffer.mad = request;
     ++sent_count_;
-    if (sent_count_ << slot_bits == 0) ++sent_count_; // no transaction is 0
+    if (sent_count_ << slot_bits == 0) ++sent_count_; // a transaction must not be 0, which marks a free slot
     const uint32_t transaction = sent_count_ << slot_bits | index;
     buffer.mad.hdr.transact_id = to_wire(uint64_t{transaction});
     if (umad_send(port_, agent_, &buffer, MAD_SIZE, umad_wait_ms, 0) < 0)
@@ -78,7 +78,7 @@ bool connection::receive(std::chrono::milliseconds longest)
     if (umad_recv(port_, &buffer, &length, static_cast<int>(longest.count())) < 0) return false;
     const auto transaction = static_cast<uint32_t>(from_wire(buffer.mad.hdr.transact_id));
     slot& slot = slots_[transaction & (most_in_flight - 1)];
-    if (slot.transaction != transaction || transaction == 0) return true; // it was given up
+    if (slot.transaction != transaction || transaction == 0) return true; // give_up_lost() has counted it as lost
     if (umad_status(&buffer) != 0) {
         ++results.lost;
         release(slot);

@@ -1,5 +1,5 @@
-// One connection to the SA with many requests in flight, for measurements. It sends single datagrams through libibumad,
-// and counts answers, late answers and losses. For one thread.
+// A connection to the SA with many requests in flight, for measurements. It sends single datagrams through libibumad,
+// and counts answers, late answers and losses. Only one thread may use it.
 #pragma once
 
 #include <chrono>
@@ -15,20 +15,21 @@ using clock = std::chrono::steady_clock;
 // The results of some requests.
 struct tally {
     uint64_t answered = 0;         // with any status
-    uint64_t late = 0;             // of the answered: later than `late_after`
-    uint64_t busy = 0;             // of the answered: with the status BUSY
-    uint64_t refused = 0;          // of the answered: with another error status
-    uint64_t lost = 0;             // not answered within `lost_after`
+    uint64_t late = 0;             // answers after more than `late_after`
+    uint64_t busy = 0;             // answers with the status BUSY
+    uint64_t refused = 0;          // answers with another error status
+    uint64_t lost = 0;             // requests without an answer within `lost_after`
     std::vector<float> latency_ms; // of each answer
 
-    // The latency that this percentage of the answers does not exceed; 0 without answers.
+    // Returns the latency that `percent` percent of the answers do not exceed. Returns 0 without answers.
     double percentile_ms(double percent);
 };
 
 class connection
 {
   public:
-    // A host gives up a lookup after about two seconds, and a client of ats after some more.
+    // An answer is late after one second, because a host gives up a lookup after one to two seconds. A request is lost
+    // when nobody waits for its answer any more.
     static constexpr std::chrono::milliseconds late_after{1000}, lost_after{20000};
     static constexpr size_t most_in_flight = 65536;
 
@@ -44,19 +45,19 @@ class connection
     // Sends a request. Throws std::runtime_error if libibumad refuses it, or if too many are in flight.
     void send(const sa_mad_v2_t& request);
 
-    // Waits for an answer for at most `longest`, and counts it. Returns false if there was none.
+    // Waits for an answer, for at most `longest`. Counts it in `results`. Returns false if no answer came.
     bool receive(std::chrono::milliseconds longest);
 
-    // Counts the requests that are too old as lost.
+    // Counts the requests without an answer after `lost_after` as lost.
     void give_up_lost();
 
     size_t in_flight() const { return in_flight_; }
 
-    tally results; // of all requests since the last reset
+    tally results; // the caller may clear it before a measurement
 
   private:
     struct slot {
-        uint32_t transaction = 0; // 0: free
+        uint32_t transaction = 0; // 0 means that the slot is free
         clock::time_point sent;
     };
 

@@ -1,10 +1,11 @@
-// Measures what an SA can serve: requests of many hosts over one connection, through libibumad.
+// Measures how many requests an SA can serve. Sends the requests of many hosts over one connection, through libibumad.
 //   sa-load SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] [--aged] [--overload SECONDS]
-// Registers RECORDS hosts first. With --aged, it then deletes all records and registers them again in another order, so
+// First registers RECORDS hosts. With --aged, it then deletes all records and registers them again in another order, so
 // that they are scattered over the SA's memory, as after years of changes. Then it keeps a window of requests in
-// flight, for each kind of request alone and for a mix. With --overload, it also sends more than the SA can serve, and
-// waits until the SA has recovered. Prints one JSON object for each measurement. The processor time of the SM process
-// SM_PID (0: none) depends little on the load of the machine. PATH_GUID is the port GUID to which paths are asked.
+// flight, for each kind of request alone and for a mix. With --overload, it also sends more requests than the SA can
+// serve, and waits until the SA has recovered. Prints one JSON object for each measurement. SM_PID is the process of
+// the SM. Its processor time is also measured, because it depends little on other load of the machine; 0 leaves this
+// out. PATH_GUID is the port GUID of the destination of paths.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -48,7 +49,7 @@ double seconds_since(clock::time_point begin)
     return std::chrono::duration<double>(clock::now() - begin).count();
 }
 
-// Adds up the time and the processor time of those parts of a measurement that count.
+// Adds up the time, and the processor time of the SM, of the parts of a measurement that are passed to time().
 struct stopwatch {
     pid_t sm;
     double seconds = 0, sm_seconds = 0;
@@ -89,7 +90,8 @@ class load
 
     uint32_t any_host() { return static_cast<uint32_t>(dice_() % plan_.records); }
 
-    // Sends `count` requests from `next`, with `window` in flight, and waits for all answers.
+    // Sends `count` requests, which `next` makes, with at most `window` of them in flight. Returns when all are
+    // answered or lost.
     void exchange(size_t window, uint64_t count, const std::function<sa_mad_v2_t(uint64_t)>& next)
     {
         for (uint64_t sent = 0; sent < count || connection_.in_flight() > 0;) {
@@ -98,7 +100,7 @@ class load
         }
     }
 
-    // Registers all hosts. Those whose request was lost are registered again.
+    // Registers all hosts. Throws std::runtime_error if a request was lost or refused.
     void fill()
     {
         constexpr size_t window = 16;
@@ -136,8 +138,9 @@ class load
         print(kind, window, watch);
     }
 
-    // A mix as hosts send it: most requests are checks of the own record, some are lookups of an address and its path,
-    // and few are registrations.
+    // Makes a request of this kind for a random host. For "mixed", draws the kind as hosts send them: half of the
+    // requests are checks of the host's own record, 40 percent are lookups of addresses and paths, ten percent are
+    // registrations.
     sa_mad_v2_t next_of(const std::string& kind)
     {
         if (const auto single = kind_named(kind)) return request(*single, any_host());
@@ -158,8 +161,8 @@ class load
         exchange(window, 0, {});
     }
 
-    // Deletes some records and registers them again, repeatedly. Only the Deletes count. The table shrinks by a tenth
-    // at most meanwhile, or by ten records.
+    // Deletes some records and registers them again, repeatedly. Measures only the Deletes. Meanwhile, at most a tenth
+    // of the records is missing, or ten records if that is more.
     void measure_deletes(size_t window, stopwatch& watch)
     {
         const uint64_t part = std::min<uint64_t>(plan_.records, std::clamp<uint64_t>(plan_.records / 10, 10, 1000));
@@ -180,8 +183,8 @@ class load
         } while (seconds_since(begin) < 2 * plan_.seconds);
     }
 
-    // Sends the mix at a fixed rate, a share of the best rate that was measured for it, without waiting for answers.
-    // Afterwards, asks one request after another until an answer is as fast as before.
+    // Sends the mix at a fixed rate, without waiting for answers. The rate is `share` times the best rate that print()
+    // has seen for the mix. Afterwards, sends one request after another until an answer comes about as fast as before.
     void overload(double share)
     {
         const double usual_ms = probe_ms();
@@ -215,7 +218,7 @@ class load
         print_results(watch);
     }
 
-    // The latency of a single request.
+    // Returns the latency of a single request.
     double probe_ms()
     {
         const clock::time_point begin = clock::now();

@@ -13,9 +13,9 @@ namespace
 
 // The component masks that hosts use (IBA 15.2.5.14 and 15.2.5.16).
 constexpr uint64_t set_mask = UINT64_MAX & ~(uint64_t{1} << SR_COMPONENT_SERVICE_P_KEY);
-constexpr uint64_t by_gid_mask = 0x43;
-constexpr uint64_t by_address_mask = 0x7FFFC1;
-constexpr uint64_t path_mask = 0x380C; // both GIDs, reversible, number of paths, P_Key
+constexpr uint64_t by_gid_mask = 0x43;         // ServiceID, ServiceGID, ServiceName
+constexpr uint64_t by_address_mask = 0x7FFFC1; // ServiceID, ServiceName, ServiceData8
+constexpr uint64_t path_mask = 0x380C;         // both GIDs, Reversible, NumbPath, P_Key
 
 constexpr uint64_t default_gid_prefix = 0xFE80000000000000;
 constexpr uint64_t first_guid = 0x0A75000000000000;

@@ -1,5 +1,5 @@
-// The requests of many hosts to the SA, for measurements. Host number N has a GID, an address and a name made of N. A
-// host's port need not exist.
+// Makes requests of many hosts to the SA, for measurements. The GID, the address and the name of host number N result
+// from N. The hosts and their ports need not exist.
 #pragma once
 
 #include <array>
@@ -21,10 +21,11 @@ constexpr std::array all_kinds = {request_kind::set, request_kind::remove, reque
 std::string name_of(request_kind kind);
 std::optional<request_kind> kind_named(const std::string& name);
 
-// The request of this kind for host `number`. A path leads from `source` to `destination`. The transaction is 0.
+// Returns the request of this kind for host `number`. A request for a path asks for the path from `source` to
+// `destination`. The TransactionID is 0.
 //
-// A Set selects all components except the P_Key. OpenSM refuses a Set with a P_Key for a GID without a port, and does
-// the same work otherwise.
+// A Set selects all components except the P_Key. With a P_Key, OpenSM refuses a Set if no port has the GID. Without a
+// P_Key, it does the same work and stores the record.
 sa_mad_v2_t make_request(request_kind kind, uint32_t number, const kq_gid_t& source, const kq_gid_t& destination);
 
 } // namespace sa_load

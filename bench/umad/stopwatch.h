@@ -1,4 +1,4 @@
-// Measures the speed and the cost of lookups. Runs from its construction.
+// Measures the speed and the processor time of lookups. The measurement begins when the object is constructed.
 #pragma once
 
 #include <chrono>
