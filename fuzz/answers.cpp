@@ -1,4 +1,5 @@
-// libatsclient must neither crash nor lose a question for any bytes from a service. Each question ends exactly once.
+// Fuzzes libatsclient. An input is the bytes that a service sends. libatsclient must not crash, and each question must
+// end exactly once.
 #include <cstdlib>
 #include <string>
 #include <sys/socket.h>
@@ -28,10 +29,11 @@ struct listener {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
 };
 
-// Sends the bytes to the waiting client, and closes the connection.
-void answer(int listening, const uint8_t* data, size_t size)
+// Sends the bytes to the client that waits at the socket, and closes the connection. Most inputs get a valid hello
+// before them. The other inputs contain their own hello, or none.
+void answer(int listening_socket, const uint8_t* data, size_t size)
 {
-    const int fd = accept(listening, nullptr, nullptr);
+    const int fd = accept(listening_socket, nullptr, nullptr);
     if (fd < 0) return;
     constexpr char hello[] = "{\"protocol\":1}\n";
     if (size > 0 && data[0] % 8 != 0) send(fd, hello, sizeof hello - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -49,14 +51,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     for (uint64_t tag = 0; tag < questions; ++tag)
         if (ats_submit_resolve(client, 1, nullptr, tag) != ATS_OK) std::abort();
     if (ats_request_begin(client, R"({"request":"log"})", 1000) != ATS_OK) std::abort();
-    size_t ended = 0;
-    for (int connection = 0; connection < 3; ++connection) { // a broken connection is replaced once
+    size_t ended_count = 0;
+    // After a broken connection, libatsclient makes another one.
+    for (int connection = 0; connection < 3; ++connection) {
         answer(service.fd, data, size);
         ats_answer_t answers[questions];
-        ended += ats_collect(client, answers, questions);
+        ended_count += ats_collect(client, answers, questions);
     }
     for (char* line = nullptr; ats_request_next(client, 1, &line) == ATS_OK;) ats_free(line);
-    if (ended != questions) std::abort();
+    if (ended_count != questions) std::abort();
     ats_close(client);
     return 0;
 }

@@ -1,4 +1,4 @@
-// The configuration file of `ats run`. An input is the whole file.
+// Fuzzes the reader of the configuration of `ats run`. An input is a whole file.
 #include <sys/mman.h>
 #include <unistd.h>
 

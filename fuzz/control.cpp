@@ -1,4 +1,4 @@
-// The control file. An input is the text of one write.
+// Fuzzes the control file of ats. An input is the text that a program writes to the file at once.
 #include "fuzz/one-host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)

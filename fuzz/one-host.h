@@ -1,5 +1,5 @@
-// The world of most fuzzers: a simulated fabric with one registered host that runs the service, and an HCA outside of
-// the service. An exception or a hard error ends the process, and the fuzzer reports it.
+// The world of most fuzzers: a simulated fabric with one registered host, node1, and with an HCA of no host,
+// `stranger`. An exception or a hard error ends the process. libFuzzer then reports the input.
 #pragma once
 
 #include <cstdlib>
@@ -14,7 +14,7 @@
 namespace fuzz
 {
 
-// Aborts with the text unless `holds` is true.
+// If `holds` is false, prints `fault` and ends the process.
 inline void require(bool holds, const char* fault)
 {
     if (holds) return;
@@ -34,7 +34,7 @@ struct one_host {
 
     kernel::machine& machine() { return host.machine(); }
 
-    // Call it after each input. The host must be idle again: all its datagrams are back in their pools.
+    // Call it after each input. Waits until the host is idle. All datagrams must then be back in their pools.
     void check()
     {
         sim->settle();

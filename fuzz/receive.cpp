@@ -1,5 +1,5 @@
-// Raw datagrams, which pass through GSI and the service to the callbacks of IBAT and UCM. An input is a sequence of
-// datagrams, each with a byte of flags before it.
+// Fuzzes the receipt of datagrams. They pass through GSI and ats to the callbacks of IBAT and UCM. An input is a
+// sequence of datagrams, each with a byte of flags before it.
 #include <algorithm>
 #include <cstring>
 
@@ -10,9 +10,9 @@
 namespace
 {
 
-constexpr uint8_t flag_port = 1;        // send it to the second port
-constexpr uint8_t flag_sa_response = 2; // make it a response of the SA's class; most other datagrams are dropped early
-constexpr uint8_t flag_ask_before = 4;  // make a UCM user ask for its GID first
+constexpr uint8_t flag_port = 1;        // the destination is the second port
+constexpr uint8_t flag_sa_response = 2; // becomes a response of the SA's class; GSI drops most other datagrams at once
+constexpr uint8_t flag_ask_before = 4;  // first, a user of UCM asks for the GID in the datagram
 
 void check_answer(ibat_stat_t, ibat_arp_data_t* record, void*)
 {
@@ -21,7 +21,7 @@ void check_answer(ibat_stat_t, ibat_arp_data_t* record, void*)
 
 void ask(fuzz::one_host& host, const fabric::mad_bytes& mad)
 {
-    constexpr size_t gid_offset = 64; // in a ServiceRecord's MAD: the GID of the question
+    constexpr size_t gid_offset = 64; // of the ServiceGID in a MAD with a ServiceRecord
     kq_gid_t gid;
     memcpy(&gid, mad.data() + gid_offset, sizeof gid);
     std::reverse(reinterpret_cast<uint8_t*>(&gid), reinterpret_cast<uint8_t*>(&gid + 1));

@@ -1,5 +1,6 @@
-// The sockets of `ats run`. An input is the bytes of a client before it closes its side. An input that begins with the
-// version of librdmacm's protocol goes to the socket for librdmacm. Threads serve both sockets in real time.
+// Fuzzes the sockets of `ats run`. An input is the bytes that a client sends before it closes its side of the
+// connection. An input that begins with the version of librdmacm's protocol goes to the socket for librdmacm. All other
+// inputs go to the socket for clients. Threads serve both sockets in real time.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,7 +22,7 @@ struct service {
     static cli::world_config config()
     {
         cli::world_config config = cli::numbered_hosts(2);
-        config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // makes requests end soon
+        config.hosts[0].modules[0].parameters = "ibat_retry_ticks=1"; // a request without an answer then fails soon
         return config;
     }
 
@@ -57,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static service service;
     const bool is_acm = size > 0 && bytes[0] == acm::protocol_version;
-    const bool says_hello = !is_acm && size % 8 != 0; // some inputs have their own hello or none
+    const bool says_hello = !is_acm && size % 8 != 0; // the other inputs contain their own hello, or none
     const raw_connection client(is_acm ? service.acm_path : service.path, says_hello);
     send_all(client.fd(), bytes, size);
     shutdown(client.fd(), SHUT_WR);
