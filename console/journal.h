@@ -42,8 +42,8 @@ void print(const notice& notice);
 // next printed line, it prints a warning with their number. After start_line_writer() it does not wait. Any thread.
 void print_limited(const notice& notice);
 
-// Prints the line on stdout, and waits like print(). Returns false if the write has failed. Returns true if the line is
-// not written after a second. Any thread.
+// Prints the line on stdout, and waits like print(). Returns false if the write has failed. If the line is still not
+// written after a second, returns true. Any thread.
 bool print_output(const std::string& line);
 
 // Waits until all lines are written, for at most a second. Does nothing before start_line_writer(). Any thread.

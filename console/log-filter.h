@@ -1,4 +1,5 @@
-// Finds the trace level of a log line. Commands and the journal filter log lines by their level.
+// Finds the trace level of a log line. `ats log` selects lines by their level, the journal gets a priority from it, and
+// metrics count the lines of each level.
 #pragma once
 
 #include <string_view>

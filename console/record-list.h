@@ -25,8 +25,9 @@ struct record_list {
     std::vector<std::string> remarks;            // each line tells which records may be missing, and why
 };
 
-// Asks the SA through the port of `sa`. A search through the addresses takes some seconds. Fails with unreachable if
-// the SA does not answer. Fails with failed if the SA refuses the request or the port cannot be used.
+// Returns the records that `filter` selects. Asks the SA through the port of `sa`. A search through the addresses takes
+// some seconds. Fails (unreachable) if the SA does not answer. Fails (failed) if the SA refuses the request, or if the
+// port cannot be used.
 ats::result<record_list> list_records(umad::sa_client& sa, const record_filter& filter);
 
 } // namespace console

@@ -1,6 +1,6 @@
 // Fuzzes the SA of the embedded fabric. An input is a sequence of requests. The byte before each request is the number
 // of ticks to wait after the request. If the byte is odd, the request gets the header of a request about a
-// ServiceRecord. Without that, the SA refuses most requests at once.
+// ServiceRecord. The SA refuses or ignores most other requests at once.
 #include <algorithm>
 
 #include "fuzz/one-host.h"

@@ -18,8 +18,8 @@ struct window {
 
 struct cut_options {
     std::optional<window> selection = {}; // the window to show; without it, the largest window within byte_limit
-    bool keeps_end = false;               // the window is at the end of the recording, not at its beginning
-    size_t byte_limit = 4 << 20;          // for the datagrams, log lines and tables of a window without `selection`
+    bool keeps_end = false;      // true: this largest window is at the end of the recording; false: at its beginning
+    size_t byte_limit = 4 << 20; // for the datagrams, log lines and tables of a window without `selection`
 };
 
 struct cut_recording {

@@ -23,8 +23,8 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-// The only HCA that the functions below report. They replace those of libibverbs. Each call of report() causes one
-// event.
+// The only HCA of this program's replacement for libibverbs, which is the functions below. Each call of report() causes
+// one event ClientReregister.
 struct event_source {
     ibv_device device{};
     ibv_context context{};

@@ -21,7 +21,7 @@ class outlets
 {
   public:
     using print_t = std::function<void(const std::string& line)>; // prints a line for the administrator
-    using text_t = std::function<std::string()>;                  // makes the text of the metrics; called in any thread
+    using text_t = std::function<std::string()>; // makes the text of the metrics; may run in any thread
 
     // Starts a thread if an outlet is configured. Throws exec::shortage if the thread cannot be created.
     outlets(const cli::metrics_config& config, text_t text, print_t print);

@@ -79,7 +79,7 @@ class open_logs
     uint64_t last_handle_ = no_log;
 };
 
-// The state of a FUSE session, which is its user data for libfuse.
+// The state of a FUSE session. libfuse passes it to each call as the user data of the session.
 struct mount_state {
     explicit mount_state(const std::vector<kernel::machine*>& machines) : tree(machines) {}
     mount_tree tree;

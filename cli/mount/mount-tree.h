@@ -39,8 +39,8 @@ class log_size
   private:
     kernel::log& log_;
     int follower_;
-    std::atomic<uint64_t> written_bytes_{0}; // since the machine started
-    std::atomic<uint64_t> dropped_bytes_{0}; // those of written_bytes_ that the log had dropped when readers_ became 1
+    std::atomic<uint64_t> written_bytes_{0}; // of all lines since the machine started
+    std::atomic<uint64_t> dropped_bytes_{0}; // of the lines that were already dropped when readers_ became 1
     std::mutex mutex_;                       // guards the changes of readers_ and dropped_bytes_
     int readers_ = 0;
 };

@@ -42,7 +42,7 @@ struct access_rules {
     // The highest trace level of log lines for users who may send questions but no orders; 0 means no lines.
     int log_level = 0;
 
-    // Returns true if users other than root and the owner may send questions or orders.
+    // Returns true if users other than root and the user that runs the service may send questions or orders.
     bool is_open_to_others() const;
     bool operator==(const access_rules&) const = default;
 };

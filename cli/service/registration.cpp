@@ -170,7 +170,8 @@ ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_befo
     const bool is_of_order =
         is_new_record(records::decode(registration.record)) &&
         (registration.state != registration_state::confirmed || registration.confirmations > confirmations_before);
-    // The host first sends a Delete of the old record. The Set of the new record follows the answer to the Delete.
+    // No Set of the new record was sent. Before a Set, ats sends a Delete of the old record. If the Delete has no
+    // answer, the SA is silent.
     if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent();
     if (registration.state == registration_state::asked) return false;
     return answer_of(registration).map([] { return true; });

@@ -29,9 +29,8 @@ ats::result<json> answer_status(running_hosts& hosts, const json& request);
 // function for them.
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
-// {"name"}: "matches", the records with that host name at the SA of the embedded fabric. On a real fabric, the answer
-// is
-// {"real": true}; the client then asks the SA itself.
+// {"name"}: "matches", the records with that host name at the SA of the embedded fabric. On a real fabric, the client
+// must ask the SA itself; the answer then is {"real": true}.
 ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
 
 // {"host", "gid"}: the address of the GID, its source, and the result of the verification at the SA. Like

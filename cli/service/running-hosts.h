@@ -1,5 +1,5 @@
-// Runs the fabric and the hosts of `ats run`, in real time. The fabric is embedded in this program, or it consists of
-// this machine's real ports. A real fabric has one host here: this machine.
+// Runs the fabric and the hosts of `ats run`, in real time. The fabric is either embedded in this program, with any
+// number of hosts, or it is reached through this machine's real ports, with this machine as the only host.
 #pragma once
 
 #include <chrono>
@@ -42,8 +42,8 @@ class running_hosts
     running_hosts& operator=(const running_hosts&) = delete;
 
     // Loads every host's modules, then brings up all links of an embedded fabric. Before each host, calls `may_go_on`
-    // with the number of hosts that have started. If `may_go_on` returns false, stops and returns false. An error names
-    // the host that did not start, and shows the end of its log.
+    // with the number of hosts that have started. If `may_go_on` returns false, starts no further host and returns
+    // false. An error names the host that did not start, and shows the end of its log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
     // Stops the hosts in reverse order, and deletes the records that they have left at the SA. If the SA does not

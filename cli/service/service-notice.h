@@ -7,7 +7,7 @@ namespace cli
 
 // Sends `state`, for example "READY=1" or "STOPPING=1"; it may have several lines. If `file` is not -1, also sends a
 // copy of this descriptor. Waits at most 0.1 seconds for a busy service manager. Returns false if there is no service
-// manager or it could not be reached. Most callers need not know that. Any thread.
+// manager or it could not be reached. Most callers ignore the result. Any thread.
 bool notify_service_manager(const char* state, int file = -1);
 
 } // namespace cli

@@ -12,8 +12,8 @@ class service_signals
     enum class signal_meaning { stop, reload };
 
     // Blocks the signals in this thread and in all threads that it starts later; only wait() accepts them. SIGINT and
-    // SIGTERM end the service. Without `can_reload`, SIGHUP also ends it. With `can_reload`, SIGHUP means reload. But
-    // it ends a service that was started on a terminal if the terminal has closed.
+    // SIGTERM end the service. Without `can_reload`, SIGHUP also ends the service. With `can_reload`, SIGHUP means
+    // reload; only the SIGHUP of a closing terminal, on which the service was started, ends the service.
     explicit service_signals(bool can_reload);
 
     // Returns true if wait() would return `stop` at once. Does not wait.

@@ -48,7 +48,8 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
-// The longest spread. A host may start so much later, and systemd ends a service that has not started after 90 seconds.
+// The longest spread. A spread delays the start of the service, and systemd ends a service that has not started after
+// 90 seconds.
 constexpr int longest_spread_seconds = 60;
 
 // How often a host asks the SA for its own record. The time between two checks is the period plus a random time, which
@@ -74,7 +75,7 @@ struct host_settings {
 // A host's plan, built from its settings and from the module parameters in the file.
 struct host_config : world::host_plan {
     host_settings settings = {};
-    std::vector<std::string> parameters = {}; // of each module, in the file; text for insmod
+    std::vector<std::string> parameters = {}; // for each module, its parameters in the file, as text for insmod
 };
 
 struct world_config {
