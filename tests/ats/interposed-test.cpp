@@ -105,8 +105,7 @@ TEST_F(interposed, odd_events_are_logged_and_change_nothing)
         const char* line;
     } table[] = {
         {own, 0x30000, 1,
-         "DEBUG sa/ats_async_event_cb: Received async event <type: 30000> <port:1>"}, // link up and link down in one
-                                                                                      // event
+         "DEBUG sa/ats_async_event_cb: Received async event <type: 30000> <port:1>"}, // link up and down
         {own, 0, 2, "DEBUG sa/ats_async_event_cb: Received async event <type: 0> <port:2>"},
         {own, 0x10000, 0, "ERROR sa/handle_link_up: port 0 is not used"},
         {own, 0x10000, 1, "DEBUG sa/ats_async_event_cb: Received link_up <port:1>"}, // of the active port

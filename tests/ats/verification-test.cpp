@@ -23,7 +23,7 @@ struct verification : testing::Test {
     }
 
     // Runs until the next check has ended, if need be by a time-out. Returns the requests to the SA. Their ticks count
-    // from the begin of the check.
+    // from the beginning of the check.
     lines check()
     {
         w.requests();

@@ -377,8 +377,8 @@ TEST(bad_input, other_users_may_ask_what_the_configuration_allows)
 {
     if (geteuid() != 0) GTEST_SKIP() << "only root can be two users";
     const std::string resolve = R"({"request":"resolve","address":"10.0.0.1"})";
-    const std::string order = R"({"request":"set-name","name":"mine","no_wait":true})"; // the SA may not have confirmed
-                                                                                        // the first registration yet
+    // The order does not wait for the SA, which may still be busy with the host's first registration.
+    const std::string order = R"({"request":"set-name","name":"mine","no_wait":true})";
     const std::string log = R"({"request":"log","level":1})", all_of_log = R"({"request":"log"})";
     const struct {
         std::string access, line, answer;

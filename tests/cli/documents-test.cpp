@@ -81,8 +81,7 @@ TEST(documents, manual_pages_name_the_options_of_every_command_and_no_others)
         EXPECT_THAT(options, IsSubsetOf(page_options)) << page;
         std::set<std::string> foreign;
         std::ranges::set_difference(page_options, options, std::inserter(foreign, foreign.end()));
-        // A page may also mention these options of other commands: `ats run --hosts` and `--record`, `tail -f`, `jq
-        // -r`.
+        // A page may also mention options of other commands: --hosts and --record of `ats run`, -f of tail, -r of jq.
         EXPECT_THAT(foreign, IsSubsetOf({"--hosts", "--record", "-r", "-f"})) << page;
     }
 }

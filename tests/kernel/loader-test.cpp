@@ -272,7 +272,7 @@ TEST_F(loading, an_exception_passes_through_a_module)
 
 // The loader places images side by side, and uses the place of an unloaded image again. If it loads them with the
 // dynamic linker instead, each image keeps a descriptor open. Then the loader must raise the limit, which is too low
-// for all.
+// for 100 images.
 TEST_F(loading, many_images_of_one_module_have_variables_of_their_own)
 {
     rlimit limit{};

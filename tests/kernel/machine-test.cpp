@@ -151,8 +151,8 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
 }
 
-// The texts of at most `limit` lines from number `first` on, and the number of dropped lines, for example "2
-// dropped;line 3;". Then `first` is the number of the next line.
+// Returns the texts of at most `limit` lines from number `first` on, and the number of dropped lines. For example:
+// "2 dropped;line 3;". Then sets `first` to the number of the next line.
 std::string texts_from(const kernel::log& log, uint64_t* first, size_t limit)
 {
     uint64_t drop_count = 0;

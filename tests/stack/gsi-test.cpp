@@ -77,7 +77,7 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
                 world.hca.listener->may_complete(false);
             }
             if (client.lines.size() != 3) return;
-            EXPECT_EQ(int{datagram->rlid}, 77); // int{} copies the field: the record is packed, so it has no reference
+            EXPECT_EQ(int{datagram->rlid}, 77); // int{} makes a copy: no reference can bind to a packed field
             EXPECT_EQ(int{datagram->sl}, 4);
             EXPECT_EQ(int{datagram->pkey_idx}, 2);
         };

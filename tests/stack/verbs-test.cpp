@@ -210,8 +210,8 @@ TEST(verbs, queries_read_the_port_and_refuse_stale_handles_and_missing_ports)
     });
 }
 
-// The exit function of a module must release all its resources. The services of the stack name those that it has left
-// behind. This is a hard error, before the machine unmaps the image.
+// The exit function of a module must release all its resources. If it leaves some, the unloading ends with a hard
+// error before the image is unmapped. The error must name all of them.
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
     machine_with_fake machine;

@@ -65,7 +65,8 @@ struct hosts_on_fabric : testing::Test {
         net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
     }
 
-    // Fails if any program has printed a sanitizer's report. Of a program that was killed, nothing else shows it.
+    // Fails if any program has printed a sanitizer's report. If the test has killed the program, only its output shows
+    // such a report.
     void TearDown() override
     {
         if (!net) return;
