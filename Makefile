@@ -14,7 +14,7 @@ help:
 	@echo "make mutants   change one place at a time of PART=module, peers, stack, kernel or exec, and count what the tests notice"
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    run real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
-	@echo "make chaos     run real hosts under OpenSM and random acts for MINUTES=10, and check them after each act (SEED=N: one plan again)"
+	@echo "make chaos     run real hosts under OpenSM and random acts for MINUTES=10, and check them after each round (SEED=N: repeat one plan)"
 	@echo "make scale     measure OpenSM and a simulated fabric of 48,000 hosts, and write docs/scale.md with pictures (an hour, 11 GiB)"
 	@echo "make bench     measure encoding, tracing, resolutions, a thousand hosts, a real fabric"
 	@echo "make aarch64   run the kernel's tests on another processor, in an emulator"
