@@ -49,8 +49,8 @@ std::vector<std::string> with_options_for_words(std::vector<std::string> words)
     return words;
 }
 
-// Parses the words, which CLI11 follows by running the command. Returns `outcome`, in which the command has stored its
-// result, or the error in the command line.
+// Parses the words. CLI11 then runs the command, which stores its result in `outcome`. Returns `outcome`, or the error
+// in the command line.
 ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words, const ats::result<int>& outcome)
 {
     using ats::error_kind;

@@ -84,7 +84,7 @@ bool connection::receive(std::chrono::milliseconds longest)
         release(slot);
         return true;
     }
-    const clock::duration latency = clock::now() - slot.sent;
+    const clock::duration latency = clock::now() - slot.send_time;
     const uint16_t status = from_wire(buffer.mad.hdr.u.ns.status.raw16);
     ++results.answered;
     results.late += latency > late_after;
@@ -99,7 +99,7 @@ void connection::give_up_lost()
 {
     const clock::time_point now = clock::now();
     for (slot& each : slots_) {
-        if (each.transaction == 0 || now - each.sent < lost_after) continue;
+        if (each.transaction == 0 || now - each.send_time < lost_after) continue;
         ++results.lost;
         release(each);
     }

@@ -58,7 +58,7 @@ class connection
   private:
     struct slot {
         uint32_t transaction = 0; // 0 means that the slot is free
-        clock::time_point sent;
+        clock::time_point send_time;
     };
 
     void release(slot& slot);

@@ -94,8 +94,8 @@ class load
     // answered or lost.
     void exchange(size_t window, uint64_t count, const std::function<sa_mad_v2_t(uint64_t)>& next)
     {
-        for (uint64_t sent = 0; sent < count || connection_.in_flight() > 0;) {
-            while (sent < count && connection_.in_flight() < window) connection_.send(next(sent++));
+        for (uint64_t sent_count = 0; sent_count < count || connection_.in_flight() > 0;) {
+            while (sent_count < count && connection_.in_flight() < window) connection_.send(next(sent_count++));
             if (!connection_.receive(100ms)) connection_.give_up_lost();
         }
     }
@@ -192,14 +192,14 @@ class load
         connection_.results = {};
         stopwatch watch{plan_.sm};
         const clock::time_point begin = clock::now();
-        uint64_t sent = 0;
+        uint64_t sent_count = 0;
         size_t most_in_flight = 0;
         watch.time([&] {
             while (seconds_since(begin) < plan_.overload_seconds) {
-                while (static_cast<double>(sent) < rate * seconds_since(begin) &&
+                while (static_cast<double>(sent_count) < rate * seconds_since(begin) &&
                        connection_.in_flight() < connection::most_in_flight) {
                     connection_.send(next_of("mixed"));
-                    ++sent;
+                    ++sent_count;
                     while (connection_.receive(0ms)) {}
                 }
                 most_in_flight = std::max(most_in_flight, connection_.in_flight());
@@ -213,7 +213,7 @@ class load
         print_table();
         std::printf("\"kind\":\"overload\",\"share\":%.1f,\"rate\":%.0f,\"sent\":%llu,\"most_in_flight\":%zu,"
                     "\"drained_s\":%.3f,\"usual_after_s\":%.3f,",
-                    share, rate, static_cast<unsigned long long>(sent), most_in_flight, drained_seconds,
+                    share, rate, static_cast<unsigned long long>(sent_count), most_in_flight, drained_seconds,
                     seconds_since(burst_end));
         print_results(watch);
     }

@@ -22,7 +22,7 @@ MHD_Result answer(MHD_Connection* connection, unsigned status, const char* conte
     MHD_Response* response = MHD_create_response_from_buffer(text.size(), text.data(), MHD_RESPMEM_MUST_COPY);
     if (!response) return MHD_NO;
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, content_type);
-    // Each connection carries one request. Otherwise idle clients would use up most_connections.
+    // Each connection ends after one answer, so idle clients do not use up most_connections.
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     const MHD_Result queued = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);

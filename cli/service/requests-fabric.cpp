@@ -16,7 +16,7 @@ namespace
 using ats::error_kind;
 
 // Returns the records and the faults of the embedded SA. Returns {"real": true} on a real fabric. The client then asks
-// the SA itself, because it may use a port that this service does not use.
+// the SA itself, and can choose a port that this service does not use.
 json show_records(running_hosts& hosts)
 {
     const ats::result<embedded::subnet*> subnet = hosts.subnet();
