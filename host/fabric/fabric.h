@@ -98,9 +98,9 @@ class hca
     // Reads the attributes of a port. `port` must be 1 to port_count(). May sleep.
     virtual port_attributes read_port(int port) = 0;
 
-    // Sends one datagram from QP1 of `port`. Returns true if the fabric has accepted it; it may still be lost. Returns
-    // false if the send queue is full or the port does not exist. Copies `mad` without kmalloc, so the copy does not
-    // count as memory of the sender's machine. Does not sleep.
+    // Sends one datagram from QP1 of `port`. Returns true if the fabric has accepted the datagram, which may still be
+    // lost. Returns false otherwise, for example if the send queue is full or the port does not exist. Copies `mad`
+    // without kmalloc, so the copy does not count as memory of the sender's machine. Does not sleep.
     virtual bool send(int port, const address& destination, const mad_bytes& mad) = 0;
 
     // Busy polling: receives in the calling task instead of the fabric's own task, and calls the listener. A task that
