@@ -59,7 +59,7 @@ struct task : kernel_task_t {
 // The task of the calling thread or fiber. Only current_task() and set_current_task() use it.
 extern constinit thread_local task* running_task;
 
-// The task of the calling thread or fiber; null in a thread from outside.
+// The task of the calling thread or fiber; null in a thread that runs no task.
 inline task* current_task()
 {
     return running_task;
