@@ -40,7 +40,7 @@ struct thread_task final : task {
     using task::task;
 
     std::atomic<uint32_t> state{running};
-    std::thread thread; // empty if enter() has made a calling thread this task
+    std::thread thread; // empty in a task of enter(), which the calling thread runs
 };
 
 // Sleeps until the state is no longer `sleeping`, or until the deadline. May return early.
