@@ -118,7 +118,8 @@ struct ats_context_t {
 
     // Number of replies and time-outs that are being delivered to IBAT and to callbacks.
     std::atomic<uint32_t> deliveries;
-    // Number of Sets so far, also of failed ones. If it changes during ats_sa_stop, a Set came after the Deletes.
+    // Number of Sets so far, also of failed ones. If it changes during ats_sa_stop, ats_sa_stop deletes the records
+    // again.
     std::atomic<uint32_t> sets_tried;
     // Number of Sets that self-verification is sending without `ats_sem`.
     std::atomic<uint32_t> restores_running;
