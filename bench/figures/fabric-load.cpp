@@ -23,7 +23,6 @@ struct load_settings {
         {"skew", 1},         // percent of the period: the longest random delay that is added to it
         {"spread", 0},       // seconds: a link-up reaches the modules after a random part of this time
         {"start-spread", 0}, // seconds: the modules of a host start after a random part of this time
-        {"fabric", 0},       // the number of hosts of a larger fabric, see limits_of(); 0 means no larger fabric
         {"queue", 65536},    // the length of the SA's queue, in requests
         // The time in which the SA serves a request, in microseconds: a fixed time, and a time for each record that the
         // SA has.
@@ -53,25 +52,18 @@ load_settings read_settings(const std::vector<std::string>& words)
     return settings;
 }
 
-// Returns the limits of the simulated SA. With the setting "fabric", the simulated hosts represent a larger fabric,
-// which has `factor` times as many hosts and sends `factor` times as many requests. The simulated SA must be as busy as
-// the SA of the larger fabric. So its service times are multiplied by `factor`, and its queue is divided by `factor`.
-// The number of its records is also divided by `factor`, so the time for each record is multiplied by the square of
-// `factor`.
-embedded::sa_limits limits_of(const load_settings& settings, int hosts)
+embedded::sa_limits limits_of(const load_settings& settings)
 {
-    const double factor = settings["fabric"] > 0 ? settings["fabric"] / hosts : 1;
     const auto time = [&](const std::string& kind) {
-        return embedded::service_time{.fixed_us = settings[kind + "-us"] * factor,
-                                      .record_us = settings[kind + "-record-us"] * factor * factor};
+        return embedded::service_time{.fixed_us = settings[kind + "-us"], .record_us = settings[kind + "-record-us"]};
     };
     return {.set = time("set"),
             .remove = time("delete"),
             .get_by_gid = time("gid"),
             .get_by_address = time("address"),
-            .get_path = {.fixed_us = settings["path-us"] * factor},
-            .other = {.fixed_us = settings["path-us"] * factor},
-            .queue_capacity = static_cast<size_t>(std::max(settings["queue"] / factor, 1.0))};
+            .get_path = {.fixed_us = settings["path-us"]},
+            .other = {.fixed_us = settings["path-us"]},
+            .queue_capacity = static_cast<size_t>(settings["queue"])};
 }
 
 // Counts the requests to the SA, second by second. The fabric holds its lock when it calls crossed().
@@ -181,7 +173,7 @@ class fabric_under_load
         observe(name, begin, seconds);
     }
 
-    void restart_queue() { world_.subnet.set_sa_limits(limits_of(settings_, static_cast<int>(world_.hosts.size()))); }
+    void restart_queue() { world_.subnet.set_sa_limits(limits_of(settings_)); }
 
     // Runs the scenario for `seconds` seconds from the second `begin`, and prints its figures.
     void observe(const std::string& name, uint64_t begin, uint64_t seconds)
@@ -260,13 +252,12 @@ class fabric_under_load
         }
         probes_.clear();
         const embedded::sa_queue_counts queue = world_.subnet.sa_queue_counts();
-        std::printf("{\"scenario\":\"%s\",\"hosts\":%zu,\"fabric\":%.0f,\"period\":%.0f,\"skew\":%.0f,"
+        std::printf("{\"scenario\":\"%s\",\"hosts\":%zu,\"period\":%.0f,\"skew\":%.0f,"
                     "\"spread\":%.0f,\"start_spread\":%.0f,\"all_registered_s\":%llu,\"lookups_work_s\":%llu,\"longest_"
                     "queue\":%zu,"
                     "\"dropped\":%llu,\"requests\":[",
-                    name.c_str(), world_.hosts.size(), settings_["fabric"], settings_["period"], settings_["skew"],
-                    settings_["spread"], settings_["start-spread"],
-                    static_cast<unsigned long long>(registration_seconds),
+                    name.c_str(), world_.hosts.size(), settings_["period"], settings_["skew"], settings_["spread"],
+                    settings_["start-spread"], static_cast<unsigned long long>(registration_seconds),
                     static_cast<unsigned long long>(success_begin - begin), queue.longest,
                     static_cast<unsigned long long>(queue.dropped));
         print_series(counter_.by_second, begin, seconds);
