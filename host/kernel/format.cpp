@@ -89,7 +89,7 @@ bool take_flag(char c, conversion& form)
 // Reads the number at `*format` and moves `*format` behind it.
 int take_number(const char** format)
 {
-    constexpr int largest = 65536; // the limit avoids an overflow of `number`; all buffers are shorter
+    constexpr int largest = 65536; // the limit avoids an overflow of `number`; no buffer is so long
     int number = 0;
     for (; **format >= '0' && **format <= '9'; ++*format) number = std::min(number * 10 + (**format - '0'), largest);
     return number;
@@ -251,7 +251,8 @@ void put_pointer(text_writer& writer, uint64_t value, conversion form)
     put_number(writer, value, 0, 'x', form);
 }
 
-// Returns false if there is no such conversion.
+// Prints the next argument with the conversion `letter`. Returns false, and prints nothing, if there is no such
+// conversion.
 bool put_argument(text_writer& writer, char letter, const conversion& form, argument_list& arguments,
                   pointer_value_fn value_of)
 {

@@ -16,7 +16,7 @@ using pointer_value_fn = uint64_t (*)(const void* pointer);
 // Writes the text into `buffer`, cut to `size` bytes including its NUL. `size` is at least 1. Returns the length of the
 // whole text, without the NUL. The conversions are d i u x X o c s p %, with the flags - + space # 0, a width, a
 // precision, and the sizes hh h l ll L z t. A null text is printed as "<NULL>". An unknown conversion is printed
-// unchanged. It uses no argument, except for each '*' in it.
+// unchanged. It uses no argument, except one for each '*' in it.
 size_t format_text(char* buffer, size_t size, const char* format, va_list arguments, pointer_value_fn value_of);
 
 } // namespace kernel

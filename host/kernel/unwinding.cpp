@@ -19,7 +19,7 @@ find_object_t* library_function()
 }
 
 // Calls dlsym() when the program starts, so that dlsym() is not called while an exception is handled.
-[[maybe_unused]] find_object_t* const found_at_start = library_function();
+[[maybe_unused]] find_object_t* const function_at_start = library_function();
 
 } // namespace
 

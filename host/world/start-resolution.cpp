@@ -14,7 +14,8 @@ namespace world
 namespace
 {
 
-// Fills the reason of an answer, from its status.
+// Fills the reason of an answer. If the status is an error and `from_cache` is true, the request has failed at once and
+// was not sent. If `from_cache` is false, the SA has refused the request.
 void explain(resolution& answer)
 {
     answer.reason = reason_of(answer, answer.from_cache ? not_sent : sa_refusal);

@@ -29,8 +29,8 @@ void path_resolver::prepare(const path_limits& limits, kq_async_event_fn_t event
         &lock_, [](unsigned long self) { reinterpret_cast<path_resolver*>(self)->retry_due(); }, this);
 }
 
-// At the first call, opens the ports and allocates the memory. Returns false if this fails. The next call then tries
-// again. May sleep.
+// Opens the ports and allocates the memory, if that is not done yet. Returns false if it fails; the next call then
+// tries again. May sleep.
 bool path_resolver::open()
 {
     if (is_open()) return true;

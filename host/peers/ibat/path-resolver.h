@@ -53,7 +53,7 @@ class path_resolver
     int32_t cancel(ibat_get_ib_data_reply_fn_t callback, void* context);
     ibat_path_counters_t counters();
 
-    // Returns true once get() or refresh() has opened the HCA. Any context.
+    // Returns true if get() or refresh() has opened the HCA. Any context.
     bool is_open() const { return is_open_.load(std::memory_order_acquire); }
 
     // Call it when the provider of addresses (see resolver.h) has received an answer on this port. Paths begin on the

@@ -137,8 +137,8 @@ class request_list
     }
 
     // Call it when an attempt of the request was sent or refused. Moves the request to the end of the waiting list,
-    // with a deadline after `ticks`. This number must be the same in all calls, so that the list is in the order of the
-    // deadlines.
+    // with a deadline `ticks` from now. This number must be the same in all calls, so that the list is in the order of
+    // the deadlines.
     void wait(request_t* request, unsigned long ticks)
     {
         request->deadline = jiffies + ticks;
@@ -147,7 +147,7 @@ class request_list
         arm_timer();
     }
 
-    // Moves the request to the beginning of the waiting list, with a deadline that has come now.
+    // Moves the request to the beginning of the waiting list, with the present tick as its deadline.
     void hurry(request_t* request)
     {
         request->deadline = jiffies;
