@@ -70,7 +70,7 @@ path_resolution resolve_path(kernel::machine& machine, const path_destination& d
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
 // Finds a path like resolve_path(), but does not wait for the answer. `done` is called exactly once: before the return,
-// or later by a task of the machine, at the latest when IBAT gives up. `done` must not block that task.
+// or later by a task of the machine, which `done` must not block. It is called at the latest when IBAT gives up.
 // start_path_resolution() may sleep while it sends a request. `mode` must not be cache_only.
 using path_callback = std::function<void(const path_resolution&)>;
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,

@@ -44,7 +44,7 @@ std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t i
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 
 // The next functions do the same lookups as resolve_address() and resolve_gid(), but do not wait for the answer. `done`
-// is called exactly once: before the return, or later by a task of the machine. `done` must not block this task. The
+// is called exactly once: before the return, or later by a task of the machine, which `done` must not block. The
 // functions may sleep while they send a request. start_fresh_resolution() ignores the cache.
 using resolution_callback = std::function<void(const resolution&)>;
 void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);

@@ -129,7 +129,7 @@ void path_resolver::await_answer(path_request* request)
         return;
     }
     if (request->serial == 0)
-        requests_.hurry(request); // an event has invalidated the attempt while it was sent: send the next one at once
+        requests_.hurry(request); // the attempt became invalid while it was being sent: send the next one at once
     else
         requests_.wait(request, limits_.retry_ticks);
 }
