@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "host/fabric/embedded/subnet-views.h"
 #include "sa-mads.h"
 
 namespace campaign
@@ -115,26 +116,33 @@ std::string port_model::end_registration(const std::string& result)
     return "";
 }
 
-std::string port_model::check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid)
+found_fault port_model::check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid)
 {
-    if (!is_on_) return "";
+    if (!is_on_) return {};
     const bool changes_record = task.name == "rename" || task.name == "readdress";
     if (task.name != event_task_) {
         if (method == MAD_METHOD_SET && active_port_ > 0 && changes_record)
             registered_gid_ = known_gids_[active_port_ - 1];
-        return "";
+        return {};
     }
-    if (!is_registering_) return "an event sent a request outside of a registration";
+    const std::string text = embedded::text_of(gid);
+    if (!is_registering_)
+        return {"an event sent a request outside of a registration", {"no request", "a request with " + text}};
     if (method == MAD_METHOD_DELETE) {
         ++deletes_;
-        if (sets_ > 0) return "a registration sent a Delete after its Set";
-        if (gid != registered_gid_ && !is_stopping_) return "a Delete names another GID than the last Set";
+        if (sets_ > 0)
+            return {"a registration sent a Delete after its Set", {"nothing after the Set", "a Delete of " + text}};
+        if (gid != registered_gid_ && !is_stopping_)
+            return {"a Delete names another GID than the last Set", {embedded::text_of(registered_gid_), text}};
     }
     if (method == MAD_METHOD_SET) {
         ++sets_;
-        if (active_port_ == 0 || gid != known_gids_[active_port_ - 1]) return "a Set carries the GID of another port";
+        if (active_port_ == 0)
+            return {"a Set carries the GID of another port", {"no Set without an active port", text}};
+        if (gid != known_gids_[active_port_ - 1])
+            return {"a Set carries the GID of another port", {embedded::text_of(known_gids_[active_port_ - 1]), text}};
     }
-    return "";
+    return {};
 }
 
 std::string port_model::compare(const console::json& reported_hca) const

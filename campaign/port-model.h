@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "campaign/mismatch.h"
 #include "console/control-report.h"
 #include "host/exec/task.h"
 #include "host/fabric/fabric.h"
@@ -25,10 +26,10 @@ class port_model
     {
     }
 
-    // Both functions return a text that describes the fault, or an empty text. `task` logged the line or sent the
-    // request. `is_link_stable` means that no link of the host has changed recently.
+    // Each function returns the fault that it found; its text is empty if there is none. `task` logged the line or sent
+    // the request. `is_link_stable` means that no link of the host has changed recently.
     std::string check_line(const exec::task& task, const std::string& line, bool is_link_stable);
-    std::string check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
+    found_fault check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
 
     // Compares a report with the model. `reported_hca` is one of the "hcas" of console::parse_control_report(). Returns
     // the fault, or an empty text.

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "campaign/figures.h"
+#include "campaign/mismatch.h"
 #include "campaign/node.h"
 #include "campaign/plan.h"
 #include "campaign/unhealed.h"
@@ -50,13 +51,6 @@ struct harm_watch {
     {
         return running_acts == 0 && (!has_done_harm || effects_end_tick < tick);
     }
-};
-
-// The expected and the actual state, shown in the picture of a violation. Both are empty if the text of the violation
-// says enough.
-struct mismatch {
-    std::string expected;
-    std::string actual;
 };
 
 struct tested_fabric {

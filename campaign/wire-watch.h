@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "campaign/mismatch.h"
 #include "host/exec/task.h"
 #include "host/fabric/capture.h"
 #include "sa-mads.h"
@@ -46,11 +47,13 @@ class wire_watch final : public fabric::tap
         uint16_t p_key;
     };
 
-    // Each function returns a text that describes the fault of a request, or an empty text.
-    std::string fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
-    std::string fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
-    std::string timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks);
-    void report(node& node, const std::string& fault); // ends the run with this fault
+    // Each function returns the fault of a request; its text is empty if there is none.
+    found_fault fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
+    found_fault fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
+    found_fault fault_in_set(const port_entry& sender, const sa_mad_v2_t& mad,
+                             const ib_service_record_v2_t& record) const;
+    found_fault timing_fault_in(node& node, size_t hca, uint8_t method, uint64_t now_ticks);
+    void report(node& node, const found_fault& fault); // ends the run with this fault
 
     tested_fabric& fabric_;
     std::map<const exec::task*, uint64_t> requests_;     // number of requests of each task
