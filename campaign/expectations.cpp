@@ -404,7 +404,10 @@ void check_in_spite_of_cuts(node& node, const act& act)
 
 void check_at_the_end(tested_fabric& fabric)
 {
+    fabric.begin_closing_step(fabric.unhealed_faults.empty() ? "The closing phase begins: all faults end"
+                                                             : "The closing phase begins: all faults end, except cuts");
     end_faults(fabric);
+    fabric.begin_closing_step("Modules are loaded; two verifications follow");
     bring_hosts_up(fabric);
     fabric.simulation->run_for(2 * verification_ticks + answer_ticks);
     std::vector<std::string> to_forget;
@@ -412,11 +415,14 @@ void check_at_the_end(tested_fabric& fabric)
     if (!to_forget.empty()) {
         // The service cannot detect that these records are wrong. Make the SA lose them. Then everything must become
         // right.
+        fabric.begin_closing_step("The SA loses records that are wrong");
         forget(fabric, to_forget);
         fabric.simulation->run_for(2 * verification_ticks + answer_ticks);
         compare_records(fabric, nullptr);
     }
+    fabric.begin_closing_step("Every host looks up records");
     compare_lookups(fabric);
+    fabric.begin_closing_step("All modules are unloaded");
     shut_down(fabric);
     settle_questions(fabric);
 }

@@ -59,10 +59,8 @@ node::node(tested_fabric& fabric, size_t number, const host_shape& shape)
     if (shape.has_watching_ucm) ucm = std::make_unique<watching_ucm>(*this);
     address.assign(hcas.size(), next_address());
     name = next_name(0);
-    machine().log.follow([this](const kernel::log_line& line) {
-        if (this->fabric.recorder()) this->fabric.recorder()->note_line(host.name(), line);
-        check_line(line.text);
-    });
+    if (fabric.recorder()) fabric.recorder()->follow(host.name(), machine());
+    machine().log.follow([this](const kernel::log_line& line) { check_line(line.text); });
 }
 
 node::~node() = default;

@@ -153,6 +153,11 @@ void tested_fabric::record_act(const act& act, size_t number, bool begins)
                      {"b", act.b}});
 }
 
+void tested_fabric::begin_closing_step(const std::string& text)
+{
+    if (recorder_) recorder_->note(now(), "step", {{"text", text}, {"phase", "closing"}});
+}
+
 void tested_fabric::record_violation(const std::string& fault, const mismatch& mismatch)
 {
     if (!recorder_) return;

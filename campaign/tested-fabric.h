@@ -66,6 +66,9 @@ struct tested_fabric {
     [[noreturn]] void violate(const std::string& fault, const mismatch& mismatch = {});
 
     // Adds a line to the log and to the digest.
+    // Records that the closing phase has come to this step.
+    void begin_closing_step(const std::string& text);
+
     void note(const std::string& subject, const std::string& event);
     uint64_t now() const { return simulation->now(); }
 
@@ -118,7 +121,8 @@ void check_promptly(node& node, uint64_t act_tick);
 // disturbed the host, checks nothing. Marks `act` as effective if the host finds another one.
 void check_in_spite_of_cuts(node& node, const act& act);
 
-// Ends every fault that can end. Checks all records and lookups, and that unloading all modules leaves nothing behind.
+// The closing phase of a run. Ends every fault that can end. Checks all records and lookups, and that unloading all
+// modules leaves nothing behind.
 void check_at_the_end(tested_fabric& fabric);
 
 } // namespace campaign

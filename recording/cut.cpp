@@ -16,12 +16,12 @@ namespace
 struct event_line {
     std::string text;
     uint64_t tick = 0;
-    bool is_detail = false; // a datagram, a log line or a table
+    bool is_detail = false; // a datagram, a handled event, a log line or a table
 };
 
 bool is_detail(const std::string& kind)
 {
-    static const std::set<std::string> kinds = {"sent", "arrived", "lost", "refused", "log", "table"};
+    static const std::set<std::string> kinds = {"sent", "arrived", "lost", "refused", "handled", "log", "table"};
     return kinds.contains(kind);
 }
 

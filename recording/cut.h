@@ -19,7 +19,7 @@ struct window {
 struct cut_options {
     std::optional<window> selection = {}; // the window to show; without it, the largest window within byte_limit
     bool keeps_end = false;      // true: this largest window is at the end of the recording; false: at its beginning
-    size_t byte_limit = 4 << 20; // for the datagrams, log lines and tables of a window without `selection`
+    size_t byte_limit = 4 << 20; // for the details (see cut()) of a window without `selection`
 };
 
 struct cut_recording {
@@ -27,9 +27,9 @@ struct cut_recording {
     std::optional<window> shown_window; // empty if nothing was removed
 };
 
-// Removes datagrams, log lines and tables outside of the window. All other events stay, because the states at the
-// beginning of the window result from them. Fails (invalid) if the text is not a recording of this version; the error
-// names the line.
+// Removes datagrams, handled events, log lines and tables outside of the window. All other events stay, because the
+// states at the beginning of the window result from them. Fails (invalid) if the text is not a recording of this
+// version; the error names the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

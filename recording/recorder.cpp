@@ -17,10 +17,21 @@ constexpr const char* switch_names[] = {
     "corrupt percent",  "drop next",    "drop next answers", "send queue full",    "refused sends percent",
     "SA service ticks", "SA silent",    "SA busy",           "SA status",          "SA status count"};
 
+std::string port_name(const std::string& host, const std::string& hca, int port)
+{
+    return host + " " + hca + " " + std::to_string(port);
+}
+
 json name_of(const embedded::port_view* port)
 {
     if (!port) return "sa";
-    return port->host_name + " " + port->hca_name + " " + std::to_string(port->port);
+    return port_name(port->host_name, port->hca_name, port->port);
+}
+
+const char* text_of(fabric::port_change change)
+{
+    static constexpr const char* texts[] = {"up", "down", "SM change", "reregister"};
+    return texts[static_cast<size_t>(change)];
 }
 
 const char* text_of(fabric::link_state state)
@@ -55,18 +66,39 @@ void recorder::follow(embedded::subnet& subnet)
 void recorder::stop()
 {
     if (subnet_) subnet_->set_observer(nullptr);
-    for (const auto& [machine, handle] : log_handles_) machine->log.unfollow(handle);
+    for (const auto& [machine, handle] : log_handles_) {
+        machine->log.unfollow(handle);
+        machine->get<stack::event_watch>().set(nullptr);
+    }
     log_handles_.clear();
 }
 
 void recorder::follow(const std::string& host, kernel::machine& machine)
 {
     log_handles_[&machine] = machine.log.follow([this, host](const kernel::log_line& line) { note_line(host, line); });
+    machine.get<stack::event_watch>().set([this, host](const stack::event_sight& sight) { note_handled(host, sight); });
 }
 
 void recorder::note_line(const std::string& host, const kernel::log_line& line)
 {
     note(line.tick, "log", {{"host", host}, {"level", line.priority}, {"text", line.text}});
+}
+
+void recorder::note_handled(const std::string& host, const stack::event_sight& sight)
+{
+    const std::string port = port_name(host, sight.hca.name(), sight.port);
+    const char* const cause = cause_of(sight, port);
+    note(sight.tick, "handled", {{"port", port}, {"event", text_of(sight.change)}, {"cause", cause}});
+}
+
+// A fabric reports another LID of a port as a reason to register again.
+const char* recorder::cause_of(const stack::event_sight& sight, const std::string& port)
+{
+    const std::lock_guard lock(mutex_);
+    const bool has_other_lid = registered_lids_.contains(port) && registered_lids_[port] != lids_[port];
+    if (sight.change == fabric::port_change::link_up) registered_lids_[port] = lids_[port];
+    if (sight.is_announcement) return "subscription";
+    return sight.cause == fabric::port_change::reregister && has_other_lid ? "LID change" : text_of(sight.cause);
 }
 
 void recorder::note(uint64_t now_ticks, const char* kind, json fields)
@@ -144,6 +176,10 @@ void recorder::refused(uint64_t now_ticks, const fabric::mad_bytes& mad, const e
 
 void recorder::port_changed(uint64_t now_ticks, const embedded::port_view& port)
 {
+    {
+        const std::lock_guard lock(mutex_);
+        lids_[name_of(&port)] = port.lid;
+    }
     note(now_ticks, "port",
          {{"port", name_of(&port)},
           {"host", port.host_name},

@@ -12,6 +12,7 @@
 #include "host/fabric/embedded/subnet.h"
 #include "host/kernel/machine.h"
 #include "host/result.h"
+#include "host/stack/event-watch.h"
 
 namespace recording
 {
@@ -28,16 +29,13 @@ class recorder final : public embedded::observer
     // that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // follow() begins to record the events of a subnet, or the log lines of a host. stop() ends this recording. The
-    // machines must live until stop(). The subnet must outlive the last call of the recorder: note() and finish() read
-    // its faults and counters. Only one thread at a time may call these three functions. Call follow(subnet) before
-    // other threads use the recorder.
+    // follow() begins to record the events of a subnet, or those of a host: its log lines, and the port events that it
+    // handles. stop() ends this recording. The machines must live until stop(). The subnet must outlive the last call
+    // of the recorder: note() and finish() read its faults and counters. Only one thread at a time may call these three
+    // functions. Call follow(subnet) before other threads use the recorder.
     void follow(embedded::subnet& subnet);
     void follow(const std::string& host, kernel::machine& machine);
     void stop();
-
-    // Records one log line of a host.
-    void note_line(const std::string& host, const kernel::log_line& line);
 
     // Records an event of any kind, with its fields. Programs add their own kinds, for example "act" for a campaign.
     // First records changed faults, as note_faults() does.
@@ -70,14 +68,19 @@ class recorder final : public embedded::observer
   private:
     using switch_values = std::array<uint32_t, 15>;
     static switch_values values_of(const embedded::fault_switches& faults);
+    void note_line(const std::string& host, const kernel::log_line& line);
+    void note_handled(const std::string& host, const stack::event_sight& sight);
+    const char* cause_of(const stack::event_sight& sight, const std::string& port);
     void write(uint64_t now_ticks, const char* kind, const json& fields);
 
-    std::mutex mutex_; // guards the file, is_finished_ and switches_
+    std::mutex mutex_; // guards the file, is_finished_, switches_ and the LIDs
     std::FILE* const file_;
     embedded::subnet* subnet_ = nullptr;
     bool is_finished_ = false;
     switch_values switches_{};
-    std::map<kernel::machine*, int> log_handles_; // the results of kernel::log::follow()
+    std::map<kernel::machine*, int> log_handles_;     // the results of kernel::log::follow()
+    std::map<std::string, uint16_t> lids_;            // of each port, as recorded last
+    std::map<std::string, uint16_t> registered_lids_; // those at the last link-up that the host handled
 };
 
 } // namespace recording

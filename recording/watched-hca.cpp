@@ -8,21 +8,26 @@ namespace
 
 std::atomic<uint64_t> last_number{0}; // the datagrams at all watched HCAs are numbered from 1
 
+void set_attributes(embedded::port_view& view, const fabric::port_attributes& attributes)
+{
+    view.state = attributes.state;
+    view.lid = attributes.lid;
+    view.sm_lid = attributes.sm_lid;
+    view.gid = attributes.gids.empty() ? "" : embedded::text_of(attributes.gids[0]);
+}
+
 } // namespace
 
 watched_hca::watched_hca(std::string host, fabric::hca& hca, recorder& recorder, const exec::executor& exec)
     : host_(std::move(host)), hca_(hca), recorder_(recorder), exec_(exec)
 {
     for (int port = 1; port <= hca.port_count(); ++port) {
-        const fabric::port_attributes attributes = hca.read_port(port);
-        views_.push_back({.host_name = host_,
-                          .hca_name = hca.name(),
-                          .port = port,
-                          .state = attributes.state,
-                          .lid = attributes.lid,
-                          .sm_lid = attributes.sm_lid,
-                          .gid = attributes.gids.empty() ? "" : embedded::text_of(attributes.gids[0])});
-        recorder.port_changed(exec.now(), views_.back());
+        embedded::port_view& view = views_.emplace_back();
+        view.host_name = host_;
+        view.hca_name = hca.name();
+        view.port = port;
+        set_attributes(view, hca.read_port(port));
+        recorder.port_changed(exec.now(), view);
     }
 }
 
@@ -65,13 +70,11 @@ void watched_hca::mad_arrived(int port, const fabric::address& source, const fab
 
 void watched_hca::port_changed(int port, fabric::port_change change, uint16_t new_sm_lid)
 {
+    const fabric::port_attributes attributes = hca_.read_port(port);
     {
         const std::lock_guard lock(mutex_);
         embedded::port_view& view = views_[static_cast<size_t>(port - 1)];
-        if (change == fabric::port_change::sm_change)
-            view.sm_lid = new_sm_lid;
-        else if (change != fabric::port_change::reregister)
-            view.state = change == fabric::port_change::link_up ? fabric::link_state::active : fabric::link_state::down;
+        set_attributes(view, attributes);
         recorder_.port_changed(exec_.now(), view);
     }
     listener_.load()->port_changed(port, change, new_sm_lid);

@@ -12,7 +12,8 @@ namespace recording
 class watched_hca final : public fabric::hca, private fabric::listener
 {
   public:
-    // Reads the ports of `hca`; may sleep. `hca` and `recorder` must outlive this object.
+    // Reads the ports of `hca`; may sleep. `hca` and `recorder` must outlive this object. The reads at later changes
+    // must not sleep.
     watched_hca(std::string host, fabric::hca& hca, recorder& recorder, const exec::executor& exec);
 
     const std::string& name() const override { return hca_.name(); }

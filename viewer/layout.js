@@ -1,7 +1,7 @@
 // Computes the places of all parts of the picture. Time runs from top to bottom, and each row has one event. A long period
 // without events is folded: it takes one row of constant height.
 
-const ROW = { datagram: 22, log: 15, act: 22, step: 40, violation: 56, fold: 30, change: 7 };
+const ROW = { datagram: 22, log: 15, act: 22, handled: 16, step: 40, violation: 56, fold: 30, change: 7 };
 const FOLD_MS = 400; // a longer period without events is folded
 const TIME_WIDTH = 84;
 const SA_ROOM = 96; // pixels between the times and the SA's lane, for the bars of faults
@@ -53,10 +53,13 @@ class Layout {
     this.acts = [];
     this.changes = [];    // changes of the SA's records
     this.sms = [];        // changes of the SM's LID
+    this.handled = [];    // port events that hosts have handled
+    this.closing = null;  // y at which the closing phase of a campaign begins
     this.times = [];
     this.y = TOP;         // of the last row
     this.lastTick = null; // tick of the last event that has a row
     this.logRow = null;   // the marks of log lines in the last row
+    this.handledRow = null;     // the ports with a mark in the last row, if it has only marks of port events
     this.isUnmarkedRow = false; // the last row has only events that draw no mark, such as link changes
     recording.events.forEach(event => this.place(event));
     this.height = this.y + 40;
@@ -76,6 +79,7 @@ class Layout {
     case "arrived":
     case "lost": return this.placeEnd(event);
     case "log": return this.placeLog(event);
+    case "handled": return this.placeHandled(event);
     case "act": return this.placeAct(event);
     case "step":
     case "violation": return this.placeTitle(event);
@@ -101,6 +105,7 @@ class Layout {
     if (this.lastTick !== event.t) this.times.push({ y: this.y, t: event.t });
     this.lastTick = event.t;
     this.logRow = null;
+    this.handledRow = null;
     this.isUnmarkedRow = false;
   }
 
@@ -155,6 +160,20 @@ class Layout {
     return isNew;
   }
 
+  // Events of different ports with the same tick share a row.
+  placeHandled(event) {
+    const lane = this.lanes.get(event.port);
+    if (!lane || !this.filter.showsHandled(event)) return false;
+    const isNew = !this.handledRow || this.lastTick !== event.t || this.handledRow.has(event.port);
+    if (isNew) {
+      this.beginRow(event, ROW.handled);
+      this.handledRow = new Set();
+    }
+    this.handledRow.add(event.port);
+    this.handled.push({ event, lane, y: this.y - 2 });
+    return isNew;
+  }
+
   placeAct(event) {
     const lane = event.harm === "network" ? this.lanes.get("sa") : this.hostLane.get(event.host);
     if (!lane || !this.filter.showsAct(event)) return false;
@@ -172,6 +191,7 @@ class Layout {
   placeTitle(event) {
     this.beginRow(event, ROW[event.e]);
     this.titles.push({ event, y: this.y - 6 });
+    if (isClosing(event) && this.closing === null) this.closing = this.y - ROW.step;
     return true;
   }
 

@@ -64,6 +64,16 @@ function describeAct(event) {
           ["a, b", `${event.a}, ${event.b}`]]));
 }
 
+const CAUSES = {
+  up: "the link came up", down: "the link went down", "SM change": "the SM has another LID", "LID change": "the port has another LID",
+  reregister: "the SM asks to register again, or the port has another GID or P_Key", subscription: "the link was up before the module was loaded" };
+
+function describeHandled(event) {
+  const told = { up: "the link is up", down: "the link is down", "SM change": "the SM has changed" }[event.event];
+  return node("div", {}, node("h2", {}, `${event.port} handles an event`),
+    list([["told", told], ["because", CAUSES[event.cause] || event.cause], ["at", formatTime(event.t)]]));
+}
+
 function describeSelection(recording, event, logIndexes) {
   if (logIndexes) return describeLog(logIndexes.map(index => recording.events[index]));
   if (!event) return node("div", { class: "hint" }, "Click an arrow, a mark or a place in the picture.");
@@ -71,10 +81,11 @@ function describeSelection(recording, event, logIndexes) {
   if (event.e === "log") return describeLog([event]);
   if (event.e === "stored" || event.e === "removed") return describeChange(event);
   if (event.e === "act") return describeAct(event);
+  if (event.e === "handled") return describeHandled(event);
   if (event.e === "port") return node("div", {}, node("h2", {}, `${event.port} is ${event.state}`), list([["LID", event.lid], ["SM LID", event.sm_lid], ["GID", event.gid]]));
   if (event.e === "fault") return node("div", {}, node("h2", {}, "Fault of the fabric"), list([[event.name, event.value ? String(event.value) : "off"]]));
   if (event.e === "sm") return node("div", {}, node("h2", {}, "The SM and the SA"), list([["LID", event.lid]]));
-  if (event.e === "step" || event.e === "violation") return node("div", {}, node("h2", {}, event.e === "step" ? "Step" : "Violation"), node("p", {}, event.text));
+  if (event.e === "step" || event.e === "violation") return node("div", {}, node("h2", {}, isClosing(event) ? "Closing phase" : event.e === "step" ? "Step" : "Violation"), node("p", {}, event.text));
   return node("div");
 }
 
@@ -83,13 +94,13 @@ function describeSelection(recording, event, logIndexes) {
 function describeState(recording, state, hiddenHosts, violation) {
   const suspect = gid => violation.includes(gid) ? "suspect" : null;
   const records = [...state.table.values()].sort((a, b) => a.gid < b.gid ? -1 : 1);
-  const parts = recording.isSeenAtHosts ? [] : [
+  const parts = state.isClosing ? [node("p", { class: "closing-note" }, "Closing phase: all faults have ended, and everything must become right.")] : [];
+  if (!recording.isSeenAtHosts) parts.push(
     node("h2", {}, `The SA’s records `, node("span", { class: "count" }, String(records.length))),
     records.length ? table("sa-table", ["Address", "GID", "Name", "P_Key", "Lease"], records.map(record => ({
       attributes: { class: suspect(record.gid), "data-gid": record.gid, "data-address": record.address, "data-name": record.name },
       cells: [record.address, gidNode(record.gid), node("span", { class: "name", title: record.name }, record.name), record.p_key, record.lease] })))
-      : node("p", { class: "hint", id: "sa-table" }, "none"),
-  ];
+      : node("p", { class: "hint", id: "sa-table" }, "none"));
   parts.push(node("h2", {}, "Ports"),
              table("port-table", ["Port", "Link", "Active", "Registered", "Waiting"], portRows(recording, state, hiddenHosts, suspect)));
   const faults = [...state.faults].map(([name, value]) => value > 1 ? `${name} ${value}` : name);

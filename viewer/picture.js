@@ -5,6 +5,8 @@ const DRAW_ALL_ITEMS = 4000; // a picture with at most this number of items is d
 const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label, in pixels
 const NAMES_HEIGHT = 46;
 const LONG_ARROW = 900; // pixels; one end of a longer arrow may be outside the screen, so it has a label at both ends
+const HANDLED_TEXT_X = 38; // pixels from the lane; the bands are between
+const HANDLED_SHAPES = { up: "m0 -6l6 11h-12z", down: "m0 6l-6 -11h12z", "SM change": "m0 -6.5l6.5 6.5l-6.5 6.5l-6.5 -6.5z" };
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
 function svgNode(name, attributes = {}, ...children) {
@@ -89,6 +91,7 @@ class Picture {
     this.drawn = [top, bottom];
     const touches = (begin, end) => end >= top && begin <= bottom;
     this.svg.replaceChildren(
+      this.closing(),
       this.lines(top, bottom),
       this.group("folds", this.layout.folds.filter(fold => touches(fold.y, fold.y)).map(fold => this.fold(fold))),
       this.group("bands", this.bands.filter(band => touches(band.begin, band.end)).map(band => this.band(band))),
@@ -98,6 +101,7 @@ class Picture {
       this.group("changes", this.layout.changes.filter(change => touches(change.y, change.y)).map(change => this.change(change))),
       this.group("arrows", this.layout.arrows.filter(arrow => touches(arrow.y1, arrow.y2)).map(arrow => this.arrow(arrow))),
       this.group("logs", this.layout.logs.filter(mark => touches(mark.y, mark.y)).map(mark => this.log(mark))),
+      this.group("handled-marks", this.layout.handled.filter(mark => touches(mark.y, mark.y)).map(mark => this.handled(mark))),
       this.group("acts", this.layout.acts.filter(act => touches(act.y, act.y)).map(act => this.act(act))),
       this.group("sms", this.layout.sms.filter(sm => touches(sm.y, sm.y)).map(sm => this.sm(sm))),
       this.cursor = svgNode("g", { id: "cursor" }));
@@ -121,6 +125,14 @@ class Picture {
   lines(top, bottom) {
     return this.group("lines", [...this.layout.lanes.values()].map(lane =>
       svgNode("line", { x1: lane.x, x2: lane.x, y1: top, y2: bottom })));
+  }
+
+  // A strip along the times marks the closing phase.
+  closing() {
+    const { closing, height } = this.layout;
+    if (closing === null) return svgNode("g");
+    return svgNode("g", { class: "closing", "data-tip": "the closing phase: all faults have ended, and everything must become right" },
+      svgNode("rect", { x: 0, y: closing, width: TIME_WIDTH - 6, height: height - closing }));
   }
 
   fold(fold) {
@@ -228,6 +240,15 @@ class Picture {
                           "data-log": mark.lines.map(line => line.index).join(), "data-tip": tipOfLines(mark.lines) },
       svgNode("rect", { x: mark.lane.x - width / 2, y: mark.y - 6, width, height: 12, rx: 6 }),
       svgText(mark.lane.x, mark.y + 3, text, "", "middle"));
+  }
+
+  // A port event at the moment at which the host handles it.
+  handled({ event, lane, y }) {
+    const room = this.layout.step - HANDLED_TEXT_X - 22;
+    const text = handledText(event), digits = Math.max(4, Math.floor(room / LETTER_WIDTH));
+    return svgNode("g", { class: "handled", "data-event": event.index, "data-tip": `${lane.name} handles: ${text}` },
+      svgNode("path", { d: `M${lane.x} ${y}${HANDLED_SHAPES[event.event] || HANDLED_SHAPES["SM change"]}` }),
+      svgText(lane.x + HANDLED_TEXT_X, y + 3.5, text.length > digits ? text.slice(0, digits - 1) + "…" : text, "label"));
   }
 
   act({ event, lane, y }) {

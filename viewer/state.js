@@ -42,6 +42,12 @@ const isAnswer = sent => sent.method.endsWith("Resp");
 const isGood = sent => !sent.status || sent.status.startsWith("0x0000");
 const keyOf = record => [record.gid, record.p_key, record.service].join("/");
 
+// The closing phase of a campaign has several steps.
+const isClosing = event => event.e === "step" && event.phase === "closing";
+
+// "up", or "up (LID change)": what a host was told about its port, and what the fabric had reported if that differs.
+const handledText = event => event.cause === event.event ? event.event : `${event.event} (${event.cause})`;
+
 // Each datagram goes from a port to the SA, or from the SA to a port. Returns this port, or null if it is unknown.
 function portOf(recording, datagram) {
   if (datagram.sent.from !== "sa") return datagram.sent.from;
@@ -53,7 +59,7 @@ function portOf(recording, datagram) {
 
 function newState() {
   return { table: new Map(), ports: new Map(), active: new Map(), registrations: new Map(), waiting: new Map(),
-           faults: new Map(), acts: new Map(), sm: null, step: null };
+           faults: new Map(), acts: new Map(), sm: null, step: null, isClosing: false };
 }
 
 const APPLY = {
@@ -73,7 +79,10 @@ const APPLY = {
     if (event.phase === "begin") state.acts.set(event.number, event);
     if (event.phase === "end") state.acts.delete(event.number);
   },
-  step(state, event) { state.step = event; },
+  step(state, event) {
+    state.step = event;
+    state.isClosing = state.isClosing || isClosing(event);
+  },
   sent(state, event) { if (!isAnswer(event)) noteRequest(state, event); },
   refused(state, event) {
     state.active.set(hcaOf(event.from), event.from);

@@ -1,7 +1,7 @@
 // The page: its filters, its scrubber (the slider of time), keys and clicks.
 
 const byId = id => document.getElementById(id);
-const KINDS = [["get", "Get"], ["set", "Set"], ["delete", "Delete"], ["path", "Path"], ["other", "Other"], ["lost", "Lost only"], ["log", "Log"], ["act", "Acts"]];
+const KINDS = [["get", "Get"], ["set", "Set"], ["delete", "Delete"], ["path", "Path"], ["other", "Other"], ["lost", "Lost only"], ["log", "Log"], ["handled", "Port events"], ["act", "Acts"]];
 const KEYS = [["↑ ↓, k j", "previous, next event"], ["Home, End", "begin, end"], ["n, p", "next, previous loss or error"], ["a, A", "next, previous act or step"], ["v", "the violation"],
               ["/", "filter by text"], ["Esc", "drop the filter or the selection"], ["?", "this help"]];
 
@@ -19,6 +19,7 @@ const filter = {
     return this.matches(datagram.text);
   },
   showsLog(event) { return !this.hiddenKinds.has("log") && this.hiddenKinds.has("lost") && this.matches(`${event.host} ${event.text}`); },
+  showsHandled(event) { return !this.hiddenKinds.has("handled") && this.hiddenKinds.has("lost") && this.matches(`${event.port} ${handledText(event)}`); },
   showsAct(event) { return !this.hiddenKinds.has("act") && this.matches(`${event.host} act ${event.number} ${event.name}`); },
 };
 const picture = new Picture(byId("drawing"), byId("lane-names"), byId("picture"));
@@ -52,7 +53,15 @@ function showSummary() {
   const parts = [filter.hiddenHosts.size ? `${hostCount - filter.hiddenHosts.size} of ${hostCount} hosts` : `${hostCount} hosts`, `${formatLength(last ? last.t : 0)}`,
                  shown === all ? `${formatNumber(all)} datagrams` : `${formatNumber(shown)} of ${formatNumber(all)} datagrams`];
   if (about.planned_acts !== undefined) parts.push(about.acts === about.planned_acts ? `${about.acts} acts` : `${about.acts} of ${about.planned_acts} acts`);
+  if (about.trace_levels) parts.push(traceText());
   byId("summary").textContent = parts.join(" · ");
+}
+
+// "trace level 4 on all hosts", or the level of each host.
+function traceText() {
+  const levels = about.trace_levels, names = recording.hosts;
+  if (new Set(levels).size === 1) return `trace level ${levels[0]} on all hosts`;
+  return `trace levels: ${[...new Set(levels)].sort().map(level => `${level} on ${names.filter((_, i) => levels[i] === level).join(", ")}`).join("; ")}`;
 }
 
 // Selects the moment with this index in layout.stops. If `scrolls` is true, also scrolls the picture there.
@@ -67,6 +76,7 @@ function moveTo(next, scrolls = true) {
   picture.moveCursor(y);
   if (scrolls) keepInView(y);
   const state = stateAfter(recording, endOfStop());
+  if (state.isClosing) byId("moment").append(node("span", { class: "closing" }, " · closing phase"));
   byId("state").replaceChildren(describeState(recording, state, filter.hiddenHosts, (violationEvent() || {}).text || ""));
 }
 
@@ -142,8 +152,8 @@ function toggler(set, key) {
 
 function makeChips() {
   const present = new Set([...recording.datagrams.values()].map(datagram => kindOf((datagram.request || datagram).sent)));
-  const hasActs = recording.events.some(event => event.e === "act");
-  const isNeeded = key => key === "lost" || key === "log" || (key === "act" ? hasActs : present.has(key));
+  for (const event of recording.events) present.add(event.e);
+  const isNeeded = key => key === "lost" || key === "log" || present.has(key);
   byId("kinds").replaceChildren(...KINDS.filter(([key]) => isNeeded(key)).map(([key, text]) =>
     chip(text, key, !filter.hiddenKinds.has(key), toggler(filter.hiddenKinds, key))));
   byId("host-list").replaceChildren(...recording.hosts.map(host => chip(host, "host", !filter.hiddenHosts.has(host), toggler(filter.hiddenHosts, host))));
@@ -158,7 +168,7 @@ function showHead() {
     byId("verdict").hidden = false;
   }
   if (about.window) {
-    byId("notice").textContent = `Cut to a window: datagrams and log lines are shown from ${formatTime(about.window.from)} to ${formatTime(about.window.to)} only. ` +
+    byId("notice").textContent = `Cut to a window: datagrams, port events and log lines are shown from ${formatTime(about.window.from)} to ${formatTime(about.window.to)} only. ` +
       "States and the SA’s records are those of the whole run.";
     byId("notice").hidden = false;
   }
@@ -172,10 +182,13 @@ function showViolation() {
   if (where) where.addEventListener("click", () => goTo(violation));
   const text = violation ? violation.text.split("\n")[0] : about.complaint;
   const parts = [node("p", { class: "what" }, text, " ", where)];
+  const closing = recording.events.find(isClosing);
+  if (violation && about.planned_acts !== undefined) parts.push(node("p", { class: "hint" }, closing ? `In the closing phase, ${formatLength(violation.t - closing.t)} after all faults had ended.` : "Before the closing phase."));
   if (violation && violation.expected) parts.push(list([["expected", violation.expected], ["but was", violation.actual]]));
   if (about.replay) parts.unshift(replayLine());
   if (about.is_shortened) parts.push(node("p", { class: "hint" }, `Shortened: ${about.acts} of ${about.planned_acts} acts are enough to make it fail. Add --all-acts to draw them all.`));
-  if (about.changes && about.changes.length > 0) parts.push(node("p", { class: "hint" }, `Simplified: with ${about.changes.join(", ")} it still fails.`));
+  const changes = (about.changes || []).filter(change => !change.startsWith("trace="));
+  if (changes.length) parts.push(node("p", { class: "hint" }, `Simplified: with ${changes.join(", ")} it still fails.`));
   byId("violation").replaceChildren(...parts);
   byId("violation").hidden = false;
 }
@@ -198,7 +211,7 @@ function showHelp() {
   byId("help").replaceChildren(node("h2", {}, "Arrows"), list([...legend.map(([key, text]) => [node("i", { class: `swatch ${key}` }), text]),
     ["✕", "lost: on the way, or at its receiver"], ["┄", "a duplicate"], ["╲", "a slanted arrow arrived later than it was sent"]]),
     node("h2", {}, "Beside a lane"), list([...bands.map(([key, text]) => [node("i", { class: `swatch ${key}` }), text]), [node("i", { class: "swatch fault" }), "a fault or an act, left of the lane it hits"],
-    ["12", "so many log lines of the host"], ["⊕ ⊖", "the SA stores or removes a record"]]),
+    ["12", "so many log lines of the host"], ["▲ ▼ ◆", "the host handles an event of its port: link up, link down, SM change"], [node("i", { class: "swatch closing" }), "the closing phase of a campaign: all faults have ended"], ["⊕ ⊖", "the SA stores or removes a record"]]),
     node("h2", {}, "Keys"), list(KEYS.map(([key, text]) => [node("kbd", {}, key), text])), close);
   byId("help").showModal();
 }

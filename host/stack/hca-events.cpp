@@ -43,7 +43,7 @@ kq_async_record_t event_type_of(port_change change)
 
 hca_events::hca_events(kernel::machine& home, fabric::hca& adapter)
     : home_(home), hca_(adapter), hub_(home.get<hca_hubs>().hub_of(adapter)), spread_(home.get<link_up_spread>()),
-      task_(home, adapter.name() + " events")
+      watch_(home.get<event_watch>()), task_(home, adapter.name() + " events")
 {
     init_waitqueue_head_named(&callback_ended_, "the end of an event callback");
     task_.start([this] { return deliver_next(); }, "events");
@@ -77,7 +77,7 @@ void hca_events::announce_active_ports(kq_hca_h_t handle)
         port_progress& progress = subscriber->ports[port - 1];
         if (progress.has_link_report) continue; // the subscriber learns the state of the link from the fabric's reports
         progress.announced_tick = home_.exec().now();
-        queue({handle, port, port_change::link_up, 0, true});
+        queue({handle, port, port_change::link_up, 0, port_change::link_up, true});
     }
 }
 
@@ -143,17 +143,17 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
 // host keeps its port; an SM change tells it the new LID of the SM at once.
 void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, uint16_t sm_lid)
 {
-    if (change == port_change::sm_change) return queue({handle, port, change, sm_lid, false});
+    if (change == port_change::sm_change) return queue({handle, port, change, sm_lid, change});
     std::erase_if(queue_, [&](const event& each) {
         return each.handle == handle && each.port == port && each.due_tick > home_.exec().now();
     });
-    if (change == port_change::link_down) return queue({handle, port, change, sm_lid, false});
+    if (change == port_change::link_down) return queue({handle, port, change, sm_lid, change});
     const uint64_t due_tick = link_up_tick();
     if (change == port_change::reregister) {
-        if (due_tick > 0) queue({handle, port, port_change::sm_change, sm_lid, false});
-        queue({handle, port, port_change::link_down, sm_lid, false, due_tick});
+        if (due_tick > 0) queue({handle, port, port_change::sm_change, sm_lid, change});
+        queue({handle, port, port_change::link_down, sm_lid, change, false, due_tick});
     }
-    queue({handle, port, port_change::link_up, sm_lid, false, due_tick});
+    queue({handle, port, port_change::link_up, sm_lid, change, false, due_tick});
 }
 
 // Draws the tick at which a link-up of this moment is delivered. Returns 0 (at once) without a spread.
@@ -192,6 +192,7 @@ std::optional<uint64_t> hca_events::deliver_next()
 {
     kq_async_event_fn_t callback;
     kq_event_record_st record{};
+    event next{};
     {
         const std::lock_guard lock(mutex_);
         const uint64_t now_ticks = home_.exec().now();
@@ -201,7 +202,7 @@ std::optional<uint64_t> hca_events::deliver_next()
             const auto earliest = std::ranges::min_element(queue_, {}, &event::due_tick);
             return earliest == queue_.end() ? exec::never : earliest->due_tick;
         }
-        const event next = *position;
+        next = *position;
         queue_.erase(position);
         const subscription* subscriber = find(next.handle);
         assert(subscriber); // unsubscribe() also removes the queued events
@@ -212,6 +213,7 @@ std::optional<uint64_t> hca_events::deliver_next()
         record.port_num = static_cast<uint8_t>(next.port);
         record.type.data = next.sm_lid;
     }
+    watch_.show({home_.exec().now(), hca_, next.port, next.change, next.cause, next.is_announcement});
     callback(record);
     {
         const std::lock_guard lock(mutex_);

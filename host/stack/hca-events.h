@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 
+#include "host/stack/event-watch.h"
 #include "host/stack/hca-hub.h"
 #include "host/stack/service-task.h"
 
@@ -66,8 +67,9 @@ class hca_events final : public fabric::listener
         int port;
         fabric::port_change change;
         uint16_t sm_lid;
-        bool is_announcement;  // subscribe() has queued it, not the fabric
-        uint64_t due_tick = 0; // the event is not delivered before this tick
+        fabric::port_change cause;    // what the fabric has reported
+        bool is_announcement = false; // subscribe() has queued it, not the fabric
+        uint64_t due_tick = 0;        // the event is not delivered before this tick
     };
 
     // The caller holds mutex_.
@@ -87,6 +89,7 @@ class hca_events final : public fabric::listener
     fabric::hca& hca_;
     hca_hub& hub_;
     const link_up_spread& spread_;
+    event_watch& watch_;
     wait_queue_head_t callback_ended_;
     mutable std::mutex mutex_; // guards the members below, except the task
     std::list<subscription> subscriptions_;

@@ -348,8 +348,9 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
     set_fault("");
     const std::vector<std::string> environment = {
         "BROKEN_UMAD=" + fault_file, "LD_PRELOAD=" BROKEN_UMAD ":" + fabric_tools::ibsim_fabric::library()};
-    hosts.push_back(
-        std::make_unique<fabric_host>(*net, 1, std::vector<std::string>{"--port-interval", "50"}, environment));
+    const std::string recording = net->folder() + "/recording";
+    const std::vector<std::string> options = {"--port-interval", "50", "--record", recording};
+    hosts.push_back(std::make_unique<fabric_host>(*net, 1, options, environment));
     fabric_host& host = *hosts[0];
     ASSERT_TRUE(sa_reaches_count(1)) << host.output();
     int unused_number = 100;
@@ -381,6 +382,9 @@ TEST_F(hosts_on_fabric, survive_malformed_answers_a_lost_hca_and_a_silent_fabric
 
     net->console("Baselid \"node1\"[1] 40"); // another LID, for which this SM has no route
     EXPECT_TRUE(wait_until([&] { return host.port().value("lid", 0) == 40; }, 30s)) << host.output();
+    for (const char* part :
+         {R"("lid":40,"sm_lid")", R"("event":"down","cause":"LID change")", R"("event":"up","cause":"LID change")"})
+        EXPECT_TRUE(wait_until([&] { return text_of(recording).find(part) != std::string::npos; }, 30s)) << part;
 
     net->kill_simulator();
     const long ticks_at_death = ticks_used_by(host.program());

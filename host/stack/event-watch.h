@@ -1,0 +1,47 @@
+// Shows a watcher, for example a recorder, the events of HCAs at the moment at which a host handles them.
+#pragma once
+
+#include <functional>
+#include <mutex>
+
+#include "host/fabric/fabric.h"
+#include "host/kernel/machine.h"
+
+namespace stack
+{
+
+struct event_sight {
+    uint64_t tick;
+    const fabric::hca& hca;
+    int port;
+    fabric::port_change change; // what the subscriber is told; never reregister
+    fabric::port_change cause;  // what the fabric has reported
+    bool is_announcement;       // the fabric has reported nothing: the link was up before the subscription
+};
+
+// The watch of a machine. Any thread may call it.
+class event_watch final : public kernel::service
+{
+  public:
+    explicit event_watch(kernel::machine&) {}
+
+    // Sets the watcher, or removes it (null). It is called before each callback of a subscriber, in the same task. It
+    // must not sleep or call this object. After the return, the previous watcher is not called any more.
+    void set(std::function<void(const event_sight&)> watcher)
+    {
+        const std::lock_guard lock(mutex_);
+        watcher_ = std::move(watcher);
+    }
+
+    void show(const event_sight& sight)
+    {
+        const std::lock_guard lock(mutex_);
+        if (watcher_) watcher_(sight);
+    }
+
+  private:
+    std::mutex mutex_; // guards the watcher
+    std::function<void(const event_sight&)> watcher_;
+};
+
+} // namespace stack
