@@ -132,7 +132,10 @@ class search
         if (!result->complaint.empty()) {
             ++failures_;
             progress_.clear();
-            show_failure({plan.seed, result->complaint}, options_.plan, selection_of(plan, ""));
+            show_failure(result->complaint, {.seed = plan.seed,
+                                             .options = options_.plan,
+                                             .module_folder = options_.run.module_folder,
+                                             .selection = selection_of(plan, "")});
         }
         return coverage.add(edges_.elements());
     }

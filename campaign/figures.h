@@ -38,6 +38,7 @@ void add(figures& sum, const figures& counts);
 // The result of a campaign over a range of seeds, or of one shard of the campaign.
 struct campaign_result {
     plan_options options;
+    std::string module_folder;              // as on the command line; empty: the modules of the program
     uint64_t first_seed = 1, last_seed = 1; // of the whole campaign, also if this is the result of a shard
     uint64_t shard = 1, shards = 1;
     bool is_interrupted = false;

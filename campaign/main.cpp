@@ -13,7 +13,6 @@
 #include "campaign/simplify.h"
 #include "campaign/summary.h"
 #include "console/progress.h"
-#include "host/world/module-folder.h"
 
 namespace
 {
@@ -117,7 +116,13 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
 ats::result<int> show_failing_run(const command_line& line, const plan& plan, const std::vector<size_t>& acts,
                                   const run_result& result)
 {
-    show_failure({result.seed, result.complaint}, plan.options, selection_of(plan, CLI::detail::join(line.only, ",")));
+    const auto choice_with = [&](const campaign::plan& replayed_plan, const std::string& only) {
+        return run_choice{.seed = plan.seed,
+                          .options = plan.options,
+                          .module_folder = line.options.module_folder,
+                          .selection = selection_of(replayed_plan, only)};
+    };
+    show_failure(result.complaint, choice_with(plan, CLI::detail::join(line.only, ",")));
     const bool draws = !line.picture_path.empty();
     failing_run simplest{plan, acts};
     if (line.minimise || (draws && !line.draws_all_acts)) {
@@ -129,11 +134,12 @@ ats::result<int> show_failing_run(const command_line& line, const plan& plan, co
         for (const size_t number : simplest.acts) std::printf("  %s\n", describe(simplest.plan, number).c_str());
         const ats::result<run_result> last_run = run_apart(simplest.plan, simplest.acts, line.options);
         if (!last_run) return ats::pass_on(last_run);
-        show_failure({last_run->seed, last_run->complaint}, plan.options,
-                     selection_of(simplest.plan, text_of(simplest.acts)));
+        show_failure(last_run->complaint, choice_with(simplest.plan, text_of(simplest.acts)));
     }
     if (!draws) return exit_failed;
-    const failing_run& drawn = line.draws_all_acts ? failing_run{plan, acts} : simplest;
+    failing_run drawn = line.draws_all_acts ? failing_run{plan, acts} : std::move(simplest);
+    if (const ats::result<> unified = unify_trace_levels(drawn, result.complaint, line.options); !unified)
+        return ats::pass_on(unified);
     const ats::result<> picture =
         draw(line.picture_path, drawn.plan, drawn.acts, line.options, result, !line.draws_all_acts);
     if (!picture) return ats::pass_on(picture);
@@ -159,12 +165,19 @@ ats::result<int> replay(const command_line& line)
     return 0;
 }
 
+// What decides the run of a seed of a campaign.
+run_choice choice_of(const campaign_result& campaign, uint64_t seed)
+{
+    return {.seed = seed, .options = campaign.options, .module_folder = campaign.module_folder, .selection = ""};
+}
+
 // Runs the seeds of a campaign, or of one shard of it.
 ats::result<int> run(const command_line& line)
 {
     const auto begin = std::chrono::steady_clock::now();
     campaign_result sum;
     sum.options = line.plan_options;
+    sum.module_folder = line.options.module_folder;
     sum.first_seed = line.first_seed;
     sum.last_seed = line.last_seed;
     sum.shard = line.shard;
@@ -183,7 +196,7 @@ ats::result<int> run(const command_line& line)
         if (!result.complaint.empty()) {
             sum.failures.push_back({result.seed, result.complaint});
             progress.clear();
-            show_failure(sum.failures.back(), line.plan_options, "");
+            show_failure(result.complaint, choice_of(sum, result.seed));
         }
         const std::string all_seeds = line.hours > 0 ? "" : " of " + std::to_string(seeds);
         progress.show(std::to_string(ended_seeds) + all_seeds + " seeds, " + std::to_string(sum.failures.size()) +
@@ -218,7 +231,7 @@ ats::result<int> merge_shards(const command_line& line)
 {
     const ats::result<campaign_result> sum = merge(line.result_paths);
     if (!sum) return ats::pass_on(sum);
-    for (const campaign_result::failure& each : sum->failures) show_failure(each, sum->options, "");
+    for (const campaign_result::failure& each : sum->failures) show_failure(each.complaint, choice_of(*sum, each.seed));
     return show_summary(*sum) ? 0 : exit_failed;
 }
 
@@ -227,7 +240,6 @@ ats::result<int> merge_shards(const command_line& line)
 int main(int argc, char** argv)
 {
     command_line line;
-    line.options.module_folder = world::default_module_folder();
     CLI::App program(
         "Tests the service under random faults, one seed after another. Replays and shortens the runs that failed.");
     const auto reads = [&](ats::result<> (*read)(std::string_view, command_line&)) {
@@ -283,7 +295,8 @@ int main(int argc, char** argv)
                         "draw the run as a page in this file; if it fails, the simplest run that fails")
             ->needs(seed);
     program.add_flag("--all-acts", line.draws_all_acts, "draw all acts of a run that fails")->needs(html);
-    program.add_option("--modules", line.options.module_folder, "load the modules from this folder");
+    program.add_option("--modules", line.options.module_folder,
+                       "load the modules from this folder, not those of the program");
     try {
         program.parse(argc, argv);
         const ats::result<int> exit_code = seed->count() > 0            ? replay(line)

@@ -49,7 +49,7 @@ node::node(tested_fabric& fabric, size_t number, const host_shape& shape)
       harm_(std::make_unique<harm_watch>())
 {
     hcas = machine().hcas();
-    if (shape.trace_level >= ZR_DEBUG)
+    if (shape.has_models)
         for (fabric::hca* each : hcas) {
             std::array<fabric::gid_bytes, 2> gids{};
             for (int port = 1; port <= each->port_count(); ++port)

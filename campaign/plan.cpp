@@ -40,8 +40,9 @@ std::vector<host_shape> draw_hosts(dice& dice)
         host.hcas = dice.one_in(4) ? 2 : 1;
         host.ports = dice.one_in(3) ? 1 : 2;
         host.has_watching_ucm = dice.one_in(3);
-        if (has_models && &host - hosts.data() < 3)
-            host.trace_level = dice.one_in(4) ? 5 : 4;
+        host.has_models = has_models && &host - hosts.data() < 3;
+        if (host.has_models)
+            host.trace_level = dice.one_in(4) ? highest_trace_level : debug_trace_level;
         else
             host.trace_level = dice.one_in(6) ? 0 : 1;
     }

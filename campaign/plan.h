@@ -83,11 +83,14 @@ bool is_unhealed(const act_kind& kind);
 // Returns true if plans with these options may have acts of this kind.
 bool may_occur(const act_kind& kind, const plan_options& options);
 
+constexpr int debug_trace_level = 4, highest_trace_level = 5;
+
 struct host_shape {
     int hcas;
     int ports;
     bool has_watching_ucm; // see questions.h
-    int trace_level;       // from 4 (debug) on, port_model checks the lines of the log
+    int trace_level;       // of the module's log: 0 to highest_trace_level
+    bool has_models;       // port_model checks the lines of the log; needs at least debug_trace_level
 };
 
 struct plan {

@@ -18,7 +18,7 @@ namespace
 using nlohmann::json;
 
 // The version of the file's format. Increment it with every change of the format.
-constexpr int format = 1;
+constexpr int format = 2;
 
 json to_json(const campaign_result& result)
 {
@@ -30,6 +30,7 @@ json to_json(const campaign_result& result)
     for (const auto& each : result.failures) failures.push_back({{"seed", each.seed}, {"complaint", each.complaint}});
     return {{"format", format},
             {"options", options},
+            {"modules", result.module_folder},
             {"first_seed", result.first_seed},
             {"last_seed", result.last_seed},
             {"shard", result.shard},
@@ -49,6 +50,7 @@ campaign_result from_json(const json& file)
     const json& options = file.at("options");
     for (const plan_option& each : plan_option_table)
         result.options.*each.member = std::ranges::find(options, each.name) != options.end();
+    file.at("modules").get_to(result.module_folder);
     file.at("first_seed").get_to(result.first_seed);
     file.at("last_seed").get_to(result.last_seed);
     file.at("shard").get_to(result.shard);
@@ -85,7 +87,8 @@ ats::result<campaign_result> load(const std::string& path)
 std::string campaign_of(const campaign_result& result)
 {
     return "--seeds " + std::to_string(result.first_seed) + "-" + std::to_string(result.last_seed) +
-           describe(result.options) + ", in " + std::to_string(result.shards) + " shards";
+           describe(result.options) + (result.module_folder.empty() ? "" : " --modules " + result.module_folder) +
+           ", in " + std::to_string(result.shards) + " shards";
 }
 
 void add_shard(campaign_result& sum, campaign_result& shard)
@@ -126,6 +129,7 @@ ats::result<campaign_result> merge(const std::vector<std::string>& paths)
         if (shard->is_interrupted) return ats::fail(path + ": " + subject + " was interrupted: run it again");
         if (&path == &paths.front()) {
             sum.options = shard->options;
+            sum.module_folder = shard->module_folder;
             sum.first_seed = shard->first_seed;
             sum.last_seed = shard->last_seed;
             sum.shards = shard->shards;

@@ -11,8 +11,8 @@ namespace
 {
 
 constexpr const char* all_changes =
-    "hosts=N, hcas=1, ports=1, order=plain, order=N, depth=N, more=SEED, ACT.host=N, ACT.a=N, ACT.b=N, ACT.ticks=N and "
-    "ACT.begin=N";
+    "hosts=N, hcas=1, ports=1, order=plain, order=N, depth=N, trace=N, more=SEED, ACT.host=N, ACT.a=N, ACT.b=N, "
+    "ACT.ticks=N and ACT.begin=N";
 
 // Returns true if the whole text is a number, and stores the number.
 template <class number_t>
@@ -68,6 +68,13 @@ bool change_plan(plan& plan, std::string_view name, std::string_view value)
     }
     if (name == "hosts" && number >= 2 && number <= plan.hosts.size()) {
         plan.hosts.resize(number);
+        return true;
+    }
+    if (name == "trace" && number <= highest_trace_level) {
+        for (host_shape& host : plan.hosts) {
+            host.trace_level = static_cast<int>(number);
+            host.has_models = host.has_models && host.trace_level >= debug_trace_level;
+        }
         return true;
     }
     if (name == "depth" && plan.priorities && number >= 1 && number <= static_cast<uint64_t>(plan.priorities->depth)) {
@@ -165,6 +172,17 @@ ats::result<> change(plan& plan, std::string_view text)
     if (name != "more")
         std::erase_if(plan.changes, [&](const std::string& each) { return each.substr(0, each.find('=')) == name; });
     plan.changes.emplace_back(text);
+    return {};
+}
+
+ats::result<> unify_trace_levels(failing_run& run, const std::string& complaint, const run_options& options)
+{
+    plan changed = run.plan;
+    if (const ats::result<> result = change(changed, "trace=" + std::to_string(debug_trace_level)); !result)
+        return result;
+    const ats::result<run_result> result = run_apart(changed, run.acts, options);
+    if (!result) return ats::pass_on(result);
+    if (complaint_kind(result->complaint) == complaint_kind(complaint)) run.plan = std::move(changed);
     return {};
 }
 

@@ -18,6 +18,7 @@ namespace campaign
 //     order=plain     tasks run in the order in which they become ready
 //     order=5         draw the order of tasks from seed 5
 //     depth=1         the depth of the random priorities (--pct), see exec::priority_schedule
+//     trace=4         all hosts have this trace level; below 4, port_model does not check their logs
 //     more=12         add the acts of seed 12
 //     7.host=0        act 7 selects its host with the number 0
 //     7.a=1 7.b=0     act 7 has these other random numbers
@@ -32,6 +33,10 @@ struct failing_run {
     campaign::plan plan;
     std::vector<size_t> acts;
 };
+
+// Gives all hosts of a run that fails the trace level for pictures. Changes nothing if the run then fails in another
+// way than with `complaint`. Returns an error only if no process could be started.
+ats::result<> unify_trace_levels(failing_run& run, const std::string& complaint, const run_options& options);
 
 // Returns a simpler run that fails in the same way. It has fewer acts (see shorten()), and a plan with all changes
 // after which these acts still fail. Returns an error only if no process could be started.

@@ -1,5 +1,7 @@
 #include "campaign/summary.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 
 namespace campaign
@@ -33,6 +35,18 @@ int show_idle_kinds(const campaign_result& result)
     return idle_kinds;
 }
 
+// The word in a form that a shell reads as one word.
+std::string shell_word(const std::string& word)
+{
+    const auto is_plain = [](unsigned char c) {
+        return std::isalnum(c) || std::string_view("/._-+=:,@%").find(static_cast<char>(c)) != std::string_view::npos;
+    };
+    if (!word.empty() && std::ranges::all_of(word, is_plain)) return word;
+    std::string text = "'";
+    for (const char c : word) text += c == '\'' ? "'\\''" : std::string(1, c);
+    return text + "'";
+}
+
 } // namespace
 
 std::string selection_of(const plan& plan, const std::string& acts)
@@ -42,16 +56,17 @@ std::string selection_of(const plan& plan, const std::string& acts)
     return text;
 }
 
-std::string replay_command(uint64_t seed, const plan_options& options, const std::string& selection)
+std::string replay_command(const run_choice& choice)
 {
-    const std::string number = std::to_string(seed);
-    return "ats-campaign --seed " + number + describe(options) + selection + " --log seed-" + number + ".log";
+    const std::string number = std::to_string(choice.seed);
+    const std::string modules = choice.module_folder.empty() ? "" : " --modules " + shell_word(choice.module_folder);
+    return "ats-campaign --seed " + number + describe(choice.options) + choice.selection + modules + " --log seed-" +
+           number + ".log";
 }
 
-void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& selection)
+void show_failure(const std::string& complaint, const run_choice& choice)
 {
-    std::printf("FAILED seed %lu: %sreplay: %s\n", failure.seed, failure.complaint.c_str(),
-                replay_command(failure.seed, options, selection).c_str());
+    std::printf("FAILED seed %lu: %sreplay: %s\n", choice.seed, complaint.c_str(), replay_command(choice).c_str());
     std::fflush(stdout);
 }
 

@@ -9,16 +9,23 @@
 namespace campaign
 {
 
+// What decides a run. The command that replays a run must repeat all of it.
+struct run_choice {
+    uint64_t seed;
+    plan_options options;
+    std::string module_folder; // empty: the modules of the program
+    std::string selection;     // from selection_of(); empty for an unchanged plan with all acts
+};
+
 // Returns the options of a command line that select these acts and the changes of the plan. `acts` is a value of
 // --only; empty means all acts.
 std::string selection_of(const plan& plan, const std::string& acts);
 
-// Returns the command that runs a seed again. `selection` comes from selection_of(); it is empty for an unchanged plan
-// with all acts.
-std::string replay_command(uint64_t seed, const plan_options& options, const std::string& selection);
+// Returns the command that replays a run, for a shell.
+std::string replay_command(const run_choice& choice);
 
 // Prints the complaint of a failed run, and the command that replays it.
-void show_failure(const campaign_result::failure& failure, const plan_options& options, const std::string& selection);
+void show_failure(const std::string& complaint, const run_choice& choice);
 
 // Prints the figures in one line. `seconds` is the time that has passed.
 void show(const figures& counts, double seconds);

@@ -5,11 +5,13 @@
 #include <map>
 #include <unistd.h>
 
+#include "host/world/module-folder.h"
+
 namespace campaign
 {
 
 tested_fabric::tested_fabric(const campaign::plan& plan, const run_options& options)
-    : module_folder(options.module_folder), plan(plan),
+    : module_folder(options.module_folder.empty() ? world::default_module_folder() : options.module_folder), plan(plan),
       order(plan.priorities ? std::make_unique<exec::priority_schedule>(*plan.priorities) : nullptr),
       simulation(exec::make_simulation({.seed = plan.order_seed.value_or(plan.seed),
                                         .explore_switches = !plan.has_plain_order,
@@ -20,9 +22,7 @@ tested_fabric::tested_fabric(const campaign::plan& plan, const run_options& opti
         log_ = std::fopen(options.log_path.c_str(), "w");
         if (!log_) violate("cannot write " + options.log_path);
     }
-    if (options.record_file)
-        recorder_ = std::make_unique<recording::recorder>(options.record_file,
-                                                          "ats-campaign --seed " + std::to_string(plan.seed));
+    if (options.record_file) recorder_ = std::make_unique<recording::recorder>(options.record_file, options.command);
     for (const host_shape& shape : plan.hosts) nodes.emplace_back(*this, nodes.size(), shape);
     wire.begin(options.capture_path);
     subnet.set_tap(&wire);

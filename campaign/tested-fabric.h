@@ -20,10 +20,11 @@ namespace campaign
 {
 
 struct run_options {
-    std::string module_folder;
+    std::string module_folder;        // as on the command line; empty: the modules of the program
     std::string log_path;             // empty if no log is written
     std::string capture_path;         // empty if nothing is captured
     std::FILE* record_file = nullptr; // receives a recording; null if nothing is recorded
+    std::string command;              // that the recording names
 };
 
 // The longest time from the end of a harmful act to the end of its effects.
@@ -65,10 +66,10 @@ struct tested_fabric {
     // Prints the fault and ends the process with exit code 1. Also completes the recording and the capture file.
     [[noreturn]] void violate(const std::string& fault, const mismatch& mismatch = {});
 
-    // Adds a line to the log and to the digest.
     // Records that the closing phase has come to this step.
     void begin_closing_step(const std::string& text);
 
+    // Adds a line to the log and to the digest.
     void note(const std::string& subject, const std::string& event);
     uint64_t now() const { return simulation->now(); }
 
