@@ -3,6 +3,7 @@
 const SVG = "http://www.w3.org/2000/svg";
 const DRAW_ALL_ITEMS = 4000; // a picture with at most this number of items is drawn whole
 const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label, in pixels
+const TITLE_LETTER_WIDTH = 8.4; // the same in the title of a violation
 const NAMES_HEIGHT = 46;
 const LONG_ARROW = 900; // pixels; one end of a longer arrow may be outside the screen, so it has a label at both ends
 const HANDLED_TEXT_X = 38; // pixels from the lane; the bands are between
@@ -28,9 +29,10 @@ function kindOf(sent) {
 
 function labelOf(sent, room) {
   const text = isAnswer(sent) && !isGood(sent) ? statusText(sent) : `${sent.method} ${subjectOf(sent)}`.trim();
-  const digits = Math.max(8, Math.floor(room / LETTER_WIDTH));
-  return text.length > digits ? text.slice(0, digits - 1) + "…" : text;
+  return cutText(text, Math.max(8, Math.floor(room / LETTER_WIDTH)));
 }
+
+const cutText = (text, digits) => text.length > digits ? text.slice(0, digits - 1) + "…" : text;
 
 // Status 0x0300 (no such record) is a usual answer, so it does not count as an error.
 const isTroubleStatus = sent => !isGood(sent) && !sent.status.startsWith("0x0300");
@@ -170,7 +172,7 @@ class Picture {
                      svgText(TIME_WIDTH, y, event.text, ""));
     return svgNode("g", { class: "violation", "data-event": event.index },
       svgNode("rect", { x: TIME_WIDTH - 4, y: y - 30, width: this.layout.width - TIME_WIDTH, height: 36, rx: 5 }),
-      svgText(TIME_WIDTH + 10, y - 7, `Violation: ${event.text.split("\n")[0]}`, ""));
+      svgText(TIME_WIDTH + 10, y - 7, cutText(`Violation: ${event.text.split("\n")[0]}`, Math.floor((this.layout.width - TIME_WIDTH - 20) / TITLE_LETTER_WIDTH)), ""));
   }
 
   change({ event, y }) {
@@ -245,10 +247,10 @@ class Picture {
   // A port event at the moment at which the host handles it.
   handled({ event, lane, y }) {
     const room = this.layout.step - HANDLED_TEXT_X - 22;
-    const text = handledText(event), digits = Math.max(4, Math.floor(room / LETTER_WIDTH));
+    const text = handledText(event);
     return svgNode("g", { class: "handled", "data-event": event.index, "data-tip": `${lane.name} handles: ${text}` },
       svgNode("path", { d: `M${lane.x} ${y}${HANDLED_SHAPES[event.event] || HANDLED_SHAPES["SM change"]}` }),
-      svgText(lane.x + HANDLED_TEXT_X, y + 3.5, text.length > digits ? text.slice(0, digits - 1) + "…" : text, "label"));
+      svgText(lane.x + HANDLED_TEXT_X, y + 3.5, cutText(text, Math.max(4, Math.floor(room / LETTER_WIDTH))), "label"));
   }
 
   act({ event, lane, y }) {

@@ -182,9 +182,9 @@ function showViolation() {
   if (where) where.addEventListener("click", () => goTo(violation));
   const text = violation ? violation.text.split("\n")[0] : about.complaint;
   const parts = [node("p", { class: "what" }, text, " ", where)];
+  if (violation && violation.expected) parts.push(list([["expected", violation.expected], ["but was", violation.actual]]));
   const closing = recording.events.find(isClosing);
   if (violation && about.planned_acts !== undefined) parts.push(node("p", { class: "hint" }, closing ? `In the closing phase, ${formatLength(violation.t - closing.t)} after all faults had ended.` : "Before the closing phase."));
-  if (violation && violation.expected) parts.push(list([["expected", violation.expected], ["but was", violation.actual]]));
   if (about.replay) parts.unshift(replayLine());
   if (about.is_shortened) parts.push(node("p", { class: "hint" }, `Shortened: ${about.acts} of ${about.planned_acts} acts are enough to make it fail. Add --all-acts to draw them all.`));
   const changes = (about.changes || []).filter(change => !change.startsWith("trace="));
