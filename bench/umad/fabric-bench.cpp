@@ -58,10 +58,10 @@ constexpr int fabric_processor = 0, asker_processor = 1;
 // Programs that are started while this object exists run only on `processor`. The fabric and the asker get one
 // processor each, so they do not take processor time from each other. Does nothing if the machine has no such
 // processor.
-class pinned
+class processor_pin
 {
   public:
-    explicit pinned(int processor)
+    explicit processor_pin(int processor)
     {
         sched_getaffinity(0, sizeof previous_, &previous_);
         cpu_set_t choice;
@@ -69,9 +69,9 @@ class pinned
         CPU_SET(processor, &choice);
         sched_setaffinity(0, sizeof choice, &choice);
     }
-    ~pinned() { sched_setaffinity(0, sizeof previous_, &previous_); }
-    pinned(const pinned&) = delete;
-    pinned& operator=(const pinned&) = delete;
+    ~processor_pin() { sched_setaffinity(0, sizeof previous_, &previous_); }
+    processor_pin(const processor_pin&) = delete;
+    processor_pin& operator=(const processor_pin&) = delete;
 
   private:
     cpu_set_t previous_;
@@ -110,7 +110,7 @@ class bench
   private:
     void start_sm()
     {
-        const pinned fabric(fabric_processor);
+        const processor_pin pin(fabric_processor);
         sm_ = net_.start_sm(sm_node);
         if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
     }
@@ -133,8 +133,8 @@ class bench
     // on asker_processor.
     speed speed_of(const std::vector<std::string>& command, bool is_pinned = false)
     {
-        std::optional<pinned> own_processor;
-        if (is_pinned) own_processor.emplace(asker_processor);
+        std::optional<processor_pin> pin;
+        if (is_pinned) pin.emplace(asker_processor);
         const std::string output = net_.run(asker, command);
         speed measured;
         if (std::sscanf(output.c_str(), "%lf lookups/s, %lf", &measured.rate, &measured.processor_us) < 1)
@@ -285,7 +285,7 @@ class bench
 
     static ibsim_fabric start_fabric()
     {
-        const pinned fabric(fabric_processor);
+        const processor_pin pin(fabric_processor);
         return ibsim_fabric(node_list());
     }
 

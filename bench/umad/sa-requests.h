@@ -15,7 +15,7 @@ namespace sa_load
 
 enum class request_kind : uint8_t { set, remove, get_by_address, get_by_gid, get_path };
 
-constexpr std::array all_kinds = {request_kind::set, request_kind::remove, request_kind::get_by_address,
+inline constexpr std::array all_kinds = {request_kind::set, request_kind::remove, request_kind::get_by_address,
                                   request_kind::get_by_gid, request_kind::get_path};
 
 std::string name_of(request_kind kind);
