@@ -342,12 +342,12 @@ ats_status_t client::begin_request(const std::string& body, clock::time_point de
 
 ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
 {
-    const auto longest = clock::now() + std::chrono::hours(1);
+    constexpr auto longest_wait = std::chrono::hours(1); // a wait until time_point::max() would overflow
     {
         lock guard(mutex_);
-        const bool is_our_turn =
-            progress_.wait_until(guard, std::min(deadline, longest), [&] { return !is_in_request_; });
-        if (!is_our_turn) return failed(ATS_NO_ANSWER, no_answer);
+        const auto is_our_turn = [&] { return !is_in_request_; };
+        while (!progress_.wait_until(guard, std::min(deadline, clock::now() + longest_wait), is_our_turn))
+            if (clock::now() >= deadline) return failed(ATS_NO_ANSWER, no_answer);
         is_in_request_ = true;
     }
     const std::unique_ptr<client, void (*)(client*)> turn(this, [](client* self) { self->end_turn(); });
