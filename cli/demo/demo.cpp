@@ -73,12 +73,14 @@ struct demo_options {
 
 // Runs the demo. Returns the exit code. `capture` (or null) receives every datagram. `recorder` (or null) receives
 // every event.
-int run_demo(const std::string& module_folder, fabric::capture* capture, recording::recorder* recorder)
+ats::result<int> run_demo(const std::string& module_folder, fabric::capture* capture, recording::recorder* recorder)
 {
     const auto begin = wall_clock::now();
     stage stage(module_folder, capture, recorder, isatty(STDOUT_FILENO) == 1);
     const int exit_code = play(stage);
-    if (recorder) recorder->finish(stage.time().now());
+    if (recorder)
+        if (const ats::result<> finished = recorder->finish(stage.time().now()); !finished)
+            return ats::pass_on(finished);
     if (exit_code == console::exit_ok)
         std::printf("All %zu steps happened: %.1f s of simulated time in %.2f s.\n", std::size(steps),
                     static_cast<double>(stage.time().now()) / 1000, seconds_since(begin));
@@ -92,7 +94,8 @@ ats::result<int> run_drawn_demo(const demo_options& options, fabric::capture* ca
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
     if (!file) return ats::fail(std::string("cannot create a file for the recording: ") + std::strerror(errno));
     recording::recorder recorder(file.get(), "ats demo");
-    const int exit_code = run_demo(options.modules, capture, &recorder);
+    const ats::result<int> exit_code = run_demo(options.modules, capture, &recorder);
+    if (!exit_code) return exit_code;
     const ats::result<recording::cut_recording> cut = recording::cut(recording::text_of_file(file.get()), {});
     if (!cut) return ats::pass_on(cut);
     nlohmann::ordered_json about = {{"title", "ats demo"}};
