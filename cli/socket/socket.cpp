@@ -97,7 +97,7 @@ bool is_named(const descriptor& open_file, const std::string& file)
     struct stat open_status = {};
     struct stat named_status = {};
     return fstat(open_file.get(), &open_status) == 0 && stat(file.c_str(), &named_status) == 0 &&
-           open_status.st_ino == named_status.st_ino;
+           open_status.st_dev == named_status.st_dev && open_status.st_ino == named_status.st_ino;
 }
 
 // Opens and locks `file`, the lock file of the socket at `path`.
