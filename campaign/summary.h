@@ -1,4 +1,5 @@
-// The output at the end of a campaign. The campaign ran on one machine, or its result was merged from shards.
+// The output of a campaign: its failed seeds while it runs, and the summary at its end. A replay of a seed and a corpus
+// print parts of it.
 #pragma once
 
 #include <string>
@@ -17,8 +18,8 @@ struct run_choice {
     std::string selection;     // from selection_of(); empty for an unchanged plan with all acts
 };
 
-// Returns the options of a command line that select these acts and the changes of the plan. `acts` is a value of
-// --only; empty means all acts.
+// Returns the options --only and --change for a command line. `acts` is the value of --only; if it is empty, the option
+// is left out. --change lists the changes in `plan`.
 std::string selection_of(const plan& plan, const std::string& acts);
 
 // Returns the command that replays a run, for a shell.
@@ -27,12 +28,13 @@ std::string replay_command(const run_choice& choice);
 // Prints the complaint of a failed run, and the command that replays it.
 void show_failure(const std::string& complaint, const run_choice& choice);
 
-// Prints the figures in one line. `seconds` is the time that has passed.
+// Prints the figures in one line. `seconds` is the duration of the campaign. For merged shards, it is the sum of their
+// durations. For a replay, it is 0.
 void show(const figures& counts, double seconds);
 
-// Prints the figures, the marks, the number of failed seeds, and each kind of act that never took effect. In a shard or
-// a short campaign, some kinds may be missing, so these are not checked there. Returns true if the campaign was not
-// interrupted and no check failed.
+// Prints the figures, how often each kind of act took effect, and the number of failed seeds. A kind that never took
+// effect is a failure, and is printed, too. A shard, a short campaign and an interrupted one need not contain every
+// kind, so these are not checked for it. Returns true if the campaign was not interrupted and nothing failed.
 bool show_summary(const campaign_result& result);
 
 } // namespace campaign

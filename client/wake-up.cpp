@@ -68,8 +68,8 @@ void wake_up::set(int socket, bool has_output, bool has_answers, clock::time_poi
             eventfd_read(answer_event_.get(), &count);
         has_answers_ = has_answers;
     }
-    // Keep an alarm that comes before the first deadline. The program then finds nothing to collect once; this is
-    // cheaper than a system call for each question.
+    // Keep an alarm that is earlier than the first deadline. It may wake the program once when there is no answer to
+    // collect. One such wake-up costs less than a system call for each question.
     const bool is_early_enough = alarm_ <= first_deadline && alarm_ > clock::now();
     if (is_early_enough || (alarm_ == first_deadline)) return;
     alarm_ = first_deadline;

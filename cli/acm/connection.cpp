@@ -98,9 +98,10 @@ void connection::handle_timer()
     peek_request();
 }
 
-// Removes the request from the socket before it sends the answer. If the process is killed between the two calls, the
-// program gets no answer to this request. In the other order, the next process would find the request again, and its
-// answer would be the second one: the program would take it for the answer to its next request.
+// Removes the request from the socket before it sends the answer. If the service is killed between these two calls, the
+// client gets no answer to this request. The other order would be worse: a new process of the service would find the
+// request again and answer it a second time. The client would take the second answer for the answer to its next
+// request.
 void connection::answer(const message& bytes)
 {
     if (is_closed_ || request_length_ == 0) return;

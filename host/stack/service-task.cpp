@@ -31,7 +31,7 @@ void service_task::start(std::function<std::optional<uint64_t>()> work, const ch
         return {.deadline = exec::never, .reason = "", .object = "", .is_last = true};
     };
     task_ = &home_.exec().start_steps(&home_, name_, step);
-    ring(); // ring() has no effect before task_ is set; repeat a call that came too early
+    ring(); // ring() does nothing while task_ is null, and another thread may have called it since the task began
 }
 
 void service_task::ring()

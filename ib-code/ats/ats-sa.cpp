@@ -222,8 +222,8 @@ int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name)
 
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr)
 {
-    // Store the address without waiting for `ats_sem`. If a signal ends the wait, the next registration still contains
-    // the new address.
+    // Store the address before the wait for `ats_sem` in ats_sa_do_update_ip. A signal may end that wait. The next
+    // registration then still contains the new address.
     set_port_addresses(ats, port_ipaddr);
     return ats_sa_do_update_ip(ats, port_ipaddr);
 }

@@ -1,5 +1,6 @@
-// Loads the module on hosts with different HCAs, parameters and other modules. If a kernel call fails during the load,
-// nothing may remain, and the next load must succeed.
+// Loads the module on hosts that differ in their HCAs, in their parameters, and in the functions that IBAT and UCM
+// publish. Lets kernel calls fail during the load. After a failed load, nothing may remain, and the next load must
+// succeed.
 #include <map>
 #include <set>
 
@@ -96,7 +97,8 @@ TEST(start_up_of, an_hca_that_fails_says_why)
     }
 }
 
-// HCA 1 fails and gives back its resources. Then HCA 0 is stopped and its record is deleted. HCA 2 was never started.
+// HCA 1 fails. Then ats_stop visits all three HCAs in their order. HCA 0 deletes its record. HCA 1 closes its handle.
+// HCA 2 has not started, and holds nothing.
 TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
 {
     ats_world w;
@@ -104,7 +106,7 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     host.link_up(1);
     host.peers().attach_takes_ticks = 10;
     exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
-    w.at(5); // HCA 0 has started and registered
+    w.at(5); // HCA 0 has registered, and waits for attach; HCA 1 has not begun
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
     host.faults().fail_calls("gsi_dtgrm_pool_create_named");
     host.finish(insmod);
@@ -118,8 +120,8 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The module releases the resources of the HCA that fails before it stops the other HCAs. The stop takes longer,
-// because it waits for the SA.
+// The HCA that fails gives back its datagram pool and its GSI classes before the module stops the other HCA. The handle
+// of the HCA that fails is closed after that. The stop of the other HCA takes some ticks, because it waits for the SA.
 TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
 {
     for (const char* call : {"gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"}) {
@@ -261,7 +263,7 @@ TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
     ats_host& host = w.add();
     host.link_up(1);
     host.peers().accepts = false;
-    host.peers().attach_takes_ticks = 50; // meanwhile the port becomes active
+    host.peers().attach_takes_ticks = 50; // meanwhile port 1 becomes the active port and registers
     EXPECT_EQ(number_of_failure(host.try_load()), -6);
     EXPECT_THAT(host.log(), ElementsAre(StartsWith("LOGGER"), "ERROR api/ats_ibat_init: Could not attach to IBAT",
                                         "ERROR api/ats_init: ats_ibat_init failed -255",

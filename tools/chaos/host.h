@@ -1,5 +1,5 @@
-// A host of a chaos run: one `ats run` process with its own configuration, and the addresses and names that it may
-// have.
+// A host of a chaos run: one `ats run` process with its own configuration. The object also knows which addresses and
+// names the host's records may have at the moment.
 #pragma once
 
 #include <chrono>

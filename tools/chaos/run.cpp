@@ -90,7 +90,8 @@ void run::act_on_sm(const act& act)
     if (act.kind == act_kind::restart_sm) sms_.stop_all();
     if (act.kind == act_kind::pause_sm) sms_.pause();
     if (act.kind == act_kind::start_sm) {
-        // The present SM keeps its records, and may become the master again later.
+        // If the new SM becomes the master, the present SM still has the records of these hosts. It may become the
+        // master again later, and the checks must then allow the records of a host that has ended.
         if (act.number == 1)
             for (const auto& each : hosts_)
                 if (each->is_running()) sms_.keep(each->gid(), each->possible_records());
