@@ -70,7 +70,7 @@ std::optional<sa_mad_v2_t> sa_questions::ask(const sa_mad_v2_t& request)
     machine_.enter("SA questions", [&] {
         {
             const std::lock_guard lock(mutex_);
-            first_transaction_ = last_transaction_ + 1;
+            first_transaction_ = (last_transaction_ + 1) & gsi_joined_transaction_bits;
             answer_.reset();
         }
         for (int i = 0; i < most_tries && !has_answer(); ++i) {
@@ -115,9 +115,10 @@ void sa_questions::take_answer(gsi_class_handle_t, void* context, gsi_dtgrm_t* d
     sa_mad_v2_t answer;
     std::memcpy(&answer, datagram->mad, sizeof answer);
     gsi_dtgrm_pool_put(datagram);
-    const uint64_t transaction = from_wire(answer.hdr.transact_id) & gsi_joined_transaction_bits;
+    const uint64_t transaction = from_wire(answer.hdr.transact_id);
     const std::lock_guard lock(self.mutex_);
-    if (transaction >= self.first_transaction_) self.answer_ = answer;
+    const uint64_t try_number = (transaction - self.first_transaction_) & gsi_joined_transaction_bits; // the IDs wrap
+    if (try_number < most_tries) self.answer_ = answer;
 }
 
 } // namespace world

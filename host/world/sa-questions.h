@@ -49,7 +49,7 @@ class sa_questions
     uint32_t last_transaction_ = 0;
 
     std::mutex mutex_;                  // guards the members below
-    uint32_t first_transaction_ = 0;    // first TransactionID of the latest ask(); smaller ones are of earlier calls
+    uint32_t first_transaction_ = 0;    // first TransactionID of the latest ask()
     std::optional<sa_mad_v2_t> answer_; // the answer to the latest ask()
 };
 
