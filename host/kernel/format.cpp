@@ -1,6 +1,7 @@
 #include "host/kernel/format.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace kernel
@@ -211,7 +212,7 @@ conversion take_conversion(const char** format, argument_list& arguments)
     if (**format == '*' || (**format >= '1' && **format <= '9')) form.width = number_or_argument();
     if (form.width < none) {
         form.is_left = true;
-        form.width = -form.width;
+        form.width = form.width == INT_MIN ? INT_MAX : -form.width;
     }
     if (**format == '.') {
         ++*format;
