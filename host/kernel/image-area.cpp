@@ -134,8 +134,10 @@ ats::result<image_area*> image_area::make(const shared_code& code)
     char* data = begin + code.data_page();
     const size_t bytes = code.slots() * code.stride();
     std::unique_ptr<image_area> area(new image_area(code, begin));
-    if (mprotect(data, bytes, PROT_READ | PROT_WRITE) != 0 || !areas.add(begin, *area)) {
-        const ats::error error = no_room("mprotect");
+    const bool is_writable = mprotect(data, bytes, PROT_READ | PROT_WRITE) == 0;
+    if (!is_writable || !areas.add(begin, *area)) {
+        const ats::error error =
+            is_writable ? exec::shortage_error("no room for a module: all areas are in use") : no_room("mprotect");
         munmap(begin, area_bytes);
         return tl::make_unexpected(error);
     }
