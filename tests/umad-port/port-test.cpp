@@ -273,7 +273,7 @@ struct change_list final : fabric::listener {
     // Waits up to 10 seconds until `count` changes were reported. Returns all changes, and forgets them.
     std::vector<fabric::port_change> take(size_t count)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         std::unique_lock lock(mutex);
         while (changes.size() < count && std::chrono::steady_clock::now() < deadline) {
             lock.unlock();
