@@ -92,14 +92,20 @@ test-threads:
 	ctest --preset tsan -E '_NOT_BUILT|^campaign|^protocol|^metrics|^librdmacm|^trace.of_everything|every_order'
 
 # A mutant of a module is a changed module beside a release build. A mutant of another part is one changed object, so it needs
-# the preset dev, where each file has an object of its own.
+# the preset dev, where each file has an object of its own. A mutant without a lock also
+# needs a tree with the thread sanitizer.
 PART ?= module
 OPTIONS ?=
+MUTANT_TREE = $(if $(filter module peers,$(PART)),release,dev)
 mutants:
 	@scripts/install-dependencies mutants
-	@$(MAKE) --no-print-directory configure PRESET=$(if $(filter module peers,$(PART)),release,dev)
-	cmake --build --preset $(if $(filter module peers,$(PART)),release,dev) --target ats-campaign test-ats test-peers test-stack test-kernel
-	scripts/mutants --part $(PART) --build build/$(if $(filter module peers,$(PART)),release,dev) $(OPTIONS)
+	@$(MAKE) --no-print-directory configure PRESET=$(MUTANT_TREE)
+	cmake --build --preset $(MUTANT_TREE) --target ats-campaign test-ats test-peers test-stack test-kernel
+ifneq ($(filter stack kernel,$(PART)),)
+	@$(MAKE) --no-print-directory configure PRESET=tsan-files
+	cmake --build --preset tsan-files
+endif
+	scripts/mutants --part $(PART) $(OPTIONS)
 
 SECONDS ?= 300
 fuzz:

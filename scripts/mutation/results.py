@@ -31,12 +31,16 @@ def read_explained(path):
         reason = [line for line in lines[1:] if not line.startswith((" ", "-", "+"))]
         if len(before) != 1 or not old or not new or not reason or not lines[0].endswith((".cpp", ".h")):
             raise ValueError(f"{path}: needs a file, the line before the change, lines with - and +, and a reason: {paragraph}")
-        explained.add((lines[0], before[0], old, new))
+        explained.add(explanation_of(lines[0], before[0], old, new))
     return explained
 
 
+def explanation_of(file, before, old, new):
+    return file, before, tuple(old), tuple(new)
+
+
 def is_explained(result, explained):
-    return (result["file"], result["before"], tuple(result["old"]), tuple(result["new"])) in explained
+    return explanation_of(result["file"], result["before"], result["old"], result["new"]) in explained
 
 
 def counted(results, explained):

@@ -17,6 +17,8 @@ from mutation import changes
 MEMORY_LIMIT = 24 << 30  # bytes of address space: a mutant that allocates for ever must not use up the machine's memory
 # Undefined behaviour ends the program, as it does under the sanitizers of `make test-all`.
 FAST_COMPILER = ["-O0", "-g0", "-U_FORTIFY_SOURCE", "-UNDEBUG", "-fsanitize=undefined", "-fsanitize-undefined-trap-on-error"]
+AS_BUILT = ["-Werror=frame-address"]  # the normal build, which refuses every warning, refuses these mutants
+FAST_COMPILER += AS_BUILT
 PASSED, FAILED, HUNG = "passed", "failed", "hung"
 
 # A step runs a program of the build tree with these arguments. `name` is its name in results.
@@ -44,14 +46,24 @@ PARTS = {
     "kernel": (["host/kernel"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
     "exec": (["host/exec"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
 }
+# Only the thread sanitizer notices that a lock is missing. These steps run in a tree that is built with it. A race needs two threads
+# that meet, so each test runs ten times.
+THREAD_PARTS = ("stack", "kernel")
+THREAD_STEPS = [tests(f"{name} under the thread sanitizer", "--gtest_filter=threads.*-*.*dies*", "--gtest_repeat=10") for name in ("kernel", "stack")]
+DROPPED_LOCK = "the lock is dropped"
 
 
-def run_limited(command, folder, environment, processor_seconds, seconds):
+def default_tree(part):
+    """Names the preset of the tree that fits a part. Modules are compiled file by file in each tree; other parts are not in `release`."""
+    return "release" if part in ("module", "peers") else "dev"
+
+
+def run_limited(command, folder, environment, memory, processor_seconds, seconds):
     """Runs a command with limits of its processor time and its memory. Kills all its processes if it has not ended after
     `seconds`. Returns PASSED, FAILED or HUNG."""
     def limit():
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-        resource.setrlimit(resource.RLIMIT_AS, (MEMORY_LIMIT, MEMORY_LIMIT))
+        resource.setrlimit(resource.RLIMIT_AS, (memory, memory))
         resource.setrlimit(resource.RLIMIT_CPU, (processor_seconds, processor_seconds + 1))
 
     process = subprocess.Popen(command, cwd=folder, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
@@ -72,14 +84,13 @@ def run_limited(command, folder, environment, processor_seconds, seconds):
 class Bench:
     """A built tree, and a scratch folder for one mutant at a time. The tree itself does not change."""
 
-    def __init__(self, root, build, folder, part, is_quick):
-        self.root, self.build, self.folder = root, build, folder
-        self.folders, self.quick_steps, self.thorough_steps = PARTS[part]
-        if is_quick:
-            self.thorough_steps = []
+    def __init__(self, root, build, folder, folders, steps, is_fast=True):
+        """A bench that is not fast compiles a mutant as the tree was built. It is for trees with a sanitizer."""
+        self.root, self.build, self.folder, self.folders, self.steps, self.is_fast = root, build, folder, folders, steps, is_fast
         commands = json.loads((build / "compile_commands.json").read_text())
         self.commands = {each["file"]: shlex.split(each["command"]) for each in commands if "faulty-ats" not in each["command"]}
         self.limits = {}
+        self.linked = set()
         shutil.rmtree(folder, ignore_errors=True)
         (folder / "modules").mkdir(parents=True)
         for module in (build / "modules").glob("*.so"):
@@ -91,7 +102,7 @@ class Bench:
         """Returns the modules or programs that contain the part's code and must be linked again for each mutant."""
         modules = {"ib-code/ats": "ats", "host/peers/ibat": "ibat", "host/peers/ucm": "ucm"}
         named = [f"modules/{modules[folder]}.so" for folder in self.folders if folder in modules]
-        return named or sorted({step.program for step in self.quick_steps + self.thorough_steps})
+        return named or sorted({step.program for step in self.steps})
 
     def link_command(self, target):
         output = subprocess.run(["ninja", "-t", "commands", target], cwd=self.build, capture_output=True, text=True, check=True).stdout
@@ -99,11 +110,11 @@ class Bench:
         return words[words.index("&&") + 1:len(words) - words[::-1].index("&&") - 1]
 
     def compile_command(self, path, source, output):
-        """Returns the command that compiles a file of the tree, with another source and output file, and without warnings."""
+        """Returns the command that compiles a file of the tree, with another source and output file, and without the usual warnings."""
         words = [word for word in self.commands[str(path)] if word not in ("-Wall", "-Wextra", "-Werror")]
         words[words.index("-o") + 1] = str(output)
         words[words.index("-c") + 1] = str(source)
-        return [words[0], "-iquote", str(path.parent), *words[1:], "-w"]
+        return [words[0], "-iquote", str(path.parent), *words[1:]]
 
     def headers_of(self, path):
         """Compiles the headers that a file includes, once for all its mutants. Compiling them takes most of the compiler's time."""
@@ -126,24 +137,25 @@ class Bench:
         copy = self.folder / path.name
         copy.write_bytes(text)
         words = self.compile_command(path, copy, output)
-        words += [*FAST_COMPILER, "-include", str(self.headers_of(path))] if is_fast else ["-O2"]
+        words += [*FAST_COMPILER, "-include", str(self.headers_of(path))] if is_fast else AS_BUILT
         return subprocess.run(words, cwd=self.build, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
     def link(self, target, mutant_file, object_file):
+        """Puts a product into the scratch folder, with the object in place of that of the file."""
         words = list(self.links[target])
         compiled = self.commands[str(self.root / mutant_file)]
         replaced = compiled[compiled.index("-o") + 1]
-        if replaced not in words:
-            return False  # this module or program does not contain the file
-        words[words.index(replaced)] = str(object_file)
         linked = self.folder / target
         linked.parent.mkdir(parents=True, exist_ok=True)
-        linked.unlink(missing_ok=True)
+        linked.unlink(missing_ok=True)  # it may contain an earlier mutant
+        if replaced not in words:  # this product does not contain the file
+            linked.symlink_to(self.build / target)
+            return
+        words[words.index(replaced)] = str(object_file)
         words[words.index("-o") + 1] = str(linked)
         if not target.endswith(".so"):
             words.append("-fuse-ld=lld")  # modules need the script of GNU's linker (cmake/targets.cmake)
         subprocess.run(words, cwd=self.build, check=True, stdout=subprocess.DEVNULL)
-        return True
 
     def program_of(self, step):
         changed = self.folder / step.program
@@ -152,12 +164,13 @@ class Bench:
     def run(self, step):
         processor_seconds, seconds = self.limits.get(step.name, (3600, 3600))
         # The C library overwrites freed memory, so a mutant that uses freed memory fails.
-        environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"), MALLOC_PERTURB_="165")
-        return run_limited([str(self.program_of(step)), *step.arguments], self.folder, environment, processor_seconds, seconds)
+        environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"), MALLOC_PERTURB_="165", TSAN_OPTIONS="halt_on_error=1")
+        memory = MEMORY_LIMIT if self.is_fast else resource.RLIM_INFINITY  # sanitizers reserve a large part of all addresses
+        return run_limited([str(self.program_of(step)), *step.arguments], self.folder, environment, memory, processor_seconds, seconds)
 
     def measure(self):
         """Runs every step on the unchanged tree. A mutant that takes much longer than this counts as hung."""
-        for step in self.quick_steps + self.thorough_steps:
+        for step in self.steps:
             begin, used = time.monotonic(), resource.getrusage(resource.RUSAGE_CHILDREN)
             if self.run(step) != PASSED:
                 sys.exit(f"mutants: without any change, this fails: {self.program_of(step)} {' '.join(step.arguments)}")
@@ -173,27 +186,49 @@ class Bench:
                 return False
         return objects[0].read_bytes() == objects[1].read_bytes()
 
+    def begin(self, mutant):
+        """Compiles a mutant for the next steps. Returns false if it does not compile."""
+        self.linked = set()
+        source = (self.root / mutant.file).read_bytes()
+        return self.compile(mutant.file, changes.mutated(source, mutant), self.folder / "mutant.o", self.is_fast)
+
+    def run_changed(self, step, mutant):
+        for target in self.links:
+            if target not in self.linked and (target.endswith(".so") or target == step.program):
+                self.link(target, mutant.file, self.folder / "mutant.o")
+                self.linked.add(target)
+        return self.run(step)
+
+
+class Trial:
+    """Runs the steps of a part on one mutant at a time."""
+
+    def __init__(self, root, build, thread_build, folder, part, is_quick):
+        """`thread_build` is a tree with the thread sanitizer, or None. Without it, most dropped locks survive."""
+        folders, self.quick_steps, thorough_steps = PARTS[part]
+        self.thorough_steps = [] if is_quick else thorough_steps
+        self.bench = Bench(root, build, folder, folders, self.quick_steps + self.thorough_steps)
+        self.thread_bench = Bench(root, thread_build, folder / "threads", folders, THREAD_STEPS, is_fast=False) if thread_build else None
+
+    def measure(self):
+        self.bench.measure()
+        if self.thread_bench:
+            self.thread_bench.measure()
+
     def verdict(self, mutant):
         """Returns (verdict, name of the step). The verdict is failed, hung, survived, "same code" or "not compiled"."""
-        source = (self.root / mutant.file).read_bytes()
-        object_file = self.folder / "mutant.o"
-        if not self.compile(mutant.file, changes.mutated(source, mutant), object_file, is_fast=True):
+        if not self.bench.begin(mutant):
             return "not compiled", ""
-        linked = set()
         for step in self.quick_steps:
-            if (result := self.run_changed(step, mutant, object_file, linked)) != PASSED:
+            if (result := self.bench.run_changed(step, mutant)) != PASSED:
                 return result, step.name
-        if self.makes_same_code(mutant, source):
+        if self.bench.makes_same_code(mutant, (self.bench.root / mutant.file).read_bytes()):
             return "same code", ""
+        if self.thread_bench and mutant.change == DROPPED_LOCK and self.thread_bench.begin(mutant):
+            for step in THREAD_STEPS:
+                if (result := self.thread_bench.run_changed(step, mutant)) != PASSED:
+                    return result, step.name
         for step in self.thorough_steps:
-            if (result := self.run_changed(step, mutant, object_file, linked)) != PASSED:
+            if (result := self.bench.run_changed(step, mutant)) != PASSED:
                 return result, step.name
         return "survived", ""
-
-    def run_changed(self, step, mutant, object_file, linked):
-        """Runs a step on the mutant. `linked` has the modules and programs that are linked already; adds new ones."""
-        for target in self.links:
-            if target not in linked and (target.endswith(".so") or target == step.program):
-                self.link(target, mutant.file, object_file)
-                linked.add(target)
-        return self.run(step)
