@@ -116,6 +116,11 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
         EXPECT_EQ(log.end()[-2], "ERROR sa/ats_sa_" + operation);
         EXPECT_THAT(log.back(), StartsWith("ERROR api/ats_proc_cmd_update_"));
     }
+    for (const char* call : {"gsi_post_send_dtgrm", "down_interruptible"}) { // the callers see one number for all
+        host.faults().fail_calls(call);
+        EXPECT_EQ(set_name("kept"), -1) << call;
+        EXPECT_EQ(set_address("10.0.0.7"), -1) << call;
+    }
     host.faults().disarm();
     host.link_down(1);
     host.link_up(1);

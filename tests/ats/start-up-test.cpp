@@ -47,6 +47,7 @@ TEST_P(start_up, leaves_nothing_behind_whatever_fails)
         EXPECT_EQ(w.records().size(), GetParam().size());
         host.unload();
         EXPECT_EQ(host.leftovers(), "");
+        EXPECT_THAT(host.peers().calls, testing::Not(Contains(HasSubstr("detach of another handle"))));
         return failures;
     });
 }
