@@ -1,17 +1,14 @@
 // Loads and unloads modules: a small one, "probe", and others that the loader must refuse. Tests parameters, errors,
 // use during the load and the unloading, and what a module leaves behind.
-#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "host/exec/print-capture.h"
-#include "host/kernel/image-template.h"
-#include "host/kernel/zeroing.h"
 #include "host/world/module-folder.h"
 #include "kernel/errno.h"
+#include "kernel/memory.h"
 #include "kernel/module.h"
 #include "kernel/proc.h"
 #include "tests/kernel/one-machine.h"
@@ -214,7 +211,31 @@ TEST_F(loading, a_failed_start_leaves_nothing)
     EXPECT_EQ(error_of(result).kind, ats::error_kind::failed);
     EXPECT_EQ(error_of(result).text,
               "insmod probe: start-up failed with -6 (No such device or address); the kernel log says why");
+    EXPECT_EQ(error_of(host.modules.insmod(probe, "result=-22")).kind, ats::error_kind::invalid);
     expect_nothing_left();
+    EXPECT_TRUE(host.modules.insmod(probe, "result=1")) << "only a negative number is a failure";
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+}
+
+TEST_F(loading, a_module_gets_the_level_of_the_logger)
+{
+    const auto level_in_module = [&] {
+        return static_cast<kernel_module_t*>(host.modules.symbol("probe", "this_module"))->logger_level->load();
+    };
+    host.modules.set_logger_level(2);
+    ASSERT_TRUE(host.modules.insmod(probe));
+    EXPECT_EQ(level_in_module(), 2);
+    host.modules.set_logger_level(4);
+    EXPECT_EQ(level_in_module(), 4);
+    EXPECT_EQ(host.modules.logger_level(), 4);
+    const auto* record = static_cast<kernel_module_t*>(host.modules.symbol("probe", "this_module"));
+    EXPECT_TRUE(host.modules.hold(record));
+    host.modules.release(record);
+    EXPECT_DEATH(host.modules.release(record), "a reference on a module is returned but was never taken");
+    EXPECT_TRUE(host.modules.rmmod("probe"));
+    EXPECT_FALSE(host.modules.is_loaded("probe"));
+    EXPECT_FALSE(host.modules.hold(record));
+    EXPECT_TRUE(host.modules.hold(nullptr)) << "the kernel";
 }
 
 TEST_F(loading, finds_what_a_module_leaves_behind)
@@ -227,71 +248,24 @@ TEST_F(loading, finds_what_a_module_leaves_behind)
         "probe is unloaded without withdrawing the inter-module name probe_call");
     EXPECT_DEATH(
         {
+            host.modules.insmod(probe, "forget=3");
+            host.modules.rmmod("probe");
+        },
+        "probe is unloaded without removing the /proc entry probe");
+    EXPECT_DEATH(
+        {
             kernel::machine gone(*sim, "node2");
             gone.modules.insmod(probe);
         },
         "machine node2 is destroyed while probe is loaded");
 
+    void* own = nullptr; // of this program
+    run([&] { own = kmalloc(5, GFP_KERNEL); });
     ASSERT_TRUE(host.modules.insmod(probe, "leak_bytes=33"));
     EXPECT_TRUE(host.modules.rmmod("probe"));
-    EXPECT_THAT(host.memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
-}
-
-// The loader binds a module's memset() to set_memory(), which does not write pages that are zero already.
-TEST(zeroing, clears_exactly_the_given_bytes)
-{
-    constexpr size_t page = kernel::image_page_bytes;
-    std::vector<char> full(5 * page, 'x'), sparse(5 * page); // some pages of `sparse` are zero
-    for (size_t i = 0; i < sparse.size(); i += 2 * page + 1) sparse[i] = 'x';
-    for (const auto& before : {full, sparse})
-        for (const size_t begin : {size_t{0}, size_t{1}, page - 1, page})
-            for (const size_t bytes : {page - 1, page, page + 1, 3 * page})
-                for (const int value : {0, 7}) {
-                    std::vector<char> memory = before, expected = before;
-                    std::fill_n(expected.begin() + static_cast<ptrdiff_t>(begin), bytes, static_cast<char>(value));
-                    EXPECT_EQ(kernel::set_memory(memory.data() + begin, value, bytes), memory.data() + begin);
-                    EXPECT_TRUE(memory == expected) << bytes << " bytes from " << begin << " set to " << value;
-                }
-}
-
-// A kernel call throws if the process has no memory left. The exception must leave the module, and destroy the module's
-// local objects on its way.
-TEST_F(loading, an_exception_passes_through_a_module)
-{
-    ASSERT_TRUE(host.modules.insmod(probe));
-    using call_back_t = int(void (*)());
-    auto* call_back = reinterpret_cast<call_back_t*>(host.modules.symbol("probe", "probe_call_back"));
-    EXPECT_THROW(call_back([] { throw std::bad_alloc(); }), std::bad_alloc);
-    run([] {
-        auto* count = reinterpret_cast<int (*)()>(const_cast<void*>(inter_module_get("probe_call")));
-        EXPECT_EQ(count(), 2) << "the module's frame was not unwound";
-        inter_module_put("probe_call");
-    });
-    EXPECT_TRUE(host.modules.rmmod("probe"));
-}
-
-// The loader places images side by side, and uses the place of an unloaded image again. If it loads them with the
-// dynamic linker instead, each image keeps a descriptor open. Then the loader must raise the limit, which is too low
-// for 100 images.
-TEST_F(loading, many_images_of_one_module_have_variables_of_their_own)
-{
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit low_limit{.rlim_cur = 64, .rlim_max = limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low_limit), 0);
-    std::vector<std::unique_ptr<kernel::machine>> machines;
-    for (int i = 0; i < 100; ++i) {
-        machines.push_back(std::make_unique<kernel::machine>(*sim, "node"));
-        const ats::result<> result = machines.back()->modules.insmod(probe, "number=" + std::to_string(i));
-        ASSERT_TRUE(result) << result.error().text;
-        EXPECT_EQ(call<int>(*machines.back(), "probe_number"), i);
-    }
-    EXPECT_EQ(call<int>(*machines.front(), "probe_number"), 0);
-    for (const auto& each : machines) EXPECT_TRUE(each->modules.rmmod("probe"));
-    ASSERT_TRUE(machines.back()->modules.insmod(probe));
-    EXPECT_EQ(call<int>(*machines.back(), "probe_number"), 7) << "the default";
-    EXPECT_TRUE(machines.back()->modules.rmmod("probe"));
-    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_THAT(host.memory.leaks(),
+                ElementsAre(testing::Not(HasSubstr("probe+")), StartsWith("33 bytes allocated by probe+0x")));
+    run([&] { kfree(own); });
 }
 
 } // namespace

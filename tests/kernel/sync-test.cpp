@@ -157,6 +157,29 @@ TEST(sleeps, a_signal_ends_only_an_interruptible_one_which_returns_the_remaining
     });
     world.finish();
     EXPECT_EQ(interruptible_left, 12u);
+    EXPECT_EQ(world.host.signals_seen, 2u) << "one sleep was cut, one did not begin";
+    wait_queue_head_t queue;
+    init_waitqueue_head(&queue);
+    semaphore sem;
+    sema_init(&sem, 0);
+    exec::task& waiter = world.at(0, "waiter", [&] {
+        EXPECT_EQ(down_interruptible(&sem), 0);
+        wait_queue_t sleeper;
+        prepare_to_wait(&queue, &sleeper); // a wake-up would end the next sleep
+        EXPECT_EQ(schedule_timeout_uninterruptible(10), 0u);
+        finish_wait(&queue, &sleeper);
+    });
+    world.at(25, "disturber", [&] {
+        up(&sem);
+        schedule_timeout_uninterruptible(5);
+        exec::send_signal(waiter);
+    });
+    world.finish();
+    exec::task* last = nullptr;
+    world.at(60, "too late", [&] { exec::send_signal(*last); });
+    last = &world.at(50, "last", [] { EXPECT_EQ(schedule_timeout_interruptible(10), 0u); });
+    world.finish();
+    EXPECT_EQ(world.host.signals_seen, 2u) << "the signal came when the sleep was over";
 }
 
 // A task sleeps in a wait queue until a condition holds. The condition may sleep itself, for example to take a
@@ -236,6 +259,7 @@ TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
         {"remove_proc_entry", [] { remove_proc_entry("none"); }},
         {"mail", [&] { world.sim->park(5, "mail", "box"); }},
         {"insmod", [&] { world.host.modules.insmod("none.so"); }},
+        {"rmmod", [&] { world.host.modules.rmmod("none"); }},
     };
     for (const auto& each : calls) {
         const auto& call = each.second;

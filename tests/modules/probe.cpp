@@ -20,7 +20,8 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-int32_t forget = 0; // what the module leaves behind: 1 its published name, 2 all resources of the stack
+int32_t forget =
+    0; // what the module leaves behind: 1 its published name, 2 all resources of the stack, 3 its /proc entry
 std::atomic<int32_t> logger_level{-1};
 
 const module_parameter_t parameters[] = {
@@ -29,10 +30,13 @@ const module_parameter_t parameters[] = {
     {"result", module_parameter_int, &result, "what start-up returns"},
     {"start_ticks", module_parameter_int, &start_ticks, "how long start-up takes"},
     {"leak_bytes", module_parameter_int, &leak_bytes, "memory to forget"},
-    {"forget", module_parameter_int, &forget, "1: the name, 2: the stack"},
+    {"forget", module_parameter_int, &forget, "1: the name, 2: the stack, 3: the entry"},
 };
 
 std::atomic<int> calls; // each image has its own counter
+
+int construction_count = 0;
+void (*at_end)() = nullptr;
 
 int probe_call()
 {
@@ -59,7 +63,7 @@ int probe_write(struct file*, const char* user_buffer, unsigned long count, void
 
 void stop()
 {
-    remove_proc_entry("probe");
+    if (forget != 3) remove_proc_entry("probe");
     if (forget != 1) inter_module_unregister("probe_call");
     printk("<6>probe stopped\n");
 }
@@ -116,6 +120,23 @@ MODULE_EXPORT const char* probe_text()
 MODULE_EXPORT int probe_number()
 {
     return number;
+}
+
+MODULE_EXPORT __attribute__((constructor)) void probe_construct()
+{
+    ++construction_count;
+}
+
+MODULE_EXPORT __attribute__((destructor)) void probe_destruct()
+{
+    if (at_end) at_end();
+}
+
+// Returns how often the constructor ran. The destructor will call `function`.
+MODULE_EXPORT int probe_begin(void (*function)())
+{
+    at_end = function;
+    return construction_count;
 }
 
 // Calls a function of the test program. If it throws, the local object below must be destroyed.

@@ -201,6 +201,12 @@ TEST_F(timers_test, misuse_is_a_hard_error)
         world.sim->run_until(10);
     };
     EXPECT_DEATH(run(false, [](timing_t& self) { del_timing_sync(&self); }), "deletes its own timer");
+    const auto arm_without_function = [] {
+        timing_t timer;
+        init_timing(&timer);
+        add_timing(&timer);
+    };
+    EXPECT_DEATH(machine.run(arm_without_function), "add_timing: the timer has no function");
     EXPECT_DEATH(run(true, [](timing_t&) { schedule_timeout_uninterruptible(1); }),
                  "schedule_timeout_uninterruptible may sleep, and is called in the timer context");
     EXPECT_DEATH(run(true, [](timing_t& self) { move(self, 1000); }),
