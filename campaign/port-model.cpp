@@ -54,7 +54,8 @@ std::string port_model::check_event_line(const std::string& line)
         link_down(port);
     } else if (contains(line, "() failed <")) {
         has_refresh_failed_ = true;
-        // The service reads the P_Keys last. If this call fails, the service has already read the GID.
+        // The service reads the P_Keys of a port last. If the read of the P_Keys fails, the service has already read
+        // the GID.
         if (contains(line, "kq_get_port_partition_tbl") && event_port_ >= 1 && event_port_ <= ports_)
             known_gids_[event_port_ - 1] = gids_[event_port_ - 1];
     } else if (const int port = port_after(": port "); port > 0 && contains(line, " pkey 0x")) {
@@ -107,7 +108,8 @@ std::string port_model::end_registration(const std::string& result)
 {
     is_registering_ = false;
     const bool was_sent = result == "0";
-    // While a link is down, wire_watch sees no request.
+    // wire_watch calls check_request(). It sees no request of a port whose link is down, so the model may have missed
+    // the Set.
     const bool is_missing = was_sent && sets_ == 0 && is_link_stable_;
     if (sets_ > (was_sent ? 1 : 0) || is_missing)
         return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;

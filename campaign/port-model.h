@@ -26,8 +26,8 @@ class port_model
     {
     }
 
-    // Each function returns the fault that it found; its text is empty if there is none. `task` logged the line or sent
-    // the request. `is_link_stable` means that no link of the host has changed recently.
+    // Each function returns the fault that it found, or one with an empty text if there is none. `task` logged the line
+    // or sent the request. `is_link_stable` means that no link of the host has changed recently.
     std::string check_line(const exec::task& task, const std::string& line, bool is_link_stable);
     found_fault check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
 
@@ -50,7 +50,7 @@ class port_model
     bool is_on_ = false;       // the module is loaded and logs
     bool is_stopping_ = false; // the module stops this HCA; its Deletes may now name any GID
     std::array<port_state, 2> states_{};
-    std::array<fabric::gid_bytes, 2> known_gids_{}; // the GID of each port that the service has read last
+    std::array<fabric::gid_bytes, 2> known_gids_{}; // for each port, the GID that the service has read last
     int active_port_ = 0;                           // 0 if none
     bool is_link_stable_ = false;
     fabric::gid_bytes registered_gid_{}; // the next Delete must name this GID

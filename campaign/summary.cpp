@@ -21,7 +21,8 @@ void show_marks(const campaign_result& result)
             std::printf("%10lu  %s: %s\n", result.counts.marks[kind], act_kinds[kind].name, act_kinds[kind].mark);
 }
 
-// Prints each kind of act that never took effect, and returns their number.
+// Prints each kind of act that can occur in this campaign but never took effect. Returns the number of these kinds.
+// Prints nothing and returns 0 if the campaign was interrupted, is divided into shards, or has too few seeds.
 int show_idle_kinds(const campaign_result& result)
 {
     const uint64_t needed_seeds = result.options.is_swarm ? swarm_seeds_with_every_kind : seeds_with_every_kind;
@@ -35,7 +36,7 @@ int show_idle_kinds(const campaign_result& result)
     return idle_kinds;
 }
 
-// The word in a form that a shell reads as one word.
+// Quotes the word if a shell would not read it as one plain word.
 std::string shell_word(const std::string& word)
 {
     const auto is_plain = [](unsigned char c) {

@@ -22,23 +22,25 @@ struct unhealed_fault {
     std::vector<cut_port> ports;
 };
 
-// Returns the maximum number of hosts that are cut off. A fabric has at least 2 hosts, so at least one stays healthy.
+// Returns the maximum number of hosts that cut_partition_off() cuts off. A fabric has at least 2 hosts, so at least one
+// stays healthy.
 constexpr uint64_t most_hosts_cut(uint64_t hosts)
 {
     return hosts / 2;
 }
 
-// Each function begins an act that cuts ports off for good. The last one cuts off all ports of several hosts. These
-// hosts have consecutive numbers, beginning with that of the act's host.
+// Each function cuts ports off for good. cut_partition_off() cuts off all ports of 1 to most_hosts_cut() hosts. These
+// hosts have consecutive numbers, beginning with that of the act's host; after the last host of the fabric follows the
+// first.
 void cut_host_off(tested_fabric& fabric, const act& act); // all ports of a host
 void cut_port_off(tested_fabric& fabric, const act& act); // one port
 void cut_one_way(tested_fabric& fabric, const act& act);  // one direction of a port
 void cut_partition_off(tested_fabric& fabric, const act& act);
 
-// Begins an act that checks on every host that the faults affect only the ports that are cut off.
+// Starts a task on every host. These tasks check that the faults affect only the ports that are cut off.
 void check_the_rest(tested_fabric& fabric, const act& act);
 
-// Adds the datagrams that each fault has lost to the marks of its kind of act.
+// For each fault, adds the number of datagrams lost at its ports since the fault began to the marks of its kind of act.
 void count_unhealed_faults(tested_fabric& fabric);
 
 } // namespace campaign

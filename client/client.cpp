@@ -117,8 +117,8 @@ bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_
     return true;
 }
 
-// Waits for input and processes it. Only one thread at a time is in this function. The caller holds the mutex; the call
-// releases it while it waits.
+// Waits for input until `deadline`, and processes it. Only one thread at a time is in this function. The caller holds
+// the mutex; the call releases it while it waits.
 void client::receive(lock& guard, clock::time_point deadline)
 {
     const bool until_writable = connection_.unsent_bytes() > 0;
@@ -149,8 +149,8 @@ void client::take_input(connection::outcome outcome)
     if (outcome == connection::outcome::gone) reconnect();
 }
 
-// Processes the input that has arrived. Reads at most `most_pieces` times, so that it returns soon even if the service
-// sends without end.
+// Processes the input that has arrived, unless another thread receives. Reads at most `most_pieces` times, so that the
+// call returns soon even if the service sends without end. Then ends the overdue questions.
 void client::take_input_without_waiting()
 {
     constexpr int most_pieces = 16;
@@ -215,7 +215,7 @@ void client::close_connection()
 }
 
 // Closes the connection. If there are open questions, connects again and repeats each question that was not repeated
-// before. Ends requests and the other questions with ATS_NOT_CONNECTED.
+// before. Ends requests, and questions that it cannot repeat, with ATS_NOT_CONNECTED.
 void client::reconnect()
 {
     close_connection();

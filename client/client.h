@@ -1,9 +1,9 @@
 // The client behind the C interface. client/ats/client.h describes each call.
 //
 // Any thread may make any call. `mutex_` guards all members. No thread holds it while it waits. Only one thread at a
-// time receives (is_receiving_). It waits for input without the mutex, stores all answers that have arrived, also those
-// for other threads, and wakes the other threads (progress_). If the answer of a woken thread has not come yet, this
-// thread receives next.
+// time receives (is_receiving_). This thread waits for input without the mutex, stores all answers that have arrived,
+// also those for other threads, and wakes the other threads (progress_). One of the woken threads that still have no
+// answer receives next.
 #pragma once
 
 #include <chrono>

@@ -1,6 +1,7 @@
-// The version report of a module: a read-only /proc file "dorvex/NAME/version". Its one line shows the version of the
-// loaded module, the compiler, the kernel, and the date and time of the build. One source file of the module includes
-// this header. That file calls module_version_init when the module starts and module_version_exit when it ends.
+// The version report of a module: a read-only /proc file "dorvex/NAME/version". Its one line shows the name, the
+// version and the revision tag of the loaded module, the compiler, the kernel, and the date and time of the build. One
+// source file of the module includes this header. That file calls module_version_init when the module starts and
+// module_version_exit when it ends.
 //
 // The build may define MODULE_VERSION_COMPILER and MODULE_VERSION_KERNEL, for example as "(12.2)" with the parentheses.
 #pragma once
@@ -107,7 +108,7 @@ inline int version_read_proc(char* page, char** start, off_t off, int count, int
     return static_cast<int>(rest < 0 ? 0 : rest < count ? rest : count);
 }
 
-// Creates the file at `path` and, if they are missing, the directories "dorvex" and `directory`. Returns null on
+// Creates the file at `path`. Creates the directories "dorvex" and `directory` if they are missing. Returns null on
 // failure.
 inline proc_dir_entry* version_create_entry(const char* path, const char* directory)
 {

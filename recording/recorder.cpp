@@ -40,7 +40,8 @@ const char* text_of(fabric::link_state state)
     return texts[static_cast<size_t>(state) - 1];
 }
 
-// Adds a field for each fault that has affected the datagram.
+// Adds fields for the faults that have affected the datagram. Two of the faults make a datagram late; they share a
+// field.
 void add_faults(const embedded::datagram_faults& faults, json& fields)
 {
     if (faults.is_twin) fields["twin"] = true;
@@ -91,7 +92,8 @@ void recorder::note_handled(const std::string& host, const stack::event_sight& s
     note(sight.tick, "handled", {{"port", port}, {"event", text_of(sight.change)}, {"cause", cause}});
 }
 
-// A fabric reports another LID of a port as a reason to register again.
+// Returns the text of the event's cause. A fabric reports a changed LID only as port_change::reregister, so this
+// function compares the port's LID with its LID at the last link-up.
 const char* recorder::cause_of(const stack::event_sight& sight, const std::string& port)
 {
     const std::lock_guard lock(mutex_);

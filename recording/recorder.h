@@ -21,7 +21,7 @@ using json = nlohmann::ordered_json;
 
 constexpr int format_version = 1;
 
-// Any thread may call any function, except for the first three below.
+// Any thread may call any function, except for follow() and stop().
 class recorder final : public embedded::observer
 {
   public:
@@ -29,10 +29,10 @@ class recorder final : public embedded::observer
     // that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // follow() begins to record the events of a subnet, or those of a host: its log lines, and the port events that it
-    // handles. stop() ends this recording. The machines must live until stop(). The subnet must outlive the last call
-    // of the recorder: note() and finish() read its faults and counters. Only one thread at a time may call these three
-    // functions. Call follow(subnet) before other threads use the recorder.
+    // follow() begins to record the events of a subnet, or those of a host: its log lines, and the port events that the
+    // host handles. stop() ends both. The machines must live until stop(). The subnet must outlive the last call of the
+    // recorder: note() and finish() read the subnet's faults and counters. Only one thread at a time may call follow()
+    // and stop(). Call follow(subnet) before other threads use the recorder.
     void follow(embedded::subnet& subnet);
     void follow(const std::string& host, kernel::machine& machine);
     void stop();
@@ -80,7 +80,7 @@ class recorder final : public embedded::observer
     switch_values switches_{};
     std::map<kernel::machine*, int> log_handles_;     // the results of kernel::log::follow()
     std::map<std::string, uint16_t> lids_;            // of each port, as recorded last
-    std::map<std::string, uint16_t> registered_lids_; // those at the last link-up that the host handled
+    std::map<std::string, uint16_t> registered_lids_; // the LIDs at the last link-up that the host handled
 };
 
 } // namespace recording

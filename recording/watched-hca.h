@@ -1,5 +1,5 @@
 // Wraps an HCA of a real fabric and records the datagrams and changes at its ports. On the embedded fabric, the
-// recorder itself observes the subnet. A watched HCA cannot see if a request arrives, or when an answer was sent.
+// recorder itself observes the subnet. A watched HCA cannot see whether a request arrives, or when an answer was sent.
 #pragma once
 
 #include <atomic>
@@ -12,8 +12,8 @@ namespace recording
 class watched_hca final : public fabric::hca, private fabric::listener
 {
   public:
-    // Reads the ports of `hca`; may sleep. `hca` and `recorder` must outlive this object. The reads at later changes
-    // must not sleep.
+    // Reads the ports of `hca`; may sleep. `hca` and `recorder` must outlive this object. When a port changes, its
+    // attributes are read again in port_changed(), so that read must not sleep.
     watched_hca(std::string host, fabric::hca& hca, recorder& recorder, const exec::executor& exec);
 
     const std::string& name() const override { return hca_.name(); }
@@ -33,7 +33,7 @@ class watched_hca final : public fabric::hca, private fabric::listener
     recorder& recorder_;
     const exec::executor& exec_;
     std::atomic<fabric::listener*> listener_{nullptr};
-    std::mutex mutex_; // guards the views
+    std::mutex mutex_; // guards views_
     std::vector<embedded::port_view> views_;
 };
 

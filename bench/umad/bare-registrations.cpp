@@ -1,8 +1,8 @@
-// Measures registrations with libibumad only, in one thread. It is the reference for reregistrations. Like a host after
-// an event, it asks its port for PortInfo, deletes its record at the SA, and sets the record again. It sends each
-// request after the answer to the previous request.
+// Measures registrations with libibumad only, in one thread. Like a host after an event, this program asks its port for
+// PortInfo, deletes its record at the SA, and sets the record again. It sends each request after the answer to the
+// previous request. It is the reference for the program reregistrations.
 //   bare-registrations OWN_ADDRESS COUNT
-// Prints the median time of a registration.
+// Prints the median time of such a registration in milliseconds.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>

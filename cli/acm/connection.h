@@ -1,7 +1,7 @@
-// One connection of a program that asks for paths. The door answers its requests one at a time, in the order in which
-// librdmacm sends them. The connection only peeks at a request (MSG_PEEK): the request stays in the socket until its
-// answer is ready. If this process ends before that, the next process of the service gets the socket and finds the
-// request there. All calls are made in the event loop's thread.
+// One connection of a program that asks for paths. The door (door.h) answers the program's requests one at a time, in
+// the order in which librdmacm sends them. The connection only peeks at a request (MSG_PEEK): the request stays in the
+// socket until its answer is ready. If this process ends before that, the next process of the service gets the socket
+// and finds the request there. All calls are made in the event loop's thread.
 #pragma once
 
 #include <array>
@@ -23,7 +23,7 @@ class connection
         virtual ~owner() = default;
         // A request has come. The owner calls answer() once for it, during this call or later.
         virtual void take_request(connection& source, message_view request) = 0;
-        // The owner has not answered the request in time. It calls answer() during this call.
+        // The owner has not answered the request in time. The owner then calls answer() during this call.
         virtual void request_timed_out(connection& source, message_view request) = 0;
         // The connection has closed its libuv handles. The owner may destroy it.
         virtual void connection_ended(connection& source) = 0;
@@ -36,16 +36,18 @@ class connection
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
-    // Sends the answer to the current request. Does nothing if the connection is closed or the request was answered.
+    // Sends the answer to the current request. Calls cut_off() if the socket does not take the whole answer. Does
+    // nothing if the connection is closed or the request was answered.
     void answer(const message& bytes);
 
     // Returns the number of the current request. It increases with each answer.
     uint64_t request_number() const { return request_number_; }
 
-    // Closes this process's descriptor. The connection stays open if the service manager has a copy of the descriptor.
+    // Stops receiving; connection_ended() follows. The destructor closes this process's descriptor. The program's
+    // connection stays open if the service manager has a copy of the descriptor.
     void close();
 
-    // Ends the connection, also for the program at its other end, and closes the descriptor.
+    // Ends the connection for the program at its other end, too, and then does the same as close().
     void cut_off();
 
     uint64_t number() const { return number_; }

@@ -1,4 +1,5 @@
-// The names under which the service manager keeps copies of the door's descriptors (cli/service/descriptor-store.h).
+// The names under which the service manager keeps copies of the descriptors of the door (door.h); see
+// cli/service/descriptor-store.h.
 #pragma once
 
 #include <algorithm>

@@ -52,7 +52,7 @@ void show_missing_registration(std::ostream& output, const json& registration)
            << confirmation_text(registration, "the SA last confirmed it") << '\n';
 }
 
-// Prints if the SA has the record of one HCA of a host. Names the HCA if the host has several HCAs.
+// Prints whether the SA has the record of one HCA of a host. Names the HCA if the host has several HCAs.
 void show_registration(std::ostream& output, const json& registration, bool is_only_one)
 {
     output << "  ";

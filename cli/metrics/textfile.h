@@ -9,19 +9,21 @@
 namespace metrics
 {
 
-// Only one thread may use it. Readers never see a partial file. A lock on FOLDER/.ats.prom.lock prevents a second
-// service from writing the same file.
+// Only one thread may use this object. Readers never see a partial file. A lock on FOLDER/.ats.prom.lock prevents a
+// second service from writing the same file.
 class textfile
 {
   public:
     explicit textfile(std::string folder) : folder_(std::move(folder)) {}
 
-    // Removes the file, because old values would look like current ones.
+    // Removes the file, because old values would look like current ones. Keeps the file if this object has never got
+    // the lock.
     ~textfile();
     textfile(const textfile&) = delete;
     textfile& operator=(const textfile&) = delete;
 
-    // Replaces the file. On failure, the previous file stays, and the error says what to do.
+    // Replaces the file. The first call takes the lock. On failure, the previous file stays, and the error says what
+    // has failed.
     ats::result<> write(const std::string& text);
 
   private:

@@ -1,6 +1,6 @@
-// A queue in which the users take turns, and the connections of each user take turns, too. When a user adds a first
-// entry, it waits for at most one entry of each other user. Therefore no user can block others with many entries. The
-// caller protects the queue with a lock.
+// A queue in which the users take turns, and the connections of each user take turns, too. The first entry of a user
+// waits for at most one entry of each other user. Therefore no user can block others with many entries. The caller
+// protects the queue with a lock.
 #pragma once
 
 #include <algorithm>
@@ -69,7 +69,7 @@ class rotation
         if (queues_.erase(key) > 0) std::erase(turns_, key);
     }
 
-    // Calls `change_queue` with the queue of `key`, if it has one. The call may remove entries.
+    // Calls `change_queue` with the queue of `key`, if there is one. `change_queue` may remove entries.
     template <class change_t>
     void change(key_t key, change_t change_queue)
     {

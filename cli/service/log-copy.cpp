@@ -17,8 +17,8 @@ using console::priority;
 
 constexpr const char* part = "log"; // the value of ATS_PART; docs/operations.md lists these values
 
-// The maximum number of lines that wait for the journal. More lines are dropped, because the journal accepts no lines
-// then.
+// The maximum number of lines that wait for the journal. Further lines are dropped: when so many lines wait, the
+// journal accepts none.
 constexpr size_t most_waiting_lines = console::line_limit::most_lines;
 
 // The priorities of trace lines, by level.

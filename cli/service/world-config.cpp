@@ -51,7 +51,8 @@ bool is_hca_name(const std::string& name)
            std::ranges::all_of(name, [](unsigned char byte) { return std::isprint(byte); });
 }
 
-// Returns the address of a host on an embedded fabric without a configured address. The first host has the number 1.
+// Returns the address of the host with this number if the host is on an embedded fabric and its table gives no address.
+// The first host has the number 1.
 std::string numbered_address(size_t number)
 {
     return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
@@ -69,8 +70,8 @@ ats::result<world::hca_plan> read_hca(const toml::table& table, const std::strin
     return reader.finish().map([&] { return plan; });
 }
 
-// Returns the HCAs of a host. If the table lists none, a host on an embedded fabric gets `default_hcas`. A host on a
-// real fabric gets an empty list, which means all HCAs of this machine.
+// Returns the HCAs of a host. If the host's table lists none, a host on an embedded fabric gets `default_hcas`. A host
+// on a real fabric gets an empty list, which means all HCAs of this machine.
 std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& file, bool is_real,
                                        std::vector<world::hca_plan> default_hcas)
 {
@@ -91,8 +92,8 @@ std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& 
     return hcas;
 }
 
-// Refuses module parameters that set the host's address or name. The keys 'address' and 'name' set them and are
-// checked; a module parameter is not checked.
+// Refuses module parameters that set the host's address or name. The keys 'address' and 'name' do this, too, and their
+// values are checked. The value of a module parameter is not checked.
 void refuse_identity_parameters(table_reader& reader)
 {
     const toml::table* const ats = reader.table("ats");
@@ -120,7 +121,7 @@ host_config host_of(host_settings settings)
     return host;
 }
 
-// Reads a host, which becomes the next host of `config`. Adds warnings to `config`.
+// Reads the host that follows the hosts of `config`. Adds warnings to `config`, but not the host.
 ats::result<host_config> read_host(const toml::table& table, const std::string& file, world_config& config)
 {
     const bool is_real = config.fabric.is_real;
@@ -228,8 +229,8 @@ ats::result<metrics_config> read_metrics(const toml::table& table, const std::st
     return reader.finish().map([&] { return metrics; });
 }
 
-// Reads the hosts of the file. Adds them and warnings to `config`, whose fabric must already be read. Stops at the
-// first host with an error.
+// Reads the hosts of the file. Adds the hosts and warnings to `config`, whose fabric must already be read. Stops at the
+// first host that cannot be read.
 void read_hosts(table_reader& reader, const std::string& file, world_config& config)
 {
     std::set<std::string> names;

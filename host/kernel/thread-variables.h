@@ -1,5 +1,5 @@
-// The thread-local variables of placed images. The dynamic linker does not know these images, so the kernel allocates
-// the variables itself and replaces __tls_get_addr().
+// The thread-local variables of placed images. The kernel itself loads these images of modules (placed-image.h). The
+// dynamic linker does not know the images, so the kernel allocates the variables itself and replaces __tls_get_addr().
 #pragma once
 
 #include <cstddef>

@@ -21,9 +21,9 @@ class hca_hub final : public fabric::listener
   public:
     explicit hca_hub(fabric::hca& adapter);
 
-    // Adds a listener. The hub then calls it for every event, and is locked during the call. The listener must not
-    // sleep and must not call the hub. It may call send() of the HCA, but no other function of the HCA. Each attach()
-    // needs its own detach(). May sleep.
+    // Adds a listener. The hub then calls the listener for every event, and is locked during the call. The listener
+    // must not sleep and must not call the hub. It may call send() of the HCA, but no other function of the HCA. Each
+    // attach() needs its own detach(). May sleep.
     void attach(fabric::listener& listener);
 
     // Undoes one attach(). After as many detach() calls as attach() calls, the hub does not call `listener` any more.
@@ -40,7 +40,8 @@ class hca_hub final : public fabric::listener
         int attach_count;
     };
     fabric::hca& adapter_;
-    // attach() and detach() hold it until their hca::listen() has returned, so that the last change decides.
+    // attach() and detach() hold this semaphore until their call of hca::listen() has returned, so that the last change
+    // decides.
     semaphore change_semaphore_;
     std::mutex mutex_; // guards listeners_; held while a listener is called
     std::vector<attached_listener> listeners_;

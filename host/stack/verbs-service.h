@@ -24,8 +24,8 @@ class verbs final : public kernel::service
     // HCA with that name.
     kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
-    // Returns the events of a plugged HCA. The first call for an HCA starts the task that delivers its events, and
-    // throws exec::shortage if the task cannot be created.
+    // Returns the events of an HCA of this machine. The first call for an HCA starts the task that delivers its events,
+    // and throws exec::shortage if the task cannot be created.
     hca_events& events_of(fabric::hca& adapter);
 
     // Returns the events of an open HCA, or null if the handle is not open. The object lives as long as the machine.
@@ -47,7 +47,7 @@ class verbs final : public kernel::service
     };
     kernel::machine& home_;
     mutable std::mutex mutex_;                                   // guards the members below, except is_cut_reported_
-    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // one for each HCA
+    std::map<fabric::hca*, std::unique_ptr<hca_events>> events_; // one for each HCA that events_of() was called for
     std::map<kq_hca_h_t, open_hca> open_hcas_;
     uintptr_t last_handle_ = 0;
     std::atomic<bool> is_cut_reported_{false};

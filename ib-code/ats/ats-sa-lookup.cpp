@@ -30,7 +30,7 @@ constexpr lookup_t rarp = {
     .no_port = "ATS - Can't Send rarp there is no active port, Check your link!\n",
 };
 
-// Sends a Get. Takes `ats_sem` meanwhile, so that no other task changes the active port or registers.
+// Sends a Get. Holds `ats_sem` meanwhile, so that no other task changes the active port or registers.
 int32_t send_lookup(ats_context_t* ats, const ibat_arp_data_t* arp_data, const lookup_t& lookup)
 {
     ATS_TRACE_AS(lookup.operation, ZR_DEBUG, "%s", lookup.waiting);

@@ -134,10 +134,10 @@ struct ats_rarp_req_t {
     kq_gid_t dgid;
     ats_rarp_reply_fn_t user_cb;
     void* user_context;
-    uint32_t timestamp; // low 32 bits of the tick count when it was queued
+    uint32_t timestamp; // low 32 bits of the tick count when the request was queued
 };
 
-// The octets of an address, as arguments for "%d.%d.%d.%d".
+// Returns one octet of an address. ATS_IP_ARGS gives the four octets as arguments for "%d.%d.%d.%d".
 inline int ats_octet(uint32_t ip, int index)
 {
     return reinterpret_cast<const uint8_t*>(&ip)[index];

@@ -1,5 +1,5 @@
 // One long scenario whose log is compared, line by line, with the expected log in story.txt. Users search logs for
-// these lines and support scripts read them. So the text of each line is part of the module's contract.
+// these lines, and scripts read these lines. So the text of each line is part of the module's contract.
 #include <fstream>
 
 #include "tests/ats/ats-world.h"
@@ -14,8 +14,8 @@ struct story : testing::Test {
     ats_host& host = w.add({.ports = {2, 1}, .trace = trace_func});
     lines log;
 
-    // Runs one chapter, and appends its title and its log lines to `log`. Of a datagram's dump it appends only one
-    // line; replies-test.cpp compares the others.
+    // Runs one chapter, and appends its title and its log lines to `log`. Appends only one line of each dump of a
+    // datagram; replies-test.cpp compares the other lines.
     void chapter(const std::string& title, const std::function<void()>& body)
     {
         log.push_back("== " + title);

@@ -91,7 +91,7 @@ TEST(trace, is_off_without_a_registry_value)
     EXPECT_THAT(host.log(), ElementsAre("ATS - module stopped ")) << "tracing stays off until the next load";
 }
 
-// The host checks its record once a minute and traces every step. Its log has a limit, and old lines must be freed.
+// The host checks its record once a minute and traces every step. The log has a limit: it must free old lines.
 TEST(trace, of_everything_for_a_month_takes_no_more_memory)
 {
     ats_world w;

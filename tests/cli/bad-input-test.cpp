@@ -346,7 +346,7 @@ TEST(bad_input, services_that_start_at_once_do_not_remove_each_others_socket)
 {
     const scratch_folder folder;
     const auto first = cli::listening_socket::open(folder / "socket", false).value();
-    // The first service has taken the lock, but its socket does not exist yet.
+    // Now the first service is like one that has taken the lock but has not created its socket yet.
     std::filesystem::remove(folder / "socket");
     EXPECT_FALSE(cli::listening_socket::open(folder / "socket", false));
 }

@@ -57,7 +57,8 @@ class journal_socket
         EXPECT_EQ(errno, EAGAIN);
     }
 
-    // Waits for an entry whose field contains this text. Returns the first such entry, and forgets it.
+    // Waits for an entry whose field `field` contains `value`. Returns the first such entry, and removes it from
+    // entries_.
     fields wait_entry(const std::string& field, const std::string& value)
     {
         fields found;

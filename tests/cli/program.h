@@ -75,7 +75,8 @@ class ats_process
 
     pid_t pid() const { return process_.pid(); }
 
-    // Waits until the process has ended. Returns its exit code, or the negated number of the signal that has killed it.
+    // Waits until the process has ended, at most an hour. Returns its exit code, or the negated number of the signal
+    // that has killed it.
     int wait()
     {
         constexpr std::chrono::hours no_limit(1);
@@ -114,7 +115,8 @@ inline program_result run_ats(const std::vector<std::string>& arguments)
     return {exit_code, text_of_file(folder / "out"), text_of_file(folder / "err")};
 }
 
-// `ats run` in the background. The constructor returns when the service serves clients.
+// `ats run` in the background. The constructor expects that the service serves clients within a minute, and waits for
+// that.
 class service
 {
   public:

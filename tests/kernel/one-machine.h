@@ -14,7 +14,7 @@ struct one_machine {
     explicit one_machine(const exec::simulation_options& options = {}) : sim(exec::make_simulation(options)) {}
     ~one_machine() { finish(); }
 
-    // Starts a task that calls `body` at `tick`.
+    // Starts a task that calls `body` at `tick`, or at once if that tick is over.
     exec::task& at(uint64_t tick, const std::string& name, std::function<void()> body)
     {
         tasks.push_back(&host.start(name, [tick, body = std::move(body)] {
@@ -25,10 +25,11 @@ struct one_machine {
         return *tasks.back();
     }
 
-    // Runs `body` in a task of the machine and returns when it has ended.
+    // Runs `body` in a task of the machine and returns when `body` has ended.
     void run(const std::function<void()>& body) { host.enter("test", body); }
 
-    // Waits for all tasks, the latest one first: its body may use earlier tasks, which must still exist.
+    // Waits for all tasks, beginning with the one that was started last: its body may use earlier tasks, which must
+    // still exist.
     void finish()
     {
         for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());

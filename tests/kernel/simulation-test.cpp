@@ -14,7 +14,8 @@ using testing::HasSubstr;
 namespace
 {
 
-// The log of a machine on which five tasks compete for a semaphore. It shows the order in which they have run.
+// Returns the log of a machine on which five tasks compete for a semaphore. The log shows the order in which the tasks
+// have run.
 std::string log_of_busy_machine(const exec::simulation_options& options)
 {
     one_machine world(options);
@@ -47,8 +48,9 @@ TEST(order, depends_on_the_seed_and_on_nothing_else)
     EXPECT_EQ(log_of_busy_machine({.seed = 1}), log_of_busy_machine({.seed = 2})) << "switches are not explored";
 }
 
-// Two tasks each read a number, may be preempted, and write the number plus one. Runs them in all orders with at most
-// `deviations` deviations. Returns the possible results, and stores the number of orders.
+// Two tasks each read a number, may be preempted, and write the number plus one. Runs them in all orders that deviate
+// at most `deviations` times from the plain order. Returns the possible results, and stores the number of orders in
+// `*orders`.
 std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
 {
     exec::systematic_schedule order(deviations);
@@ -129,8 +131,8 @@ TEST(order, a_priority_schedule_holds_a_task_back_at_least_as_often_as_its_bound
               0);
 }
 
-// Runs a scenario once for each element. The element is the number of tasks that start at the same tick. If it changes,
-// the scenario offers the schedule other choices than in its previous run.
+// Runs a scenario once for each element. The element is the number of tasks that start at the same tick. If an element
+// differs from the previous one, the scenario offers the schedule other choices than in its previous run.
 void run_with_tasks(const std::vector<int>& task_counts)
 {
     exec::systematic_schedule order(1);

@@ -85,7 +85,7 @@ class drawer
     {
         act.host = 1 + number_below(hosts_);
         if (gone_hosts_.count(act.host) > 0 || !busy_hosts_.insert({act.host, act.kind}).second) return false;
-        // A paused host can neither end in order nor answer an order.
+        // A host that is already paused in this round does not end and gets no orders.
         const bool ends = act.kind == act_kind::kill_host || act.kind == act_kind::stop_host;
         if (ends && busy_hosts_.count({act.host, act_kind::pause_host}) > 0) return false;
         const bool is_order =
@@ -129,7 +129,7 @@ std::string text_of(const act& act)
     case act_kind::start_sm:
         return act.number == 1 ? "hand over to a second SM" : "start a standby SM";
     default:
-        return name_of(act.kind); // the acts on an SM have no host and no number
+        return name_of(act.kind); // the other acts on an SM have no host and no number
     }
 }
 

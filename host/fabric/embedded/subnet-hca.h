@@ -1,4 +1,4 @@
-// An HCA of the embedded subnet. It owns its ports, and passes every call to the subnet.
+// An HCA of the embedded subnet. It owns its ports, and passes send() and listen() to the subnet.
 #pragma once
 
 #include <vector>
@@ -16,7 +16,7 @@ struct port_record {
     const fabric::gid_bytes gid;
     const std::vector<uint16_t> p_keys;
 
-    // The subnet manager assigns these. They are zero before the first link-up.
+    // The subnet manager assigns the next three values. They are zero before the first link-up.
     uint16_t lid = 0;
     uint16_t sm_lid = 0;
     uint8_t sm_sl = 0;

@@ -16,7 +16,7 @@ struct port_view {
     int port;
     fabric::link_state state;
     uint16_t lid;              // 0 before the first link-up
-    uint16_t sm_lid;           // the LID of the SM that the port has learned last
+    uint16_t sm_lid;           // the latest LID of the SM that the port has learned
     std::string gid;           // "0x" and 32 digits
     uint64_t lost_at_cuts = 0; // datagrams lost by subnet::cut_outbound() and subnet::cut_inbound()
 };

@@ -74,12 +74,13 @@ class request_list
         return request && request->id == id ? request : nullptr;
     }
 
-    // Adds an asker to the request for the key `value`. Makes the request if there is none, and calls begin(request).
-    // The caller must send an attempt of this new request after the return.
+    // Calls check(). If the result is not ibat_stat_pending, no request is necessary: adds nothing, and returns the
+    // result. Otherwise adds an asker to the request for the key `value`. If there is no such request, makes one and
+    // calls begin(request). The caller must then send an attempt of this new request after the return.
     //
-    // Before that, calls check(). If its result is not ibat_stat_pending, no request is necessary: adds nothing, and
-    // returns the result. check() and begin() run with the lock held and must not sleep. Returns ibat_stat_pending if
-    // it has added the asker, and ibat_stat_error if there is no memory. The caller does not hold the lock. May sleep.
+    // check() and begin() run with the lock held and must not sleep. Returns ibat_stat_pending if it has added the
+    // asker. If there is no memory, returns ibat_stat_error without a call of check(). The caller does not hold the
+    // lock. May sleep.
     template <class check_t, class begin_t>
     ibat_stat_t ask(const key_t& value, ibat_get_ib_data_reply_fn_t callback, void* context, const check_t& check,
                     const begin_t& begin)
@@ -137,8 +138,8 @@ class request_list
     }
 
     // Call it when an attempt of the request was sent or refused. Moves the request to the end of the waiting list,
-    // with a deadline `ticks` from now. This number must be the same in all calls, so that the list is in the order of
-    // the deadlines.
+    // with a deadline `ticks` from now. `ticks` must be the same in all calls, so that the list is in the order of the
+    // deadlines.
     void wait(request_t* request, unsigned long ticks)
     {
         request->deadline = jiffies + ticks;

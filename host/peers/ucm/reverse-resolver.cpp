@@ -45,8 +45,8 @@ ucm_stat_t reverse_resolver::detach(void* handle)
     return ucm_stat_ok;
 }
 
-// Waits for the running calls of the provider's function, because end_send() ends the request of a call that fails.
-// Then ends the remaining requests.
+// Refuses new calls of the provider's function and waits for the running ones. end_send() ends the request of a running
+// call that fails. Then ends the remaining requests with an error.
 void reverse_resolver::end_attachment()
 {
     {
@@ -90,7 +90,8 @@ ibat_stat_t reverse_resolver::get_ip(const kq_gid_t& gid, ibat_arp_data_t* arp_d
 }
 
 // Adds a request and begins a call of the provider's function. Stores the provider in `*provider`; the caller then
-// calls it. The provider stays attached until end_send(). Returns false, and adds nothing, if there is no provider.
+// calls the provider's function. The provider stays attached until end_send(). Returns false, and adds nothing, if
+// there is no provider.
 bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
 {
     spin_guard guard(&lock_);
@@ -104,8 +105,8 @@ bool reverse_resolver::begin(gid_request* request, send_rarp_provider* provider)
     return true;
 }
 
-// Call it when the provider's function has returned `status`. Returns the status for the caller of get_ip(). If a
-// callback or cancel() has already ended the request, ignores `status` and returns ibat_stat_pending.
+// get_ip() calls this function when the provider's function has returned `status`. Returns the status for the caller of
+// get_ip(). If take_answer() or cancel() has already ended the request, ignores `status` and returns ibat_stat_pending.
 ibat_stat_t reverse_resolver::end_send(uint64_t id, ibat_stat_t status)
 {
     {
