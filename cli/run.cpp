@@ -280,9 +280,9 @@ ats::result<> serve_clients(const run_options& options, world_config& config, ru
     return {};
 }
 
-// Runs the service until a signal ends it. Returns the exit code, or the error that prevented the service from running.
-// `kept_descriptors` has the connections of an earlier process. They move into the service when the hosts are up; after
-// an earlier error they remain in `kept_descriptors`.
+// Runs the service until a signal ends it. Returns the exit code. Returns an error if the service could not run, or if
+// its memory was used up. `kept_descriptors` has the connections of an earlier process. They move into the service when
+// the hosts are up. If serve() returns before that, they remain in `kept_descriptors`.
 ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>& kept_descriptors)
 {
     ats::result<world_config> config = config_of(options);

@@ -55,8 +55,9 @@ clock::time_point deadline_after(int milliseconds)
     return milliseconds < 0 ? clock::time_point::max() : clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
-// Returns the options to use: `options`, or the defaults for null. If they are wrong, stores the error and returns
-// null. A program that was compiled with a later version of the structure passes a larger size, never a smaller one.
+// Returns the options to use: `options`, or the defaults if `options` is null. If `options` has a wrong value, stores
+// the error and returns null. A program that was compiled with a later version of the structure passes a larger size,
+// never a smaller one.
 const ats_options_t* checked(const ats_options_t* options)
 {
     if (!options) return &usual_options;
@@ -108,8 +109,8 @@ ats_status_t blocking(ats_client_t* client, const ats_options_t* options, const 
     return answer->status;
 }
 
-// Completes the answer of a call that has returned `status`. If the call failed before it sent its question, `answer`
-// has no error yet: stores `status` and the text of the last error in it.
+// Completes the answer of a call that has returned `status`. If the call failed before blocking() stored an answer,
+// `answer` has no error yet: stores `status` and the text of the last error in it.
 ats_status_t complete_answer(ats_status_t status, ats_answer_t* answer)
 {
     if (answer && status != ATS_OK && answer->status != status) {

@@ -78,7 +78,7 @@ void read_error(const json& object, ats_answer_t& answer)
     set_reason(answer, text_of(object, "error"));
 }
 
-// Reads a number. Returns false if the member is missing, is no number, or is too large for `number`.
+// Reads a number. Returns false if the member is missing, is not a whole number from 0, or is too large for `number`.
 template <class number_t>
 bool read_number(const json& object, const char* key, number_t& number)
 {
@@ -100,7 +100,7 @@ bool read_word(const json& object, const char* key, uint16_t& word)
 }
 
 // Reads a GID, a text of "0x" and 32 hexadecimal digits. Stores it in network order. Returns false if the text has
-// another form.
+// another length or other digits.
 bool read_gid(const json& object, const char* key, uint8_t (&gid)[16])
 {
     const std::string text = text_of(object, key);

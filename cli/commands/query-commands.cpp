@@ -163,15 +163,15 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
             ? command->add_flag("--fresh", options->is_fresh, "Ask the SA, even if the cache has an answer")
             : command->add_flag("--verify", options->must_verify,
                                 "If the cache answers, also ask the SA, and print if the cache was right");
-    sa_option->option_text(" "); // the help then does not list excluded options; the error message names them
+    sa_option->option_text(" "); // the help then does not say which options exclude each other; the error message does
     command->add_flag("--cached", options->cache_only, "Ask only the cache")->excludes(sa_option)->option_text(" ");
     auto common = add_client_options(*command, one_host);
     add_gid_format_option(*command, *common);
     set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });
 }
 
-// Shows the status every second, until a signal ends the program or the output fails. On a terminal, fits the status
-// into the window.
+// Shows the status every second, until a signal ends the program or the output fails. Returns an error if the service
+// does not answer or refuses the request. On a terminal, fits the status into the window.
 ats::result<int> watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);

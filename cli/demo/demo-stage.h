@@ -17,8 +17,8 @@
 namespace cli
 {
 
-// A step throws it when an expectation is not met. The text is the expectation. A step is a list of expectations, like
-// a test, so it uses an exception and not results.
+// Thrown by a step of the demo when an expectation is not met. The text is the expectation, or the error of the call
+// that failed. A step is a list of expectations, like a test, so it uses an exception and not results.
 struct step_failed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -41,14 +41,14 @@ class stage
     world::host& node2() { return *hosts_[1]; } // has two ports
     world::host& node3() { return *hosts_[2]; }
 
-    // ---- actions ----
+    // ---- actions: they throw step_failed if they fail ----
 
     void set_link(world::host& host, int port, bool is_up);
     void write_control(world::host& host, const std::string& command);
     std::string read_control(world::host& host); // returns the report of ats
 
-    // Advances the time until `holds()` returns true. Returns the ticks that have passed. Throws step_failed after
-    // `limit_ticks`.
+    // Advances the time in steps of 10 ticks until `holds()` returns true. Returns the ticks that have passed. Throws
+    // step_failed if `limit_ticks` have passed before that.
     template <class condition_t>
     uint64_t wait_for(uint64_t limit_ticks, const std::string& expectation, condition_t holds);
 
@@ -68,7 +68,7 @@ class stage
 
     // ---- output ----
 
-    // Starts a step: prints its title and the time.
+    // Starts a step: prints its title and the time, and passes them to the recorder.
     void begin(size_t number, const std::string& title);
     void say(const std::string& fact) const;
     void say(const std::string& question, const world::resolution& answer) const;

@@ -10,7 +10,7 @@ namespace metrics
 namespace
 {
 
-constexpr std::chrono::seconds period(15); // docs/metrics.md states it
+constexpr std::chrono::seconds period(15); // docs/metrics.md and the lines of note() state this number
 
 } // namespace
 

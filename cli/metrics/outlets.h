@@ -1,6 +1,6 @@
 // Publishes a service's metrics in two ways, which are called outlets: in a file for node_exporter's textfile
-// collector, and over HTTP. If an outlet fails, the administrator gets one line. The service continues, and tries again
-// every 15 seconds.
+// collector, and over HTTP. If an outlet fails, the administrator gets one line, and another line when its error
+// changes or ends. The service continues, and tries again every 15 seconds.
 #pragma once
 
 #include <condition_variable>
@@ -45,8 +45,8 @@ class outlets
     outlet http_outlet_{"metrics are not served over HTTP"};
     textfile file_;
     http http_;
-    std::mutex mutex_;               // guards the next two members
-    std::condition_variable change_; // of is_stopping_
+    std::mutex mutex_;               // guards is_stopping_
+    std::condition_variable change_; // notified when is_stopping_ becomes true
     bool is_stopping_ = false;
     std::thread thread_;
 };

@@ -19,8 +19,8 @@ class client_listener
     // The listener calls this function when a client waits at `listener`. The function must accept the client.
     using accept_call = std::function<void(uv_stream_t* listener)>;
 
-    // The listener calls this function with one line for the administrator: it has created the file again, or it could
-    // not create the file.
+    // The listener calls this function with one line for the administrator: the listener has created the file again, or
+    // new clients do not find the service.
     using report_call = std::function<void(const std::string& line)>;
 
     client_listener(std::unique_ptr<listening_socket> socket, report_call report)
@@ -47,7 +47,7 @@ class client_listener
     uv_loop_t* loop_ = nullptr;
     uv_pipe_t* listener_ = nullptr; // owned; freed when libuv has closed it
     uv_timer_t check_timer_;
-    bool is_loss_reported_ = false; // report_ was called because the file is missing and could not be created
+    bool is_loss_reported_ = false; // report_ was told that new clients do not find the service
 };
 
 } // namespace cli

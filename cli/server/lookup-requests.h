@@ -18,7 +18,7 @@ bool is_simple_lookup(const request& request);
 // json::exception if a member is missing or has the wrong type.
 ats::result<lookups::subject> subject_of(const request& request);
 
-// Looks for the answer in the caches of IBAT only, and counts it in `statistics`. Does not wait.
+// Looks for the answer in the caches of IBAT only, and counts the lookup in `statistics`. Does not wait.
 lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject,
                                 lookup_statistics& statistics);
 

@@ -13,7 +13,7 @@
 namespace cli
 {
 
-// Identifies the connection to which an answer goes, and the request that it answers.
+// Identifies the connection to which an answer goes, and the request to which the answer belongs.
 struct return_ticket {
     queue_place place;
     std::optional<uint64_t> id; // nothing if the request has no id

@@ -18,8 +18,8 @@ namespace cli
 // second. If no port is active, the SA cannot be asked: this is also an error if the host has registered.
 ats::result<std::vector<std::string>> delete_leftovers(world::host& host);
 
-// Returns one line if the SA has a record of `address` under a GID of another host. Otherwise, or without an active
-// port, returns "". Fails (unreachable) if the SA does not answer within a second.
+// Returns one line if the SA has a record of `address` under a GID of another host, or several records of `address`.
+// Otherwise, or without an active port, returns "". Fails (unreachable) if the SA does not answer within a second.
 ats::result<std::string> other_holder(world::host& host, const std::string& address);
 
 } // namespace cli

@@ -1,4 +1,5 @@
-// Finds records by their host name. Asks the SA, because the modules cannot look up host names.
+// Finds records by their host name. Asks the SA of an embedded fabric, because the modules cannot look up host names.
+// On a real fabric, the client asks the SA itself.
 
 #include <bit>
 #include <chrono>

@@ -1,5 +1,5 @@
-// Answers requests for the status of hosts. It uses only sources that any program on a host can use: /proc files,
-// functions that the modules publish, the registry and the ports of the fabric.
+// Answers requests for the status of hosts. Its sources are /proc files, functions that the modules publish, the
+// registry, the ports of the fabric, and the watched registrations (registration.h).
 
 #include <map>
 

@@ -24,20 +24,21 @@ ats::result<json> answer_request(running_hosts& hosts, const json& request);
 // {"host"}: HCAs, ports, verification, and IBAT's cache and counters, of that host or of all hosts.
 ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
-// {"host", "address"}: the GID of the address, its source, and the result of the verification at the SA. A request with
-// "name" is answered by answer_resolve_name(). cli/server answers lookups without "verify" and does not call this
-// function for them.
+// {"host", "address"}: the GID of the address, the source of the answer, and the result of the verification at the SA.
+// A request with "name" is answered by answer_resolve_name(). cli/server answers lookups without "verify" and does not
+// call this function for them.
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
 // {"name"}: "matches", the records with that host name at the SA of the embedded fabric. On a real fabric, the client
 // must ask the SA itself; the answer then is {"real": true}.
 ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
 
-// {"host", "gid"}: the address of the GID, its source, and the result of the verification at the SA. Like
+// {"host", "gid"}: the address of the GID, the source of the answer, and the result of the verification at the SA. Like
 // answer_resolve(), only for lookups with "verify".
 ats::result<json> answer_reverse(running_hosts& hosts, const json& request);
 
-// {"host", "what"}: IBAT drops its cache entry of the address or GID in "what". If "what" is "", it drops all entries.
+// {"host", "what"}: IBAT drops its cache entry of the address or GID in "what". If "what" is "", IBAT drops all entries
+// except the host's own mapping.
 ats::result<json> answer_flush(running_hosts& hosts, const json& request);
 
 // {"host", "direction": "up" or "down", "hca", "port"}: changes a link of the embedded fabric.
