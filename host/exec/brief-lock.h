@@ -1,7 +1,8 @@
-// A spin lock and a counter that cost little in a process with one thread, for example a simulation. In such a process
-// nothing else can run between a load and a store, so these functions use plain loads and stores instead of locked
-// instructions. Every change is in memory when the function returns. Therefore the process may start a second thread at
-// any moment, even while a lock is held. (libstdc++ counts the references of a shared_ptr in the same way.)
+// Changes of atomic values, and a spin lock, that cost little in a process with one thread, for example a simulation.
+// In such a process nothing else can run between a load and a store, so these functions use plain loads and stores
+// instead of locked instructions. Every change is in memory when the function returns. Therefore the process may start
+// a second thread at any moment, even while a lock is held. (libstdc++ counts the references of a shared_ptr in the
+// same way.)
 #pragma once
 
 #include <atomic>

@@ -222,9 +222,9 @@ class simulated_executor final : public simulation
         static_cast<simulated_executor&>(self.exec).end(self);
     }
 
-    // Runs the steps of the calling task. Returns after the last one. If the task must wait between two steps, its
-    // fiber gives its stack back and never returns from switch_away(). prepare() then restarts the fiber on another
-    // stack.
+    // Runs the steps of the calling task. Returns after the last one. If the task must wait between two steps and
+    // is_restart_cheap is true, its fiber gives its stack back and never returns from switch_away(). prepare() later
+    // restarts the fiber on another stack. Otherwise the task waits in park().
     void take_steps(fiber_task& self)
     {
         for (;;) {
@@ -253,8 +253,8 @@ class simulated_executor final : public simulation
         next.has_stack = true;
     }
 
-    // Takes a stack from the pool. No caller could handle a shortage here. If the first attempt fails, it releases the
-    // memory reserve, so the second attempt should succeed. If it fails, too, this is a hard error.
+    // Takes a stack from the pool. No caller could handle a shortage here. A first attempt that fails releases the
+    // memory reserve, so the second attempt should succeed. If the second attempt fails, too, this is a hard error.
     fiber_stack stack_for_step()
     {
         try {
@@ -418,13 +418,13 @@ class simulated_executor final : public simulation
     std::unique_ptr<schedule> seeded_order_;
     const std::thread::id thread_ = std::this_thread::get_id();
     uint64_t now_;
-    fiber outside_;
+    fiber outside_; // the thread from outside: it drives the simulation and runs no task meanwhile
     fiber_stack_pool stacks_;
     uint64_t started_tasks_ = 0;
     std::list<fiber_task*> tasks_;
     ring_queue<fiber_task> ready_tasks_;
-    ring_queue<fiber_task> preempted_tasks_; // preempted at a switch point; they run after all ready_tasks_
-    ring_queue<fiber_task> spinning_tasks_;  // they become ready when another task has run
+    ring_queue<fiber_task> preempted_tasks_; // ready, too: preempted at a switch point; numbered after ready_tasks_
+    ring_queue<fiber_task> spinning_tasks_;  // in relax(), until the next call of ready_spinners()
     deadline_map deadlines_;
     const fiber_task* target_ = nullptr; // the task for whose end the thread from outside waits, or null
 };

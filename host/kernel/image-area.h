@@ -67,8 +67,8 @@ class image_area
     // Frees a slot. Sets the bytes of its variables to zero.
     void put(size_t slot);
 
-    // Of a slot's variables, returns the pages that contain only zeros to the system. No other thread may write to
-    // these pages meanwhile. Any thread.
+    // Gives pages of a slot's variables back to the system if every byte in them is zero. No other thread may write to
+    // the slot's variables meanwhile. Any thread.
     void give_back_zero_pages(size_t slot) const;
 
     // Returns the beginning of the image that contains `address`, an address in this area. Returns null if no image

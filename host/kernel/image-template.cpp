@@ -23,7 +23,8 @@ bool needs_only_loaded_libraries(const elf_object& object)
 }
 
 // Returns true if the dynamic section has an entry that only the dynamic linker can handle. Also returns true if the
-// object was not linked with -Bsymbolic: the dynamic linker may then bind its variables to another image.
+// object was not linked with -Bsymbolic: the dynamic linker may then bind the object's references to its own symbols to
+// symbols of another object.
 bool needs_dynamic_linker(const elf_object& object)
 {
     for (const int64_t tag : {DT_TEXTREL, DT_REL, DT_RELR, DT_PREINIT_ARRAY})
@@ -32,7 +33,8 @@ bool needs_dynamic_linker(const elf_object& object)
     return (flags & (DF_TEXTREL | DF_STATIC_TLS)) || !(flags & DF_SYMBOLIC);
 }
 
-// Makes the template of one object. Each step returns false if no image can be made from the object.
+// Makes the template of one object. The functions that return bool return false if no image can be made from the
+// object.
 class template_maker
 {
   public:
@@ -64,7 +66,8 @@ class template_maker
         return !result_->text.empty() && !result_->data.empty();
     }
 
-    // The segment of the variables. It must be the only writable one, at an offset from data_distance to twice as much.
+    // The segment of the variables. It must be the only writable segment. It must lie between the offsets data_distance
+    // and twice data_distance.
     bool take_variables(const Elf64_Phdr& segment)
     {
         image_template& image = *result_;
@@ -75,7 +78,8 @@ class template_maker
         return image.data_begin > data_distance && image.data_end < 2 * data_distance;
     }
 
-    // A segment of code or constants. Its offset in the image must equal its offset in the file.
+    // A segment of code or constants. Its offset in the image must equal its offset in the file, and it must not reach
+    // beyond data_distance.
     bool take_constants(const Elf64_Phdr& segment)
     {
         const uint64_t end = segment.p_vaddr + segment.p_memsz;
@@ -142,7 +146,8 @@ class template_maker
         }
     }
 
-    // Sets the pointer at `place` to the symbol with the same name in the program.
+    // Sets the pointer at `place` to the symbol with the same name in the program or its libraries. A few functions are
+    // special, see below.
     bool bind(uint64_t place, const Elf64_Sym& symbol, uint64_t addend)
     {
         const std::string name(object_.name_of(symbol));

@@ -49,8 +49,8 @@ class machine final : public exec::task_home
     // The executor must outlive the machine.
     machine(executor& exec, std::string name, const machine_options& options = {});
 
-    // Destroys the services in reverse order of creation. Then prints the blocks of kmalloc that were not freed to
-    // stderr. Panics if a module is still loaded.
+    // Panics if a module is still loaded. Destroys the services in reverse order of creation. Then prints a line to
+    // stderr about each leak: memory from kmalloc that was not freed.
     ~machine();
     machine(const machine&) = delete;
     machine& operator=(const machine&) = delete;

@@ -86,8 +86,8 @@ int proc_tree::stat(const std::string& path, proc_listing* entry) const
     return 0;
 }
 
-// A visit of a task to an entry. As long as it exists, remove() waits and the owner of the entry is not unloaded.
-// Therefore the task can run a handler.
+// A visit of a task to an entry. As long as a visit without an error exists, remove() waits and the owner of the entry
+// is not unloaded. Therefore the task can run a handler.
 class proc_tree::visit
 {
   public:
@@ -96,7 +96,7 @@ class proc_tree::visit
         const std::lock_guard lock(tree_.mutex_);
         const std::shared_ptr<node> target = tree_.find(path);
         if (!target) return;
-        if (!target->entry.read_proc && !target->entry.write_proc) { // a module sets the owner before the handlers
+        if (!target->entry.read_proc && !target->entry.write_proc) { // with a handler, an owner is set, too
             error_ = -EK_INVAL;
             return;
         }
@@ -140,7 +140,8 @@ struct proc_answer {
     int length;
 };
 
-// Cuts an answer to `size` bytes and to the end of the page. Panics if the answer starts outside of the page.
+// Cuts an answer to `size` bytes and to the end of the page, and logs that. Panics if the answer starts outside of the
+// page.
 proc_answer within_bounds(const std::string& path, const std::string& page, proc_answer answer, size_t size)
 {
     if (answer.length <= 0) return answer;

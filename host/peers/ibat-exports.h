@@ -1,7 +1,7 @@
 // IBAT's functions for modules that need the GID of an address. IBAT asks through the resolver, a module that sends
 // requests to the SA. (The functions for the resolver are in ibat.h.) IBAT keeps the answers in a cache. If several
-// callers ask for the same address, IBAT sends one request for all of them. It repeats a request without an answer, and
-// gives it up after the last attempt.
+// callers ask for the same address, IBAT sends one request for all of them. IBAT repeats a request that gets no answer,
+// and gives it up after the last attempt.
 //
 // Every record from IBAT has these fields: `dst_ip` is the address of the request, `gid` is the GID that owns it, and
 // `local_port_num` is the port on which the answer arrived. `mask` names the valid fields. IBAT_MASK_STATIC in `mask`
@@ -29,8 +29,8 @@ using ibat_get_ib_data_fn_t = ibat_stat_t (*)(uint32_t ip, ibat_arp_data_t* arp_
 // caller can thus check an answer from the cache. Returns ibat_stat_pending or ibat_stat_error.
 using ibat_refresh_fn_t = ibat_stat_t (*)(uint32_t ip, ibat_get_ib_data_reply_fn_t user_cb, void* user_context);
 
-// Published as "ibat_cancel_fn": cancels every pending request that was made with this callback and context. When it
-// has returned, none of these callbacks runs. Returns the number of cancelled requests. Other requests with this
+// Published as "ibat_cancel_fn": cancels every pending request that was made with this callback and context. When the
+// call has returned, none of these callbacks runs. Returns the number of cancelled requests. Other requests with this
 // callback and context have already been called back. May sleep. A callback must not cancel itself.
 using ibat_cancel_fn_t = int32_t (*)(ibat_get_ib_data_reply_fn_t user_cb, void* user_context);
 

@@ -18,9 +18,9 @@
 using ucm_get_ip_fn_t = ibat_stat_t (*)(const kq_gid_t* gid, ibat_arp_data_t* arp_data,
                                         ibat_get_ib_data_reply_fn_t user_cb, void* user_context);
 
-// Published as "ucm_cancel_fn": cancels every pending request that was made with this callback and context. When it has
-// returned, none of these callbacks runs. Returns the number of cancelled requests. Other requests with this callback
-// and context have already been called back. May sleep. A callback must not cancel itself.
+// Published as "ucm_cancel_fn": cancels every pending request that was made with this callback and context. When the
+// call has returned, none of these callbacks runs. Returns the number of cancelled requests. Other requests with this
+// callback and context have already been called back. May sleep. A callback must not cancel itself.
 using ucm_cancel_fn_t = int32_t (*)(ibat_get_ib_data_reply_fn_t user_cb, void* user_context);
 
 struct ucm_counters_t {

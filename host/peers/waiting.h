@@ -18,7 +18,7 @@ class spin_guard
     unsigned long flags_;
 };
 
-// For assertions: returns false if no task holds the lock.
+// For assertions: returns true if a task holds the lock. This need not be the calling task.
 inline bool is_held(const spinlock_t& lock)
 {
     return lock.state.load(std::memory_order_relaxed) != 0;

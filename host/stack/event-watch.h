@@ -25,8 +25,9 @@ class event_watch final : public kernel::service
   public:
     explicit event_watch(kernel::machine&) {}
 
-    // Sets the watcher, or removes it (null). It is called before each callback of a subscriber, in the same task. It
-    // must not sleep or call this object. After the return, the previous watcher is not called any more.
+    // Sets the watcher, or removes it (null). The watcher is called before each callback of a subscriber, in the same
+    // task. It must not sleep or call this object. After set() has returned, the previous watcher is not called any
+    // more.
     void set(std::function<void(const event_sight&)> watcher)
     {
         const std::lock_guard lock(mutex_);

@@ -20,9 +20,10 @@ class liveness
     // Wakes every task, and notes its progress.
     void ask();
 
-    // Returns the names of the tasks, and of GSI's completion contexts, that have made no progress since the last
-    // ask(). Such a task runs a handler or callback of a module for all this time, or hangs. The caller decides how
-    // much time passes between ask() and silent().
+    // Returns the names of the tasks that have begun no round since the last ask(), and of GSI's completion contexts
+    // that have been in the same batch since then. Such a task or context runs a handler or callback of a module for
+    // all this time, or hangs. An idle context is not named. The caller decides how much time passes between ask() and
+    // silent().
     std::vector<std::string> silent() const;
 
   private:

@@ -6,8 +6,8 @@
 #include "host/stack/registry.h"
 #include "kernel/export.h"
 
-// A rep_change_fn_t that modules pass to rep_notify_key_change. If the value "debug-level" changes, it stores the new
-// trace level in the module's variable to which `context` points.
+// A rep_change_fn_t that modules pass to rep_notify_key_change. When the value "debug-level" is set, this callback
+// stores the new trace level in the module's variable to which `context` points.
 KERNEL_API void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context);
 
 void trace_lvl_change_cb(const char* value_name, intptr_t new_value, void* context)

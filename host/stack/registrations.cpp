@@ -55,7 +55,7 @@ bool equal(const field_t& first, const field_t& second)
     return std::memcmp(&first, &second, sizeof first) == 0;
 }
 
-// Returns true if the record that the SA returned has the content that was Set. It does not compare three fields. The
+// Returns true if the record that the SA returned has the content that was Set. Three fields are not compared. The
 // lease gets shorter with time. The SA hides the ServiceKey from most readers. The SA may store the P_Key with or
 // without the membership bit.
 bool has_content_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)

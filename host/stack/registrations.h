@@ -1,6 +1,6 @@
-// Watches the ServiceRecords that the clients of an HCA register, for reports. gsi_adapter shows it every MAD that it
-// sends or receives. For each service it keeps the record of the last Set, and what the SA has answered about this
-// record since then. It sends nothing itself.
+// Watches the ServiceRecords that the clients of an HCA register, for reports. gsi_adapter passes every MAD that the
+// HCA sends or receives to class registrations. For each service, the class keeps the record of the last Set, and what
+// the SA has answered about this record since then. The class sends nothing itself.
 #pragma once
 
 #include <atomic>
@@ -22,7 +22,7 @@ enum class registration_state {
     refused,   // the SA answered the Set with the error `status`
     confirmed, // the SA accepted the Set, or returned the record
     missing,   // the SA answered that it has no such record
-    different, // the SA returned another record for this GID; it is in `sa_record`
+    different, // the SA returned another record for this GID, which is in `sa_record`
     withdrawn, // the SA deleted the record
 };
 
@@ -40,7 +40,7 @@ struct registration {
     uint64_t unanswered_tick = 0;           // when that request was sent first
 };
 
-// Any context may call it. It locks a mutex, but never during a send or a callback.
+// Any context may call these functions. They lock a mutex, but never during a send or a callback.
 class registrations
 {
   public:
@@ -78,8 +78,8 @@ class registrations
 
     const exec::executor& exec_;
 
-    // note_answer() reads the next two members without the lock. Most answers concern other hosts, and this detects
-    // them quickly.
+    // The next two members are also read without the lock. Most answers concern other hosts, and note_answer() can thus
+    // ignore them quickly.
     std::atomic<bool> awaits_answer_{false};
     std::atomic<uint64_t> own_guid_{0}; // of the GID in the last Set, in wire order
 

@@ -35,7 +35,7 @@ class timers final : public kernel::service
 
     // Sets the idle work of the task that runs the handlers that may sleep. The task calls `work` again and again while
     // no handler is due. `work` returns false if there was nothing to do; the task then sleeps until the next deadline.
-    // `work` may sleep, but a handler that becomes due meanwhile must wait for it. Call it once.
+    // `work` may sleep, but a handler that becomes due meanwhile must wait for it. Call set_idle_work() once.
     void set_idle_work(std::function<bool()> work);
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
@@ -48,7 +48,7 @@ class timers final : public kernel::service
         timer_queue queue;
         const timing_t* running_timer = nullptr;          // the timer whose handler runs, or null
         void (*running_handler)(unsigned long) = nullptr; // valid while running_timer is set
-        // arm() ignores running_timer, because disarm_and_wait() waits for the end of its handler.
+        // True while disarm_and_wait() waits for the end of running_timer's handler: arm() then ignores this timer.
         bool is_arming_void = false;
         service_task task;
     };

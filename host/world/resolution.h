@@ -24,7 +24,7 @@ struct resolution {
     uint32_t ip = 0;                      // network order
     kq_gid_t gid{};
     bool from_cache = false;           // true if the answer came without waiting for the SA
-    uint64_t duration_ticks = 0;       // by the machine's clock
+    uint64_t duration_ticks = 0;       // by the machine's clock; set by resolve_address() and resolve_gid() only
     uint64_t duration_nanoseconds = 0; // in real time
     std::string reason;                // one line for people; empty if the status is ok
 };

@@ -22,11 +22,11 @@ inline sa_mad_v2_t& sa_mad_of(gsi_dtgrm_t* dtgrm)
 void ats_sa_encode_mad(gsi_dtgrm_t* dtgrm, const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                        const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get, uint8_t is_table);
 
-// Takes a datagram from the context's pool, encodes a request in it and stores it in `*dt`. The request is a Set if
-// `is_set`, otherwise a Get (a GetTable with `is_table`) if `is_get`, otherwise a Delete. A Get selects records by
-// address if `op` is ATS_GET_SR_ARP_OP, otherwise by GID. `port` is the port that sends the request. The caller has
-// read it from `active_port` once, because `active_port` may change at any moment. Returns 0. Returns -1 if the pool
-// has no free datagram.
+// Takes a datagram from the context's pool, encodes a request in it and stores the pointer to the datagram in `*dt`.
+// The request is a Set if `is_set`, otherwise a Get (a GetTable with `is_table`) if `is_get`, otherwise a Delete. A Get
+// selects records by address if `op` is ATS_GET_SR_ARP_OP, otherwise by GID. `port` is the port that sends the request.
+// The caller has read `port` from `active_port` once, because `active_port` may change at any moment. Returns 0.
+// Returns -1 if the pool has no free datagram.
 int32_t ats_sa_encode_service_rec_set_get_del_mad(const ats_context_t* ats, const ats_port_ctx_t* port, ats_sa_op_t op,
                                                   const ibat_arp_data_t* arp_data, uint8_t is_set, uint8_t is_get,
                                                   uint8_t is_table, gsi_dtgrm_t** dt);

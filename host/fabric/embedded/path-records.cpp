@@ -39,7 +39,7 @@ struct end_of_path {
     uint16_t status = 0;
 };
 
-// The request names a port by its GID, by its LID, or by both.
+// Finds the port that the request names by its GID, by its LID, or by both.
 end_of_path find_end(const port_directory& ports, bool has_gid, const wire_gid_t& gid, bool has_lid, be16_t lid)
 {
     if (!has_gid && !has_lid) return {.status = status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS)};

@@ -1,6 +1,6 @@
 // Answers SubnAdmGet of PathRecords (IBA 15.2.5.16) from the ports of the subnet. There is one path between two active
-// ports with a common partition, and it is reversible. Its LIDs and its P_Key are those of the ports. All its other
-// attributes are those of the subnet.
+// ports with a common partition, and this path is reversible. Its LIDs and its P_Key are those of the ports. All its
+// other attributes are the same for every path of the subnet.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,7 @@ struct path_attributes {
 };
 
 // Finds the path that a SubnAdmGet asks for. `record` and `component_mask` are those of the request. Returns the status
-// word of the answer. If it is 0, `record` becomes the path. Otherwise `record` does not change.
+// word of the answer. If the status is 0, `record` becomes the path. Otherwise `record` does not change.
 uint16_t find_path(const port_directory& ports, const path_attributes& attributes, uint64_t component_mask,
                    ib_path_record_wire_t& record);
 

@@ -15,7 +15,8 @@ namespace umad
 class sa_remarks
 {
   public:
-    // Returns a line about the answer. Returns "" if there is nothing to report, or if the line was returned before.
+    // Returns a line about the answer. Returns "" if there is nothing to report, if the line was returned before, or if
+    // many lines were returned before.
     std::string remark_on(const sa_mad_v2_t& answer);
 
   private:

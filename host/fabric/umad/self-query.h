@@ -33,7 +33,8 @@ class self_query
     // Returns the next question without an answer. Each call uses a new TransactionID.
     fabric::mad_bytes next_question();
 
-    // Processes an answer. If it does not answer the last question, ignores it and returns false.
+    // Processes an answer. If it does not answer the last question, or if it has an error status, ignores it and
+    // returns false.
     bool accept(const fabric::mad_bytes& answer);
 
     // The attributes, or none until the port has answered all questions of the look.

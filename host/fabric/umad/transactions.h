@@ -1,6 +1,6 @@
 // The requests in flight, by the low half of their TransactionID. The kernel and ibsim replace the high half with a
 // number of their own. The table has a fixed size. If two requests need the same slot, the newer one gets it. end()
-// then does not find the older one, and its answer counts as a stray.
+// then does not find the older one, and the answer to the older one counts as a stray.
 #pragma once
 
 #include <array>
@@ -21,8 +21,8 @@ class transactions
         slot_of(static_cast<uint32_t>(transaction)) = {.transaction = transaction, .is_in_flight = true};
     }
 
-    // Ends the request whose TransactionID has the same low half. Returns the whole TransactionID with which it was
-    // sent, or none if no such request is in flight. TransactionIDs are in host order.
+    // Ends the request whose TransactionID has the same low half. Returns the whole TransactionID with which the
+    // request was sent, or none if no such request is in flight. TransactionIDs are in host order.
     std::optional<uint64_t> end(uint64_t received_transaction)
     {
         const auto low_half = static_cast<uint32_t>(received_transaction);

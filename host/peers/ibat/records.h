@@ -1,4 +1,4 @@
-// Fills records of type ibat_arp_data_t for IBAT's requests for addresses, and with its answers.
+// Fills records of type ibat_arp_data_t: for IBAT's requests to the resolver, and for IBAT's answers.
 #pragma once
 
 #include "ibat.h"

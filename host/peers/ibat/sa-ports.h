@@ -20,11 +20,11 @@ class sa_ports
         kq_async_event_fn_t event;
     };
 
-    // Opens the HCA and joins the class on its ports. Returns false if verbs or GSI refuse a call; nothing stays open
-    // then. A callback may come before the return. May sleep.
+    // Opens the HCA and joins the class on its ports. Returns false if there is no HCA, or if verbs or GSI refuse a
+    // call; nothing stays open then. A callback may come before the return. May sleep.
     bool open(const callbacks& callbacks);
 
-    // Closes the HCA. When it has returned, no callback runs any more. May sleep.
+    // Closes the HCA. When close() has returned, no callback runs any more. May sleep.
     void close();
 
     int32_t count() const { return count_; }
