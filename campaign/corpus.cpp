@@ -21,7 +21,7 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-constexpr size_t first_seeds = 10; // number of plain seeds with which an empty corpus begins
+constexpr size_t first_seeds = 10; // while the corpus has fewer plans, no plan is changed: plain seeds add plans
 constexpr int most_changes = 4;    // largest number of changes to one copy of a plan
 constexpr size_t most_acts = 3000; // a plan with more acts takes too long, so it gets no more acts
 constexpr const char* no_edges = "these modules count no edges: cmake --preset edges && cmake --build --preset edges, "
@@ -58,7 +58,8 @@ class coverage
     std::set<uint32_t> edges_, elements_;
 };
 
-// Runs plain seeds, then "steered" plans: those of the corpus and changed copies of them.
+// Runs plain seeds for half of the time. Then runs "steered" plans: those of the corpus, changed copies of them, and a
+// few plain seeds. Adds the plans that reach something new to the corpus.
 class search
 {
   public:
@@ -120,7 +121,8 @@ class search
         return {};
     }
 
-    // Runs a plan and adds what it reached. Returns true if the run reached something new.
+    // Runs a plan, and adds the edges that the run reached to `coverage`. Prints the complaint of a failed run. Returns
+    // true if the run reached something new.
     ats::result<bool> run(const plan& plan, coverage& coverage)
     {
         edges_.clear();
@@ -140,7 +142,7 @@ class search
         return coverage.add(edges_.elements());
     }
 
-    // Makes some random changes: more acts, other numbers, other times, another order of the tasks.
+    // Makes some random changes: more acts, or another order of the tasks, or a change of changed_act().
     void vary(plan& plan)
     {
         for (int count = 1 + static_cast<int>(number_below(most_changes)); count > 0; --count) {
@@ -156,7 +158,8 @@ class search
         }
     }
 
-    // Returns a change that gives an act another host, another random number, or a time near that of another act.
+    // Returns a change that gives an act another host, a number of another act, or a time shortly after the begin of
+    // another act.
     std::string changed_act(const plan& plan, uint64_t kind)
     {
         const std::string act = std::to_string(number_below(plan.acts.size()));

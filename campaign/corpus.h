@@ -18,9 +18,10 @@ struct corpus_options {
     run_options run;
 };
 
-// Runs plain seeds first. Then runs the plans of the corpus and changed copies of them. Stores each plan that reached
-// something new. Prints each failure with the command that repeats it. Returns true if no run failed. Returns an error
-// if the modules count no edges, if a file of the corpus is wrong, or if a file cannot be written.
+// Runs plain seeds first. Then runs the plans of the corpus, changed copies of them, and some plain seeds. Stores each
+// plan of this second half that reached something new. Prints each failure with the command that repeats it. Returns
+// true if no run failed. Returns an error if the modules count no edges, if a file of the corpus is wrong, if a file
+// cannot be written, or if a process cannot be started.
 ats::result<bool> extend_corpus(const corpus_options& options);
 
 } // namespace campaign

@@ -14,7 +14,7 @@ namespace campaign
 // The result of a run of one seed's plan, or of some of its acts.
 struct run_result {
     uint64_t seed = 0;
-    std::string complaint; // what the run printed before it failed; empty if the run found no fault
+    std::string complaint; // what the failed run printed, or how it ended; empty if the run found no fault
     figures counts;
 };
 
@@ -37,7 +37,8 @@ struct seed_series {
 
 // Runs the seeds of a series in order, `jobs` at a time, until `is_enough` returns true. `is_enough` receives the
 // number of seeds that have started, and the sum of the figures of those that have ended. `report` receives the result
-// of each seed when it ends. Returns the sum of all figures. Returns an error only if no process could be started.
+// of each seed when it ends. Returns the sum of all figures. Returns an error only if a process could not be started;
+// the running seeds are then killed.
 ats::result<figures> run_many(const seed_series& seeds, const plan_options& plan_options, int jobs,
                               const run_options& options,
                               const std::function<bool(uint64_t, const figures&)>& is_enough,
@@ -50,8 +51,8 @@ std::string complaint_kind(const std::string& complaint);
 // Returns the numbers of all acts of a plan.
 std::vector<size_t> all_acts(const plan& plan);
 
-// Removes acts without which the run still fails in the same way. Returns the remaining acts. Returns an error only if
-// no process could be started.
+// Removes acts without which the run still fails with the same complaint_kind(). Returns the remaining acts. Returns an
+// error only if a process could not be started.
 ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options);
 
 } // namespace campaign

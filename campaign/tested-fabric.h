@@ -59,7 +59,7 @@ struct tested_fabric {
     ~tested_fabric();
 
     // Runs the acts with these numbers, ends every fault, and checks that everything becomes right again. Call it once.
-    // If a check finds a fault, it does not return (see violate()). Returns an error only if the recording or the
+    // If a check finds a fault, run() does not return (see violate()). Returns an error only if the recording or the
     // capture file could not be written.
     ats::result<> run(const std::vector<size_t>& act_numbers);
 

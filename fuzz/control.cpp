@@ -1,4 +1,4 @@
-// Fuzzes the control file of ats. An input is the text that a program writes to the file at once.
+// Fuzzes the control file of ats. An input is the text of one write to the file.
 #include "fuzz/one-host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)

@@ -1,8 +1,9 @@
 // Measures lookups with libibumad only, in one thread. It is the reference for ats-lookups. WINDOW requests are in
 // flight: each answer is followed by the next request at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
-// Looks up the record of ADDRESS, LOOKUPS times. Prints the lookups per second, and the processor time of each. With
-// "path", each lookup also asks for the path to the GID in the record.
+// Looks up the record of ADDRESS, LOOKUPS times, and at least WINDOW times. Prints the lookups per second, the
+// processor time per lookup, and the numbers of lookups that found nothing and of requests that were lost. With "path",
+// each lookup also asks for the path to the GID in the record.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -92,8 +93,8 @@ struct lookup_loop {
         send(slot, path_request);
     }
 
-    // Runs until `lookups` lookups are answered and nothing is in flight. Under ibsim, a process that ends earlier
-    // hangs, because answers are still on their way to it.
+    // Runs until at least `lookups` lookups are answered and nothing is in flight. Under ibsim, a process that ends
+    // earlier hangs, because answers are still on their way to it.
     void run(long lookups)
     {
         for (uint32_t& slot : in_flight) send(slot);

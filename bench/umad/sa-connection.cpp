@@ -34,7 +34,7 @@ connection::connection() : slots_(most_in_flight)
 {
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &attributes_) < 0)
         throw std::runtime_error("there is no active InfiniBand port");
-    umad_release_port(&attributes_); // frees only its P_Keys; the other fields do not change
+    umad_release_port(&attributes_); // frees only the list of P_Keys; the other fields do not change
     port_ = umad_open_port(attributes_.ca_name, attributes_.portnum);
     if (port_ < 0 || umad_size() != sizeof(ib_user_mad_t)) throw std::runtime_error("cannot open the port");
     agent_ = umad_register(port_, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, 0, nullptr);

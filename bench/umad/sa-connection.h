@@ -28,8 +28,8 @@ struct tally {
 class connection
 {
   public:
-    // An answer is late after one second, because a host gives up a lookup after one to two seconds. A request is lost
-    // when nobody waits for its answer any more.
+    // An answer is late after one second, because a host gives up a lookup after one to two seconds. A request counts
+    // as lost after 20 seconds, because nobody waits for its answer any more.
     static constexpr std::chrono::milliseconds late_after{1000}, lost_after{20000};
     static constexpr size_t most_in_flight = 65536;
 
@@ -45,7 +45,9 @@ class connection
     // Sends a request. Throws std::runtime_error if libibumad refuses it, or if too many are in flight.
     void send(const sa_mad_v2_t& request);
 
-    // Waits for an answer, for at most `longest`. Counts it in `results`. Returns false if no answer came.
+    // Waits for an answer, for at most `longest`. Counts it in `results`, unless its request was counted as lost
+    // before. The kernel may report instead that a request got no answer: then counts this request as lost. Returns
+    // false if neither came.
     bool receive(std::chrono::milliseconds longest);
 
     // Counts the requests without an answer after `lost_after` as lost.

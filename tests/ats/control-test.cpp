@@ -65,7 +65,7 @@ TEST_F(control, bad_input_is_logged_and_changes_nothing)
         {repeated("w ", 29) + forty, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {repeated(forty + " ", 30), unknown(repeated(" '" + forty + "'", 30))},
         {"half" + nul + "rest", unknown(" 'half'")},
-        // The last byte is not white space, so it counts as one more word.
+        // The last byte is not white space, so one more word counts. The NUL byte at its begin makes this word empty.
         {"half " + nul + "rest", unknown(" 'half' ''")},
         {"half" + nul + " ", usage},
         {nul, unknown(" ''")},
@@ -124,7 +124,7 @@ TEST_F(control, verification_settings_are_kept_within_their_range)
     }
 }
 
-// delete_ip deletes the record of the first HCA. The next record that this HCA registers has the given address.
+// delete_ip deletes the record of the first HCA. The records that this HCA registers later have the given address.
 TEST_F(control, delete_ip_deletes_the_record_and_sets_the_address_of_the_next)
 {
     const std::string second_record = "node1.mthca1.1 10.0.0.1 node1";
@@ -140,7 +140,7 @@ TEST_F(control, delete_ip_deletes_the_record_and_sets_the_address_of_the_next)
     EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.2 10.1.2.3 node1", second_record));
 }
 
-// rarp logs the status of its request at once, and the answer later.
+// rarp logs the status of its request at once. If IBAT's cache has no answer, rarp logs the SA's answer later.
 TEST_F(control, rarp_logs_the_request_and_its_answer)
 {
     const auto first_line = [](const std::string& text) { return "DEBUG api/ats_proc_cmd_rarp: Status " + text; };

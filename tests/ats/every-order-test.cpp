@@ -28,8 +28,8 @@ int deviation_bound(int default_bound)
     return text ? std::atoi(text) : default_bound;
 }
 
-// The world of one run, in which the tasks run in `order`. A scenario first sets up its hosts in the plain order. Then
-// it calls explore() for the ticks in which its events happen.
+// The world of one run. A scenario first sets up its hosts; meanwhile the tasks run in the plain order. Then the
+// scenario calls explore() for the ticks in which its events happen.
 struct moment {
     ats_world w;
     exec::systematic_schedule& order;

@@ -1,5 +1,5 @@
-// Repeats a scenario, and lets another kernel call fail in each run: first each call alone, then each call together
-// with each later call. In this way, one loop tests all error paths.
+// Repeats a scenario, and lets other kernel calls fail in each run: each call alone, and each call together with each
+// later call. In this way, one loop tests all error paths.
 #pragma once
 
 #include "tests/ats/ats-world.h"

@@ -128,7 +128,7 @@ TEST_F(resolution, of_twenty_at_once_four_find_no_datagram)
         for (uint64_t i = 0; i < lookups.size(); ++i) ++first_statuses[host.reverse({i, 7}, lookups[i])];
     });
     EXPECT_THAT(first_statuses, ElementsAre(std::pair(ibat_stat_error, 4), std::pair(ibat_stat_pending, 16)));
-    EXPECT_THAT(host.log(), testing::SizeIs(8)); // two for each of the four
+    EXPECT_THAT(host.log(), testing::SizeIs(8)); // two lines for each of the four
     w.at(2000);
     for (const reverse_lookup& each : lookups) ++last_statuses[each.answers.at(0).status];
     EXPECT_THAT(last_statuses, ElementsAre(std::pair(ibat_stat_not_found, 16), std::pair(ibat_stat_timeout, 4)));
@@ -147,7 +147,7 @@ TEST_F(resolution, without_an_active_port_fails_and_still_times_out)
     EXPECT_THAT(w.requests(), IsEmpty());
 }
 
-// A registration holds the semaphore for 60 ticks. A lookup waits until the semaphore is free or a signal comes.
+// A registration holds `ats_sem` for 60 ticks. A lookup waits until `ats_sem` is free or a signal comes.
 TEST_F(resolution, waits_for_a_registration_or_a_signal)
 {
     w.subnet.faults.sa_silent = true;

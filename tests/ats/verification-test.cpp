@@ -96,7 +96,8 @@ TEST_F(verification, restores_after_a_refusal_with_the_right_address)
     EXPECT_THAT(w.requests(), ElementsAre(std::to_string(next_check) + " node1.1 SET node1.1 10.0.0.1 node1"));
 }
 
-// The answer to a Set has the host's own GID, like the answer to a check. It ends a check whose answer was lost.
+// The answer to a Set has the host's own GID, like the answer to a check. Therefore it also ends a check whose own
+// answer was lost.
 TEST_F(verification, ends_with_the_answer_to_a_registration)
 {
     w.subnet.faults.drop_next_answers = 1;
@@ -129,7 +130,7 @@ TEST_F(verification, needs_an_active_port)
     EXPECT_THAT(check(), ElementsAre("0 node1.2 GET node1.2"));
 }
 
-// A registration holds the semaphore while it waits for an answer. It delays the lookup of one check, but the next
+// A registration holds `ats_sem` while it waits for an answer. This wait delays the lookup of one check, but the next
 // check comes in time.
 TEST_F(verification, keeps_its_period_after_a_delayed_lookup)
 {

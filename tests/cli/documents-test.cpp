@@ -1,4 +1,5 @@
-// The manual pages and the bash completion must name the same commands, options and exit codes as --help.
+// The manual pages must name the same commands, options and exit codes as --help. The bash completion must offer the
+// long options of each command.
 #include <algorithm>
 #include <cctype>
 #include <map>

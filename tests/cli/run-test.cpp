@@ -1,5 +1,5 @@
-// The whole life of one `ats run`, in one scenario. All commands of `ats` ask the service, programs use the mounted
-// files, and finally the service is stopped.
+// The whole life of one `ats run`, in one scenario. Commands of `ats` ask the service, programs use the mounted files,
+// and finally the service is stopped. A second test stops a service while its hosts are starting.
 #include <fcntl.h>
 #include <sys/wait.h>
 
@@ -360,8 +360,8 @@ void running_service::use_the_files()
     EXPECT_THAT(ats->ask({"log", "--host", "node3"}).out, HasSubstr("'wh\\x1b[mat'"));
 }
 
-// A process writes to the control file, and the module waits for a silent SA. A signal to the process ends these waits,
-// and the module logs this.
+// A process writes to the control file, and the module waits for a silent SA. A signal to the process ends the module's
+// wait, and the module logs this. Repeats the write until the signal comes during such a wait.
 void running_service::interrupt_a_write()
 {
     EXPECT_EQ(ats->ask({"sa", "silence", "on"}).exit_code, 0);

@@ -61,8 +61,8 @@ TEST(service, tells_its_manager_when_it_is_ready_and_when_it_stops)
     EXPECT_EQ(ats.stop(), 0) << "two signals at once ended it before its hosts had unloaded";
     EXPECT_EQ(notices.next(), "STOPPING=1");
 
-    // A service is started with stdout and stderr closed. No file that it opens may get the descriptors 1 and 2: the
-    // lines for the user would go into that file.
+    // A service is started with stdout and stderr closed. No file that the service opens may get the descriptor 1 or 2:
+    // the lines for the user would go into that file.
     const std::string config = folder / "world.toml", socket = folder / "socket";
     write_file(config, "[[host]]\n");
     fabric_tools::process mute_service(
@@ -219,7 +219,7 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     signs.ask();
     EXPECT_TRUE(eventually([&] { return signs.missing().empty(); }));
     std::latch hang_begins(5), hang_end(1);
-    const auto hang = [&] { // runs in five threads of the service
+    const auto hang = [&] { // runs in five threads, one for each part that hangs below
         hang_begins.count_down();
         hang_end.wait();
     };

@@ -43,7 +43,8 @@ ats_answer_t resolve(const client_ptr& client, int timeout_ms = 5000)
     return answer;
 }
 
-// Collects `count` answers like an event loop: it polls the descriptor.
+// Collects `count` answers like an event loop: polls the descriptor. Returns fewer answers if the descriptor is not
+// ready for 20 s.
 std::vector<ats_answer_t> collect(const client_ptr& client, size_t count)
 {
     std::vector<ats_answer_t> all;

@@ -47,7 +47,7 @@ struct fake_hca final : fabric::hca {
 
     std::string hca_name = "mthca0";
     std::vector<fabric::port_attributes> ports{2};
-    std::function<void(int port)> while_read; // read_port() calls it after it has copied the state
+    std::function<void(int port)> while_read; // read_port() calls it after the copy of the port's attributes
     std::function<bool()> while_polled;       // poll() calls it; true means that a MAD has arrived
     bool accepts = true;                      // false: send() refuses every MAD
     std::vector<sent_mad> sent_mads;

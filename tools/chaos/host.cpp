@@ -40,7 +40,8 @@ std::string host::new_name(int number) const
     return name() + "-" + std::to_string(number);
 }
 
-// The host checks its record often, and its cache entries expire soon. Thus a round ends soon.
+// The host checks its record every few seconds, and its cache entries expire after 2 seconds. Therefore the checks at
+// the end of a round of the chaos run do not wait long.
 void host::write_configuration() const
 {
     std::ofstream(net_.folder() + "/" + name() + ".toml")

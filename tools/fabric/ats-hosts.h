@@ -14,7 +14,8 @@ namespace fabric_tools
 
 using nlohmann::json;
 
-// The node name of a host, which is also its host name, and its address. Host 1 is "node1" with 10.0.0.1.
+// Return the node name of a host, which is also its host name, and the address of a host. Host 1 is "node1" with
+// 10.0.0.1.
 std::string node_name(int number);
 std::string address_of(int number);
 
