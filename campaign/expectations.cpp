@@ -32,10 +32,11 @@ using embedded::view_of;
 enum class excuse {
     none,             // nothing excuses the flaw
     harm_since_named, // a fault after the host got its name: the SA may still have an earlier name
-    false_record,     // the host may have misread its port, or the network may have corrupted the Set
+    false_record,     // the host may have misread its port, or the network may have corrupted its SubnAdmSet
 };
 
-// A difference between the SA's record of an HCA's active port and the expected record.
+// A difference between the expected and the actual state of a host: in the host's own report, or in the SA's record of
+// an active port.
 struct flaw {
     std::string text; // describes the flaw; empty if there is none
     excuse possible_excuse = excuse::none;
@@ -96,7 +97,7 @@ flaw flaw_of(node& node, size_t hca, const std::string& gid, const std::string& 
     return {};
 }
 
-// The result of examine(): the GIDs for which the host should have records, and the flaws of these records.
+// The result of examine(): the GIDs for which the host should have records, and all flaws that were found.
 struct findings {
     std::vector<std::string> gids;
     std::vector<flaw> flaws;
@@ -109,7 +110,7 @@ enum class scope {
 };
 
 // Compares the host's own report with the links, and with the SA's records of the HCAs in `scope`. Call it in a task of
-// the host. Returns nothing if the module is not loaded.
+// the host. Returns empty findings if the module is not loaded.
 findings examine(node& node, scope scope)
 {
     findings findings;
@@ -147,7 +148,8 @@ findings examine(node& node, scope scope)
 
 // ---- checks at the end of a run ----
 
-// Brings all links up and waits until the tasks of all acts have ended.
+// Brings all links up. If a fault may have made a port query fail, also moves the SM. Waits until the tasks of all acts
+// have ended, and reports a violation if one does not end in time.
 void end_faults(tested_fabric& fabric)
 {
     const bool queries_may_have_failed =
@@ -173,7 +175,7 @@ void bring_hosts_up(tested_fabric& fabric)
     uint64_t longest_period = 0;
     for (node& each : fabric.nodes) {
         each.machine().enter("insmod", [&] {
-            // If ats could not list the HCAs when it was loaded, it serves none. Then it must be loaded again.
+            // If ats could not list the HCAs when it was loaded, it serves none. Then ats must be loaded again.
             if (each.may_be_misread && each.read_control() == console::json::array()) each.unload("ats");
             if (!each.is_live() && (fabric.plan.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})
@@ -201,7 +203,8 @@ hca_of_node owner_of(tested_fabric& fabric, const std::string& gid)
 }
 
 // Compares the SA's records with the expected ones. With `to_forget`, excused flaws are allowed, and the GIDs of wrong
-// or left-over records are appended to it. If `to_forget` is null, no flaw is allowed.
+// or left-over records are appended to it. If `to_forget` is null, no flaw is allowed. In both cases, a record of an
+// HCA with a port that is cut off may be left over.
 void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
 {
     std::vector<std::string> true_gids;
@@ -257,16 +260,17 @@ ibat_stat_t status_of(const question& question)
     return question.return_status == ibat_stat_pending ? question.status : question.return_status;
 }
 
-// Returns true if the answer contains an address or a GID. An answer contains neither if a fault made the SA answer a
-// request with status 0.
+// Returns true if the answer contains an address or a GID. An answer with status 0 contains neither if the fault
+// fault_switches::answer_with() made the SA send it: the SA has not served the request.
 bool has_answer(const question& question)
 {
     if (status_of(question) != ibat_stat_ok) return false;
     return question.is_by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
-// Makes every live host look up some of the SA's records, by GID and by address. If two HCAs share an address, the
-// lookup of the address may return either GID; then the GID is not compared.
+// Flushes the cache of every live host that is not cut off, and makes the host look up some of the SA's records by
+// address and by GID, and the paths to their GIDs if the plan has paths. If two HCAs share an address, its lookup may
+// return either GID; then the result of this lookup is not checked.
 void compare_lookups(tested_fabric& fabric)
 {
     std::mt19937_64 dice(fabric.plan.seed);
@@ -306,7 +310,8 @@ void compare_lookups(tested_fabric& fabric)
     }
 }
 
-// Unloads all modules. Afterwards no memory, datagram pool or record may be left.
+// Unloads all modules. Afterwards no memory, datagram pool or record may be left, except records of HCAs with a port
+// that is cut off.
 void shut_down(tested_fabric& fabric)
 {
     for (node& each : fabric.nodes) {
@@ -326,7 +331,8 @@ void shut_down(tested_fabric& fabric)
     }
 }
 
-// Checks that every question has the right number of answers. Counts the answers as effects of the acts that asked.
+// Checks that every question that is still open was answered, and that no question that was settled at once was
+// answered again. Counts the answers as effects of the acts that asked.
 void settle_questions(tested_fabric& fabric)
 {
     for (node& node : fabric.nodes)

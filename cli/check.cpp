@@ -81,7 +81,8 @@ void check_service_records(findings& findings, umad::sa_client& sa)
         findings.add_ok("ServiceRecords", "supported; this port has a record");
 }
 
-// Checks that the SA answers. Asks for its ClassPortInfo (IBA 13.4.8.1), which every SA must support.
+// Checks that the SA answers, by a question for its ClassPortInfo (IBA 13.4.8.1), which every SA must support. If the
+// SA answers, also checks that it supports ServiceRecords.
 void check_sa(findings& findings, const std::string& hca, int port)
 {
     constexpr uint16_t class_port_info = 0x0001;
@@ -97,7 +98,7 @@ void check_sa(findings& findings, const std::string& hca, int port)
     check_service_records(findings, sa);
 }
 
-// Checks all ports. Checks the SA through the first active port.
+// Checks libibumad and all ports. Checks the SA through the first port that is active and that this user may use.
 void check_fabric(findings& findings)
 {
     const auto hcas = umad::list_hcas();
@@ -145,8 +146,8 @@ struct check_options {
     bool as_json = false;
 };
 
-// Makes all checks and prints the findings. Returns the exit code. Without a configuration, checks if the machine can
-// run one host on its real ports.
+// Makes all checks and prints the findings. Returns the exit code. Without a configuration, checks whether the machine
+// can run one host on its real ports. If the configuration has an error, omits the checks that depend on it.
 int run_check(const check_options& options)
 {
     findings findings;

@@ -17,14 +17,14 @@ namespace client
 namespace
 {
 
-// Frees the memory of an empty buffer, if it is large.
+// Frees the memory of an empty buffer, if the memory is large.
 void shrink(std::string& buffer)
 {
     constexpr size_t usual_size = size_t{1} << 18;
     if (buffer.capacity() > usual_size) std::string().swap(buffer);
 }
 
-// Converts an error number of socket(2) or connect(2).
+// Returns what an error number of socket(2) or connect(2) means for the attempt to connect.
 connection::attempt attempt_of(int number)
 {
     switch (number) {

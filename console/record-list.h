@@ -1,6 +1,7 @@
-// Lists the records of this service at the SA of a real fabric. It first sends a SubnAdmGetTable. Under ibsim, only the
-// first segment of a long answer arrives. The records are then searched with SubnAdmGets. The answer to a SubnAdmGet
-// tells if zero, one or several records match, so the search can go through the addresses octet by octet.
+// Lists the records of this service at the SA of a real fabric. list_records() first sends a SubnAdmGetTable. Under
+// ibsim, only the first segment of a long answer arrives. Then list_records() searches the records with SubnAdmGets.
+// The answer to a SubnAdmGet tells whether zero, one or several records match, so the search can go through the
+// addresses octet by octet.
 #pragma once
 
 #include <optional>
@@ -13,7 +14,8 @@
 namespace console
 {
 
-// Selects records. A record must be equal in every field that has a value here. Without any value, all are selected.
+// Selects the records that are equal to the filter in every field to which the filter gives a value. A filter without
+// any value selects all records.
 struct record_filter {
     std::optional<uint32_t> address = {}; // network order
     std::optional<fabric::gid_bytes> gid = {};

@@ -62,7 +62,7 @@ std::string replace_first(const std::string& text, const std::string& words, con
     return text.substr(0, place) + replacement + text.substr(place + words.size());
 }
 
-// Replaces CLI11's message about options that contradict each other or lack a value.
+// Returns CLI11's message about options, in plainer words for the kinds of errors below.
 std::string complaint_about_options(const CLI::ParseError& error)
 {
     const std::string text = error.what();
@@ -140,7 +140,7 @@ std::string complaint_about(const CLI::App& program, const CLI::ParseError& erro
     }
     const std::vector<std::string> unknown_words = command->remaining();
     const bool needs_subcommand = command->get_require_subcommand_min() > 0;
-    // The name of an ExtrasError may be the name of a command, so its type decides.
+    // get_name() of an ExtrasError may return the name of a command, so the type of `error` decides.
     const bool is_about_words = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
     std::string complaint;
     if (!unknown_words.empty() && (is_about_words || needs_subcommand))

@@ -19,7 +19,7 @@ struct window {
 struct cut_options {
     std::optional<window> selection = {}; // the window to show; without it, the largest window within byte_limit
     bool keeps_end = false;      // true: this largest window is at the end of the recording; false: at its beginning
-    size_t byte_limit = 4 << 20; // for the details (see cut()) of a window without `selection`
+    size_t byte_limit = 4 << 20; // limits the removable lines (see cut()) in this largest window
 };
 
 struct cut_recording {
@@ -28,8 +28,8 @@ struct cut_recording {
 };
 
 // Removes datagrams, handled events, log lines and tables outside of the window. All other events stay, because the
-// states at the beginning of the window result from them. Fails (invalid) if the text is not a recording of this
-// version; the error names the line.
+// states at the beginning of the window result from them. Ignores an incomplete last line, because the run may have
+// been killed. Fails (invalid) if the text is not a recording of this version; the error names the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

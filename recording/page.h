@@ -14,7 +14,8 @@ namespace recording
 // recording, or one from cut(). The error tells why the file cannot be written.
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);
 
-// Adds the window of a recording that was cut to `about`, so that the page can show it. Does nothing without a window.
+// Adds `shown_window` to `about`: the window to which a recording was cut. The page then shows this window. Does
+// nothing without a window.
 void add_window(nlohmann::ordered_json& about, const std::optional<window>& shown_window);
 
 // Returns the whole text of a file that is open for reading and writing. Moves the position of `file` to its end.

@@ -1,6 +1,6 @@
 // Measures hosts that use libibumad, on an ibsim fabric with OpenSM. Measures the lookups of a whole host, and compares
 // them with bare-lookups, with lookups of client processes, and with saquery. Also measures the time until records are
-// registered.
+// registered. Prints the figures. Without ibsim and OpenSM, prints what is missing and exits with 0.
 //   fabric-bench [LOOKUPS]
 #include <algorithm>
 #include <cstdio>
@@ -18,7 +18,7 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int window = 16, large_window = 64;
-constexpr int rounds = 9; // each figure is the median of this many rounds
+constexpr int rounds = 9; // number of rounds whose median is printed
 constexpr int hosts = most_programs - 3;
 constexpr int first_target = 101; // the lookups ask for 10.0.0.101 and the following addresses
 const std::string asker = "asker", sm_node = "sm";
@@ -50,14 +50,14 @@ std::string spread(const std::vector<double>& figures)
 
 struct speed {
     double rate = 0;         // lookups per second
-    double processor_us = 0; // of each lookup; 0 if the program does not print it
+    double processor_us = 0; // processor time of one lookup; 0 if the program does not print it
 };
 
 constexpr int fabric_processor = 0, asker_processor = 1;
 
-// Programs that are started while this object exists run only on `processor`. The fabric and the asker get one
-// processor each, so they do not take processor time from each other. Does nothing if the machine has no such
-// processor.
+// Programs that are started while this object exists run only on `processor`. For measure_lookups(), the fabric and the
+// asker get one processor each, so they do not take processor time from each other. Does nothing if the machine has no
+// such processor.
 class processor_pin
 {
   public:
@@ -148,8 +148,8 @@ class bench
         return command;
     }
 
-    // Starts a service on the asker's node, and one client process for each target, which asks the service. Returns the
-    // rate of all clients together.
+    // Starts a service on the asker's node, and client processes that ask the service, one process for each target.
+    // Returns the lookups per second of all clients together.
     double rate_of_clients()
     {
         const std::string socket = "/tmp/ats-fabric-bench-" + std::to_string(getpid()) + ".sock";
@@ -161,7 +161,8 @@ class bench
         return rate;
     }
 
-    // Measures ats-lookups and bare-lookups. The two alternate, so that other load on the machine affects both equally.
+    // Measures the programs ats-lookups and bare-lookups, and prints the figures. The two programs alternate, so that
+    // other load on the machine affects both equally.
     void measure_lookups(const char* name, int in_flight, bool asks_for_paths)
     {
         std::vector<std::string> ats = {ATS_LOOKUPS, address_of(1), lookups_};

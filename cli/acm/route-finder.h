@@ -1,5 +1,5 @@
 // Finds the paths for which programs ask the door (cli/acm/door.h). It uses the lookups of the server, so the limits
-// and turns of the client socket also hold for these programs. Call it in the thread of the server's loop only.
+// and turns of the client socket also hold for these programs. Make all calls in the thread of the server's loop.
 #pragma once
 
 #include <functional>
@@ -23,9 +23,9 @@ class route_finder
 
     route_finder(cli::server& server, cli::running_hosts& hosts) : server_(server), hosts_(hosts) {}
 
-    // Looks for a path and calls `done` with the result: before it returns, or later in any thread. `place` is the
-    // user and the connection that ask. forget(place) drops the question; `done` is then called only if the question
-    // was already sent to the SA.
+    // Looks for a path and calls `done` with the result: before it returns, or later in any thread. `place` is the user
+    // and the connection that ask. forget(place) drops the question as long as it is in a queue; `done` is then not
+    // called.
     void find(const resolve_request& request, const cli::queue_place& place, const completion& done);
 
     // Drops the questions of a connection that are still in a queue.

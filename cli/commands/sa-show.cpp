@@ -50,7 +50,7 @@ ats::result<console::record_filter> filter_of(const show_options& options)
     return filter;
 }
 
-// Returns the end of an error message. If no port is active, it names the command that explains why.
+// Returns the end of an error message: if no port is active, a hint at the command that explains why; otherwise "".
 std::string check_hint(const ats::error& error)
 {
     return error.kind == ats::error_kind::not_found ? "; 'ats check' says more" : "";
@@ -70,7 +70,8 @@ ats::result<json> ask_real_sa(const show_options& options, const console::record
     return json{{"records", records}, {"remarks", list->remarks}, {"silent", false}, {"status", nullptr}};
 }
 
-// Removes the records that the filter excludes from an answer of the service, which always has all records of its SA.
+// Removes from `answer` the records that the filter excludes. An answer of the service always has all records of its
+// SA.
 void select(json& answer, const console::record_filter& filter)
 {
     const auto is_excluded = [&](const json& record) {

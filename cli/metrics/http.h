@@ -14,13 +14,13 @@ class http
 {
   public:
     http();
-    ~http(); // stops serving; waits until an answer in progress is sent
+    ~http(); // stops serving; waits for a running call of `text`
     http(const http&) = delete;
     http& operator=(const http&) = delete;
 
     // Starts a thread that answers `GET /metrics` on `address`, for example "127.0.0.1:9783". The thread calls `text`
-    // for each answer. Fails if another program uses the port, if this user may not use it, or if this build lacks
-    // libmicrohttpd.
+    // for each answer. Fails if the address is wrong, if another program uses the port, if this user may not use the
+    // port, or if this build lacks libmicrohttpd.
     ats::result<> open(const std::string& address, std::function<std::string()> text);
 
     bool is_open() const { return state_ != nullptr; }

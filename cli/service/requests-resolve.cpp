@@ -40,8 +40,9 @@ bool agree(const resolution& one, const resolution& other)
 }
 
 // Compares the cache's answer with the SA's answer, and adds the result to `answer`. At the call, `answer` describes
-// `cache_answer`. If the two differ, it describes `sa_answer` afterwards, and "cached" is the cached value.
-// `is_corrected` means that the cache has dropped its wrong value.
+// `cache_answer`. If the SA's answer differs, `answer` afterwards describes `sa_answer`, and its member "cached" is the
+// cached value. If the SA has not answered, `answer` gets the reason. `is_corrected` means that the cache has dropped
+// its wrong value.
 void compare(const resolution& cache_answer, const resolution& sa_answer, bool is_by_gid, bool is_corrected,
              json& answer)
 {
@@ -60,7 +61,7 @@ void compare(const resolution& cache_answer, const resolution& sa_answer, bool i
 
 // Asks the SA about a GID that is in the cache. UCM's provider searches the cache first, so it finds the GID there and
 // does not ask the SA. This function therefore asks the SA about the cached address. If the SA names another GID, the
-// cache drops its entry. A lookup of the GID then reaches the SA.
+// cache drops the wrong entry. A second lookup of the GID then reaches the SA.
 resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answer)
 {
     resolution by_address = world::resolve_address(machine, cache_answer.ip, lookup_mode::sa_only);

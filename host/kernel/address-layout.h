@@ -40,7 +40,7 @@ class address_layout
     uint64_t nominal(const void* pointer);
 
     // add_image() and add_object() give memory a nominal address of its own. remove_image() and remove() take this
-    // address back. Call them before the memory is freed. Any thread.
+    // address back; call them before the memory is freed. Any thread.
     void add_image(const std::vector<image_part>& parts);
     void remove_image(const std::vector<image_part>& parts);
     void add_object(const void* begin, size_t bytes);

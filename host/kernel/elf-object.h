@@ -77,7 +77,7 @@ class elf_object
         return value_in<value_t>(bytes_at(address));
     }
 
-    // Returns the text at this offset of the string table.
+    // Returns the text at this offset of the string table. Empty if the file has no such text.
     std::string_view text(uint64_t offset) const;
 
     const char* const mapping_;

@@ -199,7 +199,8 @@ struct argument_list {
     }
 };
 
-// Reads flags, width, precision and size at `*format` and moves `*format` behind them.
+// Reads flags, width, precision and size at `*format` and moves `*format` behind them. Each '*' takes its number from
+// `arguments`.
 conversion take_conversion(const char** format, argument_list& arguments)
 {
     conversion form;

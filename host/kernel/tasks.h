@@ -1,4 +1,4 @@
-// Makes the names of host/exec available in namespace kernel.
+// Makes some names of host/exec available in namespace kernel.
 #pragma once
 
 #include "host/exec/executor.h"

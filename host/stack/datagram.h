@@ -57,7 +57,7 @@ class datagram_record
         if (!exec::compare_exchange(state_, state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
     }
 
-    // Only the GSI layer calls it, while the GSI layer owns the datagram.
+    // Only the GSI layer calls set_state(), and only while it owns the datagram.
     void set_state(datagram_state new_state) { state_.store(new_state, std::memory_order_release); }
 
     // Adds a step to the history. The history keeps the last four steps. `tick` is in ms.

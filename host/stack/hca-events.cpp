@@ -139,8 +139,9 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
 }
 
 // Queues a change of the fabric for one subscriber. A host registers again after a link-down and a link-up. Therefore
-// the change `reregister` becomes these two events. With a spread, both wait until the same tick. Until that tick the
-// host keeps its port; an SM change tells it the new LID of the SM at once.
+// the change `reregister` becomes these two events. With a spread (see link_up_spread), both events wait until the same
+// random tick. Until that tick the host keeps its port; an SM change tells the host the new LID of the SM at once. Each
+// link change replaces the link changes of the port that still wait for their tick.
 void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, uint16_t sm_lid)
 {
     if (change == port_change::sm_change) return queue({handle, port, change, sm_lid, change});

@@ -1,5 +1,6 @@
-// Before a host registers, the service searches the SA for records of its address under other GIDs. After the host has
-// left, the service deletes those of its records that are still there. Tests these two calls.
+// Before a host registers, the service searches the SA for records of the host's address under other GIDs
+// (cli::other_holder). After the host has left, the service deletes the host's records that the SA still has
+// (cli::delete_leftovers).
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -26,7 +27,8 @@ struct host_records : testing::Test {
                " that the host has left at the SA";
     }
 
-    // Gives these records, and no others, to the SA. Runs `call` while `fault` is in effect, and returns its result.
+    // Gives these records, and no others, to the SA. Runs `call` while `fault`, which may be null, is in effect.
+    // Returns the result of `call`.
     template <class call_t>
     auto with(const std::vector<test::record_t>& records, const std::function<void(embedded::fault_switches&)>& fault,
               const call_t& call)

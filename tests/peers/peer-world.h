@@ -39,8 +39,8 @@ class peer_world
         return host.modules.rmmod(module_);
     }
 
-    // A function that the module has published. The test may call it only while the module is loaded, because
-    // published() keeps no reference.
+    // Returns a function that the module has published, or ends the process if there is none. The test may call the
+    // function only while the module is loaded, because published() keeps no reference.
     template <class function_t>
     function_t published(const char* name)
     {

@@ -18,7 +18,8 @@ using namespace chaos;
 
 constexpr int exit_failed = 1, exit_usage = 2, exit_interrupted = 130;
 constexpr int most_hosts = fabric_tools::most_programs - 3; // two SMs and one tool also need a place in ibsim
-constexpr int rounds_per_minute = 20;                       // without --rounds; more than fit into a minute
+// Without --rounds, the plan has this many rounds for each minute. A minute is too short for so many.
+constexpr int rounds_per_minute = 20;
 constexpr const char* usage =
     "usage: ats-chaos [--seed N] [--minutes M] [--rounds N] [--plan] [--folder DIR] [--modules DIR]\n"
     "  --seed N      the seed of the plan (default: a random one)\n"

@@ -11,7 +11,7 @@ namespace
 
 constexpr int least_priority = 0, middle_priority = 8, most_priority = 15;
 
-// Returns the position after the start of the last such line, or 0 if there is none.
+// Returns 1 plus the position at which `line` occurs last in `text`, or 0 if it does not occur.
 size_t last_place(const std::string& text, const std::string& line)
 {
     const size_t place = text.rfind(line);

@@ -38,15 +38,15 @@ struct command {
     std::vector<std::string> environment = {}; // NAME=value; added to the parent's environment
     std::string directory = ".";
     std::string output;      // the file for stdout; no other process may write to it
-    std::string errors = {}; // the file for stderr; "" means that of stdout
+    std::string errors = {}; // the file for stderr; "" means the file for stdout
     std::optional<process_limit> limit = {};
 };
 
 class process
 {
   public:
-    // Starts the command. Throws std::system_error if no process can be created. A program that does not exist ends
-    // with exit code 127.
+    // Starts the command. Throws std::system_error if no process can be created. If the program does not exist or
+    // cannot be started as described, the process ends with exit code 127.
     explicit process(const command& command);
 
     // Kills the process if it still runs.
@@ -60,8 +60,8 @@ class process
     // Writes to the stdin of the process. Does nothing if the process has ended.
     void write_line(const std::string& line);
 
-    // Waits for a line of the output that contains `text`. The search begins after the last line that an earlier call
-    // found. Returns the line. Returns nothing after the time limit, or if the process has ended without such a line.
+    // Waits for a line of the output that contains `text`. Searches only lines that no earlier call has searched.
+    // Returns the line. Returns nothing after the time limit, or if the process has ended without such a line.
     std::optional<std::string> wait_line(const std::string& text, duration longest = 10s);
 
     // Returns the whole output so far.

@@ -18,11 +18,12 @@ bool parse_gid(const char* text, wire_gid_t& gid);
 class sa_client
 {
   public:
-    // Opens the first active port. Calls fail() if there is none.
+    // Opens the first active port. Calls fail() if there is none, or if it cannot be used.
     sa_client();
 
-    // Sends the request with a new TransactionID, and returns the SA's answer. Repeats the request after a second
-    // without an answer. Returns nothing after five requests without an answer.
+    // Sends the request with a new TransactionID, and returns the SA's answer. Waits a second for the answer; another
+    // datagram ends this wait. Sends the request up to five times in all, then returns nothing. Calls fail() if the
+    // request cannot be sent.
     std::optional<sa_mad_v2_t> ask(sa_mad_v2_t request);
 
   private:

@@ -65,7 +65,7 @@ class port_watch
     static constexpr int most_tries = 20;
     static constexpr int most_first_tries = 3;
 
-    // One look in so many is whole, because P_Keys and GIDs can change without a change of PortInfo. The other looks
+    // One look of this many is whole, because P_Keys and GIDs can change without a change of PortInfo. The other looks
     // are brief.
     static constexpr int whole_look_period = 10;
 

@@ -131,7 +131,7 @@ bool cache::is_live(const cache_entry* entry) const
     return entry == own_entry_ || age_of(entry) < lifetime_of(entry);
 }
 
-// Returns true if the own mapping has this GID or this port.
+// Returns true if the own mapping has this GID or this port. The port number 0 means an unknown port.
 bool cache::own_entry_has(const kq_gid_t& gid, uint32_t local_port_num) const
 {
     assert(own_entry_);
@@ -139,7 +139,7 @@ bool cache::own_entry_has(const kq_gid_t& gid, uint32_t local_port_num) const
 }
 
 // Stores a new entry, which is a negative one if `gid` is zero. Drops the entries that contradict it. Returns null if
-// there is no memory.
+// allocate() finds no memory.
 cache_entry* cache::store(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num)
 {
     cache_entry* entry = entries_by_address_.find(address);
