@@ -1,5 +1,5 @@
-// `ats check`: reports if this machine can run a host on its real ports. Lists the missing things, and tells the user
-// how to get them.
+// `ats check`: reports whether this machine can run a host on its real ports. Lists the missing things, and tells the
+// user how to get them.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -49,8 +49,8 @@ std::vector<std::string> with_options_for_words(std::vector<std::string> words)
     return words;
 }
 
-// Parses the words. CLI11 then runs the command, which stores its result in `outcome`. Returns `outcome`, or the error
-// in the command line.
+// Parses the words. CLI11 then runs the command, which stores its result in `outcome`. Returns `outcome`, the error in
+// the command line, or the error of an exception that the command has thrown.
 ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words, const ats::result<int>& outcome)
 {
     using ats::error_kind;
@@ -71,8 +71,8 @@ ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words
     }
 }
 
-// Returns the exit code, or exit_failed if the output could not be written completely, for example because the disk is
-// full.
+// Returns `exit_code`. If the output could not be written completely, for example because the disk is full, prints an
+// error and returns exit_failed instead of exit_ok.
 int exit_code_after_output(int exit_code)
 {
     const bool is_whole = std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;

@@ -89,11 +89,11 @@ class address_search
     umad::sa_client& sa_;
     record_list list_;
     bool has_unanswered_request_ = false;
-    std::optional<std::vector<fabric::gid_bytes>> gids_; // of all ports of the fabric; set by learn_gids()
+    std::optional<std::vector<fabric::gid_bytes>> gids_; // of the ports of the fabric; set by learn_gids()
 };
 
 // Sends a SubnAdmGet for each selection. Adds a record to the list if it is the only match. Adds the selection to
-// `ambiguous` if several records match it.
+// `ambiguous` if several records match it. Sets has_unanswered_request_ if a request has no answer or was refused.
 ats::result<> address_search::sort_answers(const std::vector<record_selection>& selections,
                                            std::vector<record_selection>& ambiguous)
 {
@@ -134,8 +134,9 @@ ats::result<record_list> address_search::run(const record_selection& start, size
     return std::move(list_);
 }
 
-// Finds the records of one address, which `ambiguous` selects. Asks for the record of each GID of the fabric. The GID
-// of a port that has left the fabric is unknown, so its record is found only in the first segment of the SA's table.
+// Finds the records that `ambiguous` selects. All of them have the same address. Asks for the record of each GID of the
+// fabric. The GID of a port that has left the fabric is unknown, so the record of such a port is found only in the
+// first segment of the SA's table.
 ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
 {
     const auto table = sa_.ask_table(ambiguous.request(MAD_METHOD_GET_TABLE));
@@ -157,7 +158,7 @@ ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
     return sorted;
 }
 
-// Learns the GIDs of all ports from their NodeRecords (IBA 15.2.5.2). Asks for the records of consecutive LIDs, in
+// Learns the GIDs of the ports from their NodeRecords (IBA 15.2.5.2). Asks for the records of consecutive LIDs, in
 // batches. Stops after the first batch without a record.
 ats::result<> address_search::learn_gids()
 {

@@ -12,7 +12,7 @@ namespace
 
 constexpr uint8_t flag_port = 1;        // the destination is the second port
 constexpr uint8_t flag_sa_response = 2; // becomes a response of the SA's class; GSI drops most other datagrams at once
-constexpr uint8_t flag_ask_before = 4;  // first, a user of UCM asks for the GID in the datagram
+constexpr uint8_t flag_ask_before = 4;  // first, a user of UCM asks for the address of the GID in the datagram
 
 void check_answer(ibat_stat_t, ibat_arp_data_t* record, void*)
 {

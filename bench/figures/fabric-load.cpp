@@ -20,7 +20,7 @@ constexpr uint64_t ticks_per_second = 1000;
 struct load_settings {
     std::map<std::string, double> values = {
         {"period", 60},      // seconds between two checks of a host's record
-        {"skew", 1},         // percent of the period: the longest random delay that is added to it
+        {"skew", 1},         // percent of the period: the longest random delay that is added to the period
         {"spread", 0},       // seconds: a link-up reaches the modules after a random part of this time
         {"start-spread", 0}, // seconds: the modules of a host start after a random part of this time
         {"queue", 65536},    // the length of the SA's queue, in requests
@@ -124,7 +124,8 @@ class fabric_under_load
 
     uint64_t now_second() { return world_.sim->now() / ticks_per_second; }
 
-    // Starts all hosts. Each host starts at a random time within the start spread.
+    // Starts all hosts. Each host starts at a random time within the start spread. Then observes the scenario
+    // "power-on".
     ats::result<> power_on()
     {
         restart_queue();
@@ -215,7 +216,7 @@ class fabric_under_load
         }
     }
 
-    // Makes a random host ask the SA for the address of a random host.
+    // Makes a random host ask the SA for the GID of a random host's address.
     void start_probe()
     {
         kernel::machine& asker = world_.hosts[dice_() % world_.hosts.size()]->machine();
@@ -239,7 +240,8 @@ class fabric_under_load
     void print(const std::string& name, uint64_t begin, uint64_t seconds)
     {
         counter_.by_second.resize(std::max<size_t>(counter_.by_second.size(), begin + seconds));
-        // The second after which the SA has all records, and the second from which on all lookups succeed.
+        // The number of seconds after which the SA has all records until the end of the scenario, and the second
+        // from which on all lookups succeed.
         uint64_t registration_seconds = 0, success_begin = begin;
         for (uint64_t moment = begin; moment < begin + seconds; ++moment)
             if (records_[moment] < world_.hosts.size()) registration_seconds = moment + 1 - begin;

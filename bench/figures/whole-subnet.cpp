@@ -16,7 +16,7 @@ namespace
 constexpr size_t few_hosts = 10;
 
 // The limits apply to the largest subnet, which has 48000 hosts, on two cores and without a changed system setting.
-constexpr double seconds_limit = 60; // to bring all hosts up; the same again to unload them
+constexpr double seconds_limit = 60; // processor time to bring all hosts up; the same again to unload them
 constexpr double kib_per_host_limit = 100;
 // The limit of two ratios: of the last hosts' start to the first hosts' start, and of a lookup in the largest subnet to
 // a lookup in a subnet of ten hosts.
@@ -35,7 +35,7 @@ double mappings_limit()
 }
 
 // Returns the processor time of a lookup at the SA, in microseconds. `askers` hosts from all over the subnet ask in
-// turn, each for the address of another host.
+// turn, each for the GID of a host's address.
 double lookup_microseconds(bench_world& world, size_t askers)
 {
     constexpr size_t rounds = 20'000;

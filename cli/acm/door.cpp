@@ -102,7 +102,8 @@ void door::accept_all()
     if (errno != EAGAIN) pause_accepting();
 }
 
-// Stops accepting for a short time, because no descriptor is left for accept(). The programs wait meanwhile.
+// Stops accepting for a short time, because accept() has failed, for example because no descriptor is left. The
+// programs wait meanwhile.
 void door::pause_accepting()
 {
     constexpr uint64_t pause_ms = 100;

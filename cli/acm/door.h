@@ -85,8 +85,8 @@ class door final : public connection::owner
     uint64_t last_store_number_ = 0;
     bool is_closing_ = false;
     std::promise<void> close_promise_;
-    // An answer can come after the door has closed. Its callback has a weak pointer to this object, and does nothing if
-    // the object is gone.
+    // An answer can come after the door has closed. Its callback has a weak pointer to the object of life_, and does
+    // nothing if that object is gone.
     std::shared_ptr<bool> life_ = std::make_shared<bool>();
 };
 

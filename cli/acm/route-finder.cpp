@@ -123,7 +123,7 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
     if (const uint32_t* ip = std::get_if<uint32_t>(&request.destination)) return find_path(question, *ip);
     const kq_gid_t gid = from_wire(request.path->dgid);
     if (gid == kq_gid_t{})
-        return done({}); // the answer "no data": a path can be found by its GID, but not by a LID alone
+        return done({}); // the answer "no data": a path can be found by the destination's GID, but not by a LID alone
     find_path(question, gid);
 }
 

@@ -11,7 +11,8 @@ namespace
 
 constexpr const char* type_words[] = {"gauge", "counter", "histogram"};
 
-// Makes a text valid as the value of a label: UTF-8, with escaped backslashes, quotation marks and line ends.
+// Makes a text valid as the value of a label: UTF-8 without control characters (see printable.h), with escaped
+// backslashes and quotation marks.
 std::string escaped(const std::string& text)
 {
     std::string result;

@@ -31,8 +31,8 @@ class log_followers
     // later lines. A connection reads at most one log: call end() for the earlier one first.
     void begin(conversation& source, const return_ticket& ticket, kernel::log& log, int level, bool is_followed);
 
-    // Sends lines until the connection is congested or the log has no more lines. Does nothing if the connection reads
-    // no log.
+    // Sends lines until the connection is congested or the log has no more lines. Ends the answer after the last line
+    // of a log that is not followed. Does nothing if the connection reads no log.
     void pump(conversation& source);
 
     // Sends the end of the answer. Does nothing if the connection reads no log.

@@ -1,6 +1,6 @@
 // A few threads that execute slow requests: orders, the status, verifications. The users take turns. The jobs of one
-// user use at most half of the threads. If all of these threads wait for an SA that does not answer, the jobs of other
-// users still run.
+// user use at most half of the threads (but at least one). If all of these threads wait for an SA that does not answer,
+// the jobs of other users still run.
 #pragma once
 
 #include <chrono>
@@ -29,7 +29,7 @@ class workers
     // Waits for the running jobs. Jobs in the queue are not run any more.
     void stop();
 
-    // Returns the time at which the running job that began first has begun, or nothing if no job runs. Any thread.
+    // Returns the time at which the oldest running job has begun, or nothing if no job runs. Any thread.
     std::optional<std::chrono::steady_clock::time_point> oldest_start();
 
     // Adds a job of the user and connection `place` to the queue. Any thread.

@@ -148,7 +148,7 @@ json report_of(const hca_state& hca, uint64_t now_ticks)
 }
 
 // Asks the SA for the owner of the address in an unconfirmed record. The host's stack also notes the answer and may
-// then count the record as confirmed. Fails if the SA names another owner, or none.
+// then count the record as confirmed. Fails if the SA names another owner, or none. Succeeds if the SA does not answer.
 ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration& registration)
 {
     const records::host_record record = records::decode(registration.record);
@@ -160,8 +160,8 @@ ats::result<> ask_for_owner(kernel::machine& machine, const stack::registration&
     return {};
 }
 
-// Tells if the SA has confirmed the change that an order made. `hca` must have a link. Returns true if the SA has the
-// new record. Returns false if the SA has not answered yet. Otherwise the error gives the reason.
+// Tells whether the SA has confirmed the change that an order made. `hca` must have a link. Returns true if the SA has
+// the new record. Returns false if the SA has not answered yet. Otherwise the error gives the reason.
 ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_before,
                                const confirmation::is_new_record_t& is_new_record)
 {

@@ -1,5 +1,5 @@
-// Reports if the SA has a host's record. The reports result from the requests and answers that pass through the host's
-// stack; see stack::registrations.
+// Reports whether the SA has a host's record. The reports result from the requests and answers that pass through the
+// host's stack; see stack::registrations.
 #pragma once
 
 #include <functional>

@@ -47,8 +47,9 @@ class attachment
     bool is_attached() const { return provider_.send != nullptr; }
     bool accepts_calls() const { return is_attached() && !is_ending_; }
 
-    // Counts a call of the provider's function as running, and returns this function. The caller holds the lock, and
-    // accepts_calls() is true. The caller then releases the lock, calls the provider and calls end_call().
+    // Counts a call of the provider's function as running, and returns this function and its context. The caller holds
+    // the lock, and accepts_calls() is true. The caller then releases the lock, calls the provider and calls
+    // end_call().
     provider_t begin_call()
     {
         assert(is_held(*lock_) && accepts_calls());

@@ -14,8 +14,8 @@ namespace stack
 namespace
 {
 
-// The clients' pools are smaller. Therefore there is room even if the answers to all requests from one pool arrive at
-// the same time. A datagram that was never used needs no memory.
+// The clients' pools are smaller. Therefore the receive pool has room even if the answers to all requests from one pool
+// arrive at the same time. A datagram that was never used needs no memory.
 constexpr size_t receive_pool_size = 256;
 
 // A client that has registered a class gets TransactionIDs that count up. A client that has joined a class gets

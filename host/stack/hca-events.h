@@ -1,5 +1,6 @@
 // Delivers the events of one HCA to its subscribers through a queue. One task calls the callbacks, one at a time. A
-// callback may sleep. The queue is limited for each port: if too many events wait, the oldest one is dropped.
+// callback may sleep. The queue is limited for each port and subscriber: if too many events wait, the oldest one is
+// dropped.
 //
 // When a subnet manager starts, all hosts of a fabric learn of it at once, and would all register in the same second.
 // Therefore a machine can have a spread: each link-up, and each request to register again, then waits for a random time
@@ -36,9 +37,9 @@ class hca_events final : public fabric::listener
 
     fabric::hca& hca() const { return hca_; }
 
-    // Subscribes an open HCA. Returns false if the handle is subscribed already. The callback then gets a link-up for
-    // every port that is active, and later events. If the fabric reports the same link-up at this moment, the callback
-    // gets it only once. May sleep.
+    // Subscribes an open HCA. The callback then gets a link-up for every port that is active, and later all events. If
+    // the fabric reports the same link-up at this moment, the callback gets it only once. Returns false, and changes
+    // nothing, if the handle is subscribed already. May sleep.
     bool subscribe(kq_hca_h_t handle, kq_async_event_fn_t callback);
 
     // Ends a subscription. After the return, its callback does not run. Returns false if the handle is not subscribed

@@ -21,7 +21,7 @@ struct registry_value {
 };
 
 // The program that owns the machine calls set(), get(), remove() and list(), also from outside of the machine. A path
-// starts at the root; leading, trailing and double slashes are ignored. Only set() may sleep.
+// starts at the root; leading, trailing and double slashes are ignored. Of these four, only set() may sleep.
 class registry final : public kernel::service
 {
   public:

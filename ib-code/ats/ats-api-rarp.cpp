@@ -9,9 +9,9 @@
 namespace
 {
 
-// Returns the list of the index in which the requests for this GID are. The list's memory is all zero before the first
-// request is added to it; see queue_request. Therefore a host that makes no requests uses no memory pages for the
-// index. The caller holds `rarp_reqs_lock`.
+// Returns one list of the index `ats_rarp_reqs_by_gid`: the list of the requests for this GID and for GIDs with the
+// same hash. The list's memory is all zero before the first request is added to it; see queue_request. Therefore a host
+// that makes no requests uses no memory pages for the index. The caller holds `rarp_reqs_lock`.
 list_head* bucket_of(ats_context_t* ats, const kq_gid_t& gid)
 {
     constexpr uint64_t spread = 0x9E3779B97F4A7C15u; // Fibonacci hashing
@@ -111,8 +111,8 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
     req->user_cb = user_cb;
     req->user_context = user_context;
     queue_request(ats, req);
-    // The request is in the list before it is sent. Therefore its answer always finds it there. From here on, do not
-    // use `req`: an answer or a time-out may free it.
+    // The request is in the list before it is sent. Therefore the answer always finds the request there. From here on,
+    // do not use `req`: an answer or a time-out may free it.
     return ats_sa_rarp_send(ats, arp_data) == 0 ? ibat_stat_pending : ibat_stat_error;
 }
 

@@ -114,5 +114,6 @@ using ibat_process_arp_data_fn_t = ibat_stat_t (*)(ibat_arp_data_t* arp_data);
 // Otherwise returns ibat_stat_not_found. Does not sleep.
 using ibat_seq_cache_lookup_fn_t = ibat_stat_t (*)(kq_gid_t* gid, ibat_arp_data_t* arp_data);
 
-// The callback that ends a resolution with ibat_stat_pending. The record is valid only during the call.
+// The callback that ends a resolution whose call has returned ibat_stat_pending. The record is valid only during the
+// call.
 using ibat_get_ib_data_reply_fn_t = void (*)(ibat_stat_t status, ibat_arp_data_t* arp_data, void* user_context);

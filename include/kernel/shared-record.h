@@ -22,7 +22,8 @@ class shared_record
         memcpy(words, &record, sizeof record);
         uint32_t even = sequence_.load(std::memory_order_relaxed) & ~1u;
         while (!sequence_.compare_exchange_weak(even, even + 1, std::memory_order_acquire)) even &= ~1u;
-        // If a load() reads one of these words, it then also sees the odd sequence number, and repeats.
+        // If a load() that began earlier reads one of these words, it then also sees the odd sequence number or a later
+        // one, and repeats.
         for (size_t i = 0; i < word_count; ++i) words_[i].store(words[i], std::memory_order_release);
         sequence_.store(even + 2, std::memory_order_release);
     }

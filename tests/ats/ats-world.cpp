@@ -26,8 +26,8 @@ world::host_plan plan_of(const host_setup& setup)
     return plan;
 }
 
-// Replaces pointers by PTR, and shortens the prefix of trace lines. A pointer consists of 16 hexadecimal digits in
-// lower case, and begins with "ffff".
+// Removes the line end, replaces pointers by PTR, and shortens the prefix of trace lines. A pointer consists of 16
+// hexadecimal digits in lower case, and begins with "ffff".
 std::string readable(std::string line)
 {
     static const std::regex pointer("ffff[0-9a-f]{12}(?![0-9a-f])");

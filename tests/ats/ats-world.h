@@ -58,7 +58,8 @@ struct reverse_lookup {
     static void answered(ibat_stat_t status, ibat_arp_data_t* record, void* lookup);
 };
 
-std::ostream& operator<<(std::ostream& stream, const reverse_lookup::answer& answer); // "7 ibat_stat_ok 10.0.0.2"
+// Prints tick, status and address, for example "7 0 10.0.0.2".
+std::ostream& operator<<(std::ostream& stream, const reverse_lookup::answer& answer);
 
 class ats_host
 {

@@ -30,7 +30,8 @@ struct handler_plan {
     ptrdiff_t start = 0;                        // offset of *start in the page
 };
 
-// A read handler. It writes at most `count` bytes of the text, from the offset `off` on, into the page.
+// A read handler. It writes the text from the offset `off` on into the page, at most `count` + `excess_bytes` bytes. If
+// `start` is not 0, it writes nothing, and only returns the length.
 int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
 {
     auto& plan = *static_cast<handler_plan*>(data);

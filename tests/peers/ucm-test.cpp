@@ -30,7 +30,7 @@ struct scripted_provider {
         }
     };
     ibat_stat_t result = ibat_stat_pending;                // returned by send_rarp()
-    unsigned long duration_ticks = 0;                      // send_rarp() sleeps so long
+    unsigned long duration_ticks = 0;                      // how long send_rarp() sleeps
     std::function<void(const owed_callback&)> last_action; // runs before send_rarp() returns
     std::vector<owed_callback> callbacks;
     int call_count = 0; // calls of send_rarp() that have not returned

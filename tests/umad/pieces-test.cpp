@@ -31,19 +31,18 @@ TEST(umad_transactions, are_found_once_by_their_low_half)
     EXPECT_EQ(table.end(foreign_half | 1), std::nullopt);
 }
 
-// The module writes P_Key 0 into a Delete. registered_p_keys::complete() replaces it. Each case is a Delete of the
-// record with GID number 7.
+// The module writes P_Key 0 into a Delete. registered_p_keys::complete() may replace this P_Key. Each case is a Delete
+// of the record with GID number 7.
 TEST(umad_registered_p_keys, complete_the_identifier_in_a_delete)
 {
     using enum umad::delete_p_key;
     const struct {
         const char* name;
         umad::delete_p_key setting;
-        uint16_t set_p_key; // of the Set in this run; 0 if there was none
-        uint16_t p_key_before;
+        uint16_t set_p_key;    // of the Set in this run; 0 if there was none
+        uint16_t p_key_before; // in the Delete, before complete()
         uint16_t p_key_after;
     } cases[] = {
-        // the P_Keys are those of the Delete
         {"registered in this run", automatic, 0x8002, 0, 0x8002},
         {"registered by an earlier run", automatic, 0, 0, 0},
         {"with a P_Key already", automatic, 0x8002, 0x8003, 0x8003},
@@ -105,13 +104,14 @@ TEST(umad_port, reports_the_changes_that_a_host_must_act_on)
                 ElementsAre(reregister));
 }
 
-// The answer of a port to a question about itself. Each of its attributes has a value.
+// The answer of a port to a question about itself. Every attribute that the tests compare has a value.
 fabric::mad_bytes answer_to(const fabric::mad_bytes& question)
 {
     fabric::mad_bytes answer = question;
     answer[3] |= MAD_METHOD_RESPONSE;
-    answer[4] = 0x80;                                      // the direction bit
-    std::fill(answer.begin() + 8, answer.begin() + 12, 9); // the kernel and ibsim replace the high half
+    answer[4] = 0x80; // the direction bit
+    // The kernel and ibsim replace the high half of the TransactionID.
+    std::fill(answer.begin() + 8, answer.begin() + 12, 9);
     uint8_t* attribute = answer.data() + 64;
     const auto put = [&](size_t offset, std::initializer_list<uint8_t> bytes) {
         std::ranges::copy(bytes, attribute + offset);

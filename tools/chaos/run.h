@@ -43,7 +43,8 @@ class run
     // failure at once if an answer is wrong during the faults: a missing answer is allowed, a wrong one is not.
     void carry_out(const round& round);
 
-    // Ends all hosts in order. Throws failure if a record of a host stays at the SA.
+    // Ends all hosts, one after another. Throws failure if not everything is right after a time limit, for example if a
+    // record of a host stays at the SA.
     void end();
 
     const figures& counts() const { return figures_; }

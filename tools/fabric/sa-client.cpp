@@ -38,7 +38,7 @@ sa_client::sa_client()
 {
     umad_port_t port;
     if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
-    umad_release_port(&port); // frees only its P_Keys; the other fields do not change
+    umad_release_port(&port); // frees only the list of P_Keys; the other fields do not change
     sm_lid_ = static_cast<int>(port.sm_lid);
     sm_sl_ = static_cast<int>(port.sm_sl);
     descriptor_ = umad_open_port(port.ca_name, port.portnum);

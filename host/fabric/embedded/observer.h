@@ -1,5 +1,5 @@
-// Sees all events in an embedded subnet: each datagram from its sender to its end, each change of a port, and each
-// change of the SA's records. recording/recorder.h writes the recording of a run from these calls.
+// Sees all events in an embedded subnet: each datagram from its sender to its arrival or loss, each change of a port,
+// and each change of the SA's records. recording/recorder.h writes the recording of a run from these calls.
 #pragma once
 
 #include <cstdint>

@@ -28,8 +28,8 @@ class device_events
 {
   public:
     // Starts a task that passes each event to `take`. The destructor ends the task. Returns null if libibverbs does not
-    // know the HCA, if the HCA cannot be opened, or in a build without libibverbs. Throws a shortage if the task cannot
-    // be created.
+    // know the HCA, if the HCA cannot be opened, or in a build without libibverbs. Throws exec::shortage if the task
+    // cannot be created.
     static std::unique_ptr<device_events> open(exec::executor& exec, const std::string& hca,
                                                std::function<void(const device_event&)> take);
     virtual ~device_events() = default;

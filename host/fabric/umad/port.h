@@ -55,7 +55,7 @@ class port
     // once, before start().
     ats::result<> open();
 
-    // Starts the port's task. Throws a shortage if the task cannot be created.
+    // Starts the port's task. Throws exec::shortage if the task cannot be created.
     void start();
 
     // These functions implement fabric::hca::send and fabric::hca::poll for one port. Any thread.

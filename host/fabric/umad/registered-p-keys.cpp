@@ -21,8 +21,8 @@ bool is_service_record(const mad_hdr_t& header)
 } // namespace
 
 // With `automatic`, even the first try of a Delete gets a P_Key, because a host that stops does not repeat its last
-// Delete. The mask of the Delete omits the P_Key, so an SA that honours the mask ignores it. `automatic` can help only
-// for records that were Set in this run, because only their P_Keys are known.
+// Delete. The mask of the Delete omits the P_Key, so an SA that honours the mask ignores the P_Key. `automatic` can
+// help only for records that were Set in this run, because only their P_Keys are known.
 bool registered_p_keys::complete(sa_mad_v2_t& mad, const fabric::port_attributes& port)
 {
     if (setting_ == delete_p_key::off || !is_service_record(mad.hdr)) return false;

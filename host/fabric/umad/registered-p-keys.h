@@ -20,7 +20,7 @@ class registered_p_keys
     explicit registered_p_keys(delete_p_key setting) : setting_(setting) {}
 
     // Processes a MAD before it is sent. Learns the P_Key of a Set, and may write a P_Key into a Delete. `port` has the
-    // attributes of the sending port. Returns true if a P_Key was written.
+    // attributes of the sending port. Returns true if a P_Key was written. Does nothing with delete_p_key::off.
     bool complete(sa_mad_v2_t& mad, const fabric::port_attributes& port);
 
   private:

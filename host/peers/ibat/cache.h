@@ -46,7 +46,8 @@ class cache
     const cache_entry* find(const kq_gid_t& gid) const;
 
     // Stores an answer: `gid` owns `address`. The new entry replaces earlier entries of this address and of this GID.
-    // Returns false, and stores nothing, if the answer contradicts the own mapping or there is no memory.
+    // Returns false, and stores nothing, if the answer contradicts the own mapping or there is no memory. An answer
+    // that agrees with the own mapping changes nothing.
     bool learn(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
     // Stores the own mapping: the host itself has `address`, and its port has `gid`. If there is an earlier own mapping
@@ -61,7 +62,8 @@ class cache
     // more.
     void release_own();
 
-    // Stores a negative answer: the SA has no record of `address`.
+    // Stores a negative answer: the SA has no record of `address`. Does nothing if this is the address of the own
+    // mapping. If negative answers are not stored, only drops an earlier entry of the address.
     void learn_absence(uint32_t address);
 
     // Drops up to `limit` expired entries. Returns the number of dropped entries.
@@ -79,7 +81,8 @@ class cache
     bool has_ageing_entries() const { return !list_empty(&learned_entries_) || !list_empty(&negative_entries_); }
     int32_t count() const { return count_; }
 
-    // Copies up to `capacity` entries in the order of ibat_cache_list_fn. Returns the number of all entries.
+    // Copies up to `capacity` entries that have not expired, in the order of ibat_cache_list_fn. Returns the number of
+    // all entries that have not expired.
     int32_t list(ibat_cache_entry_t* entries, int32_t capacity) const;
 
   private:
