@@ -108,8 +108,8 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-// The next five functions return the exit code of the program. They return an error if the command line is wrong, or if
-// the system refuses something.
+// The functions below with the type ats::result<int> return the exit code of the program. They return an error if the
+// command line is wrong, or if the system refuses something.
 
 // Shows the complaint of a run that fails, and the command that replays it. If the command line asks for it, also shows
 // the simplest run that fails (--minimise), and draws a picture (--html).
@@ -165,7 +165,7 @@ ats::result<int> replay(const command_line& line)
     return 0;
 }
 
-// What decides the run of a seed of a campaign.
+// Returns the values that decide how a seed of the campaign runs.
 run_choice choice_of(const campaign_result& campaign, uint64_t seed)
 {
     return {.seed = seed, .options = campaign.options, .module_folder = campaign.module_folder, .selection = ""};
@@ -226,7 +226,7 @@ ats::result<int> extend(const command_line& line)
     return *is_good ? 0 : exit_failed;
 }
 
-// Merges the results of shards.
+// Merges the results of shards, and shows the failures and the summary.
 ats::result<int> merge_shards(const command_line& line)
 {
     const ats::result<campaign_result> sum = merge(line.result_paths);

@@ -66,7 +66,7 @@ weights weights_of(const plan_options& options)
     return weights;
 }
 
-// Removes half of the kinds, and makes some of the others up to eight times as frequent. Then a seed may have
+// Removes about half of the kinds, and makes some of the others up to eight times as frequent. Then a seed may have
 // combinations of acts that are rare when all kinds occur. The kinds 0 and 1 only ask questions and do no harm. One of
 // these two always remains, so draw_kind() always finds a kind.
 void draw_swarm(dice& dice, weights& weights)

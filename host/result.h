@@ -17,7 +17,7 @@ enum class error_kind {
     busy,        // still in use
     not_found,   // does not exist
     no_memory,   // no memory left, or no space for an image
-    unreachable, // the service or the SA has not answered
+    unreachable, // the service or the SA cannot be asked or has not answered
 };
 
 struct error {

@@ -23,7 +23,8 @@ enum zr_trace_level_t : int32_t {
 inline constexpr const char* zrlog_levels[] = {"PANIC  ", "ERROR  ", "WARNING", "INFO   ", "DEBUG  ", "FUNC   "};
 
 // The module's own copy of the logger's level. Each module defines this variable and stores its address in
-// kernel_module_t::logger_level. When the logger's level changes, the kernel's loader writes the new level to it.
+// kernel_module_t::logger_level. When the logger's level changes, the kernel's loader writes the new level to this
+// variable.
 extern std::atomic<int32_t> logger_trace_level;
 
 inline bool zr_is_traced(int32_t level, const std::atomic<int32_t>& module_level)

@@ -52,7 +52,7 @@ struct route {
 // Returns the answer to a resolve request.
 message resolve_answer(message_view request, const route& route);
 
-// The counters of the door, in the order of the protocol.
+// The counters of the door (door.h), in the order of the protocol.
 enum counter { errors, resolutions, absences, address_queries, address_hits, path_queries, path_hits, counter_count };
 using counters = std::array<uint64_t, counter_count>;
 

@@ -96,7 +96,7 @@ void lookups::serve_queue()
         entry next = queue_.pop();
         const auto [position, is_new] = sa_questions_.try_emplace(next.question);
         position->second.push_back(std::move(next.done));
-        if (!is_new) continue; // the same question is at the SA already; its answer is for both clients
+        if (!is_new) continue; // the same question is at the SA already; its answer is for this client, too
         ++question_count_;
         question_start_ = std::chrono::steady_clock::now();
         lock.unlock();
@@ -140,7 +140,7 @@ void lookups::finish(const subject& subject, const answer& answer)
         done(answer);
     }
     lock.lock();
-    // Notify while holding the lock: stop() may be waiting, and after it the destructor frees change_.
+    // Notify while holding the lock: stop() may be waiting, and after stop() the destructor destroys change_.
     if (--question_count_ == 0 && is_stopping_) change_.notify_all();
 }
 

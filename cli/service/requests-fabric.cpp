@@ -31,7 +31,7 @@ json show_records(running_hosts& hosts)
             {"status", has_status ? json(console::format_word(faults.sa_status)) : json()}};
 }
 
-// Deletes the records of a GID from the SA. If `gid` is "", deletes all records.
+// Deletes the records of a GID from the SA. If `gid` is "", deletes all records. Fails if there is no record to delete.
 ats::result<json> forget(embedded::subnet& subnet, const std::string& gid)
 {
     size_t count = 0;
@@ -59,7 +59,7 @@ ats::result<uint16_t> status_of(const std::string& word)
                      console::quote(word) + " is not a status word: write a number up to 65535, for example 0x0300");
 }
 
-// Makes the SA answer every request with that status. Status 0 makes it answer normally again.
+// Makes the SA answer every request with the status `word`. Status 0 makes the SA answer normally again.
 ats::result<json> answer_with_status(embedded::subnet& subnet, const std::string& word)
 {
     const ats::result<uint16_t> status = status_of(word);

@@ -40,7 +40,7 @@ struct acm_config {
     bool operator==(const acm_config&) const = default;
 };
 
-// Where the service publishes its metrics, in addition to `ats metrics`; see docs/metrics.md.
+// The places where the service publishes its metrics, in addition to `ats metrics`; see docs/metrics.md.
 struct metrics_config {
     std::string textfile = {}; // the folder of node_exporter's textfile collector, or ""
     std::string listen = {};   // the address and port of an HTTP server, or ""
@@ -48,8 +48,8 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
-// The longest spread. A spread delays the start of the service, and systemd ends a service that has not started after
-// 90 seconds.
+// The maximum of spread_seconds. It delays the start of the service (start-delay.h), and systemd ends a service that
+// has not started after 90 seconds.
 constexpr int longest_spread_seconds = 60;
 
 // How often a host asks the SA for its own record. The time between two checks is the period plus a random time, which
@@ -88,8 +88,8 @@ struct world_config {
     std::vector<std::string> warnings = {}; // one line for each setting that may be a mistake
 };
 
-// Returns a configuration with the hosts node1, node2, ... on an embedded fabric. Their addresses begin with 10.0.0.1.
-// Each has one HCA with one port.
+// Returns a configuration with the hosts node1, node2, ... on an embedded fabric. Their addresses are 10.0.0.1,
+// 10.0.0.2, ... Each host has one HCA with one port.
 world_config numbered_hosts(int count);
 
 // Returns a configuration with one host on the real ports that `ports` selects. If `name` is "", the host gets this
@@ -102,7 +102,8 @@ umad::delete_p_key delete_p_key_of(const std::string& word);
 
 // Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
 // Fails (invalid) for unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out
-// of range. An error is a line "FILE:LINE: what is wrong, and what is valid".
+// of range. Also fails for a file without a host, with more than 1000 hosts, or that cannot be read. An error is a line
+// "FILE:LINE: what is wrong, and what is valid"; it has no LINE if the file cannot be read.
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli

@@ -35,7 +35,7 @@ class gsi final : public kernel::service
     // was not put back.
     ~gsi() override;
 
-    // For reports: the HCAs on which classes can be registered, and the clients' pools.
+    // For reports: the HCAs that adapter() was called for, and the clients' pools.
     std::vector<gsi_adapter_view> adapters() const;
     std::vector<gsi_pool_view> pools() const;
 

@@ -11,7 +11,7 @@ namespace
 
 constexpr size_t longest_ip_text = 18; // an address has at most 15 characters; other text may follow each number
 constexpr int32_t ip_fields = 4;
-constexpr uint32_t refused_field = 0xFFFFFFFF; // an address with a field of this value is refused
+constexpr uint32_t refused_field = 0xFFFFFFFF; // a field with this value in its low 32 bits is refused
 
 constexpr size_t gid_prefix_length = 2; // "0x"
 constexpr size_t longest_gid_text = gid_prefix_length + 2 * sizeof(kq_gid_t);

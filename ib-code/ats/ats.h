@@ -258,7 +258,8 @@ void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // Reads four decimal numbers that are separated by points. Ignores other text after each number. A field without digits
 // is 0, and a number over 255 is cut to its low 8 bits. Returns ibat_stat_ok. Returns ibat_stat_error, without a change
-// of `*ip`, if the text is too long, has fewer than four fields, or has the number 4294967295.
+// of `*ip`, if the text is too long, has fewer than four fields, or has a number whose low 32 bits are all ones, such
+// as 4294967295.
 ibat_stat_t ats_parseipstr(const char* s, uint32_t* ip);
 
 // Reads "0x" and up to 32 hexadecimal digits. May overwrite the "x" of `s`. Returns ibat_stat_ok. Returns

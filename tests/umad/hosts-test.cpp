@@ -88,7 +88,7 @@ struct hosts_on_fabric : testing::Test {
         for (int i = 1; i <= count; ++i) hosts.push_back(std::make_unique<fabric_host>(*net, i, options));
         for (const auto& host : hosts) ASSERT_TRUE(host->wait_serving()) << host->output();
     }
-    // Waits until the SA has `count` records. Fails if it does not reach them in time, or does not answer.
+    // Waits until the SA has `count` records. Fails if the SA does not reach this number in time, or does not answer.
     testing::AssertionResult sa_reaches_count(int count, std::chrono::milliseconds timeout = 30s)
     {
         if (wait_until([&] { return count_records(*net, "sm2") == count; }, timeout))
@@ -99,7 +99,8 @@ struct hosts_on_fabric : testing::Test {
     {
         return wait_until([&] { return host.port().value("state", "") == state; }, 30s);
     }
-    // Asks a host one question. Returns what it has found, or the status. Repeats the question if it times out.
+    // Asks a host one question. Repeats the question if it times out. Returns the address or GID in the answer, or the
+    // status if the answer has neither.
     std::string answer(const fabric_host& host, const std::string& command, const std::string& question)
     {
         json answers;
@@ -177,8 +178,8 @@ TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
     start_hosts(2, {"--acm-socket", "acm"});
     ASSERT_TRUE(sa_reaches_count(2));
     const std::string socket = hosts[0]->folder() + "/acm";
-    // The host learns its own address from the SA's answer to its registration. If this answer is lost, it learns it
-    // from the check of its own record a minute later.
+    // The host learns its own address from the SA's answer to its registration. If this answer is lost, the host learns
+    // its address a minute later, from the check of its own record.
     const auto endpoints = [&] { return net->run("sm2", {"ib_acme", "-S", socket, "-e"}); };
     const auto has_address = [&] { return times_in(endpoints(), ",ats,10.0.0.1,node1") > 0; };
     ASSERT_TRUE(wait_until(has_address, 120s)) << endpoints();
@@ -204,7 +205,7 @@ TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 #endif
 }
 
-// The SM sm1 gives its paths SL 3. The SM sm2, which replaces it at the end, gives them SL 0.
+// The SM sm1 gives its paths SL 3. The SM sm2, which replaces sm1 at the end, gives its paths SL 0.
 TEST_F(hosts_on_fabric, give_programs_the_present_path_and_no_outdated_one)
 {
     const std::string partitions = net->folder() + "/partitions";

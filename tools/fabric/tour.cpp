@@ -1,5 +1,6 @@
 // `make fabric`: runs real hosts on a simulated fabric under OpenSM, and causes the usual events of a fabric. Prints
-// one line for each event, with its effect and its duration. The exit code is 1 if an effect is missing.
+// one line for each event, with its effect and its duration. The exit code is 1 if an effect is missing or wrong, 2 if
+// the tour cannot begin, and 130 after Ctrl-C.
 //   ats-fabric [HOSTS]
 
 #include <csignal>
@@ -42,7 +43,8 @@ class tour
     bool is_good() const { return is_good_; }
 
   private:
-    // Calls `action`, which causes an event. Waits until `condition` returns true: the event has had its effect.
+    // Calls `action`, which causes an event. Waits at most 60 seconds until `condition` returns true: the event has had
+    // its effect.
     template <class action_t>
     void step(const std::string& event, const std::string& effect, const action_t& action,
               const std::function<bool()>& condition)

@@ -16,7 +16,7 @@ constexpr uint64_t drain_ms = 20; // drain() ends when nothing has arrived for t
 constexpr int most_drained = 4096;
 
 // Returns false if an answer is incomplete. An answer with status 0 about ServiceRecords must contain a whole record.
-// It may end after the record: OpenSM under ibsim sends no more bytes.
+// It may end after the record: OpenSM under ibsim sends no more bytes. Any other answer must contain all headers.
 bool is_long_enough(const sa_mad_v2_t& answer, int length)
 {
     const bool has_record = from_wire(answer.hdr.u.ns.status.raw16) == 0 &&
@@ -83,9 +83,9 @@ bool port::poll()
     return false;
 }
 
-// Receives one datagram, if one is ready, and passes it to the listener. While the port is busy, every may_complete()
-// promises another one. Therefore this function also calls may_complete() when the port stops being busy. Returns false
-// if nothing arrived for the listener.
+// Receives one datagram, if one is ready, and passes it on. While the port is busy, every may_complete() promises
+// another may_complete(). Therefore this function also calls may_complete() when the port stops being busy. Returns
+// true if the datagram came from the SA or was a request that the kernel has returned.
 bool port::receive_next()
 {
     const bool was_busy = is_busy_;
@@ -95,8 +95,8 @@ bool port::receive_next()
     return is_busy_;
 }
 
-// Receives the last datagrams, ignores them, and closes the device. Without this, a program under ibsim may hang in the
-// simulator's exit handler, because datagrams to the program are still on their way.
+// Receives the last datagrams, ignores them, and closes the device. If nobody received these datagrams, a program under
+// ibsim might hang in the simulator's exit handler.
 void port::drain()
 {
     const std::lock_guard lock(receive_mutex_);

@@ -1,4 +1,5 @@
-// The functions of `port` that update its state from its own answers, and that find out if the SA is silent.
+// The functions of `port` that update its state, from the port's answers or from files in /sys, and that find out
+// whether the SA is silent.
 #include "host/fabric/umad/port-files.h"
 #include "host/fabric/umad/port.h"
 

@@ -1,6 +1,6 @@
-// Finds the address that belongs to a GID. It asks the attached provider, the module that sends requests to the SA. The
-// provider gets the number of a request as its context, not a pointer to the request. If a callback comes after the
-// request has ended, no request has this number, and the callback is ignored.
+// Finds the address that belongs to a GID. Asks the attached provider, which is the module that sends requests to the
+// SA. The provider gets the number of a request as its context, not a pointer to the request. If a callback comes after
+// the request has ended, no request has this number, and the callback is ignored.
 //
 // One spin lock guards all members. No code sleeps or calls another module while it holds the lock.
 #pragma once
