@@ -1,5 +1,5 @@
-// Asks the SA for addresses, with at most `window` pending requests, and counts the right answers. For tasks of a
-// simulation.
+// Asks the SA for the GIDs of addresses, with at most `window` pending requests. Counts the answers with the status
+// ibat_stat_ok. For tasks of a simulation.
 #pragma once
 
 #include "host/peers/ibat-exports.h"
@@ -7,18 +7,19 @@
 #include "kernel/sync.h"
 
 struct sa_lookups {
-    static constexpr int window = 8; // needs as many addresses, because IBAT joins requests for the same address
+    // The caller should use at least this many different addresses, because IBAT joins requests for the same address.
+    static constexpr int window = 8;
 
     explicit sa_lookups(kernel::machine& host) : refresh(host, "ibat_refresh_fn") { sema_init(&free_slots, window); }
 
-    // Sends a request for an address in network order. Sleeps while `window` requests are pending.
+    // Sends a request for the GID of an address (network order). Sleeps while `window` requests are pending.
     void send(uint32_t ip)
     {
         down(&free_slots);
         if ((*refresh)(ip, count_answer, this) != ibat_stat_pending) up(&free_slots);
     }
 
-    // Waits for all answers. Takes all slots; send() sleeps until the caller releases slots with up(&free_slots).
+    // Waits for all answers. Keeps all slots: a later send() sleeps until the caller frees slots with up(&free_slots).
     void wait_for_all()
     {
         for (int i = 0; i < window; ++i) down(&free_slots);

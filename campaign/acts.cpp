@@ -27,7 +27,8 @@ question& new_question(node& node, std::optional<uint32_t> act_kind)
     return node.questions.emplace_back(question{.asker = node, .act_kind = act_kind, .begin_tick = node.fabric.now()});
 }
 
-// Returns an address that some host has or had. Sometimes returns one that no host ever had.
+// Returns an address that some host has or had. Sometimes returns an arbitrary one, which hardly ever belongs to a
+// host.
 uint32_t any_address(tested_fabric& fabric, uint32_t a)
 {
     const std::vector<uint32_t>& addresses = fabric.nodes[a % fabric.nodes.size()].given_addresses;
@@ -109,7 +110,7 @@ void report(tested_fabric& fabric, const act& act)
     node.start("report", [&node, act] { node.fabric.mark(act, !node.read_control().empty()); });
 }
 
-// Writes to the control file. Returns true if the calling task sent a request during the write.
+// Writes to the control file. Returns true if the write succeeded and the calling task sent a request meanwhile.
 bool write_makes_request(node& node, const std::string& text)
 {
     const uint64_t old_requests = node.fabric.wire.requests_of_this_task();
@@ -177,7 +178,7 @@ void expect_truth_soon(node& node)
     node.start("check", [&node, act_tick = node.fabric.now()] { check_promptly(node, act_tick); });
 }
 
-// Writes a line to the control file. Returns true if the module logged no failure.
+// Writes a line to the control file. Returns true if the write succeeded and the module printed no failure.
 bool write_succeeds(node& node, const std::string& line)
 {
     std::string output;

@@ -16,8 +16,9 @@ namespace campaign
 namespace
 {
 
-// If no answer comes, the service ends its own request after this time. Questions through IBAT or UCM may take longer,
-// because these modules repeat requests and queue their replies.
+// If no answer comes, the service ends its own request between shortest_wait_ticks and longest_wait_ticks later.
+// Questions through IBAT or UCM may take up to longest_wait_for_peers_ticks, because these modules repeat requests and
+// queue their replies.
 constexpr uint64_t shortest_wait_ticks = 1000, longest_wait_ticks = 2000;
 constexpr uint64_t longest_wait_for_peers_ticks = 6000;
 
@@ -39,7 +40,7 @@ bool is_active(const std::optional<embedded::port_view>& port)
     return port && port->state == fabric::link_state::active;
 }
 
-// Returns true if the host's last change was over before this tick.
+// Returns true if the host had processed its last change before this tick.
 bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
 {
     for (const node& node : fabric.nodes)

@@ -47,7 +47,7 @@ void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache);
 void ask_for_address(question& question, const kq_gid_t& gid);
 
 // Cancels an open question; afterwards no callback comes. Returns true if IBAT or UCM still had the question. Does
-// nothing for a question that was asked of the service directly.
+// nothing for a question that was asked of the service directly, or if the module that has the question is not loaded.
 bool withdraw(question& question);
 
 // Replaces the module UCM. The service attaches to this object, and ask() passes questions directly to the service. As

@@ -168,7 +168,7 @@ ats::result<> change(plan& plan, std::string_view text)
         return ats::fail(ats::error_kind::invalid, "'" + std::string(text) +
                                                        "' does not fit this plan; the changes are " + all_changes +
                                                        ", with numbers up to those of the plan");
-    // A change of the same number replaces an earlier one.
+    // A change replaces an earlier change with the same name. Each "more" adds acts, so all of them stay.
     if (name != "more")
         std::erase_if(plan.changes, [&](const std::string& each) { return each.substr(0, each.find('=')) == name; });
     plan.changes.emplace_back(text);

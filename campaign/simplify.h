@@ -1,5 +1,5 @@
-// Makes the plan of a run that fails simpler: fewer hosts, smaller numbers, the plain order of tasks. A simpler plan
-// consists of the seed and a list of changes. The command line accepts this list after --change.
+// Simplifies the plan of a failing run: fewer hosts, smaller numbers, the plain order of tasks. A simpler plan consists
+// of the seed and a list of changes. The command line accepts this list after --change.
 #pragma once
 
 #include <string_view>
@@ -34,8 +34,8 @@ struct failing_run {
     std::vector<size_t> acts;
 };
 
-// Gives all hosts of a run that fails the trace level for pictures. Changes nothing if the run then fails in another
-// way than with `complaint`. Returns an error only if no process could be started.
+// Sets the trace level for pictures on all hosts of a failing run. Changes nothing if the run then does not fail, or
+// fails in another way than with `complaint`. Returns an error only if no process could be started.
 ats::result<> unify_trace_levels(failing_run& run, const std::string& complaint, const run_options& options);
 
 // Returns a simpler run that fails in the same way. It has fewer acts (see shorten()), and a plan with all changes

@@ -37,7 +37,7 @@ std::string header_text(const mad_hdr_t& header)
                        int(header.m.method));
 }
 
-// An SA request with this text of its method.
+// Returns what header_text() returns for a correct SA request. `method` is the text about the method.
 std::string request_header(const char* method)
 {
     return fmt::format("base version {}, class 0x{:02X}, class version {}, {}", MAD_BASE_VERSION, MAD_CLASS_SUBN_ADM,
@@ -54,7 +54,7 @@ std::string p_key_text(uint16_t p_key)
     return fmt::format("P_Key 0x{:04X}", p_key);
 }
 
-// The part of a record by which a Get or a Delete selects.
+// Returns a text of the component mask, GID and address by which a Get or a Delete selects records.
 std::string selection_text(uint64_t mask, const ib_service_record_v2_t& record)
 {
     return fmt::format("component mask 0x{:X}, {}, address {}", mask, text_of_gid(record.service_gid),
@@ -210,7 +210,7 @@ found_fault wire_watch::fault_in_set(const port_entry& sender, const sa_mad_v2_t
     if (mask != mask_of_set || lease != records::infinite_lease)
         return {"a Set is not complete",
                 {completeness(mask_of_set, records::infinite_lease), completeness(mask, lease)}};
-    // If a query of a port fails, the service registers it with the values that it has read so far.
+    // If a query of a port fails, the service registers the port with the values that it has read so far.
     if (fabric_.nodes[sender.node].harm().has_done_harm) return {};
     if (const uint16_t p_key = from_wire(record.service_pkey); p_key != sender.p_key)
         return {"the P_Key in a Set is not that of its port", {p_key_text(sender.p_key), p_key_text(p_key)}};

@@ -8,8 +8,8 @@
 namespace cli
 {
 
-// Adds the subcommand. It prints the name of the page, and stores its exit code or an error in `outcome`, which must
-// outlive `program`.
+// Adds the subcommand. The subcommand prints the name of the page, and stores its exit code or an error in `outcome`,
+// which must outlive `program`.
 void add_replay(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

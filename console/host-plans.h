@@ -1,5 +1,6 @@
-// The plan of a host of this service: its modules and their parameters. Also names the /proc files and the registry key
-// of the module ats. The code that runs hosts takes the modules' names from a plan, so it can run other modules, too.
+// Makes the plan of a host of this service: the modules of the host and their parameters. Also names the /proc files
+// and the registry key of the module ats. The code that runs hosts takes the modules' names from a plan. Therefore it
+// can run other modules, too.
 #pragma once
 
 #include <string>
@@ -16,11 +17,12 @@ namespace console
 constexpr const char* control_file = "dorvex/ats/control";
 constexpr const char* version_file = "dorvex/ats/version";
 
-// The key, and the name of the value below it, where the registry stores the trace level of ats.
+// The registry stores the trace level of ats under this key, in the value with this name.
 constexpr const char* registry_key = "dorvex/modules/ats";
 constexpr const char* trace_level_name = "debug-level";
 
-// Returns the registry value that sets the trace level of ats: from ZR_PANIC (traces nothing) to ZR_FUNC (everything).
+// Returns the registry value that sets the trace level of ats. `level` is from ZR_PANIC (ats traces nothing) to ZR_FUNC
+// (ats traces everything).
 stack::registry_value trace_setting(int level);
 
 // Returns the modules of a host with that name and IPv4 address, in loading order: IBAT, UCM, ats. The module ats is

@@ -1,5 +1,5 @@
 // Prints lines for the administrator on stderr. If stderr is systemd's journal, a line becomes an entry with fields,
-// such as ATS_HOST. docs/operations.md lists the fields. Other programs rely on them.
+// such as ATS_HOST. docs/operations.md lists the fields. Other programs rely on their names.
 #pragma once
 
 #include <string>

@@ -34,7 +34,7 @@ struct one_host {
 
     kernel::machine& machine() { return host.machine(); }
 
-    // Call it after each input. Waits until the host is idle. All datagrams must then be back in their pools.
+    // Call check() after each input. It waits until the host is idle. All datagrams must then be back in their pools.
     void check()
     {
         sim->settle();

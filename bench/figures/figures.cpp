@@ -1,6 +1,7 @@
 // ats-figures: measures figures of docs/report.md and docs/scale.md. `scripts/report` and `scripts/scale-report` run it
 // and draw the figures. The first argument selects a figure. Most figures are printed as JSON objects. 'subnet' prints
-// the figures of a whole subnet beside their limits, for `make bench`.
+// the figures of a whole subnet beside their limits, for `make bench`. 'resolutions' and the single steps, such as
+// 'encode', print nothing: Callgrind counts their instructions.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -80,7 +81,7 @@ void show_load(const char* name, const load_meter::load& load)
 }
 
 // Measures the load of `hosts` hosts on the SA. The hosts start together. After an hour, the SM moves to another LID
-// and loses all records, several times. Then the SA does not answer for two minutes while every host asks for an
+// and loses all records, several times. Then the SA does not answer for two minutes while every host looks up an
 // address.
 int scale(int hosts)
 {
@@ -214,8 +215,8 @@ int repeat(const std::string& step, int count)
     return 0;
 }
 
-// Makes one host ask for the addresses of all others in turn, like resolve() in bench/resolution-bench.cpp. The host
-// asks twice. The first time fills caches and pools. Callgrind counts only the second time.
+// Makes one host look up the addresses of all others in turn, like resolve() in bench/resolution-bench.cpp. The host
+// makes these lookups twice. The first time fills caches and pools. Callgrind counts only the second time.
 int resolutions(int count, int hosts)
 {
     bench_world world(hosts);

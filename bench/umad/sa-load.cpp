@@ -183,8 +183,9 @@ class load
         } while (seconds_since(begin) < 2 * plan_.seconds);
     }
 
-    // Sends the mix at a fixed rate, without waiting for answers. The rate is `share` times the best rate that print()
-    // has seen for the mix. Afterwards, sends one request after another until an answer comes about as fast as before.
+    // Sends the mix at a fixed rate, without waiting for answers, but with at most connection::most_in_flight requests
+    // in flight. The rate is `share` times the best rate that print() has seen for the mix. Afterwards, sends one
+    // request after another until an answer takes at most about three times as long as before the overload.
     void overload(double share)
     {
         const double usual_ms = probe_ms();

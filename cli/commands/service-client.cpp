@@ -23,7 +23,7 @@ int half_timeout_ms(const client_options& options)
     return static_cast<int>(options.timeout_seconds * 1000 / 2);
 }
 
-// Returns an error for a failed call of libatsclient, which says what the user can do. `is_asked` means that the
+// Returns the error for a failed call of libatsclient. The error says what the user can do. `is_asked` means that the
 // request was sent before the failure.
 ats::error library_error(const client_options& options, ats_status_t status, bool is_asked)
 {

@@ -36,8 +36,8 @@ std::shared_ptr<client_options> add_client_options(CLI::App& command, const std:
 // Adds --gid-format, for commands that show GIDs.
 void add_gid_format_option(CLI::App& command, client_options& options);
 
-// Makes `body` the action of the command. `outcome` receives the exit code or the error that `body` returns. If `body`
-// throws a json::exception, because the service's answer lacks a key, `outcome` receives an error, too.
+// Makes `body` the action of the command. `outcome` receives the exit code or the error that `body` returns. `body` may
+// throw a json::exception if the service's answer lacks a key. `outcome` then receives an error (unreachable).
 void set_client_action(CLI::App& command, ats::result<int>& outcome, std::function<ats::result<int>()> body);
 
 // Returns the answer with its GIDs in the notation that --gid-format selects.

@@ -69,7 +69,7 @@ class fuse_mount final : public proc_mount
   public:
     explicit fuse_mount(const std::vector<kernel::machine*>& machines) : state_(machines) {}
 
-    // Mounts the files, and starts the thread that serves them. Call it once. If it fails halfway, the destructor
+    // Mounts the files, and starts the thread that serves them. Call start() once. If it fails halfway, the destructor
     // cleans up.
     ats::result<> start(const std::string& directory)
     {

@@ -9,7 +9,8 @@ namespace cli
 namespace
 {
 
-// If more than this number of bytes is queued for a client, the service reads no more requests of this client.
+// If more than this number of bytes is queued for a client, or more than a quarter of the limit `unread_bytes`, the
+// service reads no more requests of this client.
 constexpr size_t congestion_bytes = size_t{256} << 10;
 
 conversation& self_of(void* data)
@@ -44,8 +45,8 @@ bool conversation::accept(uv_stream_t* listener)
 
 // ---- input ----
 
-// Starts or stops reading from the client. The conversation does not read while it is paused or congested, and when it
-// ends.
+// Starts or stops reading from the client. The conversation does not read while it is paused or congested, and not
+// after the input has ended or while the conversation ends.
 void conversation::set_reading()
 {
     const bool should_read = !is_ending_ && !is_closed_ && !has_input_ended_ && !is_paused_ && !is_congested();
@@ -171,7 +172,8 @@ void conversation::flush()
              [](uv_write_t* request, int status) { self_of(request->data).finish_write(status); });
 }
 
-// All bytes of a write were given to the socket, or it has failed with `status`. Continues with the next queued lines.
+// All bytes of a write were given to the socket, or the write has failed with `status`. Continues with the next queued
+// lines.
 void conversation::finish_write(int status)
 {
     is_writing_ = false;

@@ -1,6 +1,6 @@
-// One connection of a client of the service's socket. It receives the lines of the client, passes them to its owner,
-// and sends lines to the client. It enforces the limits for the length of a line and for unread bytes. All calls are
-// made in the event loop's thread.
+// One connection of a client to the service's socket. Receives the lines of the client, passes them to the owner of the
+// conversation, and sends lines to the client. Enforces the limits for the length of a line and for unread bytes. All
+// calls are made in the event loop's thread.
 #pragma once
 
 #include <functional>

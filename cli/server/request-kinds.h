@@ -1,5 +1,5 @@
-// Checks if a client may send a request. A request is a question or an order, and the access rules set for each kind
-// which users may send it.
+// Checks if a client may send a request. A request is either a question or an order. The access rules say which users
+// may ask questions, and which users may give orders.
 #pragma once
 
 #include <nlohmann/json.hpp>

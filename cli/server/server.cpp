@@ -85,7 +85,7 @@ void server::accept_client(uv_stream_t* listener)
     if (new_client.accept(listener)) admit(new_client);
 }
 
-// Counts a new connection of a user. If the user has too many connections, refuses and ends it.
+// Counts a new connection of a user. If the user has too many connections, refuses the new one and ends it.
 void server::admit(conversation& client)
 {
     user_share& share = users_[client.peer().user];
@@ -136,7 +136,7 @@ void server::flush_all()
     for (const uint64_t number : numbers)
         if (conversation* client = find(number)) client->flush();
     if (!conversations_to_flush_.empty())
-        loop_.post([] {}); // flush() can queue more lines; this starts another round, whose end sends these lines
+        loop_.post([] {}); // flush() can queue more lines: start another round of the loop, which ends with their flush
 }
 
 // ---- requests ----
@@ -216,7 +216,7 @@ void server::begin(conversation& source, const return_ticket& ticket)
     if (!ticket.id) source.pause();
 }
 
-// Sends the answer of a counted request, and ends its count. Does nothing if the connection has ended.
+// Sends the answer of a counted request, and counts the request no longer. Does nothing if the connection has ended.
 void server::finish(const return_ticket& ticket, const std::string& line)
 {
     conversation* source = find(ticket.place.connection);
@@ -260,7 +260,7 @@ lookups& server::lookups_of(kernel::machine& machine)
     return lookups_.at(machine, hosts_.statistics_of(machine).lookups);
 }
 
-// Answers a lookup. The answer from a cache is sent before this call returns.
+// Answers a lookup. If a cache has the answer, it is passed to the conversation before this call returns.
 void server::look_up(conversation& source, const request& request)
 {
     const ats::result<world::host*> host = find_host(hosts_, request.object);
@@ -316,7 +316,7 @@ ats::result<> server::set_options(const server_options& options)
     return listener_.set_for_all(options.access.is_open_to_others());
 }
 
-// If the client reads a log and has closed its sending side, it needs no more lines: ends the conversation.
+// The client has closed its sending side. If it reads a log, it needs no more lines: ends the conversation.
 void server::input_ended(conversation& source)
 {
     if (followers_.contains(source)) source.cut_off();

@@ -1,6 +1,7 @@
-// Serves clients through the Unix socket of the service. docs/protocol.md describes the protocol. The loop's thread
-// receives all requests and sends all answers. It passes slow requests to the workers, and questions that the cache
-// cannot answer to the lookups of the host.
+// Serves clients through the Unix socket of the service. docs/protocol.md describes the protocol. The thread of the
+// event loop (the loop's thread) receives all requests and sends all answers. It passes a lookup of one address or GID
+// to the lookups of the host, which ask the SA if no cache has the answer. It passes all other slow requests to the
+// workers.
 #pragma once
 
 #include <map>
@@ -22,7 +23,7 @@ namespace cli
 struct server_options {
     access_rules access;
     service_limits limits;
-    // The loop's thread calls it with a line for the administrator. set_options() does not change it.
+    // The loop's thread calls `report` with a line for the administrator. set_options() does not change `report`.
     std::function<void(const std::string&)> report = [](const std::string&) {};
 };
 
@@ -43,9 +44,9 @@ class server final : public conversation::owner
     // the socket cannot be changed; the other settings are changed nevertheless. Any thread.
     ats::result<> set_options(const server_options& options);
 
-    // The next calls are for the door that serves librdmacm programs (cli/acm/door.h) and for the watchdog. These parts
-    // must be destroyed before the server. loop(), background() and all_lookups() may be called in any thread; the
-    // other calls are for the loop's thread only.
+    // The next calls and drop() are for the door that serves librdmacm programs (cli/acm/door.h) and for the watchdog.
+    // Destroy the door and the watchdog before the server. loop(), background() and all_lookups() may be called in any
+    // thread; new_connection_number(), lookups_of() and drop() only in the loop's thread.
     event_loop& loop() { return loop_; }
     workers& background() { return workers_; }
     host_lookups& all_lookups() { return lookups_; }

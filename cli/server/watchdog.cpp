@@ -57,7 +57,7 @@ std::vector<std::string> life_signs::missing(std::chrono::steady_clock::time_poi
 
 std::optional<std::chrono::microseconds> watchdog_period()
 {
-    const char* process = std::getenv("WATCHDOG_PID"); // if it names another process, that process expects the notices
+    const char* process = std::getenv("WATCHDOG_PID"); // the process that must send the notices; may be unset
     if (process && std::strtoll(process, nullptr, 10) != getpid()) return std::nullopt;
     const char* period = std::getenv("WATCHDOG_USEC");
     const long long us = period ? std::strtoll(period, nullptr, 10) : 0;

@@ -1,6 +1,6 @@
-// Tells the service manager (systemd) regularly that the service works, with WATCHDOG=1 of sd_notify(3). It sends this
-// notice only if all parts of the service have shown a sign of life: the event loop, the workers, the lookups, and the
-// tasks of all hosts and fabrics. If the unit has WatchdogSec=, systemd restarts the service when no notice comes.
+// Tells the service manager (systemd) regularly that the service works, with WATCHDOG=1 of sd_notify(3). Sends this
+// notice only if no part of the service hangs: the event loop, the workers, the lookups, and the tasks of all hosts and
+// fabrics. If the unit of the service has WatchdogSec=, systemd restarts the service when no notice comes.
 #pragma once
 
 #include <atomic>

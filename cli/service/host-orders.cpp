@@ -21,8 +21,9 @@ tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
     return ats::fail("ats is not loaded on " + machine.name());
 }
 
-// Calls `function`, by which ats exports the change of a host's name or address. The module ats stays loaded during the
-// call. Returns false if ats has stored the new value, but has not sent the new record on every HCA.
+// Calls `function`, a function of ats that changes the name or the address of the host. The module ats stays loaded
+// during the call. Returns false if ats has stored the new value, but has not sent the new record on every HCA. Fails
+// if ats is not loaded.
 template <class argument_t>
 ats::result<bool> set_identity(kernel::machine& machine, const char* function, argument_t argument)
 {

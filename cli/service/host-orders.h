@@ -30,7 +30,7 @@ enum class completion { sent, confirmed };
 
 // Changes the registered name or address. `name` must pass console::is_host_name(). `ip` is in network order and must
 // be a result of console::host_address_of(). Waits for `completion`, at most about three seconds. Fails if the host has
-// stored the new value but the record was not sent, or not confirmed. A later check of the record then registers it.
+// stored the new value but the record was not sent, or not confirmed. A later check then registers the new record.
 ats::result<> set_name(world::host& host, const std::string& name, completion completion);
 ats::result<> set_address(world::host& host, uint32_t ip, completion completion);
 

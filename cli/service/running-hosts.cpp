@@ -35,8 +35,8 @@ std::string end_of_log(world::host& host)
     return text;
 }
 
-// Loads the host's modules and applies its settings. An error ends with the last lines of the host's log. An error with
-// the kind no_memory does not, because the log does not mention a lack of memory.
+// Loads the host's modules and applies its settings. An error ends with the last lines of the host's log, except an
+// error of the kind no_memory: the log does not mention a lack of memory.
 ats::result<> load(world::host& host, const host_settings& settings)
 {
     set_spread(host, settings.spread_seconds);
@@ -205,8 +205,8 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     return true;
 }
 
-// Reports if the SA already has a record of `address` before the host registers. This is possible only on a real
-// fabric, whose ports may already be active. On an embedded fabric, the SA is new and all links are still down.
+// Reports if the SA has a record of `address` for another host before this host registers. This is possible only on a
+// real fabric, whose ports may already be active. On an embedded fabric, the SA is new and all links are still down.
 void running_hosts::report_other_holder(world::host& host, const std::string& address) const
 {
     const ats::result<std::string> line = other_holder(host, address);

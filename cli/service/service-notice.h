@@ -1,5 +1,5 @@
 // Reports the state of the service to its service manager, like sd_notify(3): with a datagram to the socket that the
-// environment variable NOTIFY_SOCKET names. It does not need libsystemd, so every build can report.
+// environment variable NOTIFY_SOCKET names. This needs no libsystemd, so every build can report.
 #pragma once
 
 namespace cli

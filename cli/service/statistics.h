@@ -1,5 +1,5 @@
 // Counters of a service's clients and of its hosts' logs, for metrics. Each counter is atomic on its own, so any thread
-// may use it. A reader of two counters may see them at slightly different moments. All of them only grow, except
+// may use it. A reader of two counters may see them at slightly different moments. All counters only grow, except
 // door_statistics::open.
 #pragma once
 

@@ -34,7 +34,7 @@ bool is_started_by_systemd()
 }
 
 // Returns the name of the systemd unit of this process. It is the last part of the path of the control group, for
-// example in "0::/system.slice/ats.service".
+// example in "0::/system.slice/ats.service". If no control group is a service, returns the usual name.
 std::string unit_of_this_process()
 {
     constexpr const char* usual_unit = "ats.service";

@@ -163,7 +163,7 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
 /* Sends any request of docs/protocol.md, for example {"request":"status"}, and waits for its answer, at most for
  * `timeout_ms`. Returns ATS_OK and stores the answer, one JSON object, in *answer; the caller frees it with ats_free().
  * If the service refuses the request, the answer is {"error": ...}, and the call also returns ATS_OK. After any other
- * result, *answer is NULL. If several threads call it, one request is sent after the other. */
+ * result, *answer is NULL. If several threads call ats_request(), one request is sent after the other. */
 ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer);
 
 /* These two calls do the same as ats_request(), for a request whose answer has several lines ("log") or takes long.
@@ -186,8 +186,9 @@ const char* ats_status_text(ats_status_t status);
 const char* ats_last_error(void);
 
 /* Stores the path of the default socket in `path`, cut to `size` bytes including the final NUL. It is $ATS_SOCKET if
- * this variable is set. Otherwise it is /run/ats.sock for root. For other users, it is the first of these that exists:
- * ats.sock in $XDG_RUNTIME_DIR, /tmp/ats-UID.sock, /run/ats.sock. Returns the length of the whole path. */
+ * this variable is set. Otherwise it is the first of these that exists: for root, /run/ats.sock and /tmp/ats-0.sock;
+ * for other users, ats.sock in $XDG_RUNTIME_DIR, /tmp/ats-UID.sock and /run/ats.sock. If none exists, it is the first
+ * of them; without $XDG_RUNTIME_DIR, that is /tmp/ats-UID.sock. Returns the length of the whole path. */
 size_t ats_default_socket(char* path, size_t size);
 
 /* Returns the version of the library, for example "1.21". */

@@ -24,7 +24,7 @@ namespace
 {
 
 // Only pages that a task has touched use memory, so a large stack is cheap. A task that loads or unloads a module needs
-// the largest stack: the dynamic linker puts arrays of all loaded images on it, about 10 bytes for each image.
+// the most: the dynamic linker puts arrays of all loaded images on its stack, about 10 bytes for each image.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are larger
 #else
@@ -32,8 +32,8 @@ constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
 // A guard page that mprotect() makes splits the mapping of its stack, and a process may have only so many mappings
-// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so the guards of
-// these stacks find an overflow as well.
+// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so code that
+// overflows a stack sooner or later meets a stack with a guard.
 constexpr size_t split_stacks_limit = 4096;
 
 // Makes every access to the lowest page of a stack end in SIGSEGV. Since Linux 6.13, madvise() can mark such a page in
@@ -155,7 +155,7 @@ void fiber::switch_between(fiber& current, fiber& next, [[maybe_unused]] bool ha
     current.arrive(transfer.fctx);
 }
 
-// Completes a switch to this fiber. The fiber calls this first after every switch to it.
+// Completes a switch to this fiber. After every switch to it, the fiber calls arrive() first.
 void fiber::arrive(void* previous_context)
 {
     previous_->context_ = previous_context;

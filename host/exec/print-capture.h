@@ -22,7 +22,7 @@ class print_capture
     // All texts so far, without their priorities ("<6>").
     const std::string& text() const { return text_; }
 
-    // Called by printk. Returns true if the text also goes to the log.
+    // Called by printk. Adds the text to this capture. Returns true if the text also goes to the log.
     bool take(const char* text);
 
   private:

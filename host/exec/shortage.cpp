@@ -96,7 +96,7 @@ bool mappings_are_used_up(size_t limit)
 bool address_space_is_used_up(const rlimit& limit)
 {
     if (limit.rlim_cur == RLIM_INFINITY) return false;
-    rlimit stack{}; // the stack size of a new thread: the call that failed may have started one
+    rlimit stack{}; // the stack size of a new thread: perhaps the failed call tried to start a thread
     getrlimit(RLIMIT_STACK, &stack);
     const size_t stack_bytes = stack.rlim_cur == RLIM_INFINITY ? 0 : stack.rlim_cur;
     const size_t mapped_bytes = first_number_in("/proc/self/statm") * static_cast<size_t>(sysconf(_SC_PAGESIZE));

@@ -48,7 +48,7 @@ struct local_route_header { // IBA 7.7
     uint8_t vl_and_version;
     uint8_t sl_and_next; // low half: the next header, 2 for a BTH
     be16_t destination_lid;
-    be16_t length_in_words; // from this header up to the VCRC, in units of 4 bytes
+    be16_t length_in_words; // from this header to the end of the ICRC, in units of 4 bytes
     be16_t source_lid;
 };
 

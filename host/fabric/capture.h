@@ -30,8 +30,8 @@ class capture final : public tap
     // Adds a packet. After a failure, does nothing. Any thread; waits only for the lock and for the file write.
     void crossed(uint64_t now_ticks, uint16_t source_lid, const address& destination, const mad_bytes& mad) override;
 
-    // These functions return the first failure so far. flush() and close() first write the buffered packets. After
-    // close(), crossed() does nothing. Any thread.
+    // status(), flush() and close() return the first failure so far. flush() and close() first write the buffered
+    // packets. After close(), crossed() does nothing. Any thread.
     ats::result<> status() const;
     ats::result<> flush();
     ats::result<> close();

@@ -27,8 +27,9 @@ class module_image
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    // Makes the image from the module file at `path`. Call it once. Fails with not_found if there is no such file, with
-    // invalid if the file is not a module for this kernel, and with no_memory if a limit of the process is reached.
+    // Makes the image from the module file at `path`. Call map() once. Fails with not_found if there is no such file,
+    // with invalid if the file is not a module for this kernel, and with no_memory if a limit of the process is
+    // reached.
     ats::result<> map(const std::string& path);
 
     // The module's `this_module`, which is inside the image. Null before map() has succeeded.

@@ -98,7 +98,7 @@ class reply_queue
 
   private:
     // Makes the callbacks until the queue is empty. Only one task at a time runs this function: add() arms the timer
-    // again only when the queue has been empty.
+    // only if it is not armed and its handler does not run.
     void deliver()
     {
         for (asker_t* asker = take(); asker; asker = take()) {

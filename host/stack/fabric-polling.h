@@ -31,7 +31,7 @@ class fabric_polling
     explicit fabric_polling(std::vector<fabric::hca*> hcas) : hcas_(std::move(hcas)) {}
 
     // Polls every HCA once (see fabric::hca::poll). Returns true if at least one HCA received something. May sleep, at
-    // most one tick (1 ms) at each port. Only one task may call it.
+    // most one tick (1 ms) at each port. Only one task may call poll().
     bool poll() const
     {
         bool has_received = false;

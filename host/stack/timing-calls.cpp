@@ -20,7 +20,7 @@ void init_timing(timing_t* timer)
 void add_timing(timing_t* timer)
 {
     current_timers(__func__).arm(*timer);
-    exec::preemption_point(); // as on another processor, the handler may run before add_timing() returns
+    exec::preemption_point(); // the handler may run before add_timing() returns, as it could on another processor
 }
 
 void del_timing_sync(timing_t* timer)

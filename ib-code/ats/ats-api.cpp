@@ -11,8 +11,8 @@ namespace
 constexpr uint64_t ats_service_id = 0x10000CE100415453; // ends in the letters A, T, S
 constexpr int32_t datagrams_per_hca = 16;
 
-// IBAT calls this function to ask for a GID. It only sends the request. ats_process_sa_reply passes the SA's answer to
-// IBAT later.
+// IBAT calls this function to ask for a GID. The function only sends the request. ats_process_sa_reply passes the SA's
+// answer to IBAT later.
 ibat_stat_t ats_arp_send(ibat_arp_data_t* arp_data, void* context, int)
 {
     return ats_sa_arp_send(static_cast<ats_context_t*>(context), arp_data) == 0 ? ibat_stat_ok : ibat_stat_error;

@@ -8,8 +8,8 @@
 #include "ats.h"
 #include "debug-support.h"
 
-// Stores the function that another module has published under `name` in `*slot`, and takes a reference on that module.
-// ats_put_peer returns the reference. Returns false if no module has published that name.
+// Looks for the function that another module has published under `name`. Stores it in `*slot`, and takes a reference on
+// that module; ats_put_peer returns the reference. Returns false if no module has published that name.
 template <class slot_t>
 bool ats_get_peer(const char* name, slot_t* slot)
 {
@@ -60,8 +60,8 @@ ibat_stat_t ats_rarp_send(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb
 ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t user_cb, void* user_context,
                                   void* provider_context);
 
-// Completes every pending request for the GID in `rcv_arp_data`, the newest first. `mad_stat` is the MAD's status in
-// host order. Completion context only.
+// Completes every pending request for the GID in `ats->rcv_arp_data`, the newest first. `mad_stat` is the MAD's status
+// in host order. Completion context only.
 void ats_process_rarp_data(uint16_t mad_stat, ats_context_t* ats);
 
 // A callback for ats_rarp_send that logs the result.

@@ -64,7 +64,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
 TEST_F(port_events, a_silent_sa_delays_a_registration_by_three_waits)
 {
     host.link_up(1);
-    host.control("delete_ip 10.0.0.1"); // all answers to Deletes have arrived, so none can end the waits below
+    host.control("delete_ip 10.0.0.1"); // sends a Delete, whose answer comes at once; it must not end the waits below
     host.link_down(1);
     w.requests();
     host.trace(trace_debug);
@@ -154,7 +154,8 @@ TEST_F(port_events, refused_sends_are_logged_and_neither_wait_nor_stop_the_next_
     }
 }
 
-// A Delete names the record that the host registered last. A Set that could not be sent does not change this.
+// A Delete names the GID that the host registered last. A Set that could not be sent does not change this GID. But when
+// the link of the active port goes down, the next Delete names that port, even if the Set of the port was not sent.
 TEST_F(port_events, a_refused_set_keeps_the_gid_of_the_next_delete)
 {
     host.link_up(2);
@@ -184,8 +185,9 @@ TEST_F(port_events, a_port_that_cannot_be_read_stands_by_and_may_be_chosen_later
 {
     const struct {
         const char* call;
-        // The GID that the failed call did not read is missing. Without the port's attributes, the module does not know
-        // the LID of the SM. So no Delete is answered, and the Set follows after three waits of 20 ticks.
+        // The module stops reading at the failed call. "none" means that it has not read the GID. Without the port's
+        // attributes, the module does not know the LID of the SM. So no Delete is answered, and the Set follows after
+        // three waits of 20 ticks.
         const char* last_request;
     } table[] = {{"kq_port_query", "60 node1.1 SET none 10.0.0.1 node1"},
                  {"kq_get_port_gid_tbl", "0 node1.1 SET none 10.0.0.1 node1"},

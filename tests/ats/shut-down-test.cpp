@@ -77,8 +77,8 @@ TEST_F(shut_down, waits_until_gsi_releases_the_class)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The first HCA is about to check its record. The stop takes longer than that, because the SA is silent. It must end
-// all checks first; otherwise the check runs when the first HCA has already stopped.
+// When the stop begins, the first HCA is to check its record 30 ticks later. The stop takes longer, because the SA is
+// silent. The stop must end all checks first; otherwise the check runs when the first HCA has already stopped.
 TEST(shut_down_of_two_hcas, ends_verification_first)
 {
     ats_world w;

@@ -53,8 +53,8 @@ class running_hosts
         machine(host).enter("write", [&] { machine(host).proc.write("dorvex/ats/control", command); });
     }
 
-    // Looks up addresses, their GIDs and the paths to them, `times` times, at the SA or in the caches. Stops waiting
-    // for every fifth path after one tick.
+    // Looks up the GID of an address, the address of this GID and the path to the address, `times` times, at the SA or
+    // in the caches. Stops waiting for every fifth path after one tick.
     void resolve_others(size_t host, int times)
     {
         for (int i = 0; i < times; ++i) {
@@ -141,8 +141,8 @@ TEST(threaded, hosts_have_no_race_when_they_resolve_flap_change_and_leave)
               ibat_stat_ok);
     w.leave(1);
 
-    // The second HCA of node1 gets events while the first one is being stopped. If its link is down when it is stopped
-    // itself, its record remains at the SA.
+    // The second HCA of node1 gets events while the first one is being stopped. If the link of the second HCA is down
+    // when this HCA is stopped, its record remains at the SA.
     std::atomic<bool> has_left = false;
     w.start(0, "flap until the end", [&] {
         while (!has_left) w.flap("mthca1");

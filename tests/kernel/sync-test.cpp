@@ -182,8 +182,8 @@ TEST(sleeps, a_signal_ends_only_an_interruptible_one_which_returns_the_remaining
     EXPECT_EQ(world.host.signals_seen, 2u) << "the signal came when the sleep was over";
 }
 
-// A task sleeps in a wait queue until a condition holds. The condition may sleep itself, for example to take a
-// semaphore. It may then consume a wake-up of the outer wait queue, and the outer sleep must still end.
+// A task sleeps in a wait queue until a condition holds. The check of the condition may sleep itself, for example to
+// take a semaphore. A wake-up of the outer wait queue may come during this inner sleep. The outer sleep must still end.
 TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
 {
     one_machine world;

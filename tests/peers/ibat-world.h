@@ -1,4 +1,4 @@
-// A host with the module IBAT. In the place of ats, a fake resolver is attached to IBAT and records its attempts.
+// A host with the module IBAT. In the place of ats, a fake resolver is attached to IBAT. It records how IBAT calls it.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -9,7 +9,7 @@
 struct recording_resolver {
     std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each, including refused ones
     ibat_stat_t result = ibat_stat_ok;                   // returned by send_arp()
-    unsigned long duration_ticks = 0;                    // send_arp() sleeps so long
+    unsigned long duration_ticks = 0;                    // send_arp() sleeps for this time
     int call_count = 0;                                  // calls of send_arp() that have not returned
     std::function<void(uint32_t)> action;                // runs in each send_arp(), with the address
 

@@ -78,7 +78,7 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     world.run([&] {
         gsi_client client;
         client.action = [&](const gsi_dtgrm_t* datagram) {
-            if (client.lines.size() == 2) client.post(1); // a callback posts: it completes after the waiting sends
+            if (client.lines.size() == 2) client.post(1); // must complete after the sends that wait already
             if (client.lines.size() == 5) {
                 // An answer arrives during a callback. may_complete() must not call a second callback at the same time.
                 world.hca.arrive(2, answer(52));
@@ -107,7 +107,8 @@ TEST(gsi, gives_back_sends_and_answers_one_by_one_in_the_order_they_happened)
     });
 }
 
-// The fabric's task calls may_complete(). Its argument announces another call; until then, completed sends may wait.
+// The fabric's task calls may_complete(). may_complete(true) announces another call of may_complete(). Until that call,
+// completed sends may wait.
 TEST(gsi, completes_in_the_fabrics_task_and_leaves_sends_for_its_announced_next_call)
 {
     machine_with_fake world;
@@ -423,7 +424,7 @@ TEST(gsi, clients_that_share_a_class_get_the_answers_to_their_own_requests)
             gsi_dtgrm_t* datagram = each->make();
             sa_mad_v2_t mad;
             memcpy(&mad, datagram->mad, sizeof mad);
-            mad.hdr.transact_id = to_wire(uint64_t{0xAB000005}); // a guest chooses the low 24 bits
+            mad.hdr.transact_id = to_wire(uint64_t{0xAB000005}); // GSI takes only the low 24 bits, and only of guests
             memcpy(datagram->mad, &mad, sizeof mad);
             ASSERT_EQ(gsi_post_send_dtgrm(each->classes[0], datagram, &transactions.emplace_back()), 0);
             EXPECT_EQ(from_wire(std::bit_cast<sa_mad_v2_t>(world.hca.sent_mads.back().mad).hdr.transact_id),

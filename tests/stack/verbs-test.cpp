@@ -35,7 +35,8 @@ void event_callback(kq_event_record_st event)
     if (callback_action) callback_action();
 }
 
-// A machine that subscribes to the events of its fake HCA. The destructor unsubscribes.
+// A machine with a fake HCA. subscribe() opens the HCA and subscribes to its events. The destructor unsubscribes and
+// closes the HCA.
 struct subscriber : machine_with_fake {
     subscriber()
     {
@@ -266,8 +267,8 @@ TEST(verbs, queries_read_the_port_and_refuse_stale_handles_and_missing_ports)
     });
 }
 
-// The exit function of a module must release all its resources. If it leaves some, the unloading ends with a hard
-// error before the image is unmapped. The error must name all of them.
+// The exit function of a module must release all resources of the module. If it leaves some, the unloading ends the
+// program before the image is unmapped. The error text must name every resource that is left.
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
     machine_with_fake machine;

@@ -1,5 +1,5 @@
-// What must be right after each round of a chaos run: when no fault is active, the hosts, the SA's records and all
-// answers must agree.
+// The checks of a chaos run. During the faults of a round, no answer may be wrong. After the round, when no fault is
+// active, the hosts, the SA's records and all answers must agree.
 #include <algorithm>
 #include <sstream>
 
@@ -14,7 +14,8 @@ namespace
 const std::string unused_address = "10.9.9.9";
 constexpr auto longest_settling = 90s;
 constexpr auto patience_of_administrator = 15s; // then settle() repeats orders that were not confirmed
-constexpr auto longest_silence = 20s;           // of the SA without faults; then settle() replaces the SM
+// If no fault is active, and for this time the SA does not answer or the SM sweeps, settle() replaces the SM.
+constexpr auto longest_silence = 20s;
 constexpr long most_new_descriptors = 4;
 constexpr long most_new_kib = 16L * 1024;
 
@@ -25,7 +26,7 @@ std::string join(const std::set<std::string>& texts, const char* last = " or ")
     return all.empty() ? "none" : all;
 }
 
-// Returns the number of the host that has this address, or 0 if it is not an address of a host.
+// Returns N for an address 10.0.N.x, which belongs to host N. Returns 0 for other addresses.
 int owner_of(const std::string& address)
 {
     int owner = 0;
@@ -114,7 +115,8 @@ void run::settle()
     figures_.longest_settling = std::max(figures_.longest_settling, settling_time);
 }
 
-// Returns the first thing that is not right now, or nothing.
+// Returns the first fault that the hosts, the SM, the SA's records and the answers show at this moment, or nothing.
+// Throws failure if the process of a host has ended.
 std::optional<failure> run::first_fault()
 {
     for (const auto& each : hosts_)
@@ -152,7 +154,8 @@ void run::note_silence()
     if (!silent_since_) silent_since_ = clock::now();
 }
 
-// Reads the SA's records with a program that is independent of the service. Returns nothing if the SA does not answer.
+// Reads the SA's records with a program that is independent of the service. Returns nothing if the SA does not answer;
+// silent_since_ then keeps the time since when.
 std::optional<std::map<std::string, std::string>> run::read_records()
 {
     std::vector<std::string> command = {READ_RECORDS};

@@ -1,4 +1,4 @@
-// Registers or deletes the ServiceRecord of one host. It talks to the SA without the service, for example for an
+// Registers or deletes the ServiceRecord of one host. Talks to the SA without the service, for example for an
 // administrator or a test.
 //   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
 //   set-record -d GID P_KEY                SubnAdmDelete, by record identifier

@@ -1,5 +1,6 @@
-// Asks librdmacm for routes, as other programs do. Each line of the input is an address. For each address, prints the
-// DLID of the route that rdma_getaddrinfo() finds, or "none".
+// Asks librdmacm for routes, as other programs do. Each line of the input is an address. For each address, prints a
+// line with the address and the DLID of the route that rdma_getaddrinfo() finds. Prints "none" instead of the DLID if
+// the result has no route, and "failed" if rdma_getaddrinfo() fails.
 #include <cstdio>
 #include <iostream>
 #include <string>

@@ -37,7 +37,7 @@ class service_records
     std::function<void(const ib_service_record_v2_t& record, bool is_stored)> on_change;
 
     // Stores the record. An earlier record with the same key is removed. The lease of the new record, in seconds,
-    // starts at `now_ticks`. Returns false if the limit is reached.
+    // starts at `now_ticks`. Returns false, and stores nothing, if the limit is reached.
     bool set(const ib_service_record_v2_t& record, uint64_t now_ticks);
 
     // Counts the selected records. If there is exactly one, writes it to `record`, with the remaining lease in seconds.
@@ -48,7 +48,8 @@ class service_records
     matches remove(uint64_t component_mask, const ib_service_record_v2_t& pattern, uint64_t now_ticks,
                    ib_service_record_v2_t& record);
 
-    // Removes every record of a GID, or all records. Returns their number.
+    // forget() removes every record of a GID, and clear() removes all records. Both return the number of removed
+    // records.
     size_t forget(const fabric::gid_bytes& gid, uint64_t now_ticks);
     size_t clear(uint64_t now_ticks);
 

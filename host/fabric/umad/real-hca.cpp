@@ -8,7 +8,7 @@ namespace umad
 namespace
 {
 
-// If libibverbs reports the events of an HCA, the interval in which its ports are asked is so many times longer.
+// If libibverbs reports the events of an HCA, the interval between two queries of a port is longer by this factor.
 constexpr uint64_t slow_watch_factor = 50;
 
 } // namespace

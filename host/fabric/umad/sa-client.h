@@ -68,8 +68,8 @@ inline sa_mad_v2_t make_sa_request(uint8_t method, uint16_t attribute, uint64_t 
     return mad;
 }
 
-// Opens a client on an active port. `hca` is the name of the HCA, or "" for any; `port` is its number, or 0 for any.
-// Fails with not_found if there is no such active port, and with failed if it cannot be opened.
+// Opens a client on an active port. `hca` is the name of an HCA, or "" for any HCA. `port` is the number of a port, or
+// 0 for any port. Fails with not_found if there is no such active port, and with failed if the port cannot be opened.
 ats::result<std::unique_ptr<sa_client>> open_sa_client(const std::string& hca, int port);
 
 } // namespace umad

@@ -94,7 +94,8 @@ std::string names_text(const std::vector<hca_listing>& hcas)
     return text;
 }
 
-// The HCAs that the options select, in the order of the options.
+// Returns the HCAs that the options name, in the order of the options. If the options name none, returns all usable
+// HCAs.
 ats::result<std::vector<hca_listing>> chosen_hcas(const fabric_options& options)
 {
     auto hcas = list_hcas();

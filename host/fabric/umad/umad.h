@@ -53,7 +53,8 @@ struct datagram_counts {
 class real_fabric
 {
   public:
-    // Remove all listeners before. The destructor waits a short time for datagrams in flight, and may sleep.
+    // Remove all listeners before you destroy the fabric. The destructor waits a short time for datagrams in flight,
+    // and may sleep.
     virtual ~real_fabric() = default;
 
     // The HCAs in the order of fabric_options::hcas; if that list is empty, in the order of their names. They are valid

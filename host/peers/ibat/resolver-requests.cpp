@@ -14,8 +14,8 @@ constexpr uint32_t usable_reply = IBAT_MASK_SRC_IP | IBAT_MASK_DST_IP | IBAT_MAS
 
 // ---- requests ----
 
-// Adds the caller to the request for the address. Makes and sends this request if there is none. Before that, answers
-// from the cache if `arp_data` is not null.
+// Adds the caller to the request for the address. Makes and sends this request if there is none. If `arp_data` is not
+// null, first looks in the cache; if the cache has the answer, returns that and does not ask.
 ibat_stat_t resolver::ask(uint32_t address, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                           void* context)
 {
@@ -71,8 +71,8 @@ void resolver::send(const send_order& order)
     attachment_.wake_detach();
 }
 
-// Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
-// last attempt and the provider has refused all of them, ends the request. The caller holds the lock.
+// Called after an attempt. Puts the request into the waiting list until the next attempt is due. But if this was the
+// last attempt and the provider has refused all attempts, ends the request. The caller holds the lock.
 void resolver::await_answer(address_request* request)
 {
     if (!request->was_sent && request->attempts >= max_attempts_) {
@@ -115,7 +115,8 @@ ibat_stat_t resolver::take_reply(const ibat_arp_data_t& reply)
     const bool is_usable = reply.arp_operation == IBAT_ARP_REPLY && (reply.mask & usable_reply) == usable_reply;
     if (!is_usable || reply.src_ip == 0) {
         // The provider marks an answer as static if its address is the address of the port. An answer without an
-        // address is thus static if the port has no address any more. Its earlier own mapping is then out of date.
+        // address is thus static if the port has no address any more. The port's own mapping in the cache is then out
+        // of date.
         if (is_usable && reply.mask & IBAT_MASK_STATIC) cache_.forget_own(reply.gid, reply.local_port_num);
         ++counters_.ignored;
         return ibat_stat_error;
