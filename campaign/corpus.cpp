@@ -21,7 +21,7 @@ namespace
 
 using clock = std::chrono::steady_clock;
 
-constexpr size_t first_seeds = 10; // while the corpus has fewer plans, no plan is changed: plain seeds add plans
+constexpr size_t first_seeds = 10; // with fewer plans in the corpus, run_changed_plans() runs only plain seeds
 constexpr int most_changes = 4;    // largest number of changes to one copy of a plan
 constexpr size_t most_acts = 3000; // a plan with more acts takes too long, so it gets no more acts
 constexpr const char* no_edges = "these modules count no edges: cmake --preset edges && cmake --build --preset edges, "

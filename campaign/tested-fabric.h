@@ -24,13 +24,13 @@ struct run_options {
     std::string log_path;             // empty if no log is written
     std::string capture_path;         // empty if nothing is captured
     std::FILE* record_file = nullptr; // receives a recording; null if nothing is recorded
-    std::string command;              // that the recording names
+    std::string command;              // the recording contains this command
 };
 
 // The longest time from the end of a harmful act to the end of its effects.
 constexpr uint64_t harm_lasts_ticks = 500;
 
-// Notes when acts may make registrations fail: those of one host, or those of all hosts. See `harm` in plan.h.
+// Notes when acts may make the registrations of one host, or of all hosts, fail. See `harm` in plan.h.
 struct harm_watch {
     int running_acts = 0;
     uint64_t effects_end_tick = 0; // when the effects of the harmful acts that have ended are over
@@ -118,8 +118,8 @@ struct tested_fabric {
 void check_promptly(node& node, uint64_t act_tick);
 
 // Call it in a task of each host after a port of some host was cut off for good. Waits for two verifications. Then
-// checks that the host's records are right, and that the host finds another healthy host. If something else has
-// disturbed the host, checks nothing. Marks `act` as effective if the host finds another one.
+// checks that the host's records are right, and that the host finds another healthy host, if there is one. If something
+// else has disturbed the host, checks nothing. Marks `act` as effective if the host finds that other host.
 void check_in_spite_of_cuts(node& node, const act& act);
 
 // The closing phase of a run. Ends every fault that can end. Checks all records and lookups, and that unloading all

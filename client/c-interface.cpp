@@ -1,4 +1,5 @@
-// Implements client/ats/client.h. Each function checks its arguments, calls class client, and catches all exceptions.
+// Implements client/ats/client.h. Each function checks its arguments and calls class client. No exception leaves a
+// function.
 #include <bit>
 #include <cstddef>
 #include <cstdlib>

@@ -33,7 +33,7 @@ class connection
     static constexpr std::chrono::milliseconds late_after{1000}, lost_after{20000};
     static constexpr size_t most_in_flight = 65536;
 
-    // Opens the first active port. Throws std::runtime_error without one.
+    // Opens the first active port. Throws std::runtime_error if there is none, or if it cannot be used.
     connection();
     ~connection();
     connection(const connection&) = delete;

@@ -29,8 +29,8 @@ struct family {
     std::vector<sample> samples = {};
 };
 
-// Collects the current values of all metrics. It reads ports, which may sleep. Any thread that is not a task of a
-// machine may call it, also several threads at the same time.
+// Collects the current values of all metrics. Reads ports, and may therefore sleep. Any thread that is not a task of a
+// machine may call this function, also several threads at the same time.
 std::vector<family> collect(cli::running_hosts& hosts);
 
 // Formats the HELP line, the TYPE line and the samples of each family. Leaves out families without samples. Pure.

@@ -1,6 +1,6 @@
 // Checks the records of a host at the SA before the host's modules are loaded, and after they are unloaded. The service
-// asks the SA itself, through the host's ports. Only one thread at a time, which is not a task of a machine, may call
-// these functions for a host.
+// asks the SA itself, through the host's ports. Only one thread at a time may call these functions for a host. This
+// thread must not be a task of a machine.
 #pragma once
 
 #include <string>

@@ -23,7 +23,7 @@ using deadline_map = std::multimap<uint64_t, fiber_task*>;
 enum class task_state {
     ready,     // in a queue of ready tasks, or running
     parked,    // waits for a wake-up or for its deadline
-    spinning,  // in relax(): waits until another task has run
+    spinning,  // in relax(): waits until another task has run or the clock has advanced
     ended,     // waits for join() to free it
     abandoned, // enter() has thrown `stalled`; the task never continues
 };

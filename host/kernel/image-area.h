@@ -53,7 +53,8 @@ class shared_code
 class image_area
 {
   public:
-    // Makes an area without images. Fails (no_memory) when a limit of the process is reached.
+    // Makes an area without images. Fails (no_memory) when a limit of the process is reached, or when the table of all
+    // areas is full.
     static ats::result<image_area*> make(const shared_code& code);
 
     const image_template& source() const { return code_.source(); }

@@ -25,11 +25,11 @@ class inter_module_registry
     // Removes an entry. Panics if the name is unknown or if references taken with get() remain.
     void withdraw(const std::string& name);
 
-    // Returns the pointer with that name and takes a reference on its owner. The caller returns the reference with
+    // Returns the pointer with that name and takes a reference on its owner. The caller gives the reference back with
     // put(). Returns null, without a reference, if there is no such name or its owner is being unloaded.
     const void* get(const std::string& name);
 
-    // Returns one reference that get() has taken. Panics if there is none.
+    // Gives back one reference that get() has taken. Panics if there is none.
     void put(const std::string& name);
 
     std::vector<std::string> names() const;

@@ -55,7 +55,7 @@ class loader
     // null while the module is starting or unloading, because its variables may not be usable then.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
-    // hold() takes a reference on a module, release() returns it. rmmod() fails while there are references. hold()
+    // hold() takes a reference on a module, release() gives it back. rmmod() fails while there are references. hold()
     // returns false if the module is not loaded or is being unloaded. A null `owner` means the kernel itself, which is
     // never unloaded. Any context.
     bool hold(const kernel_module_t* owner);

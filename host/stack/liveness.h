@@ -11,7 +11,7 @@
 namespace stack
 {
 
-// Call it from one thread outside of the machine. The machine must outlive it. No call waits for a task.
+// Use an object from one thread outside of the machine. The machine must outlive the object. No call waits for a task.
 class liveness
 {
   public:

@@ -51,11 +51,11 @@ KERNEL_API void inter_module_register(const char* name, kernel_module_t* owner, 
 // not sleep.
 KERNEL_API void inter_module_unregister(const char* name);
 
-// Returns the pointer that is published under `name`, and takes a reference on its owner. The caller returns the
-// reference with inter_module_put. Returns null, and takes no reference, if the name is not published or if the owner
-// is being unloaded. Does not sleep.
+// Returns the pointer that is published under `name`, and takes a reference on its owner. The caller gives the
+// reference back with inter_module_put. Returns null, and takes no reference, if the name is not published or if the
+// owner is being unloaded. Does not sleep.
 KERNEL_API const void* inter_module_get(const char* name);
 
-// Returns one reference that inter_module_get(name) has taken. It is a hard error if there is no such reference. Does
-// not sleep.
+// Gives back one reference that inter_module_get(name) has taken. It is a hard error if there is no such reference.
+// Does not sleep.
 KERNEL_API void inter_module_put(const char* name);

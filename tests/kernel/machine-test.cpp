@@ -43,7 +43,7 @@ TEST(memory, is_listed_and_reported_as_a_leak_unless_it_is_freed)
     EXPECT_DEATH(world.run(free_twice), "kfree: .* is not memory of this machine, or was freed before");
 }
 
-// Freed blocks are used again for others of about their size, and blocks are found by their address.
+// Freed blocks are used again for new blocks of about the same size, and blocks are found by their address.
 TEST(memory, keeps_every_byte_of_blocks_of_all_sizes)
 {
     kernel::memory_account memory;

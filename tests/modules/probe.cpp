@@ -20,8 +20,8 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-int32_t forget =
-    0; // what the module leaves behind: 1 its published name, 2 all resources of the stack, 3 its /proc entry
+// What the module leaves behind: 1 its published name, 2 all resources of the stack, 3 its /proc entry.
+int32_t forget = 0;
 std::atomic<int32_t> logger_level{-1};
 
 const module_parameter_t parameters[] = {
@@ -132,7 +132,7 @@ MODULE_EXPORT __attribute__((destructor)) void probe_destruct()
     if (at_end) at_end();
 }
 
-// Returns how often the constructor ran. The destructor will call `function`.
+// Returns how often the constructor of this image has run. The destructor of the image will call `function`.
 MODULE_EXPORT int probe_begin(void (*function)())
 {
     at_end = function;

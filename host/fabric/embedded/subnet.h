@@ -116,9 +116,9 @@ class subnet
     // The fabric task, for a watchdog.
     fabric::fabric_task task();
 
-    // Sets limits for the speed of the SA, or removes them (nullopt). The SA then serves a request, and sends the
-    // answer, at the end of the request's service time. Requests that already wait are still served. The counts in
-    // sa_queue_counts() start at zero again.
+    // Sets limits for the speed of the SA, or removes them (nullopt). With limits, the SA serves a request, and sends
+    // the answer, at the end of the request's service time. Requests that already wait when the limits change are still
+    // served. The counts in sa_queue_counts() start at zero again.
     void set_sa_limits(const std::optional<sa_limits>& limits);
     embedded::sa_queue_counts sa_queue_counts() const; // all zero without limits
 
