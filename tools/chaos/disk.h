@@ -29,6 +29,7 @@ class disk
     void empty();
 
     const std::string& folder() const { return folder_; }
+    bool is_small() const { return is_small_; }
     bool was_full() const { return was_full_; } // fill() has used all space at least once
 
   private:

@@ -1,7 +1,6 @@
 #include "tools/chaos/host.h"
 
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -13,11 +12,21 @@ namespace chaos
 namespace
 {
 
+// The service tries to write its metrics every 15 seconds.
+constexpr auto longest_metrics_period = 40s;
+
 std::string text_of(const std::string& path)
 {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
+}
+
+// The time of a file that may be missing.
+std::filesystem::file_time_type time_of(const std::string& path)
+{
+    std::error_code error;
+    return std::filesystem::last_write_time(path, error);
 }
 
 } // namespace
@@ -59,6 +68,7 @@ void host::start()
     known_addresses_.insert(last_address_);
     has_open_orders_ = false;
     first_resource_use_.reset();
+    old_metrics_.reset();
     write_configuration();
     recording_ = records_ + "/" + name() + "-" + std::to_string(++starts_) + ".jsonl";
     std::vector<std::string> arguments = {
@@ -156,6 +166,41 @@ void host::repeat_orders()
     has_open_orders_ = false;
     order("set-address", last_address_, addresses_);
     order("set-name", last_name_, names_);
+}
+
+void host::fill_disk()
+{
+    disk_.fill();
+}
+
+void host::make_room()
+{
+    const bool must_complain = disk_.is_small() && is_running_;
+    const auto has_noticed = [&] { return complains_of_disk() || has_ended_by_itself(); };
+    if (must_complain && !fabric_tools::wait_until(has_noticed, longest_metrics_period))
+        throw failure{name() + " does not notice that its disk is full", "a message that its metrics are not written",
+                      output()};
+    if (must_complain) old_metrics_ = time_of(metrics_path());
+    disk_.empty();
+}
+
+// Returns true if the last message about the metrics is that they cannot be written.
+bool host::complains_of_disk() const
+{
+    const std::string messages = output();
+    const size_t complaint = messages.rfind("the metrics file is not written, it is tried again");
+    const size_t relief = messages.rfind("the metrics file is not written: this is over");
+    return complaint != std::string::npos && (relief == std::string::npos || relief < complaint);
+}
+
+bool host::lacks_metrics() const
+{
+    if (!old_metrics_) return false;
+    if (complains_of_disk() || time_of(metrics_path()) == *old_metrics_) return true;
+    std::istringstream lines(text_of(metrics_path()));
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with("ats_registered{") && line.ends_with("} 1")) return false;
+    return true;
 }
 
 resources host::resource_use() const

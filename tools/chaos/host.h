@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <set>
@@ -56,6 +57,14 @@ class host
     void reload(int number); // changes address and name in the configuration file, and sends SIGHUP
     void repeat_orders();
 
+    // Takes all space on the disk, or returns it. make_room() first waits until the running service has missed the
+    // space, and throws failure if it does not notice the full disk.
+    void fill_disk();
+    void make_room();
+
+    // True after make_room() until the service has written its metrics again, with its registration.
+    bool lacks_metrics() const;
+
     // Runs `ats COMMAND --json` as a client of this host; see fabric_tools::ask_service().
     json ask(std::vector<std::string> command) const;
     resources resource_use() const;
@@ -63,7 +72,6 @@ class host
     int number() const { return number_; }
     std::string name() const { return fabric_tools::node_name(number_); }
     const std::string& gid() const { return gid_; }
-    chaos::disk& disk() { return disk_; }
     bool is_running() const { return is_running_; }
     bool is_paused() const { return is_paused_; }
     bool has_open_orders() const { return has_open_orders_; }
@@ -90,6 +98,8 @@ class host
     std::string address(int number) const;
     std::string new_name(int number) const;
     uint64_t last_recorded_tick() const;
+    std::string metrics_path() const { return disk_.folder() + "/ats.prom"; }
+    bool complains_of_disk() const;
 
     fabric_tools::ibsim_fabric& net_;
     const int number_;
@@ -104,6 +114,7 @@ class host
     std::set<std::string> known_addresses_;
     std::string last_address_, last_name_; // from the last order, or from the configuration
     std::optional<resources> first_resource_use_;
+    std::optional<std::filesystem::file_time_type> old_metrics_; // their time when the disk got space again
 };
 
 // Something that must be true after a round, but is not. Thrown as an exception.

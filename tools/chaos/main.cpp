@@ -84,16 +84,17 @@ void show(const figures& figures, double minutes)
     for (const auto& [kind, count] : figures.acts) std::printf("%6d  %s\n", count, name_of(kind));
 }
 
+// `recording` is the one of the host that the failure names.
 void show(const failure& failure, const plan& plan, size_t round_number, const std::string& act,
-          const settings& settings)
+          const std::string& recording, const settings& settings)
 {
     std::printf("FAILED: seed %llu, round %zu, after: %s\n  %s\n  expected: %s\n  actual:   %s\n",
                 static_cast<unsigned long long>(plan.seed), round_number, act.c_str(), failure.text.c_str(),
                 failure.expected.c_str(), failure.actual.c_str());
     std::printf(
-        "Run it again: ats-chaos --seed %llu --rounds %zu\nIts recordings and logs are in %s. Draw one: ats replay "
-        "%s/node1-1.jsonl --html node1.html\n",
-        static_cast<unsigned long long>(plan.seed), round_number, settings.folder.c_str(), settings.folder.c_str());
+        "Run it again: ats-chaos --seed %llu --rounds %zu\nIts recordings and logs are in %s. Draw this one first: ats "
+        "replay %s --html failure.html\n",
+        static_cast<unsigned long long>(plan.seed), round_number, settings.folder.c_str(), recording.c_str());
 }
 
 int carry_out(const plan& plan, const settings& settings)
@@ -123,7 +124,7 @@ int carry_out(const plan& plan, const settings& settings)
     } catch (const failure& failure) {
         std::printf("\n");
         run.keep_logs(failure);
-        show(failure, plan, number, run.current_act(), settings);
+        show(failure, plan, number, run.current_act(), run.recording_of(failure), settings);
         return exit_failed;
     }
     show(run.counts(), minutes());

@@ -141,7 +141,7 @@ void run::act_on_host(const act& act)
         host.reload(act.number);
         break;
     case act_kind::fill_disk:
-        host.disk().fill();
+        host.fill_disk();
         ends_later = true;
         break;
     default:
@@ -152,6 +152,9 @@ void run::act_on_host(const act& act)
 
 void run::heal(const round& round)
 {
+    // A full disk ends last: a service that is paused does not notice it.
+    std::stable_partition(faults_.begin(), faults_.end(),
+                          [](const act& act) { return act.kind != act_kind::fill_disk; });
     for (const act& act : faults_) {
         note(act, "end");
         switch (act.kind) {
@@ -165,7 +168,7 @@ void run::heal(const round& round)
             net_.lose(host_of(act).name(), 0);
             break;
         case act_kind::fill_disk:
-            host_of(act).disk().empty();
+            host_of(act).make_room();
             break;
         case act_kind::pause_sm:
             sms_.resume();
@@ -212,6 +215,13 @@ void run::keep_logs(const std::optional<failure>& failure)
         if (name == "ibsim.out" || name.ends_with(".toml")) keep(entry.path(), name);
         if (name == "host.pcap") keep(entry.path(), folder + ".pcap");
     }
+}
+
+const std::string& run::recording_of(const failure& failure) const
+{
+    const auto is_named = [&](const auto& host) { return failure.text.find(host->name()) != std::string::npos; };
+    const auto named = std::ranges::find_if(hosts_, is_named);
+    return (named == hosts_.end() ? hosts_.front() : *named)->recording();
 }
 
 // Inserts the acts, at their times, into the recording of the host's last process.

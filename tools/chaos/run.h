@@ -50,6 +50,9 @@ class run
     const figures& counts() const { return figures_; }
     std::string current_act() const { return current_act_; }
 
+    // The recording of the host that the failure names, or of the first host.
+    const std::string& recording_of(const failure& failure) const;
+
     // Copies the logs of all programs to the folder of the recordings. Adds the acts, and `failure` if there is one, to
     // the recordings.
     void keep_logs(const std::optional<failure>& failure);
@@ -78,6 +81,7 @@ class run
     void settle();
     std::optional<failure> first_fault();
     std::optional<failure> fault_of_process(host& host) const;
+    std::optional<failure> fault_of_disk(const host& host) const;
     std::optional<failure> fault_of_registration(host& host, const record_map& records) const;
     std::optional<failure> fault_of_lookups(host& host, const record_map& records);
     std::optional<record_map> read_records();

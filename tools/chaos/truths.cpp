@@ -133,6 +133,8 @@ std::optional<failure> run::first_fault()
         if (const auto fault = fault_of_registration(*each, *records)) return fault;
     for (const auto& each : hosts_)
         if (const auto fault = each->is_running() ? fault_of_lookups(*each, *records) : std::nullopt) return fault;
+    for (const auto& each : hosts_)
+        if (const auto fault = each->is_running() ? fault_of_disk(*each) : std::nullopt) return fault;
     return std::nullopt;
 }
 
@@ -147,6 +149,14 @@ std::optional<failure> run::fault_of_process(host& host) const
         return failure{host.name() + " leaks memory", "about " + std::to_string(before.resident_kib) + " KiB",
                        std::to_string(now.resident_kib) + " KiB"};
     return std::nullopt;
+}
+
+// What could not be written must be written when there is space again.
+std::optional<failure> run::fault_of_disk(const host& host) const
+{
+    if (!host.lacks_metrics()) return std::nullopt;
+    return failure{host.name() + "'s disk has space again, but its metrics are not up to date",
+                   "a new file that shows the registration", host.output()};
 }
 
 void run::note_silence()
