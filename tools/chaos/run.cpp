@@ -224,7 +224,8 @@ const std::string& run::recording_of(const failure& failure) const
     return (named == hosts_.end() ? hosts_.front() : *named)->recording();
 }
 
-// Inserts the acts, at their times, into the recording of the host's last process.
+// Inserts the acts, at their times, into the recording of the host's last process. A process that still runs continues
+// to write its file, so a new file takes the place of the old one.
 void run::annotate(const host& host, const std::optional<failure>& failure) const
 {
     std::multimap<uint64_t, std::string> additions;
@@ -261,7 +262,9 @@ void run::annotate(const host& host, const std::optional<failure>& failure) cons
         all << line << "\n";
     }
     for (const auto& [tick, line] : additions) all << line << "\n";
-    std::ofstream(host.recording()) << all.str();
+    const std::string draft = host.recording() + ".new";
+    std::ofstream(draft) << all.str();
+    std::filesystem::rename(draft, host.recording());
 }
 
 } // namespace chaos
