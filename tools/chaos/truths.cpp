@@ -17,7 +17,17 @@ constexpr auto patience_of_administrator = 15s; // then settle() repeats orders 
 // If no fault is active, and for this time the SA does not answer or the SM sweeps, settle() replaces the SM.
 constexpr auto longest_silence = 20s;
 constexpr long most_new_descriptors = 4;
-constexpr long most_new_kib = 16L * 1024;
+
+#ifndef __has_feature
+#define __has_feature(name) 0
+#endif
+// The address sanitizer keeps freed memory.
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+constexpr long most_kept_kib = 256L * 1024;
+#else
+constexpr long most_kept_kib = 0;
+#endif
+constexpr long most_new_kib = 16L * 1024 + most_kept_kib;
 
 std::string join(const std::set<std::string>& texts, const char* last = " or ")
 {
