@@ -50,7 +50,7 @@ function showSummary() {
   const all = recording.datagrams.size + recording.events.filter(event => event.e === "refused").length;
   const last = recording.events[recording.events.length - 1];
   const hostCount = recording.hosts.length;
-  const parts = [filter.hiddenHosts.size ? `${hostCount - filter.hiddenHosts.size} of ${hostCount} hosts` : `${hostCount} hosts`, `${formatLength(last ? last.t : 0)}`,
+  const parts = [filter.hiddenHosts.size ? `${hostCount - filter.hiddenHosts.size} of ${hostCount} hosts` : `${hostCount} ${hostCount === 1 ? "host" : "hosts"}`, `${formatLength(last ? last.t : 0)}`,
                  shown === all ? `${formatNumber(all)} datagrams` : `${formatNumber(shown)} of ${formatNumber(all)} datagrams`];
   if (about.planned_acts !== undefined) parts.push(about.acts === about.planned_acts ? `${about.acts} acts` : `${about.acts} of ${about.planned_acts} acts`);
   if (about.trace_levels) parts.push(traceText());
