@@ -236,6 +236,19 @@ TEST(calls_of_the_kernel_and_the_stack, let_other_tasks_run)
             << name;
 }
 
+TEST(service_tasks, end_with_their_machine)
+{
+    const std::unique_ptr<exec::simulation> sim = exec::make_simulation();
+    plugged_fake fake;
+    {
+        kernel::machine host(*sim, "node1");
+        host.plug(fake.hca);
+        host.enter("test", [&] { stack::boot(host); });
+        EXPECT_EQ(sim->tasks().size(), 4u);
+    }
+    EXPECT_EQ(sim->tasks().size(), 0u);
+}
+
 TEST(liveness, names_the_tasks_that_hang_and_no_others)
 {
     machine_with_fake world;

@@ -271,6 +271,15 @@ TEST(gsi, compares_each_field_of_a_registration_with_the_record_of_the_sa)
             EXPECT_EQ(state_after(99, own, status_word(SA_STATUS_NO_RECORDS)), state);
             EXPECT_EQ(state_after(99, own), confirmed) << "the answer to a lookup of this host";
         }
+        world.hca.accepts = false;
+        gsi_dtgrm_t* datagram = client.make();
+        sa_mad_v2_t other = test::request(MAD_METHOD_SET, 0, own);
+        other.hdr.attrib_id = SA_ATTR_PATH_RECORD; // not a registration
+        memcpy(datagram->mad, &other, MAD_SIZE);
+        EXPECT_LT(gsi_post_send_dtgrm(client.classes[0], datagram, nullptr), 0);
+        gsi_dtgrm_pool_put(datagram);
+        EXPECT_EQ(world.host.get<stack::gsi>().registrations().at(0).record.state, confirmed);
+        world.hca.accepts = true;
         ask(MAD_METHOD_DELETE);
         ask(MAD_METHOD_GET);
         EXPECT_EQ(state_after(99, own, 1), confirmed);

@@ -4,6 +4,7 @@
 #include <shared_mutex>
 
 #include "host/kernel/module-image.h"
+#include "host/stack/boot.h"
 #include "host/stack/gsi-service.h"
 #include "host/stack/hca-events.h"
 #include "host/stack/liveness.h"
@@ -166,6 +167,7 @@ TEST_F(threads, share_all_services_of_a_machine)
         }
     };
     std::vector<exec::task*> tasks;
+    host.enter("boot", [&] { stack::boot(host); });
     for (size_t user = 0; user < 3; ++user)
         tasks.push_back(&host.start("user", [&, user] {
             for (size_t i = 0; i < rounds; ++i) uses[(i + user) % std::size(uses)](user);

@@ -207,6 +207,8 @@ TEST_F(timers_test, misuse_is_a_hard_error)
         add_timing(&timer);
     };
     EXPECT_DEATH(machine.run(arm_without_function), "add_timing: the timer has no function");
+    EXPECT_DEATH(run(true, [](timing_t& self) { del_timing_sync(&self); }),
+                 "del_timing_sync may sleep, and is called in the timer context");
     EXPECT_DEATH(run(true, [](timing_t&) { schedule_timeout_uninterruptible(1); }),
                  "schedule_timeout_uninterruptible may sleep, and is called in the timer context");
     EXPECT_DEATH(run(true, [](timing_t& self) { move(self, 1000); }),
