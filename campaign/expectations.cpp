@@ -106,7 +106,7 @@ struct findings {
 // The HCAs whose records examine() compares.
 enum class scope {
     healthy_hcas,  // HCAs without a port that was cut off for good
-    healthy_ports, // HCAs whose active port was not cut off
+    healthy_ports, // HCAs whose active port was not cut off for good
 };
 
 // Compares the host's own report with the links, and with the SA's records of the HCAs in `scope`. Call it in a task of
@@ -331,8 +331,9 @@ void shut_down(tested_fabric& fabric)
     }
 }
 
-// Checks that every question that is still open was answered, and that no question that was settled at once was
-// answered again. Counts the answers as effects of the acts that asked.
+// Checks that every question whose call returned ibat_stat_pending was answered, unless it was cancelled (is_closed),
+// and that no question whose call returned the answer was answered again. If a call that asks the service directly has
+// failed, the question may still be answered. Counts the answers as effects of the acts that asked.
 void settle_questions(tested_fabric& fabric)
 {
     for (node& node : fabric.nodes)
@@ -347,7 +348,7 @@ void settle_questions(tested_fabric& fabric)
         }
 }
 
-// Returns true if nothing but the act at `act_tick` has disturbed the host recently.
+// Returns true if ats is loaded, and nothing but the act at `act_tick` has disturbed the host recently.
 bool is_undisturbed(node& node, uint64_t act_tick)
 {
     // Two verifications repair the effects of faults. If the host had time for two verifications before the act, only

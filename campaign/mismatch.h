@@ -6,7 +6,7 @@
 namespace campaign
 {
 
-// Both are empty if the text of the fault contains them.
+// Both members are empty if the text of the fault contains the two states.
 struct mismatch {
     std::string expected;
     std::string actual;

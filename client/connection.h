@@ -57,7 +57,7 @@ class connection
     // is no whole line. `line` is valid until the next take_bytes().
     bool next_line(std::string_view& line);
 
-    // Returns true if the input begins with more bytes without a line end than a line may have.
+    // Call it when next_line() has found no whole line. Returns true if the input is longer than a line may be.
     bool has_endless_line() const { return input_.size() - read_bytes_ > longest_line; }
 
   private:

@@ -23,10 +23,10 @@ class line_limit
     // `advice` is the end of the warning about omitted lines.
     explicit line_limit(std::string advice) : advice_(std::move(advice)) {}
 
-    // Decides if the caller may print a line at the time `now_ms`, which must not decrease from call to call. If the
-    // result is std::nullopt, the caller must omit the line. Otherwise the caller first prints the lines in the result,
-    // then its own line. The result has no line, or one warning with the number of lines that were omitted before. The
-    // warning belongs to `part` of the service (ATS_PART).
+    // Decides whether the caller may print a line at the time `now_ms`, which must not decrease from call to call. If
+    // the result is std::nullopt, the caller must omit the line. Otherwise the caller first prints the lines in the
+    // result, then its own line. The result has no line, or one warning with the number of lines that were omitted
+    // before. The warning belongs to `part` of the service (ATS_PART).
     std::optional<std::vector<notice>> admit(uint64_t now_ms, const std::string& part)
     {
         if (!start_ms_ || now_ms >= *start_ms_ + period_ms) {

@@ -27,9 +27,10 @@ struct cut_recording {
     std::optional<window> shown_window; // empty if nothing was removed
 };
 
-// Removes datagrams, handled events, log lines and tables outside of the window. All other events stay, because the
-// states at the beginning of the window result from them. Ignores an incomplete last line, because the run may have
-// been killed. Fails (invalid) if the text is not a recording of this version; the error names the line.
+// Removes datagrams, handled events, log lines and tables (see docs/recording.md) outside of the window. All other
+// events stay, because the states at the beginning of the window result from them. Ignores an incomplete last line,
+// because the run may have been killed. Fails (invalid) if the text is not a recording of this version; the error names
+// the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

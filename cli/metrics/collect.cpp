@@ -77,7 +77,7 @@ class collection
         add(name, std::move(labels), static_cast<double>(counter.load(std::memory_order_relaxed)));
     }
 
-    // The value of the last label in a sample, and the value of the sample.
+    // A sample for add_parts(): the value of its last label, and the value of the sample itself.
     struct part {
         const char* word;
         uint64_t value;

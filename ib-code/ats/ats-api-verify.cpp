@@ -19,8 +19,8 @@ constexpr unsigned long off_ticks = 60 * HZ; // while verification is off, the t
 constexpr size_t ipaddr_text_size = 30;
 constexpr int64_t skew_divisor = int64_t{100} * 255; // 100 percent times the largest random byte
 
-// Returns the tick of the next check. It comes after one period plus a random part of the skew, which is a percentage
-// of the period. The random part spreads the checks of many hosts over time.
+// Returns the tick of the next check. The check comes after one period plus a random part of the skew, which is a
+// percentage of the period. The random part spreads the checks of many hosts over time.
 unsigned long calc_verify_timeout()
 {
     uint8_t random;

@@ -96,7 +96,8 @@ int ats_module_init()
 {
     zr_logger_init(registry_key, &ATS_trace_level, &ATS_log_rep_h);
     ATS_DEBUG("ats_attach_ibat is %d\n", ats_attach_ibat);
-    (void)module_version_init(module_name, module_version, version_tag); // if it fails, only its file is missing
+    // If this call fails, only the file "version" is missing.
+    (void)module_version_init(module_name, module_version, version_tag);
     ats_n_hcas = ats_get_hcas_names();
     ATS_DEBUG("ats_module_init - got %d hcas\n", ats_n_hcas);
 

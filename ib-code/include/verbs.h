@@ -129,7 +129,7 @@ struct kq_request_event_record_t {
     void* type; // unused for kq_async_even_all
 };
 
-// A subscriber's callback. The HCA's event thread calls it, for one event at a time. It may sleep.
+// A subscriber's callback. The HCA's event thread calls it, for one event at a time. The callback may sleep.
 using kq_async_event_fn_t = void (*)(kq_event_record_st event_record);
 
 // All calls below may sleep.

@@ -238,7 +238,7 @@ std::string ats_world::describe(const wire_request& request) const
 
 std::string ats_world::port_name(uint16_t lid) const
 {
-    // Do not call it from crossed(), where the subnet holds its lock.
+    // Do not call port_name() from crossed(), where the subnet holds its lock.
     for (const embedded::port_view& port : subnet.ports())
         if (port.lid == lid) return name_of(port);
     return "LID " + std::to_string(lid);

@@ -32,8 +32,8 @@ class sms
 
     bool is_empty() const { return members_.empty(); }
 
-    // Returns true if there is one master, any other SM is a standby, and no link change waits for a sweep. If an SM
-    // stays in another state, ibsim has lost an answer to it, and the SM hangs.
+    // Returns true if all SMs run, there is one master, any other SM is a standby, and no link change waits for a
+    // sweep. If an SM stays in another state, ibsim has lost an answer to it, and the SM hangs.
     bool are_quiet() const;
 
     // A record may stay at the SA after its host was killed, or was stopped while the SA could not be reached. keep()

@@ -39,8 +39,8 @@ struct path_request : request_base {
 class path_resolver
 {
   public:
-    // Call it before every other call. `event` becomes the callback for the events of the HCA. It must pass them to
-    // take_event().
+    // Call it before every other call. `event` becomes the callback for the events of the HCA. The callback must pass
+    // them to take_event().
     void prepare(const path_limits& limits, kq_async_event_fn_t event);
 
     // Ends every request with an error and frees everything. May sleep.

@@ -56,7 +56,7 @@ PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout
 {
     const std::string current_fault = fault();
     if (current_fault == "gone") return fail();
-    // If a program ends while an answer is on its way to it, ibsim fails. So the request is not sent.
+    // If a program ends while an answer to the program is on its way, ibsim fails. So the request is not sent.
     if (current_fault == "deaf") return 0;
     return real<decltype(umad_send)>("umad_send")(port, agent, umad, length, timeout_ms, retries);
 }
