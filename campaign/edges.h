@@ -1,5 +1,5 @@
-// Counts how often runs take each edge of the module's control flow. The preset `edges` builds modules into which the
-// compiler inserts calls for this. Each run is a separate process, so the counters are in shared memory.
+// Counts how often runs take each edge of the module's control flow. In a build with the preset `edges`, the compiler
+// inserts a call at each edge of the module. Each run is a separate process, so the counters are in shared memory.
 #pragma once
 
 #include <cstddef>

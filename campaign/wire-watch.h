@@ -1,6 +1,6 @@
 // Checks every datagram that a host sends. It must be one of the four requests of the module ats, or IBAT's request for
 // a path. Its header, component mask and record must be correct. The P_Key and the GID of a Set must be those of the
-// port that sends it.
+// port that sends the Set. Without disturbances, a Set must follow its Delete in the same tick.
 #pragma once
 
 #include <map>
@@ -24,8 +24,8 @@ class wire_watch final : public fabric::tap
   public:
     explicit wire_watch(tested_fabric& fabric) : fabric_(fabric) {}
 
-    // Notes the LIDs of the hosts' ports and opens the capture file. Call it once, when all hosts have their HCAs. If
-    // the path is empty, nothing is captured.
+    // Notes the LIDs of the hosts' ports and opens the capture file. Call begin() once, when all hosts have their HCAs.
+    // If the path is empty, nothing is captured.
     void begin(const std::string& capture_path);
 
     // Writes the buffered packets to the capture file. Returns the first error of the file.
@@ -47,7 +47,8 @@ class wire_watch final : public fabric::tap
         uint16_t p_key;
     };
 
-    // Each function returns the fault of a request; its text is empty if there is none.
+    // The functions that return a found_fault check a request. If it has no fault, the text of the found_fault is
+    // empty.
     found_fault fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
     found_fault fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
     found_fault fault_in_set(const port_entry& sender, const sa_mad_v2_t& mad,
@@ -58,7 +59,7 @@ class wire_watch final : public fabric::tap
     tested_fabric& fabric_;
     std::map<const exec::task*, uint64_t> requests_;     // number of requests of each task
     std::map<const exec::task*, uint64_t> delete_ticks_; // when each task sent its last Delete
-    std::vector<port_entry> ports_by_lid_;               // the first one has the LID first_lid
+    std::vector<port_entry> ports_by_lid_;               // the first port has LID 2, the second one LID 3, and so on
     std::unique_ptr<fabric::capture> capture_;
 };
 

@@ -1,5 +1,5 @@
-// Refuses the requests of programs (cli/acm/door.h) if the service cannot start. Without an answer, the programs would
-// wait for ever.
+// Refuses the requests of librdmacm programs (cli/acm/door.h) if the service cannot start. Without an answer, these
+// programs would wait for ever.
 #pragma once
 
 #include <vector>

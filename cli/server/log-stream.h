@@ -1,5 +1,5 @@
-// The answer to a "log" request. It reads the lines of a host's log only as fast as the client can receive them. The
-// log keeps a limited number of lines; lines that it drops before they are read are reported as a number.
+// The answer to a "log" request. Reads the lines of a host's log only as fast as the client can receive them. The log
+// keeps a limited number of lines. If the log drops lines before they are read, the answer says how many.
 #pragma once
 
 #include <functional>

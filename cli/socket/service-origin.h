@@ -12,14 +12,14 @@ namespace cli
 // unit.
 std::string origin_of_this_process();
 
-// Tells the user where the messages of the service on `socket_path` are: in the journal of its unit, or on its
-// terminal.
+// Returns a text that tells the user where the messages of the service on `socket_path` are: in the journal of its
+// unit, or on its terminal.
 std::string where_to_look(const std::string& socket_path);
 
-// Tells the user what to do if the service on `socket_path` does not react.
+// Returns a text that tells the user what to do if the service on `socket_path` does not react.
 std::string how_to_wake(const std::string& socket_path);
 
-// Tells the user what to do if no service listens on `socket_path`.
+// Returns a text that tells the user what to do if no service listens on `socket_path`.
 std::string how_to_start(const std::string& socket_path);
 
 // Returns the path of the lock file of a service on `socket_path`. The service holds a lock on this file.

@@ -1,5 +1,5 @@
-// The management datagram (MAD) that is common to all management classes (IBA volume 1, 13.4): 256 bytes, of which the
-// first 24 are the header.
+// The form that the management datagrams (MADs) of all classes have (IBA volume 1, 13.4): 256 bytes, of which the first
+// 24 are the header.
 #pragma once
 
 #include "ib-types.h"

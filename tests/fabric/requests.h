@@ -1,4 +1,4 @@
-// Builds requests to an SA and reads its answers. Also has a fabric::listener that records its calls.
+// Builds requests to an SA and reads its answers. Also has a fabric::listener that records what it is told.
 #pragma once
 
 #include <bit>

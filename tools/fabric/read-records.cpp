@@ -1,7 +1,8 @@
-// Asks the SA for the hosts' ServiceRecords of some GIDs. It sends one request for each GID, because ibsim cannot
-// deliver an answer that contains several records.
+// Asks the SA for the hosts' ServiceRecords of some GIDs. Sends one request for each GID, because ibsim cannot deliver
+// an answer that contains several records.
 //   read-records GID...
-// Prints "GID P_KEY ADDRESS NAME" for a record, and "GID STATUS" for an error other than "no records".
+// Prints "GID P_KEY ADDRESS NAME" for a record, and "GID STATUS" for an error other than "no records". Prints nothing
+// for a GID without a record. If the SA does not answer, ends with exit code 2.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>

@@ -114,7 +114,7 @@ void device::close()
 
 void device::close_port()
 {
-    poll_descriptor_ = -1; // poll() ignores -1, but returns at once for a closed or reused descriptor
+    poll_descriptor_ = -1; // poll() ignores -1, but not a descriptor that is closed or used for another file
     umad_close_port(descriptor_);
     descriptor_ = -1;
 }

@@ -16,7 +16,7 @@ class real_hca final : public fabric::hca
     real_hca(fabric_context& context, const hca_listing& hca);
 
     // Opens every InfiniBand port and starts its task. Fails if one of the ports cannot be opened. Throws a shortage if
-    // a task cannot be created. Call it once.
+    // a task cannot be created. Call open() once.
     ats::result<> open();
 
     const std::string& name() const override { return name_; }
