@@ -12,7 +12,8 @@ namespace
 
 constexpr std::string_view heading_end = ": ATS Ports Info";
 
-// Stores the value in `line` in `port`. `port` is the object of the port that the report named last.
+// Reads the value in `line` and stores it in `port`, the object of the port that the report named last. Ignores a line
+// without a known value.
 void read_port_line(const std::string& line, json& port)
 {
     char word[64];

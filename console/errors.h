@@ -15,7 +15,7 @@ enum exit_code : int {
     exit_ok = 0,
     exit_failed = 1,      // executed without success: not found, timed out, a step failed
     exit_usage = 2,       // the command line, an argument, a file or a folder is wrong
-    exit_unreachable = 3, // no service answers on the socket
+    exit_unreachable = 3, // no service answers on the socket, or the service cannot take the request
 };
 
 // Returns the exit code of a command that ends with an error of this kind.

@@ -16,7 +16,7 @@ namespace sa_load
 enum class request_kind : uint8_t { set, remove, get_by_address, get_by_gid, get_path };
 
 inline constexpr std::array all_kinds = {request_kind::set, request_kind::remove, request_kind::get_by_address,
-                                  request_kind::get_by_gid, request_kind::get_path};
+                                         request_kind::get_by_gid, request_kind::get_path};
 
 std::string name_of(request_kind kind);
 std::optional<request_kind> kind_named(const std::string& name);
@@ -25,7 +25,7 @@ std::optional<request_kind> kind_named(const std::string& name);
 // `destination`. The TransactionID is 0.
 //
 // A Set selects all components except the P_Key. With a P_Key, OpenSM refuses a Set if no port has the GID. Without a
-// P_Key, it does the same work and stores the record.
+// P_Key, OpenSM does the same work and stores the record.
 sa_mad_v2_t make_request(request_kind kind, uint32_t number, const kq_gid_t& source, const kq_gid_t& destination);
 
 } // namespace sa_load

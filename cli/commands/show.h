@@ -20,7 +20,8 @@ void show_output(std::ostream& output, const json& answer);           // for the
 void show_done(std::ostream& output, const json& answer);
 
 // Formats the status for a window of this size. The last line has no line end. If the whole status does not fit, each
-// port and each host gets one line. If there are still too many lines, the last line tells how many are hidden.
+// port and each host gets one line. If there are still too many lines, the last line tells how many are hidden. Lines
+// that are too long are cut.
 std::string fit_status(const json& answer, size_t columns, size_t lines);
 
 } // namespace cli

@@ -68,8 +68,8 @@ class lookups
     // Removes the questions of a connection from the queue, without a call of their `done`.
     void remove(const queue_place& place);
 
-    // thread_ passes one question after the other to the host. Returns the time at which it began with the present
-    // question. Returns nothing if it waits for questions. Any thread.
+    // thread_ passes one question after the other to the host. Returns the time at which thread_ began with its present
+    // question. Returns nothing if thread_ waits for questions. Any thread may call this.
     std::optional<std::chrono::steady_clock::time_point> question_start();
 
   private:
@@ -107,14 +107,15 @@ class host_lookups
 {
   public:
     // at() returns the lookups of a host; the first call for a host creates them. remove() removes the questions of a
-    // connection from the queues of all hosts. Only the loop's thread may make these two calls.
+    // connection from the queues of all hosts. Only the thread of the event loop (the loop's thread) may make these two
+    // calls.
     lookups& at(kernel::machine& machine, lookup_statistics& statistics);
     void remove(const queue_place& place);
 
     // Stops the lookups of all hosts. The loop's thread must not call at() and remove() any more.
     void stop();
 
-    // Returns the names of the hosts whose thread began with its present question before `time`. Any thread.
+    // Returns the names of the hosts whose lookups::question_start() is before `time`. Any thread.
     std::vector<std::string> stuck_since(std::chrono::steady_clock::time_point time);
 
   private:

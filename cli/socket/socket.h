@@ -21,8 +21,8 @@ using client::descriptor;
 class path_lock
 {
   public:
-    // Creates and locks the file. Fails if another process holds the lock, or if the file cannot be created. Error
-    // texts name `option`, the command-line option that sets the path.
+    // Creates and locks the file. Fails if another process holds the lock, or if the file cannot be created or written.
+    // Error texts name `option`, the command-line option that sets the path.
     static ats::result<path_lock> acquire(const std::string& path, const std::string& option = "--socket");
 
     ~path_lock();

@@ -20,7 +20,7 @@ constexpr size_t shelf_step = 64;   // shelf n keeps freed blocks with room for 
 constexpr size_t first_buckets = 16;
 
 // The largest number of freed blocks on a shelf. The address sanitizer reports the use of a freed block only if the
-// block was really freed_block. Therefore the shelves stay empty under this sanitizer.
+// block was really given back to malloc(). Therefore the shelves stay empty under this sanitizer.
 #ifdef __SANITIZE_ADDRESS__
 constexpr size_t shelf_capacity = 0;
 #else

@@ -1,6 +1,6 @@
-// The memory that kmalloc allocates on one machine. Counts the blocks and lists those that were not freed. A freed
-// block is kept and used again for a block of about the same size. A task that repeats its work therefore soon needs no
-// further memory from malloc().
+// The memory that kmalloc allocates on one machine. Counts the blocks and lists those that were not freed. A limited
+// number of small freed blocks is kept and used again for blocks of about the same size. A task that repeats its work
+// with small blocks therefore soon needs no further memory from malloc().
 #pragma once
 
 #include <array>

@@ -25,7 +25,7 @@ constexpr auto ibat_stat_refused = static_cast<ibat_stat_t>(-259); // the SA ref
 //
 // The callback runs without a lock, in a task that may sleep. It may call every function of this file, but must not
 // cancel itself with ibat_cancel_path_fn. The status in the callback is ibat_stat_ok, ibat_stat_no_path,
-// ibat_stat_refused, ibat_stat_timeout (no attempt was answered), ibat_stat_no_port (the port went down) or
+// ibat_stat_refused, ibat_stat_timeout (no attempt got a final answer), ibat_stat_no_port (the port went down) or
 // ibat_stat_error (no attempt could be sent, or IBAT is being unloaded). The record in the callback is never null and
 // always has the GID.
 using ibat_get_path_fn_t = ibat_stat_t (*)(const kq_gid_t* gid, ibat_arp_data_t* arp_data,
@@ -51,7 +51,7 @@ struct ibat_path_counters_t {
     uint64_t refused;  // attempts of either kind that GSI did not send
     uint64_t answers;  // answers with a path
     uint64_t absences; // answers with the status that there is no such path
-    uint64_t errors;   // answers with another error, including "busy"
+    uint64_t errors;   // answers with another error, including "busy", and answers without a usable path
     uint64_t strays;   // answers to no pending attempt: late ones and duplicates
     uint64_t timeouts; // requests given up after the last attempt; counted once for all callers
     uint64_t drops;    // paths dropped by an event, a flush, a forget, or when an address moved to another GID

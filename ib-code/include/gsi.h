@@ -64,7 +64,8 @@ KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq
 // Joins a class on one port, for which another client may be registered. The joining client gets only the answers to
 // its own requests. It writes a TransactionID into each datagram. GSI keeps the low 24 bits and replaces the high bits.
 // The low 24 bits must differ between the client's requests in flight. An answer has the TransactionID of its request,
-// so the client recognises the request. The arguments and results are those of gsi_register_class. May sleep.
+// so the client recognises the request. Fails if 127 clients have joined the class on this port already. The arguments
+// and the result are otherwise those of gsi_register_class. May sleep.
 constexpr uint64_t gsi_joined_transaction_bits = 0xFFFFFF;
 KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                               gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,

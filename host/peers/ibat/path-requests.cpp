@@ -30,8 +30,8 @@ bool is_temporary(uint16_t status)
 
 // ---- requests ----
 
-// Adds the caller to the request for the path. Makes and sends this request if there is none. Before that, answers from
-// the cache if `arp_data` is not null.
+// If `arp_data` is not null, first tries to answer from the cache. Otherwise adds the caller to the request for the
+// path, and makes and sends this request if there is none.
 ibat_stat_t path_resolver::ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                                void* context)
 {
@@ -121,7 +121,7 @@ void path_resolver::invalidate_attempt(path_request* request)
 }
 
 // Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
-// last attempt and none could be sent, ends the request. The caller holds the lock.
+// last attempt and no attempt could be sent, ends the request. The caller holds the lock.
 void path_resolver::await_answer(path_request* request)
 {
     if (!request->was_sent && request->attempts >= limits_.attempts) {
@@ -143,8 +143,8 @@ void path_resolver::retry_due()
 }
 
 // Looks for a request whose deadline has come and that has an attempt left. If there is one, stores its GID and ID and
-// returns true. The caller then sends its next attempt. Requests whose deadline has come without an attempt left are
-// ended.
+// returns true. The caller then sends the next attempt of this request. Ends requests whose deadline has come and that
+// have no attempt left.
 bool path_resolver::next_due(kq_gid_t* gid, uint64_t* request_id)
 {
     spin_guard guard(&lock_);
