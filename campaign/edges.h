@@ -21,7 +21,7 @@ class edge_counters
     edge_counters(const edge_counters&) = delete;
     edge_counters& operator=(const edge_counters&) = delete;
 
-    // Sets all counters to zero. Call it only while no run is active.
+    // Sets all counters to zero. Call clear() only while no run is active.
     void clear();
 
     // Returns the number of edges in the module, or 0 if no run has loaded a module that counts edges.

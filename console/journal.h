@@ -29,8 +29,8 @@ struct notice {
 std::vector<std::string> journal_fields(const notice& notice);
 
 // Starts a thread that writes all later lines. print() and print_limited() then do not hang if the journal or the
-// reader of stderr hangs. Programs that run for long call it once. The thread ends with the program. Throws
-// exec::shortage if the thread cannot be created.
+// reader of stderr hangs. Programs that run for long call start_line_writer() once. The thread ends with the program.
+// Throws exec::shortage if the thread cannot be created.
 void start_line_writer();
 
 // Prints the line on stderr as "ats: TEXT". If stderr is systemd's journal, the line becomes an entry with fields; a
@@ -38,8 +38,8 @@ void start_line_writer();
 // start_line_writer() it waits for at most a second. Any thread.
 void print(const notice& notice);
 
-// Prints the line like print(), within the limit of line-limit.h. It only counts lines beyond the limit. Before the
-// next printed line, it prints a warning with their number. After start_line_writer() it does not wait. Any thread.
+// Prints the line like print(), within the limit of line-limit.h. Lines beyond the limit are only counted; before the
+// next printed line, a warning with their number is printed. After start_line_writer(), does not wait. Any thread.
 void print_limited(const notice& notice);
 
 // Prints the line on stdout, and waits like print(). Returns false if the write has failed. If the line is still not

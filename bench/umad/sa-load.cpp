@@ -1,11 +1,11 @@
 // Measures how many requests an SA can serve. Sends the requests of many hosts over one connection, through libibumad.
 //   sa-load SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] [--aged] [--overload SECONDS]
-// First registers RECORDS hosts. With --aged, it then deletes all records and registers them again in another order, so
-// that they are scattered over the SA's memory, as after years of changes. Then it keeps a window of requests in
-// flight, for each kind of request alone and for a mix. With --overload, it also sends more requests than the SA can
+// First registers RECORDS hosts. With --aged, then deletes all records and registers them again in another order, so
+// that the records are scattered over the SA's memory, as after years of changes. Then keeps a window of requests in
+// flight, for each kind of request alone and for a mix. With --overload, also sends more requests than the SA can
 // serve, and waits until the SA has recovered. Prints one JSON object for each measurement. SM_PID is the process of
-// the SM. Its processor time is also measured, because it depends little on other load of the machine; 0 leaves this
-// out. PATH_GUID is the port GUID of the destination of paths.
+// the SM. The processor time of the SM is also measured, because it depends little on other load of the machine. If
+// SM_PID is 0, this time is not measured. PATH_GUID is the port GUID of the destination of paths.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

@@ -33,7 +33,8 @@ class event_loop
     // calls. Any thread.
     void post(std::function<void()> work);
 
-    // Makes the loop call `work` at the end of every round, when it has handled all input. Call it before start().
+    // Makes the loop call `work` at the end of every round, when the loop has handled all input. Call
+    // set_end_of_round() before start().
     void set_end_of_round(std::function<void()> work) { end_of_round_ = std::move(work); }
 
     // Ends the loop and its thread after all work that was posted before. The owners of other handles must have closed

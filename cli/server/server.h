@@ -30,8 +30,8 @@ struct server_options {
 class server final : public conversation::owner
 {
   public:
-    // Creates a server that serves clients from now on. `hosts` must outlive it. Fails if libuv cannot listen on the
-    // socket. Throws exec::shortage if no descriptors or threads are left.
+    // Creates a server that serves clients from now on. `hosts` must outlive the server. Fails if libuv cannot listen
+    // on the socket. Throws exec::shortage if no descriptors or threads are left.
     static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> socket,
                                                       const server_options& options);
 

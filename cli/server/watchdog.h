@@ -24,11 +24,11 @@ namespace cli
 {
 
 // Asks all parts of the service for a sign of life, and finds the parts that show none. Only one thread may use an
-// object. The arguments of the constructor must outlive it.
+// object. The arguments of the constructor must outlive the object.
 class life_signs
 {
   public:
-    // If a request runs for longer than this, the service counts it as hanging. The longest orders wait for several
+    // If a request runs for longer than this time, it counts as hanging. The longest orders wait for several
     // answers of the SA, for one or two seconds each.
     static constexpr std::chrono::minutes longest_request{5};
 

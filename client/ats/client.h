@@ -168,10 +168,10 @@ ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_
 
 /* These two calls do the same as ats_request(), for a request whose answer has several lines ("log") or takes long.
  * ats_request_begin() sends the request. Each ats_request_next() waits for one line, and stores it in *line; the caller
- * frees it with ats_free(). It returns ATS_NO_ANSWER if no line came in time: call it again. It returns ATS_NOT_FOUND
- * after the last line. A negative `timeout_ms` means no limit. A client has one such request at a time, and only one
- * thread may use it; a new request ends the old one. (The service sends a followed log until the next "log" request or
- * ats_close().) */
+ * frees it with ats_free(). If no line came in time, ats_request_next() returns ATS_NO_ANSWER: call it again. After the
+ * last line, it returns ATS_NOT_FOUND. A negative `timeout_ms` means no limit. A client has one such request at a time,
+ * and only one thread may use it; a new request ends the old one. (The service sends a followed log until the next
+ * "log" request or ats_close().) */
 ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms);
 ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line);
 

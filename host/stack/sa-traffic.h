@@ -31,7 +31,7 @@ struct sa_counts {
     std::array<uint64_t, sa_status_count> answers{};
 };
 
-// Any context may call it. MADs are in wire order. MADs of other classes than SubnAdm are not counted.
+// Any context may call these functions. MADs are in wire order. MADs of other classes than SubnAdm are not counted.
 class sa_traffic
 {
   public:

@@ -116,7 +116,7 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
         EXPECT_EQ(log.end()[-2], "ERROR sa/ats_sa_" + operation);
         EXPECT_THAT(log.back(), StartsWith("ERROR api/ats_proc_cmd_update_"));
     }
-    for (const char* call : {"gsi_post_send_dtgrm", "down_interruptible"}) { // the callers see one number for all
+    for (const char* call : {"gsi_post_send_dtgrm", "down_interruptible"}) { // every failure returns -1
         host.faults().fail_calls(call);
         EXPECT_EQ(set_name("kept"), -1) << call;
         EXPECT_EQ(set_address("10.0.0.7"), -1) << call;
@@ -127,8 +127,8 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
 }
 
-// The writing task has a pending signal. It gets the semaphore, which is free. Then the signal ends
-// each wait for the answer to a Delete at once.
+// The writing task has a pending signal. It gets the semaphore, which is free. Then the signal ends each wait for the
+// answer to a Delete at once.
 TEST_F(identity, a_pending_signal_ends_every_wait)
 {
     host.link_up(1);

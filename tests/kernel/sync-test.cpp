@@ -165,7 +165,7 @@ TEST(sleeps, a_signal_ends_only_an_interruptible_one_which_returns_the_remaining
     exec::task& waiter = world.at(0, "waiter", [&] {
         EXPECT_EQ(down_interruptible(&sem), 0);
         wait_queue_t sleeper;
-        prepare_to_wait(&queue, &sleeper); // a wake-up would end the next sleep
+        prepare_to_wait(&queue, &sleeper); // a wake-up of the queue would end the next sleep; a signal must not
         EXPECT_EQ(schedule_timeout_uninterruptible(10), 0u);
         finish_wait(&queue, &sleeper);
     });

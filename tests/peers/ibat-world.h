@@ -1,4 +1,5 @@
-// A host with the module IBAT. In the place of ats, a fake resolver is attached to IBAT. It records how IBAT calls it.
+// A host with the module IBAT. In the place of ats, a fake resolver is attached to IBAT. The resolver records IBAT's
+// calls.
 #pragma once
 
 #include <gmock/gmock.h>

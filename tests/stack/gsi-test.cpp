@@ -311,7 +311,7 @@ TEST(gsi, keeps_the_latest_set_of_each_record_up_to_a_limit)
         for (size_t i = 3; i <= limit + 1; ++i) set(static_cast<int>(i % 256), i < 256 ? 4 : 5);
         EXPECT_EQ(records().size(), limit);
 
-        constexpr size_t service_limit = 16; // of the states, besides
+        constexpr size_t service_limit = 16; // registrations() has the states of this number of services at most
         for (uint64_t service = 1; service <= service_limit + 1; ++service) {
             gsi_dtgrm_t* datagram = client.make();
             test::record_t record = test::host_record(test::gid_number(1), 1);
@@ -327,7 +327,7 @@ TEST(gsi, keeps_the_latest_set_of_each_record_up_to_a_limit)
     });
 }
 
-// A request or an answer of a kind, and how it is counted: by the texts of the report.
+// Counts one request or answer after the other. The tables have the texts under which reports show each of them.
 TEST(gsi, counts_the_requests_to_the_sa_by_attribute_and_its_answers_by_status)
 {
     constexpr uint16_t other_attribute = 0x0011, path = SA_ATTR_PATH_RECORD, service = SA_ATTR_SERVICE_RECORD;
@@ -358,7 +358,7 @@ TEST(gsi, counts_the_requests_to_the_sa_by_attribute_and_its_answers_by_status)
     };
     constexpr uint8_t performance_management = 0x04;
     stack::sa_traffic traffic;
-    // The texts of what was counted since the last call.
+    // Returns the texts of the requests and answers that were counted since the last call.
     auto counted = [&, before = stack::sa_counts{}]() mutable {
         const stack::sa_counts now = traffic.counts();
         std::vector<std::string> texts;
@@ -532,7 +532,7 @@ TEST(gsi, a_class_cannot_end_while_its_datagrams_are_in_flight)
         EXPECT_EQ(refusal_count, 2) << "a callback is running";
         client.close();
 
-        world.hca.listener = nullptr; // the adapter has stopped listening
+        world.hca.listener = nullptr; // without a class, the adapter does not listen
         EXPECT_NE(gsi_deregister_class(handle), 0);
         gsi_client next_client(2, 1);
         EXPECT_NE(next_client.classes[0], handle);

@@ -105,7 +105,7 @@ TEST(verbs_events, report_once_a_link_whose_announcement_waits_behind_another_ca
     callback_action = [] { schedule_timeout_uninterruptible(10); };
     world.subscribe();
     world.sim->run_until(5);
-    world.hca.change(2, port_change::link_up); // the announcement of this port still waits
+    world.hca.change(2, port_change::link_up); // the first report of this port still waits for the callback of port 1
     world.sim->run_until(100);
     EXPECT_THAT(reports, ElementsAre("up 1@0", "up 2@10"));
     for (const port_change again : {port_change::link_up, port_change::link_down, port_change::link_up})
@@ -183,7 +183,7 @@ TEST(verbs_events, too_many_events_lose_the_oldest_but_never_the_last)
         if (i == 500) world.hca.change(2, port_change::link_up); // the only event of port 2
     }
     world.sim->run_until(200);
-    constexpr size_t limit = 16; // of each kind and port
+    constexpr size_t limit = 16; // the most waiting events of one kind and one port
     EXPECT_EQ(reports.size(), 2 * limit + 1);
     const auto is_link = [](const std::string& line) {
         return line.find(" 1@") != std::string::npos && line[0] != 's';

@@ -10,7 +10,7 @@ namespace chaos
 {
 
 // Moves this process into a new mount namespace, in which it can mount disks. This needs no privileges if the system
-// allows user namespaces. Call it once, before any thread starts. The error says why disks are not possible.
+// allows user namespaces. Call allow_disks() once, before any thread starts. The error says why disks are not possible.
 ats::result<> allow_disks();
 
 // The folder of a host: a small file system, or an ordinary folder if `is_small` is false.

@@ -21,7 +21,7 @@ constexpr long most_new_descriptors = 4;
 #ifndef __has_feature
 #define __has_feature(name) 0
 #endif
-// The address sanitizer keeps freed memory.
+// Memory that a host has freed, but that the address sanitizer keeps.
 #if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
 constexpr long most_kept_kib = 256L * 1024;
 #else
@@ -161,7 +161,7 @@ std::optional<failure> run::fault_of_process(host& host) const
     return std::nullopt;
 }
 
-// What could not be written must be written when there is space again.
+// After a full disk has space again, a host must write its metrics again. Returns the fault if it has not done so yet.
 std::optional<failure> run::fault_of_disk(const host& host) const
 {
     if (!host.lacks_metrics()) return std::nullopt;
