@@ -32,7 +32,7 @@ struct question {
     ibat_stat_t status = ibat_stat_pending;      // what the callback has reported
     uint32_t ip = 0;
     kq_gid_t gid{};
-    bool is_by_path = false; // asks for the path to `destination`
+    bool is_by_path = false; // asks for the path to `destination` instead
     bool is_fresh = false;   // for a path: the question bypassed the cache
     kq_gid_t destination{};
     bool is_closed = false; // no callback may follow any more

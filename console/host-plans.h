@@ -13,7 +13,8 @@
 namespace console
 {
 
-// Paths in the /proc tree of a host. When a program reads the control file, ats prints the report of its ports.
+// Paths in the /proc tree of a host. When a program reads the control file, ats prints a report of the host's ports to
+// the log.
 constexpr const char* control_file = "dorvex/ats/control";
 constexpr const char* version_file = "dorvex/ats/version";
 

@@ -286,7 +286,7 @@ void server::look_up(conversation& source, const request& request)
     };
     try {
         lookups_of(machine).ask(ticket.place, *subject, done);
-    } catch (...) { // no thread could be created
+    } catch (...) { // for example, no thread could be created
         finish(ticket, line_of(refusal(caught_error()), ticket.id));
     }
 }

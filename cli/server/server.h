@@ -96,7 +96,7 @@ class server final : public conversation::owner
     // Only the loop's thread uses the next members, except lookups_ and workers_.
     server_options options_;
     bool is_stopping_ = false;                                        // the destructor has paused all conversations
-    uint64_t last_number_ = 0;                                        // of a connection
+    uint64_t last_number_ = 0;                                        // the number of the newest connection
     std::map<uint64_t, std::unique_ptr<conversation>> conversations_; // by number
     std::map<uid_t, user_share> users_;
     std::vector<uint64_t> conversations_to_flush_; // numbers of the conversations that have called needs_flush()

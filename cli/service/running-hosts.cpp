@@ -82,7 +82,7 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
 running_hosts::~running_hosts()
 {
     stop();
-    hosts_.clear(); // now, because the machines use the HCAs of the fabric and the clock
+    hosts_.clear(); // before the fabric and the executor, because the machines use their HCAs and their clock
 }
 
 ats::result<> running_hosts::open_fabric(const fabric_config& config)

@@ -20,9 +20,9 @@ namespace umad
 // identifier: ServiceID, ServiceGID and P_Key (IBA 15.2.5.14), even if the component mask omits the P_Key. Therefore
 // the fabric can replace the 0 before it sends the Delete.
 enum class delete_p_key {
-    automatic, // with the P_Key of the record, if the record was Set through this HCA in this run
-    on,        // like `automatic`; for any other record with a GID of the port: with the first P_Key of the port
-    off,       // never
+    automatic, // replace it by the P_Key of the record, if the record was Set through this HCA in this run
+    on,        // like `automatic`; for any other record with a GID of the port, replace it by the port's first P_Key
+    off,       // never replace it
 };
 
 // A line for the administrator about a port, or about a whole HCA (port 0). `text` already contains their names.
