@@ -111,7 +111,7 @@ struct node {
 
   private:
     // Checks a log line of the host. The line must agree with the models. If the line says that the answer to a Delete
-    // did not come in time, the task must have waited exactly the allowed time, unless it has a signal.
+    // did not come in time, the task must have waited exactly the allowed time, unless the task has a signal.
     void check_line(const std::string& line);
 
     struct running_task {

@@ -1,6 +1,6 @@
 // A model of one HCA in the service (the module ats): the states of its ports, the active port, and the requests of a
-// registration. The model reads the log lines and the requests of the service in order. It reports those that break the
-// rules.
+// registration. The model reads the log lines and the requests of the service in order. It reports lines and requests
+// that break the rules.
 #pragma once
 
 #include <array>

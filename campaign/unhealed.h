@@ -40,7 +40,8 @@ void cut_partition_off(tested_fabric& fabric, const act& act);
 // Starts a task on every host. These tasks check that the faults affect only the ports that are cut off.
 void check_the_rest(tested_fabric& fabric, const act& act);
 
-// For each fault, adds the number of datagrams lost at its ports since the fault began to the marks of its kind of act.
+// For each fault, counts the datagrams that its ports have lost at cuts since the fault began. Adds this number to the
+// marks of the fault's kind of act.
 void count_unhealed_faults(tested_fabric& fabric);
 
 } // namespace campaign

@@ -206,8 +206,8 @@ void client::take_request_line(std::string_view line)
 
 // ---- connections that break ----
 
-// Removes the socket from the epoll instance before it closes it. If a child of fork() still has the socket, the close
-// alone does not remove it, and the program's descriptor stays readable.
+// Removes the socket from the epoll instance before closing the socket. If a child of fork() still has the socket, the
+// close alone does not remove it, and the program's descriptor stays readable.
 void client::close_connection()
 {
     if (connection_.is_open()) wake_up_.forget_socket(connection_.fd());

@@ -1,9 +1,9 @@
 // The client behind the C interface. client/ats/client.h describes each call.
 //
-// Any thread may make any call. `mutex_` guards all members. No thread holds it while it waits. Only one thread at a
-// time receives (is_receiving_). This thread waits for input without the mutex, stores all answers that have arrived,
-// also those for other threads, and wakes the other threads (progress_). One of the woken threads that still have no
-// answer receives next.
+// Any thread may make any call. `mutex_` guards all members. No thread holds the mutex while waiting. Only one thread
+// at a time receives (is_receiving_). This thread waits for input without the mutex, stores all answers that have
+// arrived, also those for other threads, and wakes the other threads (progress_). One of the woken threads that still
+// have no answer receives next.
 #pragma once
 
 #include <chrono>
@@ -85,7 +85,7 @@ class client
 
     bool is_in_request_ = false;            // true while a thread is in request()
     uint64_t request_id_ = 0;               // id of the last request; 0: there was no request
-    std::deque<std::string> request_lines_; // lines of its answer that next_request_line() has not returned yet
+    std::deque<std::string> request_lines_; // lines of its answer that the program has not got yet
     ats_answer_t request_end_{};            // the error that has ended the request; ATS_OK: no error
 
     wake_up wake_up_;

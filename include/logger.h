@@ -1,6 +1,6 @@
-// The trace lines of a module. A trace line has a level. It is printed only if the logger's level and the module's
-// level are both at least as high. If it is not printed, it costs almost nothing: the code compares the two levels and
-// does not evaluate the arguments. ZR_TRACE may be used in any context.
+// The trace lines of a module. A trace line has a level. The line is printed only if the logger's level and the
+// module's level are both at least as high. A line that is not printed costs almost nothing: the code compares the two
+// levels and does not evaluate the arguments. ZR_TRACE may be used in any context.
 #pragma once
 
 #include <atomic>

@@ -25,8 +25,8 @@ constexpr int format_version = 1;
 class recorder final : public embedded::observer
 {
   public:
-    // Writes to `file`. The caller owns `file` and closes it after its last use here. `program` is the command line
-    // that repeats the run.
+    // Writes to `file`. The caller owns `file` and closes it after the last call of the recorder. `program` is the
+    // command line that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
     // follow() begins to record the events of a subnet, or those of a host: its log lines, and the port events that the

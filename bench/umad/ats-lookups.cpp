@@ -4,7 +4,7 @@
 // With "path", each lookup also asks the SA for the path to the GID of the address. One request is in flight for each
 // address, because IBAT joins simultaneous requests for the same address. Prints the lookups per second, the processor
 // time per lookup, and the number of failed lookups ("wrong"). The exit code is 0 if all lookups succeeded, 1 if a
-// lookup failed, and 2 if the measurement was not possible.
+// lookup failed, and 2 if the program could not measure.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>

@@ -40,7 +40,7 @@ class connection
     // nothing if the connection is closed or the request was answered.
     void answer(const message& bytes);
 
-    // Returns the number of the current request. It increases with each answer.
+    // Returns the number of the current request. The number increases with each answer.
     uint64_t request_number() const { return request_number_; }
 
     // Stops receiving; connection_ended() follows. The destructor closes this process's descriptor. The program's

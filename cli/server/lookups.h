@@ -1,7 +1,7 @@
-// The questions of clients to one host: for a GID, an address or a path. If the host's caches have the answer, it comes
-// at once. Otherwise the question waits in a fair queue until the host asks the SA. At most sixteen questions are at
-// the SA at a time, because the module has sixteen datagrams for each HCA. The client socket and the door for librdmacm
-// programs (cli/acm/door.h) both use this class.
+// The questions of clients to one host: for a GID, an address or a path. If the host's caches have the answer, the
+// client gets the answer at once. Otherwise the question waits in a fair queue until the host asks the SA. At most
+// sixteen questions are at the SA at a time, because the module has sixteen datagrams for each HCA. The client socket
+// and the door for librdmacm programs (cli/acm/door.h) both use this class.
 //
 // A question leaves the queue when its turn comes, or when its connection closes. The service does not know for how
 // long a client waits. Therefore it also asks questions whose clients have stopped waiting.
@@ -32,8 +32,8 @@ class lookups
         uint32_t ip; // network order
     };
 
-    // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. It is a whole word, so
-    // that the record has no padding: subject_order compares the bytes.
+    // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. `is_fresh` is a whole
+    // word, so that the record has no padding: subject_order compares the bytes.
     struct path_to_address {
         uint32_t ip; // network order
         uint32_t is_fresh;

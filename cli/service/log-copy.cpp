@@ -37,7 +37,7 @@ std::string module_of(const std::string& trace_line)
 }
 
 // A trace line gets the priority of its level. Any other line keeps the priority with which the host printed it.
-// Without such a priority, it becomes a notice.
+// Without such a priority, the line becomes a notice.
 console::notice notice_of(const std::string& host, const kernel::log_line& line)
 {
     console::notice notice{.text = line.text, .part = part, .host = host};

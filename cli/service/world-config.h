@@ -48,8 +48,8 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
-// The maximum of spread_seconds. It delays the start of the service (start-delay.h), and systemd ends a service that
-// has not started after 90 seconds.
+// The maximum of spread_seconds. The spread delays the start of the service (start-delay.h), and systemd ends a service
+// that has not started after 90 seconds.
 constexpr int longest_spread_seconds = 60;
 
 // How often a host asks the SA for its own record. The time between two checks is the period plus a random time, which

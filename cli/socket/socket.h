@@ -66,8 +66,8 @@ class listening_socket
     bool is_in_place() const;
 
     // Creates a new socket with its file at the path, and listens. New clients reach only the new socket: copies of the
-    // earlier descriptor are useless then. Fails if there is a file at the path, or if its folder does not exist. Any
-    // thread.
+    // earlier descriptor are useless then. Fails if there is a file at the path, or if the folder of the path does not
+    // exist. Any thread.
     ats::result<> restore();
 
   private:

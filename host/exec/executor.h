@@ -84,7 +84,7 @@ class executor
     virtual void relax() = 0;
 
   protected:
-    bool explores_switches_ = false; // switch_point() calls explore_switch(); only a constructor sets it
+    bool explores_switches_ = false; // if true, switch_point() calls explore_switch(); set by constructors only
 
   private:
     virtual void explore_switch() {}
@@ -105,9 +105,9 @@ std::unique_ptr<executor> make_threaded_executor();
 // ended within simulation_options::patience_ticks. what() names every parked task and the reason of its wait. This is
 // an exception, not an ats::result, because the waiting calls of the kernel cannot return an error.
 //
-// If enter() throws it, the task that ran `body` never continues, because `body` uses variables of the caller.
-// Resources of that task are not released, for example semaphore units or memory. Machines and the simulation can still
-// be destroyed if no module is loaded.
+// If enter() throws this exception, the task that ran `body` never continues, because `body` uses variables of the
+// caller. Resources of that task are not released, for example semaphore units or memory. Machines and the simulation
+// can still be destroyed if no module is loaded.
 struct stalled : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -117,8 +117,8 @@ class hca
     ~hca() = default;
 };
 
-// Sees every datagram that crosses this interface, in order. The task that sends or receives the datagram calls
-// crossed(), which must not sleep.
+// Sees the datagrams that ports send and receive, in order. Need not see a datagram that the sending port drops, for
+// example because its link is down. The task that sends or receives the datagram calls crossed(), which must not sleep.
 class tap
 {
   public:

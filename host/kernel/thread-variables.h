@@ -13,7 +13,8 @@ struct thread_variables_layout {
     size_t bytes = 0;         // size of all variables
 };
 
-// The thread-local variables of one image. A thread gets its own copy of them when it first uses one.
+// The thread-local variables of one image. A thread gets its own copy of all variables when the thread first uses one
+// of them.
 class thread_variables
 {
   public:

@@ -21,7 +21,7 @@ class sa_questions
   public:
     // Opens the first port of the machine whose link is active and which has an SM. Fails with unreachable if there is
     // no such port, and with failed if GSI refuses a call. Only one thread at a time may call open(), ask() and the
-    // destructor. This thread must not be a task of the machine.
+    // destructor. This thread is outside of the machine; the calls enter the machine.
     static ats::result<std::unique_ptr<sa_questions>> open(kernel::machine& machine);
     ~sa_questions();
     sa_questions(const sa_questions&) = delete;

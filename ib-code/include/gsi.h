@@ -12,8 +12,8 @@ struct gsi_dtgrm_pool_t;
 using gsi_class_handle_t = gsi_class_t*;
 using gsi_dtgrm_pool_handle_t = gsi_dtgrm_pool_t*;
 
-// One datagram with its remote address. GSI and its clients exchange pointers to it. They are separately built
-// binaries: the record is packed, so that all of them have the same layout.
+// One datagram with its remote address. GSI and its clients exchange pointers to it. GSI and the clients are separately
+// built binaries: the record is packed, so that all of them have the same layout.
 struct __attribute__((packed)) gsi_dtgrm_t {
     uint8_t priv[104]; // for the GSI layer only
     uint8_t mad[MAD_SIZE];
@@ -25,7 +25,7 @@ struct __attribute__((packed)) gsi_dtgrm_t {
     // The remote address: the destination of a datagram to send, the source of a received one. All fields are in host
     // order.
     uint32_t rqp;     // QP number
-    uint32_t rqk;     // Q_Key; GSI sends with the Q_Key of QP1 if it is 0
+    uint32_t rqk;     // Q_Key; for 0, GSI sends with the Q_Key of QP1
     uint16_t rlid;    // LID
     uint8_t sl;       // service level
     int32_t pkey_idx; // index in the local port's P_Key table; gsi_dtgrm_pool_get sets it to 0

@@ -49,7 +49,7 @@ class journal_socket
         reader_ = std::thread([this] { read(); });
     }
 
-    // Fills the buffer of the socket. Then programs that write to it wait until start_reading() is called.
+    // Fills the buffer of the socket. Then programs that write to the socket wait until start_reading() is called.
     void fill()
     {
         const std::string entry = "MESSAGE=of another program\n";
@@ -145,7 +145,7 @@ std::vector<std::string> with_journal(const std::string& folder, const std::stri
 }
 
 // Creates `file`, the stderr of a service. Returns the value of JOURNAL_STREAM with which systemd says that this file
-// is the journal: its device and its inode.
+// is the journal: the device and the inode of the file.
 std::string journal_stream(const std::string& file)
 {
     write_file(file, "");
@@ -154,7 +154,7 @@ std::string journal_stream(const std::string& file)
     return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-// Starts the program. If `is_journal` is true, JOURNAL_STREAM says that its stderr is the journal.
+// Starts the program. If `is_journal` is true, JOURNAL_STREAM says that the program's stderr is the journal.
 std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, const std::string& arguments,
                                                  bool is_journal = true)
 {

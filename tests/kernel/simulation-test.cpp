@@ -57,7 +57,7 @@ std::set<int> outcomes_of_a_race(int deviations, uint64_t* orders)
     std::set<int> outcomes;
     do {
         one_machine world({.order = &order});
-        semaphore switch_place; // tasks may switch in down() and up(); it has units for both, so none waits
+        semaphore switch_place; // tasks may switch in down() and up(); none waits, because there is a unit for each
         sema_init(&switch_place, 2);
         int number = 0;
         const auto add_one = [&] {
@@ -94,7 +94,7 @@ int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::sched
     for (uint64_t seed = 1; seed <= 1000; ++seed) {
         const auto order = make_order(seed);
         one_machine world({.order = order.get()});
-        semaphore switch_place; // tasks may switch in down() and up(); it has units for both, so none waits
+        semaphore switch_place; // tasks may switch in down() and up(); none waits, because there is a unit for each
         sema_init(&switch_place, 2);
         const auto step = [&] {
             down(&switch_place);

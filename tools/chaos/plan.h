@@ -1,6 +1,6 @@
-// The plan of a chaos run: rounds of acts on real programs. It is drawn from a seed before anything runs. An act is a
-// fault or an action of an administrator. All faults of a round end at the end of the round; then everything must be
-// right again.
+// The plan of a chaos run: rounds of acts on real programs. The plan is drawn from a seed before anything runs. An act
+// is a fault or an action of an administrator. All faults of a round end at the end of the round; then everything must
+// be right again.
 #pragma once
 
 #include <cstdint>

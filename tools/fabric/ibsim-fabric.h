@@ -73,7 +73,7 @@ class ibsim_fabric
     std::string new_file(const std::string& name) { return folder() + "/" + name + "-" + std::to_string(++files_); }
 
   private:
-    // A temporary folder. Its destructor removes it, also if the constructor of ibsim_fabric is interrupted. If
+    // A temporary folder. The destructor removes the folder, also if the constructor of ibsim_fabric is interrupted. If
     // $ATS_KEEP_FABRIC is set, the folder is kept.
     struct own_folder {
         own_folder();

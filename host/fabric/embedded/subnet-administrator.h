@@ -14,7 +14,7 @@ namespace embedded
 class subnet_administrator
 {
   public:
-    // `ports` finds the ports of the subnet by GID and by LID; `paths` are the attributes of its paths.
+    // `ports` finds the ports of the subnet by GID and by LID; `paths` are the attributes of all paths in the subnet.
     subnet_administrator(size_t record_limit, port_directory ports, const path_attributes& paths = {});
 
     // Counts a request, serves it, and replaces it with its response. Returns false, and does nothing, if the MAD is a

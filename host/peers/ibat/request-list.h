@@ -52,8 +52,8 @@ class request_list
         return requests_by_key_.open(expected_requests);
     }
 
-    // Call it when all requests have ended and no new ones are made. When it has returned, `due` does not run any more.
-    // The caller does not hold the lock. May sleep.
+    // Call it when all requests have ended and no new ones are made. After the return, `due` does not run any more. The
+    // caller does not hold the lock. May sleep.
     void stop_timer() { del_timing_sync(&timer_); }
 
     // Makes the remaining callbacks and frees the hash index. The caller does not hold the lock. May sleep.
