@@ -1,6 +1,7 @@
 #include "host/stack/registrations.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -13,6 +14,7 @@ namespace
 constexpr size_t most_services = 16;     // of one HCA; limits the memory that clients can use
 constexpr size_t most_set_records = 256; // limits the memory if a host's GIDs change again and again
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
+constexpr size_t data_offset = offsetof(ib_service_record_v2_t, service_data8); // the data reaches to the end
 constexpr size_t guid_offset = offsetof(sa_mad_v2_t, payload) + offsetof(ib_service_record_v2_t, service_gid) + 8;
 
 mad_hdr_t header_of(const fabric::mad_bytes& mad)
@@ -55,17 +57,32 @@ bool equal(const field_t& first, const field_t& second)
     return std::memcmp(&first, &second, sizeof first) == 0;
 }
 
+using service_data = std::array<uint8_t, sizeof(ib_service_record_v2_t) - data_offset>;
+
+service_data data_of(const ib_service_record_v2_t& record)
+{
+    service_data data;
+    std::memcpy(data.data(), reinterpret_cast<const uint8_t*>(&record) + data_offset, data.size());
+    return data;
+}
+
+// Compares the ServiceData up to the zero byte that follows the last non-zero byte of the Set. The rest may differ:
+// OpenSM 3.3.23 may return other bytes in ServiceData64.2 when it answers a Get.
+bool has_data_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
+{
+    const service_data sa_data = data_of(sa_record), set_data = data_of(set_record);
+    size_t size = set_data.size();
+    while (size > 1 && set_data[size - 1] == 0 && set_data[size - 2] == 0) --size;
+    return std::memcmp(sa_data.data(), set_data.data(), size) == 0;
+}
+
 // Returns true if the record that the SA returned has the content that was Set. Three fields are not compared. The
 // lease gets shorter with time. The SA hides the ServiceKey from most readers. The SA may store the P_Key with or
 // without the membership bit.
 bool has_content_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
 {
     return equal(sa_record.service_id, set_record.service_id) && equal(sa_record.service_gid, set_record.service_gid) &&
-           equal(sa_record.service_name, set_record.service_name) &&
-           equal(sa_record.service_data8, set_record.service_data8) &&
-           equal(sa_record.service_data16, set_record.service_data16) &&
-           equal(sa_record.service_data32, set_record.service_data32) &&
-           equal(sa_record.service_data64, set_record.service_data64);
+           equal(sa_record.service_name, set_record.service_name) && has_data_of(sa_record, set_record);
 }
 
 } // namespace

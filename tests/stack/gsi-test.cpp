@@ -237,13 +237,16 @@ TEST(gsi, compares_each_field_of_a_registration_with_the_record_of_the_sa)
         {offsetof(record_t, service_id), different},         {offsetof(record_t, service_gid) + 15, different},
         {offsetof(record_t, service_name) + 3, different},   {offsetof(record_t, service_data8) + 12, different},
         {offsetof(record_t, service_data16), different},     {offsetof(record_t, service_data32) + 1, different},
-        {offsetof(record_t, service_data64) + 2, different}, {offsetof(record_t, service_pkey), confirmed},
+        {offsetof(record_t, service_data64) + 2, different}, {offsetof(record_t, service_data64) + 3, different},
+        {offsetof(record_t, service_data64) + 8, confirmed}, {offsetof(record_t, service_pkey), confirmed},
         {offsetof(record_t, service_lease), confirmed},      {offsetof(record_t, service_key), confirmed},
     };
     machine_with_fake world;
     world.run([&] {
         gsi_client client;
-        const record_t own = test::host_record(fabric::make_gid(1, 2), 1);
+        record_t own = test::host_record(fabric::make_gid(1, 2), 1);
+        memset(own.service_data32, 'n', sizeof own.service_data32);
+        memset(own.service_data64, 'n', 3); // a zero byte follows, and ends the name
         const auto ask = [&](uint8_t method) {
             uint64_t transaction = 0;
             gsi_dtgrm_t* datagram = client.make();
