@@ -47,8 +47,8 @@ class wire_watch final : public fabric::tap
         uint16_t p_key;
     };
 
-    // The functions that return a found_fault check a request. If it has no fault, the text of the found_fault is
-    // empty.
+    // The functions that return a found_fault check a request. If the request has no fault, the text of the found_fault
+    // is empty.
     found_fault fault_in_path_request(const port_entry& sender, const sa_mad_v2_t& mad) const;
     found_fault fault_in(const port_entry& sender, const sa_mad_v2_t& mad, const ib_service_record_v2_t& record) const;
     found_fault fault_in_set(const port_entry& sender, const sa_mad_v2_t& mad,

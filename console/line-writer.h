@@ -46,7 +46,7 @@ class line_writer
 
     const remark_t remark_;
     std::mutex mutex_;               // guards the following members
-    std::condition_variable change_; // signalled when the queue, a count or is_stopping_ changes
+    std::condition_variable change_; // signalled after a line is added or written, and when is_stopping_ is set
     std::deque<write_t> queue_;
     uint64_t added_line_count_ = 0;
     uint64_t written_line_count_ = 0;

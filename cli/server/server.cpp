@@ -260,7 +260,7 @@ lookups& server::lookups_of(kernel::machine& machine)
     return lookups_.at(machine, hosts_.statistics_of(machine).lookups);
 }
 
-// Answers a lookup. If a cache has the answer, it is passed to the conversation before this call returns.
+// Answers a lookup. An answer from a cache is passed to the conversation before this call returns.
 void server::look_up(conversation& source, const request& request)
 {
     const ats::result<world::host*> host = find_host(hosts_, request.object);

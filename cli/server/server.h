@@ -1,7 +1,7 @@
 // Serves clients through the Unix socket of the service. docs/protocol.md describes the protocol. The thread of the
-// event loop (the loop's thread) receives all requests and sends all answers. It passes a lookup of one address or GID
-// to the lookups of the host, which ask the SA if no cache has the answer. It passes all other slow requests to the
-// workers.
+// event loop (the loop's thread) receives all requests and sends all answers. It passes a lookup of one address, GID or
+// path to the lookups of the host, which ask the SA if no cache has the answer. It passes all other slow requests to
+// the workers.
 #pragma once
 
 #include <map>

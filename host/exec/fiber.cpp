@@ -32,8 +32,8 @@ constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
 // A guard page that mprotect() makes splits the mapping of its stack, and a process may have only so many mappings
-// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so code that
-// overflows a stack sooner or later meets a stack with a guard.
+// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so an
+// overflow that happens again and again also happens on a stack with a guard.
 constexpr size_t split_stacks_limit = 4096;
 
 // Makes every access to the lowest page of a stack end in SIGSEGV. Since Linux 6.13, madvise() can mark such a page in

@@ -174,8 +174,8 @@ void run::note_silence()
     if (!silent_since_) silent_since_ = clock::now();
 }
 
-// Reads the SA's records with a program that is independent of the service. Returns nothing if the SA does not answer;
-// silent_since_ then keeps the time since when.
+// Reads the SA's records with a program that is independent of the service. Returns nothing if the SA does not answer.
+// Sets silent_since_ if the SA does not answer, and clears it if the SA answers.
 std::optional<std::map<std::string, std::string>> run::read_records()
 {
     std::vector<std::string> command = {READ_RECORDS};

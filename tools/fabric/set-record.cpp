@@ -2,7 +2,8 @@
 // administrator or a test.
 //   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
 //   set-record -d GID P_KEY                SubnAdmDelete, by record identifier
-// Prints the status of the answer in hex. The exit code is 0 if the status is 0.
+// Prints the status of the answer in hex. The exit code is 0 if the status is 0, and 1 for another status. It is 2 if
+// an argument is wrong or the SA does not answer.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
