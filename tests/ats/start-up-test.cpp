@@ -98,6 +98,24 @@ TEST(start_up_of, an_hca_that_fails_says_why)
     }
 }
 
+TEST(start_up_of, an_hca_that_a_peer_refuses_detaches_from_nothing)
+{
+    ats_world w;
+    ats_host& host = w.add();
+    host.peers().accepts = false;
+    EXPECT_EQ(number_of_failure(host.try_load()), -6);
+    EXPECT_THAT(host.log(), Contains(HasSubstr("Could not attach to IBAT")));
+    EXPECT_THAT(host.peers().calls, ElementsAre("attach"));
+    EXPECT_EQ(host.leftovers(), "");
+    host.peers().accepts = true;
+    host.peers().ucm_accepts = false;
+    host.load(); // it works without UCM
+    EXPECT_THAT(host.log(), Contains(HasSubstr("Could not attach to UCM")));
+    host.unload();
+    EXPECT_THAT(host.peers().calls, ElementsAre("attach", "attach", "ucm attach", "detach"));
+    EXPECT_EQ(host.leftovers(), "");
+}
+
 // HCA 1 fails. Then ats_stop visits all three HCAs in their order. HCA 0 deletes its record. HCA 1 closes its handle.
 // HCA 2 has not started, and holds nothing.
 TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
