@@ -24,7 +24,7 @@ namespace
 
 json cache_entry(const ibat_cache_entry_t& entry)
 {
-    const char* kind = entry.is_negative ? "none" : "learned";
+    const char* kind = entry.is_negative ? "negative" : "learned";
     if (entry.is_static) kind = "own";
     return {{"address", world::format_ipv4(entry.ip)},
             {"gid", entry.is_negative ? json() : json(world::format_gid(entry.gid))},
