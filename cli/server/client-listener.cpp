@@ -52,12 +52,13 @@ int client_listener::listen()
 // Creates the socket's file again if it is not in place. Reports a failure only once.
 void client_listener::check_file()
 {
-    if (socket_->is_in_place()) {
+    if (socket_->is_in_place() && !must_listen_) {
         is_loss_reported_ = false;
         return;
     }
-    const ats::result<> result = socket_->restore();
+    const ats::result<> result = socket_->is_in_place() ? ats::result<>() : socket_->restore();
     const int error = result ? listen() : 0;
+    must_listen_ = error != 0;
     if (result && error == 0)
         return report_("the file of the socket " + socket_->path() + " was removed; the service has made it again");
     if (is_loss_reported_) return;

@@ -47,6 +47,7 @@ class client_listener
     uv_loop_t* loop_ = nullptr;
     uv_pipe_t* listener_ = nullptr; // owned; freed when libuv has closed it
     uv_timer_t check_timer_;
+    bool must_listen_ = false;      // the service has made the file again, but does not listen on it yet
     bool is_loss_reported_ = false; // report_ was told that new clients do not find the service
 };
 
