@@ -118,7 +118,8 @@ void check_limits(findings& findings, const world_config& config)
     for (const host_config& host : config.hosts) further_hcas += host.hcas.empty() ? 0 : host.hcas.size() - 1;
     rlimit descriptors = {};
     if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0)
-        check_limit(findings, "open files", descriptors.rlim_cur, files_of_process + files_of_host * hosts,
+        // ats run raises the soft limit to the hard one.
+        check_limit(findings, "open files", descriptors.rlim_max, files_of_process + files_of_host * hosts,
                     "raise the limit (ulimit -n, LimitNOFILE= of a unit)");
     size_t mappings = 0;
     if (std::ifstream("/proc/sys/vm/max_map_count") >> mappings)
