@@ -104,7 +104,7 @@ bool read_word(const json& object, const char* key, uint16_t& word)
 bool read_gid(const json& object, const char* key, uint8_t (&gid)[16])
 {
     const std::string text = text_of(object, key);
-    if (text.size() != 2 + 2 * sizeof gid) return false;
+    if (text.size() != 2 + 2 * sizeof gid || !text.starts_with("0x")) return false;
     for (size_t i = 0; i < sizeof gid; ++i) {
         const char* const digits = text.data() + 2 + 2 * i;
         if (std::from_chars(digits, digits + 2, gid[i], 16).ptr != digits + 2) return false;
