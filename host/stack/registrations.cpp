@@ -67,7 +67,7 @@ service_data data_of(const ib_service_record_v2_t& record)
 }
 
 // Compares the ServiceData up to the zero byte that follows the last non-zero byte of the Set. The rest may differ:
-// OpenSM 3.3.23 may return other bytes in ServiceData64.2 when it answers a Get.
+// OpenSM 3.3.23 does not keep ServiceData64.2. Its answer to a Get has arbitrary bytes there.
 bool has_data_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
 {
     const service_data sa_data = data_of(sa_record), set_data = data_of(set_record);
