@@ -1,7 +1,10 @@
 #include "cli/service/world-config.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -252,6 +255,8 @@ void read_hosts(table_reader& reader, const std::string& file, world_config& con
 
 ats::result<toml::table> parse(const std::string& path)
 {
+    if (access(path.c_str(), R_OK) != 0)
+        return ats::fail(error_kind::invalid, path + " cannot be read: " + std::strerror(errno));
     std::error_code status; // after an error, the path counts as a file; parse_file() then explains the error
     if (std::filesystem::exists(path, status) && !std::filesystem::is_regular_file(path, status))
         return ats::fail(error_kind::invalid, path + " is not a file");

@@ -153,7 +153,7 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
         EXPECT_THAT(lines, testing::HasSubstr(reason));
     };
     std::filesystem::remove(config);
-    expect_refusal("could not be opened");
+    expect_refusal("cannot be read: No such file");
     std::filesystem::create_directory(config);
     expect_refusal("is not a file");
     std::filesystem::remove(config);
