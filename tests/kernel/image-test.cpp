@@ -391,7 +391,7 @@ TEST(zeroing, clears_exactly_the_given_bytes)
     for (const auto* before : {&*full, &*sparse})
         for (const size_t begin : {size_t{0}, size_t{1}, page - 1, page})
             for (const size_t bytes : {page - 1, page, page + 1, 3 * page})
-                for (const int value : {0, 7}) {
+                for (const int value : {0, 1, 7}) {
                     *memory = *expected = *before;
                     std::fill_n(expected->bytes + begin, bytes, static_cast<char>(value));
                     EXPECT_EQ(kernel::set_memory(memory->bytes + begin, value, bytes), memory->bytes + begin);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <thread>
 
+#include "host/exec/print-capture.h"
 #include "host/exec/sanitizers.h"
 #include "host/kernel/format.h"
 #include "host/kernel/module-image.h"
@@ -168,6 +169,9 @@ TEST(fault_injector, forgets_its_plan_when_it_gets_another_one)
     faults.fail_some(0, 1);
     EXPECT_EQ(pattern_of("kmalloc"), ".....");
     std::vector<std::string> patterns;
+    faults.fail_some(1, 1);
+    for (int i = 0; i < 200; ++i) pattern_of("kmalloc");
+    EXPECT_NEAR(static_cast<double>(faults.failures()), 10, 9) << "of 1000 calls";
     for (const uint64_t seed : {1, 1, 2}) {
         faults.fail_some(20, seed);
         patterns.emplace_back();
@@ -231,6 +235,23 @@ std::string formatted(const char* format, ...)
                                               [](const void* pointer) { return reinterpret_cast<uint64_t>(pointer); });
     va_end(arguments);
     return length < sizeof text ? text : std::to_string(length) + " bytes: " + text;
+}
+
+TEST(log, lacks_only_the_texts_that_a_capture_keeps_for_itself)
+{
+    one_machine world;
+    world.run([] {
+        exec::print_capture outer(exec::print_capture::also_log);
+        printk("<6>one\n");
+        {
+            exec::print_capture inner(exec::print_capture::instead_of_log);
+            printk("<6>two\n");
+            EXPECT_EQ(inner.text(), "two\n");
+        }
+        printk("<6>three\n");
+        EXPECT_EQ(outer.text(), "one\nthree\n");
+    });
+    EXPECT_EQ(world.host.log.raw(), "<6>one\n<6>three\n");
 }
 
 TEST(log, formats_as_a_kernel_does)

@@ -72,6 +72,7 @@ TEST_F(proc, a_long_answer_is_read_page_by_page_from_any_offset)
         EXPECT_EQ(host.proc.read("report", 1000, 5000, &part), 5000);
         EXPECT_EQ(part, plan.text.substr(1000, 5000));
         EXPECT_THAT(plan.calls, ElementsAre(FieldsAre(1000, 4096), FieldsAre(5096, 904)));
+        EXPECT_EQ(host.log.raw(), "") << "each answer fits into its page";
 
         std::string beyond;
         EXPECT_EQ(host.proc.read("report", 100'000, 10, &beyond), 0);
@@ -138,11 +139,11 @@ TEST_F(proc, an_entry_needs_its_directory_and_a_free_name)
 TEST_F(proc, writes_come_one_at_a_time_and_removal_waits_for_them)
 {
     run([&] {
-        proc_dir_entry* entry = create_proc_entry("slow", 0644);
-        entry->write_proc = [](struct file*, const char*, unsigned long count, void*) {
-            schedule_timeout_uninterruptible(count);
-            return static_cast<int>(count);
-        };
+        for (const char* name : {"slow", "other"})
+            create_proc_entry(name, 0644)->write_proc = [](struct file*, const char*, unsigned long count, void*) {
+                schedule_timeout_uninterruptible(count);
+                return static_cast<int>(count);
+            };
     });
     for (const size_t ticks : {20, 30})
         at(0, "writer", [&, ticks] { EXPECT_EQ(host.proc.write("slow", std::string(ticks, 'x')), int(ticks)); });
@@ -156,6 +157,11 @@ TEST_F(proc, writes_come_one_at_a_time_and_removal_waits_for_them)
         EXPECT_EQ(get_jiffies(), 20u + 30u);
     });
     at(6, "latecomer", [&] { EXPECT_EQ(host.proc.write("slow", "x"), -EK_NOENT); });
+    at(7, "only writer", [&] { EXPECT_EQ(host.proc.write("other", std::string(10, 'x')), 10); });
+    at(8, "remover of the other", [&] {
+        remove_proc_entry("other");
+        EXPECT_EQ(get_jiffies(), 7u + 10u);
+    });
 }
 
 } // namespace

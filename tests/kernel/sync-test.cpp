@@ -233,12 +233,17 @@ TEST(wait_queues, a_wake_up_is_kept_while_the_sleeper_waits_for_something_else)
                  "is not in &outer, or joined another wait queue later");
 }
 
-TEST(spin_locks, a_release_without_a_lock_dies)
+TEST(spin_locks, a_release_without_a_lock_and_an_entry_with_a_lock_die)
 {
     one_machine world;
     spinlock_t lock;
     spin_lock_init(&lock);
     EXPECT_DEATH(world.run([&] { spin_unlock_irqrestore(&lock, 0); }), "the lock is not held");
+    const auto enter_with_lock = [&] {
+        spin_lock_irqsave(&lock);
+        must_not_hold_spin_lock("ibat_attach");
+    };
+    EXPECT_DEATH(world.run(enter_with_lock), "ibat_attach is called with a spin lock held");
 }
 
 TEST(contexts_that_may_not_sleep, a_blocking_call_dies_and_names_both)
