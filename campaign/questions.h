@@ -1,5 +1,6 @@
-// The questions that users of a host ask the service (the module ats), and a replacement for UCM that checks how the
-// service answers.
+// The questions that users of a host ask: for GIDs and paths through IBAT, for addresses through UCM. Each answer is
+// checked when it arrives. Also a replacement for UCM. It passes questions directly to the service (the module ats),
+// and checks how the service attaches and detaches itself.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +26,7 @@ struct question {
     node& asker;
     std::optional<uint32_t> act_kind; // if set, the answer counts as an effect of this kind of act
     bool is_by_gid = false;           // asks for the address of a GID; otherwise for the GID of an address
-    bool is_of_service = false;       // asks the service directly; without IBAT and UCM, time limits are exact
+    bool is_of_service = false;       // asks the service directly, so IBAT and UCM repeat nothing
     uint64_t begin_tick = 0;
     ibat_stat_t return_status = ibat_stat_error; // what the call that asked has returned
     int replies = 0;                             // number of callbacks

@@ -64,8 +64,8 @@ ats::result<control_command> command_named(const std::string& name)
                                                    " ('ats control --list' shows them)");
 }
 
-// Converts a GID in IPv6 notation to hexadecimal digits, the only notation that the module reads. Fails if the word
-// contains a colon but is not a GID. Returns any other word unchanged.
+// If the command takes a GID, converts a word with a colon from IPv6 notation to hexadecimal digits, the only notation
+// that the module reads. Fails if this word is not a GID. Returns every other word unchanged.
 ats::result<std::string> argument_for_module(const control_command& command, const std::string& word)
 {
     const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;

@@ -144,7 +144,7 @@ class gsi_adapter final : public fabric::listener
     sa_traffic sa_traffic_;
     const std::unique_ptr<datagram_pool> receive_pool_;
 
-    mutable exec::brief_lock mutex_;                    // guards the members below, except the task
+    mutable exec::brief_lock mutex_; // guards the members below, except the task; not held during callbacks
     std::vector<std::unique_ptr<gsi_class_t>> classes_; // all registrations, also those that have ended
     std::vector<gsi_class_t*> registered_classes_;
     datagram_record* queue_head_ = nullptr;

@@ -8,11 +8,13 @@
 namespace
 {
 
-// Fixed values in every record of this service. records/host-record.h has the same values for the programs outside of
-// the module, because the module is a separate image.
+// Fixed values in every record of this service. The records library has the same values for the programs outside of the
+// module, because the module is a separate image.
 constexpr char service_name[] = "DAPL Address Translation Service";
 constexpr uint8_t service_data16_marker[] = {0x5C, 0x27};
 constexpr uint32_t infinite_lease = 0xFFFFFFFF;
+
+// Fixed values of every request.
 constexpr uint32_t payload_length = 0xF0; // RMPP PayloadLength
 constexpr uint32_t sa_qp = 1;
 
@@ -227,7 +229,8 @@ int32_t ats_sa_gsi_decode_recv_dtgrm(const ats_port_ctx_t* ats_port, gsi_dtgrm_t
     reply.mask |= IBAT_MASK_GID;
     ntoh(&reply.gid, &record.service_gid, sizeof reply.gid);
 
-    // Common status bits mean that the SA did not process the request. The class-specific code is the SA's answer.
+    // With common status bits, the SA did not process the request. A class-specific code, for example "no records", is
+    // a valid answer, so it is no error here. The caller evaluates it.
     const uint16_t status = from_wire(mad.hdr.u.ns.status.raw16);
     if ((status & MAD_STATUS_COMMON_BITS) != 0) {
         ATS_ERROR("ATS - Incoming mad has an error status <0x%04X> .\n", status);

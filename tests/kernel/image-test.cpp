@@ -1,4 +1,5 @@
-// Images of a module: which files are placed, and what an image of either kind shows of itself.
+// Images of a module. The kernel places an image itself, or the dynamic linker maps it. Tests which files can be
+// placed, and that both kinds of images behave in the same way.
 #include <algorithm>
 #include <cstring>
 #include <elf.h>
@@ -40,7 +41,8 @@ class module_file
 
     Elf64_Ehdr& header() { return value_at<Elf64_Ehdr>(0); }
 
-    // Program headers. Headers, code, constants and variables are loaded, in this order.
+    // Program headers. The file has four of type PT_LOAD, in this order: for its headers, code, constants and
+    // variables.
     Elf64_Phdr& segment(Elf64_Word type, size_t number = 0)
     {
         for (size_t i = 0;; ++i) {
@@ -66,7 +68,7 @@ class module_file
             if (entry.d_tag == tag) return entry;
         }
     }
-    // A table that does not change has the same place in the file as in the image.
+    // A read-only table is at the same offset in the file as in the image, so d_ptr is also its offset in the file.
     Elf64_Rela& relocation(Elf64_Sxword table) { return value_at<Elf64_Rela>(dynamic(table).d_un.d_ptr); }
     Elf64_Sym& symbol(const std::string& name)
     {
@@ -217,7 +219,7 @@ struct images_of_both_kinds : testing::TestWithParam<bool>, one_machine {
     {
         module_file file;
         if (!GetParam()) file.dynamic(DT_FLAGS).d_un.d_val &= ~uint64_t{DF_SYMBOLIC};
-        // Besides by their lists, the image names these functions in the old way.
+        // DT_INIT_ARRAY and DT_FINI_ARRAY already list these functions. As DT_INIT and DT_FINI, they run once more.
         file.dynamic(DT_INIT).d_un.d_ptr = file.symbol("probe_construct").st_value;
         file.dynamic(DT_FINI).d_un.d_ptr = file.symbol("probe_destruct").st_value;
         std::filesystem::create_directories(folder);
@@ -310,7 +312,9 @@ TEST_P(images_of_both_kinds, begin_and_end_with_their_own_functions_and_leave_no
 #ifdef ATS_PLACED_MODULES
 TEST_P(images_of_both_kinds, need_no_standard_input)
 {
-    ASSERT_TRUE(host.modules.insmod(path)); // the code of a placed image stays in a file of its own
+    // This first load makes the memory file of the code, which stays open. The second load below then needs a
+    // descriptor only to read the module file.
+    ASSERT_TRUE(host.modules.insmod(path));
     EXPECT_TRUE(host.modules.rmmod("probe"));
     const int saved = dup(0);
     close(0); // the next descriptor is 0
@@ -377,7 +381,7 @@ TEST_P(images_of_both_kinds, let_an_exception_pass)
     EXPECT_TRUE(host.modules.rmmod("probe"));
 }
 
-// Modules get this in place of memset().
+// Placed images call set_memory() in place of memset().
 TEST(zeroing, clears_exactly_the_given_bytes)
 {
     constexpr size_t page = kernel::image_page_bytes;

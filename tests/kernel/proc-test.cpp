@@ -31,7 +31,7 @@ struct handler_plan {
 };
 
 // A read handler. It writes the text from the offset `off` on into the page, at most `count` + `excess_bytes` bytes. If
-// `start` is not 0, it writes nothing, and only returns the length.
+// `plan.start` is not 0, it writes no text, and only sets `*start` and returns the length.
 int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
 {
     auto& plan = *static_cast<handler_plan*>(data);

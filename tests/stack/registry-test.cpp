@@ -30,7 +30,7 @@ TEST_F(registry, ignores_superfluous_slashes_and_lists_and_removes_subtrees)
     keys.remove("dorvex");
     EXPECT_THAT(texts(), ElementsAre());
     keys.set("/a//b/", "x", 1);
-    keys.set("a/b", "x", 2); // the same value
+    keys.set("a/b", "x", 2); // replaces the 1: both paths name the same key
     keys.set("a/b/c", "y", 3);
     keys.set("a", "z", 4);
     keys.set("ab", "z", 5); // not below a

@@ -101,7 +101,7 @@ ats::result<fabric::hca*> subnet::add_hca(const std::string& host, const hca_des
     return hcas_.back().get();
 }
 
-// Checks the description except for the GUIDs. add_hca() checks the GUIDs after it has added the missing ones.
+// Makes all checks of add_hca() except one: add_hca() itself checks if another port has one of the GUIDs.
 ats::result<> subnet::check(const std::string& host, const hca_description& description) const
 {
     using enum ats::error_kind;
