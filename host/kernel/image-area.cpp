@@ -188,7 +188,7 @@ char* image_area::find(const char* address) const
 const image_area* find_area(const void* address)
 {
     const auto number = reinterpret_cast<uintptr_t>(address);
-    return areas.find(static_cast<const char*>(address) - number % area_bytes);
+    return areas.find(reinterpret_cast<const char*>(number - number % area_bytes));
 }
 
 } // namespace kernel
