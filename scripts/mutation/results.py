@@ -3,6 +3,7 @@
 import collections
 import json
 import pathlib
+import re
 
 NOTICED = ("failed", "hung")
 
@@ -35,8 +36,16 @@ def read_explained(path):
     return explained
 
 
+def without_comment(line):
+    """Returns the line without a comment at its end. So an explanation stays valid when the comment changes."""
+    for match in re.finditer(r"\s*//", line):
+        if line[:match.start()].count('"') % 2 == 0:
+            return line[:match.start()]
+    return line
+
+
 def explanation_of(file, before, old, new):
-    return file, before, tuple(old), tuple(new)
+    return file, without_comment(before), tuple(map(without_comment, old)), tuple(map(without_comment, new))
 
 
 def is_explained(result, explained):
