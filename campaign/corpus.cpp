@@ -27,7 +27,8 @@ constexpr size_t most_acts = 3000; // a plan with more acts takes too long, so i
 constexpr const char* no_edges = "these modules count no edges: cmake --preset edges && cmake --build --preset edges, "
                                  "then build/edges/campaign/ats-campaign";
 
-// What runs have reached. An element is an edge with the number of binary digits of its count (see edges.h).
+// The elements that runs have taken. An element is an edge of the module's control flow, together with the number of
+// binary digits of its count (see edges.h).
 class coverage
 {
   public:

@@ -10,7 +10,7 @@
 namespace campaign
 {
 
-// What decides a run. The command that replays a run must repeat all of it.
+// These values decide how a run goes. The command that replays the run contains all of them.
 struct run_choice {
     uint64_t seed;
     plan_options options;

@@ -69,8 +69,8 @@ class recorder final : public embedded::observer
     using switch_values = std::array<uint32_t, 15>;
     static switch_values values_of(const embedded::fault_switches& faults);
     void note_line(const std::string& host, const kernel::log_line& line);
-    void note_handled(const std::string& host, const stack::event_sight& sight);
-    const char* cause_of(const stack::event_sight& sight, const std::string& port);
+    void note_handled(const std::string& host, const stack::handled_event& event);
+    const char* cause_of(const stack::handled_event& event, const std::string& port);
     void write(uint64_t now_ticks, const char* kind, const json& fields);
 
     std::mutex mutex_; // guards the file, is_finished_, switches_ and the LIDs

@@ -10,7 +10,7 @@
 namespace stack
 {
 
-struct event_sight {
+struct handled_event {
     uint64_t tick;
     const fabric::hca& hca;
     int port;
@@ -28,21 +28,21 @@ class event_watch final : public kernel::service
     // Sets the watcher, or removes it (null). The watcher is called before each callback of a subscriber, in the same
     // task. It must not sleep or call this object. After set() has returned, the previous watcher is not called any
     // more.
-    void set(std::function<void(const event_sight&)> watcher)
+    void set(std::function<void(const handled_event&)> watcher)
     {
         const std::lock_guard lock(mutex_);
         watcher_ = std::move(watcher);
     }
 
-    void show(const event_sight& sight)
+    void show(const handled_event& event)
     {
         const std::lock_guard lock(mutex_);
-        if (watcher_) watcher_(sight);
+        if (watcher_) watcher_(event);
     }
 
   private:
     std::mutex mutex_; // guards the watcher
-    std::function<void(const event_sight&)> watcher_;
+    std::function<void(const handled_event&)> watcher_;
 };
 
 } // namespace stack

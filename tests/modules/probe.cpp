@@ -20,7 +20,7 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-// What the module leaves behind: 1 its published name, 2 all resources of the stack, 3 its /proc entry.
+// The module does not release this when it ends: 1 its published name, 2 all resources of the stack, 3 its /proc entry.
 int32_t forget = 0;
 std::atomic<int32_t> logger_level{-1};
 
