@@ -77,7 +77,8 @@ void recorder::stop()
 void recorder::follow(const std::string& host, kernel::machine& machine)
 {
     log_handles_[&machine] = machine.log.follow([this, host](const kernel::log_line& line) { note_line(host, line); });
-    machine.get<stack::event_watch>().set([this, host](const stack::event_sight& sight) { note_handled(host, sight); });
+    machine.get<stack::event_watch>().set(
+        [this, host](const stack::handled_event& event) { note_handled(host, event); });
 }
 
 void recorder::note_line(const std::string& host, const kernel::log_line& line)
@@ -85,22 +86,22 @@ void recorder::note_line(const std::string& host, const kernel::log_line& line)
     note(line.tick, "log", {{"host", host}, {"level", line.priority}, {"text", line.text}});
 }
 
-void recorder::note_handled(const std::string& host, const stack::event_sight& sight)
+void recorder::note_handled(const std::string& host, const stack::handled_event& event)
 {
-    const std::string port = port_name(host, sight.hca.name(), sight.port);
-    const char* const cause = cause_of(sight, port);
-    note(sight.tick, "handled", {{"port", port}, {"event", text_of(sight.change)}, {"cause", cause}});
+    const std::string port = port_name(host, event.hca.name(), event.port);
+    const char* const cause = cause_of(event, port);
+    note(event.tick, "handled", {{"port", port}, {"event", text_of(event.change)}, {"cause", cause}});
 }
 
 // Returns the text of the event's cause. A fabric reports a changed LID only as port_change::reregister, so this
 // function compares the port's LID with its LID at the last link-up.
-const char* recorder::cause_of(const stack::event_sight& sight, const std::string& port)
+const char* recorder::cause_of(const stack::handled_event& event, const std::string& port)
 {
     const std::lock_guard lock(mutex_);
     const bool has_other_lid = registered_lids_.contains(port) && registered_lids_[port] != lids_[port];
-    if (sight.change == fabric::port_change::link_up) registered_lids_[port] = lids_[port];
-    if (sight.is_announcement) return "subscription";
-    return sight.cause == fabric::port_change::reregister && has_other_lid ? "LID change" : text_of(sight.cause);
+    if (event.change == fabric::port_change::link_up) registered_lids_[port] = lids_[port];
+    if (event.is_announcement) return "subscription";
+    return event.cause == fabric::port_change::reregister && has_other_lid ? "LID change" : text_of(event.cause);
 }
 
 void recorder::note(uint64_t now_ticks, const char* kind, json fields)
@@ -138,8 +139,9 @@ ats::result<> recorder::finish(uint64_t now_ticks)
                   {"duplicated", counts.duplicated},
                   {"refused", counts.refused}};
     }
-    note(now_ticks, "end", fields);
-    const std::lock_guard lock(mutex_);
+    note_faults(now_ticks);
+    const std::lock_guard lock(mutex_); // no other event may come between "end" and is_finished_
+    write(now_ticks, "end", fields);
     is_finished_ = true;
     if (std::fflush(file_) == 0 && !std::ferror(file_)) return {};
     return ats::fail(std::string("cannot write the recording: ") + std::strerror(errno));
