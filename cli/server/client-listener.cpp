@@ -35,7 +35,8 @@ int client_listener::listen()
     auto* pipe = new uv_pipe_t;
     uv_pipe_init(loop_, pipe, 0);
     pipe->data = this;
-    int error = uv_pipe_open(pipe, socket_->duplicate().release());
+    client::descriptor copy = socket_->duplicate();
+    int error = copy.is_open() ? uv_pipe_open(pipe, copy.release()) : uv_translate_sys_error(errno);
     if (error == 0)
         error = uv_listen(reinterpret_cast<uv_stream_t*>(pipe), SOMAXCONN, [](uv_stream_t* listener, int status) {
             if (status == 0) static_cast<client_listener*>(listener->data)->accept_(listener);
