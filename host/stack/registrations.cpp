@@ -5,6 +5,8 @@
 #include <bit>
 #include <cstring>
 
+#include "host/stack/mad-header.h"
+
 namespace stack
 {
 
@@ -16,13 +18,6 @@ constexpr size_t most_set_records = 256; // limits the memory if a host's GIDs c
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
 constexpr size_t data_offset = offsetof(ib_service_record_v2_t, service_data8); // the data reaches to the end
 constexpr size_t guid_offset = offsetof(sa_mad_v2_t, payload) + offsetof(ib_service_record_v2_t, service_gid) + 8;
-
-mad_hdr_t header_of(const fabric::mad_bytes& mad)
-{
-    mad_hdr_t header;
-    std::memcpy(&header, mad.data(), sizeof header);
-    return header;
-}
 
 bool is_of_service_record(const mad_hdr_t& header)
 {

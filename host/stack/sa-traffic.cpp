@@ -2,23 +2,15 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 
 #include "host/exec/brief-lock.h"
-#include "sa-mads.h"
+#include "host/stack/mad-header.h"
 
 namespace stack
 {
 
 namespace
 {
-
-mad_hdr_t header_of(const fabric::mad_bytes& mad)
-{
-    mad_hdr_t header;
-    std::memcpy(&header, mad.data(), sizeof header);
-    return header;
-}
 
 sa_request kind_of(const mad_hdr_t& header)
 {
