@@ -25,19 +25,19 @@ extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
 extern "C" void* __libc_realloc(void* memory, size_t size);
 
-OWN_CALL void* malloc(size_t size)
+OWN_CALL void* malloc(size_t size) noexcept
 {
     ++allocation_count;
     return __libc_malloc(size);
 }
 
-OWN_CALL void* calloc(size_t count, size_t size)
+OWN_CALL void* calloc(size_t count, size_t size) noexcept
 {
     ++allocation_count;
     return __libc_calloc(count, size);
 }
 
-OWN_CALL void* realloc(void* memory, size_t size)
+OWN_CALL void* realloc(void* memory, size_t size) noexcept
 {
     ++allocation_count;
     return __libc_realloc(memory, size);
