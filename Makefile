@@ -11,13 +11,13 @@ help:
 	@echo "make test-all  every test under release, address+undefined and thread sanitizers"
 	@echo "make campaign  run whole fabrics under random work and faults (SEEDS=1000, or a range like 1-50; HOURS=0: each seed once)"
 	@echo "make fuzz      run every fuzzer for SECONDS=300, from the corpus in the tree"
-	@echo "make mutants   change one place at a time of PART=module, peers, stack, kernel or exec, and count what the tests notice"
+	@echo "make mutants   change PART=module, peers, stack, kernel or exec in one place at a time, and count the changes that the tests notice"
 	@echo "make report    run campaigns, searches, coverage and measurements, and write docs/report.md with pictures"
 	@echo "make fabric    run real hosts under OpenSM on a simulated InfiniBand fabric, with failures and repairs (HOSTS=2..7)"
 	@echo "make chaos     run real hosts under OpenSM and random acts for MINUTES=10, and check them after each round (SEED=N: repeat one plan)"
 	@echo "make scale     measure OpenSM and a simulated fabric of 48,000 hosts, and write docs/scale.md with pictures (an hour, 11 GiB)"
-	@echo "make bench     measure encoding, tracing, resolutions, a thousand hosts, a real fabric"
-	@echo "make aarch64   run the kernel's tests on another processor, in an emulator"
+	@echo "make bench     measure encoding, tracing, resolutions, large subnets, clients, and hosts on a fabric of ibsim"
+	@echo "make aarch64   build the hosted kernel's tests for aarch64, and run them in an emulator"
 	@echo "make package   build packages for Debian and Fedora in build/packages, those that this machine can build"
 	@echo "make check-packages  build the packages twice, and install, start, upgrade and remove them in separate root folders (as root)"
 	@echo "make install   install ats, its modules, manual pages and completion (PREFIX=/usr/local)"
@@ -31,7 +31,7 @@ build:
 	@$(MAKE) --no-print-directory configure
 	@cmake --build --preset $(PRESET)
 
-# Only the command and its modules.
+# Builds only the command and its modules.
 program:
 	@scripts/install-dependencies build
 	@$(MAKE) --no-print-directory configure
@@ -84,16 +84,17 @@ HOURS ?= 0
 campaign: build
 	$(BUILD)/campaign/ats-campaign --seeds $(SEEDS) --hours $(HOURS)
 
-# Runs the tests that use real threads, under the thread sanitizer. Leaves out simulations that run long in one thread.
+# Runs the programs with tests on real threads, under the thread sanitizer. Leaves out their simulations that run long in one
+# thread.
 test-threads:
 	@scripts/install-dependencies test
 	cmake --preset tsan
 	cmake --build --preset tsan --target tests-of-threads
 	ctest --preset tsan -E '_NOT_BUILT|^campaign|^protocol|^metrics|^librdmacm|^trace.of_everything|every_order'
 
-# A mutant of a module is a changed module beside a release build. A mutant of another part is one changed object, so it needs
-# the preset dev, where each file has an object of its own. A mutant without a lock also
-# needs a tree with the thread sanitizer.
+# A mutant of a module is a changed module beside a release build. A mutant of another part is one changed object, and needs
+# the preset dev, where each file has an object of its own. A mutant that leaves out a lock also needs a tree with the thread
+# sanitizer.
 PART ?= module
 OPTIONS ?=
 MUTANT_TREE = $(if $(filter module peers,$(PART)),release,dev)
@@ -145,7 +146,7 @@ bare:
 check-headers:
 	@scripts/check-headers
 
-# Runs the kernel's tests for another processor in an emulator.
+# Builds the tests of the hosted kernel for aarch64, and runs them in an emulator.
 aarch64:
 	@scripts/install-dependencies aarch64
 	@scripts/fetch-aarch64-libraries build/aarch64-libraries

@@ -1,6 +1,6 @@
-// Measures the work of the module ats for each request and each trace line, and simpler work for comparison. A
-// benchmark cannot call these steps in a loaded module, because the module does not export them. Therefore this program
-// links the module's encoder.
+// Measures the work of the module ats for each request, each reply and each trace line that is off, and simpler work
+// for comparison. A benchmark cannot call these steps in a loaded module, because the module does not export them.
+// Therefore this program links the module's encoder.
 #include <benchmark/benchmark.h>
 
 #include "ib-code/ats/ats-sa.h"

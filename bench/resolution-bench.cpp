@@ -33,8 +33,8 @@ void resolve(benchmark::State& state)
 }
 BENCHMARK(resolve)->ArgName("hosts")->Arg(10)->Arg(100)->Arg(1000)->UseRealTime();
 
-// Measures one answer while many reverse requests for other GIDs are pending. The module compares the answer with each
-// pending request while it holds its lock.
+// Measures a lookup while many reverse requests (for the addresses of other GIDs) are pending. The module compares the
+// answer with each pending request while it holds its lock.
 void match_among_pending(benchmark::State& state)
 {
     bench_world world(2);

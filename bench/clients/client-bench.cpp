@@ -1,4 +1,4 @@
-// Measures how a service on this machine serves its clients. Measures cached lookups, one at a time and many at a time;
+// Measures how fast a service on this machine serves its clients: cached lookups, one at a time and many at a time;
 // lookups of paths in the protocol of librdmacm; idle connections; a thousand clients that ask at the same time.
 //   client-bench
 #include <algorithm>
@@ -27,7 +27,7 @@ using clock = std::chrono::steady_clock;
 struct exchange {
     size_t question_bytes, answer_bytes;
 };
-// {"request":"resolve","address":"10.0.0.2","id":12345} with its line end, and a usual answer to it.
+// {"request":"resolve","address":"10.0.0.2","id":12345} with its line end, and a usual answer.
 constexpr exchange lookup = {54, 213};
 constexpr exchange acm_lookup = {sizeof(acm::resolve_header) + sizeof(acm::entry),
                                  sizeof(acm::resolve_header) + 2 * sizeof(acm::entry)};
@@ -63,8 +63,8 @@ double median(std::vector<double> figures)
     return figures[figures.size() / 2];
 }
 
-// Measures the socket alone. Returns the exchanges per second with a child process that answers each question with
-// fixed bytes.
+// Measures a socket without a service. Returns the exchanges per second with a child process that answers each question
+// with fixed bytes.
 double ping_pong(int count, const exchange& exchange)
 {
     int ends[2];

@@ -15,7 +15,7 @@
 namespace
 {
 
-// Runs the lookups of one process. Returns its exit code: 0 if all were answered.
+// Runs the lookups of one process. Returns its exit code: 0 if each lookup found a GID.
 int look_up(const char* socket, const char* address, long count)
 {
     ats_client_t* client = nullptr;

@@ -22,8 +22,8 @@ struct load_settings {
         {"period", 60},      // seconds between two checks of a host's record
         {"skew", 1},         // percent of the period: the longest random delay that is added to the period
         {"spread", 0},       // seconds: a link-up reaches the modules after a random part of this time
-        {"start-spread", 0}, // seconds: the modules of a host start after a random part of this time
-        {"queue", 65536},    // the length of the SA's queue, in requests
+        {"start-spread", 0}, // seconds: a host starts after a random part of this time
+        {"queue", 65536},    // the capacity of the SA's queue, in requests
         // The time in which the SA serves a request, in microseconds: a fixed time, and a time for each record that the
         // SA has.
         {"set-us", 9.5},
@@ -124,7 +124,7 @@ class fabric_under_load
 
     uint64_t now_second() { return world_.sim->now() / ticks_per_second; }
 
-    // Starts all hosts. Each host starts at a random time within the start spread. Then observes the scenario
+    // Starts all hosts. Each host starts at a random time within the setting "start-spread". Then observes the scenario
     // "power-on".
     ats::result<> power_on()
     {
@@ -176,7 +176,7 @@ class fabric_under_load
 
     void restart_queue() { world_.subnet.set_sa_limits(limits_of(settings_)); }
 
-    // Runs the scenario for `seconds` seconds from the second `begin`, and prints its figures.
+    // Runs the scenario until `seconds` seconds after the second `begin`, and prints its figures.
     void observe(const std::string& name, uint64_t begin, uint64_t seconds)
     {
         while (now_second() < begin + seconds) {
@@ -240,8 +240,8 @@ class fabric_under_load
     void print(const std::string& name, uint64_t begin, uint64_t seconds)
     {
         counter_.by_second.resize(std::max<size_t>(counter_.by_second.size(), begin + seconds));
-        // The number of seconds after which the SA has all records until the end of the scenario, and the second
-        // from which on all lookups succeed.
+        // After registration_seconds, the SA has all records until the end of the scenario. From the second
+        // success_begin on, all lookups succeed.
         uint64_t registration_seconds = 0, success_begin = begin;
         for (uint64_t moment = begin; moment < begin + seconds; ++moment)
             if (records_[moment] < world_.hosts.size()) registration_seconds = moment + 1 - begin;

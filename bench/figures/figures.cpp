@@ -81,7 +81,7 @@ void show_load(const char* name, const load_meter::load& load)
 }
 
 // Measures the load of `hosts` hosts on the SA. The hosts start together. After an hour, the SM moves to another LID
-// and loses all records, several times. Then the SA does not answer for two minutes while every host looks up an
+// and the SA loses all records, several times. Then the SA does not answer for two minutes while every host looks up an
 // address.
 int scale(int hosts)
 {
@@ -198,7 +198,7 @@ int repeat(const std::string& step, int count)
     const uint32_t other = *world::parse_ipv4("10.0.0.2");
     fabric::mad_bytes answer{1, MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, MAD_METHOD_GET | MAD_METHOD_RESPONSE};
     answer[17] = SA_ATTR_SERVICE_RECORD;
-    answer[64] = answer[183] = 1; // the first byte of the ServiceGID, and a byte of ServiceData8
+    answer[64] = answer[183] = 1; // the first byte of the ServiceGID, and the last byte of ServiceData8
     world.subnet.faults.sa_silent = step == "send";
     for (int i = 0; i < count; ++i) {
         if (step == "receive") {

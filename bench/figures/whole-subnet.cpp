@@ -15,11 +15,12 @@ namespace
 
 constexpr size_t few_hosts = 10;
 
-// The limits apply to the largest subnet, which has 48000 hosts, on two cores and without a changed system setting.
-constexpr double seconds_limit = 60; // processor time to bring all hosts up; the same again to unload them
+// The limits apply to the largest subnet, which has 48000 hosts, on a machine with two cores and unchanged system
+// settings.
+constexpr double seconds_limit = 60; // processor time: to bring all hosts up, and also to unload them
 constexpr double kib_per_host_limit = 100;
-// The limit of two ratios: of the last hosts' start to the first hosts' start, and of a lookup by ten hosts of the
-// largest subnet to a lookup in a subnet of ten hosts.
+// The limit of two ratios of processor time. One compares the start of the last hosts with the start of the first
+// hosts. The other compares a lookup by ten hosts of the large subnet with a lookup in a subnet of ten hosts.
 constexpr double ratio_limit = 1.3;
 
 void print_figure(const char* name, double figure, const char* unit, double limit)

@@ -103,7 +103,7 @@ ats::result<> wait_ready(kernel::machine& host, uint32_t address)
 
 int main(int count, char** arguments)
 {
-    if (count < 4) fail("expected OWN_ADDRESS LOOKUPS ADDRESS...");
+    if (count < 4) fail("expected OWN_ADDRESS LOOKUPS [path] ADDRESS...");
     std::vector<uint32_t> addresses;
     const bool asks_for_paths = std::string(arguments[3]) == "path";
     for (int i = asks_for_paths ? 4 : 3; i < count; ++i) {

@@ -1,5 +1,5 @@
 // Measures lookups with libibumad only, in one thread. It is the reference for ats-lookups. WINDOW requests are in
-// flight: each answer is followed by the next request at once.
+// flight: after each answer, the next request is sent at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
 // Looks up the record of ADDRESS, LOOKUPS times, and at least WINDOW times. Prints the lookups per second, the
 // processor time per lookup, and the numbers of lookups that found nothing and of requests that were lost. With "path",
@@ -15,7 +15,7 @@
 namespace
 {
 
-constexpr int timeout_ms = 500; // without an answer for this time, all requests in flight are lost and sent again
+constexpr int timeout_ms = 500; // after this time without an answer, sends all requests in flight again
 
 [[noreturn]] void fail(const char* reason)
 {

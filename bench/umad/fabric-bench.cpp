@@ -1,6 +1,6 @@
 // Measures hosts that use libibumad, on an ibsim fabric with OpenSM. Measures the lookups of a whole host, and compares
 // them with bare-lookups, with lookups of client processes, and with saquery. Also measures the time until records are
-// registered. Prints the figures. Without ibsim and OpenSM, prints what is missing and exits with 0.
+// registered. Prints the figures. If ibsim, OpenSM or saquery is missing, prints which one, and exits with 0.
 //   fabric-bench [LOOKUPS]
 #include <algorithm>
 #include <cstdio>
@@ -115,7 +115,7 @@ class bench
         if (!ibsim_fabric::wait_master(*sm_)) fail("OpenSM does not start: " + sm_->output());
     }
 
-    // Registers the records that the lookups ask for, with the program set-record. Their GIDs belong to nodes that run
+    // Uses the program set-record to register the records that the lookups ask for. Their GIDs belong to nodes that run
     // no program.
     void set_targets()
     {
@@ -129,8 +129,8 @@ class bench
         }
     }
 
-    // Runs the command on the asker's node and reads the speed in its output. With `is_pinned`, the command runs only
-    // on asker_processor.
+    // Runs the command on the asker's node, and reads the speed from its output. With `is_pinned`, the command runs
+    // only on asker_processor.
     speed speed_of(const std::vector<std::string>& command, bool is_pinned = false)
     {
         std::optional<processor_pin> pin;
@@ -148,8 +148,8 @@ class bench
         return command;
     }
 
-    // Starts a service on the asker's node, and client processes that ask the service, one process for each target.
-    // Returns the lookups per second of all clients together.
+    // Starts a service on the asker's node, and `window` client processes that ask the service, each for another
+    // target. Returns the lookups per second of all clients together.
     double rate_of_clients()
     {
         const std::string socket = "/tmp/ats-fabric-bench-" + std::to_string(getpid()) + ".sock";
@@ -212,8 +212,8 @@ class bench
         std::printf("saquery, once per lookup: %.0f /s\n", queries / milliseconds_since(begin) * 1000);
     }
 
-    // Runs the program on the asker's node. Returns two times in milliseconds: of a registration, and of a round trip
-    // to the SA. The second is 0 if the program does not print it.
+    // Runs the program on the asker's node. Returns two median times in milliseconds: of a registration, and of a round
+    // trip to the SA. The second time is 0 if the program does not print it.
     std::pair<double, double> median_times(const char* program)
     {
         constexpr const char* count = "101";
@@ -223,8 +223,8 @@ class bench
         return times;
     }
 
-    // ibsim does not report the event ClientReregister. The program `reregistrations` therefore replaces libibverbs and
-    // reports the event to the host itself.
+    // ibsim does not report the event ClientReregister. Therefore the program `reregistrations` replaces functions of
+    // libibverbs, and makes the event itself.
     void measure_reregistration()
     {
 #ifdef REREGISTRATIONS
@@ -252,7 +252,7 @@ class bench
 
         std::vector<double> after_link_up;
         for (int i = 0; i < rounds; ++i) after_link_up.push_back(time_link_up(*all_hosts.front()));
-        std::printf("record after link-up      %9.0f ms   (goal: 200; a port is asked every 100 ms)\n",
+        std::printf("record after link-up      %9.0f ms   (goal: 200; the host reads its port every 100 ms)\n",
                     median(after_link_up));
 
         for (const auto& host : all_hosts) host->ask({"control", "sa_verify_period 1 1"});
@@ -300,7 +300,7 @@ class bench
 int main(int count, char** arguments)
 {
     if (const auto check = ibsim_fabric::check_programs(); !check) {
-        std::printf("no figures of a real fabric: %s\n", check.error().text.c_str());
+        std::printf("no figures of a fabric of ibsim: %s\n", check.error().text.c_str());
         return 0;
     }
     throw_when_interrupted();

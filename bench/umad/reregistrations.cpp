@@ -1,7 +1,7 @@
 // Measures the time from the event ClientReregister, by which the SM asks for new registrations, until the SA has
-// confirmed the host's record again. One host runs on its real port. This program has functions of its own in place of
-// those of libibverbs, and thus makes the events itself. For comparison, it also measures single round trips to the SA:
-// lookups of the host's own address. Measures both COUNT times, and prints the medians.
+// confirmed the host's record again. One host runs on its real port. This program replaces functions of libibverbs with
+// its own, and thus makes the events itself. For comparison, it also measures single round trips to the SA: lookups of
+// the host's own address. Measures both COUNT times, and prints the medians.
 //   reregistrations OWN_ADDRESS COUNT
 #include <algorithm>
 #include <chrono>

@@ -2,10 +2,11 @@
 //   sa-load SM_PID RECORDS PATH_GUID [--windows LIST] [--kinds LIST] [--seconds S] [--aged] [--overload SECONDS]
 // First registers RECORDS hosts. With --aged, then deletes all records and registers them again in another order, so
 // that the records are scattered over the SA's memory, as after years of changes. Then keeps a window of requests in
-// flight, for each kind of request alone and for a mix. With --overload, also sends more requests than the SA can
-// serve, and waits until the SA has recovered. Prints one JSON object for each measurement. SM_PID is the process of
-// the SM. The processor time of the SM is also measured, because it depends little on other load of the machine. If
-// SM_PID is 0, this time is not measured. PATH_GUID is the port GUID of the destination of paths.
+// flight, for each kind of request alone and for a mix. With --overload, also sends the mix at fixed rates, below and
+// above the best measured rate, for SECONDS each. After each, waits until the SA has recovered. Prints one JSON object
+// for each measurement. SM_PID is the process of the SM. The processor time of the SM is also measured, because it
+// depends little on other load of the machine. If SM_PID is 0, this time is not measured. PATH_GUID is the port GUID of
+// the destination of paths.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -49,7 +50,8 @@ double seconds_since(clock::time_point begin)
     return std::chrono::duration<double>(clock::now() - begin).count();
 }
 
-// Adds up the time, and the processor time of the SM, of the parts of a measurement that are passed to time().
+// Adds up the durations of the parts of a measurement, and the processor time of the SM during these parts. time() runs
+// one part.
 struct stopwatch {
     pid_t sm;
     double seconds = 0, sm_seconds = 0;
@@ -161,8 +163,8 @@ class load
         exchange(window, 0, {});
     }
 
-    // Deletes some records and registers them again, repeatedly. Measures only the Deletes. Meanwhile, at most a tenth
-    // of the records is missing, or ten records if that is more.
+    // Deletes some records and registers them again, repeatedly. Measures only the Deletes. At any time, at most a
+    // tenth of the records is missing, or ten records if that is more.
     void measure_deletes(size_t window, stopwatch& watch)
     {
         const uint64_t part = std::min<uint64_t>(plan_.records, std::clamp<uint64_t>(plan_.records / 10, 10, 1000));

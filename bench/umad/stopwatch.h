@@ -8,8 +8,8 @@
 class stopwatch
 {
   public:
-    // Prints the lookups per second, and the processor time of all threads of this process for each, without a line
-    // end.
+    // Prints the lookups per second, and the processor time per lookup. The processor time is that of all threads of
+    // this process. Prints no line end.
     void print(double lookups) const
     {
         const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin_;
