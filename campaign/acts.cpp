@@ -27,7 +27,7 @@ question& new_question(node& node, std::optional<uint32_t> act_kind)
     return node.questions.emplace_back(question{.asker = node, .act_kind = act_kind, .begin_tick = node.fabric.now()});
 }
 
-// Returns an address that some host has or had. Sometimes returns an arbitrary one, which hardly ever belongs to a
+// Returns an address that was given to some host. Sometimes returns an arbitrary one, which hardly ever belongs to a
 // host.
 uint32_t any_address(tested_fabric& fabric, uint32_t a)
 {
@@ -69,14 +69,14 @@ void ask_path(tested_fabric& fabric, const act& act)
     });
 }
 
-// Returns true if more questions of the host are open than its module's pool has datagrams.
+// Returns true if the host has more open questions than the pool of its module ats has datagrams.
 bool has_many_open(const node& node)
 {
     constexpr ptrdiff_t pool_size = 16;
     return std::ranges::count_if(node.questions, [](const question& each) { return !each.is_settled(); }) > pool_size;
 }
 
-// Asks alternately for a GID and for an address.
+// Asks many questions, alternately for a GID and for an address.
 void ask_many(tested_fabric& fabric, const act& act)
 {
     node& node = fabric.node_of(act);
@@ -110,7 +110,7 @@ void report(tested_fabric& fabric, const act& act)
     node.start("report", [&node, act] { node.fabric.mark(act, !node.read_control().empty()); });
 }
 
-// Writes to the control file. Returns true if the write succeeded and the calling task sent a request meanwhile.
+// Writes to the control file. Returns true if the write succeeded and the calling task sent a request during the write.
 bool write_makes_request(node& node, const std::string& text)
 {
     const uint64_t old_requests = node.fabric.wire.requests_of_this_task();
@@ -161,7 +161,7 @@ void verify_period(tested_fabric& fabric, const act& act)
 {
     static constexpr int periods[] = {0, -5, 10, 20, 30, 60, 90}, skews[] = {0, 1, 10, 100, 250, -7};
     node& node = fabric.node_of(act);
-    node.longest_period = 180; // seconds: the longest period, and a skew of up to 100 percent of it
+    node.longest_period = 180; // seconds: the longest of the periods, 90, and a skew of 100 percent of it
     node.may_not_verify = true;
     const int period = periods[act.a % 7], skew = skews[act.b % 6];
     node.start("control", [&node, act, period, skew] {
@@ -249,8 +249,8 @@ void readdress(tested_fabric& fabric, const act& act)
     });
 }
 
-// Writes "delete_ip". The module deletes the first HCA's record. At the next verification, the module sets a record
-// with the new address.
+// Writes "delete_ip" with a new address. The module deletes the first HCA's record. At the next verification, the
+// module sets a record with the new address.
 void delete_ip(tested_fabric& fabric, const act& act)
 {
     node& node = fabric.node_of(act);
@@ -385,7 +385,7 @@ void clear_signals(tested_fabric& fabric, const act& act)
 // ---- faults of the network and of the SA ----
 
 // Makes a kind of act that sets a switch of fault_switches at its beginning and clears it at its end. The switch is a
-// bool or a number. Its value is from 1 to `highest`.
+// bool or a number. The act sets it to a value from 1 to `highest`.
 template <auto fault_switch, uint32_t highest = 1>
 act_kind switches(const char* name, int weight, uint64_t longest_ticks, const char* mark,
                   uint64_t embedded::fault_effects::*effect)

@@ -23,7 +23,7 @@ using clock = std::chrono::steady_clock;
 
 constexpr size_t first_seeds = 10; // with fewer plans in the corpus, run_changed_plans() runs only plain seeds
 constexpr int most_changes = 4;    // largest number of changes to one copy of a plan
-constexpr size_t most_acts = 3000; // a plan with more acts takes too long, so it gets no more acts
+constexpr size_t most_acts = 3000; // a plan with so many acts gets no more acts: its run would take too long
 constexpr const char* no_edges = "these modules count no edges: cmake --preset edges && cmake --build --preset edges, "
                                  "then build/edges/campaign/ats-campaign";
 
@@ -59,8 +59,8 @@ class coverage
     std::set<uint32_t> edges_, elements_;
 };
 
-// Runs plain seeds for half of the time. Then runs "steered" plans: those of the corpus, changed copies of them, and a
-// few plain seeds. Adds the plans that reach something new to the corpus.
+// Runs plain seeds (plans without changes) for half of the time. Then runs "steered" plans: those of the corpus,
+// changed copies of them, and a few plain seeds. If a steered plan reaches something new, adds it to the corpus.
 class search
 {
   public:
@@ -122,8 +122,8 @@ class search
         return {};
     }
 
-    // Runs a plan, and adds the edges that the run reached to `coverage`. Prints the complaint of a failed run. Returns
-    // true if the run reached something new.
+    // Runs a plan, and adds the elements that the run reached to `coverage`. Prints the complaint of a failed run.
+    // Returns true if the run reached something new.
     ats::result<bool> run(const plan& plan, coverage& coverage)
     {
         edges_.clear();
@@ -143,7 +143,7 @@ class search
         return coverage.add(edges_.elements());
     }
 
-    // Makes some random changes: more acts, or another order of the tasks, or a change of changed_act().
+    // Makes some random changes: more acts, or another order of the tasks, or a change from changed_act().
     void vary(plan& plan)
     {
         for (int count = 1 + static_cast<int>(number_below(most_changes)); count > 0; --count) {
@@ -159,7 +159,7 @@ class search
         }
     }
 
-    // Returns a change that gives an act another host, a number of another act, or a time shortly after the begin of
+    // Returns a change that gives an act another host, a random number of another act, or a begin shortly after that of
     // another act.
     std::string changed_act(const plan& plan, uint64_t kind)
     {

@@ -1,6 +1,6 @@
 // A corpus is a folder of plans. Each plan made the module do something that no earlier plan had made it do: see
-// edges.h. This code changes the plans of the corpus at random, and adds those that do something new again. For
-// comparison, it also runs plain seeds for the same time.
+// edges.h. This code changes copies of the plans at random. If a changed plan makes the module do something new, it
+// joins the corpus. For comparison, this code also runs plain seeds (plans without changes) for the same time.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@ namespace campaign
 
 struct corpus_options {
     std::string folder; // of the corpus; it has one file for each plan, with the seed and its changes (see simplify.h)
-    std::chrono::milliseconds time{0}; // total time; half of it is for plain seeds
+    std::chrono::milliseconds time{0}; // half of it is for plain seeds; does not limit the run of the stored plans
     plan_options plan;
     run_options run;
 };

@@ -20,8 +20,8 @@ shared_counters* counters = nullptr; // of the only edge_counters object; null i
 } // namespace
 
 #ifdef ATS_EDGES
-// The compiler's code calls this function when an image is loaded. It numbers the edges. An edge has the same number in
-// all images of the module.
+// The code that the compiler inserts calls this function when an image is loaded. The function numbers the edges. An
+// edge has the same number in all images of the module.
 extern "C" __attribute__((visibility("default"))) void __sanitizer_cov_trace_pc_guard_init(uint32_t* begin,
                                                                                            uint32_t* end)
 {
@@ -30,7 +30,8 @@ extern "C" __attribute__((visibility("default"))) void __sanitizer_cov_trace_pc_
     if (counters) counters->edges = static_cast<uint32_t>(end - begin);
 }
 
-// The compiler's code calls this function at each edge. The tasks of a run take turns, so a plain increment is enough.
+// The code that the compiler inserts calls this function at each edge. The tasks of a run take turns, so a plain
+// increment is enough.
 extern "C" __attribute__((visibility("default"))) void __sanitizer_cov_trace_pc_guard(uint32_t* guard)
 {
     if (counters) ++counters->counts[*guard];

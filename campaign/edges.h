@@ -14,8 +14,8 @@ namespace campaign
 class edge_counters
 {
   public:
-    // From now on, the edges of this process and of the processes that it forks are counted. Only one object may exist
-    // at a time. Throws std::system_error if there is no memory.
+    // From now on, counts the edges that this process takes, and those that its forked processes take. Only one object
+    // may exist at a time. Throws std::system_error if there is no memory.
     edge_counters();
     ~edge_counters();
     edge_counters(const edge_counters&) = delete;

@@ -148,8 +148,8 @@ findings examine(node& node, scope scope)
 
 // ---- checks at the end of a run ----
 
-// Brings all links up. If a fault may have made a port query fail, also moves the SM. Waits until the tasks of all acts
-// have ended, and reports a violation if one does not end in time.
+// Brings all links up. If an act may have done harm, also moves the SM. Then waits for calm_ticks. Reports a violation
+// if a task of an act has not ended by then.
 void end_faults(tested_fabric& fabric)
 {
     const bool queries_may_have_failed =
@@ -202,9 +202,9 @@ hca_of_node owner_of(tested_fabric& fabric, const std::string& gid)
     fabric.violate("the SA holds a record of " + gid + ", which no port has");
 }
 
-// Compares the SA's records with the expected ones. With `to_forget`, excused flaws are allowed, and the GIDs of wrong
-// or left-over records are appended to it. If `to_forget` is null, no flaw is allowed. In both cases, a record of an
-// HCA with a port that is cut off may be left over.
+// Compares the SA's records with the expected ones. If `to_forget` is not null, allows excused flaws, and appends the
+// GIDs of wrong or left-over records to `to_forget`. If it is null, allows no flaw. In both cases, a record of an HCA
+// with a port that is cut off may be left over.
 void compare_records(tested_fabric& fabric, std::vector<std::string>* to_forget)
 {
     std::vector<std::string> true_gids;
@@ -260,17 +260,17 @@ ibat_stat_t status_of(const question& question)
     return question.return_status == ibat_stat_pending ? question.status : question.return_status;
 }
 
-// Returns true if the answer contains an address or a GID. An answer with status 0 contains neither if the fault
-// fault_switches::answer_with() made the SA send it: the SA has not served the request.
+// Returns true if the answer contains an address or a GID. The fault fault_switches::answer_with() can make the SA
+// answer with status 0 although it has not served the request. Such an answer contains neither.
 bool has_answer(const question& question)
 {
     if (status_of(question) != ibat_stat_ok) return false;
     return question.is_by_gid ? question.ip != 0 : !(question.gid == kq_gid_t{});
 }
 
-// Flushes the cache of every live host that is not cut off, and makes the host look up some of the SA's records by
-// address and by GID, and the paths to their GIDs if the plan has paths. If two HCAs share an address, its lookup may
-// return either GID; then the result of this lookup is not checked.
+// Flushes the cache of every host that has ats loaded and is not cut off. Then makes the host look up some of the SA's
+// records, by address and by GID. If the plan has paths, the host also looks up the paths to their GIDs. If two HCAs
+// share an address, a lookup of this address may return either GID, so its result is not checked.
 void compare_lookups(tested_fabric& fabric)
 {
     std::mt19937_64 dice(fabric.plan.seed);
@@ -331,9 +331,10 @@ void shut_down(tested_fabric& fabric)
     }
 }
 
-// Checks that every question whose call returned ibat_stat_pending was answered, unless it was cancelled (is_closed),
-// and that no question whose call returned the answer was answered again. If a call that asks the service directly has
-// failed, the question may still be answered. Counts the answers as effects of the acts that asked.
+// Checks the callbacks of all questions. If the call that asked returned ibat_stat_pending, a callback must have come,
+// unless the question was cancelled (is_closed). If the call returned anything else, no callback may have come. The
+// exception is a call that asked the service directly and failed: a callback may have come. Counts the answers as
+// effects of the acts that asked.
 void settle_questions(tested_fabric& fabric)
 {
     for (node& node : fabric.nodes)

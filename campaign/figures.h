@@ -16,9 +16,10 @@ struct figures {
     uint64_t seeds = 0;
     uint64_t simulated_ticks = 0;
     uint64_t acts = 0;
-    uint64_t faults = 0; // harmful acts, link changes, failed calls, and datagrams that were lost or changed on the way
+    // Harmful acts, cuts, link changes, failed calls, and datagrams that were lost, doubled, corrupted or refused.
+    uint64_t faults = 0;
     uint64_t questions = 0;
-    uint64_t answers = 0; // callbacks with an answer
+    uint64_t answers = 0; // callbacks, also those that report a time-out
     uint64_t truths = 0;  // how often a registration or a lookup was compared with the expected state
     uint64_t datagrams = 0;
     std::array<uint64_t, act_kind_count> marks{}; // how often each kind of act took effect

@@ -111,8 +111,8 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
 // The functions below with the type ats::result<int> return the exit code of the program. They return an error if the
 // command line is wrong, or if the system refuses something.
 
-// Shows the complaint of a run that fails, and the command that replays it. If the command line asks for it, also shows
-// the simplest run that fails (--minimise), and draws a picture (--html).
+// Shows the complaint of a run that fails, and the command that replays it. With --minimise, also shows the simplest
+// run that fails. With --html, also draws a picture.
 ats::result<int> show_failing_run(const command_line& line, const plan& plan, const std::vector<size_t>& acts,
                                   const run_result& result)
 {
@@ -269,7 +269,7 @@ int main(int argc, char** argv)
     CLI::Option* const corpus =
         program
             .add_option("--corpus", line.corpus_folder,
-                        "extend the plans in this folder by what makes the module do something new")
+                        "run changed plans of this folder; add those that make the module do something new")
             ->excludes(seed)
             ->excludes(hours)
             ->excludes(result);
@@ -279,10 +279,10 @@ int main(int argc, char** argv)
 
     // The options from --only to --all-acts are for a single seed. A number of an act has a meaning for one seed only,
     // and the processes of several seeds cannot share a file.
-    program.add_option("--only", line.only, "A,B,.. or none: replay these of its acts only")
+    program.add_option("--only", line.only, "A,B,.. or none: replay only these acts of the seed")
         ->delimiter(',')
         ->needs(seed);
-    program.add_option("--change", line.changes, "A,B,..: change the plan first, as --minimise has found")
+    program.add_option("--change", line.changes, "A,B,..: first make these changes of the plan, from --minimise")
         ->delimiter(',')
         ->needs(seed);
     program.add_flag("--minimise", line.minimise, "find the fewest acts and the simplest plan that fail")->needs(seed);

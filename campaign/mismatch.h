@@ -6,7 +6,7 @@
 namespace campaign
 {
 
-// Both members are empty if the text of the fault contains the two states.
+// Both members are empty if the text of the fault says enough.
 struct mismatch {
     std::string expected;
     std::string actual;

@@ -15,7 +15,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t delete_wait_ticks = 20; // the service waits exactly so long for the answer to a Delete
+constexpr uint64_t delete_wait_ticks = 20; // the service waits exactly this long for the answer to a Delete
 
 world::host_plan plan_of(size_t number, const host_shape& shape)
 {

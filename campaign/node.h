@@ -81,7 +81,7 @@ struct node {
     const size_t number;
     world::host host;
     std::vector<fabric::hca*> hcas;
-    std::vector<port_model> models; // one for each HCA; empty if the trace level is too low for the models
+    std::vector<port_model> models; // one for each HCA; empty without host_shape::has_models
     std::unique_ptr<watching_ucm> ucm;
     std::deque<question> questions;
 

@@ -45,7 +45,7 @@ ats::result<> draw(const std::string& path, const plan& plan, const std::vector<
     const ats::result<run_result> result = run_apart(plan, acts, options);
     if (!result) return ats::pass_on(result);
     if (result->counts.digest != first_run.counts.digest)
-        return ats::fail("the run was another one while it was recorded");
+        return ats::fail("the recorded run differs from the first run");
     nlohmann::ordered_json about = {{"title", "Campaign, seed " + std::to_string(plan.seed)},
                                     {"verdict", result->complaint.empty() ? "passed" : "failed"},
                                     {"replay", options.command},

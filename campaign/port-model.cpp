@@ -108,8 +108,8 @@ std::string port_model::end_registration(const std::string& result)
 {
     is_registering_ = false;
     const bool was_sent = result == "0";
-    // wire_watch calls check_request(). It sees no request of a port whose link is down, so the model may have missed
-    // the Set.
+    // wire_watch sees no request of a port whose link is down. It then does not call check_request(), so the model may
+    // have missed the Set.
     const bool is_missing = was_sent && sets_ == 0 && is_link_stable_;
     if (sets_ > (was_sent ? 1 : 0) || is_missing)
         return "a registration sent " + std::to_string(sets_) + " Sets and reported " + result;

@@ -48,8 +48,8 @@ bool is_settled(tested_fabric& fabric, const std::string& host, uint64_t tick)
     return true;
 }
 
-// Compares a path that was found with the subnet. A cached path may be older than a change at the destination. It must
-// not be older than a change at the source.
+// Compares a found path with the subnet. A cached path may be older than a change at the destination. It must not be
+// older than a change at the source.
 void check_found_path(const question& question, const ibat_arp_data_t& record)
 {
     tested_fabric& fabric = question.asker.fabric;

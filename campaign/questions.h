@@ -1,6 +1,6 @@
 // The questions that users of a host ask: for GIDs and paths through IBAT, for addresses through UCM. Each answer is
-// checked when it arrives. Also a replacement for UCM. It passes questions directly to the service (the module ats),
-// and checks how the service attaches and detaches itself.
+// checked when it arrives. This file also has a replacement for UCM. The replacement passes questions directly to the
+// service (the module ats), and checks how the service attaches and detaches itself.
 #pragma once
 
 #include <cstdint>

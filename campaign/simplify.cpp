@@ -22,7 +22,8 @@ bool read(std::string_view text, number_t& number)
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
-// Adds the acts of another seed's plan that can occur in this plan. They get numbers after those of the existing acts.
+// Adds the acts of another seed's plan that can occur in this plan, except faults that never heal. The added acts get
+// numbers after those of the existing acts.
 void add_acts(plan& plan, uint64_t seed)
 {
     for (const act& each : draw_plan(seed, plan.options).acts)
@@ -109,8 +110,8 @@ class simplifier
         return true;
     }
 
-    // Tries to lower the number `name` from `present`: keeps the first of `numbers` with which the acts still fail.
-    // `numbers` are in ascending order; those from `present` on are not tried.
+    // Tries to lower the number `name` from `present`: tries `numbers` in turn, and keeps the first with which the acts
+    // still fail. Stops at the first that is not below `present`.
     void lower(const std::string& name, uint64_t present, std::initializer_list<uint64_t> numbers)
     {
         for (const uint64_t number : numbers)

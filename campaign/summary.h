@@ -1,5 +1,5 @@
-// The output of a campaign: its failed seeds while it runs, and the summary at its end. A replay of a seed and a corpus
-// print parts of it.
+// The output of a campaign: its failed seeds while it runs, and the summary at its end. A replay of a seed, and a
+// search (corpus.h), print parts of this output.
 #pragma once
 
 #include <string>
@@ -33,8 +33,8 @@ void show_failure(const std::string& complaint, const run_choice& choice);
 void show(const figures& counts, double seconds);
 
 // Prints the figures, how often each kind of act took effect, and the number of failed seeds. A kind that never took
-// effect is a failure, and is printed, too. A shard, a short campaign and an interrupted one need not contain every
-// kind, so these are not checked for it. Returns true if the campaign was not interrupted and nothing failed.
+// effect is a failure, and is printed, too. A shard, a short campaign or an interrupted campaign need not contain every
+// kind, so this check is left out for them. Returns true if the campaign was not interrupted and nothing failed.
 bool show_summary(const campaign_result& result);
 
 } // namespace campaign

@@ -58,12 +58,12 @@ struct tested_fabric {
     tested_fabric(const campaign::plan& plan, const run_options& options);
     ~tested_fabric();
 
-    // Runs the acts with these numbers, ends every fault, and checks that everything becomes right again. Call it once.
-    // If a check finds a fault, run() does not return (see violate()). Returns an error only if the recording or the
-    // capture file could not be written.
+    // Runs the acts with these numbers, ends every fault that can end, and checks that everything becomes right again.
+    // Call it once. If a check finds a fault, run() does not return (see violate()). Returns an error only if the
+    // recording or the capture file could not be written.
     ats::result<> run(const std::vector<size_t>& act_numbers);
 
-    // Prints the fault and ends the process with exit code 1. Also completes the recording and the capture file.
+    // Prints the fault, completes the recording and the capture file, and ends the process with exit code 1.
     [[noreturn]] void violate(const std::string& fault, const mismatch& mismatch = {});
 
     // Records that the closing phase has come to this step.
@@ -88,7 +88,7 @@ struct tested_fabric {
     const std::string module_folder;
     const campaign::plan plan;
     figures counts;
-    std::unique_ptr<exec::priority_schedule> order; // for --pct; null if a seed draws the order of the tasks
+    std::unique_ptr<exec::priority_schedule> order; // for --pct; otherwise null
     std::unique_ptr<exec::simulation> simulation;
     embedded::subnet subnet;
     wire_watch wire;

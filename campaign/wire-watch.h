@@ -34,7 +34,7 @@ class wire_watch final : public fabric::tap
     // Returns the number of requests that the calling task has sent so far.
     uint64_t requests_of_this_task() const;
 
-    // Called in the task that sends the datagram.
+    // For a request, the task that sends it calls crossed().
     void crossed(uint64_t now_ticks, uint16_t source_lid, const fabric::address& destination,
                  const fabric::mad_bytes& bytes) override;
 
