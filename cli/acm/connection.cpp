@@ -48,7 +48,7 @@ void connection::set_events(int events)
     });
 }
 
-// Copies the input without removing it from the socket. If it begins with a whole request, starts to answer the
+// Copies the input without removing it from the socket. If the input begins with a whole request, starts to answer the
 // request. Cuts the program off if the input is not a request.
 void connection::peek_request()
 {
@@ -63,7 +63,8 @@ void connection::peek_request()
     begin_request(input.first(*length));
 }
 
-// Waits until the rest of a partial request has come. Cuts the program off if this takes longer than the time-out.
+// Arranges another look at a partial request after rest_period_ms. Cuts the program off if the rest of the request has
+// not come within the time-out.
 void connection::wait_for_rest()
 {
     const uint64_t now = uv_now(poll_.loop);

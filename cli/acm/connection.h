@@ -72,7 +72,7 @@ class connection
     uint64_t request_number_ = 0;
     std::array<uint8_t, longest_message> request_; // a copy of the request; the request itself is still in the socket
     size_t request_length_ = 0;                    // 0: no request is being answered
-    uint64_t rest_deadline_ms_ = 0; // when the rest of a partial request must have come; 0: there is none
+    uint64_t rest_deadline_ms_ = 0; // when the rest of a partial request must have come; 0: no rest is missing
     bool is_timer_running_ = false;
     bool is_closed_ = false;
 };

@@ -102,8 +102,8 @@ void door::accept_all()
     if (errno != EAGAIN) pause_accepting();
 }
 
-// Stops accepting for a short time, because accept() has failed, for example because no descriptor is left. The
-// programs wait meanwhile.
+// Stops accepting for a short time after a failure of accept(), for example if no descriptor is left. The programs wait
+// meanwhile.
 void door::pause_accepting()
 {
     constexpr uint64_t pause_ms = 100;
@@ -194,8 +194,8 @@ void door::take_request(connection& source, message_view request)
     source.answer(endpoint ? endpoint_answer(request, *endpoint) : refusal(request, status::invalid));
 }
 
-// Looks for the path and answers the request when it is found. `done` may be called in another thread, also after the
-// connection or the door has gone; see take_route() and life_.
+// Looks for the path, and answers the request when the result is known. `done` may be called in another thread, also
+// after the connection or the door has gone; see take_route() and life_.
 void door::resolve(connection& source, message_view request)
 {
     const read_request parse_result = read_resolve(request);

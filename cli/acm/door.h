@@ -73,7 +73,7 @@ class door final : public connection::owner
     client::descriptor earlier_listener_; // the listening socket of an earlier process, until listen()
     std::unique_ptr<cli::listening_socket> listening_socket_;
 
-    // Only the loop's thread uses the next members.
+    // Only the loop's thread uses the next members. The destructor waits for close_promise_.
     cli::service_limits limits_;
     client::descriptor accept_descriptor_;
     uv_poll_t listener_;

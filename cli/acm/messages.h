@@ -28,7 +28,8 @@ using path_end = std::variant<std::monostate, uint32_t, std::string>;
 struct resolve_request {
     path_end source;
     path_end destination;
-    std::optional<path_record> path; // the found path must have the same values as the fields here that are not zero
+    // The found path must have the GIDs, the LIDs and the P_Key of this record, except those that are 0 in the record.
+    std::optional<path_record> path;
     bool is_cache_only = false;
     bool is_fresh = false; // the SA must be asked even if the cache has an answer
 };
@@ -45,7 +46,7 @@ read_request read_resolve(message_view bytes);
 struct route {
     acm::status status = status::no_data;
     path_record path = {}; // valid only if `status` is `success`
-    // If the request names no source: the address of the host that has asked the SA.
+    // If the request names no source: the address of the port at which the path begins, if it is known.
     std::optional<uint32_t> source = {};
 };
 
@@ -57,7 +58,8 @@ enum counter { errors, resolutions, absences, address_queries, address_hits, pat
 using counters = std::array<uint64_t, counter_count>;
 
 // An endpoint is an HCA of the service. endpoint_of_counters() returns the endpoint whose counters a request asks for;
-// 0 means all. endpoint_of_query() returns the endpoint and port that a request asks for. Both count from 1.
+// 0 means all. endpoint_of_query() returns the endpoint and port that a request asks for. Endpoints and ports count
+// from 1.
 unsigned endpoint_of_counters(message_view request);
 struct endpoint_port {
     unsigned endpoint;

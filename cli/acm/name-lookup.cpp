@@ -41,7 +41,7 @@ pid_t start_self(const std::array<const char*, 7>& arguments, int output)
     posix_spawnattr_init(&attributes);
     sigset_t no_signals;
     sigemptyset(&no_signals);
-    // The service blocks the signals that end it. The new process must not inherit this.
+    // The service blocks the signals that end it. The new process must not block them.
     posix_spawnattr_setsigmask(&attributes, &no_signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t child = 0;

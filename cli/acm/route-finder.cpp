@@ -34,8 +34,8 @@ path_record wire_record_of(const world::path_record& path)
     return record;
 }
 
-// Returns true if the path has the values that the program has set in the record of its request. A field of 0 is not
-// set.
+// Returns true if the path has the GIDs, the LIDs and the P_Key in the program's request. Ignores those that are 0 in
+// the request.
 bool completes(const world::path_record& path, const path_record& request)
 {
     const kq_gid_t any_gid{};

@@ -1,5 +1,6 @@
-// Finds the paths for which programs ask the door (cli/acm/door.h). It uses the lookups of the server, so the limits
-// and turns of the client socket also hold for these programs. Make all calls in the thread of the server's loop.
+// Finds the paths for which programs ask the door (cli/acm/door.h). It uses the lookups of the server. Therefore the
+// limits of the client socket, and the turns that its users take, also apply to these programs. Make all calls in the
+// thread of the server's loop.
 #pragma once
 
 #include <functional>

@@ -1,6 +1,6 @@
 // The messages between a program that uses librdmacm and the daemon that it asks for paths (ibacm's protocol). A
-// resolve message asks for a path: a resolve_header, followed by entries. A query asks for counters or for an endpoint:
-// a query_header, followed by counters or addresses. An endpoint is an HCA.
+// resolve message asks for a path: a resolve_header, followed by entries. A query asks for counters or for an endpoint
+// (an HCA): a query_header. In its answer, counters, or an endpoint_config and addresses, follow the query_header.
 //
 // Byte order: the numbers in a resolve_header, and `flags` and `type` of an entry, are in host order. The content of an
 // entry and the numbers in a query are in network order.

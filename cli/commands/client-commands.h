@@ -12,7 +12,7 @@ namespace cli
 // Adds the commands that change nothing: status, resolve, reverse, path, metrics, log.
 void add_queries(CLI::App& program, ats::result<int>& outcome);
 
-// Adds the commands that change something: flush, control, trace, set-name, set-address, link, sa.
+// Adds the commands that can change something: flush, control, trace, set-name, set-address, link, sa.
 void add_orders(CLI::App& program, ats::result<int>& outcome);
 
 } // namespace cli

@@ -48,7 +48,7 @@ full_screen::size full_screen::window() const
 void full_screen::draw(const std::string& picture) const
 {
     constexpr std::string_view home = "\033[H";
-    // Written before the text of each line. After the text of a line that fills the window, it would erase the last
+    // This goes before the text of each line. After the text of a line that fills the window, it would erase the last
     // column.
     constexpr std::string_view clear_line = "\033[K";
     size_t free_lines = window().lines - 1;

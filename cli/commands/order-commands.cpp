@@ -132,12 +132,13 @@ void add_sa(CLI::App& program, ats::result<int>& outcome)
         "sa", "List the Subnet Administrator's records, or disturb the SA of an embedded fabric");
     sa->require_subcommand(1);
     add_sa_show(*sa, outcome);
-    add_sa_action(*sa, outcome, "forget", "Make it lose a GID's record, or all records",
+    add_sa_action(*sa, outcome, "forget", "Make the SA lose a GID's record, or all records",
                   {"gid", "GID", "The ServiceGID (default: all records)"});
-    add_sa_action(*sa, outcome, "silence", "Make it answer nothing, or answer again", {"state", "STATE", "on or off"})
+    add_sa_action(*sa, outcome, "silence", "Make the SA silent, or let it answer again",
+                  {"state", "STATE", "on or off"})
         ->required()
         ->check(console::one_of({"on", "off"}));
-    add_sa_action(*sa, outcome, "status", "Make it answer everything with a status word",
+    add_sa_action(*sa, outcome, "status", "Make the SA answer everything with a status word",
                   {"word", "WORD", "16 bits, as in 0x0300; 0: answer normally again"})
         ->required();
 }
