@@ -26,7 +26,7 @@ struct bench_world {
         return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
     }
 
-    // Loads the modules of every host and brings its link up. Then one tick passes, in which the hosts register. Stops
+    // For each host, loads the modules and brings the link up. Then one tick passes, in which the hosts register. Stops
     // at the first error.
     ats::result<> bring_up()
     {

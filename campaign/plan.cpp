@@ -15,7 +15,8 @@ namespace
 constexpr uint64_t shortest_run = 48 * minute, longest_run = 56 * minute;
 constexpr uint64_t longest_check = 8 * minute; // time to check the healthy hosts after a port was cut off
 constexpr uint64_t request_timer_ticks = 1000;
-// Half of the acts begin within this time after another act. Two waits for the answer to a Delete last about as long.
+// Half of the acts begin within this time after the previous act (see place()). Two waits for the answer to a Delete
+// last about as long.
 constexpr uint64_t cluster_ticks = 40;
 
 class dice

@@ -26,8 +26,8 @@ class port_model
     {
     }
 
-    // Each function returns the fault that it found, or one with an empty text if there is none. `task` logged the line
-    // or sent the request. `is_link_stable` means that no link of the host has changed recently.
+    // Each function returns the fault that it found. If it found none, the returned text is empty. `task` logged the
+    // line or sent the request. `is_link_stable` means that no link of the host has changed recently.
     std::string check_line(const exec::task& task, const std::string& line, bool is_link_stable);
     found_fault check_request(const exec::task& task, uint8_t method, const fabric::gid_bytes& gid);
 

@@ -20,17 +20,17 @@ namespace campaign
 
 struct node;
 
-// One question and its result. A question stays at its address until the run ends, because callbacks have pointers to
-// it.
+// One question and its result. A question stays at its place in memory until the run ends, because callbacks have
+// pointers to it.
 struct question {
     node& asker;
     std::optional<uint32_t> act_kind; // if set, the answer counts as an effect of this kind of act
     bool is_by_gid = false;           // asks for the address of a GID; otherwise for the GID of an address
     bool is_of_service = false;       // asks the service directly, so IBAT and UCM repeat nothing
     uint64_t begin_tick = 0;
-    ibat_stat_t return_status = ibat_stat_error; // what the call that asked has returned
+    ibat_stat_t return_status = ibat_stat_error; // the return value of the call that asked
     int replies = 0;                             // number of callbacks
-    ibat_stat_t status = ibat_stat_pending;      // what the callback has reported
+    ibat_stat_t status = ibat_stat_pending;      // the status that the callback has reported
     uint32_t ip = 0;
     kq_gid_t gid{};
     bool is_by_path = false; // asks for the path to `destination` instead
@@ -48,7 +48,7 @@ void ask_for_gid(question& question, uint32_t ip, bool bypasses_cache);
 void ask_for_address(question& question, const kq_gid_t& gid);
 
 // Cancels an open question; afterwards no callback comes. Returns true if IBAT or UCM still had the question. Does
-// nothing for a question that was asked of the service directly, or if the module that has the question is not loaded.
+// nothing if the question went directly to the service, or if the module that has the question is not loaded.
 bool withdraw(question& question);
 
 // Replaces the module UCM. The service attaches to this object, and ask() passes questions directly to the service. As

@@ -30,7 +30,7 @@ struct run_options {
 // The longest time from the end of a harmful act to the end of its effects.
 constexpr uint64_t harm_lasts_ticks = 500;
 
-// Notes when acts may make the registrations of one host, or of all hosts, fail. See `harm` in plan.h.
+// Notes the times at which acts may make registrations fail, for one host or for all hosts. See `harm` in plan.h.
 struct harm_watch {
     int running_acts = 0;
     uint64_t effects_end_tick = 0; // when the effects of the harmful acts that have ended are over

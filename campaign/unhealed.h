@@ -30,7 +30,7 @@ constexpr uint64_t most_hosts_cut(uint64_t hosts)
 }
 
 // Each function cuts ports off for good. cut_partition_off() cuts off all ports of 1 to most_hosts_cut() hosts. These
-// hosts have consecutive numbers, beginning with that of the act's host; after the last host of the fabric follows the
+// hosts have consecutive numbers, beginning with that of the act's host. After the last host of the fabric comes the
 // first.
 void cut_host_off(tested_fabric& fabric, const act& act); // all ports of a host
 void cut_port_off(tested_fabric& fabric, const act& act); // one port

@@ -230,7 +230,7 @@ class fabric_under_load
         });
     }
 
-    // Stores the number of records at the SA in records_, for the current second.
+    // Sets the entry of records_ for the current second to the number of records at the SA.
     void take_samples()
     {
         records_.resize(now_second() + 1);

@@ -1,7 +1,7 @@
 // ats-figures: measures figures of docs/report.md and docs/scale.md. `scripts/report` and `scripts/scale-report` run it
 // and draw the figures. The first argument selects a figure. Most figures are printed as JSON objects. 'subnet' prints
 // the figures of a whole subnet beside their limits, for `make bench`. 'resolutions' and the single steps, such as
-// 'encode', print nothing: Callgrind counts their instructions.
+// 'encode', print nothing: scripts count their instructions with Valgrind.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>

@@ -1,5 +1,5 @@
-// Measures lookups with libibumad only, in one thread. It is the reference for ats-lookups. WINDOW requests are in
-// flight: after each answer, the next request is sent at once.
+// Measures lookups with libibumad only, in one thread. This program is the reference for ats-lookups. WINDOW requests
+// are in flight: after each answer, the next request is sent at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
 // Looks up the record of ADDRESS, LOOKUPS times, and at least WINDOW times. Prints the lookups per second, the
 // processor time per lookup, and the numbers of lookups that found nothing and of requests that were lost. With "path",

@@ -1,6 +1,7 @@
-// Measures hosts that use libibumad, on an ibsim fabric with OpenSM. Measures the lookups of a whole host, and compares
-// them with bare-lookups, with lookups of client processes, and with saquery. Also measures the time until records are
-// registered. Prints the figures. If ibsim, OpenSM or saquery is missing, prints which one, and exits with 0.
+// Measures hosts that use libibumad, on an ibsim fabric with OpenSM. Measures the lookups of a whole host (the program
+// ats-lookups), and compares them with bare-lookups, with lookups of client processes, and with saquery. Also measures
+// the time until records are registered. Prints the figures. If ibsim, OpenSM or saquery is missing, prints which one,
+// and exits with 0.
 //   fabric-bench [LOOKUPS]
 #include <algorithm>
 #include <cstdio>

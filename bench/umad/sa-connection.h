@@ -50,7 +50,7 @@ class connection
     // false if neither came.
     bool receive(std::chrono::milliseconds longest);
 
-    // Counts the requests without an answer after `lost_after` as lost.
+    // Counts as lost the requests that got no answer within `lost_after`.
     void give_up_lost();
 
     size_t in_flight() const { return in_flight_; }

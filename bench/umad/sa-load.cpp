@@ -140,7 +140,7 @@ class load
         print(kind, window, watch);
     }
 
-    // Makes a request of this kind for a random host. For "mixed", draws the kind as hosts send them: half of the
+    // Makes a request of this kind for a random host. For "mixed", draws one of the kinds that hosts send: half of the
     // requests are checks of the host's own record, 40 percent are lookups of addresses and paths, ten percent are
     // registrations.
     sa_mad_v2_t next_of(const std::string& kind)

@@ -49,7 +49,7 @@ void connection::set_events(int events)
 }
 
 // Copies the input without removing it from the socket. If the input begins with a whole request, starts to answer the
-// request. Cuts the program off if the input is not a request.
+// request. Cuts the program off if the input is not a request, or if it has ended.
 void connection::peek_request()
 {
     const ssize_t size = recv(socket_.get(), request_.data(), request_.size(), MSG_PEEK | MSG_DONTWAIT);

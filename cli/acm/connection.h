@@ -25,7 +25,7 @@ class connection
         virtual void take_request(connection& source, message_view request) = 0;
         // The owner has not answered the request in time. The owner then calls answer() during this call.
         virtual void request_timed_out(connection& source, message_view request) = 0;
-        // The connection has closed its libuv handles. The owner may destroy it.
+        // The connection has closed its libuv handles. The owner may destroy the connection.
         virtual void connection_ended(connection& source) = 0;
     };
 

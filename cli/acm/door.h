@@ -47,7 +47,7 @@ class door final : public connection::owner
   private:
     struct open_connection {
         std::unique_ptr<acm::connection> connection;
-        std::string store_name; // the name of its copy at the service manager; "" if there is no copy
+        std::string store_name; // the name of the copy at the service manager; "" if there is no copy
         uid_t user = 0;
         size_t rank = 0; // number of connections of its user when it was accepted, itself included
         // If true, its requests are refused. The connection stays open, because closing it would end the program.

@@ -1,4 +1,4 @@
-// Reads requests and writes answers of the protocol in wire.h. All functions are pure.
+// Reads requests and writes answers of the protocol in wire.h. The functions have no side effects.
 #pragma once
 
 #include <array>

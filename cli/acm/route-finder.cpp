@@ -127,8 +127,8 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
     find_path(question, gid);
 }
 
-// Finds the address of the name first, in a thread of the workers. This asks the SA even if the program allows only
-// cached answers, because no cache contains host names.
+// First finds the address of the name, in a worker thread. This asks the SA even if the program allows only cached
+// answers, because no cache contains host names.
 void route_finder::find_by_name(const question& question, const std::string& name)
 {
     server_.background().push(question.place, [this, question, name] {

@@ -42,7 +42,7 @@ struct resolve_header {
     uint8_t status;
     uint8_t reserved[3];
     uint16_t length; // bytes of the whole message, with the header
-    uint64_t tid;    // transaction ID; the answer has the same
+    uint64_t tid;    // transaction ID; the answer has the same ID
 };
 static_assert(sizeof(resolve_header) == 16 && offsetof(resolve_header, length) == 6);
 static_assert(offsetof(resolve_header, tid) == 8);
@@ -55,7 +55,7 @@ struct query_header {
     uint8_t index;  // in a request for an endpoint: the port; in a request for counters: the endpoint, or 0 for all
     uint8_t reserved;
     be16_t length; // bytes of the whole message, with the header
-    be64_t tid;    // transaction ID; the answer has the same
+    be64_t tid;    // transaction ID; the answer has the same ID
 };
 static_assert(sizeof(query_header) == 16 && offsetof(query_header, number) == 3);
 static_assert(offsetof(query_header, length) == 6 && offsetof(query_header, tid) == 8);

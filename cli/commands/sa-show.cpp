@@ -130,8 +130,9 @@ void add_sa_show(CLI::App& sa, ats::result<int>& outcome)
         ->add_flag("--real", options->is_real,
                    "Ask the SA of this machine's real fabric, even if another service runs here")
         ->option_text(" ");
-    auto* hca = command->add_option("--hca", options->hca, "The same, through this HCA")->option_text("NAME");
-    command->add_option("--port", options->port, "... and this port (default: the first active one)")
+    auto* hca = command->add_option("--hca", options->hca, "Ask the SA of the real fabric through this HCA")
+                    ->option_text("NAME");
+    command->add_option("--port", options->port, "With --hca: ask through this port (default: the first active one)")
         ->needs(hca)
         ->option_text("N");
     auto common = add_client_options(*command, no_host);

@@ -55,7 +55,7 @@ class service_client
     // Sends a request and returns its answer. If the service refuses the request, the answer is {"error", "exit_code"}.
     ats::result<json> ask(json request);
 
-    // Does the same, but returns an answer {"error", "exit_code"} as an error.
+    // Does the same as ask(), but returns an answer {"error", "exit_code"} as an error.
     ats::result<json> ask_accepted(json request);
 
     // Reads the next line of an answer that has several lines.
