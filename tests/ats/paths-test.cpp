@@ -2,6 +2,7 @@
 // events that drop a path from the cache.
 #include <gtest/gtest.h>
 
+#include "host/exec/schedule.h"
 #include "host/fabric/embedded/subnet.h"
 #include "host/peers/ibat-path-exports.h"
 #include "host/world/host.h"
@@ -17,9 +18,9 @@ using world::lookup_mode;
 using world::path_resolution;
 using world::path_status;
 
-struct paths : testing::Test {
-    // The asking host has two ports, the other host one.
-    paths()
+struct path_world {
+    // The asking host has two ports, the other host one. If `order` is null, tasks run in the plain order.
+    explicit path_world(exec::schedule* order = nullptr) : sim(exec::make_simulation({.order = order}))
     {
         for (world::host* each : {&asker, &other}) EXPECT_TRUE(each->load());
         EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1));
@@ -70,13 +71,16 @@ struct paths : testing::Test {
         EXPECT_EQ(answer.from_cache, from_cache);
     }
 
-    std::unique_ptr<exec::simulation> sim = exec::make_simulation({});
+    std::unique_ptr<exec::simulation> sim;
     embedded::subnet subnet{*sim};
     const world::host_plan asker_plan = plan_of("node1", "10.0.0.1", 2), other_plan = plan_of("node2", "10.0.0.2", 1);
     world::host asker{*sim, hcas_of(asker_plan), asker_plan, world::default_module_folder(), 7};
     world::host other{*sim, hcas_of(other_plan), other_plan, world::default_module_folder(), 7};
     const uint32_t address = world::parse_ipv4("10.0.0.2").value();
     const kq_gid_t gid = world::parse_gid("fe80::200:0:2:1").value();
+};
+
+struct paths : testing::Test, path_world {
 };
 
 TEST_F(paths, are_asked_for_once_and_cached_until_they_expire)
@@ -146,6 +150,27 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
     EXPECT_EQ(impatient.status, path_status::timed_out);
     pass(2000); // the request ends, although its question has ended already
     EXPECT_TRUE(asker.unload());
+}
+
+// In some orders, the answer arrives before the task that sends the request has returned from the send.
+TEST(paths_in_every_order, wait_for_the_usual_time_after_a_busy_answer)
+{
+    exec::systematic_schedule order(1);
+    do {
+        SCOPED_TRACE(order.describe());
+        path_world world(&order);
+        path_resolution result;
+        world.subnet.faults.answer_with(MAD_STATUS_BUSY, 1);
+        order.explore(true);
+        world::start_path_resolution(world.asker.machine(), world.gid, lookup_mode::sa_only,
+                                     [&](const path_resolution& answer) { result = answer; });
+        world.pass(1);
+        order.explore(false);
+        world.pass(1000);
+        EXPECT_EQ(result.status, path_status::found);
+        EXPECT_EQ(result.duration_ticks, 500u);
+        EXPECT_TRUE(world.asker.unload());
+    } while (!HasFailure() && order.next());
 }
 
 TEST_F(paths, are_dropped_when_an_event_makes_them_invalid)

@@ -76,7 +76,7 @@ void path_resolver::send(const kq_gid_t& gid, uint64_t request_id)
     path_request* request = requests_.find(gid, request_id);
     if (!request) return;
     request->was_sent |= was_sent;
-    await_answer(request);
+    await_answer(request, attempt.generation);
 }
 
 // Counts an attempt, gives it a serial number and fills `*attempt`. Returns false if the request has ended. If no port
@@ -98,6 +98,7 @@ bool path_resolver::begin_attempt(const kq_gid_t& gid, uint64_t request_id, atte
         request->serial = free_serial();
         request->port_number = attempt->source.number;
         requests_by_serial_.insert(request);
+        attempt->generation = generation;
         attempt->serial = request->serial;
         attempt->is_retry = request->attempts++ > 0;
         return true;
@@ -121,15 +122,16 @@ void path_resolver::invalidate_attempt(path_request* request)
 }
 
 // Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
-// last attempt and no attempt could be sent, ends the request. The caller holds the lock.
-void path_resolver::await_answer(path_request* request)
+// last attempt and no attempt could be sent, ends the request. If the source port may have changed since the begin of
+// the attempt, in `generation`, the next attempt is due at once. The caller holds the lock.
+void path_resolver::await_answer(path_request* request, uint64_t generation)
 {
     if (!request->was_sent && request->attempts >= limits_.attempts) {
         give_up(request, ibat_stat_error);
         return;
     }
-    if (request->serial == 0)
-        requests_.hurry(request); // the attempt became invalid while it was being sent: send the next one at once
+    if (generation != generation_)
+        requests_.hurry(request);
     else
         requests_.wait(request, limits_.retry_ticks);
 }

@@ -70,8 +70,7 @@ class path_resolver
   private:
     struct attempt {
         source_port source;
-        kq_gid_t gid;
-        uint64_t request_id;
+        uint64_t generation; // at the begin of the attempt
         uint32_t serial;
         bool is_retry;
     };
@@ -87,7 +86,7 @@ class path_resolver
     bool begin_attempt(const kq_gid_t& gid, uint64_t request_id, attempt* attempt);
     uint32_t free_serial();
     void invalidate_attempt(path_request* request);
-    void await_answer(path_request* request);
+    void await_answer(path_request* request, uint64_t generation);
     void retry_due();
     bool next_due(kq_gid_t* gid, uint64_t* request_id);
     void take_answer(const sa_mad_v2_t& mad);
