@@ -155,6 +155,9 @@ ats::result<> address_search::search_by_gid(const record_selection& ambiguous)
     const auto sorted = sort_answers(selections, equal_in_gid);
     list_.remarks.push_back("several records hold " + address_text(ambiguous) +
                             ": those of ports that have left the fabric may be missing");
+    if (!equal_in_gid.empty())
+        list_.remarks.push_back("several records hold " + address_text(ambiguous) +
+                                " and the same GID: they may be missing");
     return sorted;
 }
 

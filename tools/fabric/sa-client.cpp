@@ -28,7 +28,7 @@ void fail(const char* reason)
 bool parse_gid(const char* text, wire_gid_t& gid)
 {
     if (inet_pton(AF_INET6, text, &gid) == 1) return true;
-    if (std::strlen(text) != 2 + 2 * sizeof gid) return false;
+    if (std::strncmp(text, "0x", 2) != 0 || std::strlen(text) != 2 + 2 * sizeof gid) return false;
     for (size_t i = 0; i < sizeof gid; ++i)
         if (std::sscanf(text + 2 + 2 * i, "%2hhx", &gid.bytes[i]) != 1) return false;
     return true;
