@@ -26,8 +26,8 @@ struct bench_world {
         return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
     }
 
-    // For each host, loads the modules and brings the link up. Then one tick passes, in which the hosts register. Stops
-    // at the first error.
+    // For each host, loads the modules and brings the link up. Then lets one tick pass: after it, all hosts have
+    // registered. Stops at the first error.
     ats::result<> bring_up()
     {
         for (const auto& host : hosts)
@@ -36,7 +36,8 @@ struct bench_world {
         return {};
     }
 
-    // Loads the modules of one host and brings its link up. The host registers when the simulated time advances.
+    // Loads the modules of one host and brings its link up. The host registers as soon as the simulation runs its
+    // tasks.
     ats::result<> bring_up(world::host& host)
     {
         if (ats::result<> result = host.load(); !result) return result;

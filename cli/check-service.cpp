@@ -17,7 +17,8 @@ namespace cli
 namespace
 {
 
-// The open files and the memory mappings that a host with one HCA, each further HCA, and the process itself need.
+// The number of open files and memory mappings for a host with one HCA, for each further HCA, and for the process
+// itself.
 constexpr size_t files_of_host = 3, files_of_process = 64;
 constexpr size_t mappings_of_host = 25, mappings_of_hca = 4, mappings_of_process = 500;
 
