@@ -304,6 +304,8 @@ load_plan read_plan(int count, char** arguments)
         if (kind != "mixed" && !kind_named(kind)) throw std::runtime_error("unknown kind of request " + kind);
     if (plan.records < 1 || std::ranges::find(plan.windows, 0u) != plan.windows.end())
         throw std::runtime_error("expected at least one record, and windows of at least one request");
+    if (plan.overload_seconds > 0 && std::ranges::find(plan.kinds, "mixed") == plan.kinds.end())
+        throw std::runtime_error("--overload needs the best rate of the mix: add 'mixed' to --kinds");
     return plan;
 }
 
