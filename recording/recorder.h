@@ -1,4 +1,4 @@
-// Writes a recording of a run: sent and arrived datagrams, changes of ports and of the SA's records, and log lines of
+// Writes a recording of a run, for example its datagrams, port changes, changes of the SA's records and log lines of
 // hosts. The format is JSON Lines; docs/recording.md describes it. The recorder does not change the run.
 #pragma once
 
@@ -29,26 +29,28 @@ class recorder final : public embedded::observer
     // command line that repeats the run.
     recorder(std::FILE* file, const std::string& program);
 
-    // follow() begins to record the events of a subnet, or those of a host: its log lines, and the port events that the
-    // host handles. stop() ends both. The machines must live until stop(). The subnet must outlive the last call of the
-    // recorder: note() and finish() read the subnet's faults and counters. Only one thread at a time may call follow()
-    // and stop(). Call follow(subnet) before other threads use the recorder.
+    // The first follow() begins to record the events of a subnet. The second one begins to record the log lines of a
+    // host and the port events that the host handles. stop() ends all this. The machines must live until stop(). The
+    // subnet must outlive the last call of the recorder: note() and finish() read the subnet's faults and counters.
+    // Only one thread at a time may call follow() and stop(). Call follow(subnet) before other threads use the
+    // recorder.
     void follow(embedded::subnet& subnet);
     void follow(const std::string& host, kernel::machine& machine);
     void stop();
 
     // Records an event of any kind, with its fields. Programs add their own kinds, for example "act" for a campaign.
-    // First records changed faults, as note_faults() does.
+    // Calls note_faults() first.
     void note(uint64_t now_ticks, const char* kind, json fields);
 
-    // Records each fault switch of the subnet whose value has changed since the last call.
+    // Records each fault switch of the subnet whose value differs from the value recorded last; at first, from 0.
+    // Without follow(subnet), records nothing.
     void note_faults(uint64_t now_ticks);
 
     // Records all ServiceRecords of the SA, for comparison with the recorded changes. Needs follow(subnet).
     void note_table(uint64_t now_ticks);
 
-    // Records the last event, "end", with the counters of the subnet, and flushes the file. Later events are ignored.
-    // Fails if the file could not be written.
+    // Calls note_faults(). Then records the last event, "end", with the counters of the subnet if there is one, and
+    // flushes the file. Later events are ignored. Fails if the file could not be written.
     ats::result<> finish(uint64_t now_ticks);
 
     // ---- embedded::observer ----
@@ -79,8 +81,8 @@ class recorder final : public embedded::observer
     bool is_finished_ = false;
     switch_values switches_{};
     std::map<kernel::machine*, int> log_handles_;     // the results of kernel::log::follow()
-    std::map<std::string, uint16_t> lids_;            // of each port, as recorded last
-    std::map<std::string, uint16_t> registered_lids_; // the LIDs at the last link-up that the host handled
+    std::map<std::string, uint16_t> lids_;            // of each port, by port name, as recorded last
+    std::map<std::string, uint16_t> registered_lids_; // the LIDs at the last link-up that was handled
 };
 
 } // namespace recording

@@ -6,7 +6,7 @@ namespace recording
 namespace
 {
 
-std::atomic<uint64_t> last_number{0}; // the datagrams at all watched HCAs are numbered from 1
+std::atomic<uint64_t> last_number{0}; // of the latest datagram; all watched HCAs share the numbers, which begin at 1
 
 void set_attributes(embedded::port_view& view, const fabric::port_attributes& attributes)
 {

@@ -12,8 +12,8 @@ namespace recording
 class watched_hca final : public fabric::hca, private fabric::listener
 {
   public:
-    // Reads the ports of `hca`; may sleep. `hca` and `recorder` must outlive this object. When a port changes, its
-    // attributes are read again in port_changed(), so that read must not sleep.
+    // Reads the ports of `hca`; may sleep. `hca`, `recorder` and `exec` must outlive this object. port_changed() reads
+    // the changed port again. hca.read_port() must not sleep there.
     watched_hca(std::string host, fabric::hca& hca, recorder& recorder, const exec::executor& exec);
 
     const std::string& name() const override { return hca_.name(); }

@@ -1,6 +1,6 @@
 // The ServiceRecord with which a host registers its name and address at the Subnet Administrator (IBA 15.2.5.14). The
-// records of all hosts have the same service ID and service name. The functions here encode, decode and print a record.
-// They are pure and may be called in any context.
+// records of all hosts have the same service ID and service name. The functions here encode and decode records, and
+// format their fields. All functions are pure and may be called in any context.
 #pragma once
 
 #include <cstdint>
@@ -34,13 +34,13 @@ struct host_record {
 // Returns true if the record has the service ID of this service.
 bool is_host_record(const ib_service_record_v2_t& record);
 
-// Decodes a record for which is_host_record() returns true.
+// Decodes a record. The result has a meaning only if is_host_record() returns true.
 host_record decode(const ib_service_record_v2_t& record);
 
-// Encodes the record that a host registers. It has an infinite lease. A name that is too long is cut.
+// Encodes the record that a host registers, with an infinite lease. Cuts a name that is too long.
 ib_service_record_v2_t encode(const host_record& host);
 
-// Formats a GID as "0x" and 32 digits.
+// Formats a GID as "0x" and 32 hexadecimal digits.
 std::string gid_text(const kq_gid_t& gid);
 
 // Formats a lease for people: "infinite" or "20 s".

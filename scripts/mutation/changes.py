@@ -34,7 +34,8 @@ def text_of(cursor, source):
 
 
 def other_operator(cursor, source):
-    """Yields the change of a binary operator, or nothing if the operator is inside a macro."""
+    """Yields another operator in place of a binary one. Yields nothing for an operator inside a macro or without an entry in
+    OTHER_OPERATOR."""
     children = list(cursor.get_children())
     if len(children) != 2:
         return
@@ -129,7 +130,7 @@ def mutants_of_file(path, root, arguments):
 
 
 def mutants_of(folders, root, build, pattern="*"):
-    """Yields the mutants of all files in these folders that the build tree compiles and whose name matches the pattern."""
+    """Yields the mutants of each file that is in one of these folders, has a name like `pattern`, and is compiled in the tree."""
     for command in sorted(json.loads((build / "compile_commands.json").read_text()), key=lambda each: each["file"]):
         path = pathlib.Path(command["file"])
         is_wanted = path.is_relative_to(root) and str(path.parent.relative_to(root)) in folders and path.match(pattern)

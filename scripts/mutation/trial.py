@@ -17,11 +17,11 @@ from mutation import changes
 MEMORY_LIMIT = 24 << 30  # bytes of address space: a mutant that allocates for ever must not use up the machine's memory
 # Undefined behaviour ends the program, as it does under the sanitizers of `make test-all`.
 FAST_COMPILER = ["-O0", "-g0", "-U_FORTIFY_SOURCE", "-UNDEBUG", "-fsanitize=undefined", "-fsanitize-undefined-trap-on-error"]
-AS_BUILT = ["-Werror=frame-address"]  # the normal build, which refuses every warning, refuses these mutants
+AS_BUILT = ["-Werror=frame-address"]  # the normal build refuses every warning; here only this one is an error
 FAST_COMPILER += AS_BUILT
 PASSED, FAILED, HUNG = "passed", "failed", "hung"
 
-# A step runs a program of the build tree with these arguments. `name` is its name in results.
+# A step runs a program of the build tree with these arguments. `name` is the name of the step in results.
 Step = collections.namedtuple("Step", "name program arguments")
 LONG_TESTS = "*every_order*:*in_every_order*:trace.of_everything*:threaded.*:*leaves_nothing_behind*"
 
@@ -54,13 +54,14 @@ DROPPED_LOCK = "the lock is dropped"
 
 
 def default_tree(part):
-    """Names the preset of the tree that fits a part. Modules are compiled file by file in each tree; other parts are not in `release`."""
+    """Returns the preset of a tree that compiles each file of the part by itself. Every tree does this with the files of modules.
+    `release` compiles several files of any other part together."""
     return "release" if part in ("module", "peers") else "dev"
 
 
 def run_limited(command, folder, environment, memory, processor_seconds, seconds):
-    """Runs a command with limits of its processor time and its memory. Kills all its processes if it has not ended after
-    `seconds`. Returns PASSED, FAILED or HUNG."""
+    """Runs a command with limits of its processor time and its memory. Kills all its processes when the command has ended, or
+    after `seconds`. Returns PASSED, FAILED or HUNG."""
     def limit():
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         resource.setrlimit(resource.RLIMIT_AS, (memory, memory))
@@ -85,7 +86,7 @@ class Bench:
     """A built tree, and a scratch folder for one mutant at a time. The tree itself does not change."""
 
     def __init__(self, root, build, folder, folders, steps, is_fast=True):
-        """A bench that is not fast compiles a mutant as the tree was built. It is for trees with a sanitizer."""
+        """If `is_fast` is false, mutants are compiled with the options of the tree. A tree with a sanitizer needs this."""
         self.root, self.build, self.folder, self.folders, self.steps, self.is_fast = root, build, folder, folders, steps, is_fast
         commands = json.loads((build / "compile_commands.json").read_text())
         self.commands = {each["file"]: shlex.split(each["command"]) for each in commands if "faulty-ats" not in each["command"]}
@@ -117,7 +118,7 @@ class Bench:
         return [words[0], "-iquote", str(path.parent), *words[1:]]
 
     def headers_of(self, path):
-        """Compiles the headers that a file includes, once for all its mutants. Compiling them takes most of the compiler's time."""
+        """Compiles the headers that a file includes, once for all mutants of the file: the headers take most of the compiler's time."""
         if path not in self.headers:
             text = path.read_text()
             lines = text[:text.find("\n#if")].splitlines() if "\n#if" in text else text.splitlines()
@@ -141,14 +142,14 @@ class Bench:
         return subprocess.run(words, cwd=self.build, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
     def link(self, target, mutant_file, object_file):
-        """Puts a product into the scratch folder, with the object in place of that of the file."""
+        """Links a target into the scratch folder, with `object_file` in place of the object of the mutant's file."""
         words = list(self.links[target])
         compiled = self.commands[str(self.root / mutant_file)]
         replaced = compiled[compiled.index("-o") + 1]
         linked = self.folder / target
         linked.parent.mkdir(parents=True, exist_ok=True)
         linked.unlink(missing_ok=True)  # it may contain an earlier mutant
-        if replaced not in words:  # this product does not contain the file
+        if replaced not in words:  # this target does not contain the file
             linked.symlink_to(self.build / target)
             return
         words[words.index(replaced)] = str(object_file)
