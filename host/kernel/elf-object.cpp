@@ -130,7 +130,8 @@ std::optional<std::vector<Elf64_Rela>> elf_object::relocations() const
 bool elf_object::read_table(int64_t address_tag, int64_t size_tag, std::vector<Elf64_Rela>& entries) const
 {
     const auto address = dynamic(address_tag), size = dynamic(size_tag);
-    if (!address || !size) return true; // the object has no such table
+    if (address.has_value() != size.has_value()) return false;
+    if (!address) return true; // the object has no such table
     for (uint64_t offset = 0; offset < *size; offset += sizeof(Elf64_Rela)) {
         const auto entry = value_at<Elf64_Rela>(*address + offset);
         if (!entry) return false;

@@ -159,6 +159,7 @@ TEST(images, of_files_that_need_the_dynamic_linker_are_not_placed)
         {"an absolute symbol", [](module_file& file) { file.symbol("printk").st_shndx = SHN_ABS; }},
         {"a pointer to a thread variable",
          [](module_file& file) { file.symbol("printk").st_info = ELF64_ST_INFO(STB_GLOBAL, STT_TLS); }},
+        {"relocations of unknown number", [](module_file& file) { file.dynamic(DT_RELASZ).d_tag = DT_DEBUG; }},
         {"too many relocations", [](module_file& file) { file.dynamic(DT_RELASZ).d_un.d_val = 1 << 30; }},
         {"relocations behind its end", [](module_file& file) { file.dynamic(DT_JMPREL).d_un.d_ptr = UINT32_MAX; }},
         {"an import that nothing has", [](module_file& file) { file.rename("kq_list_hcas", "kq_list_none"); }},
@@ -196,6 +197,9 @@ TEST(images, of_a_file_that_needs_no_linker_have_its_parts)
         EXPECT_EQ(image->export_at(inside)->first, "this_module");
     for (const uint64_t outside : {record.begin - 1, record.begin + record.bytes})
         EXPECT_EQ(image->export_at(outside), nullptr);
+
+    file.dynamic(DT_JMPREL).d_tag = file.dynamic(DT_PLTRELSZ).d_tag = DT_DEBUG;
+    EXPECT_TRUE(file.read()) << "it calls no function of another object";
 }
 
 #endif
