@@ -316,6 +316,15 @@ TEST_P(images_of_both_kinds, begin_and_end_with_their_own_functions_and_leave_no
 #ifdef ATS_PLACED_MODULES
 TEST_P(images_of_both_kinds, need_no_standard_input)
 {
+    const auto load_first_image = [&] {
+        close(0); // the memory file of the code gets descriptor 0
+        const bool is_loaded = host.modules.insmod(path).has_value();
+        const bool is_placed = kernel::find_placed_image(symbol(host, "probe_text")).source != nullptr;
+        // No process can change the code through /proc/PID/fd/0.
+        const bool is_sealed = fcntl(0, F_GET_SEALS) == (F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE);
+        std::_Exit(is_loaded && is_placed == GetParam() && is_sealed == is_placed ? 0 : 1);
+    };
+    EXPECT_EXIT(load_first_image(), testing::ExitedWithCode(0), "");
     // This first load makes the memory file of the code, which stays open. The second load below then needs a
     // descriptor only to read the module file.
     ASSERT_TRUE(host.modules.insmod(path));
