@@ -68,8 +68,8 @@ struct questions {
     std::atomic<int> answer_count{0};
 };
 
-// Resolves addresses in several rounds. Returns the number of allocations in the round with the fewest. In the first
-// rounds, queues may still grow. With real threads they may also grow later.
+// Resolves addresses in several rounds. Returns the number of allocations in the round with the fewest. Queues may
+// still grow in the first rounds. With real threads, queues may also grow later.
 uint64_t fewest_allocations(exec::executor& exec, const std::function<void()>& let_time_pass)
 {
     embedded::subnet subnet(exec);

@@ -51,7 +51,7 @@ void reverse_lookup::answered(ibat_stat_t status, ibat_arp_data_t* record, void*
     auto* self = static_cast<reverse_lookup*>(lookup);
     self->answers.push_back({get_jiffies(), status, record ? record->dst_ip : 0});
     self->order = ++answer_count;
-    EXPECT_EQ(exec::current_task()->spin_locks, 0) << "a callback may start the next lookup";
+    EXPECT_EQ(exec::current_task()->spin_locks, 0) << "a callback may start the next lookup, which may sleep";
 }
 
 std::ostream& operator<<(std::ostream& stream, const reverse_lookup::answer& answer)

@@ -38,7 +38,7 @@ struct host_setup {
     std::string more_parameters = "";
     int trace = trace_error;
     bool has_ucm = true;
-    bool has_key = true;         // the registry has the key with the module's trace level
+    bool has_key = true;         // the registry has the key in which the module finds its trace level
     size_t log_bytes = 64 << 20; // enough for the log of a long test
 };
 
@@ -79,7 +79,8 @@ class ats_host
     void link_down(int port, int hca = 0);
     kq_gid_t gid(int port, int hca = 0) const;
 
-    // Runs `body` in a task of the host. If the caller is not a task, it then also waits until all tasks are parked.
+    // Runs `body` in a task of the host. If the caller is not a task, this call then also runs everything that is due
+    // now.
     void run(const std::function<void()>& body);
 
     // Looks up a GID through the function of ats that UCM calls. `lookup` receives the answer and must live until then.
@@ -103,7 +104,7 @@ class ats_host
     // replaces pointers.
     std::vector<std::string> log();
 
-    // Lists the resources that the module has not given back, or "".
+    // Lists the resources that the module has not given back. Returns "" if there are none.
     std::string leftovers();
 
     // A symbol that the module exports.
@@ -144,7 +145,8 @@ class ats_world final : fabric::tap
     // Runs the world until this many ticks after its start.
     void at(uint64_t tick) { sim->run_until(begin_tick_ + tick); }
 
-    // The requests of all hosts to the SA since the last call. Ticks count from the start of the world.
+    // The requests of all hosts to the SA since the last call of one of these two functions. The ticks in the texts of
+    // requests() count from the start of the world.
     std::vector<std::string> requests();
     std::vector<wire_request> raw_requests();
 
@@ -171,7 +173,7 @@ class ats_world final : fabric::tap
     std::vector<std::unique_ptr<ats_host>> hosts_; // destroyed first, because unloading still uses the other members
 };
 
-// The answer of an SA to a lookup.
+// An answer of the SA, by default to a lookup. The answer has a record with this GID and address.
 fabric::mad_bytes sa_reply(const kq_gid_t& gid, const std::string& address, uint16_t status = 0,
                            uint8_t method = MAD_METHOD_GET, uint16_t attribute = SA_ATTR_SERVICE_RECORD);
 

@@ -65,7 +65,7 @@ TEST_F(control, bad_input_is_logged_and_changes_nothing)
         {repeated("w ", 29) + forty, unknown(repeated(" 'w'", 29) + " '" + forty + "'")},
         {repeated(forty + " ", 30), unknown(repeated(" '" + forty + "'", 30))},
         {"half" + nul + "rest", unknown(" 'half'")},
-        // The last byte is not white space, so one more word counts. The NUL byte at its begin makes this word empty.
+        // The last byte is not white space, so a second word counts. It begins with the NUL byte, so it is empty.
         {"half " + nul + "rest", unknown(" 'half' ''")},
         {"half" + nul + " ", usage},
         {nul, unknown(" ''")},
@@ -169,7 +169,7 @@ TEST_F(control, rarp_logs_the_request_and_its_answer)
     host.peers().cache = {{kq_gid_t{0x99, 0}, ip_of("10.0.0.9")}};
     EXPECT_THAT(lines_of_rarp("0x99"),
                 ElementsAre(first_line("OK received."), "DEBUG api/ats_proc_cmd_rarp: IP:10.0.0.9"));
-    EXPECT_THAT(w.requests(), IsEmpty()) << "IBAT's cache answers before the SA";
+    EXPECT_THAT(w.requests(), IsEmpty()) << "IBAT's cache has the answer, so the SA is not asked";
     host.link_down(1);
     EXPECT_THAT(lines_of_rarp("0x98"),
                 ElementsAre("ERROR api/ats_proc_cmd_rarp: Status ERROR received.", callback_line("TIMEOUT received.")));

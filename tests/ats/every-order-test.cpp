@@ -1,4 +1,4 @@
-// Several events happen at the same time. Each test runs its scenario once for every order of their tasks that has at
+// Several events happen at the same time. Each test runs its scenario once for every order of the tasks that has at
 // most one or two deviations from the plain order (host/exec/schedule.h). The environment variable ATS_DEVIATIONS sets
 // another limit.
 #include <csignal>
@@ -76,7 +76,7 @@ exec::task& start_write(ats_host& host, const std::string& command)
     return host.start("writer", [&host, command] { host.machine().proc.write("dorvex/ats/control", command); });
 }
 
-// The tick at which a newly loaded host first checks its own record. The host's trace lines contain it.
+// The tick at which a newly loaded host first checks its own record. The host's trace lines contain this tick.
 uint64_t first_check_tick(ats_host& host)
 {
     for (const std::string& line : host.log())

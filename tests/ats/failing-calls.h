@@ -1,10 +1,10 @@
-// Repeats a scenario, and lets other kernel calls fail in each run: each call alone, and each call together with each
-// later call. In this way, one loop tests all error paths.
+// Repeats a scenario, and lets different kernel calls fail in each run: each call alone, and each call together with
+// each later call. In this way, one loop tests all error paths.
 #pragma once
 
 #include "tests/ats/ats-world.h"
 
-// The calls that fail in one run: the n-th one. If `gap` is not 0, also the one `gap` calls later.
+// The calls that fail in one run: the n-th call and, if `gap` is not 0, also the call that comes `gap` calls later.
 struct failing_calls {
     uint64_t n;
     uint64_t gap;
@@ -13,7 +13,7 @@ struct failing_calls {
 // The calls that have failed in a run.
 struct failed_calls {
     uint64_t count = 0;
-    std::string last; // the name of the last one
+    std::string last; // the name of the last of these calls
 };
 
 // Lets the first call of `scenario` fail, then the second, and so on until no call is left to fail. Repeats each of

@@ -1,5 +1,5 @@
-// The name and the address of a host change at run time. Other modules change them by calls, users by commands. Tests
-// the records that each HCA then registers, and what remains after a failure.
+// The name and the address of a host change at run time. Other modules call functions of ats to change them. Users
+// write commands. Tests the records that each HCA then registers, and what remains after a failure.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -85,7 +85,7 @@ TEST(identity_of_three_hcas, stops_at_the_first_failure)
         ats_host& host = w.add_registered({.ports = {1, 1, 1}});
         for (int hca : {1, 2}) host.link_up(1, hca);
         w.requests();
-        constexpr uint64_t copy = 1;                // of the command's text
+        constexpr uint64_t copy = 1;                // copies the command's text
         constexpr uint64_t calls_of_one_update = 5; // one for the semaphore; two each for the Delete and the Set
         host.faults().fail_nth(copy + calls_of_one_update + 1);
         host.control(command);
@@ -93,7 +93,8 @@ TEST(identity_of_three_hcas, stops_at_the_first_failure)
         host.faults().disarm();
         EXPECT_THAT(host.log(), ElementsAre(HasSubstr("down_interruptible is not OK"), HasSubstr(" FAIL")));
         const std::string set = w.requests().back();
-        EXPECT_THAT(set, StartsWith("0 node1.1 SET ")) << "the second sent nothing, and the third was not tried";
+        EXPECT_THAT(set, StartsWith("0 node1.1 SET "))
+            << "the second HCA sent nothing, and the third one was not tried";
 
         for (int hca : {1, 2}) {
             host.link_down(1, hca);
@@ -127,8 +128,8 @@ TEST_F(identity, keeps_the_new_value_when_it_cannot_be_registered)
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.7 kept"));
 }
 
-// The writing task has a pending signal. It gets the semaphore, which is free. Then the signal ends each wait for the
-// answer to a Delete at once.
+// The writing task has a pending signal. The task still gets the semaphore, which is free. Then the signal ends each
+// wait for the answer to a Delete at once.
 TEST_F(identity, a_pending_signal_ends_every_wait)
 {
     host.link_up(1);

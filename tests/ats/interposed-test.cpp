@@ -61,7 +61,7 @@ std::string changed_image()
     std::ifstream original(world::default_module_folder() + "/ats.so", std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(original), {}};
     for (const auto& [real, own] : own_calls) {
-        const std::string symbol = '\0' + std::string(real) + '\0'; // excludes longer names that begin with this name
+        const std::string symbol = '\0' + std::string(real) + '\0'; // excludes longer names that contain this name
         size_t position = image.find(symbol);
         while (position != std::string::npos) {
             image.replace(position + 1, own.size(), own);

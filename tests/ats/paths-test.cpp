@@ -148,7 +148,7 @@ TEST_F(paths, are_asked_for_again_when_the_sa_is_slow_busy_or_silent_and_given_u
     subnet.faults.sa_silent = true;
     const path_resolution impatient = find(gid, lookup_mode::sa_only, 70);
     EXPECT_EQ(impatient.status, path_status::timed_out);
-    pass(2000); // the request ends, although its question has ended already
+    pass(2000); // until the request ends; its question has already ended
     EXPECT_TRUE(asker.unload());
 }
 
@@ -177,7 +177,7 @@ TEST_F(paths, are_dropped_when_an_event_makes_them_invalid)
 {
     expect_right(find(address), 1, false);
     EXPECT_TRUE(subnet.link_up("node1", "mthca0", 1)); // repeats the present state
-    EXPECT_TRUE(subnet.link_up("node1", "mthca0", 2)); // for a port that is not in use
+    EXPECT_TRUE(subnet.link_up("node1", "mthca0", 2)); // port 2 is not in use
     pass(10);
     expect_right(find(address), 1, true);
 

@@ -1,5 +1,5 @@
-// A host with two ports gets events of them: link up, link down, another SM. Tests which port the module makes the
-// active one, and when it sends which requests to the SA.
+// A host gets events of its two ports: link up, link down, another SM. Tests which port becomes the active port, and
+// when the module sends which requests to the SA.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -22,7 +22,7 @@ struct port_events : testing::Test {
         return text;
     }
 
-    // The trace lines that a function of the module has printed since the last look at the log, without their prefix.
+    // The trace lines that a function of the module has printed since the last call of log(), without their prefix.
     lines lines_of(const std::string& operation)
     {
         lines texts;
@@ -64,7 +64,7 @@ TEST_F(port_events, the_record_follows_the_active_port)
 TEST_F(port_events, a_silent_sa_delays_a_registration_by_three_waits)
 {
     host.link_up(1);
-    host.control("delete_ip 10.0.0.1"); // sends a Delete, whose answer comes at once; it must not end the waits below
+    host.control("delete_ip 10.0.0.1"); // the answer to this Delete comes at once, and must not end the waits below
     host.link_down(1);
     w.requests();
     host.trace(trace_debug);

@@ -1,6 +1,6 @@
 // Replacements for the modules IBAT and UCM. They record the calls of ats, and answer as the test requires. Each
-// machine has one object of this class. It publishes its functions under the names that the functions of IBAT and UCM
-// have.
+// machine has one object of this class. The object publishes its functions under the names that the functions of IBAT
+// and UCM have.
 #pragma once
 
 #include <functional>

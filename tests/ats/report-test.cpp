@@ -9,8 +9,7 @@ namespace
 TEST(report, shows_every_hca_and_port)
 {
     ats_world w;
-    w.subnet.add_hca("other", "hca", 8)
-        .value(); // uses eight LIDs; the LID of port 2 is then 11, with a letter in hexadecimal
+    w.subnet.add_hca("other", "hca", 8).value(); // uses eight LIDs; the LID of port 2 is then 11, which is 0xb
     ats_host& host = w.add({.ports = {2, 1}}).load();
     host.link_up(2);
     w.subnet.faults.drop_next_answers = 1;
@@ -68,8 +67,8 @@ TEST(report, shows_the_version_whole_and_in_pieces)
     EXPECT_EQ(host.read("dorvex/ats/version"), whole);
 }
 
-// Some kernels call the handler again and again until it reports the end of the file. Outside of a module, the file
-// contains the six bytes "Error\n".
+// Some kernels call the read handler again and again until it reports the end of the file. Here the handler runs
+// outside of a module, so the file contains the six bytes "Error\n".
 TEST(report, reports_the_end_of_the_version)
 {
     std::vector<int> ends;

@@ -71,9 +71,9 @@ TEST_F(resolution, other_answers_do_not_end_a_request)
     EXPECT_THAT(lookup.answers, ElementsAre(answer_at(1000, ibat_stat_timeout)));
 }
 
-// The request timer runs once a second and ends the requests that are at least one second old. A timer whose function
-// sleeps must not delay it. The second run begins just before the tick count exceeds 32 bits, the third one just before
-// it exceeds 31 bits.
+// The request timer runs once a second and ends the requests that are at least one second old. Another timer, whose
+// function sleeps, must not delay the request timer. The second run begins just before the tick count exceeds 32 bits,
+// the third one just before it exceeds 31 bits.
 TEST(time_out, comes_at_the_exact_tick)
 {
     timing_t sleeper{};

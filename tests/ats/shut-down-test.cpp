@@ -77,8 +77,8 @@ TEST_F(shut_down, waits_until_gsi_releases_the_class)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// When the stop begins, the first HCA is to check its record 30 ticks later. The stop takes longer, because the SA is
-// silent. The stop must end all checks first; otherwise the check runs when the first HCA has already stopped.
+// When the stop begins, the next check of the first HCA's record is due in 30 ticks. The stop takes longer, because the
+// SA is silent. The stop must end all checks first. Otherwise this check runs when the first HCA has already stopped.
 TEST(shut_down_of_two_hcas, ends_verification_first)
 {
     ats_world w;
@@ -98,7 +98,8 @@ TEST(shut_down_of_two_hcas, ends_verification_first)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// IBAT is still processing an answer when the stop begins. The stop must wait before it gives back IBAT's function.
+// IBAT is still processing an answer when the stop begins. The stop must wait until IBAT returns, and only then give
+// back IBAT's function.
 // Without UCM, no other step of the stop waits for answers in progress.
 TEST(shut_down_without_ucm, waits_for_an_answer_that_ibat_is_processing)
 {
@@ -143,7 +144,7 @@ TEST_F(shut_down, without_an_active_port_has_nothing_to_wait_for)
     EXPECT_EQ(log.back(), "ATS - module stopped ");
 }
 
-// ---- scenarios in which each kernel call fails once ----
+// ---- scenarios with failing kernel calls ----
 
 TEST(failing_calls, of_an_unload_leave_nothing_behind)
 {

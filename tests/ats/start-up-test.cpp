@@ -109,7 +109,7 @@ TEST(start_up_of, an_hca_that_a_peer_refuses_detaches_from_nothing)
     EXPECT_EQ(host.leftovers(), "");
     host.peers().accepts = true;
     host.peers().ucm_accepts = false;
-    host.load(); // it works without UCM
+    host.load(); // the module works without UCM
     EXPECT_THAT(host.log(), Contains(HasSubstr("Could not attach to UCM")));
     host.unload();
     EXPECT_THAT(host.peers().calls, ElementsAre("attach", "attach", "ucm attach", "detach"));
@@ -139,8 +139,9 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The HCA that fails gives back its datagram pool and its GSI classes before the module stops the other HCA. The handle
-// of the HCA that fails is closed after that. The stop of the other HCA takes some ticks, because it waits for the SA.
+// The HCA that fails gives back its datagram pool and its GSI classes before the module stops the other HCA. After the
+// stop of the other HCA, the module closes the handle of the HCA that fails. The stop of the other HCA takes some
+// ticks, because it waits for the SA.
 TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
 {
     for (const char* call : {"gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"}) {

@@ -1,5 +1,5 @@
 // Hosts with all modules on real threads. They resolve each other while links flap, names and addresses change, the SA
-// changes its port and loses records, and one host leaves. The fabric is embedded, but tasks and time are real, so the
+// changes its LID and loses records, and one host leaves. The fabric is embedded, but tasks and time are real, so the
 // thread sanitizer can find races.
 #include <chrono>
 

@@ -96,8 +96,8 @@ TEST_F(verification, restores_after_a_refusal_with_the_right_address)
     EXPECT_THAT(w.requests(), ElementsAre(std::to_string(next_check) + " node1.1 SET node1.1 10.0.0.1 node1"));
 }
 
-// The answer to a Set has the host's own GID, like the answer to a check. Therefore it also ends a check whose own
-// answer was lost.
+// The answer to a Set has the host's own GID, like the answer to a check. Therefore the answer to a Set also ends a
+// check whose own answer was lost.
 TEST_F(verification, ends_with_the_answer_to_a_registration)
 {
     w.subnet.faults.drop_next_answers = 1;
@@ -158,8 +158,8 @@ TEST_F(verification, logs_what_it_could_not_send)
         Contains("DEBUG api/verification_callback: call ats_rarp_send_nocache() returned ibat_stat_error (-255)"));
     w.subnet.forget_all();
     w.at(next_check - 1);
-    // The check makes four kernel calls: memory, the semaphore, a datagram, its post. The fifth one gets the datagram
-    // of the Set.
+    // The check makes four kernel calls: it gets memory, the semaphore and a datagram, and posts the datagram. The
+    // fifth call gets the datagram of the Set.
     host.faults().fail_nth(5);
     w.at(next_check);
     EXPECT_EQ(host.faults().failed_call(), "gsi_dtgrm_pool_get");
@@ -191,7 +191,8 @@ TEST(verification_period, of_zero_or_less_is_off_until_the_next_minute)
     }
 }
 
-// The delay is the period plus a random part of the skew. The seed of the host determines the random numbers.
+// The delay is the period plus a random time of at most `skew` percent of the period. The seed of the host determines
+// the random numbers.
 TEST(verification_period, is_lengthened_by_up_to_the_skew)
 {
     struct {

@@ -155,7 +155,7 @@ TEST(bad_input, service_survives_misbehaving_clients)
     EXPECT_THAT(ats.ask({"status"}).out, HasSubstr("node1: ats"));
 }
 
-// A client that exceeds its limits is refused. It must not disturb other clients.
+// A client that exceeds the limits of its user is refused, and must not disturb other clients.
 TEST(bad_input, limits_hold_for_each_user)
 {
     const scratch_folder folder;
@@ -206,7 +206,7 @@ TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
         {{RLIMIT_AS, rlim_t{300} << 20}, " does not start: the address space is used up (the limit is 300 MiB): raise"},
         {{RLIMIT_NOFILE, 6}, " does not start: no more files can be opened (the limit is 6): raise"},
         {{RLIMIT_NOFILE, 10},
-         "ats: no more files can be opened (the limit is 10): raise"}, // the server needs some for clients
+         "ats: no more files can be opened (the limit is 10): raise"}, // the server needs some descriptors for clients
     };
     for (const auto& [limit, complaint] : cases) {
         const scratch_folder folder;
@@ -375,7 +375,7 @@ std::string answer_to_another_user(const std::string& socket, const std::string&
 
 TEST(bad_input, other_users_may_ask_what_the_configuration_allows)
 {
-    if (geteuid() != 0) GTEST_SKIP() << "only root can be two users";
+    if (geteuid() != 0) GTEST_SKIP() << "only root can start a process of another user";
     const std::string resolve = R"({"request":"resolve","address":"10.0.0.1"})";
     // The order does not wait for the SA, which may still be busy with the host's first registration.
     const std::string order = R"({"request":"set-name","name":"mine","no_wait":true})";

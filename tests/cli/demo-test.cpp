@@ -56,7 +56,7 @@ TEST(demo, tells_its_story_on_one_screen_and_captures_service_records_that_tshar
         EXPECT_THAT(packets, HasSubstr(field));
 }
 
-// ucm.so is another module under this name, so the third step fails.
+// Here ucm.so is a copy of another module, so the third step fails.
 TEST(demo, failed_step_ends_it_with_an_error)
 {
     const scratch_folder folder;

@@ -166,7 +166,7 @@ std::unique_ptr<fabric_tools::process> start_ats(const scratch_folder& folder, c
                               .errors = folder / "err"});
 }
 
-// Returns "" if this user may make mount namespaces, otherwise why not.
+// Returns "" if this user may make mount namespaces, otherwise the reason for the refusal.
 std::string refusal_of_mounts(const scratch_folder& folder)
 {
     fabric_tools::process trial({.arguments = with_journal(folder / ".", "true"), .output = folder / "trial"});

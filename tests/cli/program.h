@@ -82,7 +82,7 @@ class ats_process
         constexpr std::chrono::hours no_limit(1);
         return process_.wait_end(no_limit).value();
     }
-    // Sends the signal, or none if it is 0. Then does the same as wait().
+    // Sends the signal; 0 means no signal. Then does the same as wait().
     int stop(int signal = SIGTERM)
     {
         process_.signal(signal);

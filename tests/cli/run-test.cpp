@@ -60,7 +60,7 @@ class running_service : public testing::Test
 
     json records() { return ats->ask_json({"sa", "show"})["records"]; }
 
-    // The record with that host name, or empty if there is none.
+    // The record with that host name, or an empty object if there is none.
     json record_of(const std::string& host_name)
     {
         for (const json& record : records())

@@ -18,7 +18,8 @@
 namespace
 {
 
-// The socket of a service manager. Programs that are started during its lifetime find it in NOTIFY_SOCKET.
+// The socket of a service manager. Programs that start while this object exists find the path of the socket in
+// NOTIFY_SOCKET.
 class notice_socket
 {
   public:
@@ -132,7 +133,8 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
     EXPECT_EQ(host(1)["trace"], 3);
     EXPECT_EQ(host(1)["verification"]["period"], 0);
 
-    // The file of the socket is missing, so one change of this reload fails. The next reload must undo the others.
+    // The file of the socket is missing, so one change of this reload fails. The next reload must undo the
+    // other changes.
     const std::string changed_text = text_of_file(config);
     const auto answer_to_long_line = [&] { return raw_connection(ats.socket()).ask(std::string(2000, ' ')); };
     std::filesystem::rename(ats.socket(), folder / "away");

@@ -1,4 +1,5 @@
-// Builds requests to an SA and reads its answers. Also has a fabric::listener that records what it is told.
+// Builds requests to an SA and reads its answers. Also has a fabric::listener that records arrivals, link changes and
+// SM changes.
 #pragma once
 
 #include <bit>
@@ -87,7 +88,7 @@ struct recording_listener final : fabric::listener {
         uint16_t status() const { return from_wire(mad.hdr.u.ns.status.raw16); }
     };
     std::vector<arrival> arrivals;
-    std::vector<std::string> changes; // "up 1", "down 2", "sm 1 to 9"
+    std::vector<std::string> changes; // "up 1", "down 2"; "sm 1 to 9": the SM of port 1 now has LID 9
 
     void mad_arrived(int port, const fabric::address& source, const fabric::mad_bytes& mad) override
     {

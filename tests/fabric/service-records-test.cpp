@@ -149,7 +149,8 @@ TEST(service_records, an_index_gives_the_same_answers_as_a_search)
         }
         ASSERT_EQ(store.all(now_ticks).size(), naive.all.size()) << "step " << step;
     }
-    for (const int times : counts) EXPECT_GT(times, 1000) << "one of none, one and many results was seldom tried";
+    for (const int times : counts)
+        EXPECT_GT(times, 1000) << "no result, one result and many results must all come often";
 }
 
 } // namespace
