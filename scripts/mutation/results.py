@@ -19,8 +19,8 @@ def read_lines(paths):
 
 
 def read_explained(path):
-    """Reads the mutants that change nothing. Returns {(file, line before, removed lines, added lines)}. The beginning of
-    tests/mutants/equivalent.txt explains its form."""
+    """Reads tests/mutants/equivalent.txt, the list of mutants whose change has no effect. Returns {(file, line before, removed
+    lines, added lines)}. The first lines of the list explain its form."""
     explained = set()
     for paragraph in path.read_text().split("\n\n"):
         lines = [line for line in paragraph.splitlines() if line and not line.startswith("#")]

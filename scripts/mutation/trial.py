@@ -164,7 +164,7 @@ class Bench:
 
     def run(self, step):
         processor_seconds, seconds = self.limits.get(step.name, (3600, 3600))
-        # The C library overwrites freed memory, so a mutant that uses freed memory fails.
+        # The C library overwrites freed memory, so most mutants that use freed memory fail.
         environment = dict(os.environ, ATS_MODULE_DIR=str(self.folder / "modules"), MALLOC_PERTURB_="165", TSAN_OPTIONS="halt_on_error=1")
         memory = MEMORY_LIMIT if self.is_fast else resource.RLIM_INFINITY  # sanitizers reserve a large part of all addresses
         return run_limited([str(self.program_of(step)), *step.arguments], self.folder, environment, memory, processor_seconds, seconds)

@@ -99,8 +99,7 @@ TEST(shut_down_of_two_hcas, ends_verification_first)
 }
 
 // IBAT is still processing an answer when the stop begins. The stop must wait until IBAT returns, and only then give
-// back IBAT's function.
-// Without UCM, no other step of the stop waits for answers in progress.
+// back IBAT's function. Without UCM, no other step of the stop waits for answers in progress.
 TEST(shut_down_without_ucm, waits_for_an_answer_that_ibat_is_processing)
 {
     ats_world w;

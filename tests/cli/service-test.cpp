@@ -133,8 +133,8 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
     EXPECT_EQ(host(1)["trace"], 3);
     EXPECT_EQ(host(1)["verification"]["period"], 0);
 
-    // The file of the socket is missing, so one change of this reload fails. The next reload must undo the
-    // other changes.
+    // The file of the socket is missing, so one change of this reload fails. The next reload must undo
+    // the other changes.
     const std::string changed_text = text_of_file(config);
     const auto answer_to_long_line = [&] { return raw_connection(ats.socket()).ask(std::string(2000, ' ')); };
     std::filesystem::rename(ats.socket(), folder / "away");
@@ -193,7 +193,7 @@ TEST(service, reload_while_hosts_unload_does_not_end_it_before_they_have_unloade
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
 
-// Calls `action` in the fabric's task when a link changes.
+// Calls `action` in the fabric's task when a port changes.
 struct link_listener final : fabric::listener {
     explicit link_listener(std::function<void()> action) : action(std::move(action)) {}
     void mad_arrived(int, const fabric::address&, const fabric::mad_bytes&) override {}
