@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "gsi.h"
+#include "kernel/sync.h"
 #include "tests/fabric/requests.h"
 
 constexpr kq_hca_name mthca0{"mthca0"};
