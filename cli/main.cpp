@@ -30,8 +30,8 @@ constexpr const char* footer = "Exit codes: 0  done\n"
                                "Start with 'ats demo', or 'ats run' in one terminal and 'ats status' in another. "
                                "See ats(8), ats-run(8).";
 
-// If stdin, stdout or stderr is closed, opens /dev/null in its place. Without this, the next file or socket gets the
-// free number, and the program's output goes into that file.
+// If stdin, stdout or stderr is closed, opens /dev/null in its place. Without this, the next file or socket would get
+// the free number, and with it the program's output.
 void open_closed_standard_files()
 {
     for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})

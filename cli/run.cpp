@@ -312,8 +312,8 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
                      "the memory was used up, so all hosts were stopped: raise the limit, or run fewer hosts");
 }
 
-// Raises the soft limit of open files to the hard limit. The soft limit is often 1024, and there may be more clients.
-// It is so low because of programs that use select(); this program does not use it.
+// Raises the soft limit of open files to the hard limit. The soft limit is often 1024, for the sake of programs that
+// use select(). This program does not use select(), and may have more clients.
 void allow_more_descriptors()
 {
     rlimit limit{};
@@ -360,7 +360,8 @@ void add_run(CLI::App& program, ats::result<int>& outcome)
         ->option_text("PATH");
     command->add_flag("--acm", options->is_acm_served, "Answer programs that use librdmacm, instead of ibacm")
         ->option_text(" ");
-    command->add_option("--acm-socket", options->acm_socket, "The same, with this socket (default: /run/ibacm.sock)")
+    command
+        ->add_option("--acm-socket", options->acm_socket, "Like --acm, but on this socket (default: /run/ibacm.sock)")
         ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);
     command->callback(console::command_callback(outcome, [options] { return run(*options); }));

@@ -14,7 +14,7 @@
 #include "client/last-error.h"
 #include "client/socket-path.h"
 
-// Compiled programs contain these layouts. They must not change.
+// These layouts must not change, because compiled programs contain them.
 static_assert(sizeof(ats_options_t) == 24 && offsetof(ats_options_t, host) == 16);
 static_assert(sizeof(ats_answer_t) == 240 && offsetof(ats_answer_t, gid) == 24 &&
               offsetof(ats_answer_t, reason) == 48 && offsetof(ats_answer_t, path) == 208);

@@ -9,7 +9,7 @@ namespace cli
 namespace
 {
 
-constexpr uint64_t verification_period_ticks = 60'600; // the default period, and the default skew of one percent
+constexpr uint64_t verification_period_ticks = 60'600; // the default period of 60 s, plus the default skew of 1 %
 constexpr uint64_t request_ticks = 2'000;              // a request without an answer has failed after this time
 
 std::string seconds(uint64_t ticks)

@@ -84,7 +84,7 @@ log_reader::log_reader(kernel::log& log, log_size& size) : log_(log), size_(size
 {
     size_.add_reader();
     const size_t lines =
-        log_.lines_from(0, 1, &next_line_).size(); // next_line_ becomes the number after the oldest line
+        log_.lines_from(0, 1, &next_line_).size(); // next_line_ becomes the oldest line's number plus 1
     first_line_ = next_line_ - lines;
     next_line_ = first_line_;
 }

@@ -53,15 +53,15 @@ class conversation
     // cuts the client off instead.
     void send(std::string_view line);
 
-    // Gives the queued lines to the socket. libuv sends the rest when the socket accepts it.
+    // Gives the socket as many of the queued bytes as it accepts now. libuv sends the rest later.
     void flush();
 
-    // Returns true if many bytes are queued, because the client reads slowly. Before it sends more of a long answer,
-    // the owner should then wait for became_writable().
+    // Returns true if many bytes are queued, because the client reads slowly. The owner should then wait for
+    // became_writable() before it sends more of a long answer.
     bool is_congested() const;
 
-    // pause() stops the processing of lines; resume() continues it. The owner pauses while a request without an id is
-    // being answered.
+    // pause() stops the processing of lines; resume() continues it. The owner pauses the conversation while a request
+    // without an id is being answered.
     void pause();
     void resume();
 
@@ -75,7 +75,7 @@ class conversation
 
     // The owner's notes.
     bool is_greeted = false;  // true if the client has sent a correct hello
-    bool is_admitted = false; // true if it is counted among the connections of its user
+    bool is_admitted = false; // true if the owner counts it as a connection of its user
     size_t open_requests = 0; // number of requests that are being answered
 
   private:

@@ -1,5 +1,5 @@
-// The connections that read the log of a host ("log" requests). All calls are made in the event loop's thread. When
-// another thread adds a line to a log, it only posts a pump() to the loop.
+// The connections that read the log of a host ("log" requests). All calls are made in the event loop's thread. A thread
+// that adds a line to a log only posts a pump() to the loop.
 #pragma once
 
 #include <atomic>

@@ -15,16 +15,16 @@ namespace cli
 class log_stream
 {
   public:
-    // Sends the lines up to the trace level `level`. If `on_new_line` is empty, the answer ends after the last line of
-    // the log. Otherwise the answer continues with new lines. The log then calls `on_new_line` for each new line, in
-    // the thread that adds the line; the call must not sleep.
+    // pump() sends the lines up to the trace level `level`. If `on_new_line` is empty, the answer ends after the last
+    // line of the log. Otherwise the answer continues with new lines. The log then calls `on_new_line` for each new
+    // line, in the thread that adds the line; the call must not sleep.
     log_stream(kernel::log& log, int level, std::function<void()> on_new_line);
     ~log_stream();
     log_stream(const log_stream&) = delete;
     log_stream& operator=(const log_stream&) = delete;
 
-    // Calls `send` with one line of the answer after the other, while `may_send` returns true and there are lines.
-    // Returns false when the answer is complete.
+    // Calls `send` for each further line of the answer. Stops when `may_send` returns false, or when there are no more
+    // lines. Calls `may_send` before every 256 lines of the log. Returns false when the answer is complete.
     bool pump(const std::function<bool()>& may_send, const std::function<void(const nlohmann::json&)>& send);
 
   private:

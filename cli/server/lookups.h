@@ -33,7 +33,7 @@ class lookups
     };
 
     // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. `is_fresh` is a whole
-    // word, so that the record has no padding: subject_order compares the bytes.
+    // word, so that the struct has no padding: subject_order compares the bytes.
     struct path_to_address {
         uint32_t ip; // network order
         uint32_t is_fresh;
@@ -94,9 +94,9 @@ class lookups
     std::mutex mutex_; // guards the following members
     std::condition_variable change_;
     fair_queue<entry> queue_;
-    // The questions at the SA, each with the `done` calls that its answer needs.
+    // The questions at the SA, each with the `done` functions of all clients that have asked it.
     std::map<subject, std::vector<completion>, subject_order> sa_questions_;
-    size_t question_count_ = 0; // number of questions at the SA, and of those whose `done` calls have not all returned
+    size_t question_count_ = 0; // questions at the SA, and answered ones whose `done` calls have not all returned
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;
     std::thread thread_; // passes questions from the queue to the host; this may sleep
@@ -112,7 +112,7 @@ class host_lookups
     lookups& at(kernel::machine& machine, lookup_statistics& statistics);
     void remove(const queue_place& place);
 
-    // Stops the lookups of all hosts. The loop's thread must not call at() and remove() any more.
+    // Stops the lookups of all hosts. The loop's thread must not call at() any more.
     void stop();
 
     // Returns the names of the hosts whose lookups::question_start() is before `time`. Any thread.

@@ -9,8 +9,8 @@
 namespace cli
 {
 
-// `peer` is the client's process, and `name` the name of the request. Returns nothing if the client may send the
-// request, otherwise the error for the client. Throws a json::exception if a member of the request has the wrong type.
+// `peer` is the client's user, and `name` the name of the request. Returns nothing if the client may send the request,
+// otherwise the error for the client. Throws a json::exception if a member of the request has the wrong type.
 std::optional<ats::error> refusal_of(const access_rules& access, const peer& peer, const nlohmann::json& request,
                                      const std::string& name);
 

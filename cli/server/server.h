@@ -44,16 +44,16 @@ class server final : public conversation::owner
     // the socket cannot be changed; the other settings are changed nevertheless. Any thread.
     ats::result<> set_options(const server_options& options);
 
-    // The next calls and drop() are for the door that serves librdmacm programs (cli/acm/door.h) and for the watchdog.
-    // Destroy the door and the watchdog before the server. loop(), background() and all_lookups() may be called in any
-    // thread; new_connection_number(), lookups_of() and drop() only in the loop's thread.
+    // The calls from loop() to drop() are for the door that serves librdmacm programs (cli/acm/door.h) and for the
+    // watchdog. Destroy the door and the watchdog before the server. loop(), background() and all_lookups() may be
+    // called in any thread; new_connection_number(), lookups_of() and drop() only in the loop's thread.
     event_loop& loop() { return loop_; }
     workers& background() { return workers_; }
     host_lookups& all_lookups() { return lookups_; }
     uint64_t new_connection_number() { return ++last_number_; }
     lookups& lookups_of(kernel::machine& machine);
 
-    // Removes the requests of a connection from all queues. Requests that have left the queue are still answered.
+    // Removes the requests of a connection from all queues. Requests that have left their queue are still executed.
     void drop(const queue_place& place);
 
   private:

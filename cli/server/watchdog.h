@@ -1,6 +1,7 @@
 // Tells the service manager (systemd) regularly that the service works, with WATCHDOG=1 of sd_notify(3). Sends this
-// notice only if no part of the service hangs: the event loop, the workers, the lookups, and the tasks of all hosts and
-// fabrics. If the unit of the service has WatchdogSec=, systemd restarts the service when no notice comes.
+// notice only if no part of the service hangs. The parts are the event loop, the workers, the lookups, and the tasks of
+// the fabric and of all hosts. If the unit of the service has WatchdogSec=, systemd ends the service when no notice
+// comes; it starts the service again if the unit has a Restart= for this.
 #pragma once
 
 #include <atomic>
@@ -39,7 +40,7 @@ class life_signs
 
     // Returns the names of the parts that have shown no sign of life since ask(), for example "the event loop" or
     // "timer of node1". Workers and lookups are not asked: the list has "a worker" if a request has run for longer than
-    // `longest_request`, and "lookups of NAME" if the lookups of that host have passed on one question for this time.
+    // `longest_request`, and "lookups of NAME" if passing one question to the host NAME has taken longer than that.
     std::vector<std::string>
     missing(std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now()) const;
 
@@ -74,7 +75,7 @@ class watchdog
 
     life_signs signs_;
     const std::function<void(const std::string&)> report_;
-    bool is_sign_missing_ = false; // true if the last check has found a part without a sign of life; only for thread_
+    bool is_sign_missing_ = false; // true if the last check found a part without a sign of life; only thread_ uses it
 
     std::mutex mutex_;             // guards is_stopping_
     std::condition_variable stop_; // signalled when is_stopping_ is set

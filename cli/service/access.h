@@ -25,7 +25,8 @@ std::optional<peer> peer_of(int socket);
 // Returns "root", or "root and the user NAME" if another user runs this service. Asks the user database.
 std::string owner_text();
 
-// Selects the users that may send questions, or orders. Root and the user that runs the service may always send both.
+// Selects the users that may send questions, or the users that may send orders. Root and the user that runs the service
+// may always send both.
 struct access_rule {
     enum class audience { owner, everyone, group };
     audience audience = audience::owner;

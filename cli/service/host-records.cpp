@@ -20,8 +20,9 @@ namespace
 using records::host_record;
 
 constexpr int most_records = 8; // records of one GID, which differ in their P_Keys
-// host_records::remove_all() gives up after so many Deletes without a record. One of them may be harmless: if the
-// answer to a Delete is lost, sa_questions repeats the Delete, and the SA then answers that it has no such record.
+// host_records::remove_all() gives up after this number of tries that delete no record. One such try may be harmless:
+// if the answer to a Delete is lost, sa_questions repeats the Delete, and the SA then answers that it has no such
+// record.
 constexpr int most_tries_in_vain = 2;
 constexpr uint64_t id_component = uint64_t{1} << SR_COMPONENT_SERVICE_ID;
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;

@@ -40,7 +40,7 @@ class log_copy
 
     const send_t send_;
     std::mutex mutex_;               // guards the following members
-    std::condition_variable change_; // of waiting_lines_ or is_stopping_
+    std::condition_variable change_; // notified when waiting_lines_ gets a line, or when is_stopping_ is set
     console::line_limit limit_{": 'ats log' has them"};
     std::deque<console::notice> waiting_lines_;
     bool is_stopping_ = false;

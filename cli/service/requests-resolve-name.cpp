@@ -27,7 +27,7 @@ fabric::mad_bytes request_for(const std::string& host_name)
 }
 
 // Returns the records with that host name. If only one record matches, it is in `answer`. A SubnAdmGet cannot return
-// several records. They are read from the subnet instead.
+// several records, so this function reads several records from the subnet.
 json matches_of(const embedded::subnet& subnet, const sa_mad_v2_t& answer, const std::string& host_name)
 {
     json matches = json::array();

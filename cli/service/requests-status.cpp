@@ -1,5 +1,5 @@
-// Answers requests for the status of hosts. Its sources are /proc files, functions that the modules publish, the
-// registry, the ports of the fabric, and the watched registrations (registration.h).
+// Answers requests for the status of hosts. The status comes from /proc files, functions that the modules publish, the
+// registry, the ports of the fabric, and the registrations (registration.h).
 
 #include <map>
 

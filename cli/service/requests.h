@@ -21,7 +21,7 @@ using json = nlohmann::json;
 // Answers {"request": NAME, ...} with the function for NAME. Fails (invalid) if the name is unknown.
 ats::result<json> answer_request(running_hosts& hosts, const json& request);
 
-// {"host"}: HCAs, ports, verification, and IBAT's cache and counters, of that host or of all hosts.
+// {"host"}: HCAs, ports, registrations, verification, and IBAT's cache and counters, of that host or of all hosts.
 ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
 // {"host", "address"}: the GID of the address, the source of the answer, and the result of the verification at the SA.
@@ -33,8 +33,8 @@ ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 // must ask the SA itself; the answer then is {"real": true}.
 ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
 
-// {"host", "gid"}: the address of the GID, the source of the answer, and the result of the verification at the SA. Like
-// answer_resolve(), only for lookups with "verify".
+// {"host", "gid"}: the address of the GID, the source of the answer, and the result of the verification at the SA.
+// cli/server calls this function only for lookups with "verify".
 ats::result<json> answer_reverse(running_hosts& hosts, const json& request);
 
 // {"host", "what"}: IBAT drops its cache entry of the address or GID in "what". If "what" is "", IBAT drops all entries
@@ -44,8 +44,8 @@ ats::result<json> answer_flush(running_hosts& hosts, const json& request);
 // {"host", "direction": "up" or "down", "hca", "port"}: changes a link of the embedded fabric.
 ats::result<json> answer_link(running_hosts& hosts, const json& request);
 
-// {"action": "show", "forget", "silence" or "status"} and its argument: shows the SA of the embedded fabric, or makes
-// it misbehave.
+// {"action": "show", "forget", "silence" or "status"} and the argument of the action: shows the records of the embedded
+// SA, deletes records, or makes the SA misbehave.
 ats::result<json> answer_sa(running_hosts& hosts, const json& request);
 
 // Returns the host that "host" of the request names, or the first host if "host" is missing. Never null. Fails

@@ -82,7 +82,7 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
 running_hosts::~running_hosts()
 {
     stop();
-    hosts_.clear(); // before the fabric and the executor, because the machines use their HCAs and their clock
+    hosts_.clear(); // before the fabric and the executor, which the machines use
 }
 
 ats::result<> running_hosts::open_fabric(const fabric_config& config)
@@ -205,8 +205,8 @@ ats::result<bool> running_hosts::start(const std::function<bool(size_t)>& may_go
     return true;
 }
 
-// Reports if the SA has a record of `address` for another host before this host registers. This is possible only on a
-// real fabric, whose ports may already be active. On an embedded fabric, the SA is new and all links are still down.
+// Before `host` registers, reports if the SA has a record of `address` for another host. Only for a real fabric, whose
+// ports may already be active. On an embedded fabric, the SA is new and all links are still down.
 void running_hosts::report_other_holder(world::host& host, const std::string& address) const
 {
     const ats::result<std::string> line = other_holder(host, address);

@@ -46,9 +46,9 @@ class running_hosts
     // false. An error names the host that did not start, and shows the end of its log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
-    // Stops the hosts in reverse order, and deletes the records that they have left at the SA. If the SA does not
-    // answer within a second, it is not asked about further hosts. Returns a line for each host whose modules cannot be
-    // unloaded, and for an incomplete capture or recording.
+    // Stops the hosts in reverse order, and deletes the records that they have left at the SA. If the SA cannot be
+    // asked, or does not answer within a second, stop() does not ask it about further hosts. Returns a line for each
+    // host whose modules cannot be unloaded, and for an incomplete capture or recording.
     std::vector<std::string> stop();
 
     // The time since build().
@@ -100,7 +100,7 @@ class running_hosts
     std::optional<log_copy> journal_copy_; // empty without a journal
     std::vector<std::unique_ptr<world::host>> hosts_;
     const report_t report_;
-    bool is_sa_silent_ = false; // true: the SA did not answer delete_leftovers(), so stop() does not ask it again
+    bool is_sa_silent_ = false;           // true: delete_leftovers() has failed, so stop() does not ask the SA again
     std::vector<host_settings> settings_; // the configured settings of each host
 };
 

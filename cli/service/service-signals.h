@@ -23,7 +23,7 @@ class service_signals
     // returned `stop`, another signal to stop ends the program at once, and a signal to reload does nothing.
     signal_meaning wait() const;
 
-    // Does the same, but ignores reloads.
+    // Waits for a signal to stop. Drops signals to reload.
     void wait_for_stop() const;
 
   private:

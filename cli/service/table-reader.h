@@ -1,4 +1,4 @@
-// Reads one table of a TOML file, key by key, and finds keys that do not exist.
+// Reads one table of a TOML file, key by key, and finds unknown keys.
 #pragma once
 
 #include <initializer_list>
@@ -40,7 +40,7 @@ class table_reader
     void refuse(const toml::node& node, const std::string& reason);
     void keep(const ats::error& error);
 
-    // Returns the first error. A key that no call has read is also an error, so call it last.
+    // Returns the first error. A key that no call has read is also an error, so call finish() last.
     ats::result<> finish();
 
     // Formats the place of a node as "FILE:LINE: ".

@@ -54,8 +54,7 @@ bool is_hca_name(const std::string& name)
            std::ranges::all_of(name, [](unsigned char byte) { return std::isprint(byte); });
 }
 
-// Returns the address of the host with this number if the host is on an embedded fabric and the host's table gives no
-// address. The first host has the number 1.
+// Returns the default address of the host with this number on an embedded fabric. The first host has the number 1.
 std::string numbered_address(size_t number)
 {
     return "10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256);
