@@ -100,8 +100,8 @@ ats_status_t client::send(lock& guard, uint64_t id, question question, clock::ti
 // ---- receiving ----
 
 // Waits until the condition is true, and receives meanwhile if no other thread does. Returns false at `deadline`. Also
-// ends the open questions whose own deadline passes meanwhile. The caller holds the mutex; the call releases it while
-// it waits.
+// ends the open questions whose own deadline passes meanwhile. The caller holds the mutex; the call releases the mutex
+// while it waits.
 template <class condition_t>
 bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_reached)
 {
@@ -117,8 +117,8 @@ bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_
     return true;
 }
 
-// Waits for input until `deadline`, and processes it. Only one thread at a time is in this function. The caller holds
-// the mutex; the call releases it while it waits.
+// Waits for input until `deadline`, and processes the input. Only one thread at a time is in this function. The caller
+// holds the mutex; the call releases the mutex while it waits.
 void client::receive(lock& guard, clock::time_point deadline)
 {
     const bool until_writable = connection_.unsent_bytes() > 0;
@@ -133,7 +133,8 @@ void client::receive(lock& guard, clock::time_point deadline)
     progress_.notify_all();
 }
 
-// Processes the bytes that connection_.wait() has received. `outcome` is its result. After `gone`, reconnects.
+// Processes the bytes that connection_.wait() has received. `outcome` is the result of wait(). After `gone`,
+// reconnects.
 void client::take_input(connection::outcome outcome)
 {
     connection_.take_bytes();
@@ -179,7 +180,7 @@ void client::take_line(std::string_view line)
         return reject_service("the program that listens on " + path_ + " does not use the protocol of ats");
     if (!reply.has_id) return;
     const question* question = open_questions_.find(reply.id);
-    if (!question) return; // the question has ended before, at its deadline
+    if (!question) return; // the question has already ended, for example at its deadline
     if (question->kind == question_kind::request)
         take_request_line(line);
     else
@@ -207,7 +208,7 @@ void client::take_request_line(std::string_view line)
 // ---- connections that break ----
 
 // Removes the socket from the epoll instance before closing the socket. If a child of fork() still has the socket, the
-// close alone does not remove it, and the program's descriptor stays readable.
+// close alone does not remove the socket from the epoll instance, and the program's descriptor stays readable.
 void client::close_connection()
 {
     if (connection_.is_open()) wake_up_.forget_socket(connection_.fd());
@@ -327,7 +328,7 @@ void client::watch()
 }
 
 // A request is never repeated on a second connection, because it may be an order. Therefore this call first processes
-// the input: if the service has closed the idle connection, the request goes to a new one.
+// the input: if the service has closed the idle connection, the request is sent on a new connection.
 ats_status_t client::begin_request(const std::string& body, clock::time_point deadline)
 {
     lock guard(mutex_);
@@ -355,8 +356,8 @@ ats_status_t client::request(const std::string& body, clock::time_point deadline
     return status == ATS_OK ? next_request_line(deadline, line) : status;
 }
 
-// Ends request() of this thread, so that the next thread can send its request. If the answer comes later, the client
-// ignores it.
+// Lets the next thread in request() send its request. If this thread's request gets its answer later, the client
+// ignores the answer.
 void client::end_turn()
 {
     const lock guard(mutex_);

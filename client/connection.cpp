@@ -71,7 +71,7 @@ connection::attempt connection::open(const std::string& path, std::string& error
         return attempt::foreign;
     }
     const int flags = fcntl(new_socket.get(), F_GETFL);
-    fcntl(new_socket.get(), F_SETFL, flags & ~O_NONBLOCK); // from here on, recv(2) may block; see receive()
+    fcntl(new_socket.get(), F_SETFL, flags & ~O_NONBLOCK); // from here on, recv(2) may block; see wait()
     close();
     socket_ = std::move(new_socket);
     return attempt::connected;

@@ -21,7 +21,7 @@ class connection
         connected,
         busy,    // the service accepts no connections at the moment: try again
         nobody,  // no service listens
-        foreign, // the service belongs to another user, or the socket forbids this user: do not use it
+        foreign, // the service belongs to another user, or this user may not use the socket
         failed,  // no memory or descriptors are left
     };
 

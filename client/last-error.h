@@ -1,4 +1,4 @@
-// The text of the last error. Each thread has its own; ats_last_error() returns it to the program.
+// The text of the last error. Each thread has its own text; ats_last_error() returns the text to the program.
 #pragma once
 
 #include <string>

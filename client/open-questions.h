@@ -14,9 +14,9 @@ namespace client
 
 // The call of the C interface that has asked the question.
 enum class question_kind {
-    blocking_call, // ats_resolve() and the like
-    submission,    // ats_submit_resolve() and the like
-    request,       // ats_request() and ats_request_begin()
+    blocking_call, // a call that waits for the answer, for example ats_resolve()
+    submission,    // a call that does not wait, for example ats_submit_resolve()
+    request,       // ats_request() or ats_request_begin()
 };
 
 struct question {

@@ -122,8 +122,8 @@ bool read_path(const json& object, ats_path_t& path)
            read_number(object, "traffic_class", path.traffic_class);
 }
 
-// Reads the result: an address and its GID, and for a path also its fields. A path to a GID has no address. Returns
-// false if a field is missing or malformed.
+// Reads the result: an address and its GID, and for a path also the fields of the path. A path to a GID has no address.
+// Returns false if a field is missing or malformed.
 bool read_found(const json& object, ats_answer_t& answer)
 {
     const bool is_path = object.contains("dlid");

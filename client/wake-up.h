@@ -15,7 +15,7 @@ class wake_up
     bool open();
     int fd() const { return epoll_.get(); }
 
-    // Add the socket of a new connection; remove the socket before it is closed.
+    // watch_socket() adds the socket of a new connection. Call forget_socket() before the socket is closed.
     void watch_socket(int socket);
     void forget_socket(int socket);
 

@@ -4,8 +4,8 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-# Only functions that are marked for export are visible outside of their image. Modules thus see only the kernel calls of
-# the program that loads them.
+# Only functions that are marked for export are visible outside of their program or module. Modules thus see only the
+# kernel calls of the program that loads them.
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
@@ -29,8 +29,8 @@ elseif(ATS_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
 else()
-  # Every user of a machine can send requests to the service. Therefore it is hardened like other services of a
-  # distribution.
+  # The configuration can let every user of a machine send requests to the service. Therefore the programs are hardened
+  # like the services of a distribution.
   include(CheckPIESupported)
   check_pie_supported()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)

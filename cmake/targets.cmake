@@ -6,8 +6,8 @@ target_include_directories(ats_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/includ
 
 # All hosts in a process share the code of a module (host/kernel/image-area.h). For this, a module's variables must lie 4 MiB
 # further behind its code than usual (data_distance in host/kernel/image-template.h). This function adds that distance to the
-# linker's own script. Sanitizers place variables in another way, so builds with sanitizers do not use the script. In these
-# builds the dynamic linker maps a copy of the module for each host.
+# linker's own script. Only builds for x86-64 without sanitizers, coverage and edges use the script. Without the script, the
+# dynamic linker maps a copy of the module for each host.
 function(make_module_linker_script)
   set(MODULE_LINKER_SCRIPT "" PARENT_SCOPE)
   if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR ATS_SANITIZE OR ATS_COVERAGE OR ATS_EDGES)

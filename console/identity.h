@@ -20,18 +20,18 @@ bool is_host_name(const std::string& name);
 constexpr const char* host_name_rule =
     "1 to 30 bytes of UTF-8 without blanks, slashes, quotation marks and control characters, and neither . nor ..";
 
-// Makes a host name from a machine's name: removes the domain, and cuts the rest to longest_host_name_bytes. If it
-// cuts, it adds a line to `remarks`.
+// Makes a host name from a machine's name: removes the domain, and cuts the rest to longest_host_name_bytes. If it cuts
+// the name, it adds a line to `remarks`.
 std::string host_name_for(const std::string& machine_name, std::vector<std::string>& remarks);
 
-// Does the same with the result of gethostname().
+// Calls host_name_for() with the result of gethostname().
 std::string host_name_of_machine(std::vector<std::string>& remarks);
 
 // Reads an IPv4 address; the value is in network order. Fails (invalid) for any other text. The error begins with
 // `place`, for example the name of the option.
 ats::result<uint32_t> address_of(const std::string& text, const std::string& place = "");
 
-// Does the same for the address of a host. Also fails (invalid) for addresses that no host can have: 0.0.0.0/8,
+// Reads the address of a host, like address_of(). Also fails (invalid) for addresses that no host can have: 0.0.0.0/8,
 // loopback, multicast and broadcast.
 ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place = "");
 

@@ -3,7 +3,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#define SD_JOURNAL_SUPPRESS_LOCATION // without it, every entry names this file as its source
+#define SD_JOURNAL_SUPPRESS_LOCATION // without this macro, every entry names this file as its source
 #include <systemd/sd-journal.h>
 
 namespace console

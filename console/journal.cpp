@@ -83,7 +83,7 @@ uint64_t now_ms()
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// Writes the whole text; waits while the file cannot accept more. Returns false after a write error. It does not use
+// Writes the whole text; waits while the file cannot accept more. Returns false after a write error. Does not use
 // stdio: a thread that waits in stdio holds the lock of the stream, so all other users of the stream wait, too.
 bool write_text(int file, std::string_view text)
 {

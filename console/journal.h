@@ -19,7 +19,7 @@ struct notice {
     std::string host = {};        // the name of the host in the configuration
     std::string hca = {};         // the name of an HCA of the host
     int port = 0;                 // the number of a port of the HCA
-    std::string module = {};      // the module of the host that logged the line
+    std::string module = {};      // the module that logged the line
     int trace_level = no_trace_level;
 
     static constexpr int no_trace_level = -1;

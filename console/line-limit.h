@@ -13,7 +13,7 @@
 namespace console
 {
 
-// Only one thread at a time may use it.
+// Only one thread at a time may use an object.
 class line_limit
 {
   public:

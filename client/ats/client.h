@@ -121,11 +121,11 @@ ats_status_t ats_open(ats_client_t** client, const char* path);
  * may run at the same time or later. */
 void ats_close(ats_client_t* client);
 
-/* Finds the GID that owns an address (network order), and stores the answer in *answer. Blocks until the answer comes,
+/* Finds the GID of an address (network order), and stores the answer in *answer. Blocks until the answer comes,
  * at most for options->timeout_ms. `options` may be NULL, which means ATS_OPTIONS_INIT. Returns answer->status. */
 ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer);
 
-/* Finds the address that a GID owns. The rest is as in ats_resolve(). */
+/* Finds the address of a GID. The rest is as in ats_resolve(). */
 ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                          ats_answer_t* answer);
 
@@ -166,12 +166,12 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
  * result, *answer is NULL. If several threads call ats_request(), one request is sent after the other. */
 ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer);
 
-/* These two calls do the same as ats_request(), for a request whose answer has several lines ("log") or takes long.
- * ats_request_begin() sends the request. Each ats_request_next() waits for one line, and stores it in *line; the caller
- * frees it with ats_free(). If no line came in time, ats_request_next() returns ATS_NO_ANSWER: call it again. After the
- * last line, it returns ATS_NOT_FOUND. A negative `timeout_ms` means no limit. A client has one such request at a time,
- * and only one thread may use it; a new request ends the old one. (The service sends a followed log until the next
- * "log" request or ats_close().) */
+/* These two calls are for a request whose answer has several lines ("log") or takes long. ats_request_begin() sends the
+ * request. Each ats_request_next() waits for one line, and stores the line in *line; the caller frees it with
+ * ats_free(). If no line came in time, ats_request_next() returns ATS_NO_ANSWER: call it again. After the last line, it
+ * returns ATS_NOT_FOUND. A negative `timeout_ms` means no limit. Only one thread may make these two calls. A client has
+ * one such request at a time: a new request, also one of ats_request(), ends the old one. (The service sends a followed
+ * log until the next "log" request or ats_close().) */
 ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms);
 ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line);
 

@@ -196,14 +196,14 @@ class Client(Base):
 
     def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
                 timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
-        """Finds the GID that owns an IPv4 address. `timeout` is in seconds."""
+        """Finds the GID of an IPv4 address. `timeout` is in seconds."""
         options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
         library.lib.ats_resolve(self._client, address_word(address), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
     def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False, timeout: float = DEFAULT_TIMEOUT,
                 host: Optional[str] = None) -> Answer:
-        """Finds the IPv4 address that a GID owns."""
+        """Finds the IPv4 address of a GID."""
         options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
         library.lib.ats_reverse(self._client, gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
@@ -234,11 +234,11 @@ class Client(Base):
 
 
 class AsyncClient(Base):
-    """The same questions as coroutines for asyncio. Use an object in one event loop only."""
+    """The questions of Client, as coroutines for asyncio. Use an object in one event loop only."""
 
     def __init__(self, socket: Optional[str] = None) -> None:
         super().__init__(socket)
-        # By the tag of a question: its future, and the function that converts the answer to the future's result.
+        # For the tag of each question: its future, and the function that converts the answer to the future's result.
         self._futures: dict[int, tuple[asyncio.Future[Any], Any]] = {}
         self._last_tag = 0
         self._loop: Optional[asyncio.AbstractEventLoop] = None
@@ -259,13 +259,13 @@ class AsyncClient(Base):
 
     async def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
                       timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
-        """Finds the GID that owns an IPv4 address."""
+        """Finds the GID of an IPv4 address."""
         options = make_options(cached_only, verify, timeout, host)
         return await self._submit(library.lib.ats_submit_resolve, address_word(address), options)
 
     async def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False,
                       timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
-        """Finds the IPv4 address that a GID owns."""
+        """Finds the IPv4 address of a GID."""
         options = make_options(cached_only, verify, timeout, host)
         return await self._submit(library.lib.ats_submit_reverse, gid_bytes(gid), options)
 
