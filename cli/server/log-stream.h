@@ -17,7 +17,7 @@ class log_stream
   public:
     // pump() sends the lines up to the trace level `level`. If `on_new_line` is empty, the answer ends after the last
     // line of the log. Otherwise the answer continues with new lines. The log then calls `on_new_line` for each new
-    // line, in the thread that adds the line; the call must not sleep.
+    // line, in the thread that adds the line; the call must not sleep, print or use the log.
     log_stream(kernel::log& log, int level, std::function<void()> on_new_line);
     ~log_stream();
     log_stream(const log_stream&) = delete;

@@ -22,7 +22,8 @@ void set_trace_level(world::host& host, int level);
 // Delays each later link-up, and the registration after it, by a random part of `seconds`; see stack::link_up_spread.
 void set_spread(world::host& host, int seconds);
 
-// Sets how often the host checks its record at the SA. The new period begins after the next check of each HCA.
+// Sets how often the host checks its record at the SA. Each HCA uses the new period from its next check on; if checks
+// were off, from at most 60 seconds later on.
 ats::result<> set_verification(world::host& host, const verification& verification);
 
 // The event for which set_name() and set_address() wait: the host has sent the record, or the SA has confirmed it.
@@ -30,7 +31,8 @@ enum class completion { sent, confirmed };
 
 // Changes the registered name or address. `name` must pass console::is_host_name(). `ip` is in network order and must
 // be a result of console::host_address_of(). Waits for `completion`, at most about three seconds. Fails if the host has
-// stored the new value but the record was not sent, or not confirmed. A later check then registers the new record.
+// stored the new value but the record was not sent, or not confirmed. The next link-up then registers the new record.
+// The next check does so only if the SA has no record or the old address: a check does not compare names.
 ats::result<> set_name(world::host& host, const std::string& name, completion completion);
 ats::result<> set_address(world::host& host, uint32_t ip, completion completion);
 
