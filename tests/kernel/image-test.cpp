@@ -77,6 +77,10 @@ class module_file
             if (name == bytes.data() + dynamic(DT_STRTAB).d_un.d_ptr + symbol.st_name) return symbol;
         }
     }
+    size_t number_of(const Elf64_Sym& symbol)
+    {
+        return static_cast<size_t>(&symbol - &value_at<Elf64_Sym>(dynamic(DT_SYMTAB).d_un.d_ptr));
+    }
     void rename(const std::string& name, const std::string& new_name)
     {
         const size_t place = bytes.find('\0' + name + '\0');
@@ -180,8 +184,14 @@ TEST(images, of_a_file_that_needs_no_linker_have_its_parts)
     file.add_thread_variables(16);
     file.rename("kq_list_hcas", "kq_list_none");
     file.symbol("kq_list_none").st_info = ELF64_ST_INFO(STB_WEAK, STT_FUNC); // may be missing
+    const Elf64_Sym& own = file.symbol("probe_text");
+    Elf64_Rela& pointer = file.relocation(DT_RELA);
+    pointer.r_info = ELF64_R_INFO(file.number_of(own), R_X86_64_64);
+    pointer.r_addend = 3;
     const std::unique_ptr<kernel::image_template> image = file.read();
     ASSERT_TRUE(image);
+    EXPECT_EQ(image->pointers.front().place, pointer.r_offset);
+    EXPECT_EQ(image->pointers.front().target, own.st_value + 3);
     EXPECT_EQ(image->data_begin, file.variables().p_vaddr);
     EXPECT_EQ(image->data_end, file.variables().p_vaddr + file.variables().p_memsz);
     EXPECT_EQ(image->unwind_table, file.segment(PT_GNU_EH_FRAME).p_vaddr);
@@ -275,11 +285,13 @@ TEST_P(images_of_both_kinds, show_their_places_in_the_same_way)
     }
     EXPECT_EQ(host.addresses.nominal(kernel::image_of(code)), kernel::nominal_images);
 
-    dl_find_object object{};
+    dl_find_object object;
+    std::memset(&object, 0xff, sizeof object);
     ASSERT_EQ(_dl_find_object(code, &object), 0);
     EXPECT_GE(static_cast<void*>(code), object.dlfo_map_start);
     EXPECT_LT(static_cast<void*>(code), object.dlfo_map_end);
     EXPECT_NE(object.dlfo_eh_frame, nullptr);
+    EXPECT_EQ(object.dlfo_flags, 0u);
     EXPECT_LT(_dl_find_object(nullptr, &object), 0);
 
     for (kernel::machine* each : {&host, &other}) {

@@ -272,7 +272,7 @@ TEST(log, formats_as_a_kernel_does)
         {formatted("%lld|%llX|%08x|%-8x|", large, large, 0xabcU, 0xabcU),
          "-81985529216486896|FEDCBA9876543210|00000abc|abc     |"},
         {formatted("%#6x|%-#6x|%-5d|%9d|%-+4d|", 255, 255, 7, 7, 7), "  0xff|0xff  |7    |        7|+7  |"},
-        {formatted("%s|%4s|%-4s|%.2s|%s", "text", "ab", "ab", "text", nullptr), "text|  ab|ab  |te|<NULL>"},
+        {formatted("%s|%4s|%-4s|%.2s|%.0s|%s", "text", "ab", "ab", "text", "x", nullptr), "text|  ab|ab  |te||<NULL>"},
         {formatted("%c|%3c|100%%|%5y|%", 'a', 'b'), "a|  b|100%|%5y|%"},
         {formatted("%s", std::string(200, 'x').c_str()), "200 bytes: " + std::string(127, 'x')},
     };
@@ -350,6 +350,9 @@ TEST(log, drops_the_oldest_lines_and_does_not_number_the_others_again)
     EXPECT_EQ(texts_from(small, &next, 10), "1 dropped;line 6;");
     EXPECT_EQ(next, 7u);
     EXPECT_EQ(texts_from(small, &next, 10), "");
+    kernel::log smallest(1);
+    smallest.append(1, "one\ntwo\n");
+    EXPECT_EQ(smallest.raw(), "two\n") << "the last line stays";
     EXPECT_EQ(kernel::format_dropped(1), "1 line was dropped");
     EXPECT_EQ(kernel::format_dropped(2), "2 lines were dropped");
 }

@@ -132,6 +132,8 @@ TEST(wait_queues, sleep_until_the_condition_a_signal_or_the_timeout_and_not_a_ti
                 &queue, [&] { return condition; }, each.timeout);
             EXPECT_EQ(get_jiffies(), each.end_tick);
             EXPECT_TRUE(list_empty(&queue.sleepers));
+            exec::clear_signal(*exec::current_task());
+            EXPECT_EQ(schedule_timeout_interruptible(5), 0u) << "no wake-up is left for the next sleep";
         });
         if (each.signal_tick == 100) exec::send_signal(sleeper);
         if (each.signal_tick > 100) world.at(each.signal_tick, "sender", [&] { exec::send_signal(sleeper); });
@@ -162,19 +164,25 @@ TEST(sleeps, a_signal_ends_only_an_interruptible_one_which_returns_the_remaining
     init_waitqueue_head(&queue);
     semaphore sem;
     sema_init(&sem, 0);
-    exec::task& waiter = world.at(0, "waiter", [&] {
-        EXPECT_EQ(down_interruptible(&sem), 0);
-        wait_queue_t sleeper;
-        prepare_to_wait(&queue, &sleeper); // a wake-up of the queue would end the next sleep; a signal must not
-        EXPECT_EQ(schedule_timeout_uninterruptible(10), 0u);
-        finish_wait(&queue, &sleeper);
-    });
-    world.at(25, "disturber", [&] {
-        up(&sem);
-        schedule_timeout_uninterruptible(5);
-        exec::send_signal(waiter);
-    });
-    world.finish();
+    const std::function<void()> interruptible_waits[] = {
+        [&] { EXPECT_EQ(down_interruptible(&sem), 0); },
+        [] { schedule_timeout_interruptible(1); },
+    };
+    for (const auto& wait : interruptible_waits) {
+        exec::task& waiter = world.at(0, "waiter", [&] {
+            wait();
+            wait_queue_t sleeper;
+            prepare_to_wait(&queue, &sleeper); // a wake-up of the queue would end the next sleep; a signal must not
+            EXPECT_EQ(schedule_timeout_uninterruptible(10), 0u);
+            finish_wait(&queue, &sleeper);
+        });
+        world.at(0, "disturber", [&] {
+            up(&sem);
+            schedule_timeout_uninterruptible(5);
+            exec::send_signal(waiter);
+        });
+        world.finish();
+    }
     exec::task* last = nullptr;
     world.at(60, "too late", [&] { exec::send_signal(*last); });
     last = &world.at(50, "last", [] { EXPECT_EQ(schedule_timeout_interruptible(10), 0u); });

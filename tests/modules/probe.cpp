@@ -122,9 +122,9 @@ MODULE_EXPORT int probe_number()
     return number;
 }
 
-MODULE_EXPORT __attribute__((constructor)) void probe_construct()
+MODULE_EXPORT __attribute__((constructor)) void probe_construct(int count, char** words)
 {
-    ++construction_count;
+    construction_count += (count > 0) == (words != nullptr); // the words of main(), or none
 }
 
 MODULE_EXPORT __attribute__((destructor)) void probe_destruct()
