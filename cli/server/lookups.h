@@ -32,8 +32,8 @@ class lookups
         uint32_t ip; // network order
     };
 
-    // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. `is_fresh` is a whole
-    // word, so that the struct has no padding: subject_order compares the bytes.
+    // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. `is_fresh` is so wide
+    // that the struct has no padding, because subject_order compares the bytes.
     struct path_to_address {
         uint32_t ip; // network order
         uint32_t is_fresh;
@@ -120,7 +120,7 @@ class host_lookups
 
   private:
     // The loop's thread holds the mutex when it adds an element to lookups_. It reads lookups_ without the mutex; other
-    // threads read with the mutex.
+    // threads read with the mutex. Only stop() needs no mutex, because at() is not called any more.
     std::mutex mutex_;
     std::map<kernel::machine*, lookups> lookups_;
 };

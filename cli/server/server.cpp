@@ -316,7 +316,7 @@ ats::result<> server::set_options(const server_options& options)
     return listener_.set_for_all(options.access.is_open_to_others());
 }
 
-// The client has closed its sending side. If it reads a log, it needs no more lines: ends the conversation.
+// The client has closed its sending side. A client that reads a log then needs no more lines, so its conversation ends.
 void server::input_ended(conversation& source)
 {
     if (followers_.contains(source)) source.cut_off();

@@ -1,7 +1,7 @@
 // Tells the service manager (systemd) regularly that the service works, with WATCHDOG=1 of sd_notify(3). Sends this
 // notice only if no part of the service hangs. The parts are the event loop, the workers, the lookups, and the tasks of
 // the fabric and of all hosts. If the unit of the service has WatchdogSec=, systemd ends the service when no notice
-// comes; it starts the service again if the unit has a Restart= for this.
+// comes; systemd starts the service again if the unit has a Restart= for this.
 #pragma once
 
 #include <atomic>
@@ -55,8 +55,8 @@ class life_signs
     std::vector<stack::liveness> liveness_;                // one for each host
 };
 
-// Returns the longest time between two notices that the service manager allows. Returns nothing if it expects no
-// notices from this process.
+// Returns the longest time between two notices that the service manager allows. Returns nothing if the service manager
+// expects no notices from this process.
 std::optional<std::chrono::microseconds> watchdog_period();
 
 class watchdog

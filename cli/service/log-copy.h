@@ -31,7 +31,7 @@ class log_copy
     log_copy& operator=(const log_copy&) = delete;
 
     // Copies the later lines of `log`, which is the log of `host`. `log` must be destroyed before this object. All logs
-    // must use the same clock, because the limit of lines compares their times.
+    // must use the same clock, because the limit compares the times of lines.
     void follow(const std::string& host, kernel::log& log);
 
   private:

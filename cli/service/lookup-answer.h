@@ -10,8 +10,8 @@
 namespace cli
 {
 
-// Return a JSON object in one line, without the line end. `id` is the "id" of the request; empty if the request has
-// none. `is_by_gid`: the question was a GID. `cache_only`: only the cache was asked. Pure.
+// The functions return a JSON object in one line, without the line end. `id` is the "id" of the request; empty if the
+// request has none. `is_by_gid`: the question was a GID. `cache_only`: only the cache was asked. Pure.
 std::string lookup_answer(const world::resolution& answer, bool is_by_gid, bool cache_only, std::optional<uint64_t> id);
 std::string path_answer(const world::path_resolution& answer, std::optional<uint64_t> id);
 

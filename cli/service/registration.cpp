@@ -170,7 +170,7 @@ ats::result<bool> is_confirmed(const hca_state& hca, uint64_t confirmations_befo
     const bool is_of_order =
         is_new_record(records::decode(registration.record)) &&
         (registration.state != registration_state::confirmed || registration.confirmations > confirmations_before);
-    // No Set of the new record was sent. Before a Set, ats sends a Delete of the old record. If the Delete has no
+    // Here, no Set of the new record was sent. Before a Set, ats sends a Delete of the old record. If the Delete has no
     // answer, the SA is silent.
     if (!is_of_order) return registration.is_unanswered ? no_answer() : not_sent();
     if (registration.state == registration_state::asked) return false;

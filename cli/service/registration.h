@@ -32,9 +32,10 @@ class confirmation
     // `is_new_record` returns true for the changed record and false for the previous record.
     confirmation(world::host& host, is_new_record_t is_new_record);
 
-    // Call it after the change. Succeeds when the SA has confirmed the new record of every HCA with a link. Otherwise
-    // the error gives the reason for one HCA. If the SA has not answered after a second, asks the SA once for the owner
-    // of the address. Takes at most about three seconds. The calling thread must not be a task of the machine.
+    // Call wait() after the change. Succeeds when the SA has confirmed the new record of every HCA with a link.
+    // Otherwise the error gives the reason for one HCA. If the SA has not answered after a second, asks the SA once for
+    // the owner of the address. Takes at most about three seconds. The calling thread must not be a task of the
+    // machine.
     ats::result<> wait();
 
   private:

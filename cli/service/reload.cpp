@@ -51,8 +51,8 @@ constexpr struct {
 };
 
 // Returns a host of the file for each running host: the host with the same name. If the file has no such host, returns
-// the next host of the file whose name is new; change_host() then renames the running host. Null if no new name is
-// left.
+// the next host of the file whose name is new; change_host() then renames the running host. Returns null if no new name
+// is left.
 std::vector<const host_config*> counterparts_of(const world_config& current, const world_config& file)
 {
     const auto find_host = [](const std::vector<host_config>& hosts, const std::string& name) -> const host_config* {

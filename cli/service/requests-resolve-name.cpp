@@ -16,7 +16,7 @@ namespace
 {
 
 // Makes a SubnAdmGet for the record with that host name. Also selects by ServiceID and ServiceName, which are the same
-// in all records of this service.
+// in the records of all hosts.
 fabric::mad_bytes request_for(const std::string& host_name)
 {
     const ib_service_record_v2_t record = records::encode({.host_name = host_name});

@@ -47,7 +47,8 @@ ats::result<> load(world::host& host, const host_settings& settings)
 }
 
 // Executes one step of a host's start. `step` returns an ats::result<>; it may throw exec::shortage or std::bad_alloc.
-// All these errors are returned, with the name of the host. Also fails if the step has used the memory reserve.
+// All these errors are returned, with the name of the host. Also fails if the step has used the memory that the program
+// keeps in reserve (exec::reserve).
 template <class step_t>
 ats::result<> take_step(const std::string& host, const step_t& step)
 {

@@ -43,7 +43,7 @@ class running_hosts
 
     // Loads every host's modules, then brings up all links of an embedded fabric. Before each host, calls `may_go_on`
     // with the number of hosts that have started. If `may_go_on` returns false, starts no further host and returns
-    // false. An error names the host that did not start, and shows the end of its log.
+    // false. An error names the host that did not start. Except for no_memory, it also shows the end of the host's log.
     ats::result<bool> start(const std::function<bool(size_t)>& may_go_on);
 
     // Stops the hosts in reverse order, and deletes the records that they have left at the SA. If the SA cannot be

@@ -16,7 +16,7 @@ class service_signals
     // reload; only the SIGHUP of a closing terminal, on which the service was started, ends the service.
     explicit service_signals(bool can_reload);
 
-    // Returns true if wait() would return `stop` at once. Does not wait.
+    // Returns true if a signal to stop has come and wait() has not accepted it yet. Does not wait.
     bool is_stop_pending() const;
 
     // Waits for a signal. If the same signal came several times before the call, it counts once. After wait() has

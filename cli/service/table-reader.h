@@ -24,7 +24,7 @@ class table_reader
     // Returns the node with that key, or null.
     const toml::node* find(const std::string& key);
 
-    // Return the value of a key, or the default if the key is missing.
+    // The functions return the value of a key, or the default if the key is missing.
     std::string text(const std::string& key, const std::string& default_text);
     std::string word(const std::string& key, const char* default_word, std::initializer_list<std::string> valid_words);
     int number(const std::string& key, int default_number, int least, int most);
@@ -35,8 +35,8 @@ class table_reader
     // Returns the tables of an array that is written as [[key]].
     std::vector<const toml::table*> tables(const std::string& key);
 
-    // Store an error for finish(). refuse() puts the place of `node` before the reason. The error for keep() must
-    // already begin with its place.
+    // These functions store an error for finish(). refuse() puts the place of `node` before the reason. The error for
+    // keep() must already begin with its place.
     void refuse(const toml::node& node, const std::string& reason);
     void keep(const ats::error& error);
 

@@ -98,7 +98,7 @@ typedef struct ats_path {
     uint8_t traffic_class;
 } ats_path_t;
 
-/* An answer. A field is 0 if its value is not known; `verified` is then -1. */
+/* An answer. A field whose value is not known is 0, except `verified`, which is then -1. */
 typedef struct ats_answer {
     uint64_t tag; /* the tag of the submitted question; 0 for a blocking call */
     ats_status_t status;
@@ -148,8 +148,9 @@ ats_status_t ats_submit_path(ats_client_t* client, uint32_t address, const ats_o
 ats_status_t ats_submit_path_to_gid(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                                     uint64_t tag);
 
-/* Returns the client's descriptor for poll() and epoll. If it is readable, call ats_collect(). It stays the same as
- * long as the client exists, and belongs to the client: do not read, write or close it. Returns -1 for NULL. */
+/* Returns the client's descriptor for poll() and epoll. Call ats_collect() when the descriptor is readable. A client
+ * has the same descriptor as long as it exists. The client owns the descriptor: do not read, write or close it. Returns
+ * -1 for NULL. */
 int ats_descriptor(const ats_client_t* client);
 
 /* Stores the answers of submitted questions that have arrived, at most `capacity`, and returns their number. Does not
