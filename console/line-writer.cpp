@@ -83,7 +83,8 @@ void line_writer::work()
         write();
         lock.lock();
         ++written_line_count_;
-        // The queue is empty, so the reader reads again. Report omitted lines now; the next add() may come much later.
+        // An empty queue means that the reader reads again. Then report omitted lines now, because the next add() may
+        // come much later.
         if (const uint64_t lines = queue_.empty() ? std::exchange(omitted_line_count_, 0) : 0) {
             queue_.emplace_back([this, lines] { remark_(lines); });
             ++added_line_count_;

@@ -23,8 +23,8 @@ class line_writer
 
     static constexpr size_t most_waiting_lines = 1000;
 
-    // The thread calls `remark` where lines were omitted, with their number. `remark` then writes a line about them.
-    // Throws exec::shortage if the thread cannot be created.
+    // The thread calls `remark` in place of omitted lines, with their number. `remark` writes a line about them. Throws
+    // exec::shortage if the thread cannot be created.
     explicit line_writer(remark_t remark);
 
     // Waits until every line is written.

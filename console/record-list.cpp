@@ -22,7 +22,7 @@ constexpr uint64_t component(int bit)
 }
 
 // Selects records at the SA. A record is selected if it equals `example` in all components of `component_mask`. Every
-// selection contains the ServiceID and the ServiceName, so only records of this service are selected.
+// `component_mask` contains the ServiceID and the ServiceName, so only records of this service are selected.
 struct record_selection {
     uint64_t component_mask = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_NAME);
     ib_service_record_v2_t example = records::encode({});

@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (ats_submit_resolve(client, 1, nullptr, tag) != ATS_OK) std::abort();
     if (ats_request_begin(client, R"({"request":"log"})", 1000) != ATS_OK) std::abort();
     size_t ended_count = 0;
-    // After a broken connection, libatsclient makes another one.
+    // After a broken connection, libatsclient connects again.
     for (int connection = 0; connection < 3; ++connection) {
         answer(service.fd, data, size);
         ats_answer_t answers[questions];

@@ -1,5 +1,5 @@
-// The world of most fuzzers: a simulated fabric with one registered host, node1, and with an HCA of no host,
-// `stranger`. An exception or a hard error ends the process. libFuzzer then reports the input.
+// The world of most fuzzers: a simulated fabric with one registered host, node1, and an HCA without a host, `stranger`.
+// An exception or a hard error ends the process. libFuzzer then reports the input.
 #pragma once
 
 #include <cstdlib>

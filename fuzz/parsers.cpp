@@ -1,5 +1,5 @@
-// Fuzzes the parsers of short texts: addresses in the module ats, module parameters, addresses and GIDs in the
-// notations for people, and the report of the control file. The first byte of an input selects the parser.
+// Fuzzes the parsers of short texts: the addresses that the module ats reads, module parameters, the addresses and GIDs
+// that people write, and the report of the control file. The first byte of an input selects the parser.
 #include "console/control-report.h"
 #include "fuzz/one-host.h"
 #include "host/kernel/module-parameters.h"

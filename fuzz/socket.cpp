@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static service service;
     const bool is_acm = size > 0 && bytes[0] == acm::protocol_version;
-    const bool says_hello = !is_acm && size % 8 != 0; // any other client input has its own hello, or none
+    const bool says_hello = !is_acm && size % 8 != 0; // if false, a client input has its own hello, or none
     const raw_connection client(is_acm ? service.acm_path : service.path, says_hello);
     send_all(client.fd(), bytes, size);
     shutdown(client.fd(), SHUT_WR);

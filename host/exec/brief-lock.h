@@ -1,8 +1,8 @@
-// Changes of atomic values, and a spin lock, that cost little in a process with one thread, for example a simulation.
-// In such a process nothing else can run between a load and a store, so these functions use plain loads and stores
-// instead of locked instructions. Every change is in memory when the function returns. Therefore the process may start
-// a second thread at any moment, even while a lock is held. (libstdc++ counts the references of a shared_ptr in the
-// same way.)
+// Functions that change atomic values, and a spin lock. They cost little in a process with one thread, for example a
+// simulation. In such a process nothing else can run between a load and a store, so these functions use plain loads and
+// stores instead of locked instructions. Every change is in memory when the function returns. Therefore the process may
+// start a second thread at any moment, even while a lock is held. (libstdc++ counts the references of a shared_ptr in
+// the same way.)
 #pragma once
 
 #include <atomic>
@@ -27,8 +27,8 @@ value_t exchange(std::atomic<value_t>& object, std::type_identity_t<value_t> val
     return previous;
 }
 
-// Stores `value` if the object has the value `expected`. Otherwise copies the object's value to `expected` and returns
-// false.
+// If the object has the value `expected`, stores `value` and returns true. Otherwise copies the object's value to
+// `expected` and returns false.
 template <class value_t>
 bool compare_exchange(std::atomic<value_t>& object, value_t& expected, std::type_identity_t<value_t> value,
                       std::memory_order order)

@@ -20,8 +20,8 @@ namespace exec
 
 constexpr uint64_t never = UINT64_MAX; // a deadline that never comes
 
-// The result of one step of a task (see executor::start_steps). Before the next step, the task calls executor::park
-// with the first three members.
+// The result of one step of a task (see executor::start_steps). Before the next step, the task sleeps as if it called
+// executor::park with the first three members.
 struct step_pause {
     uint64_t deadline;
     const char* reason;
@@ -29,8 +29,8 @@ struct step_pause {
     bool is_last = false; // if true, the task ends and does not park
 };
 
-// Where a comment says "any thread", it means the threaded executor. Only one thread may use a simulation (see class
-// simulation below).
+// Comments that say "any thread" are true only for the threaded executor. Only one thread may use a simulation (see
+// class simulation below).
 class executor
 {
   public:
@@ -101,9 +101,10 @@ inline void preemption_point()
 // Real threads and real time. The ticks start at 0 when the executor is created.
 std::unique_ptr<executor> make_threaded_executor();
 
-// The simulation throws this in a thread from outside if the task for which the thread waits can never end, or has not
-// ended within simulation_options::patience_ticks. what() names every parked task and the reason of its wait. This is
-// an exception, not an ats::result, because the waiting calls of the kernel cannot return an error.
+// The simulation throws this in a thread from outside. Either this thread waits for a task that can never end, or the
+// task has not ended within simulation_options::patience_ticks, or this thread calls relax() and no task can run.
+// what() names every parked or spinning task, and the reason why a parked task waits. This is an exception, not an
+// ats::result, because the waiting calls of the kernel cannot return an error.
 //
 // If enter() throws this exception, the task that ran `body` never continues, because `body` uses variables of the
 // caller. Resources of that task are not released, for example semaphore units or memory. Machines and the simulation
@@ -143,10 +144,11 @@ class simulation : public executor
     // Runs everything that is due now. The clock does not move. A task must not call it.
     virtual void settle() = 0;
 
-    // One line for each task that is parked or spins. The line says what the task waits for.
+    // One line for each task that is parked or spins. The line says what a parked task waits for.
     virtual std::string report() const = 0;
 
-    // All tasks that have not ended, the oldest first. A pointer is valid until its task is joined.
+    // All tasks that have not ended, the oldest first. Omits a task whose enter() has thrown `stalled`. A pointer is
+    // valid until its task is joined.
     virtual std::vector<task*> tasks() const = 0;
 };
 

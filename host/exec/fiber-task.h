@@ -37,7 +37,7 @@ struct fiber_task final : task {
 
     std::function<void()> body;
     std::function<step_pause()> step; // if set, the task runs steps instead of `body`
-    bool has_stack = true;            // false between two steps, and before the first one
+    bool has_stack = true;            // false before the first step, and after the task has put its stack back
     fiber thread;
     uint64_t number = 0;                         // tasks are numbered in the order in which they start
     std::list<fiber_task*>::iterator position{}; // in the list of all tasks

@@ -24,16 +24,16 @@ namespace
 {
 
 // Only pages that a task has touched use memory, so a large stack is cheap. A task that loads or unloads a module needs
-// the most: the dynamic linker puts arrays of all loaded images on its stack, about 10 bytes for each image.
+// the most: the dynamic linker puts arrays of all loaded images on the task's stack, about 10 bytes for each image.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t stack_bytes = size_t{1024} * 1024; // instrumented frames are larger
 #else
 constexpr size_t stack_bytes = size_t{512} * 1024;
 #endif
 
-// A guard page that mprotect() makes splits the mapping of its stack, and a process may have only so many mappings
-// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so an
-// overflow that happens again and again also happens on a stack with a guard.
+// A guard page made with mprotect() splits the mapping of its stack. A process may have only so many mappings
+// (vm.max_map_count). Therefore only this many stacks get such a guard. All stacks run the same code, so an overflow
+// that happens again and again also happens on a stack with a guard.
 constexpr size_t split_stacks_limit = 4096;
 
 // Makes every access to the lowest page of a stack end in SIGSEGV. Since Linux 6.13, madvise() can mark such a page in

@@ -1,5 +1,5 @@
 // Fibers: one thread runs on several stacks and switches between them. Boost.Context saves and restores the registers
-// at a switch. It has the code for each kind of processor, and makes no system call.
+// at a switch. Boost.Context has code for each kind of processor, and makes no system call.
 #pragma once
 
 #include <cstddef>
@@ -81,7 +81,7 @@ class fiber
     void restart(fiber_stack stack);
 
     // Leaves the calling fiber, which must be `current`, and continues with `next`. Returns when a fiber switches back.
-    // With `has_ended`, the calling fiber never continues here.
+    // If `has_ended` is true, never returns: the calling fiber has ended, or restart() gives it another stack later.
     static void switch_between(fiber& current, fiber& next, bool has_ended = false);
 
     fiber_stack stack() const { return stack_; }

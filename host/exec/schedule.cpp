@@ -35,8 +35,8 @@ void priority_schedule::begin_round()
     for (int i = 1; i < options_.depth; ++i) change_positions_.push_back(engine_() % options_.round_choices);
 }
 
-// Returns the priority of a task in this round. A lowered priority is below `depth`. All others are random and have the
-// highest bit set.
+// Returns the priority of a task in this round. A lowered priority is below `depth`. All other priorities are random
+// and have the highest bit set.
 uint64_t priority_schedule::priority_of(uint64_t task_number) const
 {
     constexpr uint64_t above_all_changed = uint64_t{1} << 63;

@@ -19,9 +19,9 @@ enum class choice_point {
 };
 
 // The tasks that could continue at a choice. At a switch point, the running task is the first one. Then come the tasks
-// that have become ready, and then the tasks that were preempted at a switch point. In both groups, the tasks are in
-// the order in which they joined it. One rule changes this order: if a schedule chooses a later task of a group, the
-// first task of the group moves to the place of the chosen one. The object is valid during the choice only.
+// that have become ready, and then the tasks that were preempted at a switch point. In each group, the tasks are in the
+// order in which they joined the group. One rule changes this order: if a schedule chooses a later task of a group, the
+// first task of the group moves to the place of the chosen task. The object is valid during the choice only.
 class candidates
 {
   public:

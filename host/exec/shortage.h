@@ -35,10 +35,11 @@ ats::error shortage_error(const std::string& unknown_limit);
 // Starts a thread that runs `body`; the caller joins it. Throws a shortage if no thread can be started.
 std::thread new_thread(std::function<void()> body);
 
-// Holds memory and mappings in reserve. When `new` finds no memory, it releases the reserve, calls `use_handler` (if
-// there is one), and tries again. The process should stop soon after that. check_limits() and shortage_error() also
-// release the reserve, but do not call the handler. The handler runs in any thread, at any place. It must not allocate,
-// lock or throw. A process has at most one reserve. The constructor throws a shortage if it cannot get the memory.
+// Holds address space and memory mappings in reserve. When `new` finds no memory for the first time, this class
+// releases the reserve and calls `use_handler` (if there is one). Then `new` tries again. The process should stop soon
+// after that. check_limits() and shortage_error() can also release the reserve, but do not call the handler. The
+// handler runs in any thread, at any place. It must not allocate, lock or throw. A process has at most one reserve. The
+// constructor throws a shortage if it cannot get the memory.
 class reserve
 {
   public:

@@ -69,7 +69,7 @@ class simulated_executor final : public simulation
         might_sleep(reason);
         fiber_task& self = *running();
         if (!self.has_wake_up && deadline <= now_) {
-            yield(self); // a loop of such sleeps must not keep other tasks from running
+            yield(self); // lets other tasks run even during a loop of such sleeps
         } else if (!self.has_wake_up) {
             if (deadline != never) arm(self, deadline);
             stop(self, task_state::parked, reason, object);
@@ -244,7 +244,7 @@ class simulated_executor final : public simulation
         }
     }
 
-    // Before a switch to the task: restarts its fiber on a new stack if the task has none.
+    // Call this before a switch to `next`. Restarts its fiber on a new stack if `next` has no stack.
     void prepare(fiber_task& next)
     {
         if (next.has_stack) return;
@@ -253,8 +253,8 @@ class simulated_executor final : public simulation
         next.has_stack = true;
     }
 
-    // Takes a stack from the pool. No caller could handle a shortage here. A first attempt that fails releases the
-    // memory reserve, so the second attempt should succeed. If the second attempt fails, too, this is a hard error.
+    // Takes a stack from the pool. No caller could handle a shortage here. If the first attempt fails, it releases the
+    // memory reserve, so the second attempt should succeed. A second failure is a hard error.
     fiber_stack stack_for_step()
     {
         try {
@@ -423,7 +423,7 @@ class simulated_executor final : public simulation
     uint64_t started_tasks_ = 0;
     std::list<fiber_task*> tasks_;
     ring_queue<fiber_task> ready_tasks_;
-    ring_queue<fiber_task> preempted_tasks_; // ready, too: preempted at a switch point; numbered after ready_tasks_
+    ring_queue<fiber_task> preempted_tasks_; // ready, too: preempted at a switch point; candidates after ready_tasks_
     ring_queue<fiber_task> spinning_tasks_;  // in relax(), until the next call of ready_spinners()
     deadline_map deadlines_;
     const fiber_task* target_ = nullptr; // the task for whose end the thread from outside waits, or null

@@ -28,7 +28,7 @@ timespec as_timespec(clock::time_point time)
     return {.tv_sec = ns / 1'000'000'000, .tv_nsec = ns % 1'000'000'000};
 }
 
-constexpr uint64_t largest_deadline = 1ull << 42; // 139 years; a later one would overflow the clock
+constexpr uint64_t largest_deadline = 1ull << 42; // 139 years; a much later deadline would overflow the clock
 
 enum wake_state : uint32_t {
     running,

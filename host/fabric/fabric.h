@@ -117,8 +117,9 @@ class hca
     ~hca() = default;
 };
 
-// Sees the datagrams that ports send and receive, in order. Need not see a datagram that the sending port drops, for
-// example because its link is down. The task that sends or receives the datagram calls crossed(), which must not sleep.
+// Sees the datagrams that ports send and receive, in order. A fabric may leave out a datagram that the sending port
+// drops, for example because the link of that port is down. The task that sends or receives the datagram calls
+// crossed(), which must not sleep.
 class tap
 {
   public:

@@ -39,7 +39,7 @@ void printk(const char* format, ...)
     va_end(arguments);
     if (length >= sizeof text && std::string_view(format).ends_with('\n'))
         text[sizeof text - 2] = '\n'; // keep the line end of a text that was cut
-    // A NUL that was printed with %c does not end the text. Remove it.
+    // Remove the NULs that %c has printed, because they must not end the text.
     *std::remove(text, text + std::min(length, sizeof text - 1), '\0') = '\0';
     kernel::machine& machine = current_machine(__func__);
     exec::print_capture* capture = exec::current_task()->capture;

@@ -43,11 +43,12 @@ class elf_object
     std::optional<Elf64_Sym> symbol(uint64_t number) const;
     std::string_view name_of(const Elf64_Sym& symbol) const;
 
-    // Returns the symbols that this object defines and that other objects can find. Empty if the hash table is missing
-    // or broken.
+    // Returns the symbols that this object defines and that other objects can find, or nullopt if the hash table is
+    // missing or broken.
     std::optional<std::vector<Elf64_Sym>> exported_symbols() const;
 
-    // Returns the entries of the tables DT_RELA and DT_JMPREL. Empty if a table is cut short.
+    // Returns the entries of the tables DT_RELA and DT_JMPREL. Returns nullopt if a table is cut short, or if only its
+    // address or only its size is given.
     std::optional<std::vector<Elf64_Rela>> relocations() const;
 
   private:

@@ -35,8 +35,8 @@ ats::error no_room(const char* call)
     return exec::shortage_error(std::string("no room for a module (") + call + ": " + std::strerror(errno) + ")");
 }
 
-// Makes a memory file with sixteen copies of the code `text`, which begin `stride` bytes apart. Returns its descriptor.
-// On failure, returns -1 and sets errno.
+// Makes a memory file with sixteen copies of the code `text`, one in every `stride` bytes. Returns its descriptor. On
+// failure, returns -1 and sets errno.
 int file_of_copies(const std::string& text, size_t stride)
 {
     const int file = memfd_create("modules", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -164,7 +164,7 @@ ats::result<size_t> image_area::take()
 void image_area::put(size_t slot)
 {
     char* data = slot_begin(slot) + code_.data_page();
-    // MADV_DONTNEED sets the bytes to zero. It fails if the memory is locked. In this case, memset() does it.
+    // MADV_DONTNEED sets the bytes to zero. It fails if the memory is locked. In this case, memset() sets them to zero.
     if (madvise(data, code_.data_bytes(), MADV_DONTNEED) != 0) std::memset(data, 0, code_.data_bytes());
     in_use_[slot].store(false, std::memory_order_release);
     --used_slots_;

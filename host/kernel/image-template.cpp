@@ -23,8 +23,8 @@ bool needs_only_loaded_libraries(const elf_object& object)
 }
 
 // Returns true if the dynamic section has an entry that only the dynamic linker can handle. Also returns true if the
-// object was not linked with -Bsymbolic: the dynamic linker may then bind the object's references to its own symbols to
-// symbols of another object.
+// object was not linked with -Bsymbolic: the dynamic linker may then bind a reference to one of the object's own
+// symbols to a symbol of another object.
 bool needs_dynamic_linker(const elf_object& object)
 {
     for (const int64_t tag : {DT_TEXTREL, DT_REL, DT_RELR, DT_PREINIT_ARRAY})

@@ -21,7 +21,7 @@ class loaded_module
     module_image image;               // unmapped before `texts` is destroyed
     int references = 0;               // taken with hold(); rmmod() fails while there are any
     int visitors = 0;                 // tasks between enter() and leave(); rmmod() waits for them
-    bool is_unloading = false;        // hold() and enter() fail
+    bool is_unloading = false;        // if true, hold() and enter() fail
     const task* start_task = nullptr; // the task that runs the entry function; null when the function has returned
     task* unload_task = nullptr;      // the task that waits until `references` and `visitors` are 0
 

@@ -61,12 +61,13 @@ class loader
     bool hold(const kernel_module_t* owner);
     void release(const kernel_module_t* owner);
 
-    // The same calls for a task that runs a /proc handler of the module: enter() before, leave() after. rmmod() does
-    // not fail because of these tasks, but waits until they have left. Any context.
+    // A task calls enter() before it runs a /proc handler of the module, and leave() afterwards. enter() returns false
+    // in the same cases as hold(). rmmod() does not fail because of these tasks, but waits until they have left. Any
+    // context.
     bool enter(const kernel_module_t* owner);
     void leave(const kernel_module_t* owner);
 
-    // Writes the logger's level into every loaded image, and later into every image that is loaded.
+    // Writes the logger's level into every loaded image, and into every image that is loaded later.
     void set_logger_level(int32_t level);
     int32_t logger_level() const;
 

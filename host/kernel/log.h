@@ -48,7 +48,7 @@ class log
 
     // Returns at most `limit` finished lines, beginning with line number `first`. The first line ever printed has
     // number 0. Skips dropped lines. Stores in `*drop_count` (unless null) how many dropped lines it has skipped.
-    // Stores in `*next` the number of the line after the last returned one.
+    // Stores in `*next` the value of `first` for the next call.
     std::vector<log_line> lines_from(uint64_t first, size_t limit, uint64_t* next,
                                      uint64_t* drop_count = nullptr) const;
 

@@ -32,9 +32,9 @@ class service
   public:
     virtual ~service() = default;
 
-    // Called when a module's exit function has returned. Returns one text for each thing that the service still holds
-    // for the module: a subscription or a timer that can call the module, or a resource that only the module can
-    // release. May sleep.
+    // Called before a module is unmapped: after its exit function has returned, or after its entry function has failed.
+    // Returns one text for each thing that the service still holds for the module: a subscription or a timer that can
+    // call the module, or a resource that only the module can release. May sleep.
     virtual std::vector<std::string> left_by(const module_code&) const { return {}; }
 };
 

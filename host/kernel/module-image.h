@@ -17,8 +17,8 @@ namespace kernel
 class placed_image;
 
 // One image. It is a placed_image if the module file can be placed. If not, the dynamic linker maps a copy of the file.
-// Each such image needs another copy, because the dynamic linker maps a file only once. Only one thread at a time may
-// use the object.
+// Each such image needs a copy of its own, because the dynamic linker maps a file only once. Only one thread at a time
+// may use the object.
 class module_image
 {
   public:
@@ -32,7 +32,7 @@ class module_image
     // reached.
     ats::result<> map(const std::string& path);
 
-    // The module's `this_module`, which is inside the image. Null before map() has succeeded.
+    // The module's `this_module`, which is inside the image. Valid only after map() has succeeded.
     kernel_module_t* declaration() const { return declaration_; }
 
     // Returns the address of a symbol that the image exports, or null. Ignores the symbols of other libraries.
@@ -54,8 +54,8 @@ class module_image
     kernel_module_t* declaration_ = nullptr;
 };
 
-// Recognises the code of one loaded module. After the module's exit function, the kernel and its services look in this
-// way for callbacks and memory that the module has left behind.
+// Recognises the code of one loaded module. Before a module is unmapped, the kernel and its services use this class to
+// find callbacks and memory that the module has left behind.
 class module_code
 {
   public:

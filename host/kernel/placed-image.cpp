@@ -54,7 +54,8 @@ std::unique_ptr<shared_code> read_module(int file, const std::string& name)
 
 // The callers of the next three functions hold the store's mutex.
 
-// Returns the stored module of an open file. Reads and stores it if necessary. Returns null if it cannot be placed.
+// Returns the stored module of an open file. If there is none, reads the file and stores the module. Returns null if
+// the file cannot be placed.
 stored_module* module_of(int file, const std::string& name)
 {
     struct stat attributes;

@@ -96,7 +96,7 @@ class proc_tree::visit
         const std::lock_guard lock(tree_.mutex_);
         const std::shared_ptr<node> target = tree_.find(path);
         if (!target) return;
-        if (!target->entry.read_proc && !target->entry.write_proc) { // with a handler, an owner is set, too
+        if (!target->entry.read_proc && !target->entry.write_proc) { // an entry with a handler also has an owner
             error_ = -EK_INVAL;
             return;
         }
@@ -140,8 +140,8 @@ struct proc_answer {
     int length;
 };
 
-// Cuts an answer to `size` bytes and to the end of the page, and logs that. Panics if the answer starts outside of the
-// page.
+// Cuts an answer to `size` bytes and to the end of the page, and logs the cut. Panics if the answer starts outside of
+// the page.
 proc_answer within_bounds(const std::string& path, const std::string& page, proc_answer answer, size_t size)
 {
     if (answer.length <= 0) return answer;

@@ -1,8 +1,8 @@
 // Lets exceptions pass through the code of placed images, which are images that the loader makes without the dynamic
-// linker. A kernel call throws exec::shortage when a limit of the process is reached, and its caller is module code.
-// The unwinder calls _dl_find_object() to find the unwind table for an address. The C library's function knows only the
-// images of the dynamic linker. The function in this file takes precedence over the C library's function, and also
-// finds the placed images.
+// linker. An example is exec::shortage: a kernel call throws it when a limit of the process is reached, and the caller
+// is module code. The unwinder calls _dl_find_object() to find the unwind table for an address. The C library's
+// function knows only the images of the dynamic linker. The function in this file takes precedence over the C library's
+// function, and also finds the placed images.
 #include <dlfcn.h>
 
 #include "host/kernel/placed-image.h"

@@ -280,8 +280,8 @@ void subnet::deliver_to_port(datagram& datagram, lock_guard& lock)
     queue_.put(datagram);
 }
 
-// Draws the faults of the wire for a datagram that leaves its sender. Then loses the datagram, or posts it and perhaps
-// a duplicate to the queue.
+// Decides which faults of the wire affect a datagram that leaves its sender. Then drops the datagram, or posts it to
+// the queue, perhaps with a duplicate.
 void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
 {
     if (use_up(faults.drop_next)) {

@@ -1,6 +1,6 @@
 // The faults of an embedded subnet, and its counters. Any thread may set any switch at any time. A switch affects the
-// datagrams that are sent, or reach the SA, afterwards. The subnet draws the chances with subnet_options::fault_seed.
-// Latency, jitter, loss, duplication, reordering and corruption affect a request, and again its answer.
+// datagrams that are sent, or reach the SA, afterwards. All random draws depend on subnet_options::fault_seed. Latency,
+// jitter, loss, duplication, reordering and corruption affect a request, and again its answer.
 #pragma once
 
 #include <atomic>
@@ -18,11 +18,11 @@ struct fault_switches {
 
     std::atomic<uint32_t> loss_percent{0};
     std::atomic<uint32_t> duplicate_percent{0}; // the datagram arrives twice
-    std::atomic<uint32_t> reorder_percent{0};   // the datagram is one tick late, so later datagrams overtake it
+    std::atomic<uint32_t> reorder_percent{0};   // the datagram is one tick late, so later datagrams can overtake it
     std::atomic<uint32_t> corrupt_percent{0};   // one byte of the datagram changes
 
     std::atomic<uint32_t> drop_next{0};         // number of datagrams, requests or answers, still to be lost
-    std::atomic<uint32_t> drop_next_answers{0}; // number of the SA's answers still to be lost; it serves the requests
+    std::atomic<uint32_t> drop_next_answers{0}; // number of SA answers still to be lost; the SA serves the requests
 
     std::atomic<bool> queue_full{false};       // the fabric accepts no send
     std::atomic<uint32_t> refuse_percent{0};   // the fabric does not accept this share of the sends

@@ -21,7 +21,7 @@ struct sa_limits {
     service_time set = {};
     service_time remove = {};
     service_time get_by_gid = {};
-    service_time get_by_address = {}; // also any other Get of ServiceRecords
+    service_time get_by_address = {}; // also any other request for ServiceRecords
     service_time get_path = {};
     service_time other = {};
     size_t queue_capacity = SIZE_MAX; // requests, including the one in service; further requests are dropped

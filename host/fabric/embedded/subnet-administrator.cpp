@@ -29,7 +29,7 @@ uint16_t status_word(matches count)
     }
 }
 
-// Returns true if the MAD is a request of the SA's class. The SA answers no others.
+// Returns true if the MAD is a request of the SA's class. The SA answers only such MADs.
 bool is_request(const sa_mad_v2_t& mad)
 {
     return mad.hdr.mgt_class == MAD_CLASS_SUBN_ADM && !mad.hdr.m.r;

@@ -66,9 +66,9 @@ class subnet
     subnet& operator=(const subnet&) = delete;
 
     // Plugs an HCA into a host. Its links are down. The subnet owns the HCA. Ports get the LIDs from 2 upwards, in the
-    // order of these calls. Fails if the host already has an HCA with the name, if another port already has a GUID of
-    // the description, if the number of ports is not 1 to 254, if there are more GUIDs than ports, or if no LIDs are
-    // left.
+    // order of these calls. The LID of the SM is skipped. Fails if the host already has an HCA with the name, if
+    // another port already has a GUID of the description, if the number of ports is not 1 to 254, if there are more
+    // GUIDs than ports, or if no LIDs are left.
     ats::result<fabric::hca*> add_hca(const std::string& host, const hca_description& description);
     ats::result<fabric::hca*> add_hca(const std::string& host, const std::string& name, int ports)
     {
@@ -79,8 +79,8 @@ class subnet
     ats::result<fabric::hca*> find(const std::string& host, const std::string& hca) const;
 
     // link_up() activates the link of a port: the port learns its own LID and the SM's LID. link_down() takes the link
-    // down. Both call the listener even if the state does not change, because a host must accept repeated events. Both
-    // fail if there is no such port.
+    // down. Both report an event to the listener even if the state does not change, because a host must accept repeated
+    // events. Both fail if there is no such port.
     [[nodiscard]] ats::result<> link_up(const std::string& host, const std::string& hca, int port);
     [[nodiscard]] ats::result<> link_down(const std::string& host, const std::string& hca, int port);
 
@@ -97,7 +97,7 @@ class subnet
     // Reports to every active port that its host must register again (IBA 14.2.5.6, ClientReregister of PortInfo).
     void request_registrations();
 
-    // Makes the SA lose the records of a GID, or all records. Returns their number.
+    // Makes the SA lose the records of a GID, or all records. Returns the number of lost records.
     size_t forget(const fabric::gid_bytes& gid);
     size_t forget_all();
 
@@ -109,8 +109,8 @@ class subnet
     std::vector<ib_service_record_v2_t> save_records() const;
     void restore_records(const std::vector<ib_service_record_v2_t>& records);
 
-    // Passes a request directly to the SA, and replaces it with the answer. Faults of the wire do not affect it. Faults
-    // of the SA do, except for delays. Returns false if the SA does not answer.
+    // Passes a request directly to the SA, and replaces it with the answer. Faults of the SA affect the request, except
+    // delays. Faults of the wire do not affect it. Returns false if the SA does not answer.
     bool ask_sa(fabric::mad_bytes& mad);
 
     // The fabric task, for a watchdog.
@@ -132,8 +132,8 @@ class subnet
     void set_tap(fabric::tap* tap);
 
     // Sets the observer, or removes it (null). The caller owns the observer. Before set_observer() returns, the new
-    // observer gets the LID of the SM, the state of all ports and all records of the SA. After that, the subnet does
-    // not call the previous observer any more.
+    // observer gets the LID of the SM, the state of all ports and all records of the SA. After set_observer() has
+    // returned, the subnet does not call the previous observer any more.
     void set_observer(embedded::observer* observer);
 
     std::vector<port_view> ports() const;                     // in the order of add_hca

@@ -77,8 +77,8 @@ class verbs_events final : public device_events
     }
 
   private:
-    // The task's loop. If no further event can come, the task does not end: it still makes a round for each wake-up,
-    // which shows a watchdog that the task does not hang.
+    // The task's loop. After the last event, the task still makes a round for each wake-up. So a watchdog sees that the
+    // task does not hang.
     void run()
     {
         pollfd descriptors[] = {{context_->async_fd, POLLIN, 0}, {wakeup_, POLLIN, 0}};

@@ -1,6 +1,6 @@
 // The asynchronous events of an HCA (IBA 11.6.3), through libibverbs. They report a change of a port at once. Without
-// them, port_watch finds the change later. libibverbs does not know every HCA that libibumad knows: it does not know
-// the HCAs of ibsim.
+// them, port_watch finds the change later. libibverbs does not know every HCA that libibumad knows. For example, it
+// does not know the HCAs of ibsim.
 #pragma once
 
 #include <functional>

@@ -21,8 +21,8 @@ class device
   public:
     enum class client { sa, self };
 
-    // The result of receive(). `returned`: the kernel returns a request that got no answer; perhaps only its first
-    // bytes. `gone`: the device cannot be used any more and must be closed.
+    // The result of receive(). `returned`: the kernel returns a request that got no answer, perhaps only the first
+    // bytes of the request. `gone`: the device cannot be used any more and must be closed.
     enum class arrival { nothing, datagram, returned, gone };
 
     // A datagram with libibumad's header in front. libibumad sends from this buffer and receives into it, so no copy is
@@ -65,7 +65,8 @@ class device
     // Receives one datagram if one is ready; does not wait. One thread at a time.
     arrival receive(packet& packet);
 
-    // Ends a wait(). If no thread waits now, ends the next wait(). Any thread.
+    // Ends a wait(). If no thread waits now, ends the next wait(). Has no effect under ibsim, so every wait() is short
+    // there. Any thread.
     void wake();
 
   private:

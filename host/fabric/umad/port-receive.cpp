@@ -16,7 +16,7 @@ constexpr uint64_t drain_ms = 20; // drain() ends when nothing has arrived for t
 constexpr int most_drained = 4096;
 
 // Returns false if an answer is incomplete. An answer with status 0 about ServiceRecords must contain a whole record.
-// It may end after the record: OpenSM under ibsim sends no more bytes. Any other answer must contain all headers.
+// It may end after the record: OpenSM under ibsim sends no further bytes. Any other answer must contain all headers.
 bool is_long_enough(const sa_mad_v2_t& answer, int length)
 {
     const bool has_record = from_wire(answer.hdr.u.ns.status.raw16) == 0 &&
@@ -85,7 +85,7 @@ bool port::poll()
 
 // Receives one datagram, if one is ready, and passes it on. While the port is busy, every may_complete() promises
 // another may_complete(). Therefore this function also calls may_complete() when the port stops being busy. Returns
-// true if the datagram came from the SA or was a request that the kernel has returned.
+// true if the datagram was an answer of the SA, or a request to the SA that the kernel has returned.
 bool port::receive_next()
 {
     const bool was_busy = is_busy_;

@@ -32,7 +32,7 @@ std::string text_of(port_condition condition, const fabric::port_attributes& att
 class port_watch
 {
   public:
-    // `interval` is the time from the end of one look to the next. All times are in ticks.
+    // `interval` is the time from the end of one look to the start of the next. All times are in ticks.
     port_watch(int port, uint64_t interval) : interval_(interval), query_(port) {}
 
     void set_interval(uint64_t interval) { interval_ = interval; }
@@ -56,7 +56,8 @@ class port_watch
     bool is_silent() const { return tries_ > (has_ever_answered_ ? most_tries : most_first_tries); }
     bool has_ever_answered() const { return has_ever_answered_; }
 
-    // Ends the present look. The next one starts after one interval. A silent port then gets as many tries as before.
+    // Ends the present look. The next one starts after one interval. A question to a silent port then gets all its
+    // tries again.
     void postpone(uint64_t now);
 
   private:
@@ -65,7 +66,7 @@ class port_watch
     static constexpr int most_tries = 20;
     static constexpr int most_first_tries = 3;
 
-    // One look of this many is whole, because P_Keys and GIDs can change without a change of PortInfo. The other looks
+    // One of this many looks is whole, because P_Keys and GIDs can change without a change of PortInfo. The other looks
     // are brief.
     static constexpr int whole_look_period = 10;
 

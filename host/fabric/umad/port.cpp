@@ -58,8 +58,8 @@ void port::start()
     task_ = &context_.exec.start(nullptr, name_, [this] { run(); });
 }
 
-// The calling task sends the first question itself, because the port's task may be asleep or wait for a datagram. The
-// port's task receives the answer.
+// The calling task sends the first question itself, because the port's task may be asleep or waiting for a datagram.
+// The port's task receives the answer.
 void port::look_now(bool must_register)
 {
     if (must_register) must_register_ = true;

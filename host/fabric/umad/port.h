@@ -117,7 +117,7 @@ class port
     transactions transactions_;
     mutable std::mutex attributes_mutex_;
     fabric::port_attributes attributes_; // guarded by attributes_mutex_
-    std::atomic<uint16_t> lid_{0};       // a copy of attributes_.lid, which needs no lock
+    std::atomic<uint16_t> lid_{0};       // a copy of attributes_.lid that is read without a lock
 
     struct {
         std::atomic<uint64_t> sent{0}, refused{0}, arrived{0}, timed_out{0}, too_short{0}, strays{0},

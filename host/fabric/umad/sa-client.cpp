@@ -56,8 +56,8 @@ class umad_sa_client final : public sa_client
     // or 0 if there is no answer.
     ats::result<size_t> receive(milliseconds limit);
 
-    // Does the same as receive(), but waits for the answer to `request`, at least until the deadline of the request.
-    // Ignores other answers.
+    // Does the same as receive(), but ignores answers to other requests. Returns 0 only after the deadline of
+    // `request`.
     ats::result<size_t> receive_answer(const sent_request& request);
 
     // Returns the first `length` bytes of the answer in the buffer, but at most one MAD.

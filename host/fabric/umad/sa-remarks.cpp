@@ -12,7 +12,7 @@ namespace umad
 namespace
 {
 
-constexpr size_t most_reported = 256; // number of lines; after that, none is returned, which limits the memory
+constexpr size_t most_reported = 256; // the largest number of lines that are returned; limits the memory
 
 constexpr uint64_t all_components = UINT64_MAX; // only the Sets of a host have this mask
 constexpr uint64_t address_components = uint64_t{0xFFFF} << SR_COMPONENT_SERVICE_DATA8;

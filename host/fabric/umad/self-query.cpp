@@ -178,7 +178,7 @@ void self_query::accept_p_keys(const uint8_t* block)
 {
     for (size_t i = 0; i < p_keys_in_block; ++i) attributes_.p_keys.push_back(number16(block + i * 2));
     if (++p_key_block_ < p_key_blocks_) return;
-    // Remove unused entries at the end. Keep unused entries before others, because an entry must keep its index.
+    // Remove unused entries at the end. Keep unused entries before used ones, because an entry must keep its index.
     while (!attributes_.p_keys.empty() && attributes_.p_keys.back() == 0) attributes_.p_keys.pop_back();
     question_ = question::none;
     known_port_info_ = port_info_;

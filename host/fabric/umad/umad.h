@@ -61,9 +61,9 @@ class real_fabric
     // as long as the fabric exists.
     virtual std::vector<fabric::hca*> hcas() const = 0;
 
-    // Sets the tap, or removes it (null). The tap sees every datagram that hca::send() sends, and every datagram that
-    // the listener of an HCA receives. The caller owns the tap. After set_tap() has returned, the fabric does not call
-    // the previous tap any more.
+    // Sets the tap, or removes it (null). The tap sees every datagram that hca::send() passes to libibumad, even if
+    // libibumad does not accept it. The tap also sees every datagram that arrives for the listener of an HCA. The
+    // caller owns the tap. After set_tap() has returned, the fabric does not call the previous tap any more.
     virtual void set_tap(fabric::tap* tap) = 0;
 
     virtual datagram_counts counts() const = 0;
