@@ -11,8 +11,8 @@ namespace console
 
 constexpr int trace_level_everything = ZR_FUNC;
 
-// Returns the level of a trace line ("ERROR   : ATS : ..."). Returns ZR_PANIC, the lowest level, for a line that does
-// not begin with a level. A filter never hides such a line.
+// Returns the level of a trace line ("ERROR   : ATS : ..."). Returns ZR_PANIC, the most severe level, for a line that
+// does not begin with a level. A filter never hides such a line.
 inline int trace_level_of(std::string_view line)
 {
     for (int level = ZR_PANIC; level <= ZR_FUNC; ++level) {

@@ -1,5 +1,5 @@
-// Implements the short kernel calls. Each passes its arguments to a part of the calling task's machine, for example to
-// its log or its memory. sync.cpp implements semaphores, locks and sleeps.
+// Implements the short kernel calls. Most of them pass their arguments to a part of the calling task's machine, for
+// example to its log or its memory. sync.cpp implements semaphores, locks and sleeps.
 
 #include <algorithm>
 #include <cstdarg>

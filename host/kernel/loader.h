@@ -35,6 +35,7 @@ class loader
     // - a module with that name is already loaded (exists),
     // - a limit of the process is reached (no_memory),
     // - the entry function fails (invalid for -EK_INVAL, otherwise failed).
+    //
     // The caller may be outside of the machine; the call enters the machine. May sleep.
     ats::result<> insmod(const std::string& path, const std::string& parameters = "");
 
@@ -42,8 +43,8 @@ class loader
     // module with that name is loaded (not_found). Fails if other modules hold references on it, or if its entry
     // function still runs (busy). As soon as the unloading has begun, no further handler of its /proc entries is
     // called. Panics if the exit function leaves behind a published name, a /proc entry, or something in a service of
-    // the machine, for example a timer. The caller may be outside of the machine; the call enters the machine. May
-    // sleep.
+    // the machine, for example a timer. insmod() panics in the same way after a failed entry function. The caller may
+    // be outside of the machine; the call enters the machine. May sleep.
     ats::result<> rmmod(const std::string& name);
 
     bool is_loaded(const std::string& name) const;

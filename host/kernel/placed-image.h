@@ -22,7 +22,7 @@ class placed_image
     //
     // Returns null if the file cannot be opened or cannot be placed (see read_image_template). Also returns null if the
     // environment variable ATS_DLOPEN_MODULES is set. The caller then lets the dynamic linker map an image. Debuggers
-    // and profilers see all of such an image.
+    // and profilers see the symbols of such an image, but not those of a placed image.
     static ats::result<std::unique_ptr<placed_image>> place(const std::string& path);
 
     // Runs the finalisers of the image and frees its slot.

@@ -1,5 +1,6 @@
 // The speed of an SA: its time for each kind of request, and the length of its queue. The time can grow with the number
-// of records. An embedded SA without these limits answers at once.
+// of records. An embedded SA without these limits answers at once, unless fault_switches::sa_service_ticks delays its
+// answers.
 #pragma once
 
 #include <cstddef>

@@ -19,7 +19,7 @@ namespace
 {
 
 // The time for which the kernel remembers a request. The kernel delivers an answer only during this time, so the time
-// is a little longer than any sender of a request waits.
+// is a little longer than senders wait for an answer by default.
 constexpr int answer_time_ms = 2500;
 constexpr int no_retries = 0; // senders repeat their requests themselves
 

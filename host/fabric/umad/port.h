@@ -72,7 +72,8 @@ class port
     // The port's task, for a watchdog. Call start() before.
     fabric::fabric_task watched_task();
 
-    // The attributes that the port has reported last. Any thread; does not wait for the port.
+    // The attributes that the port has reported last, but with the state `down` if the port is silent or the device is
+    // gone. Any thread; does not wait for the port.
     fabric::port_attributes read() const;
     datagram_counts counts() const;
 

@@ -22,8 +22,8 @@ class real_hca final : public fabric::hca
     const std::string& name() const override { return name_; }
     int port_count() const override { return static_cast<int>(ports_.size()); }
 
-    // Returns the attributes that the port has reported last. Does not ask the port now, and so does not wait. The
-    // port's task asks the port regularly, and reports every change to the listener.
+    // Returns the latest known attributes of the port (see port::read). Does not ask the port now, so does not wait.
+    // The port's task asks the port regularly, and reports every change to the listener.
     fabric::port_attributes read_port(int port) override;
     bool send(int port, const fabric::address& destination, const fabric::mad_bytes& mad) override;
     bool poll() override;

@@ -30,7 +30,7 @@ class self_query
     // Starts a new look of this kind. A brief look compares PortInfo with the one of the last whole look.
     void restart(look kind);
 
-    // Returns the next question without an answer. Each call uses a new TransactionID.
+    // Returns the first question of the look that has no answer yet. Each call uses a new TransactionID.
     fabric::mad_bytes next_question();
 
     // Processes an answer. If it does not answer the last question, or if it has an error status, ignores it and
@@ -52,7 +52,7 @@ class self_query
     void accept_p_keys(const uint8_t* block);
 
     const int port_;
-    question question_ = question::node_info; // the next question without an answer
+    question question_ = question::node_info; // the first question that has no answer yet
     uint16_t p_key_block_ = 0;
     uint16_t p_key_blocks_ = 1;
     uint32_t transaction_ = 0;
