@@ -17,7 +17,7 @@ CLI::Validator existing_folder();
 // Adds the option --modules. `folder` holds the default and receives the value; it must outlive `command`.
 void add_module_folder_option(CLI::App& command, std::string& folder);
 
-// Returns two lines about `error`, which `program` threw while it parsed a command line. The first line explains the
+// Returns two lines about an error that `program` threw while parsing a command line. The first line explains the
 // error. The second line tells the user which --help to read.
 std::string complaint_about(const CLI::App& program, const CLI::ParseError& error);
 

@@ -101,9 +101,9 @@ inline void preemption_point()
 // Real threads and real time. The ticks start at 0 when the executor is created.
 std::unique_ptr<executor> make_threaded_executor();
 
-// The simulation throws this in a thread from outside. Either this thread waits for a task that can never end, or the
-// task has not ended within simulation_options::patience_ticks, or this thread calls relax() and no task can run.
-// what() names every parked or spinning task, and the reason why a parked task waits. This is an exception, not an
+// The simulation throws this in a thread from outside, in three cases: the thread waits for a task that can never end;
+// the thread has waited for a task for simulation_options::patience_ticks; or the thread calls relax() and no task can
+// run. what() names every parked or spinning task, and the reason why a parked task waits. This is an exception, not an
 // ats::result, because the waiting calls of the kernel cannot return an error.
 //
 // If enter() throws this exception, the task that ran `body` never continues, because `body` uses variables of the

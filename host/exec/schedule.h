@@ -140,7 +140,7 @@ class systematic_schedule final : public schedule
 
     const int max_deviations_;
     bool is_exploring_ = false;
-    std::vector<decision> decisions_; // this run has made the first `position_` of them, and must make the others
+    std::vector<decision> decisions_; // this run has made the first `position_` of them, and must make the rest
     size_t position_ = 0;             // number of choices made in this run
     int deviations_ = 0;              // number of deviations in this run
     uint64_t tried_orders_ = 1;

@@ -1,7 +1,7 @@
 // Writes every datagram that a host sends or receives to a capture file for Wireshark and tshark. The file is a pcap
 // file of link type 197 (ERF). Each record has ERF type 21, and contains an InfiniBand packet with the datagram. The
-// capture does not know some fields of the packet header: it writes the default P_Key for any P_Key index, and uses the
-// number of the packet in the file, from 0, as the packet sequence number.
+// capture does not know some fields of the packet header: it writes the default P_Key for any P_Key index. The packet
+// sequence number is the number of the packet in the file, from 0.
 #pragma once
 
 #include <cstdint>

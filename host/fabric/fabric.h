@@ -76,8 +76,8 @@ class listener
     virtual void mad_arrived(int port, const address& source, const mad_bytes& mad) = 0;
 
     // In this call, the listener can complete the work that earlier mad_arrived() calls have queued. If `again` is
-    // true, another may_complete() follows within a few ticks, even if nothing arrives; the listener may then leave the
-    // work for that call. The embedded fabric never calls may_complete().
+    // true, another may_complete() follows within a few ticks, even if nothing arrives. The listener may then leave the
+    // work for the next call. The embedded fabric never calls may_complete().
     virtual void may_complete(bool /*again*/) {}
 
     // `port` has changed. `new_sm_lid` is valid only for sm_change. read_port() already returns the new attributes.

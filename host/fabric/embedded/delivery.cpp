@@ -169,8 +169,8 @@ void subnet::deliver(datagram& datagram, lock_guard& lock)
     dispatch(datagram, service_end_tick(exec_.now()));
 }
 
-// Returns true if the SA must not serve the request now. Then either the request waits for the end of its service time,
-// or the function has dropped it because the queue of the SA is full.
+// Returns true if the SA must not serve the request now. Then the request waits for the end of its service time. If the
+// queue of the SA is full, the request has been dropped instead.
 bool subnet::keep_waiting_for_sa(datagram& datagram)
 {
     if (!sa_queue_ || datagram.is_admitted || faults.sa_silent) return false;

@@ -1,5 +1,5 @@
-// The functions of `port` that update its state, from the port's answers or from files in /sys, and that find out
-// whether the SA is silent.
+// The functions of `port` that update its state and that find out if the SA is silent. The state comes from the port's
+// answers or from files in /sys.
 #include "host/fabric/umad/port-files.h"
 #include "host/fabric/umad/port.h"
 

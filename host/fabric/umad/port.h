@@ -1,6 +1,6 @@
-// One real port. It sends and receives MADs, and watches its own state. Each port has a task, which receives, regularly
-// asks the port for its attributes, and reports datagrams and changes to the HCA's listener. While answers keep coming,
-// another task that waits for them may receive instead (fabric::hca::poll).
+// One real port. It sends and receives MADs, and watches its own state. Each port has a task. The task receives,
+// regularly asks the port for its attributes, and reports datagrams and changes to the HCA's listener. While answers
+// keep coming, another task that waits for them may receive instead (fabric::hca::poll).
 //
 // This diagram shows which task receives:
 //

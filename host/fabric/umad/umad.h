@@ -45,7 +45,7 @@ struct datagram_counts {
     uint64_t refused = 0; // datagrams that libibumad did not accept
     uint64_t arrived = 0;
     uint64_t timed_out = 0;         // requests that the kernel returned without an answer
-    uint64_t too_short = 0;         // answers that ended before their record; they were ignored
+    uint64_t too_short = 0;         // answers that ended too early; they were ignored
     uint64_t strays = 0;            // datagrams that answered no request in flight; they were ignored
     uint64_t deletes_completed = 0; // Deletes into which the fabric wrote a P_Key (see delete_p_key)
 };
