@@ -94,7 +94,8 @@ ats::result<std::string> control_line(const std::vector<std::string>& words)
     if (argument_count != command->argument_count) {
         const std::string arguments = command->argument_count == 0 ? "alone" : command->arguments;
         return ats::fail(error_kind::invalid, std::string("write ") + command->name + " " + arguments + ", not " +
-                                                  std::to_string(argument_count) + " arguments");
+                                                  std::to_string(argument_count) +
+                                                  (argument_count == 1 ? " argument" : " arguments"));
     }
     std::string line;
     for (const std::string& word : parts) {

@@ -80,7 +80,7 @@ TEST(bad_input, clients_refuse_wrong_arguments_and_the_service_continues)
         {{"control"}, 2, "COMMAND is empty"},
         {{"control", "set_hostname x"}, 2, "no control command 'set_hostname'; did you mean 'set_host_name'?"},
         {{"control", "rarp"}, 2, "write rarp GID, not 0 arguments"},
-        {{"control", "show_local", "x"}, 2, "write show_local alone, not 1 arguments"},
+        {{"control", "show_local", "x"}, 2, "write show_local alone, not 1 argument"},
         {{"control", "set_host_name", std::string(41, 'n')}, 2, "a word has at most 40 bytes"},
         {{"conrol", "x"}, 2, "unknown command 'conrol'; did you mean 'control'?"},
         {{overlong}, 2, "unknown command 'aaa"},
