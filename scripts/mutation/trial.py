@@ -88,8 +88,6 @@ class Bench:
     def __init__(self, root, build, folder, folders, steps, is_fast=True):
         """If `is_fast` is false, mutants are compiled with the options of the tree. A tree with a sanitizer needs this."""
         self.root, self.build, self.folder, self.folders, self.steps, self.is_fast = root, build, folder, folders, steps, is_fast
-        commands = json.loads((build / "compile_commands.json").read_text())
-        self.commands = {each["file"]: shlex.split(each["command"]) for each in commands if "faulty-ats" not in each["command"]}
         self.limits = {}
         self.linked = set()
         shutil.rmtree(folder, ignore_errors=True)
@@ -98,12 +96,20 @@ class Bench:
             (folder / "modules" / module.name).symlink_to(module)
         self.headers = {}
         self.links = {target: self.link_command(target) for target in self.targets()}
+        self.commands = self.compile_commands()
 
     def targets(self):
         """Returns the modules or programs that contain the part's code and must be linked again for each mutant."""
         modules = {"ib-code/ats": "ats", "host/peers/ibat": "ibat", "host/peers/ucm": "ucm"}
         named = [f"modules/{modules[folder]}.so" for folder in self.folders if folder in modules]
         return named or sorted({step.program for step in self.steps})
+
+    def compile_commands(self):
+        """Returns {file: words of the command}. A file may be compiled for other products, too, so takes the object that is linked here."""
+        linked = {word for words in self.links.values() for word in words}
+        commands = json.loads((self.build / "compile_commands.json").read_text())
+        return {each["file"]: words for each in commands
+                if (words := shlex.split(each["command"]))[words.index("-o") + 1] in linked}
 
     def link_command(self, target):
         output = subprocess.run(["ninja", "-t", "commands", target], cwd=self.build, capture_output=True, text=True, check=True).stdout
