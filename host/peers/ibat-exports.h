@@ -16,7 +16,8 @@
 // ibat_stat_not_found: a recent answer says that the SA has no record of the address.
 // ibat_stat_pending: exactly one callback follows, unless the request is cancelled first. The callback may come before
 // this call returns.
-// ibat_stat_error: no resolver is attached, memory ran out, the address is zero, or a pointer is null.
+// ibat_stat_error: no resolver is attached, memory ran out, the address is zero, or a pointer other than
+// `user_context` is null.
 //
 // The callback runs without a lock, in a task that may sleep. It may call every function of this file, but must not
 // cancel itself with ibat_cancel_fn. The status in the callback is ibat_stat_ok, ibat_stat_not_found, ibat_stat_timeout

@@ -21,7 +21,8 @@ constexpr auto ibat_stat_refused = static_cast<ibat_stat_t>(-259); // the SA ref
 // ibat_stat_pending: exactly one callback follows, unless the request is cancelled first. The callback may come before
 // this call returns.
 // ibat_stat_no_port: there is no active port.
-// ibat_stat_error: memory ran out, GSI or verbs refused to serve IBAT, the GID is zero, or a pointer is null.
+// ibat_stat_error: memory ran out, GSI or verbs refused to serve IBAT, the GID is zero, or a pointer other than
+// `user_context` is null.
 //
 // The callback runs without a lock, in a task that may sleep. It may call every function of this file, but must not
 // cancel itself with ibat_cancel_path_fn. The status in the callback is ibat_stat_ok, ibat_stat_no_path,
@@ -52,7 +53,7 @@ struct ibat_path_counters_t {
     uint64_t answers;  // answers with a path
     uint64_t absences; // answers with the status that there is no such path
     uint64_t errors;   // answers with another error, including "busy", and answers without a usable path
-    uint64_t strays;   // answers to no pending attempt: late ones and duplicates
+    uint64_t strays;   // answers to no waiting attempt (late, duplicate), or of another kind than requested
     uint64_t timeouts; // requests given up after the last attempt; counted once for all callers
     uint64_t drops;    // paths dropped by an event, a flush, a forget, or when an address moved to another GID
     uint64_t entries;  // paths in the cache now

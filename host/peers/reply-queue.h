@@ -3,7 +3,7 @@
 // handler of a timer, which may sleep, makes the callbacks one after another.
 //
 // An asker is in one place at a time: in the list of its request, in this queue, or in its running callback. Therefore
-// each asker gets exactly one callback.
+// no asker gets two callbacks. An asker that is withdrawn gets none.
 #pragma once
 
 #include <cassert>

@@ -10,7 +10,7 @@
 // ibat_stat_pending: exactly one callback follows, unless the request is cancelled first. The callback may come before
 // this call returns.
 // Any other status: the request failed and no callback follows. ibat_stat_error also means that no provider is
-// attached, that memory ran out, or that an argument is null.
+// attached, that memory ran out, or that `gid`, `arp_data` or `user_cb` is null.
 //
 // The callback runs without a lock, in a task that may sleep. It may call every function of this file, but must not
 // cancel itself with ucm_cancel_fn. The callback gets the provider's status, or ibat_stat_error if the provider has

@@ -25,7 +25,7 @@ inline bool is_held(const spinlock_t& lock)
 }
 
 // Sleeps until `condition()` is true. Signals do not end the sleep. Calls `condition()` with `lock` held: first at
-// once, then after every wake-up of `queue`. The caller does not hold `lock`. May sleep.
+// once, then after every wake-up of `queue`, and at least once a minute. The caller does not hold `lock`. May sleep.
 template <class condition_t>
 void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t condition)
 {
@@ -33,7 +33,7 @@ void wait_until(wait_queue_head_t* queue, spinlock_t* lock, condition_t conditio
         spin_guard guard(lock);
         return condition();
     };
-    constexpr unsigned long sleep_ticks = 60 * HZ; // of one sleep; then the condition is checked again
+    constexpr unsigned long sleep_ticks = 60 * HZ; // longest time between two checks of the condition
     wait_queue_t sleeper;
     prepare_to_wait(queue, &sleeper);
     while (!holds()) {

@@ -265,8 +265,8 @@ gsi_class_t* gsi_adapter::find(int port, uint8_t mgt_class, uint8_t number) cons
 
 // Appends a datagram to the queue, and wakes the adapter's task to complete it. No wake-up is needed in two cases. A
 // task already runs the completion context: it takes the queue once more before it leaves. Or the fabric has announced
-// another may_complete(), and `may_be_deferred` allows to wait for this call. The caller holds the lock. This function
-// releases it.
+// another may_complete(), and `may_be_deferred` is true: the datagram may wait for this call. The caller holds the
+// lock. This function releases the lock.
 void gsi_adapter::queue(datagram_record& record, std::unique_lock<exec::brief_lock>& lock, bool may_be_deferred)
 {
     assert(lock.owns_lock());

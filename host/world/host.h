@@ -59,7 +59,7 @@ class host
     ats::result<> load();
 
     // Unloads all loaded modules, the latest first. At the first error, returns the error of loader::rmmod; the other
-    // modules stay loaded. The caller is as for load().
+    // modules stay loaded. The caller is a thread outside of all machines, or a task that may sleep.
     ats::result<> unload();
 
   private:

@@ -64,9 +64,9 @@ inline constexpr uint64_t no_path_timeout = UINT64_MAX;
 path_resolution resolve_path(kernel::machine& machine, const path_destination& destination,
                              lookup_mode mode = lookup_mode::usual, uint64_t timeout_ticks = no_path_timeout);
 
-// Returns the answer if IBAT's caches of addresses and of paths have it: a path, or that the SA has no record of the
-// address. Otherwise returns nothing. Each hit in one of the caches counts as a lookup. The caller is a thread outside
-// of all machines, or a task of this machine that may sleep.
+// Returns the answer if IBAT's caches of addresses and of paths have it. The answer is a path, or not_found if the SA
+// has no record of the address. Otherwise returns nothing. Each hit in one of the caches counts as a lookup. The caller
+// is a thread outside of all machines, or a task of this machine that may sleep.
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
 // Finds a path like resolve_path(), but does not wait for the answer. `done` is called exactly once: before the return,

@@ -8,7 +8,7 @@
 namespace world
 {
 
-// In these comments, a control character is also a line separator or a mark that changes the writing direction.
+// In these comments, line separators and marks that change the writing direction are control characters, too.
 
 // Returns true if the text is valid UTF-8 without control characters.
 bool is_printable(std::string_view text);

@@ -52,7 +52,8 @@ class cache
 
     // Stores the own mapping: the host itself has `address`, and its port has `gid`. If there is an earlier own mapping
     // with another address, it is replaced. The earlier mapping is dropped if it has the same port or GID, because the
-    // address of this port has changed. Otherwise it becomes a learned entry. Returns false if there is no memory.
+    // address of this port has changed. Otherwise it becomes a learned entry. Returns false if there is no memory; the
+    // cache then has no own mapping.
     bool learn_own(uint32_t address, const kq_gid_t& gid, uint32_t local_port_num);
 
     // Call it when a port no longer has an address. Drops the own mapping if it has this port or this GID.

@@ -54,8 +54,9 @@ uint32_t port_of(const ibat_arp_data_t& arp_data)
     return arp_data.mask & IBAT_MASK_LOCAL_PORT_NUM ? arp_data.local_port_num : 0;
 }
 
-// Passes an answer to both resolvers. The path resolver gets the port on which it arrived. If the address now belongs
-// to another GID, the host with the earlier GID may be gone. Therefore this function drops the path to the earlier GID.
+// Passes an answer to the resolver of addresses, and the port on which the answer arrived to the path resolver. If the
+// address now belongs to another GID, the host with the earlier GID may be gone. Therefore this function drops the path
+// to the earlier GID.
 ibat_stat_t process_arp_data(ibat_arp_data_t* arp_data)
 {
     if (!paths.is_open()) {

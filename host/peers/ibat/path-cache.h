@@ -45,8 +45,8 @@ class path_cache
         return path && jiffies - path->answered_tick < lifetime_ticks_ ? path : nullptr;
     }
 
-    // Stores a path in place of an earlier one to the same GID. If there is no memory, the new path also takes the
-    // place of the oldest path; if there is no other path, nothing is stored.
+    // Stores a path. Drops an earlier path to the same GID. If the cache is full or there is no memory, also drops the
+    // oldest path and uses its memory. If there is no memory and no other path, stores nothing.
     void store(const kq_gid_t& gid, const ib_path_record_v2_t& path, uint32_t port_number)
     {
         forget(gid);

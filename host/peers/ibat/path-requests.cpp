@@ -122,8 +122,8 @@ void path_resolver::invalidate_attempt(path_request* request)
 }
 
 // Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
-// last attempt and no attempt could be sent, ends the request. If the source port may have changed since the begin of
-// the attempt, in `generation`, the next attempt is due at once. The caller holds the lock.
+// last attempt and no attempt could be sent, ends the request. `generation` is generation_ at the beginning of the
+// attempt. If generation_ has changed since then, the next attempt is due at once. The caller holds the lock.
 void path_resolver::await_answer(path_request* request, uint64_t generation)
 {
     if (!request->was_sent && request->attempts >= limits_.attempts) {
@@ -188,7 +188,7 @@ void path_resolver::take_answer(const sa_mad_v2_t& mad)
     }
     ++counters_.errors;
     if (status == 0 || is_temporary(status))
-        invalidate_attempt(request); // the next attempt follows at the deadline
+        invalidate_attempt(request); // next_due() handles the request at its deadline
     else
         give_up(request, ibat_stat_refused);
 }

@@ -70,7 +70,7 @@ class path_resolver
   private:
     struct attempt {
         source_port source;
-        uint64_t generation; // at the begin of the attempt
+        uint64_t generation; // generation_ at the beginning of the attempt
         uint32_t serial;
         bool is_retry;
     };

@@ -90,8 +90,8 @@ void resolver::retry_due()
 }
 
 // Looks for a request whose deadline has come and that has an attempt left. If there is one, stores its next attempt in
-// `*order` and returns true. The caller then sends it. Requests whose deadline has come without an attempt left are
-// ended.
+// `*order` and returns true. The caller then sends this attempt. Ends requests whose deadline has come and that have no
+// attempt left.
 bool resolver::next_due(send_order* order)
 {
     spin_guard guard(&lock_);
@@ -121,7 +121,8 @@ ibat_stat_t resolver::take_reply(const ibat_arp_data_t& reply)
         ++counters_.ignored;
         return ibat_stat_error;
     }
-    // If the SA has no record, its answer repeats the fields of the request. A request for an address has no GID.
+    // If the SA has no record, its answer repeats the fields of the request. The request had no GID, so that the
+    // GID of the answer is zero.
     if (reply.gid == kq_gid_t{}) {
         take_negative(reply.src_ip);
     } else {
