@@ -140,7 +140,7 @@ void hca_events::port_changed(int port, port_change change, uint16_t new_sm_lid)
 
 // Queues a change of the fabric for one subscriber. A host registers again after a link-down and a link-up. Therefore
 // the change `reregister` becomes these two events. With a spread (see link_up_spread), both events wait until the same
-// random tick. Until that tick the host keeps its port; an SM change tells the host the new LID of the SM at once. Each
+// random tick. Until that tick the host keeps its port. An SM change tells the host the new LID of the SM at once. Each
 // link change replaces the link changes of the port that still wait for their tick.
 void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, uint16_t sm_lid)
 {
@@ -157,7 +157,7 @@ void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, u
     queue({handle, port, port_change::link_up, sm_lid, change, false, due_tick});
 }
 
-// Draws the tick at which a link-up of this moment is delivered. Returns 0 (at once) without a spread.
+// Draws the tick before which a link-up of this moment is not delivered. Returns 0 (at once) without a spread.
 uint64_t hca_events::link_up_tick()
 {
     const uint64_t spread_ticks = spread_.ticks;

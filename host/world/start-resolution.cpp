@@ -15,7 +15,7 @@ namespace
 {
 
 // Fills the reason of an answer. If the status is an error and `from_cache` is true, the request has failed at once and
-// was not sent. If `from_cache` is false, the SA has refused the request.
+// was not sent. If `from_cache` is false, the error has come through the callback; the reason then says sa_refusal.
 void explain(resolution& answer)
 {
     answer.reason = reason_of(answer, answer.from_cache ? not_sent : sa_refusal);
