@@ -4,6 +4,7 @@
 
 #include "host/exec/schedule.h"
 #include "host/fabric/embedded/subnet.h"
+#include "host/peers/ibat-exports.h"
 #include "host/peers/ibat-path-exports.h"
 #include "host/world/host.h"
 #include "host/world/module-folder.h"
@@ -92,15 +93,25 @@ TEST_F(paths, are_asked_for_once_and_cached_until_they_expire)
         world::start_path_resolution(asker.machine(), gid, lookup_mode::usual, [&](const path_resolution& answer) {
             found += answer.status == path_status::found;
         });
-    pass(20);
+    pass(2);
+    EXPECT_EQ(counters().pending, 1u);
+    pass(18);
     EXPECT_EQ(found, 20);
     EXPECT_EQ(counters().requests, 1u) << "all questions share one request";
+    EXPECT_EQ(counters().pending, 0u);
+    EXPECT_EQ(counters().entries, 1u);
 
     expect_right(find(gid), 1, true);
     expect_right(find(address), 1, false); // the path is in the cache, but the address is not
     expect_right(find(address), 1, true);
     expect_right(find(gid, lookup_mode::sa_only), 1, false);
     EXPECT_EQ(counters().requests, 2u);
+    asker.machine().enter("test", [&] {
+        const world::published<ibat_forget_fn_t> forget(asker.machine(), "ibat_forget_fn");
+        for (int i = 0; i < 2; ++i) (*forget)(0, &gid);
+    });
+    EXPECT_EQ(counters().drops, 1u);
+    expect_right(find(gid), 1, false);
     pass(301'000);
     EXPECT_EQ(find(gid, lookup_mode::cache_only).status, path_status::not_cached);
     EXPECT_TRUE(asker.unload());
@@ -181,8 +192,10 @@ TEST_F(paths, are_dropped_when_an_event_makes_them_invalid)
     pass(10);
     expect_right(find(address), 1, true);
 
+    const uint64_t drops = counters().drops;
     EXPECT_TRUE(subnet.set_sm(900, 0));
     pass(10);
+    EXPECT_EQ(counters().drops, drops + 1);
     expect_right(find(address), 1, false);
 
     // A request is in flight when its port goes down. IBAT repeats it at once through the other port.

@@ -199,11 +199,15 @@ TEST(ibat_cache, unusable_replies_change_nothing)
 
 TEST(ibat_module, parameters_out_of_range_are_refused_with_the_range)
 {
-    for (const char* wrong : {"ibat_lifetime_seconds=0", "ibat_negative_seconds=-1", "ibat_retry_ticks=0",
-                              "ibat_retries=0", "ibat_capacity=0"}) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"ibat_lifetime_seconds=0", "choose 1 to 31536000"}, {"ibat_negative_seconds=-1", "choose 0 to 3600"},
+        {"ibat_retry_ticks=0", "choose 1 to 3600000"},       {"ibat_retries=0", "choose 1 to 1000"},
+        {"ibat_capacity=0", "choose 1 to 16777216"},         {"ibat_path_seconds=86401", "choose 1 to 86400"},
+    };
+    for (const auto& [wrong, range] : cases) {
         ibat_world world(wrong);
         EXPECT_FALSE(world.loaded) << wrong;
-        EXPECT_THAT(world.host.log.raw(), testing::HasSubstr("out of range"));
+        EXPECT_EQ(world.host.log.raw(), "ibat: " + wrong + " is out of range, " + range + "\n");
         EXPECT_EQ(world.host.memory.blocks(), 0u);
     }
 }

@@ -144,8 +144,15 @@ TEST(ucm, result_and_callback_of_the_provider_end_a_request_once_in_every_order)
         if (each.reply != none) {
             EXPECT_EQ(caller.replies[0].record.dst_ip, each.reply == ibat_stat_timeout ? 0 : ip_a);
         }
-        EXPECT_EQ(world.counters().swallowed, each.swallowed_count);
-        EXPECT_EQ(world.counters().pending, 0u);
+        const ucm_counters_t counters = world.counters();
+        EXPECT_EQ(counters.swallowed, each.swallowed_count);
+        EXPECT_EQ(counters.requests, 1u);
+        EXPECT_EQ(counters.pending, 0u);
+        EXPECT_EQ(counters.answered_at_once, each.status == ibat_stat_ok);
+        EXPECT_EQ(counters.failed_at_once, each.status == ibat_stat_error || each.status == ibat_stat_not_found);
+        EXPECT_EQ(counters.answers, each.reply == ibat_stat_ok);
+        EXPECT_EQ(counters.not_found, each.reply == ibat_stat_not_found);
+        EXPECT_EQ(counters.timeouts, each.reply == ibat_stat_timeout);
         EXPECT_EQ(world.host.memory.blocks(), 1u); // the table of requests; every request is freed
     }
 }
@@ -183,7 +190,7 @@ TEST(ucm, detach_waits_for_a_running_call_and_ends_every_pending_request_once)
 
 TEST(ucm, callback_may_ask_again_and_a_cancelled_asker_gets_no_callback)
 {
-    asker first, second, leaves;
+    asker first, second, leaves, slow;
     ucm_world world;
     first.action = [&] {
         const kq_gid_t gid = gid_of(2);
@@ -199,6 +206,13 @@ TEST(ucm, callback_may_ask_again_and_a_cancelled_asker_gets_no_callback)
     });
     world.make_callback(2, ibat_stat_ok);
     EXPECT_THAT(leaves.replies, IsEmpty());
+    slow.action = [] { schedule_timeout_uninterruptible(200); };
+    world.ask(4, slow);
+    world.make_callback(3, ibat_stat_ok);
+    world.run([&] {
+        EXPECT_EQ(world.cancel(asker::reply_callback, &slow), 0);
+        EXPECT_EQ(get_jiffies(), 200u) << "it waits for a running callback";
+    });
     EXPECT_TRUE(world.unload());
     EXPECT_EQ(second.replies.size(), 1u);
     EXPECT_EQ(world.host.memory.blocks(), 0u);
