@@ -14,19 +14,13 @@ namespace world
 namespace
 {
 
-// Fills the reason of an answer. If the status is an error and `from_cache` is true, the request has failed at once and
-// was not sent. If `from_cache` is false, the error has come through the callback; the reason then says sa_refusal.
-void explain(resolution& answer)
-{
-    answer.reason = reason_of(answer, answer.from_cache ? not_sent : sa_refusal);
-}
-
 // One call of start_resolution() or start_fresh_resolution(). The object exists until `done` has been called. It holds
 // a reference on the module that answers, IBAT or UCM, so the module stays loaded.
 template <class function_t>
 struct question {
-    question(kernel::machine& machine, const char* function, resolution_callback done)
-        : call(machine, function), done(std::move(done))
+    // `callback_error` is the reason if the callback gets ibat_stat_error.
+    question(kernel::machine& machine, const char* function, const char* callback_error, resolution_callback done)
+        : call(machine, function), callback_error(callback_error), done(std::move(done))
     {
     }
 
@@ -40,7 +34,7 @@ struct question {
             answer.gid = record.gid;
         }
         answer.duration_nanoseconds = nanoseconds_since(start_time);
-        explain(answer);
+        answer.reason = reason_of(answer, from_cache ? not_sent : callback_error);
         done(answer);
     }
 
@@ -51,6 +45,7 @@ struct question {
     }
 
     const published<function_t> call;
+    const char* const callback_error;
     const resolution_callback done;
     resolution answer; // contains the address or GID from the beginning, and the rest from finish() on
     const steady_clock::time_point start_time = steady_clock::now();
@@ -93,7 +88,7 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
     answer.ip = record.dst_ip;
     answer.gid = record.gid;
     answer.duration_nanoseconds = nanoseconds_since(start_time);
-    explain(answer);
+    answer.reason = reason_of(answer, not_sent);
     return answer;
 }
 
@@ -102,7 +97,7 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
 void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
 {
     using question_t = question<ibat_get_ib_data_fn_t>;
-    auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", std::move(done));
+    auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", not_sent, std::move(done));
     query->answer.ip = ip;
     ask_module(machine, std::move(query), "ibat", [&](question_t& query, ibat_arp_data_t* record) {
         return (*query.call)(ip, record, question_t::take_reply, &query);
@@ -112,7 +107,7 @@ void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback
 void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
 {
     using question_t = question<ibat_refresh_fn_t>;
-    auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", std::move(done));
+    auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", not_sent, std::move(done));
     query->answer.ip = ip;
     ask_module(machine, std::move(query), "ibat",
                [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::take_reply, &query); });
@@ -121,7 +116,7 @@ void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_ca
 void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
 {
     using question_t = question<ucm_get_ip_fn_t>;
-    auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", std::move(done));
+    auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", sa_refusal, std::move(done));
     query->answer.gid = gid;
     ask_module(machine, std::move(query), "ucm", [&](question_t& query, ibat_arp_data_t* record) {
         return (*query.call)(&gid, record, question_t::take_reply, &query);

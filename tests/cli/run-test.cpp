@@ -266,9 +266,11 @@ void running_service::fail_over()
     EXPECT_EQ(ats->ask({"link", "down", "--host", "node2", "--hca", "mthca0", "--port", "2"}).exit_code, 0);
     EXPECT_TRUE(eventually([&] { return host_status("node2")["hcas"].at(0)["active_port"].is_null(); }));
     EXPECT_THAT(ats->ask({"status", "--host", "node2"}).out, HasSubstr("no active port"));
-    const program_result cut_off = ats->ask({"reverse", "0x98", "--host", "node2"});
-    EXPECT_EQ(cut_off.exit_code, 1);
-    EXPECT_THAT(cut_off.out, HasSubstr("failed: the request could not be sent"));
+    for (const auto& [command, subject] : {std::pair{"reverse", "0x98"}, {"resolve", "10.0.0.98"}}) {
+        const program_result cut_off = ats->ask({command, subject, "--host", "node2"});
+        EXPECT_EQ(cut_off.exit_code, 1);
+        EXPECT_THAT(cut_off.out, HasSubstr("failed: the request could not be sent")) << command;
+    }
     expect_unconfirmed({"set-name", "node2", "--host", "node2"}, "no port is active");
     EXPECT_THAT(ats->ask({"status", "--host", "node2"}).out, HasSubstr("NOT registered: no port is active"));
     EXPECT_EQ(ats->ask({"link", "up", "--host", "node2"}).exit_code, 0);
