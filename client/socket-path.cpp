@@ -28,6 +28,15 @@ bool exists(const std::string& path)
     return access(path.c_str(), F_OK) == 0;
 }
 
+// Returns true if the file is a socket of this user. Every user may put a file of any name into /tmp, to keep others
+// from their service.
+bool is_own_socket(const std::string& path)
+{
+    struct stat status {
+    };
+    return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) && status.st_uid == geteuid();
+}
+
 std::string folder_of(const std::string& path)
 {
     const size_t slash = path.rfind('/');
@@ -63,9 +72,9 @@ std::string own_socket_path()
 
 std::string default_socket_path()
 {
-    const std::string own = own_socket_path();
-    if (variable("ATS_SOCKET") || exists(own)) return own;
-    if (exists(socket_in_tmp())) return socket_in_tmp();
+    const std::string own = own_socket_path(), in_tmp = socket_in_tmp();
+    if (variable("ATS_SOCKET") || (own != in_tmp && exists(own))) return own;
+    if (is_own_socket(in_tmp)) return in_tmp;
     return exists(socket_of_machine) ? socket_of_machine : own;
 }
 

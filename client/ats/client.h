@@ -189,7 +189,8 @@ const char* ats_last_error(void);
 /* Stores the path of the default socket in `path`, cut to `size` bytes including the final NUL. It is $ATS_SOCKET if
  * this variable is set. Otherwise it is the first of these that exists: for root, /run/ats.sock and /tmp/ats-0.sock;
  * for other users, ats.sock in $XDG_RUNTIME_DIR, /tmp/ats-UID.sock and /run/ats.sock. If none exists, it is the first
- * of them; without $XDG_RUNTIME_DIR, that is /tmp/ats-UID.sock. Returns the length of the whole path. */
+ * of them; without $XDG_RUNTIME_DIR, that is /tmp/ats-UID.sock. A file in /tmp counts only if it is a socket of this
+ * user. Returns the length of the whole path. */
 size_t ats_default_socket(char* path, size_t size);
 
 /* Returns the version of the library, for example "1.21". */

@@ -1,8 +1,10 @@
 #include <arpa/inet.h>
 #include <chrono>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <poll.h>
+#include <unistd.h>
 #include <vector>
 
 #include "client/ats/client.h"
@@ -230,6 +232,21 @@ TEST(client, refuses_wrong_arguments)
     ats_client_t* none = nullptr;
     EXPECT_EQ(ats_open(&none, std::string(200, 'x').c_str()), ATS_INVALID);
     EXPECT_EQ(none, nullptr);
+}
+
+// Every user may put a file into /tmp. Such a file must not keep others from the service of the machine.
+TEST(client, ignores_a_file_in_tmp_that_is_no_socket_of_its_user)
+{
+    const std::string file = "/tmp/ats-" + std::to_string(geteuid()) + ".sock";
+    const int descriptor = open(file.c_str(), O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor < 0) GTEST_SKIP() << file << " exists";
+    unsetenv("ATS_SOCKET");
+    setenv("XDG_RUNTIME_DIR", "/nowhere", 1);
+    char path[100];
+    ats_default_socket(path, sizeof path);
+    EXPECT_STRNE(path, file.c_str());
+    close(descriptor);
+    unlink(file.c_str());
 }
 
 } // namespace
