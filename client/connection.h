@@ -61,7 +61,8 @@ class connection
     bool has_endless_line() const { return input_.size() - read_bytes_ > longest_line; }
 
   private:
-    static constexpr size_t longest_line = size_t{16} << 20; // bytes
+    // Bytes of the longest line, for example the status of 1000 hosts whose caches have the addresses of all others.
+    static constexpr size_t longest_line = size_t{512} << 20;
 
     void limit_receiving(std::chrono::microseconds time);
     outcome receive(int flags);
