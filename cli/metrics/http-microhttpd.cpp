@@ -13,8 +13,9 @@ namespace metrics
 namespace
 {
 
-// The maximum number of connections. A connection that is idle for idle_limit_seconds is closed.
-constexpr unsigned most_connections = 16;
+// The maximum number of connections. Each has a buffer of 32 KiB. A connection that is idle for idle_limit_seconds is
+// closed. A client that sends a byte now and then keeps its connection, so there is room for many such clients.
+constexpr unsigned most_connections = 256;
 constexpr unsigned idle_limit_seconds = 10;
 
 MHD_Result answer(MHD_Connection* connection, unsigned status, const char* content_type, std::string text)
@@ -66,10 +67,11 @@ ats::result<> http::open(const std::string& address, std::function<std::string()
     auto server = std::make_unique<state>();
     server->text = std::move(text);
     errno = 0;
+    // The library's default is select(), which cannot watch more than 1024 descriptors of this process.
     server->daemon =
-        MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD, ntohs(place->sin_port), nullptr, nullptr, answer_request,
-                         &server->text, MHD_OPTION_SOCK_ADDR, &*place, MHD_OPTION_CONNECTION_LIMIT, most_connections,
-                         MHD_OPTION_CONNECTION_TIMEOUT, idle_limit_seconds, MHD_OPTION_END);
+        MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO, ntohs(place->sin_port), nullptr, nullptr,
+                         answer_request, &server->text, MHD_OPTION_SOCK_ADDR, &*place, MHD_OPTION_CONNECTION_LIMIT,
+                         most_connections, MHD_OPTION_CONNECTION_TIMEOUT, idle_limit_seconds, MHD_OPTION_END);
     if (!server->daemon)
         return ats::fail(address + " cannot be listened to, is it another program's? " +
                          (errno != 0 ? std::strerror(errno) : ""));
