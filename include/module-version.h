@@ -28,7 +28,7 @@ inline bool version_is_space(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Returns `str`. Returns `def` if `str` is null, empty or only white space.
+// Returns `str`, or `def` if `str` is null, empty or only white space.
 inline const char* check_str_notempty(const char* str, const char* def)
 {
     for (const char* c = str; c && *c; ++c)

@@ -9,8 +9,9 @@
 using rep_key_t = intptr_t;
 using rep_notifier_t = intptr_t;
 
-// A subscriber's callback. The task that has set a value of the key calls it, with the registry locked. The callback
-// must not use the registry and must not sleep. `context` is the argument of rep_notify_key_change.
+// A subscriber's callback. The task that has set a value of the key calls the callback. Until the callback has
+// returned, other tasks that set a value wait. The callback must not use the registry and must not sleep. `context` is
+// the argument of rep_notify_key_change.
 using rep_change_fn_t = void (*)(const char* value_name, intptr_t new_value, void* context);
 
 constexpr int REP_OPEN_EXISTING = 0;   // rep_open_key: do not create a missing key

@@ -19,7 +19,7 @@ struct window {
 struct cut_options {
     std::optional<window> selection = {}; // the window to show; without it, the largest window within byte_limit
     bool keeps_end = false;      // true: this largest window is at the end of the recording; false: at its beginning
-    size_t byte_limit = 4 << 20; // limits the removable lines (see cut()) in this largest window
+    size_t byte_limit = 4 << 20; // the most bytes of removable lines (see cut()) in this largest window
 };
 
 struct cut_recording {

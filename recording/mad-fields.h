@@ -13,7 +13,8 @@ namespace recording
 // "status". A datagram with a ServiceRecord also has "record". A datagram with a PathRecord also has "path".
 nlohmann::ordered_json fields_of(const fabric::mad_bytes& mad);
 
-// Returns "gid", "p_key", "address", "name" and "lease". A record of another service also has "service", its ServiceID.
+// Returns "gid", "p_key", "address", "name" and "lease". A record that is not of ats (records::is_host_record) also has
+// "service", its ServiceID.
 nlohmann::ordered_json fields_of(const ib_service_record_v2_t& record);
 
 } // namespace recording

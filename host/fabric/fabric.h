@@ -80,7 +80,8 @@ class listener
     // work for the next call. The embedded fabric never calls may_complete().
     virtual void may_complete(bool /*again*/) {}
 
-    // `port` has changed. `new_sm_lid` is valid only for sm_change. read_port() already returns the new attributes.
+    // `port` has changed. `new_sm_lid` is valid for sm_change and reregister. read_port() already returns the new
+    // attributes.
     virtual void port_changed(int port, port_change change, uint16_t new_sm_lid) = 0;
 
   protected:

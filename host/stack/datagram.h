@@ -1,6 +1,6 @@
 // The GSI layer keeps a record of each datagram: who owns it, and its last four steps, for example posted or sent. The
-// record is stored in the `priv` bytes at the start of the datagram. If a client uses a datagram that it does not own,
-// the process ends with an error that shows these steps.
+// record is stored in the `priv` bytes at the start of the datagram. If a client passes a datagram that no client owns
+// to a GSI call, the process ends with an error that shows these steps.
 #pragma once
 
 #include <array>
@@ -49,15 +49,15 @@ class datagram_record
     datagram_state state() const { return state_.load(std::memory_order_relaxed); }
 
     // Changes the state from `held` to `new_state`, when a client passes the datagram to the kernel call named `call`.
-    // Ends the process (exec::panic) if the state is not `held`: the client does not own the datagram. If two threads
-    // pass the same datagram at the same time, only one of them succeeds.
+    // Ends the process (exec::panic) if the state is not `held`: no client owns the datagram. If two threads pass the
+    // same datagram at the same time, only one of them succeeds.
     void take_over(datagram_state new_state, const char* call)
     {
         datagram_state state = datagram_state::held;
         if (!exec::compare_exchange(state_, state, new_state, std::memory_order_acq_rel)) hand_over_panic(state, call);
     }
 
-    // Only the GSI layer calls set_state(), and only while it owns the datagram.
+    // The pool and the GSI layer call set_state(), each only while it owns the datagram.
     void set_state(datagram_state new_state) { state_.store(new_state, std::memory_order_release); }
 
     // Adds a step to the history. The history keeps the last four steps. `tick` is in ms.

@@ -1,6 +1,6 @@
-// Lets one task receive the answers of the SA itself. It is the task that runs the timer handlers that may sleep
-// (stack::timers). These handlers mostly wait for answers of the SA, and an answer mostly makes such a handler due. If
-// the same task receives the answer, each answer saves two task switches: one to the fabric's own task, and one back.
+// In stack::timers, one task runs the timer handlers that may sleep. fabric_polling lets this task also receive the
+// answers of the SA. The handlers mostly wait for these answers, and an answer mostly makes such a handler due. If the
+// same task receives the answer, each answer saves two task switches: one to the fabric's own task, and one back.
 //
 //   states of that task:
 //

@@ -1,7 +1,7 @@
 // The GSI layer of one HCA. One queue holds all sent and all arrived datagrams, in order. The HCA's completion context
 // takes everything from the queue and passes the datagrams to the clients' callbacks one by one. Two kinds of tasks can
-// run this context, but only one task at a time: the adapter's own task, or a task of the fabric that has just received
-// answers (may_complete()).
+// run this context, but only one task at a time: the adapter's own task, or a task that has just received answers from
+// the fabric (may_complete()).
 #pragma once
 
 #include <memory>
@@ -27,15 +27,15 @@ struct gsi_counts {
     uint64_t delivered = 0;
     uint64_t dropped_no_response = 0; // arrived without the response bit: requests, which GSI does not serve
     uint64_t dropped_no_class = 0;    // arrived for a class that is not registered on the port
-    uint64_t dropped_no_asker = 0;    // answers to a client that has left the class that it had joined
+    uint64_t dropped_no_asker = 0;    // answers to a client that had joined the class and has left it
     uint64_t dropped_no_datagram = 0; // arrived while the receive pool was empty
 };
 
 } // namespace stack
 
-// A client's registration: the client has registered a class on a port (gsi_register_class) or joined it
-// (gsi_join_class). The adapter keeps the object as long as the machine lives, so it detects a handle of an ended
-// registration.
+// A client's registration: the client has registered a class on a port (gsi_register_class) or joined the class
+// (gsi_join_class). The adapter keeps the object as long as the machine lives. A call with the handle of an ended
+// registration therefore returns an error.
 struct gsi_class_t {
     stack::gsi_adapter& adapter;
     const uint8_t port;
@@ -63,7 +63,8 @@ struct gsi_class_t {
     // Undoes enter(). Call it when the callback of the datagram has returned, or when its post has failed. Any thread.
     void leave() { exec::fetch_add(in_flight, UINT32_MAX, std::memory_order_release); } // adds -1
 
-    // Ends the registration. Returns false, and does nothing, if a datagram is in flight. Any thread.
+    // Ends the registration. Returns false, and does nothing, if a datagram is in flight or if the registration has
+    // already ended. Any thread.
     bool end()
     {
         uint32_t count = 0;

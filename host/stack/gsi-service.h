@@ -54,8 +54,8 @@ class gsi final : public kernel::service
     // starts the completion task of the HCA, and throws exec::shortage if the task cannot be created.
     gsi_adapter* adapter(const char* name_in_stack);
 
-    // Creates a pool. The service owns the pool. `creator` is the address of the code that called, for left_by().
-    // Returns null if there is no memory.
+    // Creates a pool. The service owns the pool. `creator` is an address in the caller's code, for left_by(). Returns
+    // null if there is no memory.
     datagram_pool* create_pool(const char* name, size_t size, const void* creator);
 
     // Returns false if there is no such pool. Ends the process (exec::panic) if a datagram of the pool was not put

@@ -17,7 +17,7 @@ namespace
 // same size. A new change beyond the limit replaces the oldest one.
 constexpr ptrdiff_t queue_limit = 16;
 
-// hca::read_port() shows an active link shortly before the fabric reports the link-up. If subscribe() is called in
+// hca::read_port() can show an active link shortly before the fabric reports the link-up. If subscribe() is called in
 // between, it announces the link-up itself. The fabric's report then follows within this time, and is ignored.
 constexpr uint64_t same_moment_ticks = 1;
 
@@ -157,7 +157,8 @@ void hca_events::queue_change(kq_hca_h_t handle, int port, port_change change, u
     queue({handle, port, port_change::link_up, sm_lid, change, false, due_tick});
 }
 
-// Draws the tick before which a link-up of this moment is not delivered. Returns 0 (at once) without a spread.
+// Returns the tick at which a link-up that the fabric reports now is due: a random tick within the spread. Without a
+// spread, returns 0 (due at once).
 uint64_t hca_events::link_up_tick()
 {
     const uint64_t spread_ticks = spread_.ticks;

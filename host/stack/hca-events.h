@@ -3,8 +3,9 @@
 // dropped.
 //
 // When a subnet manager starts, all hosts of a fabric learn of it at once, and would all register in the same second.
-// Therefore a machine can have a spread: each link-up, and each request to register again, then waits for a random time
-// up to the spread. A link-down of the fabric does not wait. It removes a link-up that still waits.
+// Therefore a machine can have a spread: each link-up that the fabric reports, and each request to register again, then
+// waits for a random time up to the spread. A link-down that the fabric reports does not wait. It removes the link-ups
+// and requests of the port that still wait.
 #pragma once
 
 #include <atomic>

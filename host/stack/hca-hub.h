@@ -22,8 +22,8 @@ class hca_hub final : public fabric::listener
     explicit hca_hub(fabric::hca& adapter);
 
     // Adds a listener. The hub then calls the listener for every event, and is locked during the call. The listener
-    // must not sleep and must not call the hub. It may call send() of the HCA, but no other function of the HCA. Each
-    // attach() needs its own detach(). May sleep.
+    // must not sleep and must not call the hub. It may call send() of the HCA, but not read_port(), poll() or listen().
+    // Each attach() needs its own detach(). May sleep.
     void attach(fabric::listener& listener);
 
     // Undoes one attach(). After as many detach() calls as attach() calls, the hub does not call `listener` any more.

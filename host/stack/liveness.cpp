@@ -8,8 +8,9 @@
 namespace stack
 {
 
-// A task of the fabric can also run a completion context of GSI (gsi_adapter::may_complete). If a callback then hangs,
-// the adapter's own task still makes progress. Therefore this function also notes the batch of each context.
+// A task that receives from the fabric can also run a completion context of GSI (gsi_adapter::may_complete). If a
+// callback then hangs, the adapter's own task still makes progress. Therefore this function also notes the batch of
+// each context.
 void liveness::ask()
 {
     rounds_.clear();

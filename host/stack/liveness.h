@@ -1,5 +1,5 @@
-// Finds tasks of a machine's stack that hang. ask() wakes all tasks. A task that works then soon begins another round
-// of its work. silent() names the tasks that have not done so.
+// Finds tasks of a machine's stack that hang. ask() wakes all tasks. A task that does not hang then soon begins another
+// round of its work. silent() names the tasks that have begun no round.
 #pragma once
 
 #include <map>

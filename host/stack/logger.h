@@ -21,8 +21,8 @@ class logger final : public kernel::service
     static constexpr const char* registry_key = "dorvex/logger";
     static constexpr const char* registry_value_name = "trace-level";
 
-    // The logger's subscription to the registry (a rep_change_fn_t). Passes the new level to the loader of the machine
-    // to which `home` points.
+    // The callback of the logger's subscription to the registry (a rep_change_fn_t). Passes the new level to the loader
+    // of the machine to which `home` points.
     static void level_changed(const char* value_name, intptr_t new_value, void* home);
 
   private:

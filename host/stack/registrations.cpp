@@ -112,7 +112,7 @@ void registrations::note_request(int port, uint16_t lid, const fabric::mad_bytes
         own_guid_ = guid_in(mad);
     } else if (!entry || !equal(entry->record.service_gid, record.service_gid) ||
                (is_check && entry->is_unanswered && entry->method != MAD_METHOD_GET)) {
-        return; // concerns another GID, or a Set or a Delete of the record has no answer yet
+        return; // no Set is known, the last Set had another GID, or a Set or a Delete before this Get has no answer
     }
     await(*entry, method, transaction);
     publish();
@@ -181,8 +181,7 @@ registrations::watched_registration* registrations::find(const ib_service_record
     return nullptr;
 }
 
-// Notes that a request has no answer yet. If it repeats an unanswered request, unanswered_tick remains that of the
-// first one.
+// Notes that a request has no answer yet. If the request repeats an unanswered one, unanswered_tick does not change.
 void registrations::await(watched_registration& entry, uint8_t method, uint64_t transaction) const
 {
     if (!entry.is_unanswered || entry.method != method) entry.unanswered_tick = exec_.now();

@@ -1,6 +1,6 @@
-// Watches the ServiceRecords that the clients of an HCA register, for reports. gsi_adapter passes every MAD that the
-// HCA sends or receives to class registrations. For each service, the class keeps the record of the last Set, and what
-// the SA has answered about this record since then. The class sends nothing itself.
+// Watches the ServiceRecords that the clients of an HCA register, for reports. gsi_adapter passes every request that it
+// sends and every answer that it receives to class registrations. For each service, the class keeps the record of the
+// last Set, and what the SA has answered about this record since then. The class sends nothing itself.
 #pragma once
 
 #include <atomic>
@@ -18,11 +18,11 @@ namespace stack
 
 enum class registration_state {
     asked,     // a Set was sent and has no answer yet
-    not_sent,  // the fabric refused the Set
+    not_sent,  // the fabric refused to send the Set
     refused,   // the SA answered the Set with the error `status`
     confirmed, // the SA accepted the Set, or returned the record
     missing,   // the SA answered that it has no such record
-    different, // the SA returned another record for this GID, which is in `sa_record`
+    different, // the SA returned another record (`sa_record`) for this GID
     withdrawn, // the SA deleted the record
 };
 
@@ -31,7 +31,7 @@ struct registration {
     int port = 0;                    // the port that sent the last Set
     uint16_t sm_lid = 0;             // the LID to which the last Set was sent
     registration_state state = registration_state::asked;
-    uint16_t status = 0; // of the SA's last answer, in host order
+    uint16_t status = 0; // of the SA's last answer to a request about this record, in host order
     ib_service_record_v2_t sa_record{};
     std::optional<uint64_t> confirmed_tick; // when the SA last confirmed this content; none if never
     uint64_t confirmations = 0;             // how often the SA has confirmed this or an earlier content

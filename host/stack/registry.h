@@ -34,8 +34,8 @@ class registry final : public kernel::service
     // Stores the value in `*value`. If there is no such value, returns false and does not change `*value`.
     bool get(const std::string& path, const std::string& name, intptr_t* value) const;
 
-    // Removes the key and all keys below it. Their open handles become stale, and their subscribers get no more calls.
-    // Returns false if the key is the root or does not exist.
+    // Removes the key and all keys below it. Open handles of these keys become stale. A later set() does not call the
+    // subscribers of these keys. Returns false if the key is the root or does not exist.
     bool remove(const std::string& path);
 
     // Returns the values of the key and of all keys below it, ordered by path and name. An empty `path` is the root.
@@ -43,7 +43,7 @@ class registry final : public kernel::service
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
-    // repository.h describes these calls. `opener` is the address of the code that called, for left_by().
+    // repository.h describes these calls. `opener` is an address in the caller's code, for left_by().
     int open(rep_key_t parent, const char* path, rep_key_t* handle, const void* opener);
     int read(rep_key_t handle, const char* name, intptr_t* value) const;
     int follow(rep_key_t handle, rep_change_fn_t callback, void* context, rep_notifier_t* notifier);
@@ -80,7 +80,7 @@ class registry final : public kernel::service
     std::vector<subscription> followers_of(const std::string& path) const;
 
     kernel::machine& home_;
-    // set() holds it during its callbacks. unfollow() takes it, so that no callback runs after its return.
+    // set() holds it during the callbacks. unfollow() takes it, so that the callback does not run after unfollow().
     semaphore change_semaphore_;
     mutable std::mutex mutex_; // guards the members below; not held during a callback
     key_map keys_;

@@ -15,7 +15,7 @@ namespace stack
 enum class sa_request { set_service, get_service, delete_service, get_path, other };
 constexpr size_t sa_request_count = 5;
 
-// The number of statuses that are counted separately: ok (0), busy, the SA's codes 0x0100 to 0x0700 (IBA 15.4.2), and
+// The number of statuses that are counted separately: ok (0), busy, the SA's codes 0x0100 to 0x0700 (IBA 15.2.4), and
 // all others together. sa_status_texts has the same order.
 constexpr size_t sa_status_count = 10;
 

@@ -31,7 +31,7 @@ void service_task::start(std::function<std::optional<uint64_t>()> work, const ch
         return {.deadline = exec::never, .reason = "", .object = "", .is_last = true};
     };
     task_ = &home_.exec().start_steps(&home_, name_, step);
-    ring(); // ring() does nothing while task_ is null, and another thread may have called it since the task began
+    ring(); // repeats calls that other threads made before task_ was set: these calls did nothing
 }
 
 void service_task::ring()

@@ -48,10 +48,10 @@ class service_task
     service_task(const service_task&) = delete;
     service_task& operator=(const service_task&) = delete;
 
-    // Starts the task, which calls `work` again and again until stop(). `work` returns nothing if there may be more
-    // work. Otherwise it returns a tick, and the task sleeps until that tick or until ring(). The sleep may also end
-    // early without a reason. Reports show `reason` as what the task waits for; the text must outlive the task. Call
-    // start() once. Does not sleep. Throws exec::shortage if the task cannot be created.
+    // Starts the task, which calls `work` again and again until stop(). `work` returns std::nullopt if there may be
+    // more work. Otherwise it returns a tick, and the task sleeps until that tick or until ring(). The sleep may also
+    // end early without a reason. Reports show `reason` as what the task waits for; the text must outlive the task.
+    // Call start() once. Does not sleep. Throws exec::shortage if the task cannot be created.
     void start(std::function<std::optional<uint64_t>()> work, const char* reason);
 
     // Reports new work: the task calls `work` again. Ends the task's sleep, or its next sleep if it does not sleep now.
@@ -63,7 +63,7 @@ class service_task
     bool is_current() const { return task_ && task_ == exec::current_task(); }
 
     // Ends the task. Waits until the current call of `work` has returned. The caller is a task that may sleep, or a
-    // thread from outside (see executor::join). After the call of stop(), nobody may call ring().
+    // thread from outside (see executor::join). Once stop() has been called, no other code may call ring().
     void stop();
 
   private:

@@ -1,5 +1,5 @@
-// The armed timers of one context. They are found by deadline and by record. A new timer reuses the memory of a
-// disarmed one, so add() allocates only if more timers are armed than ever before. The queue has no lock: class timers
+// The armed timers of one context. The queue finds them by deadline and by record. A new timer reuses the memory of a
+// removed one, so add() allocates only if more timers are armed than ever before. The queue has no lock: class timers
 // guards it.
 #pragma once
 

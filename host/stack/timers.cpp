@@ -50,7 +50,8 @@ void timers::disarm_and_wait(const timing_t& timer)
     finish_wait(&handler_ended_, &sleeper);
 }
 
-// Disarms the timer. Returns true if its handler is running. From now on the handler cannot arm the timer again.
+// Disarms the timer. Returns true if its handler is running. If so, arm() ignores the timer until the handler has
+// returned.
 bool timers::still_runs(const timing_t& timer)
 {
     const std::lock_guard lock(mutex_);
@@ -139,10 +140,10 @@ bool timers::take_next(lane& self, armed_timer& next)
     return true;
 }
 
-// Returns the tick until which the task of an idle lane may sleep. If an atomic timer is due, the sleeping lane must
-// wait: it sleeps without a deadline. After the last atomic timer that is due, the atomic lane calls this function too,
-// and wakes the sleeping lane. This works even if timers were deleted or armed in between, and if the two lanes have
-// read different ticks.
+// Returns the tick until which the task of an idle lane may sleep. If an atomic timer is due, the lane sleeping_ must
+// wait: its task sleeps without a deadline. After the last atomic timer that is due, the lane atomic_ calls this
+// function too, and wakes the task of sleeping_. This works even if timers were deleted or armed in between, and if the
+// two lanes have read different ticks.
 uint64_t timers::next_deadline(lane& self)
 {
     const uint64_t now = home_.exec().now();

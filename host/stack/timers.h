@@ -63,13 +63,13 @@ class timers final : public kernel::service
     kernel::machine& home_;
     mutable exec::brief_lock mutex_;
     uint64_t arm_count_ = 0;
-    // The sleeping lane sleeps without a deadline until no atomic timer is due; see next_deadline().
+    // The task of sleeping_ sleeps without a deadline until no atomic timer is due; see next_deadline().
     bool sleeping_waits_for_atomic_ = false;
     wait_queue_head_t handler_ended_;
     std::function<bool()> idle_work_;
     std::atomic<bool> has_idle_work_{false}; // idle_work_ is set; it does not change afterwards
     lane atomic_;
-    lane sleeping_;
+    lane sleeping_; // runs the handlers that may sleep
 };
 
 } // namespace stack

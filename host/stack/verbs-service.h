@@ -20,8 +20,8 @@ class verbs final : public kernel::service
     // Ends the process (exec::panic) if an HCA was not closed.
     ~verbs() override;
 
-    // Opens an HCA. `opener` is the address of the code that called, for left_by(). Returns null if the machine has no
-    // HCA with that name.
+    // Opens an HCA. `opener` is an address in the caller's code, for left_by(). Returns null if the machine has no HCA
+    // with that name.
     kq_hca_h_t open(const char* name_in_stack, const void* opener);
 
     // Returns the events of an HCA of this machine. The first call for an HCA starts the task that delivers its events,

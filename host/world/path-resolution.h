@@ -1,5 +1,5 @@
-// Finds the path from a host to an address or to a GID. For an address, it first asks the host's module IBAT for the
-// GID. Then it asks IBAT for the PathRecord of the SA.
+// Finds the path from a host to an address or to a GID. The host's module IBAT first finds the GID of an address. Then
+// IBAT finds the PathRecord for the GID, in its cache or by asking the SA.
 #pragma once
 
 #include <variant>
@@ -37,10 +37,10 @@ uint64_t lifetime_microseconds_of(const path_record& path);
 enum class path_status {
     found,
     not_found,      // the SA has no record of the address, or no path to the GID
-    not_cached,     // only for lookup_mode::cache_only: the cache has no path
+    not_cached,     // only for lookup_mode::cache_only: the caches do not have the answer
     timed_out,      // the SA did not answer in time
     no_active_port, // no port of the host can send a request
-    failed,         // no request could be sent to the SA, or the SA has refused it
+    failed,         // IBAT is not loaded, no request could be sent to the SA, or the SA has refused it
 };
 
 struct path_resolution {
@@ -49,7 +49,7 @@ struct path_resolution {
     kq_gid_t gid{};                    // GID of the destination; zero if unknown
     path_record path;                  // only valid if the status is `found`
     uint32_t port = 0;                 // only valid if the status is `found`: the host's port on which the path begins
-    bool from_cache = false;           // true if no request to the SA was necessary
+    bool from_cache = false;           // true if the path was found without a request to the SA
     uint64_t duration_ticks = 0;       // by the machine's clock
     uint64_t duration_nanoseconds = 0; // in real time
     std::string reason;                // one line for people; empty if the status is `found`

@@ -21,8 +21,8 @@ bool continues(char byte)
     return (static_cast<uint8_t>(byte) & 0xC0) == 0x80;
 }
 
-// Returns the first character of a text that is not empty. RFC 3629 allows only the shortest form of a character, and
-// no surrogates.
+// Returns the first character of `text`, which must not be empty. RFC 3629 allows only the shortest form of a
+// character, and no surrogates.
 character first_of(std::string_view text)
 {
     constexpr struct {

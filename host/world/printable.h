@@ -19,14 +19,14 @@ std::string printable(std::string_view text);
 // Does the same as printable(), but keeps line ends and tabs.
 std::string printable_lines(std::string_view text);
 
-// Returns a JSON document with "\uNNNN" for each control character except line ends. `document` must be valid JSON,
-// which has other control characters only inside strings.
+// Returns a JSON document with "\uNNNN" for each control character except line ends. `document` must be valid JSON.
+// Outside of strings, it must have no control characters except line ends.
 std::string printable_json(std::string_view document);
 
 // Cuts the text between two characters, to at most `limit` bytes.
 std::string cut_to_bytes(std::string_view text, size_t limit);
 
-// Returns the width of a text in columns. Each character has one column.
+// Returns the width of a text in columns: one for each character.
 size_t columns_of(std::string_view text);
 
 // Cuts the text to at most `limit` columns.

@@ -15,7 +15,7 @@ class published
   public:
     published(kernel::machine& machine, const char* name) : machine_(machine), name_(name)
     {
-        // The registry stores plain pointers. The type of the function belongs to its name.
+        // inter_modules stores untyped pointers. The name determines the type of the function.
         function_ = reinterpret_cast<function_t>(const_cast<void*>(machine_.inter_modules.get(name_)));
     }
     ~published()

@@ -9,7 +9,8 @@ namespace world
 inline constexpr const char* not_sent = "the request could not be sent: is a port active, and what does the log say?";
 inline constexpr const char* sa_refusal = "the SA refused the question";
 
-// Returns the reason for the status of a lookup; "" for ibat_stat_ok. `error_text` is the reason for ibat_stat_error.
+// Returns the reason for the status of a lookup; "" for ibat_stat_ok. `error_text` is the reason for ibat_stat_error
+// and for all statuses that have no case here.
 inline std::string reason_of(const resolution& answer, const char* error_text)
 {
     switch (answer.status) {

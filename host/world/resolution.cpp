@@ -33,8 +33,8 @@ struct pending_answer {
 
 constexpr const char* not_cached = "it is not in the cache";
 
-// Runs `request` inside the machine. If it returns ibat_stat_pending, waits for the callback. Returns the answer with
-// all fields except the reason.
+// Runs `request` inside the machine. If `request` returns ibat_stat_pending, waits for the callback. Returns the answer
+// with all fields except the reason.
 template <class request_t>
 resolution resolve_inside(kernel::machine& machine, request_t request)
 {
@@ -98,7 +98,7 @@ resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mod
         kq_gid_t gid_argument = gid; // `peek` needs a pointer to a GID that is not const
         if (mode != lookup_mode::cache_only)
             return (*get)(&gid_argument, &pending.record, pending_answer::store, &pending);
-        // Not ibat_stat_not_found: if the cache does not have the GID, the SA may still have a record of it.
+        // The result is never ibat_stat_not_found: the SA may have a record of a GID that the cache does not have.
         return (*peek)(&gid_argument, &pending.record) == ibat_stat_ok ? ibat_stat_ok : ibat_stat_error;
     });
     answer.gid = gid;

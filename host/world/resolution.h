@@ -33,8 +33,8 @@ struct resolution {
 // meanwhile. The caller is a thread outside of all machines, or a task of this machine that may sleep.
 resolution resolve_address(kernel::machine& machine, uint32_t ip, lookup_mode mode = lookup_mode::usual);
 
-// Finds the address of a GID. The mode sa_only has the same effect as usual, because UCM's provider always searches the
-// cache first.
+// Finds the address of a GID. The mode sa_only has the same effect as the mode usual, because the module that answers
+// UCM's requests always searches the cache first.
 resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mode mode = lookup_mode::usual);
 
 // Searches IBAT's cache for an address or a GID. Returns nothing if the cache does not have the answer. The caller is a

@@ -1,4 +1,4 @@
-// Implements the lookups of resolution.h that do not wait for the answer. A service uses them to answer many clients.
+// Implements the lookups of resolution.h that do not wait for the answer. A server uses them to answer many clients.
 #include <memory>
 
 #include "host/peers/ibat-exports.h"
@@ -18,7 +18,7 @@ namespace
 // a reference on the module that answers, IBAT or UCM, so the module stays loaded.
 template <class function_t>
 struct question {
-    // `callback_error` is the reason if the callback gets ibat_stat_error.
+    // `callback_error` is the reason (see reason_of()) if the callback gets ibat_stat_error.
     question(kernel::machine& machine, const char* function, const char* callback_error, resolution_callback done)
         : call(machine, function), callback_error(callback_error), done(std::move(done))
     {
@@ -70,7 +70,7 @@ void ask_module(kernel::machine& machine, std::unique_ptr<question_t> query, con
 }
 
 // Searches IBAT's cache for `subject`, an address or a pointer to a GID. Returns nothing if the cache does not have the
-// answer. For a GID, ibat_stat_not_found does not mean that the SA has no record of it.
+// answer. For a GID, ibat_stat_not_found only means that the cache does not have the GID.
 template <class function_t, class subject_t>
 std::optional<resolution> look_up(kernel::machine& machine, const char* function, subject_t subject)
 {

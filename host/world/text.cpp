@@ -20,8 +20,8 @@ std::optional<uint64_t> parse_hexadecimal(const std::string& digits)
     return number;
 }
 
-// Returns true if inet_pton() accepts the text, and then fills `*address`, whose size depends on the family. Refuses a
-// text that contains a NUL, because inet_pton() reads only the part before the NUL.
+// Fills `*address` and returns true if inet_pton() accepts the text. The size of `*address` depends on the family.
+// Refuses a text that contains a NUL, because inet_pton() reads only the part before the NUL.
 bool parse_address(int family, const std::string& text, void* address)
 {
     return text.find('\0') == text.npos && inet_pton(family, text.c_str(), address) == 1;

@@ -27,7 +27,8 @@ bool is_space(char c)
 }
 
 // Splits the written bytes into words, stores them in `arguments`, and returns their number. A word that is too long
-// becomes several words. Words beyond `max_arguments` are ignored, and so is everything after a NUL byte.
+// becomes several words. Words beyond `max_arguments` are ignored. A NUL byte ends the reading; the word before it,
+// even an empty one, counts only if the last written byte is not white space.
 int split_into_arguments(const char* bytes, size_t count)
 {
     for (int i = 0; i < max_arguments; ++i) {

@@ -36,8 +36,8 @@ unsigned long calc_verify_timeout()
 void restore_registration(ats_context_t* ats, const char* operation)
 {
     // The caller may not sleep, so this function cannot take `ats_sem`. Instead, `restores_running` counts the calls of
-    // this function. A task that registers another port or identity waits in ats_sa_wait_for_restores until this Set is
-    // posted, and then sends its own Delete and Set.
+    // this function. A task that registers another port, address or host name waits in ats_sa_wait_for_restores until
+    // this Set is posted, and then sends its own Delete and Set.
     ++ats->restores_running;
     const int32_t ret = ats_sa_post_set(ats);
     ++ats->sets_tried;

@@ -30,7 +30,7 @@ int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t 
         return -1;
     }
     // The send may have completed already, and its callback has then returned the datagram to the pool. Therefore print
-    // only its address.
+    // only the pointer to the datagram.
     ATS_DEBUG(" gsi_post_send_dtgrm() on dtgrm %p succeeded ret = %d\n", static_cast<void*>(dtgrm), 0);
     ATS_DEBUG(" sent dtgrm transaction id is 0x%016LX\n", static_cast<unsigned long long>(transaction_id));
     return 0;

@@ -1,4 +1,4 @@
-// Starts and stops the SA client of an HCA, and changes the host name and the address that it registers.
+// Starts and stops the SA client of an HCA, and changes the host name and the address that the client registers.
 #include "ats-sa.h"
 
 #include <cstring>
@@ -111,7 +111,6 @@ void deregister_until_released(ats_port_ctx_t* port, const char* operation)
     ATS_TRACE_AS(operation, ZR_DEBUG, "Deregistered GSI class\n");
 }
 
-// Stores the address in every port.
 void set_port_addresses(ats_context_t* ats, uint32_t port_ipaddr)
 {
     for (int32_t i = 0; i < ats->num_of_hca_ports; ++i) ats->ib_ports[i].port_ipaddr = port_ipaddr;
@@ -239,8 +238,8 @@ void ats_sa_stop(ats_context_t* ats)
     ats->holds_events = false;
     ats_sa_drop_pending_requests(ats);
 
-    // A port event or self-verification may have sent a Set after the Deletes above. From here on, neither can send
-    // one. If there was one, delete again: a record at the SA never expires. If another host got the same address
+    // A port event or self-verification may have sent a Set after the Deletes above. From here on, neither can send a
+    // Set. If a Set was sent, delete again: a record at the SA never expires. If another host got the same address
     // later, a lookup of the address would find two records and fail.
     if (ats->sets_tried != sets_before) delete_all_records(ats, __func__);
 

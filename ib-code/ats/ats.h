@@ -5,9 +5,9 @@
 // context sends every request through the active port. A context also has a list of pending requests: requests for the
 // address of a GID that wait for the SA's answer.
 //
-// "Completion context" is the context in which GSI calls the module's callbacks (gsi.h). Each HCA has one. It runs one
-// callback at a time, and callbacks must not sleep. Self-verification means that each context periodically asks the SA
-// for its own address (ats-api-verify.cpp).
+// "Completion context" is the context in which GSI calls the module's callbacks (gsi.h). Each HCA has its own. A
+// completion context runs one callback at a time, and callbacks must not sleep. Self-verification means that each
+// context periodically asks the SA for its own address (ats-api-verify.cpp).
 //
 // The module stores and passes IPv4 addresses in network byte order and never converts them.
 #pragma once
@@ -55,8 +55,8 @@ struct ats_host_name_t {
 struct ats_context_t;
 
 // One port of an HCA. `state`, `port_attrib`, `port_gid` and `port_pkey` are written only with `ats_sem` held.
-// `port_ipaddr` is also written without `ats_sem`. Sends, and reads of the control file, read all five fields without
-// `ats_sem`.
+// `port_ipaddr` is also written without `ats_sem`. All five fields are also read without `ats_sem`, for example by
+// sends and by reads of the control file.
 struct ats_port_ctx_t {
     int32_t port_num; // from 1
     std::atomic<kq_p_key_t> port_pkey;
@@ -102,8 +102,9 @@ struct ats_context_t {
     spinlock_t rarp_reqs_lock;   // guards rarp_reqs_pending and ats_rarp_reqs_by_gid; not held during a callback
 
     shared_record<ats_host_name_t> host_name; // written only with `ats_sem` held
-    // A task holds `ats_sem` while it handles a port event, changes the identity and registers it, or sends a lookup.
-    // Self-verification sends its Set without `ats_sem`, because it runs in a context that may not sleep.
+    // A task holds `ats_sem` while it handles a port event, changes the identity (host name or address) and registers
+    // it, or sends a lookup. Self-verification sends its Set without `ats_sem`, because it runs in a context that may
+    // not sleep.
     semaphore ats_sem;
     timing_t ats_req_timer;  // ends pending requests that get no answer
     timing_t timing_request; // starts the checks of self-verification
@@ -190,8 +191,8 @@ void end_verification(int32_t n_hcas);
 write_proc_t ats_proc_write;
 read_proc_t ats_proc_read;
 
-// Each function returns a text in a buffer of its own for each thread. The next call of the same function in the same
-// thread overwrites the text.
+// Each function has one buffer for each thread, and returns a text in this buffer. The next call of the same function
+// in the same thread overwrites the text.
 const char* print_ibat_stat(ibat_stat_t stat);
 const char* print_ipaddr(uint32_t addr);
 
@@ -208,7 +209,8 @@ void ats_sa_stop(ats_context_t* ats);
 
 // Posts one request to the SA through the active port: a Set if `is_set`, otherwise a Get (a GetTable with `is_table`)
 // if `is_get`, otherwise a Delete. `arp_data` is the query of a Get. Returns 0 if the request was posted, otherwise -1.
-// The completion context receives the SA's answer, if any. Takes no lock, does not sleep, allocates nothing.
+// The completion context receives the SA's answer, if any. Takes no lock of the module, does not sleep, allocates
+// nothing.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
 

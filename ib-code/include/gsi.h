@@ -61,11 +61,11 @@ KERNEL_API int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq
                                   int redirection, int rmpp, gsi_completion_fn_t send_callback,
                                   gsi_completion_fn_t receive_callback, void* context, gsi_class_handle_t* handle);
 
-// Joins a class on one port, for which another client may be registered. The joining client gets only the answers to
-// its own requests. It writes a TransactionID into each datagram. GSI keeps the low 24 bits and replaces the high bits.
-// The low 24 bits must differ between the client's requests in flight. An answer has the TransactionID of its request,
-// so the client recognises the request. Fails if 127 clients have joined the class on this port already. The arguments
-// and the result are otherwise those of gsi_register_class. May sleep.
+// Joins a class on one port. Another client may be registered for the same class and port. The joining client gets only
+// the answers to its own requests. It writes a TransactionID into each datagram. GSI keeps the low 24 bits and replaces
+// the high bits. The low 24 bits must differ between the client's requests in flight. In an answer, the low 24 bits are
+// those of the request, so the client recognises the request. Fails if 127 clients have joined the class on this port
+// already. The arguments and the result are otherwise those of gsi_register_class. May sleep.
 constexpr uint64_t gsi_joined_transaction_bits = 0xFFFFFF;
 KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca, int32_t port_num,
                               gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
@@ -89,8 +89,8 @@ KERNEL_API int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dt
 // Returns a datagram to its pool. Any context. Returning it twice is a hard error.
 KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
 
-// Sends the datagram's MAD. GSI assigns the TransactionID (see also gsi_join_class), and stores it in host order in
-// `*transaction_id` unless the pointer is null. On success, GSI owns the datagram until it calls the client's send
+// Sends the datagram's MAD. GSI assigns the TransactionID (see also gsi_join_class). On success, GSI stores it in host
+// order in `*transaction_id`, unless the pointer is null, and owns the datagram until it calls the client's send
 // callback, which may happen before this call returns. On failure, the caller still owns the datagram. Allocates
 // nothing. Any context.
 KERNEL_API int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id);

@@ -1,6 +1,7 @@
 // The interface of IBAT, the IP-over-InfiniBand address translation module. IBAT keeps a cache of IPv4 addresses and
-// their GIDs. Another module, the resolver, attaches itself to IBAT and asks the SA for addresses that are not in the
-// cache. This file has the record of a resolution, its status codes, and the functions between IBAT and the resolver.
+// their GIDs. Another module, the resolver, attaches itself to IBAT and asks the SA for the GIDs of addresses that are
+// not in the cache. This file has the record of a resolution, its status codes, and the functions between IBAT and the
+// resolver.
 #pragma once
 
 #include "ib-types.h"

@@ -10,8 +10,8 @@ struct timing_t {
     unsigned long expires; // absolute, in ticks
     void (*function)(unsigned long data);
     unsigned long data;
-    // True if `function` never sleeps. The service then calls it in the timer context, before the functions of other
-    // due timers that may sleep. If `function` makes a call that may sleep, the program ends with an error.
+    // True if `function` never sleeps. The service then calls it in the timer context, before the functions of due
+    // timers that are not atomic. If `function` makes a call that may sleep, the program ends with an error.
     bool atomic;
 };
 

@@ -65,7 +65,7 @@ struct kq_port_attrib_t {
     kq_port_cap_mask_t port_capability_support;
 };
 
-// The kinds of events, one bit for each. The hosted stack reports link up, link down and SM change.
+// The kinds of events, one bit for each. This stack reports only link up, link down and SM change.
 enum kq_async_record_t : uint32_t {
     kq_async_r_path_migrated_ev = 0x1,
     kq_async_r_com_est_ev = 0x2,

@@ -29,13 +29,13 @@ inline void list_insert_between(list_head* entry, list_head* prev, list_head* ne
     __atomic_store_n(&prev->next, entry, __ATOMIC_RELAXED);
 }
 
-// Inserts `entry` at the head.
+// Inserts `entry` as the first entry.
 inline void list_add(list_head* entry, list_head* head)
 {
     list_insert_between(entry, head, head->next);
 }
 
-// Inserts `entry` at the tail.
+// Inserts `entry` as the last entry.
 inline void list_add_tail(list_head* entry, list_head* head)
 {
     list_insert_between(entry, head->prev, head);

@@ -53,7 +53,7 @@ KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock);
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
 // It is a hard error if the calling task holds a spin lock; the message shows `entry`. A function that takes a lock
-// calls this at its start. A caller that holds a lock is then found at its first call, and not only when it deadlocks.
+// calls this at its start. Every call with a spin lock held is then an error, also if it would not deadlock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----
@@ -86,8 +86,8 @@ KERNEL_API void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 KERNEL_API void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper);
 
 // Both calls sleep until the task is woken through its wait queue or `timeout_ticks` have passed, and return the
-// remaining ticks. A signal also ends the interruptible sleep. The interruptible sleep may also end early for no
-// reason; the caller checks its condition again.
+// remaining ticks. A signal also ends the interruptible sleep. An interruptible sleep, and every sleep in a wait queue,
+// may also end early for no reason; the caller then checks its condition again.
 KERNEL_API unsigned long schedule_timeout_interruptible(unsigned long timeout_ticks);
 KERNEL_API unsigned long schedule_timeout_uninterruptible(unsigned long timeout_ticks);
 
