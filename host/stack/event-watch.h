@@ -15,8 +15,8 @@ struct handled_event {
     const fabric::hca& hca;
     int port;
     fabric::port_change change; // what the subscriber is told; never reregister
-    fabric::port_change cause;  // what the fabric has reported
-    bool is_announcement;       // the fabric has reported nothing: the link was up before the subscription
+    fabric::port_change cause;  // what the fabric has reported; link_up if is_announcement
+    bool is_announcement;       // not from the fabric: the link was up before the subscription
 };
 
 // The watch of a machine. Any thread may call it.

@@ -69,7 +69,7 @@ class hca_events final : public fabric::listener
         int port;
         fabric::port_change change;
         uint16_t sm_lid;
-        fabric::port_change cause;    // what the fabric has reported
+        fabric::port_change cause;    // what the fabric has reported; link_up if is_announcement
         bool is_announcement = false; // subscribe() has queued it, not the fabric
         uint64_t due_tick = 0;        // the event is not delivered before this tick
     };

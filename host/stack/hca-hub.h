@@ -40,8 +40,8 @@ class hca_hub final : public fabric::listener
         int attach_count;
     };
     fabric::hca& adapter_;
-    // attach() and detach() hold this semaphore until their call of hca::listen() has returned, so that the last change
-    // decides.
+    // attach() and detach() hold this semaphore until hca::listen() has returned. Otherwise the listen() calls of two
+    // tasks could come in the wrong order.
     semaphore change_semaphore_;
     std::mutex mutex_; // guards listeners_; held while a listener is called
     std::vector<attached_listener> listeners_;

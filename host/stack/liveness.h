@@ -21,9 +21,9 @@ class liveness
     void ask();
 
     // Returns the names of the tasks that have begun no round since the last ask(), and of GSI's completion contexts
-    // that have been in the same batch since then. Such a task or context runs a handler or callback of a module for
-    // all this time, or hangs. An idle context is not named. The caller decides how much time passes between ask() and
-    // silent().
+    // that have been in the same batch since then. Such a task or context hangs, or a handler or callback of a module
+    // has kept it busy for all this time. An idle context is not named. The caller decides how much time passes between
+    // ask() and silent().
     std::vector<std::string> silent() const;
 
   private:

@@ -2,8 +2,8 @@
 // Subnet Administrator (SA), and it registers its own host's ServiceRecord there.
 //
 // `ats_cntx` has one context for each HCA. A context has up to two ports. At most one of them is the active port: the
-// context sends every request through the active port. A context also has a list of pending requests: requests for the
-// address of a GID that wait for the SA's answer.
+// context sends every request through the active port. A context also has a list of pending requests. They ask for the
+// address of a GID, and wait for the SA's answer.
 //
 // "Completion context" is the context in which GSI calls the module's callbacks (gsi.h). Each HCA has its own. A
 // completion context runs one callback at a time, and callbacks must not sleep. Self-verification means that each
@@ -183,7 +183,7 @@ void ats_stop();
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats);
 
 // Start and end the self-verification of the first `n_hcas` contexts. After end_verification returns, no timer starts a
-// check. The answer to an earlier check may still come, and may cause a Set. end_verification may sleep.
+// check. The answer to an earlier check may still come, and may cause a Set. Both functions may sleep.
 void start_verification(int32_t n_hcas);
 void end_verification(int32_t n_hcas);
 
@@ -209,8 +209,8 @@ void ats_sa_stop(ats_context_t* ats);
 
 // Posts one request to the SA through the active port: a Set if `is_set`, otherwise a Get (a GetTable with `is_table`)
 // if `is_get`, otherwise a Delete. `arp_data` is the query of a Get. Returns 0 if the request was posted, otherwise -1.
-// The completion context receives the SA's answer, if any. Takes no lock of the module, does not sleep, allocates
-// nothing.
+// The completion context receives the SA's answer, if any. Takes no lock of the module, does not sleep, does not call
+// kmalloc.
 int32_t ats_sa_send_service_rec_set_get_del_mad(ats_context_t* ats, ats_sa_op_t op, const ibat_arp_data_t* arp_data,
                                                 uint8_t is_set, uint8_t is_get, uint8_t is_table);
 
@@ -252,8 +252,8 @@ int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
 
-// Sleeps until self-verification is not sending a Set. Call it after a change of the active port or of the identity,
-// and before the Delete or the Set that follows from the change. After the return, no Set with the old values is sent.
+// Sleeps while self-verification sends a Set. Call it after a change of the active port or of the identity, and before
+// the Delete or the Set that follows from the change. After the return, no Set with the old values is sent.
 void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // ---- ats-misc ----

@@ -73,7 +73,7 @@ KERNEL_API int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca
 
 // Ends a registration of either kind. Fails, and changes nothing, while a datagram of this client is being sent or
 // delivered, or while one of its callbacks runs. The caller then tries again later. After success, no callback of this
-// client runs. Any context.
+// client runs. May sleep. In a callback of this client, the call only fails, and does not sleep.
 KERNEL_API int gsi_deregister_class(gsi_class_handle_t handle);
 
 // Creates a pool of `size` datagrams and stores it in `*pool`. Error messages show `name`. May sleep.
@@ -91,6 +91,6 @@ KERNEL_API void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm);
 
 // Sends the datagram's MAD. GSI assigns the TransactionID (see also gsi_join_class). On success, GSI stores it in host
 // order in `*transaction_id`, unless the pointer is null, and owns the datagram until it calls the client's send
-// callback, which may happen before this call returns. On failure, the caller still owns the datagram. Allocates
-// nothing. Any context.
+// callback, which may happen before this call returns. On failure, the caller still owns the datagram. Does not call
+// kmalloc. Any context.
 KERNEL_API int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm, uint64_t* transaction_id);
