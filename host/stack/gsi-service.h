@@ -67,7 +67,7 @@ class gsi final : public kernel::service
     std::atomic<uint64_t> last_transaction_id_{0}; // one counter for all HCAs of the host
     mutable std::mutex mutex_;                     // guards the members below
     std::vector<std::unique_ptr<gsi_adapter>> adapters_;
-    std::map<const datagram_pool*, const void*> creators_; // for each pool, the address of the code that created it
+    std::map<const datagram_pool*, const void*> creators_; // for each pool, an address in the code that created it
     std::vector<std::unique_ptr<datagram_pool>> pools_;
 };
 

@@ -87,8 +87,8 @@ std::vector<std::string> timers::left_by(const kernel::module_code& module) cons
     return leftovers;
 }
 
-// One round of a lane's task. Returns nothing if it has run a handler or done idle work. Otherwise returns the tick
-// until which the task may sleep.
+// One round of a lane's task. Returns std::nullopt if the task has run a handler or done idle work. Otherwise returns
+// the tick until which the task may sleep.
 std::optional<uint64_t> timers::run(lane& self)
 {
     if (run_next(self) || run_idle_work(self)) return std::nullopt;

@@ -1,7 +1,7 @@
 // The timing service of a machine. Atomic handlers (timing_t::atomic) never sleep; they run in the timer context. The
 // other handlers may sleep. They run in a second task, in which one handler can delay the next one, and idle work can
-// delay a handler. If handlers of both kinds are due at one tick, the atomic ones run first. Within each kind, the
-// order is by deadline, then by arming.
+// delay a handler. While an atomic handler is due, no handler that may sleep begins. Within each kind, the order is by
+// deadline, then by arming.
 #pragma once
 
 #include <atomic>
@@ -33,8 +33,8 @@ class timers final : public kernel::service
     // The number of armed timers.
     size_t armed() const;
 
-    // Sets the idle work of the task that runs the handlers that may sleep. The task calls `work` again and again while
-    // no handler is due. `work` returns false if there was nothing to do; the task then sleeps until the next deadline.
+    // Sets the idle work of the second task, whose handlers may sleep. This task calls `work` again and again while no
+    // handler is due. `work` returns false if there was nothing to do; the task then sleeps until the next deadline.
     // `work` may sleep, but a handler that becomes due meanwhile must wait for it. Call set_idle_work() once.
     void set_idle_work(std::function<bool()> work);
 

@@ -19,8 +19,8 @@ namespace world
 class sa_questions
 {
   public:
-    // Opens the first port of the machine whose link is active and which has an SM. Fails with unreachable if there is
-    // no such port, and with failed if GSI refuses a call. Only one thread at a time may call open(), ask() and the
+    // Joins the class on the first port that is active and knows its SM. Fails with unreachable if the machine has no
+    // such port, and with failed if GSI refuses a call. Only one thread at a time may call open(), ask() and the
     // destructor. This thread is outside of the machine; the calls enter the machine.
     static ats::result<std::unique_ptr<sa_questions>> open(kernel::machine& machine);
     ~sa_questions();

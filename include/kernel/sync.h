@@ -53,7 +53,7 @@ KERNEL_API unsigned long spin_lock_irqsave(spinlock_t* lock);
 KERNEL_API void spin_unlock_irqrestore(spinlock_t* lock, unsigned long flags);
 
 // It is a hard error if the calling task holds a spin lock; the message shows `entry`. A function that takes a lock
-// calls this at its start. Every call with a spin lock held is then an error, also if it would not deadlock.
+// calls this at its start. Every call with a spin lock held is then an error, even if it would not deadlock.
 KERNEL_API void must_not_hold_spin_lock(const char* entry);
 
 // ---- wait queue ----
