@@ -77,6 +77,7 @@ class conversation
     bool is_greeted = false;  // true if the client has sent a correct hello
     bool is_admitted = false; // true if the owner counts it as a connection of its user
     size_t open_requests = 0; // number of requests that are being answered
+    size_t open_bytes = 0;    // estimated memory of these requests
 
   private:
     void take_input(const char* bytes, size_t size);

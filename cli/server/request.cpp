@@ -13,6 +13,8 @@ namespace
 
 using json = nlohmann::json;
 
+constexpr size_t member_bytes = 128; // memory of a member of a json object, besides its text in the line
+
 // Returns the id of the request, or nothing if it has no id. Fails if the id is not an integer from 0.
 ats::result<std::optional<uint64_t>> id_of(const json& object)
 {
@@ -37,7 +39,8 @@ ats::result<request> request_of(std::string_view line, const queue_place& place,
     if (name == object.end() || !name->is_string())
         return ats::fail(ats::error_kind::invalid, "a request has a name, for example {\"request\":\"status\"}");
     const std::string text = *name;
-    return request{std::move(object), text, {place, id}};
+    const size_t bytes = line.size() + object.size() * member_bytes;
+    return request{std::move(object), text, {place, id, bytes}};
 }
 
 std::optional<ats::error> wrong_members(const request& request)

@@ -17,6 +17,7 @@ namespace cli
 struct return_ticket {
     queue_place place;
     std::optional<uint64_t> id; // nothing if the request has no id
+    size_t bytes = 0;           // estimated memory of the request
 };
 
 struct request {

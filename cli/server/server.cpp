@@ -110,6 +110,7 @@ void server::conversation_ended(conversation& source)
         --share.connections;
         --hosts_.statistics().clients.open;
         share.open_requests -= source.open_requests;
+        share.open_bytes -= source.open_bytes;
         if (share.connections == 0) users_.erase(place.user);
     }
     followers_.forget(place.connection);
@@ -166,17 +167,30 @@ void server::carry_out(conversation& source, const request& request)
         return refuse(source, request.ticket.id, *refusal);
     }
     if (request.name == "ping") return source.send(line_of(done("alive"), request.ticket.id));
-    if (users_[request.ticket.place.user].open_requests >= options_.limits.questions) {
+    if (const auto excess = excess_of(request.ticket.place.user)) {
         cli::count(hosts_.statistics().clients.questions_reached);
-        return refuse(source, request.ticket.id,
-                      {ats::error_kind::unreachable, "this user has " + std::to_string(options_.limits.questions) +
-                                                         " questions outstanding already: wait for answers first"});
+        return refuse(source, request.ticket.id, *excess);
     }
     if (const std::optional<ats::error> wrong = wrong_members(request))
         return refuse(source, request.ticket.id, *wrong);
     if (request.name == "log") return follow_log(source, request);
     if (is_simple_lookup(request)) return look_up(source, request);
     hand_to_workers(source, request);
+}
+
+// Returns an error if the unanswered requests of a user reach the limit of their number or of their memory. The next
+// request does not count. One request may therefore be larger than the limit.
+std::optional<ats::error> server::excess_of(uid_t user) const
+{
+    const user_share& share = users_.at(user);
+    const auto error = [](const std::string& state) {
+        return ats::error(ats::error_kind::unreachable, "this user has " + state + " already: wait for answers first");
+    };
+    const size_t questions = options_.limits.questions;
+    if (share.open_requests >= questions) return error(std::to_string(questions) + " questions outstanding");
+    if (share.open_bytes / bytes_per_question >= questions)
+        return error("questions of " + std::to_string(share.open_bytes) + " bytes outstanding");
+    return std::nullopt;
 }
 
 void server::greet(conversation& source, const request& request)
@@ -204,8 +218,11 @@ void server::line_too_long(conversation& source)
 // Counts a request that is answered later.
 void server::count(conversation& source, const return_ticket& ticket)
 {
-    ++users_[ticket.place.user].open_requests;
+    user_share& share = users_[ticket.place.user];
+    ++share.open_requests;
     ++source.open_requests;
+    share.open_bytes += ticket.bytes;
+    source.open_bytes += ticket.bytes;
 }
 
 // Counts a request that is answered later. If it has no id, also pauses the conversation: the answer must be sent
@@ -221,8 +238,11 @@ void server::finish(const return_ticket& ticket, const std::string& line)
 {
     conversation* source = find(ticket.place.connection);
     if (!source) return;
-    --users_[ticket.place.user].open_requests;
+    user_share& share = users_[ticket.place.user];
+    --share.open_requests;
     --source->open_requests;
+    share.open_bytes -= ticket.bytes;
+    source->open_bytes -= ticket.bytes;
     source->send(line);
     if (!ticket.id && !is_stopping_) source->resume();
     source->end_if_done();

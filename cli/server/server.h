@@ -64,6 +64,7 @@ class server final : public conversation::owner
     struct user_share {
         size_t connections = 0;
         size_t open_requests = 0; // requests without an answer
+        size_t open_bytes = 0;    // estimated memory of these requests
     };
     void take_line(conversation& source, std::string_view line) override;
     void line_too_long(conversation& source) override;
@@ -77,6 +78,7 @@ class server final : public conversation::owner
     void admit(conversation& client);
     void flush_all();
     void carry_out(conversation& source, const request& request);
+    std::optional<ats::error> excess_of(uid_t user) const;
     void greet(conversation& source, const request& request);
     void look_up(conversation& source, const request& request);
     void follow_log(conversation& source, const request& request);

@@ -6,6 +6,9 @@
 namespace cli
 {
 
+// The unanswered requests of a user may hold memory for `questions` requests of this size. A usual request holds less.
+constexpr size_t bytes_per_question = 1024;
+
 // The defaults are several times as high as a parallel job with 256 processes needs.
 struct service_limits {
     size_t connections = 1024;             // of one user at the same time

@@ -159,20 +159,28 @@ TEST(bad_input, service_survives_misbehaving_clients)
 TEST(bad_input, limits_hold_for_each_user)
 {
     const scratch_folder folder;
-    write_file(folder / "config", "[limits]\nconnections = 2\nquestions = 3\nunread_bytes = 65536\n[[host]]\naddress = "
+    write_file(folder / "config", "[limits]\nconnections = 3\nquestions = 3\nunread_bytes = 65536\n[[host]]\naddress = "
                                   "\"10.0.0.1\"\n");
     const service ats({"--config", folder / "config"});
     raw_connection first(ats.socket()), reader(ats.socket());
-    raw_connection third(ats.socket(), false);
-    EXPECT_THAT(third.read(), HasSubstr("this user has 2 connections already"));
-    EXPECT_EQ(third.read(), "(hung up)");
+    auto large = std::make_unique<raw_connection>(ats.socket());
+    raw_connection fourth(ats.socket(), false);
+    EXPECT_THAT(fourth.read(), HasSubstr("this user has 3 connections already"));
+    EXPECT_EQ(fourth.read(), "(hung up)");
+    const std::string padding(4000, 'x');
+    large->write(R"({"request":"log","follow":true,"padding":")" + padding + "\"}\n"); // remains unanswered
+    EXPECT_THAT(large->read(), HasSubstr("\"line\""));
+    const std::string status = R"({"request":"status"})";
+    EXPECT_THAT(first.ask(status), HasSubstr("this user has questions of 4"));
+    large.reset();
+    EXPECT_TRUE(eventually([&] { return first.ask(status).find("uptime_seconds") != std::string::npos; }));
     first.ask(R"({"request":"sa","action":"silence","state":"on"})");
     for (int i = 1; i <= 4; ++i)
         first.write(R"({"request":"resolve","address":"10.0.1.)" + std::to_string(i) + "\",\"id\":4}\n");
     EXPECT_THAT(first.read(), HasSubstr("this user has 3 questions outstanding already"));
     // If a client does not read its answers, the service does not read its requests any more. Then send() fails.
-    const std::string status = "{\"request\":\"status\"}\n";
-    while (send(reader.fd(), status.data(), status.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) continue;
+    const std::string status_line = status + "\n";
+    while (send(reader.fd(), status_line.data(), status_line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) continue;
     EXPECT_THAT(first.ask(R"({"request":"ping"})"), HasSubstr("alive"));
 }
 
