@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <limits>
 #include <sys/socket.h>
 
 #include "cli/acm/store-names.h"
@@ -16,6 +17,10 @@ namespace
 // If a user has more connections than the limit, the door answers the requests of the further connections with a
 // refusal. If the user has more than this factor times the limit, the door closes the further connections.
 constexpr size_t refusal_factor = 4;
+
+// The door accepts at most this number of programs in a round of the loop. Otherwise, programs that connect as fast as
+// the door accepts them would keep the loop from all other work.
+constexpr size_t most_programs_of_round = 64;
 
 template <class handle_t>
 uv_handle_t* handle(handle_t& specific)
@@ -85,21 +90,24 @@ void door::start_accepting()
     open_handles_ = 2;
     listener_.data = this;
     pause_.data = this;
-    uv_poll_start(&listener_, UV_READABLE,
-                  [](uv_poll_t* listener, int, int) { static_cast<door*>(listener->data)->accept_all(); });
+    uv_poll_start(&listener_, UV_READABLE, [](uv_poll_t* listener, int, int) {
+        static_cast<door*>(listener->data)->accept(most_programs_of_round);
+    });
 }
 
-// Accepts all programs that wait at the listening socket.
-void door::accept_all()
+// Accepts programs that wait at the listening socket, at most `limit`. If others still wait, poll() reports the socket
+// again in the next round.
+void door::accept(size_t limit)
 {
-    while (true) {
+    for (size_t i = 0; i < limit; ++i) {
         client::descriptor socket(accept4(accept_descriptor_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket.is_open())
             admit(std::move(socket), "");
+        else if (errno == EAGAIN)
+            return;
         else if (errno != EINTR && errno != ECONNABORTED)
-            break;
+            return pause_accepting();
     }
-    if (errno != EAGAIN) pause_accepting();
 }
 
 // Stops accepting for a short time after a failure of accept(), for example if no descriptor is left. The programs wait
@@ -110,19 +118,22 @@ void door::pause_accepting()
     uv_poll_stop(&listener_);
     const auto resume = [](uv_timer_t* timer) {
         auto* self = static_cast<door*>(timer->data);
-        uv_poll_start(&self->listener_, UV_READABLE,
-                      [](uv_poll_t* listener, int, int) { static_cast<door*>(listener->data)->accept_all(); });
+        uv_poll_start(&self->listener_, UV_READABLE, [](uv_poll_t* listener, int, int) {
+            static_cast<door*>(listener->data)->accept(most_programs_of_round);
+        });
     };
     uv_timer_start(&pause_, resume, pause_ms, 0);
 }
 
-// Starts to serve a connection. If `store_name` is "", first gives a copy of its descriptor to the service manager.
+// Starts to serve a connection, or closes it if the user has far too many. If `store_name` is "", first gives a copy of
+// a connection that it serves to the service manager.
 void door::admit(client::descriptor socket, std::string store_name)
 {
     const std::optional<cli::peer> peer = cli::peer_of(socket.get());
     if (!peer) return;
     const size_t connections = ++connection_counts_[peer->user];
-    if (store_name.empty()) {
+    const bool is_served = connections <= refusal_factor * limits_.connections;
+    if (is_served && store_name.empty()) {
         store_name = connection_name(++last_store_number_);
         if (!cli::keep_descriptor(store_name, socket.get())) store_name.clear();
     }
@@ -137,7 +148,7 @@ void door::admit(client::descriptor socket, std::string store_name)
     ++statistics_.open;
     program.connection = std::make_unique<acm::connection>(*this, loop_.uv(), number, std::move(socket),
                                                            std::chrono::milliseconds(config_.timeout_ms));
-    if (connections > refusal_factor * limits_.connections) program.connection->cut_off();
+    if (!is_served) program.connection->cut_off();
 }
 
 void door::connection_ended(connection& source)
@@ -159,7 +170,7 @@ void door::close_all()
     life_.reset();
     if (open_handles_ > 0) {
         listening_socket_.reset(); // removes the file; no other program can connect
-        accept_all();
+        accept(std::numeric_limits<size_t>::max());
         cli::forget_descriptor(listener_name);
         const auto count_close = [](uv_handle_t* handle) {
             auto* self = static_cast<door*>(handle->data);

@@ -55,7 +55,7 @@ class door final : public connection::owner
     };
 
     void start_accepting();
-    void accept_all();
+    void accept(size_t limit);
     void pause_accepting();
     void admit(client::descriptor socket, std::string store_name);
     void take_request(connection& source, message_view request) override;

@@ -7,6 +7,7 @@ namespace
 {
 
 constexpr uint64_t check_period_ms = 1000;
+constexpr size_t most_clients_of_round = 64;
 
 void close_and_free(uv_pipe_t* pipe)
 {
@@ -21,7 +22,9 @@ int client_listener::start(uv_loop_t* loop, accept_call accept)
     loop_ = loop;
     accept_ = std::move(accept);
     uv_timer_init(loop, &check_timer_);
+    uv_timer_init(loop, &round_timer_);
     check_timer_.data = this;
+    round_timer_.data = this;
     if (const int error = listen(); error != 0) return error;
     return uv_timer_start(
         &check_timer_, [](uv_timer_t* timer) { static_cast<client_listener*>(timer->data)->check_file(); },
@@ -39,7 +42,7 @@ int client_listener::listen()
     int error = copy.is_open() ? uv_pipe_open(pipe, copy.release()) : uv_translate_sys_error(errno);
     if (error == 0)
         error = uv_listen(reinterpret_cast<uv_stream_t*>(pipe), SOMAXCONN, [](uv_stream_t* listener, int status) {
-            if (status == 0) static_cast<client_listener*>(listener->data)->accept_(listener);
+            if (status == 0) static_cast<client_listener*>(listener->data)->take_client();
         });
     if (error != 0) {
         close_and_free(pipe);
@@ -47,7 +50,30 @@ int client_listener::listen()
     }
     if (listener_) close_and_free(listener_);
     listener_ = pipe;
+    is_client_deferred_ = false;
     return 0;
+}
+
+// Accepts a client, or leaves it for the next round of the loop. libuv calls this function until no client waits. If
+// clients connect as fast as the service accepts them, that would never end, and the loop could do nothing else. If
+// this function does not accept the client, libuv keeps it and stops listening until the client is accepted.
+void client_listener::take_client()
+{
+    is_client_deferred_ = round_clients_ == most_clients_of_round;
+    if (is_client_deferred_) return;
+    if (++round_clients_ == 1)
+        uv_timer_start(
+            &round_timer_, [](uv_timer_t* timer) { static_cast<client_listener*>(timer->data)->begin_round(); }, 0, 0);
+    accept_(reinterpret_cast<uv_stream_t*>(listener_));
+}
+
+// Runs in the round after one that has accepted clients.
+void client_listener::begin_round()
+{
+    round_clients_ = 0;
+    if (!is_client_deferred_) return;
+    is_client_deferred_ = false;
+    accept_(reinterpret_cast<uv_stream_t*>(listener_));
 }
 
 // Creates the socket's file again if it is not in place. Reports a failure only once.
@@ -72,6 +98,7 @@ void client_listener::close()
     if (listener_) close_and_free(listener_);
     listener_ = nullptr;
     uv_close(reinterpret_cast<uv_handle_t*>(&check_timer_), nullptr);
+    uv_close(reinterpret_cast<uv_handle_t*>(&round_timer_), nullptr);
 }
 
 } // namespace cli

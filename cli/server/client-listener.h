@@ -1,6 +1,7 @@
-// Listens on the service's socket. Checks once a second if the socket's file still exists. If somebody has removed it,
-// creates it again, so that new clients can connect. All calls are made in the event loop's thread, except those marked
-// "any thread".
+// Listens on the service's socket. Accepts a limited number of clients in each round of the loop, so that a flood of
+// connections does not stop the service. Checks once a second if the socket's file still exists. If somebody has
+// removed it, creates it again, so that new clients can connect. All calls are made in the event loop's thread, except
+// those marked "any thread".
 #pragma once
 
 #include <functional>
@@ -39,6 +40,8 @@ class client_listener
 
   private:
     int listen();
+    void take_client();
+    void begin_round();
     void check_file();
 
     const std::unique_ptr<listening_socket> socket_;
@@ -47,8 +50,11 @@ class client_listener
     uv_loop_t* loop_ = nullptr;
     uv_pipe_t* listener_ = nullptr; // owned; freed when libuv has closed it
     uv_timer_t check_timer_;
-    bool must_listen_ = false;      // the service has made the file again, but does not listen on it yet
-    bool is_loss_reported_ = false; // report_ was told that new clients do not find the service
+    uv_timer_t round_timer_;          // calls begin_round()
+    size_t round_clients_ = 0;        // number of clients accepted in this round
+    bool is_client_deferred_ = false; // libuv keeps a client for the next round
+    bool must_listen_ = false;        // the service has made the file again, but does not listen on it yet
+    bool is_loss_reported_ = false;   // report_ was told that new clients do not find the service
 };
 
 } // namespace cli

@@ -1,6 +1,7 @@
 // Wrong arguments, wrong requests, exceeded limits and other bad input. The program must print one clear line and
 // return the right exit code. It must change and lose nothing.
 #include <algorithm>
+#include <atomic>
 #include <grp.h>
 #include <list>
 #include <optional>
@@ -8,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 
 #include "cli/socket/socket.h"
 #include "host/exec/sanitizers.h"
@@ -201,6 +203,32 @@ TEST(bad_input, service_without_descriptors_accepts_again_when_clients_leave)
         EXPECT_TRUE(eventually([&] { return std::distance(used(), none) >= limit; }));
     }
     EXPECT_EQ(ats.ask({"status"}).exit_code, 0);
+}
+
+// Programs connect and close their connections as fast as they can: at the socket for clients, or at the one for
+// programs that use librdmacm.
+TEST(bad_input, flood_of_connections_stops_neither_the_service_nor_its_end)
+{
+    for (const bool is_for_clients : {true, false}) {
+        const scratch_folder folder;
+        service ats({"--hosts", "1", "--acm-socket", folder / "acm"});
+        raw_connection client(ats.socket());
+        std::atomic<bool> is_over = false;
+        const auto flood = [&, path = is_for_clients ? ats.socket() : folder / "acm"] {
+            while (!is_over) raw_connection(path, false);
+        };
+        std::vector<std::thread> programs;
+        for (int i = 0; i < 3; ++i) programs.emplace_back(flood);
+        const auto is_alive = [&] { return client.ask(R"({"request":"ping"})").find("alive") != std::string::npos; };
+        int answers = 0;
+        while (answers < 20 && is_alive()) ++answers;
+        EXPECT_EQ(answers, 20);
+        kill(ats.pid(), SIGTERM);
+        EXPECT_TRUE(eventually([&] { return ats.output().find("all hosts have unloaded") != std::string::npos; }));
+        is_over = true;
+        for (std::thread& program : programs) program.join();
+        EXPECT_EQ(ats.stop(0), 0) << ats.complaints();
+    }
 }
 
 // Hosts need address space for threads, and descriptors for the code of their modules. Here one of these is used up
