@@ -17,8 +17,7 @@ ats::result<> allow_disks();
 class disk
 {
   public:
-    // Makes the folder, and mounts a file system of 2 MiB there if `is_small`. Throws std::system_error if the mount
-    // fails.
+    // Makes the folder, and mounts a file system of 2 MiB there if `is_small`. Throws std::system_error on failure.
     disk(std::string folder, bool is_small);
     ~disk();
     disk(const disk&) = delete;

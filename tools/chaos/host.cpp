@@ -22,7 +22,7 @@ std::string text_of(const std::string& path)
     return text.str();
 }
 
-// The time of a file that may be missing.
+// Returns the time of the last write to a file. Returns the earliest possible time if the file is missing.
 std::filesystem::file_time_type time_of(const std::string& path)
 {
     std::error_code error;

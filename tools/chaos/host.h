@@ -50,19 +50,19 @@ class host
     void pause();
     void resume();
 
-    // These functions order the service to change its address or name. If the service does not confirm an order, both
-    // the old and the new value may be registered, until repeat_orders() succeeds. `number` selects the new value.
+    // These functions order the service to change its address or name. If the service does not confirm an order, the
+    // old or the new value may be registered, until repeat_orders() succeeds. `number` selects the new value.
     void set_address(int number);
     void set_name(int number);
-    void reload(int number); // changes address and name in the configuration file, and sends SIGHUP
+    void reload(int number); // changes the configuration file and sends SIGHUP, which nothing confirms
     void repeat_orders();
 
-    // Takes all space on the disk, or returns it. make_room() first waits until the running service has missed the
-    // space, and throws failure if it does not notice the full disk.
+    // fill_disk() uses all space of the disk. make_room() frees this space. If the service runs, make_room() first
+    // waits until the service reports the full disk or ends. Throws failure if neither happens within a time limit.
     void fill_disk();
     void make_room();
 
-    // True after make_room() until the service has written its metrics again, with its registration.
+    // After make_room() for a running service: true until new metrics show that the host is registered.
     bool lacks_metrics() const;
 
     // Runs `ats COMMAND --json` as a client of this host; see fabric_tools::ask_service().
@@ -80,16 +80,16 @@ class host
     const std::set<std::string>& addresses() const { return addresses_; }
     const std::set<std::string>& names() const { return names_; }
 
-    // Returns all addresses that the host has ever had.
+    // Returns all addresses that the host was ever ordered or configured to have.
     const std::set<std::string>& known_addresses() const { return known_addresses_; }
 
-    // Returns the records that the SA may have of this host while it runs, as "ADDRESS NAME".
+    // Returns the records that the SA may have of this host while the host runs, as "ADDRESS NAME".
     std::set<std::string> possible_records() const;
 
-    // The first call after a start stores the present resource use. Later calls return the stored one.
+    // The first call after a start stores the present resource use. Later calls return the stored value.
     const resources& first_resource_use();
 
-    const std::string& recording() const { return recording_; } // file of the running process, or of the last one
+    const std::string& recording() const { return recording_; } // file of the running process, or of the last process
     clock::time_point recording_begin() const { return recording_begin_; }
 
   private:
@@ -114,10 +114,10 @@ class host
     std::set<std::string> known_addresses_;
     std::string last_address_, last_name_; // from the last order, or from the configuration
     std::optional<resources> first_resource_use_;
-    std::optional<std::filesystem::file_time_type> old_metrics_; // their time when the disk got space again
+    std::optional<std::filesystem::file_time_type> old_metrics_; // time of the metrics file in the last make_room()
 };
 
-// Something that must be true after a round, but is not. Thrown as an exception.
+// Something that must be true, but is not. Thrown as an exception.
 struct failure {
     std::string text, expected, actual;
 };

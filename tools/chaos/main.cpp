@@ -27,7 +27,7 @@ constexpr const char* usage =
     "  --rounds N    end after so many rounds\n"
     "  --plan        only print the plan\n"
     "  --folder DIR  the folder for the logs and recordings of a run that fails (default: chaos-SEED)\n"
-    "  --modules DIR the folder of the modules, for example of some with a planted fault\n";
+    "  --modules DIR the folder of the modules, for example of modules with a planted fault\n";
 
 struct settings {
     uint64_t seed = std::random_device()();
@@ -84,17 +84,17 @@ void show(const figures& figures, double minutes)
     for (const auto& [kind, count] : figures.acts) std::printf("%6d  %s\n", count, name_of(kind));
 }
 
-// `recording` is the one of the host that the failure names.
+// `recording` is the path from run::recording_of().
 void show(const failure& failure, const plan& plan, size_t round_number, const std::string& act,
           const std::string& recording, const settings& settings)
 {
     std::printf("FAILED: seed %llu, round %zu, after: %s\n  %s\n  expected: %s\n  actual:   %s\n",
                 static_cast<unsigned long long>(plan.seed), round_number, act.c_str(), failure.text.c_str(),
                 failure.expected.c_str(), failure.actual.c_str());
-    std::printf(
-        "Run it again: ats-chaos --seed %llu --rounds %zu\nIts recordings and logs are in %s. Draw this one first: ats "
-        "replay %s --html failure.html\n",
-        static_cast<unsigned long long>(plan.seed), round_number, settings.folder.c_str(), recording.c_str());
+    std::printf("Run it again: ats-chaos --seed %llu --rounds %zu\nThe recordings and logs are in %s. Draw this "
+                "recording first: ats "
+                "replay %s --html failure.html\n",
+                static_cast<unsigned long long>(plan.seed), round_number, settings.folder.c_str(), recording.c_str());
 }
 
 int carry_out(const plan& plan, const settings& settings)

@@ -30,7 +30,8 @@ bool is_on_sm(act_kind kind)
     return kind >= act_kind::kill_sm;
 }
 
-// Draws rounds one after another. Keeps track of which hosts and SMs run, so that each act has an effect.
+// Draws rounds one after another. Keeps track of which hosts have ended and how many SMs run, because these decide
+// which acts are possible.
 class drawer
 {
   public:
@@ -85,7 +86,7 @@ class drawer
     {
         act.host = 1 + number_below(hosts_);
         if (gone_hosts_.count(act.host) > 0 || !busy_hosts_.insert({act.host, act.kind}).second) return false;
-        // A host that is already paused in this round does not end and gets no orders.
+        // A host that this round has paused must not end, and gets no orders.
         const bool ends = act.kind == act_kind::kill_host || act.kind == act_kind::stop_host;
         if (ends && busy_hosts_.count({act.host, act_kind::pause_host}) > 0) return false;
         const bool is_order =
@@ -129,7 +130,7 @@ std::string text_of(const act& act)
     case act_kind::start_sm:
         return act.number == 1 ? "hand over to a second SM" : "start a standby SM";
     default:
-        return name_of(act.kind); // the other acts on an SM have no host and no number
+        return name_of(act.kind); // the texts of the other acts on an SM contain no host and no number
     }
 }
 

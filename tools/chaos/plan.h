@@ -30,12 +30,12 @@ struct act {
     act_kind kind = act_kind::kill_host;
     int host = 0;    // numbered from 1; 0 for acts on an SM
     int number = 0;  // its meaning depends on the kind, see act_kind
-    int lookups = 0; // after the act, one host looks up all others so many times
+    int lookups = 0; // how often a host looks up all others after the act; each time another host, if several run
 };
 
 struct round {
     std::vector<act> acts;
-    std::vector<int> returning_hosts; // stopped or killed hosts that start again when the faults end
+    std::vector<int> returning_hosts; // stopped or killed hosts that start again after the faults have ended
 };
 
 struct plan {

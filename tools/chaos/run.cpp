@@ -66,8 +66,8 @@ void run::end()
     settle();
 }
 
-// Waits until no SM sweeps. If a link or a program ends during a sweep, ibsim loses answers to the SM, and the SM
-// hangs. If an SM does not end its sweep in time, settle() replaces it later.
+// Waits until no SM sweeps. If a link goes down or a program ends during a sweep, ibsim loses answers to the SM, and
+// the SM hangs. If an SM does not end its sweep in time, settle() later replaces all SMs.
 void run::wait_quiet()
 {
     fabric_tools::wait_until([&] { return sms_.are_quiet(); }, longest_wait);
@@ -90,8 +90,8 @@ void run::act_on_sm(const act& act)
     if (act.kind == act_kind::restart_sm) sms_.stop_all();
     if (act.kind == act_kind::pause_sm) sms_.pause();
     if (act.kind == act_kind::start_sm) {
-        // If the new SM becomes the master, the present SM still has the records of these hosts. It may become the
-        // master again later, and the checks must then allow the records of a host that has ended.
+        // If the new SM becomes the master, the present SM still has the records of these hosts. The present SM may
+        // become the master again later. The checks must then allow the records of a host that has ended.
         if (act.number == 1)
             for (const auto& each : hosts_)
                 if (each->is_running()) sms_.keep(each->gid(), each->possible_records());
@@ -152,7 +152,7 @@ void run::act_on_host(const act& act)
 
 void run::heal(const round& round)
 {
-    // A full disk ends last: a service that is paused does not notice it.
+    // Full disks get space last, because a service must first run and notice its full disk.
     std::stable_partition(faults_.begin(), faults_.end(),
                           [](const act& act) { return act.kind != act_kind::fill_disk; });
     for (const act& act : faults_) {
@@ -224,8 +224,8 @@ const std::string& run::recording_of(const failure& failure) const
     return (named == hosts_.end() ? hosts_.front() : *named)->recording();
 }
 
-// Inserts the acts, at their times, into the recording of the host's last process. A process that still runs continues
-// to write its file, so a new file takes the place of the old one.
+// Inserts the acts on this host and on SMs, and the failure, into the recording of the host's last process. If the
+// process still runs, it continues to write to the old file. Therefore a new file takes the name of the old one.
 void run::annotate(const host& host, const std::optional<failure>& failure) const
 {
     std::multimap<uint64_t, std::string> additions;

@@ -16,17 +16,17 @@
 namespace chaos
 {
 
-// The node on which programs run that ask the SA directly.
+// Programs that ask the SA directly run on this node.
 constexpr const char* tool_node = "desk";
 
 // Numbers for the summary.
 struct figures {
     std::map<act_kind, int> acts;
     int rounds = 0;
-    int questions = 0;       // questions that hosts were asked about each other
+    int questions = 0;       // addresses and GIDs that hosts were asked for
     int unanswered = 0;      // questions without an answer; allowed only during faults
-    int orders_repeated = 0; // how often an order was repeated because it was not confirmed
-    int sms_lost = 0;        // how often an SM had to be replaced, because ibsim had lost an answer to it
+    int orders_repeated = 0; // how often settle() repeated the orders of a host
+    int sms_lost = 0;        // how often settle() replaced the SMs, because ibsim had lost an answer
     std::chrono::milliseconds longest_settling{0}; // from the end of the faults until everything was right
 };
 
@@ -36,25 +36,25 @@ class run
     // `hosts` is the number of hosts. Their recordings go to the folder `records`.
     run(int hosts, const std::string& records, const host_options& options);
 
-    // Starts all programs. Throws failure if not everything is right after a time limit.
+    // Starts all programs, and waits until everything is right. Throws failure after a time limit.
     void begin();
 
     // Carries out the next round, and waits until everything is right. Throws failure after a time limit. Throws
-    // failure at once if an answer is wrong during the faults: a missing answer is allowed, a wrong one is not.
+    // failure at once if an answer is wrong during the faults. A missing answer is allowed then.
     void carry_out(const round& round);
 
-    // Ends all hosts, one after another. Throws failure if not everything is right after a time limit, for example if a
-    // record of a host stays at the SA.
+    // Ends all hosts, one after another, and waits until everything is right. Throws failure after a time limit, for
+    // example if a record of a host stays at the SA.
     void end();
 
     const figures& counts() const { return figures_; }
     std::string current_act() const { return current_act_; }
 
-    // The recording of the host that the failure names, or of the first host.
+    // Returns the recording of the host that the failure names, or of the first host if it names none.
     const std::string& recording_of(const failure& failure) const;
 
-    // Copies the logs of all programs to the folder of the recordings. Adds the acts, and `failure` if there is one, to
-    // the recordings.
+    // Copies the logs of the hosts, the SMs and ibsim to the folder of the recordings, and the configurations and
+    // captures of the hosts. Adds the acts, and `failure` if there is one, to the recordings.
     void keep_logs(const std::optional<failure>& failure);
 
   private:
@@ -99,7 +99,7 @@ class run
     std::vector<act> faults_;      // faults of this round that have not ended
     bool is_sa_disturbed_ = false; // an act on an SM has begun in this round
     int lookup_count_ = 0;
-    std::optional<clock::time_point> silent_since_; // since when the SA does not answer or the SM sweeps
+    std::optional<clock::time_point> silent_since_; // since when the SA does not answer or sms::are_quiet() is false
     figures figures_;
 };
 

@@ -20,8 +20,8 @@ class sms
     // (`becomes_master`) or a lower one.
     void start(bool becomes_master);
 
-    // kill_master() kills the master; a standby then becomes the master. stop_all() sends SIGTERM to all SMs,
-    // kill_all() SIGKILL.
+    // kill_master() kills the master, or the first SM if none is the master. A standby then becomes the master.
+    // stop_all() ends all SMs with SIGTERM, or with SIGKILL after 10 s. kill_all() ends all SMs with SIGKILL.
     void kill_master();
     void stop_all();
     void kill_all();

@@ -14,7 +14,7 @@ namespace
 const std::string unused_address = "10.9.9.9";
 constexpr auto longest_settling = 90s;
 constexpr auto patience_of_administrator = 15s; // then settle() repeats orders that were not confirmed
-// If no fault is active, and for this time the SA does not answer or the SM sweeps, settle() replaces the SM.
+// settle() replaces the SMs if the SA does not answer, or the SMs are not quiet, for this time.
 constexpr auto longest_silence = 20s;
 constexpr long most_new_descriptors = 4;
 
@@ -125,8 +125,8 @@ void run::settle()
     figures_.longest_settling = std::max(figures_.longest_settling, settling_time);
 }
 
-// Returns the first fault that the hosts, the SM, the SA's records and the answers show at this moment, or nothing.
-// Throws failure if the process of a host has ended.
+// Checks the processes, the SMs, the registrations, the answers of the hosts and their metrics, in this order. Returns
+// the first fault, or nothing. Throws failure if the process of a host has ended by itself.
 std::optional<failure> run::first_fault()
 {
     for (const auto& each : hosts_)
@@ -161,7 +161,8 @@ std::optional<failure> run::fault_of_process(host& host) const
     return std::nullopt;
 }
 
-// After a full disk has space again, a host must write its metrics again. Returns the fault if it has not done so yet.
+// After a full disk has space again, a host must write its metrics again. Returns the fault if the host has not written
+// them yet.
 std::optional<failure> run::fault_of_disk(const host& host) const
 {
     if (!host.lacks_metrics()) return std::nullopt;
@@ -174,8 +175,8 @@ void run::note_silence()
     if (!silent_since_) silent_since_ = clock::now();
 }
 
-// Reads the SA's records with a program that is independent of the service. Returns nothing if the SA does not answer.
-// Sets silent_since_ if the SA does not answer, and clears it if the SA answers.
+// Reads the SA's records with a program that is independent of the service. If the SA answers, clears silent_since_. If
+// the SA does not answer, sets silent_since_ (unless it is set) and returns nothing.
 std::optional<std::map<std::string, std::string>> run::read_records()
 {
     std::vector<std::string> command = {READ_RECORDS};
@@ -205,7 +206,7 @@ std::optional<failure> run::fault_of_registration(host& host, const record_map& 
     if (!host.is_running()) {
         const std::set<std::string> kept = sms_.kept_of(host.gid());
         if (at_sa.empty() || kept.count(at_sa) > 0) return std::nullopt;
-        return failure{"the SA has a record of " + host.name() + ", which has gone", join(kept), at_sa};
+        return failure{"the SA has a record of " + host.name() + ", but this host has ended", join(kept), at_sa};
     }
     const json status = host.ask({"status"});
     const json port = first_of(status, "hcas").value("ports", json::array({json::object()})).at(0);

@@ -12,8 +12,8 @@ class raw_connection
   public:
     static constexpr const char* hello = R"({"request":"hello","protocol":1})";
 
-    // Connects. With `greets`, also sends the hello and reads its answer. If the service cannot be reached, is_open()
-    // returns false.
+    // Connects. If `greets` is true, also sends the hello and reads the answer. If the service cannot be reached,
+    // is_open() returns false.
     explicit raw_connection(const std::string& path, bool greets = true)
     {
         sockaddr_un address{};

@@ -14,19 +14,19 @@ namespace fabric_tools
 
 using nlohmann::json;
 
-// Return the node name of a host, which is also its host name, and the address of a host. Host 1 is "node1" with
-// 10.0.0.1.
+// node_name() returns the name of a host and of its node. address_of() returns the address of a host. Host 1 is "node1"
+// with 10.0.0.1.
 std::string node_name(int number);
 std::string address_of(int number);
 
-// Returns the names of `others`, followed by those of hosts 1 to `count`.
+// Returns `others`, followed by the node names of hosts 1 to `count`.
 std::vector<std::string> node_names(int count, std::vector<std::string> others);
 
 // Returns the path of the program `ats`.
 std::string ats_program();
 
-// Asks the service at the socket with `ats COMMAND... --json`. This client needs no port, so it runs outside of ibsim,
-// which supports only a few programs. Returns its output, or null if the output is not JSON.
+// Asks the service at the socket with `ats COMMAND... --json`. ibsim supports only a few programs. This client needs no
+// port, so it runs outside of ibsim. Returns its output, or null if the output is not JSON.
 json ask_service(ibsim_fabric& net, const std::string& socket, std::vector<std::string> command);
 
 class fabric_host
@@ -43,6 +43,7 @@ class fabric_host
     json ask(std::vector<std::string> command) const { return ask_service(net_, socket_, std::move(command)); }
 
     // Returns the status of the host's first port: {"state", "link", "gid", "lid", "sent", "received", ...}.
+    // Returns {} if the host does not answer.
     json port() const;
 
     // Returns the output of the host so far.
@@ -64,7 +65,7 @@ class fabric_host
     std::unique_ptr<process> program_;
 };
 
-// Asks the SA for records from `node`, with `ats sa show --json` and these filter options. Returns null on failure.
+// Runs `ats sa show --real --json` on `node`, with the filter options. Returns the SA's records, or null on failure.
 json records_at_sa(ibsim_fabric& net, const std::string& node, const std::vector<std::string>& filter = {});
 
 // Returns the number of records at the SA, or -1 if the SA cannot be asked.

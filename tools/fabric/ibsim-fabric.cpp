@@ -92,7 +92,7 @@ std::unique_ptr<process> ibsim_fabric::start(const std::string& node, const std:
                                              const std::vector<std::string>& arguments,
                                              const std::vector<std::string>& environment)
 {
-    // ibsim's library creates a folder in the working folder of a program.
+    // ibsim's library creates a folder in the working folder of a program. Therefore each program has its own.
     const std::string own_folder = new_file(name);
     files::create_directory(own_folder);
     std::vector<std::string> variables = environment;

@@ -1,5 +1,5 @@
-// A simulated fabric for real programs: ibsim in its own folder, one switch, and nodes. A program runs on a node if
-// ibsim's library is preloaded into it. The destructor ends ibsim and removes the folder.
+// A simulated fabric for real programs: ibsim in its own folder, one switch, and nodes. start() runs a
+// program on a node: it preloads ibsim's library into the program. The destructor ends ibsim and removes the folder.
 #pragma once
 
 #include <memory>
@@ -26,7 +26,7 @@ class ibsim_fabric
     // Returns an error if a needed program is not installed.
     static ats::result<> check_programs();
 
-    // Returns the path of ibsim's library, for LD_PRELOAD.
+    // Returns the path of ibsim's library, for LD_PRELOAD, or "" if the library is not installed.
     static std::string library();
 
     // Connects the nodes to one switch. ibsim and all programs also preload the library `preload`, unless it is "".

@@ -148,7 +148,8 @@ std::optional<std::string> process::wait_line(const std::string& text, duration 
 {
     std::optional<std::string> match;
     const auto look = [&] {
-        const bool was_over = has_ended(); // checked first: then the read gets all of the output
+        const bool was_over =
+            has_ended(); // checked before the read: if the process has ended, the read gets all output
         const std::string all = output();
         while (true) {
             const size_t end = all.find('\n', searched_);

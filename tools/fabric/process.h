@@ -20,7 +20,7 @@ using duration = std::chrono::milliseconds;
 // `interrupted` after a signal; see throw_when_interrupted().
 bool wait_until(const std::function<bool()>& condition, duration longest);
 
-// After this call, SIGINT, SIGTERM and SIGHUP make the current wait, or the next one, throw `interrupted`. Destructors
+// After this call, SIGINT, SIGTERM and SIGHUP make the current or the next wait throw `interrupted`. Destructors
 // then end all child processes. The children do not receive the terminal's signals, because they have their own process
 // groups.
 void throw_when_interrupted();

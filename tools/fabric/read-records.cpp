@@ -1,8 +1,9 @@
-// Asks the SA for the hosts' ServiceRecords of some GIDs. Sends one request for each GID, because ibsim cannot deliver
-// an answer that contains several records.
+// Asks the SA for the ServiceRecord of the host with each GID. Sends one request for each GID, because ibsim cannot
+// deliver an answer that contains several records.
 //   read-records GID...
 // Prints "GID P_KEY ADDRESS NAME" for a record, and "GID STATUS" for an error other than "no records". Prints nothing
-// for a GID without a record. If the SA does not answer, ends with exit code 2.
+// for a GID without a record. Ends with exit code 2 if a GID is malformed, the port cannot be used or the SA does
+// not answer.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>

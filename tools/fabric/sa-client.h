@@ -21,9 +21,9 @@ class sa_client
     // Opens the first active port. Calls fail() if there is none, or if it cannot be used.
     sa_client();
 
-    // Sends the request with a new TransactionID, and returns the SA's answer. Waits a second for the answer; another
-    // datagram ends this wait. Sends the request up to five times in all, then returns nothing. Calls fail() if the
-    // request cannot be sent.
+    // Sends the request with a new TransactionID up to five times, until the SA answers. Returns the answer, or
+    // nothing. Each time, waits one second for the answer; the arrival of another datagram ends this wait. Calls fail()
+    // if the request cannot be sent.
     std::optional<sa_mad_v2_t> ask(sa_mad_v2_t request);
 
   private:

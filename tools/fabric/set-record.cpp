@@ -3,7 +3,7 @@
 //   set-record GID P_KEY ADDRESS NAME      SubnAdmSet
 //   set-record -d GID P_KEY                SubnAdmDelete, by record identifier
 // Prints the status of the answer in hex. The exit code is 0 if the status is 0, and 1 for another status. It is 2 if
-// an argument is wrong or the SA does not answer.
+// an argument is wrong, the port cannot be used or the SA does not answer.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -18,8 +18,8 @@ namespace
 
 using fabric_tools::fail;
 
-// The mask bits of ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without its mask bit. With its
-// mask bit, OpenSM refuses the request if the port of the GID is gone.
+// The mask bits of ServiceID, ServiceGID and ServiceName. OpenSM compares the P_Key even without the mask bit of the
+// P_Key. With this mask bit, OpenSM refuses the request if the port of the GID is gone.
 constexpr uint64_t identifier_mask = 0x43;
 
 sa_mad_v2_t request_of(bool removes, char** arguments)

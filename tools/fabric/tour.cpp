@@ -1,6 +1,6 @@
 // `make fabric`: runs real hosts on a simulated fabric under OpenSM, and causes the usual events of a fabric. Prints
-// one line for each event, with its effect and its duration. The exit code is 1 if an effect is missing or wrong, 2 if
-// the tour cannot begin, and 130 after Ctrl-C.
+// one line for each event, with its effect and the time until the effect. The exit code is 1 if an effect is missing or
+// wrong or an error ends the tour, 2 if the tour cannot begin, and 130 after Ctrl-C.
 //   ats-fabric [HOSTS]
 
 #include <csignal>
