@@ -1,7 +1,7 @@
-// The bands at the right of each lane, and the bars of faults at its left. Each port has four bands. They show when its link
-// was up, when it was the active port, when it was registered, and when its requests waited for answers.
+// The bands at the right of each port's lane, and the bars of faults and acts at the left of a lane. Each port has four bands.
+// They show when its link was up, when it was the active port, when it was registered, and when its requests waited for answers.
 
-// The four bands. `x` is the distance from the line of the lane, in pixels. `read` returns the value of the band in a state.
+// `x` is the distance of a band from the line of the lane, in pixels. `read` returns the value of the band in a state.
 const BANDS = [
   { key: "link", x: 7, label: "link", read: (state, port) => (state.ports.get(port) || {}).state === "active" ? "up" : null },
   { key: "active", x: 14, label: "active port", read: (state, port) => state.active.get(hcaOf(port)) === port ? "active" : null },

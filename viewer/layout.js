@@ -1,11 +1,11 @@
-// Computes the places of all parts of the picture. Time runs from top to bottom, and each row has one event. A long period
-// without events is folded: it takes one row of constant height.
+// Computes the places of all parts of the picture. Time runs from top to bottom. A row has one event, or several events
+// of the same tick. A long period without events is folded: it takes one row of constant height.
 
 const ROW = { datagram: 22, log: 15, act: 22, handled: 16, step: 40, violation: 56, fold: 30, change: 7 };
 const FOLD_MS = 400; // a longer period without events is folded
 const TIME_WIDTH = 84;
 const SA_ROOM = 96; // pixels between the times and the SA's lane, for the bars of faults
-const NARROW = 700; // pixels; on a narrower screen, SA_ROOM is halved
+const NARROW = 700; // pixels; in a narrower picture, SA_ROOM is halved and the lanes are closer
 const TOP = 10;
 
 const formatNumber = number => number.toLocaleString("en");
@@ -26,7 +26,7 @@ function formatLength(ms) {
   return `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
 }
 
-// Computes the x of each lane. `width` is the width of the screen, in pixels.
+// Computes the x of each lane. `width` is the visible width of the picture, in pixels.
 function placeLanes(recording, filter, width) {
   const ports = [...recording.ports.values()].filter(port => !filter.hiddenHosts.has(port.host));
   const saX = TIME_WIDTH + (width < NARROW ? SA_ROOM / 2 : SA_ROOM);
@@ -45,7 +45,7 @@ class Layout {
     this.hostLane = new Map(); // the first lane of each host
     for (const lane of this.lanes.values()) if (lane.host && !this.hostLane.has(lane.host)) this.hostLane.set(lane.host, lane);
     this.yOf = new Float64Array(recording.events.length); // the y of each event
-    this.stops = []; // indexes of the events at which the scrubber stops
+    this.stops = []; // indexes of the events that start a row; the scrubber stops there
     this.arrows = [];
     this.logs = [];
     this.folds = [];
@@ -59,7 +59,7 @@ class Layout {
     this.y = TOP;         // of the last row
     this.lastTick = null; // tick of the last event that has a row
     this.logRow = null;   // the marks of log lines in the last row
-    this.handledRow = null;     // the ports with a mark in the last row, if it has only marks of port events
+    this.handledRow = null;     // the ports with a mark in the last row, if this row has only marks of port events
     this.isUnmarkedRow = false; // the last row has only events that draw no mark, such as link changes
     recording.events.forEach(event => this.place(event));
     this.height = this.y + 40;
@@ -71,7 +71,7 @@ class Layout {
     if (isShown) this.stops.push(event.index);
   }
 
-  // Gives the event its row. Returns false if the event has no row.
+  // Adds the event to the picture, unless it is hidden. Returns true if the event starts a row.
   placeShown(event) {
     switch (event.e) {
     case "sent":
@@ -160,7 +160,7 @@ class Layout {
     return isNew;
   }
 
-  // Events of different ports with the same tick share a row.
+  // Consecutive port events with the same tick share a row, unless they are events of the same port.
   placeHandled(event) {
     const lane = this.lanes.get(event.port);
     if (!lane || !this.filter.showsHandled(event)) return false;
@@ -201,7 +201,8 @@ class Layout {
     return true;
   }
 
-  // Gives an event without a mark a row. Consecutive ones with the same tick share it.
+  // Places an event that draws no mark. Consecutive events of this sort with the same tick share a row. A port that is down
+  // at the start of the recording has no row.
   placeUnmarked(event) {
     if (event.t === 0 && event.e === "port" && event.state === "down") return false;
     const isNew = !this.isUnmarkedRow || this.lastTick !== event.t;
@@ -210,7 +211,7 @@ class Layout {
     return isNew;
   }
 
-  // Returns the index of the last stop that is not below y.
+  // Returns the index in `stops` of the last stop whose y is not greater than `y`, or 0 if there is none.
   stopAt(y) {
     let [low, high] = [0, this.stops.length - 1];
     while (low < high) {

@@ -3,10 +3,10 @@
 const SVG = "http://www.w3.org/2000/svg";
 const DRAW_ALL_ITEMS = 4000; // a picture with at most this number of items is drawn whole
 const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label, in pixels
-const TITLE_LETTER_WIDTH = 8.4; // the same in the title of a violation
+const TITLE_LETTER_WIDTH = 8.4; // the approximate width of a letter in the title of a violation, in pixels
 const NAMES_HEIGHT = 46;
-const LONG_ARROW = 900; // pixels; one end of a longer arrow may be outside the screen, so it has a label at both ends
-const HANDLED_TEXT_X = 38; // pixels from the lane; the bands are between
+const LONG_ARROW = 900; // pixels; a longer arrow has labels at both ends, because one end may be outside the screen
+const HANDLED_TEXT_X = 38; // pixels from the lane to the text; the bands are between them
 const HANDLED_SHAPES = { up: "m0 -6l6 11h-12z", down: "m0 6l-6 -11h12z", "SM change": "m0 -6.5l6.5 6.5l-6.5 6.5l-6.5 -6.5z" };
 const MARGIN = 1500; // pixels above and below the screen that are also drawn
 
@@ -23,7 +23,7 @@ const svgText = (x, y, text, className, anchor) => svgNode("text", { x, y, class
 function kindOf(sent) {
   if (sent.attribute === "PathRecord") return "path";
   const method = sent.method.replace("Resp", "").toLowerCase();
-  // The answer to a Set is a GetResp. Therefore callers pass the request in place of its answer, if it is known.
+  // The answer to a Set is a GetResp. Therefore callers pass the request in place of an answer, if the request is known.
   return ["get", "set", "delete"].includes(method) ? method : "other";
 }
 
@@ -37,7 +37,7 @@ const cutText = (text, digits) => text.length > digits ? text.slice(0, digits - 
 // Status 0x0300 (no such record) is a usual answer, so it does not count as an error.
 const isTroubleStatus = sent => !isGood(sent) && !sent.status.startsWith("0x0300");
 
-// Extracts "it holds no such record" from "0x0300 (it holds no such record)".
+// Extracts "holds no such record" from "0x0300 (it holds no such record)".
 const statusText = sent => sent.status.replace(/^\S+ \((.*)\)$/, "$1").replace(/^it /, "");
 
 function subjectOf(sent) {
@@ -82,6 +82,7 @@ class Picture {
   }
 
   // Draws the visible part and a margin, or everything if there are few items. Does nothing if this part is drawn already.
+  // If `isForPrint` is true, always draws, and with a larger margin below.
   draw(isForPrint = false) {
     const { height } = this.layout;
     const isWhole = this.items <= DRAW_ALL_ITEMS;
@@ -213,14 +214,15 @@ class Picture {
       end && end.twin || length < LONG_ARROW ? "" : this.farLabel(datagram, label, [x1, y1], [x2, y2]));
   }
 
-  // Returns a second label of a long arrow, for the end that the first label is not near.
+  // Returns a second label of a long arrow. It is near the receiver; the first label is near the sender.
   farLabel(datagram, label, [x1, y1], [x2, y2]) {
     const host = datagram.lane ? datagram.lane.host : "";
     if (datagram.sent.from === "sa") return svgText(x2 - 14, y2 - 4, label, "label", "end");
     return svgText(x2 + 14, y2 - 4, `${host}: ${label}`, "label", "start");
   }
 
-  // Returns the request that the datagram answers; they have the same colour. For a request, returns the request itself.
+  // Returns the request that the datagram answers, because an answer has the colour of its request. If no such request is
+  // known, or the datagram is a request, returns the datagram itself.
   requestOf(datagram) {
     return datagram.request ? datagram.request.sent : datagram.sent;
   }
@@ -244,7 +246,7 @@ class Picture {
       svgText(mark.lane.x, mark.y + 3, text, "", "middle"));
   }
 
-  // A port event at the moment at which the host handles it.
+  // Draws a port event at the moment at which the host handles it.
   handled({ event, lane, y }) {
     const room = this.layout.step - HANDLED_TEXT_X - 22;
     const text = handledText(event);

@@ -23,7 +23,7 @@ function readRecording(text) {
   return recording;
 }
 
-// Joins the events of a datagram, and adds its port to the list of ports.
+// Notes the port of a port event. Joins the events of each datagram.
 function noteEvent(recording, event) {
   if (event.e === "port" && !recording.ports.has(event.port))
     recording.ports.set(event.port, { name: event.port, host: event.host, gid: event.gid });
@@ -45,7 +45,7 @@ const keyOf = record => [record.gid, record.p_key, record.service].join("/");
 // The closing phase of a campaign has several steps.
 const isClosing = event => event.e === "step" && event.phase === "closing";
 
-// "up", or "up (LID change)": what a host was told about its port, and what the fabric had reported if that differs.
+// Returns for example "up" or "up (LID change)": what the host was told about its port, and the cause if it differs.
 const handledText = event => event.cause === event.event ? event.event : `${event.event} (${event.cause})`;
 
 // Each datagram goes from a port to the SA, or from the SA to a port. Returns this port, or null if it is unknown.
@@ -117,7 +117,7 @@ function noteRequest(state, sent) {
   if (sent.method === "Set") setRegistration(state, sent, "asked");
 }
 
-// An answer has arrived at a host. If it is about the host's own record, it shows if the host is registered.
+// Notes that an answer has arrived at a host. An answer about the host's own record shows if the host is registered.
 function noteAnswer(state, event) {
   const key = hostOf(event.to) + event.datagram.sent.tid;
   const request = state.waiting.get(key);

@@ -64,7 +64,7 @@ function traceText() {
   return `trace levels: ${[...new Set(levels)].sort().map(level => `${level} on ${names.filter((_, i) => levels[i] === level).join(", ")}`).join("; ")}`;
 }
 
-// Selects the moment with this index in layout.stops. If `scrolls` is true, also scrolls the picture there.
+// Selects the moment with this index in layout.stops. If `scrolls` is true, also scrolls the picture there if needed.
 function moveTo(next, scrolls = true) {
   if (!layout.stops.length) return;
   stop = Math.max(0, Math.min(next, layout.stops.length - 1));
@@ -80,7 +80,7 @@ function moveTo(next, scrolls = true) {
   byId("state").replaceChildren(describeState(recording, state, filter.hiddenHosts, (violationEvent() || {}).text || ""));
 }
 
-// Returns the index of the last event of the selected moment. Events without a row belong to the moment before them.
+// Returns the index of the last event of the selected moment. Events that start no row belong to the moment before them.
 function endOfStop() {
   const next = stop + 1 < layout.stops.length ? layout.stops[stop + 1] : recording.events.length;
   return next - 1;
@@ -266,7 +266,7 @@ function applySearch() {
   relayout();
 }
 
-// Returns a function that calls `action` when it has not been called for this time.
+// Returns a function. Each of its calls starts a wait of `ms` anew. `action` runs at the end of the wait.
 function debounce(action, ms) {
   let timer = 0;
   return () => {

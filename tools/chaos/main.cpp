@@ -92,8 +92,7 @@ void show(const failure& failure, const plan& plan, size_t round_number, const s
                 static_cast<unsigned long long>(plan.seed), round_number, act.c_str(), failure.text.c_str(),
                 failure.expected.c_str(), failure.actual.c_str());
     std::printf("Run it again: ats-chaos --seed %llu --rounds %zu\nThe recordings and logs are in %s. Draw this "
-                "recording first: ats "
-                "replay %s --html failure.html\n",
+                "recording first: ats replay %s --html failure.html\n",
                 static_cast<unsigned long long>(plan.seed), round_number, settings.folder.c_str(), recording.c_str());
 }
 

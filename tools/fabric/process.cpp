@@ -148,8 +148,8 @@ std::optional<std::string> process::wait_line(const std::string& text, duration 
 {
     std::optional<std::string> match;
     const auto look = [&] {
-        const bool was_over =
-            has_ended(); // checked before the read: if the process has ended, the read gets all output
+        // This check comes before the read: if the process has ended, the read then gets all output.
+        const bool was_over = has_ended();
         const std::string all = output();
         while (true) {
             const size_t end = all.find('\n', searched_);
