@@ -346,12 +346,12 @@ TEST_P(images_of_both_kinds, need_no_standard_input)
     ASSERT_TRUE(host.modules.insmod(path));
     EXPECT_EQ(kernel::find_placed_image(symbol(host, "probe_text")).source != nullptr, GetParam());
     EXPECT_TRUE(host.modules.rmmod("probe"));
-    EXPECT_LT(fcntl(0, F_GETFD), 0) << "it is closed again";
+    EXPECT_LT(fcntl(0, F_GETFD), 0) << "descriptor 0 is closed again";
     dup2(saved, 0);
     close(saved);
 }
 
-// The dynamic linker would find such an image again by its path, with its old variables.
+// For a new load, the dynamic linker would find an image that stayed mapped by its path, with its old variables.
 TEST_F(images_of_the_linker, that_stay_mapped_are_not_used_again)
 {
     for (int i = 0; i < 3; ++i) {
@@ -366,8 +366,8 @@ TEST_F(images_of_the_linker, that_stay_mapped_are_not_used_again)
 }
 #endif
 
-// A thousand machines need more descriptors than a shell allows at first, because every image of the dynamic linker
-// keeps one open.
+// The dynamic linker keeps a descriptor open for every image that it maps. Many machines need more descriptors than the
+// soft limit allows, so the loader must raise this limit.
 TEST_P(images_of_both_kinds, have_variables_of_their_own)
 {
     rlimit limit{};
@@ -391,7 +391,7 @@ TEST_P(images_of_both_kinds, have_variables_of_their_own)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Kernel calls throw when memory is used up.
+// A kernel call throws an exception when memory is used up. The exception must pass through the module.
 TEST_P(images_of_both_kinds, let_an_exception_pass)
 {
     ASSERT_TRUE(host.modules.insmod(path));

@@ -44,7 +44,7 @@ TEST(memory, is_listed_and_reported_as_a_leak_unless_it_is_freed)
     EXPECT_DEATH(world.run(free_twice), "kfree: .* is not memory of this machine, or was freed before");
 }
 
-// Freed blocks are used again for new blocks of about the same size, and blocks are found by their address.
+// The account uses freed blocks again for new blocks of about the same size, and finds blocks by their address.
 TEST(memory, keeps_every_byte_of_blocks_of_all_sizes)
 {
     kernel::memory_account memory;
@@ -199,8 +199,8 @@ TEST(log, keeps_texts_as_printed_and_shows_lines_as_a_reader_does)
         printk("<1>%s\n", std::string(3000, 'x').c_str()); // is cut, but keeps its line end
         printk("!\n");
         printk("<0>0\n<7>7\n<8>8\n<7 7\n< >\n<7>");
-        printk("\n%s\n", std::string(2045, 'y').c_str()); // the longest that is not cut
-        printk("%s!\n", std::string(2046, 'z').c_str());  // one more
+        printk("\n%s\n", std::string(2045, 'y').c_str()); // the longest text that is not cut
+        printk("%s!\n", std::string(2046, 'z').c_str());  // one byte more
     });
     world.host.log.unfollow(handle);
     world.run([] { printk("nobody follows\n"); });
@@ -287,7 +287,7 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
         char* second = static_cast<char*>(kmalloc(64, GFP_KERNEL));
         printk("%p %p\n", static_cast<void*>(first), static_cast<void*>(second + 5));
         kfree(first);
-        void* third = kmalloc(64, GFP_KERNEL); // usually has the address of the first one
+        void* third = kmalloc(64, GFP_KERNEL); // usually has the address of `first`
         printk("%p\n", third);
         kfree(third);
         kfree(second);

@@ -28,8 +28,7 @@ struct one_machine {
     // Runs `body` in a task of the machine and returns when `body` has ended.
     void run(const std::function<void()>& body) { host.enter("test", body); }
 
-    // Waits for all tasks, beginning with the one that was started last: its body may use earlier tasks, which must
-    // still exist.
+    // Waits for all tasks, the latest first. The body of a task may use earlier tasks, so these must still exist.
     void finish()
     {
         for (; !tasks.empty(); tasks.pop_back()) sim->join(*tasks.back());

@@ -30,8 +30,9 @@ struct handler_plan {
     ptrdiff_t start = 0;                        // offset of *start in the page
 };
 
-// A read handler. It writes the text from the offset `off` on into the page, at most `count` + `excess_bytes` bytes. If
-// `plan.start` is not 0, it writes no text, and only sets `*start` and returns the length.
+// A read handler. Its answer is the text from the offset `off` on, at most `count` + `excess_bytes` bytes. It returns
+// the length of the answer, and writes as much of the answer as fits into the page. If `plan.start` is not 0, it writes
+// nothing, but sets `*start` and returns the same length.
 int read_text(char* page, char** start, off_t off, int count, int* eof, void* data)
 {
     auto& plan = *static_cast<handler_plan*>(data);

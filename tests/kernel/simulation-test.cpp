@@ -87,7 +87,7 @@ TEST(order, a_systematic_schedule_tries_all_within_its_bound_and_finds_the_one_t
 }
 
 // Two tasks run in 1000 orders. Counts the orders in which the task "many steps" begins and ends while the task "two
-// steps" is in its only step.
+// steps" is in its only call of step().
 int orders_that_hold_a_task_back(const std::function<std::unique_ptr<exec::schedule>(uint64_t seed)>& make_order)
 {
     int hits = 0;
@@ -248,7 +248,7 @@ TEST(stalls, include_spinning_for_a_lock_that_nobody_releases)
     spinlock_t lock;
     spin_lock_init(&lock);
     const auto take = [&] { spin_lock_irqsave(&lock); };
-    world.run(take); // never released
+    world.run(take); // keeps the lock
     exec::task& other = world.host.start("other", take);
     EXPECT_THAT(report_of_stall(world, take),
                 HasSubstr("node1/other spins since tick 0\nnode1/test spins since tick 0\n"));

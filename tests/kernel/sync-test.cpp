@@ -35,7 +35,7 @@ TEST(semaphores, a_new_task_does_not_overtake_waiting_tasks)
         down(&sem);
         schedule_timeout_uninterruptible(10);
         up(&sem);
-        down(&sem); // no unit is free, because the first task in the queue got it
+        down(&sem); // no unit is free, because up() gave the unit to the first task in the queue
         order.emplace_back("latecomer");
         up(&sem);
     });

@@ -75,7 +75,7 @@ struct other_counter final : kernel::service {
     counter& first;
 };
 
-// Every part of a machine is used by all threads at once: by a part of its own in each thread, and by a shared one.
+// All threads use every part of a machine at once. Each thread uses names and entries of its own, and shared ones.
 TEST_F(threads, share_all_parts_of_a_machine)
 {
     const std::string probe = world::default_module_folder() + "/probe.so";

@@ -20,7 +20,8 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-// The module does not release this when it ends: 1 its published name, 2 all resources of the stack, 3 its /proc entry.
+// What the module does not release when it ends. 0: nothing, 1: its published name, 2: what use_stack() acquires, 3:
+// its /proc entry.
 int32_t forget = 0;
 std::atomic<int32_t> logger_level{-1};
 
@@ -139,7 +140,7 @@ MODULE_EXPORT int probe_begin(void (*function)())
     return construction_count;
 }
 
-// Calls a function of the test program. If it throws, the local object below must be destroyed.
+// Calls a function of the test program. If this function throws, the local object below must be destroyed.
 MODULE_EXPORT int probe_call_back(void (*function)())
 {
     struct counter {

@@ -122,8 +122,8 @@ TEST(ibat_cache, own_mapping_stays_until_the_host_changes_it)
     world.reply(world.own(ip_b, gid_of(2), 2)); // fail-over to the second port
     EXPECT_EQ(world.entry_text(ip_b), "2 own");
     EXPECT_EQ(world.address_of(gid_of(1)), 0u);
-    // The first port is active again, with another address. The entry of the second port is now like one of another
-    // host.
+    // The first port is active again, with another address. The entry of the second port is now like an entry of
+    // another host.
     world.reply(world.own(ip_c, gid_of(1), 1));
     EXPECT_EQ(world.entry_text(ip_c), "1 own");
     EXPECT_EQ(world.entry_text(ip_b), "2");

@@ -35,7 +35,7 @@ TEST(ibat_requests, unanswered_request_is_repeated_and_times_out_at_the_exact_ti
     EXPECT_THAT(world.resolver.attempts, ElementsAre(Pair(7, ip_a), Pair(100, ip_b), Pair(507, ip_a), Pair(600, ip_b),
                                                      Pair(1'007, ip_a), Pair(1'100, ip_b)));
 
-    world.reply(world.answer(ip_a, gid_of(1))); // too late for these requests, but the next one finds it in the cache
+    world.reply(world.answer(ip_a, gid_of(1))); // too late for these requests; the next one is answered from the cache
     EXPECT_EQ(first.replies.size() + second.replies.size(), 2u);
     EXPECT_EQ(world.ask(ip_a, first), ibat_stat_ok);
 

@@ -8,7 +8,7 @@
 #include "tests/peers/peer-world.h"
 
 struct recording_resolver {
-    std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each, including refused ones
+    std::vector<std::pair<uint64_t, uint32_t>> attempts; // tick and address of each send_arp(), whatever it returned
     ibat_stat_t result = ibat_stat_ok;                   // returned by send_arp()
     unsigned long duration_ticks = 0;                    // send_arp() sleeps for this time
     int call_count = 0;                                  // calls of send_arp() that have not returned
@@ -61,7 +61,7 @@ class ibat_world : public peer_world
         run([&] { status = reply_here(arp); });
         return status;
     }
-    // The same for a caller that is a task of the host.
+    // Like reply(), but for a caller that is already a task of the host.
     ibat_stat_t reply_here(ibat_arp_data_t arp)
     {
         exec::atomic_section section("completion");

@@ -67,8 +67,8 @@ class peer_world
     std::string module_;
 };
 
-// A caller of the module, and the replies that its callbacks have got. A test declares it before the world: when the
-// world ends, the module may still call back.
+// A caller of the module, and the replies that its callbacks have got. A test declares the asker before the world,
+// because the module may still call back when the world ends.
 struct asker {
     struct reply {
         uint64_t tick;

@@ -1,4 +1,5 @@
-// The calls of the stack for modules: bad arguments, and where other tasks may run.
+// Calls of the kernel and the stack: bad arguments, and calls in which other tasks may run. Also the tasks of the
+// stack: that they end, and that a hanging one is found.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -101,7 +102,7 @@ TEST(calls_of_the_stack, refuse_each_bad_argument_and_store_nothing)
                   -EK_EXIST);
         datagram = client.make();
         EXPECT_EQ(gsi_post_send_dtgrm(nullptr, datagram, nullptr), -EK_INVAL);
-        gsi_dtgrm_pool_put(datagram); // still the client's
+        gsi_dtgrm_pool_put(datagram); // after a refused post, the client still owns it
         EXPECT_EQ(join(&mthca0, 2, completed, completed, &handle), 0) << "the last port";
         EXPECT_EQ(gsi_deregister_class(handle), 0);
         client.close();

@@ -1,4 +1,5 @@
-// The GSI layer's records of what a host has asked its SA and what the SA has answered: registrations and counters.
+// The GSI layer notes what a host asks the SA and what the SA answers. From this it makes the states of registrations,
+// and counters.
 #include <gtest/gtest.h>
 
 #include "host/stack/gsi-service.h"
@@ -170,7 +171,7 @@ TEST(sa_bookkeeping, keeps_the_latest_set_of_each_record_up_to_a_limit)
         for (size_t i = 3; i <= limit + 1; ++i) set(static_cast<int>(i % 256), i < 256 ? 4 : 5);
         EXPECT_EQ(records().size(), limit);
 
-        constexpr size_t service_limit = 16; // registrations() has the states of this number of services at most
+        constexpr size_t service_limit = 16; // registrations() returns states for at most this number of services
         for (uint64_t service = 1; service <= service_limit + 1; ++service) {
             gsi_dtgrm_t* datagram = client.make();
             test::record_t record = test::host_record(test::gid_number(1), 1);
@@ -186,7 +187,7 @@ TEST(sa_bookkeeping, keeps_the_latest_set_of_each_record_up_to_a_limit)
     });
 }
 
-// Counts one request or answer after the other. The tables have the texts under which reports show each of them.
+// Counts one request or answer after another. Each row has the name of the counter that must grow.
 TEST(sa_bookkeeping, counts_the_requests_to_the_sa_by_attribute_and_its_answers_by_status)
 {
     constexpr uint16_t other_attribute = 0x0011, path = SA_ATTR_PATH_RECORD, service = SA_ATTR_SERVICE_RECORD;

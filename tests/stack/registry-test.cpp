@@ -73,7 +73,7 @@ TEST_F(registry, tells_the_subscribers_of_a_key_until_they_leave_or_the_key_is_r
     EXPECT_THAT(notes, ElementsAre("x2", "x2", "y3"));
 
     EXPECT_TRUE(keys.remove("a"));
-    keys.set("a/b", "x", 4); // another key
+    keys.set("a/b", "x", 4); // makes a new key with the path of the removed one
     EXPECT_EQ(notes.size(), 3u);
     run([&] {
         intptr_t value = 0;

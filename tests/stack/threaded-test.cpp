@@ -20,7 +20,7 @@ namespace
 
 constexpr auto patience = std::chrono::seconds(60);
 
-// An SA that answers each request inside its send(). Any number of threads may send at the same time.
+// An HCA whose SA answers each request inside send(). Any number of threads may send at the same time.
 class answering_hca final : public fabric::hca
 {
   public:
@@ -78,7 +78,7 @@ struct threads : testing::Test {
     kernel::machine host{*exec, "node1"};
 };
 
-// All threads use every service of a machine at once, while others read its reports.
+// Three tasks use every service of a machine at once. Meanwhile another task reads the reports of the services.
 TEST_F(threads, share_all_services_of_a_machine)
 {
     constexpr size_t rounds = 200;
@@ -105,7 +105,7 @@ TEST_F(threads, share_all_services_of_a_machine)
             ASSERT_EQ(gsi_post_send_dtgrm(handle, datagram, nullptr), 0);
         }
         await(callback_count, 4);
-        while (gsi_deregister_class(handle) != 0) exec->relax(); // a callback may still return
+        while (gsi_deregister_class(handle) != 0) exec->relax(); // a callback may not have returned yet
         EXPECT_EQ(gsi_dtgrm_pool_destroy(pool), 0);
     };
     const auto use_verbs = [&](size_t) {

@@ -77,9 +77,9 @@ TEST_F(timers_test, run_at_their_tick_and_in_their_order_for_every_order_of_task
     }
 }
 
-// One task runs the atomic timers, another one the sleeping timers. While an atomic timer is due, the second task waits
-// without a deadline until the first task wakes it. Meanwhile an atomic handler moves a sleeping timer, or a sleeping
-// timer is armed. If the wake-up is then lost, the sleeping timer never runs.
+// One task runs the atomic timers, a second task runs the sleeping timers. While an atomic timer is due, the second
+// task waits without a deadline until the first task wakes it. Meanwhile an atomic handler moves a sleeping timer, or a
+// sleeping timer is armed. If the wake-up is then lost, the sleeping timer never runs.
 TEST_F(timers_test, a_sleeping_timer_is_not_lost_behind_an_atomic_one_that_is_due)
 {
     for (uint64_t seed = 1; seed <= 50; ++seed) {

@@ -183,7 +183,7 @@ TEST(verbs_events, too_many_events_lose_the_oldest_but_never_the_last)
         if (i == 500) world.hca.change(2, port_change::link_up); // the only event of port 2
     }
     world.sim->run_until(200);
-    constexpr size_t limit = 16; // the most waiting events of one kind and one port
+    constexpr size_t limit = 16; // the maximum number of waiting events of one kind and one port
     EXPECT_EQ(reports.size(), 2 * limit + 1);
     const auto is_link = [](const std::string& line) {
         return line.find(" 1@") != std::string::npos && line[0] != 's';

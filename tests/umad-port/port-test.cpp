@@ -1,5 +1,5 @@
-// A port of the umad fabric. Two tasks receive from it: its own one, and one that polls. Fakes replace libibumad and
-// libibverbs. The fake device answers every request at once, except that its SA can be silent.
+// A port of the umad fabric. Two tasks receive from the port: its own task, and a task that polls. Fakes replace
+// libibumad and libibverbs. The fake device answers every request at once, except that its SA can be silent.
 #include <deque>
 #include <set>
 #include <sys/eventfd.h>
@@ -160,8 +160,8 @@ class umad_port : public testing::Test
         if (poller) exec->join(*poller);
     }
 
-    // Starts a task that polls the port. After a poll without an answer it sleeps for a tick; if `is_keen` is set, it
-    // polls again at once. After an answer it sleeps while `must_sleep` is set.
+    // Starts a task that polls the port. After a poll without an answer, the task sleeps for a tick; if `is_keen` is
+    // set, it polls again at once. After an answer, the task sleeps while `must_sleep` is set.
     void start_polling()
     {
         poller = &exec->start(nullptr, "poller", [this] {
@@ -187,8 +187,8 @@ class umad_port : public testing::Test
         EXPECT_TRUE(port->send({.lid = 1}, test::bytes_of(mad)));
     }
 
+    // Waits up to 10 seconds until `condition` returns true. Returns the last value of `condition`.
     template <class condition_t>
-    // Waits up to 10 seconds until `condition` returns true. Returns its last value.
     [[nodiscard]] bool comes_true(const condition_t& condition) const
     {
         const uint64_t deadline = exec->now() + 10'000;
@@ -247,7 +247,8 @@ TEST_F(umad_port, receives_in_its_own_task_again_when_the_polling_task_sleeps)
     }
 }
 
-// The port calls may_complete() and announces another call of it. It must make this call, even if no answer arrives.
+// The port calls may_complete() and announces another call of it. The port must make this call, even if no answer
+// arrives.
 TEST_F(umad_port, makes_the_announced_call_even_if_the_sa_becomes_silent)
 {
     start_polling();
@@ -270,7 +271,7 @@ struct change_list final : fabric::listener {
         const std::lock_guard lock(mutex);
         changes.push_back(change);
     }
-    // Waits up to 10 seconds until `count` changes were reported. Returns all changes, and forgets them.
+    // Waits up to 30 seconds until `count` changes were reported. Returns all changes, and forgets them.
     std::vector<fabric::port_change> take(size_t count)
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -286,7 +287,8 @@ struct change_list final : fabric::listener {
     std::vector<fabric::port_change> changes;
 };
 
-// Wakes a task like the service's watchdog. Returns true if the task then begins a new round of its loop.
+// Wakes a task, as the service's watchdog does. Returns true if the task then begins a new round of its loop within 30
+// seconds.
 bool begins_a_round(const fabric::fabric_task& task)
 {
     const uint64_t rounds = task.rounds();

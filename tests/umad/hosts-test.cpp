@@ -25,7 +25,7 @@ using testing::Not;
 using testing::SizeIs;
 using namespace std::chrono_literals;
 
-constexpr unsigned long exactly = 0x80; // the selector of a PathRecord's MTU, rate and lifetime
+constexpr unsigned long exactly = 0x80; // the selector "exactly" in the MTU, rate and lifetime of a PathRecord
 
 size_t times_in(const std::string& text, const std::string& part)
 {
@@ -65,8 +65,8 @@ struct hosts_on_fabric : testing::Test {
         net.emplace(fabric_tools::node_names(7, {"sm1", "sm2"}));
     }
 
-    // Fails if any program has printed a sanitizer's report. If the test has killed the program, only its output shows
-    // such a report.
+    // Fails if the output of any program contains a sanitizer's report. If the test has killed the program, its exit
+    // code does not show that there was a report.
     void TearDown() override
     {
         if (!net) return;
@@ -146,8 +146,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_EQ(answer(*hosts[1], "reverse", gid(1)), "10.0.0.1");
     EXPECT_EQ(answer(*hosts[1], "resolve", "10.0.0.9"), "not found");
 
-    // The program set-record registers two records, one after the other: one of a third port, and one with an address
-    // that node2 has registered already.
+    // The program set-record registers a third port: first with an address of its own, then with the address of node2.
     const std::string third = net->run("sm1", {"ibstat", "-p"}).substr(2, 16);
     const std::string third_gid = "0xFE80000000000000" + third;
     EXPECT_EQ(net->run("sm2", {SET_RECORD, third_gid, "0xFFFF", "10.0.0.3", "other"}), "0x0000\n");
@@ -322,7 +321,7 @@ TEST_F(hosts_on_fabric, find_each_other_though_datagrams_are_lost)
     };
     net->lose("node1", 100); // its requests still reach the SA, because ibsim drops only packets that arrive at node1
     EXPECT_TRUE(wait_until(is_silent, 30s)) << hosts[0]->output();
-    // The port's answers to questions about itself are lost too.
+    // The port asks itself for its state. Its answers are lost too.
     EXPECT_TRUE(hosts[0]->program().wait_line("the port does not report its state any more")) << hosts[0]->output();
     for (const char* node : {"node1", "node2"}) net->lose(node, 0);
     ASSERT_TRUE(reaches_state(*hosts[0], "Active")) << hosts[0]->output();

@@ -176,7 +176,8 @@ struct port_reading {
     std::optional<fabric::port_attributes> attributes = {};
 };
 
-// Answers the questions of `watch` until it has the attributes of the port. `lid` is the low byte of the port's LID.
+// Answers the questions of `watch` until `watch` has the attributes of the port, or asks nothing. `lid` is the low byte
+// of the port's LID.
 port_reading read_port(umad::port_watch& watch, uint8_t lid = 2)
 {
     port_reading reading;

@@ -62,8 +62,8 @@ class ibsim_fabric
     void unplug(const std::string& node) { console("Unlink \"" + node + "\"[1]"); }
     void plug(const std::string& node) { console("ReLink \"" + node + "\"[1]"); }
 
-    // From now on, loses this share of the packets that reach the node over its link; 0 ends the loss. SMPs of the node
-    // to itself are not lost.
+    // From now on, loses this share of the packets that arrive at the node; 0 ends the loss. SMPs of the node to itself
+    // are lost too.
     void lose(const std::string& node, int percent);
 
     const std::string& folder() const { return folder_.path; }

@@ -1,7 +1,8 @@
 // A library that a test preloads before libibumad, to break the HCA of a program. The environment variable BROKEN_UMAD
-// names a file, which contains one word, the fault. Three faults change the next answer of the SA and then empty the
-// file: "short" cuts it, "stray" changes its TransactionID, "request" clears its response bit. Two faults last until
-// the test changes the file: with "gone", the device is missing; with "deaf", nothing is sent and every receive fails.
+// names a file, which contains one word, the fault. Three faults change the next answer of the SA and empty the
+// file: "short" cuts the answer, "stray" changes its TransactionID, "request" clears its response bit. Two faults last
+// until the test changes the file: with "gone", the device is missing; with "deaf", nothing is sent and every receive
+// fails.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -56,7 +57,7 @@ PRELOADED int umad_send(int port, int agent, void* umad, int length, int timeout
 {
     const std::string current_fault = fault();
     if (current_fault == "gone") return fail();
-    // If a program ends while an answer to the program is on its way, ibsim fails. So the request is not sent.
+    // If a program ends while an answer to the program is on its way, ibsim fails. So this fault drops the request.
     if (current_fault == "deaf") return 0;
     return real<decltype(umad_send)>("umad_send")(port, agent, umad, length, timeout_ms, retries);
 }
