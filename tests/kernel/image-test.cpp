@@ -81,6 +81,13 @@ class module_file
     {
         return static_cast<size_t>(&symbol - &value_at<Elf64_Sym>(dynamic(DT_SYMTAB).d_un.d_ptr));
     }
+    // The first bucket of the hash table of exports. Before the buckets are four words of 32 bits and a filter; the
+    // third word is the filter's number of 64-bit words.
+    uint32_t& first_bucket()
+    {
+        const uint64_t table = dynamic(DT_GNU_HASH).d_un.d_ptr;
+        return value_at<uint32_t>(table + 16 + uint64_t{value_at<uint32_t>(table + 8)} * 8);
+    }
     void rename(const std::string& name, const std::string& new_name)
     {
         const size_t place = bytes.find('\0' + name + '\0');
@@ -210,6 +217,10 @@ TEST(images, of_a_file_that_needs_no_linker_have_its_parts)
 
     file.dynamic(DT_JMPREL).d_tag = file.dynamic(DT_PLTRELSZ).d_tag = DT_DEBUG;
     EXPECT_TRUE(file.read()) << "it calls no function of another object";
+    file.first_bucket() = 0;
+    const std::unique_ptr<kernel::image_template> with_empty_bucket = file.read();
+    ASSERT_TRUE(with_empty_bucket);
+    EXPECT_LT(with_empty_bucket->exports.size(), 7u);
 }
 
 #endif
@@ -266,12 +277,16 @@ TEST_P(images_of_both_kinds, show_their_places_in_the_same_way)
             const char* const last = static_cast<const char*>(part.begin) + part.bytes - 1;
             EXPECT_EQ(kernel::image_of(last), kernel::image_of(code));
         }
+        const auto variables = reinterpret_cast<uintptr_t>(kernel::parts_of_image(code)[1].begin);
+        EXPECT_EQ(kernel::image_of(reinterpret_cast<void*>(variables & -kernel::image_page_bytes)),
+                  kernel::image_of(code));
         const kernel::image_part text = kernel::parts_of_image(code)[0];
         EXPECT_EQ(kernel::image_of(static_cast<const char*>(text.begin) + text.bytes), nullptr);
     }
 #endif
     EXPECT_EQ(kernel::image_of(code), kernel::image_of(record));
     EXPECT_NE(kernel::image_of(code), kernel::image_of(symbol(other, "probe_text")));
+    EXPECT_EQ(symbol(host, "printf"), nullptr) << "the C library has this symbol, not the module";
     EXPECT_EQ(kernel::describe_code(code), "probe_text");
     EXPECT_THAT(kernel::describe_code(kernel::image_of(code)), HasSubstr("+0x0"));
     EXPECT_EQ(kernel::describe_code(reinterpret_cast<void*>(8)), "unknown code");
@@ -298,6 +313,17 @@ TEST_P(images_of_both_kinds, show_their_places_in_the_same_way)
         EXPECT_TRUE(each->modules.rmmod("probe"));
         EXPECT_THAT(each->memory.leaks(), ElementsAre(StartsWith("33 bytes allocated by probe+0x")));
     }
+}
+
+TEST_P(images_of_both_kinds, without_a_record_are_refused)
+{
+    module_file file;
+    if (!GetParam()) file.dynamic(DT_FLAGS).d_un.d_val &= ~uint64_t{DF_SYMBOLIC};
+    file.symbol("this_module").st_info = ELF64_ST_INFO(STB_GLOBAL, STT_FUNC);
+    std::ofstream(path, std::ios::binary) << file.bytes;
+    const ats::result<> result = host.modules.insmod(path);
+    ASSERT_FALSE(result);
+    EXPECT_THAT(result.error().text, HasSubstr("'this_module' has 0 bytes instead of 64"));
 }
 
 TEST_P(images_of_both_kinds, begin_and_end_with_their_own_functions_and_leave_no_memory)

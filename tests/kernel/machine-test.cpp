@@ -275,6 +275,8 @@ TEST(log, formats_as_a_kernel_does)
         {formatted("%s|%4s|%-4s|%.2s|%.0s|%s", "text", "ab", "ab", "text", "x", nullptr), "text|  ab|ab  |te||<NULL>"},
         {formatted("%c|%3c|100%%|%5y|%", 'a', 'b'), "a|  b|100%|%5y|%"},
         {formatted("%s", std::string(200, 'x').c_str()), "200 bytes: " + std::string(127, 'x')},
+        {formatted("%100s%s", "", std::string(200, 'x').c_str()),
+         "300 bytes: " + std::string(100, ' ') + std::string(27, 'x')},
     };
     for (const auto& [text, expected] : table) EXPECT_EQ(text, expected);
 }
@@ -299,13 +301,16 @@ TEST(log, shows_pointers_as_addresses_that_are_the_same_in_every_run)
                                     "ffff880000000100\n"
                                     "ffff8f0000000000 ffff8f0000001000 ffff8f0000000000\n"
                                     "0000000000000000 0000000000000098\n");
-    char image[100], later[100];
+    char image[100], later[100], last[100];
     world.host.addresses.add_image({{image, sizeof image, 0}});
     world.host.addresses.add_image({{later, sizeof later, 0}});
     EXPECT_EQ(world.host.addresses.nominal(image + 99), kernel::nominal_images + 99);
     EXPECT_EQ(world.host.addresses.nominal(later), kernel::nominal_images + kernel::image_room);
     world.host.addresses.remove_image({{image, sizeof image, 0}});
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_unknown + 8192);
+    world.host.addresses.add_image({{last, sizeof last, 0}});
+    EXPECT_EQ(world.host.addresses.nominal(last), kernel::nominal_images + 2 * kernel::image_room);
+    world.host.addresses.remove_image({{last, sizeof last, 0}});
     world.host.addresses.remove_image({{later, sizeof later, 0}});
     world.host.addresses.add_image({{image, sizeof image, kernel::image_room - sizeof image}, {later, 1, 7}});
     EXPECT_EQ(world.host.addresses.nominal(image), kernel::nominal_images + kernel::image_room - 100) << "begins anew";

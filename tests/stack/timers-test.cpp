@@ -61,6 +61,7 @@ TEST_F(timers_test, run_at_their_tick_and_in_their_order_for_every_order_of_task
             arm("sleeper a", false, 119);
             arm("atomic 1", true, 120);
             arm("atomic 2", true, 120);
+            EXPECT_EQ(world.host.get<stack::timers>().armed(), 5u);
             spinlock_t lock;
             spin_lock_init(&lock);
             const unsigned long flags = spin_lock_irqsave(&lock);
