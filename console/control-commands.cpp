@@ -6,6 +6,7 @@
 
 #include "console/errors.h"
 #include "console/gids.h"
+#include "console/identity.h"
 #include "console/log-filter.h"
 #include "console/suggestion.h"
 #include "console/table.h"
@@ -33,7 +34,8 @@ constexpr std::array<control_command, 7> commands = {{
     {"set_host_name", "NAME", 1, "Register this host name from now on, on every HCA"},
     {"set_ip_addrs", "ADDRESS", 1, "Register this IPv4 address from now on, on every HCA"},
     {"sa_verify_period", "SECONDS PERCENT", 2,
-     "Check the registration in this interval, plus a random delay of up to this percentage; 0 seconds means never"},
+     "Check the registration in this interval, plus a random delay of up to this percentage (at most 100); 0 seconds "
+     "means never"},
     {"delete_ip", "ADDRESS", 1,
      "WARNING: makes ADDRESS this host's own, on the first HCA, and deletes the record registered last"},
 }};
@@ -64,13 +66,17 @@ ats::result<control_command> command_named(const std::string& name)
                                                    " ('ats control --list' shows them)");
 }
 
-// If the command takes a GID, converts a word with a colon from IPv6 notation to hexadecimal digits, the only notation
-// that the module reads. Fails if this word is not a GID. Returns every other word unchanged.
+// Checks an argument that the module would accept although it is wrong, for example the address 256.1.1.1. Returns the
+// argument as the module reads it: a GID gets all its hexadecimal digits.
 ats::result<std::string> argument_for_module(const control_command& command, const std::string& word)
 {
-    const bool is_ipv6_notation = std::string_view(command.arguments) == "GID" && word.find(':') != word.npos;
-    if (!is_ipv6_notation) return word;
-    return gid_of(word).map(world::format_gid);
+    const std::string_view kind = command.arguments;
+    if (kind == "GID") return gid_of(word).map(world::format_gid);
+    if (kind == "ADDRESS")
+        if (const ats::result<uint32_t> address = host_address_of(word); !address) return ats::pass_on(address);
+    if (kind == "NAME" && !is_host_name(word))
+        return ats::fail(ats::error_kind::invalid, quote(word) + " cannot be a host name: take " + host_name_rule);
+    return word;
 }
 
 } // namespace
@@ -97,13 +103,13 @@ ats::result<std::string> control_line(const std::vector<std::string>& words)
                                                   std::to_string(argument_count) +
                                                   (argument_count == 1 ? " argument" : " arguments"));
     }
-    std::string line;
-    for (const std::string& word : parts) {
-        const ats::result<std::string> part = argument_for_module(*command, word);
-        if (!part) return part;
-        if (part->size() > longest_word)
-            return ats::fail(error_kind::invalid, quote(*part) + " is too long: a word has at most 40 bytes");
-        line += (line.empty() ? "" : " ") + *part;
+    std::string line = command->name;
+    for (size_t i = 1; i < parts.size(); ++i) {
+        if (parts[i].size() > longest_word)
+            return ats::fail(error_kind::invalid, quote(parts[i]) + " is too long: a word has at most 40 bytes");
+        const ats::result<std::string> argument = argument_for_module(*command, parts[i]);
+        if (!argument) return argument;
+        line += " " + *argument;
     }
     return line;
 }
