@@ -58,7 +58,7 @@ void check_door(findings& findings, const std::string& door, const std::string& 
         return findings.add_missing(
             door, fmt::format("{} belongs to {}: stop the program that made it, or choose another path with {}", path,
                               name_of_user(status.st_uid), option));
-    findings.add_ok(door, path + " is there: the service uses it, or replaces it");
+    findings.add_ok(door, path + " is there: if no service listens on it, a new one replaces it");
 }
 
 void check_limit(findings& findings, const std::string& subject, size_t limit, size_t need, const std::string& advice)

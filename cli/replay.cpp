@@ -60,7 +60,7 @@ void add_replay(CLI::App& program, ats::result<int>& outcome)
     CLI::App* command =
         program.add_subcommand("replay", "Draw a recording of 'ats run --record' as a page for a browser");
     auto options = std::make_shared<replay_options>();
-    command->add_option("recording", options->recording, "The file that 'ats run --record' has written")
+    command->add_option("FILE", options->recording, "The file that 'ats run --record' has written")
         ->required()
         ->check(console::existing_file())
         ->option_text("FILE");

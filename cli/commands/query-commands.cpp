@@ -18,6 +18,7 @@
 #include "console/usage.h"
 #include "host/kernel/log.h"
 #include "host/world/printable.h"
+#include "host/world/text.h"
 
 namespace cli
 {
@@ -104,7 +105,13 @@ ats::result<json> resolve_one(service_client& service, const resolve_options& op
             return ats::fail(ats::error_kind::invalid, "--cached is for addresses: no cache knows host names");
         return resolve_name(service, question);
     }
-    json request = {{"request", command.name}, {key_of(command, question), question}, {"cached", options.cache_only}};
+    const std::string key = key_of(command, question);
+    if (command.name == "path" && key == "gid" && !world::parse_gid(question))
+        return json::array(
+            {{{"error", console::quote(question) + " is neither an IPv4 address nor a GID: write it like "
+                                                   "10.0.0.1 or like fe80::1"},
+              {"exit_code", int{console::exit_usage}}}});
+    json request = {{"request", command.name}, {key, question}, {"cached", options.cache_only}};
     if (options.must_verify) request["verify"] = true;
     if (options.is_fresh) request["fresh"] = true;
     const ats::result<json> answer = service.ask(request);
