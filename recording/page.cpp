@@ -33,6 +33,14 @@ std::string inside_script(const std::string& lines)
 
 } // namespace
 
+ats::result<> check_page(const std::string& path)
+{
+    std::FILE* const file = std::fopen(path.c_str(), "a"); // keeps the content of an earlier page
+    if (!file) return ats::fail("cannot write " + path + ": " + std::strerror(errno));
+    std::fclose(file);
+    return {};
+}
+
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines)
 {
     std::string page = page_template;

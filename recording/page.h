@@ -10,6 +10,10 @@
 namespace recording
 {
 
+// Checks that the file `path` can be written: creates the file if it is missing. Call it before a long run whose page
+// write_page() writes afterwards. The error tells why the file cannot be written.
+ats::result<> check_page(const std::string& path);
+
 // Writes the page to the file `path`. `about` describes the run; docs/recording.md lists its fields. `lines` is a whole
 // recording, or one from cut(). The error tells why the file cannot be written.
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines);

@@ -91,6 +91,8 @@ ats::result<int> run_demo(const std::string& module_folder, fabric::capture* cap
 ats::result<int> run_drawn_demo(const demo_options& options, fabric::capture* capture)
 {
     if (options.html.empty()) return run_demo(options.modules, capture, nullptr);
+    if (const ats::result<> possible = recording::check_page(options.html); !possible)
+        return ats::fail(ats::error_kind::invalid, possible.error().text);
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
     if (!file) return ats::fail(std::string("cannot create a file for the recording: ") + std::strerror(errno));
     recording::recorder recorder(file.get(), "ats demo");
