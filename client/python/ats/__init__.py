@@ -128,9 +128,11 @@ def is_address(destination: Destination) -> bool:
 def address_word(address: Address) -> int:
     """Returns the address as the library expects it: a number whose bytes in memory are in network order."""
     try:
+        if isinstance(address, int):
+            raise ValueError
         return ctypes.c_uint32.from_buffer_copy(ipaddress.IPv4Address(address).packed).value
-    except ValueError as error:
-        raise Invalid(str(error)) from None
+    except ValueError:
+        raise Invalid(f"{address!r} is not an IPv4 address: write four numbers from 0 to 255, like '10.0.0.1'") from None
 
 
 def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
@@ -140,8 +142,8 @@ def gid_bytes(gid: Gid) -> ctypes.Array[ctypes.c_uint8]:
             packed = int(gid, 16).to_bytes(16, "big")
         else:
             packed = ipaddress.IPv6Address(gid).packed
-    except (ValueError, OverflowError) as error:
-        raise Invalid(str(error)) from None
+    except (ValueError, OverflowError):
+        raise Invalid(f"{gid!r} is not a GID: write 0x and up to 32 hexadecimal digits, or like 'fe80::1'") from None
     return (ctypes.c_uint8 * 16).from_buffer_copy(packed)
 
 
@@ -180,6 +182,11 @@ class Base:
         client, self._client = self._client, ctypes.c_void_p()
         library.lib.ats_close(client)
 
+    def _handle(self) -> ctypes.c_void_p:
+        if not self._client:
+            raise Invalid("the client is closed")
+        return self._client
+
     def __del__(self) -> None:
         if getattr(self, "_client", None):
             self.close()
@@ -198,14 +205,14 @@ class Client(Base):
                 timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
         """Finds the GID of an IPv4 address. `timeout` is in seconds."""
         options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
-        library.lib.ats_resolve(self._client, address_word(address), ctypes.byref(options), ctypes.byref(answer))
+        library.lib.ats_resolve(self._handle(), address_word(address), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
     def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False, timeout: float = DEFAULT_TIMEOUT,
                 host: Optional[str] = None) -> Answer:
         """Finds the IPv4 address of a GID."""
         options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
-        library.lib.ats_reverse(self._client, gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
+        library.lib.ats_reverse(self._handle(), gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
     def path(self, destination: Destination, *, cached_only: bool = False, fresh: bool = False,
@@ -215,13 +222,13 @@ class Client(Base):
         by_address = is_address(destination)
         call = library.lib.ats_find_path if by_address else library.lib.ats_find_path_to_gid
         subject = address_word(destination) if by_address else gid_bytes(destination)
-        call(self._client, subject, ctypes.byref(options), ctypes.byref(answer))
+        call(self._handle(), subject, ctypes.byref(options), ctypes.byref(answer))
         return path_of(answer)
 
     def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
         """Sends any request of docs/protocol.md, for example {"request": "status"}, and returns its answer."""
         line = ctypes.c_void_p()
-        status = library.lib.ats_request(self._client, json.dumps(request).encode(), milliseconds(timeout), ctypes.byref(line))
+        status = library.lib.ats_request(self._handle(), json.dumps(request).encode(), milliseconds(timeout), ctypes.byref(line))
         if status != 0:
             raise error_of(status, last_error())
         try:
@@ -280,10 +287,10 @@ class AsyncClient(Base):
     async def _submit(self, call: Any, subject: Any, options: library.Options, result_of: Any = answer_of) -> Any:
         if self._loop is None:
             self._loop = asyncio.get_running_loop()
-            self._loop.add_reader(library.lib.ats_descriptor(self._client), self._collect)
+            self._loop.add_reader(library.lib.ats_descriptor(self._handle()), self._collect)
         self._last_tag += 1
         tag = self._last_tag
-        status = call(self._client, subject, ctypes.byref(options), tag)
+        status = call(self._handle(), subject, ctypes.byref(options), tag)
         if status != 0:
             raise error_of(status, last_error())
         future = self._loop.create_future()
