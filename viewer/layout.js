@@ -160,7 +160,7 @@ class Layout {
     return isNew;
   }
 
-  // Consecutive port events with the same tick share a row, unless they are events of the same port.
+  // Consecutive "handled" events with the same tick share a row, unless they belong to the same port.
   placeHandled(event) {
     const lane = this.lanes.get(event.port);
     if (!lane || !this.filter.showsHandled(event)) return false;

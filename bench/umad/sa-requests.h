@@ -25,7 +25,7 @@ std::optional<request_kind> kind_named(const std::string& name);
 // `destination`. The TransactionID is 0.
 //
 // A Set selects all components except the P_Key. With a P_Key, OpenSM refuses a Set if no port has the GID. Without a
-// P_Key, OpenSM does the same work and stores the record.
+// P_Key, OpenSM handles the Set like that of a real port, and stores the record.
 sa_mad_v2_t make_request(request_kind kind, uint32_t number, const kq_gid_t& source, const kq_gid_t& destination);
 
 } // namespace sa_load

@@ -1,5 +1,5 @@
-// The names under which the service manager keeps copies of the descriptors of the door (door.h); see
-// cli/service/descriptor-store.h.
+// The service manager keeps file descriptors of class door: the listening socket and the connections. These are their
+// names there (see cli/service/descriptor-store.h).
 #pragma once
 
 #include <algorithm>

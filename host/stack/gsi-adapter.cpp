@@ -24,7 +24,8 @@ constexpr size_t receive_pool_size = 256;
 //   bit 31      1 (joined_bit)
 //   bits 30-24  the client's number
 //   bits 23-0   the client's own value
-// The low 32 bits alone distinguish the requests in flight, because a fabric may replace the high 32 bits on the wire.
+// The low 32 bits of the requests in flight differ. A fabric may replace the high 32 bits on the wire; it restores them
+// in the answer.
 constexpr uint64_t joined_mark = 0x6A6F696E; // the high 32 bits
 constexpr uint64_t joined_bit = uint64_t{1} << 31;
 constexpr int number_shift = 24;
@@ -127,7 +128,7 @@ void gsi_adapter::add(std::unique_ptr<gsi_class_t> client, gsi_class_handle_t* h
     hub_.attach(*this);
     {
         const std::lock_guard lock(mutex_);
-        will_be_called_ = false; // the fabric may have cancelled the announced call while the adapter did not listen
+        will_be_called_ = false; // the fabric may have left out a promised may_complete() before attach()
     }
     task_.ring();
 }
@@ -239,7 +240,7 @@ void gsi_adapter::mad_arrived(int port, const fabric::address& source, const fab
         return;
     }
     [[maybe_unused]] const bool is_registered = client->enter();
-    assert(is_registered); // true, because deregister() needs mutex_ to end a registration that find() can return
+    assert(is_registered); // deregister() ends a client and hides it from find() under mutex_
     fill(record->datagram(), source, mad);
     record->client = client;
     record->note(home_.exec().now(), datagram_event::received, client->mgt_class, client->port);

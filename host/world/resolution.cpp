@@ -98,7 +98,7 @@ resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mod
         kq_gid_t gid_argument = gid; // `peek` needs a pointer to a GID that is not const
         if (mode != lookup_mode::cache_only)
             return (*get)(&gid_argument, &pending.record, pending_answer::store, &pending);
-        // The result is never ibat_stat_not_found: the SA may have a record of a GID that the cache does not have.
+        // A miss is an error, not ibat_stat_not_found: the SA may have a record of a GID that is not in the cache.
         return (*peek)(&gid_argument, &pending.record) == ibat_stat_ok ? ibat_stat_ok : ibat_stat_error;
     });
     answer.gid = gid;

@@ -139,9 +139,8 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     EXPECT_EQ(host.leftovers(), "");
 }
 
-// The HCA that fails gives back its datagram pool and its GSI classes before the module stops the other HCA. After the
-// stop of the other HCA, the module closes the handle of the HCA that fails. The stop of the other HCA takes some
-// ticks, because it waits for the SA.
+// HCA 1 fails, and gives back its datagram pool and its GSI classes. Then the module stops HCA 0. This takes some
+// ticks, because HCA 0 waits for the SA. After that, the module closes the handle of HCA 1.
 TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
 {
     for (const char* call : {"gsi_dtgrm_pool_create_named", "kq_set_sleepable_async_event_cb"}) {

@@ -35,7 +35,7 @@ struct path_request : request_base {
     uint32_t port_number; // the port on which this attempt was sent
 };
 
-// ibat-path-exports.h describes the functions without a comment.
+// For functions without a comment, see ibat-path-exports.h.
 class path_resolver
 {
   public:

@@ -33,7 +33,7 @@ struct send_order {
     bool is_retry;
 };
 
-// ibat.h and ibat-exports.h describe the functions without a comment.
+// For functions without a comment, see ibat.h and ibat-exports.h.
 class resolver
 {
   public:

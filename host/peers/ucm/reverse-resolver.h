@@ -21,7 +21,7 @@ struct gid_request {
 };
 static_assert(offsetof(gid_request, asker) == 0);
 
-// devucm-exports.h and ucm-exports.h describe the functions without a comment.
+// For functions without a comment, see devucm-exports.h and ucm-exports.h.
 class reverse_resolver
 {
   public:
