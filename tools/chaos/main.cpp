@@ -91,9 +91,12 @@ void show(const failure& failure, const plan& plan, size_t round_number, const s
     std::printf("FAILED: seed %llu, round %zu, after: %s\n  %s\n  expected: %s\n  actual:   %s\n",
                 static_cast<unsigned long long>(plan.seed), round_number, act.c_str(), failure.text.c_str(),
                 failure.expected.c_str(), failure.actual.c_str());
-    std::printf("Run it again: ats-chaos --seed %llu --rounds %zu\nThe recordings and logs are in %s. Draw this "
-                "recording first: ats replay %s --html failure.html\n",
-                static_cast<unsigned long long>(plan.seed), round_number, settings.folder.c_str(), recording.c_str());
+    const std::string modules = settings.modules.empty() ? "" : " --modules " + settings.modules;
+    std::printf(
+        "Run it again: ats-chaos --seed %llu --rounds %zu --minutes %ld%s\nThe recordings and logs are in %s. Draw "
+        "this recording first: ats replay %s --html failure.html\n",
+        static_cast<unsigned long long>(plan.seed), round_number, settings.minutes, modules.c_str(),
+        settings.folder.c_str(), recording.c_str());
 }
 
 int carry_out(const plan& plan, const settings& settings)
