@@ -303,8 +303,13 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
         signals.wait_for_stop();
         return unload(**hosts);
     }
-    const ats::result<> result =
-        serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept_descriptors), signals);
+    ats::result<> result;
+    try {
+        result = serve_clients(options, *config, **hosts, std::move(*socket), std::move(kept_descriptors), signals);
+    } catch (...) { // for example, a thread could not be created
+        exec::reserve::release();
+        throw;
+    }
     if (!result) return ats::pass_on(result);
     const int exit_code = unload(**hosts);
     if (!exec::reserve::is_used()) return exit_code;

@@ -48,20 +48,22 @@ ats::result<> load(world::host& host, const host_settings& settings)
 
 // Executes one step of a host's start. `step` returns an ats::result<>; it may throw exec::shortage or std::bad_alloc.
 // All these errors are returned, with the name of the host. Also fails if the step has used the memory that the program
-// keeps in reserve (exec::reserve).
+// keeps in reserve (exec::reserve). After an error, the program stops; its hosts may use the reserve for that.
 template <class step_t>
 ats::result<> take_step(const std::string& host, const step_t& step)
 {
-    const std::string title = host + " does not start: ";
+    const auto failure = [&](error_kind kind, const std::string& text) {
+        exec::reserve::release();
+        return ats::fail(kind, host + " does not start: " + text);
+    };
     try {
-        if (const ats::result<> result = step(); !result)
-            return ats::fail(result.error().kind, title + result.error().text);
+        if (const ats::result<> result = step(); !result) return failure(result.error().kind, result.error().text);
         if (exec::reserve::is_used()) exec::throw_shortage(memory_is_used_up);
         return {};
     } catch (const exec::shortage& shortage) {
-        return ats::fail(error_kind::no_memory, title + shortage.what());
+        return failure(error_kind::no_memory, shortage.what());
     } catch (const std::bad_alloc&) {
-        return ats::fail(error_kind::no_memory, title + memory_is_used_up);
+        return failure(error_kind::no_memory, memory_is_used_up);
     }
 }
 

@@ -113,7 +113,6 @@ ats::result<> check_limits()
     getrlimit(RLIMIT_AS, &address_space);
     const bool lacks_address_space = address_space_is_used_up(address_space);
     const bool lacks_descriptors = descriptors_are_used_up();
-    if (lacks_mappings || lacks_address_space || lacks_descriptors) release_reserve();
     if (lacks_descriptors) {
         rlimit files{};
         getrlimit(RLIMIT_NOFILE, &files);
@@ -135,7 +134,6 @@ ats::result<> check_limits()
 ats::error shortage_error(const std::string& unknown_limit)
 {
     if (const ats::result<> limits = check_limits(); !limits) return limits.error();
-    release_reserve();
     return {ats::error_kind::no_memory, unknown_limit};
 }
 
@@ -172,6 +170,11 @@ reserve::~reserve()
     std::set_new_handler(nullptr);
     reserve_use_handler = nullptr;
     if (void* mapping = reserve_mapping.exchange(nullptr)) munmap(mapping, reserve_bytes);
+}
+
+void reserve::release()
+{
+    release_reserve();
 }
 
 bool reserve::is_used()

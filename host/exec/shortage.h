@@ -1,5 +1,6 @@
 // Handles the limits of the process: threads, memory mappings, address space, open files. If a limit is reached, an
-// error names it, and a reserve of memory is released. The running hosts need this memory to stop in good order.
+// error names it. The process may survive that. A reserve of memory lets the running hosts stop in good order if it
+// cannot.
 #pragma once
 
 #include <functional>
@@ -21,12 +22,12 @@ struct shortage : std::runtime_error {
 };
 
 // Call this after another call has failed, perhaps because of a limit of this process. Compares the usage of the
-// process with the limits of open files, memory mappings and address space. If a limit is reached, releases the reserve
-// and fails (no_memory) with an error that names the limit. Any thread.
+// process with the limits of open files, memory mappings and address space. If a limit is reached, fails (no_memory)
+// with an error that names the limit. Any thread.
 ats::result<> check_limits();
 
 // Returns the error of check_limits(). If no limit is reached, returns an error (no_memory) with the text
-// `unknown_limit`. Releases the reserve in both cases. Any thread.
+// `unknown_limit`. Any thread.
 ats::error shortage_error(const std::string& unknown_limit);
 
 // Throws a shortage with the text of shortage_error().
@@ -37,9 +38,8 @@ std::thread new_thread(std::function<void()> body);
 
 // Holds address space and memory mappings in reserve. When `new` finds no memory for the first time, this class
 // releases the reserve and calls `use_handler` (if there is one). Then `new` tries again. The process should stop soon
-// after that. check_limits() and shortage_error() can also release the reserve, but do not call the handler. The
-// handler runs in any thread, at any place. It must not allocate, lock or throw. A process has at most one reserve. The
-// constructor throws a shortage if it cannot get the memory.
+// after that. The handler runs in any thread, at any place. It must not allocate, lock or throw. A process has at most
+// one reserve. The constructor throws a shortage if it cannot get the memory.
 class reserve
 {
   public:
@@ -47,6 +47,10 @@ class reserve
     ~reserve();
     reserve(const reserve&) = delete;
     reserve& operator=(const reserve&) = delete;
+
+    // Releases the reserve without a call of the handler. Call this when the process stops because of a shortage. Any
+    // thread.
+    static void release();
 
     // Returns true if the reserve has been released. Any thread.
     static bool is_used();

@@ -253,13 +253,14 @@ class simulated_executor final : public simulation
         next.has_stack = true;
     }
 
-    // Takes a stack from the pool. No caller could handle a shortage here. If the first attempt fails, it releases the
-    // memory reserve, so the second attempt should succeed. A second failure is a hard error.
+    // Takes a stack from the pool. No caller could handle a shortage here. If the first attempt fails, releases the
+    // memory reserve and tries again. A second failure is a hard error.
     fiber_stack stack_for_step()
     {
         try {
             return stacks_.take();
         } catch (const shortage&) {
+            reserve::release();
         }
         try {
             return stacks_.take();
