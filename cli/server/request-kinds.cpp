@@ -4,8 +4,8 @@
 #include <array>
 #include <string_view>
 
+#include "cli/service/requests.h"
 #include "console/errors.h"
-#include "console/log-filter.h"
 
 namespace cli
 {
@@ -42,8 +42,9 @@ std::optional<ats::error> refusal_of(const access_rules& access, const peer& pee
     if (!access.questions.admits(peer) && !access.orders.admits(peer))
         return refuse("this service answers " + access.questions.text + " only");
     if (name != "log" || access.orders.admits(peer)) return std::nullopt;
-    const bool is_allowed =
-        access.log_level > 0 && request.value("level", console::trace_level_everything) <= access.log_level;
+    const ats::result<int> level = trace_level_of(request);
+    if (!level) return level.error();
+    const bool is_allowed = access.log_level > 0 && *level <= access.log_level;
     return is_allowed ? std::nullopt : std::optional(refuse(log_refusal(access.log_level)));
 }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "cli/server/answer-lines.h"
-#include "console/log-filter.h"
+#include "cli/service/requests.h"
 
 namespace cli
 {
@@ -53,10 +53,7 @@ std::optional<ats::error> wrong_members(const request& request)
     if (request.name == "path" && is_set("verify")) return malformed("'verify' is for addresses and GIDs only");
     if (request.name == "path" && object.contains("address") == object.contains("gid"))
         return malformed("a path needs an 'address' or a 'gid'");
-    const auto level = object.find("level");
-    const bool is_level = level == object.end() ||
-                          (level->is_number_unsigned() && level->get<uint64_t>() <= console::trace_level_everything);
-    if (!is_level) return malformed("a trace level is a number from 0 (nothing) to 5 (everything)");
+    if (const ats::result<int> level = trace_level_of(object); !level) return level.error();
     return std::nullopt;
 }
 

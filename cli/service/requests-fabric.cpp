@@ -97,12 +97,15 @@ ats::result<json> answer_link(running_hosts& hosts, const json& request)
     const std::string& name = (*host)->name();
     std::string hca = request.value("hca", "");
     if (hca.empty()) hca = (*host)->plan().hcas.front().name;
-    const int port = request.value("port", 1);
+    constexpr unsigned last_port = 254; // a port number is a byte, and 255 is reserved
+    const ats::result<int> port = integer_of(request, "port", 1, last_port, 1);
+    if (!port) return ats::pass_on(port);
     const ats::result<bool> is_up = is_first_of("up", "down", request.at("direction"));
     if (!is_up) return ats::pass_on(is_up);
-    const ats::result<> changed = *is_up ? (*subnet)->link_up(name, hca, port) : (*subnet)->link_down(name, hca, port);
+    const ats::result<> changed =
+        *is_up ? (*subnet)->link_up(name, hca, *port) : (*subnet)->link_down(name, hca, *port);
     if (!changed) return ats::fail(error_kind::invalid, changed.error().text);
-    return done(name + " " + hca + " port " + std::to_string(port) + (*is_up ? " is up." : " is down."));
+    return done(name + " " + hca + " port " + std::to_string(*port) + (*is_up ? " is up." : " is down."));
 }
 
 ats::result<json> answer_sa(running_hosts& hosts, const json& request)

@@ -7,6 +7,7 @@
 #include "console/errors.h"
 #include "console/gids.h"
 #include "console/identity.h"
+#include "console/log-filter.h"
 
 namespace cli
 {
@@ -29,16 +30,19 @@ ats::result<json> control(running_hosts& hosts, const json& request)
 // {"level", "host"}: sets the trace level of ats on that host, or on all hosts.
 ats::result<json> set_trace(running_hosts& hosts, const json& request)
 {
-    const int level = request.at("level");
-    const std::string done_text = "ats traces at level " + std::to_string(level);
+    if (!request.contains("level"))
+        return ats::fail(error_kind::invalid, "the request is malformed: 'level' is missing");
+    const ats::result<int> level = trace_level_of(request);
+    if (!level) return ats::pass_on(level);
+    const std::string done_text = "ats traces at level " + std::to_string(*level);
     const std::string name = request.value("host", "");
     if (name.empty()) {
-        for (const auto& host : hosts.all()) set_trace_level(*host, level);
+        for (const auto& host : hosts.all()) set_trace_level(*host, *level);
         return done(done_text + ".");
     }
     const ats::result<world::host*> host = hosts.find(name);
     if (!host) return ats::pass_on(host);
-    set_trace_level(**host, level);
+    set_trace_level(**host, *level);
     return done(done_text + " on " + name + ".");
 }
 
@@ -109,6 +113,23 @@ constexpr struct {
 json done(const std::string& sentence)
 {
     return {{"done", sentence}};
+}
+
+ats::result<int> integer_of(const json& request, const char* key, unsigned least, unsigned most, int missing_value)
+{
+    const auto member = request.find(key);
+    if (member == request.end()) return missing_value;
+    if (member->is_number_unsigned()) {
+        const auto value = member->get<uint64_t>();
+        if (value >= least && value <= most) return static_cast<int>(value);
+    }
+    return ats::fail(error_kind::invalid, console::quote(key) + " is an integer from " + std::to_string(least) +
+                                              " to " + std::to_string(most));
+}
+
+ats::result<int> trace_level_of(const json& request)
+{
+    return integer_of(request, "level", 0, console::trace_level_everything, console::trace_level_everything);
 }
 
 ats::result<world::host*> find_host(running_hosts& hosts, const json& request)

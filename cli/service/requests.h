@@ -52,6 +52,13 @@ ats::result<json> answer_sa(running_hosts& hosts, const json& request);
 // (invalid) if no host has the name.
 ats::result<world::host*> find_host(running_hosts& hosts, const json& request);
 
+// Returns the integer `key` of a request, or `missing_value` if the request does not have it. Fails (invalid) if it is
+// no integer from `least` to `most`. A plain conversion of the member would wrap.
+ats::result<int> integer_of(const json& request, const char* key, unsigned least, unsigned most, int missing_value);
+
+// Returns the "level" of a request, 5 if the request does not have it. Fails like integer_of().
+ats::result<int> trace_level_of(const json& request);
+
 // Makes the answer of a successful order. `sentence` says what the order has changed.
 json done(const std::string& sentence);
 
