@@ -158,9 +158,20 @@ void door::connection_ended(connection& source)
     routes_.forget({program.user, source.number()});
     if (!is_closing_ && !program.store_name.empty()) cli::forget_descriptor(program.store_name);
     --statistics_.open;
-    if (--connection_counts_[program.user] == 0) connection_counts_.erase(program.user);
-    open_connections_.erase(entry);
+    const uid_t user = program.user;
+    if (--connection_counts_[user] == 0) connection_counts_.erase(user);
+    move_up(open_connections_.erase(entry), user);
     finish_close();
+}
+
+// Lowers the ranks of a user's connections from `first` on, because an earlier one has ended. The door from now on
+// serves connections that come within the limit.
+void door::move_up(connection_map::iterator first, uid_t user)
+{
+    for (auto entry = first; entry != open_connections_.end(); ++entry) {
+        open_connection& program = entry->second;
+        if (program.user == user && --program.rank <= limits_.connections) program.is_beyond_limit = false;
+    }
 }
 
 // Closes the handles and this process's descriptors. Connections of which the service manager has a copy stay open.

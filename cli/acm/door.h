@@ -49,10 +49,11 @@ class door final : public connection::owner
         std::unique_ptr<acm::connection> connection;
         std::string store_name; // the name of the copy at the service manager; "" if there is no copy
         uid_t user = 0;
-        size_t rank = 0; // number of connections of its user when it was accepted, itself included
+        size_t rank = 0; // its position among the open connections of its user, the oldest one is 1
         // If true, its requests are refused. The connection stays open, because closing it would end the program.
         bool is_beyond_limit = false;
     };
+    using connection_map = std::map<uint64_t, open_connection>; // by number; later connections have higher numbers
 
     void start_accepting();
     void accept(size_t limit);
@@ -61,6 +62,7 @@ class door final : public connection::owner
     void take_request(connection& source, message_view request) override;
     void request_timed_out(connection& source, message_view request) override;
     void connection_ended(connection& source) override;
+    void move_up(connection_map::iterator first, uid_t user);
     void resolve(connection& source, message_view request);
     void take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found);
     void close_all();
@@ -78,9 +80,9 @@ class door final : public connection::owner
     client::descriptor accept_descriptor_;
     uv_poll_t listener_;
     uv_timer_t pause_;
-    size_t open_handles_ = 0;                              // of `listener_` and `pause_`
-    std::map<uint64_t, open_connection> open_connections_; // by number
-    std::map<uid_t, size_t> connection_counts_;            // number of connections by user
+    size_t open_handles_ = 0; // of `listener_` and `pause_`
+    connection_map open_connections_;
+    std::map<uid_t, size_t> connection_counts_; // number of connections by user
     counters counters_{};
     uint64_t last_store_number_ = 0;
     bool is_closing_ = false;
