@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <future>
 
 #include "cli/acm/name-lookup.h"
 #include "host/exec/shortage.h"
@@ -101,6 +102,16 @@ found_route route_to(const world::path_resolution& found, kernel::machine& machi
 
 } // namespace
 
+route_finder::~route_finder()
+{
+    std::promise<void> end_promise;
+    server_.loop().post([&] {
+        life_.reset();
+        end_promise.set_value();
+    });
+    end_promise.get_future().wait();
+}
+
 // Returns the host with this name or address. If `source` has neither, returns the first host. Returns null if no host
 // has the name or address.
 world::host* route_finder::host_of(const path_end& source) const
@@ -128,16 +139,20 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
 }
 
 // First finds the address of the name, in a worker thread. This asks the SA even if the program allows only cached
-// answers, because no cache contains host names.
+// answers, because no cache contains host names. The worker may still wait for the SA when this object is destroyed.
+// Therefore it does not use this object, and the loop's thread first checks that the object still exists.
 void route_finder::find_by_name(const question& question, const std::string& name)
 {
-    server_.background().push(question.place, [this, question, name] {
-        const ats::result<std::optional<uint32_t>> ip = address_of_name(hosts_, name);
+    const auto find_address = [this, life = std::weak_ptr(life_), &server = server_, &hosts = hosts_, question, name] {
+        const ats::result<std::optional<uint32_t>> ip = address_of_name(hosts, name);
         if (!ip || !*ip)
             return question.done(
                 {.route = {.status = ip ? status::no_data : status::timed_out}, .is_by_address = true});
-        server_.loop().post([this, question, ip = **ip] { find_path(question, ip); });
-    });
+        server.loop().post([this, life, question, ip = **ip] {
+            if (!life.expired()) find_path(question, ip);
+        });
+    };
+    server_.background().push(question.place, find_address);
 }
 
 void route_finder::find_path(const question& question, const world::path_destination& destination)

@@ -1,9 +1,10 @@
 // Finds the paths for which programs ask the door (cli/acm/door.h). It uses the lookups of the server. Therefore the
 // limits of the client socket, and the turns that its users take, also apply to these programs. Make all calls in the
-// thread of the server's loop.
+// thread of the server's loop; the constructor and the destructor run in another thread.
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include "cli/acm/messages.h"
 #include "cli/server/server.h"
@@ -23,6 +24,12 @@ class route_finder
     using completion = std::function<void(const found_route&)>;
 
     route_finder(cli::server& server, cli::running_hosts& hosts) : server_(server), hosts_(hosts) {}
+
+    // Starts no more lookups. Waits for the loop's thread. `server` must still exist, and may then be destroyed: a name
+    // that a worker finds later is ignored.
+    ~route_finder();
+    route_finder(const route_finder&) = delete;
+    route_finder& operator=(const route_finder&) = delete;
 
     // Looks for a path and calls `done` with the result: before it returns, or later in any thread. `place` is the user
     // and the connection that ask. forget(place) drops the question as long as it is in a queue; `done` is then not
@@ -53,6 +60,9 @@ class route_finder
 
     cli::server& server_;
     cli::running_hosts& hosts_;
+    // A worker can find a name's address after this object is gone. Its work then has an expired pointer to life_.
+    // Only the loop's thread resets life_ or looks at a pointer to it.
+    std::shared_ptr<bool> life_ = std::make_shared<bool>();
 };
 
 } // namespace acm

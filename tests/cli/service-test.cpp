@@ -7,12 +7,14 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include "cli/acm/route-finder.h"
 #include "cli/server/watchdog.h"
 #include "cli/socket/service-origin.h"
 #include "cli/socket/socket.h"
 #include "client/socket-path.h"
 #include "host/stack/timers.h"
 #include "tests/cli/program.h"
+#include "tests/fabric/requests.h"
 #include "tools/clients/raw-connection.h"
 
 namespace
@@ -249,6 +251,49 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     EXPECT_TRUE(eventually([&] { return signs.missing(much_later).empty(); }));
     adapter->listen(nullptr);
     loop.stop();
+}
+
+// Stops the subnet when a datagram leaves a port.
+struct blocking_tap final : fabric::tap {
+    void crossed(uint64_t, uint16_t, const fabric::address&, const fabric::mad_bytes&) override
+    {
+        start.count_down();
+        end.wait();
+    }
+
+    std::latch start{1}, end{1};
+};
+
+// A worker waits for the SA when the service stops. The program that has asked is not served any more.
+TEST(service, host_name_that_is_found_after_the_door_has_closed_is_ignored)
+{
+    const scratch_folder folder;
+    const auto hosts =
+        cli::running_hosts::build(cli::numbered_hosts(1), "", [](const std::string&, const std::string&) {}).value();
+    embedded::subnet& subnet = *hosts->subnet().value();
+    fabric::hca* const adapter = subnet.add_hca("other", "hca", 1).value();
+    EXPECT_TRUE(subnet.link_up("other", "hca", 1));
+    subnet.restore_records({test::host_record(test::gid_number(2), 2)});
+    auto server = cli::server::start(*hosts, cli::listening_socket::open(folder / "socket", false).value(), {}).value();
+    std::optional<acm::route_finder> routes(std::in_place, *server, *hosts);
+    blocking_tap tap;
+    subnet.set_tap(&tap);
+    std::thread sender([&] { adapter->send(1, {.lid = 1}, {}); });
+    tap.start.wait();
+
+    acm::resolve_request request;
+    request.destination = "node2";
+    request.is_cache_only = true;
+    std::atomic<bool> is_answered = false;
+    server->loop().post([&] { routes->find(request, {}, [&](const auto&) { is_answered = true; }); });
+    EXPECT_TRUE(eventually([&] { return server->background().oldest_start().has_value(); }));
+    routes.reset();
+    tap.end.count_down();
+    sender.join();
+    EXPECT_TRUE(eventually([&] { return !server->background().oldest_start().has_value(); }));
+    server.reset();
+    EXPECT_FALSE(is_answered);
+    subnet.set_tap(nullptr);
 }
 
 TEST(check, names_what_would_stop_a_service_and_starts_nothing)
