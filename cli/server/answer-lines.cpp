@@ -28,7 +28,10 @@ ats::error caught_error()
     try {
         throw;
     } catch (const json::exception& wrong) {
-        return malformed(std::string("the request is malformed: ") + wrong.what());
+        // The library's text begins with "[json.exception.type_error.302] ", which means nothing to users.
+        const std::string text = wrong.what();
+        const size_t bracket = text.find("] ");
+        return malformed("the request is malformed: " + text.substr(bracket == text.npos ? 0 : bracket + 2));
     } catch (const std::exception& wrong) {
         return ats::error(wrong.what());
     }
