@@ -90,6 +90,11 @@ void door::start_accepting()
     open_handles_ = 2;
     listener_.data = this;
     pause_.data = this;
+    watch_listener();
+}
+
+void door::watch_listener()
+{
     uv_poll_start(&listener_, UV_READABLE, [](uv_poll_t* listener, int, int) {
         static_cast<door*>(listener->data)->accept(most_programs_of_round);
     });
@@ -116,12 +121,7 @@ void door::pause_accepting()
 {
     constexpr uint64_t pause_ms = 100;
     uv_poll_stop(&listener_);
-    const auto resume = [](uv_timer_t* timer) {
-        auto* self = static_cast<door*>(timer->data);
-        uv_poll_start(&self->listener_, UV_READABLE, [](uv_poll_t* listener, int, int) {
-            static_cast<door*>(listener->data)->accept(most_programs_of_round);
-        });
-    };
+    const auto resume = [](uv_timer_t* timer) { static_cast<door*>(timer->data)->watch_listener(); };
     uv_timer_start(&pause_, resume, pause_ms, 0);
 }
 

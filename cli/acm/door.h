@@ -56,6 +56,7 @@ class door final : public connection::owner
     using connection_map = std::map<uint64_t, open_connection>; // by number; later connections have higher numbers
 
     void start_accepting();
+    void watch_listener();
     void accept(size_t limit);
     void pause_accepting();
     void admit(client::descriptor socket, std::string store_name);
