@@ -316,15 +316,14 @@ void server::follow_log(conversation& source, const request& request)
 {
     const ats::result<world::host*> host = find_host(hosts_, request.object);
     if (!host) return refuse(source, request.ticket.id, host.error());
-    const ats::result<int> level = trace_level_of(request.object);
-    if (!level) return refuse(source, request.ticket.id, level.error());
+    const int level = trace_level_of(request.object).value(); // wrong_members() has checked it
     const bool is_followed = request.object.value("follow", false);
     followers_.end(source);
     if (is_followed)
         count(source, request.ticket); // does not pause the conversation, because this answer may never end
     else
         begin(source, request.ticket);
-    followers_.begin(source, request.ticket, (*host)->machine().log, *level, is_followed);
+    followers_.begin(source, request.ticket, (*host)->machine().log, level, is_followed);
 }
 
 ats::result<> server::set_options(const server_options& options)
