@@ -20,8 +20,8 @@ int32_t number = 7;
 int32_t result = 0;
 int32_t start_ticks = 0; // duration of the start-up
 int32_t leak_bytes = 0;
-// What the module does not release when it ends. 0: nothing, 1: its published name, 2: what use_stack() acquires, 3:
-// its /proc entry.
+// At its end, the module keeps one thing that it should release: its published name (1), the resources of use_stack()
+// (2), or its /proc entry (3). With 0, it releases everything.
 int32_t forget = 0;
 std::atomic<int32_t> logger_level{-1};
 
