@@ -92,12 +92,11 @@ test-threads:
 	cmake --build --preset tsan --target tests-of-threads
 	ctest --preset tsan -E '_NOT_BUILT|^campaign|^protocol|^metrics|^librdmacm|^trace.of_everything|every_order'
 
-# A mutant of a module is a changed module beside a release build. A mutant of another part is one changed object, and needs
-# the preset dev, where each file has an object of its own. A mutant that leaves out a lock also needs a tree with the thread
-# sanitizer.
+# A mutant is one changed file. Therefore it needs a tree that compiles each file of its part by itself: release for the
+# module, dev for other parts. A mutant that leaves out a lock also needs a tree with the thread sanitizer.
 PART ?= module
 OPTIONS ?=
-MUTANT_TREE = $(if $(filter module peers,$(PART)),release,dev)
+MUTANT_TREE = $(if $(filter module,$(PART)),release,dev)
 mutants:
 	@scripts/install-dependencies mutants
 	@$(MAKE) --no-print-directory configure PRESET=$(MUTANT_TREE)

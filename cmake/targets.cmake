@@ -27,11 +27,10 @@ endfunction()
 make_module_linker_script()
 
 # A module is a shared object, and its undefined symbols are kernel calls. With -Bsymbolic, the module's own code reads an
-# exported variable with a single load. The source files of a module are compiled one by one, because each trace line names
-# its file.
+# exported variable with a single load.
 function(add_kernel_module name)
   add_library(${name}_module MODULE ${ARGN})
-  set_target_properties(${name}_module PROPERTIES PREFIX "" OUTPUT_NAME ${name} UNITY_BUILD OFF
+  set_target_properties(${name}_module PROPERTIES PREFIX "" OUTPUT_NAME ${name}
     LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/modules)
   target_link_libraries(${name}_module PRIVATE ats_interfaces)
   target_link_options(${name}_module PRIVATE -Wl,-Bsymbolic)

@@ -54,9 +54,9 @@ DROPPED_LOCK = "the lock is dropped"
 
 
 def default_tree(part):
-    """Returns the preset of a tree that compiles each file of the part by itself. Every tree does this with the files of modules.
+    """Returns the preset of a tree that compiles each file of the part by itself. Every tree does this with the files of ib-code/ats.
     `release` compiles several files of any other part together."""
-    return "release" if part in ("module", "peers") else "dev"
+    return "release" if part == "module" else "dev"
 
 
 def run_limited(command, folder, environment, memory, processor_seconds, seconds):
