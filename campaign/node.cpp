@@ -15,7 +15,7 @@ namespace campaign
 namespace
 {
 
-constexpr uint64_t delete_wait_ticks = 20; // the service waits exactly this long for the answer to a Delete
+constexpr uint64_t delete_wait_ticks = 20; // without an answer to a Delete, the service gives up after this time
 
 world::host_plan plan_of(size_t number, const host_shape& shape)
 {
@@ -99,7 +99,7 @@ void node::reap()
 
 uint32_t node::next_address()
 {
-    assert(number < UINT8_MAX && address_count_ <= UINT16_MAX); // otherwise two hosts would get one address
+    assert(number < UINT8_MAX && address_count_ <= UINT16_MAX); // otherwise an address would be given twice
     const uint32_t version = address_count_++;
     const uint8_t octets[] = {10, static_cast<uint8_t>(number + 1), static_cast<uint8_t>(version >> 8),
                               static_cast<uint8_t>(version)};

@@ -37,7 +37,8 @@ void cut_port_off(tested_fabric& fabric, const act& act); // one port
 void cut_one_way(tested_fabric& fabric, const act& act);  // one direction of a port
 void cut_partition_off(tested_fabric& fabric, const act& act);
 
-// Starts a task on every host. These tasks check that the faults affect only the ports that are cut off.
+// Starts a task on every host. Each task checks the records of the host's HCAs that have no port cut off. If the host
+// has no port cut off at all, its task also finds another such host.
 void check_the_rest(tested_fabric& fabric, const act& act);
 
 // For each fault, counts the datagrams that its ports have lost at cuts since the fault began. Adds this number to the

@@ -8,7 +8,7 @@
 namespace console
 {
 
-// Return validators for the value of an option. The error text of a validator says what a valid value is.
+// Return validators for the value of an option. The error texts of one_of() and number_from() name the valid values.
 CLI::Validator one_of(const std::vector<std::string>& words);
 CLI::Validator number_from(double least, double most);
 CLI::Validator existing_file();

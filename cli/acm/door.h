@@ -50,7 +50,8 @@ class door final : public connection::owner
         std::string store_name; // the name of the copy at the service manager; "" if there is no copy
         uid_t user = 0;
         size_t rank = 0; // its position among the open connections of its user, the oldest one is 1
-        // If true, its requests are refused. The connection stays open, because closing it would end the program.
+        // If true, its requests for paths are refused. The connection stays open, because closing it would end the
+        // program. Only a connection whose rank is far above the limit is closed (admit()).
         bool is_beyond_limit = false;
     };
     using connection_map = std::map<uint64_t, open_connection>; // by number; later connections have higher numbers

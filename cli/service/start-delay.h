@@ -1,4 +1,4 @@
-// Delays the start of a host if its machine has just started.
+// Computes how long the service waits before it starts its hosts, if its machine has just started.
 #pragma once
 
 #include <chrono>
@@ -13,8 +13,8 @@ namespace cli
 // then only the service was restarted, for example by an upgrade. Pure.
 inline std::chrono::milliseconds start_delay(int spread_seconds, std::chrono::seconds uptime, uint32_t random)
 {
-    constexpr std::chrono::minutes machine_start{10};
-    if (uptime >= machine_start) return std::chrono::milliseconds(0);
+    constexpr std::chrono::minutes start_phase{10};
+    if (uptime >= start_phase) return std::chrono::milliseconds(0);
     return std::chrono::milliseconds(random % (static_cast<uint32_t>(spread_seconds) * 1000 + 1));
 }
 

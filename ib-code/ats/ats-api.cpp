@@ -1,5 +1,5 @@
-// Starts and stops contexts, connects the module to IBAT, and delivers the SA's replies to IBAT and to pending
-// requests.
+// Starts and stops the context of each HCA (ats_context_t), connects it to IBAT, and delivers the SA's replies to IBAT
+// and to pending requests.
 #include "ats-api.h"
 
 #include <cassert>
@@ -18,8 +18,8 @@ ibat_stat_t ats_arp_send(ibat_arp_data_t* arp_data, void* context, int)
     return ats_sa_arp_send(static_cast<ats_context_t*>(context), arp_data) == 0 ? ibat_stat_ok : ibat_stat_error;
 }
 
-// Returns the reference on ibat_process_arp_data. The completion context may be in a call of that function; therefore
-// first waits until the call ends.
+// Gives back the reference on ibat_process_arp_data. The completion context may still be in a call of that function.
+// Therefore first waits until the call has ended.
 void put_process_arp_data(ats_context_t* ats)
 {
     if (!ats->ibat_process_arp_data.exchange(nullptr)) return;
@@ -27,7 +27,7 @@ void put_process_arp_data(ats_context_t* ats)
     inter_module_put("ibat_process_arp_data_fn");
 }
 
-// Returns the references on IBAT in reverse order.
+// Gives back the references on IBAT, in reverse order.
 void put_ibat(ats_context_t* ats)
 {
     ats_put_peer("ibat_seq_cache_lookup_fn", &ats->ibat_seq_cache_lookup);

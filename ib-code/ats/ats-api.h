@@ -9,7 +9,7 @@
 #include "debug-support.h"
 
 // Looks for the function that another module has published under `name`. Stores it in `*slot`, and takes a reference on
-// that module; ats_put_peer returns the reference. Returns false if no module has published that name.
+// that module; ats_put_peer gives the reference back. Returns false if no module has published that name.
 template <class slot_t>
 bool ats_get_peer(const char* name, slot_t* slot)
 {
@@ -18,7 +18,7 @@ bool ats_get_peer(const char* name, slot_t* slot)
     return *slot != nullptr;
 }
 
-// Returns the reference that ats_get_peer has taken, and sets `*slot` to null. Does nothing if `*slot` is null.
+// Gives back the reference that ats_get_peer has taken, and sets `*slot` to null. Does nothing if `*slot` is null.
 template <class slot_t>
 void ats_put_peer(const char* name, slot_t* slot)
 {
@@ -31,7 +31,7 @@ void ats_put_peer(const char* name, slot_t* slot)
 // Takes references on IBAT's functions and, unless `attach_ibat` is 0, attaches the context to IBAT. Returns
 // ibat_stat_ok. Returns ibat_stat_error, without a reference, if a function is missing or IBAT refuses. May sleep.
 ibat_stat_t ats_ibat_init(ats_context_t* ats, int32_t attach_ibat);
-// Detaches the context and returns the references. Does nothing if there is no connection. May sleep.
+// Detaches the context and gives the references back. Does nothing if there is no connection. May sleep.
 void ats_ibat_stop(ats_context_t* ats);
 
 // ---- ats-api-rarp: reverse resolution, and the connection to UCM ----

@@ -42,7 +42,9 @@ class recording_peers final : public kernel::service
         return sum;
     }
 
-    std::vector<std::string> calls;       // "attach", "detach", "ucm attach", "ucm detach", in order
+    // The attaches and detaches, in order: "attach", "detach", "ucm attach" or "ucm detach". If an argument was wrong,
+    // the text is longer, for example "detach of another handle".
+    std::vector<std::string> calls;
     bool accepts = true;                  // false: IBAT refuses that ats attaches
     unsigned long attach_takes_ticks = 0; // duration of IBAT's attach function
     bool ucm_accepts = true;              // false: UCM refuses that ats attaches
