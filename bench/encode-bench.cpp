@@ -1,6 +1,6 @@
-// Measures the work of the module ats for each request, each reply and each trace line that is off, and simpler work
-// for comparison. A benchmark cannot call these steps in a loaded module, because the module does not export them.
-// Therefore this program links the module's encoder.
+// Measures how long the module ats takes to encode a request, to decode a reply, and to skip a trace line that is off.
+// Also measures simpler work, for comparison. A loaded module does not export its encoder and decoder. Therefore this
+// program links their file.
 #include <benchmark/benchmark.h>
 
 #include "ib-code/ats/ats-sa.h"

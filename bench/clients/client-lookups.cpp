@@ -1,7 +1,7 @@
 // Measures lookups that bypass the cache, through libatsclient. One process runs for each address.
 //   client-lookups SOCKET LOOKUPS ADDRESS...
-// Each process looks up its address again and again. The processes share the LOOKUPS equally. Prints the lookups per
-// second of all processes together.
+// Each process looks up its address again and again. It makes an equal part of the LOOKUPS, but at least one. Prints
+// the lookups per second of all processes together.
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>

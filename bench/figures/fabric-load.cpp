@@ -21,7 +21,7 @@ struct load_settings {
     std::map<std::string, double> values = {
         {"period", 60},      // seconds between two checks of a host's record
         {"skew", 1},         // percent of the period: the longest random delay that is added to the period
-        {"spread", 0},       // seconds: a link-up reaches the modules after a random part of this time
+        {"spread", 0},       // seconds: a link-up or a request to register again waits for a random part of this time
         {"start-spread", 0}, // seconds: a host starts after a random part of this time
         {"queue", 65536},    // the capacity of the SA's queue, in requests
         // The time in which the SA serves a request, in microseconds: a fixed time, and a time for each record that the
@@ -34,7 +34,7 @@ struct load_settings {
         {"gid-record-us", 0.006},
         {"address-us", 9.5},
         {"address-record-us", 0.01},
-        {"path-us", 11},
+        {"path-us", 11}, // a path, or any other request; it takes no time for each record
     };
     double operator[](const std::string& name) const { return values.at(name); }
 };
@@ -80,7 +80,7 @@ class request_counter final : public fabric::tap
     std::vector<uint64_t> by_second;
 };
 
-// A lookup by a random host. Each second, one probe begins.
+// A lookup by a random host. observe() starts one each second.
 struct probe {
     uint64_t begin_tick;
     bool is_found = false;

@@ -80,9 +80,9 @@ void show_load(const char* name, const load_meter::load& load)
                 static_cast<unsigned long long>(load.peak), load.series.c_str());
 }
 
-// Measures the load of `hosts` hosts on the SA. The hosts start together. After an hour, the SM moves to another LID
-// and the SA loses all records, several times. Then the SA does not answer for two minutes while every host looks up an
-// address.
+// Measures the load of `hosts` hosts on the SA, and their memory. The hosts start together; their first registrations
+// are not in the figures. After an hour, the SM moves to another LID and the SA loses all records, several times. Then
+// the SA does not answer for two minutes, and every host looks up an address.
 int scale(int hosts)
 {
     const exec::reserve last_memory;

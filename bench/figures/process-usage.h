@@ -3,8 +3,8 @@
 
 #include <cstddef>
 
-// Returns the memory of this process in bytes, with its page tables. A page that is mapped several times counts once
-// (Pss of proc(5)).
+// Returns the memory of this process in bytes, with its page tables. A page that this process maps several times counts
+// once. A page that other processes map, too, counts in part (Pss of proc(5)).
 double memory_bytes();
 
 size_t mapping_count();

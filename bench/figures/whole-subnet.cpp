@@ -17,7 +17,7 @@ constexpr size_t few_hosts = 10;
 
 // The limits apply to the largest subnet, which has 48000 hosts, on a machine with two cores and unchanged system
 // settings.
-constexpr double seconds_limit = 60; // processor time: to bring all hosts up, and also to unload them
+constexpr double seconds_limit = 60; // processor time to bring all hosts up; the same limit applies to unloading them
 constexpr double kib_per_host_limit = 100;
 // The limit of two ratios of processor time. One compares the start of the last hosts with the start of the first
 // hosts. The other compares a lookup by ten hosts of the large subnet with a lookup in a subnet of ten hosts.

@@ -15,7 +15,7 @@
 namespace
 {
 
-constexpr int timeout_ms = 500; // after this time without an answer, sends all requests in flight again
+constexpr int timeout_ms = 500; // a request without an answer for this time counts as lost, and is sent again
 
 [[noreturn]] void fail(const char* reason)
 {

@@ -2,9 +2,9 @@
 // reference for `ats run` on a real fabric. One thread passes questions from the clients to the SA. The other thread
 // passes the answers of the SA to the clients.
 //   bare-service LOOKUPS ADDRESS...
-// One client process runs for each address. It asks again and again, and waits for each answer. The clients share the
-// LOOKUPS equally. Questions and answers have as many bytes as those of a real service. Prints the lookups per second
-// of all clients together.
+// One client process runs for each address. It asks again and again, and waits for each answer. It makes an equal part
+// of the LOOKUPS, but at least one. Questions and answers have about as many bytes as those of a real service. Prints
+// the lookups per second of all clients together.
 #include <array>
 #include <chrono>
 #include <cstdio>

@@ -1,5 +1,6 @@
-// A library for LD_PRELOAD. It gives every socket of a program a large send buffer. With buffers of the default size,
-// ibsim and OpenSM wait for each other for ever when about 550 datagrams are in flight between them.
+// A library for LD_PRELOAD. It gives every socket that a program makes with socket() a large send buffer. With buffers
+// of the default size, ibsim and OpenSM wait for each other for ever when about 550 datagrams are in flight between
+// them.
 #include <dlfcn.h>
 #include <sys/socket.h>
 

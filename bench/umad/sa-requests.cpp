@@ -11,8 +11,8 @@ namespace sa_load
 namespace
 {
 
-// The component masks of the requests of hosts (IBA 15.2.5.14 and 15.2.5.16). Only set_mask differs: it lacks the
-// P_Key, see make_request().
+// The component masks (IBA 15.2.5.14 and 15.2.5.16). They are those that real hosts use, except that set_mask lacks the
+// P_Key: see make_request().
 constexpr uint64_t set_mask = UINT64_MAX & ~(uint64_t{1} << SR_COMPONENT_SERVICE_P_KEY);
 constexpr uint64_t by_gid_mask = 0x43;         // ServiceID, ServiceGID, ServiceName
 constexpr uint64_t by_address_mask = 0x7FFFC1; // ServiceID, ServiceName, ServiceData8
