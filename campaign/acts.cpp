@@ -1,4 +1,4 @@
-// All kinds of acts, and their effects.
+// All kinds of acts, and their functions. Those of faults that never heal are in unhealed.cpp.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -69,7 +69,7 @@ void ask_path(tested_fabric& fabric, const act& act)
     });
 }
 
-// Returns true if the host has more open questions than the pool of its module ats has datagrams.
+// Returns true if the host has more open questions than the module ats has datagrams for one HCA.
 bool has_many_open(const node& node)
 {
     constexpr ptrdiff_t pool_size = 16;
@@ -170,7 +170,7 @@ void verify_period(tested_fabric& fabric, const act& act)
     });
 }
 
-// ---- acts of the administrator; afterwards the SA must soon have the right records ----
+// ---- acts of the administrator; after most of them, the SA must soon have the right records ----
 
 void expect_truth_soon(node& node)
 {

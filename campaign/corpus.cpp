@@ -60,7 +60,7 @@ class coverage
 };
 
 // Runs plain seeds (plans without changes) for half of the time. Then runs "steered" plans: those of the corpus,
-// changed copies of them, and a few plain seeds. If a steered plan reaches something new, adds it to the corpus.
+// changed copies of them, and some plain seeds. If a steered plan reaches something new, adds it to the corpus.
 class search
 {
   public:
@@ -159,8 +159,8 @@ class search
         }
     }
 
-    // Returns a change that gives an act another host, a random number of another act, or a begin shortly after that of
-    // another act.
+    // Returns a change that gives an act another host, the number `a` or `b` of another act, or a begin shortly after
+    // that of another act.
     std::string changed_act(const plan& plan, uint64_t kind)
     {
         const std::string act = std::to_string(number_below(plan.acts.size()));

@@ -1,5 +1,5 @@
-// Checks the service (the module ats on each host): the SA must have the right record of every host, and every lookup
-// must return it.
+// Checks the service (the module ats on each host): the SA must have the right records of the hosts, and lookups must
+// return them. Unloading must leave nothing behind.
 #include <algorithm>
 #include <cstring>
 #include <random>

@@ -108,8 +108,8 @@ ats::result<std::vector<size_t>> chosen_acts(const plan& plan, const std::vector
     return numbers;
 }
 
-// The functions below with the type ats::result<int> return the exit code of the program. They return an error if the
-// command line is wrong, or if the system refuses something.
+// The functions below with the type ats::result<int> return the exit code of the program. They return an error, for
+// example, if the command line or an input file is wrong, or if the system refuses something.
 
 // Shows the complaint of a run that fails, and the command that replays it. With --minimise, also shows the simplest
 // run that fails. With --html, also draws a picture.
@@ -277,8 +277,8 @@ int main(int argc, char** argv)
         ->check(CLI::PositiveNumber)
         ->needs(corpus);
 
-    // The options from --only to --all-acts are for a single seed. A number of an act has a meaning for one seed only,
-    // and the processes of several seeds cannot share a file.
+    // The options from --only to --all-acts are for a single seed. For example, a number of an act has a meaning for
+    // one seed only, and the processes of several seeds cannot share a file.
     program.add_option("--only", line.only, "A,B,.. or none: replay only these acts of the seed")
         ->delimiter(',')
         ->needs(seed);

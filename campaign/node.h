@@ -42,7 +42,8 @@ struct node {
     std::string next_name(uint32_t random);
 
     // Marks the identity as uncertain, and calls `change`, which sets the identity and returns true on success. Then
-    // calls `on_certain` if `change` succeeded, no other change ran at the same time, and no fault was active.
+    // calls `on_certain` if `change` succeeded, no other change ran at the same time, and no harmful act was running or
+    // still had effects (see harm_watch).
     void change_identity(const std::function<bool()>& change, const std::function<void()>& on_certain);
 
     // Writes to the control file of the module ats. Call it in a task of the host. Returns true if the file exists and
@@ -55,7 +56,7 @@ struct node {
 
     // Call it after an act has set the verification period and skew. `verification` has these values, in the form of
     // the member "verification" of console::parse_control_report(). The act is marked as effective when a later report
-    // shows the values.
+    // shows the values. The default values prove nothing, so an act that sets them is not marked.
     void expect_verification(const act& act, console::json verification);
 
     // Loads or unloads a module. load() passes the present identity to the module ats. Call them in a task of the host.
@@ -105,7 +106,7 @@ struct node {
     uint64_t disturbed_tick = 0;        // when the host's links, identity or modules last changed
     uint64_t longest_period = 61;       // maximum seconds between two verifications by the host
     bool may_not_verify = false;        // verification may be switched off
-    std::optional<act> failing_calls;   // the act that last armed the machine's fault injector
+    std::optional<act> failing_calls;   // the act that has armed the fault injector, until it is disarmed
     bool may_have_left_records = false; // the module ats was unloaded when it possibly could not send Deletes
     bool may_be_misread = false;        // a query of a port may have failed
 

@@ -108,8 +108,8 @@ void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
     act.begin_tick = std::min(act.begin_tick, plan.faults_end_tick);
 }
 
-// In a third of the plans, no act harms the network. In a third of these plans, no act harms a host either: then every
-// registration must succeed at once, and nothing may be left behind.
+// In a third of the plans, no act harms the network. In a third of these plans, no act harms a host either: then no
+// fault excuses a wrong record.
 harm draw_worst_harm(dice& dice)
 {
     if (!dice.one_in(3)) return harm::network;

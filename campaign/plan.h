@@ -61,7 +61,7 @@ struct act {
 
 struct act_kind {
     const char* name;
-    int weight; // the chance of this kind is its share of the sum of all weights
+    int weight; // the chance of this kind, in proportion to the other kinds that the plan may have
     campaign::harm harm;
     uint64_t longest_ticks; // maximum duration; 0 if it begins and ends at once
     void (*begin)(tested_fabric&, const act&);

@@ -17,7 +17,7 @@ namespace
 {
 
 // If no answer comes, the service ends its own request between shortest_wait_ticks and longest_wait_ticks later.
-// Questions through IBAT or UCM may take up to longest_wait_for_peers_ticks, because these modules repeat requests and
+// Questions through IBAT or UCM may take up to longest_wait_for_peers_ticks, because IBAT repeats requests, and both
 // queue their replies.
 constexpr uint64_t shortest_wait_ticks = 1000, longest_wait_ticks = 2000;
 constexpr uint64_t longest_wait_for_peers_ticks = 6000;

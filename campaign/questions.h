@@ -26,7 +26,7 @@ struct question {
     node& asker;
     std::optional<uint32_t> act_kind; // if set, the answer counts as an effect of this kind of act
     bool is_by_gid = false;           // asks for the address of a GID; otherwise for the GID of an address
-    bool is_of_service = false;       // asks the service directly, so IBAT and UCM repeat nothing
+    bool is_of_service = false;       // asks the service directly, without IBAT and UCM
     uint64_t begin_tick = 0;
     ibat_stat_t return_status = ibat_stat_error; // the return value of the call that asked
     int replies = 0;                             // number of callbacks

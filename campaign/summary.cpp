@@ -71,7 +71,7 @@ void show_failure(const std::string& complaint, const run_choice& choice)
     std::fflush(stdout);
 }
 
-// scripts/report reads this line. Change both together.
+// scripts/report reads the line that this function prints. Change both together.
 void show(const figures& counts, double seconds)
 {
     const double hours = static_cast<double>(counts.simulated_ticks) / ticks_per_hour;

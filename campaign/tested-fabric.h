@@ -118,8 +118,8 @@ struct tested_fabric {
 void check_promptly(node& node, uint64_t act_tick);
 
 // Call it in a task of each host after a port of some host was cut off for good. Waits for two verifications. Then
-// checks that the host's records are right, and that the host finds another healthy host, if there is one. If something
-// else has disturbed the host, checks nothing. Marks `act` as effective if the host finds that other host.
+// checks that the host's records are right, and that the host finds another healthy host with one HCA, if there is one.
+// If something else has disturbed the host, checks nothing. Marks `act` as effective if the host finds that other host.
 void check_in_spite_of_cuts(node& node, const act& act);
 
 // The closing phase of a run. Ends every fault that can end. Checks all records and lookups, and that unloading all

@@ -1,6 +1,6 @@
 // Checks every datagram that a host sends. It must be one of the four requests of the module ats, or IBAT's request for
-// a path. Its header, component mask and record must be correct. The P_Key and the GID of a Set must be those of the
-// port that sends the Set. Without disturbances, a Set must follow its Delete in the same tick.
+// a path. Its header, component mask and record must be correct. Without disturbances, the P_Key and the GID of a Set
+// must be those of the port that sends the Set, and the Set must follow its Delete in the same tick.
 #pragma once
 
 #include <map>
