@@ -23,7 +23,7 @@ void check_doors(findings& findings, const world_config& config, const std::stri
 // service works without the file.
 void check_metrics_folder(findings& findings, const world_config& config);
 
-// Checks that the process limits of this user are high enough for the hosts.
+// Checks that the limits of open files and memory mappings are high enough for the hosts.
 void check_limits(findings& findings, const world_config& config);
 
 } // namespace cli

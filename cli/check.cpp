@@ -146,7 +146,7 @@ struct check_options {
     bool as_json = false;
 };
 
-// Makes all checks and prints the findings. Returns the exit code. Without a configuration, checks whether the machine
+// Makes the checks and prints the findings. Returns the exit code. Without a configuration, checks whether the machine
 // can run one host on its real ports. If the configuration has an error, omits the checks that depend on it.
 int run_check(const check_options& options)
 {

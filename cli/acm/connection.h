@@ -1,7 +1,7 @@
 // One connection of a program that asks for paths. The door (door.h) answers the program's requests one at a time, in
 // the order in which librdmacm sends them. The connection only peeks at a request (MSG_PEEK): the request stays in the
-// socket until its answer is ready. If this process ends before that, the next process of the service gets the socket
-// and finds the request there. All calls are made in the event loop's thread.
+// socket until its answer is ready. If this process ends before that, and the service manager has a copy of the socket,
+// the next process of the service finds the request there. All calls are made in the event loop's thread.
 #pragma once
 
 #include <array>

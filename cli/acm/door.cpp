@@ -14,8 +14,8 @@ namespace acm
 namespace
 {
 
-// If a user has more connections than the limit, the door answers the requests of the further connections with a
-// refusal. If the user has more than this factor times the limit, the door closes the further connections.
+// If a user has more connections than the limit, the door refuses the requests for paths on the further connections. If
+// the user has more than this factor times the limit, the door closes the further connections.
 constexpr size_t refusal_factor = 4;
 
 // The door accepts at most this number of programs in a round of the loop. Otherwise, programs that connect as fast as

@@ -25,8 +25,8 @@ class route_finder
 
     route_finder(cli::server& server, cli::running_hosts& hosts) : server_(server), hosts_(hosts) {}
 
-    // Starts no more lookups. Waits for the loop's thread. `server` must still exist, and may then be destroyed: a name
-    // that a worker finds later is ignored.
+    // Starts no more lookups. Waits for the loop's thread. `server` must still exist, and may then be destroyed: the
+    // address of a name that a worker finds later is ignored.
     ~route_finder();
     route_finder(const route_finder&) = delete;
     route_finder& operator=(const route_finder&) = delete;

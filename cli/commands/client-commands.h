@@ -1,5 +1,5 @@
-// The commands that send requests to a running service. Each command prints the answer, and stores its exit code or an
-// error in `outcome`, which must outlive `program`.
+// The commands that send requests to a running service. (`sa show` and `resolve` can also ask a real SA themselves.)
+// Each command prints the answer, and stores its exit code or an error in `outcome`, which must outlive `program`.
 #pragma once
 
 #include <CLI/CLI.hpp>

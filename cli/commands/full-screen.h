@@ -23,7 +23,8 @@ class full_screen
     // Returns the current size of the window, or 80 x 24 if the terminal does not report its size.
     size window() const;
 
-    // Draws over the previous picture. The last line must not have a line end, because that would scroll the screen.
+    // Draws over the previous picture. If the picture has as many lines as the window, the last line must not have a
+    // line end, because that would scroll the screen.
     void draw(const std::string& picture) const;
 };
 

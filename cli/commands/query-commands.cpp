@@ -178,7 +178,8 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
 }
 
 // Shows the status every second, until a signal ends the program or the output fails. Returns an error if the service
-// does not answer or refuses the request. On a terminal, fits the status into the window.
+// does not answer or refuses the request. On a terminal, fits the text into the window; JSON
+// stays as it is.
 ats::result<int> watch_status(const client_options& common)
 {
     constexpr std::chrono::seconds redraw_period(1);

@@ -20,7 +20,7 @@ using json = nlohmann::json;
 
 struct client_options {
     std::string socket = client::default_socket_path();
-    std::string host; // "" means the first host
+    std::string host; // "" means the first host, or all hosts; see the help of --host
     bool as_json = false;
     std::string gid_format = "hex"; // in text output: "hex" or "ipv6"
     double timeout_seconds = 5;     // give up if the service sends nothing and answers no ping for this time
