@@ -1,6 +1,7 @@
 // `make fabric`: runs real hosts on a simulated fabric under OpenSM, and causes the usual events of a fabric. Prints
 // one line for each event, with its effect and the time until the effect. The exit code is 1 if an effect is missing or
-// wrong or an error ends the tour, 2 if the tour cannot begin, and 130 after Ctrl-C.
+// wrong or an error ends the tour, 2 if the command line is wrong or a program is missing, and 130 after Ctrl-C or
+// another signal that ends the tour.
 //   ats-fabric [HOSTS]
 
 #include <csignal>
@@ -18,7 +19,7 @@ using namespace fabric_tools;
 using clock = std::chrono::steady_clock;
 
 constexpr int least_hosts = 2;
-constexpr int most_hosts = most_programs - 3; // one SM and two tools also need a place in ibsim
+constexpr int most_hosts = most_programs - 3; // the SM and a tool also need a place in ibsim, and one place stays free
 const std::string tool_node = "desk";
 
 class tour
@@ -114,9 +115,9 @@ class tour
                               " asks for the others");
                 for (int j = 0; j < count_; ++j) {
                     if (i == j) continue;
-                    if ((i + j) % 2 == 0) resolve(i, j);
+                    if (i < j) resolve(i, j);
                     reverse(i, j);
-                    if ((i + j) % 2 != 0) resolve(i, j);
+                    if (i > j) resolve(i, j);
                 }
             }
             effect = std::to_string(right) + " right, " + std::to_string(from_sa) + " from the SA";
