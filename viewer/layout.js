@@ -66,13 +66,13 @@ class Layout {
   }
 
   place(event) {
-    const isShown = this.placeShown(event);
+    const startsRow = this.placeByKind(event);
     this.yOf[event.index] = this.y;
-    if (isShown) this.stops.push(event.index);
+    if (startsRow) this.stops.push(event.index);
   }
 
   // Adds the event to the picture, unless it is hidden. Returns true if the event starts a row.
-  placeShown(event) {
+  placeByKind(event) {
     switch (event.e) {
     case "sent":
     case "refused": return this.placeDatagram(event);

@@ -61,7 +61,7 @@ class conversation
     bool is_congested() const;
 
     // pause() stops the processing of lines; resume() continues it. The owner pauses the conversation while a request
-    // without an id is being answered.
+    // without an id is being answered, except a followed log, whose answer may never end.
     void pause();
     void resume();
 

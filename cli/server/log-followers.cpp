@@ -1,7 +1,7 @@
 #include "cli/server/log-followers.h"
 
 #include "cli/server/answer-lines.h"
-#include "cli/server/request-kinds.h"
+#include "cli/server/request-access.h"
 
 namespace cli
 {

@@ -1,4 +1,4 @@
-#include "cli/server/request-kinds.h"
+#include "cli/server/request-access.h"
 
 #include <algorithm>
 #include <array>

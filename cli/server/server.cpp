@@ -5,7 +5,7 @@
 #include "cli/metrics/metrics.h"
 #include "cli/server/answer-lines.h"
 #include "cli/server/lookup-requests.h"
-#include "cli/server/request-kinds.h"
+#include "cli/server/request-access.h"
 #include "cli/service/requests.h"
 
 namespace cli

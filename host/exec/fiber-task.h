@@ -23,7 +23,7 @@ using deadline_map = std::multimap<uint64_t, fiber_task*>;
 enum class task_state {
     ready,     // in a queue of ready tasks, or running
     parked,    // waits for a wake-up or for its deadline
-    spinning,  // in relax(): waits until another task has run or the clock has advanced
+    spinning,  // in relax(): waits until another task stops running or the clock advances
     ended,     // waits for join() to free it
     abandoned, // enter() has thrown `stalled`; the task never continues
 };
@@ -31,14 +31,14 @@ enum class task_state {
 struct fiber_task final : task {
     fiber_task(executor& exec, task_home* home, std::string name, std::function<void()> body, fiber_stack stack,
                void (*entry)(void*))
-        : task(exec, home, std::move(name)), body(std::move(body)), thread(stack, entry, this)
+        : task(exec, home, std::move(name)), body(std::move(body)), own_fiber(stack, entry, this)
     {
     }
 
     std::function<void()> body;
     std::function<step_pause()> step; // if set, the task runs steps instead of `body`
     bool has_stack = true;            // false before the first step, and after the task has put its stack back
-    fiber thread;
+    fiber own_fiber;
     uint64_t number = 0;                         // tasks are numbered in the order in which they start
     std::list<fiber_task*>::iterator position{}; // in the list of all tasks
 
@@ -53,9 +53,10 @@ struct fiber_task final : task {
     const char* reason = "";
     const char* object = "";
     uint64_t stopped_at_tick = 0;
-    bool has_deadline = false;
-    deadline_map::iterator deadline;
-    deadline_map::node_type node; // the map node between two sleeps: the next sleep reuses it and allocates nothing
+
+    bool has_deadline = false;       // true if the task is in the deadline map
+    deadline_map::iterator deadline; // valid if has_deadline is true
+    deadline_map::node_type node;    // the map node between two sleeps: the next sleep reuses it and allocates nothing
 
     // Returns one line about the wait, for example "machine/name waits for down(&ats->ats_sem) since tick 20\n".
     std::string describe() const

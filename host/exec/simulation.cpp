@@ -239,7 +239,7 @@ class simulated_executor final : public simulation
             stop(self, task_state::parked, pause.reason, pause.object);
             ready_spinners();
             self.has_stack = false;
-            stacks_.put_current(self.thread.stack());
+            stacks_.put_current(self.own_fiber.stack());
             switch_away(self);
         }
     }
@@ -249,7 +249,7 @@ class simulated_executor final : public simulation
     {
         if (next.has_stack) return;
         if (next.has_begun) next.has_wake_up = false; // the wake-up has ended the pause between two steps
-        next.thread.restart(stack_for_step());
+        next.own_fiber.restart(stack_for_step());
         next.has_stack = true;
     }
 
@@ -284,9 +284,9 @@ class simulated_executor final : public simulation
         if (!task.has_stack) {
             // nothing to give back
         } else if (task.state == task_state::ended || !task.has_begun)
-            stacks_.put(task.thread.stack());
+            stacks_.put(task.own_fiber.stack());
         else
-            stacks_.put_abandoned(task.thread.stack());
+            stacks_.put_abandoned(task.own_fiber.stack());
         delete &task;
     }
 
@@ -346,7 +346,7 @@ class simulated_executor final : public simulation
     {
         prepare(*next);
         set_current_task(next);
-        fiber::switch_between(self.thread, next->thread);
+        fiber::switch_between(self.own_fiber, next->own_fiber);
     }
 
     // Switches from the calling task, which is not ready, to a ready task. Switches to the thread from outside instead
@@ -359,7 +359,7 @@ class simulated_executor final : public simulation
         const bool is_gone = self.state == task_state::ended || !self.has_stack;
         if (next) prepare(*next);
         set_current_task(next);
-        fiber::switch_between(self.thread, next ? next->thread : outside_, is_gone);
+        fiber::switch_between(self.own_fiber, next ? next->own_fiber : outside_, is_gone);
     }
 
     size_t ready_count() const { return ready_tasks_.size() + preempted_tasks_.size(); }
@@ -384,7 +384,7 @@ class simulated_executor final : public simulation
         fiber_task* next = choose_ready();
         prepare(*next);
         set_current_task(next);
-        fiber::switch_between(outside_, next->thread);
+        fiber::switch_between(outside_, next->own_fiber);
         return true;
     }
 

@@ -17,19 +17,19 @@ namespace stack
 namespace
 {
 
-constexpr size_t address_part = offsetof(gsi_dtgrm_t, rmpp_payload);
+constexpr size_t zeroed_offset = offsetof(gsi_dtgrm_t, rmpp_payload); // a new datagram is zero from here on
 
 // With `is_allowed` false, the address sanitizer reports every later access to the datagram, except to its `priv` part.
 // With `is_allowed` true, it reports none. Without the address sanitizer, this function does nothing.
 void allow_use([[maybe_unused]] gsi_dtgrm_t& datagram, [[maybe_unused]] bool is_allowed)
 {
 #ifdef __SANITIZE_ADDRESS__
-    constexpr size_t client_part = offsetof(gsi_dtgrm_t, mad);
-    char* begin = reinterpret_cast<char*>(&datagram) + client_part;
+    constexpr size_t client_offset = offsetof(gsi_dtgrm_t, mad);
+    char* begin = reinterpret_cast<char*>(&datagram) + client_offset;
     if (is_allowed)
-        __asan_unpoison_memory_region(begin, sizeof datagram - client_part);
+        __asan_unpoison_memory_region(begin, sizeof datagram - client_offset);
     else
-        __asan_poison_memory_region(begin, sizeof datagram - client_part);
+        __asan_poison_memory_region(begin, sizeof datagram - client_offset);
 #endif
 }
 
@@ -81,7 +81,7 @@ datagram_record* datagram_pool::take()
     }
     gsi_dtgrm_t& datagram = record->datagram();
     allow_use(datagram, true);
-    std::memset(reinterpret_cast<char*>(&datagram) + address_part, 0, sizeof datagram - address_part);
+    std::memset(reinterpret_cast<char*>(&datagram) + zeroed_offset, 0, sizeof datagram - zeroed_offset);
     return record;
 }
 

@@ -13,8 +13,8 @@ namespace
 
 using lines = std::vector<std::string>;
 
-// The error number that the module's entry function has returned, or 0.
-int number_of_failure(const ats::result<>& result)
+// Returns the error number that the module's entry function has returned, or 0.
+int error_number_of(const ats::result<>& result)
 {
     const std::string words = "start-up failed with ";
     if (result) return 0;
@@ -90,7 +90,7 @@ TEST(start_up_of, an_hca_that_fails_says_why)
     for (const auto& [call, reason] : table) {
         SCOPED_TRACE(call);
         host.faults().fail_calls(call);
-        EXPECT_EQ(number_of_failure(host.try_load()), -6);
+        EXPECT_EQ(error_number_of(host.try_load()), -6);
         const lines log = host.log();
         EXPECT_THAT(log, Contains(StartsWith("ERROR sa/" + reason)));
         EXPECT_THAT(log, Contains("ERROR module/ats_module_init: ATS init error  mthca0"));
@@ -103,7 +103,7 @@ TEST(start_up_of, an_hca_that_a_peer_refuses_detaches_from_nothing)
     ats_world w;
     ats_host& host = w.add();
     host.peers().accepts = false;
-    EXPECT_EQ(number_of_failure(host.try_load()), -6);
+    EXPECT_EQ(error_number_of(host.try_load()), -6);
     EXPECT_THAT(host.log(), Contains(HasSubstr("Could not attach to IBAT")));
     EXPECT_THAT(host.peers().calls, ElementsAre("attach"));
     EXPECT_EQ(host.leftovers(), "");
@@ -124,7 +124,7 @@ TEST(start_up_of, the_second_of_three_hcas_failing_stops_them_all)
     ats_host& host = w.add({.ports = {1, 1, 1}, .trace = trace_debug});
     host.link_up(1);
     host.peers().attach_takes_ticks = 10;
-    exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
+    exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(error_number_of(host.try_load()), -6); });
     w.at(5); // HCA 0 has registered, and waits for attach; HCA 1 has not begun
     EXPECT_THAT(w.records(), ElementsAre("node1.1 10.0.0.1 node1"));
     host.faults().fail_calls("gsi_dtgrm_pool_create_named");
@@ -149,7 +149,7 @@ TEST(start_up_of, the_second_of_two_hcas_failing_gives_back_its_own_first)
         ats_host& host = w.add({.ports = {1, 1}, .trace = trace_debug});
         host.link_up(1);
         host.peers().attach_takes_ticks = 10;
-        exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(number_of_failure(host.try_load()), -6); });
+        exec::task& insmod = host.start("insmod", [&] { EXPECT_EQ(error_number_of(host.try_load()), -6); });
         w.at(5);
         host.faults().fail_calls(call);
         w.subnet.faults.sa_silent = true;
@@ -168,7 +168,7 @@ TEST(start_up_of, a_taken_control_file_fails_and_is_logged)
     ats_host& host = w.add();
     host.run([] { EXPECT_TRUE(proc_mkdir("dorvex") && proc_mkdir("dorvex/ats")); });
     host.run([] { EXPECT_TRUE(create_proc_entry("dorvex/ats/control", 0)); });
-    EXPECT_EQ(number_of_failure(host.try_load()), -12);
+    EXPECT_EQ(error_number_of(host.try_load()), -12);
     EXPECT_EQ(host.log().back(), "ERROR module/ats_module_init: Error creating /proc entry.");
     host.run([] { remove_proc_entry("dorvex/ats/control"); });
     EXPECT_EQ(host.leftovers(), "");
@@ -264,7 +264,7 @@ TEST(binding, needs_only_the_functions_of_ibat_that_it_uses)
                 EXPECT_EQ(host.peers().references(), 3);
                 host.unload();
             } else {
-                EXPECT_EQ(number_of_failure(result), -6);
+                EXPECT_EQ(error_number_of(result), -6);
                 const lines log = host.log();
                 EXPECT_THAT(log, Contains("ERROR api/ats_ibat_init: Could not get IBAT " + words[i] + " function"));
                 EXPECT_EQ(std::ranges::count(log, cannot_delete), 1) << "the SA client is stopped once";
@@ -283,7 +283,7 @@ TEST(binding, a_refusing_ibat_fails_the_load_and_a_refusing_ucm_does_not)
     host.link_up(1);
     host.peers().accepts = false;
     host.peers().attach_takes_ticks = 50; // meanwhile port 1 becomes the active port and registers
-    EXPECT_EQ(number_of_failure(host.try_load()), -6);
+    EXPECT_EQ(error_number_of(host.try_load()), -6);
     EXPECT_THAT(host.log(), ElementsAre(StartsWith("LOGGER"), "ERROR api/ats_ibat_init: Could not attach to IBAT",
                                         "ERROR api/ats_init: ats_ibat_init failed -255",
                                         "ERROR module/ats_module_init: ATS init error  mthca0"));

@@ -12,14 +12,14 @@ namespace
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A fake provider. It stores the callbacks that it owes to UCM, and the test makes them later.
+// A fake provider. It stores the callbacks that it owes to UCM, and the test calls them later.
 struct scripted_provider {
     struct owed_callback {
         kq_gid_t gid;
         ats_rarp_reply_fn_t callback;
         void* context;
 
-        void make(ibat_stat_t status) const
+        void call(ibat_stat_t status) const
         {
             exec::atomic_section section("completion");
             ibat_arp_data_t record{};
@@ -78,9 +78,9 @@ class ucm_world : public peer_world
         return status;
     }
 
-    void make_callback(size_t index, ibat_stat_t status)
+    void call_back(size_t index, ibat_stat_t status)
     {
-        run([&] { provider.callbacks.at(index).make(status); });
+        run([&] { provider.callbacks.at(index).call(status); });
     }
 
     ucm_counters_t counters()
@@ -130,9 +130,9 @@ TEST(ucm, result_and_callback_of_the_provider_end_a_request_once_in_every_order)
         ucm_world world;
         world.provider.result = each.result;
         if (each.early_callback != none)
-            world.provider.last_action = [&](const auto& callback) { callback.make(each.early_callback); };
+            world.provider.last_action = [&](const auto& callback) { callback.call(each.early_callback); };
         EXPECT_EQ(world.ask(1, caller), each.status);
-        if (each.late_callback != none) world.make_callback(0, each.late_callback);
+        if (each.late_callback != none) world.call_back(0, each.late_callback);
         if (each.reply == none) {
             EXPECT_THAT(caller.replies, IsEmpty());
         } else {
@@ -179,7 +179,7 @@ TEST(ucm, detach_waits_for_a_running_call_and_ends_every_pending_request_once)
     world.sim->join(slow);
     EXPECT_EQ(world.ask(3, late), ibat_stat_error);
     EXPECT_EQ(world.provider.callbacks.size(), 2u);
-    world.make_callback(0, ibat_stat_ok); // a late callback of the provider
+    world.call_back(0, ibat_stat_ok); // a late callback of the provider
     for (const asker* caller : {&first, &second}) {
         ASSERT_EQ(caller->replies.size(), 1u);
         EXPECT_EQ(caller->replies[0].status, ibat_stat_error);
@@ -197,18 +197,18 @@ TEST(ucm, callback_may_ask_again_and_a_cancelled_asker_gets_no_callback)
         EXPECT_EQ(world.get_ip(&gid, &world.record, asker::reply_callback, &second), ibat_stat_pending);
     };
     world.ask(1, first);
-    world.make_callback(0, ibat_stat_not_found);
+    world.call_back(0, ibat_stat_not_found);
     EXPECT_EQ(world.provider.callbacks.size(), 2u);
     world.ask(3, leaves);
     world.run([&] {
         EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 1);
         EXPECT_EQ(world.cancel(asker::reply_callback, &leaves), 0);
     });
-    world.make_callback(2, ibat_stat_ok);
+    world.call_back(2, ibat_stat_ok);
     EXPECT_THAT(leaves.replies, IsEmpty());
     slow.action = [] { schedule_timeout_uninterruptible(200); };
     world.ask(4, slow);
-    world.make_callback(3, ibat_stat_ok);
+    world.call_back(3, ibat_stat_ok);
     world.run([&] {
         EXPECT_EQ(world.cancel(asker::reply_callback, &slow), 0);
         EXPECT_EQ(get_jiffies(), 200u) << "it waits for a running callback";

@@ -32,10 +32,10 @@ std::filesystem::file_time_type time_of(const std::string& path)
 } // namespace
 
 host::host(fabric_tools::ibsim_fabric& net, int number, std::string gid, const host_options& options,
-           std::string records)
-    : net_(net), number_(number), gid_(std::move(gid)), records_(std::move(records)), modules_(options.modules),
-      disk_(net.folder() + "/disk" + std::to_string(number), options.has_small_disk), last_address_(address(0)),
-      last_name_(name())
+           std::string recordings_folder)
+    : net_(net), number_(number), gid_(std::move(gid)), recordings_folder_(std::move(recordings_folder)),
+      modules_(options.modules), disk_(net.folder() + "/disk" + std::to_string(number), options.has_small_disk),
+      last_address_(address(0)), last_name_(name())
 {
 }
 
@@ -70,7 +70,7 @@ void host::start()
     first_resource_use_.reset();
     old_metrics_.reset();
     write_configuration();
-    recording_ = records_ + "/" + name() + "-" + std::to_string(++starts_) + ".jsonl";
+    recording_ = recordings_folder_ + "/" + name() + "-" + std::to_string(++starts_) + ".jsonl";
     std::vector<std::string> arguments = {
         fabric_tools::ats_program(), "run",      "--config", net_.folder() + "/" + name() + ".toml", "--socket",
         disk_.folder() + "/socket",  "--record", recording_};

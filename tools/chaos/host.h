@@ -33,10 +33,10 @@ struct host_options {
 class host
 {
   public:
-    // Makes the host's disk. The service will write its recordings to the folder `records`, and its other files to the
+    // Makes the host's disk. The service will write its recordings to `recordings_folder`, and its other files to the
     // disk.
     host(fabric_tools::ibsim_fabric& net, int number, std::string gid, const host_options& options,
-         std::string records);
+         std::string recordings_folder);
 
     // Starts the service, and waits until it serves clients. Throws failure if it does not within 30 s.
     void start();
@@ -103,7 +103,7 @@ class host
 
     fabric_tools::ibsim_fabric& net_;
     const int number_;
-    const std::string gid_, records_, modules_;
+    const std::string gid_, recordings_folder_, modules_;
     chaos::disk disk_;
     std::unique_ptr<fabric_tools::process> program_;
     std::string recording_;

@@ -22,15 +22,15 @@ std::vector<std::string> all_nodes(int hosts)
 
 } // namespace
 
-run::run(int hosts, const std::string& records, const host_options& options)
-    : records_(records), net_(all_nodes(hosts)), sms_(net_)
+run::run(int hosts, const std::string& recordings_folder, const host_options& options)
+    : recordings_folder_(recordings_folder), net_(all_nodes(hosts)), sms_(net_)
 {
     for (int number = 1; number <= hosts; ++number) {
         const std::string guid = net_.run(fabric_tools::node_name(number), {"ibstat", "-p"});
         if (guid.size() < 18) throw failure{"ibstat shows no port", "a GUID of 16 digits", guid};
         std::string gid = "0xFE80000000000000" + guid.substr(2, 16);
         std::ranges::transform(gid.begin() + 2, gid.end(), gid.begin() + 2, ::toupper);
-        hosts_.push_back(std::make_unique<host>(net_, number, gid, options, records));
+        hosts_.push_back(std::make_unique<host>(net_, number, gid, options, recordings_folder));
     }
 }
 
@@ -110,13 +110,13 @@ void run::act_on_host(const act& act)
                   : "moment");
     switch (act.kind) {
     case act_kind::kill_host:
-        keep_records_of(host);
+        allow_remaining_records(host);
         host.kill();
         break;
     case act_kind::stop_host:
         if (is_sa_disturbed_ ||
             std::ranges::any_of(faults_, [&](const chaos::act& each) { return each.host == act.host; }))
-            keep_records_of(host);
+            allow_remaining_records(host);
         host.stop();
         break;
     case act_kind::pause_host:
@@ -185,7 +185,7 @@ void run::heal(const round& round)
     for (const int number : round.returning_hosts) hosts_[static_cast<size_t>(number - 1)]->start();
 }
 
-void run::keep_records_of(const host& host)
+void run::allow_remaining_records(const host& host)
 {
     sms_.keep(host.gid(), host.possible_records());
 }
@@ -207,7 +207,7 @@ void run::keep_logs(const std::optional<failure>& failure)
     for (const auto& each : hosts_) annotate(*each, failure);
     namespace files = std::filesystem;
     const auto keep = [&](const files::path& path, const std::string& name) {
-        files::copy_file(path, records_ + "/" + name, files::copy_options::overwrite_existing);
+        files::copy_file(path, recordings_folder_ + "/" + name, files::copy_options::overwrite_existing);
     };
     for (const auto& entry : files::recursive_directory_iterator(net_.folder())) {
         const std::string name = entry.path().filename(), folder = entry.path().parent_path().filename();

@@ -24,27 +24,27 @@ struct figures {
     std::map<act_kind, int> acts;
     int rounds = 0;
     int questions = 0;       // addresses and GIDs that hosts were asked for
-    int unanswered = 0;      // questions without an answer; allowed only during faults
+    int unanswered = 0;      // questions answered with "timed out" or "not found"; allowed only during faults
     int orders_repeated = 0; // how often settle() repeated the orders of a host
     int sms_lost = 0;        // how often settle() replaced the SMs, because ibsim had lost an answer
-    std::chrono::milliseconds longest_settling{0}; // from the end of the faults until everything was right
+    std::chrono::milliseconds longest_settling{0}; // the longest time until settle() found everything right
 };
 
 class run
 {
   public:
-    // `hosts` is the number of hosts. Their recordings go to the folder `records`.
-    run(int hosts, const std::string& records, const host_options& options);
+    // `hosts` is the number of hosts.
+    run(int hosts, const std::string& recordings_folder, const host_options& options);
 
     // Starts all programs, and waits until everything is right. Throws failure after a time limit.
     void begin();
 
     // Carries out the next round, and waits until everything is right. Throws failure after a time limit. Throws
-    // failure at once if an answer is wrong during the faults. A missing answer is allowed then.
+    // failure at once if an answer is wrong during the faults, but a host may then answer that it found nothing.
     void carry_out(const round& round);
 
     // Ends all hosts, one after another, and waits until everything is right. Throws failure after a time limit, for
-    // example if a record of a host stays at the SA.
+    // example if the SA still has a record that a stopped host should have deleted.
     void end();
 
     const figures& counts() const { return figures_; }
@@ -74,23 +74,25 @@ class run
     void note(const act& act, const char* phase);
     host& host_of(const act& act) { return *hosts_[static_cast<size_t>(act.host - 1)]; }
 
-    // Asks one host for the addresses and GIDs of all others. Throws failure if an answer is wrong; it may be missing.
+    // Asks one host for the addresses and GIDs of all others. Throws failure if an answer is wrong, except if
+    // the host found nothing.
     void look_up_all();
 
-    // Waits until first_fault() finds nothing. Throws failure after a time limit.
+    // Waits until first_failure() finds nothing. Throws failure after a time limit.
     void settle();
-    std::optional<failure> first_fault();
-    std::optional<failure> fault_of_process(host& host) const;
-    std::optional<failure> fault_of_disk(const host& host) const;
-    std::optional<failure> fault_of_registration(host& host, const record_map& records) const;
-    std::optional<failure> fault_of_lookups(host& host, const record_map& records);
+    std::optional<failure> first_failure();
+    std::optional<failure> failure_of_process(host& host) const;
+    std::optional<failure> failure_of_disk(const host& host) const;
+    std::optional<failure> failure_of_registration(host& host, const record_map& records) const;
+    std::optional<failure> failure_of_lookups(host& host, const record_map& records);
     std::optional<record_map> read_records();
     void note_silence();
     void wait_quiet();
-    void keep_records_of(const host& host);
+    // From now on, the SA may have the present records of the host after the host has ended.
+    void allow_remaining_records(const host& host);
     void annotate(const host& host, const std::optional<failure>& failure) const;
 
-    const std::string records_;
+    const std::string recordings_folder_;
     fabric_tools::ibsim_fabric net_;
     sms sms_;
     std::vector<std::unique_ptr<host>> hosts_;

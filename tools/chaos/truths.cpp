@@ -102,7 +102,7 @@ void run::settle()
     silent_since_.reset();
     std::optional<failure> fault;
     const auto is_right = [&] {
-        fault = first_fault();
+        fault = first_failure();
         if (!fault) return true;
         if (silent_since_ && clock::now() - *silent_since_ > longest_silence) {
             ++figures_.sms_lost;
@@ -127,10 +127,10 @@ void run::settle()
 
 // Checks the processes, the SMs, the registrations, the answers of the hosts and their metrics, in this order. Returns
 // the first fault, or nothing. Throws failure if the process of a host has ended by itself.
-std::optional<failure> run::first_fault()
+std::optional<failure> run::first_failure()
 {
     for (const auto& each : hosts_)
-        if (const auto fault = each->is_running() ? fault_of_process(*each) : std::nullopt) return fault;
+        if (const auto fault = each->is_running() ? failure_of_process(*each) : std::nullopt) return fault;
     if (!sms_.are_quiet()) {
         note_silence();
         return failure{"the SM does not end its sweep", "a quiet subnet", "see its log"};
@@ -140,15 +140,15 @@ std::optional<failure> run::first_fault()
         return failure{"the SA does not answer",
                        "the SA's records within " + std::to_string(longest_silence.count()) + " s", "no answer"};
     for (const auto& each : hosts_)
-        if (const auto fault = fault_of_registration(*each, *records)) return fault;
+        if (const auto fault = failure_of_registration(*each, *records)) return fault;
     for (const auto& each : hosts_)
-        if (const auto fault = each->is_running() ? fault_of_lookups(*each, *records) : std::nullopt) return fault;
+        if (const auto fault = each->is_running() ? failure_of_lookups(*each, *records) : std::nullopt) return fault;
     for (const auto& each : hosts_)
-        if (const auto fault = each->is_running() ? fault_of_disk(*each) : std::nullopt) return fault;
+        if (const auto fault = each->is_running() ? failure_of_disk(*each) : std::nullopt) return fault;
     return std::nullopt;
 }
 
-std::optional<failure> run::fault_of_process(host& host) const
+std::optional<failure> run::failure_of_process(host& host) const
 {
     if (host.has_ended_by_itself()) throw failure{host.name() + " has ended by itself", "it runs", host.output()};
     const resources before = host.first_resource_use(), now = host.resource_use();
@@ -163,7 +163,7 @@ std::optional<failure> run::fault_of_process(host& host) const
 
 // After a full disk has space again, a host must write its metrics again. Returns the fault if the host has not written
 // them yet.
-std::optional<failure> run::fault_of_disk(const host& host) const
+std::optional<failure> run::failure_of_disk(const host& host) const
 {
     if (!host.lacks_metrics()) return std::nullopt;
     return failure{host.name() + "'s disk has space again, but its metrics are not up to date",
@@ -199,7 +199,7 @@ std::optional<std::map<std::string, std::string>> run::read_records()
     return records;
 }
 
-std::optional<failure> run::fault_of_registration(host& host, const record_map& records) const
+std::optional<failure> run::failure_of_registration(host& host, const record_map& records) const
 {
     const auto entry = records.find(host.gid());
     const std::string at_sa = entry == records.end() ? "" : entry->second;
@@ -224,7 +224,7 @@ std::optional<failure> run::fault_of_registration(host& host, const record_map& 
     return std::nullopt;
 }
 
-std::optional<failure> run::fault_of_lookups(host& host, const record_map& records)
+std::optional<failure> run::failure_of_lookups(host& host, const record_map& records)
 {
     std::vector<std::string> addresses = {"resolve", unused_address}, gids = {"reverse"};
     std::map<std::string, std::string> expected = {{unused_address, ""}}; // "" means "not found"
