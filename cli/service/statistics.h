@@ -78,7 +78,8 @@ struct door_statistics {
     counter accepted{0};          // connections
     counter denied{0};            // requests that the access rules refused
 
-    // How often a user or a connection has reached the limit with this name in service_limits.
+    // How often the limit with this name in service_limits was exceeded: connections, requests (orders and followed
+    // logs count as well as questions), lines, and closed connections with unread bytes.
     counter connections_reached{0};
     counter questions_reached{0};
     counter line_bytes_reached{0};

@@ -79,8 +79,8 @@ class executor
     }
 
     // Call this in a loop that spins until another task releases something. Yields the processor. In the simulation,
-    // returns when another task has run or the clock has advanced. If all tasks spin or wait without a deadline, the
-    // simulation has stalled.
+    // returns when another task has stopped running or the clock has advanced. If all tasks spin or wait without a
+    // deadline, the simulation has stalled.
     virtual void relax() = 0;
 
   protected:

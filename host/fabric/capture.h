@@ -1,7 +1,8 @@
-// Writes every datagram that a host sends or receives to a capture file for Wireshark and tshark. The file is a pcap
-// file of link type 197 (ERF). Each record has ERF type 21, and contains an InfiniBand packet with the datagram. The
-// capture does not know some fields of the packet header: it writes the default P_Key for any P_Key index. The packet
-// sequence number is the number of the packet in the file, from 0.
+// Writes datagrams that hosts send and receive to a capture file for Wireshark and tshark. Datagrams that a fabric
+// drops itself are missing, for example late answers at a real port, or sends from a port that is down. The file is a
+// pcap file of link type 197 (ERF). Each record has ERF type 21, and contains an InfiniBand packet with the datagram.
+// The capture does not know some fields of the packet header: it writes the default P_Key for any P_Key index. The
+// packet sequence number is the number of the packet in the file, from 0.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // Addresses and GIDs that other modules and users write as text. Tests which texts the module accepts, and which values
-// it then sends to the SA.
+// it then sends to the SA. The last test is about the program's own parsers.
 #include "tests/ats/ats-world.h"
 
 namespace
@@ -23,7 +23,7 @@ TEST_F(text, ipv4_addresses_have_the_same_meaning_as_ever)
         {"", "refused"},
         {"256.1.1.1", "0.1.1.1"},
         {"300.2.3.4", "44.2.3.4"},
-        {"4294967295.1.1.1", "refused"}, // this value means no address
+        {"4294967295.1.1.1", "refused"}, // the module refuses this value
         {"1.1.1.4294967295", "refused"},
         {"8589934591.1.1.1", "refused"}, // its low 32 bits have that value
         {"4294967296.1.1.1", "0.1.1.1"},
@@ -94,7 +94,7 @@ TEST_F(text, gids_have_the_same_meaning_as_ever)
     }
 }
 
-TEST(texts_of_the_host, with_a_nul_are_refused)
+TEST(parsers_of_the_program, refuse_a_text_with_a_nul)
 {
     using namespace std::string_literals;
     EXPECT_FALSE(world::parse_ipv4("10.0.0.9\0x"s));
