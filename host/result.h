@@ -16,7 +16,7 @@ enum class error_kind {
     exists,      // the name is already in use
     busy,        // still in use
     not_found,   // does not exist
-    no_memory,   // no memory left, or no space for an image
+    no_memory,   // no memory left, or a limit of the process is reached
     unreachable, // the service or the SA cannot be asked or has not answered
 };
 

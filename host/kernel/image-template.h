@@ -40,7 +40,7 @@ struct image_template {
         size_t array_size = 0;
     };
 
-    std::string name;        // the name of the file without its folder
+    std::string name;        // file name without its folder; the caller of read_image_template() sets it
     std::string text;        // headers, code and constants
     uint64_t data_begin = 0; // begin and end of the variables
     uint64_t data_end = 0;
@@ -58,9 +58,8 @@ struct image_template {
 };
 
 // Reads a module file from its descriptor, which the caller still owns. Returns null if no image can be made from it,
-// for one of these reasons: the file is not a shared object, it was not linked with data_distance, or it needs
-// something that only the dynamic linker can do. The caller can then call dlopen(), which maps the file or reports the
-// error. Any thread.
+// for example because the file is not a shared object, was not linked with data_distance, or needs something that only
+// the dynamic linker can do. The caller can then call dlopen(), which maps the file or reports the error. Any thread.
 std::unique_ptr<image_template> read_image_template(int file);
 
 } // namespace kernel

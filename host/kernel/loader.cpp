@@ -45,7 +45,7 @@ ats::result<> loader::load(const std::string& path, const std::string& parameter
     auto image = std::make_unique<loaded_module>();
     loaded_module& module = *image;
     if (const ats::result<> result = module.image.map(path); !result) {
-        // A limit of the process was reached. The error text names this limit, so nothing is added to it.
+        // No memory is left, or a limit of the process was reached. The name of the call would not help a reader.
         if (result.error().kind == ats::error_kind::no_memory) return result;
         return ats::fail(result.error().kind, "insmod: " + result.error().text);
     }

@@ -28,19 +28,19 @@ class loader
 
     // Loads the module file at `path`. Makes an image of it, whose variables have their initial values. Sets the
     // module's parameters, which are written as "name=value name=\"two words\"". Writes the machine's logger level into
-    // the image and runs the entry function. After a failure, nothing stays loaded. Fails if
-    // - there is no file at `path` (not_found),
+    // the image and runs the entry function. After a failure, this image is gone. Fails if
+    // - there is no regular file at `path`, or it cannot be read (not_found),
     // - the file is not a module for this kernel (invalid),
     // - a parameter is unknown, malformed or repeated (invalid),
     // - a module with that name is already loaded (exists),
-    // - a limit of the process is reached (no_memory),
+    // - there is no memory, or a limit of the process is reached (no_memory),
     // - the entry function fails (invalid for -EK_INVAL, otherwise failed).
     //
     // The caller may be outside of the machine; the call enters the machine. May sleep.
     ats::result<> insmod(const std::string& path, const std::string& parameters = "");
 
     // Unloads a module: waits for its running /proc handlers, runs its exit function, unmaps its image. Fails if no
-    // module with that name is loaded (not_found). Fails if other modules hold references on it, or if its entry
+    // module with that name is loaded (not_found). Fails if there are references on it (hold()), or if its entry
     // function still runs (busy). As soon as the unloading has begun, no further handler of its /proc entries is
     // called. Panics if the exit function leaves behind a published name, a /proc entry, or something in a service of
     // the machine, for example a timer. insmod() panics in the same way after a failed entry function. The caller may
@@ -52,8 +52,8 @@ class loader
     // The names of all loaded modules, in order of loading.
     std::vector<std::string> loaded() const;
 
-    // Returns the address of an exported symbol of a loaded module, or null if there is no such symbol. Also returns
-    // null while the module is starting or unloading, because its variables may not be usable then.
+    // Returns the address of an exported symbol of a loaded module, or null if there is no such module or symbol. Also
+    // returns null while the module is starting or unloading, because its variables may not be usable then.
     void* symbol(const std::string& module_name, const std::string& symbol) const;
 
     // hold() takes a reference on a module, release() gives it back. rmmod() fails while there are references. hold()
@@ -68,7 +68,8 @@ class loader
     bool enter(const kernel_module_t* owner);
     void leave(const kernel_module_t* owner);
 
-    // Writes the logger's level into every loaded image, and into every image that is loaded later.
+    // Writes the logger's level into every loaded image that has a `logger_level`, and into those that are loaded
+    // later.
     void set_logger_level(int32_t level);
     int32_t logger_level() const;
 

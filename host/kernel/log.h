@@ -39,7 +39,7 @@ class log
     explicit log(size_t byte_limit = default_log_bytes) : byte_limit_(byte_limit) {}
 
     // Appends one printed text at the time `tick`. If the text has no line end, the next text continues its line. Keeps
-    // empty lines. If an earlier line has a later time, the new line gets that time. Calls the followers for each
+    // empty lines. If an earlier text has a later time, the new line gets that time. Calls the followers for each
     // finished line.
     void append(uint64_t tick, std::string_view text);
 
@@ -74,7 +74,7 @@ class log
     mutable std::mutex mutex_; // guards the following members
     const size_t byte_limit_;
     size_t bytes_ = 0;          // memory that the lines use
-    uint64_t last_tick_ = 0;    // time of the last line
+    uint64_t last_tick_ = 0;    // latest time of a text
     uint64_t first_number_ = 0; // number of the first line in lines_
     std::deque<log_line> lines_;
     bool has_open_line_ = false; // true if the last line is not finished

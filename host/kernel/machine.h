@@ -26,7 +26,7 @@ struct semaphore;
 namespace kernel
 {
 
-// A part of a machine that a layer above the kernel adds: verbs, GSI, timers, the registry (host/stack).
+// A part of a machine that a layer above the kernel adds, for example verbs, GSI, timers or the registry (host/stack).
 class service
 {
   public:
@@ -116,8 +116,8 @@ inline machine& current_machine(const char* caller)
     return *home;
 }
 
-// Returns the machine of the calling task. A kernel call that may sleep begins with this function. Other tasks may run
-// before it returns, as in a real kernel. Panics in a context that may not sleep.
+// Returns the machine of the calling task. Most kernel calls that may sleep begin with this function. Other tasks may
+// run before it returns, as in a real kernel. Panics in a context that may not sleep.
 inline machine& machine_where_others_may_run(const char* call)
 {
     might_sleep(call);

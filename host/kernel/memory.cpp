@@ -15,7 +15,7 @@ namespace kernel
 namespace
 {
 
-constexpr size_t nominal_step = 64; // the addresses that the log shows are multiples of this
+constexpr size_t nominal_step = 64; // the address that the log shows for a block is a multiple of this
 constexpr size_t shelf_step = 64;   // shelf n keeps freed blocks with room for n * shelf_step bytes
 constexpr size_t first_buckets = 16;
 

@@ -72,7 +72,7 @@ class memory_account
     size_t bucket_of(const void* memory) const;
 
     mutable exec::brief_lock mutex_; // guards the following members
-    std::vector<block*> buckets_;    // a hash table of the blocks by their address; the size is a power of two
+    std::vector<block*> buckets_;    // a hash table of the blocks by their address; the size is 0 or a power of two
     size_t block_count_ = 0;
     size_t bytes_ = 0;
     uint64_t total_allocations_ = 0;

@@ -27,9 +27,9 @@ class module_image
     module_image(const module_image&) = delete;
     module_image& operator=(const module_image&) = delete;
 
-    // Makes the image from the module file at `path`. Call map() once. Fails with not_found if there is no such file,
-    // with invalid if the file is not a module for this kernel, and with no_memory if a limit of the process is
-    // reached.
+    // Makes the image from the module file at `path`. Call map() once. Fails with not_found if there is no regular file
+    // at `path` or it cannot be read, with invalid if the file is not a module for this kernel, and with no_memory if
+    // there is no memory or a limit of the process is reached.
     ats::result<> map(const std::string& path);
 
     // The module's `this_module`, which is inside the image. Valid only after map() has succeeded.
@@ -91,8 +91,8 @@ class module_code
 // "ats+0x1a2b".
 std::string text_of_place(const std::string& image, const void* code, const void* base);
 
-// Returns a text for reports: the name of the exported function that contains `code`, or the place of `code` in its
-// image.
+// Returns a text for reports: the name of the exported function that contains `code`, the place of `code` in its image,
+// or "unknown code" if no image contains it.
 std::string describe_code(const void* code);
 
 // A part of an image in memory. An image that the dynamic linker has mapped is one part. A placed image has two: its

@@ -17,8 +17,8 @@ class placed_image
 {
   public:
     // Places an image of the module file at `path` and runs its initialisers. If the file can be placed, reads it only
-    // at the first call and after a change of the file. Fails (no_memory) when a limit of the process is reached. Any
-    // thread.
+    // at the first call and after a change of the file. Fails (no_memory) when there is no memory or a limit of the
+    // process is reached. Any thread.
     //
     // Returns null if the file cannot be opened or cannot be placed (see read_image_template). Also returns null if the
     // environment variable ATS_DLOPEN_MODULES is set. The caller then lets the dynamic linker map an image. Debuggers

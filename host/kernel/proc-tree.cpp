@@ -96,7 +96,7 @@ class proc_tree::visit
         const std::lock_guard lock(tree_.mutex_);
         const std::shared_ptr<node> target = tree_.find(path);
         if (!target) return;
-        if (!target->entry.read_proc && !target->entry.write_proc) { // an entry with a handler also has an owner
+        if (!target->entry.read_proc && !target->entry.write_proc) { // modules set the owner before a handler
             error_ = -EK_INVAL;
             return;
         }

@@ -7,11 +7,11 @@
 namespace kernel
 {
 
-// Placed images call this function instead of memset(). It does the same, but does not write zeros to a page that
-// already contains only zeros.
+// Placed images call this function instead of memset(). It does the same. But if it sets at least 4096 bytes to zero,
+// it does not write to pages in which these bytes are zero already.
 void* set_memory(void* memory, int value, size_t bytes);
 
-// Returns the pages that contain only zeros to the system. The memory must be a private mapping. `begin` must be the
+// Gives the pages that contain only zeros back to the system. The memory must be a private mapping. `begin` must be the
 // beginning of a page, and `bytes` a multiple of the page size. No other thread may write to the memory meanwhile.
 void give_back_zero_pages(char* begin, size_t bytes);
 
