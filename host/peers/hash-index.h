@@ -1,6 +1,6 @@
-// Finds records by a key, with a hash table. The owner of the table also owns the records, and guards all calls with a
-// lock. The links of the table are members of the records. Therefore only open() allocates memory, may fail or may
-// sleep. Contexts that may not sleep can make all other calls.
+// Finds records by a key, with a hash table. The owner of the table also owns the records. It guards the calls with a
+// lock, except open() and close(). The links of the table are members of the records. Therefore only open() allocates
+// memory, may fail or may sleep. Contexts that may not sleep can make all other calls.
 #pragma once
 
 #include <bit>

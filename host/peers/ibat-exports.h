@@ -3,9 +3,10 @@
 // callers ask for the same address, IBAT sends one request for all of them. IBAT repeats a request that gets no answer,
 // and gives it up after the last attempt.
 //
-// Every record from IBAT has these fields: `dst_ip` is the address of the request, `gid` is the GID that owns it, and
-// `local_port_num` is the port on which the answer arrived. `mask` names the valid fields. IBAT_MASK_STATIC in `mask`
-// marks the host's own mapping: the host itself has this address and this GID. Other fields keep their values.
+// A record that comes with ibat_stat_ok has these fields: `dst_ip` is the address of the request, `gid` is the GID that
+// owns it, and `local_port_num` is the port on which the answer arrived, if it is known. `mask` names the valid fields.
+// IBAT_MASK_STATIC in `mask` marks the host's own mapping: the host itself has this address and this GID. Other fields
+// keep their values.
 #pragma once
 
 #include "ibat.h"
@@ -54,9 +55,9 @@ struct ibat_cache_entry_t {
     uint64_t expires_ticks;  // time until the entry expires; 0 in a static entry
 };
 
-// Published as "ibat_cache_list_fn": copies up to `capacity` entries. First comes the host's own mapping, then the
-// other entries with a GID, then the negative entries. Within each kind, the oldest entry comes first. Returns the
-// number of entries in the cache, which may be larger than `capacity`. Any context.
+// Published as "ibat_cache_list_fn": copies up to `capacity` entries that have not expired. First comes the host's own
+// mapping, then the other entries with a GID, then the negative entries. Within each kind, the oldest entry comes
+// first. Returns the number of all entries that have not expired, which may be larger than `capacity`. Any context.
 using ibat_cache_list_fn_t = int32_t (*)(ibat_cache_entry_t* entries, int32_t capacity);
 
 struct ibat_counters_t {
@@ -71,8 +72,8 @@ struct ibat_counters_t {
     uint64_t unsolicited;      // answers for an address without a pending request, including duplicates
     uint64_t ignored;          // replies without a usable address, GID or operation
     uint64_t conflicts;        // answers not stored: they contradict the own mapping, or there is no memory
-    uint64_t timeouts;         // requests given up after the last attempt; counted once for all callers
-    uint64_t entries;          // entries in the cache now
+    uint64_t timeouts;         // requests that ended with ibat_stat_timeout; counted once for all callers
+    uint64_t entries;          // entries in the cache now, expired or not
     uint64_t pending;          // pending requests now; counted once for all callers
 };
 

@@ -54,9 +54,10 @@ struct ibat_path_counters_t {
     uint64_t absences; // answers with the status that there is no such path
     uint64_t errors;   // answers with another error, including "busy", and answers without a usable path
     uint64_t strays;   // answers to no waiting attempt (late, duplicate), or of another kind than requested
-    uint64_t timeouts; // requests given up after the last attempt; counted once for all callers
-    uint64_t drops;    // paths dropped by an event, a flush, a forget, or when an address moved to another GID
-    uint64_t entries;  // paths in the cache now
+    uint64_t timeouts; // requests that ended with ibat_stat_timeout; counted once for all callers
+    uint64_t drops;    // paths dropped by an event, a change of the active port, a flush, a forget, or because an
+                       // address no longer belonged to their GID
+    uint64_t entries;  // paths in the cache now, expired or not
     uint64_t pending;  // pending requests now; counted once for all callers
 };
 

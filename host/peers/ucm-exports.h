@@ -31,7 +31,7 @@ struct ucm_counters_t {
     uint64_t not_found;        // callbacks of the provider with ibat_stat_not_found
     uint64_t timeouts;         // callbacks of the provider with ibat_stat_timeout
     uint64_t errors;           // callbacks of the provider with another status
-    uint64_t swallowed;        // callbacks of the provider for a request that had already ended
+    uint64_t swallowed;        // callbacks of the provider for a request that had already ended; not counted above
     uint64_t pending;          // pending requests now
 };
 

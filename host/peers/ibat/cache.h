@@ -3,8 +3,8 @@
 // other hosts, and negative entries (the SA has no record of the address). Learned and negative entries expire. The own
 // mapping does not expire, and answers about other hosts do not change it.
 //
-// The owner of the cache guards every call with a lock. Only open() and close() may sleep. Only list(), flush() and
-// close() take longer if there are more entries.
+// The owner of the cache guards every call with a lock, except open() and close(). Only open() may sleep. Only list(),
+// flush() and close() take longer if there are more entries.
 #pragma once
 
 #include "host/peers/hash-index.h"

@@ -55,8 +55,8 @@ uint32_t port_of(const ibat_arp_data_t& arp_data)
 }
 
 // Passes an answer to the resolver of addresses, and the port on which the answer arrived to the path resolver. If the
-// address now belongs to another GID, the host with the earlier GID may be gone. Therefore this function drops the path
-// to the earlier GID.
+// address no longer belongs to its earlier GID, the host with this GID may be gone. Therefore this function drops the
+// path to the earlier GID.
 ibat_stat_t process_arp_data(ibat_arp_data_t* arp_data)
 {
     if (!paths.is_open()) {

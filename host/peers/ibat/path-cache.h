@@ -1,5 +1,5 @@
 // IBAT's cache of paths. It has at most one path to a destination GID. Paths expire. A full cache drops its oldest
-// path. The owner of the cache guards every call with a lock. Only open() and close() may sleep.
+// path. The owner of the cache guards every call with a lock, except open() and close(). Only open() may sleep.
 #pragma once
 
 #include "host/peers/hash-index.h"

@@ -121,9 +121,10 @@ void path_resolver::invalidate_attempt(path_request* request)
     request->serial = 0;
 }
 
-// Call it after an attempt. Puts the request into the waiting list until the next attempt is due. But if that was the
-// last attempt and no attempt could be sent, ends the request. `generation` is generation_ at the beginning of the
-// attempt. If generation_ has changed since then, the next attempt is due at once. The caller holds the lock.
+// Call it after an attempt. Puts the request into the waiting list until its next attempt or its time-out is due. But
+// if that was the last attempt and no attempt could be sent, ends the request. `generation` is generation_ at the
+// beginning of the attempt. If generation_ has changed since then, the next attempt is due at once. The caller holds
+// the lock.
 void path_resolver::await_answer(path_request* request, uint64_t generation)
 {
     if (!request->was_sent && request->attempts >= limits_.attempts) {

@@ -1,9 +1,10 @@
 // Finds paths from the host's active port, the source, to GIDs. It answers from a cache, or asks the SA. All callers
-// that ask for the same GID share one request. A request is repeated until an answer comes or no attempt is left. Every
-// attempt has a serial number. The number is in the low 24 bits of the TransactionID, and comes back in the answer.
+// that ask for the same GID share one request. A request is repeated until a final answer comes, no port is active or
+// no attempt is left. Every attempt has a serial number. The number is in the low 24 bits of the TransactionID, and
+// comes back in the answer.
 //
-// An event of the source port makes the paths invalid. The resolver then empties the cache, ignores answers to earlier
-// attempts, and repeats the requests at once.
+// If the source port may have changed, the paths are invalid. The resolver then empties the cache, ignores answers to
+// earlier attempts, and repeats the requests at once.
 //
 // Before the first call of get() or refresh(), the resolver opens no HCA and allocates no memory. One spin lock guards
 // the cache, the counters, the source and the requests. No code sleeps or calls another module while it holds the lock.
@@ -107,7 +108,7 @@ class path_resolver
     path_cache cache_;
     ibat_path_counters_t counters_;
     source_port source_;
-    bool has_source_;     // true if no event since find_source() has made source_ invalid
+    bool has_source_;     // true if source_ is valid: from find_source() to leave_source()
     uint64_t generation_; // changes whenever the source port may have changed
     request_list<path_request, kq_gid_t, &path_request::gid, &path_request::next_by_gid> requests_;
     hash_index<path_request, uint32_t, &path_request::serial, &path_request::next_by_serial> requests_by_serial_;

@@ -71,8 +71,8 @@ void resolver::send(const send_order& order)
     attachment_.wake_detach();
 }
 
-// Called after an attempt. Puts the request into the waiting list until the next attempt is due. But if this was the
-// last attempt and the provider has refused all attempts, ends the request. The caller holds the lock.
+// Called after an attempt. Puts the request into the waiting list until its next attempt or its time-out is due. But if
+// this was the last attempt and the provider has refused all attempts, ends the request. The caller holds the lock.
 void resolver::await_answer(address_request* request)
 {
     if (!request->was_sent && request->attempts >= max_attempts_) {

@@ -1,6 +1,6 @@
-// The ports through which IBAT asks the SA for paths. They are ports of the first HCA. The module that asks the SA for
-// addresses registers the SA's class on the same ports. IBAT joins the class as a second client, with datagrams of its
-// own. IBAT also subscribes to the events of the HCA.
+// The ports through which IBAT asks the SA for paths. They are the first two ports of the first HCA, or its only port.
+// The module that asks the SA for addresses registers the SA's class on the same ports. IBAT joins the class as a
+// second client, with datagrams of its own. IBAT also subscribes to the events of the HCA.
 #pragma once
 
 #include "gsi.h"
@@ -20,7 +20,7 @@ class sa_ports
         kq_async_event_fn_t event;
     };
 
-    // Opens the HCA and joins the class on its ports. Returns false if there is no HCA, or if verbs or GSI refuse a
+    // Opens the HCA and joins the class on these ports. Returns false if there is no HCA, or if verbs or GSI refuse a
     // call; nothing stays open then. A callback may come before the return. May sleep.
     bool open(const callbacks& callbacks);
 
@@ -29,8 +29,8 @@ class sa_ports
 
     int32_t count() const { return count_; }
 
-    // Reads the present attributes of a port. Returns false if the port does not exist or its link is not active. May
-    // sleep.
+    // Reads the present attributes of a port. Returns false if it is not one of these ports, if its link is not active,
+    // or if verbs refuses a call. May sleep.
     bool read(uint32_t number, source_port* port) const;
 
     // Sends a request through `port` to the SA of its subnet. Returns false if it was not sent. Any context.
