@@ -1,4 +1,4 @@
-// The GSI layer of one HCA. One queue holds all sent and all arrived datagrams, in order. The HCA's completion context
+// The GSI layer of one HCA. One queue holds the sent and the arrived datagrams, in order. The HCA's completion context
 // takes everything from the queue and passes the datagrams to the clients' callbacks one by one. Two kinds of tasks can
 // run this context, but only one task at a time: the adapter's own task, or a task that has just received answers from
 // the fabric (may_complete()).
@@ -22,7 +22,7 @@ class gsi_adapter;
 
 struct gsi_counts {
     uint64_t posted = 0;
-    uint64_t refused = 0; // posts that failed
+    uint64_t refused = 0; // posts that the fabric refused
     uint64_t completed = 0;
     uint64_t delivered = 0;
     uint64_t dropped_no_response = 0; // arrived without the response bit: requests, which GSI does not serve

@@ -57,7 +57,7 @@ class hca_events final : public fabric::listener
   private:
     struct port_progress {
         bool has_link_report = false;          // the fabric has reported this port's link since subscribe()
-        uint64_t announced_tick = exec::never; // when subscribe() queued a link-up for this port, or `never`
+        uint64_t announced_tick = exec::never; // when subscribe() queued a link-up; `never` if not, or after a report
     };
     struct subscription {
         kq_hca_h_t handle;

@@ -1,5 +1,5 @@
 // The logger's own trace level. It limits all modules of the machine: a module does not print a trace of a higher
-// level. The registry stores the level. kernel::loader copies it into every loaded module.
+// level. The registry stores the level. kernel::loader copies it into each module that has a `logger_level`.
 #pragma once
 
 #include <cstdint>

@@ -16,7 +16,7 @@ namespace
 constexpr size_t most_services = 16;     // of one HCA; limits the memory that clients can use
 constexpr size_t most_set_records = 256; // limits the memory if a host's GIDs change again and again
 constexpr uint64_t gid_component = uint64_t{1} << SR_COMPONENT_SERVICE_GID;
-constexpr size_t data_offset = offsetof(ib_service_record_v2_t, service_data8); // ServiceData ends with the record
+constexpr size_t data_offset = offsetof(ib_service_record_v2_t, service_data8); // from here to the end of the record
 constexpr size_t guid_offset = offsetof(sa_mad_v2_t, payload) + offsetof(ib_service_record_v2_t, service_gid) + 8;
 
 bool is_of_service_record(const mad_hdr_t& header)

@@ -46,7 +46,8 @@ class host
     host(exec::executor& exec, const std::vector<fabric::hca*>& hcas, const host_plan& plan, std::string module_folder,
          uint64_t random_seed);
 
-    // Unloads all modules. If a module cannot be unloaded, prints the error to stderr.
+    // Unloads all modules. If a module cannot be unloaded, prints the error to stderr; ~machine() then ends the
+    // process.
     ~host();
 
     kernel::machine& machine() { return *machine_; }

@@ -29,7 +29,7 @@ struct path_record {
     bool operator==(const path_record&) const = default;
 };
 
-// These functions decode fields of a path. They return 0 for an unknown encoding. Pure.
+// These functions decode fields of a path. They return 0 if the encoding is unknown or the result is too large. Pure.
 uint32_t mtu_bytes_of(const path_record& path);
 double gigabits_of(const path_record& path); // per second
 uint64_t lifetime_microseconds_of(const path_record& path);

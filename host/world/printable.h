@@ -8,7 +8,8 @@
 namespace world
 {
 
-// In these comments, line separators and marks that change the writing direction are control characters, too.
+// In these comments, line separators, paragraph separators and marks that change the writing direction are control
+// characters, too.
 
 // Returns true if the text is valid UTF-8 without control characters.
 bool is_printable(std::string_view text);

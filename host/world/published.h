@@ -7,8 +7,9 @@ namespace world
 {
 
 // The function with the name `name`. This object holds a reference on the module that has published it, so the module
-// stays loaded. Converts to false if no module has published the name. If the function makes kernel calls, call it
-// inside the machine (see machine::enter). `machine` and `name` must outlive this object.
+// stays loaded. Converts to false if no module has published the name, or if this module is being unloaded. If the
+// function makes kernel calls, call it inside the machine (see machine::enter). `machine` and `name` must outlive this
+// object.
 template <class function_t>
 class published
 {
