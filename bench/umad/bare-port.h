@@ -16,7 +16,7 @@ struct umad_buffer {
 };
 
 struct bare_port {
-    int descriptor = -1; // negative if there is no active port or it cannot be opened
+    int descriptor = -1; // negative if there is no active port, or if it cannot be used
     umad_port_t attributes{};
 };
 
