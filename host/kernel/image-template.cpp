@@ -117,7 +117,7 @@ class template_maker
     }
 
     // Handles one relocation. A pointer into the image differs from image to image, so each image sets it later. A
-    // pointer into the program is the same in all images, so bind() writes it into `data`.
+    // pointer into the program or a library is the same in all images, so bind() writes it into `data`.
     bool relocate(const Elf64_Rela& entry)
     {
         image_template& image = *result_;

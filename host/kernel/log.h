@@ -43,7 +43,7 @@ class log
     // finished line.
     void append(uint64_t tick, std::string_view text);
 
-    // Returns a copy of all lines, oldest first.
+    // Returns a copy of the kept lines, oldest first.
     std::vector<log_line> lines() const;
 
     // Returns at most `limit` finished lines, beginning with line number `first`. The first line ever printed has
@@ -52,7 +52,7 @@ class log
     std::vector<log_line> lines_from(uint64_t first, size_t limit, uint64_t* next,
                                      uint64_t* drop_count = nullptr) const;
 
-    // Returns all lines as they were printed, as one text.
+    // Returns the kept lines, as they were printed, in one text.
     std::string raw() const;
 
     // Calls `follower` for each line that is finished from now on. The task that prints makes the call, with the log

@@ -28,7 +28,7 @@ struct stored_module {
 };
 
 struct module_store {
-    // Device, inode, size, and time of the last change (seconds, nanoseconds). A changed file has another key.
+    // Device, inode, size, and time of the last change (seconds, nanoseconds). A changed file normally has another key.
     using key = std::tuple<dev_t, ino_t, off_t, int64_t, int64_t>;
 
     std::mutex mutex; // guards `modules`, and the slots of all areas

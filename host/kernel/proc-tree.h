@@ -31,10 +31,10 @@ class proc_tree
     explicit proc_tree(machine& machine);
     ~proc_tree();
 
-    // Paths are relative to the root of the tree; "" is the root itself. The functions return 0 or more, or a negative
-    // error number. -EK_NOENT means that there is no such entry or its owner is being unloaded. -EK_INVAL means that
-    // the entry has the wrong kind, or that its module has not set the necessary handler. The handlers may return other
-    // error numbers.
+    // Paths are relative to the root of the tree; "" is the root itself. The next four functions return 0 or more, or a
+    // negative error number. -EK_NOENT means that there is no such entry or its owner is being unloaded. -EK_INVAL
+    // means that the entry has the wrong kind, or that its module has not set the necessary handler. The handlers may
+    // return other error numbers.
 
     // Appends the entries of a directory to `entries`.
     int list(const std::string& path, std::vector<proc_listing>* entries) const;

@@ -1,5 +1,5 @@
 // Implements semaphores, spin locks, wait queues and sleeps for modules. The executor parks a sleeping task. The sleep
-// ends at its deadline, or through up(), wake_up_interruptible() or a signal.
+// ends at its deadline, or through up() or wake_up_interruptible(). A signal ends an interruptible sleep.
 #include "kernel/sync.h"
 
 #include "host/exec/brief-lock.h"

@@ -69,8 +69,8 @@ class attachment
     // The peer detaches its provider in four steps: begin_detach(), refuse_calls(), wait_for_calls(), end(). Between
     // these steps, the peer ends its requests. When the peer itself is unloaded, it begins with refuse_calls().
 
-    // Refuses further calls. Returns false if `handle` is not the handle of the attached provider, or if another task
-    // is detaching it already. Takes the lock.
+    // Refuses further calls. Returns false if `handle` is not the handle of the attached provider, or if the
+    // attachment is ending already. Takes the lock.
     bool begin_detach(void* handle)
     {
         spin_guard guard(lock_);

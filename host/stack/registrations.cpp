@@ -71,9 +71,9 @@ bool has_data_of(const ib_service_record_v2_t& sa_record, const ib_service_recor
     return std::memcmp(sa_data.data(), set_data.data(), size) == 0;
 }
 
-// Returns true if the record that the SA returned has the content that was Set. Three fields are not compared. The
-// lease gets shorter with time. The SA hides the ServiceKey from most readers. The SA may store the P_Key with or
-// without the membership bit.
+// Returns true if a record, usually one that the SA returned, has the content that was Set. Three fields are not
+// compared. The lease gets shorter with time. The SA hides the ServiceKey from most readers. The SA may store the P_Key
+// with or without the membership bit.
 bool has_content_of(const ib_service_record_v2_t& sa_record, const ib_service_record_v2_t& set_record)
 {
     return equal(sa_record.service_id, set_record.service_id) && equal(sa_record.service_gid, set_record.service_gid) &&

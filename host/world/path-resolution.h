@@ -38,9 +38,9 @@ enum class path_status {
     found,
     not_found,      // the SA has no record of the address, or no path to the GID
     not_cached,     // only for lookup_mode::cache_only: the caches do not have the answer
-    timed_out,      // the SA did not answer in time
+    timed_out,      // no answer came in time
     no_active_port, // no port of the host can send a request
-    failed,         // IBAT is not loaded, no request could be sent to the SA, or the SA has refused it
+    failed,         // for example: IBAT is not loaded, no request could be sent, or the SA has refused it
 };
 
 struct path_resolution {

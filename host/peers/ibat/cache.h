@@ -1,7 +1,7 @@
 // IBAT's cache of answers from the SA. It has at most one GID for an address, and at most one address for a GID. There
-// are three kinds of entries: the host's own mapping (its address and its GID), mappings learned from answers about
-// other hosts, and negative entries (the SA has no record of the address). Learned and negative entries expire. The own
-// mapping does not expire, and answers about other hosts do not change it.
+// are three kinds of entries: the host's own mapping (its address and its GID), learned mappings (from answers about
+// other hosts, and earlier own mappings), and negative entries (the SA has no record of the address). Learned and
+// negative entries expire. The own mapping does not expire, and answers about other hosts do not change it.
 //
 // The owner of the cache guards every call with a lock, except open() and close(). Only open() may sleep. Only list(),
 // flush() and close() take longer if there are more entries.

@@ -31,7 +31,8 @@ bool is_temporary(uint16_t status)
 // ---- requests ----
 
 // Answers from the cache if `arp_data` is not null and the cache has the path. Otherwise adds the caller to the request
-// for the path, and makes and sends this request if there is none. Returns ibat_stat_no_port if no port is active.
+// for the path, and makes and sends this request if there is none. Returns ibat_stat_no_port if no port is active, or
+// ibat_stat_error if there is no memory.
 ibat_stat_t path_resolver::ask(const kq_gid_t& gid, ibat_arp_data_t* arp_data, ibat_get_ib_data_reply_fn_t callback,
                                void* context)
 {

@@ -167,7 +167,7 @@ class request_list
     }
 
     // If the deadline of a request has come, moves the request to the sending list and returns it. Otherwise arms the
-    // timer for the next deadline and returns null.
+    // timer for the next deadline, if there is one, and returns null.
     request_t* take_due()
     {
         if (!list_empty(&waiting_list_) && has_come(request_of(waiting_list_.next)->deadline)) {
