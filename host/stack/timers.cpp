@@ -18,8 +18,8 @@ timers::timers(kernel::machine& home) : home_(home), atomic_(home, "timer"), sle
 
 timers::~timers()
 {
+    atomic_.task.stop(); // first, because this task rings the other one
     sleeping_.task.stop();
-    atomic_.task.stop();
     if (const size_t count = armed(); count > 0) {
         const lane& holder = atomic_.queue.size() > 0 ? atomic_ : sleeping_;
         const armed_timer& first = holder.queue.first();
