@@ -183,17 +183,19 @@ std::optional<std::map<std::string, std::string>> run::read_records()
     for (const auto& each : hosts_) command.push_back(each->gid());
     const std::string output = net_.run(tool_node, command);
     std::map<std::string, std::string> records;
+    size_t answers = 0;
     std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.starts_with("0x")) { // an error message
-            note_silence();
-            return std::nullopt;
-        }
+    for (std::string line; std::getline(lines, line) && line.starts_with("0x"); ++answers) { // else an error message
         std::istringstream words(line);
         std::string gid, p_key, record;
         words >> gid >> p_key >> std::ws;
+        if (p_key == "none") continue;
         std::getline(words, record);
         records[gid] = record.empty() ? "several records, or the error " + p_key : record;
+    }
+    if (answers < hosts_.size()) {
+        note_silence();
+        return std::nullopt;
     }
     silent_since_.reset();
     return records;

@@ -1,9 +1,8 @@
 // Asks the SA for the ServiceRecord of the host with each GID. Sends one request for each GID, because ibsim cannot
 // deliver an answer that contains several records.
 //   read-records GID...
-// Prints "GID P_KEY ADDRESS NAME" for a record, and "GID STATUS" for an error other than "no records". Prints nothing
-// for a GID without a record. Ends with exit code 2 if a GID is malformed, the port cannot be used or the SA does
-// not answer.
+// Prints one line for each GID: "GID P_KEY ADDRESS NAME", "GID none" if the SA has no record, or "GID STATUS" for
+// another error. Ends with exit code 2 if a GID is malformed, the port cannot be used or the SA does not answer.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
@@ -44,7 +43,9 @@ int main(int count, char** arguments)
         std::memcpy(&record, answer->payload, sizeof record);
         if (status == 0)
             print(record);
-        else if (status != status_no_records)
+        else if (status == status_no_records)
+            std::printf("%s none\n", arguments[i]);
+        else
             std::printf("%s 0x%04X\n", arguments[i], status);
     }
     return 0;
