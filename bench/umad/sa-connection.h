@@ -21,6 +21,8 @@ struct tally {
     uint64_t lost = 0;             // requests without an answer within `lost_after`
     std::vector<float> latency_ms; // of each answer
 
+    bool has_errors() const { return busy > 0 || refused > 0; }
+
     // Returns the latency that `percent` percent of the answers do not exceed. Returns 0 without answers.
     double percentile_ms(double percent);
 };

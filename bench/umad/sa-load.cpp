@@ -112,7 +112,7 @@ class load
                      [&](uint64_t i) { return request(request_kind::set, static_cast<uint32_t>(i)); });
         });
         print("fill", window, watch);
-        if (connection_.results.answered != plan_.records || connection_.results.refused > 0)
+        if (connection_.results.answered != plan_.records || connection_.results.has_errors())
             throw std::runtime_error("the SA did not take all records");
     }
 
@@ -125,7 +125,7 @@ class load
             std::ranges::shuffle(hosts, dice_);
             exchange(window, plan_.records, [&](uint64_t i) { return request(kind, hosts[i]); });
         }
-        if (connection_.results.lost > 0 || connection_.results.refused > 0)
+        if (connection_.results.lost > 0 || connection_.results.has_errors())
             throw std::runtime_error("the SA did not take all records again");
     }
 
