@@ -187,11 +187,11 @@ class umad_port : public testing::Test
         EXPECT_TRUE(port->send({.lid = 1}, test::bytes_of(mad)));
     }
 
-    // Waits up to 10 seconds until `condition` returns true. Returns the last value of `condition`.
+    // Waits up to 30 seconds until `condition` returns true. Returns the last value of `condition`.
     template <class condition_t>
     [[nodiscard]] bool comes_true(const condition_t& condition) const
     {
-        const uint64_t deadline = exec->now() + 10'000;
+        const uint64_t deadline = exec->now() + 30'000;
         while (!condition() && exec->now() < deadline) std::this_thread::yield();
         return condition();
     }
