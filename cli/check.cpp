@@ -114,7 +114,7 @@ void check_fabric(findings& findings)
             check_sa(findings, hca.name, port.number);
         }
     }
-    if (!is_sa_checked) findings.add_missing("SA", "cannot be asked: no port is active");
+    if (!is_sa_checked) findings.add_missing("SA", "cannot be asked before a port is active: see the ports above");
 }
 
 void check_fuse(findings& findings)
