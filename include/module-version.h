@@ -117,8 +117,8 @@ inline proc_dir_entry* version_create_entry(const char* path, const char* direct
     return has_directories ? create_proc_entry(path, 0) : nullptr;
 }
 
-// Creates the report. `version_string` and `tag_name` may be null. Returns 0. Returns -1, with nothing allocated, if
-// there is no memory, if `module_name` is null or too long, or if the file cannot be created. May sleep.
+// Creates the report. `version_string` and `tag_name` may be null. Returns 0. Returns -1, without a report, if there
+// is no memory, if `module_name` is null or too long, or if the file cannot be created. May sleep.
 inline int32_t module_version_init(const char* module_name, const char* version_string, const char* tag_name)
 {
     module_banner = build_module_ver_str(module_name, version_string, tag_name);

@@ -111,8 +111,8 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
     req->user_cb = user_cb;
     req->user_context = user_context;
     queue_request(ats, req);
-    // The request is in the list before it is sent. Therefore the answer always finds the request there. From here on,
-    // do not use `req`: an answer or a time-out may free it.
+    // The request is in the list before it is sent. Therefore even an answer that comes at once finds the request
+    // there. From here on, do not use `req`: an answer or a time-out may free it.
     return ats_sa_rarp_send(ats, arp_data) == 0 ? ibat_stat_pending : ibat_stat_error;
 }
 

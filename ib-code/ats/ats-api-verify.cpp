@@ -53,8 +53,9 @@ void show_addresses(uint32_t held_by_sa, uint32_t own, const char* operation)
     ATS_TRACE_AS(operation, ZR_DEBUG, "ipaddresses [%s, %s]\n", first, print_ipaddr(own));
 }
 
-// Compares the SA's answer with the context's own address. Registers again if they differ, or if the SA has sent no
-// address. After a time-out, `arp_data` is null. Runs in the completion context or in the request timer.
+// Compares the SA's answer with the context's own address. If they differ, or if the SA has sent no address, registers
+// again through the active port, if there is one. After a time-out, `arp_data` is null. Runs in the completion context
+// or in the request timer.
 void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
 {
     ATS_DEBUG("status=%s  arp_data=%p  context=%p\n", print_ibat_stat(status), static_cast<void*>(arp_data), context);
@@ -76,8 +77,8 @@ void rarp_callback(ibat_stat_t status, ibat_arp_data_t* arp_data, void* context)
     restore_registration(ats, __func__);
 }
 
-// The function of the verification timer. Arms the timer again and sends the question to the SA. `data` is the
-// context's index in ats_cntx. May sleep.
+// The function of the verification timer. Arms the timer again. If verification is on and a port is active, sends the
+// question to the SA. `data` is the context's index in ats_cntx. May sleep.
 void verification_callback(unsigned long data)
 {
     ATS_DEBUG("data=%lu\n", data);

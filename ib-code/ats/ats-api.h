@@ -9,7 +9,8 @@
 #include "debug-support.h"
 
 // Looks for the function that another module has published under `name`. Stores it in `*slot`, and takes a reference on
-// that module; ats_put_peer gives the reference back. Returns false if no module has published that name.
+// that module; ats_put_peer gives the reference back. Returns false if no module has published that name, or if that
+// module is being unloaded.
 template <class slot_t>
 bool ats_get_peer(const char* name, slot_t* slot)
 {

@@ -41,7 +41,8 @@ const module_parameter_t parameters[] = {
 // Filled by kq_list_hcas().
 kq_hca_name hca_names[ATS_MAX_HCAS];
 
-// Gives each context the name of an HCA. Returns the number of HCAs, or a negative status.
+// Stores the names of the HCAs in the first contexts. Returns the number of HCAs, or a negative status if none is
+// found.
 int32_t ats_get_hcas_names()
 {
     const int n_hcas = kq_list_hcas(hca_names, ATS_MAX_HCAS);

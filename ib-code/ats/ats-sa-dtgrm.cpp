@@ -43,8 +43,7 @@ void ats_sa_gsi_send_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dt
     gsi_dtgrm_pool_put(dtgrm);
 }
 
-// An answer to a Delete wakes the task that waits for such an answer. All other answers go to IBAT and to the pending
-// requests.
+// An answer to a Delete wakes the task that waits for such an answer. ats_process_sa_reply handles all other answers.
 void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
 {
     ATS_DEBUG("Datagram <%p> received.\n", static_cast<void*>(dtgrm));

@@ -51,7 +51,7 @@ void ats_sa_gsi_recv_compl_cb(gsi_class_handle_t handle, void* context, gsi_dtgr
 // posted, otherwise -1.
 int32_t ats_sa_send_delete(ats_context_t* ats);
 
-// Sleeps until the SA has answered the Delete, a signal is pending or ATS_DELETE_WAIT_TICKS have passed.
+// Sleeps until the SA has answered a Delete (`resp_recv`), a signal is pending or ATS_DELETE_WAIT_TICKS have passed.
 void ats_sa_wait_for_delete_answer(ats_context_t* ats);
 
 // Replaces the record at the SA. First deletes the record that `sm_registered_gid` names, with up to three tries, and

@@ -183,7 +183,7 @@ void ats_stop();
 void ats_process_sa_reply(uint16_t mad_stat, ats_context_t* ats);
 
 // Start and end the self-verification of the first `n_hcas` contexts. After end_verification returns, no timer starts a
-// check. The answer to an earlier check may still come, and may cause a Set. Both functions may sleep.
+// check. The answer to an earlier check, or its time-out, may still come and cause a Set. Both functions may sleep.
 void start_verification(int32_t n_hcas);
 void end_verification(int32_t n_hcas);
 
@@ -203,8 +203,8 @@ const char* print_ipaddr(uint32_t addr);
 // ats_sa_stop, which releases everything. May sleep.
 int32_t ats_sa_init(ats_context_t* ats);
 
-// Deletes the records of all ports at the SA, and releases everything that the context holds. Does nothing if the HCA
-// is not open. May sleep.
+// Sends Deletes of the records of all ports if a port is active, and releases everything that ats_sa_init has taken.
+// Does nothing if the HCA is not open. May sleep.
 void ats_sa_stop(ats_context_t* ats);
 
 // Posts one request to the SA through the active port: a Set if `is_set`, otherwise a Get (a GetTable with `is_table`)
@@ -239,16 +239,16 @@ void ats_wait_for_deliveries(ats_context_t* ats);
 void ats_sa_drop_pending_requests(ats_context_t* ats);
 
 // ats_sa_arp_send asks the SA for the record of `arp_data->dst_ip`, ats_sa_rarp_send for the record of `arp_data->gid`.
-// Both return 0 if the request was posted. They return -1 if there is no active port, if a signal came, or if the send
-// failed. May sleep. The caller must not hold `ats_sem`.
+// Both return 0 if the request was posted. They return -1 if there is no active port, if a signal ended the wait for
+// `ats_sem`, or if the send failed. May sleep. The caller must not hold `ats_sem`.
 int32_t ats_sa_arp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 int32_t ats_sa_rarp_send(ats_context_t* ats, const ibat_arp_data_t* arp_data);
 
 // These functions change the host name or the address of one context. If a port is active, they delete the record at
 // the SA and post a Set with the new value. Otherwise the context registers the new value when a port becomes active.
-// They return 0. They return -1 if the name is null, if a signal came, or if the Set could not be posted. An address is
-// stored in all cases. A name is not stored if it is null or if a signal came. May sleep. The caller must not hold
-// `ats_sem`.
+// They return 0. They return -1 if the name is null, if a signal ended the wait for `ats_sem`, or if the Set could not
+// be posted. An address is stored in all cases. A name is not stored in the first two cases. May sleep. The caller must
+// not hold `ats_sem`.
 int32_t ats_sa_update_hostname(ats_context_t* ats, const char* host_name);
 int32_t ats_sa_update_ip_addrs(ats_context_t* ats, uint32_t port_ipaddr);
 
@@ -258,10 +258,10 @@ void ats_sa_wait_for_restores(ats_context_t* ats);
 
 // ---- ats-misc ----
 
-// Reads four decimal numbers that are separated by points. Ignores other text after each number. A field without digits
-// is 0, and a number over 255 is cut to its low 8 bits. Returns ibat_stat_ok. Returns ibat_stat_error, without a change
-// of `*ip`, if the text is too long, has fewer than four fields, or has a number whose low 32 bits are all ones, such
-// as 4294967295.
+// Reads four decimal numbers that are separated by points. Ignores other text after each number. A field that does
+// not begin with a digit is 0, and a number over 255 is cut to its low 8 bits. Returns ibat_stat_ok. Returns
+// ibat_stat_error, without a change of `*ip`, if the text is too long, has fewer than four fields, or has a number
+// whose low 32 bits are all ones, such as 4294967295.
 ibat_stat_t ats_parseipstr(const char* s, uint32_t* ip);
 
 // Reads "0x" and up to 32 hexadecimal digits. May overwrite the "x" of `s`. Returns ibat_stat_ok. Returns

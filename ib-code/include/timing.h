@@ -20,8 +20,8 @@ struct timing_t {
 KERNEL_API void init_timing(timing_t* timer);
 
 // Arms the timer. When the clock reaches `expires`, the service calls `function` once with `data`. If the clock has
-// already reached `expires`, the service calls `function` at once. `function` may arm the timer again. If the timer is
-// already armed, add_timing changes its time. Any context.
+// already reached `expires`, the service calls it as soon as possible, but not inside add_timing. `function` may arm
+// the timer again. If the timer is already armed, add_timing changes its time. Any context.
 KERNEL_API void add_timing(timing_t* timer);
 
 // Disarms the timer. If `function` is running, waits until it has returned. If `function` arms the timer again

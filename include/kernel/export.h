@@ -5,5 +5,5 @@
 // Declares a kernel function that modules may call. It has C linkage, so its symbol is its plain name.
 #define KERNEL_API extern "C" __attribute__((visibility("default")))
 
-// Declares a symbol of a module that the loader and other modules can find. All other symbols of a module are hidden.
+// Declares a symbol of a module that the loader can find. All other symbols of a module are hidden.
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))
