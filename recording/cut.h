@@ -28,9 +28,9 @@ struct cut_recording {
 };
 
 // Removes datagrams, handled events, log lines and tables (see docs/recording.md) outside of the window. All other
-// events stay, because the states at the beginning of the window result from them. Ignores an incomplete last line,
-// because the run may have been killed. Fails (invalid) if the text is not a recording of this version; the error names
-// the line.
+// events stay, because the states at the beginning of the window result from them. Ignores a last line that is not
+// an event, because the run may have been killed while it wrote the line. Fails (invalid) if the text is empty, or if
+// it is not a recording of this version; the error then names the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

@@ -23,7 +23,7 @@ struct resolution {
     ibat_stat_t status = ibat_stat_error; // after a lookup with cache_only, an error can mean "not in the cache"
     uint32_t ip = 0;                      // network order
     kq_gid_t gid{};
-    bool from_cache = false;           // true if the answer came without waiting for the SA
+    bool from_cache = false;           // true if the module answered at once, also with an error
     uint64_t duration_ticks = 0;       // by the machine's clock; set by resolve_address() and resolve_gid() only
     uint64_t duration_nanoseconds = 0; // in real time
     std::string reason;                // one line for people; empty if the status is ok
@@ -37,9 +37,10 @@ resolution resolve_address(kernel::machine& machine, uint32_t ip, lookup_mode mo
 // UCM's requests always searches the cache first.
 resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mode mode = lookup_mode::usual);
 
-// Searches IBAT's cache for an address or a GID. Returns nothing if the cache does not have the answer. The caller is a
-// thread outside of all machines, or a task of this machine that may sleep. In IBAT's counters, a returned answer
-// counts as a lookup and a hit. A GID that is not in the cache counts as a lookup and a miss.
+// Searches IBAT's cache for an address or a GID. Returns nothing if the cache does not have the answer, or if IBAT is
+// not loaded. The caller is a thread outside of all machines, or a task of this machine that may sleep. In IBAT's
+// counters, a returned answer counts as a lookup and a hit. A GID that is not in the cache counts as a lookup and a
+// miss.
 std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 

@@ -10,7 +10,8 @@
 namespace world
 {
 
-// The address is in network order. parse_ipv4() accepts exactly four decimal numbers from 0 to 255, separated by dots.
+// The address is in network order. parse_ipv4() accepts exactly four decimal numbers from 0 to 255 without leading
+// zeros, separated by dots.
 std::optional<uint32_t> parse_ipv4(const std::string& text);
 std::string format_ipv4(uint32_t ip);
 
