@@ -38,7 +38,7 @@ CAMPAIGNS = [campaign("campaign", "--seeds", "60"), campaign("campaign of rarer 
              campaign("campaign of swarms", "--seeds", "60", "--swarm")]
 ATS_TESTS = [tests("ats", f"--gtest_filter=-{LONG_TESTS}"), tests("ats in every order", f"--gtest_filter={LONG_TESTS}")]
 FIRST = campaign("campaign of 6 seeds", "--seeds", "6")  # most mutants of the module fail here, in less than a second
-# Each part of the tree: its folders, the quick steps and the thorough steps. Both lists begin with the step that costs least.
+# Each part of the tree: its folders, the quick steps and the thorough steps.
 PARTS = {
     "module": (["ib-code/ats"], [ATS_TESTS[0], FIRST], [ATS_TESTS[1], *CAMPAIGNS]),
     "peers": (["host/peers/ibat", "host/peers/ucm"], [tests("peers"), ATS_TESTS[0], FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
@@ -46,8 +46,8 @@ PARTS = {
     "kernel": (["host/kernel"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
     "exec": (["host/exec"], [tests("kernel"), ATS_TESTS[0], tests("stack"), FIRST], [*CAMPAIGNS, ATS_TESTS[1]]),
 }
-# Only the thread sanitizer notices that a lock is missing. These steps run in a tree that is built with it. A race needs two threads
-# that meet, so each test runs ten times.
+# Often only the thread sanitizer notices that a lock is missing. These steps run in a tree that is built with it. A race needs
+# two threads that meet, so each test runs ten times.
 THREAD_PARTS = ("stack", "kernel")
 THREAD_STEPS = [tests(f"{name} under the thread sanitizer", "--gtest_filter=threads.*-*.*dies*", "--gtest_repeat=10") for name in ("kernel", "stack")]
 DROPPED_LOCK = "the lock is dropped"
