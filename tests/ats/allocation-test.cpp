@@ -54,7 +54,7 @@ struct questions {
         up(&self.answers);
     }
 
-    // Asks the SA for the addresses of both hosts at once, and waits for both answers. Repeats this `times` times.
+    // Asks the SA for the GIDs of both addresses at once, and waits for both answers. Repeats this `times` times.
     void ask(const world::published<ibat_refresh_fn_t>& refresh, int times)
     {
         for (int i = 0; i < times; ++i) {

@@ -139,7 +139,8 @@ class ats_world final : fabric::tap
     // Adds a host with replacements for IBAT and UCM. Does not load the module.
     ats_host& add(const host_setup& setup = {});
 
-    // Adds a host, loads the module and raises the link of port 1. Then discards all requests and log lines.
+    // Adds a host, loads the module and raises the link of port 1. Then discards the requests of all hosts, the log
+    // lines of this host, and the replies that its IBAT has received.
     ats_host& add_registered(const host_setup& setup = {});
 
     // Runs the world until this many ticks after its start.
@@ -153,8 +154,8 @@ class ats_world final : fabric::tap
     // The records at the SA, for example "node1.1 10.0.0.1 node1".
     std::vector<std::string> records() const;
 
-    // Sends a datagram to a port of a host, from a port that is not the SA's. The datagram has arrived when the call
-    // returns.
+    // Sends a datagram to a port of a host, from a port that is not the SA's. If the subnet has no latency, the
+    // datagram has arrived when the call returns.
     void inject(const ats_host& host, int port, const fabric::mad_bytes& mad);
 
     std::unique_ptr<exec::simulation> sim;

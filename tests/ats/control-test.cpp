@@ -140,7 +140,8 @@ TEST_F(control, delete_ip_deletes_the_record_and_sets_the_address_of_the_next)
     EXPECT_THAT(w.records(), testing::UnorderedElementsAre("node1.2 10.1.2.3 node1", second_record));
 }
 
-// rarp logs the status of its request at once. If IBAT's cache has no answer, rarp logs the SA's answer later.
+// rarp logs the status of its request at once. If IBAT's cache has no answer, the SA's answer or the time-out is logged
+// later.
 TEST_F(control, rarp_logs_the_request_and_its_answer)
 {
     const auto first_line = [](const std::string& text) { return "DEBUG api/ats_proc_cmd_rarp: Status " + text; };

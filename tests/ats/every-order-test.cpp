@@ -76,7 +76,8 @@ exec::task& start_write(ats_host& host, const std::string& command)
     return host.start("writer", [&host, command] { host.machine().proc.write("dorvex/ats/control", command); });
 }
 
-// The tick at which a newly loaded host first checks its own record. The host's trace lines contain this tick.
+// The tick at which a host first checks its own record. The host was loaded at tick 0, so this is the delay that its
+// trace line shows.
 uint64_t first_check_tick(ats_host& host)
 {
     for (const std::string& line : host.log())

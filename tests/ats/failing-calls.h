@@ -1,5 +1,5 @@
 // Repeats a scenario, and lets different kernel calls fail in each run: each call alone, and each call together with
-// each later call. In this way, one loop tests all error paths.
+// each later call. In this way, one loop tests the failure of every kernel call.
 #pragma once
 
 #include "tests/ats/ats-world.h"

@@ -67,8 +67,8 @@ TEST(identity_of_three_hcas, takes_a_name_on_each_and_restores_it)
     EXPECT_THAT(w.records(), all);
 }
 
-// The first HCA that fails ends the update. HCAs before it have the new value. The failing HCA has stored a new
-// address, but not a new name.
+// The first HCA that fails ends the update. HCAs before it have the new value. Here an HCA fails to get `ats_sem`: it
+// has stored a new address, but not a new name.
 TEST(identity_of_three_hcas, stops_at_the_first_failure)
 {
     const struct {

@@ -1,5 +1,5 @@
-// The texts of the module's two /proc files, byte by byte. A read of the file "control" writes a report to the log. The
-// file "version" contains the version.
+// The texts of the module's two /proc files. A read of the file "control" writes a report to the log. The file
+// "version" contains the version.
 #include "module-version.h"
 #include "tests/ats/ats-world.h"
 

@@ -147,7 +147,8 @@ TEST_F(resolution, without_an_active_port_fails_and_still_times_out)
     EXPECT_THAT(w.requests(), IsEmpty());
 }
 
-// A registration holds `ats_sem` for 60 ticks. A lookup waits until `ats_sem` is free or a signal comes.
+// The SA is silent, so a registration holds `ats_sem` for 60 ticks. A lookup waits until `ats_sem` is free or a signal
+// comes.
 TEST_F(resolution, waits_for_a_registration_or_a_signal)
 {
     w.subnet.faults.sa_silent = true;

@@ -1,5 +1,5 @@
-// The module is unloaded in many states. It must then delete its record and give back all resources, and its stop must
-// end.
+// The module is unloaded in many states. It must then give back all resources, and delete its record if the SA answers.
+// Its stop must end.
 #include "kernel/errno.h"
 #include "tests/ats/failing-calls.h"
 
@@ -8,7 +8,7 @@ namespace
 
 using lines = std::vector<std::string>;
 
-// The log lines that ats_sa_stop prints itself, without those of the functions that it calls.
+// The log lines that show ats_sa_stop as the name of their function.
 lines lines_of_stop(ats_host& host)
 {
     lines texts;
@@ -99,7 +99,7 @@ TEST(shut_down_of_two_hcas, ends_verification_first)
 }
 
 // IBAT is still processing an answer when the stop begins. The stop must wait until IBAT returns, and only then give
-// back IBAT's function. Without UCM, no other step of the stop waits for answers in progress.
+// back IBAT's function. Without UCM, no earlier step of the stop waits for answers in progress.
 TEST(shut_down_without_ucm, waits_for_an_answer_that_ibat_is_processing)
 {
     ats_world w;
