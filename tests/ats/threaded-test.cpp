@@ -1,6 +1,6 @@
-// Hosts with all modules on real threads. They resolve each other while links flap, names and addresses change, the SA
-// changes its LID and loses records, and one host leaves. The fabric is embedded, but tasks and time are real, so the
-// thread sanitizer can find races.
+// Hosts with all modules on real threads. They resolve each other while links flap, names change, addresses are set
+// again, the SA changes its LID and loses records, and one host leaves. The fabric is embedded, but tasks and time are
+// real, so the thread sanitizer can find races.
 #include <chrono>
 
 #include "console/host-plans.h"
@@ -54,7 +54,7 @@ class running_hosts
     }
 
     // Looks up the GID of an address, the address of this GID and the path to the address, `times` times, at the SA or
-    // in the caches. Stops waiting for every fifth path after one tick.
+    // in the caches. Waits for every fifth path at most one tick.
     void resolve_others(size_t host, int times)
     {
         for (int i = 0; i < times; ++i) {

@@ -158,8 +158,8 @@ TEST_F(verification, logs_what_it_could_not_send)
         Contains("DEBUG api/verification_callback: call ats_rarp_send_nocache() returned ibat_stat_error (-255)"));
     w.subnet.forget_all();
     w.at(next_check - 1);
-    // The check makes four kernel calls: it gets memory, the semaphore and a datagram, and posts the datagram. The
-    // fifth call gets the datagram of the Set.
+    // The check makes four kernel calls that can fail: it gets memory, the semaphore and a datagram, and posts the
+    // datagram. The fifth such call gets the datagram of the Set.
     host.faults().fail_nth(5);
     w.at(next_check);
     EXPECT_EQ(host.faults().failed_call(), "gsi_dtgrm_pool_get");

@@ -1,6 +1,6 @@
 // Compares the requests that the module sends with the expected bytes, and their destinations with the expected ones.
 // Only the TransactionIDs have no fixed value. All hosts of the service must use the same layout. If one host has a
-// byte at another place, lookups between this host and the others fail.
+// byte at another place, lookups between this host and the others can fail.
 #include <set>
 
 #include "tests/ats/ats-world.h"

@@ -1,5 +1,5 @@
-// Wrong arguments, wrong requests, exceeded limits and other bad input. The program must print one clear line and
-// return the right exit code. It must change and lose nothing.
+// Wrong arguments, wrong requests, exceeded limits and other bad input. A refusal must be clear and short, and a
+// refused command must return the right exit code. Refused input must change nothing.
 #include <algorithm>
 #include <atomic>
 #include <grp.h>
@@ -176,7 +176,7 @@ TEST(bad_input, limits_hold_for_each_user)
     EXPECT_THAT(fourth.read(), HasSubstr("this user has 3 connections already"));
     EXPECT_EQ(fourth.read(), "(hung up)");
     const std::string padding(4000, 'x');
-    large->write(R"({"request":"log","follow":true,"padding":")" + padding + "\"}\n"); // remains unanswered
+    large->write(R"({"request":"log","follow":true,"padding":")" + padding + "\"}\n"); // this request never ends
     EXPECT_THAT(large->read(), HasSubstr("\"line\""));
     const std::string status = R"({"request":"status"})";
     EXPECT_THAT(first.ask(status), HasSubstr("this user has questions of 4"));
@@ -238,7 +238,7 @@ TEST(bad_input, flood_of_connections_stops_neither_the_service_nor_its_end)
 }
 
 // Hosts need address space for threads, and descriptors for the code of their modules. Here one of these is used up
-// while the hosts start.
+// while the service starts.
 TEST(bad_input, limits_that_end_a_start_are_named_and_nothing_is_left_behind)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -280,7 +280,8 @@ TEST(bad_input, service_whose_memory_is_used_up_unloads_its_hosts_and_says_why)
     EXPECT_THAT(ats.complaints(), StartsWith("ats: the memory was used up, so all hosts were stopped"));
 }
 
-// The first lookup that no cache answers needs a thread. After such a shortage, the service still has its reserve.
+// The first lookup that no cache answers needs a thread. If the thread cannot start, only this lookup fails: the
+// service keeps its reserve of memory and continues.
 TEST(bad_input, shortage_that_a_service_survives_does_not_fail_its_stop)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -1,5 +1,5 @@
-// Before a host registers, the service searches the SA for records of the host's address under other GIDs
-// (cli::other_holder). After the host has left, the service deletes the host's records that the SA still has
+// On a real fabric, the service searches the SA for records of the host's address under other GIDs before the host
+// registers (cli::other_holder). After the host has left, the service deletes the host's records that the SA still has
 // (cli::delete_leftovers).
 #include <functional>
 #include <gtest/gtest.h>

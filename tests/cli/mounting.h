@@ -8,7 +8,7 @@
 #include "cli/mount/proc-mount.h"
 #include "tests/cli/program.h"
 
-// Tries one mount in a separate process, once for all tests. Returns true if it succeeds.
+// At the first call, tries one mount in a separate process. Returns true if this mount succeeded.
 inline bool mounts_work()
 {
     static const bool works = [] {

@@ -57,7 +57,7 @@ inline void write_file(const std::string& path, const std::string& text)
     std::ofstream(path) << text;
 }
 
-// Waits until `holds` returns true; other processes make it true. Returns false after a minute.
+// Waits until `holds` returns true; other processes or threads make it true. Returns false after a minute.
 inline bool eventually(const std::function<bool()>& holds)
 {
     return fabric_tools::wait_until(holds, std::chrono::minutes(1));
@@ -75,8 +75,8 @@ class ats_process
 
     pid_t pid() const { return process_.pid(); }
 
-    // Waits until the process has ended, at most an hour. Returns its exit code, or the negated number of the signal
-    // that has killed it.
+    // Waits until the process has ended. Returns its exit code, or the negated number of the signal that has killed it.
+    // Throws std::bad_optional_access after an hour.
     int wait()
     {
         constexpr std::chrono::hours no_limit(1);

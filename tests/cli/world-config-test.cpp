@@ -99,7 +99,7 @@ TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
     ASSERT_THAT(all, HasSubstr("\nname = \"mlx5_0\""));
     const ats::result<cli::world_config> config = read_config(all);
     ASSERT_TRUE(config) << config.error().text;
-    EXPECT_EQ(config->acm.socket, "/run/ats/ibacm.sock"); // the unit allows the service to write only to /run/ats
+    EXPECT_EQ(config->acm.socket, "/run/ats/ibacm.sock"); // the unit does not let the service write to /run itself
 }
 
 TEST(world_config, probable_mistakes_are_accepted_with_a_warning)

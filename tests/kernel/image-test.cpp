@@ -392,8 +392,8 @@ TEST_F(images_of_the_linker, that_stay_mapped_are_not_used_again)
 }
 #endif
 
-// The dynamic linker keeps a descriptor open for every image that it maps. Many machines need more descriptors than the
-// soft limit allows, so the loader must raise this limit.
+// The loader keeps a descriptor open for every image that the dynamic linker maps. Many machines need more descriptors
+// than the soft limit allows, so the loader must raise this limit.
 TEST_P(images_of_both_kinds, have_variables_of_their_own)
 {
     rlimit limit{};

@@ -125,7 +125,7 @@ MODULE_EXPORT int probe_number()
 
 MODULE_EXPORT __attribute__((constructor)) void probe_construct(int count, char** words)
 {
-    construction_count += (count > 0) == (words != nullptr); // the words of main(), or none
+    construction_count += (count > 0) == (words != nullptr); // the arguments of main(), or 0 and null
 }
 
 MODULE_EXPORT __attribute__((destructor)) void probe_destruct()
