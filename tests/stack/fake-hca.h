@@ -36,7 +36,8 @@ struct fake_hca final : fabric::hca {
     {
         listener->mad_arrived(port, source, test::bytes_of(mad));
     }
-    // Changes the state of the port and then reports the change, in the order of a real fabric.
+    // Stores the new state of the port, if the link changes, and then reports the change, in the order of a real
+    // fabric.
     void change(int port, fabric::port_change change, uint16_t sm_lid = 0)
     {
         if (change == fabric::port_change::link_up || change == fabric::port_change::link_down)

@@ -1,4 +1,5 @@
-// A GSI client with a datagram pool and a registered class on every port. It records one line for each callback.
+// A GSI client with a datagram pool. It registers or joins the SA's class on one or two ports, and records one line for
+// each callback.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -187,7 +187,8 @@ TEST(sa_bookkeeping, keeps_the_latest_set_of_each_record_up_to_a_limit)
     });
 }
 
-// Counts one request or answer after another. Each row has the name of the counter that must grow.
+// Counts one request or answer after another. Each row has the name of the counter that must grow. A MAD of another
+// management class than the SA's must not count.
 TEST(sa_bookkeeping, counts_the_requests_to_the_sa_by_attribute_and_its_answers_by_status)
 {
     constexpr uint16_t other_attribute = 0x0011, path = SA_ATTR_PATH_RECORD, service = SA_ATTR_SERVICE_RECORD;

@@ -78,7 +78,8 @@ struct threads : testing::Test {
     kernel::machine host{*exec, "node1"};
 };
 
-// Three tasks use every service of a machine at once. Meanwhile another task reads the reports of the services.
+// Three tasks use GSI, verbs, the registry and timers of a machine at once. Meanwhile another task reads the reports of
+// these services.
 TEST_F(threads, share_all_services_of_a_machine)
 {
     constexpr size_t rounds = 200;

@@ -267,8 +267,8 @@ TEST(verbs, queries_read_the_port_and_refuse_stale_handles_and_missing_ports)
     });
 }
 
-// The exit function of a module must release all resources of the module. If it leaves some, the unloading ends the
-// program before the image is unmapped. The error text must name every resource that is left.
+// The exit function of a module must release all resources that the module got from the stack. If it leaves some, the
+// unloading ends the program before the image is unmapped. The error text must name every resource that is left.
 TEST(stack_services, name_what_a_module_leaves_behind)
 {
     machine_with_fake machine;

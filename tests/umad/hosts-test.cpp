@@ -170,7 +170,7 @@ TEST_F(hosts_on_fabric, register_find_each_other_and_leave_nothing_behind)
     EXPECT_THAT(decoded, Not(HasSubstr("Malformed")));
 }
 
-// Debian's ib_acme and librdmacm ask the host, and must get the LIDs of the right port.
+// Debian's ib_acme and librdmacm ask the host, and must get the LID of the right port.
 TEST_F(hosts_on_fabric, give_programs_of_librdmacm_the_route_to_the_right_lid)
 {
     start_sm();

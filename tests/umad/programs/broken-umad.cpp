@@ -1,8 +1,8 @@
 // A library that a test preloads before libibumad, to break the HCA of a program. The environment variable BROKEN_UMAD
-// names a file, which contains one word, the fault. Three faults change the next answer of the SA and empty the
-// file: "short" cuts the answer, "stray" changes its TransactionID, "request" clears its response bit. Two faults last
-// until the test changes the file: with "gone", the device is missing; with "deaf", nothing is sent and every receive
-// fails.
+// names a file, which is empty or contains one word, the fault. Three faults change the next answer of the SA and empty
+// the file: "short" cuts the answer, "stray" changes its TransactionID, "request" clears its response bit. Two faults
+// last until the test changes the file: with "gone", the device is missing; with "deaf", nothing is sent and every
+// receive fails.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
