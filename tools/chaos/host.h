@@ -44,7 +44,8 @@ class host
     // Kills the service (SIGKILL).
     void kill();
 
-    // Ends the service with SIGTERM. Throws failure if it does not end within 40 s, or if its exit code shows an error.
+    // Ends the service with SIGTERM. Throws failure if it does not end within 40 s, or if its exit code shows an error
+    // other than a capture that could not be written because the disk was full.
     void stop();
 
     void pause();

@@ -1,6 +1,6 @@
 // The plan of a chaos run: rounds of acts on real programs. The plan is drawn from a seed before anything runs. An act
-// is a fault or an action of an administrator. All faults of a round end at the end of the round; then everything must
-// be right again.
+// is a fault or an action of an administrator. Pauses, lost packets, unplugged links and full disks end at the end of
+// the round; then everything must be right again.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace chaos
 
 enum class act_kind {
     kill_host,   // SIGKILL; the host leaves its record at the SA
-    stop_host,   // SIGTERM; the host deletes its record
+    stop_host,   // SIGTERM; the host deletes its record, if it can reach the SA
     pause_host,  // SIGSTOP until the round ends
     unplug,      // the host's link is down until the round ends
     lose,        // `number` percent of the packets to the host are lost until the round ends

@@ -66,8 +66,8 @@ void run::end()
     settle();
 }
 
-// Waits until no SM sweeps. If a link goes down or a program ends during a sweep, ibsim loses answers to the SM, and
-// the SM hangs. If an SM does not end its sweep in time, settle() later replaces all SMs.
+// Waits up to `longest_wait` until no SM sweeps. If a link goes down or a program ends during a sweep, ibsim loses
+// answers to the SM, and the SM hangs. If an SM does not end its sweep in time, settle() later replaces all SMs.
 void run::wait_quiet()
 {
     fabric_tools::wait_until([&] { return sms_.are_quiet(); }, longest_wait);

@@ -175,8 +175,8 @@ void run::note_silence()
     if (!silent_since_) silent_since_ = clock::now();
 }
 
-// Reads the SA's records with a program that is independent of the service. If the SA answers, clears silent_since_. If
-// the SA does not answer, sets silent_since_ (unless it is set) and returns nothing.
+// Reads the hosts' records at the SA with a program that is independent of the service. If the SA answers, clears
+// silent_since_. If the SA does not answer, sets silent_since_ (unless it is set) and returns nothing.
 std::optional<std::map<std::string, std::string>> run::read_records()
 {
     std::vector<std::string> command = {READ_RECORDS};

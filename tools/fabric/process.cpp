@@ -58,8 +58,8 @@ bool set_limit(const process_limit& limit)
     return setrlimit(limit.resource, &values) == 0;
 }
 
-// Runs in the child: executes the command. If anything fails, exits with code 127, like a shell that does not find a
-// program. Makes only calls that are safe after a fork.
+// Runs in the child: executes the command. If this is not possible, exits with code 127, like a shell that does not
+// find a program. Makes only calls that are safe after a fork.
 [[noreturn]] void become(const command& command, char* const* arguments, char* const* environment, pid_t parent,
                          int input)
 {

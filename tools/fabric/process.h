@@ -16,8 +16,8 @@ namespace fabric_tools
 using namespace std::chrono_literals;
 using duration = std::chrono::milliseconds;
 
-// Calls `condition` every few milliseconds until it returns true. Returns false after the time limit. Throws
-// `interrupted` after a signal; see throw_when_interrupted().
+// Calls `condition` every few milliseconds until it returns true. Returns false after the time limit. After a
+// signal, one call throws `interrupted`; see throw_when_interrupted().
 bool wait_until(const std::function<bool()>& condition, duration longest);
 
 // After this call, SIGINT, SIGTERM and SIGHUP make the current or the next wait throw `interrupted`. Destructors

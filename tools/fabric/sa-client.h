@@ -18,12 +18,13 @@ bool parse_gid(const char* text, wire_gid_t& gid);
 class sa_client
 {
   public:
-    // Opens the first active port. Calls fail() if there is none, or if it cannot be used.
+    // Opens the default port of libibumad: the first active one, if any is active. Calls fail() if there is no port, or
+    // if it cannot be used.
     sa_client();
 
     // Sends the request with a new TransactionID up to five times, until the SA answers. Returns the answer, or
-    // nothing. Each time, waits one second for the answer; the arrival of another datagram ends this wait. Calls fail()
-    // if the request cannot be sent.
+    // nothing. Each time, waits up to one second for the answer; the arrival of another datagram ends this wait. Calls
+    // fail() if the request cannot be sent.
     std::optional<sa_mad_v2_t> ask(sa_mad_v2_t request);
 
   private:
