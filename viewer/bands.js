@@ -1,5 +1,6 @@
 // The bands at the right of each port's lane, and the bars of faults and acts at the left of a lane. Each port has four bands.
-// They show when its link was up, when it was the active port, when it was registered, and when its requests waited for answers.
+// They show when its link was up, when it was the active port, the state of its registration, and when its requests waited for
+// answers.
 
 // `x` is the distance of a band from the line of the lane, in pixels. `read` returns the value of the band in a state.
 const BANDS = [
@@ -22,7 +23,7 @@ function waitingOf(state, port) {
   return count ? `n${Math.min(count, 4)}` : null;
 }
 
-// Returns the intervals of all bands: [{port, band, value, begin, end}]. `begin` and `end` are heights in the picture.
+// Returns the intervals of all bands: [{port, band, value, begin, end}]. `begin` and `end` are values of y in the picture.
 function findBands(recording, layout) {
   const open = new Map();
   const found = [];

@@ -1,10 +1,10 @@
-// Computes the places of all parts of the picture. Time runs from top to bottom. A row has one event, or several events
-// of the same tick. A long period without events is folded: it takes one row of constant height.
+// Computes the places of the lanes and the events in the picture. Time runs from top to bottom. A row has one event, or several
+// events of the same tick. A long period without visible events is folded: it takes one row of constant height.
 
 const ROW = { datagram: 22, log: 15, act: 22, handled: 16, step: 40, violation: 56, fold: 30, change: 7 };
-const FOLD_MS = 400; // a longer period without events is folded
+const FOLD_MS = 400; // a longer period without visible events is folded
 const TIME_WIDTH = 84;
-const SA_ROOM = 96; // pixels between the times and the SA's lane, for the bars of faults
+const SA_ROOM = 96; // pixels between the times and the SA's lane, for the bars of faults and acts
 const NARROW = 700; // pixels; in a narrower picture, SA_ROOM is halved and the lanes are closer
 const TOP = 10;
 
@@ -26,7 +26,8 @@ function formatLength(ms) {
   return `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
 }
 
-// Computes the x of each lane. `width` is the visible width of the picture, in pixels.
+// Computes the x of each lane, the step from lane to lane and the width of the whole picture. The argument `width` is the width
+// of the visible part. All values are in pixels.
 function placeLanes(recording, filter, width) {
   const ports = [...recording.ports.values()].filter(port => !filter.hiddenHosts.has(port.host));
   const saX = TIME_WIDTH + (width < NARROW ? SA_ROOM / 2 : SA_ROOM);
@@ -52,7 +53,7 @@ class Layout {
     this.titles = [];     // steps and violations
     this.acts = [];
     this.changes = [];    // changes of the SA's records
-    this.sms = [];        // changes of the SM's LID
+    this.sms = [];        // the SM's LID at the start, and its changes
     this.handled = [];    // port events that hosts have handled
     this.closing = null;  // y at which the closing phase of a campaign begins
     this.times = [];

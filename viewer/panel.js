@@ -89,8 +89,8 @@ function describeSelection(recording, event, logIndexes) {
   return node("div");
 }
 
-// Returns a view of the state: the SA's records, the ports, the faults and the acts. Marks the records and ports whose GID
-// occurs in `violation`, the text of the violation.
+// Returns a view of the state: the SA's records (if the recording has them), the ports, the faults and the acts. Marks the
+// records and ports whose GID occurs in `violation`, the text of the violation.
 function describeState(recording, state, hiddenHosts, violation) {
   const suspect = gid => violation.includes(gid) ? "suspect" : null;
   const records = [...state.table.values()].sort((a, b) => a.gid < b.gid ? -1 : 1);

@@ -1,7 +1,7 @@
 // Draws the picture as SVG. If there are many items, it draws only the visible part.
 
 const SVG = "http://www.w3.org/2000/svg";
-const DRAW_ALL_ITEMS = 4000; // a picture with at most this number of items is drawn whole
+const DRAW_ALL_ITEMS = 4000; // a picture with at most this number of arrows and log marks is drawn whole
 const LETTER_WIDTH = 6.2; // the approximate width of a letter in a label, in pixels
 const TITLE_LETTER_WIDTH = 8.4; // the approximate width of a letter in the title of a violation, in pixels
 const NAMES_HEIGHT = 46;
@@ -263,7 +263,7 @@ class Picture {
       svgNode("rect", { x, y: y - 8, width, height: 16, rx: 8 }), svgText(x + width / 2, y + 3.5, text, "", "middle"));
   }
 
-  // Draws a change of the SM's LID. From then on, requests must go to the new LID.
+  // Draws the SM's LID at the start or after a change. From then on, requests must go to this LID.
   sm({ event, y }) {
     const text = `SM at LID ${event.lid}`;
     const width = 12 + 5.6 * text.length;

@@ -18,7 +18,7 @@ function readRecording(text) {
   });
   recording.hosts = [...new Set([...recording.ports.values()].map(port => port.host))];
   // A recording of an embedded fabric begins with an event "sm". A recording of a real fabric has no such event: it has only
-  // the events at the hosts' ports, and nothing that happened at the SA.
+  // events at the hosts, and nothing that happened at the SA.
   recording.isSeenAtHosts = !events.some(event => event.e === "sm");
   return recording;
 }

@@ -118,7 +118,7 @@ const isAct = event => event.e === "act" || event.e === "step";
 const isTrouble = event => isLoss(event) || event.e === "lost" || event.e === "refused" || event.e === "violation" ||
   event.e === "sent" && isTroubleStatus(event) || event.e === "log" && event.level < 4;
 
-// Selects the next event for which isOfSort() is true, or the previous one if `by` is -1.
+// Selects the next event in layout.stops for which isOfSort() is true, or the previous one if `by` is -1.
 function jump(by, isOfSort) {
   for (let next = stop + by; next >= 0 && next < layout.stops.length; next += by) {
     const event = recording.events[layout.stops[next]];
@@ -290,7 +290,8 @@ function listen() {
   addEventListener("beforeprint", () => picture.draw(true));
 }
 
-// If a run with more than 12 ports has failed, hides at first all hosts except those of acts and of the violation.
+// If a run with more than 12 ports has failed, hides at first all hosts except those of acts and of the violation. If there are
+// none of these, hides no host.
 function hideIdleHosts() {
   const violation = violationEvent();
   if (!violation || recording.ports.size <= 12) return;
