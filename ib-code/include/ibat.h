@@ -8,7 +8,7 @@
 
 enum ibat_stat_t : int32_t {
     ibat_stat_ok = 0,
-    ibat_stat_pending = -253,   // the request was sent; the answer comes through a callback
+    ibat_stat_pending = -253,   // the result comes later, through a callback
     ibat_stat_timeout = -254,   // no answer came in time
     ibat_stat_error = -255,     // the operation failed
     ibat_stat_not_found = -256, // no record was found, at the SA or in the cache
