@@ -44,15 +44,15 @@ constexpr ats::error_kind error_kind_of(int code)
     }
 }
 
-// Turns the body of a command into a callback for CLI11. The callback stores the exit code or the error in `outcome`;
-// main() reads it there. `outcome` must outlive the callback.
+// Turns the body of a command into a callback for CLI11. The callback stores the exit code or the error in `outcome`.
+// `outcome` must outlive the callback.
 inline std::function<void()> command_callback(ats::result<int>& outcome, std::function<ats::result<int>()> body)
 {
     return [&outcome, body = std::move(body)] { outcome = body(); };
 }
 
-// Quotes a text of the user for an error line: cuts it to 60 bytes, escapes control characters, and adds quotation
-// marks.
+// Quotes a text of the user for an error line: cuts it to at most 60 bytes, escapes control characters, and adds
+// quotation marks.
 inline std::string quote(const std::string& word)
 {
     constexpr size_t longest = 60;

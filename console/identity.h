@@ -35,8 +35,8 @@ ats::result<uint32_t> address_of(const std::string& text, const std::string& pla
 // loopback, multicast and broadcast.
 ats::result<uint32_t> host_address_of(const std::string& text, const std::string& place = "");
 
-// Returns the warning that two hosts of one fabric have the same address. The SA then fails every lookup of the
-// address.
+// Returns the warning that two hosts of one fabric have the same address. While both are registered, the SA fails every
+// lookup of the address.
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);
 
 } // namespace console

@@ -39,7 +39,8 @@ void start_line_writer();
 void print(const notice& notice);
 
 // Prints the line like print(), within the limit of line-limit.h. Lines beyond the limit are only counted; before the
-// next printed line, a warning with their number is printed. After start_line_writer(), does not wait. Any thread.
+// next line that print_limited() prints, it prints a warning with their number. After start_line_writer(), does not
+// wait. Any thread.
 void print_limited(const notice& notice);
 
 // Prints the line on stdout, and waits like print(). Returns false if the write has failed. If the line is still not

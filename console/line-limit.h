@@ -1,6 +1,6 @@
-// Limits the number of printed lines to 1000 in ten seconds. systemd's journal has its own limit, by default 10000
-// lines of a service in thirty seconds. Beyond its own limit, the journal drops even important lines. The lower limit
-// here prevents this loss. docs/operations.md tells users about both limits.
+// Limits the number of printed lines to 1000 in each period of ten seconds. systemd's journal has its own limit, by
+// default 10000 lines of a service in thirty seconds. Beyond its own limit, the journal drops even important lines. The
+// lower limit here prevents this loss. docs/operations.md tells users about both limits.
 #pragma once
 
 #include <cstdint>

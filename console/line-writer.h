@@ -1,6 +1,6 @@
 // Writes lines in its own thread, in order. The reader of the lines (systemd's journal, or a program behind a pipe) may
-// stop reading. Then only this thread waits for the reader. Up to most_waiting_lines lines wait in a queue. Further
-// lines are counted and omitted.
+// stop reading. Then this thread waits for the reader, but add() does not wait. Up to most_waiting_lines lines wait in
+// a queue. Further lines are counted and omitted.
 #pragma once
 
 #include <chrono>
@@ -45,7 +45,7 @@ class line_writer
     void work();
 
     const remark_t remark_;
-    std::mutex mutex_;               // guards the following members
+    std::mutex mutex_;               // guards the following members except thread_
     std::condition_variable change_; // signalled after a line is added or written, and when is_stopping_ is set
     std::deque<write_t> queue_;
     uint64_t added_line_count_ = 0;

@@ -28,8 +28,8 @@ struct record_list {
 };
 
 // Returns the records that `filter` selects. Asks the SA through the port of `sa`. A search through the addresses takes
-// some seconds. Fails (unreachable) if the SA does not answer. Fails (failed) if the SA refuses the request, or if the
-// port cannot be used.
+// some seconds. Fails (unreachable) if the SA does not answer. Fails (failed) if the SA refuses the request, if its
+// answer is too long, or if the port cannot be used.
 ats::result<record_list> list_records(umad::sa_client& sa, const record_filter& filter);
 
 } // namespace console

@@ -8,8 +8,8 @@ namespace console
 namespace
 {
 
-// Returns the edit distance of two words: the number of edits that turn one word into the other. One edit changes,
-// deletes or inserts a letter, or exchanges two adjacent letters.
+// Returns the edit distance of two words: the smallest number of edits that turn one word into the other. One edit
+// changes, deletes or inserts a letter, or exchanges two adjacent letters.
 size_t distance_between(const std::string& a, const std::string& b)
 {
     std::vector<std::vector<size_t>> distances(a.size() + 1, std::vector<size_t>(b.size() + 1));

@@ -1,4 +1,4 @@
-// The world of most fuzzers: a simulated fabric with one registered host, node1, and an HCA without a host, `stranger`.
+// A world for fuzzers: a simulated fabric with one registered host, node1, and an HCA without a host, `stranger`.
 // An exception or a hard error ends the process. libFuzzer then reports the input.
 #pragma once
 
@@ -34,7 +34,8 @@ struct one_host {
 
     kernel::machine& machine() { return host.machine(); }
 
-    // Call check() after each input. It waits until the host is idle. All datagrams must then be back in their pools.
+    // Call check() after each input. It completes all work that is due now. All datagrams must then be back in their
+    // pools.
     void check()
     {
         sim->settle();
