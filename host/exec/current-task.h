@@ -1,4 +1,4 @@
-// Sets the task that the calling thread runs. Only executors include this file.
+// Sets the task that the calling thread runs, and the machine of a task. Only files of host/exec include this file.
 #pragma once
 
 #include "host/exec/task.h"

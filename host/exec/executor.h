@@ -46,7 +46,7 @@ class executor
 
     // Starts a task that calls `step` again and again. After each call the task parks, or ends, as the returned
     // step_pause says. In all other respects this is a task like those of start(). In the simulation, such a task needs
-    // no stack while it is parked. Therefore the tasks of thousands of hosts fit into one process.
+    // no stack while it is parked between two steps. Therefore the tasks of thousands of hosts fit into one process.
     virtual task& start_steps(task_home* home, std::string name, std::function<step_pause()> step) = 0;
 
     // Waits until `task` has ended, and frees it. The caller is a task that may sleep, or a thread from outside. In the

@@ -1,5 +1,5 @@
 // Fibers: one thread runs on several stacks and switches between them. Boost.Context saves and restores the registers
-// at a switch. Boost.Context has code for each kind of processor, and makes no system call.
+// at a switch. Boost.Context has code for many kinds of processors, and makes no system call.
 #pragma once
 
 #include <cstddef>
@@ -15,9 +15,10 @@ struct transfer_t;
 namespace exec
 {
 
-// A mapped stack with a guard page below it. Pages that were never touched use no memory.
+// A mapped stack. The page below it is usually a guard page (see install_guard() in fiber.cpp). Pages that were never
+// touched use no memory.
 struct fiber_stack {
-    void* mapping = nullptr; // begins with the guard page
+    void* mapping = nullptr; // begins with the page below the stack
     size_t mapped_bytes = 0;
     void* bottom = nullptr; // the lowest address that may be used
     size_t bytes = 0;       // from `bottom` upwards
@@ -52,8 +53,9 @@ class fiber_stack_pool
     fiber_stack last_current_;
 };
 
-// If true, a task of executor::start_steps puts its stack back between two steps, and its fiber is restarted for the
-// next step. The thread sanitizer starts a fiber so slowly that the task keeps its stack and its fiber instead.
+// If true, a task of executor::start_steps puts its stack back while it is parked between two steps, and its fiber is
+// restarted for the next step. The thread sanitizer starts a fiber so slowly that the task keeps its stack and its
+// fiber instead.
 #ifdef __SANITIZE_THREAD__
 constexpr bool is_restart_cheap = false;
 #else
@@ -81,7 +83,7 @@ class fiber
     void restart(fiber_stack stack);
 
     // Leaves the calling fiber, which must be `current`, and continues with `next`. Returns when a fiber switches back.
-    // If `has_ended` is true, never returns: the calling fiber has ended, or restart() gives it another stack later.
+    // If `has_ended` is true, never returns: the calling fiber has ended, or restart() gives it a stack later.
     static void switch_between(fiber& current, fiber& next, bool has_ended = false);
 
     fiber_stack stack() const { return stack_; }

@@ -33,18 +33,18 @@ class ring_queue
         return first;
     }
 
-    // The object that was pushed last. The queue must not be empty.
+    // The last object in the queue. The queue must not be empty.
     const object_t& last() const { return at(count_ - 1); }
 
-    // The object at `index` in the order of arrival.
+    // The object at `index`, counted from the first object of the queue.
     const object_t& at(size_t index) const
     {
         assert(index < count_);
         return *ring_[slot(index)];
     }
 
-    // Removes and returns the object at `index` in the order of arrival. To fill the gap, the first object moves to the
-    // place of the removed one, so the order changes.
+    // Removes and returns the object at `index`. To fill the gap, the first object moves to the place of the removed
+    // one, so the order changes.
     object_t* take(size_t index)
     {
         assert(index < count_);

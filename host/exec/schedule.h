@@ -1,6 +1,6 @@
-// The order of tasks in a simulation. If several tasks can continue, the simulation asks a schedule to choose one.
-// There are three schedules. random_schedule draws each choice from a seed. priority_schedule gives the tasks random
-// priorities. systematic_schedule tries all orders up to a bound, one order in each run.
+// The order of tasks in a simulation. If several tasks can continue, a simulation with a schedule asks it to choose
+// one. There are three schedules. random_schedule draws each choice from a seed. priority_schedule gives the tasks
+// random priorities. systematic_schedule tries all orders up to a bound, one order in each run.
 #pragma once
 
 #include <cstddef>
@@ -109,8 +109,9 @@ class priority_schedule final : public schedule
 //     systematic_schedule orders(2);
 //     do run_scenario(orders); while (orders.next());
 //
-// The scenario must do the same each time. It is a hard error if its choices differ from those of the previous run,
-// because the schedule would then count an order that has not been tried.
+// The scenario must do the same each time. It is a hard error if a run has another number of candidates at a choice
+// than the previous run, or ends before its planned choices, because the schedule would then count an order that has
+// not been tried.
 class systematic_schedule final : public schedule
 {
   public:
@@ -141,7 +142,7 @@ class systematic_schedule final : public schedule
     const int max_deviations_;
     bool is_exploring_ = false;
     std::vector<decision> decisions_; // this run has made the first `position_` of them, and must make the rest
-    size_t position_ = 0;             // number of choices made in this run
+    size_t position_ = 0;             // number of choices made in this run while exploring
     int deviations_ = 0;              // number of deviations in this run
     uint64_t tried_orders_ = 1;
 };

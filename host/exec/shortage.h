@@ -1,6 +1,6 @@
 // Handles the limits of the process: threads, memory mappings, address space, open files. If a limit is reached, an
-// error names it. The process may survive that. A reserve of memory lets the running hosts stop in good order if it
-// cannot.
+// error names it. The process may survive that. If it cannot, a reserve of memory lets the running hosts stop in
+// good order.
 #pragma once
 
 #include <functional>
@@ -13,10 +13,10 @@
 namespace exec
 {
 
-// Thrown when a thread, a stack or the reserve cannot be created. It is an exception and not a result, because it
-// passes through calls that cannot return an error: kernel calls of modules and constructors of services. The code that
-// starts a host catches it (cli/service/running-hosts.cpp). what() is one line for people. It names the resource that
-// is used up, and says what to do.
+// Thrown when a resource of the process is used up, for example when a thread or a stack cannot be created. It is an
+// exception and not a result, because it passes through calls that cannot return an error: kernel calls of modules and
+// constructors of services. The code that starts a host catches it (cli/service/running-hosts.cpp). what() is one line
+// for people. It names the resource that is used up, and says what to do.
 struct shortage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -224,7 +224,7 @@ class simulated_executor final : public simulation
 
     // Runs the steps of the calling task. Returns after the last one. If the task must wait between two steps and
     // is_restart_cheap is true, its fiber gives its stack back and never returns from switch_away(). prepare() later
-    // restarts the fiber on another stack. Otherwise the task waits in park().
+    // restarts the fiber on a stack of the pool. Otherwise the task waits in park().
     void take_steps(fiber_task& self)
     {
         for (;;) {
@@ -244,7 +244,7 @@ class simulated_executor final : public simulation
         }
     }
 
-    // Call this before a switch to `next`. Restarts its fiber on a new stack if `next` has no stack.
+    // Call this before a switch to `next`. Restarts its fiber on a stack of the pool if `next` has no stack.
     void prepare(fiber_task& next)
     {
         if (next.has_stack) return;
@@ -332,7 +332,7 @@ class simulated_executor final : public simulation
         }
     }
 
-    // Lets the other ready tasks run before the calling task continues.
+    // Lets other ready tasks run before the calling task continues.
     void yield(fiber_task& self)
     {
         ready_spinners();
@@ -400,7 +400,7 @@ class simulated_executor final : public simulation
     }
 
     // Called by the thread from outside. Runs the simulation until the task has ended. Throws `stalled` if it cannot
-    // end.
+    // end, or if its end takes longer than patience_ticks.
     void drive_until_ended(const fiber_task& target)
     {
         const uint64_t limit = options_.patience_ticks < never - now_ ? now_ + options_.patience_ticks : never;
@@ -419,7 +419,7 @@ class simulated_executor final : public simulation
     std::unique_ptr<schedule> seeded_order_;
     const std::thread::id thread_ = std::this_thread::get_id();
     uint64_t now_;
-    fiber outside_; // the thread from outside: it drives the simulation and runs no task meanwhile
+    fiber outside_; // the thread from outside, on its own stack; it drives the simulation
     fiber_stack_pool stacks_;
     uint64_t started_tasks_ = 0;
     std::list<fiber_task*> tasks_;

@@ -1,4 +1,4 @@
-// One task: a thread of execution inside a machine.
+// One task: a thread of execution. Most tasks run inside a machine.
 #pragma once
 
 #include <atomic>
@@ -7,7 +7,7 @@
 
 struct wait_queue_t;
 
-// The part of the task that the module headers know. Wait queues and semaphores point to it.
+// The part of the task that the module headers know. Entries of wait queues point to it.
 struct kernel_task_t {
 };
 
@@ -99,8 +99,8 @@ class atomic_section
     const char* outer_;
 };
 
-// Every call that may block calls this first, with its own name. It is a hard error if the calling task may not sleep
-// now, or holds a spin lock.
+// Every call that may put a task to sleep calls this first. `call` is its name, or the reason of a park(). It is a hard
+// error if the calling task may not sleep now, or holds a spin lock.
 inline void might_sleep(const char* call)
 {
     const task& self = current_task_of(call);
