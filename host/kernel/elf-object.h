@@ -39,7 +39,7 @@ class elf_object
     // Returns the names of the libraries that the object needs.
     std::vector<std::string_view> libraries() const;
 
-    // Returns the symbol with this number. Empty if there is no such symbol.
+    // Returns the symbol with this number. Empty if the file has no bytes for it.
     std::optional<Elf64_Sym> symbol(uint64_t number) const;
     std::string_view name_of(const Elf64_Sym& symbol) const;
 

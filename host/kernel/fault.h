@@ -9,9 +9,9 @@
 namespace kernel
 {
 
-// Every kernel call that can fail calls should_fail() first. If the result is true, the kernel call fails in its usual
-// way. A plan says which kernel calls fail. Any thread may call should_fail(). Set or clear the plan only while no
-// kernel call runs.
+// Every kernel call that can fail calls should_fail() first; the comments below mean only such calls. If the result is
+// true, the kernel call fails in its usual way. A plan says which kernel calls fail. Any thread may call should_fail().
+// Set or clear the plan only while no kernel call runs.
 class fault_injector
 {
   public:

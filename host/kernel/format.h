@@ -1,6 +1,6 @@
-// Formats texts like printk of a Linux 2.6 kernel. It differs from printf(3): "%p" prints 16 hexadecimal digits without
-// a prefix. "%#x" prints the prefix for zero, too. The flag 0 pads with zeros even if there is a precision. The size
-// 'L' means that an integer is a long long.
+// Formats texts like printk of a Linux 2.6 kernel. It differs from printf(3): "%p" without a width prints 16
+// hexadecimal digits without a prefix. "%#x" prints the prefix for zero, too. The flag 0 pads with zeros even if there
+// is a precision. The size 'L' means that an integer is a long long.
 #pragma once
 
 #include <cstdarg>

@@ -52,7 +52,7 @@ int file_of_copies(const std::string& text, size_t stride)
     return -1;
 }
 
-// Reserves the addresses of an area, at a multiple of area_bytes. Returns null if no addresses are left.
+// Reserves the addresses of an area, at a multiple of area_bytes. On failure, returns null and sets errno.
 char* reserve_area()
 {
     void* mapping = mmap(nullptr, 2 * area_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

@@ -1,8 +1,8 @@
 // The datagrams in transit. They leave the queue in the order of their due ticks. Datagrams with the same due tick
 // leave in the order in which they were posted. Most datagrams are also posted in the order of their due ticks. Such
 // datagrams wait in line_, which is cheap. A datagram that overtakes others waits in a heap. The queue owns the
-// datagrams. It allocates memory only when more datagrams are in transit than ever before. It has no lock: the caller
-// guards it.
+// datagrams. It allocates memory only when one of its containers becomes larger than ever before. It has no lock: the
+// caller guards it.
 #pragma once
 
 #include <algorithm>

@@ -17,7 +17,8 @@ constexpr uint32_t qp1 = 1;
 static_assert(exec::never == UINT64_MAX, "next_due_tick() of an empty queue must mean to park without a deadline");
 
 // Returns the index of the first P_Key in `table` that matches `p_key`, or -1. Two P_Keys match if they name the same
-// partition and at least one of them belongs to a full member (IBA 10.9.3).
+// partition and at least one of them belongs to a full member (IBA 10.9.3). P_Keys of partition 0 are invalid and match
+// nothing.
 int matching_p_key(const std::vector<uint16_t>& table, uint16_t p_key)
 {
     constexpr uint16_t full_member = 0x8000;
@@ -308,7 +309,7 @@ void subnet::dispatch(datagram& datagram, uint64_t now_ticks)
     }
 }
 
-// Drops a datagram on its way to the receiver.
+// Drops a datagram before the end of its way.
 void subnet::lose(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, false);
@@ -320,7 +321,7 @@ void subnet::lose_at_cut(port_record& port, datagram& datagram)
     lose(datagram, "the port is cut off");
 }
 
-// Drops a datagram that the receiver does not accept.
+// Drops a datagram at the end of its way, for example because the receiver does not accept it.
 void subnet::ignore(datagram& datagram, const char* reason)
 {
     drop(datagram, reason, true);
@@ -358,8 +359,8 @@ uint64_t subnet::due_tick(datagram& datagram, uint64_t now_ticks)
     return now_ticks + latency + jitter + datagram.faults.is_held_back;
 }
 
-// Call it for a request that arrives now. Returns the tick at which its answer leaves. The SA serves one request after
-// another, each for faults.sa_service_ticks.
+// Call it for a request that the SA has just answered. Returns the tick at which the answer leaves. The SA serves one
+// request after another, each for faults.sa_service_ticks.
 uint64_t subnet::service_end_tick(uint64_t now_ticks)
 {
     sa_busy_until_tick_ = std::max(sa_busy_until_tick_, now_ticks) + faults.sa_service_ticks;

@@ -13,7 +13,7 @@ struct fault_switches {
     static constexpr uint32_t every = UINT32_MAX; // a count that never runs out
 
     std::atomic<uint32_t> latency_ticks{0};
-    // The maximum of an additional delay. The delay is drawn for each datagram, so datagrams overtake each other.
+    // The maximum of an additional delay. The delay is drawn for each datagram, so datagrams can overtake each other.
     std::atomic<uint32_t> jitter_ticks{0};
 
     std::atomic<uint32_t> loss_percent{0};
@@ -29,7 +29,7 @@ struct fault_switches {
     std::atomic<uint32_t> sa_service_ticks{0}; // the SA's time for one request
 
     std::atomic<bool> sa_silent{false}; // the SA ignores every request
-    std::atomic<bool> sa_busy{false};   // the SA answers every request with BUSY, without serving it
+    std::atomic<bool> sa_busy{false};   // the SA answers requests with BUSY, without serving them
 
     // Makes the SA answer the next `count` requests with this status word, without serving them.
     void answer_with(uint16_t status, uint32_t count = every)
@@ -57,7 +57,7 @@ struct subnet_counts {
     uint64_t corrupted = 0;
     uint64_t refused = 0; // sends that the fabric has not accepted
 
-    // Requests to the SA, by method.
+    // Requests that the SA has answered, by method.
     uint64_t sa_gets = 0;
     uint64_t sa_sets = 0;
     uint64_t sa_deletes = 0;

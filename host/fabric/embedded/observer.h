@@ -1,5 +1,6 @@
-// Sees all events in an embedded subnet: each datagram from its sender to its arrival or loss, each change of a port,
-// and each change of the SA's records. recording/recorder.h writes the recording of a run from these calls.
+// Sees what happens in an embedded subnet: each datagram from its sender to its arrival or loss, each change of a link,
+// each move of the SM, and each change of the SA's records. recording/recorder.h writes the recording of a run from
+// these calls.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +31,7 @@ class observer
                       uint16_t destination_lid) = 0;
     virtual void arrived(uint64_t now_ticks, const observed_datagram& datagram, const port_view* receiver) = 0;
 
-    // A datagram was dropped: with `has_reached_end` by its receiver, otherwise on the way. `reason` is a text for
+    // A datagram was dropped: with `has_reached_end` at the end of its way, otherwise earlier. `reason` is a text for
     // people.
     virtual void lost(uint64_t now_ticks, const observed_datagram& datagram, const char* reason,
                       bool has_reached_end) = 0;

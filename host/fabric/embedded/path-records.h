@@ -1,6 +1,6 @@
 // Answers SubnAdmGet of PathRecords (IBA 15.2.5.16) from the ports of the subnet. There is one path between two active
-// ports with matching P_Keys (IBA 10.9.3), and this path is reversible. Its LIDs are those of the ports, and its P_Key
-// is that of the source. All its other attributes are the same for every path of the subnet.
+// ports with matching P_Keys (IBA 10.9.3), and this path is reversible. Its GIDs and LIDs are those of the ports, and
+// its P_Key is that of the source. All its other attributes are the same for every path of the subnet.
 #pragma once
 
 #include <cstdint>

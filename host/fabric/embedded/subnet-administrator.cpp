@@ -143,7 +143,7 @@ uint16_t subnet_administrator::serve_service_record(uint8_t method, uint64_t com
 
 uint16_t subnet_administrator::set(uint64_t component_mask, ib_service_record_v2_t& record, uint64_t now_ticks)
 {
-    // ServiceID and ServiceGID are parts of the key. A record without them could not be found later.
+    // ServiceID and ServiceGID are parts of the key, and have no default.
     constexpr uint64_t required_components = component(SR_COMPONENT_SERVICE_ID) | component(SR_COMPONENT_SERVICE_GID);
     if ((component_mask & required_components) != required_components)
         return status_word(SA_STATUS_REQ_INSUFFICIENT_COMPONENTS);

@@ -75,7 +75,7 @@ class subnet
         return add_hca(host, hca_description{.name = name, .ports = ports});
     }
 
-    // Returns the HCA with that name. The error lists the existing names.
+    // Returns the HCA with that name. The error lists existing names.
     ats::result<fabric::hca*> find(const std::string& host, const std::string& hca) const;
 
     // link_up() activates the link of a port: the port learns its own LID and the SM's LID. link_down() takes the link
@@ -197,7 +197,7 @@ class subnet
     exec::executor& exec_;
     const subnet_options options_;
 
-    mutable std::mutex mutex_; // guards the following members
+    mutable std::mutex mutex_; // guards the following members down to is_stopping_
     std::vector<std::unique_ptr<subnet_hca>> hcas_;
     std::map<std::string, std::vector<subnet_hca*>> hosts_;
     std::vector<port_record*> port_by_lid_;

@@ -25,8 +25,7 @@ class device
     // bytes of the request. `gone`: the device cannot be used any more and must be closed.
     enum class arrival { nothing, datagram, returned, gone };
 
-    // A datagram with libibumad's header in front. libibumad sends from this buffer and receives into it, so no copy is
-    // necessary.
+    // A datagram with libibumad's header in front. libibumad sends from this buffer and receives into it.
     class packet
     {
       public:
@@ -49,14 +48,14 @@ class device
     device& operator=(const device&) = delete;
 
     // Opens the port and registers both clients. Succeeds without the `self` client if the port does not accept it (see
-    // has_self_client). The error says what to do. Do not call open() or close() while another thread receives.
+    // has_self_client). The error is one line for people. Do not call open() or close() while another thread receives.
     ats::result<> open();
     void close();
     bool is_open() const { return descriptor_ >= 0; }
     bool has_self_client() const { return self_agent_ >= 0; }
 
-    // Sends the packet to the address that the caller has written into it. Returns false if the device is closed or
-    // libibumad does not accept the packet. Any thread.
+    // Sends the packet to the address that the caller has written into it. Returns false if the device is closed, if it
+    // has no client `sender`, or if libibumad does not accept the packet. Any thread.
     bool send(client sender, packet& packet);
 
     // Waits until a datagram is ready or wake() is called, at most for `limit_ms`. May return early. Any thread.
@@ -87,7 +86,8 @@ class device
 // The file through which libibumad reaches a port, or "" if the port has no such file.
 std::string device_file(const std::string& hca, int port);
 
-// One line for people about a port that libibumad cannot open: the cause and what to do. `error_number` is the errno.
+// One line for people about a port that libibumad cannot open: the cause, and often what to do. `error_number` is the
+// errno.
 std::string open_error_text(const std::string& hca, int port, int error_number);
 
 } // namespace umad

@@ -26,8 +26,8 @@ typename table_t::value_type first_of(const table_t& table)
 
 // If the first GID or the first P_Key of an active port changes, the host's record at the SA is wrong. If the LID
 // changes, perhaps a new SM has set up the port, and its SA does not know the record. In both cases the host must
-// register again. For changes of other attributes of an active port, an sm_change is enough: the host then only reads
-// the port again.
+// register again. For changes of some other attributes of an active port, an sm_change is enough: the host then only
+// reads the port again.
 std::vector<fabric::port_change> changes_between(const fabric::port_attributes& previous,
                                                  const fabric::port_attributes& current)
 {

@@ -3,9 +3,9 @@
 // even while its link is down. Under ibsim, only these answers show changes, because there the system's files do not
 // change.
 //
-// A look is a series of questions that reads the attributes once. A whole look asks for NodeInfo, PortInfo, GUIDInfo
-// and all blocks of the P_Key table. A brief look asks only for PortInfo. If PortInfo has changed, the look becomes a
-// whole one.
+// A look is a series of questions that reads the attributes once. A whole look asks for NodeInfo, PortInfo, the first
+// block of GUIDInfo, and all blocks of the P_Key table. A brief look asks only for PortInfo. If PortInfo has changed,
+// the look becomes a whole one.
 #pragma once
 
 #include <array>

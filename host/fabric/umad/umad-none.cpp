@@ -1,5 +1,5 @@
-// Replaces the other files of this folder in a build without libibumad. The calls fail with an error that says what
-// is missing.
+// Replaces the other files of this folder in a build without libibumad. Calls that can fail do so with an error that
+// says what is missing.
 #include "host/fabric/umad/sa-client.h"
 #include "host/fabric/umad/umad.h"
 

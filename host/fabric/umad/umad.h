@@ -73,8 +73,8 @@ class real_fabric
 };
 
 // Opens the ports of the selected HCAs. `exec` must run in real time, and must outlive the fabric. Waits at most a
-// second for each port until it reports its state. The error says what to do. Throws a shortage if a task cannot be
-// created.
+// second for each port until it reports its state. The error is one line for people. Throws a shortage if a task cannot
+// be created.
 ats::result<std::unique_ptr<real_fabric>> open(exec::executor& exec, const fabric_options& options);
 
 // A port of this machine, even if it cannot be opened.
@@ -106,7 +106,7 @@ bool is_infiniband(const port_listing& port);
 // The HCAs of this machine with at least one InfiniBand port. If there is none, fails with a text that says what to do.
 ats::result<std::vector<hca_listing>> list_hcas();
 
-// Opens the port and closes it again. The error says what to do.
+// Opens the port and closes it again. The error is one line for people.
 ats::result<> try_port(const std::string& hca, int port);
 
 // Returns false in a build without libibumad. Then is_infiniband() returns false, and the other functions fail with an
