@@ -51,7 +51,8 @@ std::vector<std::string> with_options_for_words(std::vector<std::string> words)
 }
 
 // Parses the words. CLI11 then runs the command, which stores its result in `outcome`. Returns `outcome`, the error in
-// the command line, or the error of an exception that the command has thrown.
+// the command line, or the error of an exception that the command has thrown. For --help and --version, prints the text
+// and returns its exit code.
 ats::result<int> parse_and_run(CLI::App& program, std::vector<std::string> words, const ats::result<int>& outcome)
 {
     using ats::error_kind;

@@ -171,7 +171,8 @@ void report_acm(const ats::error& error)
     warnings_about("librdmacm")("programs that use librdmacm are not answered: " + error.text);
 }
 
-// Prints a warning if the file of ibacm's TCP port exists. librdmacm then connects to that port, not to our socket.
+// Prints a warning if the file for ibacm's TCP port names a port. librdmacm then connects to that port, not to our
+// socket.
 void warn_of_port_file()
 {
     constexpr const char* path = "/run/ibacm.port";
@@ -223,7 +224,7 @@ void notify_reloading()
     notify_service_manager(("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(now_us)).c_str());
 }
 
-// Reads the configuration again. If it has an error, nothing changes.
+// Reads the configuration again, and applies it. If it has an error, nothing changes.
 void try_reload(const run_options& options, world_config& current, running_hosts& hosts, const reload_calls& calls)
 {
     const ats::result<world_config> file = config_of(options);

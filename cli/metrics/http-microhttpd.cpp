@@ -23,7 +23,7 @@ MHD_Result answer(MHD_Connection* connection, unsigned status, const char* conte
     MHD_Response* response = MHD_create_response_from_buffer(text.size(), text.data(), MHD_RESPMEM_MUST_COPY);
     if (!response) return MHD_NO;
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, content_type);
-    // Each connection ends after one answer, so idle clients do not use up most_connections.
+    // Each connection ends after one answer, so clients hold no connection between two requests.
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     const MHD_Result queued = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
@@ -67,7 +67,7 @@ ats::result<> http::open(const std::string& address, std::function<std::string()
     auto server = std::make_unique<state>();
     server->text = std::move(text);
     errno = 0;
-    // The library's default is select(), which cannot watch more than 1024 descriptors of this process.
+    // The library's default is select(), which cannot watch descriptors from number 1024 on.
     server->daemon =
         MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO, ntohs(place->sin_port), nullptr, nullptr,
                          answer_request, &server->text, MHD_OPTION_SOCK_ADDR, &*place, MHD_OPTION_CONNECTION_LIMIT,

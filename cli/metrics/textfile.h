@@ -22,8 +22,8 @@ class textfile
     textfile(const textfile&) = delete;
     textfile& operator=(const textfile&) = delete;
 
-    // Replaces the file. The first call takes the lock. On failure, the previous file stays, and the error says what
-    // has failed.
+    // Replaces the file. Takes the lock first, unless this object already has it. On failure, the previous file stays,
+    // and the error says what has failed.
     ats::result<> write(const std::string& text);
 
   private:

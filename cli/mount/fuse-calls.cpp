@@ -1,5 +1,5 @@
-// Implements the calls of libfuse's low-level interface. The high-level interface does not report interrupted requests,
-// so it cannot be used.
+// Implements the calls of libfuse's low-level interface. The high-level interface calls no function when a request is
+// interrupted, so it cannot be used.
 
 #include "cli/mount/fuse-calls.h"
 

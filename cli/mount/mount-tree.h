@@ -22,8 +22,8 @@ struct mount_entry {
     uint64_t size = 0;
 };
 
-// The size of a log file. The log drops its oldest lines. While a reader has the file open, the size includes the lines
-// that were dropped meanwhile, so the size only grows. Any thread.
+// The size of a log file. When a reader opens the file and no other reader has it open, the size becomes that of the
+// stored lines. From then on it only grows, although the log drops its oldest lines. Any thread.
 class log_size
 {
   public:
@@ -39,7 +39,7 @@ class log_size
   private:
     kernel::log& log_;
     int follower_;
-    std::atomic<uint64_t> written_bytes_{0}; // of all lines since the machine started
+    std::atomic<uint64_t> written_bytes_{0}; // of the lines at the time of the construction, and of all later lines
     std::atomic<uint64_t> dropped_bytes_{0}; // of the lines that were already dropped when readers_ became 1
     std::mutex mutex_;                       // guards the changes of readers_ and dropped_bytes_
     int readers_ = 0;

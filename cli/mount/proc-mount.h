@@ -18,7 +18,8 @@ class proc_mount
 {
   public:
     // Mounts on the folder `directory`. The machines must outlive the mount, because FUSE's threads call into them.
-    // Fails (invalid) if the folder is unsuitable, or in a build without libfuse. The error says what to do.
+    // Fails (invalid) if FUSE cannot mount on the folder, or in a build without libfuse; this error says what to do.
+    // Fails (no_memory) if the thread that serves the files cannot be created.
     static ats::result<std::unique_ptr<proc_mount>> open(const std::string& directory,
                                                          const std::vector<kernel::machine*>& machines);
 
