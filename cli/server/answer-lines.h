@@ -21,8 +21,8 @@ nlohmann::json refusal(const ats::error& error);
 // Returns an error of the kind "invalid": the client has sent a wrong request.
 ats::error malformed(const std::string& text);
 
-// Call it in a catch block. Returns the error for the caught exception: a member of the request is missing or has a
-// wrong type, or the service has a shortage of memory, threads or descriptors.
+// Call it in a catch block. Returns the error for the caught exception. For example, a member of the request is missing
+// or has a wrong type, or the service has a shortage of memory, threads or descriptors.
 ats::error caught_error();
 
 } // namespace cli

@@ -1,5 +1,5 @@
 // The thread that serves all clients. It runs libuv's loop. Other threads give it work with post(). A round is one
-// iteration of the loop: it handles all input that has arrived.
+// iteration of the loop: it handles input that has arrived.
 #pragma once
 
 #include <functional>
@@ -15,7 +15,7 @@ namespace cli
 class event_loop
 {
   public:
-    // Throws exec::shortage if no descriptors are left.
+    // Throws exec::shortage if too few descriptors are left.
     event_loop();
 
     // All handles of the loop must be closed.
@@ -33,7 +33,7 @@ class event_loop
     // calls. Any thread.
     void post(std::function<void()> work);
 
-    // Makes the loop call `work` at the end of every round, when the loop has handled all input. Call
+    // Makes the loop call `work` at the end of every round, when the loop has handled the input. Call
     // set_end_of_round() before start().
     void set_end_of_round(std::function<void()> work) { end_of_round_ = std::move(work); }
 

@@ -1,6 +1,6 @@
-// A queue in which the users take turns, and the connections of each user take turns, too. The first entry of a user
-// waits for at most one entry of each other user. Therefore no user can block others with many entries. The caller
-// protects the queue with a lock.
+// A queue in which the users take turns, and the connections of each user take turns, too. If no user is skipped, the
+// first entry of a user waits for at most one entry of each other user. Therefore no user can block others with many
+// entries. The caller protects the queue with a lock.
 #pragma once
 
 #include <algorithm>

@@ -27,7 +27,7 @@ class log_followers
     {
     }
 
-    // Answers a "log" request: sends the lines of `log` up to the trace level `level`. If `is_followed`, also sends all
+    // Answers a "log" request: sends the lines of `log` up to the trace level `level`. If `is_followed`, goes on with
     // later lines. A connection reads at most one log: call end() for the earlier one first.
     void begin(conversation& source, const return_ticket& ticket, kernel::log& log, int level, bool is_followed);
 

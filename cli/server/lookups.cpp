@@ -38,7 +38,7 @@ void lookups::stop()
     if (thread_.joinable()) thread_.join();
 }
 
-// Calls `done` and returns true if the caches have the answer.
+// Calls `done` and returns true if the caches have the answer and the question does not ask for a fresh one.
 bool lookups::answer_from_cache(const subject& subject, const completion& done)
 {
     const auto hand_on = [&](const auto& found) {

@@ -1,7 +1,7 @@
 // The questions of clients to one host: for a GID, an address or a path. If the host's caches have the answer, the
-// client gets the answer at once. Otherwise the question waits in a fair queue until the host asks the SA. At most
-// sixteen questions are at the SA at a time, because the module has sixteen datagrams for each HCA. The client socket
-// and the door for librdmacm programs (cli/acm/door.h) both use this class.
+// client gets it at once, unless it asks for a fresh one. Otherwise the question waits in a fair queue until the host
+// asks the SA. At most sixteen questions are at the SA at a time, because the module has sixteen datagrams for each
+// HCA. The client socket and the door for librdmacm programs (cli/acm/door.h) both use this class.
 //
 // A question leaves the queue when its turn comes, or when its connection closes. The service does not know for how
 // long a client waits. Therefore it also asks questions whose clients have stopped waiting.
@@ -60,9 +60,9 @@ class lookups
     // the host is not asked any more.
     void stop();
 
-    // Asks a question and calls `done` with the answer: during this call if the cache has the answer, otherwise later
-    // in another thread. `place` is the user and the connection that ask. Only one thread may call ask() and remove().
-    // Throws exec::shortage, without a call of `done`, if no thread can be created.
+    // Asks a question and calls `done` with the answer: during this call if the answer comes from a cache, otherwise
+    // later in another thread. `place` is the user and the connection that ask. Only one thread may call ask() and
+    // remove(). Throws exec::shortage, without a call of `done`, if no thread can be created.
     void ask(const queue_place& place, const subject& subject, completion done);
 
     // Removes the questions of a connection from the queue, without a call of their `done`.
@@ -91,7 +91,7 @@ class lookups
 
     kernel::machine& machine_;
     lookup_statistics& statistics_;
-    std::mutex mutex_; // guards the following members
+    std::mutex mutex_; // guards the following members, except thread_
     std::condition_variable change_;
     fair_queue<entry> queue_;
     // The questions at the SA, each with the `done` functions of all clients that have asked it.

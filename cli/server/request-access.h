@@ -10,7 +10,7 @@ namespace cli
 {
 
 // `peer` is the client's user, and `name` the name of the request. Returns nothing if the client may send the request,
-// otherwise the error for the client. Throws a json::exception if a member of the request has the wrong type.
+// otherwise the error for the client.
 std::optional<ats::error> refusal_of(const access_rules& access, const peer& peer, const nlohmann::json& request,
                                      const std::string& name);
 

@@ -30,8 +30,8 @@ struct request {
 // the caller uses this id for the answer with the error.
 ats::result<request> request_of(std::string_view line, const queue_place& place, std::optional<uint64_t>& id);
 
-// Returns an error if members of the request contradict each other or are out of range, otherwise nothing. Throws a
-// json::exception if a member has the wrong type.
+// Returns an error if members of the request contradict each other, do not fit the request or are out of range,
+// otherwise nothing. Throws a json::exception if a member has the wrong type.
 std::optional<ats::error> wrong_members(const request& request);
 
 } // namespace cli

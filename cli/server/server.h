@@ -35,8 +35,9 @@ class server final : public conversation::owner
     static ats::result<std::unique_ptr<server>> start(running_hosts& hosts, std::unique_ptr<listening_socket> socket,
                                                       const server_options& options);
 
-    // Accepts no more clients and requests. Waits for the requests that are being executed, sends their answers, and
-    // ends all conversations. Requests that are still in a queue get no answer.
+    // Accepts no more clients and requests. Waits for the requests that are being executed, sends as much of their
+    // answers as the sockets take at once, and ends all conversations. Requests that are still in a queue get no
+    // answer.
     ~server() override;
 
     // Sets new access rules and limits for all further requests. If a client is reading a log that it may not read

@@ -90,7 +90,8 @@ void watchdog::run(std::chrono::microseconds period)
     while (!stop_.wait_for(lock, period / 4, [&] { return is_stopping_; })) check();
 }
 
-// Sends a notice and asks again if all parts have shown a sign of life. Otherwise waits for the next check.
+// If all parts have shown a sign of life, sends a notice and asks again. Otherwise sends no notice; the first such
+// check reports the parts that have shown none.
 void watchdog::check()
 {
     const std::vector<std::string> missing = signs_.missing();

@@ -24,8 +24,8 @@
 namespace cli
 {
 
-// Asks all parts of the service for a sign of life, and finds the parts that show none. Only one thread may use an
-// object. The arguments of the constructor must outlive the object.
+// Finds the parts of the service that hang. Most of them are asked for a sign of life first; see missing() for the
+// others. Only one thread may use an object. The arguments of the constructor must outlive the object.
 class life_signs
 {
   public:
@@ -35,7 +35,7 @@ class life_signs
 
     life_signs(event_loop& loop, workers& workers, host_lookups& lookups, const running_hosts& hosts);
 
-    // Asks all parts for a sign of life. Does not wait.
+    // Asks the event loop and the tasks of the fabric and the hosts for a sign of life. Does not wait.
     void ask();
 
     // Returns the names of the parts that have shown no sign of life since ask(), for example "the event loop" or

@@ -1,6 +1,6 @@
 // A few threads that execute slow requests, for example orders, the status and verifications. The users take turns. The
-// jobs of one user use at most half of the threads, or the only thread if there is one. If all of these threads wait
-// for an SA that does not answer, the jobs of other users still run.
+// jobs of one user use at most half of the threads, or the only thread if there is one. So if one user's jobs wait for
+// an SA that does not answer, other users still have threads, except if there is only one.
 #pragma once
 
 #include <chrono>
