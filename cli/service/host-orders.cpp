@@ -22,8 +22,8 @@ tl::unexpected<ats::error> not_loaded(const kernel::machine& machine)
 }
 
 // Calls `function`, a function of ats that changes the name or the address of the host. The module ats stays loaded
-// during the call. Returns false if ats has stored the new value, but has not sent the new record on every HCA. Fails
-// if ats is not loaded.
+// during the call. Returns false if ats could not send the new record on an HCA. It then has stored the new value for
+// this HCA and the earlier ones, and has skipped the later ones. Fails if ats is not loaded.
 template <class argument_t>
 ats::result<bool> set_identity(kernel::machine& machine, const char* function, argument_t argument)
 {

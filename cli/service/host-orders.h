@@ -19,7 +19,8 @@ ats::result<std::string> write_control(world::host& host, const std::string& com
 // Sets the trace level of ats: from 0 (traces nothing) to 5 (traces everything).
 void set_trace_level(world::host& host, int level);
 
-// Delays each later link-up, and the registration after it, by a random part of `seconds`; see stack::link_up_spread.
+// Delays each later link-up and request to register again, and the registration that follows, by a random time of up to
+// `seconds`; see stack::link_up_spread.
 void set_spread(world::host& host, int seconds);
 
 // Sets how often the host checks its record at the SA. Each HCA uses the new period from its next check on; if checks
@@ -32,7 +33,7 @@ enum class completion { sent, confirmed };
 // Changes the registered name or address. `name` must pass console::is_host_name(). `ip` is in network order and must
 // be a result of console::host_address_of(). Waits for `completion`, at most about three seconds. Fails if the host has
 // stored the new value but the record was not sent, or not confirmed. The next link-up then registers the new record.
-// The next check does so only if the SA has no record or the old address: a check does not compare names.
+// The next check does so only if the SA does not answer it with the new address: a check does not compare names.
 ats::result<> set_name(world::host& host, const std::string& name, completion completion);
 ats::result<> set_address(world::host& host, uint32_t ip, completion completion);
 

@@ -90,8 +90,8 @@ class host_records
             .map([](const sa_answer& a) { return a.status == 0; });
     }
 
-    // Deletes every record of the GID. Returns a line for the administrator, which also says if a record may remain. If
-    // the SA has no record, the line is "".
+    // Deletes the host records of the GID. Returns a line for the administrator, which also says if a record may
+    // remain. If the SA has no record, the line is "".
     ats::result<std::string> remove_all(const fabric::gid_bytes& gid, const std::set<uint16_t>& p_keys);
 
   private:

@@ -39,7 +39,7 @@ class log_copy
     void work();
 
     const send_t send_;
-    std::mutex mutex_;               // guards the following members
+    std::mutex mutex_;               // guards the following members, except thread_
     std::condition_variable change_; // notified when waiting_lines_ gets a line, or when is_stopping_ is set
     console::line_limit limit_{": 'ats log' has them"};
     std::deque<console::notice> waiting_lines_;

@@ -14,8 +14,8 @@ namespace cli
 
 // Functions of the service that reload() calls.
 struct reload_calls {
-    // Makes all sockets of the service use these rules and limits from now on. If it fails, the rules and limits are in
-    // use, but the permissions of a socket's file could not be changed.
+    // Makes the service use these rules and limits from now on. If it fails, the rules and limits are in use, but the
+    // permissions of a socket's file could not be changed.
     std::function<ats::result<>(const access_rules&, const service_limits&)> set_rules;
     // Returns false after a signal that ends the service. reload() then makes no more changes to hosts.
     std::function<bool()> may_go_on;

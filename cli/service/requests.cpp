@@ -70,7 +70,7 @@ ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
 std::string warning_of_another_owner(running_hosts& hosts, world::host& host, const std::string& address)
 {
     const ats::result<embedded::subnet*> subnet = hosts.subnet();
-    if (!subnet) return ""; // this service does not read the records of a real SA
+    if (!subnet) return ""; // an order does not ask a real SA for other records
     std::set<std::string> own_gids;
     for (fabric::hca* hca : host.machine().hcas())
         for (int port = 1; port <= hca->port_count(); ++port)

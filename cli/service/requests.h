@@ -25,8 +25,8 @@ ats::result<json> answer_request(running_hosts& hosts, const json& request);
 ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
 // {"host", "address"}: the GID of the address, the source of the answer, and the result of the verification at the SA.
-// A request with "name" is answered by answer_resolve_name(). cli/server answers lookups without "verify" and does not
-// call this function for them.
+// A request with "name" is answered by answer_resolve_name(). cli/server itself answers requests that have neither
+// "verify" nor "name".
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
 // {"name"}: "matches", the records with that host name at the SA of the embedded fabric. On a real fabric, the client
@@ -49,7 +49,7 @@ ats::result<json> answer_link(running_hosts& hosts, const json& request);
 ats::result<json> answer_sa(running_hosts& hosts, const json& request);
 
 // Returns the host that "host" of the request names, or the first host if "host" is missing. Never null. Fails
-// (invalid) if no host has the name.
+// (invalid) if no host has the name, or several are registered with it.
 ats::result<world::host*> find_host(running_hosts& hosts, const json& request);
 
 // Returns the integer `key` of a request, or `missing_value` if the request does not have it. Fails (invalid) if it is

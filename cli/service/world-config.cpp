@@ -28,8 +28,8 @@ constexpr int max_hcas = 32;
 
 using ats::error_kind;
 
-// Returns the parameters of a module as text for insmod: " NAME=VALUE" for each. Does not check their names and types,
-// because insmod does so.
+// Returns the parameters of a module as text for insmod: " NAME=VALUE" for each. Does not check if the module has such
+// parameters, and with these types, because insmod does so.
 std::string read_parameters(table_reader& reader, const std::string& module)
 {
     std::string parameters;
@@ -73,7 +73,7 @@ ats::result<world::hca_plan> read_hca(const toml::table& table, const std::strin
 }
 
 // Returns the HCAs of a host. If the host's table lists none, a host on an embedded fabric gets `default_hcas`. A host
-// on a real fabric gets an empty list, which means all HCAs of this machine.
+// on a real fabric then gets an empty list, which means all HCAs of this machine.
 std::vector<world::hca_plan> read_hcas(table_reader& reader, const std::string& file, bool is_real,
                                        std::vector<world::hca_plan> default_hcas)
 {

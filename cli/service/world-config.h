@@ -48,8 +48,8 @@ struct metrics_config {
     bool operator==(const metrics_config&) const = default;
 };
 
-// The maximum of spread_seconds. The spread delays the start of the service (start-delay.h), and systemd ends a service
-// that has not started after 90 seconds.
+// The maximum of spread_seconds. The spread delays the start of the service (start-delay.h), and by default systemd
+// ends a service that has not started after 90 seconds.
 constexpr int longest_spread_seconds = 60;
 
 // How often a host asks the SA for its own record. The time between two checks is the period plus a random time, which
@@ -101,9 +101,9 @@ ats::result<world_config> real_host(const std::string& name, const std::string& 
 umad::delete_p_key delete_p_key_of(const std::string& word);
 
 // Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
-// Fails (invalid) for unknown keys, wrong types, names used twice, addresses that a host cannot have, and numbers out
-// of range. Also fails for a file without a host, with more than 1000 hosts, or that cannot be read. An error is a line
-// "FILE:LINE: what is wrong, and what is valid"; it has no LINE if the file cannot be read.
+// Fails (invalid) for unknown keys and wrong values, for example names used twice, addresses that a host cannot have,
+// and numbers out of range. Also fails for a file without a host, with more than 1000 hosts, or that cannot be read. An
+// error is a line "FILE:LINE: what is wrong, and what is valid"; it has no LINE if the file cannot be read.
 ats::result<world_config> read_world_config(const std::string& path);
 
 } // namespace cli
