@@ -84,7 +84,7 @@ ats_status_t no_arguments()
 }
 
 // Returns the reason why a request cannot be sent, or null if it can be sent. A line that is too long must not be sent:
-// the service would close the connection, and the client's other questions would end, too.
+// the service would close the connection, which the client's other questions use, too.
 const char* fault_of(const std::string& body)
 {
     constexpr size_t longest_body = 65000; // a service accepts lines of 65536 bytes by default

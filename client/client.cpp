@@ -343,7 +343,7 @@ ats_status_t client::begin_request(const std::string& body, clock::time_point de
 
 ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
 {
-    constexpr auto longest_wait = std::chrono::hours(1); // a wait until time_point::max() would overflow
+    constexpr auto longest_wait = std::chrono::hours(1); // a wait until time_point::max() may overflow
     {
         lock guard(mutex_);
         const auto is_our_turn = [&] { return !is_in_request_; };

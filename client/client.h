@@ -73,7 +73,7 @@ class client
 
     const std::string path_;
     std::mutex mutex_;
-    std::condition_variable progress_; // signalled when a thread has processed input, or has left request()
+    std::condition_variable progress_; // signalled when a thread leaves receive(), or ends its turn in request()
     bool is_receiving_ = false;
     connection connection_;
     bool is_greeted_ = false; // true if the service has answered the hello of this connection
@@ -83,7 +83,7 @@ class client
     std::deque<ats_answer_t> completions_;              // answers to submitted questions, for collect() and wait()
     size_t submissions_ = 0;                            // number of submitted questions without an answer
 
-    bool is_in_request_ = false;            // true while a thread is in request()
+    bool is_in_request_ = false;            // true while a thread has its turn in request()
     uint64_t request_id_ = 0;               // id of the last request; 0: there was no request
     std::deque<std::string> request_lines_; // lines of its answer that the program has not got yet
     ats_answer_t request_end_{};            // the error that has ended the request; ATS_OK: no error

@@ -1,6 +1,6 @@
-// The descriptor that ats_descriptor() returns to programs for poll(). It is readable when the connection has input,
-// when there are answers to collect, or when the deadline of a question has passed. It is an epoll instance, which
-// contains the socket, a timer and an event descriptor. The client's mutex guards this object.
+// The descriptor that ats_descriptor() returns to programs for poll(). It is readable when the connection has input or
+// can take waiting output, when there are answers to collect, or when the deadline of a question has passed. It is an
+// epoll instance, which contains the socket, a timer and an event descriptor. The client's mutex guards this object.
 #pragma once
 
 #include "client/connection.h"

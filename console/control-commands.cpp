@@ -66,8 +66,8 @@ ats::result<control_command> command_named(const std::string& name)
                                                    " ('ats control --list' shows them)");
 }
 
-// Checks an argument that the module would accept although it is wrong, for example the address 256.1.1.1. Returns the
-// argument as the module reads it: a GID gets all its hexadecimal digits.
+// Checks a GID, an address or a name, because the module would accept some wrong ones, for example the address
+// 256.1.1.1. Returns the argument as the module reads it: a GID gets all its hexadecimal digits.
 ats::result<std::string> argument_for_module(const control_command& command, const std::string& word)
 {
     const std::string_view kind = command.arguments;

@@ -16,7 +16,7 @@ std::string list_control_commands();
 
 // Joins `words`, the arguments of `ats control`, to one line for the control file. The line begins with the command.
 // Each argument may contain several words. Fails (invalid) if the command is missing or unknown, the number of its
-// arguments is wrong, a GID is wrong, or a word is too long.
+// arguments is wrong, a GID, an address or a name is wrong, or a word is too long.
 ats::result<std::string> control_line(const std::vector<std::string>& words);
 
 // Returns a warning about the effect of `line`, which is a result of control_line(). Returns "" if no warning is

@@ -45,7 +45,7 @@ typedef struct ats_client ats_client_t;
 
 /* The result of a call or a question. */
 typedef enum ats_status {
-    ATS_OK = 0,            /* found */
+    ATS_OK = 0,            /* found, or the call has succeeded */
     ATS_NOT_FOUND = 1,     /* the SA has no such record; with ATS_CACHED_ONLY, the cache has no answer */
     ATS_NO_ANSWER = 2,     /* the SA or the service did not answer in time */
     ATS_REFUSED = 3,       /* the service or the SA refused the question; `reason` says why */

@@ -23,7 +23,7 @@ class Answer(ctypes.Structure):
 
 
 def load() -> ctypes.CDLL:
-    """Loads $ATS_CLIENT_LIBRARY if it is set, otherwise the installed library; then declares the types of its calls."""
+    """Loads $ATS_CLIENT_LIBRARY if it is set, otherwise the installed library; declares the types of the calls used here."""
     name = os.environ.get("ATS_CLIENT_LIBRARY", "libatsclient.so.1")
     try:
         library = ctypes.CDLL(name, use_errno=False)
