@@ -9,13 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "bench/umad/real-host.h"
 #include "bench/umad/stopwatch.h"
-#include "console/host-plans.h"
-#include "host/fabric/umad/umad.h"
 #include "host/peers/ibat-exports.h"
 #include "host/peers/ibat-path-exports.h"
-#include "host/world/host.h"
-#include "host/world/module-folder.h"
 #include "host/world/published.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
@@ -114,18 +111,15 @@ int main(int count, char** arguments)
     const uint64_t lookup_count = std::strtoull(arguments[2], nullptr, 10);
     if (addresses.empty() || lookup_count < addresses.size()) fail("expected more lookups than addresses");
 
-    const auto exec = exec::make_threaded_executor();
-    const auto fabric = umad::open(*exec, {});
-    if (!fabric) fail(fabric.error().text);
-    const world::host_plan plan = console::usual_host("bench", arguments[1]);
-    world::host host(*exec, (*fabric)->hcas(), plan, world::default_module_folder(), 0);
-    if (const auto load = host.load(); !load) fail(load.error().text);
-    if (const auto ready = wait_ready(host.machine(), addresses.front()); !ready) fail(ready.error().text);
+    const auto started = start_real_host(arguments[1]);
+    if (!started) fail(started.error().text);
+    kernel::machine& host = started->host->machine();
+    if (const auto ready = wait_ready(host, addresses.front()); !ready) fail(ready.error().text);
 
     const stopwatch watch;
     uint64_t failure_count = 0;
-    host.machine().enter("bench", [&] {
-        repeated_lookups lookups(host.machine(), addresses, lookup_count, asks_for_paths);
+    host.enter("bench", [&] {
+        repeated_lookups lookups(host, addresses, lookup_count, asks_for_paths);
         lookups.run();
         failure_count = lookups.failure_count();
     });

@@ -129,9 +129,14 @@ int main(int count, char** arguments)
     std::vector<pid_t> children;
     for (const int end : client_ends) {
         const pid_t child = fork();
-        if (child == 0) _exit(ask(end, process_lookups));
+        if (child == 0) {
+            for (const int other : client_ends)
+                if (other != end) close(other); // the service must notice that another client has ended
+            _exit(ask(end, process_lookups));
+        }
         children.push_back(child);
     }
+    for (const int end : client_ends) close(end);
     service bare_service(clients, arguments + 2);
     const auto begin = std::chrono::steady_clock::now();
     std::thread questions([&] { bare_service.pass_questions(process_lookups * processes); });

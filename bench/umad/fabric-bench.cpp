@@ -281,7 +281,7 @@ class bench
         if (own_record_count() != 0) fail("the record cannot be removed");
         const auto begin = clock::now();
         net_.plug(host.name());
-        if (!wait_until([&] { return own_record_count() == 1; }, 60s)) fail("no record after link-up");
+        if (!wait_until([&] { return own_record_count() == 1; }, 120s)) fail("no record after link-up");
         return milliseconds_since(begin);
     }
 

@@ -11,11 +11,8 @@
 #include <sys/eventfd.h>
 #include <thread>
 
-#include "console/host-plans.h"
-#include "host/fabric/umad/umad.h"
+#include "bench/umad/real-host.h"
 #include "host/stack/gsi-service.h"
-#include "host/world/host.h"
-#include "host/world/module-folder.h"
 #include "host/world/resolution.h"
 #include "host/world/text.h"
 
@@ -131,17 +128,14 @@ int main(int count, char** arguments)
     const auto address = count == 3 ? world::parse_ipv4(arguments[1]) : std::nullopt;
     const int rounds = count == 3 ? std::atoi(arguments[2]) : 0;
     if (!address || rounds < 1) fail("expected OWN_ADDRESS COUNT");
-    const auto exec = exec::make_threaded_executor();
-    const auto fabric = umad::open(*exec, {});
-    if (!fabric) fail(fabric.error().text);
-    const world::host_plan plan = console::usual_host("bench", arguments[1]);
-    world::host host(*exec, (*fabric)->hcas(), plan, world::default_module_folder(), 0);
-    if (const auto load = host.load(); !load) fail(load.error().text);
-    wait_confirmed(host.machine(), 0);
+    const auto started = start_real_host(arguments[1]);
+    if (!started) fail(started.error().text);
+    kernel::machine& host = started->host->machine();
+    wait_confirmed(host, 0);
     std::vector<double> registrations, round_trips;
     // Do not alternate the two measurements. The answer to a lookup also confirms the record. If this confirmation is
     // counted a little late, it looks like the end of the next registration.
-    for (int i = 0; i < rounds; ++i) registrations.push_back(time_registration(host.machine()));
-    for (int i = 0; i < rounds; ++i) round_trips.push_back(time_round_trip(host.machine(), *address));
+    for (int i = 0; i < rounds; ++i) registrations.push_back(time_registration(host));
+    for (int i = 0; i < rounds; ++i) round_trips.push_back(time_round_trip(host, *address));
     std::printf("%.3f ms to register, %.3f ms a round trip\n", median(registrations), median(round_trips));
 }
