@@ -79,10 +79,12 @@ size_t first_number_in(const char* path)
     return number;
 }
 
-bool descriptors_are_used_up()
+// Tries to open a file. Returns 0, or the error number if a limit forbids it: EMFILE for the limit of this process,
+// ENFILE for that of the machine.
+int descriptor_shortage()
 {
-    if (read_file("/dev/null", [](const char*, const char*) {})) return false;
-    return errno == EMFILE || errno == ENFILE;
+    if (read_file("/dev/null", [](const char*, const char*) {})) return 0;
+    return errno == EMFILE || errno == ENFILE ? errno : 0;
 }
 
 bool mappings_are_used_up(size_t limit)
@@ -112,8 +114,12 @@ ats::result<> check_limits()
     rlimit address_space{};
     getrlimit(RLIMIT_AS, &address_space);
     const bool lacks_address_space = address_space_is_used_up(address_space);
-    const bool lacks_descriptors = descriptors_are_used_up();
-    if (lacks_descriptors) {
+    const int lack_of_descriptors = descriptor_shortage();
+    if (lack_of_descriptors == ENFILE)
+        return ats::fail(
+            ats::error_kind::no_memory,
+            "no more files can be opened on this machine: raise fs.file-max with sysctl, or run fewer hosts");
+    if (lack_of_descriptors == EMFILE) {
         rlimit files{};
         getrlimit(RLIMIT_NOFILE, &files);
         return ats::fail(ats::error_kind::no_memory,
