@@ -164,7 +164,10 @@ void subnet::deliver(datagram& datagram, lock_guard& lock)
     if (keep_waiting_for_sa(datagram)) return;
     count_arrival(datagram);
     const std::optional<embedded::datagram> request = observer_ ? std::optional(datagram) : std::nullopt;
-    if (const char* const reason = answer_as_sa(datagram)) return ignore(datagram, reason);
+    if (const char* const reason = answer_as_sa(datagram)) {
+        if (request) datagram.mad = request->mad; // an answer that is lost has already replaced it
+        return ignore(datagram, reason);
+    }
     if (request) observe_arrival(*request, nullptr);
     observe_send(datagram, nullptr);
     dispatch(datagram, service_end_tick(exec_.now()));
