@@ -37,7 +37,7 @@ bool parse_gid(const char* text, wire_gid_t& gid)
 sa_client::sa_client()
 {
     umad_port_t port;
-    if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no active InfiniBand port");
+    if (umad_init() < 0 || umad_get_port(nullptr, 0, &port) < 0) fail("there is no InfiniBand port that can be used");
     umad_release_port(&port); // frees only the list of P_Keys; the other fields do not change
     sm_lid_ = static_cast<int>(port.sm_lid);
     sm_sl_ = static_cast<int>(port.sm_sl);
