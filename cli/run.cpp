@@ -90,7 +90,7 @@ ats::result<std::unique_ptr<proc_mount>> mount(const std::string& directory, con
     return proc_mount::open(directory, machines);
 }
 
-// Prints a line on stdout. After a failure, sets std::cout to bad, because main() checks std::cout at the end.
+// Prints a line on stdout. After a failure, sets std::cout to bad, because the program checks std::cout at its end.
 void print_output(const std::string& line)
 {
     if (!console::print_output(line)) std::cout.setstate(std::ios::badbit);

@@ -96,7 +96,7 @@ class mount_tree
     };
     struct place {
         host_files* host = nullptr; // null for the root
-        std::string rest = {};      // below the host: "", "log", "proc" or "proc/..."
+        std::string rest = {};      // the path below the host, for example "log" or "proc/dorvex"; "": the host itself
     };
     struct proc_place {
         kernel::machine* machine = nullptr; // null outside of the /proc trees
