@@ -98,7 +98,8 @@ const char* misuse_of(const lookup& lookup, const ats_options_t& options)
     const bool is_path = lookup.request == std::string_view("path");
     if (is_path && (options.flags & ATS_VERIFY))
         return "ATS_VERIFY is for addresses and GIDs only: ATS_FRESH asks the SA for a path";
-    if (!is_path && lookup.family == AF_INET6 && (options.flags & ATS_FRESH)) return "ATS_FRESH is for addresses only";
+    if (!is_path && lookup.family == AF_INET6 && (options.flags & ATS_FRESH))
+        return "ATS_FRESH is for addresses and paths only";
     return nullptr;
 }
 

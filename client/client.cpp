@@ -23,6 +23,8 @@ ats_answer_t failure(ats_status_t status, std::string_view reason)
     return answer;
 }
 
+constexpr auto longest_wait = std::chrono::hours(1); // a wait until time_point::max() may overflow
+
 constexpr const char* no_answer = "the service gave no answer in time";
 constexpr const char* lost_service = "the service went away before it answered";
 
@@ -109,7 +111,7 @@ bool client::wait_until(lock& guard, clock::time_point deadline, condition_t is_
         if (clock::now() >= deadline) return false;
         const auto wait_end = std::min(deadline, open_questions_.first_deadline());
         if (is_receiving_ || !connection_.is_open())
-            progress_.wait_until(guard, wait_end);
+            progress_.wait_until(guard, std::min(wait_end, clock::now() + longest_wait));
         else
             receive(guard, wait_end);
         end_overdue();
@@ -343,7 +345,6 @@ ats_status_t client::begin_request(const std::string& body, clock::time_point de
 
 ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
 {
-    constexpr auto longest_wait = std::chrono::hours(1); // a wait until time_point::max() may overflow
     {
         lock guard(mutex_);
         const auto is_our_turn = [&] { return !is_in_request_; };
