@@ -44,7 +44,7 @@ ats::result<> change_record(world::host& host, completion completion,
                             const confirmation::is_new_record_t& is_new_record,
                             const std::function<ats::result<bool>()>& order)
 {
-    constexpr const char* see_the_log = "'ats log --level 1' says why";
+    constexpr const char* see_the_log = "'ats log --level 1' says why; with several HCAs, repeat the command then";
     if (completion == completion::sent) {
         const ats::result<bool> order_result = order();
         if (!order_result) return ats::pass_on(order_result);

@@ -33,7 +33,8 @@ enum class completion { sent, confirmed };
 // Changes the registered name or address. `name` must pass console::is_host_name(). `ip` is in network order and must
 // be a result of console::host_address_of(). Waits for `completion`, at most about three seconds. Fails if the host has
 // stored the new value but the record was not sent, or not confirmed. The next link-up then registers the new record.
-// The next check does so only if the SA does not answer it with the new address: a check does not compare names.
+// The next check does so only if the SA does not answer it with the new address: a check does not compare names. If an
+// HCA could not send the record, the HCAs after it keep the old value until the call is repeated.
 ats::result<> set_name(world::host& host, const std::string& name, completion completion);
 ats::result<> set_address(world::host& host, uint32_t ip, completion completion);
 
