@@ -35,12 +35,12 @@ class coverage
     // Returns true if at least one element is new.
     bool add(const std::set<uint32_t>& elements)
     {
-        const size_t before = elements_.size();
+        const size_t earlier_size = elements_.size();
         for (const uint32_t element : elements) {
             elements_.insert(element);
             edges_.insert(edge_counters::edge_of(element));
         }
-        return elements_.size() > before;
+        return elements_.size() > earlier_size;
     }
     size_t edges() const { return edges_.size(); }
     size_t elements() const { return elements_.size(); }

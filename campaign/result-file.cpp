@@ -121,7 +121,7 @@ ats::result<> save(const campaign_result& result, const std::string& path)
 ats::result<campaign_result> merge(const std::vector<std::string>& paths)
 {
     campaign_result sum;
-    std::set<uint64_t> found;
+    std::set<uint64_t> numbers;
     for (const std::string& path : paths) {
         ats::result<campaign_result> shard = load(path);
         if (!shard) return ats::pass_on(shard);
@@ -137,12 +137,12 @@ ats::result<campaign_result> merge(const std::vector<std::string>& paths)
         if (campaign_of(*shard) != campaign_of(sum))
             return ats::fail(ats::error_kind::invalid, path + " is of " + campaign_of(*shard) + ", but " +
                                                            paths.front() + " of " + campaign_of(sum));
-        if (!found.insert(shard->shard).second)
+        if (!numbers.insert(shard->shard).second)
             return ats::fail(ats::error_kind::invalid, path + ": " + subject + " is there twice");
         add_shard(sum, *shard);
     }
     uint64_t first_missing = 1;
-    while (found.contains(first_missing)) ++first_missing;
+    while (numbers.contains(first_missing)) ++first_missing;
     if (first_missing <= sum.shards)
         return ats::fail("the result of shard " + std::to_string(first_missing) + " of " + std::to_string(sum.shards) +
                          " is missing: run that shard, or name its file");

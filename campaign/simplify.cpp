@@ -178,12 +178,12 @@ ats::result<> change(plan& plan, std::string_view text)
 
 ats::result<> unify_trace_levels(failing_run& run, const std::string& complaint, const run_options& options)
 {
-    plan changed = run.plan;
-    if (const ats::result<> result = change(changed, "trace=" + std::to_string(debug_trace_level)); !result)
+    plan candidate = run.plan;
+    if (const ats::result<> result = change(candidate, "trace=" + std::to_string(debug_trace_level)); !result)
         return result;
-    const ats::result<run_result> result = run_apart(changed, run.acts, options);
+    const ats::result<run_result> result = run_apart(candidate, run.acts, options);
     if (!result) return ats::pass_on(result);
-    if (complaint_kind(result->complaint) == complaint_kind(complaint)) run.plan = std::move(changed);
+    if (complaint_kind(result->complaint) == complaint_kind(complaint)) run.plan = std::move(candidate);
     return {};
 }
 

@@ -22,9 +22,9 @@ std::optional<question> open_questions::take(uint64_t id)
     const auto entry = questions_.find(id);
     if (entry == questions_.end()) return std::nullopt;
     deadlines_.erase({entry->second.deadline, id});
-    question removed = std::move(entry->second);
+    question result = std::move(entry->second);
     questions_.erase(entry);
-    return removed;
+    return result;
 }
 
 std::vector<uint64_t> open_questions::overdue(clock::time_point now) const

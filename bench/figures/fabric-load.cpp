@@ -155,7 +155,7 @@ class fabric_under_load
         // Bring the link up first: after a power failure, the subnet manager activates a port before the service
         // starts.
         if (ats::result<> up = world_.subnet.link_up(host.name(), host.plan().hcas[0].name, 1); !up) return up;
-        if (ats::result<> loaded = host.load(); !loaded) return loaded;
+        if (ats::result<> result = host.load(); !result) return result;
         const std::string command = "sa_verify_period " + std::to_string(static_cast<int>(settings_["period"])) + " " +
                                     std::to_string(static_cast<int>(settings_["skew"]));
         host.machine().get<stack::link_up_spread>().ticks =
@@ -210,9 +210,9 @@ class fabric_under_load
         for (size_t i = 0; i < std::min(rack_hosts, world_.hosts.size()); ++i) {
             const world::host& host = *world_.hosts[i];
             const std::string& hca = host.plan().hcas[0].name;
-            const auto changed =
+            const auto result =
                 is_up ? world_.subnet.link_up(host.name(), hca, 1) : world_.subnet.link_down(host.name(), hca, 1);
-            if (!changed) throw std::runtime_error(changed.error().text);
+            if (!result) throw std::runtime_error(result.error().text);
         }
     }
 

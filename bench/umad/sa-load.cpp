@@ -39,10 +39,10 @@ struct load_plan {
 double processor_seconds(pid_t process)
 {
     clockid_t id;
-    timespec spent{};
-    if (clock_getcpuclockid(process, &id) != 0 || clock_gettime(id, &spent) != 0)
+    timespec time{};
+    if (clock_getcpuclockid(process, &id) != 0 || clock_gettime(id, &time) != 0)
         throw std::runtime_error("the SM's processor time cannot be read");
-    return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 double seconds_since(clock::time_point begin)

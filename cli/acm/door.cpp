@@ -216,8 +216,8 @@ void door::take_request(connection& source, message_view request)
     source.answer(endpoint ? endpoint_answer(request, *endpoint) : refusal(request, status::invalid));
 }
 
-// Looks for the path, and answers the request when the result is known. `done` may be called in another thread, also
-// after the connection or the door has gone; see take_route() and life_.
+// Looks for the path, and answers the request when the result is known. `callback` may be called in another thread,
+// also after the connection or the door has gone; see take_route() and life_.
 void door::resolve(connection& source, message_view request)
 {
     const read_request parse_result = read_resolve(request);
@@ -228,29 +228,29 @@ void door::resolve(connection& source, message_view request)
     if (refusal_status != status::success)
         return take_route(number, request_number, {request.begin(), request.end()},
                           {.route = {.status = refusal_status}});
-    const auto done = [this, life = std::weak_ptr(life_), loop = &loop_, loop_thread = std::this_thread::get_id(),
-                       number, request_number,
-                       request = message(request.begin(), request.end())](const found_route& found) {
-        if (std::this_thread::get_id() == loop_thread) return take_route(number, request_number, request, found);
+    const auto callback = [this, life = std::weak_ptr(life_), loop = &loop_, loop_thread = std::this_thread::get_id(),
+                           number, request_number,
+                           request = message(request.begin(), request.end())](const found_route& answer) {
+        if (std::this_thread::get_id() == loop_thread) return take_route(number, request_number, request, answer);
         loop->post([=, this] {
-            if (!life.expired()) take_route(number, request_number, request, found);
+            if (!life.expired()) take_route(number, request_number, request, answer);
         });
     };
-    routes_.find(parse_result.request, {program.user, number}, done);
+    routes_.find(parse_result.request, {program.user, number}, callback);
 }
 
 // Sends the answer to a resolve request. Does nothing if the connection is gone or the request was already answered.
-void door::take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found)
+void door::take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& answer)
 {
     const auto entry = open_connections_.find(number);
     if (entry == open_connections_.end() || entry->second.connection->request_number() != request_number) return;
-    const status status = found.route.status;
+    const status status = answer.route.status;
     ++counters_[resolutions];
     if (status == status::no_data) ++counters_[absences];
     if (status != status::success && status != status::no_data) ++counters_[errors];
-    if (found.is_by_address) ++counters_[found.is_cached ? address_hits : address_queries];
-    if (status == status::success) ++counters_[found.is_cached ? path_hits : path_queries];
-    entry->second.connection->answer(resolve_answer(request, found.route));
+    if (answer.is_by_address) ++counters_[answer.is_cached ? address_hits : address_queries];
+    if (status == status::success) ++counters_[answer.is_cached ? path_hits : path_queries];
+    entry->second.connection->answer(resolve_answer(request, answer.route));
 }
 
 void door::request_timed_out(connection& source, message_view request)

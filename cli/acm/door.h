@@ -66,7 +66,7 @@ class door final : public connection::owner
     void connection_ended(connection& source) override;
     void move_up(connection_map::iterator first, uid_t user);
     void resolve(connection& source, message_view request);
-    void take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& found);
+    void take_route(uint64_t number, uint64_t request_number, const message& request, const found_route& answer);
     void close_all();
     void finish_close();
 

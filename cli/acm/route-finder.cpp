@@ -85,18 +85,18 @@ bool has_address(kernel::machine& machine, uint32_t ip)
     return false;
 }
 
-found_route route_to(const world::path_resolution& found, kernel::machine& machine, const resolve_request& request)
+found_route route_to(const world::path_resolution& resolution, kernel::machine& machine, const resolve_request& request)
 {
-    found_route result{.is_by_address = found.ip != 0, .is_cached = found.from_cache};
-    result.route.status = status_of(found.status);
-    if (found.status != world::path_status::found) return result;
-    if (request.path && !completes(found.path, *request.path)) {
+    found_route result{.is_by_address = resolution.ip != 0, .is_cached = resolution.from_cache};
+    result.route.status = status_of(resolution.status);
+    if (resolution.status != world::path_status::found) return result;
+    if (request.path && !completes(resolution.path, *request.path)) {
         result.route.status = status::no_data;
         return result;
     }
-    result.route.path = wire_record_of(found.path);
+    result.route.path = wire_record_of(resolution.path);
     if (std::holds_alternative<std::monostate>(request.source))
-        result.route.source = own_address(machine, found.path.sgid);
+        result.route.source = own_address(machine, resolution.path.sgid);
     return result;
 }
 
@@ -126,15 +126,15 @@ world::host* route_finder::host_of(const path_end& source) const
     return nullptr;
 }
 
-void route_finder::find(const resolve_request& request, const cli::queue_place& place, const completion& done)
+void route_finder::find(const resolve_request& request, const cli::queue_place& place, const completion& callback)
 {
-    const question question{host_of(request.source), request, place, done};
-    if (!question.host) return done({.route = {.status = status::unknown_source}});
+    const question question{host_of(request.source), request, place, callback};
+    if (!question.host) return callback({.route = {.status = status::unknown_source}});
     if (const std::string* name = std::get_if<std::string>(&request.destination)) return find_by_name(question, *name);
     if (const uint32_t* ip = std::get_if<uint32_t>(&request.destination)) return find_path(question, *ip);
     const kq_gid_t gid = from_wire(request.path->dgid);
-    if (gid == kq_gid_t{})
-        return done({}); // the answer "no data": a path can be found by the destination's GID, but not by a LID alone
+    // A path can be found by the destination's GID, but not by a LID alone. The empty answer means "no data".
+    if (gid == kq_gid_t{}) return callback({});
     find_path(question, gid);
 }
 
@@ -146,7 +146,7 @@ void route_finder::find_by_name(const question& question, const std::string& nam
     const auto find_address = [this, life = std::weak_ptr(life_), &server = server_, &hosts = hosts_, question, name] {
         const ats::result<std::optional<uint32_t>> ip = address_of_name(hosts, name);
         if (!ip || !*ip)
-            return question.done(
+            return question.callback(
                 {.route = {.status = ip ? status::no_data : status::timed_out}, .is_by_address = true});
         server.loop().post([this, life, question, ip = **ip] {
             if (!life.expired()) find_path(question, ip);
@@ -158,21 +158,21 @@ void route_finder::find_by_name(const question& question, const std::string& nam
 void route_finder::find_path(const question& question, const world::path_destination& destination)
 {
     kernel::machine& machine = question.host->machine();
-    const auto hand_on = [&machine, question](const world::path_resolution& found) {
-        question.done(route_to(found, machine, question.request));
+    const auto pass_answer = [&machine, question](const world::path_resolution& resolution) {
+        question.callback(route_to(resolution, machine, question.request));
     };
     if (question.request.is_cache_only)
-        return hand_on(resolve_path(machine, destination, world::lookup_mode::cache_only));
+        return pass_answer(resolve_path(machine, destination, world::lookup_mode::cache_only));
     const bool is_fresh = question.request.is_fresh;
     const uint32_t* ip = std::get_if<uint32_t>(&destination);
     const auto subject = ip ? cli::lookups::subject(cli::lookups::path_to_address{*ip, is_fresh})
                             : cli::lookups::path_to_gid{std::get<kq_gid_t>(destination), is_fresh};
     try {
-        server_.lookups_of(machine).ask(question.place, subject, [hand_on](const cli::lookups::answer& answer) {
-            hand_on(std::get<world::path_resolution>(answer));
+        server_.lookups_of(machine).ask(question.place, subject, [pass_answer](const cli::lookups::answer& answer) {
+            pass_answer(std::get<world::path_resolution>(answer));
         });
     } catch (const exec::shortage&) {
-        question.done({.route = {.status = status::no_memory}});
+        question.callback({.route = {.status = status::no_memory}});
     }
 }
 

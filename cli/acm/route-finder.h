@@ -31,10 +31,10 @@ class route_finder
     route_finder(const route_finder&) = delete;
     route_finder& operator=(const route_finder&) = delete;
 
-    // Looks for a path and calls `done` with the result: before it returns, or later in any thread. `place` is the user
-    // and the connection that ask. forget(place) drops the question as long as it is in a queue; `done` is then not
-    // called.
-    void find(const resolve_request& request, const cli::queue_place& place, const completion& done);
+    // Looks for a path and calls `callback` with the result: before it returns, or later in any thread. `place` is the
+    // user and the connection that ask. forget(place) drops the question as long as it is in a queue; `callback` is
+    // then not called.
+    void find(const resolve_request& request, const cli::queue_place& place, const completion& callback);
 
     // Drops the questions of a connection that are still in a queue.
     void forget(const cli::queue_place& place);
@@ -51,7 +51,7 @@ class route_finder
         world::host* host = nullptr;
         resolve_request request;
         cli::queue_place place;
-        completion done;
+        completion callback;
     };
 
     world::host* host_of(const path_end& source) const;

@@ -67,9 +67,9 @@ class collection
   public:
     void add(std::string_view name, std::vector<label> labels, double value, const char* suffix = "")
     {
-        const auto found = std::ranges::find_if(families_, [&](const family& each) { return name == each.name; });
-        assert(found != families_.end());
-        found->samples.push_back({std::move(labels), value, suffix});
+        const auto position = std::ranges::find_if(families_, [&](const family& each) { return name == each.name; });
+        assert(position != families_.end());
+        position->samples.push_back({std::move(labels), value, suffix});
     }
 
     void add(std::string_view name, std::vector<label> labels, const cli::counter& counter)

@@ -145,7 +145,7 @@ ats::result<std::unique_ptr<proc_mount>> proc_mount::open(const std::string& dir
 {
     if (const ats::result<> usable = check_mount_point(directory); !usable) return ats::pass_on(usable);
     auto mount = std::make_unique<fuse_mount>(machines);
-    if (const ats::result<> started = mount->start(directory); !started) return ats::pass_on(started);
+    if (const ats::result<> result = mount->start(directory); !result) return ats::pass_on(result);
     return mount;
 }
 

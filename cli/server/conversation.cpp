@@ -161,9 +161,9 @@ void conversation::flush()
     if (is_closed_ || is_writing_ || unsent_bytes_.empty()) return;
     auto* stream = reinterpret_cast<uv_stream_t*>(&pipe_);
     uv_buf_t buffer = uv_buf_init(unsent_bytes_.data(), static_cast<unsigned>(unsent_bytes_.size()));
-    const int sent = uv_try_write(stream, &buffer, 1);
-    if (sent < 0 && sent != UV_EAGAIN) return cut_off();
-    unsent_bytes_.erase(0, static_cast<size_t>(std::max(sent, 0)));
+    const int count = uv_try_write(stream, &buffer, 1);
+    if (count < 0 && count != UV_EAGAIN) return cut_off();
+    unsent_bytes_.erase(0, static_cast<size_t>(std::max(count, 0)));
     if (unsent_bytes_.empty()) return finish_write(0);
     bytes_in_write_.swap(unsent_bytes_);
     buffer = uv_buf_init(bytes_in_write_.data(), static_cast<unsigned>(bytes_in_write_.size()));

@@ -38,22 +38,24 @@ void lookups::stop()
     if (thread_.joinable()) thread_.join();
 }
 
-// Calls `done` and returns true if the caches have the answer and the question does not ask for a fresh one.
-bool lookups::answer_from_cache(const subject& subject, const completion& done)
+// Calls `callback` and returns true if the caches have the answer and the question does not ask for a fresh one.
+bool lookups::answer_from_cache(const subject& subject, const completion& callback)
 {
-    const auto hand_on = [&](const auto& found) {
-        if (found) {
-            note(subject, *found);
-            done(*found);
+    const auto answer_with = [&](const auto& answer) {
+        if (answer) {
+            note(subject, *answer);
+            callback(*answer);
         }
-        return found.has_value();
+        return answer.has_value();
     };
-    if (const uint32_t* ip = std::get_if<uint32_t>(&subject)) return hand_on(world::answer_from_cache(machine_, *ip));
-    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject)) return hand_on(world::answer_from_cache(machine_, *gid));
+    if (const uint32_t* ip = std::get_if<uint32_t>(&subject))
+        return answer_with(world::answer_from_cache(machine_, *ip));
+    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
+        return answer_with(world::answer_from_cache(machine_, *gid));
     if (const auto* path = std::get_if<path_to_address>(&subject))
-        return !path->is_fresh && hand_on(world::path_from_cache(machine_, path->ip));
+        return !path->is_fresh && answer_with(world::path_from_cache(machine_, path->ip));
     if (const auto* path = std::get_if<path_to_gid>(&subject))
-        return !path->is_fresh && hand_on(world::path_from_cache(machine_, path->gid));
+        return !path->is_fresh && answer_with(world::path_from_cache(machine_, path->gid));
     return false;
 }
 
@@ -65,12 +67,12 @@ void lookups::note(const subject& subject, const answer& answer)
     statistics_.note(kind, std::get<world::resolution>(answer));
 }
 
-void lookups::ask(const queue_place& place, const subject& subject, completion done)
+void lookups::ask(const queue_place& place, const subject& subject, completion callback)
 {
-    if (answer_from_cache(subject, done)) return;
+    if (answer_from_cache(subject, callback)) return;
     const std::lock_guard lock(mutex_);
     if (!thread_.joinable()) thread_ = exec::new_thread([this] { serve_queue(); });
-    queue_.push(place, {subject, std::move(done)});
+    queue_.push(place, {subject, std::move(callback)});
     change_.notify_all();
 }
 
@@ -95,7 +97,7 @@ void lookups::serve_queue()
         if (is_stopping_) return;
         entry next = queue_.pop();
         const auto [position, is_new] = sa_questions_.try_emplace(next.question);
-        position->second.push_back(std::move(next.done));
+        position->second.push_back(std::move(next.callback));
         if (!is_new) continue; // the same question is at the SA already; its answer is for this client, too
         ++question_count_;
         question_start_ = std::chrono::steady_clock::now();
@@ -109,24 +111,24 @@ void lookups::serve_queue()
 // Passes a question to the host. finish() gets the answer, during this call or later in another thread. May sleep.
 void lookups::start(const subject& subject)
 {
-    const auto done = [this, subject](const auto& answer) { finish(subject, answer); };
+    const auto callback = [this, subject](const auto& answer) { finish(subject, answer); };
     const auto ask_for_path = [&](const world::path_destination& destination, bool is_fresh) {
         const auto mode = is_fresh ? world::lookup_mode::sa_only : world::lookup_mode::usual;
-        world::start_path_resolution(machine_, destination, mode, done);
+        world::start_path_resolution(machine_, destination, mode, callback);
     };
     if (const uint32_t* ip = std::get_if<uint32_t>(&subject))
-        world::start_resolution(machine_, *ip, done);
+        world::start_resolution(machine_, *ip, callback);
     else if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
-        world::start_resolution(machine_, *gid, done);
+        world::start_resolution(machine_, *gid, callback);
     else if (const auto* fresh = std::get_if<fresh_address>(&subject))
-        world::start_fresh_resolution(machine_, fresh->ip, done);
+        world::start_fresh_resolution(machine_, fresh->ip, callback);
     else if (const auto* path = std::get_if<path_to_address>(&subject))
         ask_for_path(path->ip, path->is_fresh != 0);
     else
         ask_for_path(std::get<path_to_gid>(subject).gid, std::get<path_to_gid>(subject).is_fresh != 0);
 }
 
-// Calls `done` of all clients that have asked this question.
+// Calls `callback` of all clients that have asked this question.
 void lookups::finish(const subject& subject, const answer& answer)
 {
     std::unique_lock lock(mutex_);
@@ -135,9 +137,9 @@ void lookups::finish(const subject& subject, const answer& answer)
     sa_questions_.erase(position);
     if (!queue_.is_empty()) change_.notify_all(); // a datagram is free for the next question
     lock.unlock();
-    for (const completion& done : askers) {
+    for (const completion& callback : askers) {
         note(subject, answer);
-        done(answer);
+        callback(answer);
     }
     lock.lock();
     // Notify while holding the lock: stop() may be waiting, and after stop() the destructor destroys change_.
@@ -146,7 +148,7 @@ void lookups::finish(const subject& subject, const answer& answer)
 
 lookups& host_lookups::at(kernel::machine& machine, lookup_statistics& statistics)
 {
-    if (const auto known = lookups_.find(&machine); known != lookups_.end()) return known->second;
+    if (const auto entry = lookups_.find(&machine); entry != lookups_.end()) return entry->second;
     const std::lock_guard lock(mutex_);
     return lookups_.try_emplace(&machine, machine, statistics).first->second;
 }

@@ -60,12 +60,12 @@ class lookups
     // the host is not asked any more.
     void stop();
 
-    // Asks a question and calls `done` with the answer: during this call if the answer comes from a cache, otherwise
-    // later in another thread. `place` is the user and the connection that ask. Only one thread may call ask() and
-    // remove(). Throws exec::shortage, without a call of `done`, if no thread can be created.
-    void ask(const queue_place& place, const subject& subject, completion done);
+    // Asks a question and calls `callback` with the answer: during this call if the answer comes from a cache,
+    // otherwise later in another thread. `place` is the user and the connection that ask. Only one thread may call
+    // ask() and remove(). Throws exec::shortage, without a call of `callback`, if no thread can be created.
+    void ask(const queue_place& place, const subject& subject, completion callback);
 
-    // Removes the questions of a connection from the queue, without a call of their `done`.
+    // Removes the questions of a connection from the queue, without a call of their `callback`.
     void remove(const queue_place& place);
 
     // thread_ passes one question after the other to the host. Returns the time at which thread_ began with its present
@@ -75,14 +75,14 @@ class lookups
   private:
     struct entry {
         subject question;
-        completion done;
+        completion callback;
     };
     // An arbitrary order of the questions, so that they can be the keys of a map.
     struct subject_order {
         bool operator()(const subject& one, const subject& other) const;
     };
 
-    bool answer_from_cache(const subject& subject, const completion& done);
+    bool answer_from_cache(const subject& subject, const completion& callback);
     void serve_queue();
     void start(const subject& subject);
     void finish(const subject& subject, const answer& answer);
@@ -94,9 +94,9 @@ class lookups
     std::mutex mutex_; // guards the following members, except thread_
     std::condition_variable change_;
     fair_queue<entry> queue_;
-    // The questions at the SA, each with the `done` functions of all clients that have asked it.
+    // The questions at the SA, each with the `callback` functions of all clients that have asked it.
     std::map<subject, std::vector<completion>, subject_order> sa_questions_;
-    size_t question_count_ = 0; // questions at the SA, and answered ones whose `done` calls have not all returned
+    size_t question_count_ = 0; // questions at the SA, and answered ones whose `callback` calls have not all returned
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;
     std::thread thread_; // passes questions from the queue to the host; this may sleep

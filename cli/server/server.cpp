@@ -296,7 +296,7 @@ void server::look_up(conversation& source, const request& request)
         return finish(ticket, line_of(answer, is_by_gid, true, ticket.id));
     }
     const auto loop_thread = std::this_thread::get_id();
-    const auto done = [=, this](const lookups::answer& answer) {
+    const auto callback = [=, this](const lookups::answer& answer) {
         const std::string line = line_of(answer, is_by_gid, false, ticket.id);
         if (std::this_thread::get_id() == loop_thread)
             finish(ticket, line);
@@ -304,7 +304,7 @@ void server::look_up(conversation& source, const request& request)
             finish_soon(ticket, line);
     };
     try {
-        lookups_of(machine).ask(ticket.place, *subject, done);
+        lookups_of(machine).ask(ticket.place, *subject, callback);
     } catch (...) { // for example, no thread could be created
         finish(ticket, line_of(refusal(caught_error()), ticket.id));
     }

@@ -101,18 +101,18 @@ class host_records
         const auto answer =
             questions_.ask(umad::make_sa_request(method, SA_ATTR_SERVICE_RECORD, components, &encoded, sizeof encoded));
         if (!answer) return ats::fail(ats::error_kind::unreachable, "the SA does not answer");
-        ib_service_record_v2_t found;
-        std::memcpy(&found, answer->payload, sizeof found);
-        return sa_answer{from_wire(answer->hdr.u.ns.status.raw16), records::decode(found)};
+        ib_service_record_v2_t answer_record;
+        std::memcpy(&answer_record, answer->payload, sizeof answer_record);
+        return sa_answer{from_wire(answer->hdr.u.ns.status.raw16), records::decode(answer_record)};
     }
 
     ats::result<int> remove_by_p_key(const kq_gid_t& gid, const std::set<uint16_t>& p_keys)
     {
         int count = 0;
         for (const uint16_t p_key : p_keys) {
-            const ats::result<bool> removed = remove({.gid = gid, .p_key = p_key, .host_name = {}});
-            if (!removed) return ats::pass_on(removed);
-            count += *removed;
+            const ats::result<bool> result = remove({.gid = gid, .p_key = p_key, .host_name = {}});
+            if (!result) return ats::pass_on(result);
+            count += *result;
         }
         return count;
     }
@@ -133,12 +133,12 @@ ats::result<std::string> host_records::remove_all(const fabric::gid_bytes& gid_b
         const bool has_several = answer->status == status_word(SA_STATUS_TOO_MANY_RECORDS);
         if (answer->status != 0 && !has_several)
             return "the SA does not say if there is a record " + subject + ": " + records::status_text(answer->status);
-        const ats::result<int> removed = has_several
-                                             ? remove_by_p_key(gid, p_keys)
-                                             : remove(answer->record).map([](bool is_gone) { return int{is_gone}; });
-        if (!removed) return ats::pass_on(removed);
+        const ats::result<int> result = has_several
+                                            ? remove_by_p_key(gid, p_keys)
+                                            : remove(answer->record).map([](bool is_gone) { return int{is_gone}; });
+        if (!result) return ats::pass_on(result);
         had_record = true;
-        if (*removed == 0) ++tries_in_vain;
+        if (*result == 0) ++tries_in_vain;
     }
     return "could not delete the record " + subject;
 }

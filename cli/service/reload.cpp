@@ -83,10 +83,10 @@ class reload_run
     // of a socket's file.
     void change_rules(world_config& current, const world_config& file)
     {
-        const ats::result<> changed = calls_.set_rules(file.access, file.limits);
-        if (current.access != file.access || !changed) report(changed, "[access] has changed");
+        const ats::result<> result = calls_.set_rules(file.access, file.limits);
+        if (current.access != file.access || !result) report(result, "[access] has changed");
         if (current.limits != file.limits) say("[limits] have changed");
-        if (changed) current.access = file.access;
+        if (result) current.access = file.access;
         current.limits = file.limits;
     }
 
@@ -147,9 +147,9 @@ class reload_run
         ++lines_;
     }
 
-    void report(const ats::result<>& changed, const std::string& text, const std::string& host = "")
+    void report(const ats::result<>& result, const std::string& text, const std::string& host = "")
     {
-        say(changed ? text : text + ", which failed: " + changed.error().text, host);
+        say(result ? text : text + ", which failed: " + result.error().text, host);
     }
 
     template <class setting_t>
@@ -157,9 +157,9 @@ class reload_run
                 const std::function<ats::result<>()>& order)
     {
         if (current == file || !calls_.may_go_on()) return;
-        const ats::result<> changed = order();
-        report(changed, host.name() + " now " + text, host.name());
-        if (changed) current = file;
+        const ats::result<> result = order();
+        report(result, host.name() + " now " + text, host.name());
+        if (result) current = file;
     }
 
     const reload_calls& calls_;

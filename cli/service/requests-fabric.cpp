@@ -102,9 +102,8 @@ ats::result<json> answer_link(running_hosts& hosts, const json& request)
     if (!port) return ats::pass_on(port);
     const ats::result<bool> is_up = is_first_of("up", "down", request.at("direction"));
     if (!is_up) return ats::pass_on(is_up);
-    const ats::result<> changed =
-        *is_up ? (*subnet)->link_up(name, hca, *port) : (*subnet)->link_down(name, hca, *port);
-    if (!changed) return ats::fail(error_kind::invalid, changed.error().text);
+    const ats::result<> result = *is_up ? (*subnet)->link_up(name, hca, *port) : (*subnet)->link_down(name, hca, *port);
+    if (!result) return ats::fail(error_kind::invalid, result.error().text);
     return done(name + " " + hca + " port " + std::to_string(*port) + (*is_up ? " is up." : " is down."));
 }
 

@@ -61,8 +61,8 @@ ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
                          console::quote(name) + " cannot be a host name: take " + console::host_name_rule);
     const ats::result<world::host*> host = find_host(hosts, request);
     if (!host) return ats::pass_on(host);
-    const ats::result<> changed = set_name(**host, name, completion_of(request));
-    if (!changed) return ats::pass_on(changed);
+    const ats::result<> result = set_name(**host, name, completion_of(request));
+    if (!result) return ats::pass_on(result);
     return done((*host)->name() + " is now called " + name + ".");
 }
 
@@ -90,8 +90,8 @@ ats::result<json> answer_set_address(running_hosts& hosts, const json& request)
     const ats::result<world::host*> host = find_host(hosts, request);
     if (!host) return ats::pass_on(host);
     const std::string warning = warning_of_another_owner(hosts, **host, address);
-    const ats::result<> changed = set_address(**host, *ip, completion_of(request));
-    if (!changed) return ats::pass_on(changed);
+    const ats::result<> result = set_address(**host, *ip, completion_of(request));
+    if (!result) return ats::pass_on(result);
     json answer = done((*host)->name() + " now has the address " + address + ".");
     if (!warning.empty()) answer["warning"] = warning;
     return answer;

@@ -98,7 +98,7 @@ ats::result<> running_hosts::open_fabric(const fabric_config& config)
         subnet_ = std::make_unique<embedded::subnet>(*exec_);
     }
     if (!config.record.empty())
-        if (const ats::result<> started = start_recording(config.record); !started) return started;
+        if (const ats::result<> result = start_recording(config.record); !result) return result;
     return config.capture.empty() ? ats::result<>() : start_capture(config.capture);
 }
 

@@ -37,7 +37,7 @@ struct erf_header {
     uint8_t type;
     uint8_t flags;
     be16_t record_bytes;
-    be16_t lost;
+    be16_t loss_counter;
     be16_t wire_bytes;
 };
 static_assert(sizeof(erf_header) == 16);
@@ -143,7 +143,7 @@ void capture::crossed(uint64_t now_ticks, uint16_t source_lid, const address& de
                   .type = erf_infiniband,
                   .flags = erf_varying_length,
                   .record_bytes = to_wire(static_cast<uint16_t>(sizeof(erf_header) + sizeof(ib_packet))),
-                  .lost = {},
+                  .loss_counter = {},
                   .wire_bytes = to_wire(static_cast<uint16_t>(sizeof(ib_packet)))};
     record.ib = make_packet(packets_, source_lid, destination, mad);
     write(&record, record_size);

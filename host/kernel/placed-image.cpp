@@ -60,9 +60,9 @@ stored_module* module_of(int file, const std::string& name)
 {
     struct stat attributes;
     if (fstat(file, &attributes) != 0 || !S_ISREG(attributes.st_mode)) return nullptr;
-    const timespec& changed = attributes.st_mtim;
-    const module_store::key key{attributes.st_dev, attributes.st_ino, attributes.st_size, changed.tv_sec,
-                                changed.tv_nsec};
+    const timespec& change_time = attributes.st_mtim;
+    const module_store::key key{attributes.st_dev, attributes.st_ino, attributes.st_size, change_time.tv_sec,
+                                change_time.tv_nsec};
     if (const auto entry = store().modules.find(key); entry != store().modules.end()) return &entry->second;
     std::unique_ptr<shared_code> code = read_module(file, name);
     return code ? &store().modules.emplace(key, stored_module{std::move(code), {}}).first->second : nullptr;

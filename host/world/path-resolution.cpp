@@ -91,12 +91,13 @@ void note_destination(path_resolution& answer, const path_destination& destinati
         answer.gid = std::get<kq_gid_t>(destination);
 }
 
-// One call of start_path_resolution(). The object exists until `done` has been called. It holds references on IBAT, so
-// IBAT stays loaded.
+// One call of start_path_resolution(). The object exists until `callback` has been called. It holds references on IBAT,
+// so IBAT stays loaded.
 struct path_question {
-    path_question(kernel::machine& machine, const path_destination& destination, lookup_mode mode, path_callback done)
+    path_question(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
+                  path_callback callback)
         : machine(machine), get(machine, "ibat_get_path_fn"), refresh(machine, "ibat_refresh_path_fn"), mode(mode),
-          done(std::move(done)), started_ticks(machine.exec().now())
+          callback(std::move(callback)), started_ticks(machine.exec().now())
     {
         note_destination(answer, destination);
         answer.from_cache = true;
@@ -107,14 +108,14 @@ struct path_question {
         answer.duration_ticks = machine.exec().now() - started_ticks;
         answer.duration_nanoseconds = nanoseconds_since(start_time);
         if (answer.status != path_status::found) answer.from_cache = false;
-        done(answer);
+        callback(answer);
     }
 
     kernel::machine& machine;
     const published<ibat_get_path_fn_t> get;
     const published<ibat_refresh_path_fn_t> refresh;
     const lookup_mode mode;
-    const path_callback done;
+    const path_callback callback;
     path_resolution answer;
     const uint64_t started_ticks;
     const steady_clock::time_point start_time = steady_clock::now();
@@ -216,9 +217,9 @@ uint64_t lifetime_microseconds_of(const path_record& path)
 }
 
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
-                           path_callback done)
+                           path_callback callback)
 {
-    auto question = std::make_unique<path_question>(machine, destination, mode, std::move(done));
+    auto question = std::make_unique<path_question>(machine, destination, mode, std::move(callback));
     if (!question->get || !question->refresh) {
         question->answer.reason = "ibat is not loaded on this host, or knows no paths";
         return question->finish();

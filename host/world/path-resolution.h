@@ -69,11 +69,11 @@ path_resolution resolve_path(kernel::machine& machine, const path_destination& d
 // is a thread outside of all machines, or a task of this machine that may sleep.
 std::optional<path_resolution> path_from_cache(kernel::machine& machine, const path_destination& destination);
 
-// Finds a path like resolve_path(), but does not wait for the answer. `done` is called exactly once: before the return,
-// or later by a task of the machine, which `done` must not block. It is called at the latest when IBAT gives up.
-// start_path_resolution() may sleep while it sends a request. `mode` must not be cache_only.
+// Finds a path like resolve_path(), but does not wait for the answer. `callback` is called exactly once: before the
+// return, or later by a task of the machine, which `callback` must not block. It is called at the latest when IBAT
+// gives up. start_path_resolution() may sleep while it sends a request. `mode` must not be cache_only.
 using path_callback = std::function<void(const path_resolution&)>;
 void start_path_resolution(kernel::machine& machine, const path_destination& destination, lookup_mode mode,
-                           path_callback done);
+                           path_callback callback);
 
 } // namespace world

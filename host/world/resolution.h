@@ -44,12 +44,12 @@ resolution resolve_gid(kernel::machine& machine, const kq_gid_t& gid, lookup_mod
 std::optional<resolution> answer_from_cache(kernel::machine& machine, uint32_t ip);
 std::optional<resolution> answer_from_cache(kernel::machine& machine, const kq_gid_t& gid);
 
-// The next functions do the same lookups as resolve_address() and resolve_gid(), but do not wait for the answer. `done`
-// is called exactly once: before the return, or later by a task of the machine, which `done` must not block. The
-// functions may sleep while they send a request. start_fresh_resolution() ignores the cache.
+// The next functions do the same lookups as resolve_address() and resolve_gid(), but do not wait for the answer.
+// `callback` is called exactly once: before the return, or later by a task of the machine, which `callback` must not
+// block. The functions may sleep while they send a request. start_fresh_resolution() ignores the cache.
 using resolution_callback = std::function<void(const resolution&)>;
-void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);
-void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done);
-void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done);
+void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback callback);
+void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback callback);
+void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback callback);
 
 } // namespace world

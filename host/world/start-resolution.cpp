@@ -14,17 +14,17 @@ namespace world
 namespace
 {
 
-// One call of start_resolution() or start_fresh_resolution(). The object exists until `done` has been called. It holds
-// a reference on the module that answers, IBAT or UCM, so the module stays loaded.
+// One call of start_resolution() or start_fresh_resolution(). The object exists until `callback` has been called. It
+// holds a reference on the module that answers, IBAT or UCM, so the module stays loaded.
 template <class function_t>
 struct question {
     // `callback_error` is the reason (see reason_of()) if the callback gets ibat_stat_error.
-    question(kernel::machine& machine, const char* function, const char* callback_error, resolution_callback done)
-        : call(machine, function), callback_error(callback_error), done(std::move(done))
+    question(kernel::machine& machine, const char* function, const char* callback_error, resolution_callback callback)
+        : call(machine, function), callback_error(callback_error), callback(std::move(callback))
     {
     }
 
-    // Calls `done` with the answer. `status` and `record` come from the module.
+    // Calls `callback` with the answer. `status` and `record` come from the module.
     void finish(ibat_stat_t status, const ibat_arp_data_t& record, bool from_cache)
     {
         answer.status = status;
@@ -35,7 +35,7 @@ struct question {
         }
         answer.duration_nanoseconds = nanoseconds_since(start_time);
         answer.reason = reason_of(answer, from_cache ? not_sent : callback_error);
-        done(answer);
+        callback(answer);
     }
 
     static void take_reply(ibat_stat_t status, ibat_arp_data_t* record, void* context)
@@ -46,19 +46,19 @@ struct question {
 
     const published<function_t> call;
     const char* const callback_error;
-    const resolution_callback done;
+    const resolution_callback callback;
     resolution answer; // contains the address or GID from the beginning, and the rest from finish() on
     const steady_clock::time_point start_time = steady_clock::now();
 };
 
 // Asks a module by calling ask(question, record). The module either answers at once, or calls take_reply() later.
-// Calls `done` at once if the module is not loaded.
+// Calls `callback` at once if the module is not loaded.
 template <class question_t, class ask_t>
 void ask_module(kernel::machine& machine, std::unique_ptr<question_t> query, const char* module, ask_t ask)
 {
     if (!query->call) {
         query->answer.reason = std::string(module) + " is not loaded on this host";
-        return query->done(query->answer);
+        return query->callback(query->answer);
     }
     ibat_arp_data_t record{};
     ibat_stat_t status = ibat_stat_error;
@@ -94,29 +94,29 @@ std::optional<resolution> look_up(kernel::machine& machine, const char* function
 
 } // namespace
 
-void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
+void start_resolution(kernel::machine& machine, uint32_t ip, resolution_callback callback)
 {
     using question_t = question<ibat_get_ib_data_fn_t>;
-    auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", not_sent, std::move(done));
+    auto query = std::make_unique<question_t>(machine, "ibat_get_ib_data_fn", not_sent, std::move(callback));
     query->answer.ip = ip;
     ask_module(machine, std::move(query), "ibat", [&](question_t& query, ibat_arp_data_t* record) {
         return (*query.call)(ip, record, question_t::take_reply, &query);
     });
 }
 
-void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback done)
+void start_fresh_resolution(kernel::machine& machine, uint32_t ip, resolution_callback callback)
 {
     using question_t = question<ibat_refresh_fn_t>;
-    auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", not_sent, std::move(done));
+    auto query = std::make_unique<question_t>(machine, "ibat_refresh_fn", not_sent, std::move(callback));
     query->answer.ip = ip;
     ask_module(machine, std::move(query), "ibat",
                [&](question_t& query, ibat_arp_data_t*) { return (*query.call)(ip, question_t::take_reply, &query); });
 }
 
-void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback done)
+void start_resolution(kernel::machine& machine, const kq_gid_t& gid, resolution_callback callback)
 {
     using question_t = question<ucm_get_ip_fn_t>;
-    auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", sa_refusal, std::move(done));
+    auto query = std::make_unique<question_t>(machine, "ucm_get_ip_fn", sa_refusal, std::move(callback));
     query->answer.gid = gid;
     ask_module(machine, std::move(query), "ucm", [&](question_t& query, ibat_arp_data_t* record) {
         return (*query.call)(&gid, record, question_t::take_reply, &query);

@@ -39,8 +39,8 @@ void trace_comparisons(ats_context_t* ats, const char* operation)
     }
 }
 
-// Moves the pending requests for the answered GID to the list `found`, the newest first. Returns their number.
-int32_t take_matching(ats_context_t* ats, list_head* found, const char* operation)
+// Moves the pending requests for the answered GID to the list `matches`, the newest first. Returns their number.
+int32_t take_matching(ats_context_t* ats, list_head* matches, const char* operation)
 {
     int32_t count = 0;
     const unsigned long flags = spin_lock_irqsave(&ats->rarp_reqs_lock);
@@ -53,7 +53,7 @@ int32_t take_matching(ats_context_t* ats, list_head* found, const char* operatio
         ++count;
         list_del_init(&req->link);
         list_del_init(&req->found_list_link);
-        list_add(&req->found_list_link, found);
+        list_add(&req->found_list_link, matches);
     }
     spin_unlock_irqrestore(&ats->rarp_reqs_lock, flags);
     return count;
@@ -118,12 +118,12 @@ ibat_stat_t ats_rarp_send_nocache(ibat_arp_data_t* arp_data, ats_rarp_reply_fn_t
 
 void ats_process_rarp_data(uint16_t mad_stat, ats_context_t* ats)
 {
-    list_head found;
-    list_init(&found);
-    const int32_t count = take_matching(ats, &found, __func__);
+    list_head matches;
+    list_init(&matches);
+    const int32_t count = take_matching(ats, &matches, __func__);
     const ibat_stat_t status = status_of(static_cast<uint8_t>(mad_stat >> 8), __func__);
-    while (!list_empty(&found)) {
-        ats_rarp_req_t* req = list_entry(found.next, ats_rarp_req_t, found_list_link);
+    while (!list_empty(&matches)) {
+        ats_rarp_req_t* req = list_entry(matches.next, ats_rarp_req_t, found_list_link);
         list_del_init(&req->found_list_link);
         ATS_DEBUG("call callback %p  %p\n", static_cast<void*>(&ats->rcv_arp_data), req->user_context);
         req->user_cb(status, &ats->rcv_arp_data, req->user_context);

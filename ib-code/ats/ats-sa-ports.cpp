@@ -142,8 +142,8 @@ int32_t ats_sa_set_new_sr(ats_context_t* ats)
 {
     assert(ats->active_port.load());
     ats_sa_wait_for_restores(ats);
-    bool answered = false;
-    for (int32_t i = 0; i < delete_tries && !answered; ++i) {
+    bool is_answered = false;
+    for (int32_t i = 0; i < delete_tries && !is_answered; ++i) {
         if (const int32_t ret = ats_sa_send_delete(ats); ret != 0) {
             ATS_ERROR("Can't start SA del of service record, ret - %d\n", ret);
             continue;
@@ -152,11 +152,11 @@ int32_t ats_sa_set_new_sr(ats_context_t* ats)
         if (signal_pending())
             ATS_ERROR("Interrupted by a signal\n");
         else if (ats->resp_recv != 0)
-            answered = true;
+            is_answered = true;
         else
             ATS_DEBUG("timeout on send DEL SR MAD\n");
     }
-    if (!answered && ats->resp_recv == 0) ATS_DEBUG("ATS - ERROR DEL SR Failed\n");
+    if (!is_answered && ats->resp_recv == 0) ATS_DEBUG("ATS - ERROR DEL SR Failed\n");
 
     ats->resp_recv = 0;
     const int32_t ret = ats_sa_post_set(ats);

@@ -43,7 +43,7 @@ port::~port()
 ats::result<> port::open()
 {
     assert(!task_);
-    if (const auto opened = device_.open(); !opened) return opened;
+    if (const auto result = device_.open(); !result) return result;
     const uint64_t deadline = context_.exec.now() + first_state_ticks;
     while (condition_ == port_condition::unknown && context_.exec.now() < deadline) {
         update_state(context_.exec.now());

@@ -47,7 +47,7 @@ ats::result<> real_hca::open()
                                      ": not InfiniBand, or without a management device: not used"});
             continue;
         }
-        if (const auto opened = ports_[i]->open(); !opened) return opened;
+        if (const auto result = ports_[i]->open(); !result) return result;
     }
     for (size_t i = 0; i < ports_.size(); ++i)
         if (is_infiniband_[i]) ports_[i]->start();
@@ -75,9 +75,9 @@ void real_hca::take_event(const device_event& event)
             {.hca = name_, .text = name_ + ": the device reports no further events; its ports are asked more often"});
     for (int number = 1; number <= port_count(); ++number) {
         if (event.port != 0 && event.port != number) continue;
-        port& changed = *ports_[static_cast<size_t>(number - 1)];
-        if (has_ended) changed.set_watch_interval(context_.options.watch_interval_ticks);
-        changed.look_now(event.kind == device_event_kind::reregister);
+        port& port = *ports_[static_cast<size_t>(number - 1)];
+        if (has_ended) port.set_watch_interval(context_.options.watch_interval_ticks);
+        port.look_now(event.kind == device_event_kind::reregister);
     }
 }
 

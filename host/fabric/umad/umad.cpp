@@ -148,7 +148,7 @@ ats::result<std::unique_ptr<real_fabric>> open(exec::executor& exec, const fabri
     if (!hcas) return ats::pass_on(hcas);
     auto fabric = std::make_unique<umad_fabric>(exec, options);
     for (const hca_listing& each : *hcas)
-        if (const auto added = fabric->add(each); !added) return ats::pass_on(added);
+        if (const auto result = fabric->add(each); !result) return ats::pass_on(result);
     return fabric;
 }
 
