@@ -83,13 +83,17 @@ ats_status_t no_arguments()
     return failed(ATS_INVALID, "a pointer is null");
 }
 
-// Returns the reason why a request cannot be sent, or null if it can be sent. A line that is too long must not be sent:
-// the service would close the connection, which the client's other questions use, too.
-const char* fault_of(const std::string& body)
+// Makes the body of a request. Returns the reason why the request cannot be sent, or null if it can be sent. A line
+// that is too long must not be sent: the service would close the connection, which the client's other questions use,
+// too.
+const char* make_request_body(std::string_view request, std::string& body)
 {
     constexpr size_t longest_body = 65000; // a service accepts lines of 65536 bytes by default
-    if (body.empty()) return "a request is one JSON object";
-    return body.size() > longest_body ? "a request has at most 65000 bytes" : nullptr;
+    constexpr const char* too_long = "a request has at most 65000 bytes";
+    if (request.size() > longest_body) return too_long;
+    body = request_body(request);
+    if (body.empty()) return "a request is one JSON object of at most 16 levels";
+    return body.size() > longest_body ? too_long : nullptr;
 }
 
 // Returns the error if a flag of the options is not allowed for this lookup, otherwise null.
@@ -273,8 +277,8 @@ ats_status_t ats_request_begin(ats_client_t* client, const char* request, int ti
 {
     if (!client || !request) return client::no_arguments();
     return guarded([&] {
-        const std::string body = client::request_body(request);
-        if (const char* reason = client::fault_of(body)) return failed(ATS_INVALID, reason);
+        std::string body;
+        if (const char* reason = client::make_request_body(request, body)) return failed(ATS_INVALID, reason);
         return client->client.begin_request(body, client::deadline_after(timeout_ms));
     });
 }
@@ -297,8 +301,8 @@ ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_
     *answer = nullptr;
     if (!client || !request) return client::no_arguments();
     return guarded([&] {
-        const std::string body = client::request_body(request);
-        if (const char* reason = client::fault_of(body)) return failed(ATS_INVALID, reason);
+        std::string body;
+        if (const char* reason = client::make_request_body(request, body)) return failed(ATS_INVALID, reason);
         std::string text;
         const ats_status_t status = client->client.request(body, client::deadline_after(timeout_ms), text);
         if (status == ATS_OK) *answer = client::copy_of(text);

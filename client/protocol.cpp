@@ -15,6 +15,31 @@ namespace
 
 using json = nlohmann::json;
 
+// Returns true if the line has lists and objects in each other beyond the limit. (A callback of json::parse() could
+// also count the levels, but parsing with a callback takes quadratic time for a long list of objects.)
+bool is_too_deep(std::string_view line)
+{
+    constexpr int most_levels = 16; // the status, the deepest answer, has 7
+    int level = 0;
+    bool is_in_text = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char character = line[i];
+        if (character == '"') is_in_text = !is_in_text;
+        if (is_in_text && character == '\\') ++i; // skip the escaped character, which may be a quote
+        if (is_in_text) continue;
+        if (character == '}' || character == ']') --level;
+        if ((character == '{' || character == '[') && ++level > most_levels) return true;
+    }
+    return false;
+}
+
+// Parses a line. If the line is malformed or too deep, returns a value that is not an object. dump() and copies of a
+// value call themselves for each level, and would overflow the stack.
+json parse(std::string_view line)
+{
+    return is_too_deep(line) ? json() : json::parse(line, nullptr, false);
+}
+
 std::string dump(const json& value)
 {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -168,7 +193,7 @@ std::string lookup_body(const lookup& lookup, const ats_options_t& options)
 
 std::string request_body(std::string_view request)
 {
-    json object = json::parse(request, nullptr, false);
+    json object = parse(request);
     if (!object.is_object()) return "";
     object.erase("id");
     std::string body = object.empty() ? "" : dump(object);
@@ -184,7 +209,7 @@ std::string line_of(const std::string& body, uint64_t id)
 reply read_reply(std::string_view line)
 {
     reply reply;
-    const json object = json::parse(line, nullptr, false);
+    const json object = parse(line);
     reply.is_valid = object.is_object();
     if (!reply.is_valid) return reply;
     read_id(object, reply);
@@ -195,7 +220,7 @@ reply read_reply(std::string_view line)
 reply read_request_line(std::string_view line, std::string& text)
 {
     reply reply;
-    json object = json::parse(line, nullptr, false);
+    json object = parse(line);
     reply.is_valid = object.is_object();
     if (!reply.is_valid) return reply;
     read_id(object, reply);
@@ -208,7 +233,7 @@ reply read_request_line(std::string_view line, std::string& text)
 
 std::string hello_refusal(std::string_view line)
 {
-    const json object = json::parse(line, nullptr, false);
+    const json object = parse(line);
     if (!object.is_object()) return "the program that listens there does not use the protocol of ats";
     if (object.contains("error")) return text_of(object, "error");
     if (object.value("protocol", json()) == protocol_version) return "";

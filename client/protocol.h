@@ -24,7 +24,7 @@ struct lookup {
 
 // A body is a request as JSON without an id and without the closing brace. lookup_body() makes the body of a lookup.
 // request_body() makes the body of a request that is passed to ats_request(); it returns "" if `request` is not a JSON
-// object with members.
+// object with members, or if it has more than 16 levels.
 std::string lookup_body(const lookup& lookup, const ats_options_t& options);
 std::string request_body(std::string_view request);
 

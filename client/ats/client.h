@@ -162,9 +162,10 @@ size_t ats_collect(ats_client_t* client, ats_answer_t* answers, size_t capacity)
 size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, int timeout_ms);
 
 /* Sends any request of docs/protocol.md, for example {"request":"status"}, and waits for its answer, at most for
- * `timeout_ms`. Returns ATS_OK and stores the answer, one JSON object, in *answer; the caller frees it with ats_free().
- * If the service refuses the request, the answer is {"error": ...}, and the call also returns ATS_OK. After any other
- * result, *answer is NULL. If several threads call ats_request(), one request is sent after the other. */
+ * `timeout_ms`. A request is one JSON object of at most 65000 bytes and 16 levels. Returns ATS_OK and stores the
+ * answer, one JSON object, in *answer; the caller frees it with ats_free(). If the service refuses the request, the
+ * answer is {"error": ...}, and the call also returns ATS_OK. After any other result, *answer is NULL. If several
+ * threads call ats_request(), one request is sent after the other. */
 ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer);
 
 /* These two calls are for a request whose answer has several lines ("log") or takes long. ats_request_begin() sends the

@@ -45,6 +45,14 @@ ats_answer_t resolve(const client_ptr& client, int timeout_ms = 5000)
     return answer;
 }
 
+// Returns a JSON object of so many levels. It has the id of a client's first question.
+std::string nested(size_t levels)
+{
+    const size_t lists = levels - 1;
+    return R"({"request":"x","text":"]\"[[[[[[[[[[[[[[[[","id":1,"list":)" + std::string(lists, '[') + "1" +
+           std::string(lists, ']') + "}";
+}
+
 // Collects `count` answers like an event loop: polls the descriptor. Returns fewer answers if the descriptor is not
 // ready for 20 s.
 std::vector<ats_answer_t> collect(const client_ptr& client, size_t count)
@@ -101,6 +109,18 @@ TEST(client, reads_every_field_of_an_answer)
     EXPECT_EQ(memcmp(answer.gid, &gid, sizeof gid), 0);
     EXPECT_EQ(answer.microseconds, 7u);
     EXPECT_EQ(answer.verified, -1);
+}
+
+// A recursive function over the values of a line would overflow the stack.
+TEST(client, rejects_an_answer_of_many_levels)
+{
+    for (const auto& [levels, status] : {std::pair{16, ATS_OK}, {17, ATS_INVALID}, {200'000, ATS_INVALID}}) {
+        fake_service service(after_hello([levels](const json&) { return reaction{nested(levels) + "\n"}; }));
+        service.serve();
+        char* answer = nullptr;
+        EXPECT_EQ(ats_request(open_client().get(), nested(16).c_str(), 20'000, &answer), status) << levels;
+        ats_free(answer);
+    }
 }
 
 // A service may be hostile or broken, or may not be ats. Every question must end with a status within its time limit.
@@ -226,9 +246,11 @@ TEST(client, refuses_wrong_arguments)
         EXPECT_STRNE(ats_last_error(), "");
         EXPECT_EQ(answer.status, ATS_INVALID);
     }
-    char* text = nullptr;
-    EXPECT_EQ(ats_request(client.get(), "not JSON", 5, &text), ATS_INVALID);
-    EXPECT_EQ(text, nullptr);
+    for (const std::string& request : {std::string("not JSON"), nested(17), std::string(70'000, ' ') + nested(1)}) {
+        char* text = nullptr;
+        EXPECT_EQ(ats_request(client.get(), request.c_str(), 5, &text), ATS_INVALID) << request.substr(0, 200);
+        EXPECT_EQ(text, nullptr);
+    }
     ats_client_t* none = nullptr;
     EXPECT_EQ(ats_open(&none, std::string(200, 'x').c_str()), ATS_INVALID);
     EXPECT_EQ(none, nullptr);
