@@ -114,11 +114,12 @@ TEST(client, reads_every_field_of_an_answer)
 // A recursive function over the values of a line would overflow the stack.
 TEST(client, rejects_an_answer_of_many_levels)
 {
-    for (const auto& [levels, status] : {std::pair{16, ATS_OK}, {17, ATS_INVALID}, {200'000, ATS_INVALID}}) {
+    for (const size_t levels : {16, 17, 200'000}) {
         fake_service service(after_hello([levels](const json&) { return reaction{nested(levels) + "\n"}; }));
         service.serve();
         char* answer = nullptr;
-        EXPECT_EQ(ats_request(open_client().get(), nested(16).c_str(), 20'000, &answer), status) << levels;
+        const ats_status_t status = ats_request(open_client().get(), nested(16).c_str(), 20'000, &answer);
+        EXPECT_EQ(status, levels == 16 ? ATS_OK : ATS_INVALID) << levels;
         ats_free(answer);
     }
 }
