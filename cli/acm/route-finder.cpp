@@ -163,10 +163,7 @@ void route_finder::find_path(const question& question, const world::path_destina
     };
     if (question.request.is_cache_only)
         return pass_answer(resolve_path(machine, destination, world::lookup_mode::cache_only));
-    const bool is_fresh = question.request.is_fresh;
-    const uint32_t* ip = std::get_if<uint32_t>(&destination);
-    const auto subject = ip ? cli::lookups::subject(cli::lookups::path_to_address{*ip, is_fresh})
-                            : cli::lookups::path_to_gid{std::get<kq_gid_t>(destination), is_fresh};
+    const cli::lookups::subject subject{destination, true, question.request.is_fresh};
     try {
         server_.lookups_of(machine).ask(question.place, subject, [pass_answer](const cli::lookups::answer& answer) {
             pass_answer(std::get<world::path_resolution>(answer));

@@ -14,12 +14,9 @@ constexpr auto cache_only = world::lookup_mode::cache_only;
 
 lookups::answer find_in_cache(kernel::machine& machine, const lookups::subject& subject)
 {
-    if (const auto* path = std::get_if<lookups::path_to_address>(&subject))
-        return resolve_path(machine, path->ip, cache_only);
-    if (const auto* path = std::get_if<lookups::path_to_gid>(&subject))
-        return resolve_path(machine, path->gid, cache_only);
-    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject)) return resolve_gid(machine, *gid, cache_only);
-    return resolve_address(machine, std::get<uint32_t>(subject), cache_only);
+    if (subject.is_path) return resolve_path(machine, subject.target, cache_only);
+    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject.target)) return resolve_gid(machine, *gid, cache_only);
+    return resolve_address(machine, std::get<uint32_t>(subject.target), cache_only);
 }
 
 } // namespace
@@ -37,19 +34,18 @@ ats::result<lookups::subject> subject_of(const request& request)
     if (request.name == "reverse" || (is_path && request.object.contains("gid"))) {
         const ats::result<kq_gid_t> gid = console::gid_of(request.object.at("gid"));
         if (!gid) return ats::pass_on(gid);
-        return is_path ? lookups::subject(lookups::path_to_gid{*gid, is_fresh}) : lookups::subject(*gid);
+        return lookups::subject{*gid, is_path, is_fresh};
     }
     const ats::result<uint32_t> ip = console::address_of(request.object.at("address"));
     if (!ip) return ats::pass_on(ip);
-    if (is_path) return lookups::path_to_address{*ip, is_fresh};
-    return is_fresh ? lookups::subject(lookups::fresh_address{*ip}) : lookups::subject(*ip);
+    return lookups::subject{*ip, is_path, is_fresh};
 }
 
 lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject,
                                 lookup_statistics& statistics)
 {
     const lookups::answer answer = find_in_cache(machine, subject);
-    const bool is_by_gid = std::holds_alternative<kq_gid_t>(subject);
+    const bool is_by_gid = std::holds_alternative<kq_gid_t>(subject.target);
     if (const auto* path = std::get_if<world::path_resolution>(&answer))
         statistics.note(*path);
     else

@@ -1,6 +1,6 @@
 #include "cli/server/lookups.h"
 
-#include <cstring>
+#include <tuple>
 
 #include "host/exec/shortage.h"
 
@@ -12,19 +12,16 @@ namespace
 
 constexpr size_t most_questions = 16; // at the SA at a time: the module has this number of datagrams for each HCA
 
-std::string bytes_of(const lookups::subject& subject)
-{
-    const auto copy = [](const auto& value) {
-        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-    };
-    return std::visit(copy, subject);
-}
-
 } // namespace
 
-bool lookups::subject_order::operator()(const subject& one, const subject& other) const
+bool lookups::subject::operator<(const subject& other) const
 {
-    return one.index() != other.index() ? one.index() < other.index() : bytes_of(one) < bytes_of(other);
+    const auto key_of = [](const subject& subject) {
+        const uint32_t* ip = std::get_if<uint32_t>(&subject.target);
+        const kq_gid_t gid = ip ? kq_gid_t{*ip, 0} : std::get<kq_gid_t>(subject.target);
+        return std::tuple(subject.is_path, subject.is_fresh, subject.target.index(), gid.subnet, gid.eui64);
+    };
+    return key_of(*this) < key_of(other);
 }
 
 void lookups::stop()
@@ -48,22 +45,18 @@ bool lookups::answer_from_cache(const subject& subject, const completion& callba
         }
         return answer.has_value();
     };
-    if (const uint32_t* ip = std::get_if<uint32_t>(&subject))
-        return answer_with(world::answer_from_cache(machine_, *ip));
-    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
-        return answer_with(world::answer_from_cache(machine_, *gid));
-    if (const auto* path = std::get_if<path_to_address>(&subject))
-        return !path->is_fresh && answer_with(world::path_from_cache(machine_, path->ip));
-    if (const auto* path = std::get_if<path_to_gid>(&subject))
-        return !path->is_fresh && answer_with(world::path_from_cache(machine_, path->gid));
-    return false;
+    if (subject.is_fresh) return false;
+    if (subject.is_path) return answer_with(world::path_from_cache(machine_, subject.target));
+    const auto search = [&](const auto& target) { return answer_with(world::answer_from_cache(machine_, target)); };
+    return std::visit(search, subject.target);
 }
 
 // Counts an answer in the statistics.
 void lookups::note(const subject& subject, const answer& answer)
 {
     if (const auto* path = std::get_if<world::path_resolution>(&answer)) return statistics_.note(*path);
-    const lookup_kind kind = std::holds_alternative<kq_gid_t>(subject) ? lookup_kind::gid : lookup_kind::address;
+    const bool is_by_gid = std::holds_alternative<kq_gid_t>(subject.target);
+    const lookup_kind kind = is_by_gid ? lookup_kind::gid : lookup_kind::address;
     statistics_.note(kind, std::get<world::resolution>(answer));
 }
 
@@ -112,20 +105,13 @@ void lookups::serve_queue()
 void lookups::start(const subject& subject)
 {
     const auto callback = [this, subject](const auto& answer) { finish(subject, answer); };
-    const auto ask_for_path = [&](const world::path_destination& destination, bool is_fresh) {
-        const auto mode = is_fresh ? world::lookup_mode::sa_only : world::lookup_mode::usual;
-        world::start_path_resolution(machine_, destination, mode, callback);
-    };
-    if (const uint32_t* ip = std::get_if<uint32_t>(&subject))
-        world::start_resolution(machine_, *ip, callback);
-    else if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject))
-        world::start_resolution(machine_, *gid, callback);
-    else if (const auto* fresh = std::get_if<fresh_address>(&subject))
-        world::start_fresh_resolution(machine_, fresh->ip, callback);
-    else if (const auto* path = std::get_if<path_to_address>(&subject))
-        ask_for_path(path->ip, path->is_fresh != 0);
-    else
-        ask_for_path(std::get<path_to_gid>(subject).gid, std::get<path_to_gid>(subject).is_fresh != 0);
+    const auto mode = subject.is_fresh ? world::lookup_mode::sa_only : world::lookup_mode::usual;
+    if (subject.is_path) return world::start_path_resolution(machine_, subject.target, mode, callback);
+    if (const kq_gid_t* gid = std::get_if<kq_gid_t>(&subject.target))
+        return world::start_resolution(machine_, *gid, callback);
+    const uint32_t ip = std::get<uint32_t>(subject.target);
+    if (subject.is_fresh) return world::start_fresh_resolution(machine_, ip, callback);
+    world::start_resolution(machine_, ip, callback);
 }
 
 // Calls `callback` of all clients that have asked this question.

@@ -27,25 +27,15 @@ namespace cli
 class lookups
 {
   public:
-    // A question for the GID of an address that the SA must answer, even if the cache has an answer.
-    struct fresh_address {
-        uint32_t ip; // network order
-    };
+    // A question about an address or a GID.
+    struct subject {
+        world::path_destination target; // an address in network order, or a GID
+        bool is_path = false;  // asks for the path to the target; otherwise for the GID of the address, or the reverse
+        bool is_fresh = false; // the SA must answer, even if the caches have an answer; not for the address of a GID
 
-    // Questions for a path. `is_fresh` 1: the SA must answer, even if the caches have an answer. `is_fresh` is so wide
-    // that the struct has no padding, because subject_order compares the bytes.
-    struct path_to_address {
-        uint32_t ip; // network order
-        uint32_t is_fresh;
+        // An arbitrary order, so that questions can be the keys of a map.
+        bool operator<(const subject& other) const;
     };
-    struct path_to_gid {
-        kq_gid_t gid;
-        uint64_t is_fresh;
-    };
-
-    // A question. A uint32_t is an address (network order) whose GID is asked for; a kq_gid_t is a GID whose address is
-    // asked for.
-    using subject = std::variant<uint32_t, kq_gid_t, fresh_address, path_to_address, path_to_gid>;
 
     // The answer to a question for a path is a path_resolution. The answer to all other questions is a resolution.
     using answer = std::variant<world::resolution, world::path_resolution>;
@@ -77,10 +67,6 @@ class lookups
         subject question;
         completion callback;
     };
-    // An arbitrary order of the questions, so that they can be the keys of a map.
-    struct subject_order {
-        bool operator()(const subject& one, const subject& other) const;
-    };
 
     bool answer_from_cache(const subject& subject, const completion& callback);
     void serve_queue();
@@ -95,7 +81,7 @@ class lookups
     std::condition_variable change_;
     fair_queue<entry> queue_;
     // The questions at the SA, each with the `callback` functions of all clients that have asked it.
-    std::map<subject, std::vector<completion>, subject_order> sa_questions_;
+    std::map<subject, std::vector<completion>> sa_questions_;
     size_t question_count_ = 0; // questions at the SA, and answered ones whose `callback` calls have not all returned
     std::optional<std::chrono::steady_clock::time_point> question_start_;
     bool is_stopping_ = false;

@@ -230,7 +230,7 @@ TEST(service, tells_its_manager_that_it_works_as_long_as_its_loop_and_its_hosts_
     loop.post(hang);
     workers.push({}, hang);
     kernel::machine& first = hosts->all()[0]->machine();
-    lookups.at(first, hosts->statistics_of(first).lookups).ask({}, uint32_t{1}, [&](const auto&) { hang(); });
+    lookups.at(first, hosts->statistics_of(first).lookups).ask({}, {uint32_t{1}}, [&](const auto&) { hang(); });
     link_listener listener(hang);
     fabric::hca* const adapter = hosts->subnet().value()->add_hca("other", "hca", 1).value();
     adapter->listen(&listener);
