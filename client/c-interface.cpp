@@ -50,6 +50,17 @@ ats_status_t guarded(call_t call)
     }
 }
 
+// Does the same for a call with a client. Fails if the client belongs to the parent of this process.
+template <class call_t>
+ats_status_t guarded(const ats_client_t* client, call_t call)
+{
+    return guarded([&] {
+        if (client->client.belongs_to_parent())
+            return failed(ATS_INVALID, "a child of fork() must open its own client");
+        return call();
+    });
+}
+
 // Returns the deadline of a call. A negative number means no limit.
 clock::time_point deadline_after(int milliseconds)
 {
@@ -133,7 +144,7 @@ template <class ask_t>
 ats_status_t with_body(const ats_client_t* client, const lookup& lookup, const ats_options_t* options, const ask_t& ask)
 {
     if (!client || !lookup.subject) return no_arguments();
-    return guarded([&] {
+    return guarded(client, [&] {
         const ats_options_t* usable = checked(options);
         if (!usable) return ATS_INVALID;
         if (const char* misuse = misuse_of(lookup, *usable)) return failed(ATS_INVALID, misuse);
@@ -205,7 +216,10 @@ ats_status_t ats_open(ats_client_t** client, const char* path)
 
 void ats_close(ats_client_t* client)
 {
-    delete client;
+    if (client && client->client.belongs_to_parent())
+        client->client.close_in_child();
+    else
+        delete client;
 }
 
 ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer)
@@ -265,7 +279,7 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
 {
     if (!client || !answers || capacity == 0) return 0;
     size_t count = 0;
-    guarded([&] {
+    guarded(client, [&] {
         count = timeout_ms == 0 ? client->client.collect(answers, capacity)
                                 : client->client.wait(answers, capacity, client::deadline_after(timeout_ms));
         return ATS_OK;
@@ -276,7 +290,7 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
 ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms)
 {
     if (!client || !request) return client::no_arguments();
-    return guarded([&] {
+    return guarded(client, [&] {
         std::string body;
         if (const char* reason = client::make_request_body(request, body)) return failed(ATS_INVALID, reason);
         return client->client.begin_request(body, client::deadline_after(timeout_ms));
@@ -287,7 +301,7 @@ ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line)
 {
     if (!client || !line) return client::no_arguments();
     *line = nullptr;
-    return guarded([&] {
+    return guarded(client, [&] {
         std::string text;
         const ats_status_t status = client->client.next_request_line(client::deadline_after(timeout_ms), text);
         if (status == ATS_OK) *line = client::copy_of(text);
@@ -300,7 +314,7 @@ ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_
     if (!answer) return client::no_arguments();
     *answer = nullptr;
     if (!client || !request) return client::no_arguments();
-    return guarded([&] {
+    return guarded(client, [&] {
         std::string body;
         if (const char* reason = client::make_request_body(request, body)) return failed(ATS_INVALID, reason);
         std::string text;

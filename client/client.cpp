@@ -236,6 +236,12 @@ void client::reconnect()
     }
 }
 
+void client::close_in_child()
+{
+    connection_.close_socket();
+    wake_up_.close();
+}
+
 // ---- ends of questions ----
 
 void client::end_overdue()

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <unistd.h>
 
 #include "client/open-questions.h"
 #include "client/protocol.h"
@@ -27,6 +28,14 @@ class client
 
     // Makes the descriptor for the program. Returns ATS_NO_MEMORY if no descriptors are left.
     ats_status_t open() { return wake_up_.open() ? ATS_OK : ATS_NO_MEMORY; }
+
+    // Returns true in a child of fork(). There, only close_in_child() is allowed: the child shares the socket with its
+    // parent, and threads that exist only in the parent may hold the mutex.
+    bool belongs_to_parent() const { return getpid() != process_; }
+
+    // Closes the child's copies of the descriptors. Frees no memory: the destructor would wait for the parent's
+    // threads.
+    void close_in_child();
 
     // `body` is the question without its id, as lookup_body() in client/protocol.h makes it.
     ats_answer_t ask(const ats_options_t& options, const std::string& body);
@@ -72,6 +81,7 @@ class client
     void watch();
 
     const std::string path_;
+    const pid_t process_ = getpid();
     std::mutex mutex_;
     std::condition_variable progress_; // signalled when a thread leaves receive(), or ends its turn in request()
     bool is_receiving_ = false;

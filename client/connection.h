@@ -30,6 +30,7 @@ class connection
 
     // Closes the socket, and drops unsent output and unread input.
     void close();
+    void close_socket() { socket_.reset(); } // keeps the output and the input
     bool is_open() const { return socket_.is_open(); }
     int fd() const { return socket_.get(); }
 

@@ -41,6 +41,13 @@ bool wake_up::open()
            add(epoll_.get(), timer_.get(), EPOLLIN) && add(epoll_.get(), answer_event_.get(), EPOLLIN);
 }
 
+void wake_up::close()
+{
+    epoll_.reset();
+    timer_.reset();
+    answer_event_.reset();
+}
+
 void wake_up::watch_socket(int socket)
 {
     add(epoll_.get(), socket, EPOLLIN);

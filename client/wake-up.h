@@ -13,6 +13,7 @@ class wake_up
   public:
     // Creates the descriptors. Returns false if no descriptors are left.
     bool open();
+    void close();
     int fd() const { return epoll_.get(); }
 
     // watch_socket() adds the socket of a new connection. Call forget_socket() before the socket is closed.

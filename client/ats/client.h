@@ -13,8 +13,9 @@
  * 16384 unanswered questions of a user.) Then poll() the descriptor for input, and fetch the answers with
  * ats_collect().
  *
- * Threads: any number of threads may use one client at the same time. ats_close() must be the last call. A child of
- * fork() must not use its parent's client.
+ * Threads: any number of threads may use one client at the same time. ats_close() must be the last call.
+ * Processes: a child of fork() must open its own client. With a client of its parent, every call except ats_close()
+ * fails with ATS_INVALID; ats_wait() and ats_collect() return 0. ats_close() does not disturb the parent.
  * Signals: no call raises SIGPIPE. A signal does not end a waiting call early.
  * Connection: a client connects at its first question, and again after a restart of the service. If the connection
  * breaks before the answer, the client connects again and repeats the question once; the program does not notice this.

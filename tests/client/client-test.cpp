@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -165,6 +166,56 @@ TEST(client, ends_every_question_whatever_the_service_sends)
         const ats_answer_t answer = resolve(client, is_slow ? 50 : 20'000);
         EXPECT_EQ(answer.status, status) << answer.reason;
     }
+}
+
+// Uses the client of the parent in a child of fork(). Returns the number of faults.
+int use_in_child(ats_client_t* client)
+{
+    ats_answer_t answer{};
+    char* text = nullptr;
+    int faults = 0;
+    const auto expect = [&](bool is_right) { faults += is_right ? 0 : 1; };
+    expect(ats_resolve(client, 1, nullptr, &answer) == ATS_INVALID);
+    expect(std::string(answer.reason) == "a child of fork() must open its own client");
+    expect(ats_submit_resolve(client, 1, nullptr, 1) == ATS_INVALID);
+    expect(ats_wait(client, &answer, 1, -1) == 0);
+    expect(ats_request(client, "{\"request\":\"ping\"}", -1, &text) == ATS_INVALID);
+    expect(ats_request_begin(client, "{\"request\":\"ping\"}", -1) == ATS_INVALID);
+    expect(ats_request_next(client, -1, &text) == ATS_INVALID);
+    ats_close(client);
+    return faults;
+}
+
+// Both processes would use the same ids on the same socket, and get each other's answers. The threads that wait when
+// the process forks do not exist in the child.
+TEST(client, belongs_to_one_process)
+{
+    std::atomic<int> questions = 0;
+    auto service = std::make_unique<fake_service>(after_hello([&](const json& request) {
+        ++questions;
+        return request.value("address", "") == "10.0.0.2" ? usual(request) : reaction{};
+    }));
+    service->serve();
+    const client_ptr client = open_client();
+    std::vector<std::thread> waiting;
+    for (int i = 0; i < 2; ++i)
+        waiting.emplace_back([&] {
+            const ats_options_t options = with_timeout(60'000);
+            ats_answer_t answer{};
+            ats_resolve(client.get(), inet_addr("10.0.0.3"), &options, &answer);
+        });
+    while (questions < 2) std::this_thread::yield();
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60); // ends a child that waits for ever
+        _exit(use_in_child(client.get()));
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(resolve(client).status, ATS_OK);
+    service.reset();
+    for (std::thread& thread : waiting) thread.join();
 }
 
 TEST(client, reconnects_to_a_service_that_was_restarted)
