@@ -114,7 +114,7 @@ const char* misuse_of(const lookup& lookup, const ats_options_t& options)
     if (is_path && (options.flags & ATS_VERIFY))
         return "ATS_VERIFY is for addresses and GIDs only: ATS_FRESH asks the SA for a path";
     if (!is_path && lookup.family == AF_INET6 && (options.flags & ATS_FRESH))
-        return "ATS_FRESH is for addresses and paths only";
+        return "ATS_FRESH is for addresses and paths only: ATS_VERIFY asks the SA about a GID";
     return nullptr;
 }
 

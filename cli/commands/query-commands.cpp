@@ -158,6 +158,23 @@ ats::result<int> run_resolutions(const client_options& common, const resolve_opt
     return exit_code;
 }
 
+// Adds the options that choose between the cache and the SA. They exclude each other.
+void add_source_options(CLI::App& command, resolve_options& options, const resolution_command& description)
+{
+    std::vector<CLI::Option*> choices;
+    if (description.name != "path")
+        choices.push_back(command.add_flag("--verify", options.must_verify,
+                                           "If the cache answers, also ask the SA, and print if the cache was right"));
+    if (description.name != "reverse")
+        choices.push_back(command.add_flag("--fresh", options.is_fresh, "Ask the SA, even if the cache has an answer"));
+    choices.push_back(command.add_flag("--cached", options.cache_only, "Ask only the cache"));
+    for (CLI::Option* choice : choices) {
+        for (CLI::Option* other : choices)
+            if (other != choice) choice->excludes(other);
+        choice->option_text(" "); // the help then does not say what excludes what; the error message does
+    }
+}
+
 void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolution_command& description)
 {
     CLI::App* command = program.add_subcommand(description.name, description.summary);
@@ -165,13 +182,7 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
     command->add_option(description.argument, options->questions, description.argument_help)
         ->required()
         ->option_text("...");
-    CLI::Option* sa_option =
-        description.name == "path"
-            ? command->add_flag("--fresh", options->is_fresh, "Ask the SA, even if the cache has an answer")
-            : command->add_flag("--verify", options->must_verify,
-                                "If the cache answers, also ask the SA, and print if the cache was right");
-    sa_option->option_text(" "); // the help then does not say which options exclude each other; the error message does
-    command->add_flag("--cached", options->cache_only, "Ask only the cache")->excludes(sa_option)->option_text(" ");
+    add_source_options(*command, *options, description);
     auto common = add_client_options(*command, one_host);
     add_gid_format_option(*command, *common);
     set_client_action(*command, outcome, [=] { return run_resolutions(*common, *options, description); });

@@ -64,7 +64,7 @@ typedef enum ats_source {
 /* Flags of a question. Set at most one of them. */
 #define ATS_CACHED_ONLY 1u /* ask only the service's cache */
 #define ATS_VERIFY 2u      /* if the cache answers, also ask the SA */
-#define ATS_FRESH 4u       /* for an address or a path: ask the SA even if the cache has an answer */
+#define ATS_FRESH 4u       /* ask the SA even if the cache has an answer; not for the address of a GID */
 
 #define ATS_DEFAULT_TIMEOUT_MS 5000
 
@@ -126,7 +126,7 @@ void ats_close(ats_client_t* client);
  * at most for options->timeout_ms. `options` may be NULL, which means ATS_OPTIONS_INIT. Returns answer->status. */
 ats_status_t ats_resolve(ats_client_t* client, uint32_t address, const ats_options_t* options, ats_answer_t* answer);
 
-/* Finds the address of a GID. The rest is as in ats_resolve(). */
+/* Finds the address of a GID. ATS_FRESH is not allowed. The rest is as in ats_resolve(). */
 ats_status_t ats_reverse(ats_client_t* client, const uint8_t gid[16], const ats_options_t* options,
                          ats_answer_t* answer);
 

@@ -168,6 +168,8 @@ void running_service::check_lookups()
     EXPECT_THAT(again.out, HasSubstr("from the cache"));
     EXPECT_THAT(again.out, HasSubstr("the SA agrees"));
 
+    EXPECT_EQ(ats->ask_json({"resolve", "--fresh", "10.0.0.2"})[0]["source"], "SA");
+
     const program_result named = ats->ask({"resolve", "node2", "nobody", "--json"});
     EXPECT_EQ(named.exit_code, 1);
     EXPECT_EQ(named.answer()[0]["gid6"], "fe80::200:0:2:1");

@@ -155,6 +155,7 @@ def milliseconds(timeout: float) -> int:
 
 
 def make_options(cached_only: bool, verify: bool, timeout: float, host: Optional[str], fresh: bool = False) -> library.Options:
+    """Makes the library's options. At most one of `cached_only`, `verify` and `fresh` may be true: the library checks this."""
     flags = (1 if cached_only else 0) | (2 if verify else 0) | (4 if fresh else 0)
     return library.Options(ctypes.sizeof(library.Options), flags, milliseconds(timeout), 0, host.encode() if host else None)
 
@@ -201,16 +202,16 @@ class Client(Base):
     def __exit__(self, *_: object) -> None:
         self.close()
 
-    def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
+    def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False, fresh: bool = False,
                 timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
-        """Finds the GID of an IPv4 address. `timeout` is in seconds."""
-        options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
+        """Finds the GID of an IPv4 address. `fresh` asks the SA even if the cache has an answer. `timeout` is in seconds."""
+        options, answer = make_options(cached_only, verify, timeout, host, fresh), library.Answer()
         library.lib.ats_resolve(self._handle(), address_word(address), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
     def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False, timeout: float = DEFAULT_TIMEOUT,
                 host: Optional[str] = None) -> Answer:
-        """Finds the IPv4 address of a GID."""
+        """Finds the IPv4 address of a GID. Has no `fresh`: `verify` asks the SA, too."""
         options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
         library.lib.ats_reverse(self._handle(), gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
@@ -264,10 +265,10 @@ class AsyncClient(Base):
         self._futures.clear()
         super().close()
 
-    async def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False,
+    async def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False, fresh: bool = False,
                       timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
         """Finds the GID of an IPv4 address."""
-        options = make_options(cached_only, verify, timeout, host)
+        options = make_options(cached_only, verify, timeout, host, fresh)
         return await self._submit(library.lib.ats_submit_resolve, address_word(address), options)
 
     async def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False,
