@@ -12,6 +12,7 @@
 #include "client/ats/client.h"
 #include "client/client.h"
 #include "client/last-error.h"
+#include "client/parallel-requests.h"
 #include "client/socket-path.h"
 
 // These layouts must not change, because compiled programs contain them.
@@ -178,7 +179,39 @@ char* copy_of(const std::string& text)
     return copy;
 }
 
+// Checks a request and calls `send` with its body.
+template <class send_t>
+ats_status_t with_request_body(const ats_client_t* client, const char* request, const send_t& send)
+{
+    if (!client || !request) return no_arguments();
+    return guarded(client, [&] {
+        std::string body;
+        if (const char* reason = make_request_body(request, body)) return failed(ATS_INVALID, reason);
+        return send(body);
+    });
+}
+
 } // namespace
+
+ats_status_t add_request(ats_client_t* client, const char* request, int timeout_ms, uint64_t& id)
+{
+    return with_request_body(client, request, [&](const std::string& body) {
+        return client->client.add_request(body, deadline_after(timeout_ms), id);
+    });
+}
+
+ats_status_t next_line(ats_client_t* client, int timeout_ms, uint64_t& id, char** line)
+{
+    if (!client || !line) return no_arguments();
+    *line = nullptr;
+    return guarded(client, [&] {
+        request_line next;
+        const ats_status_t status = client->client.next_request_line(deadline_after(timeout_ms), next);
+        if (status == ATS_OK) *line = copy_of(next.text);
+        id = next.id;
+        return status;
+    });
+}
 
 const std::string& last_error()
 {
@@ -289,34 +322,22 @@ size_t ats_wait(ats_client_t* client, ats_answer_t* answers, size_t capacity, in
 
 ats_status_t ats_request_begin(ats_client_t* client, const char* request, int timeout_ms)
 {
-    if (!client || !request) return client::no_arguments();
-    return guarded(client, [&] {
-        std::string body;
-        if (const char* reason = client::make_request_body(request, body)) return failed(ATS_INVALID, reason);
+    return client::with_request_body(client, request, [&](const std::string& body) {
         return client->client.begin_request(body, client::deadline_after(timeout_ms));
     });
 }
 
 ats_status_t ats_request_next(ats_client_t* client, int timeout_ms, char** line)
 {
-    if (!client || !line) return client::no_arguments();
-    *line = nullptr;
-    return guarded(client, [&] {
-        std::string text;
-        const ats_status_t status = client->client.next_request_line(client::deadline_after(timeout_ms), text);
-        if (status == ATS_OK) *line = client::copy_of(text);
-        return status;
-    });
+    uint64_t id = 0;
+    return client::next_line(client, timeout_ms, id, line);
 }
 
 ats_status_t ats_request(ats_client_t* client, const char* request, int timeout_ms, char** answer)
 {
     if (!answer) return client::no_arguments();
     *answer = nullptr;
-    if (!client || !request) return client::no_arguments();
-    return guarded(client, [&] {
-        std::string body;
-        if (const char* reason = client::make_request_body(request, body)) return failed(ATS_INVALID, reason);
+    return client::with_request_body(client, request, [&](const std::string& body) {
         std::string text;
         const ats_status_t status = client->client.request(body, client::deadline_after(timeout_ms), text);
         if (status == ATS_OK) *answer = client::copy_of(text);

@@ -198,13 +198,15 @@ void client::reject_service(const std::string& reason)
 
 void client::take_request_line(std::string_view line)
 {
-    std::string text;
-    const reply reply = read_request_line(line, text);
-    request_lines_.push_back(std::move(text));
-    if (reply.is_last)
+    request_line& added = request_lines_.emplace_back();
+    const reply reply = read_request_line(line, added.text);
+    added.id = reply.id;
+    if (reply.is_last) {
         open_questions_.take(reply.id);
-    else if (request_lines_.size() == most_unread_lines)
+        request_ids_.erase(reply.id);
+    } else if (request_lines_.size() == most_unread_lines) {
         end(reply.id, failure(ATS_NO_MEMORY, "the lines of the answer were not read in time"));
+    }
 }
 
 // ---- connections that break ----
@@ -269,7 +271,8 @@ void client::end(uint64_t id, const ats_answer_t& answer)
         completions_.back().tag = question->tag;
         break;
     case question_kind::request:
-        if (id == request_id_) request_end_ = answer;
+        request_ids_.erase(id);
+        if (request_error_.status == ATS_OK) request_error_ = answer;
         break;
     }
 }
@@ -335,18 +338,37 @@ void client::watch()
                  open_questions_.first_deadline());
 }
 
+ats_status_t client::begin_request(const std::string& body, clock::time_point deadline)
+{
+    {
+        const lock guard(mutex_);
+        forget_requests();
+    }
+    uint64_t id = 0;
+    return add_request(body, deadline, id);
+}
+
 // A request is never repeated on a second connection, because it may be an order. Therefore this call first processes
 // the input: if the service has closed the idle connection, the request is sent on a new connection.
-ats_status_t client::begin_request(const std::string& body, clock::time_point deadline)
+ats_status_t client::add_request(const std::string& body, clock::time_point deadline, uint64_t& id)
 {
     lock guard(mutex_);
     take_input_without_waiting();
-    open_questions_.take(request_id_);
+    id = new_id();
+    request_ids_.insert(id);
+    question question{question_kind::request, 0, clock::time_point::max(), line_of(body, id), false};
+    const ats_status_t status = send(guard, id, std::move(question), deadline);
+    if (status != ATS_OK) request_ids_.erase(id);
+    return status;
+}
+
+// Ends all requests. If the service answers one of them later, the client ignores the answer.
+void client::forget_requests()
+{
+    for (const uint64_t id : request_ids_) open_questions_.take(id);
+    request_ids_.clear();
     request_lines_.clear();
-    request_end_ = {};
-    request_id_ = new_id();
-    question question{question_kind::request, 0, clock::time_point::max(), line_of(body, request_id_), false};
-    return send(guard, request_id_, std::move(question), deadline);
+    request_error_ = {};
 }
 
 ats_status_t client::request(const std::string& body, clock::time_point deadline, std::string& line)
@@ -359,24 +381,26 @@ ats_status_t client::request(const std::string& body, clock::time_point deadline
         is_in_request_ = true;
     }
     const std::unique_ptr<client, void (*)(client*)> turn(this, [](client* self) { self->end_turn(); });
-    const ats_status_t status = begin_request(body, deadline);
-    return status == ATS_OK ? next_request_line(deadline, line) : status;
+    if (const ats_status_t status = begin_request(body, deadline); status != ATS_OK) return status;
+    request_line answer;
+    const ats_status_t status = next_request_line(deadline, answer);
+    line = std::move(answer.text);
+    return status;
 }
 
-// Lets the next thread in request() send its request. If this thread's request gets its answer later, the client
-// ignores the answer.
+// Lets the next thread in request() send its request.
 void client::end_turn()
 {
     const lock guard(mutex_);
-    open_questions_.take(request_id_);
+    forget_requests();
     is_in_request_ = false;
     progress_.notify_all();
 }
 
-ats_status_t client::next_request_line(clock::time_point deadline, std::string& line)
+ats_status_t client::next_request_line(clock::time_point deadline, request_line& line)
 {
     lock guard(mutex_);
-    const auto is_over = [&] { return !open_questions_.find(request_id_); };
+    const auto is_over = [&] { return request_ids_.empty() || request_error_.status != ATS_OK; };
     wait_until(guard, deadline, [&] { return !request_lines_.empty() || is_over(); });
     if (!request_lines_.empty()) {
         line = std::move(request_lines_.front());
@@ -384,7 +408,7 @@ ats_status_t client::next_request_line(clock::time_point deadline, std::string& 
         return ATS_OK;
     }
     if (!is_over()) return failed(ATS_NO_ANSWER, no_answer);
-    if (request_end_.status != ATS_OK) return failed(request_end_.status, request_end_.reason);
+    if (request_error_.status != ATS_OK) return failed(request_error_.status, request_error_.reason);
     return failed(ATS_NOT_FOUND, "the answer has no further line");
 }
 

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <unistd.h>
 
 #include "client/open-questions.h"
@@ -20,6 +21,12 @@
 
 namespace client
 {
+
+// A line of the answer to a request.
+struct request_line {
+    uint64_t id = 0; // of the request
+    std::string text;
+};
 
 class client
 {
@@ -49,10 +56,12 @@ class client
     // one request is sent after the other.
     ats_status_t request(const std::string& body, clock::time_point deadline, std::string& line);
 
-    // begin_request() sends a request. next_request_line() waits for the next line of its answer and stores it in
-    // `line`. Only one thread at a time may use these two calls.
+    // begin_request() ends all earlier requests and sends one. add_request() sends a further one and stores its id in
+    // `id`. next_request_line() waits for the next line of the answers to these requests. If one of them ends with an
+    // error, it returns the error after the lines that came before. Only one thread at a time may use these calls.
     ats_status_t begin_request(const std::string& body, clock::time_point deadline);
-    ats_status_t next_request_line(clock::time_point deadline, std::string& line);
+    ats_status_t add_request(const std::string& body, clock::time_point deadline, uint64_t& id);
+    ats_status_t next_request_line(clock::time_point deadline, request_line& line);
 
   private:
     using lock = std::unique_lock<std::mutex>;
@@ -70,6 +79,7 @@ class client
     void take_hello(std::string_view line);
     void take_line(std::string_view line);
     void take_request_line(std::string_view line);
+    void forget_requests();
     void reject_service(const std::string& reason);
     void close_connection();
     void reconnect();
@@ -93,10 +103,10 @@ class client
     std::deque<ats_answer_t> completions_;              // answers to submitted questions, for collect() and wait()
     size_t submissions_ = 0;                            // number of submitted questions without an answer
 
-    bool is_in_request_ = false;            // true while a thread has its turn in request()
-    uint64_t request_id_ = 0;               // id of the last request; 0: there was no request
-    std::deque<std::string> request_lines_; // lines of its answer that the program has not got yet
-    ats_answer_t request_end_{};            // the error that has ended the request; ATS_OK: no error
+    bool is_in_request_ = false;             // true while a thread has its turn in request()
+    std::set<uint64_t> request_ids_;         // ids of the requests that have not ended
+    std::deque<request_line> request_lines_; // lines of their answers that the program has not got yet
+    ats_answer_t request_error_{};           // the first error that has ended one of them; ATS_OK: no error
 
     wake_up wake_up_;
 };

@@ -7,11 +7,13 @@
 #include <thread>
 #include <unistd.h>
 
+#include "cli/commands/answers-in-order.h"
 #include "cli/commands/full-screen.h"
 #include "cli/commands/sa-show.h"
 #include "cli/commands/service-client.h"
 #include "cli/commands/show.h"
 #include "console/errors.h"
+#include "console/gids.h"
 #include "console/identity.h"
 #include "console/log-filter.h"
 #include "console/table.h"
@@ -61,12 +63,11 @@ ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
                 {"matches", *records}};
 }
 
-// Asks for a host name. Returns an array with one answer for each record of that name. Without a record, the array has
-// one answer, which gives the reason.
-ats::result<json> resolve_name(service_client& service, const std::string& host_name)
+// Returns an array with one answer for each record of a host name. `answer` is the service's answer about this name.
+// Without a record, the array has one answer, which gives the reason.
+ats::result<json> answers_about_name(ats::result<json> answer, const std::string& host_name)
 {
-    ats::result<json> answer = service.ask({{"request", "resolve"}, {"name", host_name}});
-    if (answer && answer->value("real", false)) answer = resolve_name_at_real_sa(host_name);
+    if (answer->value("real", false)) answer = resolve_name_at_real_sa(host_name);
     if (!answer) return answer;
     if (answer->value("status", "") != "ok") return json::array({*answer});
     json answers = json::array();
@@ -95,27 +96,40 @@ std::string key_of(const resolution_command& command, const std::string& questio
     return question.find_first_not_of("0123456789.") == std::string::npos ? "address" : "gid";
 }
 
-// Asks one question. Returns an array with the answer; for a host name, it may have several answers. If the service
-// refuses the question, the array has the refusal {"error", "exit_code"}.
-ats::result<json> resolve_one(service_client& service, const resolve_options& options,
-                              const resolution_command& command, const std::string& question)
+bool is_about_name(const resolution_command& command, const std::string& question)
 {
-    if (command.name == "resolve" && is_name_to_resolve(question)) {
+    return command.name == "resolve" && is_name_to_resolve(question);
+}
+
+// Returns the error if a question cannot be sent. A service may close the connection, which the other questions use,
+// too, if a line is too long. Therefore the command refuses a long question itself, with the service's text.
+std::optional<ats::error> fault_of(const resolution_command& command, const std::string& key,
+                                   const std::string& question)
+{
+    constexpr size_t longest_question_bytes = 256;
+    if (command.name == "path" && key == "gid" && !world::parse_gid(question))
+        return ats::error(ats::error_kind::invalid,
+                          console::quote(question) + " is neither an IPv4 address nor a GID: write it like 10.0.0.1 or "
+                                                     "like fe80::1");
+    if (question.size() <= longest_question_bytes) return std::nullopt;
+    const auto error_of = [](const auto& value) { return value ? std::nullopt : std::optional(value.error()); };
+    return key == "gid" ? error_of(console::gid_of(question)) : error_of(console::address_of(question));
+}
+
+// Returns the request for a question. If the question is wrong, returns its refusal.
+json request_about(const resolve_options& options, const resolution_command& command, const std::string& question)
+{
+    if (is_about_name(command, question)) {
         if (options.cache_only)
-            return ats::fail(ats::error_kind::invalid, "--cached is for addresses: no cache knows host names");
-        return resolve_name(service, question);
+            return refusal_answer({ats::error_kind::invalid, "--cached is for addresses: no cache knows host names"});
+        return {{"request", "resolve"}, {"name", question}};
     }
     const std::string key = key_of(command, question);
-    if (command.name == "path" && key == "gid" && !world::parse_gid(question))
-        return json::array(
-            {{{"error", console::quote(question) + " is neither an IPv4 address nor a GID: write it like "
-                                                   "10.0.0.1 or like fe80::1"},
-              {"exit_code", int{console::exit_usage}}}});
+    if (const std::optional<ats::error> fault = fault_of(command, key, question)) return refusal_answer(*fault);
     json request = {{"request", command.name}, {key, question}, {"cached", options.cache_only}};
     if (options.must_verify) request["verify"] = true;
     if (options.is_fresh) request["fresh"] = true;
-    const ats::result<json> answer = service.ask(request);
-    return answer.map([](const json& single_answer) { return json::array({single_answer}); });
+    return request;
 }
 
 int exit_code_of(const json& answer)
@@ -134,16 +148,25 @@ void show_answer_or_refusal(const client_options& common, const resolution_comma
         show_resolution(std::cout, with_gid_format(answer, common));
 }
 
-// Asks all questions, even if the service refuses some of them. Returns the highest exit code.
+// Asks all questions, even if some of them are refused. Returns the highest exit code.
 ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
                                  const resolution_command& command)
 {
     ats::result<service_client> service = service_client::open(common);
     if (!service) return ats::pass_on(service);
+    const std::vector<std::string>& questions = options.questions;
+    answers_in_order service_answers(*service, questions.size(), [&](size_t question) {
+        return request_about(options, command, questions[question]);
+    });
     json all_answers = json::array();
     int exit_code = console::exit_ok;
-    for (const std::string& question : options.questions) {
-        ats::result<json> answers = resolve_one(*service, options, command, question);
+    for (const std::string& question : questions) {
+        if (!service_answers.is_next_ready()) std::cout << std::flush;
+        ats::result<json> answers = service_answers.next();
+        if (answers && is_about_name(command, question))
+            answers = answers_about_name(*answers, question);
+        else if (answers)
+            answers = json::array({*answers});
         if (!answers) return ats::pass_on(answers);
         for (json& answer : *answers) {
             answer["asked"] = question;

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "cli/socket/service-origin.h"
+#include "client/parallel-requests.h"
 #include "console/errors.h"
 #include "console/gids.h"
 #include "console/table.h"
@@ -96,16 +97,22 @@ ats::result<service_client> service_client::open(const client_options& options)
     return service_client(options, library_client(library));
 }
 
-ats::result<json> service_client::ask(json request)
+// Adds the host to the request. Fails (invalid) if the request cannot be a line of the protocol.
+ats::result<std::string> service_client::line_of(json request) const
 {
     if (!options_.host.empty()) request["host"] = options_.host;
-    std::string line;
     try {
-        line = request.dump();
+        return request.dump();
     } catch (const json::type_error&) {
         return ats::fail(error_kind::invalid, "an argument holds bytes that are not text (UTF-8)");
     }
-    const ats_status_t status = ats_request_begin(library_.get(), line.c_str(), 2 * half_timeout_ms(options_));
+}
+
+ats::result<json> service_client::ask(json request)
+{
+    const ats::result<std::string> line = line_of(std::move(request));
+    if (!line) return ats::pass_on(line);
+    const ats_status_t status = ats_request_begin(library_.get(), line->c_str(), 2 * half_timeout_ms(options_));
     if (status != ATS_OK) return tl::make_unexpected(library_error(options_, status, false));
     return next();
 }
@@ -120,13 +127,29 @@ ats::result<json> service_client::ask_accepted(json request)
 
 ats::result<json> service_client::next()
 {
+    return receive().map([](const reply& reply) { return reply.answer; });
+}
+
+ats::result<uint64_t> service_client::send(json request)
+{
+    const ats::result<std::string> line = line_of(std::move(request));
+    if (!line) return ats::pass_on(line);
+    uint64_t id = 0;
+    const ats_status_t status = client::add_request(library_.get(), line->c_str(), 2 * half_timeout_ms(options_), id);
+    if (status != ATS_OK) return tl::make_unexpected(library_error(options_, status, false));
+    return id;
+}
+
+ats::result<service_client::reply> service_client::receive()
+{
     char* line = nullptr;
+    uint64_t id = 0;
     ats_status_t status = ATS_NO_ANSWER;
-    while ((status = ats_request_next(library_.get(), half_timeout_ms(options_), &line)) == ATS_NO_ANSWER)
+    while ((status = client::next_line(library_.get(), half_timeout_ms(options_), id, &line)) == ATS_NO_ANSWER)
         if (!is_alive()) break;
     if (status != ATS_OK) return tl::make_unexpected(library_error(options_, status, true));
     const std::unique_ptr<char, decltype(&ats_free)> owner(line, ats_free);
-    return json::parse(line);
+    return reply{id, json::parse(line)};
 }
 
 // Pings the service on a second connection. Any reaction shows that the service works: an answer, a refusal, or a

@@ -61,6 +61,16 @@ class service_client
     // Reads the next line of an answer that has several lines.
     ats::result<json> next();
 
+    // send() sends a request and does not wait for its answer; it returns the request's id. receive() waits for the
+    // next answer to any of these requests. They are answered in any order. If the service hangs up, receive() returns
+    // the answers that have arrived before it fails. ask() ends all these requests.
+    struct reply {
+        uint64_t id;
+        json answer; // {"error", "exit_code"} if the service refuses the request
+    };
+    ats::result<uint64_t> send(json request);
+    ats::result<reply> receive();
+
   private:
     struct closing {
         void operator()(ats_client_t* client) const { ats_close(client); }
@@ -71,6 +81,7 @@ class service_client
         : options_(options), library_(std::move(library))
     {
     }
+    ats::result<std::string> line_of(json request) const;
     bool is_alive() const;
 
     client_options options_;
