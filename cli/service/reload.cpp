@@ -90,8 +90,9 @@ class reload_run
         current.limits = file.limits;
     }
 
-    void change_host(world::host& host, host_settings& current, const host_settings& file)
+    void change_host(world::host& host, host_config& config, const host_settings& file)
     {
+        host_settings& current = config.settings;
         change(current.trace, file.trace, host, "traces at level " + std::to_string(file.trace),
                [&]() -> ats::result<> {
                    set_trace_level(host, file.trace);
@@ -104,12 +105,15 @@ class reload_run
                    set_spread(host, file.spread_seconds);
                    return {};
                });
-        change(current.address, file.address, host, "has the address " + file.address, [&]() -> ats::result<> {
+        const auto order_address = [&]() -> ats::result<> {
             const ats::result<uint32_t> ip = console::host_address_of(file.address);
             return ip ? set_address(host, *ip, completion::confirmed) : ats::pass_on(ip);
-        });
-        change(current.name, file.name, host, "is called " + file.name,
-               [&] { return set_name(host, file.name, completion::confirmed); });
+        };
+        const std::string address_text = "has the address " + file.address;
+        change(current.address, file.address, host, address_text, order_address, &config.is_address_unsure);
+        change(
+            current.name, file.name, host, "is called " + file.name,
+            [&] { return set_name(host, file.name, completion::confirmed); }, &config.is_name_unsure);
     }
 
     void refuse(const std::string& part)
@@ -152,13 +156,17 @@ class reload_run
         say(result ? text : text + ", which failed: " + result.error().text, host);
     }
 
+    // Executes `order` if the setting differs from the file, or if an earlier order has failed. `is_unsure` is null if
+    // an order that fails leaves the host as it was.
     template <class setting_t>
     void change(setting_t& current, const setting_t& file, world::host& host, const std::string& text,
-                const std::function<ats::result<>()>& order)
+                const std::function<ats::result<>()>& order, bool* is_unsure = nullptr)
     {
-        if (current == file || !calls_.may_go_on()) return;
+        const bool is_same = current == file && (!is_unsure || !*is_unsure);
+        if (is_same || !calls_.may_go_on()) return;
         const ats::result<> result = order();
         report(result, host.name() + " now " + text, host.name());
+        if (is_unsure) *is_unsure = !result;
         if (result) current = file;
     }
 
@@ -181,7 +189,7 @@ void reload(running_hosts& hosts, world_config& current, const world_config& fil
         world::host& host = *hosts.all()[i];
         for (const auto& part : fixed_host_parts)
             if (!part.is_same(current.hosts[i], *counterparts[i])) reload_run.refuse(part.name, host);
-        reload_run.change_host(host, current.hosts[i].settings, counterparts[i]->settings);
+        reload_run.change_host(host, current.hosts[i], counterparts[i]->settings);
     }
     reload_run.end();
 }

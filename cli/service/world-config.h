@@ -76,6 +76,9 @@ struct host_settings {
 struct host_config : world::host_plan {
     host_settings settings = {};
     std::vector<std::string> parameters = {}; // for each module, its parameters in the file, as text for insmod
+
+    // True after a reload that could not change the name or the address. The host may have the old or the new value.
+    bool is_name_unsure = false, is_address_unsure = false;
 };
 
 struct world_config {

@@ -91,6 +91,24 @@ std::string reload(const service& ats, notice_socket& notices)
     return ats.complaints().substr(before);
 }
 
+TEST(service, takes_back_an_address_that_was_reloaded_while_the_sa_was_silent)
+{
+    const scratch_folder folder;
+    notice_socket notices(folder / "notify");
+    const std::string config = folder / "world.toml";
+    write_file(config, "[[host]]\naddress = \"10.0.0.1\"\n");
+    service ats({"--config", config});
+    EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
+    EXPECT_EQ(ats.ask({"sa", "silence", "on"}).exit_code, 0);
+    write_file(config, "[[host]]\naddress = \"10.0.0.11\"\n");
+    EXPECT_THAT(reload(ats, notices), testing::HasSubstr("10.0.0.11, which failed: stored, not confirmed by the SA"));
+    EXPECT_EQ(ats.ask({"sa", "silence", "off"}).exit_code, 0);
+    write_file(config, "[[host]]\naddress = \"10.0.0.1\"\n");
+    EXPECT_EQ(reload(ats, notices), "ats: reloaded: node1 now has the address 10.0.0.1\n");
+    EXPECT_EQ(reload(ats, notices), "ats: reloaded: nothing has changed\n");
+    EXPECT_EQ(ats.ask_json({"sa", "show"})["records"][0]["address"], "10.0.0.1");
+}
+
 TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ignores_a_wrong_file)
 {
     const scratch_folder folder;
