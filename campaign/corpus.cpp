@@ -127,7 +127,7 @@ class search
     ats::result<bool> run(const plan& plan, coverage& coverage)
     {
         edges_.clear();
-        const ats::result<run_result> result = run_apart(plan, all_acts(plan), options_.run);
+        const ats::result<run_result> result = run_in_new_process(plan, all_acts(plan), options_.run);
         if (!result) return ats::pass_on(result);
         if (edges_.all_edges() == 0) return ats::fail(ats::error_kind::invalid, no_edges);
         progress_.show(std::to_string(plain_runs_) + " plain runs: " + std::to_string(plain_.edges()) + " edges; " +

@@ -132,7 +132,7 @@ ats::result<int> show_failing_run(const command_line& line, const plan& plan, co
     }
     if (line.minimise) {
         for (const size_t number : simplest.acts) std::printf("  %s\n", describe(simplest.plan, number).c_str());
-        const ats::result<run_result> last_run = run_apart(simplest.plan, simplest.acts, line.options);
+        const ats::result<run_result> last_run = run_in_new_process(simplest.plan, simplest.acts, line.options);
         if (!last_run) return ats::pass_on(last_run);
         show_failure(last_run->complaint, choice_with(simplest.plan, text_of(simplest.acts)));
     }
@@ -155,7 +155,7 @@ ats::result<int> replay(const command_line& line)
     if (!acts) return ats::pass_on(acts);
     for (const std::string& path : {line.options.log_path, line.options.capture_path, line.picture_path})
         if (const ats::result<> result = check_writable(path); !result) return ats::pass_on(result);
-    const ats::result<run_result> result = run_apart(plan, *acts, line.options);
+    const ats::result<run_result> result = run_in_new_process(plan, *acts, line.options);
     if (!result) return ats::pass_on(result);
     if (!result->complaint.empty()) return show_failing_run(line, plan, *acts, *result);
     if (!line.picture_path.empty())

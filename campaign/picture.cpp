@@ -42,7 +42,7 @@ ats::result<> draw(const std::string& path, const plan& plan, const std::vector<
                                       .options = plan.options,
                                       .module_folder = options.module_folder,
                                       .selection = selection_of(plan, only)});
-    const ats::result<run_result> result = run_apart(plan, acts, options);
+    const ats::result<run_result> result = run_in_new_process(plan, acts, options);
     if (!result) return ats::pass_on(result);
     if (result->counts.digest != first_run.counts.digest)
         return ats::fail("the recorded run differs from the first run");

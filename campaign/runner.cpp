@@ -128,7 +128,7 @@ bool is_interrupted()
     return was_interrupted;
 }
 
-ats::result<run_result> run_apart(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
+ats::result<run_result> run_in_new_process(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
 {
     ats::result<run_process> process = run_process::start(plan, act_numbers, options);
     if (!process) return ats::pass_on(process);
@@ -191,7 +191,7 @@ std::vector<size_t> all_acts(const plan& plan)
 // removed if the other acts still fail in the same way.
 ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> act_numbers, const run_options& options)
 {
-    const ats::result<run_result> failure = run_apart(plan, act_numbers, options);
+    const ats::result<run_result> failure = run_in_new_process(plan, act_numbers, options);
     if (!failure) return ats::pass_on(failure);
     const std::string kind = complaint_kind(failure->complaint);
     for (size_t piece = std::max<size_t>(act_numbers.size() / 2, 1); piece > 0; piece /= 2) {
@@ -199,7 +199,7 @@ ats::result<std::vector<size_t>> shorten(const plan& plan, std::vector<size_t> a
             std::vector<size_t> rest = act_numbers;
             const auto begin = rest.begin() + static_cast<ptrdiff_t>(position);
             rest.erase(begin, begin + static_cast<ptrdiff_t>(std::min(piece, rest.size() - position)));
-            const ats::result<run_result> result = run_apart(plan, rest, options);
+            const ats::result<run_result> result = run_in_new_process(plan, rest, options);
             if (!result) return ats::pass_on(result);
             if (complaint_kind(result->complaint) == kind)
                 act_numbers = std::move(rest);

@@ -103,7 +103,7 @@ class simplifier
     {
         campaign::plan candidate = plan_;
         if (failure_ || !change(candidate, text)) return false;
-        const ats::result<run_result> result = run_apart(candidate, acts_, options_);
+        const ats::result<run_result> result = run_in_new_process(candidate, acts_, options_);
         if (!result) failure_ = result.error();
         if (!result || complaint_kind(result->complaint) != kind_) return false;
         plan_ = std::move(candidate);
@@ -181,7 +181,7 @@ ats::result<> unify_trace_levels(failing_run& run, const std::string& complaint,
     plan candidate = run.plan;
     if (const ats::result<> result = change(candidate, "trace=" + std::to_string(debug_trace_level)); !result)
         return result;
-    const ats::result<run_result> result = run_apart(candidate, run.acts, options);
+    const ats::result<run_result> result = run_in_new_process(candidate, run.acts, options);
     if (!result) return ats::pass_on(result);
     if (complaint_kind(result->complaint) == complaint_kind(complaint)) run.plan = std::move(candidate);
     return {};
@@ -191,7 +191,7 @@ ats::result<failing_run> simplify(failing_run run, const run_options& options)
 {
     ats::result<std::vector<size_t>> fewest_acts = shorten(run.plan, std::move(run.acts), options);
     if (!fewest_acts) return ats::pass_on(fewest_acts);
-    const ats::result<run_result> failure = run_apart(run.plan, *fewest_acts, options);
+    const ats::result<run_result> failure = run_in_new_process(run.plan, *fewest_acts, options);
     if (!failure) return ats::pass_on(failure);
     simplifier simplifier(std::move(run.plan), *fewest_acts, options, complaint_kind(failure->complaint));
     simplifier.lower_all();

@@ -49,7 +49,7 @@ struct task : kernel_task_t {
     // Only the task itself reads and writes the following members.
     const char* atomic_context = nullptr;     // the innermost context that may not sleep, or null
     int spin_locks = 0;                       // number of spin locks that the task holds
-    const wait_queue_t* wait_queue = nullptr; // the task's entry in the wait queue that it joined last, or null
+    const wait_queue_t* wait_entry = nullptr; // the task's entry in the wait queue that it joined last, or null
     print_capture* capture = nullptr;         // keeps the texts that the task prints, or null
 
   protected:

@@ -16,7 +16,7 @@
 
 using exec::might_sleep;
 using kernel::current_machine;
-using kernel::machine_where_others_may_run;
+using kernel::current_machine_may_sleep;
 
 namespace
 {
@@ -49,7 +49,7 @@ void printk(const char* format, ...)
 
 void* kmalloc(size_t size, gfp_t flags)
 {
-    kernel::machine& machine = flags == GFP_KERNEL ? machine_where_others_may_run(__func__) : current_machine(__func__);
+    kernel::machine& machine = flags == GFP_KERNEL ? current_machine_may_sleep(__func__) : current_machine(__func__);
     if (machine.faults.should_fail(__func__)) return nullptr;
     return machine.memory.allocate(size, __builtin_return_address(0));
 }
@@ -62,7 +62,7 @@ void kfree(const void* memory)
 
 unsigned long copy_from_user(void* destination, const void* source, unsigned long count)
 {
-    if (machine_where_others_may_run(__func__).faults.should_fail(__func__)) return count;
+    if (current_machine_may_sleep(__func__).faults.should_fail(__func__)) return count;
     std::memcpy(destination, source, count);
     return 0;
 }

@@ -118,7 +118,7 @@ inline machine& current_machine(const char* caller)
 
 // Returns the machine of the calling task. Most kernel calls that may sleep begin with this function. Other tasks may
 // run before it returns, as in a real kernel. Panics in a context that may not sleep.
-inline machine& machine_where_others_may_run(const char* call)
+inline machine& current_machine_may_sleep(const char* call)
 {
     might_sleep(call);
     machine& home = current_machine(call);

@@ -47,7 +47,7 @@ class guard_lock
 // task's next sleep end at once, so that the task checks the condition of the outer queue again.
 void keep_outer_wake_up(task& sleeper)
 {
-    if (sleeper.wait_queue) sleeper.exec.wake(sleeper);
+    if (sleeper.wait_entry) sleeper.exec.wake(sleeper);
 }
 
 // One task in a semaphore's queue. The record is on the task's stack.
@@ -98,7 +98,7 @@ unsigned long sleep_for(unsigned long timeout_ticks, const char* call, bool is_i
     task& sleeper = self();
     const uint64_t begin = sleeper.exec.now();
     const uint64_t deadline = timeout_ticks < never - begin ? begin + timeout_ticks : never;
-    const char* object = sleeper.wait_queue ? sleeper.wait_queue->queue_name : "";
+    const char* object = sleeper.wait_entry ? sleeper.wait_entry->queue_name : "";
     if (is_interruptible) {
         sleeper.interruptible = true;
         if (!sleeper.signal) sleeper.exec.park(deadline, call, object);
@@ -107,7 +107,7 @@ unsigned long sleep_for(unsigned long timeout_ticks, const char* call, bool is_i
     } else {
         do {
             sleeper.exec.park(deadline, call, object);
-        } while (!sleeper.wait_queue && sleeper.exec.now() < deadline);
+        } while (!sleeper.wait_entry && sleeper.exec.now() < deadline);
     }
     const uint64_t end = sleeper.exec.now();
     return end < deadline ? deadline - end : 0;
@@ -225,19 +225,19 @@ void prepare_to_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
     task& caller = self();
     sleeper->task = &caller;
     sleeper->queue_name = queue->name;
-    sleeper->outer = caller.wait_queue;
-    caller.wait_queue = sleeper;
+    sleeper->outer = caller.wait_entry;
+    caller.wait_entry = sleeper;
     list_add_tail(&sleeper->link, &queue->sleepers);
 }
 
 void finish_wait(wait_queue_head_t* queue, wait_queue_t* sleeper)
 {
     task& caller = self();
-    if (caller.wait_queue != sleeper)
+    if (caller.wait_entry != sleeper)
         exec::panic("finish_wait: the task is not in %s, or joined another wait queue later", queue->name);
     const guard_lock lock(queue->guard);
     list_del_init(&sleeper->link);
-    caller.wait_queue = sleeper->outer;
+    caller.wait_entry = sleeper->outer;
     keep_outer_wake_up(caller);
 }
 

@@ -13,7 +13,7 @@ void boot(kernel::machine& home)
     home.get<timers>().set_idle_work([polling = fabric_polling(home.hcas())] { return polling.poll(); });
     for (fabric::hca* each : home.hcas()) {
         home.get<verbs>().events_of(*each);
-        home.get<gsi>().adapter(name_in_stack(*each).name);
+        home.get<gsi>().adapter(name_for_modules(*each).name);
     }
 }
 

@@ -3,7 +3,7 @@
 #include "kernel/errno.h"
 
 using kernel::current_machine;
-using kernel::machine_where_others_may_run;
+using kernel::current_machine_may_sleep;
 using stack::datagram_pool;
 using stack::datagram_record;
 
@@ -44,7 +44,7 @@ int gsi_register_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* 
                        int rmpp, gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
                        gsi_class_handle_t* handle)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (redirection != no_redirection || rmpp != no_rmpp) return -EK_INVAL;
     std::unique_ptr<gsi_class_t> client;
@@ -59,7 +59,7 @@ int gsi_join_class(uint8_t mgt_class, uint8_t class_ver, const kq_hca_name* hca,
                    gsi_completion_fn_t send_callback, gsi_completion_fn_t receive_callback, void* context,
                    gsi_class_handle_t* handle)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     std::unique_ptr<gsi_class_t> client;
     const int error = make_client(home, mgt_class, class_ver, hca, port_num, send_callback, receive_callback, context,
@@ -79,7 +79,7 @@ int gsi_deregister_class(gsi_class_handle_t handle)
 
 int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, const char* name)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__)) return -EK_NOMEM;
     if (size < 1 || !pool || !name) return -EK_INVAL;
     datagram_pool* new_pool =
@@ -91,7 +91,7 @@ int gsi_dtgrm_pool_create_named(int32_t size, gsi_dtgrm_pool_handle_t* pool, con
 
 int gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     return home.get<stack::gsi>().destroy_pool(pool_of(pool)) ? 0 : -EK_INVAL;
 }
 

@@ -19,9 +19,9 @@ gsi::~gsi()
                     pools_[0]->name().c_str());
 }
 
-gsi_adapter* gsi::adapter(const char* name_in_stack)
+gsi_adapter* gsi::adapter(const char* name_for_modules)
 {
-    fabric::hca* hca = find_hca(home_, name_in_stack);
+    fabric::hca* hca = find_hca(home_, name_for_modules);
     if (!hca) return nullptr;
     const std::lock_guard lock(mutex_);
     for (const auto& each : adapters_)

@@ -52,7 +52,7 @@ class gsi final : public kernel::service
 
     // Returns the GSI layer of an HCA, or null if the machine has no HCA with that name. The first call for an HCA
     // starts the completion task of the HCA, and throws exec::shortage if the task cannot be created.
-    gsi_adapter* adapter(const char* name_in_stack);
+    gsi_adapter* adapter(const char* name_for_modules);
 
     // Creates a pool. The service owns the pool. `creator` is an address in the caller's code, for left_by(). Returns
     // null if there is no memory.

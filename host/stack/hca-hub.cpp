@@ -72,7 +72,7 @@ hca_hub& hca_hubs::hub_of(fabric::hca& adapter)
     return *hub;
 }
 
-kq_hca_name name_in_stack(const fabric::hca& adapter)
+kq_hca_name name_for_modules(const fabric::hca& adapter)
 {
     kq_hca_name record{};
     adapter.name().copy(record.name, sizeof record.name - 1);
@@ -82,7 +82,7 @@ kq_hca_name name_in_stack(const fabric::hca& adapter)
 fabric::hca* find_hca(const kernel::machine& home, const char* name)
 {
     for (fabric::hca* adapter : home.hcas())
-        if (std::strncmp(name_in_stack(*adapter).name, name, sizeof kq_hca_name::name) == 0) return adapter;
+        if (std::strncmp(name_for_modules(*adapter).name, name, sizeof kq_hca_name::name) == 0) return adapter;
     return nullptr;
 }
 

@@ -62,9 +62,9 @@ class hca_hubs final : public kernel::service
 };
 
 // Returns the HCA's name as modules see it: its first 99 bytes, NUL-terminated.
-kq_hca_name name_in_stack(const fabric::hca& adapter);
+kq_hca_name name_for_modules(const fabric::hca& adapter);
 
-// Returns the machine's HCA whose name_in_stack() is this name, or null.
-fabric::hca* find_hca(const kernel::machine& home, const char* name_in_stack);
+// Returns the machine's HCA whose name_for_modules() is this name, or null.
+fabric::hca* find_hca(const kernel::machine& home, const char* name_for_modules);
 
 } // namespace stack

@@ -5,7 +5,7 @@
 #include "host/stack/verbs-service.h"
 #include "kernel/printk.h"
 
-using kernel::machine_where_others_may_run;
+using kernel::current_machine_may_sleep;
 
 namespace
 {
@@ -17,7 +17,7 @@ constexpr uint32_t largest_message = 0x80000000; // bytes (IBA 9.2)
 // call must return.
 kq_return_t read_port(const char* call, kq_hca_h_t hca, kq_port_num_t port, fabric::port_attributes& attributes)
 {
-    kernel::machine& home = machine_where_others_may_run(call);
+    kernel::machine& home = current_machine_may_sleep(call);
     if (home.faults.should_fail(call)) return kq_return_err_general;
     const stack::hca_events* events = home.get<stack::verbs>().find(hca);
     if (!events) return kq_return_err_invalid_hca;
@@ -40,20 +40,20 @@ kq_return_t store(const std::vector<source_t>& table, int* count, entry_t* entri
 
 int kq_list_hcas(kq_hca_name* names, int capacity)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__) || !names || capacity < 0) return kq_return_err_general;
     const int hca_count = static_cast<int>(home.hcas().size());
     const int count = std::min(capacity, hca_count);
-    if (count < hca_count && count > 0 && home.get<stack::verbs>().should_report_cut())
+    if (count < hca_count && count > 0 && home.get<stack::verbs>().is_first_short_list())
         printk("verbs - this host has %d hcas, only the first %d are used\n", hca_count, count);
     std::transform(home.hcas().begin(), home.hcas().begin() + count, names,
-                   [](const fabric::hca* each) { return stack::name_in_stack(*each); });
+                   [](const fabric::hca* each) { return stack::name_for_modules(*each); });
     return count;
 }
 
 kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__) || !name || flags != shared_use || !hca) return kq_return_err_general;
     kq_hca_h_t handle = home.get<stack::verbs>().open(name->name, __builtin_return_address(0));
     if (!handle) return kq_return_err_invalid_hca;
@@ -63,12 +63,12 @@ kq_return_t kq_hca_open(const kq_hca_name* name, int flags, kq_hca_h_t* hca)
 
 kq_return_t kq_hca_close(kq_hca_h_t hca)
 {
-    return machine_where_others_may_run(__func__).get<stack::verbs>().close(hca);
+    return current_machine_may_sleep(__func__).get<stack::verbs>().close(hca);
 }
 
 kq_return_t kq_hca_query(kq_hca_h_t hca, kq_hca_attrib_t* attributes)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__) || !attributes) return kq_return_err_general;
     const stack::hca_events* events = home.get<stack::verbs>().find(hca);
     if (!events) return kq_return_err_invalid_hca;
@@ -120,7 +120,7 @@ kq_return_t kq_get_port_partition_tbl(kq_hca_h_t hca, kq_port_num_t port, int* c
 kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_event_record_t* request,
                                             kq_async_event_fn_t callback)
 {
-    kernel::machine& home = machine_where_others_may_run(__func__);
+    kernel::machine& home = current_machine_may_sleep(__func__);
     if (home.faults.should_fail(__func__) || !request || !callback) return kq_return_err_general;
     if (request->req_event_type != kq_async_even_all) return kq_return_err_general;
     stack::hca_events* events = home.get<stack::verbs>().find(hca);
@@ -130,7 +130,7 @@ kq_return_t kq_set_sleepable_async_event_cb(kq_hca_h_t hca, const kq_request_eve
 
 kq_return_t kq_dell_sleepable_async_event_cb(kq_hca_h_t hca, kq_async_event_fn_t callback)
 {
-    stack::hca_events* events = machine_where_others_may_run(__func__).get<stack::verbs>().find(hca);
+    stack::hca_events* events = current_machine_may_sleep(__func__).get<stack::verbs>().find(hca);
     if (!events) return kq_return_err_invalid_hca;
     return events->unsubscribe(hca, callback) ? kq_return_ok : kq_return_err_general;
 }

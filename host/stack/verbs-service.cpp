@@ -25,9 +25,9 @@ hca_events& verbs::events_of(fabric::hca& adapter)
     return *events;
 }
 
-kq_hca_h_t verbs::open(const char* name_in_stack, const void* opener)
+kq_hca_h_t verbs::open(const char* name_for_modules, const void* opener)
 {
-    fabric::hca* adapter = find_hca(home_, name_in_stack);
+    fabric::hca* adapter = find_hca(home_, name_for_modules);
     if (!adapter) return nullptr;
     hca_events& events = events_of(*adapter);
     const std::lock_guard lock(mutex_);

@@ -22,7 +22,7 @@ class verbs final : public kernel::service
 
     // Opens an HCA. `opener` is an address in the caller's code, for left_by(). Returns null if the machine has no HCA
     // with that name.
-    kq_hca_h_t open(const char* name_in_stack, const void* opener);
+    kq_hca_h_t open(const char* name_for_modules, const void* opener);
 
     // Returns the events of an HCA of this machine. The first call for an HCA starts the task that delivers its events,
     // and throws exec::shortage if the task cannot be created.
@@ -38,7 +38,7 @@ class verbs final : public kernel::service
     std::vector<std::string> left_by(const kernel::module_code& module) const override;
 
     // Returns true at the first call only. kq_list_hcas() uses it to log only once that a caller's list was too short.
-    bool should_report_cut() { return !is_cut_reported_.exchange(true); }
+    bool is_first_short_list() { return !is_cut_reported_.exchange(true); }
 
   private:
     struct open_hca {

@@ -49,7 +49,7 @@ bool sa_questions::join(fabric::hca& hca, int port)
 {
     bool has_joined = false;
     machine_.enter("SA questions", [&] {
-        const kq_hca_name name = stack::name_in_stack(hca);
+        const kq_hca_name name = stack::name_for_modules(hca);
         if (gsi_dtgrm_pool_create_named(pool_size, &pool_, "SA questions") != 0) return;
         has_joined = gsi_join_class(MAD_CLASS_SUBN_ADM, MAD_CLASS_VERSION_SUBN_ADM, &name, port, put_sent_datagram,
                                     take_answer, this, &class_) == 0;
