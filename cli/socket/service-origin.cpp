@@ -1,12 +1,17 @@
 #include "cli/socket/service-origin.h"
 #include "client/socket-path.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "cli/socket/socket.h"
+#include "client/descriptor.h"
 
 namespace cli
 {
@@ -53,11 +58,29 @@ std::string canonical_path_of(const std::string& path)
     return error ? path : target.string();
 }
 
+// Returns the text of a lock file, or "" if the file is not one: in /tmp, another user may have made anything with this
+// name. A lock file is a short regular file of root, of this user, or of the owner of the folder.
+std::string text_of_lock_file(const std::string& path)
+{
+    constexpr size_t longest_text = 256;
+    const client::descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    struct stat attributes = {}, folder = {};
+    if (file.get() < 0 || fstat(file.get(), &attributes) != 0 || !S_ISREG(attributes.st_mode)) return "";
+    const std::string folder_path = std::filesystem::path(path).parent_path();
+    if (stat(folder_path.c_str(), &folder) != 0) return "";
+    const uid_t owner = attributes.st_uid;
+    if (owner != 0 && owner != geteuid() && owner != folder.st_uid) return "";
+    std::string text(longest_text, '\0');
+    const ssize_t count = read(file.get(), text.data(), text.size());
+    text.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return text;
+}
+
 // Reads the lock file of the service on `socket_path`.
 service_origin origin_of_service(const std::string& socket_path)
 {
     service_origin origin;
-    std::ifstream(lock_file_of(canonical_path_of(socket_path))) >> origin.pid >> origin.unit;
+    std::istringstream(text_of_lock_file(lock_file_of(canonical_path_of(socket_path)))) >> origin.pid >> origin.unit;
     return origin;
 }
 

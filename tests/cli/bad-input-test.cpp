@@ -373,6 +373,11 @@ TEST(bad_input, missing_service_is_reported_and_a_stale_socket_is_replaced_but_n
     ASSERT_TRUE(std::filesystem::exists(socket));
 
     expect_refused(run_ats({"status", "--socket", socket}), {{"stale"}, 3, "no service on"});
+    const std::string lock_file = socket + ".lock"; // in /tmp, another user may make a pipe with this name
+    std::filesystem::remove(lock_file);
+    ASSERT_EQ(mkfifo(lock_file.c_str(), 0600), 0);
+    expect_refused(run_ats({"status", "--socket", socket}), {{"a pipe as the lock file"}, 3, "no service on"});
+    std::filesystem::remove(lock_file);
     {
         const scratch_folder folder;
         ats_process successor({"run", "--hosts", "1", "--socket", socket}, folder / "out", folder / "err");
