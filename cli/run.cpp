@@ -207,7 +207,10 @@ struct acm_service {
         : routes(server, hosts), door(server.loop(), routes, config.acm, config.limits, hosts.statistics().librdmacm,
                                       std::move(kept_descriptors))
     {
-        if (!config.acm.is_served) return;
+        if (!config.acm.is_served) {
+            door.remove_earlier_socket();
+            return;
+        }
         if (const ats::result<> listens = door.listen(); !listens) report_acm(listens.error());
         warn_of_port_file();
     }

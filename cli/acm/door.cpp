@@ -73,6 +73,22 @@ ats::result<> door::listen()
     return {};
 }
 
+void door::remove_earlier_socket()
+{
+    if (!earlier_listener_.is_open()) return;
+    cli::forget_descriptor(listener_name);
+    const auto adopted = cli::listening_socket::adopt(config_.socket, std::move(earlier_listener_));
+    if (!adopted) return;
+    // The destructor of `adopted` removes the file. Programs that have connected before are still served.
+    loop_.post([this, listener = std::make_shared<client::descriptor>((*adopted)->duplicate())] {
+        const auto next_program = [&] {
+            return accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        };
+        for (client::descriptor socket(next_program()); socket.is_open(); socket = client::descriptor(next_program()))
+            admit(std::move(socket), "");
+    });
+}
+
 void door::set_limits(const cli::service_limits& limits)
 {
     loop_.post([this, limits] {
@@ -130,7 +146,10 @@ void door::pause_accepting()
 void door::admit(client::descriptor socket, std::string store_name)
 {
     const std::optional<cli::peer> peer = cli::peer_of(socket.get());
-    if (!peer) return;
+    if (!peer) {
+        if (!store_name.empty()) cli::forget_descriptor(store_name);
+        return;
+    }
     const size_t connections = ++connection_counts_[peer->user];
     const bool is_served = connections <= refusal_factor * limits_.connections;
     if (is_served && store_name.empty()) {

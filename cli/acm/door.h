@@ -36,6 +36,10 @@ class door final : public connection::owner
     // listens there, or if the socket cannot be created.
     ats::result<> listen();
 
+    // For a configuration that does not serve new programs: removes the socket that an earlier process has left, and
+    // its copy at the service manager. Call it once, instead of listen().
+    void remove_earlier_socket();
+
     // Sets new limits. If the limit for connections is higher, the door from now on serves connections that were beyond
     // the earlier limit. Any thread.
     void set_limits(const cli::service_limits& limits);
@@ -74,7 +78,8 @@ class door final : public connection::owner
     route_finder& routes_;
     cli::door_statistics& statistics_;
     const cli::acm_config config_;
-    client::descriptor earlier_listener_; // the listening socket of an earlier process, until listen()
+    client::descriptor earlier_listener_; // the listening socket of an earlier process, until listen() or
+                                          // remove_earlier_socket()
     std::unique_ptr<cli::listening_socket> listening_socket_;
 
     // Only the loop's thread uses the next members. The destructor waits for close_promise_.
