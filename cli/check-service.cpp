@@ -11,6 +11,8 @@
 
 #include <fmt/core.h>
 
+#include "cli/socket/socket.h"
+
 namespace cli
 {
 
@@ -37,6 +39,22 @@ void check_file_mode(findings& findings, const std::string& file)
                                                name_of_user(status.st_uid) + ": 'chmod go-w' ends that");
 }
 
+// Reports if a service runs on the existing socket `path`, or if it is the socket of a service that was killed.
+// `is_link` is true if `path` is a symbolic link. A new service replaces a stale socket, but no link.
+void check_existing_socket(findings& findings, const std::string& door, const std::string& path,
+                           const std::string& option, bool is_link)
+{
+    const ats::result<socket_state> state = state_of_socket(path);
+    if (state && *state == socket_state::live) return findings.add_ok(door, path + ": a service runs");
+    if (is_link)
+        return findings.add_note(door, path +
+                                           " is a link to a socket on which no service runs: to make a socket "
+                                           "there, remove the link, or choose another path with " +
+                                           option);
+    if (!state) return findings.add_missing(door, state.error().text + ": choose another path with " + option);
+    findings.add_ok(door, path + " is stale: a new service replaces it");
+}
+
 // Checks if this user can create the socket `path` of the service. `door` is the name of the socket in the finding.
 // `option` is the option that selects another path.
 void check_door(findings& findings, const std::string& door, const std::string& path, const std::string& option)
@@ -58,7 +76,7 @@ void check_door(findings& findings, const std::string& door, const std::string& 
         return findings.add_missing(
             door, fmt::format("{} belongs to {}: stop the program that made it, or choose another path with {}", path,
                               name_of_user(status.st_uid), option));
-    findings.add_ok(door, path + " is there: if no service listens on it, a new one replaces it");
+    check_existing_socket(findings, door, path, option, S_ISLNK(status.st_mode));
 }
 
 void check_limit(findings& findings, const std::string& subject, size_t limit, size_t need, const std::string& advice)

@@ -44,9 +44,9 @@ ats::result<sockaddr_un> socket_address(const std::string& path)
     return address;
 }
 
-ats::result<descriptor> new_socket()
+ats::result<descriptor> new_socket(int flags = 0)
 {
-    descriptor endpoint(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    descriptor endpoint(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
     if (endpoint.get() < 0) return ats::fail("cannot make a socket" + errno_text());
     return endpoint;
 }
@@ -122,6 +122,18 @@ bool writes_whole(const descriptor& file, const std::string& text)
 }
 
 } // namespace
+
+ats::result<socket_state> state_of_socket(const std::string& path)
+{
+    const ats::result<sockaddr_un> address = socket_address(path);
+    if (!address) return ats::pass_on(address);
+    const ats::result<descriptor> probe = new_socket(SOCK_NONBLOCK);
+    if (!probe) return ats::pass_on(probe);
+    // EAGAIN: a process listens, but does not accept, and its queue of connections is full.
+    if (connects(*probe, *address) || errno == EAGAIN) return socket_state::live;
+    if (errno == ECONNREFUSED) return socket_state::stale;
+    return ats::fail("cannot connect to " + path + errno_text());
+}
 
 ats::result<path_lock> path_lock::acquire(const std::string& path, const std::string& option)
 {

@@ -35,6 +35,13 @@ class path_lock
     descriptor lock_;
 };
 
+// A socket file without a process that listens (stale) is what a killed service leaves.
+enum class socket_state { live, stale };
+
+// Tells if a process listens on the socket at `path`. Follows symbolic links. The test is a connection, which is closed
+// at once; this function never waits. Fails if there is no such socket, or if this user may not connect to it.
+ats::result<socket_state> state_of_socket(const std::string& path);
+
 // A listening Unix socket with its file. The destructor removes the file.
 class listening_socket
 {

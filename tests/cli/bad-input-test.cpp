@@ -366,12 +366,15 @@ TEST(bad_input, missing_service_is_reported_and_a_stale_socket_is_replaced_but_n
     EXPECT_TRUE(eventually([&] {
         return ats->ask({"resolve", "10.0.0.1"}).exit_code == 0;
     })) << "the service must make the missing file of its socket again";
+    const auto checked_socket = [&] { return run_ats({"check", "--socket", socket}).out; };
     kill(ats->pid(), SIGSTOP);
+    EXPECT_THAT(checked_socket(), HasSubstr(socket + ": a service runs"));
     expect_refused(ats->ask({"status", "--timeout", "0.2"}),
                    {{"stopped"}, 3, "shows no sign of life for 0.2 s: it is"});
     EXPECT_EQ(ats->stop(SIGKILL), -SIGKILL);
     ASSERT_TRUE(std::filesystem::exists(socket));
 
+    EXPECT_THAT(checked_socket(), HasSubstr(socket + " is stale: a new service replaces it"));
     expect_refused(run_ats({"status", "--socket", socket}), {{"stale"}, 3, "no service on"});
     const std::string lock_file = socket + ".lock"; // in /tmp, another user may make a pipe with this name
     std::filesystem::remove(lock_file);
