@@ -90,9 +90,9 @@ void check_limit(findings& findings, const std::string& subject, size_t limit, s
 
 } // namespace
 
-std::optional<world_config> check_config(findings& findings, const std::string& file)
+std::optional<world_config> check_config(findings& findings, const std::string& file, const identity_options& identity)
 {
-    const ats::result<world_config> config = read_world_config(file);
+    const ats::result<world_config> config = read_world_config(file, identity);
     if (!config) {
         findings.add_missing("configuration", config.error().text);
         return std::nullopt;

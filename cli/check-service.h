@@ -11,9 +11,9 @@
 namespace cli
 {
 
-// Reads the configuration in `file` like `ats run --config`. Returns nothing if the file has an error; a finding then
-// explains the error.
-std::optional<world_config> check_config(findings& findings, const std::string& file);
+// Reads the configuration in `file` like `ats run --config`, with these options. Returns nothing if the file has an
+// error; a finding then explains the error.
+std::optional<world_config> check_config(findings& findings, const std::string& file, const identity_options& identity);
 
 // Checks that this user can create the sockets of a service with this configuration. `socket` is the path of the socket
 // for clients.

@@ -12,6 +12,7 @@
 #include "cli/check-findings.h"
 #include "cli/check-service.h"
 #include "cli/mount/proc-mount.h"
+#include "cli/service/fabric-arguments.h"
 #include "client/socket-path.h"
 #include "console/errors.h"
 #include "console/record-list.h"
@@ -142,6 +143,7 @@ void show(const findings& findings, bool as_json)
 struct check_options {
     std::string modules = world::default_module_folder();
     std::string config;
+    identity_options identity;
     std::string socket = client::own_socket_path();
     bool as_json = false;
 };
@@ -152,7 +154,7 @@ int run_check(const check_options& options)
 {
     findings findings;
     std::optional<world_config> config{{.hosts = {host_config()}, .fabric = {.is_real = true}}};
-    if (!options.config.empty()) config = check_config(findings, options.config);
+    if (!options.config.empty()) config = check_config(findings, options.config, options.identity);
     check_modules(findings, options.modules);
     if (config && config->fabric.is_real) check_fabric(findings);
     check_fuse(findings);
@@ -171,10 +173,12 @@ void add_check(CLI::App& program, ats::result<int>& outcome)
         "check", "Check if this machine can run a host on its real ports, and list what is missing");
     auto options = std::make_shared<check_options>();
     command->add_flag("--json", options->as_json, "Print JSON")->option_text(" ");
-    command
-        ->add_option("--config", options->config,
-                     "Also check this configuration, and the machine for its hosts; start nothing")
-        ->option_text("FILE");
+    CLI::Option* config =
+        command
+            ->add_option("--config", options->config,
+                         "Also check this configuration, and the machine for its hosts; start nothing")
+            ->option_text("FILE");
+    for (CLI::Option* option : add_identity_options(*command, options->identity)) option->needs(config);
     command->add_option("--socket", options->socket, "The socket on which the service would serve clients")
         ->option_text("PATH");
     console::add_module_folder_option(*command, options->modules);

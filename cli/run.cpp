@@ -118,7 +118,7 @@ int unload(running_hosts& hosts)
 // it.
 ats::result<world_config> hosts_config(const run_options& options)
 {
-    if (!options.config.empty()) return read_world_config(options.config);
+    if (!options.config.empty()) return read_world_config(options.config, options.fabric.identity);
     return options.fabric.is_real() ? world_config() : numbered_hosts(options.hosts);
 }
 

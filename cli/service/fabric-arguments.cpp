@@ -22,20 +22,30 @@ ats::result<world_config> real_config(const fabric_arguments& arguments)
     if (arguments.hosts_option->count() > 0)
         return ats::fail(error_kind::invalid,
                          "--hosts is for the embedded fabric: on a real one there is one host, this machine");
-    if (arguments.address.empty())
-        return ats::fail(error_kind::invalid, "a host on a real fabric needs its address: add --address, as in "
-                                              "--address 10.0.0.1 (that of its IPoIB interface, if it has one)");
-    return real_host(arguments.name, arguments.address,
-                     {.hcas = arguments.hcas,
-                      .watch_interval_ticks = static_cast<uint64_t>(arguments.port_interval_ms),
-                      .sa_delete_p_key = delete_p_key_of(arguments.sa_delete_pkey)});
+    return real_host(arguments.identity, {.hcas = arguments.hcas,
+                                          .watch_interval_ticks = static_cast<uint64_t>(arguments.port_interval_ms),
+                                          .sa_delete_p_key = delete_p_key_of(arguments.sa_delete_pkey)});
 }
 
 } // namespace
 
+std::vector<CLI::Option*> add_identity_options(CLI::App& command, identity_options& identity)
+{
+    return {command
+                .add_option(
+                    "--name", identity.name,
+                    "The host name to register; replaces that of a --config with one host (default: this machine's)")
+                ->option_text("NAME"),
+            command
+                .add_option("--address", identity.address,
+                            "The IPv4 address to register; replaces that of a --config with one host")
+                ->option_text("ADDRESS")};
+}
+
 void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Option* hosts, CLI::Option* config)
 {
     arguments.hosts_option = hosts;
+    arguments.config_option = config;
     auto* kind = command
                      .add_option("--fabric", arguments.kind,
                                  "embedded: hosts on a fabric inside the program (default); umad: this machine on its "
@@ -51,9 +61,8 @@ void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Opt
         command.add_option("--hca", arguments.hcas, "Use this HCA; may be given several times (default: all)")
             ->take_all(),
         "NAME");
-    make_real_only(command.add_option("--name", arguments.name, "The host name to register (default: this machine's)"),
-                   "NAME");
-    make_real_only(command.add_option("--address", arguments.address, "The IPv4 address to register"), "ADDRESS");
+    for (CLI::Option* option : add_identity_options(command, arguments.identity))
+        arguments.one_host_options.push_back(option->excludes(hosts));
     make_real_only(command
                        .add_option("--sa-delete-pkey", arguments.sa_delete_pkey,
                                    "Give Deletes the P_Key of this host's record: auto, on or off (default: auto)")
@@ -84,6 +93,10 @@ ats::result<world_config> with_fabric(world_config config, const fabric_argument
             return ats::fail(error_kind::invalid,
                              option->get_name() +
                                  " is for --fabric umad; hosts on the embedded fabric are described by --config");
+    for (const CLI::Option* option : arguments.one_host_options)
+        if (!arguments.is_real() && arguments.config_option->count() == 0 && option->count() > 0)
+            return ats::fail(error_kind::invalid,
+                             option->get_name() + " is for --fabric umad, or for a --config with one host");
     config.fabric.ports.report = [host = config.hosts.front().name](const umad::port_remark& remark) {
         print_port_remark(host, remark);
     };

@@ -14,17 +14,21 @@ namespace cli
 struct fabric_arguments {
     std::string kind = "embedded"; // or "umad"
     std::vector<std::string> hcas;
-    std::string name;
-    std::string address;
+    identity_options identity;
     std::string capture;
     std::string record;
     std::string sa_delete_pkey = "auto";
     int port_interval_ms = 100;
     const CLI::Option* hosts_option = nullptr;
+    const CLI::Option* config_option = nullptr;
+    std::vector<const CLI::Option*> one_host_options;  // invalid for an embedded fabric without --config
     std::vector<const CLI::Option*> real_only_options; // invalid for an embedded fabric
 
     bool is_real() const { return kind == "umad"; }
 };
+
+// Adds the options --name and --address to `command`, and returns them. `identity` must outlive the command.
+std::vector<CLI::Option*> add_identity_options(CLI::App& command, identity_options& identity);
 
 // Adds the options to `command`. `hosts` and `config` are the command's options --hosts and --config; some of the new
 // options cannot go together with them. `arguments` must outlive the command.

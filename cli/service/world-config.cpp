@@ -123,28 +123,55 @@ host_config host_of(host_settings settings)
     return host;
 }
 
-// Reads the host that follows the hosts of `config`. Adds warnings to `config`, but not the host.
-ats::result<host_config> read_host(const toml::table& table, const std::string& file, world_config& config)
+// Fails (invalid) if a host cannot have the name or the address.
+ats::result<> check_identity(const identity_options& identity)
 {
-    const bool is_real = config.fabric.is_real;
-    const size_t number = config.hosts.size() + 1;
-    table_reader reader(table, file);
-    host_settings settings;
-    if (reader.find("name") || !is_real)
-        settings.name = reader.text("name", "node" + std::to_string(number));
-    else
-        settings.name = console::host_name_of_machine(config.warnings);
-    if (!console::is_host_name(settings.name))
-        reader.refuse(table, console::quote(settings.name) + " cannot be a host name: give it a 'name' of " +
-                                 console::host_name_rule);
+    if (!identity.name.empty() && !console::is_host_name(identity.name))
+        return ats::fail(error_kind::invalid, console::quote(identity.name) + " cannot be a host name: give --name " +
+                                                  console::host_name_rule);
+    if (identity.address.empty()) return {};
+    return console::host_address_of(identity.address).map([](uint32_t) {});
+}
 
-    settings.address = reader.text("address", is_real ? "" : numbered_address(number));
-    if (settings.address.empty())
-        reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\"");
+// Returns the host's name: `option`, or the name in `table`, or the default. Refuses a wrong name in the table, even if
+// `option` replaces it. The table is that of `reader`.
+std::string read_name(table_reader& reader, const toml::table& table, const std::string& option, world_config& config)
+{
+    std::string name = option;
+    if (reader.find("name") || (name.empty() && !config.fabric.is_real))
+        name = reader.text("name", "node" + std::to_string(config.hosts.size() + 1));
+    else if (name.empty())
+        name = console::host_name_of_machine(config.warnings);
+    if (!console::is_host_name(name))
+        reader.refuse(table,
+                      console::quote(name) + " cannot be a host name: give it a 'name' of " + console::host_name_rule);
+    return option.empty() ? name : option;
+}
+
+// Returns the host's address, like read_name().
+std::string read_address(table_reader& reader, const toml::table& table, const std::string& option,
+                         const world_config& config)
+{
+    const std::string address =
+        reader.text("address", config.fabric.is_real ? option : numbered_address(config.hosts.size() + 1));
+    if (address.empty())
+        reader.refuse(table, "a host on a real fabric needs its 'address', as in \"10.0.0.1\", or --address");
     if (const toml::node* const node = reader.find("address")) {
-        const ats::result<uint32_t> ip = console::host_address_of(settings.address, reader.place_of(*node));
+        const ats::result<uint32_t> ip = console::host_address_of(address, reader.place_of(*node));
         if (!ip) reader.keep(ip.error());
     }
+    return option.empty() ? address : option;
+}
+
+// Reads the host that follows the hosts of `config`. Adds warnings to `config`, but not the host.
+ats::result<host_config> read_host(const toml::table& table, const std::string& file, const identity_options& identity,
+                                   world_config& config)
+{
+    const bool is_real = config.fabric.is_real;
+    table_reader reader(table, file);
+    host_settings settings;
+    settings.name = read_name(reader, table, identity.name, config);
+    settings.address = read_address(reader, table, identity.address, config);
     settings.trace = reader.number("trace", settings.trace, ZR_PANIC, ZR_FUNC);
     settings.verification = read_verification(reader);
     settings.spread_seconds = reader.number("spread_seconds", settings.spread_seconds, 0, longest_spread_seconds);
@@ -233,14 +260,17 @@ ats::result<metrics_config> read_metrics(const toml::table& table, const std::st
 
 // Reads the hosts of the file. Adds the hosts and warnings to `config`, whose fabric must already be read. Stops at the
 // first host that cannot be read.
-void read_hosts(table_reader& reader, const std::string& file, world_config& config)
+void read_hosts(table_reader& reader, const std::string& file, const identity_options& identity, world_config& config)
 {
+    const std::vector<const toml::table*> tables = reader.tables("host");
+    if (tables.size() > 1 && !(identity.name.empty() && identity.address.empty()))
+        return reader.refuse(*tables[1], "--name and --address are for a file with one [[host]] table");
     std::set<std::string> names;
     std::map<std::string, std::string> owners; // by address
-    for (const toml::table* table : reader.tables("host")) {
+    for (const toml::table* table : tables) {
         if (config.fabric.is_real && !config.hosts.empty())
             reader.refuse(*table, "on a real fabric there is one host, which is this machine");
-        const ats::result<host_config> host = read_host(*table, file, config);
+        const ats::result<host_config> host = read_host(*table, file, identity, config);
         if (!host) return reader.keep(host.error());
         const std::string &name = host->settings.name, &address = host->settings.address;
         config.hosts.push_back(*host);
@@ -276,17 +306,16 @@ umad::delete_p_key delete_p_key_of(const std::string& word)
     return word == "off" ? umad::delete_p_key::off : umad::delete_p_key::automatic;
 }
 
-ats::result<world_config> real_host(const std::string& name, const std::string& address,
-                                    const umad::fabric_options& ports)
+ats::result<world_config> real_host(const identity_options& identity, const umad::fabric_options& ports)
 {
+    if (identity.address.empty())
+        return ats::fail(error_kind::invalid, "a host on a real fabric needs its address: add --address, as in "
+                                              "--address 10.0.0.1 (that of its IPoIB interface, if it has one)");
     world_config config{.fabric = {.is_real = true, .ports = ports}};
-    host_settings settings{.name = name, .address = address};
-    if (name.empty()) settings.name = console::host_name_of_machine(config.warnings);
-    if (!console::is_host_name(settings.name))
-        return ats::fail(error_kind::invalid, console::quote(settings.name) + " cannot be a host name: give --name " +
-                                                  console::host_name_rule);
-    if (const ats::result<uint32_t> ip = console::host_address_of(address); !ip) return ats::pass_on(ip);
-    config.hosts = {host_of(settings)};
+    identity_options host = identity;
+    if (host.name.empty()) host.name = console::host_name_of_machine(config.warnings);
+    if (const ats::result<> check = check_identity(host); !check) return ats::pass_on(check);
+    config.hosts = {host_of({.name = host.name, .address = host.address})};
     config.hosts.front().hcas.clear();
     return config;
 }
@@ -300,8 +329,9 @@ world_config numbered_hosts(int count)
     return config;
 }
 
-ats::result<world_config> read_world_config(const std::string& path)
+ats::result<world_config> read_world_config(const std::string& path, const identity_options& identity)
 {
+    if (const ats::result<> check = check_identity(identity); !check) return ats::pass_on(check);
     const ats::result<toml::table> root = parse(path);
     if (!root) return ats::pass_on(root);
     table_reader reader(*root, path);
@@ -331,7 +361,7 @@ ats::result<world_config> read_world_config(const std::string& path)
         if (!metrics) return ats::pass_on(metrics);
         config.metrics = *metrics;
     }
-    read_hosts(reader, path, config);
+    read_hosts(reader, path, identity, config);
     if (const ats::result<> finished = reader.finish(); !finished) return ats::pass_on(finished);
     if (config.hosts.empty())
         return ats::fail(error_kind::invalid, path + ":1: no [[host]] table: name at least one host");

@@ -81,6 +81,12 @@ struct host_config : world::host_plan {
     bool is_name_unsure = false, is_address_unsure = false;
 };
 
+// The name and the address of a host from options of the command line. "" stands for an option that was not given.
+struct identity_options {
+    std::string name = {};
+    std::string address = {};
+};
+
 struct world_config {
     std::vector<host_config> hosts = {};
     fabric_config fabric = {};
@@ -95,10 +101,10 @@ struct world_config {
 // 10.0.0.2, ... Each host has one HCA with one port.
 world_config numbered_hosts(int count);
 
-// Returns a configuration with one host on the real ports that `ports` selects. If `name` is "", the host gets this
-// machine's name. Fails (invalid) if a host cannot have the name or the address.
-ats::result<world_config> real_host(const std::string& name, const std::string& address,
-                                    const umad::fabric_options& ports);
+// Returns a configuration with one host on the real ports that `ports` selects. Without the option for the name, the
+// host gets this machine's name. Fails (invalid) without the option for the address, or if a host cannot have the name
+// or the address.
+ats::result<world_config> real_host(const identity_options& identity, const umad::fabric_options& ports);
 
 // Converts the value of an option or a key. `word` is "auto", "on" or "off".
 umad::delete_p_key delete_p_key_of(const std::string& word);
@@ -106,7 +112,8 @@ umad::delete_p_key delete_p_key_of(const std::string& word);
 // Reads a TOML file: [[host]] tables, [fabric], [access], [limits], [acm] and [metrics]; ats-run(8) lists the keys.
 // Fails (invalid) for unknown keys and wrong values, for example names used twice, addresses that a host cannot have,
 // and numbers out of range. Also fails for a file without a host, with more than 1000 hosts, or that cannot be read. An
-// error is a line "FILE:LINE: what is wrong, and what is valid"; it has no LINE if the file cannot be read.
-ats::result<world_config> read_world_config(const std::string& path);
+// error is a line "FILE:LINE: what is wrong, and what is valid"; it has no LINE if the file cannot be read. The values
+// of `identity` replace those of the file's host. With them, also fails (invalid) if the file has several hosts.
+ats::result<world_config> read_world_config(const std::string& path, const identity_options& identity = {});
 
 } // namespace cli

@@ -193,6 +193,17 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
     EXPECT_THAT(ats.output(), testing::HasSubstr("all hosts have unloaded"));
 }
 
+TEST(service, address_from_the_command_line_stays_after_a_reload)
+{
+    const scratch_folder folder;
+    notice_socket notices(folder / "notify");
+    write_file(folder / "world.toml", "[[host]]\n");
+    const service ats({"--config", folder / "world.toml", "--address", "10.0.0.7", "--name", "seven"});
+    EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
+    write_file(folder / "world.toml", "[[host]]\naddress = \"10.0.0.8\"\nname = \"eight\"\ntrace = 3\n");
+    EXPECT_EQ(reload(ats, notices), "ats: reloaded: seven now traces at level 3\n");
+}
+
 // The SA does not answer, so the hosts need a moment to unload. Signals to reload arrive meanwhile.
 TEST(service, reload_while_hosts_unload_does_not_end_it_before_they_have_unloaded)
 {

@@ -88,6 +88,30 @@ name = "mlx5_1"
     EXPECT_EQ(config.hosts.at(0).name, std::string(name).substr(0, std::string(name).find('.')));
 }
 
+TEST(world_config, options_replace_the_name_and_the_address_of_the_only_host)
+{
+    const scratch_folder folder;
+    const auto read_with = [&](const cli::identity_options& identity, const std::string& text) {
+        write_file(folder / "ats.toml", text);
+        return cli::read_world_config(folder / "ats.toml", identity);
+    };
+    const cli::identity_options seven = {.name = "seven", .address = "10.0.0.7"};
+    for (const char* text : {"[fabric]\nkind = \"umad\"\n[[host]]", "[[host]]\nname = \"a\"\naddress = \"10.0.0.1\""}) {
+        const cli::host_config host = read_with(seven, text).value().hosts.at(0);
+        EXPECT_EQ(host.modules.back().parameters, R"(ats_ipaddr_str="10.0.0.7" ats_hostName_str="seven")");
+        EXPECT_EQ(host.settings.address, "10.0.0.7");
+    }
+    const auto error_of = [&](const cli::identity_options& identity, const std::string& text) {
+        const auto config = read_with(identity, text);
+        return config ? "" : config.error().text;
+    };
+    EXPECT_THAT(error_of({.address = "10.0.0.7"}, "[[host]]\n[[host]]"),
+                HasSubstr(":2: --name and --address are for a"));
+    EXPECT_THAT(error_of(seven, "[[host]]\naddress = \"10.0.0\""), HasSubstr(":2: '10.0.0' is not an IPv4 address"));
+    EXPECT_THAT(error_of({.name = "a/b"}, "[[host]]"), HasSubstr("'a/b' cannot be a host name: give --name"));
+    EXPECT_THAT(error_of({.address = "127.0.0.1"}, "[[host]]"), HasSubstr("it is a loopback address"));
+}
+
 // In the packaged file most settings are comments. An administrator removes the number sign before the lines that a
 // machine needs. This test removes all of them.
 TEST(world_config, the_packaged_file_is_accepted_with_every_line_switched_on)
