@@ -420,6 +420,12 @@ TEST_F(hosts_on_fabric, get_a_report_of_what_a_machine_lacks)
     start_sm();
     EXPECT_THAT(net->run("node1", check), testing::AllOf(HasSubstr("active with LID"), HasSubstr("answers after"),
                                                          HasSubstr("supported"), Not(HasSubstr("MISSING"))));
+    const std::string config = net->folder() + "/ats.toml";
+    std::ofstream(config) << "[fabric]\nkind = \"umad\"\n[[host]]\n[[host.hca]]\nname = \"mlx4_0\"\n";
+    EXPECT_THAT(net->run("node1", {check[0], "check", "--config", config, "--address", "10.0.0.1"}),
+                testing::AllOf(HasSubstr("1 host on a real fabric"),
+                               HasSubstr("MISSING  HCA              there is no HCA 'mlx4_0'; there is ibsim0"),
+                               HasSubstr("note     ibsim0"), Not(HasSubstr("ibsim0 port")), Not(HasSubstr("SA "))));
     net->unplug("node1");
     EXPECT_THAT(net->run("node1", check),
                 testing::AllOf(HasSubstr("the link is down"), HasSubstr("before a port is active")));

@@ -32,6 +32,11 @@ ats::result<std::vector<hca_listing>> list_hcas()
     return not_built();
 }
 
+ats::result<hca_listing> find_hca(const std::vector<hca_listing>&, const std::string&)
+{
+    return not_built();
+}
+
 ats::result<> try_port(const std::string&, int)
 {
     return not_built();

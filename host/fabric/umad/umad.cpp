@@ -104,9 +104,9 @@ ats::result<std::vector<hca_listing>> chosen_hcas(const fabric_options& options)
     for (const std::string& name : options.hcas) {
         if (std::ranges::find(selection, name, &hca_listing::name) != selection.end())
             return ats::fail("HCA '" + name + "' is named twice");
-        const auto hca = std::ranges::find(*hcas, name, &hca_listing::name);
-        if (hca == hcas->end()) return ats::fail("there is no HCA '" + name + "'; there is " + names_text(*hcas));
-        selection.push_back(*hca);
+        auto hca = find_hca(*hcas, name);
+        if (!hca) return ats::pass_on(hca);
+        selection.push_back(std::move(*hca));
     }
     return selection;
 }
@@ -135,6 +135,13 @@ ats::result<std::vector<hca_listing>> list_hcas()
     }
     if (hcas.empty()) return no_hcas();
     return hcas;
+}
+
+ats::result<hca_listing> find_hca(const std::vector<hca_listing>& hcas, const std::string& name)
+{
+    const auto hca = std::ranges::find(hcas, name, &hca_listing::name);
+    if (hca == hcas.end()) return ats::fail("there is no HCA '" + name + "'; there is " + names_text(hcas));
+    return *hca;
 }
 
 ats::result<> try_port(const std::string& hca, int port)

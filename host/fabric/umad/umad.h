@@ -106,6 +106,9 @@ bool is_infiniband(const port_listing& port);
 // The HCAs of this machine with at least one InfiniBand port. If there is none, fails with a text that says what to do.
 ats::result<std::vector<hca_listing>> list_hcas();
 
+// Returns the HCA with that name. If there is none, fails with a text that lists the names of `hcas`.
+ats::result<hca_listing> find_hca(const std::vector<hca_listing>& hcas, const std::string& name);
+
 // Opens the port and closes it again. The error is one line for people.
 ats::result<> try_port(const std::string& hca, int port);
 
