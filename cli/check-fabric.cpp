@@ -7,6 +7,7 @@
 
 #include <fmt/core.h>
 
+#include "console/identity.h"
 #include "console/record-list.h"
 #include "host/fabric/umad/sa-client.h"
 #include "host/fabric/umad/umad.h"
@@ -96,6 +97,14 @@ std::vector<umad::hca_listing> used_hcas(findings& findings, const std::vector<u
     return selection;
 }
 
+// Reports if other hosts cannot find `host` by its address, because it has several HCAs.
+void check_hca_count(findings& findings, const host_settings& host, const std::vector<std::string>& hcas)
+{
+    if (hcas.size() < 2) return;
+    const std::string prefix = host.name.empty() ? "" : host.name + ": ";
+    findings.add_note("HCAs", prefix + console::several_hcas_warning(hcas, host.address));
+}
+
 // Checks the ports of an HCA. Checks the SA through the first port that is active and that this user may use. Returns
 // false if there is no such port.
 bool check_hca(findings& findings, const std::string& path, const umad::hca_listing& hca)
@@ -115,19 +124,35 @@ void check_real_fabric(findings& findings, const world_config& config)
     findings.add_ok("libibumad", "built in");
     if (!hcas) return findings.add_missing("HCA", hcas.error().text);
     const std::vector<umad::hca_listing> selection = used_hcas(findings, *hcas, config.fabric.ports.hcas);
+    std::vector<std::string> names;
     bool is_sa_checked = false;
     for (const umad::hca_listing& hca : selection) {
         is_sa_checked |= check_hca(findings, selection.size() > 1 ? hca.name + ": " : "", hca);
+        names.push_back(hca.name);
     }
+    check_hca_count(findings, config.hosts.front().settings, names);
     if (!is_sa_checked && !selection.empty())
         findings.add_missing("SA", "cannot be asked before a port is active: see the ports above");
+}
+
+// Checks the HCAs of the hosts on an embedded fabric.
+void check_embedded_hcas(findings& findings, const world_config& config)
+{
+    for (const host_config& host : config.hosts) {
+        std::vector<std::string> names;
+        for (const world::hca_plan& hca : host.hcas) names.push_back(hca.name);
+        check_hca_count(findings, host.settings, names);
+    }
 }
 
 } // namespace
 
 void check_fabric(findings& findings, const world_config& config)
 {
-    if (config.fabric.is_real) check_real_fabric(findings, config);
+    if (config.fabric.is_real)
+        check_real_fabric(findings, config);
+    else
+        check_embedded_hcas(findings, config);
 }
 
 } // namespace cli

@@ -7,7 +7,8 @@
 namespace cli
 {
 
-// For a real fabric, checks libibumad, the HCAs that the configuration uses, their ports, and the SA through each HCA.
+// Checks the HCAs that the configuration uses. For a real fabric, also checks libibumad, the ports of these HCAs, and
+// the SA through each of them. A note reports each host that has several HCAs.
 void check_fabric(findings& findings, const world_config& config);
 
 } // namespace cli

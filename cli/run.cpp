@@ -29,6 +29,7 @@
 #include "cli/service/start-delay.h"
 #include "cli/socket/socket.h"
 #include "console/errors.h"
+#include "console/identity.h"
 #include "console/journal.h"
 #include "console/progress.h"
 #include "console/usage.h"
@@ -74,6 +75,14 @@ void warn_of_host(const std::string& host, const std::string& line)
 {
     console::print_limited(
         {.priority = console::priority::warning, .text = host + ": " + line, .part = "registration", .host = host});
+}
+
+// Prints a warning if other hosts cannot find `host` by its address, because it has several HCAs.
+void warn_of_several_hcas(world::host& host, const std::string& address)
+{
+    std::vector<std::string> names;
+    for (fabric::hca* hca : host.machine().hcas()) names.push_back(hca->name());
+    if (names.size() > 1) warn_of_host(host.name(), "warning: " + console::several_hcas_warning(names, address));
 }
 
 void print_reload(const std::string& line, const std::string& host)
@@ -234,7 +243,11 @@ void try_reload(const run_options& options, world_config& current, running_hosts
     const auto warn = warnings_about("reload");
     if (!file) return warn("not reloaded, everything stays as it was: " + file.error().text);
     for (const std::string& warning : file->warnings) warn("warning: " + warning);
+    const std::vector<host_config> before = current.hosts;
     reload(hosts, current, *file, calls);
+    for (size_t i = 0; i < before.size(); ++i)
+        if (const std::string& address = current.hosts[i].settings.address; address != before[i].settings.address)
+            warn_of_several_hcas(*hosts.all()[i], address);
 }
 
 // Calls try_reload(), and tells the service manager about the reload. After an exception, for example exec::shortage,
@@ -300,6 +313,8 @@ ats::result<int> serve(const run_options& options, std::vector<kept_descriptor>&
     const ats::result<std::unique_ptr<running_hosts>> hosts =
         running_hosts::build(*config, options.modules, warn_of_host);
     if (!hosts) return ats::pass_on(hosts);
+    for (size_t i = 0; i < config->hosts.size(); ++i)
+        warn_of_several_hcas(*(*hosts)->all()[i], config->hosts[i].settings.address);
     const ats::result<bool> start_result = start(*config, **hosts, signals);
     if (!start_result) return ats::pass_on(start_result);
     if (!*start_result) {

@@ -5,7 +5,7 @@
 #include <climits>
 #include <unistd.h>
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include "console/errors.h"
 #include "host/world/printable.h"
@@ -80,6 +80,13 @@ std::string shared_address_warning(const std::string& host, const std::string& o
 {
     return fmt::format("{} has the same address as {}, {}: the SA names no owner of it while both are registered",
                        quote(host), quote(other), address);
+}
+
+std::string several_hcas_warning(const std::vector<std::string>& hcas, const std::string& address)
+{
+    return fmt::format("{} HCAs ({}) register the same address{}: the SA names no owner of it while more than one is "
+                       "registered; choose one with --hca, or with a [[host.hca]] table",
+                       hcas.size(), fmt::join(hcas, ", "), address.empty() ? "" : ", " + address);
 }
 
 } // namespace console

@@ -39,4 +39,8 @@ ats::result<uint32_t> host_address_of(const std::string& text, const std::string
 // lookup of the address.
 std::string shared_address_warning(const std::string& host, const std::string& other, const std::string& address);
 
+// Returns the warning that a host has several HCAs. Each of them registers the host's address under its own GID. While
+// the SA has several of these records, it fails every lookup of the address. `address` may be "" if it is not known.
+std::string several_hcas_warning(const std::vector<std::string>& hcas, const std::string& address);
+
 } // namespace console

@@ -114,9 +114,16 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
     const scratch_folder folder;
     notice_socket notices(folder / "notify");
     const std::string config = folder / "world.toml";
-    const std::string old_text = "[[host]]\nverify_seconds = 300\nverify_skew_percent = 50\n[[host]]\n";
+    const std::string two_hcas = "[[host.hca]]\n[[host.hca]]\n";
+    const std::string old_text = "[[host]]\nverify_seconds = 300\nverify_skew_percent = 50\n[[host]]\n" + two_hcas;
     write_file(config, old_text);
     service ats({"--config", config});
+    const auto warning_about = [](const std::string& address) {
+        return "ats: node2: warning: 2 HCAs (mthca0, mthca1) register the same address, " + address +
+               ": the SA names no owner of it while more than one is registered; choose one with --hca, or with a "
+               "[[host.hca]] table\n";
+    };
+    EXPECT_TRUE(eventually([&] { return ats.complaints() == warning_about("10.0.0.2"); })) << ats.complaints();
     EXPECT_TRUE(eventually([&] { return notices.next() == "READY=1"; }));
     const auto host = [&](int number) { return ats.ask_json({"status"})["hosts"].at(number); };
     EXPECT_EQ(host(0)["verification"], json({{"period", 300}, {"skew", 50}}));
@@ -129,7 +136,8 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
         "ibat_capacity = 9\n";
     write_file(config, "[access]\nquestions = \"everyone\"\n" + fixed_parts +
                            "[[host]]\naddress = \"10.0.0.77\"\ntrace = 3\nverify_seconds = 0\n"
-                           "spread_seconds = 1\n");
+                           "spread_seconds = 1\n" +
+                           two_hcas);
     const auto is_open = [&] {
         return (std::filesystem::status(ats.socket()).permissions() & std::filesystem::perms::others_write) !=
                std::filesystem::perms::none;
@@ -146,7 +154,8 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
               "ats: reloaded: node2 now traces at level 3\n"
               "ats: reloaded: node2 now does not check its registration any more\n"
               "ats: reloaded: node2 now spreads its registrations over 1 s\n"
-              "ats: reloaded: node2 now has the address 10.0.0.77\n");
+              "ats: reloaded: node2 now has the address 10.0.0.77\n" +
+                  warning_about("10.0.0.77"));
     EXPECT_TRUE(is_open());
     EXPECT_EQ(host(0)["registrations"][0]["name"], "new");
     EXPECT_EQ(host(1)["registrations"][0]["address"], "10.0.0.77");
@@ -180,7 +189,7 @@ TEST(service, reload_applies_some_changes_names_those_that_need_a_restart_and_ig
     expect_refusal("is not a file");
     std::filesystem::remove(config);
     write_file(config, old_text + "[[host]]\nname = 3\n");
-    expect_refusal(":6: 'name' must be a text");
+    expect_refusal(":8: 'name' must be a text");
     EXPECT_EQ(ats.ask_json({"sa", "show"}), before);
 
     write_file(config, old_text);
@@ -340,12 +349,13 @@ TEST(check, names_what_would_stop_a_service_and_starts_nothing)
     };
     using testing::HasSubstr;
     const std::string acm = "[acm]\nserve = \"on\"\nsocket = \"" + config + "\"\n";
-    write_file(config, acm + "[[host]]\n[[host]]\n");
+    write_file(config, acm + "[[host]]\n[[host]]\n[[host.hca]]\n[[host.hca]]\n");
     auto found = verdicts(folder / "missing/socket");
     EXPECT_EQ(found["configuration"], "ok: " + config + ": 2 hosts on an embedded fabric");
     EXPECT_THAT(found["client socket"], HasSubstr("MISSING: " + (folder / "missing") + ": No such file"));
     EXPECT_THAT(found["acm socket"], HasSubstr("MISSING: " + config + " is not a socket: remove it"));
     EXPECT_THAT(found["open files"], testing::StartsWith("ok: "));
+    EXPECT_THAT(found["HCAs"], testing::StartsWith("note: node2: 2 HCAs (mthca0, mthca1) register the same address"));
     EXPECT_FALSE(found.contains("SA")) << "an embedded fabric needs no port";
     found = verdicts(folder / "socket");
     EXPECT_EQ(found["client socket"], "ok: " + (folder / "socket") + " can be made");
