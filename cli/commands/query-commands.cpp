@@ -9,6 +9,7 @@
 
 #include "cli/commands/answers-in-order.h"
 #include "cli/commands/full-screen.h"
+#include "cli/commands/question-list.h"
 #include "cli/commands/sa-show.h"
 #include "cli/commands/service-client.h"
 #include "cli/commands/show.h"
@@ -29,7 +30,7 @@ namespace
 {
 
 struct resolve_options {
-    std::vector<std::string> questions;
+    std::vector<std::string> arguments;
     bool must_verify = false;
     bool cache_only = false;
     bool is_fresh = false;
@@ -152,15 +153,16 @@ void show_answer_or_refusal(const client_options& common, const resolution_comma
 ats::result<int> run_resolutions(const client_options& common, const resolve_options& options,
                                  const resolution_command& command)
 {
+    const auto questions = with_questions_of_stdin(options.arguments, command.argument);
+    if (!questions) return ats::pass_on(questions);
     ats::result<service_client> service = service_client::open(common);
     if (!service) return ats::pass_on(service);
-    const std::vector<std::string>& questions = options.questions;
-    answers_in_order service_answers(*service, questions.size(), [&](size_t question) {
-        return request_about(options, command, questions[question]);
+    answers_in_order service_answers(*service, questions->size(), [&](size_t question) {
+        return request_about(options, command, (*questions)[question]);
     });
     json all_answers = json::array();
     int exit_code = console::exit_ok;
-    for (const std::string& question : questions) {
+    for (const std::string& question : *questions) {
         if (!service_answers.is_next_ready()) std::cout << std::flush;
         ats::result<json> answers = service_answers.next();
         if (answers && is_about_name(command, question))
@@ -202,7 +204,9 @@ void add_resolutions(CLI::App& program, ats::result<int>& outcome, const resolut
 {
     CLI::App* command = program.add_subcommand(description.name, description.summary);
     auto options = std::make_shared<resolve_options>();
-    command->add_option(description.argument, options->questions, description.argument_help)
+    command
+        ->add_option(description.argument, options->arguments,
+                     description.argument_help + "; - means the lines of stdin")
         ->required()
         ->option_text("...");
     add_source_options(*command, *options, description);

@@ -1,6 +1,5 @@
 // `ats resolve` and its relatives ask many questions at the same time, and print the answers in the order of the
 // arguments.
-#include <atomic>
 #include <mutex>
 
 #include "tests/cli/program.h"
@@ -11,7 +10,6 @@ namespace
 {
 
 using client_tests::reaction;
-using testing::HasSubstr;
 
 std::vector<std::string> resolve_command(const std::string& socket, int address_count)
 {
@@ -96,7 +94,41 @@ TEST(parallel_questions, are_answered_in_their_order_and_asked_again_after_a_lim
     ASSERT_EQ(answers.size(), 40u) << result.out;
     for (size_t i = 0; i < answers.size(); ++i) {
         EXPECT_EQ(answers[i]["asked"], "10.0.1." + std::to_string(i + 1));
-        EXPECT_EQ(answers[i]["found"], answers[i]["asked"]);
+        EXPECT_EQ(answers[i].value("found", ""), answers[i]["asked"]);
+    }
+}
+
+// Runs `ats resolve --json`, with the file as stdin.
+program_result resolve_lines(const std::string& socket, const std::string& arguments, const std::string& file)
+{
+    const scratch_folder folder;
+    const std::string line = "exec " ATS_PROGRAM " resolve --json --socket " + socket + " " + arguments + " < " + file;
+    fabric_tools::process shell({.arguments = {"sh", "-c", line}, .output = folder / "out", .errors = folder / "err"});
+    const std::optional<int> exit_code = shell.wait_end(std::chrono::minutes(1));
+    return {exit_code.value_or(-1), text_of_file(folder / "out"), text_of_file(folder / "err")};
+}
+
+TEST(parallel_questions, from_stdin_are_those_of_its_lines)
+{
+    const service ats({"--hosts", "2"});
+    const std::string file = ats.folder / "lines";
+    write_file(file, "# all hosts\n\n10.0.0.1\t# the first\r\n  node2 \n10.0.0.9#1\n10.0.0.3 10.0.0.4\n10.0.0.2");
+    const program_result result = resolve_lines(ats.socket(), "10.0.0.8 - 10.0.0.7", file);
+    EXPECT_EQ(result.exit_code, 2) << result.err;
+    std::vector<std::string> asked;
+    for (const json& answer : result.answer()) asked.push_back(answer["asked"]);
+    EXPECT_THAT(asked, testing::ElementsAre("10.0.0.8", "10.0.0.1", "node2", "10.0.0.9#1", "10.0.0.3 10.0.0.4",
+                                            "10.0.0.2", "10.0.0.7"));
+
+    write_file(file, "10.0.0.1\n" + std::string(70'000, '1'));
+    write_file(ats.folder / "comments", "# none\n\n");
+    for (const auto& [input, error] : {std::pair{file, "ats: line 2 of stdin has more than 65536 bytes"},
+                                       {ats.folder / "comments", "ats: stdin has no ADDRESS: write one on each line"},
+                                       {std::string("/"), "ats: stdin cannot be read: Is a directory"}}) {
+        const program_result refused = resolve_lines(ats.socket(), "-", input);
+        EXPECT_EQ(refused.exit_code, 2);
+        EXPECT_THAT(refused.err, testing::StartsWith(error));
+        EXPECT_EQ(refused.out, "");
     }
 }
 
