@@ -18,6 +18,9 @@ import ctypes
 import enum
 import ipaddress
 import json
+import os
+import threading
+import weakref
 from dataclasses import dataclass
 from typing import Any, Optional, Union
 
@@ -178,23 +181,45 @@ class Base:
         status = library.lib.ats_open(ctypes.byref(self._client), socket.encode() if socket else None)
         if status != 0:
             raise error_of(status, last_error())
+        # Frees the client of the library once: at the first call, or when this object is deleted. Not when the interpreter
+        # ends, because threads may still wait then.
+        self._free = weakref.finalize(self, library.lib.ats_close, self._client)
+        self._free.atexit = False
+        self._process = os.getpid()
+        self._lock = threading.RLock()  # guards the next two; not a Lock, because a signal handler may call close()
+        self._running_calls = 0
+        self._is_closed = False
 
     def close(self) -> None:
-        client, self._client = self._client, ctypes.c_void_p()
-        library.lib.ats_close(client)
+        """Closes the client. Any thread may call it. Questions that wait in other threads still get their answers. Later
+        calls raise Invalid."""
+        if os.getpid() == self._process:  # the child of a fork has no other threads, but may have a copy of their lock
+            with self._lock:
+                self._is_closed = True
+                if self._running_calls > 0:
+                    return  # the last of them frees the client
+        self._free()
 
-    def _handle(self) -> ctypes.c_void_p:
-        if not self._client:
-            raise Invalid("the client is closed")
-        return self._client
-
-    def __del__(self) -> None:
-        if getattr(self, "_client", None):
-            self.close()
+    def _call(self, function: Any, *arguments: Any) -> Any:
+        """Calls a function of the library. Its first argument is the client."""
+        if os.getpid() != self._process:
+            raise Invalid("a child of fork() must open its own client")
+        with self._lock:
+            self._running_calls += 1
+        try:
+            if self._is_closed:
+                raise Invalid("the client is closed")
+            return function(self._client, *arguments)
+        finally:
+            with self._lock:
+                self._running_calls -= 1
+                must_free = self._is_closed and self._running_calls == 0
+            if must_free:
+                self._free()
 
 
 class Client(Base):
-    """Blocking calls. Any number of threads may use one client."""
+    """Blocking calls. Any number of threads may use one client. A child of fork() opens its own client."""
 
     def __enter__(self) -> Client:
         return self
@@ -206,14 +231,14 @@ class Client(Base):
                 timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
         """Finds the GID of an IPv4 address. `fresh` asks the SA even if the cache has an answer. `timeout` is in seconds."""
         options, answer = make_options(cached_only, verify, timeout, host, fresh), library.Answer()
-        library.lib.ats_resolve(self._handle(), address_word(address), ctypes.byref(options), ctypes.byref(answer))
+        self._call(library.lib.ats_resolve, address_word(address), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
     def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False, timeout: float = DEFAULT_TIMEOUT,
                 host: Optional[str] = None) -> Answer:
         """Finds the IPv4 address of a GID. Has no `fresh`: `verify` asks the SA, too."""
         options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
-        library.lib.ats_reverse(self._handle(), gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
+        self._call(library.lib.ats_reverse, gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
         return answer_of(answer)
 
     def path(self, destination: Destination, *, cached_only: bool = False, fresh: bool = False,
@@ -223,13 +248,14 @@ class Client(Base):
         by_address = is_address(destination)
         call = library.lib.ats_find_path if by_address else library.lib.ats_find_path_to_gid
         subject = address_word(destination) if by_address else gid_bytes(destination)
-        call(self._handle(), subject, ctypes.byref(options), ctypes.byref(answer))
+        self._call(call, subject, ctypes.byref(options), ctypes.byref(answer))
         return path_of(answer)
 
     def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
         """Sends any request of docs/protocol.md, for example {"request": "status"}, and returns its answer."""
         line = ctypes.c_void_p()
-        status = library.lib.ats_request(self._handle(), json.dumps(request).encode(), milliseconds(timeout), ctypes.byref(line))
+        text = json.dumps(request).encode()
+        status = self._call(library.lib.ats_request, text, milliseconds(timeout), ctypes.byref(line))
         if status != 0:
             raise error_of(status, last_error())
         try:
@@ -242,7 +268,8 @@ class Client(Base):
 
 
 class AsyncClient(Base):
-    """The questions of Client, as coroutines for asyncio. Use an object in one event loop only."""
+    """The questions of Client, as coroutines for asyncio. Use an object in one event loop only. A child of fork() opens its
+    own client."""
 
     def __init__(self, socket: Optional[str] = None) -> None:
         super().__init__(socket)
@@ -258,8 +285,10 @@ class AsyncClient(Base):
         self.close()
 
     def close(self) -> None:
-        if self._loop and not self._loop.is_closed() and self._client:
-            self._loop.remove_reader(library.lib.ats_descriptor(self._client))
+        """Closes the client, and cancels the questions that have no answer yet."""
+        is_ours = os.getpid() == self._process  # a child of a fork would change the loop of its parent
+        if self._loop and not self._loop.is_closed() and not self._is_closed and is_ours:
+            self._loop.remove_reader(self._call(library.lib.ats_descriptor))
             for future, _ in self._futures.values():
                 future.cancel()
         self._futures.clear()
@@ -288,10 +317,10 @@ class AsyncClient(Base):
     async def _submit(self, call: Any, subject: Any, options: library.Options, result_of: Any = answer_of) -> Any:
         if self._loop is None:
             self._loop = asyncio.get_running_loop()
-            self._loop.add_reader(library.lib.ats_descriptor(self._handle()), self._collect)
+            self._loop.add_reader(self._call(library.lib.ats_descriptor), self._collect)
         self._last_tag += 1
         tag = self._last_tag
-        status = call(self._handle(), subject, ctypes.byref(options), tag)
+        status = self._call(call, subject, ctypes.byref(options), tag)
         if status != 0:
             raise error_of(status, last_error())
         future = self._loop.create_future()
@@ -303,7 +332,7 @@ class AsyncClient(Base):
 
     def _collect(self) -> None:
         answers = (library.Answer * 64)()
-        for raw in answers[:library.lib.ats_collect(self._client, answers, len(answers))]:
+        for raw in answers[:self._call(library.lib.ats_collect, answers, len(answers))]:
             future, result_of = self._futures.get(raw.tag, (None, None))
             if future is None or future.done():
                 continue
