@@ -46,10 +46,11 @@ void log_followers::end(conversation& source)
 
 void log_followers::end_refused(const access_rules& access)
 {
+    const request_type& log = *find_type("log", {});
     std::vector<conversation*> conversations;
     for (const auto& [number, reader] : followers_) {
         conversation* const source = find_(number);
-        if (source && refusal_of(access, source->peer(), {{"level", reader.level}}, "log"))
+        if (source && refusal_of(access, source->peer(), log, {{"level", reader.level}}))
             conversations.push_back(source);
     }
     for (conversation* source : conversations) end(*source);

@@ -23,7 +23,8 @@ lookups::answer find_in_cache(kernel::machine& machine, const lookups::subject& 
 
 bool is_simple_lookup(const request& request)
 {
-    const bool is_lookup = request.name == "resolve" || request.name == "reverse" || request.name == "path";
+    if (request.name == "path") return true;
+    const bool is_lookup = request.name == "resolve" || request.name == "reverse";
     return is_lookup && !request.object.value("verify", false) && !request.object.contains("name");
 }
 

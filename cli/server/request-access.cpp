@@ -1,9 +1,5 @@
 #include "cli/server/request-access.h"
 
-#include <algorithm>
-#include <array>
-#include <string_view>
-
 #include "cli/service/requests.h"
 #include "console/errors.h"
 
@@ -13,15 +9,6 @@ namespace cli
 namespace
 {
 
-constexpr std::array<std::string_view, 7> questions = {"ping", "status", "resolve", "reverse",
-                                                       "path", "log",    "metrics"};
-
-bool is_question(const nlohmann::json& request, const std::string& name)
-{
-    if (name == "sa") return request.value("action", nlohmann::json()) == "show";
-    return std::ranges::find(questions, name) != questions.end();
-}
-
 std::string log_refusal(int log_level)
 {
     if (log_level == 0) return "this service shows its log only to those who may give orders";
@@ -30,18 +17,16 @@ std::string log_refusal(int log_level)
 
 } // namespace
 
-std::optional<ats::error> refusal_of(const access_rules& access, const peer& peer, const nlohmann::json& request,
-                                     const std::string& name)
+std::optional<ats::error> refusal_of(const access_rules& access, const peer& peer, const request_type& type,
+                                     const nlohmann::json& request)
 {
     const auto refuse = [](const std::string& text) { return ats::error(ats::error_kind::invalid, text); };
-    if (!is_question(request, name)) {
-        if (access.orders.admits(peer)) return std::nullopt;
-        return refuse(console::quote(name) + " is an order, and this service takes orders from " + access.orders.text +
-                      " only");
-    }
-    if (!access.questions.admits(peer) && !access.orders.admits(peer))
-        return refuse("this service answers " + access.questions.text + " only");
-    if (name != "log" || access.orders.admits(peer)) return std::nullopt;
+    if (access.orders.admits(peer)) return std::nullopt;
+    if (type.kind == request_kind::order)
+        return refuse(console::quote(std::string(type.name)) + " is an order, and this service takes orders from " +
+                      access.orders.text + " only");
+    if (!access.questions.admits(peer)) return refuse("this service answers " + access.questions.text + " only");
+    if (type.name != "log") return std::nullopt;
     const ats::result<int> level = trace_level_of(request);
     if (!level) return level.error();
     const bool is_allowed = access.log_level > 0 && *level <= access.log_level;

@@ -2,9 +2,6 @@
 
 #include <algorithm>
 
-#include "cli/server/answer-lines.h"
-#include "cli/service/requests.h"
-
 namespace cli
 {
 
@@ -41,20 +38,6 @@ ats::result<request> request_of(std::string_view line, const queue_place& place,
     const std::string text = *name;
     const size_t bytes = line.size() + object.size() * member_bytes;
     return request{std::move(object), text, {place, id, bytes}};
-}
-
-std::optional<ats::error> wrong_members(const request& request)
-{
-    const json& object = request.object;
-    const auto is_set = [&](const char* key) { return object.value(key, false); };
-    if (is_set("cached") + is_set("verify") + is_set("fresh") > 1)
-        return malformed("'cached', 'verify' and 'fresh' exclude each other");
-    if (request.name == "reverse" && is_set("fresh")) return malformed("'fresh' is for addresses and paths only");
-    if (request.name == "path" && is_set("verify")) return malformed("'verify' is for addresses and GIDs only");
-    if (request.name == "path" && object.contains("address") == object.contains("gid"))
-        return malformed("a path needs an 'address' or a 'gid'");
-    if (const ats::result<int> level = trace_level_of(object); !level) return level.error();
-    return std::nullopt;
 }
 
 } // namespace cli

@@ -1,4 +1,4 @@
-// Parses a request of a client, and checks the members of the request against each other.
+// Parses a request of a client.
 #pragma once
 
 #include <optional>
@@ -29,9 +29,5 @@ struct request {
 // Parses a line from the connection `place`. Also sets `id` to the id of the request, if it has one. If the call fails,
 // the caller uses this id for the answer with the error.
 ats::result<request> request_of(std::string_view line, const queue_place& place, std::optional<uint64_t>& id);
-
-// Returns an error if members of the request contradict each other, do not fit the request or are out of range,
-// otherwise nothing. Throws a json::exception if a member has the wrong type.
-std::optional<ats::error> wrong_members(const request& request);
 
 } // namespace cli

@@ -2,11 +2,13 @@
 
 #include <future>
 
-#include "cli/metrics/metrics.h"
 #include "cli/server/answer-lines.h"
 #include "cli/server/lookup-requests.h"
 #include "cli/server/request-access.h"
+#include "cli/server/request-types.h"
 #include "cli/service/requests.h"
+#include "console/errors.h"
+#include "console/gids.h"
 
 namespace cli
 {
@@ -161,7 +163,12 @@ void server::carry_out(conversation& source, const request& request)
         refuse(source, request.ticket.id, malformed("say hello first: {\"request\":\"hello\",\"protocol\":1}"));
         return source.hang_up();
     }
-    if (const auto refusal = refusal_of(options_.access, source.peer(), request.object, request.name)) {
+    const request_type* const type = find_type(request.name, request.object);
+    if (!type) {
+        const std::string text = "this service does not know the request " + console::quote(request.name);
+        return refuse(source, request.ticket.id, {ats::error_kind::invalid, text});
+    }
+    if (const auto refusal = refusal_of(options_.access, source.peer(), *type, request.object)) {
         cli::count(hosts_.statistics().clients.denied);
         return refuse(source, request.ticket.id, *refusal);
     }
@@ -170,11 +177,12 @@ void server::carry_out(conversation& source, const request& request)
         cli::count(hosts_.statistics().clients.questions_reached);
         return refuse(source, request.ticket.id, *excess);
     }
-    if (const std::optional<ats::error> wrong = wrong_members(request))
-        return refuse(source, request.ticket.id, *wrong);
+    if (type->wrong_members)
+        if (const std::optional<ats::error> wrong = type->wrong_members(request.object))
+            return refuse(source, request.ticket.id, *wrong);
     if (request.name == "log") return follow_log(source, request);
     if (is_simple_lookup(request)) return look_up(source, request);
-    hand_to_workers(source, request);
+    hand_to_workers(source, request, *type);
 }
 
 // Returns an error if the unanswered requests of a user reach the limit of their number or of their memory. The next
@@ -254,22 +262,22 @@ void server::finish_soon(const return_ticket& ticket, std::string line)
 }
 
 // Executes a request and returns the line with its answer. Runs in a worker's thread.
-std::string server::answer_line(const request& request)
+std::string server::answer_line(const request& request, const request_type& type)
 {
     try {
-        const ats::result<json> answer = request.name == "metrics"
-                                             ? json{{"text", metrics::text_of(metrics::collect(hosts_))}}
-                                             : answer_request(hosts_, request.object);
+        ats::result<json> answer = type.answer(hosts_, request.object);
+        if (answer) console::add_gid6(*answer);
         return line_of(answer ? *answer : refusal(answer.error()), request.ticket.id);
     } catch (...) {
         return line_of(refusal(caught_error()), request.ticket.id);
     }
 }
 
-void server::hand_to_workers(conversation& source, const request& request)
+void server::hand_to_workers(conversation& source, const request& request, const request_type& type)
 {
     begin(source, request.ticket);
-    workers_.push(request.ticket.place, [this, request] { finish_soon(request.ticket, answer_line(request)); });
+    workers_.push(request.ticket.place,
+                  [this, request, &type] { finish_soon(request.ticket, answer_line(request, type)); });
 }
 
 // ---- lookups ----
@@ -316,7 +324,7 @@ void server::follow_log(conversation& source, const request& request)
 {
     const ats::result<world::host*> host = find_host(hosts_, request.object);
     if (!host) return refuse(source, request.ticket.id, host.error());
-    const int level = trace_level_of(request.object).value(); // wrong_members() has checked it
+    const int level = trace_level_of(request.object).value(); // wrong_level() has checked it
     const bool is_followed = request.object.value("follow", false);
     followers_.end(source);
     if (is_followed)

@@ -12,6 +12,7 @@
 #include "cli/server/event-loop.h"
 #include "cli/server/log-followers.h"
 #include "cli/server/lookups.h"
+#include "cli/server/request-types.h"
 #include "cli/server/request.h"
 #include "cli/server/workers.h"
 #include "cli/service/running-hosts.h"
@@ -83,8 +84,8 @@ class server final : public conversation::owner
     void greet(conversation& source, const request& request);
     void look_up(conversation& source, const request& request);
     void follow_log(conversation& source, const request& request);
-    std::string answer_line(const request& request);
-    void hand_to_workers(conversation& source, const request& request);
+    std::string answer_line(const request& request, const request_type& type);
+    void hand_to_workers(conversation& source, const request& request, const request_type& type);
     void count(conversation& source, const return_ticket& ticket);
     void begin(conversation& source, const return_ticket& ticket);
     void finish(const return_ticket& ticket, const std::string& line);

@@ -17,53 +17,10 @@ namespace
 
 using ats::error_kind;
 
-// {"host", "command"}: writes a command to the control file of ats. Returns the text that ats printed meanwhile.
-ats::result<json> control(running_hosts& hosts, const json& request)
-{
-    const ats::result<world::host*> host = find_host(hosts, request);
-    if (!host) return ats::pass_on(host);
-    const ats::result<std::string> output = write_control(**host, request.at("command"));
-    if (!output) return ats::pass_on(output);
-    return json{{"output", *output}, {"failed", console::is_complaint(*output)}};
-}
-
-// {"level", "host"}: sets the trace level of ats on that host, or on all hosts.
-ats::result<json> set_trace(running_hosts& hosts, const json& request)
-{
-    if (!request.contains("level"))
-        return ats::fail(error_kind::invalid, "the request is malformed: 'level' is missing");
-    const ats::result<int> level = trace_level_of(request);
-    if (!level) return ats::pass_on(level);
-    const std::string done_text = "ats traces at level " + std::to_string(*level);
-    const std::string name = request.value("host", "");
-    if (name.empty()) {
-        for (const auto& host : hosts.all()) set_trace_level(*host, *level);
-        return done(done_text + ".");
-    }
-    const ats::result<world::host*> host = hosts.find(name);
-    if (!host) return ats::pass_on(host);
-    set_trace_level(**host, *level);
-    return done(done_text + " on " + name + ".");
-}
-
 // With "no_wait": true, an order does not wait until the SA has confirmed the changed record.
 completion completion_of(const json& request)
 {
     return request.value("no_wait", false) ? completion::sent : completion::confirmed;
-}
-
-// {"name", "host", "no_wait"}: changes the registered name of a host.
-ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
-{
-    const std::string name = request.at("name");
-    if (!console::is_host_name(name))
-        return ats::fail(error_kind::invalid,
-                         console::quote(name) + " cannot be a host name: take " + console::host_name_rule);
-    const ats::result<world::host*> host = find_host(hosts, request);
-    if (!host) return ats::pass_on(host);
-    const ats::result<> result = set_name(**host, name, completion_of(request));
-    if (!result) return ats::pass_on(result);
-    return done((*host)->name() + " is now called " + name + ".");
 }
 
 // Returns a warning if the embedded SA has a record of another host with that address. Otherwise returns "".
@@ -80,33 +37,6 @@ std::string warning_of_another_owner(running_hosts& hosts, world::host& host, co
             return console::shared_address_warning(host.name(), record.host_name, address);
     return "";
 }
-
-// {"address", "host", "no_wait"}: changes the registered address of a host.
-ats::result<json> answer_set_address(running_hosts& hosts, const json& request)
-{
-    const std::string address = request.at("address");
-    const ats::result<uint32_t> ip = console::host_address_of(address);
-    if (!ip) return ats::pass_on(ip);
-    const ats::result<world::host*> host = find_host(hosts, request);
-    if (!host) return ats::pass_on(host);
-    const std::string warning = warning_of_another_owner(hosts, **host, address);
-    const ats::result<> result = set_address(**host, *ip, completion_of(request));
-    if (!result) return ats::pass_on(result);
-    json answer = done((*host)->name() + " now has the address " + address + ".");
-    if (!warning.empty()) answer["warning"] = warning;
-    return answer;
-}
-
-constexpr struct {
-    const char* name;
-    ats::result<json> (*answer)(running_hosts&, const json&);
-} requests[] = {
-    {"status", answer_status},     {"resolve", answer_resolve},
-    {"reverse", answer_reverse},   {"flush", answer_flush},
-    {"control", control},          {"trace", set_trace},
-    {"set-name", answer_set_name}, {"set-address", answer_set_address},
-    {"link", answer_link},         {"sa", answer_sa},
-};
 
 } // namespace
 
@@ -137,16 +67,59 @@ ats::result<world::host*> find_host(running_hosts& hosts, const json& request)
     return hosts.find(request.value("host", ""));
 }
 
-ats::result<json> answer_request(running_hosts& hosts, const json& request)
+ats::result<json> answer_control(running_hosts& hosts, const json& request)
 {
-    const std::string name = request.value("request", "");
-    for (const auto& entry : requests) {
-        if (name != entry.name) continue;
-        ats::result<json> answer = entry.answer(hosts, request);
-        if (answer) console::add_gid6(*answer);
-        return answer;
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    const ats::result<std::string> output = write_control(**host, request.at("command"));
+    if (!output) return ats::pass_on(output);
+    return json{{"output", *output}, {"failed", console::is_complaint(*output)}};
+}
+
+ats::result<json> answer_trace(running_hosts& hosts, const json& request)
+{
+    if (!request.contains("level"))
+        return ats::fail(error_kind::invalid, "the request is malformed: 'level' is missing");
+    const ats::result<int> level = trace_level_of(request);
+    if (!level) return ats::pass_on(level);
+    const std::string done_text = "ats traces at level " + std::to_string(*level);
+    const std::string name = request.value("host", "");
+    if (name.empty()) {
+        for (const auto& host : hosts.all()) set_trace_level(*host, *level);
+        return done(done_text + ".");
     }
-    return ats::fail(error_kind::invalid, "this service does not know the request " + console::quote(name));
+    const ats::result<world::host*> host = hosts.find(name);
+    if (!host) return ats::pass_on(host);
+    set_trace_level(**host, *level);
+    return done(done_text + " on " + name + ".");
+}
+
+ats::result<json> answer_set_name(running_hosts& hosts, const json& request)
+{
+    const std::string name = request.at("name");
+    if (!console::is_host_name(name))
+        return ats::fail(error_kind::invalid,
+                         console::quote(name) + " cannot be a host name: take " + console::host_name_rule);
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    const ats::result<> result = set_name(**host, name, completion_of(request));
+    if (!result) return ats::pass_on(result);
+    return done((*host)->name() + " is now called " + name + ".");
+}
+
+ats::result<json> answer_set_address(running_hosts& hosts, const json& request)
+{
+    const std::string address = request.at("address");
+    const ats::result<uint32_t> ip = console::host_address_of(address);
+    if (!ip) return ats::pass_on(ip);
+    const ats::result<world::host*> host = find_host(hosts, request);
+    if (!host) return ats::pass_on(host);
+    const std::string warning = warning_of_another_owner(hosts, **host, address);
+    const ats::result<> result = set_address(**host, *ip, completion_of(request));
+    if (!result) return ats::pass_on(result);
+    json answer = done((*host)->name() + " now has the address " + address + ".");
+    if (!warning.empty()) answer["warning"] = warning;
+    return answer;
 }
 
 } // namespace cli

@@ -18,9 +18,6 @@ using json = nlohmann::json;
 // until the SA answers. They throw a json::exception if a field of the request is missing or has a wrong type. They
 // return all other errors.
 
-// Answers {"request": NAME, ...} with the function for NAME. Fails (invalid) if the name is unknown.
-ats::result<json> answer_request(running_hosts& hosts, const json& request);
-
 // {"host"}: HCAs, ports, registrations, verification, and IBAT's cache and counters, of that host or of all hosts.
 ats::result<json> answer_status(running_hosts& hosts, const json& request);
 
@@ -40,6 +37,18 @@ ats::result<json> answer_reverse(running_hosts& hosts, const json& request);
 // {"host", "what"}: IBAT drops its cache entry of the address or GID in "what". If "what" is "", IBAT drops all entries
 // except the host's own mapping.
 ats::result<json> answer_flush(running_hosts& hosts, const json& request);
+
+// {"host", "command"}: writes a command to the control file of ats. Returns the text that ats printed meanwhile.
+ats::result<json> answer_control(running_hosts& hosts, const json& request);
+
+// {"level", "host"}: sets the trace level of ats on that host, or on all hosts.
+ats::result<json> answer_trace(running_hosts& hosts, const json& request);
+
+// {"name", "host", "no_wait"}: changes the registered name of a host.
+ats::result<json> answer_set_name(running_hosts& hosts, const json& request);
+
+// {"address", "host", "no_wait"}: changes the registered address of a host.
+ats::result<json> answer_set_address(running_hosts& hosts, const json& request);
 
 // {"host", "direction": "up" or "down", "hca", "port"}: changes a link of the embedded fabric.
 ats::result<json> answer_link(running_hosts& hosts, const json& request);
