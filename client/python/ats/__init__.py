@@ -32,6 +32,7 @@ __all__ = ["Answer", "AsyncClient", "Client", "Error", "Invalid", "NoAnswer", "N
 Address = Union[str, ipaddress.IPv4Address]
 Gid = Union[str, ipaddress.IPv6Address]
 Destination = Union[str, ipaddress.IPv4Address, ipaddress.IPv6Address]
+SocketPath = Union[str, bytes, os.PathLike[str], os.PathLike[bytes]]
 DEFAULT_TIMEOUT = 5.0
 
 
@@ -157,16 +158,24 @@ def milliseconds(timeout: float) -> int:
     return max(1, int(min(timeout * 1000, 2**31 - 1)))
 
 
+def c_text(text: bytes, what: str) -> bytes:
+    """Returns the text. Raises Invalid if the library, written in C, would see only the start of it."""
+    if b"\0" in text:
+        raise Invalid(f"{what} has no NUL byte: {text!r} cannot be one")
+    return text
+
+
 def make_options(cached_only: bool, verify: bool, timeout: float, host: Optional[str], fresh: bool = False) -> library.Options:
     """Makes the library's options. At most one of `cached_only`, `verify` and `fresh` may be true: the library checks this."""
     flags = (1 if cached_only else 0) | (2 if verify else 0) | (4 if fresh else 0)
-    return library.Options(ctypes.sizeof(library.Options), flags, milliseconds(timeout), 0, host.encode() if host else None)
+    host_bytes = c_text(host.encode(errors="surrogateescape"), "a host's name") if host else None
+    return library.Options(ctypes.sizeof(library.Options), flags, milliseconds(timeout), 0, host_bytes)
 
 
 def default_socket() -> str:
     path = ctypes.create_string_buffer(4096)
     library.lib.ats_default_socket(path, len(path))
-    return path.value.decode()
+    return os.fsdecode(path.value)
 
 
 def last_error() -> str:
@@ -176,9 +185,10 @@ def last_error() -> str:
 class Base:
     """The common part of Client and AsyncClient: opens and closes a client of the C library."""
 
-    def __init__(self, socket: Optional[str] = None) -> None:
+    def __init__(self, socket: Optional[SocketPath] = None) -> None:
         self._client = ctypes.c_void_p()
-        status = library.lib.ats_open(ctypes.byref(self._client), socket.encode() if socket else None)
+        path = c_text(os.fsencode(socket), "a socket's path") if socket else None
+        status = library.lib.ats_open(ctypes.byref(self._client), path)
         if status != 0:
             raise error_of(status, last_error())
         # Frees the client of the library once: at the first call, or when this object is deleted. Not when the interpreter
@@ -271,7 +281,7 @@ class AsyncClient(Base):
     """The questions of Client, as coroutines for asyncio. Use an object in one event loop only. A child of fork() opens its
     own client."""
 
-    def __init__(self, socket: Optional[str] = None) -> None:
+    def __init__(self, socket: Optional[SocketPath] = None) -> None:
         super().__init__(socket)
         # For the tag of each question: its future, and the function that converts the answer to the future's result.
         self._futures: dict[int, tuple[asyncio.Future[Any], Any]] = {}
