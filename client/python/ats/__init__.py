@@ -20,6 +20,7 @@ import ipaddress
 import json
 import os
 import threading
+import time
 import weakref
 from dataclasses import dataclass
 from typing import Any, Optional, Union
@@ -34,6 +35,7 @@ Gid = Union[str, ipaddress.IPv6Address]
 Destination = Union[str, ipaddress.IPv4Address, ipaddress.IPv6Address]
 SocketPath = Union[str, bytes, os.PathLike[str], os.PathLike[bytes]]
 DEFAULT_TIMEOUT = 5.0
+STEP_MILLISECONDS = 200  # the longest time until Ctrl-C ends a question
 
 
 class Error(Exception):
@@ -231,6 +233,13 @@ class Base:
 class Client(Base):
     """Blocking calls. Any number of threads may use one client. A child of fork() opens its own client."""
 
+    def __init__(self, socket: Optional[SocketPath] = None) -> None:
+        super().__init__(socket)
+        # For the tag of each question of the main thread: its answer, or None. Only the main thread uses these two. It has
+        # several questions if a signal handler asks while the interrupted code waits.
+        self._answers: dict[int, Optional[library.Answer]] = {}
+        self._last_tag = 0
+
     def __enter__(self) -> Client:
         return self
 
@@ -240,29 +249,26 @@ class Client(Base):
     def resolve(self, address: Address, *, cached_only: bool = False, verify: bool = False, fresh: bool = False,
                 timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Answer:
         """Finds the GID of an IPv4 address. `fresh` asks the SA even if the cache has an answer. `timeout` is in seconds."""
-        options, answer = make_options(cached_only, verify, timeout, host, fresh), library.Answer()
-        self._call(library.lib.ats_resolve, address_word(address), ctypes.byref(options), ctypes.byref(answer))
-        return answer_of(answer)
+        options = make_options(cached_only, verify, timeout, host, fresh)
+        return answer_of(self._ask(library.lib.ats_resolve, library.lib.ats_submit_resolve, address_word(address), options))
 
     def reverse(self, gid: Gid, *, cached_only: bool = False, verify: bool = False, timeout: float = DEFAULT_TIMEOUT,
                 host: Optional[str] = None) -> Answer:
         """Finds the IPv4 address of a GID. Has no `fresh`: `verify` asks the SA, too."""
-        options, answer = make_options(cached_only, verify, timeout, host), library.Answer()
-        self._call(library.lib.ats_reverse, gid_bytes(gid), ctypes.byref(options), ctypes.byref(answer))
-        return answer_of(answer)
+        options = make_options(cached_only, verify, timeout, host)
+        return answer_of(self._ask(library.lib.ats_reverse, library.lib.ats_submit_reverse, gid_bytes(gid), options))
 
     def path(self, destination: Destination, *, cached_only: bool = False, fresh: bool = False,
              timeout: float = DEFAULT_TIMEOUT, host: Optional[str] = None) -> Path:
         """Finds the path to an IPv4 address or a GID. `fresh` asks the SA even if the cache has an answer."""
-        options, answer = make_options(cached_only, False, timeout, host, fresh), library.Answer()
-        by_address = is_address(destination)
-        call = library.lib.ats_find_path if by_address else library.lib.ats_find_path_to_gid
-        subject = address_word(destination) if by_address else gid_bytes(destination)
-        self._call(call, subject, ctypes.byref(options), ctypes.byref(answer))
-        return path_of(answer)
+        options, lib = make_options(cached_only, False, timeout, host, fresh), library.lib
+        if is_address(destination):
+            return path_of(self._ask(lib.ats_find_path, lib.ats_submit_path, address_word(destination), options))
+        return path_of(self._ask(lib.ats_find_path_to_gid, lib.ats_submit_path_to_gid, gid_bytes(destination), options))
 
     def request(self, request: dict[str, Any], *, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
-        """Sends any request of docs/protocol.md, for example {"request": "status"}, and returns its answer."""
+        """Sends any request of docs/protocol.md, for example {"request": "status"}, and returns its answer. Ctrl-C
+        takes effect after the call."""
         line = ctypes.c_void_p()
         text = json.dumps(request).encode()
         status = self._call(library.lib.ats_request, text, milliseconds(timeout), ctypes.byref(line))
@@ -275,6 +281,36 @@ class Client(Base):
         if "error" in answer:
             raise Refused(answer["error"])
         return answer
+
+    def _ask(self, call: Any, submission: Any, subject: Any, options: library.Options) -> library.Answer:
+        """Asks a question with one of the two functions of the library, and waits for the answer."""
+        if threading.current_thread() is threading.main_thread():
+            return self._call(self._ask_in_steps, submission, subject, options)
+        answer = library.Answer()
+        self._call(call, subject, ctypes.byref(options), ctypes.byref(answer))
+        return answer
+
+    def _ask_in_steps(self, client: ctypes.c_void_p, submission: Any, subject: Any, options: library.Options) -> library.Answer:
+        """Waits in steps. Python handles signals in the main thread, and only between calls of the library. The library
+        collects only answers for the main thread, because only this thread submits questions."""
+        deadline = time.monotonic() + options.timeout_ms / 1000 + STEP_MILLISECONDS / 1000
+        self._last_tag += 1
+        tag = self._last_tag
+        self._answers[tag] = None
+        try:
+            status = submission(client, subject, ctypes.byref(options), tag)
+            if status != 0:
+                raise error_of(status, last_error())
+            while time.monotonic() < deadline:
+                answer = library.Answer()
+                count = library.lib.ats_wait(client, ctypes.byref(answer), 1, STEP_MILLISECONDS)
+                if count > 0 and answer.tag in self._answers:  # not the answer to a question that Ctrl-C has ended
+                    self._answers[answer.tag] = answer
+                if self._answers[tag] is not None:
+                    return self._answers[tag]
+            raise NoAnswer("the service gave no answer in time")
+        finally:
+            del self._answers[tag]
 
 
 class AsyncClient(Base):

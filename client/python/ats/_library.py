@@ -44,6 +44,7 @@ def load() -> ctypes.CDLL:
         "ats_submit_reverse": (ctypes.c_int, [client, gid, options, ctypes.c_uint64]),
         "ats_descriptor": (ctypes.c_int, [client]),
         "ats_collect": (size, [client, answer, size]),
+        "ats_wait": (size, [client, answer, size, ctypes.c_int]),
         "ats_request": (ctypes.c_int, [client, ctypes.c_char_p, ctypes.c_int, ctypes.POINTER(ctypes.c_void_p)]),
         "ats_free": (None, [ctypes.c_void_p]),
         "ats_last_error": (ctypes.c_char_p, []),
