@@ -18,10 +18,11 @@
  * fails with ATS_INVALID; ats_wait() and ats_collect() return 0. ats_close() does not disturb the parent.
  * Signals: no call raises SIGPIPE. A signal does not end a waiting call early.
  * Connection: a client connects at its first question, and again after a restart of the service. If the connection
- * breaks before the answer, the client connects again and repeats the question once; the program does not notice this.
- * The client does not repeat requests of ats_request() and ats_request_begin(), because they may be orders. After the
- * time-out of a question, the question stays in the service's queue until the service has answered it or the connection
- * closes. Until then, it counts against the user's limit.
+ * breaks before the answer, the client connects again at once and repeats the question once. If no service listens at
+ * this moment, for example during a restart, the question ends with ATS_NOT_CONNECTED, like a new question at this
+ * moment: ask again later. The client does not repeat requests of ats_request() and ats_request_begin(), because they
+ * may be orders. After the time-out of a question, the question stays in the service's queue until the service has
+ * answered it or the connection closes. Until then, it counts against the user's limit.
  * Byte order: addresses are in network order, like struct in_addr. GIDs are 16 bytes in network order, like
  * struct in6_addr and union ibv_gid. */
 #ifndef ATS_CLIENT_H
