@@ -4,7 +4,7 @@
 #include <bit>
 #include <future>
 
-#include "cli/acm/name-lookup.h"
+#include "cli/service/requests.h"
 #include "host/exec/shortage.h"
 #include "host/world/text.h"
 
@@ -85,6 +85,19 @@ bool has_address(kernel::machine& machine, uint32_t ip)
     return false;
 }
 
+// The result of a lookup of a host name: its address, or the status for the program.
+using named_address = std::variant<uint32_t, status>;
+
+// Asks the SA for the address with which a host name is registered. This may take a second. If several hosts of an
+// embedded fabric have the name, returns the address of the one with the lowest GID.
+named_address address_of_name(cli::running_hosts& hosts, const std::string& name)
+{
+    const cli::json answer = cli::answer_resolve_name(hosts, name);
+    const cli::json matches = answer.value("matches", cli::json::array());
+    if (matches.empty()) return answer.at("status") == "timed out" ? status::timed_out : status::no_data;
+    return *world::parse_ipv4(matches.at(0).at("address"));
+}
+
 found_route route_to(const world::path_resolution& resolution, kernel::machine& machine, const resolve_request& request)
 {
     found_route result{.is_by_address = resolution.ip != 0, .is_cached = resolution.from_cache};
@@ -144,11 +157,10 @@ void route_finder::find(const resolve_request& request, const cli::queue_place& 
 void route_finder::find_by_name(const question& question, const std::string& name)
 {
     const auto find_address = [this, life = std::weak_ptr(life_), &server = server_, &hosts = hosts_, question, name] {
-        const ats::result<std::optional<uint32_t>> ip = address_of_name(hosts, name);
-        if (!ip || !*ip)
-            return question.callback(
-                {.route = {.status = ip ? status::no_data : status::timed_out}, .is_by_address = true});
-        server.loop().post([this, life, question, ip = **ip] {
+        const named_address result = address_of_name(hosts, name);
+        if (const status* failure = std::get_if<status>(&result))
+            return question.callback({.route = {.status = *failure}, .is_by_address = true});
+        server.loop().post([this, life, question, ip = std::get<uint32_t>(result)] {
             if (!life.expired()) find_path(question, ip);
         });
     };

@@ -10,7 +10,6 @@
 #include "cli/commands/answers-in-order.h"
 #include "cli/commands/full-screen.h"
 #include "cli/commands/question-list.h"
-#include "cli/commands/sa-show.h"
 #include "cli/commands/service-client.h"
 #include "cli/commands/show.h"
 #include "console/errors.h"
@@ -49,31 +48,17 @@ bool is_name_to_resolve(const std::string& question)
     return question.find_first_not_of("0123456789.") != std::string::npos && console::is_host_name(question);
 }
 
-// Asks the SA of this machine's real fabric for a host name. On a real fabric, the service itself does not look up host
-// names. The answer has the same form as an answer of the service.
-ats::result<json> resolve_name_at_real_sa(const std::string& host_name)
-{
-    const auto start = std::chrono::steady_clock::now();
-    const ats::result<json> records = real_records_of(host_name);
-    if (!records) return records;
-    const auto duration = std::chrono::steady_clock::now() - start;
-    return json{{"status", records->empty() ? "not found" : "ok"},
-                {"source", "SA"},
-                {"reason", "the SA holds no record of that host name"},
-                {"microseconds", std::chrono::duration_cast<std::chrono::microseconds>(duration).count()},
-                {"matches", *records}};
-}
-
 // Returns an array with one answer for each record of a host name. `answer` is the service's answer about this name.
 // Without a record, the array has one answer, which gives the reason.
-ats::result<json> answers_about_name(ats::result<json> answer, const std::string& host_name)
+ats::result<json> answers_about_name(const json& answer, const std::string& host_name)
 {
-    if (answer->value("real", false)) answer = resolve_name_at_real_sa(host_name);
-    if (!answer) return answer;
-    if (answer->value("status", "") != "ok") return json::array({*answer});
+    if (answer.value("real", false))
+        return ats::fail("this service is older than the command and finds no host names: use 'ats sa show --name " +
+                         host_name + "'");
+    if (answer.value("status", "") != "ok") return json::array({answer});
     json answers = json::array();
-    for (json record : answer->at("matches")) {
-        for (const char* key : {"status", "source", "microseconds"}) record[key] = answer->at(key);
+    for (json record : answer.at("matches")) {
+        for (const char* key : {"status", "source", "microseconds"}) record[key] = answer.at(key);
         record["found"] = record.at("gid");
         answers.push_back(std::move(record));
     }

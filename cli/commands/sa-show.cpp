@@ -113,12 +113,6 @@ ats::result<int> run_sa_show(const client_options& common, const show_options& o
 
 } // namespace
 
-ats::result<json> real_records_of(const std::string& host_name)
-{
-    const ats::result<json> answer = ask_real_sa({}, {.host_name = host_name});
-    return answer.map([](const json& list) { return list.at("records"); });
-}
-
 void add_sa_show(CLI::App& sa, ats::result<int>& outcome)
 {
     CLI::App* command = sa.add_subcommand("show", "List the ATS records that the SA holds");

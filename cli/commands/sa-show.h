@@ -2,10 +2,7 @@
 // this process itself asks the SA, with or without a service on this machine.
 #pragma once
 
-#include <string>
-
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "host/result.h"
 
@@ -13,9 +10,5 @@ namespace cli
 {
 
 void add_sa_show(CLI::App& sa, ats::result<int>& outcome);
-
-// Asks the SA of this machine's real fabric for the records of a host name. Returns an array of records in the same
-// form as the service. Fails if no port is active, or if the SA does not answer or refuses.
-ats::result<nlohmann::json> real_records_of(const std::string& host_name);
 
 } // namespace cli

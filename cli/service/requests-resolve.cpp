@@ -78,7 +78,7 @@ resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answ
 
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request)
 {
-    if (request.contains("name")) return answer_resolve_name(hosts, request);
+    if (request.contains("name")) return answer_resolve_name(hosts, request.at("name"));
     const ats::result<world::host*> host = find_host(hosts, request);
     if (!host) return ats::pass_on(host);
     const ats::result<uint32_t> ip = console::address_of(request.at("address"));

@@ -26,9 +26,9 @@ ats::result<json> answer_status(running_hosts& hosts, const json& request);
 // "verify" nor "name".
 ats::result<json> answer_resolve(running_hosts& hosts, const json& request);
 
-// {"name"}: "matches", the records with that host name at the SA of the embedded fabric. On a real fabric, the client
-// must ask the SA itself; the answer then is {"real": true}.
-ats::result<json> answer_resolve_name(running_hosts& hosts, const json& request);
+// Answers {"name"} of "resolve": "matches" are the records with that host name at the SA. If several records match,
+// only an embedded fabric has them all; on a real fabric "status" is then "failed", with a "reason".
+json answer_resolve_name(running_hosts& hosts, const std::string& host_name);
 
 // {"host", "gid"}: the address of the GID, the source of the answer, and the result of the verification at the SA.
 // cli/server calls this function only for lookups with "verify".
