@@ -1,4 +1,4 @@
-// The commands that send requests to a running service. (`sa show` can also ask a real SA itself.)
+// The commands that send requests to a running service. (`sa show` and `sa remove` can also ask a real SA themselves.)
 // Each command prints the answer, and stores its exit code or an error in `outcome`, which must outlive `program`.
 #pragma once
 

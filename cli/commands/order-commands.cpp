@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "cli/commands/sa-remove.h"
 #include "cli/commands/sa-show.h"
 #include "cli/commands/service-client.h"
 #include "cli/commands/show.h"
@@ -129,9 +130,10 @@ CLI::Option* add_sa_action(CLI::App& sa, ats::result<int>& outcome, const std::s
 void add_sa(CLI::App& program, ats::result<int>& outcome)
 {
     CLI::App* sa = program.add_subcommand(
-        "sa", "List the Subnet Administrator's records, or disturb the SA of an embedded fabric");
+        "sa", "List or remove the Subnet Administrator's records, or disturb the SA of an embedded fabric");
     sa->require_subcommand(1);
     add_sa_show(*sa, outcome);
+    add_sa_remove(*sa, outcome);
     add_sa_action(*sa, outcome, "forget", "Make the SA lose a GID's record, or all records",
                   {"gid", "GID", "The ServiceGID (default: all records)"});
     add_sa_action(*sa, outcome, "silence", "Make the SA silent, or let it answer again",

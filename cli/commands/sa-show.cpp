@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "cli/commands/real-sa.h"
 #include "cli/commands/service-client.h"
 #include "cli/commands/show.h"
 #include "console/errors.h"
@@ -23,9 +24,7 @@ struct show_options {
     std::string address;
     std::string gid;
     std::string name;
-    std::string hca; // an HCA of this machine; if set, the service is not asked
-    int port = 0;
-    bool is_real = false;
+    real_sa_options sa;
 };
 
 bool has_filter(const show_options& options)
@@ -50,16 +49,10 @@ ats::result<console::record_filter> filter_of(const show_options& options)
     return filter;
 }
 
-// Returns the end of an error message: if no port is active, a hint at the command that explains why; otherwise "".
-std::string check_hint(const ats::error& error)
-{
-    return error.kind == ats::error_kind::not_found ? "; 'ats check' says more" : "";
-}
-
 ats::result<json> ask_real_sa(const show_options& options, const console::record_filter& filter)
 {
-    const auto sa = umad::open_sa_client(options.hca, options.port);
-    if (!sa) return ats::fail(sa.error().text + check_hint(sa.error()));
+    const auto sa = open_real_sa(options.sa);
+    if (!sa) return ats::pass_on(sa);
     const auto list = console::list_records(**sa, filter);
     // Drop the kind of the error: `unreachable` gives exit code 3, which means that the service does not answer.
     if (!list) return ats::fail(list.error().text);
@@ -92,7 +85,7 @@ ats::result<json> find_records(const client_options& common, const show_options&
 {
     const ats::result<console::record_filter> filter = filter_of(options);
     if (!filter) return ats::pass_on(filter);
-    if (options.is_real || !options.hca.empty()) return ask_real_sa(options, *filter);
+    if (options.sa.is_chosen()) return ask_real_sa(options, *filter);
     ats::result<json> answer = ask_once(common, {{"request", "sa"}, {"action", "show"}});
     const bool is_unreachable = !answer && answer.error().kind == ats::error_kind::unreachable;
     if (is_unreachable && has_real_ports()) return ask_real_sa(options, *filter);
@@ -120,15 +113,7 @@ void add_sa_show(CLI::App& sa, ats::result<int>& outcome)
     command->add_option("--address", options->address, "Only those of this IPv4 address")->option_text("ADDRESS");
     command->add_option("--gid", options->gid, "Only those of this GID")->option_text("GID");
     command->add_option("--name", options->name, "Only those of this host name")->option_text("NAME");
-    command
-        ->add_flag("--real", options->is_real,
-                   "Ask the SA of this machine's real fabric, even if another service runs here")
-        ->option_text(" ");
-    auto* hca = command->add_option("--hca", options->hca, "Ask the SA of the real fabric through this HCA")
-                    ->option_text("NAME");
-    command->add_option("--port", options->port, "With --hca: ask through this port (default: the first active one)")
-        ->needs(hca)
-        ->option_text("N");
+    add_real_sa_options(*command, options->sa);
     auto common = add_client_options(*command, no_host);
     add_gid_format_option(*command, *common);
     set_client_action(*command, outcome, [=] { return run_sa_show(*common, *options); });

@@ -119,13 +119,18 @@ std::string verification_text(const json& answer)
                        is_corrected ? "it is corrected" : "it keeps that entry, which is the host's own");
 }
 
+void show_remarks(std::ostream& output, const json& answer)
+{
+    for (const json& remark : answer.at("remarks")) output << fmt::format("Note: {}.\n", console::cell_text(remark));
+}
+
 void show_records(std::ostream& output, const json& answer, const char* text_without_records)
 {
     if (answer.at("records").empty())
         output << text_without_records;
     else
         output << console::format_table(console::record_rows(answer.at("records")), 0);
-    for (const json& remark : answer.at("remarks")) output << fmt::format("Note: {}.\n", console::cell_text(remark));
+    show_remarks(output, answer);
     if (answer.at("silent").get<bool>()) output << "It is silent ('ats sa silence off' ends that).\n";
     if (!answer.at("status").is_null())
         output << fmt::format("It answers everything with status {} ('ats sa status 0' ends that).\n",
@@ -174,6 +179,12 @@ void show_all_records(std::ostream& output, const json& answer)
 void show_selected_records(std::ostream& output, const json& answer)
 {
     show_records(output, answer, "The SA holds no such ServiceRecord.\n");
+}
+
+void show_removed_records(std::ostream& output, const json& answer)
+{
+    output << "Removed from the SA:\n" << console::format_table(console::record_rows(answer.at("records")), 0);
+    show_remarks(output, answer);
 }
 
 void show_output(std::ostream& output, const json& answer)

@@ -16,7 +16,8 @@ void show_resolution(std::ostream& output, const json& answer);
 void show_path(std::ostream& output, const json& answer);
 void show_all_records(std::ostream& output, const json& answer);
 void show_selected_records(std::ostream& output, const json& answer); // for records that match a filter
-void show_output(std::ostream& output, const json& answer);           // for the output of a control command
+void show_removed_records(std::ostream& output, const json& answer);
+void show_output(std::ostream& output, const json& answer); // for the output of a control command
 void show_done(std::ostream& output, const json& answer);
 
 // Formats the status for a window of this size. The last line has no line end. If the whole status does not fit, each

@@ -174,13 +174,16 @@ ats::result<std::string> other_holder(world::host& host, const std::string& addr
     if (!answer) return ats::pass_on(answer);
     const std::string title = "the SA already holds ";
     if (answer->status == status_word(SA_STATUS_TOO_MANY_RECORDS))
-        return title + "several records of " + address + ": 'ats sa show --real --address " + address + "' lists them";
+        return title + "several records of " + address + ": 'ats sa show --real --address " + address +
+               "' lists them, and 'ats sa remove GID' removes a stale one";
     if (answer->status != 0) return "";
     const host_record& record = answer->record;
     for (const fabric::gid_bytes& own : identity_of(host).gids)
         if (gid_of(own) == record.gid) return "";
-    return title + "a record of " + address + " under another GID, " + records::gid_text(record.gid) + " (" +
-           record.host_name + "): two hosts with one address are not found reliably";
+    const std::string gid = records::gid_text(record.gid);
+    return title + "a record of " + address + " under another GID, " + gid + " (" + record.host_name +
+           "): two hosts with one address are not found reliably. If that host is gone, 'ats sa remove " + gid +
+           "' removes its record";
 }
 
 } // namespace cli

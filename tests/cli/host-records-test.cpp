@@ -118,9 +118,11 @@ TEST_F(host_records, of_another_host_with_the_same_address_are_reported)
     EXPECT_EQ(
         with({same, other}, nullptr, holder).value(),
         "the SA already holds a record of 10.0.0.1 under another GID, 0xFE800000000000000000000000000063 (node1): "
-        "two hosts with one address are not found reliably");
+        "two hosts with one address are not found reliably. If that host is gone, 'ats sa remove "
+        "0xFE800000000000000000000000000063' removes its record");
     EXPECT_EQ(with({same, third}, nullptr, holder).value(),
-              "the SA already holds several records of 10.0.0.1: 'ats sa show --real --address 10.0.0.1' lists them");
+              "the SA already holds several records of 10.0.0.1: 'ats sa show --real --address 10.0.0.1' lists them, "
+              "and 'ats sa remove GID' removes a stale one");
     EXPECT_EQ(with(
                   {same}, [](auto& faults) { faults.sa_silent = true; }, holder)
                   .error()

@@ -277,10 +277,22 @@ TEST_F(hosts_on_fabric, wait_for_an_sm_and_register_anew_when_their_link_comes_b
     ASSERT_TRUE(reaches_state(*hosts[0], "Active")) << hosts[0]->output() << sm->output();
     EXPECT_TRUE(sa_reaches_count(2)) << "registered anew";
 
+    const std::string departed = gid(2), departed_lid = std::to_string(lid(2));
     hosts[1]->kill();
     EXPECT_TRUE(sa_reaches_count(2)) << "the SA keeps a record with an infinite lease";
+    net->unplug("node2");
+    const auto remove = [&](const std::string& record_gid) {
+        return net->run("sm2", {fabric_tools::ats_program(), "sa", "remove", record_gid, "--socket",
+                                net->folder() + "/node1.sock"});
+    };
+    const auto is_known = [&] { return times_in(net->run("sm2", {"saquery", "NR", departed_lid}), "node2") > 0; };
+    ASSERT_TRUE(wait_until([&] { return !is_known(); }, 60s)) << "the SM has not seen that node2 is gone";
+    hosts[0]->ask({"control", "sa_verify_period", "0", "0"}); // so the host does not register again
+    EXPECT_THAT(remove(departed), AllOf(HasSubstr(departed + "  0xFFFF  10.0.0.2  node2"), Not(HasSubstr("Note"))));
+    EXPECT_THAT(remove(departed), HasSubstr("the SA holds no record of " + departed));
+    EXPECT_THAT(remove(own), HasSubstr("Note: the service on this machine has registered this GID"));
+    EXPECT_TRUE(sa_reaches_count(0));
     EXPECT_EQ(hosts[0]->stop(), 0);
-    EXPECT_TRUE(sa_reaches_count(1));
 }
 
 TEST_F(hosts_on_fabric, ask_another_sm_when_it_takes_over)

@@ -28,7 +28,8 @@ std::string text_of(uint16_t status, uint64_t component_mask, uint32_t address)
     const bool is_address_lookup = (component_mask & address_components) == address_components;
     if (status == status_word(SA_STATUS_TOO_MANY_RECORDS) && is_address_lookup)
         return std::string("two or more records hold ") + address_text +
-               ", and the SA returns none of them: list the records of that address, and remove the stale ones";
+               ", and the SA returns none of them: 'ats sa show --address " + address_text +
+               "' lists them, and 'ats sa remove GID' removes a stale one";
     return "";
 }
 

@@ -1,0 +1,30 @@
+// For commands that ask the SA of this machine's real fabric themselves, without the service.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "host/fabric/umad/sa-client.h"
+#include "host/result.h"
+
+namespace cli
+{
+
+struct real_sa_options {
+    std::string hca; // an HCA of this machine; "" means any
+    int port = 0;    // of this HCA; 0 means any active port
+    bool is_real = false;
+
+    // Returns true if the user has chosen the real fabric, whatever fabric the service has.
+    bool is_chosen() const { return is_real || !hca.empty(); }
+};
+
+// Adds --real, --hca and --port.
+void add_real_sa_options(CLI::App& command, real_sa_options& options);
+
+// Opens a client on an active port. If no port is active, the error names 'ats check', which explains why.
+ats::result<std::unique_ptr<umad::sa_client>> open_real_sa(const real_sa_options& options);
+
+} // namespace cli
