@@ -51,6 +51,7 @@ void append_options(std::string& body, const ats_options_t& options)
     if (options.flags & ATS_CACHED_ONLY) body += R"(,"cached":true)";
     if (options.flags & ATS_VERIFY) body += R"(,"verify":true)";
     if (options.flags & ATS_FRESH) body += R"(,"fresh":true)";
+    body += R"(,"within_ms":)" + std::to_string(options.timeout_ms);
     if (options.host) body += R"(,"host":)" + dump(options.host);
 }
 

@@ -19,13 +19,23 @@ lookups::answer find_in_cache(kernel::machine& machine, const lookups::subject& 
     return resolve_address(machine, std::get<uint32_t>(subject.target), cache_only);
 }
 
+bool is_lookup(const request& request)
+{
+    return request.name == "resolve" || request.name == "reverse" || request.name == "path";
+}
+
 } // namespace
 
 bool is_simple_lookup(const request& request)
 {
     if (request.name == "path") return true;
-    const bool is_lookup = request.name == "resolve" || request.name == "reverse";
-    return is_lookup && !request.object.value("verify", false) && !request.object.contains("name");
+    return is_lookup(request) && !request.object.value("verify", false) && !request.object.contains("name");
+}
+
+lookups::time_point deadline_of(const request& request)
+{
+    if (!is_lookup(request) || !request.object.contains("within_ms")) return lookups::time_point::max();
+    return std::chrono::steady_clock::now() + std::chrono::milliseconds(request.object.at("within_ms").get<int>());
 }
 
 ats::result<lookups::subject> subject_of(const request& request)

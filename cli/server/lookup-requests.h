@@ -18,6 +18,10 @@ bool is_simple_lookup(const request& request);
 // json::exception if a member is missing or has the wrong type.
 ats::result<lookups::subject> subject_of(const request& request);
 
+// Returns the end of the time "within_ms" of a lookup request that has just arrived. Returns time_point::max() if the
+// request has no such limit, or is not a lookup.
+lookups::time_point deadline_of(const request& request);
+
 // Looks for the answer in the caches of IBAT only, and counts the lookup in `statistics`. Does not wait.
 lookups::answer look_into_cache(kernel::machine& machine, const lookups::subject& subject,
                                 lookup_statistics& statistics);

@@ -60,12 +60,23 @@ void lookups::note(const subject& subject, const answer& answer)
     statistics_.note(kind, std::get<world::resolution>(answer));
 }
 
-void lookups::ask(const queue_place& place, const subject& subject, completion callback)
+lookups::answer lookups::late_answer(bool is_path)
+{
+    const auto complete = [](auto resolution, auto status) {
+        resolution.status = status;
+        resolution.reason = "the time of the question (within_ms) was over before its turn came";
+        return resolution;
+    };
+    if (is_path) return complete(world::path_resolution{}, world::path_status::timed_out);
+    return complete(world::resolution{}, ibat_stat_timeout);
+}
+
+void lookups::ask(const queue_place& place, const subject& subject, completion callback, time_point deadline)
 {
     if (answer_from_cache(subject, callback)) return;
     const std::lock_guard lock(mutex_);
     if (!thread_.joinable()) thread_ = exec::new_thread([this] { serve_queue(); });
-    queue_.push(place, {subject, std::move(callback)});
+    queue_.push(place, {subject, std::move(callback), deadline});
     change_.notify_all();
 }
 
@@ -75,7 +86,7 @@ void lookups::remove(const queue_place& place)
     queue_.remove(place);
 }
 
-std::optional<std::chrono::steady_clock::time_point> lookups::question_start()
+std::optional<lookups::time_point> lookups::question_start()
 {
     const std::lock_guard lock(mutex_);
     return question_start_;
@@ -89,6 +100,14 @@ void lookups::serve_queue()
                      [&] { return is_stopping_ || (!queue_.is_empty() && sa_questions_.size() < most_questions); });
         if (is_stopping_) return;
         entry next = queue_.pop();
+        if (std::chrono::steady_clock::now() > next.deadline) {
+            lock.unlock();
+            const answer answer = late_answer(next.question.is_path);
+            note(next.question, answer);
+            next.callback(answer);
+            lock.lock();
+            continue;
+        }
         const auto [position, is_new] = sa_questions_.try_emplace(next.question);
         position->second.push_back(std::move(next.callback));
         if (!is_new) continue; // the same question is at the SA already; its answer is for this client, too
@@ -149,7 +168,7 @@ void host_lookups::stop()
     for (auto& [machine, lookups] : lookups_) lookups.stop();
 }
 
-std::vector<std::string> host_lookups::stuck_since(std::chrono::steady_clock::time_point time)
+std::vector<std::string> host_lookups::stuck_since(lookups::time_point time)
 {
     std::vector<std::string> names;
     const std::lock_guard lock(mutex_);

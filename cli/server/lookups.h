@@ -3,8 +3,8 @@
 // asks the SA. At most sixteen questions are at the SA at a time, because the module has sixteen datagrams for each
 // HCA. The client socket and the door for librdmacm programs (cli/acm/door.h) both use this class.
 //
-// A question leaves the queue when its turn comes, or when its connection closes. The service does not know for how
-// long a client waits. Therefore it also asks questions whose clients have stopped waiting.
+// A question leaves the queue when its turn comes, or when its connection closes. If the turn comes after the deadline
+// of the question, the SA is not asked. A question without a deadline is asked even if its client has stopped waiting.
 #pragma once
 
 #include <chrono>
@@ -40,6 +40,7 @@ class lookups
     // The answer to a question for a path is a path_resolution. The answer to all other questions is a resolution.
     using answer = std::variant<world::resolution, world::path_resolution>;
     using completion = std::function<void(const answer&)>;
+    using time_point = std::chrono::steady_clock::time_point;
 
     // Counts the answers in `statistics`.
     lookups(kernel::machine& machine, lookup_statistics& statistics) : machine_(machine), statistics_(statistics) {}
@@ -52,20 +53,26 @@ class lookups
 
     // Asks a question and calls `callback` with the answer: during this call if the answer comes from a cache,
     // otherwise later in another thread. `place` is the user and the connection that ask. Only one thread may call
-    // ask() and remove(). Throws exec::shortage, without a call of `callback`, if no thread can be created.
-    void ask(const queue_place& place, const subject& subject, completion callback);
+    // ask() and remove(). If the turn of the question comes after `deadline`, the answer is late_answer(). Throws
+    // exec::shortage, without a call of `callback`, if no thread can be created.
+    void ask(const queue_place& place, const subject& subject, completion callback,
+             time_point deadline = time_point::max());
+
+    // Returns the answer to a question that was not asked because its deadline had passed.
+    static answer late_answer(bool is_path);
 
     // Removes the questions of a connection from the queue, without a call of their `callback`.
     void remove(const queue_place& place);
 
     // thread_ passes one question after the other to the host. Returns the time at which thread_ began with its present
     // question. Returns nothing if thread_ waits for questions. Any thread may call this.
-    std::optional<std::chrono::steady_clock::time_point> question_start();
+    std::optional<time_point> question_start();
 
   private:
     struct entry {
         subject question;
         completion callback;
+        time_point deadline;
     };
 
     bool answer_from_cache(const subject& subject, const completion& callback);
@@ -83,7 +90,7 @@ class lookups
     // The questions at the SA, each with the `callback` functions of all clients that have asked it.
     std::map<subject, std::vector<completion>> sa_questions_;
     size_t question_count_ = 0; // questions at the SA, and answered ones whose `callback` calls have not all returned
-    std::optional<std::chrono::steady_clock::time_point> question_start_;
+    std::optional<time_point> question_start_;
     bool is_stopping_ = false;
     std::thread thread_; // passes questions from the queue to the host; this may sleep
 };
@@ -102,7 +109,7 @@ class host_lookups
     void stop();
 
     // Returns the names of the hosts whose lookups::question_start() is before `time`. Any thread.
-    std::vector<std::string> stuck_since(std::chrono::steady_clock::time_point time);
+    std::vector<std::string> stuck_since(lookups::time_point time);
 
   private:
     // The loop's thread holds the mutex when it adds an element to lookups_. It reads lookups_ without the mutex; other

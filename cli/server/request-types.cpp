@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 
 #include "cli/metrics/metrics.h"
 #include "cli/server/answer-lines.h"
@@ -18,7 +19,8 @@ std::optional<ats::error> wrong_lookup(const json& request)
     const auto is_set = [&](const char* key) { return request.value(key, false); };
     if (is_set("cached") + is_set("verify") + is_set("fresh") > 1)
         return malformed("'cached', 'verify' and 'fresh' exclude each other");
-    return std::nullopt;
+    const ats::result<int> limit_ms = integer_of(request, "within_ms", 1, std::numeric_limits<int32_t>::max(), 1);
+    return limit_ms ? std::nullopt : std::optional(limit_ms.error());
 }
 
 std::optional<ats::error> wrong_reverse(const json& request)

@@ -273,11 +273,26 @@ std::string server::answer_line(const request& request, const request_type& type
     }
 }
 
+// Returns the answer to a lookup whose time is over when a worker is free, and counts it. Runs in a worker's thread.
+std::string server::late_line(const request& request)
+{
+    const lookups::answer answer = lookups::late_answer(false);
+    const bool is_by_gid = request.name == "reverse";
+    const ats::result<world::host*> host = find_host(hosts_, request.object);
+    if (host && !request.object.contains("name"))
+        hosts_.statistics_of((*host)->machine())
+            .lookups.note(is_by_gid ? lookup_kind::gid : lookup_kind::address, std::get<world::resolution>(answer));
+    return line_of(answer, is_by_gid, false, request.ticket.id);
+}
+
 void server::hand_to_workers(conversation& source, const request& request, const request_type& type)
 {
+    const lookups::time_point deadline = deadline_of(request);
     begin(source, request.ticket);
-    workers_.push(request.ticket.place,
-                  [this, request, &type] { finish_soon(request.ticket, answer_line(request, type)); });
+    workers_.push(request.ticket.place, [this, request, &type, deadline] {
+        const bool is_late = std::chrono::steady_clock::now() > deadline;
+        finish_soon(request.ticket, is_late ? late_line(request) : answer_line(request, type));
+    });
 }
 
 // ---- lookups ----
@@ -312,7 +327,7 @@ void server::look_up(conversation& source, const request& request)
             finish_soon(ticket, line);
     };
     try {
-        lookups_of(machine).ask(ticket.place, *subject, callback);
+        lookups_of(machine).ask(ticket.place, *subject, callback, deadline_of(request));
     } catch (...) { // for example, no thread could be created
         finish(ticket, line_of(refusal(caught_error()), ticket.id));
     }

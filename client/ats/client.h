@@ -74,7 +74,7 @@ typedef enum ats_source {
 typedef struct ats_options {
     uint32_t size;      /* sizeof(ats_options_t) */
     uint32_t flags;     /* ATS_CACHED_ONLY, ATS_VERIFY, ATS_FRESH or 0 */
-    int32_t timeout_ms; /* the longest time to wait for the answer; above 0 */
+    int32_t timeout_ms; /* the longest time to wait for the answer; above 0; later, the service does not ask the SA */
     uint32_t reserved;  /* 0 */
     const char* host;   /* the name of the service's host that asks the SA; NULL means the first host */
 } ats_options_t;

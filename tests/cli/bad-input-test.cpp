@@ -142,6 +142,11 @@ TEST(bad_input, service_survives_misbehaving_clients)
         {R"({"request":"resolve","address":"10.0.0.1","cached":true,"fresh":true})", "exclude each other"},
         {R"({"request":"reverse","gid":"fe80::1","fresh":true})", "'fresh' is for addresses and paths only"},
         {R"({"request":"path","address":"10.0.0.1","gid":"fe80::1"})", "a path needs an 'address' or a 'gid'"},
+        {R"({"request":"resolve","address":"10.0.0.1","within_ms":0})",
+         "'within_ms' is an integer from 1 to 2147483647"},
+        {R"({"request":"reverse","gid":"fe80::1","within_ms":-1})", "'within_ms' is an integer from 1"},
+        {R"({"request":"path","gid":"fe80::1","within_ms":4294967297})", "'within_ms' is an integer from 1"},
+        {R"({"request":"resolve","name":"node1","within_ms":"soon"})", "'within_ms' is an integer from 1"},
         {R"({"request":"log","level":4294967296})", "'level' is an integer from 0 to 5"},
         {R"({"request":"ping","x":)" + std::string(30'000, '[') + std::string(30'000, ']') + "}", "members are texts"},
         {R"({"request":"ping"})" + std::string(100'000, ' '), "a line has at most 65536 bytes"},
@@ -191,6 +196,37 @@ TEST(bad_input, limits_hold_for_each_user)
     const std::string status_line = status + "\n";
     while (send(reader.fd(), status_line.data(), status_line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) continue;
     EXPECT_THAT(first.ask(R"({"request":"ping"})"), HasSubstr("alive"));
+}
+
+// Sixteen lookups, or four verifications, fill the way to a silent SA. The next question of the same client has one
+// millisecond. Another client asks the same question without a limit.
+TEST(bad_input, service_does_not_ask_questions_whose_time_is_over)
+{
+    const service ats({"--hosts", "1"});
+    raw_connection client(ats.socket()), other(ats.socket());
+    const struct {
+        int busy_count;
+        std::string members;
+    } cases[] = {{16, ""}, {4, R"(,"verify":true)"}};
+    for (const auto& each : cases) {
+        const auto question = [&](int id) {
+            return R"({"request":"resolve","address":"10.0.1.)" + std::to_string(id) +
+                   "\",\"id\":" + std::to_string(id) + each.members;
+        };
+        client.ask(R"({"request":"sa","action":"silence","state":"on"})");
+        std::string lines;
+        for (int i = 1; i <= each.busy_count; ++i) lines += question(i) + "}\n";
+        client.write(lines + question(99) + ",\"within_ms\":1}\n");
+        other.write(question(99) + "}\n");
+        std::string answers;
+        for (int i = 0; i <= each.busy_count; ++i) answers += client.read() + "\n";
+        const char* const late_answer =
+            R"({"id":99,"status":"timed out","source":null,"microseconds":0,)"
+            R"("reason":"the time of the question (within_ms) was over before its turn came"})";
+        EXPECT_THAT(answers, HasSubstr(late_answer));
+        client.ask(R"({"request":"sa","action":"silence","state":"off"})");
+        EXPECT_THAT(other.read(), testing::AllOf(HasSubstr("\"id\":99"), testing::Not(HasSubstr("within_ms"))));
+    }
 }
 
 TEST(bad_input, service_without_descriptors_accepts_again_when_clients_leave)

@@ -96,12 +96,17 @@ TEST(client, answers_blocking_and_polled_questions_of_many_threads_at_once)
     }
 }
 
-TEST(client, reads_every_field_of_an_answer)
+TEST(client, sends_its_time_limit_and_reads_every_field_of_an_answer)
 {
-    fake_service service;
+    std::atomic<int> limit_ms = 0;
+    fake_service service(after_hello([&](const json& request) {
+        limit_ms = request.value("within_ms", 0);
+        return usual(request);
+    }));
     service.serve();
     const client_ptr client = open_client();
-    const ats_answer_t answer = resolve(client);
+    const ats_answer_t answer = resolve(client, 60'000);
+    EXPECT_EQ(limit_ms, 60'000);
     in6_addr gid;
     inet_pton(AF_INET6, "fe80::200:0:2:1", &gid);
     EXPECT_EQ(answer.status, ATS_OK);
