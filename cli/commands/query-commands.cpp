@@ -87,6 +87,15 @@ bool is_about_name(const resolution_command& command, const std::string& questio
     return command.name == "resolve" && is_name_to_resolve(question);
 }
 
+bool is_utf8(const std::string& text)
+{
+    try {
+        return !json(text).dump().empty();
+    } catch (const json::type_error&) {
+        return false;
+    }
+}
+
 // Returns the error if a question cannot be sent. A service may close the connection, which the other questions use,
 // too, if a line is too long. Therefore the command refuses a long question itself, with the service's text.
 std::optional<ats::error> fault_of(const resolution_command& command, const std::string& key,
@@ -97,6 +106,9 @@ std::optional<ats::error> fault_of(const resolution_command& command, const std:
         return ats::error(ats::error_kind::invalid,
                           console::quote(question) + " is neither an IPv4 address nor a GID: write it like 10.0.0.1 or "
                                                      "like fe80::1");
+    if (!is_utf8(question))
+        return ats::error(ats::error_kind::invalid,
+                          console::quote(question) + " holds bytes that are not text (UTF-8)");
     if (question.size() <= longest_question_bytes) return std::nullopt;
     const auto error_of = [](const auto& value) { return value ? std::nullopt : std::optional(value.error()); };
     return key == "gid" ? error_of(console::gid_of(question)) : error_of(console::address_of(question));

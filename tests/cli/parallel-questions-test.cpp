@@ -112,13 +112,15 @@ TEST(parallel_questions, from_stdin_are_those_of_its_lines)
 {
     const service ats({"--hosts", "2"});
     const std::string file = ats.folder / "lines";
-    write_file(file, "# all hosts\n\n10.0.0.1\t# the first\r\n  node2 \n10.0.0.9#1\n10.0.0.3 10.0.0.4\n10.0.0.2");
+    write_file(
+        file, "# all hosts\n\n10.0.0.1\t# the first\r\n  node2 \n10.0.0.9#1\n10.0.0.3 10.0.0.4\n10.0.0.\xff\n10.0.0.2");
     const program_result result = resolve_lines(ats.socket(), "10.0.0.8 - 10.0.0.7", file);
     EXPECT_EQ(result.exit_code, 2) << result.err;
     std::vector<std::string> asked;
     for (const json& answer : result.answer()) asked.push_back(answer["asked"]);
     EXPECT_THAT(asked, testing::ElementsAre("10.0.0.8", "10.0.0.1", "node2", "10.0.0.9#1", "10.0.0.3 10.0.0.4",
-                                            "10.0.0.2", "10.0.0.7"));
+                                            "10.0.0.\uFFFD", "10.0.0.2", "10.0.0.7"));
+    EXPECT_THAT(result.out, testing::HasSubstr(R"("error": "'10.0.0.\\xff' holds bytes that are not text)"));
 
     write_file(file, "10.0.0.1\n" + std::string(70'000, '1'));
     write_file(ats.folder / "comments", "# none\n\n");
