@@ -150,7 +150,7 @@ void control_garbage(tested_fabric& fabric, const act& act)
     if (act.a % 5 == 0) text += '\n';
     node& node = fabric.node_of(act);
     node.longest_period = 180;
-    node.may_not_verify = true;
+    node.verification_may_be_off = true;
     node.start("control", [&node, act, text] {
         std::string output;
         node.fabric.mark(act, node.write_control(text, &output) && !output.empty());
@@ -162,11 +162,12 @@ void verify_period(tested_fabric& fabric, const act& act)
     static constexpr int periods[] = {0, -5, 10, 20, 30, 60, 90}, skews[] = {0, 1, 10, 100, 250, -7};
     node& node = fabric.node_of(act);
     node.longest_period = 180; // seconds: the longest of the periods, 90, and a skew of 100 percent of it
-    node.may_not_verify = true;
+    node.verification_may_be_off = true;
     const int period = periods[act.a % 7], skew = skews[act.b % 6];
     node.start("control", [&node, act, period, skew] {
         if (node.write_control("sa_verify_period " + std::to_string(period) + " " + std::to_string(skew)))
-            node.expect_verification(act, {{"period", std::max(period, 0)}, {"skew", std::clamp(skew, 0, 100)}});
+            node.expect_verification_settings(act,
+                                              {{"period", std::max(period, 0)}, {"skew", std::clamp(skew, 0, 100)}});
     });
 }
 
@@ -345,7 +346,7 @@ kernel::fault_injector& begin_failing_calls(node& node, const act& act)
 {
     end_failing_calls(node);
     node.failing_calls = act;
-    node.may_be_misread = true;
+    node.may_know_wrong_ports = true;
     return node.machine().faults;
 }
 

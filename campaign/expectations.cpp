@@ -54,7 +54,8 @@ bool is_excused(node& node, const flaw& flaw)
     const bool was_harmed =
         !node.fabric.network.was_quiet_since(node.name_tick) || !node.harm().was_quiet_since(node.name_tick);
     return (flaw.possible_excuse == excuse::harm_since_named && was_harmed) ||
-           (flaw.possible_excuse == excuse::false_record && (node.fabric.network.has_done_harm || node.may_be_misread));
+           (flaw.possible_excuse == excuse::false_record &&
+            (node.fabric.network.has_done_harm || node.may_know_wrong_ports));
 }
 
 // Returns true if a host that registers this content would send exactly these bytes.
@@ -176,7 +177,7 @@ void bring_hosts_up(tested_fabric& fabric)
     for (node& each : fabric.nodes) {
         each.machine().enter("insmod", [&] {
             // If ats could not list the HCAs when it was loaded, it serves none. Then ats must be loaded again.
-            if (each.may_be_misread && each.read_control() == console::json::array()) each.unload("ats");
+            if (each.may_know_wrong_ports && each.read_control() == console::json::array()) each.unload("ats");
             if (!each.is_live() && (fabric.plan.seed + each.number) % 4 == 0) return;
             for (const char* module : {"ibat", "ucm", "ats"})
                 if (!each.machine().modules.is_loaded(module)) each.load(module);
@@ -355,9 +356,9 @@ bool is_undisturbed(node& node, uint64_t act_tick)
     // Two verifications repair the effects of faults. If the host had time for two verifications before the act, only
     // faults within this time matter.
     const uint64_t recovery_ticks = 2 * node.longest_period * second + answer_ticks;
-    const bool has_recovered = act_tick > recovery_ticks && !node.may_not_verify;
+    const bool has_recovered = act_tick > recovery_ticks && !node.verification_may_be_off;
     const uint64_t quiet_tick = has_recovered ? act_tick - recovery_ticks : 0;
-    return node.disturbed_tick <= act_tick && !node.is_changing() && node.is_live() && !node.may_be_misread &&
+    return node.disturbed_tick <= act_tick && !node.is_changing() && node.is_live() && !node.may_know_wrong_ports &&
            node.fabric.network.was_quiet_since(quiet_tick) && node.harm().was_quiet_since(quiet_tick);
 }
 

@@ -163,7 +163,7 @@ console::json node::read_control()
     return reported_hcas;
 }
 
-void node::expect_verification(const act& act, console::json verification)
+void node::expect_verification_settings(const act& act, console::json verification)
 {
     const console::json default_verification = {{"period", 60}, {"skew", 1}};
     if (verification == default_verification) return; // a report shows the defaults even without the act

@@ -57,10 +57,10 @@ struct node {
     // Call it after an act has set the verification period and skew. `verification` has these values, in the form of
     // the member "verification" of console::parse_control_report(). The act is marked as effective when a later report
     // shows the values. The default values prove nothing, so an act that sets them is not marked.
-    void expect_verification(const act& act, console::json verification);
+    void expect_verification_settings(const act& act, console::json verification);
 
-    // Loads or unloads a module. load() passes the present identity to the module ats. Call them in a task of the host.
-    // They return false on failure.
+    // Loads or unloads a module. load() passes the name and the first address to the module ats. Call them in a task of
+    // the host. They return false on failure.
     bool load(const std::string& module);
     bool unload(const std::string& module);
 
@@ -70,9 +70,9 @@ struct node {
     // These return true if a port has been cut off for good: this port, any port of this HCA, or any port of the host.
     bool is_cut_off(size_t hca, int port) const
     {
-        return std::ranges::find(cut_ports, port_name{hca, port}) != cut_ports.end();
+        return std::ranges::find(cut_ports, port_place{hca, port}) != cut_ports.end();
     }
-    bool is_cut_off(size_t hca) const { return std::ranges::find(cut_ports, hca, &port_name::hca) != cut_ports.end(); }
+    bool is_cut_off(size_t hca) const { return std::ranges::find(cut_ports, hca, &port_place::hca) != cut_ports.end(); }
     bool is_cut_off() const { return !cut_ports.empty(); }
 
     bool is_changing() const { return running_changes_ > 0; }
@@ -97,18 +97,18 @@ struct node {
     std::vector<uint32_t> given_addresses;
 
     harm_watch& harm() const { return *harm_; }
-    struct port_name {
+    struct port_place {
         size_t hca;
         int port;
-        bool operator==(const port_name&) const = default;
+        bool operator==(const port_place&) const = default;
     };
-    std::vector<port_name> cut_ports;   // ports that were cut off for good, in one direction or in both
-    uint64_t disturbed_tick = 0;        // when the host's links, identity or modules last changed
-    uint64_t longest_period = 61;       // maximum seconds between two verifications by the host
-    bool may_not_verify = false;        // verification may be switched off
-    std::optional<act> failing_calls;   // the act that has armed the fault injector, until it is disarmed
-    bool may_have_left_records = false; // the module ats was unloaded when it possibly could not send Deletes
-    bool may_be_misread = false;        // a query of a port may have failed
+    std::vector<port_place> cut_ports;    // ports that were cut off for good, in one direction or in both
+    uint64_t disturbed_tick = 0;          // when the host's links, identity or modules last changed
+    uint64_t longest_period = 61;         // maximum seconds between two verifications by the host
+    bool verification_may_be_off = false; // an act may have switched it off
+    std::optional<act> failing_calls;     // the act that has armed the fault injector, until it is disarmed
+    bool may_have_left_records = false;   // the module ats was unloaded when it possibly could not send Deletes
+    bool may_know_wrong_ports = false;    // calls of the host were made to fail, so it may not know its ports or HCAs
 
   private:
     // Checks a log line of the host. The line must agree with the models. If the line says that the answer to a Delete
@@ -125,7 +125,7 @@ struct node {
     uint64_t change_count_ = 0; // number of all change_identity() calls
     uint32_t address_count_ = 0;
     uint32_t name_count_ = 0;
-    std::optional<act> verification_act_; // set by expect_verification(), until a report shows the values
+    std::optional<act> verification_act_; // set by expect_verification_settings(), until a report shows the values
     console::json verification_;
     std::map<const exec::task*, uint64_t> sent_ticks_; // when each task sent its last request
 };

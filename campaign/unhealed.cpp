@@ -14,7 +14,7 @@ unhealed_fault& begin_unhealed_fault(tested_fabric& fabric, const act& act)
     return fabric.unhealed_faults.emplace_back(unhealed_fault{.kind = act.kind, .ports = {}});
 }
 
-void cut(tested_fabric& fabric, unhealed_fault& fault, node& node, node::port_name port, bool outbound, bool inbound)
+void cut(tested_fabric& fabric, unhealed_fault& fault, node& node, node::port_place port, bool outbound, bool inbound)
 {
     const std::string host = node.host.name(), hca = node.hcas[port.hca]->name();
     if (outbound) (void)fabric.subnet.cut_outbound(host, hca, port.port, true);

@@ -154,7 +154,7 @@ found_fault wire_watch::timing_fault_in(node& node, size_t hca, uint8_t method, 
     if (method == MAD_METHOD_DELETE) delete_tick = now_ticks;
     const bool is_answered_at_once = fabric_.network.was_quiet_since(now_ticks - harm_lasts_ticks) &&
                                      node.harm().was_quiet_since(now_ticks - harm_lasts_ticks) &&
-                                     now_ticks - node.disturbed_tick > harm_lasts_ticks && !node.may_be_misread &&
+                                     now_ticks - node.disturbed_tick > harm_lasts_ticks && !node.may_know_wrong_ports &&
                                      !node.is_cut_off(hca);
     if (method != MAD_METHOD_SET || !node.is_changing() || delete_tick == 0 || !is_answered_at_once) return {};
     if (delete_tick == now_ticks) return {};

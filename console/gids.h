@@ -1,5 +1,6 @@
-// Converts between the two notations of a GID. The module writes "0x" and 32 hexadecimal digits. InfiniBand tools write
-// a GID like an IPv6 address. In an answer of the service, "gid" has the first notation and "gid6" the second.
+// Reads the two notations of a GID, and adds the second one to answers. The module writes "0x" and 32 hexadecimal
+// digits. InfiniBand tools write a GID like an IPv6 address. In an answer of the service, "gid" has the first notation
+// and "gid6" the second.
 #pragma once
 
 #include <nlohmann/json.hpp>

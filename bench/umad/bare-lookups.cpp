@@ -2,8 +2,8 @@
 // are in flight: after each answer, the next request is sent at once.
 //   bare-lookups ADDRESS [LOOKUPS [WINDOW [path]]]
 // Looks up the record of ADDRESS, LOOKUPS times, and at least WINDOW times. Prints the lookups per second, the
-// processor time per lookup, and the numbers of lookups that found nothing and of requests that were lost. With "path",
-// each lookup also asks for the path to the GID in the record.
+// processor time per lookup, and the numbers of answers with an error status ("found nothing") and of lost requests.
+// With "path", each lookup also asks for the path to the GID in the record.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +15,7 @@
 namespace
 {
 
-constexpr int timeout_ms = 500; // a request without an answer for this time counts as lost, and is sent again
+constexpr int timeout_ms = 500; // a request without an answer for this time counts as lost; its lookup begins again
 
 [[noreturn]] void fail(const char* reason)
 {
@@ -61,7 +61,7 @@ struct lookup_loop {
         if (umad_send(port, agent, &request, MAD_SIZE, timeout_ms, 0) < 0) fail("a request was not sent");
     }
 
-    // Returns false if no answer came within timeout_ms.
+    // Waits for an answer, or for the kernel's report that a request got none. Returns false after timeout_ms.
     bool receive(umad_buffer& answer)
     {
         int length = MAD_SIZE;

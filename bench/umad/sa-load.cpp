@@ -213,7 +213,7 @@ class load
         watch.time([&] { exchange(0, 0, {}); });
         const double drained_seconds = seconds_since(burst_end);
         while (probe_ms() > 3 * usual_ms + 1) {}
-        print_table();
+        begin_result();
         std::printf("\"kind\":\"overload\",\"share\":%.1f,\"rate\":%.0f,\"sent\":%llu,\"most_in_flight\":%zu,"
                     "\"drained_s\":%.3f,\"usual_after_s\":%.3f,",
                     share, rate, static_cast<unsigned long long>(sent_count), most_in_flight, drained_seconds,
@@ -229,7 +229,8 @@ class load
         return seconds_since(begin) * 1000;
     }
 
-    void print_table() const
+    // Begins the JSON object of a result.
+    void begin_result() const
     {
         std::printf("{\"records\":%u,\"aged\":%s,", plan_.records, plan_.is_aged ? "true" : "false");
     }
@@ -238,7 +239,7 @@ class load
     {
         const double rate = static_cast<double>(connection_.results.answered) / watch.seconds;
         if (kind == "mixed") best_mixed_rate_ = std::max(best_mixed_rate_, rate);
-        print_table();
+        begin_result();
         std::printf("\"kind\":\"%s\",\"window\":%zu,\"per_second\":%.0f,", kind.c_str(), window, rate);
         print_results(watch);
     }

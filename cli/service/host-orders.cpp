@@ -38,8 +38,8 @@ ats::result<bool> set_identity(kernel::machine& machine, const char* function, a
     return status == 0;
 }
 
-// Executes `order`, which changes the registered record. Then waits as `completion` says. `order` returns false if it
-// has not sent the record on every HCA. `is_new_record` recognizes the new record.
+// Executes `order`, which changes the registered record. Then waits as `completion` says. `order` returns false if an
+// HCA with an active port could not send the record. `is_new_record` recognizes the new record.
 ats::result<> change_record(world::host& host, completion completion,
                             const confirmation::is_new_record_t& is_new_record,
                             const std::function<ats::result<bool>()>& order)

@@ -66,8 +66,8 @@ class attachment
     }
     void wake_detach() { wake_up_interruptible(&calls_ended_); }
 
-    // The peer detaches its provider in four steps: begin_detach(), refuse_calls(), wait_for_calls(), end(). Between
-    // these steps, the peer ends its requests. When the peer itself is unloaded, it begins with refuse_calls().
+    // The peer detaches its provider in three steps: begin_detach(), wait_for_calls(), end(). Between these steps, the
+    // peer ends its requests. When the peer itself is unloaded, it calls refuse_calls() instead of begin_detach().
 
     // Refuses further calls. Returns false if `handle` is not the handle of the attached provider, or if the
     // attachment is ending already. Takes the lock.

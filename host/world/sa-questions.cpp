@@ -57,8 +57,8 @@ bool sa_questions::join(fabric::hca& hca, int port)
     return has_joined;
 }
 
-// Leaves the class and destroys the pool. gsi_deregister_class() fails while a datagram is in flight, so this function
-// repeats the call until it succeeds.
+// Leaves the class and destroys the pool. gsi_deregister_class() fails while a datagram of the class is being sent or
+// delivered, so this function repeats the call until it succeeds.
 void sa_questions::leave()
 {
     while (class_ && gsi_deregister_class(class_) != 0) schedule_timeout_uninterruptible(pause_ticks);

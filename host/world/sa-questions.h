@@ -28,8 +28,9 @@ class sa_questions
     sa_questions& operator=(const sa_questions&) = delete;
 
     // Sends the request and waits at most one second for the answer. Repeats the request every quarter of a second
-    // until the answer has come. The result is empty if there was no answer. Request and answer are in wire order.
-    // ask() replaces the TransactionID of the request.
+    // until the answer has come. The result is empty if there was no answer. ask() replaces the TransactionID of the
+    // request. The request is in wire order. So is the answer, except its AttributeID: GSI has converted that to host
+    // order.
     std::optional<sa_mad_v2_t> ask(const sa_mad_v2_t& request);
 
   private:

@@ -26,6 +26,7 @@ using record_t = ib_service_record_v2_t;
 inline fabric::gid_bytes gid_number(int number)
 {
     fabric::gid_bytes gid{0xFE, 0x80};
+    gid[14] = static_cast<uint8_t>(number >> 8);
     gid[15] = static_cast<uint8_t>(number);
     return gid;
 }

@@ -168,8 +168,9 @@ TEST(sa_bookkeeping, keeps_the_latest_set_of_each_record_up_to_a_limit)
         ASSERT_EQ(records().size(), 2u);
         EXPECT_TRUE(test::same(records()[0], test::host_record(test::gid_number(2), 2)));
         EXPECT_TRUE(test::same(records()[1], test::host_record(test::gid_number(1), 3)));
-        for (size_t i = 3; i <= limit + 1; ++i) set(static_cast<int>(i % 256), i < 256 ? 4 : 5);
+        for (size_t i = 3; i <= limit + 1; ++i) set(static_cast<int>(i), 4);
         EXPECT_EQ(records().size(), limit);
+        EXPECT_TRUE(test::same(records()[0], test::host_record(test::gid_number(1), 3))) << "the oldest must go";
 
         constexpr size_t service_limit = 16; // registrations() returns states for at most this number of services
         for (uint64_t service = 1; service <= service_limit + 1; ++service) {

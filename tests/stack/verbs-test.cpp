@@ -62,8 +62,8 @@ struct subscriber : machine_with_fake {
     kq_hca_h_t handle = nullptr;
 };
 
-// A link comes up. First a read of the port shows this, and a little later the fabric reports it. A subscription may
-// start before, between or after these two moments.
+// A port is active when a subscription to its events starts. The fabric reports the link-up before the subscription,
+// during it or a moment later: the subscriber gets one link-up in each case. Later changes are further events.
 TEST(verbs_events, report_once_a_link_that_comes_up_during_a_subscription)
 {
     constexpr port_change link_up = port_change::link_up;

@@ -19,7 +19,7 @@ enum class act_kind {
     set_address, // to 10.0.HOST.(`number` + 1)
     set_name,    // to nodeHOST-`number`
     reload,      // a new name and address in the host's configuration, and SIGHUP
-    fill_disk,   // no space for the host's capture, metrics and lock until the round ends
+    fill_disk,   // no space on the disk with the host's capture, metrics and lock files until the round ends
     kill_sm,     // SIGKILL of the master; if no SM is left, a new one starts at the end of the round
     restart_sm,  // SIGTERM of all SMs; a new one starts at the end of the round
     pause_sm,    // SIGSTOP until the round ends; only if there is one SM

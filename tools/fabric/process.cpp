@@ -85,11 +85,11 @@ bool wait_until(const std::function<bool()>& condition, duration longest)
 {
     const auto deadline = std::chrono::steady_clock::now() + longest;
     while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return condition(); // without a wait, nothing is thrown
         if (was_interrupted && !is_ending) {
             is_ending = true;
             throw interrupted();
         }
-        if (std::chrono::steady_clock::now() >= deadline) return condition();
         std::this_thread::sleep_for(poll_period);
     }
     return true;

@@ -100,7 +100,7 @@ inline std::string active_text(uint16_t lid, uint16_t sm_lid)
     return "active with LID " + std::to_string(lid) + ", the SM at LID " + std::to_string(sm_lid);
 }
 
-// Returns true if the port can be part of a fabric: it is InfiniBand and has a management device.
+// Returns true if the port can be part of a fabric: it is not Ethernet, and it has a management device.
 bool is_infiniband(const port_listing& port);
 
 // The HCAs of this machine with at least one InfiniBand port. If there is none, fails with a text that says what to do.

@@ -135,7 +135,7 @@ void path_resolver::await_answer(path_request* request, uint64_t generation)
     if (generation != generation_)
         requests_.hurry(request);
     else
-        requests_.wait(request, limits_.retry_ticks);
+        requests_.move_to_waiting(request, limits_.retry_ticks);
 }
 
 // The handler of the timer in requests_. May sleep.

@@ -29,8 +29,8 @@ template <class request_t, class key_t, key_t request_t::*key, request_t* reques
 class request_list
 {
   public:
-    // Call it before every other call. When the deadline of a request has come, a timer calls `due` with `context`.
-    // `due` must call take_due() until it returns null. `due` may sleep. The caller does not hold the lock.
+    // Call it once, before all other calls. When the deadline of a request has come, a timer calls `due` with
+    // `context`. `due` must call take_due() until it returns null. `due` may sleep. The caller does not hold the lock.
     void prepare(spinlock_t* lock, void (*due)(unsigned long), void* context)
     {
         lock_ = lock;
@@ -140,7 +140,7 @@ class request_list
     // Call it when an attempt of the request was sent or refused. Moves the request to the end of the waiting list,
     // with a deadline `ticks` from now. `ticks` must be the same in all calls, so that the list is in the order of the
     // deadlines.
-    void wait(request_t* request, unsigned long ticks)
+    void move_to_waiting(request_t* request, unsigned long ticks)
     {
         request->deadline = jiffies + ticks;
         list_del_init(&request->link);

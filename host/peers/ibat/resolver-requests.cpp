@@ -79,7 +79,7 @@ void resolver::await_answer(address_request* request)
         give_up(request, ibat_stat_error);
         return;
     }
-    requests_.wait(request, retry_ticks_);
+    requests_.move_to_waiting(request, retry_ticks_);
 }
 
 // The handler of the timer in requests_. May sleep, because the provider's function may sleep.

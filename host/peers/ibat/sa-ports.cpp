@@ -61,8 +61,8 @@ bool sa_ports::join_ports(const kq_hca_name& hca, const callbacks& callbacks)
     return true;
 }
 
-// Leaves the class on all ports. gsi_deregister_class() fails while a datagram is in flight, so this function repeats
-// the call until it succeeds.
+// Leaves the class on all ports. gsi_deregister_class() fails while a datagram of the class is being sent or delivered,
+// so this function repeats the call until it succeeds. It does not wait for answers.
 void sa_ports::leave_ports()
 {
     for (; count_ > 0; --count_)
