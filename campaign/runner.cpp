@@ -128,7 +128,8 @@ bool is_interrupted()
     return was_interrupted;
 }
 
-ats::result<run_result> run_in_new_process(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options)
+ats::result<run_result> run_in_new_process(const plan& plan, const std::vector<size_t>& act_numbers,
+                                           const run_options& options)
 {
     ats::result<run_process> process = run_process::start(plan, act_numbers, options);
     if (!process) return ats::pass_on(process);

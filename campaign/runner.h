@@ -20,7 +20,8 @@ struct run_result {
 
 // Runs these acts of the plan in a new process, and waits for its end. A fault that the run finds is in the result.
 // Returns an error only if no process could be started.
-ats::result<run_result> run_in_new_process(const plan& plan, const std::vector<size_t>& act_numbers, const run_options& options);
+ats::result<run_result> run_in_new_process(const plan& plan, const std::vector<size_t>& act_numbers,
+                                           const run_options& options);
 
 // After this call, Ctrl-C (SIGINT) no longer ends the program. Instead, run_many() starts no more seeds, kills the
 // seeds that run, does not count them, and returns the sum so far.

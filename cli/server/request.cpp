@@ -27,11 +27,11 @@ ats::result<request> request_of(std::string_view line, const queue_place& place,
 {
     json object = json::parse(line, nullptr, false);
     if (!object.is_object()) return ats::fail(ats::error_kind::invalid, "a request is one JSON object on a line");
+    const ats::result<std::optional<uint64_t>> own_id = id_of(object);
+    if (!own_id) return ats::pass_on(own_id);
+    id = *own_id; // first, so that each refusal below has the id
     if (std::ranges::any_of(object, [](const json& member) { return member.is_structured(); }))
         return ats::fail(ats::error_kind::invalid, "a request's members are texts, numbers, true or false");
-    const ats::result<std::optional<uint64_t>> found_id = id_of(object);
-    if (!found_id) return ats::pass_on(found_id);
-    id = *found_id;
     const auto name = object.find("request");
     if (name == object.end() || !name->is_string())
         return ats::fail(ats::error_kind::invalid, "a request has a name, for example {\"request\":\"status\"}");
