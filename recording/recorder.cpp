@@ -50,12 +50,18 @@ void add_faults(const embedded::datagram_faults& faults, json& fields)
     if (faults.is_corrupted) fields["corrupt"] = true;
 }
 
+tl::unexpected<ats::error> write_failure()
+{
+    return ats::fail(std::string("cannot write the recording: ") + std::strerror(errno));
+}
+
 } // namespace
 
-recorder::recorder(std::FILE* file, const std::string& program) : file_(file)
+recorder::recorder(std::FILE* file, const std::string& program, report_t report)
+    : file_(file), report_(std::move(report))
 {
     const json header = {{"format", "ats-recording"}, {"version", format_version}, {"program", program}};
-    std::fputs((header.dump() + "\n").c_str(), file_);
+    write_line(header.dump());
 }
 
 void recorder::follow(embedded::subnet& subnet)
@@ -143,8 +149,8 @@ ats::result<> recorder::finish(uint64_t now_ticks)
     const std::lock_guard lock(mutex_); // no other event may come between "end" and is_finished_
     write(now_ticks, "end", fields);
     is_finished_ = true;
-    if (std::fflush(file_) == 0 && !std::ferror(file_)) return {};
-    return ats::fail(std::string("cannot write the recording: ") + std::strerror(errno));
+    if (status_ && std::fflush(file_) != 0) status_ = write_failure();
+    return status_;
 }
 
 void recorder::sent(uint64_t now_ticks, const embedded::observed_datagram& datagram, const embedded::port_view* sender,
@@ -223,7 +229,15 @@ void recorder::write(uint64_t now_ticks, const char* kind, const json& fields)
     json line = {{"t", now_ticks}, {"e", kind}};
     line.update(fields);
     // A host name may contain any bytes. dump() replaces those that are not UTF-8 by U+FFFD.
-    std::fputs((line.dump(-1, ' ', false, json::error_handler_t::replace) + "\n").c_str(), file_);
+    write_line(line.dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+// The caller holds mutex_, except the constructor.
+void recorder::write_line(const std::string& line)
+{
+    if (!status_ || std::fputs((line + "\n").c_str(), file_) >= 0) return;
+    status_ = write_failure();
+    if (report_) report_(status_.error().text);
 }
 
 } // namespace recording

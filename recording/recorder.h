@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -26,8 +27,11 @@ class recorder final : public embedded::observer
 {
   public:
     // Writes to `file`. The caller owns `file` and closes it after the last call of the recorder. `program` is the
-    // command line that repeats the run.
-    recorder(std::FILE* file, const std::string& program);
+    // command line that repeats the run. After a failed write, the recorder writes nothing more: a reader accepts a
+    // torn last line, but no torn line before other lines. It then calls `report` (or null) once with the reason. The
+    // call comes from any thread and under a lock, so `report` must neither wait nor call the recorder.
+    using report_t = std::function<void(const std::string& reason)>;
+    recorder(std::FILE* file, const std::string& program, report_t report = {});
 
     // The first follow() begins to record the events of a subnet. The second one begins to record the log lines of a
     // host and the port events that the host handles. stop() ends all this. The machines must live until stop(). The
@@ -50,7 +54,7 @@ class recorder final : public embedded::observer
     void note_table(uint64_t now_ticks);
 
     // Calls note_faults(). Then records the last event, "end", with the counters of the subnet if there is one, and
-    // flushes the file. Later events are ignored. Fails if the file could not be written.
+    // flushes the file. Later events are ignored. Fails if an event could not be written.
     ats::result<> finish(uint64_t now_ticks);
 
     // ---- embedded::observer ----
@@ -74,9 +78,12 @@ class recorder final : public embedded::observer
     void note_handled(const std::string& host, const stack::handled_event& event);
     const char* cause_of(const stack::handled_event& event, const std::string& port);
     void write(uint64_t now_ticks, const char* kind, const json& fields);
+    void write_line(const std::string& line);
 
-    std::mutex mutex_; // guards the file, is_finished_, switches_ and the LIDs
+    std::mutex mutex_; // guards the file, status_, is_finished_, switches_ and the LIDs
     std::FILE* const file_;
+    const report_t report_;
+    ats::result<> status_; // the first failure
     embedded::subnet* subnet_ = nullptr;
     bool is_finished_ = false;
     switch_values switches_{};

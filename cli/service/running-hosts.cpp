@@ -10,6 +10,7 @@
 #include "cli/service/host-records.h"
 #include "cli/service/registration.h"
 #include "console/errors.h"
+#include "console/journal.h"
 #include "host/exec/shortage.h"
 
 namespace cli
@@ -44,6 +45,15 @@ ats::result<> load(world::host& host, const host_settings& settings)
     if (result && settings.verification != verification()) result = set_verification(host, settings.verification);
     if (result || result.error().kind == error_kind::no_memory) return result;
     return ats::fail(result.error().kind, result.error().text + end_of_log(host));
+}
+
+// Prints a warning that the recording or the capture has ended before the service, because a write has failed.
+void warn_of_torn_file(const std::string& reason)
+{
+    constexpr const char* consequence =
+        ". The file ends here, and the service continues. A restart of the service begins "
+        "the file again, so copy it first.";
+    console::print_limited({.priority = console::priority::warning, .text = "warning: " + reason + consequence});
 }
 
 // Executes one step of a host's start. `step` returns an ats::result<>; it may throw exec::shortage or std::bad_alloc.
@@ -144,7 +154,7 @@ ats::result<> running_hosts::start_recording(const std::string& path)
         return ats::fail(error_kind::invalid, "cannot write the recording " + path + ": " + std::strerror(errno));
     // With _IOLBF, each event is written at once, so the recording of a killed service also shows its last moments.
     std::setvbuf(record_file_.get(), nullptr, _IOLBF, record_buffer_bytes);
-    recorder_ = std::make_unique<recording::recorder>(record_file_.get(), "ats run");
+    recorder_ = std::make_unique<recording::recorder>(record_file_.get(), "ats run", warn_of_torn_file);
     if (subnet_) recorder_->follow(*subnet_);
     return {};
 }
@@ -174,7 +184,8 @@ ats::result<> running_hosts::start_capture(const std::string& path)
 {
     using namespace std::chrono;
     const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
-    capture_ = std::make_unique<fabric::capture>(path, static_cast<uint64_t>(now.count()) - exec_->now());
+    capture_ =
+        std::make_unique<fabric::capture>(path, static_cast<uint64_t>(now.count()) - exec_->now(), warn_of_torn_file);
     if (const ats::result<> status = capture_->status(); !status)
         return ats::fail(error_kind::invalid, status.error().text);
     set_tap(capture_.get());

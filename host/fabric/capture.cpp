@@ -113,8 +113,9 @@ ib_packet make_packet(uint64_t number, uint16_t source_lid, const address& desti
 
 } // namespace
 
-capture::capture(std::string path, uint64_t start_unix_ms)
-    : path_(std::move(path)), start_unix_ms_(start_unix_ms), file_(std::fopen(path_.c_str(), "wb"))
+capture::capture(std::string path, uint64_t start_unix_ms, report_t report)
+    : path_(std::move(path)), start_unix_ms_(start_unix_ms), report_(std::move(report)),
+      file_(std::fopen(path_.c_str(), "wb"))
 {
     const pcap_file_header header;
     if (file_)
@@ -147,7 +148,10 @@ void capture::crossed(uint64_t now_ticks, uint16_t source_lid, const address& de
                   .wire_bytes = to_wire(static_cast<uint16_t>(sizeof(ib_packet)))};
     record.ib = make_packet(packets_, source_lid, destination, mad);
     write(&record, record_size);
-    if (status_) ++packets_;
+    if (status_)
+        ++packets_;
+    else if (report_)
+        report_(status_.error().text);
 }
 
 void capture::write(const void* bytes, size_t size)

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -20,8 +21,11 @@ class capture final : public tap
 {
   public:
     // Opens the file, replacing an existing one, and writes its header. If this fails, status() returns the error.
-    // `start_unix_ms` is the time of tick 0, in milliseconds since 1970.
-    explicit capture(std::string path, uint64_t start_unix_ms = 0);
+    // `start_unix_ms` is the time of tick 0, in milliseconds since 1970. If a packet cannot be written, crossed() calls
+    // `report` (or null) once with the reason. The call comes from any thread and under a lock, so `report` must
+    // neither wait nor call the capture.
+    using report_t = std::function<void(const std::string& reason)>;
+    explicit capture(std::string path, uint64_t start_unix_ms = 0, report_t report = {});
 
     // Closes the file. If that fails, the error is lost. To get the error, call close() first.
     ~capture();
@@ -45,6 +49,7 @@ class capture final : public tap
 
     const std::string path_;
     const uint64_t start_unix_ms_;
+    const report_t report_;
     mutable std::mutex mutex_; // guards the following members
     std::FILE* file_;
     ats::result<> status_;
