@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cerrno>
-#include <cstring>
 #include <new>
 
 #include "cli/service/host-orders.h"
@@ -12,6 +10,7 @@
 #include "console/errors.h"
 #include "console/journal.h"
 #include "host/exec/shortage.h"
+#include "host/fabric/output-file.h"
 
 namespace cli
 {
@@ -149,9 +148,9 @@ void running_hosts::set_tap(fabric::tap* tap)
 
 ats::result<> running_hosts::start_recording(const std::string& path)
 {
-    record_file_.reset(std::fopen(path.c_str(), "w"));
-    if (!record_file_)
-        return ats::fail(error_kind::invalid, "cannot write the recording " + path + ": " + std::strerror(errno));
+    const ats::result<std::FILE*> file = fabric::open_output_file(path);
+    if (!file) return ats::fail(error_kind::invalid, "cannot write the recording " + path + ": " + file.error().text);
+    record_file_.reset(*file);
     // With _IOLBF, each event is written at once, so the recording of a killed service also shows its last moments.
     std::setvbuf(record_file_.get(), nullptr, _IOLBF, record_buffer_bytes);
     recorder_ = std::make_unique<recording::recorder>(record_file_.get(), "ats run", warn_of_torn_file);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/fabric/output-file.h"
 #include "host/fabric/packet-crc.h"
 #include "ib-types.h"
 
@@ -114,14 +115,16 @@ ib_packet make_packet(uint64_t number, uint16_t source_lid, const address& desti
 } // namespace
 
 capture::capture(std::string path, uint64_t start_unix_ms, report_t report)
-    : path_(std::move(path)), start_unix_ms_(start_unix_ms), report_(std::move(report)),
-      file_(std::fopen(path_.c_str(), "wb"))
+    : path_(std::move(path)), start_unix_ms_(start_unix_ms), report_(std::move(report))
 {
+    const ats::result<std::FILE*> file = open_output_file(path_);
+    if (!file) {
+        note_failure(file.error().text);
+        return;
+    }
+    file_ = *file;
     const pcap_file_header header;
-    if (file_)
-        write(&header, sizeof header);
-    else
-        note_failure();
+    write(&header, sizeof header);
 }
 
 capture::~capture()
@@ -156,12 +159,12 @@ void capture::crossed(uint64_t now_ticks, uint16_t source_lid, const address& de
 
 void capture::write(const void* bytes, size_t size)
 {
-    if (std::fwrite(bytes, 1, size, file_) != size) note_failure();
+    if (std::fwrite(bytes, 1, size, file_) != size) note_failure(std::strerror(errno));
 }
 
-void capture::note_failure()
+void capture::note_failure(const std::string& reason)
 {
-    if (status_) status_ = ats::fail("cannot write the capture " + path_ + ": " + std::strerror(errno));
+    if (status_) status_ = ats::fail("cannot write the capture " + path_ + ": " + reason);
 }
 
 ats::result<> capture::status() const
@@ -173,14 +176,14 @@ ats::result<> capture::status() const
 ats::result<> capture::flush()
 {
     std::lock_guard lock(mutex_);
-    if (file_ && std::fflush(file_) != 0) note_failure();
+    if (file_ && std::fflush(file_) != 0) note_failure(std::strerror(errno));
     return status_;
 }
 
 ats::result<> capture::close()
 {
     std::lock_guard lock(mutex_);
-    if (file_ && std::fclose(file_) != 0) note_failure();
+    if (file_ && std::fclose(file_) != 0) note_failure(std::strerror(errno));
     file_ = nullptr;
     return status_;
 }

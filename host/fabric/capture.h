@@ -20,7 +20,7 @@ namespace fabric
 class capture final : public tap
 {
   public:
-    // Opens the file, replacing an existing one, and writes its header. If this fails, status() returns the error.
+    // Opens the file with open_output_file(), and writes its header. If this fails, status() returns the error.
     // `start_unix_ms` is the time of tick 0, in milliseconds since 1970. If a packet cannot be written, crossed() calls
     // `report` (or null) once with the reason. The call comes from any thread and under a lock, so `report` must
     // neither wait nor call the capture.
@@ -45,13 +45,13 @@ class capture final : public tap
 
   private:
     void write(const void* bytes, size_t size);
-    void note_failure();
+    void note_failure(const std::string& reason);
 
     const std::string path_;
     const uint64_t start_unix_ms_;
     const report_t report_;
-    mutable std::mutex mutex_; // guards the following members
-    std::FILE* file_;
+    mutable std::mutex mutex_;  // guards the following members
+    std::FILE* file_ = nullptr; // null after close(), and if the file could not be opened
     ats::result<> status_;
     uint64_t packets_ = 0;
 };

@@ -1,11 +1,14 @@
 // Recordings and captures of a service, and the pages of `ats replay`: full disks, and input that is wrong.
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "tests/cli/program.h"
 
 namespace
 {
+
+constexpr const char* header = R"({"format":"ats-recording","version":1,"program":"a test"})";
 
 size_t count_of(const std::string& text, const std::string& part)
 {
@@ -44,6 +47,37 @@ TEST(recording, full_disk_ends_the_recording_and_the_capture_with_a_warning_each
     for (const char* file : {"recording", "capture"}) EXPECT_EQ(warnings(file), 1u) << ats.complaints();
     const program_result replay = run_ats({"replay", files[0], "--html", folder / "page"});
     EXPECT_EQ(replay.exit_code, 0) << replay.err;
+}
+
+TEST(recording, wrong_files_and_times_are_refused_before_anything_is_written)
+{
+    const scratch_folder folder;
+    const std::string recording = folder / "recording", config = folder / "config", fifo = folder / "fifo";
+    const std::string own_capture = folder / "own-capture", missing = folder / "missing", socket = folder / "socket";
+    const std::string host = "[[host]]\naddress = \"10.0.0.1\"\n";
+    const std::pair<std::string, std::string> texts[] = {
+        {recording, header + std::string("\n")},
+        {config, host},
+        {own_capture, "[fabric]\ncapture = \"" + own_capture + "\"\n" + host}};
+    for (const auto& [path, text] : texts) write_file(path, text);
+    std::filesystem::create_symlink(recording, folder / "link");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string page = folder / "page";
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"run", "--record", fifo}, "fifo: it must be a regular file or a character device"},
+        {{"run", "--capture", fifo}, "fifo: it must be a regular file or a character device"},
+    };
+    for (auto [arguments, complaint] : cases) {
+        if (arguments[0] == "run") arguments.insert(arguments.end(), {"--socket", socket});
+        const std::string err = folder / "err";
+        ats_process process(arguments, folder / "out", err);
+        const bool is_refused = eventually([&] { return text_of_file(err).find(complaint) != std::string::npos; });
+        EXPECT_TRUE(is_refused) << testing::PrintToString(arguments) << text_of_file(err);
+        EXPECT_EQ(process.stop(is_refused ? 0 : SIGKILL), 2);
+        EXPECT_LT(text_of_file(err).size(), 400u);
+    }
+    for (const auto& [path, text] : texts) EXPECT_EQ(text_of_file(path), text);
+    for (const std::string& path : {missing, page}) EXPECT_FALSE(std::filesystem::exists(path)) << path;
 }
 
 } // namespace
