@@ -5,6 +5,7 @@
 #include <memory>
 #include <sstream>
 
+#include "console/distinct-files.h"
 #include "console/errors.h"
 #include "console/usage.h"
 #include "recording/cut.h"
@@ -32,6 +33,10 @@ uint64_t ticks_of(double seconds)
 
 ats::result<int> replay(const replay_options& options)
 {
+    if (const ats::result<> distinct =
+            console::check_distinct_files({{"FILE", options.recording}, {"--html", options.html}});
+        !distinct)
+        return ats::pass_on(distinct);
     std::ifstream file(options.recording, std::ios::binary);
     std::ostringstream lines;
     lines << file.rdbuf();

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "cli/demo/demo-steps.h"
+#include "console/distinct-files.h"
 #include "console/errors.h"
 #include "console/usage.h"
 #include "host/fabric/capture.h"
@@ -125,6 +126,15 @@ ats::result<int> run_captured_demo(const demo_options& options)
     return exit_code;
 }
 
+ats::result<int> run_demo(const demo_options& options)
+{
+    if (const ats::result<> distinct =
+            console::check_distinct_files({{"--capture", options.capture}, {"--html", options.html}});
+        !distinct)
+        return ats::pass_on(distinct);
+    return options.capture.empty() ? run_drawn_demo(options, nullptr) : run_captured_demo(options);
+}
+
 } // namespace
 
 void add_demo(CLI::App& program, ats::result<int>& outcome)
@@ -137,9 +147,7 @@ void add_demo(CLI::App& program, ats::result<int>& outcome)
     command->add_option("--html", options->html, "Draw everything that happens as a page for a browser, in this file")
         ->option_text("FILE");
     console::add_module_folder_option(*command, options->modules);
-    command->callback(console::command_callback(outcome, [options]() -> ats::result<int> {
-        return options->capture.empty() ? run_drawn_demo(*options, nullptr) : run_captured_demo(*options);
-    }));
+    command->callback(console::command_callback(outcome, [options] { return run_demo(*options); }));
 }
 
 } // namespace cli

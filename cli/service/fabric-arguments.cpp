@@ -1,5 +1,6 @@
 #include "cli/service/fabric-arguments.h"
 
+#include "console/distinct-files.h"
 #include "console/journal.h"
 #include "console/usage.h"
 
@@ -25,6 +26,14 @@ ats::result<world_config> real_config(const fabric_arguments& arguments)
     return real_host(arguments.identity, {.hcas = arguments.hcas,
                                           .watch_interval_ticks = static_cast<uint64_t>(arguments.port_interval_ms),
                                           .sa_delete_p_key = delete_p_key_of(arguments.sa_delete_pkey)});
+}
+
+ats::result<> check_files(const fabric_config& fabric, const fabric_arguments& arguments)
+{
+    const std::string config = arguments.config_option->empty() ? "" : arguments.config_option->as<std::string>();
+    const char* const capture_name = arguments.capture.empty() ? "'capture' in [fabric]" : "--capture";
+    return console::check_distinct_files(
+        {{"--config", config}, {capture_name, fabric.capture}, {"--record", fabric.record}});
 }
 
 } // namespace
@@ -102,6 +111,7 @@ ats::result<world_config> with_fabric(world_config config, const fabric_argument
     };
     if (!arguments.capture.empty()) config.fabric.capture = arguments.capture;
     config.fabric.record = arguments.record;
+    if (const ats::result<> files = check_files(config.fabric, arguments); !files) return ats::pass_on(files);
     return config;
 }
 

@@ -36,7 +36,7 @@ void add_fabric_options(CLI::App& command, fabric_arguments& arguments, CLI::Opt
 
 // Adds the values of the options to `config`, which is the configuration from --config or --hosts. With --fabric umad,
 // `config` is replaced by a configuration with one host, which is this machine. Fails (invalid) if options contradict
-// each other, or if a host cannot have the name or the address.
+// each other, if a file would be written over another one, or if a host cannot have the name or the address.
 ats::result<world_config> with_fabric(world_config config, const fabric_arguments& arguments);
 
 } // namespace cli

@@ -64,6 +64,12 @@ TEST(recording, wrong_files_and_times_are_refused_before_anything_is_written)
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::string page = folder / "page";
     const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"replay", recording, "--html", recording}, "FILE and --html are the same file, '"},
+        {{"replay", recording, "--html", folder / "link"}, "choose another file for --html"},
+        {{"run", "--config", config, "--record", config}, "--config and --record are the same file"},
+        {{"run", "--config", own_capture}, "--config and 'capture' in [fabric] are the same file"},
+        {{"run", "--capture", missing, "--record", folder / "./missing"}, "--capture and --record are the same file"},
+        {{"demo", "--capture", missing, "--html", missing}, "--capture and --html are the same file"},
         {{"run", "--record", fifo}, "fifo: it must be a regular file or a character device"},
         {{"run", "--capture", fifo}, "fifo: it must be a regular file or a character device"},
     };
