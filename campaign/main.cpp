@@ -14,6 +14,7 @@
 #include "campaign/summary.h"
 #include "console/distinct-files.h"
 #include "console/progress.h"
+#include "console/usage.h"
 
 namespace
 {
@@ -257,10 +258,11 @@ int main(int argc, char** argv)
     program.add_option_function<std::string>("--seeds", reads(read_seeds),
                                              "N or A-B: run the first N seeds, or seeds A to B");
     CLI::Option* const hours =
-        program.add_option("--hours", line.hours, "continue until this many hours are simulated");
+        program.add_option("--hours", line.hours, "continue until this many hours are simulated")
+            ->check(console::number_from(0, 1e9));
     for (const plan_option& each : plan_option_table)
         program.add_flag(std::string("--") + each.name, line.plan_options.*each.member, each.help);
-    program.add_option("--jobs", line.jobs, "run this many seeds at a time")->check(CLI::PositiveNumber);
+    program.add_option("--jobs", line.jobs, "run this many seeds at a time")->check(console::number_from(1, 10'000));
     CLI::Option* const seed = program.add_option("--seed", line.first_seed, "replay this seed");
     CLI::Option* const shard = program.add_option_function<std::string>(
         "--shard", reads(read_shard), "K/N: run the K-th of N parts of the seeds; needs --result");
@@ -280,7 +282,7 @@ int main(int argc, char** argv)
             ->excludes(hours)
             ->excludes(result);
     program.add_option("--minutes", line.minutes, "the time for --corpus; half of it is for plain seeds")
-        ->check(CLI::PositiveNumber)
+        ->check(console::number_from(1, 1'000'000))
         ->needs(corpus);
 
     // The options from --only to --all-acts are for a single seed. For example, a number of an act has a meaning for

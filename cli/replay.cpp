@@ -18,6 +18,7 @@ namespace
 {
 
 constexpr double ticks_per_second = 1000;
+constexpr double longest_recording_seconds = 1e9; // some thirty years
 
 struct replay_options {
     std::string recording;
@@ -71,10 +72,10 @@ void add_replay(CLI::App& program, ats::result<int>& outcome)
         ->option_text("FILE");
     command->add_option("--html", options->html, "Write the page to this file")->required()->option_text("FILE");
     command->add_option("--from", options->from_seconds, "Show datagrams and log lines from this second on")
-        ->check(CLI::NonNegativeNumber)
+        ->check(console::number_from(0, longest_recording_seconds))
         ->option_text("SECONDS");
     command->add_option("--to", options->to_seconds, "Show them up to this second")
-        ->check(CLI::NonNegativeNumber)
+        ->check(console::number_from(0, longest_recording_seconds))
         ->option_text("SECONDS");
     command->callback(console::command_callback(outcome, [options] { return replay(*options); }));
 }

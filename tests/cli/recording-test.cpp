@@ -72,6 +72,10 @@ TEST(recording, wrong_files_and_times_are_refused_before_anything_is_written)
         {{"demo", "--capture", missing, "--html", missing}, "--capture and --html are the same file"},
         {{"run", "--record", fifo}, "fifo: it must be a regular file or a character device"},
         {{"run", "--capture", fifo}, "fifo: it must be a regular file or a character device"},
+        {{"replay", recording, "--html", page, "--from", "-1"}, "'-1' is not possible: write a number from 0 to 1000"},
+        {{"replay", recording, "--html", page, "--from", "inf"}, "write a number from 0 to 1000000000"},
+        {{"replay", recording, "--html", page, "--to", "nan"}, "write a number from 0 to 1000000000"},
+        {{"replay", recording, "--html", page, "--to", "1e300"}, "write a number from 0 to 1000000000"},
     };
     for (auto [arguments, complaint] : cases) {
         if (arguments[0] == "run") arguments.insert(arguments.end(), {"--socket", socket});
