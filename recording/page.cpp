@@ -1,8 +1,12 @@
 #include "recording/page.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "recording/viewer-files.h"
 
@@ -12,10 +16,21 @@ namespace recording
 namespace
 {
 
-void replace(std::string& text, const std::string& mark, const std::string& value)
+// The marks of page_template, in their order there, and the values that replace them.
+using mark_values = std::vector<std::pair<std::string_view, std::string>>;
+
+// Returns page_template with the values. Never searches a value for marks, because names of files may look like one.
+std::string filled_template(const mark_values& values)
 {
-    const size_t position = text.find(mark);
-    if (position != std::string::npos) text.replace(position, mark.size(), value);
+    std::string page;
+    std::string_view rest = page_template;
+    for (const auto& [mark, value] : values) {
+        const size_t position = rest.find(mark);
+        assert(position != rest.npos);
+        page.append(rest.substr(0, position)).append(value);
+        rest.remove_prefix(position + mark.size());
+    }
+    return page.append(rest);
 }
 
 // Replaces each "<" by its JSON escape. Without the escape, a browser ends the script element at the first "</script".
@@ -43,11 +58,11 @@ ats::result<> check_page(const std::string& path)
 
 ats::result<> write_page(const std::string& path, const nlohmann::ordered_json& about, const std::string& lines)
 {
-    std::string page = page_template;
-    replace(page, "/*style*/", page_style);
-    replace(page, "/*script*/", page_script);
-    replace(page, "{{about}}", inside_script(about.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)));
-    replace(page, "{{recording}}", inside_script(lines));
+    const std::string about_text = about.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    const std::string page = filled_template({{"/*style*/", page_style},
+                                              {"{{about}}", inside_script(about_text)},
+                                              {"{{recording}}", inside_script(lines)},
+                                              {"/*script*/", page_script}});
     std::FILE* const file = std::fopen(path.c_str(), "w");
     const bool is_written = file && std::fwrite(page.data(), 1, page.size(), file) == page.size();
     const bool is_closed = file && std::fclose(file) == 0;

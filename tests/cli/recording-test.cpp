@@ -90,4 +90,17 @@ TEST(recording, wrong_files_and_times_are_refused_before_anything_is_written)
     for (const std::string& path : {missing, page}) EXPECT_FALSE(std::filesystem::exists(path)) << path;
 }
 
+TEST(recording, page_shows_any_recording_that_replay_accepts)
+{
+    const scratch_folder folder;
+    const std::string recording = folder / "{{recording}}"; // looks like the mark of the page for its recording
+    const auto replay = [&](const std::string& events) {
+        write_file(recording, header + ("\n" + events + "\n"));
+        return run_ats({"replay", recording, "--html", folder / "page"});
+    };
+    EXPECT_EQ(replay(R"({"t":0,"e":"unknown"})").exit_code, 0);
+    const std::string page = text_of_file(folder / "page");
+    EXPECT_THAT(page.substr(0, 200'000), testing::HasSubstr("\"title\":\"Recording " + recording + '"'));
+}
+
 } // namespace
