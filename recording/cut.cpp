@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "recording/event-fields.h"
 #include "recording/recorder.h"
 
 namespace recording
@@ -15,6 +16,7 @@ namespace
 
 struct event_line {
     std::string text;
+    std::string fault; // in its fields, or ""
     uint64_t tick = 0;
     bool is_detail = false; // a datagram, a handled event, a log line or a table
 };
@@ -36,7 +38,7 @@ bool read_event(const std::string& text, event_line& event)
     const json fields = json::parse(text, nullptr, false);
     if (!fields.is_object() || !fields.contains("t") || !fields.contains("e")) return false;
     if (!fields["t"].is_number_unsigned() || !fields["e"].is_string()) return false;
-    event = {text, fields["t"].get<uint64_t>(), is_detail(fields["e"].get<std::string>())};
+    event = {text, fault_in_fields(fields), fields["t"].get<uint64_t>(), is_detail(fields["e"].get<std::string>())};
     return true;
 }
 
@@ -85,6 +87,7 @@ ats::result<cut_recording> cut(const std::string& lines, const cut_options& opti
                 return wrong_line(1, "it is not a recording of version " + std::to_string(format_version));
             result.lines = text + "\n";
         } else if (read_event(text, event)) {
+            if (!event.fault.empty()) return wrong_line(number, event.fault);
             events.push_back(std::move(event));
         } else if (!is_last) { // the last line may be cut off, because the run was killed
             return wrong_line(number, "it is not an event of a recording");

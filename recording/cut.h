@@ -29,8 +29,8 @@ struct cut_recording {
 
 // Removes datagrams, handled events, log lines and tables (see docs/recording.md) outside of the window. All other
 // events stay, because the states at the beginning of the window result from them. Ignores a last line that is not
-// an event, because the run may have been killed while it wrote the line. Fails (invalid) if the text is empty, or if
-// it is not a recording of this version; the error then names the line.
+// an event, because the run may have been killed while it wrote the line. Fails (invalid) if the text is empty, if it
+// is not a recording of this version, or if an event lacks a field that the page needs; the error then names the line.
 ats::result<cut_recording> cut(const std::string& lines, const cut_options& options);
 
 } // namespace recording

@@ -59,8 +59,8 @@ function describeChange(event) {
 
 function describeAct(event) {
   return node("div", {}, node("h2", {}, `Act ${event.number}: ${event.name}`),
-    list([["phase", { begin: "it begins", end: "it ends", moment: "it takes no time" }[event.phase]], ["host", event.host],
-          ["may harm", { none: "no registration", host: "the registrations of this host", network: "all registrations" }[event.harm]],
+    list([["phase", entryOf({ begin: "it begins", end: "it ends", moment: "it takes no time" }, event.phase)], ["host", event.host],
+          ["may harm", entryOf({ none: "no registration", host: "the registrations of this host", network: "all registrations" }, event.harm)],
           ["a, b", `${event.a}, ${event.b}`]]));
 }
 
@@ -69,9 +69,9 @@ const CAUSES = {
   reregister: "the SM asks to register again, or the port has another GID or P_Key", subscription: "the link was up before the module was loaded" };
 
 function describeHandled(event) {
-  const told = { up: "the link is up", down: "the link is down", "SM change": "the SM has changed" }[event.event];
+  const told = entryOf({ up: "the link is up", down: "the link is down", "SM change": "the SM has changed" }, event.event);
   return node("div", {}, node("h2", {}, `${event.port} handles an event`),
-    list([["told", told], ["because", CAUSES[event.cause] || event.cause], ["at", formatTime(event.t)]]));
+    list([["told", told], ["because", entryOf(CAUSES, event.cause) || event.cause], ["at", formatTime(event.t)]]));
 }
 
 function describeSelection(recording, event, logIndexes) {

@@ -251,7 +251,7 @@ class Picture {
     const room = this.layout.step - HANDLED_TEXT_X - 22;
     const text = handledText(event);
     return svgNode("g", { class: "handled", "data-event": event.index, "data-tip": `${lane.name} handles: ${text}` },
-      svgNode("path", { d: `M${lane.x} ${y}${HANDLED_SHAPES[event.event] || HANDLED_SHAPES["SM change"]}` }),
+      svgNode("path", { d: `M${lane.x} ${y}${entryOf(HANDLED_SHAPES, event.event) || HANDLED_SHAPES["SM change"]}` }),
       svgText(lane.x + HANDLED_TEXT_X, y + 3.5, cutText(text, Math.max(4, Math.floor(room / LETTER_WIDTH))), "label"));
   }
 

@@ -93,11 +93,14 @@ const APPLY = {
   },
 };
 
+// Returns the entry of a table of the viewer. `key` comes from the recording, and may be "constructor" or "__proto__".
+const entryOf = (table, key) => Object.hasOwn(table, key) ? table[key] : undefined;
+
 // Applies an event to the state.
 function applyEvent(state, event) {
   for (const [key, request] of state.waiting)
     if (event.t - request.t >= ANSWER_LIMIT_MS) state.waiting.delete(key);
-  const change = APPLY[event.e];
+  const change = entryOf(APPLY, event.e);
   if (change) change(state, event);
 }
 
@@ -108,6 +111,7 @@ function stateAfter(recording, index) {
 }
 
 function setRegistration(state, sent, verdict) {
+  if (!sent.record) return; // the Set of something else
   state.registrations.set(hcaOf(sent.from), { verdict, record: sent.record, port: sent.from, status: null });
 }
 

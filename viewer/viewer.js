@@ -5,6 +5,12 @@ const KINDS = [["get", "Get"], ["set", "Set"], ["delete", "Delete"], ["path", "P
 const KEYS = [["↑ ↓, k j", "previous, next event"], ["Home, End", "begin, end"], ["n, p", "next, previous loss or error"], ["a, A", "next, previous act or step"], ["v", "the violation"],
               ["/", "filter by text"], ["Esc", "drop the filter or the selection"], ["?", "this help"]];
 
+// Without this message, the page of a recording that the viewer cannot show would stay empty.
+addEventListener("error", event => {
+  byId("notice").textContent = `The page cannot show this recording: ${event.message}`;
+  byId("notice").hidden = false;
+});
+
 const recording = readRecording(byId("recording").textContent);
 const about = JSON.parse(byId("about").textContent);
 const filter = {

@@ -98,6 +98,17 @@ TEST(recording, page_shows_any_recording_that_replay_accepts)
         write_file(recording, header + ("\n" + events + "\n"));
         return run_ats({"replay", recording, "--html", folder / "page"});
     };
+    const std::pair<const char*, const char*> incomplete_events[] = {
+        {R"({"t":1,"e":"sent","n":1})", "line 2: an event 'sent' needs the text 'from'"},
+        {R"({"t":1,"e":"log","host":"node1","text":"x","level":"3"})", "an event 'log' needs the number 'level'"},
+        {R"({"t":1,"e":"refused","from":"node1 a 1","method":"Set","attribute":"ServiceRecord","tid":"0x1","record":{}})",
+         "the field 'record' needs the text 'gid'"},
+    };
+    for (const auto& [event, complaint] : incomplete_events) {
+        const program_result result = replay(event);
+        EXPECT_EQ(result.exit_code, 2);
+        EXPECT_THAT(result.err, testing::HasSubstr(complaint));
+    }
     EXPECT_EQ(replay(R"({"t":0,"e":"unknown"})").exit_code, 0);
     const std::string page = text_of_file(folder / "page");
     EXPECT_THAT(page.substr(0, 200'000), testing::HasSubstr("\"title\":\"Recording " + recording + '"'));
