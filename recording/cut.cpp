@@ -53,6 +53,7 @@ bool is_header(const std::string& text)
 // recording, or at the end with keeps_end.
 window fitting_window(const std::vector<event_line>& events, const cut_options& options)
 {
+    constexpr window empty_window{1, 0};
     window window{events.front().tick, events.back().tick};
     size_t bytes = 0;
     const auto exceeds = [&](const event_line& event) {
@@ -64,7 +65,9 @@ window fitting_window(const std::vector<event_line>& events, const cut_options& 
         if (first_left_out != events.rend()) window.from_tick = first_left_out->tick + 1;
     } else {
         const auto first_left_out = std::ranges::find_if(events, exceeds);
-        if (first_left_out != events.end()) window.to_tick = std::max<uint64_t>(first_left_out->tick, 1) - 1;
+        if (first_left_out == events.end()) return window;
+        if (first_left_out->tick == 0) return empty_window;
+        window.to_tick = first_left_out->tick - 1;
     }
     return window;
 }

@@ -10,7 +10,7 @@
 namespace recording
 {
 
-// Both ends belong to the window.
+// Both ends belong to the window. If from_tick is greater than to_tick, the window is empty.
 struct window {
     uint64_t from_tick;
     uint64_t to_tick;

@@ -174,8 +174,10 @@ function showHead() {
     byId("verdict").hidden = false;
   }
   if (about.window) {
-    byId("notice").textContent = `Cut to a window: datagrams, port events and log lines are shown from ${formatTime(about.window.from)} to ${formatTime(about.window.to)} only. ` +
-      "States and the SA’s records are those of the whole run.";
+    const { from, to } = about.window;
+    const shown = from > to ? "Cut to an empty window: no datagrams, port events and log lines are shown."
+      : `Cut to a window: datagrams, port events and log lines are shown from ${formatTime(from)} to ${formatTime(to)} only.`;
+    byId("notice").textContent = `${shown} States and the SA’s records are those of the whole run.`;
     byId("notice").hidden = false;
   }
   showViolation();
