@@ -261,10 +261,12 @@ void server::finish_soon(const return_ticket& ticket, std::string line)
     loop_.post([this, ticket, line = std::move(line)] { finish(ticket, line); });
 }
 
-// Executes a request and returns the line with its answer. Runs in a worker's thread.
-std::string server::answer_line(const request& request, const request_type& type)
+// Executes a request and returns the line with its answer. After `deadline`, the request is a lookup whose time is
+// over. Runs in a worker's thread.
+std::string server::answer_line(const request& request, const request_type& type, lookups::time_point deadline)
 {
     try {
+        if (std::chrono::steady_clock::now() > deadline) return late_line(request);
         ats::result<json> answer = type.answer(hosts_, request.object);
         if (answer) console::add_gid6(*answer);
         return line_of(answer ? *answer : refusal(answer.error()), request.ticket.id);
@@ -273,7 +275,8 @@ std::string server::answer_line(const request& request, const request_type& type
     }
 }
 
-// Returns the answer to a lookup whose time is over when a worker is free, and counts it. Runs in a worker's thread.
+// Returns the answer to a lookup whose time is over when a worker is free, and counts it. Throws a json::exception if
+// "host" has the wrong type. Runs in a worker's thread.
 std::string server::late_line(const request& request)
 {
     const lookups::answer answer = lookups::late_answer(false);
@@ -290,8 +293,7 @@ void server::hand_to_workers(conversation& source, const request& request, const
     const lookups::time_point deadline = deadline_of(request);
     begin(source, request.ticket);
     workers_.push(request.ticket.place, [this, request, &type, deadline] {
-        const bool is_late = std::chrono::steady_clock::now() > deadline;
-        finish_soon(request.ticket, is_late ? late_line(request) : answer_line(request, type));
+        finish_soon(request.ticket, answer_line(request, type, deadline));
     });
 }
 

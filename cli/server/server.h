@@ -84,7 +84,7 @@ class server final : public conversation::owner
     void greet(conversation& source, const request& request);
     void look_up(conversation& source, const request& request);
     void follow_log(conversation& source, const request& request);
-    std::string answer_line(const request& request, const request_type& type);
+    std::string answer_line(const request& request, const request_type& type, lookups::time_point deadline);
     std::string late_line(const request& request);
     void hand_to_workers(conversation& source, const request& request, const request_type& type);
     void count(conversation& source, const return_ticket& ticket);

@@ -199,7 +199,7 @@ TEST(bad_input, limits_hold_for_each_user)
 }
 
 // Sixteen lookups, or four verifications, fill the way to a silent SA. The next question of the same client has one
-// millisecond. Another client asks the same question without a limit.
+// millisecond, and so has one with a wrong member. Another client asks the same question without a limit.
 TEST(bad_input, service_does_not_ask_questions_whose_time_is_over)
 {
     const service ats({"--hosts", "1"});
@@ -216,14 +216,15 @@ TEST(bad_input, service_does_not_ask_questions_whose_time_is_over)
         client.ask(R"({"request":"sa","action":"silence","state":"on"})");
         std::string lines;
         for (int i = 1; i <= each.busy_count; ++i) lines += question(i) + "}\n";
-        client.write(lines + question(99) + ",\"within_ms\":1}\n");
+        client.write(lines + question(98) + ",\"within_ms\":1,\"host\":5}\n" + question(99) + ",\"within_ms\":1}\n");
         other.write(question(99) + "}\n");
         std::string answers;
-        for (int i = 0; i <= each.busy_count; ++i) answers += client.read() + "\n";
+        for (int i = 0; i < each.busy_count + 2; ++i) answers += client.read() + "\n";
         const char* const late_answer =
             R"({"id":99,"status":"timed out","source":null,"microseconds":0,)"
             R"("reason":"the time of the question (within_ms) was over before its turn came"})";
         EXPECT_THAT(answers, HasSubstr(late_answer));
+        EXPECT_THAT(answers, HasSubstr("type must be string, but is number\",\"exit_code\":2,\"id\":98"));
         client.ask(R"({"request":"sa","action":"silence","state":"off"})");
         EXPECT_THAT(other.read(), testing::AllOf(HasSubstr("\"id\":99"), testing::Not(HasSubstr("within_ms"))));
     }
