@@ -93,7 +93,8 @@ uint32_t draw_kind(dice& dice, harm worst, const weights& weights)
 }
 
 // Draws the time and the host of an act. Half of the acts begin soon after the previous act, mostly on the same host.
-// Half of the other acts begin when request timers expire: at a multiple of 1000 ticks, or one tick before or after it.
+// Half of the other acts begin at a multiple of 1000 ticks, or one tick before or after it: then the request timers of
+// modules expire that were loaded at the beginning.
 void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
 {
     act.host = static_cast<uint32_t>(dice.number_below(plan.hosts.size()));
@@ -108,8 +109,8 @@ void place(act& act, dice& dice, const campaign::act* last, const plan& plan)
     act.begin_tick = std::min(act.begin_tick, plan.faults_end_tick);
 }
 
-// In a third of the plans, no act harms the network. In a third of these plans, no act harms a host either: then no
-// fault excuses a wrong record.
+// In a third of the plans, no act harms the network. In a third of these plans, no act harms a host either: then only
+// the cuts of add_unhealed_faults() excuse a wrong record.
 harm draw_worst_harm(dice& dice)
 {
     if (!dice.one_in(3)) return harm::network;
@@ -143,8 +144,8 @@ void add_unhealed_faults(plan& plan)
     }
 }
 
-// exec::priority_schedule explains rounds. Short rounds often change the order of a few tasks. In a long round, a task
-// waits while many other tasks run.
+// Draws the options of exec::priority_schedule. A round has 64 to 8192 choices. Each round draws all priorities again,
+// so short rounds change the order of tasks often. In a long round, a task of low priority waits while many others run.
 exec::priority_options draw_priorities(uint64_t seed)
 {
     constexpr uint64_t own_sequence = 0x7072696F72697479;
@@ -154,7 +155,8 @@ exec::priority_options draw_priorities(uint64_t seed)
             .round_choices = uint64_t{64} << dice.number_below(8)};
 }
 
-// Draws the duration of an act. All orders of magnitude have equal chances.
+// Draws the duration of an act: at most longest_ticks, or a half, a quarter and so on down to 1/2048 of it. Each of
+// these limits has the same chance.
 uint64_t draw_length(dice& dice, uint64_t longest_ticks)
 {
     return 1 + dice.number_below(1 + (longest_ticks >> dice.number_below(12)));

@@ -17,8 +17,8 @@ struct used_file {
 
 // Fails (invalid) if two of the files are one and the same, because the command would destroy its content. Files that
 // exist are compared by device and inode, so links are found. Files that do not exist yet are compared by path. The
-// same character device, such as /dev/null, may be used twice. List the files that are read first: the error asks for
-// another path of the later file. Opens no file. Any thread.
+// same character device, such as /dev/null, may be used twice. Put the files that the command reads before those
+// that it writes: the error asks for another path of the later file. Opens no file. Any thread.
 ats::result<> check_distinct_files(const std::vector<used_file>& files);
 
 } // namespace console

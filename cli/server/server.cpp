@@ -261,8 +261,8 @@ void server::finish_soon(const return_ticket& ticket, std::string line)
     loop_.post([this, ticket, line = std::move(line)] { finish(ticket, line); });
 }
 
-// Executes a request and returns the line with its answer. After `deadline`, the request is a lookup whose time is
-// over. Runs in a worker's thread.
+// Executes a request and returns the line with its answer. If `deadline` has passed, does not execute it and returns
+// late_line(). Only lookups have a deadline. Runs in a worker's thread.
 std::string server::answer_line(const request& request, const request_type& type, lookups::time_point deadline)
 {
     try {
@@ -275,8 +275,9 @@ std::string server::answer_line(const request& request, const request_type& type
     }
 }
 
-// Returns the answer to a lookup whose time is over when a worker is free, and counts it. Throws a json::exception if
-// "host" has the wrong type. Runs in a worker's thread.
+// A lookup has waited for a worker until its time (within_ms) was over: returns its answer, "timed out". Counts a
+// lookup of an address or a GID, but not one of a name. Throws a json::exception if "host" has the wrong type. Runs in
+// a worker's thread.
 std::string server::late_line(const request& request)
 {
     const lookups::answer answer = lookups::late_answer(false);

@@ -60,8 +60,9 @@ void compare(const resolution& cache_answer, const resolution& sa_answer, bool i
 }
 
 // Asks the SA about a GID that is in the cache. UCM's provider searches the cache first, so it finds the GID there and
-// does not ask the SA. This function therefore asks the SA about the cached address. If the SA names another GID, the
-// cache drops the wrong entry. A second lookup of the GID then reaches the SA.
+// does not ask the SA. This function therefore asks the SA about the cached address. If the SA contradicts the cache,
+// the cache drops the entry, except the host's own. A second lookup of the GID then reaches the SA. If it does not, the
+// answer is "not found", because the SA has not confirmed the GID.
 resolution ask_sa_for_gid(kernel::machine& machine, const resolution& cache_answer)
 {
     resolution by_address = world::resolve_address(machine, cache_answer.ip, lookup_mode::sa_only);

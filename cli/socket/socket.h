@@ -39,7 +39,8 @@ class path_lock
 enum class socket_state { live, stale };
 
 // Tells if a process listens on the socket at `path`. Follows symbolic links. The test is a connection, which is closed
-// at once; this function never waits. Fails if there is no such socket, or if this user may not connect to it.
+// at once; this function never waits. Fails if there is no such file, or if this user may not connect to it. A file
+// that is no socket counts as stale.
 ats::result<socket_state> state_of_socket(const std::string& path);
 
 // A listening Unix socket with its file. The destructor removes the file.
@@ -47,8 +48,8 @@ class listening_socket
 {
   public:
     // Creates a socket at `path` and listens. Replaces the socket file of a service that has ended. Fails if a service
-    // listens there, or if the file at `path` is not a socket. If `is_for_all`, other users can connect. Error texts
-    // name `option`, the command-line option that sets the path.
+    // listens there, or if the file at `path` is not a socket. If `is_for_all`, other users can connect. If another
+    // path can help, the error text names `option`, the command-line option that sets the path.
     static ats::result<std::unique_ptr<listening_socket>> open(const std::string& path, bool is_for_all,
                                                                const std::string& option = "--socket");
 

@@ -15,6 +15,7 @@ struct gsi_adapter_view {
     sa_counts sa;
 };
 
+// The registration of a ServiceRecord at the SA, not that of a management class.
 struct registration_view {
     std::string hca;
     registration record;
@@ -45,7 +46,7 @@ class gsi final : public kernel::service
     // For reports: the state of the ServiceRecords that clients have registered through each HCA.
     std::vector<registration_view> registrations() const;
 
-    // The ServiceRecords that clients have Set through all HCAs; see registrations::set_records().
+    // Returns the ServiceRecords that clients have sent in Sets through all HCAs; see registrations::set_records().
     std::vector<ib_service_record_v2_t> set_records() const;
 
     std::vector<std::string> left_by(const kernel::module_code& module) const override;

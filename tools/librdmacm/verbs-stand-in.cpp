@@ -1,5 +1,5 @@
-// A library to preload. With this library, librdmacm works on a machine without an RDMA device: librdmacm finds one
-// device, but never opens it. If librdmacm connects to /run/ibacm.sock, this library connects to the socket
+// A library to preload. With this library, rdma_getaddrinfo() works on a machine without an RDMA device: librdmacm
+// finds one device, but never opens it. If librdmacm connects to /run/ibacm.sock, this library connects to the socket
 // $ACM_SOCKET instead.
 #include <cstdlib>
 #include <cstring>
