@@ -89,12 +89,14 @@ bool has_address(kernel::machine& machine, uint32_t ip)
 using named_address = std::variant<uint32_t, status>;
 
 // Asks the SA for the address with which a host name is registered. This may take a second. If several hosts of an
-// embedded fabric have the name, returns the address of the one with the lowest GID.
+// embedded fabric have the name, returns the address of the one with the lowest GID. Returns no_data only if the SA has
+// answered that it holds no record, or several.
 named_address address_of_name(cli::running_hosts& hosts, const std::string& name)
 {
     const cli::json answer = cli::answer_resolve_name(hosts, name);
     const cli::json matches = answer.value("matches", cli::json::array());
-    if (matches.empty()) return answer.at("status") == "timed out" ? status::timed_out : status::no_data;
+    const bool is_answered = answer.at("status") == "not found" || answer.at("source") == "SA";
+    if (matches.empty()) return is_answered ? status::no_data : status::timed_out;
     return *world::parse_ipv4(matches.at(0).at("address"));
 }
 

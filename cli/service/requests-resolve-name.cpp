@@ -7,7 +7,6 @@
 #include "cli/service/requests.h"
 #include "console/record-answer.h"
 #include "host/fabric/umad/sa-client.h"
-#include "host/world/sa-questions.h"
 #include "records/host-record.h"
 
 namespace cli
@@ -40,9 +39,7 @@ ats::result<possible_answer> ask_sa(running_hosts& hosts, const sa_mad_v2_t& req
         if (!(*subnet)->ask_sa(mad)) return possible_answer();
         return possible_answer(std::bit_cast<sa_mad_v2_t>(mad));
     }
-    const auto questions = world::sa_questions::open(hosts.all().front()->machine());
-    if (!questions) return ats::pass_on(questions);
-    return (*questions)->ask(request);
+    return hosts.name_questions().ask(hosts.all().front()->machine(), request);
 }
 
 // Returns all records with that host name at the SA of an embedded fabric. They are read from the subnet, because a
@@ -84,11 +81,12 @@ json look_up(running_hosts& hosts, const std::string& host_name)
     }
     if (status == status_word(SA_STATUS_NO_RECORDS))
         return no_match("not found", "SA", "the SA holds no record of that host name");
+    if (status & MAD_STATUS_BUSY) return no_match("timed out", nullptr, "the SA says that it is busy");
     if (status != status_word(SA_STATUS_TOO_MANY_RECORDS))
         return no_match("failed", nullptr, "the SA refused the question with status " + records::status_text(status));
     const json matches = several_matches(hosts, host_name);
     if (!matches.empty()) return match(matches);
-    return no_match("failed", nullptr,
+    return no_match("failed", "SA",
                     "the SA holds several records of that host name, and returns none of them: 'ats sa show --name " +
                         host_name + "' lists them");
 }

@@ -94,6 +94,7 @@ ats::result<std::unique_ptr<running_hosts>> running_hosts::build(const world_con
 running_hosts::~running_hosts()
 {
     stop();
+    name_questions_.close();
     hosts_.clear(); // before the fabric and the executor, which the machines use
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cli/service/log-copy.h"
+#include "cli/service/name-questions.h"
 #include "cli/service/statistics.h"
 #include "cli/service/world-config.h"
 #include "host/exec/executor.h"
@@ -64,6 +65,9 @@ class running_hosts
     // Returns the tasks of the fabric. A watchdog checks that they still run.
     std::vector<fabric::fabric_task> fabric_tasks() const;
 
+    // The questions about host names at the SA of a real fabric.
+    cli::name_questions& name_questions() { return name_questions_; }
+
     // The counters for metrics. `machine` must be the machine of one of these hosts.
     service_statistics& statistics() { return statistics_; }
     host_statistics& statistics_of(const kernel::machine& machine) { return host_statistics_.at(&machine); }
@@ -99,6 +103,7 @@ class running_hosts
     std::map<const kernel::machine*, host_statistics> host_statistics_;
     std::optional<log_copy> journal_copy_; // empty without a journal
     std::vector<std::unique_ptr<world::host>> hosts_;
+    cli::name_questions name_questions_; // closed before the hosts are destroyed
     const report_t report_;
     bool is_sa_silent_ = false;           // true: delete_leftovers() has failed, so stop() does not ask the SA again
     std::vector<host_settings> settings_; // the configured settings of each host

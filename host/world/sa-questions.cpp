@@ -1,5 +1,6 @@
 #include "host/world/sa-questions.h"
 
+#include <atomic>
 #include <bit>
 #include <cstring>
 
@@ -13,9 +14,13 @@ namespace
 {
 
 constexpr int32_t pool_size = 8;
-constexpr int most_tries = 4;
+constexpr uint32_t most_tries = 4;
 constexpr uint64_t try_ticks = 250;
 constexpr unsigned long pause_ticks = 1;
+
+// The number of TransactionIDs that all objects have used. No two questions use the same ones, because a late answer to
+// one object may arrive when another object has its number in the class.
+std::atomic<uint32_t> used_transactions{0};
 
 void put_sent_datagram(gsi_class_handle_t, void*, gsi_dtgrm_t* datagram)
 {
@@ -31,6 +36,8 @@ ats::result<std::unique_ptr<sa_questions>> sa_questions::open(kernel::machine& m
         for (int port = 1; port <= hca->port_count(); ++port) {
             const fabric::port_attributes attributes = hca->read_port(port);
             if (attributes.state != fabric::link_state::active || attributes.sm_lid == 0) continue;
+            questions->hca_ = hca;
+            questions->port_ = port;
             questions->sm_lid_ = attributes.sm_lid;
             questions->sm_sl_ = attributes.sm_sl;
             if (!questions->join(*hca, port)) return ats::fail("GSI of " + hca->name() + " accepts no further client");
@@ -65,16 +72,23 @@ void sa_questions::leave()
     if (pool_) gsi_dtgrm_pool_destroy(pool_);
 }
 
+bool sa_questions::is_usable() const
+{
+    const fabric::port_attributes attributes = hca_->read_port(port_);
+    return attributes.state == fabric::link_state::active && attributes.sm_lid == sm_lid_;
+}
+
 std::optional<sa_mad_v2_t> sa_questions::ask(const sa_mad_v2_t& request)
 {
+    const uint32_t first_transaction = used_transactions.fetch_add(most_tries);
     machine_.enter("SA questions", [&] {
         {
             const std::lock_guard lock(mutex_);
-            first_transaction_ = (last_transaction_ + 1) & gsi_joined_transaction_bits;
+            first_transaction_ = first_transaction & gsi_joined_transaction_bits;
             answer_.reset();
         }
-        for (int i = 0; i < most_tries && !has_answer(); ++i) {
-            send(request);
+        for (uint32_t i = 0; i < most_tries && !has_answer(); ++i) {
+            send(request, first_transaction + i);
             const uint64_t deadline = machine_.exec().now() + try_ticks;
             while (!has_answer() && machine_.exec().now() < deadline) schedule_timeout_uninterruptible(pause_ticks);
         }
@@ -84,12 +98,11 @@ std::optional<sa_mad_v2_t> sa_questions::ask(const sa_mad_v2_t& request)
 }
 
 // Sends one attempt. If GSI refuses it, does nothing: ask() sends the next attempt later.
-void sa_questions::send(sa_mad_v2_t request)
+void sa_questions::send(sa_mad_v2_t request, uint32_t transaction)
 {
     gsi_dtgrm_t* datagram;
     if (gsi_dtgrm_pool_get(pool_, &datagram) != 0) return;
-    last_transaction_ = (last_transaction_ + 1) & gsi_joined_transaction_bits;
-    request.hdr.transact_id = to_wire(uint64_t{last_transaction_});
+    request.hdr.transact_id = to_wire(uint64_t{transaction & gsi_joined_transaction_bits});
     // GSI expects the AttributeID in host order and converts it to wire order.
     request.hdr.attrib_id = from_wire(std::bit_cast<be16_t>(request.hdr.attrib_id));
     std::memcpy(datagram->mad, &request, sizeof request);
