@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
 #include <limits>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include "cli/acm/store-names.h"
 #include "cli/service/access.h"
@@ -26,6 +28,15 @@ template <class handle_t>
 uv_handle_t* handle(handle_t& specific)
 {
     return reinterpret_cast<uv_handle_t*>(&specific);
+}
+
+// Returns the path to which a Unix socket is bound, or "".
+std::string path_of(int socket)
+{
+    sockaddr_un address{};
+    socklen_t size = sizeof address;
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return "";
+    return address.sun_path;
 }
 
 } // namespace
@@ -77,10 +88,14 @@ void door::remove_earlier_socket()
 {
     if (!earlier_listener_.is_open()) return;
     cli::forget_descriptor(listener_name);
-    const auto adopted = cli::listening_socket::adopt(config_.socket, std::move(earlier_listener_));
-    if (!adopted) return;
-    // The destructor of `adopted` removes the file. Programs that have connected before are still served.
-    loop_.post([this, listener = std::make_shared<client::descriptor>((*adopted)->duplicate())] {
+    const int copy = fcntl(earlier_listener_.get(), F_DUPFD_CLOEXEC, 0);
+    const auto listener = std::make_shared<client::descriptor>(copy);
+    {
+        // The destructor removes the file, so no further program can connect. Those that have connected are still
+        // served.
+        const auto socket = cli::listening_socket::adopt(path_of(copy), std::move(earlier_listener_));
+    }
+    loop_.post([this, listener] {
         const auto next_program = [&] {
             return accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         };
