@@ -24,10 +24,9 @@ struct reload_calls {
 };
 
 // Compares `file`, the new configuration, with `current`. Applies each setting that differs, prints a line about it,
-// and stores it in `current`. A change that fails is not stored, so the next reload tries it again, or
-// orders the old value again if the file has it back. For a setting that
-// needs a restart, only prints a line. Waits for the SA if a host's name or address changes. The calling thread must
-// not be a task of a machine.
+// and stores it in `current`. A change that fails is not stored, so the next reload tries it again, or orders the old
+// value again if the file has it back. For a setting that needs a restart, only prints a line. Waits for the SA if a
+// host's name or address changes. The calling thread must not be a task of a machine.
 void reload(running_hosts& hosts, world_config& current, const world_config& file, const reload_calls& calls);
 
 } // namespace cli

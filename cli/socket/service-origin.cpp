@@ -66,8 +66,9 @@ std::string text_of_lock_file(const std::string& path)
     const client::descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     struct stat attributes = {}, folder = {};
     if (file.get() < 0 || fstat(file.get(), &attributes) != 0 || !S_ISREG(attributes.st_mode)) return "";
-    const std::string folder_path = std::filesystem::path(path).parent_path();
-    if (stat(folder_path.c_str(), &folder) != 0) return "";
+    if (attributes.st_size > off_t{longest_text}) return "";
+    const std::string parent = std::filesystem::path(path).parent_path();
+    if (stat(parent.empty() ? "." : parent.c_str(), &folder) != 0) return "";
     const uid_t owner = attributes.st_uid;
     if (owner != 0 && owner != geteuid() && owner != folder.st_uid) return "";
     std::string text(longest_text, '\0');
