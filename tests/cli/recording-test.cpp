@@ -81,7 +81,8 @@ TEST(recording, wrong_files_and_times_are_refused_before_anything_is_written)
         if (arguments[0] == "run") arguments.insert(arguments.end(), {"--socket", socket});
         const std::string err = folder / "err";
         ats_process process(arguments, folder / "out", err);
-        const bool is_refused = eventually([&] { return text_of_file(err).find(complaint) != std::string::npos; });
+        const bool is_refused =
+            eventually([&, &text = complaint] { return text_of_file(err).find(text) != std::string::npos; });
         EXPECT_TRUE(is_refused) << testing::PrintToString(arguments) << text_of_file(err);
         EXPECT_EQ(process.stop(is_refused ? 0 : SIGKILL), 2);
         EXPECT_LT(text_of_file(err).size(), 400u);
