@@ -6,7 +6,9 @@
 
 #include "cli/service/host-records.h"
 #include "host/fabric/embedded/subnet.h"
+#include "host/fabric/umad/sa-client.h"
 #include "host/world/module-folder.h"
+#include "host/world/sa-questions.h"
 #include "tests/fabric/requests.h"
 
 namespace
@@ -51,6 +53,27 @@ struct host_records : testing::Test {
     world::host host{*sim, {hca}, plan, world::default_module_folder(), 7};
     const test::record_t other = test::host_record(test::gid_number(97), 2);
 };
+
+// The first question is repeated before its answer comes. The answer to the repetition comes while the second question
+// waits, from another client that has the same number.
+TEST_F(host_records, of_one_question_do_not_answer_the_next_one)
+{
+    const test::record_t first = test::host_record(test::gid_number(1), 1),
+                         second = test::host_record(gid_of_port(1), 2);
+    subnet.restore_records({first, second});
+    subnet.faults.latency_ticks = 150;
+    for (const test::record_t& record : {first, second}) {
+        const auto questions = world::sa_questions::open(host.machine());
+        ASSERT_TRUE(questions);
+        const auto answer = (*questions)
+                                ->ask(umad::make_sa_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD,
+                                                            test::mask_gid_lookup, &record, sizeof record));
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(std::memcmp(answer->payload, &record, offsetof(ib_service_record_v2_t, service_pkey)), 0);
+    }
+    subnet.faults.latency_ticks = 0;
+    sim->run_until(sim->now() + 1000);
+}
 
 TEST_F(host_records, that_the_host_has_left_are_deleted_and_no_others)
 {
