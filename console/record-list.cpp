@@ -21,6 +21,21 @@ constexpr uint64_t component(int bit)
     return uint64_t{1} << bit;
 }
 
+} // namespace
+
+uint64_t host_name_components(const std::string& host_name)
+{
+    constexpr ib_service_record_v2_t record{};
+    const bool needs_last = host_name.size() >= sizeof record.service_data32 + sizeof record.service_data64[0];
+    const int end = needs_last ? SR_COMPONENT_COUNT : SR_COMPONENT_COUNT - 1;
+    uint64_t mask = 0;
+    for (int i = SR_COMPONENT_SERVICE_DATA32; i < end; ++i) mask |= component(i);
+    return mask;
+}
+
+namespace
+{
+
 // Selects records at the SA. A record is selected if it equals `example` in all components of `component_mask`. Every
 // `component_mask` contains the ServiceID and the ServiceName, so only records of this service are selected.
 struct record_selection {
@@ -43,7 +58,7 @@ struct record_selection {
         const ib_service_record_v2_t record = records::encode({.host_name = name});
         std::memcpy(example.service_data32, record.service_data32, sizeof example.service_data32);
         std::memcpy(example.service_data64, record.service_data64, sizeof example.service_data64);
-        for (int i = SR_COMPONENT_SERVICE_DATA32; i < SR_COMPONENT_COUNT; ++i) component_mask |= component(i);
+        component_mask |= host_name_components(name);
     }
     sa_mad_v2_t request(uint8_t method) const
     {

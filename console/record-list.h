@@ -32,4 +32,8 @@ struct record_list {
 // answer is too long, or if the port cannot be used.
 ats::result<record_list> list_records(umad::sa_client& sa, const record_filter& filter);
 
+// Returns the component mask that selects records with this host name. Leaves out the last eight bytes of the name if
+// they follow its final zero byte: some SAs do not keep these bytes of a record.
+uint64_t host_name_components(const std::string& host_name);
+
 } // namespace console

@@ -5,7 +5,9 @@
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
+#include "console/record-list.h"
 #include "host/fabric/umad/sa-client.h"
 #include "host/result.h"
 
@@ -26,5 +28,12 @@ void add_real_sa_options(CLI::App& command, real_sa_options& options);
 
 // Opens a client on an active port. If no port is active, the error names 'ats check', which explains why.
 ats::result<std::unique_ptr<umad::sa_client>> open_real_sa(const real_sa_options& options);
+
+// Like console::list_records(), but every error is of the kind `failed`: `unreachable` would give exit code 3, which
+// means that the service does not answer.
+ats::result<console::record_list> list_at_real_sa(umad::sa_client& sa, const console::record_filter& filter);
+
+// Returns {"records", "remarks"} for the user.
+nlohmann::json answer_about(const console::record_list& list);
 
 } // namespace cli

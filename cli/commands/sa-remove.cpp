@@ -7,7 +7,6 @@
 #include "cli/commands/show.h"
 #include "console/errors.h"
 #include "console/gids.h"
-#include "console/record-answer.h"
 #include "console/record-list.h"
 #include "records/host-record.h"
 
@@ -47,7 +46,7 @@ ats::result<> delete_at_sa(umad::sa_client& sa, const std::vector<ib_service_rec
         if (status != 0 && status != status_word(SA_STATUS_NO_RECORDS))
             return ats::fail("the SA refuses to remove the record: status " + records::status_text(status));
     }
-    const auto rest = console::list_records(sa, gid);
+    const auto rest = list_at_real_sa(sa, gid);
     if (!rest) return ats::pass_on(rest);
     if (!rest->records.empty())
         return ats::fail("the SA still holds a record of this GID: does a running host register it again?");
@@ -60,16 +59,11 @@ ats::result<json> remove_at_real_sa(const remove_options& options, const kq_gid_
     const auto sa = open_real_sa(options.sa);
     if (!sa) return ats::pass_on(sa);
     const console::record_filter filter = {.gid = std::to_array(to_wire(gid).bytes)};
-    const auto list = console::list_records(**sa, filter);
-    // Drop the kinds of errors: `unreachable` gives exit code 3, which means that the service does not answer.
-    if (!list) return ats::fail(list.error().text);
+    const auto list = list_at_real_sa(**sa, filter);
+    if (!list) return ats::pass_on(list);
     if (list->records.empty()) return ats::fail("the SA holds no record of " + options.gid);
     if (const auto result = delete_at_sa(**sa, list->records, filter); !result) return ats::fail(result.error().text);
-    json records = json::array();
-    for (const ib_service_record_v2_t& record : list->records)
-        records.push_back(console::record_answer(embedded::view_of(record)));
-    console::add_gid6(records);
-    return json{{"records", records}, {"remarks", list->remarks}};
+    return answer_about(*list);
 }
 
 // Returns true if a host of the service on a real fabric is registered with the GID.

@@ -8,11 +8,11 @@
 #include "console/errors.h"
 #include "console/gids.h"
 #include "console/identity.h"
-#include "console/record-answer.h"
 #include "console/record-list.h"
-#include "host/fabric/embedded/service-records.h"
+#include "host/fabric/embedded/subnet-views.h"
 #include "host/fabric/umad/umad.h"
 #include "host/world/text.h"
+#include "records/host-record.h"
 
 namespace cli
 {
@@ -45,6 +45,9 @@ ats::result<console::record_filter> filter_of(const show_options& options)
         if (!gid) return ats::pass_on(gid);
         filter.gid = std::to_array(to_wire(*gid).bytes);
     }
+    if (options.name.size() > records::host_name_size)
+        return ats::fail(ats::error_kind::invalid,
+                         "a host name has at most " + std::to_string(records::host_name_size) + " bytes");
     if (!options.name.empty()) filter.host_name = options.name;
     return filter;
 }
@@ -53,14 +56,11 @@ ats::result<json> ask_real_sa(const show_options& options, const console::record
 {
     const auto sa = open_real_sa(options.sa);
     if (!sa) return ats::pass_on(sa);
-    const auto list = console::list_records(**sa, filter);
-    // Drop the kind of the error: `unreachable` gives exit code 3, which means that the service does not answer.
-    if (!list) return ats::fail(list.error().text);
-    json records = json::array();
-    for (const ib_service_record_v2_t& record : list->records)
-        records.push_back(console::record_answer(embedded::view_of(record)));
-    console::add_gid6(records);
-    return json{{"records", records}, {"remarks", list->remarks}, {"silent", false}, {"status", nullptr}};
+    const auto list = list_at_real_sa(**sa, filter);
+    if (!list) return ats::pass_on(list);
+    json answer = answer_about(*list);
+    answer.update({{"silent", false}, {"status", nullptr}});
+    return answer;
 }
 
 // Removes from `answer` the records that the filter excludes. An answer of the service always has all records of its

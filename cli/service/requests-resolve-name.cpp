@@ -6,6 +6,7 @@
 
 #include "cli/service/requests.h"
 #include "console/record-answer.h"
+#include "console/record-list.h"
 #include "host/fabric/umad/sa-client.h"
 #include "records/host-record.h"
 
@@ -18,15 +19,12 @@ namespace
 using possible_answer = std::optional<sa_mad_v2_t>; // empty if the SA does not answer
 
 // Makes a SubnAdmGet for the record with that host name. Also selects by ServiceID and ServiceName, which are the same
-// in the records of all hosts. Leaves out the last eight bytes of the name if they follow its final zero byte: some SAs
-// do not keep these bytes of a record.
+// in the records of all hosts.
 sa_mad_v2_t request_for(const std::string& host_name)
 {
     const ib_service_record_v2_t record = records::encode({.host_name = host_name});
-    uint64_t mask = uint64_t{1} << SR_COMPONENT_SERVICE_ID | uint64_t{1} << SR_COMPONENT_SERVICE_NAME;
-    const bool needs_last = host_name.size() >= sizeof record.service_data32 + sizeof record.service_data64[0];
-    const int end = needs_last ? SR_COMPONENT_COUNT : SR_COMPONENT_COUNT - 1;
-    for (int i = SR_COMPONENT_SERVICE_DATA32; i < end; ++i) mask |= uint64_t{1} << i;
+    const uint64_t mask = uint64_t{1} << SR_COMPONENT_SERVICE_ID | uint64_t{1} << SR_COMPONENT_SERVICE_NAME |
+                          console::host_name_components(host_name);
     return umad::make_sa_request(MAD_METHOD_GET, SA_ATTR_SERVICE_RECORD, mask, &record, sizeof record);
 }
 
