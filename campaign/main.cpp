@@ -155,11 +155,11 @@ ats::result<int> replay(const command_line& line)
         if (const ats::result<> result = change(plan, text); !result) return ats::pass_on(result);
     const ats::result<std::vector<size_t>> acts = chosen_acts(plan, line.only);
     if (!acts) return ats::pass_on(acts);
-    if (const ats::result<> distinct = console::check_distinct_files({{"--log", line.options.log_path},
-                                                                      {"--capture", line.options.capture_path},
-                                                                      {"--html", line.picture_path}});
-        !distinct)
-        return ats::pass_on(distinct);
+    if (const ats::result<> result = console::check_distinct_files({{"--log", line.options.log_path},
+                                                                    {"--capture", line.options.capture_path},
+                                                                    {"--html", line.picture_path}});
+        !result)
+        return ats::pass_on(result);
     for (const std::string& path : {line.options.log_path, line.options.capture_path, line.picture_path})
         if (const ats::result<> result = check_writable(path); !result) return ats::pass_on(result);
     const ats::result<run_result> result = run_in_new_process(plan, *acts, line.options);

@@ -34,10 +34,10 @@ uint64_t ticks_of(double seconds)
 
 ats::result<int> replay(const replay_options& options)
 {
-    if (const ats::result<> distinct =
+    if (const ats::result<> result =
             console::check_distinct_files({{"FILE", options.recording}, {"--html", options.html}});
-        !distinct)
-        return ats::pass_on(distinct);
+        !result)
+        return ats::pass_on(result);
     std::ifstream file(options.recording, std::ios::binary);
     std::ostringstream lines;
     lines << file.rdbuf();

@@ -128,10 +128,10 @@ ats::result<int> run_captured_demo(const demo_options& options)
 
 ats::result<int> run_demo(const demo_options& options)
 {
-    if (const ats::result<> distinct =
+    if (const ats::result<> result =
             console::check_distinct_files({{"--capture", options.capture}, {"--html", options.html}});
-        !distinct)
-        return ats::pass_on(distinct);
+        !result)
+        return ats::pass_on(result);
     return options.capture.empty() ? run_drawn_demo(options, nullptr) : run_captured_demo(options);
 }
 

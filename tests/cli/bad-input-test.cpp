@@ -77,6 +77,7 @@ TEST(bad_input, clients_refuse_wrong_arguments_and_the_service_continues)
         {{"link", "up", "--hca", "mlx5"}, 2, "mlx5"},
         {{"link"}, 2, "Try 'ats link --help'"},
         {{"sa", "remove", "fe80::5"}, 2, "embedded fabric: use 'ats sa forget fe80::5'"},
+        {{"sa", "show", "--name", std::string(31, 'n')}, 2, "a host name has at most 30 bytes"},
         {{"sa", "forget", "node1"}, 2, "is not a GID: write 0x and up to 32"},
         {{"sa", "silence", "maybe"}, 2, "STATE: 'maybe' is not possible: write on or off"},
         {{"sa", "status", "0x10000"}, 2, "is not a status word"},
